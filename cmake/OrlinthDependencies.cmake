@@ -1,0 +1,16 @@
+# Everything the programs are built on; each is a package of the distribution.
+
+find_package(Threads REQUIRED)
+find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
+find_package(nlohmann_json 3.11 REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(utf8proc REQUIRED IMPORTED_TARGET libutf8proc)
+pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
+
+# Asio ships no CMake package. Its feature test does not know clang with libstdc++, hence the definitions.
+find_path(ORLINTH_ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+add_library(orlinth_asio INTERFACE)
+target_include_directories(orlinth_asio SYSTEM INTERFACE "$<BUILD_INTERFACE:${ORLINTH_ASIO_INCLUDE_DIR}>")
+target_compile_definitions(orlinth_asio INTERFACE ASIO_STANDALONE ASIO_HAS_CO_AWAIT ASIO_HAS_STD_COROUTINE ASIO_NO_DEPRECATED)
+target_link_libraries(orlinth_asio INTERFACE Threads::Threads)

@@ -1,0 +1,29 @@
+# The program, and what a host application needs to link the core: static libraries of the layers, their headers and
+# the CMake package Orlinth (find_package(Orlinth) gives Orlinth::OrlinthCore).
+include(CMakePackageConfigHelpers)
+
+set(packageDir "${CMAKE_INSTALL_LIBDIR}/cmake/Orlinth")
+
+install(TARGETS orlinth RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+
+# Outside, all names are under Orlinth::, so the layers' own need no prefix.
+set_target_properties(orlinth_base PROPERTIES EXPORT_NAME base)
+set_target_properties(orlinth_platform PROPERTIES EXPORT_NAME platform)
+set_target_properties(orlinth_asio PROPERTIES EXPORT_NAME asio)
+install(TARGETS OrlinthCore orlinth_platform orlinth_base orlinth_asio EXPORT OrlinthTargets
+        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(EXPORT OrlinthTargets NAMESPACE Orlinth:: DESTINATION "${packageDir}")
+
+foreach(layer base platform OrlinthCore)
+  install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/${layer}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/orlinth"
+          FILES_MATCHING PATTERN "*.h")
+endforeach()
+
+configure_package_config_file("${PROJECT_SOURCE_DIR}/packaging/OrlinthConfig.cmake.in"
+  "${PROJECT_BINARY_DIR}/OrlinthConfig.cmake" INSTALL_DESTINATION "${packageDir}")
+# Before 1.0 a new minor version may change anything.
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/OrlinthConfigVersion.cmake" COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/OrlinthConfig.cmake" "${PROJECT_BINARY_DIR}/OrlinthConfigVersion.cmake"
+        DESTINATION "${packageDir}")
+
+install(FILES "${PROJECT_SOURCE_DIR}/LICENSE" "${PROJECT_SOURCE_DIR}/README.md" DESTINATION "${CMAKE_INSTALL_DOCDIR}")

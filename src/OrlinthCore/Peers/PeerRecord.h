@@ -1,0 +1,125 @@
+#pragma once
+
+#include "base/Error.h"
+#include "base/Json.h"
+#include "platform/Directories.h"
+#include "platform/FileSystem.h"
+#include "platform/WholeFile.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orlinth {
+
+/// Everything this computer knows about one paired phone. The JSON keys are the field names.
+struct PeerRecord {
+    std::string peer_pubkey;    ///< the phone's 32-byte static public key in standard Base64; the record's identity
+    std::string peer_ip;        ///< last known address of the phone
+    std::int64_t peer_port = 0; ///< TCP port on which the phone receives
+    std::string peer_subnet;    ///< subnet of the network at pairing time
+    std::string peer_hostname;  ///< the phone's name, which selectors match
+    std::string peer_mac;       ///< hardware address
+    std::int64_t paired_at_epoch_ms = 0;
+    std::string self_pubkey;    ///< this computer's key that was paired, Base64; "" if unknown
+    std::string peer_fcm_token; ///< push token; "" if none
+    std::string peer_android;   ///< the phone's Android identifier; "" if unknown
+
+    [[nodiscard]] PeerRecord withFcmToken(std::string token) const;
+    [[nodiscard]] PeerRecord withHostname(std::string name) const;
+
+    /// All ten keys.
+    [[nodiscard]] Json toJson() const;
+    /// The last three keys may be absent. @throws JsonError
+    [[nodiscard]] static PeerRecord fromJson(const Json& json);
+
+    bool operator==(const PeerRecord&) const = default;
+};
+
+/// The content of the peer store's file.
+struct PeerBook {
+    std::vector<PeerRecord> peers;
+
+    [[nodiscard]] Json toJson() const;
+    /// @throws JsonError
+    [[nodiscard]] static PeerBook fromJson(const Json& json);
+
+    bool operator==(const PeerBook&) const = default;
+};
+
+class PeerStoreError : public Error {
+public:
+    enum class Case { directoryCreate, write, read, decode };
+
+    [[nodiscard]] static PeerStoreError directoryCreate(const std::string& text);
+    [[nodiscard]] static PeerStoreError write(const std::string& text);
+    [[nodiscard]] static PeerStoreError read(const std::string& text);
+    [[nodiscard]] static PeerStoreError decode(const std::string& text);
+
+    [[nodiscard]] Case which() const noexcept { return case_; }
+
+private:
+    PeerStoreError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
+    Case case_;
+};
+
+/// The paired phones, in one JSON file that is read fresh by every call and replaced whole by every change.
+///
+/// A file that does not decode is never overwritten. Changes hold an advisory lock from reading to writing, so that
+/// two processes (or threads) do not lose each other's. All calls block and throw PeerStoreError.
+class PeerStore {
+public:
+    static constexpr const char* defaultDirectoryName = "Orlinth";
+    static constexpr const char* defaultFileName = "peer.json";
+
+    /// The store in the folder "Orlinth" of the user's application data. `files` must outlive the store.
+    PeerStore(platform::FileSystem& files, const platform::UserDirectories& directories,
+              const std::string& fileName = defaultFileName);
+    /// The store in another folder.
+    PeerStore(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName = defaultFileName);
+
+    [[nodiscard]] const platform::Path& fileURL() const noexcept { return fileURL_; }
+    [[nodiscard]] const platform::Path& directoryURL() const noexcept { return directoryURL_; }
+
+    /// Empty if there is no file yet. A file of the older form, one bare record, reads as a book of one.
+    /// @throws PeerStoreError::read, decode. Of a file that is neither form, the text is about the form that it
+    ///         resembles: a book if it has "peers", else a record.
+    [[nodiscard]] PeerBook loadBook() const;
+    /// Replaces the file whole, whatever it held; makes the folder. For the owner alone (0600).
+    /// @throws PeerStoreError::directoryCreate, write
+    void writeBook(const PeerBook& book);
+
+    /// mostRecent(), for callers with a single phone.
+    [[nodiscard]] std::optional<PeerRecord> load() const;
+    /// upsert(), likewise.
+    void save(const PeerRecord& record);
+    /// Removes every record with the same key and appends this one.
+    void upsert(const PeerRecord& record);
+    /// The same, and also removes records of other keys with the same host name and address: the phone has paired anew
+    /// with a new identity. Returns those.
+    std::vector<PeerRecord> upsertReplacingStale(const PeerRecord& record);
+    /// Removes and returns the first match; nothing, and no write, when there is none.
+    std::optional<PeerRecord> removeFirst(const std::function<bool(const PeerRecord&)>& predicate);
+    /// Reads, lets `change` change the book, and writes it if `change` returns true; under the lock throughout.
+    /// Where there is no folder yet, `change` is asked about an empty book first: a change that changes nothing makes
+    /// no folder, any other is asked again under the lock.
+    void update(const std::function<bool(PeerBook&)>& change);
+    /// The record paired last.
+    [[nodiscard]] std::optional<PeerRecord> mostRecent() const;
+    /// The record that a person means: exact host name, else unambiguous host-name prefix, else unambiguous prefix of
+    /// the key's text, in any letter case. @throws PeerStoreError::decode if it is ambiguous.
+    [[nodiscard]] std::optional<PeerRecord> resolve(const std::string& selector) const;
+    /// Removes the file if there is one.
+    void wipe();
+
+private:
+    void createDirectory();
+    [[nodiscard]] platform::FileLock lock();
+
+    platform::FileSystem& files_;
+    platform::Path directoryURL_;
+    platform::Path fileURL_;
+};
+
+} // namespace orlinth

@@ -1,0 +1,184 @@
+#include "OrlinthCore/Receiving/IncomingFile.h"
+
+#include "OrlinthCore/Receiving/PartialMeta.h"
+#include "OrlinthCore/Receiving/ReceiveError.h"
+#include "platform/SystemError.h"
+
+#include <cerrno>
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// Bytes after which write-back of what came in is started, so that the flush at the end finds little to do.
+constexpr std::int64_t writebackStep = 8 << 20;
+
+/// How often a choice is made anew when another program changes the folder between looking and opening.
+constexpr int maxChoices = 64;
+
+/// Runs a step on the disk; a failure becomes fileWriteFailed with the system's words behind `what`.
+template <typename Step>
+auto writing(const std::string& what, Step step) {
+    try {
+        return step();
+    } catch (const platform::SystemError& error) {
+        throw ReceiveError::fileWriteFailed(what + error.description());
+    }
+}
+
+/// Keeps other receivers away from the folder while one chooses its names. It is the folder itself that is locked: no
+/// file of ours has to lie among the user's, and it works between processes as well as within one.
+std::unique_ptr<platform::File> lockFolder(platform::FileSystem& files, const platform::Path& folder) {
+    std::unique_ptr<platform::File> lock = files.open(folder, platform::OpenMode::read);
+    try {
+        lock->lock();
+    } catch (const platform::SystemError& error) {
+        // Some network file systems cannot lock a folder. O_EXCL still keeps two receivers from one fresh partial.
+        const std::error_code code = error.code();
+        if (code != std::errc::no_lock_available && code != std::errc::bad_file_descriptor &&
+            code != std::errc::operation_not_supported && code != std::errc::function_not_supported) {
+            throw;
+        }
+    }
+    return lock;
+}
+
+/// Opens the target's partial file, locked, or nothing if the folder changed since the target was chosen.
+std::unique_ptr<platform::File> openPartial(platform::FileSystem& files, CollisionResolver::Target& target) {
+    const bool isNew = !files.exists(target.partial);
+    std::unique_ptr<platform::File> file;
+    try {
+        file = files.open(target.partial, isNew ? platform::OpenMode::createNew : platform::OpenMode::write,
+                          platform::Links::refuse);
+    } catch (const platform::SystemError& error) {
+        if (error.code() == (isNew ? std::errc::file_exists : std::errc::no_such_file_or_directory)) {
+            return nullptr;
+        }
+        throw;
+    }
+    if (!file->tryLock()) {
+        throw ReceiveError::fileWriteFailed("another receiver is writing " + target.partial.filename().native());
+    }
+    // Until the lock was ours, its holder may have added to the file, or finished it and moved it away.
+    const platform::FileStatus opened = file->status();
+    const std::optional<platform::FileStatus> named = files.status(target.partial);
+    if (!named || named->inode != opened.inode || named->device != opened.device) {
+        return nullptr;
+    }
+    if (target.resumeOffset > 0) {
+        target.resumeOffset = opened.size;
+    }
+    return file;
+}
+
+} // namespace
+
+IncomingFile::IncomingFile(platform::System& system, platform::Path downloadsDir, TransportMessage::FileOffer offer)
+    : system_(&system),
+      downloadsDir_(std::move(downloadsDir)),
+      offer_(std::move(offer)),
+      offerTime_(system.clock.now()) {}
+
+IncomingFile::IncomingFile(IncomingFile&&) noexcept = default;
+
+IncomingFile::~IncomingFile() {
+    if (partial_) {
+        try {
+            partial_->flush();
+        } catch (const std::exception&) {
+            // Whatever ended the transfer is being reported; a resume starts from what the disk has kept.
+        }
+    }
+}
+
+IncomingFile IncomingFile::begin(platform::System& system, const platform::Path& downloadsDir,
+                                 const TransportMessage::FileOffer& offer) {
+    IncomingFile incoming(system, downloadsDir, offer);
+    writing("", [&] { incoming.open(); });
+    return incoming;
+}
+
+void IncomingFile::open() {
+    platform::FileSystem& files = system_->files;
+    const std::unique_ptr<platform::File> folder = lockFolder(files, downloadsDir_);
+    const std::string base = CollisionResolver::sanitize(offer_.name);
+    for (int choice = 0; choice < maxChoices && !partial_; ++choice) {
+        target_ = CollisionResolver::resolveTarget(files, downloadsDir_, base, offer_.transfer_id);
+        partial_ = openPartial(files, target_);
+    }
+    if (!partial_) {
+        throw platform::SystemError::fromErrno(EEXIST);
+    }
+    partial_->seek(target_.resumeOffset);
+    bytesWritten_ = target_.resumeOffset;
+    writtenBack_ = target_.resumeOffset;
+    const PartialMeta meta{.transfer_id = offer_.transfer_id,
+                           .advertised_size = offer_.size,
+                           .started_at_epoch_ms = system_->clock.epochMilliseconds()};
+    try {
+        writing("meta write: ", [&] { PartialMetaIO::save(files, meta, target_.partial); });
+    } catch (const ReceiveError&) {
+        abandonIfEmpty();
+        throw;
+    }
+}
+
+/// An empty partial without a sidecar would only keep its name from the next attempt.
+void IncomingFile::abandonIfEmpty() noexcept {
+    try {
+        if (partial_->status().size == 0 && !PartialMetaIO::load(system_->files, target_.partial)) {
+            system_->files.remove(target_.partial);
+        }
+    } catch (const std::exception&) {
+        // Best effort: the failed sidecar is what is reported.
+    }
+}
+
+TransportMessage IncomingFile::resumeMessage() const {
+    return TransportMessage::resume(offer_.transfer_id, target_.resumeOffset);
+}
+
+void IncomingFile::append(ByteView data) {
+    writing("", [&] { partial_->write(data); });
+    const auto count = static_cast<std::int64_t>(data.size());
+    bytesWritten_ += count;
+    bytesThisSession_ += count;
+    if (bytesWritten_ - writtenBack_ >= writebackStep) {
+        partial_->startWriteback(writtenBack_, bytesWritten_ - writtenBack_);
+        writtenBack_ = bytesWritten_;
+    }
+}
+
+void IncomingFile::moveIntoPlace() {
+    platform::FileSystem& files = system_->files;
+    const std::string base = CollisionResolver::sanitize(offer_.name);
+    if (files.exists(target_.final)) {
+        target_.final = CollisionResolver::resolveFinalURL(files, downloadsDir_, base);
+    }
+    for (int choice = 0; !files.renameNoReplace(target_.partial, target_.final); ++choice) {
+        if (choice == maxChoices) {
+            throw platform::SystemError::fromErrno(EEXIST);
+        }
+        target_.final = CollisionResolver::resolveFinalURL(files, downloadsDir_, base);
+    }
+}
+
+ReceivedFile IncomingFile::finish(const std::string& remoteEndpoint) {
+    platform::FileSystem& files = system_->files;
+    writing("", [&] { partial_->flush(); });
+    // The file stays open, and with it locked, until it has left its partial name.
+    writing("rename: ", [&] { moveIntoPlace(); });
+    partial_.reset();
+    writing("", [&] { files.flushDirectory(downloadsDir_); });
+    PartialMetaIO::remove(files, target_.partial);
+    return {.savedAt = target_.final,
+            .bytesWritten = bytesWritten_,
+            .advertisedSize = offer_.size,
+            .mime = offer_.mime,
+            .remoteEndpoint = remoteEndpoint,
+            .durationSeconds = (system_->clock.now() - offerTime_).count(),
+            .bytesReceivedThisSession = bytesThisSession_,
+            .resumedFromOffset = target_.resumeOffset};
+}
+
+} // namespace orlinth

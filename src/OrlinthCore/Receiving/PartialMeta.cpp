@@ -1,0 +1,51 @@
+#include "OrlinthCore/Receiving/PartialMeta.h"
+
+#include "platform/WholeFile.h"
+
+namespace orlinth {
+
+Json PartialMeta::toJson() const {
+    return {
+        {"transfer_id", transfer_id},
+        {"advertised_size", advertised_size},
+        {"started_at_epoch_ms", started_at_epoch_ms},
+    };
+}
+
+PartialMeta PartialMeta::fromJson(const Json& json) {
+    PartialMeta meta;
+    meta.transfer_id = requireString(json, "transfer_id");
+    meta.advertised_size = requireInt64(json, "advertised_size");
+    meta.started_at_epoch_ms = requireInt64(json, "started_at_epoch_ms");
+    return meta;
+}
+
+platform::Path PartialMetaIO::metaURL(const platform::Path& partial) {
+    return platform::Path(partial) += suffix;
+}
+
+void PartialMetaIO::save(platform::FileSystem& files, const PartialMeta& meta, const platform::Path& partial) {
+    platform::writeWholeFile(files, metaURL(partial), asBytes(prettyJson(meta.toJson())));
+}
+
+std::optional<PartialMeta> PartialMetaIO::load(platform::FileSystem& files, const platform::Path& partial) {
+    try {
+        return PartialMeta::fromJson(parseJson(platform::readWholeFile(files, metaURL(partial))));
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+void PartialMetaIO::remove(platform::FileSystem& files, const platform::Path& partial) {
+    const platform::Path sidecar = metaURL(partial);
+    if (!files.exists(sidecar)) {
+        return;
+    }
+    try {
+        files.remove(sidecar);
+    } catch (const std::exception&) {
+        // Without its partial file a sidecar means nothing to anyone.
+    }
+}
+
+} // namespace orlinth

@@ -1,0 +1,188 @@
+#include "OrlinthCore/Receiving/ReceiveTransfer.h"
+
+#include "base/ConstantTime.h"
+#include "base/OneShot.h"
+#include "platform/Cancelled.h"
+#include "platform/Deadline.h"
+#include "platform/Spawn.h"
+
+#include <optional>
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// Connection or error, whichever of the first phone and the deadline comes first.
+using OnceContinuation = OneShot<std::unique_ptr<platform::Stream>>;
+
+/// Takes the first connection and closes the port, so that it is the only one ever served.
+Task<std::unique_ptr<platform::Stream>> acceptFirst(std::unique_ptr<platform::Listener> listener, Executor queue) {
+    try {
+        std::unique_ptr<platform::Stream> connection = co_await listener->accept(std::move(queue));
+        listener->close();
+        co_return connection;
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        throw ReceiveError::listenerStartFailed(describe(error));
+    }
+}
+
+std::unique_ptr<platform::Listener> startListener(platform::Network& network, std::uint16_t port,
+                                                  const Executor& queue) {
+    if (port == 0) {
+        throw ReceiveError::listenerStartFailed("invalid port " + std::to_string(port));
+    }
+    try {
+        return network.listen({.port = port, .keepAlive = std::nullopt}, queue);
+    } catch (const Error& error) {
+        throw ReceiveError::listenerStartFailed(error.description());
+    }
+}
+
+Task<std::unique_ptr<platform::Stream>> acceptOneConnection(platform::System& system,
+                                                            std::unique_ptr<platform::Listener> listener,
+                                                            Executor queue, double timeout) {
+    OnceContinuation continuation;
+    Task<std::unique_ptr<platform::Stream>> first = acceptFirst(std::move(listener), std::move(queue));
+    const auto timedOut = std::make_exception_ptr(ReceiveError::timedOut());
+    co_await platform::settleFirst(continuation, system.clock, timeout, timedOut, std::move(first));
+    co_return continuation.take();
+}
+
+/// Runs the handshake and checks that the phone is the expected one.
+Task<TransportFramer> authenticate(WireConnection& wire, const ReceiveRequest& request) {
+    NoiseHandshake handshake(NoiseRole::responder, request.staticKey.clone(), asBytes(request.prologue));
+    std::optional<NoiseTransport> transport;
+    try {
+        co_await exchangeAsResponder(wire, handshake);
+        transport.emplace(std::move(handshake).finalize());
+    } catch (const NoiseError& error) {
+        throw ReceiveError::noiseHandshakeFailed(error.description());
+    } catch (const platform::CryptoError& error) {
+        throw ReceiveError::noiseHandshakeFailed(error.description());
+    }
+    if (!constantTimeEquals(transport->remoteStaticPublicKey().raw(), request.expectedPeerPubkey.raw())) {
+        throw ReceiveError::unauthorizedPeer();
+    }
+    co_return TransportFramer(std::move(*transport));
+}
+
+/// The frames of one transfer in their order: one offer, its data, Done.
+class OneTransfer {
+public:
+    OneTransfer(platform::System& system, const ReceiveRequest& request, ReceiveProgress& progress)
+        : system_(system), request_(request), progress_(progress) {}
+
+    /// What a frame asks for.
+    enum class Next { read, answerResume, finish };
+
+    [[nodiscard]] Next take(const FrameView& frame) {
+        if (const auto* data = std::get_if<MutableBytes>(&frame)) {
+            append(*data);
+            return Next::read;
+        }
+        return take(std::get<TransportMessage>(frame));
+    }
+    [[nodiscard]] IncomingFile& file() noexcept { return *file_; }
+
+private:
+    [[nodiscard]] Next take(const TransportMessage& message) {
+        using Tag = TransportMessage::Tag;
+        switch (message.tag()) {
+        case Tag::FileOffer:
+            accept(*message.as<TransportMessage::FileOffer>());
+            return Next::answerResume;
+        case Tag::TokenUpdate:
+            return Next::read;
+        case Tag::Done:
+            if (!file_) {
+                throw ReceiveError::protocolViolation("Done received without FileOffer");
+            }
+            return Next::finish;
+        case Tag::Resume:
+            throw ReceiveError::protocolViolation("unexpected Resume from sender");
+        case Tag::Clipboard:
+            throw ReceiveError::protocolViolation("clipboard frame on one-shot receive path");
+        case Tag::SetName:
+        case Tag::NameUpdate:
+        case Tag::Unpair:
+        case Tag::Decline:
+            break;
+        }
+        throw ReceiveError::protocolViolation("name frame on one-shot receive path");
+    }
+
+    void accept(const TransportMessage::FileOffer& offer) {
+        if (file_) {
+            throw ReceiveError::protocolViolation("duplicate FileOffer");
+        }
+        file_.emplace(IncomingFile::begin(system_, request_.downloadsDir, offer));
+        progress_.onOffer(offer, file_->bytesWritten());
+    }
+
+    void append(ByteView data) {
+        if (!file_) {
+            throw ReceiveError::protocolViolation("binary frame before FileOffer");
+        }
+        file_->append(data);
+        progress_.onProgress(file_->bytesWritten(), file_->offer().size);
+    }
+
+    platform::System& system_;
+    const ReceiveRequest& request_;
+    ReceiveProgress& progress_;
+    std::optional<IncomingFile> file_;
+};
+
+Task<ReceivedFile> receiveFile(WireConnection& wire, TransportFramer& framer, OneTransfer& transfer) {
+    FrameBuffer buffer;
+    for (;;) {
+        co_await wire.receiveFrame(buffer);
+        const FrameView frame = framer.decodeInPlace(buffer.body());
+        const OneTransfer::Next next = transfer.take(frame);
+        if (next == OneTransfer::Next::answerResume) {
+            const Bytes resume = framer.encodeJSON(transfer.file().resumeMessage());
+            co_await wire.sendLengthPrefixed(resume);
+        } else if (next == OneTransfer::Next::finish) {
+            co_return transfer.file().finish(wire.remoteEndpoint());
+        }
+    }
+}
+
+/// The whole receive, on its own queue.
+Task<ReceivedFile> receiveOnQueue(platform::System& system, ReceiveRequest request, Executor queue) {
+    ReceiveProgress unwatched;
+    ReceiveProgress& progress = request.progress != nullptr ? *request.progress : unwatched;
+
+    system.files.createDirectories(request.downloadsDir);
+    std::unique_ptr<platform::Listener> listener =
+        request.listener ? std::move(request.listener) : startListener(system.network, request.port, queue);
+    progress.onListening(listener->port());
+    std::unique_ptr<platform::Stream> connection =
+        co_await acceptOneConnection(system, std::move(listener), queue, request.acceptTimeout);
+    WireConnection wire(std::move(connection), system.clock);
+    progress.onConnected(wire.remoteEndpoint());
+
+    TransportFramer framer = co_await authenticate(wire, request);
+    progress.onHandshakeComplete();
+    OneTransfer transfer(system, request, progress);
+    co_return co_await receiveFile(wire, framer, transfer);
+}
+
+} // namespace
+
+void ReceiveProgress::onListening(std::uint16_t) {}
+void ReceiveProgress::onConnected(const std::string&) {}
+void ReceiveProgress::onHandshakeComplete() {}
+void ReceiveProgress::onOffer(const TransportMessage::FileOffer&, std::int64_t) {}
+void ReceiveProgress::onProgress(std::int64_t, std::int64_t) {}
+
+Task<ReceivedFile> receiveOneTransfer(platform::System& system, ReceiveRequest request) {
+    const Executor queue = system.network.makeSerialQueue("orlinth.receive");
+    Task<ReceivedFile> receive = receiveOnQueue(system, std::move(request), queue);
+    co_return co_await platform::runOn(queue, std::move(receive));
+}
+
+} // namespace orlinth

@@ -1,0 +1,32 @@
+#include "OrlinthCore/SecureChannel/HandshakeExchange.h"
+
+namespace orlinth {
+
+namespace {
+
+Task<> send(WireConnection& wire, NoiseHandshake& handshake) {
+    const Bytes message = handshake.writeMessage({});
+    co_await wire.sendLengthPrefixed(message);
+}
+
+Task<> receive(WireConnection& wire, NoiseHandshake& handshake) {
+    FrameBuffer message;
+    co_await wire.receiveFrame(message, NoiseHandshake::maxMessageBytes);
+    static_cast<void>(handshake.readMessage(message.body())); // whatever the payload says, nobody has asked for it
+}
+
+} // namespace
+
+Task<> exchangeAsInitiator(WireConnection& wire, NoiseHandshake& handshake) {
+    co_await send(wire, handshake);
+    co_await receive(wire, handshake);
+    co_await send(wire, handshake);
+}
+
+Task<> exchangeAsResponder(WireConnection& wire, NoiseHandshake& handshake) {
+    co_await receive(wire, handshake);
+    co_await send(wire, handshake);
+    co_await receive(wire, handshake);
+}
+
+} // namespace orlinth

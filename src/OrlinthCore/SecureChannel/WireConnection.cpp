@@ -1,0 +1,184 @@
+#include "OrlinthCore/SecureChannel/WireConnection.h"
+
+#include "base/Endian.h"
+#include "platform/Cancelled.h"
+#include "platform/Deadline.h"
+
+#include <asio/this_coro.hpp>
+
+#include <algorithm>
+#include <array>
+
+namespace orlinth {
+
+namespace {
+
+/// What is committed for a body before any of it has come; beyond it, memory at most doubles what has.
+constexpr std::size_t firstStepBytes = 65'536;
+
+/// The peer stayed silent until the farewell's deadline. Never leaves this file.
+class Silence : public std::exception {};
+
+/// Called in a handler: what the network threw, as our own error; a cancellation as it is.
+[[noreturn]] void rethrowAsUnderlying(const std::exception& error) {
+    if (platform::isCancellation(error)) {
+        throw;
+    }
+    throw WireConnection::Error::underlying(describe(error));
+}
+
+} // namespace
+
+/// Cancels the connection unless it is destroyed before the idle time-out has passed.
+class WireConnection::IdleAlarm {
+public:
+    explicit IdleAlarm(WireConnection& wire) {
+        if (!wire.idleTimeout) {
+            return;
+        }
+        if (!wire.idleTimer_) {
+            wire.idleTimer_ = wire.clock_.makeTimer(wire.connection_->executor());
+        }
+        timer_ = wire.idleTimer_.get();
+        timer_->arm(*wire.idleTimeout, [connection = wire.connection_.get()] { connection->cancel(); });
+    }
+    IdleAlarm(const IdleAlarm&) = delete;
+    IdleAlarm& operator=(const IdleAlarm&) = delete;
+    ~IdleAlarm() {
+        if (timer_ != nullptr) {
+            timer_->disarm();
+        }
+    }
+
+private:
+    platform::Timer* timer_ = nullptr;
+};
+
+WireConnection::WireConnection(std::unique_ptr<platform::Stream> connection, platform::Clock& clock)
+    : connection_(std::move(connection)), clock_(clock) {}
+
+WireConnection::~WireConnection() = default;
+
+Task<> WireConnection::sendLengthPrefixed(ByteView data) {
+    if (data.size() > maxFrameBytes) {
+        throw Error::oversize(static_cast<std::int64_t>(data.size()));
+    }
+    FrameBuffer buffer;
+    buffer.resizeBody(data.size());
+    std::ranges::copy(data, buffer.body().begin());
+    co_await sendRaw(buffer.frame());
+}
+
+Task<> WireConnection::sendFrame(FrameBuffer& buffer) {
+    const std::size_t length = buffer.body().size();
+    if (length > maxFrameBytes) {
+        throw Error::oversize(static_cast<std::int64_t>(length));
+    }
+    co_await sendRaw(buffer.frame());
+}
+
+Task<Bytes> WireConnection::receiveLengthPrefixed() {
+    FrameBuffer buffer;
+    co_await receiveFrame(buffer);
+    co_return toBytes(buffer.body());
+}
+
+Task<> WireConnection::receiveFrame(FrameBuffer& buffer, std::size_t limit) {
+    std::array<std::byte, lengthPrefixBytes> prefix{};
+    co_await receiveExact(prefix);
+    const std::size_t length = loadBigEndian32(prefix);
+    if (length > std::min(limit, maxFrameBytes)) {
+        throw Error::oversize(static_cast<std::int64_t>(length));
+    }
+    buffer.resizeBody(0);
+    co_await receiveBody(buffer, length);
+}
+
+/// One read where the buffer is large enough, as it is once a transfer runs; else several, each for at most as much
+/// as has already come, so that a prefix alone takes no memory. The time-out covers the body as a whole.
+Task<> WireConnection::receiveBody(FrameBuffer& buffer, std::size_t length) {
+    if (length == 0) {
+        co_return;
+    }
+    const IdleAlarm alarm(*this);
+    for (std::size_t filled = 0; filled < length;) {
+        const std::size_t committed = std::max({firstStepBytes, 2 * filled, buffer.bodyCapacity()});
+        buffer.resizeBody(std::min(length, committed));
+        const MutableBytes rest = buffer.body().subspan(filled);
+        co_await readFully(rest);
+        filled += rest.size();
+    }
+}
+
+Task<> WireConnection::receiveExact(MutableBytes into) {
+    if (into.empty()) {
+        co_return;
+    }
+    const IdleAlarm alarm(*this);
+    co_await readFully(into);
+}
+
+Task<> WireConnection::readFully(MutableBytes into) {
+    std::size_t count = 0;
+    try {
+        count = co_await connection_->readExact(into);
+    } catch (const std::exception& error) {
+        rethrowAsUnderlying(error);
+    }
+    if (count != into.size()) {
+        throw Error::eof();
+    }
+}
+
+Task<> WireConnection::sendRaw(ByteView data) {
+    try {
+        co_await connection_->writeAll(data);
+    } catch (const std::exception& error) {
+        rethrowAsUnderlying(error);
+    }
+}
+
+Task<WireConnection::Farewell> WireConnection::closeAfterFarewell(double seconds) {
+    struct Closing {
+        WireConnection& wire;
+        ~Closing() { wire.close(); }
+    } const closing{*this};
+    connection_->finishWriting();
+    if (seconds <= 0) {
+        co_return Farewell::silent;
+    }
+    OneShot<Farewell> outcome;
+    co_await platform::settleFirst(outcome, clock_, seconds, std::make_exception_ptr(Silence()), readToTheEnd());
+    const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
+    if (state.cancelled() != asio::cancellation_type::none) {
+        throw platform::Cancelled();
+    }
+    try {
+        co_return outcome.take();
+    } catch (const Silence&) {
+        co_return Farewell::silent;
+    }
+}
+
+Task<WireConnection::Farewell> WireConnection::readToTheEnd() {
+    const auto dropped = std::make_unique_for_overwrite<std::byte[]>(firstStepBytes);
+    const MutableBytes into(dropped.get(), firstStepBytes);
+    std::size_t count = into.size();
+    try {
+        while (count == into.size()) {
+            count = co_await connection_->readExact(into);
+        }
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        co_return Farewell::brokeOff;
+    }
+    co_return Farewell::closed;
+}
+
+void WireConnection::close() noexcept {
+    connection_->cancel();
+}
+
+} // namespace orlinth

@@ -1,0 +1,104 @@
+#pragma once
+
+#include "OrlinthCore/SecureChannel/FrameBuffer.h"
+#include "base/Error.h"
+#include "platform/Clock.h"
+#include "platform/Network.h"
+
+#include <memory>
+#include <optional>
+
+namespace orlinth {
+
+/// One established stream, carried as whole frames: a 4-byte big-endian length, then so many bytes of body.
+///
+/// Knows nothing of encryption or message types. Zero-length bodies are legal.
+///
+/// Ownership: owns the stream; destroying it closes the connection.
+/// Threading: every call and every resume happens on the stream's executor. One reader and one writer at a time.
+/// After any exception only close() may follow; close() may follow always, more than once.
+class WireConnection {
+public:
+    class Error;
+
+    /// Width of the length prefix.
+    static constexpr std::size_t lengthPrefixBytes = FrameBuffer::prefixBytes;
+    /// Largest body in either direction: 16 MiB of plaintext, its tag, with room to spare.
+    static constexpr std::size_t maxFrameBytes = 0x0100'0040;
+
+    /// `clock` must outlive the connection.
+    WireConnection(std::unique_ptr<platform::Stream> connection, platform::Clock& clock);
+    ~WireConnection();
+
+    /// Seconds that any single read (a prefix, or a body) may take before the connection is cancelled; absent, the
+    /// default, means for ever. Read at the start of each read.
+    std::optional<double> idleTimeout;
+
+    /// Sends one frame; returns when the system has taken all bytes, not when the peer has read them.
+    /// `data` must stay valid until then.
+    /// @throws Error::oversize before any byte is sent; Error::underlying if the network fails.
+    [[nodiscard]] Task<> sendLengthPrefixed(ByteView data);
+    /// The body of the next frame.
+    /// @throws Error::oversize if the prefix announces too much, with the body unread; Error::eof if the stream ends
+    ///         early; Error::underlying if the network fails or the idle time-out has passed.
+    [[nodiscard]] Task<Bytes> receiveLengthPrefixed();
+
+    /// The same two without a copy: the frame lies in `buffer`, which the caller keeps until the call returns.
+    [[nodiscard]] Task<> sendFrame(FrameBuffer& buffer);
+    /// Fills `buffer` with the next body. Memory is taken as bytes arrive, not as the prefix announces them.
+    /// `limit` lowers the largest body accepted here.
+    [[nodiscard]] Task<> receiveFrame(FrameBuffer& buffer, std::size_t limit = maxFrameBytes);
+
+    /// How the peer ended the conversation after we had said our last word.
+    enum class Farewell { closed, brokeOff, silent };
+    /// Says that nothing more will be sent, waits until the peer closes, at most `seconds`, and closes.
+    ///
+    /// Closing with unread input makes the kernel send a reset, which can destroy what is still on its way to the
+    /// peer; so whatever still comes is read and dropped. Never fails (but with Cancelled, and closes then too).
+    /// Zero seconds or less: closes at once, and the peer was silent.
+    [[nodiscard]] Task<Farewell> closeAfterFarewell(double seconds);
+
+    /// Cancels the connection. Pending and later calls fail.
+    void close() noexcept;
+
+    [[nodiscard]] std::string remoteEndpoint() const { return connection_->remoteEndpoint(); }
+
+private:
+    class IdleAlarm;
+
+    [[nodiscard]] Task<> sendRaw(ByteView data);
+    [[nodiscard]] Task<> receiveExact(MutableBytes into);
+    [[nodiscard]] Task<> receiveBody(FrameBuffer& buffer, std::size_t length);
+    [[nodiscard]] Task<> readFully(MutableBytes into);
+    [[nodiscard]] Task<Farewell> readToTheEnd();
+
+    std::unique_ptr<platform::Stream> connection_;
+    platform::Clock& clock_;
+    std::unique_ptr<platform::Timer> idleTimer_; // made at the first read that has a time-out
+};
+
+/// What WireConnection throws.
+class WireConnection::Error : public orlinth::Error {
+public:
+    enum class Case { underlying, oversize, eof };
+
+    [[nodiscard]] static Error underlying(const std::string& text) {
+        return {Case::underlying, "wire I/O error: " + text, 0};
+    }
+    [[nodiscard]] static Error oversize(std::int64_t length) {
+        return {Case::oversize, "wire frame size " + std::to_string(length) + " exceeds cap", length};
+    }
+    [[nodiscard]] static Error eof() { return {Case::eof, "wire EOF before expected bytes", 0}; }
+
+    [[nodiscard]] Case which() const noexcept { return case_; }
+    /// The offending length; of oversize only.
+    [[nodiscard]] std::int64_t length() const noexcept { return length_; }
+
+private:
+    Error(Case which, std::string description, std::int64_t length)
+        : orlinth::Error(std::move(description)), case_(which), length_(length) {}
+    Case case_;
+    std::int64_t length_;
+};
+
+} // namespace orlinth

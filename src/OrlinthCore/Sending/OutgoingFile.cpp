@@ -1,0 +1,47 @@
+#include "OrlinthCore/Sending/OutgoingFile.h"
+
+#include "OrlinthCore/Sending/InFlightJournal.h"
+#include "OrlinthCore/Sending/SendError.h"
+#include "base/Text.h"
+#include "platform/SystemError.h"
+
+#include <cerrno>
+
+namespace orlinth {
+
+std::string mimeType(const platform::MimeTypes& mimeTypes, const platform::Path& url) {
+    const std::string extension = pathExtension(lastPathComponent(url.native()));
+    std::optional<std::string> type;
+    if (!extension.empty()) {
+        type = mimeTypes.typeForExtension(extension);
+    }
+    return type.value_or("application/octet-stream");
+}
+
+OutgoingFile examineFile(platform::System& system, const platform::Path& url) {
+    if (!system.files.exists(url)) {
+        throw SendError::fileMissing(url.native());
+    }
+    const std::optional<platform::FileStatus> status = system.files.status(url);
+    if (!status) {
+        throw SendError::fileMissing(url.native());
+    }
+    if (status->kind == platform::FileKind::directory) {
+        throw SendError::fileRead(platform::SystemError::fromErrno(EISDIR).description());
+    }
+    if (status->kind != platform::FileKind::regular) {
+        throw SendError::fileRead("not a regular file");
+    }
+    OutgoingFile file{.name = toUtf8(lastPathComponent(url.native())),
+                      .size = status->size,
+                      .mime = mimeType(system.mimeTypes, url),
+                      .fingerprint = ""};
+    try {
+        file.fingerprint = FileFingerprint::compute(system.files, url);
+    } catch (const platform::SystemError&) {
+        // The journal works without it; if the file cannot be read at all, the send will say so.
+    }
+    return file;
+}
+
+} // namespace orlinth

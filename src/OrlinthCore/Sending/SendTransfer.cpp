@@ -1,0 +1,180 @@
+#include "OrlinthCore/Sending/SendTransfer.h"
+
+#include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "OrlinthCore/Sending/OutgoingConnection.h"
+#include "OrlinthCore/Sending/OutgoingFile.h"
+#include "base/Base64.h"
+#include "base/ConstantTime.h"
+#include "base/Precondition.h"
+#include "platform/Cancelled.h"
+#include "platform/Spawn.h"
+
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// Bytes of the file in one frame.
+constexpr std::size_t chunkBytes = 1'048'576;
+static_assert(chunkBytes + 1 <= TransportFramer::maxPlaintextBytes);
+static_assert(chunkBytes + TransportFramer::overheadBytes <= WireConnection::maxFrameBytes);
+
+/// How long the phone may take to close after Done, in seconds.
+constexpr double farewellSeconds = 1.0;
+
+std::uint16_t portOf(const PeerRecord& peer) {
+    if (!std::in_range<std::uint16_t>(peer.peer_port)) {
+        preconditionFailed("peer_port is outside 0 to 65535");
+    }
+    return static_cast<std::uint16_t>(peer.peer_port);
+}
+
+/// Runs the handshake and checks that the phone is the one that was paired.
+Task<TransportFramer> authenticate(WireConnection& wire, const SendRequest& request, const Bytes& peerPubkey) {
+    NoiseHandshake handshake(NoiseRole::initiator, request.staticKey.clone(), asBytes(request.prologue));
+    try {
+        co_await exchangeAsInitiator(wire, handshake);
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        throw SendError::noiseHandshakeFailed(describe(error));
+    }
+    NoiseTransport transport = std::move(handshake).finalize();
+    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), peerPubkey)) {
+        throw SendError::unauthorizedPeer();
+    }
+    co_return TransportFramer(std::move(transport));
+}
+
+/// The offset in the phone's answer to the offer.
+std::int64_t acceptedOffset(const FrameView& answer, const std::string& transferId, std::int64_t size) {
+    if (const auto* message = std::get_if<TransportMessage>(&answer)) {
+        if (const auto* resume = message->as<TransportMessage::Resume>()) {
+            if (resume->transfer_id != transferId) {
+                throw SendError::malformedResume("transfer_id mismatch (got " + resume->transfer_id + ", want " +
+                                                 transferId + ")");
+            }
+            if (resume->accepted_offset < 0 || resume->accepted_offset > size) {
+                throw SendError::malformedResume("accepted_offset out of range: " +
+                                                 std::to_string(resume->accepted_offset) + "/" + std::to_string(size));
+            }
+            return resume->accepted_offset;
+        }
+        if (message->as<TransportMessage::Unpair>() != nullptr) {
+            throw SendError::peerRemoved();
+        }
+        if (message->as<TransportMessage::Decline>() != nullptr) {
+            throw SendError::declined();
+        }
+    }
+    throw SendError::unexpectedFrame("expected Resume, got " + describeFrame(answer));
+}
+
+/// Runs a step of reading the source; a failure says what was tried.
+template <typename Step>
+auto readingSource(const std::string& what, Step step) {
+    try {
+        return step();
+    } catch (const Error& error) {
+        throw SendError::fileRead(what + error.description());
+    }
+}
+
+std::unique_ptr<platform::File> openAt(platform::FileSystem& files, const platform::Path& path, std::int64_t offset) {
+    std::unique_ptr<platform::File> file =
+        readingSource("", [&] { return files.open(path, platform::OpenMode::read); });
+    if (offset != 0) {
+        readingSource("seek to " + std::to_string(offset) + " failed: ", [&] { file->seek(offset); });
+    }
+    return file;
+}
+
+/// Streams the file from `offset` to its end, whatever its size was when it was offered; returns how many bytes went.
+///
+/// A chunk is read, sealed and sent in one buffer. The next is read only when the system has taken the one before, so
+/// a slow phone slows the reading down and memory stays at one chunk.
+Task<std::int64_t> stream(WireConnection& wire, TransportFramer& framer, FrameBuffer& buffer, platform::File& file,
+                          std::int64_t offset, std::int64_t size, const SendRequest& request, SendProgress& progress) {
+    std::int64_t sent = 0;
+    for (;;) {
+        if (request.cancel && request.cancel()) {
+            throw SendError::cancelled();
+        }
+        const MutableBytes room = TransportFramer::binaryPayload(buffer, chunkBytes);
+        const std::size_t count = readingSource("read failed: ", [&] { return file.read(room); });
+        if (count == 0) {
+            co_return sent;
+        }
+        framer.sealBinary(buffer, count);
+        co_await wire.sendFrame(buffer);
+        sent += static_cast<std::int64_t>(count);
+        progress.onProgress(offset + sent, size);
+    }
+}
+
+/// The whole send, on its own queue.
+Task<SentFile> sendOnQueue(platform::System& system, SendRequest request, Executor queue) {
+    SendProgress unwatched;
+    SendProgress& progress = request.progress != nullptr ? *request.progress : unwatched;
+
+    const OutgoingFile source = examineFile(system, request.fileURL);
+    progress.onFile(source.name, source.size, source.mime);
+    const std::string transferId =
+        request.journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint);
+    const std::optional<Bytes> peerPubkey = base64Decode(request.peer.peer_pubkey);
+    if (!peerPubkey) {
+        throw SendError::unauthorizedPeer();
+    }
+
+    std::unique_ptr<platform::Stream> connection =
+        co_await openConnection(system, request.peer.peer_ip, portOf(request.peer), queue, request.warmConnectTimeout);
+    progress.onConnected();
+
+    WireConnection wire(std::move(connection), system.clock);
+    TransportFramer framer = co_await authenticate(wire, request, *peerPubkey);
+    progress.onHandshakeComplete();
+
+    const Bytes offer =
+        framer.encodeJSON(TransportMessage::fileOffer(source.name, source.size, source.mime, transferId));
+    co_await wire.sendLengthPrefixed(offer);
+    FrameBuffer buffer;
+    co_await wire.receiveFrame(buffer);
+    const std::int64_t offset = acceptedOffset(framer.decodeInPlace(buffer.body()), transferId, source.size);
+
+    const platform::Clock::Instant start = system.clock.now();
+    const std::unique_ptr<platform::File> file = openAt(system.files, request.fileURL, offset);
+    progress.onProgress(offset, source.size);
+    const std::int64_t sent = co_await stream(wire, framer, buffer, *file, offset, source.size, request, progress);
+    const Bytes done = framer.encodeJSON(TransportMessage::done());
+    co_await wire.sendLengthPrefixed(done);
+    request.journal.complete(source.name, source.size, source.mime, source.fingerprint);
+
+    const SentFile result{.savedPath = request.fileURL.native(),
+                          .bytesSent = offset + sent,
+                          .advertisedSize = source.size,
+                          .durationSeconds = (system.clock.now() - start).count(),
+                          .resumedFromOffset = offset};
+    progress.onComplete(result);
+    const WireConnection::Farewell farewell = co_await wire.closeAfterFarewell(farewellSeconds);
+    progress.onFarewell(farewell);
+    co_return result;
+}
+
+} // namespace
+
+void SendProgress::onFile(const std::string&, std::int64_t, const std::string&) {}
+void SendProgress::onConnected() {}
+void SendProgress::onWaking() {}
+void SendProgress::onHandshakeComplete() {}
+void SendProgress::onProgress(std::int64_t, std::int64_t) {}
+void SendProgress::onComplete(const SentFile&) {}
+void SendProgress::onFarewell(WireConnection::Farewell) {}
+
+Task<SentFile> sendOneFile(platform::System& system, SendRequest request) {
+    const Executor queue = system.network.makeSerialQueue("orlinth.send");
+    Task<SentFile> send = sendOnQueue(system, std::move(request), queue);
+    co_return co_await platform::runOn(queue, std::move(send));
+}
+
+} // namespace orlinth

@@ -1,0 +1,68 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "OrlinthCore/SecureChannel/HandshakeExchange.h"
+#include "OrlinthCore/Sending/InFlightJournal.h"
+#include "OrlinthCore/Sending/SendError.h"
+#include "platform/System.h"
+
+#include <functional>
+
+namespace orlinth {
+
+/// What a completed send came to.
+struct SentFile {
+    std::string savedPath;           ///< the local file that was sent
+    std::int64_t bytesSent = 0;      ///< bytes that the phone holds at the end: the resume offset and what was sent now
+    std::int64_t advertisedSize = 0; ///< as the offer said
+    double durationSeconds = 0;      ///< from the acceptance of the Resume to the end
+    std::int64_t resumedFromOffset = 0; ///< 0 for a fresh transfer
+
+    bool operator==(const SentFile&) const = default;
+};
+
+/// Watches one send, on the queue that the send runs on. Every call does nothing unless it is overridden.
+class SendProgress {
+public:
+    virtual ~SendProgress() = default;
+    /// The file has been examined.
+    virtual void onFile(const std::string& name, std::int64_t size, const std::string& mime);
+    /// A connection to the phone is up.
+    virtual void onConnected();
+    /// A wake push was delivered and connecting begins again.
+    virtual void onWaking();
+    /// The phone has proved its key.
+    virtual void onHandshakeComplete();
+    /// Bytes that the phone holds so far, of the advertised size.
+    virtual void onProgress(std::int64_t bytesSent, std::int64_t totalBytes);
+    virtual void onComplete(const SentFile& result);
+    /// After the end: how the phone took its leave. It does not change the outcome.
+    virtual void onFarewell(WireConnection::Farewell farewell);
+};
+
+/// One send. What is referred to outlives it.
+struct SendRequest {
+    platform::Path fileURL;
+    PeerRecord peer;
+    const platform::PrivateKey& staticKey;
+    InFlightJournal& journal;
+    std::string prologue = std::string(kOrlinthPrologue);
+    double warmConnectTimeout;         ///< seconds for the first attempt to connect
+    double postWakeConnectTimeout;     ///< seconds in which attempts are made after a wake
+    double postWakeAttemptTimeout;     ///< seconds for each of those
+    double postWakeRetryInterval;      ///< seconds between them
+    std::function<bool()> cancel = {}; ///< asked before each chunk, on any thread; true ends the transfer
+    SendProgress* progress = nullptr;
+};
+
+/// Sends one file to one paired phone: connects, proves and checks keys, offers the file under an id that survives
+/// restarts, lets the phone say from where it wants it, streams the rest and says Done.
+///
+/// The journal entry is written before the first connection and removed after Done was sent, so a failed send can be
+/// resumed by the next one. Memory is about one chunk, whatever the file's size.
+/// Cancelling the task closes the connection and leaves the journal entry.
+/// @throws SendError for the cases named there; platform::SystemError if the file's attributes cannot be read;
+///         WireConnection::Error and TransportFramer::Error as they come after the handshake.
+[[nodiscard]] Task<SentFile> sendOneFile(platform::System& system, SendRequest request);
+
+} // namespace orlinth

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "base/Bytes.h"
+#include "base/Error.h"
+
+#include <nlohmann/json.hpp>
+
+#include <optional>
+
+namespace orlinth {
+
+/// A JSON value. Object members are kept and written in the order of their keys' bytes.
+using Json = nlohmann::json;
+
+/// A text that is not JSON, or JSON that is not what was asked for. The text says what and where.
+class JsonError : public Error {
+public:
+    explicit JsonError(std::string text) : Error(std::move(text)) {}
+};
+
+/// How deep arrays and objects may nest in a text from outside.
+inline constexpr int maxJsonDepth = 32;
+
+/// Parses one JSON text (RFC 8259). Of duplicate keys the last one wins.
+/// @throws JsonError where it is malformed, is not UTF-8, nests deeper than maxJsonDepth, has a number that a double
+///         or a 64-bit integer cannot hold, or has anything but white space behind its end.
+[[nodiscard]] Json parseJson(ByteView text);
+[[nodiscard]] Json parseJson(std::string_view text);
+
+/// Compact form: keys sorted, no white space, "/" not escaped, everything but controls in plain UTF-8.
+/// Texts must be UTF-8; a byte that is not becomes U+FFFD.
+[[nodiscard]] std::string compactJson(const Json& value);
+
+/// Form for files that people read: keys sorted, two-space indents, `"key" : value`, "/" not escaped, no line end
+/// behind the last brace.
+[[nodiscard]] std::string prettyJson(const Json& value);
+
+/// The members of an object, read by type. Unknown members are nobody's business.
+/// All throw JsonError: not an object, a missing member, a member of another type or out of range.
+[[nodiscard]] std::string requireString(const Json& object, const char* key);
+[[nodiscard]] std::int64_t requireInt64(const Json& object, const char* key);
+/// A member that may be absent (or null).
+[[nodiscard]] std::optional<std::string> optionalString(const Json& object, const char* key);
+
+} // namespace orlinth

@@ -1,0 +1,74 @@
+#include "orlinth/Hints.h"
+
+#include "OrlinthCore/Receiving/ReceiveError.h"
+#include "OrlinthCore/SecureChannel/WireConnection.h"
+#include "OrlinthCore/Sending/SendError.h"
+#include "orlinth/Output.h"
+
+namespace orlinth::host {
+
+namespace {
+
+std::string hintForNetwork(const std::string& detail, const std::string& where) {
+    if (detail.find("timed out") != std::string::npos || detail.find("refused") != std::string::npos) {
+        return "Is " + where + " awake, on this network, and ready to receive?";
+    }
+    if (detail.find("unreachable") != std::string::npos) {
+        return "Is this computer on the same network as " + where + "?";
+    }
+    return "The address in use is that of " + where + "; `orlinth peers` lists what is recorded.";
+}
+
+} // namespace
+
+std::string hintForSending(const std::exception& error, const std::string& where) {
+    if (const auto* host = dynamic_cast<const HostError*>(&error)) {
+        return host->hint();
+    }
+    if (dynamic_cast<const WireConnection::Error*>(&error) != nullptr) {
+        return "The connection to " + where + " broke. Send the file again: it goes on where it stopped.";
+    }
+    const auto* send = dynamic_cast<const SendError*>(&error);
+    if (send == nullptr) {
+        return {};
+    }
+    switch (send->which()) {
+    case SendError::Case::network:
+        return hintForNetwork(send->detail(), where);
+    case SendError::Case::noiseHandshakeFailed:
+        return "What answers for " + where + " is not ready, or it does not know this computer. Is the app open there?";
+    case SendError::Case::unauthorizedPeer:
+        return "What answers for " + where + " is not the phone that was paired. If it was set up anew, pair it again.";
+    default:
+        return {};
+    }
+}
+
+std::string hintForReceiving(const std::exception& error, const std::string& from) {
+    if (const auto* host = dynamic_cast<const HostError*>(&error)) {
+        return host->hint();
+    }
+    if (dynamic_cast<const WireConnection::Error*>(&error) != nullptr) {
+        return "The connection broke. What has arrived is kept: receive again, and " + from + " goes on from there.";
+    }
+    const auto* receive = dynamic_cast<const ReceiveError*>(&error);
+    if (receive == nullptr) {
+        return {};
+    }
+    switch (receive->which()) {
+    case ReceiveError::Case::timedOut:
+        return "Nobody connected in time. Is " + from + " on this network, and does it know this port?";
+    case ReceiveError::Case::listenerStartFailed:
+        return "Another port may be free: --port 0 takes one that is.";
+    case ReceiveError::Case::unauthorizedPeer:
+        return "Whoever connected is not " + from + ". Nothing was received.";
+    case ReceiveError::Case::noiseHandshakeFailed:
+        return "Whoever connected did not complete the greeting. Nothing was received.";
+    case ReceiveError::Case::fileWriteFailed:
+        return "What has arrived is kept: with room and permission in the folder, receive again to go on from there.";
+    default:
+        return {};
+    }
+}
+
+} // namespace orlinth::host

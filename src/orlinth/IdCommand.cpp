@@ -1,0 +1,45 @@
+#include "base/Text.h"
+#include "orlinth/Command.h"
+
+#include <array>
+#include <unistd.h>
+
+namespace orlinth::host {
+
+namespace {
+
+/// The kernel's name for this computer, whole.
+std::string hostName() {
+    std::array<char, 256> name{};
+    return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
+}
+
+class IdCommand final : public Command {
+public:
+    explicit IdCommand(CLI::App& program)
+        : Command(program.add_subcommand("id", "Show this computer's identity; makes it on first use.")) {
+        addJsonFlag("Print one JSON object: self_pubkey, hostname, data_dir.");
+    }
+
+    int run(Host& host) override {
+        const std::string publicKey = host.staticKey().publicKey().base64();
+        const std::string directory = host.dataDirectory().string();
+        Json fields;
+        fields["self_pubkey"] = publicKey;
+        fields["hostname"] = hostName();
+        fields["data_dir"] = directory;
+        host.output.event("id", std::move(fields));
+        host.output.result("public key   " + publicKey);
+        host.output.result("host name    " + madeVisible(hostName()));
+        host.output.result("data folder  " + directory);
+        return 0;
+    }
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeIdCommand(CLI::App& program) {
+    return std::make_unique<IdCommand>(program);
+}
+
+} // namespace orlinth::host

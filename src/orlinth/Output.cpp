@@ -1,0 +1,100 @@
+#include "orlinth/Output.h"
+
+#include "base/Text.h"
+#include "platform/SystemError.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <unistd.h>
+
+namespace orlinth::host {
+
+namespace {
+
+/// Writes all of it; the errno of the failure, or 0.
+int writeAll(int descriptor, std::string_view text) noexcept {
+    while (!text.empty()) {
+        const ssize_t written = write(descriptor, text.data(), text.size());
+        if (written >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+            continue;
+        }
+        if (errno == EAGAIN || errno == EWOULDBLOCK) { // inherited from somebody who reads without waiting
+            pollfd ready{descriptor, POLLOUT, 0};
+            if (poll(&ready, 1, -1) >= 0 || errno == EINTR) {
+                continue;
+            }
+        }
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+void writeToStandardError(std::string_view text) noexcept {
+    static_cast<void>(writeAll(STDERR_FILENO, text));
+}
+
+void Output::useJson() noexcept {
+    json_ = true;
+    bar_.disable();
+}
+
+void Output::beQuiet() noexcept {
+    quiet_ = true;
+    bar_.disable();
+}
+
+void Output::writeLine(std::string line) {
+    bar_.clear();
+    line += '\n';
+    if (outputError_ == 0) {
+        outputError_ = writeAll(STDOUT_FILENO, line);
+    }
+}
+
+void Output::result(std::string_view line) {
+    if (!json_) {
+        writeLine(std::string(line));
+    }
+}
+
+void Output::event(const char* name, Json fields) {
+    if (json_) {
+        fields["event"] = name;
+        writeLine(compactJson(fields));
+    }
+}
+
+void Output::message(std::string_view text) {
+    if (!quiet_) {
+        bar_.clear();
+        writeToStandardError(madeVisible(text) + "\n");
+    }
+}
+
+void Output::failure(std::string_view text, std::string_view hint, Json context) {
+    bar_.clear();
+    std::string lines = "orlinth: " + madeVisible(text) + "\n";
+    if (!hint.empty()) {
+        lines += madeVisible(hint) + "\n";
+    }
+    writeToStandardError(lines);
+    context["message"] = text;
+    event("error", std::move(context));
+}
+
+int Output::finish(int status) noexcept {
+    bar_.clear();
+    if (outputError_ == 0) {
+        return status;
+    }
+    const std::string reason = describe(platform::SystemError::fromErrno(outputError_));
+    writeToStandardError("orlinth: standard output: " + reason + "\n");
+    return status == 0 ? 1 : status;
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "base/Error.h"
+#include "base/Json.h"
+#include "orlinth/ProgressBar.h"
+
+#include <string_view>
+
+namespace orlinth::host {
+
+/// A failure that the host itself has found, with what the person can do about it.
+class HostError : public Error {
+public:
+    explicit HostError(std::string text, std::string hint = {}) : Error(std::move(text)), hint_(std::move(hint)) {}
+    [[nodiscard]] const std::string& hint() const noexcept { return hint_; }
+
+private:
+    std::string hint_;
+};
+
+/// Writes to standard error as far as it goes; a failure has nowhere to be told.
+void writeToStandardError(std::string_view text) noexcept;
+
+/// Everything a person or a script reads.
+///
+/// Results go to standard output, messages and progress to standard error. With JSON asked for, standard output
+/// carries one object a line and nothing else. Every line is written at once, without a buffer of the process.
+/// No call throws: a standard output that fails is remembered, and finish() turns it into the exit status, so that a
+/// transfer under way is not torn down by a reader that went away.
+class Output {
+public:
+    void useJson() noexcept;
+    void beQuiet() noexcept;
+    [[nodiscard]] bool isJson() const noexcept { return json_; }
+    [[nodiscard]] ProgressBar& bar() noexcept { return bar_; }
+
+    /// A line of the result, for people; nothing in JSON form. The text must be fit for a terminal.
+    void result(std::string_view line);
+    /// A line of the result in JSON form: `fields` and "event".
+    void event(const char* name, Json fields);
+    /// A line on standard error, unless quiet; control characters are made visible.
+    void message(std::string_view text);
+    /// The line `orlinth: ` + text, and a second one if there is a hint. In JSON form also the event "error", with
+    /// `context` in it.
+    void failure(std::string_view text, std::string_view hint = {}, Json context = Json::object());
+
+    /// The exit status: `status`, unless it says success and a part of the output was lost.
+    [[nodiscard]] int finish(int status) noexcept;
+
+private:
+    void writeLine(std::string line);
+
+    bool json_ = false;
+    bool quiet_ = false;
+    int outputError_ = 0; ///< errno of the first write to standard output that failed
+    ProgressBar bar_;
+};
+
+} // namespace orlinth::host

@@ -1,0 +1,55 @@
+#include "orlinth/PeerSelection.h"
+
+namespace orlinth::host {
+
+namespace {
+
+constexpr const char* howToRepair = "Pair the phone again, or record it anew with `orlinth peers add`.";
+
+} // namespace
+
+CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey) {
+    const std::string whose = "the record of '" + record.peer_hostname + "' ";
+    const auto key = platform::PublicKey::fromBase64(record.peer_pubkey);
+    if (!key) {
+        throw HostError(whose + "has no usable key: peer_pubkey is not the Base64 of 32 bytes", howToRepair);
+    }
+    if (*key == ownKey) {
+        throw HostError(whose + "has this computer's own key", howToRepair);
+    }
+    if (record.peer_port < 1 || record.peer_port > 65535) {
+        throw HostError(whose + "has port " + std::to_string(record.peer_port) + ", which is not from 1 to 65535",
+                        howToRepair);
+    }
+    return {record, *key};
+}
+
+CheckedPeer selectPeer(const Host& host, const std::string& selector, const platform::PublicKey& ownKey) {
+    const auto record = host.peers().resolve(selector);
+    if (!record) {
+        throw HostError("no paired phone matches '" + selector + "'", "`orlinth peers` lists the paired phones.");
+    }
+    return checkPeer(*record, ownKey);
+}
+
+CheckedPeer mostRecentPeer(const Host& host, const platform::PublicKey& ownKey) {
+    const auto record = host.peers().mostRecent();
+    if (!record) {
+        throw HostError("no phone is paired yet", "`orlinth peers add --help` tells how to record one.");
+    }
+    return checkPeer(*record, ownKey);
+}
+
+Json publicFields(const PeerRecord& record) {
+    Json fields = record.toJson();
+    fields.erase("peer_fcm_token");
+    fields["has_fcm_token"] = !record.peer_fcm_token.empty();
+    return fields;
+}
+
+std::string addressOf(const PeerRecord& record) {
+    const bool isIpv6 = record.peer_ip.find(':') != std::string::npos;
+    return (isIpv6 ? "[" + record.peer_ip + "]" : record.peer_ip) + ":" + std::to_string(record.peer_port);
+}
+
+} // namespace orlinth::host

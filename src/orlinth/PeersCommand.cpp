@@ -1,0 +1,195 @@
+#include "base/Text.h"
+#include "orlinth/Command.h"
+#include "orlinth/HumanText.h"
+#include "orlinth/PeerSelection.h"
+
+#include <algorithm>
+#include <array>
+
+namespace orlinth::host {
+
+namespace {
+
+/// How much of a key a person needs to tell phones apart.
+constexpr std::size_t shortKeyCharacters = 12;
+
+/// What `peers add` was told.
+struct NewPeer {
+    std::string pubkey;
+    std::string ip;
+    std::uint16_t port = 0;
+    std::string name;
+    std::string fcmToken;
+};
+
+/// A host name or address has neither blanks nor control characters, whatever else it is.
+CLI::Validator addressValidator() {
+    const auto check = [](std::string& text) -> std::string {
+        const auto isOdd = [](unsigned char c) { return c <= ' ' || c == 0x7F; };
+        const bool valid = !text.empty() && std::none_of(text.begin(), text.end(), isOdd);
+        return valid ? "" : "'" + text + "' is not an address or a host name";
+    };
+    return {check, ""};
+}
+
+CLI::Validator keyValidator() {
+    const auto check = [](std::string& text) -> std::string {
+        return platform::PublicKey::fromBase64(text)
+                   ? ""
+                   : "'" + text + "' is not a public key: want 44 characters, the Base64 of 32 bytes";
+    };
+    return {check, ""};
+}
+
+CLI::Validator nameValidator() {
+    const auto check = [](std::string& text) -> std::string {
+        return trimmed(text).empty() || !isUtf8(text) ? "may be neither empty nor anything but UTF-8" : "";
+    };
+    return {check, ""};
+}
+
+class PeersCommand final : public Command {
+public:
+    explicit PeersCommand(CLI::App& program)
+        : Command(program.add_subcommand("peers", "List the paired phones, record one by hand, or forget one.")) {
+        addJsonFlag("Print JSON, one object a line; the push token is never printed.");
+        parser().require_subcommand(0, 1);
+        declareAdd();
+        declareRemove();
+    }
+
+    int run(Host& host) override {
+        if (add_->parsed()) {
+            return add(host);
+        }
+        return remove_->parsed() ? remove(host) : list(host);
+    }
+
+private:
+    void declareAdd() {
+        add_ = parser().add_subcommand("add", "Record a phone by hand, in place of what was known of it.");
+        add_->fallthrough();
+        add_->add_option("--pubkey", peer_.pubkey, "The phone's public key: Base64 of 32 bytes, 44 characters.")
+            ->type_name("KEY")
+            ->check(keyValidator())
+            ->required();
+        add_->add_option("--ip", peer_.ip, "The address, or host name, at which it receives.")
+            ->type_name("ADDRESS")
+            ->check(addressValidator())
+            ->required();
+        add_->add_option("--port", peer_.port, "The TCP port on which it receives, 1 to 65535.")
+            ->type_name("PORT")
+            ->check(portFrom(1))
+            ->required();
+        add_->add_option("--name", peer_.name, "What to call it; selectors match this.")
+            ->type_name("NAME")
+            ->check(nameValidator())
+            ->required();
+        add_->add_option("--fcm-token", peer_.fcmToken, "Its push token, for waking it. Default: none.")
+            ->type_name("TOKEN");
+    }
+
+    void declareRemove() {
+        remove_ = parser().add_subcommand("remove", "Forget a phone.");
+        remove_->fallthrough();
+        remove_
+            ->add_option("SELECTOR", selector_,
+                         "Its name, the beginning of its name, or the beginning of its key, in any letter case.")
+            ->type_name("")
+            ->check(notEmpty())
+            ->required();
+    }
+
+    int list(Host& host) {
+        const PeerBook book = host.peers().loadBook();
+        for (const PeerRecord& record : book.peers) {
+            host.output.event("peer", publicFields(record));
+        }
+        if (book.peers.empty()) {
+            host.output.message("No phone is paired yet. `orlinth peers add --help` tells how to record one.");
+        } else {
+            printTable(host.output, book);
+        }
+        return 0;
+    }
+
+    static void printTable(Output& output, const PeerBook& book) {
+        using Row = std::array<std::string, 4>;
+        std::vector<Row> rows{{"NAME", "ADDRESS", "KEY", "PAIRED"}};
+        for (const PeerRecord& record : book.peers) {
+            rows.push_back({madeVisible(record.peer_hostname), madeVisible(addressOf(record)),
+                            madeVisible(firstCharacters(record.peer_pubkey, shortKeyCharacters)),
+                            humanTime(record.paired_at_epoch_ms)});
+        }
+        std::array<std::size_t, 4> widths{};
+        for (const Row& row : rows) {
+            for (std::size_t i = 0; i < row.size(); ++i) {
+                widths.at(i) = std::max(widths.at(i), columnsOf(row.at(i)));
+            }
+        }
+        for (const Row& row : rows) {
+            output.result(padded(row[0], widths[0]) + "  " + padded(row[1], widths[1]) + "  " +
+                          padded(row[2], widths[2]) + "  " + row[3]);
+        }
+    }
+
+    int add(Host& host) {
+        const platform::PrivateKey ownKey = host.staticKey();
+        PeerRecord record;
+        record.peer_pubkey = peer_.pubkey;
+        record.peer_ip = peer_.ip;
+        record.peer_port = peer_.port;
+        record.peer_hostname = peer_.name;
+        record.paired_at_epoch_ms = host.system.clock.epochMilliseconds();
+        record.self_pubkey = ownKey.publicKey().base64();
+        record.peer_fcm_token = peer_.fcmToken;
+        if (record.peer_pubkey == record.self_pubkey) {
+            throw HostError("this is the computer's own key", "The phone's key is what `orlinth id` shows there.");
+        }
+        const auto replaced = host.peers().upsertReplacingStale(record);
+        Json fields;
+        fields["peer"] = publicFields(record);
+        fields["replaced"] = Json::array();
+        for (const PeerRecord& stale : replaced) {
+            fields["replaced"].push_back(publicFields(stale));
+        }
+        host.output.event("added", std::move(fields));
+        host.output.result("recorded " + madeVisible(record.peer_hostname) + " at " + madeVisible(addressOf(record)));
+        for (const PeerRecord& stale : replaced) {
+            host.output.result("in place of the earlier identity of " + madeVisible(stale.peer_hostname) + ", key " +
+                               madeVisible(firstCharacters(stale.peer_pubkey, shortKeyCharacters)));
+        }
+        return 0;
+    }
+
+    int remove(Host& host) {
+        PeerStore peers = host.peers();
+        const auto chosen = peers.resolve(selector_);
+        std::optional<PeerRecord> removed;
+        if (chosen) {
+            removed = peers.removeFirst(
+                [&chosen](const PeerRecord& record) { return record.peer_pubkey == chosen->peer_pubkey; });
+        }
+        if (!removed) {
+            throw HostError("no paired phone matches '" + selector_ + "'", "`orlinth peers` lists the paired phones.");
+        }
+        Json fields;
+        fields["peer"] = publicFields(*removed);
+        host.output.event("removed", std::move(fields));
+        host.output.result("forgot " + madeVisible(removed->peer_hostname));
+        return 0;
+    }
+
+    CLI::App* add_ = nullptr;
+    CLI::App* remove_ = nullptr;
+    NewPeer peer_;
+    std::string selector_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makePeersCommand(CLI::App& program) {
+    return std::make_unique<PeersCommand>(program);
+}
+
+} // namespace orlinth::host

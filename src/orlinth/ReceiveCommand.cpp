@@ -1,0 +1,150 @@
+#include "OrlinthCore/Receiving/ReceiveTransfer.h"
+#include "base/Text.h"
+#include "orlinth/Command.h"
+#include "orlinth/HandshakeLimit.h"
+#include "orlinth/Hints.h"
+#include "orlinth/HumanText.h"
+#include "orlinth/PeerSelection.h"
+#include "platform/SystemError.h"
+
+namespace orlinth::host {
+
+namespace {
+
+/// Turns what happens to the file into events, messages, the progress bar, and the handshake's time limit.
+class ReceiveReporter final : public ReceiveProgress {
+public:
+    ReceiveReporter(Output& output, HandshakeLimit& handshake) : output_(output), handshake_(handshake) {}
+
+    void onListening(std::uint16_t port) override {
+        output_.event("listening", {{"port", port}});
+        output_.message("listening on port " + std::to_string(port));
+    }
+
+    void onConnected(const std::string& remoteEndpoint) override {
+        handshake_.begin();
+        output_.event("connected", {{"remote_endpoint", remoteEndpoint}});
+    }
+
+    void onHandshakeComplete() override {
+        handshake_.end();
+        output_.event("handshake", Json::object());
+    }
+
+    void onOffer(const TransportMessage::FileOffer& offer, std::int64_t resumedFromOffset) override {
+        output_.event("file", {{"name", offer.name}, {"size", offer.size}, {"mime", offer.mime}});
+        std::string line = "receiving " + offer.name + " (" + humanSize(offer.size) + ")";
+        if (resumedFromOffset > 0) {
+            line += ", going on from " + humanSize(resumedFromOffset);
+        }
+        output_.message(line);
+        output_.bar().begin(madeVisible(offer.name), resumedFromOffset, offer.size);
+    }
+
+    void onProgress(std::int64_t bytesWritten, std::int64_t totalBytes) override {
+        output_.event("progress", {{"bytes_written", bytesWritten}, {"total_bytes", totalBytes}});
+        output_.bar().update(bytesWritten, totalBytes);
+    }
+
+    void tellComplete(const ReceivedFile& received) {
+        Json fields;
+        fields["saved_at"] = received.savedAt.string();
+        fields["bytes_written"] = received.bytesWritten;
+        fields["advertised_size"] = received.advertisedSize;
+        fields["mime"] = received.mime;
+        fields["resumed_from_offset"] = received.resumedFromOffset;
+        fields["bytes_received_this_session"] = received.bytesReceivedThisSession;
+        fields["duration_seconds"] = received.durationSeconds;
+        fields["remote_endpoint"] = received.remoteEndpoint;
+        output_.event("complete", std::move(fields));
+        // the folder is the user's own word and stays as it is; the name is the other side's
+        output_.result((received.savedAt.parent_path() / madeVisible(received.savedAt.filename().string())).string());
+        std::string line = "received " + humanSize(received.bytesWritten);
+        line += " in " + humanDuration(received.durationSeconds);
+        if (received.durationSeconds > 0 && received.bytesReceivedThisSession > 0) {
+            line += ", " + humanRate(static_cast<double>(received.bytesReceivedThisSession) / received.durationSeconds);
+        }
+        output_.message(line);
+        if (received.bytesWritten != received.advertisedSize) {
+            output_.message("The file has " + std::to_string(received.bytesWritten) + " bytes instead of the " +
+                            std::to_string(received.advertisedSize) +
+                            " that were announced: it changed while it was sent.");
+        }
+    }
+
+private:
+    Output& output_;
+    HandshakeLimit& handshake_;
+};
+
+class ReceiveCommand final : public Command {
+public:
+    explicit ReceiveCommand(CLI::App& program)
+        : Command(program.add_subcommand("receive", "Receive one file from one phone, then end.")) {
+        addText("--from", selector_, "SELECTOR",
+                "Which phone: its name, or the beginning of its name or key, in any letter case.")
+            ->required();
+        addPort("--port", port_, 0, "The TCP port to listen on, 0 to 65535; 0: any free one.")->required();
+        addText("--dir", directory_, "DIR", "Where the file goes. Default: the user's downloads folder.");
+        addSeconds("--timeout", timeout_, "How long to wait for a connection; 0: for ever.");
+        addJsonFlag("Print events as JSON, one object a line.");
+        addQuietFlag("No progress bar and no messages but failures.");
+    }
+
+    int run(Host& host) override {
+        const platform::PrivateKey ownKey = host.staticKey();
+        const CheckedPeer peer = selectPeer(host, selector_, ownKey.publicKey());
+        HandshakeLimit handshake(host.system.clock, host.tasks);
+        ReceiveReporter reporter(host.output, handshake);
+        const std::string& from = peer.record.peer_hostname;
+        try {
+            reporter.tellComplete(
+                host.tasks.run(receiveOneTransfer(host.system, request(host, ownKey, peer, reporter))));
+            return 0;
+        } catch (const Interrupted& interrupted) {
+            host.output.failure(interrupted.description(), "What has arrived is kept for another attempt.");
+            throw;
+        } catch (const std::exception& error) {
+            if (handshake.hasExpired()) {
+                const auto late = ReceiveError::noiseHandshakeFailed(HandshakeLimit::text());
+                host.output.failure(late.description(), hintForReceiving(late, from));
+            } else {
+                host.output.failure(describe(error), hintForReceiving(error, from));
+            }
+            return 1;
+        }
+    }
+
+private:
+    [[nodiscard]] ReceiveRequest request(Host& host, const platform::PrivateKey& ownKey, const CheckedPeer& peer,
+                                         ReceiveReporter& reporter) const {
+        ReceiveRequest request{.staticKey = ownKey,
+                               .expectedPeerPubkey = peer.key,
+                               .downloadsDir =
+                                   directory_.empty() ? host.system.directories.downloads : platform::Path(directory_),
+                               .port = port_,
+                               .acceptTimeout = timeout_,
+                               .progress = &reporter};
+        if (port_ == 0) { // to the core that is no port at all: a free one is chosen here
+            try {
+                request.listener = host.system.network.listen({}, host.tasks.executor());
+            } catch (const platform::SystemError& error) {
+                throw ReceiveError::listenerStartFailed(describe(error));
+            }
+        }
+        return request;
+    }
+
+    std::string selector_;
+    std::uint16_t port_ = 0;
+    std::string directory_;
+    double timeout_ = 0;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeReceiveCommand(CLI::App& program) {
+    return std::make_unique<ReceiveCommand>(program);
+}
+
+} // namespace orlinth::host

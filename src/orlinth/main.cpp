@@ -1,0 +1,175 @@
+#include "base/Text.h"
+#include "orlinth/Command.h"
+#include "orlinth/Settings.h"
+#include "platform/linux/LinuxSystem.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <iostream>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace orlinth::host {
+
+namespace {
+
+constexpr int wrongCommandLine = 2;
+
+constexpr const char* aboutConventions =
+    "Times are in seconds, with decimals. Exit status: 0 everything asked for was done, 1 it was not,\n"
+    "2 the command line is wrong, 130 and 143 ended by SIGINT and SIGTERM.\n"
+    "Settings: $XDG_CONFIG_HOME/orlinth/config.toml, a table for each command ([send], [receive]); a flag wins.";
+
+/// A closed standard stream would give its number to the next file opened, and messages would end up in that.
+void reserveStandardStreams() {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(descriptor, F_GETFD) < 0) {
+            // the lowest free number, which is this one; reading from standard output's stand-in is all that works,
+            // so that writing to it still fails as it should
+            static_cast<void>(open("/dev/null", descriptor == STDERR_FILENO ? O_WRONLY : O_RDONLY));
+        }
+    }
+}
+
+/// Keys and file contents lie in memory; a crash must not leave them on a disk.
+void forbidCoreDumps() {
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+#if !defined(__has_feature)
+#define __has_feature(x) 0
+#endif
+#if !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer) // their leak check reads our memory
+    prctl(PR_SET_DUMPABLE, 0);
+#endif
+}
+
+/// The arguments behind the program's name.
+///
+/// CLI11 takes a positional text in brackets for a list. A file of such a name means the same with "./" in front.
+std::vector<std::string> argumentsOf(int count, char** values) {
+    std::vector<std::string> arguments(values + std::min(count, 1), values + count);
+    for (std::size_t i = 1; i < arguments.size(); ++i) {
+        const std::string& text = arguments[i];
+        if (arguments[0] == "send" && arguments[i - 1] != "--to" && text.size() > 1 && text.front() == '[' &&
+            text.back() == ']') {
+            arguments[i].insert(0, "./");
+        }
+    }
+    return arguments;
+}
+
+/// One line, whatever the parser says.
+std::string singleLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
+}
+
+int tellWrongCommandLine(Output& output, const CLI::App& program, const CLI::ParseError& error) {
+    std::string command = "orlinth";
+    for (const CLI::App* chosen = &program; !chosen->get_subcommands().empty();) {
+        chosen = chosen->get_subcommands().front();
+        command += " " + chosen->get_name();
+    }
+    std::string text = error.what();
+    if (program.get_subcommands().empty() && program.remaining_size() > 0) {
+        text = "there is no command '" + program.remaining().front() + "'";
+    }
+    output.failure(singleLine(text), "`" + command + " --help` explains the command line.");
+    return wrongCommandLine;
+}
+
+/// Text that somebody asked for: help, version.
+int show(Output& output, std::string text) {
+    while (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    output.result(text);
+    return 0;
+}
+
+/// Runs the chosen command and then whatever it has left to do.
+int runCommand(Command& command, Host& host) {
+    int status = 1;
+    try {
+        status = command.run(host);
+    } catch (const Interrupted& interrupted) {
+        status = interrupted.exitStatus();
+    } catch (const HostError& error) {
+        host.output.failure(error.description(), error.hint());
+    } catch (const std::exception& error) {
+        host.output.failure(describe(error));
+    }
+    return status;
+}
+
+int runProgram(const std::vector<std::string>& arguments, Output& output) {
+    asio::io_context context(1);
+    TaskRunner tasks(context); // before anything that may start a thread
+    platform::LinuxSystem linux(context);
+    platform::System system = linux.system();
+    Host host{system, tasks, output};
+
+    CLI::App program("Moves files between this computer and your phones, encrypted, over the local network.",
+                     "orlinth");
+    program.set_version_flag("--version", "orlinth " ORLINTH_VERSION, "Print the version and end.");
+    program.require_subcommand(1);
+    program.footer(aboutConventions);
+    std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(makeIdCommand(program));
+    commands.push_back(makePeersCommand(program));
+    commands.push_back(makeSendCommand(program));
+    commands.push_back(makeReceiveCommand(program));
+
+    try {
+        applySettings(program, system.files, system.directories.config / "orlinth" / "config.toml");
+        program.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend())); // it wants the last one first
+    } catch (const SettingsError& error) {
+        output.failure(singleLine(error.description()), "Correct the file, or move it away.");
+        return wrongCommandLine;
+    } catch (const CLI::CallForHelp&) {
+        return show(output, program.help());
+    } catch (const CLI::CallForVersion& version) {
+        return show(output, version.what());
+    } catch (const CLI::ParseError& error) {
+        return tellWrongCommandLine(output, program, error);
+    }
+
+    const auto chosen =
+        std::find_if(commands.begin(), commands.end(), [](const auto& command) { return command->wasChosen(); });
+    if ((*chosen)->wantsJson()) {
+        output.useJson();
+    }
+    if ((*chosen)->wantsQuiet()) {
+        output.beQuiet();
+    }
+    const int status = runCommand(**chosen, host);
+    if (linux.isResolving()) {
+        std::_Exit(output.finish(status)); // that thread cannot be interrupted, and waiting for it helps nobody
+    }
+    tasks.finish();
+    return status;
+}
+
+} // namespace
+
+} // namespace orlinth::host
+
+int main(int argc, char** argv) {
+    using namespace orlinth;
+    host::reserveStandardStreams();
+    host::forbidCoreDumps();
+    std::signal(SIGPIPE, SIG_IGN); // a reader that went away, and a full quota, are errors of a write
+    std::signal(SIGXFSZ, SIG_IGN);
+    host::Output output;
+    int status = 1;
+    try {
+        status = host::runProgram(host::argumentsOf(argc, argv), output);
+    } catch (const std::exception& error) {
+        output.failure(describe(error));
+    }
+    return output.finish(status);
+}

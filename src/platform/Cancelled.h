@@ -1,0 +1,20 @@
+#pragma once
+
+#include <exception>
+
+namespace orlinth::platform {
+
+/// The operation was cancelled from outside (Ctrl-C, a service that stops). Not a failure of anything.
+class Cancelled : public std::exception {
+public:
+    [[nodiscard]] const char* what() const noexcept override { return "cancelled"; }
+};
+
+/// Whether this exception means that the operation was cancelled from outside: `Cancelled`, or Asio's own
+/// operation_aborted, which awaiting anything in a cancelled task throws.
+///
+/// Every handler that wraps errors or tries again asks this first and rethrows if so:
+/// a loop that swallowed it would spin, because every further wait fails at once.
+[[nodiscard]] bool isCancellation(const std::exception& error) noexcept;
+
+} // namespace orlinth::platform

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "base/OneShot.h"
+#include "platform/Clock.h"
+
+#include <asio/experimental/awaitable_operators.hpp>
+
+#include <exception>
+
+namespace orlinth::platform {
+
+/// Sleeps; returns whether the time has passed, false if the sleep was cancelled (the other side of a race has won).
+[[nodiscard]] Task<bool> sleepUnlessCancelled(Clock& clock, double seconds);
+
+namespace detail {
+
+/// Runs the operation and settles `outcome` with what comes of it, so that nothing escapes into the race.
+template <typename T>
+[[nodiscard]] Task<> settle(OneShot<T>& outcome, Task<T> operation) {
+    std::exception_ptr error;
+    try {
+        T value = co_await std::move(operation);
+        outcome.resolve(std::move(value));
+    } catch (...) {
+        error = std::current_exception();
+    }
+    if (error) {
+        outcome.fail(error);
+    }
+}
+
+template <typename T>
+[[nodiscard]] Task<> settleLate(OneShot<T>& outcome, Clock& clock, double seconds, std::exception_ptr error) {
+    const bool late = co_await sleepUnlessCancelled(clock, seconds);
+    if (late) {
+        outcome.fail(std::move(error));
+    }
+}
+
+} // namespace detail
+
+/// Runs `operation` under a deadline: `outcome` is settled by whichever comes first, the operation's result or, after
+/// `seconds`, `onTimeout`; then the other is cancelled and waited for, so nothing is left behind.
+///
+/// Zero or less means no deadline. A cancellation from outside settles with the cancelled operation's error.
+/// The operation's own error surfaces at once, not at the deadline. `outcome` and `clock` must outlive the call: the
+/// caller awaits it in the expression that makes it.
+template <typename T>
+[[nodiscard]] Task<> settleFirst(OneShot<T>& outcome, Clock& clock, double seconds, std::exception_ptr onTimeout,
+                                 Task<T> operation) {
+    if (seconds <= 0) {
+        co_await detail::settle(outcome, std::move(operation));
+        co_return;
+    }
+    using namespace asio::experimental::awaitable_operators;
+    Task<> run = detail::settle(outcome, std::move(operation));
+    Task<> alarm = detail::settleLate(outcome, clock, seconds, std::move(onTimeout));
+    co_await (std::move(run) || std::move(alarm));
+}
+
+} // namespace orlinth::platform

@@ -1,0 +1,14 @@
+#pragma once
+
+#include "platform/FileSystem.h"
+
+namespace orlinth::platform {
+
+/// The folders of the user who runs the program.
+struct UserDirectories {
+    Path data;      ///< per-user application data: $XDG_DATA_HOME, else ~/.local/share
+    Path config;    ///< per-user settings: $XDG_CONFIG_HOME, else ~/.config
+    Path downloads; ///< where received files go
+};
+
+} // namespace orlinth::platform

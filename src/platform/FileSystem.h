@@ -1,0 +1,86 @@
+#pragma once
+
+#include "base/Bytes.h"
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orlinth::platform {
+
+using Path = std::filesystem::path;
+
+enum class FileKind { regular, directory, other };
+
+/// What a look at a file tells.
+struct FileStatus {
+    FileKind kind = FileKind::other;
+    std::int64_t size = 0;                ///< bytes
+    std::int64_t modifiedNanoseconds = 0; ///< since the Unix epoch
+    std::uint64_t inode = 0;
+    std::uint64_t device = 0;
+    std::uint32_t permissions = 0; ///< the twelve mode bits
+};
+
+/// An open file; destroying it closes it. Calls block; each is made on one thread at a time. All throw SystemError.
+class File {
+public:
+    virtual ~File() = default;
+    /// Reads at the position and moves it; fewer bytes than asked for, and 0, only at the end of the file.
+    [[nodiscard]] virtual std::size_t read(MutableBytes into) = 0;
+    /// Writes all bytes at the position and moves it.
+    virtual void write(ByteView data) = 0;
+    /// Moves the position to `offset` bytes from the start.
+    virtual void seek(std::int64_t offset) = 0;
+    [[nodiscard]] virtual FileStatus status() const = 0;
+    /// Returns when the data, and the size that goes with it, would survive a power cut (fdatasync).
+    virtual void flush() = 0;
+    /// Asks the system to begin writing out this range, so that a later flush() is short. Best effort.
+    virtual void startWriteback(std::int64_t offset, std::int64_t length) noexcept = 0;
+    /// Takes the exclusive advisory lock (flock), if nobody else holds it. It ends with the file object.
+    [[nodiscard]] virtual bool tryLock() = 0;
+    /// Waits for the same lock. Meant for holders that keep it for milliseconds.
+    virtual void lock() = 0;
+};
+
+enum class OpenMode {
+    read,         ///< existing file or folder, for reading (a folder for its lock only)
+    write,        ///< existing file, for writing, not truncated
+    createNew,    ///< for writing; fails if anything has the name, a dangling link included
+    openOrCreate, ///< for reading and writing, made empty if missing
+};
+
+/// Whether a link under the last path component is followed.
+enum class Links { follow, refuse };
+
+/// The files of this computer, or their in-memory twin. All throw SystemError unless they say otherwise.
+class FileSystem {
+public:
+    virtual ~FileSystem() = default;
+    /// Follows links. Nothing if there is no such file.
+    [[nodiscard]] virtual std::optional<FileStatus> status(const Path& path) const = 0;
+    /// Whether something has this name. Follows links, so a dangling link does not exist; what cannot be looked at
+    /// does not exist either.
+    [[nodiscard]] virtual bool exists(const Path& path) const noexcept = 0;
+    /// `permissions` are those of a file that is made here, from its first byte.
+    [[nodiscard]] virtual std::unique_ptr<File> open(const Path& path, OpenMode mode, Links links = Links::follow,
+                                                     std::uint32_t permissions = 0666) = 0;
+    /// With all missing parents; an existing folder is fine. Only new folders get the permissions.
+    virtual void createDirectories(const Path& path, std::uint32_t permissions = 0777) = 0;
+    /// Replaces `to` in one step.
+    virtual void rename(const Path& from, const Path& to) = 0;
+    /// Moves unless something has the name `to`; returns whether it moved. In one step.
+    [[nodiscard]] virtual bool renameNoReplace(const Path& from, const Path& to) = 0;
+    virtual void remove(const Path& path) = 0;
+    /// Where a chain of links under `path` leads, also if nothing is there yet; `path` itself if it is no link.
+    [[nodiscard]] virtual Path resolveLinks(const Path& path) const = 0;
+    virtual void setPermissions(const Path& path, std::uint32_t permissions) = 0;
+    /// Returns when the names in this folder would survive a power cut.
+    virtual void flushDirectory(const Path& path) = 0;
+    /// The names in a folder, in no order.
+    [[nodiscard]] virtual std::vector<std::string> list(const Path& path) const = 0;
+};
+
+} // namespace orlinth::platform

@@ -1,0 +1,75 @@
+#pragma once
+
+#include "base/Bytes.h"
+#include "platform/Task.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orlinth::platform {
+
+/// One established TCP connection, or its in-memory twin.
+///
+/// Ownership: destroying it closes it. Threading: every call and every resume on its executor; one read and one write
+/// may be under way at once, never two of a kind. Failures are SystemError (or Cancelled, if the task was cancelled).
+class Stream {
+public:
+    virtual ~Stream() = default;
+    /// Sends all bytes; returns when the system has taken them, not when the peer has read them.
+    /// `data` must stay valid until then.
+    [[nodiscard]] virtual Task<> writeAll(ByteView data) = 0;
+    /// Fills `into`; returns how many bytes came: fewer only if the stream ended first.
+    [[nodiscard]] virtual Task<std::size_t> readExact(MutableBytes into) = 0;
+    /// Says to the peer that nothing more will be sent. Reading goes on.
+    virtual void finishWriting() noexcept = 0;
+    /// Ends the connection now. Pending and later calls fail with "connection cancelled". May be called again.
+    virtual void cancel() noexcept = 0;
+    [[nodiscard]] virtual Executor executor() const = 0;
+    /// The peer's address and port as people write them: "192.168.1.7:40112", "[fe80::1%eth0]:40112".
+    [[nodiscard]] virtual std::string remoteEndpoint() const = 0;
+};
+
+/// A listening TCP port. Destroying it closes it.
+class Listener {
+public:
+    virtual ~Listener() = default;
+    /// The next connection, established; its work runs on `executor`.
+    /// @throws SystemError; "listener cancelled" after close(). A peer that is gone before it is accepted is skipped.
+    [[nodiscard]] virtual Task<std::unique_ptr<Stream>> accept(Executor executor) = 0;
+    /// The real port, also where a free one was asked for.
+    [[nodiscard]] virtual std::uint16_t port() const noexcept = 0;
+    virtual void close() noexcept = 0;
+};
+
+/// TCP keep-alive: the first probe after `idleSeconds` of silence, further ones each `intervalSeconds`, dead after
+/// `count` unanswered.
+struct KeepAlive {
+    int idleSeconds;
+    int intervalSeconds;
+    int count;
+};
+
+struct ListenOptions {
+    std::uint16_t port = 0;             ///< 0 asks the system for a free one
+    std::optional<KeepAlive> keepAlive; ///< of accepted connections; absent: off
+};
+
+/// TCP of this computer.
+class Network {
+public:
+    virtual ~Network() = default;
+    /// Opens a connection whose work runs on `executor`, with Nagle's algorithm off and no other option set.
+    /// `host` is a name, resolved without blocking, or an IPv4 or IPv6 literal; each address is tried in turn.
+    /// Has no deadline of its own; cancelling ends it at once, even while a name is being resolved.
+    /// @throws SystemError with the last address's failure ("Connection refused").
+    [[nodiscard]] virtual Task<std::unique_ptr<Stream>> connect(std::string host, std::uint16_t port,
+                                                                Executor executor) = 0;
+    /// Listens on every address of the computer, IPv6 and IPv4; the local endpoint may be reused.
+    /// Accepted connections have Nagle's algorithm off. @throws SystemError
+    [[nodiscard]] virtual std::unique_ptr<Listener> listen(const ListenOptions& options, Executor executor) = 0;
+    /// A serial queue: what runs on it runs one at a time. `label` names it for diagnostics.
+    [[nodiscard]] virtual Executor makeSerialQueue(const char* label) = 0;
+};
+
+} // namespace orlinth::platform

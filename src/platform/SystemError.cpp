@@ -1,0 +1,30 @@
+#include "platform/SystemError.h"
+
+#include "platform/Cancelled.h"
+
+#include <asio/error.hpp>
+#include <asio/system_error.hpp>
+
+#include <cerrno>
+
+namespace orlinth::platform {
+
+SystemError::SystemError(std::error_code code) : Error(code.message()), code_(code) {}
+
+SystemError SystemError::fromErrno() {
+    return fromErrno(errno);
+}
+
+SystemError SystemError::fromErrno(int number) {
+    return SystemError(std::error_code(number, std::generic_category()));
+}
+
+bool isCancellation(const std::exception& error) noexcept {
+    if (dynamic_cast<const Cancelled*>(&error) != nullptr) {
+        return true;
+    }
+    const auto* systemError = dynamic_cast<const asio::system_error*>(&error);
+    return systemError != nullptr && systemError->code() == asio::error::operation_aborted;
+}
+
+} // namespace orlinth::platform

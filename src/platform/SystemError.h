@@ -1,0 +1,27 @@
+#pragma once
+
+#include "base/Error.h"
+
+#include <system_error>
+
+namespace orlinth::platform {
+
+/// A failure that the operating system or its libraries reported, in their own words (strerror and the like).
+class SystemError : public Error {
+public:
+    explicit SystemError(std::error_code code);
+    /// For a library without error codes.
+    explicit SystemError(std::string text) : Error(std::move(text)) {}
+
+    /// The code, if there is one; empty (zero) otherwise.
+    [[nodiscard]] std::error_code code() const noexcept { return code_; }
+
+    /// The failure of the call that has just set errno.
+    [[nodiscard]] static SystemError fromErrno();
+    [[nodiscard]] static SystemError fromErrno(int number);
+
+private:
+    std::error_code code_;
+};
+
+} // namespace orlinth::platform

@@ -1,0 +1,93 @@
+#include "platform/linux/LinuxLog.h"
+
+#include <sys/uio.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#define SD_JOURNAL_SUPPRESS_LOCATION // our fields say where an entry comes from
+#include <systemd/sd-journal.h>
+
+namespace orlinth::platform {
+namespace {
+
+constexpr const char* journalSocket = "/run/systemd/journal/socket";
+
+int priority(LogLevel level) noexcept {
+    switch (level) {
+    case LogLevel::debug:
+        return LOG_DEBUG;
+    case LogLevel::info:
+        return LOG_INFO;
+    case LogLevel::notice:
+        return LOG_NOTICE;
+    case LogLevel::warning:
+        return LOG_WARNING;
+    case LogLevel::error:
+        return LOG_ERR;
+    }
+    return LOG_ERR;
+}
+
+std::string_view bounded(std::string_view text) {
+    if (text.size() <= maxLogMessageBytes) {
+        return text;
+    }
+    std::size_t end = maxLogMessageBytes;
+    // 10xxxxxx continues a UTF-8 character; none has more than three such bytes
+    for (int steps = 0; steps < 3 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80; ++steps) {
+        --end;
+    }
+    return text.substr(0, end);
+}
+
+bool sendToJournal(const std::vector<std::string>& fields) {
+    // sd_journal_sendv() reports success where there is no journal
+    if (::access(journalSocket, W_OK) != 0) {
+        return false;
+    }
+    std::vector<iovec> pieces;
+    pieces.reserve(fields.size());
+    for (const std::string& field : fields) {
+        pieces.push_back({const_cast<char*>(field.data()), field.size()});
+    }
+    return ::sd_journal_sendv(pieces.data(), static_cast<int>(pieces.size())) == 0;
+}
+
+} // namespace
+
+std::vector<std::string> journalFields(LogLevel level, std::string_view subsystem, std::string_view category,
+                                       std::string_view message) {
+    return {
+        "MESSAGE=" + std::string(bounded(message)),
+        "PRIORITY=" + std::to_string(priority(level)),
+        "SYSLOG_IDENTIFIER=orlinth",
+        "ORLINTH_SUBSYSTEM=" + std::string(bounded(subsystem)),
+        "ORLINTH_CATEGORY=" + std::string(bounded(category)),
+    };
+}
+
+std::string syslogLine(std::string_view subsystem, std::string_view category, std::string_view message) {
+    std::string line(bounded(subsystem));
+    line.append(" ").append(bounded(category)).append(": ").append(bounded(message));
+    for (char& character : line) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte < 0x20 || byte == 0x7F) {
+            character = ' ';
+        }
+    }
+    return line;
+}
+
+void LinuxLog::write(LogLevel level, std::string_view subsystem, std::string_view category,
+                     std::string_view message) noexcept {
+    try {
+        if (!sendToJournal(journalFields(level, subsystem, category, message))) {
+            const std::string line = "orlinth: " + syslogLine(subsystem, category, message);
+            ::syslog(LOG_USER | priority(level), "%s", line.c_str());
+        }
+    } catch (...) {
+        // Only memory can run out here. A log line is not worth the operation it tells of.
+    }
+}
+
+} // namespace orlinth::platform

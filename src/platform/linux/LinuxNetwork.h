@@ -1,0 +1,32 @@
+#pragma once
+
+#include "platform/Network.h"
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+
+#include <atomic>
+#include <vector>
+
+namespace orlinth::platform {
+
+/// TCP over the kernel's sockets and Asio's reactor. `context` outlives it.
+class LinuxNetwork final : public Network {
+public:
+    explicit LinuxNetwork(asio::io_context& context);
+    [[nodiscard]] Task<std::unique_ptr<Stream>> connect(std::string host, std::uint16_t port,
+                                                        Executor executor) override;
+    [[nodiscard]] std::unique_ptr<Listener> listen(const ListenOptions& options, Executor executor) override;
+    [[nodiscard]] Executor makeSerialQueue(const char* label) override;
+
+    /// Whether a name is being resolved, also where nobody waits for it any more.
+    [[nodiscard]] bool isResolving() const noexcept { return resolving_->load() != 0; }
+
+private:
+    [[nodiscard]] Task<std::vector<asio::ip::tcp::endpoint>> endpointsOf(std::string host, std::uint16_t port);
+
+    asio::io_context& context_;
+    std::shared_ptr<std::atomic<int>> resolving_; ///< shared with resolutions, which may outlive everything but Asio
+};
+
+} // namespace orlinth::platform

@@ -1,0 +1,210 @@
+#include "fakes/MemoryNetwork.h"
+
+#include "platform/SystemError.h"
+
+#include <asio/strand.hpp>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace orlinth::fakes {
+
+using platform::SystemError;
+
+std::size_t detail::Pipe::untilNextFault() const {
+    std::size_t next = SIZE_MAX;
+    for (const std::optional<std::size_t>& at : {faults.resetAfter, faults.endAfter}) {
+        if (at && *at > written) {
+            next = std::min(next, *at - written);
+        }
+    }
+    return next;
+}
+
+void detail::Pipe::take(ByteView piece) {
+    if (!ended) {
+        bytes.insert(bytes.end(), piece.begin(), piece.end());
+        if (faults.flipBitAt && *faults.flipBitAt >= written && *faults.flipBitAt < written + piece.size()) {
+            bytes[bytes.size() - piece.size() + (*faults.flipBitAt - written)] ^= std::byte{0x10};
+        }
+    }
+    written += piece.size();
+    if (faults.endAfter == written) {
+        ended = true;
+    }
+}
+
+MemoryStream::MemoryStream(std::shared_ptr<detail::Pipe> incoming, std::shared_ptr<detail::Pipe> outgoing,
+                           Executor executor, std::string remoteEndpoint)
+    : incoming_(std::move(incoming)),
+      outgoing_(std::move(outgoing)),
+      executor_(std::move(executor)),
+      remoteEndpoint_(std::move(remoteEndpoint)) {}
+
+MemoryStream::~MemoryStream() {
+    cancel();
+}
+
+void MemoryStream::checkUsable(const detail::Pipe& pipe) const {
+    if (cancelled_) {
+        throw SystemError("connection cancelled");
+    }
+    if (pipe.broken) {
+        throw SystemError::fromErrno(ECONNRESET);
+    }
+}
+
+Task<> MemoryStream::writeAll(ByteView data) {
+    ++writeCalls_;
+    const std::shared_ptr<detail::Pipe> pipe = outgoing_; // outlives this object if it is destroyed meanwhile
+    while (!data.empty()) {
+        checkUsable(*pipe);
+        if (pipe->bytes.size() >= detail::Pipe::capacity) {
+            co_await pipe->changed.wait();
+            continue;
+        }
+        const std::size_t room = detail::Pipe::capacity - pipe->bytes.size();
+        const ByteView piece = data.first(std::min({data.size(), room, pipe->untilNextFault()}));
+        data = data.subspan(piece.size());
+        pipe->take(piece);
+        if (pipe->faults.resetAfter == pipe->written) {
+            pipe->broken = true;
+            incoming_->broken = true;
+            incoming_->changed.notify();
+        }
+        pipe->changed.notify();
+    }
+    checkUsable(*pipe);
+}
+
+Task<std::size_t> MemoryStream::readExact(MutableBytes into) {
+    const std::shared_ptr<detail::Pipe> pipe = incoming_;
+    std::size_t filled = 0;
+    while (filled < into.size()) {
+        checkUsable(*pipe);
+        if (pipe->bytes.empty()) {
+            if (pipe->ended) {
+                break;
+            }
+            co_await pipe->changed.wait();
+            continue;
+        }
+        const std::size_t count = std::min({into.size() - filled, pipe->bytes.size(), pipe->faults.pieceBytes});
+        std::copy_n(pipe->bytes.begin(), count, into.begin() + static_cast<std::ptrdiff_t>(filled));
+        pipe->bytes.erase(pipe->bytes.begin(), pipe->bytes.begin() + static_cast<std::ptrdiff_t>(count));
+        filled += count;
+        pipe->changed.notify();
+    }
+    co_return filled;
+}
+
+void MemoryStream::finishWriting() noexcept {
+    outgoing_->ended = true;
+    outgoing_->changed.notify();
+}
+
+void MemoryStream::cancel() noexcept {
+    if (!std::exchange(cancelled_, true)) {
+        // Closing with unread input makes the kernel send a reset; so it does here.
+        if (!incoming_->bytes.empty()) {
+            outgoing_->broken = true;
+        }
+        finishWriting();
+        incoming_->bytes.clear();
+        incoming_->broken = true;
+        incoming_->changed.notify();
+    }
+}
+
+void MemoryStream::reset() noexcept {
+    outgoing_->broken = true;
+    cancel();
+}
+
+MemoryConnection connectedStreams(const Executor& executor, WireFaults fromFirst, WireFaults fromSecond) {
+    const auto there = std::make_shared<detail::Pipe>(executor);
+    const auto back = std::make_shared<detail::Pipe>(executor);
+    there->faults = fromFirst;
+    back->faults = fromSecond;
+    return {std::make_unique<MemoryStream>(back, there, executor, "203.0.113.2:7000"),
+            std::make_unique<MemoryStream>(there, back, executor, "203.0.113.1:40112")};
+}
+
+class MemoryListener : public platform::Listener {
+public:
+    MemoryListener(MemoryNetwork& network, std::uint16_t port, std::shared_ptr<MemoryNetwork::Port> state)
+        : network_(network), port_(port), state_(std::move(state)) {}
+    MemoryListener(const MemoryListener&) = delete;
+    MemoryListener& operator=(const MemoryListener&) = delete;
+    ~MemoryListener() override { close(); }
+
+    [[nodiscard]] Task<std::unique_ptr<platform::Stream>> accept(Executor) override {
+        const std::shared_ptr<MemoryNetwork::Port> state = state_;
+        while (state->waiting.empty()) {
+            if (state->closed) {
+                throw SystemError("listener cancelled");
+            }
+            co_await state->changed.wait();
+        }
+        std::unique_ptr<platform::Stream> stream = std::move(state->waiting.front());
+        state->waiting.pop_front();
+        co_return stream;
+    }
+
+    [[nodiscard]] std::uint16_t port() const noexcept override { return port_; }
+
+    void close() noexcept override {
+        if (!std::exchange(state_->closed, true)) {
+            network_.ports_.erase(port_);
+            state_->waiting.clear();
+            state_->changed.notify();
+        }
+    }
+
+private:
+    MemoryNetwork& network_;
+    std::uint16_t port_;
+    std::shared_ptr<MemoryNetwork::Port> state_;
+};
+
+Task<std::unique_ptr<platform::Stream>> MemoryNetwork::connect(std::string host, std::uint16_t port,
+                                                               Executor executor) {
+    attempts.emplace_back(host, port);
+    if (silent_[host]) {
+        Event never(context_.get_executor());
+        co_await never.wait();
+    }
+    const auto found = ports_.find(port);
+    if (found == ports_.end()) {
+        throw SystemError::fromErrno(ECONNREFUSED);
+    }
+    std::pair<WireFaults, WireFaults> faultsHere;
+    if (!faults.empty()) {
+        faultsHere = faults.front();
+        faults.pop_front();
+    }
+    MemoryConnection connection = connectedStreams(executor, faultsHere.first, faultsHere.second);
+    found->second->waiting.push_back(std::move(connection.second));
+    found->second->changed.notify();
+    co_return std::move(connection.first);
+}
+
+std::unique_ptr<platform::Listener> MemoryNetwork::listen(const platform::ListenOptions& options, Executor) {
+    if (listenErrno) {
+        throw SystemError::fromErrno(*listenErrno);
+    }
+    const std::uint16_t port = options.port != 0 ? options.port : nextFreePort_++;
+    if (ports_.contains(port)) {
+        throw SystemError::fromErrno(EADDRINUSE);
+    }
+    const auto state = std::make_shared<Port>(context_.get_executor());
+    ports_[port] = state;
+    return std::make_unique<MemoryListener>(*this, port, state);
+}
+
+Executor MemoryNetwork::makeSerialQueue(const char* label) {
+    queueLabels.emplace_back(label);
+    return asio::make_strand(context_.get_executor());
+}
+
+} // namespace orlinth::fakes

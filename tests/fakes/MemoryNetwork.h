@@ -1,0 +1,126 @@
+#pragma once
+
+#include "fakes/Event.h"
+#include "platform/Network.h"
+
+#include <asio/io_context.hpp>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace orlinth::fakes {
+
+/// How one direction of a connection misbehaves.
+struct WireFaults {
+    /// Bytes after which the connection breaks with a reset (both ways); absent: never.
+    std::optional<std::size_t> resetAfter = {};
+    /// Bytes after which this direction ends as if its sender had closed; absent: never.
+    std::optional<std::size_t> endAfter = {};
+    /// Position of a byte that arrives with one bit flipped; absent: none.
+    std::optional<std::size_t> flipBitAt = {};
+    /// Bytes that reach the reader in one go, at most.
+    std::size_t pieceBytes = SIZE_MAX;
+};
+
+namespace detail {
+
+/// One direction of a connection.
+struct Pipe {
+    explicit Pipe(const Executor& executor) : changed(executor) {}
+    static constexpr std::size_t capacity = 64 << 10; // what a writer may be ahead of the reader
+
+    std::deque<std::byte> bytes;
+    std::size_t written = 0;
+    bool ended = false;  // no more will be written
+    bool broken = false; // reset
+    WireFaults faults;
+    Event changed;
+
+    /// Bytes that may still be written before a fault happens.
+    [[nodiscard]] std::size_t untilNextFault() const;
+    void take(ByteView piece);
+};
+
+} // namespace detail
+
+/// One end of an in-memory connection. Everything runs on one thread.
+class MemoryStream : public platform::Stream {
+public:
+    MemoryStream(std::shared_ptr<detail::Pipe> incoming, std::shared_ptr<detail::Pipe> outgoing, Executor executor,
+                 std::string remoteEndpoint);
+    ~MemoryStream() override;
+
+    [[nodiscard]] Task<> writeAll(ByteView data) override;
+    [[nodiscard]] Task<std::size_t> readExact(MutableBytes into) override;
+    void finishWriting() noexcept override;
+    void cancel() noexcept override;
+    [[nodiscard]] Executor executor() const override { return executor_; }
+    [[nodiscard]] std::string remoteEndpoint() const override { return remoteEndpoint_; }
+
+    /// Ends the connection with a reset instead of an orderly close.
+    void reset() noexcept;
+    [[nodiscard]] bool isCancelled() const noexcept { return cancelled_; }
+    /// How often writeAll() was called: one a frame is what the wire layer promises.
+    [[nodiscard]] int writeCalls() const noexcept { return writeCalls_; }
+
+private:
+    void checkUsable(const detail::Pipe& pipe) const;
+
+    std::shared_ptr<detail::Pipe> incoming_;
+    std::shared_ptr<detail::Pipe> outgoing_;
+    Executor executor_;
+    std::string remoteEndpoint_;
+    bool cancelled_ = false;
+    int writeCalls_ = 0;
+};
+
+struct MemoryConnection {
+    std::unique_ptr<MemoryStream> first;
+    std::unique_ptr<MemoryStream> second;
+};
+
+/// Two connected ends; the faults are of what the named end sends.
+[[nodiscard]] MemoryConnection connectedStreams(const Executor& executor, WireFaults fromFirst = {},
+                                                WireFaults fromSecond = {});
+
+/// A network of its own: ports that are listened on inside it, hosts that behave as a test says.
+class MemoryNetwork : public platform::Network {
+public:
+    explicit MemoryNetwork(asio::io_context& context) : context_(context) {}
+
+    [[nodiscard]] Task<std::unique_ptr<platform::Stream>> connect(std::string host, std::uint16_t port,
+                                                                  Executor executor) override;
+    [[nodiscard]] std::unique_ptr<platform::Listener> listen(const platform::ListenOptions& options,
+                                                             Executor executor) override;
+    [[nodiscard]] Executor makeSerialQueue(const char* label) override;
+
+    /// Connections to this host neither succeed nor fail.
+    void makeSilent(const std::string& host) { silent_[host] = true; }
+    void makeAnswer(const std::string& host) { silent_[host] = false; }
+    /// Faults of the next connections, taken one by one: of what the connecting side sends, and of what it receives.
+    std::deque<std::pair<WireFaults, WireFaults>> faults;
+    /// listen() fails with this error, if set.
+    std::optional<int> listenErrno;
+
+    /// Calls of connect() so far: host and port.
+    std::vector<std::pair<std::string, std::uint16_t>> attempts;
+    std::vector<std::string> queueLabels;
+
+private:
+    friend class MemoryListener;
+    struct Port {
+        explicit Port(const Executor& executor) : changed(executor) {}
+        std::deque<std::unique_ptr<platform::Stream>> waiting;
+        bool closed = false;
+        Event changed;
+    };
+    asio::io_context& context_;
+    std::map<std::uint16_t, std::shared_ptr<Port>> ports_;
+    std::map<std::string, bool> silent_;
+    std::uint16_t nextFreePort_ = 40000;
+};
+
+} // namespace orlinth::fakes

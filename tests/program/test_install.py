@@ -1,0 +1,122 @@
+"""What `cmake --install` puts in place serves a host application outside the tree."""
+
+import json
+import os
+import pathlib
+import subprocess
+import tempfile
+import unittest
+
+BUILD = pathlib.Path(os.environ["ORLINTH_BUILD"])
+COMPILER = os.environ["ORLINTH_CXX"]
+SANITIZE = os.environ.get("ORLINTH_SANITIZE", "")
+
+PROJECT = """\
+cmake_minimum_required(VERSION 3.25)
+project(Consumer LANGUAGES CXX)
+find_package(Orlinth 0.1 REQUIRED)
+add_executable(consumer main.cpp)
+target_link_libraries(consumer PRIVATE Orlinth::OrlinthCore)
+"""
+
+# Ten lines, and something of every layer: base, the crypto of platform/linux, and the core.
+PROGRAM = """\
+#include <OrlinthCore/Receiving/CollisionResolver.h>
+#include <base/Hex.h>
+#include <platform/Crypto.h>
+
+#include <iostream>
+
+int main() {
+    std::cout << orlinth::CollisionResolver::sanitize("../../etc/passwd") << '\\n'
+              << orlinth::hexEncode(orlinth::platform::sha256({orlinth::asBytes("abc")})) << '\\n';
+}
+"""
+
+# The same from a coroutine that runs on this machine's event loop: what a host does that receives or sends.
+HOST = """\
+#include <OrlinthCore/Receiving/ReceiveTransfer.h>
+#include <platform/Spawn.h>
+#include <platform/linux/LinuxSystem.h>
+
+#include <iostream>
+
+orlinth::Task<> receiveNothing(orlinth::platform::System system, const orlinth::platform::PrivateKey& key,
+                               orlinth::platform::Path downloads) {
+    orlinth::ReceiveRequest request{
+        .staticKey = key, .expectedPeerPubkey = key.publicKey(), .downloadsDir = downloads, .acceptTimeout = 0.05};
+    request.listener = system.network.listen({}, system.network.makeSerialQueue("host"));
+    co_await orlinth::receiveOneTransfer(system, std::move(request));
+}
+
+int main(int, char** arguments) {
+    asio::io_context context;
+    orlinth::platform::LinuxSystem machine(context);
+    const auto key = orlinth::platform::PrivateKey::generate();
+    orlinth::platform::spawn(context.get_executor(), receiveNothing(machine.system(), key, arguments[1]),
+                             [](std::exception_ptr error) { std::cout << orlinth::describe(error) << '\\n'; });
+    context.run();
+}
+"""
+
+
+def run(*arguments, **options):
+    """Runs a command; its output becomes part of the failure if there is one."""
+    done = subprocess.run([str(argument) for argument in arguments], stdin=subprocess.DEVNULL, capture_output=True,
+                          text=True, check=False, **options)
+    if done.returncode != 0:
+        raise AssertionError(f"{arguments} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+class InstalledPackage(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory(prefix="orlinth-install-")
+        cls.addClassCleanup(cls.folder.cleanup)
+        cls.prefix = pathlib.Path(cls.folder.name) / "prefix"
+        run("cmake", "--install", BUILD, "--prefix", cls.prefix)
+
+    def build_consumer(self, name, program):
+        source = pathlib.Path(self.folder.name) / name
+        source.mkdir()
+        (source / "CMakeLists.txt").write_text(PROJECT, encoding="utf-8")
+        (source / "main.cpp").write_text(program, encoding="utf-8")
+        # The libraries carry the sanitizer of their build; whoever links them needs the same.
+        flags = [f"-DCMAKE_CXX_FLAGS=-fsanitize={SANITIZE}"] if SANITIZE else []
+        run("cmake", "-G", "Ninja", "-S", source, "-B", source / "build", f"-DCMAKE_PREFIX_PATH={self.prefix}",
+            f"-DCMAKE_CXX_COMPILER={COMPILER}", "-DCMAKE_CXX_FLAGS_INIT=-Wall -Wextra -Werror", *flags)
+        run("cmake", "--build", source / "build")
+        return source / "build" / "consumer"
+
+    def test_a_consumer_of_ten_lines_builds_and_runs(self):
+        self.assertLessEqual(len(PROGRAM.splitlines()), 10)
+        lines = run(self.build_consumer("small", PROGRAM)).splitlines()
+        self.assertEqual(lines[0], "passwd")
+        # SHA-256 of "abc", FIPS 180-4.
+        self.assertEqual(lines[1], "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad")
+
+    def test_a_host_runs_the_core_on_this_machine(self):
+        downloads = pathlib.Path(self.folder.name) / "downloads"
+        self.assertEqual(run(self.build_consumer("host", HOST), downloads), "timed out\n")
+        self.assertTrue(downloads.is_dir())
+
+    def test_the_installed_program_runs(self):
+        data = pathlib.Path(self.folder.name) / "data"
+        told = json.loads(run(self.prefix / "bin" / "orlinth", "id", "--json",
+                              env={**os.environ, "XDG_DATA_HOME": str(data)}))
+        self.assertEqual(len(told["self_pubkey"]), 44)
+        self.assertTrue((data / "Orlinth" / "noise_static.bin").is_file())
+
+    def test_no_file_of_the_package_names_a_folder_of_the_build(self):
+        package = self.prefix.rglob("*.cmake")
+        texts = {path.name: path.read_text(encoding="utf-8") for path in package}
+        self.assertIn("OrlinthConfig.cmake", texts)
+        self.assertIn("OrlinthTargets.cmake", texts)
+        for name, text in texts.items():
+            for place in (str(BUILD), os.environ["ORLINTH_SOURCE"]):
+                self.assertNotIn(place, text, name)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,80 @@
+"""scripts/check-layers holds this project to its arrows, and would notice one that points the wrong way."""
+
+import os
+import pathlib
+import subprocess
+import tempfile
+import unittest
+
+SOURCE = pathlib.Path(os.environ["ORLINTH_SOURCE"])
+
+HEADERS = ("base/Bytes.h", "platform/Clock.h", "platform/linux/LinuxSystem.h", "OrlinthCore/SecureChannel/Wire.h",
+           "OrlinthCore/Peers/Record.h", "OrlinthCore/Sending/ActiveTransfers.h", "OrlinthCore/Sending/Journal.h",
+           "OrlinthCore/Receiving/Receiver.h", "orlinth/Output.h")
+
+
+def check(root):
+    return subprocess.run([SOURCE / "scripts" / "check-layers", root], stdin=subprocess.DEVNULL, capture_output=True,
+                          text=True, check=False)
+
+
+class Layers(unittest.TestCase):
+    def verdict(self, path, line):
+        """What is said of a tree in which the file `path` holds `line` and everything else is empty."""
+        with tempfile.TemporaryDirectory() as folder:
+            source = pathlib.Path(folder) / "src"
+            for name in (*HEADERS, path):
+                (source / name).parent.mkdir(parents=True, exist_ok=True)
+                (source / name).touch()
+            (source / path).write_text(line + "\n", encoding="utf-8")
+            done = check(folder)
+        self.assertEqual(done.returncode, 1 if done.stdout else 0, done.stderr)
+        return done.stdout
+
+    def test_this_project_keeps_its_arrows(self):
+        done = check(SOURCE)
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, "", ""))
+
+    def test_includes_along_the_arrows_are_fine(self):
+        for path, line in (("base/A.cpp", '#include "base/Bytes.h"'),
+                           ("base/A.cpp", "#include <vector>"),
+                           ("platform/A.h", "#include <asio/awaitable.hpp>"),
+                           ("platform/linux/A.cpp", "#include <openssl/evp.h>"),
+                           ("platform/linux/A.cpp", "#include <sys/socket.h>"),
+                           ("OrlinthCore/Sending/A.cpp", '#include "OrlinthCore/SecureChannel/Wire.h"'),
+                           ("OrlinthCore/Receiving/A.cpp", '#include "OrlinthCore/Peers/Record.h"'),
+                           ("OrlinthCore/Receiving/A.cpp", '#include "OrlinthCore/Sending/ActiveTransfers.h"'),
+                           ("orlinth/main.cpp", '#include "platform/linux/LinuxSystem.h"'),
+                           ("orlinth/main.cpp", '#include "Output.h"'),
+                           ("orlinth/main.cpp", "#include <unistd.h>"),
+                           ("OrlinthCore/Sending/A.h", "Task<> send(WireConnection& wire, std::string name);"),
+                           ("OrlinthCore/Sending/A.h", "std::string name(const std::string& path);")):
+            with self.subTest(path=path, line=line):
+                self.assertEqual(self.verdict(path, line), "")
+
+    def test_includes_against_the_arrows_are_named_with_file_and_line(self):
+        for path, line in (("base/A.cpp", '#include "platform/Clock.h"'),
+                           ("base/A.cpp", "#include <asio/awaitable.hpp>"),
+                           ("platform/A.cpp", '#include "OrlinthCore/Peers/Record.h"'),
+                           ("platform/A.cpp", '#include "platform/linux/LinuxSystem.h"'),
+                           ("platform/A.cpp", "#include <openssl/evp.h>"),
+                           ("platform/A.cpp", "#include <asio/ip/tcp.hpp>"),
+                           ("platform/linux/A.cpp", '#include "OrlinthCore/Peers/Record.h"'),
+                           ("OrlinthCore/Sending/A.cpp", '#include "platform/linux/LinuxSystem.h"'),
+                           ("OrlinthCore/Sending/A.cpp", '#include "orlinth/Output.h"'),
+                           ("OrlinthCore/Sending/A.cpp", "#  include <sys/socket.h>"),
+                           ("OrlinthCore/Sending/A.cpp", '#include "OrlinthCore/Receiving/Receiver.h"'),
+                           ("OrlinthCore/Receiving/A.cpp", '#include "OrlinthCore/Sending/Journal.h"'),
+                           ("OrlinthCore/SecureChannel/A.cpp", '#include "OrlinthCore/Peers/Record.h"'),
+                           ("OrlinthCore/Sending/A.cpp", '#include "Nowhere.h"'),
+                           ("orlinth/main.cpp", "#include <openssl/evp.h>"),
+                           ("OrlinthCore/Sending/A.cpp", "co_spawn(executor, run(), asio::detached);"),
+                           ("OrlinthCore/Sending/A.h", "Task<> send(const std::string& name);"),
+                           ("OrlinthCore/Sending/B.h", "Task<std::size_t> send(int n,\n  std::string_view name) override;"),
+                           ("Elsewhere/A.cpp", "#include <vector>")):
+            with self.subTest(path=path, line=line):
+                self.assertTrue(self.verdict(path, line).startswith(f"src/{path}:"))
+
+
+if __name__ == "__main__":
+    unittest.main()

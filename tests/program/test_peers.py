@@ -1,0 +1,146 @@
+"""The paired phones: listing, recording by hand, forgetting, and records that cannot be used."""
+
+import json
+import threading
+import unittest
+
+from harness import ProgramTest, random_key
+
+TOKEN = "a-push-token-that-nobody-may-see"
+
+
+class Peers(ProgramTest):
+    def setUp(self):
+        super().setUp()
+        self.mac.run("peers", "remove", "phone")
+
+    def add(self, name, key=None, ip="192.0.2.7", port="4711", *more):
+        return self.mac.run("peers", "add", "--pubkey", key or random_key(), "--ip", ip, "--port", port, "--name",
+                            name, *more)
+
+    def listed(self):
+        return [json.loads(line) for line in self.mac.run("peers", "--json").stdout.splitlines()]
+
+    def test_a_recorded_phone_is_listed(self):
+        key = random_key()
+        added = self.add("Pixel 8", key)
+        self.assertEqual((0, "recorded Pixel 8 at 192.0.2.7:4711\n", ""),
+                         (added.returncode, added.stdout, added.stderr))
+        [peer] = self.listed()
+        self.assertGreater(peer.pop("paired_at_epoch_ms"), 1_600_000_000_000)
+        self.assertEqual(
+            {"event": "peer", "peer_pubkey": key, "peer_ip": "192.0.2.7", "peer_port": 4711, "peer_subnet": "",
+             "peer_hostname": "Pixel 8", "peer_mac": "", "self_pubkey": self.mac.key, "has_fcm_token": False,
+             "peer_android": ""},
+            peer,
+        )
+        header, row = self.mac.run("peers").stdout.splitlines()
+        self.assertEqual(["NAME", "ADDRESS", "KEY", "PAIRED"], header.split())
+        self.assertRegex(row, r"^Pixel 8  192\.0\.2\.7:4711  \S{12}  \d{4}-\d\d-\d\d \d\d:\d\d$")
+        self.assertEqual(key[:12], row.split()[3])
+
+    def test_no_phones_is_no_failure(self):
+        result = self.mac.run("peers")
+        self.assertEqual((0, ""), (result.returncode, result.stdout))
+        self.assertIn("No phone is paired yet", result.stderr)
+
+    def test_the_push_token_is_kept_and_never_printed(self):
+        key = random_key()
+        added = self.add("Pixel", key, "192.0.2.7", "4711", "--fcm-token", TOKEN, "--json")
+        everything = added.stdout + added.stderr
+        for arguments in (["peers"], ["peers", "--json"]):
+            result = self.mac.run(*arguments)
+            everything += result.stdout + result.stderr
+        self.assertTrue(self.listed()[0]["has_fcm_token"])
+        self.assertIn(TOKEN, self.mac.peer_file.read_text())
+        # a new identity of the same phone reports the one it replaces
+        replaced = self.add("Pixel", None, "192.0.2.7", "4711", "--json")
+        event = json.loads(replaced.stdout)
+        self.assertEqual([key], [peer["peer_pubkey"] for peer in event["replaced"]])
+        removed = self.mac.run("peers", "--json", "remove", "pixel")
+        self.assertEqual("Pixel", json.loads(removed.stdout)["peer"]["peer_hostname"])
+        self.assertNotIn(TOKEN, everything + replaced.stdout + replaced.stderr + removed.stdout + removed.stderr)
+
+    def test_a_phone_that_was_set_up_anew_replaces_its_old_record(self):
+        self.add("Pixel")
+        result = self.add("Pixel")
+        self.assertIn("in place of the earlier identity of Pixel", result.stdout)
+        self.assertEqual(1, len(self.listed()))
+
+    def test_our_own_key_is_no_phone(self):
+        result = self.add("me", self.mac.key)
+        self.assertEqual(1, result.returncode)
+        self.assert_one_line_error(result.stderr, "this is the computer's own key")
+        self.assertEqual([], self.listed())
+
+    def test_remove_forgets_exactly_the_phone_that_is_meant(self):
+        self.add("Pixel-7", ip="192.0.2.7")
+        self.add("Pixel-8", ip="192.0.2.8")
+        result = self.mac.run("peers", "remove", "pixel")
+        self.assertEqual(1, result.returncode)
+        self.assert_one_line_error(
+            result.stderr,
+            "PeerRecord decode failed: selector 'pixel' is ambiguous (matches: Pixel-7, Pixel-8)",
+        )
+        self.assertEqual(0, self.mac.run("peers", "remove", "PIXEL-8").returncode)
+        self.assertEqual(["Pixel-7"], [peer["peer_hostname"] for peer in self.listed()])
+        result = self.mac.run("peers", "remove", "PIXEL-8")
+        self.assertEqual(1, result.returncode)
+        self.assert_one_line_error(result.stderr, "no paired phone matches 'PIXEL-8'")
+
+    def test_names_from_outside_cannot_write_to_the_terminal(self):
+        self.add("a\x1b[31m\u202eb")
+        self.assertIn("a\\u{001B}[31m\\u{202E}b", self.mac.run("peers").stdout)
+
+    def test_a_damaged_store_is_reported_and_left_alone(self):
+        self.mac.peer_file.write_text("{nonsense")
+        for arguments in (["peers"], ["send", str(self.file("a", b"a"))]):
+            result = self.mac.run(*arguments)
+            self.assertEqual(1, result.returncode)
+            self.assertRegex(result.stderr, r"^orlinth: PeerRecord decode failed: .")
+        self.assertEqual(1, self.add("x").returncode)
+        self.assertEqual("{nonsense", self.mac.peer_file.read_text())
+
+    def test_two_processes_at_once_lose_nothing(self):
+        failures = []
+
+        def record(first):
+            for number in range(first, 24, 2):
+                result = self.add(f"phone {number}", ip=f"192.0.2.{number + 1}")
+                if result.returncode != 0:
+                    failures.append(result.stderr)
+
+        both = [threading.Thread(target=record, args=(first,)) for first in (0, 1)]
+        for one in both:
+            one.start()
+        for one in both:
+            one.join()
+        self.assertEqual([], failures)
+        self.assertEqual({f"phone {number}" for number in range(24)},
+                         {peer["peer_hostname"] for peer in self.listed()})
+
+
+class UnusableRecords(ProgramTest):
+    def test_a_record_is_checked_before_it_is_used_and_the_fault_is_named(self):
+        good = json.loads(self.mac.peer_file.read_text())
+        for changes, text in (
+            ({"peer_port": 0}, "the record of 'phone' has port 0, which is not from 1 to 65535"),
+            ({"peer_port": -1}, "the record of 'phone' has port -1, which is not from 1 to 65535"),
+            ({"peer_port": 65536}, "the record of 'phone' has port 65536, which is not from 1 to 65535"),
+            ({"peer_pubkey": "AAAA"},
+             "the record of 'phone' has no usable key: peer_pubkey is not the Base64 of 32 bytes"),
+            ({"peer_pubkey": "?"},
+             "the record of 'phone' has no usable key: peer_pubkey is not the Base64 of 32 bytes"),
+            ({"peer_pubkey": self.mac.key}, "the record of 'phone' has this computer's own key"),
+        ):
+            self.mac.peer_file.write_text(json.dumps({"peers": [{**good["peers"][0], **changes}]}))
+            for arguments in (["send", "--to", "phone", str(self.file("a", b"a"))],
+                              ["receive", "--from", "phone", "--port", "0"]):
+                with self.subTest(changes=changes, command=arguments[0]):
+                    result = self.mac.run(*arguments)
+                    self.assertEqual(1, result.returncode)
+                    self.assert_one_line_error(result.stderr, text)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,219 @@
+#include "OrlinthCore/Receiving/CollisionResolver.h"
+
+#include "OrlinthCore/Receiving/PartialMeta.h"
+#include "fakes/MemoryFileSystem.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace orlinth {
+namespace {
+
+using fakes::MemoryFileSystem;
+using fakes::Operation;
+
+const platform::Path dir = "/downloads";
+constexpr const char* uuidPattern = "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}";
+
+TEST(Sanitize, TakesTheLastPathComponent) {
+    EXPECT_EQ(CollisionResolver::sanitize("../../etc/passwd"), "passwd");
+    EXPECT_EQ(CollisionResolver::sanitize("a/b"), "b");
+    EXPECT_EQ(CollisionResolver::sanitize("a/b//"), "b");
+    EXPECT_EQ(CollisionResolver::sanitize("/etc/shadow"), "shadow");
+    EXPECT_EQ(CollisionResolver::sanitize("/"), "_");
+    EXPECT_EQ(CollisionResolver::sanitize("///"), "_");
+}
+
+TEST(Sanitize, ReplacesBackslashesAndNulCharacters) {
+    EXPECT_EQ(CollisionResolver::sanitize("a\\b"), "a_b");
+    EXPECT_EQ(CollisionResolver::sanitize("..\\..\\x"), ".._.._x");
+    EXPECT_EQ(CollisionResolver::sanitize(std::string("a\0b.txt\0", 8)), "a_b.txt_");
+    EXPECT_EQ(CollisionResolver::sanitize(std::string("\0", 1)), "_");
+}
+
+TEST(Sanitize, TrimsUnicodeWhiteSpace) {
+    EXPECT_EQ(CollisionResolver::sanitize(" \t\r\n a b.txt \u00a0\u3000\u2028"), "a b.txt");
+}
+
+TEST(Sanitize, NamesWhatHasNoName) {
+    for (const char* name : {"", " ", "\t\n", "\u3000", ".", "..", " . ", " ..\n", "a/..", "a/ ", "x/./"}) {
+        EXPECT_EQ(CollisionResolver::sanitize(name), "received") << testing::PrintToString(name);
+    }
+}
+
+TEST(Sanitize, KeepsWhatIsHarmless) {
+    for (const char* name : {".bashrc", "...", "..x", "photo 2.jpg", "caf\xe9.txt", "\u202egpj.exe", "-rf", "con"}) {
+        EXPECT_EQ(CollisionResolver::sanitize(name), name);
+    }
+    EXPECT_EQ(CollisionResolver::sanitize(std::string(1000, 'x')), std::string(1000, 'x'));
+}
+
+class CollisionResolverTest : public testing::Test {
+protected:
+    CollisionResolverTest() { files.putFolder(dir); }
+
+    void putPartial(const std::string& name, const std::string& content, const std::string& transferId) {
+        files.put(dir / (name + ".partial"), content);
+        files.put(dir / (name + ".partial.meta.json"), prettyJson(PartialMeta{transferId, 999, 1}.toJson()));
+    }
+
+    void expectTarget(const std::string& baseName, const std::string& finalName, std::int64_t offset) {
+        const CollisionResolver::Target target = CollisionResolver::resolveTarget(files, dir, baseName, "mine");
+        EXPECT_EQ(target.final, dir / finalName);
+        EXPECT_EQ(target.partial, dir / (finalName + ".partial"));
+        EXPECT_EQ(target.resumeOffset, offset);
+    }
+
+    MemoryFileSystem files;
+};
+
+TEST_F(CollisionResolverTest, TakesAFreeNameAsItIs) {
+    expectTarget("x.pdf", "x.pdf", 0);
+    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x.pdf");
+    EXPECT_EQ(files.mutations(), 0U);
+}
+
+TEST_F(CollisionResolverTest, NumbersATakenName) {
+    files.put(dir / "x.pdf", "");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+    files.put(dir / "x 2.pdf", "");
+    expectTarget("x.pdf", "x 3.pdf", 0);
+    files.putFolder(dir / "README");
+    expectTarget("README", "README 2", 0);
+    files.put(dir / ".bashrc", "");
+    expectTarget(".bashrc", ".bashrc 2", 0);
+    files.put(dir / "a.tar.gz", "");
+    expectTarget("a.tar.gz", "a.tar 2.gz", 0);
+}
+
+TEST_F(CollisionResolverTest, ResumesThePartialFileOfTheSameTransfer) {
+    putPartial("x.pdf", "12345", "mine");
+    expectTarget("x.pdf", "x.pdf", 5);
+}
+
+TEST_F(CollisionResolverTest, ResumesFromAnEmptyPartialFileToo) {
+    putPartial("x.pdf", "", "mine");
+    expectTarget("x.pdf", "x.pdf", 0);
+}
+
+TEST_F(CollisionResolverTest, LeavesTheSizeOutOfTheDecision) {
+    files.put(dir / "x.pdf.partial", std::string(5000, 'x'));
+    files.put(dir / "x.pdf.partial.meta.json", R"({"transfer_id":"mine","advertised_size":1,"started_at_epoch_ms":0})");
+    expectTarget("x.pdf", "x.pdf", 5000);
+}
+
+TEST_F(CollisionResolverTest, LeavesThePartialFileOfAnotherTransferAlone) {
+    putPartial("x.pdf", "12345", "other");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+    putPartial("x 2.pdf", "123", "mine");
+    expectTarget("x.pdf", "x 2.pdf", 3);
+    putPartial("y", "1", "MINE");
+    expectTarget("y", "y 2", 0);
+}
+
+TEST_F(CollisionResolverTest, LeavesAPartialFileWithoutAUsableSidecarAlone) {
+    files.put(dir / "x.pdf.partial", "12345");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+    for (const char* sidecar : {"", "rubbish", "{}", R"({"transfer_id":"mine"})",
+                                R"({"transfer_id":"mine","advertised_size":"1","started_at_epoch_ms":0})"}) {
+        files.put(dir / "x.pdf.partial.meta.json", sidecar);
+        expectTarget("x.pdf", "x 2.pdf", 0);
+    }
+}
+
+TEST_F(CollisionResolverTest, DoesNotResumeUnderATakenFinalName) {
+    putPartial("x.pdf", "12345", "mine");
+    files.put(dir / "x.pdf", "");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+}
+
+TEST_F(CollisionResolverTest, IgnoresASidecarWithoutItsPartialFile) {
+    files.put(dir / "x.pdf.partial.meta.json", prettyJson(PartialMeta{"mine", 1, 1}.toJson()));
+    expectTarget("x.pdf", "x.pdf", 0);
+}
+
+TEST_F(CollisionResolverTest, BeginsAnewWhereTheLengthCannotBeRead) {
+    putPartial("x.pdf", "12345", "mine");
+    int looks = 0;
+    files.beforeEach([&](Operation operation, const platform::Path& path) {
+        if (operation == Operation::status && path == dir / "x.pdf.partial" && ++looks == 2) {
+            files.addFault({.operation = Operation::status, .errorNumber = EIO});
+        }
+    });
+    expectTarget("x.pdf", "x.pdf", 0);
+    EXPECT_EQ(looks, 2);
+}
+
+TEST_F(CollisionResolverTest, TakesALinkThatLeadsNowhereForATakenName) {
+    files.putLink(dir / "x.pdf", "/gone");
+    files.putLink(dir / "x 2.pdf.partial", "/gone/too");
+    files.putLink(dir / "x 3.pdf", "x 3.pdf"); // to itself
+    files.putFolder("/locked", 0);
+    files.putLink(dir / "x 4.pdf", "/locked/up");
+    files.put("/file", "");
+    files.putLink(dir / "x 5.pdf", "/file/below");
+    expectTarget("x.pdf", "x 6.pdf", 0);
+    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x 6.pdf");
+}
+
+TEST_F(CollisionResolverTest, DoesNotResumeThroughALinkOrIntoWhatIsNoFile) {
+    putPartial("x.pdf", "", "mine");
+    files.put("/home/ada/.bashrc", "precious");
+    files.putLink(dir / "x.pdf.partial", "/home/ada/.bashrc");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+    files.putSpecial(dir / "x.pdf.partial");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+    files.putFolder(dir / "x.pdf.partial");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+}
+
+TEST_F(CollisionResolverTest, CountsAPartialFileAsTakenForTheFinalName) {
+    files.put(dir / "x.pdf.partial", "");
+    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x 2.pdf");
+    files.put(dir / "x 2.pdf", "");
+    files.put(dir / "x 3.pdf.partial", "");
+    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x 4.pdf");
+}
+
+TEST_F(CollisionResolverTest, GivesAnUnreachableFolderToTheCallerToFailOn) {
+    files.setPermissions(dir, 0);
+    expectTarget("x.pdf", "x.pdf", 0);
+    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x.pdf");
+    expectTarget(std::string(300, 'x'), std::string(300, 'x'), 0);
+}
+
+TEST_F(CollisionResolverTest, UsesTheLastNumberBeforeItUsesAUuid) {
+    files.put(dir / "notes", "");
+    for (int number = 2; number <= 9998; ++number) {
+        files.put(dir / ("notes " + std::to_string(number)), "");
+    }
+    expectTarget("notes", "notes 9999", 0);
+    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "notes"), dir / "notes 9999");
+}
+
+TEST_F(CollisionResolverTest, FallsBackToAUuidWithADotOnlyForTheFinalName) {
+    for (const std::string ending : {"", ".txt"}) {
+        files.put(dir / ("notes" + ending), "");
+        for (int number = 2; number <= 9999; ++number) {
+            files.put(dir / ("notes " + std::to_string(number) + ending), "");
+        }
+    }
+    const auto expectName = [](const platform::Path& path, const std::string& pattern) {
+        EXPECT_THAT(path.filename().native(), testing::MatchesRegex(pattern));
+    };
+    const std::string stem = std::string("notes-") + uuidPattern;
+    const CollisionResolver::Target bare = CollisionResolver::resolveTarget(files, dir, "notes", "mine");
+    expectName(bare.final, stem);
+    EXPECT_EQ(bare.partial.native(), bare.final.native() + ".partial");
+    EXPECT_EQ(bare.resumeOffset, 0);
+    expectName(CollisionResolver::resolveTarget(files, dir, "notes.txt", "mine").final, stem + "\\.txt");
+    const platform::Path first = CollisionResolver::resolveFinalURL(files, dir, "notes");
+    expectName(first, stem + "\\.");
+    EXPECT_NE(CollisionResolver::resolveFinalURL(files, dir, "notes"), first);
+    expectName(CollisionResolver::resolveFinalURL(files, dir, "notes.txt"), stem + "\\.txt");
+}
+
+} // namespace
+} // namespace orlinth

@@ -1,0 +1,345 @@
+#include "OrlinthCore/Sending/InFlightJournal.h"
+
+#include "fakes/CrashTrials.h"
+#include "fakes/MemoryFileSystem.h"
+#include "platform/SystemError.h"
+#include "platform/linux/LinuxFileSystem.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <set>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace orlinth {
+namespace {
+
+using fakes::Aftermath;
+using fakes::MemoryFileSystem;
+using fakes::Operation;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Key;
+using testing::Pair;
+
+const platform::Path folder = "/home/ada/.local/share/Orlinth";
+const platform::Path file = folder / "inflight.json";
+
+bool isIdentifier(const std::string& text) {
+    return testing::Matches(testing::ContainsRegex("^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"))(
+        text);
+}
+
+class InFlightJournalTest : public testing::Test {
+protected:
+    MemoryFileSystem files;
+    InFlightJournal journal{files, file};
+};
+
+TEST_F(InFlightJournalTest, LivesInTheUsersFolderOrWhereItIsTold) {
+    const platform::UserDirectories directories{"/data", "/config", "/downloads"};
+    EXPECT_EQ(InFlightJournal(files, directories).fileURL(), "/data/Orlinth/inflight.json");
+    EXPECT_EQ(journal.fileURL(), file);
+    EXPECT_EQ(files.mutations(), 0U);
+}
+
+TEST_F(InFlightJournalTest, GivesAFreshUpperCaseUuid) {
+    const std::string first = journal.getOrCreate("a", 1, "m", "f");
+    const std::string second = journal.getOrCreate("b", 1, "m", "f");
+    EXPECT_TRUE(isIdentifier(first)) << first;
+    EXPECT_TRUE(isIdentifier(second)) << second;
+    EXPECT_NE(first, second);
+}
+
+TEST_F(InFlightJournalTest, GivesTheSameFileTheSameIdentifierWithoutWriting) {
+    const std::string first = journal.getOrCreate("report.pdf", 12, "application/pdf", "0011223344556677");
+    const std::size_t mutations = files.mutations();
+    EXPECT_EQ(journal.getOrCreate("report.pdf", 12, "application/pdf", "0011223344556677"), first);
+    EXPECT_EQ(InFlightJournal(files, file).getOrCreate("report.pdf", 12, "application/pdf", "0011223344556677"), first);
+    EXPECT_EQ(files.mutations(), mutations);
+}
+
+TEST_F(InFlightJournalTest, GivesAnotherIdentifierWhereAnyOfTheFourValuesDiffers) {
+    const std::set<std::string> identifiers{
+        journal.getOrCreate("a", 1, "m", "f"), journal.getOrCreate("b", 1, "m", "f"),
+        journal.getOrCreate("a", 2, "m", "f"), journal.getOrCreate("a", 1, "n", "f"),
+        journal.getOrCreate("a", 1, "m", "g"), journal.getOrCreate("a", 1, "m", "")};
+    EXPECT_EQ(identifiers.size(), 6U);
+}
+
+TEST_F(InFlightJournalTest, BuildsKeysOfThreeOrFourFields) {
+    static_cast<void>(journal.getOrCreate("a|b/c.txt", 9223372036854775807, "text/plain", "00ff"));
+    static_cast<void>(journal.getOrCreate("x", 0, "m", ""));
+    EXPECT_THAT(journal.snapshotEntries(),
+                ElementsAre(Key("a|b/c.txt|9223372036854775807|text/plain|00ff"), Key("x|0|m")));
+}
+
+TEST_F(InFlightJournalTest, WritesThePrettyFormForTheOwnerAlone) {
+    const std::string id = journal.getOrCreate("x/y", 3, "text/plain", "");
+    EXPECT_EQ(files.content(file), "{\n  \"entries\" : {\n    \"x/y|3|text/plain\" : \"" + id + "\"\n  }\n}");
+    EXPECT_EQ(files.status(file)->permissions, 0600U);
+}
+
+TEST_F(InFlightJournalTest, ForgetsACompletedFileAndKeepsTheOthers) {
+    const std::string kept = journal.getOrCreate("kept", 1, "m", "f");
+    const std::string done = journal.getOrCreate("done", 1, "m", "f");
+    journal.complete("done", 1, "m", "f");
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("kept|1|m|f", kept)));
+    EXPECT_NE(journal.getOrCreate("done", 1, "m", "f"), done);
+}
+
+TEST_F(InFlightJournalTest, KeepsAnEmptyObjectWhenTheLastEntryGoes) {
+    static_cast<void>(journal.getOrCreate("a", 1, "m", "f"));
+    journal.complete("a", 1, "m", "f");
+    EXPECT_EQ(files.content(file), "{\n  \"entries\" : {}\n}");
+}
+
+TEST_F(InFlightJournalTest, WritesNothingForAnUnknownFile) {
+    journal.complete("a", 1, "m", "f");
+    EXPECT_EQ(files.mutations(), 0U);
+    static_cast<void>(journal.getOrCreate("a", 1, "m", "f"));
+    const std::size_t mutations = files.mutations();
+    journal.complete("b", 1, "m", "f");
+    journal.complete("a", 1, "m", "");
+    EXPECT_EQ(files.mutations(), mutations);
+}
+
+TEST_F(InFlightJournalTest, TakesWhatIsNoJournalAsEmptyAndReplacesIt) {
+    for (const char* content : {"", "rubbish", "[]", "{}", "{\"entries\":[]}", "{\"entries\":{\"a|1|m\":7}}",
+                                "{\"entries\":{\"a|1|m\":\"id\",\"b|1|m\":null}}", "{\"entries\":{\"a|1|m\":\"\xff\"}}",
+                                "{\"entries\":{\"a|1|m\":\"id\"}", "null"}) {
+        files.put(file, content);
+        EXPECT_THAT(journal.snapshotEntries(), IsEmpty()) << content;
+        journal.complete("a", 1, "m", "");
+        EXPECT_EQ(files.content(file), content);
+        const std::string id = journal.getOrCreate("a", 1, "m", "");
+        EXPECT_TRUE(isIdentifier(id)) << content;
+        EXPECT_THAT(InFlightJournal(files, file).snapshotEntries(), ElementsAre(Pair("a|1|m", id))) << content;
+    }
+}
+
+TEST_F(InFlightJournalTest, ReadsWhatAnotherProgramWrote) {
+    files.put(file, R"({"version":2,"entries":{"a|1|m":"any text"}})");
+    EXPECT_EQ(journal.getOrCreate("a", 1, "m", ""), "any text");
+}
+
+TEST_F(InFlightJournalTest, KeepsNamesOfAnyBytes) {
+    const std::string odd = "caf\xe9\n\"\\|";
+    const std::string otherOdd = "caf\xe8\n\"\\|";
+    const std::string withNul("a\0b", 3);
+    const std::string id = journal.getOrCreate(odd, 1, "m", "f");
+    EXPECT_NE(journal.getOrCreate(otherOdd, 1, "m", "f"), id);
+    EXPECT_EQ(journal.getOrCreate(odd, 1, "m", "f"), id);
+    const std::string nulId = journal.getOrCreate(withNul, 1, "m", "f");
+    EXPECT_EQ(journal.getOrCreate(withNul, 1, "m", "f"), nulId);
+    EXPECT_EQ(journal.snapshotEntries().size(), 3U);
+    journal.complete(odd, 1, "m", "f");
+    journal.complete(otherOdd, 1, "m", "f");
+    journal.complete(withNul, 1, "m", "f");
+    EXPECT_THAT(journal.snapshotEntries(), IsEmpty());
+}
+
+TEST_F(InFlightJournalTest, NeverFailsWhereNothingCanBeWritten) {
+    files.putFolder(folder, 0500);
+    const std::string first = journal.getOrCreate("a", 1, "m", "f");
+    EXPECT_TRUE(isIdentifier(first));
+    EXPECT_NE(journal.getOrCreate("a", 1, "m", "f"), first);
+    EXPECT_NO_THROW(journal.complete("a", 1, "m", "f"));
+    EXPECT_NO_THROW(journal.wipe());
+    EXPECT_THAT(files.allFiles(), IsEmpty());
+}
+
+TEST_F(InFlightJournalTest, NeverFailsWhereItsFolderCannotBeMade) {
+    files.put(folder.parent_path(), "a file in the way");
+    EXPECT_TRUE(isIdentifier(journal.getOrCreate("a", 1, "m", "f")));
+    EXPECT_NO_THROW(journal.complete("a", 1, "m", "f"));
+    EXPECT_NO_THROW(journal.wipe());
+}
+
+TEST_F(InFlightJournalTest, WorksOnWhereTheLockCannotBeHad) {
+    files.addFault({.operation = Operation::lock, .errorNumber = ENOLCK});
+    const std::string id = journal.getOrCreate("a", 1, "m", "f");
+    EXPECT_EQ(journal.getOrCreate("a", 1, "m", "f"), id);
+    journal.complete("a", 1, "m", "f");
+    EXPECT_THAT(journal.snapshotEntries(), IsEmpty());
+}
+
+TEST_F(InFlightJournalTest, TakesAnUnreadableFileAsEmpty) {
+    static_cast<void>(journal.getOrCreate("a", 1, "m", "f"));
+    files.addFault({.operation = Operation::read, .errorNumber = EIO});
+    EXPECT_THAT(journal.snapshotEntries(), IsEmpty());
+    EXPECT_TRUE(isIdentifier(journal.getOrCreate("a", 1, "m", "f")));
+}
+
+TEST_F(InFlightJournalTest, DoesNotLoseWhatAnotherProcessAddedBetweenLookAndLock) {
+    bool done = false;
+    files.beforeEach([&](Operation operation, const platform::Path&) {
+        if (operation == Operation::lock && !done) {
+            done = true;
+            files.put(file, R"({"entries":{"other|1|m":"O","mine|1|m":"M"}})");
+        }
+    });
+    EXPECT_EQ(journal.getOrCreate("mine", 1, "m", ""), "M");
+    done = false;
+    const std::string id = journal.getOrCreate("third", 1, "m", "");
+    EXPECT_THAT(journal.snapshotEntries(),
+                ElementsAre(Pair("mine|1|m", "M"), Pair("other|1|m", "O"), Pair("third|1|m", id)));
+}
+
+TEST_F(InFlightJournalTest, WipesTheFile) {
+    static_cast<void>(journal.getOrCreate("a", 1, "m", "f"));
+    journal.wipe();
+    EXPECT_FALSE(files.exists(file));
+    EXPECT_NO_THROW(journal.wipe());
+    static_cast<void>(journal.getOrCreate("a", 1, "m", "f"));
+    files.addFault({.operation = Operation::remove, .errorNumber = EPERM});
+    EXPECT_NO_THROW(journal.wipe());
+    EXPECT_TRUE(files.exists(file));
+}
+
+const char* const oneEntry = R"({"entries":{"old|1|m":"OLD"}})";
+
+void prepareOneEntry(MemoryFileSystem& files) {
+    files.put(file, oneEntry, 0600);
+}
+
+TEST(InFlightJournalCrash, LeavesTheOldOrTheNewEntries) {
+    std::string id;
+    fakes::forEveryCrash(
+        prepareOneEntry,
+        [&id](MemoryFileSystem& files) { id = InFlightJournal(files, file).getOrCreate("new", 1, "m", ""); },
+        [&id](const Aftermath& after) {
+            InFlightJournal next(after.files, file);
+            const auto entries = next.snapshotEntries();
+            EXPECT_EQ(entries.at("old|1|m"), "OLD");
+            EXPECT_TRUE(entries.size() == 1 || (entries.size() == 2 && entries.contains("new|1|m")));
+            if (after.completed) {
+                EXPECT_EQ(entries.at("new|1|m"), id);
+            }
+            const std::string again = next.getOrCreate("new", 1, "m", "");
+            EXPECT_EQ(next.getOrCreate("new", 1, "m", ""), again);
+        });
+    fakes::forEveryCrash(
+        prepareOneEntry, [](MemoryFileSystem& files) { InFlightJournal(files, file).complete("old", 1, "m", ""); },
+        [](const Aftermath& after) {
+            const auto entries = InFlightJournal(after.files, file).snapshotEntries();
+            EXPECT_TRUE(after.files.exists(file));
+            EXPECT_TRUE(entries.empty() || (!after.completed && entries.at("old|1|m") == "OLD"));
+        });
+}
+
+TEST(InFlightJournalFailure, IsSwallowedAndLeavesAWholeJournal) {
+    for (const int errorNumber : {ENOSPC, EIO, EACCES}) {
+        fakes::forEveryFailure(
+            errorNumber, prepareOneEntry,
+            [](MemoryFileSystem& files) {
+                EXPECT_TRUE(isIdentifier(InFlightJournal(files, file).getOrCreate("new", 1, "m", "")));
+            },
+            [](MemoryFileSystem& files, const std::exception_ptr& thrown) {
+                EXPECT_EQ(thrown, nullptr);
+                EXPECT_EQ(InFlightJournal(files, file).snapshotEntries().at("old|1|m"), "OLD");
+            });
+        fakes::forEveryFailure(
+            errorNumber, prepareOneEntry,
+            [](MemoryFileSystem& files) { InFlightJournal(files, file).complete("old", 1, "m", ""); },
+            [](MemoryFileSystem& files, const std::exception_ptr& thrown) {
+                EXPECT_EQ(thrown, nullptr);
+                EXPECT_NO_THROW(static_cast<void>(InFlightJournal::decodeEntries(parseJson(*files.content(file)))));
+            });
+    }
+}
+
+TEST(InFlightJournalTogether, LosesNoEntryOfConcurrentThreads) {
+    constexpr int threadCount = 4;
+    constexpr int entries = 25;
+    MemoryFileSystem files;
+    InFlightJournal shared(files, file);
+    {
+        std::vector<std::jthread> threads;
+        for (int thread = 0; thread < threadCount; ++thread) {
+            threads.emplace_back([&, thread] {
+                InFlightJournal own(files, file);
+                InFlightJournal& journal = thread % 2 == 0 ? shared : own;
+                for (int i = 0; i < entries; ++i) {
+                    const std::string name = std::to_string(thread) + "-" + std::to_string(i);
+                    static_cast<void>(journal.getOrCreate(name, i, "m", "f"));
+                    static_cast<void>(journal.getOrCreate("for all " + std::to_string(i), i, "m", "f"));
+                }
+            });
+        }
+    }
+    EXPECT_EQ(shared.snapshotEntries().size(), std::size_t{(threadCount + 1) * entries});
+}
+
+TEST(InFlightJournalTogether, LosesNoEntryOfConcurrentProcesses) {
+    constexpr int processCount = 4;
+    constexpr int entries = 20;
+    std::string pattern = (std::filesystem::temp_directory_path() / "orlinth-journal-XXXXXX").native();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    const platform::Path temporary = pattern;
+    const platform::Path shared = temporary / "made" / "inflight.json";
+    std::vector<pid_t> children;
+    for (int process = 0; process < processCount; ++process) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            platform::LinuxFileSystem files;
+            InFlightJournal journal(files, shared);
+            for (int i = 0; i < entries; ++i) {
+                static_cast<void>(journal.getOrCreate(std::to_string(process), i, "m", "f"));
+                static_cast<void>(journal.getOrCreate("done", i, std::to_string(process), "f"));
+                journal.complete("done", i, std::to_string(process), "f");
+            }
+            ::_exit(0);
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    platform::LinuxFileSystem files;
+    EXPECT_EQ(InFlightJournal(files, shared).snapshotEntries().size(), std::size_t{processCount * entries});
+    std::filesystem::remove_all(temporary);
+}
+
+TEST(FileFingerprint, IsTheFrontOfTheDigestOfTheFilesFront) {
+    MemoryFileSystem files;
+    files.put("/empty", "");
+    files.put("/abc", "abc");
+    // The digests of nothing and of "abc" begin so (FIPS 180-4 examples).
+    EXPECT_EQ(FileFingerprint::compute(files, "/empty"), "e3b0c44298fc1c14");
+    EXPECT_EQ(FileFingerprint::compute(files, "/abc"), "ba7816bf8f01cfea");
+}
+
+TEST(FileFingerprint, LooksAtTheFirstSixtyFourKibibytesAlone) {
+    MemoryFileSystem files;
+    const std::string front(65536, 'x');
+    files.put("/exact", front);
+    files.put("/longer", front + "tail");
+    files.put("/shorter", front.substr(1));
+    files.put("/changed", front.substr(1) + "y");
+    const std::string exact = FileFingerprint::compute(files, "/exact");
+    EXPECT_EQ(exact.size(), 16U);
+    EXPECT_EQ(FileFingerprint::compute(files, "/longer"), exact);
+    EXPECT_NE(FileFingerprint::compute(files, "/shorter"), exact);
+    EXPECT_NE(FileFingerprint::compute(files, "/changed"), exact);
+}
+
+TEST(FileFingerprint, ReportsAFileThatCannotBeOpenedOrRead) {
+    MemoryFileSystem files;
+    files.put("/x", "content");
+    files.putFolder("/folder");
+    EXPECT_THROW(static_cast<void>(FileFingerprint::compute(files, "/missing")), platform::SystemError);
+    EXPECT_THROW(static_cast<void>(FileFingerprint::compute(files, "/folder")), platform::SystemError);
+    files.addFault({.operation = Operation::read, .errorNumber = EIO});
+    EXPECT_THROW(static_cast<void>(FileFingerprint::compute(files, "/x")), platform::SystemError);
+}
+
+} // namespace
+} // namespace orlinth

@@ -1,0 +1,133 @@
+#include "base/Text.h"
+
+#include <gtest/gtest.h>
+
+namespace orlinth {
+namespace {
+
+TEST(Text, KnowsWellFormedUtf8) {
+    for (const char* text : {"", "plain", "gr\u00fc\u00df", "\u20ac", "\U0001f600", "\U0010ffff", "\ufffd"}) {
+        EXPECT_TRUE(isUtf8(text)) << text;
+    }
+    EXPECT_TRUE(isUtf8(std::string_view("a\0b", 3)));
+}
+
+TEST(Text, RefusesOverlongFormsSurrogatesAndTornCharacters) {
+    for (const char* text : {"\x80", "\xff", "\xc0\x80", "\xc1\xbf", "\xe0\x80\x80", "\xe0\x9f\xbf", "\xed\xa0\x80",
+                             "\xed\xbf\xbf", "\xf0\x80\x80\x80", "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xe2\x82",
+                             "\xc3", "a\xc3z", "\xf0\x9f\x98"}) {
+        EXPECT_FALSE(isUtf8(text)) << testing::PrintToString(text);
+    }
+}
+
+TEST(Text, ReplacesEveryByteThatIsNotUtf8) {
+    EXPECT_EQ(toUtf8("a\xff\xfe-\u00e4"), "a\ufffd\ufffd-\u00e4");
+    EXPECT_EQ(toUtf8("\u00e4"), "\u00e4");
+    EXPECT_EQ(toUtf8("\xed\xa0\x80"), "\ufffd\ufffd\ufffd");
+    EXPECT_TRUE(isUtf8(toUtf8("\xf0\x9f\x98 \xc3")));
+}
+
+TEST(Text, LowersTheCaseOfEveryScript) {
+    EXPECT_EQ(lowerCased("PIXEL-8"), "pixel-8");
+    EXPECT_EQ(lowerCased("\u00c4\u00d6\u00dc \u0130"), "\u00e4\u00f6\u00fc i");
+    EXPECT_EQ(lowerCased("\u0391\u0392\u03a3"), "\u03b1\u03b2\u03c3");
+    EXPECT_EQ(lowerCased("\u0416\u042f"), "\u0436\u044f");
+    EXPECT_EQ(lowerCased("\U00010400"), "\U00010428"); // Deseret, beyond 16 bits
+    EXPECT_EQ(lowerCased("\u4e2d1!"), "\u4e2d1!");
+}
+
+TEST(Text, KeepsOddBytesWhenLoweringTheCase) {
+    EXPECT_EQ(lowerCased("A\xff"
+                         "B\xc3"),
+              "a\xff"
+              "b\xc3");
+}
+
+TEST(Text, TrimsUnicodeWhiteSpaceAtBothEnds) {
+    EXPECT_EQ(trimmed(" \t\r\n\v\fa b\n "), "a b");
+    EXPECT_EQ(trimmed("\u00a0\u3000\u2028\u2029\u0085\u2003x\u1680\u202f\u205f"), "x");
+    EXPECT_EQ(trimmed("x\u00a0y"), "x\u00a0y");
+    EXPECT_EQ(trimmed(" \u3000\n"), "");
+    EXPECT_EQ(trimmed(""), "");
+}
+
+TEST(Text, DoesNotTrimWhatIsNoWhiteSpace) {
+    EXPECT_EQ(trimmed("\u200bx\ufeff"), "\u200bx\ufeff"); // zero width space, byte order mark: formatting
+    EXPECT_EQ(trimmed("\xff \x80"), "\xff \x80");
+    EXPECT_EQ(trimmed(std::string_view("\0 x \0", 5)), std::string("\0 x \0", 5));
+}
+
+TEST(Text, CountsCharactersAsReadersDo) {
+    const std::string flags = "\U0001f1e9\U0001f1ea\U0001f1eb\U0001f1f7"; // DE, FR
+    const std::string family = "\U0001f468\u200d\U0001f469\u200d\U0001f467";
+    const std::string combined = "e\u0301\u0323";
+    EXPECT_EQ(firstCharacters(flags, 1), "\U0001f1e9\U0001f1ea");
+    EXPECT_EQ(firstCharacters(flags, 2), flags);
+    EXPECT_EQ(firstCharacters(family + "x", 1), family);
+    EXPECT_EQ(firstCharacters(combined + "x", 1), combined);
+    EXPECT_EQ(firstCharacters("\U0001f44d\U0001f3fd!", 1), "\U0001f44d\U0001f3fd"); // skin tone
+    EXPECT_EQ(firstCharacters("\r\nx", 1), "\r\n");
+    EXPECT_EQ(firstCharacters("\u1112\u1161\u11abx", 1), "\u1112\u1161\u11ab"); // one Hangul syllable
+}
+
+TEST(Text, TakesAtMostWhatIsThere) {
+    EXPECT_EQ(firstCharacters("abc", 0), "");
+    EXPECT_EQ(firstCharacters("abc", 2), "ab");
+    EXPECT_EQ(firstCharacters("abc", 3), "abc");
+    EXPECT_EQ(firstCharacters("abc", 99), "abc");
+    EXPECT_EQ(firstCharacters("", 5), "");
+}
+
+TEST(Text, CountsAnOddByteAsOneCharacter) {
+    EXPECT_EQ(firstCharacters("\xff\xfe"
+                              "a",
+                              2),
+              "\xff\xfe");
+    EXPECT_EQ(firstCharacters("a\xff\u0301", 2), "a\xff");
+}
+
+TEST(Text, MakesControlsAndBidirectionalOverridesVisible) {
+    EXPECT_EQ(madeVisible("\x1b[2J"), "\\u{001B}[2J");
+    EXPECT_EQ(madeVisible("a\nb\x7f"), "a\\u{000A}b\\u{007F}");
+    EXPECT_EQ(madeVisible("\u009b"), "\\u{009B}"); // a control sequence introducer in one character
+    EXPECT_EQ(madeVisible("x\u202efdp.exe"), "x\\u{202E}fdp.exe");
+    EXPECT_EQ(madeVisible("\u2066\u200b\u2028\U000e0041"), "\\u{2066}\\u{200B}\\u{2028}\\u{E0041}");
+    EXPECT_EQ(madeVisible("\xff"), "\\x{FF}");
+    EXPECT_EQ(madeVisible(std::string_view("\0", 1)), "\\u{0000}");
+}
+
+TEST(Text, LeavesVisibleTextAlone) {
+    const std::string text = "Gr\u00fc\u00dfe, \u4e2d\u6587 \U0001f600 \u0645\u0631\u062d\u0628\u0627 e\u0301";
+    EXPECT_EQ(madeVisible(text), text);
+}
+
+TEST(Text, TakesTheLastPathComponent) {
+    EXPECT_EQ(lastPathComponent("../../etc/passwd"), "passwd");
+    EXPECT_EQ(lastPathComponent("a/b"), "b");
+    EXPECT_EQ(lastPathComponent("a/b///"), "b");
+    EXPECT_EQ(lastPathComponent("//b"), "b");
+    EXPECT_EQ(lastPathComponent("b"), "b");
+    EXPECT_EQ(lastPathComponent("/"), "/");
+    EXPECT_EQ(lastPathComponent("///"), "/");
+    EXPECT_EQ(lastPathComponent(""), "");
+    EXPECT_EQ(lastPathComponent("a/.."), "..");
+    EXPECT_EQ(lastPathComponent("a\\b"), "a\\b");
+}
+
+TEST(Text, SplitsANameAtItsExtension) {
+    struct Case {
+        const char* name;
+        const char* stem;
+        const char* extension;
+    };
+    for (const Case& example :
+         {Case{"photo.jpg", "photo", "jpg"}, Case{"a.tar.gz", "a.tar", "gz"}, Case{"README", "README", ""},
+          Case{".bashrc", ".bashrc", ""}, Case{".config.json", ".config", "json"}, Case{"ends.", "ends.", ""},
+          Case{"", "", ""}, Case{".", ".", ""}, Case{"x.\u00e4", "x", "\u00e4"}}) {
+        EXPECT_EQ(withoutPathExtension(example.name), example.stem) << example.name;
+        EXPECT_EQ(pathExtension(example.name), example.extension) << example.name;
+    }
+}
+
+} // namespace
+} // namespace orlinth

@@ -1,0 +1,122 @@
+#include "platform/linux/LinuxLog.h"
+
+#include <gmock/gmock.h>
+
+#include <array>
+#include <fcntl.h>
+#include <functional>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace orlinth::platform {
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+TEST(LinuxLog, FillsTheJournalsFields) {
+    EXPECT_THAT(journalFields(LogLevel::warning, "com.example", "sending", "two\nlines"),
+                ElementsAre("MESSAGE=two\nlines", "PRIORITY=4", "SYSLOG_IDENTIFIER=orlinth",
+                            "ORLINTH_SUBSYSTEM=com.example", "ORLINTH_CATEGORY=sending"));
+    const auto priorityOf = [](LogLevel level) { return journalFields(level, "", "", "").at(1); };
+    EXPECT_EQ(priorityOf(LogLevel::debug), "PRIORITY=7");
+    EXPECT_EQ(priorityOf(LogLevel::info), "PRIORITY=6");
+    EXPECT_EQ(priorityOf(LogLevel::notice), "PRIORITY=5");
+    EXPECT_EQ(priorityOf(LogLevel::error), "PRIORITY=3");
+}
+
+TEST(LinuxLog, CutsLongMessagesAtACharactersBoundary) {
+    const std::string exact(maxLogMessageBytes, 'a');
+    EXPECT_EQ(journalFields(LogLevel::info, "", "", exact).at(0), "MESSAGE=" + exact);
+    EXPECT_EQ(journalFields(LogLevel::info, "", "", exact + "b").at(0), "MESSAGE=" + exact);
+    const std::string beforeSplit(maxLogMessageBytes - 2, 'a');
+    EXPECT_EQ(journalFields(LogLevel::info, "", "", beforeSplit + "\u20ACb").at(0), "MESSAGE=" + beforeSplit);
+    const std::string noText(maxLogMessageBytes + 10, '\x80');
+    EXPECT_GE(journalFields(LogLevel::info, "", "", noText).at(0).size(), maxLogMessageBytes);
+}
+
+TEST(LinuxLog, WritesOneLineForSyslog) {
+    EXPECT_EQ(syslogLine("com.example", "sending", "a\nb\x1B\x7F\u20AC"), "com.example sending: a b  \u20AC");
+}
+
+int bindDatagrams(const char* path) {
+    const int number = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string(path).copy(std::begin(address.sun_path), sizeof address.sun_path - 1);
+    return ::bind(number, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? number : -1;
+}
+
+/// What one log line sends, in a process that sees `folder` empty but for the receiving socket at `path` below it;
+/// nothing where the system lets nobody see folders of their own.
+std::optional<std::string> sentTo(const char* folder, const char* path, const std::function<void()>& log) {
+    std::array<int, 2> pipe{};
+    EXPECT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
+    const pid_t process = ::fork();
+    if (process == 0) {
+        if (::unshare(CLONE_NEWNS) != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+            ::_exit(77);
+        }
+        if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("none", folder, "tmpfs", 0, nullptr) != 0) {
+            ::_exit(77);
+        }
+        ::mkdir("/run/systemd", 0755);
+        ::mkdir("/run/systemd/journal", 0755);
+        const int receiver = bindDatagrams(path);
+        log();
+        std::array<char, 10000> message{};
+        const ssize_t size = ::recv(receiver, message.data(), message.size(), MSG_DONTWAIT);
+        ::_exit(size > 0 && ::write(pipe[1], message.data(), static_cast<std::size_t>(size)) == size ? 0 : 1);
+    }
+    ::close(pipe[1]);
+    std::string sent;
+    std::array<char, 10000> buffer{};
+    for (ssize_t size = 0; (size = ::read(pipe[0], buffer.data(), buffer.size())) > 0;) {
+        sent.append(buffer.data(), static_cast<std::size_t>(size));
+    }
+    ::close(pipe[0]);
+    int status = 0;
+    ::waitpid(process, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 77 ? std::nullopt : std::optional(sent);
+}
+
+TEST(LinuxLog, ReachesTheJournalWhereThereIsOne) {
+    const std::optional<std::string> sent = sentTo("/run", "/run/systemd/journal/socket", [] {
+        LinuxLog().write(LogLevel::error, "com.example", "sending", "it broke");
+    });
+    if (!sent) {
+        GTEST_SKIP() << "this system does not allow a mount namespace, in which the journal is played";
+    }
+    EXPECT_THAT(*sent, AllOf(HasSubstr("MESSAGE=it broke\n"), HasSubstr("PRIORITY=3\n"),
+                             HasSubstr("SYSLOG_IDENTIFIER=orlinth\n"), HasSubstr("ORLINTH_SUBSYSTEM=com.example\n"),
+                             HasSubstr("ORLINTH_CATEGORY=sending\n")));
+    EXPECT_THAT(*sent, testing::Not(HasSubstr("CODE_FILE")));
+}
+
+TEST(LinuxLog, ReachesSyslogWhereThereIsNoJournal) {
+    if (::access("/run/systemd/journal/socket", F_OK) == 0) {
+        GTEST_SKIP() << "this system has a journal";
+    }
+    const std::optional<std::string> sent =
+        sentTo("/dev", "/dev/log", [] { LinuxLog().write(LogLevel::notice, "com.example", "sending", "100 %s done"); });
+    if (!sent) {
+        GTEST_SKIP() << "this system does not allow a mount namespace, in which syslog is played";
+    }
+    // facility user (1) times 8 plus notice (5)
+    EXPECT_THAT(*sent, AllOf(testing::StartsWith("<13>"), EndsWith(": orlinth: com.example sending: 100 %s done")));
+}
+
+TEST(LinuxLog, IsSilentWhereNobodyListens) {
+    LinuxLog().write(LogLevel::info, "", "", std::string(1 << 20, 'x'));
+}
+
+} // namespace
+} // namespace orlinth::platform

@@ -1,0 +1,205 @@
+#include "platform/WholeFile.h"
+
+#include "fakes/TemporaryFolder.h"
+#include "platform/SystemError.h"
+#include "platform/linux/LinuxFileSystem.h"
+
+#include <gmock/gmock.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace orlinth::platform {
+namespace {
+
+using fakes::readText;
+using fakes::writeText;
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+/// The real files, with an eye on how new ones are made.
+class WatchedFileSystem final : public FileSystem {
+public:
+    std::optional<std::uint32_t> permissionsOfNewFile; ///< right after it was made, still empty
+    Path nameOfNewFile;
+    std::vector<std::string> steps;
+
+    std::optional<FileStatus> status(const Path& path) const override { return files_.status(path); }
+    bool exists(const Path& path) const noexcept override { return files_.exists(path); }
+    std::unique_ptr<File> open(const Path& path, OpenMode mode, Links links, std::uint32_t permissions) override {
+        std::unique_ptr<File> file = files_.open(path, mode, links, permissions);
+        if (mode == OpenMode::createNew) {
+            EXPECT_EQ(file->status().size, 0);
+            EXPECT_EQ(links, Links::refuse);
+            permissionsOfNewFile = file->status().permissions;
+            nameOfNewFile = path;
+            steps.emplace_back("make");
+        }
+        return file;
+    }
+    void createDirectories(const Path& path, std::uint32_t permissions) override {
+        files_.createDirectories(path, permissions);
+    }
+    void rename(const Path& from, const Path& to) override {
+        files_.rename(from, to);
+        steps.emplace_back("rename");
+    }
+    bool renameNoReplace(const Path& from, const Path& to) override { return files_.renameNoReplace(from, to); }
+    void remove(const Path& path) override { files_.remove(path); }
+    Path resolveLinks(const Path& path) const override { return files_.resolveLinks(path); }
+    void setPermissions(const Path& path, std::uint32_t permissions) override {
+        files_.setPermissions(path, permissions);
+    }
+    void flushDirectory(const Path& path) override {
+        files_.flushDirectory(path);
+        steps.emplace_back("flush folder");
+    }
+    std::vector<std::string> list(const Path& path) const override { return files_.list(path); }
+
+private:
+    LinuxFileSystem files_;
+};
+
+std::vector<std::string> namesIn(const fakes::TemporaryFolder& folder) {
+    return LinuxFileSystem().list(folder.path());
+}
+
+TEST(WholeFile, IsReadAndWrittenWhateverItsSize) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{65536}, std::size_t{200'001}}) {
+        Bytes content(size);
+        for (std::size_t i = 0; i < size; ++i) {
+            content[i] = static_cast<std::byte>(i * 7);
+        }
+        writeWholeFile(files, folder / "a", content);
+        EXPECT_EQ(readWholeFile(files, folder / "a"), content);
+    }
+    EXPECT_THAT(namesIn(folder), ElementsAre("a"));
+    EXPECT_THROW(static_cast<void>(readWholeFile(files, folder / "none")), SystemError);
+    EXPECT_THROW(static_cast<void>(readWholeFile(files, folder.path())), SystemError);
+}
+
+TEST(WholeFile, IsMadeWithItsFinalPermissionsBesideItsPlaceThenMovedThenItsFolderFlushed) {
+    const fakes::TemporaryFolder folder;
+    WatchedFileSystem files;
+    const mode_t before = ::umask(0);
+    writeWholeFile(files, folder / "key", asBytes("secret"), 0600);
+    ::umask(before);
+    EXPECT_EQ(files.permissionsOfNewFile, 0600U);
+    EXPECT_EQ(files.nameOfNewFile.parent_path(), folder.path());
+    EXPECT_EQ(files.status(folder / "key").value().permissions, 0600U);
+    EXPECT_THAT(files.steps, ElementsAre("make", "rename", "flush folder"));
+}
+
+TEST(WholeFile, TakesAFreshTemporaryNameEachTime) {
+    const fakes::TemporaryFolder folder;
+    WatchedFileSystem files;
+    writeWholeFile(files, folder / "a", asBytes("1"));
+    const Path first = files.nameOfNewFile;
+    writeWholeFile(files, folder / "a", asBytes("2"));
+    EXPECT_NE(files.nameOfNewFile, first);
+}
+
+TEST(WholeFile, LeavesTheOldContentAndNoTemporaryFileWhenTheDiskIsFull) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    writeText(folder / "a", "old");
+    void (*const handler)(int) = ::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit limit{100, before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_THROW(writeWholeFile(files, folder / "a", Bytes(200)), SystemError);
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    ::signal(SIGXFSZ, handler);
+    EXPECT_EQ(readText(folder / "a"), "old");
+    EXPECT_THAT(namesIn(folder), ElementsAre("a"));
+}
+
+TEST(WholeFile, LeavesNoTemporaryFileWhenItsPlaceIsAFolder) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    std::filesystem::create_directory(folder / "a");
+    EXPECT_THROW(writeWholeFile(files, folder / "a", asBytes("x")), SystemError);
+    EXPECT_THAT(namesIn(folder), ElementsAre("a"));
+}
+
+TEST(WholeFile, KeepsALinkAndReplacesItsTarget) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    writeText(folder / "elsewhere/target", "old");
+    std::filesystem::create_symlink("elsewhere/target", folder / "link");
+    std::filesystem::create_symlink("elsewhere/new", folder / "dangling");
+    writeWholeFile(files, folder / "link", asBytes("new"));
+    writeWholeFile(files, folder / "dangling", asBytes("first"));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "link"));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "dangling"));
+    EXPECT_EQ(readText(folder / "elsewhere/target"), "new");
+    EXPECT_EQ(readText(folder / "elsewhere/new"), "first");
+    EXPECT_THAT(namesIn(folder), UnorderedElementsAre("link", "dangling", "elsewhere"));
+}
+
+TEST(FileLock, KeepsAnotherProcessOutUntilItGoes) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    const auto otherProcessGetsIt = [&] {
+        const pid_t process = ::fork();
+        if (process == 0) {
+            LinuxFileSystem childFiles;
+            const auto file = childFiles.open(folder / "a.lock", OpenMode::openOrCreate);
+            ::_exit(file->tryLock() ? 1 : 2);
+        }
+        int status = 0;
+        ::waitpid(process, &status, 0);
+        return WIFEXITED(status) && WEXITSTATUS(status) == 1;
+    };
+    {
+        const FileLock lock(files, folder / "a");
+        EXPECT_FALSE(otherProcessGetsIt());
+    }
+    EXPECT_TRUE(otherProcessGetsIt());
+    EXPECT_EQ(files.status(folder / "a.lock").value().permissions, 0600U);
+}
+
+TEST(FileLock, LetsProcessesCountTogetherWithoutLosingOne) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    writeText(folder / "count", "0");
+    constexpr int rounds = 50;
+    const auto count = [&folder] {
+        LinuxFileSystem own;
+        for (int i = 0; i < rounds; ++i) {
+            const FileLock lock(own, folder / "count");
+            const int value = std::stoi(toText(readWholeFile(own, folder / "count")));
+            writeWholeFile(own, folder / "count", asBytes(std::to_string(value + 1)));
+        }
+    };
+    const pid_t process = ::fork();
+    if (process == 0) {
+        count();
+        ::_exit(0);
+    }
+    std::thread second(count);
+    count();
+    second.join();
+    int status = -1;
+    ::waitpid(process, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readText(folder / "count"), std::to_string(3 * rounds));
+}
+
+TEST(FileLock, RefusesALinkInPlaceOfItsFile) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    std::filesystem::create_symlink("elsewhere", folder / "a.lock");
+    EXPECT_THROW(FileLock(files, folder / "a"), SystemError);
+    EXPECT_FALSE(std::filesystem::exists(folder / "elsewhere"));
+}
+
+} // namespace
+} // namespace orlinth::platform
