@@ -21,6 +21,12 @@ if(ORLINTH_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${ORLINTH_CCACHE}")
 endif()
 
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # ccache compares what a precompiled header was made of, not when; it needs
+  # CCACHE_SLOPPINESS=pch_defines,time_macros, which scripts/lib.sh sets.
+  add_compile_options(-Xclang -fno-pch-timestamp)
+endif()
+
 find_program(ORLINTH_LLD NAMES ld.lld-19 ld.lld)
 if(ORLINTH_LLD AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   add_link_options("--ld-path=${ORLINTH_LLD}")

@@ -10,6 +10,9 @@ cd "$ROOT"
 # The same messages and the same sorting wherever we run; every Debian has this locale.
 export LC_ALL=C.UTF-8
 
+# Precompiled headers are cached by what they contain.
+export CCACHE_SLOPPINESS=pch_defines,time_macros
+
 if [[ -t 2 && -z ${NO_COLOR:-} ]]; then
     BOLD=$'\e[1m' RED=$'\e[31m' GREEN=$'\e[32m' PLAIN=$'\e[0m'
 else

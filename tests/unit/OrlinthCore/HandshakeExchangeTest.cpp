@@ -89,7 +89,8 @@ TEST_F(HandshakeExchange, IgnoresAReceivedPayload) {
 
 TEST_F(HandshakeExchange, RefusesAMessageLargerThanNoiseAllows) {
     NoiseHandshake responder = handshake(NoiseRole::responder);
-    start(initiatorWire_->sendLengthPrefixed(Bytes(NoiseHandshake::maxMessageBytes + 1)));
+    const Bytes tooLong(NoiseHandshake::maxMessageBytes + 1);
+    start(initiatorWire_->sendLengthPrefixed(tooLong));
     try {
         runVirtual(context_, clock_, exchangeAsResponder(*responderWire_, responder));
         FAIL() << "no error";

@@ -247,23 +247,33 @@ TEST_F(LinuxFileSystemTest, LocksAFileAgainstOtherProcessesUntilItIsClosed) {
     EXPECT_EQ(inAnotherProcess(otherProcess), 1);
 }
 
-std::atomic<int> interruptions = 0;
+/// Whether the kernel has put this thread of ours to sleep: the letter behind the name in its stat file.
+bool isAsleep(pid_t thread) {
+    const std::string stat = readText("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::size_t name = stat.rfind(") ");
+    return name != std::string::npos && stat.at(name + 2) == 'S';
+}
 
 TEST_F(LinuxFileSystemTest, GoesOnWaitingForALockWhenSignalsInterruptIt) {
-    struct sigaction counting{};
+    struct sigaction quiet{};
     struct sigaction before{};
-    counting.sa_handler = [](int) { ++interruptions; }; // without SA_RESTART, so that calls are interrupted
-    ASSERT_EQ(::sigaction(SIGUSR1, &counting, &before), 0);
+    quiet.sa_handler = [](int) {}; // without SA_RESTART, so that calls are interrupted
+    ASSERT_EQ(::sigaction(SIGUSR1, &quiet, &before), 0);
     std::unique_ptr<File> holder = files_.open(folder_ / "a", OpenMode::openOrCreate);
     holder->lock();
     const std::unique_ptr<File> waiter = files_.open(folder_ / "a", OpenMode::openOrCreate);
+    std::atomic<pid_t> waiting = 0;
     std::atomic<bool> locked = false;
     std::thread thread([&] {
+        waiting = ::gettid();
         waiter->lock();
         locked = true;
     });
-    while (interruptions < 50) {
-        ::pthread_kill(thread.native_handle(), SIGUSR1);
+    for (int signals = 0; signals < 20;) {
+        if (waiting != 0 && isAsleep(waiting)) {
+            ::pthread_kill(thread.native_handle(), SIGUSR1);
+            ++signals;
+        }
         std::this_thread::yield();
     }
     EXPECT_FALSE(locked);
