@@ -23,16 +23,12 @@ public:
 
     void onConnected(const std::string& remoteEndpoint) override {
         handshake_.begin();
-        output_.event("connected", {{"remote_endpoint", remoteEndpoint}});
+        output_.message("connection from " + remoteEndpoint);
     }
 
-    void onHandshakeComplete() override {
-        handshake_.end();
-        output_.event("handshake", Json::object());
-    }
+    void onHandshakeComplete() override { handshake_.end(); }
 
     void onOffer(const TransportMessage::FileOffer& offer, std::int64_t resumedFromOffset) override {
-        output_.event("file", {{"name", offer.name}, {"size", offer.size}, {"mime", offer.mime}});
         std::string line = "receiving " + offer.name + " (" + humanSize(offer.size) + ")";
         if (resumedFromOffset > 0) {
             line += ", going on from " + humanSize(resumedFromOffset);
@@ -42,7 +38,6 @@ public:
     }
 
     void onProgress(std::int64_t bytesWritten, std::int64_t totalBytes) override {
-        output_.event("progress", {{"bytes_written", bytesWritten}, {"total_bytes", totalBytes}});
         output_.bar().update(bytesWritten, totalBytes);
     }
 

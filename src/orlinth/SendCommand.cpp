@@ -24,8 +24,13 @@ struct SendTimes {
 /// Turns what happens to one file into events, the progress bar, and the handshake's time limit.
 class SendReporter final : public SendProgress {
 public:
-    SendReporter(Output& output, HandshakeLimit& handshake, std::string file, std::string to)
-        : output_(output), handshake_(handshake), file_(std::move(file)), to_(std::move(to)), name_(file_) {}
+    SendReporter(Output& output, platform::Clock& clock, HandshakeLimit& handshake, std::string file, std::string to)
+        : output_(output),
+          clock_(clock),
+          handshake_(handshake),
+          file_(std::move(file)),
+          to_(std::move(to)),
+          name_(file_) {}
 
     void onFile(const std::string& name, std::int64_t size, const std::string& mime) override {
         name_ = name;
@@ -53,10 +58,7 @@ public:
     }
 
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
-        Json fields = context();
-        fields["bytes_sent"] = bytesSent;
-        fields["total_bytes"] = totalBytes;
-        output_.event("progress", std::move(fields));
+        tellProgress(bytesSent, totalBytes);
         if (!begun_) {
             begun_ = true;
             if (bytesSent > 0) {
@@ -103,15 +105,31 @@ public:
     }
 
 private:
+    /// At the start, at the end, and ten times a second: a script that reads slowly must not slow the transfer down.
+    void tellProgress(std::int64_t bytesSent, std::int64_t totalBytes) {
+        constexpr double secondsBetween = 0.1;
+        const platform::Clock::Instant now = clock_.now();
+        if (begun_ && bytesSent != totalBytes && (now - lastTold_).count() < secondsBetween) {
+            return;
+        }
+        lastTold_ = now;
+        Json fields = context();
+        fields["bytes_sent"] = bytesSent;
+        fields["total_bytes"] = totalBytes;
+        output_.event("progress", std::move(fields));
+    }
+
     /// What every event of this file carries, so that those of several can be told apart.
     [[nodiscard]] Json context() const { return {{"file", file_}, {"to", to_}}; }
 
     Output& output_;
+    platform::Clock& clock_;
     HandshakeLimit& handshake_;
     std::string file_; ///< as it was named on the command line
     std::string to_;
     std::string name_;
     bool begun_ = false;
+    platform::Clock::Instant lastTold_{0};
     bool brokeOff_ = false;
 };
 
@@ -178,7 +196,7 @@ private:
     [[nodiscard]] bool sendOne(Host& host, const platform::PrivateKey& ownKey, InFlightJournal& journal,
                                const PeerRecord& peer, const std::string& file) const {
         HandshakeLimit handshake(host.system.clock, host.tasks);
-        SendReporter reporter(host.output, handshake, file, peer.peer_hostname);
+        SendReporter reporter(host.output, host.system.clock, handshake, file, peer.peer_hostname);
         const std::string where = peer.peer_hostname + " (" + addressOf(peer) + ")";
         try {
             SourceMemory sources(host.system, journal);

@@ -67,12 +67,14 @@ public:
     /// `permissions` are those of a file that is made here, from its first byte.
     [[nodiscard]] virtual std::unique_ptr<File> open(const Path& path, OpenMode mode, Links links = Links::follow,
                                                      std::uint32_t permissions = 0666) = 0;
-    /// With all missing parents; an existing folder is fine. Only new folders get the permissions.
+    /// With all missing parents; an existing folder is fine. Only new folders get the permissions; their names survive
+    /// a power cut.
     virtual void createDirectories(const Path& path, std::uint32_t permissions = 0777) = 0;
     /// Replaces `to` in one step.
     virtual void rename(const Path& from, const Path& to) = 0;
     /// Moves unless something has the name `to`; returns whether it moved. In one step.
     [[nodiscard]] virtual bool renameNoReplace(const Path& from, const Path& to) = 0;
+    /// A file or a link; a folder is refused.
     virtual void remove(const Path& path) = 0;
     /// Where a chain of links under `path` leads, also if nothing is there yet; `path` itself if it is no link.
     [[nodiscard]] virtual Path resolveLinks(const Path& path) const = 0;

@@ -616,7 +616,7 @@ void MemoryFileSystem::createDirectories(const Path& path, std::uint32_t permiss
         state_->begin(Operation::createDirectory, place.path);
         if (!place.node) {
             require(*place.folder, mayWrite);
-            state_->create(place, NodeKind::folder, permissions);
+            place.folder->flushedNames[place.name] = state_->create(place, NodeKind::folder, permissions);
             state_->record(Operation::createDirectory, place.path);
         }
     }

@@ -31,7 +31,8 @@ class WholeFiles(ProgramTest):
         self.assertEqual(0, complete["resumed_from_offset"])
         self.assertGreater(complete["duration_seconds"], 0)
         progress = [event["bytes_sent"] for event in sender.events.all if event["event"] == "progress"]
-        self.assertEqual([0, MIB, 2 * MIB, 3 * MIB, 3 * MIB + 12345], progress)
+        self.assertEqual(sorted(set(progress)), progress)
+        self.assertEqual((0, 3 * MIB + 12345), (progress[0], progress[-1]))
 
         complete = receiver.events.find("complete")
         self.assertEqual(

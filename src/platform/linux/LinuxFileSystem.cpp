@@ -187,20 +187,20 @@ std::unique_ptr<File> LinuxFileSystem::open(const Path& path, OpenMode mode, Lin
 }
 
 void LinuxFileSystem::createDirectories(const Path& path, std::uint32_t permissions) {
-    if (::mkdir(path.c_str(), permissions) == 0) {
+    const Path parent = path.parent_path();
+    const bool hasParent = !parent.empty() && parent != path;
+    bool isMade = ::mkdir(path.c_str(), permissions) == 0;
+    if (!isMade && errno == ENOENT && hasParent) {
+        createDirectories(parent, permissions);
+        isMade = ::mkdir(path.c_str(), permissions) == 0;
+    }
+    if (isMade) {
+        flushDirectory(parent);
         return;
     }
     const int code = errno;
-    if (isDirectory(path)) {
-        return;
-    }
-    const Path parent = path.parent_path();
-    if (code != ENOENT || parent.empty() || parent == path) {
+    if (!isDirectory(path)) { // it was there, or another process was quicker, or the path ends in a slash
         throw SystemError::fromErrno(code);
-    }
-    createDirectories(parent, permissions);
-    if (::mkdir(path.c_str(), permissions) != 0 && !(errno == EEXIST && isDirectory(path))) {
-        throw SystemError::fromErrno();
     }
 }
 
@@ -255,7 +255,7 @@ bool renameNoReplaceByCheck(const Path& from, const Path& to) {
 }
 
 void LinuxFileSystem::remove(const Path& path) {
-    checked([&] { return ::remove(path.c_str()); });
+    checked([&] { return ::unlink(path.c_str()); });
 }
 
 Path LinuxFileSystem::resolveLinks(const Path& path) const {
@@ -281,7 +281,12 @@ void LinuxFileSystem::setPermissions(const Path& path, std::uint32_t permissions
 }
 
 void LinuxFileSystem::flushDirectory(const Path& path) {
-    const Descriptor directory = openDescriptor(path.empty() ? Path(".") : path, O_RDONLY | O_DIRECTORY);
+    const Path folder = path.empty() ? Path(".") : path;
+    if (::access(folder.c_str(), R_OK) != 0 && errno == EACCES) {
+        return; // may be written but not opened: there is no way to flush it, and the names in it are there all the
+                // same
+    }
+    const Descriptor directory = openDescriptor(folder, O_RDONLY | O_DIRECTORY);
     if (retried([&] { return ::fsync(directory.get()); }) != 0 && errno != EINVAL) {
         throw SystemError::fromErrno(); // EINVAL: a file system whose folders cannot be flushed one by one
     }

@@ -192,7 +192,7 @@ private:
 
     /// Makes the next wait last until a good part of the `missing` bytes has come, and never longer than they would.
     void wakeUpFor(std::size_t missing) noexcept {
-        constexpr std::size_t most = std::size_t{256} << 10U;
+        constexpr std::size_t most = std::size_t{2} << 20U; // a whole frame of a transfer; a full window wakes up too
         const int mark = static_cast<int>(std::min(missing, most));
         if (mark != lowWaterMark_ &&
             ::setsockopt(socket_.native_handle(), SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark) == 0) {
