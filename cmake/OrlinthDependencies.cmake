@@ -1,6 +1,7 @@
 # Everything the programs are built on; each is a package of the distribution.
 
 find_package(Threads REQUIRED)
+find_package(CURL 7.88 REQUIRED)
 find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
 find_package(nlohmann_json 3.11 REQUIRED)
 find_package(CLI11 REQUIRED)

@@ -1,4 +1,4 @@
-"""The story that scripts/demo tells. Usage: demo.py ORLINTH [FILE]"""
+"""The story that scripts/demo tells. Usage: demo.py ORLINTH CLIP_PHONE [FILE]"""
 
 import hashlib
 import json
@@ -17,6 +17,7 @@ MADE_FILE = 512 * MIB
 SMALLEST_TO_CUT = 64 * MIB  # below that a kill in the middle is a matter of luck
 CUT_AT = 0.35               # of the file: somewhere in the middle, whatever the machine's speed
 ATTEMPTS = 4
+TEXT = "Grüße vom Schreibtisch: 東京, 6 pm ☕"
 PATIENCE = 120              # seconds for anything that should take a few
 SLOWEST = 2e6               # bytes a second at which a transfer still counts as going on
 
@@ -88,7 +89,7 @@ def make_file(path, size):
 
 
 class Running:
-    """One orlinth under way; its events are collected as they come. Ends with the demo, whatever happens."""
+    """A program under way; its events are collected as they come. Ends with the demo, whatever happens."""
 
     def __init__(self, arguments, environment):
         self.process = subprocess.Popen(arguments, env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -156,8 +157,9 @@ class Running:
 
 
 class Demo:
-    def __init__(self, orlinth, folder):
+    def __init__(self, orlinth, clip_phone, folder):
         self.orlinth = orlinth
+        self.clip_phone = clip_phone
         self.folder = folder
         self.running = []
 
@@ -170,15 +172,18 @@ class Demo:
         return {**os.environ, "XDG_DATA_HOME": str(self.folder / who / "data"),
                 "XDG_CONFIG_HOME": str(self.folder / who / "config")}
 
-    def call(self, who, *arguments):
-        done = subprocess.run([self.orlinth, *arguments], env=self.environment(who), stdin=subprocess.DEVNULL,
-                              capture_output=True, text=True, errors="replace", timeout=PATIENCE)
+    def call(self, who, *arguments, text=""):
+        done = subprocess.run([self.orlinth, *arguments], env=self.environment(who), input=text,
+                              capture_output=True, encoding="utf-8", errors="replace", timeout=PATIENCE)
         if done.returncode != 0:
             raise Trouble(f"orlinth {arguments[0]}: {done.stderr.strip()}")
         return done.stdout
 
     def start(self, who, *arguments):
-        running = Running([self.orlinth, *arguments], self.environment(who))
+        return self.start_program(who, self.orlinth, *arguments)
+
+    def start_program(self, who, *arguments):
+        running = Running([*arguments], self.environment(who))
         self.running.append(running)
         return running
 
@@ -264,6 +269,23 @@ class Demo:
             raise Trouble(f"left behind: {', '.join(left)}")
         saved.unlink()
 
+    def clip(self):
+        """Sends a text for the clipboard, and shows what arrived."""
+        step("A text for the phone's clipboard")
+        tell(faint("The service that takes texts is not there yet. A small stand-in takes the phone's part: the same"))
+        tell(faint("handshake and the same sealed frames, one message, and it prints what it was sent."))
+        phone = self.start_program("phone", self.clip_phone, "close", "0", self.keys["desk"])
+        self.record("desk", "phone", self.keys["phone"], phone.wait_for("listening")["port"])
+        said = self.call("desk", "clip", "--to", "phone", "-", text=TEXT).strip()
+        got = phone.wait_for("message")
+        if phone.finish() != 0:
+            raise Trouble(f"the stand-in failed: {phone.last_words()}")
+        tell(f"orlinth clip says: {faint(said)}")
+        tell(f"The stand-in got:  {bold(got['text'])} ({got['mime']})")
+        if got["text"] != TEXT:
+            raise Trouble("the texts differ")
+        tell(green("The same, character for character."))
+
 
 def room_for(folder, size):
     """The largest file of at most `size` that fits twice with room to spare."""
@@ -301,13 +323,13 @@ def cut_and_resume(demo, folder, given):
 
 
 def main():
-    orlinth = os.path.abspath(sys.argv[1])
-    given = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
+    orlinth, clip_phone = (os.path.abspath(program) for program in sys.argv[1:3])
+    given = pathlib.Path(sys.argv[3]) if len(sys.argv) > 3 else None
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: sys.exit(143))
     with tempfile.TemporaryDirectory(prefix="orlinth-demo-") as name:
         folder = pathlib.Path(name)
-        demo = Demo(orlinth, folder)
+        demo = Demo(orlinth, clip_phone, folder)
         try:
             if given is not None and room_for(folder, given.stat().st_size) < given.stat().st_size // MIB * MIB:
                 raise Trouble(f"there is too little room in {folder} for {given.name}; set TMPDIR to a larger place")
@@ -318,6 +340,7 @@ def main():
             if not cut_and_resume(demo, folder, given) and given is not None:
                 step(f"Sending {given.name}")
                 demo.deliver(given, 0)
+            demo.clip()
             print(f"\n{green('That was the whole of it.')} Now between two machines: see README.md.")
             return 0
         except (Trouble, subprocess.TimeoutExpired) as error:

@@ -53,5 +53,7 @@ inline constexpr std::int64_t maxSeconds = 366 * 24 * 3600;
 [[nodiscard]] std::unique_ptr<Command> makePeersCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeSendCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeReceiveCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeClipCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeWakeCommand(CLI::App& program);
 
 } // namespace orlinth::host

@@ -1,9 +1,8 @@
 #pragma once
 
-#include "orlinth/TaskRunner.h"
-#include "platform/Clock.h"
+#include "orlinth/TimeLimit.h"
 
-#include <memory>
+#include <string>
 
 namespace orlinth::host {
 
@@ -15,19 +14,17 @@ public:
     static constexpr int seconds = 10;
 
     /// `runner` runs the transfer and outlives this.
-    HandshakeLimit(platform::Clock& clock, TaskRunner& runner);
+    HandshakeLimit(platform::Clock& clock, TaskRunner& runner) : limit_(clock, runner) {}
 
-    void begin();
-    void end() noexcept;
+    void begin() { limit_.begin(seconds); }
+    void end() noexcept { limit_.end(); }
     /// Whether the transfer was cancelled from here.
-    [[nodiscard]] bool hasExpired() const noexcept { return expired_; }
+    [[nodiscard]] bool hasExpired() const noexcept { return limit_.hasExpired(); }
     /// What to report then.
-    [[nodiscard]] static std::string text();
+    [[nodiscard]] static std::string text() { return "timed out after " + std::to_string(seconds) + " seconds"; }
 
 private:
-    TaskRunner& runner_;
-    std::unique_ptr<platform::Timer> timer_;
-    bool expired_ = false;
+    TimeLimit limit_;
 };
 
 } // namespace orlinth::host

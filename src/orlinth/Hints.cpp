@@ -1,15 +1,20 @@
 #include "orlinth/Hints.h"
 
 #include "OrlinthCore/Receiving/ReceiveError.h"
+#include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "OrlinthCore/SecureChannel/WireConnection.h"
 #include "OrlinthCore/Sending/SendError.h"
 #include "orlinth/Output.h"
+#include "orlinth/PushService.h"
 
 namespace orlinth::host {
 
 namespace {
 
 std::string hintForNetwork(const std::string& detail, const std::string& where) {
+    if (detail.starts_with("FCM wake failed: ")) {
+        return where + " seems to sleep, and could not be woken. " + hintForPush(detail);
+    }
     if (detail.find("timed out") != std::string::npos || detail.find("refused") != std::string::npos) {
         return "Is " + where + " awake, on this network, and ready to receive?";
     }
@@ -27,6 +32,10 @@ std::string hintForSending(const std::exception& error, const std::string& where
     }
     if (dynamic_cast<const WireConnection::Error*>(&error) != nullptr) {
         return "The connection to " + where + " broke. Send the file again: it goes on where it stopped.";
+    }
+    const auto* frame = dynamic_cast<const TransportFramer::Error*>(&error);
+    if (frame != nullptr && frame->which() == TransportFramer::Error::Case::plaintextTooLarge) {
+        return "A text of that size goes as a file: `orlinth send`.";
     }
     const auto* send = dynamic_cast<const SendError*>(&error);
     if (send == nullptr) {

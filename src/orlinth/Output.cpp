@@ -32,6 +32,25 @@ int writeAll(int descriptor, std::string_view text) noexcept {
     return 0;
 }
 
+/// Every line end, with the blanks around it, as one blank: what a server answers is often written over several lines.
+std::string onOneLine(std::string_view text) {
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
+    std::string line;
+    for (std::size_t at = 0; at < text.size();) {
+        std::size_t end = at;
+        while (end < text.size() && isBlank(text[end])) {
+            ++end;
+        }
+        const std::string_view blanks = text.substr(at, end - at);
+        line += blanks.find('\n') == std::string_view::npos ? blanks : " ";
+        at = end;
+        if (at < text.size()) {
+            line += text[at++];
+        }
+    }
+    return line;
+}
+
 } // namespace
 
 void writeToStandardError(std::string_view text) noexcept {
@@ -78,7 +97,7 @@ void Output::message(std::string_view text) {
 
 void Output::failure(std::string_view text, std::string_view hint, Json context) {
     bar_.clear();
-    std::string lines = "orlinth: " + madeVisible(text) + "\n";
+    std::string lines = "orlinth: " + madeVisible(onOneLine(text)) + "\n";
     if (!hint.empty()) {
         lines += madeVisible(hint) + "\n";
     }

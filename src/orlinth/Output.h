@@ -40,8 +40,8 @@ public:
     void event(const char* name, Json fields);
     /// A line on standard error, unless quiet; control characters are made visible.
     void message(std::string_view text);
-    /// The line `orlinth: ` + text, and a second one if there is a hint. In JSON form also the event "error", with
-    /// `context` in it.
+    /// The line `orlinth: ` + text, its line ends turned into blanks, and a second one if there is a hint. In JSON form
+    /// also the event "error", with `context` in it and the text as it is.
     void failure(std::string_view text, std::string_view hint = {}, Json context = Json::object());
 
     /// The exit status: `status`, unless it says success and a part of the output was lost.

@@ -5,6 +5,7 @@
 #include "orlinth/Hints.h"
 #include "orlinth/HumanText.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/PushService.h"
 #include "orlinth/SourceMemory.h"
 
 #include <algorithm>
@@ -145,7 +146,10 @@ public:
             ->check(notEmpty())
             ->configurable(false);
         addSeconds("--warm-timeout", times_.warm, "How long the first attempt to connect may take; 0: no limit.");
-        addSeconds("--wake-timeout", times_.wake, "How long attempts go on after the phone was woken by a push.");
+        addSeconds(
+            "--wake-timeout", times_.wake,
+            "How long attempts go on after a wake push; 0: none is made. A phone that does not answer is woken if its "
+            "push token is known.");
         addSeconds("--attempt-timeout", times_.attempt, "How long each of those attempts may take; 0: no limit.");
         addSeconds("--retry-interval", times_.retry, "The pause between those attempts.");
         addJsonFlag("Print events as JSON, one object a line.");
@@ -209,6 +213,7 @@ private:
                                                                            .postWakeConnectTimeout = times_.wake,
                                                                            .postWakeAttemptTimeout = times_.attempt,
                                                                            .postWakeRetryInterval = times_.retry,
+                                                                           .fcmBaseURL = pushServiceURL(),
                                                                            .progress = &reporter}));
             sources.afterSending();
             reporter.tellComplete(sent);

@@ -62,12 +62,6 @@ std::vector<std::string> argumentsOf(int count, char** values) {
     return arguments;
 }
 
-/// One line, whatever the parser says.
-std::string singleLine(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    return text;
-}
-
 int tellWrongCommandLine(Output& output, const CLI::App& program, const CLI::ParseError& error) {
     std::string command = "orlinth";
     for (const CLI::App* chosen = &program; !chosen->get_subcommands().empty();) {
@@ -78,7 +72,7 @@ int tellWrongCommandLine(Output& output, const CLI::App& program, const CLI::Par
     if (program.get_subcommands().empty() && program.remaining_size() > 0) {
         text = "there is no command '" + program.remaining().front() + "'";
     }
-    output.failure(singleLine(text), "`" + command + " --help` explains the command line.");
+    output.failure(text, "`" + command + " --help` explains the command line.");
     return wrongCommandLine;
 }
 
@@ -113,8 +107,9 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     platform::System system = linux.system();
     Host host{system, tasks, output};
 
-    CLI::App program("Moves files between this computer and your phones, encrypted, over the local network.",
-                     "orlinth");
+    CLI::App program(
+        "Moves files and short texts between this computer and your phones, encrypted, over the local network.",
+        "orlinth");
     program.set_version_flag("--version", "orlinth " ORLINTH_VERSION, "Print the version and end.");
     program.require_subcommand(1);
     program.footer(aboutConventions);
@@ -123,12 +118,14 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makePeersCommand(program));
     commands.push_back(makeSendCommand(program));
     commands.push_back(makeReceiveCommand(program));
+    commands.push_back(makeClipCommand(program));
+    commands.push_back(makeWakeCommand(program));
 
     try {
         applySettings(program, system.files, system.directories.config / "orlinth" / "config.toml");
         program.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend())); // it wants the last one first
     } catch (const SettingsError& error) {
-        output.failure(singleLine(error.description()), "Correct the file, or move it away.");
+        output.failure(error.description(), "Correct the file, or move it away.");
         return wrongCommandLine;
     } catch (const CLI::CallForHelp&) {
         return show(output, program.help());

@@ -96,6 +96,24 @@ private:
     PublicKey publicKey_;
 };
 
+/// A private key of RSA, for signatures only.
+class RsaPrivateKey {
+public:
+    /// From the DER of a PKCS#1 RSAPrivateKey (RFC 8017 §A.1.2), of 2048 bits or more. @throws CryptoError
+    [[nodiscard]] static RsaPrivateKey fromPkcs1(ByteView der);
+    RsaPrivateKey(RsaPrivateKey&&) noexcept;
+    RsaPrivateKey& operator=(RsaPrivateKey&&) noexcept;
+    ~RsaPrivateKey();
+
+    /// RSASSA-PKCS1-v1_5 with SHA-256 over `data` (RFC 8017 §8.2; "RS256" of RFC 7518). @throws CryptoError
+    [[nodiscard]] Bytes signSha256(ByteView data) const;
+
+private:
+    struct Handle;
+    explicit RsaPrivateKey(std::unique_ptr<Handle> handle) noexcept;
+    std::unique_ptr<Handle> handle_;
+};
+
 /// ChaCha20-Poly1305 (RFC 8439 §2.8) under one key: 12-byte nonce, 16-byte tag. Works in place, without allocating.
 /// Not thread-safe; move-only.
 class ChaCha20Poly1305 {

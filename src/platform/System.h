@@ -1,8 +1,10 @@
 #pragma once
 
+#include "platform/Clipboard.h"
 #include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
+#include "platform/HttpsClient.h"
 #include "platform/Log.h"
 #include "platform/MimeTypes.h"
 #include "platform/Network.h"
@@ -17,7 +19,11 @@ struct System {
     FileSystem& files;
     MimeTypes& mimeTypes;
     Log& log;
+    HttpsClient& https;
+    Clipboard& clipboard;
     UserDirectories directories;
+    /// The serial queue of the host's main thread: what a desktop wants to be touched from one place runs here.
+    Executor mainQueue;
 };
 
 } // namespace orlinth::platform

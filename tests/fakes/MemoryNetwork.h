@@ -32,7 +32,7 @@ struct Pipe {
     explicit Pipe(const Executor& executor) : changed(executor) {}
     static constexpr std::size_t capacity = 64 << 10; // what a writer may be ahead of the reader
 
-    std::deque<std::byte> bytes;
+    std::vector<std::byte> bytes; // at most `capacity`, so that taking from its front is cheap
     std::size_t written = 0;
     bool ended = false;  // no more will be written
     bool broken = false; // reset

@@ -3,6 +3,8 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "fakes/FakeClipboard.h"
+#include "fakes/FakeHttpsClient.h"
 #include "fakes/FakeMimeTypes.h"
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/MemoryNetwork.h"
@@ -36,14 +38,19 @@ struct World {
     MemoryFileSystem files;
     FakeMimeTypes mimeTypes;
     RecordingLog log;
+    FakeHttpsClient https;
+    FakeClipboard clipboard;
     platform::System system{.network = network,
                             .clock = clock,
                             .files = files,
                             .mimeTypes = mimeTypes,
                             .log = log,
+                            .https = https,
+                            .clipboard = clipboard,
                             .directories = {.data = "/home/ann/.local/share",
                                             .config = "/home/ann/.config",
-                                            .downloads = "/home/ann/Downloads"}};
+                                            .downloads = "/home/ann/Downloads"},
+                            .mainQueue = context.get_executor()};
     platform::PrivateKey computerKey = platform::PrivateKey::generate();
     platform::PrivateKey phoneKey = platform::PrivateKey::generate();
     static constexpr std::uint16_t phonePort = 7000;

@@ -1,6 +1,7 @@
 """What the tests of the whole program share: identities of their own, a receiver, a relay on the wire."""
 
 import base64
+import contextlib
 import hashlib
 import json
 import os
@@ -17,6 +18,8 @@ import unittest
 
 ORLINTH = os.environ.get("ORLINTH", "orlinth")
 SANITIZED = bool(os.environ.get("ORLINTH_SANITIZE"))
+BUILD = pathlib.Path(os.environ.get("ORLINTH_BUILD", "."))
+CLIP_PHONE = str(BUILD / "tests" / "interop" / "clip_phone")
 MIB = 1024 * 1024
 # Nothing here takes this long; it only keeps a hung program from hanging the suite.
 PATIENCE = 240 if SANITIZED else 90
@@ -92,9 +95,8 @@ class Running:
 
     def __init__(self, arguments, **options):
         self.errors = tempfile.TemporaryFile()
-        self.process = subprocess.Popen(
-            arguments, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.errors, **options
-        )
+        options.setdefault("stdin", subprocess.DEVNULL)
+        self.process = subprocess.Popen(arguments, stdout=subprocess.PIPE, stderr=self.errors, **options)
         self.events = Events(self.process.stdout)
 
     def wait(self, patience=PATIENCE):
@@ -139,15 +141,16 @@ class Identity:
             "XDG_DATA_HOME": str(self.data),
             "XDG_CONFIG_HOME": str(self.config),
         }
-        for name in ("NO_COLOR", "XDG_DOWNLOAD_DIR"):
+        for name in ("NO_COLOR", "XDG_DOWNLOAD_DIR", "DISPLAY", "WAYLAND_DISPLAY", "ORLINTH_FCM_BASE_URL"):
             self.environment.pop(name, None)
 
     def run(self, *arguments, **options):
         """Runs the program to its end; text streams."""
+        if "input" not in options:
+            options.setdefault("stdin", subprocess.DEVNULL)
         return subprocess.run(
             [ORLINTH, *arguments],
             env={**self.environment, **options.pop("environment", {})},
-            stdin=subprocess.DEVNULL,
             stdout=options.pop("stdout", subprocess.PIPE),
             stderr=options.pop("stderr", subprocess.PIPE),
             encoding="utf-8",
@@ -169,10 +172,11 @@ class Identity:
         path = self.data / "Orlinth" / "inflight.json"
         return json.loads(path.read_text())["entries"] if path.exists() else {}
 
-    def record(self, other, port=9, ip="127.0.0.1", key=None):
+    def record(self, other, port=9, ip="127.0.0.1", key=None, token=None):
         """Records another identity by hand, in place of an earlier record of it."""
         result = self.run(
-            "peers", "add", "--pubkey", key or other.key, "--ip", ip, "--port", str(port), "--name", other.name
+            "peers", "add", "--pubkey", key or other.key, "--ip", ip, "--port", str(port), "--name", other.name,
+            *(["--fcm-token", token] if token else []),
         )
         if result.returncode != 0:
             raise AssertionError(result.stderr)
@@ -193,7 +197,10 @@ class ProgramTest(unittest.TestCase):
         self.mac.record(self.phone)
 
     def running(self, identity, *arguments, **options):
-        program = Running([ORLINTH, *arguments], env=identity.environment, **options)
+        return self.running_program([ORLINTH, *arguments], identity, **options)
+
+    def running_program(self, arguments, identity, **options):
+        program = Running(arguments, env=identity.environment, **options)
         self.addCleanup(program.close)
         return program
 
@@ -205,6 +212,12 @@ class ProgramTest(unittest.TestCase):
             *arguments,
             **options,
         )
+        program.port = program.events.wait_for("listening")["port"]
+        return program
+
+    def clip_phone(self, leave, port=0):
+        """A stand-in for the phone that takes one clipboard message, listening; `.port` is where."""
+        program = self.running_program([CLIP_PHONE, leave, str(port), self.mac.key], self.phone)
         program.port = program.events.wait_for("listening")["port"]
         return program
 
@@ -398,6 +411,30 @@ class UnansweredPort:
     def __exit__(self, *_):
         for end in [self.listener, *self.fillers]:
             end.close()
+
+
+class SleepingPort:
+    """A port of this machine that refuses connections, and that a program may start to listen on meanwhile.
+
+    It stays ours: while the socket is bound, the system gives the port to nobody who did not ask for it by number.
+    """
+
+    def __enter__(self):
+        self.socket = socket.socket()
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.socket.bind(("127.0.0.1", 0))
+        self.port = self.socket.getsockname()[1]
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+
+
+@contextlib.contextmanager
+def silent_port():
+    """A port that takes connections and says nothing."""
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        yield listener.getsockname()[1]
 
 
 def random_key():

@@ -35,6 +35,9 @@ class WrongCommandLines(ProgramTest):
             *(["receive", "--from", "mac", "--port", port] for port in ("-1", "65536", "", "http", "1.5", "+1")),
             ["receive", "--from", "mac", "--port", "0", "--timeout", "-0.1"],
             ["receive", "--from", "mac", "--port", "0", "--dir", ""],
+            ["wake"],
+            ["wake", ""],
+            ["wake", "phone", "tablet"],
             ["peers", "bogus"],
             ["peers", "remove"],
             ["peers", "remove", ""],
@@ -60,7 +63,7 @@ class WrongCommandLines(ProgramTest):
                 self.assertRegex(lines[1], r"^`orlinth[a-z ]* --help` ")
 
     def test_commands_of_later_versions_are_unknown(self):
-        for command in ("pair", "join", "clip", "wake", "serve", "share"):
+        for command in ("pair", "join", "serve", "share"):
             result = self.mac.run(command)
             self.assertEqual(2, result.returncode)
             self.assertIn(f"there is no command '{command}'", result.stderr)
@@ -69,7 +72,7 @@ class WrongCommandLines(ProgramTest):
 class Help(ProgramTest):
     def test_every_command_explains_every_flag_with_unit_and_default(self):
         for command, expected in {
-            (): ["id", "peers", "send", "receive", "--version", "Exit status"],
+            (): ["id", "peers", "send", "receive", "clip", "wake", "--version", "Exit status"],
             ("id",): ["--json"],
             ("peers",): ["--json", "add", "remove"],
             ("peers", "add"): ["--pubkey KEY REQUIRED", "--ip", "--port", "--name", "--fcm-token", "1 to 65535"],
@@ -78,6 +81,9 @@ class Help(ProgramTest):
                         "--attempt-timeout SECONDS=5", "--retry-interval SECONDS=1", "--json", "--quiet", "FILE"],
             ("receive",): ["--from SELECTOR", "--port PORT", "--dir DIR", "downloads folder", "--timeout SECONDS=0",
                            "for ever", "--json", "--quiet"],
+            ("clip",): ["--to SELECTOR", "--text TEXT", "--mime TYPE=text/plain", "--warm-timeout SECONDS=5",
+                        "--wake-timeout SECONDS=10", "--timeout SECONDS=10", "standard input", "--json", "--quiet"],
+            ("wake",): ["SELECTOR", "--json", "--quiet"],
         }.items():
             with self.subTest(command):
                 result = self.mac.run(*command, "--help")

@@ -271,7 +271,10 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
                                        .files = *left,
                                        .mimeTypes = second.mimeTypes,
                                        .log = second.log,
-                                       .directories = second.system.directories};
+                                       .https = second.https,
+                                       .clipboard = second.clipboard,
+                                       .directories = second.system.directories,
+                                       .mainQueue = second.system.mainQueue};
             ReceiveRequest again{.staticKey = second.computerKey,
                                  .expectedPeerPubkey = second.phoneKey.publicKey(),
                                  .downloadsDir = folder,

@@ -42,7 +42,10 @@ protected:
                 .files = receiverFiles,
                 .mimeTypes = sender.mimeTypes,
                 .log = sender.log,
-                .directories = sender.system.directories};
+                .https = sender.https,
+                .clipboard = sender.clipboard,
+                .directories = sender.system.directories,
+                .mainQueue = sender.system.mainQueue};
     }
 
     /// Whether the receiver has exactly the sender's bytes there (comparing texts would print megabytes on failure).

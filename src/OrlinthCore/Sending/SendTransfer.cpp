@@ -1,12 +1,8 @@
 #include "OrlinthCore/Sending/SendTransfer.h"
 
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
-#include "OrlinthCore/Sending/OutgoingConnection.h"
 #include "OrlinthCore/Sending/OutgoingFile.h"
-#include "base/Base64.h"
-#include "base/ConstantTime.h"
-#include "base/Precondition.h"
-#include "platform/Cancelled.h"
+#include "OrlinthCore/Sending/PhoneConnection.h"
 #include "platform/Spawn.h"
 
 #include <utility>
@@ -22,29 +18,19 @@ static_assert(chunkBytes + TransportFramer::overheadBytes <= WireConnection::max
 /// How long the phone may take to close after Done, in seconds.
 constexpr double farewellSeconds = 1.0;
 
-std::uint16_t portOf(const PeerRecord& peer) {
-    if (!std::in_range<std::uint16_t>(peer.peer_port)) {
-        preconditionFailed("peer_port is outside 0 to 65535");
-    }
-    return static_cast<std::uint16_t>(peer.peer_port);
-}
-
-/// Runs the handshake and checks that the phone is the one that was paired.
-Task<TransportFramer> authenticate(WireConnection& wire, const SendRequest& request, const Bytes& peerPubkey) {
-    NoiseHandshake handshake(NoiseRole::initiator, request.staticKey.clone(), asBytes(request.prologue));
-    try {
-        co_await exchangeAsInitiator(wire, handshake);
-    } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        throw SendError::noiseHandshakeFailed(describe(error));
-    }
-    NoiseTransport transport = std::move(handshake).finalize();
-    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), peerPubkey)) {
-        throw SendError::unauthorizedPeer();
-    }
-    co_return TransportFramer(std::move(transport));
+/// How the sender of a file connects: attempts until a window has passed after the wake.
+ConnectRequest connectRequest(platform::System& system, const SendRequest& request, const Executor& queue,
+                              SendProgress& progress) {
+    const auto attemptInWindow = [&system, &request, queue] {
+        return connectWithin(system, request.peer, queue, request.postWakeConnectTimeout,
+                             request.postWakeAttemptTimeout, request.postWakeRetryInterval);
+    };
+    return {.peer = request.peer,
+            .queue = queue,
+            .warmConnectTimeout = request.warmConnectTimeout,
+            .connectAfterWake = attemptInWindow,
+            .fcmBaseURL = request.fcmBaseURL,
+            .onWoken = [&progress] { progress.onWaking(); }};
 }
 
 /// The offset in the phone's answer to the offer.
@@ -122,17 +108,14 @@ Task<SentFile> sendOnQueue(platform::System& system, SendRequest request, Execut
     progress.onFile(source.name, source.size, source.mime);
     const std::string transferId =
         request.journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint);
-    const std::optional<Bytes> peerPubkey = base64Decode(request.peer.peer_pubkey);
-    if (!peerPubkey) {
-        throw SendError::unauthorizedPeer();
-    }
+    const Bytes peerPubkey = pubkeyOf(request.peer);
 
     std::unique_ptr<platform::Stream> connection =
-        co_await openConnection(system, request.peer.peer_ip, portOf(request.peer), queue, request.warmConnectTimeout);
+        co_await connectOrWake(system, connectRequest(system, request, queue, progress));
     progress.onConnected();
 
     WireConnection wire(std::move(connection), system.clock);
-    TransportFramer framer = co_await authenticate(wire, request, *peerPubkey);
+    TransportFramer framer = co_await authenticate(wire, request.staticKey, request.prologue, peerPubkey);
     progress.onHandshakeComplete();
 
     const Bytes offer =

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
+#include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthCore/Sending/InFlightJournal.h"
 #include "OrlinthCore/Sending/SendError.h"
 #include "platform/System.h"
@@ -47,16 +48,17 @@ struct SendRequest {
     const platform::PrivateKey& staticKey;
     InFlightJournal& journal;
     std::string prologue = std::string(kOrlinthPrologue);
-    double warmConnectTimeout;         ///< seconds for the first attempt to connect
-    double postWakeConnectTimeout;     ///< seconds in which attempts are made after a wake
-    double postWakeAttemptTimeout;     ///< seconds for each of those
-    double postWakeRetryInterval;      ///< seconds between them
+    double warmConnectTimeout;     ///< seconds for the first attempt to connect
+    double postWakeConnectTimeout; ///< seconds in which attempts are made after a wake
+    double postWakeAttemptTimeout; ///< seconds for each of those
+    double postWakeRetryInterval;  ///< seconds between them
+    std::string fcmBaseURL = FcmWake::defaultBaseURL;
     std::function<bool()> cancel = {}; ///< asked before each chunk, on any thread; true ends the transfer
     SendProgress* progress = nullptr;
 };
 
-/// Sends one file to one paired phone: connects, proves and checks keys, offers the file under an id that survives
-/// restarts, lets the phone say from where it wants it, streams the rest and says Done.
+/// Sends one file to one paired phone: connects, by a wake push if the phone sleeps, proves and checks keys, offers the
+/// file under an id that survives restarts, lets the phone say from where it wants it, streams the rest and says Done.
 ///
 /// The journal entry is written before the first connection and removed after Done was sent, so a failed send can be
 /// resumed by the next one. Memory is about one chunk, whatever the file's size.

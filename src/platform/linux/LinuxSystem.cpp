@@ -1,11 +1,15 @@
 #include "platform/linux/LinuxSystem.h"
 
+#include "platform/linux/LinuxClipboard.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDirectories.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/LinuxHttpsClient.h"
 #include "platform/linux/LinuxLog.h"
 #include "platform/linux/LinuxMimeTypes.h"
 #include "platform/linux/LinuxNetwork.h"
+
+#include <asio/strand.hpp>
 
 #include <cstdlib>
 
@@ -19,14 +23,18 @@ const char* processEnvironment(const char* name) {
 } // namespace
 
 struct LinuxSystem::Parts {
-    explicit Parts(asio::io_context& context) : network(context) {}
+    explicit Parts(asio::io_context& context)
+        : network(context), https(context), mainQueue(asio::make_strand(context)) {}
 
     LinuxNetwork network;
     LinuxClock clock;
     LinuxFileSystem files;
     LinuxMimeTypes mimeTypes{linuxDataDirectories(processEnvironment)};
     LinuxLog log;
+    LinuxHttpsClient https;
+    LinuxClipboard clipboard{processEnvironment};
     UserDirectories directories = linuxUserDirectories(processEnvironment);
+    Executor mainQueue;
 };
 
 LinuxSystem::LinuxSystem(asio::io_context& context) : parts_(std::make_unique<Parts>(context)) {}
@@ -34,7 +42,15 @@ LinuxSystem::LinuxSystem(asio::io_context& context) : parts_(std::make_unique<Pa
 LinuxSystem::~LinuxSystem() = default;
 
 System LinuxSystem::system() {
-    return {parts_->network, parts_->clock, parts_->files, parts_->mimeTypes, parts_->log, parts_->directories};
+    return {.network = parts_->network,
+            .clock = parts_->clock,
+            .files = parts_->files,
+            .mimeTypes = parts_->mimeTypes,
+            .log = parts_->log,
+            .https = parts_->https,
+            .clipboard = parts_->clipboard,
+            .directories = parts_->directories,
+            .mainQueue = parts_->mainQueue};
 }
 
 bool LinuxSystem::isResolving() const noexcept {

@@ -1,0 +1,105 @@
+#include "OrlinthCore/Sending/ClipboardSender.h"
+
+#include "OrlinthCore/Sending/PhoneConnection.h"
+#include "platform/Cancelled.h"
+#include "platform/Spawn.h"
+
+#include <optional>
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// How the sender of one message connects: a single attempt after the wake, and a line in the log for each step.
+ConnectRequest connectRequest(platform::System& system, const OneOffRequest& request, const Executor& queue) {
+    const auto attemptOnce = [&system, peer = request.peer, queue, timeout = request.postWakeConnectTimeout] {
+        return connectOnce(system, peer, queue, timeout);
+    };
+    ClipLog clipLog(system.log);
+    const auto yesOrNo = [](bool value) { return std::string(value ? "true" : "false"); };
+    return {.peer = request.peer,
+            .queue = queue,
+            .warmConnectTimeout = request.warmConnectTimeout,
+            .connectAfterWake = attemptOnce,
+            .fcmBaseURL = request.fcmBaseURL,
+            .onWarmFailure =
+                [clipLog](const std::exception& error) mutable {
+                    clipLog.write("warm connect failed: " + describe(error));
+                },
+            .onDecision =
+                [clipLog, yesOrNo](bool needsWake, bool hasFcm) mutable {
+                    clipLog.write("needsWake=" + yesOrNo(needsWake) + " hasFcm=" + yesOrNo(hasFcm));
+                },
+            .onWakeBegins = [clipLog]() mutable { clipLog.write("firing FCM wake"); },
+            .onWoken = request.onWaking};
+}
+
+/// Writes the sealed message. A failure is logged and no more: the phone may have said Unpair and closed.
+Task<> deliver(platform::System& system, WireConnection& wire, ByteView sealed, const std::function<void()>& onSent) {
+    try {
+        co_await wire.sendLengthPrefixed(sealed);
+        if (onSent) {
+            onSent();
+        }
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        ClipLog(system.log).write("write failed, checking for Unpair: " + describe(error));
+    }
+}
+
+/// Reads the phone's answer, if one comes. Only Unpair counts; the end of the connection is the usual one.
+Task<bool> phoneRemovedUs(WireConnection& wire, TransportFramer& framer) {
+    FrameBuffer buffer;
+    try {
+        co_await wire.receiveFrame(buffer);
+        const FrameView frame = framer.decodeInPlace(buffer.body());
+        const auto* message = std::get_if<TransportMessage>(&frame);
+        co_return message != nullptr && message->as<TransportMessage::Unpair>() != nullptr;
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        co_return false;
+    }
+}
+
+Task<> sendOnQueue(platform::System& system, TransportMessage message, OneOffRequest request, Executor queue) {
+    // Sealing would say so too, but only after a phone had been woken for nothing.
+    if (const std::size_t size = message.toJson().size() + 1; size > TransportFramer::maxPlaintextBytes) {
+        throw TransportFramer::Error::plaintextTooLarge(size);
+    }
+    const Bytes peerPubkey = pubkeyOf(request.peer);
+    std::unique_ptr<platform::Stream> connection =
+        co_await connectOrWake(system, connectRequest(system, request, queue));
+    if (request.onConnected) {
+        request.onConnected();
+    }
+    WireConnection wire(std::move(connection), system.clock);
+    TransportFramer framer = co_await authenticate(wire, request.staticKey, request.prologue, peerPubkey);
+    if (request.onHandshakeComplete) {
+        request.onHandshakeComplete();
+    }
+    const Bytes sealed = framer.encodeJSON(message);
+    co_await deliver(system, wire, sealed, request.onSent);
+    const bool removed = co_await phoneRemovedUs(wire, framer);
+    if (removed) {
+        throw SendError::peerRemoved();
+    }
+}
+
+} // namespace
+
+Task<> sendOneOff(platform::System& system, TransportMessage message, OneOffRequest request) {
+    const Executor queue = system.network.makeSerialQueue("orlinth.clipboard");
+    Task<> send = sendOnQueue(system, std::move(message), std::move(request), queue);
+    co_await platform::runOn(queue, std::move(send));
+}
+
+Task<> sendClipboard(platform::System& system, std::string text, std::string mime, OneOffRequest request) {
+    TransportMessage message = TransportMessage::clipboard(std::move(text), std::move(mime));
+    co_await sendOneOff(system, std::move(message), std::move(request));
+}
+
+} // namespace orlinth

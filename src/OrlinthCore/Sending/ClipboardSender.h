@@ -1,0 +1,49 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "OrlinthCore/SecureChannel/HandshakeExchange.h"
+#include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "OrlinthCore/Sending/FcmWake.h"
+#include "OrlinthCore/Sending/SendError.h"
+#include "platform/System.h"
+
+namespace orlinth {
+
+/// The log of one-off messages: subsystem "com.tarvinex.orlinth", category "clipboard-send". Its lines hold no content.
+class ClipLog {
+public:
+    static constexpr const char* subsystem = "com.tarvinex.orlinth";
+    static constexpr const char* category = "clipboard-send";
+
+    explicit ClipLog(platform::Log& log) : log_(log) {}
+    void write(const std::string& line) noexcept { log_.write(platform::LogLevel::notice, subsystem, category, line); }
+
+private:
+    platform::Log& log_;
+};
+
+/// One message to one phone. What is referred to outlives the call.
+struct OneOffRequest {
+    PeerRecord peer;
+    const platform::PrivateKey& staticKey;
+    std::string prologue = std::string(kOrlinthPrologue);
+    double warmConnectTimeout;     ///< seconds for the first attempt to connect
+    double postWakeConnectTimeout; ///< seconds for the single attempt after a wake
+    std::string fcmBaseURL = FcmWake::defaultBaseURL;
+    std::function<void()> onConnected = {};         ///< a connection is up, nothing is proved yet
+    std::function<void()> onWaking = {};            ///< a push was delivered
+    std::function<void()> onHandshakeComplete = {}; ///< the phone has proved its key
+    std::function<void()> onSent = {};              ///< the system has taken the whole message
+};
+
+/// Delivers one control message over a connection of its own, waking the phone if it sleeps.
+///
+/// Best effort by design: once the phone has proved its key, success means that no Unpair was seen, even if the write
+/// failed. Waits for the phone's answer or for it to close, without a limit.
+/// @throws SendError; TransportFramer::Error::plaintextTooLarge before anything else is done
+[[nodiscard]] Task<> sendOneOff(platform::System& system, TransportMessage message, OneOffRequest request);
+
+/// The same for clipboard text; `mime` says what it is ("text/plain").
+[[nodiscard]] Task<> sendClipboard(platform::System& system, std::string text, std::string mime, OneOffRequest request);
+
+} // namespace orlinth

@@ -1,0 +1,116 @@
+#pragma once
+
+#include "OrlinthCore/Sending/ServiceAccount.h"
+#include "base/Error.h"
+#include "platform/AsyncMutex.h"
+#include "platform/System.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace orlinth {
+
+/// What a token endpoint answers (RFC 6749 §5.1); `token_type` must be there and is not used.
+struct TokenReply {
+    SecretBytes access_token;
+    std::int64_t expires_in = 0; ///< seconds from the answer
+
+    /// @throws JsonError; its text quotes nothing of the reply
+    [[nodiscard]] static TokenReply fromJson(ByteView text);
+};
+
+/// Wakes a sleeping phone by a high-priority data push of Firebase Cloud Messaging (HTTP v1 API).
+///
+/// Signs a JWT with the service account's key (RFC 7515, RS256), trades it for an access token (RFC 7523), keeps that
+/// until a minute before it expires, and posts the message.
+///
+/// Threading: any executor may call; the object works on a serial queue of its own, so concurrent calls never race on
+/// the token and mint one, not two. The object outlives its calls.
+class FcmWake {
+public:
+    class Error;
+
+    static constexpr const char* defaultBaseURL = "https://fcm.googleapis.com";
+    static constexpr const char* scope = "https://www.googleapis.com/auth/firebase.messaging";
+    static constexpr const char* serviceAccountFileName = "firebase-service-account.json";
+    /// How much of an answer's body an error quotes; the rest is "… (N bytes)".
+    static constexpr std::size_t maxQuotedBytes = 4096;
+
+    /// Where the account's key file is looked for: the folder "Orlinth" of the user's application data.
+    [[nodiscard]] static platform::Path defaultServiceAccountURL(const platform::UserDirectories& directories);
+
+    /// Reads the key file; touches no network. @throws Error::serviceAccountMissing, serviceAccountMalformed
+    FcmWake(platform::System& system, const platform::Path& serviceAccountURL, std::string baseURL = defaultBaseURL);
+
+    /// Sends one wake message to one registration token; three attempts, 0, 200 and 500 ms apart, where the network
+    /// fails in passing. @throws Error; platform::HttpError for failures of the network that are not tried again
+    [[nodiscard]] Task<> sendWake(std::string toToken);
+
+private:
+    struct AccessToken {
+        SecretBytes token;
+        std::int64_t expiresAtMs = 0;
+    };
+
+    [[nodiscard]] Task<> sendOnQueue(std::string toToken);
+    [[nodiscard]] platform::HttpRequest messageRequest(const SecretBytes& accessToken, const SecretBytes& body) const;
+    [[nodiscard]] Task<> fetchAccessToken(); ///< afterwards there is a cached token
+    [[nodiscard]] SecretBytes mintJWT() const;
+
+    platform::System& system_;
+    ServiceAccount account_;
+    std::string baseURL_;
+    Executor queue_;
+    platform::AsyncMutex tokenTurn_;
+    std::optional<AccessToken> cachedAccessToken_; // on queue_ only
+};
+
+/// What FcmWake throws.
+///
+/// The body of an answer in the two HTTP cases comes from outside: "<binary N bytes>" where it is not UTF-8, at most
+/// maxQuotedBytes of it, and without the tokens that the request carried. No case quotes the private key.
+class FcmWake::Error : public orlinth::Error {
+public:
+    enum class Case {
+        serviceAccountMissing,
+        serviceAccountMalformed,
+        privateKeyImport,
+        sign,
+        oauthHTTP,
+        fcmHTTP,
+        transport
+    };
+
+    [[nodiscard]] static Error serviceAccountMissing(const std::string& path) {
+        return {Case::serviceAccountMissing, "service account JSON missing at " + path};
+    }
+    [[nodiscard]] static Error serviceAccountMalformed(const std::string& text) {
+        return {Case::serviceAccountMalformed, "service account JSON malformed: " + text};
+    }
+    [[nodiscard]] static Error privateKeyImport(const std::string& text) {
+        return {Case::privateKeyImport, "RSA private key import failed: " + text};
+    }
+    [[nodiscard]] static Error sign(const std::string& text) { return {Case::sign, "JWT sign failed: " + text}; }
+    [[nodiscard]] static Error oauthHTTP(int status, const std::string& body) {
+        return {Case::oauthHTTP, "OAuth2 HTTP " + std::to_string(status) + ": " + body, status};
+    }
+    [[nodiscard]] static Error fcmHTTP(int status, const std::string& body) {
+        return {Case::fcmHTTP, "FCM HTTP " + std::to_string(status) + ": " + body, status};
+    }
+    [[nodiscard]] static Error transport(const std::string& text) {
+        return {Case::transport, "FCM transport: " + text};
+    }
+
+    [[nodiscard]] Case which() const noexcept { return case_; }
+    /// Of the two HTTP cases; 0 otherwise.
+    [[nodiscard]] int status() const noexcept { return status_; }
+
+private:
+    Error(Case which, std::string description, int status = 0)
+        : orlinth::Error(std::move(description)), case_(which), status_(status) {}
+    Case case_;
+    int status_;
+};
+
+} // namespace orlinth

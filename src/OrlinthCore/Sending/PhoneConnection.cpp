@@ -1,0 +1,166 @@
+#include "OrlinthCore/Sending/PhoneConnection.h"
+
+#include "OrlinthCore/Sending/FcmWake.h"
+#include "OrlinthCore/Sending/OutgoingConnection.h"
+#include "OrlinthCore/Sending/SendError.h"
+#include "base/Base64.h"
+#include "base/ConstantTime.h"
+#include "base/Precondition.h"
+#include "platform/Cancelled.h"
+
+#include <cmath>
+#include <limits>
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// Seconds that a phone gets between the push and the first attempt to reach it.
+constexpr double pauseAfterPush = 0.5;
+
+std::uint16_t portOf(const PeerRecord& peer) {
+    if (!std::in_range<std::uint16_t>(peer.peer_port)) {
+        preconditionFailed("peer_port is outside 0 to 65535");
+    }
+    return static_cast<std::uint16_t>(peer.peer_port);
+}
+
+/// Whether a failed attempt to connect looks like a phone that sleeps.
+bool looksAsleep(const std::exception& error) {
+    const auto* sendError = dynamic_cast<const SendError*>(&error);
+    if (sendError == nullptr || sendError->which() != SendError::Case::network) {
+        return false;
+    }
+    const std::string& text = sendError->detail();
+    return text.find("timed out") != std::string::npos || text.find("refused") != std::string::npos;
+}
+
+void checkInterval(double seconds) {
+    // In whole nanoseconds it has to fit a 64-bit counter.
+    constexpr double longest = 9.2e9;
+    if (!std::isfinite(seconds) || seconds < 0 || seconds > longest) {
+        preconditionFailed("the retry interval is negative, not finite or out of range");
+    }
+}
+
+Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string token) {
+    try {
+        FcmWake wake(system, FcmWake::defaultServiceAccountURL(system.directories), std::move(fcmBaseURL));
+        co_await wake.sendWake(std::move(token));
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        throw SendError::network("FCM wake failed: " + describe(error));
+    }
+}
+
+/// What became of an attempt: a connection, or the error that it failed with.
+struct Attempt {
+    std::unique_ptr<platform::Stream> stream;
+    std::exception_ptr error;
+};
+
+/// Tries once; only cancellation is thrown.
+Task<Attempt> attempt(Task<std::unique_ptr<platform::Stream>> connecting) {
+    try {
+        std::unique_ptr<platform::Stream> stream = co_await std::move(connecting);
+        co_return Attempt{std::move(stream), nullptr};
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        co_return Attempt{nullptr, std::current_exception()};
+    }
+}
+
+/// Decides whether the failed first attempt is worth a push; rethrows its error if not.
+void decideOnWake(const ConnectRequest& request, const std::exception_ptr& warmError) {
+    try {
+        std::rethrow_exception(warmError);
+    } catch (const std::exception& error) {
+        if (request.onWarmFailure) {
+            request.onWarmFailure(error);
+        }
+        const bool needsWake = looksAsleep(error);
+        const bool hasFcm = !request.peer.peer_fcm_token.empty();
+        if (request.onDecision) {
+            request.onDecision(needsWake, hasFcm);
+        }
+        if (!needsWake || !hasFcm) {
+            throw;
+        }
+    }
+}
+
+} // namespace
+
+Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, ConnectRequest request) {
+    Task<std::unique_ptr<platform::Stream>> warm =
+        connectOnce(system, request.peer, request.queue, request.warmConnectTimeout);
+    Attempt first = co_await attempt(std::move(warm));
+    if (first.stream) {
+        co_return std::move(first.stream);
+    }
+    decideOnWake(request, first.error);
+    if (request.onWakeBegins) {
+        request.onWakeBegins();
+    }
+    co_await pushTo(system, request.fcmBaseURL, request.peer.peer_fcm_token);
+    if (request.onWoken) {
+        request.onWoken();
+    }
+    co_await system.clock.sleep(pauseAfterPush);
+    co_return co_await request.connectAfterWake();
+}
+
+Task<std::unique_ptr<platform::Stream>> connectWithin(platform::System& system, PeerRecord peer, Executor queue,
+                                                      double windowSeconds, double attemptTimeout,
+                                                      double retryInterval) {
+    checkInterval(retryInterval);
+    const platform::Clock::Instant end = system.clock.now() + platform::Clock::Instant(windowSeconds);
+    std::exception_ptr lastError = std::make_exception_ptr(SendError::network("connect timed out after wake"));
+    while (system.clock.now() < end) {
+        Task<std::unique_ptr<platform::Stream>> connecting = connectOnce(system, peer, queue, attemptTimeout);
+        Attempt next = co_await attempt(std::move(connecting));
+        if (next.stream) {
+            co_return std::move(next.stream);
+        }
+        lastError = next.error;
+        co_await system.clock.sleep(retryInterval);
+    }
+    std::rethrow_exception(lastError);
+}
+
+Task<std::unique_ptr<platform::Stream>> connectOnce(platform::System& system, PeerRecord peer, Executor queue,
+                                                    double timeout) {
+    co_return co_await openConnection(system, peer.peer_ip, portOf(peer), std::move(queue), timeout);
+}
+
+Bytes pubkeyOf(const PeerRecord& peer) {
+    std::optional<Bytes> pubkey = base64Decode(peer.peer_pubkey);
+    if (!pubkey) {
+        throw SendError::unauthorizedPeer();
+    }
+    return std::move(*pubkey);
+}
+
+Task<TransportFramer> authenticate(WireConnection& wire, const platform::PrivateKey& staticKey, std::string prologue,
+                                   Bytes peerPubkey) {
+    NoiseHandshake handshake(NoiseRole::initiator, staticKey.clone(), asBytes(prologue));
+    try {
+        co_await exchangeAsInitiator(wire, handshake);
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        throw SendError::noiseHandshakeFailed(describe(error));
+    }
+    NoiseTransport transport = std::move(handshake).finalize();
+    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), peerPubkey)) {
+        throw SendError::unauthorizedPeer();
+    }
+    co_return TransportFramer(std::move(transport));
+}
+
+} // namespace orlinth

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "OrlinthCore/SecureChannel/HandshakeExchange.h"
+#include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "platform/System.h"
+
+#include <functional>
+#include <memory>
+
+namespace orlinth {
+
+/// The way to an awake, authenticated phone, which every sender goes: connect; if the phone sleeps, wake it and connect
+/// again; shake hands; check its key.
+
+/// How a sender connects.
+struct ConnectRequest {
+    PeerRecord peer;
+    Executor queue;
+    double warmConnectTimeout; ///< seconds for the first attempt
+    /// Connects to the phone that has just been woken: the only difference between the senders.
+    std::function<Task<std::unique_ptr<platform::Stream>>()> connectAfterWake;
+    std::string fcmBaseURL;
+    /// What happens on the way, for an observer or a log; each may be empty.
+    std::function<void(const std::exception&)> onWarmFailure = {};
+    std::function<void(bool needsWake, bool hasFcm)> onDecision = {};
+    std::function<void()> onWakeBegins = {}; ///< before the push
+    std::function<void()> onWoken = {};      ///< the push was delivered
+};
+
+/// @throws SendError::network
+[[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, ConnectRequest request);
+
+/// Attempts until `windowSeconds` have passed, `attemptTimeout` each, `retryInterval` between them; the window alone
+/// bounds their number. @throws the last attempt's error; SendError::network("connect timed out after wake") if there
+/// was none
+[[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectWithin(platform::System& system, PeerRecord peer,
+                                                                    Executor queue, double windowSeconds,
+                                                                    double attemptTimeout, double retryInterval);
+
+/// One attempt.
+[[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectOnce(platform::System& system, PeerRecord peer,
+                                                                  Executor queue, double timeout);
+
+/// The phone's key from its record. @throws SendError::unauthorizedPeer if it is not Base64
+[[nodiscard]] Bytes pubkeyOf(const PeerRecord& peer);
+
+/// Runs the handshake as its initiator and checks that the phone is the one that was paired. The references outlive
+/// the call, which is awaited where it is made.
+/// @throws SendError::noiseHandshakeFailed, unauthorizedPeer; what finalizing throws, unchanged
+[[nodiscard]] Task<TransportFramer> authenticate(WireConnection& wire, const platform::PrivateKey& staticKey,
+                                                 std::string prologue, Bytes peerPubkey);
+
+} // namespace orlinth

@@ -1,0 +1,66 @@
+#include "OrlinthCore/Sending/FcmWake.h"
+#include "orlinth/Command.h"
+#include "orlinth/PeerSelection.h"
+#include "orlinth/PushService.h"
+
+namespace orlinth::host {
+
+namespace {
+
+/// `wake` outlives the task, which is run where it is made.
+Task<bool> push(FcmWake& wake, std::string token) {
+    co_await wake.sendWake(std::move(token));
+    co_return true;
+}
+
+class WakeCommand final : public Command {
+public:
+    explicit WakeCommand(CLI::App& program)
+        : Command(program.add_subcommand("wake", "Send the wake push to a phone, and nothing else.")) {
+        parser()
+            .add_option("SELECTOR", selector_,
+                        "Which phone: its name, or the beginning of its name or key, in any letter case.")
+            ->type_name("")
+            ->required()
+            ->check(notEmpty())
+            ->configurable(false);
+        addJsonFlag("Print events as JSON, one object a line.");
+        addQuietFlag("No messages but failures.");
+    }
+
+    int run(Host& host) override {
+        const platform::PrivateKey ownKey = host.staticKey();
+        const PeerRecord peer = selectPeer(host, selector_, ownKey.publicKey()).record;
+        const Json context{{"to", peer.peer_hostname}};
+        if (peer.peer_fcm_token.empty()) {
+            host.output.failure("no push token is recorded for '" + peer.peer_hostname + "'",
+                                "Without one a phone cannot be woken. `orlinth peers add --fcm-token` records it.",
+                                context);
+            return 1;
+        }
+        try {
+            FcmWake wake(host.system, FcmWake::defaultServiceAccountURL(host.system.directories), pushServiceURL());
+            static_cast<void>(host.tasks.run(push(wake, peer.peer_fcm_token)));
+        } catch (const Interrupted& interrupted) {
+            host.output.failure(interrupted.description(), {}, context);
+            throw;
+        } catch (const std::exception& error) {
+            host.output.failure(describe(error), hintForPush(describe(error)), context);
+            return 1;
+        }
+        host.output.event("complete", context);
+        host.output.result("push accepted");
+        return 0;
+    }
+
+private:
+    std::string selector_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeWakeCommand(CLI::App& program) {
+    return std::make_unique<WakeCommand>(program);
+}
+
+} // namespace orlinth::host

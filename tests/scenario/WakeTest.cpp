@@ -1,0 +1,396 @@
+#include "OrlinthCore/Sending/ClipboardSender.h"
+#include "OrlinthCore/Sending/SendTransfer.h"
+#include "fakes/TestRsaKey.h"
+#include "fakes/World.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace orlinth {
+namespace {
+
+using fakes::ScriptedPeer;
+using fakes::World;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using Row = TransportMessage;
+
+constexpr const char* tokenReply = R"({"access_token":"at","expires_in":3600,"token_type":"Bearer"})";
+constexpr const char* accountFile = "/home/ann/.local/share/Orlinth/firebase-service-account.json";
+
+/// A phone that takes one file and closes.
+Task<> takeFile(World& world, std::string& content) {
+    const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
+    const auto offer = co_await phone->expect<Row::FileOffer>();
+    co_await phone->send(Row::resume(offer.transfer_id, 0));
+    const Bytes data = co_await phone->receiveUntilDone();
+    content = toText(data);
+    phone->close();
+}
+
+class Waking : public SendProgress {
+public:
+    explicit Waking(platform::Clock& clock) : clock_(clock) {}
+    void onWaking() override { times.push_back(clock_.now().count()); }
+    void onConnected() override { connected = clock_.now().count(); }
+    std::vector<double> times;
+    double connected = -1;
+
+private:
+    platform::Clock& clock_;
+};
+
+class Wake : public testing::Test {
+protected:
+    Wake() {
+        world.files.put(accountFile, fakes::serviceAccountJson(fakes::TestRsaKey::shared()));
+        world.files.put("/home/ann/a.txt", "0123456789");
+    }
+
+    PeerRecord sleepingPhone() { return world.phoneRecord().withFcmToken("fcm-token"); }
+
+    SendRequest request(PeerRecord peer) {
+        return {.fileURL = "/home/ann/a.txt",
+                .peer = std::move(peer),
+                .staticKey = world.computerKey,
+                .journal = journal,
+                .warmConnectTimeout = 5,
+                .postWakeConnectTimeout = 30,
+                .postWakeAttemptTimeout = 4,
+                .postWakeRetryInterval = 1.5,
+                .progress = &progress};
+    }
+    Task<SentFile> send() { return sendOneFile(world.system, request(sleepingPhone())); }
+
+    /// The push service accepts, and so many seconds later the phone is awake.
+    void pushWakesThePhoneAfter(double seconds) {
+        world.https.willAnswer(200, tokenReply);
+        world.https.answers.emplace_back([this, seconds](const fakes::FakeHttpsClient::Seen&) {
+            world.alongside(wakeUp(world, seconds, content));
+            return accepted();
+        });
+    }
+    static Task<platform::HttpResponse> accepted() {
+        co_return platform::HttpResponse{.status = 200, .body = toBytes("{}")};
+    }
+    static Task<> wakeUp(World& theWorld, double seconds, std::string& to) {
+        co_await theWorld.clock.sleep(seconds);
+        theWorld.network.makeAnswer("203.0.113.2");
+        co_await takeFile(theWorld, to);
+    }
+
+    World world;
+    InFlightJournal journal{world.files, "/home/ann/inflight.json"};
+    Waking progress{world.clock};
+    std::string content;
+};
+
+TEST_F(Wake, ReachesAPhoneThatRefusesByAPushAndHalfASecond) {
+    pushWakesThePhoneAfter(0.1);
+    EXPECT_EQ(world.run(send()).bytesSent, 10);
+    EXPECT_EQ(content, "0123456789");
+    EXPECT_THAT(progress.times, ElementsAre(0.0));
+    EXPECT_DOUBLE_EQ(progress.connected, 0.5);
+}
+
+TEST_F(Wake, ReachesAPhoneThatDoesNotAnswerAfterTheWarmDeadline) {
+    world.network.makeSilent("203.0.113.2");
+    pushWakesThePhoneAfter(0.1);
+    EXPECT_EQ(world.run(send()).bytesSent, 10);
+    EXPECT_THAT(progress.times, ElementsAre(5.0));
+    EXPECT_DOUBLE_EQ(progress.connected, 5.5);
+}
+
+TEST_F(Wake, TriesAgainWithPausesUntilThePhoneIsUp) {
+    pushWakesThePhoneAfter(4.0);
+    EXPECT_EQ(world.run(send()).bytesSent, 10);
+    // Refused at 0; after the push attempts at 0.5, 2.0, 3.5 are refused, the one at 5.0 succeeds.
+    EXPECT_DOUBLE_EQ(progress.connected, 5.0);
+    EXPECT_EQ(world.network.attempts.size(), 5U);
+}
+
+TEST_F(Wake, EndsWithTheLastAttemptsErrorWhenTheWindowHasPassed) {
+    world.network.makeSilent("203.0.113.2");
+    world.https.willAnswer(200, tokenReply);
+    world.https.willAnswer(200, "{}");
+    EXPECT_EQ(world.failure<SendError>(send()).description(), "network: connect timed out");
+    // Warm until 5; from 5.5 on attempts of 4 s with 1.5 s between them while the window of 30 s lasts: 6 of them.
+    EXPECT_EQ(world.network.attempts.size(), 7U);
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 5.5 + 6 * 5.5);
+    EXPECT_EQ(journal.snapshotEntries().size(), 1U);
+}
+
+TEST_F(Wake, MakesNoAttemptInAWindowOfZero) {
+    world.https.willAnswer(200, tokenReply);
+    world.https.willAnswer(200, "{}");
+    SendRequest noWindow = request(sleepingPhone());
+    noWindow.postWakeConnectTimeout = 0;
+    EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(noWindow))).description(),
+              "network: connect timed out after wake");
+    EXPECT_EQ(world.network.attempts.size(), 1U);
+}
+
+TEST_F(Wake, IsNotTriedForAPhoneWithoutAToken) {
+    EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, request(world.phoneRecord()))).description(),
+              "network: Connection refused");
+    EXPECT_TRUE(world.https.requests.empty());
+    EXPECT_TRUE(progress.times.empty());
+}
+
+TEST_F(Wake, IsNotTriedForOtherFailuresOfTheNetwork) {
+    PeerRecord noPort = sleepingPhone();
+    noPort.peer_port = 0;
+    EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, request(noPort))).description(),
+              "network: invalid port 0");
+    EXPECT_TRUE(world.https.requests.empty());
+}
+
+TEST_F(Wake, ReportsAMissingAccountAsAFailedWake) {
+    world.files.remove(accountFile);
+    EXPECT_EQ(world.failure<SendError>(send()).description(),
+              std::string("network: FCM wake failed: service account JSON missing at ") + accountFile);
+    EXPECT_TRUE(progress.times.empty());
+}
+
+TEST_F(Wake, ReportsAPushThatWasRefused) {
+    world.https.willAnswer(200, tokenReply);
+    world.https.willAnswer(404, "no such phone");
+    EXPECT_EQ(world.failure<SendError>(send()).description(), "network: FCM wake failed: FCM HTTP 404: no such phone");
+    EXPECT_EQ(world.https.requests.size(), 2U);
+    EXPECT_TRUE(progress.times.empty());
+}
+
+TEST_F(Wake, StoppedWhileItTriesAgainEndsAtOnceAndDoesNotSpin) {
+    world.network.makeSilent("203.0.113.2");
+    world.https.willAnswer(200, tokenReply);
+    world.https.willAnswer(200, "{}");
+    for (const double when : {1.0, 5.2, 7.0, 10.0}) {
+        const std::size_t attemptsBefore = world.network.attempts.size();
+        const double start = world.clock.elapsed();
+        world.https.answers.clear();
+        world.https.willAnswer(200, tokenReply);
+        world.https.willAnswer(200, "{}");
+        asio::cancellation_signal stop;
+        std::exception_ptr outcome;
+        platform::spawn(
+            world.context.get_executor(),
+            [](Task<SentFile> task) -> Task<> { const SentFile sent = co_await std::move(task); }(send()), stop.slot(),
+            [&](std::exception_ptr error) { outcome = std::move(error); });
+        world.run(world.clock.sleep(when));
+        stop.emit(asio::cancellation_type::terminal);
+        world.context.restart();
+        world.context.poll();
+        ASSERT_TRUE(outcome) << "at " << when;
+        try {
+            std::rethrow_exception(outcome);
+        } catch (const std::exception& error) {
+            EXPECT_TRUE(platform::isCancellation(error)) << error.what();
+        }
+        EXPECT_LE(world.network.attempts.size() - attemptsBefore, 3U);
+        EXPECT_DOUBLE_EQ(world.clock.elapsed() - start, when);
+    }
+}
+
+// One-off messages
+
+struct OneOffSeen {
+    std::optional<Row::Clipboard> clipboard;
+    bool ended = false;
+};
+
+Task<> takeMessage(World& world, OneOffSeen& seen) {
+    const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
+    seen.clipboard = co_await phone->expect<Row::Clipboard>();
+    phone->close();
+}
+
+Task<> answerMessage(World& world, TransportMessage answer, OneOffSeen& seen) {
+    const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
+    seen.clipboard = co_await phone->expect<Row::Clipboard>();
+    co_await phone->send(std::move(answer));
+    seen.ended = co_await phone->seesTheEnd();
+}
+
+class OneOff : public Wake {
+protected:
+    OneOffRequest oneOff(PeerRecord peer) {
+        return {.peer = std::move(peer),
+                .staticKey = world.computerKey,
+                .warmConnectTimeout = 5,
+                .postWakeConnectTimeout = 8};
+    }
+    Task<> clip(const std::string& text = "hello") {
+        return sendClipboard(world.system, text, "text/plain", oneOff(sleepingPhone()));
+    }
+    /// Runs it; returns the error's text, "" if there was none.
+    std::string outcome(Task<> task) {
+        try {
+            world.run(std::move(task));
+            return "";
+        } catch (const Error& error) {
+            return error.description();
+        }
+    }
+    OneOffSeen seen;
+};
+
+TEST_F(OneOff, DeliversClipboardTextToAPhoneThatClosesWithoutAnAnswer) {
+    world.alongside(takeMessage(world, seen));
+    EXPECT_EQ(outcome(clip("h\u00e9llo\n")), "");
+    EXPECT_EQ(seen.clipboard, (Row::Clipboard{"h\u00e9llo\n", "text/plain"}));
+    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.clipboard"));
+    EXPECT_TRUE(world.log.lines().empty());
+}
+
+TEST_F(OneOff, ReportsThatThePhoneRemovedThisComputer) {
+    world.alongside(answerMessage(world, Row::unpair(), seen));
+    EXPECT_EQ(outcome(clip()), "the phone removed this Mac. Pair again to send to it.");
+    fakes::runUntilIdle(world.context, world.clock);
+    EXPECT_TRUE(seen.ended);
+}
+
+TEST_F(OneOff, IgnoresAnyOtherAnswer) {
+    world.alongside(answerMessage(world, Row::done(), seen));
+    EXPECT_EQ(outcome(clip()), "");
+}
+
+TEST_F(OneOff, IgnoresAnAnswerThatDoesNotDecode) {
+    world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
+        const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
+        what.clipboard = co_await phone->expect<Row::Clipboard>();
+        co_await phone->wire().sendLengthPrefixed(Bytes(40));
+        what.ended = co_await phone->seesTheEnd();
+    }(world, seen));
+    EXPECT_EQ(outcome(clip()), "");
+}
+
+/// A phone that shakes hands, says something (or nothing) and closes before it reads a frame.
+Task<> closeBeforeReading(World& world, bool saysUnpair) {
+    const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
+    if (saysUnpair) {
+        co_await phone->send(Row::unpair());
+    }
+    phone->close();
+}
+
+TEST_F(OneOff, SucceedsWhenTheWriteFailsAndNoUnpairIsSeen) {
+    world.alongside(closeBeforeReading(world, false));
+    OneOffRequest late = oneOff(sleepingPhone());
+    late.onHandshakeComplete = [this] { fakes::runUntilIdle(world.context, world.clock); };
+    EXPECT_EQ(outcome(sendClipboard(world.system, "hello", "text/plain", std::move(late))), "");
+    EXPECT_THAT(world.log.messages(), ElementsAre(HasSubstr("write failed, checking for Unpair: wire I/O error: ")));
+}
+
+TEST_F(OneOff, SeesAnUnpairAlthoughTheWriteFailed) {
+    world.alongside(closeBeforeReading(world, true));
+    OneOffRequest late = oneOff(sleepingPhone());
+    late.onHandshakeComplete = [this] { fakes::runUntilIdle(world.context, world.clock); };
+    EXPECT_EQ(outcome(sendClipboard(world.system, "hello", "text/plain", std::move(late))),
+              "the phone removed this Mac. Pair again to send to it.");
+    EXPECT_EQ(world.log.lines().size(), 1U);
+}
+
+TEST_F(OneOff, WakesAPhoneThatRefusesAndLogsEachStep) {
+    world.https.willAnswer(200, tokenReply);
+    world.https.answers.emplace_back([this](const fakes::FakeHttpsClient::Seen&) {
+        world.alongside(takeMessage(world, seen));
+        return accepted();
+    });
+    EXPECT_EQ(outcome(clip("secret text")), "");
+    EXPECT_EQ(seen.clipboard->text, "secret text");
+    EXPECT_THAT(world.log.messages(), ElementsAre("warm connect failed: network: Connection refused",
+                                                  "needsWake=true hasFcm=true", "firing FCM wake"));
+    for (const fakes::RecordingLog::Line& line : world.log.lines()) {
+        EXPECT_EQ(line.subsystem, "com.tarvinex.orlinth");
+        EXPECT_EQ(line.category, "clipboard-send");
+        EXPECT_THAT(line.message, Not(HasSubstr("secret")));
+        EXPECT_THAT(line.message, Not(HasSubstr("fcm-token")));
+    }
+}
+
+TEST_F(OneOff, MakesASingleAttemptAfterAWake) {
+    world.https.willAnswer(200, tokenReply);
+    world.https.willAnswer(200, "{}");
+    EXPECT_EQ(outcome(clip()), "network: Connection refused");
+    EXPECT_EQ(world.network.attempts.size(), 2U);
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 0.5);
+}
+
+TEST_F(OneOff, GivesTheAttemptAfterAWakeItsOwnDeadline) {
+    world.network.makeSilent("203.0.113.2");
+    world.https.willAnswer(200, tokenReply);
+    world.https.willAnswer(200, "{}");
+    EXPECT_EQ(outcome(clip()), "network: connect timed out");
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 5 + 0.5 + 8);
+}
+
+TEST_F(OneOff, DoesNotWakeAPhoneWithoutATokenAndSaysSoInTheLog) {
+    EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", oneOff(world.phoneRecord()))),
+              "network: Connection refused");
+    EXPECT_THAT(world.log.messages(),
+                ElementsAre("warm connect failed: network: Connection refused", "needsWake=true hasFcm=false"));
+}
+
+TEST_F(OneOff, RefusesAPhoneWithAnotherKey) {
+    PeerRecord other = world.phoneRecord();
+    other.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
+        const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
+        what.ended = co_await phone->seesTheEnd();
+    }(world, seen));
+    EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", oneOff(other))),
+              "remote pubkey \u2260 paired peer");
+    fakes::runUntilIdle(world.context, world.clock);
+    EXPECT_TRUE(seen.ended);
+}
+
+TEST_F(OneOff, DoesNotConnectForAKeyThatIsNotBase64) {
+    PeerRecord broken = world.phoneRecord();
+    broken.peer_pubkey = "?";
+    EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", oneOff(broken))),
+              "remote pubkey \u2260 paired peer");
+    EXPECT_TRUE(world.network.attempts.empty());
+}
+
+TEST_F(OneOff, ReportsABrokenHandshake) {
+    world.alongside([](World& theWorld) -> Task<> {
+        const auto listener = theWorld.network.listen({.port = World::phonePort, .keepAlive = std::nullopt},
+                                                      theWorld.context.get_executor());
+        const auto stream = co_await listener->accept(theWorld.context.get_executor());
+        stream->cancel();
+    }(world));
+    EXPECT_THAT(outcome(clip()), testing::StartsWith("noise handshake: wire "));
+}
+
+TEST_F(OneOff, RefusesATextThatNoFrameCanCarryBeforeAnythingElse) {
+    const std::string json = R"({"mime":"text/plain","text":"","type":"Clipboard"})";
+    const std::size_t fits = TransportFramer::maxPlaintextBytes - 1 - json.size();
+    EXPECT_EQ(outcome(clip(std::string(fits + 1, 'x'))), "plaintext frame too large: 16777217 bytes");
+    EXPECT_TRUE(world.network.attempts.empty());
+    world.alongside(takeMessage(world, seen));
+    EXPECT_EQ(outcome(clip(std::string(fits, 'x'))), "");
+    EXPECT_EQ(seen.clipboard->text.size(), fits);
+}
+
+TEST_F(OneOff, WaitsForASilentPhoneUntilItIsStopped) {
+    world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
+        const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
+        what.clipboard = co_await phone->expect<Row::Clipboard>();
+        what.ended = co_await phone->seesTheEnd();
+    }(world, seen));
+    asio::cancellation_signal stop;
+    std::exception_ptr outcomeError;
+    platform::spawn(world.context.get_executor(), clip(), stop.slot(),
+                    [&](std::exception_ptr error) { outcomeError = std::move(error); });
+    world.run(world.clock.sleep(3600));
+    EXPECT_FALSE(outcomeError);
+    EXPECT_TRUE(seen.clipboard);
+    stop.emit(asio::cancellation_type::terminal);
+    fakes::runUntilIdle(world.context, world.clock);
+    ASSERT_TRUE(outcomeError);
+    EXPECT_TRUE(seen.ended);
+}
+
+} // namespace
+} // namespace orlinth
