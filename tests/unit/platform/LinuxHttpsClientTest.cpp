@@ -324,7 +324,7 @@ TEST_F(LinuxHttpsClientTest, ReportsAComputerWithoutANetwork) {
     constexpr int mayNot = 77;
     const pid_t child = ::fork();
     if (child == 0) {
-        if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
+        if (::unshare(CLONE_NEWNET) != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
             ::_exit(mayNot);
         }
         asio::io_context offlineContext;
