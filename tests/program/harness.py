@@ -269,11 +269,14 @@ class Relay:
     after_bytes or after_frames: how much to let through, whole; then `then` happens: "cut" closes the connection,
     "hold" keeps it open and lets nothing more through, a function is called and the connection cut.
     flip: the offset of a byte of which one bit is turned. bytes_per_second: how fast at most.
+    buffer: how many bytes the kernel may hold on each side of the relay; by default it takes megabytes, so that the
+    sender can be done long before a slow receiver has read anything.
     """
 
     def __init__(self, port, answers=False, after_bytes=None, after_frames=None, then="cut", flip=None,
-                 bytes_per_second=None):
+                 bytes_per_second=None, buffer=None):
         self.target = port
+        self.buffer = buffer
         self.answers = answers
         self.limit = after_bytes
         self.frames = after_frames
@@ -283,6 +286,8 @@ class Relay:
         self.reached = threading.Event()
         self.closed = threading.Event()
         self.listener = socket.create_server(("127.0.0.1", 0))
+        if buffer:  # an accepted connection takes this over; later it would no longer narrow the window
+            self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, buffer)
         self.port = self.listener.getsockname()[1]
         self.sockets = []
         self.threads = [threading.Thread(target=self._serve, daemon=True)]
@@ -295,6 +300,8 @@ class Relay:
             return
         far = socket.create_connection(("127.0.0.1", self.target))
         self.sockets += [near, far]
+        if self.buffer:
+            far.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, self.buffer)
         for end in self.sockets:
             end.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         ways = [(near, far, not self.answers), (far, near, self.answers)]
