@@ -287,6 +287,7 @@ public:
     void cancel() noexcept override {}
     [[nodiscard]] Executor executor() const override { return executor_; }
     [[nodiscard]] std::string remoteEndpoint() const override { return "memory"; }
+    [[nodiscard]] std::string localAddress() const override { return "memory"; }
 
 private:
     Executor executor_;

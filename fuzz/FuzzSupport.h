@@ -81,6 +81,7 @@ public:
     void cancel() noexcept override {}
     [[nodiscard]] Executor executor() const override { return executor_; }
     [[nodiscard]] std::string remoteEndpoint() const override { return "fuzz"; }
+    [[nodiscard]] std::string localAddress() const override { return "fuzz"; }
 
 private:
     Executor executor_;

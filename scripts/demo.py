@@ -6,6 +6,7 @@ import os
 import pathlib
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -187,29 +188,54 @@ class Demo:
         self.running.append(running)
         return running
 
-    def record(self, who, name, key, port):
-        self.call(who, "peers", "add", "--pubkey", key, "--ip", "127.0.0.1", "--port", str(port), "--name", name)
-
-    def introduce(self):
-        step("Two machines, each with a key of its own")
-        self.keys = {}
+    def pair(self):
+        """Pairs the two by the picture of the code, as a phone's camera would."""
+        step("Pairing two machines: one shows a QR code, the other one reads it")
+        self.ports = {"desk": free_port(), "phone": free_port()}
+        picture = self.folder / "code.png"
+        shown = self.start("desk", "pair", "--port", str(self.ports["desk"]), "--interface", "lo", "--no-advertise",
+                           "--png", str(picture), "--yes", "--json")
+        shown.wait_for("payload")
+        tell(f"desk   shows the code (here as a picture: {picture.name}, {human(picture.stat().st_size)})")
+        scanned = self.start("phone", "join", "--qr", str(picture), "--listen-port", str(self.ports["phone"]), "--yes",
+                             "--json")
+        codes, self.keys = {}, {}
+        for who, other, program in (("desk", "phone", shown), ("phone", "desk", scanned)):
+            codes[who] = program.wait_for("introduction")["confirmation_code"]
+            self.keys[other] = program.wait_for("paired")["peer"]["peer_pubkey"]
+            if program.finish() != 0:
+                raise Trouble(f"pairing failed: {program.last_words()}")
         for who in ("desk", "phone"):
-            self.keys[who] = json.loads(self.call(who, "id", "--json"))["self_pubkey"]
-            tell(f"{who:5}  {self.keys[who]}")
-        # The desk only calls, so the port in the phone's record of it is never used.
-        self.record("phone", "desk", self.keys["desk"], 1)
-        tell(faint("Each records the other's key; a stranger with another key would be turned away."))
+            tell(f"{who:5}  shows the confirmation code {bold(codes[who])}; its key is {self.keys[who]}")
+        if codes["desk"] != codes["phone"]:
+            raise Trouble("the codes differ")
+        tell(green("The same on both: nobody is in between."))
+        tell(faint("A person compares the codes; the demo has said yes for one. A stranger's key is turned away from now on."))
 
-    def listen(self):
-        """Starts the phone's side on a free port and tells the desk where it is."""
-        downloads = self.folder / "phone" / "downloads"
-        receiver = self.start("phone", "receive", "--from", "desk", "--port", "0", "--dir", str(downloads),
-                              "--timeout", str(PATIENCE), "--json")
-        self.record("desk", "phone", self.keys["phone"], receiver.wait_for("listening")["port"])
+    def listen(self, who="phone", other="desk"):
+        """Starts the receiving side on the port that the other one has learned by pairing."""
+        downloads = self.folder / who / "downloads"
+        receiver = self.start(who, "receive", "--from", self.keys[other], "--port", str(self.ports[who]), "--dir",
+                              str(downloads), "--timeout", str(PATIENCE), "--json")
+        receiver.wait_for("listening")
         return receiver, downloads
 
     def send(self, file):
-        return self.start("desk", "send", "--to", "phone", "--json", str(file))
+        return self.start("desk", "send", "--to", self.keys["phone"], "--json", str(file))
+
+    def answer(self):
+        """A file the other way."""
+        step("And one back, from the phone to the desk")
+        file = self.folder / "answer.txt"
+        file.write_text(TEXT + "\n", encoding="utf-8")
+        receiver, _ = self.listen("desk", "phone")
+        sender = self.start("phone", "send", "--to", self.keys["desk"], "--json", str(file))
+        if sender.finish() != 0 or receiver.finish() != 0:
+            raise Trouble(f"{sender.last_words()}; {receiver.last_words()}")
+        saved = pathlib.Path(receiver.wait_for("complete")["saved_at"])
+        if saved.read_bytes() != file.read_bytes():
+            raise Trouble("the files differ")
+        tell(green(f"The same, byte for byte: {saved.name}, {human(saved.stat().st_size)}"))
 
     def cut(self, file):
         """Sends, and kills the sender in the middle. Returns the partial file and its size."""
@@ -274,9 +300,9 @@ class Demo:
         step("A text for the phone's clipboard")
         tell(faint("The service that takes texts is not there yet. A small stand-in takes the phone's part: the same"))
         tell(faint("handshake and the same sealed frames, one message, and it prints what it was sent."))
-        phone = self.start_program("phone", self.clip_phone, "close", "0", self.keys["desk"])
-        self.record("desk", "phone", self.keys["phone"], phone.wait_for("listening")["port"])
-        said = self.call("desk", "clip", "--to", "phone", "-", text=TEXT).strip()
+        phone = self.start_program("phone", self.clip_phone, "close", str(self.ports["phone"]), self.keys["desk"])
+        phone.wait_for("listening")
+        said = self.call("desk", "clip", "--to", self.keys["phone"], "-", text=TEXT).strip()
         got = phone.wait_for("message")
         if phone.finish() != 0:
             raise Trouble(f"the stand-in failed: {phone.last_words()}")
@@ -285,6 +311,12 @@ class Demo:
         if got["text"] != TEXT:
             raise Trouble("the texts differ")
         tell(green("The same, character for character."))
+
+
+def free_port():
+    """A port that nobody listens on now."""
+    with socket.create_server(("127.0.0.1", 0)) as probe:
+        return probe.getsockname()[1]
 
 
 def room_for(folder, size):
@@ -333,13 +365,14 @@ def main():
         try:
             if given is not None and room_for(folder, given.stat().st_size) < given.stat().st_size // MIB * MIB:
                 raise Trouble(f"there is too little room in {folder} for {given.name}; set TMPDIR to a larger place")
-            demo.introduce()
+            demo.pair()
             if given is not None and given.stat().st_size < SMALLEST_TO_CUT:
                 step(f"{given.name} has {human(given.stat().st_size)}, too little to be cut in the middle")
                 tell("So a made file shows the cut, and yours goes afterwards, in one piece.")
             if not cut_and_resume(demo, folder, given) and given is not None:
                 step(f"Sending {given.name}")
                 demo.deliver(given, 0)
+            demo.answer()
             demo.clip()
             print(f"\n{green('That was the whole of it.')} Now between two machines: see README.md.")
             return 0

@@ -45,11 +45,17 @@ private:
 /// Not more than a year: beyond that it is a slip of the finger, and "for ever" has its own value.
 inline constexpr std::int64_t maxSeconds = 366 * 24 * 3600;
 
+/// Where a computer receives, and pairs, unless told otherwise. Below the range from which Linux takes ports for
+/// outgoing connections, so that it is not in use by chance.
+inline constexpr std::uint16_t defaultPort = 28471;
+
 [[nodiscard]] CLI::Validator notEmpty();
 /// A decimal TCP port, `lowest` to 65535.
 [[nodiscard]] CLI::Validator portFrom(std::uint16_t lowest);
 
 [[nodiscard]] std::unique_ptr<Command> makeIdCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makePairCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeJoinCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makePeersCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeSendCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeReceiveCommand(CLI::App& program);

@@ -1,18 +1,10 @@
+#include "OrlinthCore/Pairing/DeviceInfo.h"
 #include "base/Text.h"
 #include "orlinth/Command.h"
-
-#include <array>
-#include <unistd.h>
 
 namespace orlinth::host {
 
 namespace {
-
-/// The kernel's name for this computer, whole.
-std::string hostName() {
-    std::array<char, 256> name{};
-    return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
-}
 
 class IdCommand final : public Command {
 public:
@@ -23,14 +15,15 @@ public:
 
     int run(Host& host) override {
         const std::string publicKey = host.staticKey().publicKey().base64();
+        const std::string hostName = DeviceInfo::hostnameString(host.system.interfaces);
         const std::string directory = host.dataDirectory().string();
         Json fields;
         fields["self_pubkey"] = publicKey;
-        fields["hostname"] = hostName();
+        fields["hostname"] = hostName;
         fields["data_dir"] = directory;
         host.output.event("id", std::move(fields));
         host.output.result("public key   " + publicKey);
-        host.output.result("host name    " + madeVisible(hostName()));
+        host.output.result("host name    " + madeVisible(hostName));
         host.output.result("data folder  " + directory);
         return 0;
     }

@@ -32,6 +32,7 @@ public:
     void useJson() noexcept;
     void beQuiet() noexcept;
     [[nodiscard]] bool isJson() const noexcept { return json_; }
+    [[nodiscard]] bool isQuiet() const noexcept { return quiet_; }
     [[nodiscard]] ProgressBar& bar() noexcept { return bar_; }
 
     /// A line of the result, for people; nothing in JSON form. The text must be fit for a terminal.

@@ -35,7 +35,7 @@ CheckedPeer selectPeer(const Host& host, const std::string& selector, const plat
 CheckedPeer mostRecentPeer(const Host& host, const platform::PublicKey& ownKey) {
     const auto record = host.peers().mostRecent();
     if (!record) {
-        throw HostError("no phone is paired yet", "`orlinth peers add --help` tells how to record one.");
+        throw HostError("no phone is paired yet", "`orlinth pair` pairs one.");
     }
     return checkPeer(*record, ownKey);
 }

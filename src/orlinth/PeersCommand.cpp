@@ -2,6 +2,7 @@
 #include "orlinth/Command.h"
 #include "orlinth/HumanText.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/SharedPeers.h"
 
 #include <algorithm>
 #include <array>
@@ -106,7 +107,7 @@ private:
             host.output.event("peer", publicFields(record));
         }
         if (book.peers.empty()) {
-            host.output.message("No phone is paired yet. `orlinth peers add --help` tells how to record one.");
+            host.output.message("No phone is paired yet. `orlinth pair` pairs one.");
         } else {
             printTable(host.output, book);
         }
@@ -147,6 +148,7 @@ private:
             throw HostError("this is the computer's own key", "The phone's key is what `orlinth id` shows there.");
         }
         const auto replaced = host.peers().upsertReplacingStale(record);
+        updateSharedPeers(host);
         Json fields;
         fields["peer"] = publicFields(record);
         fields["replaced"] = Json::array();
@@ -170,7 +172,9 @@ private:
             removed = peers.removeFirst(
                 [&chosen](const PeerRecord& record) { return record.peer_pubkey == chosen->peer_pubkey; });
         }
-        if (!removed) {
+        if (removed) {
+            updateSharedPeers(host);
+        } else {
             throw HostError("no paired phone matches '" + selector_ + "'", "`orlinth peers` lists the paired phones.");
         }
         Json fields;

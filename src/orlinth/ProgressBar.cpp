@@ -2,37 +2,14 @@
 
 #include "orlinth/HumanText.h"
 #include "orlinth/Output.h"
+#include "orlinth/Terminal.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace orlinth::host {
 
-namespace {
-
-std::size_t columnsOfTerminal() {
-    winsize size{};
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg): the system's own interface
-    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return known ? size.ws_col : 80;
-}
-
-bool canRedraw() {
-    const char* terminal = std::getenv("TERM");
-    const std::string_view name = terminal == nullptr ? "" : terminal;
-    return isatty(STDERR_FILENO) == 1 && !name.empty() && name != "dumb";
-}
-
-bool wantsColour() {
-    const char* refused = std::getenv("NO_COLOR");
-    return refused == nullptr || *refused == '\0';
-}
-
-} // namespace
-
-ProgressBar::ProgressBar() : enabled_(canRedraw()), coloured_(wantsColour()) {}
+ProgressBar::ProgressBar() : enabled_(canRedraw(STDERR_FILENO)), coloured_(wantsColour()) {}
 
 void ProgressBar::begin(std::string name, std::int64_t held, std::int64_t total) {
     if (!enabled_) {
@@ -77,7 +54,7 @@ void ProgressBar::clear() noexcept {
 void ProgressBar::draw() {
     shown_ = true;
     // the last column stays free: writing it would make some terminals begin a new line
-    writeToStandardError("\r" + line(columnsOfTerminal() - 1) + "\x1b[K");
+    writeToStandardError("\r" + line(columnsOfTerminal(STDERR_FILENO) - 1) + "\x1b[K");
 }
 
 std::string ProgressBar::line(std::size_t columns) const {

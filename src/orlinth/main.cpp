@@ -115,6 +115,8 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     program.footer(aboutConventions);
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(makeIdCommand(program));
+    commands.push_back(makePairCommand(program));
+    commands.push_back(makeJoinCommand(program));
     commands.push_back(makePeersCommand(program));
     commands.push_back(makeSendCommand(program));
     commands.push_back(makeReceiveCommand(program));

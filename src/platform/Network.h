@@ -28,6 +28,9 @@ public:
     [[nodiscard]] virtual Executor executor() const = 0;
     /// The peer's address and port as people write them: "192.168.1.7:40112", "[fe80::1%eth0]:40112".
     [[nodiscard]] virtual std::string remoteEndpoint() const = 0;
+    /// The address, without a port, that this computer has in the network of the peer: "192.168.1.23", "fe80::1%eth0";
+    /// "" once it is closed.
+    [[nodiscard]] virtual std::string localAddress() const = 0;
 };
 
 /// A listening TCP port. Destroying it closes it.

@@ -8,6 +8,8 @@
 #include "platform/Log.h"
 #include "platform/MimeTypes.h"
 #include "platform/Network.h"
+#include "platform/NetworkInterfaces.h"
+#include "platform/ServiceDiscovery.h"
 
 namespace orlinth::platform {
 
@@ -21,6 +23,8 @@ struct System {
     Log& log;
     HttpsClient& https;
     Clipboard& clipboard;
+    NetworkInterfaces& interfaces;
+    ServiceDiscovery& services;
     UserDirectories directories;
     /// The serial queue of the host's main thread: what a desktop wants to be touched from one place runs here.
     Executor mainQueue;

@@ -59,6 +59,7 @@ public:
     void cancel() noexcept override;
     [[nodiscard]] Executor executor() const override { return executor_; }
     [[nodiscard]] std::string remoteEndpoint() const override { return remoteEndpoint_; }
+    [[nodiscard]] std::string localAddress() const override { return "203.0.113.1"; }
 
     /// Ends the connection with a reset instead of an orderly close.
     void reset() noexcept;

@@ -6,6 +6,8 @@
 #include "fakes/FakeClipboard.h"
 #include "fakes/FakeHttpsClient.h"
 #include "fakes/FakeMimeTypes.h"
+#include "fakes/FakeNetworkInterfaces.h"
+#include "fakes/FakeServiceDiscovery.h"
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/MemoryNetwork.h"
 #include "fakes/RecordingLog.h"
@@ -40,6 +42,8 @@ struct World {
     RecordingLog log;
     FakeHttpsClient https;
     FakeClipboard clipboard;
+    FakeNetworkInterfaces interfaces;
+    FakeServiceDiscovery services{clock};
     platform::System system{.network = network,
                             .clock = clock,
                             .files = files,
@@ -47,6 +51,8 @@ struct World {
                             .log = log,
                             .https = https,
                             .clipboard = clipboard,
+                            .interfaces = interfaces,
+                            .services = services,
                             .directories = {.data = "/home/ann/.local/share",
                                             .config = "/home/ann/.config",
                                             .downloads = "/home/ann/Downloads"},

@@ -63,6 +63,8 @@ int run(std::string_view command) {
                             .log = log,
                             .https = real.https,
                             .clipboard = real.clipboard,
+                            .interfaces = real.interfaces,
+                            .services = real.services,
                             .directories = real.directories,
                             .mainQueue = real.mainQueue};
     if (command == "read-for-send") {

@@ -63,7 +63,7 @@ class WrongCommandLines(ProgramTest):
                 self.assertRegex(lines[1], r"^`orlinth[a-z ]* --help` ")
 
     def test_commands_of_later_versions_are_unknown(self):
-        for command in ("pair", "join", "serve", "share"):
+        for command in ("serve", "share"):
             result = self.mac.run(command)
             self.assertEqual(2, result.returncode)
             self.assertIn(f"there is no command '{command}'", result.stderr)
@@ -72,8 +72,12 @@ class WrongCommandLines(ProgramTest):
 class Help(ProgramTest):
     def test_every_command_explains_every_flag_with_unit_and_default(self):
         for command, expected in {
-            (): ["id", "peers", "send", "receive", "clip", "wake", "--version", "Exit status"],
+            (): ["id", "pair", "join", "peers", "send", "receive", "clip", "wake", "--version", "Exit status"],
             ("id",): ["--json"],
+            ("pair",): ["--port PORT=28471", "--timeout SECONDS=120", "--interface NAME", "--png FILE", "--no-advertise",
+                        "--yes", "--json", "--quiet"],
+            ("join",): ["--payload FILE", "--qr PNG", "--code NNNN", "--listen-port PORT=28471", "--timeout SECONDS=30",
+                        "--yes", "--json", "--quiet"],
             ("peers",): ["--json", "add", "remove"],
             ("peers", "add"): ["--pubkey KEY REQUIRED", "--ip", "--port", "--name", "--fcm-token", "1 to 65535"],
             ("peers", "remove"): ["SELECTOR"],

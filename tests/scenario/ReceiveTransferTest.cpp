@@ -273,6 +273,8 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
                                        .log = second.log,
                                        .https = second.https,
                                        .clipboard = second.clipboard,
+                                       .interfaces = second.interfaces,
+                                       .services = second.services,
                                        .directories = second.system.directories,
                                        .mainQueue = second.system.mainQueue};
             ReceiveRequest again{.staticKey = second.computerKey,

@@ -44,6 +44,8 @@ protected:
                 .log = sender.log,
                 .https = sender.https,
                 .clipboard = sender.clipboard,
+                .interfaces = sender.interfaces,
+                .services = sender.services,
                 .directories = sender.system.directories,
                 .mainQueue = sender.system.mainQueue};
     }

@@ -45,17 +45,16 @@ void openSocket(Socket& socket, const Tcp& protocol) {
     }
 }
 
-/// "192.168.1.7:40112": an IPv4 peer of a socket for both kinds is written as what it is.
+/// The address as what it is: an IPv4 peer of a socket for both kinds has an address of IPv6 there.
+asio::ip::address unmapped(const asio::ip::address& address) {
+    const bool isMapped = address.is_v6() && address.to_v6().is_v4_mapped();
+    return isMapped ? asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()) : address;
+}
+
 std::string endpointText(const Tcp::endpoint& endpoint) {
-    const asio::ip::address address = endpoint.address();
+    const asio::ip::address address = unmapped(endpoint.address());
     const std::string port = std::to_string(endpoint.port());
-    if (address.is_v4()) {
-        return address.to_string() + ":" + port;
-    }
-    if (address.to_v6().is_v4_mapped()) {
-        return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string() + ":" + port;
-    }
-    return "[" + address.to_string() + "]:" + port;
+    return address.is_v4() ? address.to_string() + ":" + port : "[" + address.to_string() + "]:" + port;
 }
 
 /// Waits until `socket` may be read, or written. What ends the wait early is thrown: Cancelled if the task was
@@ -170,6 +169,11 @@ public:
 
     Executor executor() const override { return const_cast<Tcp::socket&>(socket_).get_executor(); }
     std::string remoteEndpoint() const override { return remote_; }
+    std::string localAddress() const override {
+        std::error_code code; // of a connection that is gone
+        const Tcp::endpoint local = socket_.local_endpoint(code);
+        return code ? "" : unmapped(local.address()).to_string();
+    }
 
 private:
     void throwIfCancelled() const {

@@ -8,6 +8,8 @@
 #include "platform/linux/LinuxLog.h"
 #include "platform/linux/LinuxMimeTypes.h"
 #include "platform/linux/LinuxNetwork.h"
+#include "platform/linux/LinuxNetworkInterfaces.h"
+#include "platform/linux/LinuxServiceDiscovery.h"
 
 #include <asio/strand.hpp>
 
@@ -33,6 +35,8 @@ struct LinuxSystem::Parts {
     LinuxLog log;
     LinuxHttpsClient https;
     LinuxClipboard clipboard{processEnvironment};
+    LinuxNetworkInterfaces interfaces;
+    LinuxServiceDiscovery services;
     UserDirectories directories = linuxUserDirectories(processEnvironment);
     Executor mainQueue;
 };
@@ -49,6 +53,8 @@ System LinuxSystem::system() {
             .log = parts_->log,
             .https = parts_->https,
             .clipboard = parts_->clipboard,
+            .interfaces = parts_->interfaces,
+            .services = parts_->services,
             .directories = parts_->directories,
             .mainQueue = parts_->mainQueue};
 }

@@ -49,6 +49,7 @@ public:
     void cancel() noexcept override {}
     [[nodiscard]] Executor executor() const override { return executor_; }
     [[nodiscard]] std::string remoteEndpoint() const override { return "198.51.100.1:1"; }
+    [[nodiscard]] std::string localAddress() const override { return "198.51.100.2"; }
 
 private:
     Executor executor_;

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "OrlinthCore/Pairing/PairingPayload.h"
+#include "platform/ServiceDiscovery.h"
+#include "platform/System.h"
+
+#include <functional>
+#include <memory>
+#include <string_view>
+
+namespace orlinth {
+
+/// Announces pair mode by DNS-SD, with everything that the QR code says, the secret included.
+///
+/// Threading: start(), stop() and destruction on the executor that failures are told on.
+class PairAdvertiser {
+public:
+    /// A TXT string, key and "=" included, may have this many bytes (RFC 6763 §6.1).
+    static constexpr std::size_t maxTxtStringBytes = 255;
+    static constexpr std::size_t maxHostnameCharacters = 60;
+
+    /// Builds the service and publishes nothing. `system` outlives this; failures come on `executor`.
+    PairAdvertiser(platform::System& system, const PairingPayload& payload, std::string_view code, Executor executor);
+    PairAdvertiser(const PairAdvertiser&) = delete;
+    PairAdvertiser& operator=(const PairAdvertiser&) = delete;
+    /// Withdraws it, and wipes this copy of the secret.
+    ~PairAdvertiser();
+
+    /// What is announced.
+    [[nodiscard]] const platform::ServiceRecord& service() const noexcept { return service_; }
+
+    /// Begins to announce, anew if it is announced already. A failure goes to the system log, and to `onFailure` if
+    /// there is one; nothing else happens.
+    void start(std::function<void(const std::string&)> onFailure = {});
+    /// Withdraws it, if it is announced.
+    void stop() noexcept;
+
+private:
+    platform::System& system_;
+    platform::ServiceRecord service_;
+    Executor executor_;
+    std::unique_ptr<platform::ServicePublication> publication_;
+};
+
+} // namespace orlinth

@@ -1,0 +1,187 @@
+#include "OrlinthCore/Pairing/PairIntroduction.h"
+
+#include "base/Text.h"
+#include "platform/IpAddress.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace orlinth {
+namespace {
+
+using platform::Ipv4Address;
+using platform::Ipv6Address;
+using platform::PrivateKey;
+using platform::PublicKey;
+
+[[noreturn]] void refuse(const char* key, const std::string& why) {
+    throw PairIntroductionError(std::string("key \"") + key + "\": " + why);
+}
+
+/// Whether a UTF-8 text has one of C0, DEL or C1 (U+0080 to U+009F: the bytes C2 80 to C2 9F).
+bool hasControlCharacter(std::string_view text) {
+    unsigned char before = 0;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F || (before == 0xC2 && byte >= 0x80 && byte <= 0x9F)) {
+            return true;
+        }
+        before = byte;
+    }
+    return false;
+}
+
+std::string checkedText(const char* key, std::string text, std::size_t maxBytes) {
+    if (text.size() > maxBytes) {
+        refuse(key, "longer than " + std::to_string(maxBytes) + " bytes");
+    }
+    if (hasControlCharacter(text)) {
+        refuse(key, "holds a control character");
+    }
+    return text;
+}
+
+std::string requiredText(const Json& json, const char* key, std::size_t maxBytes) {
+    return checkedText(key, requireString(json, key), maxBytes);
+}
+
+std::string optionalText(const Json& json, const char* key, std::size_t maxBytes) {
+    return checkedText(key, optionalString(json, key).value_or(""), maxBytes);
+}
+
+void checkKey(const std::string& text, const PublicKey& ownKey) {
+    const std::optional<PublicKey> key = PublicKey::fromBase64(text);
+    if (!key) {
+        refuse("peer_pubkey", "not the Base64 of 32 bytes");
+    }
+    if (const std::optional<std::string> objection = objectionToKey(*key, ownKey)) {
+        refuse("peer_pubkey", *objection);
+    }
+}
+
+PeerRecord recordOf(const Json& json, const PublicKey& ownKey) {
+    constexpr std::size_t keyTextBytes = 44;
+    PeerRecord record;
+    record.peer_pubkey = requiredText(json, "peer_pubkey", keyTextBytes);
+    checkKey(record.peer_pubkey, ownKey);
+    record.peer_ip = requiredText(json, "peer_ip", PairIntroduction::maxFieldBytes);
+    if (const std::optional<std::string> objection = objectionToAddress(record.peer_ip)) {
+        refuse("peer_ip", *objection);
+    }
+    record.peer_port = requireInt64(json, "peer_port");
+    if (record.peer_port < 1 || record.peer_port > std::numeric_limits<std::uint16_t>::max()) {
+        refuse("peer_port", "not between 1 and 65535");
+    }
+    record.peer_hostname = requiredText(json, "peer_hostname", PairIntroduction::maxHostnameBytes);
+    if (trimmed(record.peer_hostname).empty()) {
+        refuse("peer_hostname", "blank");
+    }
+    record.peer_subnet = optionalText(json, "peer_subnet", PairIntroduction::maxFieldBytes);
+    record.peer_mac = optionalText(json, "peer_mac", PairIntroduction::maxFieldBytes);
+    record.peer_fcm_token = optionalText(json, "peer_fcm_token", PairIntroduction::maxTokenBytes);
+    record.peer_android = optionalText(json, "peer_android", PairIntroduction::maxFieldBytes);
+    record.self_pubkey = ownKey.base64();
+    return record;
+}
+
+/// Whether the 32 bytes, least significant first, are a number below 2^255 - 19, the field's prime (RFC 7748 §5).
+bool isCanonical(const PublicKey& key) {
+    const auto byte = [&key](std::size_t i) { return std::to_integer<unsigned>(key.raw()[i]); };
+    if (byte(31) != 0x7F) {
+        return byte(31) < 0x7F;
+    }
+    for (std::size_t i = 30; i > 0; --i) {
+        if (byte(i) != 0xFF) {
+            return true;
+        }
+    }
+    return byte(0) < 0xED;
+}
+
+bool isOfLowOrder(const PublicKey& key) {
+    const PrivateKey fresh = PrivateKey::generate();
+    try {
+        static_cast<void>(fresh.agree(key));
+        return false;
+    } catch (const platform::CryptoError&) {
+        return true;
+    }
+}
+
+std::optional<std::string> objectionTo(const Ipv4Address& address) {
+    if (address[0] == 0) {
+        return "an unspecified address";
+    }
+    if (address[0] >= 224 && address[0] <= 239) {
+        return "a multicast address";
+    }
+    if (address == Ipv4Address{255, 255, 255, 255}) {
+        return "the broadcast address";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> objectionTo(const Ipv6Address& address) {
+    const auto& bytes = address.bytes;
+    const auto isZero = [&bytes](std::size_t count) {
+        return std::ranges::all_of(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count),
+                                   [](std::uint8_t byte) { return byte == 0; });
+    };
+    if (isZero(bytes.size())) {
+        return "an unspecified address";
+    }
+    if (bytes[0] == 0xFF) {
+        return "a multicast address";
+    }
+    const bool isLoopback = isZero(15) && bytes[15] == 1;
+    if (isZero(10) && ((bytes[10] == 0xFF && bytes[11] == 0xFF) || (isZero(12) && !isLoopback))) {
+        return "an IPv4 address in the form of IPv6"; // mapped, or compatible (RFC 4291 §2.5.5)
+    }
+    const bool isLinkLocal = bytes[0] == 0xFE && (bytes[1] & 0xC0) == 0x80;
+    if (!address.zone.empty() && !isLinkLocal) {
+        return "an interface is named, but the address is not link-local";
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+PeerRecord PairIntroduction::decode(ByteView plaintext, const PublicKey& ownKey) {
+    try {
+        return recordOf(parseJson(plaintext), ownKey);
+    } catch (const JsonError& error) {
+        throw PairIntroductionError(error.description());
+    }
+}
+
+Bytes PairIntroduction::encode(const PeerRecord& self) {
+    const Json json{
+        {"peer_pubkey", self.peer_pubkey},       {"peer_ip", self.peer_ip},           {"peer_port", self.peer_port},
+        {"peer_hostname", self.peer_hostname},   {"peer_subnet", self.peer_subnet},   {"peer_mac", self.peer_mac},
+        {"peer_fcm_token", self.peer_fcm_token}, {"peer_android", self.peer_android},
+    };
+    return toBytes(compactJson(json));
+}
+
+std::optional<std::string> objectionToKey(const PublicKey& key, const PublicKey& ownKey) {
+    if (key == ownKey) {
+        return "this computer's own key";
+    }
+    if (!isCanonical(key)) {
+        return "not the canonical form of a key";
+    }
+    if (isOfLowOrder(key)) {
+        return "a point of low order";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> objectionToAddress(const std::string& address) {
+    const auto parsed = platform::parseIpAddress(address);
+    if (!parsed) {
+        return "not an IPv4 or IPv6 address";
+    }
+    return std::visit([](const auto& kind) { return objectionTo(kind); }, *parsed);
+}
+
+} // namespace orlinth

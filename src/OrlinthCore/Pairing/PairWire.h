@@ -1,0 +1,41 @@
+#pragma once
+
+#include "base/Bytes.h"
+#include "base/Error.h"
+
+namespace orlinth {
+
+/// The one frame of a pairing connection: 4-byte big-endian length, then a sealed introduction. Plain functions.
+class PairWire {
+public:
+    class Error;
+
+    static constexpr std::size_t lengthPrefixBytes = 4;
+    /// Largest payload, inclusive.
+    static constexpr std::size_t maxFrameBytes = 65536;
+
+    PairWire() = delete;
+
+    /// Prefix and payload. @throws Error::frameTooLarge
+    [[nodiscard]] static Bytes encodeFrame(ByteView payload);
+    /// The payload's length, 0 included; looks at the first four bytes only.
+    /// @throws Error::frameTooShort where there are fewer; frameTooLarge
+    [[nodiscard]] static std::size_t parseLengthPrefix(ByteView bytes);
+};
+
+/// What PairWire throws.
+class PairWire::Error : public orlinth::Error {
+public:
+    enum class Case { frameTooLarge, frameTooShort };
+
+    [[nodiscard]] static Error frameTooLarge(std::int64_t length);
+    [[nodiscard]] static Error frameTooShort();
+
+    [[nodiscard]] Case which() const noexcept { return case_; }
+
+private:
+    Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
+    Case case_;
+};
+
+} // namespace orlinth

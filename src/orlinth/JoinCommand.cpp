@@ -1,0 +1,123 @@
+#include "OrlinthCore/Pairing/PairJoin.h"
+#include "OrlinthCore/Pairing/PairSearch.h"
+#include "OrlinthCore/Pairing/QRRenderer.h"
+#include "base/Text.h"
+#include "orlinth/Command.h"
+#include "orlinth/PairingRecord.h"
+#include "orlinth/PayloadSource.h"
+
+#include <algorithm>
+
+namespace orlinth::host {
+
+namespace {
+
+CLI::Validator fourDigits() {
+    const auto check = [](std::string& text) -> std::string {
+        const bool valid =
+            text.size() == 4 && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+        return valid ? "" : "'" + text + "' is not a pair code of four digits";
+    };
+    return {check, ""};
+}
+
+std::string hintForJoining(const std::exception& error) {
+    if (const auto* host = dynamic_cast<const HostError*>(&error)) {
+        return host->hint();
+    }
+    if (const auto* search = dynamic_cast<const PairSearchError*>(&error)) {
+        switch (search->which()) {
+        case PairSearchError::Case::notFound:
+            return "Is `orlinth pair` running there, and does it show these four digits?";
+        case PairSearchError::Case::ambiguous:
+            return "Use the QR code or the payload: `--qr`, `--payload`.";
+        case PairSearchError::Case::unavailable:
+            return "Looking needs the Avahi service. The QR code and the payload work without: `--qr`, `--payload`.";
+        }
+    }
+    const auto* join = dynamic_cast<const PairJoinError*>(&error);
+    if (join != nullptr && join->which() != PairJoinError::Case::payload) {
+        return "A code works once, and while it is shown: run `orlinth pair` there again.";
+    }
+    return {};
+}
+
+class JoinCommand final : public Command {
+public:
+    explicit JoinCommand(CLI::App& program)
+        : Command(program.add_subcommand("join", "Pair with a computer that runs `orlinth pair`, as its phone.")) {
+        CLI::Option_group* source = parser().add_option_group("Where the computer's code comes from (exactly one)");
+        source->add_option("--payload", payloadFile_, "The payload as JSON text in a file; -: standard input.")
+            ->type_name("FILE")
+            ->check(notEmpty());
+        source->add_option("--qr", picture_, "A picture of the QR code.")->type_name("PNG")->check(notEmpty());
+        source->add_option("--code", code_, "The four digits beside the code; the computer is looked for by DNS-SD.")
+            ->type_name("NNNN")
+            ->check(fourDigits());
+        source->require_option(1);
+        addPort("--listen-port", listenPort_, 1, "The TCP port on which this machine receives, 1 to 65535.")
+            ->capture_default_str();
+        addSeconds("--timeout", timeout_, "How long finding the computer, and then pairing, may take each.");
+        parser().add_flag("--yes", yes_, "Do not ask whether the computer shows the same confirmation code.");
+        addJsonFlag("Print events as JSON, one object a line.");
+        addQuietFlag("No messages but failures.");
+    }
+
+    int run(Host& host) override {
+        try {
+            return join(host);
+        } catch (const Interrupted& interrupted) {
+            host.output.failure(interrupted.description(), "Nothing was recorded.");
+            throw;
+        } catch (const std::exception& error) {
+            host.output.failure(describe(error), hintForJoining(error));
+            return 1;
+        }
+    }
+
+private:
+    int join(Host& host) {
+        const platform::PrivateKey ownKey = host.staticKey();
+        PairJoinRequest request{.payload = takePayload(host),
+                                .ownKey = ownKey.publicKey(),
+                                .receivePort = listenPort_,
+                                .timeout = timeout_};
+        host.output.message("pairing with " + request.payload.peer_hostname + " at " + request.payload.peer_ip);
+        PairJoinResult joined = host.tasks.run(joinPairing(host.system, std::move(request)));
+        host.output.event("introduction", {{"confirmation_code", joined.confirmationCode}});
+        host.output.result("Confirmation code: " + joined.confirmationCode);
+        if (!yes_ && !asksForYes("Does " + madeVisible(joined.computer.peer_hostname) + " show the same code?",
+                                 payloadFile_ == "-")) {
+            throw HostError("the codes were not confirmed; nothing was recorded",
+                            "If they differ, somebody else answered: pair again on a network that you trust.");
+        }
+        recordPaired(host, std::move(joined.computer));
+        return 0;
+    }
+
+    PairingPayload takePayload(Host& host) {
+        if (!payloadFile_.empty()) {
+            return payloadFromFile(host, payloadFile_);
+        }
+        if (!picture_.empty()) {
+            return payloadFromPicture(host, picture_);
+        }
+        host.output.message("looking for the computer that shows " + code_);
+        return host.tasks.run(findPairingComputer(host.system, code_, timeout_));
+    }
+
+    std::string payloadFile_;
+    std::string picture_;
+    std::string code_;
+    std::uint16_t listenPort_ = defaultPort;
+    double timeout_ = 30;
+    bool yes_ = false;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeJoinCommand(CLI::App& program) {
+    return std::make_unique<JoinCommand>(program);
+}
+
+} // namespace orlinth::host

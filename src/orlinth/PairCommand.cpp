@@ -1,0 +1,233 @@
+#include "OrlinthCore/Pairing/PairAdvertiser.h"
+#include "OrlinthCore/Pairing/PairCode.h"
+#include "OrlinthCore/Pairing/PairCrypto.h"
+#include "OrlinthCore/Pairing/PairIntroduction.h"
+#include "OrlinthCore/Pairing/PairListener.h"
+#include "OrlinthCore/Pairing/QRRenderer.h"
+#include "base/Text.h"
+#include "orlinth/Command.h"
+#include "orlinth/PairingRecord.h"
+#include "orlinth/Terminal.h"
+#include "orlinth/TerminalQr.h"
+#include "platform/SystemError.h"
+
+#include <cmath>
+#include <unistd.h>
+
+namespace orlinth::host {
+
+namespace {
+
+/// Pixels a module in the picture: large enough for a phone, and for readers of files.
+constexpr double pictureScale = 8;
+
+/// The seconds that are left, once a second on the terminal.
+class Countdown {
+public:
+    Countdown(Host& host, double seconds)
+        : clock_(host.system.clock),
+          end_(clock_.now() + platform::Clock::Instant(seconds)),
+          line_(seconds < maxSeconds && !host.output.isQuiet() && !host.output.isJson()),
+          timer_(clock_.makeTimer(host.tasks.executor())) {
+        tick();
+    }
+
+    /// Takes the line away for something else that is written; the next second brings it back.
+    void giveWay() noexcept { line_.clear(); }
+
+private:
+    void tick() {
+        const double left = (end_ - clock_.now()).count();
+        if (left > 0) {
+            line_.show("waiting for a phone, " + std::to_string(std::lround(std::ceil(left))) + " s left");
+            timer_->arm(1, [this] { tick(); });
+        }
+    }
+
+    platform::Clock& clock_;
+    platform::Clock::Instant end_;
+    StatusLine line_;
+    std::unique_ptr<platform::Timer> timer_;
+};
+
+std::string hintForPairing(const std::exception& error) {
+    if (const auto* host = dynamic_cast<const HostError*>(&error)) {
+        return host->hint();
+    }
+    if (const auto* device = dynamic_cast<const DeviceInfoError*>(&error)) {
+        return device->which() == DeviceInfoError::Case::noActiveInterface
+                   ? "Is this computer connected? `--interface NAME` takes a certain interface."
+                   : "`--interface NAME` takes another interface.";
+    }
+    if (dynamic_cast<const PairIntroductionError*>(&error) != nullptr) {
+        return "Nothing was recorded.";
+    }
+    const auto* listener = dynamic_cast<const PairListener::Error*>(&error);
+    if (listener == nullptr) {
+        return {};
+    }
+    switch (listener->which()) {
+    case PairListener::Error::Case::listenerStartFailed:
+        return "Is another pairing under way? `--port 0` takes a port that is free.";
+    case PairListener::Error::Case::timedOut:
+        return "No phone has come. Phone and computer must be in the same network; then pair again.";
+    case PairListener::Error::Case::readFailed:
+    case PairListener::Error::Case::decryptFailed:
+    case PairListener::Error::Case::connectionFailed:
+        return "Whoever connected was not a phone that has scanned this code. Nothing was recorded; pair again.";
+    case PairListener::Error::Case::alreadyRunning:
+    case PairListener::Error::Case::cancelled:
+        return {};
+    }
+    return {};
+}
+
+/// What a phone has said, and what both screens show for it.
+struct Introduced {
+    PeerRecord phone;
+    std::string confirmationCode;
+    std::string remoteEndpoint;
+};
+
+class PairCommand final : public Command {
+public:
+    explicit PairCommand(CLI::App& program)
+        : Command(program.add_subcommand("pair", "Show a QR code and pair the phone that scans it.")) {
+        addPort("--port", port_, 0,
+                "The TCP port to wait on, 0 to 65535; 0: any free one. The phone keeps it for sending files later.")
+            ->capture_default_str();
+        addSeconds("--timeout", timeout_, "How long to wait for a phone; 0: until one comes.");
+        addText("--interface", interface_, "NAME",
+                "The network interface whose address the code names. Default: the first that is up and has one.");
+        addText("--png", picture_, "FILE", "Also write the code as a picture. It holds the secret of this pairing.");
+        parser().add_flag("--no-advertise", quietly_,
+                          "Do not announce the pairing on the network; the phone must then scan the code.");
+        parser().add_flag("--yes", yes_, "Do not ask whether the phone shows the same confirmation code.");
+        addJsonFlag("Print events as JSON, one object a line.");
+        addQuietFlag("No countdown and no messages but failures.");
+    }
+
+    int run(Host& host) override {
+        try {
+            return pair(host);
+        } catch (const Interrupted& interrupted) {
+            host.output.failure(interrupted.description(), "Nothing was recorded.");
+            throw;
+        } catch (const std::exception& error) {
+            host.output.failure(describe(error), hintForPairing(error));
+            return 1;
+        }
+    }
+
+private:
+    int pair(Host& host) {
+        const platform::PrivateKey ownKey = host.staticKey();
+        Introduced introduced = awaitPhone(host, ownKey.publicKey());
+        Json fields;
+        fields["confirmation_code"] = introduced.confirmationCode;
+        fields["remote_endpoint"] = introduced.remoteEndpoint;
+        fields["peer_hostname"] = introduced.phone.peer_hostname;
+        host.output.event("introduction", std::move(fields));
+        const std::string name = madeVisible(introduced.phone.peer_hostname);
+        host.output.result(name + " (" + introduced.remoteEndpoint + ") wants to be paired.");
+        host.output.result("Confirmation code: " + introduced.confirmationCode);
+        if (!yes_ && !asksForYes("Does " + name + " show the same code?", false)) {
+            throw HostError("the codes were not confirmed; nothing was recorded",
+                            "If they differ, somebody else answered: pair again on a network that you trust.");
+        }
+        recordPaired(host, std::move(introduced.phone));
+        return 0;
+    }
+
+    /// Pair mode. When it ends, by whatever way, the port is closed, the announcement withdrawn and the secret wiped.
+    Introduced awaitPhone(Host& host, const platform::PublicKey& ownKey) {
+        const DeviceInfo device = thisDevice(host);
+        std::unique_ptr<platform::Listener> port = openPort(host);
+        const PairingPayload payload = PairingPayload::mint(ownKey, device, port->port());
+        const std::string code = PairCode::generate();
+        const SecretBytes secret = payload.secret();
+        PairListener listener(host.system, secret, port->port(), duration(), std::move(port));
+        PairAdvertiser advertiser(host.system, payload, code, host.tasks.executor());
+
+        show(host, payload, code);
+        Countdown countdown(host, duration());
+        if (!quietly_) {
+            advertiser.start([&host, &countdown](const std::string& reason) {
+                countdown.giveWay();
+                host.output.message("not announced on the network (" + reason + "); scanning the code works");
+            });
+        }
+        const PairListener::Result result = host.tasks.run(listener.awaitIntroduction());
+        PeerRecord phone = PairIntroduction::decode(result.phoneIntroductionPlaintext, ownKey);
+        const auto phoneKey = platform::PublicKey::fromBase64(phone.peer_pubkey);
+        return {.phone = std::move(phone),
+                .confirmationCode = PairCrypto::confirmationCode(secret.reveal(), ownKey, phoneKey.value(),
+                                                                 result.phoneIntroductionPlaintext),
+                .remoteEndpoint = result.remoteEndpoint};
+    }
+
+    [[nodiscard]] double duration() const noexcept { return timeout_ > 0 ? timeout_ : double{maxSeconds}; }
+
+    [[nodiscard]] DeviceInfo thisDevice(const Host& host) const {
+        if (interface_.empty()) {
+            return DeviceInfo::current(host.system.interfaces);
+        }
+        try {
+            return DeviceInfo::current(host.system.interfaces, interface_);
+        } catch (const DeviceInfoError& error) {
+            if (error.which() == DeviceInfoError::Case::noActiveInterface) {
+                throw HostError("there is no interface '" + interface_ + "' that is up and has an IPv4 address",
+                                "`ip -brief address` lists the interfaces.");
+            }
+            throw;
+        }
+    }
+
+    /// Before the code is shown, so that it names a port that is really ours.
+    std::unique_ptr<platform::Listener> openPort(Host& host) const {
+        try {
+            return host.system.network.listen({.port = port_, .keepAlive = std::nullopt}, host.tasks.executor());
+        } catch (const platform::SystemError& error) {
+            throw PairListener::Error::listenerStartFailed(describe(error));
+        }
+    }
+
+    void show(Host& host, const PairingPayload& payload, const std::string& code) const {
+        if (!picture_.empty()) {
+            QRRenderer::writePNG(host.system.files, payload, picture_, pictureScale);
+        }
+        if (host.output.isJson()) {
+            Json fields; // the one place where the secret is put out as text: whoever asks for JSON shows the code
+            fields["payload"] = parseJson(payload.jsonData().reveal());
+            fields["code"] = code;
+            host.output.event("payload", std::move(fields));
+        } else {
+            showCode(host, payload);
+        }
+        host.output.result("Scan the code with the phone, or enter these four digits there: " + code);
+    }
+
+    static void showCode(Host& host, const PairingPayload& payload) {
+        const std::string text = QRRenderer::renderASCII(payload);
+        host.output.result(styledQr(text, qrStyleForStandardOutput()));
+        if (isTerminal(STDOUT_FILENO) && qrColumns(text) > columnsOfTerminal(STDOUT_FILENO)) {
+            host.output.message("The window is too narrow for the code, which takes " +
+                                std::to_string(qrColumns(text)) + " columns; `--png FILE` writes a picture of it.");
+        }
+    }
+
+    std::uint16_t port_ = defaultPort;
+    double timeout_ = 120;
+    std::string interface_;
+    std::string picture_;
+    bool quietly_ = false;
+    bool yes_ = false;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makePairCommand(CLI::App& program) {
+    return std::make_unique<PairCommand>(program);
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,76 @@
+#include "orlinth/PayloadSource.h"
+
+#include "OrlinthCore/Pairing/QRRenderer.h"
+#include "orlinth/TextSource.h"
+#include "platform/SystemError.h"
+#include "platform/WholeFile.h"
+
+namespace orlinth::host {
+
+namespace {
+
+constexpr std::int64_t largestPayload = 64 << 10;
+constexpr std::int64_t largestPicture = 64 << 20;
+constexpr std::size_t pieceBytes = 64 << 10;
+
+/// Memory that held a secret and is wiped when it goes, whatever happens meanwhile.
+template <typename Memory>
+class Wiped {
+public:
+    explicit Wiped(Memory memory) : memory_(std::move(memory)) {}
+    ~Wiped() { wipe(std::as_writable_bytes(std::span(memory_.data(), memory_.size()))); }
+    Wiped(const Wiped&) = delete;
+    Wiped& operator=(const Wiped&) = delete;
+    [[nodiscard]] const Memory& get() const noexcept { return memory_; }
+
+private:
+    Memory memory_;
+};
+
+/// All of a file, or of a pipe, if it is no larger than that.
+Bytes readAtMost(platform::FileSystem& files, const platform::Path& path, std::int64_t largest, const char* what) {
+    Bytes content;
+    try {
+        const std::unique_ptr<platform::File> file = files.open(path, platform::OpenMode::read);
+        Bytes piece(pieceBytes);
+        while (const std::size_t count = file->read(piece)) {
+            content.insert(content.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(count));
+            if (content.size() > static_cast<std::size_t>(largest)) {
+                throw HostError(path.string() + " is too large for " + what);
+            }
+        }
+        wipe(piece);
+    } catch (const platform::SystemError& error) {
+        throw HostError(path.string() + ": " + describe(error));
+    }
+    return content;
+}
+
+platform::RasterImage readPicture(Host& host, const std::string& file) {
+    const Wiped content(readAtMost(host.system.files, file, largestPicture, "a picture of a code"));
+    try {
+        return platform::decodePng(content.get());
+    } catch (const platform::ImagingError& error) {
+        throw HostError(file + ": " + describe(error), "The picture must be a PNG file.");
+    }
+}
+
+} // namespace
+
+PairingPayload payloadFromFile(Host& host, const std::string& file) {
+    if (file == "-") {
+        const Wiped text(textFromStandardInput());
+        return PairingPayload::decode(asBytes(text.get()));
+    }
+    const Wiped content(readAtMost(host.system.files, file, largestPayload, "a pairing payload"));
+    return PairingPayload::decode(content.get());
+}
+
+PairingPayload payloadFromPicture(Host& host, const std::string& file) {
+    platform::RasterImage picture = readPicture(host, file);
+    const Wiped text(QRRenderer::decode(picture));
+    wipe(picture.pixels);
+    return PairingPayload::decode(asBytes(text.get()));
+}
+
+} // namespace orlinth::host

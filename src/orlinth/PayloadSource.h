@@ -1,0 +1,17 @@
+#pragma once
+
+#include "OrlinthCore/Pairing/PairingPayload.h"
+#include "orlinth/Host.h"
+
+#include <string>
+
+/// From where `join` takes the computer's payload.
+namespace orlinth::host {
+
+/// From a JSON file; "-" is standard input. @throws HostError, PairingError
+[[nodiscard]] PairingPayload payloadFromFile(Host& host, const std::string& file);
+
+/// From a picture (PNG) of the code. @throws HostError, QRRenderer::Error, PairingError
+[[nodiscard]] PairingPayload payloadFromPicture(Host& host, const std::string& file);
+
+} // namespace orlinth::host

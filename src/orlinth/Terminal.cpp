@@ -1,0 +1,53 @@
+#include "orlinth/Terminal.h"
+
+#include "orlinth/HumanText.h"
+#include "orlinth/Output.h"
+
+#include <cstdlib>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace orlinth::host {
+
+bool isTerminal(int descriptor) {
+    return isatty(descriptor) == 1;
+}
+
+bool canRedraw(int descriptor) {
+    const char* terminal = std::getenv("TERM");
+    const std::string_view name = terminal == nullptr ? "" : terminal;
+    return isTerminal(descriptor) && !name.empty() && name != "dumb";
+}
+
+bool wantsColour() {
+    const char* refused = std::getenv("NO_COLOR");
+    return refused == nullptr || *refused == '\0';
+}
+
+std::size_t columnsOfTerminal(int descriptor) {
+    winsize size{};
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg): the system's own interface
+    const bool known = ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? size.ws_col : 80;
+}
+
+StatusLine::StatusLine(bool enabled) : enabled_(enabled && canRedraw(STDERR_FILENO)) {}
+
+StatusLine::~StatusLine() {
+    clear();
+}
+
+void StatusLine::show(std::string_view text) {
+    if (enabled_) {
+        shown_ = true;
+        writeToStandardError("\r" + fitted(text, columnsOfTerminal(STDERR_FILENO) - 1) + "\033[K");
+    }
+}
+
+void StatusLine::clear() noexcept {
+    if (std::exchange(shown_, false)) {
+        writeToStandardError("\r\033[K");
+    }
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "platform/Task.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orlinth::platform {
+
+/// One service of DNS-SD (RFC 6763): what is published, and what is found.
+struct ServiceRecord {
+    std::string name;       ///< instance name, UTF-8
+    std::string type;       ///< "_orlinth-pair._tcp."; with or without the dot at its end
+    std::string domain;     ///< "local."; likewise
+    std::uint16_t port = 0; ///< where the service listens
+    /// Keys and values of the TXT record in their order; a pair may take 254 bytes with the "=" between (RFC 6763
+    /// §6.1).
+    std::vector<std::pair<std::string, std::string>> txt;
+
+    bool operator==(const ServiceRecord&) const = default;
+};
+
+/// A service that is announced for as long as this lives. Destroying it withdraws it, and nothing is called any more.
+class ServicePublication {
+public:
+    virtual ~ServicePublication() = default;
+};
+
+/// The system's DNS-SD service.
+class ServiceDiscovery {
+public:
+    virtual ~ServiceDiscovery() = default;
+
+    /// Begins to announce the service, under exactly its name. Returns at once and never throws for the network's or
+    /// the DNS-SD service's sake: whenever announcing fails (the DNS-SD service is missing or goes away, the name is
+    /// taken), `onFailure` is called with the reason, on `executor`. A DNS-SD service that comes (back) later is used.
+    /// A taken name is given up.
+    [[nodiscard]] virtual std::unique_ptr<ServicePublication>
+    publish(ServiceRecord service, Executor executor, std::function<void(const std::string&)> onFailure) = 0;
+
+    /// Looks for services of a type for `seconds` and returns what was there, each once, even if it is seen on several
+    /// networks. @throws SystemError if there is no DNS-SD service; Cancelled
+    [[nodiscard]] virtual Task<std::vector<ServiceRecord>> find(std::string type, double seconds) = 0;
+};
+
+} // namespace orlinth::platform

@@ -1,0 +1,251 @@
+#include "platform/linux/AvahiAnnouncement.h"
+
+#include "base/SecretBytes.h"
+
+#include <asio/post.hpp>
+#include <avahi-common/error.h>
+#include <avahi-common/malloc.h>
+#include <avahi-common/strlst.h>
+#include <avahi-common/timeval.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace orlinth::platform {
+namespace {
+
+constexpr unsigned retryMilliseconds = 1000;
+constexpr std::size_t maxTxtString = 255; // RFC 6763 §6.1; Avahi would cut a longer one short without a word
+
+struct StringListFree {
+    void operator()(AvahiStringList* list) const noexcept { avahi_string_list_free(list); }
+};
+using StringList = std::unique_ptr<AvahiStringList, StringListFree>;
+
+std::string withoutDot(std::string name) {
+    if (name.ends_with('.')) {
+        name.pop_back();
+    }
+    return name;
+}
+
+/// Whether another attempt would fail in the same way, because it is this service that Avahi does not want.
+bool isFinal(int error) {
+    switch (error) {
+    case AVAHI_ERR_COLLISION:
+    case AVAHI_ERR_INVALID_DOMAIN_NAME:
+    case AVAHI_ERR_INVALID_RECORD:
+    case AVAHI_ERR_INVALID_SERVICE_NAME:
+    case AVAHI_ERR_INVALID_SERVICE_TYPE:
+    case AVAHI_ERR_INVALID_PORT:
+    case AVAHI_ERR_INVALID_ARGUMENT:
+    case AVAHI_ERR_NOT_PERMITTED:
+    case AVAHI_ERR_ACCESS_DENIED:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+/// The way from the loop's thread to the executor. Outlives the announcement while a call is on its way.
+struct AvahiAnnouncement::Teller {
+    std::mutex lock;
+    Executor executor;                                 ///< guarded by lock; empty when silent
+    std::function<void(const std::string&)> onFailure; ///< the executor only
+    std::atomic<bool> silent = false;
+};
+
+AvahiAnnouncement::AvahiAnnouncement(AvahiLoop& loop, ServiceRecord service, Executor executor,
+                                     std::function<void(const std::string&)> onFailure)
+    : AvahiJob(loop), service_(std::move(service)), teller_(std::make_shared<Teller>()) {
+    teller_->executor = std::move(executor);
+    teller_->onFailure = std::move(onFailure);
+}
+
+AvahiAnnouncement::~AvahiAnnouncement() {
+    for (auto& [key, value] : service_.txt) {
+        wipe(std::as_writable_bytes(std::span(value))); // there may be a secret among them
+    }
+}
+
+void AvahiAnnouncement::fallSilent() noexcept {
+    teller_->silent = true;
+    const std::lock_guard guard(teller_->lock);
+    teller_->executor = Executor();
+}
+
+void AvahiAnnouncement::begin() {
+    open();
+}
+
+void AvahiAnnouncement::end() noexcept {
+    close();
+    if (closing_ != nullptr) {
+        poll()->timeout_free(closing_);
+        closing_ = nullptr;
+    }
+}
+
+void AvahiAnnouncement::open() noexcept {
+    failing_ = false;
+    int error = AVAHI_ERR_FAILURE;
+    client_ = avahi_client_new(
+        poll(), AVAHI_CLIENT_NO_FAIL,
+        [](AvahiClient* client, AvahiClientState state, void* self) noexcept {
+            static_cast<AvahiAnnouncement*>(self)->clientChanged(client, state);
+        },
+        this, &error);
+    if (client_ == nullptr) {
+        group_ = nullptr; // it went with the client, should there have been one
+        forgetSocket();
+        failed(error);
+    }
+}
+
+void AvahiAnnouncement::close() noexcept {
+    if (client_ != nullptr) {
+        avahi_client_free(client_); // and its group
+    }
+    client_ = nullptr;
+    group_ = nullptr;
+    forgetSocket();
+}
+
+void AvahiAnnouncement::clientChanged(AvahiClient* client, AvahiClientState state) noexcept {
+    if (failing_ || isInterrupted()) {
+        return;
+    }
+    switch (state) {
+    case AVAHI_CLIENT_S_RUNNING:
+        announce(client);
+        break;
+    case AVAHI_CLIENT_S_REGISTERING:
+    case AVAHI_CLIENT_S_COLLISION:
+        // the host's own name is changing; it runs again afterwards
+        if (group_ != nullptr) {
+            avahi_entry_group_reset(group_);
+        }
+        break;
+    case AVAHI_CLIENT_CONNECTING:
+        tellOnce(AVAHI_ERR_NO_DAEMON); // the library waits for it
+        break;
+    case AVAHI_CLIENT_FAILURE:
+        failed(avahi_client_errno(client));
+        break;
+    }
+}
+
+void AvahiAnnouncement::announce(AvahiClient* client) noexcept {
+    if (group_ == nullptr) {
+        group_ = avahi_entry_group_new(
+            client,
+            [](AvahiEntryGroup* group, AvahiEntryGroupState state, void* self) noexcept {
+                static_cast<AvahiAnnouncement*>(self)->groupChanged(group, state);
+            },
+            this);
+    }
+    int error = group_ == nullptr ? avahi_client_errno(client) : avahi_entry_group_reset(group_);
+    if (error == AVAHI_OK) {
+        error = addService();
+    }
+    if (error == AVAHI_OK) {
+        error = avahi_entry_group_commit(group_);
+    }
+    if (error != AVAHI_OK) {
+        failed(error);
+    }
+}
+
+int AvahiAnnouncement::addService() noexcept {
+    StringList txt;
+    for (const auto& [key, value] : service_.txt) {
+        std::string pair = key;
+        pair.append("=").append(value);
+        if (pair.size() > maxTxtString) {
+            return AVAHI_ERR_INVALID_RECORD;
+        }
+        // A list grows at its head, and is published from its end: what is added last comes last.
+        AvahiStringList* longer =
+            avahi_string_list_add_arbitrary(txt.get(), reinterpret_cast<const std::uint8_t*>(pair.data()), pair.size());
+        wipe(std::as_writable_bytes(std::span(pair)));
+        if (longer == nullptr) {
+            return AVAHI_ERR_NO_MEMORY;
+        }
+        static_cast<void>(txt.release());
+        txt.reset(longer);
+    }
+    return avahi_entry_group_add_service_strlst(group_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, {}, service_.name.c_str(),
+                                                withoutDot(service_.type).c_str(), withoutDot(service_.domain).c_str(),
+                                                nullptr, service_.port, txt.get());
+}
+
+void AvahiAnnouncement::groupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state) noexcept {
+    if (failing_ || isInterrupted()) {
+        return;
+    }
+    switch (state) {
+    case AVAHI_ENTRY_GROUP_ESTABLISHED:
+        told_ = false; // what fails from now on is news
+        break;
+    case AVAHI_ENTRY_GROUP_COLLISION:
+        failed(AVAHI_ERR_COLLISION);
+        break;
+    case AVAHI_ENTRY_GROUP_FAILURE:
+        failed(avahi_client_errno(avahi_entry_group_get_client(group)));
+        break;
+    case AVAHI_ENTRY_GROUP_UNCOMMITED:
+    case AVAHI_ENTRY_GROUP_REGISTERING:
+        break;
+    }
+}
+
+void AvahiAnnouncement::failed(int error) noexcept {
+    if (failing_ || isInterrupted()) {
+        return;
+    }
+    failing_ = true;
+    opensAgain_ = !isFinal(error);
+    if (opensAgain_) {
+        tellOnce(error);
+    } else {
+        tell(error);
+    }
+    timeval when{};
+    avahi_elapse_time(&when, opensAgain_ ? retryMilliseconds : 0, 0);
+    if (closing_ != nullptr) {
+        poll()->timeout_update(closing_, &when);
+        return;
+    }
+    closing_ = poll()->timeout_new(
+        poll(), &when,
+        [](AvahiTimeout*, void* self) noexcept {
+            auto& announcement = *static_cast<AvahiAnnouncement*>(self);
+            announcement.close();
+            if (announcement.opensAgain_) {
+                announcement.open();
+            }
+        },
+        this);
+}
+
+void AvahiAnnouncement::tellOnce(int error) noexcept {
+    if (!told_) {
+        tell(error);
+    }
+}
+
+void AvahiAnnouncement::tell(int error) noexcept {
+    told_ = true;
+    const std::lock_guard guard(teller_->lock);
+    if (teller_->executor) {
+        asio::post(teller_->executor, [teller = teller_, reason = std::string(avahi_strerror(error))] {
+            if (!teller->silent) {
+                teller->onFailure(reason);
+            }
+        });
+    }
+}
+
+} // namespace orlinth::platform

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <avahi-common/watch.h>
+
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+struct AvahiSimplePoll;
+
+namespace orlinth::platform {
+
+class AvahiLoop;
+
+/// What talks to the Avahi daemon through one client of its own. Everything of Avahi's that it has lives between
+/// begin() and end(), on the loop's thread.
+class AvahiJob {
+public:
+    explicit AvahiJob(AvahiLoop& loop);
+    AvahiJob(const AvahiJob&) = delete;
+    AvahiJob& operator=(const AvahiJob&) = delete;
+    virtual ~AvahiJob();
+
+protected:
+    friend class AvahiLoop;
+
+    /// On the loop's thread, first of all.
+    virtual void begin() = 0;
+    /// On the loop's thread, last of all: frees what is Avahi's. Called even if begin() was not.
+    virtual void end() noexcept = 0;
+
+    /// What the job gives to avahi_client_new().
+    [[nodiscard]] const AvahiPoll* poll() const noexcept { return &poll_; }
+    /// To be called whenever the client has been freed.
+    void forgetSocket() noexcept;
+    /// Whether interrupt() was called.
+    [[nodiscard]] bool isInterrupted() const;
+
+private:
+    /// Cuts the client off from the bus for good: a call that waits for the daemon returns, with an error. Any thread.
+    void interrupt() noexcept;
+    /// Takes over everything that does not make a watch or an alarm.
+    void usePoll(const AvahiPoll& inner) noexcept;
+    void noteSocket(int socket) noexcept;
+
+    AvahiLoop& loop_;
+    AvahiPoll poll_{}; ///< the loop's, but for the socket's being noted
+    mutable std::mutex lock_;
+    int socket_ = -1;          ///< ours, for the client's connection to the bus; guarded by lock_
+    bool interrupted_ = false; ///< guarded by lock_
+};
+
+/// The one thread on which all calls of Avahi's client library are made.
+///
+/// A thread, because nearly all of those calls wait for the daemon's answer, for up to 25 seconds each where the
+/// daemon hangs: on the program's event loop they would hold up everything else. Avahi's simple poll loop is used
+/// rather than its threaded one, whose lock a caller would have to wait for during such a call. As all of it happens
+/// on the one thread, the library needs no locks at all. Jobs that are removed while they wait are cut off from the
+/// bus, so that nobody ever waits for the daemon, not even the destructor.
+///
+/// Threading: any thread, but for what is said to be for the loop's own. The thread starts with the first job.
+class AvahiLoop {
+public:
+    AvahiLoop();
+    ~AvahiLoop(); ///< Ends all jobs and the thread.
+    AvahiLoop(const AvahiLoop&) = delete;
+    AvahiLoop& operator=(const AvahiLoop&) = delete;
+
+    /// Begins the job, and keeps it. @throws SystemError, std::system_error where there can be no thread
+    void add(std::shared_ptr<AvahiJob> job);
+    /// Ends the job soon. Does not wait.
+    void remove(const std::shared_ptr<AvahiJob>& job) noexcept;
+
+    /// For what a job asks of the loop itself. The loop's thread only.
+    [[nodiscard]] const AvahiPoll* poll() const noexcept;
+
+private:
+    void start();
+    void wake() const noexcept;
+    void run();
+    [[nodiscard]] bool doWhatIsAsked();
+
+    std::mutex lock_;
+    // guarded by lock_
+    std::vector<std::shared_ptr<AvahiJob>> toBegin_;
+    std::vector<std::shared_ptr<AvahiJob>> jobs_; ///< all that were added and not removed
+    std::vector<std::shared_ptr<AvahiJob>> toEnd_;
+    bool stopping_ = false;
+
+    int wakeEvent_ = -1;
+    std::unique_ptr<AvahiSimplePoll, void (*)(AvahiSimplePoll*)> simplePoll_;
+    std::thread thread_;
+};
+
+} // namespace orlinth::platform

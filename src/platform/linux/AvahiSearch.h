@@ -1,0 +1,57 @@
+#pragma once
+
+#include "platform/ServiceDiscovery.h"
+#include "platform/linux/AvahiLoop.h"
+
+#include <avahi-client/client.h>
+#include <avahi-client/lookup.h>
+
+#include <map>
+#include <optional>
+#include <tuple>
+
+namespace orlinth::platform {
+
+/// One search for services of a type.
+class AvahiSearch final : public AvahiJob {
+public:
+    /// `onFailure` is called once at most, on the loop's thread or where the search ends.
+    AvahiSearch(AvahiLoop& loop, std::string type, std::function<void()> onFailure);
+
+    /// What is there now, each once. Any thread.
+    [[nodiscard]] std::vector<ServiceRecord> found() const;
+    /// Why there is nothing to be found, in Avahi's words. Any thread.
+    [[nodiscard]] std::optional<std::string> failure() const;
+    /// From now on nothing is called. Any thread.
+    void fallSilent() noexcept;
+
+private:
+    /// Interface, protocol, and the service's name, type and domain.
+    using Sighting = std::tuple<AvahiIfIndex, AvahiProtocol, std::string, std::string, std::string>;
+    /// One sighting's resolving, at an address that stays.
+    struct Resolving {
+        AvahiSearch* search = nullptr;
+        Sighting sighting;
+        AvahiServiceResolver* resolver = nullptr;
+    };
+
+    void begin() override;
+    void end() noexcept override;
+
+    void appeared(AvahiClient* client, Sighting sighting) noexcept;
+    void disappeared(const Sighting& sighting) noexcept;
+    void resolved(const Sighting& sighting, std::uint16_t port, const AvahiStringList* txt) noexcept;
+    void failed(int error) noexcept;
+
+    const std::string type_;
+    // the loop's thread only
+    AvahiClient* client_ = nullptr;
+    std::map<Sighting, std::unique_ptr<Resolving>> resolvings_;
+
+    mutable std::mutex lock_;
+    std::function<void()> onFailure_;           ///< guarded by lock_
+    std::optional<std::string> failure_;        ///< guarded by lock_
+    std::map<Sighting, ServiceRecord> records_; ///< guarded by lock_
+};
+
+} // namespace orlinth::platform

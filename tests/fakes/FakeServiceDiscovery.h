@@ -1,0 +1,65 @@
+#pragma once
+
+#include "platform/Clock.h"
+#include "platform/ServiceDiscovery.h"
+#include "platform/SystemError.h"
+
+#include <asio/post.hpp>
+
+#include <algorithm>
+#include <optional>
+
+namespace orlinth::fakes {
+
+/// DNS-SD within one process: what is published is what is found, and what a test adds.
+class FakeServiceDiscovery : public platform::ServiceDiscovery {
+public:
+    explicit FakeServiceDiscovery(platform::Clock& clock) : clock_(clock) {}
+
+    [[nodiscard]] std::unique_ptr<platform::ServicePublication>
+    publish(platform::ServiceRecord service, Executor executor,
+            std::function<void(const std::string&)> onFailure) override {
+        auto publication = std::make_unique<Publication>(*this, std::move(service));
+        if (failure) {
+            asio::post(executor, [alive = std::weak_ptr(publication->alive), onFailure, why = *failure] {
+                if (alive.lock()) {
+                    onFailure(why);
+                }
+            });
+        } else {
+            services.push_back(publication->service);
+        }
+        return publication;
+    }
+
+    [[nodiscard]] Task<std::vector<platform::ServiceRecord>> find(std::string type, double seconds) override {
+        if (failure) {
+            throw platform::SystemError(*failure);
+        }
+        co_await clock_.sleep(seconds);
+        std::vector<platform::ServiceRecord> found;
+        std::copy_if(services.begin(), services.end(), std::back_inserter(found),
+                     [&type](const auto& service) { return service.type == type; });
+        co_return found;
+    }
+
+    std::vector<platform::ServiceRecord> services; ///< announced now
+    std::optional<std::string> failure;            ///< every call fails with this reason, if set
+
+private:
+    struct Publication : platform::ServicePublication {
+        Publication(FakeServiceDiscovery& discovery, platform::ServiceRecord record)
+            : owner(discovery), service(std::move(record)) {}
+        ~Publication() override { std::erase(owner.services, service); }
+        Publication(const Publication&) = delete;
+        Publication& operator=(const Publication&) = delete;
+
+        FakeServiceDiscovery& owner;
+        platform::ServiceRecord service;
+        std::shared_ptr<int> alive = std::make_shared<int>();
+    };
+
+    platform::Clock& clock_;
+};
+
+} // namespace orlinth::fakes
