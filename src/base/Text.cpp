@@ -116,6 +116,19 @@ std::string trimmed(std::string_view text) {
     return std::string(text.substr(begin, end - begin));
 }
 
+bool hasControlCharacter(std::string_view text) noexcept {
+    unsigned char before = 0;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool isC1 = before == 0xC2 && byte >= 0x80 && byte <= 0x9F; // U+0080 to U+009F as UTF-8
+        if (byte < 0x20 || byte == 0x7F || isC1) {
+            return true;
+        }
+        before = byte;
+    }
+    return false;
+}
+
 std::string firstCharacters(std::string_view text, std::size_t count) {
     std::string result;
     std::string_view rest = text;

@@ -18,6 +18,9 @@ namespace orlinth {
 /// Without Unicode white space and line ends (categories Z*, and U+0009 to U+000D, U+0085) at both ends.
 [[nodiscard]] std::string trimmed(std::string_view text);
 
+/// Whether a UTF-8 text has a control character: C0, DEL or C1.
+[[nodiscard]] bool hasControlCharacter(std::string_view text) noexcept;
+
 /// At most `count` characters as a reader counts them (extended grapheme clusters, UAX #29).
 [[nodiscard]] std::string firstCharacters(std::string_view text, std::size_t count);
 

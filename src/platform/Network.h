@@ -73,6 +73,9 @@ public:
     [[nodiscard]] virtual std::unique_ptr<Listener> listen(const ListenOptions& options, Executor executor) = 0;
     /// A serial queue: what runs on it runs one at a time. `label` names it for diagnostics.
     [[nodiscard]] virtual Executor makeSerialQueue(const char* label) = 0;
+    /// A serial queue of the worker threads: what blocks on a disk there holds nobody up but its own queue. Whatever
+    /// runs there must have ended before the network goes.
+    [[nodiscard]] virtual Executor makeWorkerQueue(const char* label) = 0;
 };
 
 } // namespace orlinth::platform

@@ -97,6 +97,7 @@ public:
     [[nodiscard]] std::unique_ptr<platform::Listener> listen(const platform::ListenOptions& options,
                                                              Executor executor) override;
     [[nodiscard]] Executor makeSerialQueue(const char* label) override;
+    [[nodiscard]] Executor makeWorkerQueue(const char* label) override { return makeSerialQueue(label); }
 
     /// Connections to this host neither succeed nor fail.
     void makeSilent(const std::string& host) { silent_[host] = true; }

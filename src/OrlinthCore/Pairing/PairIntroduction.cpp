@@ -18,19 +18,6 @@ using platform::PublicKey;
     throw PairIntroductionError(std::string("key \"") + key + "\": " + why);
 }
 
-/// Whether a UTF-8 text has one of C0, DEL or C1 (U+0080 to U+009F: the bytes C2 80 to C2 9F).
-bool hasControlCharacter(std::string_view text) {
-    unsigned char before = 0;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F || (before == 0xC2 && byte >= 0x80 && byte <= 0x9F)) {
-            return true;
-        }
-        before = byte;
-    }
-    return false;
-}
-
 std::string checkedText(const char* key, std::string text, std::size_t maxBytes) {
     if (text.size() > maxBytes) {
         refuse(key, "longer than " + std::to_string(maxBytes) + " bytes");

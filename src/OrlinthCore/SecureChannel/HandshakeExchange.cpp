@@ -9,9 +9,9 @@ Task<> send(WireConnection& wire, NoiseHandshake& handshake) {
     co_await wire.sendLengthPrefixed(message);
 }
 
-Task<> receive(WireConnection& wire, NoiseHandshake& handshake) {
+Task<> receive(WireConnection& wire, NoiseHandshake& handshake, std::size_t limit = NoiseHandshake::maxMessageBytes) {
     FrameBuffer message;
-    co_await wire.receiveFrame(message, NoiseHandshake::maxMessageBytes);
+    co_await wire.receiveFrame(message, limit);
     static_cast<void>(handshake.readMessage(message.body())); // whatever the payload says, nobody has asked for it
 }
 
@@ -23,10 +23,10 @@ Task<> exchangeAsInitiator(WireConnection& wire, NoiseHandshake& handshake) {
     co_await send(wire, handshake);
 }
 
-Task<> exchangeAsResponder(WireConnection& wire, NoiseHandshake& handshake) {
-    co_await receive(wire, handshake);
+Task<> exchangeAsResponder(WireConnection& wire, NoiseHandshake& handshake, std::size_t limit) {
+    co_await receive(wire, handshake, limit);
     co_await send(wire, handshake);
-    co_await receive(wire, handshake);
+    co_await receive(wire, handshake, limit);
 }
 
 } // namespace orlinth

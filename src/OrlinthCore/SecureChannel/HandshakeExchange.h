@@ -14,6 +14,8 @@ inline constexpr std::string_view kOrlinthPrologue = "Orlinth_v1";
 /// Both references must outlive the call, which the caller awaits where it makes it.
 /// @throws WireConnection::Error, NoiseError, platform::CryptoError as they come; the caller wraps them and closes.
 [[nodiscard]] Task<> exchangeAsInitiator(WireConnection& wire, NoiseHandshake& handshake);
-[[nodiscard]] Task<> exchangeAsResponder(WireConnection& wire, NoiseHandshake& handshake);
+/// As responder: `limit` is the largest message taken from somebody who has proved nothing yet.
+[[nodiscard]] Task<> exchangeAsResponder(WireConnection& wire, NoiseHandshake& handshake,
+                                         std::size_t limit = NoiseHandshake::maxMessageBytes);
 
 } // namespace orlinth

@@ -452,4 +452,8 @@ Executor LinuxNetwork::makeSerialQueue(const char* /*label*/) {
     return asio::make_strand(context_);
 }
 
+Executor LinuxNetwork::makeWorkerQueue(const char* /*label*/) {
+    return workers_.makeSerialQueue();
+}
+
 } // namespace orlinth::platform

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Network.h"
+#include "platform/linux/WorkerThreads.h"
 
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
@@ -18,6 +19,7 @@ public:
                                                         Executor executor) override;
     [[nodiscard]] std::unique_ptr<Listener> listen(const ListenOptions& options, Executor executor) override;
     [[nodiscard]] Executor makeSerialQueue(const char* label) override;
+    [[nodiscard]] Executor makeWorkerQueue(const char* label) override;
 
     /// Whether a name is being resolved, also where nobody waits for it any more.
     [[nodiscard]] bool isResolving() const noexcept { return resolving_->load() != 0; }
@@ -26,6 +28,7 @@ private:
     [[nodiscard]] Task<std::vector<asio::ip::tcp::endpoint>> endpointsOf(std::string host, std::uint16_t port);
 
     asio::io_context& context_;
+    WorkerThreads workers_;
     std::shared_ptr<std::atomic<int>> resolving_; ///< shared with resolutions, which may outlive everything but Asio
 };
 

@@ -1,0 +1,404 @@
+#include "OrlinthCore/Receiving/Receiver.h"
+
+#include "OrlinthCore/Receiving/ReceiverConnection.h"
+#include "platform/Cancelled.h"
+#include "platform/Spawn.h"
+#include "platform/SystemError.h"
+
+#include <asio/cancellation_signal.hpp>
+#include <asio/dispatch.hpp>
+#include <asio/post.hpp>
+#include <asio/this_coro.hpp>
+
+#include <algorithm>
+#include <list>
+#include <map>
+#include <mutex>
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// A dead phone is noticed after 25 seconds, also while we only wait for it.
+constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
+
+/// How long accepting rests when the system has run out of something.
+constexpr double restSeconds = 0.1;
+
+/// How often somebody who waits for the port, or for the last connection, looks again.
+constexpr double lookSeconds = 0.01;
+
+constexpr const char* logSubsystem = "com.tarvinex.orlinth";
+constexpr const char* logCategory = "receiver";
+
+/// What passes by itself, when others have given something back.
+bool isShortage(const std::error_code& code) {
+    return code == std::errc::too_many_files_open || code == std::errc::too_many_files_open_in_system ||
+           code == std::errc::no_buffer_space || code == std::errc::not_enough_memory;
+}
+
+/// One connection as the service keeps it.
+struct Session {
+    Session(std::uint64_t number, Executor worker, std::string endpoint)
+        : identity(number), queue(std::move(worker)), remoteEndpoint(std::move(endpoint)) {}
+
+    std::uint64_t identity;
+    Executor queue; ///< its own
+    std::string remoteEndpoint;
+    asio::cancellation_signal stop; ///< on its queue
+    /// Why it was ended from here; on its queue.
+    std::optional<std::string> endedBecause;
+    std::string from; ///< display name of the phone; on its queue
+};
+
+using SessionRef = std::shared_ptr<Session>;
+
+/// Ends a session, soon after. Any thread.
+void end(const SessionRef& session, std::string because) {
+    asio::post(session->queue, [session, because = std::move(because)] {
+        if (!session->endedBecause) {
+            session->endedBecause = because;
+            session->stop.emit(asio::cancellation_type::terminal);
+        }
+    });
+}
+
+} // namespace
+
+/// The running service. What has no other word is touched on `queue` only.
+struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
+    Service(platform::System& owner, const platform::PrivateKey& key, std::vector<platform::PublicKey> expectedKeys,
+            platform::Path directory, std::uint16_t number, std::string prologueBytes)
+        : system(owner),
+          staticKey(key),
+          downloadsDir(std::move(directory)),
+          port(number),
+          prologue(std::move(prologueBytes)),
+          queue(owner.network.makeSerialQueue("orlinth.receiver")),
+          expected(std::move(expectedKeys)) {}
+
+    platform::System& system;
+    const platform::PrivateKey& staticKey;
+    const platform::Path downloadsDir;
+    std::uint16_t port; ///< once it listens, the real one
+    const std::string prologue;
+    const Executor queue;
+
+    mutable std::mutex keysLock; ///< guards the next two
+    std::vector<platform::PublicKey> expected;
+    std::vector<platform::PublicKey> removed;
+
+    Callbacks callbacks;
+    std::function<Task<bool>(Offer)> approve;
+    std::function<void()> refreshKeys;
+
+    std::unique_ptr<platform::Listener> listener;
+    bool isStopping = false;
+    bool isAside = false;
+    bool isAccepting = false; ///< the listener is in use, and may be closed but not replaced
+    std::uint64_t lastIdentity = 0;
+    std::map<std::uint64_t, SessionRef> sessions;
+    std::list<std::uint64_t> strangers; ///< sessions without a proved key, the oldest first
+
+    void open();
+    [[nodiscard]] static Task<> serve(std::shared_ptr<Service> self);
+    [[nodiscard]] static Task<> acceptAll(std::shared_ptr<Service> self);
+    [[nodiscard]] static Task<> endAll(std::shared_ptr<Service> self);
+    [[nodiscard]] static Task<> closePort(std::shared_ptr<Service> self);
+    [[nodiscard]] static Task<> openPort(std::shared_ptr<Service> self);
+    void admit(std::unique_ptr<platform::Stream> stream);
+    void makeRoom();
+    [[nodiscard]] static Task<> process(std::shared_ptr<Service> self, SessionRef session,
+                                        std::unique_ptr<platform::Stream> stream);
+    [[nodiscard]] ReceiverConnectionContext contextFor(const SessionRef& session);
+    [[nodiscard]] ReceiverConnectionContext::Standing standingOf(const platform::PublicKey& key) const;
+    void finish(const SessionRef& session, std::optional<ProcessOutcome> outcome, std::exception_ptr error);
+    void tell(const ProcessOutcome& outcome) const;
+    void tellFailure(const Failure& failure) const;
+};
+
+void Receiver::Service::open() {
+    if (port == 0) {
+        throw Error::listenerStartFailed("invalid port " + std::to_string(port));
+    }
+    try {
+        listener = system.network.listen({.port = port, .keepAlive = keepAlive}, queue);
+    } catch (const orlinth::Error& error) {
+        throw Error::listenerStartFailed(error.description());
+    }
+}
+
+Task<> Receiver::Service::serve(std::shared_ptr<Service> self) {
+    if (!self->listener) {
+        self->open();
+    }
+    self->port = self->listener->port();
+    if (self->callbacks.onListening) {
+        self->callbacks.onListening(self->port);
+    }
+    std::exception_ptr failure;
+    try {
+        co_await acceptAll(self);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    co_await endAll(self);
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    self->system.log.write(platform::LogLevel::info, logSubsystem, logCategory, "listener AsyncStream completed");
+}
+
+/// Until stop(). A connection is only handed on here, so that the next one never waits for it.
+Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
+    while (!self->isStopping) {
+        if (self->isAside) {
+            co_await self->system.clock.sleep(lookSeconds);
+            continue;
+        }
+        std::exception_ptr failure;
+        bool isShort = false;
+        self->isAccepting = true;
+        try {
+            const Executor worker = self->system.network.makeWorkerQueue("orlinth.receiver.connection");
+            std::unique_ptr<platform::Stream> stream = co_await self->listener->accept(worker);
+            self->admit(std::move(stream));
+        } catch (const platform::SystemError& error) {
+            isShort = isShortage(error.code());
+            if (!isShort && !self->isStopping && !self->isAside) {
+                failure = std::make_exception_ptr(Error::listenerStopped(error.description()));
+            }
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        self->isAccepting = false;
+        if (failure) {
+            std::rethrow_exception(failure);
+        }
+        if (isShort) {
+            self->makeRoom();
+            co_await self->system.clock.sleep(restSeconds);
+        }
+    }
+}
+
+/// Closes the port, ends every connection and waits until the last one is gone, whatever cancelled us meanwhile.
+Task<> Receiver::Service::endAll(std::shared_ptr<Service> self) {
+    self->isStopping = true;
+    self->listener.reset();
+    for (const auto& [identity, session] : self->sessions) {
+        end(session, "the service has ended");
+    }
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    while (!self->sessions.empty()) {
+        co_await self->system.clock.sleep(lookSeconds);
+    }
+}
+
+Task<> Receiver::Service::closePort(std::shared_ptr<Service> self) {
+    self->isAside = true;
+    if (self->listener) {
+        self->listener->close();
+    }
+    while (self->isAccepting) {
+        co_await self->system.clock.sleep(lookSeconds);
+    }
+}
+
+Task<> Receiver::Service::openPort(std::shared_ptr<Service> self) {
+    if (self->isAside && !self->isStopping && !self->isAccepting) {
+        self->open();
+        self->isAside = false;
+    }
+    co_return;
+}
+
+void Receiver::Service::admit(std::unique_ptr<platform::Stream> stream) {
+    if (strangers.size() >= maxStrangers) {
+        makeRoom();
+    }
+    const auto session = std::make_shared<Session>(++lastIdentity, stream->executor(), stream->remoteEndpoint());
+    sessions.emplace(session->identity, session);
+    strangers.push_back(session->identity);
+    platform::spawn(session->queue, process(shared_from_this(), session, std::move(stream)), session->stop.slot(),
+                    [](const std::exception_ptr& error) {
+                        if (error) {
+                            std::rethrow_exception(error); // process() lets nothing escape but what nobody can handle
+                        }
+                    });
+}
+
+/// Ends the oldest of those who have not yet proved who they are.
+void Receiver::Service::makeRoom() {
+    if (!strangers.empty()) {
+        end(sessions.at(strangers.front()), "too many connections of strangers");
+        strangers.pop_front();
+    }
+}
+
+Task<> Receiver::Service::process(std::shared_ptr<Service> self, SessionRef session,
+                                  std::unique_ptr<platform::Stream> stream) {
+    const ReceiverConnectionContext context = self->contextFor(session);
+    std::optional<ProcessOutcome> outcome;
+    std::exception_ptr error;
+    try {
+        outcome = co_await processConnection(context, std::move(stream), [weak = std::weak_ptr(session)] {
+            if (const SessionRef displaced = weak.lock()) {
+                end(displaced, "taken over by a newer connection");
+            }
+        });
+    } catch (...) {
+        error = std::current_exception();
+    }
+    if (error && session->endedBecause) {
+        error = std::make_exception_ptr(ReceiveError::wire(*session->endedBecause));
+    }
+    asio::post(self->queue, [self, session, outcome = std::move(outcome), error]() mutable {
+        self->finish(session, std::move(outcome), error);
+    });
+}
+
+ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& session) {
+    const std::shared_ptr<Service> self = shared_from_this();
+    return {
+        .system = system,
+        .staticKey = staticKey,
+        .downloadsDir = downloadsDir,
+        .prologue = prologue,
+        .standingOf = [self](const platform::PublicKey& key) { return self->standingOf(key); },
+        .approveOffer = [self](Offer offer) { return platform::runOn(self->queue, self->approve(std::move(offer))); },
+        .onAuthenticated =
+            [self, session](const std::optional<PeerRecord>& record) {
+                session->from = record ? record->peer_hostname : unknownPeer;
+                asio::post(self->queue, [self, session, record] {
+                    self->strangers.remove(session->identity);
+                    if (record && self->callbacks.onAuthenticated) {
+                        self->callbacks.onAuthenticated(*record);
+                    }
+                });
+            },
+        .onTrouble =
+            [self, session](std::exception_ptr error) {
+                const Failure failure{.error = std::move(error),
+                                      .remoteEndpoint = session->remoteEndpoint,
+                                      .from = session->from.empty() ? unknownPeer : session->from};
+                asio::post(self->queue, [self, failure] { self->tellFailure(failure); });
+            }};
+}
+
+ReceiverConnectionContext::Standing Receiver::Service::standingOf(const platform::PublicKey& key) const {
+    using Standing = ReceiverConnectionContext::Standing;
+    if (refreshKeys) {
+        refreshKeys();
+    }
+    const std::lock_guard guard(keysLock);
+    const auto has = [&key](const std::vector<platform::PublicKey>& keys) {
+        return std::find(keys.begin(), keys.end(), key) != keys.end(); // keys that a stranger proved are public
+    };
+    if (has(removed)) {
+        return Standing::removed;
+    }
+    return has(expected) ? Standing::expected : Standing::unknown;
+}
+
+void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessOutcome> outcome,
+                               std::exception_ptr error) {
+    sessions.erase(session->identity);
+    strangers.remove(session->identity);
+    if (outcome) {
+        tell(*outcome);
+    } else if (!isStopping) {
+        tellFailure({.error = std::move(error), .remoteEndpoint = session->remoteEndpoint, .from = session->from});
+    }
+}
+
+void Receiver::Service::tell(const ProcessOutcome& outcome) const {
+    if (const auto* file = std::get_if<File>(&outcome)) {
+        if (callbacks.onTransfer) {
+            callbacks.onTransfer(*file);
+        }
+    } else if (const auto* clipboard = std::get_if<Clipboard>(&outcome)) {
+        if (callbacks.onClipboard) {
+            callbacks.onClipboard(*clipboard);
+        }
+    } else if (callbacks.onSync) {
+        callbacks.onSync(outcome);
+    }
+}
+
+void Receiver::Service::tellFailure(const Failure& failure) const {
+    if (callbacks.onError) {
+        callbacks.onError(failure);
+    }
+}
+
+Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey,
+                   std::vector<platform::PublicKey> expectedPeerPubkeys, platform::Path downloadsDir,
+                   std::uint16_t port, std::string prologue)
+    : service_(std::make_shared<Service>(system, staticKey, std::move(expectedPeerPubkeys), std::move(downloadsDir),
+                                         port, std::move(prologue))) {}
+
+Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey,
+                   platform::PublicKey expectedPeerPubkey, platform::Path downloadsDir, std::uint16_t port,
+                   std::string prologue)
+    : Receiver(system, staticKey, std::vector{expectedPeerPubkey}, std::move(downloadsDir), port, std::move(prologue)) {
+}
+
+Receiver::~Receiver() = default;
+
+void Receiver::setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys) {
+    const std::lock_guard guard(service_->keysLock);
+    service_->expected = std::move(keys);
+}
+
+void Receiver::setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys) {
+    const std::lock_guard guard(service_->keysLock);
+    service_->removed = std::move(keys);
+}
+
+std::vector<platform::PublicKey> Receiver::removedPeerPubkeys() const {
+    const std::lock_guard guard(service_->keysLock);
+    return service_->removed;
+}
+
+namespace {
+
+Task<bool> approveEverything(Receiver::Offer) {
+    co_return true;
+}
+
+} // namespace
+
+Task<> Receiver::run(Callbacks callbacks) {
+    service_->callbacks = std::move(callbacks);
+    service_->approve = approveOffer ? approveOffer : approveEverything;
+    service_->refreshKeys = beforeAuthorising;
+    service_->listener = std::move(listener);
+    return platform::runOn(service_->queue, Service::serve(service_));
+}
+
+void Receiver::stop() {
+    asio::dispatch(service_->queue, [service = service_] {
+        service->isStopping = true;
+        if (service->listener) {
+            service->listener->close();
+        }
+    });
+}
+
+Task<> Receiver::stepAside() {
+    return platform::runOn(service_->queue, Service::closePort(service_));
+}
+
+Task<> Receiver::comeBack() {
+    return platform::runOn(service_->queue, Service::openPort(service_));
+}
+
+Receiver::Error Receiver::Error::listenerStartFailed(const std::string& text) {
+    return {Case::listenerStartFailed, "listener start failed: " + text};
+}
+Receiver::Error Receiver::Error::listenerStopped(const std::string& text) {
+    return {Case::listenerStopped, "listener stopped: " + text};
+}
+
+} // namespace orlinth

@@ -1,0 +1,151 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "OrlinthCore/Receiving/IncomingFile.h"
+#include "OrlinthCore/Receiving/ReceiveError.h"
+#include "OrlinthCore/SecureChannel/HandshakeExchange.h"
+#include "OrlinthCore/Sending/ActiveTransfers.h"
+#include "platform/System.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace orlinth {
+
+/// The receive service: listens on one port and serves every paired phone that connects, side by side.
+///
+/// Threading: run() is awaited on any executor and does its accepting, and every callback, on a serial queue of its
+/// own, "orlinth.receiver"; each connection has a queue of its own on the worker threads. The setters and stop() may
+/// be called from any thread. The object outlives run().
+class Receiver {
+public:
+    class Error;
+
+    /// What a name is called whose phone has no record.
+    static constexpr const char* unknownPeer = "(unknown peer)";
+    /// Seconds that any single read may take before the connection is given up.
+    static constexpr double idleTimeout = 60;
+    /// Connections that have not yet proved a paired key; when one more comes, the oldest of them is closed.
+    static constexpr std::size_t maxStrangers = 512;
+    /// Largest handshake message taken, so that a stranger costs little memory. Ours have at most 96 bytes.
+    static constexpr std::size_t maxHandshakeFrame = 4096;
+
+    /// How one connection ended well. `from` is the display name of the sender.
+    struct File {
+        ReceivedFile file;
+        std::string from;
+    };
+    struct Clipboard {
+        std::string text;
+        std::string mime;
+        std::string from;
+    };
+    struct SetName {
+        std::string name;
+        std::string from; ///< as it was called before
+    };
+    struct NameUpdate {
+        std::string name;
+        std::string from;
+    };
+    struct Unpair {
+        std::string from;
+        std::string peerPubkey; ///< Base64; its record is gone already
+    };
+    /// A phone that was removed here has connected and was told so.
+    struct UnpairReplied {
+        std::string peerPubkey;
+        std::string remoteEndpoint;
+    };
+    /// An offer was refused here, or the phone has sent a refusal.
+    struct Declined {
+        std::string from;
+        std::string name; ///< of the refused file; "" for a refusal by the phone
+    };
+    using ProcessOutcome = std::variant<File, Clipboard, SetName, NameUpdate, Unpair, UnpairReplied, Declined>;
+
+    /// How one connection failed.
+    struct Failure {
+        std::exception_ptr error;
+        std::string remoteEndpoint;
+        std::string from; ///< the phone's display name; "" if no paired key was proved
+    };
+
+    struct Offer {
+        std::string name; ///< as the sender says; not to be trusted as a path
+        std::int64_t size;
+        std::string from;
+    };
+
+    /// What happens, told on the receiver's queue. Every one may be empty. None may throw.
+    struct Callbacks {
+        std::function<void(std::uint16_t port)> onListening;
+        std::function<void(const File&)> onTransfer;
+        std::function<void(const Clipboard&)> onClipboard;
+        std::function<void(const ProcessOutcome&)> onSync; ///< the other outcomes
+        std::function<void(const Failure&)> onError;
+        /// A paired phone has proved its key, before any of its frames is read.
+        std::function<void(const PeerRecord&)> onAuthenticated;
+    };
+
+    /// `expectedPeerPubkeys` are the phones that may connect. What is referred to outlives the receiver.
+    Receiver(platform::System& system, const platform::PrivateKey& staticKey,
+             std::vector<platform::PublicKey> expectedPeerPubkeys, platform::Path downloadsDir, std::uint16_t port,
+             std::string prologue = std::string(kOrlinthPrologue));
+    Receiver(platform::System& system, const platform::PrivateKey& staticKey, platform::PublicKey expectedPeerPubkey,
+             platform::Path downloadsDir, std::uint16_t port, std::string prologue = std::string(kOrlinthPrologue));
+    ~Receiver();
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+
+    /// Asked for each offer, on the receiver's queue; absent: every offer is taken. Set before run().
+    std::function<Task<bool>(Offer offer)> approveOffer;
+    /// A port that is open already is used first, in place of opening `port`. Set before run().
+    std::unique_ptr<platform::Listener> listener;
+    /// Called on the connection's queue before a proved key is looked up, for a host whose lists live in files; may
+    /// call the setters below. Must be safe to call from several threads at once. Set before run().
+    std::function<void()> beforeAuthorising;
+
+    /// From the next connection on.
+    void setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys);
+    void setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys);
+    [[nodiscard]] std::vector<platform::PublicKey> removedPeerPubkeys() const;
+
+    /// Runs the service until stop(). Once. On return every connection has ended, its partial file kept for a resume.
+    /// Cancelling the task ends the service in the same way, with Cancelled.
+    /// @throws Error
+    [[nodiscard]] Task<> run(Callbacks callbacks);
+    /// Ends run(), soon after. Nothing if it does not run.
+    void stop();
+
+    /// Closes the port and leaves the connections that are there; returns once it is closed. For somebody who needs the
+    /// port for a moment.
+    [[nodiscard]] Task<> stepAside();
+    /// Opens the port again, once stepAside() has returned. @throws Error::listenerStartFailed; it may be called again
+    /// then
+    [[nodiscard]] Task<> comeBack();
+
+private:
+    struct Service;
+    std::shared_ptr<Service> service_;
+};
+
+/// What Receiver throws.
+class Receiver::Error : public orlinth::Error {
+public:
+    enum class Case { listenerStartFailed, listenerStopped };
+
+    [[nodiscard]] static Error listenerStartFailed(const std::string& text);
+    [[nodiscard]] static Error listenerStopped(const std::string& text);
+
+    [[nodiscard]] Case which() const noexcept { return case_; }
+
+private:
+    Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
+    Case case_;
+};
+
+} // namespace orlinth

@@ -1,0 +1,240 @@
+#include "OrlinthCore/Receiving/ReceiverConnection.h"
+
+#include "OrlinthCore/Receiving/SenderRecord.h"
+#include "platform/Cancelled.h"
+
+#include <optional>
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// How long a phone gets to read our last word before the connection is closed in any case.
+constexpr double farewellSeconds = 5;
+
+/// "192.168.1.7:40112" without the port, "[fe80::1%eth0]:40112" without it and the brackets.
+std::string addressOf(const std::string& endpoint) {
+    const std::string address = endpoint.substr(0, endpoint.rfind(':'));
+    const bool isBracketed = address.size() > 2 && address.front() == '[' && address.back() == ']';
+    return isBracketed ? address.substr(1, address.size() - 2) : address;
+}
+
+Task<NoiseTransport> shakeHands(WireConnection& wire, const ReceiverConnectionContext& context) {
+    NoiseHandshake handshake(NoiseRole::responder, context.staticKey.clone(), asBytes(context.prologue));
+    try {
+        co_await exchangeAsResponder(wire, handshake, Receiver::maxHandshakeFrame);
+        co_return std::move(handshake).finalize();
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        throw ReceiveError::noiseHandshakeFailed(describe(error));
+    }
+}
+
+/// One transfer of this connection in the registry; given back when it goes, which must be after the file is closed.
+class TransferClaim {
+public:
+    TransferClaim(ActiveTransfers& transfers, std::string key, TransferConnectionRef self)
+        : transfers_(transfers), key_(std::move(key)), self_(std::move(self)) {}
+    ~TransferClaim() { transfers_.finish(key_, self_); }
+    TransferClaim(const TransferClaim&) = delete;
+    TransferClaim& operator=(const TransferClaim&) = delete;
+
+    /// Takes the transfer over from whoever has it, and waits until nobody else touches it. @throws ReceiveError
+    [[nodiscard]] Task<> take(platform::Clock& clock) {
+        const ActiveTransfers::Takeover takeover = transfers_.takeOver(key_, self_);
+        if (takeover.isRefused) {
+            throw ReceiveError::protocolViolation("transfer is active from another phone");
+        }
+        if (takeover.displaced) {
+            takeover.displaced->cancel();
+        }
+        co_await waitUntilDrained(transfers_, clock, key_, self_);
+    }
+
+private:
+    ActiveTransfers& transfers_;
+    std::string key_;
+    TransferConnectionRef self_;
+};
+
+/// The frames of one authenticated phone, up to the one that ends the connection.
+class Conversation {
+public:
+    Conversation(const ReceiverConnectionContext& context, WireConnection& wire, NoiseTransport transport,
+                 std::function<void()> cancelSelf)
+        : context_(context),
+          wire_(wire),
+          framer_(std::move(transport)),
+          sender_(context.system, framer_.session().remoteStaticPublicKey()),
+          self_(std::make_shared<const TransferConnection>(framer_.session().remoteStaticPublicKey().base64(),
+                                                           std::move(cancelSelf))) {}
+
+    [[nodiscard]] Task<Receiver::ProcessOutcome> run() {
+        FrameBuffer buffer;
+        for (;;) {
+            co_await wire_.receiveFrame(buffer);
+            const FrameView frame = framer_.decodeInPlace(buffer.body());
+            if (const auto* data = std::get_if<MutableBytes>(&frame)) {
+                append(*data);
+                continue;
+            }
+            std::optional<Receiver::ProcessOutcome> outcome = co_await take(std::get<TransportMessage>(frame));
+            if (outcome) {
+                co_return std::move(*outcome);
+            }
+        }
+    }
+
+    /// Sends one last message and closes once the phone has read it.
+    [[nodiscard]] Task<> sayFarewell(TransportMessage message) {
+        const Bytes body = framer_.encodeJSON(message);
+        co_await wire_.sendLengthPrefixed(body);
+        static_cast<void>(co_await wire_.closeAfterFarewell(farewellSeconds)); // whatever it does, it was told
+    }
+
+private:
+    using Row = TransportMessage;
+
+    void append(ByteView data) {
+        if (!file_) {
+            throw ReceiveError::protocolViolation("binary frame before FileOffer");
+        }
+        file_->append(data);
+    }
+
+    /// The outcome that the message comes to; nothing if the conversation goes on.
+    [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> take(const TransportMessage& message) {
+        if (const auto* offer = message.as<Row::FileOffer>()) {
+            co_return co_await takeOffer(*offer);
+        }
+        if (const auto* update = message.as<Row::TokenUpdate>()) {
+            changeRecord([&] { sender_.setFcmToken(update->peer_fcm_token); });
+            co_return std::nullopt;
+        }
+        co_return end(message);
+    }
+
+    [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> takeOffer(Row::FileOffer offer) {
+        if (file_) {
+            throw ReceiveError::protocolViolation("duplicate FileOffer");
+        }
+        const std::string from = sender_.displayName();
+        const bool isWanted = co_await context_.approveOffer({.name = offer.name, .size = offer.size, .from = from});
+        if (!isWanted) {
+            co_await sayFarewell(Row::decline());
+            co_return Receiver::Declined{.from = from, .name = offer.name};
+        }
+        claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
+        co_await claim_->take(context_.system.clock);
+        file_.emplace(IncomingFile::begin(context_.system, context_.downloadsDir, offer));
+        const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
+        co_await wire_.sendLengthPrefixed(resume);
+        co_return std::nullopt;
+    }
+
+    [[nodiscard]] Receiver::ProcessOutcome end(const TransportMessage& message) {
+        using Tag = TransportMessage::Tag;
+        switch (message.tag()) {
+        case Tag::Done:
+            return finishFile();
+        case Tag::Clipboard: {
+            const auto* clip = message.as<Row::Clipboard>();
+            return Receiver::Clipboard{.text = clip->text, .mime = clip->mime, .from = sender_.displayName()};
+        }
+        case Tag::SetName:
+            return rename<Receiver::SetName>(message.as<Row::SetName>()->name);
+        case Tag::NameUpdate:
+            return rename<Receiver::NameUpdate>(message.as<Row::NameUpdate>()->name);
+        case Tag::Unpair: {
+            Receiver::Unpair outcome{.from = sender_.displayName(), .peerPubkey = self_->peerPubkey()};
+            sender_.remove();
+            return outcome;
+        }
+        case Tag::Decline:
+            return Receiver::Declined{.from = sender_.displayName(), .name = {}};
+        case Tag::FileOffer:
+        case Tag::TokenUpdate:
+        case Tag::Resume:
+            break;
+        }
+        throw ReceiveError::protocolViolation("unexpected " + describeFrame(message) + " from sender");
+    }
+
+    [[nodiscard]] Receiver::ProcessOutcome finishFile() {
+        if (!file_) {
+            throw ReceiveError::protocolViolation("Done received without FileOffer");
+        }
+        ReceivedFile received = file_->finish(wire_.remoteEndpoint());
+        file_.reset();
+        claim_.reset();
+        return Receiver::File{.file = std::move(received), .from = sender_.displayName()};
+    }
+
+    template <typename Outcome>
+    [[nodiscard]] Receiver::ProcessOutcome rename(const std::string& name) {
+        Outcome outcome{.name = name, .from = sender_.displayName()};
+        changeRecord([&] { sender_.setHostname(name); });
+        return outcome;
+    }
+
+    /// A record that cannot be changed is told of, and costs nobody the file that comes next.
+    template <typename Change>
+    void changeRecord(Change change) {
+        try {
+            change();
+        } catch (const PeerStoreError&) {
+            context_.onTrouble(std::current_exception());
+        }
+    }
+
+    const ReceiverConnectionContext& context_;
+    WireConnection& wire_;
+    TransportFramer framer_;
+    SenderRecord sender_;
+    TransferConnectionRef self_;
+    std::optional<TransferClaim> claim_;
+    std::optional<IncomingFile> file_; // behind the claim, so that it is closed before that is given back
+};
+
+/// Tells of the phone that has come, and keeps its address up to date.
+void welcome(const ReceiverConnectionContext& context, const platform::PublicKey& key, const std::string& endpoint) {
+    SenderRecord sender(context.system, key);
+    std::optional<PeerRecord> record;
+    try {
+        sender.setAddress(addressOf(endpoint));
+        record = sender.find();
+    } catch (const PeerStoreError&) {
+        context.onTrouble(std::current_exception());
+    }
+    context.onAuthenticated(record);
+}
+
+} // namespace
+
+Task<Receiver::ProcessOutcome> processConnection(const ReceiverConnectionContext& context,
+                                                 std::unique_ptr<platform::Stream> stream,
+                                                 std::function<void()> cancelSelf) {
+    using Standing = ReceiverConnectionContext::Standing;
+    const std::string endpoint = stream->remoteEndpoint();
+    WireConnection wire(std::move(stream), context.system.clock);
+    wire.idleTimeout = Receiver::idleTimeout;
+    NoiseTransport transport = co_await shakeHands(wire, context);
+    const platform::PublicKey key = transport.remoteStaticPublicKey();
+    const Standing standing = context.standingOf(key);
+    if (standing == Standing::unknown) {
+        throw ReceiveError::unauthorizedPeer();
+    }
+    if (standing == Standing::expected) {
+        welcome(context, key, endpoint);
+    }
+    Conversation conversation(context, wire, std::move(transport), std::move(cancelSelf));
+    if (standing == Standing::removed) {
+        co_await conversation.sayFarewell(TransportMessage::unpair());
+        co_return Receiver::UnpairReplied{.peerPubkey = key.base64(), .remoteEndpoint = endpoint};
+    }
+    co_return co_await conversation.run();
+}
+
+} // namespace orlinth

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "OrlinthCore/Receiving/Receiver.h"
+
+namespace orlinth {
+
+/// What one connection of the receive service works with; all of it outlives the connection.
+struct ReceiverConnectionContext {
+    platform::System& system;
+    const platform::PrivateKey& staticKey;
+    const platform::Path& downloadsDir;
+    const std::string& prologue;
+    /// What becomes of whoever has proved this key.
+    enum class Standing { unknown, expected, removed };
+    /// May be called on several threads at once, like all that follow.
+    std::function<Standing(const platform::PublicKey&)> standingOf;
+    std::function<Task<bool>(Receiver::Offer)> approveOffer;
+    /// The phone has proved its key; its record, if it has one.
+    std::function<void(const std::optional<PeerRecord>&)> onAuthenticated;
+    /// Something went wrong that does not end the connection.
+    std::function<void(std::exception_ptr)> onTrouble;
+};
+
+/// Serves one connection from the handshake to its outcome, as the registry's `self`. On the stream's queue.
+/// Cancelling the task closes the connection; what has arrived of a file is kept for a resume, in every case.
+/// @throws ReceiveError; WireConnection::Error, TransportFramer::Error as they come in the frame loop; Cancelled
+[[nodiscard]] Task<Receiver::ProcessOutcome> processConnection(const ReceiverConnectionContext& context,
+                                                               std::unique_ptr<platform::Stream> stream,
+                                                               std::function<void()> cancelSelf);
+
+} // namespace orlinth

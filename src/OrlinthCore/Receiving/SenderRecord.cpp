@@ -1,0 +1,90 @@
+#include "OrlinthCore/Receiving/SenderRecord.h"
+
+#include "OrlinthCore/Receiving/Receiver.h"
+#include "base/Text.h"
+#include "platform/IpAddress.h"
+
+#include <algorithm>
+
+namespace orlinth {
+namespace {
+
+bool isUsableName(const std::string& name) {
+    return name.size() <= SenderRecord::maxNameBytes && !trimmed(name).empty() && !hasControlCharacter(name);
+}
+
+bool isLoopback(const std::string& address) {
+    return address == "::1" || address.starts_with("127.");
+}
+
+bool mayReplace(const std::string& recorded, const std::string& seen) {
+    const bool isHostName = !platform::parseIpAddress(recorded);
+    const bool isTunnel = isLoopback(seen) && !isLoopback(recorded);
+    return platform::parseIpAddress(seen) && !isHostName && !isTunnel;
+}
+
+} // namespace
+
+SenderRecord::SenderRecord(platform::System& system, const platform::PublicKey& key)
+    : system_(system), pubkey_(key.base64()) {}
+
+std::optional<PeerRecord> SenderRecord::find() const {
+    const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
+    const auto at = std::find_if(book.peers.begin(), book.peers.end(),
+                                 [this](const PeerRecord& record) { return record.peer_pubkey == pubkey_; });
+    return at == book.peers.end() ? std::nullopt : std::optional(*at);
+}
+
+std::string SenderRecord::displayName() const noexcept {
+    try {
+        const std::optional<PeerRecord> record = find();
+        return record ? record->peer_hostname : Receiver::unknownPeer;
+    } catch (const std::exception&) {
+        return Receiver::unknownPeer; // it is for show; who needs the record hears of the failure
+    }
+}
+
+void SenderRecord::change(const std::function<bool(PeerRecord&)>& change) {
+    PeerStore(system_.files, system_.directories).update([this, &change](PeerBook& book) {
+        const auto at = std::find_if(book.peers.begin(), book.peers.end(),
+                                     [this](const PeerRecord& record) { return record.peer_pubkey == pubkey_; });
+        return at != book.peers.end() && change(*at);
+    });
+}
+
+void SenderRecord::setFcmToken(const std::string& token) {
+    change([&token](PeerRecord& record) {
+        const bool differs = record.peer_fcm_token != token;
+        record.peer_fcm_token = token;
+        return differs;
+    });
+}
+
+void SenderRecord::setHostname(const std::string& name) {
+    if (!isUsableName(name)) {
+        return;
+    }
+    change([&name](PeerRecord& record) {
+        const bool differs = record.peer_hostname != name;
+        record.peer_hostname = name;
+        return differs;
+    });
+}
+
+void SenderRecord::setAddress(const std::string& address) {
+    change([&address](PeerRecord& record) {
+        if (record.peer_ip == address || !mayReplace(record.peer_ip, address)) {
+            return false;
+        }
+        record.peer_ip = address;
+        return true;
+    });
+}
+
+void SenderRecord::remove() {
+    static_cast<void>(PeerStore(system_.files, system_.directories).removeFirst([this](const PeerRecord& record) {
+        return record.peer_pubkey == pubkey_;
+    }));
+}
+
+} // namespace orlinth

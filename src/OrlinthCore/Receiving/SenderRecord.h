@@ -1,0 +1,42 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "platform/Crypto.h"
+#include "platform/System.h"
+
+#include <optional>
+#include <string>
+
+namespace orlinth {
+
+/// What the peer store says of a phone that has proved its key, and the changes that a phone may make there. The file
+/// is read afresh in every call; a change holds its lock from reading to writing. Calls block on the disk.
+class SenderRecord {
+public:
+    /// Longest name taken over into a record, bytes of UTF-8.
+    static constexpr std::size_t maxNameBytes = 255;
+
+    SenderRecord(platform::System& system, const platform::PublicKey& key);
+
+    /// Nothing if there is none. @throws PeerStoreError
+    [[nodiscard]] std::optional<PeerRecord> find() const;
+    /// The host name; "(unknown peer)" if there is no record or the store cannot be read.
+    [[nodiscard]] std::string displayName() const noexcept;
+
+    /// Each changes the record, if there is one and it differs. @throws PeerStoreError
+    void setFcmToken(const std::string& token);
+    /// Not taken over: a name that is blank, too long or has control characters.
+    void setHostname(const std::string& name);
+    /// `address` is where the phone has connected from. Not taken over: loopback in place of something else (a tunnel
+    /// ends there), and anything in place of a host name, which somebody has chosen by hand.
+    void setAddress(const std::string& address);
+    void remove();
+
+private:
+    void change(const std::function<bool(PeerRecord&)>& change);
+
+    platform::System& system_;
+    std::string pubkey_;
+};
+
+} // namespace orlinth

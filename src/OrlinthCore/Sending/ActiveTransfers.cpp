@@ -1,0 +1,109 @@
+#include "OrlinthCore/Sending/ActiveTransfers.h"
+
+#include <algorithm>
+#include <atomic>
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// How often a waiting connection looks again. Short against a round trip through a phone's radio.
+constexpr double secondsBetweenLooks = 0.01;
+
+std::uint64_t nextIdentity() noexcept {
+    static std::atomic<std::uint64_t> last = 0; // never used twice, where an object's address would be
+    return ++last;
+}
+
+bool isSame(const TransferConnectionRef& one, const TransferConnectionRef& other) noexcept {
+    return one->identity() == other->identity();
+}
+
+} // namespace
+
+TransferConnection::TransferConnection(std::string peerPubkey, std::function<void()> cancel)
+    : identity_(nextIdentity()), peerPubkey_(std::move(peerPubkey)), cancel_(std::move(cancel)) {}
+
+ActiveTransfers& ActiveTransfers::shared() {
+    static ActiveTransfers transfers;
+    return transfers;
+}
+
+TransferConnectionRef ActiveTransfers::claim(const std::string& key, const TransferConnectionRef& connection) {
+    const std::lock_guard guard(lock_);
+    TransferConnectionRef before = std::exchange(owners_[key], connection);
+    return before && !isSame(before, connection) ? before : nullptr;
+}
+
+void ActiveTransfers::release(const std::string& key, const TransferConnectionRef& connection) {
+    const std::lock_guard guard(lock_);
+    releaseLocked(key, connection);
+}
+
+void ActiveTransfers::releaseLocked(const std::string& key, const TransferConnectionRef& connection) {
+    const auto owner = owners_.find(key);
+    if (owner != owners_.end() && isSame(owner->second, connection)) {
+        owners_.erase(owner);
+    }
+}
+
+bool ActiveTransfers::isReleased(const TransferConnectionRef& connection) const {
+    const std::lock_guard guard(lock_);
+    const bool ownsNothing = std::none_of(owners_.begin(), owners_.end(),
+                                          [&](const auto& entry) { return isSame(entry.second, connection); });
+    return ownsNothing && !draining_.contains(connection->identity());
+}
+
+ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, const TransferConnectionRef& connection) {
+    const std::lock_guard guard(lock_);
+    const auto isForeign = [&](const TransferConnectionRef& other) {
+        return other->peerPubkey() != connection->peerPubkey();
+    };
+    const auto owner = owners_.find(key);
+    const bool isOwnedElsewhere = owner != owners_.end() && isForeign(owner->second);
+    const bool drainsElsewhere = std::any_of(draining_.begin(), draining_.end(), [&](const auto& entry) {
+        return entry.second.key == key && isForeign(entry.second.connection);
+    });
+    if (isOwnedElsewhere || drainsElsewhere) {
+        return {.isRefused = true, .displaced = nullptr};
+    }
+    TransferConnectionRef before = std::exchange(owners_[key], connection);
+    if (!before || isSame(before, connection)) {
+        return {};
+    }
+    draining_.emplace(before->identity(), Draining{.key = key, .connection = before});
+    return {.isRefused = false, .displaced = std::move(before)};
+}
+
+bool ActiveTransfers::mayProceed(const std::string& key, const TransferConnectionRef& connection) const {
+    const std::lock_guard guard(lock_);
+    const auto owner = owners_.find(key);
+    const bool isOwner = owner != owners_.end() && isSame(owner->second, connection);
+    return isOwner && std::none_of(draining_.begin(), draining_.end(),
+                                   [&key](const auto& entry) { return entry.second.key == key; });
+}
+
+void ActiveTransfers::finish(const std::string& key, const TransferConnectionRef& connection) {
+    const std::lock_guard guard(lock_);
+    releaseLocked(key, connection);
+    draining_.erase(connection->identity());
+}
+
+std::size_t ActiveTransfers::ownerCount() const {
+    const std::lock_guard guard(lock_);
+    return owners_.size();
+}
+
+std::size_t ActiveTransfers::drainingCount() const {
+    const std::lock_guard guard(lock_);
+    return draining_.size();
+}
+
+Task<> waitUntilDrained(const ActiveTransfers& transfers, platform::Clock& clock, std::string key,
+                        TransferConnectionRef connection) {
+    while (!transfers.mayProceed(key, connection)) {
+        co_await clock.sleep(secondsBetweenLooks);
+    }
+}
+
+} // namespace orlinth

@@ -1,0 +1,96 @@
+#pragma once
+
+#include "platform/Clock.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace orlinth {
+
+/// One connection as the registry knows it: an identity that no other connection has had or will have, whose phone it
+/// is, and a way to end it.
+class TransferConnection {
+public:
+    /// `peerPubkey` is the phone's key, Base64. `cancel` ends the connection soon after; it may be called on any
+    /// thread, more than once, and after the connection has ended.
+    TransferConnection(std::string peerPubkey, std::function<void()> cancel);
+
+    [[nodiscard]] std::uint64_t identity() const noexcept { return identity_; }
+    [[nodiscard]] const std::string& peerPubkey() const noexcept { return peerPubkey_; }
+    void cancel() const { cancel_(); }
+
+private:
+    std::uint64_t identity_;
+    std::string peerPubkey_;
+    std::function<void()> cancel_;
+};
+
+using TransferConnectionRef = std::shared_ptr<const TransferConnection>;
+
+/// Which connection owns a transfer, by a text key; and which ones were displaced and are still winding down.
+///
+/// A phone that reconnects takes its transfer over from the connection that it has given up, and waits until that one
+/// has finished, so that two never write the same file:
+///
+///     claim ──▶ owner ──displaced by takeOver──▶ draining ──finish──▶ gone
+///                 └───────────────finish──────────────────────────────▶ gone
+///
+/// Threading: any thread; every call is one step under a lock and never blocks for anything else.
+class ActiveTransfers {
+public:
+    ActiveTransfers() = default;
+    ActiveTransfers(const ActiveTransfers&) = delete;
+    ActiveTransfers& operator=(const ActiveTransfers&) = delete;
+
+    /// The one of this process.
+    [[nodiscard]] static ActiveTransfers& shared();
+
+    /// Makes `connection` the owner, unconditionally. Returns the owner before, if that was another one.
+    TransferConnectionRef claim(const std::string& key, const TransferConnectionRef& connection);
+    /// Takes the key back, if `connection` still owns it.
+    void release(const std::string& key, const TransferConnectionRef& connection);
+    /// Whether the connection owns nothing and is not winding down either.
+    [[nodiscard]] bool isReleased(const TransferConnectionRef& connection) const;
+
+    /// What became of takeOver().
+    struct Takeover {
+        bool isRefused = false;          ///< the transfer is another phone's; nothing has changed
+        TransferConnectionRef displaced; ///< who was the owner, now winding down; to be cancelled by the caller
+    };
+    /// claim() for a connection that will wait for its predecessors: a displaced owner enters the draining ones in the
+    /// same step, so that it cannot finish in between. Refused where the transfer is, or was until it winds down,
+    /// active under another phone's key.
+    [[nodiscard]] Takeover takeOver(const std::string& key, const TransferConnectionRef& connection);
+    /// Whether `connection` may touch what the key stands for: it is the owner, and no earlier one of this key, however
+    /// far back in a chain of takeovers, is still winding down.
+    [[nodiscard]] bool mayProceed(const std::string& key, const TransferConnectionRef& connection) const;
+    /// The last step of a connection with this key, in every case: release(), and it is no longer draining.
+    void finish(const std::string& key, const TransferConnectionRef& connection);
+
+    /// For diagnostics and tests.
+    [[nodiscard]] std::size_t ownerCount() const;
+    [[nodiscard]] std::size_t drainingCount() const;
+
+private:
+    /// A displaced connection, and of what.
+    struct Draining {
+        std::string key;
+        TransferConnectionRef connection;
+    };
+
+    void releaseLocked(const std::string& key, const TransferConnectionRef& connection);
+
+    mutable std::mutex lock_; ///< guards both
+    std::map<std::string, TransferConnectionRef> owners_;
+    std::map<std::uint64_t, Draining> draining_; ///< by identity
+};
+
+/// Waits, by looking again every few milliseconds, until `connection` may proceed with the key. @throws Cancelled
+[[nodiscard]] Task<> waitUntilDrained(const ActiveTransfers& transfers, platform::Clock& clock, std::string key,
+                                      TransferConnectionRef connection);
+
+} // namespace orlinth

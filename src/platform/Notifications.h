@@ -1,0 +1,34 @@
+#pragma once
+
+#include "platform/Task.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orlinth::platform {
+
+/// What a desktop notification says. Plain text; whoever shows it escapes it.
+struct Notification {
+    std::string title;
+    std::string body;
+    /// Buttons: a key that comes back, and the label.
+    std::vector<std::pair<std::string, std::string>> actions;
+    bool isUrgent = false;
+    double seconds = 0; ///< how long it stays; 0: as the desktop likes
+};
+
+/// Notifications of the user's desktop, where there is one. Calls return at once and never throw.
+class Notifications {
+public:
+    virtual ~Notifications() = default;
+    /// Whether there is somebody to show them. Looked up afresh, as a session may begin and end meanwhile.
+    [[nodiscard]] virtual bool isAvailable() = 0;
+    /// Shows it. `onAnswer` is called once, on `executor`, with the key of the button that was pressed, or "" when it
+    /// was closed, has expired, or could not be shown. May be empty.
+    virtual void show(Notification notification, Executor executor, std::function<void(const std::string&)> onAnswer) = 0;
+};
+
+} // namespace orlinth::platform
