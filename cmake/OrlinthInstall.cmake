@@ -27,3 +27,15 @@ install(FILES "${PROJECT_BINARY_DIR}/OrlinthConfig.cmake" "${PROJECT_BINARY_DIR}
         DESTINATION "${packageDir}")
 
 install(FILES "${PROJECT_SOURCE_DIR}/LICENSE" "${PROJECT_SOURCE_DIR}/README.md" DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+
+# User units of systemd, in the folder that is searched below any prefix of the system. The prefix is known for certain
+# only when installing.
+install(CODE "
+  cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX NORMALIZE OUTPUT_VARIABLE orlinthPrefix)
+  cmake_path(APPEND orlinthPrefix \"${CMAKE_INSTALL_BINDIR}\" \"$<TARGET_FILE_NAME:orlinth>\" OUTPUT_VARIABLE ORLINTH_PROGRAM)
+  cmake_path(APPEND orlinthPrefix \"${CMAKE_INSTALL_DOCDIR}\" README.md OUTPUT_VARIABLE ORLINTH_README)
+  configure_file(\"${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth.service.in\"
+                 \"${PROJECT_BINARY_DIR}/orlinth.service\" @ONLY)
+")
+install(FILES "${PROJECT_BINARY_DIR}/orlinth.service" "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth.socket"
+        DESTINATION lib/systemd/user)

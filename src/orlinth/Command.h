@@ -61,5 +61,6 @@ inline constexpr std::uint16_t defaultPort = 28471;
 [[nodiscard]] std::unique_ptr<Command> makeReceiveCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeClipCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeWakeCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeServeCommand(CLI::App& program);
 
 } // namespace orlinth::host

@@ -2,7 +2,9 @@
 
 #include "orlinth/TimeLimit.h"
 
+#include <functional>
 #include <string>
+#include <utility>
 
 namespace orlinth::host {
 
@@ -15,6 +17,9 @@ public:
 
     /// `runner` runs the transfer and outlives this.
     HandshakeLimit(platform::Clock& clock, TaskRunner& runner) : limit_(clock, runner) {}
+    /// For one of several transfers on `executor`: `cancel` ends it.
+    HandshakeLimit(platform::Clock& clock, const Executor& executor, std::function<void()> cancel)
+        : limit_(clock, executor, std::move(cancel)) {}
 
     void begin() { limit_.begin(seconds); }
     void end() noexcept { limit_.end(); }

@@ -1,5 +1,6 @@
 #include "orlinth/Hints.h"
 
+#include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "OrlinthCore/SecureChannel/WireConnection.h"
@@ -77,6 +78,38 @@ std::string hintForReceiving(const std::exception& error, const std::string& fro
         return "What has arrived is kept: with room and permission in the folder, receive again to go on from there.";
     default:
         return {};
+    }
+}
+
+std::string hintForServing(const std::exception& error) {
+    if (const auto* host = dynamic_cast<const HostError*>(&error)) {
+        return host->hint();
+    }
+    const auto* receiver = dynamic_cast<const Receiver::Error*>(&error);
+    if (receiver != nullptr && receiver->which() == Receiver::Error::Case::listenerStartFailed) {
+        return "Another program may have the port; `--port` takes another one, and phones have to be told.";
+    }
+    return {};
+}
+
+std::string hintForConnection(const Receiver::Failure& failure) {
+    if (failure.from.empty()) {
+        return "That was no paired phone, from " + failure.remoteEndpoint + ". Nothing was taken from it.";
+    }
+    const std::string who = "That was " + failure.from + ", from " + failure.remoteEndpoint + ".";
+    try {
+        std::rethrow_exception(failure.error);
+    } catch (const PeerStoreError&) {
+        return who + " What is recorded of it could not be read or changed.";
+    } catch (const ReceiveError& error) {
+        if (error.which() == ReceiveError::Case::fileWriteFailed) {
+            return who + " With room and permission in the folder it can send the file again.";
+        }
+        return who;
+    } catch (const WireConnection::Error&) {
+        return who + " What has arrived is kept: when it sends the file again, it goes on from there.";
+    } catch (...) {
+        return who;
     }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "OrlinthCore/Receiving/Receiver.h"
+
 #include <exception>
 #include <string>
 
@@ -9,5 +11,8 @@ namespace orlinth::host {
 /// `where` is the phone's name and address.
 [[nodiscard]] std::string hintForSending(const std::exception& error, const std::string& where);
 [[nodiscard]] std::string hintForReceiving(const std::exception& error, const std::string& from);
+/// Of the receive service as a whole, and of one of its connections: who that was comes first.
+[[nodiscard]] std::string hintForServing(const std::exception& error);
+[[nodiscard]] std::string hintForConnection(const Receiver::Failure& failure);
 
 } // namespace orlinth::host

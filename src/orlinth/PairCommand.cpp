@@ -7,6 +7,7 @@
 #include "base/Text.h"
 #include "orlinth/Command.h"
 #include "orlinth/PairingRecord.h"
+#include "orlinth/ServiceControl.h"
 #include "orlinth/Terminal.h"
 #include "orlinth/TerminalQr.h"
 #include "platform/SystemError.h"
@@ -93,9 +94,11 @@ class PairCommand final : public Command {
 public:
     explicit PairCommand(CLI::App& program)
         : Command(program.add_subcommand("pair", "Show a QR code and pair the phone that scans it.")) {
-        addPort("--port", port_, 0,
-                "The TCP port to wait on, 0 to 65535; 0: any free one. The phone keeps it for sending files later.")
-            ->capture_default_str();
+        portOption_ =
+            addPort("--port", port_, 0,
+                    "The TCP port to wait on, 0 to 65535; 0: any free one. The phone keeps it for sending files later. "
+                    "While `orlinth serve` runs, its port is the default, and the service lends it.")
+                ->capture_default_str();
         addSeconds("--timeout", timeout_, "How long to wait for a phone; 0: until one comes.");
         addText("--interface", interface_, "NAME",
                 "The network interface whose address the code names. Default: the first that is up and has one.");
@@ -142,7 +145,9 @@ private:
     /// Pair mode. When it ends, by whatever way, the port is closed, the announcement withdrawn and the secret wiped.
     Introduced awaitPhone(Host& host, const platform::PublicKey& ownKey) {
         const DeviceInfo device = thisDevice(host);
-        std::unique_ptr<platform::Listener> port = openPort(host);
+        // given back when this function ends: people may take their time with the question that follows
+        std::optional<BorrowedPort> borrowed = borrowPort(host);
+        std::unique_ptr<platform::Listener> port = borrowed ? borrowed->takeListener() : openPort(host);
         const PairingPayload payload = PairingPayload::mint(ownKey, device, port->port());
         const std::string code = PairCode::generate();
         const SecretBytes secret = payload.secret();
@@ -183,6 +188,15 @@ private:
         }
     }
 
+    /// The port of a running service, unless another one is asked for.
+    std::optional<BorrowedPort> borrowPort(Host& host) const {
+        const bool isChosen = portOption_->count() > 0 || port_ != defaultPort;
+        if (isChosen && port_ == 0) {
+            return std::nullopt;
+        }
+        return host.tasks.run(BorrowedPort::borrow(host, isChosen ? std::optional(port_) : std::nullopt));
+    }
+
     /// Before the code is shown, so that it names a port that is really ours.
     std::unique_ptr<platform::Listener> openPort(Host& host) const {
         try {
@@ -217,6 +231,7 @@ private:
     }
 
     std::uint16_t port_ = defaultPort;
+    CLI::Option* portOption_ = nullptr; ///< the parser's
     double timeout_ = 120;
     std::string interface_;
     std::string picture_;

@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/RemovedPeers.h"
 #include "orlinth/SharedPeers.h"
 #include "orlinth/Terminal.h"
 
@@ -74,8 +75,15 @@ bool asksForYes(const std::string& question, bool standardInputIsUsedUp) {
     return answer == "y" || answer == "yes";
 }
 
+void forgetRemoval(Host& host, const PeerRecord& record) {
+    if (const auto key = platform::PublicKey::fromBase64(record.peer_pubkey)) {
+        RemovedPeers(host.system.files, host.dataDirectory()).forget(*key);
+    }
+}
+
 void recordPaired(Host& host, PeerRecord record) {
     record.paired_at_epoch_ms = host.system.clock.epochMilliseconds();
+    forgetRemoval(host, record);
     const std::vector<PeerRecord> replaced = host.peers().upsertReplacingStale(record);
     updateSharedPeers(host);
     Json fields;

@@ -1,8 +1,12 @@
+#include "OrlinthCore/Sending/ClipboardSender.h"
 #include "base/Text.h"
 #include "orlinth/Command.h"
 #include "orlinth/HumanText.h"
+#include "orlinth/PairingRecord.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/RemovedPeers.h"
 #include "orlinth/SharedPeers.h"
+#include "orlinth/TimeLimit.h"
 
 #include <algorithm>
 #include <array>
@@ -13,6 +17,15 @@ namespace {
 
 /// How much of a key a person needs to tell phones apart.
 constexpr std::size_t shortKeyCharacters = 12;
+
+/// How long a phone that is removed gets to hear of it, in seconds.
+constexpr double secondsToTell = 5;
+
+/// `system` outlives the task, which is run where it is made.
+Task<bool> sendUnpair(platform::System& system, OneOffRequest request) {
+    co_await sendOneOff(system, TransportMessage::unpair(), std::move(request));
+    co_return true;
+}
 
 /// What `peers add` was told.
 struct NewPeer {
@@ -91,7 +104,7 @@ private:
     }
 
     void declareRemove() {
-        remove_ = parser().add_subcommand("remove", "Forget a phone.");
+        remove_ = parser().add_subcommand("remove", "Forget a phone, and tell it so.");
         remove_->fallthrough();
         remove_
             ->add_option("SELECTOR", selector_,
@@ -147,6 +160,7 @@ private:
         if (record.peer_pubkey == record.self_pubkey) {
             throw HostError("this is the computer's own key", "The phone's key is what `orlinth id` shows there.");
         }
+        forgetRemoval(host, record);
         const auto replaced = host.peers().upsertReplacingStale(record);
         updateSharedPeers(host);
         Json fields;
@@ -165,10 +179,13 @@ private:
     }
 
     int remove(Host& host) {
+        const platform::PrivateKey ownKey = host.staticKey();
         PeerStore peers = host.peers();
         const auto chosen = peers.resolve(selector_);
         std::optional<PeerRecord> removed;
         if (chosen) {
+            // first, so that at no time the service takes the phone for an unknown one
+            rememberRemoval(host, *chosen, ownKey.publicKey());
             removed = peers.removeFirst(
                 [&chosen](const PeerRecord& record) { return record.peer_pubkey == chosen->peer_pubkey; });
         }
@@ -181,7 +198,43 @@ private:
         fields["peer"] = publicFields(*removed);
         host.output.event("removed", std::move(fields));
         host.output.result("forgot " + madeVisible(removed->peer_hostname));
+        tellPhone(host, ownKey, *removed);
         return 0;
+    }
+
+    static void rememberRemoval(Host& host, const PeerRecord& record, const platform::PublicKey& ownKey) {
+        const auto key = platform::PublicKey::fromBase64(record.peer_pubkey);
+        if (key && *key != ownKey) {
+            RemovedPeers(host.system.files, host.dataDirectory()).add(*key);
+        }
+    }
+
+    /// Best effort: if it cannot be told now, the service tells it when it comes.
+    static void tellPhone(Host& host, const platform::PrivateKey& ownKey, const PeerRecord& record) {
+        const std::string name = record.peer_hostname;
+        TimeLimit limit(host.system.clock, host.tasks);
+        bool wasTold = false;
+        std::string reason;
+        try {
+            OneOffRequest request{.peer = checkPeer(record, ownKey.publicKey()).record,
+                                  .staticKey = ownKey,
+                                  .warmConnectTimeout = secondsToTell,
+                                  .postWakeConnectTimeout = secondsToTell,
+                                  .onSent = [&wasTold] { wasTold = true; }};
+            request.peer.peer_fcm_token.clear(); // nobody is woken for this
+            limit.begin(secondsToTell);
+            static_cast<void>(host.tasks.run(sendUnpair(host.system, std::move(request))));
+        } catch (const Interrupted&) {
+            throw;
+        } catch (const std::exception& error) {
+            reason = limit.hasExpired() ? "it did not answer" : describe(error);
+        }
+        if (wasTold) {
+            host.output.message(name + " was told.");
+        } else {
+            host.output.message(name + " could not be told now" + (reason.empty() ? "" : " (" + reason + ")") +
+                                "; it is told when it connects to `orlinth serve`.");
+        }
     }
 
     CLI::App* add_ = nullptr;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <unistd.h>
+#include <utility>
 
 namespace orlinth::host {
 
@@ -25,6 +26,10 @@ void ProgressBar::begin(std::string name, std::int64_t held, std::int64_t total)
     draw();
 }
 
+void ProgressBar::rename(std::string name) {
+    name_ = std::move(name);
+}
+
 void ProgressBar::update(std::int64_t held, std::int64_t total) {
     if (!enabled_) {
         return;
@@ -34,6 +39,9 @@ void ProgressBar::update(std::int64_t held, std::int64_t total) {
     const auto now = Clock::now();
     const double passed = std::chrono::duration<double>(now - lastDrawn_).count();
     if (passed < 1.0 / drawingsPerSecond) {
+        if (!shown_ && redrawsAtOnce_) {
+            draw();
+        }
         return;
     }
     const double rateNow = static_cast<double>(held - heldWhenLastDrawn_) / passed;

@@ -25,8 +25,15 @@ public:
 
     /// A new file of which `held` of `total` bytes are there already; `name` must be fit for a terminal.
     void begin(std::string name, std::int64_t held, std::int64_t total);
+    /// Another name for what is under way, from the next drawing on.
+    void rename(std::string name);
+    /// So many bytes more are there without having been sent now: they do not count for the rate.
+    void skip(std::int64_t bytes) noexcept { heldWhenLastDrawn_ += bytes; }
     /// Redraws, unless it did a moment ago.
     void update(std::int64_t held, std::int64_t total);
+    /// From here on the line comes back with the next update() after it was taken away, not a moment later: for when
+    /// lines are written above it all the time.
+    void stay() noexcept { redrawsAtOnce_ = true; }
     /// Takes the line away, so that something else can be written there.
     void clear() noexcept;
 
@@ -39,6 +46,7 @@ private:
     bool enabled_;
     bool coloured_;
     bool shown_ = false;
+    bool redrawsAtOnce_ = false;
     std::string name_;
     std::int64_t held_ = 0;
     std::int64_t total_ = 0;

@@ -5,6 +5,7 @@
 #include "orlinth/Hints.h"
 #include "orlinth/HumanText.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/ReceivedFields.h"
 #include "platform/SystemError.h"
 
 namespace orlinth::host {
@@ -42,28 +43,11 @@ public:
     }
 
     void tellComplete(const ReceivedFile& received) {
-        Json fields;
-        fields["saved_at"] = received.savedAt.string();
-        fields["bytes_written"] = received.bytesWritten;
-        fields["advertised_size"] = received.advertisedSize;
-        fields["mime"] = received.mime;
-        fields["resumed_from_offset"] = received.resumedFromOffset;
-        fields["bytes_received_this_session"] = received.bytesReceivedThisSession;
-        fields["duration_seconds"] = received.durationSeconds;
-        fields["remote_endpoint"] = received.remoteEndpoint;
-        output_.event("complete", std::move(fields));
-        // the folder is the user's own word and stays as it is; the name is the other side's
-        output_.result((received.savedAt.parent_path() / madeVisible(received.savedAt.filename().string())).string());
-        std::string line = "received " + humanSize(received.bytesWritten);
-        line += " in " + humanDuration(received.durationSeconds);
-        if (received.durationSeconds > 0 && received.bytesReceivedThisSession > 0) {
-            line += ", " + humanRate(static_cast<double>(received.bytesReceivedThisSession) / received.durationSeconds);
-        }
-        output_.message(line);
-        if (received.bytesWritten != received.advertisedSize) {
-            output_.message("The file has " + std::to_string(received.bytesWritten) + " bytes instead of the " +
-                            std::to_string(received.advertisedSize) +
-                            " that were announced: it changed while it was sent.");
+        output_.event("complete", receivedFields(received));
+        output_.result(visiblePath(received));
+        output_.message("received " + receivedFigures(received));
+        if (const std::string remark = remarkOnSize(received); !remark.empty()) {
+            output_.message(remark);
         }
     }
 

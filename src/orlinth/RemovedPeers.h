@@ -3,14 +3,15 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "platform/Crypto.h"
 
+#include <functional>
 #include <vector>
 
 namespace orlinth::host {
 
 /// The keys of phones that were removed here and are still to be told so when they connect, even months later.
 ///
-/// A file beside the peer store, "removed.json": `{"removed": ["…44 characters…", …]}`, the oldest first. Read afresh by
-/// every call, replaced whole under a lock by every change.
+/// A file beside the peer store, "removed.json": `{"removed": ["…44 characters…", …]}`, the oldest first. Read afresh
+/// by every call, replaced whole under a lock by every change.
 class RemovedPeers {
 public:
     static constexpr const char* fileName = "removed.json";
@@ -28,6 +29,9 @@ public:
     void forget(const platform::PublicKey& key);
 
 private:
+    /// Under the lock; written if `change` returns true.
+    void change(const std::function<bool(std::vector<platform::PublicKey>&)>& change);
+
     platform::FileSystem& files_;
     platform::Path file_;
 };

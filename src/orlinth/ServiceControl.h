@@ -3,44 +3,74 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "orlinth/Host.h"
 
+#include <asio/cancellation_signal.hpp>
+
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <optional>
 
 namespace orlinth::host {
 
 /// How other commands of the same data folder talk to the running service: a socket in that folder, one request a
-/// connection, in lines of JSON.
+/// connection, in lines of JSON of at most 4 KiB.
 ///
-/// `{"request":"lend_port"}` closes the service's port until the connection ends, however it ends, so that a borrower
-/// that crashes gives it back too. Answer: `{"port":28471}` once it is closed, or `{"error":"…"}`.
+/// `{"request":"lend_port"}` makes the service step aside until the connection ends, however it ends, so that a
+/// borrower that crashes gives the port back too. Answer: `{"port":28471}`, and behind its line end the listening
+/// socket itself (one byte with SCM_RIGHTS): a port that a service manager keeps open could not be opened by anybody
+/// else. With
+/// `"port":N` in the request only that port is wanted; of another one the answer is `{"lent":false,"port":28471}`.
+/// What goes wrong is answered by `{"error":"…"}`.
 class ServiceControl {
 public:
-    /// Everything referred to outlives run().
-    ServiceControl(Host& host, Receiver& receiver, std::uint16_t port);
-    /// Answers requests until it is cancelled. @throws platform::SystemError if the socket cannot be opened; Cancelled
-    [[nodiscard]] Task<> run();
+    /// What is referred to outlives this. All on the thread of `main`.
+    ServiceControl(Host& host, Receiver& receiver) : host_(host), receiver_(receiver) {}
+    ServiceControl(const ServiceControl&) = delete;
+    ServiceControl& operator=(const ServiceControl&) = delete;
+
+    /// Answers requests from now on. Once, when the receiver listens on this port. A service whose socket cannot be
+    /// opened does its work without, which is told as a message.
+    void start(std::uint16_t port);
+    /// Ends what start() has begun, and returns when it has ended. The last call; start() need not have been called.
+    [[nodiscard]] Task<> finish();
 
 private:
+    [[nodiscard]] Task<> run();
+    [[nodiscard]] Task<> acceptAll(platform::Listener& listener);
+    void begin(std::unique_ptr<platform::Stream> stream, const Executor& executor);
+    [[nodiscard]] Task<> answer(std::unique_ptr<platform::Stream> stream);
+    [[nodiscard]] Task<> lend(platform::Stream& stream);
+    [[nodiscard]] Task<> handOver(platform::Stream& stream);
+    [[nodiscard]] Task<> takeBack();
+
     Host& host_;
     Receiver& receiver_;
-    std::uint16_t port_;
+    std::uint16_t port_ = 0;
+    bool runs_ = false;
+    asio::cancellation_signal stop_;
+    bool lent_ = false;
+    std::list<asio::cancellation_signal> conversations_; ///< one for each connection
 };
 
 /// The running service's port, for as long as this lives.
 class BorrowedPort {
 public:
-    /// Nothing if no service runs. @throws HostError if one runs and does not lend its port
-    [[nodiscard]] static Task<std::optional<BorrowedPort>> borrow(Host& host);
+    /// Nothing if no service runs, or if it has another port than the `wanted` one.
+    /// @throws HostError if one runs and does not lend its port
+    [[nodiscard]] static Task<std::optional<BorrowedPort>> borrow(Host& host, std::optional<std::uint16_t> wanted);
 
     [[nodiscard]] std::uint16_t port() const noexcept { return port_; }
+    /// The port, open already. Once.
+    [[nodiscard]] std::unique_ptr<platform::Listener> takeListener() noexcept { return std::move(listener_); }
 
 private:
-    BorrowedPort(std::unique_ptr<platform::Stream> connection, std::uint16_t port) noexcept
-        : connection_(std::move(connection)), port_(port) {}
+    BorrowedPort(std::unique_ptr<platform::Stream> connection, std::uint16_t port,
+                 std::unique_ptr<platform::Listener> listener) noexcept
+        : connection_(std::move(connection)), port_(port), listener_(std::move(listener)) {}
 
     std::unique_ptr<platform::Stream> connection_; ///< the service takes its port back when this closes
     std::uint16_t port_;
+    std::unique_ptr<platform::Listener> listener_;
 };
 
 } // namespace orlinth::host

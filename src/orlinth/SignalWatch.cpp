@@ -2,6 +2,7 @@
 
 #include "platform/SystemError.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -39,11 +40,32 @@ SignalWatch::~SignalWatch() {
     close(stop_);
 }
 
+void SignalWatch::limit(std::chrono::milliseconds time, std::function<void()> onOverdue) {
+    limit_ = Clock::now() + time;
+    onOverdue_ = std::move(onOverdue);
+}
+
+int SignalWatch::left() const {
+    if (!limit_) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*limit_ - Clock::now()).count();
+    return static_cast<int>(std::max<std::int64_t>(left, 0));
+}
+
 void SignalWatch::watch() {
     std::array<pollfd, 2> waits{pollfd{signals_, POLLIN, 0}, pollfd{stop_, POLLIN, 0}};
     for (;;) {
-        if (poll(waits.data(), waits.size(), -1) < 0 && errno != EINTR) {
+        const int ready = poll(waits.data(), waits.size(), left());
+        if (ready < 0 && errno != EINTR) {
             return;
+        }
+        if (limit_ && Clock::now() >= *limit_) {
+            limit_.reset();
+            onOverdue_();
+        }
+        if (ready <= 0) { // what the descriptors have to say is not known
+            continue;
         }
         if ((waits[1].revents & POLLIN) != 0) {
             return;

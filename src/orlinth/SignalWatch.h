@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <optional>
 #include <thread>
 
 namespace orlinth::host {
@@ -17,10 +19,19 @@ public:
     SignalWatch(const SignalWatch&) = delete;
     SignalWatch& operator=(const SignalWatch&) = delete;
 
+    /// Calls `onOverdue` on the watch's thread when this time has passed. Only from within `onSignal`.
+    void limit(std::chrono::milliseconds time, std::function<void()> onOverdue);
+
 private:
+    using Clock = std::chrono::steady_clock;
+
     void watch();
+    /// Milliseconds until the limit, for poll(); -1 without one.
+    [[nodiscard]] int left() const;
 
     std::function<void(int)> onSignal_;
+    std::optional<Clock::time_point> limit_; ///< this one and the next: on the watch's thread only
+    std::function<void()> onOverdue_;
     int signals_ = -1;
     int stop_ = -1;
     std::thread thread_;

@@ -4,15 +4,11 @@
 #include "base/Json.h"
 #include "platform/WholeFile.h"
 
+#include <utility>
+
 namespace orlinth::host {
 
 namespace {
-
-/// As the journal names its entries, so that a reader of both files finds what belongs together.
-std::string keyOf(const OutgoingFile& file) {
-    std::string key = file.name + "|" + std::to_string(file.size) + "|" + file.mime;
-    return file.fingerprint.empty() ? key : key + "|" + file.fingerprint;
-}
 
 Json lookOf(const platform::FileStatus& status) {
     Json look;
@@ -25,45 +21,66 @@ Json lookOf(const platform::FileStatus& status) {
 
 } // namespace
 
-SourceMemory::SourceMemory(platform::System& system, InFlightJournal& journal)
-    : system_(system), journal_(journal), url_(journal.fileURL().parent_path() / fileName) {}
+SourceMemory::SourceMemory(platform::System& system, const InFlightJournal& journal)
+    : system_(system), url_(journal.fileURL().parent_path() / fileName) {}
 
-void SourceMemory::beforeSending(const platform::Path& file) {
-    lastKey_.clear();
-    std::optional<platform::FileStatus> status;
-    std::optional<OutgoingFile> examined;
+std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& file) const {
     try {
-        status = system_.files.status(file);
-        examined = examineFile(system_, file);
+        const std::optional<platform::FileStatus> status = system_.files.status(file);
+        OutgoingFile examined = examineFile(system_, file);
+        if (!status) {
+            return std::nullopt;
+        }
+        return Source{.key = {.name = std::move(examined.name),
+                              .size = examined.size,
+                              .mime = std::move(examined.mime),
+                              .fingerprint = std::move(examined.fingerprint)},
+                      .look = lookOf(*status)};
     } catch (const Error&) {
-        return; // the attempt will meet the same and report it
+        return std::nullopt;
     }
-    if (!status) {
-        return;
-    }
-    const std::string key = keyOf(*examined);
-    const Json look = lookOf(*status);
-    system_.files.createDirectories(url_.parent_path(), 0700);
-    const platform::FileLock lock(system_.files, url_);
-    Json sources = load();
-    const auto known = sources.find(key);
-    if (known == sources.end() || *known != look) {
-        journal_.complete(examined->name, examined->size, examined->mime, examined->fingerprint);
-        sources[key] = look;
-        write(sources);
-    }
-    lastKey_ = key;
 }
 
-void SourceMemory::afterSending() {
-    if (lastKey_.empty()) {
+void SourceMemory::remember(std::vector<Source>& sources) {
+    system_.files.createDirectories(url_.parent_path(), 0700);
+    const platform::FileLock lock(system_.files, url_);
+    Json known = load();
+    bool hasChanged = eraseForgotten(known);
+    for (Source& source : sources) {
+        const std::string key = source.key.text();
+        const auto before = known.find(key);
+        source.isFresh = before == known.end() || *before != source.look;
+        if (source.isFresh) {
+            known[key] = source.look;
+            hasChanged = true;
+        }
+    }
+    if (hasChanged) {
+        write(known);
+    }
+}
+
+void SourceMemory::forget(const InFlightKey& key) {
+    forgotten_.push_back(key.text());
+}
+
+void SourceMemory::flush() {
+    if (forgotten_.empty()) {
         return;
     }
     const platform::FileLock lock(system_.files, url_);
-    Json sources = load();
-    if (sources.erase(lastKey_) > 0) {
-        write(sources);
+    Json known = load();
+    if (eraseForgotten(known)) {
+        write(known);
     }
+}
+
+bool SourceMemory::eraseForgotten(Json& sources) {
+    std::size_t erased = 0;
+    for (const std::string& key : std::exchange(forgotten_, {})) {
+        erased += sources.erase(key);
+    }
+    return erased > 0;
 }
 
 Json SourceMemory::load() const {

@@ -3,6 +3,9 @@
 #include "OrlinthCore/Sending/InFlightJournal.h"
 #include "platform/System.h"
 
+#include <optional>
+#include <vector>
+
 namespace orlinth::host {
 
 /// Remembers, beside the journal, which very file each transfer id was given for: size, time of last change, inode.
@@ -12,32 +15,42 @@ namespace orlinth::host {
 /// at the attempt before, and on any difference the journal's entry is dropped, which makes for a fresh id.
 ///
 /// One JSON file, `{"sources" : {"name|size|mime|fingerprint" : {"device", "inode", "modified_ns", "size"}}}`.
-/// Changes hold an advisory lock. A memory that cannot be read counts as empty: then ids are fresh.
+/// Changes hold an advisory lock and are written for many files at once. A memory that cannot be read counts as empty:
+/// then ids are fresh.
 class SourceMemory {
 public:
     static constexpr const char* fileName = "inflight-sources.json";
 
-    /// The memory beside `journal`; both references must outlive it.
-    SourceMemory(platform::System& system, InFlightJournal& journal);
+    /// A file as it is now.
+    struct Source {
+        InFlightKey key;
+        Json look;
+        /// Whether it is not the file that an earlier attempt was for, if there was one; set by remember().
+        bool isFresh = false;
+    };
 
-    /// Before an attempt: drops the journal's entry unless the file is the one it was made for; remembers the file.
-    /// Anything wrong with the file itself is left for the attempt to report. @throws platform::SystemError
-    void beforeSending(const platform::Path& file);
-    /// After a completed send of that file, as it was when it was examined: forgets it.
-    void afterSending();
+    /// The memory beside `journal`; both references must outlive it.
+    SourceMemory(platform::System& system, const InFlightJournal& journal);
+
+    /// Nothing if there is something wrong with the file: the attempt will meet the same and report it.
+    [[nodiscard]] std::optional<Source> examine(const platform::Path& file) const;
+    /// Before an attempt: compares the files with what they were, and remembers them as they are.
+    /// @throws platform::SystemError
+    void remember(std::vector<Source>& sources);
+    /// Forgets what completely sent files were; written by the next remember() or flush().
+    void forget(const InFlightKey& key);
+    /// @throws platform::SystemError
+    void flush();
 
 private:
-    struct Examined {
-        std::string key;
-        Json look;
-    };
     [[nodiscard]] Json load() const;
     void write(const Json& sources);
+    /// Returns whether there was anything to erase.
+    bool eraseForgotten(Json& sources);
 
     platform::System& system_;
-    InFlightJournal& journal_;
     platform::Path url_;
-    std::string lastKey_;
+    std::vector<std::string> forgotten_;
 };
 
 } // namespace orlinth::host

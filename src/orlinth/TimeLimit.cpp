@@ -1,14 +1,19 @@
 #include "orlinth/TimeLimit.h"
 
+#include <utility>
+
 namespace orlinth::host {
 
 TimeLimit::TimeLimit(platform::Clock& clock, TaskRunner& runner)
-    : runner_(runner), timer_(clock.makeTimer(runner.executor())) {}
+    : TimeLimit(clock, runner.executor(), [&runner] { runner.cancel(); }) {}
+
+TimeLimit::TimeLimit(platform::Clock& clock, const Executor& executor, std::function<void()> cancel)
+    : cancel_(std::move(cancel)), timer_(clock.makeTimer(executor)) {}
 
 void TimeLimit::begin(double seconds) {
     timer_->arm(seconds, [this] {
         expired_ = true;
-        runner_.cancel();
+        cancel_();
     });
 }
 

@@ -3,15 +3,18 @@
 #include "orlinth/TaskRunner.h"
 #include "platform/Clock.h"
 
+#include <functional>
 #include <memory>
 
 namespace orlinth::host {
 
-/// Cancels the task that runs when a step of it takes too long. On the runner's thread.
+/// Cancels a task when a step of it takes too long. On the runner's thread.
 class TimeLimit {
 public:
-    /// `runner` runs the task and outlives this.
+    /// For the one task that `runner` runs; the runner outlives this.
     TimeLimit(platform::Clock& clock, TaskRunner& runner);
+    /// For one of several tasks on `executor`: `cancel` ends it.
+    TimeLimit(platform::Clock& clock, const Executor& executor, std::function<void()> cancel);
 
     /// From now on `seconds` are left, whatever was left before.
     void begin(double seconds);
@@ -20,7 +23,7 @@ public:
     [[nodiscard]] bool hasExpired() const noexcept { return expired_; }
 
 private:
-    TaskRunner& runner_;
+    std::function<void()> cancel_;
     std::unique_ptr<platform::Timer> timer_;
     bool expired_ = false;
 };

@@ -120,6 +120,7 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makePeersCommand(program));
     commands.push_back(makeSendCommand(program));
     commands.push_back(makeReceiveCommand(program));
+    commands.push_back(makeServeCommand(program));
     commands.push_back(makeClipCommand(program));
     commands.push_back(makeWakeCommand(program));
 

@@ -15,6 +15,12 @@ public:
     [[nodiscard]] virtual std::unique_ptr<Listener> listen(const Path& path, Executor executor) = 0;
     /// @throws SystemError: no such file, connection refused
     [[nodiscard]] virtual Task<std::unique_ptr<Stream>> connect(Path path, Executor executor) = 0;
+    /// Gives the program at the other end of `stream`, one of the above, a hold on an open TCP port, and keeps its own.
+    /// The other end calls receivePort() at the same place of the conversation. `stream` and `port` outlive the call.
+    /// @throws SystemError
+    [[nodiscard]] virtual Task<> sendPort(Stream& stream, const Listener& port) = 0;
+    /// Accepted connections have Nagle's algorithm off and no keep-alive. @throws SystemError
+    [[nodiscard]] virtual Task<std::unique_ptr<Listener>> receivePort(Stream& stream, Executor executor) = 0;
 };
 
 } // namespace orlinth::platform

@@ -69,8 +69,12 @@ public:
     [[nodiscard]] virtual Task<std::unique_ptr<Stream>> connect(std::string host, std::uint16_t port,
                                                                 Executor executor) = 0;
     /// Listens on every address of the computer, IPv6 and IPv4; the local endpoint may be reused.
-    /// Accepted connections have Nagle's algorithm off. @throws SystemError
+    /// Accepted connections have Nagle's algorithm off. The inherited port is used as it is, and stays open when the
+    /// listener is closed: connections then wait for the next one. @throws SystemError
     [[nodiscard]] virtual std::unique_ptr<Listener> listen(const ListenOptions& options, Executor executor) = 0;
+    /// The port that whoever started the program has opened for it (socket activation), if any. Once asked for, listen()
+    /// knows it. On the thread that starts others. @throws SystemError if what was passed is no single listening port
+    [[nodiscard]] virtual std::optional<std::uint16_t> inheritedPort() { return std::nullopt; }
     /// A serial queue: what runs on it runs one at a time. `label` names it for diagnostics.
     [[nodiscard]] virtual Executor makeSerialQueue(const char* label) = 0;
     /// A serial queue of the worker threads: what blocks on a disk there holds nobody up but its own queue. Whatever

@@ -15,7 +15,7 @@ struct Notification {
     std::string title;
     std::string body;
     /// Buttons: a key that comes back, and the label.
-    std::vector<std::pair<std::string, std::string>> actions;
+    std::vector<std::pair<std::string, std::string>> actions = {};
     bool isUrgent = false;
     double seconds = 0; ///< how long it stays; 0: as the desktop likes
 };

@@ -5,10 +5,12 @@
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
 #include "platform/HttpsClient.h"
+#include "platform/LocalNetwork.h"
 #include "platform/Log.h"
 #include "platform/MimeTypes.h"
 #include "platform/Network.h"
 #include "platform/NetworkInterfaces.h"
+#include "platform/Notifications.h"
 #include "platform/ServiceDiscovery.h"
 
 namespace orlinth::platform {
@@ -25,6 +27,8 @@ struct System {
     Clipboard& clipboard;
     NetworkInterfaces& interfaces;
     ServiceDiscovery& services;
+    LocalNetwork& local;
+    Notifications& notifications;
     UserDirectories directories;
     /// The serial queue of the host's main thread: what a desktop wants to be touched from one place runs here.
     Executor mainQueue;

@@ -7,8 +7,10 @@
 #include "fakes/FakeHttpsClient.h"
 #include "fakes/FakeMimeTypes.h"
 #include "fakes/FakeNetworkInterfaces.h"
+#include "fakes/FakeNotifications.h"
 #include "fakes/FakeServiceDiscovery.h"
 #include "fakes/MemoryFileSystem.h"
+#include "fakes/MemoryLocalNetwork.h"
 #include "fakes/MemoryNetwork.h"
 #include "fakes/RecordingLog.h"
 #include "fakes/VirtualClock.h"
@@ -44,6 +46,8 @@ struct World {
     FakeClipboard clipboard;
     FakeNetworkInterfaces interfaces;
     FakeServiceDiscovery services{clock};
+    MemoryLocalNetwork local{context};
+    FakeNotifications notifications;
     platform::System system{.network = network,
                             .clock = clock,
                             .files = files,
@@ -53,6 +57,8 @@ struct World {
                             .clipboard = clipboard,
                             .interfaces = interfaces,
                             .services = services,
+                            .local = local,
+                            .notifications = notifications,
                             .directories = {.data = "/home/ann/.local/share",
                                             .config = "/home/ann/.config",
                                             .downloads = "/home/ann/Downloads"},

@@ -65,6 +65,8 @@ int run(std::string_view command) {
                             .clipboard = real.clipboard,
                             .interfaces = real.interfaces,
                             .services = real.services,
+                            .local = real.local,
+                            .notifications = real.notifications,
                             .directories = real.directories,
                             .mainQueue = real.mainQueue};
     if (command == "read-for-send") {

@@ -87,6 +87,8 @@ void advertise(const std::string& port, const std::string& hostname, const std::
                             .clipboard = real.clipboard,
                             .interfaces = real.interfaces,
                             .services = real.services,
+                            .local = real.local,
+                            .notifications = real.notifications,
                             .directories = real.directories,
                             .mainQueue = real.mainQueue};
     PairingPayload payload;

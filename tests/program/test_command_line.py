@@ -35,6 +35,10 @@ class WrongCommandLines(ProgramTest):
             *(["receive", "--from", "mac", "--port", port] for port in ("-1", "65536", "", "http", "1.5", "+1")),
             ["receive", "--from", "mac", "--port", "0", "--timeout", "-0.1"],
             ["receive", "--from", "mac", "--port", "0", "--dir", ""],
+            *(["serve", "--port", port] for port in ("-1", "65536", "", "http", "1.5", "+1")),
+            *(["serve", "--accept", answer] for answer in ("", "yes", "Always")),
+            ["serve", "--dir", ""],
+            ["serve", "a.bin"],
             ["wake"],
             ["wake", ""],
             ["wake", "phone", "tablet"],
@@ -63,7 +67,7 @@ class WrongCommandLines(ProgramTest):
                 self.assertRegex(lines[1], r"^`orlinth[a-z ]* --help` ")
 
     def test_commands_of_later_versions_are_unknown(self):
-        for command in ("serve", "share"):
+        for command in ("share",):
             result = self.mac.run(command)
             self.assertEqual(2, result.returncode)
             self.assertIn(f"there is no command '{command}'", result.stderr)
@@ -72,7 +76,7 @@ class WrongCommandLines(ProgramTest):
 class Help(ProgramTest):
     def test_every_command_explains_every_flag_with_unit_and_default(self):
         for command, expected in {
-            (): ["id", "pair", "join", "peers", "send", "receive", "clip", "wake", "--version", "Exit status"],
+            (): ["id", "pair", "join", "peers", "send", "receive", "serve", "clip", "wake", "--version", "Exit status"],
             ("id",): ["--json"],
             ("pair",): ["--port PORT=28471", "--timeout SECONDS=120", "--interface NAME", "--png FILE", "--no-advertise",
                         "--yes", "--json", "--quiet"],
@@ -85,6 +89,8 @@ class Help(ProgramTest):
                         "--attempt-timeout SECONDS=5", "--retry-interval SECONDS=1", "--json", "--quiet", "FILE"],
             ("receive",): ["--from SELECTOR", "--port PORT", "--dir DIR", "downloads folder", "--timeout SECONDS=0",
                            "for ever", "--json", "--quiet"],
+            ("serve",): ["--port PORT=28471", "--dir DIR", "downloads folder", "--accept always|never|ask=always",
+                         "two minutes", "--no-clipboard", "--json", "--quiet"],
             ("clip",): ["--to SELECTOR", "--text TEXT", "--mime TYPE=text/plain", "--warm-timeout SECONDS=5",
                         "--wake-timeout SECONDS=10", "--timeout SECONDS=10", "standard input", "--json", "--quiet"],
             ("wake",): ["SELECTOR", "--json", "--quiet"],

@@ -2,9 +2,10 @@
 
 import json
 import threading
+import time
 import unittest
 
-from harness import ProgramTest, random_key
+from harness import ProgramTest, random_key, silent_port
 
 TOKEN = "a-push-token-that-nobody-may-see"
 
@@ -87,6 +88,52 @@ class Peers(ProgramTest):
         result = self.mac.run("peers", "remove", "PIXEL-8")
         self.assertEqual(1, result.returncode)
         self.assert_one_line_error(result.stderr, "no paired phone matches 'PIXEL-8'")
+
+    def test_a_removed_phone_is_remembered_and_a_phone_that_is_recorded_again_is_not(self):
+        remembered = self.mac.data / "Orlinth" / "removed.json"
+        remembered.unlink(missing_ok=True)
+        keys = [random_key() for _ in range(3)]
+        for number, key in enumerate(keys):
+            self.add(f"phone {number}", key, "127.0.0.1", "9")
+        self.assertFalse(remembered.exists())
+        for number in range(3):
+            removed = self.mac.run("peers", "remove", f"phone {number}")
+            self.assertEqual((0, f"forgot phone {number}\n"), (removed.returncode, removed.stdout))
+            self.assertEqual(f"phone {number} could not be told now (network: Connection refused); it is told when it "
+                             "connects to `orlinth serve`.\n", removed.stderr)
+        self.assertEqual({"removed": keys}, json.loads(remembered.read_text()))
+        self.add("phone 1", keys[1])
+        self.assertEqual({"removed": [keys[0], keys[2]]}, json.loads(remembered.read_text()))
+        self.add("phone 0", keys[0], "127.0.0.1", "9")
+        self.mac.run("peers", "remove", "phone 0")
+        self.assertEqual({"removed": [keys[2], keys[0]]}, json.loads(remembered.read_text()))
+
+    def test_only_so_many_removed_phones_are_remembered_the_last_ones(self):
+        remembered = self.mac.data / "Orlinth" / "removed.json"
+        keys = [random_key() for _ in range(1000)]
+        remembered.write_text(json.dumps({"removed": keys}))
+        key = random_key()
+        self.add("phone", key, "127.0.0.1", "9")
+        self.mac.run("peers", "remove", "phone")
+        self.assertEqual({"removed": keys[1:] + [key]}, json.loads(remembered.read_text()))
+
+    def test_a_phone_without_a_usable_key_can_be_removed_too(self):
+        self.add("phone")
+        book = json.loads(self.mac.peer_file.read_text())
+        book["peers"][0]["peer_pubkey"] = "AAAA"
+        self.mac.peer_file.write_text(json.dumps(book))
+        removed = self.mac.run("peers", "remove", "phone")
+        self.assertEqual((0, "forgot phone\n"), (removed.returncode, removed.stdout))
+        self.assertEqual([], self.listed())
+
+    def test_a_phone_that_takes_no_message_holds_nobody_up(self):
+        with silent_port() as port:
+            self.add("phone", None, "127.0.0.1", str(port), "--fcm-token", TOKEN)
+            begin = time.monotonic()
+            removed = self.mac.run("peers", "remove", "phone")
+        self.assertLess(time.monotonic() - begin, 15)
+        self.assertEqual((0, "forgot phone\n"), (removed.returncode, removed.stdout))
+        self.assertIn("phone could not be told now (it did not answer)", removed.stderr)
 
     def test_names_from_outside_cannot_write_to_the_terminal(self):
         self.add("a\x1b[31m\u202eb")

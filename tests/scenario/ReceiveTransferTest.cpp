@@ -275,6 +275,8 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
                                        .clipboard = second.clipboard,
                                        .interfaces = second.interfaces,
                                        .services = second.services,
+                                       .local = second.local,
+                                       .notifications = second.notifications,
                                        .directories = second.system.directories,
                                        .mainQueue = second.system.mainQueue};
             ReceiveRequest again{.staticKey = second.computerKey,

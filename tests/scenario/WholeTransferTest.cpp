@@ -46,6 +46,8 @@ protected:
                 .clipboard = sender.clipboard,
                 .interfaces = sender.interfaces,
                 .services = sender.services,
+                .local = sender.local,
+                .notifications = sender.notifications,
                 .directories = sender.system.directories,
                 .mainQueue = sender.system.mainQueue};
     }

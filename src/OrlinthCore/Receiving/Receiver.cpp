@@ -34,7 +34,8 @@ constexpr const char* logCategory = "receiver";
 /// What passes by itself, when others have given something back.
 bool isShortage(const std::error_code& code) {
     return code == std::errc::too_many_files_open || code == std::errc::too_many_files_open_in_system ||
-           code == std::errc::no_buffer_space || code == std::errc::not_enough_memory;
+           code == std::errc::no_buffer_space || code == std::errc::not_enough_memory ||
+           code == std::errc::resource_unavailable_try_again; // threads
 }
 
 /// One connection as the service keeps it.
@@ -53,10 +54,14 @@ struct Session {
 
 using SessionRef = std::shared_ptr<Session>;
 
+/// Whom an end may concern.
+enum class Whom { anybody, strangersOnly };
+
 /// Ends a session, soon after. Any thread.
-void end(const SessionRef& session, std::string because) {
-    asio::post(session->queue, [session, because = std::move(because)] {
-        if (!session->endedBecause) {
+void end(const SessionRef& session, std::string because, Whom whom = Whom::anybody) {
+    asio::post(session->queue, [session, because = std::move(because), whom] {
+        const bool hasProvedItself = !session->from.empty(); // in this very moment, perhaps
+        if (!session->endedBecause && !(whom == Whom::strangersOnly && hasProvedItself)) {
             session->endedBecause = because;
             session->stop.emit(asio::cancellation_type::terminal);
         }
@@ -112,6 +117,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
                                         std::unique_ptr<platform::Stream> stream);
     [[nodiscard]] ReceiverConnectionContext contextFor(const SessionRef& session);
     [[nodiscard]] ReceiverConnectionContext::Standing standingOf(const platform::PublicKey& key) const;
+    [[nodiscard]] static Task<bool> ask(std::shared_ptr<Service> self, Offer offer);
     void finish(const SessionRef& session, std::optional<ProcessOutcome> outcome, std::exception_ptr error);
     void tell(const ProcessOutcome& outcome) const;
     void tellFailure(const Failure& failure) const;
@@ -129,6 +135,10 @@ void Receiver::Service::open() {
 }
 
 Task<> Receiver::Service::serve(std::shared_ptr<Service> self) {
+    if (self->isStopping) {
+        self->listener.reset();
+        co_return;
+    }
     if (!self->listener) {
         self->open();
     }
@@ -142,6 +152,8 @@ Task<> Receiver::Service::serve(std::shared_ptr<Service> self) {
     } catch (...) {
         failure = std::current_exception();
     }
+    // Once we are cancelled every further await throws, the next line too, unless this is said first.
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     co_await endAll(self);
     if (failure) {
         std::rethrow_exception(failure);
@@ -182,14 +194,13 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
     }
 }
 
-/// Closes the port, ends every connection and waits until the last one is gone, whatever cancelled us meanwhile.
+/// Closes the port, ends every connection and waits until the last one is gone.
 Task<> Receiver::Service::endAll(std::shared_ptr<Service> self) {
     self->isStopping = true;
     self->listener.reset();
     for (const auto& [identity, session] : self->sessions) {
         end(session, "the service has ended");
     }
-    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     while (!self->sessions.empty()) {
         co_await self->system.clock.sleep(lookSeconds);
     }
@@ -200,17 +211,19 @@ Task<> Receiver::Service::closePort(std::shared_ptr<Service> self) {
     if (self->listener) {
         self->listener->close();
     }
-    while (self->isAccepting) {
+    while (self->isAside && self->isAccepting) {
         co_await self->system.clock.sleep(lookSeconds);
     }
 }
 
 Task<> Receiver::Service::openPort(std::shared_ptr<Service> self) {
-    if (self->isAside && !self->isStopping && !self->isAccepting) {
+    while (self->isAside && !self->isStopping && self->isAccepting) { // stepAside() has not returned yet
+        co_await self->system.clock.sleep(lookSeconds);
+    }
+    if (self->isAside && !self->isStopping) {
         self->open();
         self->isAside = false;
     }
-    co_return;
 }
 
 void Receiver::Service::admit(std::unique_ptr<platform::Stream> stream) {
@@ -231,7 +244,7 @@ void Receiver::Service::admit(std::unique_ptr<platform::Stream> stream) {
 /// Ends the oldest of those who have not yet proved who they are.
 void Receiver::Service::makeRoom() {
     if (!strangers.empty()) {
-        end(sessions.at(strangers.front()), "too many connections of strangers");
+        end(sessions.at(strangers.front()), "too many connections of strangers", Whom::strangersOnly);
         strangers.pop_front();
     }
 }
@@ -258,32 +271,38 @@ Task<> Receiver::Service::process(std::shared_ptr<Service> self, SessionRef sess
     });
 }
 
+/// So that the host's function itself runs on our queue too, not only the task that it makes.
+Task<bool> Receiver::Service::ask(std::shared_ptr<Service> self, Offer offer) {
+    Task<bool> asking = self->approve(std::move(offer));
+    const bool isWanted = co_await std::move(asking);
+    co_return isWanted;
+}
+
 ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& session) {
     const std::shared_ptr<Service> self = shared_from_this();
-    return {
-        .system = system,
-        .staticKey = staticKey,
-        .downloadsDir = downloadsDir,
-        .prologue = prologue,
-        .standingOf = [self](const platform::PublicKey& key) { return self->standingOf(key); },
-        .approveOffer = [self](Offer offer) { return platform::runOn(self->queue, self->approve(std::move(offer))); },
-        .onAuthenticated =
-            [self, session](const std::optional<PeerRecord>& record) {
-                session->from = record ? record->peer_hostname : unknownPeer;
-                asio::post(self->queue, [self, session, record] {
-                    self->strangers.remove(session->identity);
-                    if (record && self->callbacks.onAuthenticated) {
-                        self->callbacks.onAuthenticated(*record);
-                    }
-                });
-            },
-        .onTrouble =
-            [self, session](std::exception_ptr error) {
-                const Failure failure{.error = std::move(error),
-                                      .remoteEndpoint = session->remoteEndpoint,
-                                      .from = session->from.empty() ? unknownPeer : session->from};
-                asio::post(self->queue, [self, failure] { self->tellFailure(failure); });
-            }};
+    return {.system = system,
+            .staticKey = staticKey,
+            .downloadsDir = downloadsDir,
+            .prologue = prologue,
+            .standingOf = [self](const platform::PublicKey& key) { return self->standingOf(key); },
+            .approveOffer = [self](Offer offer) { return platform::runOn(self->queue, ask(self, std::move(offer))); },
+            .onAuthenticated =
+                [self, session](const std::optional<PeerRecord>& record) {
+                    session->from = record && !record->peer_hostname.empty() ? record->peer_hostname : unknownPeer;
+                    asio::post(self->queue, [self, session, record] {
+                        self->strangers.remove(session->identity);
+                        if (record && self->callbacks.onAuthenticated) {
+                            self->callbacks.onAuthenticated(*record);
+                        }
+                    });
+                },
+            .onTrouble =
+                [self, session](std::exception_ptr error) {
+                    const Failure failure{.error = std::move(error),
+                                          .remoteEndpoint = session->remoteEndpoint,
+                                          .from = session->from.empty() ? unknownPeer : session->from};
+                    asio::post(self->queue, [self, failure] { self->tellFailure(failure); });
+                }};
 }
 
 ReceiverConnectionContext::Standing Receiver::Service::standingOf(const platform::PublicKey& key) const {

@@ -101,7 +101,8 @@ public:
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
 
-    /// Asked for each offer, on the receiver's queue; absent: every offer is taken. Set before run().
+    /// Asked for each offer, on the receiver's queue; absent: every offer is taken. It is cancelled when the service
+    /// ends the connection; a phone that hangs up meanwhile is noticed only afterwards. Set before run().
     std::function<Task<bool>(Offer offer)> approveOffer;
     /// A port that is open already is used first, in place of opening `port`. Set before run().
     std::unique_ptr<platform::Listener> listener;
@@ -118,14 +119,14 @@ public:
     /// Cancelling the task ends the service in the same way, with Cancelled.
     /// @throws Error
     [[nodiscard]] Task<> run(Callbacks callbacks);
-    /// Ends run(), soon after. Nothing if it does not run.
+    /// Ends run(), soon after; before run() it makes that end at once, with nothing opened.
     void stop();
 
     /// Closes the port and leaves the connections that are there; returns once it is closed. For somebody who needs the
-    /// port for a moment.
+    /// port for a moment, while run() runs.
     [[nodiscard]] Task<> stepAside();
-    /// Opens the port again, once stepAside() has returned. @throws Error::listenerStartFailed; it may be called again
-    /// then
+    /// Opens the port again; nothing if it is open, or if the service is ending. @throws Error::listenerStartFailed; it
+    /// may be called again then
     [[nodiscard]] Task<> comeBack();
 
 private:

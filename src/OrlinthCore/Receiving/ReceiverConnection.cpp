@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/SenderRecord.h"
 #include "platform/Cancelled.h"
+#include "platform/SystemError.h"
 
 #include <optional>
 #include <utility>
@@ -128,10 +129,20 @@ private:
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock);
+        makeFolder();
         file_.emplace(IncomingFile::begin(context_.system, context_.downloadsDir, offer));
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
         co_await wire_.sendLengthPrefixed(resume);
         co_return std::nullopt;
+    }
+
+    /// Somebody may have removed it while the service ran.
+    void makeFolder() const {
+        try {
+            context_.system.files.createDirectories(context_.downloadsDir);
+        } catch (const platform::SystemError& error) {
+            throw ReceiveError::fileWriteFailed(error.description());
+        }
     }
 
     [[nodiscard]] Receiver::ProcessOutcome end(const TransportMessage& message) {
@@ -203,6 +214,7 @@ void welcome(const ReceiverConnectionContext& context, const platform::PublicKey
     SenderRecord sender(context.system, key);
     std::optional<PeerRecord> record;
     try {
+        record = sender.find();
         sender.setAddress(addressOf(endpoint));
         record = sender.find();
     } catch (const PeerStoreError&) {

@@ -18,7 +18,7 @@ bool isLoopback(const std::string& address) {
 }
 
 bool mayReplace(const std::string& recorded, const std::string& seen) {
-    const bool isHostName = !platform::parseIpAddress(recorded);
+    const bool isHostName = !recorded.empty() && !platform::parseIpAddress(recorded);
     const bool isTunnel = isLoopback(seen) && !isLoopback(recorded);
     return platform::parseIpAddress(seen) && !isHostName && !isTunnel;
 }
@@ -45,6 +45,10 @@ std::string SenderRecord::displayName() const noexcept {
 }
 
 void SenderRecord::change(const std::function<bool(PeerRecord&)>& change) {
+    std::optional<PeerRecord> present = find();
+    if (!present || !change(*present)) {
+        return;
+    }
     PeerStore(system_.files, system_.directories).update([this, &change](PeerBook& book) {
         const auto at = std::find_if(book.peers.begin(), book.peers.end(),
                                      [this](const PeerRecord& record) { return record.peer_pubkey == pubkey_; });
@@ -53,6 +57,9 @@ void SenderRecord::change(const std::function<bool(PeerRecord&)>& change) {
 }
 
 void SenderRecord::setFcmToken(const std::string& token) {
+    if (token.size() > maxTokenBytes) {
+        return;
+    }
     change([&token](PeerRecord& record) {
         const bool differs = record.peer_fcm_token != token;
         record.peer_fcm_token = token;

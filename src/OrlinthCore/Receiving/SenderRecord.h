@@ -4,6 +4,7 @@
 #include "platform/Crypto.h"
 #include "platform/System.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -15,6 +16,8 @@ class SenderRecord {
 public:
     /// Longest name taken over into a record, bytes of UTF-8.
     static constexpr std::size_t maxNameBytes = 255;
+    /// Longest push token taken over, bytes. They have a few hundred.
+    static constexpr std::size_t maxTokenBytes = 4096;
 
     SenderRecord(platform::System& system, const platform::PublicKey& key);
 
@@ -23,7 +26,10 @@ public:
     /// The host name; "(unknown peer)" if there is no record or the store cannot be read.
     [[nodiscard]] std::string displayName() const noexcept;
 
-    /// Each changes the record, if there is one and it differs. @throws PeerStoreError
+    /// Each changes the record, if there is one and it differs; else nothing is locked or written, and a store that may
+    /// only be read is no failure. @throws PeerStoreError
+    ///
+    /// Not taken over: a token that is too long.
     void setFcmToken(const std::string& token);
     /// Not taken over: a name that is blank, too long or has control characters.
     void setHostname(const std::string& name);

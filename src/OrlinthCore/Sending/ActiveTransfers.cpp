@@ -51,7 +51,9 @@ bool ActiveTransfers::isReleased(const TransferConnectionRef& connection) const 
     const std::lock_guard guard(lock_);
     const bool ownsNothing = std::none_of(owners_.begin(), owners_.end(),
                                           [&](const auto& entry) { return isSame(entry.second, connection); });
-    return ownsNothing && !draining_.contains(connection->identity());
+    const auto firstDraining = draining_.lower_bound({connection->identity(), ""});
+    const bool drains = firstDraining != draining_.end() && firstDraining->first.first == connection->identity();
+    return ownsNothing && !drains;
 }
 
 ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, const TransferConnectionRef& connection) {
@@ -62,7 +64,7 @@ ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, cons
     const auto owner = owners_.find(key);
     const bool isOwnedElsewhere = owner != owners_.end() && isForeign(owner->second);
     const bool drainsElsewhere = std::any_of(draining_.begin(), draining_.end(), [&](const auto& entry) {
-        return entry.second.key == key && isForeign(entry.second.connection);
+        return entry.first.second == key && isForeign(entry.second);
     });
     if (isOwnedElsewhere || drainsElsewhere) {
         return {.isRefused = true, .displaced = nullptr};
@@ -71,7 +73,7 @@ ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, cons
     if (!before || isSame(before, connection)) {
         return {};
     }
-    draining_.emplace(before->identity(), Draining{.key = key, .connection = before});
+    draining_.emplace(DrainingKey(before->identity(), key), before);
     return {.isRefused = false, .displaced = std::move(before)};
 }
 
@@ -80,13 +82,13 @@ bool ActiveTransfers::mayProceed(const std::string& key, const TransferConnectio
     const auto owner = owners_.find(key);
     const bool isOwner = owner != owners_.end() && isSame(owner->second, connection);
     return isOwner && std::none_of(draining_.begin(), draining_.end(),
-                                   [&key](const auto& entry) { return entry.second.key == key; });
+                                   [&key](const auto& entry) { return entry.first.second == key; });
 }
 
 void ActiveTransfers::finish(const std::string& key, const TransferConnectionRef& connection) {
     const std::lock_guard guard(lock_);
     releaseLocked(key, connection);
-    draining_.erase(connection->identity());
+    draining_.erase({connection->identity(), key});
 }
 
 std::size_t ActiveTransfers::ownerCount() const {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 namespace orlinth {
 
@@ -68,7 +69,7 @@ public:
     /// Whether `connection` may touch what the key stands for: it is the owner, and no earlier one of this key, however
     /// far back in a chain of takeovers, is still winding down.
     [[nodiscard]] bool mayProceed(const std::string& key, const TransferConnectionRef& connection) const;
-    /// The last step of a connection with this key, in every case: release(), and it is no longer draining.
+    /// The last step of a connection with this key, in every case: release(), and it no longer drains from it.
     void finish(const std::string& key, const TransferConnectionRef& connection);
 
     /// For diagnostics and tests.
@@ -76,17 +77,14 @@ public:
     [[nodiscard]] std::size_t drainingCount() const;
 
 private:
-    /// A displaced connection, and of what.
-    struct Draining {
-        std::string key;
-        TransferConnectionRef connection;
-    };
+    /// A displaced connection's identity, and what it was displaced from.
+    using DrainingKey = std::pair<std::uint64_t, std::string>;
 
     void releaseLocked(const std::string& key, const TransferConnectionRef& connection);
 
     mutable std::mutex lock_; ///< guards both
     std::map<std::string, TransferConnectionRef> owners_;
-    std::map<std::uint64_t, Draining> draining_; ///< by identity
+    std::map<DrainingKey, TransferConnectionRef> draining_;
 };
 
 /// Waits, by looking again every few milliseconds, until `connection` may proceed with the key. @throws Cancelled

@@ -18,16 +18,6 @@ constexpr const char* directoryName = "Orlinth";
 /// The names of what somebody sends are nobody else's business.
 constexpr std::uint32_t ownerOnly = 0600;
 
-std::string entryKey(const std::string& name, std::int64_t size, const std::string& mime,
-                     const std::string& fingerprint) {
-    std::string key = name + "|" + std::to_string(size) + "|" + mime;
-    if (!fingerprint.empty()) {
-        key += "|" + fingerprint;
-    }
-    // JSON holds no other text than UTF-8. The bytes behind it keep names apart that differ only in what is not.
-    return isUtf8(key) ? key : toUtf8(key) + "|" + hexEncode(asBytes(name));
-}
-
 /// The lock that keeps processes apart, if it can be had: without it the journal works on.
 std::optional<platform::FileLock> tryToLock(platform::FileSystem& files, const platform::Path& path) {
     try {
@@ -38,6 +28,15 @@ std::optional<platform::FileLock> tryToLock(platform::FileSystem& files, const p
 }
 
 } // namespace
+
+std::string InFlightKey::text() const {
+    std::string key = name + "|" + std::to_string(size) + "|" + mime;
+    if (!fingerprint.empty()) {
+        key += "|" + fingerprint;
+    }
+    // JSON holds no other text than UTF-8. The bytes behind it keep names apart that differ only in what is not.
+    return isUtf8(key) ? key : toUtf8(key) + "|" + hexEncode(asBytes(name));
+}
 
 std::string FileFingerprint::compute(platform::FileSystem& files, const platform::Path& url) {
     const std::unique_ptr<platform::File> file = files.open(url, platform::OpenMode::read);
@@ -66,7 +65,13 @@ InFlightJournal::InFlightJournal(platform::FileSystem& files, platform::Path fil
 std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t size, const std::string& mime,
                                          const std::string& fingerprint) {
     const std::lock_guard guard(lock_);
-    const std::string key = entryKey(name, size, mime, fingerprint);
+    const std::string key = InFlightKey{name, size, mime, fingerprint}.text();
+    if (batch_ != nullptr) {
+        if (const auto reserved = batch_->reserved_.find(key); reserved != batch_->reserved_.end()) {
+            reserved->second.isBegun = true;
+            return reserved->second.id;
+        }
+    }
     const Entries known = load();
     if (const auto found = known.find(key); found != known.end()) {
         return found->second;
@@ -89,7 +94,16 @@ std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t s
 void InFlightJournal::complete(const std::string& name, std::int64_t size, const std::string& mime,
                                const std::string& fingerprint) {
     const std::lock_guard guard(lock_);
-    const std::string key = entryKey(name, size, mime, fingerprint);
+    const std::string key = InFlightKey{name, size, mime, fingerprint}.text();
+    if (batch_ != nullptr) {
+        if (const auto reserved = batch_->reserved_.find(key); reserved != batch_->reserved_.end()) {
+            if (--reserved->second.uses <= 0) {
+                batch_->finished_.push_back(key);
+                batch_->reserved_.erase(reserved);
+            }
+            return;
+        }
+    }
     if (!load().contains(key)) {
         return;
     }
@@ -115,6 +129,63 @@ void InFlightJournal::wipe() {
         files_.remove(fileURL_);
     } catch (const std::exception&) {
         // It stays then: a journal that is too long does no harm.
+    }
+}
+
+InFlightJournal::Batch::Batch(InFlightJournal& journal) : journal_(journal) {
+    const std::lock_guard guard(journal_.lock_);
+    journal_.batch_ = this;
+}
+
+InFlightJournal::Batch::~Batch() {
+    const std::lock_guard guard(journal_.lock_);
+    journal_.batch_ = nullptr;
+    for (const auto& [key, entry] : reserved_) {
+        if (entry.isNew && !entry.isBegun) {
+            finished_.push_back(key);
+        }
+    }
+    if (finished_.empty()) {
+        return;
+    }
+    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+    Entries entries = journal_.load();
+    std::size_t erased = 0;
+    for (const std::string& key : finished_) {
+        erased += entries.erase(key);
+    }
+    if (erased > 0) {
+        journal_.write(entries);
+    }
+}
+
+void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses) {
+    const std::lock_guard guard(journal_.lock_);
+    try {
+        journal_.files_.createDirectories(journal_.fileURL_.parent_path());
+    } catch (const std::exception&) {
+        // The write will fail as well; the ids hold for this batch.
+    }
+    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+    Entries entries = journal_.load();
+    const Entries before = entries;
+    for (const std::string& key : finished_) {
+        entries.erase(key);
+    }
+    finished_.clear();
+    for (const Wanted& file : files) {
+        const std::string key = file.key.text();
+        if (file.isFresh) {
+            entries.erase(key);
+        }
+        const auto [entry, isNew] = entries.try_emplace(key);
+        if (isNew) {
+            entry->second = platform::randomUuidText();
+        }
+        reserved_[key] = {.id = entry->second, .uses = uses, .isNew = isNew, .isBegun = false};
+    }
+    if (entries != before) {
+        journal_.write(entries);
     }
 }
 

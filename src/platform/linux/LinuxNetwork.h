@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Network.h"
+#include "platform/linux/TcpListener.h"
 #include "platform/linux/WorkerThreads.h"
 
 #include <asio/io_context.hpp>
@@ -18,6 +19,8 @@ public:
     [[nodiscard]] Task<std::unique_ptr<Stream>> connect(std::string host, std::uint16_t port,
                                                         Executor executor) override;
     [[nodiscard]] std::unique_ptr<Listener> listen(const ListenOptions& options, Executor executor) override;
+    /// By sd_listen_fds(3), whose variables it removes from the environment.
+    [[nodiscard]] std::optional<std::uint16_t> inheritedPort() override;
     [[nodiscard]] Executor makeSerialQueue(const char* label) override;
     [[nodiscard]] Executor makeWorkerQueue(const char* label) override;
 
@@ -29,6 +32,7 @@ private:
 
     asio::io_context& context_;
     WorkerThreads workers_;
+    std::unique_ptr<TcpListener> inherited_;      ///< never accepts; others are made from its descriptor
     std::shared_ptr<std::atomic<int>> resolving_; ///< shared with resolutions, which may outlive everything but Asio
 };
 

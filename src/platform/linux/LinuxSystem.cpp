@@ -5,10 +5,12 @@
 #include "platform/linux/LinuxDirectories.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/LinuxHttpsClient.h"
+#include "platform/linux/LinuxLocalNetwork.h"
 #include "platform/linux/LinuxLog.h"
 #include "platform/linux/LinuxMimeTypes.h"
 #include "platform/linux/LinuxNetwork.h"
 #include "platform/linux/LinuxNetworkInterfaces.h"
+#include "platform/linux/LinuxNotifications.h"
 #include "platform/linux/LinuxServiceDiscovery.h"
 
 #include <asio/strand.hpp>
@@ -37,6 +39,8 @@ struct LinuxSystem::Parts {
     LinuxClipboard clipboard{processEnvironment};
     LinuxNetworkInterfaces interfaces;
     LinuxServiceDiscovery services;
+    LinuxLocalNetwork local;
+    LinuxNotifications notifications{processEnvironment};
     UserDirectories directories = linuxUserDirectories(processEnvironment);
     Executor mainQueue;
 };
@@ -55,6 +59,8 @@ System LinuxSystem::system() {
             .clipboard = parts_->clipboard,
             .interfaces = parts_->interfaces,
             .services = parts_->services,
+            .local = parts_->local,
+            .notifications = parts_->notifications,
             .directories = parts_->directories,
             .mainQueue = parts_->mainQueue};
 }

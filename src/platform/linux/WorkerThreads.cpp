@@ -1,8 +1,11 @@
 #include "platform/linux/WorkerThreads.h"
 
+#include "platform/SystemError.h"
+
 #include <asio/strand.hpp>
 
 #include <algorithm>
+#include <system_error>
 
 namespace orlinth::platform {
 namespace {
@@ -27,8 +30,16 @@ WorkerThreads::~WorkerThreads() {
 
 Executor WorkerThreads::makeSerialQueue() {
     const std::lock_guard guard(lock_);
-    while (threads_.size() < threadCount()) {
-        threads_.emplace_back([this] { context_.run(); });
+    const unsigned wanted = threadCount();
+    while (threads_.size() < wanted) {
+        try {
+            threads_.emplace_back([this] { context_.run(); });
+        } catch (const std::system_error& error) {
+            if (threads_.empty()) {
+                throw SystemError(error.code());
+            }
+            break; // fewer will do until the next queue
+        }
     }
     return asio::make_strand(context_);
 }

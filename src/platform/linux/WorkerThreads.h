@@ -20,7 +20,7 @@ public:
     WorkerThreads(const WorkerThreads&) = delete;
     WorkerThreads& operator=(const WorkerThreads&) = delete;
 
-    /// Any thread.
+    /// Any thread. @throws SystemError if not even one thread can be had
     [[nodiscard]] Executor makeSerialQueue();
 
 private:

@@ -207,6 +207,96 @@ void prepareOneEntry(MemoryFileSystem& files) {
     files.put(file, oneEntry, 0600);
 }
 
+std::vector<InFlightJournal::Batch::Wanted> wanted(std::initializer_list<const char*> names, bool isFresh = false) {
+    std::vector<InFlightJournal::Batch::Wanted> files;
+    for (const char* name : names) {
+        files.push_back({.key = {.name = name, .size = 1, .mime = "m", .fingerprint = "f"}, .isFresh = isFresh});
+    }
+    return files;
+}
+
+class InFlightJournalBatch : public InFlightJournalTest {
+protected:
+    std::string idOf(const char* name) { return journal.getOrCreate(name, 1, "m", "f"); }
+    void complete(const char* name) { journal.complete(name, 1, "m", "f"); }
+};
+
+TEST_F(InFlightJournalBatch, WritesTheIdsOfAllItsFilesAtOnceAndBeforeTheyAreUsed) {
+    InFlightJournal::Batch batch(journal);
+    batch.reserve(wanted({"a", "b", "c"}), 1);
+    const auto entries = journal.snapshotEntries();
+    EXPECT_THAT(entries, ElementsAre(Key("a|1|m|f"), Key("b|1|m|f"), Key("c|1|m|f")));
+    const std::size_t mutations = files.mutations();
+    EXPECT_EQ(idOf("a"), entries.at("a|1|m|f"));
+    EXPECT_EQ(idOf("c"), entries.at("c|1|m|f"));
+    EXPECT_EQ(files.mutations(), mutations);
+}
+
+TEST_F(InFlightJournalBatch, KeepsTheIdOfAnEarlierAttemptUnlessAFreshOneIsWanted) {
+    const std::string a = idOf("a");
+    const std::string b = idOf("b");
+    InFlightJournal::Batch batch(journal);
+    batch.reserve(wanted({"a"}), 1);
+    batch.reserve(wanted({"b"}, true), 1);
+    EXPECT_EQ(idOf("a"), a);
+    EXPECT_NE(idOf("b"), b);
+}
+
+TEST_F(InFlightJournalBatch, WritesCompletionsWithTheNextReservationAndAtItsEnd) {
+    {
+        InFlightJournal::Batch batch(journal);
+        batch.reserve(wanted({"a", "b", "c"}), 1);
+        for (const char* name : {"a", "b", "c"}) {
+            static_cast<void>(idOf(name));
+        }
+        const std::size_t mutations = files.mutations();
+        complete("a");
+        complete("b");
+        EXPECT_EQ(files.mutations(), mutations);
+        batch.reserve(wanted({"d"}), 1);
+        EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("c|1|m|f"), Key("d|1|m|f")));
+        complete("c");
+    }
+    EXPECT_THAT(journal.snapshotEntries(), IsEmpty()) << "d was never begun";
+}
+
+TEST_F(InFlightJournalBatch, LeavesWhatWasBegunAndWhatWasThereBefore) {
+    const std::string before = idOf("before");
+    std::string begun;
+    {
+        InFlightJournal::Batch batch(journal);
+        batch.reserve(wanted({"before", "begun", "not begun"}), 1);
+        begun = idOf("begun");
+    }
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("before|1|m|f", before), Pair("begun|1|m|f", begun)));
+}
+
+TEST_F(InFlightJournalBatch, KeepsAnIdUntilEveryUseOfItHasCompleted) {
+    {
+        InFlightJournal::Batch batch(journal);
+        batch.reserve(wanted({"both", "one"}), 2);
+        for (const char* name : {"both", "both", "one", "one"}) {
+            static_cast<void>(idOf(name));
+        }
+        complete("both");
+        complete("both");
+        complete("one");
+    }
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("one|1|m|f")));
+}
+
+TEST_F(InFlightJournalBatch, LeavesOtherFilesAndOtherTimesAlone) {
+    {
+        InFlightJournal::Batch batch(journal);
+        batch.reserve(wanted({"a"}), 1);
+        static_cast<void>(idOf("other"));
+        complete("other");
+        EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("a|1|m|f")));
+    }
+    static_cast<void>(idOf("later"));
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("later|1|m|f")));
+}
+
 TEST(InFlightJournalCrash, LeavesTheOldOrTheNewEntries) {
     std::string id;
     fakes::forEveryCrash(

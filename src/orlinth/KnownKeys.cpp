@@ -1,0 +1,102 @@
+#include "orlinth/KnownKeys.h"
+
+#include "orlinth/RemovedPeers.h"
+
+#include <asio/post.hpp>
+
+#include <utility>
+#include <vector>
+
+namespace orlinth::host {
+
+namespace {
+
+/// A file that was changed less than this ago may be changed again without a trace: its times are no finer than the
+/// kernel's ticks.
+constexpr std::int64_t settlingMilliseconds = 1000;
+
+constexpr std::int64_t nanosecondsInMillisecond = 1'000'000;
+
+bool looksTheSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
+    if (!one || !other) {
+        return one.has_value() == other.has_value();
+    }
+    return one->modifiedNanoseconds == other->modifiedNanoseconds && one->size == other->size &&
+           one->inode == other->inode && one->device == other->device;
+}
+
+} // namespace
+
+KnownKeys::KnownKeys(Host& host, Receiver& receiver, platform::PublicKey ownKey)
+    : host_(host),
+      receiver_(receiver),
+      ownKey_(std::move(ownKey)),
+      peers_{.file = host.peers().fileURL(), .seen = {}, .trouble = {}},
+      removed_{.file = host.dataDirectory() / RemovedPeers::fileName, .seen = {}, .trouble = {}} {}
+
+void KnownKeys::refresh() noexcept {
+    const std::lock_guard guard(lock_);
+    // in this order: whoever removes a phone remembers that first, so it is never unknown in between
+    refresh(peers_, [this] { readPeers(); });
+    refresh(removed_, [this] { readRemoved(); });
+}
+
+void KnownKeys::refresh(Source& source, const std::function<void()>& read) {
+    std::string trouble;
+    std::string hint = "The phones that were known before are still served.";
+    try {
+        const std::optional<platform::FileStatus> now = host_.system.files.status(source.file); // before reading
+        if (source.isUpToDate && looksTheSame(source.seen, now)) {
+            return;
+        }
+        if (!looksTheSame(source.seen, now)) {
+            source.trouble.clear();
+        }
+        source.seen = now;
+        const std::int64_t age =
+            now ? host_.system.clock.epochMilliseconds() - now->modifiedNanoseconds / nanosecondsInMillisecond
+                : settlingMilliseconds;
+        source.isUpToDate = age >= settlingMilliseconds;
+        read();
+    } catch (const HostError& error) {
+        trouble = error.description();
+        hint += " " + error.hint();
+    } catch (const std::exception& error) {
+        trouble = describe(error);
+    }
+    if (!trouble.empty()) {
+        source.isUpToDate = false; // it may pass without a change of the file
+    }
+    if (!trouble.empty() && trouble != source.trouble) {
+        tell(trouble, hint);
+    }
+    source.trouble = std::move(trouble);
+}
+
+void KnownKeys::readPeers() {
+    std::vector<platform::PublicKey> keys;
+    for (const PeerRecord& record : host_.peers().loadBook().peers) {
+        auto key = platform::PublicKey::fromBase64(record.peer_pubkey);
+        if (key && *key != ownKey_) {
+            keys.push_back(std::move(*key));
+        }
+    }
+    pairedCount_ = keys.size();
+    receiver_.setExpectedPeerPubkeys(std::move(keys));
+}
+
+void KnownKeys::readRemoved() {
+    receiver_.setRemovedPeerPubkeys(RemovedPeers(host_.system.files, host_.dataDirectory()).load());
+}
+
+std::size_t KnownKeys::pairedCount() const {
+    const std::lock_guard guard(lock_);
+    return pairedCount_;
+}
+
+void KnownKeys::tell(const std::string& text, const std::string& hint) {
+    // standard output belongs to the thread of `main`
+    asio::post(host_.tasks.executor(), [&output = host_.output, text, hint] { output.failure(text, hint); });
+}
+
+} // namespace orlinth::host

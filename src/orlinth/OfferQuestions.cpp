@@ -1,0 +1,109 @@
+#include "orlinth/OfferQuestions.h"
+
+#include "base/Text.h"
+#include "orlinth/HumanText.h"
+#include "orlinth/Terminal.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+#include <utility>
+
+namespace orlinth::host {
+
+namespace {
+
+/// How often we look whether there is an answer: a person does not notice.
+constexpr double lookSeconds = 0.1;
+
+constexpr std::size_t longestAnswer = 1024;
+
+/// Standard input is a terminal, and this program, not one that was started after it, is the one that reads there.
+bool isTerminalOurs() {
+    return isTerminal(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp();
+}
+
+/// The line that was typed, if one was; anything but a line, such as the end of the input, is an empty one.
+std::optional<std::string> typedLine() {
+    pollfd ready{STDIN_FILENO, POLLIN, 0};
+    if (!isTerminalOurs() || poll(&ready, 1, 0) <= 0) {
+        return std::nullopt;
+    }
+    std::array<char, longestAnswer> text{};
+    const ssize_t count = read(STDIN_FILENO, text.data(), text.size());
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
+        return std::nullopt;
+    }
+    return std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+}
+
+bool isYes(const std::string& line) {
+    const std::string answer = lowerCased(trimmed(line));
+    return answer == "y" || answer == "yes";
+}
+
+constexpr const char* acceptKey = "accept";
+constexpr const char* declineKey = "decline";
+
+} // namespace
+
+Task<bool> OfferQuestions::wants(Receiver::Offer offer) {
+    const platform::AsyncMutex::Guard guard = co_await turn_.lock();
+    const std::string question = madeVisible(offer.from) + " wants to send " + madeVisible(offer.name) + " (" +
+                                 humanSize(offer.size) + "). Take it?";
+    bool isWanted = false;
+    if (isTerminalOurs()) {
+        isWanted = co_await askOnTerminal(question);
+    } else if (host_.system.notifications.isAvailable()) {
+        isWanted = co_await askOnDesktop(question);
+    } else {
+        tellThatNobodyIsThere();
+    }
+    co_return isWanted;
+}
+
+Task<bool> OfferQuestions::askOnTerminal(std::string question) {
+    static_cast<void>(tcflush(STDIN_FILENO, TCIFLUSH)); // what was typed before was no answer to this
+    writeToStandardError(question + " [y/N] ");
+    const platform::Clock::Instant end = host_.system.clock.now() + platform::Clock::Instant(patience);
+    while (host_.system.clock.now() < end) {
+        if (const std::optional<std::string> line = typedLine()) {
+            co_return isYes(*line);
+        }
+        co_await host_.system.clock.sleep(lookSeconds);
+    }
+    writeToStandardError("\n");
+    host_.output.message("No answer in two minutes; the file was declined.");
+    co_return false;
+}
+
+Task<bool> OfferQuestions::askOnDesktop(std::string question) {
+    // shared: the desktop may answer when nobody waits any more
+    const auto answer = std::make_shared<std::optional<std::string>>();
+    platform::Notification notification{.title = "Orlinth",
+                                        .body = std::move(question),
+                                        .actions = {{acceptKey, "Accept"}, {declineKey, "Decline"}},
+                                        .isUrgent = true,
+                                        .seconds = patience};
+    host_.system.notifications.show(std::move(notification), host_.tasks.executor(),
+                                    [answer](const std::string& key) { *answer = key; });
+    const platform::Clock::Instant end = host_.system.clock.now() + platform::Clock::Instant(patience);
+    while (!*answer && host_.system.clock.now() < end) {
+        co_await host_.system.clock.sleep(lookSeconds);
+    }
+    co_return *answer == acceptKey;
+}
+
+void OfferQuestions::tellThatNobodyIsThere() {
+    if (!std::exchange(toldThatNobodyIsThere_, true)) {
+        host_.output.failure("there is nobody to ask whether to take files, so they are declined",
+                             "`--accept ask` needs a terminal or a desktop; `--accept always` takes every file.");
+    }
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,384 @@
+#include "orlinth/SendSchedule.h"
+
+#include "OrlinthCore/Sending/SendTransfer.h"
+#include "orlinth/Hints.h"
+#include "orlinth/PeerSelection.h"
+#include "orlinth/PushService.h"
+
+#include <asio/experimental/as_tuple.hpp>
+#include <asio/this_coro.hpp>
+#include <asio/use_awaitable.hpp>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+namespace orlinth::host {
+
+namespace {
+
+std::vector<std::int64_t> sizesOf(platform::FileSystem& files, const std::vector<std::string>& paths) {
+    std::vector<std::int64_t> sizes;
+    for (const std::string& path : paths) {
+        std::int64_t size = 0;
+        try {
+            const std::optional<platform::FileStatus> status = files.status(path);
+            size = status ? status->size : 0;
+        } catch (const Error&) {
+            size = 0; // the attempt will meet the same and report it
+        }
+        sizes.push_back(size);
+    }
+    return sizes;
+}
+
+std::int64_t sumOf(const std::vector<std::int64_t>& sizes) {
+    std::int64_t sum = 0;
+    for (const std::int64_t size : sizes) {
+        sum += size;
+    }
+    return sum;
+}
+
+bool isCancelled(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& caught) {
+        return platform::isCancellation(caught);
+    }
+}
+
+bool isNetworkError(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const SendError& caught) {
+        return caught.which() == SendError::Case::network;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+} // namespace
+
+/// One file under way to one phone.
+struct SendSchedule::Transfer {
+    Transfer(Host& host, SendOverview& overview, Phone& phoneOf, std::size_t sourceOf, SendReporter::What what)
+        : phone(phoneOf),
+          source(sourceOf),
+          bytes(what.size),
+          handshake(host.system.clock, host.tasks.executor(), [this] { stop.emit(asio::cancellation_type::terminal); }),
+          reporter(host.output, host.system.clock, handshake, overview, std::move(what)) {}
+
+    Phone& phone;
+    std::size_t source;
+    std::int64_t bytes; ///< as counted in the phone's bytesUnderWay
+    bool isLeader = false;
+    asio::cancellation_signal stop;
+    HandshakeLimit handshake;
+    SendReporter reporter;
+    std::optional<SentFile> sent;
+    std::exception_ptr error;
+    bool hasEnded = false;
+};
+
+SendSchedule::SendSchedule(Host& host, const platform::PrivateKey& ownKey, InFlightJournal& journal, SendTimes times,
+                           const std::vector<std::string>& files, const std::vector<PeerRecord>& phones)
+    : host_(host),
+      ownKey_(ownKey),
+      journal_(journal),
+      times_(times),
+      overview_(host.output),
+      memory_(host.system, journal),
+      batch_(journal),
+      ended_(host.tasks.executor(), asio::steady_timer::time_point::max()) {
+    const std::vector<std::int64_t> sizes = sizesOf(host.system.files, files);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        sources_.push_back({.path = files[i], .size = sizes[i], .left = phones.size(), .known = std::nullopt});
+    }
+    for (const PeerRecord& record : phones) {
+        Phone phone{.record = record, .waiting = {}, .announced = {}};
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            phone.waiting.push_back(i);
+        }
+        phones_.push_back(std::move(phone));
+    }
+    overview_.expect(files.size() * phones.size(), sumOf(sizes) * static_cast<std::int64_t>(phones.size()));
+}
+
+SendSchedule::~SendSchedule() = default;
+
+int SendSchedule::run() {
+    try {
+        const int failed = host_.tasks.run(runAll());
+        tidy();
+        return failed;
+    } catch (const Interrupted& interrupted) {
+        tellInterrupted(interrupted);
+        tidy();
+        throw;
+    }
+}
+
+Task<int> SendSchedule::runAll() {
+    for (;;) {
+        startWhatMay();
+        if (transfers_.empty()) {
+            co_return failed_;
+        }
+        const bool goesOn = co_await waitForEnd();
+        if (!goesOn) {
+            break;
+        }
+        settleEnded();
+    }
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    cancelAll();
+    const auto isUnderWay = [](const Transfer& transfer) { return !transfer.hasEnded; };
+    while (std::any_of(transfers_.begin(), transfers_.end(), isUnderWay)) {
+        co_await ended_.async_wait(asio::experimental::as_tuple(asio::use_awaitable));
+    }
+    throw platform::Cancelled();
+}
+
+Task<bool> SendSchedule::waitForEnd() {
+    const auto hasEnded = [](const Transfer& transfer) { return transfer.hasEnded; };
+    while (std::none_of(transfers_.begin(), transfers_.end(), hasEnded)) {
+        try {
+            co_await ended_.async_wait(asio::experimental::as_tuple(asio::use_awaitable));
+        } catch (const std::exception& error) {
+            if (platform::isCancellation(error)) {
+                co_return false; // cancelled before it came here
+            }
+            throw;
+        }
+        const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
+        if (state.cancelled() != asio::cancellation_type::none) {
+            co_return false;
+        }
+    }
+    co_return true;
+}
+
+void SendSchedule::startWhatMay() {
+    for (Phone& phone : phones_) {
+        while (mayStart(phone) && prepare(phone.waiting.front())) {
+            start(phone);
+        }
+    }
+}
+
+bool SendSchedule::mayStart(const Phone& phone) const {
+    if (phone.waiting.empty()) {
+        return false;
+    }
+    return phone.underWay == 0 || (phone.underWay < phone.allowed && phone.bytesUnderWay < enoughBytesUnderWay &&
+                                   transfers_.size() < maxConnections);
+}
+
+bool SendSchedule::prepare(std::size_t first) {
+    if (sources_[first].isPrepared) {
+        return true;
+    }
+    std::vector<std::size_t> numbers;
+    std::vector<SourceMemory::Source> known;
+    for (std::size_t i = first; i < sources_.size() && numbers.size() < filesPreparedAtOnce; ++i) {
+        std::optional<SourceMemory::Source> source = memory_.examine(sources_[i].path);
+        if (source && !keysUnderWay_.insert(source->key.text()).second) {
+            break; // the same name and content again: the two would share an id, so one goes after the other
+        }
+        sources_[i].isPrepared = true;
+        if (source) {
+            numbers.push_back(i);
+            known.push_back(std::move(*source));
+        }
+    }
+    if (!sources_[first].isPrepared) {
+        return false;
+    }
+    try {
+        memory_.remember(known);
+    } catch (const std::exception&) {
+        // Without a memory nobody could tell whether an id fits its file.
+        for (SourceMemory::Source& source : known) {
+            source.isFresh = true;
+        }
+    }
+    std::vector<InFlightJournal::Batch::Wanted> wanted;
+    for (const SourceMemory::Source& source : known) {
+        wanted.push_back({.key = source.key, .isFresh = source.isFresh});
+    }
+    batch_.reserve(wanted, static_cast<int>(phones_.size()));
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        sources_[numbers[i]].known = std::move(known[i]);
+    }
+    return true;
+}
+
+void SendSchedule::start(Phone& phone) {
+    const std::size_t number = phone.waiting.front();
+    phone.waiting.pop_front();
+    Source& source = sources_[number];
+    source.isBegun = true;
+    Transfer& begun = transfers_.emplace_back(host_, overview_, phone, number,
+                                              SendReporter::What{.file = source.path,
+                                                                 .size = source.size,
+                                                                 .to = phone.record.peer_hostname,
+                                                                 .isAnnounced = phone.announced.contains(number)});
+    begun.isLeader = !std::exchange(phone.hasLeader, true);
+    ++phone.underWay;
+    phone.bytesUnderWay += begun.bytes;
+    platform::spawn(host_.tasks.executor(), transfer(begun), begun.stop.slot(),
+                    [this, &begun](const std::exception_ptr& error) {
+                        if (error) {
+                            begun.error = error; // cancelled before it began
+                        }
+                        begun.hasEnded = true;
+                        ended_.cancel();
+                    });
+}
+
+/// `transfer` stays in the list until it has ended.
+Task<> SendSchedule::transfer(Transfer& transfer) {
+    PeerRecord peer = transfer.phone.record;
+    if (!transfer.isLeader) {
+        peer.peer_fcm_token.clear(); // one push is enough, and it is the leader's
+    }
+    SendRequest request{.fileURL = sources_[transfer.source].path,
+                        .peer = std::move(peer),
+                        .staticKey = ownKey_,
+                        .journal = journal_,
+                        .warmConnectTimeout = times_.warm,
+                        .postWakeConnectTimeout = times_.wake,
+                        .postWakeAttemptTimeout = times_.attempt,
+                        .postWakeRetryInterval = times_.retry,
+                        .fcmBaseURL = pushServiceURL(),
+                        .progress = &transfer.reporter};
+    try {
+        SentFile sent = co_await sendOneFile(host_.system, std::move(request));
+        transfer.sent = std::move(sent);
+    } catch (...) {
+        transfer.error = std::current_exception();
+    }
+}
+
+void SendSchedule::settleEnded() {
+    for (auto at = transfers_.begin(); at != transfers_.end();) {
+        if (at->hasEnded) {
+            settle(*at);
+            at = transfers_.erase(at);
+        } else {
+            ++at;
+        }
+    }
+}
+
+void SendSchedule::settle(Transfer& transfer) {
+    Phone& phone = transfer.phone;
+    --phone.underWay;
+    phone.bytesUnderWay -= transfer.bytes;
+    if (transfer.isLeader) {
+        phone.hasLeader = false;
+    }
+    if (transfer.sent) {
+        phone.allowed = std::min(phone.allowed + 1, maxConnectionsPerPhone);
+        transfer.reporter.tellComplete(*transfer.sent);
+        doneWith(transfer.source, true);
+        return;
+    }
+    const bool isUnreachable = !transfer.reporter.hasConnected() && isNetworkError(transfer.error);
+    if (isUnreachable) {
+        phone.allowed = 1;
+    }
+    if (isUnreachable && !transfer.isLeader) {
+        putBack(transfer);
+    } else {
+        fail(transfer);
+    }
+}
+
+void SendSchedule::putBack(Transfer& transfer) {
+    std::deque<std::size_t>& waiting = transfer.phone.waiting;
+    waiting.insert(std::lower_bound(waiting.begin(), waiting.end(), transfer.source), transfer.source);
+    transfer.phone.announced.insert(transfer.source);
+}
+
+void SendSchedule::fail(Transfer& transfer) {
+    const PeerRecord& peer = transfer.phone.record;
+    const std::string where = peer.peer_hostname + " (" + addressOf(peer) + ")";
+    try {
+        if (transfer.handshake.hasExpired()) {
+            throw SendError::noiseHandshakeFailed(HandshakeLimit::text());
+        }
+        std::rethrow_exception(transfer.error);
+    } catch (const std::exception& error) {
+        transfer.reporter.tellFailure(describe(error), hintForSending(error, where));
+    }
+    ++failed_;
+    doneWith(transfer.source, false);
+}
+
+void SendSchedule::doneWith(std::size_t number, bool wasSent) {
+    Source& source = sources_[number];
+    source.hasFailed = source.hasFailed || !wasSent;
+    if (--source.left > 0 || !source.known) {
+        return;
+    }
+    keysUnderWay_.erase(source.known->key.text());
+    if (!source.hasFailed) {
+        memory_.forget(source.known->key);
+    }
+}
+
+void SendSchedule::cancelAll() {
+    for (Transfer& transfer : transfers_) {
+        if (!transfer.hasEnded) {
+            transfer.stop.emit(asio::cancellation_type::terminal);
+        }
+    }
+}
+
+/// Some may have ended for another reason in the same moment, well or not. Those that were cut short share one line.
+void SendSchedule::tellInterrupted(const Interrupted& interrupted) {
+    std::vector<Transfer*> cutShort;
+    for (Transfer& transfer : transfers_) {
+        const bool wasCancelled = transfer.error && isCancelled(transfer.error) && !transfer.handshake.hasExpired();
+        if (wasCancelled) {
+            cutShort.push_back(&transfer);
+        } else {
+            settle(transfer);
+        }
+    }
+    if (cutShort.empty()) {
+        host_.output.failure(interrupted.description(), "Send again what was not sent: it goes on where it stopped.");
+        return;
+    }
+    if (!overview_.isMany() || cutShort.size() == 1) {
+        cutShort.front()->reporter.tellFailure(interrupted.description(),
+                                               "Send it again: it goes on where it stopped.");
+        return;
+    }
+    Transfer* const last = cutShort.back();
+    cutShort.pop_back();
+    for (Transfer* transfer : cutShort) {
+        transfer->reporter.tellFailureToScripts(interrupted.description());
+    }
+    last->reporter.tellFailureOfSeveral(interrupted.description(),
+                                        std::to_string(cutShort.size() + 1) +
+                                            " files had been begun. Send them again: they go on where they stopped.");
+}
+
+/// What was remembered of files that were not begun would only be in the way.
+void SendSchedule::tidy() noexcept {
+    for (const Source& source : sources_) {
+        if (source.known && source.known->isFresh && !source.isBegun) {
+            memory_.forget(source.known->key);
+        }
+    }
+    try {
+        memory_.flush();
+    } catch (const std::exception&) {
+        // What it remembers of a file too many does no harm.
+    }
+}
+
+} // namespace orlinth::host

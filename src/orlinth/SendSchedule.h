@@ -1,0 +1,112 @@
+#pragma once
+
+#include "OrlinthCore/Sending/InFlightJournal.h"
+#include "orlinth/Host.h"
+#include "orlinth/SendReporter.h"
+#include "orlinth/SourceMemory.h"
+
+#include <asio/steady_timer.hpp>
+
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace orlinth::host {
+
+/// The four times of a send, in seconds.
+struct SendTimes {
+    double warm = 5;
+    double wake = 30;
+    double attempt = 5;
+    double retry = 1;
+};
+
+/// Sends every file to every phone: the phones side by side, and the files of one phone in their order, several at once
+/// where that helps.
+///
+/// A phone gets one connection at first. Each file that it has taken shows that it takes one after the other, and
+/// allows one connection more, up to `maxConnectionsPerPhone`; a further one is opened only while little is under way,
+/// as large files gain nothing by it. Only one transfer at a time, the leading one, may wake the phone. Another that
+/// cannot even connect goes back to its place in the order, and the phone is down to one connection again: so somebody
+/// who takes a single file and closes the port is treated as if there had been one connection from the start.
+///
+/// Threading: everything on the thread of the runner.
+class SendSchedule {
+public:
+    static constexpr int maxConnectionsPerPhone = 8;
+    /// To all phones together; each phone gets one in any case.
+    static constexpr std::size_t maxConnections = 64;
+    /// No further file is begun while so much is under way to a phone.
+    static constexpr std::int64_t enoughBytesUnderWay = 8 << 20;
+    /// Files whose ids are written down at once.
+    static constexpr std::size_t filesPreparedAtOnce = 64;
+
+    /// What is referred to outlives this. `journal` is used by nobody else meanwhile.
+    SendSchedule(Host& host, const platform::PrivateKey& ownKey, InFlightJournal& journal, SendTimes times,
+                 const std::vector<std::string>& files, const std::vector<PeerRecord>& phones);
+    ~SendSchedule();
+    SendSchedule(const SendSchedule&) = delete;
+    SendSchedule& operator=(const SendSchedule&) = delete;
+
+    /// Runs all transfers to their ends and tells each outcome; returns how many failed. Once.
+    /// @throws Interrupted once those under way have ended, which is told as well
+    [[nodiscard]] int run();
+
+private:
+    struct Source {
+        std::string path;
+        std::int64_t size = 0;
+        bool isPrepared = false;
+        bool isBegun = false;
+        bool hasFailed = false;
+        std::size_t left = 0; ///< phones that are not done with it
+        std::optional<SourceMemory::Source> known;
+    };
+    struct Phone {
+        PeerRecord record;
+        std::deque<std::size_t> waiting; ///< numbers of sources
+        std::set<std::size_t> announced;
+        int allowed = 1;
+        int underWay = 0;
+        std::int64_t bytesUnderWay = 0;
+        bool hasLeader = false;
+    };
+    struct Transfer;
+
+    [[nodiscard]] Task<int> runAll();
+    /// Waits until a transfer has ended. Returns false when the task was cancelled.
+    [[nodiscard]] Task<bool> waitForEnd();
+    void startWhatMay();
+    [[nodiscard]] bool mayStart(const Phone& phone) const;
+    /// Returns false if a file must wait for an equal one that is under way.
+    [[nodiscard]] bool prepare(std::size_t first);
+    void start(Phone& phone);
+    [[nodiscard]] Task<> transfer(Transfer& transfer);
+    void settleEnded();
+    void settle(Transfer& transfer);
+    void fail(Transfer& transfer);
+    void putBack(Transfer& transfer);
+    void doneWith(std::size_t source, bool wasSent);
+    void cancelAll();
+    void tellInterrupted(const Interrupted& interrupted);
+    void tidy() noexcept;
+
+    Host& host_;
+    const platform::PrivateKey& ownKey_;
+    InFlightJournal& journal_;
+    SendTimes times_;
+    std::vector<Source> sources_;
+    std::vector<Phone> phones_;
+    SendOverview overview_;
+    SourceMemory memory_;
+    InFlightJournal::Batch batch_;
+    std::set<std::string> keysUnderWay_; ///< of the prepared sources that some phone still has to get
+    std::list<Transfer> transfers_;
+    asio::steady_timer ended_; ///< a condition variable: never rings, is cancelled when a transfer has ended
+    int failed_ = 0;
+};
+
+} // namespace orlinth::host

@@ -1,0 +1,201 @@
+#include "OrlinthCore/Receiving/Receiver.h"
+#include "orlinth/Command.h"
+#include "orlinth/Hints.h"
+#include "orlinth/KnownKeys.h"
+#include "orlinth/OfferQuestions.h"
+#include "orlinth/ServeReporter.h"
+#include "orlinth/ServiceControl.h"
+#include "platform/ServiceManager.h"
+#include "platform/SystemError.h"
+
+#include <asio/this_coro.hpp>
+
+#include <algorithm>
+#include <csignal>
+#include <optional>
+#include <sys/resource.h>
+
+namespace orlinth::host {
+
+namespace {
+
+constexpr const char* lockName = "service.lock";
+
+/// Of a port that is opened here: as the receiver does with its own.
+constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
+
+/// Of the two seconds in which a signal ends the service in any case; the rest is for leaving.
+constexpr std::chrono::milliseconds graceAfterSignal{1800};
+
+/// Many phones at once need more descriptors than a login session is usually given. More than this nobody needs.
+void raiseDescriptorLimit() {
+    constexpr rlim_t enough = 16384;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < enough) {
+        limit.rlim_cur = std::min(enough, limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+/// Keeps the service to one instance a data folder, for as long as the file is open.
+std::unique_ptr<platform::File> lockService(const Host& host) {
+    auto file = host.system.files.open(host.dataDirectory() / lockName, platform::OpenMode::openOrCreate,
+                                       platform::Links::follow, 0600);
+    if (!file->tryLock()) {
+        throw HostError("the receive service is already running",
+                        "One serves all phones. Another identity needs another data folder (XDG_DATA_HOME).");
+    }
+    return file;
+}
+
+Task<bool> declineEverything(Receiver::Offer /*offer*/) {
+    co_return false;
+}
+
+/// What runs while the service does; all of it outlives the task.
+struct Service {
+    Receiver& receiver;
+    ServeReporter& reporter;
+    ServiceControl& control;
+    KnownKeys& keys;
+};
+
+/// The same, and whoever manages the service is told what it wants to know.
+Receiver::Callbacks withManners(Receiver::Callbacks callbacks, Service service) {
+    callbacks.onListening = [service, next = std::move(callbacks.onListening)](std::uint16_t port) {
+        service.control.start(port);
+        platform::tellServiceReady();
+        platform::tellServiceStatus(service.keys.pairedCount());
+        next(port);
+    };
+    callbacks.onAuthenticated = [service, next = std::move(callbacks.onAuthenticated)](const PeerRecord& phone) {
+        platform::tellServiceStatus(service.keys.pairedCount());
+        if (next) {
+            next(phone);
+        }
+    };
+    return callbacks;
+}
+
+/// The receiver and its companions, until the task is cancelled or the receiver fails.
+Task<bool> serveAll(Service service) {
+    std::exception_ptr failure;
+    try {
+        Receiver::Callbacks callbacks = withManners(service.reporter.callbacks(), service);
+        co_await service.receiver.run(std::move(callbacks));
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    platform::tellServiceStopping();
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    co_await service.control.finish();
+    co_await service.reporter.finish();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    co_return true;
+}
+
+class ServeCommand final : public Command {
+public:
+    explicit ServeCommand(CLI::App& program)
+        : Command(program.add_subcommand("serve", "Receive from every paired phone, until it is ended.")) {
+        portOption_ = addPort("--port", port_, 0, "The TCP port to listen on, 0 to 65535; 0: any free one.")
+                          ->capture_default_str();
+        addText("--dir", directory_, "DIR", "Where the files go. Default: the user's downloads folder.");
+        parser()
+            .add_option("--accept", accept_,
+                        "Whether to take the files of paired phones: all of them, none, or those for which somebody "
+                        "at the terminal or the desktop says so within two minutes.")
+            ->type_name("always|never|ask")
+            ->check(CLI::IsMember({"always", "never", "ask"}).description(""))
+            ->take_last()
+            ->capture_default_str();
+        parser().add_flag("--no-clipboard", leavesClipboard_, "Leave the desktop's clipboard alone when a text comes.");
+        addJsonFlag("Print events as JSON, one object a line.");
+        addQuietFlag("No messages but failures.");
+    }
+
+    int run(Host& host) override {
+        std::signal(SIGHUP, SIG_IGN); // the terminal that it was started in may go
+        raiseDescriptorLimit();
+        host.tasks.treatSignalsAsUsualEnd(graceAfterSignal);
+        const platform::PrivateKey ownKey = host.staticKey();
+        const std::unique_ptr<platform::File> lock = lockService(host);
+        try {
+            serve(host, ownKey);
+            return 0;
+        } catch (const Interrupted&) {
+            return 0;
+        } catch (const std::exception& error) {
+            host.output.failure(describe(error), hintForServing(error));
+            return 1;
+        }
+    }
+
+private:
+    void serve(Host& host, const platform::PrivateKey& ownKey) const {
+        const std::uint16_t port = inheritedPort(host).value_or(port_);
+        Receiver receiver(host.system, ownKey, std::vector<platform::PublicKey>(), downloads(host), port);
+        KnownKeys keys(host, receiver, ownKey.publicKey());
+        OfferQuestions questions(host);
+        ServeReporter reporter(host, !leavesClipboard_);
+        receiver.beforeAuthorising = [&keys] { keys.refresh(); };
+        if (accept_ == "never") {
+            receiver.approveOffer = declineEverything;
+        } else if (accept_ == "ask") {
+            receiver.approveOffer = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
+        }
+        ServiceControl control(host, receiver);
+        receiver.listener = openPort(host, port);
+        keys.refresh();
+        reporter.tellHowMany(keys.pairedCount());
+        static_cast<void>(
+            host.tasks.run(serveAll({.receiver = receiver, .reporter = reporter, .control = control, .keys = keys})));
+    }
+
+    /// The port that a service manager has opened for us, whatever the command line says.
+    [[nodiscard]] std::optional<std::uint16_t> inheritedPort(Host& host) const {
+        try {
+            const std::optional<std::uint16_t> port = host.system.network.inheritedPort();
+            if (port && portOption_->count() > 0 && port_ != *port) {
+                host.output.message("the service manager has opened port " + std::to_string(*port) +
+                                    "; --port is not used");
+            }
+            return port;
+        } catch (const platform::SystemError& error) {
+            throw HostError("cannot use what the service manager has opened: " + error.description(),
+                            "A socket unit for this service has one ListenStream= and Accept=no.");
+        }
+    }
+
+    /// Nothing if the receiver opens the port by itself. To the core zero is no port at all: a free one is chosen here.
+    [[nodiscard]] static std::unique_ptr<platform::Listener> openPort(Host& host, std::uint16_t port) {
+        if (port != 0) {
+            return nullptr;
+        }
+        try {
+            return host.system.network.listen({.port = 0, .keepAlive = keepAlive}, host.tasks.executor());
+        } catch (const platform::SystemError& error) {
+            throw Receiver::Error::listenerStartFailed(describe(error));
+        }
+    }
+
+    [[nodiscard]] platform::Path downloads(const Host& host) const {
+        return directory_.empty() ? host.system.directories.downloads : platform::Path(directory_);
+    }
+
+    std::uint16_t port_ = defaultPort;
+    CLI::Option* portOption_ = nullptr; ///< the parser's
+    std::string directory_;
+    std::string accept_ = "always";
+    bool leavesClipboard_ = false;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeServeCommand(CLI::App& program) {
+    return std::make_unique<ServeCommand>(program);
+}
+
+} // namespace orlinth::host

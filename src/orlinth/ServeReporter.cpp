@@ -1,0 +1,216 @@
+#include "orlinth/ServeReporter.h"
+
+#include "OrlinthCore/Receiving/PasteboardWriter.h"
+#include "base/Text.h"
+#include "orlinth/Hints.h"
+#include "orlinth/HumanText.h"
+#include "orlinth/ReceivedFields.h"
+#include "orlinth/SharedPeers.h"
+#include "orlinth/Terminal.h"
+#include "platform/SystemError.h"
+#include "platform/linux/ChildProcess.h"
+
+#include <asio/post.hpp>
+
+#include <unistd.h>
+#include <utility>
+
+namespace orlinth::host {
+
+namespace {
+
+constexpr std::size_t shortKeyCharacters = 12;
+
+std::string sizeOfText(const std::string& text) {
+    return humanSize(static_cast<std::int64_t>(text.size())) + " of text";
+}
+
+/// Opens a file or folder with the program that the desktop has for it, which then lives on without us.
+void openOnDesktop(const platform::Path& path, platform::Log& log) {
+    try {
+        static_cast<void>(platform::runChild({.name = "setsid",
+                                              .package = "util-linux",
+                                              .arguments = {"--fork", "xdg-open", path.string()},
+                                              .input = {}}));
+    } catch (const std::exception& error) {
+        log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "serve", "cannot open: " + describe(error));
+    }
+}
+
+/// What the two kinds of a new name have in common.
+template <typename Renamed>
+void tellName(Output& output, const char* event, const Renamed& renamed) {
+    output.event(event, {{"name", renamed.name}, {"from", renamed.from}});
+    output.result(madeVisible(renamed.from) + " is now called " + madeVisible(renamed.name));
+}
+
+bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
+    return one && other && one->inode == other->inode && one->modifiedNanoseconds == other->modifiedNanoseconds &&
+           one->size == other->size;
+}
+
+} // namespace
+
+ServeReporter::ServeReporter(Host& host, bool writesClipboard)
+    : host_(host),
+      writesClipboard_(writesClipboard),
+      clipboardChores_(host.system.network, "orlinth.serve.clipboard"),
+      sharing_(host.system.network, "orlinth.serve.sharing"),
+      clipboardLog_(host),
+      strangers_(host.system.clock, host.tasks.executor(), [&output = host.output](std::int64_t untold) {
+          output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");
+      }) {}
+
+Receiver::Callbacks ServeReporter::callbacks() {
+    return {.onListening =
+                [this](std::uint16_t port) {
+                    host_.output.event("listening", {{"port", port}});
+                    host_.output.message("listening on port " + std::to_string(port));
+                },
+            .onTransfer = [this](const Receiver::File& file) { tellFile(file); },
+            .onClipboard = [this](const Receiver::Clipboard& clipboard) { tellClipboard(clipboard); },
+            .onSync = [this](const Receiver::ProcessOutcome& outcome) { tellSync(outcome); },
+            .onError = [this](const Receiver::Failure& failure) { tellFailure(failure); },
+            .onAuthenticated = [this](const PeerRecord&) { sharePeers(); }};
+}
+
+void ServeReporter::tellHowMany(std::size_t pairedPhones) {
+    if (pairedPhones == 0) {
+        host_.output.message("No phone is paired yet. `orlinth pair` pairs one, also while this runs.");
+    }
+}
+
+Task<> ServeReporter::finish() {
+    strangers_.finish();
+    co_await clipboardChores_.finish();
+    co_await sharing_.finish();
+}
+
+void ServeReporter::tellFile(const Receiver::File& file) {
+    Json fields = receivedFields(file.file);
+    fields["from"] = file.from;
+    host_.output.event("received", std::move(fields));
+    host_.output.result("received " + visiblePath(file.file) + " from " + madeVisible(file.from) + " (" +
+                        receivedFigures(file.file) + ")");
+    if (const std::string remark = remarkOnSize(file.file); !remark.empty()) {
+        host_.output.message(remark);
+    }
+    notifyOfFile(file);
+}
+
+void ServeReporter::tellClipboard(const Receiver::Clipboard& clipboard) {
+    host_.output.event("clipboard", {{"text", clipboard.text}, {"from", clipboard.from}});
+    // A line may end up in a log, where a text, which may be a password, has no business.
+    std::string line = "received " + sizeOfText(clipboard.text) + " from " + madeVisible(clipboard.from);
+    if (!writesClipboard_ && isTerminal(STDOUT_FILENO)) {
+        line += ": " + madeVisible(clipboard.text);
+    }
+    host_.output.result(line);
+    if (writesClipboard_) {
+        platform::System system = host_.system;
+        platform::System desktop{.network = system.network,
+                                 .clock = system.clock,
+                                 .files = system.files,
+                                 .mimeTypes = system.mimeTypes,
+                                 .log = clipboardLog_,
+                                 .https = system.https,
+                                 .clipboard = system.clipboard,
+                                 .interfaces = system.interfaces,
+                                 .services = system.services,
+                                 .local = system.local,
+                                 .notifications = system.notifications,
+                                 .directories = system.directories,
+                                 .mainQueue = clipboardChores_.queue()}; // the clipboard's programs may take seconds
+        PasteboardWriter::write(desktop, clipboard.text);
+    }
+    notifyOfClipboard(clipboard);
+}
+
+void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
+    Output& output = host_.output;
+    if (const auto* name = std::get_if<Receiver::SetName>(&outcome)) {
+        tellName(output, "set_name", *name);
+    } else if (const auto* update = std::get_if<Receiver::NameUpdate>(&outcome)) {
+        tellName(output, "name_update", *update);
+    } else if (const auto* unpair = std::get_if<Receiver::Unpair>(&outcome)) {
+        output.event("unpair", {{"from", unpair->from}, {"peer_pubkey", unpair->peerPubkey}});
+        output.result(madeVisible(unpair->from) + " has removed this computer, and is forgotten here");
+    } else if (const auto* replied = std::get_if<Receiver::UnpairReplied>(&outcome)) {
+        output.event("unpair_replied",
+                     {{"peer_pubkey", replied->peerPubkey}, {"remote_endpoint", replied->remoteEndpoint}});
+        output.result("told a phone that was removed here so, key " +
+                      firstCharacters(replied->peerPubkey, shortKeyCharacters) + ", at " + replied->remoteEndpoint);
+    } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
+        output.event("declined", {{"from", declined->from}, {"name", declined->name}});
+        const std::string from = madeVisible(declined->from);
+        output.result(declined->name.empty() ? from + " has declined"
+                                             : "declined " + madeVisible(declined->name) + " from " + from);
+    }
+    sharePeers();
+}
+
+void ServeReporter::tellFailure(const Receiver::Failure& failure) {
+    if (failure.from.empty() && !strangers_.admits()) {
+        return;
+    }
+    Json context{{"remote_endpoint", failure.remoteEndpoint}};
+    if (!failure.from.empty()) {
+        context["from"] = failure.from;
+    }
+    host_.output.failure(describe(failure.error), hintForConnection(failure), std::move(context));
+}
+
+void ServeReporter::notifyOfFile(const Receiver::File& file) {
+    if (!host_.system.notifications.isAvailable()) {
+        return;
+    }
+    const platform::Path path = absolute(file.file.savedAt);
+    // holds nothing of ours: the desktop may answer at any time
+    auto onAnswer = [queue = clipboardChores_.queue(), path, &log = host_.system.log](const std::string& key) {
+        if (key == "open" || key == "show") {
+            asio::post(queue, [path = key == "open" ? path : path.parent_path(), &log] { openOnDesktop(path, log); });
+        }
+    };
+    host_.system.notifications.show({.title = "File from " + madeVisible(file.from),
+                                     .body = madeVisible(path.filename().string()),
+                                     .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
+                                    host_.tasks.executor(), std::move(onAnswer));
+}
+
+void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
+    if (host_.system.notifications.isAvailable()) {
+        const std::string where = writesClipboard_ ? ", on the clipboard" : "";
+        host_.system.notifications.show({.title = "Text from " + madeVisible(clipboard.from),
+                                         .body = sizeOfText(clipboard.text) + where,
+                                         .actions = {}},
+                                        host_.tasks.executor(), {});
+    }
+}
+
+void ServeReporter::sharePeers() {
+    sharing_.add([this] {
+        std::optional<platform::FileStatus> now;
+        try {
+            now = host_.system.files.status(host_.peers().fileURL());
+        } catch (const platform::SystemError&) {
+            return; // the list is a convenience, and the next change writes it anew
+        }
+        if (!isSame(sharedPeers_, now)) {
+            updateSharedPeers(host_);
+            sharedPeers_ = now;
+        }
+    });
+}
+
+void ServeReporter::ClipboardLog::write(platform::LogLevel level, std::string_view subsystem, std::string_view category,
+                                        std::string_view message) noexcept {
+    host_.system.log.write(level, subsystem, category, message);
+    try {
+        asio::post(host_.tasks.executor(),
+                   [&output = host_.output, text = std::string(message)] { output.message(text); });
+    } catch (...) {
+        // Only memory can run out here, and the log has it.
+    }
+}
+
+} // namespace orlinth::host

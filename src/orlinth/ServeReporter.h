@@ -1,0 +1,57 @@
+#pragma once
+
+#include "OrlinthCore/Receiving/Receiver.h"
+#include "orlinth/Chores.h"
+#include "orlinth/Host.h"
+#include "orlinth/StrangerLimit.h"
+#include "platform/Log.h"
+
+namespace orlinth::host {
+
+/// Turns what happens in the receive service into events, lines, notifications of the desktop, the clipboard's content
+/// and the share sheet's list. On the thread of `main`, but for what blocks.
+class ServeReporter {
+public:
+    /// `host` outlives this.
+    ServeReporter(Host& host, bool writesClipboard);
+    ServeReporter(const ServeReporter&) = delete;
+    ServeReporter& operator=(const ServeReporter&) = delete;
+
+    /// For Receiver::run(), which this object outlives.
+    [[nodiscard]] Receiver::Callbacks callbacks();
+    /// Tells of phones that are known, at the start.
+    void tellHowMany(std::size_t pairedPhones);
+    /// Waits for what is still to be done on other threads. The last call.
+    [[nodiscard]] Task<> finish();
+
+private:
+    /// The log of those who write the clipboard; its errors are told as messages too.
+    class ClipboardLog final : public platform::Log {
+    public:
+        explicit ClipboardLog(Host& host) : host_(host) {}
+        void write(platform::LogLevel level, std::string_view subsystem, std::string_view category,
+                   std::string_view message) noexcept override;
+
+    private:
+        Host& host_;
+    };
+
+    void tellFile(const Receiver::File& file);
+    void tellClipboard(const Receiver::Clipboard& clipboard);
+    void tellSync(const Receiver::ProcessOutcome& outcome);
+    void tellFailure(const Receiver::Failure& failure);
+    void notifyOfFile(const Receiver::File& file);
+    void notifyOfClipboard(const Receiver::Clipboard& clipboard);
+    /// Brings the share sheet's list in step, if the peer store has changed since that was last done.
+    void sharePeers();
+
+    Host& host_;
+    bool writesClipboard_;
+    Chores clipboardChores_;
+    Chores sharing_;
+    ClipboardLog clipboardLog_;
+    StrangerLimit strangers_;
+    std::optional<platform::FileStatus> sharedPeers_; ///< the peer store's file then; on the queue of `sharing_`
+};
+
+} // namespace orlinth::host

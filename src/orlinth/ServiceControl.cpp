@@ -1,0 +1,325 @@
+#include "orlinth/ServiceControl.h"
+
+#include "platform/Cancelled.h"
+#include "platform/Deadline.h"
+#include "platform/Spawn.h"
+#include "platform/SystemError.h"
+
+#include <asio/post.hpp>
+#include <asio/this_coro.hpp>
+
+#include <limits>
+
+namespace orlinth::host {
+namespace {
+
+constexpr const char* socketName = "service.sock";
+constexpr std::size_t maxLine = 4096;
+/// Seconds for a whole request to come, and for a whole answer.
+constexpr double lineLimit = 5;
+/// Seconds that a borrower waits for an answer: the service may have others to get rid of first.
+constexpr double borrowerLimit = 3 * lineLimit;
+/// Connections at once; whoever comes further waits.
+constexpr std::size_t maxConversations = 16;
+/// Seconds between two looks at something that is about to change.
+constexpr double lookSeconds = 0.01;
+/// Seconds between two attempts to open the port again.
+constexpr double retrySeconds = 1;
+constexpr double restSeconds = 0.1;
+
+constexpr const char* requestKey = "request";
+constexpr const char* lendRequest = "lend_port";
+constexpr const char* portKey = "port";
+constexpr const char* lentKey = "lent";
+constexpr const char* errorKey = "error";
+
+/// `operation` outlives the call, whose caller awaits it in the expression that makes it.
+template <typename T>
+Task<T> within(platform::Clock& clock, double limit, Task<T> operation) {
+    OneShot<T> outcome;
+    co_await platform::settleFirst(outcome, clock, limit, std::make_exception_ptr(HostError("no answer in time")),
+                                   std::move(operation));
+    co_return outcome.take();
+}
+
+/// Without the line end, and not a byte further: a socket may follow.
+Task<std::string> readLine(platform::Stream& stream) {
+    std::string line;
+    for (;;) {
+        std::byte next{};
+        const std::size_t count = co_await stream.readExact(MutableBytes(&next, 1));
+        if (count == 0) {
+            throw HostError("the connection has ended");
+        }
+        if (next == std::byte{'\n'}) {
+            co_return line;
+        }
+        if (line.size() == maxLine) {
+            throw HostError("a line is too long");
+        }
+        line += static_cast<char>(next);
+    }
+}
+
+Task<bool> writeLine(platform::Stream& stream, std::string line) {
+    line += '\n';
+    co_await stream.writeAll(asBytes(line));
+    co_return true;
+}
+
+Task<> sendLine(platform::Stream& stream, platform::Clock& clock, Json value) {
+    co_await within(clock, lineLimit, writeLine(stream, compactJson(value)));
+}
+
+/// Until the other end closes; what it says meanwhile means nothing.
+Task<> untilItEnds(platform::Stream& stream) {
+    std::byte ignored{};
+    std::size_t count = 1;
+    while (count != 0) {
+        count = co_await stream.readExact(MutableBytes(&ignored, 1));
+    }
+}
+
+std::optional<std::uint16_t> portIn(const Json& object) {
+    if (!object.is_object() || !object.contains(portKey)) {
+        return std::nullopt;
+    }
+    const std::int64_t number = requireInt64(object, portKey);
+    if (number < 1 || number > std::numeric_limits<std::uint16_t>::max()) {
+        throw HostError("a port that is none");
+    }
+    return static_cast<std::uint16_t>(number);
+}
+
+} // namespace
+
+void ServiceControl::start(std::uint16_t port) {
+    port_ = port;
+    runs_ = true;
+    platform::spawn(host_.tasks.executor(), run(), stop_.slot(), [this](const std::exception_ptr& error) {
+        runs_ = false;
+        try {
+            std::rethrow_exception(error);
+        } catch (const std::exception& failure) {
+            if (!platform::isCancellation(failure)) {
+                host_.output.message(describe(failure) + "; `orlinth pair` cannot use the service's port");
+            }
+        }
+    });
+}
+
+Task<> ServiceControl::finish() {
+    stop_.emit(asio::cancellation_type::terminal);
+    while (runs_) {
+        co_await host_.system.clock.sleep(lookSeconds);
+    }
+}
+
+/// Ends by an exception only.
+Task<> ServiceControl::run() {
+    const Executor executor = co_await asio::this_coro::executor;
+    std::unique_ptr<platform::Listener> listener =
+        host_.system.local.listen(host_.dataDirectory() / socketName, executor);
+    std::exception_ptr failure;
+    try {
+        co_await acceptAll(*listener);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    listener.reset();
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    for (asio::cancellation_signal& stop : conversations_) {
+        stop.emit(asio::cancellation_type::terminal);
+    }
+    while (!conversations_.empty()) { // they refer to this object
+        co_await host_.system.clock.sleep(lookSeconds);
+    }
+    std::rethrow_exception(failure);
+}
+
+Task<> ServiceControl::acceptAll(platform::Listener& listener) {
+    const Executor executor = co_await asio::this_coro::executor;
+    for (;;) {
+        double rest = 0;
+        try {
+            std::unique_ptr<platform::Stream> stream = co_await listener.accept(executor);
+            begin(std::move(stream), executor);
+        } catch (const platform::SystemError& error) {
+            const bool isShort = error.code() == std::errc::too_many_files_open ||
+                                 error.code() == std::errc::too_many_files_open_in_system ||
+                                 error.code() == std::errc::no_buffer_space ||
+                                 error.code() == std::errc::not_enough_memory;
+            if (!isShort) {
+                throw;
+            }
+            rest = restSeconds; // that passes
+        }
+        if (rest > 0) {
+            co_await host_.system.clock.sleep(rest);
+        }
+        while (conversations_.size() >= maxConversations) {
+            co_await host_.system.clock.sleep(lookSeconds);
+        }
+    }
+}
+
+void ServiceControl::begin(std::unique_ptr<platform::Stream> stream, const Executor& executor) {
+    const auto place = conversations_.emplace(conversations_.end());
+    platform::spawn(
+        executor, answer(std::move(stream)), place->slot(), [this, place, executor](const std::exception_ptr& error) {
+            if (error && !lent_) {
+                // somebody went away in the middle of a sentence, or we are ending: nobody to tell
+                host_.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", describe(error));
+            }
+            // not here, where the signal's slot may still be in use
+            asio::post(executor, [this, place] { conversations_.erase(place); });
+        });
+}
+
+Task<> ServiceControl::answer(std::unique_ptr<platform::Stream> stream) {
+    platform::Clock& clock = host_.system.clock;
+    Json reply;
+    bool isForLoan = false;
+    try {
+        const std::string line = co_await within(clock, lineLimit, readLine(*stream));
+        const Json request = parseJson(line);
+        const std::optional<std::uint16_t> wanted = portIn(request);
+        if (requireString(request, requestKey) != lendRequest) {
+            reply[errorKey] = "unknown request";
+        } else if (wanted && *wanted != port_) {
+            reply = Json{{portKey, port_}, {lentKey, false}};
+        } else if (lent_) {
+            reply[errorKey] = "the port is lent already";
+        } else {
+            isForLoan = true;
+        }
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        reply[errorKey] = describe(error);
+    }
+    if (isForLoan) {
+        co_await lend(*stream);
+    } else {
+        co_await sendLine(*stream, clock, std::move(reply));
+    }
+}
+
+/// From stepping aside to coming back.
+Task<> ServiceControl::lend(platform::Stream& stream) {
+    lent_ = true;
+    Json problem;
+    try {
+        co_await receiver_.stepAside();
+        co_await handOver(stream);
+        co_await untilItEnds(stream);
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw; // the service ends, and the port with it
+        }
+        problem[errorKey] = describe(error);
+    }
+    if (!problem.is_null()) {
+        try {
+            co_await sendLine(stream, host_.system.clock, std::move(problem));
+        } catch (const platform::SystemError&) {
+            // the borrower is gone, which is how most loans end that do not end well
+        } catch (const HostError&) {
+            // or does not read
+        }
+    }
+    co_await takeBack();
+    lent_ = false;
+}
+
+Task<> ServiceControl::handOver(platform::Stream& stream) {
+    const Executor executor = co_await asio::this_coro::executor;
+    const std::unique_ptr<platform::Listener> port =
+        host_.system.network.listen({.port = port_, .keepAlive = std::nullopt}, executor);
+    co_await sendLine(stream, host_.system.clock, Json{{portKey, port_}});
+    co_await host_.system.local.sendPort(stream, *port);
+}
+
+/// Until it has worked. The port may be in use for a moment, by whoever has borrowed it.
+Task<> ServiceControl::takeBack() {
+    bool isTold = false;
+    for (;;) {
+        std::string problem;
+        try {
+            co_await receiver_.comeBack();
+            co_return;
+        } catch (const Receiver::Error& error) {
+            problem = error.description();
+        }
+        if (!isTold) {
+            isTold = true;
+            host_.output.message(problem + "; trying again until it works");
+        }
+        co_await host_.system.clock.sleep(retrySeconds);
+    }
+}
+
+namespace {
+
+/// Null where nobody listens.
+Task<std::unique_ptr<platform::Stream>> connectToService(Host& host) {
+    const Executor executor = co_await asio::this_coro::executor;
+    try {
+        co_return co_await host.system.local.connect(host.dataDirectory() / socketName, executor);
+    } catch (const platform::SystemError& error) {
+        if (error.code() == std::errc::no_such_file_or_directory || error.code() == std::errc::connection_refused) {
+            co_return nullptr;
+        }
+        throw;
+    }
+}
+
+Task<std::unique_ptr<platform::Listener>> receivePort(Host& host, platform::Stream& stream) {
+    const Executor executor = co_await asio::this_coro::executor;
+    co_return co_await host.system.local.receivePort(stream, executor);
+}
+
+HostError notLent(const std::string& text) {
+    return HostError("the running service does not lend its port: " + text,
+                     "Is another pairing under way? `--port 0` takes a port that is free.");
+}
+
+} // namespace
+
+Task<std::optional<BorrowedPort>> BorrowedPort::borrow(Host& host, std::optional<std::uint16_t> wanted) {
+    platform::Clock& clock = host.system.clock;
+    std::string problem;
+    try {
+        std::unique_ptr<platform::Stream> stream = co_await connectToService(host);
+        if (!stream) {
+            co_return std::nullopt;
+        }
+        Json request{{requestKey, lendRequest}};
+        if (wanted) {
+            request[portKey] = *wanted;
+        }
+        co_await sendLine(*stream, clock, std::move(request));
+        const std::string line = co_await within(clock, borrowerLimit, readLine(*stream));
+        const Json reply = parseJson(line);
+        const std::optional<std::string> refusal = optionalString(reply, errorKey);
+        const std::optional<std::uint16_t> port = portIn(reply);
+        if (refusal || !port) {
+            problem = refusal.value_or("its answer makes no sense");
+        } else if (wanted && *wanted != *port) {
+            co_return std::nullopt;
+        } else {
+            std::unique_ptr<platform::Listener> listener =
+                co_await within(clock, borrowerLimit, receivePort(host, *stream));
+            co_return BorrowedPort(std::move(stream), *port, std::move(listener));
+        }
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    throw notLent(problem);
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstddef>
+
+/// What a service tells whoever manages it (systemd, or anybody who has set NOTIFY_SOCKET as sd_notify(3) says).
+/// Without one the calls do nothing, and none fails. On the main thread.
+namespace orlinth::platform {
+
+/// The service does its work from now on.
+void tellServiceReady() noexcept;
+/// For people who ask how the service is: how many phones it serves.
+void tellServiceStatus(std::size_t phones) noexcept;
+void tellServiceStopping() noexcept;
+
+} // namespace orlinth::platform

@@ -1,0 +1,315 @@
+#include "platform/linux/LinuxLocalNetwork.h"
+
+#include "platform/Cancelled.h"
+#include "platform/SystemError.h"
+#include "platform/linux/SocketStream.h"
+#include "platform/linux/TcpListener.h"
+
+#include <asio/local/stream_protocol.hpp>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
+
+namespace orlinth::platform {
+namespace {
+
+using Local = asio::local::stream_protocol;
+
+/// Connections that may wait to be accepted.
+constexpr int backlog = 32;
+
+/// An open file, closed with the object.
+class Descriptor {
+public:
+    explicit Descriptor(int number) : number_(number) {
+        if (number_ == -1) {
+            throw SystemError::fromErrno();
+        }
+    }
+    ~Descriptor() {
+        if (number_ != -1) {
+            ::close(number_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    [[nodiscard]] int get() const noexcept { return number_; }
+    [[nodiscard]] int release() noexcept { return std::exchange(number_, -1); }
+
+private:
+    int number_;
+};
+
+/// The name of a socket for the kernel, which takes about a hundred bytes: by way of its folder's descriptor a path of
+/// any length fits.
+class SocketName {
+public:
+    /// @throws SystemError if there is no such folder
+    explicit SocketName(const Path& path)
+        : folder_(
+              ::open(path.parent_path().empty() ? "." : path.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+          name_(path.filename()) {
+        const std::string text = path.native().size() < sizeof address_.sun_path
+                                     ? path.native()
+                                     : "/proc/self/fd/" + std::to_string(folder_.get()) + "/" + name_;
+        if (name_.empty() || text.size() >= sizeof address_.sun_path) {
+            throw SystemError::fromErrno(ENAMETOOLONG);
+        }
+        address_.sun_family = AF_UNIX;
+        std::memcpy(address_.sun_path, text.data(), text.size());
+    }
+
+    [[nodiscard]] const sockaddr* address() const noexcept { return reinterpret_cast<const sockaddr*>(&address_); }
+    [[nodiscard]] static constexpr socklen_t size() noexcept { return sizeof(sockaddr_un); }
+    [[nodiscard]] int folder() const noexcept { return folder_.get(); }
+    [[nodiscard]] const std::string& name() const noexcept { return name_; }
+
+private:
+    Descriptor folder_;
+    std::string name_;
+    sockaddr_un address_{};
+};
+
+int newSocket() noexcept {
+    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+/// 0, or the errno of a connection to this name.
+int tryConnect(int socket, const SocketName& name) noexcept {
+    for (;;) {
+        if (::connect(socket, name.address(), SocketName::size()) == 0) {
+            return 0;
+        }
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+}
+
+class LocalStream final : public SocketStream<Local::socket> {
+public:
+    explicit LocalStream(Local::socket socket) : SocketStream(std::move(socket), "this computer") {}
+
+    [[nodiscard]] std::string localAddress() const override { return {}; }
+
+    [[nodiscard]] Task<> sendDescriptor(int number) {
+        std::byte mark{};
+        iovec data{.iov_base = &mark, .iov_len = 1};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        msghdr message{};
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(header), &number, sizeof number);
+        while (::sendmsg(openSocket(), &message, MSG_NOSIGNAL) < 0) {
+            if (errno == EAGAIN) {
+                co_await waitUntilReady(socket(), Local::socket::wait_write, "connection");
+            } else if (errno != EINTR) {
+                throw SystemError::fromErrno();
+            }
+        }
+    }
+
+    /// The descriptor is the caller's.
+    [[nodiscard]] Task<int> receiveDescriptor() {
+        std::byte mark{};
+        iovec data{.iov_base = &mark, .iov_len = 1};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        msghdr message{};
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        ssize_t count = -1;
+        while ((count = ::recvmsg(openSocket(), &message, MSG_CMSG_CLOEXEC)) < 0) {
+            if (errno == EAGAIN) {
+                co_await waitUntilReady(socket(), Local::socket::wait_read, "connection");
+            } else if (errno != EINTR) {
+                throw SystemError::fromErrno();
+            }
+        }
+        const cmsghdr* header = CMSG_FIRSTHDR(&message);
+        if (count == 0 || header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS ||
+            header->cmsg_len != CMSG_LEN(sizeof(int))) {
+            throw SystemError("no socket was passed");
+        }
+        int number = -1;
+        std::memcpy(&number, CMSG_DATA(header), sizeof number);
+        co_return number;
+    }
+
+private:
+    [[nodiscard]] int openSocket() {
+        if (!socket().is_open()) {
+            throw SystemError("connection cancelled");
+        }
+        return socket().native_handle();
+    }
+};
+
+class LocalListener final : public Listener {
+public:
+    LocalListener(const Path& path, const Executor& executor) : name_(path), acceptor_(executor) {
+        // Two that start at once would both find a dead socket, and the slower one would remove the other's.
+        const Descriptor lock(::openat(name_.folder(), (name_.name() + ".lock").c_str(),
+                                       O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+        while (::flock(lock.get(), LOCK_EX) != 0) {
+            if (errno != EINTR) {
+                throw SystemError::fromErrno();
+            }
+        }
+        removeDeadSocket();
+        Descriptor socket(newSocket());
+        // before it has a name: the kernel gives the file these permissions, so that nobody else ever gets in
+        struct stat status{};
+        if (::fchmod(socket.get(), S_IRUSR | S_IWUSR) != 0 ||
+            ::bind(socket.get(), name_.address(), SocketName::size()) != 0 || ::listen(socket.get(), backlog) != 0 ||
+            ::fstatat(name_.folder(), name_.name().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            throw SystemError::fromErrno();
+        }
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
+        std::error_code code;
+        static_cast<void>(acceptor_.assign(Local(), socket.get(), code));
+        if (code) {
+            throw SystemError(code);
+        }
+        static_cast<void>(socket.release());
+    }
+
+    ~LocalListener() override { LocalListener::close(); }
+    LocalListener(const LocalListener&) = delete;
+    LocalListener& operator=(const LocalListener&) = delete;
+
+    Task<std::unique_ptr<Stream>> accept(Executor executor) override {
+        for (;;) {
+            if (closed_) {
+                throw SystemError("listener cancelled");
+            }
+            const int number = ::accept4(acceptor_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            if (number != -1) {
+                Descriptor accepted(number);
+                Local::socket socket(executor);
+                std::error_code code;
+                static_cast<void>(socket.assign(Local(), accepted.get(), code));
+                if (code) {
+                    throw SystemError(code);
+                }
+                static_cast<void>(accepted.release());
+                co_return std::make_unique<LocalStream>(std::move(socket));
+            }
+            if (errno == EAGAIN) {
+                co_await waitUntilReady(acceptor_, Local::acceptor::wait_read, "listener");
+            } else if (errno != EINTR && errno != ECONNABORTED) {
+                throw SystemError::fromErrno();
+            }
+        }
+    }
+
+    std::uint16_t port() const noexcept override { return 0; }
+
+    void close() noexcept override {
+        if (closed_) {
+            return;
+        }
+        closed_ = true;
+        // The name first: as long as we answer, nobody takes it over. Somebody may have removed it, though.
+        struct stat status{};
+        if (::fstatat(name_.folder(), name_.name().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            status.st_dev == device_ && status.st_ino == inode_) {
+            ::unlinkat(name_.folder(), name_.name().c_str(), 0); // a name that stays is replaced by the next listener
+        }
+        std::error_code ignored; // the socket is closed in any case
+        static_cast<void>(acceptor_.close(ignored));
+    }
+
+private:
+    void removeDeadSocket() {
+        const Descriptor probe(newSocket());
+        switch (const int code = tryConnect(probe.get(), name_)) {
+        case ENOENT:
+            return;
+        case ECONNREFUSED: // also what a file of another kind answers, which bind() then refuses to replace
+            removeSocket();
+            return;
+        case 0:
+        case EAGAIN: // somebody listens, who has much to do
+            throw SystemError::fromErrno(EADDRINUSE);
+        default:
+            throw SystemError::fromErrno(code);
+        }
+    }
+
+    void removeSocket() {
+        struct stat status{};
+        if (::fstatat(name_.folder(), name_.name().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISSOCK(status.st_mode) && ::unlinkat(name_.folder(), name_.name().c_str(), 0) != 0 && errno != ENOENT) {
+            throw SystemError::fromErrno();
+        }
+    }
+
+    SocketName name_;
+    Local::acceptor acceptor_;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+    bool closed_ = false;
+};
+
+/// Streams and listeners of other kinds have no descriptor to pass.
+template <typename Wanted, typename Given>
+Wanted& requireKind(Given& given) {
+    auto* wanted = dynamic_cast<Wanted*>(&given);
+    if (wanted == nullptr) {
+        throw SystemError::fromErrno(EOPNOTSUPP);
+    }
+    return *wanted;
+}
+
+} // namespace
+
+std::unique_ptr<Listener> LinuxLocalNetwork::listen(const Path& path, Executor executor) {
+    return std::make_unique<LocalListener>(path, executor);
+}
+
+Task<std::unique_ptr<Stream>> LinuxLocalNetwork::connect(Path path, Executor executor) {
+    const SocketName name(path);
+    Descriptor descriptor(newSocket());
+    const int failure = tryConnect(descriptor.get(), name); // never waits
+    if (failure != 0) {
+        throw SystemError::fromErrno(failure);
+    }
+    Local::socket socket(executor);
+    std::error_code code;
+    static_cast<void>(socket.assign(Local(), descriptor.get(), code));
+    if (code) {
+        throw SystemError(code);
+    }
+    static_cast<void>(descriptor.release());
+    co_return std::make_unique<LocalStream>(std::move(socket));
+}
+
+Task<> LinuxLocalNetwork::sendPort(Stream& stream, const Listener& port) {
+    const int descriptor = requireKind<const TcpListener>(port).descriptor();
+    co_await requireKind<LocalStream>(stream).sendDescriptor(descriptor);
+}
+
+Task<std::unique_ptr<Listener>> LinuxLocalNetwork::receivePort(Stream& stream, Executor executor) {
+    const int descriptor = co_await requireKind<LocalStream>(stream).receiveDescriptor();
+    co_return std::make_unique<TcpListener>(descriptor, std::nullopt, executor);
+}
+
+} // namespace orlinth::platform

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "platform/LocalNetwork.h"
+
+namespace orlinth::platform {
+
+/// Unix stream sockets.
+class LinuxLocalNetwork final : public LocalNetwork {
+public:
+    [[nodiscard]] std::unique_ptr<Listener> listen(const Path& path, Executor executor) override;
+    [[nodiscard]] Task<std::unique_ptr<Stream>> connect(Path path, Executor executor) override;
+    [[nodiscard]] Task<> sendPort(Stream& stream, const Listener& port) override;
+    [[nodiscard]] Task<std::unique_ptr<Listener>> receivePort(Stream& stream, Executor executor) override;
+};
+
+} // namespace orlinth::platform

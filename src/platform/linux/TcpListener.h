@@ -1,0 +1,54 @@
+#pragma once
+
+#include "platform/Network.h"
+#include "platform/linux/SocketStream.h"
+
+#include <asio/ip/tcp.hpp>
+
+#include <optional>
+
+namespace orlinth::platform {
+
+/// @throws SystemError
+void setSocketOption(int socket, int level, int name, int value);
+
+/// Opens a socket that programs started from here do not inherit. @throws SystemError
+void openTcpSocket(asio::ip::tcp::socket& socket, const asio::ip::tcp& protocol);
+
+/// A connection over TCP.
+class TcpStream final : public SocketStream<asio::ip::tcp::socket> {
+public:
+    TcpStream(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& remote);
+    [[nodiscard]] std::string localAddress() const override;
+};
+
+/// A listening socket of the kernel.
+class TcpListener final : public Listener {
+public:
+    /// Opens a port as Network::listen() does. @throws SystemError
+    TcpListener(const ListenOptions& options, const Executor& executor);
+    /// Takes a socket that listens already, and owns it, also if this throws. It may be shared with others.
+    /// @throws SystemError if it is no listening TCP socket
+    TcpListener(int descriptor, std::optional<KeepAlive> keepAlive, const Executor& executor);
+
+    [[nodiscard]] Task<std::unique_ptr<Stream>> accept(Executor executor) override;
+    [[nodiscard]] std::uint16_t port() const noexcept override { return port_; }
+    void close() noexcept override;
+
+    /// The socket, which stays this object's; -1 once it is closed.
+    [[nodiscard]] int descriptor() const noexcept;
+    /// A further descriptor of the same socket, the caller's. @throws SystemError
+    [[nodiscard]] int duplicate() const;
+
+private:
+    void bindTo(std::uint16_t port, const Executor& executor);
+    [[nodiscard]] std::unique_ptr<Stream> adopt(int number, const Executor& executor);
+
+    asio::ip::tcp protocol_ = asio::ip::tcp::v6();
+    std::optional<asio::ip::tcp::acceptor> acceptor_;
+    std::optional<KeepAlive> keepAlive_;
+    std::uint16_t port_ = 0;
+    bool closed_ = false;
+};
+
+} // namespace orlinth::platform

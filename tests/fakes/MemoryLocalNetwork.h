@@ -1,0 +1,65 @@
+#pragma once
+
+#include "fakes/MemoryNetwork.h"
+#include "platform/LocalNetwork.h"
+#include "platform/SystemError.h"
+
+#include <cerrno>
+#include <map>
+
+namespace orlinth::fakes {
+
+/// Sockets by path, in memory. A test makes one of its own: nothing is seen by MemoryFileSystem.
+class MemoryLocalNetwork final : public platform::LocalNetwork {
+public:
+    explicit MemoryLocalNetwork(asio::io_context& context) : network_(context) {}
+
+    [[nodiscard]] std::unique_ptr<platform::Listener> listen(const platform::Path& path, Executor executor) override {
+        if (ports_.contains(path)) {
+            throw platform::SystemError::fromErrno(EADDRINUSE);
+        }
+        auto listener = network_.listen({}, std::move(executor));
+        ports_[path] = listener->port();
+        return std::make_unique<Named>(*this, path, std::move(listener));
+    }
+
+    [[nodiscard]] Task<std::unique_ptr<platform::Stream>> connect(platform::Path path, Executor executor) override {
+        const auto found = ports_.find(path);
+        if (found == ports_.end()) {
+            throw platform::SystemError::fromErrno(ENOENT);
+        }
+        co_return co_await network_.connect("localhost", found->second, std::move(executor));
+    }
+
+    [[nodiscard]] Task<> sendPort(platform::Stream& /*stream*/, const platform::Listener& /*port*/) override {
+        throw platform::SystemError::fromErrno(EOPNOTSUPP);
+    }
+    [[nodiscard]] Task<std::unique_ptr<platform::Listener>> receivePort(platform::Stream& /*stream*/,
+                                                                        Executor /*executor*/) override {
+        throw platform::SystemError::fromErrno(EOPNOTSUPP);
+    }
+
+private:
+    class Named final : public platform::Listener {
+    public:
+        Named(MemoryLocalNetwork& owner, platform::Path path, std::unique_ptr<platform::Listener> listener)
+            : owner_(owner), path_(std::move(path)), listener_(std::move(listener)) {}
+        ~Named() override { owner_.ports_.erase(path_); }
+
+        [[nodiscard]] Task<std::unique_ptr<platform::Stream>> accept(Executor executor) override {
+            return listener_->accept(std::move(executor));
+        }
+        [[nodiscard]] std::uint16_t port() const noexcept override { return listener_->port(); }
+        void close() noexcept override { listener_->close(); }
+
+    private:
+        MemoryLocalNetwork& owner_;
+        platform::Path path_;
+        std::unique_ptr<platform::Listener> listener_;
+    };
+
+    MemoryNetwork network_;
+    std::map<platform::Path, std::uint16_t> ports_;
+};
+
+} // namespace orlinth::fakes

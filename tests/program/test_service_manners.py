@@ -1,0 +1,360 @@
+"""How the receive service gets on with its service manager, and with other commands of the same data folder."""
+
+import contextlib
+import fcntl
+import json
+import os
+import signal
+import socket
+import sys
+import time
+import unittest
+
+from harness import MIB, ORLINTH, PATIENCE, Identity, ProgramTest, Running, sha256
+
+# Gives the sockets that the test has opened to the program, as a service manager does.
+LAUNCHER = """
+import os, sys
+numbers = [int(text) for text in sys.argv[1].split(",")]
+for place, number in enumerate(numbers):
+    os.dup2(number, 3 + place)
+    os.set_inheritable(3 + place, True)
+os.environ["LISTEN_FDS"] = str(len(numbers))
+os.environ["LISTEN_PID"] = str(os.getpid())
+os.execv(sys.argv[2], sys.argv[2:])
+"""
+
+
+class ServiceTest(ProgramTest):
+    def setUp(self):
+        super().setUp()
+        self.tablet = Identity(self.folder, "tablet")
+
+    def serve(self, identity=None, *arguments, program=(), port="0", **options):
+        identity = identity or self.mac
+        service = Running([*program, ORLINTH, "serve", "--port", port, "--dir", str(identity.downloads), "--json",
+                           *arguments], env=identity.environment, **options)
+        self.addCleanup(service.close)
+        return service
+
+    def listening(self, *arguments, **options):
+        service = self.serve(*arguments, **options)
+        service.port = service.events.wait_for("listening")["port"]
+        return service
+
+    def activated(self, *sockets, **options):
+        """The service, started with these sockets open."""
+        # beyond the places where they shall go, so that none is overwritten before it is moved
+        numbers = [os.dup(one.fileno()) for one in sockets]
+        high = [self.raised(number) for number in numbers]
+        try:
+            return self.serve(program=[sys.executable, "-c", LAUNCHER, ",".join(map(str, high))], pass_fds=high,
+                              **options)
+        finally:
+            for number in high:
+                os.close(number)
+
+    @staticmethod
+    def raised(number):
+        high = fcntl.fcntl(number, fcntl.F_DUPFD, 20)
+        os.close(number)
+        return high
+
+    def end(self, service):
+        service.signal(signal.SIGTERM)
+        self.assertEqual(0, service.wait(), service.stderr)
+
+    def pair(self, *arguments, identity=None):
+        return self.running(identity or self.mac, "pair", "--interface", "lo", "--no-advertise", "--yes", "--json",
+                            *arguments)
+
+    def pair_tablet(self, *arguments):
+        """One whole pairing; returns the port that the tablet was told."""
+        program = self.pair(*arguments)
+        payload = program.events.wait_for("payload")["payload"]
+        joined = self.tablet.run("join", "--payload", "-", "--yes", "--json", "--listen-port", "9",
+                                 input=json.dumps(payload))
+        self.assertEqual(0, joined.returncode, joined.stderr)
+        self.assertEqual(0, program.wait(), program.stderr)
+        self.assertIsNotNone(program.events.find("paired"))
+        return payload["peer_port"]
+
+    def deliver(self, service, identity, name):
+        """A file goes from this identity to the service, which is tried for a while: it may be coming back."""
+        identity.record(self.mac, service.port)
+        content = os.urandom(100_000)
+        file = self.file(name, content)
+        end = time.monotonic() + PATIENCE
+        sent = None
+        while sent is None or sent.returncode != 0 and time.monotonic() < end:
+            sent = identity.run("send", "--to", "mac", "--json", str(file))
+        self.assertEqual(0, sent.returncode, sent.stderr)
+        self.assert_arrived(service, file)
+
+    def assert_arrived(self, service, file):
+        """The service has told of this file, and its content is right."""
+        saved = str(self.mac.downloads / file.name)
+
+        def is_told():
+            return any(event["event"] == "received" and event["saved_at"] == saved for event in service.events.all)
+        with service.events.changed:
+            service.events.changed.wait_for(lambda: service.events.ended or is_told(), PATIENCE)
+        self.assertTrue(is_told(), service.events.all)
+        self.assertEqual(sha256(file), sha256(saved))
+
+    def control(self, identity=None):
+        connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.addCleanup(connection.close)
+        connection.settimeout(PATIENCE)
+        connection.connect(str((identity or self.mac).data / "Orlinth" / "service.sock"))
+        return connection
+
+    def ask(self, line, connection=None):
+        connection = connection or self.control()
+        connection.sendall(line)
+        answer = b""
+        while not answer.endswith(b"\n"):
+            byte = connection.recv(1)
+            self.assertTrue(byte, f"the connection ended after {answer}")
+            answer += byte
+        return json.loads(answer)
+
+
+class ServiceManagers(ServiceTest):
+    def test_are_told_when_the_port_is_open_how_many_phones_there_are_and_when_it_ends(self):
+        path = self.folder / "notify"
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as told:
+            told.settimeout(PATIENCE)
+            told.bind(str(path))
+            self.mac.environment["NOTIFY_SOCKET"] = str(path)
+            service = self.serve()
+            self.assertEqual(b"READY=1", told.recv(1000))
+            self.assertIsNotNone(service.events.wait_for("listening"))
+            self.assertEqual(b"STATUS=Receiving from 1 paired phone.", told.recv(1000))
+            self.end(service)
+            self.assertEqual(b"STOPPING=1", told.recv(1000))
+
+    def test_that_are_not_there_are_not_missed(self):
+        self.mac.environment["NOTIFY_SOCKET"] = str(self.folder / "nobody")
+        service = self.listening()
+        self.deliver(service, self.phone, "a.bin")
+        self.end(service)
+
+    def test_may_open_the_port_themselves(self):
+        for address in ("127.0.0.1", "::"):
+            with self.subTest(address=address):
+                family = socket.AF_INET6 if ":" in address else socket.AF_INET
+                with socket.create_server((address, 0), family=family, dualstack_ipv6=":" in address) as port:
+                    service = self.activated(port)
+                    service.port = service.events.wait_for("listening")["port"]
+                    self.assertEqual(port.getsockname()[1], service.port)
+                    self.deliver(service, self.phone, f"{len(address)}.bin")
+                    self.end(service)
+
+    def test_whose_port_stays_open_get_connections_served_that_came_between_two_services(self):
+        with socket.create_server(("127.0.0.1", 0)) as port:
+            first = self.activated(port)
+            first.port = first.events.wait_for("listening")["port"]
+            self.end(first)
+            self.phone.record(self.mac, first.port)
+            file = self.file("between.bin", os.urandom(100_000))
+            sender = self.running(self.phone, "send", "--to", "mac", "--json", "--attempt-timeout", str(PATIENCE),
+                                  str(file))
+            sender.events.wait_for("connected")
+            second = self.activated(port)
+            self.assertEqual(0, sender.wait(), sender.stderr)
+            self.assert_arrived(second, file)
+            self.end(second)
+
+    def test_that_open_something_else_are_told_so(self):
+        with contextlib.ExitStack() as open_sockets:
+            datagrams = open_sockets.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+            connected, _ = map(open_sockets.enter_context, socket.socketpair())
+            unbound = open_sockets.enter_context(socket.socket(socket.AF_INET, socket.SOCK_STREAM))
+            ports = [open_sockets.enter_context(socket.create_server(("127.0.0.1", 0))) for _ in range(2)]
+            text = "cannot use what the service manager has opened: "
+            for sockets, reason in (([datagrams], "descriptor 3 is no listening TCP socket"),
+                                    ([connected], "descriptor 3 is no listening TCP socket"),
+                                    ([unbound], "descriptor 3 is no listening TCP socket"),
+                                    (ports, "2 sockets were passed to the program instead of one")):
+                with self.subTest(reason=reason):
+                    service = self.activated(*sockets)
+                    self.assertEqual(1, service.wait())
+                    self.assert_one_line_error(service.stderr, text + reason)
+
+
+class PairingBesideTheService(ServiceTest):
+    def test_takes_the_services_port_and_gives_it_back_twice_in_a_row(self):
+        service = self.listening()
+        for attempt in range(2):
+            self.assertEqual(service.port, self.pair_tablet())
+            self.deliver(service, self.tablet, f"{attempt}.bin")
+        self.end(service)
+        self.assertEqual([], [event for event in service.events.all if event["event"] == "error"])
+
+    def test_works_on_a_port_that_the_service_manager_keeps_open(self):
+        with socket.create_server(("127.0.0.1", 0)) as port:
+            service = self.activated(port)
+            service.port = service.events.wait_for("listening")["port"]
+            for attempt in range(2):
+                self.assertEqual(service.port, self.pair_tablet())
+                self.deliver(service, self.tablet, f"{attempt}.bin")
+            self.end(service)
+
+    def test_may_ask_for_the_services_port_by_its_number(self):
+        service = self.listening()
+        self.assertEqual(service.port, self.pair_tablet("--port", str(service.port)))
+        self.deliver(service, self.tablet, "a.bin")
+
+    def test_on_another_port_leaves_the_service_where_it_is(self):
+        service = self.listening()
+        with socket.create_server(("127.0.0.1", 0)) as probe:
+            other = probe.getsockname()[1]
+        for port in ("0", str(other)):
+            program = self.pair("--port", port)
+            self.assertNotEqual(service.port, program.events.wait_for("payload")["payload"]["peer_port"])
+            self.deliver(service, self.phone, f"{port}.bin")
+            program.kill()
+
+    def test_that_is_killed_gives_the_port_back(self):
+        service = self.listening()
+        program = self.pair()
+        self.assertEqual(service.port, program.events.wait_for("payload")["payload"]["peer_port"])
+        program.kill()
+        self.deliver(service, self.phone, "a.bin")
+        self.end(service)
+
+    def test_that_is_interrupted_gives_the_port_back(self):
+        service = self.listening()
+        program = self.pair()
+        program.events.wait_for("payload")
+        program.signal(signal.SIGINT)
+        self.assertEqual(130, program.wait())
+        self.deliver(service, self.phone, "a.bin")
+
+    def test_twice_at_once_is_refused_with_a_reason(self):
+        service = self.listening()
+        first = self.pair()
+        first.events.wait_for("payload")
+        second = self.pair()
+        self.assertEqual(1, second.wait())
+        self.assert_one_line_error(second.stderr,
+                                   "the running service does not lend its port: the port is lent already")
+        first.kill()
+        self.deliver(service, self.phone, "a.bin")
+
+    def test_leaves_the_connections_that_are_there_alone(self):
+        service = self.listening()
+        relay = self.relay(service.port, bytes_per_second=2 * MIB, buffer=65536)
+        self.phone.record(self.mac, relay.port)
+        file = self.file("slow.bin", os.urandom(6 * MIB))
+        sender = self.running(self.phone, "send", "--to", "mac", "--json", str(file))
+        sender.events.wait_for("progress")
+        program = self.pair()
+        program.events.wait_for("payload")
+        self.assertIsNone(service.events.find("received"), "the file was there before the port was lent")
+        self.assertEqual(0, sender.wait(), sender.stderr)
+        self.assert_arrived(service, file)
+        program.kill()
+        self.deliver(service, self.phone, "a.bin")
+
+    def test_does_not_keep_the_service_from_ending(self):
+        service = self.listening()
+        program = self.pair()
+        program.events.wait_for("payload")
+        self.end(service)
+        self.assertIsNone(program.process.poll(), "the pairing goes on with the port that it has")
+
+    def test_works_in_a_folder_whose_path_is_too_long_for_a_socket(self):
+        far = Identity(self.folder, "/".join(["long" * 12] * 4) + "/far")
+        service = self.listening(far)
+        self.assertGreater(len(str(far.data / "Orlinth" / "service.sock")), 200)
+        program = self.pair(identity=far)
+        self.assertEqual(service.port, program.events.wait_for("payload")["payload"]["peer_port"])
+        program.kill()
+        self.end(service)
+
+
+class TheControlSocket(ServiceTest):
+    @property
+    def path(self):
+        return self.mac.data / "Orlinth" / "service.sock"
+
+    def test_is_the_users_own_and_goes_with_the_service(self):
+        service = self.listening()
+        self.control()
+        self.assertEqual(0o600, self.path.stat().st_mode & 0o777)
+        self.end(service)
+        self.assertFalse(self.path.exists())
+
+    def test_left_by_a_service_that_was_killed_is_replaced(self):
+        self.listening().kill()
+        self.assertTrue(self.path.is_socket())
+        with self.assertRaises(ConnectionRefusedError):
+            self.control()
+        program = self.pair("--port", "0")
+        program.events.wait_for("payload")
+        program.kill()
+        service = self.listening()
+        self.assertEqual(service.port, self.pair_tablet())
+
+    def test_takes_no_file_of_somebody_elses_away(self):
+        self.path.write_text("precious")
+        service = self.listening()
+        self.deliver(service, self.phone, "a.bin")
+        self.end(service)
+        self.assertEqual("precious", self.path.read_text())
+        self.assertIn("`orlinth pair` cannot use the service's port", service.stderr)
+
+    def test_answers_nonsense_with_an_error_and_lives(self):
+        service = self.listening()
+        for line in (b"\n", b"{\n", b"[]\n", b'{"request":5}\n', b'{"request":"lend_money"}\n', b"\xff\xfe\n",
+                     b'{"request":"lend_port","port":"x"}\n', b'{"request":"lend_port","port":70000}\n',
+                     b"[" * 4000 + b"\n", b"x" * 5000):
+            with self.subTest(line=line[:40]):
+                self.assertEqual(["error"], list(self.ask(line)))
+        self.control().close()
+        self.deliver(service, self.phone, "a.bin")
+
+    def test_lends_the_port_as_a_socket_behind_its_number(self):
+        service = self.listening()
+        with self.control() as connection:
+            self.assertEqual({"port": service.port}, self.ask(b'{"request":"lend_port"}\n', connection))
+            data, numbers, _, _ = socket.recv_fds(connection, 1, 1)
+            self.assertEqual((1, 1), (len(data), len(numbers)))
+            with socket.socket(fileno=numbers[0]) as port:
+                self.assertEqual(service.port, port.getsockname()[1])
+                with socket.create_connection(("127.0.0.1", service.port), PATIENCE):
+                    port.setblocking(True)
+                    port.accept()[0].close()
+        self.deliver(service, self.phone, "a.bin")
+
+    def test_of_a_service_that_has_another_port_says_which(self):
+        service = self.listening()
+        other = 1 if service.port != 1 else 2
+        self.assertEqual({"lent": False, "port": service.port},
+                         self.ask(b'{"request":"lend_port","port":%d}\n' % other))
+        self.deliver(service, self.phone, "a.bin")
+
+    def test_lets_many_that_say_nothing_wait_without_harm(self):
+        service = self.listening()
+        silent = [self.control() for _ in range(20)]
+        self.assertEqual(service.port, self.pair_tablet())
+        self.assertEqual(20, len(silent))
+
+
+class ASecondInstance(ServiceTest):
+    def test_of_a_folder_says_so(self):
+        self.listening()
+        second = self.serve()
+        self.assertEqual(1, second.wait())
+        self.assert_one_line_error(second.stderr, "the receive service is already running")
+
+    def test_of_another_folder_runs_beside(self):
+        self.listening()
+        other = self.listening(self.phone)
+        self.end(other)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,392 @@
+#include "OrlinthCore/Receiving/PartialMeta.h"
+#include "fakes/ReceiverWorld.h"
+
+#include <gmock/gmock.h>
+
+namespace orlinth {
+namespace {
+
+using fakes::ReceiverWorld;
+using fakes::ScriptedPeer;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Row = TransportMessage;
+
+const platform::Path folder = ReceiverWorld::folder;
+
+class ReceiverFrames : public testing::Test {
+protected:
+    ReceiverFrames() { world.putPeers({world.phoneRecord(), world.tabletRecord()}); }
+
+    /// A service and a phone in this state: before an offer, or with an open transfer.
+    std::unique_ptr<ScriptedPeer> phoneIn(bool openTransfer) {
+        std::unique_ptr<ScriptedPeer> phone = world.phone();
+        if (openTransfer) {
+            world.offer(*phone, "a.txt");
+            world.sendData(*phone, "01234");
+        }
+        return phone;
+    }
+    /// The connection has ended with this failure of the phone's, and the service goes on.
+    void expectFailure(ScriptedPeer& phone, const std::string& text) {
+        EXPECT_TRUE(world.seesTheEnd(phone));
+        ASSERT_THAT(world.failureTexts(), ElementsAre(text));
+        EXPECT_EQ(world.failures[0].from, "Pixel-8");
+        EXPECT_EQ(world.ends(), 1U);
+        expectServesOn();
+    }
+    void expectServesOn() {
+        const std::size_t before = world.transfers.size();
+        const auto next = world.connectAs(world.tabletKey);
+        world.offer(*next, "next.txt", 0, "ID-next");
+        world.send(*next, Row::done());
+        EXPECT_EQ(world.transfers.size(), before + 1);
+    }
+    void expectPartial(bool openTransfer) {
+        if (openTransfer) {
+            EXPECT_EQ(world.text(folder / "a.txt.partial"), "01234");
+            EXPECT_TRUE(PartialMetaIO::load(world.files, folder / "a.txt.partial"));
+        }
+        EXPECT_EQ(ActiveTransfers::shared().ownerCount(), 0U);
+        EXPECT_EQ(ActiveTransfers::shared().drainingCount(), 0U);
+    }
+
+    ReceiverWorld world;
+};
+
+/// In both states of a conversation.
+class ReceiverFramesInState : public ReceiverFrames, public testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(BeforeAnOfferAndInATransfer, ReceiverFramesInState, testing::Bool());
+
+TEST_P(ReceiverFramesInState, AClipboardEndsTheConnectionWithItsTextAndSender) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.send(*phone, Row::clipboard("some text", "text/html"));
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    ASSERT_EQ(world.clips.size(), 1U);
+    EXPECT_EQ(world.clips[0].text, "some text");
+    EXPECT_EQ(world.clips[0].mime, "text/html");
+    EXPECT_EQ(world.clips[0].from, "Pixel-8");
+    EXPECT_EQ(world.ends(), 1U);
+    expectPartial(GetParam());
+    expectServesOn();
+}
+
+TEST_P(ReceiverFramesInState, ASetNameEndsTheConnectionAndTheRecordFollows) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.send(*phone, Row::setName("Ann's phone"));
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    ASSERT_EQ(world.syncs.size(), 1U);
+    const auto& outcome = std::get<Receiver::SetName>(world.syncs[0]);
+    EXPECT_EQ(outcome.name, "Ann's phone");
+    EXPECT_EQ(outcome.from, "Pixel-8") << "as it was called before";
+    EXPECT_EQ(world.onlyPeer().peer_hostname, "Ann's phone");
+    expectPartial(GetParam());
+}
+
+TEST_P(ReceiverFramesInState, ANameUpdateEndsTheConnectionAndTheRecordFollows) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.send(*phone, Row::nameUpdate("Ann's phone"));
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    ASSERT_EQ(world.syncs.size(), 1U);
+    const auto& outcome = std::get<Receiver::NameUpdate>(world.syncs[0]);
+    EXPECT_EQ(outcome.name, "Ann's phone");
+    EXPECT_EQ(outcome.from, "Pixel-8");
+    EXPECT_EQ(world.onlyPeer().peer_hostname, "Ann's phone");
+    expectPartial(GetParam());
+}
+
+TEST_P(ReceiverFramesInState, AnUnpairEndsTheConnectionAndItsRecordIsGone) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.send(*phone, Row::unpair());
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    ASSERT_EQ(world.syncs.size(), 1U);
+    const auto& outcome = std::get<Receiver::Unpair>(world.syncs[0]);
+    EXPECT_EQ(outcome.from, "Pixel-8");
+    EXPECT_EQ(outcome.peerPubkey, world.phoneKey.publicKey().base64());
+    const PeerBook book = PeerStore(world.files, world.system.directories).loadBook();
+    ASSERT_EQ(book.peers.size(), 1U);
+    EXPECT_EQ(book.peers[0].peer_hostname, "Tablet") << "the other phone's stays";
+    expectPartial(GetParam());
+}
+
+TEST_P(ReceiverFramesInState, ADeclineEndsTheConnection) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.send(*phone, Row::decline());
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    ASSERT_EQ(world.syncs.size(), 1U);
+    const auto& outcome = std::get<Receiver::Declined>(world.syncs[0]);
+    EXPECT_EQ(outcome.from, "Pixel-8");
+    EXPECT_EQ(outcome.name, "");
+    expectPartial(GetParam());
+}
+
+TEST_P(ReceiverFramesInState, AResumeIsAViolation) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.send(*phone, Row::resume("ID-1", 3));
+    expectFailure(*phone, "protocol violation: unexpected Resume message from sender");
+    expectPartial(GetParam());
+}
+
+TEST_P(ReceiverFramesInState, ATokenUpdateGoesToTheRecordAndTheConversationGoesOn) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.send(*phone, Row::tokenUpdate("token 1"));
+    world.send(*phone, Row::tokenUpdate("token 2"));
+    EXPECT_EQ(world.ends(), 0U);
+    if (!GetParam()) {
+        world.offer(*phone, "a.txt");
+        world.sendData(*phone, "01234");
+    }
+    world.sendData(*phone, "56789");
+    world.send(*phone, Row::done());
+    EXPECT_EQ(world.transfers.size(), 1U);
+    EXPECT_EQ(world.text(folder / "a.txt"), "0123456789");
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "token 2");
+    EXPECT_EQ(world.onlyPeer().peer_hostname, "Pixel-8");
+}
+
+TEST_P(ReceiverFramesInState, AFrameThatDoesNotOpenIsFatalForItsConnectionOnly) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.run(phone->wire().sendLengthPrefixed(Bytes(40)));
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    ASSERT_EQ(world.failures.size(), 1U);
+    EXPECT_THAT(world.failureTexts()[0], testing::StartsWith("frame decrypt failed: "));
+    EXPECT_EQ(world.failures[0].from, "Pixel-8");
+    expectPartial(GetParam());
+    expectServesOn();
+}
+
+TEST_P(ReceiverFramesInState, APhoneThatHangsUpIsReported) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    phone->close();
+    world.settle();
+    EXPECT_THAT(world.failureTexts(), ElementsAre("wire EOF before expected bytes"));
+    EXPECT_EQ(world.failures[0].from, "Pixel-8");
+    expectPartial(GetParam());
+    expectServesOn();
+}
+
+TEST_F(ReceiverFrames, DataBeforeAnOfferIsAViolation) {
+    world.start();
+    const auto phone = world.phone();
+    world.sendData(*phone, "01234");
+    expectFailure(*phone, "protocol violation: binary frame before FileOffer");
+}
+
+TEST_F(ReceiverFrames, DoneBeforeAnOfferIsAViolation) {
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::done());
+    expectFailure(*phone, "protocol violation: Done received without FileOffer");
+}
+
+TEST_F(ReceiverFrames, ASecondOfferIsAViolation) {
+    world.start();
+    const auto phone = phoneIn(true);
+    world.send(*phone, Row::fileOffer("b.txt", 1, "text/plain", "ID-2"));
+    expectFailure(*phone, "protocol violation: duplicate FileOffer");
+    expectPartial(true);
+    EXPECT_FALSE(world.files.exists(folder / "b.txt.partial"));
+}
+
+// ---- who may speak
+
+TEST_F(ReceiverFrames, AStrangerGetsNoFrameAndTheNextConnectionIsServed) {
+    world.start();
+    const auto stranger = world.connectAs(platform::PrivateKey::generate());
+    EXPECT_TRUE(world.seesTheEnd(*stranger)) << "and no frame before it";
+    EXPECT_THAT(world.failureTexts(), ElementsAre("remote pubkey \u2260 paired peer"));
+    EXPECT_EQ(world.failures[0].from, "");
+    EXPECT_EQ(world.failures[0].remoteEndpoint, "203.0.113.1:40112");
+    EXPECT_THAT(world.authenticated, IsEmpty());
+    expectServesOn();
+}
+
+TEST_F(ReceiverFrames, ARemovedPhoneGetsExactlyOneUnpairAndNoFrameOfItIsRead) {
+    Receiver& receiver = world.start();
+    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()}); // still among the expected ones
+    EXPECT_EQ(receiver.removedPeerPubkeys().size(), 1U);
+    const auto phone = world.run(ScriptedPeer::connect(world, ReceiverWorld::port, world.phoneKey));
+    world.run(phone->send(Row::clipboard("not for you", "text/plain")));
+    world.run(phone->send(Row::unpair()));
+    static_cast<void>(world.run(phone->expect<Row::Unpair>()));
+    EXPECT_TRUE(world.seesTheEnd(*phone)) << "one frame and no more";
+    phone->close();
+    world.settle();
+    ASSERT_EQ(world.syncs.size(), 1U);
+    const auto& outcome = std::get<Receiver::UnpairReplied>(world.syncs[0]);
+    EXPECT_EQ(outcome.peerPubkey, world.phoneKey.publicKey().base64());
+    EXPECT_EQ(outcome.remoteEndpoint, "203.0.113.1:40112");
+    EXPECT_EQ(world.ends(), 1U);
+    EXPECT_THAT(world.authenticated, IsEmpty());
+    EXPECT_EQ(PeerStore(world.files, world.system.directories).loadBook().peers.size(), 2U);
+}
+
+TEST_F(ReceiverFrames, ARemovedPhoneThatDoesNotHangUpIsHungUpOnAfterFiveSeconds) {
+    Receiver& receiver = world.start();
+    receiver.setExpectedPeerPubkeys({});
+    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
+    const auto phone = world.phone();
+    world.pass(4.9);
+    EXPECT_EQ(world.ends(), 0U);
+    world.pass(0.2);
+    ASSERT_EQ(world.syncs.size(), 1U);
+    EXPECT_TRUE(std::holds_alternative<Receiver::UnpairReplied>(world.syncs[0]));
+}
+
+TEST_F(ReceiverFrames, KeysSetWhileItRunsCountForTheNextConnection) {
+    Receiver& receiver = world.start();
+    const platform::PrivateKey fresh = platform::PrivateKey::generate();
+    receiver.setExpectedPeerPubkeys({fresh.publicKey()});
+    EXPECT_TRUE(world.seesTheEnd(*world.phone()));
+    const auto added = world.connectAs(fresh);
+    world.offer(*added, "a.txt", 0);
+    receiver.setExpectedPeerPubkeys({});
+    world.send(*added, Row::done());
+    ASSERT_EQ(world.transfers.size(), 1U) << "who is there already may finish";
+    EXPECT_EQ(world.transfers[0].from, "(unknown peer)");
+    EXPECT_TRUE(world.seesTheEnd(*world.connectAs(fresh)));
+    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
+    receiver.setRemovedPeerPubkeys({});
+    receiver.setExpectedPeerPubkeys({world.phoneKey.publicKey()});
+    static_cast<void>(world.offer(*world.phone(), "b.txt", 0));
+}
+
+TEST_F(ReceiverFrames, TheHostMayRenewTheListsBeforeAKeyIsLookedUp) {
+    Receiver& receiver = world.make();
+    receiver.setExpectedPeerPubkeys({});
+    int asked = 0;
+    receiver.beforeAuthorising = [&] {
+        ++asked;
+        receiver.setExpectedPeerPubkeys({world.phoneKey.publicKey()});
+    };
+    world.start();
+    const auto phone = world.phone();
+    world.offer(*phone, "a.txt", 0);
+    EXPECT_EQ(asked, 1);
+}
+
+TEST_F(ReceiverFrames, APairedPhoneIsToldOfWithItsRecordBeforeAnyFrameIsRead) {
+    world.start();
+    const auto phone = world.phone();
+    world.settle();
+    ASSERT_EQ(world.authenticated.size(), 1U);
+    EXPECT_EQ(world.authenticated[0].peer_hostname, "Pixel-8");
+    EXPECT_EQ(world.authenticated[0].peer_ip, "203.0.113.1") << "where it has just come from";
+    EXPECT_EQ(world.ends(), 0U);
+}
+
+// ---- the handshake, and silence
+
+TEST_F(ReceiverFrames, ABrokenHandshakeIsReportedAndNothingElseHappens) {
+    world.start();
+    WireConnection wire(world.silentStranger(), world.clock);
+    world.run(wire.sendLengthPrefixed(Bytes(31)));
+    world.settle();
+    ASSERT_EQ(world.failures.size(), 1U);
+    EXPECT_THAT(world.failureTexts()[0], testing::StartsWith("noise handshake failed: "));
+    EXPECT_EQ(world.failures[0].from, "");
+    expectServesOn();
+}
+
+TEST_F(ReceiverFrames, AnotherProloguesHandshakeFails) {
+    world.start();
+    const auto phone = world.run(ScriptedPeer::connect(world, ReceiverWorld::port, world.phoneKey, "Orlinth_v1"));
+    world.alongside([](ReceiverWorld& theWorld) -> Task<> {
+        try {
+            static_cast<void>(
+                co_await ScriptedPeer::connect(theWorld, ReceiverWorld::port, theWorld.phoneKey, "Another"));
+            ADD_FAILURE() << "the handshake succeeds";
+        } catch (const NoiseError&) {
+        } catch (const WireConnection::Error&) {
+        }
+    }(world));
+    world.settle();
+    ASSERT_EQ(world.failures.size(), 1U);
+    EXPECT_THAT(world.failureTexts()[0], testing::StartsWith("noise handshake failed: "));
+}
+
+TEST_F(ReceiverFrames, AHandshakeMessageBeyondTheLimitIsRefusedByItsPrefix) {
+    world.start();
+    WireConnection wire(world.silentStranger(), world.clock);
+    world.run(wire.sendLengthPrefixed(Bytes(Receiver::maxHandshakeFrame + 1)));
+    world.settle();
+    EXPECT_THAT(world.failureTexts(), ElementsAre("noise handshake failed: wire frame size 4097 exceeds cap"));
+}
+
+TEST_F(ReceiverFrames, WhoHangsUpInTheHandshakeIsReported) {
+    world.start();
+    world.silentStranger().reset();
+    world.settle();
+    EXPECT_THAT(world.failureTexts(), ElementsAre("noise handshake failed: wire EOF before expected bytes"));
+}
+
+TEST_F(ReceiverFrames, AStrangerWhoSaysNothingIsGivenUpAfterSixtySeconds) {
+    world.start();
+    const auto silent = world.silentStranger();
+    world.pass(59.999);
+    EXPECT_EQ(world.ends(), 0U);
+    world.pass(0.002);
+    EXPECT_THAT(world.failureTexts(), ElementsAre("noise handshake failed: wire I/O error: connection cancelled"));
+    expectServesOn();
+}
+
+TEST_P(ReceiverFramesInState, APhoneThatFallsSilentIsGivenUpAfterSixtySeconds) {
+    world.start();
+    const auto phone = phoneIn(GetParam());
+    world.settle();
+    world.pass(59.999);
+    EXPECT_EQ(world.ends(), 0U);
+    world.pass(0.002);
+    expectFailure(*phone, "wire I/O error: connection cancelled");
+    expectPartial(GetParam());
+}
+
+TEST_F(ReceiverFrames, APhoneThatSpeaksNowAndThenStays) {
+    world.start();
+    const auto phone = phoneIn(true);
+    for (int i = 0; i < 5; ++i) {
+        world.pass(59);
+        world.sendData(*phone, "x");
+    }
+    world.send(*phone, Row::done());
+    EXPECT_EQ(world.text(folder / "a.txt"), "01234xxxxx");
+}
+
+// ---- many strangers
+
+TEST_F(ReceiverFrames, TheStrangerBeyondTheLimitEndsTheOldestAndAPairedPhoneIsServed) {
+    world.start();
+    const auto busy = phoneIn(true); // has proved its key: it does not count
+    std::vector<std::unique_ptr<platform::Stream>> strangers;
+    for (std::size_t i = 0; i < Receiver::maxStrangers; ++i) {
+        strangers.push_back(world.silentStranger());
+    }
+    world.settle();
+    EXPECT_EQ(world.ends(), 0U);
+    strangers.push_back(world.silentStranger());
+    world.settle();
+    EXPECT_THAT(world.failureTexts(), ElementsAre("wire: too many connections of strangers"));
+    std::array<std::byte, 1> byte{};
+    EXPECT_EQ(world.run(strangers[0]->readExact(byte)), 0U) << "the oldest is the one that was ended";
+    const auto phone = world.connectAs(world.tabletKey);
+    world.offer(*phone, "tablet.txt", 0, "ID-tablet");
+    world.send(*phone, Row::done());
+    world.sendData(*busy, "56789");
+    world.send(*busy, Row::done());
+    EXPECT_EQ(world.transfers.size(), 2U);
+    EXPECT_EQ(world.failures.size(), 2U) << "and one more made room for the tablet";
+    world.stopAndWait();
+    EXPECT_FALSE(world.ended);
+}
+
+} // namespace
+} // namespace orlinth

@@ -1,0 +1,155 @@
+// What somebody costs the receive service who has connected, and proved nothing.
+
+#include "fakes/RealReceiver.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <malloc.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ORLINTH_SANITIZER_HEAP
+#include <sanitizer/allocator_interface.h>
+#endif
+#endif
+
+namespace orlinth {
+namespace {
+
+/// Bytes in use of the heap, by whatever means they were taken.
+std::size_t heapBytes() {
+#if defined(ORLINTH_SANITIZER_HEAP)
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    const struct mallinfo2 info = ::mallinfo2();
+    return info.uordblks + info.hblkhd;
+#endif
+}
+
+/// Counts how far the connections of a listener have come.
+struct Progress {
+    std::atomic<int> prefixReads = 0; ///< reads of a length prefix that have begun
+    std::atomic<int> bodyReads = 0;   ///< reads of a body that have begun: its memory is there
+};
+
+class CountingStream : public platform::Stream {
+public:
+    CountingStream(std::unique_ptr<platform::Stream> inner, Progress& progress)
+        : inner_(std::move(inner)), progress_(progress) {}
+    Task<> writeAll(ByteView data) override { return inner_->writeAll(data); }
+    Task<std::size_t> readExact(MutableBytes into) override {
+        ++(into.size() == 4 ? progress_.prefixReads : progress_.bodyReads);
+        return inner_->readExact(into);
+    }
+    void finishWriting() noexcept override { inner_->finishWriting(); }
+    void cancel() noexcept override { inner_->cancel(); }
+    Executor executor() const override { return inner_->executor(); }
+    std::string remoteEndpoint() const override { return inner_->remoteEndpoint(); }
+    std::string localAddress() const override { return inner_->localAddress(); }
+
+private:
+    std::unique_ptr<platform::Stream> inner_;
+    Progress& progress_;
+};
+
+class CountingListener : public platform::Listener {
+public:
+    CountingListener(std::unique_ptr<platform::Listener> inner, Progress& progress)
+        : inner_(std::move(inner)), progress_(progress) {}
+    Task<std::unique_ptr<platform::Stream>> accept(Executor executor) override {
+        std::unique_ptr<platform::Stream> stream = co_await inner_->accept(std::move(executor));
+        co_return std::make_unique<CountingStream>(std::move(stream), progress_);
+    }
+    [[nodiscard]] std::uint16_t port() const noexcept override { return inner_->port(); }
+    void close() noexcept override { inner_->close(); }
+
+private:
+    std::unique_ptr<platform::Listener> inner_;
+    Progress& progress_;
+};
+
+/// A connection that costs this process no heap.
+class BareSocket {
+public:
+    explicit BareSocket(std::uint16_t port) : number_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::connect(number_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    BareSocket(const BareSocket&) = delete;
+    BareSocket& operator=(const BareSocket&) = delete;
+    BareSocket(BareSocket&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    ~BareSocket() {
+        if (number_ != -1) {
+            ::close(number_);
+        }
+    }
+    void send(ByteView bytes) {
+        EXPECT_EQ(::send(number_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    }
+
+private:
+    int number_;
+};
+
+bool comesTo(const std::atomic<int>& count, int wanted) {
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (count < wanted && std::chrono::steady_clock::now() < giveUp) {
+        std::this_thread::yield();
+    }
+    return count >= wanted;
+}
+
+using fakes::RealReceiver;
+
+TEST(ReceiverMemory, OfAConnectionThatHasProvedNothingIsUnder64KiB) {
+    constexpr int connections = 200;
+    constexpr std::size_t allowed = 64 << 10;
+    {
+        const std::size_t before = heapBytes();
+        const auto block = std::make_unique<std::byte[]>(1 << 20);
+        block[0] = std::byte{1};
+        ASSERT_GE(heapBytes() - before, std::size_t{1} << 20) << "the measure measures nothing";
+    }
+    Progress progress;
+    RealReceiver service({platform::PrivateKey::generate().publicKey()});
+    service.receiver().listener = std::make_unique<CountingListener>(std::move(service.receiver().listener), progress);
+    service.start();
+    std::vector<BareSocket> sockets;
+    sockets.reserve(connections + 1);
+    sockets.emplace_back(service.port()); // what is made once (threads, buffers) is not counted
+    ASSERT_TRUE(comesTo(progress.prefixReads, 1));
+
+    const std::size_t empty = heapBytes();
+    for (int i = 0; i < connections; ++i) {
+        sockets.emplace_back(service.port());
+    }
+    ASSERT_TRUE(comesTo(progress.prefixReads, connections + 1));
+    const std::size_t silent = (heapBytes() - empty) / connections;
+    RecordProperty("bytesOfASilentConnection", static_cast<int>(silent));
+    EXPECT_LT(silent, allowed);
+    EXPECT_GT(silent, 500U) << "less than a connection can be";
+
+    Bytes frame(4 + Receiver::maxHandshakeFrame - 1); // the largest that is taken, all but its last byte
+    frame[2] = std::byte{Receiver::maxHandshakeFrame >> 8};
+    for (BareSocket& socket : sockets) {
+        socket.send(frame);
+    }
+    ASSERT_TRUE(comesTo(progress.bodyReads, connections + 1));
+    const std::size_t inTheFrame = (heapBytes() - empty) / connections;
+    RecordProperty("bytesWithinAHandshakeFrame", static_cast<int>(inTheFrame));
+    EXPECT_LT(inTheFrame, allowed);
+    EXPECT_GT(inTheFrame, silent + Receiver::maxHandshakeFrame / 2);
+    std::cout << "a silent connection: " << silent << " bytes, one within a handshake frame: " << inTheFrame << "\n";
+    service.stop();
+}
+
+} // namespace
+} // namespace orlinth

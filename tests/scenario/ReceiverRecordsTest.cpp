@@ -1,0 +1,356 @@
+#include "OrlinthCore/Receiving/SenderRecord.h"
+#include "fakes/ReceiverWorld.h"
+
+#include <gmock/gmock.h>
+
+namespace orlinth {
+namespace {
+
+using fakes::ReceiverWorld;
+using fakes::ScriptedListener;
+using fakes::ScriptedPeer;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+using Row = TransportMessage;
+
+const platform::Path folder = ReceiverWorld::folder;
+const platform::Path peerFile = ReceiverWorld::peerFile;
+
+// ---- what a phone may change in its record
+
+class ReceiverRecords : public testing::Test {
+protected:
+    ReceiverWorld world;
+};
+
+TEST_F(ReceiverRecords, ATokenOfAPhoneWithoutARecordChangesNothingAndItsFileIsDelivered) {
+    world.putPeers({world.tabletRecord()});
+    const std::string before = world.text(peerFile);
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::tokenUpdate("token"));
+    world.offer(*phone, "a.txt", 0);
+    world.send(*phone, Row::done());
+    ASSERT_EQ(world.transfers.size(), 1U);
+    EXPECT_EQ(world.transfers[0].from, "(unknown peer)");
+    EXPECT_EQ(world.text(peerFile), before);
+    EXPECT_THAT(world.authenticated, IsEmpty()) << "there is no record to tell of";
+    EXPECT_THAT(world.failures, IsEmpty());
+}
+
+TEST_F(ReceiverRecords, WithoutAnyStoreNothingIsWritten) {
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::tokenUpdate("token"));
+    world.send(*phone, Row::setName("Phone"));
+    EXPECT_THAT(world.files.allFiles(), IsEmpty());
+    ASSERT_EQ(world.syncs.size(), 1U);
+    EXPECT_EQ(std::get<Receiver::SetName>(world.syncs[0]).from, "(unknown peer)");
+}
+
+TEST_F(ReceiverRecords, AnUnreadableStoreIsReportedAndTheFileIsDelivered) {
+    world.files.put(peerFile, "rubbish");
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::tokenUpdate("token"));
+    world.offer(*phone, "a.txt");
+    world.sendData(*phone, "0123456789");
+    world.send(*phone, Row::done());
+    ASSERT_EQ(world.transfers.size(), 1U);
+    EXPECT_EQ(world.transfers[0].from, "(unknown peer)");
+    EXPECT_EQ(world.text(folder / "a.txt"), "0123456789");
+    ASSERT_EQ(world.failures.size(), 2U) << "once for its address, once for its token";
+    for (const Receiver::Failure& failure : world.failures) {
+        EXPECT_THAT(describe(failure.error), StartsWith("PeerRecord decode failed: "));
+        EXPECT_EQ(failure.from, "(unknown peer)");
+        EXPECT_EQ(failure.remoteEndpoint, "203.0.113.1:40112");
+    }
+    EXPECT_EQ(world.text(peerFile), "rubbish") << "it is left for a person to look at";
+}
+
+TEST_F(ReceiverRecords, AStoreThatCannotBeWrittenIsReportedAndThePhoneKeepsItsName) {
+    world.putPeers({world.phoneRecord()});
+    world.files.addFault({.operation = fakes::Operation::rename, .errorNumber = EROFS, .nameEnding = "peer.json"});
+    world.start();
+    const auto phone = world.phone();
+    world.offer(*phone, "a.txt", 0);
+    world.send(*phone, Row::done());
+    ASSERT_EQ(world.transfers.size(), 1U);
+    EXPECT_EQ(world.transfers[0].from, "Pixel-8");
+    EXPECT_EQ(world.authenticated.size(), 1U);
+    EXPECT_THAT(world.failureTexts(), ElementsAre("PeerRecord write failed: Read-only file system"));
+}
+
+TEST_F(ReceiverRecords, NothingIsWrittenWhereNothingChanges) {
+    PeerRecord record = world.phoneRecord();
+    record.peer_ip = "203.0.113.1";
+    record.peer_fcm_token = "token";
+    world.putPeers({record});
+    world.start();
+    const std::size_t before = world.files.mutations();
+    const auto phone = world.phone();
+    world.send(*phone, Row::tokenUpdate("token"));
+    world.send(*phone, Row::setName("Pixel-8"));
+    EXPECT_EQ(world.files.mutations(), before);
+    EXPECT_EQ(world.syncs.size(), 1U);
+}
+
+TEST_F(ReceiverRecords, AnUnpairWhoseRecordCannotBeRemovedIsAFailure) {
+    world.files.put(peerFile, "rubbish");
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::unpair());
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    EXPECT_THAT(world.syncs, IsEmpty());
+    ASSERT_FALSE(world.failures.empty());
+    EXPECT_THAT(world.failureTexts().back(), StartsWith("PeerRecord decode failed: "));
+}
+
+TEST_F(ReceiverRecords, ANameThatNobodyCouldReadIsToldButNotTakenOver) {
+    world.putPeers({world.phoneRecord()});
+    world.start();
+    for (const std::string& name : {std::string(), std::string("  \t"), std::string("a\nb"), std::string("\x1b[2J"),
+                                    std::string(SenderRecord::maxNameBytes + 1, 'x')}) {
+        const auto phone = world.phone();
+        world.send(*phone, Row::nameUpdate(name));
+        EXPECT_EQ(std::get<Receiver::NameUpdate>(world.syncs.back()).name, name);
+        EXPECT_EQ(world.onlyPeer().peer_hostname, "Pixel-8");
+    }
+    const auto phone = world.phone();
+    const std::string longest(SenderRecord::maxNameBytes, 'x');
+    world.send(*phone, Row::nameUpdate(longest));
+    EXPECT_EQ(world.onlyPeer().peer_hostname, longest);
+}
+
+TEST_F(ReceiverRecords, ATokenBeyondAllReasonIsNotTakenOver) {
+    world.putPeers({world.phoneRecord()});
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::tokenUpdate(std::string(SenderRecord::maxTokenBytes, 't')));
+    world.send(*phone, Row::tokenUpdate(std::string(SenderRecord::maxTokenBytes + 1, 'u')));
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, std::string(SenderRecord::maxTokenBytes, 't'));
+    EXPECT_EQ(world.ends(), 0U);
+}
+
+TEST_F(ReceiverRecords, AChangeOfAnotherPhonesRecordMeanwhileIsNotLost) {
+    world.putPeers({world.phoneRecord(), world.tabletRecord()});
+    world.start();
+    const auto phone = world.phone();
+    const auto tablet = world.connectAs(world.tabletKey);
+    world.run(phone->send(Row::tokenUpdate("of the phone")));
+    world.run(tablet->send(Row::tokenUpdate("of the tablet")));
+    world.settle();
+    const PeerBook book = PeerStore(world.files, world.system.directories).loadBook();
+    EXPECT_EQ(book.peers.at(0).peer_fcm_token, "of the phone");
+    EXPECT_EQ(book.peers.at(1).peer_fcm_token, "of the tablet");
+}
+
+// ---- the address follows
+
+struct AddressCase {
+    std::string recorded;
+    std::string endpoint;
+    std::string expected;
+};
+
+class ReceiverAddress : public ReceiverRecords, public testing::WithParamInterface<AddressCase> {
+protected:
+    static Task<std::unique_ptr<ScriptedPeer>> shakeHands(ReceiverWorld& world,
+                                                          std::unique_ptr<platform::Stream> stream) {
+        auto wire = std::make_unique<WireConnection>(std::move(stream), world.clock);
+        NoiseHandshake handshake(NoiseRole::initiator, world.phoneKey.clone(), asBytes(kOrlinthPrologue));
+        co_await exchangeAsInitiator(*wire, handshake);
+        co_return std::make_unique<ScriptedPeer>(std::move(wire), std::move(handshake).finalize());
+    }
+};
+
+TEST_P(ReceiverAddress, FollowsThePhone) {
+    PeerRecord record = world.phoneRecord();
+    record.peer_ip = GetParam().recorded;
+    world.putPeers({record, world.tabletRecord()});
+    const Executor executor = world.context.get_executor();
+    const auto door = std::make_shared<ScriptedListener::Door>(executor);
+    world.make().listener = std::make_unique<ScriptedListener>(door);
+    world.start();
+    const auto there = std::make_shared<fakes::detail::Pipe>(executor);
+    const auto back = std::make_shared<fakes::detail::Pipe>(executor);
+    door->push(std::make_unique<fakes::MemoryStream>(there, back, executor, GetParam().endpoint));
+    const auto phone =
+        world.run(shakeHands(world, std::make_unique<fakes::MemoryStream>(back, there, executor, "203.0.113.1:7100")));
+    world.settle();
+    record.peer_ip = GetParam().expected;
+    EXPECT_EQ(world.onlyPeer(), record) << "and nothing else has changed";
+    EXPECT_EQ(PeerStore(world.files, world.system.directories).loadBook().peers.at(1), world.tabletRecord());
+    EXPECT_THAT(world.authenticated, ElementsAre(record));
+}
+
+INSTANTIATE_TEST_SUITE_P(Addresses, ReceiverAddress,
+                         testing::Values(AddressCase{"192.168.1.7", "192.168.1.9:40112", "192.168.1.9"},
+                                         AddressCase{"192.168.1.7", "192.168.1.7:40112", "192.168.1.7"},
+                                         AddressCase{"192.168.1.7", "[fe80::1%eth0]:40112", "fe80::1%eth0"},
+                                         AddressCase{"fe80::1%eth0", "[2001:db8::7]:40112", "2001:db8::7"},
+                                         AddressCase{"", "192.168.1.9:40112", "192.168.1.9"},
+                                         AddressCase{"phone.example", "192.168.1.9:40112",
+                                                     "phone.example"},                                 // chosen by hand
+                                         AddressCase{"192.168.1.7", "127.0.0.1:40112", "192.168.1.7"}, // a tunnel
+                                         AddressCase{"192.168.1.7", "[::1]:40112", "192.168.1.7"},
+                                         AddressCase{"127.0.0.1", "127.0.0.2:40112", "127.0.0.2"},
+                                         AddressCase{"127.0.0.1", "192.168.1.9:40112", "192.168.1.9"},
+                                         AddressCase{"192.168.1.7", "somewhere", "192.168.1.7"}));
+
+TEST_F(ReceiverRecords, AStrangersAndARemovedPhonesAddressesAreNotTakenOver) {
+    world.putPeers({world.phoneRecord()});
+    Receiver& receiver = world.start();
+    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
+    const auto removed = world.phone();
+    removed->close();
+    receiver.setRemovedPeerPubkeys({});
+    receiver.setExpectedPeerPubkeys({});
+    const auto unknown = world.phone();
+    world.settle();
+    EXPECT_EQ(world.onlyPeer(), world.phoneRecord());
+}
+
+// ---- asking the host
+
+/// Answers offers when a test says so.
+struct Desk {
+    explicit Desk(const Executor& executor) : changed(executor) {}
+    std::vector<Receiver::Offer> asked;
+    std::map<std::string, bool> answers;
+    fakes::Event changed;
+    int cancelled = 0;
+
+    void answer(const std::string& name, bool wanted) {
+        answers[name] = wanted;
+        changed.notify();
+    }
+    static Task<bool> wait(Desk& desk, std::string name) {
+        try {
+            while (!desk.answers.contains(name)) {
+                co_await desk.changed.wait();
+            }
+        } catch (const std::exception&) {
+            ++desk.cancelled;
+            throw;
+        }
+        co_return desk.answers.at(name);
+    }
+};
+
+class ReceiverApproval : public testing::Test {
+protected:
+    ReceiverApproval() {
+        world.putPeers({world.phoneRecord(), world.tabletRecord()});
+        world.make().approveOffer = [this](Receiver::Offer offer) {
+            desk.asked.push_back(offer);
+            return Desk::wait(desk, offer.name);
+        };
+        world.start();
+    }
+    void offerOnly(ScriptedPeer& phone, const std::string& name) {
+        world.send(phone, Row::fileOffer(name, 10, "text/plain", "ID of " + name));
+    }
+    [[nodiscard]] std::vector<std::string> filesInFolder() {
+        std::vector<std::string> names;
+        for (const std::string& file : world.files.allFiles()) {
+            if (file.starts_with(folder.native())) {
+                names.push_back(file);
+            }
+        }
+        return names;
+    }
+
+    ReceiverWorld world;
+    Desk desk{world.context.get_executor()};
+};
+
+TEST_F(ReceiverApproval, IsAskedWithNameSizeAndSender) {
+    const auto phone = world.phone();
+    offerOnly(*phone, "a.txt");
+    ASSERT_EQ(desk.asked.size(), 1U);
+    EXPECT_EQ(desk.asked[0].name, "a.txt");
+    EXPECT_EQ(desk.asked[0].size, 10);
+    EXPECT_EQ(desk.asked[0].from, "Pixel-8");
+    EXPECT_THAT(filesInFolder(), IsEmpty()) << "nothing before the answer";
+    desk.answer("a.txt", true);
+    EXPECT_EQ(world.run(phone->expect<Row::Resume>()).accepted_offset, 0);
+    world.send(*phone, Row::done());
+    EXPECT_EQ(world.transfers.size(), 1U);
+}
+
+TEST_F(ReceiverApproval, ARefusedOfferIsDeclinedAndLeavesNothing) {
+    desk.answer("a.txt", false);
+    const auto phone = world.phone();
+    offerOnly(*phone, "a.txt");
+    static_cast<void>(world.run(phone->expect<Row::Decline>()));
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    phone->close();
+    world.settle();
+    ASSERT_EQ(world.syncs.size(), 1U);
+    const auto& outcome = std::get<Receiver::Declined>(world.syncs[0]);
+    EXPECT_EQ(outcome.from, "Pixel-8");
+    EXPECT_EQ(outcome.name, "a.txt");
+    EXPECT_EQ(world.ends(), 1U);
+    EXPECT_THAT(filesInFolder(), IsEmpty());
+    EXPECT_EQ(ActiveTransfers::shared().ownerCount(), 0U);
+}
+
+TEST_F(ReceiverApproval, ARefusedOfferDisplacesNobody) {
+    const auto phone = world.phone();
+    offerOnly(*phone, "a.txt");
+    desk.answer("a.txt", true);
+    static_cast<void>(world.run(phone->expect<Row::Resume>()));
+    desk.answer("a.txt", false);
+    const auto again = world.phone();
+    offerOnly(*again, "a.txt");
+    static_cast<void>(world.run(again->expect<Row::Decline>()));
+    again->close();
+    world.sendData(*phone, "0123456789");
+    world.send(*phone, Row::done());
+    EXPECT_EQ(world.transfers.size(), 1U);
+}
+
+TEST_F(ReceiverApproval, AnAnswerThatTakesLongHoldsNobodyElseUpAndIsNoSilence) {
+    const auto phone = world.phone();
+    offerOnly(*phone, "slow.txt");
+    const auto tablet = world.connectAs(world.tabletKey);
+    desk.answer("fast.txt", true);
+    offerOnly(*tablet, "fast.txt");
+    static_cast<void>(world.run(tablet->expect<Row::Resume>()));
+    world.send(*tablet, Row::done());
+    EXPECT_EQ(world.transfers.size(), 1U);
+    world.pass(120);
+    EXPECT_THAT(world.failures, IsEmpty());
+    desk.answer("slow.txt", true);
+    static_cast<void>(world.run(phone->expect<Row::Resume>()));
+    world.send(*phone, Row::done());
+    EXPECT_EQ(world.transfers.size(), 2U);
+}
+
+TEST_F(ReceiverApproval, APhoneThatHangsUpWhileItIsAskedForIsNoticedWithTheAnswer) {
+    const auto phone = world.phone();
+    offerOnly(*phone, "a.txt");
+    phone->close();
+    world.settle();
+    EXPECT_EQ(world.ends(), 0U);
+    desk.answer("a.txt", true);
+    world.settle();
+    EXPECT_EQ(world.failures.size(), 1U);
+    EXPECT_EQ(ActiveTransfers::shared().ownerCount(), 0U);
+}
+
+TEST_F(ReceiverApproval, IsCancelledWhenTheServiceStops) {
+    const auto phone = world.phone();
+    offerOnly(*phone, "a.txt");
+    world.stopAndWait();
+    EXPECT_FALSE(world.ended);
+    EXPECT_EQ(desk.cancelled, 1);
+    EXPECT_EQ(world.ends(), 0U);
+    EXPECT_TRUE(world.seesTheEnd(*phone)) << "without an answer: nobody has declined";
+    EXPECT_THAT(filesInFolder(), IsEmpty());
+}
+
+} // namespace
+} // namespace orlinth

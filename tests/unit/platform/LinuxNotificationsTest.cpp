@@ -1,0 +1,421 @@
+#include "platform/linux/LinuxNotifications.h"
+
+#include "fakes/TemporaryFolder.h"
+
+#include <asio/io_context.hpp>
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <deque>
+#include <functional>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace orlinth;
+using namespace orlinth::platform;
+using fakes::TemporaryFolder;
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+/// Nothing here takes this long; it only keeps a broken test from hanging.
+constexpr auto patience = 60s;
+
+/// What the environment says while a test runs.
+std::string& busAddress() {
+    static std::string address;
+    return address;
+}
+
+const char* environment(const char* name) {
+    return std::string_view(name) == "DBUS_SESSION_BUS_ADDRESS" && !busAddress().empty() ? busAddress().c_str()
+                                                                                         : nullptr;
+}
+
+/// A bus of the test's own.
+class SessionBus {
+public:
+    SessionBus() {
+        int pipe[2] = {-1, -1};
+        if (::pipe(pipe) != 0) {
+            throw std::runtime_error("no pipe");
+        }
+        const std::string socket = "--address=unix:path=" + (folder_.path() / "bus").string();
+        const std::string print = "--print-address=" + std::to_string(pipe[1]);
+        process_ = ::fork();
+        if (process_ == 0) {
+            ::execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", socket.c_str(),
+                     print.c_str(), nullptr);
+            ::_exit(127);
+        }
+        ::close(pipe[1]);
+        std::string address(512, '\0');
+        const ssize_t count = ::read(pipe[0], address.data(), address.size());
+        ::close(pipe[0]);
+        if (count <= 0) {
+            throw std::runtime_error("dbus-daemon does not start");
+        }
+        address.resize(static_cast<std::size_t>(count));
+        busAddress() = address.substr(0, address.find('\n'));
+    }
+    ~SessionBus() { stop(); }
+    SessionBus(const SessionBus&) = delete;
+    SessionBus& operator=(const SessionBus&) = delete;
+
+    void stop() {
+        if (process_ > 0) {
+            ::kill(process_, SIGTERM);
+            ::waitpid(process_, nullptr, 0);
+            process_ = 0;
+        }
+    }
+
+private:
+    TemporaryFolder folder_;
+    pid_t process_ = 0;
+};
+
+/// A notification daemon that does what a test says.
+class Daemon {
+public:
+    struct Shown {
+        std::string title;
+        std::string body;
+        std::vector<std::string> actions;
+        int urgency = -1;
+        std::int32_t milliseconds = 0;
+    };
+
+    explicit Daemon(std::vector<std::string> capabilities = {"actions", "body", "body-markup"})
+        : capabilities_(std::move(capabilities)) {
+        static const sd_bus_vtable methods[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_METHOD("GetCapabilities", "", "as", onGetCapabilities, 0),
+            SD_BUS_METHOD("Notify", "susssasa{sv}i", "u", onNotify, 0),
+            SD_BUS_METHOD("CloseNotification", "u", "", onClose, 0),
+            SD_BUS_VTABLE_END,
+        };
+        require(::sd_bus_new(&bus_));
+        require(::sd_bus_set_address(bus_, busAddress().c_str()));
+        require(::sd_bus_set_bus_client(bus_, 1));
+        require(::sd_bus_start(bus_));
+        require(::sd_bus_add_object_vtable(bus_, nullptr, path, name, methods, this));
+        require(::sd_bus_request_name(bus_, name, 0));
+    }
+    ~Daemon() { ::sd_bus_flush_close_unref(bus_); }
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    void process() {
+        while (::sd_bus_process(bus_, nullptr) > 0) {
+        }
+    }
+    [[nodiscard]] int descriptor() const { return ::sd_bus_get_fd(bus_); }
+
+    void press(std::uint32_t id, const char* key) {
+        require(::sd_bus_emit_signal(bus_, path, name, "ActionInvoked", "us", id, key));
+    }
+    void tellClosed(std::uint32_t id) {
+        require(::sd_bus_emit_signal(bus_, path, name, "NotificationClosed", "uu", id, std::uint32_t{2}));
+    }
+
+    bool answers = true;
+    bool refuses = false;
+    std::vector<Shown> shown;         ///< the first has the number 1
+    std::vector<std::uint32_t> taken; ///< away, by CloseNotification
+
+private:
+    static constexpr const char* name = "org.freedesktop.Notifications";
+    static constexpr const char* path = "/org/freedesktop/Notifications";
+
+    static void require(int result) {
+        if (result < 0) {
+            throw std::runtime_error("the daemon's bus fails: " + std::to_string(result));
+        }
+    }
+
+    static int onGetCapabilities(sd_bus_message* call, void* data, sd_bus_error*) {
+        auto& self = *static_cast<Daemon*>(data);
+        sd_bus_message* reply = nullptr;
+        require(::sd_bus_message_new_method_return(call, &reply));
+        require(::sd_bus_message_open_container(reply, 'a', "s"));
+        for (const std::string& capability : self.capabilities_) {
+            require(::sd_bus_message_append(reply, "s", capability.c_str()));
+        }
+        require(::sd_bus_message_close_container(reply));
+        const int result = ::sd_bus_send(nullptr, reply, nullptr);
+        ::sd_bus_message_unref(reply);
+        return result;
+    }
+
+    static int onNotify(sd_bus_message* call, void* data, sd_bus_error* error) {
+        auto& self = *static_cast<Daemon*>(data);
+        const char *application = nullptr, *icon = nullptr, *title = nullptr, *body = nullptr, *action = nullptr;
+        std::uint32_t replaces = 0;
+        Shown one;
+        require(::sd_bus_message_read(call, "susss", &application, &replaces, &icon, &title, &body));
+        one.title = title;
+        one.body = body;
+        require(::sd_bus_message_enter_container(call, 'a', "s"));
+        while (::sd_bus_message_read(call, "s", &action) > 0) {
+            one.actions.emplace_back(action);
+        }
+        require(::sd_bus_message_exit_container(call));
+        require(::sd_bus_message_enter_container(call, 'a', "{sv}"));
+        while (::sd_bus_message_enter_container(call, 'e', "sv") > 0) {
+            const char* hint = nullptr;
+            require(::sd_bus_message_read(call, "s", &hint));
+            if (std::string_view(hint) == "urgency") {
+                std::uint8_t urgency = 0;
+                require(::sd_bus_message_read(call, "v", "y", &urgency));
+                one.urgency = urgency;
+            } else {
+                require(::sd_bus_message_skip(call, "v"));
+            }
+            require(::sd_bus_message_exit_container(call));
+        }
+        require(::sd_bus_message_exit_container(call));
+        require(::sd_bus_message_read(call, "i", &one.milliseconds));
+        self.shown.push_back(one);
+        if (self.refuses) {
+            return ::sd_bus_error_set(error, "org.example.Refused", "no");
+        }
+        return self.answers ? ::sd_bus_reply_method_return(call, "u", static_cast<std::uint32_t>(self.shown.size()))
+                            : 1;
+    }
+
+    static int onClose(sd_bus_message* call, void* data, sd_bus_error*) {
+        std::uint32_t id = 0;
+        require(::sd_bus_message_read(call, "u", &id));
+        static_cast<Daemon*>(data)->taken.push_back(id);
+        return ::sd_bus_reply_method_return(call, "");
+    }
+
+    std::vector<std::string> capabilities_;
+    sd_bus* bus_ = nullptr;
+};
+
+class LinuxNotificationsTest : public testing::Test {
+protected:
+    void TearDown() override { busAddress().clear(); }
+
+    /// Lets daemon and callbacks run until this holds.
+    void runUntil(const std::function<bool()>& isDone) {
+        const auto end = SteadyClock::now() + patience;
+        while (!isDone()) {
+            ASSERT_LT(SteadyClock::now(), end) << "nothing happens any more";
+            context.restart();
+            context.poll();
+            pollfd events{.fd = -1, .events = POLLIN, .revents = 0};
+            if (daemon) {
+                daemon->process();
+                events.fd = daemon->descriptor();
+            }
+            ::poll(&events, 1, 5); // our own callbacks come from another thread, without a descriptor
+        }
+    }
+
+    void show(Notification notification) {
+        notifications.show(std::move(notification), context.get_executor(),
+                           [this](const std::string& key) { answers.push_back(key); });
+    }
+
+    /// Shows one and waits until it has a number.
+    void showOne(double seconds = 0) {
+        const std::size_t before = daemon->shown.size();
+        show({.title = "A file", .body = "came", .actions = {{"open", "Open"}}, .seconds = seconds});
+        runUntil([&] { return daemon->shown.size() > before; });
+    }
+
+    void expectAnswers(const std::vector<std::string>& expected) {
+        runUntil([&] { return answers.size() >= expected.size(); });
+        EXPECT_EQ(answers, expected);
+    }
+
+    asio::io_context context;
+    std::optional<Daemon> daemon;
+    std::vector<std::string> answers;
+    LinuxNotifications notifications{environment};
+};
+
+TEST_F(LinuxNotificationsTest, WithoutABusNobodyIsThereAndTheAnswerIsEmpty) {
+    EXPECT_FALSE(notifications.isAvailable());
+    show({.title = "A file", .body = "came"});
+    expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, OfABusThatDoesNotExistTheSame) {
+    busAddress() = "unix:path=/nowhere/bus";
+    EXPECT_FALSE(notifications.isAvailable());
+    show({.title = "A file", .body = "came"});
+    expectAnswers({""});
+    busAddress() = "rubbish";
+    EXPECT_FALSE(notifications.isAvailable());
+    show({.title = "A file", .body = "came"});
+    expectAnswers({"", ""});
+}
+
+TEST_F(LinuxNotificationsTest, ABusThatSaysNothingHoldsNobodyUp) {
+    const TemporaryFolder folder;
+    const std::string path = (folder.path() / "bus").string();
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(socket, 5), 0);
+    busAddress() = "unix:path=" + path;
+    const auto start = SteadyClock::now();
+    EXPECT_FALSE(notifications.isAvailable());
+    show({.title = "A file", .body = "came"});
+    EXPECT_LT(SteadyClock::now() - start, 5s);
+    ::close(socket); // and then it is gone
+    expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, SomebodyIsThereOnceADaemonHasTheName) {
+    const SessionBus bus;
+    EXPECT_FALSE(notifications.isAvailable());
+    daemon.emplace();
+    EXPECT_TRUE(notifications.isAvailable());
+    daemon.reset();
+    EXPECT_FALSE(notifications.isAvailable());
+}
+
+TEST_F(LinuxNotificationsTest, TellsTheDaemonEverything) {
+    const SessionBus bus;
+    daemon.emplace();
+    show({.title = "A & <b>file</b>",
+          .body = "from <i>Ann</i> & \xff",
+          .actions = {{"open", "Open"}, {"folder", "Show in folder"}},
+          .isUrgent = true,
+          .seconds = 2.5});
+    runUntil([&] { return !daemon->shown.empty(); });
+    const Daemon::Shown& shown = daemon->shown.front();
+    EXPECT_EQ(shown.title, "A & <b>file</b>");
+    EXPECT_EQ(shown.body, "from &lt;i&gt;Ann&lt;/i&gt; &amp; \xEF\xBF\xBD");
+    EXPECT_EQ(shown.actions, (std::vector<std::string>{"open", "Open", "folder", "Show in folder"}));
+    EXPECT_EQ(shown.urgency, 2);
+    EXPECT_EQ(shown.milliseconds, 2500);
+}
+
+TEST_F(LinuxNotificationsTest, LeavesTheTextAsItIsForADaemonWithoutMarkup) {
+    const SessionBus bus;
+    daemon.emplace(std::vector<std::string>{"body"});
+    show({.title = "t", .body = "<i> & co"});
+    runUntil([&] { return !daemon->shown.empty(); });
+    EXPECT_EQ(daemon->shown.front().body, "<i> & co");
+    EXPECT_EQ(daemon->shown.front().urgency, 1);
+    EXPECT_EQ(daemon->shown.front().milliseconds, -1);
+}
+
+TEST_F(LinuxNotificationsTest, AnswersWithTheButtonOnceAlthoughItIsClosedAfterwards) {
+    const SessionBus bus;
+    daemon.emplace();
+    showOne();
+    showOne();
+    daemon->press(2, "open");
+    daemon->tellClosed(2);
+    expectAnswers({"open"});
+    daemon->tellClosed(1);
+    expectAnswers({"open", ""});
+}
+
+TEST_F(LinuxNotificationsTest, ButtonsOfOtherProgramsNotificationsMeanNothing) {
+    const SessionBus bus;
+    daemon.emplace();
+    showOne();
+    daemon->press(77, "open");
+    daemon->press(0, "open");
+    daemon->press(1, "folder");
+    expectAnswers({"folder"});
+}
+
+TEST_F(LinuxNotificationsTest, OneThatNobodyAnswersIsTakenAwayWhenItsTimeIsOver) {
+    const SessionBus bus;
+    daemon.emplace();
+    showOne(0.05);
+    expectAnswers({""});
+    runUntil([&] { return !daemon->taken.empty(); });
+    EXPECT_EQ(daemon->taken, std::vector<std::uint32_t>{1});
+}
+
+TEST_F(LinuxNotificationsTest, ADaemonThatRefusesIsAnEmptyAnswer) {
+    const SessionBus bus;
+    daemon.emplace();
+    daemon->refuses = true;
+    showOne();
+    expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, ADaemonThatNeverAnswersIsAnEmptyAnswerInTheEnd) {
+    const SessionBus bus;
+    daemon.emplace();
+    daemon->answers = false;
+    showOne();
+    expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, ADaemonThatGoesAwayIsAnEmptyAnswerAndTheNextOneIsUsed) {
+    const SessionBus bus;
+    daemon.emplace();
+    showOne();
+    daemon.reset();
+    expectAnswers({""});
+    daemon.emplace();
+    showOne();
+    daemon->press(1, "open");
+    expectAnswers({"", "open"});
+}
+
+TEST_F(LinuxNotificationsTest, ABusThatGoesAwayIsAnEmptyAnswerAndTheNextOneIsUsed) {
+    {
+        SessionBus bus;
+        daemon.emplace();
+        showOne();
+        bus.stop();
+        daemon.reset();
+        expectAnswers({""});
+        EXPECT_FALSE(notifications.isAvailable());
+    }
+    const SessionBus bus;
+    daemon.emplace();
+    EXPECT_TRUE(notifications.isAvailable());
+    showOne();
+    daemon->press(1, "open");
+    expectAnswers({"", "open"});
+}
+
+TEST_F(LinuxNotificationsTest, WhatIsStillShownAtTheEndIsAnsweredEmpty) {
+    const SessionBus bus;
+    daemon.emplace();
+    {
+        LinuxNotifications shortLived(environment);
+        shortLived.show({.title = "t", .body = "b"}, context.get_executor(),
+                        [this](const std::string& key) { answers.push_back(key); });
+        runUntil([&] { return !daemon->shown.empty(); });
+    }
+    expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, OfVeryManyTheOldestCountAsClosed) {
+    const SessionBus bus;
+    daemon.emplace();
+    constexpr std::size_t count = 300;
+    for (std::size_t i = 0; i < count; ++i) {
+        show({.title = "t", .body = "b"});
+    }
+    runUntil([&] { return daemon->shown.size() >= 256 && answers.size() >= 44; });
+    EXPECT_EQ(answers.size(), 44U);
+}
+
+} // namespace

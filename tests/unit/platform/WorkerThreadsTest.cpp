@@ -1,0 +1,107 @@
+#include "platform/linux/WorkerThreads.h"
+
+#include <asio/post.hpp>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+namespace orlinth::platform {
+namespace {
+
+/// How many threads this process has.
+std::size_t threadsOfProcess() {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        static_cast<void>(entry);
+        ++count;
+    }
+    return count;
+}
+
+TEST(WorkerThreads, StartNoThreadBeforeTheFirstQueue) {
+    const std::size_t before = threadsOfProcess();
+    {
+        const WorkerThreads workers;
+        EXPECT_EQ(threadsOfProcess(), before);
+    }
+    EXPECT_EQ(threadsOfProcess(), before);
+}
+
+TEST(WorkerThreads, AreABoundedNumberHoweverManyQueuesThereAre) {
+    WorkerThreads workers;
+    const std::size_t before = threadsOfProcess();
+    const Executor first = workers.makeSerialQueue();
+    const std::size_t after = threadsOfProcess();
+    EXPECT_GE(after - before, 2U);
+    EXPECT_LE(after - before, 32U);
+    std::vector<Executor> queues;
+    for (int i = 0; i < 1000; ++i) {
+        queues.push_back(workers.makeSerialQueue());
+    }
+    EXPECT_EQ(threadsOfProcess(), after);
+}
+
+TEST(WorkerThreads, RunWhatIsOnOneQueueOneAtATimeAndInOrder) {
+    std::vector<int> seen; // no lock: the queue is what keeps it whole
+    std::atomic<int> inside = 0;
+    bool overlapped = false;
+    {
+        WorkerThreads workers;
+        const Executor queue = workers.makeSerialQueue();
+        for (int i = 0; i < 2000; ++i) {
+            asio::post(queue, [&, i] {
+                overlapped = overlapped || ++inside != 1;
+                seen.push_back(i);
+                --inside;
+            });
+        }
+    }
+    EXPECT_FALSE(overlapped);
+    ASSERT_EQ(seen.size(), 2000U) << "everything posted has run when the threads have been joined";
+    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+}
+
+TEST(WorkerThreads, AQueueThatBlocksHoldsNoOtherOneUp) {
+    WorkerThreads workers;
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    std::promise<void> blocked;
+    asio::post(workers.makeSerialQueue(), [&blocked, released] {
+        blocked.set_value();
+        released.wait();
+    });
+    blocked.get_future().wait();
+    for (int i = 0; i < 50; ++i) {
+        std::promise<std::thread::id> ran;
+        asio::post(workers.makeSerialQueue(), [&ran] { ran.set_value(std::this_thread::get_id()); });
+        std::future<std::thread::id> other = ran.get_future();
+        ASSERT_EQ(other.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+        EXPECT_NE(other.get(), std::this_thread::get_id());
+    }
+    release.set_value();
+}
+
+TEST(WorkerThreads, GiveQueuesToSeveralThreadsAtOnce) {
+    std::atomic<int> ran = 0;
+    {
+        WorkerThreads workers;
+        std::vector<std::thread> callers;
+        for (int i = 0; i < 8; ++i) {
+            callers.emplace_back([&workers, &ran] {
+                for (int round = 0; round < 50; ++round) {
+                    asio::post(workers.makeSerialQueue(), [&ran] { ++ran; });
+                }
+            });
+        }
+        for (std::thread& caller : callers) {
+            caller.join();
+        }
+    }
+    EXPECT_EQ(ran, 400);
+}
+
+} // namespace
+} // namespace orlinth::platform
