@@ -3,6 +3,7 @@
 #include "OrlinthCore/Pairing/QRRenderer.h"
 #include "base/Text.h"
 #include "orlinth/Command.h"
+#include "orlinth/Confirmation.h"
 #include "orlinth/PairingRecord.h"
 #include "orlinth/PayloadSource.h"
 
@@ -47,7 +48,9 @@ public:
     explicit JoinCommand(CLI::App& program)
         : Command(program.add_subcommand("join", "Pair with a computer that runs `orlinth pair`, as its phone.")) {
         CLI::Option_group* source = parser().add_option_group("Where the computer's code comes from (exactly one)");
-        source->add_option("--payload", payloadFile_, "The payload as JSON text in a file; -: standard input.")
+        source
+            ->add_option("--payload", payloadFile_,
+                         "The payload, or the line of `pair --json` that has it, in a file; -: standard input.")
             ->type_name("FILE")
             ->check(notEmpty());
         source->add_option("--qr", picture_, "A picture of the QR code.")->type_name("PNG")->check(notEmpty());
@@ -57,7 +60,9 @@ public:
         source->require_option(1);
         addPort("--listen-port", listenPort_, 1, "The TCP port on which this machine receives, 1 to 65535.")
             ->capture_default_str();
-        addSeconds("--timeout", timeout_, "How long finding the computer, and then pairing, may take each.");
+        addSeconds("--timeout", timeout_, "How long finding the computer, and then pairing, may take each; not 0.")
+            ->check(
+                [](const std::string& text) { return std::string(std::stod(text) > 0 ? "" : "must be more than 0"); });
         parser().add_flag("--yes", yes_, "Do not ask whether the computer shows the same confirmation code.");
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
@@ -77,20 +82,19 @@ public:
 
 private:
     int join(Host& host) {
+        requirePeerStore(host);
+        Confirmation confirmation(host, yes_, payloadFile_ == "-");
         const platform::PrivateKey ownKey = host.staticKey();
         PairJoinRequest request{.payload = takePayload(host),
                                 .ownKey = ownKey.publicKey(),
                                 .receivePort = listenPort_,
                                 .timeout = timeout_};
+        static_cast<void>(checkPayload(request.payload, request.ownKey)); // before anything of it is shown
         host.output.message("pairing with " + request.payload.peer_hostname + " at " + request.payload.peer_ip);
         PairJoinResult joined = host.tasks.run(joinPairing(host.system, std::move(request)));
         host.output.event("introduction", {{"confirmation_code", joined.confirmationCode}});
         host.output.result("Confirmation code: " + joined.confirmationCode);
-        if (!yes_ && !asksForYes("Does " + madeVisible(joined.computer.peer_hostname) + " show the same code?",
-                                 payloadFile_ == "-")) {
-            throw HostError("the codes were not confirmed; nothing was recorded",
-                            "If they differ, somebody else answered: pair again on a network that you trust.");
-        }
+        confirmation.require(joined.computer.peer_hostname);
         recordPaired(host, std::move(joined.computer));
         return 0;
     }

@@ -6,6 +6,7 @@
 #include "OrlinthCore/Pairing/QRRenderer.h"
 #include "base/Text.h"
 #include "orlinth/Command.h"
+#include "orlinth/Confirmation.h"
 #include "orlinth/PairingRecord.h"
 #include "orlinth/ServiceControl.h"
 #include "orlinth/Terminal.h"
@@ -71,7 +72,7 @@ std::string hintForPairing(const std::exception& error) {
     case PairListener::Error::Case::listenerStartFailed:
         return "Is another pairing under way? `--port 0` takes a port that is free.";
     case PairListener::Error::Case::timedOut:
-        return "No phone has come. Phone and computer must be in the same network; then pair again.";
+        return "No phone has answered. Phone and computer must be in the same network; then pair again.";
     case PairListener::Error::Case::readFailed:
     case PairListener::Error::Case::decryptFailed:
     case PairListener::Error::Case::connectionFailed:
@@ -102,7 +103,9 @@ public:
         addSeconds("--timeout", timeout_, "How long to wait for a phone; 0: until one comes.");
         addText("--interface", interface_, "NAME",
                 "The network interface whose address the code names. Default: the first that is up and has one.");
-        addText("--png", picture_, "FILE", "Also write the code as a picture. It holds the secret of this pairing.");
+        addText("--png", picture_, "FILE", "Also write the code as a picture. It holds the secret of this pairing.")
+            ->check(
+                [](const std::string& file) { return std::string(file == "-" ? "a picture needs a file name" : ""); });
         parser().add_flag("--no-advertise", quietly_,
                           "Do not announce the pairing on the network; the phone must then scan the code.");
         parser().add_flag("--yes", yes_, "Do not ask whether the phone shows the same confirmation code.");
@@ -124,6 +127,8 @@ public:
 
 private:
     int pair(Host& host) {
+        requirePeerStore(host);
+        Confirmation confirmation(host, yes_, false);
         const platform::PrivateKey ownKey = host.staticKey();
         Introduced introduced = awaitPhone(host, ownKey.publicKey());
         Json fields;
@@ -131,13 +136,10 @@ private:
         fields["remote_endpoint"] = introduced.remoteEndpoint;
         fields["peer_hostname"] = introduced.phone.peer_hostname;
         host.output.event("introduction", std::move(fields));
-        const std::string name = madeVisible(introduced.phone.peer_hostname);
-        host.output.result(name + " (" + introduced.remoteEndpoint + ") wants to be paired.");
+        host.output.result(madeVisible(introduced.phone.peer_hostname) + " (" + introduced.remoteEndpoint +
+                           ") wants to be paired.");
         host.output.result("Confirmation code: " + introduced.confirmationCode);
-        if (!yes_ && !asksForYes("Does " + name + " show the same code?", false)) {
-            throw HostError("the codes were not confirmed; nothing was recorded",
-                            "If they differ, somebody else answered: pair again on a network that you trust.");
-        }
+        confirmation.require(introduced.phone.peer_hostname);
         recordPaired(host, std::move(introduced.phone));
         return 0;
     }
@@ -145,13 +147,19 @@ private:
     /// Pair mode. When it ends, by whatever way, the port is closed, the announcement withdrawn and the secret wiped.
     Introduced awaitPhone(Host& host, const platform::PublicKey& ownKey) {
         const DeviceInfo device = thisDevice(host);
+<<<<<<< HEAD
         // given back when this function ends: people may take their time with the question that follows
         std::optional<BorrowedPort> borrowed = borrowPort(host);
         std::unique_ptr<platform::Listener> port = borrowed ? borrowed->takeListener() : openPort(host);
         const PairingPayload payload = PairingPayload::mint(ownKey, device, port->port());
+=======
+        std::unique_ptr<platform::Listener> port = openPort(host);
+        const std::uint16_t number = port->port();
+        const PairingPayload payload = PairingPayload::mint(ownKey, device, number);
+>>>>>>> main
         const std::string code = PairCode::generate();
         const SecretBytes secret = payload.secret();
-        PairListener listener(host.system, secret, port->port(), duration(), std::move(port));
+        PairListener listener(host.system, secret, number, duration(), std::move(port));
         PairAdvertiser advertiser(host.system, payload, code, host.tasks.executor());
 
         show(host, payload, code);
@@ -208,7 +216,7 @@ private:
 
     void show(Host& host, const PairingPayload& payload, const std::string& code) const {
         if (!picture_.empty()) {
-            QRRenderer::writePNG(host.system.files, payload, picture_, pictureScale);
+            writePicture(host, payload);
         }
         if (host.output.isJson()) {
             Json fields; // the one place where the secret is put out as text: whoever asks for JSON shows the code
@@ -218,15 +226,28 @@ private:
         } else {
             showCode(host, payload);
         }
-        host.output.result("Scan the code with the phone, or enter these four digits there: " + code);
+        host.output.result(quietly_ ? "Scan the code with the phone."
+                                    : "Scan the code with the phone, or enter these four digits there: " + code);
+    }
+
+    void writePicture(Host& host, const PairingPayload& payload) const {
+        try {
+            QRRenderer::writePNG(host.system.files, payload, picture_, pictureScale);
+        } catch (const QRRenderer::Error& error) {
+            throw HostError(describe(error), "'" + picture_ + "' cannot be written. Is its folder there, and yours?");
+        }
     }
 
     static void showCode(Host& host, const PairingPayload& payload) {
         const std::string text = QRRenderer::renderASCII(payload);
         host.output.result(styledQr(text, qrStyleForStandardOutput()));
-        if (isTerminal(STDOUT_FILENO) && qrColumns(text) > columnsOfTerminal(STDOUT_FILENO)) {
-            host.output.message("The window is too narrow for the code, which takes " +
-                                std::to_string(qrColumns(text)) + " columns; `--png FILE` writes a picture of it.");
+        // below the code stand the line with the digits and the countdown
+        const std::size_t rows = qrRows(text) + 2;
+        const bool fits = qrColumns(text) <= columnsOfTerminal(STDOUT_FILENO) && rows <= rowsOfTerminal(STDOUT_FILENO);
+        if (isTerminal(STDOUT_FILENO) && !fits) {
+            host.output.message("The window is too small for the code, which takes " + std::to_string(qrColumns(text)) +
+                                " columns and " + std::to_string(rows) +
+                                " lines; `--png FILE` writes a picture of it.");
         }
     }
 

@@ -4,10 +4,9 @@
 
 namespace orlinth::host {
 
-/// Asks on standard error and reads one line of the answer, from standard input, or from the terminal itself where
-/// standard input was used up otherwise. Only a yes is one; an end of input is a no. Blocks; a signal ends the program.
-/// @throws HostError if there is nobody to ask
-[[nodiscard]] bool asksForYes(const std::string& question, bool standardInputIsUsedUp);
+/// Finds out before anything else whether there is a peer store to record somebody in: later, the other side would
+/// have recorded us already. @throws PeerStoreError
+void requirePeerStore(const Host& host);
 
 /// To be called before a phone is recorded: the one that was removed here once, and is paired again, is not to be told
 /// any more that it was removed. @throws HostError, and then nothing may be recorded: the service would turn it away

@@ -55,15 +55,30 @@ platform::RasterImage readPicture(Host& host, const std::string& file) {
     }
 }
 
+/// The payload itself, or the one in the event that `pair --json` prints.
+PairingPayload payloadIn(ByteView text) {
+    const auto isEvent = [](const Json& json) { return json.is_object() && json.contains("payload"); };
+    try {
+        const Json json = parseJson(text);
+        if (isEvent(json)) {
+            const Wiped payload(compactJson(json.at("payload")));
+            return PairingPayload::decode(asBytes(payload.get()));
+        }
+    } catch (const JsonError&) {
+        // decode() says what is wrong
+    }
+    return PairingPayload::decode(text);
+}
+
 } // namespace
 
 PairingPayload payloadFromFile(Host& host, const std::string& file) {
     if (file == "-") {
         const Wiped text(textFromStandardInput());
-        return PairingPayload::decode(asBytes(text.get()));
+        return payloadIn(asBytes(text.get()));
     }
     const Wiped content(readAtMost(host.system.files, file, largestPayload, "a pairing payload"));
-    return PairingPayload::decode(content.get());
+    return payloadIn(content.get());
 }
 
 PairingPayload payloadFromPicture(Host& host, const std::string& file) {

@@ -8,7 +8,8 @@
 /// From where `join` takes the computer's payload.
 namespace orlinth::host {
 
-/// From a JSON file; "-" is standard input. @throws HostError, PairingError
+/// From a JSON file, which holds the payload itself or the event that `pair --json` prints; "-" is standard input.
+/// @throws HostError, PairingError
 [[nodiscard]] PairingPayload payloadFromFile(Host& host, const std::string& file);
 
 /// From a picture (PNG) of the code. @throws HostError, QRRenderer::Error, PairingError

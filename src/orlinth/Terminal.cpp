@@ -24,11 +24,24 @@ bool wantsColour() {
     return refused == nullptr || *refused == '\0';
 }
 
-std::size_t columnsOfTerminal(int descriptor) {
+namespace {
+
+winsize sizeOf(int descriptor) {
     winsize size{};
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg): the system's own interface
-    const bool known = ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return known ? size.ws_col : 80;
+    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size : winsize{};
+}
+
+} // namespace
+
+std::size_t columnsOfTerminal(int descriptor) {
+    const std::size_t columns = sizeOf(descriptor).ws_col;
+    return columns > 0 ? columns : 80;
+}
+
+std::size_t rowsOfTerminal(int descriptor) {
+    const std::size_t rows = sizeOf(descriptor).ws_row;
+    return rows > 0 ? rows : 24;
 }
 
 StatusLine::StatusLine(bool enabled) : enabled_(enabled && canRedraw(STDERR_FILENO)) {}

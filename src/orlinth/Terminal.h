@@ -17,6 +17,9 @@ namespace orlinth::host {
 /// Its width as it is now; 80 if it does not tell.
 [[nodiscard]] std::size_t columnsOfTerminal(int descriptor);
 
+/// Its height as it is now; 24 if it does not tell.
+[[nodiscard]] std::size_t rowsOfTerminal(int descriptor);
+
 /// One line of standard error that is redrawn in place, such as a countdown. Draws nothing where it cannot be.
 class StatusLine {
 public:

@@ -2,6 +2,7 @@
 
 #include "orlinth/Terminal.h"
 
+#include <algorithm>
 #include <array>
 #include <unistd.h>
 
@@ -78,6 +79,10 @@ std::size_t qrColumns(std::string_view text) {
         columns += continues ? 0 : 1;
     }
     return columns;
+}
+
+std::size_t qrRows(std::string_view text) {
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
 } // namespace orlinth::host

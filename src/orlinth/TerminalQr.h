@@ -18,7 +18,8 @@ enum class QrStyle {
 /// `text` is lines of "█", "▀", "▄" and blanks, dark modules being ink; so is the result, without the last line feed.
 [[nodiscard]] std::string styledQr(std::string_view text, QrStyle style);
 
-/// The columns that such a text takes.
+/// The columns, and the lines, that such a text takes.
 [[nodiscard]] std::size_t qrColumns(std::string_view text);
+[[nodiscard]] std::size_t qrRows(std::string_view text);
 
 } // namespace orlinth::host

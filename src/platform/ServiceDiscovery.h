@@ -1,10 +1,12 @@
 #pragma once
 
+#include "base/SecretBytes.h"
 #include "platform/Task.h"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,15 +15,25 @@ namespace orlinth::platform {
 
 /// One service of DNS-SD (RFC 6763): what is published, and what is found.
 struct ServiceRecord {
+    /// A string of the TXT record, key and "=" included, may have this many bytes (RFC 6763 §6.1).
+    static constexpr std::size_t maxTxtStringBytes = 255;
+
     std::string name;       ///< instance name, UTF-8
     std::string type;       ///< "_orlinth-pair._tcp."; with or without the dot at its end
     std::string domain;     ///< "local."; likewise
     std::uint16_t port = 0; ///< where the service listens
-    /// Keys and values of the TXT record in their order; a pair may take 254 bytes with the "=" between (RFC 6763
-    /// §6.1).
+    /// Keys and values of the TXT record in their order. What is found has keys in lower case, as their case does not
+    /// matter (RFC 6763 §6.4).
     std::vector<std::pair<std::string, std::string>> txt;
 
     bool operator==(const ServiceRecord&) const = default;
+
+    /// Wipes the values of the TXT record: there may be a secret among them.
+    void wipeTxt() noexcept {
+        for (auto& [key, value] : txt) {
+            wipe(std::as_writable_bytes(std::span(value)));
+        }
+    }
 };
 
 /// A service that is announced for as long as this lives. Destroying it withdraws it, and nothing is called any more.

@@ -12,6 +12,7 @@ import os
 import pathlib
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import threading
@@ -100,6 +101,53 @@ class Lines(threading.Thread):
             return found
 
 
+class MuteBus:
+    """A system bus that accepts connections and then says nothing."""
+
+    def __init__(self, path):
+        self.path = path
+        self.ends = []
+        self.silent = 0
+        self.changed = threading.Condition()
+        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.listener.bind(str(path))
+        self.listener.listen()
+        self.threads = [threading.Thread(target=self._accept, daemon=True)]
+        self.threads[0].start()
+
+    def _accept(self):
+        while True:
+            try:
+                end = self.listener.accept()[0]
+            except OSError:
+                return
+            self.ends.append(end)
+            with self.changed:
+                self.silent += 1
+                self.changed.notify_all()
+
+    def wait_for_silence(self, count=1):
+        """Until so many connections have been left without an answer."""
+        with self.changed:
+            if not self.changed.wait_for(lambda: self.silent >= count, PATIENCE):
+                raise AssertionError(f"only {self.silent} connections were left without an answer")
+
+    def close(self):
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        self.threads[0].join(PATIENCE)
+        for end in self.ends:
+            try:
+                end.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass  # its other side has gone
+        for thread in self.threads:
+            thread.join(PATIENCE)
+        for end in self.ends:
+            end.close()
+        self.path.unlink()
+
+
 class AvahiWorld:
     ADDRESS = "192.168.77.1"
     INTERFACE = "near"
@@ -124,7 +172,7 @@ class AvahiWorld:
             if not line:
                 raise AssertionError(f"no namespace: {said}")
             said.append(line.strip())
-        self.socket = self.folder / "bus"
+        self.socket = self.reached_at = self.folder / "bus"
         (self.folder / "bus.conf").write_text(BUS.format(socket=self.socket))
         (self.folder / "avahi.conf").write_text(DAEMON)
         self.start_bus()
@@ -141,7 +189,7 @@ class AvahiWorld:
     @property
     def environment(self):
         """For programs that are to find the bus; to be run with `inside`."""
-        return {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self.socket}", "LC_ALL": "C.UTF-8"}
+        return {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self.reached_at}", "LC_ALL": "C.UTF-8"}
 
     def inside(self, arguments):
         """The command line that runs these arguments in the namespaces, as a process that may be signalled."""
@@ -162,6 +210,14 @@ class AvahiWorld:
         self._end("bus")
         if self.folder:
             (self.folder / "bus").unlink(missing_ok=True)
+
+    def signal_bus(self, number):
+        self.bus.send_signal(number)
+
+    def mute_bus(self):
+        """Programs from now on find a bus that answers that many connections, and no further ones."""
+        self.reached_at = self.folder / "mute"
+        return MuteBus(self.reached_at)
 
     def start_daemon(self):
         """Returns when it announces, and answers on the bus."""

@@ -6,6 +6,7 @@ import pty
 import struct
 import termios
 import threading
+import time
 
 from harness import PATIENCE
 
@@ -13,15 +14,15 @@ from harness import PATIENCE
 class Terminal:
     """A pseudo-terminal of a size, and everything that was written to it."""
 
-    def __init__(self, columns):
+    def __init__(self, columns, rows=24):
         self.screen, self.end = pty.openpty()
-        self.resize(columns)
+        self.resize(columns, rows)
         self.written = b""
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
 
-    def resize(self, columns):
-        fcntl.ioctl(self.end, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+    def resize(self, columns, rows=24):
+        fcntl.ioctl(self.end, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
 
     def _read(self):
         try:
@@ -29,6 +30,17 @@ class Terminal:
                 self.written += piece
         except OSError:
             pass  # the last writer has gone
+
+    def type(self, text):
+        os.write(self.screen, text.encode())
+
+    def wait_for(self, text):
+        """Until this was written."""
+        deadline = time.monotonic() + PATIENCE
+        while text not in self.written.decode(errors="replace"):
+            if time.monotonic() > deadline:
+                raise AssertionError(f"no {text!r} in {self.written.decode(errors='replace')!r}")
+            time.sleep(0.01)
 
     def text(self):
         os.close(self.end)

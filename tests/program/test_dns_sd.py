@@ -7,10 +7,11 @@ import signal
 import struct
 import subprocess
 import sys
+import tempfile
 import unittest
 
 from avahi_world import AvahiWorld, Lines
-from harness import BUILD, PATIENCE, Running
+from harness import BUILD, ORLINTH, PATIENCE, Identity, Running
 
 TOOL = str(BUILD / "tests" / "interop" / "dns_sd_tool")
 TYPE = "_orlinth-pair._tcp"
@@ -19,8 +20,11 @@ PORT = 53318
 HOSTNAME = "Anns \"Stüdio\" ; 1"
 LOST = "Daemon connection failed"
 MISSING = "Daemon not running"
+SILENT = "Timeout reached"
 # Seconds for which libdbus waits for an answer.
 ANSWER_TIMEOUT = 25
+# What ends at once has ended by then, even on a busy machine.
+PROMPT = 10
 
 # asks the daemon itself, and prints the TXT record as it is on the wire
 ASK = """
@@ -139,6 +143,16 @@ class DnsSd(unittest.TestCase):
         self.assertEqual(0, program.wait(), program.stderr)
         self.assert_nothing_left(program)
         return program
+
+    def mute_bus(self):
+        bus = self.world.mute_bus()
+        self.addCleanup(bus.close)
+        return bus
+
+    def ends_promptly(self, program, line="end"):
+        program.say(line)
+        self.assertEqual(0, program.wait(PROMPT), program.stderr)
+        self.assert_nothing_left(program)
 
     def ends_well(self, program):
         program.do("end")
@@ -286,6 +300,73 @@ class DnsSd(unittest.TestCase):
                 self.ends_well(program)
                 self.assertEqual([], program.messages("failure"))
 
+    # a bus that hangs
+
+    def test_nobody_waits_for_a_bus_that_is_silent(self):
+        bus = self.mute_bus()
+        program = self.advertiser()
+        bus.wait_for_silence()
+        self.ends_promptly(program)
+        search = self.program("find", "600")
+        bus.wait_for_silence(2)
+        self.ends_promptly(search, "cancel")
+        self.assertEqual(["searching", "cancelled", "threads"], search.events.names())
+
+    def test_a_bus_that_is_silent_is_as_good_as_none(self):
+        bus = self.mute_bus()
+        program = self.advertiser()
+        self.assert_failures(program, SILENT)
+        bus.wait_for_silence(3)  # it is tried again, and told once
+        self.assert_failures(program, SILENT)
+        self.ends_promptly(program)
+        self.assertEqual([SILENT], self.find("600").messages("error"))
+        self.assertEqual([SILENT], self.find("0.1").messages("error"))
+
+    def test_a_bus_that_stops_while_announcing_holds_nobody_up(self):
+        self.world.start_daemon()
+        for lines in ([], ["stop"], ["stop", "start"]):
+            with self.subTest(lines=lines):
+                program = self.advertiser()
+                browser = self.browser()
+                self.sees(browser, service_name("4711"))
+                self.world.signal_bus(signal.SIGSTOP)
+                try:
+                    for line in lines:
+                        program.do(line)
+                    if "start" in lines:
+                        self.assert_failures(program, SILENT)
+                    self.ends_promptly(program)
+                finally:
+                    self.world.signal_bus(signal.SIGCONT)
+                self.sees(browser, service_name("4711"), "-")
+
+    def test_a_bus_that_stops_while_finding_holds_nobody_up(self):
+        self.world.start_daemon()
+        monitor = self.bus_monitor()
+        search = self.program("find", "600")
+        monitor.wait_for(lambda line: "member=ServiceBrowser" in line, "search")
+        self.world.signal_bus(signal.SIGSTOP)
+        self.ends_promptly(search, "cancel")
+        self.assertEqual(["searching", "cancelled", "threads"], search.events.names())
+
+    def test_pairing_ends_in_time_with_a_bus_that_is_silent(self):
+        self.mute_bus()
+        root = tempfile.TemporaryDirectory()
+        self.addCleanup(root.cleanup)
+        identity = Identity(root.name, "anna")
+        environment = dict(identity.environment)
+        environment["DBUS_SYSTEM_BUS_ADDRESS"] = self.world.environment["DBUS_SYSTEM_BUS_ADDRESS"]
+
+        def run(*arguments):
+            return subprocess.run(self.world.inside([ORLINTH, *arguments]), env=environment, stdin=subprocess.DEVNULL,
+                                  capture_output=True, text=True, timeout=PATIENCE, check=False)
+
+        pair = run("pair", "--timeout", "1")
+        self.assertNotEqual(0, pair.returncode, pair)
+        join = run("join", "--code", "1234", "--timeout", "1")
+        self.assertNotEqual(0, join.returncode, join)
+        self.assertIn("cannot look for computers on the network: " + SILENT, join.stderr)
+
     # finding
 
     def test_a_service_is_found_once_with_all_that_it_says(self):
@@ -304,7 +385,7 @@ class DnsSd(unittest.TestCase):
     def test_different_services_are_all_found(self):
         self.world.start_daemon()
         programs = [self.advertiser(code) for code in ("0001", "0002")]
-        self.publish("Another one", "v=1", "V=2", "=x", "flag", "pk=a=b", port=7)
+        self.publish("Another one", "v=1", "V=2", "=x", "flag", "PK=a=b", port=7)
         for code in ("0001", "0002"):
             self.sees(self.browser(), service_name(code))
         found = {service["name"]: service for service in self.find().events.find("found")["services"]}
@@ -317,7 +398,7 @@ class DnsSd(unittest.TestCase):
 
     def test_nothing_is_found_where_nothing_is(self):
         self.world.start_daemon()
-        self.assertEqual([], self.find("0.5").events.find("found")["services"])
+        self.assertEqual([], self.find().events.find("found")["services"])
 
     def test_finding_needs_a_daemon(self):
         search = self.find("60")

@@ -169,10 +169,10 @@ class WaysToPair(PairingTest):
         self.exchange(self.phone, self.mac, theirs)
         self.exchange(self.mac, self.phone, ours)
 
-    def test_by_the_payload_on_standard_input(self):
+    def test_by_the_line_with_the_payload_on_standard_input(self):
         program = self.pair("--yes")
         joined = self.join("--payload", "-", "--yes", stdin=subprocess.PIPE)
-        joined.process.stdin.write(json.dumps(program.payload).encode())
+        joined.process.stdin.write(json.dumps(program.events.find("payload")).encode())
         joined.process.stdin.close()
         self.assert_paired(program, joined)
 
@@ -283,7 +283,7 @@ class ByTheFourDigits(PairingTest):
         program = self.shown(self.mac, "--yes")
         self.wait_until_announced(1)
         other = f"{(int(program.code) + 1) % 10000:04d}"
-        joined = self.inside(self.phone, "join", "--code", other, "--timeout", "0", "--yes", "--json")
+        joined = self.inside(self.phone, "join", "--code", other, "--timeout", "0.1", "--yes", "--json")
         self.assertEqual(1, joined.wait())
         self.assert_one_line_error(joined.stderr, "no computer with this code is in pair mode on this network")
         program.signal(signal.SIGINT)
@@ -360,6 +360,8 @@ class Question(PairingTest):
             phone.connect()
         program.signal(signal.SIGINT)
         self.assertEqual(130, program.wait())
+        self.assertEqual("interrupted by SIGINT", program.events.find("error")["message"])
+        self.assertIn("[y/N] \norlinth: interrupted by SIGINT\nNothing was recorded.\n", program.stderr)
         self.assertEqual([], self.records(self.mac))
 
     def test_without_a_terminal_nobody_can_be_asked_behind_a_payload_on_standard_input(self):
@@ -370,6 +372,9 @@ class Question(PairingTest):
         self.assertEqual(1, joined.wait())
         self.assert_one_line_error(joined.stderr, "there is no terminal to ask whether the codes are the same")
         self.assertEqual([], self.records(self.phone))
+        program.signal(signal.SIGINT)  # nobody has come to it meanwhile
+        self.assertEqual(130, program.wait())
+        self.assertIsNone(program.events.find("introduction"))
 
 
 class WhatAPhoneMayNotSay(PairingTest):
@@ -493,6 +498,16 @@ class WhatGoesWrong(PairingTest):
                               str(self.folder / "none" / "code.png"))
         self.assertEqual(1, result.returncode)
         self.assert_one_line_error(result.stderr, "CGImageDestination PNG write failed")
+        self.assertIn("none/code.png' cannot be written", result.stderr)
+        self.assertEqual(2, self.mac.run("pair", "--png", "-").returncode)
+
+    def test_a_peer_store_that_cannot_be_used_is_told_of_before_anything_else(self):
+        self.mac.run("id")
+        self.mac.peer_file.write_text("{")
+        result = self.mac.run("pair", "--port", "0", "--interface", "lo", "--no-advertise")
+        self.assertEqual((1, ""), (result.returncode, result.stdout))
+        self.assertIn("orlinth: PeerRecord decode failed: ", result.stderr)
+        self.assertEqual("{", self.mac.peer_file.read_text())
 
 
 class WhatJoinRefuses(PairingTest):
@@ -559,11 +574,10 @@ class WhatJoinRefuses(PairingTest):
 
 
 class OnATerminal(PairingTest):
-    def drawn(self, columns=120, **environment):
+    def drawn(self, columns=120, rows=60, arguments=("--no-advertise",), **environment):
         """What `pair` draws on a terminal before nobody comes."""
-        terminal = Terminal(columns)
-        program = subprocess.Popen([ORLINTH, "pair", "--port", "0", "--interface", "lo", "--no-advertise",
-                                    "--timeout", "1.2"], stdout=terminal.end, stderr=terminal.end,
+        terminal = Terminal(columns, rows)
+        program = subprocess.Popen([ORLINTH, "pair", "--port", "0", "--interface", "lo", *arguments, "--timeout", "1.2"], stdout=terminal.end, stderr=terminal.end,
                                    stdin=subprocess.DEVNULL,
                                    env={**self.mac.environment, "TERM": "xterm", **environment})
         self.assertEqual(1, program.wait(PATIENCE))
@@ -601,16 +615,52 @@ class OnATerminal(PairingTest):
         self.assertIn("waiting for a phone, 2 s left", text)
         self.assertIn("waiting for a phone, 1 s left", text)
 
-    def test_a_narrow_window_is_told_of(self):
-        self.assertIn("The window is too narrow for the code", self.drawn(columns=40))
-        self.assertNotIn("too narrow", self.drawn(columns=120))
+    def test_a_window_that_is_too_small_is_told_of(self):
+        self.assertIn("The window is too small for the code", self.drawn(columns=40))
+        self.assertIn("The window is too small for the code", self.drawn(rows=24))
+        self.assertNotIn("too small", self.drawn())
+
+    def test_the_digits_are_shown_only_where_they_lead_somewhere(self):
+        self.assertIn("Scan the code with the phone.\n", self.drawn())
+        self.assertRegex(self.drawn(arguments=()), r"enter these four digits there: \d{4}\n")
+
+    def asked(self, before):
+        """A pairing on a terminal, up to the question; `before` is typed while it waits for a phone."""
+        terminal = Terminal(120, 60)
+        picture = self.folder / "code.png"
+        program = subprocess.Popen([ORLINTH, "pair", "--port", "0", "--interface", "lo", "--no-advertise", "--png",
+                                    str(picture)], stdout=terminal.end, stderr=terminal.end, stdin=terminal.end,
+                                   env={**self.mac.environment, "TERM": "xterm"})
+        self.addCleanup(program.wait, PATIENCE)
+        terminal.wait_for("Scan the code")
+        terminal.type(before)
+        read = subprocess.run(["zbarimg", "-q", "--raw", str(picture)], capture_output=True, text=True, check=True)
+        phone = ScriptedPhone(json.loads(read.stdout))
+        phone.say(phone.plaintext())
+        terminal.wait_for("[y/N] ")
+        return program, terminal
+
+    def test_what_was_typed_before_the_question_is_no_answer(self):
+        program, terminal = self.asked("y\n")
+        with self.assertRaises(subprocess.TimeoutExpired):
+            program.wait(1)
+        terminal.type("n\n")
+        self.assertEqual(1, program.wait(PATIENCE))
+        self.assertEqual([], self.records(self.mac))
+        self.assertIn("the codes were not confirmed", terminal.text())
+
+    def test_a_yes_behind_the_question_counts(self):
+        program, terminal = self.asked("")
+        terminal.type("y\n")
+        self.assertEqual(0, program.wait(PATIENCE))
+        self.assertIn("paired with Pixel at 127.0.0.1:7000", terminal.text())
 
     def test_elsewhere_the_text_is_as_it_is(self):
         result = self.mac.run("pair", "--port", "0", "--interface", "lo", "--no-advertise", "--timeout", "0.2")
         lines = [line for line in result.stdout.split("\n") if line and set(line) <= set("█▀▄ ")]
         self.assertEqual(self.mac.key, self.read_back(lines, True)["peer_pubkey"])
         self.assertNotIn("\x1b", result.stdout)
-        self.assertRegex(result.stdout, r"enter these four digits there: \d{4}\n")
+        self.assertTrue(result.stdout.endswith("Scan the code with the phone.\n"))
 
 
 if __name__ == "__main__":

@@ -13,7 +13,7 @@ constexpr std::size_t hashCharactersInName = 6;
 
 /// As many of the first characters as are announced; cut between two characters, even if one alone is too long.
 std::string announcedHostname(const std::string& hostname) {
-    const std::size_t most = PairAdvertiser::maxTxtStringBytes - std::string_view("hn=").size();
+    const std::size_t most = platform::ServiceRecord::maxTxtStringBytes - std::string_view("hn=").size();
     const std::string repaired = toUtf8(hostname);
     std::size_t characters = PairAdvertiser::maxHostnameCharacters;
     std::string cut = firstCharacters(repaired, characters);
@@ -52,9 +52,7 @@ PairAdvertiser::PairAdvertiser(platform::System& system, const PairingPayload& p
 }
 
 PairAdvertiser::~PairAdvertiser() {
-    for (auto& [key, value] : service_.txt) {
-        wipe(std::as_writable_bytes(std::span(value)));
-    }
+    service_.wipeTxt();
 }
 
 void PairAdvertiser::start(std::function<void(const std::string&)> onFailure) {

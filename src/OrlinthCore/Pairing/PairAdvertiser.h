@@ -15,8 +15,6 @@ namespace orlinth {
 /// Threading: start(), stop() and destruction on the executor that failures are told on.
 class PairAdvertiser {
 public:
-    /// A TXT string, key and "=" included, may have this many bytes (RFC 6763 §6.1).
-    static constexpr std::size_t maxTxtStringBytes = 255;
     static constexpr std::size_t maxHostnameCharacters = 60;
 
     /// Builds the service and publishes nothing. `system` outlives this; failures come on `executor`.

@@ -23,7 +23,7 @@ private:
 class PairIntroduction {
 public:
     static constexpr std::size_t maxHostnameBytes = 255;
-    static constexpr std::size_t maxFieldBytes = 64;   ///< of subnet, hardware address and Android identifier
+    static constexpr std::size_t maxFieldBytes = 64;   ///< of address, subnet, hardware address and Android identifier
     static constexpr std::size_t maxTokenBytes = 4096; ///< of the push token
 
     PairIntroduction() = delete;

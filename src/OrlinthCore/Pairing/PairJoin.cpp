@@ -59,7 +59,15 @@ PeerRecord describeSelf(const platform::System& system, const PairJoinRequest& r
     return self;
 }
 
-/// An introduction that the computer will take: a host name that it would refuse is left out.
+void requireAcceptable(const Bytes& introduction, const platform::PublicKey& computer) {
+    try {
+        static_cast<void>(PairIntroduction::decode(introduction, computer));
+    } catch (const PairIntroductionError& error) {
+        throw PairJoinError::send(error.description());
+    }
+}
+
+/// An introduction that the computer will take: a host name that it would refuse is left out. @throws PairJoinError
 Bytes introductionOf(PeerRecord self, const platform::PublicKey& computer) {
     Bytes introduction = PairIntroduction::encode(self);
     try {
@@ -67,6 +75,7 @@ Bytes introductionOf(PeerRecord self, const platform::PublicKey& computer) {
     } catch (const PairIntroductionError&) {
         self.peer_hostname = namelessHost;
         introduction = PairIntroduction::encode(self);
+        requireAcceptable(introduction, computer);
     }
     return introduction;
 }

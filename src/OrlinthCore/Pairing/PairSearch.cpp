@@ -10,6 +10,7 @@
 namespace orlinth {
 namespace {
 
+/// Long enough for every computer of the network to have answered.
 constexpr double secondsOfOneLook = 3;
 
 /// The value of a key; empty if the service does not have it.

@@ -1,6 +1,7 @@
 #include "platform/linux/AvahiAnnouncement.h"
 
 #include "base/SecretBytes.h"
+#include "platform/linux/AvahiText.h"
 
 #include <asio/post.hpp>
 #include <avahi-common/error.h>
@@ -15,19 +16,16 @@ namespace orlinth::platform {
 namespace {
 
 constexpr unsigned retryMilliseconds = 1000;
-constexpr std::size_t maxTxtString = 255; // RFC 6763 §6.1; Avahi would cut a longer one short without a word
 
 struct StringListFree {
-    void operator()(AvahiStringList* list) const noexcept { avahi_string_list_free(list); }
+    void operator()(AvahiStringList* list) const noexcept {
+        for (AvahiStringList* text = list; text != nullptr; text = text->next) {
+            wipe(std::as_writable_bytes(std::span(text->text, text->size)));
+        }
+        avahi_string_list_free(list);
+    }
 };
 using StringList = std::unique_ptr<AvahiStringList, StringListFree>;
-
-std::string withoutDot(std::string name) {
-    if (name.ends_with('.')) {
-        name.pop_back();
-    }
-    return name;
-}
 
 /// Whether another attempt would fail in the same way, because it is this service that Avahi does not want.
 bool isFinal(int error) {
@@ -65,9 +63,7 @@ AvahiAnnouncement::AvahiAnnouncement(AvahiLoop& loop, ServiceRecord service, Exe
 }
 
 AvahiAnnouncement::~AvahiAnnouncement() {
-    for (auto& [key, value] : service_.txt) {
-        wipe(std::as_writable_bytes(std::span(value))); // there may be a secret among them
-    }
+    service_.wipeTxt();
 }
 
 void AvahiAnnouncement::fallSilent() noexcept {
@@ -91,12 +87,12 @@ void AvahiAnnouncement::end() noexcept {
 void AvahiAnnouncement::open() noexcept {
     failing_ = false;
     int error = AVAHI_ERR_FAILURE;
-    client_ = avahi_client_new(
-        poll(), AVAHI_CLIENT_NO_FAIL,
+    client_ = openClient(
+        AVAHI_CLIENT_NO_FAIL,
         [](AvahiClient* client, AvahiClientState state, void* self) noexcept {
             static_cast<AvahiAnnouncement*>(self)->clientChanged(client, state);
         },
-        this, &error);
+        this, error);
     if (client_ == nullptr) {
         group_ = nullptr; // it went with the client, should there have been one
         forgetSocket();
@@ -163,7 +159,7 @@ int AvahiAnnouncement::addService() noexcept {
     for (const auto& [key, value] : service_.txt) {
         std::string pair = key;
         pair.append("=").append(value);
-        if (pair.size() > maxTxtString) {
+        if (pair.size() > ServiceRecord::maxTxtStringBytes) { // Avahi would cut it short without a word
             return AVAHI_ERR_INVALID_RECORD;
         }
         // A list grows at its head, and is published from its end: what is added last comes last.

@@ -1,7 +1,9 @@
 #include "platform/linux/AvahiLoop.h"
 
 #include "platform/SystemError.h"
+#include "platform/linux/AvahiBus.h"
 
+#include <avahi-common/error.h>
 #include <avahi-common/simple-watch.h>
 
 #include <algorithm>
@@ -15,8 +17,23 @@
 #include <utility>
 
 namespace orlinth::platform {
+namespace {
 
-AvahiJob::AvahiJob(AvahiLoop& loop) : loop_(loop) {
+/// How long the bus may take to say hello.
+constexpr std::chrono::milliseconds busPatience{2000};
+
+void raise(int event) noexcept {
+    const std::uint64_t one = 1;
+    // it fails only where it would overflow, and then it is raised
+    static_cast<void>(::write(event, &one, sizeof one) == sizeof one);
+}
+
+} // namespace
+
+AvahiJob::AvahiJob(AvahiLoop& loop) : loop_(loop), interruption_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (interruption_ < 0) {
+        throw SystemError::fromErrno();
+    }
     poll_.userdata = this;
     poll_.watch_new = [](const AvahiPoll* api, int descriptor, AvahiWatchEvent event, AvahiWatchCallback callback,
                          void* userdata) noexcept {
@@ -42,6 +59,13 @@ void AvahiJob::usePoll(const AvahiPoll& inner) noexcept {
 
 AvahiJob::~AvahiJob() {
     forgetSocket();
+    ::close(interruption_);
+}
+
+AvahiClient* AvahiJob::openClient(AvahiClientFlags flags, AvahiClientCallback callback, void* self,
+                                  int& error) noexcept {
+    error = askSystemBus(interruption_, busPatience);
+    return error == AVAHI_OK ? avahi_client_new(poll(), flags, callback, self, &error) : nullptr;
 }
 
 void AvahiJob::noteSocket(int socket) noexcept {
@@ -70,6 +94,7 @@ bool AvahiJob::isInterrupted() const {
 void AvahiJob::interrupt() noexcept {
     const std::lock_guard guard(lock_);
     interrupted_ = true;
+    raise(interruption_);
     if (socket_ >= 0) {
         ::shutdown(socket_, SHUT_RDWR);
     }
@@ -150,9 +175,7 @@ void AvahiLoop::start() {
 }
 
 void AvahiLoop::wake() const noexcept {
-    const std::uint64_t one = 1;
-    // it fails only where it would overflow, and then the thread is awake
-    static_cast<void>(::write(wakeEvent_, &one, sizeof one) == sizeof one);
+    raise(wakeEvent_);
 }
 
 void AvahiLoop::run() {

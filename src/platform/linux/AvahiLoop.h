@@ -1,5 +1,6 @@
 #pragma once
 
+#include <avahi-client/client.h>
 #include <avahi-common/watch.h>
 
 #include <memory>
@@ -17,6 +18,7 @@ class AvahiLoop;
 /// begin() and end(), on the loop's thread.
 class AvahiJob {
 public:
+    /// @throws SystemError where there are no descriptors left
     explicit AvahiJob(AvahiLoop& loop);
     AvahiJob(const AvahiJob&) = delete;
     AvahiJob& operator=(const AvahiJob&) = delete;
@@ -30,7 +32,14 @@ protected:
     /// On the loop's thread, last of all: frees what is Avahi's. Called even if begin() was not.
     virtual void end() noexcept = 0;
 
-    /// What the job gives to avahi_client_new().
+    /// Makes the client, as avahi_client_new() does, which must not be called otherwise: that connects to the system
+    /// bus and waits for its hello without any limit, before there is a watch by which the socket could be known. Here
+    /// the bus is first asked for a sign of life on a connection of our own. nullptr, and an error, if it is silent for
+    /// two seconds, or on an interruption at once. (A bus that falls silent in the moment between that and the
+    /// library's own hello can still hold the thread up.) On the loop's thread.
+    [[nodiscard]] AvahiClient* openClient(AvahiClientFlags flags, AvahiClientCallback callback, void* self,
+                                          int& error) noexcept;
+    /// For the alarms of the job.
     [[nodiscard]] const AvahiPoll* poll() const noexcept { return &poll_; }
     /// To be called whenever the client has been freed.
     void forgetSocket() noexcept;
@@ -38,14 +47,15 @@ protected:
     [[nodiscard]] bool isInterrupted() const;
 
 private:
-    /// Cuts the client off from the bus for good: a call that waits for the daemon returns, with an error. Any thread.
+    /// Cuts the client off from the bus for good: a call that waits for the daemon or the bus returns, with an error.
+    /// Any thread.
     void interrupt() noexcept;
     /// Takes over everything that does not make a watch or an alarm.
     void usePoll(const AvahiPoll& inner) noexcept;
     void noteSocket(int socket) noexcept;
-
     AvahiLoop& loop_;
-    AvahiPoll poll_{}; ///< the loop's, but for the socket's being noted
+    AvahiPoll poll_{};       ///< the loop's, but for the socket's being noted
+    const int interruption_; ///< an eventfd that can be read once the job is interrupted
     mutable std::mutex lock_;
     int socket_ = -1;          ///< ours, for the client's connection to the bus; guarded by lock_
     bool interrupted_ = false; ///< guarded by lock_
@@ -57,7 +67,7 @@ private:
 /// daemon hangs: on the program's event loop they would hold up everything else. Avahi's simple poll loop is used
 /// rather than its threaded one, whose lock a caller would have to wait for during such a call. As all of it happens
 /// on the one thread, the library needs no locks at all. Jobs that are removed while they wait are cut off from the
-/// bus, so that nobody ever waits for the daemon, not even the destructor.
+/// bus, so that neither the destructor nor the next job has to wait for a daemon or a bus that hangs.
 ///
 /// Threading: any thread, but for what is said to be for the loop's own. The thread starts with the first job.
 class AvahiLoop {

@@ -1,5 +1,7 @@
 #include "platform/linux/AvahiSearch.h"
 
+#include "base/SecretBytes.h"
+#include "platform/linux/AvahiText.h"
 #include "platform/linux/LinuxServiceDiscovery.h"
 
 #include <avahi-common/error.h>
@@ -9,17 +11,6 @@
 
 namespace orlinth::platform {
 namespace {
-
-std::string withDot(std::string name) {
-    return name.ends_with('.') ? name : name + ".";
-}
-
-std::string withoutDot(std::string name) {
-    if (name.ends_with('.')) {
-        name.pop_back();
-    }
-    return name;
-}
 
 /// The record's strings, in its order.
 std::vector<std::string> stringsOf(const AvahiStringList* list) {
@@ -35,6 +26,12 @@ std::vector<std::string> stringsOf(const AvahiStringList* list) {
 AvahiSearch::AvahiSearch(AvahiLoop& loop, std::string type, std::function<void()> onFailure)
     : AvahiJob(loop), type_(withoutDot(std::move(type))), onFailure_(std::move(onFailure)) {}
 
+AvahiSearch::~AvahiSearch() {
+    for (auto& [sighting, record] : records_) {
+        record.wipeTxt();
+    }
+}
+
 std::vector<ServiceRecord> AvahiSearch::found() const {
     std::vector<ServiceRecord> services;
     const std::lock_guard guard(lock_);
@@ -49,7 +46,7 @@ std::vector<ServiceRecord> AvahiSearch::found() const {
 
 std::optional<std::string> AvahiSearch::failure() const {
     const std::lock_guard guard(lock_);
-    return failure_;
+    return failure_ || looks_ ? failure_ : avahi_strerror(AVAHI_ERR_TIMEOUT);
 }
 
 void AvahiSearch::fallSilent() noexcept {
@@ -59,14 +56,14 @@ void AvahiSearch::fallSilent() noexcept {
 
 void AvahiSearch::begin() {
     int error = AVAHI_ERR_FAILURE;
-    client_ = avahi_client_new(
-        poll(), {},
+    client_ = openClient(
+        {},
         [](AvahiClient* client, AvahiClientState state, void* self) noexcept {
             if (state == AVAHI_CLIENT_FAILURE) {
                 static_cast<AvahiSearch*>(self)->failed(avahi_client_errno(client));
             }
         },
-        this, &error);
+        this, error);
     if (client_ == nullptr) {
         failed(error);
         return;
@@ -88,7 +85,10 @@ void AvahiSearch::begin() {
         this);
     if (browser == nullptr) {
         failed(avahi_client_errno(client_));
+        return;
     }
+    const std::lock_guard guard(lock_);
+    looks_ = true;
 }
 
 void AvahiSearch::end() noexcept {
@@ -134,15 +134,24 @@ void AvahiSearch::disappeared(const Sighting& sighting) noexcept {
         resolvings_.erase(place);
     }
     const std::lock_guard guard(lock_);
-    records_.erase(sighting);
+    const auto record = records_.find(sighting);
+    if (record != records_.end()) {
+        record->second.wipeTxt();
+        records_.erase(record);
+    }
 }
 
 void AvahiSearch::resolved(const Sighting& sighting, std::uint16_t port, const AvahiStringList* txt) noexcept {
     const auto& [interface, protocol, name, type, domain] = sighting;
+    std::vector<std::string> strings = stringsOf(txt);
     ServiceRecord record{
-        .name = name, .type = withDot(type), .domain = withDot(domain), .port = port, .txt = txtPairs(stringsOf(txt))};
+        .name = name, .type = withDot(type), .domain = withDot(domain), .port = port, .txt = txtPairs(strings)};
+    for (std::string& text : strings) {
+        wipe(std::as_writable_bytes(std::span(text)));
+    }
     const std::lock_guard guard(lock_);
-    records_.insert_or_assign(sighting, std::move(record));
+    std::swap(records_[sighting], record);
+    record.wipeTxt(); // what it said before
 }
 
 void AvahiSearch::failed(int error) noexcept {

@@ -17,10 +17,13 @@ class AvahiSearch final : public AvahiJob {
 public:
     /// `onFailure` is called once at most, on the loop's thread or where the search ends.
     AvahiSearch(AvahiLoop& loop, std::string type, std::function<void()> onFailure);
+    /// Wipes what was found.
+    ~AvahiSearch() override;
 
     /// What is there now, each once. Any thread.
     [[nodiscard]] std::vector<ServiceRecord> found() const;
-    /// Why there is nothing to be found, in Avahi's words. Any thread.
+    /// Why there is nothing to be found, in Avahi's words; that may be that the daemon has not answered yet. Any
+    /// thread.
     [[nodiscard]] std::optional<std::string> failure() const;
     /// From now on nothing is called. Any thread.
     void fallSilent() noexcept;
@@ -51,6 +54,7 @@ private:
     mutable std::mutex lock_;
     std::function<void()> onFailure_;           ///< guarded by lock_
     std::optional<std::string> failure_;        ///< guarded by lock_
+    bool looks_ = false;                        ///< the daemon has taken the search on; guarded by lock_
     std::map<Sighting, ServiceRecord> records_; ///< guarded by lock_
 };
 

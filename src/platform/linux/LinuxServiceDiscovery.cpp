@@ -72,8 +72,8 @@ std::vector<std::pair<std::string, std::string>> txtPairs(const std::vector<std:
     std::set<std::string> known;
     for (const std::string& text : strings) {
         const std::size_t end = std::min(text.find('='), text.size());
-        std::string key = text.substr(0, end);
-        if (!key.empty() && known.insert(lowerCasedAscii(key)).second) {
+        std::string key = lowerCasedAscii(text.substr(0, end));
+        if (!key.empty() && known.insert(key).second) {
             pairs.emplace_back(std::move(key), text.substr(std::min(end + 1, text.size())));
         }
     }

@@ -5,9 +5,9 @@
 
 namespace orlinth::platform {
 
-/// Key and value of each string of a TXT record, in their order (RFC 6763 §6.4): what follows the first "=" is the
-/// value, "" where there is none; strings without a key are left out, and so are all but the first of equal keys,
-/// whatever their case. Any bytes may come.
+/// Key and value of each string of a TXT record, in their order (RFC 6763 §6.4): the key in lower case, since its case
+/// does not matter; what follows the first "=" is the value, "" where there is none. Strings without a key are left
+/// out, and so are all but the first of equal keys. Any bytes may come.
 [[nodiscard]] std::vector<std::pair<std::string, std::string>> txtPairs(const std::vector<std::string>& strings);
 
 /// DNS-SD through the Avahi daemon. Destroying it withdraws and ends everything that is left.
@@ -24,10 +24,12 @@ public:
     LinuxServiceDiscovery& operator=(const LinuxServiceDiscovery&) = delete;
 
     /// Tries again each second while it is not the service itself that is at fault, and at once when a daemon appears;
-    /// tells the first failure of each time that the service is not announced.
+    /// tells the first failure of each time that the service is not announced. A bus that is silent for two seconds is
+    /// as good as none.
     [[nodiscard]] std::unique_ptr<ServicePublication>
     publish(ServiceRecord service, Executor executor, std::function<void(const std::string&)> onFailure) override;
-    /// Type and domain of what is found end with a dot.
+    /// Type and domain of what is found end with a dot, the keys are in lower case. @throws SystemError also where the
+    /// daemon has not begun to look when the time is over
     [[nodiscard]] Task<std::vector<ServiceRecord>> find(std::string type, double seconds) override;
 
 private:

@@ -23,8 +23,9 @@ TEST(TxtPairs, LeaveStringsWithoutAKeyOut) {
     EXPECT_THAT(txtPairs({"", "=", "=value", "v=1"}), ElementsAre(Pair("v", "1")));
 }
 
-TEST(TxtPairs, KeepTheFirstOfEqualKeysWhateverTheirCase) {
-    EXPECT_THAT(txtPairs({"Pk=1", "pk=2", "PK", "pK=3", "pkk=4"}), ElementsAre(Pair("Pk", "1"), Pair("pkk", "4")));
+TEST(TxtPairs, HaveKeysInLowerCaseAndKeepTheFirstOfEqualOnes) {
+    EXPECT_THAT(txtPairs({"Pk=1", "pk=2", "PK", "pK=3", "pkk=4"}), ElementsAre(Pair("pk", "1"), Pair("pkk", "4")));
+    EXPECT_THAT(txtPairs({"SEC=AbC"}), ElementsAre(Pair("sec", "AbC")));
     EXPECT_THAT(txtPairs({"pk", "pk=2"}), ElementsAre(Pair("pk", "")));
 }
 
