@@ -147,16 +147,11 @@ private:
     /// Pair mode. When it ends, by whatever way, the port is closed, the announcement withdrawn and the secret wiped.
     Introduced awaitPhone(Host& host, const platform::PublicKey& ownKey) {
         const DeviceInfo device = thisDevice(host);
-<<<<<<< HEAD
         // given back when this function ends: people may take their time with the question that follows
         std::optional<BorrowedPort> borrowed = borrowPort(host);
         std::unique_ptr<platform::Listener> port = borrowed ? borrowed->takeListener() : openPort(host);
-        const PairingPayload payload = PairingPayload::mint(ownKey, device, port->port());
-=======
-        std::unique_ptr<platform::Listener> port = openPort(host);
         const std::uint16_t number = port->port();
         const PairingPayload payload = PairingPayload::mint(ownKey, device, number);
->>>>>>> main
         const std::string code = PairCode::generate();
         const SecretBytes secret = payload.secret();
         PairListener listener(host.system, secret, number, duration(), std::move(port));
