@@ -3,6 +3,7 @@
 #include "base/Hex.h"
 #include "platform/Crypto.h"
 
+#include <algorithm>
 #include <array>
 
 namespace orlinth::platform {
@@ -46,29 +47,36 @@ Path freshNameBeside(const Path& path) {
 
 Bytes readWholeFile(FileSystem& files, const Path& path) {
     const std::unique_ptr<File> file = files.open(path, OpenMode::read);
-    constexpr std::size_t step = 65536;
+    // Room for all of it and a byte more, so that one read meets the end. The size is a hint: files of /proc have none.
+    constexpr std::int64_t leastStep = 4096;
+    constexpr std::int64_t mostStep = 1 << 20;
+    const auto step = static_cast<std::size_t>(std::clamp(file->status().size, leastStep - 1, mostStep) + 1);
     Bytes content;
     for (;;) {
         const std::size_t before = content.size();
         content.resize(before + step);
         const std::size_t count = file->read(MutableBytes(content).subspan(before));
         content.resize(before + count);
-        if (count == 0) {
+        if (count < step) {
             return content;
         }
     }
 }
 
-void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::uint32_t permissions) {
+void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::uint32_t permissions, Flush flush) {
     const Path target = files.resolveLinks(path);
     const Path temporaryPath = freshNameBeside(target);
     std::unique_ptr<File> file = files.open(temporaryPath, OpenMode::createNew, Links::refuse, permissions);
     TemporaryFile temporary(files, temporaryPath);
     file->write(content);
-    file->flush();
+    if (flush == Flush::now) {
+        file->flush();
+    }
     file.reset();
     temporary.renameTo(target);
-    files.flushDirectory(target.parent_path());
+    if (flush == Flush::now) {
+        files.flushDirectory(target.parent_path());
+    }
 }
 
 FileLock::FileLock(FileSystem& files, const Path& path)

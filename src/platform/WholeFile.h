@@ -7,12 +7,21 @@ namespace orlinth::platform {
 /// All bytes of a file. @throws SystemError
 [[nodiscard]] Bytes readWholeFile(FileSystem& files, const Path& path);
 
+/// When a change gets to where a power cut cannot undo it.
+enum class Flush {
+    now,   ///< before the call returns
+    later, ///< when the system gets round to it, or the caller flushes
+};
+
 /// Replaces a file whole: a temporary file of a fresh name in the same folder, made with its final permissions,
 /// written, flushed, renamed; then the folder is flushed. A crash at any point leaves the old or the new content.
+/// With Flush::later neither flush is made: that holds for a crash of the process only, and a power cut may leave the
+/// old content, the new, or anything of the new one's length.
 ///
 /// A link under `path` is kept and its target replaced. On failure the temporary file is removed.
 /// @throws SystemError
-void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::uint32_t permissions = 0644);
+void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::uint32_t permissions = 0644,
+                    Flush flush = Flush::now);
 
 /// Keeps a read-change-write of `path` to one process, and one thread, at a time, for as long as the object lives.
 ///

@@ -85,6 +85,7 @@ IncomingFile::~IncomingFile() {
     if (partial_) {
         try {
             partial_->flush();
+            keepSidecar();
         } catch (const std::exception&) {
             // Whatever ended the transfer is being reported; a resume starts from what the disk has kept.
         }
@@ -112,14 +113,30 @@ void IncomingFile::open() {
     partial_->seek(target_.resumeOffset);
     bytesWritten_ = target_.resumeOffset;
     writtenBack_ = target_.resumeOffset;
-    const PartialMeta meta{.transfer_id = offer_.transfer_id,
-                           .advertised_size = offer_.size,
-                           .started_at_epoch_ms = system_->clock.epochMilliseconds()};
     try {
-        writing("meta write: ", [&] { PartialMetaIO::save(files, meta, target_.partial); });
+        writing("meta write: ", [&] { saveSidecar(); });
     } catch (const ReceiveError&) {
         abandonIfEmpty();
         throw;
+    }
+}
+
+void IncomingFile::saveSidecar() {
+    platform::FileSystem& files = system_->files;
+    const PartialMeta meta{.transfer_id = offer_.transfer_id,
+                           .advertised_size = offer_.size,
+                           .started_at_epoch_ms = system_->clock.epochMilliseconds()};
+    // One that lies there is replaced for good before any data is written: if a power cut brought it back, it would
+    // claim our data for its own transfer; and if it is ours, what there is to resume would be lost with it.
+    const bool replaces = files.exists(PartialMetaIO::metaURL(target_.partial));
+    PartialMetaIO::save(files, meta, target_.partial, replaces ? platform::Flush::now : platform::Flush::later);
+    sidecarNeedsFlush_ = !replaces;
+}
+
+void IncomingFile::keepSidecar() {
+    if (sidecarNeedsFlush_) {
+        PartialMetaIO::flush(system_->files, target_.partial);
+        sidecarNeedsFlush_ = false;
     }
 }
 
@@ -144,6 +161,7 @@ void IncomingFile::append(ByteView data) {
     bytesWritten_ += count;
     bytesThisSession_ += count;
     if (bytesWritten_ - writtenBack_ >= writebackStep) {
+        writing("meta write: ", [&] { keepSidecar(); });
         partial_->startWriteback(writtenBack_, bytesWritten_ - writtenBack_);
         writtenBack_ = bytesWritten_;
     }
@@ -169,8 +187,9 @@ ReceivedFile IncomingFile::finish(const std::string& remoteEndpoint) {
     // The file stays open, and with it locked, until it has left its partial name.
     writing("rename: ", [&] { moveIntoPlace(); });
     partial_.reset();
-    writing("", [&] { files.flushDirectory(downloadsDir_); });
+    // Removed before the folder is flushed: after a power cut it must not meet the next file of this name.
     PartialMetaIO::remove(files, target_.partial);
+    writing("", [&] { files.flushDirectory(downloadsDir_); });
     return {.savedAt = target_.final,
             .bytesWritten = bytesWritten_,
             .advertisedSize = offer_.size,

@@ -26,7 +26,11 @@ struct ReceivedFile {
 ///
 /// Begun by an accepted offer, ended by finish() or by destruction, which flushes the data and leaves partial file and
 /// sidecar for a resume. While it lives the partial file is locked against every other receiver of this computer.
-/// Not thread-safe; calls block on the disk.
+///
+/// A new sidecar is flushed only once there is something to resume: with the first 8 MiB, or on destruction. A power
+/// cut before that leaves a partial file that is nobody's, and the transfer starts anew under the next free name; a
+/// file that is complete sooner is spared two flushes, which others would have to wait for behind the lock on the
+/// folder. Not thread-safe; calls block on the disk.
 class IncomingFile {
 public:
     /// Chooses the target, opens or makes the partial file and writes its sidecar, as one step against other receivers
@@ -47,14 +51,19 @@ public:
     /// @throws ReceiveError::fileWriteFailed
     void append(ByteView data);
 
-    /// Flushes, moves the file into place under a free name, and removes the sidecar. The sender's Done is trusted:
-    /// nothing is compared with the advertised size. Never replaces a file that appeared meanwhile.
-    /// @throws ReceiveError::fileWriteFailed; partial file and sidecar stay then.
+    /// Flushes, moves the file into place under a free name, and removes the sidecar; then a power cut cannot undo it.
+    /// The sender's Done is trusted: nothing is compared with the advertised size. Never replaces a file that appeared
+    /// meanwhile.
+    /// @throws ReceiveError::fileWriteFailed; partial file and sidecar stay then, unless the file has been moved and
+    /// only
+    ///     flushing the folder failed.
     [[nodiscard]] ReceivedFile finish(const std::string& remoteEndpoint);
 
 private:
     IncomingFile(platform::System& system, platform::Path downloadsDir, TransportMessage::FileOffer offer);
     void open();
+    void saveSidecar();
+    void keepSidecar();
     void abandonIfEmpty() noexcept;
     void moveIntoPlace();
 
@@ -66,7 +75,8 @@ private:
     std::unique_ptr<platform::File> partial_; // null once finished
     std::int64_t bytesWritten_ = 0;
     std::int64_t bytesThisSession_ = 0;
-    std::int64_t writtenBack_ = 0; // up to where write-back was started
+    std::int64_t writtenBack_ = 0;   // up to where write-back was started
+    bool sidecarNeedsFlush_ = false; // a power cut could still take it
 };
 
 } // namespace orlinth

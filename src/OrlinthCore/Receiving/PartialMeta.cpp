@@ -1,7 +1,5 @@
 #include "OrlinthCore/Receiving/PartialMeta.h"
 
-#include "platform/WholeFile.h"
-
 namespace orlinth {
 
 Json PartialMeta::toJson() const {
@@ -24,8 +22,16 @@ platform::Path PartialMetaIO::metaURL(const platform::Path& partial) {
     return platform::Path(partial) += suffix;
 }
 
-void PartialMetaIO::save(platform::FileSystem& files, const PartialMeta& meta, const platform::Path& partial) {
-    platform::writeWholeFile(files, metaURL(partial), asBytes(prettyJson(meta.toJson())));
+void PartialMetaIO::save(platform::FileSystem& files, const PartialMeta& meta, const platform::Path& partial,
+                         platform::Flush flush) {
+    constexpr std::uint32_t permissions = 0644;
+    platform::writeWholeFile(files, metaURL(partial), asBytes(prettyJson(meta.toJson())), permissions, flush);
+}
+
+void PartialMetaIO::flush(platform::FileSystem& files, const platform::Path& partial) {
+    const platform::Path sidecar = files.resolveLinks(metaURL(partial)); // as in saving it
+    files.open(sidecar, platform::OpenMode::write)->flush();
+    files.flushDirectory(sidecar.parent_path());
 }
 
 std::optional<PartialMeta> PartialMetaIO::load(platform::FileSystem& files, const platform::Path& partial) {

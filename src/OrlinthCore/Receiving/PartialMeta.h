@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Json.h"
-#include "platform/FileSystem.h"
+#include "platform/WholeFile.h"
 
 #include <optional>
 #include <string>
@@ -25,8 +25,13 @@ struct PartialMetaIO {
     static constexpr const char* suffix = ".meta.json";
 
     [[nodiscard]] static platform::Path metaURL(const platform::Path& partial);
-    /// Writes it whole. @throws platform::SystemError
-    static void save(platform::FileSystem& files, const PartialMeta& meta, const platform::Path& partial);
+    /// Writes it whole. With Flush::later a power cut before flush() may leave it undecodable, or not at all.
+    /// @throws platform::SystemError
+    static void save(platform::FileSystem& files, const PartialMeta& meta, const platform::Path& partial,
+                     platform::Flush flush = platform::Flush::now);
+    /// Makes a sidecar that was saved survive a power cut, and the name of its partial file too.
+    /// @throws platform::SystemError
+    static void flush(platform::FileSystem& files, const platform::Path& partial);
     /// Nothing if it is missing, unreadable or no sidecar.
     [[nodiscard]] static std::optional<PartialMeta> load(platform::FileSystem& files, const platform::Path& partial);
     /// Best effort.

@@ -63,10 +63,12 @@ private:
 /// The frames of one authenticated phone, up to the one that ends the connection.
 class Conversation {
 public:
+    /// `name` is what the phone was called when it came; of that its file is said to be.
     Conversation(const ReceiverConnectionContext& context, WireConnection& wire, NoiseTransport transport,
-                 std::function<void()> cancelSelf)
+                 std::string name, std::function<void()> cancelSelf)
         : context_(context),
           wire_(wire),
+          name_(std::move(name)),
           framer_(std::move(transport)),
           sender_(context.system, framer_.session().remoteStaticPublicKey()),
           self_(std::make_shared<const TransferConnection>(framer_.session().remoteStaticPublicKey().base64(),
@@ -121,11 +123,10 @@ private:
         if (file_) {
             throw ReceiveError::protocolViolation("duplicate FileOffer");
         }
-        const std::string from = sender_.displayName();
-        const bool isWanted = co_await context_.approveOffer({.name = offer.name, .size = offer.size, .from = from});
+        const bool isWanted = co_await context_.approveOffer({.name = offer.name, .size = offer.size, .from = name_});
         if (!isWanted) {
             co_await sayFarewell(Row::decline());
-            co_return Receiver::Declined{.from = from, .name = offer.name};
+            co_return Receiver::Declined{.from = name_, .name = offer.name};
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock);
@@ -180,7 +181,7 @@ private:
         ReceivedFile received = file_->finish(wire_.remoteEndpoint());
         file_.reset();
         claim_.reset();
-        return Receiver::File{.file = std::move(received), .from = sender_.displayName()};
+        return Receiver::File{.file = std::move(received), .from = name_};
     }
 
     template <typename Outcome>
@@ -202,6 +203,7 @@ private:
 
     const ReceiverConnectionContext& context_;
     WireConnection& wire_;
+    std::string name_;
     TransportFramer framer_;
     SenderRecord sender_;
     TransferConnectionRef self_;
@@ -209,18 +211,23 @@ private:
     std::optional<IncomingFile> file_; // behind the claim, so that it is closed before that is given back
 };
 
-/// Tells of the phone that has come, and keeps its address up to date.
-void welcome(const ReceiverConnectionContext& context, const platform::PublicKey& key, const std::string& endpoint) {
+/// Tells of the phone that has come, and keeps its address up to date; returns what it is called.
+std::string welcome(const ReceiverConnectionContext& context, const platform::PublicKey& key,
+                    const std::string& endpoint) {
     SenderRecord sender(context.system, key);
     std::optional<PeerRecord> record;
     try {
+        const std::string address = addressOf(endpoint);
         record = sender.find();
-        sender.setAddress(addressOf(endpoint));
-        record = sender.find();
+        if (record && SenderRecord::isAddressNew(*record, address)) {
+            sender.setAddress(address);
+            record = sender.find();
+        }
     } catch (const PeerStoreError&) {
         context.onTrouble(std::current_exception());
     }
     context.onAuthenticated(record);
+    return record ? record->peer_hostname : Receiver::unknownPeer;
 }
 
 } // namespace
@@ -238,10 +245,9 @@ Task<Receiver::ProcessOutcome> processConnection(const ReceiverConnectionContext
     if (standing == Standing::unknown) {
         throw ReceiveError::unauthorizedPeer();
     }
-    if (standing == Standing::expected) {
-        welcome(context, key, endpoint);
-    }
-    Conversation conversation(context, wire, std::move(transport), std::move(cancelSelf));
+    const std::string name =
+        standing == Standing::expected ? welcome(context, key, endpoint) : std::string(Receiver::unknownPeer);
+    Conversation conversation(context, wire, std::move(transport), name, std::move(cancelSelf));
     if (standing == Standing::removed) {
         co_await conversation.sayFarewell(TransportMessage::unpair());
         co_return Receiver::UnpairReplied{.peerPubkey = key.base64(), .remoteEndpoint = endpoint};

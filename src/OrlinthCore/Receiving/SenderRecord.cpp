@@ -78,9 +78,13 @@ void SenderRecord::setHostname(const std::string& name) {
     });
 }
 
+bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& address) {
+    return record.peer_ip != address && mayReplace(record.peer_ip, address);
+}
+
 void SenderRecord::setAddress(const std::string& address) {
     change([&address](PeerRecord& record) {
-        if (record.peer_ip == address || !mayReplace(record.peer_ip, address)) {
+        if (!isAddressNew(record, address)) {
             return false;
         }
         record.peer_ip = address;

@@ -36,6 +36,8 @@ public:
     /// `address` is where the phone has connected from. Not taken over: loopback in place of something else (a tunnel
     /// ends there), and anything in place of a host name, which somebody has chosen by hand.
     void setAddress(const std::string& address);
+    /// Whether setAddress() would change this record.
+    [[nodiscard]] static bool isAddressNew(const PeerRecord& record, const std::string& address);
     void remove();
 
 private:
