@@ -55,6 +55,16 @@ Task<std::string> readLine(platform::Clock& clock, int descriptor) {
     co_return text;
 }
 
+/// Asks on standard error and returns the answer. All of it is a task, so that a signal ends it in an orderly way from
+/// the moment at which the question stands there.
+Task<std::string> ask(platform::Clock& clock, int descriptor, std::string question) {
+    if (isTerminal(descriptor)) {
+        tcflush(descriptor, TCIFLUSH); // what was typed before is no answer
+    }
+    writeToStandardError(question + " [y/N] ");
+    co_return co_await readLine(clock, descriptor);
+}
+
 } // namespace
 
 Confirmation::Confirmation(Host& host, bool isGiven, bool standardInputIsUsedUp)
@@ -67,13 +77,9 @@ Confirmation::~Confirmation() {
 }
 
 bool Confirmation::asksForYes(const std::string& question) {
-    if (isTerminal(descriptor_)) {
-        tcflush(descriptor_, TCIFLUSH); // what was typed before is no answer
-    }
-    writeToStandardError(question + " [y/N] ");
     std::string answer;
     try {
-        answer = host_.tasks.run(readLine(host_.system.clock, descriptor_));
+        answer = host_.tasks.run(ask(host_.system.clock, descriptor_, question));
     } catch (...) {
         writeToStandardError("\n");
         throw;

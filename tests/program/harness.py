@@ -114,8 +114,8 @@ class Running:
 
     @property
     def stderr(self):
-        self.errors.seek(0)
-        return self.errors.read().decode(errors="replace")
+        # not by seek and read: the program writes at the same file offset
+        return os.pread(self.errors.fileno(), os.fstat(self.errors.fileno()).st_size, 0).decode(errors="replace")
 
     def close(self):
         if self.process.poll() is None:

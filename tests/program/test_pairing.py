@@ -358,6 +358,9 @@ class Question(PairingTest):
         program.events.wait_for("introduction")
         with self.assertRaises(ConnectionRefusedError):
             phone.connect()
+        deadline = time.monotonic() + PATIENCE
+        while "[y/N]" not in program.stderr:
+            self.assertLess(time.monotonic(), deadline)
         program.signal(signal.SIGINT)
         self.assertEqual(130, program.wait())
         self.assertEqual("interrupted by SIGINT", program.events.find("error")["message"])
@@ -448,13 +451,17 @@ class WhatGoesWrong(PairingTest):
         with phone.connect() as first:
             first.sendall(struct.pack(">I", len(blob))[:2])
             refused = None
+            deadline = time.monotonic() + PATIENCE
             while refused is None:  # the port closes as soon as the computer has seen the first
+                self.assertLess(time.monotonic(), deadline)
                 try:
                     with phone.connect() as second:
-                        second.settimeout(PATIENCE)
+                        second.settimeout(1)  # caught by the closing port, it may hear nothing at all
                         second.recv(1)
                 except ConnectionError as error:
                     refused = error
+                except TimeoutError:
+                    pass
             first.sendall(struct.pack(">I", len(blob))[2:] + blob)
             self.assertEqual(0, program.wait(), program.stderr)
 
