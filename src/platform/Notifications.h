@@ -28,7 +28,8 @@ public:
     [[nodiscard]] virtual bool isAvailable() = 0;
     /// Shows it. `onAnswer` is called once, on `executor`, with the key of the button that was pressed, or "" when it
     /// was closed, has expired, or could not be shown. May be empty.
-    virtual void show(Notification notification, Executor executor, std::function<void(const std::string&)> onAnswer) = 0;
+    virtual void show(Notification notification, Executor executor,
+                      std::function<void(const std::string&)> onAnswer) = 0;
 };
 
 } // namespace orlinth::platform

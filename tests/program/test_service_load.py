@@ -18,7 +18,7 @@ import unittest
 from harness import MIB, PATIENCE, SANITIZED, Identity, seeded, sha256
 from test_serve import ServeTest, wait_for_count
 
-SMALL = SANITIZED or os.environ.get("ORLINTH_LOAD") == "small"
+SMALL = SANITIZED or os.environ.get("ORLINTH_LOAD") != "full"
 PHONES = 20 if SMALL else 200
 FILES_EACH = 20
 IDLE = 800 if SMALL else 2000

@@ -284,7 +284,14 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
             .staticKey = staticKey,
             .downloadsDir = downloadsDir,
             .prologue = prologue,
-            .standingOf = [self](const platform::PublicKey& key) { return self->standingOf(key); },
+            .standingOf =
+                [self, session](const platform::PublicKey& key) {
+                    const auto standing = self->standingOf(key);
+                    if (standing == ReceiverConnectionContext::Standing::expected) { // before its record is looked for
+                        asio::post(self->queue, [self, session] { self->strangers.remove(session->identity); });
+                    }
+                    return standing;
+                },
             .approveOffer = [self](Offer offer) { return platform::runOn(self->queue, ask(self, std::move(offer))); },
             .onAuthenticated =
                 [self, session](const std::optional<PeerRecord>& record) {
