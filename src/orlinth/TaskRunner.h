@@ -45,7 +45,12 @@ public:
         bool ended = false;
         // both are local to this call, which does not return before the task has ended
         platform::spawn(context_.get_executor(), settle(outcome, std::move(task)), stop.slot(),
-                        [&ended](const std::exception_ptr&) { ended = true; });
+                        [&ended, &outcome](const std::exception_ptr& error) {
+                            if (error) {
+                                outcome.fail(error); // a signal came before the task had begun: it never ran
+                            }
+                            ended = true;
+                        });
         while (!ended) {
             context_.run_one();
         }

@@ -5,6 +5,8 @@
 #include "platform/SystemError.h"
 #include "platform/linux/LinuxClock.h"
 
+#include <asio/bind_cancellation_slot.hpp>
+#include <asio/cancellation_signal.hpp>
 #include <asio/post.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
@@ -111,6 +113,33 @@ TEST_F(Deadline, DoesNotTakeACancellationForATimeoutWhereTheOperationIsSlowToLea
 
 TEST_F(Deadline, TellsWhetherASleepWasCutShort) {
     EXPECT_TRUE(fakes::runTask(context_, sleepUnlessCancelled(clock_, 0.001)));
+}
+
+TEST_F(Deadline, EndsAsCancelledAtWhateverTurnTheCancellationComes) {
+    for (int turns = 0; turns < 20; ++turns) {
+        asio::io_context context;
+        LinuxClock clock;
+        asio::cancellation_signal stop;
+        std::exception_ptr failure;
+        bool ended = false;
+        asio::co_spawn(context, underDeadline(clock, anHour, answerAfter(clock, anHour, 1)),
+                       asio::bind_cancellation_slot(stop.slot(), [&](std::exception_ptr error, int) {
+                           failure = std::move(error);
+                           ended = true;
+                       }));
+        for (int turn = 0; turn < turns; ++turn) {
+            context.poll_one();
+        }
+        stop.emit(asio::cancellation_type::terminal);
+        context.run_for(std::chrono::seconds(10));
+        ASSERT_TRUE(ended) << turns;
+        ASSERT_TRUE(failure) << turns;
+        try {
+            std::rethrow_exception(failure);
+        } catch (const std::exception& error) {
+            EXPECT_TRUE(isCancellation(error)) << turns << ": " << error.what();
+        }
+    }
 }
 
 } // namespace
