@@ -1,4 +1,4 @@
-"""The story that scripts/demo tells. Usage: demo.py ORLINTH CLIP_PHONE [FILE]"""
+"""The story that scripts/demo tells. Usage: demo.py ORLINTH [FILE]"""
 
 import hashlib
 import json
@@ -18,6 +18,7 @@ MADE_FILE = 512 * MIB
 SMALLEST_TO_CUT = 64 * MIB  # below that a kill in the middle is a matter of luck
 CUT_AT = 0.35               # of the file: somewhere in the middle, whatever the machine's speed
 ATTEMPTS = 4
+PICTURES, PICTURE = 200, 100_000
 TEXT = "Grüße vom Schreibtisch: 東京, 6 pm ☕"
 PATIENCE = 120              # seconds for anything that should take a few
 SLOWEST = 2e6               # bytes a second at which a transfer still counts as going on
@@ -158,9 +159,8 @@ class Running:
 
 
 class Demo:
-    def __init__(self, orlinth, clip_phone, folder):
+    def __init__(self, orlinth, folder):
         self.orlinth = orlinth
-        self.clip_phone = clip_phone
         self.folder = folder
         self.running = []
 
@@ -181,10 +181,7 @@ class Demo:
         return done.stdout
 
     def start(self, who, *arguments):
-        return self.start_program(who, self.orlinth, *arguments)
-
-    def start_program(self, who, *arguments):
-        running = Running([*arguments], self.environment(who))
+        running = Running([self.orlinth, *arguments], self.environment(who))
         self.running.append(running)
         return running
 
@@ -295,22 +292,38 @@ class Demo:
             raise Trouble(f"left behind: {', '.join(left)}")
         saved.unlink()
 
-    def clip(self):
-        """Sends a text for the clipboard, and shows what arrived."""
-        step("A text for the phone's clipboard")
-        tell(faint("The service that takes texts is not there yet. A small stand-in takes the phone's part: the same"))
-        tell(faint("handshake and the same sealed frames, one message, and it prints what it was sent."))
-        phone = self.start_program("phone", self.clip_phone, "close", str(self.ports["phone"]), self.keys["desk"])
-        phone.wait_for("listening")
+    def serve(self):
+        """A text for the clipboard, and many files at once, to a service that goes on listening."""
+        step("The receive service: it goes on listening, for whatever comes")
+        downloads = self.folder / "phone" / "served"
+        service = self.start("phone", "serve", "--port", str(self.ports["phone"]), "--dir", str(downloads),
+                             "--no-clipboard", "--json")
+        service.wait_for("listening")
         said = self.call("desk", "clip", "--to", self.keys["phone"], "-", text=TEXT).strip()
-        got = phone.wait_for("message")
-        if phone.finish() != 0:
-            raise Trouble(f"the stand-in failed: {phone.last_words()}")
+        got = service.wait_for("clipboard")
         tell(f"orlinth clip says: {faint(said)}")
-        tell(f"The stand-in got:  {bold(got['text'])} ({got['mime']})")
+        tell(f"The service got:   {bold(got['text'])}")
         if got["text"] != TEXT:
             raise Trouble("the texts differ")
-        tell(green("The same, character for character."))
+        self.send_many(downloads)
+        service.process.terminate()
+        if service.finish() != 0:
+            raise Trouble(f"the service did not end well: {service.last_words()}")
+
+    def send_many(self, downloads):
+        """One command with many files, of which several are under way at once."""
+        pictures = self.folder / "pictures"
+        pictures.mkdir()
+        for number in range(1, PICTURES + 1):
+            (pictures / f"picture {number:03}.jpg").write_bytes(os.urandom(PICTURE))
+        files = sorted(pictures.iterdir())
+        begin = time.monotonic()
+        self.call("desk", "send", "--to", self.keys["phone"], *map(str, files))
+        seconds = time.monotonic() - begin
+        tell(f"{len(files)} files of {human(PICTURE)} in one command: {seconds:.2f} seconds")
+        if {file.name: sha256(file) for file in files} != {file.name: sha256(file) for file in downloads.iterdir()}:
+            raise Trouble("the files differ")
+        tell(green("All the same, byte for byte."))
 
 
 def free_port():
@@ -355,13 +368,13 @@ def cut_and_resume(demo, folder, given):
 
 
 def main():
-    orlinth, clip_phone = (os.path.abspath(program) for program in sys.argv[1:3])
-    given = pathlib.Path(sys.argv[3]) if len(sys.argv) > 3 else None
+    orlinth = os.path.abspath(sys.argv[1])
+    given = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: sys.exit(143))
     with tempfile.TemporaryDirectory(prefix="orlinth-demo-") as name:
         folder = pathlib.Path(name)
-        demo = Demo(orlinth, clip_phone, folder)
+        demo = Demo(orlinth, folder)
         try:
             if given is not None and room_for(folder, given.stat().st_size) < given.stat().st_size // MIB * MIB:
                 raise Trouble(f"there is too little room in {folder} for {given.name}; set TMPDIR to a larger place")
@@ -373,7 +386,7 @@ def main():
                 step(f"Sending {given.name}")
                 demo.deliver(given, 0)
             demo.answer()
-            demo.clip()
+            demo.serve()
             print(f"\n{green('That was the whole of it.')} Now between two machines: see README.md.")
             return 0
         except (Trouble, subprocess.TimeoutExpired) as error:

@@ -65,6 +65,8 @@ public:
 
     /// Whether a connection to the phone was up.
     [[nodiscard]] bool hasConnected() const noexcept { return hasConnected_; }
+    /// Whether the phone has accepted the offer.
+    [[nodiscard]] bool hasBegun() const noexcept { return begun_; }
 
     /// Tells the outcome, once the core has let go of the file.
     void tellComplete(const SentFile& sent);

@@ -58,6 +58,19 @@ bool isNetworkError(const std::exception_ptr& error) {
     }
 }
 
+/// Whether a connection that was up broke, in the handshake or after it.
+bool isBrokenConnection(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const SendError& caught) {
+        return caught.which() == SendError::Case::noiseHandshakeFailed;
+    } catch (const WireConnection::Error&) {
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 } // namespace
 
 /// One file under way to one phone.
@@ -73,12 +86,18 @@ struct SendSchedule::Transfer {
     std::size_t source;
     std::int64_t bytes; ///< as counted in the phone's bytesUnderWay
     bool isLeader = false;
+    bool hadCompany = false; ///< another connection to the phone was there for a time
     asio::cancellation_signal stop;
     HandshakeLimit handshake;
     SendReporter reporter;
     std::optional<SentFile> sent;
     std::exception_ptr error;
     bool hasEnded = false;
+
+    /// Whether the phone, or whoever answers there, let go of the connection before it said anything to the offer.
+    [[nodiscard]] bool wasDropped() const {
+        return reporter.hasConnected() && !reporter.hasBegun() && (handshake.hasExpired() || isBrokenConnection(error));
+    }
 };
 
 SendSchedule::SendSchedule(Host& host, const platform::PrivateKey& ownKey, InFlightJournal& journal, SendTimes times,
@@ -225,7 +244,11 @@ void SendSchedule::start(Phone& phone) {
                                                                  .to = phone.record.peer_hostname,
                                                                  .isAnnounced = phone.announced.contains(number)});
     begun.isLeader = !std::exchange(phone.hasLeader, true);
-    ++phone.underWay;
+    if (++phone.underWay > 1) {
+        for (Transfer& other : transfers_) {
+            other.hadCompany = other.hadCompany || &other.phone == &phone;
+        }
+    }
     phone.bytesUnderWay += begun.bytes;
     platform::spawn(host_.tasks.executor(), transfer(begun), begun.stop.slot(),
                     [this, &begun](const std::exception_ptr& error) {
@@ -286,10 +309,11 @@ void SendSchedule::settle(Transfer& transfer) {
         return;
     }
     const bool isUnreachable = !transfer.reporter.hasConnected() && isNetworkError(transfer.error);
-    if (isUnreachable) {
+    const bool isOneTooMany = transfer.hadCompany && transfer.wasDropped();
+    if (isUnreachable || isOneTooMany) {
         phone.allowed = 1;
     }
-    if (isUnreachable && !transfer.isLeader) {
+    if ((isUnreachable && !transfer.isLeader) || isOneTooMany) {
         putBack(transfer);
     } else {
         fail(transfer);

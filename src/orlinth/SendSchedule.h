@@ -30,8 +30,10 @@ struct SendTimes {
 /// A phone gets one connection at first. Each file that it has taken shows that it takes one after the other, and
 /// allows one connection more, up to `maxConnectionsPerPhone`; a further one is opened only while little is under way,
 /// as large files gain nothing by it. Only one transfer at a time, the leading one, may wake the phone. Another that
-/// cannot even connect goes back to its place in the order, and the phone is down to one connection again: so somebody
-/// who takes a single file and closes the port is treated as if there had been one connection from the start.
+/// cannot even connect, and any that is dropped before its offer was answered while there were several, goes back to
+/// its place in the order, and the phone is down to one connection again: so somebody who takes a single file and
+/// closes the port, or to whom so many connections are too many, is treated as if there had been one connection from
+/// the start.
 ///
 /// Threading: everything on the thread of the runner.
 class SendSchedule {

@@ -21,9 +21,6 @@ namespace {
 
 constexpr const char* lockName = "service.lock";
 
-/// Of a port that is opened here: as the receiver does with its own.
-constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
-
 /// Of the two seconds in which a signal ends the service in any case; the rest is for leaving.
 constexpr std::chrono::milliseconds graceAfterSignal{1800};
 
@@ -175,7 +172,7 @@ private:
             return nullptr;
         }
         try {
-            return host.system.network.listen({.port = 0, .keepAlive = keepAlive}, host.tasks.executor());
+            return host.system.network.listen({.port = 0, .keepAlive = Receiver::keepAlive}, host.tasks.executor());
         } catch (const platform::SystemError& error) {
             throw Receiver::Error::listenerStartFailed(describe(error));
         }

@@ -72,8 +72,9 @@ public:
     /// Accepted connections have Nagle's algorithm off. The inherited port is used as it is, and stays open when the
     /// listener is closed: connections then wait for the next one. @throws SystemError
     [[nodiscard]] virtual std::unique_ptr<Listener> listen(const ListenOptions& options, Executor executor) = 0;
-    /// The port that whoever started the program has opened for it (socket activation), if any. Once asked for, listen()
-    /// knows it. On the thread that starts others. @throws SystemError if what was passed is no single listening port
+    /// The port that whoever started the program has opened for it (socket activation), if any. Once asked for,
+    /// listen() knows it. On the thread that starts others. @throws SystemError if what was passed is no single
+    /// listening port
     [[nodiscard]] virtual std::optional<std::uint16_t> inheritedPort() { return std::nullopt; }
     /// A serial queue: what runs on it runs one at a time. `label` names it for diagnostics.
     [[nodiscard]] virtual Executor makeSerialQueue(const char* label) = 0;

@@ -6,6 +6,7 @@ import pathlib
 import re
 import signal
 import socket
+import struct
 import subprocess
 import threading
 import unittest
@@ -236,6 +237,83 @@ class Interrupted(ManyTest):
                    if event["event"] == "complete" and event["resumed_from_offset"] == MIB]
         self.assertEqual([str(file) for file in files[1:3]], sorted(resumed))
         self.assert_nothing_remembered()
+
+
+class NarrowDoor:
+    """A wire to a service that carries so many connections at once; any further one is reset when it speaks."""
+
+    def __init__(self, port, at_once):
+        self.target = port
+        self.free = threading.Semaphore(at_once)
+        self.turned_away = 0
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self.listener.getsockname()[1]
+        self.threads = [threading.Thread(target=self._serve, daemon=True)]
+        self.threads[0].start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        for thread in self.threads:
+            thread.join(PATIENCE)
+
+    def _serve(self):
+        with contextlib.suppress(OSError):
+            while True:
+                near, _ = self.listener.accept()
+                self.threads.append(threading.Thread(target=self._carry, args=(near,), daemon=True))
+                self.threads[-1].start()
+
+    def _carry(self, near):
+        with near, contextlib.suppress(OSError):
+            begin = near.recv(SMALL_BUFFER)
+            if not self.free.acquire(blocking=False):
+                self.turned_away += 1
+                near.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                return
+            try:
+                with socket.create_connection(("127.0.0.1", self.target)) as far:
+                    far.sendall(begin)
+                    back = threading.Thread(target=self._pump, args=(far, near), daemon=True)
+                    back.start()
+                    self._pump(near, far)
+                    back.join(PATIENCE)
+            finally:
+                self.free.release()
+
+    @staticmethod
+    def _pump(source, sink):
+        with contextlib.suppress(OSError):
+            while data := source.recv(SMALL_BUFFER):
+                sink.sendall(data)
+            sink.shutdown(socket.SHUT_WR)
+
+
+class ToOneWhoTakesFew(ManyTest):
+    def test_files_whose_connections_were_too_many_are_sent_all_the_same(self):
+        files = self.files(60, 200_000)
+        with NarrowDoor(self.service().port, at_once=2) as door:
+            self.mac.record(self.phone, door.port)
+            sender = self.send(files)
+            self.assertEqual(0, sender.wait(), sender.stderr)
+            self.assertGreater(door.turned_away, 0)
+        self.assert_arrived(files)
+        self.assertEqual([], self.of(sender, "error"))
+        self.assertEqual([str(file) for file in files], self.of(sender, "file"))
+        self.assertEqual(sorted(map(str, files)), sorted(self.of(sender, "complete")))
+        self.assert_nothing_remembered()
+
+    def test_one_that_turns_away_a_single_connection_is_a_failure(self):
+        files = self.files(3, 1000)
+        with NarrowDoor(self.service().port, at_once=0) as door:
+            self.mac.record(self.phone, door.port)
+            sender = self.send(files)
+            self.assertEqual(1, sender.wait())
+            self.assertEqual(3, door.turned_away)
+        self.assertEqual([str(file) for file in files], self.of(sender, "error"))
 
 
 class ToOneReceiver(ManyTest):

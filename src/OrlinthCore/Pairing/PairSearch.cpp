@@ -63,8 +63,11 @@ std::optional<PairingPayload> payloadOfService(const platform::ServiceRecord& se
 Task<PairingPayload> findPairingComputer(platform::System& system, std::string code, double timeout) {
     const platform::Clock::Instant deadline = system.clock.now() + platform::Clock::Instant(timeout);
     for (;;) {
-        const std::vector<platform::ServiceRecord> services = co_await look(system);
+        std::vector<platform::ServiceRecord> services = co_await look(system);
         std::vector<PairingPayload> found = matches(services, code);
+        for (platform::ServiceRecord& service : services) {
+            service.wipeTxt();
+        }
         if (found.size() > 1) {
             throw PairSearchError::ambiguous();
         }

@@ -19,9 +19,6 @@
 namespace orlinth {
 namespace {
 
-/// A dead phone is noticed after 25 seconds, also while we only wait for it.
-constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
-
 /// How long accepting rests when the system has run out of something.
 constexpr double restSeconds = 0.1;
 
@@ -128,7 +125,7 @@ void Receiver::Service::open() {
         throw Error::listenerStartFailed("invalid port " + std::to_string(port));
     }
     try {
-        listener = system.network.listen({.port = port, .keepAlive = keepAlive}, queue);
+        listener = system.network.listen({.port = port, .keepAlive = Receiver::keepAlive}, queue);
     } catch (const orlinth::Error& error) {
         throw Error::listenerStartFailed(error.description());
     }

@@ -33,6 +33,9 @@ public:
     /// Largest handshake message taken, so that a stranger costs little memory. Ours have at most 96 bytes.
     static constexpr std::size_t maxHandshakeFrame = 4096;
 
+    /// A dead phone is noticed after 25 seconds, also while we only wait for it.
+    static constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
+
     /// How one connection ended well. `from` is the display name of the sender.
     struct File {
         ReceivedFile file;

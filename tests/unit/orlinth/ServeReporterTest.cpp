@@ -1,0 +1,110 @@
+#include "orlinth/ServeReporter.h"
+
+#include "fakes/TemporaryFolder.h"
+#include "fakes/World.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+
+namespace orlinth::host {
+namespace {
+
+using fakes::TemporaryFolder;
+
+/// What a desktop is told, and what its buttons do.
+class ServeReporterTest : public testing::Test {
+protected:
+    ~ServeReporterTest() override {
+        world_.run(reporter_.finish());
+        fakes::runUntilIdle(world_.context, world_.clock);
+    }
+
+    [[nodiscard]] static Receiver::File file(const std::filesystem::path& savedAt) {
+        Receiver::File received{.file = {}, .from = "Pixel <8>"};
+        received.file.savedAt = savedAt;
+        received.file.bytesWritten = received.file.advertisedSize = 3;
+        return received;
+    }
+
+    [[nodiscard]] std::vector<fakes::FakeNotifications::Shown>& shown() { return world_.notifications.shown; }
+
+    fakes::World world_;
+    TaskRunner tasks_{world_.context};
+    Output output_;
+    Host host_{world_.system, tasks_, output_};
+    ServeReporter reporter_{host_, true};
+    Receiver::Callbacks callbacks_ = reporter_.callbacks();
+};
+
+/// While it lives, the program of the desktop that opens files writes down what it was asked to open.
+class FakeOpener {
+public:
+    FakeOpener() {
+        fakes::writeText(folder_ / "xdg-open", "#!/bin/sh\nprintf %s \"$1\" >\"" + log().string() + ".new\" && mv \"" +
+                                                   log().string() + ".new\" \"" + log().string() + "\"\n");
+        ::chmod((folder_ / "xdg-open").c_str(), 0755);
+        ::setenv("PATH", (folder_.path().string() + ":" + before_).c_str(), 1);
+    }
+    ~FakeOpener() { ::setenv("PATH", before_.c_str(), 1); }
+    FakeOpener(const FakeOpener&) = delete;
+    FakeOpener& operator=(const FakeOpener&) = delete;
+
+    /// What was opened; waits for it. It is started in the background, so nothing else tells.
+    [[nodiscard]] std::string opened() const {
+        for (int i = 0; i < 3000 && !std::filesystem::exists(log()); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return fakes::readText(log());
+    }
+
+private:
+    [[nodiscard]] std::filesystem::path log() const { return folder_ / "opened"; }
+
+    TemporaryFolder folder_;
+    std::string before_ = std::getenv("PATH");
+};
+
+TEST_F(ServeReporterTest, ShowsAFileThatHasCome) {
+    callbacks_.onTransfer(file("/home/ann/Downloads/a & b.txt"));
+    ASSERT_EQ(1U, shown().size());
+    EXPECT_EQ("File from Pixel <8>", shown()[0].notification.title);
+    EXPECT_EQ("a & b.txt", shown()[0].notification.body);
+    EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{{"open", "Open"}, {"show", "Show in folder"}}),
+              shown()[0].notification.actions);
+}
+
+TEST_F(ServeReporterTest, OpensTheFileOrItsFolderWithTheDesktopsOwnProgram) {
+    const std::vector<std::pair<std::string, std::string>> answers{{"open", "/home/ann/Downloads/a b.txt"},
+                                                                   {"show", "/home/ann/Downloads"}};
+    for (const auto& [key, path] : answers) {
+        const FakeOpener opener;
+        callbacks_.onTransfer(file("/home/ann/Downloads/a b.txt"));
+        world_.notifications.answer(shown().size() - 1, key);
+        fakes::runUntilIdle(world_.context, world_.clock);
+        EXPECT_EQ(path, opener.opened());
+    }
+}
+
+TEST_F(ServeReporterTest, SaysOfATextHowLongItIsAndNotWhatItSays) {
+    callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
+    ASSERT_EQ(1U, shown().size());
+    EXPECT_EQ("Text from Pixel", shown()[0].notification.title);
+    EXPECT_EQ("13 bytes of text, on the clipboard", shown()[0].notification.body);
+    EXPECT_TRUE(shown()[0].notification.actions.empty());
+}
+
+TEST_F(ServeReporterTest, DoesWithoutADesktop) {
+    world_.notifications.available = false;
+    callbacks_.onTransfer(file("/home/ann/Downloads/a.txt"));
+    callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
+    EXPECT_TRUE(shown().empty());
+}
+
+} // namespace
+} // namespace orlinth::host
