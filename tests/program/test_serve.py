@@ -550,7 +550,7 @@ class Trouble(ServeTest):
     def test_a_full_disk_ends_one_file_and_not_the_service(self):
         folder = self.mounted("size=3m,mode=0777")
         service = self.serve("--dir", str(folder))
-        large = self.file("large.bin", os.urandom(8 * MIB))
+        large = self.file("large.bin", os.urandom(64 * MIB))  # more than the kernel takes on the way
         sender = self.send(self.phone, large, service.port)
         self.assertEqual(1, sender.wait())
         error = service.events.wait_for("error")
