@@ -38,4 +38,5 @@ install(CODE "
                  \"${PROJECT_BINARY_DIR}/orlinth.service\" @ONLY)
 ")
 install(FILES "${PROJECT_BINARY_DIR}/orlinth.service" "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth.socket"
+              "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth-desktop.service"
         DESTINATION lib/systemd/user)

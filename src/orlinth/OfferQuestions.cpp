@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <memory>
-#include <optional>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
@@ -53,50 +51,90 @@ constexpr const char* declineKey = "decline";
 } // namespace
 
 Task<bool> OfferQuestions::wants(Receiver::Offer offer) {
+    const std::string text = madeVisible(offer.from) + " wants to send " + madeVisible(offer.name) + " (" +
+                             humanSize(offer.size) + "). Take it?";
+    const std::uint64_t number = ++lastOffer_;
+    std::shared_ptr<Question>& place = open_[text];
+    if (place) {
+        const std::shared_ptr<Question> asked = place;
+        asked->newest = number;
+        giveTime(*asked);
+        co_return co_await waitFor(asked, number);
+    }
+    place = std::make_shared<Question>();
+    const std::shared_ptr<Question> question = place;
+    question->text = text;
+    question->newest = number;
+    std::exception_ptr failure;
+    try {
+        co_await ask(question);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    open_.erase(text);
+    question->answer = question->answer.value_or(false);
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    co_return question->newest == number && *question->answer;
+}
+
+/// For an offer whose question another one asks.
+Task<bool> OfferQuestions::waitFor(std::shared_ptr<Question> question, std::uint64_t offer) {
+    while (!question->answer && question->newest == offer) {
+        co_await host_.system.clock.sleep(lookSeconds);
+    }
+    co_return question->newest == offer && *question->answer;
+}
+
+Task<> OfferQuestions::ask(std::shared_ptr<Question> question) {
     const platform::AsyncMutex::Guard guard = co_await turn_.lock();
-    const std::string question = madeVisible(offer.from) + " wants to send " + madeVisible(offer.name) + " (" +
-                                 humanSize(offer.size) + "). Take it?";
-    bool isWanted = false;
+    giveTime(*question);
     if (isTerminalOurs()) {
-        isWanted = co_await askOnTerminal(question);
+        co_await askOnTerminal(question);
     } else if (host_.system.notifications.isAvailable()) {
-        isWanted = co_await askOnDesktop(question);
+        co_await askOnDesktop(question);
     } else {
         tellThatNobodyIsThere();
     }
-    co_return isWanted;
 }
 
-Task<bool> OfferQuestions::askOnTerminal(std::string question) {
+void OfferQuestions::giveTime(Question& question) const {
+    question.end = host_.system.clock.now() + platform::Clock::Instant(patience);
+}
+
+bool OfferQuestions::hasTime(const Question& question) const {
+    return host_.system.clock.now() < question.end;
+}
+
+Task<> OfferQuestions::askOnTerminal(std::shared_ptr<Question> question) {
     static_cast<void>(tcflush(STDIN_FILENO, TCIFLUSH)); // what was typed before was no answer to this
-    writeToStandardError(question + " [y/N] ");
-    const platform::Clock::Instant end = host_.system.clock.now() + platform::Clock::Instant(patience);
-    while (host_.system.clock.now() < end) {
+    writeToStandardError(question->text + " [y/N] ");
+    while (hasTime(*question)) {
         if (const std::optional<std::string> line = typedLine()) {
-            co_return isYes(*line);
+            question->answer = isYes(*line);
+            co_return;
         }
         co_await host_.system.clock.sleep(lookSeconds);
     }
     writeToStandardError("\n");
     host_.output.message("No answer in two minutes; the file was declined.");
-    co_return false;
 }
 
-Task<bool> OfferQuestions::askOnDesktop(std::string question) {
-    // shared: the desktop may answer when nobody waits any more
-    const auto answer = std::make_shared<std::optional<std::string>>();
+Task<> OfferQuestions::askOnDesktop(std::shared_ptr<Question> question) {
     platform::Notification notification{.title = "Orlinth",
-                                        .body = std::move(question),
+                                        .body = question->text,
                                         .actions = {{acceptKey, "Accept"}, {declineKey, "Decline"}},
                                         .isUrgent = true,
                                         .seconds = patience};
+    // shared: the desktop may answer when nobody waits any more
+    const auto answer = std::make_shared<std::optional<std::string>>();
     host_.system.notifications.show(std::move(notification), host_.tasks.executor(),
                                     [answer](const std::string& key) { *answer = key; });
-    const platform::Clock::Instant end = host_.system.clock.now() + platform::Clock::Instant(patience);
-    while (!*answer && host_.system.clock.now() < end) {
+    while (!*answer && hasTime(*question)) {
         co_await host_.system.clock.sleep(lookSeconds);
     }
-    co_return *answer == acceptKey;
+    question->answer = *answer == acceptKey;
 }
 
 void OfferQuestions::tellThatNobodyIsThere() {

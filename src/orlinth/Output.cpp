@@ -113,7 +113,7 @@ int Output::finish(int status) noexcept {
     }
     const std::string reason = describe(platform::SystemError::fromErrno(outputError_));
     writeToStandardError("orlinth: standard output: " + reason + "\n");
-    return status == 0 ? 1 : status;
+    return status == 0 && !needsNoReader_ ? 1 : status;
 }
 
 } // namespace orlinth::host

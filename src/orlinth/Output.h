@@ -31,6 +31,8 @@ class Output {
 public:
     void useJson() noexcept;
     void beQuiet() noexcept;
+    /// For a service, whose reader may go while it has something better to do: output that is lost is no failure.
+    void doWithoutReader() noexcept { needsNoReader_ = true; }
     [[nodiscard]] bool isJson() const noexcept { return json_; }
     [[nodiscard]] bool isQuiet() const noexcept { return quiet_; }
     [[nodiscard]] ProgressBar& bar() noexcept { return bar_; }
@@ -53,6 +55,7 @@ private:
 
     bool json_ = false;
     bool quiet_ = false;
+    bool needsNoReader_ = false;
     int outputError_ = 0; ///< errno of the first write to standard output that failed
     ProgressBar bar_;
 };

@@ -7,6 +7,7 @@
 #include "base/Text.h"
 #include "orlinth/Command.h"
 #include "orlinth/Confirmation.h"
+#include "orlinth/PairingDoor.h"
 #include "orlinth/PairingRecord.h"
 #include "orlinth/ServiceControl.h"
 #include "orlinth/Terminal.h"
@@ -149,7 +150,10 @@ private:
         const DeviceInfo device = thisDevice(host);
         // given back when this function ends: people may take their time with the question that follows
         std::optional<BorrowedPort> borrowed = borrowPort(host);
-        std::unique_ptr<platform::Listener> port = borrowed ? borrowed->takeListener() : openPort(host);
+        std::unique_ptr<platform::Listener> port = borrowed ? nullptr : openPort(host, borrowed);
+        if (borrowed) {
+            port = std::make_unique<PairingDoor>(host, borrowed->takeListener());
+        }
         const std::uint16_t number = port->port();
         const PairingPayload payload = PairingPayload::mint(ownKey, device, number);
         const std::string code = PairCode::generate();
@@ -200,12 +204,19 @@ private:
         return host.tasks.run(BorrowedPort::borrow(host, isChosen ? std::optional(port_) : std::nullopt));
     }
 
-    /// Before the code is shown, so that it names a port that is really ours.
-    std::unique_ptr<platform::Listener> openPort(Host& host) const {
+    /// Before the code is shown, so that it names a port that is really ours. One that a service manager keeps open for
+    /// a service that has not been needed yet is borrowed: then this returns null.
+    std::unique_ptr<platform::Listener> openPort(Host& host, std::optional<BorrowedPort>& borrowed) const {
         try {
             return host.system.network.listen({.port = port_, .keepAlive = std::nullopt}, host.tasks.executor());
         } catch (const platform::SystemError& error) {
-            throw PairListener::Error::listenerStartFailed(describe(error));
+            if (error.code() == std::errc::address_in_use) {
+                borrowed = host.tasks.run(BorrowedPort::borrowFromSleeping(host, port_));
+            }
+            if (!borrowed) {
+                throw PairListener::Error::listenerStartFailed(describe(error));
+            }
+            return nullptr;
         }
     }
 

@@ -141,6 +141,10 @@ int SendSchedule::run() {
 Task<int> SendSchedule::runAll() {
     for (;;) {
         startWhatMay();
+        if (transfers_.empty() && hasWaiting()) {
+            prepareAnew();
+            startWhatMay();
+        }
         if (transfers_.empty()) {
             co_return failed_;
         }
@@ -195,12 +199,15 @@ bool SendSchedule::mayStart(const Phone& phone) const {
 }
 
 bool SendSchedule::prepare(std::size_t first) {
-    if (sources_[first].isPrepared) {
+    const bool isAgain = sources_[first].isPrepared;
+    if (isAgain && !hasChanged(sources_[first])) {
         return true;
     }
+    unprepare(sources_[first]);
     std::vector<std::size_t> numbers;
     std::vector<SourceMemory::Source> known;
-    for (std::size_t i = first; i < sources_.size() && numbers.size() < filesPreparedAtOnce; ++i) {
+    const std::size_t most = isAgain ? 1 : filesPreparedAtOnce;
+    for (std::size_t i = first; i < sources_.size() && numbers.size() < most && !sources_[i].isPrepared; ++i) {
         std::optional<SourceMemory::Source> source = memory_.examine(sources_[i].path);
         if (source && !keysUnderWay_.insert(source->key.text()).second) {
             break; // the same name and content again: the two would share an id, so one goes after the other
@@ -209,11 +216,20 @@ bool SendSchedule::prepare(std::size_t first) {
         if (source) {
             numbers.push_back(i);
             known.push_back(std::move(*source));
+        } else if (isAgain) {
+            break;
         }
     }
     if (!sources_[first].isPrepared) {
         return false;
     }
+    reserve(numbers, std::move(known), static_cast<int>(sources_[first].left));
+    return true;
+}
+
+/// Writes the ids of these sources down, each for as many phones.
+void SendSchedule::reserve(const std::vector<std::size_t>& numbers, std::vector<SourceMemory::Source> known,
+                           int phones) {
     try {
         memory_.remember(known);
     } catch (const std::exception&) {
@@ -226,11 +242,36 @@ bool SendSchedule::prepare(std::size_t first) {
     for (const SourceMemory::Source& source : known) {
         wanted.push_back({.key = source.key, .isFresh = source.isFresh});
     }
-    batch_.reserve(wanted, static_cast<int>(phones_.size()));
+    batch_.reserve(wanted, phones);
     for (std::size_t i = 0; i < numbers.size(); ++i) {
         sources_[numbers[i]].known = std::move(known[i]);
     }
-    return true;
+}
+
+/// Much may happen between the preparation of a file and its turn, or its turn with the next phone.
+bool SendSchedule::hasChanged(const Source& source) const {
+    return source.known && !memory_.isUnchanged(source.path, *source.known);
+}
+
+bool SendSchedule::hasWaiting() const {
+    return std::any_of(phones_.begin(), phones_.end(), [](const Phone& phone) { return !phone.waiting.empty(); });
+}
+
+/// While nothing is under way: a file that has become equal to one behind it must not wait for that for ever.
+void SendSchedule::prepareAnew() {
+    for (Source& source : sources_) {
+        if (source.left > 0) {
+            unprepare(source);
+        }
+    }
+}
+
+void SendSchedule::unprepare(Source& source) {
+    if (source.known) {
+        keysUnderWay_.erase(source.known->key.text());
+        source.known.reset();
+    }
+    source.isPrepared = false;
 }
 
 void SendSchedule::start(Phone& phone) {

@@ -83,8 +83,14 @@ private:
     [[nodiscard]] Task<bool> waitForEnd();
     void startWhatMay();
     [[nodiscard]] bool mayStart(const Phone& phone) const;
-    /// Returns false if a file must wait for an equal one that is under way.
+    /// Finds out what the file is, and that of those behind it, and gives it its id; again if it has changed since.
+    /// Returns false if it must wait for an equal one that is under way.
     [[nodiscard]] bool prepare(std::size_t first);
+    void reserve(const std::vector<std::size_t>& numbers, std::vector<SourceMemory::Source> known, int phones);
+    [[nodiscard]] bool hasChanged(const Source& source) const;
+    void unprepare(Source& source);
+    [[nodiscard]] bool hasWaiting() const;
+    void prepareAnew();
     void start(Phone& phone);
     [[nodiscard]] Task<> transfer(Transfer& transfer);
     void settleEnded();

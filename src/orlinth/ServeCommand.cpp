@@ -115,6 +115,7 @@ public:
 
     int run(Host& host) override {
         std::signal(SIGHUP, SIG_IGN); // the terminal that it was started in may go
+        host.output.doWithoutReader();
         raiseDescriptorLimit();
         host.tasks.treatSignalsAsUsualEnd(graceAfterSignal);
         const platform::PrivateKey ownKey = host.staticKey();

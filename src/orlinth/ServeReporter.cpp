@@ -12,6 +12,7 @@
 
 #include <asio/post.hpp>
 
+#include <cstdlib>
 #include <unistd.h>
 #include <utility>
 
@@ -26,12 +27,23 @@ std::string sizeOfText(const std::string& text) {
 }
 
 /// Opens a file or folder with the program that the desktop has for it, which then lives on without us.
+///
+/// Where a service manager has started us, that starts it: with the environment of the desktop as it is now, and
+/// without what keeps a service in its place and many a program from starting.
 void openOnDesktop(const platform::Path& path, platform::Log& log) {
+    const bool isManaged = std::getenv("INVOCATION_ID") != nullptr;
+    platform::ChildProgram opener{
+        .name = "setsid", .package = "util-linux", .arguments = {"--fork", "xdg-open", path.string()}, .input = {}};
+    if (isManaged) {
+        opener.name = "systemd-run";
+        opener.package = "systemd";
+        opener.arguments = {"--user", "--collect", "--quiet", "--", "xdg-open", path.string()};
+    }
     try {
-        static_cast<void>(platform::runChild({.name = "setsid",
-                                              .package = "util-linux",
-                                              .arguments = {"--fork", "xdg-open", path.string()},
-                                              .input = {}}));
+        const platform::ChildResult result = platform::runChild(std::move(opener));
+        if (result.status != 0) {
+            log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "serve", "cannot open: " + result.complaint);
+        }
     } catch (const std::exception& error) {
         log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "serve", "cannot open: " + describe(error));
     }
@@ -41,7 +53,10 @@ void openOnDesktop(const platform::Path& path, platform::Log& log) {
 template <typename Renamed>
 void tellName(Output& output, const char* event, const Renamed& renamed) {
     output.event(event, {{"name", renamed.name}, {"from", renamed.from}});
-    output.result(madeVisible(renamed.from) + " is now called " + madeVisible(renamed.name));
+    output.result(madeVisible(renamed.from) +
+                  (renamed.isTakenOver
+                       ? " is now called " + madeVisible(renamed.name)
+                       : " wants to be called '" + madeVisible(renamed.name) + "', and still has its name here"));
 }
 
 bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
@@ -57,8 +72,15 @@ ServeReporter::ServeReporter(Host& host, bool writesClipboard)
       clipboardChores_(host.system.network, "orlinth.serve.clipboard"),
       sharing_(host.system.network, "orlinth.serve.sharing"),
       clipboardLog_(host),
-      strangers_(host.system.clock, host.tasks.executor(), [&output = host.output](std::int64_t untold) {
-          output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");
+      burstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
+      opening_(std::make_shared<Opening>(
+          Opening{.chores = Chores(host.system.network, "orlinth.serve.opening"), .log = host.system.log})),
+      strangers_(host.system.clock, host.tasks.executor(),
+                 [&output = host.output](std::int64_t untold) {
+                     output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");
+                 }),
+      removed_(host.system.clock, host.tasks.executor(), [&output = host.output](std::int64_t untold) {
+          output.result("told phones that were removed here so " + std::to_string(untold) + " more times");
       }) {}
 
 Receiver::Callbacks ServeReporter::callbacks() {
@@ -82,7 +104,10 @@ void ServeReporter::tellHowMany(std::size_t pairedPhones) {
 
 Task<> ServeReporter::finish() {
     strangers_.finish();
+    removed_.finish();
+    burstTimer_->disarm();
     co_await clipboardChores_.finish();
+    co_await opening_->chores.finish();
     co_await sharing_.finish();
 }
 
@@ -136,6 +161,9 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
         output.event("unpair", {{"from", unpair->from}, {"peer_pubkey", unpair->peerPubkey}});
         output.result(madeVisible(unpair->from) + " has removed this computer, and is forgotten here");
     } else if (const auto* replied = std::get_if<Receiver::UnpairReplied>(&outcome)) {
+        if (!removed_.admits()) {
+            return;
+        }
         output.event("unpair_replied",
                      {{"peer_pubkey", replied->peerPubkey}, {"remote_endpoint", replied->remoteEndpoint}});
         output.result("told a phone that was removed here so, key " +
@@ -161,30 +189,52 @@ void ServeReporter::tellFailure(const Receiver::Failure& failure) {
 }
 
 void ServeReporter::notifyOfFile(const Receiver::File& file) {
-    if (!host_.system.notifications.isAvailable()) {
+    if (isBurst_) {
+        ++moreFiles_;
+        lastFile_ = absolute(file.file.savedAt);
         return;
     }
     const platform::Path path = absolute(file.file.savedAt);
-    // holds nothing of ours: the desktop may answer at any time
-    auto onAnswer = [queue = clipboardChores_.queue(), path, &log = host_.system.log](const std::string& key) {
-        if (key == "open" || key == "show") {
-            asio::post(queue, [path = key == "open" ? path : path.parent_path(), &log] { openOnDesktop(path, log); });
+    showFile({.title = "File from " + madeVisible(file.from),
+              .body = madeVisible(path.filename().string()),
+              .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
+             path);
+    isBurst_ = true;
+    burstTimer_->arm(burstSeconds, [this] { tellMoreFiles(); });
+}
+
+void ServeReporter::tellMoreFiles() {
+    isBurst_ = moreFiles_ > 0;
+    if (!isBurst_) {
+        return;
+    }
+    const std::string more = std::to_string(moreFiles_) + (moreFiles_ == 1 ? " more file" : " more files");
+    showFile({.title = "Files from your phones",
+              .body = more + ", the last one " + madeVisible(lastFile_.filename().string()),
+              .actions = {{"show", "Show in folder"}}},
+             lastFile_);
+    moreFiles_ = 0;
+    burstTimer_->arm(burstSeconds, [this] { tellMoreFiles(); });
+}
+
+void ServeReporter::showFile(platform::Notification notification, const platform::Path& path) {
+    // holds nothing that may be gone by then: the desktop may answer at any time
+    auto onAnswer = [opening = std::weak_ptr(opening_), path](const std::string& key) {
+        const std::shared_ptr<Opening> open = opening.lock();
+        if (open && (key == "open" || key == "show")) {
+            open->chores.add(
+                [path = key == "open" ? path : path.parent_path(), &log = open->log] { openOnDesktop(path, log); });
         }
     };
-    host_.system.notifications.show({.title = "File from " + madeVisible(file.from),
-                                     .body = madeVisible(path.filename().string()),
-                                     .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
-                                    host_.tasks.executor(), std::move(onAnswer));
+    host_.system.notifications.show(std::move(notification), host_.tasks.executor(), std::move(onAnswer));
 }
 
 void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
-    if (host_.system.notifications.isAvailable()) {
-        const std::string where = writesClipboard_ ? ", on the clipboard" : "";
-        host_.system.notifications.show({.title = "Text from " + madeVisible(clipboard.from),
-                                         .body = sizeOfText(clipboard.text) + where,
-                                         .actions = {}},
-                                        host_.tasks.executor(), {});
-    }
+    const std::string where = writesClipboard_ ? ", on the clipboard" : "";
+    host_.system.notifications.show({.title = "Text from " + madeVisible(clipboard.from),
+                                     .body = sizeOfText(clipboard.text) + where,
+                                     .actions = {}},
+                                    host_.tasks.executor(), {});
 }
 
 void ServeReporter::sharePeers() {

@@ -6,12 +6,18 @@
 #include "orlinth/StrangerLimit.h"
 #include "platform/Log.h"
 
+#include <memory>
+#include <optional>
+
 namespace orlinth::host {
 
 /// Turns what happens in the receive service into events, lines, notifications of the desktop, the clipboard's content
 /// and the share sheet's list. On the thread of `main`, but for what blocks.
 class ServeReporter {
 public:
+    /// Between two notifications of files.
+    static constexpr double burstSeconds = 5;
+
     /// `host` outlives this.
     ServeReporter(Host& host, bool writesClipboard);
     ServeReporter(const ServeReporter&) = delete;
@@ -36,11 +42,20 @@ private:
         Host& host_;
     };
 
+    /// What a button of a notification needs, as long as the service is there to be asked.
+    struct Opening {
+        Chores chores;
+        platform::Log& log;
+    };
+
     void tellFile(const Receiver::File& file);
     void tellClipboard(const Receiver::Clipboard& clipboard);
     void tellSync(const Receiver::ProcessOutcome& outcome);
     void tellFailure(const Receiver::Failure& failure);
+    /// Of the first at once, of those that follow within a few seconds together: a hundred photos are one event.
     void notifyOfFile(const Receiver::File& file);
+    void tellMoreFiles();
+    void showFile(platform::Notification notification, const platform::Path& path);
     void notifyOfClipboard(const Receiver::Clipboard& clipboard);
     /// Brings the share sheet's list in step, if the peer store has changed since that was last done.
     void sharePeers();
@@ -50,7 +65,13 @@ private:
     Chores clipboardChores_;
     Chores sharing_;
     ClipboardLog clipboardLog_;
+    std::unique_ptr<platform::Timer> burstTimer_;
+    bool isBurst_ = false; ///< a file was told of less than `burstSeconds` ago
+    std::int64_t moreFiles_ = 0;
+    platform::Path lastFile_;
+    std::shared_ptr<Opening> opening_;
     StrangerLimit strangers_;
+    StrangerLimit removed_;
     std::optional<platform::FileStatus> sharedPeers_; ///< the peer store's file then; on the queue of `sharing_`
 };
 

@@ -4,11 +4,15 @@
 #include "platform/Deadline.h"
 #include "platform/Spawn.h"
 #include "platform/SystemError.h"
+#include "platform/linux/ChildProcess.h"
 
 #include <asio/post.hpp>
 #include <asio/this_coro.hpp>
 
+#include <chrono>
 #include <limits>
+#include <string>
+#include <vector>
 
 namespace orlinth::host {
 namespace {
@@ -26,6 +30,8 @@ constexpr double lookSeconds = 0.01;
 /// Seconds between two attempts to open the port again.
 constexpr double retrySeconds = 1;
 constexpr double restSeconds = 0.1;
+/// Seconds that a service gets to start in.
+constexpr int startLimit = 10;
 
 constexpr const char* requestKey = "request";
 constexpr const char* lendRequest = "lend_port";
@@ -213,6 +219,7 @@ Task<> ServiceControl::lend(platform::Stream& stream) {
     try {
         co_await receiver_.stepAside();
         co_await handOver(stream);
+        host_.output.message("A pairing has the port; phones can deliver again when it is over.");
         co_await untilItEnds(stream);
     } catch (const std::exception& error) {
         if (platform::isCancellation(error)) {
@@ -231,6 +238,9 @@ Task<> ServiceControl::lend(platform::Stream& stream) {
     }
     co_await takeBack();
     lent_ = false;
+    if (problem.is_null()) {
+        host_.output.message("The port is back.");
+    }
 }
 
 Task<> ServiceControl::handOver(platform::Stream& stream) {
@@ -320,6 +330,34 @@ Task<std::optional<BorrowedPort>> BorrowedPort::borrow(Host& host, std::optional
         problem = describe(error);
     }
     throw notLent(problem);
+}
+
+namespace {
+
+/// Whether systemctl has done it, for the user's own service manager.
+bool hasDone(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--user", "--quiet"});
+    try {
+        const platform::ChildResult result = platform::runChild({.name = "systemctl",
+                                                                 .package = "systemd",
+                                                                 .arguments = std::move(arguments),
+                                                                 .input = {},
+                                                                 .deadline = std::chrono::seconds(startLimit)});
+        return result.status == 0;
+    } catch (const platform::SystemError&) {
+        return false; // without a service manager nobody keeps the port open for us
+    }
+}
+
+} // namespace
+
+Task<std::optional<BorrowedPort>> BorrowedPort::borrowFromSleeping(Host& host, std::uint16_t port) {
+    // not by a connection, which would be the only one of a pairing that has the port instead
+    const bool isStarted = hasDone({"is-active", "orlinth.socket"}) && hasDone({"start", "orlinth.service"});
+    if (!isStarted) {
+        co_return std::nullopt;
+    }
+    co_return co_await borrow(host, port);
 }
 
 } // namespace orlinth::host

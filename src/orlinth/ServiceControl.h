@@ -59,6 +59,10 @@ public:
     /// @throws HostError if one runs and does not lend its port
     [[nodiscard]] static Task<std::optional<BorrowedPort>> borrow(Host& host, std::optional<std::uint16_t> wanted);
 
+    /// The same of a service for which the service manager keeps the port open, and which is started for this. Nothing
+    /// if there is none. Blocks while it starts.
+    [[nodiscard]] static Task<std::optional<BorrowedPort>> borrowFromSleeping(Host& host, std::uint16_t port);
+
     [[nodiscard]] std::uint16_t port() const noexcept { return port_; }
     /// The port, open already. Once.
     [[nodiscard]] std::unique_ptr<platform::Listener> takeListener() noexcept { return std::move(listener_); }

@@ -41,6 +41,15 @@ std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& 
     }
 }
 
+bool SourceMemory::isUnchanged(const platform::Path& file, const Source& source) const {
+    try {
+        const std::optional<platform::FileStatus> status = system_.files.status(file);
+        return status && lookOf(*status) == source.look;
+    } catch (const Error&) {
+        return false;
+    }
+}
+
 void SourceMemory::remember(std::vector<Source>& sources) {
     system_.files.createDirectories(url_.parent_path(), 0700);
     const platform::FileLock lock(system_.files, url_);

@@ -34,6 +34,8 @@ public:
 
     /// Nothing if there is something wrong with the file: the attempt will meet the same and report it.
     [[nodiscard]] std::optional<Source> examine(const platform::Path& file) const;
+    /// Whether the file still is what examine() saw. A cheap look, for right before an attempt.
+    [[nodiscard]] bool isUnchanged(const platform::Path& file, const Source& source) const;
     /// Before an attempt: compares the files with what they were, and remembers them as they are.
     /// @throws platform::SystemError
     void remember(std::vector<Source>& sources);

@@ -9,7 +9,7 @@
 
 namespace orlinth::host {
 
-/// Keeps those who have not proved a paired key from filling the log: a few of their failures are told a minute, then
+/// Keeps those who are not, or no longer, paired from filling the log: a few of their failures are told a minute, then
 /// once a minute how many more there were, until a minute has passed without any.
 ///
 /// Lives on the timer's executor.

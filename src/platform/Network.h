@@ -78,8 +78,8 @@ public:
     [[nodiscard]] virtual std::optional<std::uint16_t> inheritedPort() { return std::nullopt; }
     /// A serial queue: what runs on it runs one at a time. `label` names it for diagnostics.
     [[nodiscard]] virtual Executor makeSerialQueue(const char* label) = 0;
-    /// A serial queue of the worker threads: what blocks on a disk there holds nobody up but its own queue. Whatever
-    /// runs there must have ended before the network goes.
+    /// A serial queue of the worker threads: what blocks on a disk there holds nobody up but the few queues that have
+    /// the same thread. Whatever runs there must have ended before the network goes.
     [[nodiscard]] virtual Executor makeWorkerQueue(const char* label) = 0;
 };
 

@@ -9,7 +9,18 @@
 
 namespace orlinth::platform {
 
-SystemError::SystemError(std::error_code code) : Error(code.message()), code_(code) {}
+namespace {
+
+/// Asio's category for errno does not compare equal to std::errc; the standard library's does.
+std::error_code comparable(std::error_code code) {
+    return code.category() == asio::error::get_system_category()
+               ? std::error_code(code.value(), std::generic_category())
+               : code;
+}
+
+} // namespace
+
+SystemError::SystemError(std::error_code code) : Error(code.message()), code_(comparable(code)) {}
 
 SystemError SystemError::fromErrno() {
     return fromErrno(errno);

@@ -9,6 +9,7 @@ import socket
 import struct
 import subprocess
 import threading
+import time
 import unittest
 
 import test_wake
@@ -237,6 +238,40 @@ class Interrupted(ManyTest):
                    if event["event"] == "complete" and event["resumed_from_offset"] == MIB]
         self.assertEqual([str(file) for file in files[1:3]], sorted(resumed))
         self.assert_nothing_remembered()
+
+
+class AFileThatChanges(ManyTest):
+    def test_between_its_examination_and_its_turn_is_not_joined_to_what_was_there_of_it(self):
+        random = seeded(self)
+        first, changed = self.files(2, 2 * MIB)
+        service = self.service()
+        relay = self.relay(service.port, after_bytes=MIB + MIB // 2)
+        self.mac.record(self.phone, relay.port)
+        self.assertEqual(1, self.send([changed]).wait())
+        partial = self.phone.downloads / (changed.name + ".partial")
+        self.wait_until(lambda: partial.exists() and partial.stat().st_size >= MIB)
+
+        self.mac.record(self.phone, service.port)
+        service.signal(signal.SIGSTOP)
+        try:
+            sender = self.send([first, changed])
+            sender.events.wait_for("connected")  # both have been examined
+            with open(changed, "r+b") as file:  # the same name, size and front
+                file.seek(MIB // 2)
+                file.write(random.randbytes(MIB))
+        finally:
+            service.signal(signal.SIGCONT)
+        self.assertEqual(0, sender.wait(), sender.stderr)
+        complete = [event for event in sender.events.all if event["event"] == "complete"]
+        self.assertEqual([0, 0], [event["resumed_from_offset"] for event in complete])
+        arrived = {sha256(path) for path in self.phone.downloads.glob("*.bin")}
+        self.assertEqual({sha256(first), sha256(changed)}, arrived)
+
+    def wait_until(self, condition):
+        end = time.monotonic() + PATIENCE
+        while not condition():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.02)
 
 
 class NarrowDoor:

@@ -79,6 +79,8 @@ class ServeTest(ProgramTest):
         self.assertEqual(0, service.wait(), service.stderr)
         self.assertLess(time.monotonic() - begin, SECONDS_TO_END + LEEWAY)
         self.assertEqual([], service.events.not_json)
+        # it has come to its end, and was not ended because its time was up
+        self.assertFalse((self.desk.data / "Orlinth" / "service.sock").exists())
 
     def wait_until(self, condition):
         end = time.monotonic() + PATIENCE
@@ -405,11 +407,11 @@ class Phones(ServeTest):
         service = self.serve()
         self.refused(self.phone, service)
         service.events.wait_for("unpair_replied")
-        for rubbish in ("{nonsense", "[]", '{"removed":["AAAA"]}', '{"removed":{}}'):
+        for times, rubbish in enumerate(("{nonsense", "[]", '{"removed":["AAAA"]}', '{"removed":{}}'), 2):
             with self.subTest(rubbish):
                 remembered.write_text(rubbish)
                 self.refused(self.phone, service)
-                wait_for_count(service.events, "unpair_replied", 2)
+                wait_for_count(service.events, "unpair_replied", times)
                 added = self.desk.run("peers", "add", "--pubkey", self.phone.key, "--ip", "127.0.0.1", "--port", "9",
                                       "--name", "phone")
                 self.assertEqual((1, ""), (added.returncode, added.stdout))

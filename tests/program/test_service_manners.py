@@ -201,6 +201,69 @@ class PairingBesideTheService(ServiceTest):
                 self.deliver(service, self.tablet, f"{attempt}.bin")
             self.end(service)
 
+    def test_starts_a_service_that_has_not_been_needed_yet(self):
+        with socket.create_server(("127.0.0.1", 0)) as port:
+            number = port.getsockname()[1]
+            self.mac.environment["PATH"] = str(self.service_manager()) + ":" + os.environ["PATH"]
+            program = self.pair("--port", str(number))
+            asked, started = self.folder / "asked", self.folder / "started"
+            self.wait_until(asked.exists)
+            service = self.activated(port)
+            service.port = service.events.wait_for("listening")["port"]
+            self.wait_until((self.mac.data / "Orlinth" / "service.sock").exists)
+            started.touch()
+            payload = program.events.wait_for("payload")["payload"]
+            self.assertEqual(number, payload["peer_port"])
+            joined = self.tablet.run("join", "--payload", "-", "--yes", "--json", "--listen-port", "9",
+                                     input=json.dumps(payload))
+            self.assertEqual(0, joined.returncode, joined.stderr)
+            self.assertEqual(0, program.wait(), program.stderr)
+            self.deliver(service, self.tablet, "a.bin")
+            self.end(service)
+
+    def service_manager(self):
+        """A folder with a systemctl that has orlinth.socket, and starts the service when the test does so."""
+        folder = self.folder / "bin"
+        folder.mkdir()
+        systemctl = folder / "systemctl"
+        systemctl.write_text(f"""#!/bin/sh
+case "$*" in
+"--user --quiet is-active orlinth.socket") exit 0 ;;
+"--user --quiet start orlinth.service") touch {self.folder}/asked
+    while [ ! -e {self.folder}/started ]; do sleep 0.05; done
+    exit 0 ;;
+esac
+exit 1
+""")
+        systemctl.chmod(0o755)
+        return folder
+
+    def wait_until(self, condition):
+        end = time.monotonic() + PATIENCE
+        while not condition():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.02)
+
+    def test_is_not_disturbed_by_paired_phones_that_want_to_deliver_meanwhile(self):
+        service = self.listening()
+        program = self.pair()
+        payload = program.events.wait_for("payload")["payload"]
+        self.phone.record(self.mac, service.port)
+        file = self.file("early.bin", b"abc")
+        for _ in range(2):
+            sent = self.phone.run("send", "--to", "mac", str(file))
+            self.assertEqual(1, sent.returncode)
+            self.assertIn("noise handshake", sent.stderr)
+        with socket.create_connection(("127.0.0.1", service.port)):  # and one who hangs up without a word
+            pass
+        joined = self.tablet.run("join", "--payload", "-", "--yes", "--json", "--listen-port", "9",
+                                 input=json.dumps(payload))
+        self.assertEqual(0, joined.returncode, joined.stderr)
+        self.assertEqual(0, program.wait(), program.stderr)
+        self.assertEqual(2, program.stderr.count("wanted to deliver something"), program.stderr)
+        self.deliver(service, self.phone, "late.bin")
+        self.deliver(service, self.tablet, "a.bin")
+
     def test_may_ask_for_the_services_port_by_its_number(self):
         service = self.listening()
         self.assertEqual(service.port, self.pair_tablet("--port", str(service.port)))

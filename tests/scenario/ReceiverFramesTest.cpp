@@ -242,6 +242,39 @@ TEST_F(ReceiverFrames, ARemovedPhoneThatDoesNotHangUpIsHungUpOnAfterFiveSeconds)
     EXPECT_TRUE(std::holds_alternative<Receiver::UnpairReplied>(world.syncs[0]));
 }
 
+TEST_F(ReceiverFrames, APhoneThatIsRemovedWhileItIsConnectedCannotDeliverAnyMore) {
+    Receiver& receiver = world.start();
+    const std::vector<TransportMessage> deliveries{Row::fileOffer("a.txt", 3, "text/plain", "ID-1"),
+                                                   Row::clipboard("too late", "text/plain"), Row::setName("too late"),
+                                                   Row::tokenUpdate("too late")};
+    for (const TransportMessage& delivery : deliveries) {
+        receiver.setRemovedPeerPubkeys({});
+        const auto phone = world.phone();
+        world.send(*phone, Row::tokenUpdate("keeps it busy"));
+        receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
+        const std::size_t before = world.syncs.size();
+        world.run(phone->send(delivery));
+        static_cast<void>(world.run(phone->expect<Row::Unpair>()));
+        phone->close();
+        world.settle();
+        ASSERT_EQ(world.syncs.size(), before + 1);
+        EXPECT_TRUE(std::holds_alternative<Receiver::UnpairReplied>(world.syncs.back()));
+    }
+    EXPECT_TRUE(world.clips.empty());
+    EXPECT_TRUE(world.files.list(ReceiverWorld::folder).empty());
+}
+
+TEST_F(ReceiverFrames, APhoneThatNobodyKnowsAnyMoreWhileItIsConnectedIsUnauthorized) {
+    Receiver& receiver = world.start();
+    const auto phone = world.phone();
+    world.settle();
+    receiver.setExpectedPeerPubkeys({});
+    world.run(phone->send(Row::clipboard("too late", "text/plain")));
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    EXPECT_TRUE(world.clips.empty());
+    EXPECT_EQ(world.failures.size(), 1U);
+}
+
 TEST_F(ReceiverFrames, KeysSetWhileItRunsCountForTheNextConnection) {
     Receiver& receiver = world.start();
     const platform::PrivateKey fresh = platform::PrivateKey::generate();
@@ -270,8 +303,10 @@ TEST_F(ReceiverFrames, TheHostMayRenewTheListsBeforeAKeyIsLookedUp) {
     };
     world.start();
     const auto phone = world.phone();
-    world.offer(*phone, "a.txt", 0);
+    world.settle();
     EXPECT_EQ(asked, 1);
+    world.offer(*phone, "a.txt", 0);
+    EXPECT_EQ(asked, 2) << "it may have been removed since it came";
 }
 
 TEST_F(ReceiverFrames, APairedPhoneIsToldOfWithItsRecordBeforeAnyFrameIsRead) {

@@ -134,10 +134,16 @@ void IncomingFile::saveSidecar() {
 }
 
 void IncomingFile::keepSidecar() {
-    if (sidecarNeedsFlush_) {
-        PartialMetaIO::flush(system_->files, target_.partial);
-        sidecarNeedsFlush_ = false;
+    if (!sidecarNeedsFlush_) {
+        return;
     }
+    if (system_->files.exists(PartialMetaIO::metaURL(target_.partial))) {
+        PartialMetaIO::flush(system_->files, target_.partial);
+    } else { // somebody has tidied up
+        saveSidecar();
+        PartialMetaIO::flush(system_->files, target_.partial);
+    }
+    sidecarNeedsFlush_ = false;
 }
 
 /// An empty partial without a sidecar would only keep its name from the next attempt.

@@ -32,6 +32,7 @@ constexpr const char* logCategory = "receiver";
 bool isShortage(const std::error_code& code) {
     return code == std::errc::too_many_files_open || code == std::errc::too_many_files_open_in_system ||
            code == std::errc::no_buffer_space || code == std::errc::not_enough_memory ||
+           code == std::errc::no_space_on_device ||           // watches of epoll
            code == std::errc::resource_unavailable_try_again; // threads
 }
 
@@ -46,7 +47,8 @@ struct Session {
     asio::cancellation_signal stop; ///< on its queue
     /// Why it was ended from here; on its queue.
     std::optional<std::string> endedBecause;
-    std::string from; ///< display name of the phone; on its queue
+    std::string from;       ///< display name of the phone; on its queue
+    bool isLeaving = false; ///< it had to make room; on the receiver's queue
 };
 
 using SessionRef = std::shared_ptr<Session>;
@@ -101,6 +103,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     std::uint64_t lastIdentity = 0;
     std::map<std::uint64_t, SessionRef> sessions;
     std::list<std::uint64_t> strangers; ///< sessions without a proved key, the oldest first
+    std::size_t leaving = 0;            ///< sessions that had to make room and have not closed yet
 
     void open();
     [[nodiscard]] static Task<> serve(std::shared_ptr<Service> self);
@@ -115,6 +118,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     [[nodiscard]] ReceiverConnectionContext contextFor(const SessionRef& session);
     [[nodiscard]] ReceiverConnectionContext::Standing standingOf(const platform::PublicKey& key) const;
     [[nodiscard]] static Task<bool> ask(std::shared_ptr<Service> self, Offer offer);
+    void stay(const SessionRef& session);
     void finish(const SessionRef& session, std::optional<ProcessOutcome> outcome, std::exception_ptr error);
     void tell(const ProcessOutcome& outcome) const;
     void tellFailure(const Failure& failure) const;
@@ -161,7 +165,7 @@ Task<> Receiver::Service::serve(std::shared_ptr<Service> self) {
 /// Until stop(). A connection is only handed on here, so that the next one never waits for it.
 Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
     while (!self->isStopping) {
-        if (self->isAside) {
+        if (self->isAside || self->leaving >= maxStrangers) {
             co_await self->system.clock.sleep(lookSeconds);
             continue;
         }
@@ -241,7 +245,10 @@ void Receiver::Service::admit(std::unique_ptr<platform::Stream> stream) {
 /// Ends the oldest of those who have not yet proved who they are.
 void Receiver::Service::makeRoom() {
     if (!strangers.empty()) {
-        end(sessions.at(strangers.front()), "too many connections of strangers", Whom::strangersOnly);
+        const SessionRef& oldest = sessions.at(strangers.front());
+        oldest->isLeaving = true;
+        ++leaving;
+        end(oldest, "too many connections of strangers", Whom::strangersOnly);
         strangers.pop_front();
     }
 }
@@ -285,7 +292,10 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                 [self, session](const platform::PublicKey& key) {
                     const auto standing = self->standingOf(key);
                     if (standing == ReceiverConnectionContext::Standing::expected) { // before its record is looked for
-                        asio::post(self->queue, [self, session] { self->strangers.remove(session->identity); });
+                        asio::post(self->queue, [self, session] {
+                            self->strangers.remove(session->identity);
+                            self->stay(session);
+                        });
                     }
                     return standing;
                 },
@@ -324,10 +334,18 @@ ReceiverConnectionContext::Standing Receiver::Service::standingOf(const platform
     return has(expected) ? Standing::expected : Standing::unknown;
 }
 
+/// It need not leave, or has left.
+void Receiver::Service::stay(const SessionRef& session) {
+    if (std::exchange(session->isLeaving, false)) {
+        --leaving;
+    }
+}
+
 void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessOutcome> outcome,
                                std::exception_ptr error) {
     sessions.erase(session->identity);
     strangers.remove(session->identity);
+    stay(session);
     if (outcome) {
         tell(*outcome);
     } else if (!isStopping) {

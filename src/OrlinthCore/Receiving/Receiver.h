@@ -49,10 +49,13 @@ public:
     struct SetName {
         std::string name;
         std::string from; ///< as it was called before
+        bool isTakenOver =
+            true; ///< false for a name that nobody could be called by, and where no record could be changed
     };
     struct NameUpdate {
         std::string name;
         std::string from;
+        bool isTakenOver = true;
     };
     struct Unpair {
         std::string from;
@@ -90,7 +93,7 @@ public:
         std::function<void(const Clipboard&)> onClipboard;
         std::function<void(const ProcessOutcome&)> onSync; ///< the other outcomes
         std::function<void(const Failure&)> onError;
-        /// A paired phone has proved its key, before any of its frames is read.
+        /// A paired phone has proved its key; told before its outcome is.
         std::function<void(const PeerRecord&)> onAuthenticated;
     };
 

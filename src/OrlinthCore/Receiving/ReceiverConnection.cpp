@@ -44,9 +44,15 @@ public:
 
     /// Takes the transfer over from whoever has it, and waits until nobody else touches it. @throws ReceiveError
     [[nodiscard]] Task<> take(platform::Clock& clock) {
-        const ActiveTransfers::Takeover takeover = transfers_.takeOver(key_, self_);
-        if (takeover.isRefused) {
+        using Takeover = ActiveTransfers::Takeover;
+        const Takeover takeover = transfers_.takeOver(key_, self_);
+        switch (takeover.refusal) {
+        case Takeover::Refusal::none:
+            break;
+        case Takeover::Refusal::ofAnotherPhone:
             throw ReceiveError::protocolViolation("transfer is active from another phone");
+        case Takeover::Refusal::hasNewerOwner:
+            throw ReceiveError::protocolViolation("transfer is active on a newer connection");
         }
         if (takeover.displaced) {
             takeover.displaced->cancel();
@@ -68,6 +74,7 @@ public:
                  std::string name, std::function<void()> cancelSelf)
         : context_(context),
           wire_(wire),
+          endpoint_(wire.remoteEndpoint()),
           name_(std::move(name)),
           framer_(std::move(transport)),
           sender_(context.system, framer_.session().remoteStaticPublicKey()),
@@ -109,6 +116,11 @@ private:
 
     /// The outcome that the message comes to; nothing if the conversation goes on.
     [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> take(const TransportMessage& message) {
+        const bool isRemoved = !file_ && isRemovedMeanwhile();
+        if (isRemoved) {
+            co_await sayFarewell(TransportMessage::unpair());
+            co_return Receiver::UnpairReplied{.peerPubkey = self_->peerPubkey(), .remoteEndpoint = endpoint_};
+        }
         if (const auto* offer = message.as<Row::FileOffer>()) {
             co_return co_await takeOffer(*offer);
         }
@@ -117,6 +129,16 @@ private:
             co_return std::nullopt;
         }
         co_return end(message);
+    }
+
+    /// It may have been here for long. @throws ReceiveError::unauthorizedPeer if nobody knows it any more
+    [[nodiscard]] bool isRemovedMeanwhile() const {
+        using Standing = ReceiverConnectionContext::Standing;
+        const Standing standing = context_.standingOf(framer_.session().remoteStaticPublicKey());
+        if (standing == Standing::unknown) {
+            throw ReceiveError::unauthorizedPeer();
+        }
+        return standing == Standing::removed;
     }
 
     [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> takeOffer(Row::FileOffer offer) {
@@ -186,8 +208,8 @@ private:
 
     template <typename Outcome>
     [[nodiscard]] Receiver::ProcessOutcome rename(const std::string& name) {
-        Outcome outcome{.name = name, .from = sender_.displayName()};
-        changeRecord([&] { sender_.setHostname(name); });
+        Outcome outcome{.name = name, .from = sender_.displayName(), .isTakenOver = false};
+        changeRecord([&] { outcome.isTakenOver = sender_.setHostname(name); });
         return outcome;
     }
 
@@ -203,6 +225,7 @@ private:
 
     const ReceiverConnectionContext& context_;
     WireConnection& wire_;
+    std::string endpoint_;
     std::string name_;
     TransportFramer framer_;
     SenderRecord sender_;

@@ -67,15 +67,16 @@ void SenderRecord::setFcmToken(const std::string& token) {
     });
 }
 
-void SenderRecord::setHostname(const std::string& name) {
+bool SenderRecord::setHostname(const std::string& name) {
     if (!isUsableName(name)) {
-        return;
+        return false;
     }
     change([&name](PeerRecord& record) {
         const bool differs = record.peer_hostname != name;
         record.peer_hostname = name;
         return differs;
     });
+    return true;
 }
 
 bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& address) {

@@ -31,8 +31,8 @@ public:
     ///
     /// Not taken over: a token that is too long.
     void setFcmToken(const std::string& token);
-    /// Not taken over: a name that is blank, too long or has control characters.
-    void setHostname(const std::string& name);
+    /// Not taken over: a name that is blank, too long or has control characters. Returns whether it is fit to be one.
+    [[nodiscard]] bool setHostname(const std::string& name);
     /// `address` is where the phone has connected from. Not taken over: loopback in place of something else (a tunnel
     /// ends there), and anything in place of a host name, which somebody has chosen by hand.
     void setAddress(const std::string& address);

@@ -29,29 +29,75 @@ class Silence : public std::exception {};
 
 } // namespace
 
-/// Cancels the connection unless it is destroyed before the idle time-out has passed.
+/// Cancels the connection when a read takes longer than the idle time-out.
+///
+/// An alarm that was set is left alone by the reads that follow: when it rings it looks at the read of that moment, and
+/// is set again for the rest of its time. Setting and taking back one for each read would cost more than the reading.
+class WireConnection::IdleWatch {
+public:
+    explicit IdleWatch(WireConnection& wire)
+        : clock_(wire.clock_), stream_(*wire.connection_), timer_(clock_.makeTimer(stream_.executor())) {}
+
+    /// A read begins that may take so long.
+    void begin(double seconds) {
+        deadline_ = clock_.now() + platform::Clock::Instant(seconds);
+        isReading_ = true;
+        if (!isSet_ || deadline_ < ringsAt_) {
+            set(seconds);
+        }
+    }
+    void end() noexcept { isReading_ = false; }
+
+private:
+    void set(double seconds) {
+        isSet_ = true;
+        ringsAt_ = clock_.now() + platform::Clock::Instant(seconds);
+        timer_->arm(seconds, [this] { ring(); });
+    }
+
+    void ring() {
+        constexpr double noTime = 1e-6; // what rounding may make of none
+        const double left = (deadline_ - clock_.now()).count();
+        isSet_ = false;
+        if (isReading_ && left > noTime) {
+            set(left);
+        } else if (isReading_) {
+            stream_.cancel();
+        }
+    }
+
+    platform::Clock& clock_;
+    platform::Stream& stream_;
+    std::unique_ptr<platform::Timer> timer_;
+    platform::Clock::Instant deadline_{0}; ///< of the read that is under way
+    platform::Clock::Instant ringsAt_{0};
+    bool isReading_ = false;
+    bool isSet_ = false;
+};
+
+/// Watches one read.
 class WireConnection::IdleAlarm {
 public:
     explicit IdleAlarm(WireConnection& wire) {
         if (!wire.idleTimeout) {
             return;
         }
-        if (!wire.idleTimer_) {
-            wire.idleTimer_ = wire.clock_.makeTimer(wire.connection_->executor());
+        if (!wire.idleWatch_) {
+            wire.idleWatch_ = std::make_unique<IdleWatch>(wire);
         }
-        timer_ = wire.idleTimer_.get();
-        timer_->arm(*wire.idleTimeout, [connection = wire.connection_.get()] { connection->cancel(); });
+        watch_ = wire.idleWatch_.get();
+        watch_->begin(*wire.idleTimeout);
     }
     IdleAlarm(const IdleAlarm&) = delete;
     IdleAlarm& operator=(const IdleAlarm&) = delete;
     ~IdleAlarm() {
-        if (timer_ != nullptr) {
-            timer_->disarm();
+        if (watch_ != nullptr) {
+            watch_->end();
         }
     }
 
 private:
-    platform::Timer* timer_ = nullptr;
+    IdleWatch* watch_ = nullptr;
 };
 
 WireConnection::WireConnection(std::unique_ptr<platform::Stream> connection, platform::Clock& clock)
@@ -161,8 +207,9 @@ Task<WireConnection::Farewell> WireConnection::closeAfterFarewell(double seconds
 }
 
 Task<WireConnection::Farewell> WireConnection::readToTheEnd() {
-    const auto dropped = std::make_unique_for_overwrite<std::byte[]>(firstStepBytes);
-    const MutableBytes into(dropped.get(), firstStepBytes);
+    constexpr std::size_t atOnce = 4096; // there is nothing to be expected, and there may be many of us
+    const auto dropped = std::make_unique_for_overwrite<std::byte[]>(atOnce);
+    const MutableBytes into(dropped.get(), atOnce);
     std::size_t count = into.size();
     try {
         while (count == into.size()) {

@@ -64,6 +64,7 @@ public:
     [[nodiscard]] std::string remoteEndpoint() const { return connection_->remoteEndpoint(); }
 
 private:
+    class IdleWatch;
     class IdleAlarm;
 
     [[nodiscard]] Task<> sendRaw(ByteView data);
@@ -74,7 +75,7 @@ private:
 
     std::unique_ptr<platform::Stream> connection_;
     platform::Clock& clock_;
-    std::unique_ptr<platform::Timer> idleTimer_; // made at the first read that has a time-out
+    std::unique_ptr<IdleWatch> idleWatch_; // made at the first read that has a time-out; refers to the stream
 };
 
 /// What WireConnection throws.

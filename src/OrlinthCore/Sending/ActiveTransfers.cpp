@@ -67,14 +67,17 @@ ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, cons
         return entry.first.second == key && isForeign(entry.second);
     });
     if (isOwnedElsewhere || drainsElsewhere) {
-        return {.isRefused = true, .displaced = nullptr};
+        return {.refusal = Takeover::Refusal::ofAnotherPhone, .displaced = nullptr};
+    }
+    if (owner != owners_.end() && owner->second->identity() > connection->identity()) {
+        return {.refusal = Takeover::Refusal::hasNewerOwner, .displaced = nullptr};
     }
     TransferConnectionRef before = std::exchange(owners_[key], connection);
     if (!before || isSame(before, connection)) {
         return {};
     }
     draining_.emplace(DrainingKey(before->identity(), key), before);
-    return {.isRefused = false, .displaced = std::move(before)};
+    return {.refusal = Takeover::Refusal::none, .displaced = std::move(before)};
 }
 
 bool ActiveTransfers::mayProceed(const std::string& key, const TransferConnectionRef& connection) const {

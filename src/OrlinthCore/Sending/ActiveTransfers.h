@@ -59,12 +59,18 @@ public:
 
     /// What became of takeOver().
     struct Takeover {
-        bool isRefused = false;          ///< the transfer is another phone's; nothing has changed
+        /// Why nothing has changed.
+        enum class Refusal {
+            none,           ///< it has
+            ofAnotherPhone, ///< the transfer is, or was until it winds down, active under another phone's key
+            hasNewerOwner,  ///< an offer that has come late, on a connection that the phone has given up since
+        };
+        Refusal refusal = Refusal::none;
+        [[nodiscard]] bool isRefused() const noexcept { return refusal != Refusal::none; }
         TransferConnectionRef displaced; ///< who was the owner, now winding down; to be cancelled by the caller
     };
     /// claim() for a connection that will wait for its predecessors: a displaced owner enters the draining ones in the
-    /// same step, so that it cannot finish in between. Refused where the transfer is, or was until it winds down,
-    /// active under another phone's key.
+    /// same step, so that it cannot finish in between.
     [[nodiscard]] Takeover takeOver(const std::string& key, const TransferConnectionRef& connection);
     /// Whether `connection` may touch what the key stands for: it is the owner, and no earlier one of this key, however
     /// far back in a chain of takeovers, is still winding down.

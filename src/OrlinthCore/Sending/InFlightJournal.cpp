@@ -72,8 +72,9 @@ std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t s
             return reserved->second.id;
         }
     }
+    const bool isSpent = batch_ != nullptr && std::erase(batch_->finished_, key) > 0; // and only not yet written so
     const Entries known = load();
-    if (const auto found = known.find(key); found != known.end()) {
+    if (const auto found = known.find(key); found != known.end() && !isSpent) {
         return found->second;
     }
     try {
@@ -83,6 +84,9 @@ std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t s
     }
     const std::optional<platform::FileLock> held = tryToLock(files_, fileURL_);
     Entries entries = load(); // another process may have been here since
+    if (isSpent) {
+        entries.erase(key);
+    }
     const auto [entry, isNew] = entries.try_emplace(key);
     if (isNew) {
         entry->second = platform::randomUuidText();

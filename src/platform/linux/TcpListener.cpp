@@ -137,7 +137,9 @@ Task<std::unique_ptr<Stream>> TcpListener::accept(Executor executor) {
         }
         const int number = ::accept4(acceptor_->native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (number != -1) {
-            if (std::unique_ptr<Stream> stream = adopt(number, executor)) {
+            std::unique_ptr<Stream> stream = adopt(number, executor);
+            co_await yieldTurn(); // whoever calls as fast as we accept must not keep the others of this queue waiting
+            if (stream) {
                 co_return stream;
             }
         } else if (errno == EAGAIN) {

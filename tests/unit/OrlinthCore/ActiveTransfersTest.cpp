@@ -84,7 +84,7 @@ TEST_F(ActiveTransfersTest, OneThatFinishesBeforeItIsDisplacedHoldsNobodyUp) {
     static_cast<void>(transfers.takeOver("k", a));
     transfers.finish("k", a);
     const ActiveTransfers::Takeover takeover = transfers.takeOver("k", b);
-    EXPECT_FALSE(takeover.isRefused);
+    EXPECT_FALSE(takeover.isRefused());
     EXPECT_EQ(takeover.displaced, nullptr);
     EXPECT_TRUE(transfers.mayProceed("k", b));
 }
@@ -121,7 +121,7 @@ TEST_F(ActiveTransfersTest, WhoComesAfterAnOwnerThatGaveUpWaitsForTheOneBefore) 
     transfers.finish("k", b); // while it waited; nobody owns the key now
     const ActiveTransfers::Takeover takeover = transfers.takeOver("k", c);
     EXPECT_EQ(takeover.displaced, nullptr);
-    EXPECT_FALSE(takeover.isRefused);
+    EXPECT_FALSE(takeover.isRefused());
     EXPECT_FALSE(transfers.mayProceed("k", c)) << "a still writes";
     transfers.finish("k", a);
     EXPECT_TRUE(transfers.mayProceed("k", c));
@@ -152,10 +152,20 @@ TEST_F(ActiveTransfersTest, AKeyThatIsActiveUnderAnotherPhoneIsRefusedAndNothing
     const TransferConnectionRef foreign = connection("another phone");
     static_cast<void>(transfers.takeOver("k", a));
     const ActiveTransfers::Takeover takeover = transfers.takeOver("k", foreign);
-    EXPECT_TRUE(takeover.isRefused);
+    EXPECT_TRUE(takeover.isRefused());
     EXPECT_EQ(takeover.displaced, nullptr);
     EXPECT_TRUE(transfers.mayProceed("k", a));
     EXPECT_TRUE(transfers.isReleased(foreign));
+    EXPECT_EQ(transfers.drainingCount(), 0U);
+}
+
+TEST_F(ActiveTransfersTest, AnOlderConnectionWhoseOfferComesLateDoesNotDisplaceANewerOne) {
+    static_cast<void>(transfers.takeOver("k", b));
+    const ActiveTransfers::Takeover takeover = transfers.takeOver("k", a);
+    EXPECT_EQ(takeover.refusal, ActiveTransfers::Takeover::Refusal::hasNewerOwner);
+    EXPECT_EQ(takeover.displaced, nullptr);
+    EXPECT_TRUE(transfers.mayProceed("k", b));
+    EXPECT_TRUE(transfers.isReleased(a));
     EXPECT_EQ(transfers.drainingCount(), 0U);
 }
 
@@ -164,9 +174,9 @@ TEST_F(ActiveTransfersTest, AKeyThatStillDrainsUnderAnotherPhoneIsRefused) {
     static_cast<void>(transfers.takeOver("k", a));
     static_cast<void>(transfers.takeOver("k", b));
     transfers.finish("k", b);
-    EXPECT_TRUE(transfers.takeOver("k", foreign).isRefused);
+    EXPECT_TRUE(transfers.takeOver("k", foreign).isRefused());
     transfers.finish("k", a);
-    EXPECT_FALSE(transfers.takeOver("k", foreign).isRefused);
+    EXPECT_FALSE(transfers.takeOver("k", foreign).isRefused());
     EXPECT_TRUE(transfers.mayProceed("k", foreign));
 }
 
@@ -263,7 +273,7 @@ private:
             const auto cancelled = std::make_shared<std::atomic<bool>>(false);
             const TransferConnectionRef self = connection(phone, [cancelled] { *cancelled = true; });
             const ActiveTransfers::Takeover takeover = transfers.takeOver(key, self);
-            if (takeover.isRefused) {
+            if (takeover.isRefused()) {
                 ++refusals;
                 continue;
             }

@@ -242,6 +242,20 @@ TEST_F(InFlightJournalBatch, KeepsTheIdOfAnEarlierAttemptUnlessAFreshOneIsWanted
     EXPECT_NE(idOf("b"), b);
 }
 
+TEST_F(InFlightJournalBatch, NeverGivesTheIdOfACompletedFileAgain) {
+    std::string second;
+    {
+        InFlightJournal::Batch batch(journal);
+        batch.reserve(wanted({"a"}), 1);
+        const std::string first = idOf("a");
+        complete("a");
+        second = idOf("a"); // without a reservation, before the completion was written
+        EXPECT_NE(second, first);
+    }
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(std::pair<const std::string, std::string>("a|1|m|f", second)))
+        << "that send has not completed";
+}
+
 TEST_F(InFlightJournalBatch, WritesCompletionsWithTheNextReservationAndAtItsEnd) {
     {
         InFlightJournal::Batch batch(journal);

@@ -390,12 +390,30 @@ TEST_F(Wire, DoesNotGiveALargeBodyMoreTimeBecauseItIsReadInSteps) {
     EXPECT_TRUE(peerFailed) << "the peer writes into a connection that is gone";
 }
 
-TEST_F(Wire, TakesBackTheAlarmWhenAReadFails) {
+TEST_F(Wire, SetsNoAlarmAgainWhenAReadHasFailed) {
     WireConnection& wire = connect();
     wire.idleTimeout = 2;
     peer_->finishWriting();
     EXPECT_EQ(errorOf(wire.receiveLengthPrefixed())->which(), WireConnection::Error::Case::eof);
+    EXPECT_LE(clock_.pendingAlarms(), 1u);
+    clock_.advanceToNextAlarm();
     EXPECT_EQ(clock_.pendingAlarms(), 0u);
+}
+
+TEST_F(Wire, MeasuresEachReadFromItsOwnStart) {
+    WireConnection& wire = connect();
+    wire.idleTimeout = 2;
+    for (int frame = 1; frame <= 3; ++frame) { // each one comes a second and a half after the one before
+        start([](MemoryStream* peer, fakes::VirtualClock* clock) -> Task<> {
+            co_await clock->sleep(1.5);
+            const Bytes bytes = frameOf(asBytes("x"));
+            co_await peer->writeAll(bytes);
+        }(peer_.get(), &clock_));
+        EXPECT_EQ(runVirtual(context_, clock_, wire.receiveLengthPrefixed()), toBytes("x"));
+        EXPECT_DOUBLE_EQ(clock_.elapsed(), 1.5 * frame);
+    }
+    EXPECT_EQ(errorOf(wire.receiveLengthPrefixed())->which(), WireConnection::Error::Case::underlying);
+    EXPECT_DOUBLE_EQ(clock_.elapsed(), 4.5 + 2);
 }
 
 TEST_F(Wire, ReadsTheTimeoutAtTheStartOfEachRead) {

@@ -36,7 +36,7 @@ TEST_F(OfferQuestionsTest, TakesTheFileThatIsAcceptedOnTheDesktop) {
     world_.alongside(ask("a.txt", first_));
     settle();
     ASSERT_EQ(1U, shown().size());
-    EXPECT_EQ("Pixel-8 wants to send a.txt (1000 bytes). Take it?", shown()[0].notification.body);
+    EXPECT_EQ("Pixel-8 wants to send a.txt (1.0 kB). Take it?", shown()[0].notification.body);
     EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{{"accept", "Accept"}, {"decline", "Decline"}}),
               shown()[0].notification.actions);
     EXPECT_FALSE(first_);
@@ -85,6 +85,37 @@ TEST_F(OfferQuestionsTest, AsksOneAfterTheOther) {
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_EQ(false, first_);
     EXPECT_EQ(true, second_);
+}
+
+TEST_F(OfferQuestionsTest, AsksOnceForAFileThatIsOfferedAgainAndAnswersTheNewestOffer) {
+    world_.alongside(ask("a.txt", first_));
+    settle();
+    world_.alongside(ask("a.txt", second_)); // the phone has given the first connection up
+    settle();
+    EXPECT_EQ(1U, shown().size());
+    world_.notifications.answer(0, "accept");
+    fakes::runUntilIdle(world_.context, world_.clock);
+    EXPECT_EQ(false, first_);
+    EXPECT_EQ(true, second_);
+
+    world_.alongside(ask("a.txt", first_)); // and later it is a question again
+    settle();
+    EXPECT_EQ(2U, shown().size());
+    world_.notifications.answer(1, "decline");
+    fakes::runUntilIdle(world_.context, world_.clock);
+}
+
+TEST_F(OfferQuestionsTest, GivesTheOfferThatCameAgainItsOwnTwoMinutes) {
+    world_.alongside(ask("a.txt", first_));
+    settle();
+    while (world_.clock.elapsed() < 100) {
+        ASSERT_TRUE(world_.clock.advanceToNextAlarm());
+        settle();
+    }
+    world_.alongside(ask("a.txt", second_));
+    fakes::runUntilIdle(world_.context, world_.clock);
+    EXPECT_EQ(false, second_);
+    EXPECT_NEAR(220, world_.clock.elapsed(), 0.5);
 }
 
 TEST_F(OfferQuestionsTest, DeclinesAtOnceWhereThereIsNobodyToAsk) {

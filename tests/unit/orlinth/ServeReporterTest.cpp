@@ -32,6 +32,12 @@ protected:
         return received;
     }
 
+    void letBurstPass() {
+        ASSERT_TRUE(world_.clock.advanceToNextAlarm());
+        world_.context.restart();
+        world_.context.poll();
+    }
+
     [[nodiscard]] std::vector<fakes::FakeNotifications::Shown>& shown() { return world_.notifications.shown; }
 
     fakes::World world_;
@@ -49,6 +55,7 @@ public:
         fakes::writeText(folder_ / "xdg-open", "#!/bin/sh\nprintf %s \"$1\" >\"" + log().string() + ".new\" && mv \"" +
                                                    log().string() + ".new\" \"" + log().string() + "\"\n");
         ::chmod((folder_ / "xdg-open").c_str(), 0755);
+        ::unsetenv("INVOCATION_ID"); // of whoever runs the tests
         ::setenv("PATH", (folder_.path().string() + ":" + before_).c_str(), 1);
     }
     ~FakeOpener() { ::setenv("PATH", before_.c_str(), 1); }
@@ -62,6 +69,8 @@ public:
         }
         return fakes::readText(log());
     }
+
+    [[nodiscard]] bool hasOpened() const { return std::filesystem::exists(log()); }
 
 private:
     [[nodiscard]] std::filesystem::path log() const { return folder_ / "opened"; }
@@ -86,7 +95,7 @@ TEST_F(ServeReporterTest, OpensTheFileOrItsFolderWithTheDesktopsOwnProgram) {
         const FakeOpener opener;
         callbacks_.onTransfer(file("/home/ann/Downloads/a b.txt"));
         world_.notifications.answer(shown().size() - 1, key);
-        fakes::runUntilIdle(world_.context, world_.clock);
+        fakes::runUntilIdle(world_.context, world_.clock); // and lets the burst pass
         EXPECT_EQ(path, opener.opened());
     }
 }
@@ -103,7 +112,38 @@ TEST_F(ServeReporterTest, DoesWithoutADesktop) {
     world_.notifications.available = false;
     callbacks_.onTransfer(file("/home/ann/Downloads/a.txt"));
     callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
-    EXPECT_TRUE(shown().empty());
+    EXPECT_EQ(2U, shown().size()); // and nothing has come of it
+}
+
+TEST_F(ServeReporterTest, ShowsManyFilesAsOne) {
+    for (const char* name : {"a.jpg", "b.jpg", "c.jpg"}) {
+        callbacks_.onTransfer(file(std::filesystem::path("/home/ann/Downloads") / name));
+    }
+    EXPECT_EQ(1U, shown().size());
+    letBurstPass();
+    ASSERT_EQ(2U, shown().size());
+    EXPECT_EQ(ServeReporter::burstSeconds, world_.clock.elapsed());
+    EXPECT_EQ("2 more files, the last one c.jpg", shown()[1].notification.body);
+    callbacks_.onTransfer(file("/home/ann/Downloads/d.jpg"));
+    letBurstPass();
+    EXPECT_EQ(3U, shown().size());
+    letBurstPass();
+    EXPECT_EQ(0U, world_.clock.pendingAlarms());
+    callbacks_.onTransfer(file("/home/ann/Downloads/e.jpg"));
+    ASSERT_EQ(4U, shown().size());
+    EXPECT_EQ("e.jpg", shown()[3].notification.body);
+}
+
+TEST_F(ServeReporterTest, IsNotAskedToOpenAnythingOnceItIsGone) {
+    {
+        ServeReporter other(host_, false);
+        other.callbacks().onTransfer(file("/home/ann/Downloads/a.txt"));
+        world_.run(other.finish());
+    }
+    const FakeOpener opener;
+    world_.notifications.answer(0, "open");
+    fakes::runUntilIdle(world_.context, world_.clock);
+    EXPECT_FALSE(opener.hasOpened());
 }
 
 } // namespace

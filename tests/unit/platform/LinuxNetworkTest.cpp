@@ -415,6 +415,7 @@ TEST_F(LinuxNetworkTest, RefusesAPortThatIsTaken) {
         FAIL();
     } catch (const SystemError& error) {
         EXPECT_EQ(error.description(), "Address already in use");
+        EXPECT_EQ(error.code(), std::errc::address_in_use);
     }
 }
 
