@@ -114,7 +114,9 @@ class ManyPhones(Load):
         self.assertEqual(sent, {pathlib.Path(event["saved_at"]).name: (sha256(event["saved_at"]), event["from"])
                                 for event in received})
         self.assertEqual(sorted(sent), self.left_over())
-        self.assertIsNone(service.events.find("error"))
+        # a burst of so many may meet the limit of those who have not proved a key; who is let go of then comes again
+        errors = [event for event in service.events.all if event["event"] == "error"]
+        self.assertEqual(set(), {event["message"] for event in errors} - {"wire: too many connections of strangers"})
         total = sum(event["bytes_written"] for event in received)
         print(f"\n  {PHONES} phones, {len(sent)} files, {total / MIB:.0f} MiB: all connected after "
               f"{connected - begin:.1f} s, all delivered {seconds:.1f} s later ({len(sent) / seconds:.0f} files/s); the "
