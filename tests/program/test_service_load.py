@@ -1,6 +1,6 @@
 """The receive service under load: two hundred phones at once, thousands of idle strangers, tens of thousands of calls.
 
-ORLINTH_LOAD=small does the same with fewer of each, for slow machines; so do the sanitizers.
+Without ORLINTH_LOAD=full it does the same with a tenth of each; so do the sanitizers.
 """
 
 import concurrent.futures
