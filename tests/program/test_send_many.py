@@ -243,9 +243,9 @@ class Interrupted(ManyTest):
 class AFileThatChanges(ManyTest):
     def test_between_its_examination_and_its_turn_is_not_joined_to_what_was_there_of_it(self):
         random = seeded(self)
-        first, changed = self.files(2, 2 * MIB)
+        first, changed = self.files(2, 16 * MIB)  # more than the kernel takes from a sender unread
         service = self.service()
-        relay = self.relay(service.port, after_bytes=MIB + MIB // 2)
+        relay = self.relay(service.port, after_bytes=2 * MIB, buffer=SMALL_BUFFER)
         self.mac.record(self.phone, relay.port)
         self.assertEqual(1, self.send([changed]).wait())
         partial = self.phone.downloads / (changed.name + ".partial")
