@@ -71,8 +71,14 @@ class Load(ServeTest):
             self.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, (soft, hard))
 
     def settled(self, service, count):
-        """Waits until the service has let go of all descriptors beyond this many."""
-        self.wait_until(lambda: descriptors(service) <= count)
+        """Waits until the service has let go of all descriptors beyond this many, and nobody waits to be let in."""
+        looks = 0
+
+        def is_quiet():
+            nonlocal looks
+            looks = looks + 1 if descriptors(service) <= count else 0
+            return looks == 15
+        self.wait_until(is_quiet)
 
 
 class ManyPhones(Load):
