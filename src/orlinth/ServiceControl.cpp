@@ -227,7 +227,8 @@ Task<> ServiceControl::lend(platform::Stream& stream) {
         }
         problem[errorKey] = describe(error);
     }
-    if (!problem.is_null()) {
+    const bool hasFailed = !problem.is_null();
+    if (hasFailed) {
         try {
             co_await sendLine(stream, host_.system.clock, std::move(problem));
         } catch (const platform::SystemError&) {
@@ -238,7 +239,7 @@ Task<> ServiceControl::lend(platform::Stream& stream) {
     }
     co_await takeBack();
     lent_ = false;
-    if (problem.is_null()) {
+    if (!hasFailed) {
         host_.output.message("The port is back.");
     }
 }
