@@ -28,6 +28,8 @@ PAYLOAD_KEYS = ["pairing_secret", "peer_hostname", "peer_ip", "peer_mac", "peer_
                 "version"]
 RECORD_KEYS = ["paired_at_epoch_ms", "peer_android", "peer_fcm_token", "peer_hostname", "peer_ip", "peer_mac",
                "peer_port", "peer_pubkey", "peer_subnet", "self_pubkey"]
+# Only QR codes: in their modules it now and then sees a bar code, too.
+ZBARIMG = ["zbarimg", "-q", "--raw", "-Sdisable", "-Sqrcode.enable"]
 
 
 def free_port():
@@ -152,7 +154,7 @@ class WaysToPair(PairingTest):
         picture = self.folder / "code.png"
         program = self.pair("--yes", "--png", str(picture))
         self.assertEqual(0o600, picture.stat().st_mode & 0o777)
-        read = subprocess.run(["zbarimg", "-q", "--raw", str(picture)], capture_output=True, text=True, check=True)
+        read = subprocess.run([*ZBARIMG, str(picture)], capture_output=True, text=True, check=True)
         self.assertEqual(program.payload, json.loads(read.stdout))
         joined = self.join("--qr", str(picture), "--yes")
         ours, theirs = self.assert_paired(program, joined)
@@ -603,7 +605,7 @@ class OnATerminal(PairingTest):
         picture = self.folder / "screen.pgm"
         header = f"P5 {len(rows[0]) * scale} {len(rows) * scale} 255\n".encode()
         picture.write_bytes(header + pixels)
-        read = subprocess.run(["zbarimg", "-q", "--raw", str(picture)], capture_output=True, text=True, check=True)
+        read = subprocess.run([*ZBARIMG, str(picture)], capture_output=True, text=True, check=True)
         return json.loads(read.stdout)
 
     def test_the_code_is_black_on_white_whatever_the_terminals_colours_are(self):
@@ -641,7 +643,7 @@ class OnATerminal(PairingTest):
         self.addCleanup(program.wait, PATIENCE)
         terminal.wait_for("Scan the code")
         terminal.type(before)
-        read = subprocess.run(["zbarimg", "-q", "--raw", str(picture)], capture_output=True, text=True, check=True)
+        read = subprocess.run([*ZBARIMG, str(picture)], capture_output=True, text=True, check=True)
         phone = ScriptedPhone(json.loads(read.stdout))
         phone.say(phone.plaintext())
         terminal.wait_for("[y/N] ")

@@ -65,9 +65,9 @@ class Pictures(unittest.TestCase):
         return done.stdout
 
     def zbar(self):
-        """The bytes of the one symbol, as they are: without -Sbinary, zbarimg guesses a character set."""
-        done = subprocess.run(["zbarimg", "--quiet", "--raw", "--oneshot", "--nodbus", "-Sbinary", self.file],
-                              capture_output=True, timeout=PATIENCE, check=False)
+        """The bytes of the one QR code, as they are: without "binary", zbarimg guesses a character set."""
+        done = subprocess.run(["zbarimg", "--quiet", "--raw", "--oneshot", "--nodbus", "-Sdisable", "-Sqrcode.enable",
+                               "-Sqrcode.binary", self.file], capture_output=True, timeout=PATIENCE, check=False)
         self.assertEqual((done.returncode, done.stderr), (0, b""), "zbarimg finds no symbol")
         return done.stdout
 
