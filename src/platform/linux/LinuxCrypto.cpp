@@ -9,7 +9,10 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
+#include <sys/random.h>
+#include <system_error>
 #include <utility>
 
 namespace orlinth::platform {
@@ -88,9 +91,15 @@ const Algorithms& algorithms() {
 
 } // namespace
 
+/// From the kernel, not from the library: that keeps a generator for each thread, and frees it when the thread ends.
+/// One of a pool that nobody joins does so while the process exits, and the library with it.
 void randomBytes(MutableBytes into) {
-    if (!into.empty()) {
-        check(RAND_bytes(octetsOf(into), intSize(into)));
+    while (!into.empty()) {
+        const ssize_t got = ::getrandom(into.data(), into.size(), 0);
+        if (got < 0 && errno != EINTR) {
+            throw CryptoError("no random bytes: " + std::generic_category().message(errno));
+        }
+        into = into.subspan(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     }
 }
 

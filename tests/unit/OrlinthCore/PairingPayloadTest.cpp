@@ -5,12 +5,21 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/rand.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <functional>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <memory>
 #include <new>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
 
 namespace orlinth {
 namespace {
@@ -128,42 +137,35 @@ TEST(PairingPayloadDeathTest, ANegativeLengthOfASecretIsAProgrammingError) {
     EXPECT_DEATH((void)PairingPayload::generatePairingSecret(INT64_MIN), "programming error");
 }
 
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wdeprecated-declarations"
-/// While it lives, the cryptographic library has no randomness.
-class NoRandomness {
-public:
-    NoRandomness() {
-        static_cast<void>(PairingPayload::generatePairingSecret(1)); // what the library sets up once is set up
-        const auto fail = [](unsigned char*, int) { return 0; };
-        method_.bytes = fail;
-        method_.pseudorand = fail;
-        RAND_set_rand_method(&method_);
-    }
-    NoRandomness(const NoRandomness&) = delete;
-    NoRandomness& operator=(const NoRandomness&) = delete;
-    ~NoRandomness() { RAND_set_rand_method(nullptr); }
+/// From now on the kernel has no randomness for this thread, for good (seccomp(2)).
+void loseRandomness() {
+    std::array<sock_filter, 4> program = {{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getrandom, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EIO),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    }};
+    const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
+    ASSERT_EQ(0, ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0));
+    ASSERT_EQ(0, ::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &filter));
+}
 
-private:
-    RAND_METHOD method_{};
-};
-#pragma clang diagnostic pop
-
-TEST(PairingPayload, FailsWithoutRandomness) {
-    const NoRandomness none;
-    for (const bool whole : {false, true}) {
+void expectNoSecret(const std::function<void()>& make) {
+    std::thread([&make] {
+        loseRandomness();
         try {
-            if (whole) {
-                (void)PairingPayload::mint(someKey(), someDevice(), 1);
-            } else {
-                (void)PairingPayload::generatePairingSecret(32);
-            }
+            make();
             ADD_FAILURE() << "made a secret of nothing";
         } catch (const PairingError& error) {
             EXPECT_EQ(error.which(), PairingError::Case::randomBytesFailed);
             EXPECT_EQ(error.description(), "SecRandomCopyBytes failed (-1)");
         }
-    }
+    }).join();
+}
+
+TEST(PairingPayload, FailsWithoutRandomness) {
+    expectNoSecret([] { static_cast<void>(PairingPayload::generatePairingSecret(32)); });
+    expectNoSecret([] { static_cast<void>(PairingPayload::mint(someKey(), someDevice(), 1)); });
 }
 
 TEST(PairingPayload, GivesTheSecretsBytes) {
