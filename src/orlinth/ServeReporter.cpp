@@ -144,6 +144,8 @@ void ServeReporter::tellClipboard(const Receiver::Clipboard& clipboard) {
                                  .services = system.services,
                                  .local = system.local,
                                  .notifications = system.notifications,
+                                 .signals = system.signals,
+                                 .folders = system.folders,
                                  .directories = system.directories,
                                  .mainQueue = clipboardChores_.queue()}; // the clipboard's programs may take seconds
         PasteboardWriter::write(desktop, clipboard.text);

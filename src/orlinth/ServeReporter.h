@@ -27,6 +27,8 @@ public:
     [[nodiscard]] Receiver::Callbacks callbacks();
     /// Tells of phones that are known, at the start.
     void tellHowMany(std::size_t pairedPhones);
+    /// Brings the share sheet's list in step, if the peer store has changed since that was last done.
+    void sharePeers();
     /// Waits for what is still to be done on other threads. The last call.
     [[nodiscard]] Task<> finish();
 
@@ -57,9 +59,6 @@ private:
     void tellMoreFiles();
     void showFile(platform::Notification notification, const platform::Path& path);
     void notifyOfClipboard(const Receiver::Clipboard& clipboard);
-    /// Brings the share sheet's list in step, if the peer store has changed since that was last done.
-    void sharePeers();
-
     Host& host_;
     bool writesClipboard_;
     Chores clipboardChores_;

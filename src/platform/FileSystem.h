@@ -74,8 +74,15 @@ public:
     virtual void rename(const Path& from, const Path& to) = 0;
     /// Moves unless something has the name `to`; returns whether it moved. In one step.
     [[nodiscard]] virtual bool renameNoReplace(const Path& from, const Path& to) = 0;
+    /// Copies what is in a regular file into a new one: the two share their blocks where the file system can do that.
+    /// A link under `from` is followed; a folder, a pipe or a device there is refused without being read. `to` gets
+    /// `permissions` and must not exist, as with OpenMode::createNew; when the copy fails, it does not exist again.
+    /// Not flushed.
+    virtual void copyToNew(const Path& from, const Path& to, std::uint32_t permissions) = 0;
     /// A file or a link; a folder is refused.
     virtual void remove(const Path& path) = 0;
+    /// A folder with nothing in it.
+    virtual void removeDirectory(const Path& path) = 0;
     /// Where a chain of links under `path` leads, also if nothing is there yet; `path` itself if it is no link.
     [[nodiscard]] virtual Path resolveLinks(const Path& path) const = 0;
     virtual void setPermissions(const Path& path, std::uint32_t permissions) = 0;

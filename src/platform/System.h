@@ -4,6 +4,7 @@
 #include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
+#include "platform/FolderWatch.h"
 #include "platform/HttpsClient.h"
 #include "platform/LocalNetwork.h"
 #include "platform/Log.h"
@@ -12,6 +13,7 @@
 #include "platform/NetworkInterfaces.h"
 #include "platform/Notifications.h"
 #include "platform/ServiceDiscovery.h"
+#include "platform/SessionSignals.h"
 
 namespace orlinth::platform {
 
@@ -29,6 +31,8 @@ struct System {
     ServiceDiscovery& services;
     LocalNetwork& local;
     Notifications& notifications;
+    SessionSignals& signals;
+    FolderWatcher& folders;
     UserDirectories directories;
     /// The serial queue of the host's main thread: what a desktop wants to be touched from one place runs here.
     Executor mainQueue;

@@ -69,7 +69,7 @@ void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::
     std::unique_ptr<File> file = files.open(temporaryPath, OpenMode::createNew, Links::refuse, permissions);
     TemporaryFile temporary(files, temporaryPath);
     file->write(content);
-    if (flush == Flush::now) {
+    if (flush != Flush::later) {
         file->flush();
     }
     file.reset();

@@ -9,14 +9,16 @@ namespace orlinth::platform {
 
 /// When a change gets to where a power cut cannot undo it.
 enum class Flush {
-    now,   ///< before the call returns
-    later, ///< when the system gets round to it, or the caller flushes
+    now,     ///< before the call returns
+    content, ///< the content before it gets its name; the name once the caller flushes the folder
+    later,   ///< when the system gets round to it, or the caller flushes
 };
 
 /// Replaces a file whole: a temporary file of a fresh name in the same folder, made with its final permissions,
 /// written, flushed, renamed; then the folder is flushed. A crash at any point leaves the old or the new content.
-/// With Flush::later neither flush is made: that holds for a crash of the process only, and a power cut may leave the
-/// old content, the new, or anything of the new one's length.
+/// With Flush::content the folder is not flushed: once the call returns the file is there, whatever happens to that
+/// flush, and a failure means that it is not. With Flush::later neither flush is made: that holds for a crash of the
+/// process only, and a power cut may leave the old content, the new, or anything of the new one's length.
 ///
 /// A link under `path` is kept and its target replaced. On failure the temporary file is removed.
 /// @throws SystemError

@@ -75,6 +75,8 @@ const char* nameOf(Operation operation) {
         return "setPermissions";
     case Operation::flushDirectory:
         return "flushDirectory";
+    case Operation::removeDirectory:
+        return "removeDirectory";
     }
     return "";
 }
@@ -636,6 +638,30 @@ bool MemoryFileSystem::renameNoReplace(const Path& from, const Path& to) {
     return state_->move(from, to, false);
 }
 
+void MemoryFileSystem::copyToNew(const Path& from, const Path& to, std::uint32_t permissions) {
+    const std::optional<FileStatus> found = status(from);
+    if (!found) {
+        fail(ENOENT);
+    }
+    if (found->kind != FileKind::regular) {
+        fail(found->kind == FileKind::directory ? EISDIR : EINVAL);
+    }
+    const std::unique_ptr<platform::File> source = open(from, OpenMode::read);
+    const std::unique_ptr<platform::File> target = open(to, OpenMode::createNew, Links::refuse, permissions);
+    try {
+        Bytes content(static_cast<std::size_t>(source->status().size));
+        content.resize(source->read(content));
+        target->write(content);
+    } catch (const SystemError&) {
+        try {
+            remove(to);
+        } catch (const std::exception&) {
+            // as on a real disk that has failed: the first failure is the one to tell of
+        }
+        throw;
+    }
+}
+
 void MemoryFileSystem::remove(const Path& path) {
     state_->announce(Operation::remove, path);
     const std::lock_guard guard(state_->lock);
@@ -648,6 +674,26 @@ void MemoryFileSystem::remove(const Path& path) {
     place.folder->names.erase(place.name);
     place.folder->modifiedNanoseconds = state_->nextTime();
     state_->record(Operation::remove, place.path);
+}
+
+void MemoryFileSystem::removeDirectory(const Path& path) {
+    state_->announce(Operation::removeDirectory, path);
+    const std::lock_guard guard(state_->lock);
+    state_->begin(Operation::removeDirectory, path);
+    const Place place = state_->findExisting(path, Links::refuse);
+    if (place.node->kind != NodeKind::folder) {
+        fail(ENOTDIR);
+    }
+    if (!place.folder) {
+        fail(EBUSY);
+    }
+    if (!place.node->names.empty()) {
+        fail(ENOTEMPTY);
+    }
+    require(*place.folder, mayWrite);
+    place.folder->names.erase(place.name);
+    place.folder->modifiedNanoseconds = state_->nextTime();
+    state_->record(Operation::removeDirectory, place.path);
 }
 
 Path MemoryFileSystem::resolveLinks(const Path& path) const {

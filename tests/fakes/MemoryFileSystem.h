@@ -43,6 +43,7 @@ enum class Operation {
     remove,
     setPermissions,
     flushDirectory,
+    removeDirectory,
 };
 [[nodiscard]] constexpr bool isMutating(Operation operation) noexcept {
     return operation >= Operation::create;
@@ -81,7 +82,10 @@ public:
     void createDirectories(const platform::Path& path, std::uint32_t permissions = 0777) override;
     void rename(const platform::Path& from, const platform::Path& to) override;
     [[nodiscard]] bool renameNoReplace(const platform::Path& from, const platform::Path& to) override;
+    /// One create and one write, after a look at the source and one read.
+    void copyToNew(const platform::Path& from, const platform::Path& to, std::uint32_t permissions) override;
     void remove(const platform::Path& path) override; ///< files and links; a folder is EISDIR
+    void removeDirectory(const platform::Path& path) override;
     [[nodiscard]] platform::Path resolveLinks(const platform::Path& path) const override;
     void setPermissions(const platform::Path& path, std::uint32_t permissions) override;
     void flushDirectory(const platform::Path& path) override;

@@ -4,11 +4,13 @@
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "fakes/FakeClipboard.h"
+#include "fakes/FakeFolderWatcher.h"
 #include "fakes/FakeHttpsClient.h"
 #include "fakes/FakeMimeTypes.h"
 #include "fakes/FakeNetworkInterfaces.h"
 #include "fakes/FakeNotifications.h"
 #include "fakes/FakeServiceDiscovery.h"
+#include "fakes/FakeSessionSignals.h"
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/MemoryLocalNetwork.h"
 #include "fakes/MemoryNetwork.h"
@@ -48,6 +50,8 @@ struct World {
     FakeServiceDiscovery services{clock};
     MemoryLocalNetwork local{context};
     FakeNotifications notifications;
+    FakeSessionSignals signals;
+    FakeFolderWatcher folders;
     platform::System system{.network = network,
                             .clock = clock,
                             .files = files,
@@ -59,6 +63,8 @@ struct World {
                             .services = services,
                             .local = local,
                             .notifications = notifications,
+                            .signals = signals,
+                            .folders = folders,
                             .directories = {.data = "/home/ann/.local/share",
                                             .config = "/home/ann/.config",
                                             .downloads = "/home/ann/Downloads"},

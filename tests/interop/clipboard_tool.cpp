@@ -67,6 +67,8 @@ int run(std::string_view command) {
                             .services = real.services,
                             .local = real.local,
                             .notifications = real.notifications,
+                            .signals = real.signals,
+                            .folders = real.folders,
                             .directories = real.directories,
                             .mainQueue = real.mainQueue};
     if (command == "read-for-send") {

@@ -89,6 +89,8 @@ void advertise(const std::string& port, const std::string& hostname, const std::
                             .services = real.services,
                             .local = real.local,
                             .notifications = real.notifications,
+                            .signals = real.signals,
+                            .folders = real.folders,
                             .directories = real.directories,
                             .mainQueue = real.mainQueue};
     PairingPayload payload;

@@ -207,8 +207,9 @@ class WaysToPair(PairingTest):
         phone = ScriptedPhone(program.payload)
         phone.say(phone.plaintext())
         self.assertEqual(0, program.wait(), program.stderr)
-        self.assertEqual([{"hostname": "Pixel", "pubkey": phone.key, "subtitle": "127.0.0.1"}],
-                         self.shared_peers(self.mac))
+        [peer] = self.shared_peers(self.mac)
+        self.assertRegex(peer.pop("subtitle"), r"^127\.0\.0\.1 · paired 20\d\d-\d\d-\d\d$")
+        self.assertEqual({"hostname": "Pixel", "pubkey": phone.key}, peer)
         self.mac.record(self.phone, ip="127.0.0.2")
         self.assertEqual(["Pixel", "handset"], [peer["hostname"] for peer in self.shared_peers(self.mac)])
         self.assertEqual(0, self.mac.run("peers", "remove", "Pixel").returncode)

@@ -277,6 +277,8 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
                                        .services = second.services,
                                        .local = second.local,
                                        .notifications = second.notifications,
+                                       .signals = second.signals,
+                                       .folders = second.folders,
                                        .directories = second.system.directories,
                                        .mainQueue = second.system.mainQueue};
             ReceiveRequest again{.staticKey = second.computerKey,

@@ -48,6 +48,8 @@ protected:
                 .services = sender.services,
                 .local = sender.local,
                 .notifications = sender.notifications,
+                .signals = sender.signals,
+                .folders = sender.folders,
                 .directories = sender.system.directories,
                 .mainQueue = sender.system.mainQueue};
     }

@@ -15,9 +15,6 @@ constexpr std::size_t chunkBytes = 1'048'576;
 static_assert(chunkBytes + 1 <= TransportFramer::maxPlaintextBytes);
 static_assert(chunkBytes + TransportFramer::overheadBytes <= WireConnection::maxFrameBytes);
 
-/// How long the phone may take to close after Done, in seconds.
-constexpr double farewellSeconds = 1.0;
-
 /// How the sender of a file connects: attempts until a window has passed after the wake.
 ConnectRequest connectRequest(platform::System& system, const SendRequest& request, const Executor& queue,
                               SendProgress& progress) {
@@ -139,7 +136,7 @@ Task<SentFile> sendOnQueue(platform::System& system, SendRequest request, Execut
                           .durationSeconds = (system.clock.now() - start).count(),
                           .resumedFromOffset = offset};
     progress.onComplete(result);
-    const WireConnection::Farewell farewell = co_await wire.closeAfterFarewell(farewellSeconds);
+    const WireConnection::Farewell farewell = co_await wire.closeAfterFarewell(request.farewellSeconds);
     progress.onFarewell(farewell);
     co_return result;
 }

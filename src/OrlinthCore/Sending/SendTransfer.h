@@ -55,6 +55,7 @@ struct SendRequest {
     std::string fcmBaseURL = FcmWake::defaultBaseURL;
     std::function<bool()> cancel = {}; ///< asked before each chunk, on any thread; true ends the transfer
     SendProgress* progress = nullptr;
+    double farewellSeconds = 1; ///< how long the phone may take to close after Done
 };
 
 /// Sends one file to one paired phone: connects, by a wake push if the phone sleeps, proves and checks keys, offers the

@@ -3,6 +3,26 @@
 #include "platform/WholeFile.h"
 
 namespace orlinth {
+namespace {
+
+constexpr std::uint32_t ownersFolder = 0700;
+constexpr std::uint32_t ownersFile = 0600;
+
+std::vector<std::string> textsOf(const Json& list, const char* key) {
+    if (!list.is_array()) {
+        throw JsonError(std::string("key \"") + key + "\": expected an array, found " + list.type_name());
+    }
+    std::vector<std::string> texts;
+    for (const Json& entry : list) {
+        if (!entry.is_string()) {
+            throw JsonError(std::string("key \"") + key + "\": expected strings, found " + entry.type_name());
+        }
+        texts.push_back(entry.get<std::string>());
+    }
+    return texts;
+}
+
+} // namespace
 
 Json ShareOutbox::SharePeer::toJson() const {
     return {{"hostname", hostname}, {"pubkey", pubkey}, {"subtitle", subtitle}};
@@ -14,33 +34,84 @@ ShareOutbox::SharePeer ShareOutbox::SharePeer::fromJson(const Json& json) {
             .subtitle = requireString(json, "subtitle")};
 }
 
+Json ShareOutbox::Manifest::toJson() const {
+    Json json = {{"id", id}, {"createdAtMs", createdAtMs}, {"files", files}};
+    if (targetPubkeys) {
+        json["targetPubkeys"] = *targetPubkeys;
+    }
+    return json;
+}
+
+ShareOutbox::Manifest ShareOutbox::Manifest::fromJson(const Json& json) {
+    Manifest manifest{.id = requireString(json, "id"),
+                      .createdAtMs = requireInt64(json, "createdAtMs"),
+                      .files = {},
+                      .targetPubkeys = std::nullopt};
+    const auto files = json.find("files");
+    if (files == json.end()) {
+        throw JsonError("key \"files\" is missing");
+    }
+    manifest.files = textsOf(*files, "files");
+    const auto targets = json.find("targetPubkeys");
+    if (targets != json.end() && !targets->is_null()) {
+        manifest.targetPubkeys = textsOf(*targets, "targetPubkeys");
+    }
+    return manifest;
+}
+
 ShareOutbox::ShareOutbox(platform::FileSystem& files, const platform::UserDirectories& directories)
     : files_(files), container_(directories.data / appGroupID) {}
 
-std::vector<ShareOutbox::SharePeer> ShareOutbox::readPeers() const {
-    std::vector<SharePeer> peers;
+std::optional<platform::Path> ShareOutbox::outboxRoot() const {
+    return hasContainer() ? std::optional(container_ / "Outbox") : std::nullopt;
+}
+
+std::optional<platform::Path> ShareOutbox::peersFileURL() const {
+    return hasContainer() ? std::optional(container_ / peersName) : std::nullopt;
+}
+
+bool ShareOutbox::hasContainer() const noexcept {
     try {
-        const Json list = parseJson(platform::readWholeFile(files_, peersFileURL()));
-        if (!list.is_array()) {
-            return {};
-        }
-        for (const Json& entry : list) {
-            peers.push_back(SharePeer::fromJson(entry));
-        }
-    } catch (const Error&) {
-        return {}; // a list of which a part is missing would look complete
+        files_.createDirectories(container_, ownersFolder);
+        return true;
+    } catch (const std::exception&) {
+        return false; // the caller says what that means
+    }
+}
+
+std::vector<ShareOutbox::SharePeer> ShareOutbox::decodePeers(ByteView text) {
+    const Json list = parseJson(text);
+    if (!list.is_array()) {
+        throw JsonError(std::string("expected an array, found ") + list.type_name());
+    }
+    std::vector<SharePeer> peers;
+    for (const Json& entry : list) {
+        peers.push_back(SharePeer::fromJson(entry));
     }
     return peers;
 }
 
+std::string ShareOutbox::encodePeers(const std::vector<SharePeer>& peers) {
+    Json list = Json::array();
+    for (const SharePeer& peer : peers) {
+        list.push_back(peer.toJson());
+    }
+    return compactJson(list);
+}
+
+std::vector<ShareOutbox::SharePeer> ShareOutbox::readPeers() const {
+    try {
+        return decodePeers(platform::readWholeFile(files_, container_ / peersName));
+    } catch (const Error&) {
+        return {}; // a list of which a part is missing would look complete
+    }
+}
+
 void ShareOutbox::writePeers(const std::vector<SharePeer>& peers) const noexcept {
     try {
-        Json list = Json::array();
-        for (const SharePeer& peer : peers) {
-            list.push_back(peer.toJson());
+        if (const std::optional<platform::Path> file = peersFileURL()) {
+            platform::writeWholeFile(files_, *file, asBytes(encodePeers(peers)), ownersFile);
         }
-        files_.createDirectories(container_, 0700);
-        platform::writeWholeFile(files_, peersFileURL(), asBytes(compactJson(list)), 0600);
     } catch (const std::exception&) {
         return; // the picker then shows the list of before, and the next change writes it anew
     }

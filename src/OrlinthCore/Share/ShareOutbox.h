@@ -1,20 +1,34 @@
 #pragma once
 
+#include "base/Bytes.h"
 #include "base/Json.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
+#include "platform/SessionSignals.h"
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace orlinth {
 
-/// The folder that the share sheet and the host have in common.
+/// The container that the share sheet and the host have in common: a folder of the user's application data.
 ///
-/// "peers.json" in it is the list of paired phones from which the sheet's picker is filled.
+///     group.com.tarvinex.orlinth/
+///       peers.json                 the paired phones, from which the sheet's picker is filled; written by the host
+///       Outbox/
+///         8F2C…-…/                 one batch, named by its id: copies of the shared files
+///           holiday.jpg
+///           manifest.json          written last: a batch without it is not complete
+///
+/// The sheet writes batches, the host sends and removes them.
 class ShareOutbox {
 public:
     static constexpr const char* appGroupID = "group.com.tarvinex.orlinth";
+    /// Says that there is a new batch, to a host that listens. It carries nothing.
+    static constexpr const char* pendingNotification = "com.tarvinex.orlinth.share-pending";
+    static constexpr const char* manifestName = "manifest.json";
 
     /// One phone as the picker shows it. The JSON keys are the field names.
     struct SharePeer {
@@ -28,18 +42,47 @@ public:
         bool operator==(const SharePeer&) const = default;
     };
 
-    /// In the user's data directory. `files` outlives this.
+    /// What a batch says of itself. The JSON keys are the field names.
+    struct Manifest {
+        std::string id;                 ///< upper-case UUID text; the name of the batch's folder
+        std::int64_t createdAtMs = 0;   ///< since the Unix epoch
+        std::vector<std::string> files; ///< names in the batch's folder, in the order in which the copies finished
+        /// Keys of the chosen phones. Nothing (and no such key in the JSON) when there was no choice, with one phone
+        /// paired.
+        std::optional<std::vector<std::string>> targetPubkeys = std::nullopt;
+
+        [[nodiscard]] Json toJson() const;
+        /// Of the form only: whoever uses the names looks at them first. @throws JsonError
+        [[nodiscard]] static Manifest fromJson(const Json& json);
+        bool operator==(const Manifest&) const = default;
+    };
+
+    /// In the user's data directory. Touches no file. `files` outlives this.
     ShareOutbox(platform::FileSystem& files, const platform::UserDirectories& directories);
 
-    [[nodiscard]] platform::Path outboxRoot() const { return container_ / "Outbox"; }
-    [[nodiscard]] platform::Path peersFileURL() const { return container_ / "peers.json"; }
+    /// The folder of the batches, which may not be there yet. Nothing if there is no container and none can be made.
+    [[nodiscard]] std::optional<platform::Path> outboxRoot() const;
+    /// Nothing, likewise.
+    [[nodiscard]] std::optional<platform::Path> peersFileURL() const;
+
+    /// The text of the file, and back. @throws JsonError from the first malformed entry on
+    [[nodiscard]] static std::vector<SharePeer> decodePeers(ByteView text);
+    [[nodiscard]] static std::string encodePeers(const std::vector<SharePeer>& peers);
 
     /// Empty where there is no file, or one that does not decode, even in one entry only.
     [[nodiscard]] std::vector<SharePeer> readPeers() const;
     /// Replaces the file whole; makes the folder. A failure is ignored: the list is a convenience.
     void writePeers(const std::vector<SharePeer>& peers) const noexcept;
 
+    /// Rings for the host. Best effort: a host that does not hear it finds the batch by itself.
+    static void postPending(platform::SessionSignals& signals) noexcept { signals.post(pendingNotification); }
+
 private:
+    static constexpr const char* peersName = "peers.json";
+
+    /// Makes the container if need be; returns whether it is there.
+    [[nodiscard]] bool hasContainer() const noexcept;
+
     platform::FileSystem& files_;
     platform::Path container_;
 };

@@ -2,13 +2,17 @@
 
 #include "platform/SystemError.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/fs.h>
+#include <optional>
 #include <stdio.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -125,9 +129,9 @@ public:
         checked([&] { return ::flock(fd(), LOCK_EX); });
     }
 
-private:
     [[nodiscard]] int fd() const noexcept { return descriptor_.get(); }
 
+private:
     Descriptor descriptor_;
 };
 
@@ -156,6 +160,99 @@ Descriptor openDescriptor(const Path& path, int flags, mode_t permissions = 0) {
 bool isDirectory(const Path& path) noexcept {
     struct stat found{};
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
+}
+
+// ---- copying
+
+/// A step of a copy: short enough that the kernel takes it in one call.
+constexpr std::int64_t longestStep = 1 << 30;
+
+/// What is copied from where both descriptors stand: this many bytes, or everything up to the end of the source.
+using Length = std::optional<std::int64_t>;
+
+/// Copies within the kernel as far as that goes; returns how far. Why it went no further is not looked at: for where it
+/// cannot (between two file systems, from /proc) and for where it fails there is copyByHand(), which knows or tells.
+std::int64_t copyInKernel(int from, int to, Length length) {
+    std::int64_t done = 0;
+    while (!length || done < *length) {
+        const std::int64_t step = length ? std::min(longestStep, *length - done) : longestStep;
+        const ssize_t count =
+            retried([&] { return ::copy_file_range(from, nullptr, to, nullptr, static_cast<std::size_t>(step), 0); });
+        if (count <= 0) {
+            break;
+        }
+        done += count;
+    }
+    return done;
+}
+
+void copyByHand(LinuxFile& from, LinuxFile& to, Length length) {
+    constexpr std::int64_t pieceBytes = 1 << 18;
+    Bytes piece(static_cast<std::size_t>(pieceBytes));
+    std::int64_t done = 0;
+    while (!length || done < *length) {
+        const std::int64_t wanted = length ? std::min(pieceBytes, *length - done) : pieceBytes;
+        const std::size_t count = from.read(MutableBytes(piece).first(static_cast<std::size_t>(wanted)));
+        to.write(ByteView(piece).first(count));
+        done += static_cast<std::int64_t>(count);
+        if (static_cast<std::int64_t>(count) < wanted) {
+            return; // the end
+        }
+    }
+}
+
+void copyBytes(LinuxFile& from, LinuxFile& to, Length length) {
+    const std::int64_t done = copyInKernel(from.fd(), to.fd(), length);
+    if (!length || done < *length) {
+        copyByHand(from, to, length ? Length(*length - done) : std::nullopt);
+    }
+}
+
+/// Copies all that is in `from` into the empty `to`, and leaves out its holes where the file system tells of them.
+void copyContent(LinuxFile& from, LinuxFile& to) {
+    if (::ioctl(to.fd(), FICLONE, from.fd()) == 0) {
+        return;
+    }
+    std::int64_t position = 0;
+    const auto goTo = [&](std::int64_t offset) {
+        from.seek(offset);
+        to.seek(offset);
+        position = offset;
+    };
+    for (;;) {
+        const std::int64_t size = from.status().size; // looked at first: what is appended meanwhile lies behind it
+        const off_t start = ::lseek(from.fd(), position, SEEK_DATA);
+        if (start < 0 && errno == ENXIO && size > position) { // it ends with a hole
+            checked([&] { return ::ftruncate(to.fd(), size); });
+            position = size;
+        }
+        const off_t end = start < 0 ? start : ::lseek(from.fd(), start, SEEK_HOLE);
+        if (end <= start) { // no data any more, or no telling where it is
+            break;
+        }
+        goTo(start);
+        copyBytes(from, to, end - start);
+        position = end;
+    }
+    // Everything, where there is no telling; nothing more, or what has come meanwhile, otherwise. A size of 0 means
+    // nothing in /proc.
+    goTo(position);
+    copyBytes(from, to, std::nullopt);
+}
+
+/// Opens a regular file, and nothing else: to open a pipe or a device is to use it.
+LinuxFile openRegular(const Path& path) {
+    struct stat found{};
+    checked([&] { return ::stat(path.c_str(), &found); });
+    const auto requireRegular = [](FileKind kind) {
+        if (kind != FileKind::regular) {
+            throw SystemError::fromErrno(kind == FileKind::directory ? EISDIR : EINVAL);
+        }
+    };
+    requireRegular(fromStat(found).kind);
+    LinuxFile file(openDescriptor(path, O_RDONLY));
+    requireRegular(file.status().kind); // the name may lead elsewhere by now
+    return file;
 }
 
 /// Whether these words of link() mean that this file system, or this kind of file, has no second names.
@@ -254,8 +351,23 @@ bool renameNoReplaceByCheck(const Path& from, const Path& to) {
     return true;
 }
 
+void LinuxFileSystem::copyToNew(const Path& from, const Path& to, std::uint32_t permissions) {
+    LinuxFile source = openRegular(from);
+    LinuxFile target(openDescriptor(to, openFlags(OpenMode::createNew), permissions));
+    try {
+        copyContent(source, target);
+    } catch (const std::exception&) {
+        ::unlink(to.c_str()); // should that fail too, the first failure is still the one to tell of
+        throw;
+    }
+}
+
 void LinuxFileSystem::remove(const Path& path) {
     checked([&] { return ::unlink(path.c_str()); });
+}
+
+void LinuxFileSystem::removeDirectory(const Path& path) {
+    checked([&] { return ::rmdir(path.c_str()); });
 }
 
 Path LinuxFileSystem::resolveLinks(const Path& path) const {

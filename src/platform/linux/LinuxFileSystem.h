@@ -15,7 +15,9 @@ public:
     void createDirectories(const Path& path, std::uint32_t permissions = 0777) override;
     void rename(const Path& from, const Path& to) override;
     [[nodiscard]] bool renameNoReplace(const Path& from, const Path& to) override;
+    void copyToNew(const Path& from, const Path& to, std::uint32_t permissions) override;
     void remove(const Path& path) override;
+    void removeDirectory(const Path& path) override;
     [[nodiscard]] Path resolveLinks(const Path& path) const override;
     void setPermissions(const Path& path, std::uint32_t permissions) override;
     void flushDirectory(const Path& path) override;

@@ -1,6 +1,7 @@
 #include "platform/linux/LinuxNotifications.h"
 
 #include "base/Text.h"
+#include "platform/linux/SessionBus.h"
 
 #include <asio/post.hpp>
 #include <systemd/sd-bus.h>
@@ -14,7 +15,6 @@
 #include <list>
 #include <mutex>
 #include <optional>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <thread>
 #include <unistd.h>
@@ -39,9 +39,6 @@ constexpr auto closingGrace = 1s;
 /// Notifications whose answer is waited for; of more the oldest counts as closed. Some daemons never say so.
 constexpr std::size_t maxWaiting = 256;
 
-struct BusClose {
-    void operator()(sd_bus* bus) const noexcept { ::sd_bus_close_unref(bus); }
-};
 struct MessageUnref {
     void operator()(sd_bus_message* message) const noexcept { ::sd_bus_message_unref(message); }
 };
@@ -73,37 +70,6 @@ std::string escapedForMarkup(const std::string& text) {
         }
     }
     return escaped;
-}
-
-/// In a D-Bus address every byte but these is written as %XX.
-std::string escapedForAddress(const std::string& path) {
-    constexpr const char* digits = "0123456789abcdef";
-    std::string escaped;
-    for (const char character : path) {
-        const auto byte = static_cast<unsigned char>(character);
-        const bool isPlain = (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
-                             (character >= 'a' && character <= 'z') ||
-                             std::string_view("-_/.\\").find(character) != std::string_view::npos;
-        if (isPlain) {
-            escaped += character;
-        } else {
-            escaped += '%';
-            escaped += digits[byte >> 4U];
-            escaped += digits[byte & 0x0FU];
-        }
-    }
-    return escaped;
-}
-
-/// "" where no session's bus is known of.
-std::string busAddress(LinuxNotifications::Environment environment) {
-    if (const char* address = environment("DBUS_SESSION_BUS_ADDRESS"); address != nullptr && *address != '\0') {
-        return address;
-    }
-    if (const char* folder = environment("XDG_RUNTIME_DIR"); folder != nullptr && *folder != '\0') {
-        return "unix:path=" + escapedForAddress(folder) + "/bus";
-    }
-    return {};
 }
 
 bool readStrings(sd_bus_message* message, std::vector<std::string>& strings) {
@@ -215,7 +181,7 @@ private:
             processBus();
             closeExpired();
             settleProbes(probesStarted_ > probesAnswered_ && SteadyClock::now() >= probeEnd_);
-            waitForNews();
+            waitForSessionBus(bus_.get(), wakeUp_, nextEnd());
         }
         disconnect();
     }
@@ -248,19 +214,11 @@ private:
         if (bus_) {
             return true;
         }
-        const std::string address = busAddress(environment_);
-        sd_bus* bus = nullptr;
-        if (address.empty() || ::sd_bus_new(&bus) < 0) {
-            return false;
-        }
-        bus_.reset(bus);
-        const bool isOpen =
-            ::sd_bus_set_address(bus, address.c_str()) >= 0 && ::sd_bus_set_bus_client(bus, 1) >= 0 &&
-            ::sd_bus_set_method_call_timeout(bus, std::chrono::microseconds(answerLimit).count()) >= 0 &&
-            ::sd_bus_start(bus) >= 0 && listenFor("ActionInvoked", onActionInvoked) &&
-            listenFor("NotificationClosed", onNotificationClosed) &&
-            ::sd_bus_match_signal_async(bus, nullptr, busName, busPath, busName, "NameOwnerChanged", onOwnerChanged,
-                                        ignoreAnswer, this) >= 0;
+        bus_ = openSessionBus(environment_, answerLimit);
+        const bool isOpen = bus_ && listenFor("ActionInvoked", onActionInvoked) &&
+                            listenFor("NotificationClosed", onNotificationClosed) &&
+                            ::sd_bus_match_signal_async(bus_.get(), nullptr, busName, busPath, busName,
+                                                        "NameOwnerChanged", onOwnerChanged, ignoreBusAnswer, this) >= 0;
         if (!isOpen) {
             disconnect();
         }
@@ -269,7 +227,7 @@ private:
 
     bool listenFor(const char* signal, sd_bus_message_handler_t handler) {
         return ::sd_bus_match_signal_async(bus_.get(), nullptr, daemonName, daemonPath, daemonName, signal, handler,
-                                           ignoreAnswer, this) >= 0;
+                                           ignoreBusAnswer, this) >= 0;
     }
 
     /// Everybody who waits is told that nothing more will come.
@@ -284,36 +242,8 @@ private:
     }
 
     void processBus() {
-        int result = 1;
-        while (bus_ && result > 0) {
-            result = ::sd_bus_process(bus_.get(), nullptr);
-        }
-        if (bus_ && (result < 0 || ::sd_bus_is_open(bus_.get()) <= 0)) {
+        if (bus_ && !processSessionBus(bus_.get())) {
             disconnect();
-        }
-    }
-
-    void waitForNews() {
-        pollfd events[2] = {{.fd = wakeUp_, .events = POLLIN, .revents = 0}, {.fd = -1, .events = 0, .revents = 0}};
-        std::optional<SteadyClock::time_point> until = nextEnd();
-        if (bus_) {
-            const int wanted = ::sd_bus_get_events(bus_.get());
-            events[1].fd = ::sd_bus_get_fd(bus_.get());
-            events[1].events = static_cast<short>(std::max(wanted, 0));
-            std::uint64_t microseconds = UINT64_MAX; // of CLOCK_MONOTONIC, which is the steady clock
-            if (::sd_bus_get_timeout(bus_.get(), &microseconds) >= 0 && microseconds != UINT64_MAX) {
-                const SteadyClock::time_point due{std::chrono::microseconds(microseconds)};
-                until = until ? std::min(*until, due) : due;
-            }
-        }
-        int milliseconds = -1;
-        if (until) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - SteadyClock::now());
-            milliseconds = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-        }
-        if (::poll(events, 2, milliseconds) > 0 && events[0].revents != 0) {
-            std::uint64_t count = 0;
-            static_cast<void>(!::read(wakeUp_, &count, sizeof count));
         }
     }
 
@@ -493,7 +423,7 @@ private:
             const Place current = place++;
             if (current->end && *current->end <= now) {
                 static_cast<void>(::sd_bus_call_method_async(bus_.get(), nullptr, daemonName, daemonPath, daemonName,
-                                                             "CloseNotification", ignoreAnswer, nullptr, "u",
+                                                             "CloseNotification", ignoreBusAnswer, nullptr, "u",
                                                              current->id)); // best effort: it is answered in any case
                 finish(current, "");
             }
@@ -501,8 +431,6 @@ private:
     }
 
     // ---- what the daemon tells
-
-    static int ignoreAnswer(sd_bus_message*, void*, sd_bus_error*) { return 0; }
 
     static int onActionInvoked(sd_bus_message* message, void* data, sd_bus_error*) {
         std::uint32_t id = 0;
@@ -540,10 +468,6 @@ private:
         return 0;
     }
 
-    struct SlotUnref {
-        void operator()(sd_bus_slot* slot) const noexcept { ::sd_bus_slot_unref(slot); }
-    };
-
     const Environment environment_;
     const int wakeUp_;
 
@@ -556,9 +480,9 @@ private:
     bool isThere_ = false;
     std::thread thread_;
 
-    std::unique_ptr<sd_bus, BusClose> bus_;
+    SessionBusRef bus_;
     std::list<Waiting> waiting_;
-    std::unique_ptr<sd_bus_slot, SlotUnref> probeSlot_;
+    BusSlotRef probeSlot_;
     bool isThereAnswer_ = false;
     std::uint64_t probesStarted_ = 0;
     std::uint64_t probesAnswered_ = 0;

@@ -4,6 +4,7 @@
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDirectories.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/LinuxFolderWatch.h"
 #include "platform/linux/LinuxHttpsClient.h"
 #include "platform/linux/LinuxLocalNetwork.h"
 #include "platform/linux/LinuxLog.h"
@@ -12,6 +13,7 @@
 #include "platform/linux/LinuxNetworkInterfaces.h"
 #include "platform/linux/LinuxNotifications.h"
 #include "platform/linux/LinuxServiceDiscovery.h"
+#include "platform/linux/LinuxSessionSignals.h"
 
 #include <asio/strand.hpp>
 
@@ -41,6 +43,8 @@ struct LinuxSystem::Parts {
     LinuxServiceDiscovery services;
     LinuxLocalNetwork local;
     LinuxNotifications notifications{processEnvironment};
+    LinuxSessionSignals signals{processEnvironment};
+    LinuxFolderWatcher folders;
     UserDirectories directories = linuxUserDirectories(processEnvironment);
     Executor mainQueue;
 };
@@ -61,6 +65,8 @@ System LinuxSystem::system() {
             .services = parts_->services,
             .local = parts_->local,
             .notifications = parts_->notifications,
+            .signals = parts_->signals,
+            .folders = parts_->folders,
             .directories = parts_->directories,
             .mainQueue = parts_->mainQueue};
 }

@@ -130,6 +130,8 @@ TEST_F(IncomingFiles, StartAnewUnderAnotherNameIfAPowerCutTookTheSidecar) {
                                .services = world.services,
                                .local = world.local,
                                .notifications = world.notifications,
+                               .signals = world.signals,
+                               .folders = world.folders,
                                .directories = world.system.directories,
                                .mainQueue = world.system.mainQueue};
     IncomingFile again = IncomingFile::begin(onTheDisk, folder, offerOf("ID-1"));

@@ -1,6 +1,7 @@
 #include "OrlinthCore/Share/ShareOutbox.h"
 
 #include "fakes/CrashTrials.h"
+#include "fakes/FakeSessionSignals.h"
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/TemporaryFolder.h"
 #include "platform/linux/LinuxFileSystem.h"
@@ -138,6 +139,74 @@ TEST_F(ShareOutboxTest, KeepsAListThatIsNotUtf8Readable) {
     EXPECT_THAT(outbox.readPeers(), ElementsAre(ShareOutbox::SharePeer{"a\xEF\xBF\xBD", "p", "s"}));
 }
 
+TEST_F(ShareOutboxTest, HasNoPlacesWhereThereCanBeNoContainer) {
+    files.put(folder, "a file is in its place");
+    EXPECT_EQ(outbox.outboxRoot(), std::nullopt);
+    EXPECT_EQ(outbox.peersFileURL(), std::nullopt);
+    outbox.writePeers(two);
+    EXPECT_THAT(outbox.readPeers(), IsEmpty());
+    EXPECT_THAT(files.allFiles(), ElementsAre(folder.native()));
+}
+
+TEST_F(ShareOutboxTest, MakesTheContainerForWhoeverAsksForAPlaceInItButNotTheOutbox) {
+    EXPECT_EQ(outbox.outboxRoot(), folder / "Outbox");
+    EXPECT_EQ(files.status(folder).value().permissions, 0700U);
+    EXPECT_FALSE(files.exists(folder / "Outbox"));
+}
+
+TEST_F(ShareOutboxTest, RingsWithANameAndNothingElse) {
+    fakes::FakeSessionSignals signals;
+    ShareOutbox::postPending(signals);
+    EXPECT_THAT(signals.posted, ElementsAre("com.tarvinex.orlinth.share-pending"));
+}
+
+using Manifest = ShareOutbox::Manifest;
+
+TEST(ShareManifest, HasTheKeysOfItsFields) {
+    const Manifest chosen{"8F2C", 1'763'712'000'123, {"b.jpg", "a/é.txt"}, std::vector<std::string>{"a/b+c=", "d"}};
+    EXPECT_EQ(
+        compactJson(chosen.toJson()),
+        R"({"createdAtMs":1763712000123,"files":["b.jpg","a/é.txt"],"id":"8F2C","targetPubkeys":["a/b+c=","d"]})");
+}
+
+TEST(ShareManifest, HasNoKeyForTheTargetsWhereThereWasNoChoice) {
+    const Manifest manifest{"8F2C", 1, {"a"}, std::nullopt};
+    EXPECT_EQ(compactJson(manifest.toJson()), R"({"createdAtMs":1,"files":["a"],"id":"8F2C"})");
+    const Manifest nobody{"8F2C", 1, {"a"}, std::vector<std::string>{}};
+    EXPECT_EQ(compactJson(nobody.toJson()), R"({"createdAtMs":1,"files":["a"],"id":"8F2C","targetPubkeys":[]})");
+}
+
+TEST(ShareManifest, ReadsWhatItWrote) {
+    for (const Manifest& manifest :
+         {Manifest{"8F2C", INT64_MAX, {"b", "a"}, std::vector<std::string>{"x"}}, Manifest{"", -1, {}, std::nullopt},
+          Manifest{"8F2C", 0, {"a"}, std::vector<std::string>{}}}) {
+        EXPECT_EQ(Manifest::fromJson(parseJson(compactJson(manifest.toJson()))), manifest);
+    }
+}
+
+TEST(ShareManifest, ReadsAnyLayoutOverlooksOtherKeysAndTakesNullForNoTargets) {
+    const Manifest expected{"x", 5, {"a"}, std::nullopt};
+    EXPECT_EQ(Manifest::fromJson(parseJson(
+                  "{ \"more\":[{}],\n\"id\" : \"x\", \"files\":[\"a\"],\"createdAtMs\":5.0, \"targetPubkeys\":null }")),
+              expected);
+}
+
+TEST(ShareManifest, RefusesWhatIsNoManifest) {
+    for (const char* const text :
+         {"[]", "3", "{}", R"({"createdAtMs":1,"files":["a"]})", R"({"createdAtMs":1,"id":"x"})",
+          R"({"files":["a"],"id":"x"})", R"({"createdAtMs":"1","files":["a"],"id":"x"})",
+          R"({"createdAtMs":1.5,"files":["a"],"id":"x"})",
+          R"({"createdAtMs":9223372036854775808,"files":["a"],"id":"x"})", R"({"createdAtMs":1,"files":["a"],"id":7})",
+          R"({"createdAtMs":1,"files":"a","id":"x"})", R"({"createdAtMs":1,"files":null,"id":"x"})",
+          R"({"createdAtMs":1,"files":{"a":"b"},"id":"x"})", R"({"createdAtMs":1,"files":["a",null],"id":"x"})",
+          R"({"createdAtMs":1,"files":[["a"]],"id":"x"})",
+          R"({"createdAtMs":1,"files":["a"],"id":"x","targetPubkeys":"y"})",
+          R"({"createdAtMs":1,"files":["a"],"id":"x","targetPubkeys":{}})",
+          R"({"createdAtMs":1,"files":["a"],"id":"x","targetPubkeys":["y",1]})"}) {
+        EXPECT_THROW(static_cast<void>(Manifest::fromJson(parseJson(text))), JsonError) << text;
+    }
+}
+
 TEST(ShareOutboxFailure, IsSilentAndLeavesTheOldOrTheNewList) {
     for (const int errorNumber : {ENOSPC, EACCES, EIO}) {
         fakes::forEveryFailure(
@@ -179,9 +248,10 @@ TEST(ShareOutboxOnDisk, IsForTheOwnerAlone) {
     outbox.writePeers(two);
     EXPECT_EQ(outbox.readPeers(), two);
     struct stat status{};
-    ASSERT_EQ(::stat(outbox.peersFileURL().c_str(), &status), 0);
+    const platform::Path path = outbox.peersFileURL().value();
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
-    ASSERT_EQ(::stat(outbox.peersFileURL().parent_path().c_str(), &status), 0);
+    ASSERT_EQ(::stat(path.parent_path().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0700U);
 }
 

@@ -1,6 +1,6 @@
 #include "platform/linux/LinuxNotifications.h"
 
-#include "fakes/TemporaryFolder.h"
+#include "fakes/PrivateBus.h"
 
 #include <asio/io_context.hpp>
 #include <gtest/gtest.h>
@@ -8,19 +8,15 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace orlinth;
 using namespace orlinth::platform;
-using fakes::TemporaryFolder;
+using fakes::busAddress;
+using fakes::PrivateBus;
+using fakes::setBusAddress;
 
 namespace {
 
@@ -29,60 +25,6 @@ using namespace std::chrono_literals;
 
 /// Nothing here takes this long; it only keeps a broken test from hanging.
 constexpr auto patience = 60s;
-
-/// What the environment says while a test runs.
-std::string& busAddress() {
-    static std::string address;
-    return address;
-}
-
-const char* environment(const char* name) {
-    return std::string_view(name) == "DBUS_SESSION_BUS_ADDRESS" && !busAddress().empty() ? busAddress().c_str()
-                                                                                         : nullptr;
-}
-
-/// A bus of the test's own.
-class SessionBus {
-public:
-    SessionBus() {
-        int pipe[2] = {-1, -1};
-        if (::pipe(pipe) != 0) {
-            throw std::runtime_error("no pipe");
-        }
-        const std::string socket = "--address=unix:path=" + (folder_.path() / "bus").string();
-        const std::string print = "--print-address=" + std::to_string(pipe[1]);
-        process_ = ::fork();
-        if (process_ == 0) {
-            ::execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", socket.c_str(),
-                     print.c_str(), nullptr);
-            ::_exit(127);
-        }
-        ::close(pipe[1]);
-        std::string address(512, '\0');
-        const ssize_t count = ::read(pipe[0], address.data(), address.size());
-        ::close(pipe[0]);
-        if (count <= 0) {
-            throw std::runtime_error("dbus-daemon does not start");
-        }
-        address.resize(static_cast<std::size_t>(count));
-        busAddress() = address.substr(0, address.find('\n'));
-    }
-    ~SessionBus() { stop(); }
-    SessionBus(const SessionBus&) = delete;
-    SessionBus& operator=(const SessionBus&) = delete;
-
-    void stop() {
-        if (process_ > 0) {
-            ::kill(process_, SIGTERM);
-            ::waitpid(process_, nullptr, 0);
-            process_ = 0;
-        }
-    }
-
-private:
-    TemporaryFolder folder_;
-    pid_t process_ = 0;
-};
 
 /// A notification daemon that does what a test says.
 class Daemon {
@@ -105,7 +47,7 @@ public:
             SD_BUS_VTABLE_END,
         };
         require(::sd_bus_new(&bus_));
-        require(::sd_bus_set_address(bus_, busAddress().c_str()));
+        require(::sd_bus_set_address(bus_, busAddress()));
         require(::sd_bus_set_bus_client(bus_, 1));
         require(::sd_bus_start(bus_));
         require(::sd_bus_add_object_vtable(bus_, nullptr, path, name, methods, this));
@@ -206,7 +148,7 @@ private:
 
 class LinuxNotificationsTest : public testing::Test {
 protected:
-    void TearDown() override { busAddress().clear(); }
+    void TearDown() override { setBusAddress(""); }
 
     /// Lets daemon and callbacks run until this holds.
     void runUntil(const std::function<bool()>& isDone) {
@@ -255,7 +197,7 @@ protected:
     asio::io_context context;
     std::optional<Daemon> daemon;
     std::vector<std::string> answers;
-    LinuxNotifications notifications{environment};
+    LinuxNotifications notifications{fakes::busEnvironment};
 };
 
 TEST_F(LinuxNotificationsTest, WithoutABusNobodyIsThereAndTheAnswerIsEmpty) {
@@ -265,36 +207,28 @@ TEST_F(LinuxNotificationsTest, WithoutABusNobodyIsThereAndTheAnswerIsEmpty) {
 }
 
 TEST_F(LinuxNotificationsTest, OfABusThatDoesNotExistTheSame) {
-    busAddress() = "unix:path=/nowhere/bus";
+    setBusAddress("unix:path=/nowhere/bus");
     EXPECT_FALSE(notifications.isAvailable());
     show({.title = "A file", .body = "came"});
     expectAnswers({""});
-    busAddress() = "rubbish";
+    setBusAddress("rubbish");
     EXPECT_FALSE(notifications.isAvailable());
     show({.title = "A file", .body = "came"});
     expectAnswers({"", ""});
 }
 
 TEST_F(LinuxNotificationsTest, ABusThatSaysNothingHoldsNobodyUp) {
-    const TemporaryFolder folder;
-    const std::string path = (folder.path() / "bus").string();
-    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(socket, 5), 0);
-    busAddress() = "unix:path=" + path;
+    std::optional<fakes::SilentBus> silent(std::in_place);
     const auto start = SteadyClock::now();
     EXPECT_FALSE(notifications.isAvailable());
     show({.title = "A file", .body = "came"});
     EXPECT_LT(SteadyClock::now() - start, 5s);
-    ::close(socket); // and then it is gone
+    silent.reset(); // and then it is gone
     expectAnswers({""});
 }
 
 TEST_F(LinuxNotificationsTest, SomebodyIsThereOnceADaemonHasTheName) {
-    const SessionBus bus;
+    const PrivateBus bus;
     EXPECT_FALSE(notifications.isAvailable());
     daemon.emplace();
     EXPECT_TRUE(becomes(true)); // on a busy machine a look may end before the bus has answered
@@ -303,7 +237,7 @@ TEST_F(LinuxNotificationsTest, SomebodyIsThereOnceADaemonHasTheName) {
 }
 
 TEST_F(LinuxNotificationsTest, TellsTheDaemonEverything) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     show({.title = "A & <b>file</b>",
           .body = "from <i>Ann</i> & \xff",
@@ -320,7 +254,7 @@ TEST_F(LinuxNotificationsTest, TellsTheDaemonEverything) {
 }
 
 TEST_F(LinuxNotificationsTest, LeavesTheTextAsItIsForADaemonWithoutMarkup) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace(std::vector<std::string>{"body"});
     show({.title = "t", .body = "<i> & co"});
     runUntil([&] { return !daemon->shown.empty(); });
@@ -330,7 +264,7 @@ TEST_F(LinuxNotificationsTest, LeavesTheTextAsItIsForADaemonWithoutMarkup) {
 }
 
 TEST_F(LinuxNotificationsTest, AnswersWithTheButtonOnceAlthoughItIsClosedAfterwards) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     showOne();
     showOne();
@@ -342,7 +276,7 @@ TEST_F(LinuxNotificationsTest, AnswersWithTheButtonOnceAlthoughItIsClosedAfterwa
 }
 
 TEST_F(LinuxNotificationsTest, ButtonsOfOtherProgramsNotificationsMeanNothing) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     showOne();
     daemon->press(77, "open");
@@ -352,7 +286,7 @@ TEST_F(LinuxNotificationsTest, ButtonsOfOtherProgramsNotificationsMeanNothing) {
 }
 
 TEST_F(LinuxNotificationsTest, OneThatNobodyAnswersIsTakenAwayWhenItsTimeIsOver) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     showOne(0.05);
     expectAnswers({""});
@@ -361,7 +295,7 @@ TEST_F(LinuxNotificationsTest, OneThatNobodyAnswersIsTakenAwayWhenItsTimeIsOver)
 }
 
 TEST_F(LinuxNotificationsTest, ADaemonThatRefusesIsAnEmptyAnswer) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     daemon->refuses = true;
     showOne();
@@ -369,7 +303,7 @@ TEST_F(LinuxNotificationsTest, ADaemonThatRefusesIsAnEmptyAnswer) {
 }
 
 TEST_F(LinuxNotificationsTest, ADaemonThatNeverAnswersIsAnEmptyAnswerInTheEnd) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     daemon->answers = false;
     showOne();
@@ -377,7 +311,7 @@ TEST_F(LinuxNotificationsTest, ADaemonThatNeverAnswersIsAnEmptyAnswerInTheEnd) {
 }
 
 TEST_F(LinuxNotificationsTest, ADaemonThatGoesAwayIsAnEmptyAnswerAndTheNextOneIsUsed) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     showOne();
     daemon.reset();
@@ -390,7 +324,7 @@ TEST_F(LinuxNotificationsTest, ADaemonThatGoesAwayIsAnEmptyAnswerAndTheNextOneIs
 
 TEST_F(LinuxNotificationsTest, ABusThatGoesAwayIsAnEmptyAnswerAndTheNextOneIsUsed) {
     {
-        SessionBus bus;
+        PrivateBus bus;
         daemon.emplace();
         showOne();
         bus.stop();
@@ -398,7 +332,7 @@ TEST_F(LinuxNotificationsTest, ABusThatGoesAwayIsAnEmptyAnswerAndTheNextOneIsUse
         expectAnswers({""});
         EXPECT_FALSE(notifications.isAvailable());
     }
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     EXPECT_TRUE(becomes(true));
     showOne();
@@ -407,10 +341,10 @@ TEST_F(LinuxNotificationsTest, ABusThatGoesAwayIsAnEmptyAnswerAndTheNextOneIsUse
 }
 
 TEST_F(LinuxNotificationsTest, WhatIsStillShownAtTheEndIsAnsweredEmpty) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     {
-        LinuxNotifications shortLived(environment);
+        LinuxNotifications shortLived(fakes::busEnvironment);
         shortLived.show({.title = "t", .body = "b"}, context.get_executor(),
                         [this](const std::string& key) { answers.push_back(key); });
         runUntil([&] { return !daemon->shown.empty(); });
@@ -419,7 +353,7 @@ TEST_F(LinuxNotificationsTest, WhatIsStillShownAtTheEndIsAnsweredEmpty) {
 }
 
 TEST_F(LinuxNotificationsTest, OfVeryManyTheOldestCountAsClosed) {
-    const SessionBus bus;
+    const PrivateBus bus;
     daemon.emplace();
     constexpr std::size_t count = 300;
     for (std::size_t i = 0; i < count; ++i) {

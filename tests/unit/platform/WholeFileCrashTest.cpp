@@ -41,6 +41,14 @@ TEST(WholeFile, FlushesTheDataBeforeTheNameAndTheNameBeforeItReturns) {
     EXPECT_THAT(files.list("/data"), ElementsAre("store.json"));
 }
 
+TEST(WholeFile, LeavesTheNameToTheCallerIfToldSo) {
+    MemoryFileSystem files;
+    prepareOld(files);
+    writeWholeFile(files, file, asBytes("new"), 0600, Flush::content);
+    EXPECT_THAT(files.history(), ElementsAre(StartsWith("create /data/."), StartsWith("write /data/."),
+                                             StartsWith("flush /data/."), testing::EndsWith(" /data/store.json")));
+}
+
 TEST(WholeFile, ReadsWhatIsThereWhateverItsLength) {
     MemoryFileSystem files;
     for (const std::size_t length : {0U, 1U, 65535U, 65536U, 65537U, 200000U}) {

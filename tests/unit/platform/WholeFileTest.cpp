@@ -49,7 +49,11 @@ public:
         steps.emplace_back("rename");
     }
     bool renameNoReplace(const Path& from, const Path& to) override { return files_.renameNoReplace(from, to); }
+    void copyToNew(const Path& from, const Path& to, std::uint32_t permissions) override {
+        files_.copyToNew(from, to, permissions);
+    }
     void remove(const Path& path) override { files_.remove(path); }
+    void removeDirectory(const Path& path) override { files_.removeDirectory(path); }
     Path resolveLinks(const Path& path) const override { return files_.resolveLinks(path); }
     void setPermissions(const Path& path, std::uint32_t permissions) override {
         files_.setPermissions(path, permissions);

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "platform/FileSystem.h"
+#include "platform/Task.h"
+
+#include <functional>
+#include <memory>
+
+namespace orlinth::platform {
+
+/// A folder that is watched for as long as this lives. Destroying it ends that: nothing is called any more, once the
+/// executor has run what was posted before.
+class FolderWatch {
+public:
+    virtual ~FolderWatch() = default;
+};
+
+/// Tells when something changes in a folder.
+class FolderWatcher {
+public:
+    virtual ~FolderWatcher() = default;
+    /// Calls `onChange` on `executor` after a name in the folder has come, gone or been replaced; several changes may
+    /// make one call, and a call may come without a change. Looks at the folder's own names only, not below them.
+    /// @throws SystemError if the folder cannot be watched, which says nothing against looking at it now and then
+    [[nodiscard]] virtual std::unique_ptr<FolderWatch> watch(const Path& folder, Executor executor,
+                                                             std::function<void()> onChange) = 0;
+};
+
+} // namespace orlinth::platform

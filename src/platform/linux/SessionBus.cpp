@@ -1,0 +1,94 @@
+#include "platform/linux/SessionBus.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <poll.h>
+#include <string_view>
+#include <unistd.h>
+
+namespace orlinth::platform {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+/// In a D-Bus address every byte but these is written as %XX.
+std::string escapedForAddress(std::string_view path) {
+    constexpr const char* digits = "0123456789abcdef";
+    std::string escaped;
+    for (const char character : path) {
+        const auto byte = static_cast<unsigned char>(character);
+        const bool isPlain = (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
+                             (character >= 'a' && character <= 'z') ||
+                             std::string_view("-_/.\\").find(character) != std::string_view::npos;
+        if (isPlain) {
+            escaped += character;
+        } else {
+            escaped += '%';
+            escaped += digits[byte >> 4U];
+            escaped += digits[byte & 0x0FU];
+        }
+    }
+    return escaped;
+}
+
+} // namespace
+
+std::string sessionBusAddress(BusEnvironment environment) {
+    if (const char* address = environment("DBUS_SESSION_BUS_ADDRESS"); address != nullptr && *address != '\0') {
+        return address;
+    }
+    if (const char* folder = environment("XDG_RUNTIME_DIR"); folder != nullptr && *folder != '\0') {
+        return "unix:path=" + escapedForAddress(folder) + "/bus";
+    }
+    return {};
+}
+
+SessionBusRef openSessionBus(BusEnvironment environment, std::chrono::microseconds answerLimit) {
+    const std::string address = sessionBusAddress(environment);
+    sd_bus* made = nullptr;
+    if (address.empty() || ::sd_bus_new(&made) < 0) {
+        return nullptr;
+    }
+    SessionBusRef bus(made);
+    const bool isOpen = ::sd_bus_set_address(made, address.c_str()) >= 0 && ::sd_bus_set_bus_client(made, 1) >= 0 &&
+                        ::sd_bus_set_method_call_timeout(made, static_cast<std::uint64_t>(answerLimit.count())) >= 0 &&
+                        ::sd_bus_start(made) >= 0;
+    return isOpen ? std::move(bus) : nullptr;
+}
+
+bool processSessionBus(sd_bus* bus) {
+    int result = 1;
+    while (result > 0) {
+        result = ::sd_bus_process(bus, nullptr);
+    }
+    return result == 0 && ::sd_bus_is_open(bus) > 0;
+}
+
+void waitForSessionBus(sd_bus* bus, int wakeUp, std::optional<SteadyClock::time_point> until) {
+    pollfd events[2] = {{.fd = wakeUp, .events = POLLIN, .revents = 0}, {.fd = -1, .events = 0, .revents = 0}};
+    if (bus != nullptr) {
+        const int wanted = ::sd_bus_get_events(bus);
+        events[1].fd = ::sd_bus_get_fd(bus);
+        events[1].events = static_cast<short>(std::max(wanted, 0));
+        std::uint64_t microseconds = UINT64_MAX; // of CLOCK_MONOTONIC, which is the steady clock
+        if (::sd_bus_get_timeout(bus, &microseconds) >= 0 && microseconds != UINT64_MAX) {
+            const SteadyClock::time_point due{std::chrono::microseconds(microseconds)};
+            until = until ? std::min(*until, due) : due;
+        }
+    }
+    int milliseconds = -1;
+    if (until) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - SteadyClock::now());
+        milliseconds = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
+    }
+    if (::poll(events, 2, milliseconds) > 0 && events[0].revents != 0) {
+        std::uint64_t count = 0;
+        static_cast<void>(!::read(wakeUp, &count, sizeof count));
+    }
+}
+
+int ignoreBusAnswer(sd_bus_message*, void*, sd_bus_error*) {
+    return 0;
+}
+
+} // namespace orlinth::platform
