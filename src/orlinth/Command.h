@@ -62,5 +62,7 @@ inline constexpr std::uint16_t defaultPort = 28471;
 [[nodiscard]] std::unique_ptr<Command> makeClipCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeWakeCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeServeCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeShareCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeOutboxCommand(CLI::App& program);
 
 } // namespace orlinth::host

@@ -9,30 +9,12 @@
 
 namespace orlinth::host {
 
-namespace {
-
-/// A file that was changed less than this ago may be changed again without a trace: its times are no finer than the
-/// kernel's ticks.
-constexpr std::int64_t settlingMilliseconds = 1000;
-
-constexpr std::int64_t nanosecondsInMillisecond = 1'000'000;
-
-bool looksTheSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
-    if (!one || !other) {
-        return one.has_value() == other.has_value();
-    }
-    return one->modifiedNanoseconds == other->modifiedNanoseconds && one->size == other->size &&
-           one->inode == other->inode && one->device == other->device;
-}
-
-} // namespace
-
 KnownKeys::KnownKeys(Host& host, Receiver& receiver, platform::PublicKey ownKey)
     : host_(host),
       receiver_(receiver),
       ownKey_(std::move(ownKey)),
-      peers_{.file = host.peers().fileURL(), .seen = {}, .trouble = {}},
-      removed_{.file = host.dataDirectory() / RemovedPeers::fileName, .seen = {}, .trouble = {}} {}
+      peers_{.file = host.peers().fileURL(), .check = {}, .trouble = {}},
+      removed_{.file = host.dataDirectory() / RemovedPeers::fileName, .check = {}, .trouble = {}} {}
 
 void KnownKeys::refresh() noexcept {
     const std::lock_guard guard(lock_);
@@ -45,18 +27,14 @@ void KnownKeys::refresh(Source& source, const std::function<void()>& read) {
     std::string trouble;
     std::string hint = "The phones that were known before are still served.";
     try {
-        const std::optional<platform::FileStatus> now = host_.system.files.status(source.file); // before reading
-        if (source.isUpToDate && looksTheSame(source.seen, now)) {
+        using Answer = FileChangeCheck::Answer;
+        const Answer answer = source.check.look(host_.system.files, host_.system.clock, source.file);
+        if (answer == Answer::same) {
             return;
         }
-        if (!looksTheSame(source.seen, now)) {
+        if (answer == Answer::different) {
             source.trouble.clear();
         }
-        source.seen = now;
-        const std::int64_t age =
-            now ? host_.system.clock.epochMilliseconds() - now->modifiedNanoseconds / nanosecondsInMillisecond
-                : settlingMilliseconds;
-        source.isUpToDate = age >= settlingMilliseconds;
         read();
     } catch (const HostError& error) {
         trouble = error.description();
@@ -65,7 +43,7 @@ void KnownKeys::refresh(Source& source, const std::function<void()>& read) {
         trouble = describe(error);
     }
     if (!trouble.empty()) {
-        source.isUpToDate = false; // it may pass without a change of the file
+        source.check.doubt(); // it may pass without a change of the file
     }
     if (!trouble.empty() && trouble != source.trouble) {
         tell(trouble, hint);

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/Receiver.h"
+#include "orlinth/FileChangeCheck.h"
 #include "orlinth/Host.h"
 
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 
 namespace orlinth::host {
@@ -28,11 +28,9 @@ public:
     [[nodiscard]] std::size_t pairedCount() const;
 
 private:
-    /// How a file looked when it was read.
     struct Source {
         platform::Path file;
-        std::optional<platform::FileStatus> seen;
-        bool isUpToDate = false;
+        FileChangeCheck check;
         std::string trouble; ///< the last one that was told of; "" if there was none since the last change
     };
 

@@ -1,5 +1,8 @@
 #include "orlinth/PeerSelection.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace orlinth::host {
 
 namespace {
@@ -38,6 +41,22 @@ CheckedPeer mostRecentPeer(const Host& host, const platform::PublicKey& ownKey) 
         throw HostError("no phone is paired yet", "`orlinth pair` pairs one.");
     }
     return checkPeer(*record, ownKey);
+}
+
+std::vector<CheckedPeer> selectPeers(const Host& host, const std::vector<std::string>& selectors,
+                                     const platform::PublicKey& ownKey) {
+    if (selectors.empty()) {
+        return {mostRecentPeer(host, ownKey)};
+    }
+    std::vector<CheckedPeer> chosen;
+    for (const std::string& selector : selectors) {
+        CheckedPeer peer = selectPeer(host, selector, ownKey);
+        const auto isSame = [&peer](const CheckedPeer& other) { return other.key == peer.key; };
+        if (std::none_of(chosen.begin(), chosen.end(), isSame)) {
+            chosen.push_back(std::move(peer));
+        }
+    }
+    return chosen;
 }
 
 Json publicFields(const PeerRecord& record) {

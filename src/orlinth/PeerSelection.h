@@ -2,6 +2,9 @@
 
 #include "orlinth/Host.h"
 
+#include <string>
+#include <vector>
+
 namespace orlinth::host {
 
 /// A record that was checked, with its key decoded.
@@ -15,6 +18,11 @@ struct CheckedPeer {
 
 /// The most recently paired phone, checked. @throws HostError, PeerStoreError
 [[nodiscard]] CheckedPeer mostRecentPeer(const Host& host, const platform::PublicKey& ownKey);
+
+/// The records that the selectors mean, each once, in their order; without a selector the most recently paired phone.
+/// @throws HostError, PeerStoreError
+[[nodiscard]] std::vector<CheckedPeer> selectPeers(const Host& host, const std::vector<std::string>& selectors,
+                                                   const platform::PublicKey& ownKey);
 
 /// The record with its key, if that is 32 bytes of Base64 and not our own, and the port is 1 to 65535.
 /// @throws HostError that says what is wrong

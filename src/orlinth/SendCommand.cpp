@@ -2,8 +2,6 @@
 #include "orlinth/PeerSelection.h"
 #include "orlinth/SendSchedule.h"
 
-#include <algorithm>
-
 namespace orlinth::host {
 
 namespace {
@@ -40,7 +38,7 @@ public:
 
     int run(Host& host) override {
         const platform::PrivateKey ownKey = host.staticKey();
-        const std::vector<CheckedPeer> peers = choosePeers(host, ownKey.publicKey());
+        const std::vector<CheckedPeer> peers = selectPeers(host, selectors_, ownKey.publicKey());
         std::vector<PeerRecord> phones;
         for (const CheckedPeer& peer : peers) {
             phones.push_back(peer.record);
@@ -56,22 +54,6 @@ public:
     }
 
 private:
-    /// All of them, before anything is sent; each once.
-    [[nodiscard]] std::vector<CheckedPeer> choosePeers(const Host& host, const platform::PublicKey& ownKey) const {
-        if (selectors_.empty()) {
-            return {mostRecentPeer(host, ownKey)};
-        }
-        std::vector<CheckedPeer> chosen;
-        for (const std::string& selector : selectors_) {
-            CheckedPeer peer = selectPeer(host, selector, ownKey);
-            const auto isSame = [&peer](const CheckedPeer& other) { return other.key == peer.key; };
-            if (std::none_of(chosen.begin(), chosen.end(), isSame)) {
-                chosen.push_back(std::move(peer));
-            }
-        }
-        return chosen;
-    }
-
     std::vector<std::string> selectors_;
     std::vector<std::string> files_;
     SendTimes times_;

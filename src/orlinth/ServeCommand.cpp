@@ -3,6 +3,8 @@
 #include "orlinth/Hints.h"
 #include "orlinth/KnownKeys.h"
 #include "orlinth/OfferQuestions.h"
+#include "orlinth/OutboxSender.h"
+#include "orlinth/PeerStoreWatch.h"
 #include "orlinth/ServeReporter.h"
 #include "orlinth/ServiceControl.h"
 #include "platform/ServiceManager.h"
@@ -11,15 +13,15 @@
 #include <asio/this_coro.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <optional>
 #include <sys/resource.h>
+#include <thread>
 
 namespace orlinth::host {
 
 namespace {
-
-constexpr const char* lockName = "service.lock";
 
 /// Of the two seconds in which a signal ends the service in any case; the rest is for leaving.
 constexpr std::chrono::milliseconds graceAfterSignal{1800};
@@ -34,11 +36,19 @@ void raiseDescriptorLimit() {
     }
 }
 
-/// Keeps the service to one instance a data folder, for as long as the file is open.
+/// Keeps the service to one instance a data folder, for as long as the file is open. Who looks whether a service runs
+/// has the lock for an instant, which is waited for.
 std::unique_ptr<platform::File> lockService(const Host& host) {
-    auto file = host.system.files.open(host.dataDirectory() / lockName, platform::OpenMode::openOrCreate,
-                                       platform::Links::follow, 0600);
-    if (!file->tryLock()) {
+    constexpr int attempts = 20;
+    constexpr std::chrono::milliseconds rest{5};
+    auto file = host.system.files.open(host.dataDirectory() / ServiceControl::lockName,
+                                       platform::OpenMode::openOrCreate, platform::Links::follow, 0600);
+    bool isLocked = file->tryLock();
+    for (int attempt = 1; attempt < attempts && !isLocked; ++attempt) {
+        std::this_thread::sleep_for(rest);
+        isLocked = file->tryLock();
+    }
+    if (!isLocked) {
         throw HostError("the receive service is already running",
                         "One serves all phones. Another identity needs another data folder (XDG_DATA_HOME).");
     }
@@ -55,18 +65,23 @@ struct Service {
     ServeReporter& reporter;
     ServiceControl& control;
     KnownKeys& keys;
+    OutboxSender& outbox;
+    PeerStoreWatch& peers;
 };
 
 /// The same, and whoever manages the service is told what it wants to know.
 Receiver::Callbacks withManners(Receiver::Callbacks callbacks, Service service) {
     callbacks.onListening = [service, next = std::move(callbacks.onListening)](std::uint16_t port) {
         service.control.start(port);
+        service.outbox.start();
+        service.peers.start();
         platform::tellServiceReady();
         platform::tellServiceStatus(service.keys.pairedCount());
         next(port);
     };
     callbacks.onAuthenticated = [service, next = std::move(callbacks.onAuthenticated)](const PeerRecord& phone) {
         platform::tellServiceStatus(service.keys.pairedCount());
+        service.outbox.heardOf(phone);
         if (next) {
             next(phone);
         }
@@ -85,7 +100,9 @@ Task<bool> serveAll(Service service) {
     }
     platform::tellServiceStopping();
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    service.peers.stop();
     co_await service.control.finish();
+    co_await service.outbox.finish();
     co_await service.reporter.finish();
     if (failure) {
         std::rethrow_exception(failure);
@@ -96,7 +113,8 @@ Task<bool> serveAll(Service service) {
 class ServeCommand final : public Command {
 public:
     explicit ServeCommand(CLI::App& program)
-        : Command(program.add_subcommand("serve", "Receive from every paired phone, until it is ended.")) {
+        : Command(program.add_subcommand(
+              "serve", "Receive from every paired phone, and send what was shared, until it is ended.")) {
         portOption_ = addPort("--port", port_, 0, "The TCP port to listen on, 0 to 65535; 0: any free one.")
                           ->capture_default_str();
         addText("--dir", directory_, "DIR", "Where the files go. Default: the user's downloads folder.");
@@ -144,12 +162,22 @@ private:
         } else if (accept_ == "ask") {
             receiver.approveOffer = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
         }
+        OutboxSender outbox(host, ownKey);
+        PeerStoreWatch peers(host, [&reporter, &outbox] {
+            reporter.sharePeers();
+            outbox.peersChanged();
+        });
         ServiceControl control(host, receiver);
+        control.onRequest = [&outbox](Json request) { return outbox.answer(std::move(request)); };
         receiver.listener = openPort(host, port);
         keys.refresh();
         reporter.tellHowMany(keys.pairedCount());
-        static_cast<void>(
-            host.tasks.run(serveAll({.receiver = receiver, .reporter = reporter, .control = control, .keys = keys})));
+        static_cast<void>(host.tasks.run(serveAll({.receiver = receiver,
+                                                   .reporter = reporter,
+                                                   .control = control,
+                                                   .keys = keys,
+                                                   .outbox = outbox,
+                                                   .peers = peers})));
     }
 
     /// The port that a service manager has opened for us, whatever the command line says.

@@ -191,7 +191,7 @@ Task<> ServiceControl::answer(std::unique_ptr<platform::Stream> stream) {
         const Json request = parseJson(line);
         const std::optional<std::uint16_t> wanted = portIn(request);
         if (requireString(request, requestKey) != lendRequest) {
-            reply[errorKey] = "unknown request";
+            reply = co_await answerOther(request);
         } else if (wanted && *wanted != port_) {
             reply = Json{{portKey, port_}, {lentKey, false}};
         } else if (lent_) {
@@ -210,6 +210,17 @@ Task<> ServiceControl::answer(std::unique_ptr<platform::Stream> stream) {
     } else {
         co_await sendLine(*stream, clock, std::move(reply));
     }
+}
+
+Task<Json> ServiceControl::answerOther(Json request) {
+    Json reply;
+    if (onRequest) {
+        reply = co_await onRequest(std::move(request));
+    }
+    if (reply.is_null()) {
+        reply[errorKey] = "unknown request";
+    }
+    co_return reply;
 }
 
 /// From stepping aside to coming back.
@@ -297,6 +308,59 @@ HostError notLent(const std::string& text) {
 }
 
 } // namespace
+
+namespace {
+
+/// Whether somebody holds the lock of a service. What cannot be found out counts as no.
+bool isServiceLocked(const Host& host) {
+    const platform::Path lock = host.dataDirectory() / ServiceControl::lockName;
+    try {
+        return host.system.files.exists(lock) && !host.system.files.open(lock, platform::OpenMode::read)->tryLock();
+    } catch (const platform::SystemError& error) {
+        host.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control",
+                              "cannot look at " + lock.string() + ": " + error.description());
+        return false;
+    }
+}
+
+} // namespace
+
+Task<bool> isServiceRunning(Host& host) {
+    try {
+        const std::unique_ptr<platform::Stream> stream = co_await connectToService(host);
+        if (stream) {
+            co_return true;
+        }
+    } catch (const platform::SystemError& error) {
+        host.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", error.description());
+    }
+    co_return isServiceLocked(host);
+}
+
+Task<std::optional<Json>> askService(Host& host, Json request) {
+    platform::Clock& clock = host.system.clock;
+    std::string problem;
+    try {
+        std::unique_ptr<platform::Stream> stream = co_await connectToService(host);
+        if (!stream) {
+            co_return std::nullopt;
+        }
+        co_await sendLine(*stream, clock, std::move(request));
+        const std::string line = co_await within(clock, borrowerLimit, readLine(*stream));
+        Json reply = parseJson(line);
+        const std::optional<std::string> refusal = optionalString(reply, errorKey);
+        if (!refusal) {
+            co_return reply;
+        }
+        problem = *refusal;
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    throw HostError("the running service did not do it: " + problem);
+}
 
 Task<std::optional<BorrowedPort>> BorrowedPort::borrow(Host& host, std::optional<std::uint16_t> wanted) {
     platform::Clock& clock = host.system.clock;

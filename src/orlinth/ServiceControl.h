@@ -6,6 +6,7 @@
 #include <asio/cancellation_signal.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -20,13 +21,21 @@ namespace orlinth::host {
 /// socket itself (one byte with SCM_RIGHTS): a port that a service manager keeps open could not be opened by anybody
 /// else. With
 /// `"port":N` in the request only that port is wanted; of another one the answer is `{"lent":false,"port":28471}`.
+/// Other requests are answered by whoever is asked then; `onRequest`.
 /// What goes wrong is answered by `{"error":"…"}`.
 class ServiceControl {
 public:
+    /// The file of the data folder that a service keeps locked while it runs.
+    static constexpr const char* lockName = "service.lock";
+
     /// What is referred to outlives this. All on the thread of `main`.
     ServiceControl(Host& host, Receiver& receiver) : host_(host), receiver_(receiver) {}
     ServiceControl(const ServiceControl&) = delete;
     ServiceControl& operator=(const ServiceControl&) = delete;
+
+    /// Answers what is not for this object: one line of JSON, or null if it is not for whoever that is either. What it
+    /// throws is told to the one who asks. Set before start().
+    std::function<Task<Json>(Json request)> onRequest;
 
     /// Answers requests from now on. Once, when the receiver listens on this port. A service whose socket cannot be
     /// opened does its work without, which is told as a message.
@@ -39,6 +48,7 @@ private:
     [[nodiscard]] Task<> acceptAll(platform::Listener& listener);
     void begin(std::unique_ptr<platform::Stream> stream, const Executor& executor);
     [[nodiscard]] Task<> answer(std::unique_ptr<platform::Stream> stream);
+    [[nodiscard]] Task<Json> answerOther(Json request);
     [[nodiscard]] Task<> lend(platform::Stream& stream);
     [[nodiscard]] Task<> handOver(platform::Stream& stream);
     [[nodiscard]] Task<> takeBack();
@@ -51,6 +61,13 @@ private:
     bool lent_ = false;
     std::list<asio::cancellation_signal> conversations_; ///< one for each connection
 };
+
+/// Whether a service runs for this data folder, also one that does not answer.
+[[nodiscard]] Task<bool> isServiceRunning(Host& host);
+
+/// Asks the running service. Nothing if none runs.
+/// @throws HostError if it does not answer, or answers that it cannot
+[[nodiscard]] Task<std::optional<Json>> askService(Host& host, Json request);
 
 /// The running service's port, for as long as this lives.
 class BorrowedPort {

@@ -54,8 +54,8 @@ std::vector<std::string> argumentsOf(int count, char** values) {
     std::vector<std::string> arguments(values + std::min(count, 1), values + count);
     for (std::size_t i = 1; i < arguments.size(); ++i) {
         const std::string& text = arguments[i];
-        if (arguments[0] == "send" && arguments[i - 1] != "--to" && text.size() > 1 && text.front() == '[' &&
-            text.back() == ']') {
+        const bool takesFiles = arguments[0] == "send" || arguments[0] == "share";
+        if (takesFiles && arguments[i - 1] != "--to" && text.size() > 1 && text.front() == '[' && text.back() == ']') {
             arguments[i].insert(0, "./");
         }
     }
@@ -121,6 +121,8 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makeSendCommand(program));
     commands.push_back(makeReceiveCommand(program));
     commands.push_back(makeServeCommand(program));
+    commands.push_back(makeShareCommand(program));
+    commands.push_back(makeOutboxCommand(program));
     commands.push_back(makeClipCommand(program));
     commands.push_back(makeWakeCommand(program));
 

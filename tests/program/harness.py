@@ -231,6 +231,14 @@ class ProgramTest(unittest.TestCase):
         self.addCleanup(relay.close)
         return relay
 
+    def shim(self, name, source):
+        """A library from this C text, to come before the system's own in LD_PRELOAD."""
+        text, library = self.folder / f"{name}.c", self.folder / f"{name}.so"
+        text.write_text(source)
+        subprocess.run([os.environ.get("ORLINTH_CXX", "clang++-19"), "-x", "c", "-shared", "-fPIC", "-o", str(library),
+                        str(text)], check=True)
+        return library
+
     def file(self, name, content):
         folder = self.folder / "outgoing"
         folder.mkdir(exist_ok=True)

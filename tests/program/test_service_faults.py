@@ -393,11 +393,7 @@ class Clocks(FaultTest):
         super().setUp()
         self.steps = self.folder / "step"
         self.steps.write_bytes(struct.pack("l", 0))
-        source, library = self.folder / "clock.c", self.folder / "clock.so"
-        source.write_text(CLOCK)
-        subprocess.run([os.environ.get("ORLINTH_CXX", "clang++-19"), "-x", "c", "-shared", "-fPIC", "-o", str(library),
-                        str(source)], check=True)
-        self.desk.environment.update(LD_PRELOAD=str(library), CLOCK_STEP=str(self.steps))
+        self.desk.environment.update(LD_PRELOAD=str(self.shim("clock", CLOCK)), CLOCK_STEP=str(self.steps))
 
     def test_that_step_do_not_touch_transfers_or_who_is_paired(self):
         random = seeded(self)

@@ -1,0 +1,434 @@
+#include "orlinth/OutboxQueue.h"
+
+#include "orlinth/OutboxLookout.h"
+#include "orlinth/RemovedPeers.h"
+#include "platform/SystemError.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace orlinth::host {
+
+namespace {
+
+platform::Path memoryOf(const Host& host) {
+    return host.dataDirectory() / OutboxState::folderName;
+}
+
+/// What has failed for good, a phrase for each phone and reason.
+std::string summaryOf(const OutboxState& state) {
+    std::string text;
+    for (const OutboxState::Phone& phone : state.phones) {
+        std::map<std::string, std::vector<std::string>> byReason;
+        for (const auto& [file, reason] : phone.failed) {
+            byReason[reason].push_back(file);
+        }
+        for (const auto& [reason, files] : byReason) {
+            text += text.empty() ? "" : "; ";
+            text += (files.size() == 1 ? files.front() : countOfFiles(files.size())) + " not sent to " +
+                    phone.displayName() + " (" + reason + ")";
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+std::optional<std::string> OutboxQueue::Job::nextFor(const std::string& key) {
+    const OutboxState::Phone* const phone = state.find(key);
+    if (phone == nullptr || isDropped) {
+        return std::nullopt;
+    }
+    std::optional<std::string> next;
+    int fewest = 0;
+    for (const std::string& file : batch.manifest.files) {
+        if (!phone->isOpen(file)) {
+            continue;
+        }
+        const int count = attemptsInVain(key, file);
+        if (count == 0) {
+            return file;
+        }
+        if (!next || count < fewest) {
+            next = file;
+            fewest = count;
+        }
+    }
+    return next;
+}
+
+int OutboxQueue::Job::attemptsInVain(const std::string& key, const std::string& file) const {
+    const auto at = inVain.find({key, file});
+    return at == inVain.end() ? 0 : at->second;
+}
+
+OutboxQueue::OutboxQueue(Host& host, OutboxReporter& reporter)
+    : host_(host), reporter_(reporter), batches_(host.system.files, host.system.clock, host.system.directories) {}
+
+// What comes, and what has gone
+
+void OutboxQueue::forgetOrphans() noexcept {
+    try {
+        if (!host_.system.files.exists(memoryOf(host_))) {
+            return;
+        }
+        for (const std::string& name : host_.system.files.list(memoryOf(host_))) {
+            if (OutboxBatches::isId(name) && batches_.isGone(name) && batches_.isGoneFromSetAside(name)) {
+                OutboxState(host_.system.files, memoryOf(host_) / name).remove();
+            }
+        }
+    } catch (const std::exception&) {
+        return; // it is in nobody's way
+    }
+}
+
+std::optional<platform::Path> OutboxQueue::makeOutbox() {
+    try {
+        platform::Path root = batches_.makeFolder();
+        isLackTold_ = false;
+        return root;
+    } catch (const OutboxError& error) {
+        if (!std::exchange(isLackTold_, true)) {
+            reporter_.failure(error.description(), "What is shared cannot be sent until that is mended.");
+        }
+        return std::nullopt;
+    }
+}
+
+OutboxQueue::News OutboxQueue::look(const Watch& watch) {
+    News news;
+    const std::optional<platform::Path> root = makeOutbox();
+    std::set<std::string> known = unusable_;
+    std::transform(jobs_.begin(), jobs_.end(), std::inserter(known, known.end()),
+                   [](const auto& entry) { return entry.first; });
+    static_cast<void>(batches_.clearAbandoned(known));
+    try {
+        std::set<platform::Path> incomplete;
+        for (const std::string& id : batches_.ids()) {
+            if (!jobs_.contains(id) && !batches_.isComplete(id)) {
+                incomplete.insert(batches_.folderOf(id));
+            }
+        }
+        watch(root, incomplete);
+        for (const std::string& id : batches_.ids()) { // again: it may have come before the watch was there
+            if (!jobs_.contains(id) && !unusable_.contains(id) && batches_.isComplete(id)) {
+                accept(id, news);
+            }
+        }
+        std::erase_if(unusable_, [this](const std::string& id) { return batches_.isGone(id); });
+        if (root) { // else nothing can be told of what is there
+            findVanished(news);
+        }
+    } catch (const platform::SystemError& error) {
+        log(platform::LogLevel::error, "cannot look through the outbox: " + error.description());
+    }
+    return news;
+}
+
+void OutboxQueue::findVanished(News& news) const {
+    for (const auto& [id, job] : jobs_) {
+        if (batches_.isGone(id)) {
+            job->hasVanished = true;
+            news.vanished.push_back(id);
+        }
+    }
+}
+
+void OutboxQueue::accept(const std::string& id, News& news) {
+    try {
+        OutboxBatches::Batch batch = batches_.read(id);
+        OutboxState state = remembered(batch);
+        if (state.phones.empty()) {
+            throw OutboxError("no phone is paired");
+        }
+        auto job = std::make_unique<Job>(
+            Job{.batch = std::move(batch), .state = std::move(state), .through = {}, .inVain = {}});
+        for (const OutboxState::Phone& phone : job->state.phones) {
+            if (job->nextFor(phone.pubkey)) {
+                news.phones.insert(phone.pubkey);
+            } else {
+                job->through.insert(phone.pubkey);
+            }
+        }
+        save(*job);
+        jobs_.emplace(id, std::move(job));
+        endIfThrough(id);
+    } catch (const OutboxError& error) {
+        setAside(id, error.description());
+    } catch (const Error& error) { // of the disk or the peer store: the next look may find it well
+        log(platform::LogLevel::error, "cannot take in batch " + id + ": " + error.description());
+        reporter_.waiting(id, "", error.description(), OutboxLookout::backstopSeconds);
+    }
+}
+
+OutboxState OutboxQueue::remembered(const OutboxBatches::Batch& batch) {
+    const platform::Path folder = memoryOf(host_) / batch.manifest.id;
+    if (std::optional<OutboxState> known = OutboxState::load(host_.system.files, folder)) {
+        known->learnFromJournals();
+        return std::move(*known); // was checked when it came; a file that is gone since concerns that file alone
+    }
+    for (const std::string& name : batch.manifest.files) {
+        batches_.checkFile(batch, name);
+    }
+    OutboxState fresh(host_.system.files, folder);
+    fresh.phones = phonesFor(host_, batch.manifest);
+    return fresh;
+}
+
+OutboxQueue::Job* OutboxQueue::find(const std::string& id) {
+    const auto at = jobs_.find(id);
+    return at == jobs_.end() ? nullptr : at->second.get();
+}
+
+OutboxQueue::Job* OutboxQueue::nextFor(const std::string& key) {
+    Job* next = nullptr;
+    std::pair<int, std::int64_t> place; // in the line
+    for (const auto& [id, job] : jobs_) {
+        if (const std::optional<std::string> file = job->nextFor(key)) {
+            const std::pair<int, std::int64_t> mine = {job->attemptsInVain(key, *file),
+                                                       job->batch.manifest.createdAtMs};
+            if (next == nullptr || mine < place) {
+                next = job.get();
+                place = mine;
+            }
+        }
+    }
+    return next;
+}
+
+// What becomes of it
+
+void OutboxQueue::setBegun(Job& job, const std::string& key, const std::string& file, const std::string& entry) {
+    job.state.find(key)->begun[file] = entry;
+    save(job);
+}
+
+void OutboxQueue::restoreEntry(Job& job, const std::string& key, const std::string& file,
+                               const std::pair<std::string, std::string>& entry) {
+    OutboxState::Phone& phone = *job.state.find(key);
+    try {
+        job.state.restoreEntry(key, entry.first, entry.second);
+    } catch (const platform::SystemError&) {
+        phone.begun.erase(file); // it is sent from its beginning, and the missing entry must not say that it was sent
+        save(job);
+    }
+}
+
+void OutboxQueue::setDone(Job& job, const std::string& key, const OutboxReporter::Transfer& transfer,
+                          const SentFile& sent) {
+    OutboxState::Phone& phone = *job.state.find(key);
+    phone.done.insert(transfer.file);
+    phone.begun.erase(transfer.file);
+    phone.waiting.clear();
+    save(job);
+    reporter_.sent(transfer, sent);
+    settlePhone(job, key);
+    endIfThrough(job.id());
+}
+
+void OutboxQueue::setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message) {
+    OutboxState::Phone& phone = *job.state.find(key);
+    phone.setFailed(file, message);
+    save(job);
+    reporter_.failed({.batch = job.id(), .file = file, .to = phone.displayName()}, message);
+    settlePhone(job, key);
+    endIfThrough(job.id());
+}
+
+void OutboxQueue::setAllFailed(const std::string& key, const std::string& message) {
+    while (Job* const job = nextFor(key)) {
+        OutboxState::Phone& phone = *job->state.find(key);
+        while (const std::optional<std::string> file = job->nextFor(key)) {
+            phone.setFailed(*file, message);
+        }
+        save(*job);
+        reporter_.failed(job->id(), phone.displayName(), message);
+        settlePhone(*job, key);
+        endIfThrough(job->id());
+    }
+}
+
+void OutboxQueue::setWaiting(const std::string& key, const std::string& message, double seconds, bool isNews) {
+    std::string name;
+    bool isFirst = false; // of one of the batches
+    for (const auto& [id, job] : jobs_) {
+        if (!job->nextFor(key)) {
+            continue;
+        }
+        OutboxState::Phone& phone = *job->state.find(key);
+        name = phone.displayName();
+        isFirst = isFirst || phone.waiting.empty();
+        if (std::exchange(phone.waiting, message) != message) {
+            save(*job);
+        }
+        reporter_.waiting(id, name, message, seconds);
+    }
+    if (isNews || isFirst) {
+        reporter_.waitingLine(name, message);
+    }
+    if (isFirst) {
+        reporter_.waitingNotification(name, message);
+    }
+}
+
+void OutboxQueue::settlePhone(Job& job, const std::string& key) {
+    if (job.isDropped || job.nextFor(key) || !job.through.insert(key).second) {
+        return;
+    }
+    const OutboxState::Phone& phone = *job.state.find(key);
+    std::vector<std::string> done;
+    std::copy_if(job.batch.manifest.files.begin(), job.batch.manifest.files.end(), std::back_inserter(done),
+                 [&phone](const std::string& name) { return phone.done.contains(name); });
+    reporter_.through(phone.displayName(), done);
+}
+
+void OutboxQueue::endIfThrough(const std::string& id) {
+    Job* const job = find(id);
+    if (job == nullptr || job->isDropped) {
+        return;
+    }
+    for (const OutboxState::Phone& phone : job->state.phones) {
+        if (job->nextFor(phone.pubkey)) {
+            return;
+        }
+    }
+    const std::unique_ptr<Job> ended = std::move(jobs_.at(id)); // whose own the id may be
+    jobs_.erase(id);
+    const std::string failures = summaryOf(ended->state);
+    const bool isThere = !batches_.isGone(id);
+    if (isThere && !failures.empty()) {
+        setAside(id, failures);
+        return;
+    }
+    try {
+        if (isThere) { // else somebody has put something else in its place, which is not ours
+            batches_.remove(id);
+        }
+        ended->state.remove(); // last: until then it says that there is nothing to send
+        if (failures.empty()) {
+            reporter_.done(id);
+        }
+    } catch (const platform::SystemError& error) {
+        leaveBehind(id, isThere, "everything was sent, but it cannot be removed: " + error.description());
+    }
+}
+
+/// What cannot be removed; if the batch itself is not there, only what is remembered of it is left.
+void OutboxQueue::leaveBehind(const std::string& id, bool isThere, const std::string& problem) {
+    if (isThere) {
+        setAside(id, problem);
+    } else {
+        log(platform::LogLevel::error, "what is remembered of batch " + id + ": " + problem);
+    }
+}
+
+void OutboxQueue::setAside(const std::string& id, const std::string& message) {
+    try {
+        const platform::Path where = batches_.setAside(id);
+        reporter_.setAside(id, message, where);
+    } catch (const platform::SystemError& error) {
+        unusable_.insert(id);
+        reporter_.trouble(id, message,
+                          "It could not be set aside (" + error.description() + "), and is left where it is.");
+    }
+}
+
+void OutboxQueue::save(Job& job) {
+    try {
+        job.state.save();
+        isTroubleTold_ = false;
+    } catch (const platform::SystemError& error) {
+        if (!std::exchange(isTroubleTold_, true)) {
+            reporter_.message("cannot note what was sent from the outbox: " + error.description() +
+                              "; after a restart it may be sent again");
+        }
+    }
+}
+
+bool OutboxQueue::retry(const std::string& id) {
+    if (Job* const job = find(id)) {
+        job->state.forgetFailures();
+        job->inVain.clear();
+        job->through.clear();
+        save(*job);
+        return true;
+    }
+    if (unusable_.erase(id) > 0) {
+        return true; // the next look tries to take it in
+    }
+    const std::vector<std::string> setAside = batches_.setAsideIds();
+    if (!std::binary_search(setAside.begin(), setAside.end(), id)) {
+        return false;
+    }
+    bringBack(host_, batches_, id);
+    return true;
+}
+
+std::optional<std::string> OutboxQueue::discard(const std::string& id) {
+    const Job& job = *find(id);
+    const bool isThere = !job.hasVanished && !batches_.isGone(id);
+    OutboxState state = job.state;
+    jobs_.erase(id);
+    try {
+        if (isThere) {
+            batches_.remove(id);
+        }
+        state.remove();
+        return std::nullopt;
+    } catch (const platform::SystemError& error) {
+        std::string problem = "it cannot be removed: " + error.description();
+        leaveBehind(id, isThere, problem);
+        return problem;
+    }
+}
+
+void OutboxQueue::log(platform::LogLevel level, const std::string& text) const noexcept {
+    host_.system.log.write(level, "com.tarvinex.orlinth", "outbox", text);
+}
+
+std::vector<OutboxState::Phone> phonesFor(const Host& host, const ShareOutbox::Manifest& manifest) {
+    return phonesFor(manifest, host.peers().loadBook(),
+                     [&host] { return !RemovedPeers(host.system.files, host.dataDirectory()).load().empty(); });
+}
+
+namespace {
+
+/// Nobody has chosen the phone of this batch: whoever brings it back wants it to go to the one that is there now.
+void chooseAgain(const Host& host, const ShareOutbox::Manifest& manifest) {
+    OutboxState state(host.system.files, memoryOf(host) / manifest.id);
+    state.remove();
+    try {
+        static_cast<void>(phonesFor(host, manifest)); // as the batch is taken in, which finds the same
+    } catch (const OutboxError&) {
+        if (const std::optional<PeerRecord> latest = host.peers().mostRecent()) {
+            state.phones.push_back(freshPhone(latest->peer_pubkey, &*latest));
+            state.save();
+        }
+    }
+}
+
+} // namespace
+
+void bringBack(const Host& host, OutboxBatches& batches, const std::string& id) {
+    std::optional<ShareOutbox::Manifest> manifest;
+    try {
+        manifest = batches.readSetAside(id).manifest;
+    } catch (const OutboxError&) {
+        manifest.reset(); // it makes no sense, and will be set aside again
+    }
+    std::optional<OutboxState> state = OutboxState::load(host.system.files, memoryOf(host) / id);
+    const std::vector<PeerRecord> paired = host.peers().loadBook().peers;
+    const bool isPaired = state && std::any_of(paired.begin(), paired.end(), [&state](const PeerRecord& record) {
+                              return record.peer_pubkey == state->phones.front().pubkey;
+                          });
+    if (manifest && !manifest->targetPubkeys && !isPaired) {
+        chooseAgain(host, *manifest);
+    } else if (state) {
+        state->forgetFailures();
+        state->save();
+    }
+    batches.bringBack(id);
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,123 @@
+#pragma once
+
+#include "orlinth/Host.h"
+#include "orlinth/OutboxBatches.h"
+#include "orlinth/OutboxReporter.h"
+#include "orlinth/OutboxState.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orlinth::host {
+
+/// The batches that wait or are under way, from the moment they are complete until they are gone: removed once every
+/// phone has everything, or set aside once the rest has failed for good. Each change is remembered on disk at once, and
+/// told.
+///
+/// Never throws for what is wrong with a batch, the disk or the peer store; that is told, or found again at a later
+/// look. On the thread of the runner.
+class OutboxQueue {
+public:
+    struct Job {
+        OutboxBatches::Batch batch;
+        OutboxState state;
+        std::set<std::string> through; ///< keys of phones that have been told to have everything
+        /// How many attempts in vain there were for a phone's key and a file, although the phone was there.
+        std::map<std::pair<std::string, std::string>, int> inVain;
+        bool isDropped = false;   ///< takes no part any more, and goes when nobody uses it
+        bool hasVanished = false; ///< there is nothing in the outbox any more that could be removed with it
+
+        [[nodiscard]] const std::string& id() const noexcept { return batch.manifest.id; }
+        /// The next file for a phone: the first of those with the fewest attempts in vain, so that one which the phone
+        /// cannot take does not hold up the others. Nothing if there is none, or the batch is not for that phone.
+        [[nodiscard]] std::optional<std::string> nextFor(const std::string& key);
+        [[nodiscard]] int attemptsInVain(const std::string& key, const std::string& file) const;
+    };
+
+    /// What a look has brought.
+    struct News {
+        std::set<std::string> phones;      ///< keys of those for which a batch has come
+        std::vector<std::string> vanished; ///< batches of the queue whose folder is gone, or no real folder any more
+    };
+
+    /// Told what is there before it is looked at more closely: the outbox, if it can be had, and the folders in it that
+    /// are not complete.
+    using Watch = std::function<void(const std::optional<platform::Path>& outbox, const std::set<platform::Path>&)>;
+
+    /// What is referred to outlives this.
+    OutboxQueue(Host& host, OutboxReporter& reporter);
+    OutboxQueue(const OutboxQueue&) = delete;
+    OutboxQueue& operator=(const OutboxQueue&) = delete;
+
+    /// Forgets what is remembered of batches that are not there any more. Before the first look.
+    void forgetOrphans() noexcept;
+    /// Clears what was abandoned and takes in what has become complete.
+    [[nodiscard]] News look(const Watch& watch);
+
+    /// Null if there is none, or not any more.
+    [[nodiscard]] Job* find(const std::string& id);
+    /// The oldest with something for this phone, again of those with the fewest attempts in vain; null if there is
+    /// none.
+    [[nodiscard]] Job* nextFor(const std::string& key);
+    /// @throws OutboxError, platform::SystemError
+    void checkFile(const Job& job, const std::string& file) const { batches_.checkFile(job.batch, file); }
+
+    /// A file was begun that the phone's journal knows by `entry`.
+    void setBegun(Job& job, const std::string& key, const std::string& file, const std::string& entry);
+    /// Writes an entry of the phone's journal again, which was removed too early: key and transfer id.
+    void restoreEntry(Job& job, const std::string& key, const std::string& file,
+                      const std::pair<std::string, std::string>& entry);
+    /// What may be ended by these is: no job is to be used afterwards without looking for it again.
+    void setDone(Job& job, const std::string& key, const OutboxReporter::Transfer& transfer, const SentFile& sent);
+    void setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message);
+    /// The phone was there, and took nothing of this file: others go first.
+    void putBehind(Job& job, const std::string& key, const std::string& file) { ++job.inVain[{key, file}]; }
+    /// Everything that is left for this phone, in any batch.
+    void setAllFailed(const std::string& key, const std::string& message);
+    /// An attempt for this phone has failed, and the next is made after `seconds`. `isNews` if it is for another reason
+    /// than was told before.
+    void setWaiting(const std::string& key, const std::string& message, double seconds, bool isNews);
+
+    /// Tries again what has failed in a batch, and brings it back if it was set aside; returns whether there is one.
+    /// @throws OutboxError, platform::SystemError
+    [[nodiscard]] bool retry(const std::string& id);
+    /// Removes a job with all its files; but no file of one that has vanished, in whose place may be anything. Returns
+    /// why it could not be removed, and was set aside; nothing if it is gone.
+    std::optional<std::string> discard(const std::string& id);
+
+private:
+    [[nodiscard]] std::optional<platform::Path> makeOutbox();
+    void findVanished(News& news) const;
+    void accept(const std::string& id, News& news);
+    [[nodiscard]] OutboxState remembered(const OutboxBatches::Batch& batch);
+    void settlePhone(Job& job, const std::string& key);
+    void endIfThrough(const std::string& id);
+    void leaveBehind(const std::string& id, bool isThere, const std::string& problem);
+    void setAside(const std::string& id, const std::string& message);
+    void save(Job& job);
+    void log(platform::LogLevel level, const std::string& text) const noexcept;
+
+    Host& host_;
+    OutboxReporter& reporter_;
+    OutboxBatches batches_;
+    std::map<std::string, std::unique_ptr<Job>> jobs_; ///< by id
+    std::set<std::string> unusable_;                   ///< that could not be set aside either
+    bool isTroubleTold_ = false;                       ///< that nothing can be remembered
+    bool isLackTold_ = false;                          ///< that there is no outbox
+};
+
+/// The phones that a batch is for, as phonesFor(manifest, book, …) says. @throws also HostError, PeerStoreError
+[[nodiscard]] std::vector<OutboxState::Phone> phonesFor(const Host& host, const ShareOutbox::Manifest& manifest);
+
+/// Moves a batch that was set aside back into the outbox, to be tried as a whole: but for what its phones have. One for
+/// which no phone was chosen, and whose phone is not paired any more, goes to the phone paired last.
+/// @throws OutboxError, PeerStoreError, platform::SystemError
+void bringBack(const Host& host, OutboxBatches& batches, const std::string& id);
+
+} // namespace orlinth::host

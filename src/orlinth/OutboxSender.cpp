@@ -1,0 +1,497 @@
+#include "orlinth/OutboxSender.h"
+
+#include "OrlinthCore/Sending/SendTransfer.h"
+#include "orlinth/HandshakeLimit.h"
+#include "orlinth/PeerSelection.h"
+#include "orlinth/PushService.h"
+#include "orlinth/SendSchedule.h"
+#include "orlinth/SourceMemory.h"
+#include "platform/SystemError.h"
+
+#include <asio/post.hpp>
+
+#include <algorithm>
+#include <array>
+#include <set>
+#include <utility>
+
+namespace orlinth::host {
+
+namespace {
+
+/// Seconds between two looks at something that is about to change.
+constexpr double lookSeconds = 0.01;
+
+enum class Verdict { tryAgain, fileIsLost, phoneIsLost };
+
+Verdict judge(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const SendError& failure) {
+        switch (failure.which()) {
+        case SendError::Case::declined:
+        case SendError::Case::fileMissing:
+        case SendError::Case::fileRead:
+            return Verdict::fileIsLost;
+        case SendError::Case::peerRemoved:
+            return Verdict::phoneIsLost;
+        default:
+            return Verdict::tryAgain;
+        }
+    } catch (...) {
+        return Verdict::tryAgain;
+    }
+}
+
+const PeerRecord* findRecord(const PeerBook& book, const std::string& key) {
+    const auto at = std::find_if(book.peers.begin(), book.peers.end(),
+                                 [&key](const PeerRecord& record) { return record.peer_pubkey == key; });
+    return at == book.peers.end() ? nullptr : &*at;
+}
+
+bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other) {
+    return one.peer_ip == other.peer_ip && one.peer_port == other.peer_port &&
+           one.peer_fcm_token == other.peer_fcm_token;
+}
+
+} // namespace
+
+/// One file under way to one phone.
+struct OutboxSender::Attempt final : SendProgress {
+    Attempt(Host& hostOf, OutboxReporter& reporterOf, OutboxReporter::Transfer what, PeerRecord peer,
+            platform::Path fileOf, const platform::Path& journalFile)
+        : host(hostOf),
+          reporter(reporterOf),
+          transfer(std::move(what)),
+          record(std::move(peer)),
+          file(std::move(fileOf)),
+          journal(hostOf.system.files, journalFile),
+          handshake(hostOf.system.clock, hostOf.tasks.executor(), [this] { cancel(); }),
+          silence(hostOf.system.clock, hostOf.tasks.executor(), [this] { cancel(); }) {}
+
+    void cancel() { stop.emit(asio::cancellation_type::terminal); }
+
+    void onConnected() override {
+        hasConnected = true;
+        handshake.begin();
+    }
+    void onHandshakeComplete() override {
+        handshake.end();
+        silence.begin(silenceSeconds);
+    }
+    void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
+        if (!beginsAt) {
+            beginsAt = bytesSent; // the first is what the phone had before
+        } else {
+            hasMoved = true;
+        }
+        silence.begin(silenceSeconds);
+        const platform::Clock::Instant now = host.system.clock.now();
+        if (!lastTold || (now - *lastTold).count() >= progressSeconds) {
+            lastTold = now;
+            reporter.progress(transfer, bytesSent, totalBytes);
+        }
+    }
+    void onComplete(const SentFile& result) override {
+        silence.end();
+        sent = result; // whatever comes now, Done was sent
+    }
+    void onFarewell(WireConnection::Farewell farewell) override {
+        hasPhoneClosed = farewell == WireConnection::Farewell::closed;
+    }
+
+    /// The file, with its batch.
+    [[nodiscard]] std::string place() const { return transfer.batch + "/" + transfer.file; }
+    [[nodiscard]] bool wasCutOff() const { return handshake.hasExpired() || silence.hasExpired(); }
+    [[nodiscard]] std::string failureText() const {
+        if (handshake.hasExpired()) {
+            return SendError::noiseHandshakeFailed(HandshakeLimit::text()).description();
+        }
+        if (silence.hasExpired()) {
+            return SendError::network("no progress for five minutes").description();
+        }
+        return describe(error);
+    }
+
+    Host& host;
+    OutboxReporter& reporter;
+    OutboxReporter::Transfer transfer;
+    PeerRecord record;
+    platform::Path file;
+    InFlightJournal journal;
+    std::pair<std::string, std::string> entry; ///< in the journal: key and transfer id
+    asio::cancellation_signal stop;
+    HandshakeLimit handshake;
+    TimeLimit silence;
+    std::optional<platform::Clock::Instant> lastTold;
+    bool hasConnected = false;
+    std::optional<std::int64_t> beginsAt; ///< bytes that the phone had before
+    bool hasMoved = false;
+    bool hasPhoneClosed = false; ///< at the end: else the system has taken everything, but the phone may not have
+    bool isCalledOff = false;    ///< cancelled to look again at what is next
+    std::optional<SentFile> sent;
+    std::exception_ptr error;
+};
+
+/// What goes to one phone, one file at a time.
+struct OutboxSender::Phone {
+    std::string key;
+    std::optional<PeerRecord> record; ///< as of the last attempt
+    int failures = 0;                 ///< in a row
+    bool isPausing = false;
+    platform::Clock::Instant pausedAt{};
+    bool goesOnAtOnce = false;      ///< there is reason to hope since the attempt under way began
+    bool isByHope = false;          ///< the attempt under way, or the last, was made for that, and not in its turn
+    std::set<std::string> doubtful; ///< files, with their batch, whose end the phone may not have got
+    /// A file, with its batch, and what the phone had of it when the last attempt began.
+    std::pair<std::string, std::int64_t> reached;
+    std::string told; ///< why it waits, as it was told; "" once something was sent
+    std::unique_ptr<platform::Timer> timer;
+    std::unique_ptr<Attempt> attempt;
+};
+
+double OutboxSender::pauseAfter(int failures) noexcept {
+    constexpr std::array<double, 6> pauses{5, 15, 60, 300, 900, 3600};
+    const std::size_t step = failures < 1 ? 0 : static_cast<std::size_t>(failures) - 1;
+    return step < pauses.size() ? pauses.at(step) : pauses.back();
+}
+
+OutboxSender::OutboxSender(Host& host, const platform::PrivateKey& ownKey)
+    : host_(host), ownKey_(ownKey), reporter_(host), queue_(host, reporter_), lookout_(host, [this] { look(); }) {}
+
+OutboxSender::~OutboxSender() = default;
+
+void OutboxSender::start() {
+    queue_.forgetOrphans();
+    lookout_.start();
+}
+
+void OutboxSender::look() {
+    const OutboxQueue::News news =
+        queue_.look([this](const std::optional<platform::Path>& outbox, const std::set<platform::Path>& incomplete) {
+            lookout_.watch(outbox, incomplete);
+        });
+    for (const std::string& id : news.vanished) {
+        static_cast<void>(drop(id)); // somebody has taken it back; what lies there now, if anything, is his
+    }
+    for (const std::string& key : news.phones) {
+        hope(phoneOf(key));
+    }
+}
+
+OutboxSender::Phone& OutboxSender::phoneOf(const std::string& key) {
+    std::unique_ptr<Phone>& phone = phones_[key];
+    if (!phone) {
+        phone = std::make_unique<Phone>();
+        phone->key = key;
+        phone->timer = host_.system.clock.makeTimer(host_.tasks.executor());
+    }
+    return *phone;
+}
+
+bool OutboxSender::isUsed(const std::string& id) const {
+    return std::any_of(phones_.begin(), phones_.end(), [&id](const auto& entry) {
+        return entry.second->attempt && entry.second->attempt->transfer.batch == id;
+    });
+}
+
+void OutboxSender::hope(Phone& phone) {
+    phone.failures = 0;
+    if (phone.attempt) {
+        phone.goesOnAtOnce = true;
+    } else {
+        phone.isByHope = false;
+        tryNow(phone);
+    }
+}
+
+void OutboxSender::tryNow(Phone& phone) {
+    phone.timer->disarm();
+    phone.isPausing = false;
+    startNext(phone);
+}
+
+void OutboxSender::startNext(Phone& phone) {
+    while (!isStopping_ && !phone.attempt && !phone.isPausing) {
+        Job* const job = queue_.nextFor(phone.key);
+        if (job == nullptr || begin(phone, *job)) {
+            return;
+        }
+    }
+}
+
+bool OutboxSender::begin(Phone& phone, Job& job) {
+    OutboxState::Phone& state = *job.state.find(phone.key);
+    const std::string file = *job.nextFor(phone.key);
+    try {
+        const PeerBook book = host_.peers().loadBook();
+        const PeerRecord* const record = findRecord(book, phone.key);
+        if (record == nullptr) {
+            queue_.setAllFailed(phone.key, state.displayName() + " is not paired any more");
+            return false;
+        }
+        phone.record = *record;
+        state.hostname = record->peer_hostname;
+        static_cast<void>(checkPeer(*record, ownKey_.publicKey()));
+        queue_.checkFile(job, file);
+    } catch (const OutboxError& error) {
+        queue_.setFailed(job, phone.key, file, error.description());
+        return false;
+    } catch (const Error& error) {
+        pause(phone, error.description());
+        return true;
+    }
+    launch(phone, job, file);
+    return true;
+}
+
+void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
+    OutboxState::Phone& state = *job.state.find(phone.key);
+    phone.goesOnAtOnce = false;
+    OutboxReporter::Transfer what{.batch = job.id(), .file = file, .to = state.displayName()};
+    phone.attempt = std::make_unique<Attempt>(host_, reporter_, std::move(what), *phone.record, job.batch.folder / file,
+                                              job.state.journalFile(phone.key));
+    noteBegin(phone, job);
+    platform::spawn(host_.tasks.executor(), transfer(*phone.attempt), phone.attempt->stop.slot(),
+                    [this, &phone](const std::exception_ptr& error) {
+                        phone.attempt->error = error;
+                        // not here, where the signal's slot may still be in use
+                        asio::post(host_.tasks.executor(), [this, &phone] { settle(phone); });
+                    });
+}
+
+/// So that later a missing entry says that the file was sent.
+void OutboxSender::noteBegin(const Phone& phone, Job& job) {
+    Attempt& attempt = *phone.attempt;
+    const std::optional<SourceMemory::Source> source =
+        SourceMemory(host_.system, attempt.journal).examine(attempt.file);
+    if (!source) {
+        return; // the attempt will meet the same and report it
+    }
+    const InFlightKey& key = source->key;
+    const std::string id = attempt.journal.getOrCreate(key.name, key.size, key.mime, key.fingerprint);
+    attempt.entry = {key.text(), id};
+    const bool isNoted = attempt.journal.snapshotEntries().contains(key.text());
+    if (isNoted && !job.state.find(phone.key)->begun.contains(attempt.transfer.file)) {
+        queue_.setBegun(job, phone.key, attempt.transfer.file, key.text()); // else its absence would mean nothing
+    }
+}
+
+/// `attempt` stays until it has ended.
+Task<> OutboxSender::transfer(Attempt& attempt) {
+    const SendTimes times;
+    SendRequest request{.fileURL = attempt.file,
+                        .peer = attempt.record,
+                        .staticKey = ownKey_,
+                        .journal = attempt.journal,
+                        .warmConnectTimeout = times.warm,
+                        .postWakeConnectTimeout = times.wake,
+                        .postWakeAttemptTimeout = times.attempt,
+                        .postWakeRetryInterval = times.retry,
+                        .fcmBaseURL = pushServiceURL(),
+                        .progress = &attempt,
+                        .farewellSeconds = farewellSeconds};
+    SentFile sent = co_await sendOneFile(host_.system, std::move(request));
+    attempt.sent = std::move(sent);
+}
+
+void OutboxSender::settle(Phone& phone) {
+    const std::unique_ptr<Attempt> attempt = std::move(phone.attempt);
+    const std::string& id = attempt->transfer.batch;
+    Job* const job = queue_.find(id);
+    if (job != nullptr && attempt->sent && isDoubtful(phone, *attempt)) {
+        settleDoubt(phone, *job, *attempt);
+    } else if (job != nullptr && attempt->sent) {
+        phone.failures = 0;
+        phone.isByHope = false;
+        phone.told.clear();
+        queue_.setDone(*job, phone.key, attempt->transfer, *attempt->sent);
+    } else if (job != nullptr && !job->isDropped && !isStopping_ && !attempt->isCalledOff) {
+        settleFailure(phone, *job, *attempt);
+    }
+    const Job* const left = queue_.find(id);
+    if (left != nullptr && left->isDropped && !isUsed(id)) {
+        discard(id);
+    }
+    startNext(phone);
+}
+
+/// The end of a file was taken by the system, and then the phone did not close the connection: it was reset, most
+/// likely by a phone that has not read it, or nothing was heard any more, or we had to leave. Once for each file, as a
+/// phone that always ends so would get it again and again.
+bool OutboxSender::isDoubtful(Phone& phone, const Attempt& attempt) {
+    return !attempt.hasPhoneClosed && phone.doubtful.insert(attempt.place()).second;
+}
+
+/// Sends it again, under the same id: what the phone has of it is not sent a second time.
+void OutboxSender::settleDoubt(Phone& phone, Job& job, const Attempt& attempt) {
+    if (job.isDropped) {
+        return;
+    }
+    queue_.restoreEntry(job, phone.key, attempt.transfer.file, attempt.entry);
+    if (!isStopping_ && !attempt.isCalledOff) {
+        phone.failures = 0;
+        pause(phone, WireConnection::Error::underlying("the connection was not closed at the end").description());
+    }
+}
+
+/// Whether the attempt before was of use: the phone had more of the file now than then. One that takes a piece each
+/// time and keeps none gets nowhere.
+bool OutboxSender::hasGotFurther(Phone& phone, const Attempt& attempt) {
+    if (!attempt.beginsAt) {
+        return false;
+    }
+    const auto before = std::exchange(phone.reached, {attempt.place(), *attempt.beginsAt});
+    return before.first == attempt.place() ? *attempt.beginsAt > before.second : attempt.hasMoved;
+}
+
+void OutboxSender::settleFailure(Phone& phone, Job& job, const Attempt& attempt) {
+    const std::string text = attempt.failureText();
+    switch (attempt.wasCutOff() ? Verdict::tryAgain : judge(attempt.error)) {
+    case Verdict::fileIsLost:
+        phone.failures = 0; // the phone is there
+        queue_.setFailed(job, phone.key, attempt.transfer.file, text);
+        return;
+    case Verdict::phoneIsLost:
+        phone.failures = 0;
+        queue_.setAllFailed(phone.key, text);
+        return;
+    case Verdict::tryAgain:
+        break;
+    }
+    if (hasGotFurther(phone, attempt)) {
+        phone.failures = 0;
+    } else if (attempt.hasConnected) {
+        queue_.putBehind(job, phone.key, attempt.transfer.file);
+    }
+    // twice in a row would be for ever, if each attempt is a push that makes the phone call
+    if (std::exchange(phone.goesOnAtOnce, false) && !phone.isByHope) {
+        phone.isByHope = true;
+    } else {
+        pause(phone, text);
+    }
+}
+
+void OutboxSender::pause(Phone& phone, const std::string& message) {
+    const double seconds = pauseAfter(++phone.failures);
+    phone.isPausing = true;
+    phone.pausedAt = host_.system.clock.now();
+    phone.timer->arm(seconds, [this, &phone] {
+        phone.isPausing = false;
+        phone.isByHope = false;
+        startNext(phone);
+    });
+    const bool isNews = std::exchange(phone.told, message) != message;
+    queue_.setWaiting(phone.key, message, seconds, isNews);
+}
+
+/// May be the answer to the push of an attempt that has failed all the same; the next one would fail so too, and push.
+void OutboxSender::heardOf(const PeerRecord& record) {
+    const auto at = phones_.find(record.peer_pubkey);
+    if (at == phones_.end()) {
+        return;
+    }
+    Phone& phone = *at->second;
+    if (phone.attempt) {
+        phone.goesOnAtOnce = true;
+        return;
+    }
+    const bool isEcho = phone.isPausing && (host_.system.clock.now() - phone.pausedAt).count() < echoSeconds;
+    if (isEcho && phone.isByHope) {
+        return;
+    }
+    if (!isEcho) {
+        phone.failures = 0;
+    }
+    phone.isByHope = true;
+    tryNow(phone);
+}
+
+void OutboxSender::peersChanged() {
+    PeerBook book;
+    try {
+        book = host_.peers().loadBook();
+    } catch (const PeerStoreError&) {
+        return; // the next attempt meets the same and tells it
+    }
+    for (const auto& [key, phone] : phones_) {
+        const PeerRecord* const record = findRecord(book, key);
+        if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record)) {
+            continue;
+        }
+        if (phone->attempt && (record == nullptr || !phone->attempt->hasConnected)) {
+            phone->attempt->isCalledOff = true;
+            phone->attempt->cancel();
+        }
+        hope(*phone);
+    }
+    lookout_.lookSoon(); // a batch may wait for a store that can be read
+}
+
+bool OutboxSender::retry(const std::optional<std::string>& id) {
+    const bool isFound = !id || queue_.retry(*id);
+    for (const auto& [key, phone] : phones_) {
+        hope(*phone);
+    }
+    lookout_.lookSoon();
+    return isFound;
+}
+
+bool OutboxSender::drop(const std::string& id) {
+    Job* const job = queue_.find(id);
+    if (job == nullptr) {
+        return false;
+    }
+    job->isDropped = true;
+    left_.erase(id);
+    for (const auto& [key, phone] : phones_) {
+        if (phone->attempt && phone->attempt->transfer.batch == id) {
+            phone->attempt->cancel();
+        }
+    }
+    if (!isUsed(id)) {
+        discard(id);
+    }
+    return true;
+}
+
+void OutboxSender::discard(const std::string& id) {
+    if (const std::optional<std::string> problem = queue_.discard(id)) {
+        left_[id] = *problem;
+    }
+}
+
+Task<Json> OutboxSender::answer(Json request) {
+    const std::string what = requireString(request, "request");
+    const std::optional<std::string> id = optionalString(request, "batch");
+    Json reply;
+    if (what == "outbox_retry") {
+        reply["found"] = retry(id);
+    } else if (what == "outbox_drop" && id) {
+        reply["found"] = drop(*id);
+        while (queue_.find(*id) != nullptr) {
+            co_await host_.system.clock.sleep(lookSeconds);
+        }
+        if (const auto left = left_.find(*id); left != left_.end()) {
+            reply = Json{{"error", left->second}};
+        }
+    }
+    co_return reply;
+}
+
+Task<> OutboxSender::finish() {
+    isStopping_ = true;
+    lookout_.stop();
+    const auto isUnderWay = [](const auto& entry) { return entry.second->attempt != nullptr; };
+    for (const auto& [key, phone] : phones_) {
+        phone->timer->disarm();
+        if (phone->attempt) {
+            phone->attempt->cancel();
+        }
+    }
+    while (std::any_of(phones_.begin(), phones_.end(), isUnderWay)) {
+        co_await host_.system.clock.sleep(lookSeconds);
+    }
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,98 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "orlinth/Host.h"
+#include "orlinth/OutboxLookout.h"
+#include "orlinth/OutboxQueue.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orlinth::host {
+
+/// Sends what lies in the outbox: each batch to each of its phones, the phones side by side, and for one phone its
+/// batches in the order of their age and the files of a batch in the order of its manifest.
+///
+/// What fails because the phone cannot be reached, or because the connection breaks, is tried again after growing
+/// pauses; and at once when there is reason to hope: the phone is heard of, its record changes, a new batch comes for
+/// it, somebody asks for it. What the phone declines, or what cannot be read, is not tried again. A batch that every
+/// phone has is removed; one of which something is not sent for good, or that makes no sense, is set aside.
+///
+/// Everything here, and each send, runs on the thread of the runner, as the events and the receive service's callbacks
+/// do: so nothing is shared, and the writes of a few kilobytes that each file costs hold nobody up for long. The
+/// service's connections have threads of their own.
+class OutboxSender {
+public:
+    /// Seconds after the handshake without any progress, after which an attempt is given up. Somebody at the phone may
+    /// take two minutes to say yes.
+    static constexpr double silenceSeconds = 300;
+    /// Seconds that a phone may take to close after the end of a file. Until it has closed, the end may still be in
+    /// this computer's buffers, megabytes of it; so one that is silent for longer is not believed to have everything.
+    static constexpr double farewellSeconds = 60;
+    /// Seconds that a pause has lasted, after which being heard of is not taken for an answer to our own push.
+    static constexpr double echoSeconds = 60;
+    /// Seconds between two events of progress.
+    static constexpr double progressSeconds = 0.5;
+
+    /// Seconds from the n-th failure in a row, counted from 1, to the next attempt.
+    [[nodiscard]] static double pauseAfter(int failures) noexcept;
+
+    /// What is referred to outlives this.
+    OutboxSender(Host& host, const platform::PrivateKey& ownKey);
+    ~OutboxSender();
+    OutboxSender(const OutboxSender&) = delete;
+    OutboxSender& operator=(const OutboxSender&) = delete;
+
+    /// From now on. Once.
+    void start();
+    /// This phone has just proved its key.
+    void heardOf(const PeerRecord& record);
+    /// The peer store may have changed.
+    void peersChanged();
+    /// Answers `{"request":"outbox_retry"}`, with `"batch"` or without, and `{"request":"outbox_drop","batch":"…"}`,
+    /// the latter once nothing is left of the batch: `{"found":true}`, or false if there is no such batch; of one that
+    /// could not be removed `{"error":"…"}`. Anything else gets null.
+    [[nodiscard]] Task<Json> answer(Json request);
+    /// Ends what is under way, so that it can be resumed. The last call; start() need not have been called.
+    [[nodiscard]] Task<> finish();
+
+private:
+    struct Attempt;
+    struct Phone;
+    using Job = OutboxQueue::Job;
+
+    void look();
+    [[nodiscard]] Phone& phoneOf(const std::string& key);
+    [[nodiscard]] bool isUsed(const std::string& id) const;
+    /// There is reason to try again now.
+    void hope(Phone& phone);
+    void tryNow(Phone& phone);
+    void startNext(Phone& phone);
+    /// Returns whether an attempt, or a pause, has begun; else what was next has failed for good.
+    [[nodiscard]] bool begin(Phone& phone, Job& job);
+    void launch(Phone& phone, Job& job, const std::string& file);
+    void noteBegin(const Phone& phone, Job& job);
+    [[nodiscard]] Task<> transfer(Attempt& attempt);
+    void settle(Phone& phone);
+    [[nodiscard]] static bool isDoubtful(Phone& phone, const Attempt& attempt);
+    void settleDoubt(Phone& phone, Job& job, const Attempt& attempt);
+    [[nodiscard]] static bool hasGotFurther(Phone& phone, const Attempt& attempt);
+    void settleFailure(Phone& phone, Job& job, const Attempt& attempt);
+    void pause(Phone& phone, const std::string& message);
+    [[nodiscard]] bool retry(const std::optional<std::string>& id);
+    [[nodiscard]] bool drop(const std::string& id);
+    void discard(const std::string& id);
+
+    Host& host_;
+    const platform::PrivateKey& ownKey_;
+    OutboxReporter reporter_;
+    OutboxQueue queue_;
+    OutboxLookout lookout_;
+    std::map<std::string, std::unique_ptr<Phone>> phones_; ///< by key; none goes
+    std::map<std::string, std::string> left_;              ///< batches that could not be removed, and why
+    bool isStopping_ = false;
+};
+
+} // namespace orlinth::host

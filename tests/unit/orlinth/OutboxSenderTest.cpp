@@ -1,0 +1,459 @@
+#include "OutboxWorld.h"
+
+#include <gmock/gmock.h>
+
+namespace orlinth::host {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class OutboxSenderTest : public OutboxWorldTest {};
+
+TEST_F(OutboxSenderTest, SendsTheFilesOfABatchInTheirOrderAndRemovesIt) {
+    put(first, {"b.txt", "a.txt"});
+    world_.alongside(take(2));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("b.txt", "a.txt"));
+    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_FALSE(isThere(memory / first));
+    const std::vector<Json> sent = told("outbox_sent");
+    ASSERT_EQ(2U, sent.size());
+    EXPECT_EQ(first, sent[0].at("batch"));
+    EXPECT_EQ("b.txt", sent[0].at("file"));
+    EXPECT_EQ("Pixel-8", sent[0].at("to"));
+    EXPECT_EQ(16, sent[0].at("bytes_sent"));
+    EXPECT_EQ(0, sent[0].at("resumed_from_offset"));
+    EXPECT_EQ(1U, told("outbox_done").size());
+    EXPECT_THAT(titles(), ElementsAre("Sent 2 files to Pixel-8"));
+}
+
+TEST_F(OutboxSenderTest, SendsTheOlderBatchFirst) {
+    put(first, {"later.txt"}, 2000);
+    put(second, {"earlier.txt"}, 1000);
+    world_.alongside(take(2));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("earlier.txt", "later.txt"));
+}
+
+TEST_F(OutboxSenderTest, HearsTheBell) {
+    start();
+    pass(1);
+    put(first, {"a.txt"});
+    world_.alongside(take(1));
+    ring();
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxSenderTest, SeesABatchGrowWithoutABell) {
+    start();
+    pass(1);
+    world_.files.putFolder(outbox / first);
+    const std::unique_ptr<platform::File> hold = world_.files.open(outbox / first, platform::OpenMode::read);
+    ASSERT_TRUE(hold->tryLock());
+    world_.folders.change(outbox);
+    pass(0.1);
+    ASSERT_TRUE(world_.folders.isWatched(outbox / first));
+    world_.alongside(take(1));
+    put(first, {"a.txt"});
+    world_.folders.change(outbox / first);
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+    EXPECT_FALSE(world_.folders.isWatched(outbox / first));
+    EXPECT_TRUE(world_.folders.isWatched(outbox));
+}
+
+TEST_F(OutboxSenderTest, LooksOnceAMinuteIfNothingElseSaysSo) {
+    start();
+    pass(1);
+    put(first, {"a.txt"});
+    world_.alongside(take(1));
+    pass(58);
+    EXPECT_THAT(taken_, IsEmpty());
+    pass(2);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxSenderTest, LooksEverySecondWhereNothingCanBeWatched) {
+    world_.folders.errorNumber = ENOSPC;
+    start();
+    pass(10);
+    put(first, {"a.txt"});
+    world_.alongside(take(1));
+    pass(1.1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxSenderTest, TriesAgainAfterGrowingPauses) {
+    put(first, {"a.txt"});
+    start();
+    std::optional<double> begin;
+    const std::vector<double> pauses =
+        gapsUntil(13000, [this, &begin] { begin = begin.value_or(world_.clock.elapsed()); });
+    EXPECT_NEAR(OutboxLookout::gatherSeconds, begin.value(), 1e-9);
+    EXPECT_THAT(pauses, ElementsAre(5, 15, 60, 300, 900, 3600, 3600, 3600));
+    const std::vector<Json> waiting = told("outbox_waiting");
+    ASSERT_EQ(9U, waiting.size());
+    EXPECT_EQ(5, waiting[0].at("retry_in_seconds"));
+    EXPECT_EQ(3600, waiting[8].at("retry_in_seconds"));
+    EXPECT_EQ("network: Connection refused", waiting[0].at("message"));
+    EXPECT_EQ(errors_.find("waiting for"), errors_.rfind("waiting for")) << "told more than once: " << errors_;
+    EXPECT_THAT(titles(), ElementsAre("Waiting for Pixel-8"));
+    EXPECT_TRUE(isThere(outbox / first / "a.txt"));
+}
+
+TEST_F(OutboxSenderTest, TriesAtOnceWhenThePhoneIsHeardOf) {
+    put(first, {"a.txt"});
+    start();
+    pass(1000); // in the middle of a long pause
+    const std::size_t before = attempts();
+    sender_->heardOf(tabletRecord());
+    pass(0.1);
+    EXPECT_EQ(before, attempts()) << "that was another one";
+    world_.alongside(take(1));
+    sender_->heardOf(world_.phoneRecord());
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxSenderTest, BeginsWithTheShortPauseAgainWhenThePhoneWasHeardOf) {
+    put(first, {"a.txt"});
+    start();
+    pass(1000);
+    sender_->heardOf(world_.phoneRecord());
+    pass(0.1);
+    const std::size_t before = attempts();
+    pass(5);
+    EXPECT_EQ(before + 1, attempts());
+}
+
+TEST_F(OutboxSenderTest, TriesAtOnceWhenTheRecordHasChanged) {
+    put(first, {"a.txt"});
+    start();
+    pass(1000);
+    const std::size_t before = attempts();
+    PeerRecord record = world_.phoneRecord();
+    record.peer_subnet = "another"; // by which nobody is reached
+    pair({record});
+    sender_->peersChanged();
+    pass(0.1);
+    EXPECT_EQ(before, attempts());
+    record.peer_ip = "203.0.113.99";
+    pair({record});
+    world_.alongside(take(1));
+    sender_->peersChanged();
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+    EXPECT_EQ("203.0.113.99", world_.network.attempts.back().first);
+}
+
+TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {
+    world_.network.makeSilent("203.0.113.2");
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    EXPECT_EQ(1U, attempts());
+    PeerRecord record = world_.phoneRecord();
+    record.peer_ip = "203.0.113.99";
+    pair({record});
+    world_.alongside(take(1));
+    sender_->peersChanged();
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+}
+
+TEST_F(OutboxSenderTest, TriesAtOnceWhenAnotherBatchComes) {
+    put(first, {"a.txt"});
+    start();
+    pass(1000);
+    put(second, {"b.txt"}, 2000);
+    world_.alongside(take(2));
+    ring();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
+}
+
+TEST_F(OutboxSenderTest, TellsOfEachBatchOnceThatItsPhoneIsAway) {
+    put(first, {"a.txt"});
+    start();
+    pass(100);
+    put(second, {"b.txt"}, 2000);
+    ring();
+    pass(100);
+    EXPECT_THAT(titles(), ElementsAre("Waiting for Pixel-8", "Waiting for Pixel-8"));
+}
+
+TEST_F(OutboxSenderTest, GivesUpWhatThePhoneDeclinesAndGoesOn) {
+    put(first, {"a.txt", "b.txt"});
+    world_.alongside(answer(Row::decline(), 1));
+    start();
+    pass(0.051);
+    world_.alongside(take(1));
+    pass(30);
+    EXPECT_THAT(taken_, ElementsAre("b.txt"));
+    const std::vector<Json> failed = told("outbox_failed");
+    ASSERT_EQ(2U, failed.size());
+    EXPECT_EQ("a.txt", failed[0].at("file"));
+    EXPECT_EQ("the phone declined the file.", failed[0].at("message"));
+    EXPECT_FALSE(failed[1].contains("file"));
+    EXPECT_THAT(failed[1].at("message").get<std::string>(), HasSubstr("a.txt not sent to Pixel-8"));
+    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_EQ("content of a.txt", world_.files.content(container / "OutboxSetAside" / first / "a.txt"));
+}
+
+TEST_F(OutboxSenderTest, GivesUpEverythingForAPhoneThatHasForgottenThisComputer) {
+    put(first, {"a.txt", "b.txt"}, 1000);
+    put(second, {"c.txt"}, 2000);
+    world_.alongside(answer(Row::unpair(), 1));
+    start();
+    pass(60);
+    EXPECT_EQ(1U, attempts());
+    EXPECT_EQ(4U, told("outbox_failed").size()) << "of each batch: for the phone, and that it is set aside";
+    EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
+    EXPECT_TRUE(isThere(container / "OutboxSetAside" / second));
+}
+
+TEST_F(OutboxSenderTest, ServesTheOtherPhonesOfABatchOneOfWhichWasRemoved) {
+    put(first, {"a.txt"}, 1000, std::vector<std::string>{"GONE", world_.phoneRecord().peer_pubkey});
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+    EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
+    EXPECT_THAT(told("outbox_failed").at(0).at("message").get<std::string>(), HasSubstr("not paired any more"));
+}
+
+TEST_F(OutboxSenderTest, GivesUpWhatIsForAPhoneThatIsRemovedMeanwhile) {
+    put(first, {"a.txt"}, 1000, std::vector<std::string>{world_.phoneRecord().peer_pubkey});
+    start();
+    pass(1);
+    pair({tabletRecord()});
+    sender_->peersChanged();
+    pass(1);
+    EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
+}
+
+TEST_F(OutboxSenderTest, DoesNotLetAPhoneThatIsAwayHoldUpAnother) {
+    pair({world_.phoneRecord(), tabletRecord()});
+    put(first, {"a.txt"}, 1000, std::vector<std::string>{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+    EXPECT_TRUE(isThere(outbox / first / "a.txt"));
+    EXPECT_THAT(titles(), testing::UnorderedElementsAre("Waiting for Tablet", "Sent 1 file to Pixel-8"));
+}
+
+TEST_F(OutboxSenderTest, SetsAsideWhatMakesNoSenseAndTouchesNothingElse) {
+    world_.files.put(outbox / first / "manifest.json", "{");
+    world_.files.put(outbox / first / "a.txt", "abc");
+    world_.files.put(outbox / "note.txt", "somebody's");
+    put(second, {"b.txt"});
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_EQ("abc", world_.files.content(container / "OutboxSetAside" / first / "a.txt"));
+    EXPECT_EQ("somebody's", world_.files.content(outbox / "note.txt"));
+    EXPECT_THAT(taken_, ElementsAre("b.txt"));
+    const std::vector<Json> failed = told("outbox_failed");
+    ASSERT_EQ(1U, failed.size());
+    EXPECT_EQ(first, failed[0].at("batch"));
+    EXPECT_THAT(failed[0].at("message").get<std::string>(), HasSubstr("makes no sense"));
+}
+
+TEST_F(OutboxSenderTest, SetsAsideWhatIsForNobody) {
+    pair({});
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
+    EXPECT_EQ("no phone is paired", told("outbox_failed").at(0).at("message"));
+}
+
+TEST_F(OutboxSenderTest, TellsOnceOfABatchThatCannotBeSetAsideEither) {
+    world_.files.put(outbox / first / "manifest.json", "{");
+    world_.files.addFault({.operation = fakes::Operation::rename, .errorNumber = EACCES});
+    start();
+    pass(300);
+    EXPECT_EQ(1U, told("outbox_failed").size());
+    world_.files.clearFaults();
+}
+
+TEST_F(OutboxSenderTest, DoesNotSendAgainAfterARestartWhatItHasSent) {
+    put(first, {"a.txt", "b.txt"});
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    stop();
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
+    EXPECT_FALSE(isThere(outbox / first));
+}
+
+TEST_F(OutboxSenderTest, NotesWhatItBeginsBeforeAnythingIsSent) {
+    put(first, {"a.txt"});
+    world_.alongside(keepSilent());
+    start();
+    pass(1);
+    const Json phone = parseJson(*world_.files.content(memory / first / "state.json")).at("phones").at(0);
+    const std::string entry = phone.at("begun").at("a.txt");
+    OutboxState known = OutboxState::load(world_.files, memory / first).value();
+    const std::string journal = *world_.files.content(known.journalFile(world_.phoneRecord().peer_pubkey));
+    EXPECT_TRUE(InFlightJournal::decodeEntries(parseJson(journal)).contains(entry));
+}
+
+TEST_F(OutboxSenderTest, KnowsWhatItHasSentAlsoIfItWasKilledBeforeItCouldNoteIt) {
+    put(first, {"a.txt", "b.txt"});
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    stop();
+    ASSERT_THAT(taken_, ElementsAre("a.txt"));
+    Json state = parseJson(*world_.files.content(memory / first / "state.json"));
+    state["phones"][0]["done"] = Json::array();
+    state["phones"][0]["begun"]["a.txt"] = "an entry that has gone from the journal";
+    world_.files.put(memory / first / "state.json", compactJson(state));
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
+    EXPECT_FALSE(isThere(outbox / first));
+}
+
+TEST_F(OutboxSenderTest, SendsAgainUnderTheSameIdWhatWasBrokenOffAtTheEnd) {
+    put(first, {"a.txt"});
+    world_.alongside(breakOffAtTheEnd(2));
+    start();
+    pass(6);
+    ASSERT_EQ(2U, ids_.size());
+    EXPECT_EQ(ids_[0], ids_[1]);
+    EXPECT_EQ(1U, told("outbox_waiting").size());
+    EXPECT_EQ(1U, told("outbox_sent").size()) << "the second time it is believed";
+    EXPECT_FALSE(isThere(outbox / first));
+}
+
+TEST_F(OutboxSenderTest, SendsAgainWhatItCannotKnowToBeSent) {
+    put(first, {"a.txt", "b.txt"});
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    stop();
+    world_.files.put(memory / first / "state.json", "rubbish");
+    world_.alongside(take(2));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "a.txt", "b.txt"));
+}
+
+TEST_F(OutboxSenderTest, DropsABatch) {
+    put(first, {"a.txt"}, 1000);
+    put(second, {"b.txt"}, 2000);
+    start();
+    pass(1);
+    EXPECT_EQ((Json{{"found", true}}), world_.run(sender_->answer({{"request", "outbox_drop"}, {"batch", first}})));
+    EXPECT_EQ((Json{{"found", false}}), world_.run(sender_->answer({{"request", "outbox_drop"}, {"batch", first}})));
+    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_FALSE(isThere(memory / first));
+    EXPECT_TRUE(isThere(outbox / second));
+}
+
+TEST_F(OutboxSenderTest, EndsWhatIsUnderWayOfABatchThatIsDropped) {
+    world_.network.makeSilent("203.0.113.2");
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    EXPECT_EQ((Json{{"found", true}}), world_.run(sender_->answer({{"request", "outbox_drop"}, {"batch", first}})));
+    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_FALSE(isThere(memory / first));
+    pass(100);
+    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+    EXPECT_THAT(told("outbox_failed"), IsEmpty());
+}
+
+TEST_F(OutboxSenderTest, TakesABatchWhoseFolderHasGoneForDropped) {
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    world_.files.remove(outbox / first / "a.txt");
+    world_.files.remove(outbox / first / "manifest.json");
+    world_.files.removeDirectory(outbox / first);
+    world_.folders.change(outbox);
+    pass(0.1);
+    EXPECT_FALSE(isThere(memory / first));
+    const std::size_t before = attempts();
+    pass(1000);
+    EXPECT_EQ(before, attempts());
+    EXPECT_THAT(told("outbox_failed"), IsEmpty());
+}
+
+TEST_F(OutboxSenderTest, RetriesWhatWaits) {
+    put(first, {"a.txt"});
+    start();
+    pass(1000);
+    world_.alongside(take(1));
+    EXPECT_EQ((Json{{"found", true}}), world_.run(sender_->answer({{"request", "outbox_retry"}})));
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxSenderTest, RetriesABatchThatWasSetAsideWithoutWhatWasSentOfIt) {
+    put(first, {"a.txt", "b.txt"});
+    world_.alongside(take(1));
+    start();
+    pass(0.051);
+    world_.alongside(answer(Row::decline(), 1));
+    pass(30);
+    ASSERT_TRUE(isThere(container / "OutboxSetAside" / first));
+    world_.alongside(take(1));
+    EXPECT_EQ((Json{{"found", true}}), world_.run(sender_->answer({{"request", "outbox_retry"}, {"batch", first}})));
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
+    EXPECT_FALSE(isThere(container / "OutboxSetAside" / first));
+    EXPECT_EQ((Json{{"found", false}}), world_.run(sender_->answer({{"request", "outbox_retry"}, {"batch", first}})));
+}
+
+TEST_F(OutboxSenderTest, AnswersNothingElse) {
+    start();
+    EXPECT_TRUE(world_.run(sender_->answer({{"request", "something"}})).is_null());
+    EXPECT_TRUE(world_.run(sender_->answer({{"request", "outbox_drop"}})).is_null());
+}
+
+TEST_F(OutboxSenderTest, GivesUpAnAttemptWithoutAHandshake) {
+    const std::unique_ptr<platform::Listener> silent = world_.network.listen(
+        {.port = fakes::World::phonePort, .keepAlive = std::nullopt}, world_.context.get_executor());
+    put(first, {"a.txt"});
+    start();
+    pass(10.2);
+    EXPECT_EQ("noise handshake: timed out after 10 seconds", told("outbox_waiting").at(0).at("message"));
+}
+
+TEST_F(OutboxSenderTest, WaitsFiveMinutesForAnAnswerToTheOffer) {
+    put(first, {"a.txt"});
+    world_.alongside(keepSilent());
+    start();
+    pass(299);
+    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+    pass(2);
+    EXPECT_THAT(told("outbox_waiting").at(0).at("message").get<std::string>(), HasSubstr("no progress"));
+}
+
+TEST_F(OutboxSenderTest, SaysNothingOfAnEmptyOutbox) {
+    start();
+    pass(1000);
+    stop();
+    collect();
+    EXPECT_THAT(told_, IsEmpty());
+    EXPECT_EQ("", errors_);
+    EXPECT_THAT(titles(), IsEmpty());
+}
+
+} // namespace
+} // namespace orlinth::host

@@ -1,0 +1,392 @@
+#include "OutboxWorld.h"
+#include "orlinth/RemovedPeers.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+
+namespace orlinth::host {
+namespace {
+
+using fakes::Operation;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr std::size_t chunkBytes = 1 << 20;
+const platform::Path setAside = container / "OutboxSetAside";
+
+/// What phones, disks and people do to a batch on its way.
+class OutboxTroubleTest : public OutboxWorldTest {
+protected:
+    Json drop() { return world_.run(sender_->answer({{"request", "outbox_drop"}, {"batch", first}})); }
+    Json retry() { return world_.run(sender_->answer({{"request", "outbox_retry"}, {"batch", first}})); }
+    void look() {
+        world_.folders.change(outbox);
+        pass(0.1);
+    }
+    /// Takes what comes in `count` connections, but hangs up on offers of this name.
+    [[nodiscard]] Task<> takeAllBut(std::string name, int count) {
+        for (int i = 0; i < count; ++i) {
+            const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
+            const auto offer = co_await phone->expect<Row::FileOffer>();
+            taken_.push_back(offer.name);
+            if (offer.name != name) {
+                co_await phone->send(Row::resume(offer.transfer_id, 0));
+                const Bytes data = co_await phone->receiveUntilDone();
+            }
+            phone->close();
+        }
+    }
+    /// A batch of one file, of five pieces.
+    void putLarge() {
+        put(first, {"a.bin"});
+        world_.files.put(outbox / first / "a.bin", std::string(5 * chunkBytes, 'x'));
+    }
+};
+
+// Phones that take no proper leave
+
+TEST_F(OutboxTroubleTest, BelievesAPhoneThatTakesItsTimeToClose) {
+    put(first, {"a.txt"});
+    world_.alongside(closeLate(50));
+    start();
+    pass(49);
+    EXPECT_THAT(told("outbox_sent"), IsEmpty());
+    pass(2);
+    EXPECT_EQ(1U, told("outbox_sent").size());
+    EXPECT_EQ(1U, attempts());
+    EXPECT_FALSE(isThere(outbox / first));
+}
+
+TEST_F(OutboxTroubleTest, SendsAgainUnderTheSameIdAtWhoseEndThePhoneWasSilent) {
+    put(first, {"a.txt"});
+    world_.alongside(closeLate(1000));
+    start();
+    pass(61);
+    EXPECT_THAT(told("outbox_sent"), IsEmpty());
+    EXPECT_THAT(told("outbox_waiting").at(0).at("message").get<std::string>(), HasSubstr("not closed at the end"));
+    ASSERT_TRUE(isThere(outbox / first / "a.txt")) << "the only copy";
+    world_.alongside(closeLate(1000));
+    pass(66);
+    ASSERT_EQ(2U, ids_.size());
+    EXPECT_EQ(ids_[0], ids_[1]);
+    EXPECT_EQ(1U, told("outbox_sent").size()) << "the second time it is believed";
+    EXPECT_FALSE(isThere(outbox / first));
+}
+
+TEST_F(OutboxTroubleTest, SendsAgainAfterARestartWhatEndedWhenItHadToLeave) {
+    put(first, {"a.txt"});
+    world_.alongside(closeLate(30));
+    start();
+    pass(1);
+    stop();
+    EXPECT_TRUE(isThere(outbox / first / "a.txt"));
+    EXPECT_THAT(told("outbox_sent"), IsEmpty());
+    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+    world_.alongside(closeLate(0));
+    start();
+    pass(1);
+    ASSERT_EQ(2U, ids_.size());
+    EXPECT_EQ(ids_[0], ids_[1]);
+    EXPECT_FALSE(isThere(outbox / first));
+}
+
+// Files that a phone cannot take
+
+TEST_F(OutboxTroubleTest, SendsTheOthersFirstWhereAPhoneHangsUpOnOne) {
+    put(first, {"bad", "good"}, 1);
+    put(second, {"later"}, 2);
+    world_.alongside(takeAllBut("bad", 5));
+    start();
+    pass(30);
+    EXPECT_THAT(taken_, ElementsAre("bad", "good", "later", "bad", "bad"));
+    EXPECT_EQ(2U, told("outbox_sent").size());
+    EXPECT_TRUE(isThere(outbox / first / "bad")) << "it is tried again";
+    EXPECT_FALSE(isThere(outbox / second));
+}
+
+TEST_F(OutboxTroubleTest, KeepsTheOrderForAPhoneThatCannotBeReached) {
+    put(first, {"a.txt", "b.txt"}, 1);
+    start();
+    pass(4);
+    ASSERT_EQ(1U, attempts());
+    world_.alongside(take(2));
+    pass(3);
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
+}
+
+// Pauses
+
+TEST_F(OutboxTroubleTest, MakesLongerPausesForAPhoneThatKeepsNothingOfWhatItTakes) {
+    putLarge();
+    world_.alongside(takePieces({0, 0, 0, 0}));
+    start();
+    EXPECT_THAT(gapsUntil(200), ElementsAre(5, 15, 60));
+}
+
+TEST_F(OutboxTroubleTest, MakesShortPausesForAPhoneThatKeepsWhatItTakes) {
+    putLarge();
+    world_.alongside(takePieces({0, chunkBytes, 2 * chunkBytes, 2 * chunkBytes, 2 * chunkBytes}));
+    start();
+    EXPECT_THAT(gapsUntil(150), ElementsAre(5, 5, 5, 15, 60));
+}
+
+TEST_F(OutboxTroubleTest, MakesAShortPauseWhenAPhoneThatWasAwayHasTakenAPiece) {
+    putLarge();
+    start();
+    pass(100); // the next attempt is at 380
+    world_.alongside(takePieces({0}));
+    EXPECT_THAT(gapsUntil(390), ElementsAre(5));
+}
+
+TEST_F(OutboxTroubleTest, GoesOnAtOnceOnlyOnceInARowForAPhoneThatIsHeardOfDuringEachAttempt) {
+    world_.network.makeSilent("203.0.113.2");
+    put(first, {"a.txt"});
+    start();
+    // as one that is woken by each attempt and cannot be reached all the same; an attempt takes five seconds
+    EXPECT_THAT(gapsUntil(400, [this] { sender_->heardOf(world_.phoneRecord()); }),
+                ElementsAre(5, 10, 5, 20, 5, 65, 5));
+}
+
+TEST_F(OutboxTroubleTest, DoesNotTakeItsOwnEchoForNews) {
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    EXPECT_EQ(1U, attempts());
+    const auto hear = [this] {
+        sender_->heardOf(world_.phoneRecord());
+        pass(0.1);
+        return attempts();
+    };
+    EXPECT_EQ(2U, hear()) << "it may have come by itself";
+    EXPECT_EQ(2U, hear());
+    pass(14);
+    EXPECT_EQ(2U, hear()) << "the pause is the longer one";
+    pass(2);
+    EXPECT_EQ(3U, attempts());
+    EXPECT_EQ(4U, hear());
+    pass(55);
+    EXPECT_EQ(4U, hear());
+    pass(5);
+    EXPECT_EQ(5U, hear()) << "after a minute it is news";
+    pass(5);
+    EXPECT_EQ(6U, attempts()) << "and the pauses are short again";
+}
+
+// Folders that are somewhere else
+
+TEST_F(OutboxTroubleTest, TouchesNothingBehindALinkThatTookAFoldersPlace) {
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    moveBehindALink();
+    look();
+    EXPECT_EQ("content of a.txt", world_.files.content("/mnt/moved/a.txt"));
+    EXPECT_TRUE(isThere("/mnt/moved/manifest.json"));
+    EXPECT_TRUE(isThere(outbox / first)) << "the link itself";
+    EXPECT_FALSE(isThere(memory / first));
+    const std::size_t before = attempts();
+    pass(1000);
+    EXPECT_EQ(before, attempts()) << "it was taken back";
+    EXPECT_THAT(told("outbox_failed"), IsEmpty());
+}
+
+TEST_F(OutboxTroubleTest, TouchesNothingBehindALinkThatCameDuringASend) {
+    put(first, {"a.txt"});
+    world_.alongside(closeLate(10));
+    start();
+    pass(1);
+    moveBehindALink();
+    pass(10);
+    EXPECT_EQ(1U, told("outbox_sent").size());
+    EXPECT_EQ(1U, told("outbox_done").size());
+    EXPECT_TRUE(isThere("/mnt/moved/a.txt"));
+    EXPECT_TRUE(isThere("/mnt/moved/manifest.json"));
+    EXPECT_FALSE(isThere(memory / first));
+}
+
+TEST_F(OutboxTroubleTest, TouchesNothingBehindALinkWhoseBatchIsDropped) {
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    moveBehindALink();
+    EXPECT_EQ((Json{{"found", true}}), drop());
+    EXPECT_TRUE(isThere("/mnt/moved/a.txt"));
+    EXPECT_FALSE(isThere(memory / first));
+}
+
+TEST_F(OutboxTroubleTest, TakesNoBatchForGoneThatItCannotLookAt) {
+    for (const Operation operation : {Operation::open, Operation::status, Operation::list}) {
+        for (const int errorNumber : {EMFILE, ENFILE, ENOMEM, EIO, EACCES}) {
+            SCOPED_TRACE(testing::Message() << static_cast<int>(operation) << " " << errorNumber);
+            put(first, {"a.txt"});
+            start();
+            pass(1);
+            for (const char* name : {first, "Outbox"}) {
+                world_.files.addFault({.operation = operation, .errorNumber = errorNumber, .nameEnding = name});
+                look();
+                world_.files.clearFaults();
+                EXPECT_EQ("content of a.txt", world_.files.content(outbox / first / "a.txt"));
+                EXPECT_TRUE(isThere(memory / first));
+            }
+            EXPECT_EQ((Json{{"found", true}}), drop()) << "it was not forgotten";
+            stop();
+        }
+    }
+    EXPECT_THAT(told("outbox_failed"), IsEmpty());
+}
+
+TEST_F(OutboxTroubleTest, RemembersWhatIsSentOfABatchThatItCannotLookAtWhenItStarts) {
+    put(first, {"a.txt", "b.txt"});
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    stop();
+    ASSERT_THAT(taken_, ElementsAre("a.txt"));
+    for (const Operation operation : {Operation::open, Operation::status}) {
+        world_.files.addFault({.operation = operation, .errorNumber = EMFILE, .nameEnding = first});
+        start();
+        stop();
+        world_.files.clearFaults();
+    }
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
+}
+
+TEST_F(OutboxTroubleTest, ClearsNoBatchWhoseManifestItCannotLookAt) {
+    put(first, {"a.txt"}); // older than a minute, by the tests' clock
+    world_.files.addFault({.operation = Operation::status, .errorNumber = EIO, .nameEnding = "manifest.json"});
+    start();
+    pass(130);
+    EXPECT_EQ("content of a.txt", world_.files.content(outbox / first / "a.txt"));
+    world_.files.clearFaults();
+    world_.alongside(take(1));
+    ring();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxTroubleTest, ClearsNoBatchThatItHasTakenIn) {
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    world_.files.remove(outbox / first / "manifest.json");
+    look();
+    EXPECT_EQ("content of a.txt", world_.files.content(outbox / first / "a.txt"));
+}
+
+TEST_F(OutboxTroubleTest, ServesTheOtherBatchesWhereOneIsClosedToIt) {
+    put(first, {"a.txt"});
+    world_.files.putFolder(outbox / second, 0000);
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxTroubleTest, TellsOnceThatThereCanBeNoOutbox) {
+    world_.files.put(container, "a file is in its place");
+    start();
+    pass(100);
+    const std::vector<Json> errors = told("error");
+    ASSERT_EQ(1U, errors.size());
+    EXPECT_THAT(errors[0].at("message").get<std::string>(), HasSubstr("there is no outbox, and none can be made"));
+    world_.files.remove(container);
+    pass(2);
+    world_.alongside(take(1));
+    put(first, {"a.txt"});
+    ring();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+// Failures that are told
+
+TEST_F(OutboxTroubleTest, SaysThatADropDidNotRemoveTheBatch) {
+    put(first, {"a.txt"});
+    start();
+    pass(1);
+    world_.files.addFault({.operation = Operation::remove, .errorNumber = EACCES, .nameEnding = "a.txt"});
+    EXPECT_EQ((Json{{"error", "it cannot be removed: Permission denied"}}), drop());
+    EXPECT_TRUE(isThere(setAside / first / "a.txt"));
+    EXPECT_EQ(1U, told("outbox_failed").size());
+    world_.files.clearFaults();
+    EXPECT_EQ((Json{{"found", true}}), retry());
+    pass(0.1);
+    EXPECT_EQ((Json{{"found", true}}), drop());
+}
+
+TEST_F(OutboxTroubleTest, RetriesABatchThatCouldNotBeSetAside) {
+    world_.files.put(outbox / first / "manifest.json", "{");
+    world_.files.addFault({.operation = Operation::rename, .errorNumber = EACCES});
+    start();
+    pass(1);
+    ASSERT_EQ(1U, told("outbox_failed").size());
+    world_.files.clearFaults();
+    put(first, {"a.txt"}); // somebody has mended it
+    world_.alongside(take(1));
+    EXPECT_EQ((Json{{"found", true}}), retry());
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxTroubleTest, SaysOfABatchWhoseNameIsTakenThatItIsLeftToPeople) {
+    world_.files.put(setAside / first / "manifest.json", "{");
+    world_.files.put(outbox / first / "manifest.json", "{");
+    start();
+    pass(1);
+    collect();
+    EXPECT_THAT(errors_, HasSubstr((setAside / first).string() + " 2; one of its name lies there already"));
+    EXPECT_THAT(errors_, testing::Not(HasSubstr("outbox retry")));
+}
+
+TEST_F(OutboxTroubleTest, DoesNotTakeForSentWhatWasNotWhenTheJournalIsAnother) {
+    put(first, {"a.txt"});
+    world_.alongside(answer(Row::decline(), 1));
+    start();
+    pass(1);
+    ASSERT_TRUE(isThere(setAside / first));
+    OutboxState known = OutboxState::load(world_.files, memory / first).value();
+    world_.files.put(known.journalFile(world_.phoneRecord().peer_pubkey), R"({"entries":{}})");
+    world_.alongside(take(1));
+    EXPECT_EQ((Json{{"found", true}}), retry());
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+// Batches without a choice
+
+TEST_F(OutboxTroubleTest, DoesNotSendToAnotherPhoneThanTheOneThatWasThere) {
+    PeerRecord record = world_.phoneRecord();
+    record.paired_at_epoch_ms = 2000;
+    pair({record});
+    RemovedPeers(world_.files, host_.dataDirectory()).add(tabletKey_.publicKey());
+    put(first, {"a.txt"}, 1000);
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_EQ(0U, attempts());
+    EXPECT_EQ("the only phone that was paired when it was shared is not paired any more",
+              told("outbox_failed").at(0).at("message"));
+    ASSERT_TRUE(isThere(setAside / first / "a.txt"));
+    EXPECT_EQ((Json{{"found", true}}), retry()) << "who asks for it again, means the phone that is there";
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxTroubleTest, SendsToTheOnlyPhoneWhereNoneWasRemoved) {
+    PeerRecord record = world_.phoneRecord();
+    record.paired_at_epoch_ms = 2000; // it may have been paired anew
+    pair({record});
+    put(first, {"a.txt"}, 1000);
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+} // namespace
+} // namespace orlinth::host

@@ -1,0 +1,230 @@
+#pragma once
+
+#include "fakes/World.h"
+#include "orlinth/OutboxSender.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <iostream>
+#include <sstream>
+#include <variant>
+
+namespace orlinth::host {
+
+inline const platform::Path container = "/home/ann/.local/share/group.com.tarvinex.orlinth";
+inline const platform::Path outbox = container / "Outbox";
+inline const platform::Path memory = "/home/ann/.local/share/Orlinth/outbox";
+inline constexpr const char* first = "0A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9";
+inline constexpr const char* second = "1A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9";
+
+/// A computer whose service sends what is in its outbox, in virtual time.
+class OutboxWorldTest : public testing::Test {
+protected:
+    using ScriptedPeer = fakes::ScriptedPeer;
+    using Row = TransportMessage;
+
+    OutboxWorldTest() {
+        output_.useJson();
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        pair({world_.phoneRecord()});
+    }
+    ~OutboxWorldTest() override {
+        stop();
+        collect();
+        testing::internal::GetCapturedStdout();
+        testing::internal::GetCapturedStderr();
+        std::cout << reports_;
+    }
+
+    void pair(const std::vector<PeerRecord>& records) {
+        PeerStore(world_.files, world_.system.directories).writeBook({records});
+    }
+    [[nodiscard]] PeerRecord tabletRecord() const {
+        PeerRecord record = world_.phoneRecord();
+        record.peer_pubkey = tabletKey_.publicKey().base64();
+        record.peer_hostname = "Tablet";
+        record.peer_port = tabletPort;
+        return record;
+    }
+
+    /// A complete batch, without anybody being told.
+    void put(const std::string& id, const std::vector<std::string>& files, std::int64_t createdAtMs = 1000,
+             std::optional<std::vector<std::string>> phones = std::nullopt) {
+        for (const std::string& name : files) {
+            world_.files.put(outbox / id / name, "content of " + name);
+        }
+        const ShareOutbox::Manifest manifest{
+            .id = id, .createdAtMs = createdAtMs, .files = files, .targetPubkeys = std::move(phones)};
+        world_.files.put(outbox / id / "manifest.json", compactJson(manifest.toJson()));
+    }
+    void ring() { ShareOutbox::postPending(world_.signals); }
+
+    void start() {
+        sender_.emplace(host_, world_.computerKey);
+        sender_->start();
+    }
+    void stop() {
+        if (sender_) {
+            world_.run(sender_->finish());
+            sender_.reset();
+        }
+        fakes::runUntilIdle(world_.context, world_.clock);
+    }
+    void pass(double seconds) { world_.run(world_.clock.sleep(seconds)); }
+
+    /// Takes what comes in `count` connections, one after the other.
+    [[nodiscard]] Task<> take(int count) {
+        for (int i = 0; i < count; ++i) {
+            const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
+            const auto offer = co_await phone->expect<Row::FileOffer>();
+            co_await phone->send(Row::resume(offer.transfer_id, 0));
+            const Bytes data = co_await phone->receiveUntilDone();
+            taken_.push_back(offer.name);
+            EXPECT_EQ("content of " + offer.name, std::string(asText(data)));
+            phone->close();
+        }
+    }
+    /// Answers the offers of `count` connections in this way.
+    [[nodiscard]] Task<> answer(Row message, int count) {
+        for (int i = 0; i < count; ++i) {
+            const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
+            const auto offer = co_await phone->expect<Row::FileOffer>();
+            co_await phone->send(message);
+            const bool ended = co_await phone->seesTheEnd();
+            EXPECT_TRUE(ended);
+        }
+    }
+    /// Hears an offer and says nothing to it.
+    [[nodiscard]] Task<> keepSilent() {
+        const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
+        const auto offer = co_await phone->expect<Row::FileOffer>();
+        const bool ended = co_await phone->seesTheEnd();
+        EXPECT_TRUE(ended);
+    }
+    /// Takes `count` files, and resets each connection after the end.
+    [[nodiscard]] Task<> breakOffAtTheEnd(int count) {
+        for (int i = 0; i < count; ++i) {
+            const auto phone = co_await acceptForReset();
+            const auto offer = co_await phone->expect<Row::FileOffer>();
+            ids_.push_back(offer.transfer_id);
+            co_await phone->send(Row::resume(offer.transfer_id, 0));
+            const Bytes data = co_await phone->receiveUntilDone();
+            reset_->reset();
+        }
+    }
+    /// Takes one file, and closes so many seconds after its end.
+    [[nodiscard]] Task<> closeLate(double seconds) {
+        const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
+        const auto offer = co_await phone->expect<Row::FileOffer>();
+        ids_.push_back(offer.transfer_id);
+        co_await phone->send(Row::resume(offer.transfer_id, 0));
+        const Bytes data = co_await phone->receiveUntilDone();
+        co_await world_.clock.sleep(seconds);
+        phone->close();
+    }
+    /// Takes a piece in each of as many connections as there are offsets, at which it goes on, and resets them.
+    [[nodiscard]] Task<> takePieces(std::vector<std::int64_t> offsets) {
+        for (const std::int64_t offset : offsets) {
+            const auto phone = co_await acceptForReset();
+            const auto offer = co_await phone->expect<Row::FileOffer>();
+            co_await phone->send(Row::resume(offer.transfer_id, offset));
+            const DecodedFrame piece = co_await phone->receive();
+            EXPECT_TRUE(std::holds_alternative<Bytes>(piece));
+            reset_->reset();
+        }
+    }
+    [[nodiscard]] Task<std::unique_ptr<ScriptedPeer>> acceptForReset() {
+        const std::unique_ptr<platform::Listener> listener = world_.network.listen(
+            {.port = fakes::World::phonePort, .keepAlive = std::nullopt}, world_.context.get_executor());
+        std::unique_ptr<platform::Stream> stream = co_await listener->accept(world_.context.get_executor());
+        reset_ = dynamic_cast<fakes::MemoryStream*>(stream.get());
+        auto wire = std::make_unique<WireConnection>(std::move(stream), world_.clock);
+        NoiseHandshake handshake(NoiseRole::responder, world_.phoneKey.clone(), asBytes(kOrlinthPrologue));
+        co_await exchangeAsResponder(*wire, handshake);
+        co_return std::make_unique<ScriptedPeer>(std::move(wire), std::move(handshake).finalize());
+    }
+    [[nodiscard]] static std::string_view asText(const Bytes& data) {
+        return {reinterpret_cast<const char*>(data.data()), data.size()};
+    }
+
+    /// Everything that was told so far, "name to file" and so on.
+    void collect() {
+        std::istringstream lines(testing::internal::GetCapturedStdout());
+        std::string line;
+        while (std::getline(lines, line)) {
+            if (line.starts_with("{")) {
+                told_.push_back(parseJson(line));
+            } else {
+                reports_ += line + "\n"; // of the test itself
+            }
+        }
+        errors_ += testing::internal::GetCapturedStderr();
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+    }
+    [[nodiscard]] std::vector<Json> told(const std::string& name) {
+        collect();
+        std::vector<Json> found;
+        for (const Json& event : told_) {
+            if (event.at("event") == name) {
+                found.push_back(event);
+            }
+        }
+        return found;
+    }
+    [[nodiscard]] std::size_t attempts() const { return world_.network.attempts.size(); }
+    /// Lets time pass up to this instant, or the next at which something happens; seconds from each attempt to connect
+    /// to the next, up to this instant.
+    [[nodiscard]] std::vector<double> gapsUntil(double end, const std::function<void()>& onAttempt = [] {}) {
+        std::vector<double> gaps;
+        std::optional<double> last;
+        while (world_.clock.elapsed() < end) {
+            const std::size_t before = attempts();
+            EXPECT_TRUE(world_.clock.advanceToNextAlarm());
+            world_.context.restart();
+            world_.context.poll();
+            const double now = world_.clock.elapsed();
+            if (attempts() > before && now <= end) {
+                if (last) {
+                    gaps.push_back(std::round((now - *last) * 1000) / 1000);
+                }
+                last = now;
+                onAttempt();
+            }
+        }
+        return gaps;
+    }
+    /// The folder of the first batch goes to another place, and a link to there takes its name.
+    void moveBehindALink() {
+        world_.files.putFolder("/mnt");
+        world_.files.rename(outbox / first, "/mnt/moved");
+        world_.files.putLink(outbox / first, "/mnt/moved");
+    }
+    [[nodiscard]] std::vector<std::string> titles() const {
+        std::vector<std::string> titles;
+        for (const auto& shown : world_.notifications.shown) {
+            titles.push_back(shown.notification.title);
+        }
+        return titles;
+    }
+    [[nodiscard]] bool isThere(const platform::Path& path) const { return world_.files.exists(path); }
+
+    static constexpr std::uint16_t tabletPort = 7002;
+    fakes::World world_;
+    platform::PrivateKey tabletKey_ = platform::PrivateKey::generate();
+    TaskRunner tasks_{world_.context};
+    Output output_;
+    Host host_{world_.system, tasks_, output_};
+    std::optional<OutboxSender> sender_;
+    std::vector<std::string> taken_;
+    std::vector<std::string> ids_;
+    fakes::MemoryStream* reset_ = nullptr; ///< of the connection that is to be reset
+    std::vector<Json> told_;
+    std::string errors_;
+    std::string reports_;
+};
+
+} // namespace orlinth::host
