@@ -40,3 +40,7 @@ install(CODE "
 install(FILES "${PROJECT_BINARY_DIR}/orlinth.service" "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth.socket"
               "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth-desktop.service"
         DESTINATION lib/systemd/user)
+
+if(TARGET orlinth-share)
+  include(OrlinthDesktop)
+endif()

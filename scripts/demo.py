@@ -1,4 +1,4 @@
-"""The story that scripts/demo tells. Usage: demo.py ORLINTH [FILE]"""
+"""The story that scripts/demo tells. Usage: demo.py ORLINTH ORLINTH_SHARE [FILE]"""
 
 import hashlib
 import json
@@ -326,6 +326,37 @@ class Demo:
         tell(green("All the same, byte for byte."))
 
 
+    def share(self, sheet):
+        """From the file manager: the sheet puts a file into the outbox, and it goes when the phone is there."""
+        step("The share sheet: a file goes on its way while the phone is away")
+        file = self.folder / "shared.pdf"
+        make_file(file, 5 * MIB)
+        host = self.start("desk", "serve", "--port", "0", "--no-clipboard", "--json")
+        host.wait_for("listening")
+        # no window: the sheet asks nobody where there is only one phone, and the demo may run without a screen
+        environment = {**self.environment("desk"), "QT_QPA_PLATFORM": "offscreen"}
+        shared = subprocess.run([sheet, "--", file.as_uri()], env=environment, capture_output=True, encoding="utf-8",
+                                errors="replace", timeout=PATIENCE)
+        if shared.returncode != 0:
+            raise Trouble(f"orlinth-share: {shared.stderr.strip()}")
+        waiting = host.wait_for("outbox_waiting")
+        tell(f"The sheet is done. The service says: {faint(waiting['message'])}")
+        downloads = self.folder / "phone" / "shared"
+        phone = self.start("phone", "serve", "--port", str(self.ports["phone"]), "--dir", str(downloads),
+                           "--no-clipboard", "--json")
+        phone.wait_for("listening")
+        tell("The phone is back.")
+        host.wait_for("outbox_done")
+        saved = pathlib.Path(phone.wait_for("received")["saved_at"])
+        if sha256(saved) != sha256(file):
+            raise Trouble("the files differ")
+        tell(green(f"It has come, byte for byte: {saved.name}, {human(saved.stat().st_size)}"))
+        for service in (host, phone):
+            service.process.terminate()
+            if service.finish() != 0:
+                raise Trouble(f"the service did not end well: {service.last_words()}")
+
+
 def free_port():
     """A port that nobody listens on now."""
     with socket.create_server(("127.0.0.1", 0)) as probe:
@@ -368,8 +399,8 @@ def cut_and_resume(demo, folder, given):
 
 
 def main():
-    orlinth = os.path.abspath(sys.argv[1])
-    given = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
+    orlinth, sheet = (os.path.abspath(program) for program in sys.argv[1:3])
+    given = pathlib.Path(sys.argv[3]) if len(sys.argv) > 3 else None
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: sys.exit(143))
     with tempfile.TemporaryDirectory(prefix="orlinth-demo-") as name:
@@ -387,6 +418,7 @@ def main():
                 demo.deliver(given, 0)
             demo.answer()
             demo.serve()
+            demo.share(sheet)
             print(f"\n{green('That was the whole of it.')} Now between two machines: see README.md.")
             return 0
         except (Trouble, subprocess.TimeoutExpired) as error:

@@ -89,12 +89,12 @@ class Desktop:
 class X11Desktop(Desktop):
     kind = "x11"
 
-    def __init__(self):
+    def __init__(self, screen="64x64x24", options=lambda folder: []):
         super().__init__()
         reader, writer = os.pipe()
         # the server looks for a free number itself
         server = self.start(["Xvfb", "-displayfd", str(writer), "-nolisten", "tcp", "-noreset",
-                             "-screen", "0", "64x64x24"], pass_fds=[writer])
+                             "-screen", "0", screen, *options(self.folder)], pass_fds=[writer])
         os.close(writer)
         try:
             self.environment["DISPLAY"] = ":" + read_line(reader, server, "Xvfb")

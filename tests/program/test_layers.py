@@ -10,7 +10,8 @@ SOURCE = pathlib.Path(os.environ["ORLINTH_SOURCE"])
 
 HEADERS = ("base/Bytes.h", "platform/Clock.h", "platform/linux/LinuxSystem.h", "OrlinthCore/SecureChannel/Wire.h",
            "OrlinthCore/Peers/Record.h", "OrlinthCore/Sending/ActiveTransfers.h", "OrlinthCore/Sending/Journal.h",
-           "OrlinthCore/Receiving/Receiver.h", "orlinth/Output.h")
+           "OrlinthCore/Receiving/Receiver.h", "OrlinthCore/Share/ShareOutbox.h", "OrlinthShare/SharePickerView.h",
+           "orlinth/Output.h")
 
 
 def check(root):
@@ -47,6 +48,9 @@ class Layers(unittest.TestCase):
                            ("orlinth/main.cpp", '#include "platform/linux/LinuxSystem.h"'),
                            ("orlinth/main.cpp", '#include "Output.h"'),
                            ("orlinth/main.cpp", "#include <unistd.h>"),
+                           ("OrlinthShare/A.cpp", "#include <QWidget>"),
+                           ("OrlinthShare/A.cpp", '#include "OrlinthCore/Share/ShareOutbox.h"'),
+                           ("OrlinthShare/main.cpp", '#include "platform/linux/LinuxSystem.h"'),
                            ("OrlinthCore/Sending/A.h", "Task<> send(WireConnection& wire, std::string name);"),
                            ("OrlinthCore/Sending/A.h", "std::string name(const std::string& path);")):
             with self.subTest(path=path, line=line):
@@ -68,6 +72,14 @@ class Layers(unittest.TestCase):
                            ("OrlinthCore/SecureChannel/A.cpp", '#include "OrlinthCore/Peers/Record.h"'),
                            ("OrlinthCore/Sending/A.cpp", '#include "Nowhere.h"'),
                            ("orlinth/main.cpp", "#include <openssl/evp.h>"),
+                           ("orlinth/main.cpp", "#include <QWidget>"),
+                           ("orlinth/main.cpp", '#include "OrlinthShare/SharePickerView.h"'),
+                           ("platform/linux/A.cpp", "#include <QtGui/QImage>"),
+                           ("OrlinthCore/Share/A.cpp", "#include <QString>"),
+                           ("OrlinthShare/A.cpp", '#include "platform/linux/LinuxSystem.h"'),
+                           ("OrlinthShare/A.cpp", '#include "OrlinthCore/Sending/Journal.h"'),
+                           ("OrlinthShare/A.cpp", '#include "orlinth/Output.h"'),
+                           ("OrlinthShare/A.cpp", "#include <sys/socket.h>"),
                            ("OrlinthCore/Sending/A.cpp", "co_spawn(executor, run(), asio::detached);"),
                            ("OrlinthCore/Sending/A.h", "Task<> send(const std::string& name);"),
                            ("OrlinthCore/Sending/B.h", "Task<std::size_t> send(int n,\n  std::string_view name) override;"),
