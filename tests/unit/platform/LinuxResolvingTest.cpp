@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <cstring>
 #include <dlfcn.h>
 #include <netdb.h>
@@ -15,7 +16,13 @@
 
 namespace {
 
-std::counting_semaphore<> answers(0); ///< what the slow name waits for
+std::counting_semaphore<> questions(0); ///< for the slow name, that have come
+std::counting_semaphore<> answers(0);   ///< what it waits for
+
+/// Until a question has come: one that is cancelled before is never asked.
+[[nodiscard]] bool isAsked() {
+    return questions.try_acquire_for(std::chrono::seconds(30));
+}
 
 } // namespace
 
@@ -27,6 +34,7 @@ extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo
         return EAI_NONAME;
     }
     if (asked == "slow.test") {
+        questions.release();
         answers.acquire();
         return real("127.0.0.1", service, hints, found);
     }
@@ -114,6 +122,7 @@ TEST_F(LinuxResolving, ResolvesWithoutBlockingAndThenConnects) {
     asio::post(context_, answer);
     EXPECT_EQ(fakes::runTask(context_, endpointReached(network_, "slow.test", port, context_.get_executor())),
               "127.0.0.1:" + std::to_string(port));
+    EXPECT_TRUE(isAsked());
 }
 
 TEST_F(LinuxResolving, LeavesAtOnceWhenItIsCancelledWhileTheResolverStillWorks) {
@@ -122,6 +131,7 @@ TEST_F(LinuxResolving, LeavesAtOnceWhenItIsCancelledWhileTheResolverStillWorks) 
     spawn(context_.get_executor(), connectAndForget(network_, "slow.test", 1, context_.get_executor()), signal.slot(),
           [&end](std::exception_ptr error) { end = std::move(error); });
     context_.poll();
+    ASSERT_TRUE(isAsked());
     EXPECT_FALSE(end.has_value());
     signal.emit(asio::cancellation_type::terminal);
     context_.poll();
@@ -143,6 +153,7 @@ TEST(LinuxSystemResolving, OutlivesTheSystemThatAskedForIt) {
     spawn(context.get_executor(), connectAndForget(system->system().network, "slow.test", 1, context.get_executor()),
           signal.slot(), [&cancelled](std::exception_ptr error) { cancelled = fakes::isCancelled(error); });
     context.poll();
+    ASSERT_TRUE(isAsked());
     EXPECT_TRUE(system->isResolving());
     signal.emit(asio::cancellation_type::terminal);
     context.poll();
