@@ -279,10 +279,12 @@ class Relay:
     flip: the offset of a byte of which one bit is turned. bytes_per_second: how fast at most.
     buffer: how many bytes the kernel may hold on each side of the relay; by default it takes megabytes, so that the
     sender can be done long before a slow receiver has read anything.
+    when: a function; once the limit is reached, `then` waits until it says yes. However small the relay's buffers are,
+    the kernel keeps megabytes for a program that is slow to read.
     """
 
     def __init__(self, port, answers=False, after_bytes=None, after_frames=None, then="cut", flip=None,
-                 bytes_per_second=None, buffer=None):
+                 bytes_per_second=None, buffer=None, when=None):
         self.target = port
         self.buffer = buffer
         self.answers = answers
@@ -291,6 +293,7 @@ class Relay:
         self.then = then
         self.flip = flip
         self.bytes_per_second = bytes_per_second
+        self.when = when
         self.reached = threading.Event()
         self.closed = threading.Event()
         self.listener = socket.create_server(("127.0.0.1", 0))
@@ -321,8 +324,9 @@ class Relay:
         try:
             if ruled and self.frames is not None:
                 self._forward_frames(source, sink)
-            else:
-                self._forward_bytes(source, sink, ruled)
+                self._end()
+            elif self._forward_bytes(source, sink, ruled):
+                self._end()
         except OSError:
             self._cut()
 
@@ -330,7 +334,6 @@ class Relay:
         for _ in range(self.frames):
             prefix = self._exactly(source, 4)
             sink.sendall(prefix + self._exactly(source, struct.unpack(">I", prefix)[0]))
-        self._end()
 
     @staticmethod
     def _exactly(source, count):
@@ -343,13 +346,14 @@ class Relay:
         return data
 
     def _forward_bytes(self, source, sink, ruled):
+        """Whether the limit was reached; otherwise the source has ended."""
         passed = 0
         limit = self.limit if ruled else None
         while limit is None or passed < limit:
             piece = source.recv(65536 if limit is None else min(65536, limit - passed))
             if not piece:
                 sink.shutdown(socket.SHUT_WR)
-                return
+                return False
             if ruled and self.flip is not None and passed <= self.flip < passed + len(piece):
                 damaged = bytearray(piece)
                 damaged[self.flip - passed] ^= 1
@@ -359,9 +363,11 @@ class Relay:
                 self.closed.wait(len(piece) / self.bytes_per_second)
             sink.sendall(piece)
             passed += len(piece)
-        self._end()
+        return True
 
     def _end(self):
+        while self.when and not self.when() and not self.closed.wait(0.005):
+            pass
         self.reached.set()
         if self.then == "hold":
             self.closed.wait()
