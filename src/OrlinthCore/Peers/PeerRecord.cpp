@@ -110,6 +110,12 @@ PeerBook PeerBook::fromJson(const Json& json) {
     return book;
 }
 
+const PeerRecord* PeerBook::find(const std::string& pubkey) const noexcept {
+    const auto at = std::find_if(peers.begin(), peers.end(),
+                                 [&pubkey](const PeerRecord& record) { return record.peer_pubkey == pubkey; });
+    return at == peers.end() ? nullptr : &*at;
+}
+
 PeerStoreError PeerStoreError::directoryCreate(const std::string& text) {
     return {Case::directoryCreate, "could not create storage directory: " + text};
 }

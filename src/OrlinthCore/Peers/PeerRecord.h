@@ -44,6 +44,8 @@ struct PeerBook {
     [[nodiscard]] Json toJson() const;
     /// @throws JsonError
     [[nodiscard]] static PeerBook fromJson(const Json& json);
+    /// The first record of this key, in Base64; null if there is none.
+    [[nodiscard]] const PeerRecord* find(const std::string& pubkey) const noexcept;
 
     bool operator==(const PeerBook&) const = default;
 };

@@ -30,9 +30,8 @@ SenderRecord::SenderRecord(platform::System& system, const platform::PublicKey& 
 
 std::optional<PeerRecord> SenderRecord::find() const {
     const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
-    const auto at = std::find_if(book.peers.begin(), book.peers.end(),
-                                 [this](const PeerRecord& record) { return record.peer_pubkey == pubkey_; });
-    return at == book.peers.end() ? std::nullopt : std::optional(*at);
+    const PeerRecord* const record = book.find(pubkey_);
+    return record == nullptr ? std::nullopt : std::optional(*record);
 }
 
 std::string SenderRecord::displayName() const noexcept {

@@ -119,6 +119,13 @@ TEST(PeerRecord, CopiesWithOneFieldChanged) {
     EXPECT_EQ(phone("k").withHostname("Phone of Ada"), expected);
 }
 
+TEST(PeerBook, FindsTheFirstRecordOfAKey) {
+    const PeerBook book{{phone("ONE"), phone("ONE", "later")}};
+    EXPECT_EQ(&book.peers.front(), book.find("ONE"));
+    EXPECT_EQ(nullptr, book.find("TWO"));
+    EXPECT_EQ(nullptr, PeerBook{}.find(""));
+}
+
 TEST(PeerStorePlace, IsTheUsersFolderOrTheOneGiven) {
     MemoryFileSystem files;
     const platform::UserDirectories directories{"/data", "/config", "/downloads"};
