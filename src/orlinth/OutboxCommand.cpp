@@ -100,7 +100,6 @@ private:
         try {
             listed.batch = isSetAside ? batches.readSetAside(id) : batches.read(id);
             if (std::optional<OutboxState> known = OutboxState::load(host.system.files, memoryOf(host, id))) {
-                known->learnFromJournals();
                 listed.state = std::move(*known);
             } else {
                 for (const std::string& name : listed.batch.manifest.files) {
@@ -245,7 +244,6 @@ private:
         if (listed.isSetAside) {
             bringBack(host, batches, listed.id);
         } else if (std::optional<OutboxState> state = OutboxState::load(host.system.files, memoryOf(host, listed.id))) {
-            state->learnFromJournals();
             state->forgetFailures();
             state->save();
         }

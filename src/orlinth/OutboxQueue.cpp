@@ -40,27 +40,56 @@ std::optional<std::string> OutboxQueue::Job::nextFor(const std::string& key) {
     if (phone == nullptr || isDropped) {
         return std::nullopt;
     }
+    const std::vector<std::string>& files = batch.manifest.files;
+    std::size_t& first = firstOpen[key];
+    while (first < files.size() && !phone->isOpen(files[first])) {
+        ++first;
+    }
     std::optional<std::string> next;
     int fewest = 0;
-    for (const std::string& file : batch.manifest.files) {
-        if (!phone->isOpen(file)) {
+    for (std::size_t i = first; i < files.size(); ++i) {
+        if (!phone->isOpen(files[i])) {
             continue;
         }
-        const int count = attemptsInVain(key, file);
-        if (count == 0) {
-            return file;
-        }
+        const int count = attemptsInVain(key, files[i]);
         if (!next || count < fewest) {
-            next = file;
+            next = files[i];
             fewest = count;
+        }
+        if (count == 0) {
+            break;
         }
     }
     return next;
 }
 
+std::vector<platform::Path> OutboxQueue::Job::upcoming(const std::string& key, std::size_t most) {
+    std::vector<platform::Path> paths;
+    const std::optional<std::string> next = nextFor(key);
+    if (!next) {
+        return paths;
+    }
+    paths.push_back(batch.folder / *next);
+    const OutboxState::Phone& phone = *state.find(key);
+    const std::vector<std::string>& files = batch.manifest.files;
+    for (std::size_t i = firstOpen.at(key); i < files.size() && paths.size() < most; ++i) {
+        if (files[i] != *next && phone.isOpen(files[i]) && attemptsInVain(key, files[i]) == 0) {
+            paths.push_back(batch.folder / files[i]);
+        }
+    }
+    return paths;
+}
+
 int OutboxQueue::Job::attemptsInVain(const std::string& key, const std::string& file) const {
     const auto at = inVain.find({key, file});
     return at == inVain.end() ? 0 : at->second;
+}
+
+void OutboxQueue::Job::startOver() {
+    state.forgetFailures();
+    inVain.clear();
+    through.clear();
+    firstOpen.clear();
 }
 
 OutboxQueue::OutboxQueue(Host& host, OutboxReporter& reporter)
@@ -142,8 +171,7 @@ void OutboxQueue::accept(const std::string& id, News& news) {
         if (state.phones.empty()) {
             throw OutboxError("no phone is paired");
         }
-        auto job = std::make_unique<Job>(
-            Job{.batch = std::move(batch), .state = std::move(state), .through = {}, .inVain = {}});
+        auto job = std::make_unique<Job>(Job{.batch = std::move(batch), .state = std::move(state)});
         for (const OutboxState::Phone& phone : job->state.phones) {
             if (job->nextFor(phone.pubkey)) {
                 news.phones.insert(phone.pubkey);
@@ -165,7 +193,6 @@ void OutboxQueue::accept(const std::string& id, News& news) {
 OutboxState OutboxQueue::remembered(const OutboxBatches::Batch& batch) {
     const platform::Path folder = memoryOf(host_) / batch.manifest.id;
     if (std::optional<OutboxState> known = OutboxState::load(host_.system.files, folder)) {
-        known->learnFromJournals();
         return std::move(*known); // was checked when it came; a file that is gone since concerns that file alone
     }
     for (const std::string& name : batch.manifest.files) {
@@ -199,29 +226,34 @@ OutboxQueue::Job* OutboxQueue::nextFor(const std::string& key) {
 
 // What becomes of it
 
-void OutboxQueue::setBegun(Job& job, const std::string& key, const std::string& file, const std::string& entry) {
-    job.state.find(key)->begun[file] = entry;
-    save(job);
+std::shared_ptr<OutboxJournal> OutboxQueue::journalFor(Job& job, const std::string& key) {
+    std::shared_ptr<OutboxJournal>& journal = job.journals[key];
+    if (!journal) {
+        journal = std::make_shared<OutboxJournal>(host_.system, job.state.journalFile(key));
+    }
+    if (!journal->isPrepared(job.batch.folder / *job.nextFor(key))) {
+        journal->prepare(job.upcoming(key, OutboxJournal::filesPreparedAtOnce));
+    }
+    return journal;
 }
 
-void OutboxQueue::restoreEntry(Job& job, const std::string& key, const std::string& file,
-                               const std::pair<std::string, std::string>& entry) {
+void OutboxQueue::setUnconfirmed(Job& job, const std::string& key, const std::string& file) {
     OutboxState::Phone& phone = *job.state.find(key);
-    try {
-        job.state.restoreEntry(key, entry.first, entry.second);
-    } catch (const platform::SystemError&) {
-        phone.begun.erase(file); // it is sent from its beginning, and the missing entry must not say that it was sent
-        save(job);
-    }
+    phone.unconfirmed.insert(file);
+    saveFile(job, phone, file);
+}
+
+void OutboxQueue::takeBack(Job& job, const std::string& key, const std::string& file) {
+    OutboxState::Phone& phone = *job.state.find(key);
+    phone.unconfirmed.erase(file);
+    saveFile(job, phone, file);
+    job.journals.at(key)->takeBack(job.batch.folder / file);
 }
 
 void OutboxQueue::setDone(Job& job, const std::string& key, const OutboxReporter::Transfer& transfer,
                           const SentFile& sent) {
     OutboxState::Phone& phone = *job.state.find(key);
-    phone.done.insert(transfer.file);
-    phone.begun.erase(transfer.file);
-    phone.waiting.clear();
-    save(job);
+    phone.setDone(transfer.file); // is noted already, as unconfirmed
     reporter_.sent(transfer, sent);
     settlePhone(job, key);
     endIfThrough(job.id());
@@ -229,8 +261,8 @@ void OutboxQueue::setDone(Job& job, const std::string& key, const OutboxReporter
 
 void OutboxQueue::setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message) {
     OutboxState::Phone& phone = *job.state.find(key);
-    phone.setFailed(file, message);
-    save(job);
+    phone.failed[file] = message;
+    saveFile(job, phone, file);
     reporter_.failed({.batch = job.id(), .file = file, .to = phone.displayName()}, message);
     settlePhone(job, key);
     endIfThrough(job.id());
@@ -240,7 +272,7 @@ void OutboxQueue::setAllFailed(const std::string& key, const std::string& messag
     while (Job* const job = nextFor(key)) {
         OutboxState::Phone& phone = *job->state.find(key);
         while (const std::optional<std::string> file = job->nextFor(key)) {
-            phone.setFailed(*file, message);
+            phone.failed[*file] = message;
         }
         save(*job);
         reporter_.failed(job->id(), phone.displayName(), message);
@@ -335,8 +367,16 @@ void OutboxQueue::setAside(const std::string& id, const std::string& message) {
 }
 
 void OutboxQueue::save(Job& job) {
+    note([&job] { job.state.save(); });
+}
+
+void OutboxQueue::saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file) {
+    note([&] { job.state.saveFile(phone, file); });
+}
+
+void OutboxQueue::note(const std::function<void()>& write) {
     try {
-        job.state.save();
+        write();
         isTroubleTold_ = false;
     } catch (const platform::SystemError& error) {
         if (!std::exchange(isTroubleTold_, true)) {
@@ -348,9 +388,7 @@ void OutboxQueue::save(Job& job) {
 
 bool OutboxQueue::retry(const std::string& id) {
     if (Job* const job = find(id)) {
-        job->state.forgetFailures();
-        job->inVain.clear();
-        job->through.clear();
+        job->startOver();
         save(*job);
         return true;
     }
@@ -418,10 +456,8 @@ void bringBack(const Host& host, OutboxBatches& batches, const std::string& id) 
         manifest.reset(); // it makes no sense, and will be set aside again
     }
     std::optional<OutboxState> state = OutboxState::load(host.system.files, memoryOf(host) / id);
-    const std::vector<PeerRecord> paired = host.peers().loadBook().peers;
-    const bool isPaired = state && std::any_of(paired.begin(), paired.end(), [&state](const PeerRecord& record) {
-                              return record.peer_pubkey == state->phones.front().pubkey;
-                          });
+    const PeerBook paired = host.peers().loadBook();
+    const bool isPaired = state && paired.find(state->phones.front().pubkey) != nullptr;
     if (manifest && !manifest->targetPubkeys && !isPaired) {
         chooseAgain(host, *manifest);
     } else if (state) {

@@ -2,6 +2,7 @@
 
 #include "orlinth/Host.h"
 #include "orlinth/OutboxBatches.h"
+#include "orlinth/OutboxJournal.h"
 #include "orlinth/OutboxReporter.h"
 #include "orlinth/OutboxState.h"
 
@@ -27,9 +28,13 @@ public:
     struct Job {
         OutboxBatches::Batch batch;
         OutboxState state;
-        std::set<std::string> through; ///< keys of phones that have been told to have everything
+        std::set<std::string> through{}; ///< keys of phones that have been told to have everything
         /// How many attempts in vain there were for a phone's key and a file, although the phone was there.
-        std::map<std::pair<std::string, std::string>, int> inVain;
+        std::map<std::pair<std::string, std::string>, int> inVain{};
+        /// For a phone's key, how many files at the front of the manifest need no look any more: all of them are sent,
+        /// or have failed. In a batch of thousands a search from the front would take longer than the sending.
+        std::map<std::string, std::size_t> firstOpen{};
+        std::map<std::string, std::shared_ptr<OutboxJournal>> journals{}; ///< by the phone's key; made when needed
         bool isDropped = false;   ///< takes no part any more, and goes when nobody uses it
         bool hasVanished = false; ///< there is nothing in the outbox any more that could be removed with it
 
@@ -37,7 +42,11 @@ public:
         /// The next file for a phone: the first of those with the fewest attempts in vain, so that one which the phone
         /// cannot take does not hold up the others. Nothing if there is none, or the batch is not for that phone.
         [[nodiscard]] std::optional<std::string> nextFor(const std::string& key);
+        /// That file, and those that come behind it if all goes well; `most` in all.
+        [[nodiscard]] std::vector<platform::Path> upcoming(const std::string& key, std::size_t most);
         [[nodiscard]] int attemptsInVain(const std::string& key, const std::string& file) const;
+        /// What has failed is to be tried again.
+        void startOver();
     };
 
     /// What a look has brought.
@@ -68,11 +77,12 @@ public:
     /// @throws OutboxError, platform::SystemError
     void checkFile(const Job& job, const std::string& file) const { batches_.checkFile(job.batch, file); }
 
-    /// A file was begun that the phone's journal knows by `entry`.
-    void setBegun(Job& job, const std::string& key, const std::string& file, const std::string& entry);
-    /// Writes an entry of the phone's journal again, which was removed too early: key and transfer id.
-    void restoreEntry(Job& job, const std::string& key, const std::string& file,
-                      const std::pair<std::string, std::string>& entry);
+    /// The journal for an attempt at the phone's next file, which has its id there by now.
+    [[nodiscard]] std::shared_ptr<OutboxJournal> journalFor(Job& job, const std::string& key);
+    /// The end of a file was sent, and the phone has not closed the connection yet.
+    void setUnconfirmed(Job& job, const std::string& key, const std::string& file);
+    /// It is not to be believed that the phone has the end: the file goes on being open, under the id that it had.
+    void takeBack(Job& job, const std::string& key, const std::string& file);
     /// What may be ended by these is: no job is to be used afterwards without looking for it again.
     void setDone(Job& job, const std::string& key, const OutboxReporter::Transfer& transfer, const SentFile& sent);
     void setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message);
@@ -101,6 +111,9 @@ private:
     void leaveBehind(const std::string& id, bool isThere, const std::string& problem);
     void setAside(const std::string& id, const std::string& message);
     void save(Job& job);
+    void saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file);
+    /// Runs something that may fail for want of a disk, and tells that once.
+    void note(const std::function<void()>& write);
     void log(platform::LogLevel level, const std::string& text) const noexcept;
 
     Host& host_;

@@ -5,7 +5,6 @@
 #include "orlinth/PeerSelection.h"
 #include "orlinth/PushService.h"
 #include "orlinth/SendSchedule.h"
-#include "orlinth/SourceMemory.h"
 #include "platform/SystemError.h"
 
 #include <asio/post.hpp>
@@ -43,12 +42,6 @@ Verdict judge(const std::exception_ptr& error) {
     }
 }
 
-const PeerRecord* findRecord(const PeerBook& book, const std::string& key) {
-    const auto at = std::find_if(book.peers.begin(), book.peers.end(),
-                                 [&key](const PeerRecord& record) { return record.peer_pubkey == key; });
-    return at == book.peers.end() ? nullptr : &*at;
-}
-
 bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other) {
     return one.peer_ip == other.peer_ip && one.peer_port == other.peer_port &&
            one.peer_fcm_token == other.peer_fcm_token;
@@ -58,14 +51,15 @@ bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other) {
 
 /// One file under way to one phone.
 struct OutboxSender::Attempt final : SendProgress {
-    Attempt(Host& hostOf, OutboxReporter& reporterOf, OutboxReporter::Transfer what, PeerRecord peer,
-            platform::Path fileOf, const platform::Path& journalFile)
+    Attempt(Host& hostOf, OutboxQueue& queueOf, OutboxReporter& reporterOf, OutboxReporter::Transfer what,
+            PeerRecord peer, platform::Path fileOf, std::shared_ptr<OutboxJournal> journalOf)
         : host(hostOf),
+          queue(queueOf),
           reporter(reporterOf),
           transfer(std::move(what)),
           record(std::move(peer)),
           file(std::move(fileOf)),
-          journal(hostOf.system.files, journalFile),
+          journal(std::move(journalOf)),
           handshake(hostOf.system.clock, hostOf.tasks.executor(), [this] { cancel(); }),
           silence(hostOf.system.clock, hostOf.tasks.executor(), [this] { cancel(); }) {}
 
@@ -95,6 +89,9 @@ struct OutboxSender::Attempt final : SendProgress {
     void onComplete(const SentFile& result) override {
         silence.end();
         sent = result; // whatever comes now, Done was sent
+        if (OutboxQueue::Job* const job = queue.find(transfer.batch)) {
+            queue.setUnconfirmed(*job, record.peer_pubkey, transfer.file);
+        }
     }
     void onFarewell(WireConnection::Farewell farewell) override {
         hasPhoneClosed = farewell == WireConnection::Farewell::closed;
@@ -114,12 +111,12 @@ struct OutboxSender::Attempt final : SendProgress {
     }
 
     Host& host;
+    OutboxQueue& queue;
     OutboxReporter& reporter;
     OutboxReporter::Transfer transfer;
     PeerRecord record;
     platform::Path file;
-    InFlightJournal journal;
-    std::pair<std::string, std::string> entry; ///< in the journal: key and transfer id
+    std::shared_ptr<OutboxJournal> journal;
     asio::cancellation_signal stop;
     HandshakeLimit handshake;
     TimeLimit silence;
@@ -225,7 +222,7 @@ bool OutboxSender::begin(Phone& phone, Job& job) {
     const std::string file = *job.nextFor(phone.key);
     try {
         const PeerBook book = host_.peers().loadBook();
-        const PeerRecord* const record = findRecord(book, phone.key);
+        const PeerRecord* const record = book.find(phone.key);
         if (record == nullptr) {
             queue_.setAllFailed(phone.key, state.displayName() + " is not paired any more");
             return false;
@@ -249,9 +246,8 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     OutboxState::Phone& state = *job.state.find(phone.key);
     phone.goesOnAtOnce = false;
     OutboxReporter::Transfer what{.batch = job.id(), .file = file, .to = state.displayName()};
-    phone.attempt = std::make_unique<Attempt>(host_, reporter_, std::move(what), *phone.record, job.batch.folder / file,
-                                              job.state.journalFile(phone.key));
-    noteBegin(phone, job);
+    phone.attempt = std::make_unique<Attempt>(host_, queue_, reporter_, std::move(what), *phone.record,
+                                              job.batch.folder / file, queue_.journalFor(job, phone.key));
     platform::spawn(host_.tasks.executor(), transfer(*phone.attempt), phone.attempt->stop.slot(),
                     [this, &phone](const std::exception_ptr& error) {
                         phone.attempt->error = error;
@@ -260,30 +256,13 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
                     });
 }
 
-/// So that later a missing entry says that the file was sent.
-void OutboxSender::noteBegin(const Phone& phone, Job& job) {
-    Attempt& attempt = *phone.attempt;
-    const std::optional<SourceMemory::Source> source =
-        SourceMemory(host_.system, attempt.journal).examine(attempt.file);
-    if (!source) {
-        return; // the attempt will meet the same and report it
-    }
-    const InFlightKey& key = source->key;
-    const std::string id = attempt.journal.getOrCreate(key.name, key.size, key.mime, key.fingerprint);
-    attempt.entry = {key.text(), id};
-    const bool isNoted = attempt.journal.snapshotEntries().contains(key.text());
-    if (isNoted && !job.state.find(phone.key)->begun.contains(attempt.transfer.file)) {
-        queue_.setBegun(job, phone.key, attempt.transfer.file, key.text()); // else its absence would mean nothing
-    }
-}
-
 /// `attempt` stays until it has ended.
 Task<> OutboxSender::transfer(Attempt& attempt) {
     const SendTimes times;
     SendRequest request{.fileURL = attempt.file,
                         .peer = attempt.record,
                         .staticKey = ownKey_,
-                        .journal = attempt.journal,
+                        .journal = attempt.journal->journal(),
                         .warmConnectTimeout = times.warm,
                         .postWakeConnectTimeout = times.wake,
                         .postWakeAttemptTimeout = times.attempt,
@@ -328,7 +307,7 @@ void OutboxSender::settleDoubt(Phone& phone, Job& job, const Attempt& attempt) {
     if (job.isDropped) {
         return;
     }
-    queue_.restoreEntry(job, phone.key, attempt.transfer.file, attempt.entry);
+    queue_.takeBack(job, phone.key, attempt.transfer.file);
     if (!isStopping_ && !attempt.isCalledOff) {
         phone.failures = 0;
         pause(phone, WireConnection::Error::underlying("the connection was not closed at the end").description());
@@ -415,7 +394,7 @@ void OutboxSender::peersChanged() {
         return; // the next attempt meets the same and tells it
     }
     for (const auto& [key, phone] : phones_) {
-        const PeerRecord* const record = findRecord(book, key);
+        const PeerRecord* const record = book.find(key);
         if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record)) {
             continue;
         }

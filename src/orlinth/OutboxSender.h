@@ -21,8 +21,8 @@ namespace orlinth::host {
 /// phone has is removed; one of which something is not sent for good, or that makes no sense, is set aside.
 ///
 /// Everything here, and each send, runs on the thread of the runner, as the events and the receive service's callbacks
-/// do: so nothing is shared, and the writes of a few kilobytes that each file costs hold nobody up for long. The
-/// service's connections have threads of their own.
+/// do: so nothing is shared, and what a file costs there, a line in a file, holds nobody up. The service's connections
+/// have threads of their own.
 class OutboxSender {
 public:
     /// Seconds after the handshake without any progress, after which an attempt is given up. Somebody at the phone may
@@ -73,7 +73,6 @@ private:
     /// Returns whether an attempt, or a pause, has begun; else what was next has failed for good.
     [[nodiscard]] bool begin(Phone& phone, Job& job);
     void launch(Phone& phone, Job& job, const std::string& file);
-    void noteBegin(const Phone& phone, Job& job);
     [[nodiscard]] Task<> transfer(Attempt& attempt);
     void settle(Phone& phone);
     [[nodiscard]] static bool isDoubtful(Phone& phone, const Attempt& attempt);

@@ -1,6 +1,5 @@
 #include "orlinth/OutboxState.h"
 
-#include "OrlinthCore/Sending/InFlightJournal.h"
 #include "base/Hex.h"
 #include "base/Text.h"
 #include "orlinth/OutboxBatches.h"
@@ -18,11 +17,10 @@ constexpr std::uint32_t ownerOnly = 0600;
 constexpr std::uint32_t ownerOnlyFolder = 0700;
 
 Json toJson(const OutboxState::Phone& phone) {
-    Json json{{"pubkey", phone.pubkey},
-              {"hostname", phone.hostname},
-              {"done", phone.done},
-              {"begun", phone.begun},
-              {"failed", phone.failed}};
+    std::set<std::string> done = phone.done;
+    done.insert(phone.unconfirmed.begin(), phone.unconfirmed.end());
+    Json json{
+        {"pubkey", phone.pubkey}, {"hostname", phone.hostname}, {"done", std::move(done)}, {"failed", phone.failed}};
     if (!phone.waiting.empty()) {
         json["waiting"] = phone.waiting;
     }
@@ -56,11 +54,19 @@ const Json& arrayIn(const Json& object, const char* key) {
     return *member;
 }
 
+bool booleanIn(const Json& object, const char* key) {
+    const auto member = object.find(key);
+    if (member == object.end() || !member->is_boolean()) {
+        throw JsonError(std::string("expected true or false as \"") + key + "\"");
+    }
+    return member->get<bool>();
+}
+
 OutboxState::Phone phoneFrom(const Json& json) {
     OutboxState::Phone phone{.pubkey = requireString(json, "pubkey"),
                              .hostname = requireString(json, "hostname"),
                              .done = {},
-                             .begun = textsIn(json, "begun"),
+                             .unconfirmed = {},
                              .failed = textsIn(json, "failed"),
                              .waiting = optionalString(json, "waiting").value_or("")};
     for (const Json& name : arrayIn(json, "done")) {
@@ -69,10 +75,45 @@ OutboxState::Phone phoneFrom(const Json& json) {
     return phone;
 }
 
-const PeerRecord* findRecord(const PeerBook& book, const std::string& pubkey) {
-    const auto at = std::find_if(book.peers.begin(), book.peers.end(),
-                                 [&pubkey](const PeerRecord& record) { return record.peer_pubkey == pubkey; });
-    return at == book.peers.end() ? nullptr : &*at;
+void applyChange(const Json& change, std::vector<OutboxState::Phone>& phones) {
+    const std::string pubkey = requireString(change, "pubkey");
+    const std::string file = requireString(change, "file");
+    const auto phone = std::find_if(phones.begin(), phones.end(),
+                                    [&pubkey](const OutboxState::Phone& one) { return one.pubkey == pubkey; });
+    if (phone == phones.end()) {
+        throw JsonError("a change for a phone that the batch is not for");
+    }
+    if (const std::optional<std::string> reason = optionalString(change, "failed")) {
+        phone->failed[file] = *reason;
+    } else if (booleanIn(change, "done")) {
+        phone->setDone(file);
+    } else {
+        phone->done.erase(file);
+    }
+}
+
+/// Without their ends. What is behind the last end was not written to its own.
+std::vector<ByteView> linesOf(ByteView content) {
+    std::vector<ByteView> lines;
+    for (;;) {
+        const auto end = std::find(content.begin(), content.end(), std::byte{'\n'});
+        if (end == content.end()) {
+            return lines;
+        }
+        const auto length = static_cast<std::size_t>(end - content.begin());
+        lines.push_back(content.first(length));
+        content = content.subspan(length + 1);
+    }
+}
+
+Json changeOf(const OutboxState::Phone& phone, const std::string& file) {
+    Json json{{"pubkey", phone.pubkey}, {"file", file}};
+    if (const auto failure = phone.failed.find(file); failure != phone.failed.end()) {
+        json["failed"] = failure->second;
+    } else {
+        json["done"] = phone.done.contains(file) || phone.unconfirmed.contains(file);
+    }
+    return json;
 }
 
 /// The phone that was the one when there was nothing to choose; null if none is paired.
@@ -100,14 +141,15 @@ OutboxState::Phone freshPhone(const std::string& pubkey, const PeerRecord* recor
     return {.pubkey = pubkey,
             .hostname = record != nullptr ? record->peer_hostname : "",
             .done = {},
-            .begun = {},
+            .unconfirmed = {},
             .failed = {},
             .waiting = {}};
 }
 
-void OutboxState::Phone::setFailed(const std::string& file, const std::string& reason) {
-    failed[file] = reason;
-    begun.erase(file);
+void OutboxState::Phone::setDone(const std::string& file) {
+    done.insert(file);
+    unconfirmed.erase(file);
+    waiting.clear();
 }
 
 bool OutboxState::Phone::isOpen(const std::string& file) const {
@@ -120,58 +162,60 @@ std::string OutboxState::Phone::displayName() const {
 
 std::optional<OutboxState> OutboxState::load(platform::FileSystem& files, const platform::Path& folder) {
     try {
-        const Json json = parseJson(platform::readWholeFile(files, folder / fileName));
         OutboxState state(files, folder);
-        for (const Json& phone : arrayIn(json, "phones")) {
-            state.phones.push_back(phoneFrom(phone));
-        }
-        if (state.phones.empty()) {
-            return std::nullopt;
-        }
+        state.phones = decode(platform::readWholeFile(files, folder / fileName));
         return state;
     } catch (const Error&) {
         return std::nullopt; // the files are sent again: better twice than not at all
     }
 }
 
-Json OutboxState::toJson() const {
+std::vector<OutboxState::Phone> OutboxState::decode(ByteView content) {
+    const std::vector<ByteView> lines = linesOf(content);
+    if (lines.empty()) {
+        throw JsonError("expected a line");
+    }
+    std::vector<Phone> phones;
+    const Json whole = parseJson(lines.front());
+    for (const Json& phone : arrayIn(whole, "phones")) {
+        phones.push_back(phoneFrom(phone));
+    }
+    if (phones.empty()) {
+        throw JsonError("expected a phone");
+    }
+    try {
+        std::for_each(lines.begin() + 1, lines.end(),
+                      [&phones](ByteView line) { applyChange(parseJson(line), phones); });
+    } catch (const JsonError&) {
+        // A power cut has stopped whoever wrote this line; of which file it tells, that one is sent again.
+    }
+    return phones;
+}
+
+std::string OutboxState::encode(const std::vector<Phone>& phones) {
     Json list = Json::array();
     for (const Phone& phone : phones) {
-        list.push_back(host::toJson(phone));
+        list.push_back(toJson(phone));
     }
-    return {{"phones", std::move(list)}};
+    return compactJson({{"phones", std::move(list)}}) + "\n";
 }
 
 void OutboxState::save() {
+    isWhole_ = false;
     files_->createDirectories(folder_, ownerOnlyFolder);
-    platform::writeWholeFile(*files_, folder_ / fileName, asBytes(prettyJson(toJson())), ownerOnly);
+    platform::writeWholeFile(*files_, folder_ / fileName, asBytes(encode(phones)), ownerOnly);
+    isWhole_ = true;
 }
 
-void OutboxState::learnFromJournals() {
-    for (Phone& phone : phones) {
-        if (phone.begun.empty()) {
-            continue;
-        }
-        try {
-            const auto entries =
-                InFlightJournal::decodeEntries(parseJson(platform::readWholeFile(*files_, journalFile(phone.pubkey))));
-            for (const auto& [name, entry] : phone.begun) {
-                if (!entries.contains(entry)) {
-                    phone.done.insert(name);
-                }
-            }
-            std::erase_if(phone.begun, [&phone](const auto& file) { return phone.done.contains(file.first); });
-        } catch (const Error&) {
-            continue;
-        }
+void OutboxState::saveFile(const Phone& phone, const std::string& file) {
+    if (!std::exchange(isWhole_, false)) {
+        save();
+        return;
     }
-}
-
-void OutboxState::restoreEntry(const std::string& pubkey, const std::string& entry, const std::string& transferId) {
-    const platform::Path file = journalFile(pubkey);
-    std::map<std::string, std::string> entries = InFlightJournal(*files_, file).snapshotEntries();
-    entries[entry] = transferId;
-    platform::writeWholeFile(*files_, file, asBytes(prettyJson({{"entries", entries}})), ownerOnly);
+    const std::unique_ptr<platform::File> log = files_->open(folder_ / fileName, platform::OpenMode::write);
+    log->seek(log->status().size);
+    log->write(asBytes(compactJson(changeOf(phone, file)) + "\n"));
+    isWhole_ = true;
 }
 
 platform::Path OutboxState::journalFile(const std::string& pubkey) const {
@@ -215,7 +259,7 @@ std::vector<OutboxState::Phone> phonesFor(const ShareOutbox::Manifest& manifest,
     std::set<std::string> seen;
     for (const std::string& pubkey : *manifest.targetPubkeys) {
         if (seen.insert(pubkey).second) {
-            phones.push_back(freshPhone(pubkey, findRecord(book, pubkey)));
+            phones.push_back(freshPhone(pubkey, book.find(pubkey)));
         }
     }
     return phones;

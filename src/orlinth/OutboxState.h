@@ -15,50 +15,58 @@ namespace orlinth::host {
 
 /// What the host remembers of a batch: to whom it goes, and what has become of each file there.
 ///
-/// A folder `outbox/<batch id>/` of the data folder with `state.json`, replaced whole by each save(), and a journal of
-/// transfer ids for each phone, so that one phone's success leaves the others their resumes:
+/// A folder `outbox/<batch id>/` of the data folder with `state.jsonl`, and a journal of transfer ids for each phone,
+/// so that one phone's success leaves the others their resumes. The first line of `state.jsonl` is everything that was
+/// known when the file was last written whole, here broken in two, and each line below tells what has become of one
+/// file since, so that a batch of thousands costs no more for each of its files than a small one:
 ///
-///     {"phones" : [{"pubkey" : "…", "hostname" : "Pixel", "done" : ["a.jpg"], "begun" : {"b.jpg" : "b.jpg|7|…"},
-///                   "failed" : {"c.jpg" : "the phone declined the file."}, "waiting" : "network: …"}]}
+///     {"phones":[{"pubkey":"…","hostname":"Pixel","done":["a.jpg"],
+///                 "failed":{"c.jpg":"the phone declined the file."},"waiting":"network: …"}]}
+///     {"done":true,"file":"b.jpg","pubkey":"…"}
+///     {"failed":"the phone declined the file.","file":"d.jpg","pubkey":"…"}
+///     {"done":false,"file":"b.jpg","pubkey":"…"}
 ///
-/// "begun" is the key of the file's entry in the phone's journal, recorded once that is on disk. The entry goes when
-/// the file has been sent, so a file that was begun and has no entry was sent, also if the host was killed before it
-/// could say so here.
+/// The last takes the first of the changes back: the phone did not get the end after all.
 class OutboxState {
 public:
     static constexpr const char* folderName = "outbox";
-    static constexpr const char* fileName = "state.json";
+    static constexpr const char* fileName = "state.jsonl";
 
     /// One phone that the batch goes to.
     struct Phone {
         std::string pubkey;   ///< Base64, as in the peer store
         std::string hostname; ///< as it was called last; "" if it was never known here
         std::set<std::string> done;
-        std::map<std::string, std::string> begun;  ///< file, entry in the journal
+        /// Sent to their ends, but the phone has not closed the connection yet. They are still open; but whoever
+        /// loads this state, after the host was killed, finds them done.
+        std::set<std::string> unconfirmed;
         std::map<std::string, std::string> failed; ///< file, reason; those that are not tried again
         std::string waiting;                       ///< why the last attempt failed; "" if none has since a success
 
-        /// The file is not tried again. Nor does it count as begun any more: what becomes of its entry in the journal
-        /// then proves nothing.
-        void setFailed(const std::string& file, const std::string& reason);
+        /// The file was sent, so the phone does not wait for anything just now.
+        void setDone(const std::string& file);
         /// Whether it is neither done nor failed.
         [[nodiscard]] bool isOpen(const std::string& file) const;
         /// What to call it: its name, or the beginning of its key.
         [[nodiscard]] std::string displayName() const;
+
+        bool operator==(const Phone&) const = default;
     };
 
     /// Nothing is remembered yet. `files` outlives this. Touches no file.
     OutboxState(platform::FileSystem& files, platform::Path folder) : files_(&files), folder_(std::move(folder)) {}
-    /// What was remembered; nothing if there is nothing that can be read.
+    /// What was remembered, up to the first line that cannot be read; nothing if that is the first of all.
     [[nodiscard]] static std::optional<OutboxState> load(platform::FileSystem& files, const platform::Path& folder);
+    /// The same of a file's content. @throws JsonError if nothing can be read
+    [[nodiscard]] static std::vector<Phone> decode(ByteView content);
+    /// As a line that can be read alone, with its end.
+    [[nodiscard]] static std::string encode(const std::vector<Phone>& phones);
 
-    /// Makes the folder. @throws platform::SystemError
+    /// Everything, whole. Makes the folder. @throws platform::SystemError
     void save();
-    /// Takes the files as done that were begun and of which the journal has no entry any more. A journal that cannot be
-    /// read proves nothing.
-    void learnFromJournals();
-    /// Puts an entry into the phone's journal under the id that it had. @throws platform::SystemError
-    void restoreEntry(const std::string& pubkey, const std::string& entry, const std::string& transferId);
+    /// What has just become of one file of one of the phones, in a line more. Not flushed: after a power cut the file
+    /// may be sent again. Everything if this object has not saved before. @throws platform::SystemError
+    void saveFile(const Phone& phone, const std::string& file);
     [[nodiscard]] platform::Path journalFile(const std::string& pubkey) const;
     [[nodiscard]] Phone* find(const std::string& pubkey);
     /// Everything that has failed is to be tried again.
@@ -69,10 +77,9 @@ public:
     std::vector<Phone> phones;
 
 private:
-    [[nodiscard]] Json toJson() const;
-
     platform::FileSystem* files_;
     platform::Path folder_;
+    bool isWhole_ = false; ///< another line may follow: what was written last was written to its end
 };
 
 /// The phones that a batch is for: those that its manifest names, paired or not, each once. Where it names none, there

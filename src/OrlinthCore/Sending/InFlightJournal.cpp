@@ -72,7 +72,7 @@ std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t s
             return reserved->second.id;
         }
     }
-    const bool isSpent = batch_ != nullptr && std::erase(batch_->finished_, key) > 0; // and only not yet written so
+    const bool isSpent = batch_ != nullptr && batch_->finished_.erase(key) > 0; // and only not yet written so
     const Entries known = load();
     if (const auto found = known.find(key); found != known.end() && !isSpent) {
         return found->second;
@@ -102,7 +102,7 @@ void InFlightJournal::complete(const std::string& name, std::int64_t size, const
     if (batch_ != nullptr) {
         if (const auto reserved = batch_->reserved_.find(key); reserved != batch_->reserved_.end()) {
             if (--reserved->second.uses <= 0) {
-                batch_->finished_.push_back(key);
+                batch_->finished_[key] = reserved->second.id;
                 batch_->reserved_.erase(reserved);
             }
             return;
@@ -146,7 +146,7 @@ InFlightJournal::Batch::~Batch() {
     journal_.batch_ = nullptr;
     for (const auto& [key, entry] : reserved_) {
         if (entry.isNew && !entry.isBegun) {
-            finished_.push_back(key);
+            finished_[key] = entry.id;
         }
     }
     if (finished_.empty()) {
@@ -155,7 +155,7 @@ InFlightJournal::Batch::~Batch() {
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
     Entries entries = journal_.load();
     std::size_t erased = 0;
-    for (const std::string& key : finished_) {
+    for (const auto& [key, id] : finished_) {
         erased += entries.erase(key);
     }
     if (erased > 0) {
@@ -173,7 +173,7 @@ void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses)
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
     Entries entries = journal_.load();
     const Entries before = entries;
-    for (const std::string& key : finished_) {
+    for (const auto& [key, id] : finished_) {
         entries.erase(key);
     }
     finished_.clear();
@@ -190,6 +190,14 @@ void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses)
     }
     if (entries != before) {
         journal_.write(entries);
+    }
+}
+
+void InFlightJournal::Batch::takeBack(const InFlightKey& file) {
+    const std::lock_guard guard(journal_.lock_);
+    if (const auto finished = finished_.find(file.text()); finished != finished_.end()) {
+        reserved_[finished->first] = {.id = finished->second, .uses = 1, .isNew = false, .isBegun = true};
+        finished_.erase(finished);
     }
 }
 

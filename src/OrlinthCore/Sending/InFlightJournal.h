@@ -104,12 +104,15 @@ public:
     /// As getOrCreate() for each, with one write. An entry is forgotten once so many sends of it have completed: a file
     /// for several phones keeps its id until the last of them has it. Never fails.
     void reserve(const std::vector<Wanted>& files, int uses);
+    /// As if the last complete() of a file that was reserved for one use had not been, if that is not written yet: the
+    /// phone may not have got the end after all.
+    void takeBack(const InFlightKey& file);
 
 private:
     friend class InFlightJournal;
     InFlightJournal& journal_;
     std::map<std::string, Reserved> reserved_; ///< by entry key; guarded by the journal's lock, like the next
-    std::vector<std::string> finished_;        ///< entry keys that are to go from the file
+    Entries finished_;                         ///< what is to go from the file
 };
 
 } // namespace orlinth

@@ -274,6 +274,28 @@ TEST_F(InFlightJournalBatch, WritesCompletionsWithTheNextReservationAndAtItsEnd)
     EXPECT_THAT(journal.snapshotEntries(), IsEmpty()) << "d was never begun";
 }
 
+TEST_F(InFlightJournalBatch, TakesBackACompletionThatIsNotWrittenYet) {
+    std::string id;
+    {
+        InFlightJournal::Batch batch(journal);
+        batch.reserve(wanted({"a", "b"}), 1);
+        id = idOf("a");
+        static_cast<void>(idOf("b"));
+        complete("a");
+        complete("b");
+        batch.takeBack({"a", 1, "m", "f"});
+        batch.takeBack({"a", 1, "m", "f"});
+        batch.takeBack({"never reserved", 1, "m", "f"});
+        EXPECT_EQ(id, idOf("a"));
+        batch.reserve(wanted({"c"}), 1);
+        EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", id), Key("c|1|m|f")));
+        EXPECT_EQ(id, idOf("a"));
+        batch.takeBack({"b", 1, "m", "f"});
+        EXPECT_FALSE(journal.snapshotEntries().contains("b|1|m|f")) << "its completion has been written";
+    }
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", id)));
+}
+
 TEST_F(InFlightJournalBatch, LeavesWhatWasBegunAndWhatWasThereBefore) {
     const std::string before = idOf("before");
     std::string begun;

@@ -8,6 +8,8 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Key;
+using testing::StartsWith;
 
 class OutboxSenderTest : public OutboxWorldTest {};
 
@@ -298,34 +300,43 @@ TEST_F(OutboxSenderTest, DoesNotSendAgainAfterARestartWhatItHasSent) {
     EXPECT_FALSE(isThere(outbox / first));
 }
 
-TEST_F(OutboxSenderTest, NotesWhatItBeginsBeforeAnythingIsSent) {
-    put(first, {"a.txt"});
+TEST_F(OutboxSenderTest, WritesIdsDownBeforeAnythingIsSent) {
+    put(first, {"a.txt", "b.txt"});
     world_.alongside(keepSilent());
     start();
     pass(1);
-    const Json phone = parseJson(*world_.files.content(memory / first / "state.json")).at("phones").at(0);
-    const std::string entry = phone.at("begun").at("a.txt");
-    OutboxState known = OutboxState::load(world_.files, memory / first).value();
+    const OutboxState known = OutboxState::load(world_.files, memory / first).value();
     const std::string journal = *world_.files.content(known.journalFile(world_.phoneRecord().peer_pubkey));
-    EXPECT_TRUE(InFlightJournal::decodeEntries(parseJson(journal)).contains(entry));
+    EXPECT_THAT(InFlightJournal::decodeEntries(parseJson(journal)),
+                ElementsAre(Key(StartsWith("a.txt|16|")), Key(StartsWith("b.txt|16|"))));
 }
 
-TEST_F(OutboxSenderTest, KnowsWhatItHasSentAlsoIfItWasKilledBeforeItCouldNoteIt) {
+TEST_F(OutboxSenderTest, KnowsWhatItHasSentAlsoIfItIsKilledBeforeThePhoneHasClosed) {
     put(first, {"a.txt", "b.txt"});
-    world_.alongside(take(1));
+    world_.alongside(closeLate(10));
     start();
-    pass(1);
-    stop();
-    ASSERT_THAT(taken_, ElementsAre("a.txt"));
-    Json state = parseJson(*world_.files.content(memory / first / "state.json"));
-    state["phones"][0]["done"] = Json::array();
-    state["phones"][0]["begun"]["a.txt"] = "an entry that has gone from the journal";
-    world_.files.put(memory / first / "state.json", compactJson(state));
-    world_.alongside(take(1));
+    pass(5);
+    EXPECT_THAT(told("outbox_sent"), IsEmpty());
+    const OutboxState whoeverComesNext = OutboxState::load(world_.files, memory / first).value();
+    EXPECT_FALSE(whoeverComesNext.phones.at(0).isOpen("a.txt"));
+    EXPECT_TRUE(whoeverComesNext.phones.at(0).isOpen("b.txt"));
+    pass(10);
+    EXPECT_EQ(1U, told("outbox_sent").size());
+}
+
+TEST_F(OutboxSenderTest, FlushesLittleForManyFiles) {
+    std::vector<std::string> names;
+    for (int i = 10; i < 50; ++i) {
+        names.push_back(std::to_string(i) + ".txt");
+    }
+    put(first, names);
+    world_.alongside(take(40));
     start();
+    const std::size_t before = world_.files.count(fakes::Operation::flush);
     pass(1);
-    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
-    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_EQ(names, taken_);
+    EXPECT_FALSE(isThere(memory / first));
+    EXPECT_GE(before + 1 + 3, world_.files.count(fakes::Operation::flush)) << "the state, and ids three times";
 }
 
 TEST_F(OutboxSenderTest, SendsAgainUnderTheSameIdWhatWasBrokenOffAtTheEnd) {
@@ -346,7 +357,7 @@ TEST_F(OutboxSenderTest, SendsAgainWhatItCannotKnowToBeSent) {
     start();
     pass(1);
     stop();
-    world_.files.put(memory / first / "state.json", "rubbish");
+    world_.files.put(memory / first / "state.jsonl", "rubbish");
     world_.alongside(take(2));
     start();
     pass(1);

@@ -1,16 +1,20 @@
 #include "orlinth/OutboxState.h"
 
-#include "OrlinthCore/Sending/InFlightJournal.h"
 #include "fakes/MemoryFileSystem.h"
 #include "orlinth/OutboxBatches.h"
+#include "platform/SystemError.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
 
 namespace orlinth::host {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::StartsWith;
@@ -40,6 +44,8 @@ protected:
         return record;
     }
 
+    [[nodiscard]] std::string content() const { return *files_.content(folder / "state.jsonl"); }
+
     /// Of the question whether a phone was removed.
     static bool neverAsked() {
         ADD_FAILURE();
@@ -53,14 +59,12 @@ protected:
 TEST_F(OutboxStateTest, IsTheSameAfterARestart) {
     OutboxState::Phone& phone = *state_.find("KEY A");
     phone.done = {"a"};
-    phone.begun["b"] = "b|1|";
     phone.failed["c"] = "why";
     phone.waiting = "for this";
     OutboxState again = saved();
     ASSERT_EQ(2U, again.phones.size());
     EXPECT_EQ("Pixel", again.phones[0].hostname);
     EXPECT_THAT(again.phones[0].done, ElementsAre("a"));
-    EXPECT_THAT(again.phones[0].begun, ElementsAre(Pair("b", "b|1|")));
     EXPECT_THAT(again.phones[0].failed, ElementsAre(Pair("c", "why")));
     EXPECT_EQ("for this", again.phones[0].waiting);
     EXPECT_EQ("KEY B", again.phones[1].pubkey);
@@ -69,12 +73,78 @@ TEST_F(OutboxStateTest, IsTheSameAfterARestart) {
 
 TEST_F(OutboxStateTest, OfWhichNothingCanBeReadIsNone) {
     EXPECT_FALSE(OutboxState::load(files_, folder));
-    for (const char* text : {"", "{}", "[]", R"({"phones":[]})", R"({"phones":[{"pubkey":"A"}]})",
-                             R"({"phones":[{"pubkey":"A","hostname":"","done":[1],"begun":{},"failed":{}}]})",
-                             R"({"phones":[{"pubkey":"A","hostname":"","done":[],"begun":[],"failed":{}}]})"}) {
-        files_.put(folder / "state.json", text);
+    const std::string good = R"({"pubkey":"A","hostname":"","done":[],"failed":{}})";
+    for (const std::string& text :
+         {std::string(), std::string("\n"), std::string("{}\n"), std::string("[]\n"), std::string("{\"phones\":[]}\n"),
+          std::string("{\"phones\":[{\"pubkey\":\"A\"}]}\n"), "{\"phones\":[" + good + ",{\"pubkey\":\"B\"}]}\n",
+          std::string("{\"phones\":[{\"pubkey\":\"A\",\"hostname\":\"\",\"done\":[1],\"failed\":{}}]}\n"),
+          std::string("{\"phones\":[{\"pubkey\":\"A\",\"hostname\":\"\",\"done\":[],\"failed\":[]}]}\n"),
+          "{\"phones\":[" + good + "]}"}) {
+        files_.put(folder / "state.jsonl", text);
         EXPECT_FALSE(OutboxState::load(files_, folder)) << text;
     }
+    files_.put(folder / "state.jsonl", "{\"phones\":[" + good + "]}\n");
+    EXPECT_TRUE(OutboxState::load(files_, folder));
+}
+
+TEST_F(OutboxStateTest, TakesALineMoreForEachFile) {
+    OutboxState::Phone& phone = *state_.find("KEY A");
+    phone.waiting = "for this";
+    state_.save();
+    const std::string whole = content();
+    const std::size_t created = files_.count(fakes::Operation::create);
+    phone.setDone("a");
+    state_.saveFile(phone, "a");
+    phone.failed["c"] = "why";
+    state_.saveFile(phone, "c");
+    EXPECT_EQ(created, files_.count(fakes::Operation::create));
+    EXPECT_THAT(content(), StartsWith(whole));
+    EXPECT_THAT(content().substr(whole.size()), HasSubstr(R"({"done":true,"file":"a","pubkey":"KEY A"})"));
+    const OutboxState again = OutboxState::load(files_, folder).value();
+    EXPECT_THAT(again.phones[0].done, ElementsAre("a"));
+    EXPECT_THAT(again.phones[0].failed, ElementsAre(Pair("c", "why")));
+    EXPECT_EQ("", again.phones[0].waiting);
+    EXPECT_THAT(again.phones[1].done, IsEmpty());
+}
+
+TEST_F(OutboxStateTest, IsWrittenWholeByTheFirstChangeAfterARestart) {
+    state_.save();
+    const std::string whole = content();
+    OutboxState again = OutboxState::load(files_, folder).value();
+    files_.put(folder / "state.jsonl", whole + R"({"done":true,"fi)"); // a power cut stopped this one
+    again.phones[1].setDone("b");
+    again.saveFile(again.phones[1], "b");
+    EXPECT_EQ(1, std::ranges::count(content(), '\n'));
+    EXPECT_THAT(OutboxState::load(files_, folder).value().phones[1].done, ElementsAre("b"));
+}
+
+TEST_F(OutboxStateTest, KnowsWhatIsBeforeALineThatCannotBeRead) {
+    state_.save();
+    const std::string before = content() + R"({"done":true,"file":"a","pubkey":"KEY A"})" + "\n";
+    const std::string after = std::string(R"({"done":true,"file":"b","pubkey":"KEY A"})") + "\n";
+    for (const std::string& line :
+         {std::string(40, '\0'), std::string(), std::string("{"), std::string("[]"), std::string(R"({"file":"b"})"),
+          std::string(R"({"pubkey":"KEY A","done":true})"), std::string(R"({"pubkey":"KEY A","file":"b"})"),
+          std::string(R"({"pubkey":"KEY A","file":"b","done":1})"),
+          std::string(R"({"pubkey":"KEY A","file":"b","failed":1})"),
+          std::string(R"({"pubkey":"KEY C","file":"b","done":true})")}) {
+        files_.put(folder / "state.jsonl", before + line + "\n" + after);
+        EXPECT_THAT(OutboxState::load(files_, folder).value().phones[0].done, ElementsAre("a")) << line;
+    }
+    files_.put(folder / "state.jsonl", before + after.substr(0, after.size() - 1));
+    EXPECT_THAT(OutboxState::load(files_, folder).value().phones[0].done, ElementsAre("a")) << "a line without its end";
+}
+
+TEST_F(OutboxStateTest, IsWrittenWholeWhereALineWasCutShort) {
+    OutboxState::Phone& phone = *state_.find("KEY A");
+    state_.save();
+    files_.addFault({.operation = fakes::Operation::write, .errorNumber = ENOSPC, .times = 1, .writtenBytes = 9});
+    phone.setDone("a");
+    EXPECT_THROW(state_.saveFile(phone, "a"), platform::SystemError);
+    EXPECT_THAT(OutboxState::load(files_, folder).value().phones[0].done, IsEmpty());
+    phone.setDone("b");
+    state_.saveFile(phone, "b");
+    EXPECT_THAT(OutboxState::load(files_, folder).value().phones[0].done, ElementsAre("a", "b"));
 }
 
 TEST_F(OutboxStateTest, KnowsWhatIsStillToBeSentToAPhone) {
@@ -82,7 +152,6 @@ TEST_F(OutboxStateTest, KnowsWhatIsStillToBeSentToAPhone) {
     EXPECT_TRUE(phone.isOpen("a"));
     phone.done = {"a"};
     EXPECT_FALSE(phone.isOpen("a"));
-    phone.begun["b"] = "b|1|";
     EXPECT_TRUE(phone.isOpen("b"));
     phone.failed["b"] = "why";
     EXPECT_FALSE(phone.isOpen("b"));
@@ -91,42 +160,18 @@ TEST_F(OutboxStateTest, KnowsWhatIsStillToBeSentToAPhone) {
     EXPECT_FALSE(phone.isOpen("a"));
 }
 
-TEST_F(OutboxStateTest, TakesAFileForSentThatWasBegunAndHasLeftTheJournal) {
-    InFlightJournal journal(files_, state_.journalFile("KEY A"));
-    static_cast<void>(journal.getOrCreate("a", 1, "", ""));
-    static_cast<void>(journal.getOrCreate("b", 1, "", ""));
-    journal.complete("a", 1, "", "");
-    state_.find("KEY A")->begun = {{"a", InFlightKey{"a", 1, "", ""}.text()},
-                                   {"b", InFlightKey{"b", 1, "", ""}.text()}};
-    state_.find("KEY B")->begun = {{"a", InFlightKey{"a", 1, "", ""}.text()}};
-    OutboxState again = saved();
-    again.learnFromJournals();
-    EXPECT_THAT(again.find("KEY A")->done, ElementsAre("a"));
-    EXPECT_THAT(again.find("KEY A")->begun, ElementsAre(Pair("b", "b|1|")));
-    EXPECT_THAT(again.find("KEY B")->done, IsEmpty()) << "its own journal says nothing";
-}
-
-TEST_F(OutboxStateTest, LearnsNothingFromAJournalThatCannotBeRead) {
-    state_.find("KEY A")->begun = {{"a", "a|1|"}};
-    for (const char* text : {"", "{", "{}", R"({"entries":[]})"}) {
-        files_.put(state_.journalFile("KEY A"), text);
-        state_.learnFromJournals();
-        EXPECT_THAT(state_.find("KEY A")->done, IsEmpty()) << text;
-    }
-    files_.put(state_.journalFile("KEY A"), R"({"entries":{}})");
-    state_.learnFromJournals();
-    EXPECT_THAT(state_.find("KEY A")->done, ElementsAre("a"));
-}
-
-TEST_F(OutboxStateTest, LearnsNothingOfAFileThatHasFailed) {
+TEST_F(OutboxStateTest, HasOpenWhatNobodyHasConfirmedUntilItIsLoaded) {
     OutboxState::Phone& phone = *state_.find("KEY A");
-    phone.begun = {{"a", "a|1|"}, {"b", "b|1|"}};
-    phone.setFailed("a", "why");
-    EXPECT_THAT(phone.failed, ElementsAre(Pair("a", "why")));
-    files_.put(state_.journalFile("KEY A"), R"({"entries":{}})");
-    state_.forgetFailures();
-    state_.learnFromJournals();
-    EXPECT_THAT(phone.done, ElementsAre("b"));
+    state_.save();
+    phone.unconfirmed = {"a"};
+    state_.saveFile(phone, "a");
+    EXPECT_TRUE(phone.isOpen("a"));
+    EXPECT_FALSE(OutboxState::load(files_, folder).value().phones[0].isOpen("a"));
+    state_.save(); // for another reason
+    EXPECT_FALSE(OutboxState::load(files_, folder).value().phones[0].isOpen("a"));
+    phone.unconfirmed.clear();
+    state_.saveFile(phone, "a");
+    EXPECT_TRUE(OutboxState::load(files_, folder).value().phones[0].isOpen("a"));
 }
 
 TEST_F(OutboxStateTest, GivesEachPhoneAJournalOfItsOwn) {
@@ -137,17 +182,16 @@ TEST_F(OutboxStateTest, GivesEachPhoneAJournalOfItsOwn) {
 
 TEST_F(OutboxStateTest, GoesWithItsJournals) {
     state_.save();
-    InFlightJournal journal(files_, state_.journalFile("KEY A"));
-    static_cast<void>(journal.getOrCreate("a", 1, "", ""));
-    files_.put("/data/outbox/OTHER/state.json", "{}");
+    files_.put(state_.journalFile("KEY A"), "{}");
+    files_.put("/data/outbox/OTHER/state.jsonl", "{}");
     state_.remove();
-    EXPECT_THAT(files_.allFiles(), ElementsAre("/data/outbox/OTHER/state.json"));
+    EXPECT_THAT(files_.allFiles(), ElementsAre("/data/outbox/OTHER/state.jsonl"));
     state_.remove();
 }
 
 TEST_F(OutboxStateTest, NamesAPhoneByItsNameElseByItsKey) {
     EXPECT_EQ("Pixel", state_.phones[0].displayName());
-    EXPECT_THAT(state_.phones[1].displayName(), testing::HasSubstr("KEY B"));
+    EXPECT_THAT(state_.phones[1].displayName(), HasSubstr("KEY B"));
 }
 
 TEST_F(OutboxStateTest, GoesToThePhonesThatWereChosenEachOnce) {
