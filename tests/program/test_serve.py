@@ -454,6 +454,20 @@ class Accepting(ServeTest):
         self.assert_ends(service)
         self.assertIsNone(service.events.find("error"))
 
+    def test_a_name_that_nothing_can_be_stored_under_is_declined(self):
+        service = self.serve()
+        longest = "ä" * 114 + ".txt"  # 232 bytes, 255 with " 9999" and ".partial.meta.json"
+        second = "ä" * 114 + " 2.txt"
+        for _ in range(2):
+            self.assert_sent(self.phone, self.file(longest, b"abc"), service)
+        self.declined(service, self.file(longest + "x", b"abc"))
+        self.assertEqual({"event": "declined", "from": "phone", "name": longest + "x"},
+                         service.events.wait_for("declined"))
+        self.assertEqual("the name of a file from phone is too long to be received",
+                         service.events.find("error")["message"])
+        self.assertEqual({longest, second}, {path.name for path in self.desk.downloads.iterdir()})
+        self.assert_ends(service)
+
     def test_without_anybody_to_ask_files_are_declined_and_that_is_told_once(self):
         self.desk.environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/nonexistent"
         service = self.serve("--accept", "ask")

@@ -3,6 +3,7 @@
 #include "platform/FileSystem.h"
 
 #include <string>
+#include <string_view>
 
 namespace orlinth {
 
@@ -13,6 +14,9 @@ namespace orlinth {
 /// Base names are what sanitize() returned.
 struct CollisionResolver {
     static constexpr const char* partialSuffix = ".partial";
+    /// Bytes of the longest base name that can be received: a name in a folder has up to 255 (NAME_MAX) on the file
+    /// systems of Linux, and that of the sidecar is longer by a number and both suffixes.
+    static constexpr std::size_t longestBaseName = 255 - std::string_view(" 9999.partial.meta.json").size();
     /// "photo.jpg", "photo 2.jpg", ... "photo 9999.jpg", then a name with a UUID.
     static constexpr int lastCandidate = 9999;
 
