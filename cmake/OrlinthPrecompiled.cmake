@@ -5,3 +5,5 @@ set(ORLINTH_PRECOMPILED_HEADERS
   <asio/experimental/awaitable_operators.hpp> <asio/io_context.hpp> <asio/post.hpp> <asio/steady_timer.hpp>
   <asio/strand.hpp> <asio/use_awaitable.hpp> <nlohmann/json.hpp>
   <filesystem> <functional> <map> <memory> <mutex> <optional> <span> <string> <vector>)
+# The same for what draws.
+set(ORLINTH_PRECOMPILED_QT_HEADERS <QApplication> <QKeyEvent> <QPainter> <QPainterPath> <QTimer> <QWidget>)
