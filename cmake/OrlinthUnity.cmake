@@ -1,6 +1,6 @@
-# With ORLINTH_UNITY a library's files are compiled several at a time: under the sanitizers most of the time goes into
-# instantiating the same templates again for each file. The presets dev and release compile each file by itself, so
-# that each includes what it uses.
+# With ORLINTH_UNITY a library's files are compiled several at a time, for builds that are made once: most of the time
+# goes into instantiating the same templates again for each file. The presets dev and release compile each file by
+# itself, so that each includes what it uses; scripts/check builds the one, scripts/demo the other.
 option(ORLINTH_UNITY "Compile the files of a library several at a time" OFF)
 
 # orlinth_unite(NAME [ALONE FILE...]): in the folder that adds the library NAME. The files after ALONE stay by

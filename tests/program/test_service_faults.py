@@ -18,7 +18,7 @@ import unittest
 from harness import MIB, ORLINTH, PATIENCE, SANITIZED, Relay, Victim, seeded, sha256
 from test_serve import ServeTest, wait_for_count
 
-SECONDS = float(os.environ.get("ORLINTH_FAULT_SECONDS", 40))
+SECONDS = float(os.environ.get("ORLINTH_FAULT_SECONDS", 12))
 PHONES = 4
 RUBBISH = [b"", b"{", b"null", b'{"peers": 5}', b"\0\xff" * 500, b'{"peers": [{"peer_pubkey": "x"}]}']
 
