@@ -4,7 +4,9 @@
 #include "platform/System.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
+#include <string>
 #include <vector>
 
 namespace orlinth::host {
@@ -22,19 +24,28 @@ public:
     OutboxJournal(platform::System& system, platform::Path file);
 
     [[nodiscard]] InFlightJournal& journal() noexcept { return journal_; }
-    /// Whether the file was among those that were prepared last.
+    /// Whether the file has its id, and is not forgotten.
     [[nodiscard]] bool isPrepared(const platform::Path& file) const { return prepared_.contains(file); }
+    /// Bytes of a file that is prepared; else 0.
+    [[nodiscard]] std::int64_t sizeOf(const platform::Path& file) const;
     /// Gives these files their ids. One with which something is wrong gets none: the attempt will meet the same and
     /// report it.
     void prepare(const std::vector<platform::Path>& files);
-    /// The journal is to keep the id of this file, which is prepared, although its end was sent.
+    /// The journal is to keep the id of this file, if it was prepared, although its end was sent.
     void takeBack(const platform::Path& file);
+    /// The file was sent.
+    void forget(const platform::Path& file) { prepared_.erase(file); }
 
 private:
+    struct Prepared {
+        InFlightKey key;
+        std::string id;
+    };
+
     platform::System& system_;
     InFlightJournal journal_;
     InFlightJournal::Batch batch_;
-    std::map<platform::Path, InFlightKey> prepared_;
+    std::map<platform::Path, Prepared> prepared_;
 };
 
 } // namespace orlinth::host

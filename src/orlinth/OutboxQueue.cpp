@@ -35,20 +35,29 @@ std::string summaryOf(const OutboxState& state) {
 
 } // namespace
 
-std::optional<std::string> OutboxQueue::Job::nextFor(const std::string& key) {
+bool OutboxQueue::Job::isOpenFor(const std::string& key) {
     const OutboxState::Phone* const phone = state.find(key);
     if (phone == nullptr || isDropped) {
-        return std::nullopt;
+        return false;
     }
     const std::vector<std::string>& files = batch.manifest.files;
     std::size_t& first = firstOpen[key];
     while (first < files.size() && !phone->isOpen(files[first])) {
         ++first;
     }
+    return first < files.size();
+}
+
+std::optional<std::string> OutboxQueue::Job::nextFor(const std::string& key) {
     std::optional<std::string> next;
+    if (!isOpenFor(key)) {
+        return next;
+    }
+    const OutboxState::Phone& phone = *state.find(key);
+    const std::vector<std::string>& files = batch.manifest.files;
     int fewest = 0;
-    for (std::size_t i = first; i < files.size(); ++i) {
-        if (!phone->isOpen(files[i])) {
+    for (std::size_t i = firstOpen.at(key); i < files.size(); ++i) {
+        if (!phone.isOpen(files[i]) || underWay.contains({key, files[i]})) {
             continue;
         }
         const int count = attemptsInVain(key, files[i]);
@@ -63,21 +72,22 @@ std::optional<std::string> OutboxQueue::Job::nextFor(const std::string& key) {
     return next;
 }
 
-std::vector<platform::Path> OutboxQueue::Job::upcoming(const std::string& key, std::size_t most) {
-    std::vector<platform::Path> paths;
+std::vector<std::string> OutboxQueue::Job::upcoming(const std::string& key, std::size_t most) {
+    std::vector<std::string> names;
     const std::optional<std::string> next = nextFor(key);
     if (!next) {
-        return paths;
+        return names;
     }
-    paths.push_back(batch.folder / *next);
+    names.push_back(*next);
     const OutboxState::Phone& phone = *state.find(key);
     const std::vector<std::string>& files = batch.manifest.files;
-    for (std::size_t i = firstOpen.at(key); i < files.size() && paths.size() < most; ++i) {
-        if (files[i] != *next && phone.isOpen(files[i]) && attemptsInVain(key, files[i]) == 0) {
-            paths.push_back(batch.folder / files[i]);
+    for (std::size_t i = firstOpen.at(key); i < files.size() && names.size() < most; ++i) {
+        const bool comesBehind = files[i] != *next && phone.isOpen(files[i]) && !underWay.contains({key, files[i]});
+        if (comesBehind && attemptsInVain(key, files[i]) == 0) {
+            names.push_back(files[i]);
         }
     }
-    return paths;
+    return names;
 }
 
 int OutboxQueue::Job::attemptsInVain(const std::string& key, const std::string& file) const {
@@ -173,7 +183,7 @@ void OutboxQueue::accept(const std::string& id, News& news) {
         }
         auto job = std::make_unique<Job>(Job{.batch = std::move(batch), .state = std::move(state)});
         for (const OutboxState::Phone& phone : job->state.phones) {
-            if (job->nextFor(phone.pubkey)) {
+            if (job->isOpenFor(phone.pubkey)) {
                 news.phones.insert(phone.pubkey);
             } else {
                 job->through.insert(phone.pubkey);
@@ -226,15 +236,32 @@ OutboxQueue::Job* OutboxQueue::nextFor(const std::string& key) {
 
 // What becomes of it
 
-std::shared_ptr<OutboxJournal> OutboxQueue::journalFor(Job& job, const std::string& key) {
+std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const std::string& key) {
     std::shared_ptr<OutboxJournal>& journal = job.journals[key];
     if (!journal) {
         journal = std::make_shared<OutboxJournal>(host_.system, job.state.journalFile(key));
     }
-    if (!journal->isPrepared(job.batch.folder / *job.nextFor(key))) {
-        journal->prepare(job.upcoming(key, OutboxJournal::filesPreparedAtOnce));
+    const std::string file = *job.nextFor(key);
+    if (!journal->isPrepared(job.batch.folder / file)) {
+        note([&job] { job.state.flush(); }); // before the ids of what was sent go from the journal
+        journal->prepare(soundOf(job, job.upcoming(key, OutboxJournal::filesPreparedAtOnce)));
     }
+    job.underWay.insert({key, file});
     return journal;
+}
+
+/// Those of the files that can be sent as they are; nothing else is to be opened, not even for a look.
+std::vector<platform::Path> OutboxQueue::soundOf(const Job& job, const std::vector<std::string>& names) const {
+    std::vector<platform::Path> paths;
+    for (const std::string& name : names) {
+        try {
+            checkFile(job, name);
+            paths.push_back(job.batch.folder / name);
+        } catch (const Error&) {
+            continue; // is told when its turn comes
+        }
+    }
+    return paths;
 }
 
 void OutboxQueue::setUnconfirmed(Job& job, const std::string& key, const std::string& file) {
@@ -246,14 +273,18 @@ void OutboxQueue::setUnconfirmed(Job& job, const std::string& key, const std::st
 void OutboxQueue::takeBack(Job& job, const std::string& key, const std::string& file) {
     OutboxState::Phone& phone = *job.state.find(key);
     phone.unconfirmed.erase(file);
-    saveFile(job, phone, file);
+    save(job); // not a line that may be lost: the only copy of the file would go
     job.journals.at(key)->takeBack(job.batch.folder / file);
 }
 
 void OutboxQueue::setDone(Job& job, const std::string& key, const OutboxReporter::Transfer& transfer,
                           const SentFile& sent) {
     OutboxState::Phone& phone = *job.state.find(key);
-    phone.setDone(transfer.file); // is noted already, as unconfirmed
+    phone.setDone(transfer.file); // which is noted already, as unconfirmed
+    if (job.state.isBehind()) {
+        save(job);
+    }
+    job.journals.at(key)->forget(job.batch.folder / transfer.file);
     reporter_.sent(transfer, sent);
     settlePhone(job, key);
     endIfThrough(job.id());
@@ -285,7 +316,7 @@ void OutboxQueue::setWaiting(const std::string& key, const std::string& message,
     std::string name;
     bool isFirst = false; // of one of the batches
     for (const auto& [id, job] : jobs_) {
-        if (!job->nextFor(key)) {
+        if (!job->isOpenFor(key)) {
             continue;
         }
         OutboxState::Phone& phone = *job->state.find(key);
@@ -305,7 +336,7 @@ void OutboxQueue::setWaiting(const std::string& key, const std::string& message,
 }
 
 void OutboxQueue::settlePhone(Job& job, const std::string& key) {
-    if (job.isDropped || job.nextFor(key) || !job.through.insert(key).second) {
+    if (job.isDropped || job.isOpenFor(key) || !job.through.insert(key).second) {
         return;
     }
     const OutboxState::Phone& phone = *job.state.find(key);
@@ -321,7 +352,7 @@ void OutboxQueue::endIfThrough(const std::string& id) {
         return;
     }
     for (const OutboxState::Phone& phone : job->state.phones) {
-        if (job->nextFor(phone.pubkey)) {
+        if (job->isOpenFor(phone.pubkey)) {
             return;
         }
     }
@@ -335,6 +366,7 @@ void OutboxQueue::endIfThrough(const std::string& id) {
     }
     try {
         if (isThere) { // else somebody has put something else in its place, which is not ours
+            note([&ended] { ended->state.flush(); }); // so that nobody misses what is about to go
             batches_.remove(id);
         }
         ended->state.remove(); // last: until then it says that there is nothing to send
@@ -381,7 +413,15 @@ void OutboxQueue::note(const std::function<void()>& write) {
     } catch (const platform::SystemError& error) {
         if (!std::exchange(isTroubleTold_, true)) {
             reporter_.message("cannot note what was sent from the outbox: " + error.description() +
-                              "; after a restart it may be sent again");
+                              "; after a restart some of it may be sent again, or taken for sent");
+        }
+    }
+}
+
+void OutboxQueue::saveWhatIsBehind() {
+    for (const auto& [id, job] : jobs_) {
+        if (job->state.isBehind()) {
+            save(*job);
         }
     }
 }

@@ -35,15 +35,19 @@ public:
         /// or have failed. In a batch of thousands a search from the front would take longer than the sending.
         std::map<std::string, std::size_t> firstOpen{};
         std::map<std::string, std::shared_ptr<OutboxJournal>> journals{}; ///< by the phone's key; made when needed
+        std::set<std::pair<std::string, std::string>> underWay{};         ///< a phone's key and a file
         bool isDropped = false;   ///< takes no part any more, and goes when nobody uses it
         bool hasVanished = false; ///< there is nothing in the outbox any more that could be removed with it
 
         [[nodiscard]] const std::string& id() const noexcept { return batch.manifest.id; }
+        /// Whether there is a file that the phone does not have, and may get. Those under way are among them.
+        [[nodiscard]] bool isOpenFor(const std::string& key);
         /// The next file for a phone: the first of those with the fewest attempts in vain, so that one which the phone
-        /// cannot take does not hold up the others. Nothing if there is none, or the batch is not for that phone.
+        /// cannot take does not hold up the others. Nothing if there is none that is not under way, or the batch is not
+        /// for that phone.
         [[nodiscard]] std::optional<std::string> nextFor(const std::string& key);
         /// That file, and those that come behind it if all goes well; `most` in all.
-        [[nodiscard]] std::vector<platform::Path> upcoming(const std::string& key, std::size_t most);
+        [[nodiscard]] std::vector<std::string> upcoming(const std::string& key, std::size_t most);
         [[nodiscard]] int attemptsInVain(const std::string& key, const std::string& file) const;
         /// What has failed is to be tried again.
         void startOver();
@@ -71,14 +75,16 @@ public:
 
     /// Null if there is none, or not any more.
     [[nodiscard]] Job* find(const std::string& id);
-    /// The oldest with something for this phone, again of those with the fewest attempts in vain; null if there is
-    /// none.
+    /// The oldest with something for this phone that is not under way, again of those with the fewest attempts in vain;
+    /// null if there is none.
     [[nodiscard]] Job* nextFor(const std::string& key);
     /// @throws OutboxError, platform::SystemError
     void checkFile(const Job& job, const std::string& file) const { batches_.checkFile(job.batch, file); }
 
-    /// The journal for an attempt at the phone's next file, which has its id there by now.
-    [[nodiscard]] std::shared_ptr<OutboxJournal> journalFor(Job& job, const std::string& key);
+    /// An attempt at the phone's next file begins. Returns the journal, in which the file has its id by now.
+    [[nodiscard]] std::shared_ptr<OutboxJournal> setUnderWay(Job& job, const std::string& key);
+    /// An attempt has ended. Before any of the following that tell how.
+    static void setEnded(Job& job, const std::string& key, const std::string& file) { job.underWay.erase({key, file}); }
     /// The end of a file was sent, and the phone has not closed the connection yet.
     void setUnconfirmed(Job& job, const std::string& key, const std::string& file);
     /// It is not to be believed that the phone has the end: the file goes on being open, under the id that it had.
@@ -88,11 +94,14 @@ public:
     void setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message);
     /// The phone was there, and took nothing of this file: others go first.
     void putBehind(Job& job, const std::string& key, const std::string& file) { ++job.inVain[{key, file}]; }
-    /// Everything that is left for this phone, in any batch.
+    /// Everything that is left for this phone, in any batch, and not under way.
     void setAllFailed(const std::string& key, const std::string& message);
     /// An attempt for this phone has failed, and the next is made after `seconds`. `isNews` if it is for another reason
     /// than was told before.
     void setWaiting(const std::string& key, const std::string& message, double seconds, bool isNews);
+
+    /// Once more, what could not be noted. The last call.
+    void saveWhatIsBehind();
 
     /// Tries again what has failed in a batch, and brings it back if it was set aside; returns whether there is one.
     /// @throws OutboxError, platform::SystemError
@@ -106,6 +115,7 @@ private:
     void findVanished(News& news) const;
     void accept(const std::string& id, News& news);
     [[nodiscard]] OutboxState remembered(const OutboxBatches::Batch& batch);
+    [[nodiscard]] std::vector<platform::Path> soundOf(const Job& job, const std::vector<std::string>& names) const;
     void settlePhone(Job& job, const std::string& key);
     void endIfThrough(const std::string& id);
     void leaveBehind(const std::string& id, bool isThere, const std::string& problem);

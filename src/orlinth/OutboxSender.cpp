@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <array>
+#include <list>
+#include <numeric>
 #include <set>
 #include <utility>
 
@@ -126,25 +128,39 @@ struct OutboxSender::Attempt final : SendProgress {
     bool hasMoved = false;
     bool hasPhoneClosed = false; ///< at the end: else the system has taken everything, but the phone may not have
     bool isCalledOff = false;    ///< cancelled to look again at what is next
+    std::int64_t bytes = 0;      ///< of the file
+    bool isFirst = false;        ///< when it began there was no other connection to the phone
+    bool hadCompany = false;     ///< another connection to the phone was there for a time
     std::optional<SentFile> sent;
     std::exception_ptr error;
 };
 
-/// What goes to one phone, one file at a time.
+/// What goes to one phone.
 struct OutboxSender::Phone {
     std::string key;
     std::optional<PeerRecord> record; ///< as of the last attempt
     int failures = 0;                 ///< in a row
     bool isPausing = false;
     platform::Clock::Instant pausedAt{};
-    bool goesOnAtOnce = false;      ///< there is reason to hope since the attempt under way began
+    bool goesOnAtOnce = false;      ///< there is reason to hope since the first of the attempts under way began
     bool isByHope = false;          ///< the attempt under way, or the last, was made for that, and not in its turn
     std::set<std::string> doubtful; ///< files, with their batch, whose end the phone may not have got
-    /// A file, with its batch, and what the phone had of it when the last attempt began.
-    std::pair<std::string, std::int64_t> reached;
+    /// What the phone had of a file, with its batch, when the last attempt began.
+    std::map<std::string, std::int64_t> reached;
     std::string told; ///< why it waits, as it was told; "" once something was sent
     std::unique_ptr<platform::Timer> timer;
-    std::unique_ptr<Attempt> attempt;
+    std::list<std::unique_ptr<Attempt>> attempts; ///< under way
+    /// Files that it has taken since a connection failed that may have been one too many; after that, less than none.
+    int takenInARow = 0;
+
+    /// Connections that it may have at once: another one for each file that it has taken.
+    [[nodiscard]] std::size_t allowed() const {
+        return static_cast<std::size_t>(std::clamp(1 + takenInARow, 1, SendSchedule::maxConnectionsPerPhone));
+    }
+    [[nodiscard]] std::int64_t bytesUnderWay() const {
+        return std::accumulate(attempts.begin(), attempts.end(), std::int64_t{0},
+                               [](std::int64_t sum, const auto& attempt) { return sum + attempt->bytes; });
+    }
 };
 
 double OutboxSender::pauseAfter(int failures) noexcept {
@@ -188,13 +204,15 @@ OutboxSender::Phone& OutboxSender::phoneOf(const std::string& key) {
 
 bool OutboxSender::isUsed(const std::string& id) const {
     return std::any_of(phones_.begin(), phones_.end(), [&id](const auto& entry) {
-        return entry.second->attempt && entry.second->attempt->transfer.batch == id;
+        const auto& attempts = entry.second->attempts;
+        return std::any_of(attempts.begin(), attempts.end(),
+                           [&id](const auto& attempt) { return attempt->transfer.batch == id; });
     });
 }
 
 void OutboxSender::hope(Phone& phone) {
     phone.failures = 0;
-    if (phone.attempt) {
+    if (!phone.attempts.empty()) {
         phone.goesOnAtOnce = true;
     } else {
         phone.isByHope = false;
@@ -208,16 +226,32 @@ void OutboxSender::tryNow(Phone& phone) {
     startNext(phone);
 }
 
+/// A further connection only while little is under way: large files gain nothing by it.
+bool OutboxSender::mayBegin(const Phone& phone) const {
+    if (isStopping_ || phone.isPausing) {
+        return false;
+    }
+    if (phone.attempts.empty()) {
+        return true;
+    }
+    const std::size_t all =
+        std::accumulate(phones_.begin(), phones_.end(), std::size_t{0},
+                        [](std::size_t sum, const auto& entry) { return sum + entry.second->attempts.size(); });
+    return phone.attempts.size() < phone.allowed() && phone.bytesUnderWay() < SendSchedule::enoughBytesUnderWay &&
+           all < SendSchedule::maxConnections;
+}
+
 void OutboxSender::startNext(Phone& phone) {
-    while (!isStopping_ && !phone.attempt && !phone.isPausing) {
+    while (mayBegin(phone)) {
         Job* const job = queue_.nextFor(phone.key);
-        if (job == nullptr || begin(phone, *job)) {
+        if (job == nullptr) {
             return;
         }
+        begin(phone, *job);
     }
 }
 
-bool OutboxSender::begin(Phone& phone, Job& job) {
+void OutboxSender::begin(Phone& phone, Job& job) {
     OutboxState::Phone& state = *job.state.find(phone.key);
     const std::string file = *job.nextFor(phone.key);
     try {
@@ -225,7 +259,7 @@ bool OutboxSender::begin(Phone& phone, Job& job) {
         const PeerRecord* const record = book.find(phone.key);
         if (record == nullptr) {
             queue_.setAllFailed(phone.key, state.displayName() + " is not paired any more");
-            return false;
+            return;
         }
         phone.record = *record;
         state.hostname = record->peer_hostname;
@@ -233,26 +267,39 @@ bool OutboxSender::begin(Phone& phone, Job& job) {
         queue_.checkFile(job, file);
     } catch (const OutboxError& error) {
         queue_.setFailed(job, phone.key, file, error.description());
-        return false;
+        return;
     } catch (const Error& error) {
         pause(phone, error.description());
-        return true;
+        return;
     }
     launch(phone, job, file);
-    return true;
 }
 
 void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     OutboxState::Phone& state = *job.state.find(phone.key);
-    phone.goesOnAtOnce = false;
+    PeerRecord record = *phone.record;
+    const bool isFirst = phone.attempts.empty();
+    if (isFirst) {
+        phone.goesOnAtOnce = false;
+    } else {
+        record.peer_fcm_token.clear(); // one push is enough, and it is that of the first
+    }
     OutboxReporter::Transfer what{.batch = job.id(), .file = file, .to = state.displayName()};
-    phone.attempt = std::make_unique<Attempt>(host_, queue_, reporter_, std::move(what), *phone.record,
-                                              job.batch.folder / file, queue_.journalFor(job, phone.key));
-    platform::spawn(host_.tasks.executor(), transfer(*phone.attempt), phone.attempt->stop.slot(),
-                    [this, &phone](const std::exception_ptr& error) {
-                        phone.attempt->error = error;
+    const platform::Path path = job.batch.folder / file;
+    Attempt& attempt = *phone.attempts.emplace_back(std::make_unique<Attempt>(
+        host_, queue_, reporter_, std::move(what), std::move(record), path, queue_.setUnderWay(job, phone.key)));
+    attempt.bytes = attempt.journal->sizeOf(path);
+    attempt.isFirst = isFirst;
+    if (!isFirst) {
+        for (const std::unique_ptr<Attempt>& other : phone.attempts) {
+            other->hadCompany = true;
+        }
+    }
+    platform::spawn(host_.tasks.executor(), transfer(attempt), attempt.stop.slot(),
+                    [this, &phone, &attempt](const std::exception_ptr& error) {
+                        attempt.error = error;
                         // not here, where the signal's slot may still be in use
-                        asio::post(host_.tasks.executor(), [this, &phone] { settle(phone); });
+                        asio::post(host_.tasks.executor(), [this, &phone, &attempt] { settle(phone, attempt); });
                     });
 }
 
@@ -274,25 +321,36 @@ Task<> OutboxSender::transfer(Attempt& attempt) {
     attempt.sent = std::move(sent);
 }
 
-void OutboxSender::settle(Phone& phone) {
-    const std::unique_ptr<Attempt> attempt = std::move(phone.attempt);
+void OutboxSender::settle(Phone& phone, const Attempt& ended) {
+    const auto at = std::find_if(phone.attempts.begin(), phone.attempts.end(),
+                                 [&ended](const auto& attempt) { return attempt.get() == &ended; });
+    const std::unique_ptr<Attempt> attempt = std::move(*at);
+    phone.attempts.erase(at);
     const std::string& id = attempt->transfer.batch;
-    Job* const job = queue_.find(id);
-    if (job != nullptr && attempt->sent && isDoubtful(phone, *attempt)) {
-        settleDoubt(phone, *job, *attempt);
-    } else if (job != nullptr && attempt->sent) {
-        phone.failures = 0;
-        phone.isByHope = false;
-        phone.told.clear();
-        queue_.setDone(*job, phone.key, attempt->transfer, *attempt->sent);
-    } else if (job != nullptr && !job->isDropped && !isStopping_ && !attempt->isCalledOff) {
-        settleFailure(phone, *job, *attempt);
+    if (Job* const job = queue_.find(id)) {
+        OutboxQueue::setEnded(*job, phone.key, attempt->transfer.file);
+        settle(phone, *job, *attempt);
     }
     const Job* const left = queue_.find(id);
     if (left != nullptr && left->isDropped && !isUsed(id)) {
         discard(id);
     }
     startNext(phone);
+}
+
+void OutboxSender::settle(Phone& phone, Job& job, const Attempt& attempt) {
+    if (attempt.sent && isDoubtful(phone, attempt)) {
+        settleDoubt(phone, job, attempt);
+    } else if (attempt.sent) {
+        phone.failures = 0;
+        phone.isByHope = false;
+        phone.told.clear();
+        phone.reached.erase(attempt.place());
+        phone.takenInARow = std::min(phone.takenInARow + 1, SendSchedule::maxConnectionsPerPhone);
+        queue_.setDone(job, phone.key, attempt.transfer, *attempt.sent);
+    } else if (!job.isDropped && !isStopping_ && !attempt.isCalledOff) {
+        settleFailure(phone, job, attempt);
+    }
 }
 
 /// The end of a file was taken by the system, and then the phone did not close the connection: it was reset, most
@@ -304,11 +362,8 @@ bool OutboxSender::isDoubtful(Phone& phone, const Attempt& attempt) {
 
 /// Sends it again, under the same id: what the phone has of it is not sent a second time.
 void OutboxSender::settleDoubt(Phone& phone, Job& job, const Attempt& attempt) {
-    if (job.isDropped) {
-        return;
-    }
-    queue_.takeBack(job, phone.key, attempt.transfer.file);
-    if (!isStopping_ && !attempt.isCalledOff) {
+    queue_.takeBack(job, phone.key, attempt.transfer.file); // also of a batch that goes: it may not go after all
+    if (!job.isDropped && !isStopping_ && !attempt.isCalledOff) {
         phone.failures = 0;
         pause(phone, WireConnection::Error::underlying("the connection was not closed at the end").description());
     }
@@ -320,8 +375,8 @@ bool OutboxSender::hasGotFurther(Phone& phone, const Attempt& attempt) {
     if (!attempt.beginsAt) {
         return false;
     }
-    const auto before = std::exchange(phone.reached, {attempt.place(), *attempt.beginsAt});
-    return before.first == attempt.place() ? *attempt.beginsAt > before.second : attempt.hasMoved;
+    const auto [before, isFirst] = phone.reached.try_emplace(attempt.place(), *attempt.beginsAt);
+    return isFirst ? attempt.hasMoved : *attempt.beginsAt > std::exchange(before->second, *attempt.beginsAt);
 }
 
 void OutboxSender::settleFailure(Phone& phone, Job& job, const Attempt& attempt) {
@@ -338,10 +393,15 @@ void OutboxSender::settleFailure(Phone& phone, Job& job, const Attempt& attempt)
     case Verdict::tryAgain:
         break;
     }
+    const bool mayBeTooMany = attempt.hadCompany && (attempt.hasConnected || !attempt.isFirst);
     if (hasGotFurther(phone, attempt)) {
         phone.failures = 0;
-    } else if (attempt.hasConnected) {
+    } else if (attempt.beginsAt || (attempt.hasConnected && !mayBeTooMany)) {
         queue_.putBehind(job, phone.key, attempt.transfer.file);
+    }
+    if (mayBeTooMany) {
+        phone.takenInARow = -SendSchedule::maxConnectionsPerPhone;
+        return; // the next, which is alone, shows whether the phone is there
     }
     // twice in a row would be for ever, if each attempt is a push that makes the phone call
     if (std::exchange(phone.goesOnAtOnce, false) && !phone.isByHope) {
@@ -371,7 +431,7 @@ void OutboxSender::heardOf(const PeerRecord& record) {
         return;
     }
     Phone& phone = *at->second;
-    if (phone.attempt) {
+    if (!phone.attempts.empty()) {
         phone.goesOnAtOnce = true;
         return;
     }
@@ -398,9 +458,11 @@ void OutboxSender::peersChanged() {
         if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record)) {
             continue;
         }
-        if (phone->attempt && (record == nullptr || !phone->attempt->hasConnected)) {
-            phone->attempt->isCalledOff = true;
-            phone->attempt->cancel();
+        for (const std::unique_ptr<Attempt>& attempt : phone->attempts) {
+            if (record == nullptr || !attempt->hasConnected) {
+                attempt->isCalledOff = true;
+                attempt->cancel();
+            }
         }
         hope(*phone);
     }
@@ -424,8 +486,10 @@ bool OutboxSender::drop(const std::string& id) {
     job->isDropped = true;
     left_.erase(id);
     for (const auto& [key, phone] : phones_) {
-        if (phone->attempt && phone->attempt->transfer.batch == id) {
-            phone->attempt->cancel();
+        for (const std::unique_ptr<Attempt>& attempt : phone->attempts) {
+            if (attempt->transfer.batch == id) {
+                attempt->cancel();
+            }
         }
     }
     if (!isUsed(id)) {
@@ -461,16 +525,17 @@ Task<Json> OutboxSender::answer(Json request) {
 Task<> OutboxSender::finish() {
     isStopping_ = true;
     lookout_.stop();
-    const auto isUnderWay = [](const auto& entry) { return entry.second->attempt != nullptr; };
+    const auto isUnderWay = [](const auto& entry) { return !entry.second->attempts.empty(); };
     for (const auto& [key, phone] : phones_) {
         phone->timer->disarm();
-        if (phone->attempt) {
-            phone->attempt->cancel();
+        for (const std::unique_ptr<Attempt>& attempt : phone->attempts) {
+            attempt->cancel();
         }
     }
     while (std::any_of(phones_.begin(), phones_.end(), isUnderWay)) {
         co_await host_.system.clock.sleep(lookSeconds);
     }
+    queue_.saveWhatIsBehind();
 }
 
 } // namespace orlinth::host

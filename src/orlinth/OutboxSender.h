@@ -13,7 +13,9 @@
 namespace orlinth::host {
 
 /// Sends what lies in the outbox: each batch to each of its phones, the phones side by side, and for one phone its
-/// batches in the order of their age and the files of a batch in the order of its manifest.
+/// batches in the order of their age and the files of a batch in the order of its manifest, several at once where that
+/// helps: as SendSchedule does it, whose limits hold here too. A connection that fails while there are others says
+/// little about the phone; its file goes back to its place.
 ///
 /// What fails because the phone cannot be reached, or because the connection breaks, is tried again after growing
 /// pauses; and at once when there is reason to hope: the phone is heard of, its record changes, a new batch comes for
@@ -21,8 +23,8 @@ namespace orlinth::host {
 /// phone has is removed; one of which something is not sent for good, or that makes no sense, is set aside.
 ///
 /// Everything here, and each send, runs on the thread of the runner, as the events and the receive service's callbacks
-/// do: so nothing is shared, and what a file costs there, a line in a file, holds nobody up. The service's connections
-/// have threads of their own.
+/// do: so nothing is shared. A file costs a line in a file there, and every sixteenth a look at the next sixteen and a
+/// write that is flushed; both are short. The service's connections have threads of their own.
 class OutboxSender {
 public:
     /// Seconds after the handshake without any progress, after which an attempt is given up. Somebody at the phone may
@@ -69,12 +71,14 @@ private:
     /// There is reason to try again now.
     void hope(Phone& phone);
     void tryNow(Phone& phone);
+    [[nodiscard]] bool mayBegin(const Phone& phone) const;
     void startNext(Phone& phone);
-    /// Returns whether an attempt, or a pause, has begun; else what was next has failed for good.
-    [[nodiscard]] bool begin(Phone& phone, Job& job);
+    /// The next file of the job for this phone, unless that fails for good, or has to wait.
+    void begin(Phone& phone, Job& job);
     void launch(Phone& phone, Job& job, const std::string& file);
     [[nodiscard]] Task<> transfer(Attempt& attempt);
-    void settle(Phone& phone);
+    void settle(Phone& phone, const Attempt& ended);
+    void settle(Phone& phone, Job& job, const Attempt& attempt);
     [[nodiscard]] static bool isDoubtful(Phone& phone, const Attempt& attempt);
     void settleDoubt(Phone& phone, Job& job, const Attempt& attempt);
     [[nodiscard]] static bool hasGotFurther(Phone& phone, const Attempt& attempt);

@@ -1,12 +1,14 @@
 #include "orlinth/OutboxState.h"
 
 #include "base/Hex.h"
+#include "base/Json.h"
 #include "base/Text.h"
 #include "orlinth/OutboxBatches.h"
 #include "platform/Crypto.h"
 #include "platform/WholeFile.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace orlinth::host {
 
@@ -54,14 +56,6 @@ const Json& arrayIn(const Json& object, const char* key) {
     return *member;
 }
 
-bool booleanIn(const Json& object, const char* key) {
-    const auto member = object.find(key);
-    if (member == object.end() || !member->is_boolean()) {
-        throw JsonError(std::string("expected true or false as \"") + key + "\"");
-    }
-    return member->get<bool>();
-}
-
 OutboxState::Phone phoneFrom(const Json& json) {
     OutboxState::Phone phone{.pubkey = requireString(json, "pubkey"),
                              .hostname = requireString(json, "hostname"),
@@ -85,10 +79,10 @@ void applyChange(const Json& change, std::vector<OutboxState::Phone>& phones) {
     }
     if (const std::optional<std::string> reason = optionalString(change, "failed")) {
         phone->failed[file] = *reason;
-    } else if (booleanIn(change, "done")) {
+    } else if (change.contains("done")) {
         phone->setDone(file);
     } else {
-        phone->done.erase(file);
+        throw JsonError("expected \"done\" or \"failed\"");
     }
 }
 
@@ -106,12 +100,13 @@ std::vector<ByteView> linesOf(ByteView content) {
     }
 }
 
+/// Of a file that is done, unconfirmed or failed.
 Json changeOf(const OutboxState::Phone& phone, const std::string& file) {
     Json json{{"pubkey", phone.pubkey}, {"file", file}};
     if (const auto failure = phone.failed.find(file); failure != phone.failed.end()) {
         json["failed"] = failure->second;
     } else {
-        json["done"] = phone.done.contains(file) || phone.unconfirmed.contains(file);
+        json["done"] = true;
     }
     return json;
 }
@@ -187,7 +182,7 @@ std::vector<OutboxState::Phone> OutboxState::decode(ByteView content) {
         std::for_each(lines.begin() + 1, lines.end(),
                       [&phones](ByteView line) { applyChange(parseJson(line), phones); });
     } catch (const JsonError&) {
-        // A power cut has stopped whoever wrote this line; of which file it tells, that one is sent again.
+        // A power cut has stopped whoever wrote this line. What it tells, and what comes behind it, is sent again.
     }
     return phones;
 }
@@ -201,21 +196,32 @@ std::string OutboxState::encode(const std::vector<Phone>& phones) {
 }
 
 void OutboxState::save() {
+    hasSaved_ = true;
     isWhole_ = false;
     files_->createDirectories(folder_, ownerOnlyFolder);
     platform::writeWholeFile(*files_, folder_ / fileName, asBytes(encode(phones)), ownerOnly);
     isWhole_ = true;
+    hasUnflushed_ = false;
 }
 
 void OutboxState::saveFile(const Phone& phone, const std::string& file) {
-    if (!std::exchange(isWhole_, false)) {
+    if (!isWhole_) {
         save();
         return;
     }
+    isWhole_ = false;
     const std::unique_ptr<platform::File> log = files_->open(folder_ / fileName, platform::OpenMode::write);
     log->seek(log->status().size);
     log->write(asBytes(compactJson(changeOf(phone, file)) + "\n"));
     isWhole_ = true;
+    hasUnflushed_ = true;
+}
+
+void OutboxState::flush() {
+    if (hasUnflushed_) {
+        files_->open(folder_ / fileName, platform::OpenMode::write)->flush();
+        hasUnflushed_ = false;
+    }
 }
 
 platform::Path OutboxState::journalFile(const std::string& pubkey) const {

@@ -24,9 +24,6 @@ namespace orlinth::host {
 ///                 "failed":{"c.jpg":"the phone declined the file."},"waiting":"network: …"}]}
 ///     {"done":true,"file":"b.jpg","pubkey":"…"}
 ///     {"failed":"the phone declined the file.","file":"d.jpg","pubkey":"…"}
-///     {"done":false,"file":"b.jpg","pubkey":"…"}
-///
-/// The last takes the first of the changes back: the phone did not get the end after all.
 class OutboxState {
 public:
     static constexpr const char* folderName = "outbox";
@@ -64,9 +61,14 @@ public:
 
     /// Everything, whole. Makes the folder. @throws platform::SystemError
     void save();
-    /// What has just become of one file of one of the phones, in a line more. Not flushed: after a power cut the file
-    /// may be sent again. Everything if this object has not saved before. @throws platform::SystemError
+    /// A file of one of the phones has just become done, unconfirmed or failed: a line more, which is not flushed.
+    /// Everything, as save() does, if this object has not saved before, or has failed to.
+    /// @throws platform::SystemError
     void saveFile(const Phone& phone, const std::string& file);
+    /// Returns when the lines of saveFile() would survive a power cut. @throws platform::SystemError
+    void flush();
+    /// Whether the last save() or saveFile() has failed.
+    [[nodiscard]] bool isBehind() const noexcept { return hasSaved_ && !isWhole_; }
     [[nodiscard]] platform::Path journalFile(const std::string& pubkey) const;
     [[nodiscard]] Phone* find(const std::string& pubkey);
     /// Everything that has failed is to be tried again.
@@ -79,7 +81,9 @@ public:
 private:
     platform::FileSystem* files_;
     platform::Path folder_;
-    bool isWhole_ = false; ///< another line may follow: what was written last was written to its end
+    bool hasSaved_ = false; ///< or has tried to
+    bool isWhole_ = false;  ///< another line may follow: what was written last was written to its end
+    bool hasUnflushed_ = false;
 };
 
 /// The phones that a batch is for: those that its manifest names, paired or not, each once. Where it names none, there

@@ -102,7 +102,7 @@ void InFlightJournal::complete(const std::string& name, std::int64_t size, const
     if (batch_ != nullptr) {
         if (const auto reserved = batch_->reserved_.find(key); reserved != batch_->reserved_.end()) {
             if (--reserved->second.uses <= 0) {
-                batch_->finished_[key] = reserved->second.id;
+                batch_->finished_.insert(key);
                 batch_->reserved_.erase(reserved);
             }
             return;
@@ -146,7 +146,7 @@ InFlightJournal::Batch::~Batch() {
     journal_.batch_ = nullptr;
     for (const auto& [key, entry] : reserved_) {
         if (entry.isNew && !entry.isBegun) {
-            finished_[key] = entry.id;
+            finished_.insert(key);
         }
     }
     if (finished_.empty()) {
@@ -155,7 +155,7 @@ InFlightJournal::Batch::~Batch() {
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
     Entries entries = journal_.load();
     std::size_t erased = 0;
-    for (const auto& [key, id] : finished_) {
+    for (const std::string& key : finished_) {
         erased += entries.erase(key);
     }
     if (erased > 0) {
@@ -163,7 +163,7 @@ InFlightJournal::Batch::~Batch() {
     }
 }
 
-void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses) {
+std::vector<std::string> InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses) {
     const std::lock_guard guard(journal_.lock_);
     try {
         journal_.files_.createDirectories(journal_.fileURL_.parent_path());
@@ -173,10 +173,11 @@ void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses)
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
     Entries entries = journal_.load();
     const Entries before = entries;
-    for (const auto& [key, id] : finished_) {
+    for (const std::string& key : finished_) {
         entries.erase(key);
     }
     finished_.clear();
+    std::vector<std::string> ids;
     for (const Wanted& file : files) {
         const std::string key = file.key.text();
         if (file.isFresh) {
@@ -187,17 +188,23 @@ void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses)
             entry->second = platform::randomUuidText();
         }
         reserved_[key] = {.id = entry->second, .uses = uses, .isNew = isNew, .isBegun = false};
+        ids.push_back(entry->second);
     }
     if (entries != before) {
         journal_.write(entries);
     }
+    return ids;
 }
 
-void InFlightJournal::Batch::takeBack(const InFlightKey& file) {
+void InFlightJournal::Batch::restore(const InFlightKey& file, const std::string& id) {
     const std::lock_guard guard(journal_.lock_);
-    if (const auto finished = finished_.find(file.text()); finished != finished_.end()) {
-        reserved_[finished->first] = {.id = finished->second, .uses = 1, .isNew = false, .isBegun = true};
-        finished_.erase(finished);
+    const std::string key = file.text();
+    finished_.erase(key);
+    reserved_[key] = {.id = id, .uses = 1, .isNew = false, .isBegun = true};
+    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+    Entries entries = journal_.load();
+    if (std::exchange(entries[key], id) != id) {
+        journal_.write(entries);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -102,17 +103,17 @@ public:
     Batch& operator=(const Batch&) = delete;
 
     /// As getOrCreate() for each, with one write. An entry is forgotten once so many sends of it have completed: a file
-    /// for several phones keeps its id until the last of them has it. Never fails.
-    void reserve(const std::vector<Wanted>& files, int uses);
-    /// As if the last complete() of a file that was reserved for one use had not been, if that is not written yet: the
-    /// phone may not have got the end after all.
-    void takeBack(const InFlightKey& file);
+    /// for several phones keeps its id until the last of them has it. Returns the ids. Never fails.
+    std::vector<std::string> reserve(const std::vector<Wanted>& files, int uses);
+    /// Gives a file that was completed the id again that it had, for one use more: the phone may not have got the end
+    /// after all. Never fails.
+    void restore(const InFlightKey& file, const std::string& id);
 
 private:
     friend class InFlightJournal;
     InFlightJournal& journal_;
     std::map<std::string, Reserved> reserved_; ///< by entry key; guarded by the journal's lock, like the next
-    Entries finished_;                         ///< what is to go from the file
+    std::set<std::string> finished_;           ///< entry keys that are to go from the file
 };
 
 } // namespace orlinth

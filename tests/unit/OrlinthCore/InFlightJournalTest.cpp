@@ -274,26 +274,24 @@ TEST_F(InFlightJournalBatch, WritesCompletionsWithTheNextReservationAndAtItsEnd)
     EXPECT_THAT(journal.snapshotEntries(), IsEmpty()) << "d was never begun";
 }
 
-TEST_F(InFlightJournalBatch, TakesBackACompletionThatIsNotWrittenYet) {
-    std::string id;
+TEST_F(InFlightJournalBatch, RestoresTheIdOfAFileWhetherItsCompletionWasWrittenOrNot) {
+    std::vector<std::string> ids;
     {
         InFlightJournal::Batch batch(journal);
-        batch.reserve(wanted({"a", "b"}), 1);
-        id = idOf("a");
-        static_cast<void>(idOf("b"));
+        ids = batch.reserve(wanted({"a", "b"}), 1);
+        EXPECT_THAT(ids, ElementsAre(idOf("a"), idOf("b")));
         complete("a");
         complete("b");
-        batch.takeBack({"a", 1, "m", "f"});
-        batch.takeBack({"a", 1, "m", "f"});
-        batch.takeBack({"never reserved", 1, "m", "f"});
-        EXPECT_EQ(id, idOf("a"));
-        batch.reserve(wanted({"c"}), 1);
-        EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", id), Key("c|1|m|f")));
-        EXPECT_EQ(id, idOf("a"));
-        batch.takeBack({"b", 1, "m", "f"});
-        EXPECT_FALSE(journal.snapshotEntries().contains("b|1|m|f")) << "its completion has been written";
+        batch.restore({"a", 1, "m", "f"}, ids[0]);
+        EXPECT_THAT(batch.reserve(wanted({"c"}), 1), testing::SizeIs(1));
+        EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", ids[0]), Key("c|1|m|f")));
+        batch.restore({"b", 1, "m", "f"}, ids[1]);
+        EXPECT_THAT(journal.snapshotEntries(), testing::Contains(Pair("b|1|m|f", ids[1])));
+        EXPECT_EQ(ids[0], idOf("a"));
+        EXPECT_EQ(ids[1], idOf("b"));
+        complete("b");
     }
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", id)));
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", ids[0])));
 }
 
 TEST_F(InFlightJournalBatch, LeavesWhatWasBegunAndWhatWasThereBefore) {

@@ -1,4 +1,5 @@
 #include "OutboxWorld.h"
+#include "orlinth/SendSchedule.h"
 
 #include <gmock/gmock.h>
 
@@ -334,9 +335,34 @@ TEST_F(OutboxSenderTest, FlushesLittleForManyFiles) {
     start();
     const std::size_t before = world_.files.count(fakes::Operation::flush);
     pass(1);
-    EXPECT_EQ(names, taken_);
+    EXPECT_EQ(names, taken_) << "although it takes one at a time, and refuses all others";
+    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
     EXPECT_FALSE(isThere(memory / first));
-    EXPECT_GE(before + 1 + 3, world_.files.count(fakes::Operation::flush)) << "the state, and ids three times";
+    EXPECT_GE(before + 1 + 3 + 3, world_.files.count(fakes::Operation::flush)) << "the state, ids, and what was sent";
+}
+
+TEST_F(OutboxSenderTest, SendsSeveralAtOnceToAPhoneThatTakesThem) {
+    put(first, {"1", "2", "3", "4", "5", "6", "7", "8", "9"});
+    world_.alongside(takeTogether({1, 2, 4, 2}));
+    start();
+    pass(5);
+    EXPECT_THAT(taken_, testing::UnorderedElementsAre("1", "2", "3", "4", "5", "6", "7", "8", "9"));
+    EXPECT_EQ("1", taken_.front());
+    EXPECT_EQ(9U, attempts());
+    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_THAT(titles(), ElementsAre("Sent 9 files to Pixel-8"));
+}
+
+TEST_F(OutboxSenderTest, SendsLargeFilesOneAfterTheOther) {
+    put(first, {"1", "2", "3"});
+    for (const char* name : {"2", "3"}) {
+        world_.files.put(outbox / first / name, std::string(SendSchedule::enoughBytesUnderWay, 'x'));
+    }
+    world_.alongside(takeOneAndKeepSilent());
+    start();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("1"));
+    EXPECT_EQ(2U, attempts());
 }
 
 TEST_F(OutboxSenderTest, SendsAgainUnderTheSameIdWhatWasBrokenOffAtTheEnd) {

@@ -1,5 +1,6 @@
 #include "orlinth/OutboxState.h"
 
+#include "fakes/CrashTrials.h"
 #include "fakes/MemoryFileSystem.h"
 #include "orlinth/OutboxBatches.h"
 #include "platform/SystemError.h"
@@ -125,7 +126,7 @@ TEST_F(OutboxStateTest, KnowsWhatIsBeforeALineThatCannotBeRead) {
     for (const std::string& line :
          {std::string(40, '\0'), std::string(), std::string("{"), std::string("[]"), std::string(R"({"file":"b"})"),
           std::string(R"({"pubkey":"KEY A","done":true})"), std::string(R"({"pubkey":"KEY A","file":"b"})"),
-          std::string(R"({"pubkey":"KEY A","file":"b","done":1})"),
+          std::string(R"({"pubkey":"KEY A","file":"b","begun":"b|1|"})"),
           std::string(R"({"pubkey":"KEY A","file":"b","failed":1})"),
           std::string(R"({"pubkey":"KEY C","file":"b","done":true})")}) {
         files_.put(folder / "state.jsonl", before + line + "\n" + after);
@@ -133,6 +134,87 @@ TEST_F(OutboxStateTest, KnowsWhatIsBeforeALineThatCannotBeRead) {
     }
     files_.put(folder / "state.jsonl", before + after.substr(0, after.size() - 1));
     EXPECT_THAT(OutboxState::load(files_, folder).value().phones[0].done, ElementsAre("a")) << "a line without its end";
+}
+
+TEST_F(OutboxStateTest, FlushesWhatWasWrittenSince) {
+    OutboxState::Phone& phone = *state_.find("KEY A");
+    state_.save();
+    const std::size_t flushes = files_.count(fakes::Operation::flush);
+    state_.flush();
+    phone.setDone("a");
+    state_.saveFile(phone, "a");
+    EXPECT_EQ(flushes, files_.count(fakes::Operation::flush));
+    state_.flush();
+    state_.flush();
+    EXPECT_EQ(flushes + 1, files_.count(fakes::Operation::flush));
+}
+
+TEST(OutboxStateCrash, LosesAtMostWhatWasSentAndNeverWhatWasTakenBack) {
+    bool isTakenBack = false;
+    const auto prepare = [](fakes::MemoryFileSystem& files) {
+        files.putFolder("/data");
+        OutboxState state(files, folder);
+        state.phones.push_back(freshPhone("KEY A", nullptr));
+        state.save();
+    };
+    fakes::forEveryCrash(
+        prepare,
+        [&isTakenBack](fakes::MemoryFileSystem& files) {
+            isTakenBack = false;
+            OutboxState state = OutboxState::load(files, folder).value();
+            OutboxState::Phone& phone = state.phones.front();
+            phone.setDone("a");
+            state.saveFile(phone, "a");
+            state.flush();
+            phone.unconfirmed.insert("b");
+            state.saveFile(phone, "b");
+            phone.unconfirmed.clear();
+            state.save();
+            isTakenBack = true;
+            phone.failed["c"] = "why";
+            state.saveFile(phone, "c");
+        },
+        [&isTakenBack](const fakes::Aftermath& after) {
+            const std::optional<OutboxState> state = OutboxState::load(after.files, folder);
+            ASSERT_TRUE(state) << "what was there before is lost";
+            const OutboxState::Phone& phone = state->phones.front();
+            EXPECT_EQ("KEY A", phone.pubkey);
+            if (isTakenBack) {
+                EXPECT_TRUE(phone.isOpen("b"));
+                EXPECT_FALSE(phone.isOpen("a"));
+            }
+            if (after.completed && after.kind == fakes::CrashKind::processKill) {
+                EXPECT_THAT(phone.failed, ElementsAre(Pair("c", "why")));
+            }
+        });
+}
+
+TEST(OutboxStateFailure, IsMadeUpForByTheNextChange) {
+    const auto prepare = [](fakes::MemoryFileSystem& files) { files.putFolder("/data"); };
+    fakes::forEveryFailure(
+        ENOSPC, prepare,
+        [](fakes::MemoryFileSystem& files) {
+            OutboxState state(files, folder);
+            state.phones.push_back(freshPhone("KEY A", nullptr));
+            OutboxState::Phone& phone = state.phones.front();
+            EXPECT_FALSE(state.isBehind());
+            for (const char* name : {"a", "b", "c"}) {
+                phone.setDone(name);
+                try {
+                    state.saveFile(phone, name);
+                    EXPECT_FALSE(state.isBehind());
+                } catch (const platform::SystemError&) {
+                    EXPECT_TRUE(state.isBehind());
+                }
+            }
+            if (state.isBehind()) {
+                state.save();
+            }
+        },
+        [](fakes::MemoryFileSystem& files, const std::exception_ptr& thrown) {
+            EXPECT_FALSE(thrown);
+            EXPECT_THAT(OutboxState::load(files, folder).value().phones[0].done, ElementsAre("a", "b", "c"));
+        });
 }
 
 TEST_F(OutboxStateTest, IsWrittenWholeWhereALineWasCutShort) {
@@ -170,7 +252,7 @@ TEST_F(OutboxStateTest, HasOpenWhatNobodyHasConfirmedUntilItIsLoaded) {
     state_.save(); // for another reason
     EXPECT_FALSE(OutboxState::load(files_, folder).value().phones[0].isOpen("a"));
     phone.unconfirmed.clear();
-    state_.saveFile(phone, "a");
+    state_.save();
     EXPECT_TRUE(OutboxState::load(files_, folder).value().phones[0].isOpen("a"));
 }
 

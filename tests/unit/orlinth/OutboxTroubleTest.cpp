@@ -343,18 +343,49 @@ TEST_F(OutboxTroubleTest, SaysOfABatchWhoseNameIsTakenThatItIsLeftToPeople) {
     EXPECT_THAT(errors_, testing::Not(HasSubstr("outbox retry")));
 }
 
-TEST_F(OutboxTroubleTest, DoesNotTakeForSentWhatWasNotWhenTheJournalIsAnother) {
-    put(first, {"a.txt"});
+TEST_F(OutboxTroubleTest, TriesAgainInALiveBatchWhatWasDeclined) {
+    pair({world_.phoneRecord(), tabletRecord()});
+    put(first, {"a.txt"}, 1000, std::vector<std::string>{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
     world_.alongside(answer(Row::decline(), 1));
     start();
     pass(1);
-    ASSERT_TRUE(isThere(setAside / first));
-    OutboxState known = OutboxState::load(world_.files, memory / first).value();
-    world_.files.put(known.journalFile(world_.phoneRecord().peer_pubkey), R"({"entries":{}})");
+    ASSERT_TRUE(isThere(outbox / first)) << "the tablet is away";
     world_.alongside(take(1));
     EXPECT_EQ((Json{{"found", true}}), retry());
     pass(1);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxTroubleTest, NotesLaterWhatItCouldNotNoteWhenItWasSent) {
+    pair({world_.phoneRecord(), tabletRecord()});
+    put(first, {"a.txt"}, 1000, std::vector<std::string>{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
+    world_.alongside(closeLate(10));
+    start();
+    pass(0.01);
+    world_.files.addFault({.operation = Operation::write, .errorNumber = ENOSPC});
+    pass(5);
+    collect();
+    EXPECT_THAT(errors_, HasSubstr("cannot note what was sent from the outbox: "));
+    world_.files.clearFaults();
+    pass(10);
+    ASSERT_EQ(1U, told("outbox_sent").size());
+    EXPECT_FALSE(OutboxState::load(world_.files, memory / first).value().phones.at(1).isOpen("a.txt"));
+}
+
+TEST_F(OutboxTroubleTest, NotesAtTheEndWhatItCouldNotTakeBack) {
+    const auto isOpen = [this] {
+        return OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt");
+    };
+    put(first, {"a.txt"});
+    world_.alongside(breakOffAtTheEnd(1));
+    start();
+    world_.files.addFault(
+        {.operation = Operation::rename, .errorNumber = EACCES, .skip = 1, .nameEnding = "state.jsonl"});
+    pass(1);
+    ASSERT_FALSE(isOpen()) << "what is on the disk cannot be mended now";
+    world_.files.clearFaults();
+    stop();
+    EXPECT_TRUE(isOpen());
 }
 
 // Batches without a choice

@@ -87,6 +87,27 @@ protected:
             phone->close();
         }
     }
+    /// Takes files in rounds: in each, so many connections are there and have made their offers before any is answered.
+    [[nodiscard]] Task<> takeTogether(std::vector<int> rounds) {
+        const std::unique_ptr<platform::Listener> listener = world_.network.listen(
+            {.port = fakes::World::phonePort, .keepAlive = std::nullopt}, world_.context.get_executor());
+        for (const int count : rounds) {
+            std::vector<std::pair<std::unique_ptr<ScriptedPeer>, Row::FileOffer>> phones;
+            for (int i = 0; i < count; ++i) {
+                std::unique_ptr<platform::Stream> stream = co_await listener->accept(world_.context.get_executor());
+                auto phone = co_await greet(std::move(stream));
+                auto offer = co_await phone->expect<Row::FileOffer>();
+                phones.emplace_back(std::move(phone), std::move(offer));
+            }
+            for (const auto& [phone, offer] : phones) {
+                co_await phone->send(Row::resume(offer.transfer_id, 0));
+                const Bytes data = co_await phone->receiveUntilDone();
+                taken_.push_back(offer.name);
+                EXPECT_EQ("content of " + offer.name, std::string(asText(data)));
+                phone->close();
+            }
+        }
+    }
     /// Answers the offers of `count` connections in this way.
     [[nodiscard]] Task<> answer(Row message, int count) {
         for (int i = 0; i < count; ++i) {
@@ -103,6 +124,10 @@ protected:
         const auto offer = co_await phone->expect<Row::FileOffer>();
         const bool ended = co_await phone->seesTheEnd();
         EXPECT_TRUE(ended);
+    }
+    [[nodiscard]] Task<> takeOneAndKeepSilent() {
+        co_await take(1);
+        co_await keepSilent();
     }
     /// Takes `count` files, and resets each connection after the end.
     [[nodiscard]] Task<> breakOffAtTheEnd(int count) {
@@ -141,6 +166,10 @@ protected:
             {.port = fakes::World::phonePort, .keepAlive = std::nullopt}, world_.context.get_executor());
         std::unique_ptr<platform::Stream> stream = co_await listener->accept(world_.context.get_executor());
         reset_ = dynamic_cast<fakes::MemoryStream*>(stream.get());
+        co_return co_await greet(std::move(stream));
+    }
+    /// The phone's part of the handshake.
+    [[nodiscard]] Task<std::unique_ptr<ScriptedPeer>> greet(std::unique_ptr<platform::Stream> stream) {
         auto wire = std::make_unique<WireConnection>(std::move(stream), world_.clock);
         NoiseHandshake handshake(NoiseRole::responder, world_.phoneKey.clone(), asBytes(kOrlinthPrologue));
         co_await exchangeAsResponder(*wire, handshake);
