@@ -399,17 +399,22 @@ void OutboxQueue::setAside(const std::string& id, const std::string& message) {
 }
 
 void OutboxQueue::save(Job& job) {
-    note([&job] { job.state.save(); });
+    note([this, &job] {
+        job.state.save();
+        isTroubleTold_ = false;
+    });
 }
 
 void OutboxQueue::saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file) {
-    note([&] { job.state.saveFile(phone, file); });
+    note([&] {
+        job.state.saveFile(phone, file);
+        isTroubleTold_ = false;
+    });
 }
 
 void OutboxQueue::note(const std::function<void()>& write) {
     try {
         write();
-        isTroubleTold_ = false;
     } catch (const platform::SystemError& error) {
         if (!std::exchange(isTroubleTold_, true)) {
             reporter_.message("cannot note what was sent from the outbox: " + error.description() +

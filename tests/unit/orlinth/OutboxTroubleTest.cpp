@@ -372,6 +372,23 @@ TEST_F(OutboxTroubleTest, NotesLaterWhatItCouldNotNoteWhenItWasSent) {
     EXPECT_FALSE(OutboxState::load(world_.files, memory / first).value().phones.at(1).isOpen("a.txt"));
 }
 
+TEST_F(OutboxTroubleTest, TellsOnceThatItCanNoteNothing) {
+    std::vector<std::string> names;
+    for (int i = 10; i < 50; ++i) { // more than get their ids at once
+        names.push_back(std::to_string(i) + ".txt");
+    }
+    put(first, names);
+    world_.alongside(take(40));
+    start();
+    pass(0.01);
+    world_.files.addFault({.operation = Operation::write, .errorNumber = ENOSPC});
+    pass(1);
+    EXPECT_EQ(names, taken_);
+    collect();
+    EXPECT_THAT(errors_, HasSubstr("cannot note"));
+    EXPECT_EQ(errors_.find("cannot note"), errors_.rfind("cannot note")) << errors_;
+}
+
 TEST_F(OutboxTroubleTest, NotesAtTheEndWhatItCouldNotTakeBack) {
     const auto isOpen = [this] {
         return OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt");
