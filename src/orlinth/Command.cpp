@@ -56,6 +56,17 @@ CLI::Option* Command::addSeconds(const char* flag, double& seconds, const char* 
         ->capture_default_str();
 }
 
+void Command::addPhones(std::vector<std::string>& selectors) {
+    parser_
+        ->add_option("--to", selectors,
+                     "Which phone: its name, or the beginning of its name or key, in any letter case. "
+                     "May be given several times. Default: the phone paired last.")
+        ->type_name("SELECTOR")
+        ->allow_extra_args(false)
+        ->check(notEmpty())
+        ->configurable(false);
+}
+
 CLI::Option* Command::addText(const char* flag, std::string& text, const char* typeName, const char* what) {
     return parser_->add_option(flag, text, what)->type_name(typeName)->check(notEmpty())->take_last();
 }

@@ -5,6 +5,8 @@
 #include <CLI/CLI.hpp>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace orlinth::host {
 
@@ -33,6 +35,8 @@ protected:
     CLI::Option* addSeconds(const char* flag, double& seconds, const char* what);
     /// A text that may not be empty.
     CLI::Option* addText(const char* flag, std::string& text, const char* typeName, const char* what);
+    /// `--to`, as often as wanted: selectors of phones. Not in the settings: whom something goes to is said each time.
+    void addPhones(std::vector<std::string>& selectors);
     /// A TCP port, from `lowest` to 65535.
     CLI::Option* addPort(const char* flag, std::uint16_t& port, std::uint16_t lowest, const char* what);
 

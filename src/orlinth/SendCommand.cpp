@@ -9,14 +9,7 @@ namespace {
 class SendCommand final : public Command {
 public:
     explicit SendCommand(CLI::App& program) : Command(program.add_subcommand("send", "Send files to paired phones.")) {
-        parser()
-            .add_option("--to", selectors_,
-                        "Which phone: its name, or the beginning of its name or key, in any letter case. "
-                        "May be given several times. Default: the phone paired last.")
-            ->type_name("SELECTOR")
-            ->allow_extra_args(false)
-            ->check(notEmpty())
-            ->configurable(false);
+        addPhones(selectors_);
         addSeconds("--warm-timeout", times_.warm, "How long the first attempt to connect may take; 0: no limit.");
         addSeconds(
             "--wake-timeout", times_.wake,

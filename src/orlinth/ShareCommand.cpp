@@ -15,14 +15,7 @@ public:
         : Command(program.add_subcommand(
               "share",
               "Leave files for `orlinth serve` to send, also if the phone is away now, as the desktop does.")) {
-        parser()
-            .add_option("--to", selectors_,
-                        "Which phone: its name, or the beginning of its name or key, in any letter case. "
-                        "May be given several times. Default: the phone paired last.")
-            ->type_name("SELECTOR")
-            ->allow_extra_args(false)
-            ->check(notEmpty())
-            ->configurable(false);
+        addPhones(selectors_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
         parser()
