@@ -18,10 +18,12 @@
 #include <asio/read_until.hpp>
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <span>
 #include <stdexcept>
+#include <thread>
 #include <unistd.h>
 
 using namespace orlinth;
@@ -164,6 +166,22 @@ constexpr std::ptrdiff_t threadsOfTheSanitizer = 1;
 constexpr std::ptrdiff_t threadsOfTheSanitizer = 0;
 #endif
 
+std::ptrdiff_t countThreads() {
+    const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks)) - threadsOfTheSanitizer;
+}
+
+/// The system lists a thread for a moment after it was joined; one that nobody has joined stays.
+std::ptrdiff_t threadsThatStay() {
+    constexpr int attempts = 100;
+    std::ptrdiff_t count = countThreads();
+    for (int attempt = 1; attempt < attempts && count > 1; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        count = countThreads();
+    }
+    return count;
+}
+
 int run(std::span<char*> words) {
     const std::string command = words.size() > 1 ? words[1] : "";
     if (command == "advertise" && words.size() == 5) {
@@ -174,8 +192,7 @@ int run(std::span<char*> words) {
         std::fputs("usage: dns_sd_tool advertise PORT HOSTNAME CODE | find SECONDS\n", stderr);
         return 2;
     }
-    const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
-    tell({{"event", "threads"}, {"count", std::distance(begin(tasks), end(tasks)) - threadsOfTheSanitizer}});
+    tell({{"event", "threads"}, {"count", threadsThatStay()}});
     return 0;
 }
 
