@@ -40,6 +40,11 @@ public:
     }
     void finishWriting() noexcept override { stream_->finishWriting(); }
     void cancel() noexcept override { stream_->cancel(); }
+    void abort() noexcept override { stream_->abort(); }
+    void setKeepAlive(const platform::KeepAlive& keepAlive) noexcept override { stream_->setKeepAlive(keepAlive); }
+    [[nodiscard]] std::optional<std::int64_t> unacknowledgedBytes() const noexcept override {
+        return stream_->unacknowledgedBytes();
+    }
     [[nodiscard]] Executor executor() const override { return stream_->executor(); }
     [[nodiscard]] std::string remoteEndpoint() const override { return stream_->remoteEndpoint(); }
     [[nodiscard]] std::string localAddress() const override { return stream_->localAddress(); }

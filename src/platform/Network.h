@@ -9,6 +9,14 @@
 
 namespace orlinth::platform {
 
+/// TCP keep-alive: the first probe after `idleSeconds` of silence, further ones each `intervalSeconds`, dead after
+/// `count` unanswered.
+struct KeepAlive {
+    int idleSeconds;
+    int intervalSeconds;
+    int count;
+};
+
 /// One established TCP connection, or its in-memory twin.
 ///
 /// Ownership: destroying it closes it. Threading: every call and every resume on its executor; one read and one write
@@ -25,6 +33,13 @@ public:
     virtual void finishWriting() noexcept = 0;
     /// Ends the connection now. Pending and later calls fail with "connection cancelled". May be called again.
     virtual void cancel() noexcept = 0;
+    /// The same, and the peer sees a reset instead of an orderly end: it must not believe that its bytes were used.
+    virtual void abort() noexcept { cancel(); }
+    /// Notices a peer that is gone also while nothing is sent: pending reads then fail. Best effort.
+    virtual void setKeepAlive(const KeepAlive& /*keepAlive*/) noexcept {}
+    /// How many of the bytes written (and of the end of writing, which counts as one) the peer's system has not
+    /// acknowledged yet; nothing if that cannot be said, as of a connection that is closed.
+    [[nodiscard]] virtual std::optional<std::int64_t> unacknowledgedBytes() const noexcept { return std::nullopt; }
     [[nodiscard]] virtual Executor executor() const = 0;
     /// The peer's address and port as people write them: "192.168.1.7:40112", "[fe80::1%eth0]:40112".
     [[nodiscard]] virtual std::string remoteEndpoint() const = 0;
@@ -43,14 +58,6 @@ public:
     /// The real port, also where a free one was asked for.
     [[nodiscard]] virtual std::uint16_t port() const noexcept = 0;
     virtual void close() noexcept = 0;
-};
-
-/// TCP keep-alive: the first probe after `idleSeconds` of silence, further ones each `intervalSeconds`, dead after
-/// `count` unanswered.
-struct KeepAlive {
-    int idleSeconds;
-    int intervalSeconds;
-    int count;
 };
 
 struct ListenOptions {

@@ -13,7 +13,7 @@ using platform::SystemError;
 
 std::size_t detail::Pipe::untilNextFault() const {
     std::size_t next = SIZE_MAX;
-    for (const std::optional<std::size_t>& at : {faults.resetAfter, faults.endAfter}) {
+    for (const std::optional<std::size_t>& at : {faults.resetAfter, faults.endAfter, faults.vanishAfter}) {
         if (at && *at > written) {
             next = std::min(next, *at - written);
         }
@@ -22,7 +22,10 @@ std::size_t detail::Pipe::untilNextFault() const {
 }
 
 void detail::Pipe::take(ByteView piece) {
-    if (!ended) {
+    const bool vanishes = faults.vanishAfter && written >= *faults.vanishAfter;
+    if (vanishes) {
+        vanished += piece.size();
+    } else if (!ended) {
         bytes.insert(bytes.end(), piece.begin(), piece.end());
         if (faults.flipBitAt && *faults.flipBitAt >= written && *faults.flipBitAt < written + piece.size()) {
             bytes[bytes.size() - piece.size() + (*faults.flipBitAt - written)] ^= std::byte{0x10};
@@ -99,6 +102,11 @@ Task<std::size_t> MemoryStream::readExact(MutableBytes into) {
 }
 
 void MemoryStream::finishWriting() noexcept {
+    const bool vanishes = outgoing_->faults.vanishAfter && outgoing_->written >= *outgoing_->faults.vanishAfter;
+    if (vanishes) {
+        ++outgoing_->vanished;
+        return;
+    }
     outgoing_->ended = true;
     outgoing_->changed.notify();
 }
@@ -116,9 +124,15 @@ void MemoryStream::cancel() noexcept {
     }
 }
 
-void MemoryStream::reset() noexcept {
-    outgoing_->broken = true;
-    cancel();
+void MemoryStream::abort() noexcept {
+    if (!cancelled_) {
+        outgoing_->broken = true;
+        cancel();
+    }
+}
+
+std::optional<std::int64_t> MemoryStream::unacknowledgedBytes() const noexcept {
+    return cancelled_ ? std::nullopt : std::optional(static_cast<std::int64_t>(outgoing_->vanished));
 }
 
 MemoryConnection connectedStreams(const Executor& executor, WireFaults fromFirst, WireFaults fromSecond) {

@@ -19,6 +19,8 @@ struct WireFaults {
     std::optional<std::size_t> resetAfter = {};
     /// Bytes after which this direction ends as if its sender had closed; absent: never.
     std::optional<std::size_t> endAfter = {};
+    /// Bytes after which nothing arrives any more and nobody says so, as on a cut wire; absent: never.
+    std::optional<std::size_t> vanishAfter = {};
     /// Position of a byte that arrives with one bit flipped; absent: none.
     std::optional<std::size_t> flipBitAt = {};
     /// Bytes that reach the reader in one go, at most.
@@ -36,6 +38,7 @@ struct Pipe {
     std::size_t written = 0;
     bool ended = false;  // no more will be written
     bool broken = false; // reset
+    std::size_t vanished = 0;
     WireFaults faults;
     Event changed;
 
@@ -57,12 +60,15 @@ public:
     [[nodiscard]] Task<std::size_t> readExact(MutableBytes into) override;
     void finishWriting() noexcept override;
     void cancel() noexcept override;
+    void abort() noexcept override;
+    void setKeepAlive(const platform::KeepAlive& keepAlive) noexcept override { keepAlive_ = keepAlive; }
+    /// The peer's system takes at once whatever arrives.
+    [[nodiscard]] std::optional<std::int64_t> unacknowledgedBytes() const noexcept override;
     [[nodiscard]] Executor executor() const override { return executor_; }
     [[nodiscard]] std::string remoteEndpoint() const override { return remoteEndpoint_; }
     [[nodiscard]] std::string localAddress() const override { return "203.0.113.1"; }
 
-    /// Ends the connection with a reset instead of an orderly close.
-    void reset() noexcept;
+    [[nodiscard]] const std::optional<platform::KeepAlive>& keepAlive() const noexcept { return keepAlive_; }
     [[nodiscard]] bool isCancelled() const noexcept { return cancelled_; }
     /// How often writeAll() was called: one a frame is what the wire layer promises.
     [[nodiscard]] int writeCalls() const noexcept { return writeCalls_; }
@@ -76,6 +82,7 @@ private:
     std::string remoteEndpoint_;
     bool cancelled_ = false;
     int writeCalls_ = 0;
+    std::optional<platform::KeepAlive> keepAlive_;
 };
 
 struct MemoryConnection {

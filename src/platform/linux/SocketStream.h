@@ -137,6 +137,8 @@ protected:
     /// For what only one kind of socket can do. Closed after cancel().
     [[nodiscard]] const Socket& socket() const noexcept { return socket_; }
     [[nodiscard]] Socket& socket() noexcept { return socket_; }
+    /// -1 after cancel().
+    [[nodiscard]] int descriptor() const noexcept { return const_cast<Socket&>(socket_).native_handle(); }
 
 private:
     void throwIfCancelled() const {

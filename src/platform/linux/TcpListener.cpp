@@ -2,8 +2,10 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -83,8 +85,42 @@ void openTcpSocket(Tcp::socket& socket, const Tcp& protocol) {
     openSocket(socket, protocol);
 }
 
+namespace {
+
+/// @throws SystemError
+void setKeepAliveOf(int number, const KeepAlive& keepAlive) {
+    setSocketOption(number, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setSocketOption(number, IPPROTO_TCP, TCP_KEEPIDLE, keepAlive.idleSeconds);
+    setSocketOption(number, IPPROTO_TCP, TCP_KEEPINTVL, keepAlive.intervalSeconds);
+    setSocketOption(number, IPPROTO_TCP, TCP_KEEPCNT, keepAlive.count);
+}
+
+} // namespace
+
 TcpStream::TcpStream(Tcp::socket socket, const Tcp::endpoint& remote)
     : SocketStream(std::move(socket), endpointText(remote)) {}
+
+void TcpStream::abort() noexcept {
+    const linger discard{.l_onoff = 1, .l_linger = 0};
+    ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
+    cancel();
+}
+
+void TcpStream::setKeepAlive(const KeepAlive& keepAlive) noexcept {
+    try {
+        setKeepAliveOf(descriptor(), keepAlive);
+    } catch (const SystemError&) {
+        return; // the connection is gone, or as good as before
+    }
+}
+
+std::optional<std::int64_t> TcpStream::unacknowledgedBytes() const noexcept {
+    int count = 0;
+    if (::ioctl(descriptor(), SIOCOUTQ, &count) != 0) {
+        return std::nullopt;
+    }
+    return count;
+}
 
 std::string TcpStream::localAddress() const {
     std::error_code code; // of a connection that is gone
@@ -205,10 +241,7 @@ std::unique_ptr<Stream> TcpListener::adopt(int number, const Executor& executor)
     }
     setSocketOption(number, IPPROTO_TCP, TCP_NODELAY, 1);
     if (keepAlive_) {
-        setSocketOption(number, SOL_SOCKET, SO_KEEPALIVE, 1);
-        setSocketOption(number, IPPROTO_TCP, TCP_KEEPIDLE, keepAlive_->idleSeconds);
-        setSocketOption(number, IPPROTO_TCP, TCP_KEEPINTVL, keepAlive_->intervalSeconds);
-        setSocketOption(number, IPPROTO_TCP, TCP_KEEPCNT, keepAlive_->count);
+        setKeepAliveOf(number, *keepAlive_);
     }
     return std::make_unique<TcpStream>(std::move(socket), remote);
 }

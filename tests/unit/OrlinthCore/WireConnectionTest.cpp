@@ -277,7 +277,7 @@ TEST_F(Wire, ReportsAStreamThatEndsAtAnyPlaceInAFrame) {
 
 TEST_F(Wire, WrapsTheTextOfANetworkError) {
     WireConnection& wire = connect();
-    peer_->reset();
+    peer_->abort();
     const std::string reset = platform::SystemError::fromErrno(ECONNRESET).description();
     const auto receiving = errorOf(wire.receiveLengthPrefixed());
     EXPECT_EQ(receiving->which(), WireConnection::Error::Case::underlying);
@@ -454,7 +454,7 @@ TEST_F(Wire, DropsWhateverStillComesAtTheFarewell) {
 
 TEST_F(Wire, SaysAtTheFarewellThatThePeerBrokeOff) {
     WireConnection& wire = connect();
-    peer_->reset();
+    peer_->abort();
     EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1)), Farewell::brokeOff);
     EXPECT_TRUE(ours_->isCancelled());
 }

@@ -137,7 +137,7 @@ protected:
             ids_.push_back(offer.transfer_id);
             co_await phone->send(Row::resume(offer.transfer_id, 0));
             const Bytes data = co_await phone->receiveUntilDone();
-            reset_->reset();
+            reset_->abort();
         }
     }
     /// Takes one file, and closes so many seconds after its end.
@@ -158,7 +158,7 @@ protected:
             co_await phone->send(Row::resume(offer.transfer_id, offset));
             const DecodedFrame piece = co_await phone->receive();
             EXPECT_TRUE(std::holds_alternative<Bytes>(piece));
-            reset_->reset();
+            reset_->abort();
         }
     }
     [[nodiscard]] Task<std::unique_ptr<ScriptedPeer>> acceptForReset() {

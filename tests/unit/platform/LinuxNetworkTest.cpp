@@ -294,6 +294,43 @@ TEST_F(LinuxNetworkTest, ReportsAResetToAWriterThatWaits) {
     EXPECT_EQ(failureWhile(writeBytes(*stream, Bytes(20'000'000)), [&] { raw.reset(); }), "Connection reset by peer");
 }
 
+TEST_F(LinuxNetworkTest, ShowsThePeerAResetWhenItAborts) {
+    const auto [a, b] = connected();
+    Stream& stream = *b;
+    EXPECT_EQ(failureWhile(readAndForget(*a, 1), [&] { stream.abort(); }), "Connection reset by peer");
+    EXPECT_EQ(failureOfTask(readAndForget(*b, 1)), "connection cancelled");
+    b->abort(); // as harmless as another cancel()
+}
+
+TEST_F(LinuxNetworkTest, CountsWhatThePeersSystemHasNotAcknowledged) {
+    const auto [a, b] = connected();
+    fakes::runTask(context_, writeBytes(*a, pattern(1000)) && readBytes(*b, 1000));
+    EXPECT_EQ(a->unacknowledgedBytes(), 0);
+    Stream& writer = *a;
+    // Nobody reads: once both buffers are full, what does not fit into the peer's stays here.
+    EXPECT_EQ(failureWhile(writeBytes(writer, Bytes(64'000'000)),
+                           [&] {
+                               EXPECT_GT(writer.unacknowledgedBytes(), 0);
+                               writer.cancel();
+                           }),
+              "connection cancelled");
+    EXPECT_EQ(a->unacknowledgedBytes(), std::nullopt);
+}
+
+TEST_F(LinuxNetworkTest, SwitchesKeepAliveOnForOneConnection) {
+    const auto [a, b] = connected();
+    const int socket = socketWithPeerPort(a->remoteEndpoint());
+    ASSERT_NE(socket, -1);
+    EXPECT_EQ(optionOf(socket, SOL_SOCKET, SO_KEEPALIVE), 0);
+    a->setKeepAlive({.idleSeconds = 7, .intervalSeconds = 3, .count = 2});
+    EXPECT_EQ(optionOf(socket, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPIDLE), 7);
+    EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPINTVL), 3);
+    EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPCNT), 2);
+    a->cancel();
+    a->setKeepAlive({.idleSeconds = 7, .intervalSeconds = 3, .count = 2}); // of no use, and no harm
+}
+
 TEST_F(LinuxNetworkTest, FailsPendingAndLaterCallsOfACancelledStream) {
     const auto [a, b] = connected();
     Stream& stream = *b;
