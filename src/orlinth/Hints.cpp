@@ -5,6 +5,7 @@
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "OrlinthCore/SecureChannel/WireConnection.h"
 #include "OrlinthCore/Sending/SendError.h"
+#include "orlinth/Delivery.h"
 #include "orlinth/Output.h"
 #include "orlinth/PushService.h"
 
@@ -34,6 +35,9 @@ std::string hintForSending(const std::exception& error, const std::string& where
     if (dynamic_cast<const WireConnection::Error*>(&error) != nullptr) {
         return "The connection to " + where + " broke. Send the file again: it goes on where it stopped.";
     }
+    if (dynamic_cast<const DeliveryInDoubt*>(&error) != nullptr) {
+        return "Look on " + where + ", or send the file again: what is there already is not sent twice.";
+    }
     const auto* frame = dynamic_cast<const TransportFramer::Error*>(&error);
     if (frame != nullptr && frame->which() == TransportFramer::Error::Case::plaintextTooLarge) {
         return "A text of that size goes as a file: `orlinth send`.";
@@ -52,6 +56,12 @@ std::string hintForSending(const std::exception& error, const std::string& where
     default:
         return {};
     }
+}
+
+std::string hintForNotTaken(const std::string& where) {
+    return where +
+           " ended the connection before it took the file. It may no longer know this computer: if it does not " +
+           "list it, pair again.";
 }
 
 std::string hintForReceiving(const std::exception& error, const std::string& from) {

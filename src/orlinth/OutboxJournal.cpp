@@ -1,8 +1,5 @@
 #include "orlinth/OutboxJournal.h"
 
-#include "orlinth/SourceMemory.h"
-
-#include <optional>
 #include <utility>
 
 namespace orlinth::host {
@@ -12,29 +9,40 @@ OutboxJournal::OutboxJournal(platform::System& system, platform::Path file)
 
 std::int64_t OutboxJournal::sizeOf(const platform::Path& file) const {
     const auto prepared = prepared_.find(file);
-    return prepared == prepared_.end() ? 0 : prepared->second.key.size;
+    return prepared == prepared_.end() ? 0 : prepared->second.size;
 }
 
 void OutboxJournal::prepare(const std::vector<platform::Path>& files) {
-    const SourceMemory memory(system_, journal_);
-    std::vector<platform::Path> examined;
     std::vector<InFlightJournal::Batch::Wanted> wanted;
     for (const platform::Path& file : files) {
-        std::optional<SourceMemory::Source> source = isPrepared(file) ? std::nullopt : memory.examine(file);
-        if (source) {
-            examined.push_back(file);
-            wanted.push_back({.key = std::move(source->key)});
+        if (isPrepared(file)) {
+            continue;
+        }
+        try {
+            OutgoingFile examined = examineFile(system_, file);
+            wanted.push_back({.key = keyOf(examined)});
+            prepared_.emplace(file, std::move(examined));
+        } catch (const Error&) {
+            continue; // take() meets the same and reports it
         }
     }
-    const std::vector<std::string> ids = batch_.reserve(wanted, 1);
-    for (std::size_t i = 0; i < examined.size(); ++i) {
-        prepared_[examined[i]] = {.key = std::move(wanted[i].key), .id = ids[i]};
-    }
+    batch_.reserve(wanted, 1);
 }
 
-void OutboxJournal::takeBack(const platform::Path& file) {
+PreparedFile OutboxJournal::take(const platform::Path& file) {
+    if (!isPrepared(file)) {
+        OutgoingFile examined = examineFile(system_, file);
+        batch_.reserve({{.key = keyOf(examined)}}, 1);
+        prepared_.emplace(file, std::move(examined));
+    }
+    const OutgoingFile& examined = prepared_.at(file);
+    return {.path = file, .file = examined, .transferId = batch_.idOf(keyOf(examined))};
+}
+
+void OutboxJournal::complete(const platform::Path& file) {
     if (const auto prepared = prepared_.find(file); prepared != prepared_.end()) {
-        batch_.restore(prepared->second.key, prepared->second.id);
+        batch_.complete(keyOf(prepared->second));
+        prepared_.erase(prepared);
     }
 }
 

@@ -264,28 +264,13 @@ std::vector<platform::Path> OutboxQueue::soundOf(const Job& job, const std::vect
     return paths;
 }
 
-void OutboxQueue::setUnconfirmed(Job& job, const std::string& key, const std::string& file) {
-    OutboxState::Phone& phone = *job.state.find(key);
-    phone.unconfirmed.insert(file);
-    saveFile(job, phone, file);
-}
-
-void OutboxQueue::takeBack(Job& job, const std::string& key, const std::string& file) {
-    OutboxState::Phone& phone = *job.state.find(key);
-    phone.unconfirmed.erase(file);
-    save(job); // not a line that may be lost: the only copy of the file would go
-    job.journals.at(key)->takeBack(job.batch.folder / file);
-}
-
 void OutboxQueue::setDone(Job& job, const std::string& key, const OutboxReporter::Transfer& transfer,
-                          const SentFile& sent) {
+                          const Delivered& delivered) {
     OutboxState::Phone& phone = *job.state.find(key);
-    phone.setDone(transfer.file); // which is noted already, as unconfirmed
-    if (job.state.isBehind()) {
-        save(job);
-    }
-    job.journals.at(key)->forget(job.batch.folder / transfer.file);
-    reporter_.sent(transfer, sent);
+    phone.setDone(transfer.file);
+    saveFile(job, phone, transfer.file);
+    job.journals.at(key)->complete(job.batch.folder / transfer.file);
+    reporter_.sent(transfer, delivered);
     settlePhone(job, key);
     endIfThrough(job.id());
 }

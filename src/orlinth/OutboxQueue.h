@@ -85,12 +85,10 @@ public:
     [[nodiscard]] std::shared_ptr<OutboxJournal> setUnderWay(Job& job, const std::string& key);
     /// An attempt has ended. Before any of the following that tell how.
     static void setEnded(Job& job, const std::string& key, const std::string& file) { job.underWay.erase({key, file}); }
-    /// The end of a file was sent, and the phone has not closed the connection yet.
-    void setUnconfirmed(Job& job, const std::string& key, const std::string& file);
-    /// It is not to be believed that the phone has the end: the file goes on being open, under the id that it had.
-    void takeBack(Job& job, const std::string& key, const std::string& file);
-    /// What may be ended by these is: no job is to be used afterwards without looking for it again.
-    void setDone(Job& job, const std::string& key, const OutboxReporter::Transfer& transfer, const SentFile& sent);
+    /// The phone has the file. What may be ended by these is: no job is to be used afterwards without looking for it
+    /// again.
+    void setDone(Job& job, const std::string& key, const OutboxReporter::Transfer& transfer,
+                 const Delivered& delivered);
     void setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message);
     /// The phone was there, and took nothing of this file: others go first.
     void putBehind(Job& job, const std::string& key, const std::string& file) { ++job.inVain[{key, file}]; }

@@ -32,7 +32,8 @@ void OutboxReporter::progress(const Transfer& transfer, std::int64_t bytesSent, 
     host_.output.event("outbox_progress", std::move(fields));
 }
 
-void OutboxReporter::sent(const Transfer& transfer, const SentFile& result) {
+void OutboxReporter::sent(const Transfer& transfer, const Delivered& delivered) {
+    const SentFile& result = delivered.sent;
     Json fields = contextOf(transfer);
     fields["bytes_sent"] = result.bytesSent;
     fields["resumed_from_offset"] = result.resumedFromOffset;
@@ -44,6 +45,9 @@ void OutboxReporter::sent(const Transfer& transfer, const SentFile& result) {
         line += ", went on from " + humanSize(result.resumedFromOffset);
     }
     host_.output.result(line + ")");
+    if (!delivered.isConfirmed) {
+        host_.output.message(unconfirmedRemark(transfer.to, transfer.file));
+    }
 }
 
 void OutboxReporter::through(const std::string& to, const std::vector<std::string>& files) {

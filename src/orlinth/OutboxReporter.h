@@ -1,6 +1,6 @@
 #pragma once
 
-#include "OrlinthCore/Sending/SendTransfer.h"
+#include "orlinth/Delivery.h"
 #include "orlinth/Host.h"
 
 #include <cstdint>
@@ -24,7 +24,7 @@ public:
     };
 
     void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes);
-    void sent(const Transfer& transfer, const SentFile& result);
+    void sent(const Transfer& transfer, const Delivered& delivered);
     /// A phone has everything of a batch, but for what has failed.
     void through(const std::string& to, const std::vector<std::string>& files);
     void done(const std::string& batch);

@@ -1,6 +1,6 @@
 #include "orlinth/OutboxSender.h"
 
-#include "OrlinthCore/Sending/SendTransfer.h"
+#include "orlinth/Delivery.h"
 #include "orlinth/HandshakeLimit.h"
 #include "orlinth/PeerSelection.h"
 #include "orlinth/PushService.h"
@@ -23,7 +23,7 @@ namespace {
 /// Seconds between two looks at something that is about to change.
 constexpr double lookSeconds = 0.01;
 
-enum class Verdict { tryAgain, fileIsLost, phoneIsLost };
+enum class Verdict { tryAgain, inDoubt, fileIsLost, phoneIsLost };
 
 Verdict judge(const std::exception_ptr& error) {
     try {
@@ -39,6 +39,8 @@ Verdict judge(const std::exception_ptr& error) {
         default:
             return Verdict::tryAgain;
         }
+    } catch (const DeliveryInDoubt&) {
+        return Verdict::inDoubt;
     } catch (...) {
         return Verdict::tryAgain;
     }
@@ -53,10 +55,9 @@ bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other) {
 
 /// One file under way to one phone.
 struct OutboxSender::Attempt final : SendProgress {
-    Attempt(Host& hostOf, OutboxQueue& queueOf, OutboxReporter& reporterOf, OutboxReporter::Transfer what,
-            PeerRecord peer, platform::Path fileOf, std::shared_ptr<OutboxJournal> journalOf)
+    Attempt(Host& hostOf, OutboxReporter& reporterOf, OutboxReporter::Transfer what, PeerRecord peer,
+            platform::Path fileOf, std::shared_ptr<OutboxJournal> journalOf)
         : host(hostOf),
-          queue(queueOf),
           reporter(reporterOf),
           transfer(std::move(what)),
           record(std::move(peer)),
@@ -73,6 +74,7 @@ struct OutboxSender::Attempt final : SendProgress {
     }
     void onHandshakeComplete() override {
         handshake.end();
+        hasProvedKey = true;
         silence.begin(silenceSeconds);
     }
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
@@ -88,16 +90,7 @@ struct OutboxSender::Attempt final : SendProgress {
             reporter.progress(transfer, bytesSent, totalBytes);
         }
     }
-    void onComplete(const SentFile& result) override {
-        silence.end();
-        sent = result; // whatever comes now, Done was sent
-        if (OutboxQueue::Job* const job = queue.find(transfer.batch)) {
-            queue.setUnconfirmed(*job, record.peer_pubkey, transfer.file);
-        }
-    }
-    void onFarewell(WireConnection::Farewell farewell) override {
-        hasPhoneClosed = farewell == WireConnection::Farewell::closed;
-    }
+    void onComplete(const SentFile&) override { silence.end(); } // the farewell has a limit of its own
 
     /// The file, with its batch.
     [[nodiscard]] std::string place() const { return transfer.batch + "/" + transfer.file; }
@@ -109,11 +102,13 @@ struct OutboxSender::Attempt final : SendProgress {
         if (silence.hasExpired()) {
             return SendError::network("no progress for five minutes").description();
         }
+        if (isNotTaken({.hasProvedKey = hasProvedKey, .hasBegun = beginsAt.has_value()}, error)) {
+            return notTakenText;
+        }
         return describe(error);
     }
 
     Host& host;
-    OutboxQueue& queue;
     OutboxReporter& reporter;
     OutboxReporter::Transfer transfer;
     PeerRecord record;
@@ -124,14 +119,15 @@ struct OutboxSender::Attempt final : SendProgress {
     TimeLimit silence;
     std::optional<platform::Clock::Instant> lastTold;
     bool hasConnected = false;
+    bool hasProvedKey = false;            ///< the phone has
     std::optional<std::int64_t> beginsAt; ///< bytes that the phone had before
     bool hasMoved = false;
-    bool hasPhoneClosed = false; ///< at the end: else the system has taken everything, but the phone may not have
-    bool isCalledOff = false;    ///< cancelled to look again at what is next
-    std::int64_t bytes = 0;      ///< of the file
-    bool isFirst = false;        ///< when it began there was no other connection to the phone
-    bool hadCompany = false;     ///< another connection to the phone was there for a time
-    std::optional<SentFile> sent;
+    bool isCalledOff = false; ///< cancelled to look again at what is next
+    std::int64_t bytes = 0;   ///< of the file
+    bool isFirst = false;     ///< when it began there was no other connection to the phone
+    bool hadCompany = false;  ///< another connection to the phone was there for a time
+    OffersInDoubt inDoubt;    ///< with those of the attempts before
+    std::optional<Delivered> delivered;
     std::exception_ptr error;
 };
 
@@ -142,9 +138,9 @@ struct OutboxSender::Phone {
     int failures = 0;                 ///< in a row
     bool isPausing = false;
     platform::Clock::Instant pausedAt{};
-    bool goesOnAtOnce = false;      ///< there is reason to hope since the first of the attempts under way began
-    bool isByHope = false;          ///< the attempt under way, or the last, was made for that, and not in its turn
-    std::set<std::string> doubtful; ///< files, with their batch, whose end the phone may not have got
+    bool goesOnAtOnce = false; ///< there is reason to hope since the first of the attempts under way began
+    bool isByHope = false;     ///< the attempt under way, or the last, was made for that, and not in its turn
+    std::map<std::string, OffersInDoubt> inDoubt; ///< by file, with its batch
     /// What the phone had of a file, with its batch, when the last attempt began.
     std::map<std::string, std::int64_t> reached;
     std::string told; ///< why it waits, as it was told; "" once something was sent
@@ -287,8 +283,11 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     OutboxReporter::Transfer what{.batch = job.id(), .file = file, .to = state.displayName()};
     const platform::Path path = job.batch.folder / file;
     Attempt& attempt = *phone.attempts.emplace_back(std::make_unique<Attempt>(
-        host_, queue_, reporter_, std::move(what), std::move(record), path, queue_.setUnderWay(job, phone.key)));
+        host_, reporter_, std::move(what), std::move(record), path, queue_.setUnderWay(job, phone.key)));
     attempt.bytes = attempt.journal->sizeOf(path);
+    if (const auto before = phone.inDoubt.find(attempt.place()); before != phone.inDoubt.end()) {
+        attempt.inDoubt = before->second;
+    }
     attempt.isFirst = isFirst;
     if (!isFirst) {
         for (const std::unique_ptr<Attempt>& other : phone.attempts) {
@@ -306,19 +305,19 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
 /// `attempt` stays until it has ended.
 Task<> OutboxSender::transfer(Attempt& attempt) {
     const SendTimes times;
-    SendRequest request{.fileURL = attempt.file,
-                        .peer = attempt.record,
-                        .staticKey = ownKey_,
-                        .journal = attempt.journal->journal(),
-                        .warmConnectTimeout = times.warm,
-                        .postWakeConnectTimeout = times.wake,
-                        .postWakeAttemptTimeout = times.attempt,
-                        .postWakeRetryInterval = times.retry,
-                        .fcmBaseURL = pushServiceURL(),
-                        .progress = &attempt,
-                        .farewellSeconds = farewellSeconds};
-    SentFile sent = co_await sendOneFile(host_.system, std::move(request));
-    attempt.sent = std::move(sent);
+    PreparedFile file = attempt.journal->take(attempt.file);
+    SendTerms terms{.peer = attempt.record,
+                    .staticKey = ownKey_,
+                    .warmConnectTimeout = times.warm,
+                    .postWakeConnectTimeout = times.wake,
+                    .postWakeAttemptTimeout = times.attempt,
+                    .postWakeRetryInterval = times.retry,
+                    .fcmBaseURL = pushServiceURL(),
+                    .progress = &attempt};
+    const int left = OffersInDoubt::limitOfOutbox - attempt.inDoubt.count;
+    Delivered delivered = co_await deliver(host_.system, std::move(file), std::move(terms),
+                                           std::min(left, OffersInDoubt::atOnce), attempt.inDoubt, [] {});
+    attempt.delivered = std::move(delivered);
 }
 
 void OutboxSender::settle(Phone& phone, const Attempt& ended) {
@@ -339,34 +338,31 @@ void OutboxSender::settle(Phone& phone, const Attempt& ended) {
 }
 
 void OutboxSender::settle(Phone& phone, Job& job, const Attempt& attempt) {
-    if (attempt.sent && isDoubtful(phone, attempt)) {
-        settleDoubt(phone, job, attempt);
-    } else if (attempt.sent) {
+    if (attempt.inDoubt.count > 0) {
+        phone.inDoubt[attempt.place()] = attempt.inDoubt;
+    }
+    if (attempt.delivered) {
         phone.failures = 0;
         phone.isByHope = false;
         phone.told.clear();
         phone.reached.erase(attempt.place());
+        phone.inDoubt.erase(attempt.place());
         phone.takenInARow = std::min(phone.takenInARow + 1, SendSchedule::maxConnectionsPerPhone);
-        queue_.setDone(job, phone.key, attempt.transfer, *attempt.sent);
+        queue_.setDone(job, phone.key, attempt.transfer, *attempt.delivered);
     } else if (!job.isDropped && !isStopping_ && !attempt.isCalledOff) {
         settleFailure(phone, job, attempt);
     }
 }
 
-/// The end of a file was taken by the system, and then the phone did not close the connection: it was reset, most
-/// likely by a phone that has not read it, or nothing was heard any more, or we had to leave. Once for each file, as a
-/// phone that always ends so would get it again and again.
-bool OutboxSender::isDoubtful(Phone& phone, const Attempt& attempt) {
-    return !attempt.hasPhoneClosed && phone.doubtful.insert(attempt.place()).second;
-}
-
-/// Sends it again, under the same id: what the phone has of it is not sent a second time.
+/// The file may be there or not, and the phone is. It keeps its id; so whoever retries the batch sends nothing twice.
 void OutboxSender::settleDoubt(Phone& phone, Job& job, const Attempt& attempt) {
-    queue_.takeBack(job, phone.key, attempt.transfer.file); // also of a batch that goes: it may not go after all
-    if (!job.isDropped && !isStopping_ && !attempt.isCalledOff) {
-        phone.failures = 0;
-        pause(phone, WireConnection::Error::underlying("the connection was not closed at the end").description());
+    phone.failures = 0;
+    if (attempt.inDoubt.count < OffersInDoubt::limitOfOutbox) {
+        pause(phone, DeliveryInDoubt::text);
+        return;
     }
+    phone.inDoubt.erase(attempt.place()); // a retry begins anew
+    queue_.setFailed(job, phone.key, attempt.transfer.file, DeliveryInDoubt::text);
 }
 
 /// Whether the attempt before was of use: the phone had more of the file now than then. One that takes a piece each
@@ -389,6 +385,9 @@ void OutboxSender::settleFailure(Phone& phone, Job& job, const Attempt& attempt)
     case Verdict::phoneIsLost:
         phone.failures = 0;
         queue_.setAllFailed(phone.key, text);
+        return;
+    case Verdict::inDoubt:
+        settleDoubt(phone, job, attempt);
         return;
     case Verdict::tryAgain:
         break;

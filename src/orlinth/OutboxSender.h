@@ -19,7 +19,8 @@ namespace orlinth::host {
 ///
 /// What fails because the phone cannot be reached, or because the connection breaks, is tried again after growing
 /// pauses; and at once when there is reason to hope: the phone is heard of, its record changes, a new batch comes for
-/// it, somebody asks for it. What the phone declines, or what cannot be read, is not tried again. A batch that every
+/// it, somebody asks for it. What the phone declines, or what cannot be read, is not tried again, nor is a file whose
+/// delivery has ended in doubt as often as OffersInDoubt allows. A batch that every
 /// phone has is removed; one of which something is not sent for good, or that makes no sense, is set aside.
 ///
 /// Everything here, and each send, runs on the thread of the runner, as the events and the receive service's callbacks
@@ -30,9 +31,6 @@ public:
     /// Seconds after the handshake without any progress, after which an attempt is given up. Somebody at the phone may
     /// take two minutes to say yes.
     static constexpr double silenceSeconds = 300;
-    /// Seconds that a phone may take to close after the end of a file. Until it has closed, the end may still be in
-    /// this computer's buffers, megabytes of it; so one that is silent for longer is not believed to have everything.
-    static constexpr double farewellSeconds = 60;
     /// Seconds that a pause has lasted, after which being heard of is not taken for an answer to our own push.
     static constexpr double echoSeconds = 60;
     /// Seconds between two events of progress.
@@ -79,7 +77,6 @@ private:
     [[nodiscard]] Task<> transfer(Attempt& attempt);
     void settle(Phone& phone, const Attempt& ended);
     void settle(Phone& phone, Job& job, const Attempt& attempt);
-    [[nodiscard]] static bool isDoubtful(Phone& phone, const Attempt& attempt);
     void settleDoubt(Phone& phone, Job& job, const Attempt& attempt);
     [[nodiscard]] static bool hasGotFurther(Phone& phone, const Attempt& attempt);
     void settleFailure(Phone& phone, Job& job, const Attempt& attempt);

@@ -19,10 +19,7 @@ constexpr std::uint32_t ownerOnly = 0600;
 constexpr std::uint32_t ownerOnlyFolder = 0700;
 
 Json toJson(const OutboxState::Phone& phone) {
-    std::set<std::string> done = phone.done;
-    done.insert(phone.unconfirmed.begin(), phone.unconfirmed.end());
-    Json json{
-        {"pubkey", phone.pubkey}, {"hostname", phone.hostname}, {"done", std::move(done)}, {"failed", phone.failed}};
+    Json json{{"pubkey", phone.pubkey}, {"hostname", phone.hostname}, {"done", phone.done}, {"failed", phone.failed}};
     if (!phone.waiting.empty()) {
         json["waiting"] = phone.waiting;
     }
@@ -60,7 +57,6 @@ OutboxState::Phone phoneFrom(const Json& json) {
     OutboxState::Phone phone{.pubkey = requireString(json, "pubkey"),
                              .hostname = requireString(json, "hostname"),
                              .done = {},
-                             .unconfirmed = {},
                              .failed = textsIn(json, "failed"),
                              .waiting = optionalString(json, "waiting").value_or("")};
     for (const Json& name : arrayIn(json, "done")) {
@@ -100,7 +96,7 @@ std::vector<ByteView> linesOf(ByteView content) {
     }
 }
 
-/// Of a file that is done, unconfirmed or failed.
+/// Of a file that is done or failed.
 Json changeOf(const OutboxState::Phone& phone, const std::string& file) {
     Json json{{"pubkey", phone.pubkey}, {"file", file}};
     if (const auto failure = phone.failed.find(file); failure != phone.failed.end()) {
@@ -136,14 +132,12 @@ OutboxState::Phone freshPhone(const std::string& pubkey, const PeerRecord* recor
     return {.pubkey = pubkey,
             .hostname = record != nullptr ? record->peer_hostname : "",
             .done = {},
-            .unconfirmed = {},
             .failed = {},
             .waiting = {}};
 }
 
 void OutboxState::Phone::setDone(const std::string& file) {
     done.insert(file);
-    unconfirmed.erase(file);
     waiting.clear();
 }
 

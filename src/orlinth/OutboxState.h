@@ -34,9 +34,6 @@ public:
         std::string pubkey;   ///< Base64, as in the peer store
         std::string hostname; ///< as it was called last; "" if it was never known here
         std::set<std::string> done;
-        /// Sent to their ends, but the phone has not closed the connection yet. They are still open; but whoever
-        /// loads this state, after the host was killed, finds them done.
-        std::set<std::string> unconfirmed;
         std::map<std::string, std::string> failed; ///< file, reason; those that are not tried again
         std::string waiting;                       ///< why the last attempt failed; "" if none has since a success
 
@@ -61,7 +58,7 @@ public:
 
     /// Everything, whole. Makes the folder. @throws platform::SystemError
     void save();
-    /// A file of one of the phones has just become done, unconfirmed or failed: a line more, which is not flushed.
+    /// A file of one of the phones has just become done or failed: a line more, which is not flushed.
     /// Everything, as save() does, if this object has not saved before, or has failed to.
     /// @throws platform::SystemError
     void saveFile(const Phone& phone, const std::string& file);

@@ -4,6 +4,7 @@
 #include "orlinth/HumanText.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace orlinth::host {
 
@@ -48,7 +49,7 @@ std::string SendOverview::name() const {
 
 void SendReporter::onFile(const std::string& name, std::int64_t size, const std::string& mime) {
     name_ = name;
-    if (what_.isAnnounced) {
+    if (std::exchange(what_.isAnnounced, true)) {
         return;
     }
     Json fields = context();
@@ -63,6 +64,8 @@ void SendReporter::onFile(const std::string& name, std::int64_t size, const std:
 
 void SendReporter::onConnected() {
     hasConnected_ = true;
+    reach_ = {};
+    isAtFarewell_ = false;
     handshake_.begin();
     output_.event("connected", context());
 }
@@ -74,6 +77,7 @@ void SendReporter::onWaking() {
 
 void SendReporter::onHandshakeComplete() {
     handshake_.end();
+    reach_.hasProvedKey = true;
     output_.event("handshake", context());
 }
 
@@ -81,10 +85,29 @@ void SendReporter::onProgress(std::int64_t bytesSent, std::int64_t totalBytes) {
     tellProgress(bytesSent, totalBytes);
     showProgress(bytesSent, totalBytes);
     begun_ = true;
+    reach_.hasBegun = true;
+    reached_ = bytesSent;
 }
 
-void SendReporter::onFarewell(WireConnection::Farewell farewell) {
-    brokeOff_ = farewell == WireConnection::Farewell::brokeOff;
+void SendReporter::onComplete(const SentFile&) {
+    isAtFarewell_ = true;
+}
+
+void SendReporter::tellAgain() {
+    output_.message(what_.to + " broke the connection at the end of " + name_ + "; sending the file again");
+}
+
+std::string SendReporter::howFar() const {
+    if (isAtFarewell_) {
+        return name_ + " was sent to " + what_.to + ", which has not confirmed it";
+    }
+    if (!begun_ || what_.size <= 0) {
+        return name_ + " was not sent to " + what_.to;
+    }
+    constexpr double whole = 100;
+    const double share = static_cast<double>(reached_) / static_cast<double>(what_.size);
+    const int percent = static_cast<int>(whole * std::clamp(share, 0.0, 1.0));
+    return std::to_string(percent) + " % of " + name_ + " was sent to " + what_.to;
 }
 
 void SendReporter::showProgress(std::int64_t bytesSent, std::int64_t totalBytes) {
@@ -122,7 +145,8 @@ void SendReporter::tellProgress(std::int64_t bytesSent, std::int64_t totalBytes)
     output_.event("progress", std::move(fields));
 }
 
-void SendReporter::tellComplete(const SentFile& sent) {
+void SendReporter::tellComplete(const Delivered& delivered) {
+    const SentFile& sent = delivered.sent;
     overview_.end(what_.size - held_);
     Json fields = context();
     fields["bytes_sent"] = sent.bytesSent;
@@ -142,18 +166,18 @@ void SendReporter::tellComplete(const SentFile& sent) {
                         " while it was sent: " + std::to_string(sent.bytesSent) + " bytes instead of " +
                         std::to_string(sent.advertisedSize) + ". Send it again if that was not meant.");
     }
-    if (brokeOff_) {
-        output_.message(what_.to + " broke the connection off after the end of the file.");
+    if (!delivered.isConfirmed) {
+        output_.message(unconfirmedRemark(what_.to, name_));
     }
 }
 
-void SendReporter::tellFailure(const std::string& text, const std::string& hint) {
+void SendReporter::tellFailure(const std::string& text, const std::string& hint, bool isInDoubt) {
     overview_.end(what_.size - held_);
-    const std::string what = name_ + " was not sent to " + what_.to + ".";
+    const std::string what = name_ + (isInDoubt ? " may or may not be on " : " was not sent to ") + what_.to + ".";
     output_.failure(text, hint.empty() ? what : what + " " + hint, context());
 }
 
-void SendReporter::tellFailureOfSeveral(const std::string& text, const std::string& line) {
+void SendReporter::tellFailureLine(const std::string& text, const std::string& line) {
     output_.failure(text, line, context());
 }
 

@@ -1,10 +1,11 @@
 #pragma once
 
-#include "OrlinthCore/Sending/SendTransfer.h"
+#include "orlinth/Delivery.h"
 #include "orlinth/HandshakeLimit.h"
 #include "orlinth/Output.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace orlinth::host {
@@ -61,18 +62,26 @@ public:
     void onWaking() override;
     void onHandshakeComplete() override;
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override;
-    void onFarewell(WireConnection::Farewell farewell) override;
+    void onComplete(const SentFile& result) override;
+
+    /// The connection broke behind the end of the file, which is offered again now.
+    void tellAgain();
 
     /// Whether a connection to the phone was up.
     [[nodiscard]] bool hasConnected() const noexcept { return hasConnected_; }
-    /// Whether the phone has accepted the offer.
-    [[nodiscard]] bool hasBegun() const noexcept { return begun_; }
+    /// How far the last connection came.
+    [[nodiscard]] const AttemptReach& reach() const noexcept { return reach_; }
+    /// Whether the end of the file was sent, and all that is open is how the phone takes its leave.
+    [[nodiscard]] bool isAtFarewell() const noexcept { return isAtFarewell_; }
+    /// For a person who has interrupted it: "38 % of film.mkv was sent to Pixel".
+    [[nodiscard]] std::string howFar() const;
 
     /// Tells the outcome, once the core has let go of the file.
-    void tellComplete(const SentFile& sent);
-    void tellFailure(const std::string& text, const std::string& hint);
-    /// For several files that failed for one reason: `line` in place of what tells of this one.
-    void tellFailureOfSeveral(const std::string& text, const std::string& line);
+    void tellComplete(const Delivered& delivered);
+    /// `isInDoubt` if the end of the file was sent once: it may be there all the same.
+    void tellFailure(const std::string& text, const std::string& hint, bool isInDoubt);
+    /// The same with `line` in place of what tells of this file.
+    void tellFailureLine(const std::string& text, const std::string& line);
     /// The event alone, where one line for people tells of several files.
     void tellFailureToScripts(const std::string& text);
 
@@ -89,10 +98,12 @@ private:
     What what_;
     std::string name_;
     bool hasConnected_ = false;
-    bool begun_ = false;
-    std::int64_t held_ = 0; ///< bytes that the phone has, as far as the overview was told
+    AttemptReach reach_;
+    bool begun_ = false;       ///< some connection has
+    std::int64_t held_ = 0;    ///< bytes that the phone has, as far as the overview was told
+    std::int64_t reached_ = 0; ///< bytes that the phone has
+    bool isAtFarewell_ = false;
     platform::Clock::Instant lastTold_{0};
-    bool brokeOff_ = false;
 };
 
 } // namespace orlinth::host

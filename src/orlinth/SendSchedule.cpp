@@ -1,6 +1,6 @@
 #include "orlinth/SendSchedule.h"
 
-#include "OrlinthCore/Sending/SendTransfer.h"
+#include "orlinth/Delivery.h"
 #include "orlinth/Hints.h"
 #include "orlinth/PeerSelection.h"
 #include "orlinth/PushService.h"
@@ -90,13 +90,15 @@ struct SendSchedule::Transfer {
     asio::cancellation_signal stop;
     HandshakeLimit handshake;
     SendReporter reporter;
-    std::optional<SentFile> sent;
+    OffersInDoubt inDoubt;
+    std::optional<Delivered> delivered;
     std::exception_ptr error;
     bool hasEnded = false;
 
     /// Whether the phone, or whoever answers there, let go of the connection before it said anything to the offer.
     [[nodiscard]] bool wasDropped() const {
-        return reporter.hasConnected() && !reporter.hasBegun() && (handshake.hasExpired() || isBrokenConnection(error));
+        return reporter.hasConnected() && !reporter.reach().hasBegun &&
+               (handshake.hasExpired() || isBrokenConnection(error));
     }
 };
 
@@ -104,7 +106,6 @@ SendSchedule::SendSchedule(Host& host, const platform::PrivateKey& ownKey, InFli
                            const std::vector<std::string>& files, const std::vector<PeerRecord>& phones)
     : host_(host),
       ownKey_(ownKey),
-      journal_(journal),
       times_(times),
       overview_(host.output),
       memory_(host.system, journal),
@@ -115,7 +116,7 @@ SendSchedule::SendSchedule(Host& host, const platform::PrivateKey& ownKey, InFli
         sources_.push_back({.path = files[i], .size = sizes[i], .left = phones.size(), .known = std::nullopt});
     }
     for (const PeerRecord& record : phones) {
-        Phone phone{.record = record, .waiting = {}, .announced = {}};
+        Phone phone{.record = record, .waiting = {}, .announced = {}, .inDoubt = {}};
         for (std::size_t i = 0; i < files.size(); ++i) {
             phone.waiting.push_back(i);
         }
@@ -155,7 +156,9 @@ Task<int> SendSchedule::runAll() {
         settleEnded();
     }
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
-    cancelAll();
+    cancelBeforeFarewell();
+    const std::unique_ptr<platform::Timer> grace = host_.system.clock.makeTimer(host_.tasks.executor());
+    grace->arm(graceSeconds, [this] { cancelAll(); });
     const auto isUnderWay = [](const Transfer& transfer) { return !transfer.hasEnded; };
     while (std::any_of(transfers_.begin(), transfers_.end(), isUnderWay)) {
         co_await ended_.async_wait(asio::experimental::as_tuple(asio::use_awaitable));
@@ -285,6 +288,9 @@ void SendSchedule::start(Phone& phone) {
                                                                  .to = phone.record.peer_hostname,
                                                                  .isAnnounced = phone.announced.contains(number)});
     begun.isLeader = !std::exchange(phone.hasLeader, true);
+    if (const auto before = phone.inDoubt.find(number); before != phone.inDoubt.end()) {
+        begun.inDoubt = before->second;
+    }
     if (++phone.underWay > 1) {
         for (Transfer& other : transfers_) {
             other.hadCompany = other.hadCompany || &other.phone == &phone;
@@ -307,22 +313,37 @@ Task<> SendSchedule::transfer(Transfer& transfer) {
     if (!transfer.isLeader) {
         peer.peer_fcm_token.clear(); // one push is enough, and it is the leader's
     }
-    SendRequest request{.fileURL = sources_[transfer.source].path,
-                        .peer = std::move(peer),
-                        .staticKey = ownKey_,
-                        .journal = journal_,
-                        .warmConnectTimeout = times_.warm,
-                        .postWakeConnectTimeout = times_.wake,
-                        .postWakeAttemptTimeout = times_.attempt,
-                        .postWakeRetryInterval = times_.retry,
-                        .fcmBaseURL = pushServiceURL(),
-                        .progress = &transfer.reporter};
+    SendTerms terms{.peer = std::move(peer),
+                    .staticKey = ownKey_,
+                    .warmConnectTimeout = times_.warm,
+                    .postWakeConnectTimeout = times_.wake,
+                    .postWakeAttemptTimeout = times_.attempt,
+                    .postWakeRetryInterval = times_.retry,
+                    .fcmBaseURL = pushServiceURL(),
+                    .progress = &transfer.reporter};
+    const int left = OffersInDoubt::limitOfCommands - transfer.inDoubt.count;
+    const auto onAgain = [&transfer] { transfer.reporter.tellAgain(); };
     try {
-        SentFile sent = co_await sendOneFile(host_.system, std::move(request));
-        transfer.sent = std::move(sent);
+        PreparedFile file = take(sources_[transfer.source]);
+        Delivered delivered =
+            co_await deliver(host_.system, std::move(file), std::move(terms), left, transfer.inDoubt, onAgain);
+        transfer.delivered = std::move(delivered);
     } catch (...) {
         transfer.error = std::current_exception();
     }
+}
+
+PreparedFile SendSchedule::take(Source& source) {
+    if (!source.known) {
+        static_cast<void>(examineFile(host_.system, source.path)); // says why, unless the file was mended just now
+        std::optional<SourceMemory::Source> known = memory_.examine(source.path);
+        if (!known || !keysUnderWay_.insert(known->key.text()).second) {
+            throw SendError::fileRead(source.path + " changes all the time");
+        }
+        reserve({static_cast<std::size_t>(&source - sources_.data())}, {std::move(*known)},
+                static_cast<int>(source.left));
+    }
+    return {.path = source.path, .file = source.known->file, .transferId = batch_.idOf(source.known->key)};
 }
 
 void SendSchedule::settleEnded() {
@@ -343,9 +364,13 @@ void SendSchedule::settle(Transfer& transfer) {
     if (transfer.isLeader) {
         phone.hasLeader = false;
     }
-    if (transfer.sent) {
+    if (transfer.inDoubt.count > 0) {
+        phone.inDoubt[transfer.source] = transfer.inDoubt;
+    }
+    if (transfer.delivered) {
         phone.allowed = std::min(phone.allowed + 1, maxConnectionsPerPhone);
-        transfer.reporter.tellComplete(*transfer.sent);
+        batch_.complete(sources_[transfer.source].known->key);
+        transfer.reporter.tellComplete(*transfer.delivered);
         doneWith(transfer.source, true);
         return;
     }
@@ -376,7 +401,9 @@ void SendSchedule::fail(Transfer& transfer) {
         }
         std::rethrow_exception(transfer.error);
     } catch (const std::exception& error) {
-        transfer.reporter.tellFailure(describe(error), hintForSending(error, where));
+        const bool notTaken = isNotTaken(transfer.reporter.reach(), transfer.error);
+        const std::string hint = notTaken ? hintForNotTaken(where) : hintForSending(error, where);
+        transfer.reporter.tellFailure(describe(error), hint, transfer.inDoubt.count > 0);
     }
     ++failed_;
     doneWith(transfer.source, false);
@@ -402,7 +429,17 @@ void SendSchedule::cancelAll() {
     }
 }
 
-/// Some may have ended for another reason in the same moment, well or not. Those that were cut short share one line.
+/// A file that is there already should not be reported as cut short: its phone gets a moment to say so.
+void SendSchedule::cancelBeforeFarewell() {
+    for (Transfer& transfer : transfers_) {
+        if (!transfer.hasEnded && !transfer.reporter.isAtFarewell()) {
+            transfer.stop.emit(asio::cancellation_type::terminal);
+        }
+    }
+}
+
+/// Some may have ended for another reason in the same moment, well or not. Those that were cut short share one line,
+/// behind one for each that tells how far it came.
 void SendSchedule::tellInterrupted(const Interrupted& interrupted) {
     std::vector<Transfer*> cutShort;
     for (Transfer& transfer : transfers_) {
@@ -414,22 +451,23 @@ void SendSchedule::tellInterrupted(const Interrupted& interrupted) {
         }
     }
     if (cutShort.empty()) {
-        host_.output.failure(interrupted.description(), "Send again what was not sent: it goes on where it stopped.");
+        host_.output.failure(interrupted.description(), "Send what is missing again.");
         return;
     }
-    if (!overview_.isMany() || cutShort.size() == 1) {
-        cutShort.front()->reporter.tellFailure(interrupted.description(),
-                                               "Send it again: it goes on where it stopped.");
+    if (cutShort.size() == 1) {
+        const SendReporter& only = cutShort.front()->reporter;
+        cutShort.front()->reporter.tellFailureLine(interrupted.description(),
+                                                   only.howFar() + "; send it again and it goes on there.");
         return;
     }
     Transfer* const last = cutShort.back();
-    cutShort.pop_back();
     for (Transfer* transfer : cutShort) {
-        transfer->reporter.tellFailureToScripts(interrupted.description());
+        host_.output.message(transfer->reporter.howFar() + ".");
+        if (transfer != last) {
+            transfer->reporter.tellFailureToScripts(interrupted.description());
+        }
     }
-    last->reporter.tellFailureOfSeveral(interrupted.description(),
-                                        std::to_string(cutShort.size() + 1) +
-                                            " files had been begun. Send them again: they go on where they stopped.");
+    last->reporter.tellFailureLine(interrupted.description(), "Send them again and they go on there.");
 }
 
 /// What was remembered of files that were not begun would only be in the way.

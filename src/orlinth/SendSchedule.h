@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <deque>
 #include <list>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -43,6 +44,8 @@ public:
     static constexpr std::size_t maxConnections = 64;
     /// No further file is begun while so much is under way to a phone.
     static constexpr std::int64_t enoughBytesUnderWay = 8 << 20;
+    /// Seconds that a phone gets to confirm a file whose end was sent when a signal came.
+    static constexpr double graceSeconds = 1;
     /// Files whose ids are written down at once.
     static constexpr std::size_t filesPreparedAtOnce = 64;
 
@@ -71,6 +74,7 @@ private:
         PeerRecord record;
         std::deque<std::size_t> waiting; ///< numbers of sources
         std::set<std::size_t> announced;
+        std::map<std::size_t, OffersInDoubt> inDoubt; ///< by the source's number
         int allowed = 1;
         int underWay = 0;
         std::int64_t bytesUnderWay = 0;
@@ -87,6 +91,8 @@ private:
     /// Returns false if it must wait for an equal one that is under way.
     [[nodiscard]] bool prepare(std::size_t first);
     void reserve(const std::vector<std::size_t>& numbers, std::vector<SourceMemory::Source> known, int phones);
+    /// What to send of a source; of one that could not be prepared, the reason is thrown.
+    [[nodiscard]] PreparedFile take(Source& source);
     [[nodiscard]] bool hasChanged(const Source& source) const;
     void unprepare(Source& source);
     [[nodiscard]] bool hasWaiting() const;
@@ -99,12 +105,12 @@ private:
     void putBack(Transfer& transfer);
     void doneWith(std::size_t source, bool wasSent);
     void cancelAll();
+    void cancelBeforeFarewell();
     void tellInterrupted(const Interrupted& interrupted);
     void tidy() noexcept;
 
     Host& host_;
     const platform::PrivateKey& ownKey_;
-    InFlightJournal& journal_;
     SendTimes times_;
     std::vector<Source> sources_;
     std::vector<Phone> phones_;

@@ -1,6 +1,5 @@
 #include "orlinth/SourceMemory.h"
 
-#include "OrlinthCore/Sending/OutgoingFile.h"
 #include "base/Json.h"
 #include "platform/WholeFile.h"
 
@@ -31,11 +30,8 @@ std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& 
         if (!status) {
             return std::nullopt;
         }
-        return Source{.key = {.name = std::move(examined.name),
-                              .size = examined.size,
-                              .mime = std::move(examined.mime),
-                              .fingerprint = std::move(examined.fingerprint)},
-                      .look = lookOf(*status)};
+        InFlightKey key = keyOf(examined);
+        return Source{.file = std::move(examined), .key = std::move(key), .look = lookOf(*status)};
     } catch (const Error&) {
         return std::nullopt;
     }

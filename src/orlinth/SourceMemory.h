@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Sending/InFlightJournal.h"
+#include "OrlinthCore/Sending/OutgoingFile.h"
 #include "platform/System.h"
 
 #include <optional>
@@ -23,6 +24,7 @@ public:
 
     /// A file as it is now.
     struct Source {
+        OutgoingFile file;
         InFlightKey key;
         Json look;
         /// Whether it is not the file that an earlier attempt was for, if there was one; set by remember().

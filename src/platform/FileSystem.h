@@ -22,6 +22,8 @@ struct FileStatus {
     std::uint64_t inode = 0;
     std::uint64_t device = 0;
     std::uint32_t permissions = 0; ///< the twelve mode bits
+
+    bool operator==(const FileStatus&) const = default;
 };
 
 /// An open file; destroying it closes it. Calls block; each is made on one thread at a time. All throw SystemError.

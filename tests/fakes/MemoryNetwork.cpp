@@ -131,6 +131,11 @@ void MemoryStream::abort() noexcept {
     }
 }
 
+void MemoryStream::cutWire() noexcept {
+    incoming_->faults.vanishAfter = incoming_->written;
+    ++incoming_->vanished;
+}
+
 std::optional<std::int64_t> MemoryStream::unacknowledgedBytes() const noexcept {
     return cancelled_ ? std::nullopt : std::optional(static_cast<std::int64_t>(outgoing_->vanished));
 }

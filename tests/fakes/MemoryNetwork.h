@@ -68,6 +68,10 @@ public:
     [[nodiscard]] std::string remoteEndpoint() const override { return remoteEndpoint_; }
     [[nodiscard]] std::string localAddress() const override { return "203.0.113.1"; }
 
+    /// From now on nothing that the other end sends arrives, nor does word of what has arrived last.
+    void cutWire() noexcept;
+    /// The other end gets word of so many of the bytes that have vanished.
+    void acknowledge(std::size_t bytes) noexcept { incoming_->vanished -= bytes; }
     [[nodiscard]] const std::optional<platform::KeepAlive>& keepAlive() const noexcept { return keepAlive_; }
     [[nodiscard]] bool isCancelled() const noexcept { return cancelled_; }
     /// How often writeAll() was called: one a frame is what the wire layer promises.

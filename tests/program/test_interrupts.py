@@ -53,6 +53,9 @@ class Interrupts(ProgramTest):
                     stopped, other = (sender, receiver) if stop_sender else (receiver, sender)
                     stopped.signal(number)
                     self.assert_interrupted(stopped, number)
+                    if stop_sender:
+                        self.assertRegex(sender.stderr, rf"(?m)^\d+ % of {file.name} was sent to phone; "
+                                                        "send it again and it goes on there\\.$")
                     relay.close()
                     self.assertEqual(1, other.wait())
                     self.assertTrue((self.phone.downloads / (file.name + ".partial.meta.json")).exists())

@@ -221,7 +221,10 @@ class Interrupted(ManyTest):
         self.assert_one_line_error(sender.stderr, "interrupted by SIGINT")
         self.assertEqual([str(file) for file in files[1:3]], sorted(self.of(sender, "error")))
         self.assertEqual("error", sender.events.all[-1]["event"])
-        self.assertEqual({files[1].name, files[2].name}, {key.split("|")[0] for key in self.mac.journal()})
+        self.assertIn("Send them again and they go on there.", sender.stderr)
+        for file in files[1:3]:
+            self.assertRegex(sender.stderr, rf"(?m)^[1-9]\d? % of {file.name} was sent to phone\.$")
+        self.assertEqual({file.name for file in files[1:]}, {key.split("|")[0] for key in self.mac.journal()})
         service.signal(signal.SIGTERM)  # so that it has let go of them
         service.wait()
         partials = sorted(self.phone.downloads.glob("*.partial"))

@@ -27,11 +27,6 @@ public:
         add("progress " + std::to_string(sent) + "/" + std::to_string(total));
     }
     void onComplete(const SentFile& result) override { add("complete " + std::to_string(result.bytesSent)); }
-    void onFarewell(WireConnection::Farewell farewell) override {
-        add(farewell == WireConnection::Farewell::closed     ? "closed"
-            : farewell == WireConnection::Farewell::brokeOff ? "broke off"
-                                                             : "silent");
-    }
     std::vector<std::string> lines;
 
 private:
@@ -79,14 +74,14 @@ protected:
 
     SendRequest request(const std::string& path = "/home/ann/a.txt") {
         return {.fileURL = path,
-                .peer = world.phoneRecord(),
-                .staticKey = world.computerKey,
                 .journal = journal,
-                .warmConnectTimeout = 5,
-                .postWakeConnectTimeout = 30,
-                .postWakeAttemptTimeout = 5,
-                .postWakeRetryInterval = 1,
-                .progress = &recorder};
+                .terms = {.peer = world.phoneRecord(),
+                          .staticKey = world.computerKey,
+                          .warmConnectTimeout = 5,
+                          .postWakeConnectTimeout = 30,
+                          .postWakeAttemptTimeout = 5,
+                          .postWakeRetryInterval = 1,
+                          .progress = &recorder}};
     }
     Task<SentFile> send() { return sendOneFile(world.system, request()); }
 
@@ -118,7 +113,7 @@ TEST_F(SendTransfer, DeliversTheFileAndForgetsItsJournalEntry) {
     EXPECT_EQ(result.resumedFromOffset, 0);
     EXPECT_TRUE(journal.snapshotEntries().empty());
     EXPECT_THAT(recorder.lines, ElementsAre("file a.txt 10 text/plain", "connected", "handshake", "progress 0/10",
-                                            "progress 10/10", "complete 10", "closed"));
+                                            "progress 10/10", "complete 10"));
     EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.send"));
 }
 
@@ -132,7 +127,7 @@ TEST_F(SendTransfer, SplitsALargeFileIntoChunksOfOneMebibyte) {
     EXPECT_THAT(recorder.lines,
                 ElementsAre("file big.bin 2097159 application/octet-stream", "connected", "handshake",
                             "progress 0/2097159", "progress 1048576/2097159", "progress 2097152/2097159",
-                            "progress 2097159/2097159", "complete 2097159", "closed"));
+                            "progress 2097159/2097159", "complete 2097159"));
 }
 
 TEST_F(SendTransfer, SendsOnlyWhatThePhoneLacks) {
@@ -150,7 +145,7 @@ TEST_F(SendTransfer, SendsAnEmptyFileWithoutABinaryFrame) {
     EXPECT_TRUE(seen.data.empty());
     EXPECT_EQ(result.bytesSent, 0);
     EXPECT_THAT(recorder.lines, ElementsAre("file empty 0 application/octet-stream", "connected", "handshake",
-                                            "progress 0/0", "complete 0", "closed"));
+                                            "progress 0/0", "complete 0"));
 }
 
 TEST_F(SendTransfer, SendsNothingWhenThePhoneHoldsEverything) {
@@ -216,7 +211,7 @@ TEST_F(SendTransfer, OffersTheSameIdUntilTheFileHasArrived) {
 
 TEST_F(SendTransfer, RefusesAPhoneWithAnotherKeyBeforeItSaysAnything) {
     SendRequest toAnother = request();
-    toAnother.peer.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    toAnother.terms.peer.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
     world.alongside([](World& theWorld, Seen& what) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.ended = co_await phone->seesTheEnd();
@@ -229,7 +224,7 @@ TEST_F(SendTransfer, RefusesAPhoneWithAnotherKeyBeforeItSaysAnything) {
 
 TEST_F(SendTransfer, DoesNotConnectForAKeyThatIsNotBase64) {
     SendRequest broken = request();
-    broken.peer.peer_pubkey = "not base64!";
+    broken.terms.peer.peer_pubkey = "not base64!";
     EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(broken))).which(),
               SendError::Case::unauthorizedPeer);
     EXPECT_TRUE(world.network.attempts.empty());
@@ -320,7 +315,7 @@ TEST_F(SendTransfer, ReportsAReadErrorInTheMiddle) {
 
 TEST_F(SendTransfer, IsCancelledAfterTheResumeAndBeforeTheFirstChunk) {
     SendRequest cancelled = request();
-    cancelled.cancel = [] { return true; };
+    cancelled.terms.cancel = [] { return true; };
     world.alongside(answerOffset(world, 0, seen));
     const auto error = world.failure<SendError>(sendOneFile(world.system, std::move(cancelled)));
     EXPECT_EQ(error.description(), "cancelled by user");
@@ -393,7 +388,7 @@ TEST_F(SendTransfer, WaitsASecondAtMostForThePhoneToClose) {
     const SentFile result = world.run(send());
     EXPECT_EQ(result.bytesSent, 10);
     EXPECT_DOUBLE_EQ(world.clock.elapsed(), 1.0);
-    EXPECT_EQ(recorder.lines.back(), "silent");
+    EXPECT_EQ(recorder.lines.back(), "complete 10");
 }
 
 TEST_F(SendTransfer, CompletesAlthoughThePhoneBreaksOffAfterDone) {
@@ -408,6 +403,57 @@ TEST_F(SendTransfer, CompletesAlthoughThePhoneBreaksOffAfterDone) {
     }(world, seen));
     EXPECT_EQ(world.run(send()).bytesSent, 10);
     EXPECT_TRUE(journal.snapshotEntries().empty());
+}
+
+// --- a file that was prepared, without a journal ---
+
+/// What becomes of a prepared file at whose end the phone does this.
+SendOutcome outcomeWith(World& world, const std::function<Task<>(ScriptedPeer&)>& atTheEnd) {
+    world.alongside([](World& theWorld, std::function<Task<>(ScriptedPeer&)> end) -> Task<> {
+        const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
+        const auto offer = co_await phone->expect<Row::FileOffer>();
+        EXPECT_EQ(offer.transfer_id, "MY ID");
+        EXPECT_EQ(offer.name, "b.txt");
+        co_await phone->send(Row::resume(offer.transfer_id, 4));
+        const Bytes data = co_await phone->receiveUntilDone();
+        EXPECT_EQ(toText(data), "456789");
+        co_await end(*phone);
+    }(world, atTheEnd));
+    PreparedFile file{.path = "/home/ann/a.txt",
+                      .file = {.name = "b.txt", .size = 10, .mime = "text/plain", .fingerprint = ""},
+                      .transferId = "MY ID"};
+    return world.run(sendPrepared(world.system, std::move(file),
+                                  {.peer = world.phoneRecord(),
+                                   .staticKey = world.computerKey,
+                                   .warmConnectTimeout = 5,
+                                   .postWakeConnectTimeout = 30,
+                                   .postWakeAttemptTimeout = 5,
+                                   .postWakeRetryInterval = 1,
+                                   .farewellSeconds = 60}));
+}
+
+TEST_F(SendTransfer, TellsOfAPreparedFileHowThePhoneTookItsLeave) {
+    const auto close = [](ScriptedPeer& phone) -> Task<> {
+        phone.close();
+        co_return;
+    };
+    const SendOutcome outcome = outcomeWith(world, close);
+    EXPECT_EQ(outcome.farewell, WireConnection::Farewell::closed);
+    EXPECT_EQ(outcome.sent.bytesSent, 10);
+    EXPECT_EQ(outcome.sent.resumedFromOffset, 4);
+    EXPECT_FALSE(world.files.exists("/home/ann/.local/share/Orlinth/inflight.json"));
+}
+
+TEST_F(SendTransfer, DropsWhatThePhoneSaysBehindTheEndOfAPreparedFile) {
+    const auto saySomething = [](ScriptedPeer& phone) -> Task<> {
+        co_await phone.send(Row::decline());
+        co_await phone.send(Row::decline());
+        phone.close();
+    };
+    const SendOutcome outcome = outcomeWith(world, saySomething);
+    EXPECT_EQ(outcome.farewell, WireConnection::Farewell::closed) << "what it says behind the end does not count";
+    const auto stay = [this](ScriptedPeer&) -> Task<> { co_await world.clock.sleep(100); };
+    EXPECT_EQ(outcomeWith(world, stay).farewell, WireConnection::Farewell::acknowledged);
 }
 
 TEST_F(SendTransfer, StoppedAtAnyWaitClosesTheConnectionAndKeepsTheJournalEntry) {
@@ -436,13 +482,13 @@ TEST_F(SendTransfer, StoppedAtAnyWaitClosesTheConnectionAndKeepsTheJournalEntry)
             }(here, wait == Wait::answer, sawTheEnd));
         }
         SendRequest stopped{.fileURL = "/home/ann/a.txt",
-                            .peer = here.phoneRecord(),
-                            .staticKey = here.computerKey,
                             .journal = itsJournal,
-                            .warmConnectTimeout = 0,
-                            .postWakeConnectTimeout = 0,
-                            .postWakeAttemptTimeout = 0,
-                            .postWakeRetryInterval = 0};
+                            .terms = {.peer = here.phoneRecord(),
+                                      .staticKey = here.computerKey,
+                                      .warmConnectTimeout = 0,
+                                      .postWakeConnectTimeout = 0,
+                                      .postWakeAttemptTimeout = 0,
+                                      .postWakeRetryInterval = 0}};
         asio::cancellation_signal stop;
         std::exception_ptr outcome;
         platform::spawn(

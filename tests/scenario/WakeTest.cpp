@@ -52,14 +52,14 @@ protected:
 
     SendRequest request(PeerRecord peer) {
         return {.fileURL = "/home/ann/a.txt",
-                .peer = std::move(peer),
-                .staticKey = world.computerKey,
                 .journal = journal,
-                .warmConnectTimeout = 5,
-                .postWakeConnectTimeout = 30,
-                .postWakeAttemptTimeout = 4,
-                .postWakeRetryInterval = 1.5,
-                .progress = &progress};
+                .terms = {.peer = std::move(peer),
+                          .staticKey = world.computerKey,
+                          .warmConnectTimeout = 5,
+                          .postWakeConnectTimeout = 30,
+                          .postWakeAttemptTimeout = 4,
+                          .postWakeRetryInterval = 1.5,
+                          .progress = &progress}};
     }
     Task<SentFile> send() { return sendOneFile(world.system, request(sleepingPhone())); }
 
@@ -125,7 +125,7 @@ TEST_F(Wake, MakesNoAttemptInAWindowOfZero) {
     world.https.willAnswer(200, tokenReply);
     world.https.willAnswer(200, "{}");
     SendRequest noWindow = request(sleepingPhone());
-    noWindow.postWakeConnectTimeout = 0;
+    noWindow.terms.postWakeConnectTimeout = 0;
     EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(noWindow))).description(),
               "network: connect timed out after wake");
     EXPECT_EQ(world.network.attempts.size(), 1U);

@@ -26,13 +26,13 @@ protected:
     SendRequest sendRequest() {
         PeerRecord peer = sender.phoneRecord();
         return {.fileURL = "/photos/trip.jpg",
-                .peer = peer,
-                .staticKey = sender.computerKey,
                 .journal = journal,
-                .warmConnectTimeout = 5,
-                .postWakeConnectTimeout = 0,
-                .postWakeAttemptTimeout = 0,
-                .postWakeRetryInterval = 0};
+                .terms = {.peer = peer,
+                          .staticKey = sender.computerKey,
+                          .warmConnectTimeout = 5,
+                          .postWakeConnectTimeout = 0,
+                          .postWakeAttemptTimeout = 0,
+                          .postWakeRetryInterval = 0}};
     }
 
     /// The receiving computer plays the phone's part of the sender's world, with a disk of its own.

@@ -193,16 +193,23 @@ Task<WireConnection::Farewell> WireConnection::closeAfterFarewell(double seconds
     if (seconds <= 0) {
         co_return Farewell::silent;
     }
-    OneShot<Farewell> outcome;
-    co_await platform::settleFirst(outcome, clock_, seconds, std::make_exception_ptr(Silence()), readToTheEnd());
-    const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
-    if (state.cancelled() != asio::cancellation_type::none) {
-        throw platform::Cancelled();
-    }
-    try {
-        co_return outcome.take();
-    } catch (const Silence&) {
-        co_return Farewell::silent;
+    for (std::optional<std::int64_t> before = connection_->unacknowledgedBytes();;) {
+        OneShot<Farewell> outcome;
+        co_await platform::settleFirst(outcome, clock_, seconds, std::make_exception_ptr(Silence()), readToTheEnd());
+        try {
+            co_return outcome.take(); // also if we are cancelled just now: the peer has ended it before
+        } catch (const Silence&) {
+            // looked into below
+        }
+        const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
+        if (state.cancelled() != asio::cancellation_type::none) {
+            throw platform::Cancelled();
+        }
+        const std::optional<std::int64_t> left = connection_->unacknowledgedBytes();
+        if (!left || !before || *left >= *before) {
+            co_return left == 0 ? Farewell::acknowledged : Farewell::silent;
+        }
+        before = left;
     }
 }
 

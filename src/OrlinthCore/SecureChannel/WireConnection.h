@@ -50,8 +50,14 @@ public:
     [[nodiscard]] Task<> receiveFrame(FrameBuffer& buffer, std::size_t limit = maxFrameBytes);
 
     /// How the peer ended the conversation after we had said our last word.
-    enum class Farewell { closed, brokeOff, silent };
-    /// Says that nothing more will be sent, waits until the peer closes, at most `seconds`, and closes.
+    enum class Farewell {
+        closed,       ///< in good order: it has read everything
+        brokeOff,     ///< with a reset, or the network failed: nobody can say what it has read
+        acknowledged, ///< not at all; but its system has taken every byte
+        silent        ///< not at all, and some bytes may never have come through
+    };
+    /// Says that nothing more will be sent, waits until the peer closes, and closes. Waits for at most `seconds` in
+    /// which nothing of what was sent is acknowledged, so that a slow link may carry what is still in the buffers.
     ///
     /// Closing with unread input makes the kernel send a reset, which can destroy what is still on its way to the
     /// peer; so whatever still comes is read and dropped. Never fails (but with Cancelled, and closes then too).

@@ -1,5 +1,6 @@
 #include "OrlinthCore/Sending/InFlightJournal.h"
 
+#include "OrlinthCore/Sending/OutgoingFile.h"
 #include "base/Hex.h"
 #include "base/Json.h"
 #include "base/Text.h"
@@ -38,6 +39,10 @@ std::string InFlightKey::text() const {
     return isUtf8(key) ? key : toUtf8(key) + "|" + hexEncode(asBytes(name));
 }
 
+InFlightKey keyOf(const OutgoingFile& file) {
+    return {.name = file.name, .size = file.size, .mime = file.mime, .fingerprint = file.fingerprint};
+}
+
 std::string FileFingerprint::compute(platform::FileSystem& files, const platform::Path& url) {
     const std::unique_ptr<platform::File> file = files.open(url, platform::OpenMode::read);
     platform::Sha256 hash;
@@ -66,15 +71,8 @@ std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t s
                                          const std::string& fingerprint) {
     const std::lock_guard guard(lock_);
     const std::string key = InFlightKey{name, size, mime, fingerprint}.text();
-    if (batch_ != nullptr) {
-        if (const auto reserved = batch_->reserved_.find(key); reserved != batch_->reserved_.end()) {
-            reserved->second.isBegun = true;
-            return reserved->second.id;
-        }
-    }
-    const bool isSpent = batch_ != nullptr && batch_->finished_.erase(key) > 0; // and only not yet written so
     const Entries known = load();
-    if (const auto found = known.find(key); found != known.end() && !isSpent) {
+    if (const auto found = known.find(key); found != known.end()) {
         return found->second;
     }
     try {
@@ -84,9 +82,6 @@ std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t s
     }
     const std::optional<platform::FileLock> held = tryToLock(files_, fileURL_);
     Entries entries = load(); // another process may have been here since
-    if (isSpent) {
-        entries.erase(key);
-    }
     const auto [entry, isNew] = entries.try_emplace(key);
     if (isNew) {
         entry->second = platform::randomUuidText();
@@ -99,15 +94,6 @@ void InFlightJournal::complete(const std::string& name, std::int64_t size, const
                                const std::string& fingerprint) {
     const std::lock_guard guard(lock_);
     const std::string key = InFlightKey{name, size, mime, fingerprint}.text();
-    if (batch_ != nullptr) {
-        if (const auto reserved = batch_->reserved_.find(key); reserved != batch_->reserved_.end()) {
-            if (--reserved->second.uses <= 0) {
-                batch_->finished_.insert(key);
-                batch_->reserved_.erase(reserved);
-            }
-            return;
-        }
-    }
     if (!load().contains(key)) {
         return;
     }
@@ -136,48 +122,45 @@ void InFlightJournal::wipe() {
     }
 }
 
-InFlightJournal::Batch::Batch(InFlightJournal& journal) : journal_(journal) {
-    const std::lock_guard guard(journal_.lock_);
-    journal_.batch_ = this;
-}
-
 InFlightJournal::Batch::~Batch() {
-    const std::lock_guard guard(journal_.lock_);
-    journal_.batch_ = nullptr;
-    for (const auto& [key, entry] : reserved_) {
-        if (entry.isNew && !entry.isBegun) {
-            finished_.insert(key);
-        }
-    }
-    if (finished_.empty()) {
-        return;
-    }
-    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
-    Entries entries = journal_.load();
-    std::size_t erased = 0;
-    for (const std::string& key : finished_) {
-        erased += entries.erase(key);
-    }
-    if (erased > 0) {
-        journal_.write(entries);
+    flush();
+}
+
+/// Before the content is read: what is written in between is seen as a change then, and read once more.
+InFlightJournal::Batch::Look InFlightJournal::Batch::look() const {
+    try {
+        return journal_.files_.status(journal_.fileURL_);
+    } catch (const std::exception&) {
+        return std::nullopt;
     }
 }
 
-std::vector<std::string> InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses) {
-    const std::lock_guard guard(journal_.lock_);
+void InFlightJournal::Batch::makeFolder() noexcept {
     try {
         journal_.files_.createDirectories(journal_.fileURL_.parent_path());
     } catch (const std::exception&) {
-        // The write will fail as well; the ids hold for this batch.
+        return; // the write will fail as well; the ids hold for this batch
     }
-    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
-    Entries entries = journal_.load();
-    const Entries before = entries;
-    for (const std::string& key : finished_) {
-        entries.erase(key);
+}
+
+/// But for those that somebody else has given a new id since.
+void InFlightJournal::Batch::eraseFinished(Entries& entries) {
+    for (const auto& [key, id] : finished_) {
+        if (const auto entry = entries.find(key); entry != entries.end() && entry->second == id) {
+            entries.erase(entry);
+        }
     }
     finished_.clear();
-    std::vector<std::string> ids;
+}
+
+void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses) {
+    const std::lock_guard guard(journal_.lock_);
+    makeFolder();
+    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+    Entries entries = journal_.load();
+    adopt(entries);
+    const Entries before = entries;
+    eraseFinished(entries);
     for (const Wanted& file : files) {
         const std::string key = file.key.text();
         if (file.isFresh) {
@@ -187,23 +170,72 @@ std::vector<std::string> InFlightJournal::Batch::reserve(const std::vector<Wante
         if (isNew) {
             entry->second = platform::randomUuidText();
         }
-        reserved_[key] = {.id = entry->second, .uses = uses, .isNew = isNew, .isBegun = false};
-        ids.push_back(entry->second);
+        reserved_[key] = {.id = entry->second, .uses = uses, .isWritten = false};
     }
-    if (entries != before) {
-        journal_.write(entries);
+    const bool isWritten = entries == before || journal_.write(entries);
+    for (const Wanted& file : files) {
+        reserved_[file.key.text()].isWritten = isWritten;
     }
-    return ids;
+    known_ = held ? look() : std::nullopt; // without the lock somebody may have written in between
 }
 
-void InFlightJournal::Batch::restore(const InFlightKey& file, const std::string& id) {
+void InFlightJournal::Batch::update() {
+    const Look now = look();
+    if (!now || now != known_) {
+        adopt(journal_.load());
+        known_ = now;
+    }
+}
+
+/// Takes over what another process has written about our files. Only what the journal file does not hold although it
+/// once did is gone: an id that the disk has not taken is still ours.
+void InFlightJournal::Batch::adopt(const Entries& entries) {
+    for (auto& [key, reserved] : reserved_) {
+        const auto entry = entries.find(key);
+        if (entry != entries.end()) {
+            reserved.id = entry->second;
+            reserved.isWritten = true;
+        } else if (reserved.isWritten) {
+            reserved = {.id = platform::randomUuidText(), .uses = reserved.uses, .isWritten = false};
+        }
+    }
+}
+
+std::string InFlightJournal::Batch::idOf(const InFlightKey& file) {
     const std::lock_guard guard(journal_.lock_);
+    update();
     const std::string key = file.text();
-    finished_.erase(key);
-    reserved_[key] = {.id = id, .uses = 1, .isNew = false, .isBegun = true};
+    Reserved& reserved = reserved_.at(key);
+    if (!reserved.isWritten) {
+        makeFolder();
+        const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+        Entries entries = journal_.load();
+        reserved.id = entries.try_emplace(key, reserved.id).first->second;
+        reserved.isWritten = journal_.write(entries);
+        known_ = held ? look() : std::nullopt;
+    }
+    return reserved.id;
+}
+
+void InFlightJournal::Batch::complete(const InFlightKey& file) {
+    const std::lock_guard guard(journal_.lock_);
+    const auto reserved = reserved_.find(file.text());
+    if (reserved != reserved_.end() && --reserved->second.uses <= 0) {
+        finished_.insert_or_assign(reserved->first, reserved->second.id);
+        reserved_.erase(reserved);
+    }
+}
+
+void InFlightJournal::Batch::flush() {
+    const std::lock_guard guard(journal_.lock_);
+    if (finished_.empty()) {
+        return;
+    }
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
     Entries entries = journal_.load();
-    if (std::exchange(entries[key], id) != id) {
+    const std::size_t before = entries.size();
+    eraseFinished(entries);
+    if (entries.size() != before) {
         journal_.write(entries);
     }
 }
@@ -217,12 +249,13 @@ InFlightJournal::Entries InFlightJournal::load() const {
     }
 }
 
-void InFlightJournal::write(const Entries& entries) {
+bool InFlightJournal::write(const Entries& entries) {
     const Json snapshot = {{"entries", entries}};
     try {
         platform::writeWholeFile(files_, fileURL_, asBytes(prettyJson(snapshot)), ownerOnly);
+        return true;
     } catch (const std::exception&) {
-        // The file is as it was: the next attempt to send begins anew instead of resuming.
+        return false; // the file is as it was: the next attempt to send begins anew instead of resuming
     }
 }
 

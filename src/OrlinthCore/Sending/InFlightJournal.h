@@ -7,7 +7,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -33,6 +32,10 @@ struct InFlightKey {
     /// The entry's name in the journal file.
     [[nodiscard]] std::string text() const;
 };
+
+struct OutgoingFile;
+/// What the journal knows an examined file by.
+[[nodiscard]] InFlightKey keyOf(const OutgoingFile& file);
 
 /// Gives every outgoing file a transfer id that stays the same until the file has been sent completely, across failed
 /// attempts and restarts: it is what a phone finds its partial download by.
@@ -68,27 +71,21 @@ public:
 
 private:
     using Entries = std::map<std::string, std::string>;
-    /// An entry that a batch has reserved.
-    struct Reserved {
-        std::string id;
-        int uses = 0; ///< sends that have yet to complete
-        bool isNew = false;
-        bool isBegun = false;
-    };
     [[nodiscard]] Entries load() const;
-    void write(const Entries& entries);
+    /// Returns whether the file holds them now.
+    bool write(const Entries& entries);
 
     platform::FileSystem& files_;
     platform::Path fileURL_;
     mutable std::mutex lock_;
-    Batch* batch_ = nullptr;
 };
 
 /// Many sends with one journal, at the cost of two writes for many files instead of two for each.
 ///
-/// While it lives, getOrCreate() answers for reserved files without reading, and complete() of one is written with the
-/// next reserve() or at the end of the batch. A process that is killed before leaves ids of files that were sent or not
-/// begun; the next send of such a file uses the id, which is as good as a fresh one. One batch a journal at a time.
+/// Only complete() ends an id, and it is the caller's to say when: ids of files that were not begun, or whose end is in
+/// doubt, stay in the journal, so that neither a kill nor the end of this process takes one from the next attempt, or
+/// from another process that has found it there meanwhile. What another process has written is read again.
+/// Threading: as the journal. One process may have several; the journal outlives them.
 class InFlightJournal::Batch {
 public:
     struct Wanted {
@@ -96,24 +93,44 @@ public:
         bool isFresh = false; ///< an id that was recorded before is not to be used again
     };
 
-    explicit Batch(InFlightJournal& journal);
-    /// Writes what is left to write. The ids of reserved files that were never begun are dropped, if they were new.
+    explicit Batch(InFlightJournal& journal) : journal_(journal) {}
+    /// Flushes.
     ~Batch();
     Batch(const Batch&) = delete;
     Batch& operator=(const Batch&) = delete;
 
     /// As getOrCreate() for each, with one write. An entry is forgotten once so many sends of it have completed: a file
-    /// for several phones keeps its id until the last of them has it. Returns the ids. Never fails.
-    std::vector<std::string> reserve(const std::vector<Wanted>& files, int uses);
-    /// Gives a file that was completed the id again that it had, for one use more: the phone may not have got the end
-    /// after all. Never fails.
-    void restore(const InFlightKey& file, const std::string& id);
+    /// for several phones keeps its id until the last of them has it. Never fails: if the disk does not take the ids,
+    /// they hold for this batch.
+    void reserve(const std::vector<Wanted>& files, int uses);
+    /// The id of a reserved file, for the next attempt. A look at the journal file's attributes, unless another process
+    /// has written it since: then what it says now, and where it says nothing any more, a new id. Never fails.
+    [[nodiscard]] std::string idOf(const InFlightKey& file);
+    /// One send of a reserved file has completed. If that was the last, its id is used no more; this is written with
+    /// the next reserve() or flush().
+    void complete(const InFlightKey& file);
+    /// Writes what is left to write. Never fails.
+    void flush();
 
 private:
-    friend class InFlightJournal;
+    struct Reserved {
+        std::string id;
+        int uses = 0;           ///< sends that have yet to complete
+        bool isWritten = false; ///< the journal file has held it
+    };
+    /// What the journal file looked like when this batch knew all of it.
+    using Look = std::optional<platform::FileStatus>;
+
+    [[nodiscard]] Look look() const;
+    void makeFolder() noexcept;
+    void eraseFinished(Entries& entries);
+    void update();
+    void adopt(const Entries& entries);
+
     InFlightJournal& journal_;
-    std::map<std::string, Reserved> reserved_; ///< by entry key; guarded by the journal's lock, like the next
-    std::set<std::string> finished_;           ///< entry keys that are to go from the file
+    std::map<std::string, Reserved> reserved_; ///< by entry key; guarded by the journal's lock, like all that follows
+    std::map<std::string, std::string> finished_; ///< entry keys, with their ids, that are to go from the file
+    Look known_;
 };
 
 } // namespace orlinth

@@ -1,7 +1,6 @@
 #include "OrlinthCore/Sending/SendTransfer.h"
 
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
-#include "OrlinthCore/Sending/OutgoingFile.h"
 #include "OrlinthCore/Sending/PhoneConnection.h"
 #include "platform/Spawn.h"
 
@@ -16,17 +15,17 @@ static_assert(chunkBytes + 1 <= TransportFramer::maxPlaintextBytes);
 static_assert(chunkBytes + TransportFramer::overheadBytes <= WireConnection::maxFrameBytes);
 
 /// How the sender of a file connects: attempts until a window has passed after the wake.
-ConnectRequest connectRequest(platform::System& system, const SendRequest& request, const Executor& queue,
+ConnectRequest connectRequest(platform::System& system, const SendTerms& terms, const Executor& queue,
                               SendProgress& progress) {
-    const auto attemptInWindow = [&system, &request, queue] {
-        return connectWithin(system, request.peer, queue, request.postWakeConnectTimeout,
-                             request.postWakeAttemptTimeout, request.postWakeRetryInterval);
+    const auto attemptInWindow = [&system, &terms, queue] {
+        return connectWithin(system, terms.peer, queue, terms.postWakeConnectTimeout, terms.postWakeAttemptTimeout,
+                             terms.postWakeRetryInterval);
     };
-    return {.peer = request.peer,
+    return {.peer = terms.peer,
             .queue = queue,
-            .warmConnectTimeout = request.warmConnectTimeout,
+            .warmConnectTimeout = terms.warmConnectTimeout,
             .connectAfterWake = attemptInWindow,
-            .fcmBaseURL = request.fcmBaseURL,
+            .fcmBaseURL = terms.fcmBaseURL,
             .onWoken = [&progress] { progress.onWaking(); }};
 }
 
@@ -78,10 +77,10 @@ std::unique_ptr<platform::File> openAt(platform::FileSystem& files, const platfo
 /// A chunk is read, sealed and sent in one buffer. The next is read only when the system has taken the one before, so
 /// a slow phone slows the reading down and memory stays at one chunk.
 Task<std::int64_t> stream(WireConnection& wire, TransportFramer& framer, FrameBuffer& buffer, platform::File& file,
-                          std::int64_t offset, std::int64_t size, const SendRequest& request, SendProgress& progress) {
+                          std::int64_t offset, std::int64_t size, const SendTerms& terms, SendProgress& progress) {
     std::int64_t sent = 0;
     for (;;) {
-        if (request.cancel && request.cancel()) {
+        if (terms.cancel && terms.cancel()) {
             throw SendError::cancelled();
         }
         const MutableBytes room = TransportFramer::binaryPayload(buffer, chunkBytes);
@@ -96,49 +95,61 @@ Task<std::int64_t> stream(WireConnection& wire, TransportFramer& framer, FrameBu
     }
 }
 
-/// The whole send, on its own queue.
-Task<SentFile> sendOnQueue(platform::System& system, SendRequest request, Executor queue) {
+/// From the connection to the farewell, on its own queue. `onEndSent` comes right behind Done.
+Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, SendTerms terms, Executor queue,
+                              std::function<void()> onEndSent) {
     SendProgress unwatched;
-    SendProgress& progress = request.progress != nullptr ? *request.progress : unwatched;
-
-    const OutgoingFile source = examineFile(system, request.fileURL);
+    SendProgress& progress = terms.progress != nullptr ? *terms.progress : unwatched;
+    const OutgoingFile& source = prepared.file;
     progress.onFile(source.name, source.size, source.mime);
-    const std::string transferId =
-        request.journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint);
-    const Bytes peerPubkey = pubkeyOf(request.peer);
+    const Bytes peerPubkey = pubkeyOf(terms.peer);
 
     std::unique_ptr<platform::Stream> connection =
-        co_await connectOrWake(system, connectRequest(system, request, queue, progress));
+        co_await connectOrWake(system, connectRequest(system, terms, queue, progress));
     progress.onConnected();
 
     WireConnection wire(std::move(connection), system.clock);
-    TransportFramer framer = co_await authenticate(wire, request.staticKey, request.prologue, peerPubkey);
+    TransportFramer framer = co_await authenticate(wire, terms.staticKey, terms.prologue, peerPubkey);
     progress.onHandshakeComplete();
 
     const Bytes offer =
-        framer.encodeJSON(TransportMessage::fileOffer(source.name, source.size, source.mime, transferId));
+        framer.encodeJSON(TransportMessage::fileOffer(source.name, source.size, source.mime, prepared.transferId));
     co_await wire.sendLengthPrefixed(offer);
     FrameBuffer buffer;
     co_await wire.receiveFrame(buffer);
-    const std::int64_t offset = acceptedOffset(framer.decodeInPlace(buffer.body()), transferId, source.size);
+    const std::int64_t offset = acceptedOffset(framer.decodeInPlace(buffer.body()), prepared.transferId, source.size);
 
     const platform::Clock::Instant start = system.clock.now();
-    const std::unique_ptr<platform::File> file = openAt(system.files, request.fileURL, offset);
+    const std::unique_ptr<platform::File> file = openAt(system.files, prepared.path, offset);
     progress.onProgress(offset, source.size);
-    const std::int64_t sent = co_await stream(wire, framer, buffer, *file, offset, source.size, request, progress);
+    const std::int64_t sent = co_await stream(wire, framer, buffer, *file, offset, source.size, terms, progress);
     const Bytes done = framer.encodeJSON(TransportMessage::done());
     co_await wire.sendLengthPrefixed(done);
-    request.journal.complete(source.name, source.size, source.mime, source.fingerprint);
-
-    const SentFile result{.savedPath = request.fileURL.native(),
-                          .bytesSent = offset + sent,
-                          .advertisedSize = source.size,
-                          .durationSeconds = (system.clock.now() - start).count(),
-                          .resumedFromOffset = offset};
+    if (onEndSent) {
+        onEndSent();
+    }
+    SentFile result{.savedPath = prepared.path.native(),
+                    .bytesSent = offset + sent,
+                    .advertisedSize = source.size,
+                    .durationSeconds = (system.clock.now() - start).count(),
+                    .resumedFromOffset = offset};
     progress.onComplete(result);
-    const WireConnection::Farewell farewell = co_await wire.closeAfterFarewell(request.farewellSeconds);
-    progress.onFarewell(farewell);
-    co_return result;
+    const WireConnection::Farewell farewell = co_await wire.closeAfterFarewell(terms.farewellSeconds);
+    co_return SendOutcome{.sent = std::move(result), .farewell = farewell};
+}
+
+/// The whole send by a journal, on its own queue.
+Task<SentFile> sendByJournal(platform::System& system, SendRequest request, Executor queue) {
+    const OutgoingFile source = examineFile(system, request.fileURL);
+    InFlightJournal& journal = request.journal;
+    std::string id = journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint);
+    const auto forget = [&journal, source] {
+        journal.complete(source.name, source.size, source.mime, source.fingerprint);
+    };
+    PreparedFile prepared{.path = std::move(request.fileURL), .file = source, .transferId = std::move(id)};
+    SendOutcome outcome =
+        co_await sendOnQueue(system, std::move(prepared), std::move(request.terms), std::move(queue), forget);
+    co_return std::move(outcome.sent);
 }
 
 } // namespace
@@ -149,11 +160,16 @@ void SendProgress::onWaking() {}
 void SendProgress::onHandshakeComplete() {}
 void SendProgress::onProgress(std::int64_t, std::int64_t) {}
 void SendProgress::onComplete(const SentFile&) {}
-void SendProgress::onFarewell(WireConnection::Farewell) {}
 
 Task<SentFile> sendOneFile(platform::System& system, SendRequest request) {
     const Executor queue = system.network.makeSerialQueue("orlinth.send");
-    Task<SentFile> send = sendOnQueue(system, std::move(request), queue);
+    Task<SentFile> send = sendByJournal(system, std::move(request), queue);
+    co_return co_await platform::runOn(queue, std::move(send));
+}
+
+Task<SendOutcome> sendPrepared(platform::System& system, PreparedFile file, SendTerms terms) {
+    const Executor queue = system.network.makeSerialQueue("orlinth.send");
+    Task<SendOutcome> send = sendOnQueue(system, std::move(file), std::move(terms), queue, {});
     co_return co_await platform::runOn(queue, std::move(send));
 }
 

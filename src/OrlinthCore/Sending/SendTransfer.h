@@ -2,8 +2,10 @@
 
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
+#include "OrlinthCore/SecureChannel/WireConnection.h"
 #include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthCore/Sending/InFlightJournal.h"
+#include "OrlinthCore/Sending/OutgoingFile.h"
 #include "OrlinthCore/Sending/SendError.h"
 #include "platform/System.h"
 
@@ -36,17 +38,14 @@ public:
     virtual void onHandshakeComplete();
     /// Bytes that the phone holds so far, of the advertised size.
     virtual void onProgress(std::int64_t bytesSent, std::int64_t totalBytes);
+    /// The end of the file was sent; what is in the buffers is still on its way.
     virtual void onComplete(const SentFile& result);
-    /// After the end: how the phone took its leave. It does not change the outcome.
-    virtual void onFarewell(WireConnection::Farewell farewell);
 };
 
-/// One send. What is referred to outlives it.
-struct SendRequest {
-    platform::Path fileURL;
+/// To whom a file goes, and how. What is referred to outlives the send.
+struct SendTerms {
     PeerRecord peer;
     const platform::PrivateKey& staticKey;
-    InFlightJournal& journal;
     std::string prologue = std::string(kOrlinthPrologue);
     double warmConnectTimeout;     ///< seconds for the first attempt to connect
     double postWakeConnectTimeout; ///< seconds in which attempts are made after a wake
@@ -58,6 +57,13 @@ struct SendRequest {
     double farewellSeconds = 1; ///< how long the phone may take to close after Done
 };
 
+/// One send by the journal, which outlives it.
+struct SendRequest {
+    platform::Path fileURL;
+    InFlightJournal& journal;
+    SendTerms terms;
+};
+
 /// Sends one file to one paired phone: connects, by a wake push if the phone sleeps, proves and checks keys, offers the
 /// file under an id that survives restarts, lets the phone say from where it wants it, streams the rest and says Done.
 ///
@@ -67,5 +73,22 @@ struct SendRequest {
 /// @throws SendError for the cases named there; platform::SystemError if the file's attributes cannot be read;
 ///         WireConnection::Error and TransportFramer::Error as they come after the handshake.
 [[nodiscard]] Task<SentFile> sendOneFile(platform::System& system, SendRequest request);
+
+/// A file that was examined, with the id to offer it under.
+struct PreparedFile {
+    platform::Path path;
+    OutgoingFile file;
+    std::string transferId;
+};
+
+/// What came of a file whose end was sent. Only a farewell in good order says that the phone has it.
+struct SendOutcome {
+    SentFile sent;
+    WireConnection::Farewell farewell;
+};
+
+/// The same without a journal, for whoever keeps ids by himself and wants to know how the phone took its leave.
+/// @throws as sendOneFile()
+[[nodiscard]] Task<SendOutcome> sendPrepared(platform::System& system, PreparedFile file, SendTerms terms);
 
 } // namespace orlinth

@@ -215,10 +215,16 @@ std::vector<InFlightJournal::Batch::Wanted> wanted(std::initializer_list<const c
     return files;
 }
 
+InFlightKey keyOf(const char* name) {
+    return {.name = name, .size = 1, .mime = "m", .fingerprint = "f"};
+}
+
 class InFlightJournalBatch : public InFlightJournalTest {
 protected:
-    std::string idOf(const char* name) { return journal.getOrCreate(name, 1, "m", "f"); }
-    void complete(const char* name) { journal.complete(name, 1, "m", "f"); }
+    /// Another process at the same journal file.
+    std::string elsewhere(const char* name) { return other.getOrCreate(name, 1, "m", "f"); }
+    void completeElsewhere(const char* name) { other.complete(name, 1, "m", "f"); }
+    InFlightJournal other{files, file};
 };
 
 TEST_F(InFlightJournalBatch, WritesTheIdsOfAllItsFilesAtOnceAndBeforeTheyAreUsed) {
@@ -227,108 +233,119 @@ TEST_F(InFlightJournalBatch, WritesTheIdsOfAllItsFilesAtOnceAndBeforeTheyAreUsed
     const auto entries = journal.snapshotEntries();
     EXPECT_THAT(entries, ElementsAre(Key("a|1|m|f"), Key("b|1|m|f"), Key("c|1|m|f")));
     const std::size_t mutations = files.mutations();
-    EXPECT_EQ(idOf("a"), entries.at("a|1|m|f"));
-    EXPECT_EQ(idOf("c"), entries.at("c|1|m|f"));
+    EXPECT_EQ(batch.idOf(keyOf("a")), entries.at("a|1|m|f"));
+    EXPECT_EQ(batch.idOf(keyOf("c")), entries.at("c|1|m|f"));
     EXPECT_EQ(files.mutations(), mutations);
 }
 
 TEST_F(InFlightJournalBatch, KeepsTheIdOfAnEarlierAttemptUnlessAFreshOneIsWanted) {
-    const std::string a = idOf("a");
-    const std::string b = idOf("b");
+    const std::string a = elsewhere("a");
+    const std::string b = elsewhere("b");
     InFlightJournal::Batch batch(journal);
     batch.reserve(wanted({"a"}), 1);
     batch.reserve(wanted({"b"}, true), 1);
-    EXPECT_EQ(idOf("a"), a);
-    EXPECT_NE(idOf("b"), b);
+    EXPECT_EQ(batch.idOf(keyOf("a")), a);
+    EXPECT_NE(batch.idOf(keyOf("b")), b);
 }
 
 TEST_F(InFlightJournalBatch, NeverGivesTheIdOfACompletedFileAgain) {
-    std::string second;
-    {
-        InFlightJournal::Batch batch(journal);
-        batch.reserve(wanted({"a"}), 1);
-        const std::string first = idOf("a");
-        complete("a");
-        second = idOf("a"); // without a reservation, before the completion was written
-        EXPECT_NE(second, first);
-    }
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(std::pair<const std::string, std::string>("a|1|m|f", second)))
-        << "that send has not completed";
+    InFlightJournal::Batch batch(journal);
+    batch.reserve(wanted({"a"}), 1);
+    const std::string first = batch.idOf(keyOf("a"));
+    batch.complete(keyOf("a"));
+    batch.reserve(wanted({"a"}), 1);
+    EXPECT_NE(batch.idOf(keyOf("a")), first);
 }
 
 TEST_F(InFlightJournalBatch, WritesCompletionsWithTheNextReservationAndAtItsEnd) {
     {
         InFlightJournal::Batch batch(journal);
         batch.reserve(wanted({"a", "b", "c"}), 1);
-        for (const char* name : {"a", "b", "c"}) {
-            static_cast<void>(idOf(name));
-        }
         const std::size_t mutations = files.mutations();
-        complete("a");
-        complete("b");
+        batch.complete(keyOf("a"));
+        batch.complete(keyOf("b"));
         EXPECT_EQ(files.mutations(), mutations);
         batch.reserve(wanted({"d"}), 1);
         EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("c|1|m|f"), Key("d|1|m|f")));
-        complete("c");
+        batch.complete(keyOf("c"));
     }
-    EXPECT_THAT(journal.snapshotEntries(), IsEmpty()) << "d was never begun";
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("d|1|m|f"))) << "d has not completed";
 }
 
-TEST_F(InFlightJournalBatch, RestoresTheIdOfAFileWhetherItsCompletionWasWrittenOrNot) {
-    std::vector<std::string> ids;
-    {
-        InFlightJournal::Batch batch(journal);
-        ids = batch.reserve(wanted({"a", "b"}), 1);
-        EXPECT_THAT(ids, ElementsAre(idOf("a"), idOf("b")));
-        complete("a");
-        complete("b");
-        batch.restore({"a", 1, "m", "f"}, ids[0]);
-        EXPECT_THAT(batch.reserve(wanted({"c"}), 1), testing::SizeIs(1));
-        EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", ids[0]), Key("c|1|m|f")));
-        batch.restore({"b", 1, "m", "f"}, ids[1]);
-        EXPECT_THAT(journal.snapshotEntries(), testing::Contains(Pair("b|1|m|f", ids[1])));
-        EXPECT_EQ(ids[0], idOf("a"));
-        EXPECT_EQ(ids[1], idOf("b"));
-        complete("b");
-    }
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", ids[0])));
-}
-
-TEST_F(InFlightJournalBatch, LeavesWhatWasBegunAndWhatWasThereBefore) {
-    const std::string before = idOf("before");
+TEST_F(InFlightJournalBatch, KeepsTheIdsOfWhatHasNotCompletedWhetherItWasBegunOrNot) {
+    const std::string before = elsewhere("before");
     std::string begun;
+    std::string taken;
     {
         InFlightJournal::Batch batch(journal);
         batch.reserve(wanted({"before", "begun", "not begun"}), 1);
-        begun = idOf("begun");
+        begun = batch.idOf(keyOf("begun"));
+        taken = elsewhere("not begun"); // by another process, which goes on when this one has ended
     }
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("before|1|m|f", before), Pair("begun|1|m|f", begun)));
+    EXPECT_THAT(journal.snapshotEntries(),
+                ElementsAre(Pair("before|1|m|f", before), Pair("begun|1|m|f", begun), Pair("not begun|1|m|f", taken)));
 }
 
 TEST_F(InFlightJournalBatch, KeepsAnIdUntilEveryUseOfItHasCompleted) {
     {
         InFlightJournal::Batch batch(journal);
         batch.reserve(wanted({"both", "one"}), 2);
-        for (const char* name : {"both", "both", "one", "one"}) {
-            static_cast<void>(idOf(name));
-        }
-        complete("both");
-        complete("both");
-        complete("one");
+        batch.complete(keyOf("both"));
+        batch.complete(keyOf("both"));
+        batch.complete(keyOf("one"));
     }
     EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("one|1|m|f")));
 }
 
-TEST_F(InFlightJournalBatch, LeavesOtherFilesAndOtherTimesAlone) {
+TEST_F(InFlightJournalBatch, TakesNoIdFromAnotherProcess) {
+    InFlightJournal::Batch batch(journal);
+    batch.reserve(wanted({"a"}), 1);
+    const std::string ours = batch.idOf(keyOf("a"));
+    EXPECT_EQ(elsewhere("a"), ours);
+    completeElsewhere("a");
+    const std::string theirs = elsewhere("a"); // the same file again, under an id of its own
+    batch.complete(keyOf("a"));
+    batch.flush();
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", theirs)));
+}
+
+TEST_F(InFlightJournalBatch, ReadsAgainWhatAnotherProcessHasWritten) {
+    InFlightJournal::Batch batch(journal);
+    batch.reserve(wanted({"a", "b", "c"}), 1);
+    const std::string b = batch.idOf(keyOf("b"));
+    const std::string c = batch.idOf(keyOf("c"));
+    completeElsewhere("a"); // and with it the id has gone
+    completeElsewhere("b");
+    const std::string fresh = elsewhere("b");
+    batch.reserve(wanted({"d"}), 1); // sees it by the way
+    EXPECT_EQ(batch.idOf(keyOf("b")), fresh);
+    EXPECT_NE(fresh, b);
+    EXPECT_EQ(batch.idOf(keyOf("c")), c);
+    const std::string a = batch.idOf(keyOf("a"));
+    EXPECT_THAT(journal.snapshotEntries(), testing::Contains(Pair("a|1|m|f", a))) << "written before it is used";
+}
+
+TEST_F(InFlightJournalBatch, KeepsItsIdsWhereTheDiskTakesNone) {
+    InFlightJournal::Batch batch(journal);
+    files.addFault({.errorNumber = ENOSPC});
+    batch.reserve(wanted({"a"}), 1);
+    const std::string id = batch.idOf(keyOf("a"));
+    EXPECT_EQ(batch.idOf(keyOf("a")), id);
+    files.clearFaults();
+    EXPECT_EQ(batch.idOf(keyOf("a")), id);
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", id))) << "once it does again";
+}
+
+TEST_F(InFlightJournalBatch, LeavesOtherFilesAlone) {
     {
         InFlightJournal::Batch batch(journal);
         batch.reserve(wanted({"a"}), 1);
-        static_cast<void>(idOf("other"));
-        complete("other");
-        EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("a|1|m|f")));
+        static_cast<void>(elsewhere("other"));
+        completeElsewhere("other");
+        static_cast<void>(elsewhere("another"));
+        batch.complete(keyOf("a"));
     }
-    static_cast<void>(idOf("later"));
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("later|1|m|f")));
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("another|1|m|f")));
 }
 
 TEST(InFlightJournalCrash, LeavesTheOldOrTheNewEntries) {

@@ -461,9 +461,43 @@ TEST_F(Wire, SaysAtTheFarewellThatThePeerBrokeOff) {
 
 TEST_F(Wire, GivesUpTheFarewellAfterTheGivenTime) {
     WireConnection& wire = connect();
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1)), Farewell::acknowledged);
+    EXPECT_DOUBLE_EQ(clock_.elapsed(), 1);
+    EXPECT_TRUE(ours_->isCancelled());
+}
+
+TEST_F(Wire, KnowsAtTheFarewellThatBytesNeverCameThrough) {
+    WireConnection& wire = connect();
+    peer_->cutWire();
     EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1)), Farewell::silent);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 1);
     EXPECT_TRUE(ours_->isCancelled());
+}
+
+TEST_F(Wire, WaitsAtTheFarewellAsLongAsWhatWasSentComesThrough) {
+    WireConnection& wire = connect();
+    peer_->cutWire();
+    runVirtual(context_, clock_, wire.sendLengthPrefixed(toBytes("123456")));
+    start([](MemoryStream* peer, fakes::VirtualClock* clock) -> Task<> {
+        for (int i = 0; i < 6; ++i) {
+            co_await clock->sleep(40);
+            peer->acknowledge(2);
+        }
+    }(peer_.get(), &clock_));
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(60)), Farewell::acknowledged);
+    EXPECT_DOUBLE_EQ(clock_.elapsed(), 360) << "the last of them came through at 240, and was seen at 300";
+}
+
+TEST_F(Wire, GivesUpTheFarewellWhereNothingMoreComesThrough) {
+    WireConnection& wire = connect();
+    peer_->cutWire();
+    runVirtual(context_, clock_, wire.sendLengthPrefixed(toBytes("123456")));
+    start([](MemoryStream* peer, fakes::VirtualClock* clock) -> Task<> {
+        co_await clock->sleep(40);
+        peer->acknowledge(2);
+    }(peer_.get(), &clock_));
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(60)), Farewell::silent);
+    EXPECT_DOUBLE_EQ(clock_.elapsed(), 120);
 }
 
 TEST_F(Wire, DoesNotWaitAtAFarewellOfNoTime) {

@@ -34,10 +34,6 @@ protected:
         }
         return {parts.at(0), std::stoll(parts.at(1)), parts.at(2), parts.at(3)};
     }
-    void complete(const InFlightKey& key) {
-        journal_.journal().complete(key.name, key.size, key.mime, key.fingerprint);
-    }
-
     fakes::World world_;
     OutboxJournal journal_{world_.system, "/memory/inflight.json"};
 };
@@ -56,28 +52,34 @@ TEST_F(OutboxJournalTest, WritesTheIdsOfSeveralFilesAtOnce) {
     EXPECT_EQ(before, onDisk());
 }
 
-TEST_F(OutboxJournalTest, KeepsTheIdOfAFileThatIsTakenBackAlsoIfOthersWerePreparedMeanwhile) {
+TEST_F(OutboxJournalTest, OffersEachFileUnderItsIdUntilItIsComplete) {
     journal_.prepare({folder / "a.txt"});
     const auto before = onDisk();
     ASSERT_THAT(before, SizeIs(1));
-    const InFlightKey key = keyOf(before.begin()->first);
-    complete(key);
+    const PreparedFile file = journal_.take(folder / "a.txt");
+    EXPECT_EQ(before.begin()->second, file.transferId);
+    EXPECT_EQ("a.txt", file.file.name);
+    EXPECT_EQ(folder / "a.txt", file.path);
     journal_.prepare({folder / "b.txt", folder / "c.txt"});
-    EXPECT_FALSE(onDisk().contains(key.text())) << "it was sent";
-    journal_.takeBack(folder / "a.txt");
-    EXPECT_EQ(before.begin()->second, onDisk().at(key.text()));
-    EXPECT_EQ(before.begin()->second, journal_.journal().getOrCreate(key.name, key.size, key.mime, key.fingerprint));
+    EXPECT_EQ(file.transferId, journal_.take(folder / "a.txt").transferId) << "for the next attempt";
+    EXPECT_EQ(file.transferId, onDisk().at(before.begin()->first)) << "also if we are killed";
 }
 
-TEST_F(OutboxJournalTest, ForgetsWhatWasSent) {
+TEST_F(OutboxJournalTest, ForgetsWhatIsComplete) {
     journal_.prepare({folder / "a.txt"});
-    const InFlightKey key = keyOf(onDisk().begin()->first);
-    complete(key);
-    journal_.forget(folder / "a.txt");
+    const std::string key = onDisk().begin()->first;
+    journal_.complete(folder / "a.txt");
     EXPECT_FALSE(journal_.isPrepared(folder / "a.txt"));
-    journal_.takeBack(folder / "a.txt");
+    journal_.complete(folder / "a.txt");
     journal_.prepare({folder / "b.txt"});
-    EXPECT_FALSE(onDisk().contains(key.text()));
+    EXPECT_FALSE(onDisk().contains(key));
+}
+
+TEST_F(OutboxJournalTest, SaysWhatIsWrongWithAFileThatCannotBeTaken) {
+    EXPECT_THROW(static_cast<void>(journal_.take(folder / "missing.txt")), SendError);
+    world_.files.put(folder / "missing.txt", "late");
+    EXPECT_EQ(4, journal_.take(folder / "missing.txt").file.size) << "it has come since";
+    EXPECT_THAT(onDisk(), SizeIs(1));
 }
 
 } // namespace

@@ -312,17 +312,19 @@ TEST_F(OutboxSenderTest, WritesIdsDownBeforeAnythingIsSent) {
                 ElementsAre(Key(StartsWith("a.txt|16|")), Key(StartsWith("b.txt|16|"))));
 }
 
-TEST_F(OutboxSenderTest, KnowsWhatItHasSentAlsoIfItIsKilledBeforeThePhoneHasClosed) {
+TEST_F(OutboxSenderTest, TakesNothingForSentBeforeThePhoneHasClosed) {
     put(first, {"a.txt", "b.txt"});
     world_.alongside(closeLate(10));
     start();
     pass(5);
     EXPECT_THAT(told("outbox_sent"), IsEmpty());
     const OutboxState whoeverComesNext = OutboxState::load(world_.files, memory / first).value();
-    EXPECT_FALSE(whoeverComesNext.phones.at(0).isOpen("a.txt"));
-    EXPECT_TRUE(whoeverComesNext.phones.at(0).isOpen("b.txt"));
+    EXPECT_TRUE(whoeverComesNext.phones.at(0).isOpen("a.txt"));
+    const std::string journal = *world_.files.content(whoeverComesNext.journalFile(world_.phoneRecord().peer_pubkey));
+    EXPECT_THAT(journal, HasSubstr(ids_.at(0))) << "under the same id, if we are killed now";
     pass(10);
     EXPECT_EQ(1U, told("outbox_sent").size());
+    EXPECT_FALSE(OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt"));
 }
 
 TEST_F(OutboxSenderTest, FlushesLittleForManyFiles) {
@@ -365,16 +367,40 @@ TEST_F(OutboxSenderTest, SendsLargeFilesOneAfterTheOther) {
     EXPECT_EQ(2U, attempts());
 }
 
-TEST_F(OutboxSenderTest, SendsAgainUnderTheSameIdWhatWasBrokenOffAtTheEnd) {
+TEST_F(OutboxSenderTest, OffersAgainAtOnceUnderTheSameIdWhatWasBrokenOffAtTheEnd) {
     put(first, {"a.txt"});
-    world_.alongside(breakOffAtTheEnd(2));
+    const auto breakOffThenTake = [this]() -> Task<> {
+        co_await breakOffAtTheEnd(1);
+        co_await closeLate(0);
+    };
+    world_.alongside(breakOffThenTake());
     start();
-    pass(6);
+    pass(1);
     ASSERT_EQ(2U, ids_.size());
     EXPECT_EQ(ids_[0], ids_[1]);
-    EXPECT_EQ(1U, told("outbox_waiting").size());
-    EXPECT_EQ(1U, told("outbox_sent").size()) << "the second time it is believed";
+    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+    EXPECT_EQ(1U, told("outbox_sent").size());
     EXPECT_FALSE(isThere(outbox / first));
+}
+
+TEST_F(OutboxSenderTest, SetsAsideWhatWasBrokenOffAtTheEndThreeTimes) {
+    put(first, {"a.txt", "b.txt"});
+    world_.alongside(breakOffAtTheEnd(3));
+    start();
+    pass(1);
+    EXPECT_EQ(2U, ids_.size()) << "two at once";
+    EXPECT_EQ(1U, told("outbox_waiting").size());
+    pass(5);
+    ASSERT_EQ(3U, ids_.size()) << "and another after a pause";
+    EXPECT_EQ(ids_[0], ids_[1]);
+    EXPECT_EQ(ids_[0], ids_[2]);
+    EXPECT_THAT(told("outbox_sent"), IsEmpty());
+    EXPECT_EQ(DeliveryInDoubt::text, told("outbox_failed").at(0).at("message"));
+    world_.alongside(take(1));
+    pass(5000);
+    EXPECT_THAT(taken_, ElementsAre("b.txt")) << "the others go on";
+    EXPECT_EQ(4U, attempts() - told("outbox_waiting").size() + 1) << "nothing more of the first";
+    EXPECT_TRUE(isThere(container / "OutboxSetAside" / first / "a.txt"));
 }
 
 TEST_F(OutboxSenderTest, SendsAgainWhatItCannotKnowToBeSent) {

@@ -149,8 +149,8 @@ TEST_F(OutboxStateTest, FlushesWhatWasWrittenSince) {
     EXPECT_EQ(flushes + 1, files_.count(fakes::Operation::flush));
 }
 
-TEST(OutboxStateCrash, LosesAtMostWhatWasSentAndNeverWhatWasTakenBack) {
-    bool isTakenBack = false;
+TEST(OutboxStateCrash, LosesAtMostWhatWasNotFlushed) {
+    bool isFlushed = false;
     const auto prepare = [](fakes::MemoryFileSystem& files) {
         files.putFolder("/data");
         OutboxState state(files, folder);
@@ -159,28 +159,24 @@ TEST(OutboxStateCrash, LosesAtMostWhatWasSentAndNeverWhatWasTakenBack) {
     };
     fakes::forEveryCrash(
         prepare,
-        [&isTakenBack](fakes::MemoryFileSystem& files) {
-            isTakenBack = false;
+        [&isFlushed](fakes::MemoryFileSystem& files) {
+            isFlushed = false;
             OutboxState state = OutboxState::load(files, folder).value();
             OutboxState::Phone& phone = state.phones.front();
             phone.setDone("a");
             state.saveFile(phone, "a");
             state.flush();
-            phone.unconfirmed.insert("b");
-            state.saveFile(phone, "b");
-            phone.unconfirmed.clear();
-            state.save();
-            isTakenBack = true;
+            isFlushed = true;
             phone.failed["c"] = "why";
             state.saveFile(phone, "c");
         },
-        [&isTakenBack](const fakes::Aftermath& after) {
+        [&isFlushed](const fakes::Aftermath& after) {
             const std::optional<OutboxState> state = OutboxState::load(after.files, folder);
             ASSERT_TRUE(state) << "what was there before is lost";
             const OutboxState::Phone& phone = state->phones.front();
             EXPECT_EQ("KEY A", phone.pubkey);
-            if (isTakenBack) {
-                EXPECT_TRUE(phone.isOpen("b"));
+            EXPECT_TRUE(phone.isOpen("b"));
+            if (isFlushed) {
                 EXPECT_FALSE(phone.isOpen("a"));
             }
             if (after.completed && after.kind == fakes::CrashKind::processKill) {
@@ -240,20 +236,6 @@ TEST_F(OutboxStateTest, KnowsWhatIsStillToBeSentToAPhone) {
     state_.forgetFailures();
     EXPECT_TRUE(phone.isOpen("b"));
     EXPECT_FALSE(phone.isOpen("a"));
-}
-
-TEST_F(OutboxStateTest, HasOpenWhatNobodyHasConfirmedUntilItIsLoaded) {
-    OutboxState::Phone& phone = *state_.find("KEY A");
-    state_.save();
-    phone.unconfirmed = {"a"};
-    state_.saveFile(phone, "a");
-    EXPECT_TRUE(phone.isOpen("a"));
-    EXPECT_FALSE(OutboxState::load(files_, folder).value().phones[0].isOpen("a"));
-    state_.save(); // for another reason
-    EXPECT_FALSE(OutboxState::load(files_, folder).value().phones[0].isOpen("a"));
-    phone.unconfirmed.clear();
-    state_.save();
-    EXPECT_TRUE(OutboxState::load(files_, folder).value().phones[0].isOpen("a"));
 }
 
 TEST_F(OutboxStateTest, GivesEachPhoneAJournalOfItsOwn) {

@@ -59,20 +59,52 @@ TEST_F(OutboxTroubleTest, BelievesAPhoneThatTakesItsTimeToClose) {
     EXPECT_FALSE(isThere(outbox / first));
 }
 
-TEST_F(OutboxTroubleTest, SendsAgainUnderTheSameIdAtWhoseEndThePhoneWasSilent) {
+TEST_F(OutboxTroubleTest, OffersAgainUnderTheSameIdWhereTheEndNeverCameThrough) {
+    put(first, {"a.txt"});
+    world_.alongside(vanishAtTheEnd(2));
+    start();
+    pass(119);
+    EXPECT_THAT(told("outbox_sent"), IsEmpty());
+    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+    pass(2);
+    EXPECT_EQ(DeliveryInDoubt::text, told("outbox_waiting").at(0).at("message"));
+    ASSERT_TRUE(isThere(outbox / first / "a.txt")) << "the only copy";
+    world_.alongside(closeLate(0));
+    pass(6);
+    ASSERT_EQ(3U, ids_.size());
+    EXPECT_EQ(ids_[0], ids_[1]);
+    EXPECT_EQ(ids_[0], ids_[2]);
+    EXPECT_EQ(1U, told("outbox_sent").size());
+    EXPECT_FALSE(isThere(outbox / first));
+}
+
+TEST_F(OutboxTroubleTest, SendsNothingTwiceToAPhoneThatTakesEverythingAndNeverCloses) {
     put(first, {"a.txt"});
     world_.alongside(closeLate(1000));
     start();
-    pass(61);
+    pass(59);
     EXPECT_THAT(told("outbox_sent"), IsEmpty());
-    EXPECT_THAT(told("outbox_waiting").at(0).at("message").get<std::string>(), HasSubstr("not closed at the end"));
-    ASSERT_TRUE(isThere(outbox / first / "a.txt")) << "the only copy";
-    world_.alongside(closeLate(1000));
-    pass(66);
-    ASSERT_EQ(2U, ids_.size());
-    EXPECT_EQ(ids_[0], ids_[1]);
-    EXPECT_EQ(1U, told("outbox_sent").size()) << "the second time it is believed";
+    pass(2);
+    EXPECT_EQ(1U, told("outbox_sent").size());
+    EXPECT_THAT(errors_, HasSubstr("Pixel-8 has received every byte of a.txt but did not confirm the file."));
+    EXPECT_EQ(1U, attempts());
     EXPECT_FALSE(isThere(outbox / first));
+}
+
+TEST_F(OutboxTroubleTest, WaitsForAPhoneThatMayNotKnowThisComputerAnyMore) {
+    put(first, {"a.txt"});
+    const auto hangUp = [this]() -> Task<> {
+        const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
+        static_cast<void>(co_await phone->expect<Row::FileOffer>());
+        phone->close();
+    };
+    world_.alongside(hangUp());
+    start();
+    pass(1);
+    EXPECT_EQ(notTakenText, told("outbox_waiting").at(0).at("message"));
+    EXPECT_EQ(1U, attempts());
+    pass(3);
+    EXPECT_EQ(1U, attempts()) << "it pauses as for a phone that is away";
 }
 
 TEST_F(OutboxTroubleTest, SendsAgainAfterARestartWhatEndedWhenItHadToLeave) {
@@ -387,22 +419,6 @@ TEST_F(OutboxTroubleTest, TellsOnceThatItCanNoteNothing) {
     collect();
     EXPECT_THAT(errors_, HasSubstr("cannot note"));
     EXPECT_EQ(errors_.find("cannot note"), errors_.rfind("cannot note")) << errors_;
-}
-
-TEST_F(OutboxTroubleTest, NotesAtTheEndWhatItCouldNotTakeBack) {
-    const auto isOpen = [this] {
-        return OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt");
-    };
-    put(first, {"a.txt"});
-    world_.alongside(breakOffAtTheEnd(1));
-    start();
-    world_.files.addFault(
-        {.operation = Operation::rename, .errorNumber = EACCES, .skip = 1, .nameEnding = "state.jsonl"});
-    pass(1);
-    ASSERT_FALSE(isOpen()) << "what is on the disk cannot be mended now";
-    world_.files.clearFaults();
-    stop();
-    EXPECT_TRUE(isOpen());
 }
 
 // Batches without a choice

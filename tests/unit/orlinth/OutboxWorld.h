@@ -140,6 +140,18 @@ protected:
             reset_->abort();
         }
     }
+    /// Takes `count` files, and says nothing at their ends; what has come last is not acknowledged.
+    [[nodiscard]] Task<> vanishAtTheEnd(int count) {
+        for (int i = 0; i < count; ++i) {
+            std::unique_ptr<ScriptedPeer> phone = co_await acceptForReset();
+            const auto offer = co_await phone->expect<Row::FileOffer>();
+            ids_.push_back(offer.transfer_id);
+            co_await phone->send(Row::resume(offer.transfer_id, 0));
+            const Bytes data = co_await phone->receiveUntilDone();
+            reset_->cutWire();
+            kept_.push_back(std::move(phone));
+        }
+    }
     /// Takes one file, and closes so many seconds after its end.
     [[nodiscard]] Task<> closeLate(double seconds) {
         const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
@@ -250,7 +262,8 @@ protected:
     std::optional<OutboxSender> sender_;
     std::vector<std::string> taken_;
     std::vector<std::string> ids_;
-    fakes::MemoryStream* reset_ = nullptr; ///< of the connection that is to be reset
+    std::vector<std::unique_ptr<ScriptedPeer>> kept_; ///< connections that stay open
+    fakes::MemoryStream* reset_ = nullptr;            ///< of the connection that is to be reset
     std::vector<Json> told_;
     std::string errors_;
     std::string reports_;
