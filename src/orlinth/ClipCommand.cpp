@@ -170,7 +170,7 @@ public:
         addText("--mime", mime_, "TYPE", "What the text is.")->check(mimeValidator())->capture_default_str();
         addSeconds("--warm-timeout", times_.warm, "How long the first attempt to connect may take; 0: no limit.");
         addSeconds("--wake-timeout", times_.wake,
-                   "How long the single attempt after a wake push may take; 0: no limit.");
+                   "How long to keep trying after waking the phone; 0: try once, without a limit.");
         addSeconds(
             "--timeout", times_.answer,
             "How long the phone may take to answer once the text is sent; silence counts as delivery. Sending may "

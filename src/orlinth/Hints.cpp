@@ -13,15 +13,33 @@ namespace orlinth::host {
 
 namespace {
 
-std::string hintForNetwork(const std::string& detail, const std::string& where) {
-    if (detail.starts_with("FCM wake failed: ")) {
-        return where + " seems to sleep, and could not be woken. " + hintForPush(detail);
+/// Behind a deadline there may be a more exact reason.
+SendError::Reason reasonBehind(const SendError& error) {
+    if (error.reason() == SendError::Reason::timedOut && error.cause()) {
+        try {
+            std::rethrow_exception(error.cause());
+        } catch (const SendError& cause) {
+            return cause.reason();
+        } catch (const std::exception&) {
+            return error.reason();
+        }
     }
-    if (detail.find("timed out") != std::string::npos || detail.find("refused") != std::string::npos) {
+    return error.reason();
+}
+
+std::string hintForNetwork(const SendError& error, const std::string& where) {
+    switch (reasonBehind(error)) {
+    case SendError::Reason::pushFailed:
+        return where + " seems to sleep, and could not be woken. " + hintForPush(error.cause());
+    case SendError::Reason::timedOut:
+    case SendError::Reason::refused:
+    case SendError::Reason::hostUnreachable:
         return "Is " + where + " awake, on this network, and ready to receive?";
-    }
-    if (detail.find("unreachable") != std::string::npos) {
+    case SendError::Reason::networkUnreachable:
         return "Is this computer on the same network as " + where + "?";
+    case SendError::Reason::unknownName:
+    case SendError::Reason::other:
+        break;
     }
     return "The address in use is that of " + where + "; `orlinth peers` lists what is recorded.";
 }
@@ -48,7 +66,7 @@ std::string hintForSending(const std::exception& error, const std::string& where
     }
     switch (send->which()) {
     case SendError::Case::network:
-        return hintForNetwork(send->detail(), where);
+        return hintForNetwork(*send, where);
     case SendError::Case::noiseHandshakeFailed:
         return "What answers for " + where + " is not ready, or it does not know this computer. Is the app open there?";
     case SendError::Case::unauthorizedPeer:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <string>
 
 namespace orlinth::host {
@@ -7,7 +8,7 @@ namespace orlinth::host {
 /// The base of the push service's API: ORLINTH_FCM_BASE_URL, or the public one.
 [[nodiscard]] std::string pushServiceURL();
 
-/// What a person can do about a push that failed with this text; "" where nothing helps.
-[[nodiscard]] std::string hintForPush(const std::string& text);
+/// What a person can do about a push that failed with this error; null if nothing is known about it.
+[[nodiscard]] std::string hintForPush(const std::exception_ptr& error);
 
 } // namespace orlinth::host

@@ -45,7 +45,7 @@ public:
             host.output.failure(interrupted.description(), {}, context);
             throw;
         } catch (const std::exception& error) {
-            host.output.failure(describe(error), hintForPush(describe(error)), context);
+            host.output.failure(describe(error), hintForPush(std::current_exception()), context);
             return 1;
         }
         host.output.event("complete", context);

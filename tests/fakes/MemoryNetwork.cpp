@@ -193,6 +193,13 @@ Task<std::unique_ptr<platform::Stream>> MemoryNetwork::connect(std::string host,
         Event never(context_.get_executor());
         co_await never.wait();
     }
+    if (const auto failing = failing_.find(host); failing != failing_.end()) {
+        const Failure failure = failing->second;
+        if (failure.seconds > 0) {
+            co_await failure.clock->sleep(failure.seconds);
+        }
+        throw SystemError(failure.code);
+    }
     const auto found = ports_.find(port);
     if (found == ports_.end()) {
         throw SystemError::fromErrno(ECONNREFUSED);

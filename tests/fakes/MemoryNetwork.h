@@ -1,6 +1,7 @@
 #pragma once
 
 #include "fakes/Event.h"
+#include "platform/Clock.h"
 #include "platform/Network.h"
 
 #include <asio/io_context.hpp>
@@ -9,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <system_error>
 #include <vector>
 
 namespace orlinth::fakes {
@@ -112,7 +114,18 @@ public:
 
     /// Connections to this host neither succeed nor fail.
     void makeSilent(const std::string& host) { silent_[host] = true; }
-    void makeAnswer(const std::string& host) { silent_[host] = false; }
+    /// Connections to this host fail with `code`, each so many seconds of `clock` after it was begun.
+    void makeFail(const std::string& host, std::error_code code, platform::Clock& clock, double seconds = 0) {
+        failing_.insert_or_assign(host, Failure{code, &clock, seconds});
+    }
+    void makeFailWithErrno(const std::string& host, int number, platform::Clock& clock, double seconds = 0) {
+        makeFail(host, std::error_code(number, std::generic_category()), clock, seconds);
+    }
+    /// Connections that are begun from now on find their port, or are refused.
+    void makeAnswer(const std::string& host) {
+        silent_[host] = false;
+        failing_.erase(host);
+    }
     /// Faults of the next connections, taken one by one: of what the connecting side sends, and of what it receives.
     std::deque<std::pair<WireFaults, WireFaults>> faults;
     /// listen() fails with this error, if set.
@@ -133,6 +146,12 @@ private:
     asio::io_context& context_;
     std::map<std::uint16_t, std::shared_ptr<Port>> ports_;
     std::map<std::string, bool> silent_;
+    struct Failure {
+        std::error_code code;
+        platform::Clock* clock;
+        double seconds;
+    };
+    std::map<std::string, Failure> failing_; ///< by host
     std::uint16_t nextFreePort_ = 40000;
 };
 

@@ -182,9 +182,10 @@ class Sending(WakeTest):
         self.assertEqual([], self.server.requests())
 
     def test_other_failures_than_sleep_do_not_wake(self):
-        self.mac.record(self.phone, 9, ip="255.255.255.255", token=TOKEN)
+        self.mac.record(self.phone, 9, ip="fe80::1", token=TOKEN)  # of no interface: an address of no use
         sender = self.send()
         self.assertEqual(1, sender.wait())
+        self.assertEqual(["file", "error"], sender.events.names())
         self.assertEqual([], self.server.requests())
 
     def test_without_a_key_file_the_second_line_says_where_it_belongs_and_how_to_get_one(self):
@@ -234,15 +235,14 @@ class Clipping(WakeTest):
         self.assert_pushed()
         self.assert_no_secret(result.stdout, result.stderr)
 
-    def test_a_single_attempt_is_made_after_the_wake(self):
-        result = self.clip("--wake-timeout", "60")
+    def test_the_attempt_after_the_wake_lasts_as_long_as_it_may(self):
+        result = self.clip("--wake-timeout", "1.5")
         ended = time.monotonic()
         self.assertEqual(1, result.returncode)
-        self.assert_one_line_error(result.stderr, "network: Connection refused")
+        self.assert_one_line_error(result.stderr, "network: connect timed out")
         self.assert_pushed()
         [push] = self.server.requests("push")
-        self.assertGreater(ended - push.at, 0.5, "the phone has a moment to wake up")
-        self.assertLess(ended - push.at, 30, "and is not tried for as long as one attempt may take")
+        self.assertGreater(ended - push.at, 2.0, "half a second to wake up, and then the attempt")
 
     def test_a_phone_without_a_push_token_is_not_woken(self):
         self.mac.record(self.phone, self.port.port)

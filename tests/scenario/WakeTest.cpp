@@ -102,6 +102,45 @@ TEST_F(Wake, ReachesAPhoneThatDoesNotAnswerAfterTheWarmDeadline) {
     EXPECT_DOUBLE_EQ(progress.connected, 5.5);
 }
 
+TEST_F(Wake, ReachesAPhoneThatCannotBeReachedAfterTheWarmDeadline) {
+    // Its radio is off: nobody answers for its address, and Linux gives up asking after three seconds.
+    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3.1);
+    pushWakesThePhoneAfter(4.0);
+    EXPECT_EQ(world.run(send()).bytesSent, 10);
+    EXPECT_THAT(progress.times, ElementsAre(5.0));
+    // The phone is there at 9; the try that began at 5.5 fails at 8.6, and the next one is that of 9.1.
+    EXPECT_DOUBLE_EQ(progress.connected, 9.1);
+}
+
+TEST_F(Wake, ReachesAPhoneWhoseNameDoesNotResolveWhileItSleeps) {
+    world.network.makeFail("203.0.113.2", asio::error::host_not_found, world.clock);
+    pushWakesThePhoneAfter(0.1);
+    EXPECT_EQ(world.run(send()).bytesSent, 10);
+    EXPECT_THAT(progress.times, ElementsAre(5.0));
+    EXPECT_DOUBLE_EQ(progress.connected, 5.5);
+}
+
+/// The system's errors in a session of another language.
+class German : public std::error_category {
+public:
+    const char* name() const noexcept override { return "german"; }
+    std::string message(int /*number*/) const override { return "Verbindungsaufbau abgelehnt"; }
+    std::error_condition default_error_condition(int number) const noexcept override {
+        return {number, std::generic_category()};
+    }
+};
+
+TEST_F(Wake, ReachesAPhoneWhateverLanguageTheSystemSpeaks) {
+    static const German german;
+    for (const int number : {ECONNREFUSED, ETIMEDOUT}) {
+        world.network.makeFail("203.0.113.2", std::error_code(number, german), world.clock);
+        pushWakesThePhoneAfter(0.1);
+        EXPECT_EQ(world.run(send()).bytesSent, 10);
+        fakes::runUntilIdle(world.context, world.clock);
+    }
+    EXPECT_EQ(progress.times.size(), 2U);
+}
+
 TEST_F(Wake, TriesAgainWithPausesUntilThePhoneIsUp) {
     pushWakesThePhoneAfter(4.0);
     EXPECT_EQ(world.run(send()).bytesSent, 10);
@@ -146,10 +185,27 @@ TEST_F(Wake, IsNotTriedForOtherFailuresOfTheNetwork) {
     EXPECT_TRUE(world.https.requests.empty());
 }
 
+TEST_F(Wake, IsNotTriedForAPhoneThatCannotBeReachedIfTheFirstAttemptHasNoDeadline) {
+    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3.1);
+    SendRequest patient = request(sleepingPhone());
+    patient.warmConnectTimeout = 0;
+    EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(patient))).description(),
+              "network: No route to host");
+    EXPECT_TRUE(world.https.requests.empty());
+}
+
 TEST_F(Wake, ReportsAMissingAccountAsAFailedWake) {
     world.files.remove(accountFile);
-    EXPECT_EQ(world.failure<SendError>(send()).description(),
+    const auto error = world.failure<SendError>(send());
+    EXPECT_EQ(error.description(),
               std::string("network: FCM wake failed: service account JSON missing at ") + accountFile);
+    EXPECT_EQ(error.reason(), SendError::Reason::pushFailed);
+    try {
+        std::rethrow_exception(error.cause());
+    } catch (const FcmWake::Error& cause) {
+        EXPECT_EQ(cause.which(), FcmWake::Error::Case::serviceAccountMissing);
+        EXPECT_EQ(cause.detail(), accountFile);
+    }
     EXPECT_TRUE(progress.times.empty());
 }
 
@@ -309,12 +365,54 @@ TEST_F(OneOff, WakesAPhoneThatRefusesAndLogsEachStep) {
     }
 }
 
-TEST_F(OneOff, MakesASingleAttemptAfterAWake) {
+TEST_F(OneOff, MakesASingleAttemptAfterAWakeThatLastsThroughRefusals) {
     world.https.willAnswer(200, tokenReply);
     world.https.willAnswer(200, "{}");
-    EXPECT_EQ(outcome(clip()), "network: Connection refused");
+    EXPECT_EQ(outcome(clip()), "network: connect timed out");
+    EXPECT_EQ(world.network.attempts.size(), 1U + 16U); // every half second from 0.5 to 8
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 0.5 + 8);
+    EXPECT_EQ(world.https.requests.size(), 2U) << "one push";
+}
+
+TEST_F(OneOff, ReachesAPhoneWhosePortOpensSomeTimeAfterTheWake) {
+    world.https.willAnswer(200, tokenReply);
+    world.https.answers.emplace_back([this](const fakes::FakeHttpsClient::Seen&) {
+        world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
+            co_await theWorld.clock.sleep(4);
+            co_await takeMessage(theWorld, what);
+        }(world, seen));
+        return accepted();
+    });
+    EXPECT_EQ(outcome(clip()), "");
+    EXPECT_EQ(seen.clipboard->text, "hello");
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 4.0); // the try of that instant, after those from 0.5 to 3.5
+}
+
+TEST_F(OneOff, ReachesAPhoneThatAppearsSomeTimeAfterTheWake) {
+    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3.1);
+    world.https.willAnswer(200, tokenReply);
+    world.https.answers.emplace_back([this](const fakes::FakeHttpsClient::Seen&) {
+        world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
+            co_await theWorld.clock.sleep(4);
+            theWorld.network.makeAnswer("203.0.113.2");
+            co_await takeMessage(theWorld, what);
+        }(world, seen));
+        return accepted();
+    });
+    EXPECT_EQ(outcome(clip()), "");
+    EXPECT_EQ(seen.clipboard->text, "hello");
+    EXPECT_THAT(world.log.messages(), ElementsAre("warm connect failed: network: connect timed out",
+                                                  "needsWake=true hasFcm=true", "firing FCM wake"));
+}
+
+TEST_F(OneOff, TriesOnceAfterAWakeIfThatHasNoDeadline) {
+    world.https.willAnswer(200, tokenReply);
+    world.https.willAnswer(200, "{}");
+    OneOffRequest once = oneOff(sleepingPhone());
+    once.postWakeConnectTimeout = 0;
+    EXPECT_EQ(outcome(sendClipboard(world.system, "hello", "text/plain", std::move(once))),
+              "network: Connection refused");
     EXPECT_EQ(world.network.attempts.size(), 2U);
-    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 0.5);
 }
 
 TEST_F(OneOff, GivesTheAttemptAfterAWakeItsOwnDeadline) {

@@ -10,10 +10,11 @@
 namespace orlinth {
 namespace {
 
-/// How the sender of one message connects: a single attempt after the wake, and a line in the log for each step.
+/// How the sender of one message connects: a single attempt after the wake, which lasts as long as it may, since the
+/// phone's port opens only some time after the phone is up; and a line in the log for each step.
 ConnectRequest connectRequest(platform::System& system, const OneOffRequest& request, const Executor& queue) {
     const auto attemptOnce = [&system, peer = request.peer, queue, timeout = request.postWakeConnectTimeout] {
-        return connectOnce(system, peer, queue, timeout);
+        return connectOnce(system, peer, queue, timeout, WhenRefused::tryAgain);
     };
     ClipLog clipLog(system.log);
     const auto yesOrNo = [](bool value) { return std::string(value ? "true" : "false"); };

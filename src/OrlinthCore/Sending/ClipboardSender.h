@@ -28,7 +28,7 @@ struct OneOffRequest {
     const platform::PrivateKey& staticKey;
     std::string prologue = std::string(kOrlinthPrologue);
     double warmConnectTimeout;     ///< seconds for the first attempt to connect
-    double postWakeConnectTimeout; ///< seconds for the single attempt after a wake
+    double postWakeConnectTimeout; ///< seconds for the single attempt after a wake, which waits for the phone's port
     std::string fcmBaseURL = FcmWake::defaultBaseURL;
     std::function<void()> onConnected = {};         ///< a connection is up, nothing is proved yet
     std::function<void()> onWaking = {};            ///< a push was delivered

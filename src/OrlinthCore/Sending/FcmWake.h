@@ -83,33 +83,34 @@ public:
     };
 
     [[nodiscard]] static Error serviceAccountMissing(const std::string& path) {
-        return {Case::serviceAccountMissing, "service account JSON missing at " + path};
+        return {Case::serviceAccountMissing, "service account JSON missing at ", path};
     }
     [[nodiscard]] static Error serviceAccountMalformed(const std::string& text) {
-        return {Case::serviceAccountMalformed, "service account JSON malformed: " + text};
+        return {Case::serviceAccountMalformed, "service account JSON malformed: ", text};
     }
     [[nodiscard]] static Error privateKeyImport(const std::string& text) {
-        return {Case::privateKeyImport, "RSA private key import failed: " + text};
+        return {Case::privateKeyImport, "RSA private key import failed: ", text};
     }
-    [[nodiscard]] static Error sign(const std::string& text) { return {Case::sign, "JWT sign failed: " + text}; }
+    [[nodiscard]] static Error sign(const std::string& text) { return {Case::sign, "JWT sign failed: ", text}; }
     [[nodiscard]] static Error oauthHTTP(int status, const std::string& body) {
-        return {Case::oauthHTTP, "OAuth2 HTTP " + std::to_string(status) + ": " + body, status};
+        return {Case::oauthHTTP, "OAuth2 HTTP " + std::to_string(status) + ": ", body, status};
     }
     [[nodiscard]] static Error fcmHTTP(int status, const std::string& body) {
-        return {Case::fcmHTTP, "FCM HTTP " + std::to_string(status) + ": " + body, status};
+        return {Case::fcmHTTP, "FCM HTTP " + std::to_string(status) + ": ", body, status};
     }
-    [[nodiscard]] static Error transport(const std::string& text) {
-        return {Case::transport, "FCM transport: " + text};
-    }
+    [[nodiscard]] static Error transport(const std::string& text) { return {Case::transport, "FCM transport: ", text}; }
 
     [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of the two HTTP cases; 0 otherwise.
     [[nodiscard]] int status() const noexcept { return status_; }
+    /// What is behind the prefix: of serviceAccountMissing the path.
+    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:
-    Error(Case which, std::string description, int status = 0)
-        : orlinth::Error(std::move(description)), case_(which), status_(status) {}
+    Error(Case which, const std::string& prefix, const std::string& detail, int status = 0)
+        : orlinth::Error(prefix + detail), case_(which), detail_(detail), status_(status) {}
     Case case_;
+    std::string detail_;
     int status_;
 };
 

@@ -1,7 +1,6 @@
 #include "OrlinthCore/Sending/PhoneConnection.h"
 
 #include "OrlinthCore/Sending/FcmWake.h"
-#include "OrlinthCore/Sending/OutgoingConnection.h"
 #include "OrlinthCore/Sending/SendError.h"
 #include "base/Base64.h"
 #include "base/ConstantTime.h"
@@ -28,11 +27,8 @@ std::uint16_t portOf(const PeerRecord& peer) {
 /// Whether a failed attempt to connect looks like a phone that sleeps.
 bool looksAsleep(const std::exception& error) {
     const auto* sendError = dynamic_cast<const SendError*>(&error);
-    if (sendError == nullptr || sendError->which() != SendError::Case::network) {
-        return false;
-    }
-    const std::string& text = sendError->detail();
-    return text.find("timed out") != std::string::npos || text.find("refused") != std::string::npos;
+    return sendError != nullptr &&
+           (sendError->reason() == SendError::Reason::timedOut || sendError->reason() == SendError::Reason::refused);
 }
 
 void checkInterval(double seconds) {
@@ -51,7 +47,8 @@ Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string toke
         if (platform::isCancellation(error)) {
             throw;
         }
-        throw SendError::network("FCM wake failed: " + describe(error));
+        throw SendError::network("FCM wake failed: " + describe(error), SendError::Reason::pushFailed,
+                                 std::current_exception());
     }
 }
 
@@ -119,7 +116,8 @@ Task<std::unique_ptr<platform::Stream>> connectWithin(platform::System& system, 
                                                       double retryInterval) {
     checkInterval(retryInterval);
     const platform::Clock::Instant end = system.clock.now() + platform::Clock::Instant(windowSeconds);
-    std::exception_ptr lastError = std::make_exception_ptr(SendError::network("connect timed out after wake"));
+    std::exception_ptr lastError =
+        std::make_exception_ptr(SendError::network("connect timed out after wake", SendError::Reason::timedOut));
     while (system.clock.now() < end) {
         Task<std::unique_ptr<platform::Stream>> connecting = connectOnce(system, peer, queue, attemptTimeout);
         Attempt next = co_await attempt(std::move(connecting));
@@ -133,8 +131,8 @@ Task<std::unique_ptr<platform::Stream>> connectWithin(platform::System& system, 
 }
 
 Task<std::unique_ptr<platform::Stream>> connectOnce(platform::System& system, PeerRecord peer, Executor queue,
-                                                    double timeout) {
-    co_return co_await openConnection(system, peer.peer_ip, portOf(peer), std::move(queue), timeout);
+                                                    double timeout, WhenRefused whenRefused) {
+    co_return co_await openConnection(system, peer.peer_ip, portOf(peer), std::move(queue), timeout, whenRefused);
 }
 
 Bytes pubkeyOf(const PeerRecord& peer) {

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "OrlinthCore/Sending/OutgoingConnection.h"
 #include "platform/System.h"
 
 #include <functional>
@@ -38,9 +39,10 @@ struct ConnectRequest {
                                                                     Executor queue, double windowSeconds,
                                                                     double attemptTimeout, double retryInterval);
 
-/// One attempt.
+/// One attempt, as openConnection() makes it.
 [[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectOnce(platform::System& system, PeerRecord peer,
-                                                                  Executor queue, double timeout);
+                                                                  Executor queue, double timeout,
+                                                                  WhenRefused whenRefused = WhenRefused::fail);
 
 /// The phone's key from its record. @throws SendError::unauthorizedPeer if it is not Base64
 [[nodiscard]] Bytes pubkeyOf(const PeerRecord& peer);

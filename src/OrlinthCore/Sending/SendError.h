@@ -5,6 +5,9 @@
 namespace orlinth {
 
 /// What the senders throw for their own decisions.
+///
+/// Callers decide by the case and, for `network`, by the reason. The text is for people: parts of it come from the
+/// operating system, which may speak any language.
 class SendError : public Error {
 public:
     enum class Case {
@@ -20,13 +23,31 @@ public:
         declined
     };
 
+    /// Why the network failed.
+    enum class Reason {
+        timedOut,           ///< no answer before the deadline, or before the system gave up
+        refused,            ///< the other side is there, but nothing listens on the port
+        hostUnreachable,    ///< nothing answers at the address
+        networkUnreachable, ///< this computer has no way to the address's network
+        unknownName,        ///< the name does not resolve
+        pushFailed,         ///< the wake push could not be sent
+        other
+    };
+
     [[nodiscard]] static SendError fileMissing(const std::string& path) {
         return make(Case::fileMissing, "file missing: ", path);
     }
     [[nodiscard]] static SendError fileRead(const std::string& text) {
         return make(Case::fileRead, "file read: ", text);
     }
-    [[nodiscard]] static SendError network(const std::string& text) { return make(Case::network, "network: ", text); }
+    /// `cause` is the failure behind this one, if there is one: the last try before a deadline, or the failed push.
+    [[nodiscard]] static SendError network(const std::string& text, Reason reason = Reason::other,
+                                           std::exception_ptr cause = nullptr) {
+        SendError error = make(Case::network, "network: ", text);
+        error.reason_ = reason;
+        error.cause_ = std::move(cause);
+        return error;
+    }
     [[nodiscard]] static SendError noiseHandshakeFailed(const std::string& text) {
         return make(Case::noiseHandshakeFailed, "noise handshake: ", text);
     }
@@ -48,6 +69,10 @@ public:
     [[nodiscard]] Case which() const noexcept { return case_; }
     /// What is behind the prefix; empty for the cases without.
     [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
+    /// Of `network`; `other` for every other case.
+    [[nodiscard]] Reason reason() const noexcept { return reason_; }
+    /// Of `network`; null if nothing more is known.
+    [[nodiscard]] const std::exception_ptr& cause() const noexcept { return cause_; }
 
 private:
     [[nodiscard]] static SendError make(Case which, const std::string& prefix, const std::string& detail) {
@@ -57,6 +82,8 @@ private:
         : Error(std::move(description)), case_(which), detail_(std::move(detail)) {}
     Case case_;
     std::string detail_;
+    Reason reason_ = Reason::other;
+    std::exception_ptr cause_;
 };
 
 } // namespace orlinth

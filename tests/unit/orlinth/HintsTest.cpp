@@ -1,0 +1,68 @@
+#include "orlinth/Hints.h"
+
+#include "OrlinthCore/Sending/FcmWake.h"
+#include "OrlinthCore/Sending/SendError.h"
+#include "orlinth/PushService.h"
+#include "platform/HttpsClient.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace orlinth::host {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+using Reason = SendError::Reason;
+
+/// The advice about a failure whose text is in a language of its own.
+std::string hintFor(Reason reason, const std::exception_ptr& cause = nullptr) {
+    return hintForSending(SendError::network("Zeitüberschreitung", reason, cause), "Pixel");
+}
+
+std::exception_ptr because(Reason reason) {
+    return std::make_exception_ptr(SendError::network("Kein Weg", reason));
+}
+
+template <typename E>
+std::string pushHint(E error) {
+    return hintForPush(std::make_exception_ptr(std::move(error)));
+}
+
+TEST(Hints, OfAConnectionFollowTheReasonAndNotTheText) {
+    for (const Reason reason : {Reason::timedOut, Reason::refused, Reason::hostUnreachable}) {
+        EXPECT_THAT(hintFor(reason), StartsWith("Is Pixel awake"));
+    }
+    EXPECT_THAT(hintFor(Reason::networkUnreachable), StartsWith("Is this computer on the same network as Pixel"));
+    EXPECT_THAT(hintFor(Reason::unknownName), HasSubstr("`orlinth peers`"));
+    EXPECT_THAT(hintForSending(SendError::network("connection timed out, refused, unreachable"), "Pixel"),
+                HasSubstr("`orlinth peers`"));
+}
+
+TEST(Hints, OfADeadlineSayWhatWasWaitedFor) {
+    EXPECT_THAT(hintFor(Reason::timedOut, because(Reason::networkUnreachable)), StartsWith("Is this computer on"));
+    EXPECT_THAT(hintFor(Reason::timedOut, because(Reason::refused)), StartsWith("Is Pixel awake"));
+    EXPECT_THAT(hintFor(Reason::timedOut, because(Reason::unknownName)), HasSubstr("`orlinth peers`"));
+}
+
+TEST(Hints, OfAFailedPushFollowItsError) {
+    using Error = FcmWake::Error;
+    const std::string missing = pushHint(Error::serviceAccountMissing("/home/ann/key.json"));
+    EXPECT_THAT(missing, HasSubstr("belongs at /home/ann/key.json. "));
+    for (const std::string& hint : {pushHint(Error::serviceAccountMalformed("x")),
+                                    pushHint(Error::privateKeyImport("x")), pushHint(Error::sign("x"))}) {
+        EXPECT_THAT(hint, HasSubstr("is damaged"));
+    }
+    EXPECT_THAT(pushHint(Error::oauthHTTP(400, "FCM HTTP 404")), HasSubstr("does not accept the key file"));
+    EXPECT_THAT(pushHint(Error::fcmHTTP(404, "x")), HasSubstr("Pair the phone again"));
+    EXPECT_THAT(pushHint(Error::fcmHTTP(400, "x")), HasSubstr("Pair the phone again"));
+    EXPECT_THAT(pushHint(Error::fcmHTTP(403, "OAuth2 HTTP")), HasSubstr("refuses to send"));
+    EXPECT_THAT(pushHint(Error::transport("FCM HTTP 404")), HasSubstr("on the internet"));
+    EXPECT_THAT(pushHint(platform::HttpError(platform::HttpError::Kind::timedOut, "x")), HasSubstr("on the internet"));
+    EXPECT_THAT(hintForPush(nullptr), HasSubstr("on the internet"));
+    EXPECT_EQ(hintFor(Reason::pushFailed, std::make_exception_ptr(Error::serviceAccountMissing("/home/ann/key.json"))),
+              "Pixel seems to sleep, and could not be woken. " + missing);
+}
+
+} // namespace
+} // namespace orlinth::host
