@@ -5,6 +5,7 @@
 #include "orlinth/Hints.h"
 #include "orlinth/HumanText.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/PhoneKeepAlive.h"
 #include "orlinth/PushService.h"
 #include "orlinth/TextSource.h"
 #include "platform/Cancelled.h"
@@ -192,6 +193,9 @@ public:
                               .warmConnectTimeout = times_.warm,
                               .postWakeConnectTimeout = times_.wake,
                               .fcmBaseURL = pushServiceURL()};
+        if (times_.answer <= 0) { // else the limits of the steps are stricter, and say more
+            request.keepAlive = phoneKeepAlive;
+        }
         reporter.watch(request);
         try {
             static_cast<void>(host.tasks.run(deliver(host.system, text, mime_, std::move(request))));

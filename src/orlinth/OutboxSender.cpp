@@ -3,6 +3,7 @@
 #include "orlinth/Delivery.h"
 #include "orlinth/HandshakeLimit.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/PhoneKeepAlive.h"
 #include "orlinth/PushService.h"
 #include "orlinth/SendSchedule.h"
 #include "platform/SystemError.h"
@@ -313,7 +314,8 @@ Task<> OutboxSender::transfer(Attempt& attempt) {
                     .postWakeAttemptTimeout = times.attempt,
                     .postWakeRetryInterval = times.retry,
                     .fcmBaseURL = pushServiceURL(),
-                    .progress = &attempt};
+                    .progress = &attempt,
+                    .keepAlive = phoneKeepAlive};
     const int left = OffersInDoubt::limitOfOutbox - attempt.inDoubt.count;
     Delivered delivered = co_await deliver(host_.system, std::move(file), std::move(terms),
                                            std::min(left, OffersInDoubt::atOnce), attempt.inDoubt, [] {});

@@ -3,6 +3,7 @@
 #include "orlinth/Delivery.h"
 #include "orlinth/Hints.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/PhoneKeepAlive.h"
 #include "orlinth/PushService.h"
 
 #include <asio/experimental/as_tuple.hpp>
@@ -320,7 +321,8 @@ Task<> SendSchedule::transfer(Transfer& transfer) {
                     .postWakeAttemptTimeout = times_.attempt,
                     .postWakeRetryInterval = times_.retry,
                     .fcmBaseURL = pushServiceURL(),
-                    .progress = &transfer.reporter};
+                    .progress = &transfer.reporter,
+                    .keepAlive = phoneKeepAlive};
     const int left = OffersInDoubt::limitOfCommands - transfer.inDoubt.count;
     const auto onAgain = [&transfer] { transfer.reporter.tellAgain(); };
     try {

@@ -35,7 +35,9 @@ public:
     virtual void cancel() noexcept = 0;
     /// The same, and the peer sees a reset instead of an orderly end: it must not believe that its bytes were used.
     virtual void abort() noexcept { cancel(); }
-    /// Notices a peer that is gone also while nothing is sent: pending reads then fail. Best effort.
+    /// Notices a peer that is gone, while nothing is sent and while data is under way to it: `idleSeconds` and `count`
+    /// times `intervalSeconds` after it was last heard of, pending calls fail. A peer that takes nothing of what is
+    /// under way for as long counts as gone. Best effort.
     virtual void setKeepAlive(const KeepAlive& /*keepAlive*/) noexcept {}
     /// How many of the bytes written (and of the end of writing, which counts as one) the peer's system has not
     /// acknowledged yet; nothing if that cannot be said, as of a connection that is closed.

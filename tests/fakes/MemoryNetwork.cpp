@@ -210,6 +210,7 @@ Task<std::unique_ptr<platform::Stream>> MemoryNetwork::connect(std::string host,
         faults.pop_front();
     }
     MemoryConnection connection = connectedStreams(executor, faultsHere.first, faultsHere.second);
+    connection.first->noteKeepAlives(keepAlives);
     found->second->waiting.push_back(std::move(connection.second));
     found->second->changed.notify();
     co_return std::move(connection.first);

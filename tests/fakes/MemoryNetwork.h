@@ -9,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <system_error>
 #include <vector>
@@ -63,7 +64,14 @@ public:
     void finishWriting() noexcept override;
     void cancel() noexcept override;
     void abort() noexcept override;
-    void setKeepAlive(const platform::KeepAlive& keepAlive) noexcept override { keepAlive_ = keepAlive; }
+    void setKeepAlive(const platform::KeepAlive& keepAlive) noexcept override {
+        keepAlive_ = keepAlive;
+        if (keepAlives_) {
+            keepAlives_->push_back(keepAlive);
+        }
+    }
+    /// Notes in `list` whatever setKeepAlive() is called with.
+    void noteKeepAlives(std::shared_ptr<std::vector<platform::KeepAlive>> list) { keepAlives_ = std::move(list); }
     /// The peer's system takes at once whatever arrives.
     [[nodiscard]] std::optional<std::int64_t> unacknowledgedBytes() const noexcept override;
     [[nodiscard]] Executor executor() const override { return executor_; }
@@ -89,6 +97,7 @@ private:
     bool cancelled_ = false;
     int writeCalls_ = 0;
     std::optional<platform::KeepAlive> keepAlive_;
+    std::shared_ptr<std::vector<platform::KeepAlive>> keepAlives_;
 };
 
 struct MemoryConnection {
@@ -134,6 +143,8 @@ public:
     /// Calls of connect() so far: host and port.
     std::vector<std::pair<std::string, std::uint16_t>> attempts;
     std::vector<std::string> queueLabels;
+    /// What keep-alive was switched on with, on connections that connect() has opened.
+    std::shared_ptr<std::vector<platform::KeepAlive>> keepAlives = std::make_shared<std::vector<platform::KeepAlive>>();
 
 private:
     friend class MemoryListener;

@@ -7,13 +7,34 @@ import socket
 import time
 import unittest
 
-from harness import ProgramTest, SleepingPort, UnansweredPort, seeded
+from harness import SANITIZED, ProgramTest, SleepingPort, UnansweredPort, seeded
 from https_server import Answer, PushServer
 
 TOKEN = "a-push-token:that_nobody-may-see"
 TEXT = "a text that is nobody else's business"
 PUSH_URLS = ("ORLINTH_FCM_BASE_URL", "SSL_CERT_FILE", "CURL_CA_BUNDLE")
 PROXIES = ("http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "no_proxy", "NO_PROXY")
+
+
+# The system's errors in a session of another language.
+GERMAN = r"""
+#include <errno.h>
+#include <stdio.h>
+
+static char* german(int number) {
+    return number == ECONNREFUSED ? "Verbindungsaufbau abgelehnt" : "Fehler";
+}
+
+char* strerror(int number) {
+    return german(number);
+}
+
+char* strerror_r(int number, char* text, size_t size) {
+    (void)text;
+    (void)size;
+    return german(number);
+}
+"""
 
 
 class WakeTest(ProgramTest):
@@ -85,6 +106,18 @@ class Sending(WakeTest):
         self.assertEqual(0, result.returncode, result.stderr)
         self.assertIn("\nwaking phone\n", result.stderr)
         self.assertEqual(0, self.the_phone().wait())
+
+    def test_a_sleeping_phone_is_woken_in_a_session_of_another_language(self):
+        self.mac.environment["LD_PRELOAD"] = str(self.shim("german", GERMAN))
+        sender = self.send("--wake-timeout", "0.2")
+        self.assertEqual(1, sender.wait())
+        if not SANITIZED:  # whose own strerror comes first
+            self.assert_one_line_error(sender.stderr, "network: Verbindungsaufbau abgelehnt")
+        self.assertIn("Is phone ", sender.stderr)
+        self.assertEqual(["file", "waking", "error"], sender.events.names())
+        self.phone_wakes(lambda: self.receiver(port=str(self.port.port)))
+        self.assert_delivered_to_the_woken_phone(self.send())
+        self.assert_pushed(2)
 
     def test_a_phone_that_does_not_answer_at_all_is_woken_too(self):
         with UnansweredPort() as dead:

@@ -117,6 +117,22 @@ TEST_F(SendTransfer, DeliversTheFileAndForgetsItsJournalEntry) {
     EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.send"));
 }
 
+TEST_F(SendTransfer, SwitchesKeepAliveOnOnlyIfAskedTo) {
+    world.alongside(takeFile(world, 0, seen));
+    static_cast<void>(world.run(send()));
+    EXPECT_TRUE(world.network.keepAlives->empty());
+
+    SendRequest watched = request();
+    watched.terms.keepAlive = platform::KeepAlive{.idleSeconds = 7, .intervalSeconds = 3, .count = 2};
+    fakes::runUntilIdle(world.context, world.clock);
+    world.alongside(takeFile(world, 0, seen));
+    static_cast<void>(world.run(sendOneFile(world.system, std::move(watched))));
+    ASSERT_EQ(world.network.keepAlives->size(), 1U);
+    EXPECT_EQ(world.network.keepAlives->front().idleSeconds, 7);
+    EXPECT_EQ(world.network.keepAlives->front().intervalSeconds, 3);
+    EXPECT_EQ(world.network.keepAlives->front().count, 2);
+}
+
 TEST_F(SendTransfer, SplitsALargeFileIntoChunksOfOneMebibyte) {
     const std::string content = pattern(2 * 1'048'576 + 7);
     world.files.put("/home/ann/big.bin", content);

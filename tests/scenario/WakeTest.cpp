@@ -299,6 +299,20 @@ TEST_F(OneOff, DeliversClipboardTextToAPhoneThatClosesWithoutAnAnswer) {
     EXPECT_TRUE(world.log.lines().empty());
 }
 
+TEST_F(OneOff, SwitchesKeepAliveOnOnlyIfAskedTo) {
+    world.alongside(takeMessage(world, seen));
+    EXPECT_EQ(outcome(clip()), "");
+    EXPECT_TRUE(world.network.keepAlives->empty());
+
+    OneOffRequest watched = oneOff(sleepingPhone());
+    watched.keepAlive = platform::KeepAlive{.idleSeconds = 7, .intervalSeconds = 3, .count = 2};
+    fakes::runUntilIdle(world.context, world.clock);
+    world.alongside(takeMessage(world, seen));
+    EXPECT_EQ(outcome(sendClipboard(world.system, "hello", "text/plain", std::move(watched))), "");
+    ASSERT_EQ(world.network.keepAlives->size(), 1U);
+    EXPECT_EQ(world.network.keepAlives->front().idleSeconds, 7);
+}
+
 TEST_F(OneOff, ReportsThatThePhoneRemovedThisComputer) {
     world.alongside(answerMessage(world, Row::unpair(), seen));
     EXPECT_EQ(outcome(clip()), "the phone removed this Mac. Pair again to send to it.");

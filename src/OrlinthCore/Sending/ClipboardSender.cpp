@@ -74,6 +74,9 @@ Task<> sendOnQueue(platform::System& system, TransportMessage message, OneOffReq
     const Bytes peerPubkey = pubkeyOf(request.peer);
     std::unique_ptr<platform::Stream> connection =
         co_await connectOrWake(system, connectRequest(system, request, queue));
+    if (request.keepAlive) {
+        connection->setKeepAlive(*request.keepAlive);
+    }
     if (request.onConnected) {
         request.onConnected();
     }

@@ -7,6 +7,10 @@
 #include "OrlinthCore/Sending/SendError.h"
 #include "platform/System.h"
 
+#include <functional>
+#include <optional>
+#include <string>
+
 namespace orlinth {
 
 /// The log of one-off messages: subsystem "com.tarvinex.orlinth", category "clipboard-send". Its lines hold no content.
@@ -34,6 +38,8 @@ struct OneOffRequest {
     std::function<void()> onWaking = {};            ///< a push was delivered
     std::function<void()> onHandshakeComplete = {}; ///< the phone has proved its key
     std::function<void()> onSent = {};              ///< the system has taken the whole message
+    /// Notices a phone that is gone, as its answer is waited for without limit. Absent: off.
+    std::optional<platform::KeepAlive> keepAlive = {};
 };
 
 /// Delivers one control message over a connection of its own, waking the phone if it sleeps.

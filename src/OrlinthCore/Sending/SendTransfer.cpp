@@ -106,6 +106,9 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
 
     std::unique_ptr<platform::Stream> connection =
         co_await connectOrWake(system, connectRequest(system, terms, queue, progress));
+    if (terms.keepAlive) {
+        connection->setKeepAlive(*terms.keepAlive);
+    }
     progress.onConnected();
 
     WireConnection wire(std::move(connection), system.clock);

@@ -10,6 +10,7 @@
 #include "platform/System.h"
 
 #include <functional>
+#include <optional>
 
 namespace orlinth {
 
@@ -55,6 +56,8 @@ struct SendTerms {
     std::function<bool()> cancel = {}; ///< asked before each chunk, on any thread; true ends the transfer
     SendProgress* progress = nullptr;
     double farewellSeconds = 1; ///< how long the phone may take to close after Done
+    /// Notices a phone that is gone, as the phone's answer to the offer is waited for without limit. Absent: off.
+    std::optional<platform::KeepAlive> keepAlive = {};
 };
 
 /// One send by the journal, which outlives it.

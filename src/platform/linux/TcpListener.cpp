@@ -107,8 +107,13 @@ void TcpStream::abort() noexcept {
 }
 
 void TcpStream::setKeepAlive(const KeepAlive& keepAlive) noexcept {
+    // While data is unacknowledged Linux sends no probes: it sends the data again, for a quarter of an hour. This limit
+    // ends that at the same time as unanswered probes would. It counts from when the peer last took something, so it
+    // also ends a connection to a peer that answers but has had no room for that long.
+    const int milliseconds = 1000 * (keepAlive.idleSeconds + keepAlive.intervalSeconds * keepAlive.count);
     try {
         setKeepAliveOf(descriptor(), keepAlive);
+        setSocketOption(descriptor(), IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
     } catch (const SystemError&) {
         return; // the connection is gone, or as good as before
     }

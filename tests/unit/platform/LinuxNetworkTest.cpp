@@ -322,11 +322,13 @@ TEST_F(LinuxNetworkTest, SwitchesKeepAliveOnForOneConnection) {
     const int socket = socketWithPeerPort(a->remoteEndpoint());
     ASSERT_NE(socket, -1);
     EXPECT_EQ(optionOf(socket, SOL_SOCKET, SO_KEEPALIVE), 0);
+    EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_USER_TIMEOUT), 0);
     a->setKeepAlive({.idleSeconds = 7, .intervalSeconds = 3, .count = 2});
     EXPECT_EQ(optionOf(socket, SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPIDLE), 7);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPINTVL), 3);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPCNT), 2);
+    EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_USER_TIMEOUT), 13'000) << "for data that nobody acknowledges";
     a->cancel();
     a->setKeepAlive({.idleSeconds = 7, .intervalSeconds = 3, .count = 2}); // of no use, and no harm
 }
@@ -439,6 +441,7 @@ TEST_F(LinuxNetworkTest, ProbesSilentPeersAsAskedFor) {
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPIDLE), 10);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPINTVL), 5);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPCNT), 3);
+    EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_USER_TIMEOUT), 0);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_NODELAY), 1);
 }
 
