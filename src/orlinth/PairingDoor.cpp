@@ -41,6 +41,7 @@ public:
     void finishWriting() noexcept override { stream_->finishWriting(); }
     void cancel() noexcept override { stream_->cancel(); }
     void abort() noexcept override { stream_->abort(); }
+    void resetOnClose(bool resets) noexcept override { stream_->resetOnClose(resets); }
     void setKeepAlive(const platform::KeepAlive& keepAlive) noexcept override { stream_->setKeepAlive(keepAlive); }
     [[nodiscard]] std::optional<std::int64_t> unacknowledgedBytes() const noexcept override {
         return stream_->unacknowledgedBytes();

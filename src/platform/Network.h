@@ -35,6 +35,9 @@ public:
     virtual void cancel() noexcept = 0;
     /// The same, and the peer sees a reset instead of an orderly end: it must not believe that its bytes were used.
     virtual void abort() noexcept { cancel(); }
+    /// From now on every end of the connection is as by abort(), also by destruction, by cancel() and by the end of the
+    /// process, whatever ends that; with false, every one is orderly again.
+    virtual void resetOnClose(bool /*resets*/) noexcept {}
     /// Notices a peer that is gone, while nothing is sent and while data is under way to it: `idleSeconds` and `count`
     /// times `intervalSeconds` after it was last heard of, pending calls fail. A peer that takes nothing of what is
     /// under way for as long counts as gone. Best effort.

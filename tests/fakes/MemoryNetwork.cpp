@@ -114,7 +114,7 @@ void MemoryStream::finishWriting() noexcept {
 void MemoryStream::cancel() noexcept {
     if (!std::exchange(cancelled_, true)) {
         // Closing with unread input makes the kernel send a reset; so it does here.
-        if (!incoming_->bytes.empty()) {
+        if (resetsOnClose_ || !incoming_->bytes.empty()) {
             outgoing_->broken = true;
         }
         finishWriting();
@@ -125,10 +125,8 @@ void MemoryStream::cancel() noexcept {
 }
 
 void MemoryStream::abort() noexcept {
-    if (!cancelled_) {
-        outgoing_->broken = true;
-        cancel();
-    }
+    resetsOnClose_ = true;
+    cancel();
 }
 
 void MemoryStream::cutWire() noexcept {

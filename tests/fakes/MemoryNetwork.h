@@ -64,6 +64,7 @@ public:
     void finishWriting() noexcept override;
     void cancel() noexcept override;
     void abort() noexcept override;
+    void resetOnClose(bool resets) noexcept override { resetsOnClose_ = resets; }
     void setKeepAlive(const platform::KeepAlive& keepAlive) noexcept override {
         keepAlive_ = keepAlive;
         if (keepAlives_) {
@@ -95,6 +96,7 @@ private:
     Executor executor_;
     std::string remoteEndpoint_;
     bool cancelled_ = false;
+    bool resetsOnClose_ = false;
     int writeCalls_ = 0;
     std::optional<platform::KeepAlive> keepAlive_;
     std::shared_ptr<std::vector<platform::KeepAlive>> keepAlives_;

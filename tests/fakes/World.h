@@ -193,6 +193,16 @@ public:
         }
     }
 
+    /// Waits until the other side ends the connection; what the wire says of it.
+    [[nodiscard]] Task<std::string> howItEnds() {
+        try {
+            const Bytes body = co_await wire_->receiveLengthPrefixed();
+            co_return "a frame came";
+        } catch (const WireConnection::Error& error) {
+            co_return error.description();
+        }
+    }
+
     void close() { wire_->close(); }
     [[nodiscard]] WireConnection& wire() { return *wire_; }
     [[nodiscard]] const platform::PublicKey& remoteKey() const { return framer_.session().remoteStaticPublicKey(); }

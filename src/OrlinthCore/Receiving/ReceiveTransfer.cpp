@@ -1,5 +1,6 @@
 #include "OrlinthCore/Receiving/ReceiveTransfer.h"
 
+#include "OrlinthCore/Receiving/OpenTransfer.h"
 #include "base/ConstantTime.h"
 #include "base/OneShot.h"
 #include "platform/Cancelled.h"
@@ -72,8 +73,9 @@ Task<TransportFramer> authenticate(WireConnection& wire, const ReceiveRequest& r
 /// The frames of one transfer in their order: one offer, its data, Done.
 class OneTransfer {
 public:
-    OneTransfer(platform::System& system, const ReceiveRequest& request, ReceiveProgress& progress)
-        : system_(system), request_(request), progress_(progress) {}
+    OneTransfer(platform::System& system, const ReceiveRequest& request, ReceiveProgress& progress,
+                WireConnection& wire)
+        : system_(system), request_(request), progress_(progress), wire_(wire) {}
 
     /// What a frame asks for.
     enum class Next { read, answerResume, finish };
@@ -86,6 +88,11 @@ public:
         return take(std::get<TransportMessage>(frame));
     }
     [[nodiscard]] IncomingFile& file() noexcept { return *file_; }
+    [[nodiscard]] ReceivedFile finish() {
+        ReceivedFile received = file_->finish(wire_.remoteEndpoint());
+        open_->settle();
+        return received;
+    }
 
 private:
     [[nodiscard]] Next take(const TransportMessage& message) {
@@ -118,6 +125,7 @@ private:
         if (file_) {
             throw ReceiveError::protocolViolation("duplicate FileOffer");
         }
+        open_.emplace(wire_);
         file_.emplace(IncomingFile::begin(system_, request_.downloadsDir, offer));
         progress_.onOffer(offer, file_->bytesWritten());
     }
@@ -133,7 +141,9 @@ private:
     platform::System& system_;
     const ReceiveRequest& request_;
     ReceiveProgress& progress_;
+    WireConnection& wire_;
     std::optional<IncomingFile> file_;
+    std::optional<OpenTransfer> open_; // behind the file, so that the sender hears of a failure before that is closed
 };
 
 Task<ReceivedFile> receiveFile(WireConnection& wire, TransportFramer& framer, OneTransfer& transfer) {
@@ -146,7 +156,7 @@ Task<ReceivedFile> receiveFile(WireConnection& wire, TransportFramer& framer, On
             const Bytes resume = framer.encodeJSON(transfer.file().resumeMessage());
             co_await wire.sendLengthPrefixed(resume);
         } else if (next == OneTransfer::Next::finish) {
-            co_return transfer.file().finish(wire.remoteEndpoint());
+            co_return transfer.finish();
         }
     }
 }
@@ -167,7 +177,7 @@ Task<ReceivedFile> receiveOnQueue(platform::System& system, ReceiveRequest reque
 
     TransportFramer framer = co_await authenticate(wire, request);
     progress.onHandshakeComplete();
-    OneTransfer transfer(system, request, progress);
+    OneTransfer transfer(system, request, progress, wire);
     co_return co_await receiveFile(wire, framer, transfer);
 }
 

@@ -1,5 +1,6 @@
 #include "OrlinthCore/Receiving/ReceiverConnection.h"
 
+#include "OrlinthCore/Receiving/OpenTransfer.h"
 #include "OrlinthCore/Receiving/SenderRecord.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
@@ -145,8 +146,10 @@ private:
         if (file_) {
             throw ReceiveError::protocolViolation("duplicate FileOffer");
         }
+        open_.emplace(wire_);
         const bool isWanted = co_await context_.approveOffer({.name = offer.name, .size = offer.size, .from = name_});
         if (!isWanted) {
+            open_->settle();
             co_await sayFarewell(Row::decline());
             co_return Receiver::Declined{.from = name_, .name = offer.name};
         }
@@ -201,6 +204,7 @@ private:
             throw ReceiveError::protocolViolation("Done received without FileOffer");
         }
         ReceivedFile received = file_->finish(wire_.remoteEndpoint());
+        open_->settle();
         file_.reset();
         claim_.reset();
         return Receiver::File{.file = std::move(received), .from = name_};
@@ -232,6 +236,7 @@ private:
     TransferConnectionRef self_;
     std::optional<TransferClaim> claim_;
     std::optional<IncomingFile> file_; // behind the claim, so that it is closed before that is given back
+    std::optional<OpenTransfer> open_; // behind both: the sender need not wait for the disk to hear of a failure
 };
 
 /// Tells of the phone that has come, and keeps its address up to date; returns what it is called.

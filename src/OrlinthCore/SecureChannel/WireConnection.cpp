@@ -235,4 +235,12 @@ void WireConnection::close() noexcept {
     connection_->cancel();
 }
 
+void WireConnection::abort() noexcept {
+    connection_->abort();
+}
+
+void WireConnection::resetOnClose(bool resets) noexcept {
+    connection_->resetOnClose(resets);
+}
+
 } // namespace orlinth

@@ -16,7 +16,7 @@ namespace orlinth {
 ///
 /// Ownership: owns the stream; destroying it closes the connection.
 /// Threading: every call and every resume happens on the stream's executor. One reader and one writer at a time.
-/// After any exception only close() may follow; close() may follow always, more than once.
+/// After any exception only close() and abort() may follow; they may follow always, more than once.
 class WireConnection {
 public:
     class Error;
@@ -66,6 +66,11 @@ public:
 
     /// Cancels the connection. Pending and later calls fail.
     void close() noexcept;
+    /// The same, and the peer sees a reset: what it has sent was not used.
+    void abort() noexcept;
+    /// From now on whatever ends the connection (an idle time-out, destruction, the end of the process) is a reset too;
+    /// with false, it is an orderly end again. Of a connection that is closed: nothing.
+    void resetOnClose(bool resets) noexcept;
 
     [[nodiscard]] std::string remoteEndpoint() const { return connection_->remoteEndpoint(); }
 

@@ -101,9 +101,13 @@ TcpStream::TcpStream(Tcp::socket socket, const Tcp::endpoint& remote)
     : SocketStream(std::move(socket), endpointText(remote)) {}
 
 void TcpStream::abort() noexcept {
-    const linger discard{.l_onoff = 1, .l_linger = 0};
-    ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
+    resetOnClose(true);
     cancel();
+}
+
+void TcpStream::resetOnClose(bool resets) noexcept {
+    const linger discard{.l_onoff = resets ? 1 : 0, .l_linger = 0};
+    ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
 }
 
 void TcpStream::setKeepAlive(const KeepAlive& keepAlive) noexcept {

@@ -20,6 +20,7 @@ class TcpStream final : public SocketStream<asio::ip::tcp::socket> {
 public:
     TcpStream(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& remote);
     void abort() noexcept override;
+    void resetOnClose(bool resets) noexcept override;
     void setKeepAlive(const KeepAlive& keepAlive) noexcept override;
     [[nodiscard]] std::optional<std::int64_t> unacknowledgedBytes() const noexcept override;
     [[nodiscard]] std::string localAddress() const override;

@@ -293,6 +293,32 @@ TEST_F(Wire, FailsEverythingAfterClose) {
     EXPECT_EQ(errorOf(wire.sendLengthPrefixed({}))->description(), "wire I/O error: connection cancelled");
 }
 
+TEST_F(Wire, ShowsThePeerAResetWhenItAborts) {
+    WireConnection& wire = connect();
+    wire.abort();
+    wire.abort();
+    EXPECT_EQ(errorOf(wire.receiveLengthPrefixed())->description(), "wire I/O error: connection cancelled");
+    EXPECT_THROW(static_cast<void>(peerReads(1)), platform::SystemError);
+}
+
+TEST_F(Wire, ShowsThePeerAResetHoweverItEndsOnceThatIsAskedFor) {
+    connect().resetOnClose(true);
+    wire_.reset();
+    EXPECT_THROW(static_cast<void>(peerReads(1)), platform::SystemError);
+
+    WireConnection& silent = connect();
+    silent.resetOnClose(true);
+    silent.idleTimeout = 1;
+    EXPECT_TRUE(errorOf(silent.receiveLengthPrefixed()));
+    EXPECT_THROW(static_cast<void>(peerReads(1)), platform::SystemError);
+
+    WireConnection& settled = connect();
+    settled.resetOnClose(true);
+    settled.resetOnClose(false);
+    settled.close();
+    EXPECT_EQ(peerReads(1), Bytes());
+}
+
 TEST_F(Wire, ClosesTheStreamWhenItGoes) {
     connect();
     wire_.reset();

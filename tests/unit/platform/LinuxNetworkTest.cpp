@@ -302,6 +302,20 @@ TEST_F(LinuxNetworkTest, ShowsThePeerAResetWhenItAborts) {
     b->abort(); // as harmless as another cancel()
 }
 
+TEST_F(LinuxNetworkTest, ShowsThePeerAResetHoweverItEndsOnceThatIsAskedFor) {
+    auto [a, b] = connected();
+    b->resetOnClose(true);
+    EXPECT_EQ(failureWhile(readAndForget(*a, 1), [&stream = b] { stream.reset(); }), "Connection reset by peer");
+    auto [c, d] = connected();
+    d->resetOnClose(true);
+    EXPECT_EQ(failureWhile(readAndForget(*c, 1), [&stream = d] { stream->cancel(); }), "Connection reset by peer");
+    auto [e, f] = connected();
+    f->resetOnClose(true);
+    f->resetOnClose(false);
+    f.reset();
+    EXPECT_EQ(fakes::runTask(context_, readBytes(*e, 1)), Bytes()) << "an orderly end";
+}
+
 TEST_F(LinuxNetworkTest, CountsWhatThePeersSystemHasNotAcknowledged) {
     const auto [a, b] = connected();
     fakes::runTask(context_, writeBytes(*a, pattern(1000)) && readBytes(*b, 1000));
