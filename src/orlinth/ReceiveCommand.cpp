@@ -38,13 +38,25 @@ public:
         output_.bar().begin(madeVisible(offer.name), resumedFromOffset, offer.size);
     }
 
+    void onAlreadyHere(const TransportMessage::FileOffer& /*offer*/, const platform::Path& /*savedAt*/) override {
+        wasHere_ = true;
+    }
+
     void onProgress(std::int64_t bytesWritten, std::int64_t totalBytes) override {
         output_.bar().update(bytesWritten, totalBytes);
     }
 
     void tellComplete(const ReceivedFile& received) {
-        output_.event("complete", receivedFields(received));
+        Json fields = receivedFields(received);
+        if (wasHere_) {
+            fields["already_here"] = true;
+        }
+        output_.event("complete", std::move(fields));
         output_.result(visiblePath(received));
+        if (wasHere_) {
+            output_.message("already here: an earlier attempt delivered this file, and it has not changed");
+            return;
+        }
         output_.message("received " + receivedFigures(received));
         if (const std::string remark = remarkOnSize(received); !remark.empty()) {
             output_.message(remark);
@@ -54,6 +66,7 @@ public:
 private:
     Output& output_;
     HandshakeLimit& handshake_;
+    bool wasHere_ = false;
 };
 
 class ReceiveCommand final : public Command {

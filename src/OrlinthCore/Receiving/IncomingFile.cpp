@@ -71,13 +71,22 @@ std::unique_ptr<platform::File> openPartial(platform::FileSystem& files, Collisi
     return file;
 }
 
+/// A file of another size than was offered is not the one that is meant, whatever its id says.
+std::optional<DeliveredTransfers::Delivery> findDelivered(DeliveredTransfers& delivered, const std::string& phone,
+                                                          const TransportMessage::FileOffer& offer) {
+    std::optional<DeliveredTransfers::Delivery> found = delivered.find(phone, offer.transfer_id);
+    return found && found->size == offer.size ? found : std::nullopt;
+}
+
 } // namespace
 
-IncomingFile::IncomingFile(platform::System& system, platform::Path downloadsDir, TransportMessage::FileOffer offer)
-    : system_(&system),
-      downloadsDir_(std::move(downloadsDir)),
+IncomingFile::IncomingFile(const Place& place, std::string phone, TransportMessage::FileOffer offer)
+    : system_(&place.system),
+      deliveredTransfers_(&place.delivered),
+      downloadsDir_(place.downloadsDir),
+      phone_(std::move(phone)),
       offer_(std::move(offer)),
-      offerTime_(system.clock.now()) {}
+      offerTime_(place.system.clock.now()) {}
 
 IncomingFile::IncomingFile(IncomingFile&&) noexcept = default;
 
@@ -92,9 +101,8 @@ IncomingFile::~IncomingFile() {
     }
 }
 
-IncomingFile IncomingFile::begin(platform::System& system, const platform::Path& downloadsDir,
-                                 const TransportMessage::FileOffer& offer) {
-    IncomingFile incoming(system, downloadsDir, offer);
+IncomingFile IncomingFile::begin(const Place& place, std::string phone, const TransportMessage::FileOffer& offer) {
+    IncomingFile incoming(place, std::move(phone), offer);
     writing("", [&] { incoming.open(); });
     return incoming;
 }
@@ -105,6 +113,10 @@ void IncomingFile::open() {
     const std::string base = CollisionResolver::sanitize(offer_.name);
     for (int choice = 0; choice < maxChoices && !partial_; ++choice) {
         target_ = CollisionResolver::resolveTarget(files, downloadsDir_, base, offer_.transfer_id);
+        // Behind the look at the names: whoever moves this very file into place just now has remembered it before.
+        if (acknowledgeIfDelivered()) {
+            return;
+        }
         partial_ = openPartial(files, target_);
     }
     if (!partial_) {
@@ -119,6 +131,26 @@ void IncomingFile::open() {
         abandonIfEmpty();
         throw;
     }
+}
+
+bool IncomingFile::isDelivered(const Place& place, const std::string& phone, const TransportMessage::FileOffer& offer) {
+    return findDelivered(place.delivered, phone, offer).has_value();
+}
+
+bool IncomingFile::acknowledgeIfDelivered() {
+    delivered_ = findDelivered(*deliveredTransfers_, phone_, offer_);
+    if (!delivered_) {
+        return false;
+    }
+    target_ = {.final = delivered_->path,
+               .partial = platform::Path(delivered_->path) += CollisionResolver::partialSuffix,
+               .resumeOffset = delivered_->size};
+    bytesWritten_ = delivered_->size;
+    return true;
+}
+
+const DeliveredTransfers::Delivery* IncomingFile::delivered() const noexcept {
+    return delivered_ ? &*delivered_ : nullptr;
 }
 
 void IncomingFile::saveSidecar() {
@@ -162,6 +194,12 @@ TransportMessage IncomingFile::resumeMessage() const {
 }
 
 void IncomingFile::append(ByteView data) {
+    if (delivered_) {
+        if (data.empty()) {
+            return;
+        }
+        throw ReceiveError::protocolViolation("data of a file that was delivered already");
+    }
     writing("", [&] { partial_->write(data); });
     const auto count = static_cast<std::int64_t>(data.size());
     bytesWritten_ += count;
@@ -179,7 +217,13 @@ void IncomingFile::moveIntoPlace() {
     if (files.exists(target_.final)) {
         target_.final = CollisionResolver::resolveFinalURL(files, downloadsDir_, base);
     }
-    for (int choice = 0; !files.renameNoReplace(target_.partial, target_.final); ++choice) {
+    const platform::FileStatus content = partial_->status();
+    // Remembered before it is moved: if we are killed right behind the move, the next attempt finds it.
+    const auto move = [&] {
+        deliveredTransfers_->intend(phone_, offer_.transfer_id, target_.final, content);
+        return files.renameNoReplace(target_.partial, target_.final);
+    };
+    for (int choice = 0; !move(); ++choice) {
         if (choice == maxChoices) {
             throw platform::SystemError::fromErrno(EEXIST);
         }
@@ -187,15 +231,32 @@ void IncomingFile::moveIntoPlace() {
     }
 }
 
+/// An earlier session may have been killed behind the move, before it could do this.
+void IncomingFile::tidyUpBehindDelivered() {
+    platform::FileSystem& files = system_->files;
+    const std::optional<PartialMeta> meta = PartialMetaIO::load(files, target_.partial);
+    if (meta && meta->transfer_id == offer_.transfer_id && !files.exists(target_.partial)) {
+        PartialMetaIO::remove(files, target_.partial);
+    }
+    writing("", [&] { files.flushDirectory(target_.final.parent_path()); });
+}
+
 ReceivedFile IncomingFile::finish(const std::string& remoteEndpoint) {
     platform::FileSystem& files = system_->files;
-    writing("", [&] { partial_->flush(); });
-    // The file stays open, and with it locked, until it has left its partial name.
-    writing("rename: ", [&] { moveIntoPlace(); });
-    partial_.reset();
-    // Removed before the folder is flushed: after a power cut it must not meet the next file of this name.
-    PartialMetaIO::remove(files, target_.partial);
-    writing("", [&] { files.flushDirectory(downloadsDir_); });
+    if (delivered_) {
+        tidyUpBehindDelivered();
+    } else {
+        writing("", [&] { partial_->flush(); });
+        // The file stays open, and with it locked, until it has left its partial name.
+        writing("rename: ", [&] { moveIntoPlace(); });
+        partial_.reset();
+        // Removed before the folder is flushed: after a power cut it must not meet the next file of this name.
+        PartialMetaIO::remove(files, target_.partial);
+        writing("", [&] { files.flushDirectory(downloadsDir_); });
+    }
+    if (!delivered_ || !delivered_->isSettled) {
+        deliveredTransfers_->settle(phone_, offer_.transfer_id);
+    }
     return {.savedAt = target_.final,
             .bytesWritten = bytesWritten_,
             .advertisedSize = offer_.size,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/CollisionResolver.h"
+#include "OrlinthCore/Receiving/DeliveredTransfers.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "platform/System.h"
 
@@ -30,14 +31,27 @@ struct ReceivedFile {
 /// A new sidecar is flushed only once there is something to resume: with the first 8 MiB, or on destruction. A power
 /// cut before that leaves a partial file that is nobody's, and the transfer starts anew under the next free name; a
 /// file that is complete sooner is spared two flushes, which others would have to wait for behind the lock on the
-/// folder. Not thread-safe; calls block on the disk.
+/// folder.
+///
+/// A transfer that was delivered already, and whose file is still there, is only acknowledged: nothing is written, and
+/// no data is taken. Not thread-safe; calls block on the disk.
 class IncomingFile {
 public:
+    /// Where files go, and what is remembered of those that came. What is referred to outlives the object.
+    struct Place {
+        platform::System& system;
+        DeliveredTransfers& delivered;
+        const platform::Path& downloadsDir;
+    };
+
     /// Chooses the target, opens or makes the partial file and writes its sidecar, as one step against other receivers
-    /// of the same folder (a lock on the folder). `system` must outlive the object.
+    /// of the same folder (a lock on the folder). `phone` is the key of who offers, Base64.
     /// @throws ReceiveError::fileWriteFailed
-    [[nodiscard]] static IncomingFile begin(platform::System& system, const platform::Path& downloadsDir,
+    [[nodiscard]] static IncomingFile begin(const Place& place, std::string phone,
                                             const TransportMessage::FileOffer& offer);
+    /// Whether begin() would find the file here already.
+    [[nodiscard]] static bool isDelivered(const Place& place, const std::string& phone,
+                                          const TransportMessage::FileOffer& offer);
     IncomingFile(IncomingFile&&) noexcept;
     IncomingFile& operator=(IncomingFile&&) = delete;
     ~IncomingFile();
@@ -48,31 +62,39 @@ public:
     /// In the partial file so far, counting what an earlier session left.
     [[nodiscard]] std::int64_t bytesWritten() const noexcept { return bytesWritten_; }
 
-    /// @throws ReceiveError::fileWriteFailed
+    /// The file that an earlier connection has delivered under this offer's id; null if there is none.
+    [[nodiscard]] const DeliveredTransfers::Delivery* delivered() const noexcept;
+
+    /// @throws ReceiveError::fileWriteFailed; ReceiveError::protocolViolation for data of a file that is here already
     void append(ByteView data);
 
     /// Flushes, moves the file into place under a free name, and removes the sidecar; then a power cut cannot undo it.
     /// The sender's Done is trusted: nothing is compared with the advertised size. Never replaces a file that appeared
-    /// meanwhile.
+    /// meanwhile. On return it is remembered as delivered.
     /// @throws ReceiveError::fileWriteFailed; partial file and sidecar stay then, unless the file has been moved and
     /// only
     ///     flushing the folder failed.
     [[nodiscard]] ReceivedFile finish(const std::string& remoteEndpoint);
 
 private:
-    IncomingFile(platform::System& system, platform::Path downloadsDir, TransportMessage::FileOffer offer);
+    IncomingFile(const Place& place, std::string phone, TransportMessage::FileOffer offer);
     void open();
+    [[nodiscard]] bool acknowledgeIfDelivered();
     void saveSidecar();
     void keepSidecar();
     void abandonIfEmpty() noexcept;
     void moveIntoPlace();
+    void tidyUpBehindDelivered();
 
     platform::System* system_;
+    DeliveredTransfers* deliveredTransfers_;
     platform::Path downloadsDir_;
+    std::string phone_;
     TransportMessage::FileOffer offer_;
     platform::Clock::Instant offerTime_;
     CollisionResolver::Target target_;
     std::unique_ptr<platform::File> partial_; // null once finished
+    std::optional<DeliveredTransfers::Delivery> delivered_;
     std::int64_t bytesWritten_ = 0;
     std::int64_t bytesThisSession_ = 0;
     std::int64_t writtenBack_ = 0;   // up to where write-back was started

@@ -126,8 +126,14 @@ private:
             throw ReceiveError::protocolViolation("duplicate FileOffer");
         }
         open_.emplace(wire_);
-        file_.emplace(IncomingFile::begin(system_, request_.downloadsDir, offer));
-        progress_.onOffer(offer, file_->bytesWritten());
+        file_.emplace(
+            IncomingFile::begin({.system = system_, .delivered = delivered_, .downloadsDir = request_.downloadsDir},
+                                request_.expectedPeerPubkey.base64(), offer));
+        if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
+            progress_.onAlreadyHere(offer, delivery->path);
+        } else {
+            progress_.onOffer(offer, file_->bytesWritten());
+        }
     }
 
     void append(ByteView data) {
@@ -142,6 +148,7 @@ private:
     const ReceiveRequest& request_;
     ReceiveProgress& progress_;
     WireConnection& wire_;
+    DeliveredTransfers delivered_{system_};
     std::optional<IncomingFile> file_;
     std::optional<OpenTransfer> open_; // behind the file, so that the sender hears of a failure before that is closed
 };
@@ -187,6 +194,7 @@ void ReceiveProgress::onListening(std::uint16_t) {}
 void ReceiveProgress::onConnected(const std::string&) {}
 void ReceiveProgress::onHandshakeComplete() {}
 void ReceiveProgress::onOffer(const TransportMessage::FileOffer&, std::int64_t) {}
+void ReceiveProgress::onAlreadyHere(const TransportMessage::FileOffer&, const platform::Path&) {}
 void ReceiveProgress::onProgress(std::int64_t, std::int64_t) {}
 
 Task<ReceivedFile> receiveOneTransfer(platform::System& system, ReceiveRequest request) {

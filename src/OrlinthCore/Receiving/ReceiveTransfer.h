@@ -20,6 +20,8 @@ public:
     /// The phone has proved its key.
     virtual void onHandshakeComplete();
     virtual void onOffer(const TransportMessage::FileOffer& offer, std::int64_t resumedFromOffset);
+    /// In place of onOffer(): an earlier attempt has delivered this file, and it is still there, unchanged.
+    virtual void onAlreadyHere(const TransportMessage::FileOffer& offer, const platform::Path& savedAt);
     /// Bytes held so far, of the advertised size; once a frame.
     virtual void onProgress(std::int64_t bytesWritten, std::int64_t totalBytes);
 };
@@ -38,7 +40,9 @@ struct ReceiveRequest {
 };
 
 /// Takes exactly one connection from one expected phone and exactly one file, resuming an earlier attempt of the same
-/// transfer, and moves it into the downloads folder. The port is closed as soon as somebody connects.
+/// transfer, and moves it into the downloads folder. The port is closed as soon as somebody connects. A transfer that
+/// was delivered already, and whose file is still there, unchanged, is acknowledged without its data; the result is
+/// that file.
 ///
 /// Cancelling the task closes the connection and leaves the partial file for a resume; so does every failure.
 /// @throws ReceiveError; WireConnection::Error and TransportFramer::Error as they come in the frame loop;

@@ -78,6 +78,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
           downloadsDir(std::move(directory)),
           port(number),
           prologue(std::move(prologueBytes)),
+          delivered(owner),
           queue(owner.network.makeSerialQueue("orlinth.receiver")),
           expected(std::move(expectedKeys)) {}
 
@@ -86,6 +87,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     const platform::Path downloadsDir;
     std::uint16_t port; ///< once it listens, the real one
     const std::string prologue;
+    DeliveredTransfers delivered; ///< any thread
     const Executor queue;
 
     mutable std::mutex keysLock; ///< guards the next two
@@ -286,6 +288,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
     const std::shared_ptr<Service> self = shared_from_this();
     return {.system = system,
             .staticKey = staticKey,
+            .delivered = delivered,
             .downloadsDir = downloadsDir,
             .prologue = prologue,
             .standingOf =
@@ -348,7 +351,7 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
     stay(session);
     if (outcome) {
         tell(*outcome);
-    } else if (!isStopping) {
+    } else if (error && !isStopping) {
         tellFailure({.error = std::move(error), .remoteEndpoint = session->remoteEndpoint, .from = session->from});
     }
 }

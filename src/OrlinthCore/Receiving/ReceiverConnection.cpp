@@ -82,7 +82,10 @@ public:
           self_(std::make_shared<const TransferConnection>(framer_.session().remoteStaticPublicKey().base64(),
                                                            std::move(cancelSelf))) {}
 
-    [[nodiscard]] Task<Receiver::ProcessOutcome> run() {
+    /// Nothing: there is nothing to report.
+    using Result = std::optional<Receiver::ProcessOutcome>;
+
+    [[nodiscard]] Task<Result> run() {
         FrameBuffer buffer;
         for (;;) {
             co_await wire_.receiveFrame(buffer);
@@ -91,9 +94,9 @@ public:
                 append(*data);
                 continue;
             }
-            std::optional<Receiver::ProcessOutcome> outcome = co_await take(std::get<TransportMessage>(frame));
-            if (outcome) {
-                co_return std::move(*outcome);
+            std::optional<Result> result = co_await take(std::get<TransportMessage>(frame));
+            if (result) {
+                co_return std::move(*result);
             }
         }
     }
@@ -115,8 +118,8 @@ private:
         file_->append(data);
     }
 
-    /// The outcome that the message comes to; nothing if the conversation goes on.
-    [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> take(const TransportMessage& message) {
+    /// What the message comes to; nothing if the conversation goes on.
+    [[nodiscard]] Task<std::optional<Result>> take(const TransportMessage& message) {
         const bool isRemoved = !file_ && isRemovedMeanwhile();
         if (isRemoved) {
             co_await sayFarewell(TransportMessage::unpair());
@@ -142,12 +145,16 @@ private:
         return standing == Standing::removed;
     }
 
-    [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> takeOffer(Row::FileOffer offer) {
+    [[nodiscard]] Task<std::optional<Result>> takeOffer(Row::FileOffer offer) {
         if (file_) {
             throw ReceiveError::protocolViolation("duplicate FileOffer");
         }
         open_.emplace(wire_);
-        const bool isWanted = co_await context_.approveOffer({.name = offer.name, .size = offer.size, .from = name_});
+        const bool isHere = IncomingFile::isDelivered(place(), self_->peerPubkey(), offer);
+        bool isWanted = isHere; // nobody is asked twice about the same file
+        if (!isHere) {
+            isWanted = co_await context_.approveOffer({.name = offer.name, .size = offer.size, .from = name_});
+        }
         if (!isWanted) {
             open_->settle();
             co_await sayFarewell(Row::decline());
@@ -156,10 +163,17 @@ private:
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock);
         makeFolder();
-        file_.emplace(IncomingFile::begin(context_.system, context_.downloadsDir, offer));
+        file_.emplace(IncomingFile::begin(place(), self_->peerPubkey(), offer));
+        if (isHere && file_->delivered() == nullptr) {
+            throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
+        }
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
         co_await wire_.sendLengthPrefixed(resume);
         co_return std::nullopt;
+    }
+
+    [[nodiscard]] IncomingFile::Place place() const {
+        return {.system = context_.system, .delivered = context_.delivered, .downloadsDir = context_.downloadsDir};
     }
 
     /// Somebody may have removed it while the service ran.
@@ -171,7 +185,7 @@ private:
         }
     }
 
-    [[nodiscard]] Receiver::ProcessOutcome end(const TransportMessage& message) {
+    [[nodiscard]] Result end(const TransportMessage& message) {
         using Tag = TransportMessage::Tag;
         switch (message.tag()) {
         case Tag::Done:
@@ -199,14 +213,19 @@ private:
         throw ReceiveError::protocolViolation("unexpected " + describeFrame(message) + " from sender");
     }
 
-    [[nodiscard]] Receiver::ProcessOutcome finishFile() {
+    [[nodiscard]] Result finishFile() {
         if (!file_) {
             throw ReceiveError::protocolViolation("Done received without FileOffer");
         }
+        const DeliveredTransfers::Delivery* const delivery = file_->delivered();
+        const bool wasReported = delivery != nullptr && delivery->isSettled;
         ReceivedFile received = file_->finish(wire_.remoteEndpoint());
         open_->settle();
         file_.reset();
         claim_.reset();
+        if (wasReported) {
+            return std::nullopt;
+        }
         return Receiver::File{.file = std::move(received), .from = name_};
     }
 
@@ -260,9 +279,9 @@ std::string welcome(const ReceiverConnectionContext& context, const platform::Pu
 
 } // namespace
 
-Task<Receiver::ProcessOutcome> processConnection(const ReceiverConnectionContext& context,
-                                                 std::unique_ptr<platform::Stream> stream,
-                                                 std::function<void()> cancelSelf) {
+Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverConnectionContext& context,
+                                                                std::unique_ptr<platform::Stream> stream,
+                                                                std::function<void()> cancelSelf) {
     using Standing = ReceiverConnectionContext::Standing;
     const std::string endpoint = stream->remoteEndpoint();
     WireConnection wire(std::move(stream), context.system.clock);

@@ -8,6 +8,7 @@ namespace orlinth {
 struct ReceiverConnectionContext {
     platform::System& system;
     const platform::PrivateKey& staticKey;
+    DeliveredTransfers& delivered;
     const platform::Path& downloadsDir;
     const std::string& prologue;
     /// What becomes of whoever has proved this key.
@@ -23,9 +24,11 @@ struct ReceiverConnectionContext {
 
 /// Serves one connection from the handshake to its outcome, as the registry's `self`. On the stream's queue.
 /// Cancelling the task closes the connection; what has arrived of a file is kept for a resume, in every case.
+/// Returns nothing if the connection ended well and there is nothing to report: an earlier one has delivered its file,
+/// and that was reported.
 /// @throws ReceiveError; WireConnection::Error, TransportFramer::Error as they come in the frame loop; Cancelled
-[[nodiscard]] Task<Receiver::ProcessOutcome> processConnection(const ReceiverConnectionContext& context,
-                                                               std::unique_ptr<platform::Stream> stream,
-                                                               std::function<void()> cancelSelf);
+[[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverConnectionContext& context,
+                                                                              std::unique_ptr<platform::Stream> stream,
+                                                                              std::function<void()> cancelSelf);
 
 } // namespace orlinth

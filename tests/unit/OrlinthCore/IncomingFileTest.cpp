@@ -21,6 +21,8 @@ const Path folder = "/downloads";
 const Path partial = folder / "a.txt.partial";
 const Path sidecar = folder / "a.txt.partial.meta.json";
 
+const std::string phone = "hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo=";
+
 /// As much as makes the receiver write back.
 const Bytes eightMebibytes(8 << 20, std::byte{'x'});
 
@@ -33,7 +35,8 @@ protected:
     IncomingFiles() { world.files.putFolder(folder); }
 
     [[nodiscard]] IncomingFile begin(const std::string& transferId = "ID-1") {
-        return IncomingFile::begin(world.system, folder, offerOf(transferId));
+        return IncomingFile::begin({.system = world.system, .delivered = delivered, .downloadsDir = folder}, phone,
+                                   offerOf(transferId));
     }
     /// What is left of the names and what was flushed of the data, if the power fails now.
     [[nodiscard]] std::unique_ptr<MemoryFileSystem> afterPowerCut() const {
@@ -41,6 +44,7 @@ protected:
     }
 
     fakes::World world;
+    DeliveredTransfers delivered{world.system};
 };
 
 TEST_F(IncomingFiles, FlushDataAndFolderOnceEachIfTheyAreComplete) {
@@ -134,7 +138,9 @@ TEST_F(IncomingFiles, StartAnewUnderAnotherNameIfAPowerCutTookTheSidecar) {
                                .folders = world.folders,
                                .directories = world.system.directories,
                                .mainQueue = world.system.mainQueue};
-    IncomingFile again = IncomingFile::begin(onTheDisk, folder, offerOf("ID-1"));
+    DeliveredTransfers deliveredThere(onTheDisk);
+    IncomingFile again = IncomingFile::begin({.system = onTheDisk, .delivered = deliveredThere, .downloadsDir = folder},
+                                             phone, offerOf("ID-1"));
     EXPECT_EQ(again.bytesWritten(), 0);
     again.append(asBytes("0123456789"));
     const ReceivedFile received = again.finish("192.168.1.7:1");

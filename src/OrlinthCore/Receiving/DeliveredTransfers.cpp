@@ -1,0 +1,310 @@
+#include "OrlinthCore/Receiving/DeliveredTransfers.h"
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "base/Json.h"
+#include "base/Text.h"
+#include "platform/SystemError.h"
+#include "platform/WholeFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace orlinth {
+namespace {
+
+/// Names of what somebody has received are nobody else's business.
+constexpr std::uint32_t deliveredFilePermissions = 0600;
+constexpr std::uint32_t deliveredFolderPermissions = 0700;
+
+/// Bytes: PATH_MAX of Linux; and with room to spare, 32 bytes in Base64.
+constexpr std::size_t longestPath = 4096;
+constexpr std::size_t longestKeyText = 64;
+/// A byte of a text has six as an escape; keys and numbers have less than the rest.
+static_assert(6 * (longestPath + longestKeyText + DeliveredTransfers::maxIdBytes) + 512 <=
+              DeliveredTransfers::maxLineBytes);
+
+std::uint64_t requireUnsigned(const Json& object, const char* key) {
+    const auto member = object.is_object() ? object.find(key) : object.end();
+    if (member == object.end() || !member->is_number_unsigned()) {
+        throw JsonError("expected a number \"" + std::string(key) + "\"");
+    }
+    return member->get<std::uint64_t>();
+}
+
+Json jsonOf(const DeliveredTransfers::Delivery& delivery) {
+    return {
+        {"at_epoch_ms", delivery.at_epoch_ms}, {"device", delivery.device},      {"inode", delivery.inode},
+        {"modified_ns", delivery.modified_ns}, {"path", delivery.path.native()}, {"phone", delivery.phone},
+        {"settled", delivery.isSettled},       {"size", delivery.size},          {"transfer_id", delivery.transfer_id}};
+}
+
+/// @throws JsonError
+DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
+    DeliveredTransfers::Delivery delivery{.phone = requireString(json, "phone"),
+                                          .transfer_id = requireString(json, "transfer_id"),
+                                          .path = requireString(json, "path"),
+                                          .device = requireUnsigned(json, "device"),
+                                          .inode = requireUnsigned(json, "inode"),
+                                          .size = requireInt64(json, "size"),
+                                          .modified_ns = requireInt64(json, "modified_ns"),
+                                          .at_epoch_ms = requireInt64(json, "at_epoch_ms")};
+    const auto settled = json.find("settled");
+    delivery.isSettled = settled != json.end() && settled->is_boolean() && settled->get<bool>();
+    const bool isPlausible = delivery.path.is_absolute() && delivery.path.native().find('\0') == std::string::npos &&
+                             delivery.path.native().size() <= longestPath && delivery.size >= 0 &&
+                             delivery.transfer_id.size() <= DeliveredTransfers::maxIdBytes &&
+                             delivery.phone.size() <= longestKeyText;
+    if (!isPlausible) {
+        throw JsonError("no delivery");
+    }
+    return delivery;
+}
+
+/// What a move does not change.
+bool isSameFile(const DeliveredTransfers::Delivery& delivery, const platform::FileStatus& file) {
+    return file.kind == platform::FileKind::regular && file.device == delivery.device && file.inode == delivery.inode &&
+           file.size == delivery.size && file.modifiedNanoseconds == delivery.modified_ns;
+}
+
+} // namespace
+
+void DeliveredTransfers::List::put(Delivery delivery) {
+    Key key(delivery.phone, delivery.transfer_id);
+    const std::uint64_t number = ++last_;
+    if (const auto before = entries_.find(key); before != entries_.end()) {
+        order_.erase(before->second.number);
+    }
+    order_.emplace(number, key);
+    entries_.insert_or_assign(std::move(key), Entry{.delivery = std::move(delivery), .number = number});
+    if (entries_.size() > maxEntries) {
+        const auto oldest = order_.begin();
+        entries_.erase(oldest->second);
+        order_.erase(oldest);
+    }
+}
+
+const DeliveredTransfers::Delivery* DeliveredTransfers::List::find(const Key& key) const {
+    const auto entry = entries_.find(key);
+    return entry == entries_.end() ? nullptr : &entry->second.delivery;
+}
+
+void DeliveredTransfers::List::take(ByteView line) {
+    if (line.size() > maxLineBytes) {
+        return;
+    }
+    try {
+        put(deliveryFrom(parseJson(line)));
+    } catch (const JsonError&) {
+        // Torn by a kill or a power cut, or somebody else's: a transfer less is remembered.
+    }
+}
+
+std::vector<DeliveredTransfers::Delivery> DeliveredTransfers::List::all() const {
+    std::vector<Delivery> deliveries;
+    deliveries.reserve(order_.size());
+    for (const auto& [number, key] : order_) {
+        deliveries.push_back(entries_.at(key).delivery);
+    }
+    return deliveries;
+}
+
+void DeliveredTransfers::List::forgetOlderThan(std::int64_t epochMilliseconds) {
+    std::erase_if(entries_, [&](const auto& entry) {
+        const bool isOld = entry.second.delivery.at_epoch_ms < epochMilliseconds;
+        if (isOld) {
+            order_.erase(entry.second.number);
+        }
+        return isOld;
+    });
+}
+
+void DeliveredTransfers::List::clear() {
+    entries_.clear();
+    order_.clear();
+}
+
+DeliveredTransfers::DeliveredTransfers(platform::System& system)
+    : system_(system), file_(system.directories.data / PeerStore::defaultDirectoryName / fileName) {}
+
+DeliveredTransfers::~DeliveredTransfers() = default;
+
+std::vector<DeliveredTransfers::Delivery> DeliveredTransfers::decode(ByteView content) {
+    List list;
+    while (!content.empty()) {
+        const auto end = std::find(content.begin(), content.end(), std::byte{'\n'});
+        const auto length = static_cast<std::size_t>(end - content.begin());
+        list.take(content.first(length));
+        content = content.subspan(std::min(length + 1, content.size()));
+    }
+    return list.all();
+}
+
+std::string DeliveredTransfers::encode(const Delivery& delivery) {
+    return compactJson(jsonOf(delivery)) + "\n";
+}
+
+/// Whole lines only; returns how many bytes they have.
+std::size_t DeliveredTransfers::takeLines(ByteView content) {
+    std::size_t done = 0;
+    for (;;) {
+        const ByteView rest = content.subspan(done);
+        const auto end = std::find(rest.begin(), rest.end(), std::byte{'\n'});
+        if (end == rest.end()) {
+            return done;
+        }
+        const auto length = static_cast<std::size_t>(end - rest.begin());
+        list_.take(rest.first(length));
+        done += length + 1;
+    }
+}
+
+void DeliveredTransfers::openLog() {
+    log_.reset();
+    list_.clear();
+    taken_ = 0;
+    log_ =
+        system_.files.open(file_, platform::OpenMode::openOrCreate, platform::Links::follow, deliveredFilePermissions);
+    if (log_->status().kind != platform::FileKind::regular) { // reading from a pipe would never end
+        log_.reset();
+        throw platform::SystemError::fromErrno(EINVAL);
+    }
+}
+
+/// Takes in what other processes, and earlier runs, have written.
+void DeliveredTransfers::catchUp() {
+    const std::optional<platform::FileStatus> named = system_.files.status(file_);
+    if (!named) {
+        log_.reset();
+        list_.clear();
+        taken_ = 0;
+        return;
+    }
+    if (log_) {
+        const platform::FileStatus opened = log_->status();
+        if (opened.inode != named->inode || opened.device != named->device || opened.size < taken_) {
+            log_.reset();
+        }
+    }
+    if (!log_) {
+        openLog();
+    }
+    const std::int64_t size = log_->status().size;
+    if (size > maxFileBytes) {
+        list_.clear();
+        taken_ = 0;
+        return;
+    }
+    if (size == taken_) {
+        return;
+    }
+    Bytes content(static_cast<std::size_t>(size - taken_));
+    log_->seek(taken_);
+    const std::size_t count = log_->read(content);
+    taken_ += static_cast<std::int64_t>(takeLines(ByteView(content).first(count)));
+}
+
+void DeliveredTransfers::writeAnew() {
+    list_.forgetOlderThan(system_.clock.epochMilliseconds() - maxAgeMilliseconds);
+    std::vector<std::string> lines;
+    std::size_t size = 0;
+    const std::vector<Delivery> deliveries = list_.all();
+    for (auto delivery = deliveries.rbegin(); delivery != deliveries.rend(); ++delivery) {
+        std::string line = encode(*delivery);
+        if (size + line.size() >
+            compactionBytes / 2) { // long paths: the oldest go, so that it does not happen each time
+            break;
+        }
+        size += line.size();
+        lines.push_back(std::move(line));
+    }
+    std::string content;
+    content.reserve(size);
+    std::for_each(lines.rbegin(), lines.rend(), [&content](const std::string& line) { content += line; });
+    platform::writeWholeFile(system_.files, file_, asBytes(content), deliveredFilePermissions,
+                             platform::Flush::content);
+    log_.reset();
+    catchUp();
+}
+
+void DeliveredTransfers::append(const Delivery& delivery) {
+    system_.files.createDirectories(file_.parent_path(), deliveredFolderPermissions);
+    const platform::FileLock guard(system_.files, file_);
+    catchUp();
+    if (!log_) {
+        openLog();
+    }
+    if (log_->status().size >= compactionBytes) {
+        writeAnew();
+    }
+    const std::int64_t size = log_->status().size;
+    const bool isTorn = size > taken_; // by a kill in the middle of a line, which ends here
+    const std::string line = (isTorn ? "\n" : "") + encode(delivery);
+    log_->seek(size);
+    log_->write(asBytes(line));
+    taken_ = size + static_cast<std::int64_t>(line.size());
+    list_.put(delivery);
+}
+
+template <typename Step>
+void DeliveredTransfers::bestEffort(const char* what, Step step) {
+    try {
+        step();
+    } catch (const platform::SystemError& error) {
+        log_.reset(); // whatever was half done, the next call looks at it anew
+        system_.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "receiver",
+                          std::string(what) + ": " + error.description());
+    }
+}
+
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::string& phone,
+                                                                     const std::string& transferId) {
+    const std::lock_guard guard(lock_);
+    std::optional<Delivery> found;
+    bestEffort("cannot read which files were delivered", [&] {
+        catchUp();
+        const Delivery* const delivery = list_.find({phone, transferId});
+        if (delivery == nullptr || delivery->at_epoch_ms < system_.clock.epochMilliseconds() - maxAgeMilliseconds) {
+            return;
+        }
+        const std::optional<platform::FileStatus> file = system_.files.status(delivery->path);
+        if (file && isSameFile(*delivery, *file)) {
+            found = *delivery;
+        }
+    });
+    return found;
+}
+
+void DeliveredTransfers::intend(const std::string& phone, const std::string& transferId, const platform::Path& path,
+                                const platform::FileStatus& file) {
+    std::error_code unknown; // where we are: then the path stays relative
+    const platform::Path absolute = std::filesystem::absolute(path, unknown);
+    if (transferId.size() > maxIdBytes || !isUtf8(absolute.native()) || !absolute.is_absolute() ||
+        absolute.native().size() > longestPath) {
+        return; // JSON holds no other text
+    }
+    const std::lock_guard guard(lock_);
+    bestEffort("cannot save which file is delivered", [&] {
+        append({.phone = phone,
+                .transfer_id = transferId,
+                .path = absolute,
+                .device = file.device,
+                .inode = file.inode,
+                .size = file.size,
+                .modified_ns = file.modifiedNanoseconds,
+                .at_epoch_ms = system_.clock.epochMilliseconds()});
+    });
+}
+
+void DeliveredTransfers::settle(const std::string& phone, const std::string& transferId) {
+    const std::lock_guard guard(lock_);
+    const Delivery* const intended = list_.find({phone, transferId});
+    if (intended == nullptr) {
+        return; // it could not be saved, which was logged
+    }
+    Delivery delivery = *intended;
+    delivery.isSettled = true;
+    bestEffort("cannot save which file was delivered", [&] { append(delivery); });
+}
+
+} // namespace orlinth

@@ -1,0 +1,124 @@
+#pragma once
+
+#include "base/Bytes.h"
+#include "platform/System.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orlinth {
+
+/// What was received lately, so that a transfer that its sender offers once more, because it did not see the end of the
+/// first delivery, is not received twice.
+///
+/// A file `delivered.jsonl` in the data folder, one line a change; the last line of a transfer counts. A transfer gets
+/// one before its file is moved to its final name, and another one once the move is durable:
+///
+///     intend() ──▶ move ──▶ flush the folder ──▶ settle() ──▶ report ──▶ close the connection
+///
+/// A kill at any of these points leaves the partial file, which is resumed, or the delivered one, which find() knows:
+/// it compares device, inode, size and time of change, none of which a move alters. Lines are not flushed: a power cut
+/// takes those of the last seconds along, and a transfer whose end its sender has not seen by then is received again.
+///
+/// It never stands in the way of a file: what cannot be read counts as empty, line by line, and what cannot be written
+/// is logged. Changes hold an advisory lock against other processes.
+///
+/// Threading: any thread. Calls block on the disk.
+class DeliveredTransfers {
+public:
+    static constexpr const char* fileName = "delivered.jsonl";
+    /// Transfers that are remembered; the oldest goes first. Many times what all phones of a person have under way at
+    /// once, and about 2 MiB of memory.
+    static constexpr std::size_t maxEntries = 4096;
+    /// How long: a phone that was away for its owner's holidays may come back with what it has not seen the end of.
+    static constexpr std::int64_t maxAgeMilliseconds = std::int64_t{30} * 24 * 3600 * 1000;
+    /// Longest id that is remembered, bytes. Ours have 36.
+    static constexpr std::size_t maxIdBytes = 256;
+    /// Longest line that is read: a path of PATH_MAX bytes, each escaped, and the rest.
+    static constexpr std::size_t maxLineBytes = 32768;
+    /// When the file has grown to this, it is written anew, with what is still remembered.
+    static constexpr std::int64_t compactionBytes = 4 << 20;
+    /// Above this the file is not ours: it counts as empty, and the next change replaces it.
+    static constexpr std::int64_t maxFileBytes = 16 << 20;
+
+    /// One transfer.
+    struct Delivery {
+        std::string phone;       ///< its key, Base64
+        std::string transfer_id; ///< as the offer gave it
+        platform::Path path;     ///< the final name, absolute
+        std::uint64_t device = 0;
+        std::uint64_t inode = 0;
+        std::int64_t size = 0;        ///< bytes
+        std::int64_t modified_ns = 0; ///< since the Unix epoch
+        std::int64_t at_epoch_ms = 0;
+        bool isSettled = false; ///< false: it was about to be moved, and nobody has been told of it yet
+
+        bool operator==(const Delivery&) const = default;
+    };
+
+    /// What `system` refers to outlives this. Touches no file.
+    explicit DeliveredTransfers(platform::System& system);
+    DeliveredTransfers(const DeliveredTransfers&) = delete;
+    DeliveredTransfers& operator=(const DeliveredTransfers&) = delete;
+    ~DeliveredTransfers();
+
+    /// The transfer, if its file still lies where it was delivered, unchanged.
+    [[nodiscard]] std::optional<Delivery> find(const std::string& phone, const std::string& transferId);
+    /// `file` is what its partial file is like, flushed; it is about to get the name `path`. Instead of what was
+    /// remembered of the same transfer.
+    void intend(const std::string& phone, const std::string& transferId, const platform::Path& path,
+                const platform::FileStatus& file);
+    /// The file has its name for good.
+    void settle(const std::string& phone, const std::string& transferId);
+
+    /// What the lines of a file's content say, oldest first, each transfer once; lines that say nothing are skipped.
+    [[nodiscard]] static std::vector<Delivery> decode(ByteView content);
+    /// As a line, with its end.
+    [[nodiscard]] static std::string encode(const Delivery& delivery);
+
+private:
+    using Key = std::pair<std::string, std::string>;
+    struct Entry {
+        Delivery delivery;
+        std::uint64_t number; ///< higher than that of every older one
+    };
+    /// The transfers in the order in which they were remembered.
+    class List {
+    public:
+        void put(Delivery delivery);
+        [[nodiscard]] const Delivery* find(const Key& key) const;
+        /// Takes in a line; nothing if it says nothing.
+        void take(ByteView line);
+        [[nodiscard]] std::vector<Delivery> all() const;
+        void forgetOlderThan(std::int64_t epochMilliseconds);
+        void clear();
+
+    private:
+        std::map<Key, Entry> entries_;
+        std::map<std::uint64_t, Key> order_;
+        std::uint64_t last_ = 0;
+    };
+
+    [[nodiscard]] std::size_t takeLines(ByteView content);
+    void catchUp();
+    void openLog();
+    void append(const Delivery& delivery);
+    void writeAnew();
+    template <typename Step>
+    void bestEffort(const char* what, Step step);
+
+    platform::System& system_;
+    platform::Path file_;
+    std::mutex lock_; ///< guards all that follows
+    List list_;
+    std::unique_ptr<platform::File> log_; ///< kept open, so that no other file gets its inode; null if there is none
+    std::int64_t taken_ = 0;              ///< bytes of it that are in the list; whole lines
+};
+
+} // namespace orlinth
