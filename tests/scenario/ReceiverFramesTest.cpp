@@ -147,8 +147,9 @@ TEST_P(ReceiverFramesInState, ATokenUpdateGoesToTheRecordAndTheConversationGoesO
     world.send(*phone, Row::done());
     EXPECT_EQ(world.transfers.size(), 1U);
     EXPECT_EQ(world.text(folder / "a.txt"), "0123456789");
-    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "token 2");
-    EXPECT_EQ(world.onlyPeer().peer_hostname, "Pixel-8");
+    const PeerRecord last = PeerStore(world.files, world.system.directories).loadBook().peers.back();
+    EXPECT_EQ(last.peer_fcm_token, "token 2");
+    EXPECT_EQ(last.peer_hostname, "Pixel-8");
 }
 
 TEST_P(ReceiverFramesInState, AFrameThatDoesNotOpenIsFatalForItsConnectionOnly) {

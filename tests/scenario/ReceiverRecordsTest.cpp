@@ -133,6 +133,58 @@ TEST_F(ReceiverRecords, ATokenBeyondAllReasonIsNotTakenOver) {
     EXPECT_EQ(world.ends(), 0U);
 }
 
+TEST_F(ReceiverRecords, ATokenMovesTheRecordToTheEnd) {
+    PeerRecord phone = world.phoneRecord();
+    phone.peer_ip = "203.0.113.1";
+    world.putPeers({phone, world.tabletRecord()});
+    world.start();
+    const auto connection = world.phone();
+    world.send(*connection, Row::tokenUpdate("token"));
+    EXPECT_THAT(PeerStore(world.files, world.system.directories).loadBook().peers,
+                ElementsAre(world.tabletRecord(), phone.withFcmToken("token")));
+    const std::size_t before = world.files.mutations();
+    world.send(*connection, Row::tokenUpdate("token"));
+    EXPECT_EQ(world.files.mutations(), before);
+}
+
+TEST_F(ReceiverRecords, AConnectionThatOnlyBringsATokenEndsWellAndAtOnce) {
+    world.putPeers({world.phoneRecord()});
+    world.start();
+    const auto closing = world.phone();
+    world.send(*closing, Row::tokenUpdate("token 1"));
+    closing->close();
+    world.settle();
+    const auto halfClosing = world.phone();
+    world.send(*halfClosing, Row::tokenUpdate("token 2"));
+    EXPECT_EQ(world.run(halfClosing->wire().closeAfterFarewell(5)), WireConnection::Farewell::closed);
+    EXPECT_LT(world.clock.elapsed(), 1);
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "token 2");
+    EXPECT_EQ(world.ends(), 0U) << "nothing to report";
+}
+
+TEST_F(ReceiverRecords, AConnectionThatBreaksOffBehindATokenIsAFailure) {
+    world.putPeers({world.phoneRecord()});
+    world.start();
+    constexpr std::size_t handshake = 4 + 32 + 4 + 64;
+    constexpr std::size_t frame =
+        4 + 17 + std::string_view(R"({"peer_fcm_token":"token","type":"TokenUpdate"})").size();
+    world.network.faults.push_back({{.endAfter = handshake + frame + 2}, {}}); // two bytes of the next prefix
+    const auto torn = world.phone();
+    world.send(*torn, Row::tokenUpdate("token"));
+    world.send(*torn, Row::tokenUpdate("token"));
+    EXPECT_THAT(world.failureTexts(), ElementsAre("wire EOF before expected bytes"));
+    const auto silent = world.phone();
+    world.send(*silent, Row::tokenUpdate("token"));
+    EXPECT_TRUE(world.seesTheEnd(*silent));
+    EXPECT_EQ(world.failures.size(), 2U);
+    const auto withAnOffer = world.phone();
+    world.send(*withAnOffer, Row::tokenUpdate("token"));
+    world.offer(*withAnOffer, "a.txt");
+    withAnOffer->close();
+    world.settle();
+    EXPECT_EQ(world.failures.size(), 3U);
+}
+
 TEST_F(ReceiverRecords, AChangeOfAnotherPhonesRecordMeanwhileIsNotLost) {
     world.putPeers({world.phoneRecord(), world.tabletRecord()});
     world.start();

@@ -88,7 +88,10 @@ public:
     [[nodiscard]] Task<Result> run() {
         FrameBuffer buffer;
         for (;;) {
-            co_await wire_.receiveFrame(buffer);
+            const bool hasMore = co_await receiveFrame(buffer);
+            if (!hasMore) {
+                co_return std::nullopt;
+            }
             const FrameView frame = framer_.decodeInPlace(buffer.body());
             if (const auto* data = std::get_if<MutableBytes>(&frame)) {
                 append(*data);
@@ -111,6 +114,20 @@ public:
 private:
     using Row = TransportMessage;
 
+    /// False if the phone has hung up in good order and had come for nothing but its token.
+    [[nodiscard]] Task<bool> receiveFrame(FrameBuffer& buffer) {
+        try {
+            co_await wire_.receiveFrame(buffer);
+        } catch (const WireConnection::Error& error) {
+            const bool isEnd = hasUpdatedToken_ && !file_ && error.isBetweenFrames();
+            if (!isEnd) {
+                throw;
+            }
+            co_return false;
+        }
+        co_return true;
+    }
+
     void append(ByteView data) {
         if (!file_) {
             throw ReceiveError::protocolViolation("binary frame before FileOffer");
@@ -129,6 +146,7 @@ private:
             co_return co_await takeOffer(*offer);
         }
         if (const auto* update = message.as<Row::TokenUpdate>()) {
+            hasUpdatedToken_ = true;
             changeRecord([&] { sender_.setFcmToken(update->peer_fcm_token); });
             co_return std::nullopt;
         }
@@ -253,6 +271,7 @@ private:
     TransportFramer framer_;
     SenderRecord sender_;
     TransferConnectionRef self_;
+    bool hasUpdatedToken_ = false;
     std::optional<TransferClaim> claim_;
     std::optional<IncomingFile> file_; // behind the claim, so that it is closed before that is given back
     std::optional<OpenTransfer> open_; // behind both: the sender need not wait for the disk to hear of a failure

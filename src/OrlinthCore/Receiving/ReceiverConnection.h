@@ -25,7 +25,7 @@ struct ReceiverConnectionContext {
 /// Serves one connection from the handshake to its outcome, as the registry's `self`. On the stream's queue.
 /// Cancelling the task closes the connection; what has arrived of a file is kept for a resume, in every case.
 /// Returns nothing if the connection ended well and there is nothing to report: an earlier one has delivered its file,
-/// and that was reported.
+/// and that was reported; or it has brought a push token and nothing else.
 /// @throws ReceiveError; WireConnection::Error, TransportFramer::Error as they come in the frame loop; Cancelled
 [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverConnectionContext& context,
                                                                               std::unique_ptr<platform::Stream> stream,

@@ -59,10 +59,23 @@ void SenderRecord::setFcmToken(const std::string& token) {
     if (token.size() > maxTokenBytes) {
         return;
     }
-    change([&token](PeerRecord& record) {
-        const bool differs = record.peer_fcm_token != token;
-        record.peer_fcm_token = token;
-        return differs;
+    const auto hasItLast = [&](const PeerBook& book) {
+        return book.peers.back().peer_pubkey == pubkey_ && book.peers.back().peer_fcm_token == token;
+    };
+    PeerStore store(system_.files, system_.directories);
+    const PeerBook seen = store.loadBook();
+    if (seen.find(pubkey_) == nullptr || hasItLast(seen)) {
+        return;
+    }
+    store.update([&](PeerBook& book) { // as upsert() does, of the record that is there under the lock
+        const PeerRecord* const present = book.find(pubkey_);
+        if (present == nullptr || hasItLast(book)) {
+            return false;
+        }
+        PeerRecord updated = present->withFcmToken(token);
+        std::erase_if(book.peers, [this](const PeerRecord& peer) { return peer.peer_pubkey == pubkey_; });
+        book.peers.push_back(std::move(updated));
+        return true;
     });
 }
 

@@ -29,7 +29,7 @@ public:
     /// Each changes the record, if there is one and it differs; else nothing is locked or written, and a store that may
     /// only be read is no failure. @throws PeerStoreError
     ///
-    /// Not taken over: a token that is too long.
+    /// The record moves to the end of the store, as with PeerStore::upsert(). Not taken over: a token that is too long.
     void setFcmToken(const std::string& token);
     /// Not taken over: a name that is blank, too long or has control characters. Returns whether it is fit to be one.
     [[nodiscard]] bool setHostname(const std::string& name);

@@ -131,7 +131,7 @@ Task<Bytes> WireConnection::receiveLengthPrefixed() {
 
 Task<> WireConnection::receiveFrame(FrameBuffer& buffer, std::size_t limit) {
     std::array<std::byte, lengthPrefixBytes> prefix{};
-    co_await receiveExact(prefix);
+    co_await receivePrefix(prefix);
     const std::size_t length = loadBigEndian32(prefix);
     if (length > std::min(limit, maxFrameBytes)) {
         throw Error::oversize(static_cast<std::int64_t>(length));
@@ -156,15 +156,12 @@ Task<> WireConnection::receiveBody(FrameBuffer& buffer, std::size_t length) {
     }
 }
 
-Task<> WireConnection::receiveExact(MutableBytes into) {
-    if (into.empty()) {
-        co_return;
-    }
+Task<> WireConnection::receivePrefix(MutableBytes into) {
     const IdleAlarm alarm(*this);
-    co_await readFully(into);
+    co_await readFully(into, true);
 }
 
-Task<> WireConnection::readFully(MutableBytes into) {
+Task<> WireConnection::readFully(MutableBytes into, bool beginsFrame) {
     std::size_t count = 0;
     try {
         count = co_await connection_->readExact(into);
@@ -172,7 +169,7 @@ Task<> WireConnection::readFully(MutableBytes into) {
         rethrowAsUnderlying(error);
     }
     if (count != into.size()) {
-        throw Error::eof();
+        throw Error::eof(beginsFrame && count == 0);
     }
 }
 

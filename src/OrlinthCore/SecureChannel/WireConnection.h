@@ -79,9 +79,9 @@ private:
     class IdleAlarm;
 
     [[nodiscard]] Task<> sendRaw(ByteView data);
-    [[nodiscard]] Task<> receiveExact(MutableBytes into);
+    [[nodiscard]] Task<> receivePrefix(MutableBytes into);
     [[nodiscard]] Task<> receiveBody(FrameBuffer& buffer, std::size_t length);
-    [[nodiscard]] Task<> readFully(MutableBytes into);
+    [[nodiscard]] Task<> readFully(MutableBytes into, bool beginsFrame = false);
     [[nodiscard]] Task<Farewell> readToTheEnd();
 
     std::unique_ptr<platform::Stream> connection_;
@@ -100,17 +100,25 @@ public:
     [[nodiscard]] static Error oversize(std::int64_t length) {
         return {Case::oversize, "wire frame size " + std::to_string(length) + " exceeds cap", length};
     }
-    [[nodiscard]] static Error eof() { return {Case::eof, "wire EOF before expected bytes", 0}; }
+    /// `isBetweenFrames`: the stream has ended in good order where a frame could begin.
+    [[nodiscard]] static Error eof(bool isBetweenFrames = false) {
+        Error error{Case::eof, "wire EOF before expected bytes", 0};
+        error.isBetweenFrames_ = isBetweenFrames;
+        return error;
+    }
 
     [[nodiscard]] Case which() const noexcept { return case_; }
     /// The offending length; of oversize only.
     [[nodiscard]] std::int64_t length() const noexcept { return length_; }
+    /// Of eof: no frame was torn.
+    [[nodiscard]] bool isBetweenFrames() const noexcept { return isBetweenFrames_; }
 
 private:
     Error(Case which, std::string description, std::int64_t length)
         : orlinth::Error(std::move(description)), case_(which), length_(length) {}
     Case case_;
     std::int64_t length_;
+    bool isBetweenFrames_ = false;
 };
 
 } // namespace orlinth

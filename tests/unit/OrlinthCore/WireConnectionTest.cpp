@@ -271,6 +271,7 @@ TEST_F(Wire, ReportsAStreamThatEndsAtAnyPlaceInAFrame) {
         const auto error = errorOf(wire.receiveLengthPrefixed());
         ASSERT_TRUE(error);
         EXPECT_EQ(error->which(), WireConnection::Error::Case::eof) << length;
+        EXPECT_EQ(error->isBetweenFrames(), length == 0) << length;
         EXPECT_EQ(error->description(), "wire EOF before expected bytes");
     }
 }
