@@ -161,7 +161,10 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
         tellName(output, "name_update", *update);
     } else if (const auto* unpair = std::get_if<Receiver::Unpair>(&outcome)) {
         output.event("unpair", {{"from", unpair->from}, {"peer_pubkey", unpair->peerPubkey}});
-        output.result(madeVisible(unpair->from) + " has removed this computer, and is forgotten here");
+        output.result(madeVisible(unpair->from) +
+                      (unpair->isForgotten ? " has removed this computer, and is forgotten here"
+                                           : " has removed this computer, but is still recorded here. Remove it with "
+                                             "`orlinth peers remove`."));
     } else if (const auto* replied = std::get_if<Receiver::UnpairReplied>(&outcome)) {
         if (!removed_.admits()) {
             return;

@@ -96,15 +96,20 @@ TEST_F(ReceiverRecords, NothingIsWrittenWhereNothingChanges) {
     EXPECT_EQ(world.syncs.size(), 1U);
 }
 
-TEST_F(ReceiverRecords, AnUnpairWhoseRecordCannotBeRemovedIsAFailure) {
+TEST_F(ReceiverRecords, AnUnpairCountsEvenIfItsRecordCannotBeRemoved) {
     world.files.put(peerFile, "rubbish");
     world.start();
     const auto phone = world.phone();
     world.send(*phone, Row::unpair());
-    EXPECT_TRUE(world.seesTheEnd(*phone));
-    EXPECT_THAT(world.syncs, IsEmpty());
-    ASSERT_FALSE(world.failures.empty());
+    EXPECT_EQ(world.run(phone->howItEnds()), "wire EOF before expected bytes");
+    ASSERT_EQ(world.syncs.size(), 1U);
+    const auto& unpair = std::get<Receiver::Unpair>(world.syncs[0]);
+    EXPECT_EQ(unpair.peerPubkey, world.phoneKey.publicKey().base64());
+    EXPECT_EQ(unpair.from, "(unknown peer)");
+    EXPECT_FALSE(unpair.isForgotten);
+    ASSERT_EQ(world.failures.size(), 2U) << "once for its address, once for this";
     EXPECT_THAT(world.failureTexts().back(), StartsWith("PeerRecord decode failed: "));
+    EXPECT_EQ(world.text(peerFile), "rubbish");
 }
 
 TEST_F(ReceiverRecords, ANameThatNobodyCouldReadIsToldButNotTakenOver) {

@@ -74,6 +74,65 @@ TEST_F(ReceiverTest, StopBeforeItRunsMakesItEndAtOnceWithNothingOpened) {
     EXPECT_THAT(world.ports, IsEmpty());
 }
 
+TEST_F(ReceiverTest, RunsAgainAfterStop) {
+    for (int i = 0; i < 3; ++i) {
+        world.start();
+        const auto phone = world.phone();
+        world.offer(*phone, "a.txt", 10, "ID-" + std::to_string(i));
+        world.sendData(*phone, "0123456789");
+        world.send(*phone, Row::done());
+        const auto interrupted = world.phone();
+        world.offer(*interrupted, "b.txt", 10, "ID-b");
+        world.stopAndWait();
+        EXPECT_FALSE(world.ended);
+        EXPECT_TRUE(world.seesTheEnd(*interrupted));
+        world.receiver->stop(); // of what has ended already: nothing
+        world.settle();
+    }
+    EXPECT_EQ(world.transfers.size(), 3U);
+    EXPECT_THAT(world.ports, ElementsAre(ReceiverWorld::port, ReceiverWorld::port, ReceiverWorld::port));
+    EXPECT_THAT(world.failures, IsEmpty());
+}
+
+TEST_F(ReceiverTest, RunsAgainAfterAListenerFailureAndACancellation) {
+    const auto door = std::make_shared<ScriptedListener::Door>(world.context.get_executor());
+    world.make().listener = std::make_unique<ScriptedListener>(door);
+    world.start();
+    door->push(platform::SystemError::fromErrno(ENETRESET));
+    fakes::runUntilIdle(world.context, world.clock);
+    EXPECT_TRUE(world.ended);
+    world.start();
+    EXPECT_EQ(world.offer(*world.phone(), "a.txt"), 0);
+    world.stopRun.emit(asio::cancellation_type::terminal);
+    fakes::runUntilIdle(world.context, world.clock);
+    EXPECT_TRUE(world.ended);
+    world.start();
+    EXPECT_EQ(world.offer(*world.phone(), "b.txt", 10, "ID-2"), 0);
+    world.stopAndWait();
+    EXPECT_FALSE(world.ended);
+}
+
+TEST_F(ReceiverTest, StopEndsARunThatHasNotBegunYet) {
+    world.make();
+    Task<> run = world.receiver->run(world.callbacks());
+    world.receiver->stop();
+    world.run(std::move(run));
+    EXPECT_THAT(world.ports, IsEmpty());
+    world.start();
+    EXPECT_TRUE(world.running);
+    world.stopAndWait();
+}
+
+TEST_F(ReceiverTest, ComesBackWithTheNextRunFromSteppingAside) {
+    Receiver& receiver = world.start();
+    world.run(receiver.stepAside());
+    world.stopAndWait();
+    world.run(receiver.comeBack());
+    world.start();
+    EXPECT_EQ(world.offer(*world.phone(), "a.txt"), 0);
+    world.stopAndWait();
+}
+
 TEST_F(ReceiverTest, AListenerFailureEndsItOnceEveryConnectionHasEnded) {
     const auto door = std::make_shared<ScriptedListener::Door>(world.context.get_executor());
     world.make().listener = std::make_unique<ScriptedListener>(door);

@@ -11,6 +11,7 @@
 #include <asio/this_coro.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <list>
 #include <map>
 #include <mutex>
@@ -99,7 +100,10 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     std::function<void()> refreshKeys;
 
     std::unique_ptr<platform::Listener> listener;
-    bool isStopping = false;
+    std::atomic<std::uint64_t> lastRun = 0; ///< number of the run() that was called last; any thread
+    std::uint64_t stoppedRun = 0;           ///< number of the last one that is to end
+    std::uint64_t currentRun = 0;           ///< number of the one that runs, or has run
+    bool isStopping = false;                ///< it ends, or has ended
     bool isAside = false;
     bool isAccepting = false; ///< the listener is in use, and may be closed but not replaced
     std::uint64_t lastIdentity = 0;
@@ -108,7 +112,8 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     std::size_t leaving = 0;            ///< sessions that had to make room and have not closed yet
 
     void open();
-    [[nodiscard]] static Task<> serve(std::shared_ptr<Service> self);
+    [[nodiscard]] static Task<> serve(std::shared_ptr<Service> self, std::uint64_t number);
+    void stop(std::uint64_t number);
     [[nodiscard]] static Task<> acceptAll(std::shared_ptr<Service> self);
     [[nodiscard]] static Task<> endAll(std::shared_ptr<Service> self);
     [[nodiscard]] static Task<> closePort(std::shared_ptr<Service> self);
@@ -137,7 +142,19 @@ void Receiver::Service::open() {
     }
 }
 
-Task<> Receiver::Service::serve(std::shared_ptr<Service> self) {
+void Receiver::Service::stop(std::uint64_t number) {
+    stoppedRun = std::max(stoppedRun, number);
+    if (currentRun <= stoppedRun) {
+        isStopping = true;
+        if (listener) {
+            listener->close();
+        }
+    }
+}
+
+Task<> Receiver::Service::serve(std::shared_ptr<Service> self, std::uint64_t number) {
+    self->currentRun = number;
+    self->isStopping = number <= self->stoppedRun;
     if (self->isStopping) {
         self->listener.reset();
         co_return;
@@ -158,6 +175,7 @@ Task<> Receiver::Service::serve(std::shared_ptr<Service> self) {
     // Once we are cancelled every further await throws, the next line too, unless this is said first.
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     co_await endAll(self);
+    self->isAside = false; // whoever has stepped aside for somebody comes back with the next run
     if (failure) {
         std::rethrow_exception(failure);
     }
@@ -418,16 +436,13 @@ Task<> Receiver::run(Callbacks callbacks) {
     service_->approve = approveOffer ? approveOffer : approveEverything;
     service_->refreshKeys = beforeAuthorising;
     service_->listener = std::move(listener);
-    return platform::runOn(service_->queue, Service::serve(service_));
+    return platform::runOn(service_->queue, Service::serve(service_, ++service_->lastRun));
 }
 
 void Receiver::stop() {
-    asio::dispatch(service_->queue, [service = service_] {
-        service->isStopping = true;
-        if (service->listener) {
-            service->listener->close();
-        }
-    });
+    constexpr std::uint64_t first = 1;
+    const std::uint64_t number = std::max(service_->lastRun.load(), first);
+    asio::dispatch(service_->queue, [service = service_, number] { service->stop(number); });
 }
 
 Task<> Receiver::stepAside() {

@@ -36,7 +36,8 @@ public:
     /// A dead phone is noticed after 25 seconds, also while we only wait for it.
     static constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
 
-    /// How one connection ended well. `from` is the display name of the sender.
+    /// How one connection ended well. SetName and NameUpdate mean the same: the sender's own name is this now. `from`
+    /// is the display name of the sender.
     struct File {
         ReceivedFile file;
         std::string from;
@@ -59,7 +60,9 @@ public:
     };
     struct Unpair {
         std::string from;
-        std::string peerPubkey; ///< Base64; its record is gone already
+        std::string peerPubkey; ///< Base64
+        bool isForgotten =
+            true; ///< its record is gone; false: the store cannot be changed, which was told as a failure
     };
     /// A phone that was removed here has connected and was told so.
     struct UnpairReplied {
@@ -121,11 +124,13 @@ public:
     void setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys);
     [[nodiscard]] std::vector<platform::PublicKey> removedPeerPubkeys() const;
 
-    /// Runs the service until stop(). Once. On return every connection has ended, its partial file kept for a resume.
+    /// Runs the service until stop(). On return every connection has ended, its partial file kept for a resume; then it
+    /// may be called again, which opens the port that was used before unless there is another `listener`.
     /// Cancelling the task ends the service in the same way, with Cancelled.
     /// @throws Error
     [[nodiscard]] Task<> run(Callbacks callbacks);
-    /// Ends run(), soon after; before run() it makes that end at once, with nothing opened.
+    /// Ends the run() that was called last, soon after, and none that is called later; before the first one it makes
+    /// that end at once, with nothing opened.
     void stop();
 
     /// Closes the port and leaves the connections that are there; returns once it is closed. For somebody who needs the

@@ -217,8 +217,12 @@ private:
         case Tag::NameUpdate:
             return rename<Receiver::NameUpdate>(message.as<Row::NameUpdate>()->name);
         case Tag::Unpair: {
-            Receiver::Unpair outcome{.from = sender_.displayName(), .peerPubkey = self_->peerPubkey()};
-            sender_.remove();
+            Receiver::Unpair outcome{
+                .from = sender_.displayName(), .peerPubkey = self_->peerPubkey(), .isForgotten = false};
+            changeRecord([&] {
+                sender_.remove();
+                outcome.isForgotten = true;
+            });
             return outcome;
         }
         case Tag::Decline:
@@ -254,7 +258,7 @@ private:
         return outcome;
     }
 
-    /// A record that cannot be changed is told of, and costs nobody the file that comes next.
+    /// A record that cannot be changed is told of, and costs nobody the file that comes next, or what has been said.
     template <typename Change>
     void changeRecord(Change change) {
         try {
