@@ -182,9 +182,10 @@ public:
 
     int run(Host& host) override {
         const platform::PrivateKey ownKey = host.staticKey();
-        const PeerRecord peer = (selector_.empty() ? mostRecentPeer(host, ownKey.publicKey())
-                                                   : selectPeer(host, selector_, ownKey.publicKey()))
-                                    .record;
+        const PeerRecord peer =
+            (selector_.empty() ? mostRecentPeer(host, ownKey.publicKey(), PeerUse::connection)
+                               : selectPeer(host, selector_, ownKey.publicKey(), PeerUse::connection))
+                .record;
         const std::string where = peer.peer_hostname + " (" + addressOf(peer) + ")";
         const std::string text = chooseText(host);
         ClipReporter reporter(host, peer.peer_hostname, text.size(), times_.answer);

@@ -260,7 +260,7 @@ void OutboxSender::begin(Phone& phone, Job& job) {
         }
         phone.record = *record;
         state.hostname = record->peer_hostname;
-        static_cast<void>(checkPeer(*record, ownKey_.publicKey()));
+        static_cast<void>(checkPeer(*record, ownKey_.publicKey(), PeerUse::connection));
         queue_.checkFile(job, file);
     } catch (const OutboxError& error) {
         queue_.setFailed(job, phone.key, file, error.description());

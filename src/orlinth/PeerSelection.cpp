@@ -1,6 +1,9 @@
 #include "orlinth/PeerSelection.h"
 
+#include "base/Text.h"
+
 #include <algorithm>
+#include <set>
 #include <utility>
 
 namespace orlinth::host {
@@ -9,9 +12,58 @@ namespace {
 
 constexpr const char* howToRepair = "Pair the phone again, or record it anew with `orlinth peers add`.";
 
+/// How much of a key a message shows at least, and of how many phones.
+constexpr std::size_t shortestKeyPrefix = 8;
+constexpr std::size_t mostPhonesNamed = 8;
+
+using Matches = std::vector<const PeerRecord*>;
+
+/// The records that `matches` picks, of those with the same key only the first: they are one phone.
+template <typename Predicate>
+Matches differentPhones(const PeerBook& book, Predicate matches) {
+    Matches found;
+    std::set<std::string_view> keys;
+    for (const PeerRecord& record : book.peers) {
+        if (matches(record) && keys.insert(record.peer_pubkey).second) {
+            found.push_back(&record);
+        }
+    }
+    return found;
+}
+
+/// How many characters of these keys are a selector for one phone of the book.
+std::size_t tellingCharacters(const PeerBook& book, const Matches& phones) {
+    std::size_t count = shortestKeyPrefix;
+    for (std::size_t i = 0; i < std::min(phones.size(), mostPhonesNamed); ++i) {
+        const PeerRecord* const phone = phones[i];
+        const auto isShared = [&] {
+            const std::string prefix = lowerCased(firstCharacters(phone->peer_pubkey, count));
+            return std::ranges::any_of(book.peers, [&](const PeerRecord& other) {
+                return other.peer_pubkey != phone->peer_pubkey && lowerCased(other.peer_pubkey).starts_with(prefix);
+            });
+        };
+        while (count < phone->peer_pubkey.size() && isShared()) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+/// "Pixel AbCdEfGh, Pixel IjKlMnOp"; without the names where they are all the same.
+std::string keysOf(const PeerBook& book, const Matches& phones, bool hasNames) {
+    const std::size_t characters = tellingCharacters(book, phones);
+    std::string text;
+    for (std::size_t i = 0; i < std::min(phones.size(), mostPhonesNamed); ++i) {
+        text += (i == 0 ? "" : ", ") + (hasNames ? phones[i]->peer_hostname + " " : "") +
+                firstCharacters(phones[i]->peer_pubkey, characters);
+    }
+    return phones.size() > mostPhonesNamed ? text + " and " + std::to_string(phones.size() - mostPhonesNamed) + " more"
+                                           : text;
+}
+
 } // namespace
 
-CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey) {
+CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey, PeerUse use) {
     const std::string whose = "the record of '" + record.peer_hostname + "' ";
     const auto key = platform::PublicKey::fromBase64(record.peer_pubkey);
     if (!key) {
@@ -20,6 +72,12 @@ CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKe
     if (*key == ownKey) {
         throw HostError(whose + "has this computer's own key", howToRepair);
     }
+    if (use == PeerUse::key) {
+        return {record, *key};
+    }
+    if (trimmed(record.peer_ip).empty()) {
+        throw HostError(whose + "has no address: peer_ip is empty", howToRepair);
+    }
     if (record.peer_port < 1 || record.peer_port > 65535) {
         throw HostError(whose + "has port " + std::to_string(record.peer_port) + ", which is not from 1 to 65535",
                         howToRepair);
@@ -27,30 +85,56 @@ CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKe
     return {record, *key};
 }
 
-CheckedPeer selectPeer(const Host& host, const std::string& selector, const platform::PublicKey& ownKey) {
-    const auto record = host.peers().resolve(selector);
+PeerRecord resolvePeer(const Host& host, const std::string& selector) {
+    const std::string query = lowerCased(selector);
+    const PeerBook book = host.peers().loadBook();
+    const Matches namesakes =
+        differentPhones(book, [&query](const PeerRecord& record) { return lowerCased(record.peer_hostname) == query; });
+    if (namesakes.size() > 1) {
+        throw HostError("selector '" + selector + "' is ambiguous: " + std::to_string(namesakes.size()) +
+                            " paired phones have this name (keys: " + keysOf(book, namesakes, false) + ")",
+                        "Use the beginning of the phone's key instead of its name.");
+    }
+    std::optional<PeerRecord> record;
+    try {
+        record = host.peers().resolve(selector);
+    } catch (const PeerStoreError& error) {
+        const Matches matching = differentPhones(book, [&query](const PeerRecord& candidate) {
+            return lowerCased(candidate.peer_hostname).starts_with(query) ||
+                   lowerCased(candidate.peer_pubkey).starts_with(query);
+        });
+        if (error.which() != PeerStoreError::Case::decode || matching.size() < 2) {
+            throw;
+        }
+        throw HostError(error.description(), "Use the whole name, or the beginning of the phone's key: " +
+                                                 keysOf(book, matching, true) + ".");
+    }
     if (!record) {
         throw HostError("no paired phone matches '" + selector + "'", "`orlinth peers` lists the paired phones.");
     }
-    return checkPeer(*record, ownKey);
+    return std::move(*record);
 }
 
-CheckedPeer mostRecentPeer(const Host& host, const platform::PublicKey& ownKey) {
+CheckedPeer selectPeer(const Host& host, const std::string& selector, const platform::PublicKey& ownKey, PeerUse use) {
+    return checkPeer(resolvePeer(host, selector), ownKey, use);
+}
+
+CheckedPeer mostRecentPeer(const Host& host, const platform::PublicKey& ownKey, PeerUse use) {
     const auto record = host.peers().mostRecent();
     if (!record) {
         throw HostError("no phone is paired yet", "`orlinth pair` pairs one.");
     }
-    return checkPeer(*record, ownKey);
+    return checkPeer(*record, ownKey, use);
 }
 
 std::vector<CheckedPeer> selectPeers(const Host& host, const std::vector<std::string>& selectors,
-                                     const platform::PublicKey& ownKey) {
+                                     const platform::PublicKey& ownKey, PeerUse use) {
     if (selectors.empty()) {
-        return {mostRecentPeer(host, ownKey)};
+        return {mostRecentPeer(host, ownKey, use)};
     }
     std::vector<CheckedPeer> chosen;
     for (const std::string& selector : selectors) {
-        CheckedPeer peer = selectPeer(host, selector, ownKey);
+        CheckedPeer peer = selectPeer(host, selector, ownKey, use);
         const auto isSame = [&peer](const CheckedPeer& other) { return other.key == peer.key; };
         if (std::none_of(chosen.begin(), chosen.end(), isSame)) {
             chosen.push_back(std::move(peer));

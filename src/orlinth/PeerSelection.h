@@ -13,20 +13,32 @@ struct CheckedPeer {
     platform::PublicKey key;
 };
 
-/// The record that a selector means, checked. @throws HostError if there is none or it cannot be used; PeerStoreError
-[[nodiscard]] CheckedPeer selectPeer(const Host& host, const std::string& selector, const platform::PublicKey& ownKey);
+/// What of a record a command uses. Only that is checked: a phone whose port is unknown can still send to us.
+enum class PeerUse {
+    key,        ///< to recognise the phone
+    connection, ///< key, address and port, to connect to it
+};
+
+/// The record that a selector means, unchecked: a name in any letter case, or the beginning of one phone's name or key.
+/// Of two phones of that name none is meant; the error shows how their keys begin.
+/// @throws HostError if there is none, or several; PeerStoreError
+[[nodiscard]] PeerRecord resolvePeer(const Host& host, const std::string& selector);
+
+/// The same, checked. @throws HostError also if the record cannot be used; PeerStoreError
+[[nodiscard]] CheckedPeer selectPeer(const Host& host, const std::string& selector, const platform::PublicKey& ownKey,
+                                     PeerUse use);
 
 /// The most recently paired phone, checked. @throws HostError, PeerStoreError
-[[nodiscard]] CheckedPeer mostRecentPeer(const Host& host, const platform::PublicKey& ownKey);
+[[nodiscard]] CheckedPeer mostRecentPeer(const Host& host, const platform::PublicKey& ownKey, PeerUse use);
 
 /// The records that the selectors mean, each once, in their order; without a selector the most recently paired phone.
 /// @throws HostError, PeerStoreError
 [[nodiscard]] std::vector<CheckedPeer> selectPeers(const Host& host, const std::vector<std::string>& selectors,
-                                                   const platform::PublicKey& ownKey);
+                                                   const platform::PublicKey& ownKey, PeerUse use);
 
-/// The record with its key, if that is 32 bytes of Base64 and not our own, and the port is 1 to 65535.
-/// @throws HostError that says what is wrong
-[[nodiscard]] CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey);
+/// The record with its key, if that is 32 bytes of Base64 and not our own, and, to connect, if there is an address and
+/// the port is 1 to 65535. @throws HostError that says what is wrong
+[[nodiscard]] CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey, PeerUse use);
 
 /// What standard output may show of a record: nine of its ten keys, and "has_fcm_token" in place of the push token,
 /// which is a secret.

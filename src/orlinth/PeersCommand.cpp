@@ -181,19 +181,15 @@ private:
     int remove(Host& host) {
         const platform::PrivateKey ownKey = host.staticKey();
         PeerStore peers = host.peers();
-        const auto chosen = peers.resolve(selector_);
-        std::optional<PeerRecord> removed;
-        if (chosen) {
-            // first, so that at no time the service takes the phone for an unknown one
-            rememberRemoval(host, *chosen, ownKey.publicKey());
-            removed = peers.removeFirst(
-                [&chosen](const PeerRecord& record) { return record.peer_pubkey == chosen->peer_pubkey; });
-        }
-        if (removed) {
-            updateSharedPeers(host);
-        } else {
+        const PeerRecord chosen = resolvePeer(host, selector_);
+        // first, so that at no time the service takes the phone for an unknown one
+        rememberRemoval(host, chosen, ownKey.publicKey());
+        const std::optional<PeerRecord> removed =
+            peers.removeFirst([&chosen](const PeerRecord& record) { return record.peer_pubkey == chosen.peer_pubkey; });
+        if (!removed) { // another process was quicker
             throw HostError("no paired phone matches '" + selector_ + "'", "`orlinth peers` lists the paired phones.");
         }
+        updateSharedPeers(host);
         Json fields;
         fields["peer"] = publicFields(*removed);
         host.output.event("removed", std::move(fields));
@@ -216,7 +212,7 @@ private:
         bool wasTold = false;
         std::string reason;
         try {
-            OneOffRequest request{.peer = checkPeer(record, ownKey.publicKey()).record,
+            OneOffRequest request{.peer = checkPeer(record, ownKey.publicKey(), PeerUse::connection).record,
                                   .staticKey = ownKey,
                                   .warmConnectTimeout = secondsToTell,
                                   .postWakeConnectTimeout = secondsToTell,

@@ -85,7 +85,7 @@ public:
 
     int run(Host& host) override {
         const platform::PrivateKey ownKey = host.staticKey();
-        const CheckedPeer peer = selectPeer(host, selector_, ownKey.publicKey());
+        const CheckedPeer peer = selectPeer(host, selector_, ownKey.publicKey(), PeerUse::key);
         HandshakeLimit handshake(host.system.clock, host.tasks);
         ReceiveReporter reporter(host.output, handshake);
         const std::string& from = peer.record.peer_hostname;

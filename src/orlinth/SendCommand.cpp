@@ -31,7 +31,7 @@ public:
 
     int run(Host& host) override {
         const platform::PrivateKey ownKey = host.staticKey();
-        const std::vector<CheckedPeer> peers = selectPeers(host, selectors_, ownKey.publicKey());
+        const std::vector<CheckedPeer> peers = selectPeers(host, selectors_, ownKey.publicKey(), PeerUse::connection);
         std::vector<PeerRecord> phones;
         for (const CheckedPeer& peer : peers) {
             phones.push_back(peer.record);

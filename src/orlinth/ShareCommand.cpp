@@ -78,7 +78,7 @@ private:
     /// Before anything is copied.
     [[nodiscard]] Choice choosePhones(const Host& host) const {
         const platform::PublicKey ownKey = host.staticKey().publicKey();
-        const std::vector<CheckedPeer> peers = selectPeers(host, selectors_, ownKey);
+        const std::vector<CheckedPeer> peers = selectPeers(host, selectors_, ownKey, PeerUse::key);
         Choice choice;
         std::vector<std::string> keys;
         for (const CheckedPeer& peer : peers) {

@@ -29,8 +29,7 @@ public:
     }
 
     int run(Host& host) override {
-        const platform::PrivateKey ownKey = host.staticKey();
-        const PeerRecord peer = selectPeer(host, selector_, ownKey.publicKey()).record;
+        const PeerRecord peer = resolvePeer(host, selector_);
         const Json context{{"to", peer.peer_hostname}};
         if (peer.peer_fcm_token.empty()) {
             host.output.failure("no push token is recorded for '" + peer.peer_hostname + "'",

@@ -89,6 +89,38 @@ class Peers(ProgramTest):
         self.assertEqual(1, result.returncode)
         self.assert_one_line_error(result.stderr, "no paired phone matches 'PIXEL-8'")
 
+    def test_two_phones_of_one_name_are_told_apart_by_their_keys(self):
+        keys = ["A" * 11 + letter + random_key()[12:] for letter in "bc"]  # the same at first
+        for number, (name, key) in enumerate(zip(("Pixel", "pixel"), keys)):
+            self.assertEqual(0, self.add(name, key, f"192.0.2.{number + 1}").returncode)
+        before = self.mac.peer_file.read_text()
+        for arguments in (
+            ["send", "--to", "Pixel", str(self.file("a", b"a"))],
+            ["receive", "--from", "Pixel", "--port", "0", "--timeout", "0.1"],
+            ["wake", "Pixel"],
+            ["clip", "--to", "Pixel", "--text", "a"],
+            ["share", "--to", "Pixel", str(self.file("a", b"a"))],
+            ["peers", "remove", "Pixel"],
+        ):
+            with self.subTest(command=arguments[0]):
+                result = self.mac.run(*arguments)
+                self.assertEqual(1, result.returncode)
+                self.assert_one_line_error(
+                    result.stderr,
+                    "selector 'Pixel' is ambiguous: 2 paired phones have this name "
+                    f"(keys: {keys[0][:12]}, {keys[1][:12]})",
+                )
+                self.assertEqual("Use the beginning of the phone's key instead of its name.",
+                                 result.stderr.splitlines()[-1])
+        self.assertEqual(before, self.mac.peer_file.read_text())
+        by_prefix = self.mac.run("wake", "pix")
+        self.assert_one_line_error(
+            by_prefix.stderr, "PeerRecord decode failed: selector 'pix' is ambiguous (matches: Pixel, pixel)")
+        self.assertEqual("Use the whole name, or the beginning of the phone's key: "
+                         f"Pixel {keys[0][:12]}, pixel {keys[1][:12]}.", by_prefix.stderr.splitlines()[-1])
+        self.assertEqual(0, self.mac.run("peers", "remove", keys[1][:12]).returncode)
+        self.assertEqual([keys[0]], [peer["peer_pubkey"] for peer in self.listed()])
+
     def test_a_removed_phone_is_remembered_and_a_phone_that_is_recorded_again_is_not(self):
         remembered = self.mac.data / "Orlinth" / "removed.json"
         remembered.unlink(missing_ok=True)
@@ -174,6 +206,8 @@ class UnusableRecords(ProgramTest):
             ({"peer_port": 0}, "the record of 'phone' has port 0, which is not from 1 to 65535"),
             ({"peer_port": -1}, "the record of 'phone' has port -1, which is not from 1 to 65535"),
             ({"peer_port": 65536}, "the record of 'phone' has port 65536, which is not from 1 to 65535"),
+            ({"peer_ip": ""}, "the record of 'phone' has no address: peer_ip is empty"),
+            ({"peer_ip": " "}, "the record of 'phone' has no address: peer_ip is empty"),
             ({"peer_pubkey": "AAAA"},
              "the record of 'phone' has no usable key: peer_pubkey is not the Base64 of 32 bytes"),
             ({"peer_pubkey": "?"},
@@ -181,12 +215,30 @@ class UnusableRecords(ProgramTest):
             ({"peer_pubkey": self.mac.key}, "the record of 'phone' has this computer's own key"),
         ):
             self.mac.peer_file.write_text(json.dumps({"peers": [{**good["peers"][0], **changes}]}))
-            for arguments in (["send", "--to", "phone", str(self.file("a", b"a"))],
-                              ["receive", "--from", "phone", "--port", "0"]):
+            commands = [["send", "--to", "phone", str(self.file("a", b"a"))],
+                        ["clip", "--to", "phone", "--text", "a"]]
+            if "peer_pubkey" in changes:  # to receive, and to leave something in the outbox, takes the key alone
+                commands += [["receive", "--from", "phone", "--port", "0"],
+                             ["share", "--to", "phone", str(self.file("a", b"a"))]]
+            for arguments in commands:
                 with self.subTest(changes=changes, command=arguments[0]):
                     result = self.mac.run(*arguments)
                     self.assertEqual(1, result.returncode)
                     self.assert_one_line_error(result.stderr, text)
+
+    def test_what_a_command_does_not_use_does_not_stop_it(self):
+        record = json.loads(self.mac.peer_file.read_text())["peers"][0]
+
+        def change(**fields):
+            self.mac.peer_file.write_text(json.dumps({"peers": [{**record, **fields}]}))
+
+        change(peer_port=0, peer_ip="")
+        received = self.mac.run("receive", "--from", "phone", "--port", "0", "--timeout", "0.1")
+        self.assert_one_line_error(received.stderr, "timed out")
+        self.assertEqual(0, self.mac.run("share", "--to", "phone", str(self.file("a", b"a"))).returncode)
+        change(peer_port=-1, peer_ip="", peer_pubkey="AAAA", peer_fcm_token=TOKEN)
+        woken = self.mac.run("wake", "phone")
+        self.assertRegex(woken.stderr, "^orlinth: service account JSON missing at ")
 
 
 if __name__ == "__main__":
