@@ -228,16 +228,27 @@ private:
             retryAlone(meant.front(), host, batches);
         }
         if (reply && !reply->value("found", false)) {
-            throw HostError("the batch is not there any more");
+            throw HostError("the batch is not there any more", "`orlinth outbox` lists the batches that are.");
         }
         Json fields{{"service_running", reply.has_value()}};
         if (!meant.empty()) {
             fields["batch"] = meant.front().id;
         }
         host.output.event("retry", std::move(fields));
-        host.output.message(reply ? "The service tries again now."
-                                  : "No service runs: it is tried when `orlinth serve` does.");
+        if (meant.empty() && !isAnythingWaiting(host, batches)) {
+            host.output.message("Nothing is waiting to be sent.");
+        } else {
+            host.output.message(reply ? "The service is trying again now."
+                                      : "The Orlinth service is not running. Files will be sent once it starts: "
+                                        "`systemctl --user start orlinth`");
+        }
         return 0;
+    }
+
+    /// Whether there is a batch that the service sends by itself.
+    [[nodiscard]] static bool isAnythingWaiting(const Host& host, const OutboxBatches& batches) {
+        const std::vector<Listed> all = everything(host, batches);
+        return std::ranges::any_of(all, [](const Listed& listed) { return !listed.isSetAside; });
     }
 
     static void retryAlone(const Listed& listed, const Host& host, OutboxBatches& batches) {

@@ -103,7 +103,8 @@ private:
         host.output.result("shared " + countOfFiles(manifest.files.size()) + " with " + names + ", batch " +
                            shortId(manifest.id));
         host.output.message(isRunning ? "The service sends it now, or as soon as the phone can be reached."
-                                      : "No service runs: it is sent when `orlinth serve` does.");
+                                      : "The Orlinth service is not running. Files will be sent once it starts: "
+                                        "`systemctl --user start orlinth`");
     }
 
     std::vector<std::string> selectors_;

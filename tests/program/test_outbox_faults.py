@@ -268,7 +268,7 @@ class SettingAside(OutboxTest):
         tablet = self.another_phone("tablet")
         self.phone_listens(tablet)
         result = self.mac.run("outbox", "retry", batch[:6].lower())
-        self.assertEqual((0, "The service tries again now.\n"), (result.returncode, result.stderr))
+        self.assertEqual((0, "The service is trying again now.\n"), (result.returncode, result.stderr))
         self.wait_for(service, "outbox_done", batch=batch)
         self.assert_arrived([self.folder / "outgoing" / "a.txt"], tablet)
 
