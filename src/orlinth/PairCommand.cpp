@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 namespace orlinth::host {
+#include <utility>
 
 namespace {
 
@@ -164,10 +165,19 @@ private:
         show(host, payload, code);
         Countdown countdown(host, duration());
         if (!quietly_) {
-            advertiser.start([&host, &countdown](const std::string& reason) {
-                countdown.giveWay();
-                host.output.message("not announced on the network (" + reason + "); scanning the code works");
-            });
+            advertiser.start({.onPublished =
+                                  [&host, &countdown, code, isShown = false]() mutable {
+                                      if (!std::exchange(isShown, true)) {
+                                          countdown.giveWay();
+                                          host.output.result("Or enter these four digits there: " + code);
+                                      }
+                                  },
+                              .onFailure =
+                                  [&host, &countdown](const std::string& reason) {
+                                      countdown.giveWay();
+                                      host.output.message("Announcing this computer on the network failed (" + reason +
+                                                          "), so that digits cannot find it. Scan the code instead.");
+                                  }});
         }
         const PairListener::Result result = host.tasks.run(listener.awaitIntroduction());
         PeerRecord phone = PairIntroduction::decode(result.phoneIntroductionPlaintext, ownKey);
@@ -230,10 +240,9 @@ private:
             fields["code"] = code;
             host.output.event("payload", std::move(fields));
         } else {
-            showCode(host, payload);
+            showCode(host, payload, quietly_);
         }
-        host.output.result(quietly_ ? "Scan the code with the phone."
-                                    : "Scan the code with the phone, or enter these four digits there: " + code);
+        host.output.result("Scan the code with the phone."); // the digits follow once they can be found
     }
 
     void writePicture(Host& host, const PairingPayload& payload) const {
@@ -244,11 +253,11 @@ private:
         }
     }
 
-    static void showCode(Host& host, const PairingPayload& payload) {
+    static void showCode(Host& host, const PairingPayload& payload, bool quietly) {
         const std::string text = QRRenderer::renderASCII(payload);
         host.output.result(styledQr(text, qrStyleForStandardOutput()));
-        // below the code stand the line with the digits and the countdown
-        const std::size_t rows = qrRows(text) + 2;
+        // below the code stand the line on scanning, that with the digits, and the countdown
+        const std::size_t rows = qrRows(text) + (quietly ? 2 : 3);
         const bool fits = qrColumns(text) <= columnsOfTerminal(STDOUT_FILENO) && rows <= rowsOfTerminal(STDOUT_FILENO);
         if (isTerminal(STDOUT_FILENO) && !fits) {
             host.output.message("The window is too small for the code, which takes " + std::to_string(qrColumns(text)) +

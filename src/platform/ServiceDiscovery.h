@@ -47,12 +47,20 @@ class ServiceDiscovery {
 public:
     virtual ~ServiceDiscovery() = default;
 
+    /// What is heard of a publication. Each may be empty.
+    struct PublicationEvents {
+        /// Others can find it now. Again when it was lost meanwhile.
+        std::function<void()> onPublished;
+        /// Announcing has failed, for this reason.
+        std::function<void(const std::string& reason)> onFailure;
+    };
+
     /// Begins to announce the service, under exactly its name. Returns at once and never throws for the network's or
     /// the DNS-SD service's sake: whenever announcing fails (the DNS-SD service is missing or goes away, the name is
-    /// taken), `onFailure` is called with the reason, on `executor`. A DNS-SD service that comes (back) later is used.
-    /// A taken name is given up.
-    [[nodiscard]] virtual std::unique_ptr<ServicePublication>
-    publish(ServiceRecord service, Executor executor, std::function<void(const std::string&)> onFailure) = 0;
+    /// taken), `onFailure` is called. A DNS-SD service that comes (back) later is used. A taken name is given up.
+    /// Events come on `executor`.
+    [[nodiscard]] virtual std::unique_ptr<ServicePublication> publish(ServiceRecord service, Executor executor,
+                                                                      PublicationEvents events) = 0;
 
     /// Looks for services of a type for `seconds` and returns what was there, each once, even if it is seen on several
     /// networks. @throws SystemError if there is no DNS-SD service; Cancelled

@@ -17,18 +17,21 @@ public:
     explicit FakeServiceDiscovery(platform::Clock& clock) : clock_(clock) {}
 
     [[nodiscard]] std::unique_ptr<platform::ServicePublication>
-    publish(platform::ServiceRecord service, Executor executor,
-            std::function<void(const std::string&)> onFailure) override {
+    publish(platform::ServiceRecord service, Executor executor, PublicationEvents events) override {
         auto publication = std::make_unique<Publication>(*this, std::move(service));
-        if (failure) {
-            asio::post(executor, [alive = std::weak_ptr(publication->alive), onFailure, why = *failure] {
-                if (alive.lock()) {
-                    onFailure(why);
-                }
-            });
-        } else {
+        if (!failure) {
             services.push_back(publication->service);
         }
+        asio::post(executor, [alive = std::weak_ptr(publication->alive), events = std::move(events), why = failure] {
+            if (!alive.lock()) {
+                return;
+            }
+            if (why && events.onFailure) {
+                events.onFailure(*why);
+            } else if (!why && events.onPublished) {
+                events.onPublished();
+            }
+        });
         return publication;
     }
 

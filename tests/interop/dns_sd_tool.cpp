@@ -108,7 +108,7 @@ void advertise(const std::string& port, const std::string& hostname, const std::
     Lines* lines = nullptr;
     Lines input(context, [&](const std::string& line) {
         if (line == "start") {
-            advertiser.start(onFailure);
+            advertiser.start({.onPublished = {}, .onFailure = onFailure});
         } else if (line == "stop") {
             advertiser.stop();
         } else {

@@ -349,6 +349,27 @@ class DnsSd(unittest.TestCase):
         self.ends_promptly(search, "cancel")
         self.assertEqual(["searching", "cancelled", "threads"], search.events.names())
 
+    def test_pairing_shows_its_digits_once_others_can_find_it(self):
+        root = tempfile.TemporaryDirectory()
+        self.addCleanup(root.cleanup)
+        anna, bert = (Identity(root.name, name) for name in ("anna", "bert"))
+        environment = {"DBUS_SYSTEM_BUS_ADDRESS": self.world.environment["DBUS_SYSTEM_BUS_ADDRESS"]}
+        pair = subprocess.Popen(self.world.inside([ORLINTH, "pair", "--yes", "--port", "0"]),
+                                env={**anna.environment, **environment}, stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.addCleanup(pair.wait, PATIENCE)
+        self.addCleanup(pair.kill)
+        lines = Lines(pair.stdout)
+        lines.wait_for(lambda line: line.startswith("Announcing this computer on the network failed ("), "lack of a daemon")
+        self.assertEqual([], [line for line in lines.all if "enter these four digits" in line])
+        self.world.start_daemon()
+        digits = lines.wait_for(lambda line: "enter these four digits there: " in line, "digits")[-4:]
+        joined = subprocess.run(self.world.inside([ORLINTH, "join", "--yes", "--code", digits]),
+                                env={**bert.environment, **environment}, stdin=subprocess.DEVNULL,
+                                capture_output=True, text=True, timeout=PATIENCE, check=False)
+        self.assertEqual(0, joined.returncode, joined)
+        self.assertEqual(0, pair.wait(PATIENCE), lines.all)
+
     def test_pairing_ends_in_time_with_a_bus_that_is_silent(self):
         self.mute_bus()
         root = tempfile.TemporaryDirectory()

@@ -55,17 +55,15 @@ PairAdvertiser::~PairAdvertiser() {
     service_.wipeTxt();
 }
 
-void PairAdvertiser::start(std::function<void(const std::string&)> onFailure) {
+void PairAdvertiser::start(platform::ServiceDiscovery::PublicationEvents events) {
     stop(); // an announcement of the same name would be in the new one's way
-    platform::Log& log = system_.log;
-    publication_ = system_.services.publish(service_, executor_,
-                                            [&log, onFailure = std::move(onFailure)](const std::string& reason) {
-                                                log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "pair",
-                                                          "Orlinth pair advert failed: " + reason);
-                                                if (onFailure) {
-                                                    onFailure(reason);
-                                                }
-                                            });
+    events.onFailure = [&log = system_.log, next = std::move(events.onFailure)](const std::string& reason) {
+        log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "pair", "Orlinth pair advert failed: " + reason);
+        if (next) {
+            next(reason);
+        }
+    };
+    publication_ = system_.services.publish(service_, executor_, std::move(events));
 }
 
 void PairAdvertiser::stop() noexcept {

@@ -12,12 +12,12 @@ namespace orlinth {
 
 /// Announces pair mode by DNS-SD, with everything that the QR code says, the secret included.
 ///
-/// Threading: start(), stop() and destruction on the executor that failures are told on.
+/// Threading: start(), stop() and destruction on the executor that events are told on.
 class PairAdvertiser {
 public:
     static constexpr std::size_t maxHostnameCharacters = 60;
 
-    /// Builds the service and publishes nothing. `system` outlives this; failures come on `executor`.
+    /// Builds the service and publishes nothing. `system` outlives this; events come on `executor`.
     PairAdvertiser(platform::System& system, const PairingPayload& payload, std::string_view code, Executor executor);
     PairAdvertiser(const PairAdvertiser&) = delete;
     PairAdvertiser& operator=(const PairAdvertiser&) = delete;
@@ -27,9 +27,9 @@ public:
     /// What is announced.
     [[nodiscard]] const platform::ServiceRecord& service() const noexcept { return service_; }
 
-    /// Begins to announce, anew if it is announced already. A failure goes to the system log, and to `onFailure` if
-    /// there is one; nothing else happens.
-    void start(std::function<void(const std::string&)> onFailure = {});
+    /// Begins to announce, anew if it is announced already. A failure goes to the system log, and to `events`; nothing
+    /// else happens.
+    void start(platform::ServiceDiscovery::PublicationEvents events = {});
     /// Withdraws it, if it is announced.
     void stop() noexcept;
 

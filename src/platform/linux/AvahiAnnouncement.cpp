@@ -50,16 +50,16 @@ bool isFinal(int error) {
 /// The way from the loop's thread to the executor. Outlives the announcement while a call is on its way.
 struct AvahiAnnouncement::Teller {
     std::mutex lock;
-    Executor executor;                                 ///< guarded by lock; empty when silent
-    std::function<void(const std::string&)> onFailure; ///< the executor only
+    Executor executor;                          ///< guarded by lock; empty when silent
+    ServiceDiscovery::PublicationEvents events; ///< the executor only
     std::atomic<bool> silent = false;
 };
 
 AvahiAnnouncement::AvahiAnnouncement(AvahiLoop& loop, ServiceRecord service, Executor executor,
-                                     std::function<void(const std::string&)> onFailure)
+                                     ServiceDiscovery::PublicationEvents events)
     : AvahiJob(loop), service_(std::move(service)), teller_(std::make_shared<Teller>()) {
     teller_->executor = std::move(executor);
-    teller_->onFailure = std::move(onFailure);
+    teller_->events = std::move(events);
 }
 
 AvahiAnnouncement::~AvahiAnnouncement() {
@@ -184,6 +184,7 @@ void AvahiAnnouncement::groupChanged(AvahiEntryGroup* group, AvahiEntryGroupStat
     switch (state) {
     case AVAHI_ENTRY_GROUP_ESTABLISHED:
         told_ = false; // what fails from now on is news
+        tellPublished();
         break;
     case AVAHI_ENTRY_GROUP_COLLISION:
         failed(AVAHI_ERR_COLLISION);
@@ -237,8 +238,19 @@ void AvahiAnnouncement::tell(int error) noexcept {
     const std::lock_guard guard(teller_->lock);
     if (teller_->executor) {
         asio::post(teller_->executor, [teller = teller_, reason = std::string(avahi_strerror(error))] {
-            if (!teller->silent) {
-                teller->onFailure(reason);
+            if (!teller->silent && teller->events.onFailure) {
+                teller->events.onFailure(reason);
+            }
+        });
+    }
+}
+
+void AvahiAnnouncement::tellPublished() noexcept {
+    const std::lock_guard guard(teller_->lock);
+    if (teller_->executor) {
+        asio::post(teller_->executor, [teller = teller_] {
+            if (!teller->silent && teller->events.onPublished) {
+                teller->events.onPublished();
             }
         });
     }

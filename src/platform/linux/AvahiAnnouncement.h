@@ -16,10 +16,10 @@ namespace orlinth::platform {
 class AvahiAnnouncement final : public AvahiJob {
 public:
     AvahiAnnouncement(AvahiLoop& loop, ServiceRecord service, Executor executor,
-                      std::function<void(const std::string&)> onFailure);
+                      ServiceDiscovery::PublicationEvents events);
     ~AvahiAnnouncement() override;
 
-    /// From now on nothing is told. On the executor of the failures.
+    /// From now on nothing is told. On the executor of the events.
     void fallSilent() noexcept;
 
 private:
@@ -38,6 +38,7 @@ private:
     void failed(int error) noexcept;
     void tellOnce(int error) noexcept;
     void tell(int error) noexcept;
+    void tellPublished() noexcept;
 
     ServiceRecord service_;
     std::shared_ptr<Teller> teller_;

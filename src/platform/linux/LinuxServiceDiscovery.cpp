@@ -85,9 +85,9 @@ LinuxServiceDiscovery::LinuxServiceDiscovery() : loop_(std::make_shared<AvahiLoo
 LinuxServiceDiscovery::~LinuxServiceDiscovery() = default;
 
 std::unique_ptr<ServicePublication> LinuxServiceDiscovery::publish(ServiceRecord service, Executor executor,
-                                                                   std::function<void(const std::string&)> onFailure) {
+                                                                   PublicationEvents events) {
     auto announcement =
-        std::make_shared<AvahiAnnouncement>(*loop_, std::move(service), std::move(executor), std::move(onFailure));
+        std::make_shared<AvahiAnnouncement>(*loop_, std::move(service), std::move(executor), std::move(events));
     auto publication = std::make_unique<Publication>(loop_, announcement);
     loop_->add(std::move(announcement));
     return publication;

@@ -26,8 +26,8 @@ public:
     /// Tries again each second while it is not the service itself that is at fault, and at once when a daemon appears;
     /// tells the first failure of each time that the service is not announced. A bus that is silent for two seconds is
     /// as good as none.
-    [[nodiscard]] std::unique_ptr<ServicePublication>
-    publish(ServiceRecord service, Executor executor, std::function<void(const std::string&)> onFailure) override;
+    [[nodiscard]] std::unique_ptr<ServicePublication> publish(ServiceRecord service, Executor executor,
+                                                              PublicationEvents events) override;
     /// Type and domain of what is found end with a dot, the keys are in lower case. @throws SystemError also where the
     /// daemon has not begun to look when the time is over
     [[nodiscard]] Task<std::vector<ServiceRecord>> find(std::string type, double seconds) override;

@@ -131,12 +131,22 @@ TEST_F(PairAdvertiserTest, LogsAFailureAndTellsIt) {
     world.services.failure = "Daemon not running";
     std::vector<std::string> told;
     PairAdvertiser pairAdvertiser = advertiser();
-    pairAdvertiser.start([&told](const std::string& reason) { told.push_back(reason); });
+    pairAdvertiser.start({.onPublished = [&told] { told.emplace_back("published"); },
+                          .onFailure = [&told](const std::string& reason) { told.push_back(reason); }});
     world.context.run();
     EXPECT_THAT(told, ElementsAre("Daemon not running"));
     EXPECT_THAT(world.log.lines(),
                 ElementsAre(fakes::RecordingLog::Line{platform::LogLevel::error, "com.tarvinex.orlinth", "pair",
                                                       "Orlinth pair advert failed: Daemon not running"}));
+}
+
+TEST_F(PairAdvertiserTest, TellsOnceItCanBeFound) {
+    int published = 0;
+    PairAdvertiser pairAdvertiser = advertiser();
+    pairAdvertiser.start({.onPublished = [&published] { ++published; }, .onFailure = {}});
+    EXPECT_EQ(published, 0);
+    world.context.run();
+    EXPECT_EQ(published, 1);
 }
 
 TEST_F(PairAdvertiserTest, LogsAFailureThatNobodyAskedFor) {
