@@ -44,6 +44,40 @@ std::string hintForNetwork(const SendError& error, const std::string& where) {
     return "The address in use is that of " + where + "; `orlinth peers` lists what is recorded.";
 }
 
+std::string hintForPeerStore(const PeerStoreError& error, const PeerStore& store) {
+    const std::string file = store.fileURL().string();
+    switch (error.which()) {
+    case PeerStoreError::Case::decode:
+        return "The list of paired phones, " + file +
+               ", is damaged. Restore it from a backup, or move it away and pair your phones again.";
+    case PeerStoreError::Case::read:
+        return "The list of paired phones is " + file + ". Make it readable for this account.";
+    case PeerStoreError::Case::write:
+        return "The list of paired phones is " + file + ". Make it and its folder writable for this account.";
+    case PeerStoreError::Case::directoryCreate:
+        return "The list of paired phones belongs in " + store.directoryURL().string() +
+               ". Make the folder above it writable for this account.";
+    }
+    return {};
+}
+
+std::string hintForKey(const KeyVault::Error& error, const KeyVault& vault) {
+    const std::string file = vault.fileURL().string();
+    switch (error.which()) {
+    case KeyVault::Error::Case::malformedKeyMaterial:
+        return "This computer's key, " + file +
+               ", is damaged. Restore it from a backup, or delete it and pair every phone again.";
+    case KeyVault::Error::Case::read:
+        return "This computer's key is " + file + ". Make it readable for this account.";
+    case KeyVault::Error::Case::write:
+        return "This computer's key belongs in " + file + ". Make its folder writable for this account.";
+    case KeyVault::Error::Case::createDirectory:
+        return "This computer's key belongs in " + vault.directoryURL().string() +
+               ". Make the folder above it writable for this account.";
+    }
+    return {};
+}
+
 } // namespace
 
 std::string hintForSending(const std::exception& error, const std::string& where) {
@@ -77,12 +111,11 @@ std::string hintForSending(const std::exception& error, const std::string& where
 }
 
 std::string hintForNotTaken(const std::string& where) {
-    return where +
-           " ended the connection before it took the file. It may no longer know this computer: if it does not " +
-           "list it, pair again.";
+    return where + " ended the connection before it took the file. It may no longer know this computer: if this computer "
+                   "is not in its list, pair again.";
 }
 
-std::string hintForReceiving(const std::exception& error, const std::string& from) {
+std::string hintForReceiving(const std::exception& error, const std::string& from, const platform::Path& folder) {
     if (const auto* host = dynamic_cast<const HostError*>(&error)) {
         return host->hint();
     }
@@ -96,39 +129,44 @@ std::string hintForReceiving(const std::exception& error, const std::string& fro
     switch (receive->which()) {
     case ReceiveError::Case::timedOut:
         return "Nobody connected in time. Is " + from + " on this network, and does it know this port?";
-    case ReceiveError::Case::listenerStartFailed:
-        return "Another port may be free: --port 0 takes one that is.";
     case ReceiveError::Case::unauthorizedPeer:
         return "Whoever connected is not " + from + ". Nothing was received.";
     case ReceiveError::Case::noiseHandshakeFailed:
         return "Whoever connected did not complete the greeting. Nothing was received.";
     case ReceiveError::Case::fileWriteFailed:
-        return "What has arrived is kept: with room and permission in the folder, receive again to go on from there.";
+        return "What has arrived is kept. Free some space in " + folder.string() +
+               ", or make it writable for this account; then receive again.";
     default:
         return {};
     }
 }
 
-std::string hintForServing(const std::exception& error) {
-    if (const auto* host = dynamic_cast<const HostError*>(&error)) {
-        return host->hint();
+std::string hintForServing(const Host& host, const std::exception& error) {
+    if (const auto* own = dynamic_cast<const HostError*>(&error)) {
+        return own->hint();
     }
-    const auto* receiver = dynamic_cast<const Receiver::Error*>(&error);
-    if (receiver != nullptr && receiver->which() == Receiver::Error::Case::listenerStartFailed) {
-        return "Another program may have the port; `--port` takes another one, and phones have to be told.";
+    return hintForOwnFiles(host, error);
+}
+
+std::string hintForOwnFiles(const Host& host, const std::exception& error) {
+    if (const auto* store = dynamic_cast<const PeerStoreError*>(&error)) {
+        return hintForPeerStore(*store, host.peers());
+    }
+    if (const auto* vault = dynamic_cast<const KeyVault::Error*>(&error)) {
+        return hintForKey(*vault, KeyVault(host.system.files, host.system.directories));
     }
     return {};
 }
 
-std::string hintForConnection(const Receiver::Failure& failure) {
+std::string hintForConnection(const Host& host, const Receiver::Failure& failure) {
     if (failure.from.empty()) {
         return "That was no paired phone, from " + failure.remoteEndpoint + ". Nothing was taken from it.";
     }
     const std::string who = "That was " + failure.from + ", from " + failure.remoteEndpoint + ".";
     try {
         std::rethrow_exception(failure.error);
-    } catch (const PeerStoreError&) {
-        return who + " What is recorded of it could not be read or changed.";
+    } catch (const PeerStoreError& error) {
+        return who + " " + hintForPeerStore(error, host.peers());
     } catch (const ReceiveError& error) {
         if (error.which() == ReceiveError::Case::fileWriteFailed) {
             return who + " With room and permission in the folder it can send the file again.";

@@ -4,6 +4,7 @@
 #include "base/Text.h"
 #include "orlinth/Command.h"
 #include "orlinth/Confirmation.h"
+#include "orlinth/Hints.h"
 #include "orlinth/PairingRecord.h"
 #include "orlinth/PayloadSource.h"
 
@@ -22,9 +23,9 @@ CLI::Validator fourDigits() {
     return {check, ""};
 }
 
-std::string hintForJoining(const std::exception& error) {
-    if (const auto* host = dynamic_cast<const HostError*>(&error)) {
-        return host->hint();
+std::string hintForJoining(const Host& host, const std::exception& error) {
+    if (const auto* own = dynamic_cast<const HostError*>(&error)) {
+        return own->hint();
     }
     if (const auto* search = dynamic_cast<const PairSearchError*>(&error)) {
         switch (search->which()) {
@@ -37,10 +38,13 @@ std::string hintForJoining(const std::exception& error) {
         }
     }
     const auto* join = dynamic_cast<const PairJoinError*>(&error);
-    if (join != nullptr && join->which() != PairJoinError::Case::payload) {
+    if (join != nullptr && join->which() == PairJoinError::Case::payload) {
+        return "Run `orlinth pair` on the other computer again, and use its new code.";
+    }
+    if (join != nullptr) {
         return "A code works once, and while it is shown: run `orlinth pair` there again.";
     }
-    return {};
+    return hintForOwnFiles(host, error);
 }
 
 class JoinCommand final : public Command {
@@ -75,7 +79,7 @@ public:
             host.output.failure(interrupted.description(), "Nothing was recorded.");
             throw;
         } catch (const std::exception& error) {
-            host.output.failure(describe(error), hintForJoining(error));
+            host.output.failure(describe(error), hintForJoining(host, error));
             return 1;
         }
     }

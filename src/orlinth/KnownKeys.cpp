@@ -1,5 +1,6 @@
 #include "orlinth/KnownKeys.h"
 
+#include "orlinth/Hints.h"
 #include "orlinth/RemovedPeers.h"
 
 #include <asio/post.hpp>
@@ -41,6 +42,9 @@ void KnownKeys::refresh(Source& source, const std::function<void()>& read) {
         hint += " " + error.hint();
     } catch (const std::exception& error) {
         trouble = describe(error);
+        if (const std::string way = hintForOwnFiles(host_, error); !way.empty()) {
+            hint += " " + way;
+        }
     }
     if (!trouble.empty()) {
         source.check.doubt(); // it may pass without a change of the file

@@ -103,7 +103,8 @@ OutboxBatches::OutboxBatches(platform::FileSystem& files, platform::Clock& clock
 platform::Path OutboxBatches::makeFolder() {
     const std::optional<platform::Path> root = outbox_.outboxRoot();
     if (!root) {
-        throw OutboxError("there is no outbox, and none can be made at " + root_.string());
+        throw OutboxError("there is no outbox, and none can be made at " + root_.string() + ": " +
+                          outbox_.containerProblem().value_or("it has come meanwhile"));
     }
     try {
         files_.createDirectories(*root, 0700);

@@ -7,8 +7,10 @@
 #include "base/Text.h"
 #include "orlinth/Command.h"
 #include "orlinth/Confirmation.h"
+#include "orlinth/Hints.h"
 #include "orlinth/PairingDoor.h"
 #include "orlinth/PairingRecord.h"
+#include "orlinth/PortTrouble.h"
 #include "orlinth/ServiceControl.h"
 #include "orlinth/Terminal.h"
 #include "orlinth/TerminalQr.h"
@@ -16,9 +18,9 @@
 
 #include <cmath>
 #include <unistd.h>
+#include <utility>
 
 namespace orlinth::host {
-#include <utility>
 
 namespace {
 
@@ -54,25 +56,40 @@ private:
     std::unique_ptr<platform::Timer> timer_;
 };
 
-std::string hintForPairing(const std::exception& error) {
-    if (const auto* host = dynamic_cast<const HostError*>(&error)) {
-        return host->hint();
+std::string hintForDevice(const DeviceInfoError& error) {
+    switch (error.which()) {
+    case DeviceInfoError::Case::getifaddrsFailed:
+        return "The system cannot list the network interfaces: " +
+               describe(platform::SystemError::fromErrno(error.number())) + ". Try again later.";
+    case DeviceInfoError::Case::noActiveInterface:
+        return "Is this computer connected? `--interface NAME` takes a certain interface.";
+    case DeviceInfoError::Case::macNotFound:
+        return "`--interface NAME` takes another interface.";
+    }
+    return {};
+}
+
+std::string hintForPairing(const Host& host, const std::exception& error) {
+    if (const auto* own = dynamic_cast<const HostError*>(&error)) {
+        return own->hint();
     }
     if (const auto* device = dynamic_cast<const DeviceInfoError*>(&error)) {
-        return device->which() == DeviceInfoError::Case::noActiveInterface
-                   ? "Is this computer connected? `--interface NAME` takes a certain interface."
-                   : "`--interface NAME` takes another interface.";
+        return hintForDevice(*device);
+    }
+    if (const auto* code = dynamic_cast<const QRRenderer::Error*>(&error);
+        code != nullptr && code->which() == QRRenderer::Error::Case::filterFailed) {
+        return "What the code has to say does not fit into a QR code. Is this computer's host name very long?";
     }
     if (dynamic_cast<const PairIntroductionError*>(&error) != nullptr) {
         return "Nothing was recorded.";
     }
     const auto* listener = dynamic_cast<const PairListener::Error*>(&error);
     if (listener == nullptr) {
-        return {};
+        return hintForOwnFiles(host, error);
     }
     switch (listener->which()) {
     case PairListener::Error::Case::listenerStartFailed:
-        return "Is another pairing under way? `--port 0` takes a port that is free.";
+        return "`--port 0` takes a port that is free.";
     case PairListener::Error::Case::timedOut:
         return "No phone has answered. Phone and computer must be in the same network; then pair again.";
     case PairListener::Error::Case::readFailed:
@@ -122,7 +139,7 @@ public:
             host.output.failure(interrupted.description(), "Nothing was recorded.");
             throw;
         } catch (const std::exception& error) {
-            host.output.failure(describe(error), hintForPairing(error));
+            host.output.failure(describe(error), hintForPairing(host, error));
             return 1;
         }
     }
@@ -224,7 +241,8 @@ private:
                 borrowed = host.tasks.run(BorrowedPort::borrowFromSleeping(host, port_));
             }
             if (!borrowed) {
-                throw PairListener::Error::listenerStartFailed(describe(error));
+                throw portTrouble(host, port_, error.code(),
+                                  PairListener::Error::listenerStartFailed(describe(error)).description());
             }
             return nullptr;
         }
@@ -249,7 +267,8 @@ private:
         try {
             QRRenderer::writePNG(host.system.files, payload, picture_, pictureScale);
         } catch (const QRRenderer::Error& error) {
-            throw HostError(describe(error), "'" + picture_ + "' cannot be written. Is its folder there, and yours?");
+            throw HostError(describe(error), "Cannot write '" + picture_ + "': " + error.reason() +
+                                                 ". Choose a file in a folder that you may write to.");
         }
     }
 

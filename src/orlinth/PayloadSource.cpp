@@ -36,12 +36,12 @@ Bytes readAtMost(platform::FileSystem& files, const platform::Path& path, std::i
         while (const std::size_t count = file->read(piece)) {
             content.insert(content.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(count));
             if (content.size() > static_cast<std::size_t>(largest)) {
-                throw HostError(path.string() + " is too large for " + what);
+                throw HostError(path.string() + " is too large for " + what, "Is it the right file?");
             }
         }
         wipe(piece);
     } catch (const platform::SystemError& error) {
-        throw HostError(path.string() + ": " + describe(error));
+        throw HostError(path.string() + ": " + describe(error), "Check the file's name and permissions.");
     }
     return content;
 }
@@ -73,19 +73,34 @@ PairingPayload payloadIn(ByteView text) {
 } // namespace
 
 PairingPayload payloadFromFile(Host& host, const std::string& file) {
-    if (file == "-") {
-        const Wiped text(textFromStandardInput());
-        return payloadIn(asBytes(text.get()));
+    const bool isInput = file == "-";
+    try {
+        if (isInput) {
+            const Wiped text(textFromStandardInput());
+            return payloadIn(asBytes(text.get()));
+        }
+        const Wiped content(readAtMost(host.system.files, file, largestPayload, "a pairing payload"));
+        return payloadIn(content.get());
+    } catch (const PairingError& error) {
+        throw HostError(error.description(), (isInput ? "Standard input" : file) +
+                                                 " holds no pairing payload. Give the first line that "
+                                                 "`orlinth pair --json` prints on the other computer.");
     }
-    const Wiped content(readAtMost(host.system.files, file, largestPayload, "a pairing payload"));
-    return payloadIn(content.get());
 }
 
 PairingPayload payloadFromPicture(Host& host, const std::string& file) {
     platform::RasterImage picture = readPicture(host, file);
-    const Wiped text(QRRenderer::decode(picture));
-    wipe(picture.pixels);
-    return PairingPayload::decode(asBytes(text.get()));
+    std::string hint = file + " shows no QR code that can be read. Make a picture of the whole code, with its margin.";
+    try {
+        const Wiped text(QRRenderer::decode(picture));
+        wipe(picture.pixels);
+        hint = "The QR code in " + file + " is not one of `orlinth pair`. Make a picture of that one.";
+        return PairingPayload::decode(asBytes(text.get()));
+    } catch (const QRRenderer::Error& error) {
+        throw HostError(error.description(), hint);
+    } catch (const PairingError& error) {
+        throw HostError(error.description(), hint);
+    }
 }
 
 } // namespace orlinth::host

@@ -9,10 +9,10 @@
 namespace orlinth::host {
 
 /// From a JSON file, which holds the payload itself or the event that `pair --json` prints; "-" is standard input.
-/// @throws HostError, PairingError
+/// @throws HostError that names the file
 [[nodiscard]] PairingPayload payloadFromFile(Host& host, const std::string& file);
 
-/// From a picture (PNG) of the code. @throws HostError, QRRenderer::Error, PairingError
+/// From a picture (PNG) of the code. @throws HostError that names the file
 [[nodiscard]] PairingPayload payloadFromPicture(Host& host, const std::string& file);
 
 } // namespace orlinth::host

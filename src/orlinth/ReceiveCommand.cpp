@@ -1,10 +1,12 @@
 #include "OrlinthCore/Receiving/ReceiveTransfer.h"
 #include "base/Text.h"
 #include "orlinth/Command.h"
+#include "orlinth/FolderCheck.h"
 #include "orlinth/HandshakeLimit.h"
 #include "orlinth/Hints.h"
 #include "orlinth/HumanText.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/PortTrouble.h"
 #include "orlinth/ReceivedFields.h"
 #include "platform/SystemError.h"
 
@@ -89,6 +91,8 @@ public:
         HandshakeLimit handshake(host.system.clock, host.tasks);
         ReceiveReporter reporter(host.output, handshake);
         const std::string& from = peer.record.peer_hostname;
+        const platform::Path folder = downloads(host);
+        requireWritableFolder(host, folder);
         try {
             reporter.tellComplete(
                 host.tasks.run(receiveOneTransfer(host.system, request(host, ownKey, peer, reporter))));
@@ -99,9 +103,9 @@ public:
         } catch (const std::exception& error) {
             if (handshake.hasExpired()) {
                 const auto late = ReceiveError::noiseHandshakeFailed(HandshakeLimit::text());
-                host.output.failure(late.description(), hintForReceiving(late, from));
+                host.output.failure(late.description(), hintForReceiving(late, from, folder));
             } else {
-                host.output.failure(describe(error), hintForReceiving(error, from));
+                host.output.failure(describe(error), hintForReceiving(error, from, folder));
             }
             return 1;
         }
@@ -112,19 +116,21 @@ private:
                                          ReceiveReporter& reporter) const {
         ReceiveRequest request{.staticKey = ownKey,
                                .expectedPeerPubkey = peer.key,
-                               .downloadsDir =
-                                   directory_.empty() ? host.system.directories.downloads : platform::Path(directory_),
+                               .downloadsDir = downloads(host),
                                .port = port_,
                                .acceptTimeout = timeout_,
                                .progress = &reporter};
-        if (port_ == 0) { // to the core that is no port at all: a free one is chosen here
-            try {
-                request.listener = host.system.network.listen({}, host.tasks.executor());
-            } catch (const platform::SystemError& error) {
-                throw ReceiveError::listenerStartFailed(describe(error));
-            }
+        try { // here, because to the core 0 is no port at all, and for the system's reason
+            request.listener = host.system.network.listen({.port = port_, .keepAlive = {}}, host.tasks.executor());
+        } catch (const platform::SystemError& error) {
+            throw portTrouble(host, port_, error.code(),
+                              ReceiveError::listenerStartFailed(describe(error)).description());
         }
         return request;
+    }
+
+    [[nodiscard]] platform::Path downloads(const Host& host) const {
+        return directory_.empty() ? host.system.directories.downloads : platform::Path(directory_);
     }
 
     std::string selector_;

@@ -2,11 +2,13 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "base/Text.h"
 #include "orlinth/Command.h"
+#include "orlinth/FolderCheck.h"
 #include "orlinth/Hints.h"
 #include "orlinth/KnownKeys.h"
 #include "orlinth/OfferQuestions.h"
 #include "orlinth/OutboxSender.h"
 #include "orlinth/PeerStoreWatch.h"
+#include "orlinth/PortTrouble.h"
 #include "orlinth/ServeReporter.h"
 #include "orlinth/ServiceControl.h"
 #include "platform/ServiceManager.h"
@@ -45,9 +47,16 @@ void raiseDescriptorLimit() {
 std::unique_ptr<platform::File> lockService(const Host& host) {
     constexpr int attempts = 20;
     constexpr std::chrono::milliseconds rest{5};
-    auto file = host.system.files.open(host.dataDirectory() / ServiceControl::lockName,
-                                       platform::OpenMode::openOrCreate, platform::Links::follow, 0600);
-    bool isLocked = file->tryLock();
+    const platform::Path path = host.dataDirectory() / ServiceControl::lockName;
+    std::unique_ptr<platform::File> file;
+    bool isLocked = false;
+    try {
+        file = host.system.files.open(path, platform::OpenMode::openOrCreate, platform::Links::follow, 0600);
+        isLocked = file->tryLock();
+    } catch (const platform::SystemError& error) {
+        throw HostError("cannot lock " + path.string() + ": " + error.description(),
+                        "Make this file and its folder writable for this account.");
+    }
     for (int attempt = 1; attempt < attempts && !isLocked; ++attempt) {
         std::this_thread::sleep_for(rest);
         isLocked = file->tryLock();
@@ -166,13 +175,16 @@ public:
         } catch (const Interrupted&) {
             return 0;
         } catch (const std::exception& error) {
-            host.output.failure(describe(error), hintForServing(error));
+            host.output.failure(describe(error), hintForServing(host, error));
             return 1;
         }
     }
 
 private:
     void serve(Host& host, const platform::PrivateKey& ownKey) const {
+        if (accept_ != "never") {
+            requireWritableFolder(host, downloads(host));
+        }
         const std::uint16_t port = inheritedPort(host).value_or(port_);
         Receiver receiver(host.system, ownKey, std::vector<platform::PublicKey>(), downloads(host), port);
         KnownKeys keys(host, receiver, ownKey.publicKey());
@@ -223,15 +235,13 @@ private:
         }
     }
 
-    /// Nothing if the receiver opens the port by itself. To the core zero is no port at all: a free one is chosen here.
+    /// Not left to the receiver: to the core zero is no port at all, and the system's reason is known here.
     [[nodiscard]] static std::unique_ptr<platform::Listener> openPort(Host& host, std::uint16_t port) {
-        if (port != 0) {
-            return nullptr;
-        }
         try {
-            return host.system.network.listen({.port = 0, .keepAlive = Receiver::keepAlive}, host.tasks.executor());
+            return host.system.network.listen({.port = port, .keepAlive = Receiver::keepAlive}, host.tasks.executor());
         } catch (const platform::SystemError& error) {
-            throw Receiver::Error::listenerStartFailed(describe(error));
+            throw portTrouble(host, port, error.code(),
+                              Receiver::Error::listenerStartFailed(describe(error)).description());
         }
     }
 

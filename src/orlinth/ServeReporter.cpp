@@ -190,7 +190,7 @@ void ServeReporter::tellFailure(const Receiver::Failure& failure) {
     if (!failure.from.empty()) {
         context["from"] = failure.from;
     }
-    host_.output.failure(describe(failure.error), hintForConnection(failure), std::move(context));
+    host_.output.failure(describe(failure.error), hintForConnection(host_, failure), std::move(context));
 }
 
 void ServeReporter::notifyOfFile(const Receiver::File& file) {

@@ -35,6 +35,7 @@ constexpr int startLimit = 10;
 
 constexpr const char* requestKey = "request";
 constexpr const char* lendRequest = "lend_port";
+constexpr const char* portRequest = "port";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
 constexpr const char* errorKey = "error";
@@ -190,7 +191,10 @@ Task<> ServiceControl::answer(std::unique_ptr<platform::Stream> stream) {
         const std::string line = co_await within(clock, lineLimit, readLine(*stream));
         const Json request = parseJson(line);
         const std::optional<std::uint16_t> wanted = portIn(request);
-        if (requireString(request, requestKey) != lendRequest) {
+        const std::string what = requireString(request, requestKey);
+        if (what == portRequest) {
+            reply[portKey] = port_;
+        } else if (what != lendRequest) {
             reply = co_await answerOther(request);
         } else if (wanted && *wanted != port_) {
             reply = Json{{portKey, port_}, {lentKey, false}};
@@ -360,6 +364,18 @@ Task<std::optional<Json>> askService(Host& host, Json request) {
         problem = describe(error);
     }
     throw HostError("the running service did not do it: " + problem);
+}
+
+Task<std::optional<std::uint16_t>> askServicePort(Host& host) {
+    const std::optional<Json> reply = co_await askService(host, {{requestKey, portRequest}});
+    if (!reply) {
+        co_return std::nullopt;
+    }
+    try {
+        co_return portIn(*reply);
+    } catch (const JsonError& error) {
+        throw HostError(error.description());
+    }
 }
 
 Task<std::optional<BorrowedPort>> BorrowedPort::borrow(Host& host, std::optional<std::uint16_t> wanted) {

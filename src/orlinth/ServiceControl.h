@@ -21,6 +21,7 @@ namespace orlinth::host {
 /// socket itself (one byte with SCM_RIGHTS): a port that a service manager keeps open could not be opened by anybody
 /// else. With
 /// `"port":N` in the request only that port is wanted; of another one the answer is `{"lent":false,"port":28471}`.
+/// `{"request":"port"}` is answered by `{"port":28471}` and lends nothing.
 /// Other requests are answered by whoever is asked then; `onRequest`.
 /// What goes wrong is answered by `{"error":"…"}`.
 class ServiceControl {
@@ -68,6 +69,9 @@ private:
 /// Asks the running service. Nothing if none runs.
 /// @throws HostError if it does not answer, or answers that it cannot
 [[nodiscard]] Task<std::optional<Json>> askService(Host& host, Json request);
+
+/// The running service's port, which stays with it. Nothing if none runs. @throws HostError if it does not say
+[[nodiscard]] Task<std::optional<std::uint16_t>> askServicePort(Host& host);
 
 /// The running service's port, for as long as this lives.
 class BorrowedPort {

@@ -31,6 +31,37 @@ public:
     int run(Host& host) override {
         const Choice choice = choosePhones(host);
         const ShareOutbox outbox(host.system.files, host.system.directories);
+        try {
+            return share(host, outbox, choice);
+        } catch (const ShareError& error) {
+            throw HostError(error.description(), hintFor(error, outbox));
+        }
+    }
+
+private:
+    struct Choice {
+        std::optional<std::vector<std::string>> keys; ///< nothing where there was nothing to choose
+        std::vector<std::string> names;
+    };
+
+    [[nodiscard]] static std::string hintFor(const ShareError& error, const ShareOutbox& outbox) {
+        switch (error.which()) {
+        case ShareError::Case::containerUnavailable:
+            return "Cannot make the folder " + outbox.container().string() + ": " +
+                   outbox.containerProblem().value_or("it has come meanwhile") +
+                   ". Make the folder above it writable for this account.";
+        case ShareError::Case::batchNotCreated:
+        case ShareError::Case::manifestNotWritten:
+            return "The outbox is in " + outbox.container().string() +
+                   ". Free some space there, or make it writable for this account.";
+        case ShareError::Case::nothingShareable:
+        case ShareError::Case::nothingRead:
+            return "Nothing was queued.";
+        }
+        return {};
+    }
+
+    int share(Host& host, const ShareOutbox& outbox, const Choice& choice) const {
         ShareStaging staging({.files = host.system.files,
                               .clock = host.system.clock,
                               .log = host.system.log,
@@ -40,7 +71,7 @@ public:
         for (const std::string& file : files_) {
             if (!staging.add(file)) {
                 ++skipped;
-                host.output.failure("'" + file + "' was skipped: " + whyNot(host.system.files, file), {},
+                host.output.failure("'" + file + "' was skipped: " + whyNot(host.system.files, file, staging), {},
                                     {{"file", file}});
             }
         }
@@ -49,14 +80,9 @@ public:
         return skipped == 0 ? 0 : 1;
     }
 
-private:
-    struct Choice {
-        std::optional<std::vector<std::string>> keys; ///< nothing where there was nothing to choose
-        std::vector<std::string> names;
-    };
-
     /// Why a file was not copied, as far as another look at it tells.
-    [[nodiscard]] static std::string whyNot(platform::FileSystem& files, const std::string& file) {
+    [[nodiscard]] static std::string whyNot(platform::FileSystem& files, const std::string& file,
+                                            const ShareStaging& staging) {
         try {
             const std::optional<platform::FileStatus> status = files.status(file);
             if (!status) {
@@ -69,7 +95,7 @@ private:
                 return "it is no regular file";
             }
             static_cast<void>(files.open(file, platform::OpenMode::read));
-            return "it could not be copied"; // the log has more
+            return "it cannot be copied into the outbox: " + staging.lastProblem();
         } catch (const platform::SystemError& error) {
             return error.description();
         }

@@ -34,8 +34,9 @@ void updateSharedPeers(const Host& host) noexcept {
                 {.hostname = record.peer_hostname, .pubkey = record.peer_pubkey, .subtitle = subtitleOf(record)});
         }
         outbox.writePeers(peers);
-    } catch (const std::exception&) {
-        return;
+    } catch (const std::exception& error) {
+        host.system.log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "share",
+                              "cannot update the share sheet's list of phones: " + describe(error));
     }
 }
 

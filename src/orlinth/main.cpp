@@ -1,5 +1,6 @@
 #include "base/Text.h"
 #include "orlinth/Command.h"
+#include "orlinth/Hints.h"
 #include "orlinth/Settings.h"
 #include "platform/linux/LinuxSystem.h"
 
@@ -95,7 +96,7 @@ int runCommand(Command& command, Host& host) {
     } catch (const HostError& error) {
         host.output.failure(error.description(), error.hint());
     } catch (const std::exception& error) {
-        host.output.failure(describe(error));
+        host.output.failure(describe(error), hintForOwnFiles(host, error));
     }
     return status;
 }

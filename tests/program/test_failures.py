@@ -6,7 +6,7 @@ import socket
 import subprocess
 import unittest
 
-from harness import (FRAMES_BEFORE_DATA, MIB, Identity, ProgramTest, UnansweredPort, random_key, seeded)
+from harness import (FRAMES_BEFORE_DATA, MIB, ORLINTH, Identity, ProgramTest, UnansweredPort, random_key, seeded)
 
 
 class Strangers(ProgramTest):
@@ -110,6 +110,7 @@ class Disks(ProgramTest):
         self.assertEqual(1, receiver.wait())
         self.assertEqual(1, sender.wait())
         self.assert_one_line_error(receiver.stderr, "file write failed: " + reason)
+        self.assertIn(f"Free some space in {folder}, ", receiver.stderr)
         partial = folder / "a.bin.partial"
         self.assertTrue(file.read_bytes().startswith(partial.read_bytes()))
         self.assertFalse((folder / "a.bin").exists())
@@ -133,17 +134,36 @@ class Disks(ProgramTest):
         else:
             folder.chmod(0o555)
             reason = "Permission denied"
-        receiver = self.receiver("--dir", str(folder))
-        sender = self.sender(self.file("a.bin", b"a"), receiver.port)
-        self.assertEqual(1, receiver.wait())
-        self.assertEqual(1, sender.wait())
-        self.assertRegex(receiver.stderr, r"(?m)^orlinth: file write failed: .*" + reason)
+        for command in (["receive", "--from", "mac"], ["serve"]):
+            with self.subTest(command[0]):
+                result = self.phone.run(*command, "--port", "0", "--dir", str(folder))
+                self.assertEqual((1, ""), (result.returncode, result.stdout))
+                first, second = result.stderr.splitlines()[-2:]
+                self.assertRegex(
+                    first, f"^orlinth: cannot write to the folder for received files, {folder}: .*" + reason)
+                self.assertEqual("Make it writable for this account, or choose another folder with `--dir`.", second)
 
-    def test_a_folder_that_cannot_be_made_is_told(self):
+    def test_a_folder_that_cannot_be_made_is_told_before_anybody_connects(self):
         (self.folder / "file").write_text("")
-        received = self.phone.run("receive", "--from", "mac", "--port", "0", "--dir", str(self.folder / "file" / "x"))
-        self.assertEqual(1, received.returncode)
-        self.assert_one_line_error(received.stderr, "Not a directory")
+        (self.folder / "link").symlink_to(self.folder / "nowhere")
+        for name, reason in (("file", "Not a directory"), ("file/x", "Not a directory"),
+                             ("link", f"it is a link to {self.folder}/nowhere, which does not exist")):
+            for command in (["receive", "--from", "mac"], ["serve"]):
+                with self.subTest(folder=name, command=command[0]):
+                    folder = self.folder / name
+                    result = self.phone.run(*command, "--port", "0", "--dir", str(folder))
+                    self.assertEqual(1, result.returncode)
+                    self.assert_one_line_error(
+                        result.stderr, f"cannot write to the folder for received files, {folder}: {reason}")
+
+    def test_looking_at_the_folder_leaves_nothing_behind(self):
+        before = sorted(self.folder.rglob("*"))
+        with socket.create_server(("0.0.0.0", 0)) as taken:
+            port = str(taken.getsockname()[1])
+            for folder in (self.folder / "new" / "folder", self.phone.downloads):
+                received = self.phone.run("receive", "--from", "mac", "--port", port, "--dir", str(folder))
+                self.assert_one_line_error(received.stderr, "listener start failed: Address already in use")
+                self.assertEqual(before, sorted(self.folder.rglob("*")))
 
     def test_a_file_that_another_process_is_writing_is_left_to_it(self):
         file = self.file("a.bin", seeded(self).randbytes(16 * MIB))
@@ -201,6 +221,31 @@ class Silence(ProgramTest):
         second = self.phone.run("receive", "--from", "mac", "--port", str(first.port))
         self.assertEqual(1, second.returncode)
         self.assert_one_line_error(second.stderr, "listener start failed: Address already in use")
+        self.assertEqual(f"Another program is using port {first.port}; `ss -ltnp` shows which. Choose another port "
+                         "(`--port 0`: any free one), or stop that program.", second.stderr.splitlines()[-1])
+
+    def test_a_port_that_the_own_service_has_is_told(self):
+        service = self.running(self.phone, "serve", "--port", "0", "--json")
+        port = service.events.wait_for("listening")["port"]
+        received = self.phone.run("receive", "--from", "mac", "--port", str(port))
+        self.assertEqual(1, received.returncode)
+        self.assert_one_line_error(received.stderr, "listener start failed: Address already in use")
+        self.assertEqual(f"The Orlinth service is using port {port} and receives from every paired phone. Choose "
+                         "another port (`--port 0`: any free one), or stop the service first.",
+                         received.stderr.splitlines()[-1])
+
+    def test_a_port_that_this_account_may_not_open_is_told(self):
+        # in a network of its own, where nobody but root has the ports below 1024, and root is not asked
+        drop = ["unshare", "--net", "setpriv", "--inh-caps=-all", "--ambient-caps=-all", "--bounding-set=-all"]
+        if os.geteuid() != 0:
+            drop = []
+        for command in (["serve"], ["receive", "--from", "mac"]):
+            with self.subTest(command[0]):
+                program = self.running_program([*drop, ORLINTH, *command, "--port", "80", "--json"], self.phone)
+                self.assertEqual(1, program.wait())
+                self.assert_one_line_error(program.stderr, "listener start failed: Permission denied")
+                self.assertEqual("This account may not open port 80; ports below 1024 are usually reserved. Choose a "
+                                 "higher one with `--port`.", program.stderr.splitlines()[-1])
 
 
 if __name__ == "__main__":

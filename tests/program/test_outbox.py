@@ -2,6 +2,8 @@
 
 import json
 import os
+import resource
+import shutil
 import subprocess
 import time
 import unittest
@@ -50,6 +52,25 @@ class Sharing(OutboxTest):
         self.wait_for(service, "outbox_done")
         self.assertEqual(b"some text", (self.phone.downloads / "a.txt").read_bytes())
         self.assertIn("The service sends it now", self.mac.run("share", str(self.file("b.txt", b"b"))).stderr)
+
+    def test_why_nothing_can_be_shared_is_told_with_the_folder_and_the_systems_reason(self):
+        file = self.file("big.bin", bytes(2 * MIB))
+
+        def limit():
+            resource.setrlimit(resource.RLIMIT_FSIZE, (MIB, resource.RLIM_INFINITY))
+
+        result = self.mac.run("share", str(file), preexec_fn=limit)
+        self.assertEqual(1, result.returncode)
+        self.assertEqual([f"orlinth: '{file}' was skipped: it cannot be copied into the outbox: File too large",
+                          "orlinth: Could not read the shared file(s)", "Nothing was queued."],
+                         result.stderr.splitlines())
+        shutil.rmtree(self.container)
+        self.container.write_text("in the way")
+        result = self.mac.run("share", str(file))
+        self.assertEqual(1, result.returncode)
+        self.assertEqual(["orlinth: App Group container unavailable — check entitlement",
+                          f"Cannot make the folder {self.container}: File exists. Make the folder above it writable for "
+                          "this account."], result.stderr.splitlines())
 
     def test_people_read_a_line_for_each_file(self):
         self.phone_listens()

@@ -13,6 +13,7 @@ import struct
 import subprocess
 import time
 import unittest
+import zlib
 
 from cryptography.hazmat.primitives import hashes
 from cryptography.hazmat.primitives.asymmetric.x25519 import X25519PrivateKey
@@ -508,7 +509,7 @@ class WhatGoesWrong(PairingTest):
                               str(self.folder / "none" / "code.png"))
         self.assertEqual(1, result.returncode)
         self.assert_one_line_error(result.stderr, "CGImageDestination PNG write failed")
-        self.assertIn("none/code.png' cannot be written", result.stderr)
+        self.assertRegex(result.stderr, "Cannot write '.*none/code.png': No such file or directory. ")
         self.assertEqual(2, self.mac.run("pair", "--png", "-").returncode)
 
     def test_a_peer_store_that_cannot_be_used_is_told_of_before_anything_else(self):
@@ -517,7 +518,42 @@ class WhatGoesWrong(PairingTest):
         result = self.mac.run("pair", "--port", "0", "--interface", "lo", "--no-advertise")
         self.assertEqual((1, ""), (result.returncode, result.stdout))
         self.assertIn("orlinth: PeerRecord decode failed: ", result.stderr)
+        self.assertIn(f"The list of paired phones, {self.mac.peer_file}, is damaged. ", result.stderr)
         self.assertEqual("{", self.mac.peer_file.read_text())
+
+    def test_a_payload_that_is_none_is_told_with_its_file(self):
+        payload, picture = self.file("payload.json", b'{"version":1}'), self.file("code.png", b"no picture")
+        for arguments, text, way in (
+            (["--payload", str(payload)], "JSON decode failed: ", f"{payload} holds no pairing payload. "),
+            (["--payload", "-"], "JSON decode failed: ", "Standard input holds no pairing payload. "),
+            (["--payload", "/nowhere/x"], "/nowhere/x: No such file or directory", "Check the file's name"),
+            (["--qr", str(picture)], f"{picture}: ", "The picture must be a PNG file."),
+        ):
+            with self.subTest(arguments):
+                result = self.mac.run("join", *arguments, "--yes", input="{}")
+                self.assertEqual(1, result.returncode)
+                first, second = result.stderr.splitlines()
+                self.assertTrue(first.startswith("orlinth: " + text), first)
+                self.assertTrue(second.startswith(way), second)
+
+    def test_a_picture_without_a_code_is_told_with_its_file(self):
+        def chunk(name, data):
+            return struct.pack(">I", len(data)) + name + data + struct.pack(">I", zlib.crc32(name + data))
+
+        picture = self.file("white.png", b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", 64, 64, 8, 0, 0, 0, 0))
+                            + chunk(b"IDAT", zlib.compress((b"\0" + b"\xff" * 64) * 64)) + chunk(b"IEND", b""))
+        result = self.mac.run("join", "--qr", str(picture), "--yes")
+        self.assertEqual(1, result.returncode)
+        self.assert_one_line_error(result.stderr, "QR decode failed: no QR symbol found in image")
+        self.assertIn(f"{picture} shows no QR code that can be read. ", result.stderr)
+
+    def test_a_port_that_may_not_be_opened_is_told_plainly(self):
+        with socket.create_server(("0.0.0.0", 0)) as taken:
+            port = taken.getsockname()[1]
+            result = self.mac.run("pair", "--port", str(port), "--interface", "lo", "--no-advertise")
+        self.assertEqual(1, result.returncode)
+        self.assert_one_line_error(result.stderr, "NWListener failed to start: Address already in use")
+        self.assertIn(f"Another program is using port {port}; ", result.stderr)
 
 
 class WhatJoinRefuses(PairingTest):

@@ -177,8 +177,28 @@ class Peers(ProgramTest):
             result = self.mac.run(*arguments)
             self.assertEqual(1, result.returncode)
             self.assertRegex(result.stderr, r"^orlinth: PeerRecord decode failed: .")
+            self.assertEqual(f"The list of paired phones, {self.mac.peer_file}, is damaged. Restore it from a backup, "
+                             "or move it away and pair your phones again.", result.stderr.splitlines()[-1])
         self.assertEqual(1, self.add("x").returncode)
         self.assertEqual("{nonsense", self.mac.peer_file.read_text())
+
+    def test_a_file_that_cannot_be_used_is_named_with_the_way_out(self):
+        key = self.mac.data / "Orlinth" / "noise_static.bin"
+        good = key.read_bytes()
+        self.mac.peer_file.unlink()
+        for path, make, text, way in (
+            (self.mac.peer_file, lambda: self.mac.peer_file.mkdir(), "PeerRecord read failed: Is a directory",
+             "The list of paired phones is {}. Make it readable for this account."),
+            (key, lambda: key.write_bytes(good[:31]), "stored key has wrong length 31 (want 32)",
+             "This computer's key, {}, is damaged. Restore it from a backup, or delete it and pair every phone again."),
+            (key, lambda: (key.unlink(), key.mkdir()), "vault read failed: Is a directory",
+             "This computer's key is {}. Make it readable for this account."),
+        ):
+            with self.subTest(text):
+                make()
+                result = self.mac.run("peers", "remove", "x")
+                self.assertEqual((1, [f"orlinth: {text}", way.format(path)]),
+                                 (result.returncode, result.stderr.splitlines()))
 
     def test_two_processes_at_once_lose_nothing(self):
         failures = []

@@ -251,7 +251,7 @@ class Instances(ServeTest):
             result = self.desk.run("serve", "--port", str(port), "--json")
         self.assertEqual(1, result.returncode)
         self.assert_one_line_error(result.stderr, "listener start failed: Address already in use")
-        self.assertIn("--port", result.stderr)
+        self.assertIn(f"Another program is using port {port}; ", result.stderr)
         self.assertEqual(["error"], [json.loads(line)["event"] for line in result.stdout.splitlines()])
 
 
@@ -578,8 +578,9 @@ class Trouble(ServeTest):
         self.assertEqual(str(folder / "small.bin"), event["saved_at"])
 
     def test_a_folder_that_cannot_be_written_is_told_and_may_become_one_that_can(self):
-        folder = self.mounted("ro")
+        folder = self.mounted("rw")
         service = self.serve("--dir", str(folder))
+        subprocess.run(["mount", "-o", "remount,ro", str(folder)], check=True)
         file = self.file("a.bin", b"abc")
         self.assertEqual(1, self.send(self.phone, file, service.port).wait())
         self.assertIn("Read-only file system", service.events.wait_for("error")["message"])
@@ -598,7 +599,8 @@ class Trouble(ServeTest):
         lock.mkdir()
         result = self.desk.run("serve", "--port", "0")
         self.assertEqual((1, ""), (result.returncode, result.stdout))
-        self.assert_one_line_error(result.stderr, "Is a directory")
+        self.assert_one_line_error(result.stderr, f"cannot lock {lock}: Is a directory")
+        self.assertIn("Make this file and its folder writable for this account.", result.stderr)
 
 
 if __name__ == "__main__":

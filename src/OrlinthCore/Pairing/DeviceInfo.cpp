@@ -82,7 +82,7 @@ std::string macOf(const Entries& entries, const std::string& interface) {
 } // namespace
 
 DeviceInfoError DeviceInfoError::getifaddrsFailed(std::int32_t number) {
-    return {Case::getifaddrsFailed, "getifaddrs failed (errno " + std::to_string(number) + ")"};
+    return {Case::getifaddrsFailed, "getifaddrs failed (errno " + std::to_string(number) + ")", number};
 }
 
 DeviceInfoError DeviceInfoError::macNotFound(const std::string& interface) {

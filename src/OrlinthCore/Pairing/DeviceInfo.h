@@ -18,10 +18,14 @@ public:
     [[nodiscard]] static DeviceInfoError noActiveInterface();
 
     [[nodiscard]] Case which() const noexcept { return case_; }
+    /// Of getifaddrsFailed; else 0.
+    [[nodiscard]] std::int32_t number() const noexcept { return number_; }
 
 private:
-    DeviceInfoError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
+    DeviceInfoError(Case which, std::string description, std::int32_t number = 0)
+        : Error(std::move(description)), case_(which), number_(number) {}
     Case case_;
+    std::int32_t number_;
 };
 
 /// Under which identity a phone can reach this computer on the local network.

@@ -76,8 +76,8 @@ QRRenderer::Error QRRenderer::Error::renderFailed() {
     return {Case::renderFailed, "CIContext.createCGImage failed"};
 }
 
-QRRenderer::Error QRRenderer::Error::pngFailed() {
-    return {Case::pngFailed, "CGImageDestination PNG write failed"};
+QRRenderer::Error QRRenderer::Error::pngFailed(std::string reason) {
+    return {Case::pngFailed, "CGImageDestination PNG write failed", std::move(reason)};
 }
 
 RasterImage QRRenderer::makeImage(ByteView bytes, double scale) {
@@ -118,10 +118,10 @@ void QRRenderer::writePNG(platform::FileSystem& files, const PairingPayload& pay
         Bytes png = platform::encodePng(image);
         const WipedAtEnd wipedPng(png);
         platform::writeWholeFile(files, file, png, forTheOwnerAlone);
-    } catch (const platform::ImagingError&) {
-        throw Error::pngFailed();
-    } catch (const platform::SystemError&) {
-        throw Error::pngFailed();
+    } catch (const platform::ImagingError& error) {
+        throw Error::pngFailed(error.description());
+    } catch (const platform::SystemError& error) {
+        throw Error::pngFailed(error.description());
     }
 }
 

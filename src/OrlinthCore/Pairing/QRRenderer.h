@@ -42,13 +42,18 @@ public:
     [[nodiscard]] static Error decodeFailed(const std::string& text);
     [[nodiscard]] static Error filterFailed();
     [[nodiscard]] static Error renderFailed();
-    [[nodiscard]] static Error pngFailed();
+    /// `reason` is the system's, for example "Permission denied"; the fixed text does not have it.
+    [[nodiscard]] static Error pngFailed(std::string reason);
 
     [[nodiscard]] Case which() const noexcept { return case_; }
+    /// Of pngFailed; else "".
+    [[nodiscard]] const std::string& reason() const noexcept { return reason_; }
 
 private:
-    Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
+    Error(Case which, std::string description, std::string reason = {})
+        : orlinth::Error(std::move(description)), case_(which), reason_(std::move(reason)) {}
     Case case_;
+    std::string reason_;
 };
 
 } // namespace orlinth

@@ -1,5 +1,6 @@
 #include "OrlinthCore/Share/ShareOutbox.h"
 
+#include "platform/SystemError.h"
 #include "platform/WholeFile.h"
 
 namespace orlinth {
@@ -70,12 +71,16 @@ std::optional<platform::Path> ShareOutbox::peersFileURL() const {
     return hasContainer() ? std::optional(container_ / peersName) : std::nullopt;
 }
 
-bool ShareOutbox::hasContainer() const noexcept {
+bool ShareOutbox::hasContainer() const {
+    return !containerProblem();
+}
+
+std::optional<std::string> ShareOutbox::containerProblem() const {
     try {
         files_.createDirectories(container_, ownersFolder);
-        return true;
-    } catch (const std::exception&) {
-        return false; // the caller says what that means
+        return std::nullopt;
+    } catch (const platform::SystemError& error) {
+        return error.description();
     }
 }
 

@@ -64,6 +64,10 @@ public:
     [[nodiscard]] std::optional<platform::Path> outboxRoot() const;
     /// Nothing, likewise.
     [[nodiscard]] std::optional<platform::Path> peersFileURL() const;
+    /// The container that both lie in.
+    [[nodiscard]] const platform::Path& container() const noexcept { return container_; }
+    /// Why there is no container and none can be made, in the system's words; nothing if there is one.
+    [[nodiscard]] std::optional<std::string> containerProblem() const;
 
     /// The text of the file, and back. @throws JsonError from the first malformed entry on
     [[nodiscard]] static std::vector<SharePeer> decodePeers(ByteView text);
@@ -81,7 +85,7 @@ private:
     static constexpr const char* peersName = "peers.json";
 
     /// Makes the container if need be; returns whether it is there.
-    [[nodiscard]] bool hasContainer() const noexcept;
+    [[nodiscard]] bool hasContainer() const;
 
     platform::FileSystem& files_;
     platform::Path container_;

@@ -182,8 +182,15 @@ bool ShareStaging::add(const Path& file) noexcept {
         return true;
     } catch (const std::exception& error) {
         system_.log.write(LogLevel::error, logSubsystem, logCategory, "copy failed: " + describe(error));
+        const std::lock_guard guard(lock_);
+        lastProblem_ = describe(error);
         return false;
     }
+}
+
+std::string ShareStaging::lastProblem() const {
+    const std::lock_guard guard(lock_);
+    return lastProblem_;
 }
 
 ShareOutbox::Manifest ShareStaging::finish(std::optional<std::vector<std::string>> targetPubkeys) {

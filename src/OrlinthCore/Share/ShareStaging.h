@@ -68,6 +68,8 @@ public:
     /// Copies a file into the folder, under its own name or the next free one, shortened to 255 bytes. A file that
     /// cannot be read, a folder, or a special file is skipped, which is logged. Returns whether it was copied.
     bool add(const platform::Path& file) noexcept;
+    /// Why the file that was skipped last was skipped, in the system's words; "" if none was.
+    [[nodiscard]] std::string lastProblem() const;
     /// Writes the manifest and rings. Returns it. Once. @throws ShareError; then the folder is gone, and the host has
     /// seen no batch
     ShareOutbox::Manifest finish(std::optional<std::vector<std::string>> targetPubkeys);
@@ -86,8 +88,9 @@ private:
     platform::Path folder_;
     std::unique_ptr<platform::File> hold_; ///< the locked folder
     bool isFinished_ = false;
-    std::mutex lock_;                ///< guards the next
+    mutable std::mutex lock_;        ///< guards the next two
     std::vector<std::string> names_; ///< in the order in which the copies finished
+    std::string lastProblem_;
 };
 
 } // namespace orlinth

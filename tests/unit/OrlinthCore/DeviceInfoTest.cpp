@@ -86,6 +86,7 @@ TEST_F(DeviceInfoTest, FailsForAListWithoutEntries) {
 TEST_F(DeviceInfoTest, HasFixedTextsForItsErrors) {
     EXPECT_EQ(DeviceInfoError::getifaddrsFailed(-1).which(), Case::getifaddrsFailed);
     EXPECT_EQ(DeviceInfoError::getifaddrsFailed(-1).description(), "getifaddrs failed (errno -1)");
+    EXPECT_EQ(DeviceInfoError::getifaddrsFailed(12).number(), 12);
     EXPECT_EQ(DeviceInfoError::macNotFound("br0").which(), Case::macNotFound);
     EXPECT_EQ(DeviceInfoError::macNotFound("br0").description(), "MAC address not found for br0");
     EXPECT_EQ(DeviceInfoError::noActiveInterface().which(), Case::noActiveInterface);

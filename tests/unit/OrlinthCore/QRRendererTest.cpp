@@ -163,6 +163,12 @@ TEST(QRRenderer, SaysThatAPictureCannotBeWritten) {
     files.put("/pictures/code.png", "an older picture");
     files.addFault({.operation = Operation::write, .errorNumber = ENOSPC});
     EXPECT_EQ(failureOf(write), "CGImageDestination PNG write failed");
+    try {
+        write();
+        ADD_FAILURE();
+    } catch (const QRRenderer::Error& error) {
+        EXPECT_EQ(error.reason(), "No space left on device");
+    }
     EXPECT_EQ(files.content("/pictures/code.png"), "an older picture");
     EXPECT_THAT(files.allFiles(), ElementsAre("/pictures/code.png"));
     files.clearFaults();
@@ -276,7 +282,7 @@ TEST(QRRenderer, ErrorsHaveTheirTexts) {
     EXPECT_EQ(Error::decodeFailed("why").description(), "QR decode failed: why");
     EXPECT_EQ(Error::filterFailed().which(), Error::Case::filterFailed);
     EXPECT_EQ(Error::renderFailed().which(), Error::Case::renderFailed);
-    EXPECT_EQ(Error::pngFailed().which(), Error::Case::pngFailed);
+    EXPECT_EQ(Error::pngFailed("no room").which(), Error::Case::pngFailed);
 }
 
 } // namespace
