@@ -23,6 +23,9 @@ LONGEST_STALL = 4.0
 # Of the faults that hit a program: without the relay, by what lies in the receiver's folder.
 SHARE_DIRECT = 0.15
 
+# Of the kills of a receiver: just when it has got the last byte, as what it does then is over so soon.
+SHARE_AT_DONE, LONGEST_AFTER_DONE = 0.2, 3e-3
+
 # How an attempt ends that hangs for good, because nobody told its sender anything any more.
 ENDINGS = ("kill the sender", "end the sender", "reset the sender", "reset both")
 
@@ -60,7 +63,7 @@ class Case:
         return random.Random(self.content_seed).randbytes(self.size)
 
     def where(self):
-        delay = f", {self.seconds * 1000:.1f} ms later" if self.seconds and self.kind in PROCESS else ""
+        delay = f", {self.seconds * 1000:.2f} ms later" if self.seconds and self.kind in PROCESS else ""
         if self.kind == DISK_FULL:
             return f"after {self.disk_bytes} bytes"
         if self.is_direct:
@@ -125,8 +128,9 @@ def choose_place(dice, case):
         case.anchor = dice.choice(("end", "after"))
     if case.kind in PROCESS:
         case.seconds = delay(dice)
-        if case.flow == THERE and case.anchor != "byte":  # this is when the receiver reads Done
-            case.seconds = dice.choice((case.seconds, dice.uniform(0, 1e-3)))
+        if case.kind == RECEIVER_KILLED and dice.random() < SHARE_AT_DONE:
+            case.flow, case.anchor, case.total = THERE, "byte", sum(frames[THERE])
+            case.at, case.seconds = case.total, dice.uniform(0, LONGEST_AFTER_DONE)
     elif case.kind == STALL:
         case.seconds = dice.uniform(0.2, LONGEST_STALL)
 

@@ -256,8 +256,7 @@ class FaultyRelay:
 
     def _run(self):
         while not self.is_closing:
-            wait = max(0.0, self.timers[0][0] - time.monotonic()) if self.timers else -1
-            for descriptor, events in self.epoll.poll(wait):
+            for descriptor, _ in self.epoll.poll(self._seconds_to_wait()):
                 if descriptor == self.listener.fileno():
                     self._accept()
                 elif descriptor == self.woken.fileno():
@@ -268,6 +267,13 @@ class FaultyRelay:
                 self.orders.get()()
             while self.timers and self.timers[0][0] <= time.monotonic():
                 heapq.heappop(self.timers)[2]()
+
+    def _seconds_to_wait(self):
+        """For ever if there is nothing to wait for; and not at all if that is less than epoll can wait for."""
+        if not self.timers:
+            return -1
+        left = self.timers[0][0] - time.monotonic()
+        return left if left > 0.0015 else 0
 
     def _after(self, seconds, do):
         heapq.heappush(self.timers, (time.monotonic() + seconds, next(self.order), do))

@@ -7,7 +7,7 @@ import cases
 from verdicts import AFTER_RETRY, AT_ONCE
 
 COLUMNS = ("faults", "at once", "after retry", "wrong", "lost", "doubled", "believed", "stuck", "in window",
-           "believed there")
+           "believed in window")
 
 
 class Tally:
@@ -22,7 +22,7 @@ class Tally:
         for name in verdict.faults:
             self.counts[name] += 1
         self.counts["in window"] += result.in_window
-        self.counts["believed there"] += verdict.is_believed_in_window
+        self.counts["believed in window"] += verdict.is_believed_in_window
 
     def row(self, title):
         return f"| {title:<15} | " + " | ".join(f"{self.counts[name]:>{len(name)}}" for name in COLUMNS) + " |"
@@ -67,8 +67,8 @@ class Report:
         self.print_rows([("all", struck)])
         missed = len(self.results) - len(struck)
         left = sum(result.seen.unfinished > 0 for result in struck)
-        print(f"\nSeed {self.options.seed}, {self.seconds:.0f} s. {missed} more faults did not strike: the transfer was "
-              f"over before. {left} times an unfinished partial file was left beside what was delivered.")
+        print(f"\nSeed {self.options.seed}, {self.seconds:.0f} s. Not in the table: {missed} transfers that ended before "
+              f"their fault. Partial files left behind: in {left} cases.")
         self.print_bad()
 
     @staticmethod
@@ -85,14 +85,14 @@ class Report:
         bad = sorted((result for result in self.results if result.verdict.faults), key=lambda r: r.case.index)
         limit = self.options.bad_cases
         if bad:
-            print("\nWhat must not be; to repeat one: "
+            print("\nFailures. To repeat one: "
                   f"scripts/faults --seed {self.options.seed} --way {self.options.way} --only NUMBER")
         for result in bad[:limit]:
             print(f"{result.case.index:>6}  {result.case}: {', '.join(result.verdict.faults)}")
         if len(bad) > limit:
-            print(f"        and {len(bad) - limit} more (--bad-cases says how many are shown)")
-        for case, text in self.troubles:
-            print(f"\nCase {case.index} could not be carried out ({case}):\n{text}")
+            print(f"        and {len(bad) - limit} more; --bad-cases N lists more, --log FILE all")
+        for case, text in self.troubles[:limit]:
+            print(f"\nCase {case.index} could not be run ({case}):\n{text}")
 
 
 def story(result):

@@ -27,9 +27,7 @@ class Trouble(Exception):
 
 
 def make_small_disk(folder):
-    """A file system of its own there, if this process may make one."""
-    return subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={DISK},mode=0755", "tmpfs", str(folder)],
-                          stderr=subprocess.DEVNULL).returncode == 0
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={DISK},mode=0755", "tmpfs", str(folder)], check=True)
 
 
 class Folder:
@@ -81,7 +79,9 @@ class Folder:
 
 
 class World:
-    def __init__(self, folder):
+    """With `can_mount`, the receivers' folders are file systems of their own."""
+
+    def __init__(self, folder, can_mount):
         folder = pathlib.Path(folder)
         folder.mkdir(parents=True)
         self.folder = folder
@@ -93,7 +93,9 @@ class World:
         self.phone, self.tablet = Identity(folder, "phone"), Identity(folder, "tablet")
         self.folders = {}
         for receiver in (self.phone, self.tablet):
-            self.folders[receiver.name] = Folder(receiver.downloads, make_small_disk(receiver.downloads))
+            if can_mount:
+                make_small_disk(receiver.downloads)
+            self.folders[receiver.name] = Folder(receiver.downloads, can_mount)
             for sender in (self.mac, self.desk):
                 sender.environment["DBUS_SESSION_BUS_ADDRESS"] = "disabled:"
                 receiver.record(sender)
