@@ -16,6 +16,7 @@ class Program:
         self.events = []
         self.changed = threading.Condition()
         self.has_ended = threading.Event()
+        self.is_closed = False
         self.errors = tempfile.TemporaryFile()
         # SIGXFSZ stays ignored, as Python has it: a file that grows too large is an error then, not a death
         self.process = subprocess.Popen(arguments, env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -60,7 +61,10 @@ class Program:
             self.process.send_signal(number)
 
     def close(self, seconds=20):
-        """Kills it if it still runs."""
+        """Kills it if it still runs. Its events stay readable."""
+        if self.is_closed:
+            return
+        self.is_closed = True
         if self.process.poll() is None:
             self.process.kill()
         self.thread.join(seconds)

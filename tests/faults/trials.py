@@ -83,10 +83,13 @@ class Trial:
     def strike(self):
         self.victim_is_there.wait(PATIENCE)
         number = signal.SIGKILL if self.case.kind in (cases.RECEIVER_KILLED, cases.SENDER_KILLED) else signal.SIGTERM
-        victim = self.receiver if self.case.kind in (cases.RECEIVER_KILLED, cases.RECEIVER_ENDED) else self.sender
+        victim = self.victim()
         if not victim.has_ended.is_set():
             self.has_struck = True
             victim.signal(number)
+
+    def victim(self):
+        return self.receiver if self.case.kind in (cases.RECEIVER_KILLED, cases.RECEIVER_ENDED) else self.sender
 
     def strike_directly(self):
         """Without the relay, so that the sender's system knows of each byte what became of it."""
@@ -126,6 +129,9 @@ class Trial:
         return any("No space left" in event.get("message", "") or "File too large" in event.get("message", "")
                    for event in self.receiver.events)
 
+    def running_sender(self):
+        return self.sender
+
     def is_hanging(self):
         """Whether the wire is dead, and the sender is not waiting for the receiver's farewell."""
         relay = self.world.relay
@@ -138,9 +144,9 @@ class Trial:
         self.notes.append(f"hung: {self.case.ending}")
         match self.case.ending:
             case "kill the sender":
-                self.sender.signal(signal.SIGKILL)
+                self.running_sender().signal(signal.SIGKILL)
             case "end the sender":
-                self.sender.signal(signal.SIGTERM)
+                self.running_sender().signal(signal.SIGTERM)
             case "reset the sender":
                 self.world.relay.abort_sender_sides()
             case "reset both":
@@ -241,9 +247,11 @@ class SendTrial(Trial):
 
     def attempt(self):
         """Whether it was called sent."""
+        looks = []
+
         def on_event(event):
             if event["event"] == "complete":
-                self.looks.append(self.look())
+                looks.append(self.look())
         sender = self.world.send(self.to, self.file, on_event)
         self.victims_are(sender)
         end = time.monotonic() + PATIENCE
@@ -255,8 +263,11 @@ class SendTrial(Trial):
                 sender.close()
                 return False
         self.notes.append(f"send: {sender.status} {[event['event'] for event in sender.events]} {sender.stderr.strip()}")
-        was_sent = sender.status == 0 and any(event["event"] == "complete" for event in sender.events)
         sender.close()
+        # Also if it was killed behind the event: whoever has read that does not send again.
+        was_sent = sender.status == 0 or bool(looks)
+        if was_sent:
+            self.looks.append(looks[0] if looks else self.look())
         return was_sent
 
     def after_attempt(self):
@@ -278,13 +289,14 @@ class SendTrial(Trial):
 
     def try_again(self):
         """The retry that nothing disturbs."""
-        if not (self.case.way == cases.RECEIVE and not self.receiver.has_ended.is_set()):
+        if self.case.way == cases.SERVE or self.receiver.has_ended.is_set():
+            if self.case.way == cases.RECEIVE:
+                self.receiver.close()
             self.receiver = self.start_receiver()
         self.seen.was_tried_again = True
-        known = len(self.looks)
         self.seen.was_again_called_sent = self.attempt()
         if self.seen.was_again_called_sent:
-            self.seen.was_there_again = self.was_there_when_said(self.looks[known])
+            self.seen.was_there_again = self.was_there_when_said(self.looks[-1])
 
     def tidy(self):
         super().tidy()
@@ -308,6 +320,7 @@ class OutboxTrial(Trial):
         self.victims_are(world.outbox)
         batch = world.share(self.file)
         was_sent = self.follow(batch)
+        was_tried_again = bool(self.waiting or self.restarts or len(world.relay.connections) > 1)
         self.fault_is_over()
         self.restart_what_ended()
         if self.case.is_direct:
@@ -317,14 +330,16 @@ class OutboxTrial(Trial):
             self.seen.was_there = self.was_there_when_said(self.looks[-1])
             self.seen.was_in_window = self.in_window
             self.seen.came_later = self.seen.was_there or wait_until(self.is_there, LATE)
-            self.seen.was_tried_again = bool(self.waiting or self.restarts or len(world.relay.connections) > 1)
-            self.seen.was_again_called_sent = self.seen.was_tried_again
-            self.seen.was_there_again = self.seen.was_tried_again
+            self.seen.was_tried_again = self.seen.was_again_called_sent = was_tried_again
+            self.seen.was_there_again = was_tried_again
             if not self.seen.came_later:
                 self.share_again()
         elif world.is_held(batch):
             world.drop(batch)
         self.final_look()
+
+    def running_sender(self):
+        return self.world.outbox
 
     def hear(self, event):
         """On the thread that reads the service's events."""
@@ -373,8 +388,8 @@ class OutboxTrial(Trial):
 
     def restart_what_ended(self):
         world = self.world
-        if self.case.kind in (cases.RECEIVER_KILLED, cases.RECEIVER_ENDED) and self.has_struck:
-            self.receiver.has_ended.wait(PATIENCE)
+        if self.case.kind in cases.PROCESS and self.has_struck:
+            self.victim().has_ended.wait(PATIENCE)
         if world.service.has_ended.is_set():
             self.note_death()
             self.notes.append(f"receiver: {world.service.status} {world.service.stderr.strip()[-400:]}")

@@ -108,7 +108,7 @@ class World:
 
     def start(self, identity, *arguments, on_event=None):
         program = Program([ORLINTH, *arguments], identity.environment, on_event)
-        self.programs = [old for old in self.programs if not old.has_ended.is_set()] + [program]
+        self.programs = [old for old in self.programs if not old.is_closed] + [program]
         return program
 
     def listening(self, program):
@@ -120,7 +120,9 @@ class World:
 
     def serve(self):
         """The phone's service, started again if it has ended."""
-        if self.service is None or self.service.has_ended.is_set():
+        if self.service and self.service.has_ended.is_set():
+            self.service.close()
+        if self.service is None or self.service.is_closed:
             self.service = self.listening(self.start(
                 self.phone, "serve", "--port", "0", "--dir", str(self.phone.downloads), "--json", "--no-clipboard"))
         self.port = self.relay.target = self.service.wait_for("listening", START_SECONDS)["port"]
@@ -136,7 +138,9 @@ class World:
 
     def serve_outbox(self):
         """The desk's service, which sends what was shared; started again if it has ended."""
-        if self.outbox is None or self.outbox.has_ended.is_set():
+        if self.outbox and self.outbox.has_ended.is_set():
+            self.outbox.close()
+        if self.outbox is None or self.outbox.is_closed:
             self.outbox = self.start(self.desk, "serve", "--port", "0", "--dir", str(self.desk.downloads), "--json",
                                      "--no-clipboard", on_event=lambda event: self.on_outbox and self.on_outbox(event))
             if self.outbox.wait_for("listening", START_SECONDS) is None:
