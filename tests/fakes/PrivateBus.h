@@ -45,20 +45,25 @@ inline void setBusAddress(const std::string& address) {
 }
 
 /// A real bus of the test's own, at a socket that it names or in a folder of its own. Becomes the session's.
+///
+/// Its configuration is its own as well: it starts no service that is installed on this machine, nor lists one.
 class PrivateBus {
 public:
     explicit PrivateBus(const std::filesystem::path& socketPath = {}) {
         const std::filesystem::path socket = socketPath.empty() ? folder_ / "bus" : socketPath;
+        const std::filesystem::path configuration = folder_ / "bus.conf";
+        writeText(configuration, configurationText);
         int pipe[2] = {-1, -1};
         if (::pipe(pipe) != 0) {
             throw std::system_error(errno, std::generic_category());
         }
+        const std::string config = "--config-file=" + configuration.string();
         const std::string at = "--address=unix:path=" + socket.string();
         const std::string print = "--print-address=" + std::to_string(pipe[1]);
         process_ = ::fork();
         if (process_ == 0) {
-            ::execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", at.c_str(), print.c_str(),
-                     nullptr);
+            ::execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--nopidfile", "--nosyslog", at.c_str(),
+                     print.c_str(), nullptr);
             ::_exit(127);
         }
         ::close(pipe[1]);
@@ -84,6 +89,23 @@ public:
     }
 
 private:
+    static constexpr std::string_view configurationText = R"(<!DOCTYPE busconfig PUBLIC
+ "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN" "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:tmpdir=/tmp</listen> <!-- it is asked for; the command line says another -->
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+  </policy>
+  <limit name="max_match_rules_per_connection">50000</limit> <!-- a session's, as the next; otherwise a system's -->
+  <limit name="max_replies_per_connection">50000</limit>
+</busconfig>
+)";
+
     TemporaryFolder folder_;
     pid_t process_ = 0;
 };

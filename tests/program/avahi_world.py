@@ -17,24 +17,8 @@ import subprocess
 import tempfile
 import threading
 
+import private_bus
 from harness import PATIENCE
-
-BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-    <allow send_requested_reply="true"/>
-    <allow receive_requested_reply="true"/>
-  </policy>
-</busconfig>
-"""
 
 DAEMON = """[server]
 host-name=testhost
@@ -172,8 +156,7 @@ class AvahiWorld:
             if not line:
                 raise AssertionError(f"no namespace: {said}")
             said.append(line.strip())
-        self.socket = self.reached_at = self.folder / "bus"
-        (self.folder / "bus.conf").write_text(BUS.format(socket=self.socket))
+        self.reached_at = self.folder / "bus"
         (self.folder / "avahi.conf").write_text(DAEMON)
         self.start_bus()
 
@@ -202,8 +185,7 @@ class AvahiWorld:
                               timeout=PATIENCE, check=False, **options)
 
     def start_bus(self):
-        self.bus, lines = self._spawn(["dbus-daemon", f"--config-file={self.folder}/bus.conf", "--nofork", "--nopidfile",
-                                       "--nosyslog", "--print-address"])
+        self.bus, lines = self._spawn(private_bus.command(self.folder, kind="system"))
         lines.wait_for(lambda line: line.startswith("unix:path="), "bus")
 
     def stop_bus(self):

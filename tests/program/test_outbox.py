@@ -8,6 +8,7 @@ import subprocess
 import time
 import unittest
 
+import private_bus
 import test_wake
 from harness import MIB, PATIENCE, SANITIZED, SleepingPort, sha256
 from outbox_world import BIG, OutboxTest
@@ -159,12 +160,13 @@ class Noticing(OutboxTest):
         self.assertLess(time.monotonic() - begin, SECONDS_TO_NOTICE + LEEWAY)
 
     def bus(self):
-        process = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1",
-                                    f"--address=unix:path={self.folder}/bus"], stdout=subprocess.PIPE)
+        process = subprocess.Popen(private_bus.command(self.folder), stdout=subprocess.PIPE)
         self.addCleanup(process.wait, PATIENCE)
         self.addCleanup(process.kill)
         self.addCleanup(process.stdout.close)
-        return process.stdout.readline().decode().strip()
+        address = process.stdout.readline().decode().strip()
+        self.assertTrue(address, "dbus-daemon does not start")
+        return address
 
     def test_without_a_bus(self):
         self.mac.environment["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={self.folder}/nobody"

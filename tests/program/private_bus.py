@@ -1,0 +1,33 @@
+"""A D-Bus bus of a test's own. Its configuration is its own as well: it starts no service that is installed on this
+machine, nor lists one."""
+
+import pathlib
+import xml.sax.saxutils
+
+CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>{kind}</type>
+  <listen>unix:path={socket}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
+    <allow send_requested_reply="true"/>
+    <allow receive_requested_reply="true"/>
+  </policy>
+  <limit name="max_match_rules_per_connection">50000</limit>
+  <limit name="max_replies_per_connection">50000</limit>
+</busconfig>
+"""
+
+
+def command(folder, kind="session"):
+    """The command line of a bus at the socket `bus` in this folder; it says its address once it can be reached."""
+    folder = pathlib.Path(folder)
+    (folder / "bus.conf").write_text(CONFIGURATION.format(kind=kind,
+                                                          socket=xml.sax.saxutils.escape(str(folder / "bus"))))
+    return ["dbus-daemon", f"--config-file={folder}/bus.conf", "--nofork", "--nopidfile", "--nosyslog",
+            "--print-address=1"]
