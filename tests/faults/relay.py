@@ -124,6 +124,7 @@ class Connection:
         self.is_over = False
         self.was_reset_by = None    # "sender" or "receiver"
         self.holds_since = None     # the receiver's end is not handed on yet
+        self.is_held_in_vain = False  # it was handed on although the sender may send more
         self.seen_at_end = None     # what look() saw when the receiver's end came
 
     def is_owed_an_answer(self):
@@ -388,8 +389,11 @@ class FaultyRelay:
         now = time.monotonic()
         if connection.holds_since is None:
             connection.holds_since = now
-        if (there.is_severed or connection.is_owed_an_answer() or now - connection.holds_since > LONGEST_HOLD
+        if (there.is_severed or connection.is_owed_an_answer()
                 or (there.is_end_passed and not has_unacknowledged(connection.far))):
+            return True
+        if now - connection.holds_since > LONGEST_HOLD:
+            connection.is_held_in_vain = True
             return True
         self._after(HOLD_STEP, lambda: connection.is_over or self._serve(connection))
         return False

@@ -208,7 +208,8 @@ class Trial:
         self.seen.wrong = len(self.wrong)
         self.seen.unfinished = sum(size > 0 for size in self.folder.partials(self.case.name))
         self.notes += [f"connection: {c.there.passed} bytes there, {c.back.passed} back, reset by {c.was_reset_by}, "
-                       f"at its end {c.seen_at_end}" for c in relay.connections]
+                       f"at its end {c.seen_at_end}{', held in vain' if c.is_held_in_vain else ''}"
+                       for c in relay.connections]
         self.notes.append(f"in the end: {self.look()}, partial files of {self.folder.partials(self.case.name)} bytes")
 
     def tidy(self):
@@ -312,6 +313,7 @@ class OutboxTrial(Trial):
         self.news = threading.Event()
         self.waiting = self.failed = self.prods = 0
         self.restarts = 0
+        self.earlier_batches = frozenset(world.batches)
         world.serve_outbox()
         self.prepare(world.phone, world.serve())
         if self.case.is_direct:
@@ -342,8 +344,10 @@ class OutboxTrial(Trial):
         return self.world.outbox
 
     def hear(self, event):
-        """On the thread that reads the service's events."""
+        """On the thread that reads the service's events. What concerns an earlier case may still come."""
         name = event["event"]
+        if event.get("file", self.case.name) != self.case.name or event.get("batch") in self.earlier_batches:
+            return
         if name == "outbox_sent":
             self.looks.append(self.look())
         elif name == "outbox_waiting":

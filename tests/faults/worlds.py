@@ -104,6 +104,7 @@ class World:
         self.service = None  # of the phone
         self.port = 0        # of the receiver that was started last
         self.outbox = None   # the service of the desk
+        self.batches = []    # that it was given
         self.programs = []
 
     def start(self, identity, *arguments, on_event=None):
@@ -152,7 +153,9 @@ class World:
         result = self.desk.run("share", "--json", "--to", self.phone.name, str(file))
         if result.returncode != 0:
             raise Trouble(f"sharing fails: {result.stderr}")
-        return json.loads(result.stdout)["batch"]
+        batch = json.loads(result.stdout)["batch"]
+        self.batches.append(batch)
+        return batch
 
     def batch_folder(self, batch, is_set_aside=False):
         return self.desk.data / GROUP / ("OutboxSetAside" if is_set_aside else "Outbox") / batch
