@@ -61,6 +61,39 @@ TEST_F(ReceiverTakeover, ANewerConnectionEndsTheOldOneAndGoesOnWhereItWas) {
     EXPECT_EQ(world.text(folder / "a.txt"), "0123456789");
 }
 
+TEST_F(ReceiverTakeover, AnOfferOnAnOlderConnectionTakesOverToo) {
+    world.start();
+    const auto older = world.phone();
+    const auto newer = world.phone();
+    world.offer(*newer, "a.txt");
+    world.sendData(*newer, "01234");
+    EXPECT_EQ(world.offer(*older, "a.txt"), 5);
+    EXPECT_TRUE(world.seesTheEnd(*newer));
+    world.sendData(*older, "56789");
+    world.send(*older, Row::done());
+    EXPECT_EQ(world.text(folder / "a.txt"), "0123456789");
+}
+
+TEST_F(ReceiverTakeover, OnlyAnOfferThatWaitedWhileANewerOneWasTakenIsRefused) {
+    int asked = 0;
+    world.make().approveOffer = [&](Receiver::Offer) -> Task<bool> {
+        const bool isFirst = asked++ == 0;
+        co_await world.clock.sleep(isFirst ? 10 : 0.1);
+        co_return true;
+    };
+    world.start();
+    const auto waiting = world.phone();
+    offerOnly(*waiting);
+    const auto quick = world.phone();
+    EXPECT_EQ(world.offer(*quick, "a.txt"), 0);
+    world.sendData(*quick, "01234");
+    EXPECT_TRUE(world.seesTheEnd(*waiting));
+    EXPECT_THAT(world.failureTexts(), ElementsAre("protocol violation: transfer is active on a newer connection"));
+    world.sendData(*quick, "56789");
+    world.send(*quick, Row::done());
+    EXPECT_EQ(world.text(folder / "a.txt"), "0123456789");
+}
+
 TEST_F(ReceiverTakeover, OtherTransfersOfThePhoneGoOn) {
     world.start();
     const auto one = world.phone();

@@ -43,10 +43,11 @@ public:
     TransferClaim(const TransferClaim&) = delete;
     TransferClaim& operator=(const TransferClaim&) = delete;
 
-    /// Takes the transfer over from whoever has it, and waits until nobody else touches it. @throws ReceiveError
-    [[nodiscard]] Task<> take(platform::Clock& clock) {
+    /// Takes the transfer over from whoever has it, and waits until nobody else touches it. `offeredAt` is when the
+    /// offer came. @throws ReceiveError
+    [[nodiscard]] Task<> take(platform::Clock& clock, ActiveTransfers::Moment offeredAt) {
         using Takeover = ActiveTransfers::Takeover;
-        const Takeover takeover = transfers_.takeOver(key_, self_);
+        const Takeover takeover = transfers_.takeOver(key_, self_, offeredAt);
         switch (takeover.refusal) {
         case Takeover::Refusal::none:
             break;
@@ -168,6 +169,7 @@ private:
             throw ReceiveError::protocolViolation("duplicate FileOffer");
         }
         open_.emplace(wire_);
+        const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
         const bool isHere = IncomingFile::isDelivered(place(), self_->peerPubkey(), offer);
         bool isWanted = isHere; // nobody is asked twice about the same file
         if (!isHere) {
@@ -179,7 +181,7 @@ private:
             co_return Receiver::Declined{.from = name_, .name = offer.name};
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
-        co_await claim_->take(context_.system.clock);
+        co_await claim_->take(context_.system.clock, offeredAt);
         makeFolder();
         file_.emplace(IncomingFile::begin(place(), self_->peerPubkey(), offer));
         if (isHere && file_->delivered() == nullptr) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <limits>
 #include <utility>
 
 namespace orlinth {
@@ -29,10 +30,19 @@ ActiveTransfers& ActiveTransfers::shared() {
     return transfers;
 }
 
+ActiveTransfers::Moment ActiveTransfers::now() const {
+    const std::lock_guard guard(lock_);
+    return lastClaim_;
+}
+
 TransferConnectionRef ActiveTransfers::claim(const std::string& key, const TransferConnectionRef& connection) {
     const std::lock_guard guard(lock_);
-    TransferConnectionRef before = std::exchange(owners_[key], connection);
-    return before && !isSame(before, connection) ? before : nullptr;
+    return claimLocked(key, connection);
+}
+
+TransferConnectionRef ActiveTransfers::claimLocked(const std::string& key, const TransferConnectionRef& connection) {
+    Owner before = std::exchange(owners_[key], {.connection = connection, .claimedAt = ++lastClaim_});
+    return before.connection && !isSame(before.connection, connection) ? std::move(before.connection) : nullptr;
 }
 
 void ActiveTransfers::release(const std::string& key, const TransferConnectionRef& connection) {
@@ -42,38 +52,47 @@ void ActiveTransfers::release(const std::string& key, const TransferConnectionRe
 
 void ActiveTransfers::releaseLocked(const std::string& key, const TransferConnectionRef& connection) {
     const auto owner = owners_.find(key);
-    if (owner != owners_.end() && isSame(owner->second, connection)) {
+    if (owner != owners_.end() && isSame(owner->second.connection, connection)) {
         owners_.erase(owner);
     }
 }
 
 bool ActiveTransfers::isReleased(const TransferConnectionRef& connection) const {
     const std::lock_guard guard(lock_);
-    const bool ownsNothing = std::none_of(owners_.begin(), owners_.end(),
-                                          [&](const auto& entry) { return isSame(entry.second, connection); });
+    return isReleasedLocked(connection);
+}
+
+bool ActiveTransfers::isReleasedLocked(const TransferConnectionRef& connection) const {
+    const bool ownsNothing = std::none_of(
+        owners_.begin(), owners_.end(), [&](const auto& entry) { return isSame(entry.second.connection, connection); });
     const auto firstDraining = draining_.lower_bound({connection->identity(), ""});
     const bool drains = firstDraining != draining_.end() && firstDraining->first.first == connection->identity();
     return ownsNothing && !drains;
 }
 
 ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, const TransferConnectionRef& connection) {
+    return takeOver(key, connection, std::numeric_limits<Moment>::max());
+}
+
+ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, const TransferConnectionRef& connection,
+                                                    Moment offeredAt) {
     const std::lock_guard guard(lock_);
     const auto isForeign = [&](const TransferConnectionRef& other) {
         return other->peerPubkey() != connection->peerPubkey();
     };
     const auto owner = owners_.find(key);
-    const bool isOwnedElsewhere = owner != owners_.end() && isForeign(owner->second);
+    const bool isOwnedElsewhere = owner != owners_.end() && isForeign(owner->second.connection);
     const bool drainsElsewhere = std::any_of(draining_.begin(), draining_.end(), [&](const auto& entry) {
         return entry.first.second == key && isForeign(entry.second);
     });
     if (isOwnedElsewhere || drainsElsewhere) {
         return {.refusal = Takeover::Refusal::ofAnotherPhone, .displaced = nullptr};
     }
-    if (owner != owners_.end() && owner->second->identity() > connection->identity()) {
+    if (owner != owners_.end() && owner->second.claimedAt > offeredAt) {
         return {.refusal = Takeover::Refusal::hasNewerOwner, .displaced = nullptr};
     }
-    TransferConnectionRef before = std::exchange(owners_[key], connection);
-    if (!before || isSame(before, connection)) {
+    TransferConnectionRef before = claimLocked(key, connection);
+    if (!before) {
         return {};
     }
     draining_.emplace(DrainingKey(before->identity(), key), before);
@@ -83,9 +102,10 @@ ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, cons
 bool ActiveTransfers::mayProceed(const std::string& key, const TransferConnectionRef& connection) const {
     const std::lock_guard guard(lock_);
     const auto owner = owners_.find(key);
-    const bool isOwner = owner != owners_.end() && isSame(owner->second, connection);
-    return isOwner && std::none_of(draining_.begin(), draining_.end(),
-                                   [&key](const auto& entry) { return entry.first.second == key; });
+    const bool isOwner = owner != owners_.end() && isSame(owner->second.connection, connection);
+    return isOwner && std::none_of(draining_.begin(), draining_.end(), [&](const auto& entry) {
+               return entry.first.second == key && !isReleasedLocked(entry.second);
+           });
 }
 
 void ActiveTransfers::finish(const std::string& key, const TransferConnectionRef& connection) {

@@ -50,6 +50,11 @@ public:
     /// The one of this process.
     [[nodiscard]] static ActiveTransfers& shared();
 
+    /// A point in the order of claims.
+    using Moment = std::uint64_t;
+    /// Later than every claim so far, and earlier than every one to come.
+    [[nodiscard]] Moment now() const;
+
     /// Makes `connection` the owner, unconditionally. Returns the owner before, if that was another one.
     TransferConnectionRef claim(const std::string& key, const TransferConnectionRef& connection);
     /// Takes the key back, if `connection` still owns it.
@@ -63,7 +68,7 @@ public:
         enum class Refusal {
             none,           ///< it has
             ofAnotherPhone, ///< the transfer is, or was until it winds down, active under another phone's key
-            hasNewerOwner,  ///< an offer that has come late, on a connection that the phone has given up since
+            hasNewerOwner,  ///< another connection has claimed it since the moment that was given
         };
         Refusal refusal = Refusal::none;
         [[nodiscard]] bool isRefused() const noexcept { return refusal != Refusal::none; }
@@ -72,6 +77,9 @@ public:
     /// claim() for a connection that will wait for its predecessors: a displaced owner enters the draining ones in the
     /// same step, so that it cannot finish in between.
     [[nodiscard]] Takeover takeOver(const std::string& key, const TransferConnectionRef& connection);
+    /// The same for an offer that came at the moment `offeredAt` and had to wait for a person: refused if a newer offer
+    /// of the same transfer was quicker.
+    [[nodiscard]] Takeover takeOver(const std::string& key, const TransferConnectionRef& connection, Moment offeredAt);
     /// Whether `connection` may touch what the key stands for: it is the owner, and no earlier one of this key, however
     /// far back in a chain of takeovers, is still winding down.
     [[nodiscard]] bool mayProceed(const std::string& key, const TransferConnectionRef& connection) const;
@@ -86,10 +94,19 @@ private:
     /// A displaced connection's identity, and what it was displaced from.
     using DrainingKey = std::pair<std::uint64_t, std::string>;
 
-    void releaseLocked(const std::string& key, const TransferConnectionRef& connection);
+    struct Owner {
+        TransferConnectionRef connection;
+        Moment claimedAt = 0;
+    };
 
-    mutable std::mutex lock_; ///< guards both
-    std::map<std::string, TransferConnectionRef> owners_;
+    // what the public operations of these names do, for callers that hold the lock
+    [[nodiscard]] TransferConnectionRef claimLocked(const std::string& key, const TransferConnectionRef& connection);
+    void releaseLocked(const std::string& key, const TransferConnectionRef& connection);
+    [[nodiscard]] bool isReleasedLocked(const TransferConnectionRef& connection) const;
+
+    mutable std::mutex lock_; ///< guards all that follows
+    Moment lastClaim_ = 0;
+    std::map<std::string, Owner> owners_;
     std::map<DrainingKey, TransferConnectionRef> draining_;
 };
 

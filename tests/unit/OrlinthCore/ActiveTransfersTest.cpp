@@ -159,14 +159,33 @@ TEST_F(ActiveTransfersTest, AKeyThatIsActiveUnderAnotherPhoneIsRefusedAndNothing
     EXPECT_EQ(transfers.drainingCount(), 0U);
 }
 
-TEST_F(ActiveTransfersTest, AnOlderConnectionWhoseOfferComesLateDoesNotDisplaceANewerOne) {
+TEST_F(ActiveTransfersTest, AnOlderConnectionTakesOverLikeAnyOther) {
     static_cast<void>(transfers.takeOver("k", b));
-    const ActiveTransfers::Takeover takeover = transfers.takeOver("k", a);
+    EXPECT_EQ(transfers.takeOver("k", a, transfers.now()).displaced, b);
+    EXPECT_FALSE(transfers.mayProceed("k", a)) << "b has not wound down";
+    transfers.finish("k", b);
+    EXPECT_TRUE(transfers.mayProceed("k", a));
+}
+
+TEST_F(ActiveTransfersTest, AnOfferThatWaitedIsRefusedIfANewerOneWasQuicker) {
+    const ActiveTransfers::Moment offered = transfers.now();
+    static_cast<void>(transfers.takeOver("k", b));
+    const ActiveTransfers::Takeover takeover = transfers.takeOver("k", a, offered);
     EXPECT_EQ(takeover.refusal, ActiveTransfers::Takeover::Refusal::hasNewerOwner);
     EXPECT_EQ(takeover.displaced, nullptr);
     EXPECT_TRUE(transfers.mayProceed("k", b));
     EXPECT_TRUE(transfers.isReleased(a));
     EXPECT_EQ(transfers.drainingCount(), 0U);
+    EXPECT_FALSE(transfers.takeOver("l", a, offered).isRefused()) << "of another transfer";
+    transfers.finish("k", b);
+    EXPECT_FALSE(transfers.takeOver("k", a, offered).isRefused()) << "the quicker one has gone";
+}
+
+TEST_F(ActiveTransfersTest, AClaimIsNewerThanEveryMomentBeforeItAlsoByAPlainClaim) {
+    const ActiveTransfers::Moment offered = transfers.now();
+    transfers.claim("k", b);
+    EXPECT_TRUE(transfers.takeOver("k", a, offered).isRefused());
+    EXPECT_FALSE(transfers.takeOver("k", a, transfers.now()).isRefused());
 }
 
 TEST_F(ActiveTransfersTest, AKeyThatStillDrainsUnderAnotherPhoneIsRefused) {
