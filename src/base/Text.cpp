@@ -148,6 +148,26 @@ std::string firstCharacters(std::string_view text, std::size_t count) {
     return result;
 }
 
+std::string firstCharactersWithin(std::string_view text, std::size_t bytes) {
+    std::string_view rest = text;
+    utf8proc_int32_t state = 0;
+    utf8proc_int32_t previous = -1;
+    std::size_t end = 0;      // of the code points that fit
+    std::size_t boundary = 0; // the last one that a character begins at
+    while (!rest.empty()) {
+        const Character character = takeCharacter(rest);
+        const bool startsNew = previous < 0 || character.codePoint < 0 ||
+                               utf8proc_grapheme_break_stateful(previous, character.codePoint, &state);
+        boundary = startsNew ? end : boundary;
+        if (end + character.bytes.size() > bytes) {
+            return std::string(text.substr(0, boundary > 0 ? boundary : end));
+        }
+        end += character.bytes.size();
+        previous = character.codePoint;
+    }
+    return std::string(text);
+}
+
 std::string madeVisible(std::string_view text) {
     std::string result;
     result.reserve(text.size());

@@ -24,6 +24,10 @@ namespace orlinth {
 /// At most `count` characters as a reader counts them (extended grapheme clusters, UAX #29).
 [[nodiscard]] std::string firstCharacters(std::string_view text, std::size_t count);
 
+/// As many such characters from the start as fit into `bytes`. Where not even the first does, the front of it, cut
+/// between code points.
+[[nodiscard]] std::string firstCharactersWithin(std::string_view text, std::size_t bytes);
+
 /// For a terminal: control, bidirectional-override and other invisible formatting characters as "\u{202E}", bytes
 /// that are not UTF-8 as "\x{FF}". A name from the other side can then neither move the cursor nor disguise itself.
 [[nodiscard]] std::string madeVisible(std::string_view text);

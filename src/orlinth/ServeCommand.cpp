@@ -1,6 +1,4 @@
-#include "OrlinthCore/Receiving/CollisionResolver.h"
 #include "OrlinthCore/Receiving/Receiver.h"
-#include "base/Text.h"
 #include "orlinth/Command.h"
 #include "orlinth/FolderCheck.h"
 #include "orlinth/Hints.h"
@@ -19,7 +17,6 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <functional>
 #include <optional>
 #include <sys/resource.h>
 #include <thread>
@@ -66,24 +63,6 @@ std::unique_ptr<platform::File> lockService(const Host& host) {
                         "One serves all phones. Another identity needs another data folder (XDG_DATA_HOME).");
     }
     return file;
-}
-
-using Approval = std::function<Task<bool>(Receiver::Offer)>;
-
-/// A file that there can be no name for is declined: its sender is told so, and does not try again for ever. `host` and
-/// what `next` refers to outlive the task; without `next` all others are taken.
-Task<bool> approve(Host& host, Approval next, Receiver::Offer offer) {
-    if (CollisionResolver::sanitize(offer.name).size() > CollisionResolver::longestBaseName) {
-        host.output.failure("the name of a file from " + madeVisible(offer.from) + " is too long to be received",
-                            "At most " + std::to_string(CollisionResolver::longestBaseName) +
-                                " bytes are possible. The phone can send it under a shorter name.",
-                            {{"from", offer.from}, {"name", offer.name}});
-        co_return false;
-    }
-    if (!next) {
-        co_return true;
-    }
-    co_return co_await next(std::move(offer));
 }
 
 Task<bool> declineEverything(Receiver::Offer /*offer*/) {
@@ -193,14 +172,8 @@ private:
         receiver.beforeAuthorising = [&keys] { keys.refresh(); };
         if (accept_ == "never") {
             receiver.approveOffer = declineEverything;
-        } else {
-            Approval asks;
-            if (accept_ == "ask") {
-                asks = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
-            }
-            receiver.approveOffer = [&host, asks = std::move(asks)](Receiver::Offer offer) {
-                return approve(host, asks, std::move(offer));
-            };
+        } else if (accept_ == "ask") {
+            receiver.approveOffer = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
         }
         OutboxSender outbox(host, ownKey);
         PeerStoreWatch peers(host, [&reporter, &outbox] {

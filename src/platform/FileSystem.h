@@ -90,6 +90,8 @@ public:
     virtual void setPermissions(const Path& path, std::uint32_t permissions) = 0;
     /// Returns when the names in this folder would survive a power cut.
     virtual void flushDirectory(const Path& path) = 0;
+    /// Bytes that a name in this folder may have. Best effort: where it cannot be told, what is usual on Linux.
+    [[nodiscard]] virtual std::size_t longestName(const Path& /*folder*/) const noexcept { return 255; }
     /// The names in a folder, in no order.
     [[nodiscard]] virtual std::vector<std::string> list(const Path& path) const = 0;
 };

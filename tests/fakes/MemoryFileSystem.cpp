@@ -44,7 +44,6 @@ constexpr std::uint32_t mayRead = 0400;
 constexpr std::uint32_t mayWrite = 0200;
 constexpr std::uint32_t mayEnter = 0100;
 constexpr std::uint32_t umask = 022;
-constexpr std::size_t longestName = 255;
 constexpr int mostLinks = 40;
 
 const char* nameOf(Operation operation) {
@@ -91,7 +90,7 @@ void require(const Node& node, std::uint32_t permission) {
     }
 }
 
-std::vector<std::string> componentsOf(const Path& path) {
+std::vector<std::string> componentsOf(const Path& path, std::size_t longestName) {
     std::vector<std::string> components;
     for (const Path& component : path.relative_path()) {
         const std::string& text = component.native();
@@ -129,6 +128,7 @@ struct MemoryFileSystem::State {
     std::vector<std::string> history;
     std::vector<Fault> faults;
     std::optional<std::size_t> capacity;
+    std::size_t longestName = 255;
     std::optional<std::size_t> crashAtMutation;
     std::size_t tornBytes = 0;
     bool crashed = false;
@@ -444,7 +444,7 @@ void collectFiles(const Node& folder, const Path& path, std::vector<std::string>
 } // namespace
 
 Place MemoryFileSystem::State::find(const Path& path, Links last, bool checkPermissions) const {
-    std::vector<std::string> rest = componentsOf(path);
+    std::vector<std::string> rest = componentsOf(path, longestName);
     std::ranges::reverse(rest); // the next component is at the back
     std::vector<std::pair<std::string, NodePointer>> way{{"", root}};
     int linksSeen = 0;
@@ -478,7 +478,7 @@ Place MemoryFileSystem::State::find(const Path& path, Links last, bool checkPerm
             if (++linksSeen > mostLinks) {
                 fail(ELOOP);
             }
-            std::vector<std::string> inserted = componentsOf(node->target);
+            std::vector<std::string> inserted = componentsOf(node->target, longestName);
             std::ranges::reverse(inserted);
             rest.insert(rest.end(), inserted.begin(), inserted.end());
             if (node->target.is_absolute()) {
@@ -761,7 +761,7 @@ namespace {
 /// Gives a node a name on the disk, in a folder that is made if it is missing.
 void putNode(MemoryFileSystem::State& state, const Path& path, const NodePointer& node) {
     NodePointer folder = state.root;
-    for (const std::string& name : componentsOf(path.parent_path())) {
+    for (const std::string& name : componentsOf(path.parent_path(), state.longestName)) {
         NodePointer& child = folder->names[name];
         if (!child) {
             child = state.make(NodeKind::folder, 0755);
@@ -856,6 +856,16 @@ void MemoryFileSystem::clearFaults() {
 void MemoryFileSystem::setCapacity(std::optional<std::size_t> bytes) {
     const std::lock_guard guard(state_->lock);
     state_->capacity = bytes;
+}
+
+void MemoryFileSystem::setLongestName(std::size_t bytes) {
+    const std::lock_guard guard(state_->lock);
+    state_->longestName = bytes;
+}
+
+std::size_t MemoryFileSystem::longestName(const Path& /*folder*/) const noexcept {
+    const std::lock_guard guard(state_->lock);
+    return state_->longestName;
 }
 
 void MemoryFileSystem::crashAfter(std::size_t mutations, std::size_t tornBytes) {

@@ -90,6 +90,7 @@ public:
     void setPermissions(const platform::Path& path, std::uint32_t permissions) override;
     void flushDirectory(const platform::Path& path) override;
     [[nodiscard]] std::vector<std::string> list(const platform::Path& path) const override; ///< sorted, here
+    [[nodiscard]] std::size_t longestName(const platform::Path& folder) const noexcept override;
 
     // Setting the scene: with missing parents, on the disk at once, neither counted nor subject to faults, permissions
     // and crashes.
@@ -118,6 +119,8 @@ public:
     void clearFaults();
     /// The sum of all file sizes that fits; more is ENOSPC, after as much as fits was written.
     void setCapacity(std::optional<std::size_t> bytes);
+    /// Longer names are ENAMETOOLONG, as on some encrypted disks; 255 if this is never called.
+    void setLongestName(std::size_t bytes);
     /// The next `mutations` mutating operations succeed, the one after them throws Crash, and so does everything from
     /// then on. If that one is a write, its first `tornBytes` bytes are still written.
     void crashAfter(std::size_t mutations, std::size_t tornBytes = 0);

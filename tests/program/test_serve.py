@@ -454,19 +454,15 @@ class Accepting(ServeTest):
         self.assert_ends(service)
         self.assertIsNone(service.events.find("error"))
 
-    def test_a_name_that_nothing_can_be_stored_under_is_declined(self):
+    def test_a_name_of_any_length_is_stored_and_shortened_if_it_must_be(self):
         service = self.serve()
-        longest = "ä" * 114 + ".txt"  # 232 bytes, 255 with " 9999" and ".partial.meta.json"
-        second = "ä" * 114 + " 2.txt"
-        for _ in range(2):
-            self.assert_sent(self.phone, self.file(longest, b"abc"), service)
-        self.declined(service, self.file(longest + "x", b"abc"))
-        self.assertEqual({"event": "declined", "from": "phone", "name": longest + "x"},
-                         service.events.wait_for("declined"))
-        self.assertEqual("the name of a file from phone is too long to be received",
-                         service.events.find("error")["message"])
-        self.assertEqual({longest, second}, {path.name for path in self.desk.downloads.iterdir()})
+        longest = "ä" * 116 + "x.txt"  # 237 bytes, 255 with ".partial.meta.json"
+        for name, stored in ((longest, longest), (longest, "ä" * 115 + " 2.txt"), ("ä" * 125 + ".txt", "ä" * 116 + ".txt")):
+            event = self.assert_sent(self.phone, self.file(name, name.encode()), service)
+            self.assertEqual(str(self.desk.downloads / stored), event["saved_at"])
+            (self.folder / "outgoing" / name).unlink()
         self.assert_ends(service)
+        self.assertIsNone(service.events.find("error"))
 
     def test_without_anybody_to_ask_files_are_declined_and_that_is_told_once(self):
         self.desk.environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/nonexistent"

@@ -1,4 +1,5 @@
 #include "OrlinthCore/Receiving/PartialMeta.h"
+#include "OrlinthCore/Receiving/ReceiveTransfer.h"
 #include "fakes/ReceiverWorld.h"
 
 #include <gmock/gmock.h>
@@ -422,6 +423,79 @@ TEST_F(ReceiverFrames, TheStrangerBeyondTheLimitEndsTheOldestAndAPairedPhoneIsSe
     EXPECT_EQ(world.failures.size(), 2U) << "and one more made room for the tablet";
     world.stopAndWait();
     EXPECT_FALSE(world.ended);
+}
+
+// ---- long names, through both paths
+
+class LongNames : public testing::TestWithParam<bool> {
+protected:
+    LongNames() { world.putPeers({world.phoneRecord()}); }
+
+    static Task<> receive(ReceiverWorld& world) {
+        ReceiveRequest request{.staticKey = world.computerKey,
+                               .expectedPeerPubkey = world.phoneKey.publicKey(),
+                               .downloadsDir = folder,
+                               .port = ReceiverWorld::port};
+        try {
+            static_cast<void>(co_await receiveOneTransfer(world.system, std::move(request)));
+        } catch (const Error&) {
+            // the test looks at what is left
+        }
+    }
+    std::unique_ptr<ScriptedPeer> connect() {
+        if (!GetParam()) {
+            world.alongside(receive(world));
+            world.settle();
+        } else if (!world.running) {
+            world.start();
+        }
+        return world.phone();
+    }
+    void deliver(const std::string& name, const std::string& id) {
+        const auto phone = connect();
+        EXPECT_EQ(world.offer(*phone, name, 10, id), 0) << name.size();
+        world.sendData(*phone, "0123456789");
+        world.send(*phone, Row::done());
+        EXPECT_EQ(world.run(phone->howItEnds()), "wire EOF before expected bytes") << name.size();
+    }
+
+    ReceiverWorld world;
+};
+
+INSTANTIATE_TEST_SUITE_P(OfBothReceivers, LongNames, testing::Bool(),
+                         [](const auto& info) { return info.param ? "Service" : "OneFile"; });
+
+TEST_P(LongNames, ArriveWhateverTheirLength) {
+    for (const std::size_t bytes : {232U, 233U, 237U, 238U, 255U}) {
+        const std::string id = std::to_string(bytes);
+        deliver(std::string(bytes - 8, static_cast<char>('a' + bytes % 26)) + ".tar.bz2", id);
+    }
+    std::size_t arrived = 0;
+    for (const std::string& file : world.files.allFiles()) {
+        if (file.starts_with(folder.native())) {
+            EXPECT_TRUE(file.ends_with(".bz2")) << file;
+            EXPECT_EQ(world.text(file), "0123456789");
+            ++arrived;
+        }
+    }
+    EXPECT_EQ(arrived, 5U);
+}
+
+TEST_P(LongNames, AreResumedAndDoNotCollide) {
+    const std::string one = std::string(250, 'x') + "1.txt";
+    const std::string two = std::string(250, 'x') + "2.txt";
+    const auto interrupted = connect();
+    EXPECT_EQ(world.offer(*interrupted, one, 10, "ID-1"), 0);
+    world.sendData(*interrupted, "01234");
+    interrupted->close();
+    world.settle();
+    deliver(two, "ID-2");
+    const auto again = connect();
+    EXPECT_EQ(world.offer(*again, one, 10, "ID-1"), 5);
+    world.sendData(*again, "56789");
+    world.send(*again, Row::done());
+    EXPECT_EQ(world.text(folder / (std::string(233, 'x') + ".txt")), "0123456789");
+    EXPECT_EQ(world.text(folder / (std::string(231, 'x') + " 2.txt")), "0123456789");
 }
 
 } // namespace

@@ -17,21 +17,45 @@ namespace {
 
 constexpr const char* nameForNothing = "received";
 
-/// A base name in its two parts, for numbering.
-struct SplitName {
-    explicit SplitName(const std::string& baseName)
-        : whole(baseName), stem(withoutPathExtension(baseName)), extension(pathExtension(baseName)) {}
+/// Bytes behind the final name in that of the sidecar, the longest of the three.
+constexpr std::size_t suffixBytes =
+    std::string_view(CollisionResolver::partialSuffix).size() + std::string_view(PartialMetaIO::suffix).size();
 
-    [[nodiscard]] std::string candidate(int number) const {
-        if (number == 1) {
-            return whole;
+/// A base name in its two parts, for numbering, in a folder whose names have at most `longestName` bytes.
+class SplitName {
+public:
+    SplitName(const std::string& baseName, std::size_t longestName)
+        : longest_(longestName > suffixBytes ? longestName - suffixBytes : 0), stem_(baseName) {
+        const std::string extension = pathExtension(baseName);
+        constexpr std::size_t leastRoom = 64; // for stem and number: what leaves less is no extension
+        if (!extension.empty() && extension.size() + leastRoom <= longest_) {
+            stem_ = withoutPathExtension(baseName);
+            ending_ = "." + extension;
         }
-        return stem + " " + std::to_string(number) + (extension.empty() ? "" : "." + extension);
     }
 
-    std::string whole;
-    std::string stem;
-    std::string extension;
+    [[nodiscard]] std::string candidate(int number) const {
+        return with(number == 1 ? "" : " " + std::to_string(number), ending_);
+    }
+    [[nodiscard]] std::string unique() const { return with("-" + platform::randomUuidText(), ending_); }
+    /// The same, with a dot at its end without an extension too.
+    [[nodiscard]] std::string uniqueWithDot() const {
+        return with("-" + platform::randomUuidText(), ending_.empty() ? "." : ending_);
+    }
+
+private:
+    [[nodiscard]] std::string with(const std::string& number, const std::string& ending) const {
+        const std::size_t rest = number.size() + ending.size();
+        if (stem_.size() + rest <= longest_) {
+            return stem_ + number + ending;
+        }
+        const std::string stem = trimmed(firstCharactersWithin(stem_, longest_ > rest ? longest_ - rest : 0));
+        return (stem.empty() ? nameForNothing : stem) + number + ending;
+    }
+
+    std::size_t longest_;
+    std::string stem_;
+    std::string ending_; ///< with its dot
 };
 
 Path partialOf(const Path& final) {
@@ -92,7 +116,7 @@ std::string CollisionResolver::sanitize(const std::string& name) {
 
 CollisionResolver::Target CollisionResolver::resolveTarget(FileSystem& files, const Path& dir,
                                                            const std::string& baseName, const std::string& transferId) {
-    const SplitName name(baseName);
+    const SplitName name(baseName, files.longestName(dir));
     for (int number = 1; number <= lastCandidate; ++number) {
         const Path final = dir / name.candidate(number);
         const Path partial = partialOf(final);
@@ -106,13 +130,12 @@ CollisionResolver::Target CollisionResolver::resolveTarget(FileSystem& files, co
             return {final, partial, *offset};
         }
     }
-    const std::string ending = name.extension.empty() ? "" : "." + name.extension;
-    const Path final = dir / (name.stem + "-" + platform::randomUuidText() + ending);
+    const Path final = dir / name.unique();
     return {final, partialOf(final), 0};
 }
 
 Path CollisionResolver::resolveFinalURL(FileSystem& files, const Path& dir, const std::string& baseName) {
-    const SplitName name(baseName);
+    const SplitName name(baseName, files.longestName(dir));
     for (int number = 1; number <= lastCandidate; ++number) {
         const Path candidate = dir / name.candidate(number);
         if (!isTakenWithPartial(files, candidate)) {
@@ -120,7 +143,7 @@ Path CollisionResolver::resolveFinalURL(FileSystem& files, const Path& dir, cons
         }
     }
     // The dot is there without an extension too, unlike in resolveTarget(): other receivers name such files so.
-    return dir / (name.stem + "-" + platform::randomUuidText() + "." + name.extension);
+    return dir / name.uniqueWithDot();
 }
 
 } // namespace orlinth

@@ -11,12 +11,10 @@ namespace orlinth {
 /// anything. Decides by looking at the folder alone; nothing here throws.
 ///
 /// A name counts as taken when it, or it with ".partial" behind it, exists; a link that leads nowhere does exist here.
-/// Base names are what sanitize() returned.
+/// Base names are what sanitize() returned. Where a name with its number would leave no room for the two suffixes
+/// behind it in what the file system takes for a name, its stem is shortened, and its extension kept.
 struct CollisionResolver {
     static constexpr const char* partialSuffix = ".partial";
-    /// Bytes of the longest base name that can be received: a name in a folder has up to 255 (NAME_MAX) on the file
-    /// systems of Linux, and that of the sidecar is longer by a number and both suffixes.
-    static constexpr std::size_t longestBaseName = 255 - std::string_view(" 9999.partial.meta.json").size();
     /// "photo.jpg", "photo 2.jpg", ... "photo 9999.jpg", then a name with a UUID.
     static constexpr int lastCandidate = 9999;
 

@@ -404,6 +404,11 @@ void LinuxFileSystem::flushDirectory(const Path& path) {
     }
 }
 
+std::size_t LinuxFileSystem::longestName(const Path& folder) const noexcept {
+    const long bytes = ::pathconf(folder.c_str(), _PC_NAME_MAX);
+    return bytes > 0 ? static_cast<std::size_t>(bytes) : FileSystem::longestName(folder);
+}
+
 std::vector<std::string> LinuxFileSystem::list(const Path& path) const {
     Descriptor descriptor = openDescriptor(path, O_RDONLY | O_DIRECTORY);
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::fdopendir(descriptor.get()), ::closedir);

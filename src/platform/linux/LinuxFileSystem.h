@@ -21,6 +21,7 @@ public:
     [[nodiscard]] Path resolveLinks(const Path& path) const override;
     void setPermissions(const Path& path, std::uint32_t permissions) override;
     void flushDirectory(const Path& path) override;
+    [[nodiscard]] std::size_t longestName(const Path& folder) const noexcept override;
     [[nodiscard]] std::vector<std::string> list(const Path& path) const override;
 };
 

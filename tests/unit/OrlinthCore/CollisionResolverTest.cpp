@@ -181,7 +181,7 @@ TEST_F(CollisionResolverTest, GivesAnUnreachableFolderToTheCallerToFailOn) {
     files.setPermissions(dir, 0);
     expectTarget("x.pdf", "x.pdf", 0);
     EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x.pdf");
-    expectTarget(std::string(300, 'x'), std::string(300, 'x'), 0);
+    expectTarget(std::string(300, 'x'), std::string(237, 'x'), 0);
 }
 
 TEST_F(CollisionResolverTest, UsesTheLastNumberBeforeItUsesAUuid) {
@@ -213,6 +213,87 @@ TEST_F(CollisionResolverTest, FallsBackToAUuidWithADotOnlyForTheFinalName) {
     expectName(first, stem + "\\.");
     EXPECT_NE(CollisionResolver::resolveFinalURL(files, dir, "notes"), first);
     expectName(CollisionResolver::resolveFinalURL(files, dir, "notes.txt"), stem + "\\.txt");
+}
+
+// ---- names for which there is hardly room
+
+/// A name of so many bytes, with an extension.
+std::string nameOf(std::size_t bytes) {
+    return std::string(bytes - 4, 'x') + ".txt";
+}
+
+TEST_F(CollisionResolverTest, ANameKeepsAllThatLeavesRoomForItsSidecar) {
+    for (const std::size_t bytes : {5U, 232U, 233U, 237U}) {
+        const auto target = CollisionResolver::resolveTarget(files, dir, nameOf(bytes), "ID-1");
+        EXPECT_EQ(target.final, dir / nameOf(bytes)) << bytes;
+        EXPECT_EQ(target.resumeOffset, 0);
+    }
+}
+
+TEST_F(CollisionResolverTest, ALongerNameLosesTheEndOfItsStem) {
+    for (const std::size_t bytes : {238U, 239U, 255U, 300U, 5000U}) {
+        const auto target = CollisionResolver::resolveTarget(files, dir, nameOf(bytes), "ID-1");
+        EXPECT_EQ(target.final, dir / nameOf(237)) << bytes;
+        EXPECT_EQ((PartialMetaIO::metaURL(target.partial)).filename().native().size(), 255U);
+        EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, nameOf(bytes)), dir / nameOf(237));
+    }
+}
+
+TEST_F(CollisionResolverTest, ANumberTakesItsRoomFromTheStem) {
+    files.put(dir / nameOf(237), "");
+    const std::string second = std::string(231, 'x') + " 2.txt";
+    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(237), "ID-1").final, dir / second);
+    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(255), "ID-1").final, dir / second);
+    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, nameOf(255)), dir / second);
+    for (int number = 2; number < 10; ++number) {
+        files.put(dir / (std::string(231, 'x') + " " + std::to_string(number) + ".txt"), "");
+    }
+    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(255), "ID-1").final,
+              dir / (std::string(230, 'x') + " 10.txt"));
+}
+
+TEST_F(CollisionResolverTest, TheCutLiesBetweenCharacters) {
+    const auto finalOf = [&](const std::string& name) {
+        return CollisionResolver::resolveTarget(files, dir, name, "ID-1").final.filename().native();
+    };
+    const auto repeated = [](const std::string& text, int times) {
+        std::string result;
+        for (int i = 0; i < times; ++i) {
+            result += text;
+        }
+        return result;
+    };
+    EXPECT_EQ(finalOf(repeated("\u00e4", 125) + ".txt"), repeated("\u00e4", 116) + ".txt")
+        << "233 bytes: 116 and a half";
+    EXPECT_EQ(finalOf(repeated("e\u0301", 80) + ".txt"), repeated("e\u0301", 77) + ".txt");
+    EXPECT_EQ(finalOf("x" + repeated("\U0001F600", 63)), "x" + repeated("\U0001F600", 59));
+    EXPECT_EQ(finalOf(std::string(232, 'x') + "  and more.txt"), std::string(232, 'x') + ".txt")
+        << "no blank before it";
+}
+
+TEST_F(CollisionResolverTest, AnExtensionThatLeavesNoRoomIsNone) {
+    const std::string longExtension = "a." + std::string(250, 'y');
+    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, longExtension, "ID-1").final,
+              dir / ("a." + std::string(235, 'y')));
+    const std::string kept = std::string(200, 'x') + "." + std::string(100, 'y');
+    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, kept, "ID-1").final,
+              dir / (std::string(136, 'x') + "." + std::string(100, 'y')));
+}
+
+TEST_F(CollisionResolverTest, TheFileSystemSaysHowLongANameMayBe) {
+    files.setLongestName(143);
+    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(125), "ID-1").final, dir / nameOf(125));
+    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(126), "ID-1").final, dir / nameOf(125));
+}
+
+TEST_F(CollisionResolverTest, AShortenedNameIsResumedUnderTheSameName) {
+    putPartial(nameOf(237), "01234", "ID-1");
+    const auto target = CollisionResolver::resolveTarget(files, dir, nameOf(255), "ID-1");
+    EXPECT_EQ(target.final, dir / nameOf(237));
+    EXPECT_EQ(target.resumeOffset, 5);
+    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(250), "ID-2").final,
+              dir / (std::string(231, 'x') + " 2.txt"))
+        << "another long name that is shortened to the same";
 }
 
 } // namespace

@@ -129,5 +129,23 @@ TEST(Text, SplitsANameAtItsExtension) {
     }
 }
 
+TEST(FirstCharactersWithin, AreAsManyWholeOnesAsFit) {
+    EXPECT_EQ(firstCharactersWithin("abc", 3), "abc");
+    EXPECT_EQ(firstCharactersWithin("abc", 2), "ab");
+    EXPECT_EQ(firstCharactersWithin("abc", 0), "");
+    EXPECT_EQ(firstCharactersWithin("", 5), "");
+    EXPECT_EQ(firstCharactersWithin("a\u00e4\u00e4", 4), "a\u00e4") << "not half a letter";
+    EXPECT_EQ(firstCharactersWithin("ae\u0301", 3), "a") << "not a letter without its accent";
+    EXPECT_EQ(firstCharactersWithin("ae\u0301", 4), "ae\u0301");
+    const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467"; // one character, of five code points
+    EXPECT_EQ(firstCharactersWithin("x" + family + "y", family.size()), "x");
+    EXPECT_EQ(firstCharactersWithin("x" + family + "y", family.size() + 1), "x" + family);
+}
+
+TEST(FirstCharactersWithin, AreCutBetweenCodePointsIfTheFirstAloneIsTooLong) {
+    EXPECT_EQ(firstCharactersWithin("e\u0301\u0301\u0301", 4), "e\u0301");
+    EXPECT_EQ(firstCharactersWithin("\U0001F468", 3), "");
+}
+
 } // namespace
 } // namespace orlinth
