@@ -169,13 +169,14 @@ private:
         // given back when this function ends: people may take their time with the question that follows
         std::optional<BorrowedPort> borrowed = borrowPort(host);
         std::unique_ptr<platform::Listener> port = borrowed ? nullptr : openPort(host, borrowed);
-        if (borrowed) {
-            port = std::make_unique<PairingDoor>(host, borrowed->takeListener());
-        }
-        const std::uint16_t number = port->port();
+        const std::uint16_t number = borrowed ? borrowed->port() : port->port();
         const PairingPayload payload = PairingPayload::mint(ownKey, device, number);
         const std::string code = PairCode::generate();
         const SecretBytes secret = payload.secret();
+        std::optional<PairingDoor> door;
+        if (borrowed) {
+            port = door.emplace(host, borrowed->takeListener(), secret).listener();
+        }
         PairListener listener(host.system, secret, number, duration(), std::move(port));
         PairAdvertiser advertiser(host.system, payload, code, host.tasks.executor());
 
@@ -196,13 +197,34 @@ private:
                                                           "), so that digits cannot find it. Scan the code instead.");
                                   }});
         }
-        const PairListener::Result result = host.tasks.run(listener.awaitIntroduction());
+        const PairListener::Result result = awaitIntroduction(host, listener, door);
         PeerRecord phone = PairIntroduction::decode(result.phoneIntroductionPlaintext, ownKey);
         const auto phoneKey = platform::PublicKey::fromBase64(phone.peer_pubkey);
         return {.phone = std::move(phone),
                 .confirmationCode = PairCrypto::confirmationCode(secret.reveal(), ownKey, phoneKey.value(),
                                                                  result.phoneIntroductionPlaintext),
                 .remoteEndpoint = result.remoteEndpoint};
+    }
+
+    /// When it ends, nobody who has come to a borrowed port is left there for the service.
+    static PairListener::Result awaitIntroduction(Host& host, PairListener& listener,
+                                                  std::optional<PairingDoor>& door) {
+        std::exception_ptr failure;
+        std::optional<PairListener::Result> result;
+        try {
+            result = host.tasks.run(listener.awaitIntroduction());
+        } catch (const Interrupted&) {
+            throw; // no time for manners
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (door) {
+            static_cast<void>(host.tasks.run(door->finish()));
+        }
+        if (failure) {
+            std::rethrow_exception(failure);
+        }
+        return std::move(*result);
     }
 
     [[nodiscard]] double duration() const noexcept { return timeout_ > 0 ? timeout_ : double{maxSeconds}; }

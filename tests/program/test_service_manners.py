@@ -6,11 +6,13 @@ import json
 import os
 import signal
 import socket
+import struct
 import sys
 import time
 import unittest
 
-from harness import MIB, ORLINTH, PATIENCE, Identity, ProgramTest, Running, sha256
+from harness import MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, sha256
+from test_pairing import ScriptedPhone
 
 # Gives the sockets that the test has opened to the program, as a service manager does.
 LAUNCHER = """
@@ -263,6 +265,69 @@ exit 1
         self.assertEqual(2, program.stderr.count("wanted to deliver something"), program.stderr)
         self.deliver(service, self.phone, "late.bin")
         self.deliver(service, self.tablet, "a.bin")
+
+    def test_is_not_held_up_by_strangers_who_say_nothing(self):
+        service = self.listening()
+        program = self.pair()
+        payload = program.events.wait_for("payload")["payload"]
+        with contextlib.ExitStack() as strangers:
+            for number in range(100):  # more than are listened to at once
+                stranger = strangers.enter_context(socket.create_connection(("127.0.0.1", service.port), PATIENCE))
+                if number % 2:
+                    stranger.sendall(struct.pack(">I", 32))  # and no more
+            begin = time.monotonic()
+            joined = self.tablet.run("join", "--payload", "-", "--yes", "--json", "--listen-port", "9",
+                                     input=json.dumps(payload))
+            self.assertEqual(0, joined.returncode, joined.stderr)
+            self.assertEqual(0, program.wait(), program.stderr)
+            self.assertLess(time.monotonic() - begin, 20 if SANITIZED else 5)
+        self.deliver(service, self.tablet, "a.bin")
+
+    def test_turns_away_a_second_phone_also_on_a_port_that_stays_open(self):
+        with socket.create_server(("127.0.0.1", 0)) as port:
+            service = self.activated(port)
+            service.port = service.events.wait_for("listening")["port"]
+            program = self.pair()
+            payload = program.events.wait_for("payload")["payload"]
+            first, second = ScriptedPhone(payload), ScriptedPhone(payload)
+            blob, late = (phone.sealed(phone.plaintext()) for phone in (first, second))
+            turned_away = []
+
+            def introduce(phone):
+                with contextlib.suppress(ConnectionError):  # refused is as good as dropped
+                    connection = phone.connect()
+                    self.addCleanup(connection.close)
+                    turned_away.append(connection)
+                    connection.sendall(struct.pack(">I", len(late)) + late)
+
+            with first.connect() as one:
+                one.sendall(struct.pack(">I", len(blob)) + blob[:-1])
+                time.sleep(0.2)  # the pairing has taken it by now
+                for _ in range(3):
+                    introduce(second)
+                one.sendall(blob[-1:])
+                self.assertEqual(0, program.wait(), program.stderr)
+            self.assertEqual(first.key, program.events.find("paired")["peer"]["peer_pubkey"])
+            self.deliver(service, self.phone, "a.bin")  # the service is back
+            for connection in turned_away:
+                with contextlib.suppress(ConnectionError):
+                    self.assertEqual(b"", connection.recv(1000))
+            self.end(service)
+
+    def test_a_frame_of_32_bytes_is_an_introduction_if_it_opens(self):
+        service = self.listening()
+        program = self.pair("--timeout", "30")
+        phone = ScriptedPhone(program.events.wait_for("payload")["payload"])
+        for blob in (os.urandom(32), phone.sealed(b"abcd", os.urandom(32))):
+            with phone.connect() as connection:  # no introduction to this pairing, and as long as a handshake's beginning
+                connection.sendall(struct.pack(">I", 32) + blob)
+                self.assertEqual(b"", connection.recv(1))
+        with contextlib.suppress(ConnectionError):
+            phone.say(b"abcd")
+        self.assertEqual(1, program.wait())
+        self.assertRegex(program.stderr, "(?m)^orlinth: not a valid introduction: ")
+        self.assertEqual(2, program.stderr.count("wanted to deliver something"), program.stderr)
+        self.deliver(service, self.phone, "a.bin")
 
     def test_may_ask_for_the_services_port_by_its_number(self):
         service = self.listening()
