@@ -180,6 +180,9 @@ private:
         PairListener listener(host.system, secret, number, duration(), std::move(port));
         PairAdvertiser advertiser(host.system, payload, code, host.tasks.executor());
 
+        if (!borrowed) {
+            tellWhereFilesGo(host, number);
+        }
         show(host, payload, code);
         Countdown countdown(host, duration());
         if (!quietly_) {
@@ -198,12 +201,50 @@ private:
                                   }});
         }
         const PairListener::Result result = awaitIntroduction(host, listener, door);
-        PeerRecord phone = PairIntroduction::decode(result.phoneIntroductionPlaintext, ownKey);
+        PeerRecord phone = recordIn(host, result, ownKey);
         const auto phoneKey = platform::PublicKey::fromBase64(phone.peer_pubkey);
         return {.phone = std::move(phone),
                 .confirmationCode = PairCrypto::confirmationCode(secret.reveal(), ownKey, phoneKey.value(),
                                                                  result.phoneIntroductionPlaintext),
                 .remoteEndpoint = result.remoteEndpoint};
+    }
+
+    static PeerRecord recordIn(const Host& host, const PairListener::Result& result,
+                               const platform::PublicKey& ownKey) {
+        PairIntroduction::Decoded decoded =
+            PairIntroduction::decodeFrom(addressIn(result.remoteEndpoint), result.phoneIntroductionPlaintext, ownKey);
+        const auto log = [&host, &decoded](const std::string& text) {
+            host.system.log.write(platform::LogLevel::info, "com.tarvinex.orlinth", "pair",
+                                  "introduction of " + decoded.record.peer_hostname + ": " + text);
+        };
+        for (const std::string& objection : decoded.leftOut) {
+            log("left out " + objection);
+        }
+        if (decoded.hasConnectionAddress) {
+            log("key \"peer_ip\" is empty, so the connection's address is used: " + decoded.record.peer_ip);
+        }
+        return std::move(decoded.record);
+    }
+
+    /// "192.168.1.7" of "192.168.1.7:40112", "fe80::1%eth0" of "[fe80::1%eth0]:40112".
+    static std::string addressIn(const std::string& endpoint) {
+        const std::string address = endpoint.substr(0, endpoint.rfind(':'));
+        const bool hasBrackets = address.size() > 1 && address.front() == '[' && address.back() == ']';
+        return hasBrackets ? address.substr(1, address.size() - 2) : address;
+    }
+
+    /// The phone keeps the port of its pairing: people should know if nobody receives there.
+    static void tellWhereFilesGo(Host& host, std::uint16_t port) {
+        const std::string number = std::to_string(port);
+        const std::optional<std::uint16_t> service = portOfService(host);
+        if (service && *service != port) {
+            host.output.message("The phone will send files to port " + number +
+                                ", but the Orlinth service receives on port " + std::to_string(*service) +
+                                ". To use the service, pair without `--port`.");
+        } else if (!service && port != defaultPort) {
+            host.output.message("The phone will send files to port " + number +
+                                ". To receive them, run `orlinth serve --port " + number + "`.");
+        }
     }
 
     /// When it ends, nobody who has come to a borrowed port is left there for the service.

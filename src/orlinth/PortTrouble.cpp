@@ -2,22 +2,11 @@
 
 #include "orlinth/ServiceControl.h"
 
-#include <optional>
 #include <utility>
 
 namespace orlinth::host {
 
 namespace {
-
-/// The running service's port; nothing if none runs, or if it does not say.
-std::optional<std::uint16_t> portOfService(Host& host) {
-    try {
-        return host.tasks.run(askServicePort(host));
-    } catch (const HostError& error) {
-        host.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", error.description());
-        return std::nullopt;
-    }
-}
 
 std::string hintFor(Host& host, std::uint16_t port, const std::error_code& reason) {
     const std::string number = std::to_string(port);
@@ -38,6 +27,15 @@ std::string hintFor(Host& host, std::uint16_t port, const std::error_code& reaso
 }
 
 } // namespace
+
+std::optional<std::uint16_t> portOfService(Host& host) {
+    try {
+        return host.tasks.run(askServicePort(host));
+    } catch (const HostError& error) {
+        host.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", error.description());
+        return std::nullopt;
+    }
+}
 
 HostError portTrouble(Host& host, std::uint16_t port, const std::error_code& reason, std::string text) {
     return HostError(std::move(text), hintFor(host, port, reason));

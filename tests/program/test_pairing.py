@@ -384,6 +384,30 @@ class Question(PairingTest):
         self.assertIsNone(program.events.find("introduction"))
 
 
+class WhatAPhoneMayLeaveOut(PairingTest):
+    def test_an_optional_value_that_cannot_be_used_and_its_address(self):
+        program = self.pair("--yes")
+        phone = ScriptedPhone(program.payload)
+        phone.say(phone.plaintext(peer_ip="", peer_fcm_token=7, peer_mac="x" * 65, peer_subnet="127.0.0.0/8"))
+        self.assertEqual(0, program.wait(), program.stderr)
+        [record] = self.records(self.mac)
+        self.assertEqual(("127.0.0.1", "", "", "127.0.0.0/8"),
+                         tuple(record[key] for key in ("peer_ip", "peer_fcm_token", "peer_mac", "peer_subnet")))
+
+    def test_another_port_than_the_services_is_where_files_will_go(self):
+        program = self.pair("--yes")
+        port = program.payload["peer_port"]
+        self.assertIn(f"The phone will send files to port {port}. To receive them, run `orlinth serve --port {port}`.",
+                      program.stderr)
+        program.kill()
+        service = self.running(self.mac, "serve", "--port", "0", "--json")
+        served = service.events.wait_for("listening")["port"]
+        program = self.pair("--yes")
+        port = program.payload["peer_port"]
+        self.assertIn(f"The phone will send files to port {port}, but the Orlinth service receives on port {served}. "
+                      "To use the service, pair without `--port`.", program.stderr)
+
+
 class WhatAPhoneMayNotSay(PairingTest):
     def refused(self, plaintext):
         program = self.pair("--yes")
@@ -405,7 +429,7 @@ class WhatAPhoneMayNotSay(PairingTest):
     def test_a_field_that_is_missing_or_cannot_be(self):
         for changes in ({"peer_pubkey": None}, {"peer_port": 0}, {"peer_port": "7000"}, {"peer_ip": "0.0.0.0"},
                         {"peer_ip": "phone.example"}, {"peer_hostname": " "}, {"peer_hostname": "a\x1b[2Jb"},
-                        {"peer_hostname": "x" * 256}, {"peer_fcm_token": 7}):
+                        {"peer_hostname": "x" * 256}):
             with self.subTest(**changes):
                 self.refused(lambda phone, changes=changes: phone.plaintext(**changes))
 

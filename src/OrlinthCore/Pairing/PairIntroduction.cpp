@@ -32,8 +32,16 @@ std::string requiredText(const Json& json, const char* key, std::size_t maxBytes
     return checkedText(key, requireString(json, key), maxBytes);
 }
 
-std::string optionalText(const Json& json, const char* key, std::size_t maxBytes) {
-    return checkedText(key, optionalString(json, key).value_or(""), maxBytes);
+/// "" where it cannot be used, with the objection in `leftOut`.
+std::string optionalText(const Json& json, const char* key, std::size_t maxBytes, std::vector<std::string>& leftOut) {
+    try {
+        return checkedText(key, optionalString(json, key).value_or(""), maxBytes);
+    } catch (const JsonError& error) {
+        leftOut.push_back(error.description());
+    } catch (const PairIntroductionError& error) {
+        leftOut.push_back(error.why());
+    }
+    return {};
 }
 
 void checkKey(const std::string& text, const PublicKey& ownKey) {
@@ -46,12 +54,17 @@ void checkKey(const std::string& text, const PublicKey& ownKey) {
     }
 }
 
-PeerRecord recordOf(const Json& json, const PublicKey& ownKey) {
+PairIntroduction::Decoded decodedOf(const Json& json, const std::string& connectionAddress, const PublicKey& ownKey) {
     constexpr std::size_t keyTextBytes = 44;
-    PeerRecord record;
+    PairIntroduction::Decoded decoded;
+    PeerRecord& record = decoded.record;
     record.peer_pubkey = requiredText(json, "peer_pubkey", keyTextBytes);
     checkKey(record.peer_pubkey, ownKey);
     record.peer_ip = requiredText(json, "peer_ip", PairIntroduction::maxFieldBytes);
+    if (trimmed(record.peer_ip).empty() && !connectionAddress.empty()) {
+        record.peer_ip = connectionAddress;
+        decoded.hasConnectionAddress = true;
+    }
     if (const std::optional<std::string> objection = objectionToAddress(record.peer_ip)) {
         refuse("peer_ip", *objection);
     }
@@ -63,12 +76,12 @@ PeerRecord recordOf(const Json& json, const PublicKey& ownKey) {
     if (trimmed(record.peer_hostname).empty()) {
         refuse("peer_hostname", "blank");
     }
-    record.peer_subnet = optionalText(json, "peer_subnet", PairIntroduction::maxFieldBytes);
-    record.peer_mac = optionalText(json, "peer_mac", PairIntroduction::maxFieldBytes);
-    record.peer_fcm_token = optionalText(json, "peer_fcm_token", PairIntroduction::maxTokenBytes);
-    record.peer_android = optionalText(json, "peer_android", PairIntroduction::maxFieldBytes);
+    record.peer_subnet = optionalText(json, "peer_subnet", PairIntroduction::maxFieldBytes, decoded.leftOut);
+    record.peer_mac = optionalText(json, "peer_mac", PairIntroduction::maxFieldBytes, decoded.leftOut);
+    record.peer_fcm_token = optionalText(json, "peer_fcm_token", PairIntroduction::maxTokenBytes, decoded.leftOut);
+    record.peer_android = optionalText(json, "peer_android", PairIntroduction::maxFieldBytes, decoded.leftOut);
     record.self_pubkey = ownKey.base64();
-    return record;
+    return decoded;
 }
 
 /// Whether the 32 bytes, least significant first, are a number below 2^255 - 19, the field's prime (RFC 7748 §5).
@@ -133,12 +146,17 @@ std::optional<std::string> objectionTo(const Ipv6Address& address) {
 
 } // namespace
 
-PeerRecord PairIntroduction::decode(ByteView plaintext, const PublicKey& ownKey) {
+PairIntroduction::Decoded PairIntroduction::decodeFrom(const std::string& connectionAddress, ByteView plaintext,
+                                                       const PublicKey& ownKey) {
     try {
-        return recordOf(parseJson(plaintext), ownKey);
+        return decodedOf(parseJson(plaintext), connectionAddress, ownKey);
     } catch (const JsonError& error) {
         throw PairIntroductionError(error.description());
     }
+}
+
+PeerRecord PairIntroduction::decode(ByteView plaintext, const PublicKey& ownKey) {
+    return decodeFrom("", plaintext, ownKey).record;
 }
 
 Bytes PairIntroduction::encode(const PeerRecord& self) {

@@ -4,6 +4,9 @@
 #include "base/Error.h"
 #include "platform/Crypto.h"
 
+#include <string>
+#include <vector>
+
 namespace orlinth {
 
 /// An introduction that cannot be taken; the text says why.
@@ -18,8 +21,9 @@ private:
 
 /// What the phone says of itself inside the sealed introduction: one JSON object with keys of a peer record.
 ///
-/// `peer_pubkey`, `peer_ip`, `peer_port` and `peer_hostname` are required; `peer_subnet`, `peer_mac`,
-/// `peer_fcm_token` and `peer_android` may be absent. Others are ignored.
+/// `peer_pubkey`, `peer_ip`, `peer_port` and `peer_hostname` are required, though `peer_ip` may be empty;
+/// `peer_subnet`, `peer_mac`, `peer_fcm_token` and `peer_android` may be absent, and one that cannot be used counts as
+/// absent. Others are ignored.
 class PairIntroduction {
 public:
     static constexpr std::size_t maxHostnameBytes = 255;
@@ -28,9 +32,20 @@ public:
 
     PairIntroduction() = delete;
 
+    /// A phone, and what of its introduction was not taken as it stood.
+    struct Decoded {
+        PeerRecord record;
+        std::vector<std::string> leftOut;  ///< why, for each field; no value is quoted
+        bool hasConnectionAddress = false; ///< `peer_ip` was empty
+    };
+
     /// The record of the phone, with `self_pubkey` set and `paired_at_epoch_ms` 0. Every field has been checked:
     /// lengths, no control characters, a key that is somebody else's and not of low order, an address that one
-    /// computer can have, a port from 1 to 65535. @throws PairIntroductionError
+    /// computer can have, a port from 1 to 65535. An optional field that fails is left empty. An empty `peer_ip`
+    /// becomes `connectionAddress`, the address that the introduction came from. @throws PairIntroductionError
+    [[nodiscard]] static Decoded decodeFrom(const std::string& connectionAddress, ByteView plaintext,
+                                            const platform::PublicKey& ownKey);
+    /// The same of an introduction that came from nowhere: its `peer_ip` may not be empty.
     [[nodiscard]] static PeerRecord decode(ByteView plaintext, const platform::PublicKey& ownKey);
     /// The introduction of the one that `self` describes; checks nothing.
     [[nodiscard]] static Bytes encode(const PeerRecord& self);

@@ -148,7 +148,13 @@ CheckedPayload checkPayload(const PairingPayload& payload, const platform::Publi
     computer.peer_hostname = payload.peer_hostname;
     computer.peer_mac = payload.peer_mac;
     try {
-        computer = PairIntroduction::decode(PairIntroduction::encode(computer), ownKey); // the same fields, same rules
+        // the same fields and rules, but that nothing is optional
+        PairIntroduction::Decoded decoded =
+            PairIntroduction::decodeFrom("", PairIntroduction::encode(computer), ownKey);
+        if (!decoded.leftOut.empty()) {
+            throw PairJoinError::payload(decoded.leftOut.front());
+        }
+        computer = std::move(decoded.record);
         SecretBytes secret = payload.secret();
         const auto key = platform::PublicKey::fromBase64(computer.peer_pubkey);
         return {.computer = std::move(computer), .key = key.value(), .secret = std::move(secret)};
