@@ -1,4 +1,5 @@
 #include "OrlinthShare/SheetLook.h"
+#include "fakes/OwnEnvironment.h"
 
 #include <gmock/gmock.h>
 
@@ -6,10 +7,8 @@
 
 /// Widgets need an application; a screen they do not.
 int main(int argc, char** argv) {
+    orlinth::fakes::enterOwnEnvironment();
     qputenv("QT_QPA_PLATFORM", "offscreen");
-    qputenv("QT_QPA_PLATFORMTHEME", "");
-    qunsetenv("QT_STYLE_OVERRIDE");
-    qunsetenv("DBUS_SESSION_BUS_ADDRESS"); // not the session of whoever runs this
     testing::InitGoogleMock(&argc, argv);
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);

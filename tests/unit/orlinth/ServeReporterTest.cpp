@@ -55,7 +55,6 @@ public:
         fakes::writeText(folder_ / "xdg-open", "#!/bin/sh\nprintf %s \"$1\" >\"" + log().string() + ".new\" && mv \"" +
                                                    log().string() + ".new\" \"" + log().string() + "\"\n");
         ::chmod((folder_ / "xdg-open").c_str(), 0755);
-        ::unsetenv("INVOCATION_ID"); // of whoever runs the tests
         ::setenv("PATH", (folder_.path().string() + ":" + before_).c_str(), 1);
     }
     ~FakeOpener() { ::setenv("PATH", before_.c_str(), 1); }
