@@ -4,6 +4,7 @@ import os
 import pathlib
 import struct
 import subprocess
+import sys
 import unittest
 
 from dissononce.cipher.chachapoly import ChaChaPolyCipher
@@ -14,6 +15,9 @@ from dissononce.processing.handshakepatterns.interactive.XX import XXHandshakePa
 from dissononce.processing.impl.cipherstate import CipherState
 from dissononce.processing.impl.handshakestate import HandshakeState
 from dissononce.processing.impl.symmetricstate import SymmetricState
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "program"))
+import own_environment  # noqa: E402, F401 (it lies with those tests; it is entered by the import)
 
 PEER = pathlib.Path(os.environ["ORLINTH_BUILD"]) / "tests" / "interop" / "noise_peer"
 PROLOGUE = b"Orlinth_v1"

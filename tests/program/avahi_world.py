@@ -172,7 +172,7 @@ class AvahiWorld:
     @property
     def environment(self):
         """For programs that are to find the bus; to be run with `inside`."""
-        return {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self.reached_at}", "LC_ALL": "C.UTF-8"}
+        return {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self.reached_at}"}
 
     def inside(self, arguments):
         """The command line that runs these arguments in the namespaces, as a process that may be signalled."""

@@ -19,6 +19,9 @@ import sys
 import tempfile
 import time
 
+if __name__ != "__main__":  # the owner of a clipboard is one of the programs on a desktop, in whose environment it runs
+    import own_environment  # noqa: F401 (it is entered by the import)
+
 TOOL = pathlib.Path(os.environ.get("ORLINTH_BUILD", ".")) / "tests" / "interop" / "clipboard_tool"
 PATIENCE = 30
 CONCEALED = "org.nspasteboard.ConcealedType"
@@ -63,11 +66,8 @@ class Desktop:
 
     def __init__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="orlinth-desktop-"))
-        self.environment = {key: value for key, value in os.environ.items()
-                            if key not in ("DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY", "WAYLAND_SOCKET")}
-        self.environment["XDG_RUNTIME_DIR"] = str(self.folder)
         # a temporary file of wl-copy's goes with the session
-        self.environment["TMPDIR"] = str(self.folder)
+        self.environment = {**os.environ, "XDG_RUNTIME_DIR": str(self.folder), "TMPDIR": str(self.folder)}
         self.processes = []
         self.log = open(self.folder / "log", "wb")
 

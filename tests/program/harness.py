@@ -16,6 +16,8 @@ import tempfile
 import threading
 import unittest
 
+import own_environment  # noqa: F401 (it is entered by the import)
+
 ORLINTH = os.environ.get("ORLINTH", "orlinth")
 SANITIZED = bool(os.environ.get("ORLINTH_SANITIZE"))
 BUILD = pathlib.Path(os.environ.get("ORLINTH_BUILD", "."))
@@ -141,8 +143,6 @@ class Identity:
             "XDG_DATA_HOME": str(self.data),
             "XDG_CONFIG_HOME": str(self.config),
         }
-        for name in ("NO_COLOR", "XDG_DOWNLOAD_DIR", "DISPLAY", "WAYLAND_DISPLAY", "ORLINTH_FCM_BASE_URL"):
-            self.environment.pop(name, None)
 
     def run(self, *arguments, **options):
         """Runs the program to its end; text streams."""

@@ -19,10 +19,6 @@ class Screen(X11Desktop):
     def __init__(self):
         super().__init__(screen="%dx%dx24" % self.size, options=lambda folder: ["-fbdir", str(folder)])
         self.environment["QT_QPA_PLATFORM"] = "xcb"
-        # nothing of the settings of whoever runs this
-        for name in ("DBUS_SESSION_BUS_ADDRESS", "QT_QPA_PLATFORMTHEME", "QT_STYLE_OVERRIDE", "QT_SCALE_FACTOR",
-                     "XDG_CURRENT_DESKTOP"):
-            self.environment.pop(name, None)
 
     def tool(self, *arguments):
         done = subprocess.run(["xdotool", *map(str, arguments)], env=self.environment, stdin=subprocess.DEVNULL,

@@ -12,6 +12,8 @@ import types
 import unittest
 import xml.etree.ElementTree
 
+import own_environment  # noqa: F401 (it is entered by the import)
+
 BUILD = pathlib.Path(os.environ["ORLINTH_BUILD"])
 SHARE = os.environ["ORLINTH_SHARE"]
 ID = "com.tarvinex.orlinth"
@@ -72,8 +74,7 @@ class DesktopFiles(unittest.TestCase):
         stand_in.chmod(0o755)
 
     def environment(self, **more):
-        cleared = {key: value for key, value in os.environ.items() if "_SCRIPT_SELECTED_" not in key}
-        return {**cleared, "PATH": f"{self.tools}:{os.environ['PATH']}", **more}
+        return {**os.environ, "PATH": f"{self.tools}:{os.environ['PATH']}", **more}
 
     def arguments(self):
         text = self.given.read_text(encoding="utf-8")

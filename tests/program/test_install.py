@@ -7,6 +7,8 @@ import subprocess
 import tempfile
 import unittest
 
+import own_environment  # noqa: F401 (it is entered by the import)
+
 BUILD = pathlib.Path(os.environ["ORLINTH_BUILD"])
 COMPILER = os.environ["ORLINTH_CXX"]
 SANITIZE = os.environ.get("ORLINTH_SANITIZE", "")

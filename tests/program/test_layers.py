@@ -6,6 +6,8 @@ import subprocess
 import tempfile
 import unittest
 
+import own_environment  # noqa: F401 (it is entered by the import)
+
 SOURCE = pathlib.Path(os.environ["ORLINTH_SOURCE"])
 
 HEADERS = ("base/Bytes.h", "platform/Clock.h", "platform/linux/LinuxSystem.h", "OrlinthCore/SecureChannel/Wire.h",

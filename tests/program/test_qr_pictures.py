@@ -9,6 +9,8 @@ import tempfile
 import unittest
 import zlib
 
+import own_environment  # noqa: F401 (it is entered by the import)
+
 TOOL = pathlib.Path(os.environ.get("ORLINTH_BUILD", ".")) / "tests" / "interop" / "qr_tool"
 PATIENCE = 60
 # At one pixel a module zbarimg misses most symbols, so that nobody should be given such a picture.
