@@ -13,7 +13,7 @@ std::string pushServiceURL() {
 
 std::string hintForPush(const std::exception_ptr& error) {
     using Case = FcmWake::Error::Case;
-    const std::string fallback = "Is this computer on the internet? The push goes through the push service.";
+    constexpr const char* fallback = "Is this computer on the internet? The push goes through the push service.";
     try {
         if (error) {
             std::rethrow_exception(error);

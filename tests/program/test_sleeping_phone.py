@@ -79,13 +79,11 @@ class World:
             ip("-n", space, "link", "set", "lo", "up")
         ip("-n", self.spaces["desk"], "link", "add", "wire0", "type", "veth", "peer", "name", "wire0",
            "netns", self.spaces["phones"])
-        self.address("desk", "add", self.HERE)
         for space in self.spaces.values():
             ip("-n", space, "link", "set", "wire0", "up")
+        ip("-n", self.spaces["desk"], "address", "add", f"{self.HERE}/24", "dev", "wire0")
+        ip("-n", self.spaces["phones"], "route", "add", f"{self.HERE}/32", "dev", "wire0")
         self.server = inside(self.spaces["desk"], lambda: PushServer(self.folder / "push", self._on_push))
-
-    def address(self, side, verb, address):
-        ip("-n", self.spaces[side], "address", verb, f"{address}/24", "dev", "wire0")
 
     def _on_push(self, request):
         token = json.loads(request.body)["message"]["token"]
@@ -137,7 +135,8 @@ class Pair:
         """What happens when a push has come. Pushes are counted; these phones expect none."""
 
     def has_address(self, verb="add"):
-        self.world.address("phones", verb, self.address)
+        # a subnet of its own: with the first address of a larger one, the kernel would take away all others
+        ip("-n", self.world.spaces["phones"], "address", verb, f"{self.address}/32", "dev", "wire0")
 
     def running(self, side, identity, *arguments):
         program = Running(["ip", "netns", "exec", self.world.spaces[side], *arguments], env=identity.environment)

@@ -33,6 +33,16 @@ TEST_F(OutboxSenderTest, SendsTheFilesOfABatchInTheirOrderAndRemovesIt) {
     EXPECT_THAT(titles(), ElementsAre("Sent 2 files to Pixel-8"));
 }
 
+TEST_F(OutboxSenderTest, NoticesAPhoneThatIsGone) {
+    put(first, {"a.txt"}, 1000);
+    world_.alongside(take(1));
+    start();
+    pass(1);
+    ASSERT_EQ(1U, world_.network.keepAlives->size());
+    const platform::KeepAlive& keepAlive = world_.network.keepAlives->front();
+    EXPECT_LE(keepAlive.idleSeconds + keepAlive.intervalSeconds * keepAlive.count, 30);
+}
+
 TEST_F(OutboxSenderTest, SendsTheOlderBatchFirst) {
     put(first, {"later.txt"}, 2000);
     put(second, {"earlier.txt"}, 1000);
