@@ -63,7 +63,9 @@ class KillAndResume(ProgramTest):
                 held = self.held()
                 sender, receiver = self.transfer(file)
                 self.assert_delivered(file, sender, receiver)
-                self.assertEqual(held, receiver.events.find("complete")["resumed_from_offset"])
+                complete = receiver.events.find("complete")
+                if not complete.get("already_here"):  # else the kill hit behind the delivery
+                    self.assertEqual(held, complete["resumed_from_offset"])
         self.assertGreaterEqual(self.kills, ROUNDS)
         self.assertEqual({}, self.mac.journal())
 
