@@ -353,10 +353,31 @@ TEST_F(ReceiverFrames, AnotherProloguesHandshakeFails) {
 
 TEST_F(ReceiverFrames, AHandshakeMessageBeyondTheLimitIsRefusedByItsPrefix) {
     world.start();
-    WireConnection wire(world.silentStranger(), world.clock);
-    world.run(wire.sendLengthPrefixed(Bytes(Receiver::maxHandshakeFrame + 1)));
+    const auto stranger = world.silentStranger();
+    static_assert(Receiver::maxHandshakeFrame + 1 == 0x1'0000);
+    world.run(stranger->writeAll(asBytes(std::string_view("\0\1\0\0", 4))));
     world.settle();
-    EXPECT_THAT(world.failureTexts(), ElementsAre("noise handshake failed: wire frame size 4097 exceeds cap"));
+    EXPECT_THAT(world.failureTexts(), ElementsAre("noise handshake failed: wire frame size 65536 exceeds cap"));
+}
+
+TEST_F(ReceiverFrames, AHandshakeMessageMayHaveAPayloadOfTheLargestSize) {
+    static_assert(Receiver::maxHandshakeFrame >= 65'535);
+    world.start();
+    WireConnection wire(world.silentStranger(), world.clock);
+    NoiseHandshake handshake(NoiseRole::initiator, world.phoneKey.clone(), asBytes(kOrlinthPrologue));
+    constexpr std::size_t ephemeralKey = 32;
+    constexpr std::size_t sealedKeyAndTag = 48 + 16;
+    const Bytes first = handshake.writeMessage(Bytes(NoiseHandshake::maxMessageBytes - ephemeralKey));
+    ASSERT_EQ(first.size(), NoiseHandshake::maxMessageBytes);
+    world.run(wire.sendLengthPrefixed(first));
+    const Bytes second = world.run(wire.receiveLengthPrefixed());
+    static_cast<void>(handshake.readMessage(second));
+    const Bytes third = handshake.writeMessage(Bytes(NoiseHandshake::maxMessageBytes - sealedKeyAndTag));
+    ASSERT_EQ(third.size(), NoiseHandshake::maxMessageBytes);
+    world.run(wire.sendLengthPrefixed(third));
+    world.settle();
+    EXPECT_THAT(world.failureTexts(), IsEmpty());
+    EXPECT_EQ(world.authenticated.size(), 1U);
 }
 
 TEST_F(ReceiverFrames, WhoHangsUpInTheHandshakeIsReported) {

@@ -30,8 +30,9 @@ public:
     static constexpr double idleTimeout = 60;
     /// Connections that have not yet proved a paired key; when one more comes, the oldest of them is closed.
     static constexpr std::size_t maxStrangers = 512;
-    /// Largest handshake message taken, so that a stranger costs little memory. Ours have at most 96 bytes.
-    static constexpr std::size_t maxHandshakeFrame = 4096;
+    /// Largest handshake message taken: every one that Noise allows. Ours have at most 96 bytes, but payloads are
+    /// legal. A stranger's takes memory only as it arrives.
+    static constexpr std::size_t maxHandshakeFrame = NoiseHandshake::maxMessageBytes;
 
     /// A dead phone is noticed after 25 seconds, also while we only wait for it.
     static constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};

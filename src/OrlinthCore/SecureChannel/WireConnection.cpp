@@ -13,8 +13,9 @@ namespace orlinth {
 
 namespace {
 
-/// What is committed for a body before any of it has come; beyond it, memory at most doubles what has.
-constexpr std::size_t firstStepBytes = 65'536;
+/// What is committed for a body before any of it has come; beyond it, memory at most doubles what has. Small, because a
+/// stranger can make us commit it with four bytes; the frames of a transfer find a buffer that has grown already.
+constexpr std::size_t firstStepBytes = 1024;
 
 /// The peer stayed silent until the farewell's deadline. Never leaves this file.
 class Silence : public std::exception {};
