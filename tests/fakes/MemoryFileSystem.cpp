@@ -52,6 +52,8 @@ const char* nameOf(Operation operation) {
         return "open";
     case Operation::read:
         return "read";
+    case Operation::seek:
+        return "seek";
     case Operation::lock:
         return "lock";
     case Operation::status:
@@ -325,10 +327,9 @@ public:
     }
 
     void seek(std::int64_t offset) override {
+        state_->announce(Operation::seek, path_);
         const std::lock_guard guard(state_->lock);
-        if (state_->crashed) {
-            throw Crash();
-        }
+        state_->begin(Operation::seek, path_);
         if (offset < 0) {
             fail(EINVAL);
         }

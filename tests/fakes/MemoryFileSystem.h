@@ -32,6 +32,7 @@ inline constexpr CrashKind allCrashKinds[] = {CrashKind::processKill, CrashKind:
 enum class Operation {
     open, ///< any open(), before it looks at anything
     read,
+    seek,
     lock,   ///< lock() and tryLock()
     status, ///< status() of a path; exists() answers "no" then
     list,

@@ -452,6 +452,48 @@ TEST_F(ReceiveTransfer, DoesNotWriteThroughALinkInThePartialsPlace) {
     EXPECT_EQ(world.files.content("/home/ann/precious"), "keep me");
 }
 
+TEST_F(ReceiveTransfer, CountsItsDurationFromTheOffer) {
+    world.alongside([](World& theWorld) -> Task<> {
+        co_await theWorld.clock.sleep(1);
+        const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
+        co_await theWorld.clock.sleep(7);
+        co_await phone->send(offer("a.txt"));
+        static_cast<void>(co_await phone->expect<Row::Resume>());
+        co_await theWorld.clock.sleep(3);
+        co_await phone->send(Row::done());
+        static_cast<void>(co_await phone->seesTheEnd());
+    }(world));
+    EXPECT_DOUBLE_EQ(world.run(receive()).durationSeconds, 3);
+}
+
+TEST_F(ReceiveTransfer, ReportsAPartialThatCannotBeSought) {
+    world.files.addFault({.operation = fakes::Operation::seek, .errorNumber = EIO, .nameEnding = ".partial"});
+    world.files.put(folder / "a.txt.partial", "0123");
+    world.files.put(folder / "a.txt.partial.meta.json",
+                    R"({"transfer_id":"ID-1","advertised_size":10,"started_at_epoch_ms":5})");
+    world.alongside([](World& theWorld) -> Task<> {
+        co_await theWorld.clock.sleep(1);
+        const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
+        co_await phone->send(offer("a.txt"));
+        EXPECT_EQ(co_await phone->howItEnds(), "wire I/O error: Connection reset by peer");
+    }(world));
+    EXPECT_EQ(world.failure<ReceiveError>(receive()).description(), "file write failed: Input/output error");
+    EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "0123");
+    EXPECT_TRUE(PartialMetaIO::load(world.files, folder / "a.txt.partial"));
+}
+
+TEST_F(ReceiveTransfer, LeavesNothingOfAFreshPartialThatCannotBeSought) {
+    world.files.addFault({.operation = fakes::Operation::seek, .errorNumber = EIO, .nameEnding = ".partial"});
+    world.alongside([](World& theWorld) -> Task<> {
+        co_await theWorld.clock.sleep(1);
+        const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
+        co_await phone->send(offer("a.txt"));
+        EXPECT_TRUE(co_await phone->seesTheEnd());
+    }(world));
+    EXPECT_EQ(world.failure<ReceiveError>(receive()).description(), "file write failed: Input/output error");
+    EXPECT_TRUE(filesInDownloads().empty());
+}
+
 TEST_F(ReceiveTransfer, ServesOnlyTheFirstConnection) {
     bool refused = false;
     world.alongside([](World& theWorld, bool& secondRefused) -> Task<> {

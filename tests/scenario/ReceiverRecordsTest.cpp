@@ -337,6 +337,19 @@ TEST_F(ReceiverApproval, IsAskedWithNameSizeAndSender) {
     EXPECT_EQ(world.transfers.size(), 1U);
 }
 
+TEST_F(ReceiverApproval, CountsToTheDurationWhichBeginsWithTheOffer) {
+    const auto phone = world.phone();
+    world.pass(5);
+    offerOnly(*phone, "a.txt");
+    world.pass(20);
+    desk.answer("a.txt", true);
+    static_cast<void>(world.run(phone->expect<Row::Resume>()));
+    world.pass(2);
+    world.send(*phone, Row::done());
+    ASSERT_EQ(world.transfers.size(), 1U);
+    EXPECT_NEAR(world.transfers[0].file.durationSeconds, 22, 0.1);
+}
+
 TEST_F(ReceiverApproval, ARefusedOfferIsDeclinedAndLeavesNothing) {
     desk.answer("a.txt", false);
     const auto phone = world.phone();

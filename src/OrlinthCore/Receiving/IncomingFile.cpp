@@ -80,13 +80,14 @@ std::optional<DeliveredTransfers::Delivery> findDelivered(DeliveredTransfers& de
 
 } // namespace
 
-IncomingFile::IncomingFile(const Place& place, std::string phone, TransportMessage::FileOffer offer)
+IncomingFile::IncomingFile(const Place& place, std::string phone, TransportMessage::FileOffer offer,
+                           platform::Clock::Instant offeredAt)
     : system_(&place.system),
       deliveredTransfers_(&place.delivered),
       downloadsDir_(place.downloadsDir),
       phone_(std::move(phone)),
       offer_(std::move(offer)),
-      offerTime_(place.system.clock.now()) {}
+      offerTime_(offeredAt) {}
 
 IncomingFile::IncomingFile(IncomingFile&&) noexcept = default;
 
@@ -101,8 +102,9 @@ IncomingFile::~IncomingFile() {
     }
 }
 
-IncomingFile IncomingFile::begin(const Place& place, std::string phone, const TransportMessage::FileOffer& offer) {
-    IncomingFile incoming(place, std::move(phone), offer);
+IncomingFile IncomingFile::begin(const Place& place, std::string phone, const TransportMessage::FileOffer& offer,
+                                 platform::Clock::Instant offeredAt) {
+    IncomingFile incoming(place, std::move(phone), offer, offeredAt);
     writing("", [&] { incoming.open(); });
     return incoming;
 }
@@ -122,10 +124,10 @@ void IncomingFile::open() {
     if (!partial_) {
         throw platform::SystemError::fromErrno(EEXIST);
     }
-    partial_->seek(target_.resumeOffset);
     bytesWritten_ = target_.resumeOffset;
     writtenBack_ = target_.resumeOffset;
     try {
+        writing("", [&] { partial_->seek(target_.resumeOffset); });
         writing("meta write: ", [&] { saveSidecar(); });
     } catch (const ReceiveError&) {
         abandonIfEmpty();

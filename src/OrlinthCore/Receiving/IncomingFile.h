@@ -45,10 +45,12 @@ public:
     };
 
     /// Chooses the target, opens or makes the partial file and writes its sidecar, as one step against other receivers
-    /// of the same folder (a lock on the folder). `phone` is the key of who offers, Base64.
+    /// of the same folder (a lock on the folder). `phone` is the key of who offers, Base64; `offeredAt` is when the
+    /// offer came, which may be long ago if a person was asked.
     /// @throws ReceiveError::fileWriteFailed
     [[nodiscard]] static IncomingFile begin(const Place& place, std::string phone,
-                                            const TransportMessage::FileOffer& offer);
+                                            const TransportMessage::FileOffer& offer,
+                                            platform::Clock::Instant offeredAt);
     /// Whether begin() would find the file here already.
     [[nodiscard]] static bool isDelivered(const Place& place, const std::string& phone,
                                           const TransportMessage::FileOffer& offer);
@@ -77,7 +79,8 @@ public:
     [[nodiscard]] ReceivedFile finish(const std::string& remoteEndpoint);
 
 private:
-    IncomingFile(const Place& place, std::string phone, TransportMessage::FileOffer offer);
+    IncomingFile(const Place& place, std::string phone, TransportMessage::FileOffer offer,
+                 platform::Clock::Instant offeredAt);
     void open();
     [[nodiscard]] bool acknowledgeIfDelivered();
     void saveSidecar();

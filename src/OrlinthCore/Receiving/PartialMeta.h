@@ -23,6 +23,8 @@ struct PartialMeta {
 /// Finds, writes, reads and removes the sidecar of a partial file.
 struct PartialMetaIO {
     static constexpr const char* suffix = ".meta.json";
+    /// Largest sidecar that is read, bytes. Ours have about 130.
+    static constexpr std::int64_t maxBytes = 64 << 10;
 
     [[nodiscard]] static platform::Path metaURL(const platform::Path& partial);
     /// Writes it whole. With Flush::later a power cut before flush() may leave it undecodable, or not at all.
@@ -32,7 +34,7 @@ struct PartialMetaIO {
     /// Makes a sidecar that was saved survive a power cut, and the name of its partial file too.
     /// @throws platform::SystemError
     static void flush(platform::FileSystem& files, const platform::Path& partial);
-    /// Nothing if it is missing, unreadable or no sidecar.
+    /// Nothing if it is missing, unreadable, no regular file (a link is none), too large or no sidecar.
     [[nodiscard]] static std::optional<PartialMeta> load(platform::FileSystem& files, const platform::Path& partial);
     /// Best effort.
     static void remove(platform::FileSystem& files, const platform::Path& partial);

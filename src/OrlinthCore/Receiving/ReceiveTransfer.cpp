@@ -128,7 +128,7 @@ private:
         open_.emplace(wire_);
         file_.emplace(
             IncomingFile::begin({.system = system_, .delivered = delivered_, .downloadsDir = request_.downloadsDir},
-                                request_.expectedPeerPubkey.base64(), offer));
+                                request_.expectedPeerPubkey.base64(), offer, system_.clock.now()));
         if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
             progress_.onAlreadyHere(offer, delivery->path);
         } else {

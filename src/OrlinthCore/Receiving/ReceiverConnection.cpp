@@ -169,6 +169,7 @@ private:
             throw ReceiveError::protocolViolation("duplicate FileOffer");
         }
         open_.emplace(wire_);
+        const platform::Clock::Instant offerTime = context_.system.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
         const bool isHere = IncomingFile::isDelivered(place(), self_->peerPubkey(), offer);
         bool isWanted = isHere; // nobody is asked twice about the same file
@@ -183,7 +184,7 @@ private:
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock, offeredAt);
         makeFolder();
-        file_.emplace(IncomingFile::begin(place(), self_->peerPubkey(), offer));
+        file_.emplace(IncomingFile::begin(place(), self_->peerPubkey(), offer, offerTime));
         if (isHere && file_->delivered() == nullptr) {
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }

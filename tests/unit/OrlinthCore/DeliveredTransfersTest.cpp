@@ -278,8 +278,8 @@ const TransportMessage::FileOffer offer{
 /// and whether that was reported before.
 std::pair<ReceivedFile, bool> deliverTo(platform::System& system) {
     DeliveredTransfers delivered(system);
-    IncomingFile incoming =
-        IncomingFile::begin({.system = system, .delivered = delivered, .downloadsDir = folder}, phone, offer);
+    IncomingFile incoming = IncomingFile::begin({.system = system, .delivered = delivered, .downloadsDir = folder},
+                                                phone, offer, system.clock.now());
     const auto offset = static_cast<std::size_t>(incoming.bytesWritten());
     if (offset < content.size()) {
         incoming.append(asBytes(content.substr(offset)));
@@ -372,8 +372,8 @@ TEST(DeliveredTransfersWithoutData, AreAViolationWhenDataComesAllTheSame) {
     world.files.putFolder(folder);
     static_cast<void>(deliverTo(world.system));
     DeliveredTransfers delivered(world.system);
-    IncomingFile again =
-        IncomingFile::begin({.system = world.system, .delivered = delivered, .downloadsDir = folder}, phone, offer);
+    IncomingFile again = IncomingFile::begin({.system = world.system, .delivered = delivered, .downloadsDir = folder},
+                                             phone, offer, world.clock.now());
     EXPECT_EQ(*again.resumeMessage().as<TransportMessage::Resume>(), (TransportMessage::Resume{"ID-1", 10}));
     again.append({});
     try {
@@ -393,8 +393,8 @@ TEST(DeliveredTransfersWithoutData, AreAnotherFileIfAnotherSizeIsOffered) {
     DeliveredTransfers delivered(world.system);
     TransportMessage::FileOffer larger = offer;
     larger.size = 11;
-    const IncomingFile again =
-        IncomingFile::begin({.system = world.system, .delivered = delivered, .downloadsDir = folder}, phone, larger);
+    const IncomingFile again = IncomingFile::begin(
+        {.system = world.system, .delivered = delivered, .downloadsDir = folder}, phone, larger, world.clock.now());
     EXPECT_EQ(again.bytesWritten(), 0);
     EXPECT_EQ(again.delivered(), nullptr);
 }

@@ -36,7 +36,7 @@ protected:
 
     [[nodiscard]] IncomingFile begin(const std::string& transferId = "ID-1") {
         return IncomingFile::begin({.system = world.system, .delivered = delivered, .downloadsDir = folder}, phone,
-                                   offerOf(transferId));
+                                   offerOf(transferId), world.clock.now());
     }
     /// What is left of the names and what was flushed of the data, if the power fails now.
     [[nodiscard]] std::unique_ptr<MemoryFileSystem> afterPowerCut() const {
@@ -140,7 +140,7 @@ TEST_F(IncomingFiles, StartAnewUnderAnotherNameIfAPowerCutTookTheSidecar) {
                                .mainQueue = world.system.mainQueue};
     DeliveredTransfers deliveredThere(onTheDisk);
     IncomingFile again = IncomingFile::begin({.system = onTheDisk, .delivered = deliveredThere, .downloadsDir = folder},
-                                             phone, offerOf("ID-1"));
+                                             phone, offerOf("ID-1"), world.clock.now());
     EXPECT_EQ(again.bytesWritten(), 0);
     again.append(asBytes("0123456789"));
     const ReceivedFile received = again.finish("192.168.1.7:1");

@@ -2,12 +2,17 @@
 
 #include "fakes/CrashTrials.h"
 #include "fakes/MemoryFileSystem.h"
+#include "fakes/TemporaryFolder.h"
 #include "platform/SystemError.h"
+#include "platform/linux/LinuxFileSystem.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace orlinth {
 namespace {
@@ -143,6 +148,42 @@ TEST(PartialMetaFailure, IsReportedAndLeavesAWholeSidecar) {
                 EXPECT_EQ(files.list("/downloads").size(), 1U);
             });
     }
+}
+
+/// What may have the name of a sidecar without being one: none is read for longer, or further, than a sidecar is.
+TEST(PartialMetaIOLoad, BelievesNothingButARegularFileOfASensibleSize) {
+    const std::string good = prettyJson(PartialMeta{"ID-1", 10, 5}.toJson());
+    fakes::MemoryFileSystem files;
+    files.put(sidecar, good);
+    ASSERT_TRUE(PartialMetaIO::load(files, partial));
+    files.put(sidecar, good + std::string(static_cast<std::size_t>(PartialMetaIO::maxBytes) - good.size(), ' '));
+    EXPECT_TRUE(PartialMetaIO::load(files, partial));
+    files.put(sidecar, good + std::string(static_cast<std::size_t>(PartialMetaIO::maxBytes) - good.size() + 1, ' '));
+    EXPECT_FALSE(PartialMetaIO::load(files, partial)) << "huge";
+    files.put("/elsewhere", good);
+    files.putLink(sidecar, "/elsewhere");
+    EXPECT_FALSE(PartialMetaIO::load(files, partial)) << "a link";
+    files.putFolder(sidecar);
+    EXPECT_FALSE(PartialMetaIO::load(files, partial)) << "a folder";
+    files.putSpecial(sidecar);
+    EXPECT_FALSE(PartialMetaIO::load(files, partial)) << "a pipe";
+}
+
+TEST(PartialMetaIOLoad, DoesNotWaitForAPipeOfTheRealFileSystem) {
+    const fakes::TemporaryFolder folder;
+    const platform::Path pipe = folder / "a.partial.meta.json";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const int writer = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC); // somebody who says nothing
+    ASSERT_GE(writer, 0);
+    platform::LinuxFileSystem files;
+    EXPECT_FALSE(PartialMetaIO::load(files, folder / "a.partial"));
+    ::close(writer);
+    ::unlink(pipe.c_str());
+    fakes::writeText(folder / "whole", prettyJson(PartialMeta{"ID-1", 10, 5}.toJson()));
+    std::filesystem::create_symlink("whole", pipe);
+    EXPECT_FALSE(PartialMetaIO::load(files, folder / "a.partial"));
+    std::filesystem::rename(folder / "whole", pipe);
+    EXPECT_TRUE(PartialMetaIO::load(files, folder / "a.partial"));
 }
 
 } // namespace
