@@ -5,6 +5,7 @@
 #include "platform/linux/LinuxFileSystem.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 
 namespace orlinth::platform {
@@ -45,6 +46,19 @@ std::optional<std::string_view> extensionOf(std::string_view pattern) {
     return extension;
 }
 
+/// Where the shared database has a type that phones do not know what to do with.
+struct Exception {
+    std::string_view extension;
+    const char* type;
+};
+constexpr std::array exceptions{
+    // The database prefers the translation files of Qt; what people send to a phone under this name is a film, which it
+    // would then store as a text and not show in its gallery.
+    Exception{"ts", "video/mp2t"},
+    // The database has the older "audio/x-wav", or "audio/vnd.wave"; Android's own table and its players go by this.
+    Exception{"wav", "audio/wav"},
+};
+
 std::string tableText(const Path& path) {
     try {
         LinuxFileSystem files;
@@ -57,9 +71,14 @@ std::string tableText(const Path& path) {
 } // namespace
 
 std::optional<std::string> LinuxMimeTypes::typeForExtension(std::string_view extension) const {
+    const std::string lower = lowerCased(extension);
+    const auto* const exception = std::ranges::find(exceptions, lower, &Exception::extension);
+    if (exception != exceptions.end()) {
+        return exception->type;
+    }
     std::call_once(loaded_, [this] { load(); });
     const auto exact = exact_.find(extension);
-    const auto folded = folded_.find(lowerCased(extension));
+    const auto folded = folded_.find(lower);
     if (exact != exact_.end() && (folded == folded_.end() || exact->second.weight >= folded->second.weight)) {
         return exact->second.type;
     }

@@ -104,6 +104,16 @@ TEST_F(LinuxMimeTypesTest, IsLoadedOnceForManyThreads) {
     EXPECT_EQ(answers, std::vector<std::optional<std::string>>(8, "a/b"));
 }
 
+TEST_F(LinuxMimeTypesTest, CallsFilmsAndSoundsWhatPhonesCallThem) {
+    const LinuxMimeTypes types =
+        database("", "50:text/vnd.trolltech.linguist:*.ts\n50:audio/x-wav:*.wav\n50:video/x-msvideo:*.avi\n");
+    EXPECT_EQ(types.typeForExtension("ts"), "video/mp2t");
+    EXPECT_EQ(types.typeForExtension("TS"), "video/mp2t");
+    EXPECT_EQ(types.typeForExtension("wav"), "audio/wav");
+    EXPECT_EQ(types.typeForExtension("avi"), "video/x-msvideo");
+    EXPECT_EQ(types.typeForExtension("tsx"), std::nullopt);
+}
+
 TEST_F(LinuxMimeTypesTest, KnowsNothingWithoutADatabase) {
     EXPECT_EQ(LinuxMimeTypes({"/nonexistent"}).typeForExtension("png"), std::nullopt);
     EXPECT_EQ(LinuxMimeTypes({}).typeForExtension("png"), std::nullopt);
