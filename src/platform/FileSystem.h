@@ -66,7 +66,8 @@ public:
     /// Whether something has this name. Follows links, so a dangling link does not exist; what cannot be looked at
     /// does not exist either.
     [[nodiscard]] virtual bool exists(const Path& path) const noexcept = 0;
-    /// `permissions` are those of a file that is made here, from its first byte.
+    /// `permissions` are those of a file that is made here, from its first byte. As everywhere below, the process's
+    /// umask is taken off them, but never from what the owner gets: 0600 is 0600 under any umask.
     [[nodiscard]] virtual std::unique_ptr<File> open(const Path& path, OpenMode mode, Links links = Links::follow,
                                                      std::uint32_t permissions = 0666) = 0;
     /// With all missing parents; an existing folder is fine. Only new folders get the permissions; their names survive

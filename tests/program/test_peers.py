@@ -1,11 +1,13 @@
 """The paired phones: listing, recording by hand, forgetting, and records that cannot be used."""
 
 import json
+import os
+import signal
 import threading
 import time
 import unittest
 
-from harness import ProgramTest, random_key, silent_port
+from harness import Identity, ProgramTest, random_key, silent_port
 
 TOKEN = "a-push-token-that-nobody-may-see"
 
@@ -217,6 +219,54 @@ class Peers(ProgramTest):
         self.assertEqual([], failures)
         self.assertEqual({f"phone {number}" for number in range(24)},
                          {peer["peer_hostname"] for peer in self.listed()})
+
+
+class AnyUmask(ProgramTest):
+    """What is made on first use is for the owner alone, and usable, whatever the session's umask is."""
+
+    def test_first_use(self):
+        for umask in (0, 0o777):
+            with self.subTest(umask=oct(umask)):
+                self.first_use(umask)
+
+    def first_use(self, umask):
+        anna = Identity(self.folder, f"anna{umask:o}")
+        file = self.file(f"{umask:o}.txt", b"some text")
+        isRoot = os.geteuid() == 0  # who may do anything, whatever the modes say
+        if isRoot:
+            self.folder.chmod(0o755)
+            for path in (anna.root, *anna.root.rglob("*")):
+                os.chown(path, 65534, 65534)
+
+        def prepare():
+            if isRoot:
+                os.setgroups([])
+                os.setgid(65534)
+                os.setuid(65534)
+            os.umask(umask)
+
+        def done(*arguments, status=0):
+            result = anna.run(*arguments, preexec_fn=prepare)
+            self.assertEqual(status, result.returncode, (arguments, result.stderr))
+            return result
+
+        done("id")
+        done("peers", "add", "--pubkey", random_key(), "--ip", "127.0.0.1", "--port", "9", "--name", "phone")
+        done("send", str(file), status=1)  # nobody is there, and the journal knows
+        done("share", str(file))
+        service = self.running(anna, "serve", "--port", "0", "--json", preexec_fn=prepare)
+        service.events.wait_for("outbox_waiting")
+        done("outbox", "retry")
+        done("peers", "remove", "phone")
+        names = set()
+        for path in anna.data.rglob("*"):
+            names.add(path.name)
+            self.assertEqual("0o700" if path.is_dir() else "0o600", oct(path.stat().st_mode & 0o777), path)
+        self.assertLessEqual({"noise_static.bin", "peer.json", "peer.json.lock", "inflight.json", "removed.json",
+                              "service.lock", "service.sock", "service.sock.lock", "peers.json", "manifest.json",
+                              file.name}, names)
+        service.signal(signal.SIGTERM)
+        self.assertEqual(0, service.wait(), service.stderr)
 
 
 class UnusableRecords(ProgramTest):

@@ -15,6 +15,7 @@ namespace {
 
 /// The file holds push tokens: nobody else's business.
 constexpr std::uint32_t ownerOnly = 0600;
+constexpr std::uint32_t ownersFolder = 0700;
 
 bool isMissing(const SystemError& error) {
     return error.code() == std::errc::no_such_file_or_directory || error.code() == std::errc::not_a_directory;
@@ -176,7 +177,7 @@ void PeerStore::writeBook(const PeerBook& book) {
 
 void PeerStore::createDirectory() {
     try {
-        files_.createDirectories(directoryURL_);
+        files_.createDirectories(directoryURL_, ownersFolder);
     } catch (const SystemError& error) {
         throw PeerStoreError::directoryCreate(error.description());
     }

@@ -88,7 +88,7 @@ public:
     /// @throws PeerStoreError::read, decode. Of a file that is neither form, the text is about the form that it
     ///         resembles: a book if it has "peers", else a record.
     [[nodiscard]] PeerBook loadBook() const;
-    /// Replaces the file whole, whatever it held; makes the folder. For the owner alone (0600).
+    /// Replaces the file whole, whatever it held; makes the folder. For the owner alone (0600, 0700).
     /// @throws PeerStoreError::directoryCreate, write
     void writeBook(const PeerBook& book);
 

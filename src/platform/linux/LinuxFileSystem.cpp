@@ -157,6 +157,30 @@ Descriptor openDescriptor(const Path& path, int flags, mode_t permissions = 0) {
     return descriptor;
 }
 
+constexpr mode_t ownersBits = S_IRWXU;
+
+/// Gives the owner what the umask has taken away of these permissions. A file that was there before is left alone: an
+/// empty one alone can have been made just now, and one of somebody else's is not ours to change.
+void keepForOwner(const Descriptor& file, mode_t permissions) {
+    struct stat found{};
+    checked([&] { return ::fstat(file.get(), &found); });
+    const mode_t wanted = permissions & ownersBits;
+    const bool isNew = found.st_size == 0 && found.st_uid == ::geteuid() && S_ISREG(found.st_mode);
+    if (isNew && (found.st_mode & wanted) != wanted) {
+        checked([&] { return ::fchmod(file.get(), (found.st_mode & 07777U) | wanted); });
+    }
+}
+
+/// The same for a folder that was made just now.
+void keepFolderForOwner(const Path& path, mode_t permissions) {
+    struct stat found{};
+    checked([&] { return ::stat(path.c_str(), &found); });
+    const mode_t wanted = permissions & ownersBits;
+    if ((found.st_mode & wanted) != wanted) {
+        checked([&] { return ::chmod(path.c_str(), (found.st_mode & 07777U) | wanted); });
+    }
+}
+
 bool isDirectory(const Path& path) noexcept {
     struct stat found{};
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
@@ -280,7 +304,11 @@ bool LinuxFileSystem::exists(const Path& path) const noexcept {
 
 std::unique_ptr<File> LinuxFileSystem::open(const Path& path, OpenMode mode, Links links, std::uint32_t permissions) {
     const int flags = openFlags(mode) | (links == Links::refuse ? O_NOFOLLOW : 0);
-    return std::make_unique<LinuxFile>(openDescriptor(path, flags, permissions));
+    Descriptor descriptor = openDescriptor(path, flags, permissions);
+    if ((flags & O_CREAT) != 0) {
+        keepForOwner(descriptor, permissions);
+    }
+    return std::make_unique<LinuxFile>(std::move(descriptor));
 }
 
 void LinuxFileSystem::createDirectories(const Path& path, std::uint32_t permissions) {
@@ -292,6 +320,7 @@ void LinuxFileSystem::createDirectories(const Path& path, std::uint32_t permissi
         isMade = ::mkdir(path.c_str(), permissions) == 0;
     }
     if (isMade) {
+        keepFolderForOwner(path, permissions);
         flushDirectory(parent);
         return;
     }
@@ -353,8 +382,10 @@ bool renameNoReplaceByCheck(const Path& from, const Path& to) {
 
 void LinuxFileSystem::copyToNew(const Path& from, const Path& to, std::uint32_t permissions) {
     LinuxFile source = openRegular(from);
-    LinuxFile target(openDescriptor(to, openFlags(OpenMode::createNew), permissions));
+    Descriptor made = openDescriptor(to, openFlags(OpenMode::createNew), permissions);
     try {
+        keepForOwner(made, permissions);
+        LinuxFile target(std::move(made));
         copyContent(source, target);
     } catch (const std::exception&) {
         ::unlink(to.c_str()); // should that fail too, the first failure is still the one to tell of

@@ -167,6 +167,9 @@ public:
         // Two that start at once would both find a dead socket, and the slower one would remove the other's.
         const Descriptor lock(::openat(name_.folder(), (name_.name() + ".lock").c_str(),
                                        O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+        if (lock.get() == -1 || ::fchmod(lock.get(), S_IRUSR | S_IWUSR) != 0) { // whatever the umask is
+            throw SystemError::fromErrno();
+        }
         while (::flock(lock.get(), LOCK_EX) != 0) {
             if (errno != EINTR) {
                 throw SystemError::fromErrno();
@@ -179,6 +182,10 @@ public:
         if (::fchmod(socket.get(), S_IRUSR | S_IWUSR) != 0 ||
             ::bind(socket.get(), name_.address(), SocketName::size()) != 0 || ::listen(socket.get(), backlog) != 0 ||
             ::fstatat(name_.folder(), name_.name().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            throw SystemError::fromErrno();
+        }
+        const mode_t owners = S_IRUSR | S_IWUSR; // the kernel has taken the umask off them
+        if ((status.st_mode & owners) != owners && ::fchmodat(name_.folder(), name_.name().c_str(), owners, 0) != 0) {
             throw SystemError::fromErrno();
         }
         device_ = status.st_dev;

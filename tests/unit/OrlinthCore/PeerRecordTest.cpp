@@ -522,5 +522,13 @@ TEST(PeerStoreTogether, LosesNoChangeOfConcurrentProcesses) {
     std::filesystem::remove_all(temporary);
 }
 
+TEST(PeerStoreFolder, IsForTheOwnerAlone) {
+    fakes::MemoryFileSystem files;
+    PeerStore store(files, "/data/Orlinth");
+    store.writeBook({});
+    EXPECT_EQ(files.status("/data/Orlinth")->permissions, 0700U);
+    EXPECT_EQ(files.status(store.fileURL())->permissions, 0600U);
+}
+
 } // namespace
 } // namespace orlinth

@@ -310,6 +310,21 @@ TEST_F(LinuxFileSystemTest, NeverMakesAFolderWiderThanAsked) {
     EXPECT_EQ(permissionsOf(folder_ / "a/b"), 0700U);
 }
 
+TEST_F(LinuxFileSystemTest, TakesNothingFromTheOwnerWhateverTheUmaskIs) {
+    const Umask all(0777);
+    files_.createDirectories(folder_ / "a/b", 0700);
+    EXPECT_EQ(permissionsOf(folder_ / "a"), 0700U);
+    EXPECT_EQ(permissionsOf(folder_ / "a/b"), 0700U);
+    static_cast<void>(files_.open(folder_ / "a/key", OpenMode::createNew, Links::refuse, 0600));
+    EXPECT_EQ(permissionsOf(folder_ / "a/key"), 0600U);
+    static_cast<void>(files_.open(folder_ / "a/lock", OpenMode::openOrCreate, Links::refuse, 0600));
+    EXPECT_EQ(permissionsOf(folder_ / "a/lock"), 0600U);
+    files_.copyToNew(folder_ / "a/key", folder_ / "a/copy", 0600);
+    EXPECT_EQ(permissionsOf(folder_ / "a/copy"), 0600U);
+    files_.createDirectories(folder_ / "shared");
+    EXPECT_EQ(permissionsOf(folder_ / "shared"), 0700U) << "what the umask takes from others stays taken";
+}
+
 TEST_F(LinuxFileSystemTest, DoesNotCreateFoldersThroughAFile) {
     writeText(folder_ / "file", "");
     std::filesystem::create_symlink("nowhere", folder_ / "dangling");
