@@ -9,6 +9,8 @@
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QFocusEvent>
+#include <QIcon>
+#include <QLabel>
 #include <QScrollBar>
 #include <QTest>
 #include <QWindow>
@@ -71,6 +73,16 @@ protected:
         EXPECT_TRUE(window_->grab().save(QStringLiteral(ORLINTH_TEST_PICTURES "/%1.png").arg(QLatin1String(name))));
     }
 
+    /// The label of the sheet that has this text.
+    [[nodiscard]] QWidget* labelled(const QString& text) {
+        for (QWidget* widget : picker_->findChildren<QWidget*>()) {
+            if (widget->accessibleName() == text && widget->isVisible()) {
+                return widget;
+            }
+        }
+        return nullptr;
+    }
+
     [[nodiscard]] PhoneRow& row(std::size_t at) { return *picker_->rows().at(at); }
     [[nodiscard]] std::string sendTitle() { return picker_->sendButton()->text().toStdString(); }
     /// Where a widget is in the window.
@@ -82,6 +94,26 @@ protected:
     int cancels_ = 0;
     int dismissals_ = 0;
 };
+
+TEST_F(SharePickerViewTest, HasItsNameInFifteenPointsAndTheBrandBesideIt) {
+    show(phones(1));
+    QWidget* const title = labelled(QStringLiteral("Orlinth"));
+    ASSERT_NE(nullptr, title);
+    EXPECT_EQ(15, title->font().pixelSize());
+    EXPECT_EQ(QApplication::font().family(), title->font().family());
+    const QImage brand =
+        QIcon(QStringLiteral(":/orlinth-menubar.svg")).pixmap(QSize(36, 36), picker_->devicePixelRatioF()).toImage();
+    ASSERT_FALSE(brand.isNull());
+    std::vector<QLabel*> badges;
+    for (QLabel* label : picker_->findChildren<QLabel*>()) {
+        if (label->isVisible() && label->pixmap().toImage() == brand) {
+            badges.push_back(label);
+        }
+    }
+    ASSERT_EQ(1U, badges.size());
+    EXPECT_TRUE(place(badges.front()).right() < place(title).left());
+    EXPECT_TRUE(place(badges.front()).bottom() < 62) << "below the header";
+}
 
 TEST_F(SharePickerViewTest, IsAsHighAsItsPhonesNeed) {
     const std::map<std::size_t, int> heights{{0, 216}, {2, 256}, {3, 316}, {4, 376}, {5, 376}, {9, 376}};

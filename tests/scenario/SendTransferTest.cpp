@@ -329,6 +329,45 @@ TEST_F(SendTransfer, ReportsAReadErrorInTheMiddle) {
     EXPECT_EQ(journal.snapshotEntries().size(), 1U);
 }
 
+TEST_F(SendTransfer, ReportsWhereItCouldNotSeekTo) {
+    world.files.addFault({.operation = fakes::Operation::seek, .errorNumber = EIO, .nameEnding = "a.txt"});
+    world.alongside(answerOffset(world, 4, seen));
+    const auto error = world.failure<SendError>(send());
+    EXPECT_EQ(error.which(), SendError::Case::fileRead);
+    EXPECT_EQ(error.description(), "file read: seek to 4 failed: Input/output error");
+    EXPECT_EQ(journal.snapshotEntries().size(), 1U);
+}
+
+TEST_F(SendTransfer, PassesOnWhatTheSystemSaysOfAttributesThatCannotBeRead) {
+    // the first look only asks whether the file is there
+    world.files.addFault(
+        {.operation = fakes::Operation::status, .errorNumber = EACCES, .skip = 1, .nameEnding = "a.txt"});
+    const auto error = world.failure<platform::SystemError>(send());
+    EXPECT_EQ(error.description(), "Permission denied");
+    EXPECT_THAT(recorder.lines, ElementsAre());
+    EXPECT_EQ(journal.snapshotEntries().size(), 0U);
+}
+
+TEST_F(SendTransfer, GoesOnWithoutAFingerprintThatCannotBeTaken) {
+    world.files.addFault({.operation = fakes::Operation::read, .errorNumber = EIO, .times = 1, .nameEnding = "a.txt"});
+    const OutgoingFile examined = examineFile(world.system, "/home/ann/a.txt");
+    EXPECT_EQ(examined, (OutgoingFile{.name = "a.txt", .size = 10, .mime = "text/plain", .fingerprint = ""}));
+    world.files.clearFaults();
+    world.files.addFault({.operation = fakes::Operation::read, .errorNumber = EIO, .times = 1, .nameEnding = "a.txt"});
+    world.alongside(takeFile(world, 0, seen));
+    EXPECT_EQ(world.run(send()).bytesSent, 10);
+    EXPECT_EQ(toText(seen.data), "0123456789");
+}
+
+TEST_F(SendTransfer, EndsTheProcessForAPortThatIsNone) {
+    for (const std::int64_t port : {std::int64_t{-1}, std::int64_t{65536}}) {
+        SendRequest wrong = request();
+        wrong.peer.peer_port = port;
+        EXPECT_DEATH(static_cast<void>(world.run(sendOneFile(world.system, std::move(wrong)))),
+                     "programming error: peer_port is outside 0 to 65535");
+    }
+}
+
 TEST_F(SendTransfer, IsCancelledAfterTheResumeAndBeforeTheFirstChunk) {
     SendRequest cancelled = request();
     cancelled.terms.cancel = [] { return true; };

@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 namespace orlinth {
 namespace {
 
@@ -85,6 +88,19 @@ protected:
     Waking progress{world.clock};
     std::string content;
 };
+
+TEST_F(Wake, EndsTheProcessForAPauseThatIsNone) {
+    for (const double pause : {-1.0, 1e10, std::numeric_limits<double>::infinity(), std::nan("")}) {
+        const auto sendWithPause = [this, pause] {
+            world.https.willAnswer(200, tokenReply);
+            world.https.willAnswer(200, "{}");
+            SendRequest wrong = request(sleepingPhone());
+            wrong.postWakeRetryInterval = pause;
+            static_cast<void>(world.run(sendOneFile(world.system, std::move(wrong))));
+        };
+        EXPECT_DEATH(sendWithPause(), "programming error: the retry interval is negative, not finite or out of range");
+    }
+}
 
 TEST_F(Wake, ReachesAPhoneThatRefusesByAPushAndHalfASecond) {
     pushWakesThePhoneAfter(0.1);

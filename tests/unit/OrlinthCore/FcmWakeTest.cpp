@@ -240,6 +240,42 @@ TEST_F(FcmWakeTest, ReportsAKeyThatTheLibraryRefuses) {
     EXPECT_GT(error.description().size(), std::string_view("RSA private key import failed: ").size());
 }
 
+/// One value of DER (X.690 §8.1), of up to 65535 bytes.
+Bytes derValue(unsigned tag, const Bytes& content) {
+    Bytes value{std::byte(tag), std::byte{0x82}, std::byte(content.size() >> 8U), std::byte(content.size() & 0xFFU)};
+    value.insert(value.end(), content.begin(), content.end());
+    return value;
+}
+
+Bytes joined(const std::vector<Bytes>& pieces) {
+    Bytes whole;
+    for (const Bytes& piece : pieces) {
+        whole.insert(whole.end(), piece.begin(), piece.end());
+    }
+    return whole;
+}
+
+/// A key in PKCS#8 that has everything, but with a modulus of 2048 bits that is even, as no product of two odd primes
+/// is: it can be read, and nothing can be computed with it.
+std::string keyThatCannotSign() {
+    const auto number = [](unsigned value) { return derValue(2, {std::byte(value)}); };
+    Bytes modulus(257);
+    modulus[1] = std::byte{0x80};
+    const Bytes pkcs1 = derValue(0x30, joined({number(0), derValue(2, modulus), number(3), number(3), number(3),
+                                               number(5), number(1), number(1), number(1)}));
+    return base64Encode(derValue(0x30, joined({number(0), derValue(0x30, {}), derValue(4, pkcs1)})));
+}
+
+TEST_F(FcmWakeTest, ReportsAKeyThatCannotSign) {
+    putAccountWith("private_key", keyThatCannotSign());
+    const auto wake = make();
+    const FcmWake::Error error = failure(*wake);
+    EXPECT_EQ(error.which(), Case::sign);
+    EXPECT_THAT(error.description(), StartsWith("JWT sign failed: "));
+    EXPECT_GT(error.description().size(), std::string_view("JWT sign failed: ").size());
+    EXPECT_TRUE(world.https.requests.empty());
+}
+
 // --- The token ---
 
 TEST_F(FcmWakeTest, ReportsWhatTheTokenEndpointRefuses) {
