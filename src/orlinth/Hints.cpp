@@ -103,6 +103,12 @@ std::string hintForSending(const std::exception& error, const std::string& where
         return hintForNetwork(*send, where);
     case SendError::Case::noiseHandshakeFailed:
         return "What answers for " + where + " is not ready, or it does not know this computer. Is the app open there?";
+    case SendError::Case::malformedResume:
+        if (send->detail().starts_with("accepted_offset out of range: ")) {
+            return where + " has more of this file than there is. Delete the file's \".partial\" and "
+                           "\".partial.meta.json\" there, and send it again.";
+        }
+        return {};
     case SendError::Case::unauthorizedPeer:
         return "What answers for " + where + " is not the phone that was paired. If it was set up anew, pair it again.";
     default:

@@ -1,5 +1,6 @@
 """What goes wrong on the way: strangers, damage, cuts, full disks, silence. One line each, and nothing false on disk."""
 
+import json
 import os
 import resource
 import socket
@@ -179,6 +180,26 @@ class Disks(ProgramTest):
         holding.kill()
         relay.close()
         self.assertEqual(1, first.wait())
+        self.assert_delivered(file, *self.transfer(file))
+
+
+class Resuming(ProgramTest):
+    def test_a_partial_that_is_longer_than_the_file_is_to_be_deleted(self):
+        file = self.file("a.bin", b"short")
+        self.mac.record(self.phone)
+        self.assertEqual(1, self.mac.run("send", str(file)).returncode)  # nobody is there: only the id is made
+        [transfer_id] = self.mac.journal().values()
+        partial, meta = (self.phone.downloads / name for name in ("a.bin.partial", "a.bin.partial.meta.json"))
+        partial.write_bytes(b"longer than that")
+        meta.write_text(json.dumps({"transfer_id": transfer_id, "advertised_size": 20, "started_at_epoch_ms": 1}))
+        for _ in range(2):  # no attempt can help
+            sender, receiver = self.transfer(file)
+            self.assertEqual((1, 1), (sender.wait(), receiver.wait()))
+            self.assert_one_line_error(sender.stderr, "malformed Resume: accepted_offset out of range: 16/5")
+            self.assertIn('has more of this file than there is. Delete the file\'s ".partial" and '
+                          '".partial.meta.json" there, and send it again.', sender.stderr)
+        partial.unlink()
+        meta.unlink()
         self.assert_delivered(file, *self.transfer(file))
 
 

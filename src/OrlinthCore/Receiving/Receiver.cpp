@@ -1,6 +1,7 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 
 #include "OrlinthCore/Receiving/ReceiverConnection.h"
+#include "base/ConstantTime.h"
 #include "platform/Cancelled.h"
 #include "platform/Spawn.h"
 #include "platform/SystemError.h"
@@ -347,7 +348,8 @@ ReceiverConnectionContext::Standing Receiver::Service::standingOf(const platform
     }
     const std::lock_guard guard(keysLock);
     const auto has = [&key](const std::vector<platform::PublicKey>& keys) {
-        return std::find(keys.begin(), keys.end(), key) != keys.end(); // keys that a stranger proved are public
+        return std::ranges::any_of(
+            keys, [&key](const platform::PublicKey& known) { return constantTimeEquals(known.raw(), key.raw()); });
     };
     if (has(removed)) {
         return Standing::removed;
