@@ -302,7 +302,7 @@ exit 1
 
             with first.connect() as one:
                 one.sendall(struct.pack(">I", len(blob)) + blob[:-1])
-                time.sleep(0.2)  # the pairing has taken it by now
+                self.wait_until(lambda: self.is_turned_away(second))  # the pairing has its phone
                 for _ in range(3):
                     introduce(second)
                 one.sendall(blob[-1:])
@@ -313,6 +313,17 @@ exit 1
                 with contextlib.suppress(ConnectionError):
                     self.assertEqual(b"", connection.recv(1000))
             self.end(service)
+
+    def is_turned_away(self, phone):
+        """Whether somebody who connects now, and says nothing, is let go of at once."""
+        try:
+            with phone.connect() as connection:
+                connection.settimeout(0.2)
+                return connection.recv(1) == b""
+        except TimeoutError:
+            return False
+        except ConnectionError:
+            return True
 
     def test_a_frame_of_32_bytes_is_an_introduction_if_it_opens(self):
         service = self.listening()
