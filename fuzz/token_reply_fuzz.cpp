@@ -6,11 +6,11 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using orlinth::fuzzing::demand;
     try {
-        const orlinth::TokenReply reply = orlinth::TokenReply::fromJson(std::as_bytes(std::span(data, size)));
+        const orlinth::OAuthResponse reply = orlinth::OAuthResponse::fromJson(std::as_bytes(std::span(data, size)));
         const std::string token = orlinth::toText(reply.access_token.reveal());
         const std::string written = orlinth::compactJson(
             orlinth::Json{{"access_token", token}, {"expires_in", reply.expires_in}, {"token_type", "Bearer"}});
-        const orlinth::TokenReply again = orlinth::TokenReply::fromJson(orlinth::asBytes(written));
+        const orlinth::OAuthResponse again = orlinth::OAuthResponse::fromJson(orlinth::asBytes(written));
         demand(orlinth::toText(again.access_token.reveal()) == token && again.expires_in == reply.expires_in,
                "the same reply");
     } catch (const orlinth::JsonError& error) {

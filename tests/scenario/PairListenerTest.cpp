@@ -568,5 +568,11 @@ TEST_F(PairListenerScenario, LeavesThePortToTheNextAttempt) {
     EXPECT_EQ(toText(world.run(next.awaitIntroduction()).phoneIntroductionPlaintext), introduction);
 }
 
+TEST(PairListenerError, HasItsPayload) {
+    EXPECT_EQ(PairListener::Error::readFailed("prefix EOF").detail(), "prefix EOF");
+    EXPECT_EQ(PairListener::Error::readFailed("prefix EOF").description(), "read failed: prefix EOF");
+    EXPECT_EQ(PairListener::Error::timedOut().detail(), "");
+}
+
 } // namespace
 } // namespace orlinth

@@ -21,7 +21,7 @@ Cipher cipherOf(const SecretBytes& key) {
 } // namespace
 
 PairCrypto::Error PairCrypto::Error::open(const std::string& text) {
-    return {Case::open, "ChaChaPoly.open failed: " + text};
+    return {Case::open, "ChaChaPoly.open failed: ", text};
 }
 
 PairCrypto::Error PairCrypto::Error::ciphertextTooShort() {

@@ -193,16 +193,16 @@ void PairListener::cancel() {
 }
 
 PairListener::Error PairListener::Error::listenerStartFailed(const std::string& text) {
-    return {Case::listenerStartFailed, "NWListener failed to start: " + text};
+    return {Case::listenerStartFailed, "NWListener failed to start: ", text};
 }
 PairListener::Error PairListener::Error::connectionFailed(const std::string& text) {
-    return {Case::connectionFailed, "incoming connection failed: " + text};
+    return {Case::connectionFailed, "incoming connection failed: ", text};
 }
 PairListener::Error PairListener::Error::readFailed(const std::string& text) {
-    return {Case::readFailed, "read failed: " + text};
+    return {Case::readFailed, "read failed: ", text};
 }
 PairListener::Error PairListener::Error::decryptFailed(const std::string& text) {
-    return {Case::decryptFailed, "decrypt failed: " + text};
+    return {Case::decryptFailed, "decrypt failed: ", text};
 }
 PairListener::Error PairListener::Error::alreadyRunning() {
     return {Case::alreadyRunning, "PairListener already running"};

@@ -68,10 +68,14 @@ public:
     [[nodiscard]] static Error cancelled();
 
     [[nodiscard]] Case which() const noexcept { return case_; }
+    /// What is behind the prefix; "" for the cases without.
+    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:
-    Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
+    Error(Case which, const std::string& prefix, const std::string& detail = {})
+        : orlinth::Error(prefix + detail), case_(which), detail_(detail) {}
     Case case_;
+    std::string detail_;
 };
 
 } // namespace orlinth

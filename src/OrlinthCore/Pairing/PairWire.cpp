@@ -8,7 +8,7 @@ namespace orlinth {
 
 PairWire::Error PairWire::Error::frameTooLarge(std::int64_t length) {
     return {Case::frameTooLarge,
-            "pair frame size " + std::to_string(length) + " exceeds " + std::to_string(maxFrameBytes)};
+            "pair frame size " + std::to_string(length) + " exceeds " + std::to_string(maxFrameBytes), length};
 }
 
 PairWire::Error PairWire::Error::frameTooShort() {

@@ -32,10 +32,14 @@ public:
     [[nodiscard]] static Error frameTooShort();
 
     [[nodiscard]] Case which() const noexcept { return case_; }
+    /// Of frameTooLarge; else 0.
+    [[nodiscard]] std::int64_t length() const noexcept { return length_; }
 
 private:
-    Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
+    Error(Case which, std::string description, std::int64_t length = 0)
+        : orlinth::Error(std::move(description)), case_(which), length_(length) {}
     Case case_;
+    std::int64_t length_;
 };
 
 } // namespace orlinth

@@ -52,15 +52,15 @@ void moveFields(PairingPayload& to, PairingPayload& from) noexcept {
 // --- errors ---
 
 PairingError PairingError::randomBytesFailed(std::int32_t status) {
-    return {Case::randomBytesFailed, "SecRandomCopyBytes failed (" + std::to_string(status) + ")"};
+    return PairingError(status);
 }
 
 PairingError PairingError::encodingFailed(const std::string& text) {
-    return {Case::encodingFailed, "JSON encode failed: " + text};
+    return {Case::encodingFailed, "JSON encode failed: ", text};
 }
 
 PairingError PairingError::decodingFailed(const std::string& text) {
-    return {Case::decodingFailed, "JSON decode failed: " + text};
+    return {Case::decodingFailed, "JSON decode failed: ", text};
 }
 
 // --- the value ---

@@ -19,10 +19,21 @@ public:
     [[nodiscard]] static PairingError decodingFailed(const std::string& text);
 
     [[nodiscard]] Case which() const noexcept { return case_; }
+    /// Of randomBytesFailed; else 0.
+    [[nodiscard]] std::int32_t status() const noexcept { return status_; }
+    /// Of the two others: what is behind the prefix; else "".
+    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:
-    PairingError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
+    PairingError(Case which, const std::string& prefix, const std::string& detail)
+        : Error(prefix + detail), case_(which), detail_(detail) {}
+    explicit PairingError(std::int32_t status)
+        : Error("SecRandomCopyBytes failed (" + std::to_string(status) + ")"),
+          case_(Case::randomBytesFailed),
+          status_(status) {}
     Case case_;
+    std::string detail_;
+    std::int32_t status_ = 0;
 };
 
 /// What the QR code carries: this computer's key, where it waits, and a fresh secret for the introduction.

@@ -118,19 +118,19 @@ const PeerRecord* PeerBook::find(const std::string& pubkey) const noexcept {
 }
 
 PeerStoreError PeerStoreError::directoryCreate(const std::string& text) {
-    return {Case::directoryCreate, "could not create storage directory: " + text};
+    return {Case::directoryCreate, "could not create storage directory: ", text};
 }
 
 PeerStoreError PeerStoreError::write(const std::string& text) {
-    return {Case::write, "PeerRecord write failed: " + text};
+    return {Case::write, "PeerRecord write failed: ", text};
 }
 
 PeerStoreError PeerStoreError::read(const std::string& text) {
-    return {Case::read, "PeerRecord read failed: " + text};
+    return {Case::read, "PeerRecord read failed: ", text};
 }
 
 PeerStoreError PeerStoreError::decode(const std::string& text) {
-    return {Case::decode, "PeerRecord decode failed: " + text};
+    return {Case::decode, "PeerRecord decode failed: ", text};
 }
 
 PeerStore::PeerStore(platform::FileSystem& files, const platform::UserDirectories& directories,

@@ -60,10 +60,14 @@ public:
     [[nodiscard]] static PeerStoreError decode(const std::string& text);
 
     [[nodiscard]] Case which() const noexcept { return case_; }
+    /// What is behind the prefix.
+    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:
-    PeerStoreError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
+    PeerStoreError(Case which, const std::string& prefix, const std::string& detail)
+        : Error(prefix + detail), case_(which), detail_(detail) {}
     Case case_;
+    std::string detail_;
 };
 
 /// The paired phones, in one JSON file that is read fresh by every call and replaced whole by every change.

@@ -75,19 +75,19 @@ void KeyVault::wipe() {
 }
 
 KeyVault::Error KeyVault::Error::createDirectory(const std::string& text) {
-    return {Case::createDirectory, "could not create vault directory: " + text};
+    return {Case::createDirectory, "could not create vault directory: ", text};
 }
 
 KeyVault::Error KeyVault::Error::write(const std::string& text) {
-    return {Case::write, "vault write failed: " + text};
+    return {Case::write, "vault write failed: ", text};
 }
 
 KeyVault::Error KeyVault::Error::read(const std::string& text) {
-    return {Case::read, "vault read failed: " + text};
+    return {Case::read, "vault read failed: ", text};
 }
 
 KeyVault::Error KeyVault::Error::malformedKeyMaterial(std::size_t count) {
-    return {Case::malformedKeyMaterial, "stored key has wrong length " + std::to_string(count) + " (want 32)"};
+    return Error(count);
 }
 
 } // namespace orlinth

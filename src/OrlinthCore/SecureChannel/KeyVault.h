@@ -54,10 +54,21 @@ public:
     [[nodiscard]] static Error malformedKeyMaterial(std::size_t count);
 
     [[nodiscard]] Case which() const noexcept { return case_; }
+    /// What is behind the prefix; "" for malformedKeyMaterial.
+    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
+    /// Of malformedKeyMaterial: the bytes found; else 0.
+    [[nodiscard]] std::size_t count() const noexcept { return count_; }
 
 private:
-    Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
+    Error(Case which, const std::string& prefix, const std::string& detail)
+        : orlinth::Error(prefix + detail), case_(which), detail_(detail) {}
+    explicit Error(std::size_t count)
+        : orlinth::Error("stored key has wrong length " + std::to_string(count) + " (want 32)"),
+          case_(Case::malformedKeyMaterial),
+          count_(count) {}
     Case case_;
+    std::string detail_;
+    std::size_t count_ = 0;
 };
 
 } // namespace orlinth

@@ -31,20 +31,31 @@ std::string_view name(NoiseRole role) noexcept {
 NoiseError NoiseError::wrongStep(NoiseRole role, int step, std::string_view op) {
     std::string text = "noise ";
     text.append(orlinth::name(role)).append(" cannot ").append(op).append(" at step ").append(std::to_string(step));
-    return {Case::wrongStep, std::move(text)};
+    NoiseError error(Case::wrongStep, std::move(text));
+    error.role_ = role;
+    error.step_ = step;
+    error.op_ = op;
+    return error;
 }
 
 NoiseError NoiseError::messageTooShort(std::size_t expected, std::size_t actual) {
-    return {Case::messageTooShort, "noise message too short (expected ≥ " + std::to_string(expected) + ", got " +
-                                       std::to_string(actual) + ")"};
+    NoiseError error(Case::messageTooShort, "noise message too short (expected ≥ " + std::to_string(expected) +
+                                                ", got " + std::to_string(actual) + ")");
+    error.expected_ = expected;
+    error.actual_ = actual;
+    return error;
 }
 
 NoiseError NoiseError::decrypt(const std::string& text) {
-    return {Case::decrypt, "noise decrypt failed: " + text};
+    NoiseError error(Case::decrypt, "noise decrypt failed: " + text);
+    error.detail_ = text;
+    return error;
 }
 
 NoiseError NoiseError::malformedKeyMaterial(const std::string& text) {
-    return {Case::malformedKeyMaterial, "noise key material malformed: " + text};
+    NoiseError error(Case::malformedKeyMaterial, "noise key material malformed: " + text);
+    error.detail_ = text;
+    return error;
 }
 
 NoiseError NoiseError::notComplete() {

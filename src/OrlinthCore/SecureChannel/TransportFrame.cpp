@@ -58,50 +58,53 @@ Tag tagOf(const TransportMessage::Decline&) noexcept {
 
 /// Adds the members of each kind.
 struct MemberWriter {
+    using Keys = TransportMessage::CodingKeys;
     Json& object;
 
     void operator()(const TransportMessage::FileOffer& offer) const {
-        object["name"] = offer.name;
-        object["size"] = offer.size;
-        object["mime"] = offer.mime;
-        object["transfer_id"] = offer.transfer_id;
+        object[Keys::name] = offer.name;
+        object[Keys::size] = offer.size;
+        object[Keys::mime] = offer.mime;
+        object[Keys::transfer_id] = offer.transfer_id;
     }
     void operator()(const TransportMessage::Resume& resume) const {
-        object["transfer_id"] = resume.transfer_id;
-        object["accepted_offset"] = resume.accepted_offset;
+        object[Keys::transfer_id] = resume.transfer_id;
+        object[Keys::accepted_offset] = resume.accepted_offset;
     }
     void operator()(const TransportMessage::TokenUpdate& update) const {
-        object["peer_fcm_token"] = update.peer_fcm_token;
+        object[Keys::peer_fcm_token] = update.peer_fcm_token;
     }
     void operator()(const TransportMessage::Clipboard& clipboard) const {
-        object["text"] = clipboard.text;
-        object["mime"] = clipboard.mime;
+        object[Keys::text] = clipboard.text;
+        object[Keys::mime] = clipboard.mime;
     }
-    void operator()(const TransportMessage::SetName& message) const { object["name"] = message.name; }
-    void operator()(const TransportMessage::NameUpdate& message) const { object["name"] = message.name; }
+    void operator()(const TransportMessage::SetName& message) const { object[Keys::name] = message.name; }
+    void operator()(const TransportMessage::NameUpdate& message) const { object[Keys::name] = message.name; }
     void operator()(const TransportMessage::Done&) const {}
     void operator()(const TransportMessage::Unpair&) const {}
     void operator()(const TransportMessage::Decline&) const {}
 };
 
 TransportMessage readMembers(Tag tag, const Json& object) {
+    using Keys = TransportMessage::CodingKeys;
     switch (tag) {
     case Tag::FileOffer:
-        return TransportMessage::fileOffer(requireString(object, "name"), requireInt64(object, "size"),
-                                           requireString(object, "mime"), requireString(object, "transfer_id"));
+        return TransportMessage::fileOffer(requireString(object, Keys::name), requireInt64(object, Keys::size),
+                                           requireString(object, Keys::mime), requireString(object, Keys::transfer_id));
     case Tag::Resume:
-        return TransportMessage::resume(requireString(object, "transfer_id"), requireInt64(object, "accepted_offset"));
+        return TransportMessage::resume(requireString(object, Keys::transfer_id),
+                                        requireInt64(object, Keys::accepted_offset));
     case Tag::Done:
         return TransportMessage::done();
     case Tag::TokenUpdate:
-        return TransportMessage::tokenUpdate(requireString(object, "peer_fcm_token"));
+        return TransportMessage::tokenUpdate(requireString(object, Keys::peer_fcm_token));
     case Tag::Clipboard:
-        return TransportMessage::clipboard(requireString(object, "text"),
-                                           optionalString(object, "mime").value_or("text/plain"));
+        return TransportMessage::clipboard(requireString(object, Keys::text),
+                                           optionalString(object, Keys::mime).value_or("text/plain"));
     case Tag::SetName:
-        return TransportMessage::setName(requireString(object, "name"));
+        return TransportMessage::setName(requireString(object, Keys::name));
     case Tag::NameUpdate:
-        return TransportMessage::nameUpdate(requireString(object, "name"));
+        return TransportMessage::nameUpdate(requireString(object, Keys::name));
     case Tag::Unpair:
         return TransportMessage::unpair();
     case Tag::Decline:
@@ -179,14 +182,14 @@ TransportMessage::Tag TransportMessage::tag() const noexcept {
 
 std::string TransportMessage::toJson() const {
     Json object = Json::object();
-    object["type"] = orlinth::name(tag());
+    object[TransportMessage::CodingKeys::type] = orlinth::name(tag());
     std::visit(MemberWriter{object}, value_);
     return compactJson(object);
 }
 
 TransportMessage TransportMessage::fromJson(ByteView text) {
     const Json object = parseJson(text);
-    return readMembers(tagNamed(requireString(object, "type")), object);
+    return readMembers(tagNamed(requireString(object, TransportMessage::CodingKeys::type)), object);
 }
 
 std::string_view name(TransportMessage::Tag tag) noexcept {
@@ -258,21 +261,29 @@ FrameView TransportFramer::decodeInPlace(MutableBytes body) {
 // --- TransportFramer::Error ---
 
 TransportFramer::Error TransportFramer::Error::plaintextTooLarge(std::size_t length) {
-    return {Case::plaintextTooLarge, "plaintext frame too large: " + std::to_string(length) + " bytes"};
+    Error error(Case::plaintextTooLarge, "plaintext frame too large: " + std::to_string(length) + " bytes");
+    error.length_ = length;
+    return error;
 }
 
 TransportFramer::Error TransportFramer::Error::malformed(const std::string& text) {
-    return {Case::malformed, "malformed frame: " + text};
+    Error error(Case::malformed, "malformed frame: " + text);
+    error.detail_ = text;
+    return error;
 }
 
 TransportFramer::Error TransportFramer::Error::decrypt(const std::string& text) {
-    return {Case::decrypt, "frame decrypt failed: " + text};
+    Error error(Case::decrypt, "frame decrypt failed: " + text);
+    error.detail_ = text;
+    return error;
 }
 
 TransportFramer::Error TransportFramer::Error::unknownType(std::byte type) {
     std::array<char, 3> digits{};
     static_cast<void>(std::snprintf(digits.data(), digits.size(), "%x", std::to_integer<unsigned>(type)));
-    return {Case::unknownType, std::string("unknown type byte 0x") + digits.data()};
+    Error error(Case::unknownType, std::string("unknown type byte 0x") + digits.data());
+    error.typeByte_ = type;
+    return error;
 }
 
 } // namespace orlinth

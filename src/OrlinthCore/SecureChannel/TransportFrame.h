@@ -54,6 +54,18 @@ public:
     /// The discriminators, as "type" spells them.
     enum class Tag { FileOffer, Resume, Done, TokenUpdate, Clipboard, SetName, NameUpdate, Unpair, Decline };
 
+    /// Every key that a message may have in JSON.
+    struct CodingKeys {
+        static constexpr const char* type = "type";
+        static constexpr const char* name = "name";
+        static constexpr const char* size = "size";
+        static constexpr const char* mime = "mime";
+        static constexpr const char* transfer_id = "transfer_id";
+        static constexpr const char* accepted_offset = "accepted_offset";
+        static constexpr const char* peer_fcm_token = "peer_fcm_token";
+        static constexpr const char* text = "text";
+    };
+
     template <typename Row>
         requires std::constructible_from<Value, Row>
     TransportMessage(Row row) : value_(std::move(row)) {} // NOLINT(google-explicit-constructor): a row is a message
@@ -151,10 +163,19 @@ public:
     [[nodiscard]] static Error unknownType(std::byte type);
 
     [[nodiscard]] Case which() const noexcept { return case_; }
+    /// Of plaintextTooLarge, counting the type byte; else 0.
+    [[nodiscard]] std::size_t length() const noexcept { return length_; }
+    /// Of malformed and decrypt: what is behind the prefix; else "".
+    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
+    /// Of unknownType; else 0.
+    [[nodiscard]] std::byte typeByte() const noexcept { return typeByte_; }
 
 private:
     Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
     Case case_;
+    std::size_t length_ = 0;
+    std::string detail_;
+    std::byte typeByte_{};
 };
 
 } // namespace orlinth

@@ -207,12 +207,12 @@ std::int64_t later(std::int64_t nowMs, std::int64_t seconds) {
 
 } // namespace
 
-TokenReply TokenReply::fromJson(ByteView text) {
+OAuthResponse OAuthResponse::fromJson(ByteView text) {
     const Json json = parseJson(text);
-    TokenReply reply;
+    OAuthResponse reply;
     reply.access_token = secretOf(requireString(json, "access_token"));
     reply.expires_in = requireInt64(json, "expires_in");
-    static_cast<void>(requireString(json, "token_type"));
+    reply.token_type = requireString(json, "token_type");
     return reply;
 }
 
@@ -288,7 +288,7 @@ Task<> FcmWake::fetchAccessToken() {
         throw Error::oauthHTTP(response.status, quoted(response.body, {jwt.reveal()}));
     }
     try {
-        TokenReply reply = TokenReply::fromJson(response.body);
+        OAuthResponse reply = OAuthResponse::fromJson(response.body);
         cachedAccessToken_ = AccessToken{.token = std::move(reply.access_token),
                                          .expiresAtMs = later(system_.clock.epochMilliseconds(), reply.expires_in)};
     } catch (const JsonError& error) {

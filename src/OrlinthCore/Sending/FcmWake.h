@@ -11,13 +11,14 @@
 
 namespace orlinth {
 
-/// What a token endpoint answers (RFC 6749 §5.1); `token_type` must be there and is not used.
-struct TokenReply {
+/// What a token endpoint answers (RFC 6749 §5.1).
+struct OAuthResponse {
     SecretBytes access_token;
     std::int64_t expires_in = 0; ///< seconds from the answer
+    std::string token_type;      ///< must be there, and is not used
 
     /// @throws JsonError; its text quotes nothing of the reply
-    [[nodiscard]] static TokenReply fromJson(ByteView text);
+    [[nodiscard]] static OAuthResponse fromJson(ByteView text);
 };
 
 /// Wakes a sleeping phone by a high-priority data push of Firebase Cloud Messaging (HTTP v1 API).
@@ -103,7 +104,7 @@ public:
     [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of the two HTTP cases; 0 otherwise.
     [[nodiscard]] int status() const noexcept { return status_; }
-    /// What is behind the prefix: of serviceAccountMissing the path.
+    /// What is behind the prefix: the path of serviceAccountMissing, the body of the two HTTP cases as the text has it.
     [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:

@@ -243,14 +243,14 @@ void InFlightJournal::Batch::flush() {
 InFlightJournal::Entries InFlightJournal::load() const {
     try {
         const Json snapshot = parseJson(platform::readWholeFile(files_, fileURL_));
-        return decodeEntries(snapshot);
+        return Snapshot::fromJson(snapshot).entries;
     } catch (const std::exception&) {
         return {}; // missing, unreadable or no journal: empty
     }
 }
 
 bool InFlightJournal::write(const Entries& entries) {
-    const Json snapshot = {{"entries", entries}};
+    const Json snapshot = Snapshot{entries}.toJson();
     try {
         platform::writeWholeFile(files_, fileURL_, asBytes(prettyJson(snapshot)), ownerOnly);
         return true;

@@ -66,6 +66,15 @@ public:
 
     class Batch;
 
+    /// A journal file's content.
+    struct Snapshot {
+        std::map<std::string, std::string> entries; ///< transfer id by entry key
+
+        [[nodiscard]] Json toJson() const { return {{"entries", entries}}; }
+        /// @throws JsonError if it is no journal, down to the last entry
+        [[nodiscard]] static Snapshot fromJson(const Json& json) { return {decodeEntries(json)}; }
+    };
+
     /// The entries of a journal file's content. @throws JsonError if it is no journal, down to the last entry
     [[nodiscard]] static std::map<std::string, std::string> decodeEntries(const Json& snapshot);
 

@@ -545,5 +545,18 @@ TEST_F(FcmWakeTest, EndsWhenItIsCancelledWhileARequestIsUnderWay) {
     EXPECT_NO_THROW(world.run(wake->sendWake("push-token"))) << "the turn is free again";
 }
 
+TEST(FcmWakeErrorPayload, IsApartFromTheText) {
+    const FcmWake::Error oauth = FcmWake::Error::oauthHTTP(400, "no");
+    EXPECT_EQ(oauth.status(), 400);
+    EXPECT_EQ(oauth.detail(), "no");
+    EXPECT_EQ(oauth.description(), "OAuth2 HTTP 400: no");
+    EXPECT_EQ(FcmWake::Error::fcmHTTP(404, "gone").detail(), "gone");
+    EXPECT_EQ(FcmWake::Error::serviceAccountMissing("/a/b").detail(), "/a/b");
+    EXPECT_EQ(FcmWake::Error::sign("why").description(), "JWT sign failed: why");
+    EXPECT_EQ(
+        OAuthResponse::fromJson(asBytes(R"({"access_token":"a","expires_in":1,"token_type":"Bearer"})")).token_type,
+        "Bearer");
+}
+
 } // namespace
 } // namespace orlinth

@@ -482,5 +482,12 @@ TEST(FileFingerprint, ReportsAFileThatCannotBeOpenedOrRead) {
     EXPECT_THROW(static_cast<void>(FileFingerprint::compute(files, "/x")), platform::SystemError);
 }
 
+TEST(InFlightJournalSnapshot, IsTheFilesContent) {
+    const InFlightJournal::Snapshot snapshot{{{"a.txt|1|text/plain", "id"}}};
+    EXPECT_EQ(prettyJson(snapshot.toJson()), "{\n  \"entries\" : {\n    \"a.txt|1|text/plain\" : \"id\"\n  }\n}");
+    EXPECT_EQ(InFlightJournal::Snapshot::fromJson(snapshot.toJson()).entries, snapshot.entries);
+    EXPECT_THROW(static_cast<void>(InFlightJournal::Snapshot::fromJson(Json::array())), JsonError);
+}
+
 } // namespace
 } // namespace orlinth

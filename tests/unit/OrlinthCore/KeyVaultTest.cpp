@@ -181,5 +181,12 @@ TEST(KeyVault, ReportsAFailedWipe) {
     EXPECT_EQ(error->description(), "vault write failed: Permission denied");
 }
 
+TEST(KeyVaultError, HasItsPayload) {
+    EXPECT_EQ(KeyVault::Error::read("why").detail(), "why");
+    EXPECT_EQ(KeyVault::Error::write("why").description(), "vault write failed: why");
+    EXPECT_EQ(KeyVault::Error::malformedKeyMaterial(31).count(), 31U);
+    EXPECT_EQ(KeyVault::Error::malformedKeyMaterial(31).detail(), "");
+}
+
 } // namespace
 } // namespace orlinth

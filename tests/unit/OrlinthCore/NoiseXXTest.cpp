@@ -534,5 +534,16 @@ TEST_P(NoiseVectors, AreRefusedWithADamagedTransportMessage) {
 
 INSTANTIATE_TEST_SUITE_P(All, NoiseVectors, testing::Range(0, 5));
 
+TEST(NoiseErrorPayload, IsWhatTheTextSays) {
+    const NoiseError step = NoiseError::wrongStep(NoiseRole::responder, 2, "writeMessage");
+    EXPECT_EQ(step.role(), NoiseRole::responder);
+    EXPECT_EQ(step.step(), 2);
+    EXPECT_EQ(step.op(), "writeMessage");
+    EXPECT_EQ(NoiseError::messageTooShort(32, 31).expected(), 32U);
+    EXPECT_EQ(NoiseError::messageTooShort(32, 31).actual(), 31U);
+    EXPECT_EQ(NoiseError::decrypt("why").detail(), "why");
+    EXPECT_EQ(NoiseError::malformedKeyMaterial("why").detail(), "why");
+}
+
 } // namespace
 } // namespace orlinth

@@ -193,4 +193,10 @@ TEST(PairCrypto, HasFixedTextsForItsErrors) {
     EXPECT_EQ(PairCrypto::Error::ciphertextTooShort().which(), Case::ciphertextTooShort);
 }
 
+TEST(PairCryptoError, HasItsPayload) {
+    EXPECT_EQ(PairCrypto::Error::open("why").detail(), "why");
+    EXPECT_EQ(PairCrypto::Error::open("why").description(), "ChaChaPoly.open failed: why");
+    EXPECT_EQ(PairCrypto::Error::ciphertextTooShort().detail(), "");
+}
+
 } // namespace

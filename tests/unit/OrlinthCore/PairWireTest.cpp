@@ -81,4 +81,9 @@ TEST(PairWire, LooksAtTheFirstFourBytesOnly) {
     EXPECT_EQ(PairWire::parseLengthPrefix(PairWire::encodeFrame(Bytes(777))), 777u);
 }
 
+TEST(PairWireError, HasItsPayload) {
+    EXPECT_EQ(PairWire::Error::frameTooLarge(65537).length(), 65537);
+    EXPECT_EQ(PairWire::Error::frameTooShort().length(), 0);
+}
+
 } // namespace

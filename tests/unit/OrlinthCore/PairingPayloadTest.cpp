@@ -390,5 +390,11 @@ TEST(PairingPayload, TellsNoSecretInAnError) {
     }
 }
 
+TEST(PairingErrorPayload, IsApartFromTheText) {
+    EXPECT_EQ(PairingError::randomBytesFailed(-7).status(), -7);
+    EXPECT_EQ(PairingError::randomBytesFailed(-7).description(), "SecRandomCopyBytes failed (-7)");
+    EXPECT_EQ(PairingError::decodingFailed("why").detail(), "why");
+}
+
 } // namespace
 } // namespace orlinth

@@ -530,5 +530,11 @@ TEST(PeerStoreFolder, IsForTheOwnerAlone) {
     EXPECT_EQ(files.status(store.fileURL())->permissions, 0600U);
 }
 
+TEST(PeerStoreErrorPayload, IsWhatIsBehindThePrefix) {
+    EXPECT_EQ(PeerStoreError::directoryCreate("why").detail(), "why");
+    EXPECT_EQ(PeerStoreError::decode("why").detail(), "why");
+    EXPECT_EQ(PeerStoreError::decode("why").description(), "PeerRecord decode failed: why");
+}
+
 } // namespace
 } // namespace orlinth

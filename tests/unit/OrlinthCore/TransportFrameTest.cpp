@@ -331,5 +331,30 @@ TEST(DescribeFrame, NamesTheKindWithoutTheContent) {
     EXPECT_EQ(describeFrame(Message::clipboard("secret", "")), "Clipboard message");
 }
 
+TEST(TransportFramerError, HasItsPayload) {
+    using Error = TransportFramer::Error;
+    EXPECT_EQ(Error::plaintextTooLarge(16777217).length(), 16777217U);
+    EXPECT_EQ(Error::malformed("empty plaintext").detail(), "empty plaintext");
+    EXPECT_EQ(Error::decrypt("why").detail(), "why");
+    EXPECT_EQ(Error::unknownType(std::byte{0xab}).typeByte(), std::byte{0xab});
+    EXPECT_EQ(Error::unknownType(std::byte{0xab}).detail(), "");
+}
+
+TEST(TransportMessage, HasNoOtherKeysThanItsCodingKeys) {
+    using Keys = TransportMessage::CodingKeys;
+    const Json offer = parseJson(TransportMessage::fileOffer("n", 1, "m", "t").toJson());
+    EXPECT_EQ(offer, (Json{{Keys::type, "FileOffer"},
+                           {Keys::name, "n"},
+                           {Keys::size, 1},
+                           {Keys::mime, "m"},
+                           {Keys::transfer_id, "t"}}));
+    EXPECT_EQ(parseJson(TransportMessage::resume("t", 2).toJson()),
+              (Json{{Keys::type, "Resume"}, {Keys::transfer_id, "t"}, {Keys::accepted_offset, 2}}));
+    EXPECT_EQ(parseJson(TransportMessage::tokenUpdate("f").toJson()),
+              (Json{{Keys::type, "TokenUpdate"}, {Keys::peer_fcm_token, "f"}}));
+    EXPECT_EQ(parseJson(TransportMessage::clipboard("x", "m").toJson()),
+              (Json{{Keys::type, "Clipboard"}, {Keys::text, "x"}, {Keys::mime, "m"}}));
+}
+
 } // namespace
 } // namespace orlinth
