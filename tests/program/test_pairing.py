@@ -319,7 +319,7 @@ class ByTheFourDigits(PairingTest):
             "cannot look for computers on the network: "))
         joined = self.inside(self.phone, "join", "--payload", self.payload_file(program), "--yes", "--json")
         self.assert_paired(program, joined)
-        self.assertIn("not announced on the network (", program.stderr)
+        self.assertIn("Announcing this computer on the network failed (", program.stderr)
 
     def test_nothing_is_announced_where_that_is_not_wanted(self):
         self.world.start_daemon()
