@@ -12,8 +12,8 @@ namespace orlinth::platform {
 /// The shared MIME database's table of file-name patterns, `mime/globs2` in each data folder (freedesktop.org shared
 /// MIME-info, lines "weight:type:pattern[:flags]"). Only patterns of the form "*.ext" matter here.
 ///
-/// The highest weight wins, then the more important folder, then the earlier line. "ts" and "wav" are not looked up there.
-/// Loaded at the first question; safe from several threads.
+/// The highest weight wins, then the more important folder, then the earlier line. "ts" and "wav" are not looked up
+/// there. Loaded at the first question; safe from several threads.
 class LinuxMimeTypes final : public MimeTypes {
 public:
     /// `dataDirectories`: the most important first.

@@ -326,7 +326,8 @@ TEST_F(OutboxTroubleTest, TellsOnceThatThereCanBeNoOutbox) {
     pass(100);
     const std::vector<Json> errors = told("error");
     ASSERT_EQ(1U, errors.size());
-    EXPECT_THAT(errors[0].at("message").get<std::string>(), AllOf(HasSubstr("there is no outbox, and none can be made"), HasSubstr(": Not a directory")));
+    EXPECT_THAT(errors[0].at("message").get<std::string>(),
+                AllOf(HasSubstr("there is no outbox, and none can be made"), HasSubstr(": Not a directory")));
     world_.files.remove(container);
     pass(2);
     world_.alongside(take(1));
