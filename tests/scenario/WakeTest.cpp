@@ -204,7 +204,7 @@ TEST_F(Wake, IsNotTriedForOtherFailuresOfTheNetwork) {
 TEST_F(Wake, IsNotTriedForAPhoneThatCannotBeReachedIfTheFirstAttemptHasNoDeadline) {
     world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3.1);
     SendRequest patient = request(sleepingPhone());
-    patient.warmConnectTimeout = 0;
+    patient.terms.warmConnectTimeout = 0;
     EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(patient))).description(),
               "network: No route to host");
     EXPECT_TRUE(world.https.requests.empty());
