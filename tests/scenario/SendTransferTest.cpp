@@ -362,7 +362,7 @@ TEST_F(SendTransfer, GoesOnWithoutAFingerprintThatCannotBeTaken) {
 TEST_F(SendTransfer, EndsTheProcessForAPortThatIsNone) {
     for (const std::int64_t port : {std::int64_t{-1}, std::int64_t{65536}}) {
         SendRequest wrong = request();
-        wrong.peer.peer_port = port;
+        wrong.terms.peer.peer_port = port;
         EXPECT_DEATH(static_cast<void>(world.run(sendOneFile(world.system, std::move(wrong)))),
                      "programming error: peer_port is outside 0 to 65535");
     }

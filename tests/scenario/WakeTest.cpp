@@ -95,7 +95,7 @@ TEST_F(Wake, EndsTheProcessForAPauseThatIsNone) {
             world.https.willAnswer(200, tokenReply);
             world.https.willAnswer(200, "{}");
             SendRequest wrong = request(sleepingPhone());
-            wrong.postWakeRetryInterval = pause;
+            wrong.terms.postWakeRetryInterval = pause;
             static_cast<void>(world.run(sendOneFile(world.system, std::move(wrong))));
         };
         EXPECT_DEATH(sendWithPause(), "programming error: the retry interval is negative, not finite or out of range");
