@@ -50,8 +50,6 @@ const char* nameOf(Operation operation) {
     switch (operation) {
     case Operation::open:
         return "open";
-    case Operation::seek:
-        return "seek";
     case Operation::read:
         return "read";
     case Operation::seek:
