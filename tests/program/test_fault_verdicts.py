@@ -5,6 +5,8 @@ import pathlib
 import sys
 import unittest
 
+import own_environment  # noqa: F401 (it is entered by the import)
+
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
 
 import cases  # noqa: E402
