@@ -13,7 +13,7 @@ RECEIVER_KILLED, RECEIVER_ENDED = "receiver killed", "receiver ended"
 SENDER_KILLED, SENDER_ENDED = "sender killed", "sender ended"
 CUT, RESET, HALF_CLOSE, STALL, DISK_FULL = "cut", "reset", "half-close", "stall", "disk full"
 PROCESS = (RECEIVER_KILLED, RECEIVER_ENDED, SENDER_KILLED, SENDER_ENDED)
-# How often each is chosen. A sender waits for a minute behind a wire that is cut at the end, so there are few of those.
+# How often each is chosen. A wire that is cut, or stalls, keeps its transfer waiting, so there are few of those.
 SHARES = {RECEIVER_KILLED: 20, RECEIVER_ENDED: 10, SENDER_KILLED: 11, SENDER_ENDED: 8, CUT: 3, RESET: 14,
           HALF_CLOSE: 6, STALL: 3, "flipped": 5, "dropped": 5, "doubled": 5, "swapped": 4, DISK_FULL: 6}
 KINDS = tuple(SHARES)

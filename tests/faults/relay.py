@@ -215,6 +215,10 @@ class FaultyRelay:
     def is_stalled(self):
         return any(connection.is_stalled for connection in self.connections)
 
+    def is_cut(self):
+        return any(connection.is_frozen and not connection.is_stalled and not connection.is_over
+                   for connection in self.connections)
+
     def has_open(self):
         return any(not connection.is_over for connection in self.connections)
 

@@ -133,10 +133,14 @@ class Trial:
         return self.sender
 
     def is_hanging(self):
-        """Whether the wire is dead, and the sender is not waiting for the receiver's farewell."""
+        """Whether the wire is dead, or the sender does not even wait for the receiver's farewell.
+
+        Behind a wire that is cut it may wait for that too: but its system would hear nothing of its bytes and end the
+        connection, while the relay's has acknowledged them.
+        """
         relay = self.world.relay
         return (not self.case.is_direct and relay.has_open() and relay.quiet_seconds() > QUIET
-                and not relay.is_stalled() and not relay.is_sender_leaving())
+                and not relay.is_stalled() and (relay.is_cut() or not relay.is_sender_leaving()))
 
     def interrupt(self):
         """What a person or the network does about a transfer that hangs."""

@@ -191,24 +191,34 @@ Task<WireConnection::Farewell> WireConnection::closeAfterFarewell(double seconds
     if (seconds <= 0) {
         co_return Farewell::silent;
     }
-    for (std::optional<std::int64_t> before = connection_->unacknowledgedBytes();;) {
-        OneShot<Farewell> outcome;
-        co_await platform::settleFirst(outcome, clock_, seconds, std::make_exception_ptr(Silence()), readToTheEnd());
-        try {
-            co_return outcome.take(); // also if we are cancelled just now: the peer has ended it before
-        } catch (const Silence&) {
-            // looked into below
-        }
-        const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
-        if (state.cancelled() != asio::cancellation_type::none) {
-            throw platform::Cancelled();
-        }
+    // Our own end of writing has been acknowledged by then, as a rule: what has not changes slowly, or not any more.
+    const double settling = seconds / 60;
+    std::optional<Farewell> farewell = co_await farewellWithin(settling);
+    std::optional<std::int64_t> before = connection_->unacknowledgedBytes();
+    for (double wait = seconds - settling; !farewell; wait = seconds) {
+        farewell = co_await farewellWithin(wait);
         const std::optional<std::int64_t> left = connection_->unacknowledgedBytes();
-        if (!left || !before || *left >= *before) {
-            co_return left == 0 ? Farewell::acknowledged : Farewell::silent;
+        if (!farewell && (!left || !before || *left >= *before)) {
+            farewell = left == 0 ? Farewell::acknowledged : Farewell::silent;
         }
         before = left;
     }
+    co_return *farewell;
+}
+
+Task<std::optional<WireConnection::Farewell>> WireConnection::farewellWithin(double seconds) {
+    OneShot<Farewell> outcome;
+    co_await platform::settleFirst(outcome, clock_, seconds, std::make_exception_ptr(Silence()), readToTheEnd());
+    try {
+        co_return outcome.take(); // also if we are cancelled just now: the peer has ended it before
+    } catch (const Silence&) {
+        // the usual case of a peer that says nothing
+    }
+    const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
+    if (state.cancelled() != asio::cancellation_type::none) {
+        throw platform::Cancelled();
+    }
+    co_return std::nullopt;
 }
 
 Task<WireConnection::Farewell> WireConnection::readToTheEnd() {

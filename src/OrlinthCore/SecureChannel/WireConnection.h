@@ -82,6 +82,8 @@ private:
     [[nodiscard]] Task<> receivePrefix(MutableBytes into);
     [[nodiscard]] Task<> receiveBody(FrameBuffer& buffer, std::size_t length);
     [[nodiscard]] Task<> readFully(MutableBytes into, bool beginsFrame = false);
+    /// Nothing if the peer has not ended it by then.
+    [[nodiscard]] Task<std::optional<Farewell>> farewellWithin(double seconds);
     [[nodiscard]] Task<Farewell> readToTheEnd();
 
     std::unique_ptr<platform::Stream> connection_;
