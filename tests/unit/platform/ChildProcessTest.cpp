@@ -6,6 +6,7 @@
 
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
@@ -91,12 +92,15 @@ TEST(ChildProcess, DoesNotCutWhatJustFits) {
 }
 
 TEST(ChildProcess, SaysWhichPackageAMissingProgramIsIn) {
+    const std::string before = std::getenv("PATH");
+    ::setenv("PATH", "/usr/bin:/bin", 1); // of a folder that one may not look into, the system says something else
     try {
         static_cast<void>(run("orlinth-no-such-program", {}));
         FAIL() << "nothing was thrown";
     } catch (const ProgramUnavailable& error) {
         EXPECT_EQ(error.description(), "orlinth-no-such-program is not installed (package a-package)");
     }
+    ::setenv("PATH", before.c_str(), 1);
 }
 
 TEST(ChildProcess, SaysWhyAProgramCannotBeRun) {
