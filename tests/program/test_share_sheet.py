@@ -250,6 +250,22 @@ class WithoutAScreen(ShareSheetTest):
         self.assertGreater(killed, 0)
 
 
+GATE = r"""
+#define _GNU_SOURCE
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+/* Nothing is copied before there is a file $GATE. */
+ssize_t copy_file_range(int from, off_t* at, int to, off_t* there, size_t size, unsigned flags) {
+    while (access(getenv("GATE"), F_OK) != 0) {
+        usleep(1000);
+    }
+    return syscall(SYS_copy_file_range, from, at, to, there, size, flags);
+}
+"""
+
+
 class OnAScreen(ShareSheetTest):
     @classmethod
     def setUpClass(cls):
@@ -339,8 +355,10 @@ class OnAScreen(ShareSheetTest):
 
     def test_one_phone_shows_what_is_going_on(self):
         self.pair(1)
-        sheet, window = self.start(self.file("a.txt", b"a"))
+        gate = self.folder / "gate"  # otherwise its window is gone again before a slow machine has looked
+        sheet, window = self.start(self.file("a.txt", b"a"), LD_PRELOAD=str(self.shim("gate", GATE)), GATE=str(gate))
         self.assertEqual(window.geometry()[2:], (400, 84))
+        gate.touch()
         self.assertEqual(sheet.wait(), 0, sheet.stderr)
         self.assertEqual(self.manifest()["files"], ["a.txt"])
 
