@@ -5,7 +5,7 @@
         world.run(["avahi-browse", "-rpt", "_http._tcp"])
 
 Everything is in a network and a mount namespace of its own: nothing of it is seen outside, and nothing from outside in
-it. Needs root (CAP_SYS_ADMIN). Files elsewhere than in /run are those of the machine.
+it. Needs root (own_root). Files elsewhere than in /run are those of the machine.
 """
 
 import os
@@ -37,8 +37,14 @@ publish-workstation=no
 
 # Two interfaces that are the two ends of one cable, and the loopback one. The addresses need no look for others like
 # them, so that they can be used at once.
+#
+# The daemon gives its folder to its user, and root of a user namespace can give nothing but to root: so that user is root.
 SETUP = """
 mount -t tmpfs tmpfs /run
+{ echo avahi:x:0:0::/:/bin/false; cat /etc/passwd; } > /run/passwd
+{ echo avahi:x:0:; cat /etc/group; } > /run/group
+mount --bind /run/passwd /etc/passwd
+mount --bind /run/group /etc/group
 echo 0 > /proc/sys/net/ipv6/conf/default/accept_dad 2> /dev/null || true
 ip link set lo up
 ip link add near type veth peer name far

@@ -76,7 +76,8 @@ class Choosing(unittest.TestCase):
 
     def test_a_host_name_that_is_not_utf8(self):
         self.assertEqual("caf\N{REPLACEMENT CHARACTER}",
-                         look(r"printf 'caf\351' >/proc/sys/kernel/hostname; wired w 02:00:00:00:00:01 10.0.0.1/8")
+                         look("""/usr/bin/python3 -c 'import socket; socket.sethostname(b"caf\\xe9")'
+                                wired w 02:00:00:00:00:01 10.0.0.1/8""")
                          ["hostname"])
 
     def test_no_interface_but_loopback(self):

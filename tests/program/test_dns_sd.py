@@ -10,6 +10,7 @@ import sys
 import tempfile
 import unittest
 
+import own_root  # noqa: F401 (it is entered by the import)
 from avahi_world import AvahiWorld, Lines
 from harness import BUILD, ORLINTH, PATIENCE, Identity, Running
 

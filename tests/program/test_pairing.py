@@ -21,6 +21,7 @@ from cryptography.hazmat.primitives.ciphers.aead import ChaCha20Poly1305
 from cryptography.hazmat.primitives.kdf.hkdf import HKDF
 from cryptography.hazmat.primitives.serialization import Encoding, PublicFormat
 
+import own_root  # noqa: F401 (it is entered by the import)
 from avahi_world import AvahiWorld
 from harness import MIB, ORLINTH, PATIENCE, Identity, ProgramTest, seeded
 from terminal import Terminal

@@ -15,6 +15,7 @@ import struct
 import time
 import unittest
 
+import own_root  # noqa: F401 (it is entered by the import)
 from harness import MIB, PATIENCE, SANITIZED, Identity, seeded, sha256
 from test_serve import ServeTest, wait_for_count
 
