@@ -65,7 +65,8 @@ class Desktop:
     """A session. `environment` is that of the programs on it."""
 
     def __init__(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="orlinth-desktop-"))
+        # not in TMPDIR, into which nobody (as whom sway runs) may not be able to look
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="orlinth-desktop-", dir="/tmp"))
         # a temporary file of wl-copy's goes with the session
         self.environment = {**os.environ, "XDG_RUNTIME_DIR": str(self.folder), "TMPDIR": str(self.folder)}
         self.processes = []

@@ -18,7 +18,7 @@ FOREIGN = {
     "DBUS_SESSION_BUS_ADDRESS": "unix:path=/run/user/77/bus", "HOME": "/theirs", "LANG": "de_DE.UTF-8", "LC_ALL": "C",
     "LANGUAGE": "de", "TZ": "Asia/Kolkata", "NO_COLOR": "1", "COLUMNS": "20", "https_proxy": "http://127.0.0.1:9",
     "SSL_CERT_FILE": "/theirs", "INVOCATION_ID": "77", "NOTIFY_SOCKET": "/theirs", "LISTEN_FDS": "1",
-    "ORLINTH_FCM_BASE_URL": "https://theirs.example",
+    "ORLINTH_FCM_BASE_URL": "https://theirs.example", "TMPDIR": "/a/folder/in/whose/paths/sockets/have/no/room",
 }
 
 # Loads a test file as its program would, but for running it, and tells what has become of the environment.
@@ -35,7 +35,8 @@ print(json.dumps({"environment": dict(os.environ), "umask": umask}))
 class OwnEnvironment(unittest.TestCase):
     def test_is_entered_by_every_test_program(self):
         needed = {"ORLINTH_SHARE": "none", "ORLINTH_CXX": "none", "ORLINTH_BUILD": "none", "ORLINTH_SOURCE": "none"}
-        kept = {name: value for name, value in {**needed, **os.environ}.items() if name in own_environment.KEPT}
+        kept = {name: value for name, value in {**needed, **os.environ}.items()
+                if name in own_environment.KEPT and name not in FOREIGN}
         programs = sorted([*TESTS.glob("program/test_*.py"), *TESTS.glob("interop/test_*.py")])
         self.assertIn(pathlib.Path(__file__).resolve(), programs)
         for program in programs:
