@@ -30,7 +30,9 @@ class Strangers(ProgramTest):
         receiver = self.running(self.phone, "receive", "--from", "stranger", "--port", "0", "--json",
                                 "--dir", str(self.phone.downloads))
         self.mac.record(self.phone, receiver.events.wait_for("listening")["port"])
-        self.assertEqual(1, self.mac.run("send", str(file)).returncode)
+        sender = self.mac.run("send", str(file))
+        self.assertEqual(1, sender.returncode)
+        self.assertIn("ended the connection before it took the file. It may no longer know this computer", sender.stderr)
         self.assertEqual(1, receiver.wait())
         self.assert_one_line_error(receiver.stderr, "remote pubkey ≠ paired peer")
         self.assertEqual("remote pubkey ≠ paired peer", receiver.events.all[-1]["message"])
