@@ -117,8 +117,9 @@ std::string hintForSending(const std::exception& error, const std::string& where
 }
 
 std::string hintForNotTaken(const std::string& where) {
-    return where + " ended the connection before it took the file. It may no longer know this computer: if this computer "
-                   "is not in its list, pair again.";
+    return where +
+           " ended the connection before it took the file. It may no longer know this computer: if this computer "
+           "is not in its list, pair again.";
 }
 
 std::string hintForReceiving(const std::exception& error, const std::string& from, const platform::Path& folder) {
