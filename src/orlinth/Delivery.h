@@ -13,8 +13,8 @@ namespace orlinth::host {
 /// When the end of a file has been sent, megabytes of it may still lie in the buffers of both systems. So a file counts
 /// as delivered only when the phone has closed the connection in good order behind it, or has at least acknowledged
 /// every byte for `farewellSeconds` without a word. Everything else behind the end (a reset, silence with bytes that
-/// never came through) leaves it in doubt: it is offered again at once, under the same id, of which a phone that has
-/// the file takes nothing twice.
+/// never came through) leaves it in doubt: it is offered again at once, under the same id, by which a phone can know
+/// what it has.
 
 /// Seconds that a phone may take to close behind the end of a file while nothing more is acknowledged. It has to flush
 /// its disk.

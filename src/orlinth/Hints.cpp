@@ -88,7 +88,7 @@ std::string hintForSending(const std::exception& error, const std::string& where
         return "The connection to " + where + " broke. Send the file again: it goes on where it stopped.";
     }
     if (dynamic_cast<const DeliveryInDoubt*>(&error) != nullptr) {
-        return "Look on " + where + ", or send the file again: what is there already is not sent twice.";
+        return "Look for it on " + where + ", or send it again.";
     }
     const auto* frame = dynamic_cast<const TransportFramer::Error*>(&error);
     if (frame != nullptr && frame->which() == TransportFramer::Error::Case::plaintextTooLarge) {

@@ -9,11 +9,12 @@ OutboxJournal::OutboxJournal(platform::System& system, platform::Path file)
 
 std::int64_t OutboxJournal::sizeOf(const platform::Path& file) const {
     const auto prepared = prepared_.find(file);
-    return prepared == prepared_.end() ? 0 : prepared->second.size;
+    return prepared == prepared_.end() ? 0 : prepared->second.file.size;
 }
 
 void OutboxJournal::prepare(const std::vector<platform::Path>& files) {
     std::vector<InFlightJournal::Batch::Wanted> wanted;
+    std::vector<Prepared*> fresh;
     for (const platform::Path& file : files) {
         if (isPrepared(file)) {
             continue;
@@ -21,27 +22,29 @@ void OutboxJournal::prepare(const std::vector<platform::Path>& files) {
         try {
             OutgoingFile examined = examineFile(system_, file);
             wanted.push_back({.key = keyOf(examined)});
-            prepared_.emplace(file, std::move(examined));
+            fresh.push_back(&(prepared_[file] = {.file = std::move(examined), .id = {}}));
         } catch (const Error&) {
             continue; // take() meets the same and reports it
         }
     }
-    batch_.reserve(wanted, 1);
+    const std::vector<std::string> ids = batch_.reserve(wanted);
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        fresh[i]->id = ids[i];
+    }
 }
 
 PreparedFile OutboxJournal::take(const platform::Path& file) {
     if (!isPrepared(file)) {
-        OutgoingFile examined = examineFile(system_, file);
-        batch_.reserve({{.key = keyOf(examined)}}, 1);
-        prepared_.emplace(file, std::move(examined));
+        prepared_[file] = {.file = examineFile(system_, file), .id = {}}; // which gets its id at once
     }
-    const OutgoingFile& examined = prepared_.at(file);
-    return {.path = file, .file = examined, .transferId = batch_.idOf(keyOf(examined))};
+    Prepared& prepared = prepared_.at(file);
+    prepared.id = batch_.idOf(keyOf(prepared.file));
+    return {.path = file, .file = prepared.file, .transferId = prepared.id};
 }
 
 void OutboxJournal::complete(const platform::Path& file) {
     if (const auto prepared = prepared_.find(file); prepared != prepared_.end()) {
-        batch_.complete(keyOf(prepared->second));
+        batch_.complete(keyOf(prepared->second.file), prepared->second.id);
         prepared_.erase(prepared);
     }
 }

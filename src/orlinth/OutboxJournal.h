@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <string>
 #include <vector>
 
 namespace orlinth::host {
@@ -38,7 +39,11 @@ private:
     platform::System& system_;
     InFlightJournal journal_;
     InFlightJournal::Batch batch_;
-    std::map<platform::Path, OutgoingFile> prepared_;
+    struct Prepared {
+        OutgoingFile file;
+        std::string id; ///< under which it was offered last
+    };
+    std::map<platform::Path, Prepared> prepared_;
 };
 
 } // namespace orlinth::host

@@ -343,6 +343,7 @@ void OutboxQueue::endIfThrough(const std::string& id) {
     }
     const std::unique_ptr<Job> ended = std::move(jobs_.at(id)); // whose own the id may be
     jobs_.erase(id);
+    note([&ended] { ended->state.flush(); }); // before the ids of what was sent go, and before the batch does
     const std::string failures = summaryOf(ended->state);
     const bool isThere = !batches_.isGone(id);
     if (isThere && !failures.empty()) {
@@ -351,7 +352,6 @@ void OutboxQueue::endIfThrough(const std::string& id) {
     }
     try {
         if (isThere) { // else somebody has put something else in its place, which is not ours
-            note([&ended] { ended->state.flush(); }); // so that nobody misses what is about to go
             batches_.remove(id);
         }
         ended->state.remove(); // last: until then it says that there is nothing to send
@@ -412,6 +412,8 @@ void OutboxQueue::saveWhatIsBehind() {
     for (const auto& [id, job] : jobs_) {
         if (job->state.isBehind()) {
             save(*job);
+        } else {
+            note([&state = job->state] { state.flush(); }); // before the ids of what was sent go
         }
     }
 }

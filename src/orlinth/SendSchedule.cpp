@@ -91,6 +91,8 @@ struct SendSchedule::Transfer {
     asio::cancellation_signal stop;
     HandshakeLimit handshake;
     SendReporter reporter;
+    InFlightKey key; ///< of what is offered
+    std::string id;  ///< under which; "" before it is
     OffersInDoubt inDoubt;
     std::optional<Delivered> delivered;
     std::exception_ptr error;
@@ -114,7 +116,8 @@ SendSchedule::SendSchedule(Host& host, const platform::PrivateKey& ownKey, InFli
       ended_(host.tasks.executor(), asio::steady_timer::time_point::max()) {
     const std::vector<std::int64_t> sizes = sizesOf(host.system.files, files);
     for (std::size_t i = 0; i < files.size(); ++i) {
-        sources_.push_back({.path = files[i], .size = sizes[i], .left = phones.size(), .known = std::nullopt});
+        sources_.push_back(
+            {.path = files[i], .size = sizes[i], .left = phones.size(), .known = std::nullopt, .id = {}});
     }
     for (const PeerRecord& record : phones) {
         Phone phone{.record = record, .waiting = {}, .announced = {}, .inDoubt = {}};
@@ -227,28 +230,27 @@ bool SendSchedule::prepare(std::size_t first) {
     if (!sources_[first].isPrepared) {
         return false;
     }
-    reserve(numbers, std::move(known), static_cast<int>(sources_[first].left));
+    reserve(numbers, std::move(known));
     return true;
 }
 
-/// Writes the ids of these sources down, each for as many phones.
-void SendSchedule::reserve(const std::vector<std::size_t>& numbers, std::vector<SourceMemory::Source> known,
-                           int phones) {
+/// Writes the ids of these sources down, each for the phones that still are to get it.
+void SendSchedule::reserve(const std::vector<std::size_t>& numbers, std::vector<SourceMemory::Source> known) {
+    memory_.compare(known);
+    std::vector<InFlightJournal::Batch::Wanted> wanted;
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        wanted.push_back(
+            {.key = known[i].key, .isFresh = known[i].isFresh, .uses = static_cast<int>(sources_[numbers[i]].left)});
+    }
+    const std::vector<std::string> ids = batch_.reserve(wanted);
     try {
         memory_.remember(known);
     } catch (const std::exception&) {
-        // Without a memory nobody could tell whether an id fits its file.
-        for (SourceMemory::Source& source : known) {
-            source.isFresh = true;
-        }
+        // Then the next attempt finds nothing to compare with, and takes fresh ids.
     }
-    std::vector<InFlightJournal::Batch::Wanted> wanted;
-    for (const SourceMemory::Source& source : known) {
-        wanted.push_back({.key = source.key, .isFresh = source.isFresh});
-    }
-    batch_.reserve(wanted, phones);
     for (std::size_t i = 0; i < numbers.size(); ++i) {
         sources_[numbers[i]].known = std::move(known[i]);
+        sources_[numbers[i]].id = ids[i];
     }
 }
 
@@ -324,9 +326,14 @@ Task<> SendSchedule::transfer(Transfer& transfer) {
                     .progress = &transfer.reporter,
                     .keepAlive = phoneKeepAlive};
     const int left = OffersInDoubt::limitOfCommands - transfer.inDoubt.count;
-    const auto onAgain = [&transfer] { transfer.reporter.tellAgain(); };
+    const auto onAgain = [this, &transfer] {
+        if (hasChanged(sources_[transfer.source])) {
+            throw SendError::fileRead(sources_[transfer.source].path + " changed while it was sent");
+        }
+        transfer.reporter.tellAgain();
+    };
     try {
-        PreparedFile file = take(sources_[transfer.source]);
+        PreparedFile file = take(transfer);
         Delivered delivered =
             co_await deliver(host_.system, std::move(file), std::move(terms), left, transfer.inDoubt, onAgain);
         transfer.delivered = std::move(delivered);
@@ -335,17 +342,43 @@ Task<> SendSchedule::transfer(Transfer& transfer) {
     }
 }
 
-PreparedFile SendSchedule::take(Source& source) {
+PreparedFile SendSchedule::take(Transfer& transfer) {
+    Source& source = sources_[transfer.source];
     if (!source.known) {
         static_cast<void>(examineFile(host_.system, source.path)); // says why, unless the file was mended just now
         std::optional<SourceMemory::Source> known = memory_.examine(source.path);
         if (!known || !keysUnderWay_.insert(known->key.text()).second) {
             throw SendError::fileRead(source.path + " changes all the time");
         }
-        reserve({static_cast<std::size_t>(&source - sources_.data())}, {std::move(*known)},
-                static_cast<int>(source.left));
+        reserve({transfer.source}, {std::move(*known)});
     }
-    return {.path = source.path, .file = source.known->file, .transferId = batch_.idOf(source.known->key)};
+    std::string id = batch_.idOf(source.known->key);
+    if (id != source.id) { // another process has written it, perhaps for a file that only begins like ours
+        std::vector<SourceMemory::Source> ours{*source.known};
+        memory_.compare(ours);
+        if (ours.front().isFresh) {
+            reserve({transfer.source}, std::move(ours));
+            id = source.id;
+        }
+    }
+    source.id = id;
+    transfer.key = source.known->key;
+    transfer.id = id;
+    return {.path = source.path, .file = source.known->file, .transferId = std::move(id)};
+}
+
+/// Another process that sends the same file may have ended its id; what the phone has of it is found by that.
+void SendSchedule::keepForNextTime(const Transfer& transfer) noexcept {
+    const Source& source = sources_[transfer.source];
+    if (transfer.id.empty() || !source.known || source.known->key.text() != transfer.key.text()) {
+        return;
+    }
+    try {
+        batch_.keep(transfer.key, transfer.id);
+        memory_.remember({*source.known});
+    } catch (const std::exception&) {
+        return; // then the next attempt begins anew
+    }
 }
 
 void SendSchedule::settleEnded() {
@@ -371,7 +404,7 @@ void SendSchedule::settle(Transfer& transfer) {
     }
     if (transfer.delivered) {
         phone.allowed = std::min(phone.allowed + 1, maxConnectionsPerPhone);
-        batch_.complete(sources_[transfer.source].known->key);
+        batch_.complete(transfer.key, transfer.id);
         transfer.reporter.tellComplete(*transfer.delivered);
         doneWith(transfer.source, true);
         return;
@@ -407,6 +440,7 @@ void SendSchedule::fail(Transfer& transfer) {
         const std::string hint = notTaken ? hintForNotTaken(where) : hintForSending(error, where);
         transfer.reporter.tellFailure(describe(error), hint, transfer.inDoubt.count > 0);
     }
+    keepForNextTime(transfer);
     ++failed_;
     doneWith(transfer.source, false);
 }
@@ -452,14 +486,25 @@ void SendSchedule::tellInterrupted(const Interrupted& interrupted) {
             settle(transfer);
         }
     }
+    for (const Transfer* transfer : cutShort) {
+        keepForNextTime(*transfer);
+    }
+    std::size_t notBegun = 0;
+    for (const Phone& phone : phones_) {
+        notBegun += phone.waiting.size();
+    }
+    const std::string alsoNotBegun =
+        notBegun == 0 ? ""
+                      : " " + std::to_string(notBegun) + (notBegun == 1 ? " file was" : " files were") + " not begun.";
     if (cutShort.empty()) {
-        host_.output.failure(interrupted.description(), "Send what is missing again.");
+        host_.output.failure(interrupted.description(),
+                             notBegun == 0 ? "Everything had been sent." : alsoNotBegun.substr(1));
         return;
     }
     if (cutShort.size() == 1) {
-        const SendReporter& only = cutShort.front()->reporter;
-        cutShort.front()->reporter.tellFailureLine(interrupted.description(),
-                                                   only.howFar() + "; send it again and it goes on there.");
+        SendReporter& only = cutShort.front()->reporter;
+        only.tellFailureLine(interrupted.description(),
+                             only.howFar() + "; send it again and it goes on there." + alsoNotBegun);
         return;
     }
     Transfer* const last = cutShort.back();
@@ -469,7 +514,7 @@ void SendSchedule::tellInterrupted(const Interrupted& interrupted) {
             transfer->reporter.tellFailureToScripts(interrupted.description());
         }
     }
-    last->reporter.tellFailureLine(interrupted.description(), "Send them again and they go on there.");
+    last->reporter.tellFailureLine(interrupted.description(), "Send them again and they go on there." + alsoNotBegun);
 }
 
 /// What was remembered of files that were not begun would only be in the way.

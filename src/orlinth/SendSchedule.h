@@ -69,6 +69,7 @@ private:
         bool hasFailed = false;
         std::size_t left = 0; ///< phones that are not done with it
         std::optional<SourceMemory::Source> known;
+        std::string id; ///< under which it is offered, if it is known
     };
     struct Phone {
         PeerRecord record;
@@ -90,9 +91,10 @@ private:
     /// Finds out what the file is, and that of those behind it, and gives it its id; again if it has changed since.
     /// Returns false if it must wait for an equal one that is under way.
     [[nodiscard]] bool prepare(std::size_t first);
-    void reserve(const std::vector<std::size_t>& numbers, std::vector<SourceMemory::Source> known, int phones);
-    /// What to send of a source; of one that could not be prepared, the reason is thrown.
-    [[nodiscard]] PreparedFile take(Source& source);
+    void reserve(const std::vector<std::size_t>& numbers, std::vector<SourceMemory::Source> known);
+    /// What to send; of a source that could not be prepared, the reason is thrown.
+    [[nodiscard]] PreparedFile take(Transfer& transfer);
+    void keepForNextTime(const Transfer& transfer) noexcept;
     [[nodiscard]] bool hasChanged(const Source& source) const;
     void unprepare(Source& source);
     [[nodiscard]] bool hasWaiting() const;

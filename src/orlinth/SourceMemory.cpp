@@ -46,17 +46,23 @@ bool SourceMemory::isUnchanged(const platform::Path& file, const Source& source)
     }
 }
 
-void SourceMemory::remember(std::vector<Source>& sources) {
+void SourceMemory::compare(std::vector<Source>& sources) const {
+    const Json known = load();
+    for (Source& source : sources) {
+        const auto before = known.find(source.key.text());
+        source.isFresh = before == known.end() || *before != source.look;
+    }
+}
+
+void SourceMemory::remember(const std::vector<Source>& sources) {
     system_.files.createDirectories(url_.parent_path(), 0700);
     const platform::FileLock lock(system_.files, url_);
     Json known = load();
     bool hasChanged = eraseForgotten(known);
-    for (Source& source : sources) {
-        const std::string key = source.key.text();
-        const auto before = known.find(key);
-        source.isFresh = before == known.end() || *before != source.look;
-        if (source.isFresh) {
-            known[key] = source.look;
+    for (const Source& source : sources) {
+        Json& look = known[source.key.text()];
+        if (look != source.look) {
+            look = source.look;
             hasChanged = true;
         }
     }

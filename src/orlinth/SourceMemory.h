@@ -27,7 +27,7 @@ public:
         OutgoingFile file;
         InFlightKey key;
         Json look;
-        /// Whether it is not the file that an earlier attempt was for, if there was one; set by remember().
+        /// Whether it is not the file that an earlier attempt was for, if there was one; set by compare().
         bool isFresh = false;
     };
 
@@ -38,9 +38,11 @@ public:
     [[nodiscard]] std::optional<Source> examine(const platform::Path& file) const;
     /// Whether the file still is what examine() saw. A cheap look, for right before an attempt.
     [[nodiscard]] bool isUnchanged(const platform::Path& file, const Source& source) const;
-    /// Before an attempt: compares the files with what they were, and remembers them as they are.
-    /// @throws platform::SystemError
-    void remember(std::vector<Source>& sources);
+    /// Before an attempt, and before the ids are written down: are these the files that were remembered?
+    void compare(std::vector<Source>& sources) const;
+    /// Remembers the files as they are, once their ids are written down: a kill in between makes for a fresh id, never
+    /// for an id of another content. @throws platform::SystemError
+    void remember(const std::vector<Source>& sources);
     /// Forgets what completely sent files were; written by the next remember() or flush().
     void forget(const InFlightKey& key);
     /// @throws platform::SystemError

@@ -327,6 +327,8 @@ class FaultyRelay:
                     return
             except BlockingIOError:
                 return
+        # There may be more to do of which no socket tells: an end that was read, and is still to be passed on.
+        self._after(0, lambda: connection.is_over or self._serve(connection))
 
     def _step(self, connection, flow):
         """Moves some bytes; False if there is nothing to be done now."""

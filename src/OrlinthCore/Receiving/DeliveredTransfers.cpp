@@ -61,10 +61,10 @@ DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
     return delivery;
 }
 
-/// What a move does not change.
+/// What neither a move changes nor a reboot, as some file systems get another device number at each mount.
 bool isSameFile(const DeliveredTransfers::Delivery& delivery, const platform::FileStatus& file) {
-    return file.kind == platform::FileKind::regular && file.device == delivery.device && file.inode == delivery.inode &&
-           file.size == delivery.size && file.modifiedNanoseconds == delivery.modified_ns;
+    return file.kind == platform::FileKind::regular && file.inode == delivery.inode && file.size == delivery.size &&
+           file.modifiedNanoseconds == delivery.modified_ns;
 }
 
 } // namespace

@@ -23,7 +23,7 @@ namespace orlinth {
 ///     intend() ──▶ move ──▶ flush the folder ──▶ settle() ──▶ report ──▶ close the connection
 ///
 /// A kill at any of these points leaves the partial file, which is resumed, or the delivered one, which find() knows:
-/// it compares device, inode, size and time of change, none of which a move alters. Lines are not flushed: a power cut
+/// it compares inode, size and time of change, none of which a move alters. Lines are not flushed: a power cut
 /// takes those of the last seconds along, and a transfer whose end its sender has not seen by then is received again.
 ///
 /// It never stands in the way of a file: what cannot be read counts as empty, line by line, and what cannot be written
@@ -49,10 +49,10 @@ public:
 
     /// One transfer.
     struct Delivery {
-        std::string phone;       ///< its key, Base64
-        std::string transfer_id; ///< as the offer gave it
-        platform::Path path;     ///< the final name, absolute
-        std::uint64_t device = 0;
+        std::string phone;        ///< its key, Base64
+        std::string transfer_id;  ///< as the offer gave it
+        platform::Path path;      ///< the final name, absolute
+        std::uint64_t device = 0; ///< for people to read; it may change with a reboot
         std::uint64_t inode = 0;
         std::int64_t size = 0;        ///< bytes
         std::int64_t modified_ns = 0; ///< since the Unix epoch

@@ -243,17 +243,25 @@ void IncomingFile::tidyUpBehindDelivered() {
     writing("", [&] { files.flushDirectory(target_.final.parent_path()); });
 }
 
+/// One step against receivers that choose their names: else one could take the partial's name between the move and the
+/// end of the sidecar, or miss both the partial and the file.
+void IncomingFile::leavePartialName() {
+    platform::FileSystem& files = system_->files;
+    const std::unique_ptr<platform::File> folder = writing("", [&] { return lockFolder(files, downloadsDir_); });
+    // The file stays open, and with it locked, until it has left its partial name.
+    writing("rename: ", [&] { moveIntoPlace(); });
+    partial_.reset();
+    // Removed before the folder is flushed: after a power cut it must not meet the next file of this name.
+    PartialMetaIO::remove(files, target_.partial);
+}
+
 ReceivedFile IncomingFile::finish(const std::string& remoteEndpoint) {
     platform::FileSystem& files = system_->files;
     if (delivered_) {
         tidyUpBehindDelivered();
     } else {
         writing("", [&] { partial_->flush(); });
-        // The file stays open, and with it locked, until it has left its partial name.
-        writing("rename: ", [&] { moveIntoPlace(); });
-        partial_.reset();
-        // Removed before the folder is flushed: after a power cut it must not meet the next file of this name.
-        PartialMetaIO::remove(files, target_.partial);
+        leavePartialName();
         writing("", [&] { files.flushDirectory(downloadsDir_); });
     }
     if (!delivered_ || !delivered_->isSettled) {

@@ -87,6 +87,7 @@ private:
     void keepSidecar();
     void abandonIfEmpty() noexcept;
     void moveIntoPlace();
+    void leavePartialName();
     void tidyUpBehindDelivered();
 
     platform::System* system_;

@@ -236,7 +236,8 @@ Task<WireConnection::Farewell> WireConnection::readToTheEnd() {
         }
         co_return Farewell::brokeOff;
     }
-    co_return Farewell::closed;
+    // A peer that has read everything has acknowledged it before it closes; but for our own end, which counts as one.
+    co_return connection_->unacknowledgedBytes().value_or(0) > 1 ? Farewell::brokeOff : Farewell::closed;
 }
 
 void WireConnection::close() noexcept {

@@ -51,8 +51,8 @@ public:
 
     /// How the peer ended the conversation after we had said our last word.
     enum class Farewell {
-        closed,       ///< in good order: it has read everything
-        brokeOff,     ///< with a reset, or the network failed: nobody can say what it has read
+        closed,   ///< in good order: it has read everything
+        brokeOff, ///< with a reset, or before it had taken everything, or the network failed: who knows what it read
         acknowledged, ///< not at all; but its system has taken every byte
         silent        ///< not at all, and some bytes may never have come through
     };

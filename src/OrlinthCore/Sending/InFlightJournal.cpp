@@ -153,7 +153,7 @@ void InFlightJournal::Batch::eraseFinished(Entries& entries) {
     finished_.clear();
 }
 
-void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses) {
+std::vector<std::string> InFlightJournal::Batch::reserve(const std::vector<Wanted>& files) {
     const std::lock_guard guard(journal_.lock_);
     makeFolder();
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
@@ -161,8 +161,10 @@ void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses)
     adopt(entries);
     const Entries before = entries;
     eraseFinished(entries);
+    std::vector<std::string> ids;
     for (const Wanted& file : files) {
         const std::string key = file.key.text();
+        const auto known = before.find(key);
         if (file.isFresh) {
             entries.erase(key);
         }
@@ -170,13 +172,18 @@ void InFlightJournal::Batch::reserve(const std::vector<Wanted>& files, int uses)
         if (isNew) {
             entry->second = platform::randomUuidText();
         }
-        reserved_[key] = {.id = entry->second, .uses = uses, .isWritten = false};
+        reserved_[key] = {.id = entry->second,
+                          .superseded = isNew && known != before.end() ? known->second : std::string(),
+                          .uses = file.uses,
+                          .isWritten = false};
+        ids.push_back(entry->second);
     }
     const bool isWritten = entries == before || journal_.write(entries);
     for (const Wanted& file : files) {
         reserved_[file.key.text()].isWritten = isWritten;
     }
     known_ = held ? look() : std::nullopt; // without the lock somebody may have written in between
+    return ids;
 }
 
 void InFlightJournal::Batch::update() {
@@ -192,11 +199,11 @@ void InFlightJournal::Batch::update() {
 void InFlightJournal::Batch::adopt(const Entries& entries) {
     for (auto& [key, reserved] : reserved_) {
         const auto entry = entries.find(key);
-        if (entry != entries.end()) {
+        if (entry != entries.end() && entry->second != reserved.superseded) {
             reserved.id = entry->second;
             reserved.isWritten = true;
-        } else if (reserved.isWritten) {
-            reserved = {.id = platform::randomUuidText(), .uses = reserved.uses, .isWritten = false};
+        } else if (entry == entries.end() && reserved.isWritten) {
+            reserved = {.id = platform::randomUuidText(), .superseded = {}, .uses = reserved.uses, .isWritten = false};
         }
     }
 }
@@ -204,25 +211,41 @@ void InFlightJournal::Batch::adopt(const Entries& entries) {
 std::string InFlightJournal::Batch::idOf(const InFlightKey& file) {
     const std::lock_guard guard(journal_.lock_);
     update();
-    const std::string key = file.text();
-    Reserved& reserved = reserved_.at(key);
+    const auto at = reserved_.try_emplace(file.text(), Reserved{.id = platform::randomUuidText(), .uses = 1}).first;
+    Reserved& reserved = at->second;
     if (!reserved.isWritten) {
         makeFolder();
         const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
         Entries entries = journal_.load();
-        reserved.id = entries.try_emplace(key, reserved.id).first->second;
+        const auto [entry, isNew] = entries.try_emplace(file.text(), reserved.id);
+        if (!isNew && entry->second == reserved.superseded) {
+            entry->second = reserved.id;
+        }
+        reserved.id = entry->second;
         reserved.isWritten = journal_.write(entries);
         known_ = held ? look() : std::nullopt;
     }
     return reserved.id;
 }
 
-void InFlightJournal::Batch::complete(const InFlightKey& file) {
+void InFlightJournal::Batch::complete(const InFlightKey& file, const std::string& id) {
     const std::lock_guard guard(journal_.lock_);
     const auto reserved = reserved_.find(file.text());
-    if (reserved != reserved_.end() && --reserved->second.uses <= 0) {
-        finished_.insert_or_assign(reserved->first, reserved->second.id);
+    if (reserved == reserved_.end() || reserved->second.id != id) {
+        finished_.insert_or_assign(file.text(), id); // it has another one by now, which is not to go
+    } else if (--reserved->second.uses <= 0) {
+        finished_.insert_or_assign(reserved->first, id);
         reserved_.erase(reserved);
+    }
+}
+
+void InFlightJournal::Batch::keep(const InFlightKey& file, const std::string& id) {
+    const std::lock_guard guard(journal_.lock_);
+    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+    Entries entries = journal_.load();
+    if (entries.try_emplace(file.text(), id).second) {
+        journal_.write(entries);
+        known_.reset();
     }
 }
 

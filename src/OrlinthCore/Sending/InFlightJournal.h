@@ -100,6 +100,7 @@ public:
     struct Wanted {
         InFlightKey key;
         bool isFresh = false; ///< an id that was recorded before is not to be used again
+        int uses = 1;         ///< sends that it is for: a file for several phones keeps its id until the last has it
     };
 
     explicit Batch(InFlightJournal& journal) : journal_(journal) {}
@@ -108,24 +109,28 @@ public:
     Batch(const Batch&) = delete;
     Batch& operator=(const Batch&) = delete;
 
-    /// As getOrCreate() for each, with one write. An entry is forgotten once so many sends of it have completed: a file
-    /// for several phones keeps its id until the last of them has it. Never fails: if the disk does not take the ids,
-    /// they hold for this batch.
-    void reserve(const std::vector<Wanted>& files, int uses);
-    /// The id of a reserved file, for the next attempt. A look at the journal file's attributes, unless another process
-    /// has written it since: then what it says now, and where it says nothing any more, a new id. Never fails.
+    /// As getOrCreate() for each, with one write. Returns the ids. Never fails: if the disk does not take them, they
+    /// hold for this batch.
+    std::vector<std::string> reserve(const std::vector<Wanted>& files);
+    /// The id of a file, which is reserved now if it was not, for the next attempt. A look at the journal file's
+    /// attributes, unless another process has written it since: then what it says now, and where it says nothing any
+    /// more, a new id. Never fails.
     [[nodiscard]] std::string idOf(const InFlightKey& file);
-    /// One send of a reserved file has completed. If that was the last, its id is used no more; this is written with
-    /// the next reserve() or flush().
-    void complete(const InFlightKey& file);
+    /// One send of a file under this id has completed. If that was the last, the id is used no more; this is written
+    /// with the next reserve() or flush().
+    void complete(const InFlightKey& file, const std::string& id);
+    /// A send under this id has not completed, and another process may have ended the id meanwhile: the next attempt is
+    /// to find it all the same. Never fails.
+    void keep(const InFlightKey& file, const std::string& id);
     /// Writes what is left to write. Never fails.
     void flush();
 
 private:
     struct Reserved {
         std::string id;
-        int uses = 0;           ///< sends that have yet to complete
-        bool isWritten = false; ///< the journal file has held it
+        std::string superseded{}; ///< an id that is not to be used, and that the journal file may still hold; or ""
+        int uses = 0;             ///< sends that have yet to complete
+        bool isWritten = false;   ///< the journal file has held it
     };
     /// What the journal file looked like when this batch knew all of it.
     using Look = std::optional<platform::FileStatus>;

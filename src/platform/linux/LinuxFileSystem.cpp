@@ -436,8 +436,10 @@ void LinuxFileSystem::flushDirectory(const Path& path) {
 }
 
 std::size_t LinuxFileSystem::longestName(const Path& folder) const noexcept {
+    // Some say more than they take: FAT counts 255 characters as six bytes each.
+    const std::size_t most = FileSystem::longestName(folder);
     const long bytes = ::pathconf(folder.c_str(), _PC_NAME_MAX);
-    return bytes > 0 ? static_cast<std::size_t>(bytes) : FileSystem::longestName(folder);
+    return bytes > 0 ? std::min(most, static_cast<std::size_t>(bytes)) : most;
 }
 
 std::vector<std::string> LinuxFileSystem::list(const Path& path) const {

@@ -229,7 +229,7 @@ protected:
 
 TEST_F(InFlightJournalBatch, WritesTheIdsOfAllItsFilesAtOnceAndBeforeTheyAreUsed) {
     InFlightJournal::Batch batch(journal);
-    batch.reserve(wanted({"a", "b", "c"}), 1);
+    batch.reserve(wanted({"a", "b", "c"}));
     const auto entries = journal.snapshotEntries();
     EXPECT_THAT(entries, ElementsAre(Key("a|1|m|f"), Key("b|1|m|f"), Key("c|1|m|f")));
     const std::size_t mutations = files.mutations();
@@ -242,32 +242,32 @@ TEST_F(InFlightJournalBatch, KeepsTheIdOfAnEarlierAttemptUnlessAFreshOneIsWanted
     const std::string a = elsewhere("a");
     const std::string b = elsewhere("b");
     InFlightJournal::Batch batch(journal);
-    batch.reserve(wanted({"a"}), 1);
-    batch.reserve(wanted({"b"}, true), 1);
+    batch.reserve(wanted({"a"}));
+    batch.reserve(wanted({"b"}, true));
     EXPECT_EQ(batch.idOf(keyOf("a")), a);
     EXPECT_NE(batch.idOf(keyOf("b")), b);
 }
 
 TEST_F(InFlightJournalBatch, NeverGivesTheIdOfACompletedFileAgain) {
     InFlightJournal::Batch batch(journal);
-    batch.reserve(wanted({"a"}), 1);
+    batch.reserve(wanted({"a"}));
     const std::string first = batch.idOf(keyOf("a"));
-    batch.complete(keyOf("a"));
-    batch.reserve(wanted({"a"}), 1);
+    batch.complete(keyOf("a"), first);
+    batch.reserve(wanted({"a"}));
     EXPECT_NE(batch.idOf(keyOf("a")), first);
 }
 
 TEST_F(InFlightJournalBatch, WritesCompletionsWithTheNextReservationAndAtItsEnd) {
     {
         InFlightJournal::Batch batch(journal);
-        batch.reserve(wanted({"a", "b", "c"}), 1);
+        batch.reserve(wanted({"a", "b", "c"}));
         const std::size_t mutations = files.mutations();
-        batch.complete(keyOf("a"));
-        batch.complete(keyOf("b"));
+        batch.complete(keyOf("a"), batch.idOf(keyOf("a")));
+        batch.complete(keyOf("b"), batch.idOf(keyOf("b")));
         EXPECT_EQ(files.mutations(), mutations);
-        batch.reserve(wanted({"d"}), 1);
+        batch.reserve(wanted({"d"}));
         EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("c|1|m|f"), Key("d|1|m|f")));
-        batch.complete(keyOf("c"));
+        batch.complete(keyOf("c"), batch.idOf(keyOf("c")));
     }
     EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("d|1|m|f"))) << "d has not completed";
 }
@@ -278,7 +278,7 @@ TEST_F(InFlightJournalBatch, KeepsTheIdsOfWhatHasNotCompletedWhetherItWasBegunOr
     std::string taken;
     {
         InFlightJournal::Batch batch(journal);
-        batch.reserve(wanted({"before", "begun", "not begun"}), 1);
+        batch.reserve(wanted({"before", "begun", "not begun"}));
         begun = batch.idOf(keyOf("begun"));
         taken = elsewhere("not begun"); // by another process, which goes on when this one has ended
     }
@@ -289,35 +289,38 @@ TEST_F(InFlightJournalBatch, KeepsTheIdsOfWhatHasNotCompletedWhetherItWasBegunOr
 TEST_F(InFlightJournalBatch, KeepsAnIdUntilEveryUseOfItHasCompleted) {
     {
         InFlightJournal::Batch batch(journal);
-        batch.reserve(wanted({"both", "one"}), 2);
-        batch.complete(keyOf("both"));
-        batch.complete(keyOf("both"));
-        batch.complete(keyOf("one"));
+        auto files = wanted({"both", "one"});
+        files[0].uses = 2;
+        files[1].uses = 2;
+        const std::vector<std::string> ids = batch.reserve(files);
+        batch.complete(keyOf("both"), ids[0]);
+        batch.complete(keyOf("both"), ids[0]);
+        batch.complete(keyOf("one"), ids[1]);
     }
     EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("one|1|m|f")));
 }
 
 TEST_F(InFlightJournalBatch, TakesNoIdFromAnotherProcess) {
     InFlightJournal::Batch batch(journal);
-    batch.reserve(wanted({"a"}), 1);
+    batch.reserve(wanted({"a"}));
     const std::string ours = batch.idOf(keyOf("a"));
     EXPECT_EQ(elsewhere("a"), ours);
     completeElsewhere("a");
     const std::string theirs = elsewhere("a"); // the same file again, under an id of its own
-    batch.complete(keyOf("a"));
+    batch.complete(keyOf("a"), ours);
     batch.flush();
     EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", theirs)));
 }
 
 TEST_F(InFlightJournalBatch, ReadsAgainWhatAnotherProcessHasWritten) {
     InFlightJournal::Batch batch(journal);
-    batch.reserve(wanted({"a", "b", "c"}), 1);
+    batch.reserve(wanted({"a", "b", "c"}));
     const std::string b = batch.idOf(keyOf("b"));
     const std::string c = batch.idOf(keyOf("c"));
     completeElsewhere("a"); // and with it the id has gone
     completeElsewhere("b");
     const std::string fresh = elsewhere("b");
-    batch.reserve(wanted({"d"}), 1); // sees it by the way
+    batch.reserve(wanted({"d"})); // sees it by the way
     EXPECT_EQ(batch.idOf(keyOf("b")), fresh);
     EXPECT_NE(fresh, b);
     EXPECT_EQ(batch.idOf(keyOf("c")), c);
@@ -328,7 +331,7 @@ TEST_F(InFlightJournalBatch, ReadsAgainWhatAnotherProcessHasWritten) {
 TEST_F(InFlightJournalBatch, KeepsItsIdsWhereTheDiskTakesNone) {
     InFlightJournal::Batch batch(journal);
     files.addFault({.errorNumber = ENOSPC});
-    batch.reserve(wanted({"a"}), 1);
+    batch.reserve(wanted({"a"}));
     const std::string id = batch.idOf(keyOf("a"));
     EXPECT_EQ(batch.idOf(keyOf("a")), id);
     files.clearFaults();
@@ -336,14 +339,44 @@ TEST_F(InFlightJournalBatch, KeepsItsIdsWhereTheDiskTakesNone) {
     EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", id))) << "once it does again";
 }
 
+TEST_F(InFlightJournalBatch, NeverGivesTheIdOfAnotherContentAlsoWhereTheDiskTakesNoFreshOne) {
+    const std::string stale = elsewhere("a");
+    InFlightJournal::Batch batch(journal);
+    files.addFault({.operation = fakes::Operation::write, .errorNumber = ENOSPC});
+    const std::string fresh = batch.reserve(wanted({"a"}, true)).front();
+    EXPECT_NE(fresh, stale);
+    EXPECT_EQ(batch.idOf(keyOf("a")), fresh);
+    EXPECT_EQ(elsewhere("a"), stale) << "what the disk has";
+    files.clearFaults();
+    EXPECT_EQ(batch.idOf(keyOf("a")), fresh);
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", fresh)));
+}
+
+TEST_F(InFlightJournalBatch, KeepsTheIdOfAFileThatAnotherProcessHasCompleted) {
+    InFlightJournal::Batch batch(journal);
+    const std::string ours = batch.reserve(wanted({"a"})).front();
+    completeElsewhere("a"); // to another phone
+    batch.keep(keyOf("a"), ours);
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", ours)));
+    EXPECT_EQ(batch.idOf(keyOf("a")), ours);
+}
+
+TEST_F(InFlightJournalBatch, ReservesAFileThatItDoesNotKnowWhenItsIdIsAskedFor) {
+    const std::string known = elsewhere("a");
+    InFlightJournal::Batch batch(journal);
+    EXPECT_EQ(batch.idOf(keyOf("a")), known);
+    const std::string fresh = batch.idOf(keyOf("b"));
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", known), Pair("b|1|m|f", fresh)));
+}
+
 TEST_F(InFlightJournalBatch, LeavesOtherFilesAlone) {
     {
         InFlightJournal::Batch batch(journal);
-        batch.reserve(wanted({"a"}), 1);
+        batch.reserve(wanted({"a"}));
         static_cast<void>(elsewhere("other"));
         completeElsewhere("other");
         static_cast<void>(elsewhere("another"));
-        batch.complete(keyOf("a"));
+        batch.complete(keyOf("a"), batch.idOf(keyOf("a")));
     }
     EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Key("another|1|m|f")));
 }
