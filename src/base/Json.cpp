@@ -1,6 +1,10 @@
 #include "base/Json.h"
 
+#include "base/Text.h"
+
 #include <cmath>
+#include <utility>
+#include <vector>
 
 namespace orlinth {
 namespace {
@@ -49,32 +53,117 @@ void appendPretty(std::string& text, const Json& value, std::size_t depth) {
     text += value.is_object() ? '}' : ']';
 }
 
-} // namespace
-
-Json parseJson(std::string_view text) {
-    // The library takes a NUL for the end of the text and would let anything stand behind it.
-    if (const std::size_t nul = text.find('\0'); nul != std::string_view::npos) {
-        throw JsonError("not valid JSON at byte " + std::to_string(nul + 1));
+/// Four hexadecimal digits.
+char32_t codeUnit(std::string_view digits) {
+    char32_t unit = 0;
+    for (const char digit : digits) {
+        const bool isDecimal = digit <= '9';
+        unit = unit * 16 + static_cast<char32_t>(isDecimal ? digit - '0' : (digit | 0x20) - 'a' + 10);
     }
-    const auto boundDepth = [](int depth, Json::parse_event_t event, const Json&) {
-        const bool opens = event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start;
-        if (opens && depth >= maxJsonDepth) {
-            throw JsonError("nested deeper than " + std::to_string(maxJsonDepth) + " levels");
+    return unit;
+}
+
+/// Takes what is behind "\u" off `rest`: one code unit, or the two of a surrogate pair.
+char32_t takeEscapedCharacter(std::string_view& rest) {
+    constexpr std::size_t digits = 4;
+    constexpr char32_t firstHighSurrogate = 0xD800;
+    constexpr char32_t firstLowSurrogate = 0xDC00;
+    constexpr char32_t firstBehindBasicPlane = 0x10000;
+    const char32_t unit = codeUnit(rest.substr(0, digits));
+    rest.remove_prefix(digits);
+    if (unit < firstHighSurrogate || unit >= firstLowSurrogate) {
+        return unit;
+    }
+    rest.remove_prefix(std::string_view("\\u").size());
+    const char32_t low = codeUnit(rest.substr(0, digits));
+    rest.remove_prefix(digits);
+    return firstBehindBasicPlane + ((unit - firstHighSurrogate) << 10U) + (low - firstLowSurrogate);
+}
+
+/// The text that was written like this between quotes. `raw` has been judged.
+std::string unescaped(std::string_view raw) {
+    std::string text;
+    text.reserve(raw.size());
+    for (;;) {
+        const std::size_t plain = raw.find('\\');
+        text += raw.substr(0, plain);
+        if (plain == std::string_view::npos) {
+            return text;
         }
-        return true;
-    };
-    try {
-        return Json::parse(text.begin(), text.end(), boundDepth);
-    } catch (const Json::exception& error) {
-        // The library quotes what it last read, which may be part of a secret: only the place is kept.
-        const auto* parseError = dynamic_cast<const Json::parse_error*>(&error);
-        throw JsonError(parseError != nullptr ? "not valid JSON at byte " + std::to_string(parseError->byte)
-                                              : "a number is out of range");
+        const char kind = raw[plain + 1];
+        raw.remove_prefix(plain + 2);
+        constexpr std::string_view kinds = "bfnrt";
+        constexpr std::string_view meanings = "\b\f\n\r\t";
+        if (kind == 'u') {
+            appendUtf8(text, takeEscapedCharacter(raw));
+        } else if (const std::size_t which = kinds.find(kind); which != std::string_view::npos) {
+            text += meanings[which];
+        } else {
+            text += kind;
+        }
     }
 }
 
+/// A number or a literal; `text` has been judged.
+Json scalarValue(std::string_view text) {
+    try {
+        return Json::parse(text);
+    } catch (const Json::exception&) { // its own text quotes what may be part of a secret
+        throw JsonError("a number is out of range");
+    }
+}
+
+/// Builds the value of a text that has been judged.
+class Builder final : public JsonSink {
+public:
+    explicit Builder(Json& root) : root_(root) {}
+
+    void string(std::string_view raw) override { put(unescaped(raw)); }
+    void key(std::string_view raw) override { key_ = unescaped(raw); }
+    void scalar(std::string_view text) override { put(scalarValue(text)); }
+    void openArray() override { open_.push_back(&put(Json::array())); }
+    void openObject() override { open_.push_back(&put(Json::object())); }
+    void close() override { open_.pop_back(); }
+
+private:
+    Json& put(Json value) {
+        if (open_.empty()) {
+            return root_ = std::move(value);
+        }
+        Json& parent = *open_.back();
+        if (parent.is_array()) {
+            parent.push_back(std::move(value));
+            return parent.back();
+        }
+        return parent[std::move(key_)] = std::move(value);
+    }
+
+    Json& root_;
+    std::vector<Json*> open_; ///< from the outside; each stays where it is until it is closed
+    std::string key_;         ///< of the next member
+};
+
+} // namespace
+
+Json parseJson(std::string_view text, std::int64_t maxValues) {
+    JsonSink judge;
+    scanJson(text, maxValues, judge);
+    Json value;
+    Builder builder(value);
+    scanJson(text, maxValues, builder);
+    return value;
+}
+
+Json parseJson(ByteView text, std::int64_t maxValues) {
+    return parseJson(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()), maxValues);
+}
+
+Json parseJson(std::string_view text) {
+    return parseJson(text, maxJsonValues(text.size()));
+}
+
 Json parseJson(ByteView text) {
-    return parseJson(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
+    return parseJson(text, maxJsonValues(text.size()));
 }
 
 std::string compactJson(const Json& value) {

@@ -2,6 +2,7 @@
 
 #include "base/Bytes.h"
 #include "base/Error.h"
+#include "base/JsonScan.h"
 
 #include <nlohmann/json.hpp>
 
@@ -18,14 +19,15 @@ public:
     explicit JsonError(std::string text) : Error(std::move(text)) {}
 };
 
-/// How deep arrays and objects may nest in a text from outside.
-inline constexpr int maxJsonDepth = 32;
-
-/// Parses one JSON text (RFC 8259). Of duplicate keys the last one wins.
-/// @throws JsonError where it is malformed, is not UTF-8, nests deeper than maxJsonDepth, has a number that a double
+/// Parses one JSON text (RFC 8259). Of duplicate keys the last one wins. The text is judged as a whole before anything
+/// is built. Time is in proportion to its length; memory is at most three times that.
+/// @throws JsonError where it is malformed, is not UTF-8, goes beyond a limit of scanJson(), has a number that a double
 ///         or a 64-bit integer cannot hold, or has anything but white space behind its end.
 [[nodiscard]] Json parseJson(ByteView text);
 [[nodiscard]] Json parseJson(std::string_view text);
+/// The same with at most `maxValues` values.
+[[nodiscard]] Json parseJson(ByteView text, std::int64_t maxValues);
+[[nodiscard]] Json parseJson(std::string_view text, std::int64_t maxValues);
 
 /// Compact form: keys sorted, no white space, "/" not escaped, everything but controls in plain UTF-8.
 /// Texts must be UTF-8; a byte that is not becomes U+FFFD.

@@ -67,6 +67,10 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
+void appendUtf8(std::string& text, char32_t character) {
+    append(text, static_cast<utf8proc_int32_t>(character));
+}
+
 std::string toUtf8(std::string_view text) {
     constexpr utf8proc_int32_t replacementCharacter = 0xfffd;
     std::string result;

@@ -12,6 +12,9 @@ namespace orlinth {
 /// The text with every byte that does not belong to a well-formed character replaced by U+FFFD.
 [[nodiscard]] std::string toUtf8(std::string_view text);
 
+/// Adds a character, which must be a Unicode scalar value.
+void appendUtf8(std::string& text, char32_t character);
+
 /// Lower case by Unicode's simple mapping; bytes that are not UTF-8 stay as they are.
 [[nodiscard]] std::string lowerCased(std::string_view text);
 

@@ -149,7 +149,7 @@ std::optional<std::string> objectionTo(const Ipv6Address& address) {
 PairIntroduction::Decoded PairIntroduction::decodeFrom(const std::string& connectionAddress, ByteView plaintext,
                                                        const PublicKey& ownKey) {
     try {
-        return decodedOf(parseJson(plaintext), connectionAddress, ownKey);
+        return decodedOf(parseJson(plaintext, maxJsonMessageValues), connectionAddress, ownKey);
     } catch (const JsonError& error) {
         throw PairIntroductionError(error.description());
     }

@@ -154,7 +154,7 @@ std::string PairingPayload::jsonString() const {
 
 PairingPayload PairingPayload::decode(ByteView jsonData) {
     try {
-        const SecretJson json(parseJson(jsonData));
+        const SecretJson json(parseJson(jsonData, maxJsonMessageValues));
         PairingPayload payload;
         payload.version = requireInt64(json.value, "version");
         payload.peer_pubkey = requireString(json.value, "peer_pubkey");

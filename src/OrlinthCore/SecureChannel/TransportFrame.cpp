@@ -188,7 +188,7 @@ std::string TransportMessage::toJson() const {
 }
 
 TransportMessage TransportMessage::fromJson(ByteView text) {
-    const Json object = parseJson(text);
+    const Json object = parseJson(text, maxJsonMessageValues);
     return readMembers(tagNamed(requireString(object, TransportMessage::CodingKeys::type)), object);
 }
 

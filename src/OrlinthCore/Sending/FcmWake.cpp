@@ -208,7 +208,7 @@ std::int64_t later(std::int64_t nowMs, std::int64_t seconds) {
 } // namespace
 
 OAuthResponse OAuthResponse::fromJson(ByteView text) {
-    const Json json = parseJson(text);
+    const Json json = parseJson(text, maxJsonMessageValues);
     OAuthResponse reply;
     reply.access_token = secretOf(requireString(json, "access_token"));
     reply.expires_in = requireInt64(json, "expires_in");

@@ -2,7 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ctime>
+#include <fstream>
 #include <functional>
+#include <malloc.h>
+#include <string>
+#include <utility>
+#include <vector>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ORLINTH_SANITIZER_HEAP 1
+#endif
+#endif
 
 namespace orlinth {
 namespace {
@@ -91,6 +104,111 @@ TEST(Json, BoundsTheDepth) {
     }
     EXPECT_EQ(parseError(objects), "nested deeper than 32 levels");
 }
+
+std::string repeated(std::string_view piece, std::size_t count) {
+    std::string text;
+    text.reserve(piece.size() * count);
+    for (std::size_t i = 0; i < count; ++i) {
+        text += piece;
+    }
+    return text;
+}
+
+TEST(Json, BoundsTheNumberOfValues) {
+    constexpr auto most = static_cast<std::size_t>(maxJsonValues(0));
+    EXPECT_EQ(parseJson("[" + repeated("0,", most - 2) + "0]").size(), most - 1); // the array is a value too
+    EXPECT_EQ(parseError("[" + repeated("0,", most - 1) + "0]"), "too many values");
+    EXPECT_EQ(parseError("[" + repeated("{},", most - 1) + "{}]"), "too many values");
+    EXPECT_EQ(parseError("{" + repeated("\"\":[],", most) + "\"\":[]}"), "too many values");
+    EXPECT_EQ(errorOf([] { static_cast<void>(parseJson(R"({"a":1,"b":[2]})", 3)); }), "too many values");
+    EXPECT_EQ(parseJson(R"({"a":1,"b":[2]})", 4).size(), 2U);
+}
+
+TEST(Json, BoundsNumbersAndWhiteSpace) {
+    EXPECT_TRUE(parseJson("0." + std::string(maxJsonScalarBytes - 2, '1')).is_number());
+    EXPECT_EQ(parseError("[0." + std::string(maxJsonScalarBytes - 1, '1') + "]"), "too long a number at byte 2");
+    const std::string blanks(maxJsonBlankBytes, ' ');
+    EXPECT_EQ(parseJson("[" + blanks + "1" + blanks + "," + blanks + "2" + blanks + "]" + blanks).size(), 2U);
+    EXPECT_EQ(parseError("[" + blanks + " 1]"), "too much white space at byte 2");
+}
+
+TEST(Json, SaysWhereATextGoesWrong) {
+    EXPECT_EQ(parseError("[1, 2"), "not valid JSON at byte 6");
+    EXPECT_EQ(parseError("{\"a\" 1}"), "not valid JSON at byte 6");
+    EXPECT_EQ(parseError("[1]]"), "not valid JSON at byte 4");
+    EXPECT_EQ(parseError("{\"a\":1]"), "not valid JSON at byte 7");
+    EXPECT_EQ(parseError("[\"a\" \"b\"]"), "not valid JSON at byte 6");
+    EXPECT_EQ(parseError("[\"a\nb\"]"), "not valid JSON at byte 4");
+}
+
+/// The largest texts that a phone may send, of every shape that might cost more than its length.
+std::vector<std::pair<const char*, std::string>> hugeTexts(std::size_t bytes) {
+    const std::string letters(bytes - 16, 'a');
+    return {{"one string", "\"" + letters + "\""},
+            {"one key", "{\"" + letters + "\":1}"},
+            {"a string without an end", "\"" + letters},
+            {"a string with a line end", "\"" + letters + "\n\""},
+            {"a string that is not UTF-8", "\"" + letters + "\xff\""},
+            {"a string, and then another", "\"" + letters + "\" \"b\""},
+            {"a string for a colon", "{\"a\" \"" + letters + "\"}"},
+            {"escapes", "\"" + repeated("\\u00e4", bytes / 6 - 2) + "\""},
+            {"digits", std::string(bytes, '1')},
+            {"white space", std::string(bytes, ' ')},
+            {"zeros", "[" + repeated("0,", bytes / 2 - 2) + "0]"},
+            {"empty objects", "[" + repeated("{},", bytes / 3 - 2) + "{}]"},
+            {"members", "{" + repeated("\"a\":{},", bytes / 7 - 2) + "\"a\":{}}"},
+            {"one member again and again",
+             "{" + repeated("\"key\":\"" + std::string(200, 'x') + "\",", bytes / 210) + "\"key\":1}"},
+            {"open arrays", std::string(bytes, '[')},
+            {"closed arrays", std::string(bytes, ']')},
+            {"short strings", "[" + repeated("\"" + std::string(200, 'x') + "\",", bytes / 203 - 2) + "0]"}};
+}
+
+double secondsToJudge(const std::string& text) {
+    double best = 1e9;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const std::clock_t start = std::clock();
+        static_cast<void>(parseError(text));
+        best = std::min(best, static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
+    }
+    return best;
+}
+
+TEST(Json, TakesTimeInProportionToTheText) {
+    constexpr std::size_t size = std::size_t{1} << 17U;
+    const auto few = hugeTexts(size);
+    const auto many = hugeTexts(4 * size);
+    for (std::size_t i = 0; i < few.size(); ++i) {
+        const double one = secondsToJudge(few[i].second);
+        const double four = secondsToJudge(many[i].second);
+        EXPECT_LT(four, 10 * one + 0.01) << few[i].first << ": " << one << " s and " << four << " s"; // n²: 16
+    }
+}
+
+#if !ORLINTH_SANITIZER_HEAP
+/// Resident memory, in bytes: `VmHWM`, the most since the last reset, or `VmRSS`.
+std::int64_t residentBytes(const std::string& field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(field + ":")) {
+            return std::stoll(line.substr(field.size() + 1)) * 1024;
+        }
+    }
+    return -1;
+}
+
+TEST(Json, TakesAtMostThreeTimesTheMemoryOfTheText) {
+    constexpr std::int64_t size = 4 << 20; // the limit of values holds for 16 MiB; this needs less time
+    for (const auto& [what, text] : hugeTexts(static_cast<std::size_t>(size))) {
+        ::malloc_trim(0);
+        std::ofstream("/proc/self/clear_refs") << "5"; // sets VmHWM back
+        const std::int64_t before = residentBytes("VmRSS");
+        static_cast<void>(parseError(text));
+        const std::int64_t taken = residentBytes("VmHWM") - before;
+        EXPECT_LE(taken, 3 * size) << what;
+    }
+}
+#endif
 
 TEST(Json, RefusesNumbersThatADoubleCannotHold) {
     EXPECT_EQ(parseError("1e400"), "a number is out of range");
