@@ -1,4 +1,4 @@
-# Compiler, warnings, sanitizers and fuzzing, as INTERFACE targets that every target of ours links.
+# Compiler, warnings, hardening, sanitizers and fuzzing, as INTERFACE targets that every target of ours links.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -44,6 +44,22 @@ if(ORLINTH_SANITIZE)
 endif()
 if(ORLINTH_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
+# What ends the program when its memory is misused, or makes that harder to use. Every target of ours has it.
+include(CheckPIESupported)
+check_pie_supported() # else CMAKE_POSITION_INDEPENDENT_CODE says nothing to the linker
+add_library(orlinth_hardening INTERFACE)
+target_compile_definitions(orlinth_hardening INTERFACE _GLIBCXX_ASSERTIONS)
+target_compile_options(orlinth_hardening INTERFACE -fstack-protector-strong -fstack-clash-protection)
+target_link_options(orlinth_hardening INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64|i.86")
+  target_compile_options(orlinth_hardening INTERFACE -fcf-protection=full)
+endif()
+if(NOT ORLINTH_SANITIZE)
+  # Needs the optimiser; and the sanitizers look at the plain functions instead.
+  target_compile_options(orlinth_hardening INTERFACE
+    "$<$<NOT:$<CONFIG:Debug>>:SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>")
 endif()
 
 add_library(orlinth_warnings INTERFACE)

@@ -9,5 +9,6 @@ function(orlinth_add_layer name)
   target_include_directories(${name} PUBLIC
     "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>"
     "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/orlinth>")
-  target_link_libraries(${name} PUBLIC ${LAYER_PUBLIC} PRIVATE ${LAYER_PRIVATE} "$<BUILD_INTERFACE:orlinth_warnings>")
+  target_link_libraries(${name} PUBLIC ${LAYER_PUBLIC} PRIVATE ${LAYER_PRIVATE}
+    "$<BUILD_INTERFACE:orlinth_warnings>" "$<BUILD_INTERFACE:orlinth_hardening>")
 endfunction()

@@ -1,8 +1,10 @@
-"""What `cmake --install` puts in place serves a host application outside the tree."""
+"""What `cmake --install` puts in place serves a host application outside the tree, and is hardened."""
 
 import json
 import os
 import pathlib
+import platform
+import re
 import subprocess
 import tempfile
 import unittest
@@ -12,6 +14,8 @@ import own_environment  # noqa: F401 (it is entered by the import)
 BUILD = pathlib.Path(os.environ["ORLINTH_BUILD"])
 COMPILER = os.environ["ORLINTH_CXX"]
 SANITIZE = os.environ.get("ORLINTH_SANITIZE", "")
+READELF = "llvm-readelf-19"
+BUILD_TYPE = re.search(r"(?m)^CMAKE_BUILD_TYPE:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(encoding="utf-8"))[1]
 
 PROJECT = """\
 cmake_minimum_required(VERSION 3.25)
@@ -109,6 +113,51 @@ class InstalledPackage(unittest.TestCase):
                               env={**os.environ, "XDG_DATA_HOME": str(data)}))
         self.assertEqual(len(told["self_pubkey"]), 44)
         self.assertTrue((data / "Orlinth" / "noise_static.bin").is_file())
+
+    def programs(self):
+        found = sorted((self.prefix / "bin").iterdir())
+        self.assertIn("orlinth", [path.name for path in found])
+        return found
+
+    def test_the_programs_are_loaded_anywhere_and_bound_before_they_run(self):
+        for program in self.programs():
+            with self.subTest(program=program.name):
+                segments = run(READELF, "-lW", program)
+                self.assertRegex(segments, r"(?m)^\s*INTERP\b")
+                self.assertRegex(segments, r"(?m)^\s*GNU_RELRO\b")
+                self.assertRegex(segments, r"(?m)^\s*GNU_STACK\s+\S+\s+\S+\s+\S+\s+\S+\s+\S+\s+RW\s")
+                self.assertRegex(run(READELF, "-hW", program), r"Type:\s+DYN\b")
+                dynamic = run(READELF, "-dW", program)
+                self.assertRegex(dynamic, r"\(FLAGS\).*\bBIND_NOW\b")
+                self.assertRegex(dynamic, r"\(FLAGS_1\).*\bNOW\b.*\bPIE\b")
+
+    def test_the_programs_notice_what_is_written_beyond_its_end(self):
+        for program in self.programs():
+            with self.subTest(program=program.name):
+                symbols = run(READELF, "--dyn-syms", "-W", program)
+                self.assertRegex(symbols, r"\b__stack_chk_fail@")
+                self.assertIn("__glibcxx_assert_fail", symbols)
+                if BUILD_TYPE != "Debug":  # what the checks need the optimiser for
+                    self.assertRegex(symbols, r"\b__(memcpy|read|snprintf|vsnprintf|recv|poll|readlink)_chk@")
+
+    @unittest.skipUnless(platform.machine() == "x86_64", "other processors have other means")
+    def test_jumps_and_returns_of_our_code_are_checked_by_processors_that_can(self):
+        # in the libraries: whether a whole program has the mark depends on the system's own startup files
+        archives = sorted(self.prefix.rglob("*.a"))
+        self.assertEqual(3, len(archives))
+        for archive in archives:
+            objects = run(READELF, "-n", archive).split("File: ")[1:]
+            self.assertTrue(objects)
+            for one in objects:
+                self.assertRegex(one, r"x86 feature: IBT, SHSTK", one.splitlines()[0])
+
+    def test_all_of_our_code_is_compiled_so(self):
+        commands = json.loads((BUILD / "compile_commands.json").read_text(encoding="utf-8"))
+        ours = [entry for entry in commands if entry["file"].startswith(os.environ["ORLINTH_SOURCE"] + "/src/")]
+        self.assertGreater(len(ours), 100)
+        for entry in ours:
+            for flag in ("-fstack-protector-strong", "-fstack-clash-protection", "-D_GLIBCXX_ASSERTIONS"):
+                self.assertIn(flag, entry["command"].split(), entry["file"])
 
     def test_no_file_of_the_package_names_a_folder_of_the_build(self):
         package = self.prefix.rglob("*.cmake")
