@@ -1,5 +1,7 @@
 #include "base/SecretBytes.h"
 
+#include "base/SecretMemory.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -12,26 +14,26 @@ void wipe(MutableBytes memory) noexcept {
     }
 }
 
-SecretBytes::SecretBytes(std::size_t size) : bytes_(std::make_unique<std::byte[]>(size)), size_(size) {}
+SecretBytes::SecretBytes(std::size_t size) : bytes_(SecretMemory::take(size)), size_(size) {}
 
 SecretBytes::SecretBytes(ByteView bytes) : SecretBytes(bytes.size()) {
-    std::ranges::copy(bytes, bytes_.get());
+    std::ranges::copy(bytes, bytes_);
 }
 
 SecretBytes::SecretBytes(SecretBytes&& other) noexcept
-    : bytes_(std::move(other.bytes_)), size_(std::exchange(other.size_, 0)) {}
+    : bytes_(std::exchange(other.bytes_, nullptr)), size_(std::exchange(other.size_, 0)) {}
 
 SecretBytes& SecretBytes::operator=(SecretBytes&& other) noexcept {
     if (this != &other) {
-        wipe(revealMutable());
-        bytes_ = std::move(other.bytes_);
+        SecretMemory::giveBack(bytes_, size_);
+        bytes_ = std::exchange(other.bytes_, nullptr);
         size_ = std::exchange(other.size_, 0);
     }
     return *this;
 }
 
 SecretBytes::~SecretBytes() {
-    wipe(revealMutable());
+    SecretMemory::giveBack(bytes_, size_);
 }
 
 } // namespace orlinth

@@ -2,14 +2,13 @@
 
 #include "base/Bytes.h"
 
-#include <memory>
-
 namespace orlinth {
 
 /// Overwrites memory in a way that the compiler may not leave out.
 void wipe(MutableBytes memory) noexcept;
 
-/// An owned secret (a private key, a shared secret, an access token): move-only, wiped when it goes.
+/// An owned secret (a private key, a shared secret, an access token): move-only, wiped when it goes, and meanwhile in
+/// memory that is neither swapped out nor dumped, where the system allows that (SecretMemory).
 ///
 /// It has no comparison and no printing on purpose. Who needs the bytes says so with reveal().
 class SecretBytes {
@@ -27,11 +26,11 @@ public:
 
     [[nodiscard]] std::size_t size() const noexcept { return size_; }
     [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
-    [[nodiscard]] ByteView reveal() const noexcept { return {bytes_.get(), size_}; }
-    [[nodiscard]] MutableBytes revealMutable() noexcept { return {bytes_.get(), size_}; }
+    [[nodiscard]] ByteView reveal() const noexcept { return {bytes_, size_}; }
+    [[nodiscard]] MutableBytes revealMutable() noexcept { return {bytes_, size_}; }
 
 private:
-    std::unique_ptr<std::byte[]> bytes_; // never reallocated, so that no copy is left behind
+    std::byte* bytes_ = nullptr; // of SecretMemory, and ours; never reallocated, so that no copy is left behind
     std::size_t size_ = 0;
 };
 

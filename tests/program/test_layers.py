@@ -41,6 +41,7 @@ class Layers(unittest.TestCase):
     def test_includes_along_the_arrows_are_fine(self):
         for path, line in (("base/A.cpp", '#include "base/Bytes.h"'),
                            ("base/A.cpp", "#include <vector>"),
+                           ("base/SecretMemory.cpp", "#include <sys/mman.h>"),
                            ("platform/A.h", "#include <asio/awaitable.hpp>"),
                            ("platform/linux/A.cpp", "#include <openssl/evp.h>"),
                            ("platform/linux/A.cpp", "#include <sys/socket.h>"),
@@ -61,6 +62,8 @@ class Layers(unittest.TestCase):
     def test_includes_against_the_arrows_are_named_with_file_and_line(self):
         for path, line in (("base/A.cpp", '#include "platform/Clock.h"'),
                            ("base/A.cpp", "#include <asio/awaitable.hpp>"),
+                           ("base/A.cpp", "#include <sys/mman.h>"),
+                           ("base/SecretMemory.cpp", "#include <unistd.h>"),
                            ("platform/A.cpp", '#include "OrlinthCore/Peers/Record.h"'),
                            ("platform/A.cpp", '#include "platform/linux/LinuxSystem.h"'),
                            ("platform/A.cpp", "#include <openssl/evp.h>"),

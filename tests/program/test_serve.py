@@ -94,6 +94,14 @@ class ServeTest(ProgramTest):
 
 
 class Receiving(ServeTest):
+    @unittest.skipIf(SANITIZED, "a sanitizer locks no memory")
+    def test_the_key_lies_in_memory_that_is_neither_swapped_out_nor_dumped(self):
+        service = self.serve()
+        mappings = pathlib.Path(f"/proc/{service.process.pid}/smaps").read_text()
+        flags = [line.split()[1:] for line in mappings.splitlines() if line.startswith("VmFlags:")]
+        self.assertTrue([found for found in flags if "lo" in found and "dd" in found], "no page is locked")
+        self.assert_ends(service)
+
     def test_several_phones_deliver_several_files_at_once(self):
         service = self.serve()
         sent = {}
@@ -196,6 +204,21 @@ class Texts(ServeTest):
         self.assertEqual({"event": "clipboard", "text": "Grüße\nan alle", "from": "phone"}, event)
         self.assert_ends(service)  # which waits for the clipboard
         self.assertEqual("Grüße\nan alle", written.read_text())
+
+    def test_the_programs_of_the_desktop_see_nothing_that_is_the_services(self):
+        seen = self.folder / "seen"
+        self.clipboard_tool(f'cat > /dev/null; env > "{seen}.new" && mv "{seen}.new" "{seen}"\n')
+        own = {"NOTIFY_SOCKET": str(self.folder / "nobody"), "LISTEN_FDS": "1", "LISTEN_PID": "1",
+               "WATCHDOG_USEC": "100000000", "WATCHDOG_PID": "1", "INVOCATION_ID": "0" * 32, "API_TOKEN": "hunter2"}
+        self.desk.environment.update(own, LANG="de_DE.UTF-8")
+        service = self.serve()
+        self.clip("text", service)
+        service.events.wait_for("clipboard")
+        self.assert_ends(service)
+        environment = dict(line.split("=", 1) for line in seen.read_text().splitlines())
+        self.assertEqual(set(), set(own) & set(environment))
+        self.assertEqual((":77", "de_DE.UTF-8", str(self.desk.root)),
+                         tuple(environment[name] for name in ("DISPLAY", "LANG", "HOME")))
 
     def test_no_clipboard_leaves_it_alone(self):
         written = self.folder / "clipboard"

@@ -1,5 +1,6 @@
 #include "platform/linux/ChildProcess.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -30,6 +31,27 @@ void require(int error) {
     if (error != 0) {
         throw SystemError::fromErrno(error);
     }
+}
+
+constexpr auto passedOn = std::to_array<std::string_view>(
+    {// programs, people, and where their things are
+     "PATH", "HOME", "USER", "LOGNAME", "SHELL", "TMPDIR", "TZ", "LANG", "LANGUAGE",
+     // the display and the session
+     "DISPLAY", "XAUTHORITY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR", "XDG_SESSION_ID",
+     "XDG_SESSION_TYPE", "XDG_SESSION_CLASS", "XDG_SESSION_DESKTOP", "XDG_CURRENT_DESKTOP", "XDG_SEAT", "XDG_VTNR",
+     "DESKTOP_SESSION", "XDG_MENU_PREFIX", "KDE_FULL_SESSION", "KDE_SESSION_VERSION", "KDE_SESSION_UID",
+     "GNOME_DESKTOP_SESSION_ID", "XDG_DATA_DIRS", "XDG_CONFIG_DIRS", "XDG_DATA_HOME", "XDG_CONFIG_HOME",
+     "XDG_CACHE_HOME", "XDG_STATE_HOME", "BROWSER",
+     // how programs of the desktop look, and how text gets into them
+     "QT_QPA_PLATFORM", "QT_QPA_PLATFORMTHEME", "QT_STYLE_OVERRIDE", "QT_IM_MODULE", "QT_SCALE_FACTOR", "GDK_BACKEND",
+     "GDK_SCALE", "GTK_THEME", "GTK_IM_MODULE", "XMODIFIERS", "XCURSOR_THEME"});
+
+bool isPassedOn(std::string_view name) {
+    return name.starts_with("LC_") || std::ranges::find(passedOn, name) != passedOn.end();
+}
+
+std::string_view nameIn(std::string_view entry) {
+    return entry.substr(0, entry.find('='));
 }
 
 class Descriptor {
@@ -141,9 +163,19 @@ public:
             words.push_back(const_cast<char*>(argument.c_str()));
         }
         words.push_back(nullptr);
+        std::vector<std::string> environment = childEnvironment(::environ);
+        for (const auto& [name, value] : program.environment) {
+            std::erase_if(environment, [&name](const std::string& entry) { return nameIn(entry) == name; });
+            environment.push_back(name + "=" + value);
+        }
+        std::vector<char*> entries;
+        for (std::string& entry : environment) {
+            entries.push_back(entry.data());
+        }
+        entries.push_back(nullptr);
         pid_t child = 0;
         const int error =
-            ::posix_spawnp(&child, program.name.c_str(), &actions_, &attributes_, words.data(), ::environ);
+            ::posix_spawnp(&child, program.name.c_str(), &actions_, &attributes_, words.data(), entries.data());
         if (error == ENOENT) {
             throw ProgramUnavailable(program.name + " is not installed (package " + program.package + ")");
         }
@@ -230,6 +262,16 @@ bool readPiece(const Descriptor& pipe, Bytes& output) {
 }
 
 } // namespace
+
+std::vector<std::string> childEnvironment(const char* const* ours) {
+    std::vector<std::string> passed;
+    for (; ours != nullptr && *ours != nullptr; ++ours) {
+        if (isPassedOn(nameIn(*ours))) {
+            passed.emplace_back(*ours);
+        }
+    }
+    return passed;
+}
 
 ChildResult runChild(const ChildProgram& program) {
     const auto deadline = Clock::now() + program.deadline;

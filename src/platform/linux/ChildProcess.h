@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orlinth::platform {
@@ -22,7 +23,14 @@ struct ChildProgram {
     /// and processes that it leaves behind in the background are let be.
     std::size_t maxOutputBytes = 0;
     std::chrono::milliseconds deadline{2000};
+    /// What it has in its environment besides what every child has, or in place of that.
+    std::vector<std::pair<std::string, std::string>> environment = {};
 };
+
+/// What children see of an environment ("NAME=value" each, with a null at the end): where programs, homes, displays and
+/// buses are, the language, and what desktops choose programs by. Nothing else: not the sockets of the service manager,
+/// and no secret that somebody has put there.
+[[nodiscard]] std::vector<std::string> childEnvironment(const char* const* ours);
 
 /// How a program ended.
 struct ChildResult {
@@ -44,7 +52,7 @@ public:
 /// Runs a program and waits for its end and, if it is wanted, for the end of its output. Blocks; any thread.
 ///
 /// The program begins a session of its own (Ctrl-C and a closed terminal do not reach it), with no signal blocked or
-/// ignored, and inherits none of our descriptors.
+/// ignored, and inherits none of our descriptors, and of our environment only childEnvironment().
 /// @throws ProgramUnavailable; SystemError if it is not done by the deadline ("NAME does not answer"): it and what it
 ///         has started are killed then.
 [[nodiscard]] ChildResult runChild(const ChildProgram& program);

@@ -227,8 +227,13 @@ std::optional<std::string> LinuxClipboard::text() {
 
 void LinuxClipboard::setText(const std::string& text) {
     const Tools tools = toolsOf(environment_);
-    const ChildProgram program{
+    ChildProgram program{
         .name = tools.writer, .package = tools.package, .arguments = tools.writeText, .input = asBytes(text)};
+    // wl-copy keeps the text in a temporary file until the next one comes: better in memory, and in a folder of the
+    // user's own. wl-clipboard before 2.2 takes /tmp all the same.
+    if (const char* folder = environment_("XDG_RUNTIME_DIR"); folder != nullptr && *folder != '\0') {
+        program.environment.emplace_back("TMPDIR", folder);
+    }
     const ChildResult result = run(program, tools);
     if (result.status != 0) {
         fail(program.name, result);

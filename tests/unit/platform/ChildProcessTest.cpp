@@ -47,6 +47,56 @@ TEST(ChildProcess, GivesBackWhatTheProgramPrints) {
     EXPECT_EQ(result.complaint, "");
 }
 
+/// Sets a variable for as long as it lives.
+class Setting {
+public:
+    Setting(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
+    ~Setting() { ::unsetenv(name_); }
+    Setting(const Setting&) = delete;
+    Setting& operator=(const Setting&) = delete;
+
+private:
+    const char* name_;
+};
+
+TEST(ChildProcess, PassesOnWhatADesktopNeedsAndNothingElse) {
+    const Setting display("WAYLAND_DISPLAY", "wayland-7");
+    const Setting language("LC_TIME", "de_DE.UTF-8");
+    const Setting notify("NOTIFY_SOCKET", "/run/notify");
+    const Setting descriptors("LISTEN_FDS", "1");
+    const Setting process("LISTEN_PID", "1");
+    const Setting watchdog("WATCHDOG_USEC", "1000000");
+    const Setting secret("API_TOKEN", "hunter2");
+    const Setting library("LD_PRELOAD", "/nowhere.so");
+    const ChildResult result = run("env", {});
+    const std::string seen = "\n" + toText(result.output);
+    EXPECT_NE(seen.find("\nWAYLAND_DISPLAY=wayland-7\n"), std::string::npos) << seen;
+    EXPECT_NE(seen.find("\nLC_TIME=de_DE.UTF-8\n"), std::string::npos) << seen;
+    EXPECT_NE(seen.find("\nPATH="), std::string::npos) << seen;
+    EXPECT_NE(seen.find("\nHOME="), std::string::npos) << seen;
+    for (const char* name : {"NOTIFY_SOCKET", "LISTEN_FDS", "LISTEN_PID", "WATCHDOG_USEC", "API_TOKEN", "LD_PRELOAD"}) {
+        EXPECT_EQ(seen.find(std::string("\n") + name + "="), std::string::npos) << name;
+    }
+}
+
+TEST(ChildProcess, AddsToTheEnvironmentWhatItIsGiven) {
+    const Setting before("TMPDIR", "/elsewhere");
+    const ChildResult result = runChild({.name = "sh",
+                                         .package = "a-package",
+                                         .arguments = {"-c", "printf '%s|%s' \"$TMPDIR\" \"$MORE\""},
+                                         .input = {},
+                                         .maxOutputBytes = enough,
+                                         .deadline = longEnough,
+                                         .environment = {{"TMPDIR", "/run/user/7"}, {"MORE", "a=b"}}});
+    EXPECT_EQ(toText(result.output), "/run/user/7|a=b");
+}
+
+TEST(ChildProcess, AnEmptyEnvironmentIsOne) {
+    EXPECT_TRUE(childEnvironment(nullptr).empty());
+    const char* const odd[] = {"PATH", "HOME=", "LC_ALL=C=D", "=", nullptr};
+    EXPECT_EQ(childEnvironment(odd), (std::vector<std::string>{"PATH", "HOME=", "LC_ALL=C=D"}));
+}
+
 TEST(ChildProcess, PassesMegabytesInAndOut) {
     std::string big(std::size_t{5} << 20, '\0');
     for (std::size_t i = 0; i < big.size(); ++i) {

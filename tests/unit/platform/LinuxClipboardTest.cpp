@@ -289,6 +289,15 @@ TEST_F(LinuxClipboardTest, WritesTextThroughStandardInputAlone) {
     EXPECT_THAT(calls(), Not(HasSubstr("hunter2")));
 }
 
+TEST_F(LinuxClipboardTest, KeepsTheTextsFileInTheUsersOwnFolderInMemory) {
+    program("wl-copy", "cat > \"$folder/written\"; printf %s \"$TMPDIR\" > \"$folder/where\"");
+    clipboard.setText("text");
+    EXPECT_EQ(fakes::readText(folder / "where"), "");
+    variables["XDG_RUNTIME_DIR"] = "/run/user/7";
+    clipboard.setText("text");
+    EXPECT_EQ(fakes::readText(folder / "where"), "/run/user/7");
+}
+
 TEST_F(LinuxClipboardTest, PutsAnEmptyTextThere) {
     put("written", "old");
     clipboard.setText("");
