@@ -170,6 +170,10 @@ std::string compactJson(const Json& value) {
     return dump(value);
 }
 
+std::string asciiJson(const Json& value) {
+    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
 std::string prettyJson(const Json& value) {
     std::string text;
     appendPretty(text, value, 0);

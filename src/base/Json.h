@@ -33,6 +33,10 @@ public:
 /// Texts must be UTF-8; a byte that is not becomes U+FFFD.
 [[nodiscard]] std::string compactJson(const Json& value);
 
+/// The same value in ASCII alone: everything else, and DEL, is written as \uXXXX, so that no text in it can act on the
+/// terminal that it is shown on.
+[[nodiscard]] std::string asciiJson(const Json& value);
+
 /// Form for files that people read: keys sorted, two-space indents, `"key" : value`, "/" not escaped, no line end
 /// behind the last brace.
 [[nodiscard]] std::string prettyJson(const Json& value);

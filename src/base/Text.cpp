@@ -2,8 +2,12 @@
 
 #include <utf8proc.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
 
 namespace orlinth {
 namespace {
@@ -54,6 +58,38 @@ bool isInvisible(utf8proc_int32_t codePoint) {
     default:
         return false;
     }
+}
+
+/// Wide scripts begin at U+1100 (Hangul Jamo), in UTF-8 at E1 84 80.
+std::size_t columnsOfCharacter(std::string_view character) {
+    const bool threeBytesOrMore = character.size() >= 3;
+    if (!threeBytesOrMore) {
+        return 1;
+    }
+    const auto first = static_cast<unsigned char>(character[0]);
+    const auto second = static_cast<unsigned char>(character[1]);
+    const bool generalPunctuation = first == 0xE2 && second <= 0x81;
+    return (first == 0xE0 || (first == 0xE1 && second < 0x84) || generalPunctuation) ? 1 : 2;
+}
+
+/// The last so many bytes at most, from where a character begins.
+std::string_view lastBytes(std::string_view text, std::size_t bytes) {
+    std::size_t begin = text.size() - std::min(text.size(), bytes);
+    // 10xxxxxx continues a character; none has more than three such bytes
+    for (int steps = 0; steps < 3 && begin < text.size() && (static_cast<unsigned char>(text[begin]) & 0xC0) == 0x80;
+         ++steps) {
+        ++begin;
+    }
+    return text.substr(begin);
+}
+
+/// As many characters at the end as fit into `columns`.
+std::string_view lastColumns(std::string_view utf8, std::size_t columns) {
+    std::size_t tooMany = columnsOf(utf8);
+    while (tooMany > columns) {
+        tooMany -= columnsOfCharacter(takeCharacter(utf8).bytes);
+    }
+    return utf8;
 }
 
 } // namespace
@@ -191,6 +227,81 @@ std::string madeVisible(std::string_view text) {
         }
     }
     return result;
+}
+
+std::size_t columnsOf(std::string_view utf8) {
+    std::size_t columns = 0;
+    while (!utf8.empty()) {
+        columns += columnsOfCharacter(takeCharacter(utf8).bytes);
+    }
+    return columns;
+}
+
+std::string_view firstColumns(std::string_view utf8, std::size_t columns) {
+    std::string_view rest = utf8;
+    std::size_t used = 0;
+    while (!rest.empty()) {
+        const std::string_view before = rest;
+        used += columnsOfCharacter(takeCharacter(rest).bytes);
+        if (used > columns) {
+            return utf8.substr(0, utf8.size() - before.size());
+        }
+    }
+    return utf8;
+}
+
+std::string forDisplay(std::string_view text, std::size_t columns) {
+    constexpr std::string_view gap = "…";
+    constexpr std::size_t longestCharacter = 4;
+    constexpr std::size_t endsShare = 4; // what comes first says more than what comes last
+    // A character has at most four bytes and takes at least one column, also when it is made visible.
+    const std::size_t most = (columns + 1) * longestCharacter;
+    if (text.size() <= most) {
+        std::string whole = madeVisible(text);
+        if (columnsOf(whole) <= columns) {
+            return whole;
+        }
+    }
+    if (columns == 0) {
+        return {};
+    }
+    const std::size_t forText = columns - 1;
+    const std::string front = madeVisible(text.substr(0, most));
+    const std::string end = madeVisible(lastBytes(text, most));
+    std::string shortened(firstColumns(front, forText - forText / endsShare));
+    shortened += gap;
+    shortened += lastColumns(end, forText / endsShare);
+    return shortened;
+}
+
+std::string lookOf(std::string_view name) {
+    struct Free {
+        void operator()(utf8proc_uint8_t* text) const noexcept { std::free(text); }
+    };
+    constexpr auto options = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE | UTF8PROC_COMPAT |
+                                                            UTF8PROC_CASEFOLD | UTF8PROC_IGNORE);
+    const std::string utf8 = toUtf8(name);
+    utf8proc_uint8_t* made = nullptr;
+    const utf8proc_ssize_t length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(utf8.data()),
+                                                 static_cast<utf8proc_ssize_t>(utf8.size()), &made, options);
+    const std::unique_ptr<utf8proc_uint8_t, Free> folded(made);
+    if (length < 0) {
+        throw std::bad_alloc(); // UTF-8 fails for no other reason
+    }
+    std::string look;
+    std::string_view rest(reinterpret_cast<const char*>(folded.get()), static_cast<std::size_t>(length));
+    while (!rest.empty()) {
+        const Character character = takeCharacter(rest);
+        if (!isSpace(character.codePoint)) {
+            look.append(character.bytes);
+        } else if (!look.empty() && look.back() != ' ') {
+            look += ' ';
+        }
+    }
+    if (!look.empty() && look.back() == ' ') {
+        look.pop_back();
+    }
+    return look;
 }
 
 std::string lastPathComponent(std::string_view path) {

@@ -35,6 +35,27 @@ void appendUtf8(std::string& text, char32_t character);
 /// that are not UTF-8 as "\x{FF}". A name from the other side can then neither move the cursor nor disguise itself.
 [[nodiscard]] std::string madeVisible(std::string_view text);
 
+/// How many columns of a terminal the text takes at most: wide scripts count two a character, so the figure may be
+/// too large for others but is never too small.
+[[nodiscard]] std::size_t columnsOf(std::string_view utf8);
+
+/// As many characters from the start as fit into so many columns.
+[[nodiscard]] std::string_view firstColumns(std::string_view utf8, std::size_t columns);
+
+/// The most columns of anything that somebody else has chosen (a name, a file name, an address, the text of an error)
+/// in what a person or a log is shown, and of a whole line of that.
+inline constexpr std::size_t maxShownColumns = 200;
+inline constexpr std::size_t maxLineColumns = 1000;
+
+/// The text made visible and, if it takes more than `columns`, with "…" in place of its middle: the end of a file name
+/// says what kind of file it is, and the end of an error why. Everything that others have chosen passes through this on
+/// its way to a person or a log. The time that it takes depends on `columns`, not on the text's length.
+[[nodiscard]] std::string forDisplay(std::string_view text, std::size_t columns = maxShownColumns);
+
+/// What two names that look alike have in common: compatible forms made one (NFKC) and case folded, without invisible
+/// characters, white space at the ends, and all but one blank of other white space. For comparing, not for showing.
+[[nodiscard]] std::string lookOf(std::string_view name);
+
 /// What follows the last "/" once trailing slashes are dropped; "/" for a text of slashes alone, "" for "".
 [[nodiscard]] std::string lastPathComponent(std::string_view path);
 

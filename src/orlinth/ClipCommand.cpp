@@ -51,7 +51,7 @@ public:
     void tellComplete() {
         step_.end();
         output_.event("complete", context());
-        output_.result("sent " + humanSize(static_cast<std::int64_t>(textBytes_)) + " of text to " + madeVisible(to_));
+        output_.result("sent " + humanSize(static_cast<std::int64_t>(textBytes_)) + " of text to " + forDisplay(to_));
         if (!sent_) {
             output_.message(to_ + " broke the connection off before it had the whole text; it may not have arrived.");
         }
@@ -186,7 +186,7 @@ public:
             (selector_.empty() ? mostRecentPeer(host, ownKey.publicKey(), PeerUse::connection)
                                : selectPeer(host, selector_, ownKey.publicKey(), PeerUse::connection))
                 .record;
-        const std::string where = peer.peer_hostname + " (" + addressOf(peer) + ")";
+        const std::string where = nameAndAddress(peer);
         const std::string text = chooseText(host);
         ClipReporter reporter(host, peer.peer_hostname, text.size(), times_.answer);
         OneOffRequest request{.peer = peer,

@@ -92,7 +92,7 @@ bool Confirmation::asksForYes(const std::string& question) {
 }
 
 void Confirmation::require(const std::string& name) {
-    if (!isGiven_ && !asksForYes("Does " + madeVisible(name) + " show the same code?")) {
+    if (!isGiven_ && !asksForYes("Does " + forDisplay(name) + " show the same code?")) {
         throw HostError("the codes were not confirmed; nothing was recorded",
                         "If they differed, somebody else may have answered: pair again with `--no-advertise`. If the "
                         "other side has recorded this machine, remove it there (`orlinth peers remove`).");

@@ -30,7 +30,7 @@ Task<Delivered> deliver(platform::System& system, PreparedFile file, SendTerms t
 }
 
 std::string unconfirmedRemark(const std::string& phone, const std::string& file) {
-    return madeVisible(phone) + " has received every byte of " + madeVisible(file) + " but did not confirm the file.";
+    return forDisplay(phone) + " has received every byte of " + forDisplay(file) + " but did not confirm the file.";
 }
 
 bool isNotTaken(const AttemptReach& reach, const std::exception_ptr& error) {

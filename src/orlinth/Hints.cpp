@@ -5,6 +5,7 @@
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "OrlinthCore/SecureChannel/WireConnection.h"
 #include "OrlinthCore/Sending/SendError.h"
+#include "base/Text.h"
 #include "orlinth/Delivery.h"
 #include "orlinth/Output.h"
 #include "orlinth/PushService.h"
@@ -169,7 +170,7 @@ std::string hintForConnection(const Host& host, const Receiver::Failure& failure
     if (failure.from.empty()) {
         return "That was no paired phone, from " + failure.remoteEndpoint + ". Nothing was taken from it.";
     }
-    const std::string who = "That was " + failure.from + ", from " + failure.remoteEndpoint + ".";
+    const std::string who = "That was " + forDisplay(failure.from) + ", from " + failure.remoteEndpoint + ".";
     try {
         std::rethrow_exception(failure.error);
     } catch (const PeerStoreError& error) {

@@ -1,5 +1,7 @@
 #include "orlinth/HumanText.h"
 
+#include "base/Text.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -19,26 +21,6 @@ std::string decimal(double value, int digits) {
 
 std::string twoDigits(std::int64_t number) {
     return (number < 10 ? "0" : "") + std::to_string(number);
-}
-
-/// The length of the character that begins with this byte.
-std::size_t lengthOfCharacter(unsigned char first) {
-    if (first < 0xC0) {
-        return 1;
-    }
-    return first < 0xE0 ? 2 : (first < 0xF0 ? 3 : 4);
-}
-
-/// Wide scripts begin at U+1100 (Hangul Jamo), in UTF-8 at E1 84 80.
-std::size_t columnsOfCharacter(std::string_view character) {
-    const bool threeBytesOrMore = character.size() >= 3;
-    if (!threeBytesOrMore) {
-        return 1;
-    }
-    const auto first = static_cast<unsigned char>(character[0]);
-    const auto second = static_cast<unsigned char>(character[1]);
-    const bool generalPunctuation = first == 0xE2 && second <= 0x81;
-    return (first == 0xE0 || (first == 0xE1 && second < 0x84) || generalPunctuation) ? 1 : 2;
 }
 
 } // namespace
@@ -87,16 +69,6 @@ std::string humanTime(std::int64_t epochMilliseconds) {
     return {text.data(), length};
 }
 
-std::size_t columnsOf(std::string_view utf8) {
-    std::size_t columns = 0;
-    for (std::size_t at = 0; at < utf8.size();) {
-        const std::size_t length = lengthOfCharacter(static_cast<unsigned char>(utf8[at]));
-        columns += columnsOfCharacter(utf8.substr(at, length));
-        at += length;
-    }
-    return columns;
-}
-
 std::string fitted(std::string_view utf8, std::size_t columns) {
     if (columnsOf(utf8) <= columns) {
         return std::string(utf8);
@@ -104,16 +76,7 @@ std::string fitted(std::string_view utf8, std::size_t columns) {
     if (columns == 0) {
         return {};
     }
-    std::size_t end = 0;
-    for (std::size_t used = 0; end < utf8.size();) {
-        const std::size_t length = lengthOfCharacter(static_cast<unsigned char>(utf8[end]));
-        used += columnsOfCharacter(utf8.substr(end, length));
-        if (used > columns - 1) {
-            break;
-        }
-        end += length;
-    }
-    return std::string(utf8.substr(0, end)) + "…";
+    return std::string(firstColumns(utf8, columns - 1)) + "…";
 }
 
 std::string padded(std::string text, std::size_t columns) {

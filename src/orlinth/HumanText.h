@@ -19,10 +19,6 @@ namespace orlinth::host {
 /// Local date and time, "2026-03-09 17:05".
 [[nodiscard]] std::string humanTime(std::int64_t epochMilliseconds);
 
-/// How many columns of a terminal the text takes at most: wide scripts count two a character, so the figure may be
-/// too large for others but is never too small.
-[[nodiscard]] std::size_t columnsOf(std::string_view utf8);
-
 /// The text, shortened with "…" until it takes at most `columns`.
 [[nodiscard]] std::string fitted(std::string_view utf8, std::size_t columns);
 

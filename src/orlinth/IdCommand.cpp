@@ -23,7 +23,7 @@ public:
         fields["data_dir"] = directory;
         host.output.event("id", std::move(fields));
         host.output.result("public key   " + publicKey);
-        host.output.result("host name    " + madeVisible(hostName));
+        host.output.result("host name    " + forDisplay(hostName));
         host.output.result("data folder  " + directory);
         return 0;
     }

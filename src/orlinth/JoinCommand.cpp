@@ -94,7 +94,8 @@ private:
                                 .receivePort = listenPort_,
                                 .timeout = timeout_};
         static_cast<void>(checkPayload(request.payload, request.ownKey)); // before anything of it is shown
-        host.output.message("pairing with " + request.payload.peer_hostname + " at " + request.payload.peer_ip);
+        host.output.message("pairing with " + forDisplay(request.payload.peer_hostname) + " at " +
+                            forDisplay(request.payload.peer_ip));
         PairJoinResult joined = host.tasks.run(joinPairing(host.system, std::move(request)));
         host.output.event("introduction", {{"confirmation_code", joined.confirmationCode}});
         host.output.result("Confirmation code: " + joined.confirmationCode);

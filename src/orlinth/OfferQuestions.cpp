@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 #include "orlinth/HumanText.h"
+#include "orlinth/PeerSelection.h"
 #include "orlinth/Terminal.h"
 
 #include <algorithm>
@@ -51,8 +52,8 @@ constexpr const char* declineKey = "decline";
 } // namespace
 
 Task<bool> OfferQuestions::wants(Receiver::Offer offer) {
-    const std::string text = madeVisible(offer.from) + " wants to send " + madeVisible(offer.name) + " (" +
-                             humanSize(offer.size) + "). Take it?";
+    const std::string text = phoneForDisplay(host_, offer.from, offer.peerPubkey) + " wants to send " +
+                             forDisplay(offer.name) + " (" + humanSize(offer.size) + "). Take it?";
     const std::uint64_t number = ++lastOffer_;
     std::shared_ptr<Question>& place = open_[text];
     if (place) {

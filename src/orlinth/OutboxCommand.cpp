@@ -183,7 +183,7 @@ private:
     static void tellLines(Host& host, const Listed& listed) {
         const std::string aside = listed.isSetAside ? ", set aside" : "";
         if (!listed.problem.empty()) {
-            host.output.result(shortId(listed.id) + aside + ": " + madeVisible(listed.problem));
+            host.output.result(shortId(listed.id) + aside + ": " + forDisplay(listed.problem));
             return;
         }
         const ShareOutbox::Manifest& manifest = listed.batch.manifest;
@@ -204,14 +204,14 @@ private:
     static void tellPhone(Host& host, const ShareOutbox::Manifest& manifest, const OutboxState::Phone& phone) {
         const std::size_t settled = phone.done.size() + phone.failed.size();
         const std::size_t left = manifest.files.size() - std::min(settled, manifest.files.size());
-        std::string line = "  to " + madeVisible(phone.displayName()) + ": " + std::to_string(phone.done.size()) +
+        std::string line = "  to " + forDisplay(phone.displayName()) + ": " + std::to_string(phone.done.size()) +
                            " sent, " + std::to_string(left) + " waiting";
         if (left > 0 && !phone.waiting.empty()) {
-            line += " (" + madeVisible(phone.waiting) + ")";
+            line += " (" + forDisplay(phone.waiting) + ")";
         }
         host.output.result(line);
         for (const auto& [file, reason] : phone.failed) {
-            host.output.result("    " + madeVisible(file) + " not sent: " + madeVisible(reason));
+            host.output.result("    " + forDisplay(file) + " not sent: " + forDisplay(reason));
         }
     }
 

@@ -1,5 +1,6 @@
 #include "orlinth/OutboxQueue.h"
 
+#include "base/Text.h"
 #include "orlinth/OutboxLookout.h"
 #include "orlinth/RemovedPeers.h"
 #include "platform/SystemError.h"
@@ -26,8 +27,8 @@ std::string summaryOf(const OutboxState& state) {
         }
         for (const auto& [reason, files] : byReason) {
             text += text.empty() ? "" : "; ";
-            text += (files.size() == 1 ? files.front() : countOfFiles(files.size())) + " not sent to " +
-                    phone.displayName() + " (" + reason + ")";
+            text += (files.size() == 1 ? forDisplay(files.front()) : countOfFiles(files.size())) + " not sent to " +
+                    forDisplay(phone.displayName()) + " (" + forDisplay(reason) + ")";
         }
     }
     return text;
@@ -279,7 +280,7 @@ void OutboxQueue::setFailed(Job& job, const std::string& key, const std::string&
     OutboxState::Phone& phone = *job.state.find(key);
     phone.failed[file] = message;
     saveFile(job, phone, file);
-    reporter_.failed({.batch = job.id(), .file = file, .to = phone.displayName()}, message);
+    reporter_.failed({.batch = job.id(), .file = file, .to = phone.displayName(), .key = key}, message);
     settlePhone(job, key);
     endIfThrough(job.id());
 }
@@ -291,32 +292,33 @@ void OutboxQueue::setAllFailed(const std::string& key, const std::string& messag
             phone.failed[*file] = message;
         }
         save(*job);
-        reporter_.failed(job->id(), phone.displayName(), message);
+        reporter_.failed(job->id(), phone, message);
         settlePhone(*job, key);
         endIfThrough(job->id());
     }
 }
 
 void OutboxQueue::setWaiting(const std::string& key, const std::string& message, double seconds, bool isNews) {
-    std::string name;
+    OutboxState::Phone waiting;
+    waiting.pubkey = key;
     bool isFirst = false; // of one of the batches
     for (const auto& [id, job] : jobs_) {
         if (!job->isOpenFor(key)) {
             continue;
         }
         OutboxState::Phone& phone = *job->state.find(key);
-        name = phone.displayName();
+        waiting.hostname = phone.hostname;
         isFirst = isFirst || phone.waiting.empty();
         if (std::exchange(phone.waiting, message) != message) {
             save(*job);
         }
-        reporter_.waiting(id, name, message, seconds);
+        reporter_.waiting(id, waiting.displayName(), message, seconds);
     }
     if (isNews || isFirst) {
-        reporter_.waitingLine(name, message);
+        reporter_.waitingLine(waiting, message);
     }
     if (isFirst) {
-        reporter_.waitingNotification(name, message);
+        reporter_.waitingNotification(waiting, message);
     }
 }
 
@@ -328,7 +330,7 @@ void OutboxQueue::settlePhone(Job& job, const std::string& key) {
     std::vector<std::string> done;
     std::copy_if(job.batch.manifest.files.begin(), job.batch.manifest.files.end(), std::back_inserter(done),
                  [&phone](const std::string& name) { return phone.done.contains(name); });
-    reporter_.through(phone.displayName(), done);
+    reporter_.through(phone, done);
 }
 
 void OutboxQueue::endIfThrough(const std::string& id) {

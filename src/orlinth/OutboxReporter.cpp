@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 #include "orlinth/HumanText.h"
+#include "orlinth/PeerSelection.h"
 
 #include <utility>
 
@@ -39,7 +40,7 @@ void OutboxReporter::sent(const Transfer& transfer, const Delivered& delivered) 
     fields["resumed_from_offset"] = result.resumedFromOffset;
     fields["duration_seconds"] = result.durationSeconds;
     host_.output.event("outbox_sent", std::move(fields));
-    std::string line = "sent " + madeVisible(transfer.file) + " to " + madeVisible(transfer.to) + " (" +
+    std::string line = "sent " + forDisplay(transfer.file) + " to " + forDisplay(transfer.to) + " (" +
                        humanSize(result.bytesSent) + " in " + humanDuration(result.durationSeconds);
     if (result.resumedFromOffset > 0) {
         line += ", went on from " + humanSize(result.resumedFromOffset);
@@ -50,15 +51,15 @@ void OutboxReporter::sent(const Transfer& transfer, const Delivered& delivered) 
     }
 }
 
-void OutboxReporter::through(const std::string& to, const std::vector<std::string>& files) {
+void OutboxReporter::through(const OutboxState::Phone& to, const std::vector<std::string>& files) {
     if (files.empty()) {
         return;
     }
-    std::string body = madeVisible(files.front());
+    std::string body = forDisplay(files.front());
     if (files.size() > 1) {
         body += " and " + std::to_string(files.size() - 1) + " more";
     }
-    notify("Sent " + countOfFiles(files.size()) + " to " + madeVisible(to), body);
+    notify("Sent " + countOfFiles(files.size()) + " to " + shown(to), body);
 }
 
 void OutboxReporter::done(const std::string& batch) {
@@ -71,26 +72,26 @@ void OutboxReporter::waiting(const std::string& batch, const std::string& to, co
                        {{"batch", batch}, {"to", to}, {"message", message}, {"retry_in_seconds", retrySeconds}});
 }
 
-void OutboxReporter::waitingLine(const std::string& to, const std::string& message) {
-    host_.output.message("waiting for " + to + ": " + message);
+void OutboxReporter::waitingLine(const OutboxState::Phone& to, const std::string& message) {
+    host_.output.message("waiting for " + shown(to) + ": " + forDisplay(message));
 }
 
-void OutboxReporter::waitingNotification(const std::string& to, const std::string& message) {
-    notify("Waiting for " + madeVisible(to),
-           madeVisible(message) + ". It is sent as soon as the phone can be reached.");
+void OutboxReporter::waitingNotification(const OutboxState::Phone& to, const std::string& message) {
+    notify("Waiting for " + shown(to), forDisplay(message) + ". It is sent as soon as the phone can be reached.");
 }
 
 void OutboxReporter::failed(const Transfer& transfer, const std::string& message) {
     Json fields = contextOf(transfer);
     fields["message"] = message;
-    tellFailure(std::move(fields), message, transfer.file + " is not sent to " + transfer.to + ".");
-    notify("Not sent to " + madeVisible(transfer.to), madeVisible(transfer.file) + ": " + madeVisible(message));
+    const std::string to = phoneForDisplay(host_, transfer.to, transfer.key);
+    tellFailure(std::move(fields), message, forDisplay(transfer.file) + " is not sent to " + to + ".");
+    notify("Not sent to " + to, forDisplay(transfer.file) + ": " + forDisplay(message));
 }
 
-void OutboxReporter::failed(const std::string& batch, const std::string& to, const std::string& message) {
-    tellFailure({{"batch", batch}, {"to", to}, {"message", message}}, message,
-                "Nothing more of batch " + shortId(batch) + " is sent to " + to + ".");
-    notify("Not sent to " + madeVisible(to), madeVisible(message));
+void OutboxReporter::failed(const std::string& batch, const OutboxState::Phone& to, const std::string& message) {
+    tellFailure({{"batch", batch}, {"to", to.displayName()}, {"message", message}}, message,
+                "Nothing more of batch " + shortId(batch) + " is sent to " + shown(to) + ".");
+    notify("Not sent to " + shown(to), forDisplay(message));
 }
 
 void OutboxReporter::setAside(const std::string& batch, const std::string& message, const platform::Path& where) {
@@ -113,6 +114,10 @@ void OutboxReporter::tellFailure(Json fields, const std::string& line, const std
     } else {
         host_.output.failure(line, hint);
     }
+}
+
+std::string OutboxReporter::shown(const OutboxState::Phone& phone) const {
+    return phoneForDisplay(host_, phone.displayName(), phone.pubkey);
 }
 
 void OutboxReporter::notify(const std::string& title, const std::string& body) {

@@ -2,6 +2,7 @@
 
 #include "orlinth/Delivery.h"
 #include "orlinth/Host.h"
+#include "orlinth/OutboxState.h"
 
 #include <cstdint>
 #include <string>
@@ -20,22 +21,23 @@ public:
     struct Transfer {
         std::string batch;
         std::string file;
-        std::string to; ///< the phone's name
+        std::string to;  ///< the phone's name
+        std::string key; ///< the phone's, Base64
     };
 
     void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes);
     void sent(const Transfer& transfer, const Delivered& delivered);
     /// A phone has everything of a batch, but for what has failed.
-    void through(const std::string& to, const std::vector<std::string>& files);
+    void through(const OutboxState::Phone& to, const std::vector<std::string>& files);
     void done(const std::string& batch);
     /// An attempt has failed that is made again: for scripts each time; the other two, for people, only as news.
     void waiting(const std::string& batch, const std::string& to, const std::string& message, double retrySeconds);
-    void waitingLine(const std::string& to, const std::string& message);
-    void waitingNotification(const std::string& to, const std::string& message);
+    void waitingLine(const OutboxState::Phone& to, const std::string& message);
+    void waitingNotification(const OutboxState::Phone& to, const std::string& message);
     /// A file is not sent to a phone, whatever happens.
     void failed(const Transfer& transfer, const std::string& message);
     /// Nothing more of a batch is sent to a phone.
-    void failed(const std::string& batch, const std::string& to, const std::string& message);
+    void failed(const std::string& batch, const OutboxState::Phone& to, const std::string& message);
     /// A batch was moved to `where`.
     void setAside(const std::string& batch, const std::string& message, const platform::Path& where);
     /// Something is in the way of a batch that is not of one phone.
@@ -48,6 +50,7 @@ private:
     /// The event, and a line on standard error where that does not double it.
     void tellFailure(Json fields, const std::string& line, const std::string& hint);
     void notify(const std::string& title, const std::string& body);
+    [[nodiscard]] std::string shown(const OutboxState::Phone& phone) const;
 
     Host& host_;
 };

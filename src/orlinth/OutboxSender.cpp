@@ -1,5 +1,6 @@
 #include "orlinth/OutboxSender.h"
 
+#include "base/Text.h"
 #include "orlinth/Delivery.h"
 #include "orlinth/HandshakeLimit.h"
 #include "orlinth/PeerSelection.h"
@@ -255,7 +256,7 @@ void OutboxSender::begin(Phone& phone, Job& job) {
         const PeerBook book = host_.peers().loadBook();
         const PeerRecord* const record = book.find(phone.key);
         if (record == nullptr) {
-            queue_.setAllFailed(phone.key, state.displayName() + " is not paired any more");
+            queue_.setAllFailed(phone.key, forDisplay(state.displayName()) + " is not paired any more");
             return;
         }
         phone.record = *record;
@@ -281,7 +282,7 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     } else {
         record.peer_fcm_token.clear(); // one push is enough, and it is that of the first
     }
-    OutboxReporter::Transfer what{.batch = job.id(), .file = file, .to = state.displayName()};
+    OutboxReporter::Transfer what{.batch = job.id(), .file = file, .to = state.displayName(), .key = phone.key};
     const platform::Path path = job.batch.folder / file;
     Attempt& attempt = *phone.attempts.emplace_back(std::make_unique<Attempt>(
         host_, reporter_, std::move(what), std::move(record), path, queue_.setUnderWay(job, phone.key)));

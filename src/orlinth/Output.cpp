@@ -77,29 +77,35 @@ void Output::writeLine(std::string line) {
 
 void Output::result(std::string_view line) {
     if (!json_) {
-        writeLine(std::string(line));
+        writeLine(forDisplay(line, maxLineColumns));
+    }
+}
+
+void Output::page(std::string_view text) {
+    if (!json_) {
+        writeLine(std::string(text));
     }
 }
 
 void Output::event(const char* name, Json fields) {
     if (json_) {
         fields["event"] = name;
-        writeLine(compactJson(fields));
+        writeLine(asciiJson(fields));
     }
 }
 
 void Output::message(std::string_view text) {
     if (!quiet_) {
         bar_.clear();
-        writeToStandardError(madeVisible(text) + "\n");
+        writeToStandardError(forDisplay(text, maxLineColumns) + "\n");
     }
 }
 
 void Output::failure(std::string_view text, std::string_view hint, Json context) {
     bar_.clear();
-    std::string lines = "orlinth: " + madeVisible(onOneLine(text)) + "\n";
+    std::string lines = "orlinth: " + forDisplay(onOneLine(text), maxLineColumns) + "\n";
     if (!hint.empty()) {
-        lines += madeVisible(hint) + "\n";
+        lines += forDisplay(hint, maxLineColumns) + "\n";
     }
     writeToStandardError(lines);
     context["message"] = text;

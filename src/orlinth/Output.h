@@ -37,11 +37,16 @@ public:
     [[nodiscard]] bool isQuiet() const noexcept { return quiet_; }
     [[nodiscard]] ProgressBar& bar() noexcept { return bar_; }
 
-    /// A line of the result, for people; nothing in JSON form. The text must be fit for a terminal.
+    /// A line of the result, for people; nothing in JSON form. Made fit for them, as every line is: forDisplay() with
+    /// maxLineColumns. What others have chosen passes through forDisplay() by itself before, so that none of it pushes
+    /// the rest out of the line.
     void result(std::string_view line);
-    /// A line of the result in JSON form: `fields` and "event".
+    /// The same for what has lines or colours of its own: a QR code, a page of help, the text that a phone has sent.
+    /// It must be fit for a terminal.
+    void page(std::string_view text);
+    /// A line of the result in JSON form: `fields` and "event", in ASCII, whole.
     void event(const char* name, Json fields);
-    /// A line on standard error, unless quiet; control characters are made visible.
+    /// A line on standard error, unless quiet.
     void message(std::string_view text);
     /// The line `orlinth: ` + text, its line ends turned into blanks, and a second one if there is a hint. In JSON form
     /// also the event "error", with `context` in it and the text as it is.

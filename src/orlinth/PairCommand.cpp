@@ -155,7 +155,7 @@ private:
         fields["remote_endpoint"] = introduced.remoteEndpoint;
         fields["peer_hostname"] = introduced.phone.peer_hostname;
         host.output.event("introduction", std::move(fields));
-        host.output.result(madeVisible(introduced.phone.peer_hostname) + " (" + introduced.remoteEndpoint +
+        host.output.result(forDisplay(introduced.phone.peer_hostname) + " (" + introduced.remoteEndpoint +
                            ") wants to be paired.");
         host.output.result("Confirmation code: " + introduced.confirmationCode);
         confirmation.require(introduced.phone.peer_hostname);
@@ -215,7 +215,8 @@ private:
             PairIntroduction::decodeFrom(addressIn(result.remoteEndpoint), result.phoneIntroductionPlaintext, ownKey);
         const auto log = [&host, &decoded](const std::string& text) {
             host.system.log.write(platform::LogLevel::info, "com.tarvinex.orlinth", "pair",
-                                  "introduction of " + decoded.record.peer_hostname + ": " + text);
+                                  "introduction of " + forDisplay(decoded.record.peer_hostname) + ": " +
+                                      forDisplay(text));
         };
         for (const std::string& objection : decoded.leftOut) {
             log("left out " + objection);
@@ -337,7 +338,7 @@ private:
 
     static void showCode(Host& host, const PairingPayload& payload, bool quietly) {
         const std::string text = QRRenderer::renderASCII(payload);
-        host.output.result(styledQr(text, qrStyleForStandardOutput()));
+        host.output.page(styledQr(text, qrStyleForStandardOutput()));
         // below the code stand the line on scanning, that with the digits, and the countdown
         const std::size_t rows = qrRows(text) + (quietly ? 2 : 3);
         const bool fits = qrColumns(text) <= columnsOfTerminal(STDOUT_FILENO) && rows <= rowsOfTerminal(STDOUT_FILENO);

@@ -1,5 +1,6 @@
 #include "orlinth/PeerSelection.h"
 
+#include "OrlinthCore/Peers/PeerNames.h"
 #include "base/Text.h"
 
 #include <algorithm>
@@ -15,6 +16,8 @@ constexpr const char* howToRepair = "Pair the phone again, or record it anew wit
 /// How much of a key a message shows at least, and of how many phones.
 constexpr std::size_t shortestKeyPrefix = 8;
 constexpr std::size_t mostPhonesNamed = 8;
+
+constexpr std::size_t shortKeyCharacters = 12;
 
 using Matches = std::vector<const PeerRecord*>;
 
@@ -54,7 +57,7 @@ std::string keysOf(const PeerBook& book, const Matches& phones, bool hasNames) {
     const std::size_t characters = tellingCharacters(book, phones);
     std::string text;
     for (std::size_t i = 0; i < std::min(phones.size(), mostPhonesNamed); ++i) {
-        text += (i == 0 ? "" : ", ") + (hasNames ? phones[i]->peer_hostname + " " : "") +
+        text += (i == 0 ? "" : ", ") + (hasNames ? forDisplay(phones[i]->peer_hostname) + " " : "") +
                 firstCharacters(phones[i]->peer_pubkey, characters);
     }
     return phones.size() > mostPhonesNamed ? text + " and " + std::to_string(phones.size() - mostPhonesNamed) + " more"
@@ -64,7 +67,7 @@ std::string keysOf(const PeerBook& book, const Matches& phones, bool hasNames) {
 } // namespace
 
 CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey, PeerUse use) {
-    const std::string whose = "the record of '" + record.peer_hostname + "' ";
+    const std::string whose = "the record of '" + forDisplay(record.peer_hostname) + "' ";
     const auto key = platform::PublicKey::fromBase64(record.peer_pubkey);
     if (!key) {
         throw HostError(whose + "has no usable key: peer_pubkey is not the Base64 of 32 bytes", howToRepair);
@@ -88,8 +91,8 @@ CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKe
 PeerRecord resolvePeer(const Host& host, const std::string& selector) {
     const std::string query = lowerCased(selector);
     const PeerBook book = host.peers().loadBook();
-    const Matches namesakes =
-        differentPhones(book, [&query](const PeerRecord& record) { return lowerCased(record.peer_hostname) == query; });
+    const Matches namesakes = differentPhones(
+        book, [look = lookOf(selector)](const PeerRecord& record) { return lookOf(record.peer_hostname) == look; });
     if (namesakes.size() > 1) {
         throw HostError("selector '" + selector + "' is ambiguous: " + std::to_string(namesakes.size()) +
                             " paired phones have this name (keys: " + keysOf(book, namesakes, false) + ")",
@@ -141,6 +144,26 @@ std::vector<CheckedPeer> selectPeers(const Host& host, const std::vector<std::st
         }
     }
     return chosen;
+}
+
+std::string phoneForDisplay(const Host& host, const std::string& name, const std::string& pubkey) {
+    std::string shown = forDisplay(name);
+    try {
+        if (isNameTaken(host.peers().loadBook(), pubkey, name)) {
+            shown += " (key " + shortKey(pubkey) + ")";
+        }
+    } catch (const PeerStoreError&) {
+        shown += " (key " + shortKey(pubkey) + ")"; // who it is cannot be told by the name alone
+    }
+    return shown;
+}
+
+std::string nameAndAddress(const PeerRecord& record) {
+    return forDisplay(record.peer_hostname) + " (" + forDisplay(addressOf(record)) + ")";
+}
+
+std::string shortKey(const std::string& pubkey) {
+    return forDisplay(firstCharacters(pubkey, shortKeyCharacters));
 }
 
 Json publicFields(const PeerRecord& record) {

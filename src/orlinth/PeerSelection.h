@@ -44,6 +44,16 @@ enum class PeerUse {
 /// which is a secret.
 [[nodiscard]] Json publicFields(const PeerRecord& record);
 
+/// The phone's name for somebody who is told or asked something, as forDisplay(): if another record's name looks the
+/// same, with the first characters of the key behind it, "Pixel 8 (key AbCdEfGhIjKl)".
+[[nodiscard]] std::string phoneForDisplay(const Host& host, const std::string& name, const std::string& pubkey);
+
+/// "Pixel 8 (192.168.1.7:40112)", both as forDisplay().
+[[nodiscard]] std::string nameAndAddress(const PeerRecord& record);
+
+/// What people recognise a key by: its first characters.
+[[nodiscard]] std::string shortKey(const std::string& pubkey);
+
 /// "192.168.1.7:40112", "[fe80::1]:40112".
 [[nodiscard]] std::string addressOf(const PeerRecord& record);
 

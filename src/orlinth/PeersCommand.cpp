@@ -15,9 +15,6 @@ namespace orlinth::host {
 
 namespace {
 
-/// How much of a key a person needs to tell phones apart.
-constexpr std::size_t shortKeyCharacters = 12;
-
 /// How long a phone that is removed gets to hear of it, in seconds.
 constexpr double secondsToTell = 5;
 
@@ -131,9 +128,8 @@ private:
         using Row = std::array<std::string, 4>;
         std::vector<Row> rows{{"NAME", "ADDRESS", "KEY", "PAIRED"}};
         for (const PeerRecord& record : book.peers) {
-            rows.push_back({madeVisible(record.peer_hostname), madeVisible(addressOf(record)),
-                            madeVisible(firstCharacters(record.peer_pubkey, shortKeyCharacters)),
-                            humanTime(record.paired_at_epoch_ms)});
+            rows.push_back({forDisplay(record.peer_hostname), forDisplay(addressOf(record)),
+                            shortKey(record.peer_pubkey), humanTime(record.paired_at_epoch_ms)});
         }
         std::array<std::size_t, 4> widths{};
         for (const Row& row : rows) {
@@ -160,21 +156,7 @@ private:
         if (record.peer_pubkey == record.self_pubkey) {
             throw HostError("this is the computer's own key", "The phone's key is what `orlinth id` shows there.");
         }
-        forgetRemoval(host, record);
-        const auto replaced = host.peers().upsertReplacingStale(record);
-        updateSharedPeers(host);
-        Json fields;
-        fields["peer"] = publicFields(record);
-        fields["replaced"] = Json::array();
-        for (const PeerRecord& stale : replaced) {
-            fields["replaced"].push_back(publicFields(stale));
-        }
-        host.output.event("added", std::move(fields));
-        host.output.result("recorded " + madeVisible(record.peer_hostname) + " at " + madeVisible(addressOf(record)));
-        for (const PeerRecord& stale : replaced) {
-            host.output.result("in place of the earlier identity of " + madeVisible(stale.peer_hostname) + ", key " +
-                               madeVisible(firstCharacters(stale.peer_pubkey, shortKeyCharacters)));
-        }
+        recordByHand(host, record);
         return 0;
     }
 
@@ -193,7 +175,7 @@ private:
         Json fields;
         fields["peer"] = publicFields(*removed);
         host.output.event("removed", std::move(fields));
-        host.output.result("forgot " + madeVisible(removed->peer_hostname));
+        host.output.result("forgot " + forDisplay(removed->peer_hostname));
         tellPhone(host, ownKey, *removed);
         return 0;
     }
@@ -207,7 +189,7 @@ private:
 
     /// Best effort: if it cannot be told now, the service tells it when it comes.
     static void tellPhone(Host& host, const platform::PrivateKey& ownKey, const PeerRecord& record) {
-        const std::string name = record.peer_hostname;
+        const std::string name = forDisplay(record.peer_hostname);
         TimeLimit limit(host.system.clock, host.tasks);
         bool wasTold = false;
         std::string reason;

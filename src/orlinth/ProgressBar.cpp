@@ -1,5 +1,6 @@
 #include "orlinth/ProgressBar.h"
 
+#include "base/Text.h"
 #include "orlinth/HumanText.h"
 #include "orlinth/Output.h"
 #include "orlinth/Terminal.h"

@@ -32,12 +32,12 @@ public:
     void onHandshakeComplete() override { handshake_.end(); }
 
     void onOffer(const TransportMessage::FileOffer& offer, std::int64_t resumedFromOffset) override {
-        std::string line = "receiving " + offer.name + " (" + humanSize(offer.size) + ")";
+        std::string line = "receiving " + forDisplay(offer.name) + " (" + humanSize(offer.size) + ")";
         if (resumedFromOffset > 0) {
             line += ", going on from " + humanSize(resumedFromOffset);
         }
         output_.message(line);
-        output_.bar().begin(madeVisible(offer.name), resumedFromOffset, offer.size);
+        output_.bar().begin(forDisplay(offer.name), resumedFromOffset, offer.size);
     }
 
     void onAlreadyHere(const TransportMessage::FileOffer& /*offer*/, const platform::Path& /*savedAt*/) override {
@@ -54,7 +54,7 @@ public:
             fields["already_here"] = true;
         }
         output_.event("complete", std::move(fields));
-        output_.result(visiblePath(received));
+        output_.page(madeVisible(received.savedAt.string())); // whole: it is the result
         if (wasHere_) {
             output_.message("already here: an earlier attempt delivered this file, and it has not changed");
             return;
@@ -90,7 +90,7 @@ public:
         const CheckedPeer peer = selectPeer(host, selector_, ownKey.publicKey(), PeerUse::key);
         HandshakeLimit handshake(host.system.clock, host.tasks);
         ReceiveReporter reporter(host.output, handshake);
-        const std::string& from = peer.record.peer_hostname;
+        const std::string from = forDisplay(peer.record.peer_hostname);
         const platform::Path folder = downloads(host);
         requireWritableFolder(host, folder);
         try {

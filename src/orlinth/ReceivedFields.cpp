@@ -19,7 +19,7 @@ Json receivedFields(const ReceivedFile& received) {
 }
 
 std::string visiblePath(const ReceivedFile& received) {
-    return (received.savedAt.parent_path() / madeVisible(received.savedAt.filename().string())).string();
+    return (received.savedAt.parent_path() / forDisplay(received.savedAt.filename().string())).string();
 }
 
 std::string receivedFigures(const ReceivedFile& received) {

@@ -58,7 +58,7 @@ void SendReporter::onFile(const std::string& name, std::int64_t size, const std:
     fields["mime"] = mime;
     output_.event("file", std::move(fields));
     if (!overview_.isMany()) {
-        output_.message("sending " + name + " (" + humanSize(size) + ") to " + what_.to);
+        output_.message("sending " + forDisplay(name) + " (" + humanSize(size) + ") to " + forDisplay(what_.to));
     }
 }
 
@@ -72,7 +72,7 @@ void SendReporter::onConnected() {
 
 void SendReporter::onWaking() {
     output_.event("waking", context());
-    output_.message("waking " + what_.to);
+    output_.message("waking " + forDisplay(what_.to));
 }
 
 void SendReporter::onHandshakeComplete() {
@@ -94,20 +94,21 @@ void SendReporter::onComplete(const SentFile&) {
 }
 
 void SendReporter::tellAgain() {
-    output_.message(what_.to + " broke the connection at the end of " + name_ + "; sending the file again");
+    output_.message(forDisplay(what_.to) + " broke the connection at the end of " + forDisplay(name_) +
+                    "; sending the file again");
 }
 
 std::string SendReporter::howFar() const {
     if (isAtFarewell_) {
-        return name_ + " was sent to " + what_.to + ", which has not confirmed it";
+        return forDisplay(name_) + " was sent to " + forDisplay(what_.to) + ", which has not confirmed it";
     }
     if (!begun_ || what_.size <= 0) {
-        return name_ + " was not sent to " + what_.to;
+        return forDisplay(name_) + " was not sent to " + forDisplay(what_.to);
     }
     constexpr double whole = 100;
     const double share = static_cast<double>(reached_) / static_cast<double>(what_.size);
     const int percent = static_cast<int>(whole * std::clamp(share, 0.0, 1.0));
-    return std::to_string(percent) + " % of " + name_ + " was sent to " + what_.to;
+    return std::to_string(percent) + " % of " + forDisplay(name_) + " was sent to " + forDisplay(what_.to);
 }
 
 void SendReporter::showProgress(std::int64_t bytesSent, std::int64_t totalBytes) {
@@ -127,7 +128,7 @@ void SendReporter::showProgress(std::int64_t bytesSent, std::int64_t totalBytes)
     if (begun_) {
         output_.bar().update(bytesSent, totalBytes);
     } else {
-        output_.bar().begin(madeVisible(name_), bytesSent, totalBytes);
+        output_.bar().begin(forDisplay(name_), bytesSent, totalBytes);
     }
 }
 
@@ -155,14 +156,14 @@ void SendReporter::tellComplete(const Delivered& delivered) {
     fields["duration_seconds"] = sent.durationSeconds;
     output_.event("complete", std::move(fields));
     const std::int64_t now = sent.bytesSent - sent.resumedFromOffset;
-    std::string line = "sent " + madeVisible(name_) + " to " + madeVisible(what_.to) + ": " + humanSize(sent.bytesSent);
+    std::string line = "sent " + forDisplay(name_) + " to " + forDisplay(what_.to) + ": " + humanSize(sent.bytesSent);
     line += " in " + humanDuration(sent.durationSeconds);
     if (sent.durationSeconds > 0 && now > 0) {
         line += ", " + humanRate(static_cast<double>(now) / sent.durationSeconds);
     }
     output_.result(line);
     if (sent.bytesSent != sent.advertisedSize) {
-        output_.message(name_ + (sent.bytesSent > sent.advertisedSize ? " grew" : " shrank") +
+        output_.message(forDisplay(name_) + (sent.bytesSent > sent.advertisedSize ? " grew" : " shrank") +
                         " while it was sent: " + std::to_string(sent.bytesSent) + " bytes instead of " +
                         std::to_string(sent.advertisedSize) + ". Send it again if that was not meant.");
     }
@@ -173,7 +174,8 @@ void SendReporter::tellComplete(const Delivered& delivered) {
 
 void SendReporter::tellFailure(const std::string& text, const std::string& hint, bool isInDoubt) {
     overview_.end(what_.size - held_);
-    const std::string what = name_ + (isInDoubt ? " may or may not be on " : " was not sent to ") + what_.to + ".";
+    const std::string what =
+        forDisplay(name_) + (isInDoubt ? " may or may not be on " : " was not sent to ") + forDisplay(what_.to) + ".";
     output_.failure(text, hint.empty() ? what : what + " " + hint, context());
 }
 

@@ -429,7 +429,7 @@ void SendSchedule::putBack(Transfer& transfer) {
 
 void SendSchedule::fail(Transfer& transfer) {
     const PeerRecord& peer = transfer.phone.record;
-    const std::string where = peer.peer_hostname + " (" + addressOf(peer) + ")";
+    const std::string where = nameAndAddress(peer);
     try {
         if (transfer.handshake.hasExpired()) {
             throw SendError::noiseHandshakeFailed(HandshakeLimit::text());

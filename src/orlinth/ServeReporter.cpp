@@ -5,6 +5,7 @@
 #include "orlinth/Hints.h"
 #include "orlinth/HumanText.h"
 #include "orlinth/ReceivedFields.h"
+#include "orlinth/PeerSelection.h"
 #include "orlinth/SharedPeers.h"
 #include "orlinth/Terminal.h"
 #include "platform/SystemError.h"
@@ -19,8 +20,6 @@
 namespace orlinth::host {
 
 namespace {
-
-constexpr std::size_t shortKeyCharacters = 12;
 
 std::string sizeOfText(const std::string& text) {
     return humanSize(static_cast<std::int64_t>(text.size())) + " of text";
@@ -52,11 +51,21 @@ void openOnDesktop(const platform::Path& path, platform::Log& log) {
 /// What the two kinds of a new name have in common.
 template <typename Renamed>
 void tellName(Output& output, const char* event, const Renamed& renamed) {
-    output.event(event, {{"name", renamed.name}, {"from", renamed.from}});
-    output.result(madeVisible(renamed.from) +
-                  (renamed.isTakenOver
-                       ? " is now called " + madeVisible(renamed.name)
-                       : " wants to be called '" + madeVisible(renamed.name) + "', and still has its name here"));
+    Json fields{{"name", renamed.name}, {"from", renamed.from}};
+    if (renamed.isTakenOver) {
+        fields["called"] = renamed.calledHere;
+    }
+    output.event(event, std::move(fields));
+    const std::string from = forDisplay(renamed.from);
+    const std::string name = forDisplay(renamed.name);
+    if (!renamed.isTakenOver) {
+        output.result(from + " wants to be called '" + name + "', and still has its name here");
+    } else if (renamed.calledHere == renamed.name) {
+        output.result(from + " is now called " + name);
+    } else if (renamed.calledHere != renamed.from) { // else it was told before
+        output.result(from + " wants to be called '" + name + "', as another phone is; it is now called " +
+                      forDisplay(renamed.calledHere));
+    }
 }
 
 bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
@@ -115,8 +124,8 @@ void ServeReporter::tellFile(const Receiver::File& file) {
     Json fields = receivedFields(file.file);
     fields["from"] = file.from;
     host_.output.event("received", std::move(fields));
-    host_.output.result("received " + visiblePath(file.file) + " from " + madeVisible(file.from) + " (" +
-                        receivedFigures(file.file) + ")");
+    host_.output.result("received " + visiblePath(file.file) + " from " +
+                        phoneForDisplay(host_, file.from, file.peerPubkey) + " (" + receivedFigures(file.file) + ")");
     if (const std::string remark = remarkOnSize(file.file); !remark.empty()) {
         host_.output.message(remark);
     }
@@ -126,11 +135,13 @@ void ServeReporter::tellFile(const Receiver::File& file) {
 void ServeReporter::tellClipboard(const Receiver::Clipboard& clipboard) {
     host_.output.event("clipboard", {{"text", clipboard.text}, {"from", clipboard.from}});
     // A line may end up in a log, where a text, which may be a password, has no business.
-    std::string line = "received " + sizeOfText(clipboard.text) + " from " + madeVisible(clipboard.from);
+    const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
+                             phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey);
     if (!writesClipboard_ && isTerminal(STDOUT_FILENO)) {
-        line += ": " + madeVisible(clipboard.text);
+        host_.output.page(line + ": " + madeVisible(clipboard.text));
+    } else {
+        host_.output.result(line);
     }
-    host_.output.result(line);
     if (writesClipboard_) {
         platform::System system = host_.system;
         platform::System desktop{.network = system.network,
@@ -161,7 +172,7 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
         tellName(output, "name_update", *update);
     } else if (const auto* unpair = std::get_if<Receiver::Unpair>(&outcome)) {
         output.event("unpair", {{"from", unpair->from}, {"peer_pubkey", unpair->peerPubkey}});
-        output.result(madeVisible(unpair->from) +
+        output.result(forDisplay(unpair->from) +
                       (unpair->isForgotten ? " has removed this computer, and is forgotten here"
                                            : " has removed this computer, but is still recorded here. Remove it with "
                                              "`orlinth peers remove`."));
@@ -171,13 +182,13 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
         }
         output.event("unpair_replied",
                      {{"peer_pubkey", replied->peerPubkey}, {"remote_endpoint", replied->remoteEndpoint}});
-        output.result("told a phone that was removed here so, key " +
-                      firstCharacters(replied->peerPubkey, shortKeyCharacters) + ", at " + replied->remoteEndpoint);
+        output.result("told a phone that was removed here so, key " + shortKey(replied->peerPubkey) + ", at " +
+                      replied->remoteEndpoint);
     } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
         output.event("declined", {{"from", declined->from}, {"name", declined->name}});
-        const std::string from = madeVisible(declined->from);
+        const std::string from = forDisplay(declined->from);
         output.result(declined->name.empty() ? from + " has declined"
-                                             : "declined " + madeVisible(declined->name) + " from " + from);
+                                             : "declined " + forDisplay(declined->name) + " from " + from);
     }
     sharePeers();
 }
@@ -200,8 +211,8 @@ void ServeReporter::notifyOfFile(const Receiver::File& file) {
         return;
     }
     const platform::Path path = absolute(file.file.savedAt);
-    showFile({.title = "File from " + madeVisible(file.from),
-              .body = madeVisible(path.filename().string()),
+    showFile({.title = "File from " + phoneForDisplay(host_, file.from, file.peerPubkey),
+              .body = forDisplay(path.filename().string()),
               .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
              path);
     isBurst_ = true;
@@ -215,7 +226,7 @@ void ServeReporter::tellMoreFiles() {
     }
     const std::string more = std::to_string(moreFiles_) + (moreFiles_ == 1 ? " more file" : " more files");
     showFile({.title = "Files from your phones",
-              .body = more + ", the last one " + madeVisible(lastFile_.filename().string()),
+              .body = more + ", the last one " + forDisplay(lastFile_.filename().string()),
               .actions = {{"show", "Show in folder"}}},
              lastFile_);
     moreFiles_ = 0;
@@ -236,10 +247,11 @@ void ServeReporter::showFile(platform::Notification notification, const platform
 
 void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
     const std::string where = writesClipboard_ ? ", on the clipboard" : "";
-    host_.system.notifications.show({.title = "Text from " + madeVisible(clipboard.from),
-                                     .body = sizeOfText(clipboard.text) + where,
-                                     .actions = {}},
-                                    host_.tasks.executor(), {});
+    host_.system.notifications.show(
+        {.title = "Text from " + phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey),
+         .body = sizeOfText(clipboard.text) + where,
+         .actions = {}},
+        host_.tasks.executor(), {});
 }
 
 void ServeReporter::sharePeers() {

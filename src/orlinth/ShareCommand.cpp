@@ -124,7 +124,7 @@ private:
             {{"batch", manifest.id}, {"files", manifest.files}, {"to", choice.names}, {"service_running", isRunning}});
         std::string names;
         for (const std::string& name : choice.names) {
-            names += (names.empty() ? "" : ", ") + madeVisible(name);
+            names += (names.empty() ? "" : ", ") + forDisplay(name);
         }
         host.output.result("shared " + countOfFiles(manifest.files.size()) + " with " + names + ", batch " +
                            shortId(manifest.id));

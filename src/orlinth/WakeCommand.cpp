@@ -1,4 +1,5 @@
 #include "OrlinthCore/Sending/FcmWake.h"
+#include "base/Text.h"
 #include "orlinth/Command.h"
 #include "orlinth/PeerSelection.h"
 #include "orlinth/PushService.h"
@@ -32,7 +33,7 @@ public:
         const PeerRecord peer = resolvePeer(host, selector_);
         const Json context{{"to", peer.peer_hostname}};
         if (peer.peer_fcm_token.empty()) {
-            host.output.failure("no push token is recorded for '" + peer.peer_hostname + "'",
+            host.output.failure("no push token is recorded for '" + forDisplay(peer.peer_hostname) + "'",
                                 "Without one a phone cannot be woken. `orlinth peers add --fcm-token` records it.",
                                 context);
             return 1;

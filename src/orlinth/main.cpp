@@ -82,7 +82,7 @@ int show(Output& output, std::string text) {
     while (!text.empty() && text.back() == '\n') {
         text.pop_back();
     }
-    output.result(text);
+    output.page(text);
     return 0;
 }
 

@@ -128,6 +128,39 @@ TEST_F(ReceiverRecords, ANameThatNobodyCouldReadIsToldButNotTakenOver) {
     EXPECT_EQ(world.onlyPeer().peer_hostname, longest);
 }
 
+TEST_F(ReceiverRecords, ANameThatAnotherPhoneHasIsKeptApart) {
+    world.putPeers({world.phoneRecord(), world.tabletRecord()});
+    world.start();
+    const auto nameOf = [this](const platform::PrivateKey& key) {
+        return PeerStore(world.files, world.system.directories)
+            .loadBook()
+            .find(key.publicKey().base64())
+            ->peer_hostname;
+    };
+    const auto tablet = world.connectAs(world.tabletKey);
+    world.send(*tablet, Row::setName(" pixel-8"));
+    const auto& first = std::get<Receiver::SetName>(world.syncs.back());
+    EXPECT_EQ(first.name, " pixel-8") << "what the phone has said";
+    EXPECT_EQ(first.from, "Tablet");
+    EXPECT_TRUE(first.isTakenOver);
+    EXPECT_EQ(first.calledHere, "pixel-8 (2)");
+    EXPECT_EQ(nameOf(world.tabletKey), "pixel-8 (2)");
+    EXPECT_EQ(nameOf(world.phoneKey), "Pixel-8");
+
+    const std::size_t before = world.files.mutations();
+    const auto again = world.connectAs(world.tabletKey);
+    world.send(*again, Row::nameUpdate(" pixel-8"));
+    EXPECT_EQ(std::get<Receiver::NameUpdate>(world.syncs.back()).calledHere, "pixel-8 (2)") << "it keeps its number";
+    EXPECT_EQ(world.files.mutations(), before);
+
+    const auto phone = world.phone();
+    world.send(*phone, Row::setName("Ann's phone"));
+    EXPECT_EQ(std::get<Receiver::SetName>(world.syncs.back()).calledHere, "Ann's phone");
+    const auto last = world.connectAs(world.tabletKey);
+    world.send(*last, Row::setName("pixel-8"));
+    EXPECT_EQ(nameOf(world.tabletKey), "pixel-8") << "now nobody else has it";
+}
+
 TEST_F(ReceiverRecords, ATokenBeyondAllReasonIsNotTakenOver) {
     world.putPeers({world.phoneRecord()});
     world.start();

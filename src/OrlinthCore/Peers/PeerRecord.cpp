@@ -1,5 +1,6 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 
+#include "OrlinthCore/Peers/PeerNames.h"
 #include "base/Text.h"
 #include "platform/SystemError.h"
 #include "platform/WholeFile.h"
@@ -222,23 +223,41 @@ void PeerStore::upsert(const PeerRecord& record) {
     });
 }
 
+std::vector<PeerRecord> PeerStore::takeOut(PeerBook& book, const std::string& pubkey, const IsSamePhone& isSamePhone) {
+    std::vector<PeerRecord> taken;
+    std::vector<PeerRecord> kept;
+    for (PeerRecord& peer : book.peers) {
+        if (peer.peer_pubkey != pubkey) {
+            (isSamePhone(peer) ? taken : kept).push_back(std::move(peer));
+        }
+    }
+    book.peers = std::move(kept);
+    return taken;
+}
+
 std::vector<PeerRecord> PeerStore::upsertReplacingStale(const PeerRecord& record) {
     std::vector<PeerRecord> stale;
     update([&record, &stale](PeerBook& book) {
-        stale.clear();
-        std::vector<PeerRecord> kept;
-        for (PeerRecord& peer : book.peers) {
-            if (peer.peer_pubkey == record.peer_pubkey) {
-                continue;
-            }
-            const bool isSamePhone = peer.peer_hostname == record.peer_hostname && peer.peer_ip == record.peer_ip;
-            (isSamePhone ? stale : kept).push_back(std::move(peer));
-        }
-        kept.push_back(record);
-        book.peers = std::move(kept);
+        stale = takeOut(book, record.peer_pubkey, [&record](const PeerRecord& earlier) {
+            return earlier.peer_hostname == record.peer_hostname && earlier.peer_ip == record.peer_ip;
+        });
+        book.peers.push_back(record);
         return true;
     });
     return stale;
+}
+
+PeerStore::Recorded PeerStore::upsertUnderFreeName(const PeerRecord& record) {
+    Recorded recorded;
+    update([&record, &recorded](PeerBook& book) {
+        recorded.replaced = takeOut(book, record.peer_pubkey, [&record](const PeerRecord& earlier) {
+            return isFormOfName(earlier.peer_hostname, record.peer_hostname) && earlier.peer_ip == record.peer_ip;
+        });
+        recorded.record = record.withHostname(freeName(book, record.peer_pubkey, record.peer_hostname));
+        book.peers.push_back(recorded.record);
+        return true;
+    });
+    return recorded;
 }
 
 std::optional<PeerRecord> PeerStore::removeFirst(const std::function<bool(const PeerRecord&)>& predicate) {

@@ -105,6 +105,14 @@ public:
     /// The same, and also removes records of other keys with the same host name and address: the phone has paired anew
     /// with a new identity. Returns those.
     std::vector<PeerRecord> upsertReplacingStale(const PeerRecord& record);
+    /// What upsertUnderFreeName() has recorded, and which records it has replaced.
+    struct Recorded {
+        PeerRecord record;
+        std::vector<PeerRecord> replaced;
+    };
+    /// upsertReplacingStale() for a record whose name others may have: the phone is recorded under freeName(). Of the
+    /// earlier identities of a phone those with a number behind the name count as well.
+    Recorded upsertUnderFreeName(const PeerRecord& record);
     /// Removes and returns the first match; nothing, and no write, when there is none.
     std::optional<PeerRecord> removeFirst(const std::function<bool(const PeerRecord&)>& predicate);
     /// Reads, lets `change` change the book, and writes it if `change` returns true; under the lock throughout.
@@ -120,6 +128,10 @@ public:
     void wipe();
 
 private:
+    using IsSamePhone = std::function<bool(const PeerRecord& earlier)>;
+    /// Takes out the records of this key, and those that `isSamePhone` picks, which it returns.
+    [[nodiscard]] static std::vector<PeerRecord> takeOut(PeerBook& book, const std::string& pubkey,
+                                                         const IsSamePhone& isSamePhone);
     void createDirectory();
     [[nodiscard]] platform::FileLock lock();
 

@@ -42,22 +42,27 @@ public:
     struct File {
         ReceivedFile file;
         std::string from;
+        std::string peerPubkey = {}; ///< Base64
     };
     struct Clipboard {
         std::string text;
         std::string mime;
         std::string from;
+        std::string peerPubkey = {}; ///< Base64
     };
     struct SetName {
         std::string name;
         std::string from; ///< as it was called before
         bool isTakenOver =
             true; ///< false for a name that nobody could be called by, and where no record could be changed
+        std::string calledHere =
+            {}; ///< now: `name`, or, if another phone has that, with a number; "" if not taken over
     };
     struct NameUpdate {
         std::string name;
         std::string from;
         bool isTakenOver = true;
+        std::string calledHere = {};
     };
     struct Unpair {
         std::string from;
@@ -88,6 +93,7 @@ public:
         std::string name; ///< as the sender says; not to be trusted as a path
         std::int64_t size;
         std::string from;
+        std::string peerPubkey = {}; ///< Base64
     };
 
     /// What happens, told on the receiver's queue. Every one may be empty. None may throw.

@@ -174,7 +174,8 @@ private:
         const bool isHere = IncomingFile::isDelivered(place(), self_->peerPubkey(), offer);
         bool isWanted = isHere; // nobody is asked twice about the same file
         if (!isHere) {
-            isWanted = co_await context_.approveOffer({.name = offer.name, .size = offer.size, .from = name_});
+            isWanted = co_await context_.approveOffer(
+                {.name = offer.name, .size = offer.size, .from = name_, .peerPubkey = self_->peerPubkey()});
         }
         if (!isWanted) {
             open_->settle();
@@ -213,7 +214,10 @@ private:
             return finishFile();
         case Tag::Clipboard: {
             const auto* clip = message.as<Row::Clipboard>();
-            return Receiver::Clipboard{.text = clip->text, .mime = clip->mime, .from = sender_.displayName()};
+            return Receiver::Clipboard{.text = clip->text,
+                                       .mime = clip->mime,
+                                       .from = sender_.displayName(),
+                                       .peerPubkey = self_->peerPubkey()};
         }
         case Tag::SetName:
             return rename<Receiver::SetName>(message.as<Row::SetName>()->name);
@@ -251,13 +255,17 @@ private:
         if (wasReported) {
             return std::nullopt;
         }
-        return Receiver::File{.file = std::move(received), .from = name_};
+        return Receiver::File{.file = std::move(received), .from = name_, .peerPubkey = self_->peerPubkey()};
     }
 
     template <typename Outcome>
     [[nodiscard]] Receiver::ProcessOutcome rename(const std::string& name) {
         Outcome outcome{.name = name, .from = sender_.displayName(), .isTakenOver = false};
-        changeRecord([&] { outcome.isTakenOver = sender_.setHostname(name); });
+        changeRecord([&] {
+            const std::optional<std::string> called = sender_.setHostname(name);
+            outcome.isTakenOver = called.has_value();
+            outcome.calledHere = called.value_or("");
+        });
         return outcome;
     }
 

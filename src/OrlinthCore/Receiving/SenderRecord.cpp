@@ -1,5 +1,6 @@
 #include "OrlinthCore/Receiving/SenderRecord.h"
 
+#include "OrlinthCore/Peers/PeerNames.h"
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "base/Text.h"
 #include "platform/IpAddress.h"
@@ -43,15 +44,28 @@ std::string SenderRecord::displayName() const noexcept {
     }
 }
 
-void SenderRecord::change(const std::function<bool(PeerRecord&)>& change) {
-    std::optional<PeerRecord> present = find();
-    if (!present || !change(*present)) {
+void SenderRecord::change(const std::function<bool(const PeerBook&, PeerRecord&)>& change) {
+    PeerStore store(system_.files, system_.directories);
+    const PeerBook seen = store.loadBook();
+    const PeerRecord* const present = seen.find(pubkey_);
+    if (present == nullptr) {
         return;
     }
-    PeerStore(system_.files, system_.directories).update([this, &change](PeerBook& book) {
+    if (PeerRecord copy = *present; !change(seen, copy)) {
+        return;
+    }
+    store.update([this, &change](PeerBook& book) {
         const auto at = std::find_if(book.peers.begin(), book.peers.end(),
                                      [this](const PeerRecord& record) { return record.peer_pubkey == pubkey_; });
-        return at != book.peers.end() && change(*at);
+        if (at == book.peers.end()) {
+            return false;
+        }
+        PeerRecord changed = *at;
+        if (!change(book, changed)) {
+            return false;
+        }
+        *at = std::move(changed);
+        return true;
     });
 }
 
@@ -79,16 +93,18 @@ void SenderRecord::setFcmToken(const std::string& token) {
     });
 }
 
-bool SenderRecord::setHostname(const std::string& name) {
+std::optional<std::string> SenderRecord::setHostname(const std::string& name) {
     if (!isUsableName(name)) {
-        return false;
+        return std::nullopt;
     }
-    change([&name](PeerRecord& record) {
-        const bool differs = record.peer_hostname != name;
-        record.peer_hostname = name;
+    std::string given = name;
+    change([this, &name, &given](const PeerBook& book, PeerRecord& record) {
+        given = freeName(book, pubkey_, name);
+        const bool differs = record.peer_hostname != given;
+        record.peer_hostname = given;
         return differs;
     });
-    return true;
+    return given;
 }
 
 bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& address) {
@@ -96,7 +112,7 @@ bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& add
 }
 
 void SenderRecord::setAddress(const std::string& address) {
-    change([&address](PeerRecord& record) {
+    change([&address](const PeerBook&, PeerRecord& record) {
         if (!isAddressNew(record, address)) {
             return false;
         }

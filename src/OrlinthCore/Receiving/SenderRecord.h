@@ -31,8 +31,9 @@ public:
     ///
     /// The record moves to the end of the store, as with PeerStore::upsert(). Not taken over: a token that is too long.
     void setFcmToken(const std::string& token);
-    /// Not taken over: a name that is blank, too long or has control characters. Returns whether it is fit to be one.
-    [[nodiscard]] bool setHostname(const std::string& name);
+    /// The name that the phone calls itself by, or freeName() if another phone has it. Returns what it is called now.
+    /// Not taken over, and nothing returned: a name that is blank, too long or has control characters.
+    [[nodiscard]] std::optional<std::string> setHostname(const std::string& name);
     /// `address` is where the phone has connected from. Not taken over: loopback in place of something else (a tunnel
     /// ends there), and anything in place of a host name, which somebody has chosen by hand.
     void setAddress(const std::string& address);
@@ -41,7 +42,8 @@ public:
     void remove();
 
 private:
-    void change(const std::function<bool(PeerRecord&)>& change);
+    /// `change` is given the book and a copy of the record in it, and says whether it has changed that.
+    void change(const std::function<bool(const PeerBook&, PeerRecord&)>& change);
 
     platform::System& system_;
     std::string pubkey_;

@@ -1,5 +1,7 @@
 #include "platform/linux/LinuxLog.h"
 
+#include "base/Text.h"
+
 #include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -28,18 +30,6 @@ int priority(LogLevel level) noexcept {
     return LOG_ERR;
 }
 
-std::string_view bounded(std::string_view text) {
-    if (text.size() <= maxLogMessageBytes) {
-        return text;
-    }
-    std::size_t end = maxLogMessageBytes;
-    // 10xxxxxx continues a UTF-8 character; none has more than three such bytes
-    for (int steps = 0; steps < 3 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80; ++steps) {
-        --end;
-    }
-    return text.substr(0, end);
-}
-
 bool sendToJournal(const std::vector<std::string>& fields) {
     // sd_journal_sendv() reports success where there is no journal
     if (::access(journalSocket, W_OK) != 0) {
@@ -58,24 +48,16 @@ bool sendToJournal(const std::vector<std::string>& fields) {
 std::vector<std::string> journalFields(LogLevel level, std::string_view subsystem, std::string_view category,
                                        std::string_view message) {
     return {
-        "MESSAGE=" + std::string(bounded(message)),
+        "MESSAGE=" + forDisplay(message, maxLineColumns),
         "PRIORITY=" + std::to_string(priority(level)),
         "SYSLOG_IDENTIFIER=orlinth",
-        "ORLINTH_SUBSYSTEM=" + std::string(bounded(subsystem)),
-        "ORLINTH_CATEGORY=" + std::string(bounded(category)),
+        "ORLINTH_SUBSYSTEM=" + forDisplay(subsystem),
+        "ORLINTH_CATEGORY=" + forDisplay(category),
     };
 }
 
 std::string syslogLine(std::string_view subsystem, std::string_view category, std::string_view message) {
-    std::string line(bounded(subsystem));
-    line.append(" ").append(bounded(category)).append(": ").append(bounded(message));
-    for (char& character : line) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte < 0x20 || byte == 0x7F) {
-            character = ' ';
-        }
-    }
-    return line;
+    return forDisplay(subsystem) + " " + forDisplay(category) + ": " + forDisplay(message, maxLineColumns);
 }
 
 void LinuxLog::write(LogLevel level, std::string_view subsystem, std::string_view category,

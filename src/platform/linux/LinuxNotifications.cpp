@@ -44,11 +44,9 @@ struct MessageUnref {
 };
 using MessageRef = std::unique_ptr<sd_bus_message, MessageUnref>;
 
-/// Fit for the bus, which takes UTF-8 without NUL, and for one line or several of a notification.
+/// Fit for the bus, which takes UTF-8 without NUL, and for people.
 std::string plainText(const std::string& text) {
-    std::string clean = toUtf8(text);
-    std::erase(clean, '\0');
-    return clean;
+    return forDisplay(text, maxLineColumns);
 }
 
 std::string escapedForMarkup(const std::string& text) {

@@ -297,6 +297,31 @@ TEST_F(PeerStoreTest, ReplacesTheOldIdentityOfAPhoneThatPairedAnew) {
     EXPECT_THAT(keysOf(store.loadBook().peers), ElementsAre("other", "moved", "new"));
 }
 
+TEST_F(PeerStoreTest, RecordsAPhoneUnderANameThatNoOtherHas) {
+    fill({phone("first"), phone("x", "Tablet")});
+    const PeerStore::Recorded recorded = store.upsertUnderFreeName(phone("second", "pixel-8 ", "192.168.1.30"));
+    EXPECT_EQ(recorded.record, phone("second", "pixel-8 (2)", "192.168.1.30"));
+    EXPECT_TRUE(recorded.replaced.empty());
+    EXPECT_EQ(store.loadBook().find("first")->peer_hostname, "Pixel-8") << "who was there first keeps the name";
+    EXPECT_EQ(store.loadBook().peers.back(), recorded.record);
+    // and the same phone again, which calls itself as before
+    EXPECT_EQ(store.upsertUnderFreeName(phone("second", "Pixel-8", "192.168.1.30")).record.peer_hostname,
+              "Pixel-8 (2)");
+    EXPECT_EQ(store.loadBook().peers.size(), 3U);
+}
+
+TEST_F(PeerStoreTest, APhoneThatPairsAnewTakesItsOwnPlace) {
+    fill({phone("old"), phone("numbered", "Pixel-8 (2)", "192.168.1.30"),
+          phone("elsewhere", "Pixel-8 (2)", "10.0.0.1")});
+    PeerStore::Recorded recorded = store.upsertUnderFreeName(phone("new"));
+    EXPECT_EQ(recorded.record, phone("new")) << "name and address are those of the old record";
+    EXPECT_EQ(recorded.replaced, std::vector{phone("old")});
+    recorded = store.upsertUnderFreeName(phone("newer", "Pixel-8", "192.168.1.30"));
+    EXPECT_EQ(recorded.replaced, (std::vector{phone("numbered", "Pixel-8 (2)", "192.168.1.30")}));
+    EXPECT_EQ(recorded.record.peer_hostname, "Pixel-8 (3)") << "the second one's name is taken by a phone elsewhere";
+    EXPECT_THAT(keysOf(store.loadBook().peers), ElementsAre("elsewhere", "new", "newer"));
+}
+
 TEST_F(PeerStoreTest, DoesNotReportARecordOfTheSameKeyAsStale) {
     fill({phone("k"), phone("x", "Tablet")});
     EXPECT_TRUE(store.upsertReplacingStale(phone("k")).empty());

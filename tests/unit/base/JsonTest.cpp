@@ -298,5 +298,14 @@ TEST(Json, WritesBytesThatAreNotUtf8AsReplacementCharacters) {
     EXPECT_EQ(prettyJson(Json{{"a", "\xff"}}), "{\n  \"a\" : \"\ufffd\"\n}");
 }
 
+TEST(AsciiJson, IsTheSameValueInAsciiAlone) {
+    const Json value{{"a\u00e4", "\u202egpj.exe"}, {"b", Json::array({"\U0001f600", "\x7f\x1b[2J", 1.5, nullptr})}};
+    const std::string text = asciiJson(value);
+    EXPECT_EQ(text, R"({"a\u00e4":"\u202egpj.exe","b":["\ud83d\ude00","\u007f\u001b[2J",1.5,null]})");
+    EXPECT_EQ(parseJson(text), value);
+    EXPECT_EQ(asciiJson(Json("a\xff")), R"("a\ufffd")");
+    EXPECT_EQ(asciiJson(Json(std::string(100000, 'x'))).size(), 100002U) << "nothing is shortened";
+}
+
 } // namespace
 } // namespace orlinth

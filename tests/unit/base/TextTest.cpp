@@ -101,6 +101,72 @@ TEST(Text, LeavesVisibleTextAlone) {
     EXPECT_EQ(madeVisible(text), text);
 }
 
+TEST(ForDisplay, LeavesAloneWhatFits) {
+    EXPECT_EQ(forDisplay(""), "");
+    EXPECT_EQ(forDisplay("Gr\u00fc\u00dfe"), "Gr\u00fc\u00dfe");
+    const std::string whole(maxShownColumns, 'x');
+    EXPECT_EQ(forDisplay(whole), whole);
+    EXPECT_EQ(forDisplay("abc", 0), "");
+}
+
+TEST(ForDisplay, MakesEverythingVisible) {
+    EXPECT_EQ(forDisplay("x\u202efdp.exe\n\xff"), "x\\u{202E}fdp.exe\\u{000A}\\x{FF}");
+}
+
+TEST(ForDisplay, PutsAnEllipsisInPlaceOfTheMiddle) {
+    EXPECT_EQ(forDisplay("0123456789abcdef", 9), "012345…ef");
+    EXPECT_EQ(forDisplay("\u4e2d\u4e2d\u4e2d\u4e2d\u4e2d\u4e2d", 9), "\u4e2d\u4e2d\u4e2d…\u4e2d") << "two columns each";
+    const std::string shortened = forDisplay("invoice.pdf" + std::string(1000, ' ') + ".exe");
+    EXPECT_TRUE(shortened.starts_with("invoice.pdf ")) << shortened;
+    EXPECT_TRUE(shortened.ends_with(" .exe")) << "the end of a name says what it is: " << shortened;
+    EXPECT_EQ(columnsOf(shortened), maxShownColumns);
+}
+
+TEST(ForDisplay, IsNeverLongerThanAsked) {
+    constexpr std::size_t size = std::size_t{15} << 20;
+    std::string mixed;
+    while (mixed.size() < 5000) {
+        mixed += "a\u202e\u4e2d\xff\U0001f600e\u0301\n";
+    }
+    std::string overrides;
+    while (overrides.size() < size) {
+        overrides += "\u202e";
+    }
+    for (const std::string& text : {mixed, overrides, std::string(size, '\x80'), std::string(size, 'x')}) {
+        for (const std::size_t columns :
+             {std::size_t{1}, std::size_t{2}, std::size_t{7}, maxShownColumns, maxLineColumns}) {
+            const std::string shown = forDisplay(text, columns);
+            EXPECT_LE(columnsOf(shown), columns);
+            EXPECT_LE(shown.size(), columns * 4);
+            EXPECT_TRUE(isUtf8(shown));
+            EXPECT_EQ(forDisplay(shown, columns), shown) << "once is enough";
+        }
+    }
+}
+
+TEST(ForDisplay, CountsAMarkThatTakesNoColumnOfItsOwn) {
+    std::string tower = "a";
+    while (tower.size() < 10000) {
+        tower += "\u0301";
+    }
+    EXPECT_LE(forDisplay(tower).size(), maxShownColumns * 4);
+}
+
+TEST(LookOf, IsTheSameForNamesThatLookAlike) {
+    const std::string look = lookOf("Pixel 8");
+    for (const char* name : {"pixel 8", " Pixel 8\t", "Pixel  8", "Pixel\u00a08", "PIXEL\u30008", "Pi\u200bxel 8",
+                             "Pi\u00adxel 8", "\uff30ixel \uff18", "P\ufe0fixel 8", "\u2066Pixel 8\u2069"}) {
+        EXPECT_EQ(lookOf(name), look) << name;
+    }
+    EXPECT_EQ(lookOf("stra\u00dfe"), lookOf("STRASSE"));
+    EXPECT_EQ(lookOf("e\u0301"), lookOf("\u00c9"));
+    for (const char* name : {"Pixel 8a", "Pixel 9", "Pixel8", ""}) {
+        EXPECT_NE(lookOf(name), look) << name;
+    }
+    EXPECT_EQ(lookOf(" \u200b "), "");
+    EXPECT_EQ(lookOf("\xff"), lookOf("\ufffd"));
+}
+
 TEST(Text, TakesTheLastPathComponent) {
     EXPECT_EQ(lastPathComponent("../../etc/passwd"), "passwd");
     EXPECT_EQ(lastPathComponent("a/b"), "b");

@@ -11,8 +11,11 @@ namespace {
 /// Standard input is no terminal here, as for a service.
 class OfferQuestionsTest : public testing::Test {
 protected:
-    [[nodiscard]] Task<> ask(const char* name, std::optional<bool>& answer) {
+    [[nodiscard]] Task<> ask(std::string name, std::optional<bool>& answer) {
         answer = co_await questions_.wants({.name = name, .size = 1000, .from = "Pixel-8"});
+    }
+    [[nodiscard]] Task<> askOf(std::string key) {
+        first_ = co_await questions_.wants({.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerPubkey = key});
     }
 
     /// Until nothing moves without time moving.
@@ -43,6 +46,41 @@ TEST_F(OfferQuestionsTest, TakesTheFileThatIsAcceptedOnTheDesktop) {
     world_.notifications.answer(0, "accept");
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_EQ(true, first_);
+}
+
+TEST_F(OfferQuestionsTest, SaysWhichOfTwoPhonesItIsWhoseNamesLookAlike) {
+    PeerBook book;
+    for (const auto& [key, name] :
+         {std::pair("AAAAAAAAAAAAAAAA", "Pixel-8"), std::pair("BBBBBBBBBBBBBBBB", "PIXEL-8")}) {
+        PeerRecord record = world_.phoneRecord();
+        record.peer_pubkey = key;
+        record.peer_hostname = name;
+        book.peers.push_back(record);
+    }
+    host_.peers().writeBook(book);
+    world_.alongside(askOf("BBBBBBBBBBBBBBBB"));
+    settle();
+    ASSERT_EQ(1U, shown().size());
+    EXPECT_EQ("Pixel-8 (key BBBBBBBBBBBB) wants to send a.txt (1.0 kB). Take it?", shown()[0].notification.body);
+    world_.notifications.answer(0, "decline");
+    fakes::runUntilIdle(world_.context, world_.clock);
+}
+
+TEST_F(OfferQuestionsTest, AsksInOneLineThatNothingHidesIn) {
+    std::string name = "invoice.pdf";
+    while (name.size() < std::size_t{16} << 20) {
+        name += "\u202e";
+    }
+    name += ".exe";
+    world_.alongside(ask(name, first_));
+    settle();
+    ASSERT_EQ(1U, shown().size());
+    const std::string& body = shown()[0].notification.body;
+    EXPECT_TRUE(body.starts_with("Pixel-8 wants to send invoice.pdf\\u{202E}")) << body;
+    EXPECT_TRUE(body.ends_with(".exe (1.0 kB). Take it?")) << body;
+    EXPECT_LT(body.size(), 300U);
+    world_.notifications.answer(0, "decline");
+    fakes::runUntilIdle(world_.context, world_.clock);
 }
 
 TEST_F(OfferQuestionsTest, DeclinesWhatIsDeclinedOrClosed) {

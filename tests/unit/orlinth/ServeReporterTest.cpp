@@ -99,6 +99,44 @@ TEST_F(ServeReporterTest, OpensTheFileOrItsFolderWithTheDesktopsOwnProgram) {
     }
 }
 
+TEST_F(ServeReporterTest, TellsTwoPhonesApartWhoseNamesLookAlike) {
+    PeerBook book;
+    for (const auto& [key, name] :
+         {std::pair("AAAAAAAAAAAAAAAA", "Pixel <8>"), std::pair("BBBBBBBBBBBBBBBB", "pixel <8> ")}) {
+        PeerRecord record = world_.phoneRecord();
+        record.peer_pubkey = key;
+        record.peer_hostname = name;
+        book.peers.push_back(record);
+    }
+    host_.peers().writeBook(book);
+    Receiver::File received = file("/home/ann/Downloads/a.txt");
+    received.peerPubkey = "BBBBBBBBBBBBBBBB";
+    callbacks_.onTransfer(received);
+    callbacks_.onClipboard(
+        {.text = "correct horse", .mime = "text/plain", .from = "Pixel <8>", .peerPubkey = "AAAAAAAAAAAAAAAA"});
+    callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerPubkey = "CCCC"});
+    ASSERT_EQ(3U, shown().size());
+    EXPECT_EQ("File from Pixel <8> (key BBBBBBBBBBBB)", shown()[0].notification.title);
+    EXPECT_EQ("Text from Pixel <8> (key AAAAAAAAAAAA)", shown()[1].notification.title);
+    EXPECT_EQ("Text from Tablet", shown()[2].notification.title);
+}
+
+TEST_F(ServeReporterTest, TellsOnceThatANameIsKeptApart) {
+    const Receiver::SetName kept{.name = "Pixel", .from = "Tablet", .calledHere = "Pixel (2)"};
+    testing::internal::CaptureStdout();
+    callbacks_.onSync(kept);
+    callbacks_.onSync(Receiver::NameUpdate{.name = "Pixel", .from = "Pixel (2)", .calledHere = "Pixel (2)"});
+    callbacks_.onSync(Receiver::NameUpdate{.name = "Phone", .from = "Pixel (2)", .calledHere = "Phone"});
+    EXPECT_EQ("Tablet wants to be called 'Pixel', as another phone is; it is now called Pixel (2)\n"
+              "Pixel (2) is now called Phone\n",
+              testing::internal::GetCapturedStdout());
+    output_.useJson();
+    testing::internal::CaptureStdout();
+    callbacks_.onSync(kept);
+    EXPECT_EQ("{\"called\":\"Pixel (2)\",\"event\":\"set_name\",\"from\":\"Tablet\",\"name\":\"Pixel\"}\n",
+              testing::internal::GetCapturedStdout());
+}
+
 TEST_F(ServeReporterTest, SaysOfATextHowLongItIsAndNotWhatItSays) {
     callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
     ASSERT_EQ(1U, shown().size());

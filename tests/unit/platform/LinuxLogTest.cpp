@@ -1,5 +1,7 @@
 #include "platform/linux/LinuxLog.h"
 
+#include "base/Text.h"
+
 #include <gmock/gmock.h>
 
 #include <array>
@@ -24,7 +26,7 @@ using testing::HasSubstr;
 
 TEST(LinuxLog, FillsTheJournalsFields) {
     EXPECT_THAT(journalFields(LogLevel::warning, "com.example", "sending", "two\nlines"),
-                ElementsAre("MESSAGE=two\nlines", "PRIORITY=4", "SYSLOG_IDENTIFIER=orlinth",
+                ElementsAre("MESSAGE=two\\u{000A}lines", "PRIORITY=4", "SYSLOG_IDENTIFIER=orlinth",
                             "ORLINTH_SUBSYSTEM=com.example", "ORLINTH_CATEGORY=sending"));
     const auto priorityOf = [](LogLevel level) { return journalFields(level, "", "", "").at(1); };
     EXPECT_EQ(priorityOf(LogLevel::debug), "PRIORITY=7");
@@ -33,18 +35,21 @@ TEST(LinuxLog, FillsTheJournalsFields) {
     EXPECT_EQ(priorityOf(LogLevel::error), "PRIORITY=3");
 }
 
-TEST(LinuxLog, CutsLongMessagesAtACharactersBoundary) {
-    const std::string exact(maxLogMessageBytes, 'a');
+TEST(LinuxLog, ShortensLongMessagesInTheMiddle) {
+    const std::string exact(maxLineColumns, 'a');
     EXPECT_EQ(journalFields(LogLevel::info, "", "", exact).at(0), "MESSAGE=" + exact);
-    EXPECT_EQ(journalFields(LogLevel::info, "", "", exact + "b").at(0), "MESSAGE=" + exact);
-    const std::string beforeSplit(maxLogMessageBytes - 2, 'a');
-    EXPECT_EQ(journalFields(LogLevel::info, "", "", beforeSplit + "\u20ACb").at(0), "MESSAGE=" + beforeSplit);
-    const std::string noText(maxLogMessageBytes + 10, '\x80');
-    EXPECT_GE(journalFields(LogLevel::info, "", "", noText).at(0).size(), maxLogMessageBytes);
+    for (const std::string& message : {exact + ": it broke", std::string(std::size_t{45} << 20, 'x') + ": it broke"}) {
+        for (const std::string& line :
+             {journalFields(LogLevel::info, "", "", message).at(0), syslogLine("a", "b", message)}) {
+            EXPECT_LE(columnsOf(line), maxLineColumns + 10);
+            EXPECT_THAT(line, EndsWith(": it broke"));
+        }
+    }
 }
 
 TEST(LinuxLog, WritesOneLineForSyslog) {
-    EXPECT_EQ(syslogLine("com.example", "sending", "a\nb\x1B\x7F\u20AC"), "com.example sending: a b  \u20AC");
+    EXPECT_EQ(syslogLine("com.example", "sending", "a\nb\x1B\x7F\u20AC"),
+              "com.example sending: a\\u{000A}b\\u{001B}\\u{007F}\u20AC");
 }
 
 int bindDatagrams(const char* path) {

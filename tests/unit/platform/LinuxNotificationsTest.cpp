@@ -247,7 +247,7 @@ TEST_F(LinuxNotificationsTest, TellsTheDaemonEverything) {
     runUntil([&] { return !daemon->shown.empty(); });
     const Daemon::Shown& shown = daemon->shown.front();
     EXPECT_EQ(shown.title, "A & <b>file</b>");
-    EXPECT_EQ(shown.body, "from &lt;i&gt;Ann&lt;/i&gt; &amp; \xEF\xBF\xBD");
+    EXPECT_EQ(shown.body, "from &lt;i&gt;Ann&lt;/i&gt; &amp; \\x{FF}");
     EXPECT_EQ(shown.actions, (std::vector<std::string>{"open", "Open", "folder", "Show in folder"}));
     EXPECT_EQ(shown.urgency, 2);
     EXPECT_EQ(shown.milliseconds, 2500);

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+
+#include <string>
+
+namespace orlinth {
+
+/// Names by which a person tells phones apart. Two are the same if they look alike (lookOf()).
+
+/// Whether a phone other than `pubkey`'s is recorded under a name that looks like this one.
+[[nodiscard]] bool isNameTaken(const PeerBook& book, const std::string& pubkey, const std::string& name);
+
+/// The name to record the phone `pubkey` under that calls itself `name`: that, or, if it is taken, with the first free
+/// number behind it: "Pixel 8 (2)". The same for the same book, so that a phone keeps its number. A name with a number
+/// has at most 255 bytes.
+[[nodiscard]] std::string freeName(const PeerBook& book, const std::string& pubkey, const std::string& name);
+
+/// Whether `recorded` is what freeName() makes of `name`: the name itself, or with a number.
+[[nodiscard]] bool isFormOfName(const std::string& recorded, const std::string& name);
+
+} // namespace orlinth
