@@ -2,18 +2,17 @@
 
 #include "OrlinthCore/Receiving/PasteboardWriter.h"
 #include "base/Text.h"
+#include "orlinth/DesktopOpener.h"
 #include "orlinth/Hints.h"
 #include "orlinth/HumanText.h"
-#include "orlinth/ReceivedFields.h"
 #include "orlinth/PeerSelection.h"
+#include "orlinth/ReceivedFields.h"
 #include "orlinth/SharedPeers.h"
 #include "orlinth/Terminal.h"
 #include "platform/SystemError.h"
-#include "platform/linux/ChildProcess.h"
 
 #include <asio/post.hpp>
 
-#include <cstdlib>
 #include <unistd.h>
 #include <utility>
 
@@ -23,29 +22,6 @@ namespace {
 
 std::string sizeOfText(const std::string& text) {
     return humanSize(static_cast<std::int64_t>(text.size())) + " of text";
-}
-
-/// Opens a file or folder with the program that the desktop has for it, which then lives on without us.
-///
-/// Where a service manager has started us, that starts it: with the environment of the desktop as it is now, and
-/// without what keeps a service in its place and many a program from starting.
-void openOnDesktop(const platform::Path& path, platform::Log& log) {
-    const bool isManaged = std::getenv("INVOCATION_ID") != nullptr;
-    platform::ChildProgram opener{
-        .name = "setsid", .package = "util-linux", .arguments = {"--fork", "xdg-open", path.string()}, .input = {}};
-    if (isManaged) {
-        opener.name = "systemd-run";
-        opener.package = "systemd";
-        opener.arguments = {"--user", "--collect", "--quiet", "--", "xdg-open", path.string()};
-    }
-    try {
-        const platform::ChildResult result = platform::runChild(std::move(opener));
-        if (result.status != 0) {
-            log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "serve", "cannot open: " + result.complaint);
-        }
-    } catch (const std::exception& error) {
-        log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "serve", "cannot open: " + describe(error));
-    }
 }
 
 /// What the two kinds of a new name have in common.

@@ -85,6 +85,12 @@ bool contains(const std::vector<std::string>& strings, const char* text) {
     return std::find(strings.begin(), strings.end(), text) != strings.end();
 }
 
+/// Who has sent the message: the unique name of a connection, which the bus fills in and nobody can choose.
+std::string senderOf(sd_bus_message* message) {
+    const char* const sender = ::sd_bus_message_get_sender(message);
+    return sender == nullptr ? "" : sender;
+}
+
 } // namespace
 
 /// The thread with the bus. What has no other word is touched on that thread only.
@@ -144,7 +150,8 @@ private:
         Notification notification;
         Executor executor;
         std::function<void(const std::string&)> onAnswer;
-        std::uint32_t id = 0; ///< the daemon's; 0 while it has none
+        std::uint32_t id = 0;    ///< the daemon's; 0 while it has none
+        std::string daemon = {}; ///< the unique name of the connection that shows it
         std::optional<SteadyClock::time_point> end = {};
         bool hasMarkup = false;
         sd_bus_slot* call = nullptr; ///< of the call under way; released with the notification
@@ -343,9 +350,12 @@ private:
         waiting_.erase(place);
     }
 
-    void finishById(std::uint32_t id, const std::string& key) {
-        const Place place = std::find_if(waiting_.begin(), waiting_.end(),
-                                         [id](const Waiting& one) { return id != 0 && one.id == id; });
+    /// Only who shows a notification says what became of it. A match of the bus is no guard: it holds for signals to
+    /// everybody, and any program can send one to us alone.
+    void finishById(const std::string& sender, std::uint32_t id, const std::string& key) {
+        const Place place = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& one) {
+            return id != 0 && one.id == id && !sender.empty() && one.daemon == sender;
+        });
         if (place != waiting_.end()) {
             finish(place, key);
         }
@@ -360,8 +370,24 @@ private:
             return 0;
         }
         waiting.hasMarkup = contains(capabilities, "body-markup");
+        waiting.daemon = senderOf(message);
         waiting.call = ::sd_bus_slot_unref(waiting.call);
-        if (!self.notify(waiting)) {
+        if (::sd_bus_call_method_async(self.bus_.get(), &waiting.call, busName, busPath, busName, "GetNameOwner",
+                                       onOwner, &waiting, "s", daemonName) < 0) {
+            self.finish(self.placeOf(waiting), "");
+        }
+        return 0;
+    }
+
+    /// Many a session's bus lets any program answer any call. What is the bus's own word, it lets nobody say.
+    static int onOwner(sd_bus_message* message, void* data, sd_bus_error*) {
+        auto& waiting = *static_cast<Waiting*>(data);
+        Worker& self = *waiting.owner;
+        waiting.call = ::sd_bus_slot_unref(waiting.call);
+        const char* owner = nullptr;
+        const bool isDaemon = senderOf(message) == busName && ::sd_bus_message_is_method_error(message, nullptr) == 0 &&
+                              ::sd_bus_message_read(message, "s", &owner) > 0 && waiting.daemon == owner;
+        if (!isDaemon || !self.notify(waiting)) {
             self.finish(self.placeOf(waiting), "");
         }
         return 0;
@@ -377,7 +403,8 @@ private:
         constexpr std::uint8_t normal = 1;
         constexpr std::uint8_t critical = 2;
         sd_bus_message* made = nullptr;
-        if (::sd_bus_message_new_method_call(bus_.get(), &made, daemonName, daemonPath, daemonName, "Notify") < 0) {
+        if (::sd_bus_message_new_method_call(bus_.get(), &made, waiting.daemon.c_str(), daemonPath, daemonName,
+                                             "Notify") < 0) {
             return false;
         }
         const MessageRef call(made);
@@ -399,7 +426,8 @@ private:
         Worker& self = *waiting.owner;
         waiting.call = ::sd_bus_slot_unref(waiting.call);
         std::uint32_t id = 0;
-        const bool isShown = ::sd_bus_message_is_method_error(message, nullptr) == 0 &&
+        const bool isShown = senderOf(message) == waiting.daemon &&
+                             ::sd_bus_message_is_method_error(message, nullptr) == 0 &&
                              ::sd_bus_message_read(message, "u", &id) > 0 && id != 0;
         if (!isShown || !waiting.onAnswer) {
             self.finish(self.placeOf(waiting), "");
@@ -420,8 +448,9 @@ private:
         for (Place place = waiting_.begin(); place != waiting_.end();) {
             const Place current = place++;
             if (current->end && *current->end <= now) {
-                static_cast<void>(::sd_bus_call_method_async(bus_.get(), nullptr, daemonName, daemonPath, daemonName,
-                                                             "CloseNotification", ignoreBusAnswer, nullptr, "u",
+                static_cast<void>(::sd_bus_call_method_async(bus_.get(), nullptr, current->daemon.c_str(), daemonPath,
+                                                             daemonName, "CloseNotification", ignoreBusAnswer, nullptr,
+                                                             "u",
                                                              current->id)); // best effort: it is answered in any case
                 finish(current, "");
             }
@@ -434,7 +463,7 @@ private:
         std::uint32_t id = 0;
         const char* key = nullptr;
         if (::sd_bus_message_read(message, "us", &id, &key) > 0) {
-            static_cast<Worker*>(data)->finishById(id, key);
+            static_cast<Worker*>(data)->finishById(senderOf(message), id, key);
         }
         return 0;
     }
@@ -443,22 +472,27 @@ private:
         std::uint32_t id = 0;
         std::uint32_t reason = 0;
         if (::sd_bus_message_read(message, "uu", &id, &reason) > 0) {
-            static_cast<Worker*>(data)->finishById(id, "");
+            static_cast<Worker*>(data)->finishById(senderOf(message), id, "");
         }
         return 0;
     }
 
-    /// The numbers of a daemon that went away mean nothing to the next one.
+    /// The numbers of a daemon that went away mean nothing to the next one, be it that another program has taken its
+    /// name, or that its connection has ended.
     static int onOwnerChanged(sd_bus_message* message, void* data, sd_bus_error*) {
         auto* self = static_cast<Worker*>(data);
         const char* name = nullptr;
         const char* before = nullptr;
         const char* after = nullptr;
-        if (::sd_bus_message_read(message, "sss", &name, &before, &after) > 0 && std::string_view(name) == daemonName &&
-            *before != '\0') {
+        if (senderOf(message) != busName || ::sd_bus_message_read(message, "sss", &name, &before, &after) <= 0 ||
+            *before == '\0') {
+            return 0;
+        }
+        const std::string daemon = before;
+        if (name == std::string_view(daemonName) || name == daemon) {
             for (Place place = self->waiting_.begin(); place != self->waiting_.end();) {
                 const Place current = place++;
-                if (current->id != 0) {
+                if (current->id != 0 && current->daemon == daemon) {
                     self->finish(current, "");
                 }
             }

@@ -26,6 +26,63 @@ using namespace std::chrono_literals;
 /// Nothing here takes this long; it only keeps a broken test from hanging.
 constexpr auto patience = 60s;
 
+constexpr const char* daemonName = "org.freedesktop.Notifications";
+constexpr const char* daemonPath = "/org/freedesktop/Notifications";
+constexpr const char* busName = "org.freedesktop.DBus";
+constexpr const char* busPath = "/org/freedesktop/DBus";
+
+void require(int result) {
+    if (result < 0) {
+        throw std::runtime_error("a test's connection to the bus fails: " + std::to_string(result));
+    }
+}
+
+/// Another program of the session, which tells one connection what it likes.
+class Stranger {
+public:
+    Stranger() {
+        require(::sd_bus_new(&bus_));
+        require(::sd_bus_set_address(bus_, busAddress()));
+        require(::sd_bus_set_bus_client(bus_, 1));
+        require(::sd_bus_start(bus_));
+        arrive();
+    }
+    ~Stranger() { ::sd_bus_flush_close_unref(bus_); }
+    Stranger(const Stranger&) = delete;
+    Stranger& operator=(const Stranger&) = delete;
+
+    /// A signal to `whom` alone, with these arguments.
+    template <typename... Arguments>
+    void tell(const std::string& whom, const char* path, const char* interface, const char* signal, const char* types,
+              Arguments... arguments) {
+        sd_bus_message* message = nullptr;
+        require(::sd_bus_message_new_signal(bus_, &message, path, interface, signal));
+        require(::sd_bus_message_append(message, types, arguments...));
+        require(::sd_bus_message_set_destination(message, whom.c_str()));
+        require(::sd_bus_send(bus_, message, nullptr));
+        ::sd_bus_message_unref(message);
+        arrive();
+    }
+
+    /// Answers a call that was made to somebody else.
+    void answer(sd_bus_message* call, std::uint32_t id) {
+        sd_bus_message* reply = nullptr;
+        require(::sd_bus_message_new_method_return(call, &reply));
+        require(::sd_bus_message_append(reply, "u", id));
+        require(::sd_bus_send(bus_, reply, nullptr));
+        ::sd_bus_message_unref(reply);
+        arrive();
+    }
+
+private:
+    /// Returns once the bus has passed on whatever was sent before.
+    void arrive() {
+        require(::sd_bus_call_method(bus_, busName, busPath, busName, "GetId", nullptr, nullptr, nullptr));
+    }
+
+    sd_bus* bus_ = nullptr;
+};
+
 /// A notification daemon that does what a test says.
 class Daemon {
 public:
@@ -50,8 +107,8 @@ public:
         require(::sd_bus_set_address(bus_, busAddress()));
         require(::sd_bus_set_bus_client(bus_, 1));
         require(::sd_bus_start(bus_));
-        require(::sd_bus_add_object_vtable(bus_, nullptr, path, name, methods, this));
-        require(::sd_bus_request_name(bus_, name, 0));
+        require(::sd_bus_add_object_vtable(bus_, nullptr, daemonPath, daemonName, methods, this));
+        require(::sd_bus_request_name(bus_, daemonName, SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING));
     }
     ~Daemon() { ::sd_bus_flush_close_unref(bus_); }
     Daemon(const Daemon&) = delete;
@@ -61,30 +118,28 @@ public:
         while (::sd_bus_process(bus_, nullptr) > 0) {
         }
     }
+    [[nodiscard]] const char* uniqueName() const {
+        const char* name = nullptr;
+        require(::sd_bus_get_unique_name(bus_, &name));
+        return name;
+    }
     [[nodiscard]] int descriptor() const { return ::sd_bus_get_fd(bus_); }
 
     void press(std::uint32_t id, const char* key) {
-        require(::sd_bus_emit_signal(bus_, path, name, "ActionInvoked", "us", id, key));
+        require(::sd_bus_emit_signal(bus_, daemonPath, daemonName, "ActionInvoked", "us", id, key));
     }
     void tellClosed(std::uint32_t id) {
-        require(::sd_bus_emit_signal(bus_, path, name, "NotificationClosed", "uu", id, std::uint32_t{2}));
+        require(::sd_bus_emit_signal(bus_, daemonPath, daemonName, "NotificationClosed", "uu", id, std::uint32_t{2}));
     }
 
     bool answers = true;
     bool refuses = false;
     std::vector<Shown> shown;         ///< the first has the number 1
     std::vector<std::uint32_t> taken; ///< away, by CloseNotification
+    std::string caller;               ///< who has shown the last one
+    Stranger* quicker = nullptr;      ///< answers Notify in place of this one
 
 private:
-    static constexpr const char* name = "org.freedesktop.Notifications";
-    static constexpr const char* path = "/org/freedesktop/Notifications";
-
-    static void require(int result) {
-        if (result < 0) {
-            throw std::runtime_error("the daemon's bus fails: " + std::to_string(result));
-        }
-    }
-
     static int onGetCapabilities(sd_bus_message* call, void* data, sd_bus_error*) {
         auto& self = *static_cast<Daemon*>(data);
         sd_bus_message* reply = nullptr;
@@ -128,6 +183,11 @@ private:
         require(::sd_bus_message_exit_container(call));
         require(::sd_bus_message_read(call, "i", &one.milliseconds));
         self.shown.push_back(one);
+        self.caller = ::sd_bus_message_get_sender(call);
+        if (self.quicker != nullptr) {
+            self.quicker->answer(call, static_cast<std::uint32_t>(self.shown.size()));
+            return 1;
+        }
         if (self.refuses) {
             return ::sd_bus_error_set(error, "org.example.Refused", "no");
         }
@@ -283,6 +343,57 @@ TEST_F(LinuxNotificationsTest, ButtonsOfOtherProgramsNotificationsMeanNothing) {
     daemon->press(0, "open");
     daemon->press(1, "folder");
     expectAnswers({"folder"});
+}
+
+TEST_F(LinuxNotificationsTest, BelievesNobodyButTheDaemonThatShowsIt) {
+    const PrivateBus bus;
+    daemon.emplace();
+    showOne();
+    Stranger stranger;
+    for (const std::uint32_t id : {1U, 2U}) {
+        stranger.tell(daemon->caller, daemonPath, daemonName, "ActionInvoked", "us", id, "open");
+        stranger.tell(daemon->caller, daemonPath, daemonName, "NotificationClosed", "uu", id, std::uint32_t{2});
+    }
+    daemon->press(1, "folder"); // arrives behind the others
+    expectAnswers({"folder"});
+}
+
+TEST_F(LinuxNotificationsTest, BelievesNobodyButTheBusThatTheDaemonIsGone) {
+    const PrivateBus bus;
+    daemon.emplace();
+    showOne();
+    Stranger stranger;
+    stranger.tell(daemon->caller, busPath, busName, "NameOwnerChanged", "sss", daemonName, daemon->uniqueName(), "");
+    daemon->press(1, "folder");
+    expectAnswers({"folder"});
+}
+
+TEST_F(LinuxNotificationsTest, OneWhoseNumberSomebodyElseHasGivenIsAnEmptyAnswer) {
+    const PrivateBus bus;
+    daemon.emplace();
+    Stranger stranger;
+    daemon->quicker = &stranger;
+    showOne();
+    stranger.tell(daemon->caller, daemonPath, daemonName, "ActionInvoked", "us", std::uint32_t{1}, "open");
+    expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, ADaemonThatAnotherOneTakesOverFromIsAnEmptyAnswer) {
+    const PrivateBus bus;
+    daemon.emplace();
+    showOne();
+    const Daemon next; // the first one's connection stays
+    expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, ShowsNothingThatHidesOrFillsTheScreen) {
+    const PrivateBus bus;
+    daemon.emplace();
+    show({.title = "File from \u202Egpj", .body = std::string(std::size_t{45} << 20, 'x') + ".pdf"});
+    runUntil([&] { return !daemon->shown.empty(); });
+    EXPECT_EQ(daemon->shown.front().title, "File from \\u{202E}gpj");
+    EXPECT_LE(daemon->shown.front().body.size(), 4096U);
+    EXPECT_TRUE(daemon->shown.front().body.ends_with(".pdf"));
 }
 
 TEST_F(LinuxNotificationsTest, OneThatNobodyAnswersIsTakenAwayWhenItsTimeIsOver) {
