@@ -136,6 +136,17 @@ std::string lowerCased(std::string_view text) {
     return result;
 }
 
+std::string caseFolded(std::string_view text) {
+    const auto* start = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+    utf8proc_uint8_t* folded = nullptr;
+    const utf8proc_ssize_t length = utf8proc_map(
+        start, static_cast<utf8proc_ssize_t>(text.size()), &folded,
+        static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE | UTF8PROC_CASEFOLD | UTF8PROC_IGNORE));
+    const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(folded, &std::free);
+    return length < 0 ? lowerCased(text)
+                      : std::string(reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length));
+}
+
 std::string trimmed(std::string_view text) {
     std::size_t begin = 0;
     std::size_t end = 0; // behind the last character that stays

@@ -18,6 +18,10 @@ void appendUtf8(std::string& text, char32_t character);
 /// Lower case by Unicode's simple mapping; bytes that are not UTF-8 stay as they are.
 [[nodiscard]] std::string lowerCased(std::string_view text);
 
+/// For finding out what a file system that ignores letter case could take for the same name: Unicode's full case
+/// folding, decomposed, and without characters that show nothing. A text that is not UTF-8: as lowerCased().
+[[nodiscard]] std::string caseFolded(std::string_view text);
+
 /// Without Unicode white space and line ends (categories Z*, and U+0009 to U+000D, U+0085) at both ends.
 [[nodiscard]] std::string trimmed(std::string_view text);
 

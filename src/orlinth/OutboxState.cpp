@@ -193,7 +193,8 @@ void OutboxState::save() {
     hasSaved_ = true;
     isWhole_ = false;
     files_->createDirectories(folder_, ownerOnlyFolder);
-    platform::writeWholeFile(*files_, folder_ / fileName, asBytes(encode(phones)), ownerOnly);
+    platform::writeWholeFile(*files_, folder_ / fileName, asBytes(encode(phones)), ownerOnly, platform::Flush::now,
+                             platform::Links::follow);
     isWhole_ = true;
     hasUnflushed_ = false;
 }

@@ -87,7 +87,8 @@ void RemovedPeers::change(const std::function<bool(std::vector<platform::PublicK
         const platform::FileLock lock(files_, file_);
         std::vector<platform::PublicKey> keys = load();
         if (change(keys)) {
-            platform::writeWholeFile(files_, file_, encode(keys), ownerOnly);
+            platform::writeWholeFile(files_, file_, encode(keys), ownerOnly, platform::Flush::now,
+                                     platform::Links::follow);
         }
     } catch (const platform::SystemError& error) {
         throw cannot("change", file_, error);

@@ -107,7 +107,8 @@ Json SourceMemory::load() const {
 void SourceMemory::write(const Json& sources) {
     Json file;
     file["sources"] = sources;
-    platform::writeWholeFile(system_.files, url_, asBytes(prettyJson(file)), 0600);
+    platform::writeWholeFile(system_.files, url_, asBytes(prettyJson(file)), 0600, platform::Flush::now,
+                             platform::Links::follow);
 }
 
 } // namespace orlinth::host

@@ -22,6 +22,8 @@ struct FileStatus {
     std::uint64_t inode = 0;
     std::uint64_t device = 0;
     std::uint32_t permissions = 0; ///< the twelve mode bits
+    std::uint64_t names = 1;       ///< how many a file has on its file system (hard links)
+    std::uint32_t owner = 0;       ///< user id
 
     bool operator==(const FileStatus&) const = default;
 };
@@ -57,6 +59,8 @@ enum class OpenMode {
 /// Whether a link under the last path component is followed.
 enum class Links { follow, refuse };
 
+class Folder;
+
 /// The files of this computer, or their in-memory twin. All throw SystemError unless they say otherwise.
 class FileSystem {
 public:
@@ -70,6 +74,9 @@ public:
     /// umask is taken off them, but never from what the owner gets: 0600 is 0600 under any umask.
     [[nodiscard]] virtual std::unique_ptr<File> open(const Path& path, OpenMode mode, Links links = Links::follow,
                                                      std::uint32_t permissions = 0666) = 0;
+    /// Holds a folder that is there open (platform/Folder.h). Follows links on the way to it: which folder is meant is
+    /// up to whoever chose the path.
+    [[nodiscard]] virtual std::unique_ptr<Folder> openFolder(const Path& path) = 0;
     /// With all missing parents; an existing folder is fine. Only new folders get the permissions; their names survive
     /// a power cut.
     virtual void createDirectories(const Path& path, std::uint32_t permissions = 0777) = 0;
@@ -91,8 +98,6 @@ public:
     virtual void setPermissions(const Path& path, std::uint32_t permissions) = 0;
     /// Returns when the names in this folder would survive a power cut.
     virtual void flushDirectory(const Path& path) = 0;
-    /// Bytes that a name in this folder may have. Best effort: where it cannot be told, what is usual on Linux.
-    [[nodiscard]] virtual std::size_t longestName(const Path& /*folder*/) const noexcept { return 255; }
     /// The names in a folder, in no order.
     [[nodiscard]] virtual std::vector<std::string> list(const Path& path) const = 0;
 };

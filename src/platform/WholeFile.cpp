@@ -5,42 +5,56 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 namespace orlinth::platform {
 namespace {
 
-/// Removes the temporary file unless it was renamed into place.
+/// Removes the temporary file unless it was renamed into place. `Place` is where its name, or its path, means
+/// something.
+template <typename Place, typename Name>
 class TemporaryFile {
 public:
-    TemporaryFile(FileSystem& files, Path path) : files_(files), path_(std::move(path)) {}
+    TemporaryFile(Place& place, Name name) : place_(place), name_(std::move(name)) {}
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     ~TemporaryFile() {
         if (!renamed_) {
             try {
-                files_.remove(path_);
+                place_.remove(name_);
             } catch (const std::exception&) {
                 // Its name is fresh, so what stays behind is in nobody's way; the failure that led here is reported.
             }
         }
     }
 
-    [[nodiscard]] const Path& path() const noexcept { return path_; }
-    void renameTo(const Path& target) {
-        files_.rename(path_, target);
+    void renameTo(const Name& target) {
+        place_.rename(name_, target);
         renamed_ = true;
     }
 
 private:
-    FileSystem& files_;
-    Path path_;
+    Place& place_;
+    Name name_;
     bool renamed_ = false;
 };
 
-Path freshNameBeside(const Path& path) {
+std::string freshName() {
     std::array<std::byte, 8> random{};
     randomBytes(random);
-    return path.parent_path() / ("." + hexEncode(random) + ".tmp");
+    return "." + hexEncode(random) + ".tmp";
+}
+
+/// Fills a new file, closes it and gives it the name of what it replaces.
+template <typename Place, typename Name>
+void replaceBy(std::unique_ptr<File> file, ByteView content, Flush flush, TemporaryFile<Place, Name>& temporary,
+               const Name& target) {
+    file->write(content);
+    if (flush != Flush::later) {
+        file->flush();
+    }
+    file.reset();
+    temporary.renameTo(target);
 }
 
 } // namespace
@@ -63,19 +77,25 @@ Bytes readWholeFile(FileSystem& files, const Path& path) {
     }
 }
 
-void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::uint32_t permissions, Flush flush) {
-    const Path target = files.resolveLinks(path);
-    const Path temporaryPath = freshNameBeside(target);
+void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::uint32_t permissions, Flush flush,
+                    Links links) {
+    const Path target = links == Links::follow ? files.resolveLinks(path) : path;
+    const Path temporaryPath = target.parent_path() / freshName();
     std::unique_ptr<File> file = files.open(temporaryPath, OpenMode::createNew, Links::refuse, permissions);
     TemporaryFile temporary(files, temporaryPath);
-    file->write(content);
-    if (flush != Flush::later) {
-        file->flush();
-    }
-    file.reset();
-    temporary.renameTo(target);
+    replaceBy(std::move(file), content, flush, temporary, target);
     if (flush == Flush::now) {
         files.flushDirectory(target.parent_path());
+    }
+}
+
+void writeWholeFile(Folder& folder, const FileName& name, ByteView content, std::uint32_t permissions, Flush flush) {
+    const FileName temporaryName(freshName());
+    std::unique_ptr<File> file = folder.open(temporaryName, OpenMode::createNew, permissions);
+    TemporaryFile temporary(folder, temporaryName);
+    replaceBy(std::move(file), content, flush, temporary, name);
+    if (flush == Flush::now) {
+        folder.flush();
     }
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/FileSystem.h"
+#include "platform/Folder.h"
 
 namespace orlinth::platform {
 
@@ -20,9 +20,16 @@ enum class Flush {
 /// flush, and a failure means that it is not. With Flush::later neither flush is made: that holds for a crash of the
 /// process only, and a power cut may leave the old content, the new, or anything of the new one's length.
 ///
-/// A link under `path` is kept and its target replaced. On failure the temporary file is removed.
+/// A link under `path` is replaced itself: nobody who may write in that folder can lead the content elsewhere. With
+/// Links::follow it is kept, and its target replaced: for the user's own data folder, where only he puts links.
+/// On failure the temporary file is removed.
 /// @throws SystemError
 void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::uint32_t permissions = 0644,
+                    Flush flush = Flush::now, Links links = Links::refuse);
+
+/// The same in a folder that is held open; a link under the name is replaced itself.
+/// @throws SystemError
+void writeWholeFile(Folder& folder, const FileName& name, ByteView content, std::uint32_t permissions = 0644,
                     Flush flush = Flush::now);
 
 /// Keeps a read-change-write of `path` to one process, and one thread, at a time, for as long as the object lives.

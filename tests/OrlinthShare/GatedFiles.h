@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/FileSystem.h"
+#include "platform/Folder.h"
 
 #include <condition_variable>
 #include <mutex>
@@ -50,6 +50,9 @@ public:
     [[nodiscard]] std::unique_ptr<platform::File> open(const Path& path, platform::OpenMode mode, platform::Links links,
                                                        std::uint32_t permissions) override {
         return files_.open(path, mode, links, permissions);
+    }
+    [[nodiscard]] std::unique_ptr<platform::Folder> openFolder(const Path& path) override {
+        return files_.openFolder(path);
     }
     void createDirectories(const Path& path, std::uint32_t permissions) override {
         pass(path.parent_path().filename());

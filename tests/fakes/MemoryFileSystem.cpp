@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -13,6 +14,7 @@
 namespace orlinth::fakes {
 
 using platform::FileKind;
+using platform::FileName;
 using platform::FileStatus;
 using platform::Links;
 using platform::OpenMode;
@@ -20,6 +22,8 @@ using platform::Path;
 using platform::SystemError;
 
 namespace {
+
+constexpr std::uint32_t user = 1000;
 
 enum class NodeKind { file, folder, link, special };
 
@@ -31,6 +35,8 @@ struct Node {
     NodeKind kind = NodeKind::file;
     std::uint64_t inode = 0;
     std::uint32_t permissions = 0;
+    std::uint32_t owner = user;
+    std::uint64_t nameCount = 0; // in folders
     std::int64_t modifiedNanoseconds = 0;
     Bytes content;                  // of a file, as programs see it
     Bytes flushedContent;           // and on the disk
@@ -84,6 +90,23 @@ const char* nameOf(Operation operation) {
 
 [[noreturn]] void fail(int errorNumber) {
     throw SystemError::fromErrno(errorNumber);
+}
+
+/// Gives a node a name, in place of what has it.
+void setName(Names& names, const std::string& name, const NodePointer& node) {
+    NodePointer& entry = names[name];
+    if (entry) {
+        --entry->nameCount;
+    }
+    entry = node;
+    ++node->nameCount;
+}
+
+void eraseName(Names& names, const std::string& name) {
+    if (const auto found = names.find(name); found != names.end()) {
+        --found->second->nameCount;
+        names.erase(found);
+    }
 }
 
 void require(const Node& node, std::uint32_t permission) {
@@ -215,7 +238,7 @@ struct MemoryFileSystem::State {
 
     NodePointer create(const Place& place, NodeKind kind, std::uint32_t permissions) {
         NodePointer node = make(kind, permissions & ~umask);
-        place.folder->names[place.name] = node;
+        setName(place.folder->names, place.name, node);
         place.folder->modifiedNanoseconds = nextTime();
         return node;
     }
@@ -250,7 +273,8 @@ struct MemoryFileSystem::State {
         return count;
     }
 
-    bool move(const Path& from, const Path& to, bool replace);
+    bool move(const Place& source, const Place& target, bool replace);
+    void remove(const Place& place);
 };
 
 namespace {
@@ -265,6 +289,8 @@ FileStatus statusOf(const Node& node) {
     status.inode = node.inode;
     status.device = 1;
     status.permissions = node.permissions;
+    status.names = node.nameCount;
+    status.owner = node.owner;
     return status;
 }
 
@@ -400,13 +426,14 @@ public:
         const NodePointer result = std::make_shared<Node>(*node);
         known = result;
         result->lockedBy = nullptr;
+        result->nameCount = 0;
         result->content = contentOf(*node);
         result->flushedContent = result->content;
         const bool namesAsSeen = kind_ == CrashKind::processKill || kind_ == CrashKind::powerCutNamesFirst;
         const Names names = namesAsSeen ? node->names : node->flushedNames;
         result->names.clear();
         for (const auto& [name, child] : names) {
-            result->names[name] = copy(child);
+            setName(result->names, name, copy(child));
         }
         result->flushedNames = result->names;
         return result;
@@ -499,9 +526,7 @@ Place MemoryFileSystem::State::find(const Path& path, Links last, bool checkPerm
     return {folder, way.back().first, way.back().second, pathSoFar()};
 }
 
-bool MemoryFileSystem::State::move(const Path& from, const Path& to, bool replace) {
-    const Place source = findExisting(from, Links::refuse);
-    const Place target = find(to, Links::refuse);
+bool MemoryFileSystem::State::move(const Place& source, const Place& target, bool replace) {
     if (!source.folder || !target.folder) {
         fail(EBUSY);
     }
@@ -520,15 +545,27 @@ bool MemoryFileSystem::State::move(const Path& from, const Path& to, bool replac
             fail(ENOTEMPTY);
         }
     }
-    source.folder->names.erase(source.name);
-    target.folder->names[target.name] = source.node;
+    const NodePointer moved = source.node;
+    eraseName(source.folder->names, source.name);
+    setName(target.folder->names, target.name, moved);
     source.folder->modifiedNanoseconds = target.folder->modifiedNanoseconds = nextTime();
     record(Operation::rename, source.path, target.path);
     return true;
 }
 
+void MemoryFileSystem::State::remove(const Place& place) {
+    if (place.node->kind == NodeKind::folder) {
+        fail(EISDIR);
+    }
+    require(*place.folder, mayWrite);
+    eraseName(place.folder->names, place.name);
+    place.folder->modifiedNanoseconds = nextTime();
+    record(Operation::remove, place.path);
+}
+
 MemoryFileSystem::MemoryFileSystem() : state_(std::make_shared<State>()) {
     state_->root = state_->make(NodeKind::folder, 0755);
+    state_->root->nameCount = 1;
 }
 
 MemoryFileSystem::MemoryFileSystem(std::shared_ptr<State> state) : state_(std::move(state)) {}
@@ -558,24 +595,22 @@ bool MemoryFileSystem::exists(const Path& path) const noexcept {
     }
 }
 
-std::unique_ptr<platform::File> MemoryFileSystem::open(const Path& path, OpenMode mode, Links links,
-                                                       std::uint32_t permissions) {
-    state_->announce(Operation::open, path);
-    const std::lock_guard guard(state_->lock);
-    state_->begin(Operation::open, path);
+namespace {
+
+std::unique_ptr<platform::File> openAt(const std::shared_ptr<MemoryFileSystem::State>& state, const Place& place,
+                                       OpenMode mode, std::uint32_t permissions) {
     const bool readable = mode == OpenMode::read || mode == OpenMode::openOrCreate;
     const bool writable = mode != OpenMode::read;
-    const Place place = state_->find(path, mode == OpenMode::createNew ? Links::refuse : links);
     NodePointer node = place.node;
     if (!node) {
         if (mode == OpenMode::read || mode == OpenMode::write) {
             fail(ENOENT);
         }
         require(*place.folder, mayWrite);
-        state_->begin(Operation::create, place.path);
-        node = state_->create(place, NodeKind::file, permissions);
-        state_->record(Operation::create, place.path);
-        return std::make_unique<MemoryFile>(state_, node, place.path, readable, writable);
+        state->begin(Operation::create, place.path);
+        node = state->create(place, NodeKind::file, permissions);
+        state->record(Operation::create, place.path);
+        return std::make_unique<MemoryFile>(state, node, place.path, readable, writable);
     }
     if (mode == OpenMode::createNew) {
         fail(EEXIST);
@@ -590,7 +625,155 @@ std::unique_ptr<platform::File> MemoryFileSystem::open(const Path& path, OpenMod
         fail(EISDIR);
     }
     require(*node, (readable ? mayRead : 0U) | (writable ? mayWrite : 0U));
-    return std::make_unique<MemoryFile>(state_, node, place.path, readable, writable);
+    return std::make_unique<MemoryFile>(state, node, place.path, readable, writable);
+}
+
+std::vector<std::string> sortedNames(const Node& folder) {
+    std::vector<std::string> names;
+    for (const auto& [name, node] : folder.names) {
+        names.push_back(name);
+    }
+    return names;
+}
+
+} // namespace
+
+std::unique_ptr<platform::File> MemoryFileSystem::open(const Path& path, OpenMode mode, Links links,
+                                                       std::uint32_t permissions) {
+    state_->announce(Operation::open, path);
+    const std::lock_guard guard(state_->lock);
+    state_->begin(Operation::open, path);
+    const Place place = state_->find(path, mode == OpenMode::createNew ? Links::refuse : links);
+    return openAt(state_, place, mode, permissions);
+}
+
+namespace {
+
+/// A folder that is held open. What happens to its path is nothing to it.
+class MemoryFolder final : public platform::Folder {
+public:
+    MemoryFolder(std::shared_ptr<MemoryFileSystem::State> state, NodePointer node, Path path, Path openedAs)
+        : state_(std::move(state)), node_(std::move(node)), path_(std::move(path)), openedAs_(std::move(openedAs)) {}
+
+    [[nodiscard]] const Path& path() const noexcept override { return openedAs_; }
+
+    [[nodiscard]] FileStatus status() const override {
+        const std::lock_guard guard(state_->lock);
+        if (state_->crashed) {
+            throw Crash();
+        }
+        return statusOf(*node_);
+    }
+
+    [[nodiscard]] std::optional<FileStatus> status(const FileName& name) const override {
+        state_->announce(Operation::status, pathOf(name));
+        const std::lock_guard guard(state_->lock);
+        state_->begin(Operation::status, pathOf(name));
+        const Place place = placeOf(name);
+        return place.node ? std::optional(statusOf(*place.node)) : std::nullopt;
+    }
+
+    [[nodiscard]] std::unique_ptr<platform::File> open(const FileName& name, OpenMode mode,
+                                                       std::uint32_t permissions) override {
+        state_->announce(Operation::open, pathOf(name));
+        const std::lock_guard guard(state_->lock);
+        state_->begin(Operation::open, pathOf(name));
+        return openAt(state_, placeOf(name), mode, permissions);
+    }
+
+    void rename(const FileName& from, const FileName& to) override {
+        state_->announce(Operation::rename, pathOf(to));
+        const std::lock_guard guard(state_->lock);
+        state_->begin(Operation::rename, pathOf(to));
+        static_cast<void>(state_->move(placeOfExisting(from), placeOf(to), true));
+    }
+
+    [[nodiscard]] bool renameNoReplace(const FileName& from, const FileName& to) override {
+        state_->announce(Operation::rename, pathOf(to));
+        const std::lock_guard guard(state_->lock);
+        state_->begin(Operation::rename, pathOf(to));
+        return state_->move(placeOfExisting(from), placeOf(to), false);
+    }
+
+    void remove(const FileName& name) override {
+        state_->announce(Operation::remove, pathOf(name));
+        const std::lock_guard guard(state_->lock);
+        state_->begin(Operation::remove, pathOf(name));
+        state_->remove(placeOfExisting(name));
+    }
+
+    void flush() override {
+        state_->announce(Operation::flushDirectory, path_);
+        const std::lock_guard guard(state_->lock);
+        state_->begin(Operation::flushDirectory, path_);
+        node_->flushedNames = node_->names;
+        state_->record(Operation::flushDirectory, path_);
+    }
+
+    [[nodiscard]] std::vector<std::string> list() const override {
+        state_->announce(Operation::list, path_);
+        const std::lock_guard guard(state_->lock);
+        state_->begin(Operation::list, path_);
+        require(*node_, mayRead);
+        return sortedNames(*node_);
+    }
+
+    [[nodiscard]] std::size_t longestName() const noexcept override {
+        const std::lock_guard guard(state_->lock);
+        return state_->longestName;
+    }
+
+    [[nodiscard]] std::int64_t freeBytes() const override {
+        const std::lock_guard guard(state_->lock);
+        if (!state_->capacity) {
+            return std::numeric_limits<std::int64_t>::max();
+        }
+        const std::size_t taken = state_->used(*state_->root);
+        return static_cast<std::int64_t>(*state_->capacity > taken ? *state_->capacity - taken : 0);
+    }
+
+    [[nodiscard]] std::uint32_t user() const noexcept override { return fakes::user; }
+
+private:
+    [[nodiscard]] Path pathOf(const FileName& name) const { return path_ / name.text(); }
+
+    [[nodiscard]] Place placeOf(const FileName& name) const {
+        if (node_->nameCount == 0) {
+            fail(ENOENT); // it was removed
+        }
+        if (name.text().size() > state_->longestName) {
+            fail(ENAMETOOLONG);
+        }
+        require(*node_, mayEnter);
+        const auto found = node_->names.find(name.text());
+        return {node_, name.text(), found == node_->names.end() ? nullptr : found->second, pathOf(name)};
+    }
+
+    [[nodiscard]] Place placeOfExisting(const FileName& name) const {
+        Place place = placeOf(name);
+        if (!place.node) {
+            fail(ENOENT);
+        }
+        return place;
+    }
+
+    std::shared_ptr<MemoryFileSystem::State> state_;
+    NodePointer node_;
+    Path path_; ///< without links
+    Path openedAs_;
+};
+
+} // namespace
+
+std::unique_ptr<platform::Folder> MemoryFileSystem::openFolder(const Path& path) {
+    state_->announce(Operation::open, path);
+    const std::lock_guard guard(state_->lock);
+    state_->begin(Operation::open, path);
+    const Place place = state_->findExisting(path);
+    if (place.node->kind != NodeKind::folder) {
+        fail(ENOTDIR);
+    }
+    return std::make_unique<MemoryFolder>(state_, place.node, place.path, path);
 }
 
 void MemoryFileSystem::createDirectories(const Path& path, std::uint32_t permissions) {
@@ -629,14 +812,16 @@ void MemoryFileSystem::rename(const Path& from, const Path& to) {
     state_->announce(Operation::rename, to);
     const std::lock_guard guard(state_->lock);
     state_->begin(Operation::rename, to);
-    static_cast<void>(state_->move(from, to, true));
+    const Place source = state_->findExisting(from, Links::refuse);
+    static_cast<void>(state_->move(source, state_->find(to, Links::refuse), true));
 }
 
 bool MemoryFileSystem::renameNoReplace(const Path& from, const Path& to) {
     state_->announce(Operation::rename, to);
     const std::lock_guard guard(state_->lock);
     state_->begin(Operation::rename, to);
-    return state_->move(from, to, false);
+    const Place source = state_->findExisting(from, Links::refuse);
+    return state_->move(source, state_->find(to, Links::refuse), false);
 }
 
 void MemoryFileSystem::copyToNew(const Path& from, const Path& to, std::uint32_t permissions) {
@@ -667,14 +852,7 @@ void MemoryFileSystem::remove(const Path& path) {
     state_->announce(Operation::remove, path);
     const std::lock_guard guard(state_->lock);
     state_->begin(Operation::remove, path);
-    const Place place = state_->findExisting(path, Links::refuse);
-    if (place.node->kind == NodeKind::folder) {
-        fail(EISDIR);
-    }
-    require(*place.folder, mayWrite);
-    place.folder->names.erase(place.name);
-    place.folder->modifiedNanoseconds = state_->nextTime();
-    state_->record(Operation::remove, place.path);
+    state_->remove(state_->findExisting(path, Links::refuse));
 }
 
 void MemoryFileSystem::removeDirectory(const Path& path) {
@@ -692,7 +870,7 @@ void MemoryFileSystem::removeDirectory(const Path& path) {
         fail(ENOTEMPTY);
     }
     require(*place.folder, mayWrite);
-    place.folder->names.erase(place.name);
+    eraseName(place.folder->names, place.name);
     place.folder->modifiedNanoseconds = state_->nextTime();
     state_->record(Operation::removeDirectory, place.path);
 }
@@ -750,11 +928,7 @@ std::vector<std::string> MemoryFileSystem::list(const Path& path) const {
         fail(ENOTDIR);
     }
     require(*place.node, mayRead);
-    std::vector<std::string> names;
-    for (const auto& [name, node] : place.node->names) {
-        names.push_back(name);
-    }
-    return names;
+    return sortedNames(*place.node);
 }
 
 namespace {
@@ -763,15 +937,15 @@ namespace {
 void putNode(MemoryFileSystem::State& state, const Path& path, const NodePointer& node) {
     NodePointer folder = state.root;
     for (const std::string& name : componentsOf(path.parent_path(), state.longestName)) {
-        NodePointer& child = folder->names[name];
-        if (!child) {
-            child = state.make(NodeKind::folder, 0755);
+        if (!folder->names.contains(name)) {
+            setName(folder->names, name, state.make(NodeKind::folder, 0755));
         }
+        const NodePointer child = folder->names[name];
         folder->flushedNames[name] = child;
         folder = child;
     }
     const std::string name = path.filename().native();
-    folder->names[name] = node;
+    setName(folder->names, name, node);
     folder->flushedNames[name] = node;
     folder->modifiedNanoseconds = state.nextTime();
 }
@@ -801,6 +975,23 @@ void MemoryFileSystem::putLink(const Path& path, const Path& target) {
 void MemoryFileSystem::putSpecial(const Path& path) {
     const std::lock_guard guard(state_->lock);
     putNode(*state_, path, state_->make(NodeKind::special, 0644));
+}
+
+void MemoryFileSystem::putSecondName(const Path& path, const Path& existing) {
+    const std::lock_guard guard(state_->lock);
+    putNode(*state_, path, state_->find(existing, Links::refuse, false).node);
+}
+
+void MemoryFileSystem::swapIn(const Path& from, const Path& to) {
+    const std::lock_guard guard(state_->lock);
+    const Place source = state_->find(from, Links::refuse, false);
+    putNode(*state_, to, source.node);
+    eraseName(source.folder->names, source.name);
+}
+
+void MemoryFileSystem::setOwner(const Path& path, std::uint32_t owner) {
+    const std::lock_guard guard(state_->lock);
+    state_->find(path, Links::refuse, false).node->owner = owner;
 }
 
 std::optional<std::string> MemoryFileSystem::content(const Path& path) const {
@@ -864,11 +1055,6 @@ void MemoryFileSystem::setLongestName(std::size_t bytes) {
     state_->longestName = bytes;
 }
 
-std::size_t MemoryFileSystem::longestName(const Path& /*folder*/) const noexcept {
-    const std::lock_guard guard(state_->lock);
-    return state_->longestName;
-}
-
 void MemoryFileSystem::crashAfter(std::size_t mutations, std::size_t tornBytes) {
     const std::lock_guard guard(state_->lock);
     state_->crashAtMutation = state_->mutations + mutations;
@@ -884,6 +1070,7 @@ std::unique_ptr<MemoryFileSystem> MemoryFileSystem::afterCrash(CrashKind kind) c
     const std::lock_guard guard(state_->lock);
     auto state = std::make_shared<State>();
     state->root = Survivors(kind).copy(state_->root);
+    state->root->nameCount = 1;
     state->lastInode = state_->lastInode;
     state->lastTime = state_->lastTime;
     return std::unique_ptr<MemoryFileSystem>(new MemoryFileSystem(std::move(state)));

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/FileSystem.h"
+#include "platform/Folder.h"
 
 #include <exception>
 #include <functional>
@@ -34,7 +34,7 @@ enum class Operation {
     read,
     seek,
     lock,   ///< lock() and tryLock()
-    status, ///< status() of a path; exists() answers "no" then
+    status, ///< status() of a path, or of a name in a Folder; exists() answers "no" then
     list,
     create, ///< a new file, by open()
     write,
@@ -60,8 +60,9 @@ struct Fault {
     std::string nameEnding{};             ///< only operations on a path that ends so
 };
 
-/// The in-memory twin of the file system: folders, files, symbolic links, permissions (as for a user who is not root,
-/// with the umask 022), inode numbers, and flock() between open file objects, also across threads.
+/// The in-memory twin of the file system: folders, files, symbolic links, second names, owners, permissions (as for a
+/// user who is not root, with the umask 022), inode numbers, and flock() between open file objects, also across
+/// threads.
 ///
 /// It knows two states: what the programs see, and what is on the disk. A file's content gets to the disk by flush(),
 /// the names in a folder by flushDirectory() of that folder (a new folder's own name by that of its parent). A crash
@@ -80,6 +81,8 @@ public:
     [[nodiscard]] std::unique_ptr<platform::File> open(const platform::Path& path, platform::OpenMode mode,
                                                        platform::Links links = platform::Links::follow,
                                                        std::uint32_t permissions = 0666) override;
+    /// An open(); each call of the folder then is an operation on that name in it, as if by its path.
+    [[nodiscard]] std::unique_ptr<platform::Folder> openFolder(const platform::Path& path) override;
     void createDirectories(const platform::Path& path, std::uint32_t permissions = 0777) override;
     void rename(const platform::Path& from, const platform::Path& to) override;
     [[nodiscard]] bool renameNoReplace(const platform::Path& from, const platform::Path& to) override;
@@ -91,7 +94,6 @@ public:
     void setPermissions(const platform::Path& path, std::uint32_t permissions) override;
     void flushDirectory(const platform::Path& path) override;
     [[nodiscard]] std::vector<std::string> list(const platform::Path& path) const override; ///< sorted, here
-    [[nodiscard]] std::size_t longestName(const platform::Path& folder) const noexcept override;
 
     // Setting the scene: with missing parents, on the disk at once, neither counted nor subject to faults, permissions
     // and crashes.
@@ -100,6 +102,12 @@ public:
     void putLink(const platform::Path& path, const platform::Path& target);
     /// Something that is neither file nor folder.
     void putSpecial(const platform::Path& path);
+    /// A second name of what has the name `existing`.
+    void putSecondName(const platform::Path& path, const platform::Path& existing);
+    /// Moves what has the name `from`, in place of whatever has the name `to`.
+    void swapIn(const platform::Path& from, const platform::Path& to);
+    /// Another user's, from now on. The programs under test are user 1000, and so is everything else.
+    void setOwner(const platform::Path& path, std::uint32_t owner);
 
     // Looking at it, in the same way.
     /// The content of the file; nothing if there is none.

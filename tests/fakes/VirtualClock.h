@@ -49,7 +49,8 @@ void start(asio::io_context& context, Task<> task, std::shared_ptr<std::exceptio
 void runUntilEnded(asio::io_context& context, VirtualClock& clock, const bool& ended);
 template <typename T>
 Task<> keep(Task<T> task, std::shared_ptr<std::optional<T>> value) {
-    *value = co_await std::move(task);
+    T result = co_await std::move(task);
+    value->emplace(std::move(result));
 }
 } // namespace detail
 

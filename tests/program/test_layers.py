@@ -59,6 +59,19 @@ class Layers(unittest.TestCase):
             with self.subTest(path=path, line=line):
                 self.assertEqual(self.verdict(path, line), "")
 
+    def test_the_downloads_folder_is_used_by_its_descriptor(self):
+        for path, line in (("OrlinthCore/Receiving/IncomingFile.cpp", "system_->files.remove(path);"),
+                           ("OrlinthCore/Receiving/IncomingFile.h", "platform::FileSystem& files;"),
+                           ("OrlinthCore/Receiving/PartialMeta.cpp", "if (files.exists(sidecar)) {"),
+                           ("OrlinthCore/Receiving/CollisionResolver.cpp", "return std::filesystem::exists(path);")):
+            with self.subTest(path=path, line=line):
+                self.assertIn(f"src/{path}:1: ", self.verdict(path, line))
+        for path, line in (("OrlinthCore/Receiving/IncomingFile.cpp", "folder_->remove(name); // no files by path"),
+                           ("OrlinthCore/Receiving/IncomingFile.cpp", "return system.files.openFolder(path);"),
+                           ("OrlinthCore/Receiving/DeliveredTransfers.cpp", "system_.files.open(file_);")):
+            with self.subTest(path=path, line=line):
+                self.assertEqual(self.verdict(path, line), "")
+
     def test_includes_against_the_arrows_are_named_with_file_and_line(self):
         for path, line in (("base/A.cpp", '#include "platform/Clock.h"'),
                            ("base/A.cpp", "#include <asio/awaitable.hpp>"),

@@ -163,6 +163,15 @@ class WaysToPair(PairingTest):
         self.exchange(self.mac, self.phone, ours)
         self.exchange(self.phone, self.mac, theirs)
 
+    def test_a_link_in_the_pictures_place_is_replaced_itself(self):
+        picture, precious = self.folder / "code.png", self.folder / "precious"
+        precious.write_text("precious")
+        picture.symlink_to(precious)
+        self.pair("--yes", "--png", str(picture))
+        self.assertEqual("precious", precious.read_text())
+        self.assertFalse(picture.is_symlink())
+        self.assertEqual(0o600, picture.stat().st_mode & 0o777)
+
     def test_by_the_payload_in_a_file_and_files_go_both_ways(self):
         program = self.pair("--yes")
         self.assertEqual(PAYLOAD_KEYS, sorted(program.payload))

@@ -1,6 +1,6 @@
 #include "OrlinthCore/Receiving/ReceiveTransfer.h"
 
-#include "OrlinthCore/Receiving/PartialMeta.h"
+#include "fakes/Sidecar.h"
 #include "fakes/World.h"
 #include "platform/SystemError.h"
 
@@ -190,7 +190,7 @@ TEST_F(ReceiveTransfer, WritesTheSidecarBeforeItAnswers) {
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt", 10, "ID-7"));
         static_cast<void>(co_await phone->expect<Row::Resume>());
-        const std::optional<PartialMeta> meta = PartialMetaIO::load(theWorld.files, folder / "a.txt.partial");
+        const std::optional<PartialMeta> meta = fakes::sidecarOf(theWorld.files, folder / "a.txt.partial");
         EXPECT_TRUE(meta.has_value());
         if (meta) {
             EXPECT_EQ(meta->transfer_id, "ID-7");
@@ -210,7 +210,7 @@ TEST_F(ReceiveTransfer, RewritesTheSidecarsTimeOnAResume) {
                     R"({"transfer_id":"ID-1","advertised_size":10,"started_at_epoch_ms":5})");
     Script script{.frames = {offer("a.txt"), Row::clipboard("x", "text/plain")}};
     static_cast<void>(failureFrom(script));
-    const std::optional<PartialMeta> meta = PartialMetaIO::load(world.files, folder / "a.txt.partial");
+    const std::optional<PartialMeta> meta = fakes::sidecarOf(world.files, folder / "a.txt.partial");
     ASSERT_TRUE(meta);
     EXPECT_GT(meta->started_at_epoch_ms, 5);
     EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "0123") << "nothing is cut off";
@@ -228,7 +228,7 @@ TEST_F(ReceiveTransfer, KeepsAndFlushesThePartialWhenTheConnectionIsLost) {
     EXPECT_EQ(world.failure<WireConnection::Error>(receive()).description(), "wire EOF before expected bytes");
     const auto next = world.files.afterCrash(fakes::CrashKind::powerCut);
     EXPECT_EQ(next->content(folder / "a.txt.partial"), "01234") << "even a power cut now keeps it";
-    EXPECT_TRUE(PartialMetaIO::load(*next, folder / "a.txt.partial"));
+    EXPECT_TRUE(fakes::sidecarOf(*next, folder / "a.txt.partial"));
     EXPECT_FALSE(world.files.isLocked(folder / "a.txt.partial"));
 }
 
@@ -402,7 +402,7 @@ TEST_F(ReceiveTransfer, ReportsAFullDiskAndKeepsWhatFits) {
     world.files.setCapacity(6000);
     Script script{.frames = {offer("a.txt", 8000), std::string(4000, 'a'), std::string(4000, 'b'), Row::done()}};
     EXPECT_EQ(failureFrom(script).description(), "file write failed: No space left on device");
-    EXPECT_TRUE(PartialMetaIO::load(world.files, folder / "a.txt.partial"));
+    EXPECT_TRUE(fakes::sidecarOf(world.files, folder / "a.txt.partial"));
 }
 
 TEST_F(ReceiveTransfer, ReportsASidecarThatCannotBeWrittenAndDoesNotBlockTheName) {
@@ -415,7 +415,7 @@ TEST_F(ReceiveTransfer, ReportsASidecarThatCannotBeWrittenAndDoesNotBlockTheName
         EXPECT_TRUE(co_await phone->seesTheEnd());
     }(world));
     EXPECT_EQ(world.failure<ReceiveError>(receive()).description(), "file write failed: meta write: Permission denied");
-    EXPECT_TRUE(world.files.allFiles().empty());
+    EXPECT_TRUE(filesInDownloads().empty());
 }
 
 TEST_F(ReceiveTransfer, ReportsAFailedRenameAndKeepsEverythingForAResume) {
@@ -423,7 +423,7 @@ TEST_F(ReceiveTransfer, ReportsAFailedRenameAndKeepsEverythingForAResume) {
     Script script{.frames = {offer("a.txt"), "0123456789", Row::done()}};
     EXPECT_EQ(failureFrom(script).description(), "file write failed: rename: Permission denied");
     EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "0123456789");
-    EXPECT_TRUE(PartialMetaIO::load(world.files, folder / "a.txt.partial"));
+    EXPECT_TRUE(fakes::sidecarOf(world.files, folder / "a.txt.partial"));
 }
 
 TEST_F(ReceiveTransfer, RefusesAPartialThatAnotherReceiverIsWriting) {
@@ -479,7 +479,7 @@ TEST_F(ReceiveTransfer, ReportsAPartialThatCannotBeSought) {
     }(world));
     EXPECT_EQ(world.failure<ReceiveError>(receive()).description(), "file write failed: Input/output error");
     EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "0123");
-    EXPECT_TRUE(PartialMetaIO::load(world.files, folder / "a.txt.partial"));
+    EXPECT_TRUE(fakes::sidecarOf(world.files, folder / "a.txt.partial"));
 }
 
 TEST_F(ReceiveTransfer, LeavesNothingOfAFreshPartialThatCannotBeSought) {
@@ -598,7 +598,7 @@ TEST_F(ReceiveTransfer, StoppedInTheMiddleKeepsThePartial) {
         EXPECT_TRUE(platform::isCancellation(error)) << error.what();
     }
     EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "01234");
-    EXPECT_TRUE(PartialMetaIO::load(world.files, folder / "a.txt.partial"));
+    EXPECT_TRUE(fakes::sidecarOf(world.files, folder / "a.txt.partial"));
 }
 
 TEST(ReceiveErrorTexts, AreTheFixedOnes) {

@@ -1,6 +1,6 @@
-#include "OrlinthCore/Receiving/PartialMeta.h"
 #include "OrlinthCore/Receiving/ReceiveTransfer.h"
 #include "fakes/ReceiverWorld.h"
+#include "fakes/Sidecar.h"
 
 #include <gmock/gmock.h>
 
@@ -46,7 +46,7 @@ protected:
     void expectPartial(bool openTransfer) {
         if (openTransfer) {
             EXPECT_EQ(world.text(folder / "a.txt.partial"), "01234");
-            EXPECT_TRUE(PartialMetaIO::load(world.files, folder / "a.txt.partial"));
+            EXPECT_TRUE(fakes::sidecarOf(world.files, folder / "a.txt.partial"));
         }
         EXPECT_EQ(ActiveTransfers::shared().ownerCount(), 0U);
         EXPECT_EQ(ActiveTransfers::shared().drainingCount(), 0U);

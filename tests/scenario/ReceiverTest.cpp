@@ -1,6 +1,6 @@
-#include "OrlinthCore/Receiving/PartialMeta.h"
 #include "OrlinthCore/Receiving/ReceiveTransfer.h"
 #include "fakes/ReceiverWorld.h"
+#include "fakes/Sidecar.h"
 
 #include <gmock/gmock.h>
 
@@ -205,7 +205,7 @@ TEST_F(ReceiverTest, StopLeavesConnectionsInEveryStateWithNothingButResumablePar
     EXPECT_TRUE(world.seesTheEnd(*early) && world.seesTheEnd(*offered) && world.seesTheEnd(*inTheData));
     EXPECT_EQ(world.ends(), 0U) << "what we end ourselves is no failure";
     EXPECT_EQ(world.text(folder / "data.txt.partial"), "012345");
-    EXPECT_TRUE(PartialMetaIO::load(world.files, folder / "data.txt.partial"));
+    EXPECT_TRUE(fakes::sidecarOf(world.files, folder / "data.txt.partial"));
     EXPECT_FALSE(world.files.isLocked(folder / "data.txt.partial"));
     EXPECT_TRUE(ActiveTransfers::shared().ownerCount() == 0 && ActiveTransfers::shared().drainingCount() == 0);
 
@@ -367,7 +367,8 @@ FolderState stateOf(ReceiverWorld& world, std::vector<std::int64_t> offsets) {
         if (file.starts_with(folder.native())) {
             state.files.push_back(file);
             const std::string content = world.text(file);
-            state.contents.push_back(file.ends_with(".json") ? content.substr(0, content.find("started_at")) : content);
+            state.contents.push_back(file.ends_with(".json") ? content.substr(0, content.find("peer_pubkey"))
+                                                             : content);
         }
     }
     return state;

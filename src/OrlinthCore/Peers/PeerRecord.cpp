@@ -170,7 +170,8 @@ PeerBook PeerStore::loadBook() const {
 void PeerStore::writeBook(const PeerBook& book) {
     createDirectory();
     try {
-        platform::writeWholeFile(files_, fileURL_, asBytes(prettyJson(book.toJson())), ownerOnly);
+        platform::writeWholeFile(files_, fileURL_, asBytes(prettyJson(book.toJson())), ownerOnly, platform::Flush::now,
+                                 platform::Links::follow);
     } catch (const SystemError& error) {
         throw PeerStoreError::write(error.description());
     }

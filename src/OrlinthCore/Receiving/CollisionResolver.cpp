@@ -10,8 +10,8 @@
 
 namespace orlinth {
 
-using platform::FileSystem;
-using platform::Path;
+using platform::FileName;
+using platform::Folder;
 
 namespace {
 
@@ -20,6 +20,15 @@ constexpr const char* nameForNothing = "received";
 /// Bytes behind the final name in that of the sidecar, the longest of the three.
 constexpr std::size_t suffixBytes =
     std::string_view(CollisionResolver::partialSuffix).size() + std::string_view(PartialMetaIO::suffix).size();
+
+/// A name with which nothing else is wrong, until it is not reserved any more.
+std::string notReserved(std::string name) {
+    for (std::size_t dot = name.rfind('.'); dot != std::string::npos && CollisionResolver::isReserved(name);
+         dot = name.rfind('.')) {
+        name[dot] = '_';
+    }
+    return name;
+}
 
 /// A base name in its two parts, for numbering, in a folder whose names have at most `longestName` bytes.
 class SplitName {
@@ -34,17 +43,21 @@ public:
         }
     }
 
-    [[nodiscard]] std::string candidate(int number) const {
+    [[nodiscard]] FileName candidate(int number) const {
         return with(number == 1 ? "" : " " + std::to_string(number), ending_);
     }
-    [[nodiscard]] std::string unique() const { return with("-" + platform::randomUuidText(), ending_); }
+    [[nodiscard]] FileName unique() const { return with("-" + platform::randomUuidText(), ending_); }
     /// The same, with a dot at its end without an extension too.
-    [[nodiscard]] std::string uniqueWithDot() const {
+    [[nodiscard]] FileName uniqueWithDot() const {
         return with("-" + platform::randomUuidText(), ending_.empty() ? "." : ending_);
     }
 
 private:
-    [[nodiscard]] std::string with(const std::string& number, const std::string& ending) const {
+    [[nodiscard]] FileName with(const std::string& number, const std::string& ending) const {
+        return FileName(notReserved(fitting(number, ending))); // at the end: shortening may make a reserved name
+    }
+
+    [[nodiscard]] std::string fitting(const std::string& number, const std::string& ending) const {
         const std::size_t rest = number.size() + ending.size();
         if (stem_.size() + rest <= longest_) {
             return stem_ + number + ending;
@@ -58,43 +71,29 @@ private:
     std::string ending_; ///< with its dot
 };
 
-Path partialOf(const Path& final) {
-    return Path(final) += CollisionResolver::partialSuffix;
-}
-
-bool isLink(const FileSystem& files, const Path& path) noexcept {
+/// Whether anything has this name. What cannot be looked at is left for the caller to fail on.
+bool isTaken(const Folder& folder, const FileName& name) noexcept {
     try {
-        return files.resolveLinks(path) != path;
-    } catch (const platform::SystemError& error) {
-        if (error.code() == std::errc::filename_too_long) {
-            return false;
-        }
-        // Where the folder itself can be looked into, it is the way of a link that cannot be followed to its end.
-        return files.exists(path.parent_path() / ".");
+        return folder.status(name).has_value();
     } catch (const std::exception&) {
         return false;
     }
 }
 
-/// Whether something has this name. A link that leads nowhere does: no file can be made or moved there.
-bool isTaken(const FileSystem& files, const Path& path) noexcept {
-    return files.exists(path) || isLink(files, path);
+bool isTakenWithPartial(const Folder& folder, const FileName& name) {
+    return isTaken(folder, name) || isTaken(folder, CollisionResolver::partialOf(name));
 }
 
-bool isTakenWithPartial(const FileSystem& files, const Path& path) {
-    return isTaken(files, path) || isTaken(files, partialOf(path));
-}
-
-/// How much an earlier attempt of this very transfer left; nothing if the partial file is somebody else's. Only a
-/// regular file under its own name can be ours: a link would lead the data elsewhere, a pipe would hold the receiver.
-std::optional<std::int64_t> resumeOffset(FileSystem& files, const Path& partial, const std::string& transferId) {
-    const std::optional<PartialMeta> meta = PartialMetaIO::load(files, partial);
-    if (!meta || meta->transfer_id != transferId || isLink(files, partial)) {
+/// How much an earlier attempt of this very transfer left; nothing if the partial file is somebody else's.
+std::optional<std::int64_t> resumeOffset(Folder& folder, const FileName& partial,
+                                         const CollisionResolver::Transfer& transfer) {
+    const std::optional<PartialMeta> meta = PartialMetaIO::load(folder, partial);
+    if (!meta || !meta->isOf(transfer.id, transfer.phone)) {
         return std::nullopt;
     }
     try {
-        const std::optional<platform::FileStatus> status = files.status(partial);
-        if (status && status->kind != platform::FileKind::regular) {
+        const std::optional<platform::FileStatus> status = folder.status(partial);
+        if (status && !CollisionResolver::mayContinue(folder, *status)) {
             return std::nullopt;
         }
         return status ? status->size : 0;
@@ -114,36 +113,52 @@ std::string CollisionResolver::sanitize(const std::string& name) {
     return safe.empty() || safe == "." || safe == ".." ? nameForNothing : safe;
 }
 
-CollisionResolver::Target CollisionResolver::resolveTarget(FileSystem& files, const Path& dir,
-                                                           const std::string& baseName, const std::string& transferId) {
-    const SplitName name(baseName, files.longestName(dir));
-    for (int number = 1; number <= lastCandidate; ++number) {
-        const Path final = dir / name.candidate(number);
-        const Path partial = partialOf(final);
-        if (isTaken(files, final)) {
-            continue;
-        }
-        if (!isTaken(files, partial)) {
-            return {final, partial, 0};
-        }
-        if (const std::optional<std::int64_t> offset = resumeOffset(files, partial, transferId)) {
-            return {final, partial, *offset};
-        }
-    }
-    const Path final = dir / name.unique();
-    return {final, partialOf(final), 0};
+bool CollisionResolver::isReserved(std::string_view name) {
+    const std::string folded = caseFolded(name);
+    const std::size_t end = folded.find_last_not_of(". "); // FAT leaves these out
+    const std::string_view seen = std::string_view(folded).substr(0, end == std::string::npos ? 0 : end + 1);
+    return seen.ends_with(partialSuffix) || seen.ends_with(std::string(partialSuffix) + PartialMetaIO::suffix);
 }
 
-Path CollisionResolver::resolveFinalURL(FileSystem& files, const Path& dir, const std::string& baseName) {
-    const SplitName name(baseName, files.longestName(dir));
+FileName CollisionResolver::partialOf(const FileName& final) {
+    return final + partialSuffix;
+}
+
+bool CollisionResolver::mayContinue(const Folder& folder, const platform::FileStatus& partial) {
+    return partial.kind == platform::FileKind::regular && folder.isOwn(partial);
+}
+
+CollisionResolver::Target CollisionResolver::resolveTarget(Folder& folder, const std::string& baseName,
+                                                           const Transfer& transfer) {
+    const SplitName name(baseName, folder.longestName());
     for (int number = 1; number <= lastCandidate; ++number) {
-        const Path candidate = dir / name.candidate(number);
-        if (!isTakenWithPartial(files, candidate)) {
+        FileName final = name.candidate(number);
+        FileName partial = partialOf(final);
+        if (isTaken(folder, final)) {
+            continue;
+        }
+        if (!isTaken(folder, partial)) {
+            return {std::move(final), std::move(partial), 0};
+        }
+        if (const std::optional<std::int64_t> offset = resumeOffset(folder, partial, transfer)) {
+            return {std::move(final), std::move(partial), *offset};
+        }
+    }
+    FileName final = name.unique();
+    FileName partial = partialOf(final);
+    return {std::move(final), std::move(partial), 0};
+}
+
+FileName CollisionResolver::resolveFinalURL(Folder& folder, const std::string& baseName) {
+    const SplitName name(baseName, folder.longestName());
+    for (int number = 1; number <= lastCandidate; ++number) {
+        FileName candidate = name.candidate(number);
+        if (!isTakenWithPartial(folder, candidate)) {
             return candidate;
         }
     }
     // The dot is there without an extension too, unlike in resolveTarget(): other receivers name such files so.
-    return dir / name.uniqueWithDot();
+    return name.uniqueWithDot();
 }
 
 } // namespace orlinth

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/FileSystem.h"
+#include "platform/Folder.h"
 
 #include <string>
 #include <string_view>
@@ -8,33 +8,49 @@
 namespace orlinth {
 
 /// Turns the name that a phone announces into a safe local one, and finds where the file goes without overwriting
-/// anything. Decides by looking at the folder alone; nothing here throws.
+/// anything. Decides by looking at the folder alone.
 ///
-/// A name counts as taken when it, or it with ".partial" behind it, exists; a link that leads nowhere does exist here.
-/// Base names are what sanitize() returned. Where a name with its number would leave no room for the two suffixes
-/// behind it in what the file system takes for a name, its stem is shortened, and its extension kept.
+/// A name counts as taken when anything at all has it, or has it with ".partial" behind it. Base names are what
+/// sanitize() returned. Where a name with its number would leave no room for the two suffixes behind it in what the
+/// file system takes for a name, its stem is shortened, and its extension kept.
+///
+/// No file is ever delivered under a name that a partial file or a sidecar could have (isReserved()): a phone could
+/// else have a file of the user's own taken for its partial download. The last dot of such a name becomes "_".
 struct CollisionResolver {
     static constexpr const char* partialSuffix = ".partial";
     /// "photo.jpg", "photo 2.jpg", ... "photo 9999.jpg", then a name with a UUID.
     static constexpr int lastCandidate = 9999;
 
     struct Target {
-        platform::Path final;
-        platform::Path partial;
+        platform::FileName final;
+        platform::FileName partial;
         std::int64_t resumeOffset = 0; ///< bytes that an earlier attempt of the same transfer left; 0 for a fresh one
+    };
+    /// Who sends what.
+    struct Transfer {
+        std::string id;    ///< as the offer gave it
+        std::string phone; ///< its key, Base64
     };
 
     /// The last path component without NUL, slashes, backslashes and white space around it; "received" if nothing is
     /// left.
     [[nodiscard]] static std::string sanitize(const std::string& name);
-    /// The first free name, or the partial file that an earlier attempt of this very transfer left: a regular file, no
-    /// link, whose sidecar has the same id. A new attempt meets the same target, unless it was made or taken meanwhile.
-    [[nodiscard]] static Target resolveTarget(platform::FileSystem& files, const platform::Path& dir,
-                                              const std::string& baseName, const std::string& transferId);
+    /// Whether some file system could take the name for that of a partial file or of a sidecar: by its ending, in any
+    /// letter case, with characters that show nothing in it, with dots or blanks behind it.
+    [[nodiscard]] static bool isReserved(std::string_view name);
+    /// The name of the partial file.
+    [[nodiscard]] static platform::FileName partialOf(const platform::FileName& final);
+    /// The first free name, or the partial file that an earlier attempt of this very transfer left: mayContinue(), and
+    /// a sidecar of the same id and phone. A new attempt meets the same target, unless it was made or taken meanwhile.
+    [[nodiscard]] static Target resolveTarget(platform::Folder& folder, const std::string& baseName,
+                                              const Transfer& transfer);
     /// The first free name, for a file whose own was taken while it came in. Should that be taken too before the file
     /// is there, another call finds another.
-    [[nodiscard]] static platform::Path resolveFinalURL(platform::FileSystem& files, const platform::Path& dir,
-                                                        const std::string& baseName);
+    [[nodiscard]] static platform::FileName resolveFinalURL(platform::Folder& folder, const std::string& baseName);
+    /// Whether what has the name of a partial file can be one of ours: a regular file of our own with no other name. A
+    /// link would lead the data elsewhere, a pipe would hold the receiver, and the content of a stranger's file would
+    /// be delivered as the phone's.
+    [[nodiscard]] static bool mayContinue(const platform::Folder& folder, const platform::FileStatus& partial);
 };
 
 } // namespace orlinth

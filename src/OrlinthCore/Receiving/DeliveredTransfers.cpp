@@ -51,7 +51,8 @@ DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
                                           .at_epoch_ms = requireInt64(json, "at_epoch_ms")};
     const auto settled = json.find("settled");
     delivery.isSettled = settled != json.end() && settled->is_boolean() && settled->get<bool>();
-    const bool isPlausible = delivery.path.is_absolute() && delivery.path.native().find('\0') == std::string::npos &&
+    const bool isPlausible = delivery.path.is_absolute() && delivery.path.has_filename() &&
+                             delivery.path.native().find('\0') == std::string::npos &&
                              delivery.path.native().size() <= longestPath && delivery.size >= 0 &&
                              delivery.transfer_id.size() <= DeliveredTransfers::maxIdBytes &&
                              delivery.phone.size() <= longestKeyText;
@@ -221,8 +222,8 @@ void DeliveredTransfers::writeAnew() {
     std::string content;
     content.reserve(size);
     std::for_each(lines.rbegin(), lines.rend(), [&content](const std::string& line) { content += line; });
-    platform::writeWholeFile(system_.files, file_, asBytes(content), deliveredFilePermissions,
-                             platform::Flush::content);
+    platform::writeWholeFile(system_.files, file_, asBytes(content), deliveredFilePermissions, platform::Flush::content,
+                             platform::Links::follow);
     log_.reset();
     catchUp();
 }
@@ -257,6 +258,20 @@ void DeliveredTransfers::bestEffort(const char* what, Step step) {
     }
 }
 
+bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
+    try {
+        const std::unique_ptr<platform::Folder> folder = system_.files.openFolder(delivery.path.parent_path());
+        const std::optional<platform::FileStatus> file =
+            folder->status(platform::FileName(delivery.path.filename().native()));
+        return file && isSameFile(delivery, *file);
+    } catch (const platform::SystemError& error) {
+        if (error.code() == std::errc::no_such_file_or_directory || error.code() == std::errc::not_a_directory) {
+            return false;
+        }
+        throw;
+    }
+}
+
 std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::string& phone,
                                                                      const std::string& transferId) {
     const std::lock_guard guard(lock_);
@@ -267,12 +282,17 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::
         if (delivery == nullptr || delivery->at_epoch_ms < system_.clock.epochMilliseconds() - maxAgeMilliseconds) {
             return;
         }
-        const std::optional<platform::FileStatus> file = system_.files.status(delivery->path);
-        if (file && isSameFile(*delivery, *file)) {
+        if (isStillThere(*delivery)) {
             found = *delivery;
         }
     });
     return found;
+}
+
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::string& phone,
+                                                                     const std::string& transferId, std::int64_t size) {
+    std::optional<Delivery> found = find(phone, transferId);
+    return found && found->size == size ? found : std::nullopt;
 }
 
 void DeliveredTransfers::intend(const std::string& phone, const std::string& transferId, const platform::Path& path,

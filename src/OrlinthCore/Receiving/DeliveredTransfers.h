@@ -68,8 +68,11 @@ public:
     DeliveredTransfers& operator=(const DeliveredTransfers&) = delete;
     ~DeliveredTransfers();
 
-    /// The transfer, if its file still lies where it was delivered, unchanged.
+    /// The transfer, if its file still lies where it was delivered, unchanged: it itself, and no link in its place.
     [[nodiscard]] std::optional<Delivery> find(const std::string& phone, const std::string& transferId);
+    /// The same, if it has the size that is offered: else it is not the one that is meant, whatever its id says.
+    [[nodiscard]] std::optional<Delivery> find(const std::string& phone, const std::string& transferId,
+                                               std::int64_t size);
     /// `file` is what its partial file is like, flushed; it is about to get the name `path`. Instead of what was
     /// remembered of the same transfer.
     void intend(const std::string& phone, const std::string& transferId, const platform::Path& path,
@@ -106,6 +109,7 @@ private:
     };
 
     [[nodiscard]] std::size_t takeLines(ByteView content);
+    [[nodiscard]] bool isStillThere(const Delivery& delivery) const;
     void catchUp();
     void openLog();
     void append(const Delivery& delivery);

@@ -16,6 +16,9 @@ constexpr std::int64_t writebackStep = 8 << 20;
 /// How often a choice is made anew when another program changes the folder between looking and opening.
 constexpr int maxChoices = 64;
 
+/// Where there is no target yet.
+const platform::FileName noName("none");
+
 /// Runs a step on the disk; a failure becomes fileWriteFailed with the system's words behind `what`.
 template <typename Step>
 auto writing(const std::string& what, Step step) {
@@ -26,43 +29,33 @@ auto writing(const std::string& what, Step step) {
     }
 }
 
-/// Keeps other receivers away from the folder while one chooses its names. It is the folder itself that is locked: no
-/// file of ours has to lie among the user's, and it works between processes as well as within one.
-std::unique_ptr<platform::File> lockFolder(platform::FileSystem& files, const platform::Path& folder) {
-    std::unique_ptr<platform::File> lock = files.open(folder, platform::OpenMode::read);
-    try {
-        lock->lock();
-    } catch (const platform::SystemError& error) {
-        // Some network file systems cannot lock a folder. O_EXCL still keeps two receivers from one fresh partial.
-        const std::error_code code = error.code();
-        if (code != std::errc::no_lock_available && code != std::errc::bad_file_descriptor &&
-            code != std::errc::operation_not_supported && code != std::errc::function_not_supported) {
-            throw;
-        }
-    }
-    return lock;
-}
-
 /// Opens the target's partial file, locked, or nothing if the folder changed since the target was chosen.
-std::unique_ptr<platform::File> openPartial(platform::FileSystem& files, CollisionResolver::Target& target) {
-    const bool isNew = !files.exists(target.partial);
+std::unique_ptr<platform::File> openPartial(platform::Folder& folder, CollisionResolver::Target& target) {
+    const bool isNew = !folder.status(target.partial);
     std::unique_ptr<platform::File> file;
     try {
-        file = files.open(target.partial, isNew ? platform::OpenMode::createNew : platform::OpenMode::write,
-                          platform::Links::refuse);
+        file = folder.open(target.partial, isNew ? platform::OpenMode::createNew : platform::OpenMode::write);
     } catch (const platform::SystemError& error) {
-        if (error.code() == (isNew ? std::errc::file_exists : std::errc::no_such_file_or_directory)) {
+        const std::error_code code = error.code();
+        const bool hasChanged = isNew ? code == std::errc::file_exists
+                                      : code == std::errc::no_such_file_or_directory ||
+                                            code == std::errc::too_many_symbolic_link_levels ||
+                                            code == std::errc::is_a_directory ||
+                                            code == std::errc::no_such_device_or_address; // a pipe that nobody reads
+        if (hasChanged) {
             return nullptr;
         }
         throw;
     }
     if (!file->tryLock()) {
-        throw ReceiveError::fileWriteFailed("another receiver is writing " + target.partial.filename().native());
+        throw ReceiveError::fileWriteFailed("another receiver is writing " + target.partial.text());
     }
-    // Until the lock was ours, its holder may have added to the file, or finished it and moved it away.
+    // Until the lock was ours, its holder may have added to the file, or finished it and moved it away; and whoever
+    // else may write in the folder may have put another one there.
     const platform::FileStatus opened = file->status();
-    const std::optional<platform::FileStatus> named = files.status(target.partial);
-    if (!named || named->inode != opened.inode || named->device != opened.device) {
+    const std::optional<platform::FileStatus> named = folder.status(target.partial);
+    const bool isTheOne = named && platform::isSameFile(*named, opened);
+    if (!isTheOne || (!isNew && !CollisionResolver::mayContinue(folder, opened))) {
         return nullptr;
     }
     if (target.resumeOffset > 0) {
@@ -71,30 +64,33 @@ std::unique_ptr<platform::File> openPartial(platform::FileSystem& files, Collisi
     return file;
 }
 
-/// A file of another size than was offered is not the one that is meant, whatever its id says.
-std::optional<DeliveredTransfers::Delivery> findDelivered(DeliveredTransfers& delivered, const std::string& phone,
-                                                          const TransportMessage::FileOffer& offer) {
-    std::optional<DeliveredTransfers::Delivery> found = delivered.find(phone, offer.transfer_id);
-    return found && found->size == offer.size ? found : std::nullopt;
+/// The folder in which a file was delivered. Null if it is gone.
+std::unique_ptr<platform::Folder> folderOf(platform::System& system, const DeliveredTransfers::Delivery& delivery) {
+    try {
+        return system.files.openFolder(delivery.path.parent_path());
+    } catch (const platform::SystemError&) {
+        return nullptr;
+    }
 }
 
 } // namespace
 
-IncomingFile::IncomingFile(const Place& place, std::string phone, TransportMessage::FileOffer offer,
-                           platform::Clock::Instant offeredAt)
+IncomingFile::IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, std::string phone,
+                           TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt)
     : system_(&place.system),
       deliveredTransfers_(&place.delivered),
-      downloadsDir_(place.downloadsDir),
+      folder_(std::move(folder)),
       phone_(std::move(phone)),
       offer_(std::move(offer)),
-      offerTime_(offeredAt) {}
+      offerTime_(offeredAt),
+      target_{noName, noName, 0} {}
 
 IncomingFile::IncomingFile(IncomingFile&&) noexcept = default;
 
 IncomingFile::~IncomingFile() {
     if (partial_) {
         try {
-            partial_->flush();
+            flush();
             keepSidecar();
         } catch (const std::exception&) {
             // Whatever ended the transfer is being reported; a resume starts from what the disk has kept.
@@ -102,24 +98,23 @@ IncomingFile::~IncomingFile() {
     }
 }
 
-IncomingFile IncomingFile::begin(const Place& place, std::string phone, const TransportMessage::FileOffer& offer,
-                                 platform::Clock::Instant offeredAt) {
-    IncomingFile incoming(place, std::move(phone), offer, offeredAt);
+IncomingFile IncomingFile::begin(const Place& place, std::unique_ptr<platform::Folder> folder,
+                                 const FolderTurn& /*turn*/, std::string phone,
+                                 const TransportMessage::FileOffer& offer, platform::Clock::Instant offeredAt) {
+    IncomingFile incoming(place, std::move(folder), std::move(phone), offer, offeredAt);
     writing("", [&] { incoming.open(); });
     return incoming;
 }
 
 void IncomingFile::open() {
-    platform::FileSystem& files = system_->files;
-    const std::unique_ptr<platform::File> folder = lockFolder(files, downloadsDir_);
     const std::string base = CollisionResolver::sanitize(offer_.name);
     for (int choice = 0; choice < maxChoices && !partial_; ++choice) {
-        target_ = CollisionResolver::resolveTarget(files, downloadsDir_, base, offer_.transfer_id);
+        target_ = CollisionResolver::resolveTarget(*folder_, base, {.id = offer_.transfer_id, .phone = phone_});
         // Behind the look at the names: whoever moves this very file into place just now has remembered it before.
         if (acknowledgeIfDelivered()) {
             return;
         }
-        partial_ = openPartial(files, target_);
+        partial_ = openPartial(*folder_, target_);
     }
     if (!partial_) {
         throw platform::SystemError::fromErrno(EEXIST);
@@ -135,19 +130,18 @@ void IncomingFile::open() {
     }
 }
 
-bool IncomingFile::isDelivered(const Place& place, const std::string& phone, const TransportMessage::FileOffer& offer) {
-    return findDelivered(place.delivered, phone, offer).has_value();
-}
-
 bool IncomingFile::acknowledgeIfDelivered() {
-    delivered_ = findDelivered(*deliveredTransfers_, phone_, offer_);
-    if (!delivered_) {
+    const std::optional<DeliveredTransfers::Delivery> found =
+        deliveredTransfers_->find(phone_, offer_.transfer_id, offer_.size);
+    std::unique_ptr<platform::Folder> folder = found ? folderOf(*system_, *found) : nullptr;
+    if (!folder) {
         return false;
     }
-    target_ = {.final = delivered_->path,
-               .partial = platform::Path(delivered_->path) += CollisionResolver::partialSuffix,
-               .resumeOffset = delivered_->size};
-    bytesWritten_ = delivered_->size;
+    delivered_ = found;
+    folder_ = std::move(folder);
+    const platform::FileName final(found->path.filename().native());
+    target_ = {final, CollisionResolver::partialOf(final), found->size};
+    bytesWritten_ = found->size;
     return true;
 }
 
@@ -156,14 +150,14 @@ const DeliveredTransfers::Delivery* IncomingFile::delivered() const noexcept {
 }
 
 void IncomingFile::saveSidecar() {
-    platform::FileSystem& files = system_->files;
     const PartialMeta meta{.transfer_id = offer_.transfer_id,
                            .advertised_size = offer_.size,
-                           .started_at_epoch_ms = system_->clock.epochMilliseconds()};
+                           .started_at_epoch_ms = system_->clock.epochMilliseconds(),
+                           .peer_pubkey = phone_};
     // One that lies there is replaced for good before any data is written: if a power cut brought it back, it would
     // claim our data for its own transfer; and if it is ours, what there is to resume would be lost with it.
-    const bool replaces = files.exists(PartialMetaIO::metaURL(target_.partial));
-    PartialMetaIO::save(files, meta, target_.partial, replaces ? platform::Flush::now : platform::Flush::later);
+    const bool replaces = folder_->status(PartialMetaIO::metaName(target_.partial)).has_value();
+    PartialMetaIO::save(*folder_, meta, target_.partial, replaces ? platform::Flush::now : platform::Flush::later);
     sidecarNeedsFlush_ = !replaces;
 }
 
@@ -171,11 +165,12 @@ void IncomingFile::keepSidecar() {
     if (!sidecarNeedsFlush_) {
         return;
     }
-    if (system_->files.exists(PartialMetaIO::metaURL(target_.partial))) {
-        PartialMetaIO::flush(system_->files, target_.partial);
-    } else { // somebody has tidied up
+    const std::optional<platform::FileStatus> sidecar = folder_->status(PartialMetaIO::metaName(target_.partial));
+    if (!sidecar || sidecar->kind != platform::FileKind::regular) { // somebody has tidied up, or put something there
         saveSidecar();
-        PartialMetaIO::flush(system_->files, target_.partial);
+    }
+    if (sidecarNeedsFlush_) {
+        PartialMetaIO::flush(*folder_, target_.partial);
     }
     sidecarNeedsFlush_ = false;
 }
@@ -183,8 +178,8 @@ void IncomingFile::keepSidecar() {
 /// An empty partial without a sidecar would only keep its name from the next attempt.
 void IncomingFile::abandonIfEmpty() noexcept {
     try {
-        if (partial_->status().size == 0 && !PartialMetaIO::load(system_->files, target_.partial)) {
-            system_->files.remove(target_.partial);
+        if (partial_->status().size == 0 && !PartialMetaIO::load(*folder_, target_.partial)) {
+            folder_->remove(target_.partial);
         }
     } catch (const std::exception&) {
         // Best effort: the failed sidecar is what is reported.
@@ -202,6 +197,7 @@ void IncomingFile::append(ByteView data) {
         }
         throw ReceiveError::protocolViolation("data of a file that was delivered already");
     }
+    isFlushed_ = false;
     writing("", [&] { partial_->write(data); });
     const auto count = static_cast<std::int64_t>(data.size());
     bytesWritten_ += count;
@@ -214,60 +210,62 @@ void IncomingFile::append(ByteView data) {
 }
 
 void IncomingFile::moveIntoPlace() {
-    platform::FileSystem& files = system_->files;
     const std::string base = CollisionResolver::sanitize(offer_.name);
-    if (files.exists(target_.final)) {
-        target_.final = CollisionResolver::resolveFinalURL(files, downloadsDir_, base);
+    if (folder_->status(target_.final)) {
+        target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
     }
     const platform::FileStatus content = partial_->status();
     // Remembered before it is moved: if we are killed right behind the move, the next attempt finds it.
     const auto move = [&] {
-        deliveredTransfers_->intend(phone_, offer_.transfer_id, target_.final, content);
-        return files.renameNoReplace(target_.partial, target_.final);
+        deliveredTransfers_->intend(phone_, offer_.transfer_id, folder_->path() / target_.final.text(), content);
+        return folder_->moveNoReplace(*partial_, target_.partial, target_.final);
     };
     for (int choice = 0; !move(); ++choice) {
         if (choice == maxChoices) {
             throw platform::SystemError::fromErrno(EEXIST);
         }
-        target_.final = CollisionResolver::resolveFinalURL(files, downloadsDir_, base);
+        target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
     }
 }
 
 /// An earlier session may have been killed behind the move, before it could do this.
 void IncomingFile::tidyUpBehindDelivered() {
-    platform::FileSystem& files = system_->files;
-    const std::optional<PartialMeta> meta = PartialMetaIO::load(files, target_.partial);
-    if (meta && meta->transfer_id == offer_.transfer_id && !files.exists(target_.partial)) {
-        PartialMetaIO::remove(files, target_.partial);
+    const std::optional<PartialMeta> meta = PartialMetaIO::load(*folder_, target_.partial);
+    if (meta && meta->isOf(offer_.transfer_id, phone_) && !folder_->status(target_.partial)) {
+        PartialMetaIO::remove(*folder_, target_.partial);
     }
-    writing("", [&] { files.flushDirectory(target_.final.parent_path()); });
 }
 
-/// One step against receivers that choose their names: else one could take the partial's name between the move and the
-/// end of the sidecar, or miss both the partial and the file.
 void IncomingFile::leavePartialName() {
-    platform::FileSystem& files = system_->files;
-    const std::unique_ptr<platform::File> folder = writing("", [&] { return lockFolder(files, downloadsDir_); });
     // The file stays open, and with it locked, until it has left its partial name.
     writing("rename: ", [&] { moveIntoPlace(); });
     partial_.reset();
     // Removed before the folder is flushed: after a power cut it must not meet the next file of this name.
-    PartialMetaIO::remove(files, target_.partial);
+    PartialMetaIO::remove(*folder_, target_.partial);
 }
 
-ReceivedFile IncomingFile::finish(const std::string& remoteEndpoint) {
-    platform::FileSystem& files = system_->files;
-    if (delivered_) {
-        tidyUpBehindDelivered();
-    } else {
+void IncomingFile::flush() {
+    if (partial_ && !isFlushed_) {
         writing("", [&] { partial_->flush(); });
-        leavePartialName();
-        writing("", [&] { files.flushDirectory(downloadsDir_); });
+        isFlushed_ = true;
     }
+}
+
+ReceivedFile IncomingFile::finish(FolderTurn turn, const std::string& remoteEndpoint) {
+    {
+        const FolderTurn ours(std::move(turn)); // nobody waits for the folder's flush
+        if (delivered_) {
+            writing("", [&] { tidyUpBehindDelivered(); });
+        } else {
+            flush();
+            leavePartialName();
+        }
+    }
+    writing("", [&] { folder_->flush(); });
     if (!delivered_ || !delivered_->isSettled) {
         deliveredTransfers_->settle(phone_, offer_.transfer_id);
     }
-    return {.savedAt = target_.final,
+    return {.savedAt = folder_->path() / target_.final.text(),
             .bytesWritten = bytesWritten_,
             .advertisedSize = offer_.size,
             .mime = offer_.mime,

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/CollisionResolver.h"
 #include "OrlinthCore/Receiving/DeliveredTransfers.h"
+#include "OrlinthCore/Receiving/FolderTurns.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "platform/System.h"
 
@@ -26,34 +27,34 @@ struct ReceivedFile {
 /// One file on its way in: the partial file, its sidecar and the rules for both, shared by every receiving path.
 ///
 /// Begun by an accepted offer, ended by finish() or by destruction, which flushes the data and leaves partial file and
-/// sidecar for a resume. While it lives the partial file is locked against every other receiver of this computer.
+/// sidecar for a resume by the same phone. While it lives the partial file is locked against every other receiver of
+/// this computer.
 ///
 /// A new sidecar is flushed only once there is something to resume: with the first 8 MiB, or on destruction. A power
 /// cut before that leaves a partial file that is nobody's, and the transfer starts anew under the next free name; a
-/// file that is complete sooner is spared two flushes, which others would have to wait for behind the lock on the
-/// folder.
+/// file that is complete sooner is spared two flushes, which others would have to wait for while it is its turn.
 ///
 /// A transfer that was delivered already, and whose file is still there, is only acknowledged: nothing is written, and
-/// no data is taken. Not thread-safe; calls block on the disk.
+/// no data is taken.
+///
+/// Everything happens in the folder that begin() is given, by its descriptor: whoever else may write in it can take
+/// names away, but neither lead a byte elsewhere nor have anything delivered that the phone has not sent.
+/// Not thread-safe; calls block on the disk.
 class IncomingFile {
 public:
-    /// Where files go, and what is remembered of those that came. What is referred to outlives the object.
+    /// What is remembered of files that came, and the clock. What is referred to outlives the object.
     struct Place {
         platform::System& system;
         DeliveredTransfers& delivered;
-        const platform::Path& downloadsDir;
     };
 
-    /// Chooses the target, opens or makes the partial file and writes its sidecar, as one step against other receivers
-    /// of the same folder (a lock on the folder). `phone` is the key of who offers, Base64; `offeredAt` is when the
-    /// offer came, which may be long ago if a person was asked.
+    /// Chooses the target, opens or makes the partial file and writes its sidecar, in one turn. `phone` is the key of
+    /// who offers, Base64; `offeredAt` is when the offer came, which may be long ago if a person was asked.
     /// @throws ReceiveError::fileWriteFailed
-    [[nodiscard]] static IncomingFile begin(const Place& place, std::string phone,
+    [[nodiscard]] static IncomingFile begin(const Place& place, std::unique_ptr<platform::Folder> folder,
+                                            const FolderTurn& turn, std::string phone,
                                             const TransportMessage::FileOffer& offer,
                                             platform::Clock::Instant offeredAt);
-    /// Whether begin() would find the file here already.
-    [[nodiscard]] static bool isDelivered(const Place& place, const std::string& phone,
-                                          const TransportMessage::FileOffer& offer);
     IncomingFile(IncomingFile&&) noexcept;
     IncomingFile& operator=(IncomingFile&&) = delete;
     ~IncomingFile();
@@ -70,17 +71,22 @@ public:
     /// @throws ReceiveError::fileWriteFailed; ReceiveError::protocolViolation for data of a file that is here already
     void append(ByteView data);
 
-    /// Flushes, moves the file into place under a free name, and removes the sidecar; then a power cut cannot undo it.
-    /// The sender's Done is trusted: nothing is compared with the advertised size. Never replaces a file that appeared
-    /// meanwhile. On return it is remembered as delivered.
+    /// Flushes the data, before a turn is taken for finish(). @throws ReceiveError::fileWriteFailed
+    void flush();
+    /// Moves the file into place under a free name, and removes the sidecar; then, outside the turn, makes sure that a
+    /// power cut cannot undo it. The sender's Done is trusted: nothing is compared with the advertised size. Never
+    /// replaces a file that appeared meanwhile. On return it is remembered as delivered.
     /// @throws ReceiveError::fileWriteFailed; partial file and sidecar stay then, unless the file has been moved and
     /// only
     ///     flushing the folder failed.
-    [[nodiscard]] ReceivedFile finish(const std::string& remoteEndpoint);
+    [[nodiscard]] ReceivedFile finish(FolderTurn turn, const std::string& remoteEndpoint);
+
+    /// The folder that it goes into.
+    [[nodiscard]] const platform::Folder& folder() const noexcept { return *folder_; }
 
 private:
-    IncomingFile(const Place& place, std::string phone, TransportMessage::FileOffer offer,
-                 platform::Clock::Instant offeredAt);
+    IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, std::string phone,
+                 TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt);
     void open();
     [[nodiscard]] bool acknowledgeIfDelivered();
     void saveSidecar();
@@ -92,7 +98,7 @@ private:
 
     platform::System* system_;
     DeliveredTransfers* deliveredTransfers_;
-    platform::Path downloadsDir_;
+    std::unique_ptr<platform::Folder> folder_; // of the delivered file, if there is one
     std::string phone_;
     TransportMessage::FileOffer offer_;
     platform::Clock::Instant offerTime_;
@@ -102,6 +108,7 @@ private:
     std::int64_t bytesWritten_ = 0;
     std::int64_t bytesThisSession_ = 0;
     std::int64_t writtenBack_ = 0;   // up to where write-back was started
+    bool isFlushed_ = false;         // all that was written
     bool sidecarNeedsFlush_ = false; // a power cut could still take it
 };
 

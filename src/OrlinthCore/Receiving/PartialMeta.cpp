@@ -1,13 +1,22 @@
 #include "OrlinthCore/Receiving/PartialMeta.h"
 
 namespace orlinth {
+namespace {
+
+constexpr const char* phoneKey = "peer_pubkey";
+
+} // namespace
 
 Json PartialMeta::toJson() const {
-    return {
+    Json json = {
         {"transfer_id", transfer_id},
         {"advertised_size", advertised_size},
         {"started_at_epoch_ms", started_at_epoch_ms},
     };
+    if (!peer_pubkey.empty()) {
+        json[phoneKey] = peer_pubkey;
+    }
+    return json;
 }
 
 PartialMeta PartialMeta::fromJson(const Json& json) {
@@ -15,32 +24,38 @@ PartialMeta PartialMeta::fromJson(const Json& json) {
     meta.transfer_id = requireString(json, "transfer_id");
     meta.advertised_size = requireInt64(json, "advertised_size");
     meta.started_at_epoch_ms = requireInt64(json, "started_at_epoch_ms");
+    if (json.contains(phoneKey)) {
+        meta.peer_pubkey = requireString(json, phoneKey);
+    }
     return meta;
 }
 
-platform::Path PartialMetaIO::metaURL(const platform::Path& partial) {
-    return platform::Path(partial) += suffix;
+bool PartialMeta::isOf(const std::string& transferId, const std::string& phone) const {
+    return transfer_id == transferId && (peer_pubkey.empty() || peer_pubkey == phone);
 }
 
-void PartialMetaIO::save(platform::FileSystem& files, const PartialMeta& meta, const platform::Path& partial,
+platform::FileName PartialMetaIO::metaName(const platform::FileName& partial) {
+    return partial + suffix;
+}
+
+void PartialMetaIO::save(platform::Folder& folder, const PartialMeta& meta, const platform::FileName& partial,
                          platform::Flush flush) {
     constexpr std::uint32_t permissions = 0644;
-    platform::writeWholeFile(files, metaURL(partial), asBytes(prettyJson(meta.toJson())), permissions, flush);
+    platform::writeWholeFile(folder, metaName(partial), asBytes(prettyJson(meta.toJson())), permissions, flush);
 }
 
-void PartialMetaIO::flush(platform::FileSystem& files, const platform::Path& partial) {
-    const platform::Path sidecar = files.resolveLinks(metaURL(partial)); // as in saving it
-    files.open(sidecar, platform::OpenMode::write)->flush();
-    files.flushDirectory(sidecar.parent_path());
+void PartialMetaIO::flush(platform::Folder& folder, const platform::FileName& partial) {
+    folder.open(metaName(partial), platform::OpenMode::write)->flush();
+    folder.flush();
 }
 
-std::optional<PartialMeta> PartialMetaIO::load(platform::FileSystem& files, const platform::Path& partial) {
+std::optional<PartialMeta> PartialMetaIO::load(platform::Folder& folder, const platform::FileName& partial) {
     try {
         // Looked at through the open file: whatever has the name may be another thing in the next moment.
-        const std::unique_ptr<platform::File> file =
-            files.open(metaURL(partial), platform::OpenMode::read, platform::Links::refuse);
+        const std::unique_ptr<platform::File> file = folder.open(metaName(partial), platform::OpenMode::read);
         const platform::FileStatus status = file->status();
-        if (status.kind != platform::FileKind::regular || status.size > maxBytes) { // a pipe might never end
+        const bool isSidecar = status.kind == platform::FileKind::regular && folder.isOwn(status);
+        if (!isSidecar || status.size > maxBytes) { // a pipe might never end
             return std::nullopt;
         }
         Bytes content(static_cast<std::size_t>(status.size));
@@ -51,13 +66,12 @@ std::optional<PartialMeta> PartialMetaIO::load(platform::FileSystem& files, cons
     }
 }
 
-void PartialMetaIO::remove(platform::FileSystem& files, const platform::Path& partial) {
-    const platform::Path sidecar = metaURL(partial);
-    if (!files.exists(sidecar)) {
-        return;
-    }
+void PartialMetaIO::remove(platform::Folder& folder, const platform::FileName& partial) {
     try {
-        files.remove(sidecar);
+        const platform::FileName sidecar = metaName(partial);
+        if (folder.status(sidecar)) {
+            folder.remove(sidecar);
+        }
     } catch (const std::exception&) {
         // Without its partial file a sidecar means nothing to anyone.
     }

@@ -78,7 +78,7 @@ public:
         : system_(system), request_(request), progress_(progress), wire_(wire) {}
 
     /// What a frame asks for.
-    enum class Next { read, answerResume, finish };
+    enum class Next { read, accept, finish };
 
     [[nodiscard]] Next take(const FrameView& frame) {
         if (const auto* data = std::get_if<MutableBytes>(&frame)) {
@@ -87,11 +87,23 @@ public:
         }
         return take(std::get<TransportMessage>(frame));
     }
-    [[nodiscard]] IncomingFile& file() noexcept { return *file_; }
-    [[nodiscard]] ReceivedFile finish() {
-        ReceivedFile received = file_->finish(wire_.remoteEndpoint());
+    /// Begins the file that was offered; returns the answer.
+    [[nodiscard]] Task<TransportMessage> accept() {
+        open_.emplace(wire_);
+        IncomingFile incoming =
+            co_await downloads_.begin(request_.expectedPeerPubkey.base64(), *offer_, system_.clock.now());
+        file_.emplace(std::move(incoming));
+        if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
+            progress_.onAlreadyHere(*offer_, delivery->path);
+        } else {
+            progress_.onOffer(*offer_, file_->bytesWritten());
+        }
+        co_return file_->resumeMessage();
+    }
+    [[nodiscard]] Task<ReceivedFile> finish() {
+        ReceivedFile received = co_await downloads_.finish(*file_, wire_.remoteEndpoint());
         open_->settle();
-        return received;
+        co_return received;
     }
 
 private:
@@ -99,8 +111,11 @@ private:
         using Tag = TransportMessage::Tag;
         switch (message.tag()) {
         case Tag::FileOffer:
-            accept(*message.as<TransportMessage::FileOffer>());
-            return Next::answerResume;
+            if (offer_) {
+                throw ReceiveError::protocolViolation("duplicate FileOffer");
+            }
+            offer_ = *message.as<TransportMessage::FileOffer>();
+            return Next::accept;
         case Tag::TokenUpdate:
             return Next::read;
         case Tag::Done:
@@ -121,21 +136,6 @@ private:
         throw ReceiveError::protocolViolation("name frame on one-shot receive path");
     }
 
-    void accept(const TransportMessage::FileOffer& offer) {
-        if (file_) {
-            throw ReceiveError::protocolViolation("duplicate FileOffer");
-        }
-        open_.emplace(wire_);
-        file_.emplace(
-            IncomingFile::begin({.system = system_, .delivered = delivered_, .downloadsDir = request_.downloadsDir},
-                                request_.expectedPeerPubkey.base64(), offer, system_.clock.now()));
-        if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
-            progress_.onAlreadyHere(offer, delivery->path);
-        } else {
-            progress_.onOffer(offer, file_->bytesWritten());
-        }
-    }
-
     void append(ByteView data) {
         if (!file_) {
             throw ReceiveError::protocolViolation("binary frame before FileOffer");
@@ -148,7 +148,8 @@ private:
     const ReceiveRequest& request_;
     ReceiveProgress& progress_;
     WireConnection& wire_;
-    DeliveredTransfers delivered_{system_};
+    Downloads downloads_{system_, request_.downloadsDir};
+    std::optional<TransportMessage::FileOffer> offer_;
     std::optional<IncomingFile> file_;
     std::optional<OpenTransfer> open_; // behind the file, so that the sender hears of a failure before that is closed
 };
@@ -159,11 +160,12 @@ Task<ReceivedFile> receiveFile(WireConnection& wire, TransportFramer& framer, On
         co_await wire.receiveFrame(buffer);
         const FrameView frame = framer.decodeInPlace(buffer.body());
         const OneTransfer::Next next = transfer.take(frame);
-        if (next == OneTransfer::Next::answerResume) {
-            const Bytes resume = framer.encodeJSON(transfer.file().resumeMessage());
+        if (next == OneTransfer::Next::accept) {
+            const TransportMessage answer = co_await transfer.accept();
+            const Bytes resume = framer.encodeJSON(answer);
             co_await wire.sendLengthPrefixed(resume);
         } else if (next == OneTransfer::Next::finish) {
-            co_return transfer.finish();
+            co_return co_await transfer.finish();
         }
     }
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "OrlinthCore/Receiving/IncomingFile.h"
+#include "OrlinthCore/Receiving/Downloads.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "platform/System.h"

@@ -77,19 +77,17 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
             platform::Path directory, std::uint16_t number, std::string prologueBytes)
         : system(owner),
           staticKey(key),
-          downloadsDir(std::move(directory)),
           port(number),
           prologue(std::move(prologueBytes)),
-          delivered(owner),
+          downloads(owner, std::move(directory)),
           queue(owner.network.makeSerialQueue("orlinth.receiver")),
           expected(std::move(expectedKeys)) {}
 
     platform::System& system;
     const platform::PrivateKey& staticKey;
-    const platform::Path downloadsDir;
     std::uint16_t port; ///< once it listens, the real one
     const std::string prologue;
-    DeliveredTransfers delivered; ///< any thread
+    Downloads downloads; ///< any thread
     const Executor queue;
 
     mutable std::mutex keysLock; ///< guards the next two
@@ -307,8 +305,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
     const std::shared_ptr<Service> self = shared_from_this();
     return {.system = system,
             .staticKey = staticKey,
-            .delivered = delivered,
-            .downloadsDir = downloadsDir,
+            .downloads = downloads,
             .prologue = prologue,
             .standingOf =
                 [self, session](const platform::PublicKey& key) {

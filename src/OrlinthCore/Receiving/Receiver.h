@@ -1,7 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Peers/PeerRecord.h"
-#include "OrlinthCore/Receiving/IncomingFile.h"
+#include "OrlinthCore/Receiving/Downloads.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/Sending/ActiveTransfers.h"

@@ -146,6 +146,10 @@ private:
         if (const auto* offer = message.as<Row::FileOffer>()) {
             co_return co_await takeOffer(*offer);
         }
+        if (message.as<Row::Done>() != nullptr) {
+            Result result = co_await finishFile();
+            co_return std::optional<Result>(std::in_place, std::move(result));
+        }
         if (const auto* update = message.as<Row::TokenUpdate>()) {
             hasUpdatedToken_ = true;
             changeRecord([&] { sender_.setFcmToken(update->peer_fcm_token); });
@@ -171,7 +175,7 @@ private:
         open_.emplace(wire_);
         const platform::Clock::Instant offerTime = context_.system.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
-        const bool isHere = IncomingFile::isDelivered(place(), self_->peerPubkey(), offer);
+        const bool isHere = context_.downloads.isDelivered(self_->peerPubkey(), offer);
         bool isWanted = isHere; // nobody is asked twice about the same file
         if (!isHere) {
             isWanted = co_await context_.approveOffer(
@@ -184,8 +188,8 @@ private:
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock, offeredAt);
-        makeFolder();
-        file_.emplace(IncomingFile::begin(place(), self_->peerPubkey(), offer, offerTime));
+        IncomingFile incoming = co_await context_.downloads.begin(self_->peerPubkey(), offer, offerTime);
+        file_.emplace(std::move(incoming));
         if (isHere && file_->delivered() == nullptr) {
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }
@@ -194,24 +198,9 @@ private:
         co_return std::nullopt;
     }
 
-    [[nodiscard]] IncomingFile::Place place() const {
-        return {.system = context_.system, .delivered = context_.delivered, .downloadsDir = context_.downloadsDir};
-    }
-
-    /// Somebody may have removed it while the service ran.
-    void makeFolder() const {
-        try {
-            context_.system.files.createDirectories(context_.downloadsDir);
-        } catch (const platform::SystemError& error) {
-            throw ReceiveError::fileWriteFailed(error.description());
-        }
-    }
-
     [[nodiscard]] Result end(const TransportMessage& message) {
         using Tag = TransportMessage::Tag;
         switch (message.tag()) {
-        case Tag::Done:
-            return finishFile();
         case Tag::Clipboard: {
             const auto* clip = message.as<Row::Clipboard>();
             return Receiver::Clipboard{.text = clip->text,
@@ -235,6 +224,7 @@ private:
         case Tag::Decline:
             return Receiver::Declined{.from = sender_.displayName(), .name = {}};
         case Tag::FileOffer:
+        case Tag::Done:
         case Tag::TokenUpdate:
         case Tag::Resume:
             break;
@@ -242,20 +232,20 @@ private:
         throw ReceiveError::protocolViolation("unexpected " + describeFrame(message) + " from sender");
     }
 
-    [[nodiscard]] Result finishFile() {
+    [[nodiscard]] Task<Result> finishFile() {
         if (!file_) {
             throw ReceiveError::protocolViolation("Done received without FileOffer");
         }
         const DeliveredTransfers::Delivery* const delivery = file_->delivered();
         const bool wasReported = delivery != nullptr && delivery->isSettled;
-        ReceivedFile received = file_->finish(wire_.remoteEndpoint());
+        ReceivedFile received = co_await context_.downloads.finish(*file_, wire_.remoteEndpoint());
         open_->settle();
         file_.reset();
         claim_.reset();
         if (wasReported) {
-            return std::nullopt;
+            co_return std::nullopt;
         }
-        return Receiver::File{.file = std::move(received), .from = name_, .peerPubkey = self_->peerPubkey()};
+        co_return Receiver::File{.file = std::move(received), .from = name_, .peerPubkey = self_->peerPubkey()};
     }
 
     template <typename Outcome>

@@ -8,8 +8,7 @@ namespace orlinth {
 struct ReceiverConnectionContext {
     platform::System& system;
     const platform::PrivateKey& staticKey;
-    DeliveredTransfers& delivered;
-    const platform::Path& downloadsDir;
+    Downloads& downloads;
     const std::string& prologue;
     /// What becomes of whoever has proved this key.
     enum class Standing { unknown, expected, removed };

@@ -58,7 +58,8 @@ void KeyVault::store(const platform::PrivateKey& key) {
         throw Error::createDirectory(describe(error));
     }
     try {
-        platform::writeWholeFile(files_, fileURL_, key.reveal(), filePermissions);
+        platform::writeWholeFile(files_, fileURL_, key.reveal(), filePermissions, platform::Flush::now,
+                                 platform::Links::follow);
     } catch (const platform::SystemError& error) {
         throw Error::write(describe(error));
     }

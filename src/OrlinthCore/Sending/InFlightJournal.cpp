@@ -275,7 +275,8 @@ InFlightJournal::Entries InFlightJournal::load() const {
 bool InFlightJournal::write(const Entries& entries) {
     const Json snapshot = Snapshot{entries}.toJson();
     try {
-        platform::writeWholeFile(files_, fileURL_, asBytes(prettyJson(snapshot)), ownerOnly);
+        platform::writeWholeFile(files_, fileURL_, asBytes(prettyJson(snapshot)), ownerOnly, platform::Flush::now,
+                                 platform::Links::follow);
         return true;
     } catch (const std::exception&) {
         return false; // the file is as it was: the next attempt to send begins anew instead of resuming

@@ -115,7 +115,8 @@ std::vector<ShareOutbox::SharePeer> ShareOutbox::readPeers() const {
 void ShareOutbox::writePeers(const std::vector<SharePeer>& peers) const noexcept {
     try {
         if (const std::optional<platform::Path> file = peersFileURL()) {
-            platform::writeWholeFile(files_, *file, asBytes(encodePeers(peers)), ownersFile);
+            platform::writeWholeFile(files_, *file, asBytes(encodePeers(peers)), ownersFile, platform::Flush::now,
+                                     platform::Links::follow);
         }
     } catch (const std::exception&) {
         return; // the picker then shows the list of before, and the next change writes it anew

@@ -128,6 +128,7 @@ std::optional<Path> downloadDirectoryIn(std::string_view userDirs, const Path& h
 UserDirectories linuxUserDirectories(const Environment& environment) {
     const Path home = homeDirectory(environment);
     UserDirectories directories;
+    directories.home = home;
     directories.data = pathVariable(environment, "XDG_DATA_HOME").value_or(home / ".local/share");
     directories.config = pathVariable(environment, "XDG_CONFIG_HOME").value_or(home / ".config");
     directories.downloads =

@@ -1,17 +1,16 @@
 #include "platform/linux/LinuxFileSystem.h"
 
 #include "platform/SystemError.h"
+#include "platform/linux/LinuxFile.h"
+#include "platform/linux/LinuxFolder.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <linux/fs.h>
 #include <optional>
-#include <stdio.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,162 +19,24 @@
 namespace orlinth::platform {
 namespace {
 
-/// Makes a call again for as long as signals interrupt it.
-template <typename Call>
-auto retried(Call call) {
-    for (;;) {
-        const auto result = call();
-        if (result != -1 || errno != EINTR) {
-            return result;
-        }
-    }
-}
-
-/// The same; what fails for another reason is thrown.
-template <typename Call>
-auto checked(Call call) {
-    const auto result = retried(std::move(call));
-    if (result == -1) {
-        throw SystemError::fromErrno();
-    }
-    return result;
-}
-
-class Descriptor {
-public:
-    explicit Descriptor(int number) noexcept : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&&) = delete;
-    ~Descriptor() {
-        if (number_ != -1) {
-            ::close(number_); // not made again: Linux has let go of the number even if it was interrupted
-        }
-    }
-    [[nodiscard]] int get() const noexcept { return number_; }
-    [[nodiscard]] int release() noexcept { return std::exchange(number_, -1); }
-
-private:
-    int number_;
-};
-
-FileStatus fromStat(const struct stat& found) {
-    FileStatus status;
-    status.kind = S_ISREG(found.st_mode)   ? FileKind::regular
-                  : S_ISDIR(found.st_mode) ? FileKind::directory
-                                           : FileKind::other;
-    status.size = found.st_size;
-    // unsigned, because a file may carry any date whatever: one beyond the year 2262 wraps around
-    status.modifiedNanoseconds =
-        static_cast<std::int64_t>(static_cast<std::uint64_t>(found.st_mtim.tv_sec) * 1'000'000'000U +
-                                  static_cast<std::uint64_t>(found.st_mtim.tv_nsec));
-    status.inode = found.st_ino;
-    status.device = found.st_dev;
-    status.permissions = found.st_mode & 07777U;
-    return status;
-}
-
-class LinuxFile final : public File {
-public:
-    explicit LinuxFile(Descriptor descriptor) noexcept : descriptor_(std::move(descriptor)) {}
-
-    std::size_t read(MutableBytes into) override {
-        std::size_t done = 0;
-        while (done < into.size()) {
-            const ssize_t count = checked([&] { return ::read(fd(), into.data() + done, into.size() - done); });
-            if (count == 0) {
-                break;
-            }
-            done += static_cast<std::size_t>(count);
-        }
-        return done;
-    }
-
-    void write(ByteView data) override {
-        while (!data.empty()) {
-            const ssize_t count = checked([&] { return ::write(fd(), data.data(), data.size()); });
-            data = data.subspan(static_cast<std::size_t>(count));
-        }
-    }
-
-    void seek(std::int64_t offset) override {
-        checked([&] { return ::lseek(fd(), offset, SEEK_SET); });
-    }
-
-    FileStatus status() const override {
-        struct stat found{};
-        checked([&] { return ::fstat(fd(), &found); });
-        return fromStat(found);
-    }
-
-    void flush() override {
-        checked([&] { return ::fdatasync(fd()); });
-    }
-
-    void startWriteback(std::int64_t offset, std::int64_t length) noexcept override {
-        ::sync_file_range(fd(), offset, length, SYNC_FILE_RANGE_WRITE);
-    }
-
-    bool tryLock() override {
-        if (retried([&] { return ::flock(fd(), LOCK_EX | LOCK_NB); }) == 0) {
-            return true;
-        }
-        if (errno == EWOULDBLOCK) {
-            return false;
-        }
-        throw SystemError::fromErrno();
-    }
-
-    void lock() override {
-        checked([&] { return ::flock(fd(), LOCK_EX); });
-    }
-
-    [[nodiscard]] int fd() const noexcept { return descriptor_.get(); }
-
-private:
-    Descriptor descriptor_;
-};
-
-int openFlags(OpenMode mode) noexcept {
-    switch (mode) {
-    case OpenMode::read:
-        return O_RDONLY;
-    case OpenMode::write:
-        return O_WRONLY;
-    case OpenMode::createNew:
-        return O_WRONLY | O_CREAT | O_EXCL;
-    case OpenMode::openOrCreate:
-        return O_RDWR | O_CREAT;
-    }
-    return O_RDONLY;
-}
+using detail::checked;
+using detail::Descriptor;
+using detail::fromStat;
+using detail::LinuxFile;
+using detail::openFlags;
+using detail::retried;
 
 Descriptor openDescriptor(const Path& path, int flags, mode_t permissions = 0) {
-    // Opening a named pipe would wait for its other end; nothing here is meant for pipes.
-    const int opening = flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    Descriptor descriptor(checked([&] { return ::open(path.c_str(), opening, permissions); }));
-    checked([&] { return ::fcntl(descriptor.get(), F_SETFL, flags & O_ACCMODE); });
+    Descriptor descriptor(checked([&] { return ::open(path.c_str(), detail::openingFlags(flags), permissions); }));
+    detail::letWait(descriptor, flags);
     return descriptor;
 }
 
-constexpr mode_t ownersBits = S_IRWXU;
-
-/// Gives the owner what the umask has taken away of these permissions. A file that was there before is left alone: an
-/// empty one alone can have been made just now, and one of somebody else's is not ours to change.
-void keepForOwner(const Descriptor& file, mode_t permissions) {
-    struct stat found{};
-    checked([&] { return ::fstat(file.get(), &found); });
-    const mode_t wanted = permissions & ownersBits;
-    const bool isNew = found.st_size == 0 && found.st_uid == ::geteuid() && S_ISREG(found.st_mode);
-    if (isNew && (found.st_mode & wanted) != wanted) {
-        checked([&] { return ::fchmod(file.get(), (found.st_mode & 07777U) | wanted); });
-    }
-}
-
-/// The same for a folder that was made just now.
+/// As keepForOwner() does, for a folder that was made just now.
 void keepFolderForOwner(const Path& path, mode_t permissions) {
     struct stat found{};
     checked([&] { return ::stat(path.c_str(), &found); });
-    const mode_t wanted = permissions & ownersBits;
+    const mode_t wanted = permissions & S_IRWXU;
     if ((found.st_mode & wanted) != wanted) {
         checked([&] { return ::chmod(path.c_str(), (found.st_mode & 07777U) | wanted); });
     }
@@ -279,11 +140,6 @@ LinuxFile openRegular(const Path& path) {
     return file;
 }
 
-/// Whether these words of link() mean that this file system, or this kind of file, has no second names.
-bool meansNoSecondNames(int code) noexcept {
-    return code == EPERM || code == EOPNOTSUPP || code == ENOSYS || code == EMLINK || code == EINVAL;
-}
-
 } // namespace
 
 std::optional<FileStatus> LinuxFileSystem::status(const Path& path) const {
@@ -306,9 +162,13 @@ std::unique_ptr<File> LinuxFileSystem::open(const Path& path, OpenMode mode, Lin
     const int flags = openFlags(mode) | (links == Links::refuse ? O_NOFOLLOW : 0);
     Descriptor descriptor = openDescriptor(path, flags, permissions);
     if ((flags & O_CREAT) != 0) {
-        keepForOwner(descriptor, permissions);
+        detail::keepForOwner(descriptor, permissions);
     }
     return std::make_unique<LinuxFile>(std::move(descriptor));
+}
+
+std::unique_ptr<Folder> LinuxFileSystem::openFolder(const Path& path) {
+    return openLinuxFolder(path);
 }
 
 void LinuxFileSystem::createDirectories(const Path& path, std::uint32_t permissions) {
@@ -335,56 +195,22 @@ void LinuxFileSystem::rename(const Path& from, const Path& to) {
 }
 
 bool LinuxFileSystem::renameNoReplace(const Path& from, const Path& to) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
-        return true;
-    }
-    switch (errno) {
-    case EEXIST:
-        return false;
-    case EINVAL:
-    case ENOSYS:
-    case EOPNOTSUPP:
-        return renameNoReplaceByLink(from, to);
-    default:
-        throw SystemError::fromErrno();
-    }
+    return detail::renameNoReplace({AT_FDCWD, from.c_str()}, {AT_FDCWD, to.c_str()});
 }
 
 bool renameNoReplaceByLink(const Path& from, const Path& to) {
-    if (::link(from.c_str(), to.c_str()) != 0) {
-        if (errno == EEXIST) {
-            return false;
-        }
-        if (meansNoSecondNames(errno)) {
-            return renameNoReplaceByCheck(from, to);
-        }
-        throw SystemError::fromErrno();
-    }
-    if (::unlink(from.c_str()) != 0) {
-        const int code = errno;
-        ::unlink(to.c_str()); // it did not move: one name is to be left, the old one
-        throw SystemError::fromErrno(code);
-    }
-    return true;
+    return detail::renameNoReplaceByLink({AT_FDCWD, from.c_str()}, {AT_FDCWD, to.c_str()});
 }
 
 bool renameNoReplaceByCheck(const Path& from, const Path& to) {
-    struct stat found{};
-    if (::lstat(to.c_str(), &found) == 0) {
-        return false;
-    }
-    if (errno != ENOENT) {
-        throw SystemError::fromErrno();
-    }
-    checked([&] { return ::rename(from.c_str(), to.c_str()); });
-    return true;
+    return detail::renameNoReplaceByCheck({AT_FDCWD, from.c_str()}, {AT_FDCWD, to.c_str()});
 }
 
 void LinuxFileSystem::copyToNew(const Path& from, const Path& to, std::uint32_t permissions) {
     LinuxFile source = openRegular(from);
     Descriptor made = openDescriptor(to, openFlags(OpenMode::createNew), permissions);
     try {
-        keepForOwner(made, permissions);
+        detail::keepForOwner(made, permissions);
         LinuxFile target(std::move(made));
         copyContent(source, target);
     } catch (const std::exception&) {
@@ -430,41 +256,11 @@ void LinuxFileSystem::flushDirectory(const Path& path) {
                 // same
     }
     const Descriptor directory = openDescriptor(folder, O_RDONLY | O_DIRECTORY);
-    if (retried([&] { return ::fsync(directory.get()); }) != 0 && errno != EINVAL) {
-        throw SystemError::fromErrno(); // EINVAL: a file system whose folders cannot be flushed one by one
-    }
-}
-
-std::size_t LinuxFileSystem::longestName(const Path& folder) const noexcept {
-    // Some say more than they take: FAT counts 255 characters as six bytes each.
-    const std::size_t most = FileSystem::longestName(folder);
-    const long bytes = ::pathconf(folder.c_str(), _PC_NAME_MAX);
-    return bytes > 0 ? std::min(most, static_cast<std::size_t>(bytes)) : most;
+    detail::flushFolder(directory.get());
 }
 
 std::vector<std::string> LinuxFileSystem::list(const Path& path) const {
-    Descriptor descriptor = openDescriptor(path, O_RDONLY | O_DIRECTORY);
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::fdopendir(descriptor.get()), ::closedir);
-    if (!directory) {
-        throw SystemError::fromErrno();
-    }
-    static_cast<void>(descriptor.release()); // the stream closes it
-    std::vector<std::string> names;
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = ::readdir(directory.get());
-        if (entry == nullptr) {
-            break;
-        }
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..") {
-            names.emplace_back(name);
-        }
-    }
-    if (errno != 0) {
-        throw SystemError::fromErrno();
-    }
-    return names;
+    return detail::namesIn(openDescriptor(path, O_RDONLY | O_DIRECTORY));
 }
 
 } // namespace orlinth::platform

@@ -12,6 +12,7 @@ public:
     [[nodiscard]] bool exists(const Path& path) const noexcept override;
     [[nodiscard]] std::unique_ptr<File> open(const Path& path, OpenMode mode, Links links = Links::follow,
                                              std::uint32_t permissions = 0666) override;
+    [[nodiscard]] std::unique_ptr<Folder> openFolder(const Path& path) override;
     void createDirectories(const Path& path, std::uint32_t permissions = 0777) override;
     void rename(const Path& from, const Path& to) override;
     [[nodiscard]] bool renameNoReplace(const Path& from, const Path& to) override;
@@ -21,7 +22,6 @@ public:
     [[nodiscard]] Path resolveLinks(const Path& path) const override;
     void setPermissions(const Path& path, std::uint32_t permissions) override;
     void flushDirectory(const Path& path) override;
-    [[nodiscard]] std::size_t longestName(const Path& folder) const noexcept override;
     [[nodiscard]] std::vector<std::string> list(const Path& path) const override;
 };
 

@@ -17,6 +17,26 @@ using fakes::Operation;
 const platform::Path dir = "/downloads";
 constexpr const char* uuidPattern = "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}";
 
+/// As the resolver's results are, but with whole paths.
+struct Resolved {
+    platform::Path final;
+    platform::Path partial;
+    std::int64_t resumeOffset;
+};
+
+const std::string phone = "hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo=";
+
+Resolved resolveTarget(platform::FileSystem& files, const std::string& baseName, const std::string& transferId,
+                       const std::string& from = phone) {
+    const CollisionResolver::Target target =
+        CollisionResolver::resolveTarget(*files.openFolder(dir), baseName, {.id = transferId, .phone = from});
+    return {dir / target.final.text(), dir / target.partial.text(), target.resumeOffset};
+}
+
+platform::Path resolveFinalURL(platform::FileSystem& files, const std::string& baseName) {
+    return dir / CollisionResolver::resolveFinalURL(*files.openFolder(dir), baseName).text();
+}
+
 TEST(Sanitize, TakesTheLastPathComponent) {
     EXPECT_EQ(CollisionResolver::sanitize("../../etc/passwd"), "passwd");
     EXPECT_EQ(CollisionResolver::sanitize("a/b"), "b");
@@ -54,13 +74,14 @@ class CollisionResolverTest : public testing::Test {
 protected:
     CollisionResolverTest() { files.putFolder(dir); }
 
-    void putPartial(const std::string& name, const std::string& content, const std::string& transferId) {
+    void putPartial(const std::string& name, const std::string& content, const std::string& transferId,
+                    const std::string& of = phone) {
         files.put(dir / (name + ".partial"), content);
-        files.put(dir / (name + ".partial.meta.json"), prettyJson(PartialMeta{transferId, 999, 1}.toJson()));
+        files.put(dir / (name + ".partial.meta.json"), prettyJson(PartialMeta{transferId, 999, 1, of}.toJson()));
     }
 
     void expectTarget(const std::string& baseName, const std::string& finalName, std::int64_t offset) {
-        const CollisionResolver::Target target = CollisionResolver::resolveTarget(files, dir, baseName, "mine");
+        const Resolved target = resolveTarget(files, baseName, "mine");
         EXPECT_EQ(target.final, dir / finalName);
         EXPECT_EQ(target.partial, dir / (finalName + ".partial"));
         EXPECT_EQ(target.resumeOffset, offset);
@@ -71,7 +92,7 @@ protected:
 
 TEST_F(CollisionResolverTest, TakesAFreeNameAsItIs) {
     expectTarget("x.pdf", "x.pdf", 0);
-    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x.pdf");
     EXPECT_EQ(files.mutations(), 0U);
 }
 
@@ -155,7 +176,7 @@ TEST_F(CollisionResolverTest, TakesALinkThatLeadsNowhereForATakenName) {
     files.put("/file", "");
     files.putLink(dir / "x 5.pdf", "/file/below");
     expectTarget("x.pdf", "x 6.pdf", 0);
-    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x 6.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x 6.pdf");
 }
 
 TEST_F(CollisionResolverTest, DoesNotResumeThroughALinkOrIntoWhatIsNoFile) {
@@ -169,18 +190,71 @@ TEST_F(CollisionResolverTest, DoesNotResumeThroughALinkOrIntoWhatIsNoFile) {
     expectTarget("x.pdf", "x 2.pdf", 0);
 }
 
+TEST_F(CollisionResolverTest, ResumesOnlyWhatThisPhoneHasBegun) {
+    putPartial("x.pdf", "12345", "mine", "another phone");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+    EXPECT_EQ(resolveTarget(files, "x.pdf", "mine", "another phone").resumeOffset, 5);
+    putPartial("y.pdf", "12345", "mine", ""); // of an older version
+    expectTarget("y.pdf", "y.pdf", 5);
+}
+
+TEST_F(CollisionResolverTest, ResumesNoFileOfSomebodyElseAndNoneThatHasAnotherName) {
+    putPartial("x.pdf", "12345", "mine");
+    files.setOwner(dir / "x.pdf.partial", 1001);
+    expectTarget("x.pdf", "x 2.pdf", 0);
+    files.setOwner(dir / "x.pdf.partial", 1000);
+    expectTarget("x.pdf", "x.pdf", 5);
+    files.putSecondName("/home/ada/thesis.pdf", dir / "x.pdf.partial");
+    expectTarget("x.pdf", "x 2.pdf", 0);
+    files.remove("/home/ada/thesis.pdf");
+    expectTarget("x.pdf", "x.pdf", 5);
+}
+
+TEST_F(CollisionResolverTest, GivesNoFileTheNameOfAPartialFileOrASidecar) {
+    for (const auto& [name, stored] : std::vector<std::pair<std::string, std::string>>{
+             {"x.pdf.partial.meta.json", "x.pdf.partial.meta_json"},
+             {"x.PARTIAL.Meta.JSON", "x.PARTIAL.Meta_JSON"},
+             {"x.partial.meta.j\u017fon", "x.partial.meta_j\u017fon"}, // a long s is an s without its case
+             {"x.par\u200btial", "x_par\u200btial"},
+             {"x.partial.meta.json..", "x.partial.meta.json._"},
+             {"x.partial. .", "x.partial. _"},
+             {"x.partial", "x_partial"},
+             {"x.Partial", "x_Partial"},
+             {".partial", "_partial"},
+             {".partial.meta.json", ".partial.meta_json"},
+             {"x.partial.partial", "x.partial_partial"},
+             {"x.partial.pdf", "x.partial.pdf"},
+             {"x.partial.meta.json.txt", "x.partial.meta.json.txt"},
+             {"partial", "partial"},
+             {"meta.json", "meta.json"}}) {
+        EXPECT_FALSE(CollisionResolver::isReserved(stored)) << stored;
+        EXPECT_EQ(CollisionResolver::isReserved(name), name != stored) << name;
+        expectTarget(name, stored, 0);
+        EXPECT_EQ(resolveFinalURL(files, name), dir / stored);
+    }
+    files.put(dir / "x_partial", "");
+    expectTarget("x.partial", "x 2_partial", 0);
+}
+
+TEST_F(CollisionResolverTest, GivesNoFileSuchANameByShorteningAnotherEither) {
+    const std::string sidecar = std::string(219, 'x') + ".partial.meta" + std::string(20, 'y') + ".json";
+    EXPECT_EQ(resolveTarget(files, sidecar, "mine").final, dir / (std::string(219, 'x') + ".partial.meta_json"));
+    const std::string partial = std::string(229, 'x') + ".partial" + std::string(200, 'y');
+    EXPECT_EQ(resolveTarget(files, partial, "mine").final, dir / (std::string(229, 'x') + "_partial"));
+}
+
 TEST_F(CollisionResolverTest, CountsAPartialFileAsTakenForTheFinalName) {
     files.put(dir / "x.pdf.partial", "");
-    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x 2.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x 2.pdf");
     files.put(dir / "x 2.pdf", "");
     files.put(dir / "x 3.pdf.partial", "");
-    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x 4.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x 4.pdf");
 }
 
 TEST_F(CollisionResolverTest, GivesAnUnreachableFolderToTheCallerToFailOn) {
     files.setPermissions(dir, 0);
     expectTarget("x.pdf", "x.pdf", 0);
-    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "x.pdf"), dir / "x.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x.pdf");
     expectTarget(std::string(300, 'x'), std::string(237, 'x'), 0);
 }
 
@@ -190,7 +264,7 @@ TEST_F(CollisionResolverTest, UsesTheLastNumberBeforeItUsesAUuid) {
         files.put(dir / ("notes " + std::to_string(number)), "");
     }
     expectTarget("notes", "notes 9999", 0);
-    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, "notes"), dir / "notes 9999");
+    EXPECT_EQ(resolveFinalURL(files, "notes"), dir / "notes 9999");
 }
 
 TEST_F(CollisionResolverTest, FallsBackToAUuidWithADotOnlyForTheFinalName) {
@@ -204,15 +278,15 @@ TEST_F(CollisionResolverTest, FallsBackToAUuidWithADotOnlyForTheFinalName) {
         EXPECT_THAT(path.filename().native(), testing::MatchesRegex(pattern));
     };
     const std::string stem = std::string("notes-") + uuidPattern;
-    const CollisionResolver::Target bare = CollisionResolver::resolveTarget(files, dir, "notes", "mine");
+    const Resolved bare = resolveTarget(files, "notes", "mine");
     expectName(bare.final, stem);
     EXPECT_EQ(bare.partial.native(), bare.final.native() + ".partial");
     EXPECT_EQ(bare.resumeOffset, 0);
-    expectName(CollisionResolver::resolveTarget(files, dir, "notes.txt", "mine").final, stem + "\\.txt");
-    const platform::Path first = CollisionResolver::resolveFinalURL(files, dir, "notes");
+    expectName(resolveTarget(files, "notes.txt", "mine").final, stem + "\\.txt");
+    const platform::Path first = resolveFinalURL(files, "notes");
     expectName(first, stem + "\\.");
-    EXPECT_NE(CollisionResolver::resolveFinalURL(files, dir, "notes"), first);
-    expectName(CollisionResolver::resolveFinalURL(files, dir, "notes.txt"), stem + "\\.txt");
+    EXPECT_NE(resolveFinalURL(files, "notes"), first);
+    expectName(resolveFinalURL(files, "notes.txt"), stem + "\\.txt");
 }
 
 // ---- names for which there is hardly room
@@ -224,7 +298,7 @@ std::string nameOf(std::size_t bytes) {
 
 TEST_F(CollisionResolverTest, ANameKeepsAllThatLeavesRoomForItsSidecar) {
     for (const std::size_t bytes : {5U, 232U, 233U, 237U}) {
-        const auto target = CollisionResolver::resolveTarget(files, dir, nameOf(bytes), "ID-1");
+        const auto target = resolveTarget(files, nameOf(bytes), "ID-1");
         EXPECT_EQ(target.final, dir / nameOf(bytes)) << bytes;
         EXPECT_EQ(target.resumeOffset, 0);
     }
@@ -232,29 +306,28 @@ TEST_F(CollisionResolverTest, ANameKeepsAllThatLeavesRoomForItsSidecar) {
 
 TEST_F(CollisionResolverTest, ALongerNameLosesTheEndOfItsStem) {
     for (const std::size_t bytes : {238U, 239U, 255U, 300U, 5000U}) {
-        const auto target = CollisionResolver::resolveTarget(files, dir, nameOf(bytes), "ID-1");
+        const auto target = resolveTarget(files, nameOf(bytes), "ID-1");
         EXPECT_EQ(target.final, dir / nameOf(237)) << bytes;
-        EXPECT_EQ((PartialMetaIO::metaURL(target.partial)).filename().native().size(), 255U);
-        EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, nameOf(bytes)), dir / nameOf(237));
+        EXPECT_EQ(PartialMetaIO::metaName(platform::FileName(target.partial.filename())).text().size(), 255U);
+        EXPECT_EQ(resolveFinalURL(files, nameOf(bytes)), dir / nameOf(237));
     }
 }
 
 TEST_F(CollisionResolverTest, ANumberTakesItsRoomFromTheStem) {
     files.put(dir / nameOf(237), "");
     const std::string second = std::string(231, 'x') + " 2.txt";
-    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(237), "ID-1").final, dir / second);
-    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(255), "ID-1").final, dir / second);
-    EXPECT_EQ(CollisionResolver::resolveFinalURL(files, dir, nameOf(255)), dir / second);
+    EXPECT_EQ(resolveTarget(files, nameOf(237), "ID-1").final, dir / second);
+    EXPECT_EQ(resolveTarget(files, nameOf(255), "ID-1").final, dir / second);
+    EXPECT_EQ(resolveFinalURL(files, nameOf(255)), dir / second);
     for (int number = 2; number < 10; ++number) {
         files.put(dir / (std::string(231, 'x') + " " + std::to_string(number) + ".txt"), "");
     }
-    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(255), "ID-1").final,
-              dir / (std::string(230, 'x') + " 10.txt"));
+    EXPECT_EQ(resolveTarget(files, nameOf(255), "ID-1").final, dir / (std::string(230, 'x') + " 10.txt"));
 }
 
 TEST_F(CollisionResolverTest, TheCutLiesBetweenCharacters) {
     const auto finalOf = [&](const std::string& name) {
-        return CollisionResolver::resolveTarget(files, dir, name, "ID-1").final.filename().native();
+        return resolveTarget(files, name, "ID-1").final.filename().native();
     };
     const auto repeated = [](const std::string& text, int times) {
         std::string result;
@@ -273,26 +346,23 @@ TEST_F(CollisionResolverTest, TheCutLiesBetweenCharacters) {
 
 TEST_F(CollisionResolverTest, AnExtensionThatLeavesNoRoomIsNone) {
     const std::string longExtension = "a." + std::string(250, 'y');
-    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, longExtension, "ID-1").final,
-              dir / ("a." + std::string(235, 'y')));
+    EXPECT_EQ(resolveTarget(files, longExtension, "ID-1").final, dir / ("a." + std::string(235, 'y')));
     const std::string kept = std::string(200, 'x') + "." + std::string(100, 'y');
-    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, kept, "ID-1").final,
-              dir / (std::string(136, 'x') + "." + std::string(100, 'y')));
+    EXPECT_EQ(resolveTarget(files, kept, "ID-1").final, dir / (std::string(136, 'x') + "." + std::string(100, 'y')));
 }
 
 TEST_F(CollisionResolverTest, TheFileSystemSaysHowLongANameMayBe) {
     files.setLongestName(143);
-    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(125), "ID-1").final, dir / nameOf(125));
-    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(126), "ID-1").final, dir / nameOf(125));
+    EXPECT_EQ(resolveTarget(files, nameOf(125), "ID-1").final, dir / nameOf(125));
+    EXPECT_EQ(resolveTarget(files, nameOf(126), "ID-1").final, dir / nameOf(125));
 }
 
 TEST_F(CollisionResolverTest, AShortenedNameIsResumedUnderTheSameName) {
     putPartial(nameOf(237), "01234", "ID-1");
-    const auto target = CollisionResolver::resolveTarget(files, dir, nameOf(255), "ID-1");
+    const auto target = resolveTarget(files, nameOf(255), "ID-1");
     EXPECT_EQ(target.final, dir / nameOf(237));
     EXPECT_EQ(target.resumeOffset, 5);
-    EXPECT_EQ(CollisionResolver::resolveTarget(files, dir, nameOf(250), "ID-2").final,
-              dir / (std::string(231, 'x') + " 2.txt"))
+    EXPECT_EQ(resolveTarget(files, nameOf(250), "ID-2").final, dir / (std::string(231, 'x') + " 2.txt"))
         << "another long name that is shortened to the same";
 }
 

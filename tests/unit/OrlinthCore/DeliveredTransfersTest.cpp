@@ -1,6 +1,6 @@
 #include "OrlinthCore/Receiving/DeliveredTransfers.h"
 
-#include "OrlinthCore/Receiving/IncomingFile.h"
+#include "OrlinthCore/Receiving/Downloads.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
 #include "fakes/CrashTrials.h"
 #include "fakes/World.h"
@@ -276,16 +276,16 @@ const TransportMessage::FileOffer offer{
 
 /// What a sender does that did not see the end: offers the file and sends what is asked for. Returns what was received,
 /// and whether that was reported before.
-std::pair<ReceivedFile, bool> deliverTo(platform::System& system) {
-    DeliveredTransfers delivered(system);
-    IncomingFile incoming = IncomingFile::begin({.system = system, .delivered = delivered, .downloadsDir = folder},
-                                                phone, offer, system.clock.now());
+std::pair<ReceivedFile, bool> deliverTo(fakes::World& world, platform::System& system) {
+    Downloads downloads(system, folder);
+    IncomingFile incoming = world.run(downloads.begin(phone, offer, system.clock.now()));
     const auto offset = static_cast<std::size_t>(incoming.bytesWritten());
     if (offset < content.size()) {
         incoming.append(asBytes(content.substr(offset)));
     }
     const bool wasReported = incoming.delivered() != nullptr && incoming.delivered()->isSettled;
-    return {incoming.finish("192.168.1.7:1"), wasReported};
+    ReceivedFile received = world.run(downloads.finish(incoming, "192.168.1.7:1"));
+    return {std::move(received), wasReported};
 }
 
 /// The files in the folder that have come to their ends; without the temporary one of a sidecar that was not finished.
@@ -307,13 +307,13 @@ TEST(DeliveredTransfersUnderKills, AreExactlyOneFileHoweverOftenTheyAreKilledAnd
     fakes::forEveryCrash([](MemoryFileSystem& files) { files.putFolder(folder); },
                          [&](MemoryFileSystem& files) {
                              platform::System system = over(world, files);
-                             static_cast<void>(deliverTo(system));
+                             static_cast<void>(deliverTo(world, system));
                          },
                          [&](const fakes::Aftermath& aftermath) {
                              const bool wasCutOff =
                                  aftermath.kind != CrashKind::processKill; // what was not flushed may be gone
                              platform::System system = over(world, aftermath.files);
-                             const auto [received, wasReported] = deliverTo(system);
+                             const auto [received, wasReported] = deliverTo(world, system);
                              EXPECT_EQ(aftermath.files.content(received.savedAt), content);
                              if (!wasCutOff) {
                                  EXPECT_THAT(copiesIn(aftermath.files), ElementsAre(received.savedAt.native()));
@@ -322,7 +322,7 @@ TEST(DeliveredTransfersUnderKills, AreExactlyOneFileHoweverOftenTheyAreKilledAnd
                                  acknowledged += wasReported || received.bytesReceivedThisSession == 0 ? 1 : 0;
                              }
                              EXPECT_LE(copiesIn(aftermath.files).size(), 2U);
-                             const auto [again, wasReportedThen] = deliverTo(system);
+                             const auto [again, wasReportedThen] = deliverTo(world, system);
                              EXPECT_EQ(again.savedAt, received.savedAt);
                              EXPECT_TRUE(wasReportedThen) << "nobody is told twice";
                              EXPECT_LE(copiesIn(aftermath.files).size(), 2U);
@@ -335,12 +335,12 @@ TEST(DeliveredTransfersUnderKills, AreExactlyOneFileUnderTheNextNameToo) {
     fakes::forEveryCrash([](MemoryFileSystem& files) { files.put(file, content); },
                          [&](MemoryFileSystem& files) {
                              platform::System system = over(world, files);
-                             static_cast<void>(deliverTo(system));
+                             static_cast<void>(deliverTo(world, system));
                          },
                          [&](const fakes::Aftermath& aftermath) {
                              if (aftermath.kind == CrashKind::processKill) {
                                  platform::System system = over(world, aftermath.files);
-                                 const Path savedAt = deliverTo(system).first.savedAt;
+                                 const Path savedAt = deliverTo(world, system).first.savedAt;
                                  EXPECT_NE(savedAt, file);
                                  EXPECT_THAT(copiesIn(aftermath.files),
                                              testing::UnorderedElementsAre(file.native(), savedAt.native()));
@@ -354,7 +354,7 @@ TEST(DeliveredTransfersUnderFailures, AreExactlyOneFileWhicheverStepFails) {
         EIO, [](MemoryFileSystem& files) { files.putFolder(folder); },
         [&](MemoryFileSystem& files) {
             platform::System system = over(world, files);
-            static_cast<void>(deliverTo(system));
+            static_cast<void>(deliverTo(world, system));
         },
         [&](MemoryFileSystem& files, const std::exception_ptr& thrown) {
             platform::System system = over(world, files);
@@ -362,7 +362,7 @@ TEST(DeliveredTransfersUnderFailures, AreExactlyOneFileWhicheverStepFails) {
             if (couldNotRemember) {
                 return; // the data folder has failed: that costs no file, but a second one may come
             }
-            const auto [received, wasReported] = deliverTo(system);
+            const auto [received, wasReported] = deliverTo(world, system);
             EXPECT_THAT(copiesIn(files), ElementsAre(file.native()));
         });
 }
@@ -370,10 +370,9 @@ TEST(DeliveredTransfersUnderFailures, AreExactlyOneFileWhicheverStepFails) {
 TEST(DeliveredTransfersWithoutData, AreAViolationWhenDataComesAllTheSame) {
     fakes::World world;
     world.files.putFolder(folder);
-    static_cast<void>(deliverTo(world.system));
-    DeliveredTransfers delivered(world.system);
-    IncomingFile again = IncomingFile::begin({.system = world.system, .delivered = delivered, .downloadsDir = folder},
-                                             phone, offer, world.clock.now());
+    static_cast<void>(deliverTo(world, world.system));
+    Downloads downloads(world.system, folder);
+    IncomingFile again = world.run(downloads.begin(phone, offer, world.clock.now()));
     EXPECT_EQ(*again.resumeMessage().as<TransportMessage::Resume>(), (TransportMessage::Resume{"ID-1", 10}));
     again.append({});
     try {
@@ -389,12 +388,11 @@ TEST(DeliveredTransfersWithoutData, AreAViolationWhenDataComesAllTheSame) {
 TEST(DeliveredTransfersWithoutData, AreAnotherFileIfAnotherSizeIsOffered) {
     fakes::World world;
     world.files.putFolder(folder);
-    static_cast<void>(deliverTo(world.system));
-    DeliveredTransfers delivered(world.system);
+    static_cast<void>(deliverTo(world, world.system));
+    Downloads downloads(world.system, folder);
     TransportMessage::FileOffer larger = offer;
     larger.size = 11;
-    const IncomingFile again = IncomingFile::begin(
-        {.system = world.system, .delivered = delivered, .downloadsDir = folder}, phone, larger, world.clock.now());
+    const IncomingFile again = world.run(downloads.begin(phone, larger, world.clock.now()));
     EXPECT_EQ(again.bytesWritten(), 0);
     EXPECT_EQ(again.delivered(), nullptr);
 }

@@ -1,13 +1,14 @@
-#include "OrlinthCore/Receiving/IncomingFile.h"
-
-#include "OrlinthCore/Receiving/PartialMeta.h"
+#include "OrlinthCore/Receiving/Downloads.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
+#include "fakes/Sidecar.h"
 #include "fakes/World.h"
 
+#include <asio/cancellation_signal.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace orlinth {
 namespace {
@@ -34,17 +35,18 @@ class IncomingFiles : public testing::Test {
 protected:
     IncomingFiles() { world.files.putFolder(folder); }
 
-    [[nodiscard]] IncomingFile begin(const std::string& transferId = "ID-1") {
-        return IncomingFile::begin({.system = world.system, .delivered = delivered, .downloadsDir = folder}, phone,
-                                   offerOf(transferId), world.clock.now());
+    [[nodiscard]] IncomingFile begin(const std::string& transferId = "ID-1", const std::string& from = phone) {
+        return world.run(downloads.begin(from, offerOf(transferId), world.clock.now()));
     }
     /// What is left of the names and what was flushed of the data, if the power fails now.
     [[nodiscard]] std::unique_ptr<MemoryFileSystem> afterPowerCut() const {
         return world.files.afterCrash(CrashKind::powerCut);
     }
 
+    ReceivedFile finish(IncomingFile& file) { return world.run(downloads.finish(file, "192.168.1.7:1")); }
+
     fakes::World world;
-    DeliveredTransfers delivered{world.system};
+    Downloads downloads{world.system, folder};
 };
 
 TEST_F(IncomingFiles, FlushDataAndFolderOnceEachIfTheyAreComplete) {
@@ -52,7 +54,7 @@ TEST_F(IncomingFiles, FlushDataAndFolderOnceEachIfTheyAreComplete) {
     file.append(asBytes("0123456789"));
     EXPECT_EQ(world.files.count(Operation::flush) + world.files.count(Operation::flushDirectory), 0U)
         << "nobody waits for the disk behind the lock on the folder";
-    static_cast<void>(file.finish("192.168.1.7:1"));
+    finish(file);
     EXPECT_EQ(world.files.count(Operation::flush), 1U);
     EXPECT_EQ(world.files.count(Operation::flushDirectory), 1U);
     EXPECT_EQ(afterPowerCut()->content(folder / "a.txt"), "0123456789");
@@ -64,7 +66,7 @@ TEST_F(IncomingFiles, LeaveNoSidecarThatAPowerCutCouldBringBack) {
     }
     ASSERT_TRUE(afterPowerCut()->exists(sidecar));
     IncomingFile file = begin();
-    static_cast<void>(file.finish("192.168.1.7:1"));
+    finish(file);
     for (const CrashKind kind : fakes::allCrashKinds) {
         EXPECT_FALSE(world.files.afterCrash(kind)->exists(sidecar)) << static_cast<int>(kind);
     }
@@ -77,7 +79,7 @@ TEST_F(IncomingFiles, CanBeResumedAfterAPowerCutOnceMuchHasCome) {
     file.append(asBytes("x"));
     const auto next = afterPowerCut();
     EXPECT_TRUE(next->exists(partial));
-    const std::optional<PartialMeta> meta = PartialMetaIO::load(*next, partial);
+    const std::optional<PartialMeta> meta = fakes::sidecarOf(*next, partial);
     ASSERT_TRUE(meta);
     EXPECT_EQ(meta->transfer_id, "ID-1");
     const std::size_t flushes = world.files.count(Operation::flush);
@@ -92,7 +94,7 @@ TEST_F(IncomingFiles, CanBeResumedAfterAPowerCutOnceTheyWereGivenUp) {
     }
     const auto next = afterPowerCut();
     EXPECT_EQ(next->content(partial), "01234");
-    EXPECT_TRUE(PartialMetaIO::load(*next, partial));
+    EXPECT_TRUE(fakes::sidecarOf(*next, partial));
 }
 
 TEST_F(IncomingFiles, KeepWhatThereIsToResumeThroughAPowerCutAtOnce) {
@@ -101,7 +103,7 @@ TEST_F(IncomingFiles, KeepWhatThereIsToResumeThroughAPowerCutAtOnce) {
     IncomingFile file = begin();
     EXPECT_EQ(file.bytesWritten(), 5);
     for (const CrashKind kind : fakes::allCrashKinds) {
-        const std::optional<PartialMeta> meta = PartialMetaIO::load(*world.files.afterCrash(kind), partial);
+        const std::optional<PartialMeta> meta = fakes::sidecarOf(*world.files.afterCrash(kind), partial);
         ASSERT_TRUE(meta) << static_cast<int>(kind);
         EXPECT_EQ(meta->transfer_id, "ID-1");
     }
@@ -113,7 +115,7 @@ TEST_F(IncomingFiles, AreNeverTakenForTheTransferOfASidecarThatLayThere) {
     file.append(asBytes("01234"));
     for (const CrashKind kind : fakes::allCrashKinds) {
         const auto next = world.files.afterCrash(kind);
-        const std::optional<PartialMeta> meta = PartialMetaIO::load(*next, partial);
+        const std::optional<PartialMeta> meta = fakes::sidecarOf(*next, partial);
         EXPECT_TRUE(meta && meta->transfer_id == "ID-1") << static_cast<int>(kind);
     }
 }
@@ -138,12 +140,11 @@ TEST_F(IncomingFiles, StartAnewUnderAnotherNameIfAPowerCutTookTheSidecar) {
                                .folders = world.folders,
                                .directories = world.system.directories,
                                .mainQueue = world.system.mainQueue};
-    DeliveredTransfers deliveredThere(onTheDisk);
-    IncomingFile again = IncomingFile::begin({.system = onTheDisk, .delivered = deliveredThere, .downloadsDir = folder},
-                                             phone, offerOf("ID-1"), world.clock.now());
+    Downloads there(onTheDisk, folder);
+    IncomingFile again = world.run(there.begin(phone, offerOf("ID-1"), world.clock.now()));
     EXPECT_EQ(again.bytesWritten(), 0);
     again.append(asBytes("0123456789"));
-    const ReceivedFile received = again.finish("192.168.1.7:1");
+    const ReceivedFile received = world.run(there.finish(again, "192.168.1.7:1"));
     EXPECT_EQ(received.savedAt, folder / "a 2.txt");
     EXPECT_EQ(next->content(received.savedAt), "0123456789");
 }
@@ -158,6 +159,236 @@ TEST_F(IncomingFiles, ReportASidecarThatCannotBeFlushed) {
         EXPECT_EQ(error.which(), ReceiveError::Case::fileWriteFailed);
         EXPECT_THAT(error.description(), testing::HasSubstr("meta write: Input/output error"));
     }
+}
+
+// ---- somebody else who may write in the folder
+
+/// Does something once, right before the first such operation on this path.
+void rightBefore(MemoryFileSystem& files, Operation operation, const Path& path, const std::function<void()>& action) {
+    files.beforeEach([operation, path, action, done = false](Operation now, const Path& where) mutable {
+        if (now == operation && where == path && !std::exchange(done, true)) {
+            action();
+        }
+    });
+}
+
+const Path precious = "/home/ann/.bashrc";
+
+TEST_F(IncomingFiles, ReplaceALinkInTheSidecarsPlaceItself) {
+    world.files.put(precious, "precious");
+    world.files.putLink(sidecar, precious);
+    IncomingFile file = begin();
+    EXPECT_EQ(world.files.content(precious), "precious");
+    ASSERT_TRUE(fakes::sidecarOf(world.files, partial));
+    file.append(asBytes("0123456789"));
+    EXPECT_EQ(finish(file).savedAt, folder / "a.txt");
+    EXPECT_EQ(world.files.content(precious), "precious");
+    EXPECT_EQ(world.files.allFiles().front(), (folder / "a.txt").native());
+}
+
+TEST_F(IncomingFiles, DoNotFollowALinkThatIsPutInTheSidecarsPlaceMeanwhile) {
+    world.files.put(precious, "precious");
+    IncomingFile file = begin();
+    world.files.putLink(sidecar, precious);
+    file.append(eightMebibytes); // flushes the sidecar
+    EXPECT_EQ(world.files.content(precious), "precious");
+    EXPECT_TRUE(fakes::sidecarOf(world.files, partial)) << "there is one again";
+    world.files.putLink(sidecar, precious);
+    finish(file);
+    EXPECT_EQ(world.files.content(precious), "precious");
+    EXPECT_FALSE(world.files.exists(sidecar));
+}
+
+TEST_F(IncomingFiles, TakeTheNextNameIfAnythingIsPutInThePartialsPlaceJustNow) {
+    const std::vector<std::function<void()>> things{
+        [this] { world.files.putLink(partial, precious); }, [this] { world.files.putSpecial(partial); },
+        [this] { world.files.putFolder(partial); }, [this] { world.files.put(partial, "somebody's"); }};
+    for (const std::function<void()>& put : things) {
+        world.files.put(precious, "precious");
+        rightBefore(world.files, Operation::open, partial, put);
+        IncomingFile file = begin();
+        file.append(asBytes("0123456789"));
+        const ReceivedFile received = finish(file);
+        EXPECT_EQ(received.savedAt, folder / "a 2.txt");
+        EXPECT_EQ(world.files.content(received.savedAt), "0123456789");
+        EXPECT_EQ(world.files.content(precious), "precious");
+        world.files.remove(received.savedAt);
+        world.files.putSpecial(partial);
+        world.files.remove(partial);
+    }
+}
+
+TEST_F(IncomingFiles, AreNotContinuedInAFileThatIsPutInThePartialsPlaceJustNow) {
+    const std::string ours = R"({"transfer_id":"ID-1","advertised_size":10,"started_at_epoch_ms":5})";
+    for (const Operation moment : {Operation::open, Operation::lock}) {
+        world.files.put(partial, "01234");
+        world.files.put(sidecar, ours);
+        world.files.put("/elsewhere/stranger", "xxxxx");
+        world.files.setOwner("/elsewhere/stranger", 1001);
+        rightBefore(world.files, moment, partial, [this] { world.files.swapIn("/elsewhere/stranger", partial); });
+        IncomingFile file = begin();
+        EXPECT_EQ(file.bytesWritten(), 0) << "the stranger's content is nobody's beginning";
+        file.append(asBytes("0123456789"));
+        EXPECT_EQ(finish(file).savedAt, folder / "a 2.txt");
+        EXPECT_EQ(world.files.content(partial), "xxxxx");
+        world.files.remove(folder / "a 2.txt");
+        world.files.remove("/home/ann/.local/share/Orlinth/delivered.jsonl");
+    }
+}
+
+TEST_F(IncomingFiles, NeverDeliverAFileThatWasPutInThePartialsPlace) {
+    for (const Operation moment : {Operation::status, Operation::rename}) {
+        world.files.put("/elsewhere/stranger", "not what the phone has sent");
+        IncomingFile file = begin();
+        file.append(asBytes("0123456789"));
+        const Path where = moment == Operation::rename ? folder / "a.txt" : partial;
+        rightBefore(world.files, moment, where, [this] { world.files.swapIn("/elsewhere/stranger", partial); });
+        try {
+            finish(file);
+            ADD_FAILURE() << "no error";
+        } catch (const ReceiveError& error) {
+            EXPECT_EQ(error.description(), "file write failed: rename: another program has replaced a.txt.partial");
+        }
+        EXPECT_FALSE(world.files.exists(folder / "a.txt"));
+        EXPECT_EQ(world.files.content(partial), "not what the phone has sent") << "where he has put it";
+        EXPECT_FALSE(DeliveredTransfers(world.system).find(phone, "ID-1"));
+        world.files.beforeEach({});
+        world.files.remove(partial);
+    }
+}
+
+TEST_F(IncomingFiles, AreDeliveredIfSomebodyTakesTheFileAwayAtOnce) {
+    IncomingFile file = begin();
+    file.append(asBytes("0123456789"));
+    bool isMoved = false;
+    world.files.beforeEach([&](Operation now, const Path& where) {
+        isMoved = isMoved || now == Operation::rename;
+        if (isMoved && now == Operation::status && where == folder / "a.txt") {
+            world.files.swapIn(where, "/sorted/a.txt");
+        }
+    });
+    finish(file);
+    EXPECT_EQ(world.files.content("/sorted/a.txt"), "0123456789");
+}
+
+TEST_F(IncomingFiles, GoIntoTheFolderInWhichTheyBegan) {
+    IncomingFile file = begin();
+    world.files.swapIn(folder, "/elsewhere/folder");
+    world.files.put("/home/ann/secret/x", "");
+    world.files.putLink(folder, "/home/ann/secret");
+    file.append(asBytes("0123456789"));
+    finish(file);
+    EXPECT_EQ(world.files.content("/elsewhere/folder/a.txt"), "0123456789");
+    EXPECT_FALSE(world.files.exists("/home/ann/secret/a.txt"));
+}
+
+TEST_F(IncomingFiles, AreNotContinuedByAnotherPhone) {
+    {
+        IncomingFile file = begin();
+        file.append(asBytes("01234"));
+    }
+    {
+        IncomingFile other = begin("ID-1", "3p7bfXt9wbTTW2HC7OQ1Nz+DQ8hbeGdNrfx+FG+IK08=");
+        EXPECT_EQ(other.bytesWritten(), 0);
+        other.append(asBytes("98765"));
+    }
+    EXPECT_EQ(world.files.content(partial), "01234");
+    EXPECT_EQ(world.files.content(folder / "a 2.txt.partial"), "98765");
+    EXPECT_EQ(begin().bytesWritten(), 5);
+}
+
+// ---- turns
+
+const Path data = "/home/ann/.local/share/Orlinth";
+
+TEST_F(IncomingFiles, TakeTheirTurnsByAFileThatOnlyTheOwnerMayLock) {
+    const platform::FileStatus status = world.files.status(folder).value();
+    const Path lock = data / ("downloads-1-" + std::to_string(status.inode) + ".lock");
+    int held = 0;
+    world.files.beforeEach([&](Operation operation, const Path& path) {
+        EXPECT_FALSE(world.files.isLocked(folder)) << "everybody who may read it could keep us away from it";
+        const bool choosesNames = operation == Operation::create && path == partial;
+        const bool moves = operation == Operation::rename && path == folder / "a.txt";
+        if (choosesNames || moves || (operation == Operation::open && path == partial)) {
+            EXPECT_TRUE(world.files.isLocked(lock));
+            ++held;
+        }
+        if (operation == Operation::flush || operation == Operation::flushDirectory) {
+            EXPECT_FALSE(world.files.isLocked(lock)) << "nobody waits for the disk behind it";
+        }
+    });
+    IncomingFile file = begin();
+    file.append(asBytes("0123456789"));
+    finish(file);
+    EXPECT_EQ(held, 2);
+    EXPECT_EQ(world.files.status(lock).value().permissions, 0600U);
+    EXPECT_FALSE(world.files.isLocked(lock));
+}
+
+TEST_F(IncomingFiles, DoNotCareWhoHoldsALockOnTheFolder) {
+    const auto held = world.files.open(folder, platform::OpenMode::read);
+    ASSERT_TRUE(held->tryLock());
+    IncomingFile file = begin();
+    file.append(asBytes("0123456789"));
+    EXPECT_EQ(finish(file).savedAt, folder / "a.txt");
+}
+
+TEST_F(IncomingFiles, WaitForAnotherProcessAsLongAsIsReasonable) {
+    const Path lock = FolderTurns(world.system).lockFile(world.files.status(folder).value());
+    world.files.put(lock, "");
+    auto held = world.files.open(lock, platform::OpenMode::write);
+    ASSERT_TRUE(held->tryLock());
+    world.alongside([](fakes::World& there, std::unique_ptr<platform::File> mine) -> Task<> {
+        co_await there.clock.sleep(FolderTurns::patienceSeconds - 1);
+        mine.reset();
+    }(world, std::move(held)));
+    {
+        const IncomingFile file = begin();
+        EXPECT_GE(world.clock.elapsed(), FolderTurns::patienceSeconds - 1);
+        EXPECT_LT(world.clock.elapsed(), FolderTurns::patienceSeconds);
+    }
+    held = world.files.open(lock, platform::OpenMode::write);
+    ASSERT_TRUE(held->tryLock());
+    const double start = world.clock.elapsed();
+    try {
+        static_cast<void>(begin());
+        ADD_FAILURE() << "no error";
+    } catch (const ReceiveError& error) {
+        EXPECT_EQ(error.description(), "file write failed: another program holds the lock " + lock.native());
+    }
+    EXPECT_NEAR(world.clock.elapsed() - start, FolderTurns::patienceSeconds, 0.1);
+}
+
+/// Takes a turn and keeps it for a second; notes when it came.
+Task<> takeTurn(fakes::World& world, FolderTurns& turns, std::vector<int>& order, int number) {
+    platform::FileStatus status;
+    const FolderTurn turn = co_await turns.take(status);
+    order.push_back(number);
+    co_await world.clock.sleep(1);
+    order.push_back(number);
+}
+
+TEST(FolderTurnsOfOneProcess, ComeOneAfterTheOtherAndPassOverWhoeverIsCancelled) {
+    fakes::World world;
+    FolderTurns turns(world.system);
+    std::vector<int> order;
+    asio::cancellation_signal stop;
+    bool isCancelled = false;
+    world.alongside(takeTurn(world, turns, order, 1));
+    platform::spawn(world.context.get_executor(), takeTurn(world, turns, order, 2), stop.slot(),
+                    [&](const std::exception_ptr& error) { isCancelled = error != nullptr; });
+    world.alongside(takeTurn(world, turns, order, 3));
+    // more than the patience with other processes
+    for (int number = 4; number < 10; ++number) {
+        world.alongside(takeTurn(world, turns, order, number));
+    }
+    world.context.restart();
+    world.context.poll();
+    EXPECT_THAT(order, testing::ElementsAre(1));
+    stop.emit(asio::cancellation_type::terminal);
+    fakes::runUntilIdle(world.context, world.clock);
+    EXPECT_TRUE(isCancelled);
+    EXPECT_THAT(order, testing::ElementsAre(1, 1, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7, 8, 8, 9, 9));
 }
 
 } // namespace

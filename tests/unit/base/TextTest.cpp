@@ -43,6 +43,18 @@ TEST(Text, KeepsOddBytesWhenLoweringTheCase) {
               "b\xc3");
 }
 
+TEST(Text, FoldsWhatFileSystemsThatIgnoreCaseTakeForTheSame) {
+    EXPECT_EQ(caseFolded("A.Partial"), "a.partial");
+    EXPECT_EQ(caseFolded("J\u017fON"), "json") << "a long s";
+    EXPECT_EQ(caseFolded("\u212aelvin"), "kelvin");
+    EXPECT_EQ(caseFolded("a\u200b\u00ad\ufe0fb"), "ab") << "characters that show nothing";
+    EXPECT_EQ(caseFolded("\u00c4"), caseFolded("A\u0308"));
+    EXPECT_EQ(caseFolded("STRASSE"), caseFolded("stra\u00dfe"));
+    EXPECT_EQ(caseFolded("\uff0e"), "\uff0e") << "another dot is another dot";
+    EXPECT_EQ(caseFolded("A\xff"), "a\xff");
+    EXPECT_EQ(caseFolded(""), "");
+}
+
 TEST(Text, TrimsUnicodeWhiteSpaceAtBothEnds) {
     EXPECT_EQ(trimmed(" \t\r\n\v\fa b\n "), "a b");
     EXPECT_EQ(trimmed("\u00a0\u3000\u2028\u2029\u0085\u2003x\u1680\u202f\u205f"), "x");

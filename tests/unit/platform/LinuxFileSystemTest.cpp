@@ -140,13 +140,6 @@ TEST_F(LinuxFileSystemTest, DoesNotCallAStatusThatItCannotSeeAMissingFile) {
     EXPECT_FALSE(files_.exists(tooLong));
 }
 
-TEST_F(LinuxFileSystemTest, SaysHowLongANameMayBe) {
-    const std::size_t longest = files_.longestName(folder_.path());
-    writeText(folder_ / std::string(longest, 'x'), "");
-    EXPECT_EQ(failureToOpen(folder_ / std::string(longest + 1, 'x'), OpenMode::createNew), "File name too long");
-    EXPECT_EQ(files_.longestName(folder_ / "missing"), 255U) << "a guess";
-}
-
 TEST_F(LinuxFileSystemTest, OpensForReadingAndWritingOnlyWhatExists) {
     EXPECT_EQ(failureToOpen(folder_ / "missing", OpenMode::read), "No such file or directory");
     EXPECT_EQ(failureToOpen(folder_ / "missing", OpenMode::write), "No such file or directory");

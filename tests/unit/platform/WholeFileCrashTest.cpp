@@ -62,7 +62,7 @@ TEST(WholeFile, KeepsALinkAndReplacesItsTarget) {
     MemoryFileSystem files;
     files.put("/elsewhere/real.json", "old");
     files.putLink(file, "/elsewhere/real.json");
-    writeNew(files);
+    writeWholeFile(files, file, asBytes("the new content"), 0600, Flush::now, Links::follow);
     EXPECT_EQ(files.resolveLinks(file), "/elsewhere/real.json");
     EXPECT_THAT(*files.content("/elsewhere/real.json"), StartsWith("the new content"));
     EXPECT_THAT(files.list("/data"), ElementsAre("store.json"));

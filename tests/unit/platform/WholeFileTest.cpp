@@ -41,6 +41,7 @@ public:
         }
         return file;
     }
+    std::unique_ptr<Folder> openFolder(const Path& path) override { return files_.openFolder(path); }
     void createDirectories(const Path& path, std::uint32_t permissions) override {
         files_.createDirectories(path, permissions);
     }
@@ -133,19 +134,47 @@ TEST(WholeFile, LeavesNoTemporaryFileWhenItsPlaceIsAFolder) {
     EXPECT_THAT(namesIn(folder), ElementsAre("a"));
 }
 
-TEST(WholeFile, KeepsALinkAndReplacesItsTarget) {
+TEST(WholeFile, KeepsALinkAndReplacesItsTargetWhereThatIsAskedFor) {
     const fakes::TemporaryFolder folder;
     LinuxFileSystem files;
     writeText(folder / "elsewhere/target", "old");
     std::filesystem::create_symlink("elsewhere/target", folder / "link");
     std::filesystem::create_symlink("elsewhere/new", folder / "dangling");
-    writeWholeFile(files, folder / "link", asBytes("new"));
-    writeWholeFile(files, folder / "dangling", asBytes("first"));
+    writeWholeFile(files, folder / "link", asBytes("new"), 0600, Flush::now, Links::follow);
+    writeWholeFile(files, folder / "dangling", asBytes("first"), 0600, Flush::now, Links::follow);
     EXPECT_TRUE(std::filesystem::is_symlink(folder / "link"));
     EXPECT_TRUE(std::filesystem::is_symlink(folder / "dangling"));
     EXPECT_EQ(readText(folder / "elsewhere/target"), "new");
     EXPECT_EQ(readText(folder / "elsewhere/new"), "first");
     EXPECT_THAT(namesIn(folder), UnorderedElementsAre("link", "dangling", "elsewhere"));
+}
+
+TEST(WholeFile, ReplacesALinkItself) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    writeText(folder / "elsewhere/target", "precious");
+    std::filesystem::create_symlink("elsewhere/target", folder / "link");
+    std::filesystem::create_symlink("elsewhere/new", folder / "dangling");
+    writeWholeFile(files, folder / "link", asBytes("new"));
+    writeWholeFile(files, folder / "dangling", asBytes("first"));
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(folder / "link")));
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(folder / "dangling")));
+    EXPECT_EQ(readText(folder / "link"), "new");
+    EXPECT_EQ(readText(folder / "elsewhere/target"), "precious");
+    EXPECT_FALSE(std::filesystem::exists(folder / "elsewhere/new"));
+    EXPECT_THAT(namesIn(folder), UnorderedElementsAre("link", "dangling", "elsewhere"));
+}
+
+TEST(WholeFile, ReplacesALinkItselfInAnOpenFolderToo) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    writeText(folder / "elsewhere/target", "precious");
+    std::filesystem::create_symlink("elsewhere/target", folder / "link");
+    writeWholeFile(*files.openFolder(folder.path()), FileName("link"), asBytes("new"), 0600);
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(folder / "link")));
+    EXPECT_EQ(readText(folder / "link"), "new");
+    EXPECT_EQ(readText(folder / "elsewhere/target"), "precious");
+    EXPECT_EQ(files.status(folder / "link").value().permissions, 0600U);
 }
 
 TEST(FileLock, KeepsAnotherProcessOutUntilItGoes) {

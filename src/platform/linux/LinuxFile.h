@@ -1,0 +1,103 @@
+#pragma once
+
+#include "platform/FileSystem.h"
+#include "platform/SystemError.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <utility>
+
+/// What LinuxFileSystem and LinuxFolder have in common: the kernel's calls, descriptors, and an open file.
+namespace orlinth::platform::detail {
+
+/// Makes a call again for as long as signals interrupt it.
+template <typename Call>
+auto retried(Call call) {
+    for (;;) {
+        const auto result = call();
+        if (result != -1 || errno != EINTR) {
+            return result;
+        }
+    }
+}
+
+/// The same; what fails for another reason is thrown.
+template <typename Call>
+auto checked(Call call) {
+    const auto result = retried(std::move(call));
+    if (result == -1) {
+        throw SystemError::fromErrno();
+    }
+    return result;
+}
+
+class Descriptor {
+public:
+    explicit Descriptor(int number) noexcept : number_(number) {}
+    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    Descriptor& operator=(Descriptor&&) = delete;
+    ~Descriptor();
+    [[nodiscard]] int get() const noexcept { return number_; }
+    [[nodiscard]] int release() noexcept { return std::exchange(number_, -1); }
+
+private:
+    int number_;
+};
+
+[[nodiscard]] FileStatus fromStat(const struct stat& found);
+
+/// What open() and openat2() are told.
+[[nodiscard]] int openFlags(OpenMode mode) noexcept;
+/// In addition: opening a named pipe would wait for its other end, and nothing here is meant for pipes.
+[[nodiscard]] int openingFlags(int flags) noexcept;
+/// Reading and writing what was opened with openingFlags() waits again.
+void letWait(const Descriptor& file, int flags);
+
+/// Gives the owner what the umask has taken away of these permissions. A file that was there before is left alone: an
+/// empty one alone can have been made just now, and one of somebody else's is not ours to change.
+void keepForOwner(const Descriptor& file, mode_t permissions);
+
+/// A name below an open folder, or a path (AT_FDCWD).
+struct NameAt {
+    int folder;
+    const char* name;
+};
+
+/// Moves unless something has the name `to`; returns whether it moved. By one call, or on lesser file systems by the
+/// stand-ins that follow.
+[[nodiscard]] bool renameNoReplace(NameAt from, NameAt to);
+/// By a second name; then the first one goes.
+[[nodiscard]] bool renameNoReplaceByLink(NameAt from, NameAt to);
+/// Looks, then moves.
+[[nodiscard]] bool renameNoReplaceByCheck(NameAt from, NameAt to);
+
+/// The names in a folder; takes the descriptor over.
+[[nodiscard]] std::vector<std::string> namesIn(Descriptor folder);
+
+/// Bytes that a name may have in a folder that pathconf() says this of.
+[[nodiscard]] std::size_t longestNameFrom(long bytes) noexcept;
+
+/// fsync() of a folder; nothing on a file system whose folders cannot be flushed one by one.
+void flushFolder(int folder);
+
+/// An open file.
+class LinuxFile final : public File {
+public:
+    explicit LinuxFile(Descriptor descriptor) noexcept : descriptor_(std::move(descriptor)) {}
+
+    std::size_t read(MutableBytes into) override;
+    void write(ByteView data) override;
+    void seek(std::int64_t offset) override;
+    [[nodiscard]] FileStatus status() const override;
+    void flush() override;
+    void startWriteback(std::int64_t offset, std::int64_t length) noexcept override;
+    [[nodiscard]] bool tryLock() override;
+    void lock() override;
+
+    [[nodiscard]] int fd() const noexcept { return descriptor_.get(); }
+
+private:
+    Descriptor descriptor_;
+};
+
+} // namespace orlinth::platform::detail

@@ -1,0 +1,188 @@
+"""The downloads folder, where others may write too: nothing of theirs is followed, waited for, continued or delivered."""
+
+import fcntl
+import json
+import os
+import pathlib
+import shutil
+import unittest
+
+from harness import FRAMES_BEFORE_DATA, MIB, sha256
+from test_serve import ServeTest
+
+SWAP = r"""
+#define _GNU_SOURCE
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+/* Files get their final names by this call. Right before it, somebody puts $STRANGER in place of $PARTIAL. */
+int renameat2(int from_folder, const char* from, int to_folder, const char* to, unsigned flags) {
+    const char* stranger = getenv("STRANGER");
+    if (stranger && *stranger) {
+        rename(stranger, getenv("PARTIAL"));
+        unsetenv("STRANGER");
+    }
+    return (int)syscall(SYS_renameat2, from_folder, from, to_folder, to, flags);
+}
+"""
+
+
+class DownloadsFolder(ServeTest):
+    """`phone` sends to the service of `desk`, or `mac` to the one-file receiver of `phone`."""
+
+    def break_off(self, phone, file, port):
+        """Sends a file up to its first frame of data; then the sender is killed, and the wire cut."""
+        relay = self.relay(port, after_frames=FRAMES_BEFORE_DATA + 1, then="hold")
+        sender = self.send(phone, file, relay.port)
+        partial = self.desk.downloads / (file.name + ".partial")
+        self.wait_until(lambda: partial.exists() and partial.stat().st_size > 0)
+        sender.kill()
+        relay.close()
+        self.wait_until(lambda: self.is_free(partial))
+
+    @staticmethod
+    def is_free(partial):
+        """Whether no receiver writes it any more."""
+        with open(partial, "rb") as file:
+            try:
+                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except BlockingIOError:
+                return False
+        return True
+
+    def sidecar(self, name):
+        return self.desk.downloads / f"{name}.partial.meta.json"
+
+    def test_a_link_in_the_sidecars_place_is_replaced_itself(self):
+        precious = self.desk.root / ".bashrc"
+        service = self.serve()
+        for target in (precious, self.desk.root / ".bash_profile"):
+            precious.write_text("precious")
+            self.sidecar("a.bin").symlink_to(target)
+            self.assert_sent(self.phone, self.file("a.bin", os.urandom(9 * MIB)), service)  # enough for it to be flushed
+            self.assertEqual("precious", precious.read_text())
+            self.assertEqual(["a.bin"], self.left_over())
+            (self.desk.downloads / "a.bin").unlink()
+        self.assertFalse((self.desk.root / ".bash_profile").exists())
+        self.assert_ends(service)
+
+    def test_a_pipe_or_a_folder_in_its_place_holds_nobody_up(self):
+        service = self.serve()
+        os.mkfifo(self.sidecar("a.bin"))
+        self.assert_sent(self.phone, self.file("a.bin", b"content"), service)
+        self.sidecar("b.bin").mkdir()
+        sender = self.send(self.phone, self.file("b.bin", b"content"), service.port)
+        self.assertEqual(1, sender.wait())
+        self.assertEqual("file write failed: meta write: Is a directory", service.events.wait_for("error")["message"])
+        self.assert_ends(service)
+
+    def test_somebody_elses_lock_on_the_folder_stops_nobody(self):
+        held = os.open(self.desk.downloads, os.O_RDONLY)
+        self.addCleanup(os.close, held)
+        fcntl.flock(held, fcntl.LOCK_EX)
+        service = self.serve()
+        self.assert_sent(self.phone, self.file("a.bin", b"content"), service)
+        self.assert_ends(service)
+        [lock] = (self.desk.data / "Orlinth").glob("downloads-*.lock")
+        folder = self.desk.downloads.stat()
+        self.assertEqual(f"downloads-{folder.st_dev}-{folder.st_ino}.lock", lock.name)
+        self.assertEqual(0o600, lock.stat().st_mode & 0o777)
+
+    def test_a_receiver_that_holds_the_turn_for_ever_is_reported(self):
+        service = self.serve()
+        self.assert_sent(self.phone, self.file("a.bin", b"content"), service)
+        [lock] = (self.desk.data / "Orlinth").glob("downloads-*.lock")
+        held = os.open(lock, os.O_RDWR)
+        self.addCleanup(os.close, held)
+        fcntl.flock(held, fcntl.LOCK_EX)
+        sender = self.send(self.phone, self.file("b.bin", b"content"), service.port)
+        self.assertEqual(f"file write failed: another program holds the lock {lock}",
+                         service.events.wait_for("error")["message"])
+        sender.wait()
+        fcntl.flock(held, fcntl.LOCK_UN)
+        self.assert_sent(self.phone, self.file("c.bin", b"content"), service)
+        self.assert_ends(service)
+
+    def test_a_file_put_in_the_partials_place_is_not_delivered(self):
+        stranger = self.folder / "stranger"
+        stranger.write_text("not what the phone has sent")
+        self.desk.environment.update(LD_PRELOAD=str(self.shim("swap", SWAP)), STRANGER=str(stranger),
+                                     PARTIAL=str(self.desk.downloads / "a.bin.partial"))
+        service = self.serve()
+        file = self.file("a.bin", b"content")
+        sender = self.send(self.phone, file, service.port)
+        self.assertEqual("file write failed: rename: another program has replaced a.bin.partial",
+                         service.events.wait_for("error")["message"])
+        sender.wait()
+        self.assertIsNone(next((event for event in service.events.all if event["event"] == "received"
+                                and sha256(event["saved_at"]) != sha256(file)), None))
+        for path in self.desk.downloads.iterdir():
+            if path.read_bytes() == b"not what the phone has sent":
+                self.assertEqual("a.bin.partial", path.name)
+        self.assert_ends(service)
+
+    def test_only_the_phone_that_began_a_download_continues_it(self):
+        service = self.serve()
+        file = self.file("film.mov", os.urandom(3 * MIB))
+        self.break_off(self.phone, file, service.port)
+        self.assertEqual(self.phone.key, json.loads(self.sidecar("film.mov").read_text())["peer_pubkey"])
+        thief = self.another_phone("thief")
+        thief.record(self.desk, service.port)
+        for name in ("inflight.json", "inflight-sources.json"):  # the same transfer id
+            shutil.copy(self.phone.data / "Orlinth" / name, thief.data / "Orlinth" / name)
+        event = self.assert_sent(thief, file, service)
+        self.assertEqual((0, "film 2.mov"), (event["resumed_from_offset"], pathlib.Path(event["saved_at"]).name))
+        event = self.assert_sent(self.phone, file, service)
+        self.assertEqual("film.mov", pathlib.Path(event["saved_at"]).name)
+        self.assertGreater(event["resumed_from_offset"], 0)
+        self.assert_ends(service)
+
+    def test_a_file_of_the_users_own_is_not_continued_by_a_sidecar_that_a_phone_delivers(self):
+        own = self.desk.downloads / "thesis.partial"
+        own.write_text("years of work")
+        service = self.serve()
+        victim = self.file("thesis", b"years of work, and what the phone adds")
+        self.phone.record(self.desk, 9)
+        self.assertEqual(1, self.phone.run("send", "--to", "mac", "--warm-timeout", "1", str(victim)).returncode)
+        [transfer_id] = self.phone.journal().values()
+        sidecar = json.dumps({"transfer_id": transfer_id, "advertised_size": 38, "started_at_epoch_ms": 1})
+        for name in ("thesis.partial.meta.json", "thesis.PARTIAL.meta.json"):
+            event = self.assert_sent(self.phone, self.file(name, sidecar.encode()), service)
+            self.assertNotEqual(name, pathlib.Path(event["saved_at"]).name)
+        event = self.assert_sent(self.phone, victim, service)
+        self.assertEqual((0, "thesis 2"), (event["resumed_from_offset"], pathlib.Path(event["saved_at"]).name))
+        self.assertEqual("years of work", own.read_text())
+        self.assert_ends(service)
+
+    def test_a_second_name_of_a_file_is_not_continued(self):
+        service = self.serve()
+        file = self.file("film.mov", os.urandom(3 * MIB))
+        self.break_off(self.phone, file, service.port)
+        partial = self.desk.downloads / "film.mov.partial"
+        own = self.desk.root / "own.txt"
+        own.write_text("own")
+        partial.unlink()
+        os.link(own, partial)
+        event = self.assert_sent(self.phone, file, service)
+        self.assertEqual("film 2.mov", pathlib.Path(event["saved_at"]).name)
+        self.assertEqual("own", own.read_text())
+        self.assert_ends(service)
+
+    def test_the_one_file_receiver_is_as_careful(self):
+        precious = self.phone.root / ".bashrc"
+        precious.write_text("precious")
+        (self.phone.downloads / "a.bin.partial.meta.json").symlink_to(precious)
+        held = os.open(self.phone.downloads, os.O_RDONLY)
+        self.addCleanup(os.close, held)
+        fcntl.flock(held, fcntl.LOCK_EX)
+        file = self.file("a.bin", os.urandom(MIB))
+        sender, receiver = self.transfer(file)
+        self.assert_delivered(file, sender, receiver)
+        self.assertEqual("precious", precious.read_text())
+
+
+if __name__ == "__main__":
+    unittest.main()
