@@ -372,6 +372,20 @@ TEST_F(ReceiveTransfer, RefusesASecondOfferAndKeepsThePartial) {
     EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "01234");
 }
 
+TEST_F(ReceiveTransfer, RefusesAnIdThatIsTooLong) {
+    Script script{.frames = {offer("a.txt", 0, std::string(256, 'x')), Row::done()}};
+    EXPECT_EQ(receiveFrom(script).savedAt, folder / "a.txt");
+    world.alongside([](World& theWorld) -> Task<> {
+        co_await theWorld.clock.sleep(1);
+        const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
+        co_await phone->send(offer("b.txt", 0, std::string(257, 'x')));
+        EXPECT_TRUE(co_await phone->seesTheEnd());
+    }(world));
+    EXPECT_EQ(world.failure<ReceiveError>(receive()).description(),
+              "protocol violation: transfer id of 257 bytes, more than 256");
+    EXPECT_THAT(filesInDownloads(), ElementsAre((folder / "a.txt").native()));
+}
+
 TEST_F(ReceiveTransfer, RefusesAResumeFromTheSender) {
     Script script{.frames = {Row::resume("ID-1", 0)}};
     EXPECT_EQ(failureFrom(script).description(), "protocol violation: unexpected Resume from sender");

@@ -126,6 +126,51 @@ TEST_P(ReceiverFramesInState, ADeclineEndsTheConnection) {
     expectPartial(GetParam());
 }
 
+TEST_F(ReceiverFrames, AnOfferWithAnIdThatIsTooLongIsAViolationAndNobodyIsAsked) {
+    world.make().approveOffer = [](Receiver::Offer) -> Task<bool> {
+        ADD_FAILURE() << "somebody was asked";
+        co_return true;
+    };
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::fileOffer("a.txt", 10, "text/plain", std::string(257, 'x')));
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    EXPECT_THAT(world.failureTexts(), ElementsAre("protocol violation: transfer id of 257 bytes, more than 256"));
+}
+
+TEST_F(ReceiverFrames, AnOfferBeyondTheLimitsIsDeclinedAndNobodyIsAsked) {
+    int asked = 0;
+    Receiver& receiver = world.make();
+    receiver.approveOffer = [&asked](Receiver::Offer) -> Task<bool> {
+        ++asked;
+        co_return true;
+    };
+    receiver.downloadLimits = {.keepFreeBytes = 1000, .maxFileBytes = 5000};
+    world.files.setCapacity(10'000);
+    world.start();
+    const auto tooLarge = world.phone();
+    world.send(*tooLarge, Row::fileOffer("film.mov", 5001, "video/quicktime", "ID-1"));
+    static_cast<void>(world.run(tooLarge->expect<Row::Decline>()));
+    EXPECT_EQ(world.run(tooLarge->howItEnds()), "wire EOF before expected bytes");
+    tooLarge->close();
+    world.files.setCapacity(4000);
+    const auto noRoom = world.phone();
+    world.send(*noRoom, Row::fileOffer("song.mp3", 4000, "audio/mpeg", "ID-2"));
+    static_cast<void>(world.run(noRoom->expect<Row::Decline>()));
+    EXPECT_TRUE(world.seesTheEnd(*noRoom));
+    noRoom->close();
+    world.settle();
+    EXPECT_EQ(asked, 0);
+    ASSERT_EQ(world.syncs.size(), 2U);
+    const auto& first = std::get<Receiver::Declined>(world.syncs[0]);
+    EXPECT_EQ(first.name, "film.mov");
+    EXPECT_EQ(first.refusal, (DownloadRefusal{DownloadRefusal::Reason::tooLarge, 5000}));
+    const auto& second = std::get<Receiver::Declined>(world.syncs[1]);
+    EXPECT_EQ(second.refusal, (DownloadRefusal{DownloadRefusal::Reason::noRoom, 1000}));
+    expectServesOn();
+    EXPECT_EQ(asked, 1);
+}
+
 TEST_P(ReceiverFramesInState, AResumeIsAViolation) {
     world.start();
     const auto phone = phoneIn(GetParam());

@@ -186,6 +186,12 @@ TEST_F(SendTransfer, RefusesANegativeOffset) {
     EXPECT_EQ(world.failure<SendError>(send()).description(), "malformed Resume: accepted_offset out of range: -1/10");
 }
 
+TEST_F(SendTransfer, RefusesAResumeWithAnIdThatNobodyHasAndDoesNotRepeatIt) {
+    world.alongside(answer(world, Row::resume(std::string(1'000'000, 'x'), 0), seen));
+    EXPECT_EQ(world.failure<SendError>(send()).description(),
+              "malformed Resume: transfer_id of 1000000 bytes, more than 256");
+}
+
 TEST_F(SendTransfer, RefusesAResumeOfAnotherTransfer) {
     world.alongside(answer(world, Row::resume("OTHER", 0), seen));
     const auto error = world.failure<SendError>(send());

@@ -141,7 +141,7 @@ CollisionResolver::Target CollisionResolver::resolveTarget(Folder& folder, const
             return {std::move(final), std::move(partial), 0};
         }
         if (const std::optional<std::int64_t> offset = resumeOffset(folder, partial, transfer)) {
-            return {std::move(final), std::move(partial), *offset};
+            return {std::move(final), std::move(partial), *offset, true};
         }
     }
     FileName final = name.unique();

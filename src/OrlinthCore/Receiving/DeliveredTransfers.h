@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "base/Bytes.h"
 #include "platform/System.h"
 
@@ -38,8 +39,8 @@ public:
     static constexpr std::size_t maxEntries = 4096;
     /// How long: a phone that was away for its owner's holidays may come back with what it has not seen the end of.
     static constexpr std::int64_t maxAgeMilliseconds = std::int64_t{30} * 24 * 3600 * 1000;
-    /// Longest id that is remembered, bytes. Ours have 36.
-    static constexpr std::size_t maxIdBytes = 256;
+    /// Longest id that is remembered, bytes: every one that is taken.
+    static constexpr std::size_t maxIdBytes = TransportMessage::maxTransferIdBytes;
     /// Longest line that is read: a path of PATH_MAX bytes, each escaped, and the rest.
     static constexpr std::size_t maxLineBytes = 32768;
     /// When the file has grown to this, it is written anew, with what is still remembered.

@@ -1,11 +1,33 @@
 #include "OrlinthCore/Receiving/Downloads.h"
 
+#include "OrlinthCore/Receiving/Partials.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
 #include "platform/SystemError.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace orlinth {
+namespace {
+
+/// How long a phone with too many partial files is believed to have them still, seconds; else each of its offers would
+/// have all of them read.
+constexpr double censusSeconds = 10;
+
+void requireSensible(const TransportMessage::FileOffer& offer) {
+    if (offer.transfer_id.size() > TransportMessage::maxTransferIdBytes) {
+        throw ReceiveError::protocolViolation("transfer id of " + std::to_string(offer.transfer_id.size()) +
+                                              " bytes, more than " +
+                                              std::to_string(TransportMessage::maxTransferIdBytes));
+    }
+}
+
+/// Bytes that the offer promises beyond those that are here.
+std::int64_t toCome(const TransportMessage::FileOffer& offer, std::int64_t here) {
+    return std::max(offer.size, std::int64_t{0}) - here;
+}
+
+} // namespace
 
 Downloads::Downloads(platform::System& system, platform::Path folder)
     : system_(system), path_(std::move(folder)), delivered_(system), turns_(system) {}
@@ -19,22 +41,133 @@ std::unique_ptr<platform::Folder> Downloads::open() const {
     }
 }
 
-Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOffer offer,
-                                    platform::Clock::Instant offeredAt) {
-    std::unique_ptr<platform::Folder> folder = open();
-    const FolderTurn turn = co_await turns_.take(folder->status());
-    co_return IncomingFile::begin({.system = system_, .delivered = delivered_}, std::move(folder), turn,
-                                  std::move(phone), offer, offeredAt);
-}
-
 bool Downloads::isDelivered(const std::string& phone, const TransportMessage::FileOffer& offer) {
     return delivered_.find(phone, offer.transfer_id, offer.size).has_value();
+}
+
+// ---- refusals
+
+std::optional<DownloadRefusal> Downloads::refusalOf(const std::string& phone,
+                                                    const TransportMessage::FileOffer& offer) {
+    requireSensible(offer);
+    std::unique_ptr<platform::Folder> folder;
+    try {
+        folder = system_.files.openFolder(path_);
+    } catch (const platform::SystemError&) {
+        return std::nullopt; // begin() makes it, or says why that cannot be done
+    }
+    return refusalIn(*folder, {.id = offer.transfer_id, .phone = phone}, offer);
+}
+
+std::optional<DownloadRefusal> Downloads::refusalIn(platform::Folder& folder,
+                                                    const CollisionResolver::Transfer& transfer,
+                                                    const TransportMessage::FileOffer& offer) {
+    using Reason = DownloadRefusal::Reason;
+    if (limits_.maxFileBytes > 0 && offer.size > limits_.maxFileBytes) {
+        return DownloadRefusal{Reason::tooLarge, limits_.maxFileBytes};
+    }
+    // What would be continued is looked for only if it makes a difference.
+    std::optional<CollisionResolver::Target> target;
+    const auto continued = [&]() -> const CollisionResolver::Target& {
+        if (!target) {
+            target = CollisionResolver::resolveTarget(folder, CollisionResolver::sanitize(offer.name), transfer);
+        }
+        return *target;
+    };
+    try {
+        if (limits_.keepFreeBytes > 0) {
+            const std::int64_t free = folder.freeBytes();
+            const std::int64_t others = room_.promisedToOthers(transfer);
+            const std::int64_t room = others > free ? 0 : free - others;
+            const auto fits = [&](std::int64_t bytes) {
+                return bytes <= 0 || (room >= limits_.keepFreeBytes && bytes <= room - limits_.keepFreeBytes);
+            };
+            if (!fits(offer.size) && !fits(toCome(offer, continued().resumeOffset))) {
+                return DownloadRefusal{Reason::noRoom, limits_.keepFreeBytes};
+            }
+        }
+        if (hasTooManyPartials(folder, transfer.phone) && !continued().isContinued) {
+            return DownloadRefusal{Reason::tooManyPartials, static_cast<std::int64_t>(DownloadLimits::maxPartials)};
+        }
+    } catch (const platform::SystemError& error) {
+        throw ReceiveError::fileWriteFailed(error.description());
+    }
+    return std::nullopt;
+}
+
+bool Downloads::hasTooManyPartials(platform::Folder& folder, const std::string& phone) {
+    const std::lock_guard guard(censusLock_);
+    const platform::FileStatus status = folder.status();
+    if (!census_ || !platform::isSameFile(census_->folder, status)) {
+        takeCensus(folder);
+    }
+    const auto isTooMany = [&] {
+        const auto found = census_->partials.find(phone);
+        return found != census_->partials.end() && found->second >= DownloadLimits::maxPartials;
+    };
+    if (isTooMany() && (system_.clock.now() - census_->takenAt).count() >= censusSeconds) {
+        takeCensus(folder); // somebody may have removed some
+    }
+    return isTooMany();
+}
+
+void Downloads::takeCensus(platform::Folder& folder) {
+    census_ = Census{.folder = folder.status(), .takenAt = system_.clock.now(), .partials = {}};
+    try {
+        for (const PartialDownload& download : Partials::in(folder)) {
+            ++census_->partials[download.meta.peer_pubkey];
+        }
+    } catch (const platform::SystemError&) {
+        // A folder that may be written but not read: what is counted from here on has to do.
+    }
+}
+
+void Downloads::countPartial(const std::string& phone, bool isNew) {
+    const std::lock_guard guard(censusLock_);
+    if (!census_) {
+        return;
+    }
+    std::size_t& count = census_->partials[phone];
+    if (isNew) {
+        ++count;
+    } else if (count > 0) {
+        --count;
+    }
+}
+
+// ---- files
+
+Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOffer offer,
+                                    platform::Clock::Instant offeredAt) {
+    requireSensible(offer);
+    std::unique_ptr<platform::Folder> folder = open();
+    const CollisionResolver::Transfer transfer{.id = offer.transfer_id, .phone = phone};
+    if (!isDelivered(phone, offer)) {
+        if (const std::optional<DownloadRefusal> refusal = refusalIn(*folder, transfer, offer)) {
+            throw ReceiveError::fileWriteFailed(refusal->description());
+        }
+    }
+    const FolderTurn turn = co_await turns_.take(folder->status());
+    IncomingFile file = IncomingFile::begin({.system = system_, .delivered = delivered_}, std::move(folder), turn,
+                                            std::move(phone), offer, offeredAt);
+    if (file.delivered() == nullptr) {
+        file.limitTo({.keepFreeBytes = limits_.keepFreeBytes, .maxFileBytes = limits_.maxFileBytes},
+                     room_.promise(transfer, toCome(offer, file.bytesWritten())));
+        if (!file.isContinued()) {
+            countPartial(transfer.phone, true);
+        }
+    }
+    co_return file;
 }
 
 Task<ReceivedFile> Downloads::finish(IncomingFile& file, std::string remoteEndpoint) {
     file.flush();
     FolderTurn turn = co_await turns_.take(file.folder().status());
-    co_return file.finish(std::move(turn), remoteEndpoint);
+    ReceivedFile received = file.finish(std::move(turn), remoteEndpoint);
+    if (file.delivered() == nullptr) {
+        countPartial(file.phone(), false);
+    }
+    co_return received;
 }
 
 } // namespace orlinth

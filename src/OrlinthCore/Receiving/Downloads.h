@@ -2,6 +2,10 @@
 
 #include "OrlinthCore/Receiving/IncomingFile.h"
 
+#include <map>
+#include <mutex>
+#include <optional>
+
 namespace orlinth {
 
 /// The downloads folder as the receiving paths use it: what they do in it goes through here.
@@ -15,25 +19,51 @@ public:
     /// What `system` refers to outlives this.
     Downloads(platform::System& system, platform::Path folder);
 
-    [[nodiscard]] const platform::Path& path() const noexcept { return path_; }
+    /// Before the first file.
+    void setLimits(const DownloadLimits& limits) noexcept { limits_ = limits; }
 
-    /// Begins a file in its turn (IncomingFile::begin()), in a folder that is made if it is missing.
-    /// @throws ReceiveError::fileWriteFailed; Cancelled
-    [[nodiscard]] Task<IncomingFile> begin(std::string phone, TransportMessage::FileOffer offer,
-                                           platform::Clock::Instant offeredAt);
     /// Whether begin() would find the file here already.
     [[nodiscard]] bool isDelivered(const std::string& phone, const TransportMessage::FileOffer& offer);
+    /// Why begin() would fail for reasons that the sender should be told of by a refusal; nothing if it would not.
+    /// Transfers under way count with what is still to come, and this one with what is not here yet. Makes no folder:
+    /// of one that is not there nothing can be said.
+    /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed
+    [[nodiscard]] std::optional<DownloadRefusal> refusalOf(const std::string& phone,
+                                                           const TransportMessage::FileOffer& offer);
+    /// Begins a file in its turn (IncomingFile::begin()), in a folder that is made if it is missing.
+    /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed, also
+    /// for
+    ///     a refusal; Cancelled
+    [[nodiscard]] Task<IncomingFile> begin(std::string phone, TransportMessage::FileOffer offer,
+                                           platform::Clock::Instant offeredAt);
     /// Ends a file in its turn (IncomingFile::finish()). `file` outlives the task.
     /// @throws ReceiveError::fileWriteFailed; Cancelled, and then partial file and sidecar stay
     [[nodiscard]] Task<ReceivedFile> finish(IncomingFile& file, std::string remoteEndpoint);
 
 private:
+    /// How many partial files each phone has in a folder; more than there are, if some were removed since.
+    struct Census {
+        platform::FileStatus folder;
+        platform::Clock::Instant takenAt;
+        std::map<std::string, std::size_t> partials; ///< by the phone's key
+    };
+
     [[nodiscard]] std::unique_ptr<platform::Folder> open() const;
+    [[nodiscard]] std::optional<DownloadRefusal> refusalIn(platform::Folder& folder,
+                                                           const CollisionResolver::Transfer& transfer,
+                                                           const TransportMessage::FileOffer& offer);
+    [[nodiscard]] bool hasTooManyPartials(platform::Folder& folder, const std::string& phone);
+    void takeCensus(platform::Folder& folder);
+    void countPartial(const std::string& phone, bool isNew);
 
     platform::System& system_;
     platform::Path path_;
+    DownloadLimits limits_;
     DeliveredTransfers delivered_;
     FolderTurns turns_;
+    DownloadRoom room_;
+    std::mutex censusLock_; ///< guards the next one
+    std::optional<Census> census_;
 };
 
 } // namespace orlinth

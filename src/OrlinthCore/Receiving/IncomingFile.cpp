@@ -197,16 +197,45 @@ void IncomingFile::append(ByteView data) {
         }
         throw ReceiveError::protocolViolation("data of a file that was delivered already");
     }
+    const auto count = static_cast<std::int64_t>(data.size());
+    requireRoomFor(count);
     isFlushed_ = false;
     writing("", [&] { partial_->write(data); });
-    const auto count = static_cast<std::int64_t>(data.size());
     bytesWritten_ += count;
+    if (share_) {
+        share_->took(count);
+    }
     bytesThisSession_ += count;
     if (bytesWritten_ - writtenBack_ >= writebackStep) {
         writing("meta write: ", [&] { keepSidecar(); });
         partial_->startWriteback(writtenBack_, bytesWritten_ - writtenBack_);
         writtenBack_ = bytesWritten_;
     }
+}
+
+void IncomingFile::limitTo(const DownloadLimits& limits, DownloadRoom::Share share) {
+    limits_ = limits;
+    share_.emplace(std::move(share));
+    roomSeenAt_ = bytesWritten_;
+}
+
+/// The offer was taken because there was room for it. A sender may send more than it has offered, and others write on
+/// the same disk.
+void IncomingFile::requireRoomFor(std::int64_t bytes) {
+    using Reason = DownloadRefusal::Reason;
+    const std::int64_t size = bytesWritten_ + bytes;
+    if (limits_.maxFileBytes > 0 && size > limits_.maxFileBytes) {
+        throw ReceiveError::fileWriteFailed(DownloadRefusal{Reason::tooLarge, limits_.maxFileBytes}.description());
+    }
+    const bool isTimeToLook = size > offer_.size || size - roomSeenAt_ >= writebackStep;
+    if (limits_.keepFreeBytes == 0 || bytes == 0 || !isTimeToLook) {
+        return;
+    }
+    const std::int64_t free = writing("", [&] { return folder_->freeBytes(); });
+    if (free < limits_.keepFreeBytes || bytes > free - limits_.keepFreeBytes) {
+        throw ReceiveError::fileWriteFailed(DownloadRefusal{Reason::noRoom, limits_.keepFreeBytes}.description());
+    }
+    roomSeenAt_ = size;
 }
 
 void IncomingFile::moveIntoPlace() {

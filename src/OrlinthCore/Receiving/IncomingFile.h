@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/CollisionResolver.h"
 #include "OrlinthCore/Receiving/DeliveredTransfers.h"
+#include "OrlinthCore/Receiving/DownloadRoom.h"
 #include "OrlinthCore/Receiving/FolderTurns.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "platform/System.h"
@@ -65,6 +66,13 @@ public:
     /// In the partial file so far, counting what an earlier session left.
     [[nodiscard]] std::int64_t bytesWritten() const noexcept { return bytesWritten_; }
 
+    /// From here on no more data is taken than this allows, whatever the offer said; and `share` hears of what comes.
+    void limitTo(const DownloadLimits& limits, DownloadRoom::Share share);
+    /// Whether an earlier attempt has left a partial file.
+    [[nodiscard]] bool isContinued() const noexcept { return target_.isContinued; }
+    /// The key of who sends it, Base64.
+    [[nodiscard]] const std::string& phone() const noexcept { return phone_; }
+
     /// The file that an earlier connection has delivered under this offer's id; null if there is none.
     [[nodiscard]] const DeliveredTransfers::Delivery* delivered() const noexcept;
 
@@ -88,6 +96,7 @@ private:
     IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, std::string phone,
                  TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt);
     void open();
+    void requireRoomFor(std::int64_t bytes);
     [[nodiscard]] bool acknowledgeIfDelivered();
     void saveSidecar();
     void keepSidecar();
@@ -107,7 +116,10 @@ private:
     std::optional<DeliveredTransfers::Delivery> delivered_;
     std::int64_t bytesWritten_ = 0;
     std::int64_t bytesThisSession_ = 0;
-    std::int64_t writtenBack_ = 0;   // up to where write-back was started
+    std::int64_t writtenBack_ = 0; // up to where write-back was started
+    DownloadLimits limits_;
+    std::optional<DownloadRoom::Share> share_;
+    std::int64_t roomSeenAt_ = 0;    // bytes written when there was last found to be room
     bool isFlushed_ = false;         // all that was written
     bool sidecarNeedsFlush_ = false; // a power cut could still take it
 };

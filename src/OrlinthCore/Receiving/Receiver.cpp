@@ -434,6 +434,7 @@ Task<> Receiver::run(Callbacks callbacks) {
     service_->callbacks = std::move(callbacks);
     service_->approve = approveOffer ? approveOffer : approveEverything;
     service_->refreshKeys = beforeAuthorising;
+    service_->downloads.setLimits(downloadLimits);
     service_->listener = std::move(listener);
     return platform::runOn(service_->queue, Service::serve(service_, ++service_->lastRun));
 }

@@ -78,7 +78,8 @@ public:
     /// An offer was refused here, or the phone has sent a refusal.
     struct Declined {
         std::string from;
-        std::string name; ///< of the refused file; "" for a refusal by the phone
+        std::string name;                         ///< of the refused file; "" for a refusal by the phone
+        std::optional<DownloadRefusal> refusal{}; ///< why, if nobody was asked
     };
     using ProcessOutcome = std::variant<File, Clipboard, SetName, NameUpdate, Unpair, UnpairReplied, Declined>;
 
@@ -125,6 +126,9 @@ public:
     /// Called on the connection's queue before a proved key is looked up, for a host whose lists live in files; may
     /// call the setters below. Must be safe to call from several threads at once. Set before run().
     std::function<void()> beforeAuthorising;
+
+    /// Offers beyond these are refused without asking approveOffer. Set before run().
+    DownloadLimits downloadLimits;
 
     /// From the next connection on.
     void setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys);

@@ -176,15 +176,19 @@ private:
         const platform::Clock::Instant offerTime = context_.system.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
         const bool isHere = context_.downloads.isDelivered(self_->peerPubkey(), offer);
-        bool isWanted = isHere; // nobody is asked twice about the same file
+        std::optional<DownloadRefusal> refusal;
         if (!isHere) {
+            refusal = context_.downloads.refusalOf(self_->peerPubkey(), offer);
+        }
+        bool isWanted = isHere; // nobody is asked twice about the same file
+        if (!isHere && !refusal) {
             isWanted = co_await context_.approveOffer(
                 {.name = offer.name, .size = offer.size, .from = name_, .peerPubkey = self_->peerPubkey()});
         }
         if (!isWanted) {
             open_->settle();
             co_await sayFarewell(Row::decline());
-            co_return Receiver::Declined{.from = name_, .name = offer.name};
+            co_return Receiver::Declined{.from = name_, .name = offer.name, .refusal = refusal};
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock, offeredAt);

@@ -11,6 +11,9 @@ namespace orlinth {
 /// One control message between computer and phone: a flat JSON object whose "type" names it.
 class TransportMessage {
 public:
+    /// Longest transfer id that either side takes, bytes. Ours have 36; a longer one is a protocol violation.
+    static constexpr std::size_t maxTransferIdBytes = 256;
+
     struct FileOffer {
         std::string name;  ///< file name as the sender knows it; not to be trusted as a path
         std::int64_t size; ///< bytes

@@ -33,6 +33,11 @@ ConnectRequest connectRequest(platform::System& system, const SendTerms& terms, 
 std::int64_t acceptedOffset(const FrameView& answer, const std::string& transferId, std::int64_t size) {
     if (const auto* message = std::get_if<TransportMessage>(&answer)) {
         if (const auto* resume = message->as<TransportMessage::Resume>()) {
+            if (resume->transfer_id.size() > TransportMessage::maxTransferIdBytes) {
+                throw SendError::malformedResume("transfer_id of " + std::to_string(resume->transfer_id.size()) +
+                                                 " bytes, more than " +
+                                                 std::to_string(TransportMessage::maxTransferIdBytes));
+            }
             if (resume->transfer_id != transferId) {
                 throw SendError::malformedResume("transfer_id mismatch (got " + resume->transfer_id + ", want " +
                                                  transferId + ")");

@@ -1,0 +1,71 @@
+#include "OrlinthCore/Receiving/Partials.h"
+
+#include "OrlinthCore/Receiving/CollisionResolver.h"
+#include "platform/SystemError.h"
+
+#include <algorithm>
+
+namespace orlinth {
+namespace {
+
+constexpr std::string_view partialSuffix = CollisionResolver::partialSuffix;
+
+/// The name without the suffix; nothing for names that are none of a partial file.
+std::optional<platform::FileName> finalOf(const std::string& name) {
+    if (!name.ends_with(partialSuffix) || name.size() == partialSuffix.size()) {
+        return std::nullopt;
+    }
+    std::string final = name.substr(0, name.size() - partialSuffix.size());
+    return final == "." || final == ".." ? std::nullopt : std::optional(platform::FileName(std::move(final)));
+}
+
+} // namespace
+
+std::vector<PartialDownload> Partials::in(platform::Folder& folder) {
+    std::vector<PartialDownload> found;
+    std::vector<std::string> names = folder.list();
+    std::ranges::sort(names);
+    for (const std::string& name : names) {
+        const std::optional<platform::FileName> final = finalOf(name);
+        if (!final) {
+            continue;
+        }
+        const platform::FileName partial(name);
+        const std::optional<platform::FileStatus> status = folder.status(partial);
+        if (!status || !CollisionResolver::mayContinue(folder, *status)) {
+            continue;
+        }
+        if (std::optional<PartialMeta> meta = PartialMetaIO::load(folder, partial)) {
+            found.push_back({.partial = partial,
+                             .final = *final,
+                             .meta = *std::move(meta),
+                             .size = status->size,
+                             .changedNanoseconds = status->modifiedNanoseconds});
+        }
+    }
+    return found;
+}
+
+bool Partials::remove(platform::Folder& folder, const PartialDownload& download) {
+    const std::optional<PartialMeta> meta = PartialMetaIO::load(folder, download.partial);
+    if (meta != download.meta) {
+        return false;
+    }
+    const std::unique_ptr<platform::File> file = folder.open(download.partial, platform::OpenMode::write);
+    if (!file->tryLock()) {
+        return false; // a receiver goes on with it
+    }
+    const platform::FileStatus opened = file->status();
+    const std::optional<platform::FileStatus> named = folder.status(download.partial);
+    const bool isTheOne = named && platform::isSameFile(*named, opened) &&
+                          CollisionResolver::mayContinue(folder, opened) && opened.size == download.size &&
+                          opened.modifiedNanoseconds == download.changedNanoseconds;
+    if (!isTheOne) {
+        return false;
+    }
+    folder.remove(download.partial);
+    PartialMetaIO::remove(folder, download.partial);
+    return true;
+}
+
+} // namespace orlinth
