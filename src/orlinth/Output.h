@@ -18,6 +18,12 @@ private:
     std::string hint_;
 };
 
+/// The same, where the command line is what must change: status 2.
+class UsageError : public HostError {
+public:
+    using HostError::HostError;
+};
+
 /// Writes to standard error as far as it goes; a failure has nowhere to be told.
 void writeToStandardError(std::string_view text) noexcept;
 

@@ -86,16 +86,16 @@ public:
     }
 
     int run(Host& host) override {
+        const platform::Path folder = downloadsFolder(host, directory_);
         const platform::PrivateKey ownKey = host.staticKey();
         const CheckedPeer peer = selectPeer(host, selector_, ownKey.publicKey(), PeerUse::key);
         HandshakeLimit handshake(host.system.clock, host.tasks);
         ReceiveReporter reporter(host.output, handshake);
         const std::string from = forDisplay(peer.record.peer_hostname);
-        const platform::Path folder = downloads(host);
         requireWritableFolder(host, folder);
         try {
             reporter.tellComplete(
-                host.tasks.run(receiveOneTransfer(host.system, request(host, ownKey, peer, reporter))));
+                host.tasks.run(receiveOneTransfer(host.system, request(host, ownKey, peer, folder, reporter))));
             return 0;
         } catch (const Interrupted& interrupted) {
             host.output.failure(interrupted.description(), "What has arrived is kept for another attempt.");
@@ -113,10 +113,10 @@ public:
 
 private:
     [[nodiscard]] ReceiveRequest request(Host& host, const platform::PrivateKey& ownKey, const CheckedPeer& peer,
-                                         ReceiveReporter& reporter) const {
+                                         const platform::Path& folder, ReceiveReporter& reporter) const {
         ReceiveRequest request{.staticKey = ownKey,
                                .expectedPeerPubkey = peer.key,
-                               .downloadsDir = downloads(host),
+                               .downloadsDir = folder,
                                .port = port_,
                                .acceptTimeout = timeout_,
                                .progress = &reporter};
@@ -127,10 +127,6 @@ private:
                               ReceiveError::listenerStartFailed(describe(error)).description());
         }
         return request;
-    }
-
-    [[nodiscard]] platform::Path downloads(const Host& host) const {
-        return directory_.empty() ? host.system.directories.downloads : platform::Path(directory_);
     }
 
     std::string selector_;

@@ -146,10 +146,11 @@ public:
         host.output.doWithoutReader();
         raiseDescriptorLimit();
         host.tasks.treatSignalsAsUsualEnd(graceAfterSignal);
+        const platform::Path folder = downloadsFolder(host, directory_);
         const platform::PrivateKey ownKey = host.staticKey();
         const std::unique_ptr<platform::File> lock = lockService(host);
         try {
-            serve(host, ownKey);
+            serve(host, ownKey, folder);
             return 0;
         } catch (const Interrupted&) {
             return 0;
@@ -160,12 +161,12 @@ public:
     }
 
 private:
-    void serve(Host& host, const platform::PrivateKey& ownKey) const {
+    void serve(Host& host, const platform::PrivateKey& ownKey, const platform::Path& folder) const {
         if (accept_ != "never") {
-            requireWritableFolder(host, downloads(host));
+            requireWritableFolder(host, folder);
         }
         const std::uint16_t port = inheritedPort(host).value_or(port_);
-        Receiver receiver(host.system, ownKey, std::vector<platform::PublicKey>(), downloads(host), port);
+        Receiver receiver(host.system, ownKey, std::vector<platform::PublicKey>(), folder, port);
         KnownKeys keys(host, receiver, ownKey.publicKey());
         OfferQuestions questions(host);
         ServeReporter reporter(host, !leavesClipboard_);
@@ -216,10 +217,6 @@ private:
             throw portTrouble(host, port, error.code(),
                               Receiver::Error::listenerStartFailed(describe(error)).description());
         }
-    }
-
-    [[nodiscard]] platform::Path downloads(const Host& host) const {
-        return directory_.empty() ? host.system.directories.downloads : platform::Path(directory_);
     }
 
     std::uint16_t port_ = defaultPort;

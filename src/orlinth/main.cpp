@@ -93,6 +93,9 @@ int runCommand(Command& command, Host& host) {
         status = command.run(host);
     } catch (const Interrupted& interrupted) {
         status = interrupted.exitStatus();
+    } catch (const UsageError& error) {
+        status = wrongCommandLine;
+        host.output.failure(error.description(), error.hint());
     } catch (const HostError& error) {
         host.output.failure(error.description(), error.hint());
     } catch (const std::exception& error) {

@@ -184,5 +184,66 @@ class DownloadsFolder(ServeTest):
         self.assertEqual("precious", precious.read_text())
 
 
+class Choice(ServeTest):
+    """Which folders are none for what phones send."""
+
+    COMMANDS = (["serve", "--port", "0"], ["receive", "--from", "phone", "--port", "0"])
+
+    def assert_refused(self, identity, arguments, text, environment=None):
+        for command in self.COMMANDS:
+            with self.subTest(command=command[0], arguments=arguments):
+                result = identity.run(*command, *arguments, environment=environment or {})
+                self.assertEqual(2, result.returncode, result.stderr)
+                first, second = result.stderr.splitlines()
+                self.assertEqual(f"orlinth: received files cannot go to {text}", first)
+                self.assertIn("`--dir`", second)
+
+    def test_the_home_folder_and_those_of_settings_and_data_and_all_above_them(self):
+        home = self.desk.root
+        (self.desk.config / "orlinth").mkdir(parents=True)
+        for folder, why in ((home, "it is your home folder"),
+                            (f"{home}/", "it is your home folder"),
+                            (f"{home}/downloads/..", "it is your home folder"),
+                            (home.parent, "your home folder is in it"),
+                            ("/", "your home folder is in it"),
+                            (self.desk.config, "it is your folder for settings"),
+                            (self.desk.data, "it is your folder for programs' data"),
+                            (self.desk.data / "Orlinth", f"Orlinth keeps its own files in {self.desk.data}/Orlinth"),
+                            (self.desk.data / "Orlinth/new", f"Orlinth keeps its own files in {self.desk.data}/Orlinth"),
+                            (self.desk.config / "orlinth",
+                             f"Orlinth keeps its own files in {self.desk.config}/orlinth")):
+            self.assert_refused(self.desk, ["--dir", str(folder)], f"{folder}: {why}")
+
+    def test_by_another_path_too(self):
+        link = self.folder / "link"
+        link.symlink_to(self.desk.root)
+        self.assert_refused(self.desk, ["--dir", str(link)], f"{link}: it is your home folder")
+        inner = self.desk.downloads / "config"
+        inner.mkdir()
+        shutil.rmtree(self.desk.config, ignore_errors=True)
+        self.desk.config.symlink_to(inner)  # what is above the folder itself, not above its path
+        self.assert_refused(self.desk, ["--dir", str(self.desk.downloads)],
+                            f"{self.desk.downloads}: your folder for settings is in it")
+
+    def test_of_a_home_that_does_not_exist_the_path_counts(self):
+        nowhere = self.folder / "nowhere"
+        for folder, why in ((nowhere, "it is your home folder"), (self.folder, "your home folder is in it")):
+            self.assert_refused(self.desk, ["--dir", str(folder)], f"{folder}: {why}", {"HOME": str(nowhere)})
+
+    def test_the_desktops_setting_for_no_downloads_folder_means_downloads_in_the_home(self):
+        self.desk.config.mkdir(exist_ok=True)
+        setting = self.desk.config / "user-dirs.dirs"
+        for text in ('XDG_DOWNLOAD_DIR="$HOME"\n', 'XDG_DOWNLOAD_DIR="$HOME/"\n', f'XDG_DOWNLOAD_DIR="{self.desk.root}/."\n'):
+            setting.write_text(text)
+            service = self.running(self.desk, "serve", "--port", "0", "--json")
+            service.port = service.events.wait_for("listening")["port"]
+            event = self.assert_sent(self.phone, self.file("a.txt", os.urandom(10)), service)
+            self.assertEqual(self.desk.root / "Downloads", pathlib.Path(event["saved_at"]).parent)
+            self.assertIn(f"Received files go to {self.desk.root}/Downloads instead.", service.stderr)
+            self.assert_ends(service)
+        setting.write_text(f'XDG_DOWNLOAD_DIR="{self.desk.root.parent}"\n')
+        self.assert_refused(self.desk, [], f"{self.desk.root.parent}: your home folder is in it")
+
+
 if __name__ == "__main__":
     unittest.main()
