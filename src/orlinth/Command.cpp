@@ -1,5 +1,7 @@
 #include "orlinth/Command.h"
 
+#include "orlinth/SizeText.h"
+
 #include <charconv>
 #include <cmath>
 
@@ -65,6 +67,18 @@ void Command::addPhones(std::vector<std::string>& selectors) {
         ->allow_extra_args(false)
         ->check(notEmpty())
         ->configurable(false);
+}
+
+CLI::Option* Command::addSize(const char* flag, std::string& size, const char* standard, const char* what) {
+    const auto check = [](std::string& text) -> std::string {
+        return parseSize(text) ? "" : "'" + text + "' is not a size, such as 512M or 1.5G";
+    };
+    size = standard;
+    return parser_->add_option(flag, size, what)
+        ->type_name("SIZE")
+        ->check(CLI::Validator(check, ""))
+        ->take_last()
+        ->capture_default_str();
 }
 
 CLI::Option* Command::addText(const char* flag, std::string& text, const char* typeName, const char* what) {

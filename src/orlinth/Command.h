@@ -33,6 +33,8 @@ protected:
     void addQuietFlag(const char* what);
     /// A time in seconds, with decimals, zero or more.
     CLI::Option* addSeconds(const char* flag, double& seconds, const char* what);
+    /// A size in bytes, as parseSize() takes it; shown as `standard` where nothing is given, which must be one.
+    CLI::Option* addSize(const char* flag, std::string& size, const char* standard, const char* what);
     /// A text that may not be empty.
     CLI::Option* addText(const char* flag, std::string& text, const char* typeName, const char* what);
     /// `--to`, as often as wanted: selectors of phones. Not in the settings: whom something goes to is said each time.

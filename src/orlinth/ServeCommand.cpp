@@ -9,6 +9,7 @@
 #include "orlinth/PortTrouble.h"
 #include "orlinth/ServeReporter.h"
 #include "orlinth/ServiceControl.h"
+#include "orlinth/SizeText.h"
 #include "platform/ServiceManager.h"
 #include "platform/SystemError.h"
 
@@ -136,6 +137,9 @@ public:
             ->check(CLI::IsMember({"always", "never", "ask"}).description(""))
             ->take_last()
             ->capture_default_str();
+        addSize("--keep-free", keepFree_, "512M",
+                "Decline files that would leave less than this free on the disk; 0: take whatever fits.");
+        addSize("--max-file", maxFile_, "0", "Decline files larger than this; 0: take any size.");
         parser().add_flag("--no-clipboard", leavesClipboard_, "Leave the desktop's clipboard alone when a text comes.");
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
@@ -167,6 +171,8 @@ private:
         }
         const std::uint16_t port = inheritedPort(host).value_or(port_);
         Receiver receiver(host.system, ownKey, std::vector<platform::PublicKey>(), folder, port);
+        receiver.downloadLimits = {.keepFreeBytes = parseSize(keepFree_).value_or(0),
+                                   .maxFileBytes = parseSize(maxFile_).value_or(0)};
         KnownKeys keys(host, receiver, ownKey.publicKey());
         OfferQuestions questions(host);
         ServeReporter reporter(host, !leavesClipboard_);
@@ -222,6 +228,8 @@ private:
     std::uint16_t port_ = defaultPort;
     CLI::Option* portOption_ = nullptr; ///< the parser's
     std::string directory_;
+    std::string keepFree_;
+    std::string maxFile_;
     std::string accept_ = "always";
     bool leavesClipboard_ = false;
 };

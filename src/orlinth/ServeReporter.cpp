@@ -44,6 +44,36 @@ void tellName(Output& output, const char* event, const Renamed& renamed) {
     }
 }
 
+/// For scripts.
+const char* wordFor(DownloadRefusal::Reason reason) {
+    switch (reason) {
+    case DownloadRefusal::Reason::tooLarge:
+        return "too_large";
+    case DownloadRefusal::Reason::noRoom:
+        return "no_room";
+    case DownloadRefusal::Reason::tooManyPartials:
+        return "too_many_partials";
+    }
+    return "";
+}
+
+/// For people, behind what was declined; "" if somebody was asked.
+std::string becauseOf(const std::optional<DownloadRefusal>& refusal) {
+    if (!refusal) {
+        return "";
+    }
+    switch (refusal->reason) {
+    case DownloadRefusal::Reason::tooLarge:
+        return ": it is larger than " + humanSize(refusal->limit) + " (`--max-file`)";
+    case DownloadRefusal::Reason::noRoom:
+        return ": less than " + humanSize(refusal->limit) + " would stay free on the disk (`--keep-free`)";
+    case DownloadRefusal::Reason::tooManyPartials:
+        return ": the phone has " + std::to_string(refusal->limit) +
+               " unfinished downloads here. To remove old ones: `orlinth partials --remove-older-than DAYS`";
+    }
+    return "";
+}
+
 bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
     return one && other && one->inode == other->inode && one->modifiedNanoseconds == other->modifiedNanoseconds &&
            one->size == other->size;
@@ -161,10 +191,16 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
         output.result("told a phone that was removed here so, key " + shortKey(replied->peerPubkey) + ", at " +
                       replied->remoteEndpoint);
     } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
-        output.event("declined", {{"from", declined->from}, {"name", declined->name}});
+        Json fields = {{"from", declined->from}, {"name", declined->name}};
+        if (declined->refusal) {
+            fields["reason"] = wordFor(declined->refusal->reason);
+            fields["limit"] = declined->refusal->limit;
+        }
+        output.event("declined", std::move(fields));
         const std::string from = forDisplay(declined->from);
-        output.result(declined->name.empty() ? from + " has declined"
-                                             : "declined " + forDisplay(declined->name) + " from " + from);
+        output.result(declined->name.empty()
+                          ? from + " has declined"
+                          : "declined " + forDisplay(declined->name) + " from " + from + becauseOf(declined->refusal));
     }
     sharePeers();
 }

@@ -125,7 +125,8 @@ class World:
             self.service.close()
         if self.service is None or self.service.is_closed:
             self.service = self.listening(self.start(
-                self.phone, "serve", "--port", "0", "--dir", str(self.phone.downloads), "--json", "--no-clipboard"))
+                self.phone, "serve", "--port", "0", "--dir", str(self.phone.downloads), "--json", "--no-clipboard",
+                "--keep-free", "0"))
         self.port = self.relay.target = self.service.wait_for("listening", START_SECONDS)["port"]
         return self.service
 

@@ -129,7 +129,7 @@ class Serve(WitnessTest):
                 service.wait()
 
     def test_is_a_reset_when_the_disk_is_full(self):
-        service = self.serve("--dir", str(self.small_disk(3)))
+        service = self.serve("--keep-free", "0", "--dir", str(self.small_disk(3)))
         wire = self.witness(service.port, **self.UNTIL_FULL)
         self.send_here(self.file("large.bin", os.urandom(4 * MIB)), wire.port)
         self.assertEqual("reset", wire.wait_for_the_end())

@@ -245,5 +245,51 @@ class Choice(ServeTest):
         self.assert_refused(self.desk, [], f"{self.desk.root.parent}: your home folder is in it")
 
 
+class Room(ServeTest):
+    """What is declined, and why."""
+
+    def assert_declined(self, service, file, reason, limit):
+        before = len(service.events.all)
+        sender = self.send(self.phone, file, service.port)
+        self.assertEqual(1, sender.wait())
+        self.assertIn("declined", sender.events.find("error")["message"])
+        self.wait_until(lambda: any(event["event"] == "declined" for event in service.events.all[before:]))
+        event = next(event for event in service.events.all[before:] if event["event"] == "declined")
+        self.assertEqual((file.name, "phone", reason, limit),
+                         tuple(event[key] for key in ("name", "from", "reason", "limit")))
+
+    def test_files_that_are_too_large_or_leave_too_little_room_are_declined(self):
+        service = self.serve("--max-file", "1M")
+        self.assert_sent(self.phone, self.file("small.bin", os.urandom(MIB)), service)
+        self.assert_declined(service, self.file("large.bin", os.urandom(MIB + 1)), "too_large", MIB)
+        self.assert_ends(service)
+        service = self.serve("--keep-free", "1000T")
+        self.assert_declined(service, self.file("b.bin", b"content"), "no_room", 1000 << 40)
+        self.assert_ends(service)
+        service = self.serve("--keep-free", "0")
+        self.assert_sent(self.phone, self.file("c.bin", b"content"), service)
+        self.assert_ends(service)
+        self.assertEqual(["c.bin", "small.bin"], self.left_over())
+
+    def test_in_words(self):
+        service = self.running(self.desk, "serve", "--port", "0", "--dir", str(self.desk.downloads), "--max-file", "1MB")
+        self.wait_until(lambda: "listening on port " in service.stderr)
+        port = int(service.stderr.split("listening on port ")[1].split()[0])
+        self.send(self.phone, self.file("large.bin", os.urandom(MIB)), port).wait()
+        self.wait_until(lambda: service.events.not_json)
+        self.assertEqual(b"declined large.bin from phone: it is larger than 1.0 MB (`--max-file`)\n",
+                         service.events.not_json[0])
+
+    def test_a_size_must_be_one(self):
+        for text in ("", "much", "-1", "10X"):
+            result = self.desk.run("serve", "--keep-free", text)
+            self.assertEqual(2, result.returncode, result.stderr)
+        self.desk.config.mkdir(exist_ok=True)
+        (self.desk.config / "orlinth").mkdir(exist_ok=True)
+        (self.desk.config / "orlinth" / "config.toml").write_text('[serve]\nkeep-free = "1000T"\n')
+        service = self.serve()
+        self.assert_declined(service, self.file("b.bin", b"content"), "no_room", 1000 << 40)
+
+
 if __name__ == "__main__":
     unittest.main()

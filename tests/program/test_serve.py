@@ -585,7 +585,7 @@ class Trouble(ServeTest):
 
     def test_a_full_disk_ends_one_file_and_not_the_service(self):
         folder = self.mounted("size=3m,mode=0777")
-        service = self.serve("--dir", str(folder))
+        service = self.serve("--keep-free", "0", "--dir", str(folder))
         large = self.file("large.bin", os.urandom(64 * MIB))  # more than the kernel takes on the way
         sender = self.send(self.phone, large, service.port)
         self.assertEqual(1, sender.wait())
@@ -599,7 +599,7 @@ class Trouble(ServeTest):
 
     def test_a_folder_that_cannot_be_written_is_told_and_may_become_one_that_can(self):
         folder = self.mounted("rw")
-        service = self.serve("--dir", str(folder))
+        service = self.serve("--keep-free", "0", "--dir", str(folder))
         subprocess.run(["mount", "-o", "remount,ro", str(folder)], check=True)
         file = self.file("a.bin", b"abc")
         self.assertEqual(1, self.send(self.phone, file, service.port).wait())

@@ -224,7 +224,7 @@ class Disks(FaultTest):
     def test_a_disk_that_fills_up_under_several_phones_loses_nothing_that_arrived(self):
         random = seeded(self)
         folder = self.mounted("size=48m,mode=0777")
-        service = self.serve("--dir", str(folder))
+        service = self.serve("--keep-free", "0", "--dir", str(folder))
         work = self.work(random, 32 * MIB + 5)  # more than the kernel takes from a sender unread
         sources = {file.name: file for _, file in work}
         statuses = self.all_at_once(work, service)
@@ -245,7 +245,7 @@ class Disks(FaultTest):
     def test_a_folder_that_turns_read_only_and_back(self):
         random = seeded(self)
         folder = self.mounted("size=64m,mode=0777")
-        service = self.serve("--dir", str(folder))
+        service = self.serve("--keep-free", "0", "--dir", str(folder))
         work = self.work(random, MIB + 1)
         sources = {file.name: file for _, file in work}
         self.deliver(*work[0], service)
