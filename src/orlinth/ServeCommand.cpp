@@ -1,10 +1,13 @@
 #include "OrlinthCore/Receiving/Receiver.h"
+#include "base/Text.h"
 #include "orlinth/Command.h"
 #include "orlinth/FolderCheck.h"
 #include "orlinth/Hints.h"
+#include "orlinth/HumanText.h"
 #include "orlinth/KnownKeys.h"
 #include "orlinth/OfferQuestions.h"
 #include "orlinth/OutboxSender.h"
+#include "orlinth/PartialsReminder.h"
 #include "orlinth/PeerStoreWatch.h"
 #include "orlinth/PortTrouble.h"
 #include "orlinth/ServeReporter.h"
@@ -70,6 +73,16 @@ Task<bool> declineEverything(Receiver::Offer /*offer*/) {
     co_return false;
 }
 
+void remindOf(Host& host, const platform::Path& folder, const PartialsReminder::Reminder& reminder) {
+    host.output.event("unfinished_downloads",
+                      {{"count", reminder.count}, {"bytes", reminder.bytes}, {"dir", toUtf8(folder.native())}});
+    const bool isOne = reminder.count == 1;
+    host.output.message(std::to_string(reminder.count) + (isOne ? " unfinished download" : " unfinished downloads") +
+                        " (" + humanSize(reminder.bytes) + ") in " + folder.string() + (isOne ? " has" : " have") +
+                        " not changed for a week. To see or remove " + (isOne ? "it" : "them") +
+                        ": `orlinth partials`");
+}
+
 /// What runs while the service does; all of it outlives the task.
 struct Service {
     Receiver& receiver;
@@ -78,6 +91,7 @@ struct Service {
     KnownKeys& keys;
     OutboxSender& outbox;
     PeerStoreWatch& peers;
+    PartialsReminder& partials;
 };
 
 /// The same, and whoever manages the service is told what it wants to know.
@@ -86,6 +100,7 @@ Receiver::Callbacks withManners(Receiver::Callbacks callbacks, Service service) 
         service.control.start(port);
         service.outbox.start();
         service.peers.start();
+        service.partials.start();
         platform::tellServiceReady();
         platform::tellServiceStatus(service.keys.pairedCount());
         next(port);
@@ -112,6 +127,7 @@ Task<bool> serveAll(Service service) {
     platform::tellServiceStopping();
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     service.peers.stop();
+    service.partials.stop();
     co_await service.control.finish();
     co_await service.outbox.finish();
     co_await service.reporter.finish();
@@ -187,6 +203,9 @@ private:
             reporter.sharePeers();
             outbox.peersChanged();
         });
+        PartialsReminder partials(host, folder, [&host, folder](const PartialsReminder::Reminder& reminder) {
+            remindOf(host, folder, reminder);
+        });
         ServiceControl control(host, receiver);
         control.onRequest = [&outbox](Json request) { return outbox.answer(std::move(request)); };
         receiver.listener = openPort(host, port);
@@ -197,7 +216,8 @@ private:
                                                    .control = control,
                                                    .keys = keys,
                                                    .outbox = outbox,
-                                                   .peers = peers})));
+                                                   .peers = peers,
+                                                   .partials = partials})));
     }
 
     /// The port that a service manager has opened for us, whatever the command line says.

@@ -83,10 +83,11 @@ class WrongCommandLines(ProgramTest):
 class Help(ProgramTest):
     def test_every_command_explains_every_flag_with_unit_and_default(self):
         for command, expected in {
-            (): ["id", "pair", "join", "peers", "send", "receive", "serve", "share", "outbox", "clip",
-                 "wake", "--version", "Exit status"],
+            (): ["id", "pair", "join", "peers", "send", "receive", "serve", "share", "outbox", "partials",
+                 "clip", "wake", "--version", "Exit status"],
             ("share",): ["--to SELECTOR", "FILE", "--json"],
             ("outbox",): ["retry", "drop", "--json"],
+            ("partials",): ["--dir DIR", "--remove-older-than DAYS", "--json", "--quiet"],
             ("outbox", "drop"): ["BATCH"],
             ("id",): ["--json"],
             ("pair",): ["--port PORT=28471", "--timeout SECONDS=120", "--interface NAME", "--png FILE", "--no-advertise",
@@ -101,7 +102,7 @@ class Help(ProgramTest):
             ("receive",): ["--from SELECTOR", "--port PORT", "--dir DIR", "downloads folder", "--timeout SECONDS=0",
                            "for ever", "--json", "--quiet"],
             ("serve",): ["--port PORT=28471", "--dir DIR", "downloads folder", "--accept always|never|ask=always",
-                         "two minutes", "--no-clipboard", "--json", "--quiet"],
+                         "two minutes", "--keep-free SIZE=512M", "--max-file SIZE=0", "--no-clipboard", "--json", "--quiet"],
             ("clip",): ["--to SELECTOR", "--text TEXT", "--mime TYPE=text/plain", "--warm-timeout SECONDS=5",
                         "--wake-timeout SECONDS=10", "--timeout SECONDS=10", "standard input", "--json", "--quiet"],
             ("wake",): ["SELECTOR", "--json", "--quiet"],

@@ -5,6 +5,7 @@ import json
 import os
 import pathlib
 import shutil
+import time
 import unittest
 
 from harness import FRAMES_BEFORE_DATA, MIB, sha256
@@ -187,7 +188,7 @@ class DownloadsFolder(ServeTest):
 class Choice(ServeTest):
     """Which folders are none for what phones send."""
 
-    COMMANDS = (["serve", "--port", "0"], ["receive", "--from", "phone", "--port", "0"])
+    COMMANDS = (["serve", "--port", "0"], ["receive", "--from", "phone", "--port", "0"], ["partials"])
 
     def assert_refused(self, identity, arguments, text, environment=None):
         for command in self.COMMANDS:
@@ -289,6 +290,43 @@ class Room(ServeTest):
         (self.desk.config / "orlinth" / "config.toml").write_text('[serve]\nkeep-free = "1000T"\n')
         service = self.serve()
         self.assert_declined(service, self.file("b.bin", b"content"), "no_room", 1000 << 40)
+
+
+class Unfinished(ServeTest):
+    """`orlinth partials`."""
+
+    def partials(self, *arguments):
+        result = self.desk.run("partials", "--dir", str(self.desk.downloads), "--json", *arguments)
+        self.assertEqual(0, result.returncode, result.stderr)
+        return [json.loads(line) for line in result.stdout.splitlines()]
+
+    def test_are_listed_and_removed_when_they_are_old(self):
+        self.assertEqual([], self.partials())
+        key = self.phone.key
+        for name, days in (("old.mov", 10), ("new.mov", 1)):
+            partial = self.desk.downloads / f"{name}.partial"
+            partial.write_bytes(b"01234")
+            (self.desk.downloads / f"{name}.partial.meta.json").write_text(json.dumps(
+                {"transfer_id": name, "advertised_size": 10, "started_at_epoch_ms": 1, "peer_pubkey": key}))
+            then = time.time() - days * 24 * 3600
+            os.utime(partial, (then, then))
+        (self.desk.downloads / "own.partial").write_text("own")
+        listed = self.partials()
+        self.assertEqual([("partial", name, 5, 10, key, "phone") for name in ("new.mov", "old.mov")],
+                         [tuple(event[field] for field in ("event", "name", "size", "advertised_size", "peer_pubkey",
+                                                           "from")) for event in listed])
+        self.assertEqual([], self.partials("--remove-older-than", "11"))
+        held = open(self.desk.downloads / "old.mov.partial", "rb")
+        self.addCleanup(held.close)
+        fcntl.flock(held, fcntl.LOCK_EX)
+        self.assertEqual([], self.partials("--remove-older-than", "7"), "it is being written")
+        held.close()
+        [removed] = self.partials("--remove-older-than", "7")
+        self.assertEqual(("partial_removed", "old.mov"), (removed["event"], removed["name"]))
+        self.assertEqual(["new.mov.partial", "new.mov.partial.meta.json", "own.partial"], self.left_over())
+        result = self.desk.run("partials", "--dir", str(self.desk.downloads))
+        self.assertRegex(result.stdout, r"^new.mov  5 bytes of 10 bytes  from phone  \d{4}-\d\d-\d\d \d\d:\d\d\n$")
+        self.assertEqual(2, self.desk.run("partials", "--remove-older-than", "-1").returncode)
 
 
 if __name__ == "__main__":
