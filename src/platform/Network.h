@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orlinth::platform {
 
@@ -42,6 +43,9 @@ public:
     /// times `intervalSeconds` after it was last heard of, pending calls fail. A peer that takes nothing of what is
     /// under way for as long counts as gone. Best effort.
     virtual void setKeepAlive(const KeepAlive& /*keepAlive*/) noexcept {}
+    /// Whether the peer has ended its side, or the connection is broken or closed. Looks without reading, so that what
+    /// has come stays there to be read. False where that cannot be said.
+    [[nodiscard]] virtual bool hasEnded() const noexcept { return false; }
     /// How many of the bytes written (and of the end of writing, which counts as one) the peer's system has not
     /// acknowledged yet; nothing if that cannot be said, as of a connection that is closed.
     [[nodiscard]] virtual std::optional<std::int64_t> unacknowledgedBytes() const noexcept { return std::nullopt; }
@@ -68,6 +72,15 @@ public:
 struct ListenOptions {
     std::uint16_t port = 0;             ///< 0 asks the system for a free one
     std::optional<KeepAlive> keepAlive; ///< of accepted connections; absent: off
+    /// Where to listen: addresses of this computer ("192.168.1.23", "fe80::1%eth0") and names of network interfaces
+    /// ("eth0": every address that it has, now or later). None: everywhere.
+    std::vector<std::string> places = {};
+};
+
+/// A serial queue whose thread is busy with one thing.
+struct LateQueue {
+    std::string label;  ///< what the queue was made for; of several on one thread, the one that came last
+    double seconds = 0; ///< how long it has not answered
 };
 
 /// TCP of this computer.
@@ -80,7 +93,8 @@ public:
     /// @throws SystemError with the last address's failure ("Connection refused").
     [[nodiscard]] virtual Task<std::unique_ptr<Stream>> connect(std::string host, std::uint16_t port,
                                                                 Executor executor) = 0;
-    /// Listens on every address of the computer, IPv6 and IPv4; the local endpoint may be reused.
+    /// Listens on every address of the computer, IPv6 and IPv4, or at the places that are named, all on one port; the
+    /// local endpoint may be reused.
     /// Accepted connections have Nagle's algorithm off. The inherited port is used as it is, and stays open when the
     /// listener is closed: connections then wait for the next one. @throws SystemError
     [[nodiscard]] virtual std::unique_ptr<Listener> listen(const ListenOptions& options, Executor executor) = 0;
@@ -93,6 +107,12 @@ public:
     /// A serial queue of the worker threads: what blocks on a disk there holds nobody up but the few queues that have
     /// the same thread. Whatever runs there must have ended before the network goes.
     [[nodiscard]] virtual Executor makeWorkerQueue(const char* label) = 0;
+    /// A serial queue with a thread of its own, for what may block for long: that holds nobody else up. The thread
+    /// stays as long as the network, so these queues are few. What runs there must have ended before the network goes.
+    [[nodiscard]] virtual Executor makeThreadQueue(const char* label) { return makeWorkerQueue(label); }
+    /// The queues of makeWorkerQueue() that have not answered for `seconds` or longer. Asks them all anew, without
+    /// waiting: called again and again, it notices a thread that hangs. Any thread, one at a time.
+    [[nodiscard]] virtual std::vector<LateQueue> lateQueues(double /*seconds*/) { return {}; }
 };
 
 } // namespace orlinth::platform

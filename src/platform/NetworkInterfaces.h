@@ -22,6 +22,10 @@ struct InterfaceAddress {
         Ipv4Address address{};
         std::optional<Ipv4Address> netmask;
     };
+    struct Ipv6 {
+        std::array<std::uint8_t, 16> address{};
+        int prefixBits = 128; ///< how many of the first bits name the network
+    };
     /// A link-layer address, of as many bytes as the link has; Ethernet has 6, some have none.
     struct Hardware {
         Bytes address;
@@ -32,7 +36,7 @@ struct InterfaceAddress {
     bool isRunning = false; ///< the link is there
     bool isLoopback = false;
     bool isPointToPoint = false;
-    std::variant<std::monostate, Ipv4, Hardware> address; ///< monostate: of a family that nobody here asks for
+    std::variant<std::monostate, Ipv4, Hardware, Ipv6> address; ///< monostate: of a family that nobody here asks for
 };
 
 /// What the computer knows of its place in the network. Calls do not block; any thread.

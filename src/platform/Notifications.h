@@ -2,6 +2,7 @@
 
 #include "platform/Task.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,6 +19,8 @@ struct Notification {
     std::vector<std::pair<std::string, std::string>> actions = {};
     bool isUrgent = false;
     double seconds = 0; ///< how long it stays; 0: as the desktop likes
+    /// By which withdraw() finds it; 0: it is never withdrawn.
+    std::uint64_t tag = 0;
 };
 
 /// Notifications of the user's desktop, where there is one. Calls return at once and never throw.
@@ -30,6 +33,8 @@ public:
     /// was closed, has expired, or could not be shown. May be empty.
     virtual void show(Notification notification, Executor executor,
                       std::function<void(const std::string&)> onAnswer) = 0;
+    /// Takes the notifications of this tag away, which are then answered "" as if they had been closed. Best effort.
+    virtual void withdraw(std::uint64_t /*tag*/) {}
 };
 
 } // namespace orlinth::platform

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 
 /// What a service tells whoever manages it (systemd, or anybody who has set NOTIFY_SOCKET as sd_notify(3) says).
 /// Without one the calls do nothing, and none fails. On the main thread.
@@ -11,5 +12,10 @@ void tellServiceReady() noexcept;
 /// For people who ask how the service is: how many phones it serves.
 void tellServiceStatus(std::size_t phones) noexcept;
 void tellServiceStopping() noexcept;
+
+/// How often the manager wants to hear that the service is alive, in seconds; nothing if it does not.
+[[nodiscard]] std::optional<double> serviceWatchdogSeconds() noexcept;
+/// The service is alive: to be said more often than that.
+void tellServiceAlive() noexcept;
 
 } // namespace orlinth::platform

@@ -29,6 +29,15 @@ public:
         }
     }
 
+    void withdraw(std::uint64_t tag) override {
+        withdrawn.push_back(tag);
+        for (std::size_t i = 0; i < shown.size(); ++i) {
+            if (tag != 0 && shown[i].notification.tag == tag) {
+                answer(i, "");
+            }
+        }
+    }
+
     /// The user presses a button of one of `shown`, or closes it (""). Once each.
     void answer(std::size_t index, const std::string& key) {
         auto onAnswer = std::exchange(shown.at(index).onAnswer, nullptr);
@@ -39,6 +48,7 @@ public:
 
     bool available = true;
     std::vector<Shown> shown;
+    std::vector<std::uint64_t> withdrawn; ///< tags
 };
 
 } // namespace orlinth::fakes

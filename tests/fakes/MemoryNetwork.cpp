@@ -138,13 +138,14 @@ std::optional<std::int64_t> MemoryStream::unacknowledgedBytes() const noexcept {
     return cancelled_ ? std::nullopt : std::optional(static_cast<std::int64_t>(outgoing_->vanished));
 }
 
-MemoryConnection connectedStreams(const Executor& executor, WireFaults fromFirst, WireFaults fromSecond) {
+MemoryConnection connectedStreams(const Executor& executor, WireFaults fromFirst, WireFaults fromSecond,
+                                  const std::string& source) {
     const auto there = std::make_shared<detail::Pipe>(executor);
     const auto back = std::make_shared<detail::Pipe>(executor);
     there->faults = fromFirst;
     back->faults = fromSecond;
     return {std::make_unique<MemoryStream>(back, there, executor, "203.0.113.2:7000"),
-            std::make_unique<MemoryStream>(there, back, executor, "203.0.113.1:40112")};
+            std::make_unique<MemoryStream>(there, back, executor, source)};
 }
 
 class MemoryListener : public platform::Listener {
@@ -207,7 +208,12 @@ Task<std::unique_ptr<platform::Stream>> MemoryNetwork::connect(std::string host,
         faultsHere = faults.front();
         faults.pop_front();
     }
-    MemoryConnection connection = connectedStreams(executor, faultsHere.first, faultsHere.second);
+    std::string source = "203.0.113.1:40112";
+    if (!sources.empty()) {
+        source = sources.front();
+        sources.pop_front();
+    }
+    MemoryConnection connection = connectedStreams(executor, faultsHere.first, faultsHere.second, source);
     connection.first->noteKeepAlives(keepAlives);
     found->second->waiting.push_back(std::move(connection.second));
     found->second->changed.notify();

@@ -73,6 +73,9 @@ public:
     }
     /// Notes in `list` whatever setKeepAlive() is called with.
     void noteKeepAlives(std::shared_ptr<std::vector<platform::KeepAlive>> list) { keepAlives_ = std::move(list); }
+    [[nodiscard]] bool hasEnded() const noexcept override {
+        return cancelled_ || incoming_->broken || incoming_->ended;
+    }
     /// The peer's system takes at once whatever arrives.
     [[nodiscard]] std::optional<std::int64_t> unacknowledgedBytes() const noexcept override;
     [[nodiscard]] Executor executor() const override { return executor_; }
@@ -107,9 +110,10 @@ struct MemoryConnection {
     std::unique_ptr<MemoryStream> second;
 };
 
-/// Two connected ends; the faults are of what the named end sends.
+/// Two connected ends; the faults are of what the named end sends. `source` is what the second one takes the first for.
 [[nodiscard]] MemoryConnection connectedStreams(const Executor& executor, WireFaults fromFirst = {},
-                                                WireFaults fromSecond = {});
+                                                WireFaults fromSecond = {},
+                                                const std::string& source = "203.0.113.1:40112");
 
 /// A network of its own: ports that are listened on inside it, hosts that behave as a test says.
 class MemoryNetwork : public platform::Network {
@@ -122,6 +126,9 @@ public:
                                                              Executor executor) override;
     [[nodiscard]] Executor makeSerialQueue(const char* label) override;
     [[nodiscard]] Executor makeWorkerQueue(const char* label) override { return makeSerialQueue(label); }
+    [[nodiscard]] std::vector<platform::LateQueue> lateQueues(double /*seconds*/) override { return late; }
+    /// What lateQueues() returns.
+    std::vector<platform::LateQueue> late;
 
     /// Connections to this host neither succeed nor fail.
     void makeSilent(const std::string& host) { silent_[host] = true; }
@@ -139,6 +146,8 @@ public:
     }
     /// Faults of the next connections, taken one by one: of what the connecting side sends, and of what it receives.
     std::deque<std::pair<WireFaults, WireFaults>> faults;
+    /// By which the other side sees the next connections, taken one by one: "192.168.1.7:40112".
+    std::deque<std::string> sources;
     /// listen() fails with this error, if set.
     std::optional<int> listenErrno;
 

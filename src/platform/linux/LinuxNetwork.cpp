@@ -162,8 +162,16 @@ Executor LinuxNetwork::makeSerialQueue(const char* /*label*/) {
     return asio::make_strand(context_);
 }
 
-Executor LinuxNetwork::makeWorkerQueue(const char* /*label*/) {
-    return workers_.makeSerialQueue();
+Executor LinuxNetwork::makeWorkerQueue(const char* label) {
+    return workers_.makeSerialQueue(label);
+}
+
+Executor LinuxNetwork::makeThreadQueue(const char* label) {
+    return workers_.makeThreadQueue(label);
+}
+
+std::vector<LateQueue> LinuxNetwork::lateQueues(double seconds) {
+    return workers_.lateQueues(seconds);
 }
 
 } // namespace orlinth::platform

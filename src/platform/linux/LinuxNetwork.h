@@ -23,6 +23,8 @@ public:
     [[nodiscard]] std::optional<std::uint16_t> inheritedPort() override;
     [[nodiscard]] Executor makeSerialQueue(const char* label) override;
     [[nodiscard]] Executor makeWorkerQueue(const char* label) override;
+    [[nodiscard]] Executor makeThreadQueue(const char* label) override;
+    [[nodiscard]] std::vector<LateQueue> lateQueues(double seconds) override;
 
     /// Whether a name is being resolved, also where nobody waits for it any more.
     [[nodiscard]] bool isResolving() const noexcept { return resolving_->load() != 0; }

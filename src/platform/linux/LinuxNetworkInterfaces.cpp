@@ -3,6 +3,7 @@
 #include "platform/SystemError.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <ifaddrs.h>
 #include <memory>
@@ -27,6 +28,22 @@ Ipv4Address ipv4Of(const sockaddr* from) {
     const auto socketAddress = copied<sockaddr_in>(from);
     std::memcpy(address.data(), &socketAddress.sin_addr, address.size());
     return address;
+}
+
+InterfaceAddress::Ipv6 ipv6Of(const ifaddrs& entry) {
+    InterfaceAddress::Ipv6 ipv6;
+    const auto socketAddress = copied<sockaddr_in6>(entry.ifa_addr);
+    std::memcpy(ipv6.address.data(), &socketAddress.sin6_addr, ipv6.address.size());
+    if (entry.ifa_netmask != nullptr) {
+        std::array<std::uint8_t, 16> mask{};
+        const auto netmask = copied<sockaddr_in6>(entry.ifa_netmask);
+        std::memcpy(mask.data(), &netmask.sin6_addr, mask.size());
+        ipv6.prefixBits = 0;
+        for (const std::uint8_t part : mask) {
+            ipv6.prefixBits += std::popcount(part);
+        }
+    }
+    return ipv6;
 }
 
 Bytes hardwareAddressOf(const sockaddr* from) {
@@ -61,6 +78,8 @@ InterfaceAddress converted(const ifaddrs& entry) {
             ipv4.netmask = ipv4Of(entry.ifa_netmask);
         }
         address.address = ipv4;
+    } else if (entry.ifa_addr->sa_family == AF_INET6) {
+        address.address = ipv6Of(entry);
     } else if (entry.ifa_addr->sa_family == AF_PACKET) {
         address.address = InterfaceAddress::Hardware{.address = hardwareAddressOf(entry.ifa_addr)};
     }

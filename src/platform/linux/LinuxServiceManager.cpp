@@ -2,6 +2,8 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <cstdint>
+
 namespace orlinth::platform {
 
 // A service manager that is gone, or does not listen, keeps no service from its work: results are not looked at.
@@ -16,6 +18,17 @@ void tellServiceStatus(std::size_t phones) noexcept {
 
 void tellServiceStopping() noexcept {
     static_cast<void>(::sd_notify(0, "STOPPING=1"));
+}
+
+std::optional<double> serviceWatchdogSeconds() noexcept {
+    constexpr double microseconds = 1e6;
+    std::uint64_t limit = 0;
+    const bool isWanted = ::sd_watchdog_enabled(0, &limit) > 0;
+    return isWanted ? std::optional(static_cast<double>(limit) / microseconds) : std::nullopt;
+}
+
+void tellServiceAlive() noexcept {
+    static_cast<void>(::sd_notify(0, "WATCHDOG=1"));
 }
 
 } // namespace orlinth::platform

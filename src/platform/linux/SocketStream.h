@@ -6,12 +6,12 @@
 
 #include <asio/post.hpp>
 #include <asio/redirect_error.hpp>
-#include <asio/socket_base.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
 
 #include <algorithm>
 #include <cerrno>
+#include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <utility>
@@ -21,7 +21,7 @@ namespace orlinth::platform {
 /// Waits until `socket` may be read, or written. What ends the wait early is thrown: Cancelled if the task was
 /// cancelled; the error "`what` cancelled" if the socket was closed meanwhile.
 template <typename Socket>
-Task<> waitUntilReady(Socket& socket, asio::socket_base::wait_type kind, const char* what) {
+Task<> waitUntilReady(Socket& socket, typename Socket::wait_type kind, const char* what) {
     std::error_code code;
     try {
         co_await socket.async_wait(kind, asio::redirect_error(asio::use_awaitable, code));
@@ -128,6 +128,12 @@ public:
             std::error_code ignored; // the socket is closed in any case
             static_cast<void>(socket_.close(ignored));
         }
+    }
+
+    bool hasEnded() const noexcept override {
+        pollfd look{.fd = descriptor(), .events = POLLRDHUP, .revents = 0};
+        constexpr short ends = POLLRDHUP | POLLHUP | POLLERR | POLLNVAL;
+        return cancelled_ || (::poll(&look, 1, 0) > 0 && (look.revents & ends) != 0);
     }
 
     Executor executor() const override { return const_cast<Socket&>(socket_).get_executor(); }

@@ -3,8 +3,10 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/sockios.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -137,16 +139,16 @@ std::string TcpStream::localAddress() const {
     return code ? "" : unmapped(local.address()).to_string();
 }
 
-TcpListener::TcpListener(const ListenOptions& options, const Executor& executor) : keepAlive_(options.keepAlive) {
-    try {
-        protocol_ = Tcp::v6();
-        bindTo(options.port, executor);
-    } catch (const SystemError& error) {
-        if (!meansNoIPv6(error.code())) {
-            throw;
-        }
-        protocol_ = Tcp::v4();
-        bindTo(options.port, executor);
+TcpListener::TcpListener(const ListenOptions& options, const Executor& executor)
+    : keepAlive_(options.keepAlive), port_(options.port) {
+    if (options.places.empty()) {
+        openEverywhere(executor);
+    }
+    for (const std::string& place : options.places) {
+        openAt(place, executor);
+    }
+    if (doors_.size() > 1) {
+        watchAll(executor);
     }
 }
 
@@ -159,16 +161,16 @@ TcpListener::TcpListener(int descriptor, std::optional<KeepAlive> keepAlive, con
         ::close(descriptor);
         throw SystemError("descriptor " + std::to_string(descriptor) + " is no listening TCP socket");
     }
-    protocol_ = family == AF_INET6 ? Tcp::v6() : Tcp::v4();
-    acceptor_.emplace(executor);
+    Door& door = doors_.emplace_back(
+        Door{.protocol = family == AF_INET6 ? Tcp::v6() : Tcp::v4(), .acceptor = Tcp::acceptor(executor)});
     std::error_code code;
-    static_cast<void>(acceptor_->assign(protocol_, descriptor, code));
+    static_cast<void>(door.acceptor.assign(door.protocol, descriptor, code));
     if (code) {
         ::close(descriptor);
         throw SystemError(code);
     }
-    static_cast<void>(acceptor_->native_non_blocking(true, code));
-    const Tcp::endpoint local = code ? Tcp::endpoint() : acceptor_->local_endpoint(code);
+    static_cast<void>(door.acceptor.native_non_blocking(true, code));
+    const Tcp::endpoint local = code ? Tcp::endpoint() : door.acceptor.local_endpoint(code);
     if (code || ::fcntl(descriptor, F_SETFD, FD_CLOEXEC) != 0) {
         throw code ? SystemError(code) : SystemError::fromErrno();
     }
@@ -180,31 +182,63 @@ Task<std::unique_ptr<Stream>> TcpListener::accept(Executor executor) {
         if (closed_) {
             throw SystemError("listener cancelled");
         }
-        const int number = ::accept4(acceptor_->native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (number != -1) {
-            std::unique_ptr<Stream> stream = adopt(number, executor);
+        bool isAnybodyThere = false;
+        std::unique_ptr<Stream> stream = acceptNow(executor, isAnybodyThere);
+        if (isAnybodyThere) {
             co_await yieldTurn(); // whoever calls as fast as we accept must not keep the others of this queue waiting
             if (stream) {
                 co_return stream;
             }
-        } else if (errno == EAGAIN) {
-            co_await waitUntilReady(*acceptor_, Tcp::acceptor::wait_read, "listener");
-        } else if (!meansPeerIsGone(errno)) {
+        } else {
+            co_await waitForAnybody();
+        }
+    }
+}
+
+/// Null if nobody is there, or if the one who was is gone already.
+std::unique_ptr<Stream> TcpListener::acceptNow(const Executor& executor, bool& isAnybodyThere) {
+    for (std::size_t looked = 0; looked < doors_.size(); ++looked) {
+        next_ = (next_ + 1) % doors_.size(); // each door gets its turn
+        const Door& door = doors_[next_];
+        const int listening = const_cast<Tcp::acceptor&>(door.acceptor).native_handle();
+        const int number = ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (number != -1) {
+            isAnybodyThere = true;
+            return adopt(door, number, keepAlive_, executor);
+        }
+        if (meansPeerIsGone(errno)) {
+            isAnybodyThere = true;
+            return nullptr;
+        }
+        if (errno != EAGAIN) {
             throw SystemError::fromErrno();
         }
     }
+    return nullptr;
+}
+
+Task<> TcpListener::waitForAnybody() {
+    if (all_) {
+        return waitUntilReady(*all_, asio::posix::stream_descriptor::wait_read, "listener");
+    }
+    return waitUntilReady(doors_.front().acceptor, Tcp::acceptor::wait_read, "listener");
 }
 
 void TcpListener::close() noexcept {
     if (!closed_) {
         closed_ = true;
-        std::error_code ignored; // the socket is closed in any case
-        static_cast<void>(acceptor_->close(ignored));
+        std::error_code ignored; // the sockets are closed in any case
+        for (Door& door : doors_) {
+            static_cast<void>(door.acceptor.close(ignored));
+        }
+        if (all_) {
+            static_cast<void>(all_->close(ignored));
+        }
     }
 }
 
 int TcpListener::descriptor() const noexcept {
-    return closed_ ? -1 : const_cast<Tcp::acceptor&>(*acceptor_).native_handle();
+    return closed_ ? -1 : const_cast<Tcp::acceptor&>(doors_.front().acceptor).native_handle();
 }
 
 int TcpListener::duplicate() const {
@@ -215,31 +249,99 @@ int TcpListener::duplicate() const {
     return number;
 }
 
-void TcpListener::bindTo(std::uint16_t port, const Executor& executor) {
-    acceptor_.emplace(executor);
-    openSocket(*acceptor_, protocol_);
-    const int number = acceptor_->native_handle();
-    setSocketOption(number, SOL_SOCKET, SO_REUSEADDR, 1);
-    if (protocol_ == Tcp::v6()) {
-        setSocketOption(number, IPPROTO_IPV6, IPV6_V6ONLY, 0);
-    }
+TcpListener::Door& TcpListener::addDoor(const Tcp& protocol, const Executor& executor) {
+    Door& door = doors_.emplace_back(Door{.protocol = protocol, .acceptor = Tcp::acceptor(executor)});
+    openSocket(door.acceptor, protocol);
+    setSocketOption(door.acceptor.native_handle(), SOL_SOCKET, SO_REUSEADDR, 1);
+    return door;
+}
+
+/// On the port of the doors before it, or the one that is wanted.
+void TcpListener::bindAndListen(Door& door, const asio::ip::address& address) {
     std::error_code code;
-    static_cast<void>(acceptor_->bind(Tcp::endpoint(protocol_, port), code));
+    static_cast<void>(door.acceptor.bind(Tcp::endpoint(address, port_), code));
     if (!code) {
-        static_cast<void>(acceptor_->listen(Tcp::acceptor::max_listen_connections, code));
+        static_cast<void>(door.acceptor.listen(Tcp::acceptor::max_listen_connections, code));
     }
-    const Tcp::endpoint local = code ? Tcp::endpoint() : acceptor_->local_endpoint(code);
+    const Tcp::endpoint local = code ? Tcp::endpoint() : door.acceptor.local_endpoint(code);
     if (code) {
         throw SystemError(code);
     }
     port_ = local.port();
 }
 
+void TcpListener::openEverywhere(const Executor& executor) {
+    try {
+        Door& door = addDoor(Tcp::v6(), executor);
+        setSocketOption(door.acceptor.native_handle(), IPPROTO_IPV6, IPV6_V6ONLY, 0);
+        bindAndListen(door, asio::ip::address_v6::any());
+    } catch (const SystemError& error) {
+        doors_.clear();
+        if (!meansNoIPv6(error.code())) {
+            throw;
+        }
+        bindAndListen(addDoor(Tcp::v4(), executor), asio::ip::address_v4::any());
+    }
+}
+
+void TcpListener::openAt(const std::string& place, const Executor& executor) {
+    std::error_code code;
+    const asio::ip::address address = asio::ip::make_address(place, code);
+    if (!code) {
+        Door& door = addDoor(address.is_v6() ? Tcp::v6() : Tcp::v4(), executor);
+        if (address.is_v6()) {
+            setSocketOption(door.acceptor.native_handle(), IPPROTO_IPV6, IPV6_V6ONLY, 1);
+        }
+        bindAndListen(door, address);
+        return;
+    }
+    if (place.empty() || place.size() >= IF_NAMESIZE) {
+        throw SystemError::fromErrno(ENODEV);
+    }
+    const auto bindToInterface = [&](Door& door) {
+        const int number = door.acceptor.native_handle();
+        if (::setsockopt(number, SOL_SOCKET, SO_BINDTODEVICE, place.c_str(),
+                         static_cast<socklen_t>(place.size() + 1)) != 0) {
+            throw SystemError::fromErrno();
+        }
+    };
+    try {
+        Door& door = addDoor(Tcp::v6(), executor);
+        setSocketOption(door.acceptor.native_handle(), IPPROTO_IPV6, IPV6_V6ONLY, 0);
+        bindToInterface(door);
+        bindAndListen(door, asio::ip::address_v6::any());
+    } catch (const SystemError& error) {
+        doors_.pop_back();
+        if (!meansNoIPv6(error.code())) {
+            throw;
+        }
+        Door& door = addDoor(Tcp::v4(), executor);
+        bindToInterface(door);
+        bindAndListen(door, asio::ip::address_v4::any());
+    }
+}
+
+/// One descriptor that stands for all of them, so that one wait is enough.
+void TcpListener::watchAll(const Executor& executor) {
+    const int set = ::epoll_create1(EPOLL_CLOEXEC);
+    if (set == -1) {
+        throw SystemError::fromErrno();
+    }
+    all_.emplace(executor, set); // which owns it from now on
+    for (Door& door : doors_) {
+        epoll_event event{.events = EPOLLIN, .data = {}};
+        if (::epoll_ctl(set, EPOLL_CTL_ADD, door.acceptor.native_handle(), &event) != 0) {
+            throw SystemError::fromErrno();
+        }
+    }
+}
+
 /// The stream of an accepted socket; null if its peer is gone already.
-std::unique_ptr<Stream> TcpListener::adopt(int number, const Executor& executor) {
+std::unique_ptr<Stream> TcpListener::adopt(const Door& door, int number, const std::optional<KeepAlive>& keepAlive,
+                                           const Executor& executor) {
     Tcp::socket socket(executor);
     std::error_code code;
-    static_cast<void>(socket.assign(protocol_, number, code));
+    static_cast<void>(socket.assign(door.protocol, number, code));
     if (code) {
         ::close(number);
         throw SystemError(code);
@@ -249,8 +351,8 @@ std::unique_ptr<Stream> TcpListener::adopt(int number, const Executor& executor)
         return nullptr;
     }
     setSocketOption(number, IPPROTO_TCP, TCP_NODELAY, 1);
-    if (keepAlive_) {
-        setKeepAliveOf(number, *keepAlive_);
+    if (keepAlive) {
+        setKeepAliveOf(number, *keepAlive);
     }
     return std::make_unique<TcpStream>(std::move(socket), remote);
 }

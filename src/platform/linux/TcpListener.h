@@ -4,8 +4,11 @@
 #include "platform/linux/SocketStream.h"
 
 #include <asio/ip/tcp.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace orlinth::platform {
 
@@ -39,19 +42,33 @@ public:
     [[nodiscard]] std::uint16_t port() const noexcept override { return port_; }
     void close() noexcept override;
 
-    /// The socket, which stays this object's; -1 once it is closed.
+    /// The socket, which stays this object's; of several, the first. -1 once it is closed.
     [[nodiscard]] int descriptor() const noexcept;
     /// A further descriptor of the same socket, the caller's. @throws SystemError
     [[nodiscard]] int duplicate() const;
 
 private:
-    void bindTo(std::uint16_t port, const Executor& executor);
-    [[nodiscard]] std::unique_ptr<Stream> adopt(int number, const Executor& executor);
+    /// One of the sockets, and what kind of addresses it has.
+    struct Door {
+        asio::ip::tcp protocol;
+        asio::ip::tcp::acceptor acceptor;
+    };
 
-    asio::ip::tcp protocol_ = asio::ip::tcp::v6();
-    std::optional<asio::ip::tcp::acceptor> acceptor_;
+    void openEverywhere(const Executor& executor);
+    void openAt(const std::string& place, const Executor& executor);
+    [[nodiscard]] Door& addDoor(const asio::ip::tcp& protocol, const Executor& executor);
+    void bindAndListen(Door& door, const asio::ip::address& address);
+    void watchAll(const Executor& executor);
+    [[nodiscard]] std::unique_ptr<Stream> acceptNow(const Executor& executor, bool& isAnybodyThere);
+    [[nodiscard]] static std::unique_ptr<Stream>
+    adopt(const Door& door, int number, const std::optional<KeepAlive>& keepAlive, const Executor& executor);
+    [[nodiscard]] Task<> waitForAnybody();
+
+    std::vector<Door> doors_;
+    std::optional<asio::posix::stream_descriptor> all_; ///< ready when one of several doors is; absent for a single one
     std::optional<KeepAlive> keepAlive_;
     std::uint16_t port_ = 0;
+    std::size_t next_ = 0; ///< whose turn it was
     bool closed_ = false;
 };
 

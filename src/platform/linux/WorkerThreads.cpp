@@ -4,8 +4,12 @@
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <asio/post.hpp>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <string>
 #include <system_error>
 #include <thread>
 
@@ -22,7 +26,7 @@ unsigned mostThreads() {
 } // namespace
 
 struct WorkerThreads::Worker {
-    Worker() : work(context.get_executor()), thread([this] { context.run(); }) {}
+    explicit Worker(const char* name) : label(name), work(context.get_executor()), thread([this] { context.run(); }) {}
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
     ~Worker() {
@@ -30,6 +34,9 @@ struct WorkerThreads::Worker {
         thread.join();
     }
 
+    std::string label;                             ///< under the lock
+    std::chrono::steady_clock::time_point askedAt; ///< the same
+    std::atomic<bool> isAsked = false;             ///< whether it is there, and has not answered
     asio::io_context context{1};
     asio::executor_work_guard<asio::io_context::executor_type> work;
     std::thread thread; ///< last: it runs the context
@@ -38,11 +45,11 @@ struct WorkerThreads::Worker {
 WorkerThreads::WorkerThreads() = default;
 WorkerThreads::~WorkerThreads() = default;
 
-Executor WorkerThreads::makeSerialQueue() {
+Executor WorkerThreads::makeSerialQueue(const char* label) {
     const std::lock_guard guard(lock_);
     if (workers_.size() < mostThreads()) {
         try {
-            workers_.push_back(std::make_unique<Worker>());
+            workers_.push_back(std::make_unique<Worker>(label));
             return workers_.back()->context.get_executor();
         } catch (const std::system_error& error) {
             if (workers_.empty()) {
@@ -51,7 +58,36 @@ Executor WorkerThreads::makeSerialQueue() {
         }
     }
     next_ = (next_ + 1) % workers_.size();
+    workers_[next_]->label = label;
     return workers_[next_]->context.get_executor();
+}
+
+Executor WorkerThreads::makeThreadQueue(const char* label) {
+    const std::lock_guard guard(lock_);
+    try {
+        alone_.push_back(std::make_unique<Worker>(label));
+    } catch (const std::system_error& error) {
+        throw SystemError(error.code());
+    }
+    return alone_.back()->context.get_executor();
+}
+
+std::vector<LateQueue> WorkerThreads::lateQueues(double seconds) {
+    const auto now = std::chrono::steady_clock::now();
+    std::vector<LateQueue> late;
+    const std::lock_guard guard(lock_);
+    for (const std::unique_ptr<Worker>& worker : workers_) {
+        if (!worker->isAsked.exchange(true)) {
+            worker->askedAt = now;
+            asio::post(worker->context, [&isAsked = worker->isAsked] { isAsked = false; });
+            continue;
+        }
+        const double silent = std::chrono::duration<double>(now - worker->askedAt).count();
+        if (silent >= seconds) {
+            late.push_back({.label = worker->label, .seconds = silent});
+        }
+    }
+    return late;
 }
 
 } // namespace orlinth::platform

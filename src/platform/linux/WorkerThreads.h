@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/Task.h"
+#include "platform/Network.h"
 
 #include <memory>
 #include <mutex>
@@ -21,15 +21,21 @@ public:
     WorkerThreads(const WorkerThreads&) = delete;
     WorkerThreads& operator=(const WorkerThreads&) = delete;
 
-    /// Any thread. @throws SystemError if not even one thread can be had
-    [[nodiscard]] Executor makeSerialQueue();
+    /// `label` names it for diagnostics. Any thread. @throws SystemError if not even one thread can be had
+    [[nodiscard]] Executor makeSerialQueue(const char* label = "");
+    /// A queue with a thread that no other queue gets. Any thread. @throws SystemError if no thread can be had
+    [[nodiscard]] Executor makeThreadQueue(const char* label);
+
+    /// As Network::lateQueues(), of the threads that queues share.
+    [[nodiscard]] std::vector<LateQueue> lateQueues(double seconds);
 
 private:
     struct Worker;
 
     std::mutex lock_; ///< guards what follows
     std::vector<std::unique_ptr<Worker>> workers_;
-    std::size_t next_ = 0; ///< whose turn it is to get a queue
+    std::vector<std::unique_ptr<Worker>> alone_; ///< those that have one queue each
+    std::size_t next_ = 0;                       ///< whose turn it is to get a queue
 };
 
 } // namespace orlinth::platform
