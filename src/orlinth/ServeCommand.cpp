@@ -192,6 +192,7 @@ private:
         KnownKeys keys(host, receiver, ownKey.publicKey());
         OfferQuestions questions(host);
         ServeReporter reporter(host, !leavesClipboard_);
+        receiver.limits = ReceiverLimits::strict();
         receiver.beforeAuthorising = [&keys] { keys.refresh(); };
         if (accept_ == "never") {
             receiver.approveOffer = declineEverything;

@@ -105,6 +105,8 @@ struct ReceiverWorld : World {
     }
     /// Lets `seconds` pass.
     void pass(double seconds) { run(clock.sleep(seconds)); }
+    /// Until what phones have said of themselves is in the peer store.
+    void passUntilRecordsAreWritten() { pass(limits::recordSeconds + 2); }
     /// Stops the service and waits for its end.
     void stopAndWait() {
         receiver->stop();

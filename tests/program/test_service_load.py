@@ -25,6 +25,8 @@ FILES_EACH = 20
 IDLE = 800 if SMALL else 2000
 CALLS = 2000 if SMALL else 20000
 MOST_STRANGERS = 512
+MOST_OF_ONE_SOURCE = 16
+HANDSHAKE_SECONDS = 10
 # Thousands of transfers share two processors.
 LOAD_PATIENCE = 4 * PATIENCE
 # What one stranger may cost, and what all that came and went may have left behind.
@@ -138,10 +140,12 @@ class ManyPhones(Load):
 
 class Strangers(Load):
     def idle(self, service, count):
-        """This many connections that say nothing."""
+        """This many connections that say nothing, from as many sources as it takes for all to be let in."""
         stack = contextlib.ExitStack()
         self.addCleanup(stack.close)
-        return [stack.enter_context(socket.create_connection(("127.0.0.1", service.port))) for _ in range(count)]
+        return [stack.enter_context(socket.create_connection(
+            ("127.0.0.1", service.port), source_address=(f"127.0.2.{number // MOST_OF_ONE_SOURCE + 1}", 0)))
+                for number in range(count)]
 
     def seconds_for(self, file, service):
         """From the start of the sender to the file's arrival."""
@@ -156,6 +160,7 @@ class Strangers(Load):
         service = self.serve()
         alone = [self.seconds_for(file, service) for _ in range(3)]
         files_before, memory_before = descriptors(service), resident(service)
+        begin = time.monotonic()
         strangers = self.idle(service, IDLE)
         self.wait_until(lambda: sum(map(is_open, strangers)) <= MOST_STRANGERS)
         self.settled(service, files_before + MOST_STRANGERS)
@@ -163,7 +168,8 @@ class Strangers(Load):
         among = [self.seconds_for(file, service) for _ in range(3)]
         still_open = sum(map(is_open, strangers))
         # as many as there is room for, not fewer; each of the three senders was a stranger at first
-        self.assertGreaterEqual(still_open, MOST_STRANGERS - 3)
+        if time.monotonic() - begin < HANDSHAKE_SECONDS:  # then their time is over
+            self.assertGreaterEqual(still_open, MOST_STRANGERS - 3)
         self.assertLessEqual(still_open, MOST_STRANGERS)
         ratio = statistics.median(alone) / statistics.median(among)
         print(f"\n  64 MiB take {statistics.median(alone):.2f} s alone and {statistics.median(among):.2f} s after {IDLE} "

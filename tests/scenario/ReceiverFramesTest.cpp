@@ -82,6 +82,7 @@ TEST_P(ReceiverFramesInState, ASetNameEndsTheConnectionAndTheRecordFollows) {
     const auto& outcome = std::get<Receiver::SetName>(world.syncs[0]);
     EXPECT_EQ(outcome.name, "Ann's phone");
     EXPECT_EQ(outcome.from, "Pixel-8") << "as it was called before";
+    world.passUntilRecordsAreWritten();
     EXPECT_EQ(world.onlyPeer().peer_hostname, "Ann's phone");
     expectPartial(GetParam());
 }
@@ -95,6 +96,7 @@ TEST_P(ReceiverFramesInState, ANameUpdateEndsTheConnectionAndTheRecordFollows) {
     const auto& outcome = std::get<Receiver::NameUpdate>(world.syncs[0]);
     EXPECT_EQ(outcome.name, "Ann's phone");
     EXPECT_EQ(outcome.from, "Pixel-8");
+    world.passUntilRecordsAreWritten();
     EXPECT_EQ(world.onlyPeer().peer_hostname, "Ann's phone");
     expectPartial(GetParam());
 }
@@ -193,6 +195,7 @@ TEST_P(ReceiverFramesInState, ATokenUpdateGoesToTheRecordAndTheConversationGoesO
     world.send(*phone, Row::done());
     EXPECT_EQ(world.transfers.size(), 1U);
     EXPECT_EQ(world.text(folder / "a.txt"), "0123456789");
+    world.passUntilRecordsAreWritten();
     const PeerRecord last = PeerStore(world.files, world.system.directories).loadBook().peers.back();
     EXPECT_EQ(last.peer_fcm_token, "token 2");
     EXPECT_EQ(last.peer_hostname, "Pixel-8");

@@ -125,6 +125,7 @@ TEST_F(ReceiverRecords, ANameThatNobodyCouldReadIsToldButNotTakenOver) {
     const auto phone = world.phone();
     const std::string longest(SenderRecord::maxNameBytes, 'x');
     world.send(*phone, Row::nameUpdate(longest));
+    world.passUntilRecordsAreWritten();
     EXPECT_EQ(world.onlyPeer().peer_hostname, longest);
 }
 
@@ -167,6 +168,7 @@ TEST_F(ReceiverRecords, ATokenBeyondAllReasonIsNotTakenOver) {
     const auto phone = world.phone();
     world.send(*phone, Row::tokenUpdate(std::string(SenderRecord::maxTokenBytes, 't')));
     world.send(*phone, Row::tokenUpdate(std::string(SenderRecord::maxTokenBytes + 1, 'u')));
+    world.passUntilRecordsAreWritten();
     EXPECT_EQ(world.onlyPeer().peer_fcm_token, std::string(SenderRecord::maxTokenBytes, 't'));
     EXPECT_EQ(world.ends(), 0U);
 }
@@ -196,6 +198,7 @@ TEST_F(ReceiverRecords, AConnectionThatOnlyBringsATokenEndsWellAndAtOnce) {
     world.send(*halfClosing, Row::tokenUpdate("token 2"));
     EXPECT_EQ(world.run(halfClosing->wire().closeAfterFarewell(5)), WireConnection::Farewell::closed);
     EXPECT_LT(world.clock.elapsed(), 1);
+    world.passUntilRecordsAreWritten();
     EXPECT_EQ(world.onlyPeer().peer_fcm_token, "token 2");
     EXPECT_EQ(world.ends(), 0U) << "nothing to report";
 }
@@ -231,9 +234,97 @@ TEST_F(ReceiverRecords, AChangeOfAnotherPhonesRecordMeanwhileIsNotLost) {
     world.run(phone->send(Row::tokenUpdate("of the phone")));
     world.run(tablet->send(Row::tokenUpdate("of the tablet")));
     world.settle();
+    world.passUntilRecordsAreWritten();
     const PeerBook book = PeerStore(world.files, world.system.directories).loadBook();
-    EXPECT_EQ(book.peers.at(0).peer_fcm_token, "of the phone");
-    EXPECT_EQ(book.peers.at(1).peer_fcm_token, "of the tablet");
+    EXPECT_EQ(book.find(world.phoneRecord().peer_pubkey)->peer_fcm_token, "of the phone");
+    EXPECT_EQ(book.find(world.tabletRecord().peer_pubkey)->peer_fcm_token, "of the tablet");
+}
+
+// ---- how often the store is written
+
+/// The peer store's file is replaced by each write.
+std::size_t writes(const ReceiverWorld& world) {
+    return static_cast<std::size_t>(std::ranges::count_if(world.files.history(), [](const std::string& step) {
+        return step.starts_with("rename ") && step.ends_with(" " + peerFile.native());
+    }));
+}
+
+TEST_F(ReceiverRecords, ManyTokensAreAFewWritesAndTheLatestCounts) {
+    PeerRecord record = world.phoneRecord();
+    record.peer_ip = "203.0.113.1";
+    world.putPeers({record});
+    world.start();
+    const auto phone = world.phone();
+    const std::size_t before = writes(world);
+    for (int i = 0; i < 100; ++i) { // thirty seconds of them
+        world.send(*phone, Row::tokenUpdate("token " + std::to_string(i)));
+        world.pass(0.3);
+    }
+    EXPECT_GE(writes(world) - before, 3U);
+    EXPECT_LE(writes(world) - before, 4U);
+    world.passUntilRecordsAreWritten();
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "token 99");
+    EXPECT_LE(writes(world) - before, 5U);
+}
+
+TEST_F(ReceiverRecords, ANewAddressATokenAndANameOfOneVisitAreTwoWrites) {
+    world.putPeers({world.phoneRecord()});
+    world.start();
+    const std::size_t before = writes(world);
+    const auto phone = world.phone();
+    EXPECT_EQ(world.onlyPeer().peer_ip, "203.0.113.1") << "the first thing is written at once";
+    world.send(*phone, Row::tokenUpdate("token"));
+    world.send(*phone, Row::setName("New name"));
+    EXPECT_EQ(std::get<Receiver::SetName>(world.syncs.at(0)).from, "Pixel-8");
+    EXPECT_TRUE(std::get<Receiver::SetName>(world.syncs.at(0)).isTakenOver);
+    EXPECT_EQ(writes(world) - before, 1U);
+    world.passUntilRecordsAreWritten();
+    EXPECT_EQ(writes(world) - before, 2U);
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "token");
+    EXPECT_EQ(world.onlyPeer().peer_hostname, "New name");
+}
+
+TEST_F(ReceiverRecords, WhatWaitsIsWrittenWhenTheServiceEnds) {
+    world.putPeers({world.phoneRecord()});
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::tokenUpdate("token"));
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "");
+    world.stopAndWait();
+    EXPECT_LT(world.clock.elapsed(), 1);
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "token");
+}
+
+TEST_F(ReceiverRecords, AWriteThatFailsLaterIsReported) {
+    world.putPeers({world.phoneRecord()});
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::tokenUpdate("token"));
+    world.files.addFault({.operation = fakes::Operation::rename, .errorNumber = EROFS, .nameEnding = "peer.json"});
+    world.passUntilRecordsAreWritten();
+    EXPECT_THAT(world.failureTexts(), ElementsAre("PeerRecord write failed: Read-only file system"));
+    EXPECT_EQ(world.failures.at(0).from, "Pixel-8");
+}
+
+TEST_F(ReceiverRecords, APhoneThatUnpairsTakesAlongWhatWasToBeWritten) {
+    world.putPeers({world.phoneRecord(), world.tabletRecord()});
+    world.start();
+    const auto phone = world.phone();
+    world.send(*phone, Row::tokenUpdate("token"));
+    world.send(*phone, Row::unpair());
+    world.passUntilRecordsAreWritten();
+    EXPECT_EQ(PeerStore(world.files, world.system.directories).loadBook().peers,
+              std::vector<PeerRecord>{world.tabletRecord()});
+}
+
+TEST_F(ReceiverRecords, OnePhonesWaitIsNotAnothers) {
+    world.putPeers({world.phoneRecord(), world.tabletRecord()});
+    world.start();
+    const auto phone = world.phone();
+    const auto tablet = world.connectAs(world.tabletKey);
+    const PeerBook book = PeerStore(world.files, world.system.directories).loadBook();
+    EXPECT_EQ(book.peers.at(0).peer_ip, "203.0.113.1");
+    EXPECT_EQ(book.peers.at(1).peer_ip, "203.0.113.1");
 }
 
 // ---- the address follows
@@ -432,16 +523,72 @@ TEST_F(ReceiverApproval, AnAnswerThatTakesLongHoldsNobodyElseUpAndIsNoSilence) {
     EXPECT_EQ(world.transfers.size(), 2U);
 }
 
-TEST_F(ReceiverApproval, APhoneThatHangsUpWhileItIsAskedForIsNoticedWithTheAnswer) {
+TEST_F(ReceiverApproval, IsCancelledSoonWhenThePhoneHangsUp) {
     const auto phone = world.phone();
     offerOnly(*phone, "a.txt");
     phone->close();
-    world.settle();
-    EXPECT_EQ(world.ends(), 0U);
+    world.pass(0.5);
+    EXPECT_EQ(desk.cancelled, 1);
+    EXPECT_EQ(world.failures.size(), 1U);
     desk.answer("a.txt", true);
     world.settle();
-    EXPECT_EQ(world.failures.size(), 1U);
     EXPECT_EQ(ActiveTransfers::shared().ownerCount(), 0U);
+    EXPECT_THAT(filesInFolder(), IsEmpty());
+}
+
+TEST_F(ReceiverApproval, IsCancelledSoonWhenAPhoneHangsUpThatHasNotWaited) {
+    const auto phone = world.phone();
+    offerOnly(*phone, "a.txt");
+    world.sendData(*phone, "01234"); // which nobody reads
+    EXPECT_EQ(desk.cancelled, 0);
+    phone->close();
+    world.pass(0.5);
+    EXPECT_EQ(desk.cancelled, 1);
+    EXPECT_EQ(world.failures.size(), 1U);
+}
+
+TEST_F(ReceiverApproval, IsToldWhoseOfferItIs) {
+    const auto phone = world.phone();
+    offerOnly(*phone, "a.txt");
+    EXPECT_EQ(desk.asked.at(0).peerPubkey, world.phoneKey.publicKey().base64());
+    desk.answer("a.txt", false);
+    static_cast<void>(world.run(phone->expect<Row::Decline>()));
+    phone->close();
+    world.settle();
+    EXPECT_EQ(std::get<Receiver::Declined>(world.syncs.at(0)).peerPubkey, world.phoneKey.publicKey().base64());
+}
+
+TEST_F(ReceiverApproval, IsForTheSizeThatWasOffered) {
+    const auto phone = world.phone();
+    desk.answer("a.txt", true);
+    offerOnly(*phone, "a.txt");
+    static_cast<void>(world.run(phone->expect<Row::Resume>()));
+    const std::string frame(1 << 20, 'x');
+    world.sendData(*phone, "0123456789"); // what was offered
+    world.sendData(*phone, frame);        // a file may have grown a little
+    EXPECT_EQ(world.ends(), 0U);
+    world.sendData(*phone, std::string(65, 'x'));
+    EXPECT_EQ(world.failures.size(), 1U);
+    EXPECT_EQ(describe(world.failures.at(0).error), "protocol violation: more data than was offered");
+    EXPECT_EQ(world.text(folder / "a.txt.partial").size(), 10 + frame.size());
+
+    const auto greedy = world.phone();
+    desk.answer("b.txt", true);
+    offerOnly(*greedy, "b.txt");
+    static_cast<void>(world.run(greedy->expect<Row::Resume>()));
+    world.sendData(*greedy, std::string(2 << 20, 'x')); // in one frame
+    EXPECT_EQ(world.failures.size(), 2U);
+    EXPECT_EQ(world.text(folder / "b.txt.partial"), "");
+}
+
+TEST_F(ReceiverRecords, WithoutAnybodyAskedTheSizeIsNoBound) {
+    world.putPeers({world.phoneRecord()});
+    world.start();
+    const auto phone = world.phone();
+    world.offer(*phone, "a.txt");
+    world.sendData(*phone, std::string(3 << 20, 'x'));
+    world.send(*phone, Row::done());
+    EXPECT_EQ(world.transfers.at(0).file.bytesWritten, 3 << 20);
 }
 
 TEST_F(ReceiverApproval, IsCancelledWhenTheServiceStops) {

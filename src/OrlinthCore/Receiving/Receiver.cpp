@@ -1,8 +1,10 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 
 #include "OrlinthCore/Receiving/ReceiverConnection.h"
+#include "OrlinthCore/Receiving/Strangers.h"
 #include "base/ConstantTime.h"
 #include "platform/Cancelled.h"
+#include "platform/IpAddress.h"
 #include "platform/Spawn.h"
 #include "platform/SystemError.h"
 
@@ -13,7 +15,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <list>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -46,10 +47,13 @@ struct Session {
     std::uint64_t identity;
     Executor queue; ///< its own
     std::string remoteEndpoint;
-    asio::cancellation_signal stop; ///< on its queue
+    platform::Clock::Instant acceptedAt{0};
+    std::atomic<bool> hasGreeted = false; ///< the first message of its handshake has come; any thread
+    asio::cancellation_signal stop;       ///< on its queue
     /// Why it was ended from here; on its queue.
     std::optional<std::string> endedBecause;
     std::string from;       ///< display name of the phone; on its queue
+    std::string peerPubkey; ///< its key, Base64, once it is proved to be a paired one; on its queue
     bool isLeaving = false; ///< it had to make room; on the receiver's queue
 };
 
@@ -81,6 +85,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
           prologue(std::move(prologueBytes)),
           downloads(owner, std::move(directory)),
           queue(owner.network.makeSerialQueue("orlinth.receiver")),
+          updates(std::make_shared<RecordUpdates>(owner)),
           expected(std::move(expectedKeys)) {}
 
     platform::System& system;
@@ -89,6 +94,9 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     const std::string prologue;
     Downloads downloads; ///< any thread
     const Executor queue;
+    const std::shared_ptr<RecordUpdates> updates; ///< any thread, and so the next two
+    PhonePlaces places;
+    FrameRoom frames;
 
     mutable std::mutex keysLock; ///< guards the next two
     std::vector<platform::PublicKey> expected;
@@ -97,6 +105,8 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     Callbacks callbacks;
     std::function<Task<bool>(Offer)> approve;
     std::function<void()> refreshKeys;
+    std::function<std::unique_ptr<platform::Listener>(const platform::ListenOptions&, Executor)> openListener;
+    ReceiverLimits limits;
 
     std::unique_ptr<platform::Listener> listener;
     std::atomic<std::uint64_t> lastRun = 0; ///< number of the run() that was called last; any thread
@@ -107,8 +117,10 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     bool isAccepting = false; ///< the listener is in use, and may be closed but not replaced
     std::uint64_t lastIdentity = 0;
     std::map<std::uint64_t, SessionRef> sessions;
-    std::list<std::uint64_t> strangers; ///< sessions without a proved key, the oldest first
-    std::size_t leaving = 0;            ///< sessions that had to make room and have not closed yet
+    Strangers strangers{[this](std::uint64_t identity) { return sessions.at(identity)->hasGreeted.load(); }};
+    std::unique_ptr<platform::Timer> crowdAlarm; ///< while it runs; looks after crowds of strangers
+    bool isCrowdWatched = false;
+    std::size_t leaving = 0; ///< sessions that had to make room and have not closed yet
 
     void open();
     [[nodiscard]] static Task<> serve(std::shared_ptr<Service> self, std::uint64_t number);
@@ -119,6 +131,8 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     [[nodiscard]] static Task<> openPort(std::shared_ptr<Service> self);
     void admit(std::unique_ptr<platform::Stream> stream);
     void makeRoom();
+    void dismiss(std::uint64_t identity);
+    void watchCrowds();
     [[nodiscard]] static Task<> process(std::shared_ptr<Service> self, SessionRef session,
                                         std::unique_ptr<platform::Stream> stream);
     [[nodiscard]] ReceiverConnectionContext contextFor(const SessionRef& session);
@@ -135,7 +149,8 @@ void Receiver::Service::open() {
         throw Error::listenerStartFailed("invalid port " + std::to_string(port));
     }
     try {
-        listener = system.network.listen({.port = port, .keepAlive = Receiver::keepAlive}, queue);
+        const platform::ListenOptions options{.port = port, .keepAlive = Receiver::keepAlive};
+        listener = openListener ? openListener(options, queue) : system.network.listen(options, queue);
     } catch (const orlinth::Error& error) {
         throw Error::listenerStartFailed(error.description());
     }
@@ -165,6 +180,7 @@ Task<> Receiver::Service::serve(std::shared_ptr<Service> self, std::uint64_t num
     if (self->callbacks.onListening) {
         self->callbacks.onListening(self->port);
     }
+    self->crowdAlarm = self->system.clock.makeTimer(self->queue);
     std::exception_ptr failure;
     try {
         co_await acceptAll(self);
@@ -218,12 +234,15 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
 Task<> Receiver::Service::endAll(std::shared_ptr<Service> self) {
     self->isStopping = true;
     self->listener.reset();
+    self->crowdAlarm.reset();
+    self->isCrowdWatched = false;
     for (const auto& [identity, session] : self->sessions) {
         end(session, "the service has ended");
     }
     while (!self->sessions.empty()) {
         co_await self->system.clock.sleep(lookSeconds);
     }
+    co_await self->updates->finish();
 }
 
 Task<> Receiver::Service::closePort(std::shared_ptr<Service> self) {
@@ -247,12 +266,14 @@ Task<> Receiver::Service::openPort(std::shared_ptr<Service> self) {
 }
 
 void Receiver::Service::admit(std::unique_ptr<platform::Stream> stream) {
-    if (strangers.size() >= maxStrangers) {
-        makeRoom();
-    }
     const auto session = std::make_shared<Session>(++lastIdentity, stream->executor(), stream->remoteEndpoint());
+    session->acceptedAt = system.clock.now();
     sessions.emplace(session->identity, session);
-    strangers.push_back(session->identity);
+    std::string source = sourceOf(platform::addressOfEndpoint(session->remoteEndpoint));
+    for (const std::uint64_t identity : strangers.add(session->identity, std::move(source), session->acceptedAt)) {
+        dismiss(identity);
+    }
+    watchCrowds();
     platform::spawn(session->queue, process(shared_from_this(), session, std::move(stream)), session->stop.slot(),
                     [](const std::exception_ptr& error) {
                         if (error) {
@@ -261,15 +282,33 @@ void Receiver::Service::admit(std::unique_ptr<platform::Stream> stream) {
                     });
 }
 
-/// Ends the oldest of those who have not yet proved who they are.
+/// Ends one of those who have not yet proved who they are.
 void Receiver::Service::makeRoom() {
-    if (!strangers.empty()) {
-        const SessionRef& oldest = sessions.at(strangers.front());
-        oldest->isLeaving = true;
-        ++leaving;
-        end(oldest, "too many connections of strangers", Whom::strangersOnly);
-        strangers.pop_front();
+    if (const std::optional<std::uint64_t> identity = strangers.takeOne()) {
+        dismiss(*identity);
     }
+}
+
+void Receiver::Service::dismiss(std::uint64_t identity) {
+    const SessionRef& session = sessions.at(identity);
+    session->isLeaving = true;
+    ++leaving;
+    end(session, "too many connections of strangers", Whom::strangersOnly);
+}
+
+/// A source may have too many for a moment, and not for longer.
+void Receiver::Service::watchCrowds() {
+    constexpr double lookAgainSeconds = limits::strangerGraceSeconds / 4;
+    if (!strangers.isCrowded() || isStopping || std::exchange(isCrowdWatched, true)) {
+        return;
+    }
+    crowdAlarm->arm(lookAgainSeconds, [this] { // a timer of our own, which ends with the run
+        isCrowdWatched = false;
+        for (const std::uint64_t identity : strangers.takeOverdue(system.clock.now())) {
+            dismiss(identity);
+        }
+        watchCrowds();
+    });
 }
 
 Task<> Receiver::Service::process(std::shared_ptr<Service> self, SessionRef session,
@@ -278,11 +317,7 @@ Task<> Receiver::Service::process(std::shared_ptr<Service> self, SessionRef sess
     std::optional<ProcessOutcome> outcome;
     std::exception_ptr error;
     try {
-        outcome = co_await processConnection(context, std::move(stream), [weak = std::weak_ptr(session)] {
-            if (const SessionRef displaced = weak.lock()) {
-                end(displaced, "taken over by a newer connection");
-            }
-        });
+        outcome = co_await processConnection(context, std::move(stream));
     } catch (...) {
         error = std::current_exception();
     }
@@ -307,10 +342,18 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
             .staticKey = staticKey,
             .downloads = downloads,
             .prologue = prologue,
+            .updates = *updates,
+            .places = places,
+            .frames = frames,
+            .handshakeEnd = limits.handshakeSeconds > 0
+                                ? std::optional(session->acceptedAt + platform::Clock::Instant(limits.handshakeSeconds))
+                                : std::nullopt,
+            .onGreeting = [session] { session->hasGreeted = true; },
             .standingOf =
                 [self, session](const platform::PublicKey& key) {
                     const auto standing = self->standingOf(key);
                     if (standing == ReceiverConnectionContext::Standing::expected) { // before its record is looked for
+                        session->peerPubkey = key.base64();
                         asio::post(self->queue, [self, session] {
                             self->strangers.remove(session->identity);
                             self->stay(session);
@@ -318,7 +361,16 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                     }
                     return standing;
                 },
-            .approveOffer = [self](Offer offer) { return platform::runOn(self->queue, ask(self, std::move(offer))); },
+            .approveOffer = approve ? std::function([self](Offer offer) {
+                return platform::runOn(self->queue, ask(self, std::move(offer)));
+            })
+                                    : std::function<Task<bool>(Offer)>(),
+            .dismiss =
+                [weak = std::weak_ptr(session)](const char* because) {
+                    if (const SessionRef dismissed = weak.lock()) {
+                        end(dismissed, because);
+                    }
+                },
             .onAuthenticated =
                 [self, session](const std::optional<PeerRecord>& record) {
                     session->from = record && !record->peer_hostname.empty() ? record->peer_hostname : unknownPeer;
@@ -333,7 +385,8 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                 [self, session](std::exception_ptr error) {
                     const Failure failure{.error = std::move(error),
                                           .remoteEndpoint = session->remoteEndpoint,
-                                          .from = session->from.empty() ? unknownPeer : session->from};
+                                          .from = session->from.empty() ? unknownPeer : session->from,
+                                          .peerPubkey = session->peerPubkey};
                     asio::post(self->queue, [self, failure] { self->tellFailure(failure); });
                 }};
 }
@@ -369,7 +422,10 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
     if (outcome) {
         tell(*outcome);
     } else if (error && !isStopping) {
-        tellFailure({.error = std::move(error), .remoteEndpoint = session->remoteEndpoint, .from = session->from});
+        tellFailure({.error = std::move(error),
+                     .remoteEndpoint = session->remoteEndpoint,
+                     .from = session->from,
+                     .peerPubkey = session->peerPubkey});
     }
 }
 
@@ -422,19 +478,14 @@ std::vector<platform::PublicKey> Receiver::removedPeerPubkeys() const {
     return service_->removed;
 }
 
-namespace {
-
-Task<bool> approveEverything(Receiver::Offer) {
-    co_return true;
-}
-
-} // namespace
-
 Task<> Receiver::run(Callbacks callbacks) {
     service_->callbacks = std::move(callbacks);
-    service_->approve = approveOffer ? approveOffer : approveEverything;
+    service_->approve = approveOffer;
     service_->refreshKeys = beforeAuthorising;
     service_->downloads.setLimits(downloadLimits);
+    service_->openListener = openListener;
+    service_->limits = limits;
+    service_->strangers.mostOfOneSource = limits.strangersOfOneSource;
     service_->listener = std::move(listener);
     return platform::runOn(service_->queue, Service::serve(service_, ++service_->lastRun));
 }

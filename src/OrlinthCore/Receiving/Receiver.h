@@ -3,6 +3,7 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/Receiving/Downloads.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
+#include "OrlinthCore/Receiving/ReceivingLimits.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/Sending/ActiveTransfers.h"
 #include "platform/System.h"
@@ -27,9 +28,10 @@ public:
     /// What a name is called whose phone has no record.
     static constexpr const char* unknownPeer = "(unknown peer)";
     /// Seconds that any single read may take before the connection is given up.
-    static constexpr double idleTimeout = 60;
-    /// Connections that have not yet proved a paired key; when one more comes, the oldest of them is closed.
-    static constexpr std::size_t maxStrangers = 512;
+    static constexpr double idleTimeout = limits::readSeconds;
+    /// Connections that have not yet proved a paired key; when one more comes, the oldest of the source that has most
+    /// of them is closed, first of those who have said nothing.
+    static constexpr std::size_t maxStrangers = limits::strangers;
     /// Largest handshake message taken: every one that Noise allows. Ours have at most 96 bytes, but payloads are
     /// legal. A stranger's takes memory only as it arrives.
     static constexpr std::size_t maxHandshakeFrame = NoiseHandshake::maxMessageBytes;
@@ -38,7 +40,7 @@ public:
     static constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
 
     /// How one connection ended well. SetName and NameUpdate mean the same: the sender's own name is this now. `from`
-    /// is the display name of the sender.
+    /// is the display name of the sender, `peerPubkey` its key, Base64.
     struct File {
         ReceivedFile file;
         std::string from;
@@ -57,12 +59,14 @@ public:
             true; ///< false for a name that nobody could be called by, and where no record could be changed
         std::string calledHere =
             {}; ///< now: `name`, or, if another phone has that, with a number; "" if not taken over
+        std::string peerPubkey = {};
     };
     struct NameUpdate {
         std::string name;
         std::string from;
         bool isTakenOver = true;
         std::string calledHere = {};
+        std::string peerPubkey = {};
     };
     struct Unpair {
         std::string from;
@@ -80,6 +84,7 @@ public:
         std::string from;
         std::string name;                         ///< of the refused file; "" for a refusal by the phone
         std::optional<DownloadRefusal> refusal{}; ///< why, if nobody was asked
+        std::string peerPubkey = {};
     };
     using ProcessOutcome = std::variant<File, Clipboard, SetName, NameUpdate, Unpair, UnpairReplied, Declined>;
 
@@ -87,14 +92,15 @@ public:
     struct Failure {
         std::exception_ptr error;
         std::string remoteEndpoint;
-        std::string from; ///< the phone's display name; "" if no paired key was proved
+        std::string from;            ///< the phone's display name; "" if no paired key was proved
+        std::string peerPubkey = {}; ///< likewise
     };
 
     struct Offer {
         std::string name; ///< as the sender says; not to be trusted as a path
         std::int64_t size;
         std::string from;
-        std::string peerPubkey = {}; ///< Base64
+        std::string peerPubkey = {}; ///< the sender's key, Base64: names may be alike
     };
 
     /// What happens, told on the receiver's queue. Every one may be empty. None may throw.
@@ -118,9 +124,16 @@ public:
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
 
-    /// Asked for each offer, on the receiver's queue; absent: every offer is taken. It is cancelled when the service
-    /// ends the connection; a phone that hangs up meanwhile is noticed only afterwards. Set before run().
+    /// Asked for each offer, on the receiver's queue; absent: every offer is taken. It is cancelled when the phone
+    /// hangs up, and when the service ends the connection. A yes is a yes to the size that was offered: more than
+    /// limits::dataFrameBytes beyond it is a protocol violation. Set before run().
     std::function<Task<bool>(Offer offer)> approveOffer;
+    /// What the receive service lets others do. Set before run().
+    ReceiverLimits limits;
+    /// How a port is opened, the first time and after stepAside(); absent: by the platform's network, everywhere. Set
+    /// before run(). May throw SystemError.
+    std::function<std::unique_ptr<platform::Listener>(const platform::ListenOptions& options, Executor executor)>
+        openListener;
     /// A port that is open already is used first, in place of opening `port`. Set before run().
     std::unique_ptr<platform::Listener> listener;
     /// Called on the connection's queue before a proved key is looked up, for a host whose lists live in files; may

@@ -3,8 +3,14 @@
 #include "OrlinthCore/Receiving/OpenTransfer.h"
 #include "OrlinthCore/Receiving/SenderRecord.h"
 #include "platform/Cancelled.h"
+#include "platform/Deadline.h"
+#include "platform/IpAddress.h"
 #include "platform/SystemError.h"
 
+#include <asio/experimental/awaitable_operators.hpp>
+#include <asio/this_coro.hpp>
+
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -14,23 +20,45 @@ namespace {
 /// How long a phone gets to read our last word before the connection is closed in any case.
 constexpr double farewellSeconds = 5;
 
-/// "192.168.1.7:40112" without the port, "[fe80::1%eth0]:40112" without it and the brackets.
-std::string addressOf(const std::string& endpoint) {
-    const std::string address = endpoint.substr(0, endpoint.rfind(':'));
-    const bool isBracketed = address.size() > 2 && address.front() == '[' && address.back() == ']';
-    return isBracketed ? address.substr(1, address.size() - 2) : address;
-}
+/// Between two looks whether a phone is still there while somebody is asked about its offer.
+constexpr double lookSeconds = 0.25;
+
+/// Closes the connection when the handshake takes longer than it may, as a whole.
+class HandshakeAlarm {
+public:
+    HandshakeAlarm(WireConnection& wire, const Executor& executor, const ReceiverConnectionContext& context)
+        : timer_(context.system.clock.makeTimer(executor)) {
+        if (context.handshakeEnd) {
+            const double left = (*context.handshakeEnd - context.system.clock.now()).count();
+            timer_->arm(left, [this, &wire] {
+                hasRung_ = true;
+                wire.close();
+            });
+        }
+    }
+    HandshakeAlarm(const HandshakeAlarm&) = delete;
+    HandshakeAlarm& operator=(const HandshakeAlarm&) = delete;
+    ~HandshakeAlarm() = default;
+
+    [[nodiscard]] bool hasRung() const noexcept { return hasRung_; }
+
+private:
+    bool hasRung_ = false;
+    std::unique_ptr<platform::Timer> timer_; // last: its action uses the member above
+};
 
 Task<NoiseTransport> shakeHands(WireConnection& wire, const ReceiverConnectionContext& context) {
+    const Executor executor = co_await asio::this_coro::executor;
     NoiseHandshake handshake(NoiseRole::responder, context.staticKey.clone(), asBytes(context.prologue));
+    const HandshakeAlarm alarm(wire, executor, context);
     try {
-        co_await exchangeAsResponder(wire, handshake, Receiver::maxHandshakeFrame);
+        co_await exchangeAsResponder(wire, handshake, Receiver::maxHandshakeFrame, context.onGreeting);
         co_return std::move(handshake).finalize();
     } catch (const std::exception& error) {
         if (platform::isCancellation(error)) {
             throw;
         }
-        throw ReceiveError::noiseHandshakeFailed(describe(error));
+        throw ReceiveError::noiseHandshakeFailed(alarm.hasRung() ? "not complete in time" : describe(error));
     }
 }
 
@@ -73,32 +101,45 @@ class Conversation {
 public:
     /// `name` is what the phone was called when it came; of that its file is said to be.
     Conversation(const ReceiverConnectionContext& context, WireConnection& wire, NoiseTransport transport,
-                 std::string name, std::function<void()> cancelSelf)
+                 std::string name)
         : context_(context),
           wire_(wire),
           endpoint_(wire.remoteEndpoint()),
           name_(std::move(name)),
           framer_(std::move(transport)),
           sender_(context.system, framer_.session().remoteStaticPublicKey()),
-          self_(std::make_shared<const TransferConnection>(framer_.session().remoteStaticPublicKey().base64(),
-                                                           std::move(cancelSelf))) {}
+          self_(std::make_shared<const TransferConnection>(
+              framer_.session().remoteStaticPublicKey().base64(),
+              [dismiss = context.dismiss] { dismiss("taken over by a newer connection"); })),
+          room_(context.frames, self_->peerPubkey()) {
+        wire_.gate = &room_;
+    }
+    Conversation(const Conversation&) = delete;
+    Conversation& operator=(const Conversation&) = delete;
+    ~Conversation() { wire_.gate = nullptr; }
 
     /// Nothing: there is nothing to report.
     using Result = std::optional<Receiver::ProcessOutcome>;
 
     [[nodiscard]] Task<Result> run() {
+        place_.emplace(context_.places, context_.system.clock, self_->peerPubkey(),
+                       [dismiss = context_.dismiss] { dismiss("too many connections of this phone"); });
         FrameBuffer buffer;
         for (;;) {
             const bool hasMore = co_await receiveFrame(buffer);
             if (!hasMore) {
                 co_return std::nullopt;
             }
-            const FrameView frame = framer_.decodeInPlace(buffer.body());
+            place_->heard();
+            FrameView frame = framer_.decodeInPlace(buffer.body());
             if (const auto* data = std::get_if<MutableBytes>(&frame)) {
                 append(*data);
+                giveBack(buffer);
                 continue;
             }
-            std::optional<Result> result = co_await take(std::get<TransportMessage>(frame));
+            const TransportMessage message = std::move(std::get<TransportMessage>(frame));
+            giveBack(buffer);
+            std::optional<Result> result = co_await take(message);
             if (result) {
                 co_return std::move(*result);
             }
@@ -114,6 +155,15 @@ public:
 
 private:
     using Row = TransportMessage;
+
+    /// The frame was used. While a file comes in, the memory of the next one stays, if it is one of the usual size.
+    void giveBack(FrameBuffer& buffer) noexcept {
+        const std::int64_t kept = file_ ? limits::dataFrameBytes : limits::freeFrameBytes;
+        if (static_cast<std::int64_t>(buffer.bodyCapacity()) > kept) {
+            buffer = FrameBuffer();
+        }
+        room_.release();
+    }
 
     /// False if the phone has hung up in good order and had come for nothing but its token.
     [[nodiscard]] Task<bool> receiveFrame(FrameBuffer& buffer) {
@@ -132,6 +182,10 @@ private:
     void append(ByteView data) {
         if (!file_) {
             throw ReceiveError::protocolViolation("binary frame before FileOffer");
+        }
+        if (approvedSize_ &&
+            file_->bytesWritten() + static_cast<std::int64_t>(data.size()) > *approvedSize_ + limits::dataFrameBytes) {
+            throw ReceiveError::protocolViolation("more data than was offered");
         }
         file_->append(data);
     }
@@ -152,7 +206,7 @@ private:
         }
         if (const auto* update = message.as<Row::TokenUpdate>()) {
             hasUpdatedToken_ = true;
-            changeRecord([&] { sender_.setFcmToken(update->peer_fcm_token); });
+            changeRecord([&] { say({.token = update->peer_fcm_token}); });
             co_return std::nullopt;
         }
         co_return end(message);
@@ -180,15 +234,17 @@ private:
         if (!isHere) {
             refusal = context_.downloads.refusalOf(self_->peerPubkey(), offer);
         }
-        bool isWanted = isHere; // nobody is asked twice about the same file
-        if (!isHere && !refusal) {
-            isWanted = co_await context_.approveOffer(
+        bool isWanted = !refusal;
+        if (!isHere && isWanted && context_.approveOffer) { // nobody is asked twice about the same file
+            isWanted = co_await ask(
                 {.name = offer.name, .size = offer.size, .from = name_, .peerPubkey = self_->peerPubkey()});
+            approvedSize_ = std::max<std::int64_t>(offer.size, 0);
         }
         if (!isWanted) {
             open_->settle();
             co_await sayFarewell(Row::decline());
-            co_return Receiver::Declined{.from = name_, .name = offer.name, .refusal = refusal};
+            co_return Receiver::Declined{
+                .from = name_, .name = offer.name, .refusal = refusal, .peerPubkey = self_->peerPubkey()};
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock, offeredAt);
@@ -197,9 +253,31 @@ private:
         if (isHere && file_->delivered() == nullptr) {
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }
+        place_->beginTransfer();
+        room_.beginTransfer();
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
         co_await wire_.sendLengthPrefixed(resume);
         co_return std::nullopt;
+    }
+
+    /// The host's answer. A phone that has hung up, or is gone, is not asked about any longer.
+    [[nodiscard]] Task<bool> ask(Receiver::Offer offer) {
+        using namespace asio::experimental::awaitable_operators;
+        OneShot<bool> answer;
+        Task<> asking = platform::detail::settle(answer, context_.approveOffer(std::move(offer)));
+        Task<> watching = watchPhone(answer);
+        co_await (std::move(asking) || std::move(watching));
+        co_return answer.take();
+    }
+
+    [[nodiscard]] Task<> watchPhone(OneShot<bool>& answer) {
+        while (!wire_.hasEnded()) {
+            const bool isOver = !co_await platform::sleepUnlessCancelled(context_.system.clock, lookSeconds);
+            if (isOver) {
+                co_return;
+            }
+        }
+        answer.fail(std::make_exception_ptr(WireConnection::Error::eof()));
     }
 
     [[nodiscard]] Result end(const TransportMessage& message) {
@@ -220,13 +298,14 @@ private:
             Receiver::Unpair outcome{
                 .from = sender_.displayName(), .peerPubkey = self_->peerPubkey(), .isForgotten = false};
             changeRecord([&] {
+                context_.updates.forget(framer_.session().remoteStaticPublicKey());
                 sender_.remove();
                 outcome.isForgotten = true;
             });
             return outcome;
         }
         case Tag::Decline:
-            return Receiver::Declined{.from = sender_.displayName(), .name = {}};
+            return Receiver::Declined{.from = sender_.displayName(), .name = {}, .peerPubkey = self_->peerPubkey()};
         case Tag::FileOffer:
         case Tag::Done:
         case Tag::TokenUpdate:
@@ -254,13 +333,19 @@ private:
 
     template <typename Outcome>
     [[nodiscard]] Receiver::ProcessOutcome rename(const std::string& name) {
-        Outcome outcome{.name = name, .from = sender_.displayName(), .isTakenOver = false};
+        Outcome outcome{
+            .name = name, .from = sender_.displayName(), .isTakenOver = false, .peerPubkey = self_->peerPubkey()};
         changeRecord([&] {
-            const std::optional<std::string> called = sender_.setHostname(name);
+            const std::optional<std::string> called = sender_.nameFor(name);
+            say({.name = name});
             outcome.isTakenOver = called.has_value();
             outcome.calledHere = called.value_or("");
         });
         return outcome;
+    }
+
+    void say(RecordChange change) {
+        context_.updates.say(framer_.session().remoteStaticPublicKey(), std::move(change), context_.onTrouble);
     }
 
     /// A record that cannot be changed is told of, and costs nobody the file that comes next, or what has been said.
@@ -280,7 +365,10 @@ private:
     TransportFramer framer_;
     SenderRecord sender_;
     TransferConnectionRef self_;
+    FrameRoom::Share room_;
+    std::optional<PhonePlaces::Claim> place_;
     bool hasUpdatedToken_ = false;
+    std::optional<std::int64_t> approvedSize_; ///< of an offer that somebody was asked about
     std::optional<TransferClaim> claim_;
     std::optional<IncomingFile> file_; // behind the claim, so that it is closed before that is given back
     std::optional<OpenTransfer> open_; // behind both: the sender need not wait for the disk to hear of a failure
@@ -289,14 +377,14 @@ private:
 /// Tells of the phone that has come, and keeps its address up to date; returns what it is called.
 std::string welcome(const ReceiverConnectionContext& context, const platform::PublicKey& key,
                     const std::string& endpoint) {
-    SenderRecord sender(context.system, key);
+    const SenderRecord sender(context.system, key);
     std::optional<PeerRecord> record;
     try {
-        const std::string address = addressOf(endpoint);
+        const std::string address = platform::addressOfEndpoint(endpoint);
         record = sender.find();
         if (record && SenderRecord::isAddressNew(*record, address)) {
-            sender.setAddress(address);
-            record = sender.find();
+            context.updates.say(key, {.address = address}, context.onTrouble);
+            record->peer_ip = address;
         }
     } catch (const PeerStoreError&) {
         context.onTrouble(std::current_exception());
@@ -308,8 +396,7 @@ std::string welcome(const ReceiverConnectionContext& context, const platform::Pu
 } // namespace
 
 Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverConnectionContext& context,
-                                                                std::unique_ptr<platform::Stream> stream,
-                                                                std::function<void()> cancelSelf) {
+                                                                std::unique_ptr<platform::Stream> stream) {
     using Standing = ReceiverConnectionContext::Standing;
     const std::string endpoint = stream->remoteEndpoint();
     WireConnection wire(std::move(stream), context.system.clock);
@@ -322,7 +409,7 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
     }
     const std::string name =
         standing == Standing::expected ? welcome(context, key, endpoint) : std::string(Receiver::unknownPeer);
-    Conversation conversation(context, wire, std::move(transport), name, std::move(cancelSelf));
+    Conversation conversation(context, wire, std::move(transport), name);
     if (standing == Standing::removed) {
         co_await conversation.sayFarewell(TransportMessage::unpair());
         co_return Receiver::UnpairReplied{.peerPubkey = key.base64(), .remoteEndpoint = endpoint};

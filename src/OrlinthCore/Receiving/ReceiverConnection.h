@@ -1,6 +1,9 @@
 #pragma once
 
+#include "OrlinthCore/Receiving/FrameRoom.h"
+#include "OrlinthCore/Receiving/PhonePlaces.h"
 #include "OrlinthCore/Receiving/Receiver.h"
+#include "OrlinthCore/Receiving/RecordUpdates.h"
 
 namespace orlinth {
 
@@ -10,11 +13,21 @@ struct ReceiverConnectionContext {
     const platform::PrivateKey& staticKey;
     Downloads& downloads;
     const std::string& prologue;
+    RecordUpdates& updates;
+    PhonePlaces& places;
+    FrameRoom& frames;
+    /// When the handshake must be complete; absent: each of its reads may take its time.
+    std::optional<platform::Clock::Instant> handshakeEnd;
+    /// The first message of the handshake has come.
+    std::function<void()> onGreeting;
     /// What becomes of whoever has proved this key.
     enum class Standing { unknown, expected, removed };
     /// May be called on several threads at once, like all that follow.
     std::function<Standing(const platform::PublicKey&)> standingOf;
+    /// Empty: every offer is taken.
     std::function<Task<bool>(Receiver::Offer)> approveOffer;
+    /// Ends this connection soon after; the text says why. Any thread, also when it has ended.
+    std::function<void(const char* because)> dismiss;
     /// The phone has proved its key; its record, if it has one.
     std::function<void(const std::optional<PeerRecord>&)> onAuthenticated;
     /// Something went wrong that does not end the connection.
@@ -27,7 +40,6 @@ struct ReceiverConnectionContext {
 /// and that was reported; or it has brought a push token and nothing else.
 /// @throws ReceiveError; WireConnection::Error, TransportFramer::Error as they come in the frame loop; Cancelled
 [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverConnectionContext& context,
-                                                                              std::unique_ptr<platform::Stream> stream,
-                                                                              std::function<void()> cancelSelf);
+                                                                              std::unique_ptr<platform::Stream> stream);
 
 } // namespace orlinth

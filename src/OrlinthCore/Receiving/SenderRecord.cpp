@@ -10,10 +10,6 @@
 namespace orlinth {
 namespace {
 
-bool isUsableName(const std::string& name) {
-    return name.size() <= SenderRecord::maxNameBytes && !trimmed(name).empty() && !hasControlCharacter(name);
-}
-
 bool isLoopback(const std::string& address) {
     return address == "::1" || address.starts_with("127.");
 }
@@ -25,6 +21,17 @@ bool mayReplace(const std::string& recorded, const std::string& seen) {
 }
 
 } // namespace
+
+void RecordChange::add(RecordChange later) {
+    const auto take = [](std::optional<std::string>& value, std::optional<std::string>& newer) {
+        if (newer) {
+            value = std::move(newer);
+        }
+    };
+    take(token, later.token);
+    take(name, later.name);
+    take(address, later.address);
+}
 
 SenderRecord::SenderRecord(platform::System& system, const platform::PublicKey& key)
     : system_(system), pubkey_(key.base64()) {}
@@ -44,81 +51,58 @@ std::string SenderRecord::displayName() const noexcept {
     }
 }
 
-void SenderRecord::change(const std::function<bool(const PeerBook&, PeerRecord&)>& change) {
-    PeerStore store(system_.files, system_.directories);
-    const PeerBook seen = store.loadBook();
-    const PeerRecord* const present = seen.find(pubkey_);
-    if (present == nullptr) {
-        return;
-    }
-    if (PeerRecord copy = *present; !change(seen, copy)) {
-        return;
-    }
-    store.update([this, &change](PeerBook& book) {
-        const auto at = std::find_if(book.peers.begin(), book.peers.end(),
-                                     [this](const PeerRecord& record) { return record.peer_pubkey == pubkey_; });
-        if (at == book.peers.end()) {
-            return false;
-        }
-        PeerRecord changed = *at;
-        if (!change(book, changed)) {
-            return false;
-        }
-        *at = std::move(changed);
-        return true;
-    });
+bool SenderRecord::isUsableName(const std::string& name) {
+    return name.size() <= maxNameBytes && !trimmed(name).empty() && !hasControlCharacter(name);
 }
 
-void SenderRecord::setFcmToken(const std::string& token) {
-    if (token.size() > maxTokenBytes) {
-        return;
-    }
-    const auto hasItLast = [&](const PeerBook& book) {
-        return book.peers.back().peer_pubkey == pubkey_ && book.peers.back().peer_fcm_token == token;
-    };
-    PeerStore store(system_.files, system_.directories);
-    const PeerBook seen = store.loadBook();
-    if (seen.find(pubkey_) == nullptr || hasItLast(seen)) {
-        return;
-    }
-    store.update([&](PeerBook& book) { // as upsert() does, of the record that is there under the lock
-        const PeerRecord* const present = book.find(pubkey_);
-        if (present == nullptr || hasItLast(book)) {
-            return false;
-        }
-        PeerRecord updated = present->withFcmToken(token);
-        std::erase_if(book.peers, [this](const PeerRecord& peer) { return peer.peer_pubkey == pubkey_; });
-        book.peers.push_back(std::move(updated));
-        return true;
-    });
-}
-
-std::optional<std::string> SenderRecord::setHostname(const std::string& name) {
+std::optional<std::string> SenderRecord::nameFor(const std::string& name) const {
     if (!isUsableName(name)) {
         return std::nullopt;
     }
-    std::string given = name;
-    change([this, &name, &given](const PeerBook& book, PeerRecord& record) {
-        given = freeName(book, pubkey_, name);
-        const bool differs = record.peer_hostname != given;
-        record.peer_hostname = given;
-        return differs;
-    });
-    return given;
+    return freeName(PeerStore(system_.files, system_.directories).loadBook(), pubkey_, name);
 }
 
 bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& address) {
     return record.peer_ip != address && mayReplace(record.peer_ip, address);
 }
 
-void SenderRecord::setAddress(const std::string& address) {
-    change([&address](const PeerBook&, PeerRecord& record) {
-        if (!isAddressNew(record, address)) {
-            return false;
-        }
-        record.peer_ip = address;
-        return true;
+bool SenderRecord::apply(const RecordChange& change) {
+    PeerStore store(system_.files, system_.directories);
+    PeerBook seen = store.loadBook();
+    if (!applyTo(seen, change)) {
+        return false;
+    }
+    bool isChanged = false;
+    store.update([&](PeerBook& book) { // the record that is there under the lock
+        isChanged = applyTo(book, change);
+        return isChanged;
     });
+    return isChanged;
+}
+
+/// Returns whether the book has changed.
+bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
+    const auto at = std::ranges::find(book.peers, pubkey_, &PeerRecord::peer_pubkey);
+    if (at == book.peers.end()) {
+        return false;
+    }
+    const PeerRecord before = *at;
+    if (change.address && isAddressNew(*at, *change.address)) {
+        at->peer_ip = *change.address;
+    }
+    if (change.name && isUsableName(*change.name)) {
+        at->peer_hostname = freeName(book, pubkey_, *change.name);
+    }
+    bool isMoved = false;
+    if (change.token && change.token->size() <= maxTokenBytes) {
+        at->peer_fcm_token = *change.token;
+        isMoved = std::next(at) != book.peers.end();
+    }
+    const bool isChanged = isMoved || *at != before;
+    if (isMoved) {
+        std::rotate(at, std::next(at), book.peers.end());
+    }
+    return isChanged;
 }
 
 void SenderRecord::remove() {

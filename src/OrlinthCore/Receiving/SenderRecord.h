@@ -4,11 +4,21 @@
 #include "platform/Crypto.h"
 #include "platform/System.h"
 
-#include <functional>
 #include <optional>
 #include <string>
 
 namespace orlinth {
+
+/// What a phone says of itself. What is absent stays as it is.
+struct RecordChange {
+    std::optional<std::string> token = {};
+    std::optional<std::string> name = {};
+    std::optional<std::string> address = {}; ///< where it has connected from
+
+    /// A later one: its values count.
+    void add(RecordChange later);
+    [[nodiscard]] bool isEmpty() const noexcept { return !token && !name && !address; }
+};
 
 /// What the peer store says of a phone that has proved its key, and the changes that a phone may make there. The file
 /// is read afresh in every call; a change holds its lock from reading to writing. Calls block on the disk.
@@ -26,24 +36,26 @@ public:
     /// The host name; "(unknown peer)" if there is no record or the store cannot be read.
     [[nodiscard]] std::string displayName() const noexcept;
 
-    /// Each changes the record, if there is one and it differs; else nothing is locked or written, and a store that may
-    /// only be read is no failure. @throws PeerStoreError
+    /// Changes the record, if there is one and it differs, in one write; else nothing is locked or written, and a store
+    /// that may only be read is no failure. Returns whether something was written. @throws PeerStoreError
     ///
-    /// The record moves to the end of the store, as with PeerStore::upsert(). Not taken over: a token that is too long.
-    void setFcmToken(const std::string& token);
-    /// The name that the phone calls itself by, or freeName() if another phone has it. Returns what it is called now.
-    /// Not taken over, and nothing returned: a name that is blank, too long or has control characters.
-    [[nodiscard]] std::optional<std::string> setHostname(const std::string& name);
-    /// `address` is where the phone has connected from. Not taken over: loopback in place of something else (a tunnel
-    /// ends there), and anything in place of a host name, which somebody has chosen by hand.
-    void setAddress(const std::string& address);
-    /// Whether setAddress() would change this record.
+    /// With a token the record moves to the end of the store, as with PeerStore::upsert(). A name that another phone has
+    /// becomes freeName(). Not taken over: a token that is too long; a name that nobody could be called by; loopback in
+    /// place of another address (a tunnel ends there), and anything in place of a host name, which somebody has chosen
+    /// by hand.
+    [[nodiscard]] bool apply(const RecordChange& change);
+    /// What apply() would call a phone that calls itself by this name: freeName(); nothing if nobody could be called so.
+    /// @throws PeerStoreError
+    [[nodiscard]] std::optional<std::string> nameFor(const std::string& name) const;
+    /// Whether a name is fit to be one: not blank, not too long, no control characters.
+    [[nodiscard]] static bool isUsableName(const std::string& name);
+    /// Whether apply() would take this address over.
     [[nodiscard]] static bool isAddressNew(const PeerRecord& record, const std::string& address);
+    /// Takes the record out of the store, if it is there. @throws PeerStoreError
     void remove();
 
 private:
-    /// `change` is given the book and a copy of the record in it, and says whether it has changed that.
-    void change(const std::function<bool(const PeerBook&, PeerRecord&)>& change);
+    [[nodiscard]] bool applyTo(PeerBook& book, const RecordChange& change) const;
 
     platform::System& system_;
     std::string pubkey_;

@@ -23,8 +23,12 @@ Task<> exchangeAsInitiator(WireConnection& wire, NoiseHandshake& handshake) {
     co_await send(wire, handshake);
 }
 
-Task<> exchangeAsResponder(WireConnection& wire, NoiseHandshake& handshake, std::size_t limit) {
+Task<> exchangeAsResponder(WireConnection& wire, NoiseHandshake& handshake, std::size_t limit,
+                           std::function<void()> onFirstMessage) {
     co_await receive(wire, handshake, limit);
+    if (onFirstMessage) {
+        onFirstMessage();
+    }
     co_await send(wire, handshake);
     co_await receive(wire, handshake, limit);
 }

@@ -141,14 +141,29 @@ Task<> WireConnection::receiveFrame(FrameBuffer& buffer, std::size_t limit) {
     co_await receiveBody(buffer, length);
 }
 
-/// One read where the buffer is large enough, as it is once a transfer runs; else several, each for at most as much
-/// as has already come, so that a prefix alone takes no memory. The time-out covers the body as a whole.
+/// A frame that needs a grant, into a buffer that has no room for it, begins without: what only its prefix promises
+/// takes nothing from others.
 Task<> WireConnection::receiveBody(FrameBuffer& buffer, std::size_t length) {
-    if (length == 0) {
+    const bool needsGrant = gate != nullptr && length > gate->freeBytes();
+    std::size_t filled = 0;
+    if (needsGrant && buffer.bodyCapacity() < length) {
+        filled = gate->freeBytes();
+        co_await receiveUpTo(buffer, 0, filled);
+    }
+    if (needsGrant) {
+        co_await gate->claim(length);
+    }
+    co_await receiveUpTo(buffer, filled, length);
+}
+
+/// One read where the buffer is large enough, as it is once a transfer runs; else several, each for at most as much
+/// as has already come, so that a prefix alone takes no memory. The time-out covers them as a whole.
+Task<> WireConnection::receiveUpTo(FrameBuffer& buffer, std::size_t filled, std::size_t length) {
+    if (filled == length) {
         co_return;
     }
     const IdleAlarm alarm(*this);
-    for (std::size_t filled = 0; filled < length;) {
+    while (filled < length) {
         const std::size_t committed = std::max({firstStepBytes, 2 * filled, buffer.bodyCapacity()});
         buffer.resizeBody(std::min(length, committed));
         const MutableBytes rest = buffer.body().subspan(filled);

@@ -10,6 +10,16 @@
 
 namespace orlinth {
 
+/// Grants the memory of large frames: back-pressure for those who send many of them at once.
+class FrameGate {
+public:
+    virtual ~FrameGate() = default;
+    /// Frames, and parts of frames, up to so many bytes need no grant.
+    [[nodiscard]] virtual std::size_t freeBytes() const noexcept = 0;
+    /// Waits until a frame of `bytes` may be read to its end. On the stream's executor. @throws Cancelled
+    [[nodiscard]] virtual Task<> claim(std::size_t bytes) = 0;
+};
+
 /// One established stream, carried as whole frames: a 4-byte big-endian length, then so many bytes of body.
 ///
 /// Knows nothing of encryption or message types. Zero-length bodies are legal.
@@ -33,6 +43,9 @@ public:
     /// Seconds that any single read (a prefix, or a body) may take before the connection is cancelled; absent, the
     /// default, means for ever. Read at the start of each read.
     std::optional<double> idleTimeout;
+    /// Asked before a large frame is read; null, the default: every frame is read at once. While it waits, nothing is
+    /// read and no time-out runs. Outlives the reads.
+    FrameGate* gate = nullptr;
 
     /// Sends one frame; returns when the system has taken all bytes, not when the peer has read them.
     /// `data` must stay valid until then.
@@ -72,6 +85,9 @@ public:
     /// with false, it is an orderly end again. Of a connection that is closed: nothing.
     void resetOnClose(bool resets) noexcept;
 
+    /// Whether the peer has ended its side, or the connection is broken or closed; looks without reading.
+    [[nodiscard]] bool hasEnded() const noexcept { return connection_->hasEnded(); }
+
     [[nodiscard]] std::string remoteEndpoint() const { return connection_->remoteEndpoint(); }
 
 private:
@@ -81,6 +97,7 @@ private:
     [[nodiscard]] Task<> sendRaw(ByteView data);
     [[nodiscard]] Task<> receivePrefix(MutableBytes into);
     [[nodiscard]] Task<> receiveBody(FrameBuffer& buffer, std::size_t length);
+    [[nodiscard]] Task<> receiveUpTo(FrameBuffer& buffer, std::size_t filled, std::size_t length);
     [[nodiscard]] Task<> readFully(MutableBytes into, bool beginsFrame = false);
     /// Nothing if the peer has not ended it by then.
     [[nodiscard]] Task<std::optional<Farewell>> farewellWithin(double seconds);

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "OrlinthCore/Receiving/ReceivingLimits.h"
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace orlinth {
+
+/// The memory of large frames on their way in, shared by all phones: limits::frameBytes together, and
+/// limits::frameBytesOfOnePhone each. Who finds no room waits in line and is not read meanwhile; nobody is refused.
+///
+///     frame is announced ── up to freeBytes are read ── claim() ──room, or waiting in line──▶ the rest is read ──
+///     release()
+///
+/// A whole frame is granted or nothing of it, so those who hold room never wait for more. The line goes in order, but
+/// for those who wait only because of what their own phone holds.
+///
+/// Threading: any thread; a share belongs to its connection's executor.
+class FrameRoom {
+public:
+    FrameRoom() = default;
+    FrameRoom(const FrameRoom&) = delete;
+    FrameRoom& operator=(const FrameRoom&) = delete;
+
+    /// What one connection holds; given back with the object.
+    class Share final : public FrameGate {
+    public:
+        /// `phone` is the key, Base64. `room` outlives the share.
+        Share(FrameRoom& room, std::string phone) : room_(room), phone_(std::move(phone)) {}
+        ~Share() override { release(); }
+        Share(const Share&) = delete;
+        Share& operator=(const Share&) = delete;
+
+        [[nodiscard]] std::size_t freeBytes() const noexcept override { return limits::freeFrameBytes; }
+        [[nodiscard]] Task<> claim(std::size_t bytes) override;
+        /// The frame has been used, and its memory may go to others.
+        void release() noexcept;
+        /// From now on its frames are the data of a file that was accepted: several large ones at once are fine.
+        void beginTransfer() noexcept { isInTransfer_ = true; }
+
+    private:
+        FrameRoom& room_;
+        std::string phone_;
+        bool isInTransfer_ = false;
+        std::int64_t held_ = 0;
+        bool isHeldLoosely_ = false; ///< as the one large frame outside a transfer
+    };
+
+    /// For diagnostics and tests.
+    [[nodiscard]] std::int64_t heldBytes() const;
+    [[nodiscard]] std::size_t waiting() const;
+
+private:
+    struct Waiter;
+    class Place;
+    using WaiterRef = std::shared_ptr<Waiter>;
+    struct Phone {
+        std::int64_t held = 0;
+        bool hasLoose = false;
+    };
+
+    void serveLine();
+    [[nodiscard]] bool isHeldUpByItself(const Waiter& waiter);
+    [[nodiscard]] bool isGranted(const Waiter& waiter) const;
+    void leave(const WaiterRef& waiter) noexcept;
+    void giveBackLocked(const std::string& phone, std::int64_t bytes, bool isLoose) noexcept;
+
+    mutable std::mutex lock_; ///< guards what follows
+    std::int64_t held_ = 0;
+    std::map<std::string, Phone> phones_; ///< those that hold something
+    std::list<WaiterRef> line_;
+};
+
+} // namespace orlinth

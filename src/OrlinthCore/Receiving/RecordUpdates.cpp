@@ -1,0 +1,126 @@
+#include "OrlinthCore/Receiving/RecordUpdates.h"
+
+#include "platform/Spawn.h"
+
+#include <asio/post.hpp>
+
+#include <utility>
+#include <vector>
+
+namespace orlinth {
+
+RecordUpdates::RecordUpdates(platform::System& system)
+    : system_(system),
+      queue_(system.network.makeWorkerQueue("orlinth.receiver.records")),
+      alarm_(system.clock.makeTimer(queue_)) {}
+
+bool RecordUpdates::isDue(const Phone& phone) const {
+    return !phone.writtenAt ||
+           system_.clock.now() - *phone.writtenAt >= platform::Clock::Instant(limits::recordSeconds);
+}
+
+void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, OnTrouble onTrouble) {
+    if (change.token && change.token->size() > SenderRecord::maxTokenBytes) {
+        change.token.reset();
+    }
+    if (change.name && !SenderRecord::isUsableName(*change.name)) {
+        change.name.reset();
+    }
+    if (change.isEmpty()) {
+        return; // it must not keep what was said before from being written
+    }
+    const std::string name = phone.base64();
+    std::optional<platform::Clock::Instant> before;
+    {
+        const std::lock_guard guard(lock_);
+        Phone& known = phones_.try_emplace(name, Phone{.key = phone, .waiting = {}, .onTrouble = {}, .writtenAt = {}})
+                           .first->second;
+        known.waiting.add(std::move(change));
+        if (!isDue(known)) {
+            known.onTrouble = std::move(onTrouble);
+            asio::post(queue_, [self = shared_from_this()] { self->setAlarm(); });
+            return;
+        }
+        change = std::exchange(known.waiting, {});
+        before = std::exchange(known.writtenAt, system_.clock.now()); // others wait from now on
+    }
+    const auto wasNotWritten = [&] {
+        const std::lock_guard guard(lock_);
+        if (const auto known = phones_.find(name); known != phones_.end()) {
+            known->second.writtenAt = before;
+        }
+    };
+    try {
+        if (!SenderRecord(system_, phone).apply(change)) {
+            wasNotWritten();
+        }
+    } catch (...) {
+        wasNotWritten();
+        throw;
+    }
+}
+
+void RecordUpdates::forget(const platform::PublicKey& phone) {
+    const std::lock_guard guard(lock_);
+    if (const auto known = phones_.find(phone.base64()); known != phones_.end()) {
+        known->second.waiting = {};
+        known->second.onTrouble = {};
+    }
+}
+
+/// On the queue.
+void RecordUpdates::setAlarm() {
+    if (!std::exchange(isAlarmSet_, true)) {
+        constexpr double lookSeconds = limits::recordSeconds / 10; // nobody waits for it
+        alarm_->arm(lookSeconds, [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) {
+                self->isAlarmSet_ = false;
+                self->writeDue(false);
+            }
+        });
+    }
+}
+
+/// On the queue.
+void RecordUpdates::writeDue(bool all) {
+    std::vector<Phone> due;
+    bool isSomethingLeft = false;
+    {
+        const std::lock_guard guard(lock_);
+        for (auto at = phones_.begin(); at != phones_.end();) {
+            Phone& phone = at->second;
+            const bool isNow = all || isDue(phone);
+            if (isNow && !phone.waiting.isEmpty()) {
+                due.push_back(phone);
+                phone.waiting = {};
+                phone.onTrouble = {};
+                phone.writtenAt = system_.clock.now();
+            }
+            isSomethingLeft = isSomethingLeft || !phone.waiting.isEmpty();
+            at = all || isDue(phone) ? phones_.erase(at) : std::next(at);
+        }
+    }
+    for (const Phone& phone : due) {
+        try {
+            static_cast<void>(SenderRecord(system_, phone.key).apply(phone.waiting));
+        } catch (const PeerStoreError&) {
+            phone.onTrouble(std::current_exception());
+        }
+    }
+    if (isSomethingLeft) {
+        setAlarm();
+    }
+}
+
+Task<> RecordUpdates::writeAll(std::shared_ptr<RecordUpdates> self) {
+    self->alarm_->disarm();
+    self->isAlarmSet_ = false;
+    self->writeDue(true);
+    co_return;
+}
+
+Task<> RecordUpdates::finish() {
+    return platform::runOn(queue_, writeAll(shared_from_this()));
+}
+
+} // namespace orlinth

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "OrlinthCore/Receiving/ReceivingLimits.h"
+#include "OrlinthCore/Receiving/SenderRecord.h"
+
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace orlinth {
+
+/// What phones say of themselves, on its way into the peer store: at once if the phone's record was not written for
+/// limits::recordSeconds, else when that time is over, with everything that was said meanwhile in one write. The latest
+/// value counts, and none is lost: finish() writes what is left.
+///
+/// Threading: any thread; calls block on the disk. `system` outlives it.
+class RecordUpdates : public std::enable_shared_from_this<RecordUpdates> {
+public:
+    /// Told, on any thread, of a write that has failed when nobody waited for it any more.
+    using OnTrouble = std::function<void(std::exception_ptr)>;
+
+    explicit RecordUpdates(platform::System& system);
+    RecordUpdates(const RecordUpdates&) = delete;
+    RecordUpdates& operator=(const RecordUpdates&) = delete;
+
+    /// The phone of this key says so. @throws PeerStoreError if the write is due now, and fails; what was to be written
+    /// is given up then, as it is after a failure that `onTrouble` is told of
+    void say(const platform::PublicKey& phone, RecordChange change, OnTrouble onTrouble);
+    /// What this phone has said and was not written is dropped: its record goes.
+    void forget(const platform::PublicKey& phone);
+    /// Writes everything that is left. Nothing is said meanwhile.
+    [[nodiscard]] Task<> finish();
+
+private:
+    struct Phone {
+        platform::PublicKey key;
+        RecordChange waiting;
+        OnTrouble onTrouble;
+        std::optional<platform::Clock::Instant> writtenAt;
+    };
+
+    [[nodiscard]] bool isDue(const Phone& phone) const;
+    void setAlarm();
+    void writeDue(bool all);
+    [[nodiscard]] static Task<> writeAll(std::shared_ptr<RecordUpdates> self);
+
+    platform::System& system_;
+    const Executor queue_;                   ///< of the writes that come later
+    std::unique_ptr<platform::Timer> alarm_; ///< on the queue
+    bool isAlarmSet_ = false;                ///< the same
+    std::mutex lock_;                        ///< guards what follows
+    std::map<std::string, Phone> phones_;    ///< by their keys, Base64: those with something written or to be written
+};
+
+} // namespace orlinth
