@@ -4,6 +4,11 @@
 #include "orlinth/HumanText.h"
 #include "orlinth/PeerSelection.h"
 #include "orlinth/Terminal.h"
+#include "platform/Cancelled.h"
+
+#include <asio/experimental/as_tuple.hpp>
+#include <asio/this_coro.hpp>
+#include <asio/use_awaitable.hpp>
 
 #include <algorithm>
 #include <array>
@@ -51,53 +56,210 @@ constexpr const char* declineKey = "decline";
 
 } // namespace
 
+/// One offer at its question. An offer that goes without an answer takes the question back, unless a newer one has
+/// come to it.
+class OfferQuestions::Presence {
+public:
+    Presence(OfferQuestions& questions, QuestionRef question, std::uint64_t offer)
+        : questions_(questions), question_(std::move(question)), offer_(offer) {
+        question_->newest = offer_;
+        questions_.giveTime(*question_);
+        questions_.changed_.cancel(); // the offers before are told no
+    }
+    Presence(const Presence&) = delete;
+    Presence& operator=(const Presence&) = delete;
+    ~Presence() {
+        if (question_->newest == offer_ && !question_->answer) {
+            questions_.takeBack(*question_);
+        }
+    }
+
+private:
+    OfferQuestions& questions_;
+    QuestionRef question_;
+    std::uint64_t offer_;
+};
+
+/// While it lives, one offer looks for the answer to the question.
+class OfferQuestions::Attendance {
+public:
+    Attendance(OfferQuestions& questions, QuestionRef question)
+        : questions_(questions), question_(std::move(question)) {
+        question_->isAttended = true;
+    }
+    Attendance(const Attendance&) = delete;
+    Attendance& operator=(const Attendance&) = delete;
+    ~Attendance() {
+        question_->isAttended = false;
+        questions_.changed_.cancel();
+    }
+
+private:
+    OfferQuestions& questions_;
+    QuestionRef question_;
+};
+
+OfferQuestions::OfferQuestions(Host& host)
+    : host_(host), changed_(host.tasks.executor(), asio::steady_timer::time_point::max()) {}
+
 Task<bool> OfferQuestions::wants(Receiver::Offer offer) {
-    const std::string text = phoneForDisplay(host_, offer.from, offer.peerPubkey) + " wants to send " +
-                             forDisplay(offer.name) + " (" + humanSize(offer.size) + "). Take it?";
+    const QuestionRef question = questionFor(offer);
+    if (!question) {
+        co_return false;
+    }
     const std::uint64_t number = ++lastOffer_;
-    std::shared_ptr<Question>& place = open_[text];
-    if (place) {
-        const std::shared_ptr<Question> asked = place;
-        asked->newest = number;
-        giveTime(*asked);
-        co_return co_await waitFor(asked, number);
-    }
-    place = std::make_shared<Question>();
-    const std::shared_ptr<Question> question = place;
-    question->text = text;
-    question->newest = number;
-    std::exception_ptr failure;
-    try {
-        co_await ask(question);
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    open_.erase(text);
-    question->answer = question->answer.value_or(false);
-    if (failure) {
-        std::rethrow_exception(failure);
+    const Presence presence(*this, question, number);
+    while (!question->answer && question->newest == number) {
+        chooseNext();
+        if (current_ == question && !question->isAttended) {
+            co_await attend(question, number);
+        } else {
+            co_await change();
+        }
     }
     co_return question->newest == number && *question->answer;
 }
 
-/// For an offer whose question another one asks.
-Task<bool> OfferQuestions::waitFor(std::shared_ptr<Question> question, std::uint64_t offer) {
-    while (!question->answer && question->newest == offer) {
-        co_await host_.system.clock.sleep(lookSeconds);
+/// The one that is there already, or a new one; null if the phone has too many.
+OfferQuestions::QuestionRef OfferQuestions::questionFor(const Receiver::Offer& offer) {
+    const auto line = waiting_.find(offer.peerPubkey);
+    if (line != waiting_.end()) {
+        for (const QuestionRef& question : line->second) {
+            if (question->name == offer.name && question->size == offer.size) {
+                return question;
+            }
+        }
+        if (line->second.size() > limits::questionsWaiting) {
+            return nullptr;
+        }
+    } else {
+        turns_.push_back(offer.peerPubkey);
     }
-    co_return question->newest == offer && *question->answer;
+    const auto question = std::make_shared<Question>(
+        Question{.phone = offer.peerPubkey,
+                 .name = offer.name,
+                 .size = offer.size,
+                 .text = phoneForDisplay(host_, offer.from, offer.peerPubkey) + " wants to send " +
+                         forDisplay(offer.name) + " (" + humanSize(offer.size) + "). Take it?",
+                 .tag = ++lastTag_});
+    waiting_[offer.peerPubkey].push_back(question);
+    return question;
 }
 
-Task<> OfferQuestions::ask(std::shared_ptr<Question> question) {
-    const platform::AsyncMutex::Guard guard = co_await turn_.lock();
-    giveTime(*question);
+/// The first question of the phone whose turn it is, if none is being asked.
+void OfferQuestions::chooseNext() {
+    if (!current_ && !turns_.empty()) {
+        current_ = waiting_.at(turns_.front()).front();
+        giveTime(*current_);
+        changed_.cancel();
+    }
+}
+
+/// Until there is an answer, or a newer offer has come to the question.
+Task<> OfferQuestions::attend(QuestionRef question, std::uint64_t offer) {
+    const Attendance attendance(*this, question);
+    while (!question->answer && question->newest == offer) {
+        if (question->asked == Asked::notYet && host_.system.clock.now() >= restUntil_) {
+            ask(*question);
+        }
+        if (question->asked != Asked::notYet) {
+            lookForAnswer(*question);
+        }
+        if (!question->answer) {
+            co_await host_.system.clock.sleep(lookSeconds);
+        }
+    }
+}
+
+/// Until something about the questions has changed.
+Task<> OfferQuestions::change() {
+    try {
+        co_await changed_.async_wait(asio::experimental::as_tuple(asio::use_awaitable));
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw platform::Cancelled(); // the task was cancelled before it came here
+        }
+        throw;
+    }
+    const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
+    if (state.cancelled() != asio::cancellation_type::none) {
+        throw platform::Cancelled();
+    }
+}
+
+void OfferQuestions::ask(Question& question) {
+    giveTime(question);
     if (isTerminalOurs()) {
-        co_await askOnTerminal(question);
+        question.asked = Asked::onTerminal;
+        static_cast<void>(tcflush(STDIN_FILENO, TCIFLUSH)); // what was typed before was no answer to this
+        writeToStandardError(question.text + " [y/N] ");
     } else if (host_.system.notifications.isAvailable()) {
-        co_await askOnDesktop(question);
+        question.asked = Asked::onDesktop;
+        platform::Notification notification{.title = "Orlinth",
+                                            .body = question.text,
+                                            .actions = {{acceptKey, "Accept"}, {declineKey, "Decline"}},
+                                            .isUrgent = true,
+                                            .seconds = patience,
+                                            .tag = question.tag};
+        host_.system.notifications.show(std::move(notification), host_.tasks.executor(),
+                                        [pressed = question.pressed](const std::string& key) { *pressed = key; });
     } else {
         tellThatNobodyIsThere();
+        settle(question, false);
     }
+}
+
+void OfferQuestions::lookForAnswer(Question& question) {
+    if (question.asked == Asked::onTerminal) {
+        if (const std::optional<std::string> line = typedLine()) {
+            settle(question, isYes(*line));
+        } else if (!hasTime(question)) {
+            writeToStandardError("\n");
+            host_.output.message("No answer in two minutes; the file was declined.");
+            settle(question, false);
+        }
+    } else if (*question.pressed || !hasTime(question)) {
+        settle(question, *question.pressed == acceptKey);
+    }
+}
+
+void OfferQuestions::settle(Question& question, bool isWanted) {
+    question.answer = isWanted;
+    leaveLine(question);
+}
+
+/// Nobody wants the answer any more.
+void OfferQuestions::takeBack(Question& question) {
+    question.answer = false;
+    if (question.asked == Asked::onTerminal) {
+        writeToStandardError("\n");
+        host_.output.message("The phone is gone; there is nothing to answer any more.");
+    } else if (question.asked == Asked::onDesktop) {
+        host_.system.notifications.withdraw(question.tag);
+    }
+    if (question.asked != Asked::notYet) {
+        restUntil_ = host_.system.clock.now() + platform::Clock::Instant(restSeconds);
+    }
+    leaveLine(question);
+}
+
+void OfferQuestions::leaveLine(const Question& question) {
+    const auto line = waiting_.find(question.phone);
+    std::erase_if(line->second, [&question](const QuestionRef& other) { return other.get() == &question; });
+    const bool isLast = line->second.empty();
+    const bool hadItsTurn = current_.get() == &question;
+    if (isLast || hadItsTurn) {
+        std::erase(turns_, question.phone);
+    }
+    if (isLast) {
+        waiting_.erase(line);
+    } else if (hadItsTurn) {
+        turns_.push_back(question.phone);
+    }
+    if (hadItsTurn) {
+        current_.reset();
+    }
+    changed_.cancel();
 }
 
 void OfferQuestions::giveTime(Question& question) const {
@@ -106,36 +268,6 @@ void OfferQuestions::giveTime(Question& question) const {
 
 bool OfferQuestions::hasTime(const Question& question) const {
     return host_.system.clock.now() < question.end;
-}
-
-Task<> OfferQuestions::askOnTerminal(std::shared_ptr<Question> question) {
-    static_cast<void>(tcflush(STDIN_FILENO, TCIFLUSH)); // what was typed before was no answer to this
-    writeToStandardError(question->text + " [y/N] ");
-    while (hasTime(*question)) {
-        if (const std::optional<std::string> line = typedLine()) {
-            question->answer = isYes(*line);
-            co_return;
-        }
-        co_await host_.system.clock.sleep(lookSeconds);
-    }
-    writeToStandardError("\n");
-    host_.output.message("No answer in two minutes; the file was declined.");
-}
-
-Task<> OfferQuestions::askOnDesktop(std::shared_ptr<Question> question) {
-    platform::Notification notification{.title = "Orlinth",
-                                        .body = question->text,
-                                        .actions = {{acceptKey, "Accept"}, {declineKey, "Decline"}},
-                                        .isUrgent = true,
-                                        .seconds = patience};
-    // shared: the desktop may answer when nobody waits any more
-    const auto answer = std::make_shared<std::optional<std::string>>();
-    host_.system.notifications.show(std::move(notification), host_.tasks.executor(),
-                                    [answer](const std::string& key) { *answer = key; });
-    while (!*answer && hasTime(*question)) {
-        co_await host_.system.clock.sleep(lookSeconds);
-    }
-    question->answer = *answer == acceptKey;
 }
 
 void OfferQuestions::tellThatNobodyIsThere() {

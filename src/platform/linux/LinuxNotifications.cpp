@@ -143,6 +143,13 @@ public:
         wake();
     }
 
+    /// Any thread.
+    void withdraw(std::uint64_t tag) {
+        const std::lock_guard guard(lock_);
+        withdrawn_.push_back(tag);
+        wake();
+    }
+
 private:
     /// A notification from show() to its answer.
     struct Waiting {
@@ -154,6 +161,7 @@ private:
         std::string daemon = {}; ///< the unique name of the connection that shows it
         std::optional<SteadyClock::time_point> end = {};
         bool hasMarkup = false;
+        bool isWithdrawn = false;
         sd_bus_slot* call = nullptr; ///< of the call under way; released with the notification
     };
     using Place = std::list<Waiting>::iterator;
@@ -194,6 +202,7 @@ private:
     /// False when the thread shall end.
     bool takeWork() {
         std::deque<Waiting> fresh;
+        std::vector<std::uint64_t> withdrawn;
         bool isProbeWanted = false;
         {
             const std::lock_guard guard(lock_);
@@ -201,6 +210,7 @@ private:
                 return false;
             }
             fresh.swap(incoming_);
+            withdrawn.swap(withdrawn_);
             isProbeWanted = probesWanted_ > probesStarted_;
             probesStarted_ = probesWanted_;
         }
@@ -209,6 +219,9 @@ private:
         }
         for (Waiting& waiting : fresh) {
             begin(std::move(waiting));
+        }
+        for (const std::uint64_t tag : withdrawn) {
+            closeTagged(tag);
         }
         return true;
     }
@@ -439,7 +452,22 @@ private:
             waiting.end =
                 SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(shownFor) + closingGrace;
         }
+        if (waiting.isWithdrawn) {
+            waiting.end = SteadyClock::now();
+        }
         return 0;
+    }
+
+    /// Those that nobody wants an answer to any more. One that is just being shown is closed once it has a number.
+    void closeTagged(std::uint64_t tag) {
+        for (Waiting& waiting : waiting_) {
+            if (tag != 0 && waiting.notification.tag == tag) {
+                waiting.isWithdrawn = true;
+                if (waiting.id != 0) {
+                    waiting.end = SteadyClock::now();
+                }
+            }
+        }
     }
 
     /// Those that should be gone by now, of daemons that keep them or do not tell.
@@ -503,9 +531,10 @@ private:
     const Environment environment_;
     const int wakeUp_;
 
-    std::mutex lock_; ///< guards the next seven
+    std::mutex lock_; ///< guards the next eight
     std::condition_variable changed_;
     std::deque<Waiting> incoming_;
+    std::vector<std::uint64_t> withdrawn_;
     bool isStopping_ = false;
     std::uint64_t probesWanted_ = 0;
     std::uint64_t probesDone_ = 0;
@@ -532,6 +561,10 @@ bool LinuxNotifications::isAvailable() {
 void LinuxNotifications::show(Notification notification, Executor executor,
                               std::function<void(const std::string&)> onAnswer) {
     worker_->show(std::move(notification), std::move(executor), std::move(onAnswer));
+}
+
+void LinuxNotifications::withdraw(std::uint64_t tag) {
+    worker_->withdraw(tag);
 }
 
 } // namespace orlinth::platform

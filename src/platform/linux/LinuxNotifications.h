@@ -30,6 +30,7 @@ public:
 
     [[nodiscard]] bool isAvailable() override;
     void show(Notification notification, Executor executor, std::function<void(const std::string&)> onAnswer) override;
+    void withdraw(std::uint64_t tag) override;
 
 private:
     class Worker;

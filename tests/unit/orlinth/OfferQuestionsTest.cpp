@@ -3,6 +3,7 @@
 #include "fakes/Event.h"
 #include "fakes/World.h"
 
+#include <asio/cancellation_signal.hpp>
 #include <gtest/gtest.h>
 
 namespace orlinth::host {
@@ -12,7 +13,37 @@ namespace {
 class OfferQuestionsTest : public testing::Test {
 protected:
     [[nodiscard]] Task<> ask(std::string name, std::optional<bool>& answer) {
-        answer = co_await questions_.wants({.name = name, .size = 1000, .from = "Pixel-8"});
+        return askFor("phone", std::move(name), answer);
+    }
+    [[nodiscard]] Task<> askFor(std::string phone, std::string name, std::optional<bool>& answer) {
+        answer = co_await questions_.wants({.name = name, .size = 1000, .from = "Pixel-8", .peerPubkey = phone});
+    }
+    /// An offer whose phone can hang up.
+    struct Offer {
+        asio::cancellation_signal hangUp;
+        std::optional<bool> answer;
+        bool isGone = false;
+    };
+    std::unique_ptr<Offer> offer(const char* phone, const char* name) {
+        auto made = std::make_unique<Offer>();
+        platform::spawn(world_.context.get_executor(), askFor(phone, name, made->answer), made->hangUp.slot(),
+                        [offer = made.get()](const std::exception_ptr& error) { offer->isGone = error != nullptr; });
+        settle();
+        return made;
+    }
+    void hangUp(Offer& offer) {
+        offer.hangUp.emit(asio::cancellation_type::terminal);
+        settle();
+    }
+    void pass(double seconds) { fakes::runVirtual(world_.context, world_.clock, world_.clock.sleep(seconds)); }
+    [[nodiscard]] std::vector<std::string> filesAsked() {
+        std::vector<std::string> names;
+        for (const auto& one : shown()) {
+            const std::string& body = one.notification.body;
+            const std::size_t begin = body.find("send ") + 5;
+            names.push_back(body.substr(begin, body.find(" (") - begin));
+        }
+        return names;
     }
     [[nodiscard]] Task<> askOf(std::string key) {
         first_ = co_await questions_.wants({.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerPubkey = key});
@@ -154,6 +185,88 @@ TEST_F(OfferQuestionsTest, GivesTheOfferThatCameAgainItsOwnTwoMinutes) {
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_EQ(false, second_);
     EXPECT_NEAR(220, world_.clock.elapsed(), 0.5);
+}
+
+TEST_F(OfferQuestionsTest, TakesAQuestionBackWhosePhoneHangsUp) {
+    const auto gone = offer("phone", "a.txt");
+    ASSERT_EQ(1U, shown().size());
+    hangUp(*gone);
+    EXPECT_TRUE(gone->isGone);
+    EXPECT_EQ((std::vector{shown()[0].notification.tag}), world_.notifications.withdrawn);
+    const auto next = offer("phone", "b.txt");
+    EXPECT_EQ(1U, shown().size()) << "an answer to the first one may be on its way";
+    pass(OfferQuestions::restSeconds + 0.2);
+    ASSERT_EQ(2U, shown().size());
+    world_.notifications.answer(0, "accept"); // late
+    pass(0.2);
+    EXPECT_FALSE(next->answer);
+    world_.notifications.answer(1, "accept");
+    pass(0.2);
+    EXPECT_EQ(true, next->answer);
+}
+
+TEST_F(OfferQuestionsTest, ForgetsAWaitingQuestionWhosePhoneHangsUp) {
+    const auto first = offer("phone", "a.txt");
+    const auto gone = offer("phone", "b.txt");
+    const auto last = offer("other", "c.txt");
+    hangUp(*gone);
+    world_.notifications.answer(0, "decline");
+    pass(0.2);
+    EXPECT_EQ((std::vector<std::string>{"a.txt", "c.txt"}), filesAsked());
+    EXPECT_TRUE(world_.notifications.withdrawn.empty());
+    world_.notifications.answer(1, "accept");
+    pass(0.2);
+    EXPECT_EQ(false, first->answer);
+    EXPECT_EQ(true, last->answer);
+}
+
+TEST_F(OfferQuestionsTest, KeepsAQuestionThatANewerOfferHasComeTo) {
+    const auto first = offer("phone", "a.txt");
+    const auto second = offer("phone", "a.txt");
+    pass(0.2);
+    EXPECT_EQ(false, first->answer);
+    const auto third = offer("phone", "a.txt");
+    hangUp(*second); // its connection was dead
+    EXPECT_EQ(1U, shown().size());
+    EXPECT_TRUE(world_.notifications.withdrawn.empty());
+    world_.notifications.answer(0, "accept");
+    pass(0.2);
+    EXPECT_EQ(true, third->answer);
+}
+
+TEST_F(OfferQuestionsTest, TwoPhonesOfOneNameNeverShareAQuestion) {
+    const auto one = offer("phone", "a.txt");
+    const auto other = offer("impostor", "a.txt");
+    world_.notifications.answer(0, "accept");
+    pass(0.2);
+    EXPECT_EQ(true, one->answer);
+    EXPECT_FALSE(other->answer);
+    ASSERT_EQ(2U, shown().size());
+    world_.notifications.answer(1, "decline");
+    pass(0.2);
+    EXPECT_EQ(false, other->answer);
+}
+
+TEST_F(OfferQuestionsTest, APhoneHasOneQuestionOpenAndThreeWaiting) {
+    std::vector<std::unique_ptr<Offer>> offers;
+    for (const char* name : {"a.txt", "b.txt", "c.txt", "d.txt", "e.txt", "f.txt"}) {
+        offers.push_back(offer("phone", name));
+    }
+    EXPECT_FALSE(offers[3]->answer);
+    EXPECT_EQ(false, offers[4]->answer);
+    EXPECT_EQ(false, offers[5]->answer);
+    const auto again = offer("phone", "d.txt"); // is no further question
+    EXPECT_FALSE(again->answer);
+    const auto other = offer("other", "x.txt");
+    EXPECT_FALSE(other->answer);
+    for (std::size_t i = 0; i < 5; ++i) {
+        ASSERT_EQ(i + 1, shown().size());
+        world_.notifications.answer(i, "accept");
+        pass(0.2);
+    }
+    EXPECT_EQ((std::vector<std::string>{"a.txt", "x.txt", "b.txt", "c.txt", "d.txt"}), filesAsked())
+        << "the phones take turns";
+    EXPECT_TRUE(*again->answer && *other->answer && *offers[2]->answer);
 }
 
 TEST_F(OfferQuestionsTest, DeclinesAtOnceWhereThereIsNobodyToAsk) {
