@@ -6,11 +6,11 @@
 
 namespace orlinth::host {
 
-/// Small jobs that may block, done one after the other on a worker thread, while the one who gives them goes on.
+/// Small jobs that may block, done one after the other on a thread of their own, while the one who gives them goes on.
 class Chores {
 public:
     /// `label` names the queue for diagnostics.
-    Chores(platform::Network& network, const char* label) : queue_(network.makeWorkerQueue(label)) {}
+    Chores(platform::Network& network, const char* label) : queue_(network.makeThreadQueue(label)) {}
 
     /// Any thread. `chore` must not throw.
     void add(std::function<void()> chore);

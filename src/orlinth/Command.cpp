@@ -85,6 +85,13 @@ CLI::Option* Command::addText(const char* flag, std::string& text, const char* t
     return parser_->add_option(flag, text, what)->type_name(typeName)->check(notEmpty())->take_last();
 }
 
+void Command::addListenPublic(bool& listensPublicly) {
+    parser_->add_flag(
+        "--listen-public", listensPublicly,
+        "Also take connections from the internet. By default only those from this computer's own networks "
+        "and from private addresses are taken.");
+}
+
 CLI::Option* Command::addPort(const char* flag, std::uint16_t& port, std::uint16_t lowest, const char* what) {
     return parser_->add_option(flag, port, what)->type_name("PORT")->check(portFrom(lowest))->take_last();
 }

@@ -39,6 +39,8 @@ protected:
     CLI::Option* addText(const char* flag, std::string& text, const char* typeName, const char* what);
     /// `--to`, as often as wanted: selectors of phones. Not in the settings: whom something goes to is said each time.
     void addPhones(std::vector<std::string>& selectors);
+    /// `--listen-public`.
+    void addListenPublic(bool& listensPublicly);
     /// A TCP port, from `lowest` to 65535.
     CLI::Option* addPort(const char* flag, std::uint16_t& port, std::uint16_t lowest, const char* what);
 

@@ -8,6 +8,7 @@
 #include "orlinth/Command.h"
 #include "orlinth/Confirmation.h"
 #include "orlinth/Hints.h"
+#include "orlinth/NearbyListener.h"
 #include "orlinth/PairingDoor.h"
 #include "orlinth/PairingRecord.h"
 #include "orlinth/PortTrouble.h"
@@ -127,6 +128,7 @@ public:
                 [](const std::string& file) { return std::string(file == "-" ? "a picture needs a file name" : ""); });
         parser().add_flag("--no-advertise", quietly_,
                           "Do not announce the pairing on the network; the phone must then scan the code.");
+        addListenPublic(listensPublicly_);
         parser().add_flag("--yes", yes_, "Do not ask whether the phone shows the same confirmation code.");
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No countdown and no messages but failures.");
@@ -175,7 +177,9 @@ private:
         const SecretBytes secret = payload.secret();
         std::optional<PairingDoor> door;
         if (borrowed) {
-            port = door.emplace(host, borrowed->takeListener(), secret).listener();
+            port = door.emplace(host, guarded(host, borrowed->takeListener()), secret).listener();
+        } else {
+            port = guarded(host, std::move(port));
         }
         PairListener listener(host.system, secret, number, duration(), std::move(port));
         PairAdvertiser advertiser(host.system, payload, code, host.tasks.executor());
@@ -295,6 +299,11 @@ private:
         return host.tasks.run(BorrowedPort::borrow(host, isChosen ? std::optional(port_) : std::nullopt));
     }
 
+    [[nodiscard]] std::unique_ptr<platform::Listener> guarded(Host& host,
+                                                              std::unique_ptr<platform::Listener> port) const {
+        return listensPublicly_ ? std::move(port) : nearbyOnly(host, std::move(port));
+    }
+
     /// Before the code is shown, so that it names a port that is really ours. One that a service manager keeps open for
     /// a service that has not been needed yet is borrowed: then this returns null.
     std::unique_ptr<platform::Listener> openPort(Host& host, std::optional<BorrowedPort>& borrowed) const {
@@ -355,6 +364,7 @@ private:
     std::string interface_;
     std::string picture_;
     bool quietly_ = false;
+    bool listensPublicly_ = false;
     bool yes_ = false;
 };
 

@@ -5,6 +5,7 @@
 #include "orlinth/HandshakeLimit.h"
 #include "orlinth/Hints.h"
 #include "orlinth/HumanText.h"
+#include "orlinth/NearbyListener.h"
 #include "orlinth/PeerSelection.h"
 #include "orlinth/PortTrouble.h"
 #include "orlinth/ReceivedFields.h"
@@ -80,6 +81,7 @@ public:
             ->required();
         addPort("--port", port_, 0, "The TCP port to listen on, 0 to 65535; 0: any free one.")->required();
         addText("--dir", directory_, "DIR", "Where the file goes. Default: the user's downloads folder.");
+        addListenPublic(listensPublicly_);
         addSeconds("--timeout", timeout_, "How long to wait for a connection; 0: for ever.");
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No progress bar and no messages but failures.");
@@ -126,12 +128,16 @@ private:
             throw portTrouble(host, port_, error.code(),
                               ReceiveError::listenerStartFailed(describe(error)).description());
         }
+        if (!listensPublicly_) {
+            request.listener = nearbyOnly(host, std::move(request.listener));
+        }
         return request;
     }
 
     std::string selector_;
     std::uint16_t port_ = 0;
     std::string directory_;
+    bool listensPublicly_ = false;
     double timeout_ = 0;
 };
 

@@ -5,6 +5,7 @@
 #include "orlinth/Hints.h"
 #include "orlinth/HumanText.h"
 #include "orlinth/KnownKeys.h"
+#include "orlinth/NearbyListener.h"
 #include "orlinth/OfferQuestions.h"
 #include "orlinth/OutboxSender.h"
 #include "orlinth/PartialsReminder.h"
@@ -13,9 +14,11 @@
 #include "orlinth/ServeReporter.h"
 #include "orlinth/ServiceControl.h"
 #include "orlinth/SizeText.h"
+#include "platform/ProcessMemory.h"
 #include "platform/ServiceManager.h"
 #include "platform/SystemError.h"
 
+#include <asio/post.hpp>
 #include <asio/this_coro.hpp>
 
 #include <algorithm>
@@ -144,6 +147,15 @@ public:
               "serve", "Receive from every paired phone, and send what was shared, until it is ended.")) {
         portOption_ = addPort("--port", port_, 0, "The TCP port to listen on, 0 to 65535; 0: any free one.")
                           ->capture_default_str();
+        parser()
+            .add_option(
+                "--listen", places_,
+                "Where to listen: an address of this computer, or the name of a network interface. May be given "
+                "several times. Default: everywhere.")
+            ->type_name("ADDRESS|INTERFACE")
+            ->allow_extra_args(false)
+            ->check(notEmpty());
+        addListenPublic(listensPublicly_);
         addText("--dir", directory_, "DIR", "Where the files go. Default: the user's downloads folder.");
         parser()
             .add_option("--accept", accept_,
@@ -165,6 +177,7 @@ public:
         std::signal(SIGHUP, SIG_IGN); // the terminal that it was started in may go
         host.output.doWithoutReader();
         raiseDescriptorLimit();
+        platform::returnFreedMemory();
         host.tasks.treatSignalsAsUsualEnd(graceAfterSignal);
         const platform::Path folder = downloadsFolder(host, directory_);
         const platform::PrivateKey ownKey = host.staticKey();
@@ -209,7 +222,15 @@ private:
         });
         ServiceControl control(host, receiver);
         control.onRequest = [&outbox](Json request) { return outbox.answer(std::move(request)); };
-        receiver.listener = openPort(host, port);
+        control.openLoan = [this, &host](platform::ListenOptions options, Executor executor) {
+            // one socket is lent: that of the first place
+            options.places.assign(places_.begin(), places_.begin() + (places_.empty() ? 0 : 1));
+            return host.system.network.listen(options, std::move(executor));
+        };
+        receiver.openListener = [this, &host, &reporter](platform::ListenOptions options, Executor executor) {
+            return listen(host, reporter, std::move(options), std::move(executor));
+        };
+        receiver.listener = openPort(host, reporter, port);
         keys.refresh();
         reporter.tellHowMany(keys.pairedCount());
         static_cast<void>(host.tasks.run(serveAll({.receiver = receiver,
@@ -229,6 +250,9 @@ private:
                 host.output.message("the service manager has opened port " + std::to_string(*port) +
                                     "; --port is not used");
             }
+            if (port && !places_.empty()) {
+                host.output.message("the service manager has opened the port; --listen is not used");
+            }
             return port;
         } catch (const platform::SystemError& error) {
             throw HostError("cannot use what the service manager has opened: " + error.description(),
@@ -237,17 +261,40 @@ private:
     }
 
     /// Not left to the receiver: to the core zero is no port at all, and the system's reason is known here.
-    [[nodiscard]] static std::unique_ptr<platform::Listener> openPort(Host& host, std::uint16_t port) {
+    [[nodiscard]] std::unique_ptr<platform::Listener> openPort(Host& host, ServeReporter& reporter,
+                                                               std::uint16_t port) const {
         try {
-            return host.system.network.listen({.port = port, .keepAlive = Receiver::keepAlive}, host.tasks.executor());
+            return listen(host, reporter, {.port = port, .keepAlive = Receiver::keepAlive}, host.tasks.executor());
         } catch (const platform::SystemError& error) {
-            throw portTrouble(host, port, error.code(),
-                              Receiver::Error::listenerStartFailed(describe(error)).description());
+            const std::string text = Receiver::Error::listenerStartFailed(describe(error)).description();
+            const bool isNoPlace =
+                error.code() == std::errc::no_such_device || error.code() == std::errc::address_not_available;
+            if (!places_.empty() && isNoPlace) {
+                throw HostError(text, "`--listen` takes addresses and interfaces of this computer; `ip address` shows "
+                                      "them.");
+            }
+            throw portTrouble(host, port, error.code(), text);
         }
+    }
+
+    /// The port, for those who may connect to it.
+    [[nodiscard]] std::unique_ptr<platform::Listener> listen(Host& host, ServeReporter& reporter,
+                                                             platform::ListenOptions options, Executor executor) const {
+        options.places = places_;
+        std::unique_ptr<platform::Listener> listener = host.system.network.listen(options, std::move(executor));
+        if (listensPublicly_) {
+            return listener;
+        }
+        auto tell = [&reporter, main = host.tasks.executor()](const std::string& endpoint) {
+            asio::post(main, [&reporter, endpoint] { reporter.tellFarAway(endpoint); });
+        };
+        return std::make_unique<NearbyListener>(std::move(listener), host.system.interfaces, std::move(tell));
     }
 
     std::uint16_t port_ = defaultPort;
     CLI::Option* portOption_ = nullptr; ///< the parser's
+    std::vector<std::string> places_;
+    bool listensPublicly_ = false;
     std::string directory_;
     std::string keepFree_;
     std::string maxFile_;

@@ -1,6 +1,5 @@
 #include "orlinth/ServeReporter.h"
 
-#include "OrlinthCore/Receiving/PasteboardWriter.h"
 #include "base/Text.h"
 #include "orlinth/DesktopOpener.h"
 #include "orlinth/Hints.h"
@@ -13,6 +12,7 @@
 
 #include <asio/post.hpp>
 
+#include <cstdlib>
 #include <unistd.h>
 #include <utility>
 
@@ -84,19 +84,24 @@ bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<
 ServeReporter::ServeReporter(Host& host, bool writesClipboard)
     : host_(host),
       writesClipboard_(writesClipboard),
-      clipboardChores_(host.system.network, "orlinth.serve.clipboard"),
+      clipboard_(host),
       sharing_(host.system.network, "orlinth.serve.sharing"),
-      clipboardLog_(host),
+      textBurstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       burstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       opening_(std::make_shared<Opening>(
           Opening{.chores = Chores(host.system.network, "orlinth.serve.opening"), .log = host.system.log})),
-      strangers_(host.system.clock, host.tasks.executor(),
+      strangers_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
                  [&output = host.output](std::int64_t untold) {
                      output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");
                  }),
-      removed_(host.system.clock, host.tasks.executor(), [&output = host.output](std::int64_t untold) {
-          output.result("told phones that were removed here so " + std::to_string(untold) + " more times");
-      }) {}
+      farAway_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
+               [&output = host.output](std::int64_t untold) {
+                   output.failure(std::to_string(untold) + " more connections came from outside your networks");
+               }),
+      removed_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
+               [&output = host.output](std::int64_t untold) {
+                   output.result("told phones that were removed here so " + std::to_string(untold) + " more times");
+               }) {}
 
 Receiver::Callbacks ServeReporter::callbacks() {
     return {.onListening =
@@ -119,9 +124,14 @@ void ServeReporter::tellHowMany(std::size_t pairedPhones) {
 
 Task<> ServeReporter::finish() {
     strangers_.finish();
+    farAway_.finish();
     removed_.finish();
+    for (auto& [key, phone] : phones_) {
+        phone.limit.finish();
+    }
     burstTimer_->disarm();
-    co_await clipboardChores_.finish();
+    textBurstTimer_->disarm();
+    co_await clipboard_.finish();
     co_await opening_->chores.finish();
     co_await sharing_.finish();
 }
@@ -143,29 +153,15 @@ void ServeReporter::tellClipboard(const Receiver::Clipboard& clipboard) {
     // A line may end up in a log, where a text, which may be a password, has no business.
     const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
                              phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey);
-    if (!writesClipboard_ && isTerminal(STDOUT_FILENO)) {
-        host_.output.page(line + ": " + madeVisible(clipboard.text));
-    } else {
-        host_.output.result(line);
+    if (admitsLine(clipboard.peerPubkey, clipboard.from)) {
+        if (!writesClipboard_ && isTerminal(STDOUT_FILENO)) {
+            host_.output.page(line + ": " + madeVisible(clipboard.text));
+        } else {
+            host_.output.result(line);
+        }
     }
     if (writesClipboard_) {
-        platform::System system = host_.system;
-        platform::System desktop{.network = system.network,
-                                 .clock = system.clock,
-                                 .files = system.files,
-                                 .mimeTypes = system.mimeTypes,
-                                 .log = clipboardLog_,
-                                 .https = system.https,
-                                 .clipboard = system.clipboard,
-                                 .interfaces = system.interfaces,
-                                 .services = system.services,
-                                 .local = system.local,
-                                 .notifications = system.notifications,
-                                 .signals = system.signals,
-                                 .folders = system.folders,
-                                 .directories = system.directories,
-                                 .mainQueue = clipboardChores_.queue()}; // the clipboard's programs may take seconds
-        PasteboardWriter::write(desktop, clipboard.text);
+        clipboard_.write(clipboard.text);
     }
     notifyOfClipboard(clipboard);
 }
@@ -173,10 +169,17 @@ void ServeReporter::tellClipboard(const Receiver::Clipboard& clipboard) {
 void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
     Output& output = host_.output;
     if (const auto* name = std::get_if<Receiver::SetName>(&outcome)) {
-        tellName(output, "set_name", *name);
+        if (admitsLine(name->peerPubkey, name->from)) {
+            tellName(output, "set_name", *name);
+        }
     } else if (const auto* update = std::get_if<Receiver::NameUpdate>(&outcome)) {
-        tellName(output, "name_update", *update);
+        if (admitsLine(update->peerPubkey, update->from)) {
+            tellName(output, "name_update", *update);
+        }
     } else if (const auto* unpair = std::get_if<Receiver::Unpair>(&outcome)) {
+        if (!admitsLine(unpair->peerPubkey, unpair->from)) {
+            return;
+        }
         output.event("unpair", {{"from", unpair->from}, {"peer_pubkey", unpair->peerPubkey}});
         output.result(forDisplay(unpair->from) +
                       (unpair->isForgotten ? " has removed this computer, and is forgotten here"
@@ -191,6 +194,9 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
         output.result("told a phone that was removed here so, key " + shortKey(replied->peerPubkey) + ", at " +
                       replied->remoteEndpoint);
     } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
+        if (!admitsLine(declined->peerPubkey, declined->from)) {
+            return;
+        }
         Json fields = {{"from", declined->from}, {"name", declined->name}};
         if (declined->refusal) {
             fields["reason"] = wordFor(declined->refusal->reason);
@@ -206,7 +212,8 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
 }
 
 void ServeReporter::tellFailure(const Receiver::Failure& failure) {
-    if (failure.from.empty() && !strangers_.admits()) {
+    const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerPubkey, failure.from);
+    if (!isTold) {
         return;
     }
     Json context{{"remote_endpoint", failure.remoteEndpoint}};
@@ -214,6 +221,27 @@ void ServeReporter::tellFailure(const Receiver::Failure& failure) {
         context["from"] = failure.from;
     }
     host_.output.failure(describe(failure.error), hintForConnection(host_, failure), std::move(context));
+}
+
+void ServeReporter::tellFarAway(const std::string& remoteEndpoint) {
+    if (farAway_.admits()) {
+        host_.output.failure("closed a connection from outside your networks",
+                             "`--listen-public` lets such connections in.", {{"remote_endpoint", remoteEndpoint}});
+    }
+}
+
+bool ServeReporter::admitsLine(const std::string& peerPubkey, const std::string& name) {
+    auto known = phones_.find(peerPubkey);
+    if (known == phones_.end()) {
+        const auto tellMore = [this, peerPubkey](std::int64_t untold) {
+            host_.output.message(madeVisible(phones_.at(peerPubkey).name) + ": " + std::to_string(untold) +
+                                 (untold == 1 ? " more line was" : " more lines were") + " left out");
+        };
+        LineLimit limit(host_.system.clock, host_.tasks.executor(), limits::linesOfOnePhone, tellMore);
+        known = phones_.emplace(peerPubkey, PhoneLines{.name = {}, .limit = std::move(limit)}).first;
+    }
+    known->second.name = name;
+    return known->second.limit.admits();
 }
 
 void ServeReporter::notifyOfFile(const Receiver::File& file) {
@@ -258,12 +286,31 @@ void ServeReporter::showFile(platform::Notification notification, const platform
 }
 
 void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
+    if (isTextBurst_) {
+        ++moreTexts_;
+        return;
+    }
     const std::string where = writesClipboard_ ? ", on the clipboard" : "";
     host_.system.notifications.show(
         {.title = "Text from " + phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey),
          .body = sizeOfText(clipboard.text) + where,
          .actions = {}},
         host_.tasks.executor(), {});
+    isTextBurst_ = true;
+    textBurstTimer_->arm(burstSeconds, [this] { tellMoreTexts(); });
+}
+
+void ServeReporter::tellMoreTexts() {
+    isTextBurst_ = moreTexts_ > 0;
+    if (!isTextBurst_) {
+        return;
+    }
+    const std::string more = std::to_string(moreTexts_) + (moreTexts_ == 1 ? " more text" : " more texts");
+    host_.system.notifications.show(
+        {.title = "Texts from your phones", .body = more + (writesClipboard_ ? ", the last one on the clipboard" : "")},
+        host_.tasks.executor(), {});
+    moreTexts_ = 0;
+    textBurstTimer_->arm(burstSeconds, [this] { tellMoreTexts(); });
 }
 
 void ServeReporter::sharePeers() {
@@ -279,17 +326,6 @@ void ServeReporter::sharePeers() {
             sharedPeers_ = now;
         }
     });
-}
-
-void ServeReporter::ClipboardLog::write(platform::LogLevel level, std::string_view subsystem, std::string_view category,
-                                        std::string_view message) noexcept {
-    host_.system.log.write(level, subsystem, category, message);
-    try {
-        asio::post(host_.tasks.executor(),
-                   [&output = host_.output, text = std::string(message)] { output.message(text); });
-    } catch (...) {
-        // Only memory can run out here, and the log has it.
-    }
 }
 
 } // namespace orlinth::host

@@ -2,12 +2,14 @@
 
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "orlinth/Chores.h"
+#include "orlinth/ClipboardWriter.h"
 #include "orlinth/Host.h"
-#include "orlinth/StrangerLimit.h"
-#include "platform/Log.h"
+#include "orlinth/LineLimit.h"
 
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace orlinth::host {
 
@@ -27,23 +29,14 @@ public:
     [[nodiscard]] Receiver::Callbacks callbacks();
     /// Tells of phones that are known, at the start.
     void tellHowMany(std::size_t pairedPhones);
+    /// Tells of somebody who was turned away because of where it comes from.
+    void tellFarAway(const std::string& remoteEndpoint);
     /// Brings the share sheet's list in step, if the peer store has changed since that was last done.
     void sharePeers();
     /// Waits for what is still to be done on other threads. The last call.
     [[nodiscard]] Task<> finish();
 
 private:
-    /// The log of those who write the clipboard; its errors are told as messages too.
-    class ClipboardLog final : public platform::Log {
-    public:
-        explicit ClipboardLog(Host& host) : host_(host) {}
-        void write(platform::LogLevel level, std::string_view subsystem, std::string_view category,
-                   std::string_view message) noexcept override;
-
-    private:
-        Host& host_;
-    };
-
     /// What a button of a notification needs, as long as the service is there to be asked.
     struct Opening {
         Chores chores;
@@ -58,19 +51,33 @@ private:
     void notifyOfFile(const Receiver::File& file);
     void tellMoreFiles();
     void showFile(platform::Notification notification, const platform::Path& path);
+    /// Likewise.
     void notifyOfClipboard(const Receiver::Clipboard& clipboard);
+    void tellMoreTexts();
+    /// Whether one more line about this phone is to be written.
+    [[nodiscard]] bool admitsLine(const std::string& peerPubkey, const std::string& name);
+
     Host& host_;
     bool writesClipboard_;
-    Chores clipboardChores_;
+    ClipboardWriter clipboard_;
     Chores sharing_;
-    ClipboardLog clipboardLog_;
+    std::unique_ptr<platform::Timer> textBurstTimer_;
+    bool isTextBurst_ = false; ///< a text was told of less than `burstSeconds` ago
+    std::int64_t moreTexts_ = 0;
     std::unique_ptr<platform::Timer> burstTimer_;
     bool isBurst_ = false; ///< a file was told of less than `burstSeconds` ago
     std::int64_t moreFiles_ = 0;
     platform::Path lastFile_;
     std::shared_ptr<Opening> opening_;
-    StrangerLimit strangers_;
-    StrangerLimit removed_;
+    LineLimit strangers_;
+    LineLimit farAway_;
+    LineLimit removed_;
+    /// What one phone may have said about it.
+    struct PhoneLines {
+        std::string name; ///< the last one
+        LineLimit limit;
+    };
+    std::map<std::string, PhoneLines> phones_;        ///< by key
     std::optional<platform::FileStatus> sharedPeers_; ///< the peer store's file then; on the queue of `sharing_`
 };
 

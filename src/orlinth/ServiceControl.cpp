@@ -261,8 +261,9 @@ Task<> ServiceControl::lend(platform::Stream& stream) {
 
 Task<> ServiceControl::handOver(platform::Stream& stream) {
     const Executor executor = co_await asio::this_coro::executor;
+    const platform::ListenOptions options{.port = port_, .keepAlive = std::nullopt};
     const std::unique_ptr<platform::Listener> port =
-        host_.system.network.listen({.port = port_, .keepAlive = std::nullopt}, executor);
+        openLoan ? openLoan(options, executor) : host_.system.network.listen(options, executor);
     co_await sendLine(stream, host_.system.clock, Json{{portKey, port_}});
     co_await host_.system.local.sendPort(stream, *port);
 }

@@ -38,6 +38,10 @@ public:
     /// throws is told to the one who asks. Set before start().
     std::function<Task<Json>(Json request)> onRequest;
 
+    /// Opens the port that is lent, as one socket; absent: everywhere. Set before start(). May throw SystemError.
+    std::function<std::unique_ptr<platform::Listener>(const platform::ListenOptions& options, Executor executor)>
+        openLoan;
+
     /// Answers requests from now on. Once, when the receiver listens on this port. A service whose socket cannot be
     /// opened does its work without, which is told as a message.
     void start(std::uint16_t port);

@@ -15,7 +15,7 @@ void tellServiceStopping() noexcept;
 
 /// How often the manager wants to hear that the service is alive, in seconds; nothing if it does not.
 [[nodiscard]] std::optional<double> serviceWatchdogSeconds() noexcept;
-/// The service is alive: to be said more often than that.
+/// The service is alive: to be said more often than that. Any thread.
 void tellServiceAlive() noexcept;
 
 } // namespace orlinth::platform

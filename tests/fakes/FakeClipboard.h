@@ -17,6 +17,7 @@ public:
     std::set<std::string> unreadable;      ///< types that are offered, but cannot be read
     std::vector<std::string> contentReads; ///< the types that were read, in order
     int textReads = 0;                     ///< how often the plain text was read
+    int textWrites = 0;                    ///< how often a text was put there
     std::function<void()> afterTypes;      ///< what another program does right after somebody has looked at the types
 
     static constexpr const char* plainText = "text/plain;charset=utf-8";
@@ -62,6 +63,7 @@ public:
 
     void setText(const std::string& text) override {
         requireSession();
+        ++textWrites;
         items = {{{plainText, text}}};
     }
 

@@ -13,7 +13,8 @@ import time
 import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
-from harness import BUILD, MIB, SANITIZED, ProgramTest
+from harness import BUILD, MIB, ORLINTH, PATIENCE, SANITIZED, Running
+from terminal import Terminal
 from test_serve import ServeTest, told, wait_for_count
 
 RUDE_PHONE = str(BUILD / "tests" / "interop" / "rude_phone")
@@ -168,6 +169,244 @@ class OnePhone(BudgetTest):
         texts = wait_for_count(service.events, "clipboard", 3)
         self.assertEqual([size + 2] * 3, [len(event["text"]) for event in texts])
         self.assert_ends(service)
+
+
+class Records(BudgetTest):
+    def test_five_hundred_tokens_are_two_writes_and_the_last_one_is_kept(self):
+        service = self.serve()
+        inodes = []
+        stop = threading.Event()
+
+        def watch():  # each write replaces the file
+            while not stop.is_set():
+                inode = self.desk.peer_file.stat().st_ino
+                if not inodes or inodes[-1] != inode:
+                    inodes.append(inode)
+                time.sleep(0.001)
+        watcher = threading.Thread(target=watch)
+        watcher.start()
+        try:
+            self.leaves(self.rude(service, "tokens", 500))
+            self.assert_ends(service)  # which writes what is left
+        finally:
+            stop.set()
+            watcher.join()
+        self.assertIn('"token 500"', self.desk.peer_file.read_text())
+        self.assertLessEqual(len(inodes) - 1, 3, "writes of the peer store")
+
+    def test_the_lines_about_one_phone_are_few_and_their_number_is_said(self):
+        service = self.running(self.desk, "serve", "--port", "0", "--dir", str(self.desk.downloads))
+        self.wait_until(lambda: told(service).endswith("\n"))
+        service.port = int(told(service).removeprefix("listening on port "))
+        self.leaves(self.rude(service, "names", 200))
+        service.signal(signal.SIGTERM)
+        self.assertEqual(0, service.wait(), service.stderr)
+        lines = [line for line in service.events.not_json if b"is now called" in line]
+        self.assertEqual(20, len(lines))
+        self.assertRegex(service.stderr, r"\n\S.*: 180 more lines were left out\n")
+
+
+class Texts(BudgetTest):
+    def test_texts_behind_a_clipboard_that_hangs_cost_little_and_hold_nobody_up(self):
+        other = self.another_phone("tablet")
+        tools = self.folder / "tools"
+        tools.mkdir()
+        (tools / "xclip").write_text("#!/bin/sh\nexec sleep 60\n")
+        (tools / "xclip").chmod(0o755)
+        self.desk.environment.update(DISPLAY=":77", PATH=f"{tools}:{os.environ['PATH']}")
+        service = self.serve()
+        self.assert_sent(other, self.file("first.bin", os.urandom(MIB)), service)
+        before = resident(service)
+        rude = self.rude(service, "texts", 40, 8 * MIB)
+        grown = resident(service) - before
+        begin = time.monotonic()
+        for number in range(20):  # as many threads as connections have, and more
+            self.assert_sent(other, self.file(f"{number}.bin", b"abc"), service)
+        seconds = time.monotonic() - begin
+        print(f"\n  40 texts of 8 MiB behind a clipboard that hangs: {grown / MIB:.0f} MiB; 20 files of another phone "
+              f"took {seconds:.1f} s", flush=True)
+        if not SANITIZED:
+            self.assertLess(grown, 96 * MIB)
+            self.assertLess(seconds, 10)
+        self.leaves(rude)
+        service.signal(signal.SIGTERM)
+        self.assertEqual(0, service.wait())
+
+
+class Questions(BudgetTest):
+    def ask(self):
+        """A service that asks at a terminal; (service, terminal)."""
+        terminal = Terminal(80)
+        self.addCleanup(lambda: os.close(terminal.screen))
+        service = Running(["setsid", "--ctty", "--wait", ORLINTH, "serve", "--port", "0", "--dir",
+                           str(self.desk.downloads), "--json", "--accept", "ask"],
+                          env=self.desk.environment, stdin=terminal.end)
+        self.addCleanup(service.close)
+        service.port = service.events.wait_for("listening")["port"]
+        return service, terminal
+
+    def questions(self, service):
+        return [part.rsplit("\n", 1)[-1] for part in told(service).split(" [y/N] ")[:-1]]
+
+    def test_a_phone_that_hangs_up_takes_its_question_with_it(self):
+        other = self.another_phone("tablet")
+        service, terminal = self.ask()
+        gone = self.send(self.phone, self.file("gone.bin", b"abc"), service.port)
+        self.wait_until(lambda: len(self.questions(service)) == 1)
+        waiting = self.send(other, self.file("here.bin", b"abc"), service.port)
+        waiting.events.wait_for("handshake")
+        gone.kill()
+        self.wait_until(lambda: "The phone is gone" in told(service))
+        os.write(terminal.screen, b"y\n")  # meant for the first one, and too late
+        self.wait_until(lambda: len(self.questions(service)) == 2)
+        self.assertIn("here.bin", self.questions(service)[1])
+        time.sleep(0.5)
+        self.assertIsNone(waiting.process.poll(), "the late answer was taken for one to the other phone's question")
+        os.write(terminal.screen, b"y\n")
+        self.assertEqual(0, waiting.wait(), waiting.stderr)
+        self.assertEqual(["here.bin"], self.left_over())
+        self.assert_ends(service)
+        os.close(terminal.end)
+
+    def test_a_yes_is_a_yes_to_the_size_that_was_offered(self):
+        service, terminal = self.ask()
+        program = self.running_program([RUDE_PHONE, str(service.port), self.desk.key, "greedy", "5", str(60 * MIB)],
+                                       self.phone, stdin=subprocess.PIPE)
+        self.addCleanup(program.process.stdin.close)
+        self.wait_until(lambda: len(self.questions(service)) == 1)
+        os.write(terminal.screen, b"y\n")
+        error = service.events.wait_for("error")
+        self.assertEqual("protocol violation: more data than was offered", error["message"])
+        program.events.wait_for("ready")
+        self.leaves(program)
+        self.assertLess(sum(path.stat().st_size for path in self.desk.downloads.iterdir()), 2 * MIB)
+        self.assert_ends(service)
+        os.close(terminal.end)
+
+    def test_a_phone_has_one_question_open_and_three_waiting(self):
+        service, terminal = self.ask()
+        senders = {}
+        for number in range(6):
+            name = f"{number}.bin"
+            senders[name] = self.send(self.phone, self.file(name, b"abc"), service.port)
+            senders[name].events.wait_for("handshake")
+            self.wait_until(lambda: len(self.questions(service)) >= 1)
+        declined = {event["name"] for event in wait_for_count(service.events, "declined", 2)}
+        for name in declined:
+            self.assertEqual(1, senders.pop(name).wait())
+        for number in range(1, 5):
+            self.wait_until(lambda: len(self.questions(service)) == number)  # pylint: disable=W0640
+            os.write(terminal.screen, b"y\n")
+        for sender in senders.values():
+            self.assertEqual(0, sender.wait(), sender.stderr)
+        self.assertEqual(sorted(senders), self.left_over())
+        self.assert_ends(service)
+        os.close(terminal.end)
+
+
+class Places(BudgetTest):
+    """The service in a network namespace, and somebody in another one who has an address from far away too."""
+
+    DESK, NEAR, FAR = "192.168.77.1", "192.168.77.2", "203.0.114.5"
+
+    def setUp(self):
+        super().setUp()
+        mark = self.folder.name[-8:]
+        self.desk_space, self.other_space = f"orlinth-desk-{mark}", f"orlinth-far-{mark}"
+        for space in (self.desk_space, self.other_space):
+            self.ip("netns", "add", space)
+            self.addCleanup(self.ip, "netns", "del", space)
+            self.ip("-n", space, "link", "set", "lo", "up")
+        self.ip("-n", self.desk_space, "link", "add", "wire0", "type", "veth", "peer", "name", "wire0", "netns",
+                self.other_space)
+        self.ip("-n", self.desk_space, "address", "add", self.DESK + "/24", "dev", "wire0")
+        self.ip("-n", self.other_space, "address", "add", self.NEAR + "/24", "dev", "wire0")
+        self.ip("-n", self.other_space, "address", "add", self.FAR + "/32", "dev", "wire0")
+        for space in (self.desk_space, self.other_space):
+            self.ip("-n", space, "link", "set", "wire0", "up")
+        self.ip("-n", self.desk_space, "route", "add", self.FAR, "via", self.NEAR)
+
+    @staticmethod
+    def ip(*words):
+        subprocess.run(["ip", *words], check=True)
+
+    def serve_here(self, *arguments):
+        service = self.running_program(
+            ["ip", "netns", "exec", self.desk_space, ORLINTH, "serve", "--port", "0", "--dir",
+             str(self.desk.downloads), "--json", *arguments], self.desk)
+        service.port = service.events.wait_for("listening")["port"]
+        return service
+
+    def calls(self, space, source, target, port, count=1):
+        """What becomes of calls: "closed", "open" (for a second) or "refused"."""
+        script = f"""
+import socket
+results = []
+for _ in range({count}):
+    try:
+        with socket.create_connection(({target!r}, {port}), 10, source_address=({source!r}, 0)) as call:
+            call.settimeout(1)
+            call.sendall(bytes([0, 0, 0, 32]) + bytes([9]) * 32)
+            try:
+                results.append("answered" if call.recv(100) else "closed")
+            except ConnectionError:
+                results.append("closed")
+            except TimeoutError:
+                results.append("open")
+    except ConnectionRefusedError:
+        results.append("refused")
+    except ConnectionError:
+        results.append("closed")
+print(",".join(sorted(set(results))))
+"""
+        return subprocess.run(["ip", "netns", "exec", space, "python3", "-c", script], check=True, encoding="utf-8",
+                              stdout=subprocess.PIPE).stdout.strip()
+
+    def test_who_comes_from_outside_the_own_networks_is_not_answered(self):
+        service = self.serve_here()
+        self.assertEqual("closed", self.calls(self.other_space, self.FAR, self.DESK, service.port, 50))
+        self.assertEqual("answered", self.calls(self.other_space, self.NEAR, self.DESK, service.port))
+        self.assert_ends(service)
+        messages = [event["message"] for event in service.events.all if event["event"] == "error"]
+        self.assertEqual(5, messages.count("closed a connection from outside your networks"))
+        self.assertIn("45 more connections came from outside your networks", messages)
+
+    def test_listen_public_lets_everybody_in(self):
+        service = self.serve_here("--listen-public")
+        self.assertEqual("answered", self.calls(self.other_space, self.FAR, self.DESK, service.port))
+        self.assert_ends(service)
+
+    def test_listen_is_for_addresses_and_interfaces_as_often_as_wanted(self):
+        for places, here in ((["lo"], False), (["wire0"], True), ([self.DESK], True), (["127.0.0.1", self.DESK], True)):
+            with self.subTest(places=places):
+                service = self.serve_here(*[word for place in places for word in ("--listen", place)])
+                self.assertEqual("answered" if here else "refused",
+                                 self.calls(self.other_space, self.NEAR, self.DESK, service.port))
+                loopback = "127.0.0.1" in places or "lo" in places
+                self.assertEqual("answered" if loopback else "refused",
+                                 self.calls(self.desk_space, "127.0.0.1", "127.0.0.1", service.port))
+                self.assert_ends(service)
+
+    def test_a_place_that_is_none_is_a_clear_failure(self):
+        for place, reason in (("wire7", "No such device"), ("192.0.2.77", "Cannot assign requested address")):
+            result = self.desk.run("serve", "--port", "0", "--listen", place)
+            self.assertEqual((1, ""), (result.returncode, result.stdout))
+            self.assert_one_line_error(result.stderr, f"listener start failed: {reason}")
+            self.assertIn("`--listen` takes addresses and interfaces of this computer", result.stderr)
+
+    def test_receive_does_not_take_somebody_from_far_away_for_its_phone(self):
+        receiver = self.running_program(
+            ["ip", "netns", "exec", self.desk_space, ORLINTH, "receive", "--from", "phone", "--port", "0", "--dir",
+             str(self.desk.downloads), "--json"], self.desk)
+        port = receiver.events.wait_for("listening")["port"]
+        self.assertEqual("closed", self.calls(self.other_space, self.FAR, self.DESK, port))
+        self.phone.record(self.desk, port, ip=self.DESK)
+        file = self.file("a.bin", b"abc")
+        sender = self.running_program(["ip", "netns", "exec", self.other_space, ORLINTH, "send", "--to", "mac",
+                                       "--json", str(file)], self.phone)
+        self.assertEqual(0, sender.wait(), sender.stderr)
+        self.assertEqual(0, receiver.wait(), receiver.stderr)
+        self.assertIn("closed a connection from outside your networks: " + self.FAR, receiver.stderr)
 
 
 if __name__ == "__main__":

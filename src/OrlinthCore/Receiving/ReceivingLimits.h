@@ -37,6 +37,16 @@ inline constexpr double recordSeconds = 10;
 /// Questions of one phone that wait behind the one that is being asked. Nobody answers more at once.
 inline constexpr std::size_t questionsWaiting = 3;
 
+// ---- what a host says about them
+
+/// Lines a minute about those who have not proved a paired key, of one kind. Enough to see what is going on; then only
+/// their number is said.
+inline constexpr int linesOfStrangers = 5;
+/// The same about one phone, besides the files that it delivers: eight connections that break at once, twice over.
+inline constexpr int linesOfOnePhone = 20;
+/// Seconds for which a worker thread may do one thing before that is reported. A flush of a file takes less.
+inline constexpr double lateSeconds = 2;
+
 // ---- frames on their way in
 
 /// Part of a frame that is read before room for all of it is asked for: control messages are smaller.

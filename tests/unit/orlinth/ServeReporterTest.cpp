@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
@@ -181,6 +184,90 @@ TEST_F(ServeReporterTest, IsNotAskedToOpenAnythingOnceItIsGone) {
     world_.notifications.answer(0, "open");
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_FALSE(opener.hasOpened());
+}
+
+// ---- texts
+
+Receiver::Clipboard textOf(const std::string& text, const std::string& phone = "key") {
+    return {.text = text, .mime = "text/plain", .from = "Pixel", .peerPubkey = phone};
+}
+
+TEST_F(ServeReporterTest, WritesTheNewestOfTheTextsThatHaveCome) {
+    for (const char* text : {"one", "two", "three"}) {
+        callbacks_.onClipboard(textOf(text));
+    }
+    fakes::runUntilIdle(world_.context, world_.clock);
+    EXPECT_EQ(1, world_.clipboard.textWrites);
+    EXPECT_EQ("three", world_.clipboard.text());
+    callbacks_.onClipboard(textOf("four"));
+    world_.run(reporter_.finish());
+    EXPECT_EQ("four", world_.clipboard.text());
+}
+
+TEST_F(ServeReporterTest, ShowsManyTextsAsOne) {
+    for (const char* text : {"one", "two", "three"}) {
+        callbacks_.onClipboard(textOf(text));
+    }
+    ASSERT_EQ(1U, shown().size());
+    letBurstPass();
+    ASSERT_EQ(2U, shown().size());
+    EXPECT_EQ(ServeReporter::burstSeconds, world_.clock.elapsed());
+    EXPECT_EQ("Texts from your phones", shown()[1].notification.title);
+    EXPECT_EQ("2 more texts, the last one on the clipboard", shown()[1].notification.body);
+    callbacks_.onTransfer(file("/home/ann/Downloads/a.txt"));
+    EXPECT_EQ(3U, shown().size()) << "a file is told of all the same";
+}
+
+// ---- lines
+
+/// What is written to standard error meanwhile, as lines.
+std::vector<std::string> linesOf(const std::function<void()>& action) {
+    testing::internal::CaptureStderr();
+    action();
+    std::istringstream written(testing::internal::GetCapturedStderr());
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(written, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+Receiver::Failure failureOf(const std::string& phone) {
+    return {.error = std::make_exception_ptr(ReceiveError::wire("broken")),
+            .remoteEndpoint = "192.168.1.7:1",
+            .from = "Pixel",
+            .peerPubkey = phone};
+}
+
+TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
+    const auto failures = [this](const std::string& phone, int count) {
+        return linesOf([&] {
+            for (int i = 0; i < count; ++i) {
+                callbacks_.onError(failureOf(phone));
+            }
+        });
+    };
+    const auto isFailure = [](const std::string& line) { return line == "orlinth: wire: broken"; };
+    EXPECT_EQ(limits::linesOfOnePhone, std::ranges::count_if(failures("key 1", 1000), isFailure));
+    EXPECT_EQ(3, std::ranges::count_if(failures("key 2", 3), isFailure)) << "another phone is not concerned";
+    EXPECT_TRUE(linesOf([&] {
+                    callbacks_.onSync(
+                        Receiver::SetName{.name = "x", .from = "Pixel", .isTakenOver = true, .peerPubkey = "key 1"});
+                }).empty());
+    const std::vector<std::string> minute = linesOf([&] { letBurstPass(); });
+    EXPECT_EQ((std::vector<std::string>{"Pixel: 981 more lines were left out"}), minute);
+}
+
+TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
+    const std::vector<std::string> lines = linesOf([&] {
+        for (int i = 0; i < 1000; ++i) {
+            reporter_.tellFarAway("203.0.113.9:" + std::to_string(i));
+        }
+        world_.run(reporter_.finish());
+    });
+    EXPECT_EQ(limits::linesOfStrangers,
+              std::ranges::count(lines, "orlinth: closed a connection from outside your networks"));
+    EXPECT_EQ("orlinth: 995 more connections came from outside your networks", lines.back());
 }
 
 } // namespace

@@ -600,5 +600,65 @@ TEST_F(LinuxNetworkTest, AsksNoResolverForWhatCannotBeAName) {
     }
 }
 
+TEST_F(LinuxNetworkTest, ListensOnlyWhereItIsTold) {
+    const std::unique_ptr<Listener> one = listen({.port = 0, .keepAlive = {}, .places = {"127.0.0.2"}});
+    EXPECT_EQ(connected(*one, "127.0.0.2").second->localAddress(), "127.0.0.2");
+    EXPECT_EQ(failureOfTask(connectAndForget(network_, "127.0.0.1", one->port(), executor_)), "Connection refused");
+    const std::unique_ptr<Listener> loopback = listen({.port = 0, .keepAlive = {}, .places = {"lo"}});
+    EXPECT_EQ(connected(*loopback, "127.0.0.3").second->localAddress(), "127.0.0.3");
+    if (hasIpv6Loopback()) {
+        EXPECT_EQ(connected(*loopback, "::1").second->localAddress(), "::1");
+        EXPECT_EQ(failureOfTask(connectAndForget(network_, "::1", one->port(), executor_)), "Connection refused");
+    }
+}
+
+TEST_F(LinuxNetworkTest, ListensAtSeveralPlacesOnOnePort) {
+    const std::unique_ptr<Listener> several =
+        listen({.port = 0, .keepAlive = {}, .places = {"127.0.0.2", "127.0.0.3"}});
+    for (const char* place : {"127.0.0.3", "127.0.0.2", "127.0.0.3"}) {
+        EXPECT_EQ(connected(*several, place).second->localAddress(), place);
+    }
+    EXPECT_EQ(failureOfTask(connectAndForget(network_, "127.0.0.1", several->port(), executor_)), "Connection refused");
+    EXPECT_EQ(failureWhile(acceptAndForget(*several, executor_), [&several] { several->close(); }),
+              "listener cancelled");
+    const std::unique_ptr<Listener> again =
+        listen({.port = several->port(), .keepAlive = {}, .places = {"127.0.0.2"}}); // and the port is free again
+    EXPECT_EQ(again->port(), several->port());
+}
+
+TEST_F(LinuxNetworkTest, SaysThatAPlaceToListenAtIsNone) {
+    for (const auto& [place, reason] :
+         {std::pair{"no-such-iface", "No such device"}, std::pair{"192.0.2.1", "Cannot assign requested address"},
+          std::pair{"an-interface-with-a-long-name", "No such device"}}) {
+        try {
+            const auto listener = listen({.port = 0, .keepAlive = {}, .places = {place}});
+            ADD_FAILURE() << place;
+        } catch (const SystemError& error) {
+            EXPECT_EQ(error.description(), reason) << place;
+        }
+    }
+}
+
+TEST_F(LinuxNetworkTest, KnowsThatThePeerHasEndedWithoutReading) {
+    Streams streams = connected();
+    EXPECT_FALSE(streams.first->hasEnded());
+    fakes::runTask(context_, writeBytes(*streams.second, pattern(1000)));
+    EXPECT_FALSE(streams.first->hasEnded()) << "what has come is no end";
+    streams.second->finishWriting();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!streams.first->hasEnded() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+    }
+    EXPECT_TRUE(streams.first->hasEnded()) << "although there is something to be read";
+    EXPECT_EQ(fakes::runTask(context_, readBytes(*streams.first, 2000)), pattern(1000));
+    EXPECT_FALSE(streams.second->hasEnded());
+    streams.first->abort();
+    while (!streams.second->hasEnded() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+    }
+    EXPECT_TRUE(streams.second->hasEnded());
+    EXPECT_TRUE(streams.first->hasEnded()) << "closed by ourselves";
+}
+
 } // namespace
 } // namespace orlinth::platform

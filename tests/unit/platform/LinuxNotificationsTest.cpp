@@ -474,4 +474,21 @@ TEST_F(LinuxNotificationsTest, OfVeryManyTheOldestCountAsClosed) {
     EXPECT_EQ(answers.size(), 44U);
 }
 
+TEST_F(LinuxNotificationsTest, OneThatIsWithdrawnIsTakenAwayAndAnsweredEmpty) {
+    const PrivateBus bus;
+    daemon.emplace();
+    show({.title = "A file", .body = "came", .actions = {{"open", "Open"}}, .tag = 1});
+    show({.title = "A file", .body = "came", .actions = {{"open", "Open"}}, .tag = 2});
+    runUntil([&] { return daemon->shown.size() == 2; });
+    notifications.withdraw(1);
+    expectAnswers({""});
+    runUntil([&] { return !daemon->taken.empty(); });
+    EXPECT_EQ(daemon->taken.size(), 1U);
+    notifications.withdraw(7); // of nobody
+    show({.title = "A file", .body = "came", .actions = {{"open", "Open"}}, .tag = 3});
+    notifications.withdraw(3); // before it has a number
+    expectAnswers({"", ""});
+    runUntil([&] { return daemon->taken.size() == 2; });
+}
+
 } // namespace

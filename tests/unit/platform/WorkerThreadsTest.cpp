@@ -109,5 +109,57 @@ TEST(WorkerThreads, GiveQueuesToSeveralThreadsAtOnce) {
     EXPECT_EQ(ran, 400);
 }
 
+/// Asks until somebody is late, or for long enough.
+std::vector<LateQueue> lateWithin(WorkerThreads& workers, double late, std::chrono::milliseconds patience) {
+    const auto end = std::chrono::steady_clock::now() + patience;
+    std::vector<LateQueue> found = workers.lateQueues(late);
+    while (found.empty() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        found = workers.lateQueues(late);
+    }
+    return found;
+}
+
+TEST(WorkerThreads, AThreadThatDoesNotAnswerIsNoticedAndSaysForWhatItIs) {
+    using namespace std::chrono_literals;
+    WorkerThreads workers;
+    const Executor queue = workers.makeSerialQueue("busy");
+    static_cast<void>(workers.makeSerialQueue("idle"));
+    EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty());
+    std::promise<void> release;
+    asio::post(queue, [released = release.get_future().share()] { released.wait(); });
+    const std::vector<LateQueue> late = lateWithin(workers, 0.05, 30s);
+    ASSERT_EQ(late.size(), 1U);
+    EXPECT_EQ(late[0].label, "busy");
+    EXPECT_GE(late[0].seconds, 0.05);
+    release.set_value();
+    std::promise<void> back;
+    asio::post(queue, [&back] { back.set_value(); });
+    back.get_future().wait();
+    EXPECT_TRUE(workers.lateQueues(0.05).empty());
+    EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty());
+}
+
+TEST(WorkerThreads, AQueueWithAThreadOfItsOwnHoldsNobodyUpAndMayBlock) {
+    using namespace std::chrono_literals;
+    WorkerThreads workers;
+    std::promise<void> release;
+    const Executor alone = workers.makeThreadQueue("chores");
+    asio::post(alone, [released = release.get_future().share()] { released.wait(); });
+    constexpr int queues = 100;
+    std::atomic<int> ran = 0;
+    std::promise<void> all;
+    for (int i = 0; i < queues; ++i) {
+        asio::post(workers.makeSerialQueue("work"), [&] {
+            if (++ran == queues) {
+                all.set_value();
+            }
+        });
+    }
+    EXPECT_EQ(all.get_future().wait_for(30s), std::future_status::ready);
+    EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty());
+    release.set_value();
+}
+
 } // namespace
 } // namespace orlinth::platform

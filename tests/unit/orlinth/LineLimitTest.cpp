@@ -1,4 +1,4 @@
-#include "orlinth/StrangerLimit.h"
+#include "orlinth/LineLimit.h"
 
 #include "fakes/VirtualClock.h"
 
@@ -9,7 +9,7 @@
 namespace orlinth::host {
 namespace {
 
-class StrangerLimitTest : public testing::Test {
+class LineLimitTest : public testing::Test {
 protected:
     /// So many failures now; returns how many of them are told.
     int failures(int count) {
@@ -32,17 +32,17 @@ protected:
     asio::io_context context_;
     fakes::VirtualClock clock_{context_};
     std::vector<std::int64_t> more_; ///< what was told of those that were not told one by one
-    StrangerLimit limit_{clock_, context_.get_executor(), [this](std::int64_t untold) { more_.push_back(untold); }};
+    LineLimit limit_{clock_, context_.get_executor(), 5, [this](std::int64_t untold) { more_.push_back(untold); }};
 };
 
-TEST_F(StrangerLimitTest, TellsFiveAndCountsTheOthersOfAMinute) {
+TEST_F(LineLimitTest, TellsFiveAndCountsTheOthersOfAMinute) {
     EXPECT_EQ(5, failures(1000));
     EXPECT_TRUE(more_.empty());
     letMinutePass();
     EXPECT_EQ((std::vector<std::int64_t>{995}), more_);
 }
 
-TEST_F(StrangerLimitTest, OnlyCountsInTheMinuteAfterOneWithMoreThanFive) {
+TEST_F(LineLimitTest, OnlyCountsInTheMinuteAfterOneWithMoreThanFive) {
     failures(6);
     letMinutePass();
     EXPECT_EQ(0, failures(3));
@@ -50,7 +50,7 @@ TEST_F(StrangerLimitTest, OnlyCountsInTheMinuteAfterOneWithMoreThanFive) {
     EXPECT_EQ((std::vector<std::int64_t>{1, 3}), more_);
 }
 
-TEST_F(StrangerLimitTest, TellsOneByOneAgainAfterAQuietMinute) {
+TEST_F(LineLimitTest, TellsOneByOneAgainAfterAQuietMinute) {
     failures(6);
     letMinutePass();
     letMinutePass();
@@ -60,14 +60,14 @@ TEST_F(StrangerLimitTest, TellsOneByOneAgainAfterAQuietMinute) {
     EXPECT_EQ((std::vector<std::int64_t>{1, 1}), more_);
 }
 
-TEST_F(StrangerLimitTest, SaysNothingMoreAfterAMinuteInWhichAllWereTold) {
+TEST_F(LineLimitTest, SaysNothingMoreAfterAMinuteInWhichAllWereTold) {
     EXPECT_EQ(5, failures(5));
     letMinutePass();
     EXPECT_TRUE(more_.empty());
     EXPECT_EQ(0U, clock_.pendingAlarms());
 }
 
-TEST_F(StrangerLimitTest, TellsAtTheEndOfThoseThatWereNotTold) {
+TEST_F(LineLimitTest, TellsAtTheEndOfThoseThatWereNotTold) {
     failures(7);
     limit_.finish();
     EXPECT_EQ((std::vector<std::int64_t>{2}), more_);

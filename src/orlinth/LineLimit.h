@@ -9,26 +9,25 @@
 
 namespace orlinth::host {
 
-/// Keeps those who are not, or no longer, paired from filling the log: a few of their failures are told a minute, then
-/// once a minute how many more there were, until a minute has passed without any.
+/// Keeps others from filling the log: a few lines about them are written a minute, then once a minute how many more
+/// there were, until a minute has passed without any.
 ///
 /// Lives on the timer's executor.
-class StrangerLimit {
+class LineLimit {
 public:
-    static constexpr int linesPerMinute = 5;
+    /// `tellMore` is called with the number of lines that were left out.
+    LineLimit(platform::Clock& clock, const Executor& executor, int linesPerMinute,
+              std::function<void(std::int64_t)> tellMore)
+        : timer_(clock.makeTimer(executor)), linesPerMinute_(linesPerMinute), tellMore_(std::move(tellMore)) {}
 
-    /// `tellMore` is called with the number of failures that were not told.
-    StrangerLimit(platform::Clock& clock, const Executor& executor, std::function<void(std::int64_t)> tellMore)
-        : timer_(clock.makeTimer(executor)), tellMore_(std::move(tellMore)) {}
-
-    /// One more failure. Returns whether it is to be told; it is counted if not.
+    /// One more line. Returns whether it is to be written; it is counted if not.
     [[nodiscard]] bool admits() {
         if (!isCounting_) {
             isCounting_ = true;
             told_ = 0;
             watchMinute();
         }
-        if (told_ < linesPerMinute) {
+        if (told_ < linesPerMinute_) {
             ++told_;
             return true;
         }
@@ -36,7 +35,7 @@ public:
         return false;
     }
 
-    /// Tells at once of those that were not told.
+    /// Tells at once of those that were left out.
     void finish() {
         timer_->disarm();
         isCounting_ = false;
@@ -61,6 +60,7 @@ private:
     }
 
     std::unique_ptr<platform::Timer> timer_;
+    int linesPerMinute_;
     std::function<void(std::int64_t)> tellMore_;
     bool isCounting_ = false; ///< a minute is under way
     int told_ = 0;
