@@ -14,6 +14,7 @@
 #include "orlinth/ServeReporter.h"
 #include "orlinth/ServiceControl.h"
 #include "orlinth/SizeText.h"
+#include "orlinth/Watchdog.h"
 #include "platform/ProcessMemory.h"
 #include "platform/ServiceManager.h"
 #include "platform/SystemError.h"
@@ -95,6 +96,7 @@ struct Service {
     OutboxSender& outbox;
     PeerStoreWatch& peers;
     PartialsReminder& partials;
+    Watchdog& watchdog;
 };
 
 /// The same, and whoever manages the service is told what it wants to know.
@@ -105,6 +107,7 @@ Receiver::Callbacks withManners(Receiver::Callbacks callbacks, Service service) 
         service.peers.start();
         service.partials.start();
         platform::tellServiceReady();
+        service.watchdog.start();
         platform::tellServiceStatus(service.keys.pairedCount());
         next(port);
     };
@@ -134,6 +137,7 @@ Task<bool> serveAll(Service service) {
     co_await service.control.finish();
     co_await service.outbox.finish();
     co_await service.reporter.finish();
+    co_await service.watchdog.finish();
     if (failure) {
         std::rethrow_exception(failure);
     }
@@ -231,6 +235,7 @@ private:
             return listen(host, reporter, std::move(options), std::move(executor));
         };
         receiver.listener = openPort(host, reporter, port);
+        Watchdog watchdog(host, platform::serviceWatchdogSeconds(), [] { platform::tellServiceAlive(); });
         keys.refresh();
         reporter.tellHowMany(keys.pairedCount());
         static_cast<void>(host.tasks.run(serveAll({.receiver = receiver,
@@ -239,7 +244,8 @@ private:
                                                    .keys = keys,
                                                    .outbox = outbox,
                                                    .peers = peers,
-                                                   .partials = partials})));
+                                                   .partials = partials,
+                                                   .watchdog = watchdog})));
     }
 
     /// The port that a service manager has opened for us, whatever the command line says.

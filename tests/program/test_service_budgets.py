@@ -409,5 +409,60 @@ print(",".join(sorted(set(results))))
         self.assertIn("closed a connection from outside your networks: " + self.FAR, receiver.stderr)
 
 
+class Hanging(BudgetTest):
+    # the flush of a partial download hangs while a file says so, as on a disk that is gone
+    HANGING_FLUSH = """
+        #define _GNU_SOURCE
+        #include <dlfcn.h>
+        #include <stdio.h>
+        #include <stdlib.h>
+        #include <string.h>
+        #include <unistd.h>
+        int fdatasync(int number) {
+            char link[64], path[4096] = "";
+            snprintf(link, sizeof link, "/proc/self/fd/%d", number);
+            if (readlink(link, path, sizeof path - 1) > 0 && strstr(path, ".partial"))
+                while (access(getenv("ORLINTH_TEST_HANG"), F_OK) == 0) usleep(10000);
+            return ((int (*)(int))dlsym(RTLD_NEXT, "fdatasync"))(number);
+        }
+    """
+
+    @unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
+    def test_a_thread_that_hangs_is_reported_and_the_service_manager_does_not_hear_that_all_is_well(self):
+        hang, path = self.folder / "hang", self.folder / "notify"
+        other = self.another_phone("tablet")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(str(path))
+            manager.settimeout(PATIENCE)
+            self.desk.environment.update(
+                NOTIFY_SOCKET=str(path), WATCHDOG_USEC="2000000", ORLINTH_TEST_HANG=str(hang),
+                LD_PRELOAD=str(self.shim("hanging", self.HANGING_FLUSH)))
+            service = self.serve()
+            self.assert_alive(manager)
+            hang.touch()
+            sender = self.send(self.phone, self.file("a.bin", os.urandom(MIB)), service.port)
+            self.wait_until(lambda: "seconds: orlinth.receiver.connection" in told(service))
+            self.assertRegex(told(service), r"\norlinth: a thread has not answered for [23] seconds: orlinth\.receiver\.")
+            manager.setblocking(False)
+            with contextlib.suppress(BlockingIOError):
+                while manager.recv(1000):
+                    pass
+            time.sleep(1.5)
+            with self.assertRaises(BlockingIOError):
+                manager.recv(1000)
+            hang.unlink()
+            manager.setblocking(True)
+            manager.settimeout(PATIENCE)
+            self.assert_alive(manager)
+            self.assertEqual(0, sender.wait(), sender.stderr)
+            self.assert_sent(other, self.file("b.bin", b"abc"), service)
+            self.assertEqual(1, told(service).count("orlinth.receiver.connection"))
+            self.assert_ends(service)
+
+    def assert_alive(self, manager):
+        while manager.recv(1000) != b"WATCHDOG=1":
+            pass
+
+
 if __name__ == "__main__":
     unittest.main()
