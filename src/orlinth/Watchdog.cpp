@@ -36,7 +36,13 @@ Task<> Watchdog::end(Watchdog& self) {
 }
 
 void Watchdog::look() {
-    const std::vector<platform::LateQueue> late = lateThreads();
+    const platform::Clock::Instant now = host_.system.clock.now();
+    const bool wasAway = (now - lookedAt_).count() > limits::lateSeconds; // the whole process was stopped: who was not?
+    lookedAt_ = now;
+    std::vector<platform::LateQueue> late = lateThreads();
+    if (wasAway) {
+        late.clear();
+    }
     for (std::size_t i = told_; i < late.size(); ++i) { // those before it were late at the last look
         if (lines_.admits()) {                          // not by way of the thread of `main`, which may hang itself
             writeToStandardError("orlinth: a thread has not answered for " +
@@ -45,7 +51,6 @@ void Watchdog::look() {
     }
     told_ = late.size();
     constexpr double timesAsOften = 4;
-    const platform::Clock::Instant now = host_.system.clock.now();
     const bool isTime = interval_ && (!toldAliveAt_ || (now - *toldAliveAt_).count() >= *interval_ / timesAsOften);
     if (isTime && late.empty()) {
         toldAliveAt_ = now;

@@ -49,6 +49,7 @@ private:
     LineLimit lines_;
     std::shared_ptr<MainThread> main_ = std::make_shared<MainThread>();
     platform::Clock::Instant mainAskedAt_{0};
+    platform::Clock::Instant lookedAt_{0};
     std::size_t told_ = 0; ///< of the threads that are late now
     std::optional<platform::Clock::Instant> toldAliveAt_;
 };

@@ -54,6 +54,8 @@ struct Session {
     std::optional<std::string> endedBecause;
     std::string from;       ///< display name of the phone; on its queue
     std::string peerPubkey; ///< its key, Base64, once it is proved to be a paired one; on its queue
+    /// What goes with the session, which is when the host has been told of its end.
+    std::shared_ptr<const void> kept;
     bool isLeaving = false; ///< it had to make room; on the receiver's queue
 };
 
@@ -371,6 +373,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                         end(dismissed, because);
                     }
                 },
+            .keepUntilTold = [session](std::shared_ptr<const void> kept) { session->kept = std::move(kept); },
             .onAuthenticated =
                 [self, session](const std::optional<PeerRecord>& record) {
                     session->from = record && !record->peer_hostname.empty() ? record->peer_hostname : unknownPeer;

@@ -111,8 +111,8 @@ public:
           self_(std::make_shared<const TransferConnection>(
               framer_.session().remoteStaticPublicKey().base64(),
               [dismiss = context.dismiss] { dismiss("taken over by a newer connection"); })),
-          room_(context.frames, self_->peerPubkey()) {
-        wire_.gate = &room_;
+          room_(std::make_shared<FrameRoom::Share>(context.frames, self_->peerPubkey())) {
+        wire_.gate = room_.get();
     }
     Conversation(const Conversation&) = delete;
     Conversation& operator=(const Conversation&) = delete;
@@ -138,7 +138,9 @@ public:
                 continue;
             }
             const TransportMessage message = std::move(std::get<TransportMessage>(frame));
-            giveBack(buffer);
+            if (message.tag() != TransportMessage::Tag::Clipboard) {
+                giveBack(buffer);
+            }
             std::optional<Result> result = co_await take(message);
             if (result) {
                 co_return std::move(*result);
@@ -162,7 +164,7 @@ private:
         if (static_cast<std::int64_t>(buffer.bodyCapacity()) > kept) {
             buffer = FrameBuffer();
         }
-        room_.release();
+        room_->release();
     }
 
     /// False if the phone has hung up in good order and had come for nothing but its token.
@@ -254,7 +256,7 @@ private:
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }
         place_->beginTransfer();
-        room_.beginTransfer();
+        room_->beginTransfer();
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
         co_await wire_.sendLengthPrefixed(resume);
         co_return std::nullopt;
@@ -285,6 +287,7 @@ private:
         switch (message.tag()) {
         case Tag::Clipboard: {
             const auto* clip = message.as<Row::Clipboard>();
+            context_.keepUntilTold(room_); // texts must not pile up where they are told of
             return Receiver::Clipboard{.text = clip->text,
                                        .mime = clip->mime,
                                        .from = sender_.displayName(),
@@ -365,7 +368,7 @@ private:
     TransportFramer framer_;
     SenderRecord sender_;
     TransferConnectionRef self_;
-    FrameRoom::Share room_;
+    std::shared_ptr<FrameRoom::Share> room_; ///< a text's is still held when the connection has ended
     std::optional<PhonePlaces::Claim> place_;
     bool hasUpdatedToken_ = false;
     std::optional<std::int64_t> approvedSize_; ///< of an offer that somebody was asked about

@@ -28,6 +28,8 @@ struct ReceiverConnectionContext {
     std::function<Task<bool>(Receiver::Offer)> approveOffer;
     /// Ends this connection soon after; the text says why. Any thread, also when it has ended.
     std::function<void(const char* because)> dismiss;
+    /// Keeps this until the host has been told how the connection ended.
+    std::function<void(std::shared_ptr<const void>)> keepUntilTold;
     /// The phone has proved its key; its record, if it has one.
     std::function<void(const std::optional<PeerRecord>&)> onAuthenticated;
     /// Something went wrong that does not end the connection.
