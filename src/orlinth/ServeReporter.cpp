@@ -10,9 +10,6 @@
 #include "orlinth/Terminal.h"
 #include "platform/SystemError.h"
 
-#include <asio/post.hpp>
-
-#include <cstdlib>
 #include <unistd.h>
 #include <utility>
 
@@ -72,6 +69,27 @@ std::string becauseOf(const std::optional<DownloadRefusal>& refusal) {
                " unfinished downloads here. To remove old ones: `orlinth partials --remove-older-than DAYS`";
     }
     return "";
+}
+
+void tellUnpair(Output& output, const Receiver::Unpair& unpair) {
+    output.event("unpair", {{"from", unpair.from}, {"peer_pubkey", unpair.peerPubkey}});
+    output.result(forDisplay(unpair.from) +
+                  (unpair.isForgotten ? " has removed this computer, and is forgotten here"
+                                      : " has removed this computer, but is still recorded here. Remove it with "
+                                        "`orlinth peers remove`."));
+}
+
+void tellDeclined(Output& output, const Receiver::Declined& declined) {
+    Json fields = {{"from", declined.from}, {"name", declined.name}};
+    if (declined.refusal) {
+        fields["reason"] = wordFor(declined.refusal->reason);
+        fields["limit"] = declined.refusal->limit;
+    }
+    output.event("declined", std::move(fields));
+    const std::string from = forDisplay(declined.from);
+    output.result(declined.name.empty()
+                      ? from + " has declined"
+                      : "declined " + forDisplay(declined.name) + " from " + from + becauseOf(declined.refusal));
 }
 
 bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
@@ -177,14 +195,9 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
             tellName(output, "name_update", *update);
         }
     } else if (const auto* unpair = std::get_if<Receiver::Unpair>(&outcome)) {
-        if (!admitsLine(unpair->peerPubkey, unpair->from)) {
-            return;
+        if (admitsLine(unpair->peerPubkey, unpair->from)) {
+            tellUnpair(output, *unpair);
         }
-        output.event("unpair", {{"from", unpair->from}, {"peer_pubkey", unpair->peerPubkey}});
-        output.result(forDisplay(unpair->from) +
-                      (unpair->isForgotten ? " has removed this computer, and is forgotten here"
-                                           : " has removed this computer, but is still recorded here. Remove it with "
-                                             "`orlinth peers remove`."));
     } else if (const auto* replied = std::get_if<Receiver::UnpairReplied>(&outcome)) {
         if (!removed_.admits()) {
             return;
@@ -194,19 +207,9 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
         output.result("told a phone that was removed here so, key " + shortKey(replied->peerPubkey) + ", at " +
                       replied->remoteEndpoint);
     } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
-        if (!admitsLine(declined->peerPubkey, declined->from)) {
-            return;
+        if (admitsLine(declined->peerPubkey, declined->from)) {
+            tellDeclined(output, *declined);
         }
-        Json fields = {{"from", declined->from}, {"name", declined->name}};
-        if (declined->refusal) {
-            fields["reason"] = wordFor(declined->refusal->reason);
-            fields["limit"] = declined->refusal->limit;
-        }
-        output.event("declined", std::move(fields));
-        const std::string from = forDisplay(declined->from);
-        output.result(declined->name.empty()
-                          ? from + " has declined"
-                          : "declined " + forDisplay(declined->name) + " from " + from + becauseOf(declined->refusal));
     }
     sharePeers();
 }
@@ -234,7 +237,7 @@ bool ServeReporter::admitsLine(const std::string& peerPubkey, const std::string&
     auto known = phones_.find(peerPubkey);
     if (known == phones_.end()) {
         const auto tellMore = [this, peerPubkey](std::int64_t untold) {
-            host_.output.message(madeVisible(phones_.at(peerPubkey).name) + ": " + std::to_string(untold) +
+            host_.output.message(forDisplay(phones_.at(peerPubkey).name) + ": " + std::to_string(untold) +
                                  (untold == 1 ? " more line was" : " more lines were") + " left out");
         };
         LineLimit limit(host_.system.clock, host_.tasks.executor(), limits::linesOfOnePhone, tellMore);

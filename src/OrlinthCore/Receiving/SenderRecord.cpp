@@ -59,7 +59,8 @@ std::optional<std::string> SenderRecord::nameFor(const std::string& name) const 
     if (!isUsableName(name)) {
         return std::nullopt;
     }
-    return freeName(PeerStore(system_.files, system_.directories).loadBook(), pubkey_, name);
+    const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
+    return book.find(pubkey_) == nullptr ? name : freeName(book, pubkey_, name);
 }
 
 bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& address) {
