@@ -64,6 +64,22 @@ std::string keysOf(const PeerBook& book, const Matches& phones, bool hasNames) {
                                            : text;
 }
 
+/// A name goes before a key, and a phone chooses its name: it must not be one by which somebody means another phone's
+/// key. @throws HostError
+void refuseNameLikeKey(const PeerBook& book, const PeerRecord& record, const std::string& selector) {
+    const std::string query = lowerCased(selector);
+    if (query.size() < shortestKeyPrefix) {
+        return; // no message shows so little of a key
+    }
+    const Matches byKey = differentPhones(
+        book, [&query](const PeerRecord& other) { return lowerCased(other.peer_pubkey).starts_with(query); });
+    if (std::ranges::any_of(byKey, [&](const PeerRecord* other) { return other->peer_pubkey != record.peer_pubkey; })) {
+        throw HostError("selector '" + selector +
+                            "' is ambiguous: it begins the name of one phone and the key of another",
+                        "Use the whole key, as `orlinth peers --json` shows it.");
+    }
+}
+
 } // namespace
 
 CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey, PeerUse use) {
@@ -91,6 +107,9 @@ CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKe
 PeerRecord resolvePeer(const Host& host, const std::string& selector) {
     const std::string query = lowerCased(selector);
     const PeerBook book = host.peers().loadBook();
+    if (const PeerRecord* const record = book.find(selector)) {
+        return *record;
+    }
     const Matches namesakes = differentPhones(
         book, [look = lookOf(selector)](const PeerRecord& record) { return lookOf(record.peer_hostname) == look; });
     if (namesakes.size() > 1) {
@@ -115,6 +134,7 @@ PeerRecord resolvePeer(const Host& host, const std::string& selector) {
     if (!record) {
         throw HostError("no paired phone matches '" + selector + "'", "`orlinth peers` lists the paired phones.");
     }
+    refuseNameLikeKey(book, *record, selector);
     return std::move(*record);
 }
 

@@ -19,8 +19,9 @@ enum class PeerUse {
     connection, ///< key, address and port, to connect to it
 };
 
-/// The record that a selector means, unchecked: a name in any letter case, or the beginning of one phone's name or key.
-/// Of two phones of that name none is meant; the error shows how their keys begin.
+/// The record that a selector means, unchecked: a whole key, a name in any letter case, or the beginning of one phone's
+/// name or key. Of two phones whose names look like that none is meant; the error shows how their keys begin. Neither
+/// is a phone whose name begins like another one's key.
 /// @throws HostError if there is none, or several; PeerStoreError
 [[nodiscard]] PeerRecord resolvePeer(const Host& host, const std::string& selector);
 

@@ -55,7 +55,7 @@ public:
             fields["already_here"] = true;
         }
         output_.event("complete", std::move(fields));
-        output_.page(madeVisible(received.savedAt.string())); // whole: it is the result
+        output_.page(visiblePath(received)); // whole: it is the result
         if (wasHere_) {
             output_.message("already here: an earlier attempt delivered this file, and it has not changed");
             return;

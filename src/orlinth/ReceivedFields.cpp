@@ -19,6 +19,10 @@ Json receivedFields(const ReceivedFile& received) {
 }
 
 std::string visiblePath(const ReceivedFile& received) {
+    return (received.savedAt.parent_path() / madeVisible(received.savedAt.filename().string())).string();
+}
+
+std::string shortPath(const ReceivedFile& received) {
     return (received.savedAt.parent_path() / forDisplay(received.savedAt.filename().string())).string();
 }
 

@@ -158,7 +158,7 @@ void ServeReporter::tellFile(const Receiver::File& file) {
     Json fields = receivedFields(file.file);
     fields["from"] = file.from;
     host_.output.event("received", std::move(fields));
-    host_.output.result("received " + visiblePath(file.file) + " from " +
+    host_.output.result("received " + shortPath(file.file) + " from " +
                         phoneForDisplay(host_, file.from, file.peerPubkey) + " (" + receivedFigures(file.file) + ")");
     if (const std::string remark = remarkOnSize(file.file); !remark.empty()) {
         host_.output.message(remark);

@@ -238,6 +238,26 @@ class WaysToPair(PairingTest):
         replaced, = program.events.find("paired")["replaced"]
         self.assertEqual(keys[0], replaced["peer_pubkey"])
 
+    def test_a_phone_with_the_name_of_another_is_kept_apart_from_it(self):
+        def paired(**said):
+            program = self.pair("--yes")
+            phone = ScriptedPhone(program.payload)
+            phone.say(phone.plaintext(**said))
+            self.assertEqual(0, program.wait(), program.stderr)
+            return program, program.events.find("paired")
+        _, first = paired(peer_ip="192.0.2.7")
+        program, second = paired(peer_ip="192.0.2.8", peer_hostname="pixel\u200b ")
+        self.assertEqual(("Pixel", []), (first["peer"]["peer_hostname"], first["replaced"]))
+        self.assertEqual(("pixel\u200b (2)", []), (second["peer"]["peer_hostname"], second["replaced"]))
+        self.assertIn("Another phone is called pixel\\u{200B} . This one is called pixel\\u{200B} (2) here.",
+                      program.stderr)
+        self.assertEqual(["Pixel", "pixel\u200b (2)"],
+                         [record["peer_hostname"] for record in self.records(self.mac)])
+        self.assertEqual(["Pixel", "pixel\u200b (2)"], [peer["hostname"] for peer in self.shared_peers(self.mac)])
+        _, anew = paired(peer_ip="192.0.2.8", peer_hostname="pixel\u200b ")
+        self.assertEqual([second["peer"]["peer_pubkey"]], [stale["peer_pubkey"] for stale in anew["replaced"]])
+        self.assertEqual("pixel\u200b (2)", anew["peer"]["peer_hostname"])
+
     def test_each_pairing_has_a_secret_of_its_own_that_goes_nowhere_else(self):
         first, second = self.pair(), self.pair()
         self.assertNotEqual(first.payload["pairing_secret"], second.payload["pairing_secret"])

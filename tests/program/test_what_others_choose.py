@@ -156,6 +156,15 @@ class Recorded(ProgramTest):
         self.assertEqual(1, done.returncode)
         self.assertIn("is ambiguous: 2 paired phones have this name", done.stderr)
 
+    def test_a_name_that_begins_like_the_key_of_another_phone_is_not_chosen(self):
+        key = random_key()
+        self.mac.run("peers", "add", "--pubkey", key, "--ip", "192.0.2.7", "--port", "9", "--name", "other")
+        self.rewrite(lambda peers: peers[0].update(peer_hostname=key[:12]))
+        done = self.mac.run("wake", key[:12])
+        self.assertEqual(1, done.returncode)
+        self.assertIn("is ambiguous: it begins the name of one phone and the key of another", done.stderr)
+        self.assertIn("no push token is recorded for 'other'", self.mac.run("wake", key).stderr)
+
     def test_records_that_somebody_has_made_are_short_and_visible(self):
         def long(peers):
             peers[0]["peer_hostname"] = LONG_NAME
