@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Pairing/PairCrypto.h"
 #include "OrlinthCore/Pairing/PairWire.h"
+#include "OrlinthCore/Receiving/ReceivingLimits.h"
 #include "base/Endian.h"
 #include "platform/Cancelled.h"
 #include "platform/Deadline.h"
@@ -93,13 +94,14 @@ struct PairingDoor::State {
     std::list<Visitor> visitors; ///< each has a look() of its own
     std::unique_ptr<platform::Stream> phone;
     std::exception_ptr failure; ///< of the port
+    int deliveriesTold = 0;     ///< a stranger can look like one, as often as it likes
 
     void begin(const std::shared_ptr<State>& self, const Executor& executor);
     void admit(const std::shared_ptr<State>& self, std::unique_ptr<platform::Stream> stream);
     void decide() noexcept;
     void end() noexcept;
     void ring();
-    void tellDelivery(const std::string& who) const;
+    void tellDelivery(const std::string& who);
 
     [[nodiscard]] static Task<std::unique_ptr<platform::Stream>> awaitPhone(std::shared_ptr<State> self);
     [[nodiscard]] static Task<> acceptAll(std::shared_ptr<State> self);
@@ -167,7 +169,10 @@ void PairingDoor::State::admit(const std::shared_ptr<State>& self, std::unique_p
     });
 }
 
-void PairingDoor::State::tellDelivery(const std::string& who) const {
+void PairingDoor::State::tellDelivery(const std::string& who) {
+    if (++deliveriesTold > limits::linesOfStrangers) {
+        return;
+    }
     // standard error belongs to the thread of `main`
     asio::post(host.tasks.executor(), [&output = host.output, who] {
         output.message("A paired phone (" + who + ") wanted to deliver something; it can try again afterwards.");

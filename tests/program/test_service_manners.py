@@ -283,6 +283,21 @@ exit 1
             self.assertLess(time.monotonic() - begin, 20 if SANITIZED else 5)
         self.deliver(service, self.tablet, "a.bin")
 
+    def test_says_a_few_times_and_no_more_that_somebody_wanted_to_deliver_something(self):
+        service = self.listening()
+        program = self.pair()
+        payload = program.events.wait_for("payload")["payload"]
+        for _ in range(30):  # a stranger, for all that anybody can tell
+            with socket.create_connection(("127.0.0.1", service.port), PATIENCE) as stranger:
+                stranger.sendall(struct.pack(">I", 32) + bytes(32))
+                with contextlib.suppress(ConnectionError):
+                    stranger.recv(1)
+        joined = self.tablet.run("join", "--payload", "-", "--yes", "--json", "--listen-port", "9",
+                                 input=json.dumps(payload))
+        self.assertEqual(0, joined.returncode, joined.stderr)
+        self.assertEqual(0, program.wait(), program.stderr)
+        self.assertEqual(5, program.stderr.count("wanted to deliver something"), program.stderr)
+
     def test_turns_away_a_second_phone_also_on_a_port_that_stays_open(self):
         with socket.create_server(("127.0.0.1", 0)) as port:
             service = self.activated(port)

@@ -271,17 +271,18 @@ void Receiver::Service::admit(std::unique_ptr<platform::Stream> stream) {
     const auto session = std::make_shared<Session>(++lastIdentity, stream->executor(), stream->remoteEndpoint());
     session->acceptedAt = system.clock.now();
     sessions.emplace(session->identity, session);
-    std::string source = sourceOf(platform::addressOfEndpoint(session->remoteEndpoint));
-    for (const std::uint64_t identity : strangers.add(session->identity, std::move(source), session->acceptedAt)) {
-        dismiss(identity);
-    }
-    watchCrowds();
     platform::spawn(session->queue, process(shared_from_this(), session, std::move(stream)), session->stop.slot(),
                     [](const std::exception_ptr& error) {
                         if (error) {
                             std::rethrow_exception(error); // process() lets nothing escape but what nobody can handle
                         }
                     });
+    // behind the start of its task, which may be the one to go
+    std::string source = sourceOf(platform::addressOfEndpoint(session->remoteEndpoint));
+    for (const std::uint64_t identity : strangers.add(session->identity, std::move(source), session->acceptedAt)) {
+        dismiss(identity);
+    }
+    watchCrowds();
 }
 
 /// Ends one of those who have not yet proved who they are.

@@ -339,7 +339,7 @@ private:
         Outcome outcome{
             .name = name, .from = sender_.displayName(), .isTakenOver = false, .peerPubkey = self_->peerPubkey()};
         changeRecord([&] {
-            const std::optional<std::string> called = sender_.nameFor(name);
+            const std::optional<std::string> called = sender_.nameHere(name);
             say({.name = name});
             outcome.isTakenOver = called.has_value();
             outcome.calledHere = called.value_or("");

@@ -55,7 +55,7 @@ bool SenderRecord::isUsableName(const std::string& name) {
     return name.size() <= maxNameBytes && !trimmed(name).empty() && !hasControlCharacter(name);
 }
 
-std::optional<std::string> SenderRecord::nameFor(const std::string& name) const {
+std::optional<std::string> SenderRecord::nameHere(const std::string& name) const {
     if (!isUsableName(name)) {
         return std::nullopt;
     }

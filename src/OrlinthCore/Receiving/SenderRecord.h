@@ -44,11 +44,11 @@ public:
     /// place of another address (a tunnel ends there), and anything in place of a host name, which somebody has chosen
     /// by hand.
     [[nodiscard]] bool apply(const RecordChange& change);
-    /// What apply() would call a phone that calls itself by this name: freeName(); nothing if nobody could be called so.
-    /// @throws PeerStoreError
-    [[nodiscard]] std::optional<std::string> nameFor(const std::string& name) const;
     /// Whether a name is fit to be one: not blank, not too long, no control characters.
     [[nodiscard]] static bool isUsableName(const std::string& name);
+    /// What a phone that calls itself so is called here: this name, or freeName() if another phone has it. Nothing for
+    /// a name that is not fit. @throws PeerStoreError
+    [[nodiscard]] std::optional<std::string> nameHere(const std::string& name) const;
     /// Whether apply() would take this address over.
     [[nodiscard]] static bool isAddressNew(const PeerRecord& record, const std::string& address);
     /// Takes the record out of the store, if it is there. @throws PeerStoreError
