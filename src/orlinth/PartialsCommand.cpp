@@ -56,6 +56,10 @@ public:
     int run(Host& host) override {
         const platform::Path path = downloadsFolder(host, directory_);
         try {
+            if (!host.system.files.status(path)) {
+                host.output.message("There are no unfinished downloads: " + path.string() + " does not exist.");
+                return 0;
+            }
             const std::unique_ptr<platform::Folder> folder = host.system.files.openFolder(path);
             if (age_->count() > 0) {
                 remove(host, *folder);
@@ -64,10 +68,6 @@ public:
             }
             return 0;
         } catch (const platform::SystemError& error) {
-            if (error.code() == std::errc::no_such_file_or_directory) {
-                host.output.message("There are no unfinished downloads: " + path.string() + " does not exist.");
-                return 0;
-            }
             throw HostError("cannot look through " + path.string() + ": " + error.description());
         }
     }

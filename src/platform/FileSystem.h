@@ -41,6 +41,8 @@ public:
     [[nodiscard]] virtual FileStatus status() const = 0;
     /// Returns when the data, and the size that goes with it, would survive a power cut (fdatasync).
     virtual void flush() = 0;
+    /// The twelve mode bits, whatever the umask.
+    virtual void setPermissions(std::uint32_t permissions) = 0;
     /// Asks the system to begin writing out this range, so that a later flush() is short. Best effort.
     virtual void startWriteback(std::int64_t offset, std::int64_t length) noexcept = 0;
     /// Takes the exclusive advisory lock (flock), if nobody else holds it. It ends with the file object.

@@ -56,6 +56,8 @@ public:
     [[nodiscard]] virtual std::size_t longestName() const noexcept = 0;
     /// Bytes that this user may still write on its file system.
     [[nodiscard]] virtual std::int64_t freeBytes() const = 0;
+    /// What a file gets that is made with 0666: all of it that the umask leaves.
+    [[nodiscard]] virtual std::uint32_t ordinaryPermissions() const = 0;
     /// The user id that new files get here.
     [[nodiscard]] virtual std::uint32_t user() const noexcept = 0;
 

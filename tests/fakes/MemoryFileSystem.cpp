@@ -378,6 +378,14 @@ public:
         state_->record(Operation::flush, path_);
     }
 
+    void setPermissions(std::uint32_t permissions) override {
+        state_->announce(Operation::setPermissions, path_);
+        const std::lock_guard guard(state_->lock);
+        state_->begin(Operation::setPermissions, path_);
+        node_->permissions = permissions;
+        state_->record(Operation::setPermissions, path_);
+    }
+
     void startWriteback(std::int64_t /*offset*/, std::int64_t /*length*/) noexcept override {}
 
     [[nodiscard]] bool tryLock() override {
@@ -731,6 +739,8 @@ public:
         const std::size_t taken = state_->used(*state_->root);
         return static_cast<std::int64_t>(*state_->capacity > taken ? *state_->capacity - taken : 0);
     }
+
+    [[nodiscard]] std::uint32_t ordinaryPermissions() const override { return 0666U & ~umask; }
 
     [[nodiscard]] std::uint32_t user() const noexcept override { return fakes::user; }
 

@@ -5,6 +5,7 @@ import json
 import os
 import pathlib
 import shutil
+import subprocess
 import time
 import unittest
 
@@ -91,6 +92,21 @@ class DownloadsFolder(ServeTest):
         folder = self.desk.downloads.stat()
         self.assertEqual(f"downloads-{folder.st_dev}-{folder.st_ino}.lock", lock.name)
         self.assertEqual(0o600, lock.stat().st_mode & 0o777)
+
+    @unittest.skipIf(os.geteuid() != 0, "only root can be somebody else")
+    def test_somebody_else_can_neither_read_nor_lock_what_is_not_whole(self):
+        service = self.serve()
+        self.folder.chmod(0o755)
+        file = self.file("film.mov", os.urandom(3 * MIB))
+        self.break_off(self.phone, file, service.port)
+        partial = self.desk.downloads / "film.mov.partial"
+        stranger = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "flock", "--nonblock",
+                                   str(partial), "true"], capture_output=True, text=True, check=False)
+        self.assertIn("Permission denied", stranger.stderr)
+        event = self.assert_sent(self.phone, file, service)
+        self.assertGreater(event["resumed_from_offset"], 0)
+        self.assertEqual(0o644, pathlib.Path(event["saved_at"]).stat().st_mode & 0o777)
+        self.assert_ends(service)
 
     def test_a_receiver_that_holds_the_turn_for_ever_is_reported(self):
         service = self.serve()

@@ -142,10 +142,9 @@ Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOff
     requireSensible(offer);
     std::unique_ptr<platform::Folder> folder = open();
     const CollisionResolver::Transfer transfer{.id = offer.transfer_id, .phone = phone};
-    if (!isDelivered(phone, offer)) {
-        if (const std::optional<DownloadRefusal> refusal = refusalIn(*folder, transfer, offer)) {
-            throw ReceiveError::fileWriteFailed(refusal->description());
-        }
+    const std::optional<DownloadRefusal> refusal = refusalIn(*folder, transfer, offer);
+    if (refusal && !isDelivered(phone, offer)) {
+        throw ReceiveError::fileWriteFailed(refusal->description());
     }
     const FolderTurn turn = co_await turns_.take(folder->status());
     IncomingFile file = IncomingFile::begin({.system = system_, .delivered = delivered_}, std::move(folder), turn,

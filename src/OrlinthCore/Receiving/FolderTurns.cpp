@@ -148,18 +148,15 @@ platform::Path FolderTurns::lockFile(const platform::FileStatus& folder) const {
 
 std::unique_ptr<platform::File> FolderTurns::openLock(const platform::FileStatus& folder) const {
     const platform::Path path = lockFile(folder);
-    const auto open = [&] {
-        return system_.files.open(path, platform::OpenMode::openOrCreate, platform::Links::refuse, lockPermissions);
-    };
     try {
-        return open();
+        return system_.files.open(path, platform::OpenMode::write, platform::Links::refuse);
     } catch (const platform::SystemError& error) {
         if (error.code() != std::errc::no_such_file_or_directory) {
             throw;
         }
     }
     system_.files.createDirectories(path.parent_path(), dataFolderPermissions);
-    return open();
+    return system_.files.open(path, platform::OpenMode::openOrCreate, platform::Links::refuse, lockPermissions);
 }
 
 Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {

@@ -29,12 +29,27 @@ auto writing(const std::string& what, Step step) {
     }
 }
 
+/// Until it is whole, nobody else can read the file, or keep it from us by a lock.
+constexpr std::uint32_t partialPermissions = 0600;
+
+/// Best effort: some file systems have none, or those of their mount.
+void setPermissions(platform::File& file, std::uint32_t permissions) {
+    try {
+        if (file.status().permissions != permissions) {
+            file.setPermissions(permissions);
+        }
+    } catch (const platform::SystemError&) {
+        // Then it has what that file system gives it.
+    }
+}
+
 /// Opens the target's partial file, locked, or nothing if the folder changed since the target was chosen.
 std::unique_ptr<platform::File> openPartial(platform::Folder& folder, CollisionResolver::Target& target) {
     const bool isNew = !folder.status(target.partial);
     std::unique_ptr<platform::File> file;
     try {
-        file = folder.open(target.partial, isNew ? platform::OpenMode::createNew : platform::OpenMode::write);
+        file = isNew ? folder.open(target.partial, platform::OpenMode::createNew, partialPermissions)
+                     : folder.open(target.partial, platform::OpenMode::write);
     } catch (const platform::SystemError& error) {
         const std::error_code code = error.code();
         const bool hasChanged = isNew ? code == std::errc::file_exists
@@ -61,6 +76,7 @@ std::unique_ptr<platform::File> openPartial(platform::Folder& folder, CollisionR
     if (target.resumeOffset > 0) {
         target.resumeOffset = opened.size;
     }
+    setPermissions(*file, partialPermissions);
     return file;
 }
 
@@ -243,6 +259,7 @@ void IncomingFile::moveIntoPlace() {
     if (folder_->status(target_.final)) {
         target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
     }
+    setPermissions(*partial_, folder_->ordinaryPermissions());
     const platform::FileStatus content = partial_->status();
     // Remembered before it is moved: if we are killed right behind the move, the next attempt finds it.
     const auto move = [&] {

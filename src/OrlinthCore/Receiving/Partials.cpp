@@ -48,7 +48,8 @@ std::vector<PartialDownload> Partials::in(platform::Folder& folder) {
 
 bool Partials::remove(platform::Folder& folder, const PartialDownload& download) {
     const std::optional<PartialMeta> meta = PartialMetaIO::load(folder, download.partial);
-    if (meta != download.meta) {
+    const std::optional<platform::FileStatus> before = folder.status(download.partial);
+    if (meta != download.meta || !before || !CollisionResolver::mayContinue(folder, *before)) {
         return false;
     }
     const std::unique_ptr<platform::File> file = folder.open(download.partial, platform::OpenMode::write);

@@ -197,6 +197,10 @@ void LinuxFile::flush() {
     checked([&] { return ::fdatasync(fd()); });
 }
 
+void LinuxFile::setPermissions(std::uint32_t permissions) {
+    checked([&] { return ::fchmod(fd(), permissions); });
+}
+
 void LinuxFile::startWriteback(std::int64_t offset, std::int64_t length) noexcept {
     ::sync_file_range(fd(), offset, length, SYNC_FILE_RANGE_WRITE);
 }

@@ -90,6 +90,7 @@ public:
     void seek(std::int64_t offset) override;
     [[nodiscard]] FileStatus status() const override;
     void flush() override;
+    void setPermissions(std::uint32_t permissions) override;
     void startWriteback(std::int64_t offset, std::int64_t length) noexcept override;
     [[nodiscard]] bool tryLock() override;
     void lock() override;

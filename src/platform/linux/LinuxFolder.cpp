@@ -2,11 +2,13 @@
 
 #include "platform/linux/LinuxFile.h"
 
-#include <algorithm>
+#include <array>
+#include <charconv>
 #include <fcntl.h>
 #include <limits>
 #include <linux/openat2.h>
 #include <stdio.h>
+#include <string_view>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -48,6 +50,25 @@ Descriptor openBeneath(int folder, const FileName& name, int flags, mode_t permi
     }
     return Descriptor(
         checked([&] { return ::openat(folder, text, detail::openingFlags(flags) | O_NOFOLLOW, permissions); }));
+}
+
+/// umask() itself cannot be asked without setting it, for all threads.
+mode_t processUmask() {
+    constexpr mode_t usual = 022;
+    constexpr std::string_view key = "\nUmask:\t";
+    std::array<char, 4096> text{}; // it is in the first lines
+    const Descriptor file(::open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+    const ssize_t length =
+        file.get() == -1 ? -1 : retried([&] { return ::read(file.get(), text.data(), text.size()); });
+    const std::string_view status(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    const std::size_t at = status.find(key);
+    mode_t mask = 0;
+    if (at == std::string_view::npos) {
+        return usual;
+    }
+    const char* const start = status.data() + at + key.size();
+    const auto [end, error] = std::from_chars(start, status.data() + status.size(), mask, 8);
+    return error == std::errc() ? mask : usual;
 }
 
 class LinuxFolder final : public Folder {
@@ -118,6 +139,8 @@ public:
         const std::uint64_t units = found.f_bavail;
         return static_cast<std::int64_t>(unit != 0 && units > most / unit ? most : units * unit);
     }
+
+    std::uint32_t ordinaryPermissions() const override { return 0666U & ~processUmask(); }
 
     std::uint32_t user() const noexcept override { return ::geteuid(); }
 

@@ -297,6 +297,26 @@ TEST_F(IncomingFiles, AreNotContinuedByAnotherPhone) {
     EXPECT_EQ(begin().bytesWritten(), 5);
 }
 
+TEST_F(IncomingFiles, AreTheOwnersAloneUntilTheyAreWhole) {
+    const auto permissions = [this](const Path& path) { return world.files.status(path).value().permissions; };
+    {
+        IncomingFile file = begin();
+        EXPECT_EQ(permissions(partial), 0600U) << "nobody else can hold its lock";
+    }
+    EXPECT_EQ(permissions(partial), 0600U);
+    world.files.setPermissions(partial, 0644); // as older versions have left it
+    IncomingFile file = begin();
+    EXPECT_EQ(permissions(partial), 0600U);
+    finish(file);
+    EXPECT_EQ(permissions(folder / "a.txt"), 0644U);
+}
+
+TEST_F(IncomingFiles, ComeToAFileSystemWithoutPermissionsToo) {
+    world.files.addFault({.operation = Operation::setPermissions, .errorNumber = EPERM});
+    IncomingFile file = begin();
+    EXPECT_EQ(finish(file).savedAt, folder / "a.txt");
+}
+
 // ---- turns
 
 const Path data = "/home/ann/.local/share/Orlinth";

@@ -146,6 +146,19 @@ TEST_F(LinuxFolderTest, MakesFilesWithTheirPermissionsUnderAnyUmask) {
     EXPECT_EQ(folder_->status(FileName("a")).value().permissions, 0600U);
 }
 
+TEST_F(LinuxFolderTest, KnowsWhatNewFilesGetUnderAnyUmask) {
+    for (const mode_t mask : {022U, 0U, 027U, 077U}) {
+        const mode_t before = ::umask(mask);
+        EXPECT_EQ(write("new", ""), "");
+        const std::uint32_t ordinary = folder_->ordinaryPermissions();
+        ::umask(before);
+        EXPECT_EQ(ordinary, folder_->status(FileName("new")).value().permissions) << mask;
+        folder_->open(FileName("new"), OpenMode::write)->setPermissions(0640);
+        EXPECT_EQ(folder_->status(FileName("new")).value().permissions, 0640U);
+        folder_->remove(FileName("new"));
+    }
+}
+
 TEST_F(LinuxFolderTest, MovesAnOpenFileAndNoOther) {
     std::unique_ptr<File> file = folder_->open(FileName("a.partial"), OpenMode::createNew);
     file->write(asBytes("ours"));
