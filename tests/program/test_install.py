@@ -138,7 +138,7 @@ class InstalledPackage(unittest.TestCase):
                 self.assertRegex(symbols, r"\b__stack_chk_fail@")
                 self.assertIn("__glibcxx_assert_fail", symbols)
                 if BUILD_TYPE != "Debug":  # what the checks need the optimiser for
-                    self.assertRegex(symbols, r"\b__(memcpy|read|snprintf|vsnprintf|recv|poll|readlink)_chk@")
+                    self.assertRegex(symbols, r"\b__\w+_chk@")
 
     @unittest.skipUnless(platform.machine() == "x86_64", "other processors have other means")
     def test_jumps_and_returns_of_our_code_are_checked_by_processors_that_can(self):
