@@ -64,8 +64,8 @@ class SaidByPhones(ServeTest):
         self.assertEqual({"event": "set_name", "from": "tablet", "name": " PHONE", "called": "PHONE (2)"}, event)
         self.say(other, service.port, {"type": "NameUpdate", "name": "pho\u200bne"})
         self.assertEqual("pho\u200bne (2)", service.events.wait_for("name_update")["called"])
+        self.assert_ends(service)  # which writes what a phone has said within seconds
         self.assertEqual({self.phone.key: "phone", other.key: "pho\u200bne (2)"}, self.names())
-        self.assert_ends(service)
         # what is sent to the name goes to the phone that had it first
         receiver = self.receiver()
         self.desk.record(self.phone, receiver.port)

@@ -145,6 +145,7 @@ TEST_F(ReceiverRecords, ANameThatAnotherPhoneHasIsKeptApart) {
     EXPECT_EQ(first.from, "Tablet");
     EXPECT_TRUE(first.isTakenOver);
     EXPECT_EQ(first.calledHere, "pixel-8 (2)");
+    world.passUntilRecordsAreWritten();
     EXPECT_EQ(nameOf(world.tabletKey), "pixel-8 (2)");
     EXPECT_EQ(nameOf(world.phoneKey), "Pixel-8");
 
@@ -157,8 +158,10 @@ TEST_F(ReceiverRecords, ANameThatAnotherPhoneHasIsKeptApart) {
     const auto phone = world.phone();
     world.send(*phone, Row::setName("Ann's phone"));
     EXPECT_EQ(std::get<Receiver::SetName>(world.syncs.back()).calledHere, "Ann's phone");
+    world.passUntilRecordsAreWritten();
     const auto last = world.connectAs(world.tabletKey);
     world.send(*last, Row::setName("pixel-8"));
+    world.passUntilRecordsAreWritten();
     EXPECT_EQ(nameOf(world.tabletKey), "pixel-8") << "now nobody else has it";
 }
 
