@@ -77,7 +77,7 @@ private:
         const std::vector<PartialDownload> downloads = Partials::in(folder);
         for (const PartialDownload& download : downloads) {
             host.output.event("partial", fieldsOf(host, folder, download));
-            host.output.result(madeVisible(download.final.text()) + "  " + humanSize(download.size) + " of " +
+            host.output.result(forDisplay(download.final.text()) + "  " + humanSize(download.size) + " of " +
                                humanSize(download.meta.advertised_size) + "  from " + senderOf(host, download) + "  " +
                                humanTime(changedAt(download)));
         }
@@ -93,7 +93,7 @@ private:
         for (const PartialDownload& download : removed) {
             bytes += download.size;
             host.output.event("partial_removed", fieldsOf(host, folder, download));
-            host.output.result("removed " + madeVisible(download.partial.text()) + " (" + humanSize(download.size) +
+            host.output.result("removed " + forDisplay(download.partial.text()) + " (" + humanSize(download.size) +
                                ")");
         }
         host.output.message(removed.empty()
@@ -127,7 +127,7 @@ private:
 
     [[nodiscard]] static std::string senderOf(const Host& host, const PartialDownload& download) {
         const std::string phone = phoneOf(host, download);
-        return phone.empty() ? "an unknown phone" : madeVisible(phone);
+        return phone.empty() ? "an unknown phone" : forDisplay(phone);
     }
 
     std::string directory_;
