@@ -17,7 +17,10 @@ constexpr std::int64_t writebackStep = 8 << 20;
 constexpr int maxChoices = 64;
 
 /// Where there is no target yet.
-const platform::FileName noName("none");
+CollisionResolver::Target noTarget() {
+    const platform::FileName none("none");
+    return {none, none, 0};
+}
 
 /// Runs a step on the disk; a failure becomes fileWriteFailed with the system's words behind `what`.
 template <typename Step>
@@ -99,7 +102,7 @@ IncomingFile::IncomingFile(const Place& place, std::unique_ptr<platform::Folder>
       phone_(std::move(phone)),
       offer_(std::move(offer)),
       offerTime_(offeredAt),
-      target_{noName, noName, 0} {}
+      target_(noTarget()) {}
 
 IncomingFile::IncomingFile(IncomingFile&&) noexcept = default;
 
