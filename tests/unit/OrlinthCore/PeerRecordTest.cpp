@@ -128,7 +128,7 @@ TEST(PeerBook, FindsTheFirstRecordOfAKey) {
 
 TEST(PeerStorePlace, IsTheUsersFolderOrTheOneGiven) {
     MemoryFileSystem files;
-    const platform::UserDirectories directories{"/data", "/config", "/downloads"};
+    const platform::UserDirectories directories{.data = "/data", .config = "/config", .downloads = "/downloads"};
     EXPECT_EQ(PeerStore(files, directories).directoryURL(), "/data/Orlinth");
     EXPECT_EQ(PeerStore(files, directories).fileURL(), "/data/Orlinth/peer.json");
     EXPECT_EQ(PeerStore(files, directories, "other.json").fileURL(), "/data/Orlinth/other.json");
