@@ -117,6 +117,8 @@ TEST_F(ServeReporterTest, TellsTwoPhonesApartWhoseNamesLookAlike) {
     callbacks_.onTransfer(received);
     callbacks_.onClipboard(
         {.text = "correct horse", .mime = "text/plain", .from = "Pixel <8>", .peerPubkey = "AAAAAAAAAAAAAAAA"});
+    letBurstPass(); // of the file
+    letBurstPass(); // of the text
     callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerPubkey = "CCCC"});
     ASSERT_EQ(3U, shown().size());
     EXPECT_EQ("File from Pixel <8> (key BBBBBBBBBBBB)", shown()[0].notification.title);
