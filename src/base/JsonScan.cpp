@@ -86,12 +86,8 @@ private:
     }
 
     void skipBlanks() {
-        const std::size_t start = at_;
         while (!isAtEnd() && isBlank(text_[at_])) {
             ++at_;
-        }
-        if (at_ - start > maxJsonBlankBytes) {
-            throw JsonError("too much white space at byte " + std::to_string(start + 1));
         }
     }
 

@@ -25,9 +25,6 @@ inline constexpr std::int64_t maxJsonMessageValues = 256;
 /// Longest number or literal, bytes. The longest number that a double needs has 770.
 inline constexpr std::size_t maxJsonScalarBytes = 1024;
 
-/// Longest run of white space, bytes.
-inline constexpr std::size_t maxJsonBlankBytes = std::size_t{1} << 20U;
-
 /// What scanJson() meets, in the order of the text. Does nothing unless overridden.
 class JsonSink {
 public:
