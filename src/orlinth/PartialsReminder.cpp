@@ -9,7 +9,7 @@ namespace orlinth::host {
 namespace {
 
 constexpr const char* timeKey = "reminded_at_epoch_ms";
-constexpr std::uint32_t ownerOnly = 0600;
+constexpr std::uint32_t reminderPermissions = 0600;
 constexpr std::int64_t nanosecondsInMillisecond = 1'000'000;
 
 } // namespace
@@ -43,7 +43,7 @@ void PartialsReminder::look() {
         }
         const Json state = {{timeKey, host_.system.clock.epochMilliseconds()}};
         platform::writeWholeFile(host_.system.files, host_.dataDirectory() / fileName, asBytes(prettyJson(state)),
-                                 ownerOnly, platform::Flush::now, platform::Links::follow);
+                                 reminderPermissions, platform::Flush::now, platform::Links::follow);
         onReminder_(reminder);
     } catch (const platform::SystemError& error) {
         host_.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "serve",

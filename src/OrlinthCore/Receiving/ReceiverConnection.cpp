@@ -21,7 +21,7 @@ namespace {
 constexpr double farewellSeconds = 5;
 
 /// Between two looks whether a phone is still there while somebody is asked about its offer.
-constexpr double lookSeconds = 0.25;
+constexpr double hangUpLookSeconds = 0.25;
 
 /// Closes the connection when the handshake takes longer than it may, as a whole.
 class HandshakeAlarm {
@@ -274,7 +274,7 @@ private:
 
     [[nodiscard]] Task<> watchPhone(OneShot<bool>& answer) {
         while (!wire_.hasEnded()) {
-            const bool isOver = !co_await platform::sleepUnlessCancelled(context_.system.clock, lookSeconds);
+            const bool isOver = !co_await platform::sleepUnlessCancelled(context_.system.clock, hangUpLookSeconds);
             if (isOver) {
                 co_return;
             }
