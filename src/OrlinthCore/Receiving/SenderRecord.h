@@ -39,10 +39,10 @@ public:
     /// Changes the record, if there is one and it differs, in one write; else nothing is locked or written, and a store
     /// that may only be read is no failure. Returns whether something was written. @throws PeerStoreError
     ///
-    /// With a token the record moves to the end of the store, as with PeerStore::upsert(). A name that another phone has
-    /// becomes freeName(). Not taken over: a token that is too long; a name that nobody could be called by; loopback in
-    /// place of another address (a tunnel ends there), and anything in place of a host name, which somebody has chosen
-    /// by hand.
+    /// With a token the record moves to the end of the store, as with PeerStore::upsert(). A name that another phone
+    /// has becomes freeName(). Not taken over: a token that is too long; a name that nobody could be called by;
+    /// loopback in place of another address (a tunnel ends there), and anything in place of a host name, which somebody
+    /// has chosen by hand.
     [[nodiscard]] bool apply(const RecordChange& change);
     /// Whether a name is fit to be one: not blank, not too long, no control characters.
     [[nodiscard]] static bool isUsableName(const std::string& name);
