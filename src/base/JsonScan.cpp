@@ -32,6 +32,8 @@ public:
         : text_(text), valuesLeft_(maxValues), sink_(sink) {}
 
     void run() {
+        constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF"; // which some editors write
+        at_ = text_.starts_with(byteOrderMark) ? byteOrderMark.size() : 0;
         while (next_ != Next::done) {
             skipBlanks();
             step();

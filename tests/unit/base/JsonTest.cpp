@@ -90,6 +90,12 @@ TEST(Json, RefusesTextsThatAreNotUtf8) {
     }
 }
 
+TEST(Json, TakesAByteOrderMarkAtTheFront) {
+    EXPECT_EQ(parseJson("\xEF\xBB\xBF[1]"), Json::array({1}));
+    EXPECT_EQ(parseError("[\xEF\xBB\xBF]"), "not valid JSON at byte 2");
+    EXPECT_EQ(parseError("\xEF\xBB[1]"), "not valid JSON at byte 1");
+}
+
 TEST(Json, ReadsABytewiseTextToo) {
     EXPECT_EQ(parseJson(asBytes("[1]")), Json::array({1}));
 }
