@@ -20,7 +20,8 @@ public:
 };
 
 /// Parses one JSON text (RFC 8259). Of duplicate keys the last one wins. The text is judged as a whole before anything
-/// is built. Time is in proportion to its length; memory is at most three times that.
+/// is built. Time is in proportion to its length; memory is at most three times a text of 16 MiB, and for shorter ones
+/// what their values take (maxJsonValues()).
 /// @throws JsonError where it is malformed, is not UTF-8, goes beyond a limit of scanJson(), has a number that a double
 ///         or a 64-bit integer cannot hold, or has anything but white space behind its end.
 [[nodiscard]] Json parseJson(ByteView text);

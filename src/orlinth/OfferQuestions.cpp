@@ -216,6 +216,8 @@ void OfferQuestions::lookForAnswer(Question& question) {
         } else if (!hasTime(question)) {
             writeToStandardError("\n");
             host_.output.message("No answer in two minutes; the file was declined.");
+            restUntil_ =
+                host_.system.clock.now() + platform::Clock::Instant(restSeconds); // a late answer is to no other
             settle(question, false);
         }
     } else if (*question.pressed || !hasTime(question)) {

@@ -195,9 +195,7 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
             tellName(output, "name_update", *update);
         }
     } else if (const auto* unpair = std::get_if<Receiver::Unpair>(&outcome)) {
-        if (admitsLine(unpair->peerPubkey, unpair->from)) {
-            tellUnpair(output, *unpair);
-        }
+        tellUnpair(output, *unpair); // always: it happens once
     } else if (const auto* replied = std::get_if<Receiver::UnpairReplied>(&outcome)) {
         if (!removed_.admits()) {
             return;

@@ -13,8 +13,8 @@
 namespace orlinth::host {
 
 /// Notices threads that hang: a worker thread, or that of `main`, that has done one thing for limits::lateSeconds is
-/// reported on standard error, once, and the service manager does not hear that the service is alive until all of them
-/// answer again. Works on a thread of its own.
+/// reported on standard error, once. While one has done so for half of the interval of the service manager, that does
+/// not hear that the service is alive. Works on a thread of its own.
 class Watchdog {
 public:
     /// Seconds between two looks.

@@ -159,9 +159,24 @@ Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOff
     co_return file;
 }
 
+/// Somebody may have put the folder into the trash and made another one: a file that comes into the old one is as good
+/// as lost, and whoever looks for it by its path finds another file or none.
+void Downloads::requireInPlace(const platform::Folder& folder) const {
+    try {
+        const std::optional<platform::FileStatus> there = system_.files.status(folder.path());
+        if (there && platform::isSameFile(*there, folder.status())) {
+            return;
+        }
+    } catch (const platform::SystemError& error) {
+        throw ReceiveError::fileWriteFailed(error.description());
+    }
+    throw ReceiveError::fileWriteFailed("the downloads folder was moved or replaced");
+}
+
 Task<ReceivedFile> Downloads::finish(IncomingFile& file, std::string remoteEndpoint) {
     file.flush();
     FolderTurn turn = co_await turns_.take(file.folder().status());
+    requireInPlace(file.folder());
     ReceivedFile received = file.finish(std::move(turn), remoteEndpoint);
     if (file.delivered() == nullptr) {
         countPartial(file.phone(), false);

@@ -36,7 +36,7 @@ public:
     ///     a refusal; Cancelled
     [[nodiscard]] Task<IncomingFile> begin(std::string phone, TransportMessage::FileOffer offer,
                                            platform::Clock::Instant offeredAt);
-    /// Ends a file in its turn (IncomingFile::finish()). `file` outlives the task.
+    /// Ends a file in its turn (IncomingFile::finish()), if its folder is still where it was. `file` outlives the task.
     /// @throws ReceiveError::fileWriteFailed; Cancelled, and then partial file and sidecar stay
     [[nodiscard]] Task<ReceivedFile> finish(IncomingFile& file, std::string remoteEndpoint);
 
@@ -53,6 +53,7 @@ private:
                                                            const CollisionResolver::Transfer& transfer,
                                                            const TransportMessage::FileOffer& offer);
     [[nodiscard]] bool hasTooManyPartials(platform::Folder& folder, const std::string& phone);
+    void requireInPlace(const platform::Folder& folder) const;
     void takeCensus(platform::Folder& folder);
     void countPartial(const std::string& phone, bool isNew);
 

@@ -160,10 +160,10 @@ std::unique_ptr<platform::File> FolderTurns::openLock(const platform::FileStatus
 }
 
 Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {
-    const platform::Clock::Instant since = system_.clock.now();
     const Executor executor = co_await asio::this_coro::executor;
     auto pass = std::make_unique<FolderTurn::Pass>(line_, executor);
     co_await pass->wait();
+    const platform::Clock::Instant since = system_.clock.now(); // how long others of this process took is no matter
     std::unique_ptr<platform::File> lock;
     bool isLocked = false;
     for (;;) {

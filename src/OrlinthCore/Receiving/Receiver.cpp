@@ -349,14 +349,17 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
             .places = places,
             .frames = frames,
             .handshakeEnd = limits.handshakeSeconds > 0
-                                ? std::optional(session->acceptedAt + platform::Clock::Instant(limits.handshakeSeconds))
+                                // from now on: before, it may have waited for a thread that was busy with a disk
+                                ? std::optional(system.clock.now() + platform::Clock::Instant(limits.handshakeSeconds))
                                 : std::nullopt,
             .onGreeting = [session] { session->hasGreeted = true; },
             .standingOf =
                 [self, session](const platform::PublicKey& key) {
                     const auto standing = self->standingOf(key);
                     if (standing == ReceiverConnectionContext::Standing::expected) { // before its record is looked for
-                        session->peerPubkey = key.base64();
+                        if (session->peerPubkey.empty()) { // and never again: other threads read it later
+                            session->peerPubkey = key.base64();
+                        }
                         asio::post(self->queue, [self, session] {
                             self->strangers.remove(session->identity);
                             self->stay(session);
@@ -431,6 +434,7 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
                      .from = session->from,
                      .peerPubkey = session->peerPubkey});
     }
+    session->kept.reset(); // others may hold the session for longer
 }
 
 void Receiver::Service::tell(const ProcessOutcome& outcome) const {

@@ -271,15 +271,21 @@ TEST_F(IncomingFiles, AreDeliveredIfSomebodyTakesTheFileAwayAtOnce) {
     EXPECT_EQ(world.files.content("/sorted/a.txt"), "0123456789");
 }
 
-TEST_F(IncomingFiles, GoIntoTheFolderInWhichTheyBegan) {
+TEST_F(IncomingFiles, StayInTheFolderInWhichTheyBeganAndAreNotDeliveredIfThatWasMoved) {
     IncomingFile file = begin();
-    world.files.swapIn(folder, "/elsewhere/folder");
+    world.files.swapIn(folder, "/trash/folder");
     world.files.put("/home/ann/secret/x", "");
     world.files.putLink(folder, "/home/ann/secret");
     file.append(asBytes("0123456789"));
-    finish(file);
-    EXPECT_EQ(world.files.content("/elsewhere/folder/a.txt"), "0123456789");
+    try {
+        finish(file);
+        ADD_FAILURE() << "no error";
+    } catch (const ReceiveError& error) {
+        EXPECT_EQ(error.description(), "file write failed: the downloads folder was moved or replaced");
+    }
+    EXPECT_EQ(world.files.content("/trash/folder/a.txt.partial"), "0123456789");
     EXPECT_FALSE(world.files.exists("/home/ann/secret/a.txt"));
+    EXPECT_FALSE(DeliveredTransfers(world.system).find(phone, "ID-1"));
 }
 
 TEST_F(IncomingFiles, AreNotContinuedByAnotherPhone) {
