@@ -47,6 +47,14 @@ def sha256(path):
     return digest.hexdigest()
 
 
+def unused_port():
+    """A port that nobody listens on, and that the system gives to nobody who asks for any: those are above 32767."""
+    for port in random.SystemRandom().sample(range(20000, 32000), 100):
+        with contextlib.suppress(OSError), socket.create_server(("127.0.0.1", port)):
+            return port
+    raise AssertionError("no port is free")
+
+
 class Events(threading.Thread):
     """Reads the JSON lines of a running program; `wait_for` returns the next event of a name."""
 

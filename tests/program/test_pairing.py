@@ -23,7 +23,7 @@ from cryptography.hazmat.primitives.serialization import Encoding, PublicFormat
 
 import own_root  # noqa: F401 (it is entered by the import)
 from avahi_world import AvahiWorld
-from harness import MIB, ORLINTH, PATIENCE, Identity, ProgramTest, seeded
+from harness import MIB, ORLINTH, PATIENCE, Identity, ProgramTest, seeded, unused_port
 from terminal import Terminal
 
 PAYLOAD_KEYS = ["pairing_secret", "peer_hostname", "peer_ip", "peer_mac", "peer_port", "peer_pubkey", "peer_subnet",
@@ -32,11 +32,6 @@ RECORD_KEYS = ["paired_at_epoch_ms", "peer_android", "peer_fcm_token", "peer_hos
                "peer_port", "peer_pubkey", "peer_subnet", "self_pubkey"]
 # Only QR codes: in their modules it now and then sees a bar code, too.
 ZBARIMG = ["zbarimg", "-q", "--raw", "-Sdisable", "-Sqrcode.enable"]
-
-
-def free_port():
-    with socket.create_server(("127.0.0.1", 0)) as probe:
-        return probe.getsockname()[1]
 
 
 def fresh_key():
@@ -104,7 +99,7 @@ class PairingTest(ProgramTest):
         return str(path)
 
     def join(self, *arguments, port=None, **options):
-        return self.running(self.phone, "join", "--listen-port", str(port or free_port()), "--json", *arguments,
+        return self.running(self.phone, "join", "--listen-port", str(port or unused_port()), "--json", *arguments,
                             **options)
 
     def records(self, identity):
@@ -303,7 +298,7 @@ class ByTheFourDigits(PairingTest):
         self.world.start_daemon()
         program = self.shown(self.mac, "--yes")
         self.assertIn(program.payload["peer_ip"], ("192.168.77.1", "192.168.78.1"))  # not the loopback one
-        joined = self.inside(self.phone, "join", "--code", program.code, "--listen-port", str(free_port()), "--yes",
+        joined = self.inside(self.phone, "join", "--code", program.code, "--listen-port", str(unused_port()), "--yes",
                              "--json")
         ours, theirs = self.assert_paired(program, joined)
         self.assertEqual(program.payload["peer_port"], theirs["peer_port"])
@@ -623,7 +618,7 @@ class WhatJoinRefuses(PairingTest):
 
     def payload(self, **changes):
         good = {"pairing_secret": base64.b64encode(os.urandom(32)).decode(), "peer_hostname": "desk",
-                "peer_ip": "127.0.0.1", "peer_mac": "", "peer_port": free_port(), "peer_pubkey": fresh_key(),
+                "peer_ip": "127.0.0.1", "peer_mac": "", "peer_port": unused_port(), "peer_pubkey": fresh_key(),
                 "peer_subnet": "", "version": 1}
         path = self.folder / "made.json"
         path.write_text(json.dumps({**good, **changes}))

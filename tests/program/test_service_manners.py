@@ -11,7 +11,7 @@ import sys
 import time
 import unittest
 
-from harness import MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, sha256
+from harness import MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, sha256, unused_port
 from test_pairing import ScriptedPhone
 
 # Gives the sockets that the test has opened to the program, as a service manager does.
@@ -362,9 +362,7 @@ exit 1
 
     def test_on_another_port_leaves_the_service_where_it_is(self):
         service = self.listening()
-        with socket.create_server(("127.0.0.1", 0)) as probe:
-            other = probe.getsockname()[1]
-        for port in ("0", str(other)):
+        for port in ("0", str(unused_port())):
             program = self.pair("--port", port)
             self.assertNotEqual(service.port, program.events.wait_for("payload")["payload"]["peer_port"])
             self.deliver(service, self.phone, f"{port}.bin")
