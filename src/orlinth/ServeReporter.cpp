@@ -118,7 +118,8 @@ ServeReporter::ServeReporter(Host& host, bool writesClipboard)
                }),
       removed_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
                [&output = host.output](std::int64_t untold) {
-                   output.result("told phones that were removed here so " + std::to_string(untold) + " more times");
+                   output.result("notified removed phones " + std::to_string(untold) +
+                                 (untold == 1 ? " more time" : " more times"));
                }) {}
 
 Receiver::Callbacks ServeReporter::callbacks() {
@@ -202,7 +203,7 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
         }
         output.event("unpair_replied",
                      {{"peer_pubkey", replied->peerPubkey}, {"remote_endpoint", replied->remoteEndpoint}});
-        output.result("told a phone that was removed here so, key " + shortKey(replied->peerPubkey) + ", at " +
+        output.result("notified a removed phone, key " + shortKey(replied->peerPubkey) + ", at " +
                       replied->remoteEndpoint);
     } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
         if (admitsLine(declined->peerPubkey, declined->from)) {
