@@ -63,7 +63,6 @@ public:
     Presence(OfferQuestions& questions, QuestionRef question, std::uint64_t offer)
         : questions_(questions), question_(std::move(question)), offer_(offer) {
         question_->newest = offer_;
-        questions_.giveTime(*question_);
         questions_.changed_.cancel(); // the offers before are told no
     }
     Presence(const Presence&) = delete;
@@ -125,7 +124,9 @@ OfferQuestions::QuestionRef OfferQuestions::questionFor(const Receiver::Offer& o
     const auto line = waiting_.find(offer.peerPubkey);
     if (line != waiting_.end()) {
         for (const QuestionRef& question : line->second) {
-            if (question->name == offer.name && question->size == offer.size) {
+            const bool isTheSame = question->transferId == offer.transferId && question->name == offer.name &&
+                                   question->size == offer.size;
+            if (isTheSame) {
                 return question;
             }
         }
@@ -137,6 +138,7 @@ OfferQuestions::QuestionRef OfferQuestions::questionFor(const Receiver::Offer& o
     }
     const auto question = std::make_shared<Question>(
         Question{.phone = offer.peerPubkey,
+                 .transferId = offer.transferId,
                  .name = offer.name,
                  .size = offer.size,
                  .text = phoneForDisplay(host_, offer.from, offer.peerPubkey) + " wants to send " +

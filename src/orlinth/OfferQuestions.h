@@ -20,8 +20,8 @@ namespace orlinth::host {
 ///
 /// Each phone, which is a key and not a name, has one question that is next and limits::questionsWaiting behind it;
 /// more of its offers are declined. The phones take turns. An offer whose task is cancelled, because its phone has hung
-/// up, takes its question with it. The same file offered again by the same phone is the same question, asked once: the
-/// newest of the connections gets the answer, and the others a no.
+/// up, takes its question with it. The same transfer offered again by the same phone is the same question, asked once
+/// and with no more time: the newest of the connections gets the answer, and the others a no.
 class OfferQuestions {
 public:
     /// Seconds until no answer counts as a no.
@@ -45,7 +45,8 @@ private:
     /// What is asked, or waits for its turn.
     struct Question {
         std::string phone; ///< key
-        std::string name;  ///< of the file
+        std::string transferId;
+        std::string name; ///< of the file
         std::int64_t size;
         std::string text;
         std::uint64_t tag;        ///< of its notification

@@ -104,9 +104,13 @@ public:
     [[nodiscard]] virtual std::optional<std::uint16_t> inheritedPort() { return std::nullopt; }
     /// A serial queue: what runs on it runs one at a time. `label` names it for diagnostics.
     [[nodiscard]] virtual Executor makeSerialQueue(const char* label) = 0;
-    /// A serial queue of the worker threads: what blocks on a disk there holds nobody up but the few queues that have
-    /// the same thread. Whatever runs there must have ended before the network goes.
+    /// A serial queue of the worker threads, which connections share: what blocks there holds up those that have the
+    /// same thread. Whatever runs there must have ended before the network goes.
     [[nodiscard]] virtual Executor makeWorkerQueue(const char* label) = 0;
+    /// A serial queue of the threads for what blocks, on a disk or with a long computation: it holds up others of its
+    /// kind alone, and those only if many of them block at once. To be used through platform::blocking(), as a rule.
+    /// What runs there must have ended before the network goes.
+    [[nodiscard]] virtual Executor makeBlockingQueue() { return makeWorkerQueue("orlinth.blocking"); }
     /// A serial queue with a thread of its own, for what may block for long: that holds nobody else up. The thread
     /// stays as long as the network, so these queues are few. What runs there must have ended before the network goes.
     [[nodiscard]] virtual Executor makeThreadQueue(const char* label) { return makeWorkerQueue(label); }

@@ -5,6 +5,7 @@
 #include "platform/Network.h"
 
 #include <asio/io_context.hpp>
+#include <asio/strand.hpp>
 
 #include <deque>
 #include <functional>
@@ -126,6 +127,14 @@ public:
                                                              Executor executor) override;
     [[nodiscard]] Executor makeSerialQueue(const char* label) override;
     [[nodiscard]] Executor makeWorkerQueue(const char* label) override { return makeSerialQueue(label); }
+    [[nodiscard]] Executor makeBlockingQueue() override {
+        ++blockingQueues;
+        return blocking_;
+    }
+    /// Whether this is being called from a blocking queue.
+    [[nodiscard]] bool isOnBlockingQueue() const noexcept { return blocking_.running_in_this_thread(); }
+    /// How many were asked for.
+    int blockingQueues = 0;
     [[nodiscard]] std::vector<platform::LateQueue> lateQueues(double /*seconds*/) override { return late; }
     /// What lateQueues() returns.
     std::vector<platform::LateQueue> late;
@@ -166,6 +175,7 @@ private:
         Event changed;
     };
     asio::io_context& context_;
+    asio::strand<asio::io_context::executor_type> blocking_{context_.get_executor()};
     std::map<std::uint16_t, std::shared_ptr<Port>> ports_;
     std::map<std::string, bool> silent_;
     struct Failure {

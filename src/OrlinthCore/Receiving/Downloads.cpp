@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/Partials.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
+#include "platform/Blocking.h"
 #include "platform/SystemError.h"
 
 #include <algorithm>
@@ -47,9 +48,16 @@ bool Downloads::isDelivered(const std::string& phone, const TransportMessage::Fi
 
 // ---- refusals
 
+Task<Downloads::Prospect> Downloads::prospectOf(std::string phone, TransportMessage::FileOffer offer) {
+    requireSensible(offer);
+    return platform::blocking(system_.network, [this, phone = std::move(phone), offer = std::move(offer)] {
+        const bool isHere = isDelivered(phone, offer);
+        return Prospect{.isDelivered = isHere, .refusal = isHere ? std::nullopt : refusalOf(phone, offer)};
+    });
+}
+
 std::optional<DownloadRefusal> Downloads::refusalOf(const std::string& phone,
                                                     const TransportMessage::FileOffer& offer) {
-    requireSensible(offer);
     std::unique_ptr<platform::Folder> folder;
     try {
         folder = system_.files.openFolder(path_);
@@ -140,6 +148,15 @@ void Downloads::countPartial(const std::string& phone, bool isNew) {
 Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOffer offer,
                                     platform::Clock::Instant offeredAt) {
     requireSensible(offer);
+    Task<std::optional<IncomingFile>> beginning = beginHere(std::move(phone), std::move(offer), offeredAt);
+    std::optional<IncomingFile> file =
+        co_await platform::runOn(system_.network.makeBlockingQueue(), std::move(beginning));
+    co_return std::move(*file);
+}
+
+/// On a queue that may block, and so the other one.
+Task<std::optional<IncomingFile>> Downloads::beginHere(std::string phone, TransportMessage::FileOffer offer,
+                                                       platform::Clock::Instant offeredAt) {
     std::unique_ptr<platform::Folder> folder = open();
     const CollisionResolver::Transfer transfer{.id = offer.transfer_id, .phone = phone};
     const std::optional<DownloadRefusal> refusal = refusalIn(*folder, transfer, offer);
@@ -159,6 +176,18 @@ Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOff
     co_return file;
 }
 
+Task<> Downloads::append(IncomingFile& file, ByteView data) {
+    if (!file.wouldBlock(data.size())) {
+        file.append(data);
+        co_return;
+    }
+    co_await platform::blocking(system_.network, [&file, data] { file.append(data); });
+}
+
+Task<> Downloads::close(IncomingFile& file) {
+    return platform::blocking(system_.network, [&file] { file.close(); });
+}
+
 /// Somebody may have put the folder into the trash and made another one: a file that comes into the old one is as good
 /// as lost, and whoever looks for it by its path finds another file or none.
 void Downloads::requireInPlace(const platform::Folder& folder) const {
@@ -174,6 +203,13 @@ void Downloads::requireInPlace(const platform::Folder& folder) const {
 }
 
 Task<ReceivedFile> Downloads::finish(IncomingFile& file, std::string remoteEndpoint) {
+    Task<std::optional<ReceivedFile>> finishing = finishHere(file, std::move(remoteEndpoint));
+    std::optional<ReceivedFile> received =
+        co_await platform::runOn(system_.network.makeBlockingQueue(), std::move(finishing));
+    co_return std::move(*received);
+}
+
+Task<std::optional<ReceivedFile>> Downloads::finishHere(IncomingFile& file, std::string remoteEndpoint) {
     file.flush();
     FolderTurn turn = co_await turns_.take(file.folder().status());
     requireInPlace(file.folder());

@@ -13,7 +13,8 @@ namespace orlinth {
 /// The path is looked up at each offer, as its owner may have removed the folder, or put another one there; from then
 /// on the file goes into the folder that was found (platform::Folder).
 ///
-/// Threading: any thread. Tasks block on the disk, but do not wait for other programs there. Outlives its files.
+/// Threading: any thread. Tasks wait for the disk and for other programs where that holds nobody up
+/// (platform::blocking()); data is handed to the system in place. Outlives its files.
 class Downloads {
 public:
     /// What `system` refers to outlives this.
@@ -22,20 +23,27 @@ public:
     /// Before the first file.
     void setLimits(const DownloadLimits& limits) noexcept { limits_ = limits; }
 
-    /// Whether begin() would find the file here already.
-    [[nodiscard]] bool isDelivered(const std::string& phone, const TransportMessage::FileOffer& offer);
-    /// Why begin() would fail for reasons that the sender should be told of by a refusal; nothing if it would not.
+    /// What begin() would come to.
+    struct Prospect {
+        bool isDelivered = false; ///< the file is here already
+        /// Why it would fail for reasons that the sender should be told of by a refusal; nothing if it would not.
+        std::optional<DownloadRefusal> refusal;
+    };
     /// Transfers under way count with what is still to come, and this one with what is not here yet. Makes no folder:
     /// of one that is not there nothing can be said.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed
-    [[nodiscard]] std::optional<DownloadRefusal> refusalOf(const std::string& phone,
-                                                           const TransportMessage::FileOffer& offer);
+    [[nodiscard]] Task<Prospect> prospectOf(std::string phone, TransportMessage::FileOffer offer);
     /// Begins a file in its turn (IncomingFile::begin()), in a folder that is made if it is missing.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed, also
     /// for
     ///     a refusal; Cancelled
     [[nodiscard]] Task<IncomingFile> begin(std::string phone, TransportMessage::FileOffer offer,
                                            platform::Clock::Instant offeredAt);
+    /// What has come of it (IncomingFile::append()). `file` and `data` outlive the task.
+    /// @throws ReceiveError::fileWriteFailed, ReceiveError::protocolViolation; Cancelled
+    [[nodiscard]] Task<> append(IncomingFile& file, ByteView data);
+    /// Leaves what has come for a resume (IncomingFile::close()). `file` outlives the task.
+    [[nodiscard]] Task<> close(IncomingFile& file);
     /// Ends a file in its turn (IncomingFile::finish()), if its folder is still where it was. `file` outlives the task.
     /// @throws ReceiveError::fileWriteFailed; Cancelled, and then partial file and sidecar stay
     [[nodiscard]] Task<ReceivedFile> finish(IncomingFile& file, std::string remoteEndpoint);
@@ -48,7 +56,13 @@ private:
         std::map<std::string, std::size_t> partials; ///< by the phone's key
     };
 
+    [[nodiscard]] Task<std::optional<IncomingFile>> beginHere(std::string phone, TransportMessage::FileOffer offer,
+                                                              platform::Clock::Instant offeredAt);
+    [[nodiscard]] Task<std::optional<ReceivedFile>> finishHere(IncomingFile& file, std::string remoteEndpoint);
+    [[nodiscard]] bool isDelivered(const std::string& phone, const TransportMessage::FileOffer& offer);
     [[nodiscard]] std::unique_ptr<platform::Folder> open() const;
+    [[nodiscard]] std::optional<DownloadRefusal> refusalOf(const std::string& phone,
+                                                           const TransportMessage::FileOffer& offer);
     [[nodiscard]] std::optional<DownloadRefusal> refusalIn(platform::Folder& folder,
                                                            const CollisionResolver::Transfer& transfer,
                                                            const TransportMessage::FileOffer& offer);

@@ -107,14 +107,20 @@ IncomingFile::IncomingFile(const Place& place, std::unique_ptr<platform::Folder>
 IncomingFile::IncomingFile(IncomingFile&&) noexcept = default;
 
 IncomingFile::~IncomingFile() {
-    if (partial_) {
-        try {
-            flush();
-            keepSidecar();
-        } catch (const std::exception&) {
-            // Whatever ended the transfer is being reported; a resume starts from what the disk has kept.
-        }
+    close();
+}
+
+void IncomingFile::close() noexcept {
+    if (!partial_) {
+        return;
     }
+    try {
+        flush();
+        keepSidecar();
+    } catch (const std::exception&) {
+        // Whatever ended the transfer is being reported; a resume starts from what the disk has kept.
+    }
+    partial_.reset();
 }
 
 IncomingFile IncomingFile::begin(const Place& place, std::unique_ptr<platform::Folder> folder,
@@ -232,6 +238,11 @@ void IncomingFile::append(ByteView data) {
     }
 }
 
+bool IncomingFile::wouldBlock(std::size_t bytes) const noexcept {
+    const std::int64_t size = bytesWritten_ + static_cast<std::int64_t>(bytes);
+    return !delivered_ && (size - writtenBack_ >= writebackStep || isTimeToLook(size));
+}
+
 void IncomingFile::limitTo(const DownloadLimits& limits, DownloadRoom::Share share) {
     limits_ = limits;
     share_.emplace(std::move(share));
@@ -246,8 +257,7 @@ void IncomingFile::requireRoomFor(std::int64_t bytes) {
     if (limits_.maxFileBytes > 0 && size > limits_.maxFileBytes) {
         throw ReceiveError::fileWriteFailed(DownloadRefusal{Reason::tooLarge, limits_.maxFileBytes}.description());
     }
-    const bool isTimeToLook = size > offer_.size || size - roomSeenAt_ >= writebackStep;
-    if (limits_.keepFreeBytes == 0 || bytes == 0 || !isTimeToLook) {
+    if (bytes == 0 || !isTimeToLook(size)) {
         return;
     }
     const std::int64_t free = writing("", [&] { return folder_->freeBytes(); });
@@ -255,6 +265,10 @@ void IncomingFile::requireRoomFor(std::int64_t bytes) {
         throw ReceiveError::fileWriteFailed(DownloadRefusal{Reason::noRoom, limits_.keepFreeBytes}.description());
     }
     roomSeenAt_ = size;
+}
+
+bool IncomingFile::isTimeToLook(std::int64_t size) const noexcept {
+    return limits_.keepFreeBytes != 0 && (size > offer_.size || size - roomSeenAt_ >= writebackStep);
 }
 
 void IncomingFile::moveIntoPlace() {

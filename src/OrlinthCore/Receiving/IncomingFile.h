@@ -78,6 +78,11 @@ public:
 
     /// @throws ReceiveError::fileWriteFailed; ReceiveError::protocolViolation for data of a file that is here already
     void append(ByteView data);
+    /// Whether append() of so many bytes would do more than hand them to the system: ask for the disk's room, start
+    /// write-back, flush the sidecar.
+    [[nodiscard]] bool wouldBlock(std::size_t bytes) const noexcept;
+    /// Flushes what there is for a resume, and lets go of the partial file; as destruction does. May be called again.
+    void close() noexcept;
 
     /// Flushes the data, before a turn is taken for finish(). @throws ReceiveError::fileWriteFailed
     void flush();
@@ -97,6 +102,7 @@ private:
                  TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt);
     void open();
     void requireRoomFor(std::int64_t bytes);
+    [[nodiscard]] bool isTimeToLook(std::int64_t size) const noexcept;
     [[nodiscard]] bool acknowledgeIfDelivered();
     void saveSidecar();
     void keepSidecar();

@@ -80,33 +80,6 @@ public:
     /// What a frame asks for.
     enum class Next { read, accept, finish };
 
-    [[nodiscard]] Next take(const FrameView& frame) {
-        if (const auto* data = std::get_if<MutableBytes>(&frame)) {
-            append(*data);
-            return Next::read;
-        }
-        return take(std::get<TransportMessage>(frame));
-    }
-    /// Begins the file that was offered; returns the answer.
-    [[nodiscard]] Task<TransportMessage> accept() {
-        open_.emplace(wire_);
-        IncomingFile incoming =
-            co_await downloads_.begin(request_.expectedPeerPubkey.base64(), *offer_, system_.clock.now());
-        file_.emplace(std::move(incoming));
-        if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
-            progress_.onAlreadyHere(*offer_, delivery->path);
-        } else {
-            progress_.onOffer(*offer_, file_->bytesWritten());
-        }
-        co_return file_->resumeMessage();
-    }
-    [[nodiscard]] Task<ReceivedFile> finish() {
-        ReceivedFile received = co_await downloads_.finish(*file_, wire_.remoteEndpoint());
-        open_->settle();
-        co_return received;
-    }
-
-private:
     [[nodiscard]] Next take(const TransportMessage& message) {
         using Tag = TransportMessage::Tag;
         switch (message.tag()) {
@@ -135,15 +108,34 @@ private:
         }
         throw ReceiveError::protocolViolation("name frame on one-shot receive path");
     }
-
-    void append(ByteView data) {
+    /// `data` outlives the task.
+    [[nodiscard]] Task<> append(ByteView data) {
         if (!file_) {
             throw ReceiveError::protocolViolation("binary frame before FileOffer");
         }
-        file_->append(data);
+        co_await downloads_.append(*file_, data);
         progress_.onProgress(file_->bytesWritten(), file_->offer().size);
     }
+    /// Begins the file that was offered; returns the answer.
+    [[nodiscard]] Task<TransportMessage> accept() {
+        open_.emplace(wire_);
+        IncomingFile incoming =
+            co_await downloads_.begin(request_.expectedPeerPubkey.base64(), *offer_, system_.clock.now());
+        file_.emplace(std::move(incoming));
+        if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
+            progress_.onAlreadyHere(*offer_, delivery->path);
+        } else {
+            progress_.onOffer(*offer_, file_->bytesWritten());
+        }
+        co_return file_->resumeMessage();
+    }
+    [[nodiscard]] Task<ReceivedFile> finish() {
+        ReceivedFile received = co_await downloads_.finish(*file_, wire_.remoteEndpoint());
+        open_->settle();
+        co_return received;
+    }
 
+private:
     platform::System& system_;
     const ReceiveRequest& request_;
     ReceiveProgress& progress_;
@@ -154,12 +146,17 @@ private:
     std::optional<OpenTransfer> open_; // behind the file, so that the sender hears of a failure before that is closed
 };
 
-Task<ReceivedFile> receiveFile(WireConnection& wire, TransportFramer& framer, OneTransfer& transfer) {
+Task<ReceivedFile> receiveFile(platform::Network& network, WireConnection& wire, TransportFramer& framer,
+                               OneTransfer& transfer) {
     FrameBuffer buffer;
     for (;;) {
         co_await wire.receiveFrame(buffer);
-        const FrameView frame = framer.decodeInPlace(buffer.body());
-        const OneTransfer::Next next = transfer.take(frame);
+        const FrameView frame = co_await framer.decodeInPlace(network, buffer.body());
+        if (const auto* data = std::get_if<MutableBytes>(&frame)) {
+            co_await transfer.append(*data);
+            continue;
+        }
+        const OneTransfer::Next next = transfer.take(std::get<TransportMessage>(frame));
         if (next == OneTransfer::Next::accept) {
             const TransportMessage answer = co_await transfer.accept();
             const Bytes resume = framer.encodeJSON(answer);
@@ -187,7 +184,7 @@ Task<ReceivedFile> receiveOnQueue(platform::System& system, ReceiveRequest reque
     TransportFramer framer = co_await authenticate(wire, request);
     progress.onHandshakeComplete();
     OneTransfer transfer(system, request, progress, wire);
-    co_return co_await receiveFile(wire, framer, transfer);
+    co_return co_await receiveFile(system.network, wire, framer, transfer);
 }
 
 } // namespace

@@ -67,7 +67,7 @@ enum class Whom { anybody, strangersOnly };
 /// Ends a session, soon after. Any thread.
 void end(const SessionRef& session, std::string because, Whom whom = Whom::anybody) {
     asio::post(session->queue, [session, because = std::move(because), whom] {
-        const bool hasProvedItself = !session->from.empty(); // in this very moment, perhaps
+        const bool hasProvedItself = !session->peerPubkey.empty(); // in this very moment, perhaps
         if (!session->endedBecause && !(whom == Whom::strangersOnly && hasProvedItself)) {
             session->endedBecause = because;
             session->stop.emit(asio::cancellation_type::terminal);

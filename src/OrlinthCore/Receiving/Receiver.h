@@ -101,6 +101,7 @@ public:
         std::int64_t size;
         std::string from;
         std::string peerPubkey = {}; ///< the sender's key, Base64: names may be alike
+        std::string transferId = {}; ///< as the sender says; the same when it offers the same transfer again
     };
 
     /// What happens, told on the receiver's queue. Every one may be empty. None may throw.

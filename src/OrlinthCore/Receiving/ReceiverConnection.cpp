@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/OpenTransfer.h"
 #include "OrlinthCore/Receiving/SenderRecord.h"
+#include "platform/Blocking.h"
 #include "platform/Cancelled.h"
 #include "platform/Deadline.h"
 #include "platform/IpAddress.h"
@@ -131,9 +132,10 @@ public:
                 co_return std::nullopt;
             }
             place_->heard();
-            FrameView frame = framer_.decodeInPlace(buffer.body());
+            FrameView frame = co_await framer_.decodeInPlace(context_.system.network, buffer.body());
             if (const auto* data = std::get_if<MutableBytes>(&frame)) {
-                append(*data);
+                requireFile(*data);
+                co_await context_.downloads.append(*file_, *data);
                 giveBack(buffer);
                 continue;
             }
@@ -153,6 +155,17 @@ public:
         const Bytes body = framer_.encodeJSON(message);
         co_await wire_.sendLengthPrefixed(body);
         static_cast<void>(co_await wire_.closeAfterFarewell(farewellSeconds)); // whatever it does, it was told
+    }
+
+    /// Leaves what has not been finished for a resume; nothing happens here afterwards. The disk is waited for, but not
+    /// on this thread.
+    [[nodiscard]] Task<> leave() {
+        open_.reset(); // the sender need not wait for the disk to hear of a failure
+        if (file_) {
+            co_await context_.downloads.close(*file_);
+            file_.reset();
+        }
+        claim_.reset();
     }
 
 private:
@@ -181,7 +194,8 @@ private:
         co_return true;
     }
 
-    void append(ByteView data) {
+    /// @throws ReceiveError::protocolViolation unless the data belongs to an accepted offer
+    void requireFile(ByteView data) const {
         if (!file_) {
             throw ReceiveError::protocolViolation("binary frame before FileOffer");
         }
@@ -189,7 +203,6 @@ private:
             file_->bytesWritten() + static_cast<std::int64_t>(data.size()) > *approvedSize_ + limits::dataFrameBytes) {
             throw ReceiveError::protocolViolation("more data than was offered");
         }
-        file_->append(data);
     }
 
     /// What the message comes to; nothing if the conversation goes on.
@@ -208,10 +221,11 @@ private:
         }
         if (const auto* update = message.as<Row::TokenUpdate>()) {
             hasUpdatedToken_ = true;
-            changeRecord([&] { say({.token = update->peer_fcm_token}); });
+            co_await changeRecord([&] { say({.token = update->peer_fcm_token}); });
             co_return std::nullopt;
         }
-        co_return end(message);
+        Result result = co_await end(message);
+        co_return std::optional<Result>(std::in_place, std::move(result));
     }
 
     /// It may have been here for long. @throws ReceiveError::unauthorizedPeer if nobody knows it any more
@@ -231,22 +245,22 @@ private:
         open_.emplace(wire_);
         const platform::Clock::Instant offerTime = context_.system.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
-        const bool isHere = context_.downloads.isDelivered(self_->peerPubkey(), offer);
-        std::optional<DownloadRefusal> refusal;
-        if (!isHere) {
-            refusal = context_.downloads.refusalOf(self_->peerPubkey(), offer);
-        }
-        bool isWanted = !refusal;
+        const Downloads::Prospect prospect = co_await context_.downloads.prospectOf(self_->peerPubkey(), offer);
+        const bool isHere = prospect.isDelivered;
+        bool isWanted = !prospect.refusal;
         if (!isHere && isWanted && context_.approveOffer) { // nobody is asked twice about the same file
-            isWanted = co_await ask(
-                {.name = offer.name, .size = offer.size, .from = name_, .peerPubkey = self_->peerPubkey()});
+            isWanted = co_await ask({.name = offer.name,
+                                     .size = offer.size,
+                                     .from = name_,
+                                     .peerPubkey = self_->peerPubkey(),
+                                     .transferId = offer.transfer_id});
             approvedSize_ = std::max<std::int64_t>(offer.size, 0);
         }
         if (!isWanted) {
             open_->settle();
             co_await sayFarewell(Row::decline());
             co_return Receiver::Declined{
-                .from = name_, .name = offer.name, .refusal = refusal, .peerPubkey = self_->peerPubkey()};
+                .from = name_, .name = offer.name, .refusal = prospect.refusal, .peerPubkey = self_->peerPubkey()};
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock, offeredAt);
@@ -282,33 +296,33 @@ private:
         answer.fail(std::make_exception_ptr(WireConnection::Error::eof()));
     }
 
-    [[nodiscard]] Result end(const TransportMessage& message) {
+    [[nodiscard]] Task<Result> end(const TransportMessage& message) {
         using Tag = TransportMessage::Tag;
         switch (message.tag()) {
         case Tag::Clipboard: {
             const auto* clip = message.as<Row::Clipboard>();
             context_.keepUntilTold(room_); // texts must not pile up where they are told of
-            return Receiver::Clipboard{.text = clip->text,
-                                       .mime = clip->mime,
-                                       .from = sender_.displayName(),
-                                       .peerPubkey = self_->peerPubkey()};
+            co_return Receiver::Clipboard{.text = clip->text,
+                                          .mime = clip->mime,
+                                          .from = sender_.displayName(),
+                                          .peerPubkey = self_->peerPubkey()};
         }
         case Tag::SetName:
-            return rename<Receiver::SetName>(message.as<Row::SetName>()->name);
+            co_return co_await rename<Receiver::SetName>(message.as<Row::SetName>()->name);
         case Tag::NameUpdate:
-            return rename<Receiver::NameUpdate>(message.as<Row::NameUpdate>()->name);
+            co_return co_await rename<Receiver::NameUpdate>(message.as<Row::NameUpdate>()->name);
         case Tag::Unpair: {
             Receiver::Unpair outcome{
                 .from = sender_.displayName(), .peerPubkey = self_->peerPubkey(), .isForgotten = false};
-            changeRecord([&] {
+            co_await changeRecord([&] {
                 context_.updates.forget(framer_.session().remoteStaticPublicKey());
                 sender_.remove();
                 outcome.isForgotten = true;
             });
-            return outcome;
+            co_return outcome;
         }
         case Tag::Decline:
-            return Receiver::Declined{.from = sender_.displayName(), .name = {}, .peerPubkey = self_->peerPubkey()};
+            co_return Receiver::Declined{.from = sender_.displayName(), .name = {}, .peerPubkey = self_->peerPubkey()};
         case Tag::FileOffer:
         case Tag::Done:
         case Tag::TokenUpdate:
@@ -335,27 +349,28 @@ private:
     }
 
     template <typename Outcome>
-    [[nodiscard]] Receiver::ProcessOutcome rename(const std::string& name) {
+    [[nodiscard]] Task<Receiver::ProcessOutcome> rename(const std::string& name) {
         Outcome outcome{
             .name = name, .from = sender_.displayName(), .isTakenOver = false, .peerPubkey = self_->peerPubkey()};
-        changeRecord([&] {
+        co_await changeRecord([&] {
             const std::optional<std::string> called = sender_.nameHere(name);
             say({.name = name});
             outcome.isTakenOver = called.has_value();
             outcome.calledHere = called.value_or("");
         });
-        return outcome;
+        co_return outcome;
     }
 
     void say(RecordChange change) {
         context_.updates.say(framer_.session().remoteStaticPublicKey(), std::move(change), context_.onTrouble);
     }
 
-    /// A record that cannot be changed is told of, and costs nobody the file that comes next, or what has been said.
+    /// Where it may block. A record that cannot be changed is told of, and costs nobody the file that comes next, or
+    /// what has been said. What `change` refers to outlives the task.
     template <typename Change>
-    void changeRecord(Change change) {
+    [[nodiscard]] Task<> changeRecord(Change change) {
         try {
-            change();
+            co_await platform::blocking(context_.system.network, std::move(change));
         } catch (const PeerStoreError&) {
             context_.onTrouble(std::current_exception());
         }
@@ -378,22 +393,22 @@ private:
 };
 
 /// Tells of the phone that has come, and keeps its address up to date; returns what it is called.
-std::string welcome(const ReceiverConnectionContext& context, const platform::PublicKey& key,
-                    const std::string& endpoint) {
-    const SenderRecord sender(context.system, key);
+Task<std::string> welcome(const ReceiverConnectionContext& context, platform::PublicKey key, std::string endpoint) {
     std::optional<PeerRecord> record;
     try {
-        const std::string address = platform::addressOfEndpoint(endpoint);
-        record = sender.find();
-        if (record && SenderRecord::isAddressNew(*record, address)) {
-            context.updates.say(key, {.address = address}, context.onTrouble);
-            record->peer_ip = address;
-        }
+        co_await platform::blocking(context.system.network, [&] {
+            const std::string address = platform::addressOfEndpoint(endpoint);
+            record = SenderRecord(context.system, key).find();
+            if (record && SenderRecord::isAddressNew(*record, address)) {
+                context.updates.say(key, {.address = address}, context.onTrouble);
+                record->peer_ip = address;
+            }
+        });
     } catch (const PeerStoreError&) {
         context.onTrouble(std::current_exception());
     }
     context.onAuthenticated(record);
-    return record ? record->peer_hostname : Receiver::unknownPeer;
+    co_return record ? record->peer_hostname : Receiver::unknownPeer;
 }
 
 } // namespace
@@ -410,14 +425,29 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
     if (standing == Standing::unknown) {
         throw ReceiveError::unauthorizedPeer();
     }
-    const std::string name =
-        standing == Standing::expected ? welcome(context, key, endpoint) : std::string(Receiver::unknownPeer);
+    std::string name = Receiver::unknownPeer;
+    if (standing == Standing::expected) {
+        name = co_await welcome(context, key, endpoint);
+    }
     Conversation conversation(context, wire, std::move(transport), name);
     if (standing == Standing::removed) {
         co_await conversation.sayFarewell(TransportMessage::unpair());
         co_return Receiver::UnpairReplied{.peerPubkey = key.base64(), .remoteEndpoint = endpoint};
     }
-    co_return co_await conversation.run();
+    std::exception_ptr failure;
+    std::optional<Receiver::ProcessOutcome> outcome;
+    try {
+        outcome = co_await conversation.run();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    // Once we are cancelled every further await throws, unless this is said first.
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    co_await conversation.leave();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    co_return outcome;
 }
 
 } // namespace orlinth

@@ -10,9 +10,7 @@
 namespace orlinth {
 
 RecordUpdates::RecordUpdates(platform::System& system)
-    : system_(system),
-      queue_(system.network.makeWorkerQueue("orlinth.receiver.records")),
-      alarm_(system.clock.makeTimer(queue_)) {}
+    : system_(system), queue_(system.network.makeBlockingQueue()), alarm_(system.clock.makeTimer(queue_)) {}
 
 bool RecordUpdates::isDue(const Phone& phone) const {
     return !phone.writtenAt ||

@@ -1,6 +1,7 @@
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 
 #include "OrlinthCore/SecureChannel/WireConnection.h"
+#include "platform/Blocking.h"
 
 #include <algorithm>
 #include <array>
@@ -249,13 +250,24 @@ DecodedFrame TransportFramer::decode(ByteView body) {
 }
 
 FrameView TransportFramer::decodeInPlace(MutableBytes body) {
-    MutableBytes plaintext;
+    return readPlaintext(openInPlace(body));
+}
+
+Task<FrameView> TransportFramer::decodeInPlace(platform::Network& network, MutableBytes body) {
+    const MutableBytes plaintext = openInPlace(body);
+    const bool isLong = plaintext.size() > longMessageBytes && plaintext.front() == typeByteJSON;
+    if (!isLong) {
+        co_return readPlaintext(plaintext);
+    }
+    co_return co_await platform::blocking(network, [plaintext] { return readPlaintext(plaintext); });
+}
+
+MutableBytes TransportFramer::openInPlace(MutableBytes body) {
     try {
-        plaintext = session_.decryptInPlace(body, {});
+        return session_.decryptInPlace(body, {});
     } catch (const orlinth::Error& error) {
         throw Error::decrypt(describe(error));
     }
-    return readPlaintext(plaintext);
 }
 
 // --- TransportFramer::Error ---

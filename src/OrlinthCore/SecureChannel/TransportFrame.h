@@ -3,6 +3,7 @@
 #include "OrlinthCore/SecureChannel/FrameBuffer.h"
 #include "OrlinthCore/SecureChannel/NoiseXX.h"
 #include "base/Json.h"
+#include "platform/Network.h"
 
 #include <variant>
 
@@ -128,6 +129,8 @@ public:
     static constexpr std::size_t maxPlaintextBytes = 16'777'216;
     static constexpr std::byte typeByteJSON{0x01};
     static constexpr std::byte typeByteBinary{0x02};
+    /// Of JSON; from here on a message is long. All are shorter, but for texts.
+    static constexpr std::size_t longMessageBytes = 64 << 10;
     /// What a frame body costs beyond its payload: type byte and tag.
     static constexpr std::size_t overheadBytes = 1 + CipherState::tagBytes;
 
@@ -147,9 +150,13 @@ public:
     void sealBinary(FrameBuffer& buffer, std::size_t length);
     /// Opens a body where it lies. Binary data of the result lives as long as `body` stays untouched.
     [[nodiscard]] FrameView decodeInPlace(MutableBytes body);
+    /// The same; a long message is read where nobody else waits meanwhile (platform::blocking()). `body` outlives the
+    /// task.
+    [[nodiscard]] Task<FrameView> decodeInPlace(platform::Network& network, MutableBytes body);
 
 private:
     [[nodiscard]] Bytes sealFrame(std::byte type, ByteView body);
+    [[nodiscard]] MutableBytes openInPlace(MutableBytes body);
 
     NoiseTransport session_;
 };

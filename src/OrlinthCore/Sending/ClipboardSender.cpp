@@ -51,11 +51,11 @@ Task<> deliver(platform::System& system, WireConnection& wire, ByteView sealed, 
 }
 
 /// Reads the phone's answer, if one comes. Only Unpair counts; the end of the connection is the usual one.
-Task<bool> phoneRemovedUs(WireConnection& wire, TransportFramer& framer) {
+Task<bool> phoneRemovedUs(platform::Network& network, WireConnection& wire, TransportFramer& framer) {
     FrameBuffer buffer;
     try {
         co_await wire.receiveFrame(buffer);
-        const FrameView frame = framer.decodeInPlace(buffer.body());
+        const FrameView frame = co_await framer.decodeInPlace(network, buffer.body());
         const auto* message = std::get_if<TransportMessage>(&frame);
         co_return message != nullptr && message->as<TransportMessage::Unpair>() != nullptr;
     } catch (const std::exception& error) {
@@ -87,7 +87,7 @@ Task<> sendOnQueue(platform::System& system, TransportMessage message, OneOffReq
     }
     const Bytes sealed = framer.encodeJSON(message);
     co_await deliver(system, wire, sealed, request.onSent);
-    const bool removed = co_await phoneRemovedUs(wire, framer);
+    const bool removed = co_await phoneRemovedUs(system.network, wire, framer);
     if (removed) {
         throw SendError::peerRemoved();
     }

@@ -125,7 +125,8 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
     co_await wire.sendLengthPrefixed(offer);
     FrameBuffer buffer;
     co_await wire.receiveFrame(buffer);
-    const std::int64_t offset = acceptedOffset(framer.decodeInPlace(buffer.body()), prepared.transferId, source.size);
+    const FrameView answer = co_await framer.decodeInPlace(system.network, buffer.body());
+    const std::int64_t offset = acceptedOffset(answer, prepared.transferId, source.size);
 
     const platform::Clock::Instant start = system.clock.now();
     const std::unique_ptr<platform::File> file = openAt(system.files, prepared.path, offset);

@@ -166,6 +166,10 @@ Executor LinuxNetwork::makeWorkerQueue(const char* label) {
     return workers_.makeSerialQueue(label);
 }
 
+Executor LinuxNetwork::makeBlockingQueue() {
+    return workers_.makeBlockingQueue();
+}
+
 Executor LinuxNetwork::makeThreadQueue(const char* label) {
     return workers_.makeThreadQueue(label);
 }

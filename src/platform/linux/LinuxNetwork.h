@@ -23,6 +23,7 @@ public:
     [[nodiscard]] std::optional<std::uint16_t> inheritedPort() override;
     [[nodiscard]] Executor makeSerialQueue(const char* label) override;
     [[nodiscard]] Executor makeWorkerQueue(const char* label) override;
+    [[nodiscard]] Executor makeBlockingQueue() override;
     [[nodiscard]] Executor makeThreadQueue(const char* label) override;
     [[nodiscard]] std::vector<LateQueue> lateQueues(double seconds) override;
 

@@ -5,6 +5,7 @@
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
+#include <asio/strand.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -22,6 +23,9 @@ unsigned mostThreads() {
     constexpr unsigned most = 32;
     return std::clamp(4 * std::thread::hardware_concurrency(), least, most);
 }
+
+/// Of the pool for what blocks: as many flushes at once as a disk can make use of.
+constexpr std::size_t mostBlockingThreads = 16;
 
 } // namespace
 
@@ -42,6 +46,23 @@ struct WorkerThreads::Worker {
     std::thread thread; ///< last: it runs the context
 };
 
+/// One more thread for each queue that is made, up to the most.
+struct WorkerThreads::Pool {
+    Pool() : work(context.get_executor()) {}
+    Pool(const Pool&) = delete;
+    Pool& operator=(const Pool&) = delete;
+    ~Pool() {
+        work.reset();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+
+    asio::io_context context;
+    asio::executor_work_guard<asio::io_context::executor_type> work;
+    std::vector<std::thread> threads; ///< last: they run the context
+};
+
 WorkerThreads::WorkerThreads() = default;
 WorkerThreads::~WorkerThreads() = default;
 
@@ -60,6 +81,24 @@ Executor WorkerThreads::makeSerialQueue(const char* label) {
     next_ = (next_ + 1) % workers_.size();
     workers_[next_]->label = label;
     return workers_[next_]->context.get_executor();
+}
+
+Executor WorkerThreads::makeBlockingQueue() {
+    const std::lock_guard guard(lock_);
+    if (!blocking_) {
+        blocking_ = std::make_unique<Pool>();
+    }
+    Pool& pool = *blocking_;
+    if (pool.threads.size() < mostBlockingThreads) {
+        try {
+            pool.threads.emplace_back([&pool] { pool.context.run(); });
+        } catch (const std::system_error& error) {
+            if (pool.threads.empty()) {
+                throw SystemError(error.code());
+            } // fewer will do
+        }
+    }
+    return asio::make_strand(pool.context);
 }
 
 Executor WorkerThreads::makeThreadQueue(const char* label) {

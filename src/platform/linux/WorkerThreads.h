@@ -13,7 +13,8 @@ namespace orlinth::platform {
 ///
 /// Not one pool for all queues: where several threads wait for the same sockets, every packet that comes in while a
 /// connection is being worked on wakes another thread in vain, which costs a sixth of a large transfer's speed on two
-/// processors.
+/// processors. What blocks has a pool, though: no socket is waited for there, and whoever comes takes the thread that
+/// is free.
 class WorkerThreads {
 public:
     WorkerThreads();
@@ -23,6 +24,8 @@ public:
 
     /// `label` names it for diagnostics. Any thread. @throws SystemError if not even one thread can be had
     [[nodiscard]] Executor makeSerialQueue(const char* label = "");
+    /// A queue of the pool for what blocks. Any thread. @throws SystemError if not even one thread can be had
+    [[nodiscard]] Executor makeBlockingQueue();
     /// A queue with a thread that no other queue gets. Any thread. @throws SystemError if no thread can be had
     [[nodiscard]] Executor makeThreadQueue(const char* label);
 
@@ -31,10 +34,12 @@ public:
 
 private:
     struct Worker;
+    struct Pool;
 
     std::mutex lock_; ///< guards what follows
     std::vector<std::unique_ptr<Worker>> workers_;
     std::vector<std::unique_ptr<Worker>> alone_; ///< those that have one queue each
+    std::unique_ptr<Pool> blocking_;             ///< null until it is asked for
     std::size_t next_ = 0;                       ///< whose turn it is to get a queue
 };
 

@@ -44,7 +44,7 @@ protected:
     }
     [[nodiscard]] std::optional<Reason> refusal(const TransportMessage::FileOffer& offer,
                                                 const std::string& from = phone) {
-        const std::optional<DownloadRefusal> refusal = downloads.refusalOf(from, offer);
+        const std::optional<DownloadRefusal> refusal = world.run(downloads.prospectOf(from, offer)).refusal;
         return refusal ? std::optional(refusal->reason) : std::nullopt;
     }
     void putPartial(const std::string& name, const std::string& content, const std::string& id,
@@ -141,7 +141,7 @@ TEST_F(DownloadsTest, StopASenderThatSendsMoreThanItHasOffered) {
 TEST_F(DownloadsTest, SayNothingOfAFolderThatIsNotThere) {
     downloads.setLimits({.keepFreeBytes = 1000, .maxFileBytes = 0});
     Downloads missing(world.system, "/missing");
-    EXPECT_EQ(missing.refusalOf(phone, offerOf(1)), std::nullopt);
+    EXPECT_EQ(world.run(missing.prospectOf(phone, offerOf(1))).refusal, std::nullopt);
     EXPECT_FALSE(world.files.exists("/missing"));
 }
 

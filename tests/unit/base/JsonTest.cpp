@@ -232,6 +232,15 @@ TEST(Json, ReadsSixtyFourBitIntegersExactly) {
     EXPECT_EQ(requireInt64(value, "power"), 1000);
 }
 
+TEST(Json, ReadsEveryKindOfNumberAsTheLibraryDoes) {
+    for (const char* text : {"0", "-0", "7", "-7", "18446744073709551615", "18446744073709551616",
+                             "9223372036854775808", "-9223372036854775808", "-9223372036854775809", "1.5", "-1.5",
+                             "1e3", "-0.0", "1E-400", "true", "false", "null"}) {
+        EXPECT_EQ(parseJson(text), Json::parse(text)) << text;
+        EXPECT_EQ(parseJson(text).type(), Json::parse(text).type()) << text;
+    }
+}
+
 TEST(Json, RefusesIntegersOutOfRange) {
     const Json value = parseJson(R"({"a":9223372036854775808,"b":-9223372036854775809,"c":18446744073709551616,
                                      "d":1.5,"e":1e19,"f":9223372036854775807.0,"g":1e300})");

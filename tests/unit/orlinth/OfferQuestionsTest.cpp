@@ -174,7 +174,7 @@ TEST_F(OfferQuestionsTest, AsksOnceForAFileThatIsOfferedAgainAndAnswersTheNewest
     fakes::runUntilIdle(world_.context, world_.clock);
 }
 
-TEST_F(OfferQuestionsTest, GivesTheOfferThatCameAgainItsOwnTwoMinutes) {
+TEST_F(OfferQuestionsTest, GivesTheOfferThatCameAgainNoMoreTimeAsItWouldKeepOthersWaiting) {
     world_.alongside(ask("a.txt", first_));
     settle();
     while (world_.clock.elapsed() < 100) {
@@ -184,7 +184,7 @@ TEST_F(OfferQuestionsTest, GivesTheOfferThatCameAgainItsOwnTwoMinutes) {
     world_.alongside(ask("a.txt", second_));
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_EQ(false, second_);
-    EXPECT_NEAR(220, world_.clock.elapsed(), 0.5);
+    EXPECT_NEAR(120, world_.clock.elapsed(), 0.5);
 }
 
 TEST_F(OfferQuestionsTest, TakesAQuestionBackWhosePhoneHangsUp) {
@@ -232,6 +232,26 @@ TEST_F(OfferQuestionsTest, KeepsAQuestionThatANewerOfferHasComeTo) {
     world_.notifications.answer(0, "accept");
     pass(0.2);
     EXPECT_EQ(true, third->answer);
+}
+
+TEST_F(OfferQuestionsTest, TwoTransfersOfOnePhoneNeverShareAQuestionHoweverAlikeTheyAre) {
+    std::optional<bool> first;
+    std::optional<bool> second;
+    const auto askFor = [this](std::string id, std::optional<bool>& answer) -> Task<> {
+        answer = co_await questions_.wants(
+            {.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerPubkey = "phone", .transferId = std::move(id)});
+    };
+    world_.alongside(askFor("1", first));
+    world_.alongside(askFor("2", second));
+    settle();
+    world_.notifications.answer(0, "accept");
+    pass(0.2);
+    EXPECT_EQ(true, first);
+    EXPECT_FALSE(second);
+    ASSERT_EQ(2U, shown().size());
+    world_.notifications.answer(1, "decline");
+    pass(0.2);
+    EXPECT_EQ(false, second);
 }
 
 TEST_F(OfferQuestionsTest, TwoPhonesOfOneNameNeverShareAQuestion) {
