@@ -1,3 +1,4 @@
+#include "OrlinthCore/Sending/ActiveTransfers.h"
 #include "fakes/ReceiverWorld.h"
 
 #include <gmock/gmock.h>
@@ -87,6 +88,27 @@ TEST_F(ReceiverBlocking, AFileThatTheEndOfTheServiceInterruptsTooAndIsThereWhenT
     EXPECT_GT(world.files.count(Operation::flush), before);
     EXPECT_FALSE(world.files.isLocked(ReceiverWorld::folder / "a.txt.partial"));
     expectNothingElsewhere();
+}
+
+TEST_F(ReceiverBlocking, WhyATransferEndedIsReportedAlsoIfItIsTakenOverWhileTheDiskIsWaitedFor) {
+    const auto phone = world.phone();
+    world.offer(*phone, "a.txt");
+    world.sendData(*phone, "01234");
+    const auto again = std::make_shared<const TransferConnection>(world.phoneKey.publicKey().base64(), [] {});
+    ActiveTransfers& transfers = ActiveTransfers::shared();
+    world.files.beforeEach([&](Operation operation, const platform::Path&) {
+        if (operation != Operation::flush) {
+            return;
+        }
+        if (const TransferConnectionRef displaced = transfers.takeOver("ID-1", again).displaced) {
+            displaced->cancel(); // as for the phone's next attempt, which has begun
+        }
+    });
+    world.send(*phone, Row::resume("ID-1", 0)); // no phone says that
+    EXPECT_THAT(world.failureTexts(),
+                testing::ElementsAre("protocol violation: unexpected Resume message from sender"));
+    EXPECT_TRUE(transfers.mayProceed("ID-1", again));
+    transfers.finish("ID-1", again);
 }
 
 TEST_F(ReceiverBlocking, WhatAPhoneSaysOfItselfIsWrittenElsewhere) {

@@ -52,6 +52,7 @@ struct Session {
     asio::cancellation_signal stop;       ///< on its queue
     /// Why it was ended from here; on its queue.
     std::optional<std::string> endedBecause;
+    bool isOver = false;    ///< it has come to an end of its own; on its queue
     std::string from;       ///< display name of the phone; on its queue
     std::string peerPubkey; ///< its key, Base64, once it is proved to be a paired one; on its queue
     /// What goes with the session, which is when the host has been told of its end.
@@ -68,7 +69,8 @@ enum class Whom { anybody, strangersOnly };
 void end(const SessionRef& session, std::string because, Whom whom = Whom::anybody) {
     asio::post(session->queue, [session, because = std::move(because), whom] {
         const bool hasProvedItself = !session->peerPubkey.empty(); // in this very moment, perhaps
-        if (!session->endedBecause && !(whom == Whom::strangersOnly && hasProvedItself)) {
+        const bool isEnding = session->isOver || session->endedBecause;
+        if (!isEnding && !(whom == Whom::strangersOnly && hasProvedItself)) {
             session->endedBecause = because;
             session->stop.emit(asio::cancellation_type::terminal);
         }
@@ -388,6 +390,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                         }
                     });
                 },
+            .onOver = [session] { session->isOver = true; },
             .onTrouble =
                 [self, session](std::exception_ptr error) {
                     const Failure failure{.error = std::move(error),

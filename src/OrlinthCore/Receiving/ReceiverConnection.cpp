@@ -441,6 +441,7 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
     } catch (...) {
         failure = std::current_exception();
     }
+    context.onOver();
     // Once we are cancelled every further await throws, unless this is said first.
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     co_await conversation.leave();

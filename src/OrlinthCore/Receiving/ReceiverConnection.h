@@ -32,6 +32,9 @@ struct ReceiverConnectionContext {
     std::function<void(std::shared_ptr<const void>)> keepUntilTold;
     /// The phone has proved its key; its record, if it has one.
     std::function<void(const std::optional<PeerRecord>&)> onAuthenticated;
+    /// It is settled how the connection ends, though it may still have to wait for the disk: nothing that is said of it
+    /// from now on, as by `dismiss`, is the reason.
+    std::function<void()> onOver;
     /// Something went wrong that does not end the connection.
     std::function<void(std::exception_ptr)> onTrouble;
 };
