@@ -8,6 +8,8 @@
 #include "platform/SystemError.h"
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace orlinth::host {
 
@@ -21,19 +23,31 @@ std::int64_t changedAt(const PartialDownload& download) {
     return download.changedNanoseconds / nanosecondsInMillisecond;
 }
 
-/// Removes those that have not changed since, all in one turn of the folder; returns those that are gone.
-/// What it refers to outlives it.
-Task<std::vector<PartialDownload>> removeOlder(platform::System& system, platform::Folder& folder,
-                                               std::int64_t epochMilliseconds) {
-    FolderTurns turns(system);
-    const FolderTurn turn = co_await turns.take(folder.status());
+/// What has come of removing: those that are gone, and those that could not be removed, with the reason.
+struct Removal {
     std::vector<PartialDownload> removed;
+    std::vector<std::pair<PartialDownload, std::string>> failed;
+};
+
+/// Removes those that have not changed since, each in a turn of its own, so that receivers need not wait for all.
+/// What it refers to outlives it.
+Task<Removal> removeOlder(platform::System& system, platform::Folder& folder, std::int64_t epochMilliseconds) {
+    FolderTurns turns(system);
+    Removal removal;
     for (PartialDownload& download : Partials::in(folder)) {
-        if (changedAt(download) < epochMilliseconds && Partials::remove(folder, download)) {
-            removed.push_back(std::move(download));
+        if (changedAt(download) >= epochMilliseconds) {
+            continue;
+        }
+        const FolderTurn turn = co_await turns.take(folder.status());
+        try {
+            if (Partials::remove(folder, download)) {
+                removal.removed.push_back(std::move(download));
+            }
+        } catch (const platform::SystemError& error) {
+            removal.failed.emplace_back(std::move(download), error.description());
         }
     }
-    co_return removed;
+    co_return removal;
 }
 
 class PartialsCommand final : public Command {
@@ -62,10 +76,9 @@ public:
             }
             const std::unique_ptr<platform::Folder> folder = host.system.files.openFolder(path);
             if (age_->count() > 0) {
-                remove(host, *folder);
-            } else {
-                list(host, *folder);
+                return remove(host, *folder) ? 0 : 1;
             }
+            list(host, *folder);
             return 0;
         } catch (const platform::SystemError& error) {
             throw HostError("cannot look through " + path.string() + ": " + error.description());
@@ -86,9 +99,10 @@ private:
         }
     }
 
-    void remove(Host& host, platform::Folder& folder) const {
+    /// False if some could not be removed.
+    [[nodiscard]] bool remove(Host& host, platform::Folder& folder) const {
         const std::int64_t limit = host.system.clock.epochMilliseconds() - days_ * millisecondsInDay;
-        const std::vector<PartialDownload> removed = host.tasks.run(removeOlder(host.system, folder, limit));
+        const auto [removed, failed] = host.tasks.run(removeOlder(host.system, folder, limit));
         std::int64_t bytes = 0;
         for (const PartialDownload& download : removed) {
             bytes += download.size;
@@ -96,11 +110,17 @@ private:
             host.output.result("removed " + forDisplay(download.partial.text()) + " (" + humanSize(download.size) +
                                ")");
         }
+        for (const auto& [download, reason] : failed) {
+            host.output.failure("cannot remove " + forDisplay(download.partial.text()) + ": " + reason,
+                                "Remove it and its sidecar yourself.",
+                                {{"path", toUtf8((folder.path() / download.partial.text()).native())}});
+        }
         host.output.message(removed.empty()
                                 ? "There is nothing to remove."
                                 : "Removed " + std::to_string(removed.size()) +
                                       (removed.size() == 1 ? " unfinished download, " : " unfinished downloads, ") +
                                       humanSize(bytes) + ".");
+        return failed.empty();
     }
 
     [[nodiscard]] static Json fieldsOf(const Host& host, const platform::Folder& folder,

@@ -344,6 +344,22 @@ class Unfinished(ServeTest):
         self.assertRegex(result.stdout, r"^new.mov  5 bytes of 10 bytes  from phone  \d{4}-\d\d-\d\d \d\d:\d\d\n$")
         self.assertEqual(2, self.desk.run("partials", "--remove-older-than", "-1").returncode)
 
+    def test_one_that_cannot_be_removed_does_not_keep_the_others(self):
+        for name in ("busy", "old"):
+            partial = self.desk.downloads / f"{name}.partial"
+            shutil.copy("/bin/sleep", partial)
+            (self.desk.downloads / f"{name}.partial.meta.json").write_text(json.dumps(
+                {"transfer_id": name, "advertised_size": 10, "started_at_epoch_ms": 1, "peer_pubkey": self.phone.key}))
+            os.utime(partial, (1, 1))
+        running = subprocess.Popen([self.desk.downloads / "busy.partial", "60"])  # nobody may write a running program
+        self.addCleanup(running.wait)
+        self.addCleanup(running.kill)
+        result = self.desk.run("partials", "--dir", str(self.desk.downloads), "--remove-older-than", "7")
+        self.assertEqual(1, result.returncode, result.stderr)
+        self.assertIn("orlinth: cannot remove busy.partial: Text file busy\n", result.stderr)
+        self.assertIn("removed old.partial", result.stdout)
+        self.assertEqual(["busy.partial", "busy.partial.meta.json"], self.left_over())
+
 
 if __name__ == "__main__":
     unittest.main()
