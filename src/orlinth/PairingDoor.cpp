@@ -95,6 +95,7 @@ struct PairingDoor::State {
     std::unique_ptr<platform::Stream> phone;
     std::exception_ptr failure; ///< of the port
     int deliveriesTold = 0;     ///< a stranger can look like one, as often as it likes
+    int visitorsTold = 0;       ///< the same
 
     void begin(const std::shared_ptr<State>& self, const Executor& executor);
     void admit(const std::shared_ptr<State>& self, std::unique_ptr<platform::Stream> stream);
@@ -160,7 +161,8 @@ void PairingDoor::State::admit(const std::shared_ptr<State>& self, std::unique_p
         }
     });
     platform::spawn(*queue, look(self, place), [self, place](const std::exception_ptr& error) {
-        if (error) { // it went away, or took too long: nothing that anybody has to know
+        const bool isTold = error && ++self->visitorsTold <= limits::linesOfStrangers;
+        if (isTold) { // it went away, or took too long: nothing that anybody has to know
             self->host.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "pair",
                                         "turned away " + place->who + ": " + describe(error));
         }

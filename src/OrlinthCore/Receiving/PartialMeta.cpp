@@ -40,7 +40,7 @@ platform::FileName PartialMetaIO::metaName(const platform::FileName& partial) {
 
 void PartialMetaIO::save(platform::Folder& folder, const PartialMeta& meta, const platform::FileName& partial,
                          platform::Flush flush) {
-    constexpr std::uint32_t permissions = 0644;
+    constexpr std::uint32_t permissions = 0600; // as its partial file: it says who sends what
     platform::writeWholeFile(folder, metaName(partial), asBytes(prettyJson(meta.toJson())), permissions, flush);
 }
 

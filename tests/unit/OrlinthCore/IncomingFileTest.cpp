@@ -308,6 +308,7 @@ TEST_F(IncomingFiles, AreTheOwnersAloneUntilTheyAreWhole) {
     {
         IncomingFile file = begin();
         EXPECT_EQ(permissions(partial), 0600U) << "nobody else can hold its lock";
+        EXPECT_EQ(permissions(folder / "a.txt.partial.meta.json"), 0600U) << "it says who sends what";
     }
     EXPECT_EQ(permissions(partial), 0600U);
     world.files.setPermissions(partial, 0644); // as older versions have left it
