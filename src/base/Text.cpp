@@ -17,8 +17,18 @@ struct Character {
     std::string_view bytes;
 };
 
+constexpr bool isAscii(utf8proc_int32_t codePoint) noexcept {
+    return codePoint >= 0 && codePoint < 0x80;
+}
+
 /// Takes the first character off `rest`, which must not be empty.
 Character takeCharacter(std::string_view& rest) {
+    const auto first = static_cast<unsigned char>(rest.front());
+    if (isAscii(first)) { // most are, and texts may be long
+        const Character character{first, rest.substr(0, 1)};
+        rest.remove_prefix(1);
+        return character;
+    }
     utf8proc_int32_t codePoint = -1;
     const auto* start = reinterpret_cast<const utf8proc_uint8_t*>(rest.data());
     const utf8proc_ssize_t length = utf8proc_iterate(start, static_cast<utf8proc_ssize_t>(rest.size()), &codePoint);
@@ -38,6 +48,9 @@ bool isSpace(utf8proc_int32_t codePoint) {
     if ((codePoint >= 0x09 && codePoint <= 0x0d) || codePoint == 0x85) {
         return true;
     }
+    if (isAscii(codePoint)) {
+        return codePoint == ' ';
+    }
     switch (utf8proc_category(codePoint)) {
     case UTF8PROC_CATEGORY_ZS:
     case UTF8PROC_CATEGORY_ZL:
@@ -49,6 +62,9 @@ bool isSpace(utf8proc_int32_t codePoint) {
 }
 
 bool isInvisible(utf8proc_int32_t codePoint) {
+    if (isAscii(codePoint)) {
+        return codePoint < ' ' || codePoint == 0x7f;
+    }
     switch (utf8proc_category(codePoint)) {
     case UTF8PROC_CATEGORY_CC:
     case UTF8PROC_CATEGORY_CF:
