@@ -412,38 +412,73 @@ print(",".join(sorted(set(results))))
         self.assertIn("closed a connection from outside your networks: " + self.FAR, receiver.stderr)
 
 
+@unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
 class Hanging(BudgetTest):
-    # the flush of a partial download hangs while a file says so, as on a disk that is gone
-    HANGING_FLUSH = """
+    # a call on the partial file of a download called "slow" hangs while a file says so, as on a disk that is gone
+    HANGING_CALL = """
         #define _GNU_SOURCE
         #include <dlfcn.h>
         #include <stdio.h>
         #include <stdlib.h>
         #include <string.h>
         #include <unistd.h>
-        int fdatasync(int number) {
+        static void hang(int number) {
             char link[64], path[4096] = "";
             snprintf(link, sizeof link, "/proc/self/fd/%d", number);
-            if (readlink(link, path, sizeof path - 1) > 0 && strstr(path, ".partial"))
+            if (readlink(link, path, sizeof path - 1) > 0 && strstr(path, "slow") && strstr(path, ".partial"))
                 while (access(getenv("ORLINTH_TEST_HANG"), F_OK) == 0) usleep(10000);
+        }
+    """
+    FLUSH = HANGING_CALL + """
+        int fdatasync(int number) {
+            hang(number);
             return ((int (*)(int))dlsym(RTLD_NEXT, "fdatasync"))(number);
         }
     """
+    WRITE = HANGING_CALL + """
+        ssize_t write(int number, const void* data, size_t size) {
+            hang(number);
+            return ((ssize_t (*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write"))(number, data, size);
+        }
+    """
 
-    @unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
+    def hang_in(self, call):
+        """From now on services hang there, for as long as the file is there that this returns."""
+        hang = self.folder / "hang"
+        hang.touch()
+        self.desk.environment.update(ORLINTH_TEST_HANG=str(hang), LD_PRELOAD=str(self.shim("hanging", call)))
+        return hang
+
+    def test_a_disk_that_hangs_for_all_connections_of_a_phone_holds_nobody_else_up(self):
+        hang = self.hang_in(self.FLUSH)
+        other = self.another_phone("tablet")
+        service = self.serve()
+        senders = [self.send(self.phone, self.file(f"slow {number}.bin", os.urandom(1000)), service.port)
+                   for number in range(MOST_OF_ONE_PHONE)]
+        for sender in senders:
+            sender.events.wait_for("handshake")
+        time.sleep(0.5)  # for their flushes
+        for number in range(4):
+            self.assert_sent(other, self.file(f"{number}.bin", b"abc"), service)
+        self.assertEqual([], [sender for sender in senders if sender.process.poll() is not None])
+        self.assertNotIn("a thread has not answered", told(service))
+        hang.unlink()
+        for sender in senders:
+            self.assertEqual(0, sender.wait(), sender.stderr)
+        self.assert_ends(service)
+
     def test_a_thread_that_hangs_is_reported_and_the_service_manager_does_not_hear_that_all_is_well(self):
-        hang, path = self.folder / "hang", self.folder / "notify"
+        hang, path = self.hang_in(self.WRITE), self.folder / "notify"
+        hang.unlink()
         other = self.another_phone("tablet")
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
             manager.bind(str(path))
             manager.settimeout(PATIENCE)
-            self.desk.environment.update(
-                NOTIFY_SOCKET=str(path), WATCHDOG_USEC="2000000", ORLINTH_TEST_HANG=str(hang),
-                LD_PRELOAD=str(self.shim("hanging", self.HANGING_FLUSH)))
+            self.desk.environment.update(NOTIFY_SOCKET=str(path), WATCHDOG_USEC="2000000")
             service = self.serve()
             self.assert_alive(manager)
             hang.touch()
-            sender = self.send(self.phone, self.file("a.bin", os.urandom(MIB)), service.port)
+            sender = self.send(self.phone, self.file("slow.bin", os.urandom(MIB)), service.port)
             self.wait_until(lambda: "seconds: orlinth.receiver.connection" in told(service))
             self.assertRegex(told(service), r"\norlinth: a thread has not answered for [23] seconds: orlinth\.receiver\.")
             manager.setblocking(False)

@@ -24,8 +24,8 @@ unsigned mostThreads() {
     return std::clamp(4 * std::thread::hardware_concurrency(), least, most);
 }
 
-/// Of the pool for what blocks: as many flushes at once as a disk can make use of.
-constexpr std::size_t mostBlockingThreads = 16;
+/// Of the pool for what blocks: twice as many as one phone may have connections, so that none can take all of them.
+constexpr std::size_t mostBlockingThreads = 32;
 
 } // namespace
 

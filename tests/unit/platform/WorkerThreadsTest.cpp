@@ -180,7 +180,7 @@ TEST(WorkerThreads, WhatBlocksHoldsUpNeitherQueuesNorOthersThatBlock) {
     WorkerThreads workers;
     std::promise<void> release;
     const std::shared_future<void> released = release.get_future().share();
-    for (int i = 0; i < 15; ++i) {
+    for (int i = 0; i < 31; ++i) {
         asio::post(workers.makeBlockingQueue(), [released] { released.wait(); });
     }
     constexpr int queues = 100;
@@ -209,7 +209,7 @@ TEST(WorkerThreads, WhatIsOnOneBlockingQueueRunsOneAtATimeAndInOrderOnABoundedNu
     for (int i = 0; i < 1000; ++i) {
         asio::post(workers.makeBlockingQueue(), [] {});
     }
-    EXPECT_EQ(threadsOfProcess() - before, 16U);
+    EXPECT_EQ(threadsOfProcess() - before, 32U);
     std::promise<void> end;
     for (int i = 0; i < 2000; ++i) {
         asio::post(queue, [&seen, i] { seen.push_back(i); });
