@@ -92,6 +92,10 @@ Task<> beRude(platform::System system, Rudeness rudeness, std::vector<Connection
             });
         } else if (rudeness.what == "tokens") {
             co_await say(connection, TransportMessage::tokenUpdate("token " + number));
+            if (i == rudeness.count) { // all are read when the other side closes
+                constexpr double patience = 60;
+                static_cast<void>(co_await connection.wire->closeAfterFarewell(patience));
+            }
         } else if (rudeness.what == "names") {
             co_await say(connection, TransportMessage::setName("name " + number));
             static_cast<void>(co_await connection.wire->closeAfterFarewell(5));

@@ -396,14 +396,13 @@ private:
 Task<std::string> welcome(const ReceiverConnectionContext& context, platform::PublicKey key, std::string endpoint) {
     std::optional<PeerRecord> record;
     try {
-        co_await platform::blocking(context.system.network, [&] {
-            const std::string address = platform::addressOfEndpoint(endpoint);
-            record = SenderRecord(context.system, key).find();
-            if (record && SenderRecord::isAddressNew(*record, address)) {
-                context.updates.say(key, {.address = address}, context.onTrouble);
-                record->peer_ip = address;
-            }
-        });
+        const std::string address = platform::addressOfEndpoint(endpoint);
+        record = SenderRecord(context.system, key).find();
+        if (record && SenderRecord::isAddressNew(*record, address)) {
+            co_await platform::blocking(context.system.network,
+                                        [&] { context.updates.say(key, {.address = address}, context.onTrouble); });
+            record->peer_ip = address;
+        }
     } catch (const PeerStoreError&) {
         context.onTrouble(std::current_exception());
     }
