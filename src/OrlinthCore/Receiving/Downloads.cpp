@@ -147,21 +147,28 @@ void Downloads::countPartial(const std::string& phone, bool isNew) {
 
 Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOffer offer,
                                     platform::Clock::Instant offeredAt) {
-    requireSensible(offer);
-    Task<std::optional<IncomingFile>> beginning = beginHere(std::move(phone), std::move(offer), offeredAt);
-    std::optional<IncomingFile> file =
-        co_await platform::runOn(system_.network.makeBlockingQueue(), std::move(beginning));
-    co_return std::move(*file);
+    Beginning beginning = co_await beginUnlessRefused(std::move(phone), std::move(offer), offeredAt);
+    if (beginning.refusal) {
+        throw ReceiveError::fileWriteFailed(beginning.refusal->description());
+    }
+    co_return std::move(*beginning.file);
 }
 
-/// On a queue that may block, and so the other one.
-Task<std::optional<IncomingFile>> Downloads::beginHere(std::string phone, TransportMessage::FileOffer offer,
-                                                       platform::Clock::Instant offeredAt) {
+Task<Downloads::Beginning> Downloads::beginUnlessRefused(std::string phone, TransportMessage::FileOffer offer,
+                                                         platform::Clock::Instant offeredAt) {
+    requireSensible(offer);
+    Task<Beginning> beginning = beginHere(std::move(phone), std::move(offer), offeredAt);
+    return platform::runOn(system_.network.makeBlockingQueue(), std::move(beginning));
+}
+
+/// On a queue that may block, and so finishHere().
+Task<Downloads::Beginning> Downloads::beginHere(std::string phone, TransportMessage::FileOffer offer,
+                                                platform::Clock::Instant offeredAt) {
     std::unique_ptr<platform::Folder> folder = open();
     const CollisionResolver::Transfer transfer{.id = offer.transfer_id, .phone = phone};
     const std::optional<DownloadRefusal> refusal = refusalIn(*folder, transfer, offer);
     if (refusal && !isDelivered(phone, offer)) {
-        throw ReceiveError::fileWriteFailed(refusal->description());
+        co_return Beginning{.file = std::nullopt, .refusal = refusal};
     }
     const FolderTurn turn = co_await turns_.take(folder->status());
     IncomingFile file = IncomingFile::begin({.system = system_, .delivered = delivered_}, std::move(folder), turn,
@@ -173,7 +180,7 @@ Task<std::optional<IncomingFile>> Downloads::beginHere(std::string phone, Transp
             countPartial(transfer.phone, true);
         }
     }
-    co_return file;
+    co_return Beginning{.file = std::move(file), .refusal = std::nullopt};
 }
 
 Task<> Downloads::append(IncomingFile& file, ByteView data) {

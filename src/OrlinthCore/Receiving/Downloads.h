@@ -33,10 +33,17 @@ public:
     /// of one that is not there nothing can be said.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed
     [[nodiscard]] Task<Prospect> prospectOf(std::string phone, TransportMessage::FileOffer offer);
+    /// What has come of an offer: one of the two.
+    struct Beginning {
+        std::optional<IncomingFile> file;
+        std::optional<DownloadRefusal> refusal;
+    };
     /// Begins a file in its turn (IncomingFile::begin()), in a folder that is made if it is missing.
-    /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed, also
-    /// for
-    ///     a refusal; Cancelled
+    /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed;
+    /// Cancelled
+    [[nodiscard]] Task<Beginning> beginUnlessRefused(std::string phone, TransportMessage::FileOffer offer,
+                                                     platform::Clock::Instant offeredAt);
+    /// The same; a refusal is thrown too, as ReceiveError::fileWriteFailed.
     [[nodiscard]] Task<IncomingFile> begin(std::string phone, TransportMessage::FileOffer offer,
                                            platform::Clock::Instant offeredAt);
     /// What has come of it (IncomingFile::append()). `file` and `data` outlive the task.
@@ -56,8 +63,8 @@ private:
         std::map<std::string, std::size_t> partials; ///< by the phone's key
     };
 
-    [[nodiscard]] Task<std::optional<IncomingFile>> beginHere(std::string phone, TransportMessage::FileOffer offer,
-                                                              platform::Clock::Instant offeredAt);
+    [[nodiscard]] Task<Beginning> beginHere(std::string phone, TransportMessage::FileOffer offer,
+                                            platform::Clock::Instant offeredAt);
     [[nodiscard]] Task<std::optional<ReceivedFile>> finishHere(IncomingFile& file, std::string remoteEndpoint);
     [[nodiscard]] bool isDelivered(const std::string& phone, const TransportMessage::FileOffer& offer);
     [[nodiscard]] std::unique_ptr<platform::Folder> open() const;

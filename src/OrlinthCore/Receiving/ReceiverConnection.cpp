@@ -245,28 +245,24 @@ private:
         open_.emplace(wire_);
         const platform::Clock::Instant offerTime = context_.system.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
-        const Downloads::Prospect prospect = co_await context_.downloads.prospectOf(self_->peerPubkey(), offer);
-        const bool isHere = prospect.isDelivered;
-        bool isWanted = !prospect.refusal;
-        if (!isHere && isWanted && context_.approveOffer) { // nobody is asked twice about the same file
-            isWanted = co_await ask({.name = offer.name,
-                                     .size = offer.size,
-                                     .from = name_,
-                                     .peerPubkey = self_->peerPubkey(),
-                                     .transferId = offer.transfer_id});
-            approvedSize_ = std::max<std::int64_t>(offer.size, 0);
-        }
-        if (!isWanted) {
-            open_->settle();
-            co_await sayFarewell(Row::decline());
-            co_return Receiver::Declined{
-                .from = name_, .name = offer.name, .refusal = prospect.refusal, .peerPubkey = self_->peerPubkey()};
+        bool mustBeHere = false;
+        if (context_.approveOffer) {
+            const Downloads::Prospect prospect = co_await context_.downloads.prospectOf(self_->peerPubkey(), offer);
+            mustBeHere = prospect.isDelivered; // nobody is asked twice about the same file
+            const bool isWanted = mustBeHere || (!prospect.refusal && co_await isApproved(offer));
+            if (!isWanted) {
+                co_return co_await decline(offer, prospect.refusal);
+            }
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
         co_await claim_->take(context_.system.clock, offeredAt);
-        IncomingFile incoming = co_await context_.downloads.begin(self_->peerPubkey(), offer, offerTime);
-        file_.emplace(std::move(incoming));
-        if (isHere && file_->delivered() == nullptr) {
+        Downloads::Beginning beginning =
+            co_await context_.downloads.beginUnlessRefused(self_->peerPubkey(), offer, offerTime);
+        if (beginning.refusal) {
+            co_return co_await decline(offer, beginning.refusal);
+        }
+        file_.emplace(std::move(*beginning.file));
+        if (mustBeHere && file_->delivered() == nullptr) {
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }
         place_->beginTransfer();
@@ -274,6 +270,22 @@ private:
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
         co_await wire_.sendLengthPrefixed(resume);
         co_return std::nullopt;
+    }
+
+    [[nodiscard]] Task<std::optional<Result>> decline(Row::FileOffer offer, std::optional<DownloadRefusal> refusal) {
+        open_->settle();
+        co_await sayFarewell(Row::decline());
+        co_return Receiver::Declined{
+            .from = name_, .name = offer.name, .refusal = refusal, .peerPubkey = self_->peerPubkey()};
+    }
+
+    [[nodiscard]] Task<bool> isApproved(Row::FileOffer offer) {
+        approvedSize_ = std::max<std::int64_t>(offer.size, 0);
+        co_return co_await ask({.name = offer.name,
+                                .size = offer.size,
+                                .from = name_,
+                                .peerPubkey = self_->peerPubkey(),
+                                .transferId = offer.transfer_id});
     }
 
     /// The host's answer. A phone that has hung up, or is gone, is not asked about any longer.
