@@ -22,13 +22,18 @@ NoiseTransport session(bool sending) {
                    : NoiseTransport({}, nobody, CipherState(), CipherState(key));
 }
 
+/// How long they are each is transport_frame_fuzz's business; here it is how they follow each other.
 std::vector<DecodedFrame> messagesOf(Input& input) {
+    constexpr std::size_t mostMessages = 40;
+    constexpr std::size_t mostBytes = 64 << 10;
     std::vector<DecodedFrame> messages;
-    while (!input.empty() && messages.size() < 40) {
+    std::size_t total = 0;
+    while (!input.empty() && messages.size() < mostMessages && total < mostBytes) {
         const std::size_t kind = input.byte();
         const std::size_t length = input.twoBytes();
         const ByteView bytes = input.bytes(length);
         const std::string text = toUtf8(toText(bytes));
+        total += text.size();
         switch (kind % 8) {
         case 0:
             messages.emplace_back(TransportMessage::fileOffer(text, static_cast<std::int64_t>(length), text, text));
