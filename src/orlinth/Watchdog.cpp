@@ -30,7 +30,7 @@ Task<> Watchdog::finish() {
 }
 
 Task<> Watchdog::end(Watchdog& self) {
-    self.timer_->disarm();
+    self.timer_.reset(); // here, as a wait that was just cancelled may still be on its way
     self.lines_.finish();
     co_return;
 }
