@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Demand.h"
 #include "platform/Clock.h"
 #include "platform/Network.h"
 #include "platform/Spawn.h"
@@ -8,21 +9,11 @@
 #include <asio/io_context.hpp>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <optional>
 
 /// What the fuzz targets of the secure channel share.
 namespace orlinth::fuzzing {
-
-/// Ends the run as a finding unless `holds`.
-inline void demand(bool holds, const char* property) {
-    if (!holds) {
-        std::fprintf(stderr, "broken property: %s\n", property);
-        std::abort();
-    }
-}
 
 /// The fuzzer's bytes, taken from the front; past their end there are only zeros.
 class Input {

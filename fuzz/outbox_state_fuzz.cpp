@@ -1,4 +1,4 @@
-#include "orlinth/OutboxState.h"
+#include "OrlinthHost/Outbox/OutboxState.h"
 
 #include <cstdlib>
 

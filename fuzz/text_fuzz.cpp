@@ -1,19 +1,11 @@
 #include "base/Text.h"
 
+#include "Demand.h"
 #include "base/Bytes.h"
 
-#include <cstdlib>
 #include <span>
 
-namespace {
-
-void check(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
-
-} // namespace
+using orlinth::fuzzing::demand;
 
 /// Whatever bytes others choose, what is made of them for people and for files is UTF-8 and stays within its bounds.
 /// The first byte chooses what is made, so that a long text is read a few times and not a dozen.
@@ -27,22 +19,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     switch (*data % kinds) {
     case 0: {
         const std::string visible = orlinth::madeVisible(text);
-        check(orlinth::isUtf8(visible));
+        demand(orlinth::isUtf8(visible), "what is made visible is UTF-8");
         constexpr std::size_t isShort = 64 << 10; // one more pass over a long one shows nothing new
-        check(visible.size() > isShort || orlinth::madeVisible(visible) == visible);
+        demand(visible.size() > isShort || orlinth::madeVisible(visible) == visible, "what is visible stays as it is");
         break;
     }
     case 1: {
         const std::string whole = orlinth::toUtf8(text);
-        check(orlinth::isUtf8(text) ? whole == text : orlinth::isUtf8(whole));
+        demand(orlinth::isUtf8(text) ? whole == text : orlinth::isUtf8(whole), "toUtf8 changes only what is not UTF-8");
         break;
     }
     case 2:
-        check(orlinth::isUtf8(orlinth::lowerCased(text)) == orlinth::isUtf8(text));
+        demand(orlinth::isUtf8(orlinth::lowerCased(text)) == orlinth::isUtf8(text), "lower case keeps UTF-8");
         break;
     default:
-        check(text.starts_with(orlinth::firstCharacters(text, 3)));
-        check(orlinth::columnsOf(orlinth::forDisplay(text, columns)) <= columns);
+        demand(text.starts_with(orlinth::firstCharacters(text, 3)), "the first characters are a beginning");
+        demand(orlinth::columnsOf(orlinth::forDisplay(text, columns)) <= columns, "a shown text keeps to its columns");
     }
     return 0;
 }

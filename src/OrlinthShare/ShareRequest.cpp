@@ -1,5 +1,6 @@
 #include "OrlinthShare/ShareRequest.h"
 
+#include "base/Hex.h"
 #include "base/Precondition.h"
 
 #include <algorithm>
@@ -29,17 +30,6 @@ std::string_view schemeOf(std::string_view text) {
         return std::isalnum(character) != 0 || character == '+' || character == '-' || character == '.';
     });
     return fits ? scheme : std::string_view();
-}
-
-std::optional<unsigned> hexDigit(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return static_cast<unsigned>(digit - '0');
-    }
-    const int lower = std::tolower(static_cast<unsigned char>(digit));
-    if (lower >= 'a' && lower <= 'f') {
-        return static_cast<unsigned>(lower - 'a' + 10);
-    }
-    return std::nullopt;
 }
 
 std::optional<std::string> percentDecoded(std::string_view text) {

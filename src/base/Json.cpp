@@ -1,5 +1,6 @@
 #include "base/Json.h"
 
+#include "base/Hex.h"
 #include "base/Text.h"
 
 #include <charconv>
@@ -30,6 +31,33 @@ std::string stringOf(const Json& member, const char* key) {
     return member.get<std::string>();
 }
 
+const Json& arrayOf(const Json& member, const char* key) {
+    if (!member.is_array()) {
+        throw JsonError(std::string("key \"") + key + "\": expected an array, found " + member.type_name());
+    }
+    return member;
+}
+
+std::vector<std::string> stringsOf(const Json& member, const char* key) {
+    std::vector<std::string> texts;
+    for (const Json& entry : arrayOf(member, key)) {
+        if (!entry.is_string()) {
+            throw JsonError(std::string("key \"") + key + "\": expected strings, found " + entry.type_name());
+        }
+        texts.push_back(entry.get<std::string>());
+    }
+    return texts;
+}
+
+/// Null if it is absent, or null.
+const Json* optionalMember(const Json& object, const char* key) {
+    if (!object.is_object()) {
+        throw JsonError(std::string("expected an object, found ") + object.type_name());
+    }
+    const auto member = object.find(key);
+    return member == object.end() || member->is_null() ? nullptr : &*member;
+}
+
 std::string dump(const Json& value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -56,12 +84,11 @@ void appendPretty(std::string& text, const Json& value, std::size_t depth) {
     text += value.is_object() ? '}' : ']';
 }
 
-/// Four hexadecimal digits.
+/// Four hexadecimal digits, which have been judged.
 char32_t codeUnit(std::string_view digits) {
     char32_t unit = 0;
     for (const char digit : digits) {
-        const bool isDecimal = digit <= '9';
-        unit = unit * 16 + static_cast<char32_t>(isDecimal ? digit - '0' : (digit | 0x20) - 'a' + 10);
+        unit = unit * 16 + hexDigit(digit).value_or(0);
     }
     return unit;
 }
@@ -215,15 +242,22 @@ std::string requireString(const Json& object, const char* key) {
     return stringOf(requireMember(object, key), key);
 }
 
+const Json& requireArray(const Json& object, const char* key) {
+    return arrayOf(requireMember(object, key), key);
+}
+
+std::vector<std::string> requireStrings(const Json& object, const char* key) {
+    return stringsOf(requireMember(object, key), key);
+}
+
 std::optional<std::string> optionalString(const Json& object, const char* key) {
-    if (!object.is_object()) {
-        throw JsonError(std::string("expected an object, found ") + object.type_name());
-    }
-    const auto member = object.find(key);
-    if (member == object.end() || member->is_null()) {
-        return std::nullopt;
-    }
-    return stringOf(*member, key);
+    const Json* const member = optionalMember(object, key);
+    return member != nullptr ? std::optional(stringOf(*member, key)) : std::nullopt;
+}
+
+std::optional<std::vector<std::string>> optionalStrings(const Json& object, const char* key) {
+    const Json* const member = optionalMember(object, key);
+    return member != nullptr ? std::optional(stringsOf(*member, key)) : std::nullopt;
 }
 
 std::int64_t requireInt64(const Json& object, const char* key) {

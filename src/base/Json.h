@@ -7,6 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace orlinth {
 
@@ -46,7 +48,12 @@ public:
 /// All throw JsonError: not an object, a missing member, a member of another type or out of range.
 [[nodiscard]] std::string requireString(const Json& object, const char* key);
 [[nodiscard]] std::int64_t requireInt64(const Json& object, const char* key);
-/// A member that may be absent (or null).
+/// A list, of whatever. Refers into `object`.
+[[nodiscard]] const Json& requireArray(const Json& object, const char* key);
+/// A list of nothing but texts, in its order.
+[[nodiscard]] std::vector<std::string> requireStrings(const Json& object, const char* key);
+/// Members that may be absent (or null).
 [[nodiscard]] std::optional<std::string> optionalString(const Json& object, const char* key);
+[[nodiscard]] std::optional<std::vector<std::string>> optionalStrings(const Json& object, const char* key);
 
 } // namespace orlinth

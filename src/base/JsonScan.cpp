@@ -1,9 +1,11 @@
 #include "base/JsonScan.h"
 
+#include "base/Hex.h"
 #include "base/Json.h"
 #include "base/Text.h"
 
 #include <bitset>
+#include <optional>
 #include <string>
 
 namespace orlinth {
@@ -242,14 +244,11 @@ private:
     [[nodiscard]] char32_t takeCodeUnit() {
         char32_t unit = 0;
         for (int digit = 0; digit < 4; ++digit, ++at_) {
-            const char lower = static_cast<char>(peek() | 0x20);
-            if (isDigit(peek())) {
-                unit = unit * 16 + static_cast<char32_t>(peek() - '0');
-            } else if (lower >= 'a' && lower <= 'f') {
-                unit = unit * 16 + static_cast<char32_t>(lower - 'a' + 10);
-            } else {
+            const std::optional<unsigned> value = hexDigit(peek());
+            if (!value) {
                 refuse();
             }
+            unit = unit * 16 + *value;
         }
         return unit;
     }

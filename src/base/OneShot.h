@@ -1,7 +1,8 @@
 #pragma once
 
+#include "base/Mutex.h"
+
 #include <exception>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -15,7 +16,7 @@ class OneShot {
 public:
     /// Settles with a value. Returns false, and drops the value, if it was settled before.
     bool resolve(T value) {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         if (resolved_) {
             return false;
         }
@@ -26,7 +27,7 @@ public:
 
     /// Settles with an error. Returns false, and drops the error, if it was settled before.
     bool fail(std::exception_ptr error) {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         if (resolved_) {
             return false;
         }
@@ -36,13 +37,13 @@ public:
     }
 
     [[nodiscard]] bool isResolved() const {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         return resolved_;
     }
 
     /// The value; throws the error if that came first. Settled is a precondition.
     [[nodiscard]] T take() {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         if (error_) {
             std::rethrow_exception(std::exchange(error_, nullptr));
         }
@@ -50,10 +51,10 @@ public:
     }
 
 private:
-    mutable std::mutex lock_;
-    bool resolved_ = false;
-    std::optional<T> value_;
-    std::exception_ptr error_;
+    mutable Mutex lock_;
+    bool resolved_ ORLINTH_GUARDED_BY(lock_) = false;
+    std::optional<T> value_ ORLINTH_GUARDED_BY(lock_);
+    std::exception_ptr error_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth

@@ -1,11 +1,11 @@
 #include "base/SecretMemory.h"
 
+#include "base/Mutex.h"
 #include "base/SecretBytes.h"
 
 #include <array>
 #include <bit>
 #include <cstring>
-#include <mutex>
 #include <new>
 #include <sys/mman.h>
 
@@ -51,7 +51,7 @@ std::byte* newPages(std::size_t size) {
 class Slots {
 public:
     [[nodiscard]] std::byte* take(std::size_t slotBytes, [[maybe_unused]] std::size_t size) {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         if (free_ == nullptr) {
             addBlock(slotBytes);
         }
@@ -66,7 +66,7 @@ public:
 
     /// A slot that was wiped.
     void giveBack(std::byte* slot, [[maybe_unused]] std::size_t slotBytes) noexcept {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         ASAN_UNPOISON_MEMORY_REGION(slot, sizeof free_);
         std::memcpy(slot, &free_, sizeof free_);
         ASAN_POISON_MEMORY_REGION(slot, slotBytes);
@@ -74,7 +74,7 @@ public:
     }
 
 private:
-    void addBlock(std::size_t slotBytes) {
+    void addBlock(std::size_t slotBytes) ORLINTH_REQUIRES(lock_) {
         std::byte* const block = newPages(blockBytes);
         for (std::size_t at = blockBytes; at > 0; at -= slotBytes) {
             std::byte* const slot = block + at - slotBytes;
@@ -84,8 +84,8 @@ private:
         }
     }
 
-    std::mutex lock_;
-    std::byte* free_ = nullptr;
+    Mutex lock_;
+    std::byte* free_ ORLINTH_GUARDED_BY(lock_) = nullptr;
 };
 
 struct Place {

@@ -1,7 +1,7 @@
 #include "base/Text.h"
-#include "orlinth/Command.h"
-#include "orlinth/Hints.h"
-#include "orlinth/Settings.h"
+#include "orlinth/Commands/Command.h"
+#include "orlinth/Program/Settings.h"
+#include "orlinth/Reporting/Hints.h"
 #include "platform/linux/LinuxSystem.h"
 
 #include <algorithm>
@@ -14,7 +14,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 
 namespace {
 
@@ -96,7 +96,7 @@ int runCommand(Command& command, Host& host) {
     } catch (const UsageError& error) {
         status = wrongCommandLine;
         host.output.failure(error.description(), error.hint());
-    } catch (const HostError& error) {
+    } catch (const host::HostError& error) {
         host.output.failure(error.description(), error.hint());
     } catch (const std::exception& error) {
         host.output.failure(describe(error), hintForOwnFiles(host, error));
@@ -154,6 +154,7 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
         output.beQuiet();
     }
     const int status = runCommand(**chosen, host);
+    linux.close();
     if (linux.isResolving()) {
         std::_Exit(output.finish(status)); // that thread cannot be interrupted, and waiting for it helps nobody
     }
@@ -163,18 +164,18 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
 
 } // namespace
 
-} // namespace orlinth::host
+} // namespace orlinth::cli
 
 int main(int argc, char** argv) {
     using namespace orlinth;
-    host::reserveStandardStreams();
-    host::forbidCoreDumps();
+    cli::reserveStandardStreams();
+    cli::forbidCoreDumps();
     std::signal(SIGPIPE, SIG_IGN); // a reader that went away, and a full quota, are errors of a write
     std::signal(SIGXFSZ, SIG_IGN);
-    host::Output output;
+    cli::Output output;
     int status = 1;
     try {
-        status = host::runProgram(host::argumentsOf(argc, argv), output);
+        status = cli::runProgram(cli::argumentsOf(argc, argv), output);
     } catch (const std::exception& error) {
         output.failure(describe(error));
     }

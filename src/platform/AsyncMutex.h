@@ -1,14 +1,7 @@
 #pragma once
 
-#include "platform/Cancelled.h"
-#include "platform/Task.h"
+#include "platform/Condition.h"
 
-#include <asio/experimental/as_tuple.hpp>
-#include <asio/steady_timer.hpp>
-#include <asio/this_coro.hpp>
-#include <asio/use_awaitable.hpp>
-
-#include <exception>
 #include <utility>
 
 namespace orlinth::platform {
@@ -18,7 +11,7 @@ namespace orlinth::platform {
 /// Not fair, and for a handful of waiters: each release wakes all of them and one gets through.
 class AsyncMutex {
 public:
-    explicit AsyncMutex(const Executor& queue) : released_(queue, asio::steady_timer::time_point::max()) {}
+    explicit AsyncMutex(Executor queue) : released_(std::move(queue)) {}
     AsyncMutex(const AsyncMutex&) = delete;
     AsyncMutex& operator=(const AsyncMutex&) = delete;
 
@@ -31,7 +24,7 @@ public:
         ~Guard() {
             if (mutex_ != nullptr) {
                 mutex_->held_ = false;
-                mutex_->released_.cancel();
+                mutex_->released_.changed();
             }
         }
 
@@ -41,26 +34,14 @@ public:
 
     /// Waits for its turn. The mutex must outlive the guard. @throws Cancelled
     [[nodiscard]] Task<Guard> lock() {
-        while (held_) {
-            try {
-                co_await released_.async_wait(asio::experimental::as_tuple(asio::use_awaitable));
-            } catch (const std::exception& error) {
-                if (isCancellation(error)) {
-                    throw Cancelled(); // the task was cancelled before it came here
-                }
-                throw;
-            }
-            const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
-            if (state.cancelled() != asio::cancellation_type::none) {
-                throw Cancelled();
-            }
-        }
+        const auto isFree = [this] { return !held_; };
+        co_await released_.until(isFree);
         held_ = true;
         co_return Guard(*this);
     }
 
 private:
-    asio::steady_timer released_; // a condition variable: never rings, is cancelled at each release
+    Condition released_;
     bool held_ = false;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <exception>
+#include <string>
 
 namespace orlinth::platform {
 
@@ -16,5 +17,9 @@ public:
 /// Every handler that wraps errors or tries again asks this first and rethrows if so:
 /// a loop that swallowed it would spin, because every further wait fails at once.
 [[nodiscard]] bool isCancellation(const std::exception& error) noexcept;
+
+/// The text of a failure, for an outer error that quotes it. A cancellation is none: it is thrown on.
+/// Only in the handler that has caught `error`.
+[[nodiscard]] std::string textOfFailure(const std::exception& error);
 
 } // namespace orlinth::platform

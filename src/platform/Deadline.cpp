@@ -3,6 +3,17 @@
 #include "platform/Cancelled.h"
 
 namespace orlinth::platform {
+namespace {
+
+/// The time is over.
+class Late final : public std::exception {};
+
+Task<bool> thenTrue(Task<> operation) {
+    co_await std::move(operation);
+    co_return true;
+}
+
+} // namespace
 
 Task<bool> sleepUnlessCancelled(Clock& clock, double seconds) {
     try {
@@ -14,6 +25,16 @@ Task<bool> sleepUnlessCancelled(Clock& clock, double seconds) {
         co_return false;
     }
     co_return true;
+}
+
+Task<bool> endsWithin(Clock& clock, double seconds, Task<> operation) {
+    OneShot<bool> hasEnded;
+    co_await settleFirst(hasEnded, clock, seconds, std::make_exception_ptr(Late()), thenTrue(std::move(operation)));
+    try {
+        co_return hasEnded.take();
+    } catch (const Late&) {
+        co_return false;
+    }
 }
 
 } // namespace orlinth::platform

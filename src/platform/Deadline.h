@@ -58,4 +58,8 @@ template <typename T>
     co_await (std::move(run) || std::move(alarm));
 }
 
+/// Runs `operation` for at most `seconds`, which are more than none, and returns whether it has ended by itself; if not
+/// it was cancelled and waited for. What it throws is thrown. `clock` must outlive the call.
+[[nodiscard]] Task<bool> endsWithin(Clock& clock, double seconds, Task<> operation);
+
 } // namespace orlinth::platform

@@ -28,6 +28,18 @@ struct FileStatus {
     bool operator==(const FileStatus&) const = default;
 };
 
+/// Whether both are looks at the same file, whatever has become of its content meanwhile: device and inode. The number
+/// of a file that has gone may be given to another one, unless somebody keeps it open; that of a device may change
+/// whenever it is mounted.
+[[nodiscard]] inline bool isSameFile(const FileStatus& one, const FileStatus& other) noexcept {
+    return one.inode == other.inode && one.device == other.device;
+}
+
+/// Whether nothing tells that the file has been replaced or changed between the two looks: in addition size and time.
+[[nodiscard]] inline bool isSameContent(const FileStatus& one, const FileStatus& other) noexcept {
+    return isSameFile(one, other) && one.size == other.size && one.modifiedNanoseconds == other.modifiedNanoseconds;
+}
+
 /// An open file; destroying it closes it. Calls block; each is made on one thread at a time. All throw SystemError.
 class File {
 public:

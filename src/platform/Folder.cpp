@@ -25,10 +25,6 @@ FileName FileName::operator+(std::string_view suffix) const {
     return FileName(text_ + std::string(suffix));
 }
 
-bool isSameFile(const FileStatus& one, const FileStatus& other) noexcept {
-    return one.inode == other.inode && one.device == other.device;
-}
-
 bool Folder::isOwn(const FileStatus& file) const {
     return file.names <= 1 && (file.owner == user() || file.owner == status().owner);
 }

@@ -71,7 +71,4 @@ public:
     [[nodiscard]] bool moveNoReplace(const File& file, const FileName& from, const FileName& to);
 };
 
-/// Whether both are looks at the same file.
-[[nodiscard]] bool isSameFile(const FileStatus& one, const FileStatus& other) noexcept;
-
 } // namespace orlinth::platform

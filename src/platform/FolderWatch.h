@@ -8,8 +8,11 @@
 
 namespace orlinth::platform {
 
-/// A folder that is watched for as long as this lives. Destroying it ends that: nothing is called any more, once the
-/// executor has run what was posted before.
+/// A folder that is watched for as long as this lives. Destroying it, also in its own call, ends that: nothing is
+/// called any more.
+///
+/// Threading: made and destroyed on its executor, or while nobody runs that. It is work that keeps the executor
+/// running.
 class FolderWatch {
 public:
     virtual ~FolderWatch() = default;

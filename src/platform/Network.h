@@ -66,6 +66,9 @@ public:
     [[nodiscard]] virtual Task<std::unique_ptr<Stream>> accept(Executor executor) = 0;
     /// The real port, also where a free one was asked for.
     [[nodiscard]] virtual std::uint16_t port() const noexcept = 0;
+    /// Where it listens: an address, or the name of the network interface that it is bound to; of several places the
+    /// first. "" if it takes every IPv4 connection to this computer, if it is closed, or if that cannot be said.
+    [[nodiscard]] virtual std::string place() const { return {}; }
     virtual void close() noexcept = 0;
 };
 
@@ -79,8 +82,9 @@ struct ListenOptions {
 
 /// A serial queue whose thread is busy with one thing.
 struct LateQueue {
-    std::string label;  ///< what the queue was made for; of several on one thread, the one that came last
-    double seconds = 0; ///< how long it has not answered
+    std::string label;      ///< what the queue was made for; of several on one thread, the one that came last
+    double seconds = 0;     ///< how long it has not answered
+    std::size_t thread = 0; ///< which thread of the network: from 1, and the same at every call
 };
 
 /// TCP of this computer.

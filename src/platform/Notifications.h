@@ -23,7 +23,10 @@ struct Notification {
     std::uint64_t tag = 0;
 };
 
-/// Notifications of the user's desktop, where there is one. Calls return at once and never throw.
+/// Notifications of the user's desktop, where there is one. Calls never throw, and return at once, but isAvailable(),
+/// which may take a quarter of a second.
+///
+/// Threading: the thread that runs the host's context, or any single one while nobody runs that.
 class Notifications {
 public:
     virtual ~Notifications() = default;

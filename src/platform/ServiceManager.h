@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
+#include <string>
 
 /// What a service tells whoever manages it (systemd, or anybody who has set NOTIFY_SOCKET as sd_notify(3) says).
 /// Without one the calls do nothing, and none fails. On the main thread.
@@ -17,5 +19,10 @@ void tellServiceStopping() noexcept;
 [[nodiscard]] std::optional<double> serviceWatchdogSeconds() noexcept;
 /// The service is alive: to be said more often than that. Any thread.
 void tellServiceAlive() noexcept;
+
+/// Starts the service of the user's own service manager for which that keeps a socket open. Returns whether it runs;
+/// false also if the socket is not kept open, or nobody manages services here. Any thread; blocks up to `limit` twice.
+[[nodiscard]] bool startSleepingService(const std::string& socketUnit, const std::string& serviceUnit,
+                                        std::chrono::seconds limit);
 
 } // namespace orlinth::platform

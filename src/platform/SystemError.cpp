@@ -38,4 +38,18 @@ bool isCancellation(const std::exception& error) noexcept {
     return systemError != nullptr && systemError->code() == asio::error::operation_aborted;
 }
 
+std::string textOfFailure(const std::exception& error) {
+    if (isCancellation(error)) {
+        throw;
+    }
+    return describe(error);
+}
+
+bool isShortage(const std::error_code& code) noexcept {
+    return code == std::errc::too_many_files_open || code == std::errc::too_many_files_open_in_system ||
+           code == std::errc::no_buffer_space || code == std::errc::not_enough_memory ||
+           code == std::errc::no_space_on_device ||           // watches of epoll
+           code == std::errc::resource_unavailable_try_again; // threads
+}
+
 } // namespace orlinth::platform

@@ -24,4 +24,8 @@ private:
     std::error_code code_;
 };
 
+/// Whether the system has run out of something, which passes by itself when others have given some of it back:
+/// descriptors, buffers, memory, watches of epoll, threads. Not for writing to a disk: there a lack of space is final.
+[[nodiscard]] bool isShortage(const std::error_code& code) noexcept;
+
 } // namespace orlinth::platform

@@ -5,11 +5,12 @@ import json
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import time
 import unittest
 
-from harness import FRAMES_BEFORE_DATA, MIB, sha256
+from harness import FRAMES_BEFORE_DATA, MIB, SANITIZED, sha256
 from test_serve import ServeTest
 
 SWAP = r"""
@@ -204,7 +205,7 @@ class DownloadsFolder(ServeTest):
 class Choice(ServeTest):
     """Which folders are none for what phones send."""
 
-    COMMANDS = (["serve", "--port", "0"], ["receive", "--from", "phone", "--port", "0"], ["partials"])
+    COMMANDS = (["serve", "--port", "0"], ["receive", "--from", "phone", "--port", "0"])
 
     def assert_refused(self, identity, arguments, text, environment=None):
         for command in self.COMMANDS:
@@ -315,6 +316,93 @@ class Unfinished(ServeTest):
         result = self.desk.run("partials", "--dir", str(self.desk.downloads), "--json", *arguments)
         self.assertEqual(0, result.returncode, result.stderr)
         return [json.loads(line) for line in result.stdout.splitlines()]
+
+    def old_partial(self, folder, name):
+        """An unfinished download that has not changed for ages."""
+        partial = folder / f"{name}.partial"
+        partial.write_bytes(b"01234")
+        (folder / f"{name}.partial.meta.json").write_text(json.dumps(
+            {"transfer_id": name, "advertised_size": 10, "started_at_epoch_ms": 1, "peer_pubkey": self.phone.key}))
+        os.utime(partial, (1, 1))
+
+    def test_are_listed_and_removed_in_a_folder_in_which_nothing_may_be_received_any_more(self):
+        home = self.desk.root
+        (home / "own.partial").write_text("own")
+        self.old_partial(home, "old.mov")
+        result = self.desk.run("partials", "--dir", str(home))
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertRegex(result.stdout, r"^old.mov  5 bytes of 10 bytes  from phone  1970-01-01 \d\d:\d\d\n$")
+        result = self.desk.run("partials", "--dir", str(home), "--remove-older-than", "7")
+        self.assertEqual((0, "removed old.mov.partial (5 bytes)\n"), (result.returncode, result.stdout))
+        self.assertEqual(["own.partial"], sorted(path.name for path in home.glob("*.partial*")))
+
+    def test_that_wait_for_a_turn_in_vain_are_not_nothing(self):
+        self.old_partial(self.desk.downloads, "a")
+        self.assertEqual(1, len(self.partials("--remove-older-than", "7")))
+        [lock] = (self.desk.data / "Orlinth").glob("downloads-*.lock")
+        with open(lock, "rb") as held:
+            fcntl.flock(held, fcntl.LOCK_EX)
+            self.old_partial(self.desk.downloads, "b")
+            result = self.desk.run("partials", "--dir", str(self.desk.downloads), "--remove-older-than", "7")
+        self.assertEqual((1, ""), (result.returncode, result.stdout))
+        self.assert_one_line_error(
+            result.stderr, f"cannot remove b.partial: file write failed: another program holds the lock {lock}")
+        self.assertNotIn("nothing", result.stderr)
+
+    # of the turns in the downloads folder the first two can be had; then another program has it for ever
+    BUSY = """
+        #define _GNU_SOURCE
+        #include <dlfcn.h>
+        #include <errno.h>
+        #include <fcntl.h>
+        #include <stdio.h>
+        #include <stdlib.h>
+        #include <string.h>
+        #include <unistd.h>
+        static int turns;
+        int flock(int number, int operation) {
+            char link[64], path[4096] = "";
+            snprintf(link, sizeof link, "/proc/self/fd/%d", number);
+            if (readlink(link, path, sizeof path - 1) > 0 && strstr(path, "/downloads-") && ++turns > 2) {
+                close(open(getenv("ORLINTH_TEST_BUSY"), O_CREAT | O_WRONLY, 0600));
+                errno = EWOULDBLOCK;
+                return -1;
+            }
+            return ((int (*)(int, int))dlsym(RTLD_NEXT, "flock"))(number, operation);
+        }
+    """
+
+    def removing(self):
+        """`partials` that has removed two of three and waits for its turn; the other program has the turn."""
+        for name in ("a", "b", "c"):
+            self.old_partial(self.desk.downloads, name)
+        busy = self.folder / "busy"
+        self.desk.environment.update(LD_PRELOAD=str(self.shim("busy", self.BUSY)), ORLINTH_TEST_BUSY=str(busy))
+        program = self.running(self.desk, "partials", "--dir", str(self.desk.downloads), "--json",
+                               "--remove-older-than", "7")
+        self.wait_until(busy.exists)
+        return program
+
+    def assert_two_are_told(self, program):
+        self.assertEqual(["a", "b"], [event["name"] for event in program.events.all
+                                      if event["event"] == "partial_removed"])
+        self.assertIn("Removed 2 unfinished downloads, 10 bytes.\n", program.stderr)
+        self.assertEqual(["c.partial", "c.partial.meta.json"], self.left_over())
+
+    @unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
+    def test_that_were_removed_are_told_if_the_turn_for_another_one_does_not_come(self):
+        program = self.removing()
+        self.assertEqual(1, program.wait())
+        self.assert_two_are_told(program)
+        self.assertRegex(program.events.find("error")["message"],
+                         r"^cannot remove c.partial: file write failed: another program holds the lock /")
+
+    @unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
+    def test_that_were_removed_are_told_if_a_signal_ends_it(self):
+        program = self.removing()
+        program.signal(signal.SIGINT)
+        self.assertEqual(130, program.wait())
+        self.assert_two_are_told(program)
 
     def test_are_listed_and_removed_when_they_are_old(self):
         self.assertEqual([], self.partials())

@@ -1,12 +1,15 @@
 """What a paired phone cannot do to the service with messages that are made to be expensive."""
 
+import concurrent.futures
+import itertools
 import json
 import pathlib
+import threading
 import time
 import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
-from harness import MIB, SANITIZED
+from harness import MIB, PATIENCE, SANITIZED
 from hostile_phone import HostilePhone
 from test_serve import ServeTest, wait_for_count
 
@@ -63,15 +66,36 @@ class Messages(ServeTest):
 
     def test_that_are_expensive_to_read_keep_no_other_phone_waiting(self):
         service = self.serve()
+        text = filled(b"[", b"{},", b"{}]", MIB // 2)
+        connections = []
         for number in range(4):
             hostile = HostilePhone(f"hostile {number}")
             self.mac.record(hostile, key=hostile.key)
-            for _ in range(10):
-                connection = hostile.connect(service.port)
-                self.addCleanup(connection.close)
-                connection.send_text(filled(b"[", b"{},", b"{}]", MIB // 2))
-        file = self.file("photo.jpg", b"x" * 1000)
+            connections.append([hostile.connect(service.port) for _ in range(10)])
+        for connection in itertools.chain(*connections):
+            self.addCleanup(connection.close)
+        alone = self.seconds_of_a_delivery(service, "alone.jpg")
+        begun = threading.Barrier(len(connections) + 1, timeout=PATIENCE)
+
+        def be_hostile(own):
+            own[0].send_text(text)
+            begun.wait()
+            for connection in own[1:]:
+                connection.send_text(text)
+        with concurrent.futures.ThreadPoolExecutor(len(connections)) as pool:
+            hostile = [pool.submit(be_hostile, own) for own in connections]
+            begun.wait()
+            beside = self.seconds_of_a_delivery(service, "photo.jpg")
+            for one in hostile:
+                one.result()
+        print(f"\n  a delivery took {alone:.1f} s alone, {beside:.1f} s beside the messages", flush=True)
+        self.assertLess(beside, 3 * alone + (30 if SANITIZED else 5))
+
+    def seconds_of_a_delivery(self, service, name):
+        file = self.file(name, name.encode() * 100)
+        begin = time.monotonic()
         self.assert_sent(self.phone, file, service)
+        return time.monotonic() - begin
 
     def test_of_a_megabyte_in_a_sidecar_are_not_read(self):
         service = self.serve()

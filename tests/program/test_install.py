@@ -156,7 +156,7 @@ class InstalledPackage(unittest.TestCase):
         # a build of several files at once (ORLINTH_UNITY) compiles files that it has made itself
         places = tuple(f"{place}/src/" for place in (os.environ["ORLINTH_SOURCE"], BUILD))
         ours = [entry for entry in commands if entry["file"].startswith(places)]
-        for layer in ("base", "platform", "OrlinthCore", "orlinth"):
+        for layer in ("base", "platform", "OrlinthCore", "OrlinthHost", "orlinth"):
             self.assertTrue(any(f"/src/{layer}/" in entry["file"] for entry in ours), layer)
         for entry in ours:
             for flag in ("-fstack-protector-strong", "-fstack-clash-protection", "-D_GLIBCXX_ASSERTIONS"):

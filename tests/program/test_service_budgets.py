@@ -13,7 +13,7 @@ import time
 import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
-from harness import BUILD, MIB, ORLINTH, PATIENCE, SANITIZED, Running
+from harness import BUILD, MIB, ORLINTH, PATIENCE, SANITIZED, Running, unused_port
 from terminal import Terminal
 from test_serve import ServeTest, told, wait_for_count
 
@@ -21,6 +21,7 @@ RUDE_PHONE = str(BUILD / "tests" / "interop" / "rude_phone")
 HANDSHAKE_SECONDS = 10
 MOST_OF_ONE_SOURCE = 16
 MOST_OF_ONE_PHONE = 16
+LATE_SECONDS = 2
 FRAME_ROOM = 64 * MIB
 # A sanitizer takes minutes for what is large, and its memory says nothing.
 LARGE = MIB if SANITIZED else 15 * MIB
@@ -400,6 +401,70 @@ print(",".join(sorted(set(results))))
             self.assert_one_line_error(result.stderr, f"listener start failed: {reason}")
             self.assertIn("`--listen` takes addresses and interfaces of this computer", result.stderr)
 
+    def pair_here(self, *arguments):
+        program = self.running_program(["ip", "netns", "exec", self.desk_space, ORLINTH, "pair", "--no-advertise",
+                                        "--yes", "--json", *arguments], self.desk)
+        return program
+
+    def test_a_pairing_names_the_address_at_which_the_service_lends_its_port(self):
+        second = "192.168.79.1"
+        self.ip("-n", self.desk_space, "address", "add", second + "/24", "dev", "wire0")
+        for places, address in (([], self.DESK), (["127.0.0.1", self.DESK], self.DESK), ([second], second),
+                                (["lo", "wire0"], self.DESK), (["::1", second], second), (["lo"], "127.0.0.1"),
+                                (["127.0.0.1"], "127.0.0.1")):
+            with self.subTest(places=places):
+                service = self.serve_here(*[word for place in places for word in ("--listen", place)])
+                program = self.pair_here()
+                payload = program.events.wait_for("payload")["payload"]
+                self.assertEqual((address, service.port), (payload["peer_ip"], payload["peer_port"]))
+                space, source = ((self.desk_space, "127.0.0.1") if address == "127.0.0.1"
+                                 else (self.other_space, self.NEAR))
+                if address == second:
+                    self.ip("-n", self.other_space, "route", "replace", second, "dev", "wire0")
+                self.assertEqual("closed", self.calls(space, source, address, service.port), "nobody listens there")
+                program.signal(signal.SIGINT)
+                self.assertEqual(130, program.wait())
+                self.assert_ends(service)
+
+    def test_a_pairing_that_no_phone_could_reach_says_why(self):
+        for place, arguments, text in (
+                ("127.0.0.1", ["--interface", "wire0"],
+                 "the service receives only at 127.0.0.1, not on the interface 'wire0'"),
+                ("wire0", ["--interface", "lo"], "the service receives only at wire0, not on the interface 'lo'"),
+                ("::1", [], "the service receives only at ::1, and the code for the phone needs an IPv4 address"),
+                ("::", [], "the service receives only at ::, and the code for the phone needs an IPv4 address"),
+                ("127.0.0.5", [], "the service receives only at 127.0.0.5, which is no IPv4 address or interface of "
+                                  "this computer that is up")):
+            with self.subTest(place=place):
+                service = self.serve_here("--listen", place)
+                program = self.pair_here(*arguments)
+                self.assertEqual(1, program.wait())
+                self.assert_one_line_error(program.stderr, text)
+                self.assertIsNone(program.events.find("payload"))
+                self.wait_until(lambda: "The port is back." in told(service))  # pylint: disable=W0640
+                self.assert_ends(service)
+
+    def test_a_place_that_is_named_twice_counts_once(self):
+        service = self.serve("--listen", "127.0.0.1", "--listen", "127.0.0.2", "--listen", "127.0.0.1")
+        self.assert_sent(self.phone, self.file("a.bin", b"abc"), service)
+        self.assert_ends(service)
+
+    def test_places_that_exclude_each_other_are_not_taken_for_another_program(self):
+        for port in ("0", str(unused_port())):
+            for places in (["0.0.0.0", "127.0.0.1"], ["127.0.0.1", "0.0.0.0"], ["lo", "127.0.0.1"]):
+                with self.subTest(places=places, port=port):
+                    result = self.desk.run("serve", "--port", port, "--listen", places[0], "--listen", places[1])
+                    self.assertEqual((1, ""), (result.returncode, result.stdout))
+                    self.assert_one_line_error(result.stderr, "listener start failed: Address already in use")
+                    self.assertIn("The places that `--listen` names exclude each other", result.stderr)
+
+    def test_another_program_at_one_of_several_places_is_named_as_the_reason(self):
+        with socket.create_server(("127.0.0.2", unused_port())) as other:
+            port = str(other.getsockname()[1])
+            result = self.desk.run("serve", "--port", port, "--listen", "127.0.0.1", "--listen", "127.0.0.2")
+            self.assertEqual((1, ""), (result.returncode, result.stdout))
+            self.assertIn(f"Another program is using port {port}", result.stderr)
+
     def test_receive_does_not_take_somebody_from_far_away_for_its_phone(self):
         receiver = self.running_program(
             ["ip", "netns", "exec", self.desk_space, ORLINTH, "receive", "--from", "phone", "--port", "0", "--dir",
@@ -417,19 +482,26 @@ print(",".join(sorted(set(results))))
 
 @unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
 class Hanging(BudgetTest):
-    # a call on the partial file of a download called "slow" hangs while a file says so, as on a disk that is gone
+    # a call on the partial file of a download called "slow" hangs while a file says so, as on a disk that is gone; each
+    # that does leaves a file beside that one
     HANGING_CALL = """
         #define _GNU_SOURCE
         #include <dlfcn.h>
+        #include <fcntl.h>
         #include <stdio.h>
         #include <stdlib.h>
         #include <string.h>
         #include <unistd.h>
+        static int hanging;
         static void hang(int number) {
-            char link[64], path[4096] = "";
+            char link[64], path[4096] = "", mark[4096];
             snprintf(link, sizeof link, "/proc/self/fd/%d", number);
-            if (readlink(link, path, sizeof path - 1) > 0 && strstr(path, "slow") && strstr(path, ".partial"))
-                while (access(getenv("ORLINTH_TEST_HANG"), F_OK) == 0) usleep(10000);
+            if (readlink(link, path, sizeof path - 1) <= 0 || !strstr(path, "slow") || !strstr(path, ".partial")
+                || access(getenv("ORLINTH_TEST_HANG"), F_OK) != 0)
+                return;
+            snprintf(mark, sizeof mark, "%s.%d", getenv("ORLINTH_TEST_HANG"), __sync_add_and_fetch(&hanging, 1));
+            close(open(mark, O_CREAT | O_WRONLY, 0600));
+            while (access(getenv("ORLINTH_TEST_HANG"), F_OK) == 0) usleep(10000);
         }
     """
     FLUSH = HANGING_CALL + """
@@ -458,11 +530,11 @@ class Hanging(BudgetTest):
         service = self.serve()
         senders = [self.send(self.phone, self.file(f"slow {number}.bin", os.urandom(1000)), service.port)
                    for number in range(MOST_OF_ONE_PHONE)]
-        for sender in senders:
-            sender.events.wait_for("handshake")
-        time.sleep(0.5)  # for their flushes
+        self.wait_until(lambda: len(list(self.folder.glob("hang.*"))) == MOST_OF_ONE_PHONE)
+        reported = time.monotonic() + LATE_SECONDS + 1  # if a thread that others need were among those that hang
         for number in range(4):
             self.assert_sent(other, self.file(f"{number}.bin", b"abc"), service)
+        time.sleep(max(0, reported - time.monotonic()))
         self.assertEqual([], [sender for sender in senders if sender.process.poll() is not None])
         self.assertNotIn("a thread has not answered", told(service))
         hang.unlink()

@@ -203,6 +203,17 @@ class PairingBesideTheService(ServiceTest):
                 self.deliver(service, self.tablet, f"{attempt}.bin")
             self.end(service)
 
+    def test_names_the_address_at_which_the_service_manager_keeps_the_port_open(self):
+        with socket.create_server(("127.0.0.1", 0)) as port:
+            service = self.activated(port)
+            service.port = service.events.wait_for("listening")["port"]
+            program = self.running(self.mac, "pair", "--no-advertise", "--yes", "--json")
+            payload = program.events.wait_for("payload")["payload"]
+            self.assertEqual(("127.0.0.1", service.port), (payload["peer_ip"], payload["peer_port"]))
+            program.signal(signal.SIGINT)
+            self.assertEqual(130, program.wait())
+            self.end(service)
+
     def test_starts_a_service_that_has_not_been_needed_yet(self):
         with socket.create_server(("127.0.0.1", 0)) as port:
             number = port.getsockname()[1]

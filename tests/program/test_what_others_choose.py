@@ -11,9 +11,9 @@ from harness import BUILD, ORLINTH, PATIENCE, ProgramTest, random_key
 from test_serve import ServeTest, told
 
 MESSAGE_PHONE = str(BUILD / "tests" / "interop" / "message_phone")
-# each character takes three bytes on the wire, and eight once it is made visible
+# each character takes three bytes on the wire, and eight once it is made visible; a message has up to 64 KiB
 OVERRIDE = "\u202e"
-LONG_NAME = "invoice.pdf" + OVERRIDE * 500_000 + ".exe"
+LONG_NAME = "invoice.pdf" + OVERRIDE * 21_000 + ".exe"
 MOST_BYTES = 4096  # of a line: a thousand columns, four bytes each at most
 MOST_OF_A_NAME = 800  # the same for two hundred
 

@@ -140,6 +140,24 @@ TEST_F(ReceiverFrames, AnOfferWithAnIdThatIsTooLongIsAViolationAndNobodyIsAsked)
     EXPECT_THAT(world.failureTexts(), ElementsAre("protocol violation: transfer id of 257 bytes, more than 256"));
 }
 
+TEST_F(ReceiverFrames, AMessageThatIsLongAndNoTextIsAViolation) {
+    world.start();
+    const std::string text(limits::freeFrameBytes, 'x');
+    for (const Row& message :
+         {Row::fileOffer(text, 10, "text/plain", "ID-1"), Row::fileOffer("a.txt", 10, text, "ID-1"), Row::setName(text),
+          Row::nameUpdate(text), Row::tokenUpdate(text)}) {
+        const auto phone = world.phone();
+        world.send(*phone, message);
+        EXPECT_TRUE(world.seesTheEnd(*phone));
+        ASSERT_FALSE(world.failures.empty());
+        EXPECT_THAT(world.failureTexts().back(), testing::MatchesRegex("protocol violation: message of 65... bytes"));
+    }
+    EXPECT_EQ(world.failures.size(), 5U);
+    const auto phone = world.phone();
+    world.send(*phone, Row::clipboard(text, "text/plain"));
+    EXPECT_EQ(world.clips.size(), 1U);
+}
+
 TEST_F(ReceiverFrames, AnOfferBeyondTheLimitsIsDeclinedAndNobodyIsAsked) {
     int asked = 0;
     Receiver& receiver = world.make();

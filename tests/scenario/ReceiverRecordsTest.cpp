@@ -1,3 +1,5 @@
+#include "OrlinthCore/Receiving/PartialMeta.h"
+#include "OrlinthCore/Receiving/RecordUpdates.h"
 #include "OrlinthCore/Receiving/SenderRecord.h"
 #include "fakes/ReceiverWorld.h"
 
@@ -47,6 +49,24 @@ TEST_F(ReceiverRecords, WithoutAnyStoreNothingIsWritten) {
     EXPECT_THAT(world.files.allFiles(), IsEmpty());
     ASSERT_EQ(world.syncs.size(), 1U);
     EXPECT_EQ(std::get<Receiver::SetName>(world.syncs[0]).from, "(unknown peer)");
+}
+
+TEST_F(ReceiverRecords, TheLatestTokenIsWrittenLastAlsoIfAWriteTakesLong) {
+    world.putPeers({world.phoneRecord()});
+    const platform::PublicKey key = world.phoneKey.publicKey();
+    const auto updates = std::make_shared<RecordUpdates>(world.system);
+    const auto noTrouble = [](const std::exception_ptr& /*error*/) { ADD_FAILURE() << "nothing went wrong"; };
+    bool isFirst = true;
+    world.files.beforeEach([&](fakes::Operation operation, const platform::Path& path) {
+        if (operation == fakes::Operation::open && path == peerFile && std::exchange(isFirst, false)) {
+            world.pass(2 * limits::recordSeconds);
+            updates->say(key, {.token = "second"}, noTrouble);
+        }
+    });
+    updates->say(key, {.token = "first"}, noTrouble);
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "first");
+    world.run(updates->finish());
+    EXPECT_EQ(world.onlyPeer().peer_fcm_token, "second");
 }
 
 TEST_F(ReceiverRecords, AnUnreadableStoreIsReportedAndTheFileIsDelivered) {
@@ -475,6 +495,20 @@ TEST_F(ReceiverApproval, CountsToTheDurationWhichBeginsWithTheOffer) {
     world.send(*phone, Row::done());
     ASSERT_EQ(world.transfers.size(), 1U);
     EXPECT_NEAR(world.transfers[0].file.durationSeconds, 22, 0.1);
+}
+
+TEST_F(ReceiverApproval, AYesForAFewBytesDeliversNothingLargerThatIsHereAlready) {
+    constexpr std::size_t size = 2 << 20;
+    world.files.put(folder / "a.txt.partial", std::string(size, 'x'));
+    const PartialMeta meta{"ID of a.txt", size, 1, world.phoneKey.publicKey().base64()};
+    world.files.put(folder / "a.txt.partial.meta.json", compactJson(meta.toJson()));
+    desk.answer("a.txt", true);
+    const auto phone = world.phone();
+    offerOnly(*phone, "a.txt");
+    EXPECT_TRUE(world.seesTheEnd(*phone));
+    EXPECT_THAT(world.failureTexts(), ElementsAre("protocol violation: more data than was offered"));
+    EXPECT_THAT(world.transfers, IsEmpty());
+    EXPECT_EQ(world.text(folder / "a.txt.partial").size(), size) << "the partial file is kept";
 }
 
 TEST_F(ReceiverApproval, ARefusedOfferIsDeclinedAndLeavesNothing) {

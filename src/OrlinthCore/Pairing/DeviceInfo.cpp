@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <functional>
 
 namespace orlinth {
 namespace {
@@ -39,12 +40,7 @@ bool isReachable(const InterfaceAddress& entry) {
            !isLinkLocal(ipv4->address);
 }
 
-const InterfaceAddress& chosenOf(const Entries& entries, const std::optional<std::string>& named) {
-    const auto isChosen = [&named](const InterfaceAddress& entry) {
-        return named
-                   ? entry.name == *named && entry.isUp && std::holds_alternative<InterfaceAddress::Ipv4>(entry.address)
-                   : isReachable(entry);
-    };
+const InterfaceAddress& chosenOf(const Entries& entries, const std::function<bool(const InterfaceAddress&)>& isChosen) {
     const auto chosen = std::ranges::find_if(entries, isChosen);
     if (chosen == entries.end()) {
         throw DeviceInfoError::noActiveInterface();
@@ -79,6 +75,22 @@ std::string macOf(const Entries& entries, const std::string& interface) {
     return "";
 }
 
+/// `chosen` is one of the entries, with an IPv4 address.
+DeviceInfo deviceOf(const platform::NetworkInterfaces& interfaces, const Entries& entries,
+                    const InterfaceAddress& chosen) {
+    const auto& ipv4 = std::get<InterfaceAddress::Ipv4>(chosen.address);
+    DeviceInfo device{.interface = chosen.name,
+                      .ipv4 = platform::dottedDecimal(ipv4.address),
+                      .subnetCIDR = cidrOf(ipv4),
+                      .macAddress = macOf(entries, chosen.name),
+                      .hostname = DeviceInfo::hostnameString(interfaces)};
+    // A tunnel has no hardware address; whoever names one does not want to hear of it.
+    if (device.macAddress.empty() && !chosen.isPointToPoint) {
+        throw DeviceInfoError::macNotFound(chosen.name);
+    }
+    return device;
+}
+
 } // namespace
 
 DeviceInfoError DeviceInfoError::getifaddrsFailed(std::int32_t number) {
@@ -95,18 +107,22 @@ DeviceInfoError DeviceInfoError::noActiveInterface() {
 
 DeviceInfo DeviceInfo::current(const platform::NetworkInterfaces& interfaces, const std::optional<std::string>& named) {
     const Entries entries = listOf(interfaces);
-    const InterfaceAddress& chosen = chosenOf(entries, named);
-    const auto& ipv4 = std::get<InterfaceAddress::Ipv4>(chosen.address);
-    DeviceInfo device{.interface = chosen.name,
-                      .ipv4 = platform::dottedDecimal(ipv4.address),
-                      .subnetCIDR = cidrOf(ipv4),
-                      .macAddress = macOf(entries, chosen.name),
-                      .hostname = hostnameString(interfaces)};
-    // A tunnel has no hardware address; whoever names one does not want to hear of it.
-    if (device.macAddress.empty() && !chosen.isPointToPoint) {
-        throw DeviceInfoError::macNotFound(chosen.name);
-    }
-    return device;
+    const InterfaceAddress& chosen = chosenOf(entries, [&named](const InterfaceAddress& entry) {
+        return named
+                   ? entry.name == *named && entry.isUp && std::holds_alternative<InterfaceAddress::Ipv4>(entry.address)
+                   : isReachable(entry);
+    });
+    return deviceOf(interfaces, entries, chosen);
+}
+
+DeviceInfo DeviceInfo::withAddress(const platform::NetworkInterfaces& interfaces,
+                                   const platform::Ipv4Address& address) {
+    const Entries entries = listOf(interfaces);
+    const InterfaceAddress& chosen = chosenOf(entries, [&address](const InterfaceAddress& entry) {
+        const auto* const ipv4 = std::get_if<InterfaceAddress::Ipv4>(&entry.address);
+        return ipv4 != nullptr && entry.isUp && ipv4->address == address;
+    });
+    return deviceOf(interfaces, entries, chosen);
 }
 
 std::string DeviceInfo::hostnameString(const platform::NetworkInterfaces& interfaces) {

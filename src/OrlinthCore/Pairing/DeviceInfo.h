@@ -44,6 +44,10 @@ struct DeviceInfo {
     [[nodiscard]] static DeviceInfo current(const platform::NetworkInterfaces& interfaces,
                                             const std::optional<std::string>& named = std::nullopt);
 
+    /// The interface that is up and has this address, whatever its kind. @throws DeviceInfoError
+    [[nodiscard]] static DeviceInfo withAddress(const platform::NetworkInterfaces& interfaces,
+                                                const platform::Ipv4Address& address);
+
     /// The kernel's name of this computer without a domain added or removed; what is not UTF-8 becomes U+FFFD.
     [[nodiscard]] static std::string hostnameString(const platform::NetworkInterfaces& interfaces);
 

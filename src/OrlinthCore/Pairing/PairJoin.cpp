@@ -19,14 +19,6 @@ namespace {
 /// What a machine without a name is called.
 constexpr const char* namelessHost = "unnamed";
 
-/// The text of a failure; a cancellation of the task is none and passes.
-std::string textOf(const std::exception& error) {
-    if (platform::isCancellation(error)) {
-        throw; // only ever called from a handler
-    }
-    return describe(error);
-}
-
 /// Subnet and hardware address of the interface that has this address; empty where they are not to be found, which
 /// does no harm: nothing depends on them.
 void addNetwork(PeerRecord& self, const platform::NetworkInterfaces& interfaces) {
@@ -85,7 +77,7 @@ Task<std::unique_ptr<platform::Stream>> connectTo(platform::System& system, Peer
         const auto port = static_cast<std::uint16_t>(computer.peer_port);
         co_return co_await system.network.connect(computer.peer_ip, port, std::move(queue));
     } catch (const std::exception& error) {
-        throw PairJoinError::connect(textOf(error));
+        throw PairJoinError::connect(platform::textOfFailure(error));
     }
 }
 
@@ -95,7 +87,7 @@ Task<> deliver(platform::Stream& connection, Bytes frame) {
     try {
         co_await connection.writeAll(frame);
     } catch (const std::exception& error) {
-        throw PairJoinError::send(textOf(error));
+        throw PairJoinError::send(platform::textOfFailure(error));
     }
     connection.finishWriting();
     std::array<std::byte, 1> nothing{};

@@ -20,14 +20,6 @@ namespace {
 /// What a deadline of no time at all is given, where zero would mean that there is none.
 constexpr double shortestTimeout = 1e-6;
 
-/// The text of a failure; a cancellation of the task is none and passes.
-std::string textOf(const std::exception& error) {
-    if (platform::isCancellation(error)) {
-        throw; // only ever called from a handler
-    }
-    return describe(error);
-}
-
 std::unique_ptr<platform::Listener> openListener(platform::Network& network, std::uint16_t port,
                                                  const Executor& queue) {
     using Error = PairListener::Error;
@@ -48,7 +40,7 @@ Task<std::unique_ptr<platform::Stream>> acceptFirst(platform::Listener& listener
         listener.close();
         co_return connection;
     } catch (const std::exception& error) {
-        throw PairListener::Error::listenerStartFailed(textOf(error));
+        throw PairListener::Error::listenerStartFailed(platform::textOfFailure(error));
     }
 }
 
@@ -59,7 +51,7 @@ Task<> readAll(platform::Stream& connection, MutableBytes into, const char* onEn
     try {
         count = co_await connection.readExact(into);
     } catch (const std::exception& error) {
-        throw Error::readFailed(textOf(error));
+        throw Error::readFailed(platform::textOfFailure(error));
     }
     if (count != into.size()) {
         throw Error::readFailed(onEnd);

@@ -95,18 +95,8 @@ Json PeerBook::toJson() const {
 }
 
 PeerBook PeerBook::fromJson(const Json& json) {
-    if (!json.is_object()) {
-        throw JsonError(std::string("expected an object, found ") + json.type_name());
-    }
-    const auto list = json.find("peers");
-    if (list == json.end()) {
-        throw JsonError("key \"peers\" is missing");
-    }
-    if (!list->is_array()) {
-        throw JsonError(std::string("key \"peers\": expected an array, found ") + list->type_name());
-    }
     PeerBook book;
-    for (const Json& item : *list) {
+    for (const Json& item : requireArray(json, "peers")) {
         book.peers.push_back(PeerRecord::fromJson(item));
     }
     return book;

@@ -62,8 +62,9 @@ DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
     return delivery;
 }
 
-/// What neither a move changes nor a reboot, as some file systems get another device number at each mount.
-bool isSameFile(const DeliveredTransfers::Delivery& delivery, const platform::FileStatus& file) {
+/// By what neither a move changes nor a reboot: not by the device, as some file systems get another number at each
+/// mount.
+bool isUnchanged(const DeliveredTransfers::Delivery& delivery, const platform::FileStatus& file) {
     return file.kind == platform::FileKind::regular && file.inode == delivery.inode && file.size == delivery.size &&
            file.modifiedNanoseconds == delivery.modified_ns;
 }
@@ -183,7 +184,7 @@ void DeliveredTransfers::catchUp() {
     }
     if (log_) {
         const platform::FileStatus opened = log_->status();
-        if (opened.inode != named->inode || opened.device != named->device || opened.size < taken_) {
+        if (!platform::isSameFile(opened, *named) || opened.size < taken_) {
             log_.reset();
         }
     }
@@ -253,9 +254,13 @@ void DeliveredTransfers::bestEffort(const char* what, Step step) {
         step();
     } catch (const platform::SystemError& error) {
         log_.reset(); // whatever was half done, the next call looks at it anew
-        system_.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "receiver",
-                          std::string(what) + ": " + error.description());
+        log(what, error);
     }
+}
+
+void DeliveredTransfers::log(const char* what, const platform::SystemError& error) const {
+    system_.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "receiver",
+                      std::string(what) + ": " + error.description());
 }
 
 bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
@@ -263,7 +268,7 @@ bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
         const std::unique_ptr<platform::Folder> folder = system_.files.openFolder(delivery.path.parent_path());
         const std::optional<platform::FileStatus> file =
             folder->status(platform::FileName(delivery.path.filename().native()));
-        return file && isSameFile(delivery, *file);
+        return file && isUnchanged(delivery, *file);
     } catch (const platform::SystemError& error) {
         if (error.code() == std::errc::no_such_file_or_directory || error.code() == std::errc::not_a_directory) {
             return false;
@@ -274,19 +279,29 @@ bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
 
 std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::string& phone,
                                                                      const std::string& transferId) {
-    const std::lock_guard guard(lock_);
-    std::optional<Delivery> found;
+    const std::optional<Delivery> delivery = remembered(phone, transferId);
+    try {
+        // not under the lock: its folder may be on a disk that hangs, while today's does not
+        return delivery && isStillThere(*delivery) ? delivery : std::nullopt;
+    } catch (const platform::SystemError& error) {
+        log("cannot look for a file that was delivered", error);
+        return std::nullopt;
+    }
+}
+
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const std::string& phone,
+                                                                           const std::string& transferId) {
+    const MutexLock guard(lock_);
+    std::optional<Delivery> known;
     bestEffort("cannot read which files were delivered", [&] {
+        lock_.assertHeld();
         catchUp();
         const Delivery* const delivery = list_.find({phone, transferId});
-        if (delivery == nullptr || delivery->at_epoch_ms < system_.clock.epochMilliseconds() - maxAgeMilliseconds) {
-            return;
-        }
-        if (isStillThere(*delivery)) {
-            found = *delivery;
+        if (delivery != nullptr && delivery->at_epoch_ms >= system_.clock.epochMilliseconds() - maxAgeMilliseconds) {
+            known = *delivery;
         }
     });
-    return found;
+    return known;
 }
 
 std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::string& phone,
@@ -303,8 +318,9 @@ void DeliveredTransfers::intend(const std::string& phone, const std::string& tra
         absolute.native().size() > longestPath) {
         return; // JSON holds no other text
     }
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     bestEffort("cannot save which file is delivered", [&] {
+        lock_.assertHeld();
         append({.phone = phone,
                 .transfer_id = transferId,
                 .path = absolute,
@@ -317,14 +333,17 @@ void DeliveredTransfers::intend(const std::string& phone, const std::string& tra
 }
 
 void DeliveredTransfers::settle(const std::string& phone, const std::string& transferId) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     const Delivery* const intended = list_.find({phone, transferId});
     if (intended == nullptr) {
         return; // it could not be saved, which was logged
     }
     Delivery delivery = *intended;
     delivery.isSettled = true;
-    bestEffort("cannot save which file was delivered", [&] { append(delivery); });
+    bestEffort("cannot save which file was delivered", [&] {
+        lock_.assertHeld();
+        append(delivery);
+    });
 }
 
 } // namespace orlinth

@@ -2,12 +2,12 @@
 
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "base/Bytes.h"
+#include "base/Mutex.h"
 #include "platform/System.h"
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -90,7 +90,7 @@ private:
     using Key = std::pair<std::string, std::string>;
     struct Entry {
         Delivery delivery;
-        std::uint64_t number; ///< higher than that of every older one
+        std::uint64_t number = 0; ///< higher than that of every older one
     };
     /// The transfers in the order in which they were remembered.
     class List {
@@ -109,21 +109,24 @@ private:
         std::uint64_t last_ = 0;
     };
 
-    [[nodiscard]] std::size_t takeLines(ByteView content);
+    [[nodiscard]] std::size_t takeLines(ByteView content) ORLINTH_REQUIRES(lock_);
+    [[nodiscard]] std::optional<Delivery> remembered(const std::string& phone, const std::string& transferId);
     [[nodiscard]] bool isStillThere(const Delivery& delivery) const;
-    void catchUp();
-    void openLog();
-    void append(const Delivery& delivery);
-    void writeAnew();
+    void log(const char* what, const platform::SystemError& error) const;
+    void catchUp() ORLINTH_REQUIRES(lock_);
+    void openLog() ORLINTH_REQUIRES(lock_);
+    void append(const Delivery& delivery) ORLINTH_REQUIRES(lock_);
+    void writeAnew() ORLINTH_REQUIRES(lock_);
     template <typename Step>
-    void bestEffort(const char* what, Step step);
+    void bestEffort(const char* what, Step step) ORLINTH_REQUIRES(lock_);
 
     platform::System& system_;
     platform::Path file_;
-    std::mutex lock_; ///< guards all that follows
-    List list_;
-    std::unique_ptr<platform::File> log_; ///< kept open, so that no other file gets its inode; null if there is none
-    std::int64_t taken_ = 0;              ///< bytes of it that are in the list; whole lines
+    Mutex lock_;
+    List list_ ORLINTH_GUARDED_BY(lock_);
+    /// Kept open, so that no other file gets its inode; null if there is none.
+    std::unique_ptr<platform::File> log_ ORLINTH_GUARDED_BY(lock_);
+    std::int64_t taken_ ORLINTH_GUARDED_BY(lock_) = 0; ///< bytes of it that are in the list; whole lines
 };
 
 } // namespace orlinth

@@ -25,8 +25,8 @@ struct DownloadRoom::Share::Entry {
 };
 
 struct DownloadRoom::Share::Ledger {
-    std::mutex lock; ///< guards what follows
-    std::list<std::shared_ptr<Entry>> entries;
+    Mutex lock;
+    std::list<std::shared_ptr<Entry>> entries ORLINTH_GUARDED_BY(lock);
 };
 
 DownloadRoom::Share::Share(std::shared_ptr<Ledger> ledger, std::shared_ptr<Entry> entry)
@@ -34,20 +34,20 @@ DownloadRoom::Share::Share(std::shared_ptr<Ledger> ledger, std::shared_ptr<Entry
 
 DownloadRoom::Share::~Share() {
     if (ledger_) {
-        const std::lock_guard guard(ledger_->lock);
+        const MutexLock guard(ledger_->lock);
         ledger_->entries.remove(entry_);
     }
 }
 
 void DownloadRoom::Share::took(std::int64_t bytes) {
-    const std::lock_guard guard(ledger_->lock);
+    const MutexLock guard(ledger_->lock);
     entry_->toCome -= std::min(entry_->toCome, bytes);
 }
 
 DownloadRoom::DownloadRoom() : ledger_(std::make_shared<Share::Ledger>()) {}
 
 std::int64_t DownloadRoom::promisedToOthers(const CollisionResolver::Transfer& transfer) const {
-    const std::lock_guard guard(ledger_->lock);
+    const MutexLock guard(ledger_->lock);
     std::int64_t sum = 0;
     for (const auto& entry : ledger_->entries) {
         if (entry->transfer.id != transfer.id || entry->transfer.phone != transfer.phone) {
@@ -60,7 +60,7 @@ std::int64_t DownloadRoom::promisedToOthers(const CollisionResolver::Transfer& t
 DownloadRoom::Share DownloadRoom::promise(const CollisionResolver::Transfer& transfer, std::int64_t bytes) {
     auto entry =
         std::make_shared<Share::Entry>(Share::Entry{.transfer = transfer, .toCome = std::max(bytes, std::int64_t{0})});
-    const std::lock_guard guard(ledger_->lock);
+    const MutexLock guard(ledger_->lock);
     ledger_->entries.push_back(entry);
     return {ledger_, std::move(entry)};
 }

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/CollisionResolver.h"
+#include "base/Mutex.h"
 
 #include <list>
 #include <memory>
-#include <mutex>
 
 namespace orlinth {
 

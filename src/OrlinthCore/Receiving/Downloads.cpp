@@ -15,14 +15,6 @@ namespace {
 /// have all of them read.
 constexpr double censusSeconds = 10;
 
-void requireSensible(const TransportMessage::FileOffer& offer) {
-    if (offer.transfer_id.size() > TransportMessage::maxTransferIdBytes) {
-        throw ReceiveError::protocolViolation("transfer id of " + std::to_string(offer.transfer_id.size()) +
-                                              " bytes, more than " +
-                                              std::to_string(TransportMessage::maxTransferIdBytes));
-    }
-}
-
 /// Bytes that the offer promises beyond those that are here.
 std::int64_t toCome(const TransportMessage::FileOffer& offer, std::int64_t here) {
     return std::max(offer.size, std::int64_t{0}) - here;
@@ -47,6 +39,14 @@ bool Downloads::isDelivered(const std::string& phone, const TransportMessage::Fi
 }
 
 // ---- refusals
+
+void Downloads::requireSensible(const TransportMessage::FileOffer& offer) {
+    if (offer.transfer_id.size() > TransportMessage::maxTransferIdBytes) {
+        throw ReceiveError::protocolViolation("transfer id of " + std::to_string(offer.transfer_id.size()) +
+                                              " bytes, more than " +
+                                              std::to_string(TransportMessage::maxTransferIdBytes));
+    }
+}
 
 Task<Downloads::Prospect> Downloads::prospectOf(std::string phone, TransportMessage::FileOffer offer) {
     requireSensible(offer);
@@ -104,12 +104,13 @@ std::optional<DownloadRefusal> Downloads::refusalIn(platform::Folder& folder,
 }
 
 bool Downloads::hasTooManyPartials(platform::Folder& folder, const std::string& phone) {
-    const std::lock_guard guard(censusLock_);
+    const MutexLock guard(censusLock_);
     const platform::FileStatus status = folder.status();
     if (!census_ || !platform::isSameFile(census_->folder, status)) {
         takeCensus(folder);
     }
     const auto isTooMany = [&] {
+        censusLock_.assertHeld();
         const auto found = census_->partials.find(phone);
         return found != census_->partials.end() && found->second >= DownloadLimits::maxPartials;
     };
@@ -131,7 +132,7 @@ void Downloads::takeCensus(platform::Folder& folder) {
 }
 
 void Downloads::countPartial(const std::string& phone, bool isNew) {
-    const std::lock_guard guard(censusLock_);
+    const MutexLock guard(censusLock_);
     if (!census_) {
         return;
     }
@@ -173,6 +174,10 @@ Task<Downloads::Beginning> Downloads::beginHere(std::string phone, TransportMess
     const FolderTurn turn = co_await turns_.take(folder->status());
     IncomingFile file = IncomingFile::begin({.system = system_, .delivered = delivered_}, std::move(folder), turn,
                                             std::move(phone), offer, offeredAt);
+    const std::int64_t most = limits_.maxFileBytes;
+    if (file.delivered() == nullptr && most > 0 && file.bytesWritten() > most) { // of a larger offer, or limit
+        co_return Beginning{.file = std::nullopt, .refusal = DownloadRefusal{DownloadRefusal::Reason::tooLarge, most}};
+    }
     if (file.delivered() == nullptr) {
         file.limitTo({.keepFreeBytes = limits_.keepFreeBytes, .maxFileBytes = limits_.maxFileBytes},
                      room_.promise(transfer, toCome(offer, file.bytesWritten())));

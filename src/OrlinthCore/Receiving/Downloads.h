@@ -1,9 +1,9 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/IncomingFile.h"
+#include "base/Mutex.h"
 
 #include <map>
-#include <mutex>
 #include <optional>
 
 namespace orlinth {
@@ -32,6 +32,8 @@ public:
     /// Transfers under way count with what is still to come, and this one with what is not here yet. Makes no folder:
     /// of one that is not there nothing can be said.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed
+    /// Whether the offer is one that can be worked with at all. @throws ReceiveError::protocolViolation
+    static void requireSensible(const TransportMessage::FileOffer& offer);
     [[nodiscard]] Task<Prospect> prospectOf(std::string phone, TransportMessage::FileOffer offer);
     /// What has come of an offer: one of the two.
     struct Beginning {
@@ -75,7 +77,7 @@ private:
                                                            const TransportMessage::FileOffer& offer);
     [[nodiscard]] bool hasTooManyPartials(platform::Folder& folder, const std::string& phone);
     void requireInPlace(const platform::Folder& folder) const;
-    void takeCensus(platform::Folder& folder);
+    void takeCensus(platform::Folder& folder) ORLINTH_REQUIRES(censusLock_);
     void countPartial(const std::string& phone, bool isNew);
 
     platform::System& system_;
@@ -84,8 +86,8 @@ private:
     DeliveredTransfers delivered_;
     FolderTurns turns_;
     DownloadRoom room_;
-    std::mutex censusLock_; ///< guards the next one
-    std::optional<Census> census_;
+    Mutex censusLock_;
+    std::optional<Census> census_ ORLINTH_GUARDED_BY(censusLock_);
 };
 
 } // namespace orlinth

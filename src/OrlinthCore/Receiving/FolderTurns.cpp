@@ -2,24 +2,21 @@
 
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/Receiving/ReceiveError.h"
-#include "platform/Cancelled.h"
+#include "base/Mutex.h"
+#include "platform/Event.h"
 #include "platform/SystemError.h"
 
-#include <asio/experimental/as_tuple.hpp>
-#include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 #include <asio/this_coro.hpp>
-#include <asio/use_awaitable.hpp>
 
 #include <algorithm>
 #include <deque>
-#include <mutex>
 #include <utility>
 
 namespace orlinth {
 namespace {
 
-/// How often another process is asked whether it has done; a lock between processes tells nobody when it is free.
+/// How often it is tried to get the lock that another process holds. This is the one thing here that is looked at again
+/// and again: flock() tells nobody when a lock is free, unless a thread waits for it.
 constexpr double lookSeconds = 0.01;
 
 constexpr std::uint32_t lockPermissions = 0600;
@@ -48,49 +45,38 @@ bool tryLock(platform::File& file) {
 /// Those of this process who wait, in the order in which they came.
 class FolderTurns::Line {
 public:
-    /// Somebody who waits. `woken` is a condition variable on its executor: it never rings, and is cancelled.
-    struct Waiter {
-        explicit Waiter(const Executor& executor) : woken(executor, asio::steady_timer::time_point::max()) {}
-        asio::steady_timer woken;
-        bool isNext = false; ///< it has the turn; under the line's lock
-    };
-    using WaiterRef = std::shared_ptr<Waiter>;
+    /// A place in the line: set, under the line's lock, when the turn has come.
+    using PlaceRef = std::shared_ptr<platform::Event>;
 
-    /// True if the turn is the waiter's at once; else it is in the line.
-    [[nodiscard]] bool join(const WaiterRef& waiter) {
-        const std::lock_guard guard(lock_);
+    /// Null if the turn is free, and taken from now on; else a place in the line.
+    [[nodiscard]] PlaceRef join(const Executor& executor) {
+        const MutexLock guard(lock_);
         if (!std::exchange(isTaken_, true)) {
-            waiter->isNext = true;
-            return true;
+            return nullptr;
         }
-        waiting_.push_back(waiter);
-        return false;
-    }
-    [[nodiscard]] bool isNext(const WaiterRef& waiter) const {
-        const std::lock_guard guard(lock_);
-        return waiter->isNext;
+        waiting_.push_back(std::make_shared<platform::Event>(executor));
+        return waiting_.back();
     }
     /// Gives the turn, or the place in the line, away.
-    void leave(const WaiterRef& waiter) {
-        const std::lock_guard guard(lock_);
-        if (!waiter->isNext) {
-            std::erase(waiting_, waiter);
+    void leave(const PlaceRef& place) {
+        const MutexLock guard(lock_);
+        if (place && !place->isSet()) {
+            std::erase(waiting_, place);
             return;
         }
         if (waiting_.empty()) {
             isTaken_ = false;
             return;
         }
-        const WaiterRef next = waiting_.front();
+        const PlaceRef next = waiting_.front();
         waiting_.pop_front();
-        next->isNext = true;
-        asio::post(next->woken.get_executor(), [next] { next->woken.cancel(); });
+        next->set();
     }
 
 private:
-    mutable std::mutex lock_; ///< guards what follows
-    bool isTaken_ = false;
-    std::deque<WaiterRef> waiting_;
+    Mutex lock_;
+    bool isTaken_ ORLINTH_GUARDED_BY(lock_) = false;
+    std::deque<PlaceRef> waiting_ ORLINTH_GUARDED_BY(lock_);
 };
 
 /// A place in the line, and then the turn.
@@ -98,39 +84,18 @@ class FolderTurn::Pass {
 public:
     using Line = FolderTurns::Line;
     Pass(std::shared_ptr<Line> line, const Executor& executor)
-        : line_(std::move(line)), waiter_(std::make_shared<Line::Waiter>(executor)) {}
+        : line_(std::move(line)), place_(line_->join(executor)) {}
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
-    ~Pass() {
-        if (hasJoined_) {
-            line_->leave(waiter_);
-        }
-    }
+    ~Pass() { line_->leave(place_); }
 
-    /// @throws Cancelled
-    [[nodiscard]] Task<> wait() {
-        const bool isNext = line_->join(waiter_);
-        hasJoined_ = true;
-        while (!isNext && !line_->isNext(waiter_)) {
-            try {
-                co_await waiter_->woken.async_wait(asio::experimental::as_tuple(asio::use_awaitable));
-            } catch (const std::exception& error) {
-                if (platform::isCancellation(error)) {
-                    throw platform::Cancelled(); // the task was cancelled before it came here
-                }
-                throw;
-            }
-            const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
-            if (state.cancelled() != asio::cancellation_type::none) {
-                throw platform::Cancelled();
-            }
-        }
-    }
+    [[nodiscard]] bool isFree() const noexcept { return place_ == nullptr; }
+    /// Unless it is free. @throws Cancelled
+    [[nodiscard]] Task<> wait() const { return place_->wait(); }
 
 private:
     std::shared_ptr<Line> line_;
-    std::shared_ptr<Line::Waiter> waiter_;
-    bool hasJoined_ = false;
+    Line::PlaceRef place_; ///< null if nobody was in the way
 };
 
 FolderTurn::FolderTurn(std::unique_ptr<Pass> pass, std::unique_ptr<platform::File> lock)
@@ -162,7 +127,9 @@ std::unique_ptr<platform::File> FolderTurns::openLock(const platform::FileStatus
 Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {
     const Executor executor = co_await asio::this_coro::executor;
     auto pass = std::make_unique<FolderTurn::Pass>(line_, executor);
-    co_await pass->wait();
+    if (!pass->isFree()) {
+        co_await pass->wait();
+    }
     const platform::Clock::Instant since = system_.clock.now(); // how long others of this process took is no matter
     std::unique_ptr<platform::File> lock;
     bool isLocked = false;

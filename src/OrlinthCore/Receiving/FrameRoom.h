@@ -1,12 +1,12 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/ReceivingLimits.h"
+#include "base/Mutex.h"
 
 #include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace orlinth {
@@ -18,7 +18,8 @@ namespace orlinth {
 ///     release()
 ///
 /// A whole frame is granted or nothing of it, so those who hold room never wait for more. The line goes in order, but
-/// for those who wait only because of what their own phone holds.
+/// for those who wait only because of what their own phone holds, and for frames larger than those of data: they share
+/// limits::largeFrameBytes, in an order of their own.
 ///
 /// Threading: any thread; a share belongs to its connection's executor.
 class FrameRoom {
@@ -64,16 +65,21 @@ private:
         bool hasLoose = false;
     };
 
-    void serveLine();
-    [[nodiscard]] bool isHeldUpByItself(const Waiter& waiter);
-    [[nodiscard]] bool isGranted(const Waiter& waiter) const;
+    [[nodiscard]] bool grantAtOnce(const std::string& phone, std::int64_t bytes, bool isLoose);
+    void enter(const WaiterRef& waiter);
+    void serveLine() ORLINTH_REQUIRES(lock_);
+    [[nodiscard]] bool isHeldUpByItself(const std::string& phone, std::int64_t bytes, bool isLoose) const
+        ORLINTH_REQUIRES(lock_);
+    [[nodiscard]] bool hasRoomForLarge(std::int64_t bytes) const ORLINTH_REQUIRES(lock_);
+    void grant(const std::string& phone, std::int64_t bytes, bool isLoose) ORLINTH_REQUIRES(lock_);
     void leave(const WaiterRef& waiter) noexcept;
-    void giveBackLocked(const std::string& phone, std::int64_t bytes, bool isLoose) noexcept;
+    void giveBackLocked(const std::string& phone, std::int64_t bytes, bool isLoose) noexcept ORLINTH_REQUIRES(lock_);
 
-    mutable std::mutex lock_; ///< guards what follows
-    std::int64_t held_ = 0;
-    std::map<std::string, Phone> phones_; ///< those that hold something
-    std::list<WaiterRef> line_;
+    mutable Mutex lock_;
+    std::int64_t held_ ORLINTH_GUARDED_BY(lock_) = 0;
+    std::int64_t heldByLarge_ ORLINTH_GUARDED_BY(lock_) = 0;        ///< of that, by frames larger than those of data
+    std::map<std::string, Phone> phones_ ORLINTH_GUARDED_BY(lock_); ///< those that hold something
+    std::list<WaiterRef> line_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth

@@ -276,7 +276,6 @@ void IncomingFile::moveIntoPlace() {
     if (folder_->status(target_.final)) {
         target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
     }
-    setPermissions(*partial_, folder_->ordinaryPermissions());
     const platform::FileStatus content = partial_->status();
     // Remembered before it is moved: if we are killed right behind the move, the next attempt finds it.
     const auto move = [&] {
@@ -289,6 +288,7 @@ void IncomingFile::moveIntoPlace() {
         }
         target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
     }
+    setPermissions(*partial_, folder_->ordinaryPermissions()); // nobody else may open what is still a partial file
 }
 
 /// An earlier session may have been killed behind the move, before it could do this.

@@ -19,6 +19,24 @@ std::optional<platform::FileName> finalOf(const std::string& name) {
     return final == "." || final == ".." ? std::nullopt : std::optional(platform::FileName(std::move(final)));
 }
 
+/// Nothing unless it is one that a receiver may continue.
+std::optional<PartialDownload> lookAt(platform::Folder& folder, const platform::FileName& partial,
+                                      const platform::FileName& final) {
+    const std::optional<platform::FileStatus> status = folder.status(partial);
+    if (!status || !CollisionResolver::mayContinue(folder, *status)) {
+        return std::nullopt;
+    }
+    std::optional<PartialMeta> meta = PartialMetaIO::load(folder, partial);
+    if (!meta) {
+        return std::nullopt;
+    }
+    return PartialDownload{.partial = partial,
+                           .final = final,
+                           .meta = *std::move(meta),
+                           .size = status->size,
+                           .changedNanoseconds = status->modifiedNanoseconds};
+}
+
 } // namespace
 
 std::vector<PartialDownload> Partials::in(platform::Folder& folder) {
@@ -30,17 +48,12 @@ std::vector<PartialDownload> Partials::in(platform::Folder& folder) {
         if (!final) {
             continue;
         }
-        const platform::FileName partial(name);
-        const std::optional<platform::FileStatus> status = folder.status(partial);
-        if (!status || !CollisionResolver::mayContinue(folder, *status)) {
-            continue;
-        }
-        if (std::optional<PartialMeta> meta = PartialMetaIO::load(folder, partial)) {
-            found.push_back({.partial = partial,
-                             .final = *final,
-                             .meta = *std::move(meta),
-                             .size = status->size,
-                             .changedNanoseconds = status->modifiedNanoseconds});
+        try {
+            if (std::optional<PartialDownload> download = lookAt(folder, platform::FileName(name), *final)) {
+                found.push_back(*std::move(download));
+            }
+        } catch (const platform::SystemError&) {
+            continue; // one that cannot be looked at is none of ours, and must not hide the others
         }
     }
     return found;

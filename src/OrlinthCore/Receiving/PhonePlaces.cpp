@@ -1,5 +1,7 @@
 #include "OrlinthCore/Receiving/PhonePlaces.h"
 
+#include "OrlinthCore/Receiving/ReceiveError.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -15,12 +17,17 @@ PhonePlaces::Claim::Claim(PhonePlaces& places, platform::Clock& clock, std::stri
     : places_(places), clock_(clock), phone_(std::move(phone)) {
     std::function<void()> dismissOther;
     {
-        const std::lock_guard guard(places_.lock_);
-        Line& line = places_.lines_[phone_];
+        const MutexLock guard(places_.lock_);
+        Phone& known = places_.phones_[phone_];
+        Line& line = known.line;
+        if (line.size() + known.leaving >= limits::connectionsOfOnePhoneInAll) {
+            throw ReceiveError::wire("too many connections of this phone are still closing");
+        }
         if (line.size() >= limits::connectionsOfOnePhone) {
             const Line::iterator other = chooseWhoGoes(line);
             dismissOther = std::exchange(other->dismiss, nullptr);
             other->owner->gone_.splice(other->owner->gone_.end(), line, other);
+            ++known.leaving;
         }
         place_ = line.insert(line.end(), {.owner = this, .dismiss = std::move(dismiss), .heardOf = clock_.now()});
     }
@@ -30,32 +37,33 @@ PhonePlaces::Claim::Claim(PhonePlaces& places, platform::Clock& clock, std::stri
 }
 
 PhonePlaces::Claim::~Claim() {
-    const std::lock_guard guard(places_.lock_);
-    if (!gone_.empty()) {
-        return;
+    const MutexLock guard(places_.lock_);
+    const auto phone = places_.phones_.find(phone_);
+    if (gone_.empty()) {
+        phone->second.line.erase(place_);
+    } else {
+        --phone->second.leaving;
     }
-    const auto line = places_.lines_.find(phone_);
-    line->second.erase(place_);
-    if (line->second.empty()) {
-        places_.lines_.erase(line);
+    if (phone->second.line.empty() && phone->second.leaving == 0) {
+        places_.phones_.erase(phone);
     }
 }
 
 void PhonePlaces::Claim::heard() {
     const platform::Clock::Instant now = clock_.now();
-    const std::lock_guard guard(places_.lock_);
+    const MutexLock guard(places_.lock_);
     place_->heardOf = now;
 }
 
 void PhonePlaces::Claim::beginTransfer() {
-    const std::lock_guard guard(places_.lock_);
+    const MutexLock guard(places_.lock_);
     place_->hasTransfer = true;
 }
 
 std::size_t PhonePlaces::count(const std::string& phone) const {
-    const std::lock_guard guard(lock_);
-    const auto line = lines_.find(phone);
-    return line == lines_.end() ? 0 : line->second.size();
+    const MutexLock guard(lock_);
+    const auto found = phones_.find(phone);
+    return found == phones_.end() ? 0 : found->second.line.size();
 }
 
 } // namespace orlinth

@@ -1,20 +1,21 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/ReceivingLimits.h"
+#include "base/Mutex.h"
 #include "platform/Clock.h"
 
 #include <functional>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace orlinth {
 
 /// The connections of phones that have proved their keys: limits::connectionsOfOnePhone each. When one more comes, the
 /// oldest without an accepted transfer has to go; if all have one, the one that was not heard of for longest, which is
-/// most probably dead. Its partial file is kept.
+/// most probably dead. Its partial file is kept. Those that have to go count on until they are gone: with them a phone
+/// has limits::connectionsOfOnePhoneInAll, and one more is turned away.
 ///
 /// Threading: any thread; a claim belongs to its connection's executor.
 class PhonePlaces {
@@ -25,7 +26,7 @@ public:
 
     class Claim;
 
-    /// For diagnostics and tests: of this phone.
+    /// For diagnostics and tests: of this phone, without those that have to go.
     [[nodiscard]] std::size_t count(const std::string& phone) const;
 
 private:
@@ -36,18 +37,22 @@ private:
         bool hasTransfer = false;
     };
     using Line = std::list<Connection>; ///< the oldest first
+    struct Phone {
+        Line line;
+        std::size_t leaving = 0; ///< those that have to go
+    };
 
     [[nodiscard]] static Line::iterator chooseWhoGoes(Line& line);
 
-    mutable std::mutex lock_; ///< guards what follows
-    std::map<std::string, Line> lines_;
+    mutable Mutex lock_;
+    std::map<std::string, Phone> phones_ ORLINTH_GUARDED_BY(lock_); ///< by key; those with a connection
 };
 
 /// One connection's place; given up with the object.
 class PhonePlaces::Claim {
 public:
     /// `phone` is the key, Base64. `dismiss` ends the connection soon after; it is called at most once, on any thread.
-    /// `places` and `clock` outlive the claim.
+    /// `places` and `clock` outlive the claim. @throws ReceiveError::wire if the phone has too many
     Claim(PhonePlaces& places, platform::Clock& clock, std::string phone, std::function<void()> dismiss);
     ~Claim();
     Claim(const Claim&) = delete;
@@ -62,8 +67,8 @@ private:
     PhonePlaces& places_;
     platform::Clock& clock_;
     const std::string phone_;
-    Line gone_; ///< holds `place_` once it was dismissed
-    Line::iterator place_;
+    Line gone_ ORLINTH_GUARDED_BY(places_.lock_);            ///< holds `place_` once it was dismissed
+    Line::iterator place_ ORLINTH_GUARDED_BY(places_.lock_); ///< what it points to, too
 };
 
 } // namespace orlinth

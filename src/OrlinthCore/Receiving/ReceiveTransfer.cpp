@@ -23,10 +23,7 @@ Task<std::unique_ptr<platform::Stream>> acceptFirst(std::unique_ptr<platform::Li
         listener->close();
         co_return connection;
     } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        throw ReceiveError::listenerStartFailed(describe(error));
+        throw ReceiveError::listenerStartFailed(platform::textOfFailure(error));
     }
 }
 

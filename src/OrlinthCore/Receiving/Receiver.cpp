@@ -3,7 +3,8 @@
 #include "OrlinthCore/Receiving/ReceiverConnection.h"
 #include "OrlinthCore/Receiving/Strangers.h"
 #include "base/ConstantTime.h"
-#include "platform/Cancelled.h"
+#include "base/Mutex.h"
+#include "platform/Condition.h"
 #include "platform/IpAddress.h"
 #include "platform/Spawn.h"
 #include "platform/SystemError.h"
@@ -16,7 +17,6 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
-#include <mutex>
 #include <utility>
 
 namespace orlinth {
@@ -25,19 +25,8 @@ namespace {
 /// How long accepting rests when the system has run out of something.
 constexpr double restSeconds = 0.1;
 
-/// How often somebody who waits for the port, or for the last connection, looks again.
-constexpr double lookSeconds = 0.01;
-
 constexpr const char* logSubsystem = "com.tarvinex.orlinth";
 constexpr const char* logCategory = "receiver";
-
-/// What passes by itself, when others have given something back.
-bool isShortage(const std::error_code& code) {
-    return code == std::errc::too_many_files_open || code == std::errc::too_many_files_open_in_system ||
-           code == std::errc::no_buffer_space || code == std::errc::not_enough_memory ||
-           code == std::errc::no_space_on_device ||           // watches of epoll
-           code == std::errc::resource_unavailable_try_again; // threads
-}
 
 /// One connection as the service keeps it.
 struct Session {
@@ -102,9 +91,9 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     PhonePlaces places;
     FrameRoom frames;
 
-    mutable std::mutex keysLock; ///< guards the next two
-    std::vector<platform::PublicKey> expected;
-    std::vector<platform::PublicKey> removed;
+    mutable Mutex keysLock;
+    std::vector<platform::PublicKey> expected ORLINTH_GUARDED_BY(keysLock);
+    std::vector<platform::PublicKey> removed ORLINTH_GUARDED_BY(keysLock);
 
     Callbacks callbacks;
     std::function<Task<bool>(Offer)> approve;
@@ -118,7 +107,8 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     std::uint64_t currentRun = 0;           ///< number of the one that runs, or has run
     bool isStopping = false;                ///< it ends, or has ended
     bool isAside = false;
-    bool isAccepting = false; ///< the listener is in use, and may be closed but not replaced
+    bool isAccepting = false;        ///< the listener is in use, and may be closed but not replaced
+    platform::Condition news{queue}; ///< told of the three before, and of fewer sessions, or fewer that are leaving
     std::uint64_t lastIdentity = 0;
     std::map<std::uint64_t, SessionRef> sessions;
     Strangers strangers{[this](std::uint64_t identity) { return sessions.at(identity)->hasGreeted.load(); }};
@@ -129,6 +119,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     void open();
     [[nodiscard]] static Task<> serve(std::shared_ptr<Service> self, std::uint64_t number);
     void stop(std::uint64_t number);
+    [[nodiscard]] bool mayAccept() const noexcept;
     [[nodiscard]] static Task<> acceptAll(std::shared_ptr<Service> self);
     [[nodiscard]] static Task<> endAll(std::shared_ptr<Service> self);
     [[nodiscard]] static Task<> closePort(std::shared_ptr<Service> self);
@@ -167,6 +158,7 @@ void Receiver::Service::stop(std::uint64_t number) {
         if (listener) {
             listener->close();
         }
+        news.changed();
     }
 }
 
@@ -195,17 +187,24 @@ Task<> Receiver::Service::serve(std::shared_ptr<Service> self, std::uint64_t num
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     co_await endAll(self);
     self->isAside = false; // whoever has stepped aside for somebody comes back with the next run
+    self->news.changed();
     if (failure) {
         std::rethrow_exception(failure);
     }
     self->system.log.write(platform::LogLevel::info, logSubsystem, logCategory, "listener AsyncStream completed");
 }
 
+/// Nobody has borrowed the port, and there is room for another stranger.
+bool Receiver::Service::mayAccept() const noexcept {
+    return !isAside && leaving < maxStrangers;
+}
+
 /// Until stop(). A connection is only handed on here, so that the next one never waits for it.
 Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
     while (!self->isStopping) {
-        if (self->isAside || self->leaving >= maxStrangers) {
-            co_await self->system.clock.sleep(lookSeconds);
+        if (!self->mayAccept()) {
+            const auto goesOn = [&service = *self] { return service.isStopping || service.mayAccept(); };
+            co_await self->news.until(goesOn);
             continue;
         }
         std::exception_ptr failure;
@@ -216,7 +215,7 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
             std::unique_ptr<platform::Stream> stream = co_await self->listener->accept(worker);
             self->admit(std::move(stream));
         } catch (const platform::SystemError& error) {
-            isShort = isShortage(error.code());
+            isShort = platform::isShortage(error.code());
             if (!isShort && !self->isStopping && !self->isAside) {
                 failure = std::make_exception_ptr(Error::listenerStopped(error.description()));
             }
@@ -224,6 +223,7 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
             failure = std::current_exception();
         }
         self->isAccepting = false;
+        self->news.changed();
         if (failure) {
             std::rethrow_exception(failure);
         }
@@ -237,15 +237,15 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
 /// Closes the port, ends every connection and waits until the last one is gone.
 Task<> Receiver::Service::endAll(std::shared_ptr<Service> self) {
     self->isStopping = true;
+    self->news.changed();
     self->listener.reset();
     self->crowdAlarm.reset();
     self->isCrowdWatched = false;
     for (const auto& [identity, session] : self->sessions) {
         end(session, "the service has ended");
     }
-    while (!self->sessions.empty()) {
-        co_await self->system.clock.sleep(lookSeconds);
-    }
+    const auto areAllGone = [&sessions = self->sessions] { return sessions.empty(); };
+    co_await self->news.until(areAllGone);
     co_await self->updates->finish();
 }
 
@@ -254,18 +254,19 @@ Task<> Receiver::Service::closePort(std::shared_ptr<Service> self) {
     if (self->listener) {
         self->listener->close();
     }
-    while (self->isAside && self->isAccepting) {
-        co_await self->system.clock.sleep(lookSeconds);
-    }
+    const auto isClosed = [&service = *self] { return !(service.isAside && service.isAccepting); };
+    co_await self->news.until(isClosed);
 }
 
 Task<> Receiver::Service::openPort(std::shared_ptr<Service> self) {
-    while (self->isAside && !self->isStopping && self->isAccepting) { // stepAside() has not returned yet
-        co_await self->system.clock.sleep(lookSeconds);
-    }
+    const auto isReady = [&service = *self] { // else stepAside() has not returned yet
+        return !(service.isAside && !service.isStopping && service.isAccepting);
+    };
+    co_await self->news.until(isReady);
     if (self->isAside && !self->isStopping) {
         self->open();
         self->isAside = false;
+        self->news.changed();
     }
 }
 
@@ -406,7 +407,7 @@ ReceiverConnectionContext::Standing Receiver::Service::standingOf(const platform
     if (refreshKeys) {
         refreshKeys();
     }
-    const std::lock_guard guard(keysLock);
+    const MutexLock guard(keysLock);
     const auto has = [&key](const std::vector<platform::PublicKey>& keys) {
         return std::ranges::any_of(
             keys, [&key](const platform::PublicKey& known) { return constantTimeEquals(known.raw(), key.raw()); });
@@ -421,6 +422,7 @@ ReceiverConnectionContext::Standing Receiver::Service::standingOf(const platform
 void Receiver::Service::stay(const SessionRef& session) {
     if (std::exchange(session->isLeaving, false)) {
         --leaving;
+        news.changed();
     }
 }
 
@@ -429,6 +431,7 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
     sessions.erase(session->identity);
     strangers.remove(session->identity);
     stay(session);
+    news.changed();
     if (outcome) {
         tell(*outcome);
     } else if (error && !isStopping) {
@@ -475,17 +478,17 @@ Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticK
 Receiver::~Receiver() = default;
 
 void Receiver::setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys) {
-    const std::lock_guard guard(service_->keysLock);
+    const MutexLock guard(service_->keysLock);
     service_->expected = std::move(keys);
 }
 
 void Receiver::setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys) {
-    const std::lock_guard guard(service_->keysLock);
+    const MutexLock guard(service_->keysLock);
     service_->removed = std::move(keys);
 }
 
 std::vector<platform::PublicKey> Receiver::removedPeerPubkeys() const {
-    const std::lock_guard guard(service_->keysLock);
+    const MutexLock guard(service_->keysLock);
     return service_->removed;
 }
 

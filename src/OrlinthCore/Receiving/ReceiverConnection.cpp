@@ -51,7 +51,7 @@ private:
 Task<NoiseTransport> shakeHands(WireConnection& wire, const ReceiverConnectionContext& context) {
     const Executor executor = co_await asio::this_coro::executor;
     NoiseHandshake handshake(NoiseRole::responder, context.staticKey.clone(), asBytes(context.prologue));
-    const HandshakeAlarm alarm(wire, executor, context);
+    HandshakeAlarm alarm(wire, executor, context);
     try {
         co_await exchangeAsResponder(wire, handshake, Receiver::maxHandshakeFrame, context.onGreeting);
         co_return std::move(handshake).finalize();
@@ -74,7 +74,7 @@ public:
 
     /// Takes the transfer over from whoever has it, and waits until nobody else touches it. `offeredAt` is when the
     /// offer came. @throws ReceiveError
-    [[nodiscard]] Task<> take(platform::Clock& clock, ActiveTransfers::Moment offeredAt) {
+    [[nodiscard]] Task<> take(ActiveTransfers::Moment offeredAt) {
         using Takeover = ActiveTransfers::Takeover;
         const Takeover takeover = transfers_.takeOver(key_, self_, offeredAt);
         switch (takeover.refusal) {
@@ -88,7 +88,7 @@ public:
         if (takeover.displaced) {
             takeover.displaced->cancel();
         }
-        co_await waitUntilDrained(transfers_, clock, key_, self_);
+        co_await transfers_.waitUntilDrained(key_, self_);
     }
 
 private:
@@ -100,13 +100,10 @@ private:
 /// The frames of one authenticated phone, up to the one that ends the connection.
 class Conversation {
 public:
-    /// `name` is what the phone was called when it came; of that its file is said to be.
-    Conversation(const ReceiverConnectionContext& context, WireConnection& wire, NoiseTransport transport,
-                 std::string name)
+    Conversation(const ReceiverConnectionContext& context, WireConnection& wire, NoiseTransport transport)
         : context_(context),
           wire_(wire),
           endpoint_(wire.remoteEndpoint()),
-          name_(std::move(name)),
           framer_(std::move(transport)),
           sender_(context.system, framer_.session().remoteStaticPublicKey()),
           self_(std::make_shared<const TransferConnection>(
@@ -125,6 +122,7 @@ public:
     [[nodiscard]] Task<Result> run() {
         place_.emplace(context_.places, context_.system.clock, self_->peerPubkey(),
                        [dismiss = context_.dismiss] { dismiss("too many connections of this phone"); });
+        co_await welcome();
         FrameBuffer buffer;
         for (;;) {
             const bool hasMore = co_await receiveFrame(buffer);
@@ -141,6 +139,7 @@ public:
             }
             const TransportMessage message = std::move(std::get<TransportMessage>(frame));
             if (message.tag() != TransportMessage::Tag::Clipboard) {
+                requireShort(buffer.body().size());
                 giveBack(buffer);
             }
             std::optional<Result> result = co_await take(message);
@@ -171,6 +170,38 @@ public:
 private:
     using Row = TransportMessage;
 
+    /// Tells of the phone that has come, and keeps its address up to date.
+    [[nodiscard]] Task<> welcome() {
+        std::optional<PeerRecord> record;
+        bool isAddressNew = false;
+        try {
+            record = sender_.find();
+        } catch (const PeerStoreError&) {
+            context_.onTrouble(std::current_exception());
+        }
+        if (record) {
+            name_ = record->peer_hostname;
+            const std::string address = platform::addressOfEndpoint(endpoint_);
+            isAddressNew = SenderRecord::isAddressNew(*record, address);
+            if (isAddressNew) {
+                record->peer_ip = address;
+            }
+        }
+        context_.onAuthenticated(
+            record); // before anything that may be told of the phone, which has a name from here on
+        if (isAddressNew) {
+            co_await changeRecord([&] { say({.address = record->peer_ip}); });
+        }
+    }
+
+    /// Only texts are long. What other messages say is kept while they are worked on, which is beyond the room for
+    /// frames. @throws ReceiveError::protocolViolation
+    static void requireShort(std::size_t frameBytes) {
+        if (frameBytes > static_cast<std::size_t>(limits::freeFrameBytes)) {
+            throw ReceiveError::protocolViolation("message of " + std::to_string(frameBytes) + " bytes");
+        }
+    }
+
     /// The frame was used. While a file comes in, the memory of the next one stays, if it is one of the usual size.
     void giveBack(FrameBuffer& buffer) noexcept {
         const std::int64_t kept = file_ ? limits::dataFrameBytes : limits::freeFrameBytes;
@@ -199,8 +230,12 @@ private:
         if (!file_) {
             throw ReceiveError::protocolViolation("binary frame before FileOffer");
         }
-        if (approvedSize_ &&
-            file_->bytesWritten() + static_cast<std::int64_t>(data.size()) > *approvedSize_ + limits::dataFrameBytes) {
+        requireApproved(file_->bytesWritten() + static_cast<std::int64_t>(data.size()));
+    }
+
+    /// The size that somebody has agreed to is a bound, give or take a frame. @throws ReceiveError::protocolViolation
+    void requireApproved(std::int64_t bytes) const {
+        if (approvedSize_ && bytes - limits::dataFrameBytes > *approvedSize_) {
             throw ReceiveError::protocolViolation("more data than was offered");
         }
     }
@@ -242,6 +277,7 @@ private:
         if (file_) {
             throw ReceiveError::protocolViolation("duplicate FileOffer");
         }
+        Downloads::requireSensible(offer); // the id is a key of what all connections share
         open_.emplace(wire_);
         const platform::Clock::Instant offerTime = context_.system.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
@@ -255,7 +291,7 @@ private:
             }
         }
         claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
-        co_await claim_->take(context_.system.clock, offeredAt);
+        co_await claim_->take(offeredAt);
         Downloads::Beginning beginning =
             co_await context_.downloads.beginUnlessRefused(self_->peerPubkey(), offer, offerTime);
         if (beginning.refusal) {
@@ -265,6 +301,7 @@ private:
         if (mustBeHere && file_->delivered() == nullptr) {
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }
+        requireApproved(file_->bytesWritten()); // what is here may be of a larger offer
         place_->beginTransfer();
         room_->beginTransfer();
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
@@ -391,7 +428,7 @@ private:
     const ReceiverConnectionContext& context_;
     WireConnection& wire_;
     std::string endpoint_;
-    std::string name_;
+    std::string name_ = Receiver::unknownPeer; ///< what it was called when it came; of that its file is said to be
     TransportFramer framer_;
     SenderRecord sender_;
     TransferConnectionRef self_;
@@ -403,24 +440,6 @@ private:
     std::optional<IncomingFile> file_; // behind the claim, so that it is closed before that is given back
     std::optional<OpenTransfer> open_; // behind both: the sender need not wait for the disk to hear of a failure
 };
-
-/// Tells of the phone that has come, and keeps its address up to date; returns what it is called.
-Task<std::string> welcome(const ReceiverConnectionContext& context, platform::PublicKey key, std::string endpoint) {
-    std::optional<PeerRecord> record;
-    try {
-        const std::string address = platform::addressOfEndpoint(endpoint);
-        record = SenderRecord(context.system, key).find();
-        if (record && SenderRecord::isAddressNew(*record, address)) {
-            co_await platform::blocking(context.system.network,
-                                        [&] { context.updates.say(key, {.address = address}, context.onTrouble); });
-            record->peer_ip = address;
-        }
-    } catch (const PeerStoreError&) {
-        context.onTrouble(std::current_exception());
-    }
-    context.onAuthenticated(record);
-    co_return record ? record->peer_hostname : Receiver::unknownPeer;
-}
 
 } // namespace
 
@@ -436,11 +455,7 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
     if (standing == Standing::unknown) {
         throw ReceiveError::unauthorizedPeer();
     }
-    std::string name = Receiver::unknownPeer;
-    if (standing == Standing::expected) {
-        name = co_await welcome(context, key, endpoint);
-    }
-    Conversation conversation(context, wire, std::move(transport), name);
+    Conversation conversation(context, wire, std::move(transport));
     if (standing == Standing::removed) {
         co_await conversation.sayFarewell(TransportMessage::unpair());
         co_return Receiver::UnpairReplied{.peerPubkey = key.base64(), .remoteEndpoint = endpoint};

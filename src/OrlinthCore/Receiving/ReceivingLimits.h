@@ -32,6 +32,9 @@ inline constexpr double strangerGraceSeconds = 1;
 
 /// Connections of one phone. A busy one has eight, and may come again with eight more before the dead ones are noticed.
 inline constexpr std::size_t connectionsOfOnePhone = 16;
+/// The same with those that have to go and have not closed yet: they may be waiting for the disk, on threads of which
+/// there are not many more (platform::Network::makeBlockingQueue()). One more is turned away.
+inline constexpr std::size_t connectionsOfOnePhoneInAll = connectionsOfOnePhone + connectionsOfOnePhone / 2;
 /// Seconds between two writes of one phone's record. A name, an address or a token changes a few times a day.
 inline constexpr double recordSeconds = 10;
 /// Questions of one phone that wait behind the one that is being asked. Nobody answers more at once.
@@ -56,7 +59,9 @@ inline constexpr std::int64_t freeFrameBytes = 64 << 10;
 inline constexpr std::int64_t dataFrameBytes = (1 << 20) + 64;
 /// Frames on their way in, of all phones: of more the rest is not read until there is room.
 inline constexpr std::int64_t frameBytes = 64 << 20;
-/// The same of one phone, so that no single one has all of the room.
+/// Those of them that are larger than a data frame, so that whoever sends such leaves room for the usual ones.
+inline constexpr std::int64_t largeFrameBytes = frameBytes - frameBytes / 4;
+/// Frames on their way in of one phone, so that no single one has all of the room.
 inline constexpr std::int64_t frameBytesOfOnePhone = frameBytes / 2;
 
 static_assert(handshakeSeconds < readSeconds);
@@ -64,7 +69,8 @@ static_assert(strangerGraceSeconds < handshakeSeconds);
 static_assert(strangers >= 16 * strangersOfOneSource, "a few sources must not be able to take every place");
 static_assert(connectionsOfOnePhone <= strangersOfOneSource, "a phone that comes back with all it may have gets in");
 static_assert(freeFrameBytes < dataFrameBytes);
-static_assert(frameBytesOfOnePhone >= static_cast<std::int64_t>(WireConnection::maxFrameBytes),
+static_assert(largeFrameBytes >= static_cast<std::int64_t>(WireConnection::maxFrameBytes) &&
+                  frameBytesOfOnePhone >= static_cast<std::int64_t>(WireConnection::maxFrameBytes),
               "every legal frame must pass");
 static_assert(frameBytesOfOnePhone >= static_cast<std::int64_t>(connectionsOfOnePhone) * dataFrameBytes,
               "a phone's transfers must not wait for each other");

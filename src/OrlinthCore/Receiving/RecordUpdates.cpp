@@ -13,8 +13,8 @@ RecordUpdates::RecordUpdates(platform::System& system)
     : system_(system), queue_(system.network.makeBlockingQueue()), alarm_(system.clock.makeTimer(queue_)) {}
 
 bool RecordUpdates::isDue(const Phone& phone) const {
-    return !phone.writtenAt ||
-           system_.clock.now() - *phone.writtenAt >= platform::Clock::Instant(limits::recordSeconds);
+    return !phone.isBeingWritten && (!phone.writtenAt || system_.clock.now() - *phone.writtenAt >=
+                                                             platform::Clock::Instant(limits::recordSeconds));
 }
 
 void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, OnTrouble onTrouble) {
@@ -30,9 +30,12 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
     const std::string name = phone.base64();
     std::optional<platform::Clock::Instant> before;
     {
-        const std::lock_guard guard(lock_);
-        Phone& known = phones_.try_emplace(name, Phone{.key = phone, .waiting = {}, .onTrouble = {}, .writtenAt = {}})
-                           .first->second;
+        const MutexLock guard(lock_);
+        Phone& known =
+            phones_
+                .try_emplace(
+                    name, Phone{.key = phone, .waiting = {}, .onTrouble = {}, .writtenAt = {}, .isBeingWritten = false})
+                .first->second;
         known.waiting.add(std::move(change));
         if (!isDue(known)) {
             known.onTrouble = std::move(onTrouble);
@@ -41,25 +44,25 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
         }
         change = std::exchange(known.waiting, {});
         before = std::exchange(known.writtenAt, system_.clock.now()); // others wait from now on
+        known.isBeingWritten = true;
     }
-    const auto wasNotWritten = [&] {
-        const std::lock_guard guard(lock_);
+    const auto end = [&](bool wasWritten) {
+        const MutexLock guard(lock_);
         if (const auto known = phones_.find(name); known != phones_.end()) {
-            known->second.writtenAt = before;
+            known->second.isBeingWritten = false;
+            known->second.writtenAt = wasWritten ? known->second.writtenAt : before;
         }
     };
     try {
-        if (!SenderRecord(system_, phone).apply(change)) {
-            wasNotWritten();
-        }
+        end(SenderRecord(system_, phone).apply(change));
     } catch (...) {
-        wasNotWritten();
+        end(false);
         throw;
     }
 }
 
 void RecordUpdates::forget(const platform::PublicKey& phone) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (const auto known = phones_.find(phone.base64()); known != phones_.end()) {
         known->second.waiting = {};
         known->second.onTrouble = {};
@@ -84,7 +87,7 @@ void RecordUpdates::writeDue(bool all) {
     std::vector<Phone> due;
     bool isSomethingLeft = false;
     {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         for (auto at = phones_.begin(); at != phones_.end();) {
             Phone& phone = at->second;
             const bool isNow = all || isDue(phone);
@@ -93,6 +96,7 @@ void RecordUpdates::writeDue(bool all) {
                 phone.waiting = {};
                 phone.onTrouble = {};
                 phone.writtenAt = system_.clock.now();
+                phone.isBeingWritten = !all;
             }
             isSomethingLeft = isSomethingLeft || !phone.waiting.isEmpty();
             at = all || isDue(phone) ? phones_.erase(at) : std::next(at);
@@ -103,6 +107,10 @@ void RecordUpdates::writeDue(bool all) {
             static_cast<void>(SenderRecord(system_, phone.key).apply(phone.waiting));
         } catch (const PeerStoreError&) {
             phone.onTrouble(std::current_exception());
+        }
+        const MutexLock guard(lock_);
+        if (const auto known = phones_.find(phone.key.base64()); known != phones_.end()) {
+            known->second.isBeingWritten = false;
         }
     }
     if (isSomethingLeft) {

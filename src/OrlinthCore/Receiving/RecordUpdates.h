@@ -2,12 +2,12 @@
 
 #include "OrlinthCore/Receiving/ReceivingLimits.h"
 #include "OrlinthCore/Receiving/SenderRecord.h"
+#include "base/Mutex.h"
 
 #include <exception>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 
 namespace orlinth {
 
@@ -39,6 +39,7 @@ private:
         RecordChange waiting;
         OnTrouble onTrouble;
         std::optional<platform::Clock::Instant> writtenAt;
+        bool isBeingWritten = false; ///< what is said meanwhile waits, so that the latest is written last
     };
 
     [[nodiscard]] bool isDue(const Phone& phone) const;
@@ -50,8 +51,9 @@ private:
     const Executor queue_;                   ///< of the writes that come later
     std::unique_ptr<platform::Timer> alarm_; ///< on the queue
     bool isAlarmSet_ = false;                ///< the same
-    std::mutex lock_;                        ///< guards what follows
-    std::map<std::string, Phone> phones_;    ///< by their keys, Base64: those with something written or to be written
+    Mutex lock_;
+    /// By their keys, Base64: those with something written or to be written.
+    std::map<std::string, Phone> phones_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth

@@ -1,12 +1,12 @@
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 
 #include "OrlinthCore/SecureChannel/WireConnection.h"
+#include "base/Hex.h"
 #include "platform/Blocking.h"
 
 #include <algorithm>
 #include <array>
 #include <cassert>
-#include <cstdio>
 
 namespace orlinth {
 
@@ -291,9 +291,7 @@ TransportFramer::Error TransportFramer::Error::decrypt(const std::string& text) 
 }
 
 TransportFramer::Error TransportFramer::Error::unknownType(std::byte type) {
-    std::array<char, 3> digits{};
-    static_cast<void>(std::snprintf(digits.data(), digits.size(), "%x", std::to_integer<unsigned>(type)));
-    Error error(Case::unknownType, std::string("unknown type byte 0x") + digits.data());
+    Error error(Case::unknownType, "unknown type byte 0x" + shortHex(type));
     error.typeByte_ = type;
     return error;
 }

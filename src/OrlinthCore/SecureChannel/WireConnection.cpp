@@ -22,10 +22,7 @@ class Silence : public std::exception {};
 
 /// Called in a handler: what the network threw, as our own error; a cancellation as it is.
 [[noreturn]] void rethrowAsUnderlying(const std::exception& error) {
-    if (platform::isCancellation(error)) {
-        throw;
-    }
-    throw WireConnection::Error::underlying(describe(error));
+    throw WireConnection::Error::underlying(platform::textOfFailure(error));
 }
 
 } // namespace

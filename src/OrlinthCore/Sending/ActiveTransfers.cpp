@@ -1,5 +1,7 @@
 #include "OrlinthCore/Sending/ActiveTransfers.h"
 
+#include <asio/this_coro.hpp>
+
 #include <algorithm>
 #include <atomic>
 #include <limits>
@@ -7,9 +9,6 @@
 
 namespace orlinth {
 namespace {
-
-/// How often a waiting connection looks again. Short against a round trip through a phone's radio.
-constexpr double secondsBetweenLooks = 0.01;
 
 std::uint64_t nextIdentity() noexcept {
     static std::atomic<std::uint64_t> last = 0; // never used twice, where an object's address would be
@@ -31,22 +30,23 @@ ActiveTransfers& ActiveTransfers::shared() {
 }
 
 ActiveTransfers::Moment ActiveTransfers::now() const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return lastClaim_;
 }
 
 TransferConnectionRef ActiveTransfers::claim(const std::string& key, const TransferConnectionRef& connection) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return claimLocked(key, connection);
 }
 
 TransferConnectionRef ActiveTransfers::claimLocked(const std::string& key, const TransferConnectionRef& connection) {
     Owner before = std::exchange(owners_[key], {.connection = connection, .claimedAt = ++lastClaim_});
+    tellWaiters();
     return before.connection && !isSame(before.connection, connection) ? std::move(before.connection) : nullptr;
 }
 
 void ActiveTransfers::release(const std::string& key, const TransferConnectionRef& connection) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     releaseLocked(key, connection);
 }
 
@@ -54,11 +54,12 @@ void ActiveTransfers::releaseLocked(const std::string& key, const TransferConnec
     const auto owner = owners_.find(key);
     if (owner != owners_.end() && isSame(owner->second.connection, connection)) {
         owners_.erase(owner);
+        tellWaiters();
     }
 }
 
 bool ActiveTransfers::isReleased(const TransferConnectionRef& connection) const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return isReleasedLocked(connection);
 }
 
@@ -76,7 +77,7 @@ ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, cons
 
 ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, const TransferConnectionRef& connection,
                                                     Moment offeredAt) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     const auto isForeign = [&](const TransferConnectionRef& other) {
         return other->peerPubkey() != connection->peerPubkey();
     };
@@ -100,35 +101,71 @@ ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, cons
 }
 
 bool ActiveTransfers::mayProceed(const std::string& key, const TransferConnectionRef& connection) const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     const auto owner = owners_.find(key);
     const bool isOwner = owner != owners_.end() && isSame(owner->second.connection, connection);
     return isOwner && std::none_of(draining_.begin(), draining_.end(), [&](const auto& entry) {
+               lock_.assertHeld();
                return entry.first.second == key && !isReleasedLocked(entry.second);
            });
 }
 
 void ActiveTransfers::finish(const std::string& key, const TransferConnectionRef& connection) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     releaseLocked(key, connection);
-    draining_.erase({connection->identity(), key});
+    if (draining_.erase({connection->identity(), key}) > 0) {
+        tellWaiters();
+    }
+}
+
+/// Who owns what, or who winds down, has changed. The lock keeps those in the list alive.
+void ActiveTransfers::tellWaiters() {
+    for (platform::Event* const waiter : waiters_) {
+        waiter->set();
+    }
+}
+
+/// Somebody who is told of each change, on its own executor.
+class ActiveTransfers::Waiter {
+public:
+    Waiter(ActiveTransfers& transfers, Executor executor) : transfers_(transfers), changed_(std::move(executor)) {
+        const MutexLock guard(transfers_.lock_);
+        place_ = transfers_.waiters_.insert(transfers_.waiters_.end(), &changed_);
+    }
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+    ~Waiter() {
+        const MutexLock guard(transfers_.lock_);
+        transfers_.waiters_.erase(place_);
+    }
+    [[nodiscard]] platform::Event& changed() noexcept { return changed_; }
+
+private:
+    ActiveTransfers& transfers_;
+    platform::Event changed_;
+    std::list<platform::Event*>::iterator place_;
+};
+
+Task<> ActiveTransfers::waitUntilDrained(std::string key, TransferConnectionRef connection) {
+    if (mayProceed(key, connection)) {
+        co_return;
+    }
+    const Executor executor = co_await asio::this_coro::executor;
+    Waiter waiter(*this, executor);
+    while (!mayProceed(key, connection)) { // what changes from here on is told
+        co_await waiter.changed().wait();
+        waiter.changed().reset();
+    }
 }
 
 std::size_t ActiveTransfers::ownerCount() const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return owners_.size();
 }
 
 std::size_t ActiveTransfers::drainingCount() const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return draining_.size();
-}
-
-Task<> waitUntilDrained(const ActiveTransfers& transfers, platform::Clock& clock, std::string key,
-                        TransferConnectionRef connection) {
-    while (!transfers.mayProceed(key, connection)) {
-        co_await clock.sleep(secondsBetweenLooks);
-    }
 }
 
 } // namespace orlinth

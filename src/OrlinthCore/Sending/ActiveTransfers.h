@@ -1,12 +1,13 @@
 #pragma once
 
-#include "platform/Clock.h"
+#include "base/Mutex.h"
+#include "platform/Event.h"
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -83,6 +84,8 @@ public:
     /// Whether `connection` may touch what the key stands for: it is the owner, and no earlier one of this key, however
     /// far back in a chain of takeovers, is still winding down.
     [[nodiscard]] bool mayProceed(const std::string& key, const TransferConnectionRef& connection) const;
+    /// Waits until it may. @throws Cancelled
+    [[nodiscard]] Task<> waitUntilDrained(std::string key, TransferConnectionRef connection);
     /// The last step of a connection with this key, in every case: release(), and it no longer drains from it.
     void finish(const std::string& key, const TransferConnectionRef& connection);
 
@@ -100,18 +103,19 @@ private:
     };
 
     // what the public operations of these names do, for callers that hold the lock
-    [[nodiscard]] TransferConnectionRef claimLocked(const std::string& key, const TransferConnectionRef& connection);
-    void releaseLocked(const std::string& key, const TransferConnectionRef& connection);
-    [[nodiscard]] bool isReleasedLocked(const TransferConnectionRef& connection) const;
+    [[nodiscard]] TransferConnectionRef claimLocked(const std::string& key, const TransferConnectionRef& connection)
+        ORLINTH_REQUIRES(lock_);
+    void releaseLocked(const std::string& key, const TransferConnectionRef& connection) ORLINTH_REQUIRES(lock_);
+    [[nodiscard]] bool isReleasedLocked(const TransferConnectionRef& connection) const ORLINTH_REQUIRES(lock_);
+    void tellWaiters() ORLINTH_REQUIRES(lock_);
 
-    mutable std::mutex lock_; ///< guards all that follows
-    Moment lastClaim_ = 0;
-    std::map<std::string, Owner> owners_;
-    std::map<DrainingKey, TransferConnectionRef> draining_;
+    class Waiter;
+
+    mutable Mutex lock_;
+    Moment lastClaim_ ORLINTH_GUARDED_BY(lock_) = 0;
+    std::map<std::string, Owner> owners_ ORLINTH_GUARDED_BY(lock_);
+    std::map<DrainingKey, TransferConnectionRef> draining_ ORLINTH_GUARDED_BY(lock_);
+    std::list<platform::Event*> waiters_ ORLINTH_GUARDED_BY(lock_); ///< set at each change
 };
-
-/// Waits, by looking again every few milliseconds, until `connection` may proceed with the key. @throws Cancelled
-[[nodiscard]] Task<> waitUntilDrained(const ActiveTransfers& transfers, platform::Clock& clock, std::string key,
-                                      TransferConnectionRef connection);
 
 } // namespace orlinth

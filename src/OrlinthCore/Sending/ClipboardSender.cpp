@@ -43,10 +43,7 @@ Task<> deliver(platform::System& system, WireConnection& wire, ByteView sealed, 
             onSent();
         }
     } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        ClipLog(system.log).write("write failed, checking for Unpair: " + describe(error));
+        ClipLog(system.log).write("write failed, checking for Unpair: " + platform::textOfFailure(error));
     }
 }
 

@@ -1,6 +1,7 @@
 #include "OrlinthCore/Sending/FcmWake.h"
 
 #include "base/Base64.h"
+#include "base/Hex.h"
 #include "base/Json.h"
 #include "base/Text.h"
 #include "platform/Cancelled.h"
@@ -66,14 +67,12 @@ std::string base64url(ByteView bytes) {
 /// One segment of a URL's path (RFC 3986 §3.3): everything but unreserved characters as "%41".
 std::string pathSegment(std::string_view text) {
     constexpr std::string_view unreserved = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
-    constexpr std::string_view digits = "0123456789ABCDEF";
     std::string segment;
     for (const char character : text) {
         if (unreserved.find(character) != std::string_view::npos) {
             segment += character;
         } else {
-            const auto octet = static_cast<unsigned char>(character);
-            segment += {'%', digits[octet >> 4U], digits[octet & 0xfU]};
+            appendPercentEncoded(segment, static_cast<unsigned char>(character), HexCase::upper);
         }
     }
     return segment;

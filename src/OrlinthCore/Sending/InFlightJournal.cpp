@@ -69,7 +69,7 @@ InFlightJournal::InFlightJournal(platform::FileSystem& files, platform::Path fil
 
 std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t size, const std::string& mime,
                                          const std::string& fingerprint) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     const std::string key = InFlightKey{name, size, mime, fingerprint}.text();
     const Entries known = load();
     if (const auto found = known.find(key); found != known.end()) {
@@ -92,7 +92,7 @@ std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t s
 
 void InFlightJournal::complete(const std::string& name, std::int64_t size, const std::string& mime,
                                const std::string& fingerprint) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     const std::string key = InFlightKey{name, size, mime, fingerprint}.text();
     if (!load().contains(key)) {
         return;
@@ -105,12 +105,12 @@ void InFlightJournal::complete(const std::string& name, std::int64_t size, const
 }
 
 std::map<std::string, std::string> InFlightJournal::snapshotEntries() const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return load();
 }
 
 void InFlightJournal::wipe() {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (!files_.exists(fileURL_)) {
         return;
     }
@@ -154,7 +154,7 @@ void InFlightJournal::Batch::eraseFinished(Entries& entries) {
 }
 
 std::vector<std::string> InFlightJournal::Batch::reserve(const std::vector<Wanted>& files) {
-    const std::lock_guard guard(journal_.lock_);
+    const MutexLock guard(journal_.lock_);
     makeFolder();
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
     Entries entries = journal_.load();
@@ -209,7 +209,7 @@ void InFlightJournal::Batch::adopt(const Entries& entries) {
 }
 
 std::string InFlightJournal::Batch::idOf(const InFlightKey& file) {
-    const std::lock_guard guard(journal_.lock_);
+    const MutexLock guard(journal_.lock_);
     update();
     const auto at = reserved_.try_emplace(file.text(), Reserved{.id = platform::randomUuidText(), .uses = 1}).first;
     Reserved& reserved = at->second;
@@ -229,7 +229,7 @@ std::string InFlightJournal::Batch::idOf(const InFlightKey& file) {
 }
 
 void InFlightJournal::Batch::complete(const InFlightKey& file, const std::string& id) {
-    const std::lock_guard guard(journal_.lock_);
+    const MutexLock guard(journal_.lock_);
     const auto reserved = reserved_.find(file.text());
     if (reserved == reserved_.end() || reserved->second.id != id) {
         finished_.insert_or_assign(file.text(), id); // it has another one by now, which is not to go
@@ -240,7 +240,7 @@ void InFlightJournal::Batch::complete(const InFlightKey& file, const std::string
 }
 
 void InFlightJournal::Batch::keep(const InFlightKey& file, const std::string& id) {
-    const std::lock_guard guard(journal_.lock_);
+    const MutexLock guard(journal_.lock_);
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
     Entries entries = journal_.load();
     if (entries.try_emplace(file.text(), id).second) {
@@ -250,7 +250,7 @@ void InFlightJournal::Batch::keep(const InFlightKey& file, const std::string& id
 }
 
 void InFlightJournal::Batch::flush() {
-    const std::lock_guard guard(journal_.lock_);
+    const MutexLock guard(journal_.lock_);
     if (finished_.empty()) {
         return;
     }

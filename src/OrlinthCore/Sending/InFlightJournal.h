@@ -1,11 +1,11 @@
 #pragma once
 
 #include "base/Json.h"
+#include "base/Mutex.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
 
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -80,13 +80,13 @@ public:
 
 private:
     using Entries = std::map<std::string, std::string>;
-    [[nodiscard]] Entries load() const;
+    [[nodiscard]] Entries load() const ORLINTH_REQUIRES(lock_);
     /// Returns whether the file holds them now.
-    bool write(const Entries& entries);
+    bool write(const Entries& entries) ORLINTH_REQUIRES(lock_);
 
     platform::FileSystem& files_;
     platform::Path fileURL_;
-    mutable std::mutex lock_;
+    mutable Mutex lock_; ///< of the journal file, and of what its batches know
 };
 
 /// Many sends with one journal, at the cost of two writes for many files instead of two for each.
@@ -137,14 +137,15 @@ private:
 
     [[nodiscard]] Look look() const;
     void makeFolder() noexcept;
-    void eraseFinished(Entries& entries);
-    void update();
-    void adopt(const Entries& entries);
+    void eraseFinished(Entries& entries) ORLINTH_REQUIRES(journal_.lock_);
+    void update() ORLINTH_REQUIRES(journal_.lock_);
+    void adopt(const Entries& entries) ORLINTH_REQUIRES(journal_.lock_);
 
     InFlightJournal& journal_;
-    std::map<std::string, Reserved> reserved_; ///< by entry key; guarded by the journal's lock, like all that follows
-    std::map<std::string, std::string> finished_; ///< entry keys, with their ids, that are to go from the file
-    Look known_;
+    std::map<std::string, Reserved> reserved_ ORLINTH_GUARDED_BY(journal_.lock_); ///< by entry key
+    /// Entry keys, with their ids, that are to go from the file.
+    std::map<std::string, std::string> finished_ ORLINTH_GUARDED_BY(journal_.lock_);
+    Look known_ ORLINTH_GUARDED_BY(journal_.lock_);
 };
 
 } // namespace orlinth

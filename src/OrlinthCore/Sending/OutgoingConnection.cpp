@@ -65,10 +65,7 @@ Task<Try> tryToConnect(platform::Network& network, std::string host, std::uint16
         std::unique_ptr<platform::Stream> stream = co_await network.connect(std::move(host), port, std::move(queue));
         co_return Try{std::move(stream), std::nullopt};
     } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        co_return Try{nullptr, SendError::network(describe(error), reasonOf(error))};
+        co_return Try{nullptr, SendError::network(platform::textOfFailure(error), reasonOf(error))};
     }
 }
 

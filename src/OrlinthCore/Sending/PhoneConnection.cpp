@@ -44,10 +44,7 @@ Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string toke
         FcmWake wake(system, FcmWake::defaultServiceAccountURL(system.directories), std::move(fcmBaseURL));
         co_await wake.sendWake(std::move(token));
     } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        throw SendError::network("FCM wake failed: " + describe(error), SendError::Reason::pushFailed,
+        throw SendError::network("FCM wake failed: " + platform::textOfFailure(error), SendError::Reason::pushFailed,
                                  std::current_exception());
     }
 }
@@ -149,10 +146,7 @@ Task<TransportFramer> authenticate(WireConnection& wire, const platform::Private
     try {
         co_await exchangeAsInitiator(wire, handshake);
     } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        throw SendError::noiseHandshakeFailed(describe(error));
+        throw SendError::noiseHandshakeFailed(platform::textOfFailure(error));
     }
     NoiseTransport transport = std::move(handshake).finalize();
     if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), peerPubkey)) {

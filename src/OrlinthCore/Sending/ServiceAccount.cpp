@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Sending/FcmWake.h"
 #include "base/Base64.h"
+#include "base/Hex.h"
 #include "base/Json.h"
 
 #include <algorithm>
@@ -33,7 +34,8 @@ public:
     /// Goes to the beginning of the element's contents; returns them.
     ByteView enter(std::uint8_t tag) {
         if (position_ >= data_.size() || octetAt(position_) != tag) {
-            throw FcmWake::Error::privateKeyImport("expected tag 0x" + hexOf(tag) + " at " + std::to_string(position_));
+            throw FcmWake::Error::privateKeyImport("expected tag 0x" + shortHex(std::byte{tag}) + " at " +
+                                                   std::to_string(position_));
         }
         ++position_;
         const std::size_t length = readLength();
@@ -47,16 +49,6 @@ public:
     }
 
 private:
-    static std::string hexOf(std::uint8_t tag) {
-        constexpr std::string_view digits = "0123456789abcdef";
-        std::string text;
-        if (tag >> 4U != 0) {
-            text += digits[tag >> 4U];
-        }
-        text += digits[tag & 0xfU];
-        return text;
-    }
-
     std::uint8_t octetAt(std::size_t position) const { return std::to_integer<std::uint8_t>(data_[position]); }
 
     [[noreturn]] static void truncated(std::size_t lengthPosition) {

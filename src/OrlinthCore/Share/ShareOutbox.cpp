@@ -9,20 +9,6 @@ namespace {
 constexpr std::uint32_t ownersFolder = 0700;
 constexpr std::uint32_t ownersFile = 0600;
 
-std::vector<std::string> textsOf(const Json& list, const char* key) {
-    if (!list.is_array()) {
-        throw JsonError(std::string("key \"") + key + "\": expected an array, found " + list.type_name());
-    }
-    std::vector<std::string> texts;
-    for (const Json& entry : list) {
-        if (!entry.is_string()) {
-            throw JsonError(std::string("key \"") + key + "\": expected strings, found " + entry.type_name());
-        }
-        texts.push_back(entry.get<std::string>());
-    }
-    return texts;
-}
-
 } // namespace
 
 Json ShareOutbox::SharePeer::toJson() const {
@@ -44,20 +30,10 @@ Json ShareOutbox::Manifest::toJson() const {
 }
 
 ShareOutbox::Manifest ShareOutbox::Manifest::fromJson(const Json& json) {
-    Manifest manifest{.id = requireString(json, "id"),
-                      .createdAtMs = requireInt64(json, "createdAtMs"),
-                      .files = {},
-                      .targetPubkeys = std::nullopt};
-    const auto files = json.find("files");
-    if (files == json.end()) {
-        throw JsonError("key \"files\" is missing");
-    }
-    manifest.files = textsOf(*files, "files");
-    const auto targets = json.find("targetPubkeys");
-    if (targets != json.end() && !targets->is_null()) {
-        manifest.targetPubkeys = textsOf(*targets, "targetPubkeys");
-    }
-    return manifest;
+    return {.id = requireString(json, "id"),
+            .createdAtMs = requireInt64(json, "createdAtMs"),
+            .files = requireStrings(json, "files"),
+            .targetPubkeys = optionalStrings(json, "targetPubkeys")};
 }
 
 ShareOutbox::ShareOutbox(platform::FileSystem& files, const platform::UserDirectories& directories)

@@ -110,7 +110,7 @@ std::unique_ptr<platform::File> makeHeldFolder(FileSystem& files, const Path& fo
         std::unique_ptr<platform::File> hold = files.open(folder, OpenMode::read, platform::Links::refuse);
         hold->lock();
         const std::optional<platform::FileStatus> found = files.status(folder);
-        const bool isSame = found && found->inode == hold->status().inode && found->device == hold->status().device;
+        const bool isSame = found && platform::isSameFile(*found, hold->status());
         return isSame ? std::move(hold) : nullptr;
     } catch (const SystemError& error) {
         if (error.code() == std::errc::no_such_file_or_directory) {
@@ -177,30 +177,36 @@ bool ShareStaging::add(const Path& file) noexcept {
         while (system_.files.exists(folder_ / name) || !copyUnlessTaken(system_.files, file, folder_ / name)) {
             name = candidates.next();
         }
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         names_.push_back(std::move(name));
         return true;
     } catch (const std::exception& error) {
         system_.log.write(LogLevel::error, logSubsystem, logCategory, "copy failed: " + describe(error));
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         lastProblem_ = describe(error);
         return false;
     }
 }
 
+std::vector<std::string> ShareStaging::copiedNames() const {
+    const MutexLock guard(lock_);
+    return names_;
+}
+
 std::string ShareStaging::lastProblem() const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return lastProblem_;
 }
 
 ShareOutbox::Manifest ShareStaging::finish(std::optional<std::vector<std::string>> targetPubkeys) {
-    if (names_.empty()) {
+    std::vector<std::string> names = copiedNames();
+    if (names.empty()) {
         discard();
         throw ShareError::nothingRead();
     }
     ShareOutbox::Manifest manifest{.id = id_,
                                    .createdAtMs = system_.clock.epochMilliseconds(),
-                                   .files = names_,
+                                   .files = std::move(names),
                                    .targetPubkeys = std::move(targetPubkeys)};
     try {
         system_.files.flushDirectory(folder_); // a manifest on the disk means that its files are there too

@@ -2,11 +2,11 @@
 
 #include "OrlinthCore/Share/ShareOutbox.h"
 #include "base/Error.h"
+#include "base/Mutex.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -80,6 +80,7 @@ public:
                                                           const std::string& preferredName);
 
 private:
+    [[nodiscard]] std::vector<std::string> copiedNames() const;
     void flushManifest();
     void discard() noexcept;
 
@@ -88,9 +89,9 @@ private:
     platform::Path folder_;
     std::unique_ptr<platform::File> hold_; ///< the locked folder
     bool isFinished_ = false;
-    mutable std::mutex lock_;        ///< guards the next two
-    std::vector<std::string> names_; ///< in the order in which the copies finished
-    std::string lastProblem_;
+    mutable Mutex lock_;
+    std::vector<std::string> names_ ORLINTH_GUARDED_BY(lock_); ///< in the order in which the copies finished
+    std::string lastProblem_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth

@@ -1,5 +1,6 @@
 #include "platform/linux/AvahiAnnouncement.h"
 
+#include "base/Mutex.h"
 #include "base/SecretBytes.h"
 #include "platform/linux/AvahiText.h"
 
@@ -49,8 +50,8 @@ bool isFinal(int error) {
 
 /// The way from the loop's thread to the executor. Outlives the announcement while a call is on its way.
 struct AvahiAnnouncement::Teller {
-    std::mutex lock;
-    Executor executor;                          ///< guarded by lock; empty when silent
+    Mutex lock;
+    Executor executor ORLINTH_GUARDED_BY(lock); ///< empty when silent
     ServiceDiscovery::PublicationEvents events; ///< the executor only
     std::atomic<bool> silent = false;
 };
@@ -68,7 +69,7 @@ AvahiAnnouncement::~AvahiAnnouncement() {
 
 void AvahiAnnouncement::fallSilent() noexcept {
     teller_->silent = true;
-    const std::lock_guard guard(teller_->lock);
+    const MutexLock guard(teller_->lock);
     teller_->executor = Executor();
 }
 
@@ -235,7 +236,7 @@ void AvahiAnnouncement::tellOnce(int error) noexcept {
 
 void AvahiAnnouncement::tell(int error) noexcept {
     told_ = true;
-    const std::lock_guard guard(teller_->lock);
+    const MutexLock guard(teller_->lock);
     if (teller_->executor) {
         asio::post(teller_->executor, [teller = teller_, reason = std::string(avahi_strerror(error))] {
             if (!teller->silent && teller->events.onFailure) {
@@ -246,7 +247,7 @@ void AvahiAnnouncement::tell(int error) noexcept {
 }
 
 void AvahiAnnouncement::tellPublished() noexcept {
-    const std::lock_guard guard(teller_->lock);
+    const MutexLock guard(teller_->lock);
     if (teller_->executor) {
         asio::post(teller_->executor, [teller = teller_] {
             if (!teller->silent && teller->events.onPublished) {

@@ -34,7 +34,7 @@ AvahiSearch::~AvahiSearch() {
 
 std::vector<ServiceRecord> AvahiSearch::found() const {
     std::vector<ServiceRecord> services;
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     for (const auto& [sighting, record] : records_) {
         const bool known = std::find(services.begin(), services.end(), record) != services.end();
         if (!known && services.size() < LinuxServiceDiscovery::maxFound) {
@@ -45,12 +45,12 @@ std::vector<ServiceRecord> AvahiSearch::found() const {
 }
 
 std::optional<std::string> AvahiSearch::failure() const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return failure_ || looks_ ? failure_ : avahi_strerror(AVAHI_ERR_TIMEOUT);
 }
 
 void AvahiSearch::fallSilent() noexcept {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     onFailure_ = nullptr;
 }
 
@@ -87,7 +87,7 @@ void AvahiSearch::begin() {
         failed(avahi_client_errno(client_));
         return;
     }
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     looks_ = true;
 }
 
@@ -133,7 +133,7 @@ void AvahiSearch::disappeared(const Sighting& sighting) noexcept {
         avahi_service_resolver_free(place->second->resolver);
         resolvings_.erase(place);
     }
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     const auto record = records_.find(sighting);
     if (record != records_.end()) {
         record->second.wipeTxt();
@@ -149,7 +149,7 @@ void AvahiSearch::resolved(const Sighting& sighting, std::uint16_t port, const A
     for (std::string& text : strings) {
         wipe(std::as_writable_bytes(std::span(text)));
     }
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     std::swap(records_[sighting], record);
     record.wipeTxt(); // what it said before
 }
@@ -158,7 +158,7 @@ void AvahiSearch::failed(int error) noexcept {
     if (isInterrupted()) {
         return;
     }
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (!failure_) {
         failure_ = avahi_strerror(error);
         if (onFailure_) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Mutex.h"
 #include "platform/ServiceDiscovery.h"
 #include "platform/linux/AvahiLoop.h"
 
@@ -51,11 +52,11 @@ private:
     AvahiClient* client_ = nullptr;
     std::map<Sighting, std::unique_ptr<Resolving>> resolvings_;
 
-    mutable std::mutex lock_;
-    std::function<void()> onFailure_;           ///< guarded by lock_
-    std::optional<std::string> failure_;        ///< guarded by lock_
-    bool looks_ = false;                        ///< the daemon has taken the search on; guarded by lock_
-    std::map<Sighting, ServiceRecord> records_; ///< guarded by lock_
+    mutable Mutex lock_;
+    std::function<void()> onFailure_ ORLINTH_GUARDED_BY(lock_);
+    std::optional<std::string> failure_ ORLINTH_GUARDED_BY(lock_);
+    bool looks_ ORLINTH_GUARDED_BY(lock_) = false; ///< the daemon has taken the search on
+    std::map<Sighting, ServiceRecord> records_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth::platform

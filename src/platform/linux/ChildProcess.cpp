@@ -1,5 +1,7 @@
 #include "platform/linux/ChildProcess.h"
 
+#include "platform/linux/Descriptor.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -16,15 +18,11 @@
 namespace orlinth::platform {
 namespace {
 
+using detail::checked;
+using detail::Descriptor;
+
 constexpr std::size_t maxComplaintBytes = 4096;
 constexpr int firstFreeDescriptor = 3;
-
-int checked(int result) {
-    if (result == -1) {
-        throw SystemError::fromErrno();
-    }
-    return result;
-}
 
 /// For the calls that return their error instead of setting errno.
 void require(int error) {
@@ -54,39 +52,17 @@ std::string_view nameIn(std::string_view entry) {
     return entry.substr(0, entry.find('='));
 }
 
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int number) noexcept : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(number_, other.number_);
-        return *this;
-    }
-    ~Descriptor() { close(); }
-
-    void close() noexcept {
-        if (number_ != -1) {
-            ::close(std::exchange(number_, -1));
-        }
-    }
-    [[nodiscard]] int get() const noexcept { return number_; }
-
-private:
-    int number_ = -1;
-};
-
 /// The same file under a number that none of the child's three streams has, even if ours are closed.
 Descriptor aboveTheStreams(Descriptor file) {
     if (file.get() >= firstFreeDescriptor) {
         return file;
     }
-    return Descriptor(checked(::fcntl(file.get(), F_DUPFD_CLOEXEC, firstFreeDescriptor)));
+    return Descriptor::require(::fcntl(file.get(), F_DUPFD_CLOEXEC, firstFreeDescriptor));
 }
 
 /// A file without a name that holds these bytes. As the child's input it needs nobody who writes, and no SIGPIPE.
 Descriptor inputFile(ByteView bytes) {
-    Descriptor file = aboveTheStreams(Descriptor(checked(::memfd_create("input", MFD_CLOEXEC))));
+    Descriptor file = aboveTheStreams(Descriptor::require(::memfd_create("input", MFD_CLOEXEC)));
     ByteView rest = bytes;
     while (!rest.empty()) {
         const ssize_t written = ::write(file.get(), rest.data(), rest.size());
@@ -98,7 +74,7 @@ Descriptor inputFile(ByteView bytes) {
         }
         rest = rest.subspan(static_cast<std::size_t>(written));
     }
-    checked(static_cast<int>(::lseek(file.get(), 0, SEEK_SET)));
+    checked([&] { return ::lseek(file.get(), 0, SEEK_SET); });
     return file;
 }
 
@@ -106,9 +82,9 @@ Descriptor inputFile(ByteView bytes) {
 /// for ever without being killed by its next line. It cannot grow.
 Descriptor complaintFile() {
     Descriptor file =
-        aboveTheStreams(Descriptor(checked(::memfd_create("complaint", MFD_CLOEXEC | MFD_ALLOW_SEALING))));
-    checked(::ftruncate(file.get(), maxComplaintBytes));
-    checked(::fcntl(file.get(), F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL));
+        aboveTheStreams(Descriptor::require(::memfd_create("complaint", MFD_CLOEXEC | MFD_ALLOW_SEALING)));
+    checked([&] { return ::ftruncate(file.get(), maxComplaintBytes); });
+    checked([&] { return ::fcntl(file.get(), F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL); });
     return file;
 }
 
@@ -244,7 +220,7 @@ void awaitEither(std::array<pollfd, 2>& watched, Clock::time_point deadline, con
 
 /// A descriptor that becomes readable when the child ends. The C library's own function lacks C linkage in Debian 12.
 Descriptor endOf(pid_t child) {
-    return Descriptor(checked(static_cast<int>(::syscall(SYS_pidfd_open, child, 0))));
+    return Descriptor::require(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
 }
 
 /// Reads one piece; false at the end.
@@ -285,7 +261,7 @@ ChildResult runChild(const ChildProgram& program) {
     plan.stream(STDERR_FILENO, complaint);
     if (program.maxOutputBytes > 0) {
         std::array<int, 2> ends{};
-        checked(::pipe2(ends.data(), O_CLOEXEC));
+        checked([&] { return ::pipe2(ends.data(), O_CLOEXEC); });
         output = Descriptor(ends[0]);
         outputOfChild = aboveTheStreams(Descriptor(ends[1]));
         plan.stream(STDOUT_FILENO, outputOfChild);

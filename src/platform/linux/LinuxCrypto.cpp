@@ -1,11 +1,9 @@
 #include "base/Base64.h"
 #include "base/Uuid.h"
 #include "platform/Crypto.h"
+#include "platform/linux/OpenSsl.h"
 
 #include <openssl/core_names.h>
-#include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/kdf.h>
 #include <openssl/rand.h>
 
 #include <algorithm>
@@ -19,30 +17,18 @@ namespace orlinth::platform {
 
 namespace {
 
-template <auto free>
-struct Freer {
-    template <typename T>
-    void operator()(T* object) const noexcept {
-        free(object);
-    }
-};
-using CipherPtr = std::unique_ptr<EVP_CIPHER, Freer<EVP_CIPHER_free>>;
-using CipherContextPtr = std::unique_ptr<EVP_CIPHER_CTX, Freer<EVP_CIPHER_CTX_free>>;
-using DigestPtr = std::unique_ptr<EVP_MD, Freer<EVP_MD_free>>;
-using DigestContextPtr = std::unique_ptr<EVP_MD_CTX, Freer<EVP_MD_CTX_free>>;
-using KdfPtr = std::unique_ptr<EVP_KDF, Freer<EVP_KDF_free>>;
-using KdfContextPtr = std::unique_ptr<EVP_KDF_CTX, Freer<EVP_KDF_CTX_free>>;
-using KeyPtr = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>;
-using KeyContextPtr = std::unique_ptr<EVP_PKEY_CTX, Freer<EVP_PKEY_CTX_free>>;
+using detail::CipherContextPtr;
+using detail::CipherPtr;
+using detail::DigestContextPtr;
+using detail::DigestPtr;
+using detail::KdfContextPtr;
+using detail::KdfPtr;
+using detail::KeyContextPtr;
+using detail::KeyPtr;
+using detail::octetsOf;
 
-/// Throws the library's own reason for the call that has just failed, and leaves its error queue empty: an old entry
-/// would be taken for the reason of a later failure.
 [[noreturn]] void fail() {
-    const unsigned long code = ERR_peek_error();
-    const char* reason = code == 0 ? nullptr : ERR_reason_error_string(code);
-    std::string text = reason != nullptr ? reason : "the cryptographic library gave no reason";
-    ERR_clear_error();
-    throw CryptoError(std::move(text));
+    detail::throwOpenSslError("the cryptographic library gave no reason");
 }
 
 void check(int result) {
@@ -57,16 +43,6 @@ Pointer checked(Pointer pointer) {
         fail();
     }
     return pointer;
-}
-
-/// OpenSSL reads bytes as unsigned char, and takes a null pointer for "not given" even where the length is zero.
-const unsigned char* octetsOf(ByteView bytes) noexcept {
-    static constexpr unsigned char nothing = 0;
-    return bytes.empty() ? &nothing : reinterpret_cast<const unsigned char*>(bytes.data());
-}
-
-unsigned char* octetsOf(MutableBytes bytes) noexcept {
-    return reinterpret_cast<unsigned char*>(bytes.data());
 }
 
 int intSize(ByteView bytes) {

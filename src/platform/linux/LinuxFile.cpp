@@ -11,12 +11,6 @@
 
 namespace orlinth::platform::detail {
 
-Descriptor::~Descriptor() {
-    if (number_ != -1) {
-        ::close(number_); // not made again: Linux has let go of the number even if it was interrupted
-    }
-}
-
 FileStatus fromStat(const struct stat& found) {
     FileStatus status;
     status.kind = S_ISREG(found.st_mode)   ? FileKind::regular

@@ -2,47 +2,13 @@
 
 #include "platform/FileSystem.h"
 #include "platform/SystemError.h"
+#include "platform/linux/Descriptor.h"
 
-#include <cerrno>
 #include <sys/stat.h>
 #include <utility>
 
-/// What LinuxFileSystem and LinuxFolder have in common: the kernel's calls, descriptors, and an open file.
+/// What LinuxFileSystem and LinuxFolder have in common: the kernel's calls, and an open file.
 namespace orlinth::platform::detail {
-
-/// Makes a call again for as long as signals interrupt it.
-template <typename Call>
-auto retried(Call call) {
-    for (;;) {
-        const auto result = call();
-        if (result != -1 || errno != EINTR) {
-            return result;
-        }
-    }
-}
-
-/// The same; what fails for another reason is thrown.
-template <typename Call>
-auto checked(Call call) {
-    const auto result = retried(std::move(call));
-    if (result == -1) {
-        throw SystemError::fromErrno();
-    }
-    return result;
-}
-
-class Descriptor {
-public:
-    explicit Descriptor(int number) noexcept : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&&) = delete;
-    ~Descriptor();
-    [[nodiscard]] int get() const noexcept { return number_; }
-    [[nodiscard]] int release() noexcept { return std::exchange(number_, -1); }
-
-private:
-    int number_;
-};
 
 [[nodiscard]] FileStatus fromStat(const struct stat& found);
 

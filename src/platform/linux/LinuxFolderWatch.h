@@ -4,13 +4,10 @@
 
 namespace orlinth::platform {
 
-/// Folders watched by inotify.
+/// Folders watched by inotify, whose descriptors Asio waits for.
 ///
 /// A folder that is moved away or removed is a change; from then on it is looked for every two seconds under the path
 /// that was given, and that it is there again is a change too.
-///
-/// Threading: any thread. Each watch has a thread of its own, which is joined on destruction: nothing is posted any
-/// more once that has returned. A watch is no work that keeps its executor running.
 class LinuxFolderWatcher final : public FolderWatcher {
 public:
     [[nodiscard]] std::unique_ptr<FolderWatch> watch(const Path& folder, Executor executor,

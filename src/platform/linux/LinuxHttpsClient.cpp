@@ -1,16 +1,14 @@
 #include "platform/linux/LinuxHttpsClient.h"
 
 #include "base/Text.h"
-#include "platform/Cancelled.h"
+#include "platform/Event.h"
 #include "platform/Spawn.h"
 #include "platform/SystemError.h"
+#include "platform/linux/Freer.h"
 
-#include <asio/experimental/as_tuple.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/strand.hpp>
-#include <asio/this_coro.hpp>
-#include <asio/use_awaitable.hpp>
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -35,13 +33,7 @@ namespace {
 
 using Kind = HttpError::Kind;
 
-template <auto free>
-struct Freer {
-    template <typename T>
-    void operator()(T* object) const noexcept {
-        free(object);
-    }
-};
+using detail::Freer;
 using EasyPtr = std::unique_ptr<CURL, Freer<curl_easy_cleanup>>;
 using MultiPtr = std::unique_ptr<CURLM, Freer<curl_multi_cleanup>>;
 using UrlPtr = std::unique_ptr<CURLU, Freer<curl_url_cleanup>>;
@@ -242,9 +234,7 @@ long millisecondsOf(double seconds) {
 class Transfer {
 public:
     Transfer(const Executor& queue, HttpRequest request, const TrustFiles& trust)
-        : request_(std::move(request)),
-          easy_(curl_easy_init()),
-          finished_(queue, asio::steady_timer::time_point::max()) {
+        : request_(std::move(request)), easy_(curl_easy_init()), finished_(queue) {
         if (!easy_) {
             throw HttpError(Kind::other, curl_easy_strerror(CURLE_FAILED_INIT));
         }
@@ -261,7 +251,7 @@ public:
 
     void finish(CURLcode code) {
         code_ = code;
-        finished_.cancel();
+        finished_.set();
     }
     /// Ends it with what went wrong on our side.
     void abandon(const std::string& text) {
@@ -272,22 +262,8 @@ public:
         finish(CURLE_FAILED_INIT);
     }
 
-    [[nodiscard]] Task<> wait() {
-        while (!code_) {
-            try {
-                co_await finished_.async_wait(asio::experimental::as_tuple(asio::use_awaitable));
-            } catch (const std::exception& error) {
-                if (isCancellation(error)) {
-                    throw Cancelled(); // the task was cancelled before it came here
-                }
-                throw;
-            }
-            const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
-            if (state.cancelled() != asio::cancellation_type::none) {
-                throw Cancelled();
-            }
-        }
-    }
+    /// Until it is done. @throws Cancelled
+    [[nodiscard]] Task<> wait() { return finished_.wait(); }
 
     /// @throws HttpError
     [[nodiscard]] HttpResponse takeResponse() {
@@ -384,8 +360,8 @@ private:
     bool tooLarge_ = false;
     std::string abandoned_;
     std::optional<CURLcode> code_;
-    EasyPtr easy_;                // goes before what it points to
-    asio::steady_timer finished_; ///< never rings; cancelled when the transfer is done
+    EasyPtr easy_; // goes before what it points to
+    Event finished_;
 };
 
 } // namespace
@@ -578,7 +554,7 @@ LinuxHttpsClient::~LinuxHttpsClient() = default;
 /// Made at the first request: initialising the library takes longer than everything else a program does at its start,
 /// and most runs never ask for anything.
 std::shared_ptr<LinuxHttpsClient::Driver> LinuxHttpsClient::driver() {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (!driver_) {
         driver_ = std::make_shared<Driver>(context_);
     }

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "base/Mutex.h"
 #include "platform/HttpsClient.h"
 
 #include <asio/io_context.hpp>
 
 #include <memory>
-#include <mutex>
 
 namespace orlinth::platform {
 
@@ -25,8 +25,8 @@ private:
     [[nodiscard]] std::shared_ptr<Driver> driver();
 
     asio::io_context& context_;
-    std::mutex lock_; ///< of driver_
-    std::shared_ptr<Driver> driver_;
+    Mutex lock_;
+    std::shared_ptr<Driver> driver_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth::platform

@@ -2,6 +2,9 @@
 
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
+#include "platform/linux/Descriptor.h"
+#include "platform/linux/DescriptorPassing.h"
+#include "platform/linux/LinuxFile.h"
 #include "platform/linux/SocketStream.h"
 #include "platform/linux/TcpListener.h"
 
@@ -10,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <string>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -21,33 +25,12 @@
 namespace orlinth::platform {
 namespace {
 
+using detail::Descriptor;
+
 using Local = asio::local::stream_protocol;
 
 /// Connections that may wait to be accepted.
 constexpr int backlog = 32;
-
-/// An open file, closed with the object.
-class Descriptor {
-public:
-    explicit Descriptor(int number) : number_(number) {
-        if (number_ == -1) {
-            throw SystemError::fromErrno();
-        }
-    }
-    ~Descriptor() {
-        if (number_ != -1) {
-            ::close(number_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    [[nodiscard]] int get() const noexcept { return number_; }
-    [[nodiscard]] int release() noexcept { return std::exchange(number_, -1); }
-
-private:
-    int number_;
-};
 
 /// The name of a socket for the kernel, which takes about a hundred bytes: by way of its folder's descriptor a path of
 /// any length fits.
@@ -102,54 +85,18 @@ public:
     [[nodiscard]] std::string localAddress() const override { return {}; }
 
     [[nodiscard]] Task<> sendDescriptor(int number) {
-        std::byte mark{};
-        iovec data{.iov_base = &mark, .iov_len = 1};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr message{};
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(header), &number, sizeof number);
-        while (::sendmsg(openSocket(), &message, MSG_NOSIGNAL) < 0) {
-            if (errno == EAGAIN) {
-                co_await waitUntilReady(socket(), Local::socket::wait_write, "connection");
-            } else if (errno != EINTR) {
-                throw SystemError::fromErrno();
-            }
+        while (!detail::passDescriptor(openSocket(), number)) {
+            co_await waitUntilReady(socket(), Local::socket::wait_write, "connection");
         }
     }
 
-    /// The descriptor is the caller's.
-    [[nodiscard]] Task<int> receiveDescriptor() {
-        std::byte mark{};
-        iovec data{.iov_base = &mark, .iov_len = 1};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr message{};
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        ssize_t count = -1;
-        while ((count = ::recvmsg(openSocket(), &message, MSG_CMSG_CLOEXEC)) < 0) {
-            if (errno == EAGAIN) {
-                co_await waitUntilReady(socket(), Local::socket::wait_read, "connection");
-            } else if (errno != EINTR) {
-                throw SystemError::fromErrno();
+    [[nodiscard]] Task<Descriptor> receiveDescriptor() {
+        for (;;) {
+            if (std::optional<Descriptor> taken = detail::takeDescriptor(openSocket())) {
+                co_return std::move(*taken);
             }
+            co_await waitUntilReady(socket(), Local::socket::wait_read, "connection");
         }
-        const cmsghdr* header = CMSG_FIRSTHDR(&message);
-        if (count == 0 || header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS ||
-            header->cmsg_len != CMSG_LEN(sizeof(int))) {
-            throw SystemError("no socket was passed");
-        }
-        int number = -1;
-        std::memcpy(&number, CMSG_DATA(header), sizeof number);
-        co_return number;
     }
 
 private:
@@ -188,8 +135,7 @@ public:
         if ((status.st_mode & owners) != owners && ::fchmodat(name_.folder(), name_.name().c_str(), owners, 0) != 0) {
             throw SystemError::fromErrno();
         }
-        device_ = status.st_dev;
-        inode_ = status.st_ino;
+        bound_ = detail::fromStat(status);
         std::error_code code;
         static_cast<void>(acceptor_.assign(Local(), socket.get(), code));
         if (code) {
@@ -237,7 +183,7 @@ public:
         // The name first: as long as we answer, nobody takes it over. Somebody may have removed it, though.
         struct stat status{};
         if (::fstatat(name_.folder(), name_.name().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            status.st_dev == device_ && status.st_ino == inode_) {
+            isSameFile(detail::fromStat(status), bound_)) {
             ::unlinkat(name_.folder(), name_.name().c_str(), 0); // a name that stays is replaced by the next listener
         }
         std::error_code ignored; // the socket is closed in any case
@@ -271,8 +217,7 @@ private:
 
     SocketName name_;
     Local::acceptor acceptor_;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
+    FileStatus bound_; ///< of the socket under its name
     bool closed_ = false;
 };
 
@@ -315,8 +260,8 @@ Task<> LinuxLocalNetwork::sendPort(Stream& stream, const Listener& port) {
 }
 
 Task<std::unique_ptr<Listener>> LinuxLocalNetwork::receivePort(Stream& stream, Executor executor) {
-    const int descriptor = co_await requireKind<LocalStream>(stream).receiveDescriptor();
-    co_return std::make_unique<TcpListener>(descriptor, std::nullopt, executor);
+    Descriptor descriptor = co_await requireKind<LocalStream>(stream).receiveDescriptor();
+    co_return std::make_unique<TcpListener>(std::move(descriptor), std::nullopt, executor);
 }
 
 } // namespace orlinth::platform

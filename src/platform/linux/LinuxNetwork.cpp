@@ -1,11 +1,11 @@
 #include "platform/linux/LinuxNetwork.h"
 
 #include "platform/Cancelled.h"
+#include "platform/Event.h"
 #include "platform/SystemError.h"
 
 #include <asio/bind_executor.hpp>
 #include <asio/redirect_error.hpp>
-#include <asio/steady_timer.hpp>
 #include <asio/strand.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
@@ -58,31 +58,12 @@ Task<std::unique_ptr<Stream>> connectTo(Tcp::endpoint remote, Executor executor,
 /// A name on its way through the system's resolver, which works on a thread of its own and cannot be interrupted:
 /// whoever waits may leave, and the answer then goes nowhere.
 struct Resolution {
-    explicit Resolution(const Executor& executor) : settled(executor, asio::steady_timer::time_point::max()) {}
+    explicit Resolution(Executor executor) : isHere(std::move(executor)) {}
 
-    asio::steady_timer settled; ///< never rings; cancelled when the answer is here
-    bool done = false;
+    Event isHere; ///< the answer, in what follows
     std::error_code code;
     std::vector<Tcp::endpoint> endpoints;
 };
-
-Task<> waitFor(std::shared_ptr<Resolution> resolution) {
-    while (!resolution->done) {
-        std::error_code ignored;
-        try {
-            co_await resolution->settled.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
-        } catch (const std::exception& error) {
-            if (isCancellation(error)) {
-                throw Cancelled(); // the task was cancelled before it came here
-            }
-            throw;
-        }
-        const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
-        if (state.cancelled() != asio::cancellation_type::none) {
-            throw Cancelled();
-        }
-    }
-}
 
 } // namespace
 
@@ -119,15 +100,14 @@ Task<std::vector<Tcp::endpoint>> LinuxNetwork::endpointsOf(std::string host, std
         for (const auto& entry : answer) {
             resolution->endpoints.push_back(entry.endpoint());
         }
-        resolution->done = true;
-        resolution->settled.cancel();
+        resolution->isHere.set();
     };
     Tcp::resolver resolver(executor);
     // Kinds of addresses that this computer has none of are left out: their failure would hide the real one.
     resolver.async_resolve(host, std::to_string(port),
                            Tcp::resolver::address_configured | Tcp::resolver::numeric_service,
                            asio::bind_executor(executor, std::move(onAnswer)));
-    co_await waitFor(resolution);
+    co_await resolution->isHere.wait();
     if (resolution->code) {
         throw SystemError(resolution->code);
     }
@@ -153,7 +133,8 @@ std::optional<std::uint16_t> LinuxNetwork::inheritedPort() {
         if (count > 1) {
             throw SystemError(std::to_string(count) + " sockets were passed to the program instead of one");
         }
-        inherited_ = std::make_unique<TcpListener>(SD_LISTEN_FDS_START, std::nullopt, context_.get_executor());
+        inherited_ = std::make_unique<TcpListener>(detail::Descriptor(SD_LISTEN_FDS_START), std::nullopt,
+                                                   context_.get_executor());
     }
     return inherited_->port();
 }

@@ -1,23 +1,18 @@
 #include "platform/linux/LinuxNotifications.h"
 
 #include "base/Text.h"
+#include "platform/linux/BusLoop.h"
 #include "platform/linux/SessionBus.h"
 
 #include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <list>
-#include <mutex>
 #include <optional>
-#include <sys/eventfd.h>
-#include <thread>
-#include <unistd.h>
 
 namespace orlinth::platform {
 namespace {
@@ -34,15 +29,12 @@ constexpr const char* busPath = "/org/freedesktop/DBus";
 constexpr auto answerLimit = 10s;
 /// How long isAvailable() waits for the bus.
 constexpr auto probeLimit = 250ms;
+/// How long those that are on their way have to reach the daemon at the end.
+constexpr auto leavingLimit = 250ms;
 /// What a notification that should go by itself is given beyond its time before it is taken away.
 constexpr auto closingGrace = 1s;
 /// Notifications whose answer is waited for; of more the oldest counts as closed. Some daemons never say so.
 constexpr std::size_t maxWaiting = 256;
-
-struct MessageUnref {
-    void operator()(sd_bus_message* message) const noexcept { ::sd_bus_message_unref(message); }
-};
-using MessageRef = std::unique_ptr<sd_bus_message, MessageUnref>;
 
 /// Fit for the bus, which takes UTF-8 without NUL, and for people.
 std::string plainText(const std::string& text) {
@@ -93,61 +85,48 @@ std::string senderOf(sd_bus_message* message) {
 
 } // namespace
 
-/// The thread with the bus. What has no other word is touched on that thread only.
-class LinuxNotifications::Worker {
+/// The bus, and the notifications that are shown.
+class LinuxNotifications::Worker : public std::enable_shared_from_this<Worker> {
 public:
-    explicit Worker(Environment environment) : environment_(environment), wakeUp_(::eventfd(0, EFD_CLOEXEC)) {}
-
-    ~Worker() {
-        {
-            const std::lock_guard guard(lock_);
-            isStopping_ = true;
-        }
-        wake();
-        if (thread_.joinable()) {
-            thread_.join();
-        }
-        for (Waiting& waiting : incoming_) {
-            answer(waiting, "");
-        }
-        if (wakeUp_ != -1) {
-            ::close(wakeUp_);
-        }
-    }
+    Worker(const Executor& executor, Environment environment)
+        : loop_(executor, environment, answerLimit, [this] { disconnect(); }), executor_(executor) {}
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    /// Any thread.
+    /// Whether somebody is there: a daemon that runs, or one that the bus would start.
     bool probe() {
-        std::unique_lock guard(lock_);
-        if (!start()) {
+        // A bus that has not answered the question before hangs; it is not waited for again.
+        if (isProbing_ && !loop_.runUntil([this] { return !isProbing_; }, SteadyClock::now())) {
             return false;
         }
-        const std::uint64_t wanted = ++probesWanted_;
-        wake();
-        return changed_.wait_for(guard, probeLimit, [&] { return probesDone_ >= wanted; }) && isThere_;
+        isThere_ = false;
+        isProbing_ = connect() && probeBy("NameHasOwner", onHasOwner);
+        const bool isAnswered = loop_.runUntil([this] { return !isProbing_; }, SteadyClock::now() + probeLimit);
+        const bool isThere = isAnswered && isThere_;
+        leaveIfClosed();
+        return isThere;
     }
 
-    /// Any thread.
     void show(Notification notification, Executor executor, std::function<void(const std::string&)> onAnswer) {
-        Waiting waiting{.owner = this,
-                        .notification = std::move(notification),
-                        .executor = std::move(executor),
-                        .onAnswer = std::move(onAnswer)};
-        const std::lock_guard guard(lock_);
-        if (!start()) {
-            answer(waiting, "");
-            return;
-        }
-        incoming_.push_back(std::move(waiting));
-        wake();
+        begin({.owner = this,
+               .notification = std::move(notification),
+               .executor = std::move(executor),
+               .onAnswer = std::move(onAnswer)});
+        loop_.wake();
+        leaveIfClosed();
     }
 
-    /// Any thread.
     void withdraw(std::uint64_t tag) {
-        const std::lock_guard guard(lock_);
-        withdrawn_.push_back(tag);
-        wake();
+        closeTagged(tag);
+        closeExpired();
+        leaveIfClosed();
+    }
+
+    /// Lets those that are on their way to the daemon arrive there, for a moment. Then nobody waits for anything any
+    /// more, and what comes later is sent in the same way.
+    void close() {
+        isClosed_ = true;
+        leaveIfClosed();
     }
 
 private:
@@ -166,76 +145,21 @@ private:
     };
     using Place = std::list<Waiting>::iterator;
 
-    /// Starts the thread, once; false if there can be none. Under the lock.
-    bool start() {
-        if (!thread_.joinable() && wakeUp_ != -1) {
-            try {
-                thread_ = std::thread([this] { run(); });
-            } catch (const std::system_error&) {
-                return false; // no threads left: there is nobody to show anything
-            }
-        }
-        return thread_.joinable();
-    }
-
-    void wake() const noexcept {
-        const std::uint64_t one = 1;
-        static_cast<void>(!::write(wakeUp_, &one, sizeof one)); // a counter that is full wakes up as well
-    }
-
     static void answer(Waiting& waiting, const std::string& key) {
         if (auto onAnswer = std::exchange(waiting.onAnswer, nullptr)) {
             asio::post(waiting.executor, [onAnswer = std::move(onAnswer), key] { onAnswer(key); });
         }
     }
 
-    void run() {
-        while (takeWork()) {
-            processBus();
-            closeExpired();
-            settleProbes(probesStarted_ > probesAnswered_ && SteadyClock::now() >= probeEnd_);
-            waitForSessionBus(bus_.get(), wakeUp_, nextEnd());
-        }
-        disconnect();
-    }
-
-    /// False when the thread shall end.
-    bool takeWork() {
-        std::deque<Waiting> fresh;
-        std::vector<std::uint64_t> withdrawn;
-        bool isProbeWanted = false;
-        {
-            const std::lock_guard guard(lock_);
-            if (isStopping_) {
-                return false;
-            }
-            fresh.swap(incoming_);
-            withdrawn.swap(withdrawn_);
-            isProbeWanted = probesWanted_ > probesStarted_;
-            probesStarted_ = probesWanted_;
-        }
-        if (isProbeWanted) {
-            startProbe();
-        }
-        for (Waiting& waiting : fresh) {
-            begin(std::move(waiting));
-        }
-        for (const std::uint64_t tag : withdrawn) {
-            closeTagged(tag);
-        }
-        return true;
-    }
-
     // ---- the bus
 
     bool connect() {
-        if (bus_) {
+        if (loop_.get() != nullptr) {
             return true;
         }
-        bus_ = openSessionBus(environment_, answerLimit);
-        const bool isOpen = bus_ && listenFor("ActionInvoked", onActionInvoked) &&
+        const bool isOpen = loop_.open() && listenFor("ActionInvoked", onActionInvoked) &&
                             listenFor("NotificationClosed", onNotificationClosed) &&
-                            ::sd_bus_match_signal_async(bus_.get(), nullptr, busName, busPath, busName,
+                            ::sd_bus_match_signal_async(loop_.get(), nullptr, busName, busPath, busName,
                                                         "NameOwnerChanged", onOwnerChanged, ignoreBusAnswer, this) >= 0;
         if (!isOpen) {
             disconnect();
@@ -244,7 +168,7 @@ private:
     }
 
     bool listenFor(const char* signal, sd_bus_message_handler_t handler) {
-        return ::sd_bus_match_signal_async(bus_.get(), nullptr, daemonName, daemonPath, daemonName, signal, handler,
+        return ::sd_bus_match_signal_async(loop_.get(), nullptr, daemonName, daemonPath, daemonName, signal, handler,
                                            ignoreBusAnswer, this) >= 0;
     }
 
@@ -253,84 +177,53 @@ private:
         while (!waiting_.empty()) {
             finish(waiting_.begin(), "");
         }
-        probeSlot_.reset(); // which would keep the bus
-        bus_.reset();
-        isThereAnswer_ = false;
-        settleProbes(true);
+        closing_.reset();
+        probe_.reset(); // which would keep the bus
+        isProbing_ = false;
+        isThere_ = false;
+        loop_.close();
     }
 
-    void processBus() {
-        if (bus_ && !processSessionBus(bus_.get())) {
+    void leaveIfClosed() {
+        if (isClosed_ && loop_.get() != nullptr) {
+            loop_.runUntil([this] { return isAllShown(); }, SteadyClock::now() + leavingLimit);
+            closeExpired();
             disconnect();
         }
     }
 
-    [[nodiscard]] std::optional<SteadyClock::time_point> nextEnd() const {
-        std::optional<SteadyClock::time_point> next;
-        for (const Waiting& waiting : waiting_) {
-            if (waiting.end && (!next || *waiting.end < *next)) {
-                next = waiting.end;
-            }
-        }
-        if (probesStarted_ > probesAnswered_ && (!next || probeEnd_ < *next)) {
-            next = probeEnd_;
-        }
-        return next;
+    [[nodiscard]] bool isAllShown() const {
+        return std::ranges::all_of(waiting_, [](const Waiting& waiting) { return waiting.id != 0; });
     }
 
     // ---- whether somebody is there
 
-    /// A daemon that runs, or one that the bus would start.
-    void startProbe() {
-        isThereAnswer_ = false;
-        probeEnd_ = SteadyClock::now() + 2 * probeLimit;
-        probeSlot_.reset();
-        if (!connect() || !probeBy("NameHasOwner", onHasOwner)) {
-            settleProbes(true);
-        }
-    }
-
     bool probeBy(const char* method, sd_bus_message_handler_t handler) {
         sd_bus_slot* slot = nullptr;
         const bool takesName = handler == onHasOwner;
-        const int result = takesName ? ::sd_bus_call_method_async(bus_.get(), &slot, busName, busPath, busName, method,
+        const int result = takesName ? ::sd_bus_call_method_async(loop_.get(), &slot, busName, busPath, busName, method,
                                                                   handler, this, "s", daemonName)
-                                     : ::sd_bus_call_method_async(bus_.get(), &slot, busName, busPath, busName, method,
+                                     : ::sd_bus_call_method_async(loop_.get(), &slot, busName, busPath, busName, method,
                                                                   handler, this, nullptr);
-        probeSlot_.reset(slot);
+        probe_.reset(slot);
         return result >= 0;
-    }
-
-    void settleProbes(bool isOver) {
-        if (!isOver) {
-            return;
-        }
-        const std::lock_guard guard(lock_);
-        probesAnswered_ = probesStarted_;
-        probesDone_ = probesStarted_;
-        isThere_ = isThereAnswer_;
-        changed_.notify_all();
     }
 
     static int onHasOwner(sd_bus_message* message, void* data, sd_bus_error*) {
         auto* self = static_cast<Worker*>(data);
         int hasOwner = 0;
-        if (::sd_bus_message_is_method_error(message, nullptr) == 0 &&
-            ::sd_bus_message_read(message, "b", &hasOwner) > 0 && hasOwner != 0) {
-            self->isThereAnswer_ = true;
-            self->settleProbes(true);
-        } else if (!self->probeBy("ListActivatableNames", onActivatable)) {
-            self->settleProbes(true);
-        }
+        self->isThere_ = ::sd_bus_message_is_method_error(message, nullptr) == 0 &&
+                         ::sd_bus_message_read(message, "b", &hasOwner) > 0 && hasOwner != 0;
+        self->isProbing_ = !self->isThere_ && self->probeBy("ListActivatableNames", onActivatable);
         return 0;
     }
 
     static int onActivatable(sd_bus_message* message, void* data, sd_bus_error*) {
         auto* self = static_cast<Worker*>(data);
         std::vector<std::string> names;
-        self->isThereAnswer_ = ::sd_bus_message_is_method_error(message, nullptr) == 0 && readStrings(message, names) &&
-                               contains(names, daemonName);
-        self->settleProbes(true);
+        self->isThere_ = ::sd_bus_message_is_method_error(message, nullptr) == 0 && readStrings(message, names) &&
+                         contains(names, daemonName);
+        self->isProbing_ = false;
         return 0;
     }
 
@@ -347,8 +240,8 @@ private:
         }
         waiting_.push_back(std::move(fresh));
         Waiting& waiting = waiting_.back();
-        if (::sd_bus_call_method_async(bus_.get(), &waiting.call, daemonName, daemonPath, daemonName, "GetCapabilities",
-                                       onCapabilities, &waiting, nullptr) < 0) {
+        if (::sd_bus_call_method_async(loop_.get(), &waiting.call, daemonName, daemonPath, daemonName,
+                                       "GetCapabilities", onCapabilities, &waiting, nullptr) < 0) {
             finish(std::prev(waiting_.end()), "");
         }
     }
@@ -385,7 +278,7 @@ private:
         waiting.hasMarkup = contains(capabilities, "body-markup");
         waiting.daemon = senderOf(message);
         waiting.call = ::sd_bus_slot_unref(waiting.call);
-        if (::sd_bus_call_method_async(self.bus_.get(), &waiting.call, busName, busPath, busName, "GetNameOwner",
+        if (::sd_bus_call_method_async(self.loop_.get(), &waiting.call, busName, busPath, busName, "GetNameOwner",
                                        onOwner, &waiting, "s", daemonName) < 0) {
             self.finish(self.placeOf(waiting), "");
         }
@@ -416,11 +309,11 @@ private:
         constexpr std::uint8_t normal = 1;
         constexpr std::uint8_t critical = 2;
         sd_bus_message* made = nullptr;
-        if (::sd_bus_message_new_method_call(bus_.get(), &made, waiting.daemon.c_str(), daemonPath, daemonName,
+        if (::sd_bus_message_new_method_call(loop_.get(), &made, waiting.daemon.c_str(), daemonPath, daemonName,
                                              "Notify") < 0) {
             return false;
         }
-        const MessageRef call(made);
+        const BusMessageRef call(made);
         bool isGood =
             ::sd_bus_message_append(made, "susss", "Orlinth", std::uint32_t{0}, "", title.c_str(), body.c_str()) >= 0 &&
             ::sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s") >= 0;
@@ -431,7 +324,7 @@ private:
         isGood = isGood && ::sd_bus_message_close_container(made) >= 0 &&
                  ::sd_bus_message_append(made, "a{sv}i", 1, "urgency", "y", what.isUrgent ? critical : normal,
                                          milliseconds) >= 0;
-        return isGood && ::sd_bus_call_async(bus_.get(), &waiting.call, made, onNotified, &waiting, 0) >= 0;
+        return isGood && ::sd_bus_call_async(loop_.get(), &waiting.call, made, onNotified, &waiting, 0) >= 0;
     }
 
     static int onNotified(sd_bus_message* message, void* data, sd_bus_error*) {
@@ -455,6 +348,7 @@ private:
         if (waiting.isWithdrawn) {
             waiting.end = SteadyClock::now();
         }
+        self.closeLater();
         return 0;
     }
 
@@ -476,13 +370,39 @@ private:
         for (Place place = waiting_.begin(); place != waiting_.end();) {
             const Place current = place++;
             if (current->end && *current->end <= now) {
-                static_cast<void>(::sd_bus_call_method_async(bus_.get(), nullptr, current->daemon.c_str(), daemonPath,
+                static_cast<void>(::sd_bus_call_method_async(loop_.get(), nullptr, current->daemon.c_str(), daemonPath,
                                                              daemonName, "CloseNotification", ignoreBusAnswer, nullptr,
                                                              "u",
                                                              current->id)); // best effort: it is answered in any case
                 finish(current, "");
             }
         }
+        loop_.wake();
+        closeLater();
+    }
+
+    /// When the next one should be gone.
+    void closeLater() {
+        std::optional<SteadyClock::time_point> next;
+        for (const Waiting& waiting : waiting_) {
+            if (waiting.end && (!next || *waiting.end < *next)) {
+                next = waiting.end;
+            }
+        }
+        if (!next) {
+            closing_.reset();
+            return;
+        }
+        if (!closing_) {
+            closing_.emplace(executor_);
+        }
+        closing_->expires_at(*next);
+        closing_->async_wait([weak = weak_from_this()](std::error_code code) {
+            const std::shared_ptr<Worker> self = weak.lock();
+            if (!code && self) {
+                self->closeExpired(); // of an alarm that was set anew meanwhile: nothing has expired
+            }
+        });
     }
 
     // ---- what the daemon tells
@@ -528,31 +448,26 @@ private:
         return 0;
     }
 
-    const Environment environment_;
-    const int wakeUp_;
-
-    std::mutex lock_; ///< guards the next eight
-    std::condition_variable changed_;
-    std::deque<Waiting> incoming_;
-    std::vector<std::uint64_t> withdrawn_;
-    bool isStopping_ = false;
-    std::uint64_t probesWanted_ = 0;
-    std::uint64_t probesDone_ = 0;
-    bool isThere_ = false;
-    std::thread thread_;
-
-    SessionBusRef bus_;
+    BusLoop loop_;
+    const Executor executor_;
+    std::optional<asio::steady_timer> closing_; ///< until the next one should be gone
     std::list<Waiting> waiting_;
-    BusSlotRef probeSlot_;
-    bool isThereAnswer_ = false;
-    std::uint64_t probesStarted_ = 0;
-    std::uint64_t probesAnswered_ = 0;
-    SteadyClock::time_point probeEnd_;
+    BusSlotRef probe_;       ///< the last question whether somebody is there
+    bool isProbing_ = false; ///< and it has no answer yet
+    bool isThere_ = false;
+    bool isClosed_ = false;
 };
 
-LinuxNotifications::LinuxNotifications(Environment environment) : worker_(std::make_unique<Worker>(environment)) {}
+LinuxNotifications::LinuxNotifications(const Executor& executor, Environment environment)
+    : worker_(std::make_shared<Worker>(executor, environment)) {}
 
-LinuxNotifications::~LinuxNotifications() = default;
+LinuxNotifications::~LinuxNotifications() {
+    try {
+        worker_->close();
+    } catch (const std::exception&) {
+        return; // no memory to tell the rest that nothing more will come
+    }
+}
 
 bool LinuxNotifications::isAvailable() {
     return worker_->probe();
@@ -565,6 +480,10 @@ void LinuxNotifications::show(Notification notification, Executor executor,
 
 void LinuxNotifications::withdraw(std::uint64_t tag) {
     worker_->withdraw(tag);
+}
+
+void LinuxNotifications::close() {
+    worker_->close();
 }
 
 } // namespace orlinth::platform

@@ -14,16 +14,17 @@ namespace orlinth::platform {
 ///
 /// Texts are made fit for people here (forDisplay()), whoever has chosen them.
 ///
-/// Threading: any thread. The bus is spoken to on a thread of its own, which starts with the first call and is joined
-/// on destruction; what has no answer by then is answered "". A call of isAvailable() may take as long as the bus
-/// takes to answer, at most a quarter of a second.
+/// Threading: the one thread that runs the executor's context, or any single one while nobody runs that. The executor
+/// looks after the connection to the bus, which begins with the first call and keeps the context running until close().
+/// No call waits but these, a quarter of a second at most: isAvailable() until the bus has answered, unless it still
+/// owes the answer before; close() and the destructor until the daemon has been given what was shown just before.
 class LinuxNotifications final : public Notifications {
 public:
     using Environment = const char* (*)(const char* name);
 
     /// `environment` (as getenv) says where the bus is: DBUS_SESSION_BUS_ADDRESS, or the socket "bus" in
     /// XDG_RUNTIME_DIR.
-    explicit LinuxNotifications(Environment environment);
+    LinuxNotifications(const Executor& executor, Environment environment);
     ~LinuxNotifications() override;
     LinuxNotifications(const LinuxNotifications&) = delete;
     LinuxNotifications& operator=(const LinuxNotifications&) = delete;
@@ -32,9 +33,13 @@ public:
     void show(Notification notification, Executor executor, std::function<void(const std::string&)> onAnswer) override;
     void withdraw(std::uint64_t tag) override;
 
+    /// Nobody waits for an answer any more: what has none is answered "". What is shown later reaches the daemon as
+    /// well, from within the call.
+    void close();
+
 private:
     class Worker;
-    std::unique_ptr<Worker> worker_;
+    std::shared_ptr<Worker> worker_;
 };
 
 } // namespace orlinth::platform

@@ -1,9 +1,7 @@
 #include "platform/Crypto.h"
+#include "platform/linux/OpenSsl.h"
 
 #include <openssl/core_names.h>
-#include <openssl/decoder.h>
-#include <openssl/err.h>
-#include <openssl/evp.h>
 
 #include <memory>
 #include <string>
@@ -14,29 +12,13 @@ namespace {
 
 constexpr int leastBits = 2048;
 
-template <auto free>
-struct Freer {
-    template <typename T>
-    void operator()(T* object) const noexcept {
-        free(object);
-    }
-};
-using KeyPtr = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>;
-using DecoderPtr = std::unique_ptr<OSSL_DECODER_CTX, Freer<OSSL_DECODER_CTX_free>>;
-using DigestContextPtr = std::unique_ptr<EVP_MD_CTX, Freer<EVP_MD_CTX_free>>;
+using detail::DecoderPtr;
+using detail::DigestContextPtr;
+using detail::KeyPtr;
+using detail::octetsOf;
 
-/// Throws the library's own reason for the call that has just failed, and leaves its error queue empty.
 [[noreturn]] void fail() {
-    const unsigned long code = ERR_peek_error();
-    const char* reason = code == 0 ? nullptr : ERR_reason_error_string(code);
-    std::string text = reason != nullptr ? reason : "unknown";
-    ERR_clear_error();
-    throw CryptoError(std::move(text));
-}
-
-const unsigned char* octetsOf(ByteView bytes) noexcept {
-    static constexpr unsigned char nothing = 0;
-    return bytes.empty() ? &nothing : reinterpret_cast<const unsigned char*>(bytes.data());
+    detail::throwOpenSslError("unknown");
 }
 
 } // namespace

@@ -1,15 +1,12 @@
 #include "platform/linux/LinuxServiceDiscovery.h"
 
-#include "platform/Cancelled.h"
+#include "platform/Event.h"
 #include "platform/SystemError.h"
 #include "platform/linux/AvahiAnnouncement.h"
 #include "platform/linux/AvahiSearch.h"
+#include "platform/linux/LinuxClock.h"
 
-#include <asio/post.hpp>
-#include <asio/redirect_error.hpp>
-#include <asio/steady_timer.hpp>
 #include <asio/this_coro.hpp>
-#include <asio/use_awaitable.hpp>
 
 #include <algorithm>
 #include <set>
@@ -95,37 +92,15 @@ std::unique_ptr<ServicePublication> LinuxServiceDiscovery::publish(ServiceRecord
 
 Task<std::vector<ServiceRecord>> LinuxServiceDiscovery::find(std::string type, double seconds) {
     const Executor executor = co_await asio::this_coro::executor;
-    const std::chrono::duration<double> bounded(seconds > 0 ? std::min(seconds, longestSearch) : 0);
-    const auto alarm =
-        std::make_shared<asio::steady_timer>(executor, std::chrono::ceil<asio::steady_timer::duration>(bounded));
-    // set to a time that has passed, rather than cancelled: so it rings even if nobody waits for it yet
-    const auto ring = [weak = std::weak_ptr(alarm)] {
-        if (const auto timer = weak.lock()) {
-            timer->expires_at(asio::steady_timer::time_point::min());
-        }
-    };
-    const auto search =
-        std::make_shared<AvahiSearch>(*loop_, std::move(type), [executor, ring] { asio::post(executor, ring); });
+    const double bounded = seconds > 0 ? std::min(seconds, longestSearch) : 0;
+    const auto failed = std::make_shared<Event>(executor);
+    const auto search = std::make_shared<AvahiSearch>(*loop_, std::move(type), [failed] { failed->set(); });
     const RunningSearch running(loop_, search);
 
-    std::error_code code;
-    try {
-        co_await alarm->async_wait(asio::redirect_error(asio::use_awaitable, code));
-    } catch (const std::exception& error) {
-        if (isCancellation(error)) {
-            throw Cancelled(); // the task was cancelled before it came here
-        }
-        throw;
-    }
-    const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
-    if (state.cancelled() != asio::cancellation_type::none) {
-        throw Cancelled();
-    }
+    LinuxClock clock;
+    static_cast<void>(co_await failed->wait(clock, bounded)); // whatever is found meanwhile
     if (const std::optional<std::string> failure = search->failure()) {
         throw SystemError(*failure);
-    }
-    if (code) {
-        throw SystemError(code);
     }
     co_return search->found();
 }

@@ -1,10 +1,29 @@
 #include "platform/ServiceManager.h"
+#include "platform/SystemError.h"
+#include "platform/linux/ChildProcess.h"
 
 #include <systemd/sd-daemon.h>
 
 #include <cstdint>
 
 namespace orlinth::platform {
+namespace {
+
+/// Whether systemctl has done it, for the user's own service manager.
+bool hasDone(const char* verb, const std::string& unit, std::chrono::seconds limit) {
+    try {
+        const ChildResult result = runChild({.name = "systemctl",
+                                             .package = "systemd",
+                                             .arguments = {"--user", "--quiet", verb, unit},
+                                             .input = {},
+                                             .deadline = limit});
+        return result.status == 0;
+    } catch (const SystemError&) {
+        return false; // without a service manager nobody keeps a socket open
+    }
+}
+
+} // namespace
 
 // A service manager that is gone, or does not listen, keeps no service from its work: results are not looked at.
 
@@ -29,6 +48,10 @@ std::optional<double> serviceWatchdogSeconds() noexcept {
 
 void tellServiceAlive() noexcept {
     static_cast<void>(::sd_notify(0, "WATCHDOG=1"));
+}
+
+bool startSleepingService(const std::string& socketUnit, const std::string& serviceUnit, std::chrono::seconds limit) {
+    return hasDone("is-active", socketUnit, limit) && hasDone("start", serviceUnit, limit);
 }
 
 } // namespace orlinth::platform

@@ -1,22 +1,20 @@
 #include "platform/linux/LinuxSessionSignals.h"
 
-#include "platform/SystemError.h"
+#include "platform/linux/BusLoop.h"
 #include "platform/linux/SessionBus.h"
 
 #include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/strand.hpp>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdint>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string_view>
-#include <sys/eventfd.h>
 #include <system_error>
-#include <thread>
-#include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace orlinth::platform {
 namespace {
@@ -81,7 +79,7 @@ public:
     /// Waits until it has arrived, or the time is over.
     void finish() {
         while (isSent_ && !isAnswered_ && processSessionBus(bus_.get()) && !isAnswered_ && SteadyClock::now() < end_) {
-            waitForSessionBus(bus_.get(), -1, end_);
+            waitForSessionBus(bus_.get(), end_);
         }
     }
 
@@ -125,58 +123,41 @@ std::optional<BusSignalName> busSignalName(const std::string& name) {
     return isGood ? std::optional(signal) : std::nullopt;
 }
 
-/// Who listens, and the thread that does. What has no other word is touched on that thread only.
-class LinuxSessionSignals::Ear {
+/// Who listens, and the connection to the bus. Everything happens on its queue; add() and tendSoon() are for any
+/// thread.
+class LinuxSessionSignals::Ear : public std::enable_shared_from_this<Ear> {
 public:
-    explicit Ear(Environment environment) : environment_(environment), wakeUp_(::eventfd(0, EFD_CLOEXEC)) {}
-
-    ~Ear() {
-        if (wakeUp_ != -1) {
-            ::close(wakeUp_);
-        }
-    }
-    Ear(const Ear&) = delete;
-    Ear& operator=(const Ear&) = delete;
-
-    /// Ends the thread. Any other thread.
-    void stop() {
-        {
-            const std::lock_guard guard(lock_);
-            isStopping_ = true;
-        }
-        wake();
-        if (thread_.joinable()) {
-            thread_.join();
-        }
-    }
-
-    /// Any thread.
-    std::uint64_t add(const std::string& name, Executor executor, std::function<void()> onSignal) {
-        const std::lock_guard guard(lock_);
-        start();
-        const std::uint64_t number = ++lastNumber_;
-        auto shared = std::make_shared<std::function<void()>>(std::move(onSignal));
-        listeners_.emplace(number, Listener{name, std::move(executor), std::move(shared)});
-        wake();
-        return number;
-    }
-
-    /// Any thread. Nothing is posted any more when this has returned.
-    void remove(std::uint64_t number) noexcept {
-        std::shared_ptr<std::function<void()>> last; // what it holds may come back here when it goes
-        const std::lock_guard guard(lock_);
-        const auto place = listeners_.find(number);
-        last = std::move(place->second.onSignal);
-        listeners_.erase(place);
-        wake();
-    }
-
-private:
+    /// Somebody who listens: `onSignal` is the subscription's, and ends with it.
     struct Listener {
         std::string name;
         Executor executor;
-        std::shared_ptr<std::function<void()>> onSignal;
+        std::weak_ptr<std::function<void()>> onSignal;
     };
+
+    Ear(Executor queue, Environment environment)
+        : queue_(std::move(queue)), loop_(queue_, environment, answerLimit, [this] { onLost(); }) {}
+    Ear(const Ear&) = delete;
+    Ear& operator=(const Ear&) = delete;
+
+    void add(Listener listener) {
+        asio::post(queue_, [weak = weak_from_this(), listener = std::move(listener)]() mutable {
+            if (const std::shared_ptr<Ear> self = weak.lock()) {
+                self->listeners_.push_back(std::move(listener));
+                self->tend();
+            }
+        });
+    }
+
+    /// A subscription has ended.
+    void tendSoon() {
+        asio::post(queue_, [weak = weak_from_this()] {
+            if (const std::shared_ptr<Ear> self = weak.lock()) {
+                self->tend();
+            }
+        });
+    }
+
+private:
     /// A name that the bus was asked for.
     struct Match {
         Ear* owner;
@@ -184,65 +165,48 @@ private:
         BusSlotRef slot;
     };
 
-    void start() {
-        if (thread_.joinable()) {
+    /// Brings the connection in step with what is wanted.
+    void tend() {
+        std::erase_if(listeners_, [](const Listener& listener) { return listener.onSignal.expired(); });
+        std::set<std::string> names;
+        for (const Listener& listener : listeners_) {
+            names.insert(listener.name);
+        }
+        if (names.empty()) {
+            look_.reset();
+            disconnect();
             return;
         }
-        if (wakeUp_ == -1) {
-            throw SystemError::fromErrno(EMFILE);
-        }
-        try {
-            thread_ = std::thread([this] { run(); });
-        } catch (const std::system_error& error) {
-            throw SystemError(error.code());
-        }
-    }
-
-    void wake() const noexcept {
-        const std::uint64_t one = 1;
-        static_cast<void>(!::write(wakeUp_, &one, sizeof one)); // a counter that is full wakes up as well
-    }
-
-    void run() {
-        for (;;) {
-            std::set<std::string> names;
-            {
-                const std::lock_guard guard(lock_);
-                if (isStopping_) {
-                    break;
-                }
-                for (const auto& [number, listener] : listeners_) {
-                    names.insert(listener.name);
-                }
-            }
-            const std::optional<SteadyClock::time_point> next = tend(names); // the bus may be another then
-            waitForSessionBus(bus_.get(), wakeUp_, next);
-        }
-        disconnect();
-    }
-
-    /// Does what there is to do; returns when there will be something again, if nothing comes.
-    std::optional<SteadyClock::time_point> tend(const std::set<std::string>& names) {
-        if (names.empty()) {
-            disconnect();
-            return std::nullopt;
-        }
         const auto now = SteadyClock::now();
-        if (!bus_ && now >= nextLook_) {
-            bus_ = openSessionBus(environment_, answerLimit);
+        if (loop_.get() == nullptr) {
+            if (now < nextLook_) {
+                lookLater();
+                return;
+            }
             nextLook_ = now + lookEvery;
-            helloEnd_ = now + answerLimit;
         }
-        const bool isGood = bus_ && listenFor(names) && processSessionBus(bus_.get());
-        const bool isSilent = isGood && ::sd_bus_is_ready(bus_.get()) <= 0;
-        if (!isGood || (isSilent && now >= helloEnd_)) {
+        if (loop_.open() && listenFor(names)) {
+            loop_.wake();
+        } else {
             disconnect();
-            return nextLook_;
+            lookLater();
         }
-        return isSilent ? std::optional(helloEnd_) : std::nullopt;
     }
 
-    /// Brings what the bus is asked for in step with what is wanted.
+    void lookLater() {
+        if (!look_) {
+            look_.emplace(queue_);
+        }
+        look_->expires_at(nextLook_);
+        look_->async_wait([weak = weak_from_this()](std::error_code code) {
+            const std::shared_ptr<Ear> self = weak.lock();
+            if (!code && self) {
+                self->tend();
+            }
+        });
+    }
+
+    /// Asks the bus for each name, and for no other any more.
     bool listenFor(const std::set<std::string>& names) {
         std::erase_if(matches_, [&names](const auto& match) { return !names.contains(match.first); });
         for (const std::string& name : names) {
@@ -253,9 +217,9 @@ private:
             }
             place->second = std::make_unique<Match>(this, name, nullptr);
             sd_bus_slot* slot = nullptr;
-            if (::sd_bus_match_signal_async(bus_.get(), &slot, nullptr, signal->path.c_str(), signal->interface.c_str(),
-                                            signal->member.c_str(), onSignal, ignoreBusAnswer,
-                                            place->second.get()) < 0) {
+            if (::sd_bus_match_signal_async(loop_.get(), &slot, nullptr, signal->path.c_str(),
+                                            signal->interface.c_str(), signal->member.c_str(), onSignal,
+                                            ignoreBusAnswer, place->second.get()) < 0) {
                 return false;
             }
             place->second->slot.reset(slot);
@@ -263,17 +227,21 @@ private:
         return true;
     }
 
+    void onLost() {
+        disconnect();
+        tend();
+    }
+
     void disconnect() {
         matches_.clear(); // which would keep the bus
-        bus_.reset();
+        loop_.close();
     }
 
     static int onSignal(sd_bus_message*, void* data, sd_bus_error*) {
         const auto& match = *static_cast<const Match*>(data);
-        const std::lock_guard guard(match.owner->lock_);
-        for (const auto& [number, listener] : match.owner->listeners_) {
+        for (const Listener& listener : match.owner->listeners_) {
             if (listener.name == match.name) {
-                asio::post(listener.executor, [wanted = std::weak_ptr(listener.onSignal)] {
+                asio::post(listener.executor, [wanted = listener.onSignal] {
                     if (const auto action = wanted.lock()) {
                         (*action)();
                     }
@@ -283,27 +251,18 @@ private:
         return 0;
     }
 
-    const Environment environment_;
-    const int wakeUp_;
-
-    std::mutex lock_; ///< guards the next three; held while something is posted, so that nothing is after remove()
-    std::map<std::uint64_t, Listener> listeners_;
-    std::uint64_t lastNumber_ = 0;
-    bool isStopping_ = false;
-    std::thread thread_; ///< started under the lock
-
-    SessionBusRef bus_;
+    const Executor queue_;
+    std::vector<Listener> listeners_;
+    BusLoop loop_;
+    std::optional<asio::steady_timer> look_;                ///< for a bus
     std::map<std::string, std::unique_ptr<Match>> matches_; ///< on this connection; null for a name that D-Bus has not
     SteadyClock::time_point nextLook_{};
-    SteadyClock::time_point helloEnd_{};
 };
 
-LinuxSessionSignals::LinuxSessionSignals(Environment environment)
-    : environment_(environment), ear_(std::make_shared<Ear>(environment)) {}
+LinuxSessionSignals::LinuxSessionSignals(asio::io_context& context, Environment environment)
+    : environment_(environment), ear_(std::make_shared<Ear>(asio::make_strand(context), environment)) {}
 
-LinuxSessionSignals::~LinuxSessionSignals() {
-    ear_->stop();
-}
+LinuxSessionSignals::~LinuxSessionSignals() = default;
 
 void LinuxSessionSignals::post(const std::string& name) noexcept {
     try {
@@ -319,17 +278,28 @@ std::unique_ptr<SignalSubscription> LinuxSessionSignals::listen(const std::strin
                                                                 std::function<void()> onSignal) {
     class Subscription final : public SignalSubscription {
     public:
-        Subscription(std::shared_ptr<Ear> ear, std::uint64_t number) : ear_(std::move(ear)), number_(number) {}
-        ~Subscription() override { ear_->remove(number_); }
+        Subscription(std::weak_ptr<Ear> ear, std::shared_ptr<std::function<void()>> onSignal)
+            : ear_(std::move(ear)), onSignal_(std::move(onSignal)) {}
+        ~Subscription() override {
+            onSignal_.reset();
+            try {
+                if (const std::shared_ptr<Ear> ear = ear_.lock()) {
+                    ear->tendSoon();
+                }
+            } catch (const std::exception&) {
+                return; // no memory for it; the bus is asked for one name too many, and nobody hears it
+            }
+        }
         Subscription(const Subscription&) = delete;
         Subscription& operator=(const Subscription&) = delete;
 
     private:
-        std::shared_ptr<Ear> ear_;
-        std::uint64_t number_;
+        std::weak_ptr<Ear> ear_; ///< which may have gone before
+        std::shared_ptr<std::function<void()>> onSignal_;
     };
-    const std::uint64_t number = ear_->add(name, std::move(executor), std::move(onSignal));
-    return std::make_unique<Subscription>(ear_, number);
+    auto shared = std::make_shared<std::function<void()>>(std::move(onSignal));
+    ear_->add({.name = name, .executor = std::move(executor), .onSignal = shared});
+    return std::make_unique<Subscription>(ear_, std::move(shared));
 }
 
 } // namespace orlinth::platform

@@ -2,6 +2,8 @@
 
 #include "platform/SessionSignals.h"
 
+#include <asio/io_context.hpp>
+
 #include <memory>
 #include <optional>
 
@@ -26,29 +28,28 @@ struct BusSignalName {
 /// A name that busSignalName() does not take is neither sent nor heard.
 ///
 /// Threading: any thread. post() speaks to the bus on the caller's, on a connection of its own, and returns once the
-/// bus has passed the signal on. All subscriptions share one thread, which starts with the first of them and is joined
-/// on destruction; while there is no bus it looks for one every two seconds. What a subscription misses by that, or
-/// before its wish has come to the bus, it is not told of. A subscription is no work that keeps its executor running.
+/// bus has passed the signal on. All subscriptions share one connection, which the context looks after; while there is
+/// no bus it looks for one every two seconds. What a subscription misses by that, or before its wish has come to the
+/// bus, it is not told of. A subscription is work that keeps the context running, but not its own executor.
 class LinuxSessionSignals final : public SessionSignals {
 public:
     using Environment = const char* (*)(const char* name);
 
-    /// `environment` (as getenv) says where the bus is: DBUS_SESSION_BUS_ADDRESS, or the socket "bus" in
-    /// XDG_RUNTIME_DIR.
-    explicit LinuxSessionSignals(Environment environment);
+    /// `context` outlives this. `environment` (as getenv) says where the bus is: DBUS_SESSION_BUS_ADDRESS, or the
+    /// socket "bus" in XDG_RUNTIME_DIR.
+    LinuxSessionSignals(asio::io_context& context, Environment environment);
     ~LinuxSessionSignals() override;
     LinuxSessionSignals(const LinuxSessionSignals&) = delete;
     LinuxSessionSignals& operator=(const LinuxSessionSignals&) = delete;
 
     void post(const std::string& name) noexcept override;
-    /// @throws SystemError where there can be no thread
     [[nodiscard]] std::unique_ptr<SignalSubscription> listen(const std::string& name, Executor executor,
                                                              std::function<void()> onSignal) override;
 
 private:
     class Ear;
     Environment environment_;
-    std::shared_ptr<Ear> ear_; ///< the subscriptions have a hand on it too
+    std::shared_ptr<Ear> ear_; ///< what is under way holds it too
 };
 
 } // namespace orlinth::platform

@@ -30,7 +30,11 @@ const char* processEnvironment(const char* name) {
 
 struct LinuxSystem::Parts {
     explicit Parts(asio::io_context& context)
-        : network(context), https(context), mainQueue(asio::make_strand(context)) {}
+        : network(context),
+          https(context),
+          notifications(context.get_executor(), processEnvironment),
+          signals(context, processEnvironment),
+          mainQueue(asio::make_strand(context)) {}
 
     LinuxNetwork network;
     LinuxClock clock;
@@ -42,8 +46,8 @@ struct LinuxSystem::Parts {
     LinuxNetworkInterfaces interfaces;
     LinuxServiceDiscovery services;
     LinuxLocalNetwork local;
-    LinuxNotifications notifications{processEnvironment};
-    LinuxSessionSignals signals{processEnvironment};
+    LinuxNotifications notifications;
+    LinuxSessionSignals signals;
     LinuxFolderWatcher folders;
     UserDirectories directories = linuxUserDirectories(processEnvironment);
     Executor mainQueue;
@@ -69,6 +73,10 @@ System LinuxSystem::system() {
             .folders = parts_->folders,
             .directories = parts_->directories,
             .mainQueue = parts_->mainQueue};
+}
+
+void LinuxSystem::close() {
+    parts_->notifications.close();
 }
 
 bool LinuxSystem::isResolving() const noexcept {

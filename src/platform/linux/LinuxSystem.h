@@ -18,6 +18,10 @@ public:
 
     [[nodiscard]] System system();
 
+    /// To be called when the program's work is done, before the context is run dry: ends what would wait for the
+    /// desktop for ever. Notifications that were shown just before have a quarter of a second to reach it.
+    void close();
+
     /// Whether a name is still being resolved on a thread that cannot be interrupted; destroying the context would
     /// wait for it.
     [[nodiscard]] bool isResolving() const noexcept;

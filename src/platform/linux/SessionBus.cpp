@@ -1,10 +1,11 @@
 #include "platform/linux/SessionBus.h"
 
+#include "base/Hex.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <poll.h>
 #include <string_view>
-#include <unistd.h>
 
 namespace orlinth::platform {
 namespace {
@@ -13,19 +14,15 @@ using SteadyClock = std::chrono::steady_clock;
 
 /// In a D-Bus address every byte but these is written as %XX.
 std::string escapedForAddress(std::string_view path) {
-    constexpr const char* digits = "0123456789abcdef";
     std::string escaped;
     for (const char character : path) {
-        const auto byte = static_cast<unsigned char>(character);
         const bool isPlain = (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
                              (character >= 'a' && character <= 'z') ||
                              std::string_view("-_/.\\").find(character) != std::string_view::npos;
         if (isPlain) {
             escaped += character;
         } else {
-            escaped += '%';
-            escaped += digits[byte >> 4U];
-            escaped += digits[byte & 0x0FU];
+            appendPercentEncoded(escaped, static_cast<unsigned char>(character), HexCase::lower);
         }
     }
     return escaped;
@@ -64,27 +61,16 @@ bool processSessionBus(sd_bus* bus) {
     return result == 0 && ::sd_bus_is_open(bus) > 0;
 }
 
-void waitForSessionBus(sd_bus* bus, int wakeUp, std::optional<SteadyClock::time_point> until) {
-    pollfd events[2] = {{.fd = wakeUp, .events = POLLIN, .revents = 0}, {.fd = -1, .events = 0, .revents = 0}};
-    if (bus != nullptr) {
-        const int wanted = ::sd_bus_get_events(bus);
-        events[1].fd = ::sd_bus_get_fd(bus);
-        events[1].events = static_cast<short>(std::max(wanted, 0));
-        std::uint64_t microseconds = UINT64_MAX; // of CLOCK_MONOTONIC, which is the steady clock
-        if (::sd_bus_get_timeout(bus, &microseconds) >= 0 && microseconds != UINT64_MAX) {
-            const SteadyClock::time_point due{std::chrono::microseconds(microseconds)};
-            until = until ? std::min(*until, due) : due;
-        }
+void waitForSessionBus(sd_bus* bus, SteadyClock::time_point until) {
+    const int wanted = ::sd_bus_get_events(bus);
+    pollfd event{
+        .fd = ::sd_bus_get_fd(bus), .events = static_cast<short>(std::max(wanted, 0)), .revents = 0}; // -1 is skipped
+    std::uint64_t microseconds = UINT64_MAX; // of CLOCK_MONOTONIC, which is the steady clock
+    if (::sd_bus_get_timeout(bus, &microseconds) >= 0 && microseconds != UINT64_MAX) {
+        until = std::min(until, SteadyClock::time_point(std::chrono::microseconds(microseconds)));
     }
-    int milliseconds = -1;
-    if (until) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - SteadyClock::now());
-        milliseconds = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-    }
-    if (::poll(events, 2, milliseconds) > 0 && events[0].revents != 0) {
-        std::uint64_t count = 0;
-        static_cast<void>(!::read(wakeUp, &count, sizeof count));
-    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - SteadyClock::now());
+    static_cast<void>(::poll(&event, 1, static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000))));
 }
 
 int ignoreBusAnswer(sd_bus_message*, void*, sd_bus_error*) {

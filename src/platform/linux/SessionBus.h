@@ -1,10 +1,11 @@
 #pragma once
 
+#include "platform/linux/Freer.h"
+
 #include <systemd/sd-bus.h>
 
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace orlinth::platform {
@@ -12,17 +13,12 @@ namespace orlinth::platform {
 /// Looks up an environment variable, as getenv does.
 using BusEnvironment = const char* (*)(const char* name);
 
-struct SessionBusClose {
-    void operator()(sd_bus* bus) const noexcept { ::sd_bus_close_unref(bus); }
-};
 /// A connection to the session's bus. Used on one thread.
-using SessionBusRef = std::unique_ptr<sd_bus, SessionBusClose>;
+using SessionBusRef = std::unique_ptr<sd_bus, detail::Freer<::sd_bus_close_unref>>;
 
-struct BusSlotUnref {
-    void operator()(sd_bus_slot* slot) const noexcept { ::sd_bus_slot_unref(slot); }
-};
 /// Something asked of a connection, which it ends with. To be let go of before the connection, as it keeps that.
-using BusSlotRef = std::unique_ptr<sd_bus_slot, BusSlotUnref>;
+using BusSlotRef = std::unique_ptr<sd_bus_slot, detail::Freer<::sd_bus_slot_unref>>;
+using BusMessageRef = std::unique_ptr<sd_bus_message, detail::Freer<::sd_bus_message_unref>>;
 
 /// Where the session's bus is: DBUS_SESSION_BUS_ADDRESS, or the socket "bus" in XDG_RUNTIME_DIR; "" where neither is
 /// set.
@@ -35,9 +31,8 @@ using BusSlotRef = std::unique_ptr<sd_bus_slot, BusSlotUnref>;
 /// Does what there is to do, without waiting. Returns whether the connection is still one.
 [[nodiscard]] bool processSessionBus(sd_bus* bus);
 
-/// Waits until there is something to do on the bus, until `until`, or until the eventfd `wakeUp` is raised, which is
-/// then lowered again. A null bus, and -1 for the eventfd, are not waited for. May return early.
-void waitForSessionBus(sd_bus* bus, int wakeUp, std::optional<std::chrono::steady_clock::time_point> until);
+/// Waits on the caller's thread until there is something to do on the bus, or until `until`. May return early.
+void waitForSessionBus(sd_bus* bus, std::chrono::steady_clock::time_point until);
 
 /// For calls whose answer does not matter.
 int ignoreBusAnswer(sd_bus_message* message, void* data, sd_bus_error* error);

@@ -1,5 +1,6 @@
 #include "platform/linux/TcpListener.h"
 
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/sockios.h>
@@ -15,21 +16,21 @@
 namespace orlinth::platform {
 namespace {
 
+using detail::Descriptor;
+
 using Tcp = asio::ip::tcp;
 
 /// A new socket that programs started from here do not inherit.
 template <typename Socket>
 void openSocket(Socket& socket, const Tcp& protocol) {
-    const int number = ::socket(protocol.family(), protocol.type() | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol.protocol());
-    if (number == -1) {
-        throw SystemError::fromErrno();
-    }
+    Descriptor made = Descriptor::require(
+        ::socket(protocol.family(), protocol.type() | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol.protocol()));
     std::error_code code;
-    socket.assign(protocol, number, code);
+    socket.assign(protocol, made.get(), code);
     if (code) {
-        ::close(number);
         throw SystemError(code);
     }
+    static_cast<void>(made.release());
 }
 
 int socketOption(int socket, int name) {
@@ -152,13 +153,13 @@ TcpListener::TcpListener(const ListenOptions& options, const Executor& executor)
     }
 }
 
-TcpListener::TcpListener(int descriptor, std::optional<KeepAlive> keepAlive, const Executor& executor)
+TcpListener::TcpListener(Descriptor socket, std::optional<KeepAlive> keepAlive, const Executor& executor)
     : keepAlive_(keepAlive) {
+    const int descriptor = socket.get();
     const int family = socketOption(descriptor, SO_DOMAIN);
     const bool isTcp = (family == AF_INET || family == AF_INET6) && socketOption(descriptor, SO_TYPE) == SOCK_STREAM &&
                        socketOption(descriptor, SO_PROTOCOL) == IPPROTO_TCP;
     if (!isTcp || socketOption(descriptor, SO_ACCEPTCONN) != 1) {
-        ::close(descriptor);
         throw SystemError("descriptor " + std::to_string(descriptor) + " is no listening TCP socket");
     }
     Door& door = doors_.emplace_back(
@@ -166,9 +167,9 @@ TcpListener::TcpListener(int descriptor, std::optional<KeepAlive> keepAlive, con
     std::error_code code;
     static_cast<void>(door.acceptor.assign(door.protocol, descriptor, code));
     if (code) {
-        ::close(descriptor);
         throw SystemError(code);
     }
+    static_cast<void>(socket.release()); // the acceptor's now
     static_cast<void>(door.acceptor.native_non_blocking(true, code));
     const Tcp::endpoint local = code ? Tcp::endpoint() : door.acceptor.local_endpoint(code);
     if (code || ::fcntl(descriptor, F_SETFD, FD_CLOEXEC) != 0) {
@@ -204,7 +205,7 @@ std::unique_ptr<Stream> TcpListener::acceptNow(const Executor& executor, bool& i
         const int number = ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (number != -1) {
             isAnybodyThere = true;
-            return adopt(door, number, keepAlive_, executor);
+            return adopt(door, Descriptor(number), keepAlive_, executor);
         }
         if (meansPeerIsGone(errno)) {
             isAnybodyThere = true;
@@ -224,6 +225,28 @@ Task<> TcpListener::waitForAnybody() {
     return waitUntilReady(doors_.front().acceptor, Tcp::acceptor::wait_read, "listener");
 }
 
+std::string TcpListener::place() const {
+    if (closed_) {
+        return {};
+    }
+    const Door& door = doors_.front();
+    std::array<char, IF_NAMESIZE> interface{};
+    socklen_t size = interface.size();
+    const int number = descriptor();
+    if (::getsockopt(number, SOL_SOCKET, SO_BINDTODEVICE, interface.data(), &size) == 0 && interface.front() != '\0') {
+        return interface.data();
+    }
+    std::error_code code;
+    const Tcp::endpoint local = door.acceptor.local_endpoint(code);
+    const asio::ip::address address = unmapped(local.address());
+    int takesIPv6Alone = 0;
+    size = sizeof takesIPv6Alone;
+    const bool isForIPv4 =
+        address.is_v4() ||
+        (::getsockopt(number, IPPROTO_IPV6, IPV6_V6ONLY, &takesIPv6Alone, &size) == 0 && takesIPv6Alone == 0);
+    return code || (address.is_unspecified() && isForIPv4) ? "" : address.to_string();
+}
+
 void TcpListener::close() noexcept {
     if (!closed_) {
         closed_ = true;
@@ -241,12 +264,8 @@ int TcpListener::descriptor() const noexcept {
     return closed_ ? -1 : const_cast<Tcp::acceptor&>(doors_.front().acceptor).native_handle();
 }
 
-int TcpListener::duplicate() const {
-    const int number = ::fcntl(descriptor(), F_DUPFD_CLOEXEC, 0);
-    if (number == -1) {
-        throw SystemError::fromErrno();
-    }
-    return number;
+Descriptor TcpListener::duplicate() const {
+    return Descriptor::require(::fcntl(descriptor(), F_DUPFD_CLOEXEC, 0));
 }
 
 TcpListener::Door& TcpListener::addDoor(const Tcp& protocol, const Executor& executor) {
@@ -323,29 +342,27 @@ void TcpListener::openAt(const std::string& place, const Executor& executor) {
 
 /// One descriptor that stands for all of them, so that one wait is enough.
 void TcpListener::watchAll(const Executor& executor) {
-    const int set = ::epoll_create1(EPOLL_CLOEXEC);
-    if (set == -1) {
-        throw SystemError::fromErrno();
-    }
-    all_.emplace(executor, set); // which owns it from now on
+    Descriptor set = Descriptor::require(::epoll_create1(EPOLL_CLOEXEC));
+    all_.emplace(executor, set.get());
+    const int number = set.release(); // which owns it from now on
     for (Door& door : doors_) {
         epoll_event event{.events = EPOLLIN, .data = {}};
-        if (::epoll_ctl(set, EPOLL_CTL_ADD, door.acceptor.native_handle(), &event) != 0) {
+        if (::epoll_ctl(number, EPOLL_CTL_ADD, door.acceptor.native_handle(), &event) != 0) {
             throw SystemError::fromErrno();
         }
     }
 }
 
 /// The stream of an accepted socket; null if its peer is gone already.
-std::unique_ptr<Stream> TcpListener::adopt(const Door& door, int number, const std::optional<KeepAlive>& keepAlive,
-                                           const Executor& executor) {
+std::unique_ptr<Stream> TcpListener::adopt(const Door& door, Descriptor accepted,
+                                           const std::optional<KeepAlive>& keepAlive, const Executor& executor) {
     Tcp::socket socket(executor);
     std::error_code code;
-    static_cast<void>(socket.assign(door.protocol, number, code));
+    static_cast<void>(socket.assign(door.protocol, accepted.get(), code));
     if (code) {
-        ::close(number);
         throw SystemError(code);
     }
+    const int number = accepted.release();
     const Tcp::endpoint remote = socket.remote_endpoint(code);
     if (code) {
         return nullptr;

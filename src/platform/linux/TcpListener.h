@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Network.h"
+#include "platform/linux/Descriptor.h"
 #include "platform/linux/SocketStream.h"
 
 #include <asio/ip/tcp.hpp>
@@ -34,18 +35,19 @@ class TcpListener final : public Listener {
 public:
     /// Opens a port as Network::listen() does. @throws SystemError
     TcpListener(const ListenOptions& options, const Executor& executor);
-    /// Takes a socket that listens already, and owns it, also if this throws. It may be shared with others.
+    /// Takes a socket that listens already. It may be shared with others.
     /// @throws SystemError if it is no listening TCP socket
-    TcpListener(int descriptor, std::optional<KeepAlive> keepAlive, const Executor& executor);
+    TcpListener(detail::Descriptor socket, std::optional<KeepAlive> keepAlive, const Executor& executor);
 
     [[nodiscard]] Task<std::unique_ptr<Stream>> accept(Executor executor) override;
     [[nodiscard]] std::uint16_t port() const noexcept override { return port_; }
+    [[nodiscard]] std::string place() const override;
     void close() noexcept override;
 
     /// The socket, which stays this object's; of several, the first. -1 once it is closed.
     [[nodiscard]] int descriptor() const noexcept;
-    /// A further descriptor of the same socket, the caller's. @throws SystemError
-    [[nodiscard]] int duplicate() const;
+    /// A further descriptor of the same socket. @throws SystemError
+    [[nodiscard]] detail::Descriptor duplicate() const;
 
 private:
     /// One of the sockets, and what kind of addresses it has.
@@ -60,8 +62,9 @@ private:
     void bindAndListen(Door& door, const asio::ip::address& address);
     void watchAll(const Executor& executor);
     [[nodiscard]] std::unique_ptr<Stream> acceptNow(const Executor& executor, bool& isAnybodyThere);
-    [[nodiscard]] static std::unique_ptr<Stream>
-    adopt(const Door& door, int number, const std::optional<KeepAlive>& keepAlive, const Executor& executor);
+    [[nodiscard]] static std::unique_ptr<Stream> adopt(const Door& door, detail::Descriptor accepted,
+                                                       const std::optional<KeepAlive>& keepAlive,
+                                                       const Executor& executor);
     [[nodiscard]] Task<> waitForAnybody();
 
     std::vector<Door> doors_;

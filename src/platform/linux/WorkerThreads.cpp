@@ -24,7 +24,8 @@ unsigned mostThreads() {
     return std::clamp(4 * std::thread::hardware_concurrency(), least, most);
 }
 
-/// Of the pool for what blocks: twice as many as one phone may have connections, so that none can take all of them.
+/// Of the pool for what blocks: a third more than one phone may have connections, those that are closing included, so
+/// that none can take all of them.
 constexpr std::size_t mostBlockingThreads = 32;
 
 } // namespace
@@ -67,7 +68,7 @@ WorkerThreads::WorkerThreads() = default;
 WorkerThreads::~WorkerThreads() = default;
 
 Executor WorkerThreads::makeSerialQueue(const char* label) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (workers_.size() < mostThreads()) {
         try {
             workers_.push_back(std::make_unique<Worker>(label));
@@ -84,7 +85,7 @@ Executor WorkerThreads::makeSerialQueue(const char* label) {
 }
 
 Executor WorkerThreads::makeBlockingQueue() {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (!blocking_) {
         blocking_ = std::make_unique<Pool>();
     }
@@ -102,7 +103,7 @@ Executor WorkerThreads::makeBlockingQueue() {
 }
 
 Executor WorkerThreads::makeThreadQueue(const char* label) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     try {
         alone_.push_back(std::make_unique<Worker>(label));
     } catch (const std::system_error& error) {
@@ -114,8 +115,10 @@ Executor WorkerThreads::makeThreadQueue(const char* label) {
 std::vector<LateQueue> WorkerThreads::lateQueues(double seconds) {
     const auto now = std::chrono::steady_clock::now();
     std::vector<LateQueue> late;
-    const std::lock_guard guard(lock_);
-    for (const std::unique_ptr<Worker>& worker : workers_) {
+    const MutexLock guard(lock_);
+    std::size_t thread = 0;
+    for (const std::unique_ptr<Worker>& worker : workers_) { // of which none ever goes
+        ++thread;
         if (!worker->isAsked.exchange(true)) {
             worker->askedAt = now;
             asio::post(worker->context, [&isAsked = worker->isAsked] { isAsked = false; });
@@ -123,7 +126,7 @@ std::vector<LateQueue> WorkerThreads::lateQueues(double seconds) {
         }
         const double silent = std::chrono::duration<double>(now - worker->askedAt).count();
         if (silent >= seconds) {
-            late.push_back({.label = worker->label, .seconds = silent});
+            late.push_back({.label = worker->label, .seconds = silent, .thread = thread});
         }
     }
     return late;

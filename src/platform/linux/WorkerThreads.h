@@ -1,9 +1,9 @@
 #pragma once
 
+#include "base/Mutex.h"
 #include "platform/Network.h"
 
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace orlinth::platform {
@@ -36,11 +36,11 @@ private:
     struct Worker;
     struct Pool;
 
-    std::mutex lock_; ///< guards what follows
-    std::vector<std::unique_ptr<Worker>> workers_;
-    std::vector<std::unique_ptr<Worker>> alone_; ///< those that have one queue each
-    std::unique_ptr<Pool> blocking_;             ///< null until it is asked for
-    std::size_t next_ = 0;                       ///< whose turn it is to get a queue
+    Mutex lock_;
+    std::vector<std::unique_ptr<Worker>> workers_ ORLINTH_GUARDED_BY(lock_);
+    std::vector<std::unique_ptr<Worker>> alone_ ORLINTH_GUARDED_BY(lock_); ///< those that have one queue each
+    std::unique_ptr<Pool> blocking_ ORLINTH_GUARDED_BY(lock_);             ///< null until it is asked for
+    std::size_t next_ ORLINTH_GUARDED_BY(lock_) = 0;                       ///< whose turn it is to get a queue
 };
 
 } // namespace orlinth::platform

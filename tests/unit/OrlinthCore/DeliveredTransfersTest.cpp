@@ -72,6 +72,21 @@ protected:
     DeliveredTransfers delivered{world.system};
 };
 
+TEST_F(DeliveredTransfersTest, AFolderThatHangsHoldsUpOnlyWhoLooksIntoIt) {
+    deliver("ID-1");
+    bool isFirst = true;
+    world.files.beforeEach([&](Operation operation, const Path& path) {
+        const bool isLook = operation == Operation::status && path == file;
+        if (isLook && std::exchange(isFirst, false)) {
+            world.files.put("/elsewhere/b.txt", "b"); // meanwhile, for another phone
+            deliver("ID-2", "/elsewhere/b.txt", tablet);
+        }
+    });
+    EXPECT_TRUE(isKnown("ID-1"));
+    EXPECT_FALSE(isFirst);
+    EXPECT_TRUE(isKnown("ID-2", tablet));
+}
+
 TEST_F(DeliveredTransfersTest, RememberWhatWasDeliveredAcrossRuns) {
     EXPECT_FALSE(isKnown("ID-1"));
     EXPECT_THAT(world.files.allFiles(), IsEmpty()) << "to look makes nothing";

@@ -61,6 +61,24 @@ TEST_F(DeviceInfoTest, TellsEverythingOfAWiredComputer) {
                                      .hostname = "workshop"}));
 }
 
+TEST_F(DeviceInfoTest, TellsEverythingOfAnAddressThatTheComputerHas) {
+    interfaces.addresses = {hardware("e0", "020000000001"),
+                            ipv4("e0", {10, 0, 0, 1}),
+                            ipv4("e0", {10, 0, 1, 1}),
+                            hardware("lo", "000000000000"),
+                            with(ipv4("lo", {127, 0, 0, 1}, Ipv4Address{255, 0, 0, 0}), &InterfaceAddress::isLoopback),
+                            with(ipv4("e0", {10, 0, 2, 1}), &InterfaceAddress::isUp, false)};
+    const auto summaryAt = [this](const Ipv4Address& address) {
+        const DeviceInfo device = DeviceInfo::withAddress(interfaces, address);
+        return device.interface + " " + device.ipv4 + " " + device.subnetCIDR + " " + device.macAddress;
+    };
+    EXPECT_EQ(summaryAt({10, 0, 1, 1}), "e0 10.0.1.1 10.0.1.0/24 02:00:00:00:00:01");
+    EXPECT_EQ(summaryAt({127, 0, 0, 1}), "lo 127.0.0.1 127.0.0.0/8 00:00:00:00:00:00");
+    for (const Ipv4Address& address : {Ipv4Address{10, 0, 2, 1}, Ipv4Address{127, 0, 0, 2}}) {
+        EXPECT_THROW(static_cast<void>(summaryAt(address)), DeviceInfoError);
+    }
+}
+
 TEST_F(DeviceInfoTest, ComparesFieldByField) {
     for (std::string DeviceInfo::* field : {&DeviceInfo::interface, &DeviceInfo::ipv4, &DeviceInfo::subnetCIDR,
                                             &DeviceInfo::macAddress, &DeviceInfo::hostname}) {

@@ -86,6 +86,24 @@ TEST_F(DownloadsTest, TakeNoFileThatIsTooLarge) {
     EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "0123456789");
 }
 
+TEST_F(DownloadsTest, GoOnWithNoPartialFileThatIsTooLarge) {
+    putPartial("a.txt", "0123456789x", "ID-1");
+    downloads.setLimits({.keepFreeBytes = 0, .maxFileBytes = 10});
+    EXPECT_EQ(failureToBegin(offerOf(5)), "file write failed: the file is larger than 10 bytes");
+    EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "0123456789x");
+    putPartial("a.txt", "0123456789", "ID-1");
+    EXPECT_EQ(failureToBegin(offerOf(5)), "");
+}
+
+TEST_F(DownloadsTest, CountPartialFilesAlsoBesideOneThatCannotBeLookedAt) {
+    putPartial("!", "", "ID-0");
+    for (std::size_t i = 0; i < DownloadLimits::maxPartials; ++i) {
+        putPartial(std::to_string(i), "", "ID of " + std::to_string(i));
+    }
+    world.files.addFault({.operation = Operation::status, .errorNumber = EACCES, .nameEnding = "!.partial"});
+    EXPECT_EQ(refusal(offerOf(1, "ID", "new.txt")), Reason::tooManyPartials);
+}
+
 TEST_F(DownloadsTest, KeepRoomFree) {
     downloads.setLimits({.keepFreeBytes = 1000, .maxFileBytes = 0});
     world.files.setCapacity(5000);

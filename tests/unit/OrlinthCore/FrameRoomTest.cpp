@@ -50,6 +50,15 @@ protected:
                         [&connection](const std::exception_ptr& error) { connection.isCancelled = error != nullptr; });
         settle();
     }
+    /// Until there is no room for one more of the usual size.
+    [[nodiscard]] std::vector<Ref> fill() {
+        std::vector<Ref> holders;
+        while (room.heldBytes() + static_cast<std::int64_t>(dataFrame) <= limits::frameBytes) {
+            holders.push_back(connect(std::to_string(holders.size() / limits::connectionsOfOnePhone), dataFrame));
+            EXPECT_TRUE(holders.back()->isGranted);
+        }
+        return holders;
+    }
     void settle() {
         context.restart();
         context.poll();
@@ -85,35 +94,44 @@ TEST_F(FrameRoomTest, ATransferMayHaveSeveralAndNoPhoneHasAllOfTheRoom) {
 }
 
 TEST_F(FrameRoomTest, NeverHoldsMoreThanItHasAndGoesInOrder) {
-    std::vector<Ref> holders;
-    for (const char* phone : {"a", "b", "c"}) {
-        holders.push_back(connect(phone, largest));
-        EXPECT_TRUE(holders.back()->isGranted);
-    }
-    const Ref large = connect("d", largest);
-    const Ref small = connect("e", dataFrame);
-    EXPECT_FALSE(large->isGranted) << "three of the largest, and 64 bytes too few for a fourth";
-    EXPECT_FALSE(small->isGranted) << "nobody overtakes, or the large one would never get through";
+    std::vector<Ref> holders = fill();
+    const Ref usual = connect("y", dataFrame);
+    const Ref shorter = connect("z", dataFrame / 10);
+    EXPECT_FALSE(usual->isGranted);
+    EXPECT_FALSE(shorter->isGranted) << "nobody overtakes, or the longer one might never get through";
     EXPECT_EQ(room.waiting(), 2U);
     holders.pop_back();
     settle();
-    EXPECT_TRUE(large->isGranted && small->isGranted);
+    EXPECT_TRUE(usual->isGranted && shorter->isGranted);
     EXPECT_LE(room.heldBytes(), limits::frameBytes);
     EXPECT_EQ(room.waiting(), 0U);
 }
 
 TEST_F(FrameRoomTest, WhoLeavesTheLineLetsTheOthersPass) {
-    std::vector<Ref> holders;
-    for (const char* phone : {"a", "b", "c"}) {
-        holders.push_back(connect(phone, largest));
-    }
-    const Ref large = connect("d", largest);
-    const Ref small = connect("e", dataFrame);
-    large->stop.emit(asio::cancellation_type::terminal);
+    const std::vector<Ref> holders = fill();
+    const Ref usual = connect("y", dataFrame);
+    const Ref shorter = connect("z", dataFrame / 10);
+    usual->stop.emit(asio::cancellation_type::terminal);
     settle();
-    EXPECT_TRUE(large->isCancelled);
-    EXPECT_FALSE(large->isGranted);
-    EXPECT_TRUE(small->isGranted);
+    EXPECT_TRUE(usual->isCancelled);
+    EXPECT_FALSE(usual->isGranted);
+    EXPECT_TRUE(shorter->isGranted);
+}
+
+TEST_F(FrameRoomTest, LargeFramesLeaveRoomForTheUsualOnesAndGoInAnOrderOfTheirOwn) {
+    Ref first = connect("a", largest, true);
+    const Ref second = connect("b", largest, true);
+    const Ref third = connect("c", largest, true);
+    const Ref fourth = connect("d", dataFrame + 1, true);
+    EXPECT_TRUE(first->isGranted && second->isGranted);
+    EXPECT_FALSE(third->isGranted);
+    EXPECT_FALSE(fourth->isGranted) << "it would fit, but came behind";
+    for (int number = 0; number < 15; ++number) {
+        EXPECT_TRUE(connect("e", dataFrame)->isGranted);
+    }
+    first->share.reset();
+    settle();
+    EXPECT_TRUE(third->isGranted && fourth->isGranted);
 }
 
 TEST_F(FrameRoomTest, IsEmptyAgainWhenEverybodyHasGone) {

@@ -314,7 +314,13 @@ TEST_F(IncomingFiles, AreTheOwnersAloneUntilTheyAreWhole) {
     world.files.setPermissions(partial, 0644); // as older versions have left it
     IncomingFile file = begin();
     EXPECT_EQ(permissions(partial), 0600U);
-    finish(file);
+    world.files.addFault({.operation = Operation::rename, .errorNumber = EIO, .nameEnding = "a.txt"});
+    EXPECT_THROW(finish(file), ReceiveError);
+    EXPECT_EQ(permissions(partial), 0600U) << "also when it cannot be moved into its place";
+    world.files.clearFaults();
+    file.close();
+    IncomingFile again = begin();
+    finish(again);
     EXPECT_EQ(permissions(folder / "a.txt"), 0644U);
 }
 

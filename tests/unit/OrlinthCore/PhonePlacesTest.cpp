@@ -1,5 +1,6 @@
 #include "OrlinthCore/Receiving/PhonePlaces.h"
 
+#include "OrlinthCore/Receiving/ReceiveError.h"
 #include "fakes/VirtualClock.h"
 
 #include <gmock/gmock.h>
@@ -72,6 +73,26 @@ TEST_F(PhonePlacesTest, WhoHasEndedLeavesAPlaceAndOnePhoneTakesNoneOfAnothers) {
     EXPECT_EQ(places.count("other"), 1U);
     claims.clear();
     EXPECT_EQ(places.count("phone"), 0U);
+}
+
+TEST_F(PhonePlacesTest, ThoseThatHaveToGoCountUntilTheyAreGone) {
+    fill();
+    while (claims.size() < limits::connectionsOfOnePhoneInAll) {
+        connect();
+    }
+    const std::size_t leaving = limits::connectionsOfOnePhoneInAll - limits::connectionsOfOnePhone;
+    EXPECT_EQ(dismissed.size(), leaving);
+    EXPECT_THROW(connect(), ReceiveError);
+    EXPECT_EQ(dismissed.size(), leaving) << "nobody goes for one that does not come in";
+    EXPECT_EQ(places.count("phone"), limits::connectionsOfOnePhone);
+    connect("other");
+    claims[0].reset();
+    connect();
+    EXPECT_EQ(dismissed.size(), leaving + 1);
+    claims.clear();
+    EXPECT_EQ(places.count("phone"), 0U);
+    connect();
+    EXPECT_EQ(places.count("phone"), 1U);
 }
 
 } // namespace

@@ -11,6 +11,38 @@ TEST(Hex, EncodesInLowerCase) {
     EXPECT_EQ(hexEncode({}), "");
 }
 
+TEST(Hex, EncodesInUpperCaseWhereThatIsWanted) {
+    const Bytes bytes{std::byte{0x00}, std::byte{0x0f}, std::byte{0xA0}, std::byte{0xff}};
+    EXPECT_EQ(hexEncode(bytes, HexCase::upper), "000FA0FF");
+}
+
+TEST(Hex, WritesAByteWithoutALeadingZero) {
+    EXPECT_EQ(shortHex(std::byte{0x00}), "0");
+    EXPECT_EQ(shortHex(std::byte{0x0a}), "a");
+    EXPECT_EQ(shortHex(std::byte{0x10}), "10");
+    EXPECT_EQ(shortHex(std::byte{0xff}), "ff");
+}
+
+TEST(Hex, KnowsTheValueOfEveryDigitAndOfNothingElse) {
+    const std::string_view digits = "0123456789abcdefABCDEF";
+    for (int code = 0; code < 256; ++code) {
+        const char character = static_cast<char>(code);
+        const std::size_t place = digits.find(character);
+        const std::optional<unsigned> expected =
+            place == std::string_view::npos ? std::nullopt
+                                            : std::optional(static_cast<unsigned>(place < 16 ? place : place - 6));
+        EXPECT_EQ(hexDigit(character), expected) << code;
+    }
+}
+
+TEST(Hex, WritesAByteForAnUri) {
+    std::string text = "a";
+    appendPercentEncoded(text, 0xaf, HexCase::upper);
+    appendPercentEncoded(text, 0xaf, HexCase::lower);
+    appendPercentEncoded(text, 0, HexCase::lower);
+    EXPECT_EQ(text, "a%AF%af%00");
+}
+
 TEST(Hex, DecodesEitherCase) {
     const Bytes bytes{std::byte{0xde}, std::byte{0xad}, std::byte{0xbe}, std::byte{0xef}};
     EXPECT_EQ(hexDecode("deadbeef"), bytes);

@@ -275,6 +275,37 @@ TEST(Json, LetsOptionalMembersBeAbsentOrNull) {
     EXPECT_EQ(optionalString(value, "gone"), std::nullopt);
 }
 
+TEST(Json, ReadsLists) {
+    const Json object = parseJson(R"({"none":[],"texts":["b","a","b"],"mixed":["a",1],"nothing":null,"text":"a"})");
+    EXPECT_EQ(requireStrings(object, "texts"), (std::vector<std::string>{"b", "a", "b"}));
+    EXPECT_EQ(requireStrings(object, "none"), std::vector<std::string>());
+    EXPECT_EQ(requireArray(object, "mixed").size(), 2U);
+    EXPECT_EQ(optionalStrings(object, "texts"), (std::vector<std::string>{"b", "a", "b"}));
+    EXPECT_EQ(optionalStrings(object, "nothing"), std::nullopt);
+    EXPECT_EQ(optionalStrings(object, "absent"), std::nullopt);
+}
+
+TEST(Json, SaysWhatIsWrongWithAList) {
+    const Json object = parseJson(R"({"mixed":["a",1],"nothing":null,"text":"a"})");
+    const auto textOf = [](const auto& call) -> std::string {
+        try {
+            static_cast<void>(call());
+            return "";
+        } catch (const JsonError& error) {
+            return error.description();
+        }
+    };
+    EXPECT_EQ(textOf([&] { return requireStrings(object, "mixed"); }), "key \"mixed\": expected strings, found number");
+    EXPECT_EQ(textOf([&] { return optionalStrings(object, "mixed"); }),
+              "key \"mixed\": expected strings, found number");
+    EXPECT_EQ(textOf([&] { return requireStrings(object, "text"); }), "key \"text\": expected an array, found string");
+    EXPECT_EQ(textOf([&] { return requireArray(object, "nothing"); }),
+              "key \"nothing\": expected an array, found null");
+    EXPECT_EQ(textOf([&] { return requireArray(object, "absent"); }), "key \"absent\" is missing");
+    EXPECT_EQ(textOf([&] { return requireArray(parseJson("[]"), "a"); }), "expected an object, found array");
+    EXPECT_EQ(textOf([&] { return optionalStrings(parseJson("[]"), "a"); }), "expected an object, found array");
+}
+
 TEST(Json, WritesTheCompactFormSortedWithPlainSlashes) {
     const Json value = {{"b", "a/b"}, {"a", {1, true, nullptr}}, {"B", "\u00e4\n\"\\\x01"}};
     EXPECT_EQ(compactJson(value), "{\"B\":\"\u00e4\\n\\\"\\\\\\u0001\",\"a\":[1,true,null],\"b\":\"a/b\"}");

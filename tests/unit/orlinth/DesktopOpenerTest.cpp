@@ -1,4 +1,4 @@
-#include "orlinth/DesktopOpener.h"
+#include "orlinth/Program/DesktopOpener.h"
 
 #include "fakes/RecordingLog.h"
 #include "fakes/TemporaryFolder.h"
@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <string>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 namespace {
 
 using testing::ElementsAre;
@@ -77,4 +77,4 @@ TEST_F(DesktopOpenerTest, WithoutAServiceManagerThePathIsPassedAsItIs) {
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::cli

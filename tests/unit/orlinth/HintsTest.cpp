@@ -1,14 +1,13 @@
-#include "orlinth/Hints.h"
+#include "orlinth/Reporting/Hints.h"
 
 #include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthCore/Sending/SendError.h"
-#include "orlinth/PushService.h"
 #include "platform/HttpsClient.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 namespace {
 
 using testing::HasSubstr;
@@ -65,4 +64,4 @@ TEST(Hints, OfAFailedPushFollowItsError) {
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::cli

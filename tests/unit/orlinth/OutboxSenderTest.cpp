@@ -1,9 +1,9 @@
+#include "OrlinthHost/Sending/PhoneLanes.h"
 #include "OutboxWorld.h"
-#include "orlinth/SendSchedule.h"
 
 #include <gmock/gmock.h>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 namespace {
 
 using testing::ElementsAre;
@@ -107,7 +107,7 @@ TEST_F(OutboxSenderTest, TriesAgainAfterGrowingPauses) {
     std::optional<double> begin;
     const std::vector<double> pauses =
         gapsUntil(13000, [this, &begin] { begin = begin.value_or(world_.clock.elapsed()); });
-    EXPECT_NEAR(OutboxLookout::gatherSeconds, begin.value(), 1e-9);
+    EXPECT_NEAR(host::OutboxLookout::gatherSeconds, begin.value(), 1e-9);
     EXPECT_THAT(pauses, ElementsAre(5, 15, 60, 300, 900, 3600, 3600, 3600));
     const std::vector<Json> waiting = told("outbox_waiting");
     ASSERT_EQ(9U, waiting.size());
@@ -316,7 +316,7 @@ TEST_F(OutboxSenderTest, WritesIdsDownBeforeAnythingIsSent) {
     world_.alongside(keepSilent());
     start();
     pass(1);
-    const OutboxState known = OutboxState::load(world_.files, memory / first).value();
+    const host::OutboxState known = host::OutboxState::load(world_.files, memory / first).value();
     const std::string journal = *world_.files.content(known.journalFile(world_.phoneRecord().peer_pubkey));
     EXPECT_THAT(InFlightJournal::decodeEntries(parseJson(journal)),
                 ElementsAre(Key(StartsWith("a.txt|16|")), Key(StartsWith("b.txt|16|"))));
@@ -328,13 +328,13 @@ TEST_F(OutboxSenderTest, TakesNothingForSentBeforeThePhoneHasClosed) {
     start();
     pass(5);
     EXPECT_THAT(told("outbox_sent"), IsEmpty());
-    const OutboxState whoeverComesNext = OutboxState::load(world_.files, memory / first).value();
+    const host::OutboxState whoeverComesNext = host::OutboxState::load(world_.files, memory / first).value();
     EXPECT_TRUE(whoeverComesNext.phones.at(0).isOpen("a.txt"));
     const std::string journal = *world_.files.content(whoeverComesNext.journalFile(world_.phoneRecord().peer_pubkey));
     EXPECT_THAT(journal, HasSubstr(ids_.at(0))) << "under the same id, if we are killed now";
     pass(10);
     EXPECT_EQ(1U, told("outbox_sent").size());
-    EXPECT_FALSE(OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt"));
+    EXPECT_FALSE(host::OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt"));
 }
 
 TEST_F(OutboxSenderTest, FlushesLittleForManyFiles) {
@@ -368,7 +368,7 @@ TEST_F(OutboxSenderTest, SendsSeveralAtOnceToAPhoneThatTakesThem) {
 TEST_F(OutboxSenderTest, SendsLargeFilesOneAfterTheOther) {
     put(first, {"1", "2", "3"});
     for (const char* name : {"2", "3"}) {
-        world_.files.put(outbox / first / name, std::string(SendSchedule::enoughBytesUnderWay, 'x'));
+        world_.files.put(outbox / first / name, std::string(host::PhoneLanes::enoughBytes, 'x'));
     }
     world_.alongside(takeOneAndKeepSilent());
     start();
@@ -405,7 +405,7 @@ TEST_F(OutboxSenderTest, SetsAsideWhatWasBrokenOffAtTheEndThreeTimes) {
     EXPECT_EQ(ids_[0], ids_[1]);
     EXPECT_EQ(ids_[0], ids_[2]);
     EXPECT_THAT(told("outbox_sent"), IsEmpty());
-    EXPECT_EQ(DeliveryInDoubt::text, told("outbox_failed").at(0).at("message"));
+    EXPECT_EQ(host::DeliveryInDoubt::text, told("outbox_failed").at(0).at("message"));
     world_.alongside(take(1));
     pass(5000);
     EXPECT_THAT(taken_, ElementsAre("b.txt")) << "the others go on";
@@ -529,4 +529,4 @@ TEST_F(OutboxSenderTest, SaysNothingOfAnEmptyOutbox) {
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::cli

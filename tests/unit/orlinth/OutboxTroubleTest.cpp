@@ -1,11 +1,11 @@
+#include "OrlinthHost/Phones/RemovedPeers.h"
 #include "OutboxWorld.h"
-#include "orlinth/RemovedPeers.h"
 
 #include <gmock/gmock.h>
 
 #include <cerrno>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 namespace {
 
 using fakes::Operation;
@@ -68,7 +68,7 @@ TEST_F(OutboxTroubleTest, OffersAgainUnderTheSameIdWhereTheEndNeverCameThrough) 
     EXPECT_THAT(told("outbox_sent"), IsEmpty());
     EXPECT_THAT(told("outbox_waiting"), IsEmpty());
     pass(2);
-    EXPECT_EQ(DeliveryInDoubt::text, told("outbox_waiting").at(0).at("message"));
+    EXPECT_EQ(host::DeliveryInDoubt::text, told("outbox_waiting").at(0).at("message"));
     ASSERT_TRUE(isThere(outbox / first / "a.txt")) << "the only copy";
     world_.alongside(closeLate(0));
     pass(6);
@@ -102,7 +102,7 @@ TEST_F(OutboxTroubleTest, WaitsForAPhoneThatMayNotKnowThisComputerAnyMore) {
     world_.alongside(hangUp());
     start();
     pass(1);
-    EXPECT_EQ(notTakenText, told("outbox_waiting").at(0).at("message"));
+    EXPECT_EQ(host::notTakenText, told("outbox_waiting").at(0).at("message"));
     EXPECT_EQ(1U, attempts());
     pass(3);
     EXPECT_EQ(1U, attempts()) << "it pauses as for a phone that is away";
@@ -403,7 +403,7 @@ TEST_F(OutboxTroubleTest, NotesLaterWhatItCouldNotNoteWhenItWasSent) {
     world_.files.clearFaults();
     pass(10);
     ASSERT_EQ(1U, told("outbox_sent").size());
-    EXPECT_FALSE(OutboxState::load(world_.files, memory / first).value().phones.at(1).isOpen("a.txt"));
+    EXPECT_FALSE(host::OutboxState::load(world_.files, memory / first).value().phones.at(1).isOpen("a.txt"));
 }
 
 TEST_F(OutboxTroubleTest, TellsOnceThatItCanNoteNothing) {
@@ -429,7 +429,7 @@ TEST_F(OutboxTroubleTest, DoesNotSendToAnotherPhoneThanTheOneThatWasThere) {
     PeerRecord record = world_.phoneRecord();
     record.paired_at_epoch_ms = 2000;
     pair({record});
-    RemovedPeers(world_.files, host_.dataDirectory()).add(tabletKey_.publicKey());
+    host::RemovedPeers(world_.files, host_.dataDirectory()).add(tabletKey_.publicKey());
     put(first, {"a.txt"}, 1000);
     world_.alongside(take(1));
     start();
@@ -455,4 +455,4 @@ TEST_F(OutboxTroubleTest, SendsToTheOnlyPhoneWhereNoneWasRemoved) {
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::cli

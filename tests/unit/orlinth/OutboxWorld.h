@@ -1,7 +1,8 @@
 #pragma once
 
+#include "OrlinthHost/Outbox/OutboxSender.h"
 #include "fakes/World.h"
-#include "orlinth/OutboxSender.h"
+#include "orlinth/Reporting/OutboxReporter.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +12,7 @@
 #include <sstream>
 #include <variant>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 
 inline const platform::Path container = "/home/ann/.local/share/group.com.tarvinex.orlinth";
 inline const platform::Path outbox = container / "Outbox";
@@ -63,7 +64,7 @@ protected:
     void ring() { ShareOutbox::postPending(world_.signals); }
 
     void start() {
-        sender_.emplace(host_, world_.computerKey);
+        sender_.emplace(host_, world_.computerKey, reporter_);
         sender_->start();
     }
     void stop() {
@@ -259,7 +260,8 @@ protected:
     TaskRunner tasks_{world_.context};
     Output output_;
     Host host_{world_.system, tasks_, output_};
-    std::optional<OutboxSender> sender_;
+    OutboxReporter reporter_{host_};
+    std::optional<host::OutboxSender> sender_;
     std::vector<std::string> taken_;
     std::vector<std::string> ids_;
     std::vector<std::unique_ptr<ScriptedPeer>> kept_; ///< connections that stay open
@@ -269,4 +271,4 @@ protected:
     std::string reports_;
 };
 
-} // namespace orlinth::host
+} // namespace orlinth::cli

@@ -1,4 +1,4 @@
-#include "orlinth/Output.h"
+#include "orlinth/Reporting/Output.h"
 
 #include "base/Text.h"
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <unistd.h>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 namespace {
 
 /// What is written to the two streams meanwhile.
@@ -63,4 +63,4 @@ TEST(Output, ScriptsGetTheWholeValueInAscii) {
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::cli

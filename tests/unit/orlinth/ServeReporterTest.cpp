@@ -1,4 +1,4 @@
-#include "orlinth/ServeReporter.h"
+#include "orlinth/Reporting/ServeReporter.h"
 
 #include "fakes/TemporaryFolder.h"
 #include "fakes/World.h"
@@ -15,7 +15,7 @@
 #include <sys/stat.h>
 #include <thread>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 namespace {
 
 using fakes::TemporaryFolder;
@@ -260,6 +260,41 @@ TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
     EXPECT_EQ((std::vector<std::string>{"Pixel: 981 more lines were left out"}), minute);
 }
 
+TEST_F(ServeReporterTest, AClipboardThatCannotBeWrittenIsAFewLinesAMinuteAndThenTheirNumber) {
+    constexpr const char* reason = "cannot write the clipboard: there is no desktop session";
+    constexpr const char* more = "the clipboard could not be written 195 more times";
+    world_.clipboard.hasSession = false;
+    const std::vector<std::string> lines = linesOf([&] {
+        for (int i = 0; i < 200; ++i) {
+            callbacks_.onClipboard(textOf("text " + std::to_string(i)));
+            world_.context.restart();
+            world_.context.poll(); // so that each is written before the next one comes
+        }
+        world_.run(reporter_.finish());
+    });
+    EXPECT_EQ(limits::linesOfStrangers, std::ranges::count(lines, reason));
+    EXPECT_EQ(1, std::ranges::count(lines, more));
+    const std::vector<std::string> log = world_.log.messages();
+    EXPECT_EQ(limits::linesOfStrangers, std::ranges::count(log, reason));
+    EXPECT_EQ(1, std::ranges::count(log, more));
+}
+
+TEST_F(ServeReporterTest, APhoneThatIsNotForgottenGetsNoMoreLinesThanOthers) {
+    constexpr int count = 1000;
+    Receiver::Unpair unpair{.from = "Pixel", .peerPubkey = "key 1", .isForgotten = false};
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < count; ++i) {
+        callbacks_.onSync(unpair);
+    }
+    const std::string kept = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(limits::linesOfOnePhone, std::ranges::count(kept, '\n'));
+    unpair.isForgotten = true;
+    testing::internal::CaptureStdout();
+    callbacks_.onSync(unpair);
+    EXPECT_EQ("Pixel has removed this computer, and is forgotten here\n", testing::internal::GetCapturedStdout())
+        << "however much was said before";
+}
+
 TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
     const std::vector<std::string> lines = linesOf([&] {
         for (int i = 0; i < 1000; ++i) {
@@ -273,4 +308,4 @@ TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::cli

@@ -1,8 +1,8 @@
-#include "orlinth/SizeText.h"
+#include "orlinth/Commands/SizeText.h"
 
 #include <gtest/gtest.h>
 
-namespace orlinth::host {
+namespace orlinth::cli {
 namespace {
 
 constexpr std::int64_t kibi = 1024;
@@ -29,4 +29,4 @@ TEST(SizeText, IsNothingElse) {
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::cli

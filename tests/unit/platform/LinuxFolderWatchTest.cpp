@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <poll.h>
@@ -32,7 +33,7 @@ protected:
             ASSERT_LT(SteadyClock::now(), end) << "nothing happens any more";
             context.restart();
             context.poll();
-            ::poll(nullptr, 0, 2); // calls come from another thread, without a descriptor
+            context.run_one_for(2ms);
         }
     }
 
@@ -186,6 +187,33 @@ TEST_F(LinuxFolderWatchTest, TellsThatTheFolderHasGoneAndWatchesItAgainWhenItIsB
         writeText(inner / "a", "");
         runUntil([&] { return calls > before; });
     }
+}
+
+TEST_F(LinuxFolderWatchTest, LeavesNothingWaitingOnceItHasEnded) {
+    const Path inner = folder / "inner";
+    std::filesystem::create_directory(inner);
+    int calls = 0;
+    auto watch = count(inner, calls);
+    std::filesystem::remove(inner); // so that it is looked for
+    runUntil([&] { return calls > 0; });
+    EXPECT_FALSE(context.stopped());
+    watch.reset();
+    context.restart();
+    context.run_for(patience);
+    EXPECT_TRUE(context.stopped());
+}
+
+TEST_F(LinuxFolderWatchTest, ProgramsThatAreStartedDoNotInheritIt) {
+    const auto watch = watcher.watch(folder.path(), context.get_executor(), [] {});
+    int watches = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // that of the look itself
+        if (std::filesystem::read_symlink(entry.path(), gone) == "anon_inode:inotify") {
+            EXPECT_EQ(::fcntl(std::stoi(entry.path().filename()), F_GETFD), FD_CLOEXEC);
+            ++watches;
+        }
+    }
+    EXPECT_EQ(watches, 1);
 }
 
 TEST_F(LinuxFolderWatchTest, LastsThroughChangesFromManyThreadsAndEndsAtAnyTime) {

@@ -626,6 +626,24 @@ TEST_F(LinuxNetworkTest, ListensAtSeveralPlacesOnOnePort) {
     EXPECT_EQ(again->port(), several->port());
 }
 
+TEST_F(LinuxNetworkTest, KnowsWhereItListens) {
+    const auto placeOf = [this](std::vector<std::string> places) {
+        return listen({.port = 0, .keepAlive = {}, .places = std::move(places)})->place();
+    };
+    EXPECT_EQ(placeOf({}), "");
+    EXPECT_EQ(placeOf({"0.0.0.0"}), "");
+    EXPECT_EQ(placeOf({"127.0.0.2"}), "127.0.0.2");
+    EXPECT_EQ(placeOf({"127.0.0.3", "127.0.0.2"}), "127.0.0.3");
+    EXPECT_EQ(placeOf({"lo"}), "lo");
+    if (hasIpv6Loopback()) {
+        EXPECT_EQ(placeOf({"::1"}), "::1");
+        EXPECT_EQ(placeOf({"::"}), "::") << "no IPv4 connection comes there";
+    }
+    const std::unique_ptr<Listener> closed = listen({.port = 0, .keepAlive = {}, .places = {"127.0.0.2"}});
+    closed->close();
+    EXPECT_EQ(closed->place(), "");
+}
+
 TEST_F(LinuxNetworkTest, SaysThatAPlaceToListenAtIsNone) {
     for (const auto& [place, reason] :
          {std::pair{"no-such-iface", "No such device"}, std::pair{"192.0.2.1", "Cannot assign requested address"},

@@ -7,10 +7,12 @@
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <functional>
 #include <poll.h>
+#include <thread>
 
 using namespace orlinth;
 using namespace orlinth::platform;
@@ -222,7 +224,7 @@ protected:
                 daemon->process();
                 events.fd = daemon->descriptor();
             }
-            ::poll(&events, 1, 5); // our own callbacks come from another thread, without a descriptor
+            ::poll(&events, 1, 5); // our own callbacks come at the next turn
         }
     }
 
@@ -257,7 +259,7 @@ protected:
     asio::io_context context;
     std::optional<Daemon> daemon;
     std::vector<std::string> answers;
-    LinuxNotifications notifications{fakes::busEnvironment};
+    LinuxNotifications notifications{context.get_executor(), fakes::busEnvironment};
 };
 
 TEST_F(LinuxNotificationsTest, WithoutABusNobodyIsThereAndTheAnswerIsEmpty) {
@@ -285,6 +287,15 @@ TEST_F(LinuxNotificationsTest, ABusThatSaysNothingHoldsNobodyUp) {
     EXPECT_LT(SteadyClock::now() - start, 5s);
     silent.reset(); // and then it is gone
     expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, ABusThatOwesAnAnswerIsNotWaitedForAgain) {
+    const fakes::SilentBus silent;
+    const auto start = SteadyClock::now();
+    for (int round = 0; round < 100; ++round) {
+        EXPECT_FALSE(notifications.isAvailable());
+    }
+    EXPECT_LT(SteadyClock::now() - start, 10s); // each for itself a quarter of a second
 }
 
 TEST_F(LinuxNotificationsTest, SomebodyIsThereOnceADaemonHasTheName) {
@@ -455,12 +466,79 @@ TEST_F(LinuxNotificationsTest, WhatIsStillShownAtTheEndIsAnsweredEmpty) {
     const PrivateBus bus;
     daemon.emplace();
     {
-        LinuxNotifications shortLived(fakes::busEnvironment);
+        LinuxNotifications shortLived(context.get_executor(), fakes::busEnvironment);
         shortLived.show({.title = "t", .body = "b"}, context.get_executor(),
                         [this](const std::string& key) { answers.push_back(key); });
         runUntil([&] { return !daemon->shown.empty(); });
     }
     expectAnswers({""});
+}
+
+TEST_F(LinuxNotificationsTest, WhatIsShownLastReachesTheDaemonAlthoughNobodyRunsTheExecutor) {
+    const PrivateBus bus;
+    daemon.emplace();
+    std::atomic<std::size_t> shownFiles = 0;
+    std::atomic<std::size_t> shownTexts = 0;
+    std::atomic<bool> isOver = false;
+    std::thread desktop([&] {
+        while (!isOver) {
+            daemon->process();
+            shownFiles = static_cast<std::size_t>(
+                std::ranges::count(daemon->shown, std::string("A file"), &Daemon::Shown::title));
+            shownTexts = daemon->shown.size() - shownFiles;
+            pollfd event{.fd = daemon->descriptor(), .events = POLLIN, .revents = 0};
+            ::poll(&event, 1, 5);
+        }
+    });
+    const auto end = SteadyClock::now() + patience;
+    while (shownFiles == 0 && SteadyClock::now() < end) { // on a busy machine it may not be quick enough
+        LinuxNotifications oneShot(context.get_executor(), fakes::busEnvironment);
+        oneShot.show({.title = "A file", .body = "came"}, context.get_executor(),
+                     [this](const std::string& key) { answers.push_back(key); });
+    }
+    notifications.close();
+    while (shownTexts == 0 && SteadyClock::now() < end) { // nor after this
+        show({.title = "A text", .body = "came"});
+    }
+    isOver = true;
+    desktop.join();
+    EXPECT_GT(shownFiles, 0U);
+    EXPECT_GT(shownTexts, 0U);
+    context.run(); // nothing keeps it running
+    EXPECT_GE(answers.size(), shownFiles + shownTexts);
+}
+
+TEST_F(LinuxNotificationsTest, ADaemonThatHangsHoldsNobodyUp) {
+    const PrivateBus bus;
+    daemon.emplace(); // which does nothing, as nobody runs it
+    const auto start = SteadyClock::now();
+    {
+        LinuxNotifications shortLived(context.get_executor(), fakes::busEnvironment);
+        for (int round = 0; round < 100; ++round) {
+            shortLived.show({.title = "A file", .body = "came"}, context.get_executor(),
+                            [this](const std::string& key) { answers.push_back(key); });
+            static_cast<void>(shortLived.isAvailable()); // the bus's own word
+        }
+        context.poll();
+    }
+    EXPECT_LT(SteadyClock::now() - start, 10s);
+    context.restart();
+    context.run();
+    EXPECT_EQ(answers, std::vector<std::string>(100));
+}
+
+TEST_F(LinuxNotificationsTest, OnceClosedNothingKeepsTheExecutorRunning) {
+    const PrivateBus bus;
+    daemon.emplace();
+    showOne(3600);
+    context.restart();
+    context.run_for(10ms);
+    EXPECT_FALSE(context.stopped());
+    notifications.close();
+    context.restart();
+    context.run_for(patience);
+    EXPECT_TRUE(context.stopped());
+    EXPECT_EQ(answers, std::vector<std::string>{""});
 }
 
 TEST_F(LinuxNotificationsTest, OfVeryManyTheOldestCountAsClosed) {

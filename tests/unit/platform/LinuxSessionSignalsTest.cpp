@@ -88,7 +88,7 @@ protected:
             meanwhile();
             context.restart();
             context.poll();
-            ::poll(nullptr, 0, 2); // callbacks come from another thread, without a descriptor
+            context.run_one_for(2ms);
         }
     }
 
@@ -104,8 +104,8 @@ protected:
     }
 
     asio::io_context context;
-    LinuxSessionSignals sender{fakes::busEnvironment};
-    LinuxSessionSignals receiver{fakes::busEnvironment};
+    LinuxSessionSignals sender{context, fakes::busEnvironment};
+    LinuxSessionSignals receiver{context, fakes::busEnvironment};
 };
 
 TEST(BusSignalName, IsMadeOfTheReverseDnsName) {
@@ -269,7 +269,7 @@ TEST_F(LinuxSessionSignalsTest, HoldNobodyUpWhereTheBusSaysNothing) {
     const fakes::SilentBus bus;
     const auto start = SteadyClock::now();
     {
-        LinuxSessionSignals signals(fakes::busEnvironment);
+        LinuxSessionSignals signals(context, fakes::busEnvironment);
         int heard = 0;
         const auto subscription = count(signals, pending, heard);
         signals.post(pending);
@@ -309,12 +309,26 @@ TEST_F(LinuxSessionSignalsTest, MayBeSentAndListenedForFromManyThreads) {
     runUntil([&] { return heard >= before + 20; });
 }
 
+TEST_F(LinuxSessionSignalsTest, LeaveNothingWaitingOnceNobodyListens) {
+    int heard = 0;
+    auto subscription = count(receiver, pending, heard); // without a bus as well
+    context.restart();
+    context.run_for(10ms);
+    EXPECT_FALSE(context.stopped());
+    const PrivateBus bus;
+    postUntilHeard(pending, heard);
+    subscription.reset();
+    context.restart();
+    context.run_for(patience);
+    EXPECT_TRUE(context.stopped());
+}
+
 TEST_F(LinuxSessionSignalsTest, DoNotMindASubscriptionThatOutlivesThem) {
     const PrivateBus bus;
     std::unique_ptr<SignalSubscription> subscription;
     int heard = 0;
     {
-        LinuxSessionSignals signals(fakes::busEnvironment);
+        LinuxSessionSignals signals(context, fakes::busEnvironment);
         subscription = count(signals, pending, heard);
         postUntilHeard(pending, heard);
     }

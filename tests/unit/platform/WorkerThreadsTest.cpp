@@ -138,7 +138,7 @@ TEST(WorkerThreads, AThreadThatDoesNotAnswerIsNoticedAndSaysForWhatItIs) {
     using namespace std::chrono_literals;
     WorkerThreads workers;
     const Executor queue = workers.makeSerialQueue("busy");
-    static_cast<void>(workers.makeSerialQueue("idle"));
+    const Executor other = workers.makeSerialQueue("idle");
     EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty());
     std::promise<void> release;
     asio::post(queue, [released = release.get_future().share()] { released.wait(); });
@@ -146,10 +146,25 @@ TEST(WorkerThreads, AThreadThatDoesNotAnswerIsNoticedAndSaysForWhatItIs) {
     ASSERT_EQ(late.size(), 1U);
     EXPECT_EQ(late[0].label, "busy");
     EXPECT_GE(late[0].seconds, 0.05);
+    EXPECT_EQ(late[0].thread, 1U);
+    std::promise<void> releaseOther;
+    asio::post(other, [released = releaseOther.get_future().share()] { released.wait(); });
+    std::vector<LateQueue> both = late;
+    for (const auto end = std::chrono::steady_clock::now() + 30s;
+         both.size() < 2 && std::chrono::steady_clock::now() < end;) {
+        both = lateWithin(workers, 0.05, 30s);
+    }
+    ASSERT_EQ(both.size(), 2U);
+    EXPECT_EQ(both[0].thread, 1U);
+    EXPECT_EQ(both[1].thread, 2U);
     release.set_value();
+    releaseOther.set_value();
     std::promise<void> back;
     asio::post(queue, [&back] { back.set_value(); });
     back.get_future().wait();
+    std::promise<void> otherBack;
+    asio::post(other, [&otherBack] { otherBack.set_value(); });
+    otherBack.get_future().wait();
     EXPECT_TRUE(workers.lateQueues(0.05).empty());
     EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty());
 }

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "OrlinthCore/SecureChannel/KeyVault.h"
+#include "platform/System.h"
+
+namespace orlinth::host {
+
+/// This computer, as whatever works unattended needs it: the system, the executor on which all of that runs, and the
+/// user's files. Everything referred to outlives it, and it outlives whatever is given it.
+struct Home {
+    platform::System& system;
+    /// One thread. "On the home's executor" is said of what is called there, and may only be called there.
+    Executor executor;
+
+    /// The folder of the core's files.
+    [[nodiscard]] platform::Path dataDirectory() const {
+        return system.directories.data / KeyVault::defaultDirectoryName;
+    }
+    [[nodiscard]] PeerStore peers() const { return {system.files, system.directories}; }
+    /// This computer's key, made on first use. @throws KeyVault::Error
+    [[nodiscard]] platform::PrivateKey staticKey() const {
+        return KeyVault(system.files, system.directories).loadOrCreate();
+    }
+};
+
+} // namespace orlinth::host

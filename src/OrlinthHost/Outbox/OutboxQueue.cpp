@@ -1,0 +1,459 @@
+#include "OrlinthHost/Outbox/OutboxQueue.h"
+
+#include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Outbox/OutboxLookout.h"
+#include "base/Text.h"
+#include "platform/SystemError.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace orlinth::host {
+
+namespace {
+
+/// What has failed for good, a phrase for each phone and reason.
+std::string summaryOf(const OutboxState& state) {
+    std::string text;
+    for (const OutboxState::Phone& phone : state.phones) {
+        std::map<std::string, std::vector<std::string>> byReason;
+        for (const auto& [file, reason] : phone.failed) {
+            byReason[reason].push_back(file);
+        }
+        for (const auto& [reason, files] : byReason) {
+            text += text.empty() ? "" : "; ";
+            text += (files.size() == 1 ? forDisplay(files.front()) : countOfFiles(files.size())) + " not sent to " +
+                    forDisplay(phone.displayName()) + " (" + forDisplay(reason) + ")";
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+bool OutboxQueue::Job::isOpenFor(const std::string& key) {
+    const OutboxState::Phone* const phone = state.find(key);
+    if (phone == nullptr || isDropped) {
+        return false;
+    }
+    const std::vector<std::string>& files = batch.manifest.files;
+    std::size_t& first = firstOpen[key];
+    while (first < files.size() && !phone->isOpen(files[first])) {
+        ++first;
+    }
+    return first < files.size();
+}
+
+std::optional<std::string> OutboxQueue::Job::nextFor(const std::string& key) {
+    std::optional<std::string> next;
+    if (!isOpenFor(key)) {
+        return next;
+    }
+    const OutboxState::Phone& phone = *state.find(key);
+    const std::vector<std::string>& files = batch.manifest.files;
+    int fewest = 0;
+    for (std::size_t i = firstOpen.at(key); i < files.size(); ++i) {
+        if (!phone.isOpen(files[i]) || underWay.contains({key, files[i]})) {
+            continue;
+        }
+        const int count = attemptsInVain(key, files[i]);
+        if (!next || count < fewest) {
+            next = files[i];
+            fewest = count;
+        }
+        if (count == 0) {
+            break;
+        }
+    }
+    return next;
+}
+
+std::vector<std::string> OutboxQueue::Job::upcoming(const std::string& key, std::size_t most) {
+    std::vector<std::string> names;
+    const std::optional<std::string> next = nextFor(key);
+    if (!next) {
+        return names;
+    }
+    names.push_back(*next);
+    const OutboxState::Phone& phone = *state.find(key);
+    const std::vector<std::string>& files = batch.manifest.files;
+    for (std::size_t i = firstOpen.at(key); i < files.size() && names.size() < most; ++i) {
+        const bool comesBehind = files[i] != *next && phone.isOpen(files[i]) && !underWay.contains({key, files[i]});
+        if (comesBehind && attemptsInVain(key, files[i]) == 0) {
+            names.push_back(files[i]);
+        }
+    }
+    return names;
+}
+
+int OutboxQueue::Job::attemptsInVain(const std::string& key, const std::string& file) const {
+    const auto at = inVain.find({key, file});
+    return at == inVain.end() ? 0 : at->second;
+}
+
+void OutboxQueue::Job::startOver() {
+    state.forgetFailures();
+    inVain.clear();
+    through.clear();
+    firstOpen.clear();
+}
+
+OutboxQueue::OutboxQueue(Home& home, OutboxEvents& events)
+    : home_(home),
+      events_(events),
+      store_(home),
+      batches_(home.system.files, home.system.clock, home.system.directories) {}
+
+// What comes, and what has gone
+
+void OutboxQueue::forgetOrphans() noexcept {
+    try {
+        if (!home_.system.files.exists(store_.memory())) {
+            return;
+        }
+        for (const std::string& name : home_.system.files.list(store_.memory())) {
+            if (OutboxBatches::isId(name) && batches_.isGone(name) && batches_.isGoneFromSetAside(name)) {
+                OutboxState(home_.system.files, store_.memory() / name).remove();
+            }
+        }
+    } catch (const std::exception&) {
+        return; // it is in nobody's way
+    }
+}
+
+std::optional<platform::Path> OutboxQueue::makeOutbox() {
+    try {
+        platform::Path root = batches_.makeFolder();
+        isLackTold_ = false;
+        return root;
+    } catch (const OutboxError& error) {
+        if (!std::exchange(isLackTold_, true)) {
+            events_.noOutbox(error.description());
+        }
+        return std::nullopt;
+    }
+}
+
+OutboxQueue::News OutboxQueue::look(const Watch& watch) {
+    News news;
+    const std::optional<platform::Path> root = makeOutbox();
+    std::set<std::string> known = unusable_;
+    std::transform(jobs_.begin(), jobs_.end(), std::inserter(known, known.end()),
+                   [](const auto& entry) { return entry.first; });
+    static_cast<void>(batches_.clearAbandoned(known));
+    try {
+        std::set<platform::Path> incomplete;
+        for (const std::string& id : batches_.ids()) {
+            if (!jobs_.contains(id) && !batches_.isComplete(id)) {
+                incomplete.insert(batches_.folderOf(id));
+            }
+        }
+        watch(root, incomplete);
+        for (const std::string& id : batches_.ids()) { // again: it may have come before the watch was there
+            if (!jobs_.contains(id) && !unusable_.contains(id) && batches_.isComplete(id)) {
+                accept(id, news);
+            }
+        }
+        std::erase_if(unusable_, [this](const std::string& id) { return batches_.isGone(id); });
+        if (root) { // else nothing can be told of what is there
+            findVanished(news);
+        }
+    } catch (const platform::SystemError& error) {
+        log(platform::LogLevel::error, "cannot look through the outbox: " + error.description());
+    }
+    return news;
+}
+
+void OutboxQueue::findVanished(News& news) const {
+    for (const auto& [id, job] : jobs_) {
+        if (batches_.isGone(id)) {
+            job->hasVanished = true;
+            news.vanished.push_back(id);
+        }
+    }
+}
+
+void OutboxQueue::accept(const std::string& id, News& news) {
+    try {
+        OutboxBatches::Batch batch = batches_.read(id);
+        OutboxState state = remembered(batch);
+        if (state.phones.empty()) {
+            throw OutboxError("no phone is paired");
+        }
+        auto job = std::make_unique<Job>(Job{.batch = std::move(batch), .state = std::move(state)});
+        for (const OutboxState::Phone& phone : job->state.phones) {
+            if (job->isOpenFor(phone.pubkey)) {
+                news.phones.insert(phone.pubkey);
+            } else {
+                job->through.insert(phone.pubkey);
+            }
+        }
+        save(*job);
+        jobs_.emplace(id, std::move(job));
+        endIfThrough(id);
+    } catch (const OutboxError& error) {
+        setAside(id, error.description());
+    } catch (const Error& error) { // of the disk or the peer store: the next look may find it well
+        log(platform::LogLevel::error, "cannot take in batch " + id + ": " + error.description());
+        events_.waiting(id, "", error.description(), OutboxLookout::backstopSeconds);
+    }
+}
+
+OutboxState OutboxQueue::remembered(const OutboxBatches::Batch& batch) {
+    const platform::Path folder = store_.memory() / batch.manifest.id;
+    if (std::optional<OutboxState> known = OutboxState::load(home_.system.files, folder)) {
+        return std::move(*known); // was checked when it came; a file that is gone since concerns that file alone
+    }
+    for (const std::string& name : batch.manifest.files) {
+        batches_.checkFile(batch, name);
+    }
+    OutboxState fresh(home_.system.files, folder);
+    fresh.phones = store_.phonesOf(batch.manifest);
+    return fresh;
+}
+
+OutboxQueue::Job* OutboxQueue::find(const std::string& id) {
+    const auto at = jobs_.find(id);
+    return at == jobs_.end() ? nullptr : at->second.get();
+}
+
+OutboxQueue::Job* OutboxQueue::nextFor(const std::string& key) {
+    Job* next = nullptr;
+    std::pair<int, std::int64_t> place; // in the line
+    for (const auto& [id, job] : jobs_) {
+        if (const std::optional<std::string> file = job->nextFor(key)) {
+            const std::pair<int, std::int64_t> mine = {job->attemptsInVain(key, *file),
+                                                       job->batch.manifest.createdAtMs};
+            if (next == nullptr || mine < place) {
+                next = job.get();
+                place = mine;
+            }
+        }
+    }
+    return next;
+}
+
+// What becomes of it
+
+std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const std::string& key) {
+    std::shared_ptr<OutboxJournal>& journal = job.journals[key];
+    if (!journal) {
+        journal = std::make_shared<OutboxJournal>(home_.system, job.state.journalFile(key));
+    }
+    const std::string file = *job.nextFor(key);
+    if (!journal->isPrepared(job.batch.folder / file)) {
+        note([&job] { job.state.flush(); }); // before the ids of what was sent go from the journal
+        journal->prepare(soundOf(job, job.upcoming(key, OutboxJournal::filesPreparedAtOnce)));
+    }
+    job.underWay.insert({key, file});
+    return journal;
+}
+
+/// Those of the files that can be sent as they are; nothing else is to be opened, not even for a look.
+std::vector<platform::Path> OutboxQueue::soundOf(const Job& job, const std::vector<std::string>& names) const {
+    std::vector<platform::Path> paths;
+    for (const std::string& name : names) {
+        try {
+            checkFile(job, name);
+            paths.push_back(job.batch.folder / name);
+        } catch (const Error&) {
+            continue; // is told when its turn comes
+        }
+    }
+    return paths;
+}
+
+void OutboxQueue::setDone(Job& job, const std::string& key, const OutboxEvents::Transfer& transfer,
+                          const Delivered& delivered) {
+    OutboxState::Phone& phone = *job.state.find(key);
+    phone.setDone(transfer.file);
+    saveFile(job, phone, transfer.file);
+    job.journals.at(key)->complete(job.batch.folder / transfer.file);
+    events_.sent(transfer, delivered);
+    settlePhone(job, key);
+    endIfThrough(job.id());
+}
+
+void OutboxQueue::setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message) {
+    OutboxState::Phone& phone = *job.state.find(key);
+    phone.failed[file] = message;
+    saveFile(job, phone, file);
+    events_.failed({.batch = job.id(), .file = file, .to = phone.displayName(), .key = key}, message);
+    settlePhone(job, key);
+    endIfThrough(job.id());
+}
+
+void OutboxQueue::setAllFailed(const std::string& key, const std::string& message) {
+    while (Job* const job = nextFor(key)) {
+        OutboxState::Phone& phone = *job->state.find(key);
+        while (const std::optional<std::string> file = job->nextFor(key)) {
+            phone.failed[*file] = message;
+        }
+        save(*job);
+        events_.failed(job->id(), phone, message);
+        settlePhone(*job, key);
+        endIfThrough(job->id());
+    }
+}
+
+void OutboxQueue::setWaiting(const std::string& key, const std::string& message, double seconds, bool isNews) {
+    OutboxState::Phone waiting;
+    waiting.pubkey = key;
+    bool isFirst = false; // of one of the batches
+    for (const auto& [id, job] : jobs_) {
+        if (!job->isOpenFor(key)) {
+            continue;
+        }
+        OutboxState::Phone& phone = *job->state.find(key);
+        waiting.hostname = phone.hostname;
+        isFirst = isFirst || phone.waiting.empty();
+        if (std::exchange(phone.waiting, message) != message) {
+            save(*job);
+        }
+        events_.waiting(id, waiting.displayName(), message, seconds);
+    }
+    if (isNews || isFirst) {
+        events_.waitingLine(waiting, message);
+    }
+    if (isFirst) {
+        events_.waitingNotification(waiting, message);
+    }
+}
+
+void OutboxQueue::settlePhone(Job& job, const std::string& key) {
+    if (job.isDropped || job.isOpenFor(key) || !job.through.insert(key).second) {
+        return;
+    }
+    const OutboxState::Phone& phone = *job.state.find(key);
+    std::vector<std::string> done;
+    std::copy_if(job.batch.manifest.files.begin(), job.batch.manifest.files.end(), std::back_inserter(done),
+                 [&phone](const std::string& name) { return phone.done.contains(name); });
+    events_.through(phone, done);
+}
+
+void OutboxQueue::endIfThrough(const std::string& id) {
+    Job* const job = find(id);
+    if (job == nullptr || job->isDropped) {
+        return;
+    }
+    for (const OutboxState::Phone& phone : job->state.phones) {
+        if (job->isOpenFor(phone.pubkey)) {
+            return;
+        }
+    }
+    const std::unique_ptr<Job> ended = std::move(jobs_.at(id)); // whose own the id may be
+    jobs_.erase(id);
+    note([&ended] { ended->state.flush(); }); // before the ids of what was sent go, and before the batch does
+    const std::string failures = summaryOf(ended->state);
+    const bool isThere = !batches_.isGone(id);
+    if (isThere && !failures.empty()) {
+        setAside(id, failures);
+        return;
+    }
+    try {
+        if (isThere) { // else somebody has put something else in its place, which is not ours
+            batches_.remove(id);
+        }
+        ended->state.remove(); // last: until then it says that there is nothing to send
+        if (failures.empty()) {
+            events_.done(id);
+        }
+    } catch (const platform::SystemError& error) {
+        leaveBehind(id, isThere, "everything was sent, but it cannot be removed: " + error.description());
+    }
+}
+
+/// What cannot be removed; if the batch itself is not there, only what is remembered of it is left.
+void OutboxQueue::leaveBehind(const std::string& id, bool isThere, const std::string& problem) {
+    if (isThere) {
+        setAside(id, problem);
+    } else {
+        log(platform::LogLevel::error, "what is remembered of batch " + id + ": " + problem);
+    }
+}
+
+void OutboxQueue::setAside(const std::string& id, const std::string& message) {
+    try {
+        const platform::Path where = batches_.setAside(id);
+        events_.setAside(id, message, where);
+    } catch (const platform::SystemError& error) {
+        unusable_.insert(id);
+        events_.notSetAside(id, message, error.description());
+    }
+}
+
+void OutboxQueue::save(Job& job) {
+    note([this, &job] {
+        job.state.save();
+        isTroubleTold_ = false;
+    });
+}
+
+void OutboxQueue::saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file) {
+    note([&] {
+        job.state.saveFile(phone, file);
+        isTroubleTold_ = false;
+    });
+}
+
+void OutboxQueue::note(const std::function<void()>& write) {
+    try {
+        write();
+    } catch (const platform::SystemError& error) {
+        if (!std::exchange(isTroubleTold_, true)) {
+            events_.notSaved(error.description());
+        }
+    }
+}
+
+void OutboxQueue::saveWhatIsBehind() {
+    for (const auto& [id, job] : jobs_) {
+        if (job->state.isBehind()) {
+            save(*job);
+        } else {
+            note([&state = job->state] { state.flush(); }); // before the ids of what was sent go
+        }
+    }
+}
+
+bool OutboxQueue::retry(const std::string& id) {
+    if (Job* const job = find(id)) {
+        job->startOver();
+        save(*job);
+        return true;
+    }
+    if (unusable_.erase(id) > 0) {
+        return true; // the next look tries to take it in
+    }
+    const std::vector<std::string> setAside = batches_.setAsideIds();
+    if (!std::binary_search(setAside.begin(), setAside.end(), id)) {
+        return false;
+    }
+    store_.bringBack(id);
+    return true;
+}
+
+std::optional<std::string> OutboxQueue::discard(const std::string& id) {
+    const Job& job = *find(id);
+    const bool isThere = !job.hasVanished && !batches_.isGone(id);
+    OutboxState state = job.state;
+    jobs_.erase(id);
+    try {
+        if (isThere) {
+            batches_.remove(id);
+        }
+        state.remove();
+        return std::nullopt;
+    } catch (const platform::SystemError& error) {
+        std::string problem = "it cannot be removed: " + error.description();
+        leaveBehind(id, isThere, problem);
+        return problem;
+    }
+}
+
+void OutboxQueue::log(platform::LogLevel level, const std::string& text) const noexcept {
+    home_.system.log.write(level, "com.tarvinex.orlinth", "outbox", text);
+}
+
+} // namespace orlinth::host

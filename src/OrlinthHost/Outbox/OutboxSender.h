@@ -1,0 +1,100 @@
+#pragma once
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Outbox/OutboxLookout.h"
+#include "OrlinthHost/Outbox/OutboxQueue.h"
+#include "platform/Condition.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orlinth::host {
+
+/// Sends what lies in the outbox: each batch to each of its phones, the phones side by side, and for one phone its
+/// batches in the order of their age and the files of a batch in the order of its manifest, several at once where that
+/// helps: as PhoneLanes has it. A connection that fails while there are others says
+/// little about the phone; its file goes back to its place.
+///
+/// What fails because the phone cannot be reached, or because the connection breaks, is tried again after growing
+/// pauses; and at once when there is reason to hope: the phone is heard of, its record changes, a new batch comes for
+/// it, somebody asks for it. What the phone declines, or what cannot be read, is not tried again, nor is a file whose
+/// delivery has ended in doubt as often as OffersInDoubt allows. A batch that every
+/// phone has is removed; one of which something is not sent for good, or that makes no sense, is set aside.
+///
+/// Everything here, and each send, runs on the thread of the runner, as the events and the receive service's callbacks
+/// do: so nothing is shared. A file costs a line in a file there, and every sixteenth a look at the next sixteen and a
+/// write that is flushed; both are short. The service's connections have threads of their own.
+class OutboxSender {
+public:
+    /// Seconds after the handshake without any progress, after which an attempt is given up. Somebody at the phone may
+    /// take two minutes to say yes.
+    static constexpr double silenceSeconds = 300;
+    /// Seconds that a pause has lasted, after which being heard of is not taken for an answer to our own push.
+    static constexpr double echoSeconds = 60;
+    /// Seconds between two events of progress.
+    static constexpr double progressSeconds = 0.5;
+
+    /// Seconds from the n-th failure in a row, counted from 1, to the next attempt.
+    [[nodiscard]] static double pauseAfter(int failures) noexcept;
+
+    /// What is referred to outlives this.
+    OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events);
+    ~OutboxSender();
+    OutboxSender(const OutboxSender&) = delete;
+    OutboxSender& operator=(const OutboxSender&) = delete;
+
+    /// From now on. Once.
+    void start();
+    /// This phone has just proved its key.
+    void heardOf(const PeerRecord& record);
+    /// The peer store may have changed.
+    void peersChanged();
+    /// Answers `{"request":"outbox_retry"}`, with `"batch"` or without, and `{"request":"outbox_drop","batch":"…"}`,
+    /// the latter once nothing is left of the batch: `{"found":true}`, or false if there is no such batch; of one that
+    /// could not be removed `{"error":"…"}`. Anything else gets null.
+    [[nodiscard]] Task<Json> answer(Json request);
+    /// Ends what is under way, so that it can be resumed. The last call; start() need not have been called.
+    [[nodiscard]] Task<> finish();
+
+private:
+    struct Attempt;
+    struct Phone;
+    using Job = OutboxQueue::Job;
+
+    void look();
+    [[nodiscard]] Phone& phoneOf(const std::string& key);
+    [[nodiscard]] bool isUsed(const std::string& id) const;
+    /// There is reason to try again now.
+    void hope(Phone& phone);
+    void tryNow(Phone& phone);
+    [[nodiscard]] bool mayBegin(const Phone& phone) const;
+    void startNext(Phone& phone);
+    /// The next file of the job for this phone, unless that fails for good, or has to wait.
+    void begin(Phone& phone, Job& job);
+    void launch(Phone& phone, Job& job, const std::string& file);
+    [[nodiscard]] Task<> transfer(Attempt& attempt);
+    void settle(Phone& phone, const Attempt& ended);
+    void settle(Phone& phone, Job& job, const Attempt& attempt);
+    void settleDoubt(Phone& phone, Job& job, const Attempt& attempt);
+    [[nodiscard]] static bool hasGotFurther(Phone& phone, const Attempt& attempt);
+    void settleFailure(Phone& phone, Job& job, const Attempt& attempt);
+    void pause(Phone& phone, const std::string& message);
+    [[nodiscard]] bool retry(const std::optional<std::string>& id);
+    [[nodiscard]] bool drop(const std::string& id);
+    void discard(const std::string& id);
+
+    Home& home_;
+    const platform::PrivateKey& ownKey_;
+    OutboxEvents& events_;
+    OutboxQueue queue_;
+    OutboxLookout lookout_;
+    std::map<std::string, std::unique_ptr<Phone>> phones_; ///< by key; none goes
+    std::map<std::string, std::string> left_;              ///< batches that could not be removed, and why
+    platform::Condition news_;                             ///< an attempt has been settled, or a batch is gone
+    bool isStopping_ = false;
+};
+
+} // namespace orlinth::host

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Outbox/OutboxBatches.h"
+#include "OrlinthHost/Outbox/OutboxState.h"
+
+#include <string>
+#include <vector>
+
+namespace orlinth::host {
+
+/// What lies in the outbox and what is remembered of it, as the files say: to look at, and to change while no service
+/// does. A service has it all in its OutboxQueue, and must be asked instead.
+///
+/// Threading: none of its own; blocks on the disk. Throws platform::SystemError unless it says otherwise.
+class OutboxStore {
+public:
+    /// `home` outlives this. Touches no file.
+    explicit OutboxStore(const Home& home);
+
+    /// A batch, with what has become of it.
+    struct Entry {
+        std::string id;
+        bool isSetAside = false;
+        OutboxBatches::Batch batch;
+        OutboxState state;
+        std::string problem; ///< why it cannot be read; "" if it can
+
+        /// Of a file of the batch, bytes; 0 if that cannot be found out.
+        [[nodiscard]] std::int64_t sizeOf(const platform::FileSystem& files, const std::string& name) const;
+    };
+
+    /// The complete ones, and those that were set aside; the oldest first.
+    [[nodiscard]] std::vector<Entry> all() const;
+    /// Those whose ids begin like this, in any letter case: each once, in the order of the selectors.
+    /// @throws HostError if there is none for a selector, or several
+    [[nodiscard]] std::vector<Entry> matching(const std::vector<std::string>& selectors) const;
+
+    /// What has failed for good is to be tried again; a batch that was set aside is brought back.
+    /// @throws OutboxError, PeerStoreError
+    void retry(const Entry& entry);
+    /// Removes the batch and what is remembered of it.
+    void drop(const Entry& entry);
+
+    /// Moves a batch that was set aside back into the outbox, to be tried as a whole: but for what its phones have. One
+    /// for which no phone was chosen, and whose phone is not paired any more, goes to the phone paired last.
+    /// @throws OutboxError, PeerStoreError
+    void bringBack(const std::string& id);
+
+    /// The phones that a batch is for, as phonesFor(manifest, book, …) says. @throws HostError, PeerStoreError,
+    /// OutboxError
+    [[nodiscard]] std::vector<OutboxState::Phone> phonesOf(const ShareOutbox::Manifest& manifest) const;
+    /// Where what is remembered of all batches lies, and of one.
+    [[nodiscard]] platform::Path memory() const;
+    [[nodiscard]] platform::Path memoryOf(const std::string& id) const { return memory() / id; }
+
+private:
+    [[nodiscard]] Entry look(const std::string& id, bool isSetAside) const;
+    void chooseAgain(const ShareOutbox::Manifest& manifest) const;
+
+    const Home& home_;
+    OutboxBatches batches_;
+};
+
+} // namespace orlinth::host

@@ -1,0 +1,31 @@
+#include "OrlinthHost/Phones/PairedPhones.h"
+
+#include "OrlinthHost/Phones/RemovedPeers.h"
+#include "OrlinthHost/Phones/SharedPeers.h"
+
+namespace orlinth::host {
+
+PeerStore::Recorded PairedPhones::record(const PeerRecord& wanted) {
+    if (const auto key = platform::PublicKey::fromBase64(wanted.peer_pubkey)) {
+        RemovedPeers(home_.system.files, home_.dataDirectory()).forget(*key);
+    }
+    PeerStore::Recorded recorded = home_.peers().upsertUnderFreeName(wanted);
+    updateSharedPeers(home_);
+    return recorded;
+}
+
+std::optional<PeerRecord> PairedPhones::remove(const PeerRecord& phone, const platform::PublicKey& ownKey) {
+    const auto key = platform::PublicKey::fromBase64(phone.peer_pubkey);
+    if (key && *key != ownKey) {
+        RemovedPeers(home_.system.files, home_.dataDirectory()).add(*key);
+    }
+    PeerStore peers = home_.peers();
+    std::optional<PeerRecord> removed =
+        peers.removeFirst([&phone](const PeerRecord& record) { return record.peer_pubkey == phone.peer_pubkey; });
+    if (removed) {
+        updateSharedPeers(home_);
+    }
+    return removed;
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,43 @@
+#include "OrlinthHost/Phones/SharedPeers.h"
+
+#include "OrlinthCore/Share/ShareOutbox.h"
+#include "OrlinthHost/HumanText.h"
+#include "platform/WholeFile.h"
+
+namespace orlinth::host {
+
+namespace {
+
+/// Two phones of one model often have one name; where a phone is, and since when it is paired, tells them apart.
+std::string subtitleOf(const PeerRecord& record) {
+    constexpr std::size_t dateCharacters = 10;
+    if (record.paired_at_epoch_ms <= 0) {
+        return record.peer_ip;
+    }
+    return record.peer_ip + " · paired " + humanTime(record.paired_at_epoch_ms).substr(0, dateCharacters);
+}
+
+} // namespace
+
+void updateSharedPeers(const Home& home) noexcept {
+    try {
+        const ShareOutbox outbox(home.system.files, home.system.directories);
+        const std::optional<platform::Path> file = outbox.peersFileURL();
+        if (!file) {
+            return;
+        }
+        // from before the reading: of two processes the one that writes last has then also read last
+        const platform::FileLock lock(home.system.files, *file);
+        std::vector<ShareOutbox::SharePeer> peers;
+        for (const PeerRecord& record : home.peers().loadBook().peers) {
+            peers.push_back(
+                {.hostname = record.peer_hostname, .pubkey = record.peer_pubkey, .subtitle = subtitleOf(record)});
+        }
+        outbox.writePeers(peers);
+    } catch (const std::exception& error) {
+        home.system.log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "share",
+                              "cannot update the share sheet's list of phones: " + describe(error));
+    }
+}
+
+} // namespace orlinth::host

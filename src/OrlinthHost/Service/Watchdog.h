@@ -1,0 +1,67 @@
+#pragma once
+
+#include "OrlinthCore/Receiving/ReceivingLimits.h"
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/LineLimit.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+namespace orlinth::host {
+
+/// Notices threads that hang: a worker thread, or that of `main`, that has done one thing for limits::lateSeconds is
+/// reported, once. While one has done so for half of the interval of the service manager, that does not hear that the
+/// service is alive. Works on a thread of its own.
+class Watchdog {
+public:
+    /// Seconds between two looks.
+    static constexpr double lookSeconds = 0.5;
+
+    /// Whom it calls, on its own thread: that of `main` may be the one that hangs.
+    struct Callbacks {
+        std::function<void(const platform::LateQueue& thread)> onLate;
+        /// So many more were late that onLate was not called for, a few a minute being enough.
+        std::function<void(std::int64_t count)> onMoreLate;
+        std::function<void()> onAlive;
+    };
+
+    /// `interval` is how often the service manager wants to hear from us, in seconds; onAlive is called several times
+    /// as often. Nothing: it does not want to. `home` outlives this.
+    Watchdog(Home& home, std::optional<double> interval, Callbacks callbacks);
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+    /// Once, on any thread.
+    void start();
+    /// Returns when it does nothing any more. The last call.
+    [[nodiscard]] Task<> finish();
+
+private:
+    /// Whether the thread of `main` answers; shared with the question that is on its way there.
+    struct MainThread {
+        std::atomic<bool> isAsked = false;
+    };
+
+    void look();
+    [[nodiscard]] std::vector<platform::LateQueue> lateThreads();
+    [[nodiscard]] static Task<> end(Watchdog& self);
+
+    Home& home_;
+    const std::optional<double> interval_;
+    const Callbacks callbacks_;
+    const Executor queue_; ///< all that follows is touched there
+    std::unique_ptr<platform::Timer> timer_;
+    std::optional<LineLimit> lines_; ///< until the end
+    std::shared_ptr<MainThread> main_ = std::make_shared<MainThread>();
+    platform::Clock::Instant mainAskedAt_{0};
+    platform::Clock::Instant lookedAt_{0};
+    std::set<std::size_t> told_; ///< the threads that were late at the last look; `main` is 0
+    std::optional<platform::Clock::Instant> toldAliveAt_;
+};
+
+} // namespace orlinth::host

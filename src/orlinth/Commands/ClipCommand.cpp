@@ -1,0 +1,243 @@
+#include "OrlinthCore/Sending/ClipboardSender.h"
+#include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Sending/HandshakeLimit.h"
+#include "OrlinthHost/Sending/PhoneKeepAlive.h"
+#include "OrlinthHost/Sending/PushService.h"
+#include "base/Text.h"
+#include "orlinth/Commands/Command.h"
+#include "orlinth/Commands/TextSource.h"
+#include "orlinth/Reporting/Hints.h"
+#include "platform/Cancelled.h"
+
+#include <algorithm>
+
+namespace orlinth::cli {
+
+namespace {
+
+/// The times of a one-off message, in seconds.
+struct ClipTimes {
+    double warm = 5;
+    double wake = 10;
+    double answer = 10;
+};
+
+/// What the core says on the way, and the limits of time that it does not set itself.
+class ClipReporter {
+public:
+    ClipReporter(Host& host, std::string to, std::size_t textBytes, double answerTimeout)
+        : output_(host.output),
+          handshake_(host.system.clock, host.executor, [&tasks = host.tasks] { tasks.cancel(); }),
+          step_(host.system.clock, host.executor, [&tasks = host.tasks] { tasks.cancel(); }),
+          to_(std::move(to)),
+          textBytes_(textBytes),
+          answerTimeout_(answerTimeout) {}
+
+    /// Puts the hooks in; this object outlives the request.
+    void watch(OneOffRequest& request) {
+        request.onConnected = [this] { handshake_.begin(); };
+        request.onWaking = [this] { output_.message("waking " + to_); };
+        request.onHandshakeComplete = [this] {
+            handshake_.end();
+            limitStep(secondsToSend());
+        };
+        request.onSent = [this] {
+            sent_ = true;
+            limitStep(answerTimeout_);
+        };
+    }
+
+    void tellComplete() {
+        step_.end();
+        output_.event("complete", context());
+        output_.result("sent " + host::humanSize(static_cast<std::int64_t>(textBytes_)) + " of text to " +
+                       forDisplay(to_));
+        if (!sent_) {
+            output_.message(to_ + " broke the connection off before it had the whole text; it may not have arrived.");
+        }
+    }
+
+    /// Silence after the message is a delivery: nobody promises an answer.
+    /// Returns whether that is what has happened; tells the outcome then.
+    bool tellIfOnlyTheAnswerIsMissing(const std::exception& error) {
+        const bool delivered = sent_ && step_.hasExpired() && platform::isCancellation(error);
+        if (delivered) {
+            tellComplete();
+            output_.message(to_ + " has neither answered nor closed the connection.");
+        }
+        return delivered;
+    }
+
+    /// The error that a limit of time stands for, or else the one that came.
+    void tellFailure(const std::exception& error, const std::string& where) {
+        const bool cancelled = platform::isCancellation(error);
+        if (cancelled && handshake_.hasExpired()) {
+            const auto late = SendError::noiseHandshakeFailed(host::HandshakeLimit::text());
+            tellFailure(late.description(), hintForSending(late, where));
+        } else if (cancelled && step_.hasExpired()) {
+            const auto late =
+                SendError::network("the phone did not take the text in " + host::humanDuration(secondsToSend()));
+            tellFailure(late.description(), "");
+        } else {
+            tellFailure(describe(error), hintForSending(error, where));
+        }
+    }
+
+    void tellFailure(const std::string& text, const std::string& hint) {
+        const std::string what = "The text was not sent to " + to_ + ".";
+        output_.failure(text, hint.empty() ? what : what + " " + hint, context());
+    }
+
+    void tellInterrupted(const Interrupted& interrupted) {
+        if (sent_) {
+            output_.failure(interrupted.description(), "The text had been sent by then.", context());
+        } else {
+            tellFailure(interrupted.description(), "");
+        }
+    }
+
+private:
+    void limitStep(double seconds) {
+        if (answerTimeout_ > 0) {
+            step_.begin(seconds);
+        }
+    }
+
+    /// A phone that takes less than this does not take anything.
+    static constexpr double slowestBytesPerSecond = 250'000;
+
+    [[nodiscard]] double secondsToSend() const {
+        return answerTimeout_ + static_cast<double>(textBytes_) / slowestBytesPerSecond;
+    }
+    [[nodiscard]] Json context() const { return {{"to", to_}}; }
+
+    Output& output_;
+    host::HandshakeLimit handshake_;
+    host::TimeLimit step_; ///< of sending, then of the answer
+    std::string to_;
+    std::size_t textBytes_;
+    double answerTimeout_;
+    bool sent_ = false;
+};
+
+/// All three outlive the task, which is run where they are.
+Task<bool> deliver(platform::System& system, const std::string& text, const std::string& mime, OneOffRequest request) {
+    co_await sendClipboard(system, text, mime, std::move(request));
+    co_return true;
+}
+
+/// What stands there may be a secret; the error does not repeat it.
+CLI::Validator onlyDash() {
+    const auto check = [](std::string& text) -> std::string {
+        return text == "-" ? "" : "only '-', for standard input, may stand here; a text goes with --text";
+    };
+    return {check, ""};
+}
+
+CLI::Validator mimeValidator() {
+    const auto check = [](std::string& text) -> std::string {
+        const auto isOdd = [](char c) { return c <= ' ' || c > '~'; };
+        const bool valid = text.find('/') != std::string::npos && std::none_of(text.begin(), text.end(), isOdd);
+        return valid ? "" : "'" + text + "' is not a MIME type, as text/plain is one";
+    };
+    return {check, ""};
+}
+
+class ClipCommand final : public Command {
+public:
+    explicit ClipCommand(CLI::App& program)
+        : Command(
+              program.add_subcommand("clip", "Send a text to a phone's clipboard: the desktop's own, or another.")) {
+        parser()
+            .add_option("--to", selector_,
+                        "Which phone: its name, or the beginning of its name or key, in any letter case. "
+                        "Default: the phone paired last.")
+            ->type_name("SELECTOR")
+            ->check(notEmpty())
+            ->take_last()
+            ->configurable(false);
+        CLI::Option* text =
+            addText(
+                "--text", text_, "TEXT",
+                "What to send. Other users of this computer can see it while the program runs: for a secret, use -.")
+                ->configurable(false);
+        parser()
+            .add_option("INPUT", source_,
+                        "\"-\": send what standard input holds, as it is. Default: what is on the desktop's clipboard.")
+            ->type_name("")
+            ->check(onlyDash())
+            ->excludes(text)
+            ->configurable(false);
+        addText("--mime", mime_, "TYPE", "What the text is.")->check(mimeValidator())->capture_default_str();
+        addSeconds("--warm-timeout", times_.warm, "How long the first attempt to connect may take; 0: no limit.");
+        addSeconds("--wake-timeout", times_.wake,
+                   "How long to keep trying after waking the phone; 0: try once, without a limit.");
+        addSeconds(
+            "--timeout", times_.answer,
+            "How long the phone may take to answer once the text is sent; silence counts as delivery. Sending may "
+            "take as long, and a second more for each 250 kB. 0: no limit.");
+        addJsonFlag("Print events as JSON, one object a line.");
+        addQuietFlag("No messages but failures.");
+    }
+
+    int run(Host& host) override {
+        const platform::PrivateKey ownKey = host.staticKey();
+        const PeerRecord peer =
+            (selector_.empty() ? host::mostRecentPeer(host, ownKey.publicKey(), host::PeerUse::connection)
+                               : host::selectPeer(host, selector_, ownKey.publicKey(), host::PeerUse::connection))
+                .record;
+        const std::string where = host::nameAndAddress(peer);
+        const std::string text = chooseText(host);
+        ClipReporter reporter(host, peer.peer_hostname, text.size(), times_.answer);
+        OneOffRequest request{.peer = peer,
+                              .staticKey = ownKey,
+                              .warmConnectTimeout = times_.warm,
+                              .postWakeConnectTimeout = times_.wake,
+                              .fcmBaseURL = host::pushServiceURL()};
+        if (times_.answer <= 0) { // else the limits of the steps are stricter, and say more
+            request.keepAlive = host::phoneKeepAlive;
+        }
+        reporter.watch(request);
+        try {
+            static_cast<void>(host.tasks.run(deliver(host.system, text, mime_, std::move(request))));
+        } catch (const Interrupted& interrupted) {
+            reporter.tellInterrupted(interrupted);
+            throw;
+        } catch (const std::exception& error) {
+            if (!reporter.tellIfOnlyTheAnswerIsMissing(error)) {
+                reporter.tellFailure(error, where);
+                return 1;
+            }
+            return 0;
+        }
+        reporter.tellComplete();
+        return 0;
+    }
+
+private:
+    [[nodiscard]] std::string chooseText(Host& host) const {
+        std::string text = text_;
+        if (!source_.empty()) {
+            text = textFromStandardInput();
+        } else if (text_.empty()) {
+            text = textFromClipboard(host);
+        }
+        requireText(text);
+        return text;
+    }
+
+    std::string selector_;
+    std::string text_;
+    std::string source_; ///< "-" or nothing
+    std::string mime_ = "text/plain";
+    ClipTimes times_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeClipCommand(CLI::App& program) {
+    return std::make_unique<ClipCommand>(program);
+}
+
+} // namespace orlinth::cli

@@ -1,0 +1,99 @@
+#include "orlinth/Commands/Command.h"
+
+#include "orlinth/Commands/SizeText.h"
+
+#include <charconv>
+#include <cmath>
+
+namespace orlinth::cli {
+
+namespace {
+
+template <typename Number>
+bool parses(const std::string& text, Number& number) {
+    const char* end = text.data() + text.size();
+    const auto [at, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && at == end;
+}
+
+CLI::Validator secondsValidator() {
+    const auto check = [](std::string& text) -> std::string {
+        double seconds = 0;
+        const bool valid =
+            parses(text, seconds) && std::isfinite(seconds) && seconds >= 0 && seconds <= double{maxSeconds};
+        return valid ? "" : "'" + text + "' is not a number of seconds from 0 to " + std::to_string(maxSeconds);
+    };
+    return {check, ""};
+}
+
+} // namespace
+
+CLI::Validator notEmpty() {
+    const auto check = [](std::string& text) -> std::string { return text.empty() ? "may not be empty" : ""; };
+    return {check, ""};
+}
+
+CLI::Validator portFrom(std::uint16_t lowest) {
+    const auto check = [lowest](std::string& text) -> std::string {
+        std::uint16_t port = 0;
+        const bool valid = parses(text, port) && port >= lowest;
+        return valid ? "" : "'" + text + "' is not a port from " + std::to_string(lowest) + " to 65535";
+    };
+    return {check, ""};
+}
+
+void Command::addJsonFlag(const char* what) {
+    parser_->add_flag("--json", json_, what);
+}
+
+void Command::addQuietFlag(const char* what) {
+    parser_->add_flag("-q,--quiet", quiet_, what);
+}
+
+CLI::Option* Command::addSeconds(const char* flag, double& seconds, const char* what) {
+    return parser_->add_option(flag, seconds, what)
+        ->type_name("SECONDS")
+        ->check(secondsValidator())
+        ->take_last()
+        ->capture_default_str();
+}
+
+void Command::addPhones(std::vector<std::string>& selectors) {
+    parser_
+        ->add_option("--to", selectors,
+                     "Which phone: its name, or the beginning of its name or key, in any letter case. "
+                     "May be given several times. Default: the phone paired last.")
+        ->type_name("SELECTOR")
+        ->allow_extra_args(false)
+        ->check(notEmpty())
+        ->configurable(false);
+}
+
+CLI::Option* Command::addSize(const char* flag, std::string& size, const char* standard, const char* what) {
+    const auto check = [](std::string& text) -> std::string {
+        return parseSize(text) ? "" : "'" + text + "' is not a size, such as 512M or 1.5G";
+    };
+    size = standard;
+    return parser_->add_option(flag, size, what)
+        ->type_name("SIZE")
+        ->check(CLI::Validator(check, ""))
+        ->take_last()
+        ->capture_default_str();
+}
+
+CLI::Option* Command::addText(const char* flag, std::string& text, const char* typeName, const char* what) {
+    return parser_->add_option(flag, text, what)->type_name(typeName)->check(notEmpty())->take_last();
+}
+
+void Command::addListenPublic(bool& listensPublicly) {
+    parser_->add_flag(
+        "--listen-public", listensPublicly,
+        "Also take connections from the internet. By default only those from this computer's own networks "
+        "and from private addresses are taken.");
+}
+
+CLI::Option* Command::addPort(const char* flag, std::uint16_t& port, std::uint16_t lowest, const char* what) {
+    return parser_->add_option(flag, port, what)->type_name("PORT")->check(portFrom(lowest))->take_last();
+}
+
+} // namespace orlinth::cli

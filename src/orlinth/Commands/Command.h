@@ -1,0 +1,77 @@
+#pragma once
+
+#include "orlinth/Program/Host.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace orlinth::cli {
+
+/// One command of the program: its flags, and what it does. Lives as long as the parser that it has registered with.
+class Command {
+public:
+    virtual ~Command() = default;
+    Command(const Command&) = delete;
+    Command& operator=(const Command&) = delete;
+
+    [[nodiscard]] bool wasChosen() const { return parser_->parsed(); }
+    [[nodiscard]] bool wantsJson() const noexcept { return json_; }
+    [[nodiscard]] bool wantsQuiet() const noexcept { return quiet_; }
+
+    /// Does it. Returns the exit status: 0 if everything that was asked for is done, else 1 with the failures told.
+    /// @throws anything that ends the command with one line on standard error and status 1
+    [[nodiscard]] virtual int run(Host& host) = 0;
+
+protected:
+    explicit Command(CLI::App* parser) : parser_(parser) {}
+
+    [[nodiscard]] CLI::App& parser() noexcept { return *parser_; }
+    void addJsonFlag(const char* what);
+    void addQuietFlag(const char* what);
+    /// A time in seconds, with decimals, zero or more.
+    CLI::Option* addSeconds(const char* flag, double& seconds, const char* what);
+    /// A size in bytes, as parseSize() takes it; shown as `standard` where nothing is given, which must be one.
+    CLI::Option* addSize(const char* flag, std::string& size, const char* standard, const char* what);
+    /// A text that may not be empty.
+    CLI::Option* addText(const char* flag, std::string& text, const char* typeName, const char* what);
+    /// `--to`, as often as wanted: selectors of phones. Not in the settings: whom something goes to is said each time.
+    void addPhones(std::vector<std::string>& selectors);
+    /// `--listen-public`.
+    void addListenPublic(bool& listensPublicly);
+    /// A TCP port, from `lowest` to 65535.
+    CLI::Option* addPort(const char* flag, std::uint16_t& port, std::uint16_t lowest, const char* what);
+
+private:
+    CLI::App* parser_;
+    bool json_ = false;
+    bool quiet_ = false;
+};
+
+/// Not more than a year: beyond that it is a slip of the finger, and "for ever" has its own value.
+inline constexpr std::int64_t maxSeconds = 366 * 24 * 3600;
+
+/// Where a computer receives, and pairs, unless told otherwise. Below the range from which Linux takes ports for
+/// outgoing connections, so that it is not in use by chance.
+inline constexpr std::uint16_t defaultPort = 28471;
+
+[[nodiscard]] CLI::Validator notEmpty();
+/// A decimal TCP port, `lowest` to 65535.
+[[nodiscard]] CLI::Validator portFrom(std::uint16_t lowest);
+
+[[nodiscard]] std::unique_ptr<Command> makeIdCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makePairCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeJoinCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makePeersCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeSendCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeReceiveCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeClipCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeWakeCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeServeCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeShareCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeOutboxCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makePartialsCommand(CLI::App& program);
+
+} // namespace orlinth::cli

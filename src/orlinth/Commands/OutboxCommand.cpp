@@ -1,0 +1,206 @@
+#include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Outbox/OutboxStore.h"
+#include "OrlinthHost/Service/ServiceControl.h"
+#include "base/Text.h"
+#include "orlinth/Commands/Command.h"
+#include "orlinth/Reporting/OutboxReporter.h"
+#include "platform/SystemError.h"
+
+#include <algorithm>
+
+namespace orlinth::cli {
+
+namespace {
+
+constexpr double millisecondsInSecond = 1000;
+
+using Entry = host::OutboxStore::Entry;
+
+class OutboxCommand final : public Command {
+public:
+    explicit OutboxCommand(CLI::App& program)
+        : Command(program.add_subcommand("outbox", "List what was shared and waits to be sent; retry or drop it.")) {
+        addJsonFlag("Print JSON, one object a line.");
+        addQuietFlag("No messages but failures.");
+        parser().require_subcommand(0, 1);
+        retry_ = parser().add_subcommand("retry", "Try again now, without waiting for the next time.");
+        retry_->fallthrough();
+        retry_
+            ->add_option(
+                "BATCH", selectors_,
+                "The beginning of a batch's id: then what has failed for good is tried again too, also if the "
+                "batch was set aside; one that was shared without naming a phone goes to the phone paired last, "
+                "if its own is not paired any more. Default: everything that waits.")
+            ->type_name("")
+            ->expected(0, 1)
+            ->check(notEmpty());
+        drop_ = parser().add_subcommand("drop", "Remove batches, and end what is under way of them.");
+        drop_->fallthrough();
+        drop_->add_option("BATCH", selectors_, "The beginning of a batch's id; several are all dropped.")
+            ->type_name("")
+            ->required()
+            ->check(notEmpty());
+    }
+
+    int run(Host& host) override {
+        host::OutboxStore store(host);
+        if (retry_->parsed()) {
+            return retry(host, store);
+        }
+        return drop_->parsed() ? drop(host, store) : list(host, store);
+    }
+
+private:
+    // Listing
+
+    static int list(Host& host, const host::OutboxStore& store) {
+        const std::vector<Entry> all = store.all();
+        for (const Entry& entry : all) {
+            tellEvent(host, entry);
+            tellLines(host, entry);
+        }
+        if (all.empty()) {
+            host.output.message("Nothing waits to be sent. `orlinth share FILE` shares a file.");
+        }
+        return 0;
+    }
+
+    static void tellEvent(Host& host, const Entry& entry) {
+        Json fields{{"batch", entry.id}, {"set_aside", entry.isSetAside}};
+        if (!entry.problem.empty()) {
+            fields["message"] = entry.problem;
+            host.output.event("batch", std::move(fields));
+            return;
+        }
+        const ShareOutbox::Manifest& manifest = entry.batch.manifest;
+        fields["created_at_epoch_ms"] = manifest.createdAtMs;
+        fields["age_seconds"] =
+            static_cast<double>(host.system.clock.epochMilliseconds() - manifest.createdAtMs) / millisecondsInSecond;
+        fields["files"] = Json::array();
+        for (const std::string& name : manifest.files) {
+            fields["files"].push_back({{"name", name}, {"size", entry.sizeOf(host.system.files, name)}});
+        }
+        fields["phones"] = Json::array();
+        for (const host::OutboxState::Phone& phone : entry.state.phones) {
+            Json item{{"to", phone.displayName()}, {"peer_pubkey", phone.pubkey}, {"done", phone.done}};
+            item["failed"] = Json::array();
+            for (const auto& [file, reason] : phone.failed) {
+                item["failed"].push_back({{"file", file}, {"message", reason}});
+            }
+            if (!phone.waiting.empty()) {
+                item["message"] = phone.waiting;
+            }
+            fields["phones"].push_back(std::move(item));
+        }
+        host.output.event("batch", std::move(fields));
+    }
+
+    static void tellLines(Host& host, const Entry& entry) {
+        const std::string aside = entry.isSetAside ? ", set aside" : "";
+        if (!entry.problem.empty()) {
+            host.output.result(shortId(entry.id) + aside + ": " + forDisplay(entry.problem));
+            return;
+        }
+        const ShareOutbox::Manifest& manifest = entry.batch.manifest;
+        std::int64_t bytes = 0;
+        for (const std::string& name : manifest.files) {
+            bytes += entry.sizeOf(host.system.files, name);
+        }
+        host.output.result(shortId(entry.id) + "  " + host::humanTime(manifest.createdAtMs) + "  " +
+                           host::countOfFiles(manifest.files.size()) + ", " + host::humanSize(bytes) + aside);
+        for (const host::OutboxState::Phone& phone : entry.state.phones) {
+            tellPhone(host, manifest, phone);
+        }
+        if (entry.state.phones.empty()) {
+            host.output.result("  no phone is paired");
+        }
+    }
+
+    static void tellPhone(Host& host, const ShareOutbox::Manifest& manifest, const host::OutboxState::Phone& phone) {
+        const std::size_t settled = phone.done.size() + phone.failed.size();
+        const std::size_t left = manifest.files.size() - std::min(settled, manifest.files.size());
+        std::string line = "  to " + forDisplay(phone.displayName()) + ": " + std::to_string(phone.done.size()) +
+                           " sent, " + std::to_string(left) + " waiting";
+        if (left > 0 && !phone.waiting.empty()) {
+            line += " (" + forDisplay(phone.waiting) + ")";
+        }
+        host.output.result(line);
+        for (const auto& [file, reason] : phone.failed) {
+            host.output.result("    " + forDisplay(file) + " not sent: " + forDisplay(reason));
+        }
+    }
+
+    // Changing
+
+    int retry(Host& host, host::OutboxStore& store) const {
+        const std::vector<Entry> meant = store.matching(selectors_);
+        Json request{{"request", "outbox_retry"}};
+        if (!meant.empty()) {
+            request["batch"] = meant.front().id;
+        }
+        const std::optional<Json> reply = host.tasks.run(host::askService(host, request));
+        if (!reply && !meant.empty()) {
+            store.retry(meant.front());
+        }
+        if (reply && !reply->value("found", false)) {
+            throw host::HostError("the batch is not there any more", "`orlinth outbox` lists the batches that are.");
+        }
+        Json fields{{"service_running", reply.has_value()}};
+        if (!meant.empty()) {
+            fields["batch"] = meant.front().id;
+        }
+        host.output.event("retry", std::move(fields));
+        if (meant.empty() && !isAnythingWaiting(store)) {
+            host.output.message("Nothing is waiting to be sent.");
+        } else {
+            host.output.message(reply ? "The service is trying again now."
+                                      : "The Orlinth service is not running. Files will be sent once it starts: "
+                                        "`systemctl --user start orlinth`");
+        }
+        return 0;
+    }
+
+    /// Whether there is a batch that the service sends by itself.
+    [[nodiscard]] static bool isAnythingWaiting(const host::OutboxStore& store) {
+        const std::vector<Entry> all = store.all();
+        return std::ranges::any_of(all, [](const Entry& entry) { return !entry.isSetAside; });
+    }
+
+    int drop(Host& host, host::OutboxStore& store) const {
+        for (const Entry& entry : store.matching(selectors_)) {
+            bool isGone = false;
+            if (!entry.isSetAside) {
+                const std::optional<Json> reply =
+                    host.tasks.run(host::askService(host, {{"request", "outbox_drop"}, {"batch", entry.id}}));
+                isGone = reply && reply->value("found", false);
+            }
+            if (!isGone) {
+                dropAlone(entry, store);
+            }
+            host.output.event("dropped", {{"batch", entry.id}});
+            host.output.result("dropped batch " + shortId(entry.id));
+        }
+        return 0;
+    }
+
+    static void dropAlone(const Entry& entry, host::OutboxStore& store) {
+        try {
+            store.drop(entry);
+        } catch (const platform::SystemError& error) {
+            throw host::HostError("cannot remove batch " + shortId(entry.id) + ": " + error.description(),
+                                  "It is in " + entry.batch.folder.string() + ".");
+        }
+    }
+
+    CLI::App* retry_ = nullptr;
+    CLI::App* drop_ = nullptr;
+    std::vector<std::string> selectors_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeOutboxCommand(CLI::App& program) {
+    return std::make_unique<OutboxCommand>(program);
+}
+
+} // namespace orlinth::cli

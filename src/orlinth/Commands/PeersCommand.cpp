@@ -1,0 +1,219 @@
+#include "OrlinthCore/Sending/ClipboardSender.h"
+#include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/PairedPhones.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/TimeLimit.h"
+#include "base/Text.h"
+#include "orlinth/Commands/Command.h"
+#include "orlinth/Commands/PairingRecord.h"
+
+#include <algorithm>
+#include <array>
+
+namespace orlinth::cli {
+
+namespace {
+
+/// How long a phone that is removed gets to hear of it, in seconds.
+constexpr double secondsToTell = 5;
+
+/// `system` outlives the task, which is run where it is made.
+Task<bool> sendUnpair(platform::System& system, OneOffRequest request) {
+    co_await sendOneOff(system, TransportMessage::unpair(), std::move(request));
+    co_return true;
+}
+
+/// What `peers add` was told.
+struct NewPeer {
+    std::string pubkey;
+    std::string ip;
+    std::uint16_t port = 0;
+    std::string name;
+    std::string fcmToken;
+};
+
+/// A host name or address has neither blanks nor control characters, whatever else it is.
+CLI::Validator addressValidator() {
+    const auto check = [](std::string& text) -> std::string {
+        const auto isOdd = [](unsigned char c) { return c <= ' ' || c == 0x7F; };
+        const bool valid = !text.empty() && std::none_of(text.begin(), text.end(), isOdd);
+        return valid ? "" : "'" + text + "' is not an address or a host name";
+    };
+    return {check, ""};
+}
+
+CLI::Validator keyValidator() {
+    const auto check = [](std::string& text) -> std::string {
+        return platform::PublicKey::fromBase64(text)
+                   ? ""
+                   : "'" + text + "' is not a public key: want 44 characters, the Base64 of 32 bytes";
+    };
+    return {check, ""};
+}
+
+CLI::Validator nameValidator() {
+    const auto check = [](std::string& text) -> std::string {
+        return trimmed(text).empty() || !isUtf8(text) ? "may be neither empty nor anything but UTF-8" : "";
+    };
+    return {check, ""};
+}
+
+class PeersCommand final : public Command {
+public:
+    explicit PeersCommand(CLI::App& program)
+        : Command(program.add_subcommand("peers", "List the paired phones, record one by hand, or forget one.")) {
+        addJsonFlag("Print JSON, one object a line; the push token is never printed.");
+        parser().require_subcommand(0, 1);
+        declareAdd();
+        declareRemove();
+    }
+
+    int run(Host& host) override {
+        if (add_->parsed()) {
+            return add(host);
+        }
+        return remove_->parsed() ? remove(host) : list(host);
+    }
+
+private:
+    void declareAdd() {
+        add_ = parser().add_subcommand("add", "Record a phone by hand, in place of what was known of it.");
+        add_->fallthrough();
+        add_->add_option("--pubkey", peer_.pubkey, "The phone's public key: Base64 of 32 bytes, 44 characters.")
+            ->type_name("KEY")
+            ->check(keyValidator())
+            ->required();
+        add_->add_option("--ip", peer_.ip, "The address, or host name, at which it receives.")
+            ->type_name("ADDRESS")
+            ->check(addressValidator())
+            ->required();
+        add_->add_option("--port", peer_.port, "The TCP port on which it receives, 1 to 65535.")
+            ->type_name("PORT")
+            ->check(portFrom(1))
+            ->required();
+        add_->add_option("--name", peer_.name, "What to call it; selectors match this.")
+            ->type_name("NAME")
+            ->check(nameValidator())
+            ->required();
+        add_->add_option("--fcm-token", peer_.fcmToken, "Its push token, for waking it. Default: none.")
+            ->type_name("TOKEN");
+    }
+
+    void declareRemove() {
+        remove_ = parser().add_subcommand("remove", "Forget a phone, and tell it so.");
+        remove_->fallthrough();
+        remove_
+            ->add_option("SELECTOR", selector_,
+                         "Its name, the beginning of its name, or the beginning of its key, in any letter case.")
+            ->type_name("")
+            ->check(notEmpty())
+            ->required();
+    }
+
+    int list(Host& host) {
+        const PeerBook book = host.peers().loadBook();
+        for (const PeerRecord& record : book.peers) {
+            host.output.event("peer", host::publicFields(record));
+        }
+        if (book.peers.empty()) {
+            host.output.message("No phone is paired yet. `orlinth pair` pairs one.");
+        } else {
+            printTable(host.output, book);
+        }
+        return 0;
+    }
+
+    static void printTable(Output& output, const PeerBook& book) {
+        using Row = std::array<std::string, 4>;
+        std::vector<Row> rows{{"NAME", "ADDRESS", "KEY", "PAIRED"}};
+        for (const PeerRecord& record : book.peers) {
+            rows.push_back({forDisplay(record.peer_hostname), forDisplay(host::addressOf(record)),
+                            host::shortKey(record.peer_pubkey), host::humanTime(record.paired_at_epoch_ms)});
+        }
+        std::array<std::size_t, 4> widths{};
+        for (const Row& row : rows) {
+            for (std::size_t i = 0; i < row.size(); ++i) {
+                widths.at(i) = std::max(widths.at(i), columnsOf(row.at(i)));
+            }
+        }
+        for (const Row& row : rows) {
+            output.result(host::padded(row[0], widths[0]) + "  " + host::padded(row[1], widths[1]) + "  " +
+                          host::padded(row[2], widths[2]) + "  " + row[3]);
+        }
+    }
+
+    int add(Host& host) {
+        const platform::PrivateKey ownKey = host.staticKey();
+        PeerRecord record;
+        record.peer_pubkey = peer_.pubkey;
+        record.peer_ip = peer_.ip;
+        record.peer_port = peer_.port;
+        record.peer_hostname = peer_.name;
+        record.paired_at_epoch_ms = host.system.clock.epochMilliseconds();
+        record.self_pubkey = ownKey.publicKey().base64();
+        record.peer_fcm_token = peer_.fcmToken;
+        if (record.peer_pubkey == record.self_pubkey) {
+            throw host::HostError("this is the computer's own key",
+                                  "The phone's key is what `orlinth id` shows there.");
+        }
+        recordByHand(host, record);
+        return 0;
+    }
+
+    int remove(Host& host) {
+        const platform::PrivateKey ownKey = host.staticKey();
+        const PeerRecord chosen = host::resolvePeer(host, selector_);
+        const std::optional<PeerRecord> removed = host::PairedPhones(host).remove(chosen, ownKey.publicKey());
+        if (!removed) { // another process was quicker
+            throw host::HostError("no paired phone matches '" + selector_ + "'",
+                                  "`orlinth peers` lists the paired phones.");
+        }
+        Json fields;
+        fields["peer"] = host::publicFields(*removed);
+        host.output.event("removed", std::move(fields));
+        host.output.result("forgot " + forDisplay(removed->peer_hostname));
+        tellPhone(host, ownKey, *removed);
+        return 0;
+    }
+
+    /// Best effort: if it cannot be told now, the service tells it when it comes.
+    static void tellPhone(Host& host, const platform::PrivateKey& ownKey, const PeerRecord& record) {
+        const std::string name = forDisplay(record.peer_hostname);
+        host::TimeLimit limit(host.system.clock, host.executor, [&tasks = host.tasks] { tasks.cancel(); });
+        bool wasTold = false;
+        std::string reason;
+        try {
+            OneOffRequest request{.peer = host::checkPeer(record, ownKey.publicKey(), host::PeerUse::connection).record,
+                                  .staticKey = ownKey,
+                                  .warmConnectTimeout = secondsToTell,
+                                  .postWakeConnectTimeout = secondsToTell,
+                                  .onSent = [&wasTold] { wasTold = true; }};
+            request.peer.peer_fcm_token.clear(); // nobody is woken for this
+            limit.begin(secondsToTell);
+            static_cast<void>(host.tasks.run(sendUnpair(host.system, std::move(request))));
+        } catch (const Interrupted&) {
+            throw;
+        } catch (const std::exception& error) {
+            reason = limit.hasExpired() ? "it did not answer" : describe(error);
+        }
+        if (wasTold) {
+            host.output.message(name + " was told.");
+        } else {
+            host.output.message(name + " could not be told now" + (reason.empty() ? "" : " (" + reason + ")") +
+                                "; it is told when it connects to `orlinth serve`.");
+        }
+    }
+
+    CLI::App* add_ = nullptr;
+    CLI::App* remove_ = nullptr;
+    NewPeer peer_;
+    std::string selector_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makePeersCommand(CLI::App& program) {
+    return std::make_unique<PeersCommand>(program);
+}
+
+} // namespace orlinth::cli

@@ -1,0 +1,81 @@
+#include "orlinth/Program/ClipboardWriter.h"
+
+#include "OrlinthCore/Receiving/PasteboardWriter.h"
+#include "OrlinthCore/Receiving/ReceivingLimits.h"
+
+#include <asio/post.hpp>
+
+#include <utility>
+
+namespace orlinth::cli {
+
+ClipboardWriter::ClipboardWriter(Host& host)
+    : host_(host), chores_(host.system.network, "orlinth.serve.clipboard"), log_(host) {}
+
+void ClipboardWriter::write(std::string text) {
+    const MutexLock guard(lock_);
+    const bool isAwaited = newest_.has_value();
+    newest_ = std::move(text);
+    if (!isAwaited) {
+        chores_.add([this] { writeNewest(); });
+    }
+}
+
+void ClipboardWriter::writeNewest() {
+    std::optional<std::string> text;
+    {
+        const MutexLock guard(lock_);
+        text = std::exchange(newest_, std::nullopt);
+    }
+    const platform::System& system = host_.system;
+    platform::System desktop{.network = system.network,
+                             .clock = system.clock,
+                             .files = system.files,
+                             .mimeTypes = system.mimeTypes,
+                             .log = log_,
+                             .https = system.https,
+                             .clipboard = system.clipboard,
+                             .interfaces = system.interfaces,
+                             .services = system.services,
+                             .local = system.local,
+                             .notifications = system.notifications,
+                             .signals = system.signals,
+                             .folders = system.folders,
+                             .directories = system.directories,
+                             .mainQueue = chores_.queue()};
+    PasteboardWriter::write(desktop, std::move(*text)); // next on this queue
+}
+
+Task<> ClipboardWriter::finish() {
+    co_await chores_.finish(); // then the last text is on its way
+    co_await chores_.finish();
+    log_.finish();
+}
+
+ClipboardWriter::ClipboardLog::ClipboardLog(Host& host)
+    : host_(host),
+      lines_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers, [&host](std::int64_t untold) {
+          const std::string text = "the clipboard could not be written " + std::to_string(untold) +
+                                   (untold == 1 ? " more time" : " more times");
+          host.system.log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "pasteboard", text);
+          host.output.message(text);
+      }) {}
+
+void ClipboardWriter::ClipboardLog::write(platform::LogLevel level, std::string_view subsystem,
+                                          std::string_view category, std::string_view message) noexcept {
+    try {
+        // ClipboardWriter::finish() comes behind it
+        asio::post(host_.tasks.executor(), [this, level, subsystem = std::string(subsystem),
+                                            category = std::string(category), text = std::string(message)] {
+            if (lines_.admits()) {
+                host_.system.log.write(level, subsystem, category, text);
+                host_.output.message(text);
+            }
+        });
+    } catch (...) {
+        // Only memory can run out here.
+        host_.system.log.write(level, subsystem, category, message);
+    }
+}
+
+} // namespace orlinth::cli

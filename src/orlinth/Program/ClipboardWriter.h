@@ -1,0 +1,55 @@
+#pragma once
+
+#include "OrlinthHost/Chores.h"
+#include "OrlinthHost/LineLimit.h"
+#include "base/Mutex.h"
+#include "orlinth/Program/Host.h"
+#include "platform/Log.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orlinth::cli {
+
+/// Puts the texts that come onto the desktop's clipboard, one after the other, on a thread of its own: its programs may
+/// take seconds. Of the texts that come meanwhile only the newest waits; it would replace the others anyway.
+class ClipboardWriter {
+public:
+    /// `host` outlives this.
+    explicit ClipboardWriter(Host& host);
+    ClipboardWriter(const ClipboardWriter&) = delete;
+    ClipboardWriter& operator=(const ClipboardWriter&) = delete;
+
+    /// Returns at once. Any thread.
+    void write(std::string text);
+    /// Waits until the newest text is written. Nothing is added meanwhile.
+    [[nodiscard]] Task<> finish();
+
+private:
+    /// The log of those who write the clipboard; its errors are told as messages too. What a phone has sent can fail as
+    /// often as it likes, so that both are limited.
+    class ClipboardLog final : public platform::Log {
+    public:
+        explicit ClipboardLog(Host& host);
+        /// What is written gets there by way of the thread of `main`.
+        void write(platform::LogLevel level, std::string_view subsystem, std::string_view category,
+                   std::string_view message) noexcept override;
+        /// Tells of what was left out. On the thread of `main`, behind everything that was written.
+        void finish() { lines_.finish(); }
+
+    private:
+        Host& host_;
+        host::LineLimit lines_; ///< on the thread of `main`
+    };
+
+    void writeNewest();
+
+    Host& host_;
+    host::Chores chores_;
+    ClipboardLog log_;
+    Mutex lock_;
+    std::optional<std::string> newest_ ORLINTH_GUARDED_BY(lock_);
+};
+
+} // namespace orlinth::cli

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "OrlinthHost/Home.h"
+#include "orlinth/Program/TaskRunner.h"
+#include "orlinth/Reporting/Output.h"
+
+namespace orlinth::cli {
+
+/// What a command works with: the home, whose executor is that of the tasks, and what makes it a program. Everything
+/// referred to outlives the command.
+struct Host : host::Home {
+    Host(platform::System& systemOf, TaskRunner& tasksOf, Output& outputOf)
+        : Home{systemOf, tasksOf.executor()}, tasks(tasksOf), output(outputOf) {}
+
+    TaskRunner& tasks;
+    Output& output;
+};
+
+} // namespace orlinth::cli

@@ -1,0 +1,226 @@
+#include "orlinth/Reporting/Hints.h"
+
+#include "OrlinthCore/Peers/PeerRecord.h"
+#include "OrlinthCore/Receiving/ReceiveError.h"
+#include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "OrlinthCore/SecureChannel/WireConnection.h"
+#include "OrlinthCore/Sending/FcmWake.h"
+#include "OrlinthCore/Sending/SendError.h"
+#include "OrlinthHost/Sending/Delivery.h"
+#include "base/Text.h"
+#include "orlinth/Reporting/Output.h"
+
+namespace orlinth::cli {
+
+namespace {
+
+/// Behind a deadline there may be a more exact reason.
+SendError::Reason reasonBehind(const SendError& error) {
+    if (error.reason() == SendError::Reason::timedOut && error.cause()) {
+        try {
+            std::rethrow_exception(error.cause());
+        } catch (const SendError& cause) {
+            return cause.reason();
+        } catch (const std::exception&) {
+            return error.reason();
+        }
+    }
+    return error.reason();
+}
+
+std::string hintForNetwork(const SendError& error, const std::string& where) {
+    switch (reasonBehind(error)) {
+    case SendError::Reason::pushFailed:
+        return where + " seems to sleep, and could not be woken. " + hintForPush(error.cause());
+    case SendError::Reason::timedOut:
+    case SendError::Reason::refused:
+    case SendError::Reason::hostUnreachable:
+        return "Is " + where + " awake, on this network, and ready to receive?";
+    case SendError::Reason::networkUnreachable:
+        return "Is this computer on the same network as " + where + "?";
+    case SendError::Reason::unknownName:
+    case SendError::Reason::other:
+        break;
+    }
+    return "The address in use is that of " + where + "; `orlinth peers` lists what is recorded.";
+}
+
+std::string hintForPeerStore(const PeerStoreError& error, const PeerStore& store) {
+    const std::string file = store.fileURL().string();
+    switch (error.which()) {
+    case PeerStoreError::Case::decode:
+        return "The list of paired phones, " + file +
+               ", is damaged. Restore it from a backup, or move it away and pair your phones again.";
+    case PeerStoreError::Case::read:
+        return "The list of paired phones is " + file + ". Make it readable for this account.";
+    case PeerStoreError::Case::write:
+        return "The list of paired phones is " + file + ". Make it and its folder writable for this account.";
+    case PeerStoreError::Case::directoryCreate:
+        return "The list of paired phones belongs in " + store.directoryURL().string() +
+               ". Make the folder above it writable for this account.";
+    }
+    return {};
+}
+
+std::string hintForKey(const KeyVault::Error& error, const KeyVault& vault) {
+    const std::string file = vault.fileURL().string();
+    switch (error.which()) {
+    case KeyVault::Error::Case::malformedKeyMaterial:
+        return "This computer's key, " + file +
+               ", is damaged. Restore it from a backup, or delete it and pair every phone again.";
+    case KeyVault::Error::Case::read:
+        return "This computer's key is " + file + ". Make it readable for this account.";
+    case KeyVault::Error::Case::write:
+        return "This computer's key belongs in " + file + ". Make its folder writable for this account.";
+    case KeyVault::Error::Case::createDirectory:
+        return "This computer's key belongs in " + vault.directoryURL().string() +
+               ". Make the folder above it writable for this account.";
+    }
+    return {};
+}
+
+} // namespace
+
+std::string hintForPush(const std::exception_ptr& error) {
+    using Case = FcmWake::Error::Case;
+    constexpr const char* fallback = "Is this computer on the internet? The push goes through the push service.";
+    try {
+        if (error) {
+            std::rethrow_exception(error);
+        }
+        return fallback;
+    } catch (const FcmWake::Error& failure) {
+        switch (failure.which()) {
+        case Case::serviceAccountMissing:
+            return "The key file of your push project belongs at " + failure.detail() +
+                   ". To get one: Firebase console, Project settings, Service accounts, Generate new private key; "
+                   "docs/wake.md goes through it step by step.";
+        case Case::serviceAccountMalformed:
+        case Case::privateKeyImport:
+        case Case::sign:
+            return "The key file of the push project is damaged, or it is another kind of file: docs/wake.md tells how "
+                   "to get a new one.";
+        case Case::oauthHTTP:
+            return "The push project does not accept the key file. It may have been revoked, or this computer's clock "
+                   "is wrong: docs/wake.md.";
+        case Case::fcmHTTP:
+            return failure.status() == 404 || failure.status() == 400
+                       ? "The phone's push token is no longer valid, or belongs to another push project. Pair the "
+                         "phone again."
+                       : "The push service refuses to send: docs/wake.md lists the reasons.";
+        case Case::transport:
+            break;
+        }
+        return fallback;
+    } catch (const std::exception&) {
+        return fallback;
+    }
+}
+
+std::string hintForSending(const std::exception& error, const std::string& where) {
+    if (const auto* host = dynamic_cast<const host::HostError*>(&error)) {
+        return host->hint();
+    }
+    if (dynamic_cast<const WireConnection::Error*>(&error) != nullptr) {
+        return "The connection to " + where + " broke. Send the file again: it goes on where it stopped.";
+    }
+    if (dynamic_cast<const host::DeliveryInDoubt*>(&error) != nullptr) {
+        return "Look for it on " + where + ", or send it again.";
+    }
+    const auto* frame = dynamic_cast<const TransportFramer::Error*>(&error);
+    if (frame != nullptr && frame->which() == TransportFramer::Error::Case::plaintextTooLarge) {
+        return "A text of that size goes as a file: `orlinth send`.";
+    }
+    const auto* send = dynamic_cast<const SendError*>(&error);
+    if (send == nullptr) {
+        return {};
+    }
+    switch (send->which()) {
+    case SendError::Case::network:
+        return hintForNetwork(*send, where);
+    case SendError::Case::noiseHandshakeFailed:
+        return "What answers for " + where + " is not ready, or it does not know this computer. Is the app open there?";
+    case SendError::Case::malformedResume:
+        if (send->detail().starts_with("accepted_offset out of range: ")) {
+            return where + " has more of this file than there is. Delete the file's \".partial\" and "
+                           "\".partial.meta.json\" there, and send it again.";
+        }
+        return {};
+    case SendError::Case::unauthorizedPeer:
+        return "What answers for " + where + " is not the phone that was paired. If it was set up anew, pair it again.";
+    default:
+        return {};
+    }
+}
+
+std::string hintForNotTaken(const std::string& where) {
+    return where +
+           " ended the connection before it took the file. It may no longer know this computer: if this computer "
+           "is not in its list, pair again.";
+}
+
+std::string hintForReceiving(const std::exception& error, const std::string& from, const platform::Path& folder) {
+    if (const auto* host = dynamic_cast<const host::HostError*>(&error)) {
+        return host->hint();
+    }
+    if (dynamic_cast<const WireConnection::Error*>(&error) != nullptr) {
+        return "The connection broke. What has arrived is kept: receive again, and " + from + " goes on from there.";
+    }
+    const auto* receive = dynamic_cast<const ReceiveError*>(&error);
+    if (receive == nullptr) {
+        return {};
+    }
+    switch (receive->which()) {
+    case ReceiveError::Case::timedOut:
+        return "Nobody connected in time. Is " + from + " on this network, and does it know this port?";
+    case ReceiveError::Case::unauthorizedPeer:
+        return "Whoever connected is not " + from + ". Nothing was received.";
+    case ReceiveError::Case::noiseHandshakeFailed:
+        return "Whoever connected did not complete the greeting. Nothing was received.";
+    case ReceiveError::Case::fileWriteFailed:
+        return "What has arrived is kept. Free some space in " + folder.string() +
+               ", or make it writable for this account; then receive again.";
+    default:
+        return {};
+    }
+}
+
+std::string hintForServing(const Host& host, const std::exception& error) {
+    if (const auto* own = dynamic_cast<const host::HostError*>(&error)) {
+        return own->hint();
+    }
+    return hintForOwnFiles(host, error);
+}
+
+std::string hintForOwnFiles(const Host& host, const std::exception& error) {
+    if (const auto* store = dynamic_cast<const PeerStoreError*>(&error)) {
+        return hintForPeerStore(*store, host.peers());
+    }
+    if (const auto* vault = dynamic_cast<const KeyVault::Error*>(&error)) {
+        return hintForKey(*vault, KeyVault(host.system.files, host.system.directories));
+    }
+    return {};
+}
+
+std::string hintForConnection(const Host& host, const Receiver::Failure& failure) {
+    if (failure.from.empty()) {
+        return "That was no paired phone, from " + failure.remoteEndpoint + ". Nothing was taken from it.";
+    }
+    const std::string who = "That was " + forDisplay(failure.from) + ", from " + failure.remoteEndpoint + ".";
+    try {
+        std::rethrow_exception(failure.error);
+    } catch (const PeerStoreError& error) {
+        return who + " " + hintForPeerStore(error, host.peers());
+    } catch (const ReceiveError& error) {
+        if (error.which() == ReceiveError::Case::fileWriteFailed) {
+            return who + " With room and permission in the folder it can send the file again.";
+        }
+        return who;
+    } catch (const WireConnection::Error&) {
+        return who + " What has arrived is kept: when it sends the file again, it goes on from there.";
+    } catch (...) {
+        return who;
+    }
+}
+
+} // namespace orlinth::cli

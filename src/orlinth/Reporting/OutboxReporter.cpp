@@ -1,0 +1,135 @@
+#include "orlinth/Reporting/OutboxReporter.h"
+
+#include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
+#include "base/Text.h"
+
+#include <utility>
+
+namespace orlinth::cli {
+
+namespace {
+
+constexpr std::size_t shortIdCharacters = 8;
+
+Json contextOf(const OutboxReporter::Transfer& transfer) {
+    return {{"batch", transfer.batch}, {"file", transfer.file}, {"to", transfer.to}};
+}
+
+} // namespace
+
+std::string shortId(const std::string& id) {
+    return id.substr(0, shortIdCharacters);
+}
+
+void OutboxReporter::progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) {
+    Json fields = contextOf(transfer);
+    fields["bytes_sent"] = bytesSent;
+    fields["total_bytes"] = totalBytes;
+    host_.output.event("outbox_progress", std::move(fields));
+}
+
+void OutboxReporter::sent(const Transfer& transfer, const host::Delivered& delivered) {
+    const SentFile& result = delivered.sent;
+    Json fields = contextOf(transfer);
+    fields["bytes_sent"] = result.bytesSent;
+    fields["resumed_from_offset"] = result.resumedFromOffset;
+    fields["duration_seconds"] = result.durationSeconds;
+    host_.output.event("outbox_sent", std::move(fields));
+    std::string line = "sent " + forDisplay(transfer.file) + " to " + forDisplay(transfer.to) + " (" +
+                       host::humanSize(result.bytesSent) + " in " + host::humanDuration(result.durationSeconds);
+    if (result.resumedFromOffset > 0) {
+        line += ", went on from " + host::humanSize(result.resumedFromOffset);
+    }
+    host_.output.result(line + ")");
+    if (!delivered.isConfirmed) {
+        host_.output.message(host::unconfirmedRemark(transfer.to, transfer.file));
+    }
+}
+
+void OutboxReporter::through(const host::OutboxState::Phone& to, const std::vector<std::string>& files) {
+    if (files.empty()) {
+        return;
+    }
+    std::string body = forDisplay(files.front());
+    if (files.size() > 1) {
+        body += " and " + std::to_string(files.size() - 1) + " more";
+    }
+    notify("Sent " + host::countOfFiles(files.size()) + " to " + shown(to), body);
+}
+
+void OutboxReporter::done(const std::string& batch) {
+    host_.output.event("outbox_done", {{"batch", batch}});
+}
+
+void OutboxReporter::waiting(const std::string& batch, const std::string& to, const std::string& message,
+                             double retrySeconds) {
+    host_.output.event("outbox_waiting",
+                       {{"batch", batch}, {"to", to}, {"message", message}, {"retry_in_seconds", retrySeconds}});
+}
+
+void OutboxReporter::waitingLine(const host::OutboxState::Phone& to, const std::string& message) {
+    host_.output.message("waiting for " + shown(to) + ": " + forDisplay(message));
+}
+
+void OutboxReporter::waitingNotification(const host::OutboxState::Phone& to, const std::string& message) {
+    notify("Waiting for " + shown(to), forDisplay(message) + ". It is sent as soon as the phone can be reached.");
+}
+
+void OutboxReporter::failed(const Transfer& transfer, const std::string& message) {
+    Json fields = contextOf(transfer);
+    fields["message"] = message;
+    const std::string to = host::phoneForDisplay(host_, transfer.to, transfer.key);
+    tellFailure(std::move(fields), message, forDisplay(transfer.file) + " is not sent to " + to + ".");
+    notify("Not sent to " + to, forDisplay(transfer.file) + ": " + forDisplay(message));
+}
+
+void OutboxReporter::failed(const std::string& batch, const host::OutboxState::Phone& to, const std::string& message) {
+    tellFailure({{"batch", batch}, {"to", to.displayName()}, {"message", message}}, message,
+                "Nothing more of batch " + shortId(batch) + " is sent to " + shown(to) + ".");
+    notify("Not sent to " + shown(to), forDisplay(message));
+}
+
+void OutboxReporter::setAside(const std::string& batch, const std::string& message, const platform::Path& where) {
+    const std::string whatToDo = where.filename() == batch
+                                     ? "`orlinth outbox retry " + shortId(batch) + "` tries it again."
+                                     : "one of its name lies there already, so it is left to you.";
+    tellFailure({{"batch", batch}, {"message", message}}, "batch " + shortId(batch) + " was set aside: " + message,
+                "It is in " + where.string() + "; " + whatToDo);
+}
+
+void OutboxReporter::notSetAside(const std::string& batch, const std::string& message, const std::string& problem) {
+    tellFailure({{"batch", batch}, {"message", message}}, "batch " + shortId(batch) + ": " + message,
+                "It could not be set aside (" + problem + "), and is left where it is.");
+}
+
+void OutboxReporter::noOutbox(const std::string& problem) {
+    host_.output.failure(problem, "What is shared cannot be sent until that is mended.");
+}
+
+void OutboxReporter::notSaved(const std::string& problem) {
+    host_.output.message("cannot note what was sent from the outbox: " + problem +
+                         "; after a restart some of it may be sent again, or taken for sent");
+}
+
+void OutboxReporter::tellFailure(Json fields, const std::string& line, const std::string& hint) {
+    if (host_.output.isJson()) {
+        host_.output.message("orlinth: " + line);
+        host_.output.message(hint);
+        host_.output.event("outbox_failed", std::move(fields));
+    } else {
+        host_.output.failure(line, hint);
+    }
+}
+
+std::string OutboxReporter::shown(const host::OutboxState::Phone& phone) const {
+    return host::phoneForDisplay(host_, phone.displayName(), phone.pubkey);
+}
+
+void OutboxReporter::notify(const std::string& title, const std::string& body) {
+    if (host_.system.notifications.isAvailable()) {
+        host_.system.notifications.show({.title = title, .body = body}, host_.tasks.executor(), {});
+    }
+}
+
+} // namespace orlinth::cli

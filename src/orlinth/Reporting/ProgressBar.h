@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace orlinth::cli {
+
+/// One line on the terminal that standard error is, redrawn in place: name, percent, bar, rate, time left.
+///
+/// Draws nothing unless standard error is a terminal that can go back to the start of a line. Keeps within the
+/// terminal's width as it is at each drawing, so that a changed window needs no notice.
+class ProgressBar {
+public:
+    /// Times a second at most.
+    static constexpr int drawingsPerSecond = 10;
+
+    /// Looks at standard error, TERM and NO_COLOR.
+    ProgressBar();
+
+    /// Never draw from here on.
+    void disable() noexcept { enabled_ = false; }
+    [[nodiscard]] bool isEnabled() const noexcept { return enabled_; }
+
+    /// A new file of which `held` of `total` bytes are there already; `name` must be fit for a terminal.
+    void begin(std::string name, std::int64_t held, std::int64_t total);
+    /// Another name for what is under way, from the next drawing on.
+    void rename(std::string name);
+    /// So many bytes more are there without having been sent now: they do not count for the rate.
+    void skip(std::int64_t bytes) noexcept { heldWhenLastDrawn_ += bytes; }
+    /// Redraws, unless it did a moment ago.
+    void update(std::int64_t held, std::int64_t total);
+    /// From here on the line comes back with the next update() after it was taken away, not a moment later: for when
+    /// lines are written above it all the time.
+    void stay() noexcept { redrawsAtOnce_ = true; }
+    /// Takes the line away, so that something else can be written there.
+    void clear() noexcept;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void draw();
+    [[nodiscard]] std::string line(std::size_t columns) const;
+
+    bool enabled_;
+    bool coloured_;
+    bool shown_ = false;
+    bool redrawsAtOnce_ = false;
+    std::string name_;
+    std::int64_t held_ = 0;
+    std::int64_t total_ = 0;
+    Clock::time_point lastDrawn_;
+    std::int64_t heldWhenLastDrawn_ = 0;
+    double rate_ = 0; ///< bytes a second, smoothed
+};
+
+} // namespace orlinth::cli

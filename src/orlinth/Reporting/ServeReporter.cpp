@@ -1,0 +1,364 @@
+#include "orlinth/Reporting/ServeReporter.h"
+
+#include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Phones/SharedPeers.h"
+#include "base/Text.h"
+#include "orlinth/Program/DesktopOpener.h"
+#include "orlinth/Reporting/Hints.h"
+#include "orlinth/Reporting/ReceivedFields.h"
+#include "orlinth/Reporting/Terminal.h"
+#include "platform/SystemError.h"
+
+#include <unistd.h>
+#include <utility>
+
+namespace orlinth::cli {
+
+namespace {
+
+std::string sizeOfText(const std::string& text) {
+    return host::humanSize(static_cast<std::int64_t>(text.size())) + " of text";
+}
+
+/// What the two kinds of a new name have in common.
+template <typename Renamed>
+void tellName(Output& output, const char* event, const Renamed& renamed) {
+    Json fields{{"name", renamed.name}, {"from", renamed.from}};
+    if (renamed.isTakenOver) {
+        fields["called"] = renamed.calledHere;
+    }
+    output.event(event, std::move(fields));
+    const std::string from = forDisplay(renamed.from);
+    const std::string name = forDisplay(renamed.name);
+    if (!renamed.isTakenOver) {
+        output.result(from + " wants to be called '" + name + "', and still has its name here");
+    } else if (renamed.calledHere == renamed.name) {
+        output.result(from + " is now called " + name);
+    } else if (renamed.calledHere != renamed.from) { // else it was told before
+        output.result(from + " wants to be called '" + name + "', as another phone is; it is now called " +
+                      forDisplay(renamed.calledHere));
+    }
+}
+
+/// For scripts.
+const char* wordFor(DownloadRefusal::Reason reason) {
+    switch (reason) {
+    case DownloadRefusal::Reason::tooLarge:
+        return "too_large";
+    case DownloadRefusal::Reason::noRoom:
+        return "no_room";
+    case DownloadRefusal::Reason::tooManyPartials:
+        return "too_many_partials";
+    }
+    return "";
+}
+
+/// For people, behind what was declined; "" if somebody was asked.
+std::string becauseOf(const std::optional<DownloadRefusal>& refusal) {
+    if (!refusal) {
+        return "";
+    }
+    switch (refusal->reason) {
+    case DownloadRefusal::Reason::tooLarge:
+        return ": it is larger than " + host::humanSize(refusal->limit) + " (`--max-file`)";
+    case DownloadRefusal::Reason::noRoom:
+        return ": less than " + host::humanSize(refusal->limit) + " would stay free on the disk (`--keep-free`)";
+    case DownloadRefusal::Reason::tooManyPartials:
+        return ": the phone has " + std::to_string(refusal->limit) +
+               " unfinished downloads here. To remove old ones: `orlinth partials --remove-older-than DAYS`";
+    }
+    return "";
+}
+
+void tellUnpair(Output& output, const Receiver::Unpair& unpair) {
+    output.event("unpair", {{"from", unpair.from}, {"peer_pubkey", unpair.peerPubkey}});
+    output.result(forDisplay(unpair.from) +
+                  (unpair.isForgotten ? " has removed this computer, and is forgotten here"
+                                      : " has removed this computer, but is still recorded here. Remove it with "
+                                        "`orlinth peers remove`."));
+}
+
+void tellDeclined(Output& output, const Receiver::Declined& declined) {
+    Json fields = {{"from", declined.from}, {"name", declined.name}};
+    if (declined.refusal) {
+        fields["reason"] = wordFor(declined.refusal->reason);
+        fields["limit"] = declined.refusal->limit;
+    }
+    output.event("declined", std::move(fields));
+    const std::string from = forDisplay(declined.from);
+    output.result(declined.name.empty()
+                      ? from + " has declined"
+                      : "declined " + forDisplay(declined.name) + " from " + from + becauseOf(declined.refusal));
+}
+
+bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
+    return one && other && platform::isSameContent(*one, *other);
+}
+
+} // namespace
+
+ServeReporter::ServeReporter(Host& host, bool writesClipboard)
+    : host_(host),
+      writesClipboard_(writesClipboard),
+      clipboard_(host),
+      sharing_(host.system.network, "orlinth.serve.sharing"),
+      textBurstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
+      burstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
+      opening_(std::make_shared<Opening>(
+          Opening{.chores = host::Chores(host.system.network, "orlinth.serve.opening"), .log = host.system.log})),
+      strangers_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
+                 [&output = host.output](std::int64_t untold) {
+                     output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");
+                 }),
+      farAway_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
+               [&output = host.output](std::int64_t untold) {
+                   output.failure(std::to_string(untold) + " more connections came from outside your networks");
+               }),
+      removed_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
+               [&output = host.output](std::int64_t untold) {
+                   output.result("notified removed phones " + std::to_string(untold) +
+                                 (untold == 1 ? " more time" : " more times"));
+               }) {}
+
+Receiver::Callbacks ServeReporter::callbacks() {
+    return {.onListening =
+                [this](std::uint16_t port) {
+                    host_.output.event("listening", {{"port", port}});
+                    host_.output.message("listening on port " + std::to_string(port));
+                },
+            .onTransfer = [this](const Receiver::File& file) { tellFile(file); },
+            .onClipboard = [this](const Receiver::Clipboard& clipboard) { tellClipboard(clipboard); },
+            .onSync = [this](const Receiver::ProcessOutcome& outcome) { tellSync(outcome); },
+            .onError = [this](const Receiver::Failure& failure) { tellFailure(failure); },
+            .onAuthenticated = [this](const PeerRecord&) { sharePeers(); }};
+}
+
+void ServeReporter::tellHowMany(std::size_t pairedPhones) {
+    if (pairedPhones == 0) {
+        host_.output.message("No phone is paired yet. `orlinth pair` pairs one, also while this runs.");
+    }
+}
+
+Task<> ServeReporter::finish() {
+    strangers_.finish();
+    farAway_.finish();
+    removed_.finish();
+    for (auto& [key, phone] : phones_) {
+        phone.limit.finish();
+    }
+    burstTimer_->disarm();
+    textBurstTimer_->disarm();
+    co_await clipboard_.finish();
+    co_await opening_->chores.finish();
+    co_await sharing_.finish();
+}
+
+void ServeReporter::tellFile(const Receiver::File& file) {
+    Json fields = receivedFields(file.file);
+    fields["from"] = file.from;
+    host_.output.event("received", std::move(fields));
+    host_.output.result("received " + shortPath(file.file) + " from " +
+                        host::phoneForDisplay(host_, file.from, file.peerPubkey) + " (" + receivedFigures(file.file) +
+                        ")");
+    if (const std::string remark = remarkOnSize(file.file); !remark.empty()) {
+        host_.output.message(remark);
+    }
+    notifyOfFile(file);
+}
+
+void ServeReporter::tellClipboard(const Receiver::Clipboard& clipboard) {
+    host_.output.event("clipboard", {{"text", clipboard.text}, {"from", clipboard.from}});
+    // A line may end up in a log, where a text, which may be a password, has no business.
+    const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
+                             host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey);
+    if (admitsLine(clipboard.peerPubkey, clipboard.from)) {
+        if (!writesClipboard_ && isTerminal(STDOUT_FILENO)) {
+            host_.output.page(line + ": " + madeVisible(clipboard.text));
+        } else {
+            host_.output.result(line);
+        }
+    }
+    if (writesClipboard_) {
+        clipboard_.write(clipboard.text);
+    }
+    notifyOfClipboard(clipboard);
+}
+
+void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
+    Output& output = host_.output;
+    if (const auto* name = std::get_if<Receiver::SetName>(&outcome)) {
+        if (admitsLine(name->peerPubkey, name->from)) {
+            tellName(output, "set_name", *name);
+        }
+    } else if (const auto* update = std::get_if<Receiver::NameUpdate>(&outcome)) {
+        if (admitsLine(update->peerPubkey, update->from)) {
+            tellName(output, "name_update", *update);
+        }
+    } else if (const auto* unpair = std::get_if<Receiver::Unpair>(&outcome)) {
+        // a phone is forgotten once; one that is still recorded can say so again and again
+        if (unpair->isForgotten || admitsLine(unpair->peerPubkey, unpair->from)) {
+            tellUnpair(output, *unpair);
+        }
+    } else if (const auto* replied = std::get_if<Receiver::UnpairReplied>(&outcome)) {
+        if (!removed_.admits()) {
+            return;
+        }
+        output.event("unpair_replied",
+                     {{"peer_pubkey", replied->peerPubkey}, {"remote_endpoint", replied->remoteEndpoint}});
+        output.result("notified a removed phone, key " + host::shortKey(replied->peerPubkey) + ", at " +
+                      replied->remoteEndpoint);
+    } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
+        if (admitsLine(declined->peerPubkey, declined->from)) {
+            tellDeclined(output, *declined);
+        }
+    }
+    sharePeers();
+}
+
+void ServeReporter::tellFailure(const Receiver::Failure& failure) {
+    const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerPubkey, failure.from);
+    if (!isTold) {
+        return;
+    }
+    Json context{{"remote_endpoint", failure.remoteEndpoint}};
+    if (!failure.from.empty()) {
+        context["from"] = failure.from;
+    }
+    host_.output.failure(describe(failure.error), hintForConnection(host_, failure), std::move(context));
+}
+
+void ServeReporter::tellFarAway(const std::string& remoteEndpoint) {
+    if (farAway_.admits()) {
+        host_.output.failure("closed a connection from outside your networks",
+                             "`--listen-public` lets such connections in.", {{"remote_endpoint", remoteEndpoint}});
+    }
+}
+
+void ServeReporter::tellPhonesTrouble(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& trouble) {
+        std::string hint = "The phones that were known before are still served.";
+        if (const std::string way = hintForServing(host_, trouble); !way.empty()) {
+            hint += " " + way;
+        }
+        host_.output.failure(describe(trouble), hint);
+    }
+}
+
+void ServeReporter::controlFailed(const std::string& problem) {
+    host_.output.message(problem + "; `orlinth pair` cannot use the service's port");
+}
+
+void ServeReporter::portLent() {
+    host_.output.message("A pairing has the port; phones can deliver again when it is over.");
+}
+
+void ServeReporter::portReturned() {
+    host_.output.message("The port is back.");
+}
+
+void ServeReporter::portMissing(const std::string& problem) {
+    host_.output.message(problem + "; trying again until it works");
+}
+
+bool ServeReporter::admitsLine(const std::string& peerPubkey, const std::string& name) {
+    auto known = phones_.find(peerPubkey);
+    if (known == phones_.end()) {
+        const auto tellMore = [this, peerPubkey](std::int64_t untold) {
+            host_.output.message(forDisplay(phones_.at(peerPubkey).name) + ": " + std::to_string(untold) +
+                                 (untold == 1 ? " more line was" : " more lines were") + " left out");
+        };
+        host::LineLimit limit(host_.system.clock, host_.tasks.executor(), limits::linesOfOnePhone, tellMore);
+        known = phones_.emplace(peerPubkey, PhoneLines{.name = {}, .limit = std::move(limit)}).first;
+    }
+    known->second.name = name;
+    return known->second.limit.admits();
+}
+
+void ServeReporter::notifyOfFile(const Receiver::File& file) {
+    if (isBurst_) {
+        ++moreFiles_;
+        lastFile_ = absolute(file.file.savedAt);
+        return;
+    }
+    const platform::Path path = absolute(file.file.savedAt);
+    showFile({.title = "File from " + host::phoneForDisplay(host_, file.from, file.peerPubkey),
+              .body = forDisplay(path.filename().string()),
+              .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
+             path);
+    isBurst_ = true;
+    burstTimer_->arm(burstSeconds, [this] { tellMoreFiles(); });
+}
+
+void ServeReporter::tellMoreFiles() {
+    isBurst_ = moreFiles_ > 0;
+    if (!isBurst_) {
+        return;
+    }
+    const std::string more = std::to_string(moreFiles_) + (moreFiles_ == 1 ? " more file" : " more files");
+    showFile({.title = "Files from your phones",
+              .body = more + ", the last one " + forDisplay(lastFile_.filename().string()),
+              .actions = {{"show", "Show in folder"}}},
+             lastFile_);
+    moreFiles_ = 0;
+    burstTimer_->arm(burstSeconds, [this] { tellMoreFiles(); });
+}
+
+void ServeReporter::showFile(platform::Notification notification, const platform::Path& path) {
+    // holds nothing that may be gone by then: the desktop may answer at any time
+    auto onAnswer = [opening = std::weak_ptr(opening_), path](const std::string& key) {
+        const std::shared_ptr<Opening> open = opening.lock();
+        if (open && (key == "open" || key == "show")) {
+            open->chores.add(
+                [path = key == "open" ? path : path.parent_path(), &log = open->log] { openOnDesktop(path, log); });
+        }
+    };
+    host_.system.notifications.show(std::move(notification), host_.tasks.executor(), std::move(onAnswer));
+}
+
+void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
+    if (isTextBurst_) {
+        ++moreTexts_;
+        return;
+    }
+    const std::string where = writesClipboard_ ? ", on the clipboard" : "";
+    host_.system.notifications.show(
+        {.title = "Text from " + host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey),
+         .body = sizeOfText(clipboard.text) + where,
+         .actions = {}},
+        host_.tasks.executor(), {});
+    isTextBurst_ = true;
+    textBurstTimer_->arm(burstSeconds, [this] { tellMoreTexts(); });
+}
+
+void ServeReporter::tellMoreTexts() {
+    isTextBurst_ = moreTexts_ > 0;
+    if (!isTextBurst_) {
+        return;
+    }
+    const std::string more = std::to_string(moreTexts_) + (moreTexts_ == 1 ? " more text" : " more texts");
+    host_.system.notifications.show(
+        {.title = "Texts from your phones", .body = more + (writesClipboard_ ? ", the last one on the clipboard" : "")},
+        host_.tasks.executor(), {});
+    moreTexts_ = 0;
+    textBurstTimer_->arm(burstSeconds, [this] { tellMoreTexts(); });
+}
+
+void ServeReporter::sharePeers() {
+    sharing_.add([this] {
+        std::optional<platform::FileStatus> now;
+        try {
+            now = host_.system.files.status(host_.peers().fileURL());
+        } catch (const platform::SystemError&) {
+            return; // the list is a convenience, and the next change writes it anew
+        }
+        if (!isSame(sharedPeers_, now)) {
+            host::updateSharedPeers(host_);
+            sharedPeers_ = now;
+        }
+    });
+}
+
+} // namespace orlinth::cli

@@ -1,0 +1,63 @@
+#include "platform/linux/DescriptorWait.h"
+
+#include "platform/Cancelled.h"
+#include "platform/SystemError.h"
+
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/redirect_error.hpp>
+#include <asio/this_coro.hpp>
+#include <asio/use_awaitable.hpp>
+
+#include <poll.h>
+#include <sys/epoll.h>
+
+namespace orlinth::platform {
+namespace {
+
+bool isReadable(int descriptor) {
+    pollfd ready{descriptor, POLLIN, 0};
+    return ::poll(&ready, 1, 0) > 0;
+}
+
+int openEpoll() {
+    const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epoll == -1) {
+        throw SystemError::fromErrno();
+    }
+    return epoll;
+}
+
+} // namespace
+
+Task<> untilReadable(int descriptor) {
+    if (isReadable(descriptor)) {
+        co_return;
+    }
+    const Executor executor = co_await asio::this_coro::executor;
+    // Readable whenever the other one is. Asio makes what it waits for non-blocking, for everybody who has it open; so
+    // it gets a descriptor that nobody else has.
+    asio::posix::stream_descriptor watch(executor, openEpoll());
+    epoll_event wanted{};
+    wanted.events = EPOLLIN;
+    if (::epoll_ctl(watch.native_handle(), EPOLL_CTL_ADD, descriptor, &wanted) == -1) {
+        throw SystemError::fromErrno();
+    }
+    std::error_code code;
+    try {
+        co_await watch.async_wait(asio::posix::stream_descriptor::wait_read,
+                                  asio::redirect_error(asio::use_awaitable, code));
+    } catch (const std::exception& error) {
+        if (isCancellation(error)) {
+            throw Cancelled(); // the task was cancelled before it came here
+        }
+        throw;
+    }
+    if (code == asio::error::operation_aborted) {
+        throw Cancelled();
+    }
+    if (code) {
+        throw SystemError(code);
+    }
+}
+
+} // namespace orlinth::platform

@@ -1,0 +1,128 @@
+#include "OrlinthHost/Service/PartialsReminder.h"
+
+#include "OrlinthCore/Receiving/PartialMeta.h"
+#include "fakes/World.h"
+
+#include <gtest/gtest.h>
+
+namespace orlinth::host {
+namespace {
+
+const platform::Path folder = "/home/ann/Downloads";
+const platform::Path state = "/home/ann/.local/share/Orlinth/partials-reminder.json";
+constexpr double day = 24 * 3600;
+
+class PartialsReminderTest : public testing::Test {
+protected:
+    PartialsReminderTest() {
+        world_.files.putFolder(folder);
+        world_.files.putFolder(state.parent_path());
+    }
+
+    /// An unfinished download that was changed before the tests' time begins.
+    void putPartial(const std::string& name, const std::string& content) {
+        world_.files.put(folder / (name + ".partial"), content);
+        world_.files.put(folder / (name + ".partial.meta.json"),
+                         compactJson(PartialMeta{name, 10, 1, "a phone"}.toJson()));
+    }
+    void run(double seconds) {
+        PartialsReminder reminder(home_, folder, [this](const PartialsReminder::Reminder& told) {
+            counts_.push_back(told.count);
+            bytes_ = told.bytes;
+        });
+        reminder.start();
+        world_.run(world_.clock.sleep(seconds));
+        world_.run(reminder.finish());
+    }
+
+    fakes::World world_;
+    Home home_{world_.system, world_.context.get_executor()};
+    std::vector<std::int64_t> counts_;
+    std::int64_t bytes_ = 0;
+};
+
+TEST_F(PartialsReminderTest, RemindsOnceAWeekAlsoAcrossRestarts) {
+    putPartial("a", "12345");
+    putPartial("b", "123");
+    run(30);
+    EXPECT_TRUE(counts_.empty()) << "the start is for other things";
+    run(3 * day);
+    EXPECT_EQ(counts_, std::vector<std::int64_t>{2});
+    EXPECT_EQ(bytes_, 8);
+    EXPECT_EQ(world_.files.status(state).value().permissions, 0600U);
+    run(3 * day);
+    EXPECT_EQ(counts_.size(), 1U);
+    run(3 * day);
+    EXPECT_EQ(counts_.size(), 2U);
+    run(30 * day);
+    EXPECT_EQ(counts_.size(), 6U);
+}
+
+TEST_F(PartialsReminderTest, SaysNothingIfThereIsNothing) {
+    world_.files.put(folder / "own.partial", "own");
+    run(10 * day);
+    EXPECT_TRUE(counts_.empty());
+    EXPECT_FALSE(world_.files.exists(state));
+    world_.files.remove(folder / "own.partial");
+    world_.files.removeDirectory(folder);
+    run(10 * day);
+    EXPECT_TRUE(counts_.empty());
+}
+
+TEST_F(PartialsReminderTest, RemindsAllTheSameIfItsMemoryIsRuined) {
+    putPartial("a", "12345");
+    for (const char* text :
+         {"", "{", "{\"reminded_at_epoch_ms\":9000000000000000000}", "{\"reminded_at_epoch_ms\":\"x\"}"}) {
+        counts_.clear();
+        world_.files.put(state, text);
+        run(120);
+        EXPECT_EQ(counts_.size(), 1U) << text;
+    }
+}
+
+/// The world's network, but for queues with a thread of their own: those run when the test says so.
+class SlowNetwork : public fakes::MemoryNetwork {
+public:
+    using MemoryNetwork::MemoryNetwork;
+    [[nodiscard]] Executor makeThreadQueue(const char* /*label*/) override { return others.get_executor(); }
+    asio::io_context others;
+};
+
+TEST_F(PartialsReminderTest, HoldsNobodyUpBehindAFolderThatDoesNotAnswer) {
+    putPartial("a", "12345");
+    SlowNetwork network(world_.context);
+    platform::System system{.network = network,
+                            .clock = world_.clock,
+                            .files = world_.files,
+                            .mimeTypes = world_.mimeTypes,
+                            .log = world_.log,
+                            .https = world_.https,
+                            .clipboard = world_.clipboard,
+                            .interfaces = world_.interfaces,
+                            .services = world_.services,
+                            .local = world_.local,
+                            .notifications = world_.notifications,
+                            .signals = world_.signals,
+                            .folders = world_.folders,
+                            .directories = world_.system.directories,
+                            .mainQueue = world_.context.get_executor()};
+    Home home{system, world_.context.get_executor()};
+    PartialsReminder reminder(home, folder,
+                              [this](const PartialsReminder::Reminder& told) { counts_.push_back(told.count); });
+    reminder.start();
+    world_.run(world_.clock.sleep(2 * day)); // the first look waits for the folder
+    world_.alongside(reminder.finish());
+    world_.context.restart();
+    world_.context.poll();
+    EXPECT_EQ(world_.companionsRunning, 1) << "it must not go while it is looking";
+    EXPECT_TRUE(counts_.empty());
+    EXPECT_FALSE(world_.files.exists(state)) << "somebody else has looked";
+    network.others.run(); // the folder answers
+    world_.context.restart();
+    world_.context.poll();
+    EXPECT_EQ(counts_, std::vector<std::int64_t>{1});
+    EXPECT_EQ(world_.companionsRunning, 0);
+}
+
+} // namespace
+} // namespace orlinth::host

@@ -1,0 +1,101 @@
+#include "OrlinthHost/Service/Watchdog.h"
+
+#include "fakes/World.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace orlinth::host {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class WatchdogTest : public testing::Test {
+protected:
+    void pass(double seconds) { fakes::runVirtual(world_.context, world_.clock, world_.clock.sleep(seconds)); }
+    /// "NAME SECONDS" of each thread that is reported meanwhile.
+    [[nodiscard]] std::vector<std::string> lateWhile(double seconds) {
+        pass(seconds);
+        return std::exchange(late_, {});
+    }
+
+    fakes::World world_;
+    Home home_{world_.system, world_.context.get_executor()};
+    int alive_ = 0;
+    std::int64_t more_ = 0;
+    std::vector<std::string> late_;
+    Watchdog::Callbacks callbacks_{.onLate =
+                                       [this](const platform::LateQueue& late) {
+                                           late_.push_back(late.label + " " +
+                                                           std::to_string(std::lround(late.seconds)));
+                                       },
+                                   .onMoreLate = [this](std::int64_t count) { more_ += count; },
+                                   .onAlive = [this] { ++alive_; }};
+};
+
+TEST_F(WatchdogTest, ReportsAThreadOnceWhileItHangs) {
+    Watchdog watchdog(home_, std::nullopt, callbacks_);
+    watchdog.start();
+    EXPECT_THAT(lateWhile(10), IsEmpty());
+    world_.network.late = {{.label = "orlinth.receiver.connection", .seconds = 2.2, .thread = 1}};
+    EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2"));
+    world_.network.late.push_back({.label = "orlinth.receiver.records", .seconds = 2.1, .thread = 2});
+    EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.records 2"));
+    world_.network.late.clear();
+    EXPECT_THAT(lateWhile(60), IsEmpty());
+    world_.network.late = {{.label = "again", .seconds = 3}};
+    EXPECT_THAT(lateWhile(1), ElementsAre("again 3"));
+    world_.run(watchdog.finish());
+    EXPECT_EQ(0, alive_) << "nobody wants to hear it";
+}
+
+TEST_F(WatchdogTest, ReportsAThreadThatBecomesLateWhenAnotherOneHasRecovered) {
+    constexpr const char* connection = "orlinth.receiver.connection";
+    Watchdog watchdog(home_, std::nullopt, callbacks_);
+    watchdog.start();
+    world_.network.late = {{.label = connection, .seconds = 2.2, .thread = 1}};
+    EXPECT_THAT(lateWhile(2), ElementsAre("orlinth.receiver.connection 2"));
+    world_.network.late = {{.label = connection, .seconds = 2.1, .thread = 2}}; // between two looks
+    EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2"));
+    world_.network.late = {{.label = connection, .seconds = 9, .thread = 2},
+                           {.label = connection, .seconds = 2.3, .thread = 1}};
+    EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2")) << "the first one again, and only that";
+    world_.run(watchdog.finish());
+}
+
+TEST_F(WatchdogTest, TellsTheServiceManagerOnlyWhileAllThreadsAnswer) {
+    Watchdog watchdog(home_, 8.0, callbacks_);
+    watchdog.start();
+    pass(20.2);
+    EXPECT_EQ(11, alive_) << "four times as often as it must";
+    world_.network.late = {{.label = "x", .seconds = 3.9}};
+    pass(20);
+    EXPECT_EQ(21, alive_) << "a slow disk is no hang";
+    world_.network.late = {{.label = "x", .seconds = 4}};
+    pass(20);
+    EXPECT_EQ(21, alive_);
+    world_.network.late.clear();
+    pass(1);
+    EXPECT_EQ(22, alive_) << "at once when they answer again";
+    world_.run(watchdog.finish());
+}
+
+TEST_F(WatchdogTest, ReportsAFewThreadsAMinuteAndCountsTheOthers) {
+    Watchdog watchdog(home_, std::nullopt, callbacks_);
+    watchdog.start();
+    for (std::size_t number = 0; number < 100; ++number) {
+        world_.network.late.push_back({.label = "x", .seconds = 3, .thread = number});
+    }
+    pass(1);
+    EXPECT_EQ(late_.size(), static_cast<std::size_t>(limits::linesOfStrangers));
+    EXPECT_EQ(more_, 0);
+    pass(60);
+    EXPECT_EQ(late_.size() + static_cast<std::size_t>(more_), 100U);
+    world_.run(watchdog.finish());
+}
+
+} // namespace
+} // namespace orlinth::host

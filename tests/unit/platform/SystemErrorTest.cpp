@@ -1,0 +1,56 @@
+#include "platform/SystemError.h"
+
+#include "platform/Cancelled.h"
+
+#include <asio/error.hpp>
+#include <asio/system_error.hpp>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+namespace orlinth::platform {
+namespace {
+
+TEST(Shortage, IsWhatPassesWhenOthersGiveSomethingBack) {
+    for (const int number : {EMFILE, ENFILE, ENOBUFS, ENOMEM, ENOSPC, EAGAIN}) {
+        EXPECT_TRUE(isShortage(SystemError::fromErrno(number).code())) << number;
+    }
+    for (const int number : {EACCES, ECONNRESET, EADDRINUSE, ENOENT, EIO, EINTR, EDQUOT}) {
+        EXPECT_FALSE(isShortage(SystemError::fromErrno(number).code())) << number;
+    }
+    EXPECT_FALSE(isShortage(SystemError("no code").code()));
+}
+
+TEST(Shortage, IsTheSameInAsiosWords) {
+    const std::error_code code(EMFILE, asio::error::get_system_category());
+    EXPECT_TRUE(isShortage(SystemError(code).code()));
+}
+
+std::string quoted(const std::exception& thrown) {
+    return describe(thrown);
+}
+
+/// What a handler makes of this exception.
+template <typename Exception>
+std::string textOf(const Exception& exception) {
+    try {
+        throw exception;
+    } catch (const std::exception& error) {
+        return textOfFailure(error);
+    }
+}
+
+TEST(TextOfFailure, IsTheTextOfTheError) {
+    EXPECT_EQ(textOf(std::runtime_error("broken")), "broken");
+    const SystemError error = SystemError::fromErrno(ENOENT);
+    EXPECT_EQ(textOf(error), quoted(error));
+}
+
+TEST(TextOfFailure, ThrowsCancellationOnAsItIs) {
+    EXPECT_THROW(static_cast<void>(textOf(Cancelled())), Cancelled);
+    EXPECT_THROW(static_cast<void>(textOf(asio::system_error(asio::error::operation_aborted))), asio::system_error);
+}
+
+} // namespace
+} // namespace orlinth::platform
