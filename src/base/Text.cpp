@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -352,6 +353,17 @@ std::string pathExtension(std::string_view name) {
 std::string withoutPathExtension(std::string_view name) {
     const std::string extension = pathExtension(name);
     return std::string(extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1));
+}
+
+std::string timeInWords(double seconds) {
+    constexpr double minute = 60;
+    const bool isInMinutes = seconds > minute && std::fmod(seconds, minute) == 0;
+    std::string number = std::to_string(isInMinutes ? seconds / minute : seconds);
+    number.erase(number.find_last_not_of('0') + 1);
+    if (number.ends_with('.')) {
+        number.pop_back();
+    }
+    return number + (isInMinutes ? " minutes" : number == "1" ? " second" : " seconds");
 }
 
 } // namespace orlinth

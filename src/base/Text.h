@@ -69,4 +69,7 @@ inline constexpr std::size_t maxLineColumns = 1000;
 /// The file name without its path extension and the dot before it.
 [[nodiscard]] std::string withoutPathExtension(std::string_view name);
 
+/// A limit of time, as the texts of failures have it: "10 seconds", "0.5 seconds", "5 minutes".
+[[nodiscard]] std::string timeInWords(double seconds);
+
 } // namespace orlinth

@@ -5,7 +5,7 @@
 
 #include <asio/post.hpp>
 
-#include <list>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -23,8 +23,9 @@ struct TaskGroup::State {
     }
 
     const Executor executor;
-    std::list<Signal> running; ///< one for each task
-    Condition condition;       ///< a task has left
+    std::map<Id, Signal> running; ///< one for each task
+    std::uint64_t added = 0;
+    Condition condition; ///< a task has left
 };
 
 TaskGroup::TaskGroup(Executor executor) : state_(std::make_shared<State>(std::move(executor))) {}
@@ -33,9 +34,10 @@ TaskGroup::~TaskGroup() {
     cancelAll();
 }
 
-void TaskGroup::add(Task<> task, OnEnd onEnd) {
-    const auto place = state_->running.insert(state_->running.end(), std::make_shared<asio::cancellation_signal>());
-    const asio::cancellation_slot slot = (*place)->slot();
+TaskGroup::Id TaskGroup::add(Task<> task, OnEnd onEnd) {
+    const Id id{++state_->added};
+    const auto place = state_->running.emplace(id, std::make_shared<asio::cancellation_signal>()).first;
+    const asio::cancellation_slot slot = place->second->slot();
     spawn(state_->executor, std::move(task), slot,
           [state = state_, place, onEnd = std::move(onEnd)](std::exception_ptr error) mutable {
               // not here, where the signal's slot may still be in use
@@ -45,12 +47,23 @@ void TaskGroup::add(Task<> task, OnEnd onEnd) {
                   onEnd(error);
               });
           });
+    return id;
+}
+
+void TaskGroup::cancel(Id task) {
+    if (const auto at = state_->running.find(task); at != state_->running.end()) {
+        const State::Signal signal = at->second; // which it may leave by this
+        signal->emit(asio::cancellation_type::terminal);
+    }
 }
 
 void TaskGroup::cancelAll() {
-    const std::vector<State::Signal> now(state_->running.begin(), state_->running.end());
-    for (const State::Signal& signal : now) {
-        signal->emit(asio::cancellation_type::terminal);
+    std::vector<Id> now;
+    for (const auto& [id, signal] : state_->running) {
+        now.push_back(id);
+    }
+    for (const Id id : now) {
+        cancel(id);
     }
 }
 

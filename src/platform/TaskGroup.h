@@ -3,6 +3,7 @@
 #include "platform/Task.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -23,15 +24,20 @@ public:
     /// that outlive the group. What it throws itself leaves the executor's context; the group is in order then.
     using OnEnd = std::function<void(std::exception_ptr)>;
 
+    /// Names a task of the group, also once it has ended. No two tasks of a group have the same.
+    enum class Id : std::uint64_t {};
+
     explicit TaskGroup(Executor executor);
     TaskGroup(const TaskGroup&) = delete;
     TaskGroup& operator=(const TaskGroup&) = delete;
     ~TaskGroup();
 
     /// Starts the task at the executor's next turn. Tasks and their `onEnd` may add others.
-    void add(Task<> task, OnEnd onEnd);
-    /// Cancels all that are in the group now; each ends soon after. One that has not begun never runs, and its `onEnd`
-    /// gets the cancellation.
+    Id add(Task<> task, OnEnd onEnd);
+    /// Cancels one, if it has not ended; it ends soon after. One that has not begun never runs, and its `onEnd` gets
+    /// the cancellation.
+    void cancel(Id task);
+    /// The same for all that are in the group now.
     void cancelAll();
 
     /// Returns when the group is empty, tasks included that are added meanwhile; the last `onEnd` has been called then.

@@ -35,6 +35,11 @@ PeerRecord computer(std::span<char*> words) {
     return record;
 }
 
+/// `system` outlives the task.
+Task<> say(platform::System& system, TransportMessage message, OneOffRequest request) {
+    static_cast<void>(co_await sendOneOff(system, std::move(message), std::move(request)));
+}
+
 } // namespace
 
 int main(int count, char** arguments) {
@@ -51,7 +56,7 @@ int main(int count, char** arguments) {
                               .postWakeConnectTimeout = secondsToConnect};
         std::exception_ptr failure;
         platform::spawn(context.get_executor(),
-                        sendOneOff(system, TransportMessage::fromJson(asBytes(text)), std::move(request)),
+                        say(system, TransportMessage::fromJson(asBytes(text)), std::move(request)),
                         [&failure](const std::exception_ptr& error) { failure = error; });
         context.run();
         if (failure) {

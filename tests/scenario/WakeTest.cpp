@@ -292,24 +292,26 @@ protected:
                 .warmConnectTimeout = 5,
                 .postWakeConnectTimeout = 8};
     }
-    Task<> clip(const std::string& text = "hello") {
+    Task<OneOffEnd> clip(const std::string& text = "hello") {
         return sendClipboard(world.system, text, "text/plain", oneOff(sleepingPhone()));
     }
     /// Runs it; returns the error's text, "" if there was none.
-    std::string outcome(Task<> task) {
+    std::string outcome(Task<OneOffEnd> task) {
         try {
-            world.run(std::move(task));
+            end = world.run(std::move(task));
             return "";
         } catch (const Error& error) {
             return error.description();
         }
     }
     OneOffSeen seen;
+    std::optional<OneOffEnd> end; ///< of the last that succeeded
 };
 
 TEST_F(OneOff, DeliversClipboardTextToAPhoneThatClosesWithoutAnAnswer) {
     world.alongside(takeMessage(world, seen));
     EXPECT_EQ(outcome(clip("h\u00e9llo\n")), "");
+    EXPECT_EQ(end, OneOffEnd::ended);
     EXPECT_EQ(seen.clipboard, (Row::Clipboard{"h\u00e9llo\n", "text/plain"}));
     EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.clipboard"));
     EXPECT_TRUE(world.log.lines().empty());
@@ -365,6 +367,7 @@ TEST_F(OneOff, SucceedsWhenTheWriteFailsAndNoUnpairIsSeen) {
     OneOffRequest late = oneOff(sleepingPhone());
     late.onHandshakeComplete = [this] { fakes::runUntilIdle(world.context, world.clock); };
     EXPECT_EQ(outcome(sendClipboard(world.system, "hello", "text/plain", std::move(late))), "");
+    EXPECT_EQ(end, OneOffEnd::brokeOff);
     EXPECT_THAT(world.log.messages(), ElementsAre(HasSubstr("write failed, checking for Unpair: wire I/O error: ")));
 }
 
@@ -458,6 +461,49 @@ TEST_F(OneOff, DoesNotWakeAPhoneWithoutATokenAndSaysSoInTheLog) {
               "network: Connection refused");
     EXPECT_THAT(world.log.messages(),
                 ElementsAre("warm connect failed: network: Connection refused", "needsWake=true hasFcm=false"));
+}
+
+TEST_F(OneOff, DoesNotWakeAPhoneThatIsNotToBeWoken) {
+    OneOffRequest quiet = oneOff(sleepingPhone());
+    quiet.mayWake = false;
+    EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", std::move(quiet))), "network: Connection refused");
+    EXPECT_TRUE(world.https.requests.empty());
+}
+
+/// Listens, and says nothing to whoever connects.
+Task<> holdAConnection(World& world) {
+    const std::unique_ptr<platform::Listener> listener =
+        world.network.listen({.port = World::phonePort, .keepAlive = std::nullopt}, world.context.get_executor());
+    WireConnection wire(co_await listener->accept(world.context.get_executor()), world.clock);
+    try {
+        for (;;) {
+            const Bytes ignored = co_await wire.receiveLengthPrefixed();
+        }
+    } catch (const WireConnection::Error&) {
+        co_return; // the sender has closed
+    }
+}
+
+TEST_F(OneOff, GivesAPhoneThatConnectsAndSaysNothingItsTimeForTheHandshake) {
+    world.alongside(holdAConnection(world));
+    OneOffRequest limited = oneOff(sleepingPhone());
+    limited.handshakeSeconds = 10;
+    EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", std::move(limited))),
+              "noise handshake: timed out after 10 seconds");
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 10);
+}
+
+TEST_F(OneOff, TakesSilenceBehindTheMessageForADelivery) {
+    world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
+        const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
+        what.clipboard = co_await phone->expect<Row::Clipboard>();
+        what.ended = co_await phone->seesTheEnd();
+    }(world, seen));
+    OneOffRequest limited = oneOff(sleepingPhone());
+    limited.answerSeconds = 7;
+    EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", std::move(limited))), "");
+    EXPECT_EQ(end, OneOffEnd::silent);
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 7);
 }
 
 TEST_F(OneOff, RefusesAPhoneWithAnotherKey) {

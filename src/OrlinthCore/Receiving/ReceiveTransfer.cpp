@@ -3,9 +3,11 @@
 #include "OrlinthCore/Receiving/OpenTransfer.h"
 #include "base/ConstantTime.h"
 #include "base/OneShot.h"
+#include "base/Text.h"
 #include "platform/Cancelled.h"
 #include "platform/Deadline.h"
 #include "platform/Spawn.h"
+#include "platform/TimeLimit.h"
 
 #include <optional>
 #include <utility>
@@ -65,6 +67,21 @@ Task<TransportFramer> authenticate(WireConnection& wire, const ReceiveRequest& r
         throw ReceiveError::unauthorizedPeer();
     }
     co_return TransportFramer(std::move(*transport));
+}
+
+/// The same within the limit of time.
+Task<TransportFramer> authenticateInTime(WireConnection& wire, const ReceiveRequest& request, platform::Clock& clock,
+                                         Executor queue) {
+    platform::TimeLimit limit(clock, queue, [&wire] { wire.close(); });
+    limit.begin(request.handshakeSeconds);
+    try {
+        co_return co_await authenticate(wire, request);
+    } catch (const std::exception&) {
+        if (limit.hasExpired()) {
+            throw ReceiveError::noiseHandshakeFailed("timed out after " + timeInWords(request.handshakeSeconds));
+        }
+        throw;
+    }
 }
 
 /// The frames of one transfer in their order: one offer, its data, Done.
@@ -178,7 +195,7 @@ Task<ReceivedFile> receiveOnQueue(platform::System& system, ReceiveRequest reque
     WireConnection wire(std::move(connection), system.clock);
     progress.onConnected(wire.remoteEndpoint());
 
-    TransportFramer framer = co_await authenticate(wire, request);
+    TransportFramer framer = co_await authenticateInTime(wire, request, system.clock, queue);
     progress.onHandshakeComplete();
     OneTransfer transfer(system, request, progress, wire);
     co_return co_await receiveFile(system.network, wire, framer, transfer);

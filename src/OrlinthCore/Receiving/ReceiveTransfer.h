@@ -35,7 +35,8 @@ struct ReceiveRequest {
     /// A port that is already open, for a host that had the system choose it; `port` is then not looked at.
     std::unique_ptr<platform::Listener> listener = nullptr;
     std::string prologue = std::string(kOrlinthPrologue);
-    double acceptTimeout = 0; ///< seconds to wait for a connection; zero or less waits for ever
+    double acceptTimeout = 0;    ///< seconds to wait for a connection; zero or less waits for ever
+    double handshakeSeconds = 0; ///< in which the phone has to prove its key; 0: no limit
     ReceiveProgress* progress = nullptr;
 };
 

@@ -1,8 +1,10 @@
 #include "OrlinthCore/Sending/ClipboardSender.h"
 
 #include "OrlinthCore/Sending/PhoneConnection.h"
+#include "base/Text.h"
 #include "platform/Cancelled.h"
 #include "platform/Spawn.h"
+#include "platform/TimeLimit.h"
 
 #include <optional>
 #include <utility>
@@ -23,6 +25,7 @@ ConnectRequest connectRequest(platform::System& system, const OneOffRequest& req
             .warmConnectTimeout = request.warmConnectTimeout,
             .connectAfterWake = attemptOnce,
             .fcmBaseURL = request.fcmBaseURL,
+            .mayWake = request.mayWake,
             .onWarmFailure =
                 [clipLog](const std::exception& error) mutable {
                     clipLog.write("warm connect failed: " + describe(error));
@@ -35,15 +38,26 @@ ConnectRequest connectRequest(platform::System& system, const OneOffRequest& req
             .onWoken = request.onWaking};
 }
 
-/// Writes the sealed message. A failure is logged and no more: the phone may have said Unpair and closed.
-Task<> deliver(platform::System& system, WireConnection& wire, ByteView sealed, const std::function<void()>& onSent) {
+/// Writes the sealed message; returns whether the system has taken it. A failure is logged and no more: the phone may
+/// have said Unpair and closed.
+Task<bool> deliver(platform::System& system, WireConnection& wire, ByteView sealed, platform::TimeLimit& limit,
+                   const OneOffRequest& request) {
+    limit.begin(request.sendSeconds);
     try {
         co_await wire.sendLengthPrefixed(sealed);
-        if (onSent) {
-            onSent();
+        limit.end();
+        if (request.onSent) {
+            request.onSent();
         }
+        co_return true;
     } catch (const std::exception& error) {
+        if (limit.hasExpired()) {
+            throw SendError::network("the message was not taken within " + timeInWords(request.sendSeconds),
+                                     SendError::Reason::stalled, std::current_exception());
+        }
+        limit.end();
         ClipLog(system.log).write("write failed, checking for Unpair: " + platform::textOfFailure(error));
+        co_return false;
     }
 }
 
@@ -63,44 +77,51 @@ Task<bool> phoneRemovedUs(platform::Network& network, WireConnection& wire, Tran
     }
 }
 
-Task<> sendOnQueue(platform::System& system, TransportMessage message, OneOffRequest request, Executor queue) {
+Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, OneOffRequest request, Executor queue) {
     // Sealing would say so too, but only after a phone had been woken for nothing.
     if (const std::size_t size = message.toJson().size() + 1; size > TransportFramer::maxPlaintextBytes) {
         throw TransportFramer::Error::plaintextTooLarge(size);
     }
-    const Bytes peerPubkey = pubkeyOf(request.peer);
+    Bytes peerPubkey = pubkeyOf(request.peer);
     std::unique_ptr<platform::Stream> connection =
         co_await connectOrWake(system, connectRequest(system, request, queue));
     if (request.keepAlive) {
         connection->setKeepAlive(*request.keepAlive);
     }
-    if (request.onConnected) {
-        request.onConnected();
-    }
     WireConnection wire(std::move(connection), system.clock);
-    TransportFramer framer = co_await authenticate(wire, request.staticKey, request.prologue, peerPubkey);
+    Authentication who{.staticKey = request.staticKey,
+                       .prologue = request.prologue,
+                       .peerPubkey = std::move(peerPubkey),
+                       .seconds = request.handshakeSeconds};
+    TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     if (request.onHandshakeComplete) {
         request.onHandshakeComplete();
     }
     const Bytes sealed = framer.encodeJSON(message);
-    co_await deliver(system, wire, sealed, request.onSent);
+    platform::TimeLimit limit(system.clock, queue, [&wire] { wire.close(); });
+    const bool wasTaken = co_await deliver(system, wire, sealed, limit, request);
+    limit.begin(request.answerSeconds);
     const bool removed = co_await phoneRemovedUs(system.network, wire, framer);
     if (removed) {
         throw SendError::peerRemoved();
     }
+    if (!wasTaken) {
+        co_return OneOffEnd::brokeOff;
+    }
+    co_return limit.hasExpired() ? OneOffEnd::silent : OneOffEnd::ended;
 }
 
 } // namespace
 
-Task<> sendOneOff(platform::System& system, TransportMessage message, OneOffRequest request) {
+Task<OneOffEnd> sendOneOff(platform::System& system, TransportMessage message, OneOffRequest request) {
     const Executor queue = system.network.makeSerialQueue("orlinth.clipboard");
-    Task<> send = sendOnQueue(system, std::move(message), std::move(request), queue);
-    co_await platform::runOn(queue, std::move(send));
+    Task<OneOffEnd> send = sendOnQueue(system, std::move(message), std::move(request), queue);
+    co_return co_await platform::runOn(queue, std::move(send));
 }
 
-Task<> sendClipboard(platform::System& system, std::string text, std::string mime, OneOffRequest request) {
+Task<OneOffEnd> sendClipboard(platform::System& system, std::string text, std::string mime, OneOffRequest request) {
     TransportMessage message = TransportMessage::clipboard(std::move(text), std::move(mime));
-    co_await sendOneOff(system, std::move(message), std::move(request));
+    co_return co_await sendOneOff(system, std::move(message), std::move(request));
 }
 
 } // namespace orlinth

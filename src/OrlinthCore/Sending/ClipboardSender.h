@@ -34,22 +34,34 @@ struct OneOffRequest {
     double warmConnectTimeout;     ///< seconds for the first attempt to connect
     double postWakeConnectTimeout; ///< seconds for the single attempt after a wake, which waits for the phone's port
     std::string fcmBaseURL = FcmWake::defaultBaseURL;
-    std::function<void()> onConnected = {};         ///< a connection is up, nothing is proved yet
-    std::function<void()> onWaking = {};            ///< a push was delivered
+    bool mayWake = true;                 ///< whether a phone that sleeps is woken, if its push token is known
+    double handshakeSeconds = 0;         ///< in which the phone has to prove its key; 0: no limit
+    double sendSeconds = 0;              ///< in which it has to take the message; 0: no limit
+    double answerSeconds = 0;            ///< in which it may answer or close behind it; 0: no limit
+    std::function<void()> onWaking = {}; ///< a push was delivered
     std::function<void()> onHandshakeComplete = {}; ///< the phone has proved its key
     std::function<void()> onSent = {};              ///< the system has taken the whole message
     /// Notices a phone that is gone, as its answer is waited for without limit. Absent: off.
     std::optional<platform::KeepAlive> keepAlive = {};
 };
 
+/// How the phone behaved behind the message.
+enum class OneOffEnd {
+    ended,    ///< it has answered, or closed the connection
+    silent,   ///< it has done neither in time
+    brokeOff, ///< it has broken the connection off before it had the whole message, which may not have arrived
+};
+
 /// Delivers one control message over a connection of its own, waking the phone if it sleeps.
 ///
 /// Best effort by design: once the phone has proved its key, success means that no Unpair was seen, even if the write
-/// failed. Waits for the phone's answer or for it to close, without a limit.
-/// @throws SendError; TransportFramer::Error::plaintextTooLarge before anything else is done
-[[nodiscard]] Task<> sendOneOff(platform::System& system, TransportMessage message, OneOffRequest request);
+/// failed. Waits for the phone's answer, or for it to close.
+/// @throws SendError, that of a message that was not taken in time as network (stalled);
+///         TransportFramer::Error::plaintextTooLarge before anything else is done
+[[nodiscard]] Task<OneOffEnd> sendOneOff(platform::System& system, TransportMessage message, OneOffRequest request);
 
 /// The same for clipboard text; `mime` says what it is ("text/plain").
-[[nodiscard]] Task<> sendClipboard(platform::System& system, std::string text, std::string mime, OneOffRequest request);
+[[nodiscard]] Task<OneOffEnd> sendClipboard(platform::System& system, std::string text, std::string mime,
+                                            OneOffRequest request);
 
 } // namespace orlinth

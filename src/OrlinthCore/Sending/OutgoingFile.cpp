@@ -18,11 +18,24 @@ std::string mimeType(const platform::MimeTypes& mimeTypes, const platform::Path&
     return type.value_or("application/octet-stream");
 }
 
-OutgoingFile examineFile(platform::System& system, const platform::Path& url) {
-    if (!system.files.exists(url)) {
-        throw SendError::fileMissing(url.native());
+namespace {
+
+/// Nothing if there is no such file, which includes a way to it that cannot be gone.
+std::optional<platform::FileStatus> statusOf(platform::FileSystem& files, const platform::Path& path) {
+    try {
+        return files.status(path);
+    } catch (const platform::SystemError&) {
+        if (!files.exists(path)) {
+            return std::nullopt;
+        }
+        throw;
     }
-    const std::optional<platform::FileStatus> status = system.files.status(url);
+}
+
+} // namespace
+
+OutgoingFile examineFile(platform::System& system, const platform::Path& url) {
+    const std::optional<platform::FileStatus> status = statusOf(system.files, url);
     if (!status) {
         throw SendError::fileMissing(url.native());
     }
@@ -35,7 +48,8 @@ OutgoingFile examineFile(platform::System& system, const platform::Path& url) {
     OutgoingFile file{.name = toUtf8(lastPathComponent(url.native())),
                       .size = status->size,
                       .mime = mimeType(system.mimeTypes, url),
-                      .fingerprint = ""};
+                      .fingerprint = "",
+                      .seen = *status};
     try {
         file.fingerprint = FileFingerprint::compute(system.files, url);
     } catch (const platform::SystemError&) {

@@ -5,7 +5,9 @@
 #include "base/Base64.h"
 #include "base/ConstantTime.h"
 #include "base/Precondition.h"
+#include "base/Text.h"
 #include "platform/Cancelled.h"
+#include "platform/TimeLimit.h"
 
 #include <cmath>
 #include <limits>
@@ -77,7 +79,7 @@ void decideOnWake(const ConnectRequest& request, const std::exception_ptr& warmE
             request.onWarmFailure(error);
         }
         const bool needsWake = looksAsleep(error);
-        const bool hasFcm = !request.peer.peer_fcm_token.empty();
+        const bool hasFcm = request.mayWake && !request.peer.peer_fcm_token.empty();
         if (request.onDecision) {
             request.onDecision(needsWake, hasFcm);
         }
@@ -140,16 +142,18 @@ Bytes pubkeyOf(const PeerRecord& peer) {
     return std::move(*pubkey);
 }
 
-Task<TransportFramer> authenticate(WireConnection& wire, const platform::PrivateKey& staticKey, std::string prologue,
-                                   Bytes peerPubkey) {
-    NoiseHandshake handshake(NoiseRole::initiator, staticKey.clone(), asBytes(prologue));
+Task<TransportFramer> authenticate(WireConnection& wire, platform::Clock& clock, Executor queue, Authentication who) {
+    NoiseHandshake handshake(NoiseRole::initiator, who.staticKey.clone(), asBytes(who.prologue));
+    platform::TimeLimit limit(clock, queue, [&wire] { wire.close(); });
+    limit.begin(who.seconds);
     try {
         co_await exchangeAsInitiator(wire, handshake);
     } catch (const std::exception& error) {
-        throw SendError::noiseHandshakeFailed(platform::textOfFailure(error));
+        throw SendError::noiseHandshakeFailed(limit.hasExpired() ? "timed out after " + timeInWords(who.seconds)
+                                                                 : platform::textOfFailure(error));
     }
     NoiseTransport transport = std::move(handshake).finalize();
-    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), peerPubkey)) {
+    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), who.peerPubkey)) {
         throw SendError::unauthorizedPeer();
     }
     co_return TransportFramer(std::move(transport));

@@ -22,6 +22,7 @@ struct ConnectRequest {
     /// Connects to the phone that has just been woken: the only difference between the senders.
     std::function<Task<std::unique_ptr<platform::Stream>>()> connectAfterWake;
     std::string fcmBaseURL;
+    bool mayWake = true; ///< whether a phone that sleeps is woken, if its push token is known
     /// What happens on the way, for an observer or a log; each may be empty.
     std::function<void(const std::exception&)> onWarmFailure = {};
     std::function<void(bool needsWake, bool hasFcm)> onDecision = {};
@@ -47,10 +48,20 @@ struct ConnectRequest {
 /// The phone's key from its record. @throws SendError::unauthorizedPeer if it is not Base64
 [[nodiscard]] Bytes pubkeyOf(const PeerRecord& peer);
 
-/// Runs the handshake as its initiator and checks that the phone is the one that was paired. The references outlive
-/// the call, which is awaited where it is made.
-/// @throws SendError::noiseHandshakeFailed, unauthorizedPeer; what finalizing throws, unchanged
-[[nodiscard]] Task<TransportFramer> authenticate(WireConnection& wire, const platform::PrivateKey& staticKey,
-                                                 std::string prologue, Bytes peerPubkey);
+/// Who has to prove what in a handshake, and until when.
+struct Authentication {
+    const platform::PrivateKey& staticKey; ///< ours
+    std::string prologue;
+    Bytes peerPubkey; ///< the phone's, as it was paired
+    double seconds;   ///< for the whole handshake; 0: no limit
+};
+
+/// Runs the handshake as its initiator and checks that the phone is the one that was paired. The connection, whose
+/// queue this runs on, is closed when the time is over. The references outlive the call, which is awaited where it is
+/// made.
+/// @throws SendError::noiseHandshakeFailed, also "timed out after 10 seconds"; unauthorizedPeer; what finalizing
+///         throws, unchanged
+[[nodiscard]] Task<TransportFramer> authenticate(WireConnection& wire, platform::Clock& clock, Executor queue,
+                                                 Authentication who);
 
 } // namespace orlinth

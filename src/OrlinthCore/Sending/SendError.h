@@ -31,6 +31,7 @@ public:
         networkUnreachable, ///< this computer has no way to the address's network
         unknownName,        ///< the name does not resolve
         pushFailed,         ///< the wake push could not be sent
+        stalled,            ///< the phone was there, and then nothing moved for too long
         other
     };
 

@@ -2,7 +2,9 @@
 
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "OrlinthCore/Sending/PhoneConnection.h"
+#include "base/Text.h"
 #include "platform/Spawn.h"
+#include "platform/TimeLimit.h"
 
 #include <utility>
 
@@ -26,6 +28,7 @@ ConnectRequest connectRequest(platform::System& system, const SendTerms& terms, 
             .warmConnectTimeout = terms.warmConnectTimeout,
             .connectAfterWake = attemptInWindow,
             .fcmBaseURL = terms.fcmBaseURL,
+            .mayWake = terms.mayWake,
             .onWoken = [&progress] { progress.onWaking(); }};
 }
 
@@ -77,15 +80,25 @@ std::unique_ptr<platform::File> openAt(platform::FileSystem& files, const platfo
     return file;
 }
 
+/// What a send has at hand once the phone has proved its key.
+struct Conversation {
+    platform::System& system;
+    const PreparedFile& prepared;
+    const SendTerms& terms;
+    SendProgress& progress;
+    WireConnection& wire;
+    TransportFramer& framer;
+    platform::TimeLimit& silence; ///< closes the connection
+};
+
 /// Streams the file from `offset` to its end, whatever its size was when it was offered; returns how many bytes went.
 ///
 /// A chunk is read, sealed and sent in one buffer. The next is read only when the system has taken the one before, so
 /// a slow phone slows the reading down and memory stays at one chunk.
-Task<std::int64_t> stream(WireConnection& wire, TransportFramer& framer, FrameBuffer& buffer, platform::File& file,
-                          std::int64_t offset, std::int64_t size, const SendTerms& terms, SendProgress& progress) {
+Task<std::int64_t> stream(Conversation& with, FrameBuffer& buffer, platform::File& file, std::int64_t offset) {
     std::int64_t sent = 0;
     for (;;) {
-        if (terms.cancel && terms.cancel()) {
+        if (with.terms.cancel && with.terms.cancel()) {
             throw SendError::cancelled();
         }
         const MutableBytes room = TransportFramer::binaryPayload(buffer, chunkBytes);
@@ -93,10 +106,52 @@ Task<std::int64_t> stream(WireConnection& wire, TransportFramer& framer, FrameBu
         if (count == 0) {
             co_return sent;
         }
-        framer.sealBinary(buffer, count);
-        co_await wire.sendFrame(buffer);
+        with.framer.sealBinary(buffer, count);
+        co_await with.wire.sendFrame(buffer);
+        with.silence.begin(with.terms.silenceSeconds);
         sent += static_cast<std::int64_t>(count);
-        progress.onProgress(offset + sent, size);
+        with.progress.onProgress(offset + sent, with.prepared.file.size);
+    }
+}
+
+/// From the offer to Done.
+Task<SentFile> offerAndStream(Conversation& with) {
+    const OutgoingFile& source = with.prepared.file;
+    const std::string& id = with.prepared.transferId;
+    const Bytes offer = with.framer.encodeJSON(TransportMessage::fileOffer(source.name, source.size, source.mime, id));
+    co_await with.wire.sendLengthPrefixed(offer);
+    FrameBuffer buffer;
+    co_await with.wire.receiveFrame(buffer);
+    const FrameView answer = co_await with.framer.decodeInPlace(with.system.network, buffer.body());
+    const std::int64_t offset = acceptedOffset(answer, id, source.size);
+
+    const platform::Clock::Instant start = with.system.clock.now();
+    const std::unique_ptr<platform::File> file = openAt(with.system.files, with.prepared.path, offset);
+    with.silence.begin(with.terms.silenceSeconds);
+    with.progress.onProgress(offset, source.size);
+    const std::int64_t sent = co_await stream(with, buffer, *file, offset);
+    const Bytes done = with.framer.encodeJSON(TransportMessage::done());
+    co_await with.wire.sendLengthPrefixed(done);
+    co_return SentFile{.savedPath = with.prepared.path.native(),
+                       .bytesSent = offset + sent,
+                       .advertisedSize = source.size,
+                       .durationSeconds = (with.system.clock.now() - start).count(),
+                       .resumedFromOffset = offset};
+}
+
+/// The same within the limit of silence.
+Task<SentFile> offerAndStreamInTime(Conversation& with) {
+    with.silence.begin(with.terms.silenceSeconds);
+    try {
+        SentFile sent = co_await offerAndStream(with);
+        with.silence.end(); // the farewell has a limit of its own
+        co_return sent;
+    } catch (...) {
+        if (with.silence.hasExpired()) {
+            throw SendError::network("no progress for " + timeInWords(with.terms.silenceSeconds),
+                                     SendError::Reason::stalled, std::current_exception());
+        }
+        throw;
     }
 }
 
@@ -105,9 +160,8 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
                               std::function<void()> onEndSent) {
     SendProgress unwatched;
     SendProgress& progress = terms.progress != nullptr ? *terms.progress : unwatched;
-    const OutgoingFile& source = prepared.file;
-    progress.onFile(source.name, source.size, source.mime);
-    const Bytes peerPubkey = pubkeyOf(terms.peer);
+    progress.onFile(prepared.file.name, prepared.file.size, prepared.file.mime);
+    Bytes peerPubkey = pubkeyOf(terms.peer);
 
     std::unique_ptr<platform::Stream> connection =
         co_await connectOrWake(system, connectRequest(system, terms, queue, progress));
@@ -117,31 +171,25 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
     progress.onConnected();
 
     WireConnection wire(std::move(connection), system.clock);
-    TransportFramer framer = co_await authenticate(wire, terms.staticKey, terms.prologue, peerPubkey);
+    Authentication who{.staticKey = terms.staticKey,
+                       .prologue = terms.prologue,
+                       .peerPubkey = std::move(peerPubkey),
+                       .seconds = terms.handshakeSeconds};
+    TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     progress.onHandshakeComplete();
 
-    const Bytes offer =
-        framer.encodeJSON(TransportMessage::fileOffer(source.name, source.size, source.mime, prepared.transferId));
-    co_await wire.sendLengthPrefixed(offer);
-    FrameBuffer buffer;
-    co_await wire.receiveFrame(buffer);
-    const FrameView answer = co_await framer.decodeInPlace(system.network, buffer.body());
-    const std::int64_t offset = acceptedOffset(answer, prepared.transferId, source.size);
-
-    const platform::Clock::Instant start = system.clock.now();
-    const std::unique_ptr<platform::File> file = openAt(system.files, prepared.path, offset);
-    progress.onProgress(offset, source.size);
-    const std::int64_t sent = co_await stream(wire, framer, buffer, *file, offset, source.size, terms, progress);
-    const Bytes done = framer.encodeJSON(TransportMessage::done());
-    co_await wire.sendLengthPrefixed(done);
+    platform::TimeLimit silence(system.clock, queue, [&wire] { wire.close(); });
+    Conversation conversation{.system = system,
+                              .prepared = prepared,
+                              .terms = terms,
+                              .progress = progress,
+                              .wire = wire,
+                              .framer = framer,
+                              .silence = silence};
+    SentFile result = co_await offerAndStreamInTime(conversation);
     if (onEndSent) {
         onEndSent();
     }
-    SentFile result{.savedPath = prepared.path.native(),
-                    .bytesSent = offset + sent,
-                    .advertisedSize = source.size,
-                    .durationSeconds = (system.clock.now() - start).count(),
-                    .resumedFromOffset = offset};
     progress.onComplete(result);
     const WireConnection::Farewell farewell = co_await wire.closeAfterFarewell(terms.farewellSeconds);
     co_return SendOutcome{.sent = std::move(result), .farewell = farewell};

@@ -55,6 +55,10 @@ struct SendTerms {
     std::string fcmBaseURL = FcmWake::defaultBaseURL;
     std::function<bool()> cancel = {}; ///< asked before each chunk, on any thread; true ends the transfer
     SendProgress* progress = nullptr;
+    bool mayWake = true;         ///< whether a phone that does not answer is woken, if its push token is known
+    double handshakeSeconds = 0; ///< in which the phone has to prove its key; 0: no limit
+    /// How long the phone may take to answer the offer, and then for each chunk; 0: no limit.
+    double silenceSeconds = 0;
     double farewellSeconds = 1; ///< how long the phone may take to close after Done
     /// Notices a phone that is gone, as the phone's answer to the offer is waited for without limit. Absent: off.
     std::optional<platform::KeepAlive> keepAlive = {};
@@ -77,10 +81,10 @@ struct SendRequest {
 ///         WireConnection::Error and TransportFramer::Error as they come after the handshake.
 [[nodiscard]] Task<SentFile> sendOneFile(platform::System& system, SendRequest request);
 
-/// A file that was examined, with the id to offer it under.
+/// A file that was examined, once, with the id to offer it under.
 struct PreparedFile {
     platform::Path path;
-    OutgoingFile file;
+    OutgoingFile file; ///< with what it was when it was examined
     std::string transferId;
 };
 

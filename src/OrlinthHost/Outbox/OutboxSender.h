@@ -4,8 +4,12 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxLookout.h"
 #include "OrlinthHost/Outbox/OutboxQueue.h"
+#include "OrlinthHost/Sending/Attempt.h"
+#include "OrlinthHost/Sending/RetryPolicy.h"
 #include "platform/Condition.h"
+#include "platform/TaskGroup.h"
 
+#include <exception>
 #include <map>
 #include <memory>
 #include <optional>
@@ -18,27 +22,19 @@ namespace orlinth::host {
 /// helps: as PhoneLanes has it. A connection that fails while there are others says
 /// little about the phone; its file goes back to its place.
 ///
-/// What fails because the phone cannot be reached, or because the connection breaks, is tried again after growing
-/// pauses; and at once when there is reason to hope: the phone is heard of, its record changes, a new batch comes for
-/// it, somebody asks for it. What the phone declines, or what cannot be read, is not tried again, nor is a file whose
-/// delivery has ended in doubt as often as OffersInDoubt allows. A batch that every
-/// phone has is removed; one of which something is not sent for good, or that makes no sense, is set aside.
+/// What fails because the phone cannot be reached, or because the connection breaks, is tried again as RetryPolicy has
+/// it. There is reason to hope when the phone is heard of, its record changes, a new batch comes for it, or somebody
+/// asks for it. What the phone declines, or what cannot be read, is not tried again, nor is a file whose delivery has
+/// ended in doubt as often as OffersInDoubt allows. A batch that every phone has is removed; one of which something is
+/// not sent for good, or that makes no sense, is set aside.
 ///
 /// Everything here, and each send, runs on the thread of the runner, as the events and the receive service's callbacks
 /// do: so nothing is shared. A file costs a line in a file there, and every sixteenth a look at the next sixteen and a
 /// write that is flushed; both are short. The service's connections have threads of their own.
 class OutboxSender {
 public:
-    /// Seconds after the handshake without any progress, after which an attempt is given up. Somebody at the phone may
-    /// take two minutes to say yes.
-    static constexpr double silenceSeconds = 300;
-    /// Seconds that a pause has lasted, after which being heard of is not taken for an answer to our own push.
-    static constexpr double echoSeconds = 60;
     /// Seconds between two events of progress.
     static constexpr double progressSeconds = 0.5;
-
-    /// Seconds from the n-th failure in a row, counted from 1, to the next attempt.
-    [[nodiscard]] static double pauseAfter(int failures) noexcept;
 
     /// What is referred to outlives this.
     OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events);
@@ -60,7 +56,7 @@ public:
     [[nodiscard]] Task<> finish();
 
 private:
-    struct Attempt;
+    struct Running;
     struct Phone;
     using Job = OutboxQueue::Job;
 
@@ -75,13 +71,16 @@ private:
     /// The next file of the job for this phone, unless that fails for good, or has to wait.
     void begin(Phone& phone, Job& job);
     void launch(Phone& phone, Job& job, const std::string& file);
-    [[nodiscard]] Task<> transfer(Attempt& attempt);
-    void settle(Phone& phone, const Attempt& ended);
-    void settle(Phone& phone, Job& job, const Attempt& attempt);
-    void settleDoubt(Phone& phone, Job& job, const Attempt& attempt);
-    [[nodiscard]] static bool hasGotFurther(Phone& phone, const Attempt& attempt);
-    void settleFailure(Phone& phone, Job& job, const Attempt& attempt);
+    [[nodiscard]] Task<> transfer(Running& running);
+    void settle(Phone& phone, const Running& ended, std::exception_ptr error);
+    void settle(Phone& phone, Job& job, const Running& running, const EndedAttempt& ended);
+    void settleDoubt(Phone& phone, Job& job, const Running& running);
+    void settleOneTooMany(Phone& phone, Job& job, const Running& running);
+    void settleBreak(Phone& phone, Job& job, const Running& running, const EndedAttempt& ended);
+    [[nodiscard]] static bool hasGotFurther(Phone& phone, const Running& running);
+    void end(Phone& phone, RetryPolicy::Outcome outcome) const;
     void pause(Phone& phone, const std::string& message);
+    void wait(Phone& phone, double seconds, const std::string& message);
     [[nodiscard]] bool retry(const std::optional<std::string>& id);
     [[nodiscard]] bool drop(const std::string& id);
     void discard(const std::string& id);
@@ -92,6 +91,7 @@ private:
     OutboxQueue queue_;
     OutboxLookout lookout_;
     std::map<std::string, std::unique_ptr<Phone>> phones_; ///< by key; none goes
+    platform::TaskGroup tasks_;                            ///< one for each attempt
     std::map<std::string, std::string> left_;              ///< batches that could not be removed, and why
     platform::Condition news_;                             ///< an attempt has been settled, or a batch is gone
     bool isStopping_ = false;

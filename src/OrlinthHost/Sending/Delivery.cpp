@@ -1,17 +1,38 @@
 #include "OrlinthHost/Sending/Delivery.h"
 
+#include "OrlinthHost/Sending/PhoneLimits.h"
+#include "OrlinthHost/Sending/PushService.h"
 #include "base/Text.h"
 
 #include <utility>
 
 namespace orlinth::host {
 
-Task<Delivered> deliver(platform::System& system, PreparedFile file, SendTerms terms, int offersAtOnce,
-                        OffersInDoubt& inDoubt, std::function<void()> onAgain) {
+namespace {
+
+SendTerms termsOf(const DeliveryRequest& request) {
+    return {.peer = request.phone,
+            .staticKey = request.ownKey,
+            .warmConnectTimeout = request.times.warm,
+            .postWakeConnectTimeout = request.times.wake,
+            .postWakeAttemptTimeout = request.times.attempt,
+            .postWakeRetryInterval = request.times.retry,
+            .fcmBaseURL = pushServiceURL(),
+            .progress = request.progress,
+            .mayWake = request.mayWake,
+            .handshakeSeconds = handshakeSeconds,
+            .silenceSeconds = request.silenceSeconds,
+            .farewellSeconds = farewellSeconds,
+            .keepAlive = phoneKeepAlive};
+}
+
+} // namespace
+
+Task<Delivered> deliver(platform::System& system, DeliveryRequest request) {
     using Farewell = WireConnection::Farewell;
-    terms.farewellSeconds = farewellSeconds;
+    const SendTerms terms = termsOf(request);
     for (int offer = 1;; ++offer) {
-        SendOutcome outcome = co_await sendPrepared(system, file, terms);
+        SendOutcome outcome = co_await sendPrepared(system, request.file, terms);
         switch (outcome.farewell) {
         case Farewell::closed:
             co_return Delivered{.sent = std::move(outcome.sent), .isConfirmed = true};
@@ -21,29 +42,18 @@ Task<Delivered> deliver(platform::System& system, PreparedFile file, SendTerms t
         case Farewell::silent:
             break;
         }
-        ++inDoubt.count;
-        if (offer >= offersAtOnce) {
+        ++request.inDoubt.count;
+        if (offer >= request.offersAtOnce) {
             throw DeliveryInDoubt();
         }
-        onAgain();
+        if (request.onAgain) {
+            request.onAgain();
+        }
     }
 }
 
 std::string unconfirmedRemark(const std::string& phone, const std::string& file) {
     return forDisplay(phone) + " has received every byte of " + forDisplay(file) + " but did not confirm the file.";
-}
-
-bool isNotTaken(const AttemptReach& reach, const std::exception_ptr& error) {
-    if (!reach.hasProvedKey || reach.hasBegun || !error) {
-        return false;
-    }
-    try {
-        std::rethrow_exception(error);
-    } catch (const WireConnection::Error& failure) {
-        return failure.which() != WireConnection::Error::Case::oversize;
-    } catch (...) {
-        return false;
-    }
 }
 
 } // namespace orlinth::host

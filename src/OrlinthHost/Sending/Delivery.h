@@ -1,10 +1,11 @@
 #pragma once
 
 #include "OrlinthCore/Sending/SendTransfer.h"
+#include "OrlinthHost/Sending/SendTimes.h"
 #include "base/Error.h"
 
 #include <functional>
-#include <optional>
+#include <string>
 
 namespace orlinth::host {
 
@@ -15,10 +16,6 @@ namespace orlinth::host {
 /// every byte for `farewellSeconds` without a word. Everything else behind the end (a reset, silence with bytes that
 /// never came through) leaves it in doubt: it is offered again at once, under the same id, by which a phone can know
 /// what it has.
-
-/// Seconds that a phone may take to close behind the end of a file while nothing more is acknowledged. It has to flush
-/// its disk.
-inline constexpr double farewellSeconds = 60;
 
 /// The connection to the phone broke behind the end of the file, as often as it was offered: it may have arrived.
 class DeliveryInDoubt : public Error {
@@ -47,22 +44,22 @@ struct Delivered {
 /// What to tell of a file that was delivered without a confirmation.
 [[nodiscard]] std::string unconfirmedRemark(const std::string& phone, const std::string& file);
 
-/// Sends the file, and offers it again as said above, until it was offered `offersAtOnce` times. `inDoubt` is counted
-/// up and outlives the call, as does what `terms` refer to. `onAgain` is called before each further offer.
-/// @throws DeliveryInDoubt; as sendPrepared(), also after an offer that has ended in doubt: `inDoubt` tells
-[[nodiscard]] Task<Delivered> deliver(platform::System& system, PreparedFile file, SendTerms terms, int offersAtOnce,
-                                      OffersInDoubt& inDoubt, std::function<void()> onAgain);
-
-/// How far an attempt came that has failed.
-struct AttemptReach {
-    bool hasProvedKey = false; ///< the phone has
-    bool hasBegun = false;     ///< it has accepted the offer
+/// One file for one phone. What is referred to outlives the delivery.
+struct DeliveryRequest {
+    PreparedFile file;
+    PeerRecord phone;
+    const platform::PrivateKey& ownKey;
+    SendTimes times = {};
+    bool mayWake = true;       ///< whether a phone that does not answer is woken
+    double silenceSeconds = 0; ///< after which a phone that lets nothing move is given up; 0: never
+    SendProgress* progress = nullptr;
+    int offersAtOnce = OffersInDoubt::atOnce; ///< how often the file may be offered in this delivery
+    OffersInDoubt& inDoubt;                   ///< counted up
+    std::function<void()> onAgain = {};       ///< called before each further offer; what it throws ends the delivery
 };
 
-/// Whether the phone, once it had proved its key, ended the connection without a word about the offer: it does not
-/// take files of this computer, most likely because it does not know it any more.
-[[nodiscard]] bool isNotTaken(const AttemptReach& reach, const std::exception_ptr& error);
-inline constexpr const char* notTakenText =
-    "the phone ended the connection before it took the file; it may no longer know this computer";
+/// Sends the file, and offers it again as said above: the one place where a request to send a file is made.
+/// @throws DeliveryInDoubt; as sendPrepared(), also after an offer that has ended in doubt: `inDoubt` tells
+[[nodiscard]] Task<Delivered> deliver(platform::System& system, DeliveryRequest request);
 
 } // namespace orlinth::host

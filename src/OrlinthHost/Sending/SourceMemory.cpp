@@ -25,13 +25,9 @@ SourceMemory::SourceMemory(platform::System& system, const InFlightJournal& jour
 
 std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& file) const {
     try {
-        const std::optional<platform::FileStatus> status = system_.files.status(file);
         OutgoingFile examined = examineFile(system_, file);
-        if (!status) {
-            return std::nullopt;
-        }
         InFlightKey key = keyOf(examined);
-        return Source{.file = std::move(examined), .key = std::move(key), .look = lookOf(*status)};
+        return Source{.file = std::move(examined), .key = std::move(key)};
     } catch (const Error&) {
         return std::nullopt;
     }
@@ -40,7 +36,7 @@ std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& 
 bool SourceMemory::isUnchanged(const platform::Path& file, const Source& source) const {
     try {
         const std::optional<platform::FileStatus> status = system_.files.status(file);
-        return status && lookOf(*status) == source.look;
+        return status && platform::isSameContent(*status, source.file.seen);
     } catch (const Error&) {
         return false;
     }
@@ -50,7 +46,7 @@ void SourceMemory::compare(std::vector<Source>& sources) const {
     const Json known = load();
     for (Source& source : sources) {
         const auto before = known.find(source.key.text());
-        source.isFresh = before == known.end() || *before != source.look;
+        source.isFresh = before == known.end() || *before != lookOf(source.file.seen);
     }
 }
 
@@ -60,9 +56,10 @@ void SourceMemory::remember(const std::vector<Source>& sources) {
     Json known = load();
     bool hasChanged = eraseForgotten(known);
     for (const Source& source : sources) {
-        Json& look = known[source.key.text()];
-        if (look != source.look) {
-            look = source.look;
+        Json& remembered = known[source.key.text()];
+        const Json look = lookOf(source.file.seen);
+        if (remembered != look) {
+            remembered = look;
             hasChanged = true;
         }
     }

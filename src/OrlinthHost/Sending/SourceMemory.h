@@ -26,7 +26,6 @@ public:
     struct Source {
         OutgoingFile file;
         InFlightKey key;
-        Json look;
         /// Whether it is not the file that an earlier attempt was for, if there was one; set by compare().
         bool isFresh = false;
     };

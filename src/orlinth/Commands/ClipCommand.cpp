@@ -1,14 +1,12 @@
 #include "OrlinthCore/Sending/ClipboardSender.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Sending/HandshakeLimit.h"
-#include "OrlinthHost/Sending/PhoneKeepAlive.h"
+#include "OrlinthHost/Sending/PhoneLimits.h"
 #include "OrlinthHost/Sending/PushService.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/TextSource.h"
 #include "orlinth/Reporting/Hints.h"
-#include "platform/Cancelled.h"
 
 #include <algorithm>
 
@@ -23,64 +21,26 @@ struct ClipTimes {
     double answer = 10;
 };
 
-/// What the core says on the way, and the limits of time that it does not set itself.
+/// Tells people and scripts what became of the text.
 class ClipReporter {
 public:
-    ClipReporter(Host& host, std::string to, std::size_t textBytes, double answerTimeout)
-        : output_(host.output),
-          handshake_(host.system.clock, host.executor, [&tasks = host.tasks] { tasks.cancel(); }),
-          step_(host.system.clock, host.executor, [&tasks = host.tasks] { tasks.cancel(); }),
-          to_(std::move(to)),
-          textBytes_(textBytes),
-          answerTimeout_(answerTimeout) {}
+    ClipReporter(Output& output, std::string to, std::size_t textBytes)
+        : output_(output), to_(std::move(to)), textBytes_(textBytes) {}
 
     /// Puts the hooks in; this object outlives the request.
     void watch(OneOffRequest& request) {
-        request.onConnected = [this] { handshake_.begin(); };
         request.onWaking = [this] { output_.message("waking " + to_); };
-        request.onHandshakeComplete = [this] {
-            handshake_.end();
-            limitStep(secondsToSend());
-        };
-        request.onSent = [this] {
-            sent_ = true;
-            limitStep(answerTimeout_);
-        };
+        request.onSent = [this] { sent_ = true; };
     }
 
-    void tellComplete() {
-        step_.end();
+    void tellComplete(OneOffEnd end) {
         output_.event("complete", context());
         output_.result("sent " + host::humanSize(static_cast<std::int64_t>(textBytes_)) + " of text to " +
                        forDisplay(to_));
-        if (!sent_) {
+        if (end == OneOffEnd::brokeOff) {
             output_.message(to_ + " broke the connection off before it had the whole text; it may not have arrived.");
-        }
-    }
-
-    /// Silence after the message is a delivery: nobody promises an answer.
-    /// Returns whether that is what has happened; tells the outcome then.
-    bool tellIfOnlyTheAnswerIsMissing(const std::exception& error) {
-        const bool delivered = sent_ && step_.hasExpired() && platform::isCancellation(error);
-        if (delivered) {
-            tellComplete();
+        } else if (end == OneOffEnd::silent) { // nobody promises an answer
             output_.message(to_ + " has neither answered nor closed the connection.");
-        }
-        return delivered;
-    }
-
-    /// The error that a limit of time stands for, or else the one that came.
-    void tellFailure(const std::exception& error, const std::string& where) {
-        const bool cancelled = platform::isCancellation(error);
-        if (cancelled && handshake_.hasExpired()) {
-            const auto late = SendError::noiseHandshakeFailed(host::HandshakeLimit::text());
-            tellFailure(late.description(), hintForSending(late, where));
-        } else if (cancelled && step_.hasExpired()) {
-            const auto late =
-                SendError::network("the phone did not take the text in " + host::humanDuration(secondsToSend()));
-            tellFailure(late.description(), "");
-        } else {
-            tellFailure(describe(error), hintForSending(error, where));
         }
     }
 
@@ -98,33 +58,23 @@ public:
     }
 
 private:
-    void limitStep(double seconds) {
-        if (answerTimeout_ > 0) {
-            step_.begin(seconds);
-        }
-    }
-
-    /// A phone that takes less than this does not take anything.
-    static constexpr double slowestBytesPerSecond = 250'000;
-
-    [[nodiscard]] double secondsToSend() const {
-        return answerTimeout_ + static_cast<double>(textBytes_) / slowestBytesPerSecond;
-    }
     [[nodiscard]] Json context() const { return {{"to", to_}}; }
 
     Output& output_;
-    host::HandshakeLimit handshake_;
-    host::TimeLimit step_; ///< of sending, then of the answer
     std::string to_;
     std::size_t textBytes_;
-    double answerTimeout_;
     bool sent_ = false;
 };
 
-/// All three outlive the task, which is run where they are.
-Task<bool> deliver(platform::System& system, const std::string& text, const std::string& mime, OneOffRequest request) {
-    co_await sendClipboard(system, text, mime, std::move(request));
-    co_return true;
+/// How long a phone may take for the text; 0: as long as it likes.
+double secondsToSend(double answerSeconds, std::size_t textBytes) {
+    constexpr double slowestBytesPerSecond = 250'000; // a phone that takes less does not take anything
+    return answerSeconds <= 0 ? 0 : answerSeconds + static_cast<double>(textBytes) / slowestBytesPerSecond;
+}
+
+bool isStalled(const std::exception& error) {
+    const auto* const failure = dynamic_cast<const SendError*>(&error);
+    return failure != nullptr && failure->reason() == SendError::Reason::stalled;
 }
 
 /// What stands there may be a secret; the error does not repeat it.
@@ -189,30 +139,36 @@ public:
                 .record;
         const std::string where = host::nameAndAddress(peer);
         const std::string text = chooseText(host);
-        ClipReporter reporter(host, peer.peer_hostname, text.size(), times_.answer);
+        ClipReporter reporter(host.output, peer.peer_hostname, text.size());
         OneOffRequest request{.peer = peer,
                               .staticKey = ownKey,
                               .warmConnectTimeout = times_.warm,
                               .postWakeConnectTimeout = times_.wake,
-                              .fcmBaseURL = host::pushServiceURL()};
+                              .fcmBaseURL = host::pushServiceURL(),
+                              .handshakeSeconds = host::handshakeSeconds,
+                              .sendSeconds = secondsToSend(times_.answer, text.size()),
+                              .answerSeconds = times_.answer};
         if (times_.answer <= 0) { // else the limits of the steps are stricter, and say more
             request.keepAlive = host::phoneKeepAlive;
         }
+        const double secondsForText = request.sendSeconds;
         reporter.watch(request);
         try {
-            static_cast<void>(host.tasks.run(deliver(host.system, text, mime_, std::move(request))));
+            reporter.tellComplete(host.tasks.run(sendClipboard(host.system, text, mime_, std::move(request))));
+            return 0;
         } catch (const Interrupted& interrupted) {
             reporter.tellInterrupted(interrupted);
             throw;
         } catch (const std::exception& error) {
-            if (!reporter.tellIfOnlyTheAnswerIsMissing(error)) {
-                reporter.tellFailure(error, where);
-                return 1;
+            if (isStalled(error)) {
+                const auto late =
+                    SendError::network("the phone did not take the text in " + host::humanDuration(secondsForText));
+                reporter.tellFailure(late.description(), "");
+            } else {
+                reporter.tellFailure(describe(error), hintForSending(error, where));
             }
-            return 0;
+            return 1;
         }
-        reporter.tellComplete();
-        return 0;
     }
 
 private:

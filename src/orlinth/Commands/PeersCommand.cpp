@@ -2,10 +2,10 @@
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PairedPhones.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/TimeLimit.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/PairingRecord.h"
+#include "platform/Deadline.h"
 
 #include <algorithm>
 #include <array>
@@ -18,9 +18,8 @@ namespace {
 constexpr double secondsToTell = 5;
 
 /// `system` outlives the task, which is run where it is made.
-Task<bool> sendUnpair(platform::System& system, OneOffRequest request) {
-    co_await sendOneOff(system, TransportMessage::unpair(), std::move(request));
-    co_return true;
+Task<> sendUnpair(platform::System& system, OneOffRequest request) {
+    static_cast<void>(co_await sendOneOff(system, TransportMessage::unpair(), std::move(request)));
 }
 
 /// What `peers add` was told.
@@ -179,7 +178,6 @@ private:
     /// Best effort: if it cannot be told now, the service tells it when it comes.
     static void tellPhone(Host& host, const platform::PrivateKey& ownKey, const PeerRecord& record) {
         const std::string name = forDisplay(record.peer_hostname);
-        host::TimeLimit limit(host.system.clock, host.executor, [&tasks = host.tasks] { tasks.cancel(); });
         bool wasTold = false;
         std::string reason;
         try {
@@ -187,14 +185,15 @@ private:
                                   .staticKey = ownKey,
                                   .warmConnectTimeout = secondsToTell,
                                   .postWakeConnectTimeout = secondsToTell,
+                                  .mayWake = false, // nobody is woken for this
                                   .onSent = [&wasTold] { wasTold = true; }};
-            request.peer.peer_fcm_token.clear(); // nobody is woken for this
-            limit.begin(secondsToTell);
-            static_cast<void>(host.tasks.run(sendUnpair(host.system, std::move(request))));
+            const bool hasEnded = host.tasks.run(
+                platform::endsWithin(host.system.clock, secondsToTell, sendUnpair(host.system, std::move(request))));
+            reason = hasEnded ? "" : "it did not answer";
         } catch (const Interrupted&) {
             throw;
         } catch (const std::exception& error) {
-            reason = limit.hasExpired() ? "it did not answer" : describe(error);
+            reason = describe(error);
         }
         if (wasTold) {
             host.output.message(name + " was told.");

@@ -1,7 +1,7 @@
 #include "OrlinthCore/Receiving/ReceiveTransfer.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Sending/HandshakeLimit.h"
+#include "OrlinthHost/Sending/PhoneLimits.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/FolderCheck.h"
@@ -15,10 +15,10 @@ namespace orlinth::cli {
 
 namespace {
 
-/// Turns what happens to the file into events, messages, the progress bar, and the handshake's time limit.
+/// Turns what happens to the file into events, messages and the progress bar.
 class ReceiveReporter final : public ReceiveProgress {
 public:
-    ReceiveReporter(Output& output, host::HandshakeLimit& handshake) : output_(output), handshake_(handshake) {}
+    explicit ReceiveReporter(Output& output) : output_(output) {}
 
     void onListening(std::uint16_t port) override {
         output_.event("listening", {{"port", port}});
@@ -26,11 +26,8 @@ public:
     }
 
     void onConnected(const std::string& remoteEndpoint) override {
-        handshake_.begin();
         output_.message("connection from " + remoteEndpoint);
     }
-
-    void onHandshakeComplete() override { handshake_.end(); }
 
     void onOffer(const TransportMessage::FileOffer& offer, std::int64_t resumedFromOffset) override {
         std::string line = "receiving " + forDisplay(offer.name) + " (" + host::humanSize(offer.size) + ")";
@@ -68,7 +65,6 @@ public:
 
 private:
     Output& output_;
-    host::HandshakeLimit& handshake_;
     bool wasHere_ = false;
 };
 
@@ -91,8 +87,7 @@ public:
         const platform::Path folder = downloadsFolder(host, directory_);
         const platform::PrivateKey ownKey = host.staticKey();
         const host::CheckedPeer peer = host::selectPeer(host, selector_, ownKey.publicKey(), host::PeerUse::key);
-        host::HandshakeLimit handshake(host.system.clock, host.executor, [&tasks = host.tasks] { tasks.cancel(); });
-        ReceiveReporter reporter(host.output, handshake);
+        ReceiveReporter reporter(host.output);
         const std::string from = forDisplay(peer.record.peer_hostname);
         requireWritableFolder(host, folder);
         try {
@@ -103,12 +98,7 @@ public:
             host.output.failure(interrupted.description(), "What has arrived is kept for another attempt.");
             throw;
         } catch (const std::exception& error) {
-            if (handshake.hasExpired()) {
-                const auto late = ReceiveError::noiseHandshakeFailed(host::HandshakeLimit::text());
-                host.output.failure(late.description(), hintForReceiving(late, from, folder));
-            } else {
-                host.output.failure(describe(error), hintForReceiving(error, from, folder));
-            }
+            host.output.failure(describe(error), hintForReceiving(error, from, folder));
             return 1;
         }
     }
@@ -121,6 +111,7 @@ private:
                                .downloadsDir = folder,
                                .port = port_,
                                .acceptTimeout = timeout_,
+                               .handshakeSeconds = host::handshakeSeconds,
                                .progress = &reporter};
         try { // here, because to the core 0 is no port at all, and for the system's reason
             request.listener = host.system.network.listen({.port = port_, .keepAlive = {}}, host.tasks.executor());

@@ -1,6 +1,7 @@
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Sending/SendRun.h"
 #include "orlinth/Commands/Command.h"
-#include "orlinth/Commands/SendSchedule.h"
+#include "orlinth/Reporting/SendReporter.h"
 
 namespace orlinth::cli {
 
@@ -37,10 +38,17 @@ public:
         for (const host::CheckedPeer& peer : peers) {
             phones.push_back(peer.record);
         }
-        InFlightJournal journal(host.system.files, host.system.directories);
-        SendSchedule schedule(host, ownKey, journal, times_, files_, phones);
-        const int failed = schedule.run();
         const std::size_t transfers = phones.size() * files_.size();
+        InFlightJournal journal(host.system.files, host.system.directories);
+        SendReporter reporter(host.output, host.system.clock);
+        host::SendRun run(host, ownKey, journal, times_, files_, std::move(phones), reporter);
+        int failed = 0;
+        try {
+            failed = host.tasks.run(run.run());
+        } catch (const Interrupted& interrupted) {
+            reporter.tellInterrupted(interrupted.description(), run.interruption());
+            throw;
+        }
         if (failed > 0 && transfers > 1) {
             host.output.message(std::to_string(failed) + " of " + std::to_string(transfers) + " transfers failed.");
         }

@@ -38,6 +38,8 @@ std::string hintForNetwork(const SendError& error, const std::string& where) {
         return "Is " + where + " awake, on this network, and ready to receive?";
     case SendError::Reason::networkUnreachable:
         return "Is this computer on the same network as " + where + "?";
+    case SendError::Reason::stalled:
+        return {}; // the phone was there
     case SendError::Reason::unknownName:
     case SendError::Reason::other:
         break;

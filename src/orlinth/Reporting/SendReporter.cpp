@@ -1,7 +1,9 @@
 #include "orlinth/Reporting/SendReporter.h"
 
 #include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
 #include "base/Text.h"
+#include "orlinth/Reporting/Hints.h"
 
 #include <algorithm>
 #include <utility>
@@ -34,6 +36,11 @@ void SendOverview::add(std::int64_t bytes) {
     output_.bar().update(held_, bytes_);
 }
 
+void SendOverview::takeBack(std::int64_t bytes) {
+    held_ -= bytes;
+    output_.bar().update(held_, bytes_);
+}
+
 void SendOverview::end(std::int64_t unsent) {
     ++ended_;
     bytes_ = std::max(held_, bytes_ - unsent);
@@ -47,147 +54,191 @@ std::string SendOverview::name() const {
     return std::to_string(ended_) + " of " + std::to_string(files_) + " files";
 }
 
-void SendReporter::onFile(const std::string& name, std::int64_t size, const std::string& mime) {
-    name_ = name;
-    if (std::exchange(what_.isAnnounced, true)) {
+SendReporter::Told& SendReporter::of(const Transfer& transfer) {
+    return told_.try_emplace(transfer.number, Told{.name = transfer.path}).first->second;
+}
+
+void SendReporter::expected(std::size_t transfers, std::int64_t bytes) {
+    overview_.expect(transfers, bytes);
+}
+
+void SendReporter::began(const Transfer& transfer, const std::string& name, std::int64_t size,
+                         const std::string& mime) {
+    Told& told = of(transfer);
+    told.name = name;
+    if (std::exchange(told.isAnnounced, true)) {
         return;
     }
-    Json fields = context();
+    Json fields = context(transfer);
     fields["name"] = name;
     fields["size"] = size;
     fields["mime"] = mime;
     output_.event("file", std::move(fields));
     if (!overview_.isMany()) {
-        output_.message("sending " + forDisplay(name) + " (" + host::humanSize(size) + ") to " + forDisplay(what_.to));
+        output_.message("sending " + forDisplay(name) + " (" + host::humanSize(size) + ") to " +
+                        forDisplay(transfer.phone.peer_hostname));
     }
 }
 
-void SendReporter::onConnected() {
-    hasConnected_ = true;
-    reach_ = {};
-    isAtFarewell_ = false;
-    handshake_.begin();
-    output_.event("connected", context());
+void SendReporter::connected(const Transfer& transfer) {
+    of(transfer).isAtFarewell = false;
+    output_.event("connected", context(transfer));
 }
 
-void SendReporter::onWaking() {
-    output_.event("waking", context());
-    output_.message("waking " + forDisplay(what_.to));
+void SendReporter::waking(const Transfer& transfer) {
+    output_.event("waking", context(transfer));
+    output_.message("waking " + forDisplay(transfer.phone.peer_hostname));
 }
 
-void SendReporter::onHandshakeComplete() {
-    handshake_.end();
-    reach_.hasProvedKey = true;
-    output_.event("handshake", context());
+void SendReporter::authenticated(const Transfer& transfer) {
+    output_.event("handshake", context(transfer));
 }
 
-void SendReporter::onProgress(std::int64_t bytesSent, std::int64_t totalBytes) {
-    tellProgress(bytesSent, totalBytes);
-    showProgress(bytesSent, totalBytes);
-    begun_ = true;
-    reach_.hasBegun = true;
-    reached_ = bytesSent;
+void SendReporter::progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) {
+    Told& told = of(transfer);
+    tellProgress(transfer, told, bytesSent, totalBytes);
+    showProgress(told, bytesSent, totalBytes);
+    told.isBegun = true;
+    told.reached = bytesSent;
 }
 
-void SendReporter::onComplete(const SentFile&) {
-    isAtFarewell_ = true;
+void SendReporter::endSent(const Transfer& transfer) {
+    of(transfer).isAtFarewell = true;
 }
 
-void SendReporter::tellAgain() {
-    output_.message(forDisplay(what_.to) + " broke the connection at the end of " + forDisplay(name_) +
-                    "; sending the file again");
+void SendReporter::again(const Transfer& transfer) {
+    output_.message(forDisplay(transfer.phone.peer_hostname) + " broke the connection at the end of " +
+                    forDisplay(of(transfer).name) + "; sending the file again");
 }
 
-std::string SendReporter::howFar() const {
-    if (isAtFarewell_) {
-        return forDisplay(name_) + " was sent to " + forDisplay(what_.to) + ", which has not confirmed it";
+/// The next attempt tells what the phone has by then.
+void SendReporter::putBack(const Transfer& transfer) {
+    Told& told = of(transfer);
+    if (overview_.isMany() && told.isBegun) {
+        overview_.takeBack(told.held);
     }
-    if (!begun_ || what_.size <= 0) {
-        return forDisplay(name_) + " was not sent to " + forDisplay(what_.to);
+    told = {.name = told.name, .isAnnounced = told.isAnnounced};
+}
+
+std::string SendReporter::howFar(const Transfer& transfer) {
+    const Told& told = of(transfer);
+    const std::string name = forDisplay(told.name);
+    const std::string to = " was sent to " + forDisplay(transfer.phone.peer_hostname);
+    if (told.isAtFarewell) {
+        return name + to + ", which has not confirmed it";
+    }
+    if (!told.isBegun || transfer.size <= 0) {
+        return name + " was not sent to " + forDisplay(transfer.phone.peer_hostname);
     }
     constexpr double whole = 100;
-    const double share = static_cast<double>(reached_) / static_cast<double>(what_.size);
+    const double share = static_cast<double>(told.reached) / static_cast<double>(transfer.size);
     const int percent = static_cast<int>(whole * std::clamp(share, 0.0, 1.0));
-    return std::to_string(percent) + " % of " + forDisplay(name_) + " was sent to " + forDisplay(what_.to);
+    return std::to_string(percent) + " % of " + name + to;
 }
 
-void SendReporter::showProgress(std::int64_t bytesSent, std::int64_t totalBytes) {
-    const bool isResume = !begun_ && bytesSent > 0;
+void SendReporter::showProgress(Told& told, std::int64_t bytesSent, std::int64_t totalBytes) {
+    const bool isResume = !told.isBegun && bytesSent > 0;
     if (overview_.isMany()) {
         if (isResume) {
             overview_.skip(bytesSent);
         } else {
-            overview_.add(bytesSent - held_);
+            overview_.add(bytesSent - told.held);
         }
-        held_ = bytesSent;
+        told.held = bytesSent;
         return;
     }
     if (isResume) {
         output_.message("going on from " + host::humanSize(bytesSent));
     }
-    if (begun_) {
+    if (told.isBegun) {
         output_.bar().update(bytesSent, totalBytes);
     } else {
-        output_.bar().begin(forDisplay(name_), bytesSent, totalBytes);
+        output_.bar().begin(forDisplay(told.name), bytesSent, totalBytes);
     }
 }
 
 /// At the start, at the end, and ten times a second: a script that reads slowly must not slow the transfer down.
-void SendReporter::tellProgress(std::int64_t bytesSent, std::int64_t totalBytes) {
+void SendReporter::tellProgress(const Transfer& transfer, Told& told, std::int64_t bytesSent, std::int64_t totalBytes) {
     constexpr double secondsBetween = 0.1;
     const platform::Clock::Instant now = clock_.now();
-    if (begun_ && bytesSent != totalBytes && (now - lastTold_).count() < secondsBetween) {
+    if (told.isBegun && bytesSent != totalBytes && (now - told.lastTold).count() < secondsBetween) {
         return;
     }
-    lastTold_ = now;
-    Json fields = context();
+    told.lastTold = now;
+    Json fields = context(transfer);
     fields["bytes_sent"] = bytesSent;
     fields["total_bytes"] = totalBytes;
     output_.event("progress", std::move(fields));
 }
 
-void SendReporter::tellComplete(const host::Delivered& delivered) {
+void SendReporter::delivered(const Transfer& transfer, const host::Delivered& delivered) {
+    const Told told = of(transfer);
+    const std::string& phone = transfer.phone.peer_hostname;
     const SentFile& sent = delivered.sent;
-    overview_.end(what_.size - held_);
-    Json fields = context();
+    overview_.end(transfer.size - told.held);
+    Json fields = context(transfer);
     fields["bytes_sent"] = sent.bytesSent;
     fields["advertised_size"] = sent.advertisedSize;
     fields["resumed_from_offset"] = sent.resumedFromOffset;
     fields["duration_seconds"] = sent.durationSeconds;
     output_.event("complete", std::move(fields));
     const std::int64_t now = sent.bytesSent - sent.resumedFromOffset;
-    std::string line =
-        "sent " + forDisplay(name_) + " to " + forDisplay(what_.to) + ": " + host::humanSize(sent.bytesSent);
-    line += " in " + host::humanDuration(sent.durationSeconds);
+    std::string line = "sent " + forDisplay(told.name) + " to " + forDisplay(phone) + ": " +
+                       host::humanSize(sent.bytesSent) + " in " + host::humanDuration(sent.durationSeconds);
     if (sent.durationSeconds > 0 && now > 0) {
         line += ", " + host::humanRate(static_cast<double>(now) / sent.durationSeconds);
     }
     output_.result(line);
     if (sent.bytesSent != sent.advertisedSize) {
-        output_.message(forDisplay(name_) + (sent.bytesSent > sent.advertisedSize ? " grew" : " shrank") +
+        output_.message(forDisplay(told.name) + (sent.bytesSent > sent.advertisedSize ? " grew" : " shrank") +
                         " while it was sent: " + std::to_string(sent.bytesSent) + " bytes instead of " +
                         std::to_string(sent.advertisedSize) + ". Send it again if that was not meant.");
     }
     if (!delivered.isConfirmed) {
-        output_.message(host::unconfirmedRemark(what_.to, name_));
+        output_.message(host::unconfirmedRemark(phone, told.name));
     }
+    told_.erase(transfer.number);
 }
 
-void SendReporter::tellFailure(const std::string& text, const std::string& hint, bool isInDoubt) {
-    overview_.end(what_.size - held_);
-    const std::string what =
-        forDisplay(name_) + (isInDoubt ? " may or may not be on " : " was not sent to ") + forDisplay(what_.to) + ".";
-    output_.failure(text, hint.empty() ? what : what + " " + hint, context());
+void SendReporter::failed(const Transfer& transfer, const host::EndedAttempt& attempt, bool isInDoubt) {
+    const Told told = of(transfer);
+    overview_.end(transfer.size - told.held);
+    const std::string where = host::nameAndAddress(transfer.phone);
+    const std::string what = forDisplay(told.name) + (isInDoubt ? " may or may not be on " : " was not sent to ") +
+                             forDisplay(transfer.phone.peer_hostname) + ".";
+    try {
+        std::rethrow_exception(attempt.error);
+    } catch (const std::exception& error) {
+        const std::string hint = host::isNotTaken(attempt) ? hintForNotTaken(where) : hintForSending(error, where);
+        output_.failure(describe(error), hint.empty() ? what : what + " " + hint, context(transfer));
+    }
+    told_.erase(transfer.number);
 }
 
-void SendReporter::tellFailureLine(const std::string& text, const std::string& line) {
-    output_.failure(text, line, context());
-}
-
-void SendReporter::tellFailureToScripts(const std::string& text) {
-    Json fields = context();
-    fields["message"] = text;
-    output_.event("error", std::move(fields));
+void SendReporter::tellInterrupted(const std::string& signal, const host::SendRun::Interruption& interruption) {
+    const std::size_t notBegun = interruption.notBegun;
+    const std::string alsoNotBegun =
+        notBegun == 0 ? ""
+                      : " " + std::to_string(notBegun) + (notBegun == 1 ? " file was" : " files were") + " not begun.";
+    const std::vector<Transfer>& cutShort = interruption.cutShort;
+    if (cutShort.empty()) {
+        output_.failure(signal, notBegun == 0 ? "Everything had been sent." : alsoNotBegun.substr(1));
+        return;
+    }
+    const Transfer& last = cutShort.back();
+    if (cutShort.size() == 1) {
+        output_.failure(signal, howFar(last) + "; send it again and it goes on there." + alsoNotBegun, context(last));
+        return;
+    }
+    for (const Transfer& transfer : cutShort) {
+        output_.message(howFar(transfer) + ".");
+        if (transfer.number != last.number) {
+            Json fields = context(transfer);
+            fields["message"] = signal;
+            output_.event("error", std::move(fields));
+        }
+    }
+    output_.failure(signal, "Send them again and they go on there." + alsoNotBegun, context(last));
 }
 
 } // namespace orlinth::cli

@@ -1,11 +1,12 @@
 #pragma once
 
-#include "OrlinthHost/Sending/Delivery.h"
-#include "OrlinthHost/Sending/HandshakeLimit.h"
+#include "OrlinthHost/Sending/SendEvents.h"
+#include "OrlinthHost/Sending/SendRun.h"
 #include "orlinth/Reporting/Output.h"
+#include "platform/Clock.h"
 
 #include <cstdint>
-#include <optional>
+#include <map>
 #include <string>
 
 namespace orlinth::cli {
@@ -24,6 +25,8 @@ public:
     void skip(std::int64_t bytes);
     /// `bytes` have been sent.
     void add(std::int64_t bytes);
+    /// `bytes` that were counted will be sent once more.
+    void takeBack(std::int64_t bytes);
     /// One transfer has ended. `unsent` of its bytes will not come any more.
     void end(std::int64_t unsent);
 
@@ -39,72 +42,54 @@ private:
     bool begun_ = false;
 };
 
-/// Turns what happens to one file on its way to one phone into events, the progress bar, and the handshake's limit.
-class SendReporter final : public SendProgress {
+/// Turns what happens to files on their way to phones into events, lines and the progress bar.
+class SendReporter final : public host::SendEvents {
 public:
-    struct What {
-        std::string file; ///< as it was named on the command line
-        std::int64_t size = 0;
-        std::string to;           ///< the phone's name
-        bool isAnnounced = false; ///< an attempt before this one has told what it is
-    };
+    /// Both outlive this.
+    SendReporter(Output& output, platform::Clock& clock) : output_(output), clock_(clock), overview_(output) {}
 
-    SendReporter(Output& output, platform::Clock& clock, host::HandshakeLimit& handshake, SendOverview& overview,
-                 What what)
-        : output_(output),
-          clock_(clock),
-          handshake_(handshake),
-          overview_(overview),
-          what_(std::move(what)),
-          name_(what_.file) {}
+    void expected(std::size_t transfers, std::int64_t bytes) override;
+    void began(const Transfer& transfer, const std::string& name, std::int64_t size, const std::string& mime) override;
+    void connected(const Transfer& transfer) override;
+    void waking(const Transfer& transfer) override;
+    void authenticated(const Transfer& transfer) override;
+    void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) override;
+    void endSent(const Transfer& transfer) override;
+    void again(const Transfer& transfer) override;
+    void putBack(const Transfer& transfer) override;
+    void delivered(const Transfer& transfer, const host::Delivered& delivered) override;
+    void failed(const Transfer& transfer, const host::EndedAttempt& attempt, bool isInDoubt) override;
 
-    void onFile(const std::string& name, std::int64_t size, const std::string& mime) override;
-    void onConnected() override;
-    void onWaking() override;
-    void onHandshakeComplete() override;
-    void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override;
-    void onComplete(const SentFile& result) override;
-
-    /// The connection broke behind the end of the file, which is offered again now.
-    void tellAgain();
-
-    /// Whether a connection to the phone was up.
-    [[nodiscard]] bool hasConnected() const noexcept { return hasConnected_; }
-    /// How far the last connection came.
-    [[nodiscard]] const host::AttemptReach& reach() const noexcept { return reach_; }
-    /// Whether the end of the file was sent, and all that is open is how the phone takes its leave.
-    [[nodiscard]] bool isAtFarewell() const noexcept { return isAtFarewell_; }
-    /// For a person who has interrupted it: "38 % of film.mkv was sent to Pixel".
-    [[nodiscard]] std::string howFar() const;
-
-    /// Tells the outcome, once the core has let go of the file.
-    void tellComplete(const host::Delivered& delivered);
-    /// `isInDoubt` if the end of the file was sent once: it may be there all the same.
-    void tellFailure(const std::string& text, const std::string& hint, bool isInDoubt);
-    /// The same with `line` in place of what tells of this file.
-    void tellFailureLine(const std::string& text, const std::string& line);
-    /// The event alone, where one line for people tells of several files.
-    void tellFailureToScripts(const std::string& text);
+    /// A signal has ended the command. What was cut short shares one line, behind one for each that tells how far it
+    /// came.
+    void tellInterrupted(const std::string& signal, const host::SendRun::Interruption& interruption);
 
 private:
-    void tellProgress(std::int64_t bytesSent, std::int64_t totalBytes);
-    void showProgress(std::int64_t bytesSent, std::int64_t totalBytes);
-    /// What every event of this file carries, so that those of several can be told apart.
-    [[nodiscard]] Json context() const { return {{"file", what_.file}, {"to", what_.to}}; }
+    /// What was told of one file on its way to one phone.
+    struct Told {
+        std::string name;
+        bool isAnnounced = false; ///< what it is was told
+        bool isBegun = false;     ///< bytes have gone, in this attempt
+        bool isAtFarewell = false;
+        std::int64_t held = 0;    ///< bytes that the phone has, as far as the overview was told
+        std::int64_t reached = 0; ///< bytes that the phone has
+        platform::Clock::Instant lastTold{0};
+    };
+
+    [[nodiscard]] Told& of(const Transfer& transfer);
+    void tellProgress(const Transfer& transfer, Told& told, std::int64_t bytesSent, std::int64_t totalBytes);
+    void showProgress(Told& told, std::int64_t bytesSent, std::int64_t totalBytes);
+    /// "38 % of film.mkv was sent to Pixel".
+    [[nodiscard]] std::string howFar(const Transfer& transfer);
+    /// What every event of a transfer carries, so that those of several can be told apart.
+    [[nodiscard]] static Json context(const Transfer& transfer) {
+        return {{"file", transfer.path}, {"to", transfer.phone.peer_hostname}};
+    }
 
     Output& output_;
     platform::Clock& clock_;
-    host::HandshakeLimit& handshake_;
-    SendOverview& overview_;
-    What what_;
-    std::string name_;
-    bool hasConnected_ = false;
-    host::AttemptReach reach_;
-    bool begun_ = false;       ///< some connection has
-    std::int64_t held_ = 0;    ///< bytes that the phone has, as far as the overview was told
-    std::int64_t reached_ = 0; ///< bytes that the phone has
-    bool isAtFarewell_ = false;
-    platform::Clock::Instant lastTold_{0};
+    SendOverview overview_;
+    std::map<std::size_t, Told> told_; ///< by the transfer's number
 };
 
 } // namespace orlinth::cli

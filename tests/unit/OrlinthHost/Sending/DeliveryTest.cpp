@@ -1,5 +1,6 @@
 #include "OrlinthHost/Sending/Delivery.h"
 
+#include "OrlinthHost/Sending/PhoneLimits.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
@@ -50,17 +51,16 @@ protected:
     }
 
     [[nodiscard]] Task<Delivered> send(int offersAtOnce = OffersInDoubt::atOnce) {
-        return deliver(world_.system,
-                       {.path = "/home/ann/a.txt",
-                        .file = {.name = "a.txt", .size = 10, .mime = "text/plain", .fingerprint = ""},
-                        .transferId = "ID"},
-                       {.peer = world_.phoneRecord(),
-                        .staticKey = world_.computerKey,
-                        .warmConnectTimeout = 5,
-                        .postWakeConnectTimeout = 30,
-                        .postWakeAttemptTimeout = 5,
-                        .postWakeRetryInterval = 1},
-                       offersAtOnce, inDoubt_, [this] { ++again_; });
+        DeliveryRequest request{
+            .file = {.path = "/home/ann/a.txt",
+                     .file = {.name = "a.txt", .size = 10, .mime = "text/plain", .fingerprint = "", .seen = {}},
+                     .transferId = "ID"},
+            .phone = world_.phoneRecord(),
+            .ownKey = world_.computerKey,
+            .offersAtOnce = offersAtOnce,
+            .inDoubt = inDoubt_,
+            .onAgain = [this] { ++again_; }};
+        return deliver(world_.system, std::move(request));
     }
 
     fakes::World world_;
@@ -119,21 +119,6 @@ TEST_F(DeliveryTest, TellsOfTheDoubtAlsoWhereThePhoneIsGoneAtTheSecondOffer) {
     world_.alongside(phone({End::resets}));
     EXPECT_EQ(world_.failure<SendError>(send()).which(), SendError::Case::network);
     EXPECT_EQ(inDoubt_.count, 1);
-}
-
-std::exception_ptr thrown(const auto& error) {
-    return std::make_exception_ptr(error);
-}
-
-TEST(NotTaken, IsAnEndBetweenTheKeyAndTheAnswer) {
-    const std::exception_ptr end = thrown(WireConnection::Error::eof());
-    EXPECT_TRUE(isNotTaken({.hasProvedKey = true, .hasBegun = false}, end));
-    EXPECT_TRUE(isNotTaken({.hasProvedKey = true, .hasBegun = false}, thrown(WireConnection::Error::underlying("x"))));
-    EXPECT_FALSE(isNotTaken({.hasProvedKey = false, .hasBegun = false}, end));
-    EXPECT_FALSE(isNotTaken({.hasProvedKey = true, .hasBegun = true}, end));
-    EXPECT_FALSE(isNotTaken({.hasProvedKey = true, .hasBegun = false}, thrown(WireConnection::Error::oversize(1))));
-    EXPECT_FALSE(isNotTaken({.hasProvedKey = true, .hasBegun = false}, thrown(SendError::declined())));
-    EXPECT_FALSE(isNotTaken({.hasProvedKey = true, .hasBegun = false}, nullptr));
 }
 
 } // namespace

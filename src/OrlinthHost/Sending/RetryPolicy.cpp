@@ -1,0 +1,92 @@
+#include "OrlinthHost/Sending/RetryPolicy.h"
+
+#include <array>
+
+namespace orlinth::host {
+
+double RetryPolicy::pauseAfter(int failures) noexcept {
+    constexpr std::array<double, 6> pauses{5, 15, 60, 300, 900, 3600};
+    const std::size_t step = failures < 1 ? 0 : static_cast<std::size_t>(failures) - 1;
+    return step < pauses.size() ? pauses.at(step) : pauses.back();
+}
+
+void RetryPolicy::began() noexcept {
+    if (underWay_++ == 0) {
+        state_ = State::sending;
+    }
+}
+
+std::optional<double> RetryPolicy::ended(Outcome outcome, Instant now) noexcept {
+    --underWay_;
+    std::optional<double> seconds;
+    switch (outcome) {
+    case Outcome::delivered:
+        failures_ = 0;
+        isOutOfTurn_ = false;
+        break;
+    case Outcome::answered:
+        failures_ = 0;
+        break;
+    case Outcome::moved:
+        failures_ = 0;
+        [[fallthrough]];
+    case Outcome::failed:
+        if (state_ == State::hopeful && !isOutOfTurn_) {
+            isOutOfTurn_ = true;
+            state_ = State::sending;
+        } else {
+            seconds = pause(now);
+        }
+        break;
+    case Outcome::nothing:
+        break;
+    }
+    settle();
+    return seconds;
+}
+
+double RetryPolicy::pause(Instant now) noexcept {
+    state_ = State::pausing;
+    pausedAt_ = now;
+    return pauseAfter(++failures_);
+}
+
+void RetryPolicy::pauseIsOver() noexcept {
+    isOutOfTurn_ = false;
+    state_ = underWay_ > 0 ? State::sending : State::idle;
+}
+
+void RetryPolicy::reasonToHope() noexcept {
+    failures_ = 0;
+    if (underWay_ > 0) {
+        state_ = State::hopeful;
+    } else {
+        isOutOfTurn_ = false;
+        state_ = State::idle;
+    }
+}
+
+bool RetryPolicy::heard(Instant now) noexcept {
+    if (underWay_ > 0) {
+        state_ = State::hopeful;
+        return true;
+    }
+    const bool isEcho = state_ == State::pausing && (now - pausedAt_).count() < echoSeconds;
+    if (isEcho && isOutOfTurn_) {
+        return false;
+    }
+    if (!isEcho) {
+        failures_ = 0;
+    }
+    isOutOfTurn_ = true;
+    state_ = State::idle;
+    return true;
+}
+
+void RetryPolicy::settle() noexcept {
+    if (underWay_ == 0 && state_ != State::pausing) {
+        state_ = State::idle;
+    }
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Sending/SendEvents.h"
+#include "OrlinthHost/Sending/SendPlan.h"
+#include "OrlinthHost/Sending/SendSources.h"
+#include "OrlinthHost/Sending/SendTimes.h"
+#include "platform/TaskGroup.h"
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orlinth::host {
+
+/// Sends every one of several files to every one of several phones, as SendPlan has it, and tells SendEvents.
+///
+/// Threading: everything on the home's executor.
+class SendRun {
+public:
+    /// Seconds that a phone gets to confirm a file whose end was sent when the run was cancelled.
+    static constexpr double graceSeconds = 1;
+
+    /// What was cut short when a run was cancelled.
+    struct Interruption {
+        std::vector<SendEvents::Transfer> cutShort;
+        std::size_t notBegun = 0; ///< transfers
+    };
+
+    /// What is referred to outlives this. `journal` is used by nobody else meanwhile.
+    SendRun(Home& home, const platform::PrivateKey& ownKey, InFlightJournal& journal, SendTimes times,
+            std::vector<std::string> files, std::vector<PeerRecord> phones, SendEvents& events);
+    ~SendRun();
+    SendRun(const SendRun&) = delete;
+    SendRun& operator=(const SendRun&) = delete;
+
+    /// Runs all transfers to their ends; returns how many failed. Once.
+    /// @throws platform::Cancelled once those under way have ended, and been told, but for what was cut short
+    [[nodiscard]] Task<int> run();
+    /// Of a run that was cancelled.
+    [[nodiscard]] const Interruption& interruption() const noexcept { return interruption_; }
+
+private:
+    struct Running;
+    using Of = std::pair<std::size_t, std::size_t>; ///< phone and file
+
+    [[nodiscard]] SendEvents::Transfer transferOf(const SendPlan::Transfer& transfer) const;
+    void goOn();
+    void startWhatMay();
+    void start(std::size_t phone);
+    [[nodiscard]] Task<> send(Running& running);
+    void settle(SendPlan::Id id, std::exception_ptr error);
+    void cancelBeforeFarewell();
+    [[nodiscard]] Task<> leave();
+
+    Home& home_;
+    const platform::PrivateKey& ownKey_;
+    SendTimes times_;
+    SendEvents& events_;
+    std::vector<PeerRecord> phones_;
+    SendSources sources_;
+    SendPlan plan_;
+    std::map<Of, OffersInDoubt> inDoubt_;
+    std::map<SendPlan::Id, std::unique_ptr<Running>> running_;
+    platform::TaskGroup tasks_; ///< one for each of those
+    bool isLeaving_ = false;
+    int failed_ = 0;
+    Interruption interruption_;
+};
+
+} // namespace orlinth::host
