@@ -22,8 +22,9 @@ public:
 class FolderWatcher {
 public:
     virtual ~FolderWatcher() = default;
-    /// Calls `onChange` on `executor` after a name in the folder has come, gone or been replaced; several changes may
-    /// make one call, and a call may come without a change. Looks at the folder's own names only, not below them.
+    /// Calls `onChange` on `executor` after a name in the folder has come, gone or been replaced, or a file in it that
+    /// was open for writing has been closed; several changes may make one call, and a call may come without a change.
+    /// Looks at the folder's own names only, not below them.
     /// @throws SystemError if the folder cannot be watched, which says nothing against looking at it now and then
     [[nodiscard]] virtual std::unique_ptr<FolderWatch> watch(const Path& folder, Executor executor,
                                                              std::function<void()> onChange) = 0;

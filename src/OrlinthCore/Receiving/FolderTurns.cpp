@@ -1,10 +1,7 @@
 #include "OrlinthCore/Receiving/FolderTurns.h"
 
 #include "OrlinthCore/Peers/PeerRecord.h"
-#include "OrlinthCore/Receiving/ReceiveError.h"
 #include "base/Mutex.h"
-#include "platform/Event.h"
-#include "platform/SystemError.h"
 
 #include <asio/this_coro.hpp>
 
@@ -14,10 +11,6 @@
 
 namespace orlinth {
 namespace {
-
-/// How often it is tried to get the lock that another process holds. This is the one thing here that is looked at again
-/// and again: flock() tells nobody when a lock is free, unless a thread waits for it.
-constexpr double lookSeconds = 0.01;
 
 constexpr std::uint32_t lockPermissions = 0600;
 constexpr std::uint32_t dataFolderPermissions = 0700;
@@ -130,26 +123,57 @@ Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {
     if (!pass->isFree()) {
         co_await pass->wait();
     }
-    const platform::Clock::Instant since = system_.clock.now(); // how long others of this process took is no matter
     std::unique_ptr<platform::File> lock;
-    bool isLocked = false;
-    for (;;) {
-        try {
-            if (!lock) {
-                lock = openLock(folder);
-            }
-            isLocked = tryLock(*lock);
-        } catch (const platform::SystemError& error) {
-            throw ReceiveError::fileWriteFailed("cannot lock " + lockFile(folder).native() + ": " +
-                                                error.description());
-        }
-        if (isLocked) {
+    try {
+        lock = openLock(folder);
+        if (tryLock(*lock)) {
             co_return FolderTurn(std::move(pass), std::move(lock));
         }
-        if ((system_.clock.now() - since).count() >= patienceSeconds) {
-            throw ReceiveError::fileWriteFailed("another program holds the lock " + lockFile(folder).native());
+    } catch (const platform::SystemError& error) {
+        throw cannotLock(folder, error);
+    }
+    co_await waitForLock(*lock, folder);
+    co_return FolderTurn(std::move(pass), std::move(lock));
+}
+
+ReceiveError FolderTurns::cannotLock(const platform::FileStatus& folder, const platform::SystemError& error) const {
+    return ReceiveError::fileWriteFailed("cannot lock " + lockFile(folder).native() + ": " + error.description());
+}
+
+/// Another process holds it. flock() tells nobody when it is free; but whoever held it closes the file, which is one
+/// that is open for writing, and that is seen by a watch on its folder.
+Task<> FolderTurns::waitForLock(platform::File& lock, const platform::FileStatus& folder) {
+    const Executor executor = co_await asio::this_coro::executor;
+    const platform::Path path = lockFile(folder);
+    const platform::Clock::Instant end = system_.clock.now() + platform::Clock::Instant(patienceSeconds);
+    platform::Event closed(executor);
+    const std::unique_ptr<platform::FolderWatch> watch = watchFor(path.parent_path(), executor, closed);
+    for (;;) {
+        closed.reset();
+        try {
+            if (tryLock(lock)) {
+                co_return;
+            }
+        } catch (const platform::SystemError& error) {
+            throw cannotLock(folder, error);
         }
-        co_await system_.clock.sleep(lookSeconds);
+        const double left = (end - system_.clock.now()).count();
+        if (left <= 0) {
+            throw ReceiveError::fileWriteFailed("another program holds the lock " + path.native());
+        }
+        static_cast<void>(co_await closed.wait(system_.clock, left));
+    }
+}
+
+/// Null if it cannot be watched: then the lock is tried once more when the time is over.
+std::unique_ptr<platform::FolderWatch> FolderTurns::watchFor(const platform::Path& folder, const Executor& executor,
+                                                             platform::Event& change) const {
+    try {
+        return system_.folders.watch(folder, executor, [&change] { change.set(); });
+    } catch (const platform::SystemError& error) {
+        system_.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "receive",
+                          "cannot watch " + folder.native() + ": " + error.description());
+        return nullptr;
     }
 }
 

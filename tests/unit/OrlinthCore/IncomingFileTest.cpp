@@ -373,13 +373,16 @@ TEST_F(IncomingFiles, WaitForAnotherProcessAsLongAsIsReasonable) {
     ASSERT_TRUE(held->tryLock());
     world.alongside([](fakes::World& there, std::unique_ptr<platform::File> mine) -> Task<> {
         co_await there.clock.sleep(FolderTurns::patienceSeconds - 1);
+        there.folders.change("/home/ann/.local/share/Orlinth"); // somebody else has closed something
+        co_await there.clock.sleep(0.5);
         mine.reset();
+        there.folders.change("/home/ann/.local/share/Orlinth");
     }(world, std::move(held)));
     {
         const IncomingFile file = begin();
-        EXPECT_GE(world.clock.elapsed(), FolderTurns::patienceSeconds - 1);
-        EXPECT_LT(world.clock.elapsed(), FolderTurns::patienceSeconds);
+        EXPECT_DOUBLE_EQ(world.clock.elapsed(), FolderTurns::patienceSeconds - 0.5);
     }
+    EXPECT_FALSE(world.folders.isWatched("/home/ann/.local/share/Orlinth")) << "only while somebody waits";
     held = world.files.open(lock, platform::OpenMode::write);
     ASSERT_TRUE(held->tryLock());
     const double start = world.clock.elapsed();
@@ -390,6 +393,20 @@ TEST_F(IncomingFiles, WaitForAnotherProcessAsLongAsIsReasonable) {
         EXPECT_EQ(error.description(), "file write failed: another program holds the lock " + lock.native());
     }
     EXPECT_NEAR(world.clock.elapsed() - start, FolderTurns::patienceSeconds, 0.1);
+}
+
+TEST_F(IncomingFiles, TryTheLockOnceMoreAtTheEndIfItCannotBeWatched) {
+    const Path lock = FolderTurns(world.system).lockFile(world.files.status(folder).value());
+    world.files.put(lock, "");
+    auto held = world.files.open(lock, platform::OpenMode::write);
+    ASSERT_TRUE(held->tryLock());
+    world.folders.errorNumber = EMFILE;
+    world.alongside([](fakes::World& there, std::unique_ptr<platform::File> mine) -> Task<> {
+        co_await there.clock.sleep(1);
+        mine.reset();
+    }(world, std::move(held)));
+    const IncomingFile file = begin();
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), FolderTurns::patienceSeconds);
 }
 
 /// Takes a turn and keeps it for a second; notes when it came.

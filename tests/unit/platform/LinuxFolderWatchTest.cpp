@@ -78,6 +78,14 @@ TEST_F(LinuxFolderWatchTest, TellsOfEveryNameThatComesGoesOrIsReplaced) {
     expectTold("a folder that goes", [&] { std::filesystem::remove(folder / "sub"); });
 }
 
+TEST_F(LinuxFolderWatchTest, TellsThatAFileThatCouldBeWrittenWasClosed) {
+    writeText(folder / "lock", "");
+    int file = ::open((folder / "lock").c_str(), O_WRONLY | O_CLOEXEC);
+    expectTold("closing it", [&] { ::close(file); });
+    file = ::open((folder / "lock").c_str(), O_RDWR | O_CLOEXEC);
+    expectTold("closing one that could be read, too", [&] { ::close(file); });
+}
+
 TEST_F(LinuxFolderWatchTest, TellsAgainOfWhatComesAfterACall) {
     int calls = 0;
     const auto watch = count(folder.path(), calls);
