@@ -2,6 +2,7 @@
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "OrlinthHost/Sending/HandshakeLimit.h"
+#include "OrlinthHost/Service/DownloadsFolder.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/FolderCheck.h"
@@ -94,7 +95,7 @@ public:
         host::HandshakeLimit handshake(host.system.clock, host.executor, [&tasks = host.tasks] { tasks.cancel(); });
         ReceiveReporter reporter(host.output, handshake);
         const std::string from = forDisplay(peer.record.peer_hostname);
-        requireWritableFolder(host, folder);
+        host::requireWritableFolder(host, folder);
         try {
             reporter.tellComplete(
                 host.tasks.run(receiveOneTransfer(host.system, request(host, ownKey, peer, folder, reporter))));
