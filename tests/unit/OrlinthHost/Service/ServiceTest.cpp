@@ -24,11 +24,11 @@ protected:
     /// While the events are being finished: what is over by then, and what is not.
     [[nodiscard]] Task<> seeTheRestAtTheEnd(const int& alive) {
         EXPECT_FALSE(world_.local.isOpen(controlPath));
-        EXPECT_TRUE(outboxEvents_.of(What::waiting).empty()) << "a send that is cut off is no failure";
         EXPECT_TRUE(world_.files.isLocked(dataFolder / "service.lock"));
         const int before = alive;
         co_await world_.clock.sleep(10);
         EXPECT_LT(before, alive) << "that it is alive is said until the last moment";
+        EXPECT_TRUE(outboxEvents_.of(What::waiting).empty()) << "the send was cut off, which is no failure";
     }
 };
 
