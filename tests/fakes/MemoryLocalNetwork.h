@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <map>
+#include <optional>
 
 namespace orlinth::fakes {
 
@@ -15,6 +16,9 @@ public:
     explicit MemoryLocalNetwork(asio::io_context& context) : network_(context) {}
 
     [[nodiscard]] std::unique_ptr<platform::Listener> listen(const platform::Path& path, Executor executor) override {
+        if (listenErrno) {
+            throw platform::SystemError::fromErrno(*listenErrno);
+        }
         if (ports_.contains(path)) {
             throw platform::SystemError::fromErrno(EADDRINUSE);
         }
@@ -31,13 +35,18 @@ public:
         co_return co_await network_.connect("localhost", found->second, std::move(executor));
     }
 
-    [[nodiscard]] Task<> sendPort(platform::Stream& /*stream*/, const platform::Listener& /*port*/) override {
-        throw platform::SystemError::fromErrno(EOPNOTSUPP);
+    [[nodiscard]] Task<> sendPort(platform::Stream& stream, const platform::Listener& port) override {
+        co_await dynamic_cast<MemoryStream&>(stream).sendPort(MemoryNetwork::share(port));
     }
-    [[nodiscard]] Task<std::unique_ptr<platform::Listener>> receivePort(platform::Stream& /*stream*/,
+    [[nodiscard]] Task<std::unique_ptr<platform::Listener>> receivePort(platform::Stream& stream,
                                                                         Executor /*executor*/) override {
-        throw platform::SystemError::fromErrno(EOPNOTSUPP);
+        co_return co_await dynamic_cast<MemoryStream&>(stream).receivePort();
     }
+
+    /// Whether somebody listens there.
+    [[nodiscard]] bool isOpen(const platform::Path& path) const { return ports_.contains(path); }
+    /// listen() fails with this error, if set.
+    std::optional<int> listenErrno;
 
 private:
     class Named final : public platform::Listener {

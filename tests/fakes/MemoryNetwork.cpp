@@ -119,6 +119,7 @@ void MemoryStream::cancel() noexcept {
         }
         finishWriting();
         incoming_->bytes.clear();
+        incoming_->ports.clear();
         incoming_->broken = true;
         incoming_->changed.notify();
     }
@@ -148,18 +149,39 @@ MemoryConnection connectedStreams(const Executor& executor, WireFaults fromFirst
             std::make_unique<MemoryStream>(there, back, executor, source)};
 }
 
+Task<> MemoryStream::sendPort(std::unique_ptr<platform::Listener> port) {
+    checkUsable(*outgoing_);
+    outgoing_->ports.push_back(std::move(port));
+    const std::byte companion{};
+    co_await writeAll(ByteView(&companion, 1));
+}
+
+Task<std::unique_ptr<platform::Listener>> MemoryStream::receivePort() {
+    std::byte companion{};
+    const std::size_t count = co_await readExact(MutableBytes(&companion, 1));
+    if (count == 0 || incoming_->ports.empty()) {
+        throw SystemError::fromErrno(EBADMSG);
+    }
+    std::unique_ptr<platform::Listener> port = std::move(incoming_->ports.front());
+    incoming_->ports.pop_front();
+    co_return port;
+}
+
 class MemoryListener : public platform::Listener {
 public:
     MemoryListener(MemoryNetwork& network, std::uint16_t port, std::shared_ptr<MemoryNetwork::Port> state)
-        : network_(network), port_(port), state_(std::move(state)) {}
+        : network_(network), port_(port), state_(std::move(state)) {
+        ++state_->holders;
+    }
     MemoryListener(const MemoryListener&) = delete;
     MemoryListener& operator=(const MemoryListener&) = delete;
     ~MemoryListener() override { close(); }
 
     [[nodiscard]] Task<std::unique_ptr<platform::Stream>> accept(Executor) override {
         const std::shared_ptr<MemoryNetwork::Port> state = state_;
-        while (state->waiting.empty()) {
-            if (state->closed) {
+        const std::shared_ptr<bool> closed = closed_;
+        while (*closed || state->waiting.empty()) {
+            if (*closed) {
                 throw SystemError("listener cancelled");
             }
             co_await state->changed.wait();
@@ -170,20 +192,32 @@ public:
     }
 
     [[nodiscard]] std::uint16_t port() const noexcept override { return port_; }
+    [[nodiscard]] std::string place() const override { return *closed_ ? std::string() : state_->place; }
 
     void close() noexcept override {
-        if (!std::exchange(state_->closed, true)) {
-            network_.ports_.erase(port_);
-            state_->waiting.clear();
+        if (!std::exchange(*closed_, true)) {
+            if (--state_->holders == 0) {
+                network_.ports_.erase(port_);
+                state_->waiting.clear();
+            }
             state_->changed.notify();
         }
+    }
+
+    [[nodiscard]] std::unique_ptr<platform::Listener> share() const {
+        return std::make_unique<MemoryListener>(network_, port_, state_);
     }
 
 private:
     MemoryNetwork& network_;
     std::uint16_t port_;
     std::shared_ptr<MemoryNetwork::Port> state_;
+    std::shared_ptr<bool> closed_ = std::make_shared<bool>(false); ///< this hold; who waits for it may outlive this
 };
+
+std::unique_ptr<platform::Listener> MemoryNetwork::share(const platform::Listener& listener) {
+    return dynamic_cast<const MemoryListener&>(listener).share();
+}
 
 Task<std::unique_ptr<platform::Stream>> MemoryNetwork::connect(std::string host, std::uint16_t port,
                                                                Executor executor) {
@@ -221,14 +255,21 @@ Task<std::unique_ptr<platform::Stream>> MemoryNetwork::connect(std::string host,
 }
 
 std::unique_ptr<platform::Listener> MemoryNetwork::listen(const platform::ListenOptions& options, Executor) {
+    listens.push_back(options);
     if (listenErrno) {
         throw SystemError::fromErrno(*listenErrno);
     }
+    for (const std::string& place : options.places) {
+        if (const auto failing = placeErrnos.find(place); failing != placeErrnos.end()) {
+            throw SystemError::fromErrno(failing->second);
+        }
+    }
     const std::uint16_t port = options.port != 0 ? options.port : nextFreePort_++;
-    if (ports_.contains(port)) {
+    if (ports_.contains(port) || (placesExcludeEachOther && options.places.size() > 1)) {
         throw SystemError::fromErrno(EADDRINUSE);
     }
     const auto state = std::make_shared<Port>(context_.get_executor());
+    state->place = options.places.empty() ? std::string() : options.places.front();
     ports_[port] = state;
     return std::make_unique<MemoryListener>(*this, port, state);
 }

@@ -38,7 +38,8 @@ struct Pipe {
     explicit Pipe(const Executor& executor) : changed(executor) {}
     static constexpr std::size_t capacity = 64 << 10; // what a writer may be ahead of the reader
 
-    std::vector<std::byte> bytes; // at most `capacity`, so that taking from its front is cheap
+    std::vector<std::byte> bytes;                          // at most `capacity`, so that taking from its front is cheap
+    std::deque<std::unique_ptr<platform::Listener>> ports; // under way between two programs of one computer
     std::size_t written = 0;
     bool ended = false;  // no more will be written
     bool broken = false; // reset
@@ -87,6 +88,9 @@ public:
     void cutWire() noexcept;
     /// The other end gets word of so many of the bytes that have vanished.
     void acknowledge(std::size_t bytes) noexcept { incoming_->vanished -= bytes; }
+    /// As LocalNetwork has it: a byte with a hold on a port.
+    [[nodiscard]] Task<> sendPort(std::unique_ptr<platform::Listener> port);
+    [[nodiscard]] Task<std::unique_ptr<platform::Listener>> receivePort();
     [[nodiscard]] const std::optional<platform::KeepAlive>& keepAlive() const noexcept { return keepAlive_; }
     [[nodiscard]] bool isCancelled() const noexcept { return cancelled_; }
     /// How often writeAll() was called: one a frame is what the wire layer promises.
@@ -157,8 +161,21 @@ public:
     std::deque<std::pair<WireFaults, WireFaults>> faults;
     /// By which the other side sees the next connections, taken one by one: "192.168.1.7:40112".
     std::deque<std::string> sources;
-    /// listen() fails with this error, if set.
+    /// listen() fails with this error, if set; at the places named here with theirs.
     std::optional<int> listenErrno;
+    std::map<std::string, int> placeErrnos;
+    /// listen() fails with "address in use" for more than one place, as if they excluded each other.
+    bool placesExcludeEachOther = false;
+    /// What listen() was called with, failures included.
+    std::vector<platform::ListenOptions> listens;
+    /// What inheritedPort() returns.
+    std::optional<std::uint16_t> inherited;
+    [[nodiscard]] std::optional<std::uint16_t> inheritedPort() override { return inherited; }
+
+    /// Another hold on the port that this listener has open: it is closed once both are.
+    [[nodiscard]] static std::unique_ptr<platform::Listener> share(const platform::Listener& listener);
+    /// Whether somebody listens there.
+    [[nodiscard]] bool isOpen(std::uint16_t port) const { return ports_.contains(port); }
 
     /// Calls of connect() so far: host and port.
     std::vector<std::pair<std::string, std::uint16_t>> attempts;
@@ -171,8 +188,9 @@ private:
     struct Port {
         explicit Port(const Executor& executor) : changed(executor) {}
         std::deque<std::unique_ptr<platform::Stream>> waiting;
-        bool closed = false;
-        Event changed;
+        int holders = 0;
+        std::string place; ///< the first, as Listener::place() has it
+        Event changed;     ///< somebody waits, or has let go of the port
     };
     asio::io_context& context_;
     asio::strand<asio::io_context::executor_type> blocking_{context_.get_executor()};

@@ -1,5 +1,6 @@
 #include "OrlinthHost/Outbox/OutboxSender.h"
 
+#include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "OrlinthHost/Sending/Delivery.h"
 #include "OrlinthHost/Sending/PhoneLanes.h"
@@ -413,21 +414,14 @@ void OutboxSender::discard(const std::string& id) {
     news_.changed();
 }
 
-Task<Json> OutboxSender::answer(Json request) {
-    const std::string what = requireString(request, "request");
-    const std::optional<std::string> id = optionalString(request, "batch");
-    Json reply;
-    if (what == "outbox_retry") {
-        reply["found"] = retry(id);
-    } else if (what == "outbox_drop" && id) {
-        reply["found"] = drop(*id);
-        const auto isGone = [this, &id] { return queue_.find(*id) == nullptr; };
-        co_await news_.until(isGone);
-        if (const auto left = left_.find(*id); left != left_.end()) {
-            reply = Json{{"error", left->second}};
-        }
+Task<bool> OutboxSender::remove(std::string id) {
+    const bool isFound = drop(id);
+    const auto isGone = [this, &id] { return queue_.find(id) == nullptr; };
+    co_await news_.until(isGone);
+    if (const auto left = left_.find(id); left != left_.end()) {
+        throw HostError(left->second);
     }
-    co_return reply;
+    co_return isFound;
 }
 
 Task<> OutboxSender::finish() {

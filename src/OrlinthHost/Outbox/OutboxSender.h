@@ -48,10 +48,12 @@ public:
     void heardOf(const PeerRecord& record);
     /// The peer store may have changed.
     void peersChanged();
-    /// Answers `{"request":"outbox_retry"}`, with `"batch"` or without, and `{"request":"outbox_drop","batch":"…"}`,
-    /// the latter once nothing is left of the batch: `{"found":true}`, or false if there is no such batch; of one that
-    /// could not be removed `{"error":"…"}`. Anything else gets null.
-    [[nodiscard]] Task<Json> answer(Json request);
+    /// Tries now what waits; with `id`, that batch as a whole, also if it was set aside. Returns whether there is such
+    /// a batch; without one always.
+    [[nodiscard]] bool retry(const std::optional<std::string>& id);
+    /// Takes a batch back, and returns once nothing is left of it: whether there was such a batch.
+    /// @throws HostError if something of it could not be removed
+    [[nodiscard]] Task<bool> remove(std::string id);
     /// Ends what is under way, so that it can be resumed. The last call; start() need not have been called.
     [[nodiscard]] Task<> finish();
 
@@ -81,7 +83,6 @@ private:
     void end(Phone& phone, RetryPolicy::Outcome outcome) const;
     void pause(Phone& phone, const std::string& message);
     void wait(Phone& phone, double seconds, const std::string& message);
-    [[nodiscard]] bool retry(const std::optional<std::string>& id);
     [[nodiscard]] bool drop(const std::string& id);
     void discard(const std::string& id);
 

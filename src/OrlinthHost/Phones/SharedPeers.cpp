@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthHost/HumanText.h"
+#include "platform/SystemError.h"
 #include "platform/WholeFile.h"
 
 namespace orlinth::host {
@@ -15,6 +16,10 @@ std::string subtitleOf(const PeerRecord& record) {
         return record.peer_ip;
     }
     return record.peer_ip + " · paired " + humanTime(record.paired_at_epoch_ms).substr(0, dateCharacters);
+}
+
+bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
+    return one && other && platform::isSameContent(*one, *other);
 }
 
 } // namespace
@@ -38,6 +43,25 @@ void updateSharedPeers(const Home& home) noexcept {
         home.system.log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "share",
                               "cannot update the share sheet's list of phones: " + describe(error));
     }
+}
+
+void SharedPeersUpdates::update() {
+    work_.add([this] {
+        std::optional<platform::FileStatus> now;
+        try {
+            now = home_.system.files.status(home_.peers().fileURL());
+        } catch (const platform::SystemError&) {
+            return; // the list is a convenience, and the next change writes it anew
+        }
+        if (!isSame(written_, now)) {
+            updateSharedPeers(home_);
+            written_ = now;
+        }
+    });
+}
+
+Task<> SharedPeersUpdates::finish() {
+    co_await work_.finish();
 }
 
 } // namespace orlinth::host

@@ -1,6 +1,6 @@
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Outbox/OutboxStore.h"
-#include "OrlinthHost/Service/ServiceControl.h"
+#include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Reporting/OutboxReporter.h"
@@ -134,28 +134,27 @@ private:
 
     int retry(Host& host, host::OutboxStore& store) const {
         const std::vector<Entry> meant = store.matching(selectors_);
-        Json request{{"request", "outbox_retry"}};
-        if (!meant.empty()) {
-            request["batch"] = meant.front().id;
-        }
-        const std::optional<Json> reply = host.tasks.run(host::askService(host, request));
-        if (!reply && !meant.empty()) {
+        const std::optional<std::string> batch = meant.empty() ? std::nullopt : std::optional(meant.front().id);
+        const std::optional<bool> isFound = host.tasks.run(host::askServiceToRetry(host, batch));
+        const bool isServiceRunning = isFound.has_value();
+        if (!isServiceRunning && !meant.empty()) {
             store.retry(meant.front());
         }
-        if (reply && !reply->value("found", false)) {
+        if (isServiceRunning && !*isFound) {
             throw host::HostError("the batch is not there any more", "`orlinth outbox` lists the batches that are.");
         }
-        Json fields{{"service_running", reply.has_value()}};
-        if (!meant.empty()) {
-            fields["batch"] = meant.front().id;
+        Json fields{{"service_running", isServiceRunning}};
+        if (batch) {
+            fields["batch"] = *batch;
         }
         host.output.event("retry", std::move(fields));
         if (meant.empty() && !isAnythingWaiting(store)) {
             host.output.message("Nothing is waiting to be sent.");
         } else {
-            host.output.message(reply ? "The service is trying again now."
-                                      : "The Orlinth service is not running. Files will be sent once it starts: "
-                                        "`systemctl --user start orlinth`");
+            host.output.message(isServiceRunning
+                                    ? "The service is trying again now."
+                                    : "The Orlinth service is not running. Files will be sent once it starts: "
+                                      "`systemctl --user start orlinth`");
         }
         return 0;
     }
@@ -170,9 +169,7 @@ private:
         for (const Entry& entry : store.matching(selectors_)) {
             bool isGone = false;
             if (!entry.isSetAside) {
-                const std::optional<Json> reply =
-                    host.tasks.run(host::askService(host, {{"request", "outbox_drop"}, {"batch", entry.id}}));
-                isGone = reply && reply->value("found", false);
+                isGone = host.tasks.run(host::askServiceToDrop(host, entry.id)).value_or(false);
             }
             if (!isGone) {
                 dropAlone(entry, store);

@@ -5,7 +5,7 @@
 #include "OrlinthCore/Pairing/PairListener.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
 #include "OrlinthHost/Service/PairingDoor.h"
-#include "OrlinthHost/Service/ServiceControl.h"
+#include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Asking/Confirmation.h"
 #include "orlinth/Commands/Command.h"
@@ -248,7 +248,7 @@ private:
     /// The phone keeps the port of its pairing: people should know if nobody receives there.
     static void tellWhereFilesGo(Host& host, std::uint16_t port) {
         const std::string number = std::to_string(port);
-        const std::optional<std::uint16_t> service = portOfService(host);
+        const std::optional<std::uint16_t> service = host.tasks.run(host::findServicePort(host));
         if (service && *service != port) {
             host.output.message("The phone will send files to port " + number +
                                 ", but the Orlinth service receives on port " + std::to_string(*service) +

@@ -3,7 +3,6 @@
 #include "orlinth/Program/Host.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <system_error>
 
@@ -13,8 +12,5 @@ namespace orlinth::cli {
 /// service has the port. Not while a task runs: the service is asked.
 [[nodiscard]] host::HostError portTrouble(Host& host, std::uint16_t port, const std::error_code& reason,
                                           std::string text);
-
-/// The running service's port; nothing if none runs, or if it does not say. Not while a task runs.
-[[nodiscard]] std::optional<std::uint16_t> portOfService(Host& host);
 
 } // namespace orlinth::cli

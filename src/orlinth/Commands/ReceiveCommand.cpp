@@ -2,6 +2,7 @@
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "OrlinthHost/Sending/PhoneLimits.h"
+#include "OrlinthHost/Service/DownloadsFolder.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/FolderCheck.h"
@@ -89,7 +90,7 @@ public:
         const host::CheckedPeer peer = host::selectPeer(host, selector_, ownKey.publicKey(), host::PeerUse::key);
         ReceiveReporter reporter(host.output);
         const std::string from = forDisplay(peer.record.peer_hostname);
-        requireWritableFolder(host, folder);
+        host::requireWritableFolder(host, folder);
         try {
             reporter.tellComplete(
                 host.tasks.run(receiveOneTransfer(host.system, request(host, ownKey, peer, folder, reporter))));

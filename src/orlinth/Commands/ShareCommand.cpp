@@ -1,7 +1,7 @@
 #include "OrlinthCore/Share/ShareStaging.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Service/ServiceControl.h"
+#include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Reporting/OutboxReporter.h"

@@ -187,7 +187,37 @@ std::string hintForReceiving(const std::exception& error, const std::string& fro
     }
 }
 
+std::string hintForPort(const host::PortError& error) {
+    using Case = host::PortError::Case;
+    const std::string number = std::to_string(error.port());
+    switch (error.which()) {
+    case Case::inheritedUnusable:
+        return "A socket unit for this service has one ListenStream= and Accept=no.";
+    case Case::noSuchPlace:
+        return "`--listen` takes addresses and interfaces of this computer; `ip address` shows them.";
+    case Case::placesExcludeEachOther:
+        return "The places that `--listen` names exclude each other: 0.0.0.0 and another IPv4 address do, and so do an "
+               "interface and an address. Name single addresses, or interfaces only.";
+    case Case::usedByService:
+        return "The Orlinth service is using port " + number +
+               " and receives from every paired phone. Choose another port (`--port 0`: any free one), or stop the "
+               "service first.";
+    case Case::usedByOther:
+        return "Another program is using port " + number +
+               "; `ss -ltnp` shows which. Choose another port (`--port 0`: any free one), or stop that program.";
+    case Case::forbidden:
+        return "This account may not open port " + number +
+               "; ports below 1024 are usually reserved. Choose a higher one with `--port`.";
+    case Case::other:
+        break;
+    }
+    return {};
+}
+
 std::string hintForServing(const Host& host, const std::exception& error) {
+    if (const auto* port = dynamic_cast<const host::PortError*>(&error)) {
+        return hintForPort(*port);
+    }
     if (const auto* own = dynamic_cast<const host::HostError*>(&error)) {
         return own->hint();
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/Receiver.h"
+#include "OrlinthHost/Service/PortError.h"
 #include "orlinth/Program/Host.h"
 
 #include <exception>
@@ -18,6 +19,8 @@ namespace orlinth::cli {
 /// `folder` is where the file was to go.
 [[nodiscard]] std::string hintForReceiving(const std::exception& error, const std::string& from,
                                            const platform::Path& folder);
+/// Of a port that cannot be opened.
+[[nodiscard]] std::string hintForPort(const host::PortError& error);
 /// Of the receive service as a whole, and of one of its connections: who that was comes first.
 [[nodiscard]] std::string hintForServing(const Host& host, const std::exception& error);
 [[nodiscard]] std::string hintForConnection(const Host& host, const Receiver::Failure& failure);

@@ -2,13 +2,12 @@
 
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Phones/SharedPeers.h"
 #include "base/Text.h"
 #include "orlinth/Program/DesktopOpener.h"
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/ReceivedFields.h"
 #include "orlinth/Reporting/Terminal.h"
-#include "platform/SystemError.h"
+#include "platform/ServiceManager.h"
 
 #include <unistd.h>
 #include <utility>
@@ -92,17 +91,12 @@ void tellDeclined(Output& output, const Receiver::Declined& declined) {
                       : "declined " + forDisplay(declined.name) + " from " + from + becauseOf(declined.refusal));
 }
 
-bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
-    return one && other && platform::isSameContent(*one, *other);
-}
-
 } // namespace
 
-ServeReporter::ServeReporter(Host& host, bool writesClipboard)
+ServeReporter::ServeReporter(Host& host, Choices choices)
     : host_(host),
-      writesClipboard_(writesClipboard),
+      choices_(choices),
       clipboard_(host),
-      sharing_(host.system.network, "orlinth.serve.sharing"),
       textBurstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       burstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       opening_(std::make_shared<Opening>(
@@ -121,23 +115,34 @@ ServeReporter::ServeReporter(Host& host, bool writesClipboard)
                                  (untold == 1 ? " more time" : " more times"));
                }) {}
 
-Receiver::Callbacks ServeReporter::callbacks() {
-    return {.onListening =
-                [this](std::uint16_t port) {
-                    host_.output.event("listening", {{"port", port}});
-                    host_.output.message("listening on port " + std::to_string(port));
-                },
-            .onTransfer = [this](const Receiver::File& file) { tellFile(file); },
-            .onClipboard = [this](const Receiver::Clipboard& clipboard) { tellClipboard(clipboard); },
-            .onSync = [this](const Receiver::ProcessOutcome& outcome) { tellSync(outcome); },
-            .onError = [this](const Receiver::Failure& failure) { tellFailure(failure); },
-            .onAuthenticated = [this](const PeerRecord&) { sharePeers(); }};
+void ServeReporter::portInherited(std::uint16_t port) {
+    if (choices_.port && *choices_.port != port) {
+        host_.output.message("the service manager has opened port " + std::to_string(port) + "; --port is not used");
+    }
+    if (choices_.choosesPlaces) {
+        host_.output.message("the service manager has opened the port; --listen is not used");
+    }
 }
 
-void ServeReporter::tellHowMany(std::size_t pairedPhones) {
+void ServeReporter::phonesKnown(std::size_t pairedPhones) {
     if (pairedPhones == 0) {
         host_.output.message("No phone is paired yet. `orlinth pair` pairs one, also while this runs.");
     }
+}
+
+void ServeReporter::listening(std::uint16_t port, std::size_t pairedPhones) {
+    platform::tellServiceReady();
+    platform::tellServiceStatus(pairedPhones);
+    host_.output.event("listening", {{"port", port}});
+    host_.output.message("listening on port " + std::to_string(port));
+}
+
+void ServeReporter::stopping() {
+    platform::tellServiceStopping();
+}
+
+void ServeReporter::authenticated(const PeerRecord& /*phone*/, std::size_t pairedPhones) {
+    platform::tellServiceStatus(pairedPhones);
 }
 
 Task<> ServeReporter::finish() {
@@ -151,10 +156,9 @@ Task<> ServeReporter::finish() {
     textBurstTimer_->disarm();
     co_await clipboard_.finish();
     co_await opening_->chores.finish();
-    co_await sharing_.finish();
 }
 
-void ServeReporter::tellFile(const Receiver::File& file) {
+void ServeReporter::fileReceived(const Receiver::File& file) {
     Json fields = receivedFields(file.file);
     fields["from"] = file.from;
     host_.output.event("received", std::move(fields));
@@ -167,25 +171,25 @@ void ServeReporter::tellFile(const Receiver::File& file) {
     notifyOfFile(file);
 }
 
-void ServeReporter::tellClipboard(const Receiver::Clipboard& clipboard) {
+void ServeReporter::textReceived(const Receiver::Clipboard& clipboard) {
     host_.output.event("clipboard", {{"text", clipboard.text}, {"from", clipboard.from}});
     // A line may end up in a log, where a text, which may be a password, has no business.
     const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
                              host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey);
     if (admitsLine(clipboard.peerPubkey, clipboard.from)) {
-        if (!writesClipboard_ && isTerminal(STDOUT_FILENO)) {
+        if (!choices_.writesClipboard && isTerminal(STDOUT_FILENO)) {
             host_.output.page(line + ": " + madeVisible(clipboard.text));
         } else {
             host_.output.result(line);
         }
     }
-    if (writesClipboard_) {
+    if (choices_.writesClipboard) {
         clipboard_.write(clipboard.text);
     }
     notifyOfClipboard(clipboard);
 }
 
-void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
+void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
     Output& output = host_.output;
     if (const auto* name = std::get_if<Receiver::SetName>(&outcome)) {
         if (admitsLine(name->peerPubkey, name->from)) {
@@ -213,10 +217,9 @@ void ServeReporter::tellSync(const Receiver::ProcessOutcome& outcome) {
             tellDeclined(output, *declined);
         }
     }
-    sharePeers();
 }
 
-void ServeReporter::tellFailure(const Receiver::Failure& failure) {
+void ServeReporter::connectionFailed(const Receiver::Failure& failure) {
     const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerPubkey, failure.from);
     if (!isTold) {
         return;
@@ -228,14 +231,14 @@ void ServeReporter::tellFailure(const Receiver::Failure& failure) {
     host_.output.failure(describe(failure.error), hintForConnection(host_, failure), std::move(context));
 }
 
-void ServeReporter::tellFarAway(const std::string& remoteEndpoint) {
+void ServeReporter::turnedAway(const std::string& remoteEndpoint) {
     if (farAway_.admits()) {
         host_.output.failure("closed a connection from outside your networks",
                              "`--listen-public` lets such connections in.", {{"remote_endpoint", remoteEndpoint}});
     }
 }
 
-void ServeReporter::tellPhonesTrouble(const std::exception_ptr& error) {
+void ServeReporter::phonesUnreadable(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
     } catch (const std::exception& trouble) {
@@ -245,6 +248,17 @@ void ServeReporter::tellPhonesTrouble(const std::exception_ptr& error) {
         }
         host_.output.failure(describe(trouble), hint);
     }
+}
+
+void ServeReporter::unfinishedDownloads(const host::PartialsReminder::Reminder& reminder,
+                                        const platform::Path& folder) {
+    host_.output.event("unfinished_downloads",
+                       {{"count", reminder.count}, {"bytes", reminder.bytes}, {"dir", toUtf8(folder.native())}});
+    const bool isOne = reminder.count == 1;
+    host_.output.message(std::to_string(reminder.count) + (isOne ? " unfinished download" : " unfinished downloads") +
+                         " (" + host::humanSize(reminder.bytes) + ") in " + folder.string() +
+                         (isOne ? " has" : " have") + " not changed for a week. To see or remove " +
+                         (isOne ? "it" : "them") + ": `orlinth partials`");
 }
 
 void ServeReporter::controlFailed(const std::string& problem) {
@@ -323,7 +337,7 @@ void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
         ++moreTexts_;
         return;
     }
-    const std::string where = writesClipboard_ ? ", on the clipboard" : "";
+    const std::string where = choices_.writesClipboard ? ", on the clipboard" : "";
     host_.system.notifications.show(
         {.title = "Text from " + host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey),
          .body = sizeOfText(clipboard.text) + where,
@@ -340,25 +354,11 @@ void ServeReporter::tellMoreTexts() {
     }
     const std::string more = std::to_string(moreTexts_) + (moreTexts_ == 1 ? " more text" : " more texts");
     host_.system.notifications.show(
-        {.title = "Texts from your phones", .body = more + (writesClipboard_ ? ", the last one on the clipboard" : "")},
+        {.title = "Texts from your phones",
+         .body = more + (choices_.writesClipboard ? ", the last one on the clipboard" : "")},
         host_.tasks.executor(), {});
     moreTexts_ = 0;
     textBurstTimer_->arm(burstSeconds, [this] { tellMoreTexts(); });
-}
-
-void ServeReporter::sharePeers() {
-    sharing_.add([this] {
-        std::optional<platform::FileStatus> now;
-        try {
-            now = host_.system.files.status(host_.peers().fileURL());
-        } catch (const platform::SystemError&) {
-            return; // the list is a convenience, and the next change writes it anew
-        }
-        if (!isSame(sharedPeers_, now)) {
-            host::updateSharedPeers(host_);
-            sharedPeers_ = now;
-        }
-    });
 }
 
 } // namespace orlinth::cli

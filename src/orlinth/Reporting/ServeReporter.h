@@ -16,33 +16,41 @@
 namespace orlinth::cli {
 
 /// Turns what happens in the receive service into events, lines, notifications of the desktop, the clipboard's content
-/// and the share sheet's list. On the thread of `main`, but for what blocks.
+/// and what a service manager wants to hear. On the thread of `main`, but for what blocks.
 class ServeReporter final : public host::ServiceEvents {
 public:
     /// Between two notifications of files.
     static constexpr double burstSeconds = 5;
 
+    /// What the person has chosen.
+    struct Choices {
+        bool writesClipboard = true;
+        std::optional<std::uint16_t> port = {}; ///< on the command line or in the settings
+        bool choosesPlaces = false;
+    };
+
     /// `host` outlives this.
-    ServeReporter(Host& host, bool writesClipboard);
+    ServeReporter(Host& host, Choices choices);
     ServeReporter(const ServeReporter&) = delete;
     ServeReporter& operator=(const ServeReporter&) = delete;
 
-    /// For Receiver::run(), which this object outlives.
-    [[nodiscard]] Receiver::Callbacks callbacks();
-    /// Tells of phones that are known, at the start.
-    void tellHowMany(std::size_t pairedPhones);
-    /// Tells of somebody who was turned away because of where it comes from.
-    void tellFarAway(const std::string& remoteEndpoint);
-    /// Reports a file about the phones that cannot be read; those that were known before are still served.
-    void tellPhonesTrouble(const std::exception_ptr& error);
+    void portInherited(std::uint16_t port) override;
+    void phonesKnown(std::size_t pairedPhones) override;
+    void listening(std::uint16_t port, std::size_t pairedPhones) override;
+    void stopping() override;
+    [[nodiscard]] Task<> finish() override;
+    void authenticated(const PeerRecord& phone, std::size_t pairedPhones) override;
+    void fileReceived(const Receiver::File& file) override;
+    void textReceived(const Receiver::Clipboard& text) override;
+    void settled(const Receiver::ProcessOutcome& outcome) override;
+    void connectionFailed(const Receiver::Failure& failure) override;
+    void turnedAway(const std::string& remoteEndpoint) override;
+    void phonesUnreadable(const std::exception_ptr& error) override;
+    void unfinishedDownloads(const host::PartialsReminder::Reminder& reminder, const platform::Path& folder) override;
     void controlFailed(const std::string& problem) override;
     void portLent() override;
     void portReturned() override;
     void portMissing(const std::string& problem) override;
-    /// Brings the share sheet's list in step, if the peer store has changed since that was last done.
-    void sharePeers();
-    /// Waits for what is still to be done on other threads. The last call.
-    [[nodiscard]] Task<> finish();
 
 private:
     /// What a button of a notification needs, as long as the service is there to be asked.
@@ -51,10 +59,6 @@ private:
         platform::Log& log;
     };
 
-    void tellFile(const Receiver::File& file);
-    void tellClipboard(const Receiver::Clipboard& clipboard);
-    void tellSync(const Receiver::ProcessOutcome& outcome);
-    void tellFailure(const Receiver::Failure& failure);
     /// Of the first at once, of those that follow within a few seconds together: a hundred photos are one event.
     void notifyOfFile(const Receiver::File& file);
     void tellMoreFiles();
@@ -66,9 +70,8 @@ private:
     [[nodiscard]] bool admitsLine(const std::string& peerPubkey, const std::string& name);
 
     Host& host_;
-    bool writesClipboard_;
+    const Choices choices_;
     ClipboardWriter clipboard_;
-    host::Chores sharing_;
     std::unique_ptr<platform::Timer> textBurstTimer_;
     bool isTextBurst_ = false; ///< a text was told of less than `burstSeconds` ago
     std::int64_t moreTexts_ = 0;
@@ -85,8 +88,7 @@ private:
         std::string name; ///< the last one
         host::LineLimit limit;
     };
-    std::map<std::string, PhoneLines> phones_;        ///< by key
-    std::optional<platform::FileStatus> sharedPeers_; ///< the peer store's file then; on the queue of `sharing_`
+    std::map<std::string, PhoneLines> phones_; ///< by key
 };
 
 } // namespace orlinth::cli

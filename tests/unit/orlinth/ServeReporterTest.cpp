@@ -47,8 +47,7 @@ protected:
     TaskRunner tasks_{world_.context};
     Output output_;
     Host host_{world_.system, tasks_, output_};
-    ServeReporter reporter_{host_, true};
-    Receiver::Callbacks callbacks_ = reporter_.callbacks();
+    ServeReporter reporter_{host_, {.writesClipboard = true}};
 };
 
 /// While it lives, the program of the desktop that opens files writes down what it was asked to open.
@@ -82,7 +81,7 @@ private:
 };
 
 TEST_F(ServeReporterTest, ShowsAFileThatHasCome) {
-    callbacks_.onTransfer(file("/home/ann/Downloads/a & b.txt"));
+    reporter_.fileReceived(file("/home/ann/Downloads/a & b.txt"));
     ASSERT_EQ(1U, shown().size());
     EXPECT_EQ("File from Pixel <8>", shown()[0].notification.title);
     EXPECT_EQ("a & b.txt", shown()[0].notification.body);
@@ -95,7 +94,7 @@ TEST_F(ServeReporterTest, OpensTheFileOrItsFolderWithTheDesktopsOwnProgram) {
                                                                    {"show", "/home/ann/Downloads"}};
     for (const auto& [key, path] : answers) {
         const FakeOpener opener;
-        callbacks_.onTransfer(file("/home/ann/Downloads/a b.txt"));
+        reporter_.fileReceived(file("/home/ann/Downloads/a b.txt"));
         world_.notifications.answer(shown().size() - 1, key);
         fakes::runUntilIdle(world_.context, world_.clock); // and lets the burst pass
         EXPECT_EQ(path, opener.opened());
@@ -114,12 +113,12 @@ TEST_F(ServeReporterTest, TellsTwoPhonesApartWhoseNamesLookAlike) {
     host_.peers().writeBook(book);
     Receiver::File received = file("/home/ann/Downloads/a.txt");
     received.peerPubkey = "BBBBBBBBBBBBBBBB";
-    callbacks_.onTransfer(received);
-    callbacks_.onClipboard(
+    reporter_.fileReceived(received);
+    reporter_.textReceived(
         {.text = "correct horse", .mime = "text/plain", .from = "Pixel <8>", .peerPubkey = "AAAAAAAAAAAAAAAA"});
     letBurstPass(); // of the file
     letBurstPass(); // of the text
-    callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerPubkey = "CCCC"});
+    reporter_.textReceived({.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerPubkey = "CCCC"});
     ASSERT_EQ(3U, shown().size());
     EXPECT_EQ("File from Pixel <8> (key BBBBBBBBBBBB)", shown()[0].notification.title);
     EXPECT_EQ("Text from Pixel <8> (key AAAAAAAAAAAA)", shown()[1].notification.title);
@@ -129,21 +128,21 @@ TEST_F(ServeReporterTest, TellsTwoPhonesApartWhoseNamesLookAlike) {
 TEST_F(ServeReporterTest, TellsOnceThatANameIsKeptApart) {
     const Receiver::SetName kept{.name = "Pixel", .from = "Tablet", .calledHere = "Pixel (2)"};
     testing::internal::CaptureStdout();
-    callbacks_.onSync(kept);
-    callbacks_.onSync(Receiver::NameUpdate{.name = "Pixel", .from = "Pixel (2)", .calledHere = "Pixel (2)"});
-    callbacks_.onSync(Receiver::NameUpdate{.name = "Phone", .from = "Pixel (2)", .calledHere = "Phone"});
+    reporter_.settled(kept);
+    reporter_.settled(Receiver::NameUpdate{.name = "Pixel", .from = "Pixel (2)", .calledHere = "Pixel (2)"});
+    reporter_.settled(Receiver::NameUpdate{.name = "Phone", .from = "Pixel (2)", .calledHere = "Phone"});
     EXPECT_EQ("Tablet wants to be called 'Pixel', as another phone is; it is now called Pixel (2)\n"
               "Pixel (2) is now called Phone\n",
               testing::internal::GetCapturedStdout());
     output_.useJson();
     testing::internal::CaptureStdout();
-    callbacks_.onSync(kept);
+    reporter_.settled(kept);
     EXPECT_EQ("{\"called\":\"Pixel (2)\",\"event\":\"set_name\",\"from\":\"Tablet\",\"name\":\"Pixel\"}\n",
               testing::internal::GetCapturedStdout());
 }
 
 TEST_F(ServeReporterTest, SaysOfATextHowLongItIsAndNotWhatItSays) {
-    callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
+    reporter_.textReceived({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
     ASSERT_EQ(1U, shown().size());
     EXPECT_EQ("Text from Pixel", shown()[0].notification.title);
     EXPECT_EQ("13 bytes of text, on the clipboard", shown()[0].notification.body);
@@ -152,34 +151,34 @@ TEST_F(ServeReporterTest, SaysOfATextHowLongItIsAndNotWhatItSays) {
 
 TEST_F(ServeReporterTest, DoesWithoutADesktop) {
     world_.notifications.available = false;
-    callbacks_.onTransfer(file("/home/ann/Downloads/a.txt"));
-    callbacks_.onClipboard({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
+    reporter_.fileReceived(file("/home/ann/Downloads/a.txt"));
+    reporter_.textReceived({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
     EXPECT_EQ(2U, shown().size()); // and nothing has come of it
 }
 
 TEST_F(ServeReporterTest, ShowsManyFilesAsOne) {
     for (const char* name : {"a.jpg", "b.jpg", "c.jpg"}) {
-        callbacks_.onTransfer(file(std::filesystem::path("/home/ann/Downloads") / name));
+        reporter_.fileReceived(file(std::filesystem::path("/home/ann/Downloads") / name));
     }
     EXPECT_EQ(1U, shown().size());
     letBurstPass();
     ASSERT_EQ(2U, shown().size());
     EXPECT_EQ(ServeReporter::burstSeconds, world_.clock.elapsed());
     EXPECT_EQ("2 more files, the last one c.jpg", shown()[1].notification.body);
-    callbacks_.onTransfer(file("/home/ann/Downloads/d.jpg"));
+    reporter_.fileReceived(file("/home/ann/Downloads/d.jpg"));
     letBurstPass();
     EXPECT_EQ(3U, shown().size());
     letBurstPass();
     EXPECT_EQ(0U, world_.clock.pendingAlarms());
-    callbacks_.onTransfer(file("/home/ann/Downloads/e.jpg"));
+    reporter_.fileReceived(file("/home/ann/Downloads/e.jpg"));
     ASSERT_EQ(4U, shown().size());
     EXPECT_EQ("e.jpg", shown()[3].notification.body);
 }
 
 TEST_F(ServeReporterTest, IsNotAskedToOpenAnythingOnceItIsGone) {
     {
-        ServeReporter other(host_, false);
-        other.callbacks().onTransfer(file("/home/ann/Downloads/a.txt"));
+        ServeReporter other(host_, {.writesClipboard = false});
+        other.fileReceived(file("/home/ann/Downloads/a.txt"));
         world_.run(other.finish());
     }
     const FakeOpener opener;
@@ -196,19 +195,19 @@ Receiver::Clipboard textOf(const std::string& text, const std::string& phone = "
 
 TEST_F(ServeReporterTest, WritesTheNewestOfTheTextsThatHaveCome) {
     for (const char* text : {"one", "two", "three"}) {
-        callbacks_.onClipboard(textOf(text));
+        reporter_.textReceived(textOf(text));
     }
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_EQ(1, world_.clipboard.textWrites);
     EXPECT_EQ("three", world_.clipboard.text());
-    callbacks_.onClipboard(textOf("four"));
+    reporter_.textReceived(textOf("four"));
     world_.run(reporter_.finish());
     EXPECT_EQ("four", world_.clipboard.text());
 }
 
 TEST_F(ServeReporterTest, ShowsManyTextsAsOne) {
     for (const char* text : {"one", "two", "three"}) {
-        callbacks_.onClipboard(textOf(text));
+        reporter_.textReceived(textOf(text));
     }
     ASSERT_EQ(1U, shown().size());
     letBurstPass();
@@ -216,7 +215,7 @@ TEST_F(ServeReporterTest, ShowsManyTextsAsOne) {
     EXPECT_EQ(ServeReporter::burstSeconds, world_.clock.elapsed());
     EXPECT_EQ("Texts from your phones", shown()[1].notification.title);
     EXPECT_EQ("2 more texts, the last one on the clipboard", shown()[1].notification.body);
-    callbacks_.onTransfer(file("/home/ann/Downloads/a.txt"));
+    reporter_.fileReceived(file("/home/ann/Downloads/a.txt"));
     EXPECT_EQ(3U, shown().size()) << "a file is told of all the same";
 }
 
@@ -245,7 +244,7 @@ TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
     const auto failures = [this](const std::string& phone, int count) {
         return linesOf([&] {
             for (int i = 0; i < count; ++i) {
-                callbacks_.onError(failureOf(phone));
+                reporter_.connectionFailed(failureOf(phone));
             }
         });
     };
@@ -253,7 +252,7 @@ TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
     EXPECT_EQ(limits::linesOfOnePhone, std::ranges::count_if(failures("key 1", 1000), isFailure));
     EXPECT_EQ(3, std::ranges::count_if(failures("key 2", 3), isFailure)) << "another phone is not concerned";
     EXPECT_TRUE(linesOf([&] {
-                    callbacks_.onSync(
+                    reporter_.settled(
                         Receiver::SetName{.name = "x", .from = "Pixel", .isTakenOver = true, .peerPubkey = "key 1"});
                 }).empty());
     const std::vector<std::string> minute = linesOf([&] { letBurstPass(); });
@@ -266,7 +265,7 @@ TEST_F(ServeReporterTest, AClipboardThatCannotBeWrittenIsAFewLinesAMinuteAndThen
     world_.clipboard.hasSession = false;
     const std::vector<std::string> lines = linesOf([&] {
         for (int i = 0; i < 200; ++i) {
-            callbacks_.onClipboard(textOf("text " + std::to_string(i)));
+            reporter_.textReceived(textOf("text " + std::to_string(i)));
             world_.context.restart();
             world_.context.poll(); // so that each is written before the next one comes
         }
@@ -284,13 +283,13 @@ TEST_F(ServeReporterTest, APhoneThatIsNotForgottenGetsNoMoreLinesThanOthers) {
     Receiver::Unpair unpair{.from = "Pixel", .peerPubkey = "key 1", .isForgotten = false};
     testing::internal::CaptureStdout();
     for (int i = 0; i < count; ++i) {
-        callbacks_.onSync(unpair);
+        reporter_.settled(unpair);
     }
     const std::string kept = testing::internal::GetCapturedStdout();
     EXPECT_EQ(limits::linesOfOnePhone, std::ranges::count(kept, '\n'));
     unpair.isForgotten = true;
     testing::internal::CaptureStdout();
-    callbacks_.onSync(unpair);
+    reporter_.settled(unpair);
     EXPECT_EQ("Pixel has removed this computer, and is forgotten here\n", testing::internal::GetCapturedStdout())
         << "however much was said before";
 }
@@ -298,7 +297,7 @@ TEST_F(ServeReporterTest, APhoneThatIsNotForgottenGetsNoMoreLinesThanOthers) {
 TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
     const std::vector<std::string> lines = linesOf([&] {
         for (int i = 0; i < 1000; ++i) {
-            reporter_.tellFarAway("203.0.113.9:" + std::to_string(i));
+            reporter_.turnedAway("203.0.113.9:" + std::to_string(i));
         }
         world_.run(reporter_.finish());
     });

@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 
-namespace orlinth::cli {
+namespace orlinth::host {
 namespace {
 
 using testing::ElementsAre;
@@ -22,15 +22,15 @@ TEST_F(OutboxSenderTest, SendsTheFilesOfABatchInTheirOrderAndRemovesIt) {
     EXPECT_THAT(taken_, ElementsAre("b.txt", "a.txt"));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
-    const std::vector<Json> sent = told("outbox_sent");
+    const std::vector<Told> sent = told(What::sent);
     ASSERT_EQ(2U, sent.size());
-    EXPECT_EQ(first, sent[0].at("batch"));
-    EXPECT_EQ("b.txt", sent[0].at("file"));
-    EXPECT_EQ("Pixel-8", sent[0].at("to"));
-    EXPECT_EQ(16, sent[0].at("bytes_sent"));
-    EXPECT_EQ(0, sent[0].at("resumed_from_offset"));
-    EXPECT_EQ(1U, told("outbox_done").size());
-    EXPECT_THAT(titles(), ElementsAre("Sent 2 files to Pixel-8"));
+    EXPECT_EQ(first, sent[0].batch);
+    EXPECT_EQ("b.txt", sent[0].file);
+    EXPECT_EQ("Pixel-8", sent[0].to);
+    EXPECT_EQ(16, sent[0].bytesSent);
+    EXPECT_EQ(0, sent[0].resumedFromOffset);
+    EXPECT_EQ(1U, told(What::done).size());
+    EXPECT_THAT(notices(), ElementsAre("sent 2 to Pixel-8"));
 }
 
 TEST_F(OutboxSenderTest, NoticesAPhoneThatIsGone) {
@@ -107,15 +107,15 @@ TEST_F(OutboxSenderTest, TriesAgainAfterGrowingPauses) {
     std::optional<double> begin;
     const std::vector<double> pauses =
         gapsUntil(13000, [this, &begin] { begin = begin.value_or(world_.clock.elapsed()); });
-    EXPECT_NEAR(host::OutboxLookout::gatherSeconds, begin.value(), 1e-9);
+    EXPECT_NEAR(OutboxLookout::gatherSeconds, begin.value(), 1e-9);
     EXPECT_THAT(pauses, ElementsAre(5, 15, 60, 300, 900, 3600, 3600, 3600));
-    const std::vector<Json> waiting = told("outbox_waiting");
+    const std::vector<Told> waiting = told(What::waiting);
     ASSERT_EQ(9U, waiting.size());
-    EXPECT_EQ(5, waiting[0].at("retry_in_seconds"));
-    EXPECT_EQ(3600, waiting[8].at("retry_in_seconds"));
-    EXPECT_EQ("network: Connection refused", waiting[0].at("message"));
-    EXPECT_EQ(errors_.find("waiting for"), errors_.rfind("waiting for")) << "told more than once: " << errors_;
-    EXPECT_THAT(titles(), ElementsAre("Waiting for Pixel-8"));
+    EXPECT_EQ(5, waiting[0].retrySeconds);
+    EXPECT_EQ(3600, waiting[8].retrySeconds);
+    EXPECT_EQ("network: Connection refused", waiting[0].message);
+    EXPECT_EQ(1U, told(What::waitingLine).size());
+    EXPECT_THAT(notices(), ElementsAre("waiting for Pixel-8"));
     EXPECT_TRUE(isThere(outbox / first / "a.txt"));
 }
 
@@ -177,7 +177,7 @@ TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {
     sender_->peersChanged();
     pass(0.1);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
-    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+    EXPECT_THAT(told(What::waiting), IsEmpty());
 }
 
 TEST_F(OutboxSenderTest, TriesAtOnceWhenAnotherBatchComes) {
@@ -198,7 +198,7 @@ TEST_F(OutboxSenderTest, TellsOfEachBatchOnceThatItsPhoneIsAway) {
     put(second, {"b.txt"}, 2000);
     ring();
     pass(100);
-    EXPECT_THAT(titles(), ElementsAre("Waiting for Pixel-8", "Waiting for Pixel-8"));
+    EXPECT_THAT(notices(), ElementsAre("waiting for Pixel-8", "waiting for Pixel-8"));
 }
 
 TEST_F(OutboxSenderTest, GivesUpWhatThePhoneDeclinesAndGoesOn) {
@@ -209,12 +209,12 @@ TEST_F(OutboxSenderTest, GivesUpWhatThePhoneDeclinesAndGoesOn) {
     world_.alongside(take(1));
     pass(30);
     EXPECT_THAT(taken_, ElementsAre("b.txt"));
-    const std::vector<Json> failed = told("outbox_failed");
+    const std::vector<Told> failed = failures();
     ASSERT_EQ(2U, failed.size());
-    EXPECT_EQ("a.txt", failed[0].at("file"));
-    EXPECT_EQ("the phone declined the file.", failed[0].at("message"));
-    EXPECT_FALSE(failed[1].contains("file"));
-    EXPECT_THAT(failed[1].at("message").get<std::string>(), HasSubstr("a.txt not sent to Pixel-8"));
+    EXPECT_EQ("a.txt", failed[0].file);
+    EXPECT_EQ("the phone declined the file.", failed[0].message);
+    EXPECT_EQ(What::setAside, failed[1].what);
+    EXPECT_THAT(failed[1].message, HasSubstr("a.txt not sent to Pixel-8"));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_EQ("content of a.txt", world_.files.content(container / "OutboxSetAside" / first / "a.txt"));
 }
@@ -226,7 +226,7 @@ TEST_F(OutboxSenderTest, GivesUpEverythingForAPhoneThatHasForgottenThisComputer)
     start();
     pass(60);
     EXPECT_EQ(1U, attempts());
-    EXPECT_EQ(4U, told("outbox_failed").size()) << "of each batch: for the phone, and that it is set aside";
+    EXPECT_EQ(4U, failures().size()) << "of each batch: for the phone, and that it is set aside";
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / second));
 }
@@ -238,7 +238,7 @@ TEST_F(OutboxSenderTest, ServesTheOtherPhonesOfABatchOneOfWhichWasRemoved) {
     pass(1);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
-    EXPECT_THAT(told("outbox_failed").at(0).at("message").get<std::string>(), HasSubstr("not paired any more"));
+    EXPECT_THAT(failures().at(0).message, HasSubstr("not paired any more"));
 }
 
 TEST_F(OutboxSenderTest, GivesUpWhatIsForAPhoneThatIsRemovedMeanwhile) {
@@ -259,7 +259,7 @@ TEST_F(OutboxSenderTest, DoesNotLetAPhoneThatIsAwayHoldUpAnother) {
     pass(1);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     EXPECT_TRUE(isThere(outbox / first / "a.txt"));
-    EXPECT_THAT(titles(), testing::UnorderedElementsAre("Waiting for Tablet", "Sent 1 file to Pixel-8"));
+    EXPECT_THAT(notices(), testing::UnorderedElementsAre("waiting for Tablet", "sent 1 to Pixel-8"));
 }
 
 TEST_F(OutboxSenderTest, SetsAsideWhatMakesNoSenseAndTouchesNothingElse) {
@@ -273,10 +273,10 @@ TEST_F(OutboxSenderTest, SetsAsideWhatMakesNoSenseAndTouchesNothingElse) {
     EXPECT_EQ("abc", world_.files.content(container / "OutboxSetAside" / first / "a.txt"));
     EXPECT_EQ("somebody's", world_.files.content(outbox / "note.txt"));
     EXPECT_THAT(taken_, ElementsAre("b.txt"));
-    const std::vector<Json> failed = told("outbox_failed");
+    const std::vector<Told> failed = failures();
     ASSERT_EQ(1U, failed.size());
-    EXPECT_EQ(first, failed[0].at("batch"));
-    EXPECT_THAT(failed[0].at("message").get<std::string>(), HasSubstr("makes no sense"));
+    EXPECT_EQ(first, failed[0].batch);
+    EXPECT_THAT(failed[0].message, HasSubstr("makes no sense"));
 }
 
 TEST_F(OutboxSenderTest, SetsAsideWhatIsForNobody) {
@@ -285,7 +285,7 @@ TEST_F(OutboxSenderTest, SetsAsideWhatIsForNobody) {
     start();
     pass(1);
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
-    EXPECT_EQ("no phone is paired", told("outbox_failed").at(0).at("message"));
+    EXPECT_EQ("no phone is paired", failures().at(0).message);
 }
 
 TEST_F(OutboxSenderTest, TellsOnceOfABatchThatCannotBeSetAsideEither) {
@@ -293,7 +293,7 @@ TEST_F(OutboxSenderTest, TellsOnceOfABatchThatCannotBeSetAsideEither) {
     world_.files.addFault({.operation = fakes::Operation::rename, .errorNumber = EACCES});
     start();
     pass(300);
-    EXPECT_EQ(1U, told("outbox_failed").size());
+    EXPECT_EQ(1U, failures().size());
     world_.files.clearFaults();
 }
 
@@ -316,7 +316,7 @@ TEST_F(OutboxSenderTest, WritesIdsDownBeforeAnythingIsSent) {
     world_.alongside(keepSilent());
     start();
     pass(1);
-    const host::OutboxState known = host::OutboxState::load(world_.files, memory / first).value();
+    const OutboxState known = OutboxState::load(world_.files, memory / first).value();
     const std::string journal = *world_.files.content(known.journalFile(world_.phoneRecord().peer_pubkey));
     EXPECT_THAT(InFlightJournal::decodeEntries(parseJson(journal)),
                 ElementsAre(Key(StartsWith("a.txt|16|")), Key(StartsWith("b.txt|16|"))));
@@ -327,14 +327,14 @@ TEST_F(OutboxSenderTest, TakesNothingForSentBeforeThePhoneHasClosed) {
     world_.alongside(closeLate(10));
     start();
     pass(5);
-    EXPECT_THAT(told("outbox_sent"), IsEmpty());
-    const host::OutboxState whoeverComesNext = host::OutboxState::load(world_.files, memory / first).value();
+    EXPECT_THAT(told(What::sent), IsEmpty());
+    const OutboxState whoeverComesNext = OutboxState::load(world_.files, memory / first).value();
     EXPECT_TRUE(whoeverComesNext.phones.at(0).isOpen("a.txt"));
     const std::string journal = *world_.files.content(whoeverComesNext.journalFile(world_.phoneRecord().peer_pubkey));
     EXPECT_THAT(journal, HasSubstr(ids_.at(0))) << "under the same id, if we are killed now";
     pass(10);
-    EXPECT_EQ(1U, told("outbox_sent").size());
-    EXPECT_FALSE(host::OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt"));
+    EXPECT_EQ(1U, told(What::sent).size());
+    EXPECT_FALSE(OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt"));
 }
 
 TEST_F(OutboxSenderTest, FlushesLittleForManyFiles) {
@@ -348,7 +348,7 @@ TEST_F(OutboxSenderTest, FlushesLittleForManyFiles) {
     const std::size_t before = world_.files.count(fakes::Operation::flush);
     pass(1);
     EXPECT_EQ(names, taken_) << "although it takes one at a time, and refuses all others";
-    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+    EXPECT_THAT(told(What::waiting), IsEmpty());
     EXPECT_FALSE(isThere(memory / first));
     EXPECT_GE(before + 1 + 3 + 3, world_.files.count(fakes::Operation::flush)) << "the state, ids, and what was sent";
 }
@@ -362,13 +362,13 @@ TEST_F(OutboxSenderTest, SendsSeveralAtOnceToAPhoneThatTakesThem) {
     EXPECT_EQ("1", taken_.front());
     EXPECT_EQ(9U, attempts());
     EXPECT_FALSE(isThere(outbox / first));
-    EXPECT_THAT(titles(), ElementsAre("Sent 9 files to Pixel-8"));
+    EXPECT_THAT(notices(), ElementsAre("sent 9 to Pixel-8"));
 }
 
 TEST_F(OutboxSenderTest, SendsLargeFilesOneAfterTheOther) {
     put(first, {"1", "2", "3"});
     for (const char* name : {"2", "3"}) {
-        world_.files.put(outbox / first / name, std::string(host::PhoneLanes::enoughBytes, 'x'));
+        world_.files.put(outbox / first / name, std::string(PhoneLanes::enoughBytes, 'x'));
     }
     world_.alongside(takeOneAndKeepSilent());
     start();
@@ -388,8 +388,8 @@ TEST_F(OutboxSenderTest, OffersAgainAtOnceUnderTheSameIdWhatWasBrokenOffAtTheEnd
     pass(1);
     ASSERT_EQ(2U, ids_.size());
     EXPECT_EQ(ids_[0], ids_[1]);
-    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
-    EXPECT_EQ(1U, told("outbox_sent").size());
+    EXPECT_THAT(told(What::waiting), IsEmpty());
+    EXPECT_EQ(1U, told(What::sent).size());
     EXPECT_FALSE(isThere(outbox / first));
 }
 
@@ -399,17 +399,17 @@ TEST_F(OutboxSenderTest, SetsAsideWhatWasBrokenOffAtTheEndThreeTimes) {
     start();
     pass(1);
     EXPECT_EQ(2U, ids_.size()) << "two at once";
-    EXPECT_EQ(1U, told("outbox_waiting").size());
+    EXPECT_EQ(1U, told(What::waiting).size());
     pass(5);
     ASSERT_EQ(3U, ids_.size()) << "and another after a pause";
     EXPECT_EQ(ids_[0], ids_[1]);
     EXPECT_EQ(ids_[0], ids_[2]);
-    EXPECT_THAT(told("outbox_sent"), IsEmpty());
-    EXPECT_EQ(host::DeliveryInDoubt::text, told("outbox_failed").at(0).at("message"));
+    EXPECT_THAT(told(What::sent), IsEmpty());
+    EXPECT_EQ(DeliveryInDoubt::text, failures().at(0).message);
     world_.alongside(take(1));
     pass(5000);
     EXPECT_THAT(taken_, ElementsAre("b.txt")) << "the others go on";
-    EXPECT_EQ(4U, attempts() - told("outbox_waiting").size() + 1) << "nothing more of the first";
+    EXPECT_EQ(4U, attempts() - told(What::waiting).size() + 1) << "nothing more of the first";
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first / "a.txt"));
 }
 
@@ -431,8 +431,8 @@ TEST_F(OutboxSenderTest, DropsABatch) {
     put(second, {"b.txt"}, 2000);
     start();
     pass(1);
-    EXPECT_EQ((Json{{"found", true}}), world_.run(sender_->answer({{"request", "outbox_drop"}, {"batch", first}})));
-    EXPECT_EQ((Json{{"found", false}}), world_.run(sender_->answer({{"request", "outbox_drop"}, {"batch", first}})));
+    EXPECT_TRUE(world_.run(sender_->remove(first)));
+    EXPECT_FALSE(world_.run(sender_->remove(first)));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
     EXPECT_TRUE(isThere(outbox / second));
@@ -443,12 +443,12 @@ TEST_F(OutboxSenderTest, EndsWhatIsUnderWayOfABatchThatIsDropped) {
     put(first, {"a.txt"});
     start();
     pass(1);
-    EXPECT_EQ((Json{{"found", true}}), world_.run(sender_->answer({{"request", "outbox_drop"}, {"batch", first}})));
+    EXPECT_TRUE(world_.run(sender_->remove(first)));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
     pass(100);
-    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
-    EXPECT_THAT(told("outbox_failed"), IsEmpty());
+    EXPECT_THAT(told(What::waiting), IsEmpty());
+    EXPECT_THAT(failures(), IsEmpty());
 }
 
 TEST_F(OutboxSenderTest, TakesABatchWhoseFolderHasGoneForDropped) {
@@ -464,7 +464,7 @@ TEST_F(OutboxSenderTest, TakesABatchWhoseFolderHasGoneForDropped) {
     const std::size_t before = attempts();
     pass(1000);
     EXPECT_EQ(before, attempts());
-    EXPECT_THAT(told("outbox_failed"), IsEmpty());
+    EXPECT_THAT(failures(), IsEmpty());
 }
 
 TEST_F(OutboxSenderTest, RetriesWhatWaits) {
@@ -472,7 +472,7 @@ TEST_F(OutboxSenderTest, RetriesWhatWaits) {
     start();
     pass(1000);
     world_.alongside(take(1));
-    EXPECT_EQ((Json{{"found", true}}), world_.run(sender_->answer({{"request", "outbox_retry"}})));
+    EXPECT_TRUE(sender_->retry(std::nullopt));
     pass(0.1);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
 }
@@ -486,17 +486,11 @@ TEST_F(OutboxSenderTest, RetriesABatchThatWasSetAsideWithoutWhatWasSentOfIt) {
     pass(30);
     ASSERT_TRUE(isThere(container / "OutboxSetAside" / first));
     world_.alongside(take(1));
-    EXPECT_EQ((Json{{"found", true}}), world_.run(sender_->answer({{"request", "outbox_retry"}, {"batch", first}})));
+    EXPECT_TRUE(sender_->retry(first));
     pass(1);
     EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
     EXPECT_FALSE(isThere(container / "OutboxSetAside" / first));
-    EXPECT_EQ((Json{{"found", false}}), world_.run(sender_->answer({{"request", "outbox_retry"}, {"batch", first}})));
-}
-
-TEST_F(OutboxSenderTest, AnswersNothingElse) {
-    start();
-    EXPECT_TRUE(world_.run(sender_->answer({{"request", "something"}})).is_null());
-    EXPECT_TRUE(world_.run(sender_->answer({{"request", "outbox_drop"}})).is_null());
+    EXPECT_FALSE(sender_->retry(first));
 }
 
 TEST_F(OutboxSenderTest, GivesUpAnAttemptWithoutAHandshake) {
@@ -505,7 +499,7 @@ TEST_F(OutboxSenderTest, GivesUpAnAttemptWithoutAHandshake) {
     put(first, {"a.txt"});
     start();
     pass(10.2);
-    EXPECT_EQ("noise handshake: timed out after 10 seconds", told("outbox_waiting").at(0).at("message"));
+    EXPECT_EQ("noise handshake: timed out after 10 seconds", told(What::waiting).at(0).message);
 }
 
 TEST_F(OutboxSenderTest, WaitsFiveMinutesForAnAnswerToTheOffer) {
@@ -513,20 +507,17 @@ TEST_F(OutboxSenderTest, WaitsFiveMinutesForAnAnswerToTheOffer) {
     world_.alongside(keepSilent());
     start();
     pass(299);
-    EXPECT_THAT(told("outbox_waiting"), IsEmpty());
+    EXPECT_THAT(told(What::waiting), IsEmpty());
     pass(2);
-    EXPECT_THAT(told("outbox_waiting").at(0).at("message").get<std::string>(), HasSubstr("no progress"));
+    EXPECT_THAT(told(What::waiting).at(0).message, HasSubstr("no progress"));
 }
 
 TEST_F(OutboxSenderTest, SaysNothingOfAnEmptyOutbox) {
     start();
     pass(1000);
     stop();
-    collect();
-    EXPECT_THAT(told_, IsEmpty());
-    EXPECT_EQ("", errors_);
-    EXPECT_THAT(titles(), IsEmpty());
+    EXPECT_TRUE(events_.all.empty());
 }
 
 } // namespace
-} // namespace orlinth::cli
+} // namespace orlinth::host

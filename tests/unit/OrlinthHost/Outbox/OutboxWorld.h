@@ -1,18 +1,16 @@
 #pragma once
 
 #include "OrlinthHost/Outbox/OutboxSender.h"
+#include "RecordingOutboxEvents.h"
 #include "fakes/World.h"
-#include "orlinth/Reporting/OutboxReporter.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
-#include <iostream>
-#include <sstream>
 #include <variant>
 
-namespace orlinth::cli {
+namespace orlinth::host {
 
 inline const platform::Path container = "/home/ann/.local/share/group.com.tarvinex.orlinth";
 inline const platform::Path outbox = container / "Outbox";
@@ -26,19 +24,11 @@ protected:
     using ScriptedPeer = fakes::ScriptedPeer;
     using Row = TransportMessage;
 
-    OutboxWorldTest() {
-        output_.useJson();
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        pair({world_.phoneRecord()});
-    }
-    ~OutboxWorldTest() override {
-        stop();
-        collect();
-        testing::internal::GetCapturedStdout();
-        testing::internal::GetCapturedStderr();
-        std::cout << reports_;
-    }
+    using What = RecordingOutboxEvents::What;
+    using Told = RecordingOutboxEvents::Told;
+
+    OutboxWorldTest() { pair({world_.phoneRecord()}); }
+    ~OutboxWorldTest() override { stop(); }
 
     void pair(const std::vector<PeerRecord>& records) {
         PeerStore(world_.files, world_.system.directories).writeBook({records});
@@ -64,7 +54,7 @@ protected:
     void ring() { ShareOutbox::postPending(world_.signals); }
 
     void start() {
-        sender_.emplace(host_, world_.computerKey, reporter_);
+        sender_.emplace(home_, world_.computerKey, events_);
         sender_->start();
     }
     void stop() {
@@ -192,30 +182,27 @@ protected:
         return {reinterpret_cast<const char*>(data.data()), data.size()};
     }
 
-    /// Everything that was told so far, "name to file" and so on.
-    void collect() {
-        std::istringstream lines(testing::internal::GetCapturedStdout());
-        std::string line;
-        while (std::getline(lines, line)) {
-            if (line.starts_with("{")) {
-                told_.push_back(parseJson(line));
-            } else {
-                reports_ += line + "\n"; // of the test itself
-            }
-        }
-        errors_ += testing::internal::GetCapturedStderr();
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-    }
-    [[nodiscard]] std::vector<Json> told(const std::string& name) {
-        collect();
-        std::vector<Json> found;
-        for (const Json& event : told_) {
-            if (event.at("event") == name) {
-                found.push_back(event);
-            }
-        }
+    [[nodiscard]] std::vector<Told> told(What what) const { return events_.of(what); }
+    /// What is not sent whatever happens: files, batches for a phone, whole batches.
+    [[nodiscard]] std::vector<Told> failures() const {
+        std::vector<Told> found;
+        std::ranges::copy_if(events_.all, std::back_inserter(found), [](const Told& told) {
+            return told.what == What::fileFailed || told.what == What::phoneFailed || told.what == What::setAside ||
+                   told.what == What::notSetAside;
+        });
         return found;
+    }
+    /// What people get to see of batches that are on their way.
+    [[nodiscard]] std::vector<std::string> notices() const {
+        std::vector<std::string> notices;
+        for (const Told& told : events_.all) {
+            if (told.what == What::waitingNotification) {
+                notices.push_back("waiting for " + told.to);
+            } else if (told.what == What::through && told.files > 0) {
+                notices.push_back("sent " + std::to_string(told.files) + " to " + told.to);
+            }
+        }
+        return notices;
     }
     [[nodiscard]] std::size_t attempts() const { return world_.network.attempts.size(); }
     /// Lets time pass up to this instant, or the next at which something happens; seconds from each attempt to connect
@@ -245,30 +232,18 @@ protected:
         world_.files.rename(outbox / first, "/mnt/moved");
         world_.files.putLink(outbox / first, "/mnt/moved");
     }
-    [[nodiscard]] std::vector<std::string> titles() const {
-        std::vector<std::string> titles;
-        for (const auto& shown : world_.notifications.shown) {
-            titles.push_back(shown.notification.title);
-        }
-        return titles;
-    }
     [[nodiscard]] bool isThere(const platform::Path& path) const { return world_.files.exists(path); }
 
     static constexpr std::uint16_t tabletPort = 7002;
     fakes::World world_;
     platform::PrivateKey tabletKey_ = platform::PrivateKey::generate();
-    TaskRunner tasks_{world_.context};
-    Output output_;
-    Host host_{world_.system, tasks_, output_};
-    OutboxReporter reporter_{host_};
-    std::optional<host::OutboxSender> sender_;
+    Home home_{.system = world_.system, .executor = world_.context.get_executor()};
+    RecordingOutboxEvents events_;
+    std::optional<OutboxSender> sender_;
     std::vector<std::string> taken_;
     std::vector<std::string> ids_;
     std::vector<std::unique_ptr<ScriptedPeer>> kept_; ///< connections that stay open
     fakes::MemoryStream* reset_ = nullptr;            ///< of the connection that is to be reset
-    std::vector<Json> told_;
-    std::string errors_;
-    std::string reports_;
 };
 
-} // namespace orlinth::cli
+} // namespace orlinth::host

@@ -1,0 +1,47 @@
+#include "OrlinthHost/Service/ControlLine.h"
+
+namespace orlinth::host {
+
+namespace {
+
+constexpr const char* socketName = "service.sock";
+
+Task<std::string> readLine(platform::Stream& stream) {
+    std::string line;
+    for (;;) {
+        std::byte next{};
+        const std::size_t count = co_await stream.readExact(MutableBytes(&next, 1));
+        if (count == 0) {
+            throw HostError("the connection has ended");
+        }
+        if (next == std::byte{'\n'}) {
+            co_return line;
+        }
+        if (line.size() == maxControlLine) {
+            throw HostError("a line is too long");
+        }
+        line += static_cast<char>(next);
+    }
+}
+
+Task<bool> writeLine(platform::Stream& stream, std::string line) {
+    line += '\n';
+    co_await stream.writeAll(asBytes(line));
+    co_return true;
+}
+
+} // namespace
+
+platform::Path controlSocket(const Home& home) {
+    return home.dataDirectory() / socketName;
+}
+
+Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, double seconds) {
+    co_return co_await withinSeconds(clock, seconds, readLine(stream));
+}
+
+Task<> sendControlLine(platform::Stream& stream, platform::Clock& clock, std::string line) {
+    co_await withinSeconds(clock, controlLineSeconds, writeLine(stream, std::move(line)));
+}
+
+} // namespace orlinth::host

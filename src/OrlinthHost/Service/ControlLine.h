@@ -1,0 +1,41 @@
+#pragma once
+
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/HostError.h"
+#include "base/OneShot.h"
+#include "platform/Deadline.h"
+#include "platform/Network.h"
+
+#include <cstddef>
+#include <string>
+
+/// How the lines of ControlMessage.h get through the control socket, for both of its ends.
+namespace orlinth::host {
+
+/// Bytes of a line, without its end.
+inline constexpr std::size_t maxControlLine = 4096;
+/// Seconds for a whole request to come, and for a whole line to be taken by the other end.
+inline constexpr double controlLineSeconds = 5;
+
+/// Where the running service of this data folder listens.
+[[nodiscard]] platform::Path controlSocket(const Home& home);
+
+/// What `operation` returns, if it does so in time. @throws HostError if it does not
+/// `operation` outlives the call, whose caller awaits it in the expression that makes it; so does `clock`.
+template <typename T>
+[[nodiscard]] Task<T> withinSeconds(platform::Clock& clock, double seconds, Task<T> operation) {
+    OneShot<T> outcome;
+    co_await platform::settleFirst(outcome, clock, seconds, std::make_exception_ptr(HostError("no answer in time")),
+                                   std::move(operation));
+    co_return outcome.take();
+}
+
+/// The next line, without its end, and not a byte further: a socket may follow. What is referred to outlives the call.
+/// @throws HostError if it is too long, comes too late, or the connection ends; SystemError
+[[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, double seconds);
+
+/// Sends a line, and its end. What is referred to outlives the call.
+/// @throws HostError if the other end does not take it in time; SystemError
+[[nodiscard]] Task<> sendControlLine(platform::Stream& stream, platform::Clock& clock, std::string line);
+
+} // namespace orlinth::host

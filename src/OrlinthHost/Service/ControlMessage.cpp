@@ -1,0 +1,121 @@
+#include "OrlinthHost/Service/ControlMessage.h"
+
+#include "OrlinthHost/HostError.h"
+#include "base/Json.h"
+
+#include <limits>
+#include <utility>
+
+namespace orlinth::host {
+
+namespace {
+
+constexpr const char* requestKey = "request";
+constexpr const char* portRequest = "port";
+constexpr const char* lendRequest = "lend_port";
+constexpr const char* retryRequest = "outbox_retry";
+constexpr const char* dropRequest = "outbox_drop";
+constexpr const char* portKey = "port";
+constexpr const char* lentKey = "lent";
+constexpr const char* batchKey = "batch";
+constexpr const char* foundKey = "found";
+constexpr const char* errorKey = "error";
+
+template <typename... Cases>
+struct Overloaded : Cases... {
+    using Cases::operator()...;
+};
+
+std::optional<std::uint16_t> portIn(const Json& object) {
+    if (!object.is_object() || !object.contains(portKey)) {
+        return std::nullopt;
+    }
+    const std::int64_t number = requireInt64(object, portKey);
+    if (number < 1 || number > std::numeric_limits<std::uint16_t>::max()) {
+        throw HostError("a port that is none");
+    }
+    return static_cast<std::uint16_t>(number);
+}
+
+bool isTrue(const Json& object, const char* key, bool otherwise) {
+    const auto member = object.find(key);
+    return member != object.end() && member->is_boolean() ? member->get<bool>() : otherwise;
+}
+
+} // namespace
+
+std::string encodeControlRequest(const ControlRequest& request) {
+    Json object;
+    std::visit(Overloaded{[&object](const PortRequest&) { object[requestKey] = portRequest; },
+                          [&object](const LendPortRequest& lend) {
+                              object[requestKey] = lendRequest;
+                              if (lend.port) {
+                                  object[portKey] = *lend.port;
+                              }
+                          },
+                          [&object](const OutboxRetryRequest& retry) {
+                              object[requestKey] = retryRequest;
+                              if (retry.batch) {
+                                  object[batchKey] = *retry.batch;
+                              }
+                          },
+                          [&object](const OutboxDropRequest& drop) {
+                              object[requestKey] = dropRequest;
+                              object[batchKey] = drop.batch;
+                          }},
+               request);
+    return compactJson(object);
+}
+
+std::string encodeControlReply(const ControlReply& reply) {
+    Json object;
+    std::visit(Overloaded{[&object](const PortReply& port) { object[portKey] = port.port; },
+                          [&object](const NotLentReply& notLent) {
+                              object[portKey] = notLent.port;
+                              object[lentKey] = false;
+                          },
+                          [&object](const FoundReply& found) { object[foundKey] = found.isFound; },
+                          [&object](const ErrorReply& error) { object[errorKey] = error.problem; }},
+               reply);
+    return compactJson(object);
+}
+
+ControlRequest decodeControlRequest(std::string_view line) {
+    const Json object = parseJson(line);
+    const std::optional<std::uint16_t> port = portIn(object); // must be one, whoever is asked for what
+    const std::string what = requireString(object, requestKey);
+    if (what == portRequest) {
+        return PortRequest{};
+    }
+    if (what == lendRequest) {
+        return LendPortRequest{port};
+    }
+    if (what == retryRequest) {
+        return OutboxRetryRequest{optionalString(object, batchKey)};
+    }
+    if (what == dropRequest) {
+        if (std::optional<std::string> batch = optionalString(object, batchKey)) {
+            return OutboxDropRequest{*std::move(batch)};
+        }
+    }
+    throw HostError("unknown request");
+}
+
+ControlReply decodeControlReply(std::string_view line) {
+    const Json object = parseJson(line);
+    if (std::optional<std::string> problem = optionalString(object, errorKey)) {
+        return ErrorReply{*std::move(problem)};
+    }
+    if (const std::optional<std::uint16_t> port = portIn(object)) {
+        if (isTrue(object, lentKey, true)) {
+            return PortReply{*port};
+        }
+        return NotLentReply{*port};
+    }
+    if (object.contains(foundKey)) {
+        return FoundReply{isTrue(object, foundKey, false)};
+    }
+    throw HostError("its answer makes no sense");
+}
+
+} // namespace orlinth::host

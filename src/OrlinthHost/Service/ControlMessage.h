@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+namespace orlinth::host {
+
+/// What is said over the control socket: one request a connection and its reply, each one line, an object of JSON.
+/// Members that are not named here are nobody's business. These are values: ControlLine.h moves them.
+
+/// `{"request":"port"}`: which port the service has. Answered by PortReply.
+struct PortRequest {
+    friend bool operator==(const PortRequest&, const PortRequest&) = default;
+};
+
+/// `{"request":"lend_port"}`: the service steps aside until the connection ends. Answered by PortReply, and behind its
+/// line end by the listening socket; or by NotLentReply.
+struct LendPortRequest {
+    std::optional<std::uint16_t> port = {}; ///< `"port":N`: only that port is wanted
+    friend bool operator==(const LendPortRequest&, const LendPortRequest&) = default;
+};
+
+/// `{"request":"outbox_retry"}`: tries now to send what waits. Answered by FoundReply.
+struct OutboxRetryRequest {
+    std::optional<std::string> batch = {}; ///< `"batch":"…"`: that batch as a whole, also if it was set aside
+    friend bool operator==(const OutboxRetryRequest&, const OutboxRetryRequest&) = default;
+};
+
+/// `{"request":"outbox_drop","batch":"…"}`: removes a batch. Answered by FoundReply once nothing is left of it.
+struct OutboxDropRequest {
+    std::string batch;
+    friend bool operator==(const OutboxDropRequest&, const OutboxDropRequest&) = default;
+};
+
+using ControlRequest = std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest>;
+
+/// `{"port":28471}`.
+struct PortReply {
+    std::uint16_t port = 0; ///< never 0
+    friend bool operator==(const PortReply&, const PortReply&) = default;
+};
+
+/// `{"lent":false,"port":28471}`: another port than the wanted one.
+struct NotLentReply {
+    std::uint16_t port = 0; ///< never 0; the one that the service has
+    friend bool operator==(const NotLentReply&, const NotLentReply&) = default;
+};
+
+/// `{"found":true}`, or false if there is no such batch.
+struct FoundReply {
+    bool isFound = false;
+    friend bool operator==(const FoundReply&, const FoundReply&) = default;
+};
+
+/// `{"error":"…"}`: it was not done.
+struct ErrorReply {
+    std::string problem;
+    friend bool operator==(const ErrorReply&, const ErrorReply&) = default;
+};
+
+using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, ErrorReply>;
+
+/// As one line, without its end.
+[[nodiscard]] std::string encodeControlRequest(const ControlRequest& request);
+[[nodiscard]] std::string encodeControlReply(const ControlReply& reply);
+
+/// `line` is without its end. @throws JsonError or HostError, whose text the one who asked may read
+[[nodiscard]] ControlRequest decodeControlRequest(std::string_view line);
+/// An object that has several of the members counts as the first of: error, port, found. @throws likewise
+[[nodiscard]] ControlReply decodeControlReply(std::string_view line);
+
+} // namespace orlinth::host

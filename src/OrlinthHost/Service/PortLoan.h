@@ -1,0 +1,48 @@
+#pragma once
+
+#include "OrlinthCore/Receiving/Receiver.h"
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Service/ServiceEvents.h"
+#include "OrlinthHost/Service/ServicePort.h"
+
+#include <cstdint>
+
+namespace orlinth::host {
+
+/// The service's port in the hands of a pairing, which needs it for a moment:
+///
+///     home ──lend()──▶ away: the listening socket has gone to the borrower ──its connection ends──▶ home
+///
+/// The socket itself is lent: a port that a service manager keeps open could not be opened by anybody else. However the
+/// borrower ends, its connection does, and the port is back: nothing has to be given back. Connections of phones that
+/// are there when the port is lent go on.
+///
+/// Threading: on the home's executor.
+class PortLoan {
+public:
+    /// What is referred to outlives this.
+    PortLoan(Home& home, Receiver& receiver, const ServicePort& port, ServiceEvents& events)
+        : home_(home), receiver_(receiver), port_(port), events_(events) {}
+    PortLoan(const PortLoan&) = delete;
+    PortLoan& operator=(const PortLoan&) = delete;
+
+    [[nodiscard]] bool isLent() const noexcept { return lent_; }
+
+    /// Lends the port with this number to the other end of `stream`, until that ends: from stepping aside to coming
+    /// back. Answers the request itself, also if the port cannot be lent. Not while it is lent. `stream` outlives the
+    /// call.
+    /// @throws platform::Cancelled
+    [[nodiscard]] Task<> lend(platform::Stream& stream, std::uint16_t number);
+
+private:
+    [[nodiscard]] Task<> handOver(platform::Stream& stream, std::uint16_t number);
+    [[nodiscard]] Task<> takeBack();
+
+    Home& home_;
+    Receiver& receiver_;
+    const ServicePort& port_;
+    ServiceEvents& events_;
+    bool lent_ = false;
+};
+
+} // namespace orlinth::host

@@ -1,0 +1,170 @@
+#include "OrlinthHost/Service/Service.h"
+
+#include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Outbox/OutboxSender.h"
+#include "OrlinthHost/Phones/KnownKeys.h"
+#include "OrlinthHost/Phones/PeerStoreWatch.h"
+#include "OrlinthHost/Phones/SharedPeers.h"
+#include "OrlinthHost/Service/DownloadsFolder.h"
+#include "OrlinthHost/Service/PartialsReminder.h"
+#include "OrlinthHost/Service/PortLoan.h"
+#include "OrlinthHost/Service/ServiceControlServer.h"
+#include "OrlinthHost/Service/ServiceLock.h"
+
+#include <asio/this_coro.hpp>
+
+#include <utility>
+#include <vector>
+
+namespace orlinth::host {
+
+namespace {
+
+Task<bool> declineEverything(Receiver::Offer /*offer*/) {
+    co_return false;
+}
+
+} // namespace
+
+/// What runs while the service does.
+struct Service::Parts {
+    Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener);
+
+    /// Until the task is cancelled or the receiver fails.
+    [[nodiscard]] Task<> serve();
+    [[nodiscard]] Receiver::Callbacks callbacks();
+    void start(std::uint16_t port);
+    [[nodiscard]] Task<> finish();
+
+    ServiceEvents& events;
+    Receiver receiver;
+    KnownKeys keys;
+    OutboxSender outbox;
+    SharedPeersUpdates sharedPeers;
+    PeerStoreWatch peers;
+    PartialsReminder partials;
+    PortLoan loan;
+    ServiceControlServer control;
+    Watchdog watchdog;
+};
+
+Service::Parts::Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener)
+    : events(service.events_),
+      receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
+               port.number()),
+      keys(service.home_, receiver, service.ownKey_.publicKey(),
+           [&told = service.events_](const std::exception_ptr& error) { told.phonesUnreadable(error); }),
+      outbox(service.home_, service.ownKey_, service.outboxEvents_),
+      sharedPeers(service.home_),
+      peers(service.home_,
+            [this] {
+                sharedPeers.update();
+                outbox.peersChanged();
+            }),
+      partials(service.home_, service.settings_.downloads,
+               [&told = service.events_, folder = service.settings_.downloads](
+                   const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
+      loan(service.home_, receiver, port, service.events_),
+      control(service.home_, loan, outbox, service.events_),
+      watchdog(service.home_, service.settings_.watchdogSeconds, service.settings_.watchdog) {
+    receiver.limits = ReceiverLimits::strict();
+    receiver.downloadLimits = service.settings_.downloadLimits;
+    receiver.beforeAuthorising = [this] { keys.refresh(); };
+    switch (service.settings_.accept) {
+    case ServiceSettings::Accept::always:
+        break;
+    case ServiceSettings::Accept::never:
+        receiver.approveOffer = declineEverything;
+        break;
+    case ServiceSettings::Accept::ask:
+        receiver.approveOffer = service.settings_.approveOffer;
+        break;
+    }
+    receiver.openListener = [&port](const platform::ListenOptions& options, Executor executor) {
+        return port.listen(options, std::move(executor));
+    };
+    receiver.listener = std::move(listener);
+}
+
+Receiver::Callbacks Service::Parts::callbacks() {
+    return {.onListening = [this](std::uint16_t port) { start(port); },
+            .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
+            .onClipboard = [this](const Receiver::Clipboard& text) { events.textReceived(text); },
+            .onSync =
+                [this](const Receiver::ProcessOutcome& outcome) {
+                    events.settled(outcome);
+                    sharedPeers.update();
+                },
+            .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
+            .onAuthenticated =
+                [this](const PeerRecord& phone) {
+                    events.authenticated(phone, keys.pairedCount());
+                    outbox.heardOf(phone);
+                    sharedPeers.update();
+                }};
+}
+
+void Service::Parts::start(std::uint16_t port) {
+    control.start(port);
+    outbox.start();
+    peers.start();
+    partials.start();
+    watchdog.start();
+    events.listening(port, keys.pairedCount());
+}
+
+Task<> Service::Parts::serve() {
+    keys.refresh();
+    events.phonesKnown(keys.pairedCount());
+    std::exception_ptr failure;
+    try {
+        co_await receiver.run(callbacks());
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    events.stopping();
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    co_await finish();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+}
+
+Task<> Service::Parts::finish() {
+    peers.stop();
+    partials.stop();
+    co_await control.finish();
+    co_await outbox.finish();
+    co_await events.finish();
+    co_await sharedPeers.finish();
+    co_await partials.finish(); // behind the others: its folder may take its time
+    co_await watchdog.finish();
+}
+
+Service::Service(Home& home, const platform::PrivateKey& ownKey, ServiceSettings settings, ServiceEvents& events,
+                 OutboxEvents& outboxEvents)
+    : home_(home), ownKey_(ownKey), settings_(std::move(settings)), events_(events), outboxEvents_(outboxEvents) {}
+
+Task<> Service::run() {
+    const ServiceLock lock = co_await ServiceLock::take(home_);
+    checkFolder();
+    ServicePort port(home_, settings_.port,
+                     [&told = events_](const std::string& endpoint) { told.turnedAway(endpoint); });
+    if (const std::optional<std::uint16_t> inherited = port.adoptInherited()) {
+        events_.portInherited(*inherited);
+    }
+    std::unique_ptr<platform::Listener> listener = co_await port.open();
+    Parts parts(*this, port, std::move(listener));
+    co_await parts.serve();
+}
+
+void Service::checkFolder() const {
+    if (const std::optional<std::string> reason = objectionToDownloads(home_, settings_.downloads)) {
+        throw HostError("received files cannot go to " + settings_.downloads.string() + ": " + *reason);
+    }
+    if (settings_.accept != ServiceSettings::Accept::never) {
+        requireWritableFolder(home_, settings_.downloads);
+    }
+}
+
+} // namespace orlinth::host

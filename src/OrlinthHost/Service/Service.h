@@ -1,0 +1,72 @@
+#pragma once
+
+#include "OrlinthCore/Receiving/Receiver.h"
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Outbox/OutboxEvents.h"
+#include "OrlinthHost/Service/ServiceEvents.h"
+#include "OrlinthHost/Service/ServicePort.h"
+#include "OrlinthHost/Service/Watchdog.h"
+
+#include <functional>
+#include <optional>
+
+namespace orlinth::host {
+
+/// What a service is to do.
+struct ServiceSettings {
+    enum class Accept {
+        always,
+        never,
+        ask, ///< whoever `approveOffer` asks
+    };
+
+    platform::Path downloads; ///< the folder for received files; made when it is needed
+    DownloadLimits downloadLimits;
+    Accept accept = Accept::always;
+    /// For Accept::ask: called on the home's executor, once for each offer; cancelled when the phone hangs up.
+    std::function<Task<bool>(Receiver::Offer offer)> approveOffer;
+    ServicePort::Settings port;
+    /// How often, in seconds, whoever manages the service wants to hear that it is alive; nothing: never.
+    std::optional<double> watchdogSeconds;
+    Watchdog::Callbacks watchdog;
+};
+
+/// The receive service of one data folder: receives from every paired phone, and sends what lies in the outbox, until
+/// it is cancelled. Builds its parts, lets them know of each other, and ends them in order:
+///
+///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, ServiceControlServer, OutboxSender, PeerStoreWatch,
+///                                  │        PartialsReminder, Watchdog
+///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ shared list ─▶ downloads ─▶ watchdog
+///
+/// stopping: the receiver has ended, and with it every connection of a phone; what was under way can be resumed.
+/// Those who ask by the control socket go first, since they ask the others; the look at the downloads folder comes
+/// late, because that may not answer for long, and the watchdog last.
+///
+/// Threading: everything on the home's executor, but for the callbacks of the watchdog.
+class Service {
+public:
+    /// What is referred to outlives this, and stays until the executor has had its turn.
+    Service(Home& home, const platform::PrivateKey& ownKey, ServiceSettings settings, ServiceEvents& events,
+            OutboxEvents& outboxEvents);
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    /// Runs until the task is cancelled or the receiver fails; on return, however it ends, nothing of it is left but
+    /// what waits on the executor for its turn. Once.
+    /// @throws platform::Cancelled; HostError if a service runs for this data folder already, or its lock or the
+    ///         downloads folder is of no use; PortError; Receiver::Error
+    [[nodiscard]] Task<> run();
+
+private:
+    struct Parts;
+
+    void checkFolder() const;
+
+    Home& home_;
+    const platform::PrivateKey& ownKey_;
+    const ServiceSettings settings_;
+    ServiceEvents& events_;
+    OutboxEvents& outboxEvents_;
+};
+
+} // namespace orlinth::host

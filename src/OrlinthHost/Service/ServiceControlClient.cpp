@@ -1,0 +1,165 @@
+#include "OrlinthHost/Service/ServiceControlClient.h"
+
+#include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Service/ControlLine.h"
+#include "OrlinthHost/Service/ControlMessage.h"
+#include "OrlinthHost/Service/ServiceLock.h"
+#include "platform/Cancelled.h"
+#include "platform/ServiceManager.h"
+#include "platform/SystemError.h"
+
+#include <asio/this_coro.hpp>
+
+#include <chrono>
+#include <utility>
+
+namespace orlinth::host {
+
+namespace {
+
+/// Seconds that a reply may take: the service may have others to get rid of first.
+constexpr double replySeconds = 3 * controlLineSeconds;
+/// Seconds that a service gets to start in.
+constexpr std::chrono::seconds startLimit{10};
+
+/// A request that was answered, and the connection that it was made on.
+struct Conversation {
+    std::unique_ptr<platform::Stream> stream; ///< null: no service runs
+    ControlReply reply = {};
+};
+
+/// Null where nobody listens.
+Task<std::unique_ptr<platform::Stream>> connectToService(Home& home) {
+    const Executor executor = co_await asio::this_coro::executor;
+    try {
+        co_return co_await home.system.local.connect(controlSocket(home), executor);
+    } catch (const platform::SystemError& error) {
+        if (error.code() == std::errc::no_such_file_or_directory || error.code() == std::errc::connection_refused) {
+            co_return nullptr;
+        }
+        throw;
+    }
+}
+
+Task<Conversation> converse(Home& home, ControlRequest request) {
+    platform::Clock& clock = home.system.clock;
+    Conversation conversation{.stream = co_await connectToService(home)};
+    if (conversation.stream) {
+        co_await sendControlLine(*conversation.stream, clock, encodeControlRequest(request));
+        const std::string line = co_await readControlLine(*conversation.stream, clock, replySeconds);
+        conversation.reply = decodeControlReply(line);
+        if (const auto* error = std::get_if<ErrorReply>(&conversation.reply)) {
+            throw HostError(error->problem);
+        }
+    }
+    co_return conversation;
+}
+
+/// The reply, which must be of this kind; nothing if no service runs.
+template <typename Reply>
+Task<std::optional<Reply>> ask(Home& home, ControlRequest request) {
+    std::string problem;
+    try {
+        const Conversation conversation = co_await converse(home, std::move(request));
+        if (!conversation.stream) {
+            co_return std::nullopt;
+        }
+        if (const auto* reply = std::get_if<Reply>(&conversation.reply)) {
+            co_return *reply;
+        }
+        problem = "its answer makes no sense";
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    throw HostError("the running service did not do it: " + problem);
+}
+
+Task<std::optional<bool>> askWhetherFound(Home& home, ControlRequest request) {
+    const std::optional<FoundReply> reply = co_await ask<FoundReply>(home, std::move(request));
+    co_return reply ? std::optional(reply->isFound) : std::nullopt;
+}
+
+Task<std::unique_ptr<platform::Listener>> receivePort(Home& home, platform::Stream& stream) {
+    const Executor executor = co_await asio::this_coro::executor;
+    co_return co_await home.system.local.receivePort(stream, executor);
+}
+
+HostError notLent(const std::string& text) {
+    return HostError("the running service does not lend its port: " + text,
+                     "Is another pairing under way? `--port 0` takes a port that is free.");
+}
+
+} // namespace
+
+Task<bool> isServiceRunning(Home& home) {
+    try {
+        const std::unique_ptr<platform::Stream> stream = co_await connectToService(home);
+        if (stream) {
+            co_return true;
+        }
+    } catch (const platform::SystemError& error) {
+        home.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", error.description());
+    }
+    co_return ServiceLock::isHeld(home);
+}
+
+Task<std::optional<std::uint16_t>> askServicePort(Home& home) {
+    const std::optional<PortReply> reply = co_await ask<PortReply>(home, PortRequest{});
+    co_return reply ? std::optional(reply->port) : std::nullopt;
+}
+
+Task<std::optional<std::uint16_t>> findServicePort(Home& home) {
+    try {
+        co_return co_await askServicePort(home);
+    } catch (const HostError& error) {
+        home.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", error.description());
+    }
+    co_return std::nullopt;
+}
+
+Task<std::optional<bool>> askServiceToRetry(Home& home, std::optional<std::string> batch) {
+    co_return co_await askWhetherFound(home, OutboxRetryRequest{std::move(batch)});
+}
+
+Task<std::optional<bool>> askServiceToDrop(Home& home, std::string batch) {
+    co_return co_await askWhetherFound(home, OutboxDropRequest{std::move(batch)});
+}
+
+Task<std::optional<BorrowedPort>> BorrowedPort::borrow(Home& home, std::optional<std::uint16_t> wanted) {
+    std::string problem;
+    try {
+        Conversation conversation = co_await converse(home, LendPortRequest{wanted});
+        if (!conversation.stream || std::holds_alternative<NotLentReply>(conversation.reply)) {
+            co_return std::nullopt;
+        }
+        const auto* const reply = std::get_if<PortReply>(&conversation.reply);
+        if (reply == nullptr) {
+            problem = "its answer makes no sense";
+        } else if (wanted && *wanted != reply->port) {
+            co_return std::nullopt;
+        } else {
+            std::unique_ptr<platform::Listener> listener =
+                co_await withinSeconds(home.system.clock, replySeconds, receivePort(home, *conversation.stream));
+            co_return BorrowedPort(std::move(conversation.stream), reply->port, std::move(listener));
+        }
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    throw notLent(problem);
+}
+
+Task<std::optional<BorrowedPort>> BorrowedPort::borrowFromSleeping(Home& home, std::uint16_t port) {
+    // not by a connection, which would be the only one of a pairing that has the port instead
+    if (!platform::startSleepingService("orlinth.socket", "orlinth.service", startLimit)) {
+        co_return std::nullopt;
+    }
+    co_return co_await borrow(home, port);
+}
+
+} // namespace orlinth::host

@@ -1,0 +1,52 @@
+#include "OrlinthHost/Service/ServiceLock.h"
+
+#include "OrlinthHost/HostError.h"
+#include "platform/SystemError.h"
+
+namespace orlinth::host {
+
+namespace {
+
+constexpr int attempts = 20;
+constexpr double attemptSeconds = 0.005;
+
+std::unique_ptr<platform::File> openLock(const Home& home, const platform::Path& path) {
+    return home.system.files.open(path, platform::OpenMode::openOrCreate, platform::Links::follow, 0600);
+}
+
+} // namespace
+
+Task<ServiceLock> ServiceLock::take(Home& home) {
+    const platform::Path path = home.dataDirectory() / fileName;
+    std::unique_ptr<platform::File> file;
+    bool isLocked = false;
+    try {
+        file = openLock(home, path);
+        isLocked = file->tryLock();
+    } catch (const platform::SystemError& error) {
+        throw HostError("cannot lock " + path.string() + ": " + error.description(),
+                        "Make this file and its folder writable for this account.");
+    }
+    for (int attempt = 1; attempt < attempts && !isLocked; ++attempt) {
+        co_await home.system.clock.sleep(attemptSeconds);
+        isLocked = file->tryLock();
+    }
+    if (!isLocked) {
+        throw HostError("the receive service is already running",
+                        "One serves all phones. Another identity needs another data folder (XDG_DATA_HOME).");
+    }
+    co_return ServiceLock(std::move(file));
+}
+
+bool ServiceLock::isHeld(const Home& home) {
+    const platform::Path path = home.dataDirectory() / fileName;
+    try {
+        return home.system.files.exists(path) && !home.system.files.open(path, platform::OpenMode::read)->tryLock();
+    } catch (const platform::SystemError& error) {
+        home.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control",
+                              "cannot look at " + path.string() + ": " + error.description());
+        return false;
+    }
+}
+
+} // namespace orlinth::host

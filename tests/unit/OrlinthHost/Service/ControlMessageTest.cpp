@@ -1,0 +1,122 @@
+#include "OrlinthHost/Service/ControlMessage.h"
+
+#include "base/Error.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orlinth::host {
+namespace {
+
+const std::string batch = "0A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9";
+
+const std::vector<std::pair<std::string, ControlRequest>> requests{
+    {R"({"request":"port"})", PortRequest{}},
+    {R"({"request":"lend_port"})", LendPortRequest{}},
+    {R"({"port":28471,"request":"lend_port"})", LendPortRequest{28471}},
+    {R"({"request":"outbox_retry"})", OutboxRetryRequest{}},
+    {R"({"batch":")" + batch + R"(","request":"outbox_retry"})", OutboxRetryRequest{batch}},
+    {R"({"batch":")" + batch + R"(","request":"outbox_drop"})", OutboxDropRequest{batch}},
+};
+
+const std::vector<std::pair<std::string, ControlReply>> replies{
+    {R"({"port":28471})", PortReply{28471}},
+    {R"({"lent":false,"port":28471})", NotLentReply{28471}},
+    {R"({"found":true})", FoundReply{true}},
+    {R"({"found":false})", FoundReply{false}},
+    {R"({"error":"the port is lent already"})", ErrorReply{"the port is lent already"}},
+};
+
+/// What is wrong with the line; "" if nothing is.
+template <typename Decode>
+std::string troubleWith(const std::string& line, Decode decode) {
+    try {
+        static_cast<void>(decode(line));
+    } catch (const Error& error) {
+        return error.description();
+    }
+    return "";
+}
+
+TEST(ControlMessage, EachRequestIsOneLineThatDoesNotChange) {
+    for (const auto& [line, request] : requests) {
+        EXPECT_EQ(line, encodeControlRequest(request));
+        EXPECT_EQ(request, decodeControlRequest(line)) << line;
+    }
+}
+
+TEST(ControlMessage, EachReplyIsOneLineThatDoesNotChange) {
+    for (const auto& [line, reply] : replies) {
+        EXPECT_EQ(line, encodeControlReply(reply));
+        EXPECT_EQ(reply, decodeControlReply(line)) << line;
+    }
+}
+
+TEST(ControlMessage, NoPartOfALineIsAMessage) {
+    for (const auto& [line, request] : requests) {
+        for (std::size_t end = 0; end < line.size(); ++end) {
+            EXPECT_NE("", troubleWith(line.substr(0, end), decodeControlRequest)) << line.substr(0, end);
+        }
+    }
+    for (const auto& [line, reply] : replies) {
+        for (std::size_t end = 0; end < line.size(); ++end) {
+            EXPECT_NE("", troubleWith(line.substr(0, end), decodeControlReply)) << line.substr(0, end);
+        }
+    }
+}
+
+TEST(ControlMessage, MembersOfALaterVersionAreNobodysBusiness) {
+    EXPECT_EQ(ControlRequest(LendPortRequest{1}),
+              decodeControlRequest(R"( { "request" : "lend_port", "port" : 1, "batch" : 5, "more" : [] } )"));
+    EXPECT_EQ(ControlReply(FoundReply{true}), decodeControlReply(R"({"found":true,"size":[1,2]})"));
+    EXPECT_EQ(ControlRequest(OutboxRetryRequest{}), decodeControlRequest(R"({"request":"outbox_retry","batch":null})"));
+}
+
+TEST(ControlMessage, APortIsBetween1And65535) {
+    for (const char* port : {"0", "-1", "65536", "70000", "4294967297"}) {
+        const std::string number = std::string("\"port\":") + port;
+        EXPECT_EQ("a port that is none",
+                  troubleWith(R"({"request":"lend_port",)" + number + "}", decodeControlRequest));
+        EXPECT_EQ("a port that is none", troubleWith("{" + number + "}", decodeControlReply));
+    }
+    for (const char* port : {"1", "65535"}) {
+        EXPECT_EQ("", troubleWith(std::string("{\"port\":") + port + "}", decodeControlReply));
+    }
+    for (const char* port : {"\"x\"", "null", "1.5", "true", "[1]"}) {
+        const std::string number = std::string("\"port\":") + port;
+        EXPECT_NE("", troubleWith(R"({"request":"lend_port",)" + number + "}", decodeControlRequest));
+        EXPECT_NE("", troubleWith(R"({"request":"port",)" + number + "}", decodeControlRequest));
+        EXPECT_NE("", troubleWith("{" + number + "}", decodeControlReply));
+    }
+}
+
+TEST(ControlMessage, WhatIsNoRequestIsSaidToBeNone) {
+    for (const char* line : {R"({"request":"lend_money"})", R"({"request":""})", R"({"request":"outbox_drop"})",
+                             R"({"request":"outbox_drop","batch":null})"}) {
+        EXPECT_EQ("unknown request", troubleWith(line, decodeControlRequest)) << line;
+    }
+    for (const char* line : {"", "{", "[]", "5", "null", "{}", R"({"request":5})", R"({"request":null})", "\xff\xfe",
+                             R"({"request":"outbox_retry","batch":5})", R"({"request":"port"} x)"}) {
+        EXPECT_NE("", troubleWith(line, decodeControlRequest)) << line;
+    }
+    EXPECT_NE("", troubleWith(std::string(4000, '['), decodeControlRequest));
+}
+
+TEST(ControlMessage, WhatIsNoReplyIsSaidToMakeNoSense) {
+    for (const char* line : {"{}", R"({"lent":false})", R"({"error":null})"}) {
+        EXPECT_EQ("its answer makes no sense", troubleWith(line, decodeControlReply)) << line;
+    }
+    for (const char* line : {"", "{", "[]", "null", R"({"error":5})", R"({"error":["a"]})"}) {
+        EXPECT_NE("", troubleWith(line, decodeControlReply)) << line;
+    }
+}
+
+TEST(ControlMessage, AnErrorComesBeforeEverythingElse) {
+    EXPECT_EQ(ControlReply(ErrorReply{"no"}), decodeControlReply(R"({"error":"no","found":true,"port":1})"));
+}
+
+} // namespace
+} // namespace orlinth::host

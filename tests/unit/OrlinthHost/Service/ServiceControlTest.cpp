@@ -1,0 +1,294 @@
+#include "OrlinthHost/Service/ControlLine.h"
+#include "ServiceWorld.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+
+namespace orlinth::host {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const std::string lendPort = "{\"request\":\"lend_port\"}\n";
+const std::string lentAnswer = "{\"port\":7100}";
+
+/// A running service, and other programs of its user that ask it for something.
+class ServiceControlTest : public ServiceWorldTest {
+protected:
+    [[nodiscard]] std::optional<BorrowedPort> borrow(std::optional<std::uint16_t> wanted = std::nullopt) {
+        return world_.run(BorrowedPort::borrow(home_, wanted));
+    }
+    /// Why the port is not lent.
+    [[nodiscard]] std::string refusal() {
+        return world_.failure<HostError>(BorrowedPort::borrow(home_, std::nullopt)).description();
+    }
+    /// Somebody connects, and this listener has it.
+    void expectConnectionsAt(platform::Listener& listener) {
+        const std::unique_ptr<platform::Stream> from =
+            world_.run(world_.network.connect("203.0.113.1", port, world_.context.get_executor()));
+        const std::unique_ptr<platform::Stream> to = world_.run(listener.accept(world_.context.get_executor()));
+        EXPECT_TRUE(to);
+    }
+    /// Somebody else listens where the service does, and answers one request in this way.
+    void answerWith(std::string answer) {
+        world_.alongside(answerOnce(std::move(answer)));
+        settle();
+    }
+    [[nodiscard]] Task<> answerOnce(std::string answer) {
+        const std::unique_ptr<platform::Listener> odd = world_.local.listen(controlPath, world_.context.get_executor());
+        const std::unique_ptr<platform::Stream> stream = co_await odd->accept(world_.context.get_executor());
+        static_cast<void>(co_await readLine(*stream));
+        co_await write(*stream, std::move(answer));
+        try {
+            static_cast<void>(co_await readLine(*stream)); // until the end
+        } catch (const platform::SystemError&) {
+            // who has not read everything resets
+        }
+    }
+    void expectBackAtWork() {
+        settle();
+        deliver("back.txt");
+        EXPECT_EQ("content of back.txt", received("back.txt"));
+    }
+};
+
+// Who is there
+
+TEST_F(ServiceControlTest, AServiceIsFoundByThoseOfItsDataFolder) {
+    EXPECT_FALSE(world_.run(isServiceRunning(home_)));
+    EXPECT_EQ(std::nullopt, world_.run(askServicePort(home_)));
+    start();
+    EXPECT_TRUE(world_.run(isServiceRunning(home_)));
+    EXPECT_EQ(port, world_.run(askServicePort(home_)));
+    EXPECT_EQ(port, world_.run(findServicePort(home_)));
+    EXPECT_EQ(0, events_.count("lent"));
+    stop();
+    EXPECT_FALSE(world_.run(isServiceRunning(home_)));
+    EXPECT_FALSE(world_.local.isOpen(controlPath));
+}
+
+TEST_F(ServiceControlTest, AServiceWithoutAControlSocketDoesItsWorkAndIsFoundByItsLock) {
+    world_.local.listenErrno = EEXIST;
+    start();
+    EXPECT_EQ(1, events_.count("no control: File exists"));
+    EXPECT_TRUE(world_.run(isServiceRunning(home_)));
+    EXPECT_EQ(std::nullopt, world_.run(findServicePort(home_)));
+    expectBackAtWork();
+}
+
+TEST_F(ServiceControlTest, AServiceThatDoesNotAnswerIsGivenUp) {
+    const std::unique_ptr<platform::Listener> hanging = world_.local.listen(controlPath, world_.context.get_executor());
+    EXPECT_EQ("the running service did not do it: no answer in time",
+              world_.failure<HostError>(askServicePort(home_)).description());
+    EXPECT_EQ(15, world_.clock.elapsed());
+    EXPECT_EQ("the running service does not lend its port: no answer in time", refusal());
+    EXPECT_EQ(std::nullopt, world_.run(findServicePort(home_)));
+    EXPECT_TRUE(world_.run(isServiceRunning(home_)));
+}
+
+TEST_F(ServiceControlTest, AnAnswerThatMakesNoSenseIsAFailure) {
+    answerWith("{\"found\":true}\n");
+    EXPECT_EQ("the running service did not do it: its answer makes no sense",
+              world_.failure<HostError>(askServicePort(home_)).description());
+    answerWith("{\"found\":true}\n");
+    EXPECT_EQ("the running service does not lend its port: its answer makes no sense", refusal());
+    answerWith("{\"port\":7100}\n"); // and nothing behind it
+    EXPECT_THAT(refusal(), HasSubstr("no answer in time"));
+    answerWith(std::string(5000, 'x') + "\n");
+    EXPECT_EQ("the running service did not do it: a line is too long",
+              world_.failure<HostError>(askServicePort(home_)).description());
+    answerWith("{\"error\":\"no\"}\n");
+    EXPECT_EQ("the running service did not do it: no",
+              world_.failure<HostError>(askServiceToRetry(home_, std::nullopt)).description());
+}
+
+// Requests
+
+TEST_F(ServiceControlTest, ARetryReachesTheOutbox) {
+    share("a.txt");
+    start();
+    pass(1000);
+    world_.alongside(take());
+    EXPECT_EQ(true, world_.run(askServiceToRetry(home_, std::nullopt)));
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+    EXPECT_EQ(false, world_.run(askServiceToRetry(home_, batch))) << "it is not there any more";
+}
+
+TEST_F(ServiceControlTest, ADropIsAnsweredOnceNothingIsLeft) {
+    world_.network.makeSilent("203.0.113.2");
+    share("a.txt");
+    start();
+    pass(1); // it is under way
+    EXPECT_EQ(true, world_.run(askServiceToDrop(home_, batch)));
+    EXPECT_FALSE(world_.files.exists(outbox / batch));
+    EXPECT_EQ(false, world_.run(askServiceToDrop(home_, batch)));
+}
+
+TEST_F(ServiceControlTest, ADropThatFailsSaysWhy) {
+    share("a.txt");
+    start();
+    pass(1);
+    world_.files.addFault({.operation = fakes::Operation::remove, .errorNumber = EACCES, .nameEnding = "a.txt"});
+    EXPECT_EQ("the running service did not do it: it cannot be removed: Permission denied",
+              world_.failure<HostError>(askServiceToDrop(home_, batch)).description());
+    world_.files.clearFaults();
+}
+
+TEST_F(ServiceControlTest, WithoutAServiceNothingIsAsked) {
+    EXPECT_EQ(std::nullopt, world_.run(askServiceToRetry(home_, batch)));
+    EXPECT_EQ(std::nullopt, world_.run(askServiceToDrop(home_, batch)));
+    EXPECT_FALSE(borrow().has_value());
+}
+
+TEST_F(ServiceControlTest, NonsenseIsAnsweredWithAnErrorAndHarmsNobody) {
+    start();
+    for (const std::string& line :
+         {std::string(), std::string("{"), std::string("[]"), std::string("{\"request\":5}"),
+          std::string("{\"request\":\"lend_money\"}"), std::string("\xff\xfe"),
+          std::string("{\"request\":\"outbox_drop\"}"), std::string("{\"request\":\"lend_port\",\"port\":70000}"),
+          std::string(4000, '[')}) {
+        EXPECT_THAT(ask(line + "\n"), testing::StartsWith("{\"error\":\"")) << line.substr(0, 40);
+    }
+    EXPECT_EQ("{\"error\":\"a line is too long\"}", ask(std::string(maxControlLine + 1, 'x')));
+    expectBackAtWork();
+}
+
+TEST_F(ServiceControlTest, WhoeverSaysNothingIsLetGoOfAfterFiveSeconds) {
+    start();
+    const std::unique_ptr<platform::Stream> silent = connectToControl();
+    const double before = world_.clock.elapsed();
+    EXPECT_EQ("{\"error\":\"no answer in time\"}", world_.run(readLine(*silent)));
+    EXPECT_EQ(controlLineSeconds, world_.clock.elapsed() - before);
+}
+
+TEST_F(ServiceControlTest, ManyThatSayNothingHoldNobodyUpForLong) {
+    start();
+    std::vector<std::unique_ptr<platform::Stream>> silent;
+    for (int i = 0; i < 40; ++i) {
+        silent.push_back(connectToControl());
+    }
+    const std::optional<BorrowedPort> borrowed = borrow();
+    ASSERT_TRUE(borrowed);
+    EXPECT_LE(world_.clock.elapsed(), 3 * controlLineSeconds);
+}
+
+// Loans
+
+TEST_F(ServiceControlTest, ABorrowedPortIsTheBorrowersUntilItLetsGo) {
+    start();
+    {
+        std::optional<BorrowedPort> borrowed = borrow();
+        ASSERT_TRUE(borrowed);
+        settle();
+        EXPECT_EQ(port, borrowed->port());
+        EXPECT_EQ(1, events_.count("lent"));
+        const std::unique_ptr<platform::Listener> listener = borrowed->takeListener();
+        expectConnectionsAt(*listener);
+        EXPECT_EQ(0, events_.count("returned"));
+    }
+    settle();
+    EXPECT_EQ("returned", events_.all.back());
+    expectBackAtWork();
+}
+
+TEST_F(ServiceControlTest, TheLoanIsALineAndBehindItTheSocket) {
+    start();
+    const std::unique_ptr<platform::Stream> stream = connectToControl();
+    EXPECT_EQ(lentAnswer, ask(*stream, lendPort));
+    const std::unique_ptr<platform::Listener> listener =
+        world_.run(world_.local.receivePort(*stream, world_.context.get_executor()));
+    EXPECT_EQ(port, listener->port());
+    expectConnectionsAt(*listener);
+}
+
+TEST_F(ServiceControlTest, ABorrowerThatVanishesGivesThePortBack) {
+    start();
+    for (const bool hasRead : {false, true}) { // its answer, or the socket too
+        const std::unique_ptr<platform::Stream> stream = connectToControl();
+        EXPECT_EQ(lentAnswer, ask(*stream, lendPort));
+        std::unique_ptr<platform::Listener> listener;
+        if (hasRead) {
+            listener = world_.run(world_.local.receivePort(*stream, world_.context.get_executor()));
+        }
+        settle();
+        ASSERT_EQ("lent", events_.all.back());
+        stream->abort();
+        listener.reset();
+        pass(2);
+        expectBackAtWork();
+    }
+    {
+        const std::unique_ptr<platform::Stream> stream = connectToControl();
+        world_.run(write(*stream, lendPort)); // and is gone before it is answered
+    }
+    pass(2);
+    expectBackAtWork();
+}
+
+TEST_F(ServiceControlTest, OnlyTheWantedPortIsLent) {
+    start();
+    EXPECT_FALSE(borrow(7101).has_value());
+    EXPECT_EQ("{\"lent\":false,\"port\":7100}", ask("{\"request\":\"lend_port\",\"port\":7101}\n"));
+    EXPECT_EQ(0, events_.count("lent"));
+    EXPECT_TRUE(borrow(port).has_value());
+}
+
+TEST_F(ServiceControlTest, OneLoanAtATime) {
+    start();
+    std::optional<BorrowedPort> first = borrow();
+    EXPECT_EQ("the running service does not lend its port: the port is lent already", refusal());
+    first.reset();
+    settle();
+    EXPECT_TRUE(borrow().has_value());
+}
+
+TEST_F(ServiceControlTest, AConnectionThatIsThereWhenThePortIsLentGoesOn) {
+    start();
+    const auto from = phone();
+    const std::optional<BorrowedPort> borrowed = borrow();
+    ASSERT_TRUE(borrowed);
+    world_.run(deliverOn(*from, "a.txt"));
+    settle();
+    EXPECT_EQ("content of a.txt", received("a.txt"));
+    EXPECT_EQ(0, events_.count("returned"));
+}
+
+TEST_F(ServiceControlTest, APortThatSomebodyElseHasMeanwhileIsTakenAsSoonAsItIsFree) {
+    start();
+    std::optional<BorrowedPort> borrowed = borrow();
+    ASSERT_TRUE(borrowed);
+    settle();
+    borrowed->takeListener()->close();
+    settle();
+    std::unique_ptr<platform::Listener> other = // the moment in which nobody has it
+        world_.network.listen({.port = port, .keepAlive = std::nullopt}, world_.context.get_executor());
+    borrowed.reset();
+    pass(10);
+    EXPECT_EQ(1,
+              std::ranges::count_if(events_.all, [](const std::string& text) { return text.starts_with("missing: "); }))
+        << "told once";
+    EXPECT_EQ(0, events_.count("returned"));
+    other.reset();
+    pass(1);
+    EXPECT_EQ(1, events_.count("returned"));
+    expectBackAtWork();
+}
+
+TEST_F(ServiceControlTest, ALoanDoesNotKeepTheServiceFromEnding) {
+    start();
+    std::optional<BorrowedPort> borrowed = borrow();
+    ASSERT_TRUE(borrowed);
+    const double before = world_.clock.elapsed();
+    stop();
+    EXPECT_EQ(before, world_.clock.elapsed());
+    EXPECT_EQ("", problem());
+    const std::unique_ptr<platform::Listener> listener = borrowed->takeListener();
+    expectConnectionsAt(*listener); // the pairing goes on with the port that it has
+}
+
+} // namespace
+} // namespace orlinth::host

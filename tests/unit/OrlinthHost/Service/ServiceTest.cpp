@@ -1,0 +1,376 @@
+#include "OrlinthHost/Service/Service.h"
+
+#include "OrlinthHost/Phones/RemovedPeers.h"
+#include "ServiceWorld.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace orlinth::host {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class ServiceTest : public ServiceWorldTest {
+protected:
+    [[nodiscard]] Task<bool> answerAfter(double seconds, bool isYes) {
+        co_await world_.clock.sleep(seconds);
+        co_return isYes;
+    }
+    /// While the events are being finished: what is over by then, and what is not.
+    [[nodiscard]] Task<> seeTheRestAtTheEnd(const int& alive) {
+        EXPECT_FALSE(world_.local.isOpen(controlPath));
+        EXPECT_TRUE(world_.files.isLocked(dataFolder / "service.lock"));
+        const int before = alive;
+        co_await world_.clock.sleep(10);
+        EXPECT_LT(before, alive) << "that it is alive is said until the last moment";
+        EXPECT_TRUE(outboxEvents_.of(What::waiting).empty()) << "the send was cut off, which is no failure";
+    }
+};
+
+// Receiving
+
+TEST_F(ServiceTest, APhoneDeliversAFile) {
+    start();
+    deliver("a.txt");
+    EXPECT_EQ("content of a.txt", received("a.txt"));
+    EXPECT_THAT(events_.all, ElementsAre("known 1", "listening 7100, phones 1", "authenticated Pixel-8, phones 1",
+                                         "file a.txt from Pixel-8"));
+    EXPECT_THAT(events_.failures, IsEmpty());
+}
+
+TEST_F(ServiceTest, APhoneDeliversAText) {
+    start();
+    const auto from = phone();
+    world_.run(from->send(Row::clipboard("correct horse", "text/plain")));
+    settle();
+    ASSERT_EQ(1U, events_.texts.size());
+    EXPECT_EQ("correct horse", events_.texts[0].text);
+}
+
+TEST_F(ServiceTest, AnUnknownKeyIsRefused) {
+    start();
+    const auto stranger = connectAs(platform::PrivateKey::generate());
+    EXPECT_TRUE(world_.run(stranger->seesTheEnd()));
+    settle();
+    EXPECT_EQ(1U, events_.failures.size());
+    EXPECT_THAT(events_.all, ElementsAre("known 1", "listening 7100, phones 1")) << "nobody was authenticated";
+}
+
+TEST_F(ServiceTest, APhoneThatIsPairedMeanwhileIsServed) {
+    pair({});
+    start();
+    EXPECT_EQ("known 0", events_.all.front());
+    pair({world_.phoneRecord()});
+    deliver("a.txt");
+    EXPECT_EQ("content of a.txt", received("a.txt"));
+}
+
+TEST_F(ServiceTest, AFileOfPhonesThatCannotBeReadIsReportedAndThoseKnownBeforeAreServed) {
+    start();
+    world_.files.put(dataFolder / "peer.json", "{");
+    deliver("a.txt");
+    EXPECT_EQ("content of a.txt", received("a.txt"));
+    EXPECT_EQ(1, std::ranges::count_if(events_.all,
+                                       [](const std::string& text) { return text.starts_with("unreadable: "); }));
+}
+
+TEST_F(ServiceTest, APhoneRemovesThisComputer) {
+    world_.network.makeSilent("203.0.113.2"); // it cannot be reached
+    share("a.txt");
+    start();
+    pass(1);
+    ASSERT_THAT(world_.files.content(container / "peers.json").value_or(""), HasSubstr("Pixel-8"));
+    const auto from = phone();
+    world_.run(from->send(Row::unpair()));
+    pass(1);
+    EXPECT_THAT(paired(), IsEmpty());
+    ASSERT_EQ(1U, events_.outcomes.size());
+    EXPECT_TRUE(std::get<Receiver::Unpair>(events_.outcomes[0]).isForgotten);
+    EXPECT_THAT(world_.files.content(container / "peers.json").value_or(""), testing::Not(HasSubstr("Pixel-8")))
+        << "the share sheet does not offer it any more";
+    world_.folders.change(dataFolder); // the peer store has changed
+    pass(1);
+    ASSERT_EQ(1U, outboxEvents_.of(What::phoneFailed).size()) << "nothing is sent to it any more";
+    EXPECT_THAT(outboxEvents_.of(What::phoneFailed)[0].message, HasSubstr("is not paired any more"));
+    const auto again = phone();
+    EXPECT_TRUE(world_.run(again->seesTheEnd())) << "it counts as a stranger";
+}
+
+TEST_F(ServiceTest, ARemovedPhoneIsTold) {
+    RemovedPeers(world_.files, dataFolder).add(world_.phoneKey.publicKey());
+    pair({});
+    start();
+    const auto from = phone();
+    static_cast<void>(world_.run(from->expect<Row::Unpair>()));
+    from->close();
+    pass(1);
+    ASSERT_EQ(1U, events_.outcomes.size());
+    EXPECT_EQ(world_.phoneKey.publicKey().base64(), std::get<Receiver::UnpairReplied>(events_.outcomes[0]).peerPubkey);
+    EXPECT_EQ(0, events_.count("authenticated Pixel-8, phones 0"));
+}
+
+TEST_F(ServiceTest, ConnectionsFromAfarAreTurnedAwayUnlessTheyAreWanted) {
+    start();
+    world_.network.sources.emplace_back("8.8.8.8:53");
+    const std::unique_ptr<platform::Stream> stream =
+        world_.run(world_.network.connect("203.0.113.1", port, world_.context.get_executor()));
+    EXPECT_EQ("Connection reset by peer", world_.failure<platform::SystemError>(readLine(*stream)).description());
+    EXPECT_EQ(1, events_.count("turned away 8.8.8.8:53"));
+    stop();
+    settings_.port.isPublic = true;
+    start();
+    world_.network.sources.emplace_back("8.8.8.8:53");
+    const auto from = world_.run(ScriptedPeer::connect(world_, port, world_.phoneKey));
+    world_.run(deliverOn(*from, "a.txt"));
+    EXPECT_EQ("content of a.txt", received("a.txt"));
+}
+
+// What is taken
+
+TEST_F(ServiceTest, TakesNothingIfNothingIsAccepted) {
+    settings_.accept = ServiceSettings::Accept::never;
+    world_.files.addFault({.operation = fakes::Operation::open, .errorNumber = EROFS, .nameEnding = ".tmp"});
+    start();
+    world_.files.clearFaults();
+    ASSERT_EQ("", problem()) << "a folder that cannot be written is of no interest";
+    const auto from = phone();
+    world_.run(from->send(Row::fileOffer("a.txt", 3, "text/plain", "ID")));
+    static_cast<void>(world_.run(from->expect<Row::Decline>()));
+    from->close();
+    settle();
+    ASSERT_EQ(1U, events_.outcomes.size());
+    EXPECT_EQ("a.txt", std::get<Receiver::Declined>(events_.outcomes[0]).name);
+}
+
+TEST_F(ServiceTest, TakesWhatSomebodySaysYesTo) {
+    settings_.accept = ServiceSettings::Accept::ask;
+    std::vector<std::string> asked;
+    settings_.approveOffer = [this, &asked](const Receiver::Offer& offer) {
+        asked.push_back(offer.name + " of " + offer.from);
+        return answerAfter(30, offer.name == "a.txt");
+    };
+    start();
+    deliver("a.txt");
+    EXPECT_EQ(30, world_.clock.elapsed());
+    EXPECT_EQ("content of a.txt", received("a.txt"));
+    const auto from = phone();
+    world_.run(from->send(Row::fileOffer("b.txt", 3, "text/plain", "ID")));
+    static_cast<void>(world_.run(from->expect<Row::Decline>()));
+    EXPECT_THAT(asked, ElementsAre("a.txt of Pixel-8", "b.txt of Pixel-8"));
+}
+
+TEST_F(ServiceTest, DeclinesWhatIsLargerThanTheLimit) {
+    settings_.downloadLimits.maxFileBytes = 10;
+    start();
+    const auto from = phone();
+    world_.run(from->send(Row::fileOffer("a.txt", 11, "text/plain", "ID")));
+    static_cast<void>(world_.run(from->expect<Row::Decline>()));
+    from->close();
+    settle();
+    ASSERT_EQ(1U, events_.outcomes.size());
+    const auto& declined = std::get<Receiver::Declined>(events_.outcomes[0]);
+    ASSERT_TRUE(declined.refusal);
+    EXPECT_EQ(DownloadRefusal::Reason::tooLarge, declined.refusal->reason);
+}
+
+// Sending
+
+TEST_F(ServiceTest, SendsWhatIsInTheOutbox) {
+    start();
+    pass(1);
+    world_.alongside(take());
+    share("a.txt");
+    ring();
+    pass(1);
+    EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+    EXPECT_EQ(1U, outboxEvents_.of(What::sent).size());
+    EXPECT_FALSE(world_.files.exists(outbox / batch));
+}
+
+TEST_F(ServiceTest, SendsAtOnceToAPhoneThatIsHeardOf) {
+    share("a.txt");
+    start();
+    pass(1000); // in the middle of a long pause
+    ASSERT_FALSE(outboxEvents_.of(What::waiting).empty());
+    world_.alongside(take());
+    deliver("b.txt");
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+}
+
+TEST_F(ServiceTest, SendsAtOnceToAPhoneWhoseRecordChanges) {
+    share("a.txt");
+    world_.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world_.clock);
+    start();
+    pass(1000);
+    world_.alongside(take());
+    PeerRecord moved = world_.phoneRecord();
+    moved.peer_ip = "203.0.113.9";
+    pair({moved});
+    world_.folders.change(dataFolder);
+    pass(0.1);
+    EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+}
+
+// What it looks after
+
+TEST_F(ServiceTest, KeepsTheShareSheetsListInStep) {
+    start();
+    pass(1);
+    PeerRecord tablet = world_.phoneRecord();
+    tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    tablet.peer_hostname = "Tablet";
+    pair({world_.phoneRecord(), tablet});
+    world_.folders.change(dataFolder);
+    pass(0.1);
+    EXPECT_THAT(world_.files.content(container / "peers.json").value_or(""), HasSubstr("Tablet"));
+}
+
+TEST_F(ServiceTest, SaysToWhoeverManagesItThatItIsAlive) {
+    int alive = 0;
+    settings_.watchdogSeconds = 30;
+    settings_.watchdog.onAlive = [&alive] { ++alive; };
+    start();
+    pass(60);
+    EXPECT_GE(alive, 4);
+    const int before = alive;
+    stop();
+    EXPECT_GE(before + 1, alive);
+}
+
+TEST_F(ServiceTest, ReportsUnfinishedDownloadsOfItsFolder) {
+    start();
+    const auto from = phone();
+    world_.run(from->send(Row::fileOffer("a.txt", 10, "text/plain", "ID")));
+    static_cast<void>(world_.run(from->expect<Row::Resume>()));
+    world_.run(from->sendBinary(toBytes(std::string("half"))));
+    settle();
+    from->close(); // and nothing has come of it for long: files in memory are old
+    pass(PartialsReminder::firstLookSeconds - 1);
+    EXPECT_EQ(0, events_.count("unfinished 1 in /home/ann/Downloads"));
+    pass(2);
+    EXPECT_EQ(1, events_.count("unfinished 1 in /home/ann/Downloads"));
+}
+
+// One a data folder
+
+TEST_F(ServiceTest, ASecondOneOfTheSameDataFolderIsRefusedAndTheFirstGoesOn) {
+    start();
+    RecordingServiceEvents others;
+    Service second(home_, world_.computerKey, settings_, others, outboxEvents_);
+    const HostError error = world_.failure<HostError>([](Service& service) -> Task<bool> {
+        co_await service.run();
+        co_return true;
+    }(second));
+    EXPECT_EQ("the receive service is already running", error.description());
+    EXPECT_THAT(error.hint(), HasSubstr("XDG_DATA_HOME"));
+    EXPECT_THAT(others.all, IsEmpty());
+    deliver("a.txt");
+    EXPECT_EQ("content of a.txt", received("a.txt"));
+}
+
+TEST_F(ServiceTest, SomebodyWhoLooksWhetherItRunsDoesNotKeepItFromStarting) {
+    world_.files.put(dataFolder / "service.lock", "");
+    std::unique_ptr<platform::File> look = world_.files.open(dataFolder / "service.lock", platform::OpenMode::read);
+    ASSERT_TRUE(look->tryLock());
+    start();
+    EXPECT_THAT(events_.all, IsEmpty()) << "it waits";
+    look.reset();
+    pass(0.01);
+    EXPECT_EQ(1, events_.count("listening 7100, phones 1"));
+}
+
+TEST_F(ServiceTest, AnotherOneRunsOnceTheFirstHasEnded) {
+    start();
+    stop();
+    start();
+    deliver("a.txt");
+    EXPECT_EQ("content of a.txt", received("a.txt"));
+    EXPECT_EQ("", problem());
+}
+
+// Starts that fail, and leave nothing behind
+
+TEST_F(ServiceTest, DoesNotStartWithALockThatCannotBeOpened) {
+    world_.files.addFault({.operation = fakes::Operation::open, .errorNumber = EACCES, .nameEnding = "service.lock"});
+    start();
+    EXPECT_EQ("cannot lock " + (dataFolder / "service.lock").string() + ": Permission denied", problem());
+    world_.files.clearFaults();
+}
+
+TEST_F(ServiceTest, DoesNotStartWithAFolderThatCannotBeWritten) {
+    world_.files.putFolder(downloads, 0500);
+    start();
+    EXPECT_EQ("cannot write to the folder for received files, /home/ann/Downloads: Permission denied", problem());
+    EXPECT_FALSE(world_.network.isOpen(port));
+    EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
+}
+
+TEST_F(ServiceTest, DoesNotPutFilesOfPhonesWhereProgramsLookForTheirs) {
+    for (const char* folder : {"/home/ann/.config", "/home/ann/.local/share/Orlinth", "/home/ann"}) {
+        settings_.downloads = folder;
+        start();
+        EXPECT_THAT(problem(), HasSubstr("received files cannot go to " + std::string(folder)));
+    }
+    EXPECT_FALSE(world_.network.isOpen(port));
+}
+
+TEST_F(ServiceTest, DoesNotStartWithoutItsPort) {
+    const std::unique_ptr<platform::Listener> other =
+        world_.network.listen({.port = port, .keepAlive = std::nullopt}, world_.context.get_executor());
+    start();
+    EXPECT_EQ("listener start failed: Address already in use", problem());
+    EXPECT_THAT(events_.all, IsEmpty());
+    EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
+}
+
+// Its end
+
+TEST_F(ServiceTest, EndsInOrder) {
+    world_.network.makeSilent("203.0.113.2");
+    share("a.txt");
+    int alive = 0;
+    settings_.watchdogSeconds = 1;
+    settings_.watchdog.onAlive = [&alive] { ++alive; };
+    start();
+    pass(1); // a file is under way to a phone
+    const auto from = phone();
+    world_.run(from->send(Row::fileOffer("b.txt", 10, "text/plain", "ID")));
+    static_cast<void>(world_.run(from->expect<Row::Resume>()));
+    const std::unique_ptr<platform::Stream> asker = connectToControl();
+    settle();
+    events_.onStopping = [this] {
+        EXPECT_FALSE(world_.network.isOpen(port));
+        EXPECT_TRUE(world_.local.isOpen(controlPath));
+    };
+    events_.onFinish = [this, &alive] { return seeTheRestAtTheEnd(alive); };
+    cancel();
+    stop();
+    EXPECT_EQ("", problem());
+    EXPECT_EQ("stopping", events_.all.at(events_.all.size() - 2));
+    EXPECT_EQ("finish", events_.all.back());
+    EXPECT_TRUE(world_.run(from->seesTheEnd()));
+    EXPECT_TRUE(world_.files.exists(downloads / "b.txt.partial")) << "it can be resumed";
+    EXPECT_TRUE(world_.files.exists(outbox / batch / "a.txt"));
+    EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
+    EXPECT_EQ(0U, world_.clock.pendingAlarms()) << "nothing of it is left";
+}
+
+TEST_F(ServiceTest, EndsInTheSameOrderWhenItIsCancelledAtOnce) {
+    service_.emplace(home_, world_.computerKey, settings_, events_, outboxEvents_);
+    hasEnded_ = false;
+    platform::spawn(world_.context.get_executor(), service_->run(), stop_.slot(),
+                    [this](const std::exception_ptr& /*error*/) { hasEnded_ = true; });
+    cancel();
+    stop();
+    EXPECT_FALSE(world_.network.isOpen(port));
+    EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
+}
+
+} // namespace
+} // namespace orlinth::host
