@@ -131,6 +131,20 @@ class InstalledPackage(unittest.TestCase):
                 self.assertRegex(dynamic, r"\(FLAGS\).*\bBIND_NOW\b")
                 self.assertRegex(dynamic, r"\(FLAGS_1\).*\bNOW\b.*\bPIE\b")
 
+    def test_the_program_lists_the_libraries_that_it_loads_when_it_needs_them(self):
+        notes = run(READELF, "-nW", self.prefix / "bin" / "orlinth")
+        texts = [bytes.fromhex(text).decode() for text in
+                 re.findall(r"FDO\s.*\n\s*description data: ([0-9a-f ]+)", notes)]
+        listed = [json.loads(text.rstrip("\0"))[0] for text in texts]
+        names = sorted(name.split(".so.")[0] for library in listed for name in library["soname"])
+        self.assertEqual(["libavahi-client", "libavahi-common", "libcurl", "libsystemd"], names)
+        needed = run(READELF, "-dW", self.prefix / "bin" / "orlinth")
+        for library in listed:
+            self.assertEqual("recommended", library["priority"])
+            self.assertTrue(library["description"])
+            for name in library["soname"]:
+                self.assertNotIn(name, needed)
+
     def test_the_programs_notice_what_is_written_beyond_its_end(self):
         for program in self.programs():
             with self.subTest(program=program.name):

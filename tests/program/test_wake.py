@@ -2,6 +2,7 @@
 
 import json
 import pathlib
+import re
 import signal
 import socket
 import time
@@ -11,6 +12,8 @@ from harness import SANITIZED, ProgramTest, SleepingPort, UnansweredPort, seeded
 from https_server import Answer, PushServer
 
 TOKEN = "a-push-token:that_nobody-may-see"
+# What a send needs for a phone that sleeps, and what it never needs.
+SELDOM_NEEDED = {"libcurl", "libavahi-client", "libavahi-common", "libdbus-1", "libsystemd"}
 TEXT = "a text that is nobody else's business"
 PUSH_URLS = ("ORLINTH_FCM_BASE_URL", "SSL_CERT_FILE", "CURL_CA_BUNDLE")
 PROXIES = ("http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "no_proxy", "NO_PROXY")
@@ -33,6 +36,19 @@ char* strerror_r(int number, char* text, size_t size) {
     (void)text;
     (void)size;
     return german(number);
+}
+"""
+
+
+# A computer on which the library that pushes are sent with is not installed.
+NO_LIBCURL = r"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <string.h>
+
+void* dlopen(const char* name, int flags) {
+    void* (*next)(const char*, int) = dlsym(RTLD_NEXT, "dlopen");
+    return next(name && strstr(name, "libcurl") ? "libcurl-that-is-missing.so" : name, flags);
 }
 """
 
@@ -99,6 +115,37 @@ class Sending(WakeTest):
         self.assertEqual({"event": "waking", "file": str(self.sent_file), "to": "phone"}, sender.events.find("waking"))
         self.assert_pushed()
         self.assert_no_secret(json.dumps(sender.events.all), sender.stderr)
+
+    def libraries_of_a_send(self):
+        """Sends a file, and returns the libraries that the program has loaded by its end, without versions."""
+        self.mac.environment.update(LD_DEBUG="files", LD_DEBUG_OUTPUT=str(self.folder / "linker"))
+        sender = self.send()
+        self.assertEqual(0, sender.wait(), sender.stderr)
+        said = (self.folder / f"linker.{sender.process.pid}").read_text(encoding="utf-8")
+        return {pathlib.Path(path).name.split(".so")[0] for path in re.findall(r"calling init: (\S+)", said)}
+
+    def test_a_phone_that_is_awake_gets_its_file_without_the_libraries_of_other_work(self):
+        receiver = self.receiver()
+        self.mac.record(self.phone, receiver.port, token=TOKEN)
+        loaded = self.libraries_of_a_send()
+        self.assertEqual(0, receiver.wait())
+        self.assertIn("libcrypto", loaded)
+        for library in SELDOM_NEEDED:
+            self.assertNotIn(library, loaded)
+
+    def test_the_library_of_the_push_is_loaded_for_a_phone_that_sleeps(self):
+        self.phone_wakes(lambda: self.receiver(port=str(self.port.port)))
+        loaded = self.libraries_of_a_send()
+        self.assertEqual(0, self.the_phone().wait())
+        self.assertEqual({"libcurl"}, loaded & SELDOM_NEEDED)
+
+    @unittest.skipIf(SANITIZED, "the sanitizer's own dlopen comes first")
+    def test_without_the_library_of_the_push_the_error_names_it(self):
+        self.mac.environment["LD_PRELOAD"] = str(self.shim("no_libcurl", NO_LIBCURL))
+        sender = self.send()
+        self.assertEqual(1, sender.wait())
+        self.assertIn("cannot load libcurl-that-is-missing.so: cannot open shared object file", sender.stderr)
+        self.assertEqual([], self.server.requests("push"))
 
     def test_people_read_that_it_is_being_woken(self):
         self.phone_wakes(lambda: self.receiver(port=str(self.port.port)))

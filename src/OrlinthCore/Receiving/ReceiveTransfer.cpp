@@ -1,5 +1,6 @@
 #include "OrlinthCore/Receiving/ReceiveTransfer.h"
 
+#include "OrlinthCore/Receiving/IncomingTransfer.h"
 #include "OrlinthCore/Receiving/OpenTransfer.h"
 #include "base/ConstantTime.h"
 #include "base/OneShot.h"
@@ -84,62 +85,31 @@ Task<TransportFramer> authenticateInTime(WireConnection& wire, const ReceiveRequ
     }
 }
 
-/// The frames of one transfer in their order: one offer, its data, Done.
+/// What the frames of one transfer ask for (IncomingTransfer), done in the downloads folder.
 class OneTransfer {
 public:
     OneTransfer(platform::System& system, const ReceiveRequest& request, ReceiveProgress& progress,
                 WireConnection& wire)
         : system_(system), request_(request), progress_(progress), wire_(wire) {}
 
-    /// What a frame asks for.
-    enum class Next { read, accept, finish };
-
-    [[nodiscard]] Next take(const TransportMessage& message) {
-        using Tag = TransportMessage::Tag;
-        switch (message.tag()) {
-        case Tag::FileOffer:
-            if (offer_) {
-                throw ReceiveError::protocolViolation("duplicate FileOffer");
-            }
-            offer_ = *message.as<TransportMessage::FileOffer>();
-            return Next::accept;
-        case Tag::TokenUpdate:
-            return Next::read;
-        case Tag::Done:
-            if (!file_) {
-                throw ReceiveError::protocolViolation("Done received without FileOffer");
-            }
-            return Next::finish;
-        case Tag::Resume:
-            throw ReceiveError::protocolViolation("unexpected Resume from sender");
-        case Tag::Clipboard:
-            throw ReceiveError::protocolViolation("clipboard frame on one-shot receive path");
-        case Tag::SetName:
-        case Tag::NameUpdate:
-        case Tag::Unpair:
-        case Tag::Decline:
-            break;
-        }
-        throw ReceiveError::protocolViolation("name frame on one-shot receive path");
-    }
+    [[nodiscard]] IncomingTransfer::Action take(const TransportMessage& message) { return transfer_.take(message); }
     /// `data` outlives the task.
     [[nodiscard]] Task<> append(ByteView data) {
-        if (!file_) {
-            throw ReceiveError::protocolViolation("binary frame before FileOffer");
-        }
+        transfer_.takeData(static_cast<std::int64_t>(data.size()));
         co_await downloads_.append(*file_, data);
         progress_.onProgress(file_->bytesWritten(), file_->offer().size);
     }
-    /// Begins the file that was offered; returns the answer.
-    [[nodiscard]] Task<TransportMessage> accept() {
+    /// Begins the file that is offered; returns the answer.
+    [[nodiscard]] Task<TransportMessage> accept(TransportMessage::FileOffer offer) {
         open_.emplace(wire_);
         IncomingFile incoming =
-            co_await downloads_.begin(request_.expectedPeerPubkey.base64(), *offer_, system_.clock.now());
+            co_await downloads_.begin(request_.expectedPeerPubkey.base64(), offer, system_.clock.now());
         file_.emplace(std::move(incoming));
+        transfer_.accept(file_->bytesWritten());
         if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
-            progress_.onAlreadyHere(*offer_, delivery->path);
+            progress_.onAlreadyHere(offer, delivery->path);
         } else {
-            progress_.onOffer(*offer_, file_->bytesWritten());
+            progress_.onOffer(offer, file_->bytesWritten());
         }
         co_return file_->resumeMessage();
     }
@@ -155,7 +125,7 @@ private:
     ReceiveProgress& progress_;
     WireConnection& wire_;
     Downloads downloads_{system_, request_.downloadsDir};
-    std::optional<TransportMessage::FileOffer> offer_;
+    IncomingTransfer transfer_{IncomingTransfer::Scope::oneFile};
     std::optional<IncomingFile> file_;
     std::optional<OpenTransfer> open_; // behind the file, so that the sender hears of a failure before that is closed
 };
@@ -170,14 +140,15 @@ Task<ReceivedFile> receiveFile(platform::Network& network, WireConnection& wire,
             co_await transfer.append(*data);
             continue;
         }
-        const OneTransfer::Next next = transfer.take(std::get<TransportMessage>(frame));
-        if (next == OneTransfer::Next::accept) {
-            const TransportMessage answer = co_await transfer.accept();
-            const Bytes resume = framer.encodeJSON(answer);
+        const IncomingTransfer::Action next = transfer.take(std::get<TransportMessage>(frame));
+        if (const auto* answer = std::get_if<IncomingTransfer::Answer>(&next)) {
+            const TransportMessage message = co_await transfer.accept(answer->offer);
+            const Bytes resume = framer.encodeJSON(message);
             co_await wire.sendLengthPrefixed(resume);
-        } else if (next == OneTransfer::Next::finish) {
+        } else if (std::holds_alternative<IncomingTransfer::Finish>(next)) {
             co_return co_await transfer.finish();
         }
+        // a push token is nothing for a receive of one file
     }
 }
 

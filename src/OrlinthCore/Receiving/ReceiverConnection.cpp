@@ -1,7 +1,9 @@
 #include "OrlinthCore/Receiving/ReceiverConnection.h"
 
+#include "OrlinthCore/Receiving/IncomingTransfer.h"
 #include "OrlinthCore/Receiving/OpenTransfer.h"
 #include "OrlinthCore/Receiving/SenderRecord.h"
+#include "base/Precondition.h"
 #include "platform/Blocking.h"
 #include "platform/Cancelled.h"
 #include "platform/Deadline.h"
@@ -132,7 +134,7 @@ public:
             place_->heard();
             FrameView frame = co_await framer_.decodeInPlace(context_.system.network, buffer.body());
             if (const auto* data = std::get_if<MutableBytes>(&frame)) {
-                requireFile(*data);
+                transfer_.takeData(static_cast<std::int64_t>(data->size()));
                 co_await context_.downloads.append(*file_, *data);
                 giveBack(buffer);
                 continue;
@@ -216,28 +218,13 @@ private:
         try {
             co_await wire_.receiveFrame(buffer);
         } catch (const WireConnection::Error& error) {
-            const bool isEnd = hasUpdatedToken_ && !file_ && error.isBetweenFrames();
+            const bool isEnd = transfer_.mayHangUp() && error.isBetweenFrames();
             if (!isEnd) {
                 throw;
             }
             co_return false;
         }
         co_return true;
-    }
-
-    /// @throws ReceiveError::protocolViolation unless the data belongs to an accepted offer
-    void requireFile(ByteView data) const {
-        if (!file_) {
-            throw ReceiveError::protocolViolation("binary frame before FileOffer");
-        }
-        requireApproved(file_->bytesWritten() + static_cast<std::int64_t>(data.size()));
-    }
-
-    /// The size that somebody has agreed to is a bound, give or take a frame. @throws ReceiveError::protocolViolation
-    void requireApproved(std::int64_t bytes) const {
-        if (approvedSize_ && bytes - limits::dataFrameBytes > *approvedSize_) {
-            throw ReceiveError::protocolViolation("more data than was offered");
-        }
     }
 
     /// What the message comes to; nothing if the conversation goes on.
@@ -247,16 +234,16 @@ private:
             co_await sayFarewell(TransportMessage::unpair());
             co_return Receiver::UnpairReplied{.peerPubkey = self_->peerPubkey(), .remoteEndpoint = endpoint_};
         }
-        if (const auto* offer = message.as<Row::FileOffer>()) {
-            co_return co_await takeOffer(*offer);
+        const IncomingTransfer::Action next = transfer_.take(message);
+        if (const auto* answer = std::get_if<IncomingTransfer::Answer>(&next)) {
+            co_return co_await takeOffer(answer->offer);
         }
-        if (message.as<Row::Done>() != nullptr) {
+        if (std::holds_alternative<IncomingTransfer::Finish>(next)) {
             Result result = co_await finishFile();
             co_return std::optional<Result>(std::in_place, std::move(result));
         }
-        if (const auto* update = message.as<Row::TokenUpdate>()) {
-            hasUpdatedToken_ = true;
-            co_await changeRecord([&] { say({.token = update->peer_fcm_token}); });
+        if (const auto* update = std::get_if<IncomingTransfer::Update>(&next)) {
+            co_await changeRecord([&] { say({.token = update->token.peer_fcm_token}); });
             co_return std::nullopt;
         }
         Result result = co_await end(message);
@@ -274,9 +261,6 @@ private:
     }
 
     [[nodiscard]] Task<std::optional<Result>> takeOffer(Row::FileOffer offer) {
-        if (file_) {
-            throw ReceiveError::protocolViolation("duplicate FileOffer");
-        }
         Downloads::requireSensible(offer); // the id is a key of what all connections share
         open_.emplace(wire_);
         const platform::Clock::Instant offerTime = context_.system.clock.now();
@@ -301,7 +285,7 @@ private:
         if (mustBeHere && file_->delivered() == nullptr) {
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }
-        requireApproved(file_->bytesWritten()); // what is here may be of a larger offer
+        transfer_.accept(file_->bytesWritten(), approvedSize_); // what is here may be of a larger offer
         place_->beginTransfer();
         room_->beginTransfer();
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
@@ -310,6 +294,7 @@ private:
     }
 
     [[nodiscard]] Task<std::optional<Result>> decline(Row::FileOffer offer, std::optional<DownloadRefusal> refusal) {
+        transfer_.refuse();
         open_->settle();
         co_await sayFarewell(Row::decline());
         co_return Receiver::Declined{
@@ -378,13 +363,10 @@ private:
         case Tag::Resume:
             break;
         }
-        throw ReceiveError::protocolViolation("unexpected " + describeFrame(message) + " from sender");
+        preconditionFailed("a conversation cannot end with this message"); // see IncomingTransfer::Conclude
     }
 
     [[nodiscard]] Task<Result> finishFile() {
-        if (!file_) {
-            throw ReceiveError::protocolViolation("Done received without FileOffer");
-        }
         const DeliveredTransfers::Delivery* const delivery = file_->delivered();
         const bool wasReported = delivery != nullptr && delivery->isSettled;
         ReceivedFile received = co_await context_.downloads.finish(*file_, wire_.remoteEndpoint());
@@ -434,7 +416,7 @@ private:
     TransferConnectionRef self_;
     std::shared_ptr<FrameRoom::Share> room_; ///< a text's is still held when the connection has ended
     std::optional<PhonePlaces::Claim> place_;
-    bool hasUpdatedToken_ = false;
+    IncomingTransfer transfer_{IncomingTransfer::Scope::everything};
     std::optional<std::int64_t> approvedSize_; ///< of an offer that somebody was asked about
     std::optional<TransferClaim> claim_;
     std::optional<IncomingFile> file_; // behind the claim, so that it is closed before that is given back

@@ -2,13 +2,10 @@
 
 #include "base/Mutex.h"
 #include "base/SecretBytes.h"
+#include "platform/linux/AvahiLibrary.h"
 #include "platform/linux/AvahiText.h"
 
 #include <asio/post.hpp>
-#include <avahi-common/error.h>
-#include <avahi-common/malloc.h>
-#include <avahi-common/strlst.h>
-#include <avahi-common/timeval.h>
 
 #include <atomic>
 #include <cstdint>
@@ -23,7 +20,7 @@ struct StringListFree {
         for (AvahiStringList* text = list; text != nullptr; text = text->next) {
             wipe(std::as_writable_bytes(std::span(text->text, text->size)));
         }
-        avahi_string_list_free(list);
+        avahi().avahi_string_list_free(list);
     }
 };
 using StringList = std::unique_ptr<AvahiStringList, StringListFree>;
@@ -103,7 +100,7 @@ void AvahiAnnouncement::open() noexcept {
 
 void AvahiAnnouncement::close() noexcept {
     if (client_ != nullptr) {
-        avahi_client_free(client_); // and its group
+        avahi().avahi_client_free(client_); // and its group
     }
     client_ = nullptr;
     group_ = nullptr;
@@ -122,33 +119,33 @@ void AvahiAnnouncement::clientChanged(AvahiClient* client, AvahiClientState stat
     case AVAHI_CLIENT_S_COLLISION:
         // the host's own name is changing; it runs again afterwards
         if (group_ != nullptr) {
-            avahi_entry_group_reset(group_);
+            avahi().avahi_entry_group_reset(group_);
         }
         break;
     case AVAHI_CLIENT_CONNECTING:
         tellOnce(AVAHI_ERR_NO_DAEMON); // the library waits for it
         break;
     case AVAHI_CLIENT_FAILURE:
-        failed(avahi_client_errno(client));
+        failed(avahi().avahi_client_errno(client));
         break;
     }
 }
 
 void AvahiAnnouncement::announce(AvahiClient* client) noexcept {
     if (group_ == nullptr) {
-        group_ = avahi_entry_group_new(
+        group_ = avahi().avahi_entry_group_new(
             client,
             [](AvahiEntryGroup* group, AvahiEntryGroupState state, void* self) noexcept {
                 static_cast<AvahiAnnouncement*>(self)->groupChanged(group, state);
             },
             this);
     }
-    int error = group_ == nullptr ? avahi_client_errno(client) : avahi_entry_group_reset(group_);
+    int error = group_ == nullptr ? avahi().avahi_client_errno(client) : avahi().avahi_entry_group_reset(group_);
     if (error == AVAHI_OK) {
         error = addService();
     }
     if (error == AVAHI_OK) {
-        error = avahi_entry_group_commit(group_);
+        error = avahi().avahi_entry_group_commit(group_);
     }
     if (error != AVAHI_OK) {
         failed(error);
@@ -164,8 +161,8 @@ int AvahiAnnouncement::addService() noexcept {
             return AVAHI_ERR_INVALID_RECORD;
         }
         // A list grows at its head, and is published from its end: what is added last comes last.
-        AvahiStringList* longer =
-            avahi_string_list_add_arbitrary(txt.get(), reinterpret_cast<const std::uint8_t*>(pair.data()), pair.size());
+        AvahiStringList* longer = avahi().avahi_string_list_add_arbitrary(
+            txt.get(), reinterpret_cast<const std::uint8_t*>(pair.data()), pair.size());
         wipe(std::as_writable_bytes(std::span(pair)));
         if (longer == nullptr) {
             return AVAHI_ERR_NO_MEMORY;
@@ -173,9 +170,9 @@ int AvahiAnnouncement::addService() noexcept {
         static_cast<void>(txt.release());
         txt.reset(longer);
     }
-    return avahi_entry_group_add_service_strlst(group_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, {}, service_.name.c_str(),
-                                                withoutDot(service_.type).c_str(), withoutDot(service_.domain).c_str(),
-                                                nullptr, service_.port, txt.get());
+    return avahi().avahi_entry_group_add_service_strlst(
+        group_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, {}, service_.name.c_str(), withoutDot(service_.type).c_str(),
+        withoutDot(service_.domain).c_str(), nullptr, service_.port, txt.get());
 }
 
 void AvahiAnnouncement::groupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state) noexcept {
@@ -191,7 +188,7 @@ void AvahiAnnouncement::groupChanged(AvahiEntryGroup* group, AvahiEntryGroupStat
         failed(AVAHI_ERR_COLLISION);
         break;
     case AVAHI_ENTRY_GROUP_FAILURE:
-        failed(avahi_client_errno(avahi_entry_group_get_client(group)));
+        failed(avahi().avahi_client_errno(avahi().avahi_entry_group_get_client(group)));
         break;
     case AVAHI_ENTRY_GROUP_UNCOMMITED:
     case AVAHI_ENTRY_GROUP_REGISTERING:
@@ -211,7 +208,7 @@ void AvahiAnnouncement::failed(int error) noexcept {
         tell(error);
     }
     timeval when{};
-    avahi_elapse_time(&when, opensAgain_ ? retryMilliseconds : 0, 0);
+    avahi().avahi_elapse_time(&when, opensAgain_ ? retryMilliseconds : 0, 0);
     if (closing_ != nullptr) {
         poll()->timeout_update(closing_, &when);
         return;
@@ -236,9 +233,13 @@ void AvahiAnnouncement::tellOnce(int error) noexcept {
 
 void AvahiAnnouncement::tell(int error) noexcept {
     told_ = true;
+    tellFailure(avahi().avahi_strerror(error));
+}
+
+void AvahiAnnouncement::tellFailure(std::string reason) noexcept {
     const MutexLock guard(teller_->lock);
     if (teller_->executor) {
-        asio::post(teller_->executor, [teller = teller_, reason = std::string(avahi_strerror(error))] {
+        asio::post(teller_->executor, [teller = teller_, reason = std::move(reason)] {
             if (!teller->silent && teller->events.onFailure) {
                 teller->events.onFailure(reason);
             }

@@ -21,6 +21,8 @@ public:
 
     /// From now on nothing is told. On the executor of the events.
     void fallSilent() noexcept;
+    /// Reports that the service is not announced. Any thread.
+    void tellFailure(std::string reason) noexcept;
 
 private:
     struct Teller;

@@ -2,9 +2,7 @@
 
 #include "platform/SystemError.h"
 #include "platform/linux/AvahiBus.h"
-
-#include <avahi-common/error.h>
-#include <avahi-common/simple-watch.h>
+#include "platform/linux/AvahiLibrary.h"
 
 #include <algorithm>
 #include <csignal>
@@ -65,7 +63,7 @@ AvahiJob::~AvahiJob() {
 AvahiClient* AvahiJob::openClient(AvahiClientFlags flags, AvahiClientCallback callback, void* self,
                                   int& error) noexcept {
     error = askSystemBus(interruption_, busPatience);
-    return error == AVAHI_OK ? avahi_client_new(poll(), flags, callback, self, &error) : nullptr;
+    return error == AVAHI_OK ? avahi().avahi_client_new(poll(), flags, callback, self, &error) : nullptr;
 }
 
 void AvahiJob::noteSocket(int socket) noexcept {
@@ -100,7 +98,8 @@ void AvahiJob::interrupt() noexcept {
     }
 }
 
-AvahiLoop::AvahiLoop() : simplePoll_(nullptr, &avahi_simple_poll_free) {}
+AvahiLoop::AvahiLoop()
+    : simplePoll_(nullptr, [](AvahiSimplePoll* loop) noexcept { avahi().avahi_simple_poll_free(loop); }) {}
 
 AvahiLoop::~AvahiLoop() {
     {
@@ -120,7 +119,7 @@ AvahiLoop::~AvahiLoop() {
 }
 
 const AvahiPoll* AvahiLoop::poll() const noexcept {
-    return avahi_simple_poll_get(simplePoll_.get());
+    return avahi().avahi_simple_poll_get(simplePoll_.get());
 }
 
 void AvahiLoop::add(std::shared_ptr<AvahiJob> job) {
@@ -152,7 +151,7 @@ void AvahiLoop::start() {
         }
     }
     if (!simplePoll_) {
-        simplePoll_.reset(avahi_simple_poll_new());
+        simplePoll_.reset(avahi().avahi_simple_poll_new());
         if (!simplePoll_) {
             throw SystemError::fromErrno(ENOMEM);
         }
@@ -188,7 +187,7 @@ void AvahiLoop::run() {
         std::terminate(); // out of memory
     }
     while (doWhatIsAsked()) {
-        avahi_simple_poll_iterate(simplePoll_.get(), -1);
+        avahi().avahi_simple_poll_iterate(simplePoll_.get(), -1);
     }
     poll()->watch_free(wakeWatch);
 }

@@ -77,7 +77,8 @@ public:
     AvahiLoop(const AvahiLoop&) = delete;
     AvahiLoop& operator=(const AvahiLoop&) = delete;
 
-    /// Begins the job, and keeps it. @throws SystemError, std::system_error where there can be no thread
+    /// Begins the job, and keeps it. @throws SystemError, std::system_error where there can be no thread, or Avahi's
+    /// client library is missing
     void add(std::shared_ptr<AvahiJob> job);
     /// Ends the job soon. Does not wait.
     void remove(const std::shared_ptr<AvahiJob>& job) noexcept;

@@ -1,11 +1,9 @@
 #include "platform/linux/AvahiSearch.h"
 
 #include "base/SecretBytes.h"
+#include "platform/linux/AvahiLibrary.h"
 #include "platform/linux/AvahiText.h"
 #include "platform/linux/LinuxServiceDiscovery.h"
-
-#include <avahi-common/error.h>
-#include <avahi-common/strlst.h>
 
 #include <algorithm>
 
@@ -46,7 +44,7 @@ std::vector<ServiceRecord> AvahiSearch::found() const {
 
 std::optional<std::string> AvahiSearch::failure() const {
     const MutexLock guard(lock_);
-    return failure_ || looks_ ? failure_ : avahi_strerror(AVAHI_ERR_TIMEOUT);
+    return failure_ || looks_ ? failure_ : avahi().avahi_strerror(AVAHI_ERR_TIMEOUT);
 }
 
 void AvahiSearch::fallSilent() noexcept {
@@ -60,7 +58,7 @@ void AvahiSearch::begin() {
         {},
         [](AvahiClient* client, AvahiClientState state, void* self) noexcept {
             if (state == AVAHI_CLIENT_FAILURE) {
-                static_cast<AvahiSearch*>(self)->failed(avahi_client_errno(client));
+                static_cast<AvahiSearch*>(self)->failed(avahi().avahi_client_errno(client));
             }
         },
         this, error);
@@ -68,23 +66,23 @@ void AvahiSearch::begin() {
         failed(error);
         return;
     }
-    const AvahiServiceBrowser* browser = avahi_service_browser_new(
+    const AvahiServiceBrowser* browser = avahi().avahi_service_browser_new(
         client_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type_.c_str(), nullptr, {},
         [](AvahiServiceBrowser* source, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
            const char* name, const char* type, const char* domain, AvahiLookupResultFlags, void* self) noexcept {
             auto& search = *static_cast<AvahiSearch*>(self);
-            AvahiClient* client = avahi_service_browser_get_client(source);
+            AvahiClient* client = avahi().avahi_service_browser_get_client(source);
             if (event == AVAHI_BROWSER_NEW) {
                 search.appeared(client, {interface, protocol, name, type, domain});
             } else if (event == AVAHI_BROWSER_REMOVE) {
                 search.disappeared({interface, protocol, name, type, domain});
             } else if (event == AVAHI_BROWSER_FAILURE) {
-                search.failed(avahi_client_errno(client));
+                search.failed(avahi().avahi_client_errno(client));
             }
         },
         this);
     if (browser == nullptr) {
-        failed(avahi_client_errno(client_));
+        failed(avahi().avahi_client_errno(client_));
         return;
     }
     const MutexLock guard(lock_);
@@ -93,7 +91,7 @@ void AvahiSearch::begin() {
 
 void AvahiSearch::end() noexcept {
     if (client_ != nullptr) {
-        avahi_client_free(client_); // and all that it has
+        avahi().avahi_client_free(client_); // and all that it has
     }
     client_ = nullptr;
     resolvings_.clear();
@@ -109,7 +107,7 @@ void AvahiSearch::appeared(AvahiClient* client, Sighting sighting) noexcept {
     resolving->search = this;
     resolving->sighting = sighting;
     const auto& [interface, protocol, name, type, domain] = resolving->sighting;
-    resolving->resolver = avahi_service_resolver_new(
+    resolving->resolver = avahi().avahi_service_resolver_new(
         client, interface, protocol, name.c_str(), type.c_str(), domain.c_str(), AVAHI_PROTO_UNSPEC,
         AVAHI_LOOKUP_NO_ADDRESS, // port and TXT are asked for, no more
         [](AvahiServiceResolver*, AvahiIfIndex, AvahiProtocol, AvahiResolverEvent event, const char*, const char*,
@@ -130,7 +128,7 @@ void AvahiSearch::appeared(AvahiClient* client, Sighting sighting) noexcept {
 void AvahiSearch::disappeared(const Sighting& sighting) noexcept {
     const auto place = resolvings_.find(sighting);
     if (place != resolvings_.end()) {
-        avahi_service_resolver_free(place->second->resolver);
+        avahi().avahi_service_resolver_free(place->second->resolver);
         resolvings_.erase(place);
     }
     const MutexLock guard(lock_);
@@ -160,7 +158,7 @@ void AvahiSearch::failed(int error) noexcept {
     }
     const MutexLock guard(lock_);
     if (!failure_) {
-        failure_ = avahi_strerror(error);
+        failure_ = avahi().avahi_strerror(error);
         if (onFailure_) {
             onFailure_();
         }

@@ -64,9 +64,9 @@ struct BusLoop::Connection : std::enable_shared_from_this<Connection> {
         if (!bus || isAtWork) {
             return; // whoever is at work does this at the end
         }
-        const int events = ::sd_bus_get_events(bus.get());
+        const int events = systemd().sd_bus_get_events(bus.get());
         std::uint64_t due = UINT64_MAX; // microseconds of CLOCK_MONOTONIC, which is the steady clock
-        if (events < 0 || ::sd_bus_get_timeout(bus.get(), &due) < 0 || !watchSocket(events)) {
+        if (events < 0 || systemd().sd_bus_get_timeout(bus.get(), &due) < 0 || !watchSocket(events)) {
             isBroken = true;
             turnSoon();
             return;
@@ -76,14 +76,14 @@ struct BusLoop::Connection : std::enable_shared_from_this<Connection> {
 
     bool watchSocket(int events) {
         try {
-            const int number = ::sd_bus_get_fd(bus.get());
+            const int number = systemd().sd_bus_get_fd(bus.get());
             if (number < 0) {
                 return false;
             }
             if (!isSocketFinal && (!socket || !isSameFile(socket->status, statusOf(number)))) {
                 socket = std::make_shared<Socket>(executor, number);
             }
-            isSocketFinal = ::sd_bus_is_ready(bus.get()) > 0;
+            isSocketFinal = systemd().sd_bus_is_ready(bus.get()) > 0;
         } catch (const std::exception&) {
             return false; // no descriptors left, most likely: the owner hears that the connection is lost
         }
@@ -120,7 +120,7 @@ struct BusLoop::Connection : std::enable_shared_from_this<Connection> {
             end = now + std::clamp<SteadyClock::duration>(left, SteadyClock::duration::zero(), furthest);
             isWanted = true;
         }
-        if (::sd_bus_is_ready(bus.get()) <= 0) {
+        if (systemd().sd_bus_is_ready(bus.get()) <= 0) {
             end = std::min(end, helloEnd);
             isWanted = true;
         }
@@ -173,18 +173,18 @@ struct BusLoop::Connection : std::enable_shared_from_this<Connection> {
         }
         int result = 1;
         {
-            const SdBusRef kept(::sd_bus_ref(bus.get())); // a callback may close it
+            const SdBusRef kept(systemd().sd_bus_ref(bus.get())); // a callback may close it
             isAtWork = true;
             for (int count = 0; result > 0 && count < most && bus && !isDone(); ++count) {
-                result = ::sd_bus_process(kept.get(), nullptr);
+                result = systemd().sd_bus_process(kept.get(), nullptr);
             }
             isAtWork = false;
         }
         if (!bus) {
             return -1;
         }
-        const bool isSilent = ::sd_bus_is_ready(bus.get()) <= 0 && SteadyClock::now() >= helloEnd;
-        if (result < 0 || isBroken || isSilent || ::sd_bus_is_open(bus.get()) <= 0) {
+        const bool isSilent = systemd().sd_bus_is_ready(bus.get()) <= 0 && SteadyClock::now() >= helloEnd;
+        if (result < 0 || isBroken || isSilent || systemd().sd_bus_is_open(bus.get()) <= 0) {
             close();
             const std::shared_ptr<const std::function<void()>> call = onLost; // which may let go of this
             (*call)();
@@ -200,7 +200,7 @@ struct BusLoop::Connection : std::enable_shared_from_this<Connection> {
                 break;
             }
             if (result == 0) {
-                const bool isReady = ::sd_bus_is_ready(bus.get()) > 0;
+                const bool isReady = systemd().sd_bus_is_ready(bus.get()) > 0;
                 waitForSessionBus(bus.get(), isReady ? end : std::min(end, helloEnd));
             }
         }
@@ -215,7 +215,7 @@ struct BusLoop::Connection : std::enable_shared_from_this<Connection> {
         bus.reset();
     }
 
-    using SdBusRef = std::unique_ptr<sd_bus, detail::Freer<::sd_bus_unref>>;
+    using SdBusRef = std::unique_ptr<sd_bus, detail::Freer<detail::freeBus>>;
 
     const Executor executor;
     asio::steady_timer alarm;

@@ -4,12 +4,12 @@
 #include "platform/Event.h"
 #include "platform/Spawn.h"
 #include "platform/SystemError.h"
+#include "platform/linux/CurlLibrary.h"
 #include "platform/linux/Freer.h"
 
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/strand.hpp>
-#include <curl/curl.h>
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -34,10 +34,22 @@ namespace {
 using Kind = HttpError::Kind;
 
 using detail::Freer;
-using EasyPtr = std::unique_ptr<CURL, Freer<curl_easy_cleanup>>;
-using MultiPtr = std::unique_ptr<CURLM, Freer<curl_multi_cleanup>>;
-using UrlPtr = std::unique_ptr<CURLU, Freer<curl_url_cleanup>>;
-using CurlText = std::unique_ptr<char, Freer<curl_free>>;
+void freeEasy(CURL* easy) noexcept {
+    curl().curl_easy_cleanup(easy);
+}
+void freeMulti(CURLM* multi) noexcept {
+    curl().curl_multi_cleanup(multi);
+}
+void freeUrl(CURLU* url) noexcept {
+    curl().curl_url_cleanup(url);
+}
+void freeText(char* text) noexcept {
+    curl().curl_free(text);
+}
+using EasyPtr = std::unique_ptr<CURL, Freer<freeEasy>>;
+using MultiPtr = std::unique_ptr<CURLM, Freer<freeMulti>>;
+using UrlPtr = std::unique_ptr<CURLU, Freer<freeUrl>>;
+using CurlText = std::unique_ptr<char, Freer<freeText>>;
 
 // --- What failed ---
 
@@ -83,7 +95,7 @@ bool brokeInHandshake(std::string_view text) {
 /// The same with what the code alone does not tell.
 Kind kindOf(CURLcode code, CURL* easy, std::string_view text) {
     long systemError = 0;
-    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &systemError);
+    curl().curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &systemError);
     if (code == CURLE_COULDNT_CONNECT && (systemError == ENETUNREACH || systemError == ENETDOWN)) {
         return Kind::notConnected;
     }
@@ -91,7 +103,7 @@ Kind kindOf(CURLcode code, CURL* easy, std::string_view text) {
         return Kind::connectionLost;
     }
     long proxyStatus = 0;
-    curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &proxyStatus);
+    curl().curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &proxyStatus);
     if (code == CURLE_RECV_ERROR && proxyStatus >= 300) { // "CONNECT tunnel failed"
         const bool passing = proxyStatus == 502 || proxyStatus == 503 || proxyStatus == 504;
         return passing ? Kind::cannotConnect : Kind::other;
@@ -101,7 +113,7 @@ Kind kindOf(CURLcode code, CURL* easy, std::string_view text) {
 
 void check(CURLcode code) {
     if (code != CURLE_OK) {
-        throw HttpError(Kind::other, curl_easy_strerror(code));
+        throw HttpError(Kind::other, curl().curl_easy_strerror(code));
     }
 }
 
@@ -128,16 +140,16 @@ struct Destination {
 
 CurlText partOf(CURLU* url, CURLUPart part) {
     char* text = nullptr;
-    const CURLUcode code = curl_url_get(url, part, &text, 0);
+    const CURLUcode code = curl().curl_url_get(url, part, &text, 0);
     if (code != CURLUE_OK) {
-        throw HttpError(Kind::invalidURL, curl_url_strerror(code));
+        throw HttpError(Kind::invalidURL, curl().curl_url_strerror(code));
     }
     return CurlText(text);
 }
 
 /// Decides by the library's own reading of the URL. @throws HttpError with Kind::invalidURL
 Destination destinationOf(const std::string& text) {
-    const UrlPtr url(curl_url());
+    const UrlPtr url(curl().curl_url());
     if (!url) {
         throw std::bad_alloc();
     }
@@ -146,9 +158,9 @@ Destination destinationOf(const std::string& text) {
     }
     // Schemes that the library was not built with are refused below, with the others.
     const CURLUcode code =
-        curl_url_set(url.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME | CURLU_DISALLOW_USER);
+        curl().curl_url_set(url.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME | CURLU_DISALLOW_USER);
     if (code != CURLUE_OK) {
-        throw HttpError(Kind::invalidURL, curl_url_strerror(code));
+        throw HttpError(Kind::invalidURL, curl().curl_url_strerror(code));
     }
     const std::string scheme = partOf(url.get(), CURLUPART_SCHEME).get();
     const Destination destination{.loopback = isLoopback(partOf(url.get(), CURLUPART_HOST).get())};
@@ -170,7 +182,7 @@ public:
         for (curl_slist* line = list_; line != nullptr; line = line->next) {
             wipe(std::as_writable_bytes(std::span(line->data, std::strlen(line->data))));
         }
-        curl_slist_free_all(list_);
+        curl().curl_slist_free_all(list_);
     }
 
     void add(std::string_view name, ByteView value) {
@@ -195,7 +207,7 @@ public:
 
 private:
     void append(const char* line) {
-        curl_slist* longer = curl_slist_append(list_, line);
+        curl_slist* longer = curl().curl_slist_append(list_, line);
         if (longer == nullptr) {
             throw std::bad_alloc();
         }
@@ -234,9 +246,9 @@ long millisecondsOf(double seconds) {
 class Transfer {
 public:
     Transfer(const Executor& queue, HttpRequest request, const TrustFiles& trust)
-        : request_(std::move(request)), easy_(curl_easy_init()), finished_(queue) {
+        : request_(std::move(request)), easy_(curl().curl_easy_init()), finished_(queue) {
         if (!easy_) {
-            throw HttpError(Kind::other, curl_easy_strerror(CURLE_FAILED_INIT));
+            throw HttpError(Kind::other, curl().curl_easy_strerror(CURLE_FAILED_INIT));
         }
         const Destination destination = destinationOf(request_.url);
         setRequest();
@@ -279,18 +291,19 @@ public:
             return {};
         }
         if (code_ != CURLE_OK) {
-            const std::string text = toUtf8(errorText_[0] != '\0' ? errorText_.data() : curl_easy_strerror(*code_));
+            const std::string text =
+                toUtf8(errorText_[0] != '\0' ? errorText_.data() : curl().curl_easy_strerror(*code_));
             throw HttpError(kindOf(*code_, easy(), text), text);
         }
         long status = 0;
-        curl_easy_getinfo(easy(), CURLINFO_RESPONSE_CODE, &status);
+        curl().curl_easy_getinfo(easy(), CURLINFO_RESPONSE_CODE, &status);
         return {.status = static_cast<int>(status), .body = std::move(body_)};
     }
 
 private:
     template <typename Value>
     void set(CURLoption option, Value value) {
-        check(curl_easy_setopt(easy(), option, value)); // NOLINT(cppcoreguidelines-pro-type-vararg)
+        check(curl().curl_easy_setopt(easy(), option, value)); // NOLINT(cppcoreguidelines-pro-type-vararg)
     }
 
     void setRequest() {
@@ -371,16 +384,16 @@ private:
 /// Runs the library: it says what it waits for, and is told when that has come. Everything happens on `queue`.
 struct LinuxHttpsClient::Driver : std::enable_shared_from_this<Driver> {
     explicit Driver(asio::io_context& context) : queue(asio::make_strand(context)), alarm(queue) {
-        static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+        static const CURLcode initialised = curl().curl_global_init(CURL_GLOBAL_DEFAULT);
         check(initialised);
-        multi.reset(curl_multi_init());
+        multi.reset(curl().curl_multi_init());
         if (!multi) {
-            throw HttpError(Kind::other, curl_easy_strerror(CURLE_FAILED_INIT));
+            throw HttpError(Kind::other, curl().curl_easy_strerror(CURLE_FAILED_INIT));
         }
-        curl_multi_setopt(multi.get(), CURLMOPT_SOCKETFUNCTION, &Driver::onSocket);
-        curl_multi_setopt(multi.get(), CURLMOPT_SOCKETDATA, this);
-        curl_multi_setopt(multi.get(), CURLMOPT_TIMERFUNCTION, &Driver::onTimer);
-        curl_multi_setopt(multi.get(), CURLMOPT_TIMERDATA, this);
+        curl().curl_multi_setopt(multi.get(), CURLMOPT_SOCKETFUNCTION, &Driver::onSocket);
+        curl().curl_multi_setopt(multi.get(), CURLMOPT_SOCKETDATA, this);
+        curl().curl_multi_setopt(multi.get(), CURLMOPT_TIMERFUNCTION, &Driver::onTimer);
+        curl().curl_multi_setopt(multi.get(), CURLMOPT_TIMERDATA, this);
     }
 
     /// The task of one request.
@@ -395,9 +408,9 @@ struct LinuxHttpsClient::Driver : std::enable_shared_from_this<Driver> {
     class Enlisted {
     public:
         Enlisted(Driver& driver, Transfer& transfer) : driver_(driver), transfer_(transfer) {
-            const CURLMcode code = curl_multi_add_handle(driver.multi.get(), transfer.easy());
+            const CURLMcode code = curl().curl_multi_add_handle(driver.multi.get(), transfer.easy());
             if (code != CURLM_OK) {
-                throw HttpError(Kind::other, curl_multi_strerror(code));
+                throw HttpError(Kind::other, curl().curl_multi_strerror(code));
             }
             driver.transfers.insert(&transfer);
         }
@@ -405,7 +418,7 @@ struct LinuxHttpsClient::Driver : std::enable_shared_from_this<Driver> {
         Enlisted& operator=(const Enlisted&) = delete;
         ~Enlisted() {
             driver_.transfers.erase(&transfer_);
-            curl_multi_remove_handle(driver_.multi.get(), transfer_.easy());
+            curl().curl_multi_remove_handle(driver_.multi.get(), transfer_.easy());
             if (driver_.transfers.empty()) {
                 driver_.setAlarm(-1); // nothing is left behind to wait for
             }
@@ -513,19 +526,19 @@ struct LinuxHttpsClient::Driver : std::enable_shared_from_this<Driver> {
 
     void act(curl_socket_t socket, int events) {
         int running = 0;
-        const CURLMcode code = curl_multi_socket_action(multi.get(), socket, events, &running);
+        const CURLMcode code = curl().curl_multi_socket_action(multi.get(), socket, events, &running);
         if (code != CURLM_OK) {
-            failure = curl_multi_strerror(code);
+            failure = curl().curl_multi_strerror(code);
         }
         finishTransfers();
     }
 
     void finishTransfers() {
         int left = 0;
-        while (const CURLMsg* message = curl_multi_info_read(multi.get(), &left)) {
+        while (const CURLMsg* message = curl().curl_multi_info_read(multi.get(), &left)) {
             if (message->msg == CURLMSG_DONE) {
                 Transfer* transfer = nullptr;
-                curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+                curl().curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
                 transfer->finish(message->data.result);
             }
         }
@@ -551,11 +564,16 @@ LinuxHttpsClient::LinuxHttpsClient(asio::io_context& context) : context_(context
 
 LinuxHttpsClient::~LinuxHttpsClient() = default;
 
-/// Made at the first request: initialising the library takes longer than everything else a program does at its start,
-/// and most runs never ask for anything.
+/// Made at the first request: loading and initialising the library takes longer than everything else a program does at
+/// its start, and most runs never ask for anything.
 std::shared_ptr<LinuxHttpsClient::Driver> LinuxHttpsClient::driver() {
     const MutexLock guard(lock_);
     if (!driver_) {
+        try {
+            static_cast<void>(curl());
+        } catch (const SystemError& error) {
+            throw HttpError(Kind::other, error.description());
+        }
         driver_ = std::make_shared<Driver>(context_);
     }
     return driver_;

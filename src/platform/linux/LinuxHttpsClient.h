@@ -9,7 +9,8 @@
 
 namespace orlinth::platform {
 
-/// HTTPS by libcurl, driven by the context's own waits: no thread is blocked by a request.
+/// HTTPS by libcurl, driven by the context's own waits: no thread is blocked by a request. The library is loaded at the
+/// first request, and if it is missing every request fails with Kind::other.
 class LinuxHttpsClient final : public HttpsClient {
 public:
     /// `context` must outlive the client; the client outlives its requests.

@@ -1,13 +1,11 @@
 #include "platform/linux/LinuxLog.h"
 
 #include "base/Text.h"
+#include "platform/linux/SystemdLibrary.h"
 
 #include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
-
-#define SD_JOURNAL_SUPPRESS_LOCATION // our fields say where an entry comes from
-#include <systemd/sd-journal.h>
 
 namespace orlinth::platform {
 namespace {
@@ -32,7 +30,7 @@ int priority(LogLevel level) noexcept {
 
 bool sendToJournal(const std::vector<std::string>& fields) {
     // sd_journal_sendv() reports success where there is no journal
-    if (::access(journalSocket, W_OK) != 0) {
+    if (::access(journalSocket, W_OK) != 0 || !hasSystemd()) {
         return false;
     }
     std::vector<iovec> pieces;
@@ -40,7 +38,7 @@ bool sendToJournal(const std::vector<std::string>& fields) {
     for (const std::string& field : fields) {
         pieces.push_back({const_cast<char*>(field.data()), field.size()});
     }
-    return ::sd_journal_sendv(pieces.data(), static_cast<int>(pieces.size())) == 0;
+    return systemd().sd_journal_sendv(pieces.data(), static_cast<int>(pieces.size())) == 0;
 }
 
 } // namespace

@@ -3,15 +3,16 @@
 #include "platform/Cancelled.h"
 #include "platform/Event.h"
 #include "platform/SystemError.h"
+#include "platform/linux/SystemdLibrary.h"
 
 #include <asio/bind_executor.hpp>
 #include <asio/redirect_error.hpp>
 #include <asio/strand.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
-#include <systemd/sd-daemon.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <utility>
@@ -123,7 +124,10 @@ std::unique_ptr<Listener> LinuxNetwork::listen(const ListenOptions& options, Exe
 
 std::optional<std::uint16_t> LinuxNetwork::inheritedPort() {
     if (!inherited_) {
-        const int count = ::sd_listen_fds(1);
+        if (std::getenv("LISTEN_PID") == nullptr) {
+            return std::nullopt; // nobody passes sockets, and nothing needs to be loaded
+        }
+        const int count = systemd().sd_listen_fds(1);
         if (count < 0) {
             throw SystemError::fromErrno(-count);
         }

@@ -6,7 +6,6 @@
 
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
-#include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <chrono>
@@ -63,11 +62,11 @@ std::string escapedForMarkup(const std::string& text) {
 }
 
 bool readStrings(sd_bus_message* message, std::vector<std::string>& strings) {
-    if (::sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "s") < 0) {
+    if (systemd().sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "s") < 0) {
         return false;
     }
     const char* text = nullptr;
-    while (::sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, static_cast<void*>(&text)) > 0) {
+    while (systemd().sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, static_cast<void*>(&text)) > 0) {
         strings.emplace_back(text);
     }
     return true;
@@ -79,7 +78,7 @@ bool contains(const std::vector<std::string>& strings, const char* text) {
 
 /// Who has sent the message: the unique name of a connection, which the bus fills in and nobody can choose.
 std::string senderOf(sd_bus_message* message) {
-    const char* const sender = ::sd_bus_message_get_sender(message);
+    const char* const sender = systemd().sd_bus_message_get_sender(message);
     return sender == nullptr ? "" : sender;
 }
 
@@ -157,10 +156,11 @@ private:
         if (loop_.get() != nullptr) {
             return true;
         }
-        const bool isOpen = loop_.open() && listenFor("ActionInvoked", onActionInvoked) &&
-                            listenFor("NotificationClosed", onNotificationClosed) &&
-                            ::sd_bus_match_signal_async(loop_.get(), nullptr, busName, busPath, busName,
-                                                        "NameOwnerChanged", onOwnerChanged, ignoreBusAnswer, this) >= 0;
+        const bool isOpen =
+            loop_.open() && listenFor("ActionInvoked", onActionInvoked) &&
+            listenFor("NotificationClosed", onNotificationClosed) &&
+            systemd().sd_bus_match_signal_async(loop_.get(), nullptr, busName, busPath, busName, "NameOwnerChanged",
+                                                onOwnerChanged, ignoreBusAnswer, this) >= 0;
         if (!isOpen) {
             disconnect();
         }
@@ -168,8 +168,8 @@ private:
     }
 
     bool listenFor(const char* signal, sd_bus_message_handler_t handler) {
-        return ::sd_bus_match_signal_async(loop_.get(), nullptr, daemonName, daemonPath, daemonName, signal, handler,
-                                           ignoreBusAnswer, this) >= 0;
+        return systemd().sd_bus_match_signal_async(loop_.get(), nullptr, daemonName, daemonPath, daemonName, signal,
+                                                   handler, ignoreBusAnswer, this) >= 0;
     }
 
     /// Everybody who waits is told that nothing more will come.
@@ -201,10 +201,10 @@ private:
     bool probeBy(const char* method, sd_bus_message_handler_t handler) {
         sd_bus_slot* slot = nullptr;
         const bool takesName = handler == onHasOwner;
-        const int result = takesName ? ::sd_bus_call_method_async(loop_.get(), &slot, busName, busPath, busName, method,
-                                                                  handler, this, "s", daemonName)
-                                     : ::sd_bus_call_method_async(loop_.get(), &slot, busName, busPath, busName, method,
-                                                                  handler, this, nullptr);
+        const int result = takesName ? systemd().sd_bus_call_method_async(loop_.get(), &slot, busName, busPath, busName,
+                                                                          method, handler, this, "s", daemonName)
+                                     : systemd().sd_bus_call_method_async(loop_.get(), &slot, busName, busPath, busName,
+                                                                          method, handler, this, nullptr);
         probe_.reset(slot);
         return result >= 0;
     }
@@ -212,8 +212,8 @@ private:
     static int onHasOwner(sd_bus_message* message, void* data, sd_bus_error*) {
         auto* self = static_cast<Worker*>(data);
         int hasOwner = 0;
-        self->isThere_ = ::sd_bus_message_is_method_error(message, nullptr) == 0 &&
-                         ::sd_bus_message_read(message, "b", &hasOwner) > 0 && hasOwner != 0;
+        self->isThere_ = systemd().sd_bus_message_is_method_error(message, nullptr) == 0 &&
+                         systemd().sd_bus_message_read(message, "b", &hasOwner) > 0 && hasOwner != 0;
         self->isProbing_ = !self->isThere_ && self->probeBy("ListActivatableNames", onActivatable);
         return 0;
     }
@@ -221,8 +221,8 @@ private:
     static int onActivatable(sd_bus_message* message, void* data, sd_bus_error*) {
         auto* self = static_cast<Worker*>(data);
         std::vector<std::string> names;
-        self->isThere_ = ::sd_bus_message_is_method_error(message, nullptr) == 0 && readStrings(message, names) &&
-                         contains(names, daemonName);
+        self->isThere_ = systemd().sd_bus_message_is_method_error(message, nullptr) == 0 &&
+                         readStrings(message, names) && contains(names, daemonName);
         self->isProbing_ = false;
         return 0;
     }
@@ -240,8 +240,8 @@ private:
         }
         waiting_.push_back(std::move(fresh));
         Waiting& waiting = waiting_.back();
-        if (::sd_bus_call_method_async(loop_.get(), &waiting.call, daemonName, daemonPath, daemonName,
-                                       "GetCapabilities", onCapabilities, &waiting, nullptr) < 0) {
+        if (systemd().sd_bus_call_method_async(loop_.get(), &waiting.call, daemonName, daemonPath, daemonName,
+                                               "GetCapabilities", onCapabilities, &waiting, nullptr) < 0) {
             finish(std::prev(waiting_.end()), "");
         }
     }
@@ -252,7 +252,7 @@ private:
 
     void finish(Place place, const std::string& key) {
         answer(*place, key);
-        ::sd_bus_slot_unref(place->call);
+        systemd().sd_bus_slot_unref(place->call);
         waiting_.erase(place);
     }
 
@@ -271,15 +271,15 @@ private:
         auto& waiting = *static_cast<Waiting*>(data);
         Worker& self = *waiting.owner;
         std::vector<std::string> capabilities;
-        if (::sd_bus_message_is_method_error(message, nullptr) > 0 || !readStrings(message, capabilities)) {
+        if (systemd().sd_bus_message_is_method_error(message, nullptr) > 0 || !readStrings(message, capabilities)) {
             self.finish(self.placeOf(waiting), "");
             return 0;
         }
         waiting.hasMarkup = contains(capabilities, "body-markup");
         waiting.daemon = senderOf(message);
-        waiting.call = ::sd_bus_slot_unref(waiting.call);
-        if (::sd_bus_call_method_async(self.loop_.get(), &waiting.call, busName, busPath, busName, "GetNameOwner",
-                                       onOwner, &waiting, "s", daemonName) < 0) {
+        waiting.call = systemd().sd_bus_slot_unref(waiting.call);
+        if (systemd().sd_bus_call_method_async(self.loop_.get(), &waiting.call, busName, busPath, busName,
+                                               "GetNameOwner", onOwner, &waiting, "s", daemonName) < 0) {
             self.finish(self.placeOf(waiting), "");
         }
         return 0;
@@ -289,10 +289,11 @@ private:
     static int onOwner(sd_bus_message* message, void* data, sd_bus_error*) {
         auto& waiting = *static_cast<Waiting*>(data);
         Worker& self = *waiting.owner;
-        waiting.call = ::sd_bus_slot_unref(waiting.call);
+        waiting.call = systemd().sd_bus_slot_unref(waiting.call);
         const char* owner = nullptr;
-        const bool isDaemon = senderOf(message) == busName && ::sd_bus_message_is_method_error(message, nullptr) == 0 &&
-                              ::sd_bus_message_read(message, "s", &owner) > 0 && waiting.daemon == owner;
+        const bool isDaemon = senderOf(message) == busName &&
+                              systemd().sd_bus_message_is_method_error(message, nullptr) == 0 &&
+                              systemd().sd_bus_message_read(message, "s", &owner) > 0 && waiting.daemon == owner;
         if (!isDaemon || !self.notify(waiting)) {
             self.finish(self.placeOf(waiting), "");
         }
@@ -309,32 +310,32 @@ private:
         constexpr std::uint8_t normal = 1;
         constexpr std::uint8_t critical = 2;
         sd_bus_message* made = nullptr;
-        if (::sd_bus_message_new_method_call(loop_.get(), &made, waiting.daemon.c_str(), daemonPath, daemonName,
-                                             "Notify") < 0) {
+        if (systemd().sd_bus_message_new_method_call(loop_.get(), &made, waiting.daemon.c_str(), daemonPath, daemonName,
+                                                     "Notify") < 0) {
             return false;
         }
         const BusMessageRef call(made);
-        bool isGood =
-            ::sd_bus_message_append(made, "susss", "Orlinth", std::uint32_t{0}, "", title.c_str(), body.c_str()) >= 0 &&
-            ::sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s") >= 0;
+        bool isGood = systemd().sd_bus_message_append(made, "susss", "Orlinth", std::uint32_t{0}, "", title.c_str(),
+                                                      body.c_str()) >= 0 &&
+                      systemd().sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s") >= 0;
         for (const auto& [key, label] : what.actions) {
-            isGood =
-                isGood && ::sd_bus_message_append(made, "ss", plainText(key).c_str(), plainText(label).c_str()) >= 0;
+            isGood = isGood &&
+                     systemd().sd_bus_message_append(made, "ss", plainText(key).c_str(), plainText(label).c_str()) >= 0;
         }
-        isGood = isGood && ::sd_bus_message_close_container(made) >= 0 &&
-                 ::sd_bus_message_append(made, "a{sv}i", 1, "urgency", "y", what.isUrgent ? critical : normal,
-                                         milliseconds) >= 0;
-        return isGood && ::sd_bus_call_async(loop_.get(), &waiting.call, made, onNotified, &waiting, 0) >= 0;
+        isGood = isGood && systemd().sd_bus_message_close_container(made) >= 0 &&
+                 systemd().sd_bus_message_append(made, "a{sv}i", 1, "urgency", "y", what.isUrgent ? critical : normal,
+                                                 milliseconds) >= 0;
+        return isGood && systemd().sd_bus_call_async(loop_.get(), &waiting.call, made, onNotified, &waiting, 0) >= 0;
     }
 
     static int onNotified(sd_bus_message* message, void* data, sd_bus_error*) {
         auto& waiting = *static_cast<Waiting*>(data);
         Worker& self = *waiting.owner;
-        waiting.call = ::sd_bus_slot_unref(waiting.call);
+        waiting.call = systemd().sd_bus_slot_unref(waiting.call);
         std::uint32_t id = 0;
         const bool isShown = senderOf(message) == waiting.daemon &&
-                             ::sd_bus_message_is_method_error(message, nullptr) == 0 &&
-                             ::sd_bus_message_read(message, "u", &id) > 0 && id != 0;
+                             systemd().sd_bus_message_is_method_error(message, nullptr) == 0 &&
+                             systemd().sd_bus_message_read(message, "u", &id) > 0 && id != 0;
         if (!isShown || !waiting.onAnswer) {
             self.finish(self.placeOf(waiting), "");
             return 0;
@@ -370,10 +371,10 @@ private:
         for (Place place = waiting_.begin(); place != waiting_.end();) {
             const Place current = place++;
             if (current->end && *current->end <= now) {
-                static_cast<void>(::sd_bus_call_method_async(loop_.get(), nullptr, current->daemon.c_str(), daemonPath,
-                                                             daemonName, "CloseNotification", ignoreBusAnswer, nullptr,
-                                                             "u",
-                                                             current->id)); // best effort: it is answered in any case
+                static_cast<void>(
+                    systemd().sd_bus_call_method_async(loop_.get(), nullptr, current->daemon.c_str(), daemonPath,
+                                                       daemonName, "CloseNotification", ignoreBusAnswer, nullptr, "u",
+                                                       current->id)); // best effort: it is answered in any case
                 finish(current, "");
             }
         }
@@ -410,7 +411,7 @@ private:
     static int onActionInvoked(sd_bus_message* message, void* data, sd_bus_error*) {
         std::uint32_t id = 0;
         const char* key = nullptr;
-        if (::sd_bus_message_read(message, "us", &id, &key) > 0) {
+        if (systemd().sd_bus_message_read(message, "us", &id, &key) > 0) {
             static_cast<Worker*>(data)->finishById(senderOf(message), id, key);
         }
         return 0;
@@ -419,7 +420,7 @@ private:
     static int onNotificationClosed(sd_bus_message* message, void* data, sd_bus_error*) {
         std::uint32_t id = 0;
         std::uint32_t reason = 0;
-        if (::sd_bus_message_read(message, "uu", &id, &reason) > 0) {
+        if (systemd().sd_bus_message_read(message, "uu", &id, &reason) > 0) {
             static_cast<Worker*>(data)->finishById(senderOf(message), id, "");
         }
         return 0;
@@ -432,8 +433,8 @@ private:
         const char* name = nullptr;
         const char* before = nullptr;
         const char* after = nullptr;
-        if (senderOf(message) != busName || ::sd_bus_message_read(message, "sss", &name, &before, &after) <= 0 ||
-            *before == '\0') {
+        if (senderOf(message) != busName ||
+            systemd().sd_bus_message_read(message, "sss", &name, &before, &after) <= 0 || *before == '\0') {
             return 0;
         }
         const std::string daemon = before;

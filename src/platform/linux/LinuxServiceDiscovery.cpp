@@ -3,6 +3,7 @@
 #include "platform/Event.h"
 #include "platform/SystemError.h"
 #include "platform/linux/AvahiAnnouncement.h"
+#include "platform/linux/AvahiLibrary.h"
 #include "platform/linux/AvahiSearch.h"
 #include "platform/linux/LinuxClock.h"
 
@@ -86,6 +87,12 @@ std::unique_ptr<ServicePublication> LinuxServiceDiscovery::publish(ServiceRecord
     auto announcement =
         std::make_shared<AvahiAnnouncement>(*loop_, std::move(service), std::move(executor), std::move(events));
     auto publication = std::make_unique<Publication>(loop_, announcement);
+    try {
+        static_cast<void>(avahi());
+    } catch (const SystemError& error) {
+        announcement->tellFailure(error.description());
+        return publication;
+    }
     loop_->add(std::move(announcement));
     return publication;
 }

@@ -1,10 +1,10 @@
 #include "platform/ServiceManager.h"
 #include "platform/SystemError.h"
 #include "platform/linux/ChildProcess.h"
-
-#include <systemd/sd-daemon.h>
+#include "platform/linux/SystemdLibrary.h"
 
 #include <cstdint>
+#include <cstdlib>
 
 namespace orlinth::platform {
 namespace {
@@ -23,31 +23,44 @@ bool hasDone(const char* verb, const std::string& unit, std::chrono::seconds lim
     }
 }
 
+/// Whether there is a manager to talk to: it says so in a variable. Without one nothing is loaded.
+bool isManaged(const char* variable) noexcept {
+    return std::getenv(variable) != nullptr && hasSystemd();
+}
+
+/// A manager that is gone, or does not listen, keeps no service from its work: the result is not looked at.
+void tellManager(const char* state) noexcept {
+    if (isManaged("NOTIFY_SOCKET")) {
+        static_cast<void>(systemd().sd_notify(0, state));
+    }
+}
+
 } // namespace
 
-// A service manager that is gone, or does not listen, keeps no service from its work: results are not looked at.
-
 void tellServiceReady() noexcept {
-    static_cast<void>(::sd_notify(0, "READY=1"));
+    tellManager("READY=1");
 }
 
 void tellServiceStatus(std::size_t phones) noexcept {
-    static_cast<void>(::sd_notifyf(0, "STATUS=Receiving from %zu paired phone%s.", phones, phones == 1 ? "" : "s"));
+    if (isManaged("NOTIFY_SOCKET")) {
+        static_cast<void>(
+            systemd().sd_notifyf(0, "STATUS=Receiving from %zu paired phone%s.", phones, phones == 1 ? "" : "s"));
+    }
 }
 
 void tellServiceStopping() noexcept {
-    static_cast<void>(::sd_notify(0, "STOPPING=1"));
+    tellManager("STOPPING=1");
 }
 
 std::optional<double> serviceWatchdogSeconds() noexcept {
     constexpr double microseconds = 1e6;
     std::uint64_t limit = 0;
-    const bool isWanted = ::sd_watchdog_enabled(0, &limit) > 0;
+    const bool isWanted = isManaged("WATCHDOG_USEC") && systemd().sd_watchdog_enabled(0, &limit) > 0;
     return isWanted ? std::optional(static_cast<double>(limit) / microseconds) : std::nullopt;
 }
 
 void tellServiceAlive() noexcept {
-    static_cast<void>(::sd_notify(0, "WATCHDOG=1"));
+    tellManager("WATCHDOG=1");
 }
 
 bool startSleepingService(const std::string& socketUnit, const std::string& serviceUnit, std::chrono::seconds limit) {

@@ -68,11 +68,12 @@ public:
         // The bus works through what it is sent in order: once it has answered the question behind the signal, it has
         // passed the signal on, and the connection may end.
         sd_bus_slot* question = nullptr;
-        isSent_ = bus_ &&
-                  ::sd_bus_emit_signal(bus_.get(), name.path.c_str(), name.interface.c_str(), name.member.c_str(),
-                                       nullptr) >= 0 &&
-                  ::sd_bus_call_method_async(bus_.get(), &question, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                             "org.freedesktop.DBus", "GetId", onAnswer, this, nullptr) >= 0;
+        isSent_ =
+            bus_ &&
+            systemd().sd_bus_emit_signal(bus_.get(), name.path.c_str(), name.interface.c_str(), name.member.c_str(),
+                                         nullptr) >= 0 &&
+            systemd().sd_bus_call_method_async(bus_.get(), &question, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                               "org.freedesktop.DBus", "GetId", onAnswer, this, nullptr) >= 0;
         question_.reset(question);
     }
 
@@ -217,9 +218,9 @@ private:
             }
             place->second = std::make_unique<Match>(this, name, nullptr);
             sd_bus_slot* slot = nullptr;
-            if (::sd_bus_match_signal_async(loop_.get(), &slot, nullptr, signal->path.c_str(),
-                                            signal->interface.c_str(), signal->member.c_str(), onSignal,
-                                            ignoreBusAnswer, place->second.get()) < 0) {
+            if (systemd().sd_bus_match_signal_async(loop_.get(), &slot, nullptr, signal->path.c_str(),
+                                                    signal->interface.c_str(), signal->member.c_str(), onSignal,
+                                                    ignoreBusAnswer, place->second.get()) < 0) {
                 return false;
             }
             place->second->slot.reset(slot);

@@ -43,30 +43,32 @@ std::string sessionBusAddress(BusEnvironment environment) {
 SessionBusRef openSessionBus(BusEnvironment environment, std::chrono::microseconds answerLimit) {
     const std::string address = sessionBusAddress(environment);
     sd_bus* made = nullptr;
-    if (address.empty() || ::sd_bus_new(&made) < 0) {
+    if (address.empty() || !hasSystemd() || systemd().sd_bus_new(&made) < 0) {
         return nullptr;
     }
     SessionBusRef bus(made);
-    const bool isOpen = ::sd_bus_set_address(made, address.c_str()) >= 0 && ::sd_bus_set_bus_client(made, 1) >= 0 &&
-                        ::sd_bus_set_method_call_timeout(made, static_cast<std::uint64_t>(answerLimit.count())) >= 0 &&
-                        ::sd_bus_start(made) >= 0;
+    const bool isOpen =
+        systemd().sd_bus_set_address(made, address.c_str()) >= 0 && systemd().sd_bus_set_bus_client(made, 1) >= 0 &&
+        systemd().sd_bus_set_method_call_timeout(made, static_cast<std::uint64_t>(answerLimit.count())) >= 0 &&
+        systemd().sd_bus_start(made) >= 0;
     return isOpen ? std::move(bus) : nullptr;
 }
 
 bool processSessionBus(sd_bus* bus) {
     int result = 1;
     while (result > 0) {
-        result = ::sd_bus_process(bus, nullptr);
+        result = systemd().sd_bus_process(bus, nullptr);
     }
-    return result == 0 && ::sd_bus_is_open(bus) > 0;
+    return result == 0 && systemd().sd_bus_is_open(bus) > 0;
 }
 
 void waitForSessionBus(sd_bus* bus, SteadyClock::time_point until) {
-    const int wanted = ::sd_bus_get_events(bus);
-    pollfd event{
-        .fd = ::sd_bus_get_fd(bus), .events = static_cast<short>(std::max(wanted, 0)), .revents = 0}; // -1 is skipped
+    const int wanted = systemd().sd_bus_get_events(bus);
+    pollfd event{.fd = systemd().sd_bus_get_fd(bus),
+                 .events = static_cast<short>(std::max(wanted, 0)),
+                 .revents = 0};              // -1 is skipped
     std::uint64_t microseconds = UINT64_MAX; // of CLOCK_MONOTONIC, which is the steady clock
-    if (::sd_bus_get_timeout(bus, &microseconds) >= 0 && microseconds != UINT64_MAX) {
+    if (systemd().sd_bus_get_timeout(bus, &microseconds) >= 0 && microseconds != UINT64_MAX) {
         until = std::min(until, SteadyClock::time_point(std::chrono::microseconds(microseconds)));
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - SteadyClock::now());

@@ -1,8 +1,7 @@
 #pragma once
 
 #include "platform/linux/Freer.h"
-
-#include <systemd/sd-bus.h>
+#include "platform/linux/SystemdLibrary.h"
 
 #include <chrono>
 #include <memory>
@@ -13,19 +12,36 @@ namespace orlinth::platform {
 /// Looks up an environment variable, as getenv does.
 using BusEnvironment = const char* (*)(const char* name);
 
+namespace detail {
+
+inline void closeBus(sd_bus* bus) noexcept {
+    systemd().sd_bus_close_unref(bus);
+}
+inline void freeBus(sd_bus* bus) noexcept {
+    systemd().sd_bus_unref(bus);
+}
+inline void freeBusSlot(sd_bus_slot* slot) noexcept {
+    systemd().sd_bus_slot_unref(slot);
+}
+inline void freeBusMessage(sd_bus_message* message) noexcept {
+    systemd().sd_bus_message_unref(message);
+}
+
+} // namespace detail
+
 /// A connection to the session's bus. Used on one thread.
-using SessionBusRef = std::unique_ptr<sd_bus, detail::Freer<::sd_bus_close_unref>>;
+using SessionBusRef = std::unique_ptr<sd_bus, detail::Freer<detail::closeBus>>;
 
 /// Something asked of a connection, which it ends with. To be let go of before the connection, as it keeps that.
-using BusSlotRef = std::unique_ptr<sd_bus_slot, detail::Freer<::sd_bus_slot_unref>>;
-using BusMessageRef = std::unique_ptr<sd_bus_message, detail::Freer<::sd_bus_message_unref>>;
+using BusSlotRef = std::unique_ptr<sd_bus_slot, detail::Freer<detail::freeBusSlot>>;
+using BusMessageRef = std::unique_ptr<sd_bus_message, detail::Freer<detail::freeBusMessage>>;
 
 /// Where the session's bus is: DBUS_SESSION_BUS_ADDRESS, or the socket "bus" in XDG_RUNTIME_DIR; "" where neither is
 /// set.
 [[nodiscard]] std::string sessionBusAddress(BusEnvironment environment);
 
-/// Begins to connect to the session's bus; nothing where there is none. Does not wait: what is asked of the connection
-/// goes out once the bus has said hello. Calls fail when the bus takes longer than `answerLimit`.
+/// Begins to connect to the session's bus; nothing where there is none, or no libsystemd. Does not wait: what is asked
+/// of the connection goes out once the bus has said hello. Calls fail when the bus takes longer than `answerLimit`.
 [[nodiscard]] SessionBusRef openSessionBus(BusEnvironment environment, std::chrono::microseconds answerLimit);
 
 /// Does what there is to do, without waiting. Returns whether the connection is still one.
