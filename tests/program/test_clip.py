@@ -10,6 +10,7 @@ import subprocess
 import threading
 import unittest
 
+import side_by_side
 from harness import MIB, PATIENCE, Identity, ProgramTest, SleepingPort, UnansweredPort, random_key
 
 STATUS = {signal.SIGINT: 130, signal.SIGTERM: 143}
@@ -305,4 +306,4 @@ class ListeningOnce:
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

@@ -5,8 +5,8 @@ import os
 import resource
 import socket
 import subprocess
-import unittest
 
+import side_by_side
 from harness import (FRAMES_BEFORE_DATA, MIB, ORLINTH, Identity, ProgramTest, UnansweredPort, random_key, seeded)
 
 
@@ -261,4 +261,4 @@ class Silence(ProgramTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

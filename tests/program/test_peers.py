@@ -4,8 +4,8 @@ import json
 import os
 import signal
 import threading
-import unittest
 
+import side_by_side
 from harness import Identity, ProgramTest, random_key
 
 TOKEN = "a-push-token-that-nobody-may-see"
@@ -306,4 +306,4 @@ class UnusableRecords(ProgramTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

@@ -5,8 +5,8 @@ import pathlib
 import signal
 import socket
 import time
-import unittest
 
+import side_by_side
 from harness import SANITIZED, ProgramTest, SleepingPort, UnansweredPort, seeded
 from https_server import Answer, PushServer
 
@@ -400,4 +400,4 @@ class Waking(WakeTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()
