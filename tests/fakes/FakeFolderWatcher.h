@@ -21,6 +21,7 @@ public:
         if (errorNumber) {
             throw platform::SystemError::fromErrno(*errorNumber);
         }
+        ++begun;
         auto watch = std::make_unique<Watch>(*this, folder, std::move(executor), std::move(onChange));
         watches_.push_back(watch.get());
         return watch;
@@ -45,6 +46,7 @@ public:
     }
 
     std::optional<int> errorNumber; ///< no folder can be watched, if set
+    int begun = 0;                  ///< watches that were begun so far
 
 private:
     struct Watch final : platform::FolderWatch {

@@ -317,6 +317,7 @@ class Relay:
             near, _ = self.listener.accept()
         except OSError:
             return
+        self.listener.close()  # one way, once: who comes again is refused, and does not wait for an answer
         far = socket.create_connection(("127.0.0.1", self.target))
         self.sockets += [near, far]
         if self.buffer:

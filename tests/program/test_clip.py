@@ -10,7 +10,8 @@ import subprocess
 import threading
 import unittest
 
-from harness import (MIB, PATIENCE, Identity, ProgramTest, SleepingPort, UnansweredPort, random_key, silent_port)
+import side_by_side
+from harness import MIB, PATIENCE, Identity, ProgramTest, SleepingPort, UnansweredPort, random_key
 
 STATUS = {signal.SIGINT: 130, signal.SIGTERM: 143}
 SECRET = "a text that is nobody else's business: Grüße, 東京, 𝄞"
@@ -171,7 +172,7 @@ class HowThePhoneTakesIt(ClipTest):
         self.assertEqual(0, phone.wait())
 
     def test_it_breaks_a_large_text_off_and_people_are_told(self):
-        result, _ = self.clip("-", "--json", leave="break", input="x" * (15 * MIB))
+        result, _ = self.clip("-", "--json", leave="break", input="x" * (6 * MIB))  # more than the systems between the two take
         self.assertEqual(0, result.returncode, result.stderr)
         self.assertEqual("phone broke the connection off before it had the whole text; it may not have arrived.\n",
                          result.stderr)
@@ -182,24 +183,6 @@ class HowThePhoneTakesIt(ClipTest):
         self.assertEqual([{"event": "complete", "to": "phone"}], self.events(result))
         self.assertEqual("phone has neither answered nor closed the connection.\n", result.stderr)
         self.assertIsNotNone(phone.events.find("closed"))
-
-    def test_without_a_limit_the_answer_is_waited_for(self):
-        phone = self.clip_phone("silent")
-        program = self.running_clip(phone.port, "--timeout", "0")
-        phone.events.wait_for("message")
-        with self.assertRaises(subprocess.TimeoutExpired):
-            program.process.wait(1)
-        phone.kill()
-        self.assertEqual(0, program.wait(), program.stderr)
-
-    def test_it_takes_nothing_and_that_is_no_success(self):
-        phone = self.clip_phone("stuck")
-        self.mac.record(self.phone, phone.port)
-        # more than the systems between the two take in by themselves, and little enough to be given up soon
-        result = self.mac.run("clip", "-", "--json", "--timeout", "0.1", input="x" * (5 * MIB))
-        self.assertEqual(1, result.returncode)
-        self.assertEqual(["error"], [event["event"] for event in self.events(result)])
-        self.assertRegex(result.stderr, r"^orlinth: network: the phone did not take the text in ")
 
 
 class WhenItCannotBeReached(ClipTest):
@@ -218,12 +201,6 @@ class WhenItCannotBeReached(ClipTest):
             result = self.mac.run("clip", "--text", SECRET, "--warm-timeout", "0.3")
         self.assertEqual(1, result.returncode)
         self.assert_one_line_error(result.stderr, "network: connect timed out")
-
-    def test_one_that_connects_and_proves_nothing_is_given_ten_seconds(self):
-        with silent_port() as port:
-            program = self.running_clip(port)
-            self.assertEqual(1, program.wait())
-        self.assert_one_line_error(program.stderr, "noise handshake: timed out after 10 seconds")
 
 
 class Interrupts(ClipTest):
@@ -329,4 +306,4 @@ class ListeningOnce:
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

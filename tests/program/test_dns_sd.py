@@ -11,6 +11,7 @@ import tempfile
 import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
+import side_by_side
 from avahi_world import AvahiWorld, Lines
 from harness import BUILD, ORLINTH, PATIENCE, Identity, Running
 
@@ -450,4 +451,4 @@ class DnsSd(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

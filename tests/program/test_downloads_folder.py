@@ -10,6 +10,7 @@ import subprocess
 import time
 import unittest
 
+import side_by_side
 from harness import FRAMES_BEFORE_DATA, MIB, SANITIZED, sha256
 from test_serve import ServeTest
 
@@ -450,4 +451,4 @@ class Unfinished(ServeTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

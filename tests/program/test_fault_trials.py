@@ -11,6 +11,7 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
 
 import cases  # noqa: E402
+import side_by_side  # noqa: E402
 import trials  # noqa: E402
 import worlds  # noqa: E402
 from harness import ORLINTH  # noqa: E402
@@ -102,4 +103,4 @@ class Trials(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

@@ -6,9 +6,9 @@ import resource
 import shutil
 import subprocess
 import time
-import unittest
 
 import private_bus
+import side_by_side
 import test_wake
 from harness import MIB, PATIENCE, SANITIZED, SleepingPort, sha256
 from outbox_world import BIG, OutboxTest
@@ -429,4 +429,4 @@ class Outbox(OutboxTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

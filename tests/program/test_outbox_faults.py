@@ -7,9 +7,9 @@ import pathlib
 import signal
 import socket
 import time
-import unittest
 import uuid
 
+import side_by_side
 from harness import MIB, Victim, seeded, sha256
 from outbox_world import OutboxTest
 
@@ -297,4 +297,4 @@ class SettingAside(OutboxTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

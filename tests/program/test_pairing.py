@@ -12,7 +12,6 @@ import socket
 import struct
 import subprocess
 import time
-import unittest
 import zlib
 
 from cryptography.hazmat.primitives import hashes
@@ -22,6 +21,7 @@ from cryptography.hazmat.primitives.kdf.hkdf import HKDF
 from cryptography.hazmat.primitives.serialization import Encoding, PublicFormat
 
 import own_root  # noqa: F401 (it is entered by the import)
+import side_by_side
 from avahi_world import AvahiWorld
 from harness import MIB, ORLINTH, PATIENCE, Identity, ProgramTest, seeded, unused_port
 from terminal import Terminal
@@ -764,4 +764,4 @@ class OnATerminal(PairingTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

@@ -2,8 +2,8 @@
 
 import re
 import subprocess
-import unittest
 
+import side_by_side
 from harness import MIB, ORLINTH, PATIENCE, ProgramTest, seeded
 from terminal import Terminal
 
@@ -74,4 +74,4 @@ class _Ended:
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

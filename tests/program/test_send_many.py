@@ -10,8 +10,8 @@ import struct
 import subprocess
 import threading
 import time
-import unittest
 
+import side_by_side
 import test_wake
 from harness import (FRAMES_BEFORE_DATA, MIB, ORLINTH, PATIENCE, Identity, ProgramTest, Relay, UnansweredPort, seeded,
                      sha256, silent_port)
@@ -454,4 +454,4 @@ class Asleep(test_wake.WakeTest, ManyTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

@@ -11,6 +11,7 @@ import time
 import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
+import side_by_side
 from harness import (FRAMES_BEFORE_DATA, MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, random_key,
                      sha256)
 from terminal import Terminal
@@ -624,4 +625,4 @@ class Trouble(ServeTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

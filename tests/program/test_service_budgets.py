@@ -6,19 +6,18 @@ import os
 import pathlib
 import signal
 import socket
-import struct
 import subprocess
 import threading
 import time
 import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
+import side_by_side
 from harness import BUILD, MIB, ORLINTH, PATIENCE, SANITIZED, Running, unused_port
 from terminal import Terminal
 from test_serve import ServeTest, told, wait_for_count
 
 RUDE_PHONE = str(BUILD / "tests" / "interop" / "rude_phone")
-HANDSHAKE_SECONDS = 10
 MOST_OF_ONE_SOURCE = 16
 MOST_OF_ONE_PHONE = 16
 LATE_SECONDS = 2
@@ -67,25 +66,6 @@ class BudgetTest(ServeTest):
 
 
 class Strangers(BudgetTest):
-    def test_a_stranger_has_ten_seconds_for_the_whole_handshake_however_it_is_drawn_out(self):
-        service = self.serve()
-        begin = time.monotonic()
-        silent, drawn_out = self.stranger(service), self.stranger(service)
-        greeting = struct.pack(">I", 32) + b"\x09" * 32
-        sent = 0
-        while time.monotonic() - begin < 3 * HANDSHAKE_SECONDS and (is_open(silent) or is_open(drawn_out)):
-            if sent < len(greeting) - 1 and is_open(drawn_out):
-                with contextlib.suppress(ConnectionError):
-                    drawn_out.send(greeting[sent:sent + 1])
-                sent += 1
-            time.sleep(0.3)
-        seconds = time.monotonic() - begin
-        print(f"\n  both were closed after {seconds:.1f} s", flush=True)
-        self.assertGreater(seconds, HANDSHAKE_SECONDS - 1)
-        self.assertLess(seconds, HANDSHAKE_SECONDS + 3)
-        self.assert_sent(self.phone, self.file("a.bin", b"abc"), service)
-        self.assert_ends(service)
-
     def test_one_source_keeps_sixteen_places(self):
         service = self.serve()
         crowd = [self.stranger(service) for _ in range(200)]
@@ -97,7 +77,7 @@ class Strangers(BudgetTest):
         self.assert_ends(service)
 
     def test_a_flood_from_one_source_costs_a_phone_of_another_nothing_but_time(self):
-        count = 16 if SANITIZED else 64
+        count = 16 if SANITIZED else 24
         service = self.serve("--no-clipboard")
         files = [self.file(f"{number}.bin", os.urandom(64 * 1024)) for number in range(count)]
         self.phone.record(self.desk, service.port)
@@ -578,4 +558,4 @@ class Hanging(BudgetTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main(at_once=2)  # a thread that gets no processor for long would be reported as one that hangs

@@ -13,9 +13,9 @@ import signal
 import struct
 import subprocess
 import time
-import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
+import side_by_side
 from harness import MIB, ORLINTH, PATIENCE, SANITIZED, Relay, Victim, seeded, sha256
 from test_serve import ServeTest, wait_for_count
 
@@ -435,4 +435,4 @@ class Clocks(FaultTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

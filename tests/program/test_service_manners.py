@@ -9,8 +9,8 @@ import socket
 import struct
 import sys
 import time
-import unittest
 
+import side_by_side
 from harness import MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, sha256, unused_port
 from test_pairing import ScriptedPhone
 
@@ -520,4 +520,4 @@ class ASecondInstance(ServiceTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

@@ -9,8 +9,8 @@ import signal
 import socket
 import subprocess
 import time
-import unittest
 
+import side_by_side
 from harness import BUILD, PATIENCE, ProgramTest, Running, SANITIZED, seeded
 from screen import Screen, keep, wait_for
 
@@ -398,4 +398,4 @@ class OnAScreen(ShareSheetTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

@@ -6,8 +6,8 @@ import re
 import signal
 import socket
 import time
-import unittest
 
+import side_by_side
 from harness import SANITIZED, ProgramTest, SleepingPort, UnansweredPort, seeded
 from https_server import Answer, PushServer
 
@@ -447,4 +447,4 @@ class Waking(WakeTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

@@ -4,9 +4,9 @@ import json
 import signal
 import subprocess
 import unicodedata
-import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
+import side_by_side
 from harness import BUILD, ORLINTH, PATIENCE, ProgramTest, random_key
 from test_serve import ServeTest, told
 
@@ -181,4 +181,4 @@ class Recorded(ProgramTest):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()

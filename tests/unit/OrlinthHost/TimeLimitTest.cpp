@@ -1,0 +1,85 @@
+#include "OrlinthHost/TimeLimit.h"
+
+#include "OrlinthHost/Sending/HandshakeLimit.h"
+#include "fakes/World.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace orlinth::host {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class TimeLimitTest : public testing::Test {
+protected:
+    void pass(double seconds) { world.run(world.clock.sleep(seconds)); }
+
+    fakes::World world;
+    std::vector<double> cancelledAt;
+    const std::function<void()> cancel = [this] { cancelledAt.push_back(world.clock.elapsed()); };
+};
+
+TEST_F(TimeLimitTest, CancelsAtTheVeryInstant) {
+    TimeLimit limit(world.clock, world.context.get_executor(), cancel);
+    limit.begin(2.5);
+    EXPECT_FALSE(limit.hasExpired());
+    pass(10);
+    EXPECT_THAT(cancelledAt, ElementsAre(2.5));
+    EXPECT_TRUE(limit.hasExpired());
+}
+
+TEST_F(TimeLimitTest, CancelsNothingThatHasEndedBefore) {
+    TimeLimit limit(world.clock, world.context.get_executor(), cancel);
+    limit.begin(2.5);
+    pass(2.4);
+    limit.end();
+    pass(10);
+    EXPECT_THAT(cancelledAt, IsEmpty());
+    EXPECT_FALSE(limit.hasExpired());
+}
+
+TEST_F(TimeLimitTest, GivesTheNextStepTimeOfItsOwn) {
+    TimeLimit limit(world.clock, world.context.get_executor(), cancel);
+    limit.begin(5);
+    pass(4);
+    limit.begin(5);
+    pass(4.5);
+    EXPECT_THAT(cancelledAt, IsEmpty()) << "what was left of the first step does not count";
+    pass(10);
+    EXPECT_THAT(cancelledAt, ElementsAre(9));
+}
+
+TEST_F(TimeLimitTest, CancelsNothingOnceItIsGone) {
+    {
+        TimeLimit limit(world.clock, world.context.get_executor(), cancel);
+        limit.begin(1);
+    }
+    pass(10);
+    EXPECT_THAT(cancelledAt, IsEmpty());
+}
+
+TEST_F(TimeLimitTest, GivesAHandshakeTenSecondsFromTheConnectionOn) {
+    HandshakeLimit limit(world.clock, world.context.get_executor(), cancel);
+    pass(30);
+    EXPECT_THAT(cancelledAt, IsEmpty()) << "connecting has limits of its own";
+    limit.begin();
+    pass(30);
+    EXPECT_THAT(cancelledAt, ElementsAre(40));
+    EXPECT_TRUE(limit.hasExpired());
+    EXPECT_EQ(HandshakeLimit::text(), "timed out after 10 seconds");
+}
+
+TEST_F(TimeLimitTest, GivesATransferWhoseHandshakeIsCompleteAllTheTimeItNeeds) {
+    HandshakeLimit limit(world.clock, world.context.get_executor(), cancel);
+    limit.begin();
+    pass(9.9);
+    limit.end();
+    pass(3600);
+    EXPECT_THAT(cancelledAt, IsEmpty());
+    EXPECT_FALSE(limit.hasExpired());
+}
+
+} // namespace
+} // namespace orlinth::host

@@ -1,0 +1,84 @@
+#include "unit/orlinth/CommandWorld.h"
+
+namespace orlinth::cli {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class SendCommandTest : public CommandWorldTest {
+protected:
+    SendCommandTest() { world.files.put("/home/ann/a.txt", "content"); }
+
+    Ended send(std::vector<std::string> words) {
+        words.insert(words.begin(), "send");
+        words.emplace_back("/home/ann/a.txt");
+        return CommandWorldTest::run(makeSendCommand, words);
+    }
+    /// Takes the file, and closes so many seconds behind its end.
+    [[nodiscard]] Task<> take(double seconds = 0) {
+        const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
+        const auto offer = co_await phone->expect<Row::FileOffer>();
+        co_await phone->send(Row::resume(offer.transfer_id, 0));
+        const Bytes data = co_await phone->receiveUntilDone();
+        taken.push_back(offer.name + ": " + toText(data));
+        co_await world.clock.sleep(seconds);
+        phone->close();
+    }
+
+    std::vector<std::string> taken;
+};
+
+TEST_F(SendCommandTest, SaysWhatItHasSent) {
+    world.alongside(take());
+    const Ended ended = send({"--json"});
+    EXPECT_EQ(ended.status, 0) << ended.failure();
+    EXPECT_THAT(taken, ElementsAre("a.txt: content"));
+    EXPECT_EQ(ended.names().front(), "file");
+    EXPECT_EQ(ended.names().back(), "complete");
+}
+
+TEST_F(SendCommandTest, GivesAPhoneThatProvesNothingTenSeconds) {
+    world.alongside(proveNothing());
+    const Ended ended = send({"--json"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.after, 10);
+    EXPECT_EQ(ended.failure(), "orlinth: noise handshake: timed out after 10 seconds");
+    EXPECT_THAT(ended.names(), ElementsAre("file", "connected", "error"));
+}
+
+TEST_F(SendCommandTest, GivesUpOnAPhoneThatDoesNotAnswerAfterFiveSeconds) {
+    world.network.makeSilent(world.phoneRecord().peer_ip);
+    const Ended ended = send({"--json"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.after, 5);
+    EXPECT_EQ(ended.failure(), "orlinth: network: connect timed out");
+    EXPECT_NEAR(send({"--warm-timeout", "0.3"}).after, 0.3, 1e-9);
+}
+
+TEST_F(SendCommandTest, ReportsAtOnceThatAPhoneRefusesAndWhatToDo) {
+    const Ended ended = send({});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.after, 0);
+    EXPECT_EQ(ended.failure(), "orlinth: network: Connection refused");
+    EXPECT_THAT(ended.errors.back(), HasSubstr("awake"));
+}
+
+TEST_F(SendCommandTest, WaitsForAPhoneThatTakesItsTimeToCloseBehindTheEnd) {
+    world.alongside(take(59));
+    const Ended ended = send({"--json"});
+    EXPECT_EQ(ended.status, 0) << ended.failure();
+    EXPECT_EQ(ended.after, 59);
+}
+
+TEST_F(SendCommandTest, ConnectsToNobodyForAFileThatIsNotThere) {
+    world.files.remove("/home/ann/a.txt");
+    const Ended ended = send({"--json"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(world.network.attempts, IsEmpty());
+    EXPECT_THAT(ended.names(), testing::Contains("error"));
+}
+
+} // namespace
+} // namespace orlinth::cli
