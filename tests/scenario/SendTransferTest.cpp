@@ -345,19 +345,63 @@ TEST_F(SendTransfer, ReportsWhereItCouldNotSeekTo) {
 }
 
 TEST_F(SendTransfer, PassesOnWhatTheSystemSaysOfAttributesThatCannotBeRead) {
-    // the first look only asks whether the file is there
     world.files.addFault(
-        {.operation = fakes::Operation::status, .errorNumber = EACCES, .skip = 1, .nameEnding = "a.txt"});
+        {.operation = fakes::Operation::status, .errorNumber = EACCES, .times = 1, .nameEnding = "a.txt"});
     const auto error = world.failure<platform::SystemError>(send());
     EXPECT_EQ(error.description(), "Permission denied");
     EXPECT_THAT(recorder.lines, ElementsAre());
     EXPECT_EQ(journal.snapshotEntries().size(), 0U);
 }
 
+TEST_F(SendTransfer, CallsAFileMissingWhoseFolderCannotBeLookedInto) {
+    world.files.addFault({.operation = fakes::Operation::status, .errorNumber = EACCES, .nameEnding = "a.txt"});
+    EXPECT_EQ(world.failure<SendError>(send()).which(), SendError::Case::fileMissing);
+}
+
+TEST_F(SendTransfer, GivesUpAPhoneThatConnectsAndDoesNotProveItsKey) {
+    const std::unique_ptr<platform::Listener> listener =
+        world.network.listen({.port = World::phonePort, .keepAlive = std::nullopt}, world.context.get_executor());
+    const auto limited = [this]() -> Task<SendOutcome> {
+        SendTerms terms = request().terms;
+        terms.handshakeSeconds = 10;
+        PreparedFile file{
+            .path = "/home/ann/a.txt", .file = examineFile(world.system, "/home/ann/a.txt"), .transferId = "ID"};
+        return sendPrepared(world.system, std::move(file), std::move(terms));
+    };
+    EXPECT_EQ(world.failure<SendError>(limited()).description(), "noise handshake: timed out after 10 seconds");
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 10);
+}
+
+TEST_F(SendTransfer, GivesUpAPhoneThatLetsNothingMove) {
+    world.alongside([](World& theWorld) -> Task<> {
+        const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
+        const auto offer = co_await phone->expect<Row::FileOffer>();
+        co_await theWorld.clock.sleep(200); // somebody has to say yes
+        co_await phone->send(Row::resume(offer.transfer_id, 0));
+        co_await theWorld.clock.sleep(3600);
+    }(world));
+    world.files.put("/home/ann/a.txt", std::string(3'000'000, 'x'));
+    const auto limited = [this]() -> Task<SendOutcome> {
+        SendTerms terms = request().terms;
+        terms.silenceSeconds = 300;
+        PreparedFile file{
+            .path = "/home/ann/a.txt", .file = examineFile(world.system, "/home/ann/a.txt"), .transferId = "ID"};
+        return sendPrepared(world.system, std::move(file), std::move(terms));
+    };
+    const auto error = world.failure<SendError>(limited());
+    EXPECT_EQ(error.description(), "network: no progress for 5 minutes");
+    EXPECT_EQ(error.reason(), SendError::Reason::stalled);
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 500);
+}
+
 TEST_F(SendTransfer, GoesOnWithoutAFingerprintThatCannotBeTaken) {
     world.files.addFault({.operation = fakes::Operation::read, .errorNumber = EIO, .times = 1, .nameEnding = "a.txt"});
     const OutgoingFile examined = examineFile(world.system, "/home/ann/a.txt");
-    EXPECT_EQ(examined, (OutgoingFile{.name = "a.txt", .size = 10, .mime = "text/plain", .fingerprint = ""}));
+    EXPECT_EQ(examined, (OutgoingFile{.name = "a.txt",
+                                      .size = 10,
+                                      .mime = "text/plain",
+                                      .fingerprint = "",
+                                      .seen = world.files.status("/home/ann/a.txt").value()}));
     world.files.clearFaults();
     world.files.addFault({.operation = fakes::Operation::read, .errorNumber = EIO, .times = 1, .nameEnding = "a.txt"});
     world.alongside(takeFile(world, 0, seen));

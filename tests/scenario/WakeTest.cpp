@@ -555,7 +555,8 @@ TEST_F(OneOff, WaitsForASilentPhoneUntilItIsStopped) {
     }(world, seen));
     asio::cancellation_signal stop;
     std::exception_ptr outcomeError;
-    platform::spawn(world.context.get_executor(), clip(), stop.slot(),
+    const auto send = [](Task<OneOffEnd> task) -> Task<> { static_cast<void>(co_await std::move(task)); };
+    platform::spawn(world.context.get_executor(), send(clip()), stop.slot(),
                     [&](std::exception_ptr error) { outcomeError = std::move(error); });
     world.run(world.clock.sleep(3600));
     EXPECT_FALSE(outcomeError);

@@ -1,7 +1,11 @@
 #include "OrlinthCore/Receiving/FolderTurns.h"
 
 #include "OrlinthCore/Peers/PeerRecord.h"
+#include "OrlinthCore/Receiving/ReceiveError.h"
 #include "base/Mutex.h"
+#include "platform/Event.h"
+#include "platform/LockWait.h"
+#include "platform/SystemError.h"
 
 #include <asio/this_coro.hpp>
 
@@ -19,18 +23,6 @@ constexpr std::uint32_t dataFolderPermissions = 0700;
 bool meansNoLocks(const std::error_code& code) {
     return code == std::errc::no_lock_available || code == std::errc::bad_file_descriptor ||
            code == std::errc::operation_not_supported || code == std::errc::function_not_supported;
-}
-
-/// Whether the lock is held from now on, or need not be.
-bool tryLock(platform::File& file) {
-    try {
-        return file.tryLock();
-    } catch (const platform::SystemError& error) {
-        if (meansNoLocks(error.code())) {
-            return true;
-        }
-        throw;
-    }
 }
 
 } // namespace
@@ -124,57 +116,21 @@ Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {
         co_await pass->wait();
     }
     std::unique_ptr<platform::File> lock;
+    bool isLocked = false;
     try {
         lock = openLock(folder);
-        if (tryLock(*lock)) {
-            co_return FolderTurn(std::move(pass), std::move(lock));
-        }
+        isLocked = co_await platform::lockWithin(system_, *lock, lockFile(folder), patienceSeconds);
     } catch (const platform::SystemError& error) {
-        throw cannotLock(folder, error);
+        isLocked = lock && meansNoLocks(error.code());
+        if (!isLocked) {
+            throw ReceiveError::fileWriteFailed("cannot lock " + lockFile(folder).native() + ": " +
+                                                error.description());
+        }
     }
-    co_await waitForLock(*lock, folder);
+    if (!isLocked) {
+        throw ReceiveError::fileWriteFailed("another program holds the lock " + lockFile(folder).native());
+    }
     co_return FolderTurn(std::move(pass), std::move(lock));
-}
-
-ReceiveError FolderTurns::cannotLock(const platform::FileStatus& folder, const platform::SystemError& error) const {
-    return ReceiveError::fileWriteFailed("cannot lock " + lockFile(folder).native() + ": " + error.description());
-}
-
-/// Another process holds it. flock() tells nobody when it is free; but whoever held it closes the file, which is one
-/// that is open for writing, and that is seen by a watch on its folder.
-Task<> FolderTurns::waitForLock(platform::File& lock, const platform::FileStatus& folder) {
-    const Executor executor = co_await asio::this_coro::executor;
-    const platform::Path path = lockFile(folder);
-    const platform::Clock::Instant end = system_.clock.now() + platform::Clock::Instant(patienceSeconds);
-    platform::Event closed(executor);
-    const std::unique_ptr<platform::FolderWatch> watch = watchFor(path.parent_path(), executor, closed);
-    for (;;) {
-        closed.reset();
-        try {
-            if (tryLock(lock)) {
-                co_return;
-            }
-        } catch (const platform::SystemError& error) {
-            throw cannotLock(folder, error);
-        }
-        const double left = (end - system_.clock.now()).count();
-        if (left <= 0) {
-            throw ReceiveError::fileWriteFailed("another program holds the lock " + path.native());
-        }
-        static_cast<void>(co_await closed.wait(system_.clock, left));
-    }
-}
-
-/// Null if it cannot be watched: then the lock is tried once more when the time is over.
-std::unique_ptr<platform::FolderWatch> FolderTurns::watchFor(const platform::Path& folder, const Executor& executor,
-                                                             platform::Event& change) const {
-    try {
-        return system_.folders.watch(folder, executor, [&change] { change.set(); });
-    } catch (const platform::SystemError& error) {
-        system_.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "receive",
-                          "cannot watch " + folder.native() + ": " + error.description());
-        return nullptr;
-    }
 }
 
 } // namespace orlinth

@@ -1,9 +1,6 @@
 #pragma once
 
-#include "OrlinthCore/Receiving/ReceiveError.h"
-#include "platform/Event.h"
 #include "platform/System.h"
-#include "platform/SystemError.h"
 
 #include <memory>
 
@@ -52,11 +49,6 @@ public:
 
 private:
     [[nodiscard]] std::unique_ptr<platform::File> openLock(const platform::FileStatus& folder) const;
-    [[nodiscard]] ReceiveError cannotLock(const platform::FileStatus& folder, const platform::SystemError& error) const;
-    [[nodiscard]] Task<> waitForLock(platform::File& lock, const platform::FileStatus& folder);
-    [[nodiscard]] std::unique_ptr<platform::FolderWatch> watchFor(const platform::Path& folder,
-                                                                  const Executor& executor,
-                                                                  platform::Event& change) const;
 
     platform::System& system_;
     std::shared_ptr<Line> line_;

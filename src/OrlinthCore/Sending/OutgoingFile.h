@@ -11,8 +11,8 @@ struct OutgoingFile {
     std::string name; ///< last path component; bytes that are not UTF-8 are replaced, because the offer is JSON
     std::int64_t size = 0;
     std::string mime;
-    std::string fingerprint;   ///< "" if the file's front cannot be read
-    platform::FileStatus seen; ///< what the file was then, by which it is known again
+    std::string fingerprint;        ///< "" if the file's front cannot be read
+    platform::FileStatus seen = {}; ///< what the file was then, by which it is known again
 
     bool operator==(const OutgoingFile&) const = default;
 };

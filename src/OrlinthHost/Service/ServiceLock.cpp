@@ -1,14 +1,15 @@
 #include "OrlinthHost/Service/ServiceLock.h"
 
 #include "OrlinthHost/HostError.h"
+#include "platform/LockWait.h"
 #include "platform/SystemError.h"
 
 namespace orlinth::host {
 
 namespace {
 
-constexpr int attempts = 20;
-constexpr double attemptSeconds = 0.005;
+/// Who looks whether a service runs has the lock for an instant.
+constexpr double patienceSeconds = 0.1;
 
 std::unique_ptr<platform::File> openLock(const Home& home, const platform::Path& path) {
     return home.system.files.open(path, platform::OpenMode::openOrCreate, platform::Links::follow, 0600);
@@ -22,14 +23,10 @@ Task<ServiceLock> ServiceLock::take(Home& home) {
     bool isLocked = false;
     try {
         file = openLock(home, path);
-        isLocked = file->tryLock();
+        isLocked = co_await platform::lockWithin(home.system, *file, path, patienceSeconds);
     } catch (const platform::SystemError& error) {
         throw HostError("cannot lock " + path.string() + ": " + error.description(),
                         "Make this file and its folder writable for this account.");
-    }
-    for (int attempt = 1; attempt < attempts && !isLocked; ++attempt) {
-        co_await home.system.clock.sleep(attemptSeconds);
-        isLocked = file->tryLock();
     }
     if (!isLocked) {
         throw HostError("the receive service is already running",
@@ -41,7 +38,7 @@ Task<ServiceLock> ServiceLock::take(Home& home) {
 bool ServiceLock::isHeld(const Home& home) {
     const platform::Path path = home.dataDirectory() / fileName;
     try {
-        return home.system.files.exists(path) && !home.system.files.open(path, platform::OpenMode::read)->tryLock();
+        return home.system.files.exists(path) && !home.system.files.open(path, platform::OpenMode::write)->tryLock();
     } catch (const platform::SystemError& error) {
         home.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control",
                               "cannot look at " + path.string() + ": " + error.description());

@@ -51,15 +51,14 @@ protected:
     }
 
     [[nodiscard]] Task<Delivered> send(int offersAtOnce = OffersInDoubt::atOnce) {
-        DeliveryRequest request{
-            .file = {.path = "/home/ann/a.txt",
-                     .file = {.name = "a.txt", .size = 10, .mime = "text/plain", .fingerprint = "", .seen = {}},
-                     .transferId = "ID"},
-            .phone = world_.phoneRecord(),
-            .ownKey = world_.computerKey,
-            .offersAtOnce = offersAtOnce,
-            .inDoubt = inDoubt_,
-            .onAgain = [this] { ++again_; }};
+        DeliveryRequest request{.file = {.path = "/home/ann/a.txt",
+                                         .file = {.name = "a.txt", .size = 10, .mime = "text/plain", .fingerprint = ""},
+                                         .transferId = "ID"},
+                                .phone = world_.phoneRecord(),
+                                .ownKey = world_.computerKey,
+                                .offersAtOnce = offersAtOnce,
+                                .inDoubt = inDoubt_,
+                                .onAgain = [this] { ++again_; }};
         return deliver(world_.system, std::move(request));
     }
 

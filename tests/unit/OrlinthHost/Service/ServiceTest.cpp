@@ -276,11 +276,13 @@ TEST_F(ServiceTest, ASecondOneOfTheSameDataFolderIsRefusedAndTheFirstGoesOn) {
 
 TEST_F(ServiceTest, SomebodyWhoLooksWhetherItRunsDoesNotKeepItFromStarting) {
     world_.files.put(dataFolder / "service.lock", "");
-    std::unique_ptr<platform::File> look = world_.files.open(dataFolder / "service.lock", platform::OpenMode::read);
+    std::unique_ptr<platform::File> look = world_.files.open(dataFolder / "service.lock", platform::OpenMode::write);
     ASSERT_TRUE(look->tryLock());
     start();
     EXPECT_THAT(events_.all, IsEmpty()) << "it waits";
+    pass(0.05);
     look.reset();
+    world_.folders.change(dataFolder);
     pass(0.01);
     EXPECT_EQ(1, events_.count("listening 7100, phones 1"));
 }

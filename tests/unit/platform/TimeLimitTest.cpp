@@ -1,12 +1,11 @@
-#include "OrlinthHost/TimeLimit.h"
+#include "platform/TimeLimit.h"
 
-#include "OrlinthHost/Sending/HandshakeLimit.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace orlinth::host {
+namespace orlinth::platform {
 namespace {
 
 using testing::ElementsAre;
@@ -60,26 +59,14 @@ TEST_F(TimeLimitTest, CancelsNothingOnceItIsGone) {
     EXPECT_THAT(cancelledAt, IsEmpty());
 }
 
-TEST_F(TimeLimitTest, GivesAHandshakeTenSecondsFromTheConnectionOn) {
-    HandshakeLimit limit(world.clock, world.context.get_executor(), cancel);
-    pass(30);
-    EXPECT_THAT(cancelledAt, IsEmpty()) << "connecting has limits of its own";
-    limit.begin();
-    pass(30);
-    EXPECT_THAT(cancelledAt, ElementsAre(40));
-    EXPECT_TRUE(limit.hasExpired());
-    EXPECT_EQ(HandshakeLimit::text(), "timed out after 10 seconds");
-}
-
-TEST_F(TimeLimitTest, GivesATransferWhoseHandshakeIsCompleteAllTheTimeItNeeds) {
-    HandshakeLimit limit(world.clock, world.context.get_executor(), cancel);
-    limit.begin();
-    pass(9.9);
-    limit.end();
+TEST_F(TimeLimitTest, IsNoneOfZeroSeconds) {
+    TimeLimit limit(world.clock, world.context.get_executor(), cancel);
+    limit.begin(5);
+    limit.begin(0);
     pass(3600);
     EXPECT_THAT(cancelledAt, IsEmpty());
     EXPECT_FALSE(limit.hasExpired());
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::platform

@@ -1,0 +1,45 @@
+#include "platform/LockWait.h"
+
+#include "platform/Event.h"
+#include "platform/SystemError.h"
+
+#include <asio/this_coro.hpp>
+
+namespace orlinth::platform {
+namespace {
+
+/// Null if the folder cannot be watched. `change` outlives the watch.
+std::unique_ptr<FolderWatch> watchFor(System& system, const Path& folder, const Executor& executor, Event& change) {
+    try {
+        return system.folders.watch(folder, executor, [&change] { change.set(); });
+    } catch (const SystemError& error) {
+        system.log.write(LogLevel::debug, "com.tarvinex.orlinth", "lock",
+                         "cannot watch " + folder.native() + ": " + error.description());
+        return nullptr;
+    }
+}
+
+} // namespace
+
+Task<bool> lockWithin(System& system, File& file, Path path, double seconds) {
+    if (file.tryLock()) {
+        co_return true;
+    }
+    const Executor executor = co_await asio::this_coro::executor;
+    const Clock::Instant end = system.clock.now() + Clock::Instant(seconds);
+    Event closed(executor);
+    const std::unique_ptr<FolderWatch> watch = watchFor(system, path.parent_path(), executor, closed);
+    for (;;) {
+        closed.reset();
+        if (file.tryLock()) {
+            co_return true;
+        }
+        const double left = (end - system.clock.now()).count();
+        if (left <= 0) {
+            co_return false;
+        }
+        static_cast<void>(co_await closed.wait(system.clock, left));
+    }
+}
+
+} // namespace orlinth::platform
