@@ -168,7 +168,7 @@ public:
     bool placesExcludeEachOther = false;
     /// What listen() was called with, failures included.
     std::vector<platform::ListenOptions> listens;
-    /// What inheritedPort() returns.
+    /// What inheritedPort() returns. Once used it stays open: connections wait when nobody listens.
     std::optional<std::uint16_t> inherited;
     [[nodiscard]] std::optional<std::uint16_t> inheritedPort() override { return inherited; }
 

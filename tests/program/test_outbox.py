@@ -217,30 +217,6 @@ class Waiting(OutboxTest):
             self.wait_for(service, "outbox_done", batch=batch)
         self.assertEqual(1, service.stderr.count("waiting for phone: network: Connection refused"))
 
-    def test_a_new_address_is_tried_at_once(self):
-        service = self.serve(self.mac)
-        batch = self.share(self.file("a.txt", b"abc"))
-        # in a pause that is longer than the test's patience would like
-        self.wait_for(service, "outbox_waiting", 2, batch=batch)
-        begin = time.monotonic()
-        self.phone_listens()
-        self.wait_for(service, "outbox_done", batch=batch)
-        self.assertLess(time.monotonic() - begin, 10)
-
-    def test_a_phone_that_is_heard_of_is_tried_at_once(self):
-        service = self.serve(self.mac)
-        with SleepingPort() as port:
-            self.mac.record(self.phone, port.port)
-            batch = self.share(self.file("a.txt", b"abc"))
-            self.wait_for(service, "outbox_waiting", 2, batch=batch)
-            begin = time.monotonic()
-            self.serve(self.phone, port=str(port.port))
-            self.phone.record(self.mac, service.port)
-            sent = self.phone.run("clip", "--to", "mac", "--text", "here I am")
-            self.assertEqual(0, sent.returncode, sent.stderr)
-            self.wait_for(service, "outbox_done", batch=batch)
-            self.assertLess(time.monotonic() - begin, 10)
-
     def test_sigterm_in_the_middle_leaves_what_a_resume_needs(self):
         phone = self.phone_listens()
         gate = self.gate(phone.port, bytes_per_second=8 * MIB)

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <tuple>
 #include <utility>
 
 namespace orlinth::host {
@@ -17,6 +18,16 @@ using testing::IsEmpty;
 
 class ServiceTest : public ServiceWorldTest {
 protected:
+    /// What a person can do about what run() has thrown.
+    [[nodiscard]] std::string hint() const {
+        try {
+            std::rethrow_exception(error_);
+        } catch (const HostError& error) {
+            return error.hint();
+        } catch (...) {
+            return "";
+        }
+    }
     [[nodiscard]] Task<bool> answerAfter(double seconds, bool isYes) {
         co_await world_.clock.sleep(seconds);
         co_return isYes;
@@ -61,22 +72,89 @@ TEST_F(ServiceTest, AnUnknownKeyIsRefused) {
     EXPECT_THAT(events_.all, ElementsAre("known 1", "listening 7100, phones 1")) << "nobody was authenticated";
 }
 
-TEST_F(ServiceTest, APhoneThatIsPairedMeanwhileIsServed) {
+TEST_F(ServiceTest, APhoneCountsFromTheMomentItIsRecorded) {
     pair({});
     start();
     EXPECT_EQ("known 0", events_.all.front());
+    EXPECT_TRUE(world_.run(phone()->seesTheEnd()));
+    settle();
+    EXPECT_THAT(events_.failures, ElementsAre(HasSubstr("remote pubkey")));
     pair({world_.phoneRecord()});
     deliver("a.txt");
     EXPECT_EQ("content of a.txt", received("a.txt"));
+    EXPECT_EQ("Pixel-8", events_.files.at(0).from);
 }
 
-TEST_F(ServiceTest, AFileOfPhonesThatCannotBeReadIsReportedAndThoseKnownBeforeAreServed) {
+TEST_F(ServiceTest, AStoreThatBecomesRubbishLeavesThePhonesThatWereKnown) {
+    const auto reports = [this] {
+        return std::ranges::count_if(events_.all,
+                                     [](const std::string& text) { return text.starts_with("unreadable: "); });
+    };
     start();
-    world_.files.put(dataFolder / "peer.json", "{");
-    deliver("a.txt");
-    EXPECT_EQ("content of a.txt", received("a.txt"));
-    EXPECT_EQ(1, std::ranges::count_if(events_.all,
-                                       [](const std::string& text) { return text.starts_with("unreadable: "); }));
+    const std::string good = world_.files.content(dataFolder / "peer.json").value();
+    world_.files.put(dataFolder / "peer.json", "{nonsense");
+    for (const char* name : {"a.txt", "b.txt"}) {
+        deliver(name);
+        EXPECT_EQ("content of " + std::string(name), received(name));
+        EXPECT_EQ(Receiver::unknownPeer, events_.files.back().from);
+    }
+    EXPECT_EQ(1, reports()) << "once for each change";
+    world_.files.put(dataFolder / "peer.json", "{other nonsense");
+    deliver("c.txt");
+    EXPECT_EQ("content of c.txt", received("c.txt"));
+    EXPECT_EQ(2, reports());
+    EXPECT_EQ("{other nonsense", world_.files.content(dataFolder / "peer.json"));
+    world_.files.put(dataFolder / "peer.json", good);
+    deliver("d.txt");
+    EXPECT_EQ("Pixel-8", events_.files.back().from);
+    PeerRecord tablet = world_.phoneRecord();
+    const platform::PrivateKey tabletKey = platform::PrivateKey::generate();
+    tablet.peer_pubkey = tabletKey.publicKey().base64();
+    tablet.peer_hostname = "Tablet";
+    pair({world_.phoneRecord(), tablet});
+    world_.run(deliverOn(*connectAs(tabletKey), "e.txt"));
+    settle();
+    EXPECT_EQ("Tablet", events_.files.back().from);
+}
+
+TEST_F(ServiceTest, EachConnectionOfAPhoneThatBreaksIsReported) {
+    start();
+    for (std::size_t i = 1; i <= 7; ++i) {
+        const auto from = phone();
+        world_.run(from->send(Row::fileOffer("a.txt", 10, "text/plain", "ID")));
+        static_cast<void>(world_.run(from->expect<Row::Resume>()));
+        from->close();
+        settle();
+        EXPECT_EQ(i, events_.failures.size());
+    }
+    deliver("b.txt");
+    EXPECT_EQ("content of b.txt", received("b.txt"));
+}
+
+TEST_F(ServiceTest, ADiskThatIsFullOrReadOnlyEndsOneFileAndNotTheService) {
+    settings_.downloadLimits.keepFreeBytes = 0;
+    start();
+    for (const auto& [operation, number, reason] :
+         {std::tuple(fakes::Operation::write, ENOSPC, "No space left on device"),
+          std::tuple(fakes::Operation::open, EROFS, "Read-only file system")}) {
+        world_.files.addFault({.operation = operation, .errorNumber = number, .nameEnding = "a.txt.partial"});
+        events_.failures.clear();
+        const auto from = phone();
+        world_.run(from->send(Row::fileOffer("a.txt", 4, "text/plain", "ID")));
+        try {
+            static_cast<void>(world_.run(from->expect<Row::Resume>()));
+            world_.run(from->sendBinary(toBytes(std::string("half"))));
+            world_.run(from->send(Row::done()));
+        } catch (const WireConnection::Error&) {
+            // it has ended the connection
+        }
+        settle();
+        EXPECT_THAT(events_.failures, ElementsAre(HasSubstr(reason)));
+        EXPECT_FALSE(world_.files.exists(downloads / "a.txt"));
+        world_.files.clearFaults();
+        deliver("b.txt");
+        EXPECT_EQ("content of b.txt", received("b.txt"));
+    }
 }
 
 TEST_F(ServiceTest, APhoneRemovesThisComputer) {
@@ -300,6 +378,7 @@ TEST_F(ServiceTest, DoesNotStartWithALockThatCannotBeOpened) {
     world_.files.addFault({.operation = fakes::Operation::open, .errorNumber = EACCES, .nameEnding = "service.lock"});
     start();
     EXPECT_EQ("cannot lock " + (dataFolder / "service.lock").string() + ": Permission denied", problem());
+    EXPECT_EQ("Make this file and its folder writable for this account.", hint());
     world_.files.clearFaults();
 }
 
