@@ -186,6 +186,9 @@ public:
             }
             co_await state->changed.wait();
         }
+        if (network_.acceptErrno) {
+            throw SystemError::fromErrno(*network_.acceptErrno);
+        }
         std::unique_ptr<platform::Stream> stream = std::move(state->waiting.front());
         state->waiting.pop_front();
         co_return stream;

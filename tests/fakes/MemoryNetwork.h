@@ -161,6 +161,8 @@ public:
     std::deque<std::pair<WireFaults, WireFaults>> faults;
     /// By which the other side sees the next connections, taken one by one: "192.168.1.7:40112".
     std::deque<std::string> sources;
+    /// Whoever accepts a connection gets this error instead, if set.
+    std::optional<int> acceptErrno;
     /// listen() fails with this error, if set; at the places named here with theirs.
     std::optional<int> listenErrno;
     std::map<std::string, int> placeErrnos;

@@ -10,7 +10,6 @@
 namespace orlinth::host {
 namespace {
 
-
 class DownloadsFolderTest : public testing::Test {
 protected:
     DownloadsFolderTest() {

@@ -440,15 +440,44 @@ TEST_F(ServiceTest, EndsInOrder) {
     EXPECT_EQ(0U, world_.clock.pendingAlarms()) << "nothing of it is left";
 }
 
-TEST_F(ServiceTest, EndsInTheSameOrderWhenItIsCancelledAtOnce) {
+TEST_F(ServiceTest, EndsInTheSameOrderWhenItsPortFails) {
+    share("a.txt");
+    start();
+    pass(1);
+    world_.network.acceptErrno = EBADF;
+    static_cast<void>(world_.run(world_.network.connect("203.0.113.1", port, world_.context.get_executor())));
+    pass(1);
+    EXPECT_TRUE(hasEnded_);
+    EXPECT_THAT(problem(), HasSubstr("Bad file descriptor"));
+    EXPECT_EQ("stopping", events_.all.at(events_.all.size() - 2));
+    EXPECT_EQ("finish", events_.all.back());
+    EXPECT_FALSE(world_.local.isOpen(controlPath));
+    EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
+    EXPECT_EQ(0U, world_.clock.pendingAlarms());
+}
+
+TEST_F(ServiceTest, OpensNothingIfItIsCancelledBeforeItHasBegun) {
     service_.emplace(home_, world_.computerKey, settings_, events_, outboxEvents_);
     hasEnded_ = false;
     platform::spawn(world_.context.get_executor(), service_->run(), stop_.slot(),
                     [this](const std::exception_ptr& /*error*/) { hasEnded_ = true; });
-    cancel();
     stop();
-    EXPECT_FALSE(world_.network.isOpen(port));
+    EXPECT_THAT(world_.network.listens, IsEmpty());
+    EXPECT_THAT(events_.all, IsEmpty());
     EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
+}
+
+TEST_F(ServiceTest, EndsAtOnceWhileItWaitsForItsLock) {
+    world_.files.put(dataFolder / "service.lock", "");
+    const std::unique_ptr<platform::File> look =
+        world_.files.open(dataFolder / "service.lock", platform::OpenMode::read);
+    ASSERT_TRUE(look->tryLock());
+    start();
+    EXPECT_FALSE(hasEnded_);
+    stop();
+    EXPECT_EQ("", problem());
+    EXPECT_EQ(0, world_.clock.elapsed());
+    EXPECT_THAT(events_.all, IsEmpty());
 }
 
 } // namespace
