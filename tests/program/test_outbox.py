@@ -239,30 +239,6 @@ class Waiting(OutboxTest):
         self.assert_arrived([file])
         self.assert_nothing_left()
 
-    def test_one_phones_success_leaves_another_its_resume(self):
-        tablet = self.another_phone("tablet")
-        phone_service = self.phone_listens()
-        tablet_service = self.serve(tablet)
-        gate = self.gate(tablet_service.port, bytes_per_second=8 * MIB)
-        gate.limit = 3 * MIB
-        gate.action = lambda: self.mac.record(tablet, 9)  # it goes away
-        self.mac.record(tablet, gate.port)
-        file = self.file("big.bin", os.urandom(BIG))
-        service = self.serve(self.mac)
-        batch = self.share(file, to=["phone", "tablet"])
-        self.wait_for(service, "outbox_sent", batch=batch, to="phone")
-        self.wait_for(service, "outbox_waiting", batch=batch, to="tablet")
-        self.assertEqual([batch], self.batches())
-        self.wait_for(tablet_service, "error")
-        self.mac.record(tablet, tablet_service.port)
-        [sent] = self.wait_for(service, "outbox_sent", batch=batch, to="tablet")
-        self.assertGreater(sent["resumed_from_offset"], 0)
-        self.wait_for(service, "outbox_done", batch=batch)
-        self.assert_arrived([file])
-        self.assert_arrived([file], tablet)
-        self.assertEqual(1, len([event for event in phone_service.events.all if event["event"] == "received"]))
-        self.assert_nothing_left()
-
 
 class Waking(test_wake.WakeTest, OutboxTest):
     def test_a_phone_that_sleeps_is_woken(self):

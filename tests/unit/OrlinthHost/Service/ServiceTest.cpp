@@ -28,6 +28,37 @@ protected:
             return "";
         }
     }
+    /// A phone takes a connection, which is in `stream` as long as it lasts, and shakes hands.
+    [[nodiscard]] Task<std::unique_ptr<ScriptedPeer>> acceptOnTheTablet(platform::Stream*& stream) {
+        const std::unique_ptr<platform::Listener> listener =
+            world_.network.listen({.port = tabletPort, .keepAlive = std::nullopt}, world_.context.get_executor());
+        std::unique_ptr<platform::Stream> accepted = co_await listener->accept(world_.context.get_executor());
+        stream = accepted.get();
+        auto wire = std::make_unique<WireConnection>(std::move(accepted), world_.clock);
+        NoiseHandshake handshake(NoiseRole::responder, tabletKey_.clone(), asBytes(kOrlinthPrologue));
+        co_await exchangeAsResponder(*wire, handshake);
+        co_return std::make_unique<ScriptedPeer>(std::move(wire), std::move(handshake).finalize());
+    }
+    [[nodiscard]] Task<> takeOnePieceOnTheTablet() {
+        platform::Stream* stream = nullptr;
+        const auto tablet = co_await acceptOnTheTablet(stream);
+        const auto offer = co_await tablet->expect<Row::FileOffer>();
+        transferId_ = offer.transfer_id;
+        co_await tablet->send(Row::resume(offer.transfer_id, 0));
+        const DecodedFrame piece = co_await tablet->receive();
+        tabletHas_ = static_cast<std::int64_t>(std::get<Bytes>(piece).size());
+        stream->abort();
+    }
+    [[nodiscard]] Task<> takeTheRestOnTheTablet() {
+        platform::Stream* stream = nullptr;
+        const auto tablet = co_await acceptOnTheTablet(stream);
+        const auto offer = co_await tablet->expect<Row::FileOffer>();
+        EXPECT_EQ(transferId_, offer.transfer_id);
+        co_await tablet->send(Row::resume(offer.transfer_id, tabletHas_));
+        const Bytes rest = co_await tablet->receiveUntilDone();
+        tabletHas_ += static_cast<std::int64_t>(rest.size());
+        tablet->close();
+    }
     [[nodiscard]] Task<bool> answerAfter(double seconds, bool isYes) {
         co_await world_.clock.sleep(seconds);
         co_return isYes;
@@ -41,6 +72,11 @@ protected:
         EXPECT_LT(before, alive) << "that it is alive is said until the last moment";
         EXPECT_TRUE(outboxEvents_.of(What::waiting).empty()) << "the send was cut off, which is no failure";
     }
+
+    static constexpr std::uint16_t tabletPort = 7002;
+    platform::PrivateKey tabletKey_ = platform::PrivateKey::generate();
+    std::string transferId_;     ///< of what the tablet was offered first
+    std::int64_t tabletHas_ = 0; ///< bytes
 };
 
 // Receiving
@@ -293,6 +329,36 @@ TEST_F(ServiceTest, SendsAtOnceToAPhoneWhoseRecordChanges) {
     world_.folders.change(dataFolder);
     pass(0.1);
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+}
+
+TEST_F(ServiceTest, OnePhonesSuccessLeavesAnotherItsResume) {
+    constexpr std::int64_t size = 5 << 20;
+    PeerRecord tablet = world_.phoneRecord();
+    tablet.peer_pubkey = tabletKey_.publicKey().base64();
+    tablet.peer_hostname = "Tablet";
+    tablet.peer_port = tabletPort;
+    pair({world_.phoneRecord(), tablet});
+    share("a.bin", {{world_.phoneRecord().peer_pubkey, tablet.peer_pubkey}});
+    world_.files.put(outbox / batch / "a.bin", std::string(size, 'x'));
+    world_.alongside(take());
+    world_.alongside(takeOnePieceOnTheTablet());
+    start();
+    pass(1);
+    ASSERT_THAT(taken_, testing::SizeIs(1));
+    ASSERT_GT(tabletHas_, 0);
+    ASSERT_EQ(1U, outboxEvents_.of(What::waiting).size());
+    EXPECT_EQ("Tablet", outboxEvents_.of(What::waiting)[0].to);
+    EXPECT_TRUE(world_.files.exists(outbox / batch / "a.bin"));
+    const std::int64_t before = tabletHas_;
+    world_.alongside(takeTheRestOnTheTablet());
+    pass(10);
+    EXPECT_EQ(size, tabletHas_);
+    const auto sent = outboxEvents_.of(What::sent);
+    ASSERT_EQ(2U, sent.size()) << "the phone gets nothing twice";
+    EXPECT_EQ("Tablet", sent[1].to);
+    EXPECT_EQ(before, sent[1].resumedFromOffset);
+    EXPECT_FALSE(world_.files.exists(outbox / batch));
+    EXPECT_THAT(taken_, testing::SizeIs(1));
 }
 
 // What it looks after
