@@ -186,6 +186,9 @@ public:
             }
             co_await state->changed.wait();
         }
+        if (network_.acceptErrno) {
+            throw SystemError::fromErrno(*network_.acceptErrno);
+        }
         std::unique_ptr<platform::Stream> stream = std::move(state->waiting.front());
         state->waiting.pop_front();
         co_return stream;
@@ -265,11 +268,18 @@ std::unique_ptr<platform::Listener> MemoryNetwork::listen(const platform::Listen
         }
     }
     const std::uint16_t port = options.port != 0 ? options.port : nextFreePort_++;
+    const bool isInherited = inherited == port;
+    if (isInherited && ports_.contains(port)) {
+        return std::make_unique<MemoryListener>(*this, port, ports_.at(port));
+    }
     if (ports_.contains(port) || (placesExcludeEachOther && options.places.size() > 1)) {
         throw SystemError::fromErrno(EADDRINUSE);
     }
     const auto state = std::make_shared<Port>(context_.get_executor());
     state->place = options.places.empty() ? std::string() : options.places.front();
+    if (isInherited) {
+        ++state->holders; // whoever has opened it
+    }
     ports_[port] = state;
     return std::make_unique<MemoryListener>(*this, port, state);
 }

@@ -161,6 +161,8 @@ public:
     std::deque<std::pair<WireFaults, WireFaults>> faults;
     /// By which the other side sees the next connections, taken one by one: "192.168.1.7:40112".
     std::deque<std::string> sources;
+    /// Whoever accepts a connection gets this error instead, if set.
+    std::optional<int> acceptErrno;
     /// listen() fails with this error, if set; at the places named here with theirs.
     std::optional<int> listenErrno;
     std::map<std::string, int> placeErrnos;
@@ -168,7 +170,7 @@ public:
     bool placesExcludeEachOther = false;
     /// What listen() was called with, failures included.
     std::vector<platform::ListenOptions> listens;
-    /// What inheritedPort() returns.
+    /// What inheritedPort() returns. Once used it stays open: connections wait when nobody listens.
     std::optional<std::uint16_t> inherited;
     [[nodiscard]] std::optional<std::uint16_t> inheritedPort() override { return inherited; }
 

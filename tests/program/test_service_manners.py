@@ -11,7 +11,7 @@ import sys
 import time
 
 import side_by_side
-from harness import MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, sha256, unused_port
+from harness import ORLINTH, PATIENCE, Identity, ProgramTest, Running, sha256, unused_port
 from test_pairing import ScriptedPhone
 
 # Gives the sockets that the test has opened to the program, as a service manager does.
@@ -277,38 +277,6 @@ exit 1
         self.deliver(service, self.phone, "late.bin")
         self.deliver(service, self.tablet, "a.bin")
 
-    def test_is_not_held_up_by_strangers_who_say_nothing(self):
-        service = self.listening()
-        program = self.pair()
-        payload = program.events.wait_for("payload")["payload"]
-        with contextlib.ExitStack() as strangers:
-            for number in range(100):  # more than are listened to at once
-                stranger = strangers.enter_context(socket.create_connection(("127.0.0.1", service.port), PATIENCE))
-                if number % 2:
-                    stranger.sendall(struct.pack(">I", 32))  # and no more
-            begin = time.monotonic()
-            joined = self.tablet.run("join", "--payload", "-", "--yes", "--json", "--listen-port", "9",
-                                     input=json.dumps(payload))
-            self.assertEqual(0, joined.returncode, joined.stderr)
-            self.assertEqual(0, program.wait(), program.stderr)
-            self.assertLess(time.monotonic() - begin, 20 if SANITIZED else 5)
-        self.deliver(service, self.tablet, "a.bin")
-
-    def test_says_a_few_times_and_no_more_that_somebody_wanted_to_deliver_something(self):
-        service = self.listening()
-        program = self.pair()
-        payload = program.events.wait_for("payload")["payload"]
-        for _ in range(30):  # a stranger, for all that anybody can tell
-            with socket.create_connection(("127.0.0.1", service.port), PATIENCE) as stranger:
-                stranger.sendall(struct.pack(">I", 32) + bytes(32))
-                with contextlib.suppress(ConnectionError):
-                    stranger.recv(1)
-        joined = self.tablet.run("join", "--payload", "-", "--yes", "--json", "--listen-port", "9",
-                                 input=json.dumps(payload))
-        self.assertEqual(0, joined.returncode, joined.stderr)
-        self.assertEqual(0, program.wait(), program.stderr)
-        self.assertEqual(5, program.stderr.count("wanted to deliver something"), program.stderr)
-
     def test_turns_away_a_second_phone_also_on_a_port_that_stays_open(self):
         with socket.create_server(("127.0.0.1", 0)) as port:
             service = self.activated(port)
@@ -351,21 +319,6 @@ exit 1
         except ConnectionError:
             return True
 
-    def test_a_frame_of_32_bytes_is_an_introduction_if_it_opens(self):
-        service = self.listening()
-        program = self.pair("--timeout", "30")
-        phone = ScriptedPhone(program.events.wait_for("payload")["payload"])
-        for blob in (os.urandom(32), phone.sealed(b"abcd", os.urandom(32))):
-            with phone.connect() as connection:  # no introduction to this pairing, and as long as a handshake's beginning
-                connection.sendall(struct.pack(">I", 32) + blob)
-                self.assertEqual(b"", connection.recv(1))
-        with contextlib.suppress(ConnectionError):
-            phone.say(b"abcd")
-        self.assertEqual(1, program.wait())
-        self.assertRegex(program.stderr, "(?m)^orlinth: not a valid introduction: ")
-        self.assertEqual(2, program.stderr.count("wanted to deliver something"), program.stderr)
-        self.deliver(service, self.phone, "a.bin")
-
     def test_may_ask_for_the_services_port_by_its_number(self):
         service = self.listening()
         self.assertEqual(service.port, self.pair_tablet("--port", str(service.port)))
@@ -386,47 +339,6 @@ exit 1
         program.kill()
         self.deliver(service, self.phone, "a.bin")
         self.end(service)
-
-    def test_that_is_interrupted_gives_the_port_back(self):
-        service = self.listening()
-        program = self.pair()
-        program.events.wait_for("payload")
-        program.signal(signal.SIGINT)
-        self.assertEqual(130, program.wait())
-        self.deliver(service, self.phone, "a.bin")
-
-    def test_twice_at_once_is_refused_with_a_reason(self):
-        service = self.listening()
-        first = self.pair()
-        first.events.wait_for("payload")
-        second = self.pair()
-        self.assertEqual(1, second.wait())
-        self.assert_one_line_error(second.stderr,
-                                   "the running service does not lend its port: the port is lent already")
-        first.kill()
-        self.deliver(service, self.phone, "a.bin")
-
-    def test_leaves_the_connections_that_are_there_alone(self):
-        service = self.listening()
-        relay = self.relay(service.port, bytes_per_second=2 * MIB, buffer=65536)
-        self.phone.record(self.mac, relay.port)
-        file = self.file("slow.bin", os.urandom(6 * MIB))
-        sender = self.running(self.phone, "send", "--to", "mac", "--json", str(file))
-        sender.events.wait_for("progress")
-        program = self.pair()
-        program.events.wait_for("payload")
-        self.assertIsNone(service.events.find("received"), "the file was there before the port was lent")
-        self.assertEqual(0, sender.wait(), sender.stderr)
-        self.assert_arrived(service, file)
-        program.kill()
-        self.deliver(service, self.phone, "a.bin")
-
-    def test_does_not_keep_the_service_from_ending(self):
-        service = self.listening()
-        program = self.pair()
-        program.events.wait_for("payload")
-        self.end(service)
-        self.assertIsNone(program.process.poll(), "the pairing goes on with the port that it has")
 
     def test_works_in_a_folder_whose_path_is_too_long_for_a_socket(self):
         far = Identity(self.folder, "/".join(["long" * 12] * 4) + "/far")
@@ -469,16 +381,6 @@ class TheControlSocket(ServiceTest):
         self.assertEqual("precious", self.path.read_text())
         self.assertIn("`orlinth pair` cannot use the service's port", service.stderr)
 
-    def test_answers_nonsense_with_an_error_and_lives(self):
-        service = self.listening()
-        for line in (b"\n", b"{\n", b"[]\n", b'{"request":5}\n', b'{"request":"lend_money"}\n', b"\xff\xfe\n",
-                     b'{"request":"lend_port","port":"x"}\n', b'{"request":"lend_port","port":70000}\n',
-                     b"[" * 4000 + b"\n", b"x" * 5000):
-            with self.subTest(line=line[:40]):
-                self.assertEqual(["error"], list(self.ask(line)))
-        self.control().close()
-        self.deliver(service, self.phone, "a.bin")
-
     def test_lends_the_port_as_a_socket_behind_its_number(self):
         service = self.listening()
         with self.control() as connection:
@@ -491,32 +393,6 @@ class TheControlSocket(ServiceTest):
                     port.setblocking(True)
                     port.accept()[0].close()
         self.deliver(service, self.phone, "a.bin")
-
-    def test_of_a_service_that_has_another_port_says_which(self):
-        service = self.listening()
-        other = 1 if service.port != 1 else 2
-        self.assertEqual({"lent": False, "port": service.port},
-                         self.ask(b'{"request":"lend_port","port":%d}\n' % other))
-        self.deliver(service, self.phone, "a.bin")
-
-    def test_lets_many_that_say_nothing_wait_without_harm(self):
-        service = self.listening()
-        silent = [self.control() for _ in range(20)]
-        self.assertEqual(service.port, self.pair_tablet())
-        self.assertEqual(20, len(silent))
-
-
-class ASecondInstance(ServiceTest):
-    def test_of_a_folder_says_so(self):
-        self.listening()
-        second = self.serve()
-        self.assertEqual(1, second.wait())
-        self.assert_one_line_error(second.stderr, "the receive service is already running")
-
-    def test_of_another_folder_runs_beside(self):
-        self.listening()
-        other = self.listening(self.phone)
-        self.end(other)
 
 
 if __name__ == "__main__":

@@ -26,8 +26,9 @@ public:
     virtual void listening(std::uint16_t port, std::size_t pairedPhones) = 0;
     /// It ends: nothing more is received.
     virtual void stopping() = 0;
-    /// Awaited at the end, when nothing more happens than what unfinishedDownloads() may still tell: returns when what
-    /// was begun for the calls before is done.
+    /// Awaited behind stopping(), when nothing more happens than what unfinishedDownloads() may still tell: returns
+    /// when what was begun for the calls before is done. A service that does not get as far as phonesKnown() calls
+    /// neither.
     [[nodiscard]] virtual Task<> finish() = 0;
 
     // ---- those who connect

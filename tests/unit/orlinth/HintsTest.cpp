@@ -63,5 +63,18 @@ TEST(Hints, OfAFailedPushFollowItsError) {
               "Pixel seems to sleep, and could not be woken. " + missing);
 }
 
+TEST(Hints, OfAPortFollowWhatIsInTheWay) {
+    using host::PortError;
+    using Case = PortError::Case;
+    const auto hint = [](Case which) { return hintForPort(PortError(which, 28471, "listener start failed: x")); };
+    EXPECT_THAT(hint(Case::inheritedUnusable), HasSubstr("one ListenStream= and Accept=no"));
+    EXPECT_THAT(hint(Case::noSuchPlace), HasSubstr("addresses and interfaces of this computer"));
+    EXPECT_THAT(hint(Case::placesExcludeEachOther), HasSubstr("exclude each other"));
+    EXPECT_THAT(hint(Case::usedByService), StartsWith("The Orlinth service is using port 28471 "));
+    EXPECT_THAT(hint(Case::usedByOther), StartsWith("Another program is using port 28471; "));
+    EXPECT_THAT(hint(Case::forbidden), StartsWith("This account may not open port 28471; "));
+    EXPECT_EQ("", hint(Case::other));
+}
+
 } // namespace
 } // namespace orlinth::cli

@@ -306,5 +306,48 @@ TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
     EXPECT_EQ("orlinth: 995 more connections came from outside your networks", lines.back());
 }
 
+TEST_F(ServeReporterTest, SaysWhichChoicesAnInheritedPortMakesVain) {
+    const std::string port = "the service manager has opened port 7100; --port is not used";
+    const std::string places = "the service manager has opened the port; --listen is not used";
+    using Lines = std::vector<std::string>;
+    const auto said = [this](ServeReporter::Choices choices) {
+        ServeReporter reporter(host_, choices);
+        Lines lines = linesOf([&] { reporter.portInherited(7100); });
+        world_.run(reporter.finish());
+        return lines;
+    };
+    EXPECT_EQ(Lines{}, said({}));
+    EXPECT_EQ(Lines{}, said({.port = 7100})) << "it is the one that was chosen";
+    EXPECT_EQ(Lines{port}, said({.port = 28471}));
+    EXPECT_EQ(Lines{places}, said({.choosesPlaces = true}));
+    EXPECT_EQ((Lines{port, places}), said({.port = 0, .choosesPlaces = true}));
+}
+
+TEST_F(ServeReporterTest, SaysWhereItListensAndIfThereIsNobodyToReceiveFrom) {
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(Lines{}, linesOf([this] { reporter_.phonesKnown(1); }));
+    EXPECT_EQ(Lines{"No phone is paired yet. `orlinth pair` pairs one, also while this runs."},
+              linesOf([this] { reporter_.phonesKnown(0); }));
+    EXPECT_EQ(Lines{"listening on port 7100"}, linesOf([this] { reporter_.listening(7100, 1); }));
+    output_.useJson();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Lines{"listening on port 7100"}, linesOf([this] { reporter_.listening(7100, 1); }));
+    EXPECT_EQ("{\"event\":\"listening\",\"port\":7100}\n", testing::internal::GetCapturedStdout());
+}
+
+TEST_F(ServeReporterTest, SaysHowMuchIsUnfinishedAndHowToGetRidOfIt) {
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(Lines{"1 unfinished download (1.5 kB) in /home/ann/Downloads has not changed for a week. To see or "
+                    "remove it: `orlinth partials`"},
+              linesOf([this] { reporter_.unfinishedDownloads({.count = 1, .bytes = 1500}, "/home/ann/Downloads"); }));
+    output_.useJson();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Lines{"2 unfinished downloads (1.5 kB) in /home/ann/Downloads have not changed for a week. To see or "
+                    "remove them: `orlinth partials`"},
+              linesOf([this] { reporter_.unfinishedDownloads({.count = 2, .bytes = 1500}, "/home/ann/Downloads"); }));
+    EXPECT_EQ("{\"bytes\":1500,\"count\":2,\"dir\":\"/home/ann/Downloads\",\"event\":\"unfinished_downloads\"}\n",
+              testing::internal::GetCapturedStdout());
+}
+
 } // namespace
 } // namespace orlinth::cli

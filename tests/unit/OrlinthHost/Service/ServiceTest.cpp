@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <tuple>
 #include <utility>
 
 namespace orlinth::host {
@@ -17,6 +18,47 @@ using testing::IsEmpty;
 
 class ServiceTest : public ServiceWorldTest {
 protected:
+    /// What a person can do about what run() has thrown.
+    [[nodiscard]] std::string hint() const {
+        try {
+            std::rethrow_exception(error_);
+        } catch (const HostError& error) {
+            return error.hint();
+        } catch (...) {
+            return "";
+        }
+    }
+    /// A phone takes a connection, which is in `stream` as long as it lasts, and shakes hands.
+    [[nodiscard]] Task<std::unique_ptr<ScriptedPeer>> acceptOnTheTablet(platform::Stream*& stream) {
+        const std::unique_ptr<platform::Listener> listener =
+            world_.network.listen({.port = tabletPort, .keepAlive = std::nullopt}, world_.context.get_executor());
+        std::unique_ptr<platform::Stream> accepted = co_await listener->accept(world_.context.get_executor());
+        stream = accepted.get();
+        auto wire = std::make_unique<WireConnection>(std::move(accepted), world_.clock);
+        NoiseHandshake handshake(NoiseRole::responder, tabletKey_.clone(), asBytes(kOrlinthPrologue));
+        co_await exchangeAsResponder(*wire, handshake);
+        co_return std::make_unique<ScriptedPeer>(std::move(wire), std::move(handshake).finalize());
+    }
+    [[nodiscard]] Task<> takeOnePieceOnTheTablet() {
+        platform::Stream* stream = nullptr;
+        const auto tablet = co_await acceptOnTheTablet(stream);
+        const auto offer = co_await tablet->expect<Row::FileOffer>();
+        transferId_ = offer.transfer_id;
+        co_await tablet->send(Row::resume(offer.transfer_id, 0));
+        const DecodedFrame piece = co_await tablet->receive();
+        tabletHas_ = static_cast<std::int64_t>(std::get<Bytes>(piece).size());
+        stream->abort();
+    }
+    [[nodiscard]] Task<> takeTheRestOnTheTablet() {
+        platform::Stream* stream = nullptr;
+        const auto tablet = co_await acceptOnTheTablet(stream);
+        const auto offer = co_await tablet->expect<Row::FileOffer>();
+        EXPECT_EQ(transferId_, offer.transfer_id);
+        co_await tablet->send(Row::resume(offer.transfer_id, tabletHas_));
+        const Bytes rest = co_await tablet->receiveUntilDone();
+        tabletHas_ += static_cast<std::int64_t>(rest.size());
+        tablet->close();
+    }
     [[nodiscard]] Task<bool> answerAfter(double seconds, bool isYes) {
         co_await world_.clock.sleep(seconds);
         co_return isYes;
@@ -30,6 +72,11 @@ protected:
         EXPECT_LT(before, alive) << "that it is alive is said until the last moment";
         EXPECT_TRUE(outboxEvents_.of(What::waiting).empty()) << "the send was cut off, which is no failure";
     }
+
+    static constexpr std::uint16_t tabletPort = 7002;
+    platform::PrivateKey tabletKey_ = platform::PrivateKey::generate();
+    std::string transferId_;     ///< of what the tablet was offered first
+    std::int64_t tabletHas_ = 0; ///< bytes
 };
 
 // Receiving
@@ -61,22 +108,89 @@ TEST_F(ServiceTest, AnUnknownKeyIsRefused) {
     EXPECT_THAT(events_.all, ElementsAre("known 1", "listening 7100, phones 1")) << "nobody was authenticated";
 }
 
-TEST_F(ServiceTest, APhoneThatIsPairedMeanwhileIsServed) {
+TEST_F(ServiceTest, APhoneCountsFromTheMomentItIsRecorded) {
     pair({});
     start();
     EXPECT_EQ("known 0", events_.all.front());
+    EXPECT_TRUE(world_.run(phone()->seesTheEnd()));
+    settle();
+    EXPECT_THAT(events_.failures, ElementsAre(HasSubstr("remote pubkey")));
     pair({world_.phoneRecord()});
     deliver("a.txt");
     EXPECT_EQ("content of a.txt", received("a.txt"));
+    EXPECT_EQ("Pixel-8", events_.files.at(0).from);
 }
 
-TEST_F(ServiceTest, AFileOfPhonesThatCannotBeReadIsReportedAndThoseKnownBeforeAreServed) {
+TEST_F(ServiceTest, AStoreThatBecomesRubbishLeavesThePhonesThatWereKnown) {
+    const auto reports = [this] {
+        return std::ranges::count_if(events_.all,
+                                     [](const std::string& text) { return text.starts_with("unreadable: "); });
+    };
     start();
-    world_.files.put(dataFolder / "peer.json", "{");
-    deliver("a.txt");
-    EXPECT_EQ("content of a.txt", received("a.txt"));
-    EXPECT_EQ(1, std::ranges::count_if(events_.all,
-                                       [](const std::string& text) { return text.starts_with("unreadable: "); }));
+    const std::string good = world_.files.content(dataFolder / "peer.json").value();
+    world_.files.put(dataFolder / "peer.json", "{nonsense");
+    for (const char* name : {"a.txt", "b.txt"}) {
+        deliver(name);
+        EXPECT_EQ("content of " + std::string(name), received(name));
+        EXPECT_EQ(Receiver::unknownPeer, events_.files.back().from);
+    }
+    EXPECT_EQ(1, reports()) << "once for each change";
+    world_.files.put(dataFolder / "peer.json", "{other nonsense");
+    deliver("c.txt");
+    EXPECT_EQ("content of c.txt", received("c.txt"));
+    EXPECT_EQ(2, reports());
+    EXPECT_EQ("{other nonsense", world_.files.content(dataFolder / "peer.json"));
+    world_.files.put(dataFolder / "peer.json", good);
+    deliver("d.txt");
+    EXPECT_EQ("Pixel-8", events_.files.back().from);
+    PeerRecord tablet = world_.phoneRecord();
+    const platform::PrivateKey tabletKey = platform::PrivateKey::generate();
+    tablet.peer_pubkey = tabletKey.publicKey().base64();
+    tablet.peer_hostname = "Tablet";
+    pair({world_.phoneRecord(), tablet});
+    world_.run(deliverOn(*connectAs(tabletKey), "e.txt"));
+    settle();
+    EXPECT_EQ("Tablet", events_.files.back().from);
+}
+
+TEST_F(ServiceTest, EachConnectionOfAPhoneThatBreaksIsReported) {
+    start();
+    for (std::size_t i = 1; i <= 7; ++i) {
+        const auto from = phone();
+        world_.run(from->send(Row::fileOffer("a.txt", 10, "text/plain", "ID")));
+        static_cast<void>(world_.run(from->expect<Row::Resume>()));
+        from->close();
+        settle();
+        EXPECT_EQ(i, events_.failures.size());
+    }
+    deliver("b.txt");
+    EXPECT_EQ("content of b.txt", received("b.txt"));
+}
+
+TEST_F(ServiceTest, ADiskThatIsFullOrReadOnlyEndsOneFileAndNotTheService) {
+    settings_.downloadLimits.keepFreeBytes = 0;
+    start();
+    for (const auto& [operation, number, reason] :
+         {std::tuple(fakes::Operation::write, ENOSPC, "No space left on device"),
+          std::tuple(fakes::Operation::open, EROFS, "Read-only file system")}) {
+        world_.files.addFault({.operation = operation, .errorNumber = number, .nameEnding = "a.txt.partial"});
+        events_.failures.clear();
+        const auto from = phone();
+        world_.run(from->send(Row::fileOffer("a.txt", 4, "text/plain", "ID")));
+        try {
+            static_cast<void>(world_.run(from->expect<Row::Resume>()));
+            world_.run(from->sendBinary(toBytes(std::string("half"))));
+            world_.run(from->send(Row::done()));
+        } catch (const WireConnection::Error&) {
+            // it has ended the connection
+        }
+        settle();
+        EXPECT_THAT(events_.failures, ElementsAre(HasSubstr(reason)));
+        EXPECT_FALSE(world_.files.exists(downloads / "a.txt"));
+        world_.files.clearFaults();
+        deliver("b.txt");
+        EXPECT_EQ("content of b.txt", received("b.txt"));
+    }
 }
 
 TEST_F(ServiceTest, APhoneRemovesThisComputer) {
@@ -217,6 +331,36 @@ TEST_F(ServiceTest, SendsAtOnceToAPhoneWhoseRecordChanges) {
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
 }
 
+TEST_F(ServiceTest, OnePhonesSuccessLeavesAnotherItsResume) {
+    constexpr std::int64_t size = 5 << 20;
+    PeerRecord tablet = world_.phoneRecord();
+    tablet.peer_pubkey = tabletKey_.publicKey().base64();
+    tablet.peer_hostname = "Tablet";
+    tablet.peer_port = tabletPort;
+    pair({world_.phoneRecord(), tablet});
+    share("a.bin", {{world_.phoneRecord().peer_pubkey, tablet.peer_pubkey}});
+    world_.files.put(outbox / batch / "a.bin", std::string(size, 'x'));
+    world_.alongside(take());
+    world_.alongside(takeOnePieceOnTheTablet());
+    start();
+    pass(1);
+    ASSERT_THAT(taken_, testing::SizeIs(1));
+    ASSERT_GT(tabletHas_, 0);
+    ASSERT_EQ(1U, outboxEvents_.of(What::waiting).size());
+    EXPECT_EQ("Tablet", outboxEvents_.of(What::waiting)[0].to);
+    EXPECT_TRUE(world_.files.exists(outbox / batch / "a.bin"));
+    const std::int64_t before = tabletHas_;
+    world_.alongside(takeTheRestOnTheTablet());
+    pass(10);
+    EXPECT_EQ(size, tabletHas_);
+    const auto sent = outboxEvents_.of(What::sent);
+    ASSERT_EQ(2U, sent.size()) << "the phone gets nothing twice";
+    EXPECT_EQ("Tablet", sent[1].to);
+    EXPECT_EQ(before, sent[1].resumedFromOffset);
+    EXPECT_FALSE(world_.files.exists(outbox / batch));
+    EXPECT_THAT(taken_, testing::SizeIs(1));
+}
+
 // What it looks after
 
 TEST_F(ServiceTest, KeepsTheShareSheetsListInStep) {
@@ -302,6 +446,7 @@ TEST_F(ServiceTest, DoesNotStartWithALockThatCannotBeOpened) {
     world_.files.addFault({.operation = fakes::Operation::open, .errorNumber = EACCES, .nameEnding = "service.lock"});
     start();
     EXPECT_EQ("cannot lock " + (dataFolder / "service.lock").string() + ": Permission denied", problem());
+    EXPECT_EQ("Make this file and its folder writable for this account.", hint());
     world_.files.clearFaults();
 }
 
@@ -363,15 +508,44 @@ TEST_F(ServiceTest, EndsInOrder) {
     EXPECT_EQ(0U, world_.clock.pendingAlarms()) << "nothing of it is left";
 }
 
-TEST_F(ServiceTest, EndsInTheSameOrderWhenItIsCancelledAtOnce) {
+TEST_F(ServiceTest, EndsInTheSameOrderWhenItsPortFails) {
+    share("a.txt");
+    start();
+    pass(1);
+    world_.network.acceptErrno = EBADF;
+    static_cast<void>(world_.run(world_.network.connect("203.0.113.1", port, world_.context.get_executor())));
+    pass(1);
+    EXPECT_TRUE(hasEnded_);
+    EXPECT_THAT(problem(), HasSubstr("Bad file descriptor"));
+    EXPECT_EQ("stopping", events_.all.at(events_.all.size() - 2));
+    EXPECT_EQ("finish", events_.all.back());
+    EXPECT_FALSE(world_.local.isOpen(controlPath));
+    EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
+    EXPECT_EQ(0U, world_.clock.pendingAlarms());
+}
+
+TEST_F(ServiceTest, OpensNothingIfItIsCancelledBeforeItHasBegun) {
     service_.emplace(home_, world_.computerKey, settings_, events_, outboxEvents_);
     hasEnded_ = false;
     platform::spawn(world_.context.get_executor(), service_->run(), stop_.slot(),
                     [this](const std::exception_ptr& /*error*/) { hasEnded_ = true; });
-    cancel();
     stop();
-    EXPECT_FALSE(world_.network.isOpen(port));
+    EXPECT_THAT(world_.network.listens, IsEmpty());
+    EXPECT_THAT(events_.all, IsEmpty());
     EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
+}
+
+TEST_F(ServiceTest, EndsAtOnceWhileItWaitsForItsLock) {
+    world_.files.put(dataFolder / "service.lock", "");
+    const std::unique_ptr<platform::File> look =
+        world_.files.open(dataFolder / "service.lock", platform::OpenMode::read);
+    ASSERT_TRUE(look->tryLock());
+    start();
+    EXPECT_FALSE(hasEnded_);
+    stop();
+    EXPECT_EQ("", problem());
+    EXPECT_EQ(0, world_.clock.elapsed());
+    EXPECT_THAT(events_.all, IsEmpty());
 }
 
 } // namespace

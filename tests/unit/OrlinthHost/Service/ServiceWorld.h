@@ -181,10 +181,11 @@ protected:
         return world_.files.content(downloads / name).value_or("(no file)");
     }
 
-    /// A batch for the only phone, complete, without anybody being told.
-    void share(const std::string& name) {
+    /// A batch of one file, complete, without anybody being told; for the only phone, or for these.
+    void share(const std::string& name, std::optional<std::vector<std::string>> phones = std::nullopt) {
         world_.files.put(outbox / batch / name, "content of " + name);
-        const ShareOutbox::Manifest manifest{.id = batch, .createdAtMs = 1000, .files = {name}, .targetPubkeys = {}};
+        const ShareOutbox::Manifest manifest{
+            .id = batch, .createdAtMs = 1000, .files = {name}, .targetPubkeys = std::move(phones)};
         world_.files.put(outbox / batch / "manifest.json", compactJson(manifest.toJson()));
     }
     void ring() { ShareOutbox::postPending(world_.signals); }
