@@ -149,8 +149,8 @@ private:
 
 /// One run of the XX pattern, from either end.
 ///
-///     initiator   0 --write--> 1 --read---> 2 --write--> 3, done
-///     responder   0 --read---> 1 --write--> 2 --read---> 3, done
+///     initiator   message1 ──write──▶ message2 ──read───▶ message3 ──write──▶ complete
+///     responder   message1 ──read───▶ message2 ──write──▶ message3 ──read───▶ complete
 ///
 /// A call that fails leaves the step, but the hash may have taken in part of the message: after any error the handshake
 /// is abandoned and the connection closed.
@@ -173,7 +173,7 @@ public:
     /// @throws NoiseError (messageTooShort, decrypt, ... ); platform::CryptoError
     [[nodiscard]] Bytes readMessage(ByteView message);
 
-    [[nodiscard]] bool isComplete() const noexcept { return done_; }
+    [[nodiscard]] bool isComplete() const noexcept { return step_ == Step::complete; }
     [[nodiscard]] ByteView handshakeHash() const noexcept { return symmetric_.h(); }
     /// Known once message 2 (initiator) or 3 (responder) was read. Not to be trusted before finalize().
     [[nodiscard]] std::optional<platform::PublicKey> remoteStaticPublicKey() const noexcept { return remoteStatic_; }
@@ -182,6 +182,18 @@ public:
     [[nodiscard]] NoiseTransport finalize() &&;
 
 private:
+    /// What comes next; the numbers are those in the text of NoiseError::wrongStep.
+    enum class Step {
+        message1 = 0, ///< the initiator's ephemeral key
+        message2 = 1, ///< the responder's ephemeral key, and its static key, sealed
+        message3 = 2, ///< the initiator's static key, sealed
+        complete = 3  ///< nothing: both have proved their keys, and finalize() may be called
+    };
+
+    /// @throws NoiseError::alreadyComplete; wrongStep unless it is this side's turn to do `op`
+    void requireTurn(NoiseRole writer, std::string_view op) const;
+    void advance() noexcept;
+    [[nodiscard]] NoiseRole other() const noexcept;
     void writeE(Bytes& out);
     void readE(ByteView message, std::size_t& cursor);
     [[nodiscard]] Bytes readEncrypted(ByteView message, std::size_t& cursor, std::size_t plaintextLen);
@@ -197,8 +209,7 @@ private:
     std::optional<platform::PublicKey> remoteEphemeral_;
     std::optional<platform::PublicKey> remoteStatic_;
     SymmetricState symmetric_;
-    int step_ = 0;
-    bool done_ = false;
+    Step step_ = Step::message1;
 };
 
 } // namespace orlinth
