@@ -81,7 +81,7 @@ Task<PairingPayload> findPairingComputer(platform::System& system, std::string c
 }
 
 PairSearchError PairSearchError::unavailable(const std::string& text) {
-    return {Case::unavailable, "cannot look for computers on the network: " + text};
+    return {Case::unavailable, "cannot look for computers on the network: ", text};
 }
 PairSearchError PairSearchError::notFound() {
     return {Case::notFound, "no computer with this code is in pair mode on this network"};

@@ -47,15 +47,11 @@ NoiseError NoiseError::messageTooShort(std::size_t expected, std::size_t actual)
 }
 
 NoiseError NoiseError::decrypt(const std::string& text) {
-    NoiseError error(Case::decrypt, "noise decrypt failed: " + text);
-    error.detail_ = text;
-    return error;
+    return {Case::decrypt, "noise decrypt failed: ", text};
 }
 
 NoiseError NoiseError::malformedKeyMaterial(const std::string& text) {
-    NoiseError error(Case::malformedKeyMaterial, "noise key material malformed: " + text);
-    error.detail_ = text;
-    return error;
+    return {Case::malformedKeyMaterial, "noise key material malformed: ", text};
 }
 
 NoiseError NoiseError::notComplete() {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Bytes.h"
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "platform/Crypto.h"
 
 #include <functional>
@@ -23,7 +23,7 @@ enum class NoiseRole { initiator, responder };
 /// "initiator" or "responder".
 [[nodiscard]] std::string_view name(NoiseRole role) noexcept;
 
-class NoiseError : public Error {
+class NoiseError : public CaseError<NoiseError> {
 public:
     enum class Case { wrongStep, messageTooShort, decrypt, malformedKeyMaterial, notComplete, alreadyComplete };
 
@@ -35,7 +35,6 @@ public:
     [[nodiscard]] static NoiseError notComplete();
     [[nodiscard]] static NoiseError alreadyComplete();
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of wrongStep: who was asked, at which step, and for what ("writeMessage", "readMessage").
     [[nodiscard]] NoiseRole role() const noexcept { return role_; }
     [[nodiscard]] int step() const noexcept { return step_; }
@@ -43,18 +42,15 @@ public:
     /// Of messageTooShort, in bytes.
     [[nodiscard]] std::size_t expected() const noexcept { return expected_; }
     [[nodiscard]] std::size_t actual() const noexcept { return actual_; }
-    /// Of decrypt and malformedKeyMaterial: what is behind the prefix.
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:
-    NoiseError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
-    Case case_;
+    NoiseError(Case which, const std::string& prefix, const std::string& detail = {})
+        : CaseError(which, prefix, detail) {}
     NoiseRole role_ = NoiseRole::initiator;
     int step_ = 0;
     std::string op_;
     std::size_t expected_ = 0;
     std::size_t actual_ = 0;
-    std::string detail_;
 };
 
 /// HKDF of Noise (rev. 34 §4.3): RFC 5869 with salt `ck` and empty info, cut into `numOutputs` pieces of 32 bytes.
