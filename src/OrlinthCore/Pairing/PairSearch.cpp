@@ -24,10 +24,7 @@ Task<std::vector<platform::ServiceRecord>> look(platform::System& system) {
     try {
         co_return co_await system.services.find(PairCode::serviceType, secondsOfOneLook);
     } catch (const platform::SystemError& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        throw PairSearchError::unavailable(error.description());
+        throw PairSearchError::unavailable(platform::textOfFailure(error));
     }
 }
 
