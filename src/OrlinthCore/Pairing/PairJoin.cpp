@@ -141,8 +141,7 @@ CheckedPayload checkPayload(const PairingPayload& payload, const platform::Publi
     computer.peer_mac = payload.peer_mac;
     try {
         // the same fields and rules, but that nothing is optional
-        PairIntroduction::Decoded decoded =
-            PairIntroduction::decodeFrom("", PairIntroduction::encode(computer), ownKey);
+        PairIntroduction::Decoded decoded = PairIntroduction::check(computer, ownKey);
         if (!decoded.leftOut.empty()) {
             throw PairJoinError::payload(decoded.leftOut.front());
         }
