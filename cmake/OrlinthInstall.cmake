@@ -14,10 +14,13 @@ install(TARGETS OrlinthCore orlinth_platform orlinth_base orlinth_asio EXPORT Or
         ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(EXPORT OrlinthTargets NAMESPACE Orlinth:: DESTINATION "${packageDir}")
 
-foreach(layer base platform OrlinthCore)
-  install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/${layer}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/orlinth"
-          FILES_MATCHING PATTERN "*.h")
-endforeach()
+install(CODE "
+  set(ORLINTH_SOURCE \"${PROJECT_SOURCE_DIR}\")
+  set(ORLINTH_STAGE \"${PROJECT_BINARY_DIR}/headers\")
+  cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX NORMALIZE OUTPUT_VARIABLE ORLINTH_INCLUDEDIR)
+  cmake_path(APPEND ORLINTH_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+")
+install(SCRIPT "${PROJECT_SOURCE_DIR}/cmake/OrlinthHeaders.cmake")
 
 configure_package_config_file("${PROJECT_SOURCE_DIR}/packaging/OrlinthConfig.cmake.in"
   "${PROJECT_BINARY_DIR}/OrlinthConfig.cmake" INSTALL_DESTINATION "${packageDir}")

@@ -110,7 +110,7 @@ void ShareViewController::presentPicker() {
     SharePickerView& shown = *picker;
     shown.build(files_.size(), nameOf(files_.front()));
     shown.onSend = [this](std::vector<std::string> keys) {
-        if (isStaging_) {
+        if (step_ != Step::choosing) {
             return; // pressed twice before it was gone
         }
         presentStatus(QStringLiteral("Sending…"));
@@ -143,10 +143,10 @@ void ShareViewController::present(std::unique_ptr<QWidget> next, int height) {
 }
 
 void ShareViewController::stage(std::optional<std::vector<std::string>> targetPubkeys) {
-    if (isStaging_ || request_.hasEnded()) {
+    if (step_ != Step::choosing || request_.hasEnded()) {
         preconditionFailed("a request is staged once");
     }
-    isStaging_ = true;
+    step_ = Step::staging;
     targets_ = std::move(targetPubkeys);
     pool_.start([this] { openBatch(); });
 }
@@ -260,10 +260,10 @@ void ShareViewController::dismiss() {
 }
 
 void ShareViewController::finish() {
-    if (isFinished_) {
+    if (step_ == Step::finished) {
         return;
     }
-    isFinished_ = true;
+    step_ = Step::finished;
     view_->hide();
     QTimer::singleShot(0, this, [this] {
         if (onFinished) {

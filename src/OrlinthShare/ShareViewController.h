@@ -79,6 +79,15 @@ public:
     [[nodiscard]] QWidget* presented() const noexcept { return presented_; }
 
 private:
+    /// How far the sheet is.
+    ///
+    ///     choosing ──stage()──▶ staging ──the request has ended, and was seen──▶ finished
+    ///         └────────────────── cancelled, or failed ─────────────────────────────▲
+    enum class Step {
+        choosing, ///< nothing is staged: files are looked at, the user chooses, or a failure is shown
+        staging,  ///< the request's one batch is being made, or how that ended is shown
+        finished  ///< the window is closed, and onFinished comes, or has come
+    };
     /// How far a batch is. Whoever leaves `open` decides what becomes of it.
     enum class Progress {
         open,    ///< files are looked at and copied, or will be
@@ -110,12 +119,11 @@ private:
     std::vector<ShareOutbox::SharePeer> peers_;
     std::vector<platform::Path> files_;
     std::optional<std::vector<std::string>> targets_;
-    bool isStaging_ = false;
+    Step step_ = Step::choosing;
     std::unique_ptr<ShareStaging> staging_; ///< the pool's, until it has no more to do
     std::atomic<bool> hasBatch_ = false;    ///< staging_ is set
     std::atomic<std::size_t> copiesLeft_ = 0;
     std::atomic<Progress> progress_ = Progress::open;
-    bool isFinished_ = false;
     QElapsedTimer statusShown_;
     QThreadPool pool_; ///< its threads use what is above
 };

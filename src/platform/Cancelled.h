@@ -22,4 +22,8 @@ public:
 /// Only in the handler that has caught `error`.
 [[nodiscard]] std::string textOfFailure(const std::exception& error);
 
+/// In the handler of what awaiting something of Asio's has thrown, whose own errors come as codes: Cancelled if the
+/// task had been cancelled before it came there; anything else is thrown on.
+[[noreturn]] void throwFromAwait(const std::exception& error);
+
 } // namespace orlinth::platform

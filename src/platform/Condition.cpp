@@ -27,10 +27,7 @@ Task<> Condition::nextChange() {
     try {
         co_await timer_->async_wait(asio::experimental::as_tuple(asio::use_awaitable));
     } catch (const std::exception& error) {
-        if (isCancellation(error)) {
-            throw Cancelled(); // the task was cancelled before it came here
-        }
-        throw;
+        throwFromAwait(error);
     }
     const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
     if (state.cancelled() != asio::cancellation_type::none) {

@@ -12,9 +12,7 @@ namespace orlinth::platform {
 /// Sleeps; returns whether the time has passed, false if the sleep was cancelled (the other side of a race has won).
 [[nodiscard]] Task<bool> sleepUnlessCancelled(Clock& clock, double seconds);
 
-namespace detail {
-
-/// Runs the operation and settles `outcome` with what comes of it, so that nothing escapes into the race.
+/// Runs the operation and settles `outcome` with what comes of it; nothing escapes. `outcome` outlives the task.
 template <typename T>
 [[nodiscard]] Task<> settle(OneShot<T>& outcome, Task<T> operation) {
     std::exception_ptr error;
@@ -28,6 +26,8 @@ template <typename T>
         outcome.fail(error);
     }
 }
+
+namespace detail {
 
 template <typename T>
 [[nodiscard]] Task<> settleLate(OneShot<T>& outcome, Clock& clock, double seconds, std::exception_ptr error) {
@@ -49,11 +49,11 @@ template <typename T>
 [[nodiscard]] Task<> settleFirst(OneShot<T>& outcome, Clock& clock, double seconds, std::exception_ptr onTimeout,
                                  Task<T> operation) {
     if (seconds <= 0) {
-        co_await detail::settle(outcome, std::move(operation));
+        co_await settle(outcome, std::move(operation));
         co_return;
     }
     using namespace asio::experimental::awaitable_operators;
-    Task<> run = detail::settle(outcome, std::move(operation));
+    Task<> run = settle(outcome, std::move(operation));
     Task<> alarm = detail::settleLate(outcome, clock, seconds, std::move(onTimeout));
     co_await (std::move(run) || std::move(alarm));
 }

@@ -45,6 +45,22 @@ std::string textOfFailure(const std::exception& error) {
     return describe(error);
 }
 
+void throwFromAwait(const std::exception& error) {
+    if (isCancellation(error)) {
+        throw Cancelled();
+    }
+    throw;
+}
+
+void throwIfFailed(const std::error_code& code) {
+    if (code == asio::error::operation_aborted) {
+        throw Cancelled();
+    }
+    if (code) {
+        throw SystemError(code);
+    }
+}
+
 bool isShortage(const std::error_code& code) noexcept {
     return code == std::errc::too_many_files_open || code == std::errc::too_many_files_open_in_system ||
            code == std::errc::no_buffer_space || code == std::errc::not_enough_memory ||

@@ -24,6 +24,9 @@ private:
     std::error_code code_;
 };
 
+/// What a wait of Asio's has ended with: nothing for no error. @throws Cancelled; SystemError
+void throwIfFailed(const std::error_code& code);
+
 /// Whether the system has run out of something, which passes by itself when others have given some of it back:
 /// descriptors, buffers, memory, watches of epoll, threads. Not for writing to a disk: there a lack of space is final.
 [[nodiscard]] bool isShortage(const std::error_code& code) noexcept;

@@ -27,9 +27,9 @@ target_link_libraries(consumer PRIVATE Orlinth::OrlinthCore)
 
 # Ten lines, and something of every layer: base, the crypto of platform/linux, and the core.
 PROGRAM = """\
-#include <OrlinthCore/Receiving/CollisionResolver.h>
-#include <base/Hex.h>
-#include <platform/Crypto.h>
+#include <orlinth/OrlinthCore/Receiving/CollisionResolver.h>
+#include <orlinth/base/Hex.h>
+#include <orlinth/platform/Crypto.h>
 
 #include <iostream>
 
@@ -41,9 +41,9 @@ int main() {
 
 # The same from a coroutine that runs on this machine's event loop: what a host does that receives or sends.
 HOST = """\
-#include <OrlinthCore/Receiving/ReceiveTransfer.h>
-#include <platform/Spawn.h>
-#include <platform/linux/LinuxSystem.h>
+#include <orlinth/OrlinthCore/Receiving/ReceiveTransfer.h>
+#include <orlinth/platform/Spawn.h>
+#include <orlinth/platform/linux/LinuxSystem.h>
 
 #include <iostream>
 
@@ -106,6 +106,19 @@ class InstalledPackage(unittest.TestCase):
         downloads = pathlib.Path(self.folder.name) / "downloads"
         self.assertEqual(run(self.build_consumer("host", HOST), downloads), "timed out\n")
         self.assertTrue(downloads.is_dir())
+
+    def test_the_headers_lie_below_one_folder_and_name_it(self):
+        include = self.prefix / "include"
+        self.assertEqual(["orlinth"], [path.name for path in include.iterdir()])
+        headers = sorted(include.rglob("*.h"))
+        self.assertIn(include / "orlinth" / "OrlinthCore" / "Receiving" / "Receiver.h", headers)
+        for header in headers:
+            for named in re.findall(r'(?m)^\s*#\s*include\s*"([^"]+)"', header.read_text(encoding="utf-8")):
+                self.assertTrue(named.startswith("orlinth/") and (include / named).is_file(), f"{header}: {named}")
+
+    def test_of_the_code_for_linux_a_host_sees_what_it_makes_in_its_main(self):
+        linux = self.prefix / "include" / "orlinth" / "platform" / "linux"
+        self.assertEqual(["LinuxSystem.h"], sorted(path.name for path in linux.iterdir()))
 
     def test_the_installed_program_runs(self):
         data = pathlib.Path(self.folder.name) / "data"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "platform/NetworkInterfaces.h"
 
 #include <optional>
@@ -8,7 +8,7 @@
 
 namespace orlinth {
 
-class DeviceInfoError : public Error {
+class DeviceInfoError : public CaseError<DeviceInfoError> {
 public:
     enum class Case { getifaddrsFailed, macNotFound, noActiveInterface };
 
@@ -17,14 +17,12 @@ public:
     [[nodiscard]] static DeviceInfoError macNotFound(const std::string& interface);
     [[nodiscard]] static DeviceInfoError noActiveInterface();
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of getifaddrsFailed; else 0.
     [[nodiscard]] std::int32_t number() const noexcept { return number_; }
 
 private:
-    DeviceInfoError(Case which, std::string description, std::int32_t number = 0)
-        : Error(std::move(description)), case_(which), number_(number) {}
-    Case case_;
+    DeviceInfoError(Case which, const std::string& description, std::int32_t number = 0)
+        : CaseError(which, description), number_(number) {}
     std::int32_t number_;
 };
 

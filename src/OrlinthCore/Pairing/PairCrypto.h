@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "base/SecretBytes.h"
 #include "platform/Crypto.h"
 
@@ -41,22 +41,15 @@ public:
 };
 
 /// What PairCrypto throws.
-class PairCrypto::Error : public orlinth::Error {
+class PairCrypto::Error : public CaseError<PairCrypto::Error> {
 public:
     enum class Case { open, ciphertextTooShort };
 
     [[nodiscard]] static Error open(const std::string& text);
     [[nodiscard]] static Error ciphertextTooShort();
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-    /// What is behind the prefix; "" for the cases without.
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
-
 private:
-    Error(Case which, const std::string& prefix, const std::string& detail = {})
-        : orlinth::Error(prefix + detail), case_(which), detail_(detail) {}
-    Case case_;
-    std::string detail_;
+    Error(Case which, const std::string& prefix, const std::string& detail = {}) : CaseError(which, prefix, detail) {}
 };
 
 } // namespace orlinth

@@ -4,6 +4,7 @@
 #include "platform/IpAddress.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 
 namespace orlinth {
@@ -28,14 +29,60 @@ std::string checkedText(const char* key, std::string text, std::size_t maxBytes)
     return text;
 }
 
-std::string requiredText(const Json& json, const char* key, std::size_t maxBytes) {
-    return checkedText(key, requireString(json, key), maxBytes);
+/// A text of an introduction.
+struct Field {
+    const char* key;
+    std::string PeerRecord::* text;
+    std::size_t maxBytes;
+};
+
+constexpr std::size_t keyTextBytes = 44;
+constexpr Field keyField{"peer_pubkey", &PeerRecord::peer_pubkey, keyTextBytes};
+constexpr Field addressField{"peer_ip", &PeerRecord::peer_ip, PairIntroduction::maxFieldBytes};
+constexpr Field nameField{"peer_hostname", &PeerRecord::peer_hostname, PairIntroduction::maxHostnameBytes};
+constexpr std::array optionalFields{
+    Field{"peer_subnet", &PeerRecord::peer_subnet, PairIntroduction::maxFieldBytes},
+    Field{"peer_mac", &PeerRecord::peer_mac, PairIntroduction::maxFieldBytes},
+    Field{"peer_fcm_token", &PeerRecord::peer_fcm_token, PairIntroduction::maxTokenBytes},
+    Field{"peer_android", &PeerRecord::peer_android, PairIntroduction::maxFieldBytes},
+};
+
+/// What somebody says of himself as JSON. @throws JsonError
+class JsonClaims {
+public:
+    explicit JsonClaims(const Json& json) : json_(json) {}
+    [[nodiscard]] std::string required(const Field& field) const { return requireString(json_, field.key); }
+    [[nodiscard]] std::string optional(const Field& field) const {
+        return optionalString(json_, field.key).value_or("");
+    }
+    [[nodiscard]] std::int64_t port() const { return requireInt64(json_, "peer_port"); }
+
+private:
+    const Json& json_;
+};
+
+/// The same as a record.
+class RecordClaims {
+public:
+    explicit RecordClaims(const PeerRecord& record) : record_(record) {}
+    [[nodiscard]] std::string required(const Field& field) const { return toUtf8(record_.*field.text); }
+    [[nodiscard]] std::string optional(const Field& field) const { return required(field); }
+    [[nodiscard]] std::int64_t port() const { return record_.peer_port; }
+
+private:
+    const PeerRecord& record_;
+};
+
+template <typename Claims>
+std::string requiredText(const Claims& claims, const Field& field) {
+    return checkedText(field.key, claims.required(field), field.maxBytes);
 }
 
 /// "" where it cannot be used, with the objection in `leftOut`.
-std::string optionalText(const Json& json, const char* key, std::size_t maxBytes, std::vector<std::string>& leftOut) {
+template <typename Claims>
+std::string optionalText(const Claims& claims, const Field& field, std::vector<std::string>& leftOut) {
     try {
-        return checkedText(key, optionalString(json, key).value_or(""), maxBytes);
+        return checkedText(field.key, claims.optional(field), field.maxBytes);
     } catch (const JsonError& error) {
         leftOut.push_back(error.description());
     } catch (const PairIntroductionError& error) {
@@ -54,13 +101,14 @@ void checkKey(const std::string& text, const PublicKey& ownKey) {
     }
 }
 
-PairIntroduction::Decoded decodedOf(const Json& json, const std::string& connectionAddress, const PublicKey& ownKey) {
-    constexpr std::size_t keyTextBytes = 44;
+template <typename Claims>
+PairIntroduction::Decoded decodedOf(const Claims& claims, const std::string& connectionAddress,
+                                    const PublicKey& ownKey) {
     PairIntroduction::Decoded decoded;
     PeerRecord& record = decoded.record;
-    record.peer_pubkey = requiredText(json, "peer_pubkey", keyTextBytes);
+    record.peer_pubkey = requiredText(claims, keyField);
     checkKey(record.peer_pubkey, ownKey);
-    record.peer_ip = requiredText(json, "peer_ip", PairIntroduction::maxFieldBytes);
+    record.peer_ip = requiredText(claims, addressField);
     if (trimmed(record.peer_ip).empty() && !connectionAddress.empty()) {
         record.peer_ip = connectionAddress;
         decoded.hasConnectionAddress = true;
@@ -68,18 +116,17 @@ PairIntroduction::Decoded decodedOf(const Json& json, const std::string& connect
     if (const std::optional<std::string> objection = objectionToAddress(record.peer_ip)) {
         refuse("peer_ip", *objection);
     }
-    record.peer_port = requireInt64(json, "peer_port");
+    record.peer_port = claims.port();
     if (record.peer_port < 1 || record.peer_port > std::numeric_limits<std::uint16_t>::max()) {
         refuse("peer_port", "not between 1 and 65535");
     }
-    record.peer_hostname = requiredText(json, "peer_hostname", PairIntroduction::maxHostnameBytes);
+    record.peer_hostname = requiredText(claims, nameField);
     if (trimmed(record.peer_hostname).empty()) {
         refuse("peer_hostname", "blank");
     }
-    record.peer_subnet = optionalText(json, "peer_subnet", PairIntroduction::maxFieldBytes, decoded.leftOut);
-    record.peer_mac = optionalText(json, "peer_mac", PairIntroduction::maxFieldBytes, decoded.leftOut);
-    record.peer_fcm_token = optionalText(json, "peer_fcm_token", PairIntroduction::maxTokenBytes, decoded.leftOut);
-    record.peer_android = optionalText(json, "peer_android", PairIntroduction::maxFieldBytes, decoded.leftOut);
+    for (const Field& field : optionalFields) {
+        record.*field.text = optionalText(claims, field, decoded.leftOut);
+    }
     record.self_pubkey = ownKey.base64();
     return decoded;
 }
@@ -149,7 +196,8 @@ std::optional<std::string> objectionTo(const Ipv6Address& address) {
 PairIntroduction::Decoded PairIntroduction::decodeFrom(const std::string& connectionAddress, ByteView plaintext,
                                                        const PublicKey& ownKey) {
     try {
-        return decodedOf(parseJson(plaintext, maxJsonMessageValues), connectionAddress, ownKey);
+        const Json json = parseJson(plaintext, maxJsonMessageValues);
+        return decodedOf(JsonClaims(json), connectionAddress, ownKey);
     } catch (const JsonError& error) {
         throw PairIntroductionError(error.description());
     }
@@ -157,6 +205,10 @@ PairIntroduction::Decoded PairIntroduction::decodeFrom(const std::string& connec
 
 PeerRecord PairIntroduction::decode(ByteView plaintext, const PublicKey& ownKey) {
     return decodeFrom("", plaintext, ownKey).record;
+}
+
+PairIntroduction::Decoded PairIntroduction::check(const PeerRecord& claimed, const PublicKey& ownKey) {
+    return decodedOf(RecordClaims(claimed), "", ownKey);
 }
 
 Bytes PairIntroduction::encode(const PeerRecord& self) {

@@ -47,6 +47,9 @@ public:
                                             const platform::PublicKey& ownKey);
     /// The same of an introduction that came from nowhere: its `peer_ip` may not be empty.
     [[nodiscard]] static PeerRecord decode(ByteView plaintext, const platform::PublicKey& ownKey);
+    /// The same of a record that was put together otherwise: its fields are checked as those of an introduction are.
+    /// Bytes of a text that are not UTF-8 become U+FFFD. @throws PairIntroductionError
+    [[nodiscard]] static Decoded check(const PeerRecord& claimed, const platform::PublicKey& ownKey);
     /// The introduction of the one that `self` describes; checks nothing.
     [[nodiscard]] static Bytes encode(const PeerRecord& self);
 };

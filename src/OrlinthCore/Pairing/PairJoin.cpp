@@ -141,8 +141,7 @@ CheckedPayload checkPayload(const PairingPayload& payload, const platform::Publi
     computer.peer_mac = payload.peer_mac;
     try {
         // the same fields and rules, but that nothing is optional
-        PairIntroduction::Decoded decoded =
-            PairIntroduction::decodeFrom("", PairIntroduction::encode(computer), ownKey);
+        PairIntroduction::Decoded decoded = PairIntroduction::check(computer, ownKey);
         if (!decoded.leftOut.empty()) {
             throw PairJoinError::payload(decoded.leftOut.front());
         }
@@ -164,13 +163,13 @@ Task<PairJoinResult> joinPairing(platform::System& system, PairJoinRequest reque
 }
 
 PairJoinError PairJoinError::payload(const std::string& why) {
-    return {Case::payload, "not a usable pairing code: " + why};
+    return {Case::payload, "not a usable pairing code: ", why};
 }
 PairJoinError PairJoinError::connect(const std::string& text) {
-    return {Case::connect, "cannot connect to the computer: " + text};
+    return {Case::connect, "cannot connect to the computer: ", text};
 }
 PairJoinError PairJoinError::send(const std::string& text) {
-    return {Case::send, "cannot send the introduction: " + text};
+    return {Case::send, "cannot send the introduction: ", text};
 }
 PairJoinError PairJoinError::notRead() {
     return {Case::notRead, "the computer has not taken the introduction"};

@@ -2,12 +2,13 @@
 
 #include "OrlinthCore/Pairing/PairingPayload.h"
 #include "OrlinthCore/Peers/PeerRecord.h"
+#include "base/CaseError.h"
 #include "platform/System.h"
 
 namespace orlinth {
 
 /// Why joining failed: the payload cannot be used, or the computer did not take the introduction.
-class PairJoinError : public Error {
+class PairJoinError : public CaseError<PairJoinError> {
 public:
     enum class Case { payload, connect, send, notRead, timedOut };
 
@@ -17,11 +18,9 @@ public:
     [[nodiscard]] static PairJoinError notRead();
     [[nodiscard]] static PairJoinError timedOut();
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-
 private:
-    PairJoinError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
-    Case case_;
+    PairJoinError(Case which, const std::string& prefix, const std::string& detail = {})
+        : CaseError(which, prefix, detail) {}
 };
 
 /// A payload that was looked into: whoever it names could be paired with.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "base/SecretBytes.h"
 #include "platform/System.h"
 
@@ -47,7 +47,7 @@ private:
 };
 
 /// What PairListener throws.
-class PairListener::Error : public orlinth::Error {
+class PairListener::Error : public CaseError<PairListener::Error> {
 public:
     enum class Case {
         listenerStartFailed,
@@ -67,15 +67,8 @@ public:
     [[nodiscard]] static Error timedOut();
     [[nodiscard]] static Error cancelled();
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-    /// What is behind the prefix; "" for the cases without.
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
-
 private:
-    Error(Case which, const std::string& prefix, const std::string& detail = {})
-        : orlinth::Error(prefix + detail), case_(which), detail_(detail) {}
-    Case case_;
-    std::string detail_;
+    Error(Case which, const std::string& prefix, const std::string& detail = {}) : CaseError(which, prefix, detail) {}
 };
 
 } // namespace orlinth

@@ -24,10 +24,7 @@ Task<std::vector<platform::ServiceRecord>> look(platform::System& system) {
     try {
         co_return co_await system.services.find(PairCode::serviceType, secondsOfOneLook);
     } catch (const platform::SystemError& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        throw PairSearchError::unavailable(error.description());
+        throw PairSearchError::unavailable(platform::textOfFailure(error));
     }
 }
 
@@ -81,7 +78,7 @@ Task<PairingPayload> findPairingComputer(platform::System& system, std::string c
 }
 
 PairSearchError PairSearchError::unavailable(const std::string& text) {
-    return {Case::unavailable, "cannot look for computers on the network: " + text};
+    return {Case::unavailable, "cannot look for computers on the network: ", text};
 }
 PairSearchError PairSearchError::notFound() {
     return {Case::notFound, "no computer with this code is in pair mode on this network"};

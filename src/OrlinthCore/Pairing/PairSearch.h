@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Pairing/PairingPayload.h"
+#include "base/CaseError.h"
 #include "platform/System.h"
 
 #include <optional>
@@ -9,7 +10,7 @@
 
 namespace orlinth {
 
-class PairSearchError : public Error {
+class PairSearchError : public CaseError<PairSearchError> {
 public:
     enum class Case { unavailable, notFound, ambiguous };
 
@@ -19,11 +20,9 @@ public:
     /// Several computers match: four digits no longer tell which one is meant.
     [[nodiscard]] static PairSearchError ambiguous();
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-
 private:
-    PairSearchError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
-    Case case_;
+    PairSearchError(Case which, const std::string& prefix, const std::string& detail = {})
+        : CaseError(which, prefix, detail) {}
 };
 
 /// What a service in pair mode says of itself, if it is one that announces this pair code: its "c" is the hash of the

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Bytes.h"
-#include "base/Error.h"
+#include "base/CaseError.h"
 
 namespace orlinth {
 
@@ -24,21 +24,19 @@ public:
 };
 
 /// What PairWire throws.
-class PairWire::Error : public orlinth::Error {
+class PairWire::Error : public CaseError<PairWire::Error> {
 public:
     enum class Case { frameTooLarge, frameTooShort };
 
     [[nodiscard]] static Error frameTooLarge(std::int64_t length);
     [[nodiscard]] static Error frameTooShort();
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of frameTooLarge; else 0.
     [[nodiscard]] std::int64_t length() const noexcept { return length_; }
 
 private:
-    Error(Case which, std::string description, std::int64_t length = 0)
-        : orlinth::Error(std::move(description)), case_(which), length_(length) {}
-    Case case_;
+    Error(Case which, const std::string& description, std::int64_t length = 0)
+        : CaseError(which, description), length_(length) {}
     std::int64_t length_;
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Pairing/DeviceInfo.h"
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "base/SecretBytes.h"
 #include "platform/Crypto.h"
 
@@ -10,7 +10,7 @@
 
 namespace orlinth {
 
-class PairingError : public Error {
+class PairingError : public CaseError<PairingError> {
 public:
     enum class Case { randomBytesFailed, encodingFailed, decodingFailed };
 
@@ -18,21 +18,14 @@ public:
     [[nodiscard]] static PairingError encodingFailed(const std::string& text);
     [[nodiscard]] static PairingError decodingFailed(const std::string& text);
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of randomBytesFailed; else 0.
     [[nodiscard]] std::int32_t status() const noexcept { return status_; }
-    /// Of the two others: what is behind the prefix; else "".
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:
-    PairingError(Case which, const std::string& prefix, const std::string& detail)
-        : Error(prefix + detail), case_(which), detail_(detail) {}
+    PairingError(Case which, const std::string& prefix, const std::string& detail) : CaseError(which, prefix, detail) {}
     explicit PairingError(std::int32_t status)
-        : Error("SecRandomCopyBytes failed (" + std::to_string(status) + ")"),
-          case_(Case::randomBytesFailed),
+        : CaseError(Case::randomBytesFailed, "SecRandomCopyBytes failed (" + std::to_string(status) + ")"),
           status_(status) {}
-    Case case_;
-    std::string detail_;
     std::int32_t status_ = 0;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Pairing/PairingPayload.h"
+#include "base/CaseError.h"
 #include "platform/FileSystem.h"
 #include "platform/Imaging.h"
 
@@ -35,7 +36,7 @@ public:
 };
 
 /// What QRRenderer throws.
-class QRRenderer::Error : public orlinth::Error {
+class QRRenderer::Error : public CaseError<QRRenderer::Error> {
 public:
     enum class Case { decodeFailed, filterFailed, renderFailed, pngFailed };
 
@@ -45,14 +46,12 @@ public:
     /// `reason` is the system's, for example "Permission denied"; the fixed text does not have it.
     [[nodiscard]] static Error pngFailed(std::string reason);
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of pngFailed; else "".
     [[nodiscard]] const std::string& reason() const noexcept { return reason_; }
 
 private:
-    Error(Case which, std::string description, std::string reason = {})
-        : orlinth::Error(std::move(description)), case_(which), reason_(std::move(reason)) {}
-    Case case_;
+    Error(Case which, const std::string& description, std::string reason = {})
+        : CaseError(which, description), reason_(std::move(reason)) {}
     std::string reason_;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "base/Json.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
@@ -50,7 +50,7 @@ struct PeerBook {
     bool operator==(const PeerBook&) const = default;
 };
 
-class PeerStoreError : public Error {
+class PeerStoreError : public CaseError<PeerStoreError> {
 public:
     enum class Case { directoryCreate, write, read, decode };
 
@@ -59,15 +59,9 @@ public:
     [[nodiscard]] static PeerStoreError read(const std::string& text);
     [[nodiscard]] static PeerStoreError decode(const std::string& text);
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-    /// What is behind the prefix.
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
-
 private:
     PeerStoreError(Case which, const std::string& prefix, const std::string& detail)
-        : Error(prefix + detail), case_(which), detail_(detail) {}
-    Case case_;
-    std::string detail_;
+        : CaseError(which, prefix, detail) {}
 };
 
 /// The paired phones, in one JSON file that is read fresh by every call and replaced whole by every change.

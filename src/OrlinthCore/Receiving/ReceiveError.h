@@ -1,11 +1,11 @@
 #pragma once
 
-#include "base/Error.h"
+#include "base/CaseError.h"
 
 namespace orlinth {
 
 /// What the receiving paths throw.
-class ReceiveError : public Error {
+class ReceiveError : public CaseError<ReceiveError> {
 public:
     enum class Case {
         listenerStartFailed,
@@ -19,17 +19,17 @@ public:
     };
 
     [[nodiscard]] static ReceiveError listenerStartFailed(const std::string& text) {
-        return {Case::listenerStartFailed, "listener start failed: " + text};
+        return {Case::listenerStartFailed, "listener start failed: ", text};
     }
-    [[nodiscard]] static ReceiveError wire(const std::string& text) { return {Case::wire, "wire: " + text}; }
+    [[nodiscard]] static ReceiveError wire(const std::string& text) { return {Case::wire, "wire: ", text}; }
     [[nodiscard]] static ReceiveError noiseHandshakeFailed(const std::string& text) {
-        return {Case::noiseHandshakeFailed, "noise handshake failed: " + text};
+        return {Case::noiseHandshakeFailed, "noise handshake failed: ", text};
     }
     [[nodiscard]] static ReceiveError protocolViolation(const std::string& text) {
-        return {Case::protocolViolation, "protocol violation: " + text};
+        return {Case::protocolViolation, "protocol violation: ", text};
     }
     [[nodiscard]] static ReceiveError fileWriteFailed(const std::string& text) {
-        return {Case::fileWriteFailed, "file write failed: " + text};
+        return {Case::fileWriteFailed, "file write failed: ", text};
     }
     [[nodiscard]] static ReceiveError timedOut() { return {Case::timedOut, "timed out"}; }
     [[nodiscard]] static ReceiveError noConnection() { return {Case::noConnection, "no connection arrived"}; }
@@ -37,11 +37,9 @@ public:
         return {Case::unauthorizedPeer, "remote pubkey ≠ paired peer"};
     }
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-
 private:
-    ReceiveError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
-    Case case_;
+    ReceiveError(Case which, const std::string& prefix, const std::string& detail = {})
+        : CaseError(which, prefix, detail) {}
 };
 
 } // namespace orlinth

@@ -30,6 +30,16 @@ constexpr const char* logCategory = "receiver";
 
 /// One connection as the service keeps it.
 struct Session {
+    /// Who ends it.
+    ///
+    ///     open ──end()──▶ cut
+    ///       └─it is settled how it ends──▶ over
+    enum class Course {
+        open, ///< it is served
+        cut,  ///< it is ended from here, for the reason in `cutBecause`
+        over  ///< it comes to an end of its own; nothing from here is the reason any more
+    };
+
     Session(std::uint64_t number, Executor worker, std::string endpoint)
         : identity(number), queue(std::move(worker)), remoteEndpoint(std::move(endpoint)) {}
 
@@ -39,11 +49,10 @@ struct Session {
     platform::Clock::Instant acceptedAt{0};
     std::atomic<bool> hasGreeted = false; ///< the first message of its handshake has come; any thread
     asio::cancellation_signal stop;       ///< on its queue
-    /// Why it was ended from here; on its queue.
-    std::optional<std::string> endedBecause;
-    bool isOver = false;    ///< it has come to an end of its own; on its queue
-    std::string from;       ///< display name of the phone; on its queue
-    std::string peerPubkey; ///< its key, Base64, once it is proved to be a paired one; on its queue
+    Course course = Course::open;         ///< on its queue
+    std::string cutBecause;               ///< likewise
+    std::string from;                     ///< display name of the phone; on its queue
+    std::string peerPubkey;               ///< its key, Base64, once it is proved to be a paired one; on its queue
     /// What goes with the session, which is when the host has been told of its end.
     std::shared_ptr<const void> kept;
     bool isLeaving = false; ///< it had to make room; on the receiver's queue
@@ -58,13 +67,25 @@ enum class Whom { anybody, strangersOnly };
 void end(const SessionRef& session, std::string because, Whom whom = Whom::anybody) {
     asio::post(session->queue, [session, because = std::move(because), whom] {
         const bool hasProvedItself = !session->peerPubkey.empty(); // in this very moment, perhaps
-        const bool isEnding = session->isOver || session->endedBecause;
-        if (!isEnding && !(whom == Whom::strangersOnly && hasProvedItself)) {
-            session->endedBecause = because;
+        const bool isOpen = session->course == Session::Course::open;
+        if (isOpen && !(whom == Whom::strangersOnly && hasProvedItself)) {
+            session->course = Session::Course::cut;
+            session->cutBecause = because;
             session->stop.emit(asio::cancellation_type::terminal);
         }
     });
 }
+
+/// Whose the port is. stop() may come in any state; what ends by itself, by a failure or a cancellation, ends as if
+/// by stop().
+///
+///     ours ───────stepAside()──▶ lent ────comeBack()──────▶ ours
+///     ours, lent ────stop()────▶ ending ──the next run()──▶ ours
+enum class Port {
+    ours,  ///< connections are taken while a run is under way
+    lent,  ///< somebody else needs it for a moment: no more connections are taken, those that are there stay
+    ending ///< the run ends, or has ended: every connection is closed
+};
 
 } // namespace
 
@@ -105,10 +126,9 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     std::atomic<std::uint64_t> lastRun = 0; ///< number of the run() that was called last; any thread
     std::uint64_t stoppedRun = 0;           ///< number of the last one that is to end
     std::uint64_t currentRun = 0;           ///< number of the one that runs, or has run
-    bool isStopping = false;                ///< it ends, or has ended
-    bool isAside = false;
+    Port portState = Port::ours;
     bool isAccepting = false;        ///< the listener is in use, and may be closed but not replaced
-    platform::Condition news{queue}; ///< told of the three before, and of fewer sessions, or fewer that are leaving
+    platform::Condition news{queue}; ///< told of the two before, and of fewer sessions, or fewer that are leaving
     std::uint64_t lastIdentity = 0;
     std::map<std::uint64_t, SessionRef> sessions;
     Strangers strangers{[this](std::uint64_t identity) { return sessions.at(identity)->hasGreeted.load(); }};
@@ -154,7 +174,7 @@ void Receiver::Service::open() {
 void Receiver::Service::stop(std::uint64_t number) {
     stoppedRun = std::max(stoppedRun, number);
     if (currentRun <= stoppedRun) {
-        isStopping = true;
+        portState = Port::ending;
         if (listener) {
             listener->close();
         }
@@ -164,11 +184,12 @@ void Receiver::Service::stop(std::uint64_t number) {
 
 Task<> Receiver::Service::serve(std::shared_ptr<Service> self, std::uint64_t number) {
     self->currentRun = number;
-    self->isStopping = number <= self->stoppedRun;
-    if (self->isStopping) {
+    if (number <= self->stoppedRun) {
+        self->portState = Port::ending;
         self->listener.reset();
         co_return;
     }
+    self->portState = Port::ours;
     if (!self->listener) {
         self->open();
     }
@@ -186,24 +207,22 @@ Task<> Receiver::Service::serve(std::shared_ptr<Service> self, std::uint64_t num
     // Once we are cancelled every further await throws, the next line too, unless this is said first.
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     co_await endAll(self);
-    self->isAside = false; // whoever has stepped aside for somebody comes back with the next run
-    self->news.changed();
     if (failure) {
         std::rethrow_exception(failure);
     }
     self->system.log.write(platform::LogLevel::info, logSubsystem, logCategory, "listener AsyncStream completed");
 }
 
-/// Nobody has borrowed the port, and there is room for another stranger.
+/// The port is ours, and there is room for another stranger.
 bool Receiver::Service::mayAccept() const noexcept {
-    return !isAside && leaving < maxStrangers;
+    return portState == Port::ours && leaving < maxStrangers;
 }
 
 /// Until stop(). A connection is only handed on here, so that the next one never waits for it.
 Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
-    while (!self->isStopping) {
+    while (self->portState != Port::ending) {
         if (!self->mayAccept()) {
-            const auto goesOn = [&service = *self] { return service.isStopping || service.mayAccept(); };
+            const auto goesOn = [&service = *self] { return service.portState == Port::ending || service.mayAccept(); };
             co_await self->news.until(goesOn);
             continue;
         }
@@ -216,7 +235,7 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
             self->admit(std::move(stream));
         } catch (const platform::SystemError& error) {
             isShort = platform::isShortage(error.code());
-            if (!isShort && !self->isStopping && !self->isAside) {
+            if (!isShort && self->portState == Port::ours) {
                 failure = std::make_exception_ptr(Error::listenerStopped(error.description()));
             }
         } catch (...) {
@@ -236,7 +255,7 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
 
 /// Closes the port, ends every connection and waits until the last one is gone.
 Task<> Receiver::Service::endAll(std::shared_ptr<Service> self) {
-    self->isStopping = true;
+    self->portState = Port::ending;
     self->news.changed();
     self->listener.reset();
     self->crowdAlarm.reset();
@@ -250,22 +269,24 @@ Task<> Receiver::Service::endAll(std::shared_ptr<Service> self) {
 }
 
 Task<> Receiver::Service::closePort(std::shared_ptr<Service> self) {
-    self->isAside = true;
+    if (self->portState == Port::ours) {
+        self->portState = Port::lent;
+    }
     if (self->listener) {
         self->listener->close();
     }
-    const auto isClosed = [&service = *self] { return !(service.isAside && service.isAccepting); };
+    const auto isClosed = [&service = *self] { return service.portState == Port::ours || !service.isAccepting; };
     co_await self->news.until(isClosed);
 }
 
 Task<> Receiver::Service::openPort(std::shared_ptr<Service> self) {
     const auto isReady = [&service = *self] { // else stepAside() has not returned yet
-        return !(service.isAside && !service.isStopping && service.isAccepting);
+        return service.portState != Port::lent || !service.isAccepting;
     };
     co_await self->news.until(isReady);
-    if (self->isAside && !self->isStopping) {
+    if (self->portState == Port::lent) {
         self->open();
-        self->isAside = false;
+        self->portState = Port::ours;
         self->news.changed();
     }
 }
@@ -305,7 +326,7 @@ void Receiver::Service::dismiss(std::uint64_t identity) {
 /// A source may have too many for a moment, and not for longer.
 void Receiver::Service::watchCrowds() {
     constexpr double lookAgainSeconds = limits::strangerGraceSeconds / 4;
-    if (!strangers.isCrowded() || isStopping || std::exchange(isCrowdWatched, true)) {
+    if (!strangers.isCrowded() || portState == Port::ending || std::exchange(isCrowdWatched, true)) {
         return;
     }
     crowdAlarm->arm(lookAgainSeconds, [this] { // a timer of our own, which ends with the run
@@ -327,8 +348,8 @@ Task<> Receiver::Service::process(std::shared_ptr<Service> self, SessionRef sess
     } catch (...) {
         error = std::current_exception();
     }
-    if (error && session->endedBecause) {
-        error = std::make_exception_ptr(ReceiveError::wire(*session->endedBecause));
+    if (error && session->course == Session::Course::cut) {
+        error = std::make_exception_ptr(ReceiveError::wire(session->cutBecause));
     }
     asio::post(self->queue, [self, session, outcome = std::move(outcome), error]() mutable {
         self->finish(session, std::move(outcome), error);
@@ -391,7 +412,12 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                         }
                     });
                 },
-            .onOver = [session] { session->isOver = true; },
+            .onOver =
+                [session] {
+                    if (session->course == Session::Course::open) {
+                        session->course = Session::Course::over;
+                    }
+                },
             .onTrouble =
                 [self, session](std::exception_ptr error) {
                     const Failure failure{.error = std::move(error),
@@ -434,7 +460,7 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
     news.changed();
     if (outcome) {
         tell(*outcome);
-    } else if (error && !isStopping) {
+    } else if (error && portState != Port::ending) {
         tellFailure({.error = std::move(error),
                      .remoteEndpoint = session->remoteEndpoint,
                      .from = session->from,
@@ -519,10 +545,10 @@ Task<> Receiver::comeBack() {
 }
 
 Receiver::Error Receiver::Error::listenerStartFailed(const std::string& text) {
-    return {Case::listenerStartFailed, "listener start failed: " + text};
+    return {Case::listenerStartFailed, "listener start failed: ", text};
 }
 Receiver::Error Receiver::Error::listenerStopped(const std::string& text) {
-    return {Case::listenerStopped, "listener stopped: " + text};
+    return {Case::listenerStopped, "listener stopped: ", text};
 }
 
 } // namespace orlinth

@@ -6,6 +6,7 @@
 #include "OrlinthCore/Receiving/ReceivingLimits.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/Sending/ActiveTransfers.h"
+#include "base/CaseError.h"
 #include "platform/System.h"
 
 #include <functional>
@@ -171,18 +172,15 @@ private:
 };
 
 /// What Receiver throws.
-class Receiver::Error : public orlinth::Error {
+class Receiver::Error : public CaseError<Receiver::Error> {
 public:
     enum class Case { listenerStartFailed, listenerStopped };
 
     [[nodiscard]] static Error listenerStartFailed(const std::string& text);
     [[nodiscard]] static Error listenerStopped(const std::string& text);
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-
 private:
-    Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
-    Case case_;
+    Error(Case which, const std::string& prefix, const std::string& detail = {}) : CaseError(which, prefix, detail) {}
 };
 
 } // namespace orlinth

@@ -58,10 +58,8 @@ Task<NoiseTransport> shakeHands(WireConnection& wire, const ReceiverConnectionCo
         co_await exchangeAsResponder(wire, handshake, Receiver::maxHandshakeFrame, context.onGreeting);
         co_return std::move(handshake).finalize();
     } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        throw ReceiveError::noiseHandshakeFailed(alarm.hasRung() ? "not complete in time" : describe(error));
+        const std::string text = platform::textOfFailure(error);
+        throw ReceiveError::noiseHandshakeFailed(alarm.hasRung() ? "not complete in time" : text);
     }
 }
 
@@ -314,7 +312,7 @@ private:
     [[nodiscard]] Task<bool> ask(Receiver::Offer offer) {
         using namespace asio::experimental::awaitable_operators;
         OneShot<bool> answer;
-        Task<> asking = platform::detail::settle(answer, context_.approveOffer(std::move(offer)));
+        Task<> asking = platform::settle(answer, context_.approveOffer(std::move(offer)));
         Task<> watching = watchPhone(answer);
         co_await (std::move(asking) || std::move(watching));
         co_return answer.take();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "platform/Crypto.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
@@ -43,7 +43,7 @@ private:
 };
 
 /// What KeyVault throws.
-class KeyVault::Error : public orlinth::Error {
+class KeyVault::Error : public CaseError<KeyVault::Error> {
 public:
     enum class Case { createDirectory, write, read, malformedKeyMaterial };
 
@@ -53,21 +53,14 @@ public:
     /// `count` is how many bytes the file has.
     [[nodiscard]] static Error malformedKeyMaterial(std::size_t count);
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-    /// What is behind the prefix; "" for malformedKeyMaterial.
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
     /// Of malformedKeyMaterial: the bytes found; else 0.
     [[nodiscard]] std::size_t count() const noexcept { return count_; }
 
 private:
-    Error(Case which, const std::string& prefix, const std::string& detail)
-        : orlinth::Error(prefix + detail), case_(which), detail_(detail) {}
+    Error(Case which, const std::string& prefix, const std::string& detail) : CaseError(which, prefix, detail) {}
     explicit Error(std::size_t count)
-        : orlinth::Error("stored key has wrong length " + std::to_string(count) + " (want 32)"),
-          case_(Case::malformedKeyMaterial),
+        : CaseError(Case::malformedKeyMaterial, "stored key has wrong length " + std::to_string(count) + " (want 32)"),
           count_(count) {}
-    Case case_;
-    std::string detail_;
     std::size_t count_ = 0;
 };
 

@@ -47,15 +47,11 @@ NoiseError NoiseError::messageTooShort(std::size_t expected, std::size_t actual)
 }
 
 NoiseError NoiseError::decrypt(const std::string& text) {
-    NoiseError error(Case::decrypt, "noise decrypt failed: " + text);
-    error.detail_ = text;
-    return error;
+    return {Case::decrypt, "noise decrypt failed: ", text};
 }
 
 NoiseError NoiseError::malformedKeyMaterial(const std::string& text) {
-    NoiseError error(Case::malformedKeyMaterial, "noise key material malformed: " + text);
-    error.detail_ = text;
-    return error;
+    return {Case::malformedKeyMaterial, "noise key material malformed: ", text};
 }
 
 NoiseError NoiseError::notComplete() {
@@ -197,60 +193,75 @@ NoiseHandshake::NoiseHandshake(NoiseRole role, platform::PrivateKey staticKey, B
 }
 
 Bytes NoiseHandshake::writeMessage(ByteView payload) {
-    if (done_) {
-        throw NoiseError::alreadyComplete();
-    }
+    requireTurn(role_, "writeMessage");
     Bytes out;
-    if (role_ == NoiseRole::initiator && step_ == 0) {
+    switch (step_) {
+    case Step::message1:
         writeE(out);
-        append(out, symmetric_.encryptAndHash(payload));
-    } else if (role_ == NoiseRole::responder && step_ == 1) {
+        break;
+    case Step::message2:
         writeE(out);
         mixDH_ee();
         append(out, symmetric_.encryptAndHash(staticKey_.publicKey().raw()));
         mixDH_es();
-        append(out, symmetric_.encryptAndHash(payload));
-    } else if (role_ == NoiseRole::initiator && step_ == 2) {
+        break;
+    case Step::message3:
         append(out, symmetric_.encryptAndHash(staticKey_.publicKey().raw()));
         mixDH_se();
-        append(out, symmetric_.encryptAndHash(payload));
-        done_ = true;
-    } else {
-        throw NoiseError::wrongStep(role_, step_, "writeMessage");
+        break;
+    case Step::complete:
+        throw NoiseError::alreadyComplete();
     }
-    ++step_;
+    append(out, symmetric_.encryptAndHash(payload));
+    advance();
     return out;
 }
 
-Bytes NoiseHandshake::readMessage(ByteView message) {
-    if (done_) {
+void NoiseHandshake::requireTurn(NoiseRole writer, std::string_view op) const {
+    if (step_ == Step::complete) {
         throw NoiseError::alreadyComplete();
     }
+    const NoiseRole whoWrites = step_ == Step::message2 ? NoiseRole::responder : NoiseRole::initiator;
+    if (whoWrites != writer) {
+        throw NoiseError::wrongStep(role_, static_cast<int>(step_), op);
+    }
+}
+
+void NoiseHandshake::advance() noexcept {
+    step_ = static_cast<Step>(static_cast<int>(step_) + 1);
+}
+
+NoiseRole NoiseHandshake::other() const noexcept {
+    return role_ == NoiseRole::initiator ? NoiseRole::responder : NoiseRole::initiator;
+}
+
+Bytes NoiseHandshake::readMessage(ByteView message) {
+    requireTurn(other(), "readMessage");
     std::size_t cursor = 0;
-    Bytes payload;
-    if (role_ == NoiseRole::responder && step_ == 0) {
+    switch (step_) {
+    case Step::message1:
         readE(message, cursor);
-        payload = symmetric_.decryptAndHash(message.subspan(cursor));
-    } else if (role_ == NoiseRole::initiator && step_ == 1) {
+        break;
+    case Step::message2:
         readE(message, cursor);
         mixDH_ee();
         readS(message, cursor);
         mixDH_es();
-        payload = symmetric_.decryptAndHash(message.subspan(cursor));
-    } else if (role_ == NoiseRole::responder && step_ == 2) {
+        break;
+    case Step::message3:
         readS(message, cursor);
         mixDH_se();
-        payload = symmetric_.decryptAndHash(message.subspan(cursor));
-        done_ = true;
-    } else {
-        throw NoiseError::wrongStep(role_, step_, "readMessage");
+        break;
+    case Step::complete:
+        throw NoiseError::alreadyComplete();
     }
-    ++step_;
+    Bytes payload = symmetric_.decryptAndHash(message.subspan(cursor));
+    advance();
     return payload;
 }
 
 NoiseTransport NoiseHandshake::finalize() && {
-    if (!done_ || !remoteStatic_) {
+    if (step_ != Step::complete || !remoteStatic_) {
         throw NoiseError::notComplete();
     }
     auto [fromInitiator, fromResponder] = symmetric_.split();

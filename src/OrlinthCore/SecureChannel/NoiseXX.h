@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Bytes.h"
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "platform/Crypto.h"
 
 #include <functional>
@@ -23,7 +23,7 @@ enum class NoiseRole { initiator, responder };
 /// "initiator" or "responder".
 [[nodiscard]] std::string_view name(NoiseRole role) noexcept;
 
-class NoiseError : public Error {
+class NoiseError : public CaseError<NoiseError> {
 public:
     enum class Case { wrongStep, messageTooShort, decrypt, malformedKeyMaterial, notComplete, alreadyComplete };
 
@@ -35,7 +35,6 @@ public:
     [[nodiscard]] static NoiseError notComplete();
     [[nodiscard]] static NoiseError alreadyComplete();
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of wrongStep: who was asked, at which step, and for what ("writeMessage", "readMessage").
     [[nodiscard]] NoiseRole role() const noexcept { return role_; }
     [[nodiscard]] int step() const noexcept { return step_; }
@@ -43,18 +42,15 @@ public:
     /// Of messageTooShort, in bytes.
     [[nodiscard]] std::size_t expected() const noexcept { return expected_; }
     [[nodiscard]] std::size_t actual() const noexcept { return actual_; }
-    /// Of decrypt and malformedKeyMaterial: what is behind the prefix.
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:
-    NoiseError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
-    Case case_;
+    NoiseError(Case which, const std::string& prefix, const std::string& detail = {})
+        : CaseError(which, prefix, detail) {}
     NoiseRole role_ = NoiseRole::initiator;
     int step_ = 0;
     std::string op_;
     std::size_t expected_ = 0;
     std::size_t actual_ = 0;
-    std::string detail_;
 };
 
 /// HKDF of Noise (rev. 34 §4.3): RFC 5869 with salt `ck` and empty info, cut into `numOutputs` pieces of 32 bytes.
@@ -149,8 +145,8 @@ private:
 
 /// One run of the XX pattern, from either end.
 ///
-///     initiator   0 --write--> 1 --read---> 2 --write--> 3, done
-///     responder   0 --read---> 1 --write--> 2 --read---> 3, done
+///     initiator   message1 ──write──▶ message2 ──read───▶ message3 ──write──▶ complete
+///     responder   message1 ──read───▶ message2 ──write──▶ message3 ──read───▶ complete
 ///
 /// A call that fails leaves the step, but the hash may have taken in part of the message: after any error the handshake
 /// is abandoned and the connection closed.
@@ -173,7 +169,7 @@ public:
     /// @throws NoiseError (messageTooShort, decrypt, ... ); platform::CryptoError
     [[nodiscard]] Bytes readMessage(ByteView message);
 
-    [[nodiscard]] bool isComplete() const noexcept { return done_; }
+    [[nodiscard]] bool isComplete() const noexcept { return step_ == Step::complete; }
     [[nodiscard]] ByteView handshakeHash() const noexcept { return symmetric_.h(); }
     /// Known once message 2 (initiator) or 3 (responder) was read. Not to be trusted before finalize().
     [[nodiscard]] std::optional<platform::PublicKey> remoteStaticPublicKey() const noexcept { return remoteStatic_; }
@@ -182,6 +178,18 @@ public:
     [[nodiscard]] NoiseTransport finalize() &&;
 
 private:
+    /// What comes next; the numbers are those in the text of NoiseError::wrongStep.
+    enum class Step {
+        message1 = 0, ///< the initiator's ephemeral key
+        message2 = 1, ///< the responder's ephemeral key, and its static key, sealed
+        message3 = 2, ///< the initiator's static key, sealed
+        complete = 3  ///< nothing: both have proved their keys, and finalize() may be called
+    };
+
+    /// @throws NoiseError::alreadyComplete; wrongStep unless it is this side's turn to do `op`
+    void requireTurn(NoiseRole writer, std::string_view op) const;
+    void advance() noexcept;
+    [[nodiscard]] NoiseRole other() const noexcept;
     void writeE(Bytes& out);
     void readE(ByteView message, std::size_t& cursor);
     [[nodiscard]] Bytes readEncrypted(ByteView message, std::size_t& cursor, std::size_t plaintextLen);
@@ -197,8 +205,7 @@ private:
     std::optional<platform::PublicKey> remoteEphemeral_;
     std::optional<platform::PublicKey> remoteStatic_;
     SymmetricState symmetric_;
-    int step_ = 0;
-    bool done_ = false;
+    Step step_ = Step::message1;
 };
 
 } // namespace orlinth

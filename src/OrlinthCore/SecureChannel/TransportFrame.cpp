@@ -279,15 +279,11 @@ TransportFramer::Error TransportFramer::Error::plaintextTooLarge(std::size_t len
 }
 
 TransportFramer::Error TransportFramer::Error::malformed(const std::string& text) {
-    Error error(Case::malformed, "malformed frame: " + text);
-    error.detail_ = text;
-    return error;
+    return {Case::malformed, "malformed frame: ", text};
 }
 
 TransportFramer::Error TransportFramer::Error::decrypt(const std::string& text) {
-    Error error(Case::decrypt, "frame decrypt failed: " + text);
-    error.detail_ = text;
-    return error;
+    return {Case::decrypt, "frame decrypt failed: ", text};
 }
 
 TransportFramer::Error TransportFramer::Error::unknownType(std::byte type) {

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/SecureChannel/FrameBuffer.h"
 #include "OrlinthCore/SecureChannel/NoiseXX.h"
+#include "base/CaseError.h"
 #include "base/Json.h"
 #include "platform/Network.h"
 
@@ -162,7 +163,7 @@ private:
 };
 
 /// What TransportFramer throws.
-class TransportFramer::Error : public orlinth::Error {
+class TransportFramer::Error : public CaseError<TransportFramer::Error> {
 public:
     enum class Case { plaintextTooLarge, malformed, decrypt, unknownType };
 
@@ -172,19 +173,14 @@ public:
     [[nodiscard]] static Error decrypt(const std::string& text);
     [[nodiscard]] static Error unknownType(std::byte type);
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of plaintextTooLarge, counting the type byte; else 0.
     [[nodiscard]] std::size_t length() const noexcept { return length_; }
-    /// Of malformed and decrypt: what is behind the prefix; else "".
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
     /// Of unknownType; else 0.
     [[nodiscard]] std::byte typeByte() const noexcept { return typeByte_; }
 
 private:
-    Error(Case which, std::string description) : orlinth::Error(std::move(description)), case_(which) {}
-    Case case_;
+    Error(Case which, const std::string& prefix, const std::string& detail = {}) : CaseError(which, prefix, detail) {}
     std::size_t length_ = 0;
-    std::string detail_;
     std::byte typeByte_{};
 };
 

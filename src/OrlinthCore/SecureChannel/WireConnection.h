@@ -1,7 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/SecureChannel/FrameBuffer.h"
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "platform/Clock.h"
 #include "platform/Network.h"
 
@@ -109,7 +109,7 @@ private:
 };
 
 /// What WireConnection throws.
-class WireConnection::Error : public orlinth::Error {
+class WireConnection::Error : public CaseError<WireConnection::Error> {
 public:
     enum class Case { underlying, oversize, eof };
 
@@ -126,16 +126,14 @@ public:
         return error;
     }
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// The offending length; of oversize only.
     [[nodiscard]] std::int64_t length() const noexcept { return length_; }
     /// Of eof: no frame was torn.
     [[nodiscard]] bool isBetweenFrames() const noexcept { return isBetweenFrames_; }
 
 private:
-    Error(Case which, std::string description, std::int64_t length)
-        : orlinth::Error(std::move(description)), case_(which), length_(length) {}
-    Case case_;
+    Error(Case which, const std::string& description, std::int64_t length)
+        : CaseError(which, description), length_(length) {}
     std::int64_t length_;
     bool isBetweenFrames_ = false;
 };

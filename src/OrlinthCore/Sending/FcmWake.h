@@ -1,7 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Sending/ServiceAccount.h"
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "platform/AsyncMutex.h"
 #include "platform/System.h"
 
@@ -71,7 +71,7 @@ private:
 ///
 /// The body of an answer in the two HTTP cases comes from outside: "<binary N bytes>" where it is not UTF-8, at most
 /// maxQuotedBytes of it, and without the tokens that the request carried. No case quotes the private key.
-class FcmWake::Error : public orlinth::Error {
+class FcmWake::Error : public CaseError<FcmWake::Error> {
 public:
     enum class Case {
         serviceAccountMissing,
@@ -101,17 +101,12 @@ public:
     }
     [[nodiscard]] static Error transport(const std::string& text) { return {Case::transport, "FCM transport: ", text}; }
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
     /// Of the two HTTP cases; 0 otherwise.
     [[nodiscard]] int status() const noexcept { return status_; }
-    /// What is behind the prefix: the path of serviceAccountMissing, the body of the two HTTP cases as the text has it.
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
 
 private:
     Error(Case which, const std::string& prefix, const std::string& detail, int status = 0)
-        : orlinth::Error(prefix + detail), case_(which), detail_(detail), status_(status) {}
-    Case case_;
-    std::string detail_;
+        : CaseError(which, prefix, detail), status_(status) {}
     int status_;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/Error.h"
+#include "base/CaseError.h"
 
 namespace orlinth {
 
@@ -8,7 +8,7 @@ namespace orlinth {
 ///
 /// Callers decide by the case and, for `network`, by the reason. The text is for people: parts of it come from the
 /// operating system, which may speak any language.
-class SendError : public Error {
+class SendError : public CaseError<SendError> {
 public:
     enum class Case {
         fileMissing,
@@ -36,53 +36,43 @@ public:
     };
 
     [[nodiscard]] static SendError fileMissing(const std::string& path) {
-        return make(Case::fileMissing, "file missing: ", path);
+        return {Case::fileMissing, "file missing: ", path};
     }
-    [[nodiscard]] static SendError fileRead(const std::string& text) {
-        return make(Case::fileRead, "file read: ", text);
-    }
+    [[nodiscard]] static SendError fileRead(const std::string& text) { return {Case::fileRead, "file read: ", text}; }
     /// `cause` is the failure behind this one, if there is one: the last try before a deadline, or the failed push.
     [[nodiscard]] static SendError network(const std::string& text, Reason reason = Reason::other,
                                            std::exception_ptr cause = nullptr) {
-        SendError error = make(Case::network, "network: ", text);
+        SendError error(Case::network, "network: ", text);
         error.reason_ = reason;
         error.cause_ = std::move(cause);
         return error;
     }
     [[nodiscard]] static SendError noiseHandshakeFailed(const std::string& text) {
-        return make(Case::noiseHandshakeFailed, "noise handshake: ", text);
+        return {Case::noiseHandshakeFailed, "noise handshake: ", text};
     }
     [[nodiscard]] static SendError unexpectedFrame(const std::string& text) {
-        return make(Case::unexpectedFrame, "unexpected frame: ", text);
+        return {Case::unexpectedFrame, "unexpected frame: ", text};
     }
     [[nodiscard]] static SendError malformedResume(const std::string& text) {
-        return make(Case::malformedResume, "malformed Resume: ", text);
+        return {Case::malformedResume, "malformed Resume: ", text};
     }
     [[nodiscard]] static SendError unauthorizedPeer() {
-        return make(Case::unauthorizedPeer, "remote pubkey ≠ paired peer", "");
+        return {Case::unauthorizedPeer, "remote pubkey ≠ paired peer"};
     }
-    [[nodiscard]] static SendError cancelled() { return make(Case::cancelled, "cancelled by user", ""); }
+    [[nodiscard]] static SendError cancelled() { return {Case::cancelled, "cancelled by user"}; }
     [[nodiscard]] static SendError peerRemoved() {
-        return make(Case::peerRemoved, "the phone removed this Mac. Pair again to send to it.", "");
+        return {Case::peerRemoved, "the phone removed this Mac. Pair again to send to it."};
     }
-    [[nodiscard]] static SendError declined() { return make(Case::declined, "the phone declined the file.", ""); }
+    [[nodiscard]] static SendError declined() { return {Case::declined, "the phone declined the file."}; }
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-    /// What is behind the prefix; empty for the cases without.
-    [[nodiscard]] const std::string& detail() const noexcept { return detail_; }
     /// Of `network`; `other` for every other case.
     [[nodiscard]] Reason reason() const noexcept { return reason_; }
     /// Of `network`; null if nothing more is known.
     [[nodiscard]] const std::exception_ptr& cause() const noexcept { return cause_; }
 
 private:
-    [[nodiscard]] static SendError make(Case which, const std::string& prefix, const std::string& detail) {
-        return {which, prefix + detail, detail};
-    }
-    SendError(Case which, std::string description, std::string detail)
-        : Error(std::move(description)), case_(which), detail_(std::move(detail)) {}
-    Case case_;
-    std::string detail_;
+    SendError(Case which, const std::string& prefix, const std::string& detail = {})
+        : CaseError(which, prefix, detail) {}
     Reason reason_ = Reason::other;
     std::exception_ptr cause_;
 };

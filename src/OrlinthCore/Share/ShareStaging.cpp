@@ -132,7 +132,7 @@ ShareError ShareError::containerUnavailable() {
 }
 
 ShareError ShareError::batchNotCreated(const std::string& text) {
-    return {Case::batchNotCreated, "Could not create outbox batch: " + text};
+    return {Case::batchNotCreated, "Could not create outbox batch: ", text};
 }
 
 ShareError ShareError::nothingRead() {
@@ -140,7 +140,7 @@ ShareError ShareError::nothingRead() {
 }
 
 ShareError ShareError::manifestNotWritten(const std::string& text) {
-    return {Case::manifestNotWritten, "Could not write manifest: " + text};
+    return {Case::manifestNotWritten, "Could not write manifest: ", text};
 }
 
 ShareStaging::ShareStaging(System system, const ShareOutbox& outbox)

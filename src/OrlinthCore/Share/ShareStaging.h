@@ -1,7 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Share/ShareOutbox.h"
-#include "base/Error.h"
+#include "base/CaseError.h"
 #include "base/Mutex.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
@@ -14,7 +14,7 @@
 namespace orlinth {
 
 /// Why a batch could not be staged. The texts are for the user.
-class ShareError : public Error {
+class ShareError : public CaseError<ShareError> {
 public:
     enum class Case { nothingShareable, containerUnavailable, batchNotCreated, nothingRead, manifestNotWritten };
 
@@ -29,11 +29,9 @@ public:
     /// "Could not write manifest: " + text
     [[nodiscard]] static ShareError manifestNotWritten(const std::string& text);
 
-    [[nodiscard]] Case which() const noexcept { return case_; }
-
 private:
-    ShareError(Case which, std::string description) : Error(std::move(description)), case_(which) {}
-    Case case_;
+    ShareError(Case which, const std::string& prefix, const std::string& detail = {})
+        : CaseError(which, prefix, detail) {}
 };
 
 /// One batch on its way into the outbox: its folder, then the copies, then the manifest, then the signal.

@@ -4,6 +4,7 @@
 #include "base/OneShot.h"
 #include "orlinth/Program/SignalWatch.h"
 #include "platform/Cancelled.h"
+#include "platform/Deadline.h"
 #include "platform/Spawn.h"
 
 #include <asio/cancellation_signal.hpp>
@@ -44,7 +45,7 @@ public:
         const Running running(*this, stop);
         bool ended = false;
         // both are local to this call, which does not return before the task has ended
-        platform::spawn(context_.get_executor(), settle(outcome, std::move(task)), stop.slot(),
+        platform::spawn(context_.get_executor(), platform::settle(outcome, std::move(task)), stop.slot(),
                         [&ended, &outcome](const std::exception_ptr& error) {
                             if (error) {
                                 outcome.fail(error); // a signal came before the task had begun: it never ran
@@ -82,20 +83,6 @@ private:
     private:
         TaskRunner& runner_;
     };
-
-    template <typename T>
-    static Task<> settle(OneShot<T>& outcome, Task<T> task) {
-        std::exception_ptr error;
-        try {
-            T value = co_await std::move(task);
-            outcome.resolve(std::move(value));
-        } catch (...) {
-            error = std::current_exception();
-        }
-        if (error) {
-            outcome.fail(error);
-        }
-    }
 
     template <typename T>
     T take(OneShot<T>& outcome) {

@@ -47,17 +47,9 @@ Task<> untilReadable(int descriptor) {
         co_await watch.async_wait(asio::posix::stream_descriptor::wait_read,
                                   asio::redirect_error(asio::use_awaitable, code));
     } catch (const std::exception& error) {
-        if (isCancellation(error)) {
-            throw Cancelled(); // the task was cancelled before it came here
-        }
-        throw;
+        throwFromAwait(error);
     }
-    if (code == asio::error::operation_aborted) {
-        throw Cancelled();
-    }
-    if (code) {
-        throw SystemError(code);
-    }
+    throwIfFailed(code);
 }
 
 } // namespace orlinth::platform

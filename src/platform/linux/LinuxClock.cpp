@@ -81,17 +81,9 @@ Task<> LinuxClock::sleep(double seconds) {
     try {
         co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, code));
     } catch (const std::exception& error) {
-        if (isCancellation(error)) {
-            throw Cancelled(); // the task was cancelled before it came here
-        }
-        throw;
+        throwFromAwait(error);
     }
-    if (code == asio::error::operation_aborted) {
-        throw Cancelled();
-    }
-    if (code) {
-        throw SystemError(code);
-    }
+    throwIfFailed(code);
 }
 
 std::unique_ptr<Timer> LinuxClock::makeTimer(Executor executor) {

@@ -36,10 +36,7 @@ Task<std::unique_ptr<Stream>> connectTo(Tcp::endpoint remote, Executor executor,
     try {
         co_await socket.async_connect(remote, asio::redirect_error(asio::use_awaitable, failure));
     } catch (const std::exception& error) {
-        if (isCancellation(error)) {
-            throw Cancelled(); // the task was cancelled before it came here
-        }
-        throw;
+        throwFromAwait(error);
     }
     if (failure == asio::error::operation_aborted) {
         throw Cancelled();

@@ -55,4 +55,5 @@ struct alignas(4) DlopenNote {
         "\",\"priority\":\"recommended\",\"soname\":[\"" soname "\"]}]")
 
 /// A member of a table: the function `name` of a C library, to be called as its header says.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): it is a declaration
 #define ORLINTH_LIBRARY_FUNCTION(library, name) decltype(::name)* name = (library).function<decltype(::name)>(#name)

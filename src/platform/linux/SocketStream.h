@@ -26,10 +26,7 @@ Task<> waitUntilReady(Socket& socket, typename Socket::wait_type kind, const cha
     try {
         co_await socket.async_wait(kind, asio::redirect_error(asio::use_awaitable, code));
     } catch (const std::exception& error) {
-        if (isCancellation(error)) {
-            throw Cancelled(); // the task was cancelled before it came here
-        }
-        throw;
+        throwFromAwait(error);
     }
     const asio::cancellation_state state = co_await asio::this_coro::cancellation_state;
     if (state.cancelled() != asio::cancellation_type::none) {
@@ -48,10 +45,7 @@ inline Task<> yieldTurn() {
     try {
         co_await asio::post(asio::use_awaitable);
     } catch (const std::exception& error) {
-        if (isCancellation(error)) {
-            throw Cancelled();
-        }
-        throw;
+        throwFromAwait(error);
     }
 }
 

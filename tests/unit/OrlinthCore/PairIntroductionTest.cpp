@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 using namespace orlinth;
 using platform::PrivateKey;
 using platform::PublicKey;
@@ -110,6 +112,47 @@ TEST(PairIntroduction, ComesBackAsItWasWritten) {
     EXPECT_EQ(PairIntroduction::decode(PairIntroduction::encode(self), ownKey()), self);
     self.peer_subnet = self.peer_mac = self.peer_fcm_token = self.peer_android = "";
     EXPECT_EQ(PairIntroduction::decode(PairIntroduction::encode(self), ownKey()), self);
+}
+
+/// What is found of it, or the objection.
+std::string verdictOn(const std::function<PairIntroduction::Decoded()>& look) {
+    try {
+        const PairIntroduction::Decoded decoded = look();
+        std::string text = compactJson(decoded.record.toJson());
+        for (const std::string& why : decoded.leftOut) {
+            text += "\n" + why;
+        }
+        return text;
+    } catch (const PairIntroductionError& error) {
+        return error.description();
+    }
+}
+
+TEST(PairIntroduction, IsCheckedAsARecordAsItIsCheckedAsJson) {
+    const PeerRecord good = PairIntroduction::decode(asBytes(compactJson(whole())), ownKey());
+    std::vector<PeerRecord> records{good};
+    const auto spoil = [&](auto PeerRecord::* field, auto value) {
+        records.push_back(good);
+        records.back().*field = value;
+    };
+    const std::string tooLong(5000, 'x');
+    for (std::string PeerRecord::* field :
+         {&PeerRecord::peer_pubkey, &PeerRecord::peer_ip, &PeerRecord::peer_hostname, &PeerRecord::peer_subnet,
+          &PeerRecord::peer_mac, &PeerRecord::peer_fcm_token, &PeerRecord::peer_android}) {
+        for (const std::string& value : {std::string(), std::string(" "), tooLong, std::string("a\nb"),
+                                         std::string("a\0b", 3), std::string("caf\xE9 !"), ownKey().base64()}) {
+            spoil(field, value);
+        }
+    }
+    for (const std::int64_t port : {-1, 0, 1, 65535, 65536}) {
+        spoil(&PeerRecord::peer_port, port);
+    }
+    for (const PeerRecord& record : records) {
+        const std::string asRecord = verdictOn([&] { return PairIntroduction::check(record, ownKey()); });
+        const std::string asJson =
+            verdictOn([&] { return PairIntroduction::decodeFrom("", PairIntroduction::encode(record), ownKey()); });
+        EXPECT_EQ(asRecord, asJson);
+    }
 }
 
 TEST(PairIntroduction, IsWrittenWithTheEightKeysOfAnIntroduction) {

@@ -52,5 +52,32 @@ TEST(TextOfFailure, ThrowsCancellationOnAsItIs) {
     EXPECT_THROW(static_cast<void>(textOf(asio::system_error(asio::error::operation_aborted))), asio::system_error);
 }
 
+TEST(WaitsOfAsio, EndWellWithCancelledOrWithTheSystemsError) {
+    EXPECT_NO_THROW(throwIfFailed({}));
+    EXPECT_THROW(throwIfFailed(asio::error::operation_aborted), Cancelled);
+    try {
+        throwIfFailed(std::error_code(ECONNRESET, std::generic_category()));
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const SystemError& error) {
+        EXPECT_EQ(error.code(), std::errc::connection_reset);
+    }
+}
+
+/// Thrown on from a handler, as whoever awaits does.
+template <typename Thrown>
+void throwOn(const Thrown& thrown) {
+    try {
+        throw thrown;
+    } catch (const std::exception& error) {
+        throwFromAwait(error);
+    }
+}
+
+TEST(WaitsOfAsio, ThrowCancelledIfTheTaskWasCancelledBefore) {
+    EXPECT_THROW(throwOn(asio::system_error(asio::error::operation_aborted)), Cancelled);
+    EXPECT_THROW(throwOn(Cancelled()), Cancelled);
+    EXPECT_THROW(throwOn(std::logic_error("something else")), std::logic_error);
+}
+
 } // namespace
 } // namespace orlinth::platform
