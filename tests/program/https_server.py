@@ -4,7 +4,7 @@
 it is sent as the real ones would, and keeps every request byte for byte:
 
     server = PushServer(folder)                     # listens at once, on a free port of 127.0.0.1
-    account = server.write_service_account(path)    # a key file with a fresh RSA key, made for this server
+    account = server.write_service_account(path)    # a key file with an RSA key that was made for this process
     environment = {**os.environ, **server.environment}
     server.on_push = lambda request: start_the_phone()   # called before the push is answered
     server.script("push", Answer(drop=True), Answer(503, b"busy"))   # the next two pushes; then as usual again
@@ -22,6 +22,7 @@ one line of JSON, and ends when its standard input does. What they answer is tol
 
 import base64
 import dataclasses
+import functools
 import json
 import pathlib
 import socket
@@ -40,7 +41,8 @@ PATIENCE = 60  # nothing here takes so long; a lost peer must not keep a thread 
 
 def openssl(*arguments, **options):
     """Runs the command; returns what it prints. Raises with its messages where it fails."""
-    result = subprocess.run(["openssl", *map(str, arguments)], stdin=subprocess.DEVNULL, capture_output=True, **options)
+    options.setdefault("input", b"")
+    result = subprocess.run(["openssl", *map(str, arguments)], capture_output=True, **options)
     if result.returncode != 0:
         raise RuntimeError(f"openssl {arguments[0]}: {result.stderr.decode(errors='replace')}")
     return result.stdout
@@ -211,6 +213,13 @@ def base64url_decode(text):
     return base64.urlsafe_b64decode(text + "=" * (-len(text) % 4))
 
 
+@functools.cache
+def account_key():
+    """The private and the public key of every service account of this process: it takes long to find one."""
+    private = openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048")
+    return private, openssl("pkey", "-pubout", input=private)
+
+
 class PushServer:
     """The token endpoint and the message endpoint of one push project."""
 
@@ -235,8 +244,8 @@ class PushServer:
         self.push_path = f"/v1/projects/{urllib.parse.quote(project_id, safe='')}/messages:send"
         self.rsa_key = self.folder / "account.key"
         self.rsa_public = self.folder / "account.pub"
-        openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", self.rsa_key)
-        openssl("pkey", "-in", self.rsa_key, "-pubout", "-out", self.rsa_public)
+        for path, content in zip((self.rsa_key, self.rsa_public), account_key()):
+            path.write_bytes(content)
 
     def close(self):
         self.server.close()

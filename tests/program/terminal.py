@@ -6,7 +6,6 @@ import pty
 import struct
 import termios
 import threading
-import time
 
 from harness import PATIENCE
 
@@ -18,6 +17,7 @@ class Terminal:
         self.screen, self.end = pty.openpty()
         self.resize(columns, rows)
         self.written = b""
+        self.changed = threading.Condition()
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
 
@@ -27,7 +27,9 @@ class Terminal:
     def _read(self):
         try:
             while piece := os.read(self.screen, 65536):
-                self.written += piece
+                with self.changed:
+                    self.written += piece
+                    self.changed.notify_all()
         except OSError:
             pass  # the last writer has gone
 
@@ -36,11 +38,9 @@ class Terminal:
 
     def wait_for(self, text):
         """Until this was written."""
-        deadline = time.monotonic() + PATIENCE
-        while text not in self.written.decode(errors="replace"):
-            if time.monotonic() > deadline:
+        with self.changed:
+            if not self.changed.wait_for(lambda: text in self.written.decode(errors="replace"), PATIENCE):
                 raise AssertionError(f"no {text!r} in {self.written.decode(errors='replace')!r}")
-            time.sleep(0.01)
 
     def text(self):
         os.close(self.end)

@@ -6,6 +6,7 @@ come, and the figures are only printed.
 
 import contextlib
 import pathlib
+import select
 import socket
 import statistics
 import struct
@@ -59,7 +60,7 @@ class UnderAttack(Load):
             for entry in connections:
                 with contextlib.suppress(BlockingIOError, ConnectionError):
                     entry[1] = entry[1][entry[0].socket.send(entry[1][:MIB]):]
-            time.sleep(0.01)
+            select.select([], [entry[0].socket for entry in connections if entry[1]], [], 0.1)
         return [connection for connection, _ in connections]
 
     def seconds_for_files(self, service):

@@ -7,6 +7,7 @@ import signal
 import socket
 import time
 
+import https_server
 import side_by_side
 from harness import SANITIZED, ProgramTest, SleepingPort, UnansweredPort, seeded
 from https_server import Answer, PushServer
@@ -104,7 +105,9 @@ class Sending(WakeTest):
         return self.running(self.mac, "send", "--json", *arguments, str(self.sent_file), **options)
 
     def assert_delivered_to_the_woken_phone(self, sender):
-        self.assertEqual(0, sender.wait(), sender.stderr)
+        status = sender.wait()
+        requests = [kind for kind in ("token", "push") for _ in self.server.requests(kind)]
+        self.assertEqual(0, status, (sender.stderr, sender.events.all, self.woken, requests))
         self.assert_delivered(self.sent_file, sender, self.the_phone())
 
     def test_a_sleeping_phone_is_woken_and_gets_the_file(self):
@@ -447,4 +450,5 @@ class Waking(WakeTest):
 
 
 if __name__ == "__main__":
+    https_server.account_key()  # one for all of them
     side_by_side.main()

@@ -191,10 +191,13 @@ TEST_F(PairingDoorTest, ListensToSixtyFourAtOnceAndSendsTheFirstAwayForOneMore) 
 TEST_F(PairingDoorTest, IsClosedToThoseWhoComeWhenItIsDecided) {
     comes({.data = introduction('s'), .connectsAt = 1});
     const PairPhone& late = comes({.data = introduction('s'), .connectsAt = 2});
+    const PairPhone& silent = comes({.data = {}, .connectsAt = 2});
     const std::unique_ptr<platform::Stream> stream = accept();
     world.run(world.clock.sleep(2));
-    EXPECT_EQ(late.end, End::reset);
-    EXPECT_EQ(late.endedAt, 2);
+    for (const PairPhone* visitor : {&late, &silent}) {
+        EXPECT_EQ(visitor->end, End::reset);
+        EXPECT_EQ(visitor->endedAt, 2);
+    }
     EXPECT_FALSE(stream->hasEnded());
     stream->cancel();
     finish();
