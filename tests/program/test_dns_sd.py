@@ -2,6 +2,8 @@
 
 import contextlib
 import hashlib
+import os
+import pathlib
 import re
 import signal
 import struct
@@ -9,11 +11,12 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import unittest.mock
 
 import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
 from avahi_world import AvahiWorld, Lines
-from harness import BUILD, ORLINTH, PATIENCE, Identity, Running
+from harness import BUILD, ORLINTH, PATIENCE, SANITIZED, Identity, Running
 
 TOOL = str(BUILD / "tests" / "interop" / "dns_sd_tool")
 TYPE = "_orlinth-pair._tcp"
@@ -60,6 +63,19 @@ def expected_txt(code, hostname=HOSTNAME):
 
 def service_name(code):
     return "Orlinth-pair-" + code_hash(code)[:6]
+
+
+# A computer on which Avahi's client library is not installed.
+NO_AVAHI = r"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <string.h>
+
+void* dlopen(const char* name, int flags) {
+    void* (*next)(const char*, int) = dlsym(RTLD_NEXT, "dlopen");
+    return next(name && strstr(name, "libavahi-client") ? "libavahi-that-is-missing.so" : name, flags);
+}
+"""
 
 
 class Program(Running):
@@ -429,6 +445,19 @@ class DnsSd(unittest.TestCase):
         self.assertEqual([MISSING], search.messages("error"))
         self.world.stop_bus()
         self.assertEqual(1, len(self.find("60").messages("error")))
+
+    @unittest.skipIf(SANITIZED, "the sanitizer's own dlopen comes first")
+    def test_without_avahis_library_both_name_it_and_go_on(self):
+        folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="orlinth-no-avahi-")))
+        (folder / "no_avahi.c").write_text(NO_AVAHI, encoding="utf-8")
+        subprocess.run([os.environ.get("ORLINTH_CXX", "clang++-19"), "-x", "c", "-shared", "-fPIC", "-o",
+                        folder / "no_avahi.so", folder / "no_avahi.c"], check=True)
+        self.enterContext(unittest.mock.patch.dict(os.environ, LD_PRELOAD=str(folder / "no_avahi.so")))
+        reason = "cannot load libavahi-that-is-missing.so: cannot open shared object file: No such file or directory"
+        self.assertEqual([reason], self.find("60").messages("error"))
+        program = self.advertiser()
+        self.assert_failures(program, reason)
+        self.ends_well(program)
 
     def test_a_daemon_that_goes_away_ends_the_search(self):
         self.world.start_daemon()
