@@ -48,9 +48,12 @@ def sha256(path):
 
 
 def unused_port():
-    """A port that nobody listens on, and that the system gives to nobody who asks for any: those are above 32767."""
+    """A port that nobody has at any address, and that the system gives to nobody who asks for any: those are above
+    32767. One of those may be free here and yet be the other end of somebody's connection at another address, and then
+    no program can listen on it everywhere."""
     for port in random.SystemRandom().sample(range(20000, 32000), 100):
-        with contextlib.suppress(OSError), socket.create_server(("127.0.0.1", port)):
+        with contextlib.suppress(OSError), socket.socket() as probe:
+            probe.bind(("", port))  # without SO_REUSEADDR, so that it is refused whatever has the port
             return port
     raise AssertionError("no port is free")
 
@@ -452,8 +455,8 @@ class SleepingPort:
     def __enter__(self):
         self.socket = socket.socket()
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.socket.bind(("127.0.0.1", 0))
-        self.port = self.socket.getsockname()[1]
+        self.port = unused_port()
+        self.socket.bind(("127.0.0.1", self.port))
         return self
 
     def __exit__(self, *_):

@@ -17,7 +17,8 @@ class XServer:
     def __enter__(self):
         reader, writer = os.pipe()
         self.process = subprocess.Popen(
-            ["Xvfb", "-displayfd", str(writer), "-screen", "0", "64x64x24", "-nolisten", "tcp"],
+            ["Xvfb", "-displayfd", str(writer), "-screen", "0", "64x64x24", "-nolisten", "tcp",
+             "-noreset"],  # or it turns away who comes while it starts anew, because the last program has gone
             pass_fds=[writer], stderr=subprocess.DEVNULL)
         os.close(writer)
         with os.fdopen(reader) as chosen:

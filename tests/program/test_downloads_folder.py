@@ -337,19 +337,6 @@ class Unfinished(ServeTest):
         self.assertEqual((0, "removed old.mov.partial (5 bytes)\n"), (result.returncode, result.stdout))
         self.assertEqual(["own.partial"], sorted(path.name for path in home.glob("*.partial*")))
 
-    def test_that_wait_for_a_turn_in_vain_are_not_nothing(self):
-        self.old_partial(self.desk.downloads, "a")
-        self.assertEqual(1, len(self.partials("--remove-older-than", "7")))
-        [lock] = (self.desk.data / "Orlinth").glob("downloads-*.lock")
-        with open(lock, "rb") as held:
-            fcntl.flock(held, fcntl.LOCK_EX)
-            self.old_partial(self.desk.downloads, "b")
-            result = self.desk.run("partials", "--dir", str(self.desk.downloads), "--remove-older-than", "7")
-        self.assertEqual((1, ""), (result.returncode, result.stdout))
-        self.assert_one_line_error(
-            result.stderr, f"cannot remove b.partial: file write failed: another program holds the lock {lock}")
-        self.assertNotIn("nothing", result.stderr)
-
     # of the turns in the downloads folder the first two can be had; then another program has it for ever
     BUSY = """
         #define _GNU_SOURCE
@@ -389,14 +376,6 @@ class Unfinished(ServeTest):
                                       if event["event"] == "partial_removed"])
         self.assertIn("Removed 2 unfinished downloads, 10 bytes.\n", program.stderr)
         self.assertEqual(["c.partial", "c.partial.meta.json"], self.left_over())
-
-    @unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
-    def test_that_were_removed_are_told_if_the_turn_for_another_one_does_not_come(self):
-        program = self.removing()
-        self.assertEqual(1, program.wait())
-        self.assert_two_are_told(program)
-        self.assertRegex(program.events.find("error")["message"],
-                         r"^cannot remove c.partial: file write failed: another program holds the lock /")
 
     @unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
     def test_that_were_removed_are_told_if_a_signal_ends_it(self):
