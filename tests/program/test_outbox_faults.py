@@ -122,7 +122,7 @@ class Locks(OutboxTest):
     def test_a_service_starts_also_while_somebody_looks_whether_one_runs(self):
         busy = self.folder / "busy"
         busy.mkdir()
-        for number in range(5):
+        for number in range(2):
             (busy / str(number)).touch()
         self.mac.environment.update(LD_PRELOAD=str(self.shim("busy", BUSY)), BUSY_FOLDER=str(busy))
         service = self.serve(self.mac)

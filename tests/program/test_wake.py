@@ -6,6 +6,7 @@ import re
 import signal
 import socket
 import time
+import unittest
 
 import https_server
 import side_by_side

@@ -1,8 +1,7 @@
-#include "OrlinthHost/Service/PairingDoor.h"
-
 #include "OrlinthCore/Pairing/PairCrypto.h"
 #include "OrlinthCore/Pairing/PairListener.h"
 #include "OrlinthCore/Pairing/PairWire.h"
+#include "OrlinthHost/Service/PairingDoor.h"
 #include "ServiceWorld.h"
 
 #include <gmock/gmock.h>
