@@ -22,6 +22,11 @@ public:
 
     auto operator<=>(const StrongText&) const = default;
 
+    /// In JSON it is the text itself. Reading one is for whoever knows what is wrong if it is no text.
+    template <typename AnyJson>
+    friend void to_json(AnyJson& json, const StrongText& value) {
+        json = value.text_;
+    }
     /// For the messages of tests.
     friend std::ostream& operator<<(std::ostream& out, const StrongText& value) { return out << value.text_; }
 

@@ -68,8 +68,8 @@ void checkName(const std::string& name) {
     }
 }
 
-void checkManifest(const ShareOutbox::Manifest& manifest, const std::string& id) {
-    if (manifest.id != id) {
+void checkManifest(const ShareOutbox::Manifest& manifest, const BatchId& id) {
+    if (manifest.id != id.text()) {
         throw OutboxError("its manifest is that of another batch: '" + manifest.id + "'");
     }
     if (manifest.createdAtMs < 0) {
@@ -146,23 +146,23 @@ bool OutboxBatches::isRealFolder(const platform::Path& path) const {
     }
 }
 
-bool OutboxBatches::isGoneFrom(const platform::Path& parent, const std::string& id) const noexcept {
+bool OutboxBatches::isGoneFrom(const platform::Path& parent, const BatchId& id) const noexcept {
     try {
-        return !isRealFolder(parent / id);
+        return !isRealFolder(parent / id.text());
     } catch (const std::exception&) {
         return false;
     }
 }
 
-std::vector<std::string> OutboxBatches::idsIn(const platform::Path& folder) const {
-    std::vector<std::string> names;
+std::vector<BatchId> OutboxBatches::idsIn(const platform::Path& folder) const {
+    std::vector<BatchId> ids;
     if (!files_.status(folder)) {
-        return names;
+        return ids;
     }
     for (std::string& name : files_.list(folder)) {
         try {
             if (isId(name) && isRealFolder(folder / name)) {
-                names.push_back(std::move(name));
+                ids.emplace_back(std::move(name));
             }
         } catch (const platform::SystemError& error) {
             if (error.code() != std::errc::permission_denied) {
@@ -170,32 +170,32 @@ std::vector<std::string> OutboxBatches::idsIn(const platform::Path& folder) cons
             }
         }
     }
-    std::sort(names.begin(), names.end());
-    return names;
+    std::ranges::sort(ids);
+    return ids;
 }
 
-std::vector<std::string> OutboxBatches::ids() const {
+std::vector<BatchId> OutboxBatches::ids() const {
     return idsIn(root_);
 }
 
-std::vector<std::string> OutboxBatches::setAsideIds() const {
+std::vector<BatchId> OutboxBatches::setAsideIds() const {
     return idsIn(setAsideFolder());
 }
 
-bool OutboxBatches::isComplete(const std::string& id) const noexcept {
-    return files_.exists(root_ / id / ShareOutbox::manifestName);
+bool OutboxBatches::isComplete(const BatchId& id) const noexcept {
+    return files_.exists(root_ / id.text() / ShareOutbox::manifestName);
 }
 
-OutboxBatches::Batch OutboxBatches::read(const std::string& id) const {
+OutboxBatches::Batch OutboxBatches::read(const BatchId& id) const {
     return readIn(root_, id);
 }
 
-OutboxBatches::Batch OutboxBatches::readSetAside(const std::string& id) const {
+OutboxBatches::Batch OutboxBatches::readSetAside(const BatchId& id) const {
     return readIn(setAsideFolder(), id);
 }
 
-OutboxBatches::Batch OutboxBatches::readIn(const platform::Path& parent, const std::string& id) const {
-    const platform::Path folder = parent / id;
+OutboxBatches::Batch OutboxBatches::readIn(const platform::Path& parent, const BatchId& id) const {
+    const platform::Path folder = parent / id.text();
     const std::string what = "its manifest";
     const std::unique_ptr<platform::File> file = openRegular(files_, folder / ShareOutbox::manifestName, what);
     Bytes content(maxManifestBytes + 1);
@@ -235,30 +235,30 @@ void OutboxBatches::removeFolder(const platform::Path& folder) {
     files_.removeDirectory(folder);
 }
 
-void OutboxBatches::remove(const std::string& id) {
-    removeFolder(root_ / id);
+void OutboxBatches::remove(const BatchId& id) {
+    removeFolder(root_ / id.text());
 }
 
-void OutboxBatches::removeSetAside(const std::string& id) {
-    removeFolder(setAsideFolder() / id);
+void OutboxBatches::removeSetAside(const BatchId& id) {
+    removeFolder(setAsideFolder() / id.text());
 }
 
-platform::Path OutboxBatches::setAside(const std::string& id) {
+platform::Path OutboxBatches::setAside(const BatchId& id) {
     constexpr int attempts = 100;
     files_.createDirectories(setAsideFolder(), 0700);
-    platform::Path to = setAsideFolder() / id;
-    for (int number = 2; !files_.renameNoReplace(root_ / id, to); ++number) {
+    platform::Path to = setAsideFolder() / id.text();
+    for (int number = 2; !files_.renameNoReplace(root_ / id.text(), to); ++number) {
         if (number > attempts) {
             throw platform::SystemError(std::make_error_code(std::errc::file_exists));
         }
-        to = setAsideFolder() / (id + " " + std::to_string(number));
+        to = setAsideFolder() / (id.text() + " " + std::to_string(number));
     }
     return to;
 }
 
-void OutboxBatches::bringBack(const std::string& id) {
+void OutboxBatches::bringBack(const BatchId& id) {
     static_cast<void>(makeFolder());
-    if (!files_.renameNoReplace(setAsideFolder() / id, root_ / id)) {
+    if (!files_.renameNoReplace(setAsideFolder() / id.text(), root_ / id.text())) {
         throw OutboxError("there is a batch of this name in the outbox");
     }
 }
@@ -289,11 +289,11 @@ bool OutboxBatches::clearIfAbandoned(const platform::Path& folder) {
     }
 }
 
-std::size_t OutboxBatches::clearAbandoned(const std::set<std::string>& known) noexcept {
+std::size_t OutboxBatches::clearAbandoned(const std::set<BatchId>& known) noexcept {
     std::size_t cleared = 0;
     try {
-        for (const std::string& id : ids()) {
-            if (!known.contains(id) && !isComplete(id) && clearIfAbandoned(root_ / id)) {
+        for (const BatchId& id : ids()) {
+            if (!known.contains(id) && !isComplete(id) && clearIfAbandoned(root_ / id.text())) {
                 ++cleared;
             }
         }

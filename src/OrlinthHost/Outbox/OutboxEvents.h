@@ -18,10 +18,10 @@ public:
 
     /// One file on its way to one phone.
     struct Transfer {
-        std::string batch;
+        BatchId batch;
         std::string file;
-        std::string to;  ///< the phone's name
-        std::string key; ///< the phone's, Base64
+        std::string to; ///< the phone's name
+        PeerKey key;    ///< the phone's
     };
 
     /// At most twice a second.
@@ -30,10 +30,10 @@ public:
     /// A phone has everything of a batch, but for what has failed.
     virtual void through(const OutboxState::Phone& to, const std::vector<std::string>& files) = 0;
     /// Nothing of the batch is left to do.
-    virtual void done(const std::string& batch) = 0;
+    virtual void done(const BatchId& batch) = 0;
     /// An attempt has failed that is made again after `retrySeconds`: each time. `to` is empty where it is not about a
     /// phone.
-    virtual void waiting(const std::string& batch, const std::string& to, const std::string& message,
+    virtual void waiting(const BatchId& batch, const std::string& to, const std::string& message,
                          double retrySeconds) = 0;
     /// The same, only when the reason is another one than before: in the log, and on the desktop.
     virtual void waitingLine(const OutboxState::Phone& to, const std::string& message) = 0;
@@ -41,11 +41,11 @@ public:
     /// A file is not sent to a phone, whatever happens.
     virtual void failed(const Transfer& transfer, const std::string& message) = 0;
     /// Nothing more of a batch is sent to a phone.
-    virtual void failed(const std::string& batch, const OutboxState::Phone& to, const std::string& message) = 0;
+    virtual void failed(const BatchId& batch, const OutboxState::Phone& to, const std::string& message) = 0;
     /// A batch was moved to `where`.
-    virtual void setAside(const std::string& batch, const std::string& message, const platform::Path& where) = 0;
+    virtual void setAside(const BatchId& batch, const std::string& message, const platform::Path& where) = 0;
     /// The same, but for `problem`, because of which it was left where it is.
-    virtual void notSetAside(const std::string& batch, const std::string& message, const std::string& problem) = 0;
+    virtual void notSetAside(const BatchId& batch, const std::string& message, const std::string& problem) = 0;
     /// There is no outbox to look into, and none can be made.
     virtual void noOutbox(const std::string& problem) = 0;
     /// What was sent cannot be saved.

@@ -32,7 +32,7 @@ std::string summaryOf(const OutboxState& state) {
 
 } // namespace
 
-bool OutboxQueue::Job::isOpenFor(const std::string& key) {
+bool OutboxQueue::Job::isOpenFor(const PeerKey& key) {
     const OutboxState::Phone* const phone = state.find(key);
     if (phone == nullptr || isDropped) {
         return false;
@@ -45,7 +45,7 @@ bool OutboxQueue::Job::isOpenFor(const std::string& key) {
     return first < files.size();
 }
 
-std::optional<std::string> OutboxQueue::Job::nextFor(const std::string& key) {
+std::optional<std::string> OutboxQueue::Job::nextFor(const PeerKey& key) {
     std::optional<std::string> next;
     if (!isOpenFor(key)) {
         return next;
@@ -69,7 +69,7 @@ std::optional<std::string> OutboxQueue::Job::nextFor(const std::string& key) {
     return next;
 }
 
-std::vector<std::string> OutboxQueue::Job::upcoming(const std::string& key, std::size_t most) {
+std::vector<std::string> OutboxQueue::Job::upcoming(const PeerKey& key, std::size_t most) {
     std::vector<std::string> names;
     const std::optional<std::string> next = nextFor(key);
     if (!next) {
@@ -87,7 +87,7 @@ std::vector<std::string> OutboxQueue::Job::upcoming(const std::string& key, std:
     return names;
 }
 
-int OutboxQueue::Job::attemptsInVain(const std::string& key, const std::string& file) const {
+int OutboxQueue::Job::attemptsInVain(const PeerKey& key, const std::string& file) const {
     const auto at = inVain.find({key, file});
     return at == inVain.end() ? 0 : at->second;
 }
@@ -113,7 +113,8 @@ void OutboxQueue::forgetOrphans() noexcept {
             return;
         }
         for (const std::string& name : home_.system.files.list(store_.memory())) {
-            if (OutboxBatches::isId(name) && batches_.isGone(name) && batches_.isGoneFromSetAside(name)) {
+            if (OutboxBatches::isId(name) && batches_.isGone(BatchId(name)) &&
+                batches_.isGoneFromSetAside(BatchId(name))) {
                 OutboxState(home_.system.files, store_.memory() / name).remove();
             }
         }
@@ -138,24 +139,24 @@ std::optional<platform::Path> OutboxQueue::makeOutbox() {
 OutboxQueue::News OutboxQueue::look(const Watch& watch) {
     News news;
     const std::optional<platform::Path> root = makeOutbox();
-    std::set<std::string> known = unusable_;
+    std::set<BatchId> known = unusable_;
     std::transform(jobs_.begin(), jobs_.end(), std::inserter(known, known.end()),
                    [](const auto& entry) { return entry.first; });
     static_cast<void>(batches_.clearAbandoned(known));
     try {
         std::set<platform::Path> incomplete;
-        for (const std::string& id : batches_.ids()) {
+        for (const BatchId& id : batches_.ids()) {
             if (!jobs_.contains(id) && !batches_.isComplete(id)) {
                 incomplete.insert(batches_.folderOf(id));
             }
         }
         watch(root, incomplete);
-        for (const std::string& id : batches_.ids()) { // again: it may have come before the watch was there
+        for (const BatchId& id : batches_.ids()) { // again: it may have come before the watch was there
             if (!jobs_.contains(id) && !unusable_.contains(id) && batches_.isComplete(id)) {
                 accept(id, news);
             }
         }
-        std::erase_if(unusable_, [this](const std::string& id) { return batches_.isGone(id); });
+        std::erase_if(unusable_, [this](const BatchId& id) { return batches_.isGone(id); });
         if (root) { // else nothing can be told of what is there
             findVanished(news);
         }
@@ -174,7 +175,7 @@ void OutboxQueue::findVanished(News& news) const {
     }
 }
 
-void OutboxQueue::accept(const std::string& id, News& news) {
+void OutboxQueue::accept(const BatchId& id, News& news) {
     try {
         OutboxBatches::Batch batch = batches_.read(id);
         OutboxState state = remembered(batch);
@@ -195,13 +196,13 @@ void OutboxQueue::accept(const std::string& id, News& news) {
     } catch (const OutboxError& error) {
         setAside(id, error.description());
     } catch (const Error& error) { // of the disk or the peer store: the next look may find it well
-        log(platform::LogLevel::error, "cannot take in batch " + id + ": " + error.description());
+        log(platform::LogLevel::error, "cannot take in batch " + id.text() + ": " + error.description());
         events_.waiting(id, "", error.description(), OutboxLookout::backstopSeconds);
     }
 }
 
 OutboxState OutboxQueue::remembered(const OutboxBatches::Batch& batch) {
-    const platform::Path folder = store_.memory() / batch.manifest.id;
+    const platform::Path folder = store_.memoryOf(BatchId(batch.manifest.id));
     if (std::optional<OutboxState> known = OutboxState::load(home_.system.files, folder)) {
         return std::move(*known); // was checked when it came; a file that is gone since concerns that file alone
     }
@@ -213,12 +214,12 @@ OutboxState OutboxQueue::remembered(const OutboxBatches::Batch& batch) {
     return fresh;
 }
 
-OutboxQueue::Job* OutboxQueue::find(const std::string& id) {
+OutboxQueue::Job* OutboxQueue::find(const BatchId& id) {
     const auto at = jobs_.find(id);
     return at == jobs_.end() ? nullptr : at->second.get();
 }
 
-OutboxQueue::Job* OutboxQueue::nextFor(const std::string& key) {
+OutboxQueue::Job* OutboxQueue::nextFor(const PeerKey& key) {
     Job* next = nullptr;
     std::pair<int, std::int64_t> place; // in the line
     for (const auto& [id, job] : jobs_) {
@@ -236,7 +237,7 @@ OutboxQueue::Job* OutboxQueue::nextFor(const std::string& key) {
 
 // What becomes of it
 
-std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const std::string& key) {
+std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const PeerKey& key) {
     std::shared_ptr<OutboxJournal>& journal = job.journals[key];
     if (!journal) {
         journal = std::make_shared<OutboxJournal>(home_.system, job.state.journalFile(key));
@@ -264,7 +265,7 @@ std::vector<platform::Path> OutboxQueue::soundOf(const Job& job, const std::vect
     return paths;
 }
 
-void OutboxQueue::setDone(Job& job, const std::string& key, const OutboxEvents::Transfer& transfer,
+void OutboxQueue::setDone(Job& job, const PeerKey& key, const OutboxEvents::Transfer& transfer,
                           const Delivered& delivered) {
     OutboxState::Phone& phone = *job.state.find(key);
     phone.setDone(transfer.file);
@@ -275,7 +276,7 @@ void OutboxQueue::setDone(Job& job, const std::string& key, const OutboxEvents::
     endIfThrough(job.id());
 }
 
-void OutboxQueue::setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message) {
+void OutboxQueue::setFailed(Job& job, const PeerKey& key, const std::string& file, const std::string& message) {
     OutboxState::Phone& phone = *job.state.find(key);
     phone.failed[file] = message;
     saveFile(job, phone, file);
@@ -284,7 +285,7 @@ void OutboxQueue::setFailed(Job& job, const std::string& key, const std::string&
     endIfThrough(job.id());
 }
 
-void OutboxQueue::setAllFailed(const std::string& key, const std::string& message) {
+void OutboxQueue::setAllFailed(const PeerKey& key, const std::string& message) {
     while (Job* const job = nextFor(key)) {
         OutboxState::Phone& phone = *job->state.find(key);
         while (const std::optional<std::string> file = job->nextFor(key)) {
@@ -297,7 +298,7 @@ void OutboxQueue::setAllFailed(const std::string& key, const std::string& messag
     }
 }
 
-void OutboxQueue::setWaiting(const std::string& key, const std::string& message, double seconds, bool isNews) {
+void OutboxQueue::setWaiting(const PeerKey& key, const std::string& message, double seconds, bool isNews) {
     OutboxState::Phone waiting;
     waiting.pubkey = key;
     bool isFirst = false; // of one of the batches
@@ -321,7 +322,7 @@ void OutboxQueue::setWaiting(const std::string& key, const std::string& message,
     }
 }
 
-void OutboxQueue::settlePhone(Job& job, const std::string& key) {
+void OutboxQueue::settlePhone(Job& job, const PeerKey& key) {
     if (job.isDropped || job.isOpenFor(key) || !job.through.insert(key).second) {
         return;
     }
@@ -332,7 +333,7 @@ void OutboxQueue::settlePhone(Job& job, const std::string& key) {
     events_.through(phone, done);
 }
 
-void OutboxQueue::endIfThrough(const std::string& id) {
+void OutboxQueue::endIfThrough(const BatchId& id) {
     Job* const job = find(id);
     if (job == nullptr || job->isDropped) {
         return;
@@ -365,15 +366,15 @@ void OutboxQueue::endIfThrough(const std::string& id) {
 }
 
 /// What cannot be removed; if the batch itself is not there, only what is remembered of it is left.
-void OutboxQueue::leaveBehind(const std::string& id, bool isThere, const std::string& problem) {
+void OutboxQueue::leaveBehind(const BatchId& id, bool isThere, const std::string& problem) {
     if (isThere) {
         setAside(id, problem);
     } else {
-        log(platform::LogLevel::error, "what is remembered of batch " + id + ": " + problem);
+        log(platform::LogLevel::error, "what is remembered of batch " + id.text() + ": " + problem);
     }
 }
 
-void OutboxQueue::setAside(const std::string& id, const std::string& message) {
+void OutboxQueue::setAside(const BatchId& id, const std::string& message) {
     try {
         const platform::Path where = batches_.setAside(id);
         events_.setAside(id, message, where);
@@ -417,7 +418,7 @@ void OutboxQueue::saveWhatIsBehind() {
     }
 }
 
-bool OutboxQueue::retry(const std::string& id) {
+bool OutboxQueue::retry(const BatchId& id) {
     if (Job* const job = find(id)) {
         job->startOver();
         save(*job);
@@ -426,7 +427,7 @@ bool OutboxQueue::retry(const std::string& id) {
     if (unusable_.erase(id) > 0) {
         return true; // the next look tries to take it in
     }
-    const std::vector<std::string> setAside = batches_.setAsideIds();
+    const std::vector<BatchId> setAside = batches_.setAsideIds();
     if (!std::binary_search(setAside.begin(), setAside.end(), id)) {
         return false;
     }
@@ -434,7 +435,7 @@ bool OutboxQueue::retry(const std::string& id) {
     return true;
 }
 
-std::optional<std::string> OutboxQueue::discard(const std::string& id) {
+std::optional<std::string> OutboxQueue::discard(const BatchId& id) {
     const Job& job = *find(id);
     const bool isThere = !job.hasVanished && !batches_.isGone(id);
     OutboxState state = job.state;

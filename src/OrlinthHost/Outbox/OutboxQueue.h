@@ -29,35 +29,35 @@ public:
     struct Job {
         OutboxBatches::Batch batch;
         OutboxState state;
-        std::set<std::string> through{}; ///< keys of phones that have been told to have everything
+        std::set<PeerKey> through{}; ///< phones that have been told to have everything
         /// How many attempts in vain there were for a phone's key and a file, although the phone was there.
-        std::map<std::pair<std::string, std::string>, int> inVain{};
+        std::map<std::pair<PeerKey, std::string>, int> inVain{};
         /// For a phone's key, how many files at the front of the manifest need no look any more: all of them are sent,
         /// or have failed. In a batch of thousands a search from the front would take longer than the sending.
-        std::map<std::string, std::size_t> firstOpen{};
-        std::map<std::string, std::shared_ptr<OutboxJournal>> journals{}; ///< by the phone's key; made when needed
-        std::set<std::pair<std::string, std::string>> underWay{};         ///< a phone's key and a file
+        std::map<PeerKey, std::size_t> firstOpen{};
+        std::map<PeerKey, std::shared_ptr<OutboxJournal>> journals{}; ///< by the phone's key; made when needed
+        std::set<std::pair<PeerKey, std::string>> underWay{};         ///< a phone's key and a file
         bool isDropped = false;   ///< takes no part any more, and goes when nobody uses it
         bool hasVanished = false; ///< there is nothing in the outbox any more that could be removed with it
 
-        [[nodiscard]] const std::string& id() const noexcept { return batch.manifest.id; }
+        [[nodiscard]] BatchId id() const { return BatchId(batch.manifest.id); }
         /// Whether there is a file that the phone does not have, and may get. Those under way are among them.
-        [[nodiscard]] bool isOpenFor(const std::string& key);
+        [[nodiscard]] bool isOpenFor(const PeerKey& key);
         /// The next file for a phone: the first of those with the fewest attempts in vain, so that one which the phone
         /// cannot take does not hold up the others. Nothing if there is none that is not under way, or the batch is not
         /// for that phone.
-        [[nodiscard]] std::optional<std::string> nextFor(const std::string& key);
+        [[nodiscard]] std::optional<std::string> nextFor(const PeerKey& key);
         /// That file, and those that come behind it if all goes well; `most` in all.
-        [[nodiscard]] std::vector<std::string> upcoming(const std::string& key, std::size_t most);
-        [[nodiscard]] int attemptsInVain(const std::string& key, const std::string& file) const;
+        [[nodiscard]] std::vector<std::string> upcoming(const PeerKey& key, std::size_t most);
+        [[nodiscard]] int attemptsInVain(const PeerKey& key, const std::string& file) const;
         /// What has failed is to be tried again.
         void startOver();
     };
 
     /// What a look has brought.
     struct News {
-        std::set<std::string> phones;      ///< keys of those for which a batch has come
-        std::vector<std::string> vanished; ///< batches of the queue whose folder is gone, or no real folder any more
+        std::set<PeerKey> phones;      ///< those for which a batch has come
+        std::vector<BatchId> vanished; ///< batches of the queue whose folder is gone, or no real folder any more
     };
 
     /// Told what is there before it is looked at more closely: the outbox, if it can be had, and the folders in it that
@@ -75,49 +75,49 @@ public:
     [[nodiscard]] News look(const Watch& watch);
 
     /// Null if there is none, or not any more.
-    [[nodiscard]] Job* find(const std::string& id);
+    [[nodiscard]] Job* find(const BatchId& id);
     /// The oldest with something for this phone that is not under way, again of those with the fewest attempts in vain;
     /// null if there is none.
-    [[nodiscard]] Job* nextFor(const std::string& key);
+    [[nodiscard]] Job* nextFor(const PeerKey& key);
     /// @throws OutboxError, platform::SystemError
     void checkFile(const Job& job, const std::string& file) const { batches_.checkFile(job.batch, file); }
 
     /// An attempt at the phone's next file begins. Returns the journal, in which the file has its id by now.
-    [[nodiscard]] std::shared_ptr<OutboxJournal> setUnderWay(Job& job, const std::string& key);
+    [[nodiscard]] std::shared_ptr<OutboxJournal> setUnderWay(Job& job, const PeerKey& key);
     /// An attempt has ended. Before any of the following that tell how.
-    static void setEnded(Job& job, const std::string& key, const std::string& file) { job.underWay.erase({key, file}); }
+    static void setEnded(Job& job, const PeerKey& key, const std::string& file) { job.underWay.erase({key, file}); }
     /// The phone has the file. What may be ended by these is: no job is to be used afterwards without looking for it
     /// again.
-    void setDone(Job& job, const std::string& key, const OutboxEvents::Transfer& transfer, const Delivered& delivered);
-    void setFailed(Job& job, const std::string& key, const std::string& file, const std::string& message);
+    void setDone(Job& job, const PeerKey& key, const OutboxEvents::Transfer& transfer, const Delivered& delivered);
+    void setFailed(Job& job, const PeerKey& key, const std::string& file, const std::string& message);
     /// The phone was there, and took nothing of this file: others go first.
-    void putBehind(Job& job, const std::string& key, const std::string& file) { ++job.inVain[{key, file}]; }
+    void putBehind(Job& job, const PeerKey& key, const std::string& file) { ++job.inVain[{key, file}]; }
     /// Everything that is left for this phone, in any batch, and not under way.
-    void setAllFailed(const std::string& key, const std::string& message);
+    void setAllFailed(const PeerKey& key, const std::string& message);
     /// An attempt for this phone has failed, and the next is made after `seconds`. `isNews` if it is for another reason
     /// than was told before.
-    void setWaiting(const std::string& key, const std::string& message, double seconds, bool isNews);
+    void setWaiting(const PeerKey& key, const std::string& message, double seconds, bool isNews);
 
     /// Once more, what could not be noted. The last call.
     void saveWhatIsBehind();
 
     /// Tries again what has failed in a batch, and brings it back if it was set aside; returns whether there is one.
     /// @throws OutboxError, platform::SystemError
-    [[nodiscard]] bool retry(const std::string& id);
+    [[nodiscard]] bool retry(const BatchId& id);
     /// Removes a job with all its files; but no file of one that has vanished, in whose place may be anything. Returns
     /// why it could not be removed, and was set aside; nothing if it is gone.
-    std::optional<std::string> discard(const std::string& id);
+    std::optional<std::string> discard(const BatchId& id);
 
 private:
     [[nodiscard]] std::optional<platform::Path> makeOutbox();
     void findVanished(News& news) const;
-    void accept(const std::string& id, News& news);
+    void accept(const BatchId& id, News& news);
     [[nodiscard]] OutboxState remembered(const OutboxBatches::Batch& batch);
     [[nodiscard]] std::vector<platform::Path> soundOf(const Job& job, const std::vector<std::string>& names) const;
-    void settlePhone(Job& job, const std::string& key);
-    void endIfThrough(const std::string& id);
-    void leaveBehind(const std::string& id, bool isThere, const std::string& problem);
-    void setAside(const std::string& id, const std::string& message);
+    void settlePhone(Job& job, const PeerKey& key);
+    void endIfThrough(const BatchId& id);
+    void leaveBehind(const BatchId& id, bool isThere, const std::string& problem);
+    void setAside(const BatchId& id, const std::string& message);
     void save(Job& job);
     void saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file);
     /// Runs something that may fail for want of a disk, and tells that once.
@@ -128,10 +128,10 @@ private:
     OutboxEvents& events_;
     OutboxStore store_;
     OutboxBatches batches_;
-    std::map<std::string, std::unique_ptr<Job>> jobs_; ///< by id
-    std::set<std::string> unusable_;                   ///< that could not be set aside either
-    bool isTroubleTold_ = false;                       ///< that nothing can be remembered
-    bool isLackTold_ = false;                          ///< that there is no outbox
+    std::map<BatchId, std::unique_ptr<Job>> jobs_; ///< by id
+    std::set<BatchId> unusable_;                   ///< that could not be set aside either
+    bool isTroubleTold_ = false;                   ///< that nothing can be remembered
+    bool isLackTold_ = false;                      ///< that there is no outbox
 };
 
 } // namespace orlinth::host

@@ -48,7 +48,7 @@ struct OutboxSender::Running final : Attempt {
     }
 
     /// The file, with its batch.
-    [[nodiscard]] std::string place() const { return transfer.batch + "/" + transfer.file; }
+    [[nodiscard]] std::string place() const { return transfer.batch.text() + "/" + transfer.file; }
 
     platform::Clock& clock;
     OutboxEvents& events;
@@ -68,7 +68,7 @@ struct OutboxSender::Running final : Attempt {
 
 /// What goes to one phone.
 struct OutboxSender::Phone {
-    std::string key;
+    PeerKey key;
     std::optional<PeerRecord> record; ///< as of the last attempt
     RetryPolicy retries;
     std::map<std::string, OffersInDoubt> inDoubt; ///< by file, with its batch
@@ -106,15 +106,15 @@ void OutboxSender::look() {
         queue_.look([this](const std::optional<platform::Path>& outbox, const std::set<platform::Path>& incomplete) {
             lookout_.watch(outbox, incomplete);
         });
-    for (const std::string& id : news.vanished) {
+    for (const BatchId& id : news.vanished) {
         static_cast<void>(drop(id)); // somebody has taken it back; what lies there now, if anything, is his
     }
-    for (const std::string& key : news.phones) {
+    for (const PeerKey& key : news.phones) {
         hope(phoneOf(key));
     }
 }
 
-OutboxSender::Phone& OutboxSender::phoneOf(const std::string& key) {
+OutboxSender::Phone& OutboxSender::phoneOf(const PeerKey& key) {
     std::unique_ptr<Phone>& phone = phones_[key];
     if (!phone) {
         phone = std::make_unique<Phone>();
@@ -124,7 +124,7 @@ OutboxSender::Phone& OutboxSender::phoneOf(const std::string& key) {
     return *phone;
 }
 
-bool OutboxSender::isUsed(const std::string& id) const {
+bool OutboxSender::isUsed(const BatchId& id) const {
     return std::any_of(phones_.begin(), phones_.end(), [&id](const auto& entry) {
         const auto& attempts = entry.second->attempts;
         return std::any_of(attempts.begin(), attempts.end(),
@@ -166,7 +166,7 @@ void OutboxSender::begin(Phone& phone, Job& job) {
     const std::string file = *job.nextFor(phone.key);
     try {
         const PeerBook book = home_.peers().loadBook();
-        const PeerRecord* const record = book.find(phone.key);
+        const PeerRecord* const record = book.find(phone.key.text());
         if (record == nullptr) {
             queue_.setAllFailed(phone.key, forDisplay(state.displayName()) + " is not paired any more");
             return;
@@ -228,7 +228,7 @@ void OutboxSender::settle(Phone& phone, const Running& ended, std::exception_ptr
                                  [&ended](const auto& attempt) { return attempt.get() == &ended; });
     const std::unique_ptr<Running> running = std::move(*at);
     phone.attempts.erase(at);
-    const std::string& id = running->transfer.batch;
+    const BatchId& id = running->transfer.batch;
     if (Job* const job = queue_.find(id)) {
         OutboxQueue::setEnded(*job, phone.key, running->transfer.file);
         settle(phone, *job, *running,
@@ -349,7 +349,7 @@ void OutboxSender::wait(Phone& phone, double seconds, const std::string& message
 }
 
 void OutboxSender::heardOf(const PeerRecord& record) {
-    const auto at = phones_.find(record.peer_pubkey);
+    const auto at = phones_.find(PeerKey(record.peer_pubkey));
     if (at != phones_.end() && at->second->retries.heard(home_.system.clock.now())) {
         tryNow(*at->second);
     }
@@ -363,7 +363,7 @@ void OutboxSender::peersChanged() {
         return; // the next attempt meets the same and tells it
     }
     for (const auto& [key, phone] : phones_) {
-        const PeerRecord* const record = book.find(key);
+        const PeerRecord* const record = book.find(key.text());
         if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record)) {
             continue;
         }
@@ -378,7 +378,7 @@ void OutboxSender::peersChanged() {
     lookout_.lookSoon(); // a batch may wait for a store that can be read
 }
 
-bool OutboxSender::retry(const std::optional<std::string>& id) {
+bool OutboxSender::retry(const std::optional<BatchId>& id) {
     const bool isFound = !id || queue_.retry(*id);
     for (const auto& [key, phone] : phones_) {
         hope(*phone);
@@ -387,7 +387,7 @@ bool OutboxSender::retry(const std::optional<std::string>& id) {
     return isFound;
 }
 
-bool OutboxSender::drop(const std::string& id) {
+bool OutboxSender::drop(const BatchId& id) {
     Job* const job = queue_.find(id);
     if (job == nullptr) {
         return false;
@@ -407,14 +407,14 @@ bool OutboxSender::drop(const std::string& id) {
     return true;
 }
 
-void OutboxSender::discard(const std::string& id) {
+void OutboxSender::discard(const BatchId& id) {
     if (const std::optional<std::string> problem = queue_.discard(id)) {
         left_[id] = *problem;
     }
     news_.changed();
 }
 
-Task<bool> OutboxSender::remove(std::string id) {
+Task<bool> OutboxSender::remove(BatchId id) {
     const bool isFound = drop(id);
     const auto isGone = [this, &id] { return queue_.find(id) == nullptr; };
     co_await news_.until(isGone);

@@ -50,10 +50,10 @@ public:
     void peersChanged();
     /// Tries now what waits; with `id`, that batch as a whole, also if it was set aside. Returns whether there is such
     /// a batch; without one always.
-    [[nodiscard]] bool retry(const std::optional<std::string>& id);
+    [[nodiscard]] bool retry(const std::optional<BatchId>& id);
     /// Takes a batch back, and returns once nothing is left of it: whether there was such a batch.
     /// @throws HostError if something of it could not be removed
-    [[nodiscard]] Task<bool> remove(std::string id);
+    [[nodiscard]] Task<bool> remove(BatchId id);
     /// Ends what is under way, so that it can be resumed. The last call; start() need not have been called.
     [[nodiscard]] Task<> finish();
 
@@ -63,8 +63,8 @@ private:
     using Job = OutboxQueue::Job;
 
     void look();
-    [[nodiscard]] Phone& phoneOf(const std::string& key);
-    [[nodiscard]] bool isUsed(const std::string& id) const;
+    [[nodiscard]] Phone& phoneOf(const PeerKey& key);
+    [[nodiscard]] bool isUsed(const BatchId& id) const;
     /// There is reason to try again now.
     void hope(Phone& phone);
     void tryNow(Phone& phone);
@@ -83,18 +83,18 @@ private:
     void end(Phone& phone, RetryPolicy::Outcome outcome) const;
     void pause(Phone& phone, const std::string& message);
     void wait(Phone& phone, double seconds, const std::string& message);
-    [[nodiscard]] bool drop(const std::string& id);
-    void discard(const std::string& id);
+    [[nodiscard]] bool drop(const BatchId& id);
+    void discard(const BatchId& id);
 
     Home& home_;
     const platform::PrivateKey& ownKey_;
     OutboxEvents& events_;
     OutboxQueue queue_;
     OutboxLookout lookout_;
-    std::map<std::string, std::unique_ptr<Phone>> phones_; ///< by key; none goes
-    platform::TaskGroup tasks_;                            ///< one for each attempt
-    std::map<std::string, std::string> left_;              ///< batches that could not be removed, and why
-    platform::Condition news_;                             ///< an attempt has been settled, or a batch is gone
+    std::map<PeerKey, std::unique_ptr<Phone>> phones_; ///< by key; none goes
+    platform::TaskGroup tasks_;                        ///< one for each attempt
+    std::map<BatchId, std::string> left_;              ///< batches that could not be removed, and why
+    platform::Condition news_;                         ///< an attempt has been settled, or a batch is gone
     bool isStopping_ = false;
 };
 

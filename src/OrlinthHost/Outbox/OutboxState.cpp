@@ -19,7 +19,8 @@ constexpr std::uint32_t ownerOnly = 0600;
 constexpr std::uint32_t ownerOnlyFolder = 0700;
 
 Json toJson(const OutboxState::Phone& phone) {
-    Json json{{"pubkey", phone.pubkey}, {"hostname", phone.hostname}, {"done", phone.done}, {"failed", phone.failed}};
+    Json json{
+        {"pubkey", phone.pubkey.text()}, {"hostname", phone.hostname}, {"done", phone.done}, {"failed", phone.failed}};
     if (!phone.waiting.empty()) {
         json["waiting"] = phone.waiting;
     }
@@ -46,7 +47,7 @@ std::map<std::string, std::string> textsIn(const Json& object, const char* key) 
 }
 
 OutboxState::Phone phoneFrom(const Json& json) {
-    OutboxState::Phone phone{.pubkey = requireString(json, "pubkey"),
+    OutboxState::Phone phone{.pubkey = PeerKey(requireString(json, "pubkey")),
                              .hostname = requireString(json, "hostname"),
                              .done = {},
                              .failed = textsIn(json, "failed"),
@@ -58,7 +59,7 @@ OutboxState::Phone phoneFrom(const Json& json) {
 }
 
 void applyChange(const Json& change, std::vector<OutboxState::Phone>& phones) {
-    const std::string pubkey = requireString(change, "pubkey");
+    const PeerKey pubkey(requireString(change, "pubkey"));
     const std::string file = requireString(change, "file");
     const auto phone = std::find_if(phones.begin(), phones.end(),
                                     [&pubkey](const OutboxState::Phone& one) { return one.pubkey == pubkey; });
@@ -90,7 +91,7 @@ std::vector<ByteView> linesOf(ByteView content) {
 
 /// Of a file that is done or failed.
 Json changeOf(const OutboxState::Phone& phone, const std::string& file) {
-    Json json{{"pubkey", phone.pubkey}, {"file", file}};
+    Json json{{"pubkey", phone.pubkey.text()}, {"file", file}};
     if (const auto failure = phone.failed.find(file); failure != phone.failed.end()) {
         json["failed"] = failure->second;
     } else {
@@ -120,7 +121,7 @@ const PeerRecord* phoneWithoutChoice(const PeerBook& book, std::int64_t createdA
 
 } // namespace
 
-OutboxState::Phone freshPhone(const std::string& pubkey, const PeerRecord* record) {
+OutboxState::Phone freshPhone(const PeerKey& pubkey, const PeerRecord* record) {
     return {.pubkey = pubkey,
             .hostname = record != nullptr ? record->peer_hostname : "",
             .done = {},
@@ -138,7 +139,7 @@ bool OutboxState::Phone::isOpen(const std::string& file) const {
 }
 
 std::string OutboxState::Phone::displayName() const {
-    return hostname.empty() ? "the phone with the key " + firstCharacters(pubkey, shortKeyCharacters) : hostname;
+    return hostname.empty() ? "the phone with the key " + firstCharacters(pubkey.text(), shortKeyCharacters) : hostname;
 }
 
 std::optional<OutboxState> OutboxState::load(platform::FileSystem& files, const platform::Path& folder) {
@@ -211,13 +212,13 @@ void OutboxState::flush() {
     }
 }
 
-platform::Path OutboxState::journalFile(const std::string& pubkey) const {
+platform::Path OutboxState::journalFile(const PeerKey& pubkey) const {
     constexpr std::size_t digestBytesShown = 8;
-    const platform::Sha256Digest digest = platform::sha256({asBytes(pubkey)});
+    const platform::Sha256Digest digest = platform::sha256({asBytes(pubkey.text())});
     return folder_ / ("inflight-" + hexEncode(ByteView(digest).first(digestBytesShown)) + ".json");
 }
 
-OutboxState::Phone* OutboxState::find(const std::string& pubkey) {
+OutboxState::Phone* OutboxState::find(const PeerKey& pubkey) {
     const auto at =
         std::find_if(phones.begin(), phones.end(), [&pubkey](const Phone& phone) { return phone.pubkey == pubkey; });
     return at == phones.end() ? nullptr : &*at;
@@ -245,14 +246,14 @@ std::vector<OutboxState::Phone> phonesFor(const ShareOutbox::Manifest& manifest,
     std::vector<OutboxState::Phone> phones;
     if (!manifest.targetPubkeys) {
         if (const PeerRecord* record = phoneWithoutChoice(book, manifest.createdAtMs, wasOneRemoved)) {
-            phones.push_back(freshPhone(record->peer_pubkey, record));
+            phones.push_back(freshPhone(PeerKey(record->peer_pubkey), record));
         }
         return phones;
     }
     std::set<std::string> seen;
     for (const std::string& pubkey : *manifest.targetPubkeys) {
         if (seen.insert(pubkey).second) {
-            phones.push_back(freshPhone(pubkey, book.find(pubkey)));
+            phones.push_back(freshPhone(PeerKey(pubkey), book.find(pubkey)));
         }
     }
     return phones;

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/Share/ShareOutbox.h"
+#include "base/StrongText.h"
 #include "platform/FileSystem.h"
 
 #include <functional>
@@ -31,7 +32,7 @@ public:
 
     /// One phone that the batch goes to.
     struct Phone {
-        std::string pubkey;   ///< Base64, as in the peer store
+        PeerKey pubkey;
         std::string hostname; ///< as it was called last; "" if it was never known here
         std::set<std::string> done;
         std::map<std::string, std::string> failed; ///< file, reason; those that are not tried again
@@ -66,8 +67,8 @@ public:
     void flush();
     /// Whether the last save() or saveFile() has failed.
     [[nodiscard]] bool isBehind() const noexcept { return hasSaved_ && !isWhole_; }
-    [[nodiscard]] platform::Path journalFile(const std::string& pubkey) const;
-    [[nodiscard]] Phone* find(const std::string& pubkey);
+    [[nodiscard]] platform::Path journalFile(const PeerKey& pubkey) const;
+    [[nodiscard]] Phone* find(const PeerKey& pubkey);
     /// Everything that has failed is to be tried again.
     void forgetFailures();
     /// Removes the folder. @throws platform::SystemError
@@ -93,6 +94,6 @@ private:
                                                         const std::function<bool()>& wasOneRemoved);
 
 /// What is remembered of a phone of which nothing has happened yet; `record` may be null.
-[[nodiscard]] OutboxState::Phone freshPhone(const std::string& pubkey, const PeerRecord* record);
+[[nodiscard]] OutboxState::Phone freshPhone(const PeerKey& pubkey, const PeerRecord* record);
 
 } // namespace orlinth::host

@@ -34,7 +34,7 @@ std::int64_t OutboxStore::Entry::sizeOf(const platform::FileSystem& files, const
 std::vector<OutboxStore::Entry> OutboxStore::all() const {
     std::vector<Entry> entries;
     for (const bool isSetAside : {false, true}) {
-        for (const std::string& id : isSetAside ? batches_.setAsideIds() : batches_.ids()) {
+        for (const BatchId& id : isSetAside ? batches_.setAsideIds() : batches_.ids()) {
             if (isSetAside || batches_.isComplete(id)) {
                 entries.push_back(look(id, isSetAside));
             }
@@ -46,7 +46,7 @@ std::vector<OutboxStore::Entry> OutboxStore::all() const {
     return entries;
 }
 
-OutboxStore::Entry OutboxStore::look(const std::string& id, bool isSetAside) const {
+OutboxStore::Entry OutboxStore::look(const BatchId& id, bool isSetAside) const {
     Entry entry{.id = id,
                 .isSetAside = isSetAside,
                 .batch = {},
@@ -74,7 +74,7 @@ std::vector<OutboxStore::Entry> OutboxStore::matching(const std::vector<std::str
     for (const std::string& selector : selectors) {
         std::vector<Entry> found;
         std::ranges::copy_if(entries, std::back_inserter(found), [prefix = lowerCased(selector)](const Entry& entry) {
-            return lowerCased(entry.id).starts_with(prefix);
+            return lowerCased(entry.id.text()).starts_with(prefix);
         });
         if (found.empty()) {
             throw HostError("no batch begins with '" + selector + "'", "`orlinth outbox` lists them.");
@@ -114,7 +114,7 @@ void OutboxStore::drop(const Entry& entry) {
     OutboxState(home_.system.files, memoryOf(entry.id)).remove();
 }
 
-void OutboxStore::bringBack(const std::string& id) {
+void OutboxStore::bringBack(const BatchId& id) {
     std::optional<ShareOutbox::Manifest> manifest;
     try {
         manifest = batches_.readSetAside(id).manifest;
@@ -123,7 +123,7 @@ void OutboxStore::bringBack(const std::string& id) {
     }
     std::optional<OutboxState> state = OutboxState::load(home_.system.files, memoryOf(id));
     const PeerBook paired = home_.peers().loadBook();
-    const bool isPaired = state && paired.find(state->phones.front().pubkey) != nullptr;
+    const bool isPaired = state && paired.find(state->phones.front().pubkey.text()) != nullptr;
     if (manifest && !manifest->targetPubkeys && !isPaired) {
         chooseAgain(*manifest);
     } else if (state) {
@@ -135,13 +135,13 @@ void OutboxStore::bringBack(const std::string& id) {
 
 /// Nobody has chosen the phone of this batch: whoever brings it back wants it to go to the one that is there now.
 void OutboxStore::chooseAgain(const ShareOutbox::Manifest& manifest) const {
-    OutboxState state(home_.system.files, memoryOf(manifest.id));
+    OutboxState state(home_.system.files, memoryOf(BatchId(manifest.id)));
     state.remove();
     try {
         static_cast<void>(phonesOf(manifest)); // as the batch is taken in, which finds the same
     } catch (const OutboxError&) {
         if (const std::optional<PeerRecord> latest = home_.peers().mostRecent()) {
-            state.phones.push_back(freshPhone(latest->peer_pubkey, &*latest));
+            state.phones.push_back(freshPhone(PeerKey(latest->peer_pubkey), &*latest));
             state.save();
         }
     }

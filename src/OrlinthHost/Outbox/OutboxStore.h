@@ -20,7 +20,7 @@ public:
 
     /// A batch, with what has become of it.
     struct Entry {
-        std::string id;
+        BatchId id;
         bool isSetAside = false;
         OutboxBatches::Batch batch;
         OutboxState state;
@@ -45,17 +45,17 @@ public:
     /// Moves a batch that was set aside back into the outbox, to be tried as a whole: but for what its phones have. One
     /// for which no phone was chosen, and whose phone is not paired any more, goes to the phone paired last.
     /// @throws OutboxError, PeerStoreError
-    void bringBack(const std::string& id);
+    void bringBack(const BatchId& id);
 
     /// The phones that a batch is for, as phonesFor(manifest, book, …) says. @throws HostError, PeerStoreError,
     /// OutboxError
     [[nodiscard]] std::vector<OutboxState::Phone> phonesOf(const ShareOutbox::Manifest& manifest) const;
     /// Where what is remembered of all batches lies, and of one.
     [[nodiscard]] platform::Path memory() const;
-    [[nodiscard]] platform::Path memoryOf(const std::string& id) const { return memory() / id; }
+    [[nodiscard]] platform::Path memoryOf(const BatchId& id) const { return memory() / id.text(); }
 
 private:
-    [[nodiscard]] Entry look(const std::string& id, bool isSetAside) const;
+    [[nodiscard]] Entry look(const BatchId& id, bool isSetAside) const;
     void chooseAgain(const ShareOutbox::Manifest& manifest) const;
 
     const Home& home_;

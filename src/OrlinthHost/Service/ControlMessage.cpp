@@ -42,6 +42,11 @@ bool isTrue(const Json& object, const char* key, bool otherwise) {
     return member != object.end() && member->is_boolean() ? member->get<bool>() : otherwise;
 }
 
+std::optional<BatchId> optionalBatch(const Json& object) {
+    std::optional<std::string> id = optionalString(object, batchKey);
+    return id ? std::optional(BatchId(*std::move(id))) : std::nullopt;
+}
+
 } // namespace
 
 std::string encodeControlRequest(const ControlRequest& request) {
@@ -91,10 +96,10 @@ ControlRequest decodeControlRequest(std::string_view line) {
         return LendPortRequest{port};
     }
     if (what == retryRequest) {
-        return OutboxRetryRequest{optionalString(object, batchKey)};
+        return OutboxRetryRequest{optionalBatch(object)};
     }
     if (what == dropRequest) {
-        if (std::optional<std::string> batch = optionalString(object, batchKey)) {
+        if (std::optional<BatchId> batch = optionalBatch(object)) {
             return OutboxDropRequest{*std::move(batch)};
         }
     }

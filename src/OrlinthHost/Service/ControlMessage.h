@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/StrongText.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -25,13 +27,13 @@ struct LendPortRequest {
 
 /// `{"request":"outbox_retry"}`: tries now to send what waits. Answered by FoundReply.
 struct OutboxRetryRequest {
-    std::optional<std::string> batch = {}; ///< `"batch":"…"`: that batch as a whole, also if it was set aside
+    std::optional<BatchId> batch = {}; ///< `"batch":"…"`: that batch as a whole, also if it was set aside
     friend bool operator==(const OutboxRetryRequest&, const OutboxRetryRequest&) = default;
 };
 
 /// `{"request":"outbox_drop","batch":"…"}`: removes a batch. Answered by FoundReply once nothing is left of it.
 struct OutboxDropRequest {
-    std::string batch;
+    BatchId batch;
     friend bool operator==(const OutboxDropRequest&, const OutboxDropRequest&) = default;
 };
 

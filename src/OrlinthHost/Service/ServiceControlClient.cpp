@@ -120,11 +120,11 @@ Task<std::optional<std::uint16_t>> findServicePort(Home& home) {
     co_return std::nullopt;
 }
 
-Task<std::optional<bool>> askServiceToRetry(Home& home, std::optional<std::string> batch) {
+Task<std::optional<bool>> askServiceToRetry(Home& home, std::optional<BatchId> batch) {
     co_return co_await askWhetherFound(home, OutboxRetryRequest{std::move(batch)});
 }
 
-Task<std::optional<bool>> askServiceToDrop(Home& home, std::string batch) {
+Task<std::optional<bool>> askServiceToDrop(Home& home, BatchId batch) {
     co_return co_await askWhetherFound(home, OutboxDropRequest{std::move(batch)});
 }
 

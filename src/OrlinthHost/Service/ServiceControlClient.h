@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthHost/Home.h"
+#include "base/StrongText.h"
 #include "platform/Network.h"
 
 #include <cstdint>
@@ -22,11 +23,11 @@ namespace orlinth::host {
 
 /// Has the running service try now to send what waits in the outbox; with `batch`, that batch as a whole. Returns
 /// whether there is such a batch; nothing if no service runs. @throws HostError if it does not answer
-[[nodiscard]] Task<std::optional<bool>> askServiceToRetry(Home& home, std::optional<std::string> batch);
+[[nodiscard]] Task<std::optional<bool>> askServiceToRetry(Home& home, std::optional<BatchId> batch);
 
 /// Has the running service remove a batch, and returns once nothing is left of it: whether there was such a batch;
 /// nothing if no service runs. @throws HostError if it does not answer, or cannot remove it
-[[nodiscard]] Task<std::optional<bool>> askServiceToDrop(Home& home, std::string batch);
+[[nodiscard]] Task<std::optional<bool>> askServiceToDrop(Home& home, BatchId batch);
 
 /// The running service's port, for as long as this lives.
 class BorrowedPort {

@@ -134,7 +134,7 @@ private:
 
     int retry(Host& host, host::OutboxStore& store) const {
         const std::vector<Entry> meant = store.matching(selectors_);
-        const std::optional<std::string> batch = meant.empty() ? std::nullopt : std::optional(meant.front().id);
+        const std::optional<BatchId> batch = meant.empty() ? std::nullopt : std::optional(meant.front().id);
         const std::optional<bool> isFound = host.tasks.run(host::askServiceToRetry(host, batch));
         const bool isServiceRunning = isFound.has_value();
         if (!isServiceRunning && !meant.empty()) {

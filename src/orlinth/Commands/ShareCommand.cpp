@@ -128,7 +128,7 @@ private:
             names += (names.empty() ? "" : ", ") + forDisplay(name);
         }
         host.output.result("shared " + host::countOfFiles(manifest.files.size()) + " with " + names + ", batch " +
-                           shortId(manifest.id));
+                           shortId(BatchId(manifest.id)));
         host.output.message(isRunning ? "The service sends it now, or as soon as the phone can be reached."
                                       : "The Orlinth service is not running. Files will be sent once it starts: "
                                         "`systemctl --user start orlinth`");

@@ -18,8 +18,8 @@ Json contextOf(const OutboxReporter::Transfer& transfer) {
 
 } // namespace
 
-std::string shortId(const std::string& id) {
-    return id.substr(0, shortIdCharacters);
+std::string shortId(const BatchId& id) {
+    return id.text().substr(0, shortIdCharacters);
 }
 
 void OutboxReporter::progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) {
@@ -58,11 +58,11 @@ void OutboxReporter::through(const host::OutboxState::Phone& to, const std::vect
     notify("Sent " + host::countOfFiles(files.size()) + " to " + shown(to), body);
 }
 
-void OutboxReporter::done(const std::string& batch) {
+void OutboxReporter::done(const BatchId& batch) {
     host_.output.event("outbox_done", {{"batch", batch}});
 }
 
-void OutboxReporter::waiting(const std::string& batch, const std::string& to, const std::string& message,
+void OutboxReporter::waiting(const BatchId& batch, const std::string& to, const std::string& message,
                              double retrySeconds) {
     host_.output.event("outbox_waiting",
                        {{"batch", batch}, {"to", to}, {"message", message}, {"retry_in_seconds", retrySeconds}});
@@ -79,26 +79,26 @@ void OutboxReporter::waitingNotification(const host::OutboxState::Phone& to, con
 void OutboxReporter::failed(const Transfer& transfer, const std::string& message) {
     Json fields = contextOf(transfer);
     fields["message"] = message;
-    const std::string to = host::phoneForDisplay(host_, transfer.to, transfer.key);
+    const std::string to = host::phoneForDisplay(host_, transfer.to, transfer.key.text());
     tellFailure(std::move(fields), message, forDisplay(transfer.file) + " is not sent to " + to + ".");
     notify("Not sent to " + to, forDisplay(transfer.file) + ": " + forDisplay(message));
 }
 
-void OutboxReporter::failed(const std::string& batch, const host::OutboxState::Phone& to, const std::string& message) {
+void OutboxReporter::failed(const BatchId& batch, const host::OutboxState::Phone& to, const std::string& message) {
     tellFailure({{"batch", batch}, {"to", to.displayName()}, {"message", message}}, message,
                 "Nothing more of batch " + shortId(batch) + " is sent to " + shown(to) + ".");
     notify("Not sent to " + shown(to), forDisplay(message));
 }
 
-void OutboxReporter::setAside(const std::string& batch, const std::string& message, const platform::Path& where) {
-    const std::string whatToDo = where.filename() == batch
+void OutboxReporter::setAside(const BatchId& batch, const std::string& message, const platform::Path& where) {
+    const std::string whatToDo = where.filename() == batch.text()
                                      ? "`orlinth outbox retry " + shortId(batch) + "` tries it again."
                                      : "one of its name lies there already, so it is left to you.";
     tellFailure({{"batch", batch}, {"message", message}}, "batch " + shortId(batch) + " was set aside: " + message,
                 "It is in " + where.string() + "; " + whatToDo);
 }
 
-void OutboxReporter::notSetAside(const std::string& batch, const std::string& message, const std::string& problem) {
+void OutboxReporter::notSetAside(const BatchId& batch, const std::string& message, const std::string& problem) {
     tellFailure({{"batch", batch}, {"message", message}}, "batch " + shortId(batch) + ": " + message,
                 "It could not be set aside (" + problem + "), and is left where it is.");
 }
@@ -123,7 +123,7 @@ void OutboxReporter::tellFailure(Json fields, const std::string& line, const std
 }
 
 std::string OutboxReporter::shown(const host::OutboxState::Phone& phone) const {
-    return host::phoneForDisplay(host_, phone.displayName(), phone.pubkey);
+    return host::phoneForDisplay(host_, phone.displayName(), phone.pubkey.text());
 }
 
 void OutboxReporter::notify(const std::string& title, const std::string& body) {

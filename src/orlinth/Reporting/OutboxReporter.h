@@ -19,15 +19,14 @@ public:
     void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) override;
     void sent(const Transfer& transfer, const host::Delivered& delivered) override;
     void through(const host::OutboxState::Phone& to, const std::vector<std::string>& files) override;
-    void done(const std::string& batch) override;
-    void waiting(const std::string& batch, const std::string& to, const std::string& message,
-                 double retrySeconds) override;
+    void done(const BatchId& batch) override;
+    void waiting(const BatchId& batch, const std::string& to, const std::string& message, double retrySeconds) override;
     void waitingLine(const host::OutboxState::Phone& to, const std::string& message) override;
     void waitingNotification(const host::OutboxState::Phone& to, const std::string& message) override;
     void failed(const Transfer& transfer, const std::string& message) override;
-    void failed(const std::string& batch, const host::OutboxState::Phone& to, const std::string& message) override;
-    void setAside(const std::string& batch, const std::string& message, const platform::Path& where) override;
-    void notSetAside(const std::string& batch, const std::string& message, const std::string& problem) override;
+    void failed(const BatchId& batch, const host::OutboxState::Phone& to, const std::string& message) override;
+    void setAside(const BatchId& batch, const std::string& message, const platform::Path& where) override;
+    void notSetAside(const BatchId& batch, const std::string& message, const std::string& problem) override;
     void noOutbox(const std::string& problem) override;
     void notSaved(const std::string& problem) override;
 
@@ -41,6 +40,6 @@ private:
 };
 
 /// The beginning of a batch's id, by which people name it.
-[[nodiscard]] std::string shortId(const std::string& id);
+[[nodiscard]] std::string shortId(const BatchId& id);
 
 } // namespace orlinth::cli

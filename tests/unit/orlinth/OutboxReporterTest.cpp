@@ -31,7 +31,7 @@ protected:
     }
     [[nodiscard]] static host::OutboxState::Phone pixel() {
         host::OutboxState::Phone phone;
-        phone.pubkey = "AAAA";
+        phone.pubkey = PeerKey("AAAA");
         phone.hostname = "Pixel";
         return phone;
     }
@@ -51,7 +51,8 @@ protected:
         return texts;
     }
 
-    const host::OutboxEvents::Transfer transfer_{.batch = batch, .file = "a.txt", .to = "Pixel", .key = "AAAA"};
+    const host::OutboxEvents::Transfer transfer_{
+        .batch = BatchId(batch), .file = "a.txt", .to = "Pixel", .key = PeerKey("AAAA")};
     fakes::World world_;
     TaskRunner tasks_{world_.context};
     Output output_;
@@ -74,11 +75,11 @@ TEST_F(OutboxReporterTest, OneObjectAHappeningForScripts) {
     const std::string lines = said([this] {
                                   reporter_.progress(transfer_, 5, 10);
                                   reporter_.sent(transfer_, delivered(0, true));
-                                  reporter_.waiting(batch, "Pixel", "why", 15);
+                                  reporter_.waiting(BatchId(batch), "Pixel", "why", 15);
                                   reporter_.failed(transfer_, "declined");
-                                  reporter_.failed(batch, pixel(), "forgotten");
-                                  reporter_.setAside(batch, "no sense", "/away");
-                                  reporter_.done(batch);
+                                  reporter_.failed(BatchId(batch), pixel(), "forgotten");
+                                  reporter_.setAside(BatchId(batch), "no sense", "/away");
+                                  reporter_.done(BatchId(batch));
                               }).output;
     const std::string id = std::string("\"batch\":\"") + batch + "\",";
     EXPECT_EQ("{" + id + "\"bytes_sent\":5,\"event\":\"outbox_progress\",\"file\":\"a.txt\",\"to\":\"Pixel\"," +
@@ -110,16 +111,16 @@ TEST_F(OutboxReporterTest, WhatIsNotSentIsSaidWithWhatToDo) {
     EXPECT_EQ("orlinth: declined\na.txt is not sent to Pixel.\n",
               said([this] { reporter_.failed(transfer_, "declined"); }).errors);
     EXPECT_EQ("orlinth: forgotten\nNothing more of batch 0A1B2C3D is sent to Pixel.\n",
-              said([this] { reporter_.failed(batch, pixel(), "forgotten"); }).errors);
+              said([this] { reporter_.failed(BatchId(batch), pixel(), "forgotten"); }).errors);
     EXPECT_THAT(shown(), testing::ElementsAre("Not sent to Pixel: a.txt: declined", "Not sent to Pixel: forgotten"));
     EXPECT_EQ("orlinth: batch 0A1B2C3D was set aside: why\nIt is in /away/" + std::string(batch) +
                   "; `orlinth outbox retry 0A1B2C3D` tries it again.\n",
-              said([this] { reporter_.setAside(batch, "why", platform::Path("/away") / batch); }).errors);
+              said([this] { reporter_.setAside(BatchId(batch), "why", platform::Path("/away") / batch); }).errors);
     EXPECT_EQ("orlinth: batch 0A1B2C3D was set aside: why\n"
               "It is in /away/other 2; one of its name lies there already, so it is left to you.\n",
-              said([this] { reporter_.setAside(batch, "why", "/away/other 2"); }).errors);
+              said([this] { reporter_.setAside(BatchId(batch), "why", "/away/other 2"); }).errors);
     EXPECT_EQ("orlinth: batch 0A1B2C3D: why\nIt could not be set aside (full), and is left where it is.\n",
-              said([this] { reporter_.notSetAside(batch, "why", "full"); }).errors);
+              said([this] { reporter_.notSetAside(BatchId(batch), "why", "full"); }).errors);
 }
 
 TEST_F(OutboxReporterTest, TroubleWithItsOwnFilesIsSaid) {

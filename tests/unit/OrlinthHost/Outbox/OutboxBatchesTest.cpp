@@ -41,7 +41,7 @@ protected:
     /// What reading the batch says.
     [[nodiscard]] std::string fault() {
         try {
-            const OutboxBatches::Batch read = batches_.read(id);
+            const OutboxBatches::Batch read = batches_.read(BatchId(id));
             for (const std::string& name : read.manifest.files) {
                 batches_.checkFile(read, name);
             }
@@ -70,7 +70,7 @@ TEST_F(OutboxBatchesTest, ReadsABatch) {
     Json json = manifest({"a.txt"});
     json["targetPubkeys"] = {"KEY"};
     putManifest(json);
-    const OutboxBatches::Batch read = batches_.read(id);
+    const OutboxBatches::Batch read = batches_.read(BatchId(id));
     EXPECT_EQ(batch(), read.folder);
     EXPECT_EQ((ShareOutbox::Manifest{
                   .id = id, .createdAtMs = 1000, .files = {"a.txt"}, .targetPubkeys = std::vector<std::string>{"KEY"}}),
@@ -85,7 +85,7 @@ TEST_F(OutboxBatchesTest, TakesOnlyRealFoldersWithTheNameOfABatch) {
     std::filesystem::create_directory_symlink(batch(), root() / otherId);
     fakes::writeText(root() / "2A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9", "a file");
     ASSERT_EQ(0, ::mkfifo((root() / "3A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9").c_str(), 0600));
-    EXPECT_THAT(batches_.ids(), ElementsAre(id));
+    EXPECT_THAT(batches_.ids(), ElementsAre(BatchId(id)));
 }
 
 TEST_F(OutboxBatchesTest, HasNoneWhereThereIsNoOutbox) {
@@ -96,9 +96,9 @@ TEST_F(OutboxBatchesTest, HasNoneWhereThereIsNoOutbox) {
 
 TEST_F(OutboxBatchesTest, IsCompleteOnceTheManifestIsThere) {
     fakes::writeText(batch() / "a.txt", "abc");
-    EXPECT_FALSE(batches_.isComplete(id));
+    EXPECT_FALSE(batches_.isComplete(BatchId(id)));
     putManifest(manifest({"a.txt"}));
-    EXPECT_TRUE(batches_.isComplete(id));
+    EXPECT_TRUE(batches_.isComplete(BatchId(id)));
 }
 
 TEST_F(OutboxBatchesTest, RefusesNamesThatLeaveTheFolder) {
@@ -180,7 +180,7 @@ TEST_F(OutboxBatchesTest, RemovesTheFolderAndNothingThatALinkInItLeadsTo) {
     fakes::writeText(batch() / "a.txt", "abc");
     putManifest(manifest({"a.txt"}));
     std::filesystem::create_directory_symlink(folder_ / "kept", batch() / "link");
-    batches_.remove(id);
+    batches_.remove(BatchId(id));
     EXPECT_FALSE(std::filesystem::exists(batch()));
     EXPECT_EQ("abc", fakes::readText(folder_ / "kept" / "b.txt"));
 }
@@ -188,49 +188,49 @@ TEST_F(OutboxBatchesTest, RemovesTheFolderAndNothingThatALinkInItLeadsTo) {
 TEST_F(OutboxBatchesTest, RemovesNothingWhereALinkIsInTheFoldersPlace) {
     fakes::writeText(folder_ / "moved" / "a.txt", "abc");
     std::filesystem::create_directory_symlink(folder_ / "moved", batch());
-    EXPECT_TRUE(batches_.isGone(id));
-    EXPECT_THROW(batches_.remove(id), platform::SystemError);
+    EXPECT_TRUE(batches_.isGone(BatchId(id)));
+    EXPECT_THROW(batches_.remove(BatchId(id)), platform::SystemError);
     EXPECT_EQ("abc", fakes::readText(folder_ / "moved" / "a.txt"));
     EXPECT_TRUE(std::filesystem::is_symlink(batch()));
     std::filesystem::remove(batch());
     std::filesystem::create_symlink(batch(), batch()); // leads to itself
-    EXPECT_TRUE(batches_.isGone(id));
+    EXPECT_TRUE(batches_.isGone(BatchId(id)));
     EXPECT_THAT(batches_.ids(), IsEmpty());
     std::filesystem::remove(batch());
-    EXPECT_TRUE(batches_.isGone(id));
+    EXPECT_TRUE(batches_.isGone(BatchId(id)));
     std::filesystem::create_directory(batch());
-    EXPECT_FALSE(batches_.isGone(id));
+    EXPECT_FALSE(batches_.isGone(BatchId(id)));
 }
 
 TEST_F(OutboxBatchesTest, LeavesTheManifestWhereTheFolderCannotBeEmptied) {
     putManifest(manifest({"a.txt"}));
     fakes::writeText(batch() / "sub" / "b.txt", "abc");
-    EXPECT_THROW(batches_.remove(id), platform::SystemError);
-    EXPECT_TRUE(batches_.isComplete(id));
+    EXPECT_THROW(batches_.remove(BatchId(id)), platform::SystemError);
+    EXPECT_TRUE(batches_.isComplete(BatchId(id)));
     EXPECT_EQ("abc", fakes::readText(batch() / "sub" / "b.txt"));
 }
 
 TEST_F(OutboxBatchesTest, SetsABatchAsideAsItIsAndBringsItBack) {
     fakes::writeText(batch() / "a.txt", "abc");
     putManifest(manifest({"a.txt"}));
-    EXPECT_EQ(container() / "OutboxSetAside" / id, batches_.setAside(id));
+    EXPECT_EQ(container() / "OutboxSetAside" / id, batches_.setAside(BatchId(id)));
     EXPECT_THAT(batches_.ids(), IsEmpty());
-    EXPECT_THAT(batches_.setAsideIds(), ElementsAre(id));
-    EXPECT_THAT(batches_.readSetAside(id).manifest.files, ElementsAre("a.txt"));
-    batches_.bringBack(id);
+    EXPECT_THAT(batches_.setAsideIds(), ElementsAre(BatchId(id)));
+    EXPECT_THAT(batches_.readSetAside(BatchId(id)).manifest.files, ElementsAre("a.txt"));
+    batches_.bringBack(BatchId(id));
     EXPECT_THAT(batches_.setAsideIds(), IsEmpty());
     EXPECT_EQ("abc", fakes::readText(batch() / "a.txt"));
 }
 
 TEST_F(OutboxBatchesTest, ReplacesNothingThatWasSetAsideBefore) {
     fakes::writeText(batch() / "a.txt", "first");
-    batches_.setAside(id);
+    batches_.setAside(BatchId(id));
     fakes::writeText(batch() / "a.txt", "second");
-    const platform::Path second = batches_.setAside(id);
+    const platform::Path second = batches_.setAside(BatchId(id));
     EXPECT_EQ("first", fakes::readText(container() / "OutboxSetAside" / id / "a.txt"));
     EXPECT_EQ("second", fakes::readText(second / "a.txt"));
     fakes::writeText(batch() / "a.txt", "third");
-    EXPECT_THROW(batches_.bringBack(id), OutboxError);
+    EXPECT_THROW(batches_.bringBack(BatchId(id)), OutboxError);
 }
 
 TEST_F(OutboxBatchesTest, ClearsWhatSomebodyHasBegunAndLeft) {
@@ -241,9 +241,9 @@ TEST_F(OutboxBatchesTest, ClearsWhatSomebodyHasBegunAndLeft) {
     setAge(root() / otherId, 1000);
     EXPECT_EQ(0U, batches_.clearAbandoned({}));
     setAge(batch(), 61);
-    EXPECT_EQ(0U, batches_.clearAbandoned({id})) << "it is known";
+    EXPECT_EQ(0U, batches_.clearAbandoned({BatchId(id)})) << "it is known";
     EXPECT_EQ(1U, batches_.clearAbandoned({}));
-    EXPECT_THAT(batches_.ids(), ElementsAre(otherId));
+    EXPECT_THAT(batches_.ids(), ElementsAre(BatchId(otherId)));
 }
 
 TEST_F(OutboxBatchesTest, LeavesWhatSomebodyHolds) {

@@ -37,9 +37,9 @@ public:
         }
         lines.push_back(line);
     }
-    void done(const std::string& batch) override { lines.push_back("done " + batch.substr(0, 2)); }
-    void waiting(const std::string& batch, const std::string& to, const std::string& message, double seconds) override {
-        lines.push_back("waiting " + batch.substr(0, 2) + " for " + to + " " +
+    void done(const BatchId& batch) override { lines.push_back("done " + batch.text().substr(0, 2)); }
+    void waiting(const BatchId& batch, const std::string& to, const std::string& message, double seconds) override {
+        lines.push_back("waiting " + batch.text().substr(0, 2) + " for " + to + " " +
                         std::to_string(static_cast<int>(seconds)) + " s: " + message);
     }
     void waitingLine(const OutboxState::Phone& to, const std::string& message) override {
@@ -51,14 +51,14 @@ public:
     void failed(const Transfer& transfer, const std::string& message) override {
         lines.push_back("failed " + transfer.file + " to " + transfer.to + ": " + message);
     }
-    void failed(const std::string& batch, const OutboxState::Phone& to, const std::string& message) override {
-        lines.push_back("failed all of " + batch.substr(0, 2) + " to " + to.displayName() + ": " + message);
+    void failed(const BatchId& batch, const OutboxState::Phone& to, const std::string& message) override {
+        lines.push_back("failed all of " + batch.text().substr(0, 2) + " to " + to.displayName() + ": " + message);
     }
-    void setAside(const std::string& batch, const std::string& message, const platform::Path&) override {
-        lines.push_back("set aside " + batch.substr(0, 2) + ": " + message);
+    void setAside(const BatchId& batch, const std::string& message, const platform::Path&) override {
+        lines.push_back("set aside " + batch.text().substr(0, 2) + ": " + message);
     }
-    void notSetAside(const std::string& batch, const std::string&, const std::string&) override {
-        lines.push_back("not set aside " + batch.substr(0, 2));
+    void notSetAside(const BatchId& batch, const std::string&, const std::string&) override {
+        lines.push_back("not set aside " + batch.text().substr(0, 2));
     }
     void noOutbox(const std::string&) override { lines.emplace_back("no outbox"); }
     void notSaved(const std::string&) override { lines.emplace_back("not saved"); }
@@ -102,33 +102,33 @@ protected:
         queue->forgetOrphans();
         static_cast<void>(look());
     }
-    OutboxQueue::Job& job(const std::string& id) { return *queue->find(id); }
+    OutboxQueue::Job& job(const std::string& id) { return *queue->find(BatchId(id)); }
     /// Batch and file that come next for a phone, and are under way from now on; "" if there are none.
     std::string begin(const std::string& key) {
-        OutboxQueue::Job* const next = queue->nextFor(key);
+        OutboxQueue::Job* const next = queue->nextFor(PeerKey(key));
         if (next == nullptr) {
             return "";
         }
-        const std::string file = *next->nextFor(key);
-        journal = queue->setUnderWay(*next, key);
-        return next->id().substr(0, 2) + " " + file;
+        const std::string file = *next->nextFor(PeerKey(key));
+        journal = queue->setUnderWay(*next, PeerKey(key));
+        return next->id().text().substr(0, 2) + " " + file;
     }
     void end(const std::string& id, const std::string& key, const std::string& file) {
-        OutboxQueue::setEnded(job(id), key, file);
+        OutboxQueue::setEnded(job(id), PeerKey(key), file);
     }
     void arrive(const std::string& id, const std::string& key, const std::string& file) {
         end(id, key, file);
         const OutboxEvents::Transfer transfer{
-            .batch = id, .file = file, .to = key == phone ? "Pixel-8" : "Tablet", .key = key};
-        queue->setDone(job(id), key, transfer, Delivered{});
+            .batch = BatchId(id), .file = file, .to = key == phone ? "Pixel-8" : "Tablet", .key = PeerKey(key)};
+        queue->setDone(job(id), PeerKey(key), transfer, Delivered{});
     }
     void fail(const std::string& id, const std::string& key, const std::string& file, const std::string& why) {
         end(id, key, file);
-        queue->setFailed(job(id), key, file, why);
+        queue->setFailed(job(id), PeerKey(key), file, why);
     }
     void takeInVain(const std::string& id, const std::string& key, const std::string& file) {
         end(id, key, file);
-        queue->putBehind(job(id), key, file);
+        queue->putBehind(job(id), PeerKey(key), file);
     }
     [[nodiscard]] bool isThere(const platform::Path& path) const { return world.files.exists(path); }
 
@@ -153,16 +153,16 @@ TEST_F(OutboxQueueTest, TakesInABatchOnceItIsComplete) {
     EXPECT_EQ(watched, outbox);
     EXPECT_THAT(incomplete, ElementsAre(outbox / first));
     put(first, {"a.txt"}, {phone});
-    EXPECT_THAT(queue->look(watch).phones, ElementsAre(phone));
+    EXPECT_THAT(queue->look(watch).phones, ElementsAre(PeerKey(phone)));
     EXPECT_THAT(incomplete, IsEmpty());
-    EXPECT_NE(queue->find(first), nullptr);
+    EXPECT_NE(queue->find(BatchId(first)), nullptr);
     EXPECT_THAT(look().phones, IsEmpty()) << "it is no news any more";
 }
 
 TEST_F(OutboxQueueTest, FindsABatchThatBecomesCompleteWhileTheWatchIsSetUp) {
     const auto hold = beginBatch(first);
     const OutboxQueue::News news = queue->look([this](const auto&, const auto&) { put(first, {"a.txt"}, {phone}); });
-    EXPECT_THAT(news.phones, ElementsAre(phone));
+    EXPECT_THAT(news.phones, ElementsAre(PeerKey(phone)));
 }
 
 TEST_F(OutboxQueueTest, GivesFilesInTheirOrderTheOlderBatchFirstAndEachOnce) {
@@ -173,7 +173,7 @@ TEST_F(OutboxQueueTest, GivesFilesInTheirOrderTheOlderBatchFirstAndEachOnce) {
     EXPECT_EQ(begin(phone), "1A a.txt") << "beside the first";
     EXPECT_EQ(begin(phone), "0A new.txt");
     EXPECT_EQ(begin(phone), "");
-    EXPECT_TRUE(job(second).isOpenFor(phone)) << "what is under way is not done";
+    EXPECT_TRUE(job(second).isOpenFor(PeerKey(phone))) << "what is under way is not done";
 }
 
 TEST_F(OutboxQueueTest, GivesFilesThatThePhoneTookInVainAfterTheOthers) {
@@ -189,7 +189,7 @@ TEST_F(OutboxQueueTest, GivesFilesThatThePhoneTookInVainAfterTheOthers) {
     EXPECT_EQ(begin(phone), "0A a.txt");
     takeInVain(first, phone, "a.txt");
     EXPECT_EQ(begin(phone), "0A b.txt") << "in vain once, the other twice";
-    EXPECT_EQ(job(first).attemptsInVain(phone, "a.txt"), 2);
+    EXPECT_EQ(job(first).attemptsInVain(PeerKey(phone), "a.txt"), 2);
 }
 
 TEST_F(OutboxQueueTest, PreparesSixteenFilesAtOnceButNoneThatWasTakenInVain) {
@@ -202,8 +202,8 @@ TEST_F(OutboxQueueTest, PreparesSixteenFilesAtOnceButNoneThatWasTakenInVain) {
     EXPECT_EQ(begin(phone), "0A a");
     EXPECT_TRUE(journal->isPrepared(outbox / first / "p"));
     EXPECT_FALSE(journal->isPrepared(outbox / first / "q")) << "the seventeenth";
-    queue->putBehind(job(first), phone, "c");
-    EXPECT_THAT(job(first).upcoming(phone, 3), ElementsAre("b", "d", "e"));
+    queue->putBehind(job(first), PeerKey(phone), "c");
+    EXPECT_THAT(job(first).upcoming(PeerKey(phone), 3), ElementsAre("b", "d", "e"));
 }
 
 TEST_F(OutboxQueueTest, OpensNoFileThatIsNotFitToBeSent) {
@@ -232,7 +232,7 @@ TEST_F(OutboxQueueTest, RemovesABatchOnceEveryPhoneHasEverything) {
                             "sent a.txt to Tablet", "sent b.txt to Tablet", "Tablet has a.txt b.txt", "done 0A"));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
-    EXPECT_EQ(queue->find(first), nullptr);
+    EXPECT_EQ(queue->find(BatchId(first)), nullptr);
 }
 
 TEST_F(OutboxQueueTest, KnowsAfterARestartWhatEachPhoneHas) {
@@ -275,7 +275,7 @@ TEST_F(OutboxQueueTest, GivesUpEverythingForOnePhoneAndNothingForTheOther) {
     put(second, {"c.txt"}, {phone});
     static_cast<void>(look());
     static_cast<void>(begin(tablet));
-    queue->setAllFailed(phone, "removed");
+    queue->setAllFailed(PeerKey(phone), "removed");
     EXPECT_THAT(events.take(), ElementsAre("failed all of 0A to Pixel-8: removed", "Pixel-8 has",
                                            "failed all of 1A to Pixel-8: removed", "Pixel-8 has",
                                            "set aside 1A: c.txt not sent to Pixel-8 (removed)"));
@@ -287,18 +287,18 @@ TEST_F(OutboxQueueTest, TellsOfEachBatchThatItsPhoneIsAwayAndPeopleOnce) {
     put(first, {"a.txt"}, {phone});
     put(second, {"b.txt"}, {phone, tablet});
     static_cast<void>(look());
-    queue->setWaiting(phone, "no answer", 5, true);
+    queue->setWaiting(PeerKey(phone), "no answer", 5, true);
     EXPECT_THAT(events.take(),
                 ElementsAre("waiting 0A for Pixel-8 5 s: no answer", "waiting 1A for Pixel-8 5 s: no answer",
                             "line: Pixel-8: no answer", "shown: Pixel-8: no answer"));
-    queue->setWaiting(phone, "no answer", 10, false);
+    queue->setWaiting(PeerKey(phone), "no answer", 10, false);
     EXPECT_THAT(events.take(), ElementsAre(StartsWith("waiting 0A"), StartsWith("waiting 1A")));
-    queue->setWaiting(phone, "refused", 20, true);
+    queue->setWaiting(PeerKey(phone), "refused", 20, true);
     EXPECT_THAT(events.take(),
                 ElementsAre(StartsWith("waiting 0A"), StartsWith("waiting 1A"), "line: Pixel-8: refused"));
     put(third, {"c.txt"}, {phone});
     static_cast<void>(look());
-    queue->setWaiting(phone, "refused", 40, false);
+    queue->setWaiting(PeerKey(phone), "refused", 40, false);
     EXPECT_EQ(events.take().size(), 5U) << "a batch that nobody knows to wait yet";
 }
 
@@ -329,7 +329,7 @@ TEST_F(OutboxQueueTest, TellsOnceOfABatchThatCannotBeSetAsideAndTriesAgainWhenIt
     world.files.removeDirectory(outbox / first);
     static_cast<void>(look());
     put(first, {"a.txt"}, {phone});
-    EXPECT_THAT(look().phones, ElementsAre(phone));
+    EXPECT_THAT(look().phones, ElementsAre(PeerKey(phone)));
 }
 
 TEST_F(OutboxQueueTest, TakesInABatchAtALaterLookIfThePeerStoreCannotBeReadNow) {
@@ -343,7 +343,7 @@ TEST_F(OutboxQueueTest, TakesInABatchAtALaterLookIfThePeerStoreCannotBeReadNow) 
     EXPECT_THAT(look().phones, IsEmpty());
     EXPECT_THAT(events.take(), ElementsAre(StartsWith("waiting 0A for  60 s: ")));
     world.files.clearFaults();
-    EXPECT_THAT(look().phones, ElementsAre(phone));
+    EXPECT_THAT(look().phones, ElementsAre(PeerKey(phone)));
 }
 
 TEST_F(OutboxQueueTest, TellsOnceThatThereIsNoOutboxUntilThereWasOne) {
@@ -381,8 +381,8 @@ TEST_F(OutboxQueueTest, FindsABatchWhoseFolderHasGoneAndRemovesNothingInItsPlace
     world.files.putFolder("/mnt");
     world.files.rename(outbox / first, "/mnt/moved");
     world.files.putLink(outbox / first, "/mnt/moved");
-    EXPECT_THAT(look().vanished, ElementsAre(first));
-    EXPECT_EQ(queue->discard(first), std::nullopt);
+    EXPECT_THAT(look().vanished, ElementsAre(BatchId(first)));
+    EXPECT_EQ(queue->discard(BatchId(first)), std::nullopt);
     EXPECT_TRUE(isThere("/mnt/moved/a.txt"));
     EXPECT_FALSE(isThere(memory / first));
 }
@@ -390,10 +390,10 @@ TEST_F(OutboxQueueTest, FindsABatchWhoseFolderHasGoneAndRemovesNothingInItsPlace
 TEST_F(OutboxQueueTest, DropsABatchWithAllThatIsRememberedOfIt) {
     put(first, {"a.txt"}, {phone});
     static_cast<void>(look());
-    EXPECT_EQ(queue->discard(first), std::nullopt);
+    EXPECT_EQ(queue->discard(BatchId(first)), std::nullopt);
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
-    EXPECT_EQ(queue->find(first), nullptr);
+    EXPECT_EQ(queue->find(BatchId(first)), nullptr);
     EXPECT_THAT(events.take(), IsEmpty()) << "whoever dropped it knows";
 }
 
@@ -401,7 +401,7 @@ TEST_F(OutboxQueueTest, SetsAsideADroppedBatchThatCannotBeRemoved) {
     put(first, {"a.txt"}, {phone});
     static_cast<void>(look());
     world.files.addFault({.operation = fakes::Operation::remove, .errorNumber = EACCES, .nameEnding = "a.txt"});
-    const std::optional<std::string> problem = queue->discard(first);
+    const std::optional<std::string> problem = queue->discard(BatchId(first));
     ASSERT_TRUE(problem);
     EXPECT_THAT(*problem, StartsWith("it cannot be removed: "));
     EXPECT_THAT(events.take(), ElementsAre("set aside 0A: " + *problem));
@@ -422,15 +422,15 @@ TEST_F(OutboxQueueTest, TriesAgainWhatHasFailedOfALiveBatchAndOfOneThatWasSetAsi
     put(second, {"c.txt"}, {phone}, 2000);
     static_cast<void>(look());
     fail(first, phone, begin(phone).substr(3), "declined");
-    EXPECT_TRUE(queue->retry(first));
+    EXPECT_TRUE(queue->retry(BatchId(first)));
     EXPECT_EQ(begin(phone), "0A a.txt");
     EXPECT_EQ(begin(phone), "0A b.txt");
     fail(second, phone, begin(phone).substr(3), "declined");
-    EXPECT_EQ(queue->find(second), nullptr);
-    EXPECT_TRUE(queue->retry(second));
-    EXPECT_THAT(look().phones, ElementsAre(phone));
+    EXPECT_EQ(queue->find(BatchId(second)), nullptr);
+    EXPECT_TRUE(queue->retry(BatchId(second)));
+    EXPECT_THAT(look().phones, ElementsAre(PeerKey(phone)));
     EXPECT_EQ(begin(phone), "1A c.txt");
-    EXPECT_FALSE(queue->retry(third));
+    EXPECT_FALSE(queue->retry(BatchId(third)));
 }
 
 TEST_F(OutboxQueueTest, ForgetsAtTheStartWhatIsRememberedOfBatchesThatAreNowhere) {
@@ -438,7 +438,7 @@ TEST_F(OutboxQueueTest, ForgetsAtTheStartWhatIsRememberedOfBatchesThatAreNowhere
     static_cast<void>(look());
     for (const char* id : {second, third}) {
         OutboxState state(world.files, memory / id);
-        state.phones.push_back(freshPhone(phone, nullptr));
+        state.phones.push_back(freshPhone(PeerKey(phone), nullptr));
         state.save();
     }
     world.files.put(container / "OutboxSetAside" / third / "manifest.json", "{}");
@@ -458,11 +458,11 @@ TEST_F(OutboxQueueTest, LooksAtNoFileTwiceThatIsThroughHoweverManyThereAre) {
     put(first, names, {phone});
     static_cast<void>(look());
     for (const std::string& name : names) {
-        ASSERT_EQ(job(first).nextFor(phone), name);
-        job(first).state.find(phone)->setDone(name);
+        ASSERT_EQ(job(first).nextFor(PeerKey(phone)), name);
+        job(first).state.find(PeerKey(phone))->setDone(name);
     }
-    EXPECT_FALSE(job(first).isOpenFor(phone));
-    EXPECT_EQ(job(first).firstOpen.at(phone), names.size());
+    EXPECT_FALSE(job(first).isOpenFor(PeerKey(phone)));
+    EXPECT_EQ(job(first).firstOpen.at(PeerKey(phone)), names.size());
 }
 
 } // namespace

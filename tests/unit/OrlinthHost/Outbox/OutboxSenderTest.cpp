@@ -317,7 +317,7 @@ TEST_F(OutboxSenderTest, WritesIdsDownBeforeAnythingIsSent) {
     start();
     pass(1);
     const OutboxState known = OutboxState::load(world_.files, memory / first).value();
-    const std::string journal = *world_.files.content(known.journalFile(world_.phoneRecord().peer_pubkey));
+    const std::string journal = *world_.files.content(known.journalFile(PeerKey(world_.phoneRecord().peer_pubkey)));
     EXPECT_THAT(InFlightJournal::decodeEntries(parseJson(journal)),
                 ElementsAre(Key(StartsWith("a.txt|16|")), Key(StartsWith("b.txt|16|"))));
 }
@@ -330,7 +330,8 @@ TEST_F(OutboxSenderTest, TakesNothingForSentBeforeThePhoneHasClosed) {
     EXPECT_THAT(told(What::sent), IsEmpty());
     const OutboxState whoeverComesNext = OutboxState::load(world_.files, memory / first).value();
     EXPECT_TRUE(whoeverComesNext.phones.at(0).isOpen("a.txt"));
-    const std::string journal = *world_.files.content(whoeverComesNext.journalFile(world_.phoneRecord().peer_pubkey));
+    const std::string journal =
+        *world_.files.content(whoeverComesNext.journalFile(PeerKey(world_.phoneRecord().peer_pubkey)));
     EXPECT_THAT(journal, HasSubstr(ids_.at(0))) << "under the same id, if we are killed now";
     pass(10);
     EXPECT_EQ(1U, told(What::sent).size());
@@ -431,8 +432,8 @@ TEST_F(OutboxSenderTest, DropsABatch) {
     put(second, {"b.txt"}, 2000);
     start();
     pass(1);
-    EXPECT_TRUE(world_.run(sender_->remove(first)));
-    EXPECT_FALSE(world_.run(sender_->remove(first)));
+    EXPECT_TRUE(world_.run(sender_->remove(BatchId(first))));
+    EXPECT_FALSE(world_.run(sender_->remove(BatchId(first))));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
     EXPECT_TRUE(isThere(outbox / second));
@@ -443,7 +444,7 @@ TEST_F(OutboxSenderTest, EndsWhatIsUnderWayOfABatchThatIsDropped) {
     put(first, {"a.txt"});
     start();
     pass(1);
-    EXPECT_TRUE(world_.run(sender_->remove(first)));
+    EXPECT_TRUE(world_.run(sender_->remove(BatchId(first))));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
     pass(100);
@@ -486,11 +487,11 @@ TEST_F(OutboxSenderTest, RetriesABatchThatWasSetAsideWithoutWhatWasSentOfIt) {
     pass(30);
     ASSERT_TRUE(isThere(container / "OutboxSetAside" / first));
     world_.alongside(take(1));
-    EXPECT_TRUE(sender_->retry(first));
+    EXPECT_TRUE(sender_->retry(BatchId(first)));
     pass(1);
     EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
     EXPECT_FALSE(isThere(container / "OutboxSetAside" / first));
-    EXPECT_FALSE(sender_->retry(first));
+    EXPECT_FALSE(sender_->retry(BatchId(first)));
 }
 
 TEST_F(OutboxSenderTest, GivesUpAnAttemptWithoutAHandshake) {

@@ -27,7 +27,7 @@ protected:
     OutboxStateTest() {
         for (const char* key : {"KEY A", "KEY B"}) {
             OutboxState::Phone phone;
-            phone.pubkey = key;
+            phone.pubkey = PeerKey(key);
             state_.phones.push_back(phone);
         }
         state_.phones[0].hostname = "Pixel";
@@ -58,7 +58,7 @@ protected:
 };
 
 TEST_F(OutboxStateTest, IsTheSameAfterARestart) {
-    OutboxState::Phone& phone = *state_.find("KEY A");
+    OutboxState::Phone& phone = *state_.find(PeerKey("KEY A"));
     phone.done = {"a"};
     phone.failed["c"] = "why";
     phone.waiting = "for this";
@@ -68,7 +68,7 @@ TEST_F(OutboxStateTest, IsTheSameAfterARestart) {
     EXPECT_THAT(again.phones[0].done, ElementsAre("a"));
     EXPECT_THAT(again.phones[0].failed, ElementsAre(Pair("c", "why")));
     EXPECT_EQ("for this", again.phones[0].waiting);
-    EXPECT_EQ("KEY B", again.phones[1].pubkey);
+    EXPECT_EQ("KEY B", again.phones[1].pubkey.text());
     EXPECT_EQ("", again.phones[1].waiting);
 }
 
@@ -89,7 +89,7 @@ TEST_F(OutboxStateTest, OfWhichNothingCanBeReadIsNone) {
 }
 
 TEST_F(OutboxStateTest, TakesALineMoreForEachFile) {
-    OutboxState::Phone& phone = *state_.find("KEY A");
+    OutboxState::Phone& phone = *state_.find(PeerKey("KEY A"));
     phone.waiting = "for this";
     state_.save();
     const std::string whole = content();
@@ -137,7 +137,7 @@ TEST_F(OutboxStateTest, KnowsWhatIsBeforeALineThatCannotBeRead) {
 }
 
 TEST_F(OutboxStateTest, FlushesWhatWasWrittenSince) {
-    OutboxState::Phone& phone = *state_.find("KEY A");
+    OutboxState::Phone& phone = *state_.find(PeerKey("KEY A"));
     state_.save();
     const std::size_t flushes = files_.count(fakes::Operation::flush);
     state_.flush();
@@ -154,7 +154,7 @@ TEST(OutboxStateCrash, LosesAtMostWhatWasNotFlushed) {
     const auto prepare = [](fakes::MemoryFileSystem& files) {
         files.putFolder("/data");
         OutboxState state(files, folder);
-        state.phones.push_back(freshPhone("KEY A", nullptr));
+        state.phones.push_back(freshPhone(PeerKey("KEY A"), nullptr));
         state.save();
     };
     fakes::forEveryCrash(
@@ -174,7 +174,7 @@ TEST(OutboxStateCrash, LosesAtMostWhatWasNotFlushed) {
             const std::optional<OutboxState> state = OutboxState::load(after.files, folder);
             ASSERT_TRUE(state) << "what was there before is lost";
             const OutboxState::Phone& phone = state->phones.front();
-            EXPECT_EQ("KEY A", phone.pubkey);
+            EXPECT_EQ("KEY A", phone.pubkey.text());
             EXPECT_TRUE(phone.isOpen("b"));
             if (isFlushed) {
                 EXPECT_FALSE(phone.isOpen("a"));
@@ -191,7 +191,7 @@ TEST(OutboxStateFailure, IsMadeUpForByTheNextChange) {
         ENOSPC, prepare,
         [](fakes::MemoryFileSystem& files) {
             OutboxState state(files, folder);
-            state.phones.push_back(freshPhone("KEY A", nullptr));
+            state.phones.push_back(freshPhone(PeerKey("KEY A"), nullptr));
             OutboxState::Phone& phone = state.phones.front();
             EXPECT_FALSE(state.isBehind());
             for (const char* name : {"a", "b", "c"}) {
@@ -214,7 +214,7 @@ TEST(OutboxStateFailure, IsMadeUpForByTheNextChange) {
 }
 
 TEST_F(OutboxStateTest, IsWrittenWholeWhereALineWasCutShort) {
-    OutboxState::Phone& phone = *state_.find("KEY A");
+    OutboxState::Phone& phone = *state_.find(PeerKey("KEY A"));
     state_.save();
     files_.addFault({.operation = fakes::Operation::write, .errorNumber = ENOSPC, .times = 1, .writtenBytes = 9});
     phone.setDone("a");
@@ -226,7 +226,7 @@ TEST_F(OutboxStateTest, IsWrittenWholeWhereALineWasCutShort) {
 }
 
 TEST_F(OutboxStateTest, KnowsWhatIsStillToBeSentToAPhone) {
-    OutboxState::Phone& phone = *state_.find("KEY A");
+    OutboxState::Phone& phone = *state_.find(PeerKey("KEY A"));
     EXPECT_TRUE(phone.isOpen("a"));
     phone.done = {"a"};
     EXPECT_FALSE(phone.isOpen("a"));
@@ -239,14 +239,14 @@ TEST_F(OutboxStateTest, KnowsWhatIsStillToBeSentToAPhone) {
 }
 
 TEST_F(OutboxStateTest, GivesEachPhoneAJournalOfItsOwn) {
-    EXPECT_NE(state_.journalFile("KEY A"), state_.journalFile("KEY B"));
+    EXPECT_NE(state_.journalFile(PeerKey("KEY A")), state_.journalFile(PeerKey("KEY B")));
     // printf %s 'KEY A' | sha256sum
-    EXPECT_EQ(folder / "inflight-298f7faec21c4681.json", state_.journalFile("KEY A"));
+    EXPECT_EQ(folder / "inflight-298f7faec21c4681.json", state_.journalFile(PeerKey("KEY A")));
 }
 
 TEST_F(OutboxStateTest, GoesWithItsJournals) {
     state_.save();
-    files_.put(state_.journalFile("KEY A"), "{}");
+    files_.put(state_.journalFile(PeerKey("KEY A")), "{}");
     files_.put("/data/outbox/OTHER/state.jsonl", "{}");
     state_.remove();
     EXPECT_THAT(files_.allFiles(), ElementsAre("/data/outbox/OTHER/state.jsonl"));
@@ -264,9 +264,9 @@ TEST_F(OutboxStateTest, GoesToThePhonesThatWereChosenEachOnce) {
     manifest.targetPubkeys = {"B", "GONE", "B"};
     const auto phones = phonesFor(manifest, book, neverAsked);
     ASSERT_EQ(2U, phones.size());
-    EXPECT_EQ("B", phones[0].pubkey);
+    EXPECT_EQ("B", phones[0].pubkey.text());
     EXPECT_EQ("name of B", phones[0].hostname);
-    EXPECT_EQ("GONE", phones[1].pubkey);
+    EXPECT_EQ("GONE", phones[1].pubkey.text());
     EXPECT_EQ("", phones[1].hostname);
 }
 
@@ -274,8 +274,9 @@ TEST_F(OutboxStateTest, GoesToThePhoneThatWasTheOneWhereThereWasNoChoice) {
     ShareOutbox::Manifest manifest;
     manifest.createdAtMs = 100;
     EXPECT_THAT(phonesFor(manifest, {}, neverAsked), IsEmpty());
-    EXPECT_EQ("A", phonesFor(manifest, {{phone("A", 100)}}, neverAsked).at(0).pubkey);
-    EXPECT_EQ("B", phonesFor(manifest, {{phone("A", 1), phone("B", 50), phone("C", 101)}}, neverAsked).at(0).pubkey);
+    EXPECT_EQ("A", phonesFor(manifest, {{phone("A", 100)}}, neverAsked).at(0).pubkey.text());
+    EXPECT_EQ("B",
+              phonesFor(manifest, {{phone("A", 1), phone("B", 50), phone("C", 101)}}, neverAsked).at(0).pubkey.text());
     EXPECT_EQ(1U, phonesFor(manifest, {{phone("A", 1), phone("B", 50)}}, neverAsked).size());
 }
 
@@ -283,7 +284,8 @@ TEST_F(OutboxStateTest, GoesToNobodyWhereThePhoneThatWasTheOneMayBeGone) {
     ShareOutbox::Manifest manifest;
     manifest.createdAtMs = 100;
     const PeerBook one{{phone("A", 500)}};
-    EXPECT_EQ("A", phonesFor(manifest, one, [] { return false; }).at(0).pubkey) << "it may have been paired anew";
+    EXPECT_EQ("A", phonesFor(manifest, one, [] { return false; }).at(0).pubkey.text())
+        << "it may have been paired anew";
     EXPECT_THROW(static_cast<void>(phonesFor(manifest, one, [] { return true; })), OutboxError);
     const PeerBook several{{phone("A", 500), phone("B", 400)}};
     EXPECT_THROW(static_cast<void>(phonesFor(manifest, several, neverAsked)), OutboxError);

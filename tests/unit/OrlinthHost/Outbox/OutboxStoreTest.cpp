@@ -33,15 +33,15 @@ protected:
     }
     /// As after an attempt in which the phone did not take the file.
     void putFailure(const std::string& id, const std::string& pubkey) {
-        OutboxState state(world.files, store.memoryOf(id));
-        state.phones.push_back(freshPhone(pubkey, nullptr));
+        OutboxState state(world.files, store.memoryOf(BatchId(id)));
+        state.phones.push_back(freshPhone(PeerKey(pubkey), nullptr));
         state.phones.front().failed["a.txt"] = "declined";
         state.save();
     }
     [[nodiscard]] std::vector<std::string> ids(const std::vector<std::string>& selectors) const {
         std::vector<std::string> ids;
         for (const OutboxStore::Entry& entry : store.matching(selectors)) {
-            ids.push_back(entry.id);
+            ids.push_back(entry.id.text());
         }
         return ids;
     }
@@ -61,12 +61,12 @@ TEST_F(OutboxStoreTest, ListsWhatIsCompleteOrSetAsideTheOldestFirst) {
     world.files.put(container / "Outbox" / "2A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9" / "a.txt", "on its way");
     const std::vector<OutboxStore::Entry> all = store.all();
     ASSERT_EQ(all.size(), 3U);
-    EXPECT_EQ(all[0].id, second);
+    EXPECT_EQ(all[0].id.text(), second);
     EXPECT_TRUE(all[0].isSetAside);
-    EXPECT_EQ(all[1].id, third);
+    EXPECT_EQ(all[1].id.text(), third);
     EXPECT_FALSE(all[1].isSetAside);
-    EXPECT_EQ(all[2].id, first);
-    EXPECT_EQ(all[2].state.phones.at(0).pubkey, phone) << "to whom it will go";
+    EXPECT_EQ(all[2].id.text(), first);
+    EXPECT_EQ(all[2].state.phones.at(0).pubkey.text(), phone) << "to whom it will go";
     EXPECT_EQ(all[2].sizeOf(world.files, "a.txt"), 5);
     EXPECT_EQ(all[2].sizeOf(world.files, "b.txt"), 0);
     EXPECT_EQ(all[2].problem, "");
@@ -78,7 +78,7 @@ TEST_F(OutboxStoreTest, SaysWhyABatchCannotBeRead) {
     const std::vector<OutboxStore::Entry> all = store.all();
     ASSERT_EQ(all.size(), 1U);
     EXPECT_NE(all[0].problem, "");
-    EXPECT_EQ(all[0].id, first);
+    EXPECT_EQ(all[0].id.text(), first);
 }
 
 TEST_F(OutboxStoreTest, FindsBatchesByHowTheirIdsBegin) {
@@ -113,8 +113,8 @@ TEST_F(OutboxStoreTest, BringsABatchForNobodyInParticularBackForThePhoneThatIsTh
     putFailure(second, "a phone that was chosen");
     store.retry(entryOf(first));
     store.retry(entryOf(second));
-    EXPECT_EQ(entryOf(first).state.phones.at(0).pubkey, phone);
-    EXPECT_EQ(entryOf(second).state.phones.at(0).pubkey, "a phone that was chosen");
+    EXPECT_EQ(entryOf(first).state.phones.at(0).pubkey.text(), phone);
+    EXPECT_EQ(entryOf(second).state.phones.at(0).pubkey.text(), "a phone that was chosen");
 }
 
 TEST_F(OutboxStoreTest, DropsABatchWithWhatIsRememberedOfIt) {
@@ -124,7 +124,7 @@ TEST_F(OutboxStoreTest, DropsABatchWithWhatIsRememberedOfIt) {
     store.drop(entryOf(first));
     store.drop(entryOf(second));
     EXPECT_THAT(store.all(), IsEmpty());
-    EXPECT_FALSE(world.files.exists(store.memoryOf(first)));
+    EXPECT_FALSE(world.files.exists(store.memoryOf(BatchId(first))));
     EXPECT_FALSE(world.files.exists(container / "Outbox" / first));
     EXPECT_FALSE(world.files.exists(container / "OutboxSetAside" / second));
 }

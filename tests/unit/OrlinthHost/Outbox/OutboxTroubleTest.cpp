@@ -21,8 +21,8 @@ const platform::Path setAside = container / "OutboxSetAside";
 /// What phones, disks and people do to a batch on its way.
 class OutboxTroubleTest : public OutboxWorldTest {
 protected:
-    bool drop() { return world_.run(sender_->remove(first)); }
-    bool retry() { return sender_->retry(first); }
+    bool drop() { return world_.run(sender_->remove(BatchId(first))); }
+    bool retry() { return sender_->retry(BatchId(first)); }
     void look() {
         world_.folders.change(outbox);
         pass(0.1);
@@ -347,7 +347,7 @@ TEST_F(OutboxTroubleTest, SaysThatADropDidNotRemoveTheBatch) {
     pass(1);
     world_.files.addFault({.operation = Operation::remove, .errorNumber = EACCES, .nameEnding = "a.txt"});
     EXPECT_EQ("it cannot be removed: Permission denied",
-              world_.failure<HostError>(sender_->remove(first)).description());
+              world_.failure<HostError>(sender_->remove(BatchId(first))).description());
     EXPECT_TRUE(isThere(setAside / first / "a.txt"));
     EXPECT_EQ(1U, failures().size());
     world_.files.clearFaults();

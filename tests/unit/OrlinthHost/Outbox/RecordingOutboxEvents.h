@@ -65,11 +65,11 @@ public:
     void through(const OutboxState::Phone& to, const std::vector<std::string>& files) override {
         all.push_back({.what = What::through, .to = to.displayName(), .files = files.size()});
     }
-    void done(const std::string& batch) override { all.push_back({.what = What::done, .batch = batch}); }
-    void waiting(const std::string& batch, const std::string& to, const std::string& message,
+    void done(const BatchId& batch) override { all.push_back({.what = What::done, .batch = batch.text()}); }
+    void waiting(const BatchId& batch, const std::string& to, const std::string& message,
                  double retrySeconds) override {
         all.push_back(
-            {.what = What::waiting, .batch = batch, .to = to, .message = message, .retrySeconds = retrySeconds});
+            {.what = What::waiting, .batch = batch.text(), .to = to, .message = message, .retrySeconds = retrySeconds});
     }
     void waitingLine(const OutboxState::Phone& to, const std::string& message) override {
         all.push_back({.what = What::waitingLine, .to = to.displayName(), .message = message});
@@ -80,21 +80,21 @@ public:
     void failed(const Transfer& transfer, const std::string& message) override {
         add(transfer, {.what = What::fileFailed, .message = message});
     }
-    void failed(const std::string& batch, const OutboxState::Phone& to, const std::string& message) override {
-        all.push_back({.what = What::phoneFailed, .batch = batch, .to = to.displayName(), .message = message});
+    void failed(const BatchId& batch, const OutboxState::Phone& to, const std::string& message) override {
+        all.push_back({.what = What::phoneFailed, .batch = batch.text(), .to = to.displayName(), .message = message});
     }
-    void setAside(const std::string& batch, const std::string& message, const platform::Path& where) override {
-        all.push_back({.what = What::setAside, .batch = batch, .message = message, .where = where});
+    void setAside(const BatchId& batch, const std::string& message, const platform::Path& where) override {
+        all.push_back({.what = What::setAside, .batch = batch.text(), .message = message, .where = where});
     }
-    void notSetAside(const std::string& batch, const std::string& message, const std::string& /*problem*/) override {
-        all.push_back({.what = What::notSetAside, .batch = batch, .message = message});
+    void notSetAside(const BatchId& batch, const std::string& message, const std::string& /*problem*/) override {
+        all.push_back({.what = What::notSetAside, .batch = batch.text(), .message = message});
     }
     void noOutbox(const std::string& problem) override { all.push_back({.what = What::noOutbox, .message = problem}); }
     void notSaved(const std::string& problem) override { all.push_back({.what = What::notSaved, .message = problem}); }
 
 private:
     void add(const Transfer& transfer, Told told) {
-        told.batch = transfer.batch;
+        told.batch = transfer.batch.text();
         told.file = transfer.file;
         told.to = transfer.to;
         all.push_back(std::move(told));

@@ -18,8 +18,8 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"request":"lend_port"})", LendPortRequest{}},
     {R"({"port":28471,"request":"lend_port"})", LendPortRequest{28471}},
     {R"({"request":"outbox_retry"})", OutboxRetryRequest{}},
-    {R"({"batch":")" + batch + R"(","request":"outbox_retry"})", OutboxRetryRequest{batch}},
-    {R"({"batch":")" + batch + R"(","request":"outbox_drop"})", OutboxDropRequest{batch}},
+    {R"({"batch":")" + batch + R"(","request":"outbox_retry"})", OutboxRetryRequest{BatchId(batch)}},
+    {R"({"batch":")" + batch + R"(","request":"outbox_drop"})", OutboxDropRequest{BatchId(batch)}},
 };
 
 const std::vector<std::pair<std::string, ControlReply>> replies{

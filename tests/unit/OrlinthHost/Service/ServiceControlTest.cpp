@@ -115,7 +115,7 @@ TEST_F(ServiceControlTest, ARetryReachesTheOutbox) {
     EXPECT_EQ(true, world_.run(askServiceToRetry(home_, std::nullopt)));
     pass(0.1);
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
-    EXPECT_EQ(false, world_.run(askServiceToRetry(home_, batch))) << "it is not there any more";
+    EXPECT_EQ(false, world_.run(askServiceToRetry(home_, BatchId(batch)))) << "it is not there any more";
 }
 
 TEST_F(ServiceControlTest, ADropIsAnsweredOnceNothingIsLeft) {
@@ -123,9 +123,9 @@ TEST_F(ServiceControlTest, ADropIsAnsweredOnceNothingIsLeft) {
     share("a.txt");
     start();
     pass(1); // it is under way
-    EXPECT_EQ(true, world_.run(askServiceToDrop(home_, batch)));
+    EXPECT_EQ(true, world_.run(askServiceToDrop(home_, BatchId(batch))));
     EXPECT_FALSE(world_.files.exists(outbox / batch));
-    EXPECT_EQ(false, world_.run(askServiceToDrop(home_, batch)));
+    EXPECT_EQ(false, world_.run(askServiceToDrop(home_, BatchId(batch))));
 }
 
 TEST_F(ServiceControlTest, ADropThatFailsSaysWhy) {
@@ -134,13 +134,13 @@ TEST_F(ServiceControlTest, ADropThatFailsSaysWhy) {
     pass(1);
     world_.files.addFault({.operation = fakes::Operation::remove, .errorNumber = EACCES, .nameEnding = "a.txt"});
     EXPECT_EQ("the running service did not do it: it cannot be removed: Permission denied",
-              world_.failure<HostError>(askServiceToDrop(home_, batch)).description());
+              world_.failure<HostError>(askServiceToDrop(home_, BatchId(batch))).description());
     world_.files.clearFaults();
 }
 
 TEST_F(ServiceControlTest, WithoutAServiceNothingIsAsked) {
-    EXPECT_EQ(std::nullopt, world_.run(askServiceToRetry(home_, batch)));
-    EXPECT_EQ(std::nullopt, world_.run(askServiceToDrop(home_, batch)));
+    EXPECT_EQ(std::nullopt, world_.run(askServiceToRetry(home_, BatchId(batch))));
+    EXPECT_EQ(std::nullopt, world_.run(askServiceToDrop(home_, BatchId(batch))));
     EXPECT_FALSE(borrow().has_value());
 }
 
