@@ -120,7 +120,7 @@ int runSheet(QApplication& application, CommandLine line) {
         }
     };
     ShareViewController controller(
-        {.system = {.files = system.files, .clock = system.clock, .log = system.log, .signals = system.signals},
+        {.system = {.files = system.files, .clock = system.clock, .log = system.log, .busSignals = system.busSignals},
          .directories = system.directories,
          .computerName = computerName(system.files),
          .statusSeen = isWindowSeen() ? statusSeen : 0ms,

@@ -1,19 +1,19 @@
 #pragma once
 
+#include "platform/BusSignals.h"
 #include "platform/Clipboard.h"
 #include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
 #include "platform/FolderWatch.h"
 #include "platform/HttpsClient.h"
-#include "platform/LocalNetwork.h"
 #include "platform/Log.h"
 #include "platform/MimeTypes.h"
 #include "platform/Network.h"
 #include "platform/NetworkInterfaces.h"
 #include "platform/Notifications.h"
 #include "platform/ServiceDiscovery.h"
-#include "platform/SessionSignals.h"
+#include "platform/UnixSockets.h"
 
 namespace orlinth::platform {
 
@@ -29,9 +29,9 @@ struct System {
     Clipboard& clipboard;
     NetworkInterfaces& interfaces;
     ServiceDiscovery& services;
-    LocalNetwork& local;
+    UnixSockets& unixSockets;
     Notifications& notifications;
-    SessionSignals& signals;
+    BusSignals& busSignals;
     FolderWatcher& folders;
     UserDirectories directories;
     /// The serial queue of the host's main thread: what a desktop wants to be touched from one place runs here.

@@ -22,7 +22,7 @@ TEST_F(ShareViewControllerTest, OpensAtTheHeightForItsPhones) {
     for (const auto& [count, height] : heights) {
         pair(count);
         ShareRequest request({"/home/ann/a.txt"}, "/");
-        ShareViewController controller({.system = {world_.files, world_.clock, world_.log, world_.signals},
+        ShareViewController controller({.system = {world_.files, world_.clock, world_.log, world_.busSignals},
                                         .directories = world_.system.directories,
                                         .computerName = {}},
                                        request);
@@ -51,7 +51,7 @@ TEST_F(ShareViewControllerTest, SendsToTheOnlyPhoneAtOnceWithoutAChoice) {
     EXPECT_EQ(manifest.createdAtMs, world_.clock.epochMilliseconds());
     EXPECT_EQ(copyOf("a.txt"), "content");
     EXPECT_THAT(copyOf("manifest.json"), testing::Not(HasSubstr("targetPubkeys")));
-    EXPECT_THAT(world_.signals.posted, ElementsAre("com.tarvinex.orlinth.share-pending"));
+    EXPECT_THAT(world_.busSignals.posted, ElementsAre("com.tarvinex.orlinth.share-pending"));
     EXPECT_THAT(world_.log.messages(), Contains("staged 1 file(s) in batch " + manifest.id));
     EXPECT_FALSE(controller_->view().isVisible());
 }
@@ -109,7 +109,7 @@ TEST_F(ShareViewControllerTest, CancelsWithoutLeavingAnything) {
         ASSERT_TRUE(request_->error());
         EXPECT_EQ(*request_->error(), (ShareRequest::Error{ShareRequest::ErrorCode::cancelled, "cancelled"}));
         EXPECT_THAT(batches(), IsEmpty());
-        EXPECT_THAT(world_.signals.posted, IsEmpty());
+        EXPECT_THAT(world_.busSignals.posted, IsEmpty());
         EXPECT_FALSE(controller_->view().isVisible());
     }
 }

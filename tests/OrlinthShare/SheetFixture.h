@@ -46,7 +46,7 @@ protected:
         request_ = std::make_unique<ShareRequest>(std::move(items), "/home/ann");
         controller_ = std::make_unique<ShareViewController>(
             ShareViewController::Settings{
-                .system = {.files = *files_, .clock = world_.clock, .log = world_.log, .signals = world_.signals},
+                .system = {.files = *files_, .clock = world_.clock, .log = world_.log, .busSignals = world_.busSignals},
                 .directories = world_.system.directories,
                 .computerName = QStringLiteral("ann-laptop"),
                 .showsFailures = showsFailures},
@@ -106,7 +106,7 @@ protected:
         EXPECT_THAT(world_.log.lines(),
                     testing::Contains(fakes::RecordingLog::Line{platform::LogLevel::error, "com.tarvinex.orlinth.share",
                                                                 "share", message}));
-        EXPECT_THAT(world_.signals.posted, testing::IsEmpty());
+        EXPECT_THAT(world_.busSignals.posted, testing::IsEmpty());
         EXPECT_THAT(batches(), testing::IsEmpty());
     }
 

@@ -72,7 +72,7 @@ TEST_F(SlowCopyTest, IsCancelledInTheMiddle) {
     QApplication::processEvents();
     controller_.reset();
     EXPECT_THAT(batches(), IsEmpty());
-    EXPECT_THAT(world_.signals.posted, IsEmpty());
+    EXPECT_THAT(world_.busSignals.posted, IsEmpty());
 }
 
 TEST_F(SlowCopyTest, RemovesTheBatchOfACopyThatDoesNotEnd) {
@@ -143,7 +143,7 @@ TEST_F(SlowCopyTest, CanBeCancelledWhileItsBatchIsMade) {
     gate_.open();
     controller_.reset();
     EXPECT_THAT(batches(), IsEmpty());
-    EXPECT_THAT(world_.signals.posted, IsEmpty());
+    EXPECT_THAT(world_.busSignals.posted, IsEmpty());
 }
 
 TEST_F(SlowCopyTest, IsNotCancelledOnceTheManifestIsBeingWritten) {
@@ -160,7 +160,7 @@ TEST_F(SlowCopyTest, IsNotCancelledOnceTheManifestIsBeingWritten) {
     ASSERT_TRUE(finishes());
     EXPECT_EQ(request_->exitStatus(), 0);
     EXPECT_THAT(onlyManifest().files, ElementsAre("small.txt"));
-    EXPECT_THAT(world_.signals.posted, ElementsAre("com.tarvinex.orlinth.share-pending"));
+    EXPECT_THAT(world_.busSignals.posted, ElementsAre("com.tarvinex.orlinth.share-pending"));
 }
 
 TEST_F(SlowCopyTest, ShowsAFailureThatComesAfterItsWindowWasClosed) {

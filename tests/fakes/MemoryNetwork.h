@@ -88,7 +88,7 @@ public:
     void cutWire() noexcept;
     /// The other end gets word of so many of the bytes that have vanished.
     void acknowledge(std::size_t bytes) noexcept { incoming_->vanished -= bytes; }
-    /// As LocalNetwork has it: a byte with a hold on a port.
+    /// As UnixSockets has it: a byte with a hold on a port.
     [[nodiscard]] Task<> sendPort(std::unique_ptr<platform::Listener> port);
     [[nodiscard]] Task<std::unique_ptr<platform::Listener>> receivePort();
     [[nodiscard]] const std::optional<platform::KeepAlive>& keepAlive() const noexcept { return keepAlive_; }

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "fakes/FakeBusSignals.h"
 #include "fakes/FakeClipboard.h"
 #include "fakes/FakeFolderWatcher.h"
 #include "fakes/FakeHttpsClient.h"
@@ -10,10 +11,9 @@
 #include "fakes/FakeNetworkInterfaces.h"
 #include "fakes/FakeNotifications.h"
 #include "fakes/FakeServiceDiscovery.h"
-#include "fakes/FakeSessionSignals.h"
 #include "fakes/MemoryFileSystem.h"
-#include "fakes/MemoryLocalNetwork.h"
 #include "fakes/MemoryNetwork.h"
+#include "fakes/MemoryUnixSockets.h"
 #include "fakes/RecordingLog.h"
 #include "fakes/VirtualClock.h"
 #include "platform/Spawn.h"
@@ -48,9 +48,9 @@ struct World {
     FakeClipboard clipboard;
     FakeNetworkInterfaces interfaces;
     FakeServiceDiscovery services{clock};
-    MemoryLocalNetwork local{context};
+    MemoryUnixSockets unixSockets{context};
     FakeNotifications notifications;
-    FakeSessionSignals signals;
+    FakeBusSignals busSignals;
     FakeFolderWatcher folders;
     platform::System system{.network = network,
                             .clock = clock,
@@ -61,9 +61,9 @@ struct World {
                             .clipboard = clipboard,
                             .interfaces = interfaces,
                             .services = services,
-                            .local = local,
+                            .unixSockets = unixSockets,
                             .notifications = notifications,
-                            .signals = signals,
+                            .busSignals = busSignals,
                             .folders = folders,
                             .directories = {.data = "/home/ann/.local/share",
                                             .config = "/home/ann/.config",

@@ -65,9 +65,9 @@ int run(std::string_view command) {
                             .clipboard = real.clipboard,
                             .interfaces = real.interfaces,
                             .services = real.services,
-                            .local = real.local,
+                            .unixSockets = real.unixSockets,
                             .notifications = real.notifications,
-                            .signals = real.signals,
+                            .busSignals = real.busSignals,
                             .folders = real.folders,
                             .directories = real.directories,
                             .mainQueue = real.mainQueue};

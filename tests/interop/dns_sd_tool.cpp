@@ -89,9 +89,9 @@ void advertise(const std::string& port, const std::string& hostname, const std::
                             .clipboard = real.clipboard,
                             .interfaces = real.interfaces,
                             .services = real.services,
-                            .local = real.local,
+                            .unixSockets = real.unixSockets,
                             .notifications = real.notifications,
-                            .signals = real.signals,
+                            .busSignals = real.busSignals,
                             .folders = real.folders,
                             .directories = real.directories,
                             .mainQueue = real.mainQueue};

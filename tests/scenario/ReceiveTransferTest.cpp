@@ -282,9 +282,9 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
                                        .clipboard = second.clipboard,
                                        .interfaces = second.interfaces,
                                        .services = second.services,
-                                       .local = second.local,
+                                       .unixSockets = second.unixSockets,
                                        .notifications = second.notifications,
-                                       .signals = second.signals,
+                                       .busSignals = second.busSignals,
                                        .folders = second.folders,
                                        .directories = second.system.directories,
                                        .mainQueue = second.system.mainQueue};

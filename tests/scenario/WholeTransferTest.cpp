@@ -46,9 +46,9 @@ protected:
                 .clipboard = sender.clipboard,
                 .interfaces = sender.interfaces,
                 .services = sender.services,
-                .local = sender.local,
+                .unixSockets = sender.unixSockets,
                 .notifications = sender.notifications,
-                .signals = sender.signals,
+                .busSignals = sender.busSignals,
                 .folders = sender.folders,
                 .directories = sender.system.directories,
                 .mainQueue = sender.system.mainQueue};

@@ -2,9 +2,9 @@
 
 #include "base/Bytes.h"
 #include "base/Json.h"
+#include "platform/BusSignals.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
-#include "platform/SessionSignals.h"
 
 #include <cstdint>
 #include <optional>
@@ -79,7 +79,7 @@ public:
     void writePeers(const std::vector<SharePeer>& peers) const noexcept;
 
     /// Rings for the host. Best effort: a host that does not hear it finds the batch by itself.
-    static void postPending(platform::SessionSignals& signals) noexcept { signals.post(pendingNotification); }
+    static void postPending(platform::BusSignals& signals) noexcept { signals.post(pendingNotification); }
 
 private:
     static constexpr const char* peersName = "peers.json";

@@ -219,7 +219,7 @@ ShareOutbox::Manifest ShareStaging::finish(std::optional<std::vector<std::string
     isFinished_ = true; // from here on it is the host's, which may be sending it already, or have sent it
     flushManifest();
     hold_.reset();
-    ShareOutbox::postPending(system_.signals);
+    ShareOutbox::postPending(system_.busSignals);
     system_.log.write(LogLevel::info, logSubsystem, logCategory,
                       "staged " + std::to_string(manifest.files.size()) + " file(s) in batch " + id_);
     return manifest;

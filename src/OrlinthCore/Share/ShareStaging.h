@@ -51,7 +51,7 @@ public:
         platform::FileSystem& files;
         platform::Clock& clock;
         platform::Log& log;
-        platform::SessionSignals& signals;
+        platform::BusSignals& busSignals;
     };
 
     /// Makes the batch's folder (and the outbox), for the user only. @throws ShareError

@@ -17,7 +17,7 @@ OutboxLookout::OutboxLookout(Home& home, std::function<void()> onLook)
 void OutboxLookout::start() {
     self_ = std::make_shared<OutboxLookout*>(this);
     bell_ =
-        home_.system.signals.listen(ShareOutbox::pendingNotification, home_.executor, [weak = std::weak_ptr(self_)] {
+        home_.system.busSignals.listen(ShareOutbox::pendingNotification, home_.executor, [weak = std::weak_ptr(self_)] {
             if (const auto self = weak.lock()) {
                 (*self)->lookSoon();
             }

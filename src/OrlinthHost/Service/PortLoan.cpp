@@ -64,7 +64,7 @@ Task<> PortLoan::handOver(platform::Stream& stream, std::uint16_t number) {
     const std::unique_ptr<platform::Listener> port =
         port_.listenForPairing({.port = number, .keepAlive = std::nullopt}, executor);
     co_await sendControlLine(stream, home_.system.clock, encodeControlReply(PortReply{number}));
-    co_await home_.system.local.sendPort(stream, *port);
+    co_await home_.system.unixSockets.sendPort(stream, *port);
 }
 
 /// Until it has worked. The port may be in use for a moment, by whoever has borrowed it.

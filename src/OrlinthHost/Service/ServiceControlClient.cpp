@@ -32,7 +32,7 @@ struct Conversation {
 Task<std::unique_ptr<platform::Stream>> connectToService(Home& home) {
     const Executor executor = co_await asio::this_coro::executor;
     try {
-        co_return co_await home.system.local.connect(controlSocket(home), executor);
+        co_return co_await home.system.unixSockets.connect(controlSocket(home), executor);
     } catch (const platform::SystemError& error) {
         if (error.code() == std::errc::no_such_file_or_directory || error.code() == std::errc::connection_refused) {
             co_return nullptr;
@@ -84,7 +84,7 @@ Task<std::optional<bool>> askWhetherFound(Home& home, ControlRequest request) {
 
 Task<std::unique_ptr<platform::Listener>> receivePort(Home& home, platform::Stream& stream) {
     const Executor executor = co_await asio::this_coro::executor;
-    co_return co_await home.system.local.receivePort(stream, executor);
+    co_return co_await home.system.unixSockets.receivePort(stream, executor);
 }
 
 HostError notLent(const std::string& text) {

@@ -42,7 +42,7 @@ Task<> ServiceControlServer::finish() {
 /// Ends by an exception only.
 Task<> ServiceControlServer::run() {
     const Executor executor = co_await asio::this_coro::executor;
-    std::unique_ptr<platform::Listener> listener = home_.system.local.listen(controlSocket(home_), executor);
+    std::unique_ptr<platform::Listener> listener = home_.system.unixSockets.listen(controlSocket(home_), executor);
     std::exception_ptr failure;
     try {
         co_await acceptAll(*listener);

@@ -66,7 +66,7 @@ private:
         ShareStaging staging({.files = host.system.files,
                               .clock = host.system.clock,
                               .log = host.system.log,
-                              .signals = host.system.signals},
+                              .busSignals = host.system.busSignals},
                              outbox);
         std::size_t skipped = 0;
         for (const std::string& file : files_) {

@@ -37,9 +37,9 @@ void ClipboardWriter::writeNewest() {
                              .clipboard = system.clipboard,
                              .interfaces = system.interfaces,
                              .services = system.services,
-                             .local = system.local,
+                             .unixSockets = system.unixSockets,
                              .notifications = system.notifications,
-                             .signals = system.signals,
+                             .busSignals = system.busSignals,
                              .folders = system.folders,
                              .directories = system.directories,
                              .mainQueue = chores_.queue()};

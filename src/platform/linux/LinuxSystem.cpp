@@ -1,19 +1,19 @@
 #include "platform/linux/LinuxSystem.h"
 
+#include "platform/linux/LinuxBusSignals.h"
 #include "platform/linux/LinuxClipboard.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDirectories.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/LinuxFolderWatch.h"
 #include "platform/linux/LinuxHttpsClient.h"
-#include "platform/linux/LinuxLocalNetwork.h"
 #include "platform/linux/LinuxLog.h"
 #include "platform/linux/LinuxMimeTypes.h"
 #include "platform/linux/LinuxNetwork.h"
 #include "platform/linux/LinuxNetworkInterfaces.h"
 #include "platform/linux/LinuxNotifications.h"
 #include "platform/linux/LinuxServiceDiscovery.h"
-#include "platform/linux/LinuxSessionSignals.h"
+#include "platform/linux/LinuxUnixSockets.h"
 
 #include <asio/strand.hpp>
 
@@ -33,7 +33,7 @@ struct LinuxSystem::Parts {
         : network(context),
           https(context),
           notifications(context.get_executor(), processEnvironment),
-          signals(context, processEnvironment),
+          busSignals(context, processEnvironment),
           mainQueue(asio::make_strand(context)) {}
 
     LinuxNetwork network;
@@ -45,9 +45,9 @@ struct LinuxSystem::Parts {
     LinuxClipboard clipboard{processEnvironment};
     LinuxNetworkInterfaces interfaces;
     LinuxServiceDiscovery services;
-    LinuxLocalNetwork local;
+    LinuxUnixSockets unixSockets;
     LinuxNotifications notifications;
-    LinuxSessionSignals signals;
+    LinuxBusSignals busSignals;
     LinuxFolderWatcher folders;
     UserDirectories directories = linuxUserDirectories(processEnvironment);
     Executor mainQueue;
@@ -67,9 +67,9 @@ System LinuxSystem::system() {
             .clipboard = parts_->clipboard,
             .interfaces = parts_->interfaces,
             .services = parts_->services,
-            .local = parts_->local,
+            .unixSockets = parts_->unixSockets,
             .notifications = parts_->notifications,
-            .signals = parts_->signals,
+            .busSignals = parts_->busSignals,
             .folders = parts_->folders,
             .directories = parts_->directories,
             .mainQueue = parts_->mainQueue};

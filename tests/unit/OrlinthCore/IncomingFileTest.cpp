@@ -134,9 +134,9 @@ TEST_F(IncomingFiles, StartAnewUnderAnotherNameIfAPowerCutTookTheSidecar) {
                                .clipboard = world.clipboard,
                                .interfaces = world.interfaces,
                                .services = world.services,
-                               .local = world.local,
+                               .unixSockets = world.unixSockets,
                                .notifications = world.notifications,
-                               .signals = world.signals,
+                               .busSignals = world.busSignals,
                                .folders = world.folders,
                                .directories = world.system.directories,
                                .mainQueue = world.system.mainQueue};

@@ -1,7 +1,7 @@
 #include "OrlinthCore/Share/ShareOutbox.h"
 
 #include "fakes/CrashTrials.h"
-#include "fakes/FakeSessionSignals.h"
+#include "fakes/FakeBusSignals.h"
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/TemporaryFolder.h"
 #include "platform/linux/LinuxFileSystem.h"
@@ -155,7 +155,7 @@ TEST_F(ShareOutboxTest, MakesTheContainerForWhoeverAsksForAPlaceInItButNotTheOut
 }
 
 TEST_F(ShareOutboxTest, RingsWithANameAndNothingElse) {
-    fakes::FakeSessionSignals signals;
+    fakes::FakeBusSignals signals;
     ShareOutbox::postPending(signals);
     EXPECT_THAT(signals.posted, ElementsAre("com.tarvinex.orlinth.share-pending"));
 }

@@ -1,7 +1,7 @@
 #include "OrlinthCore/Share/ShareStaging.h"
 
 #include "fakes/CrashTrials.h"
-#include "fakes/FakeSessionSignals.h"
+#include "fakes/FakeBusSignals.h"
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/RecordingLog.h"
 #include "fakes/TemporaryFolder.h"
@@ -45,7 +45,7 @@ struct Desk {
 
     [[nodiscard]] std::unique_ptr<ShareStaging> begin(const platform::UserDirectories& where = directories) {
         return std::make_unique<ShareStaging>(
-            ShareStaging::System{.files = files, .clock = clock, .log = log, .signals = signals},
+            ShareStaging::System{.files = files, .clock = clock, .log = log, .busSignals = busSignals},
             ShareOutbox(files, where));
     }
 
@@ -53,7 +53,7 @@ struct Desk {
     asio::io_context context;
     fakes::VirtualClock clock{context};
     fakes::RecordingLog log;
-    fakes::FakeSessionSignals signals;
+    fakes::FakeBusSignals busSignals;
 };
 
 ShareError failureOf(const std::function<void()>& action) {
@@ -88,7 +88,7 @@ protected:
 
     void expectNothingIsLeft() {
         EXPECT_TRUE(!files.exists(root) || files.list(root).empty());
-        EXPECT_THAT(desk.signals.posted, IsEmpty());
+        EXPECT_THAT(desk.busSignals.posted, IsEmpty());
     }
 
     MemoryFileSystem files;
@@ -102,7 +102,7 @@ TEST_F(ShareStagingTest, CopiesTheFilesWritesTheManifestAndRings) {
     EXPECT_EQ(staging->folder(), root / staging->id());
     EXPECT_TRUE(staging->add("/home/ann/holiday.jpg"));
     EXPECT_TRUE(staging->add("/home/ann/notes"));
-    EXPECT_THAT(desk.signals.posted, IsEmpty());
+    EXPECT_THAT(desk.busSignals.posted, IsEmpty());
     EXPECT_FALSE(files.exists(staging->folder() / "manifest.json"));
     const Manifest manifest = staging->finish(std::vector<std::string>{"a/b+c=", "d"});
     const Manifest expected{staging->id(), 1'767'225'600'000, {"holiday.jpg", "notes"}, {{"a/b+c=", "d"}}};
@@ -112,7 +112,7 @@ TEST_F(ShareStagingTest, CopiesTheFilesWritesTheManifestAndRings) {
     EXPECT_EQ(files.content(staging->folder() / "notes"), "text");
     EXPECT_THAT(files.list(staging->folder()), UnorderedElementsAre("holiday.jpg", "notes", "manifest.json"));
     EXPECT_EQ(files.content("/home/ann/notes"), "text");
-    EXPECT_THAT(desk.signals.posted, ElementsAre("com.tarvinex.orlinth.share-pending"));
+    EXPECT_THAT(desk.busSignals.posted, ElementsAre("com.tarvinex.orlinth.share-pending"));
     EXPECT_THAT(desk.log.lines(),
                 ElementsAre(fakes::RecordingLog::Line{LogLevel::info, "com.tarvinex.orlinth.share", "share",
                                                       "staged 2 file(s) in batch " + staging->id()}));
@@ -375,7 +375,7 @@ TEST_F(ShareStagingTest, TakesNothingBackOnceTheManifestIsThere) {
     files.addFault({.operation = Operation::flushDirectory, .errorNumber = EIO, .skip = 1, .times = 1});
     EXPECT_THAT(staging->finish(std::nullopt).files, ElementsAre("a"));
     EXPECT_THAT(files.list(staging->folder()), UnorderedElementsAre("a", "manifest.json"));
-    EXPECT_THAT(desk.signals.posted, SizeIs(1));
+    EXPECT_THAT(desk.busSignals.posted, SizeIs(1));
     ASSERT_THAT(desk.log.lines(), SizeIs(2));
     EXPECT_EQ(desk.log.lines().front().message,
               "cannot flush the folder of batch " + staging->id() + ": Input/output error");

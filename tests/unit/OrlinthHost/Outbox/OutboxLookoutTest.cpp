@@ -24,7 +24,7 @@ protected:
     ~OutboxLookoutTest() override { lookout.stop(); }
 
     void pass(double seconds) { world.run(world.clock.sleep(seconds)); }
-    void ring() { ShareOutbox::postPending(world.signals); }
+    void ring() { ShareOutbox::postPending(world.busSignals); }
     /// Starts, and has had the first look.
     void start() {
         lookout.start();
@@ -156,7 +156,7 @@ TEST_F(OutboxLookoutTest, SaysNothingBeforeTheStartAndAfterTheEnd) {
     lookout.lookSoon();
     pass(100);
     EXPECT_THAT(looks(), IsEmpty());
-    EXPECT_EQ(world.signals.listeners(), 0U);
+    EXPECT_EQ(world.busSignals.listeners(), 0U);
     EXPECT_FALSE(world.folders.isWatched(outbox));
     EXPECT_EQ(world.clock.pendingAlarms(), 0U);
 }

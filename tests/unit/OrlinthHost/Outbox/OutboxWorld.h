@@ -51,7 +51,7 @@ protected:
             .id = id, .createdAtMs = createdAtMs, .files = files, .targetPubkeys = std::move(phones)};
         world_.files.put(outbox / id / "manifest.json", compactJson(manifest.toJson()));
     }
-    void ring() { ShareOutbox::postPending(world_.signals); }
+    void ring() { ShareOutbox::postPending(world_.busSignals); }
 
     void start() {
         sender_.emplace(home_, world_.computerKey, events_);

@@ -100,9 +100,9 @@ TEST_F(PartialsReminderTest, HoldsNobodyUpBehindAFolderThatDoesNotAnswer) {
                             .clipboard = world_.clipboard,
                             .interfaces = world_.interfaces,
                             .services = world_.services,
-                            .local = world_.local,
+                            .unixSockets = world_.unixSockets,
                             .notifications = world_.notifications,
-                            .signals = world_.signals,
+                            .busSignals = world_.busSignals,
                             .folders = world_.folders,
                             .directories = world_.system.directories,
                             .mainQueue = world_.context.get_executor()};

@@ -38,7 +38,8 @@ protected:
         settle();
     }
     [[nodiscard]] Task<> answerOnce(std::string answer) {
-        const std::unique_ptr<platform::Listener> odd = world_.local.listen(controlPath, world_.context.get_executor());
+        const std::unique_ptr<platform::Listener> odd =
+            world_.unixSockets.listen(controlPath, world_.context.get_executor());
         const std::unique_ptr<platform::Stream> stream = co_await odd->accept(world_.context.get_executor());
         static_cast<void>(co_await readLine(*stream));
         co_await write(*stream, std::move(answer));
@@ -67,11 +68,11 @@ TEST_F(ServiceControlTest, AServiceIsFoundByThoseOfItsDataFolder) {
     EXPECT_EQ(0, events_.count("lent"));
     stop();
     EXPECT_FALSE(world_.run(isServiceRunning(home_)));
-    EXPECT_FALSE(world_.local.isOpen(controlPath));
+    EXPECT_FALSE(world_.unixSockets.isOpen(controlPath));
 }
 
 TEST_F(ServiceControlTest, AServiceWithoutAControlSocketDoesItsWorkAndIsFoundByItsLock) {
-    world_.local.listenErrno = EEXIST;
+    world_.unixSockets.listenErrno = EEXIST;
     start();
     EXPECT_EQ(1, events_.count("no control: File exists"));
     EXPECT_TRUE(world_.run(isServiceRunning(home_)));
@@ -80,7 +81,8 @@ TEST_F(ServiceControlTest, AServiceWithoutAControlSocketDoesItsWorkAndIsFoundByI
 }
 
 TEST_F(ServiceControlTest, AServiceThatDoesNotAnswerIsGivenUp) {
-    const std::unique_ptr<platform::Listener> hanging = world_.local.listen(controlPath, world_.context.get_executor());
+    const std::unique_ptr<platform::Listener> hanging =
+        world_.unixSockets.listen(controlPath, world_.context.get_executor());
     EXPECT_EQ("the running service did not do it: no answer in time",
               world_.failure<HostError>(askServicePort(home_)).description());
     EXPECT_EQ(15, world_.clock.elapsed());
@@ -200,7 +202,7 @@ TEST_F(ServiceControlTest, TheLoanIsALineAndBehindItTheSocket) {
     const std::unique_ptr<platform::Stream> stream = connectToControl();
     EXPECT_EQ(lentAnswer, ask(*stream, lendPort));
     const std::unique_ptr<platform::Listener> listener =
-        world_.run(world_.local.receivePort(*stream, world_.context.get_executor()));
+        world_.run(world_.unixSockets.receivePort(*stream, world_.context.get_executor()));
     EXPECT_EQ(port, listener->port());
     expectConnectionsAt(*listener);
 }
@@ -212,7 +214,7 @@ TEST_F(ServiceControlTest, ABorrowerThatVanishesGivesThePortBack) {
         EXPECT_EQ(lentAnswer, ask(*stream, lendPort));
         std::unique_ptr<platform::Listener> listener;
         if (hasRead) {
-            listener = world_.run(world_.local.receivePort(*stream, world_.context.get_executor()));
+            listener = world_.run(world_.unixSockets.receivePort(*stream, world_.context.get_executor()));
         }
         settle();
         ASSERT_EQ("lent", events_.all.back());

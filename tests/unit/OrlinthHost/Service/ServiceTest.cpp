@@ -65,7 +65,7 @@ protected:
     }
     /// While the events are being finished: what is over by then, and what is not.
     [[nodiscard]] Task<> seeTheRestAtTheEnd(const int& alive) {
-        EXPECT_FALSE(world_.local.isOpen(controlPath));
+        EXPECT_FALSE(world_.unixSockets.isOpen(controlPath));
         EXPECT_TRUE(world_.files.isLocked(dataFolder / "service.lock"));
         const int before = alive;
         co_await world_.clock.sleep(10);
@@ -493,7 +493,7 @@ TEST_F(ServiceTest, EndsInOrder) {
     settle();
     events_.onStopping = [this] {
         EXPECT_FALSE(world_.network.isOpen(port));
-        EXPECT_TRUE(world_.local.isOpen(controlPath));
+        EXPECT_TRUE(world_.unixSockets.isOpen(controlPath));
     };
     events_.onFinish = [this, &alive] { return seeTheRestAtTheEnd(alive); };
     cancel();
@@ -519,7 +519,7 @@ TEST_F(ServiceTest, EndsInTheSameOrderWhenItsPortFails) {
     EXPECT_THAT(problem(), HasSubstr("Bad file descriptor"));
     EXPECT_EQ("stopping", events_.all.at(events_.all.size() - 2));
     EXPECT_EQ("finish", events_.all.back());
-    EXPECT_FALSE(world_.local.isOpen(controlPath));
+    EXPECT_FALSE(world_.unixSockets.isOpen(controlPath));
     EXPECT_FALSE(world_.files.isLocked(dataFolder / "service.lock"));
     EXPECT_EQ(0U, world_.clock.pendingAlarms());
 }

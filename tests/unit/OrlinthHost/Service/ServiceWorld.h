@@ -188,7 +188,7 @@ protected:
             .id = batch, .createdAtMs = 1000, .files = {name}, .targetPubkeys = std::move(phones)};
         world_.files.put(outbox / batch / "manifest.json", compactJson(manifest.toJson()));
     }
-    void ring() { ShareOutbox::postPending(world_.signals); }
+    void ring() { ShareOutbox::postPending(world_.busSignals); }
     /// The phone takes one file; its content is in `taken_`.
     [[nodiscard]] Task<> take() {
         const auto at = co_await ScriptedPeer::accept(world_, world_.phoneKey);
@@ -201,7 +201,7 @@ protected:
 
     /// Another program of the same user connects to the control socket.
     [[nodiscard]] std::unique_ptr<platform::Stream> connectToControl() {
-        return world_.run(world_.local.connect(controlPath, world_.context.get_executor()));
+        return world_.run(world_.unixSockets.connect(controlPath, world_.context.get_executor()));
     }
     /// What a line gets, as it is, without the line end; "" if nothing.
     [[nodiscard]] std::string ask(platform::Stream& stream, const std::string& line) {

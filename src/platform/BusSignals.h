@@ -17,9 +17,9 @@ public:
 
 /// Signals between the programs of one desktop session, which carry nothing but their name: whoever hears one looks for
 /// itself at what has changed. Never relied on: a session may have no bus, and whoever was not there misses it.
-class SessionSignals {
+class BusSignals {
 public:
-    virtual ~SessionSignals() = default;
+    virtual ~BusSignals() = default;
     /// Sends the signal to whoever listens now. Returns within a quarter of a second, whether there is a bus or not.
     /// `name` is in reverse-DNS form, "com.example.part-changed".
     virtual void post(const std::string& name) noexcept = 0;

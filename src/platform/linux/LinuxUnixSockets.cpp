@@ -1,4 +1,4 @@
-#include "platform/linux/LinuxLocalNetwork.h"
+#include "platform/linux/LinuxUnixSockets.h"
 
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
@@ -78,9 +78,9 @@ int tryConnect(int socket, const SocketName& name) noexcept {
     }
 }
 
-class LocalStream final : public SocketStream<Local::socket> {
+class UnixStream final : public SocketStream<Local::socket> {
 public:
-    explicit LocalStream(Local::socket socket) : SocketStream(std::move(socket), "this computer") {}
+    explicit UnixStream(Local::socket socket) : SocketStream(std::move(socket), "this computer") {}
 
     [[nodiscard]] std::string localAddress() const override { return {}; }
 
@@ -108,9 +108,9 @@ private:
     }
 };
 
-class LocalListener final : public Listener {
+class UnixListener final : public Listener {
 public:
-    LocalListener(const Path& path, const Executor& executor) : name_(path), acceptor_(executor) {
+    UnixListener(const Path& path, const Executor& executor) : name_(path), acceptor_(executor) {
         // Two that start at once would both find a dead socket, and the slower one would remove the other's.
         const Descriptor lock(::openat(name_.folder(), (name_.name() + ".lock").c_str(),
                                        O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
@@ -144,9 +144,9 @@ public:
         static_cast<void>(socket.release());
     }
 
-    ~LocalListener() override { LocalListener::close(); }
-    LocalListener(const LocalListener&) = delete;
-    LocalListener& operator=(const LocalListener&) = delete;
+    ~UnixListener() override { UnixListener::close(); }
+    UnixListener(const UnixListener&) = delete;
+    UnixListener& operator=(const UnixListener&) = delete;
 
     Task<std::unique_ptr<Stream>> accept(Executor executor) override {
         for (;;) {
@@ -163,7 +163,7 @@ public:
                     throw SystemError(code);
                 }
                 static_cast<void>(accepted.release());
-                co_return std::make_unique<LocalStream>(std::move(socket));
+                co_return std::make_unique<UnixStream>(std::move(socket));
             }
             if (errno == EAGAIN) {
                 co_await waitUntilReady(acceptor_, Local::acceptor::wait_read, "listener");
@@ -233,11 +233,11 @@ Wanted& requireKind(Given& given) {
 
 } // namespace
 
-std::unique_ptr<Listener> LinuxLocalNetwork::listen(const Path& path, Executor executor) {
-    return std::make_unique<LocalListener>(path, executor);
+std::unique_ptr<Listener> LinuxUnixSockets::listen(const Path& path, Executor executor) {
+    return std::make_unique<UnixListener>(path, executor);
 }
 
-Task<std::unique_ptr<Stream>> LinuxLocalNetwork::connect(Path path, Executor executor) {
+Task<std::unique_ptr<Stream>> LinuxUnixSockets::connect(Path path, Executor executor) {
     const SocketName name(path);
     Descriptor descriptor(newSocket());
     const int failure = tryConnect(descriptor.get(), name); // never waits
@@ -251,16 +251,16 @@ Task<std::unique_ptr<Stream>> LinuxLocalNetwork::connect(Path path, Executor exe
         throw SystemError(code);
     }
     static_cast<void>(descriptor.release());
-    co_return std::make_unique<LocalStream>(std::move(socket));
+    co_return std::make_unique<UnixStream>(std::move(socket));
 }
 
-Task<> LinuxLocalNetwork::sendPort(Stream& stream, const Listener& port) {
+Task<> LinuxUnixSockets::sendPort(Stream& stream, const Listener& port) {
     const int descriptor = requireKind<const TcpListener>(port).descriptor();
-    co_await requireKind<LocalStream>(stream).sendDescriptor(descriptor);
+    co_await requireKind<UnixStream>(stream).sendDescriptor(descriptor);
 }
 
-Task<std::unique_ptr<Listener>> LinuxLocalNetwork::receivePort(Stream& stream, Executor executor) {
-    Descriptor descriptor = co_await requireKind<LocalStream>(stream).receiveDescriptor();
+Task<std::unique_ptr<Listener>> LinuxUnixSockets::receivePort(Stream& stream, Executor executor) {
+    Descriptor descriptor = co_await requireKind<UnixStream>(stream).receiveDescriptor();
     co_return std::make_unique<TcpListener>(std::move(descriptor), std::nullopt, executor);
 }
 

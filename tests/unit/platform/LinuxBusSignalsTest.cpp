@@ -1,4 +1,4 @@
-#include "platform/linux/LinuxSessionSignals.h"
+#include "platform/linux/LinuxBusSignals.h"
 
 #include "fakes/PrivateBus.h"
 
@@ -75,7 +75,7 @@ private:
     std::string said_;
 };
 
-class LinuxSessionSignalsTest : public testing::Test {
+class LinuxBusSignalsTest : public testing::Test {
 protected:
     void SetUp() override { fakes::setBusAddress(""); }
     void TearDown() override { fakes::setBusAddress(""); }
@@ -92,7 +92,7 @@ protected:
         }
     }
 
-    [[nodiscard]] std::unique_ptr<SignalSubscription> count(LinuxSessionSignals& signals, const std::string& name,
+    [[nodiscard]] std::unique_ptr<SignalSubscription> count(LinuxBusSignals& signals, const std::string& name,
                                                             int& counter) {
         return signals.listen(name, context.get_executor(), [&counter] { ++counter; });
     }
@@ -104,8 +104,8 @@ protected:
     }
 
     asio::io_context context;
-    LinuxSessionSignals sender{context, fakes::busEnvironment};
-    LinuxSessionSignals receiver{context, fakes::busEnvironment};
+    LinuxBusSignals sender{context, fakes::busEnvironment};
+    LinuxBusSignals receiver{context, fakes::busEnvironment};
 };
 
 TEST(BusSignalName, IsMadeOfTheReverseDnsName) {
@@ -126,7 +126,7 @@ TEST(BusSignalName, IsNothingWhereDBusWouldNotTakeIt) {
     EXPECT_NE(busSignalName("a.b." + std::string(255, 'c')), std::nullopt);
 }
 
-TEST_F(LinuxSessionSignalsTest, AreHeardByOthersAndByTheSenderItself) {
+TEST_F(LinuxBusSignalsTest, AreHeardByOthersAndByTheSenderItself) {
     const PrivateBus bus;
     int others = 0;
     int own = 0;
@@ -135,7 +135,7 @@ TEST_F(LinuxSessionSignalsTest, AreHeardByOthersAndByTheSenderItself) {
     runUntil([&] { return others > 0 && own > 0; }, [&] { sender.post(pending); });
 }
 
-TEST_F(LinuxSessionSignalsTest, AreHeardOnceEachByEveryoneWhoListensForThatNameAndByNobodyElse) {
+TEST_F(LinuxBusSignalsTest, AreHeardOnceEachByEveryoneWhoListensForThatNameAndByNobodyElse) {
     const PrivateBus bus;
     int first = 0;
     int second = 0;
@@ -161,7 +161,7 @@ TEST_F(LinuxSessionSignalsTest, AreHeardOnceEachByEveryoneWhoListensForThatNameA
     EXPECT_EQ(interface, 0);
 }
 
-TEST_F(LinuxSessionSignalsTest, AreSignalsOnTheBusForEveryProgram) {
+TEST_F(LinuxBusSignalsTest, AreSignalsOnTheBusForEveryProgram) {
     const PrivateBus bus;
     Program monitor(
         {"dbus-monitor", "--address", fakes::busAddress(), "type='signal',interface='com.tarvinex.orlinth'"});
@@ -176,7 +176,7 @@ TEST_F(LinuxSessionSignalsTest, AreSignalsOnTheBusForEveryProgram) {
     EXPECT_NE(behind, " ") << "an indented line is an argument: " << said;
 }
 
-TEST_F(LinuxSessionSignalsTest, OfOtherProgramsAreHeardWhateverTheyCarry) {
+TEST_F(LinuxBusSignalsTest, OfOtherProgramsAreHeardWhateverTheyCarry) {
     const PrivateBus bus;
     int heard = 0;
     const auto subscription = count(receiver, pending, heard);
@@ -197,7 +197,7 @@ TEST_F(LinuxSessionSignalsTest, OfOtherProgramsAreHeardWhateverTheyCarry) {
     }
 }
 
-TEST_F(LinuxSessionSignalsTest, AreNotHeardAnyMoreOnceTheSubscriptionIsGone) {
+TEST_F(LinuxBusSignalsTest, AreNotHeardAnyMoreOnceTheSubscriptionIsGone) {
     const PrivateBus bus;
     int heard = 0;
     int other = 0;
@@ -218,7 +218,7 @@ TEST_F(LinuxSessionSignalsTest, AreNotHeardAnyMoreOnceTheSubscriptionIsGone) {
     EXPECT_EQ(heard, before);
 }
 
-TEST_F(LinuxSessionSignalsTest, MayEndTheirOwnSubscription) {
+TEST_F(LinuxBusSignalsTest, MayEndTheirOwnSubscription) {
     const PrivateBus bus;
     std::unique_ptr<SignalSubscription> subscription;
     int heard = 0;
@@ -231,7 +231,7 @@ TEST_F(LinuxSessionSignalsTest, MayEndTheirOwnSubscription) {
     EXPECT_EQ(subscription, nullptr);
 }
 
-TEST_F(LinuxSessionSignalsTest, OfABusThatComesLaterAreHeard) {
+TEST_F(LinuxBusSignalsTest, OfABusThatComesLaterAreHeard) {
     int heard = 0;
     const auto subscription = count(receiver, pending, heard);
     sender.post(pending);
@@ -239,7 +239,7 @@ TEST_F(LinuxSessionSignalsTest, OfABusThatComesLaterAreHeard) {
     postUntilHeard(pending, heard);
 }
 
-TEST_F(LinuxSessionSignalsTest, OfABusThatComesBackAreHeard) {
+TEST_F(LinuxBusSignalsTest, OfABusThatComesBackAreHeard) {
     const fakes::TemporaryFolder folder;
     int heard = 0;
     const auto subscription = count(receiver, pending, heard);
@@ -252,7 +252,7 @@ TEST_F(LinuxSessionSignalsTest, OfABusThatComesBackAreHeard) {
     postUntilHeard(pending, heard);
 }
 
-TEST_F(LinuxSessionSignalsTest, WithoutABusGoNowhereAndHoldNobodyUp) {
+TEST_F(LinuxBusSignalsTest, WithoutABusGoNowhereAndHoldNobodyUp) {
     int heard = 0;
     const auto subscription = count(receiver, pending, heard);
     for (const char* address : {"", "unix:path=/nowhere/bus", "rubbish"}) {
@@ -265,11 +265,11 @@ TEST_F(LinuxSessionSignalsTest, WithoutABusGoNowhereAndHoldNobodyUp) {
     EXPECT_EQ(heard, 0);
 }
 
-TEST_F(LinuxSessionSignalsTest, HoldNobodyUpWhereTheBusSaysNothing) {
+TEST_F(LinuxBusSignalsTest, HoldNobodyUpWhereTheBusSaysNothing) {
     const fakes::SilentBus bus;
     const auto start = SteadyClock::now();
     {
-        LinuxSessionSignals signals(context, fakes::busEnvironment);
+        LinuxBusSignals signals(context, fakes::busEnvironment);
         int heard = 0;
         const auto subscription = count(signals, pending, heard);
         signals.post(pending);
@@ -277,7 +277,7 @@ TEST_F(LinuxSessionSignalsTest, HoldNobodyUpWhereTheBusSaysNothing) {
     EXPECT_LT(SteadyClock::now() - start, 5s);
 }
 
-TEST_F(LinuxSessionSignalsTest, WithNamesThatDBusDoesNotKnowAreNeitherSentNorHeard) {
+TEST_F(LinuxBusSignalsTest, WithNamesThatDBusDoesNotKnowAreNeitherSentNorHeard) {
     const PrivateBus bus;
     int odd = 0;
     int heard = 0;
@@ -288,7 +288,7 @@ TEST_F(LinuxSessionSignalsTest, WithNamesThatDBusDoesNotKnowAreNeitherSentNorHea
     EXPECT_EQ(odd, 0);
 }
 
-TEST_F(LinuxSessionSignalsTest, MayBeSentAndListenedForFromManyThreads) {
+TEST_F(LinuxBusSignalsTest, MayBeSentAndListenedForFromManyThreads) {
     const PrivateBus bus;
     int heard = 0;
     const auto subscription = count(receiver, pending, heard);
@@ -309,7 +309,7 @@ TEST_F(LinuxSessionSignalsTest, MayBeSentAndListenedForFromManyThreads) {
     runUntil([&] { return heard >= before + 20; });
 }
 
-TEST_F(LinuxSessionSignalsTest, LeaveNothingWaitingOnceNobodyListens) {
+TEST_F(LinuxBusSignalsTest, LeaveNothingWaitingOnceNobodyListens) {
     int heard = 0;
     auto subscription = count(receiver, pending, heard); // without a bus as well
     context.restart();
@@ -323,12 +323,12 @@ TEST_F(LinuxSessionSignalsTest, LeaveNothingWaitingOnceNobodyListens) {
     EXPECT_TRUE(context.stopped());
 }
 
-TEST_F(LinuxSessionSignalsTest, DoNotMindASubscriptionThatOutlivesThem) {
+TEST_F(LinuxBusSignalsTest, DoNotMindASubscriptionThatOutlivesThem) {
     const PrivateBus bus;
     std::unique_ptr<SignalSubscription> subscription;
     int heard = 0;
     {
-        LinuxSessionSignals signals(context, fakes::busEnvironment);
+        LinuxBusSignals signals(context, fakes::busEnvironment);
         subscription = count(signals, pending, heard);
         postUntilHeard(pending, heard);
     }

@@ -6,9 +6,9 @@
 namespace orlinth::platform {
 
 /// Connections between programs of one user on one computer, through a socket in the file system.
-class LocalNetwork {
+class UnixSockets {
 public:
-    virtual ~LocalNetwork() = default;
+    virtual ~UnixSockets() = default;
     /// Listens at `path`, in place of a socket that nobody listens on any more; only the user may connect (0600).
     /// Destroying the listener removes the socket. The path may be longer than the system's limit for socket names.
     /// @throws SystemError (address in use where somebody listens)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/SessionSignals.h"
+#include "platform/BusSignals.h"
 
 #include <asio/io_context.hpp>
 
@@ -31,16 +31,16 @@ struct BusSignalName {
 /// bus has passed the signal on. All subscriptions share one connection, which the context looks after; while there is
 /// no bus it looks for one every two seconds. What a subscription misses by that, or before its wish has come to the
 /// bus, it is not told of. A subscription is work that keeps the context running, but not its own executor.
-class LinuxSessionSignals final : public SessionSignals {
+class LinuxBusSignals final : public BusSignals {
 public:
     using Environment = const char* (*)(const char* name);
 
     /// `context` outlives this. `environment` (as getenv) says where the bus is: DBUS_SESSION_BUS_ADDRESS, or the
     /// socket "bus" in XDG_RUNTIME_DIR.
-    LinuxSessionSignals(asio::io_context& context, Environment environment);
-    ~LinuxSessionSignals() override;
-    LinuxSessionSignals(const LinuxSessionSignals&) = delete;
-    LinuxSessionSignals& operator=(const LinuxSessionSignals&) = delete;
+    LinuxBusSignals(asio::io_context& context, Environment environment);
+    ~LinuxBusSignals() override;
+    LinuxBusSignals(const LinuxBusSignals&) = delete;
+    LinuxBusSignals& operator=(const LinuxBusSignals&) = delete;
 
     void post(const std::string& name) noexcept override;
     [[nodiscard]] std::unique_ptr<SignalSubscription> listen(const std::string& name, Executor executor,

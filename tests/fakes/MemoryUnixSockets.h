@@ -1,8 +1,8 @@
 #pragma once
 
 #include "fakes/MemoryNetwork.h"
-#include "platform/LocalNetwork.h"
 #include "platform/SystemError.h"
+#include "platform/UnixSockets.h"
 
 #include <cerrno>
 #include <map>
@@ -11,9 +11,9 @@
 namespace orlinth::fakes {
 
 /// Sockets by path, in memory. A test makes one of its own: nothing is seen by MemoryFileSystem.
-class MemoryLocalNetwork final : public platform::LocalNetwork {
+class MemoryUnixSockets final : public platform::UnixSockets {
 public:
-    explicit MemoryLocalNetwork(asio::io_context& context) : network_(context) {}
+    explicit MemoryUnixSockets(asio::io_context& context) : network_(context) {}
 
     [[nodiscard]] std::unique_ptr<platform::Listener> listen(const platform::Path& path, Executor executor) override {
         if (listenErrno) {
@@ -51,7 +51,7 @@ public:
 private:
     class Named final : public platform::Listener {
     public:
-        Named(MemoryLocalNetwork& owner, platform::Path path, std::unique_ptr<platform::Listener> listener)
+        Named(MemoryUnixSockets& owner, platform::Path path, std::unique_ptr<platform::Listener> listener)
             : owner_(owner), path_(std::move(path)), listener_(std::move(listener)) {}
         ~Named() override { owner_.ports_.erase(path_); }
 
@@ -62,7 +62,7 @@ private:
         void close() noexcept override { listener_->close(); }
 
     private:
-        MemoryLocalNetwork& owner_;
+        MemoryUnixSockets& owner_;
         platform::Path path_;
         std::unique_ptr<platform::Listener> listener_;
     };

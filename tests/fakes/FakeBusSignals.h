@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/SessionSignals.h"
+#include "platform/BusSignals.h"
 
 #include <asio/post.hpp>
 
@@ -13,7 +13,7 @@
 namespace orlinth::fakes {
 
 /// A session's bus within one process. One call at a time, from any thread. Outlives its subscriptions.
-class FakeSessionSignals final : public platform::SessionSignals {
+class FakeBusSignals final : public platform::BusSignals {
 public:
     void post(const std::string& name) noexcept override {
         posted.push_back(name);
@@ -46,8 +46,7 @@ public:
 
 private:
     struct Subscription final : platform::SignalSubscription {
-        Subscription(FakeSessionSignals& signals, std::string theName, Executor theExecutor,
-                     std::function<void()> action)
+        Subscription(FakeBusSignals& signals, std::string theName, Executor theExecutor, std::function<void()> action)
             : owner(signals),
               name(std::move(theName)),
               executor(std::move(theExecutor)),
@@ -56,7 +55,7 @@ private:
         Subscription(const Subscription&) = delete;
         Subscription& operator=(const Subscription&) = delete;
 
-        FakeSessionSignals& owner;
+        FakeBusSignals& owner;
         std::string name;
         Executor executor;
         std::shared_ptr<std::function<void()>> onSignal;

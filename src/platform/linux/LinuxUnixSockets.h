@@ -1,11 +1,11 @@
 #pragma once
 
-#include "platform/LocalNetwork.h"
+#include "platform/UnixSockets.h"
 
 namespace orlinth::platform {
 
 /// Unix stream sockets.
-class LinuxLocalNetwork final : public LocalNetwork {
+class LinuxUnixSockets final : public UnixSockets {
 public:
     [[nodiscard]] std::unique_ptr<Listener> listen(const Path& path, Executor executor) override;
     [[nodiscard]] Task<std::unique_ptr<Stream>> connect(Path path, Executor executor) override;

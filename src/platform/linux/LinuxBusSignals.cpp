@@ -1,4 +1,4 @@
-#include "platform/linux/LinuxSessionSignals.h"
+#include "platform/linux/LinuxBusSignals.h"
 
 #include "platform/linux/BusLoop.h"
 #include "platform/linux/SessionBus.h"
@@ -63,7 +63,7 @@ std::string memberOf(std::string_view word) {
 /// One signal on its way to the bus.
 class Posting {
 public:
-    Posting(LinuxSessionSignals::Environment environment, const BusSignalName& name)
+    Posting(LinuxBusSignals::Environment environment, const BusSignalName& name)
         : end_(SteadyClock::now() + postLimit), bus_(openSessionBus(environment, postLimit)) {
         // The bus works through what it is sent in order: once it has answered the question behind the signal, it has
         // passed the signal on, and the connection may end.
@@ -126,7 +126,7 @@ std::optional<BusSignalName> busSignalName(const std::string& name) {
 
 /// Who listens, and the connection to the bus. Everything happens on its queue; add() and tendSoon() are for any
 /// thread.
-class LinuxSessionSignals::Ear : public std::enable_shared_from_this<Ear> {
+class LinuxBusSignals::Ear : public std::enable_shared_from_this<Ear> {
 public:
     /// Somebody who listens: `onSignal` is the subscription's, and ends with it.
     struct Listener {
@@ -260,12 +260,12 @@ private:
     SteadyClock::time_point nextLook_{};
 };
 
-LinuxSessionSignals::LinuxSessionSignals(asio::io_context& context, Environment environment)
+LinuxBusSignals::LinuxBusSignals(asio::io_context& context, Environment environment)
     : environment_(environment), ear_(std::make_shared<Ear>(asio::make_strand(context), environment)) {}
 
-LinuxSessionSignals::~LinuxSessionSignals() = default;
+LinuxBusSignals::~LinuxBusSignals() = default;
 
-void LinuxSessionSignals::post(const std::string& name) noexcept {
+void LinuxBusSignals::post(const std::string& name) noexcept {
     try {
         if (const std::optional<BusSignalName> signal = busSignalName(name)) {
             Posting(environment_, *signal).finish();
@@ -275,8 +275,8 @@ void LinuxSessionSignals::post(const std::string& name) noexcept {
     }
 }
 
-std::unique_ptr<SignalSubscription> LinuxSessionSignals::listen(const std::string& name, Executor executor,
-                                                                std::function<void()> onSignal) {
+std::unique_ptr<SignalSubscription> LinuxBusSignals::listen(const std::string& name, Executor executor,
+                                                            std::function<void()> onSignal) {
     class Subscription final : public SignalSubscription {
     public:
         Subscription(std::weak_ptr<Ear> ear, std::shared_ptr<std::function<void()>> onSignal)
