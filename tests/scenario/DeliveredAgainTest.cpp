@@ -125,7 +125,8 @@ TEST_F(DeliveredAgain, IsToldOfIfTheFirstRunWasKilledBeforeItCould) {
     world.start();
     EXPECT_EQ(deliver(*world.phone()), 0);
     const platform::FileStatus file = world.files.status(film).value();
-    DeliveredTransfers(world.system).intend(world.phoneKey.publicKey().base64(), "ID-1", film, file);
+    DeliveredTransfers(world.system)
+        .intend(PeerKey(world.phoneKey.publicKey().base64()), TransferId("ID-1"), film, file);
     world.transfers.clear();
     EXPECT_EQ(deliver(*world.phone()), 10);
     ASSERT_EQ(world.transfers.size(), 1U);

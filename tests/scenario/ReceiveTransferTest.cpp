@@ -193,7 +193,7 @@ TEST_F(ReceiveTransfer, WritesTheSidecarBeforeItAnswers) {
         const std::optional<PartialMeta> meta = fakes::sidecarOf(theWorld.files, folder / "a.txt.partial");
         EXPECT_TRUE(meta.has_value());
         if (meta) {
-            EXPECT_EQ(meta->transfer_id, "ID-7");
+            EXPECT_EQ(meta->transfer_id, TransferId("ID-7"));
             EXPECT_EQ(meta->advertised_size, 10);
             EXPECT_EQ(meta->started_at_epoch_ms, theWorld.clock.epochMilliseconds());
         }

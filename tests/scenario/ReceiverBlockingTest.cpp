@@ -94,21 +94,21 @@ TEST_F(ReceiverBlocking, WhyATransferEndedIsReportedAlsoIfItIsTakenOverWhileTheD
     const auto phone = world.phone();
     world.offer(*phone, "a.txt");
     world.sendData(*phone, "01234");
-    const auto again = std::make_shared<const TransferConnection>(world.phoneKey.publicKey().base64(), [] {});
+    const auto again = std::make_shared<const TransferConnection>(PeerKey(world.phoneKey.publicKey().base64()), [] {});
     ActiveTransfers& transfers = ActiveTransfers::shared();
     world.files.beforeEach([&](Operation operation, const platform::Path&) {
         if (operation != Operation::flush) {
             return;
         }
-        if (const TransferConnectionRef displaced = transfers.takeOver("ID-1", again).displaced) {
+        if (const TransferConnectionRef displaced = transfers.takeOver(TransferId("ID-1"), again).displaced) {
             displaced->cancel(); // as for the phone's next attempt, which has begun
         }
     });
     world.send(*phone, Row::resume("ID-1", 0)); // no phone says that
     EXPECT_THAT(world.failureTexts(),
                 testing::ElementsAre("protocol violation: unexpected Resume message from sender"));
-    EXPECT_TRUE(transfers.mayProceed("ID-1", again));
-    transfers.finish("ID-1", again);
+    EXPECT_TRUE(transfers.mayProceed(TransferId("ID-1"), again));
+    transfers.finish(TransferId("ID-1"), again);
 }
 
 TEST_F(ReceiverBlocking, WhatAPhoneSaysOfItselfIsWrittenElsewhere) {

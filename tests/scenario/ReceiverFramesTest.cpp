@@ -109,7 +109,7 @@ TEST_P(ReceiverFramesInState, AnUnpairEndsTheConnectionAndItsRecordIsGone) {
     ASSERT_EQ(world.syncs.size(), 1U);
     const auto& outcome = std::get<Receiver::Unpair>(world.syncs[0]);
     EXPECT_EQ(outcome.from, "Pixel-8");
-    EXPECT_EQ(outcome.peerPubkey, world.phoneKey.publicKey().base64());
+    EXPECT_EQ(outcome.peerPubkey, PeerKey(world.phoneKey.publicKey().base64()));
     const PeerBook book = PeerStore(world.files, world.system.directories).loadBook();
     ASSERT_EQ(book.peers.size(), 1U);
     EXPECT_EQ(book.peers[0].peer_hostname, "Tablet") << "the other phone's stays";
@@ -291,7 +291,7 @@ TEST_F(ReceiverFrames, ARemovedPhoneGetsExactlyOneUnpairAndNoFrameOfItIsRead) {
     world.settle();
     ASSERT_EQ(world.syncs.size(), 1U);
     const auto& outcome = std::get<Receiver::UnpairReplied>(world.syncs[0]);
-    EXPECT_EQ(outcome.peerPubkey, world.phoneKey.publicKey().base64());
+    EXPECT_EQ(outcome.peerPubkey, PeerKey(world.phoneKey.publicKey().base64()));
     EXPECT_EQ(outcome.remoteEndpoint, "203.0.113.1:40112");
     EXPECT_EQ(world.ends(), 1U);
     EXPECT_THAT(world.authenticated, IsEmpty());

@@ -32,9 +32,9 @@ protected:
     }
     /// Something that owns a transfer and takes its time to let go of it.
     TransferConnectionRef stubborn(const platform::PrivateKey& whose, const std::string& id, bool& cancelled) {
-        auto owner =
-            std::make_shared<const TransferConnection>(whose.publicKey().base64(), [&cancelled] { cancelled = true; });
-        static_cast<void>(ActiveTransfers::shared().takeOver(id, owner));
+        auto owner = std::make_shared<const TransferConnection>(PeerKey(whose.publicKey().base64()),
+                                                                [&cancelled] { cancelled = true; });
+        static_cast<void>(ActiveTransfers::shared().takeOver(TransferId(id), owner));
         return owner;
     }
     /// Sends an offer without waiting for its answer.
@@ -114,7 +114,7 @@ TEST_F(ReceiverTakeover, ASuccessorWaitsUntilItsPredecessorHasWoundDown) {
     world.pass(5);
     EXPECT_TRUE(cancelled);
     EXPECT_FALSE(world.files.exists(folder / "a.txt.partial")) << "it touches nothing before";
-    ActiveTransfers::shared().finish("ID-1", old);
+    ActiveTransfers::shared().finish(TransferId("ID-1"), old);
     EXPECT_EQ(answer(*phone), 0);
     EXPECT_LT(world.clock.elapsed(), 5.1) << "soon after";
 }
@@ -131,7 +131,7 @@ TEST_F(ReceiverTakeover, TheLastOfAChainWaitsForTheFirstThoughTheMiddleOneIsGone
     EXPECT_THAT(world.failureTexts(), ElementsAre("wire: taken over by a newer connection"));
     world.pass(5);
     EXPECT_FALSE(world.files.exists(folder / "a.txt.partial"));
-    ActiveTransfers::shared().finish("ID-1", old);
+    ActiveTransfers::shared().finish(TransferId("ID-1"), old);
     EXPECT_EQ(answer(*last), 0);
 }
 
@@ -155,13 +155,13 @@ TEST_F(ReceiverTakeover, AnIdThatStillWindsDownFromAnotherPhoneIsRefused) {
     bool cancelled = false;
     const TransferConnectionRef old = stubborn(world.tabletKey, "ID-1", cancelled);
     const TransferConnectionRef between = stubborn(world.tabletKey, "ID-1", cancelled);
-    ActiveTransfers::shared().finish("ID-1", between); // `old` winds down, nobody owns it
+    ActiveTransfers::shared().finish(TransferId("ID-1"), between); // `old` winds down, nobody owns it
     const auto phone = world.phone();
     offerOnly(*phone);
     EXPECT_TRUE(world.seesTheEnd(*phone));
     EXPECT_THAT(world.failureTexts(), ElementsAre("protocol violation: transfer is active from another phone"));
     EXPECT_FALSE(world.files.exists(folder / "a.txt.partial"));
-    ActiveTransfers::shared().finish("ID-1", old);
+    ActiveTransfers::shared().finish(TransferId("ID-1"), old);
 }
 
 TEST_F(ReceiverTakeover, AWaitingSuccessorEndsWhenTheServiceStops) {
@@ -173,7 +173,7 @@ TEST_F(ReceiverTakeover, AWaitingSuccessorEndsWhenTheServiceStops) {
     world.stopAndWait();
     EXPECT_FALSE(world.ended);
     EXPECT_TRUE(world.seesTheEnd(*phone));
-    ActiveTransfers::shared().finish("ID-1", old);
+    ActiveTransfers::shared().finish(TransferId("ID-1"), old);
 }
 
 TEST_F(ReceiverTakeover, AConnectionThatFinishedOnItsOwnHoldsNobodyUp) {

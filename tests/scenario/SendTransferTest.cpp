@@ -364,8 +364,9 @@ TEST_F(SendTransfer, GivesUpAPhoneThatConnectsAndDoesNotProveItsKey) {
     const auto limited = [this]() -> Task<SendOutcome> {
         SendTerms terms = request().terms;
         terms.handshakeSeconds = 10;
-        PreparedFile file{
-            .path = "/home/ann/a.txt", .file = examineFile(world.system, "/home/ann/a.txt"), .transferId = "ID"};
+        PreparedFile file{.path = "/home/ann/a.txt",
+                          .file = examineFile(world.system, "/home/ann/a.txt"),
+                          .transferId = TransferId("ID")};
         return sendPrepared(world.system, std::move(file), std::move(terms));
     };
     EXPECT_EQ(world.failure<SendError>(limited()).description(), "noise handshake: timed out after 10 seconds");
@@ -384,8 +385,9 @@ TEST_F(SendTransfer, GivesUpAPhoneThatLetsNothingMove) {
     const auto limited = [this]() -> Task<SendOutcome> {
         SendTerms terms = request().terms;
         terms.silenceSeconds = 300;
-        PreparedFile file{
-            .path = "/home/ann/a.txt", .file = examineFile(world.system, "/home/ann/a.txt"), .transferId = "ID"};
+        PreparedFile file{.path = "/home/ann/a.txt",
+                          .file = examineFile(world.system, "/home/ann/a.txt"),
+                          .transferId = TransferId("ID")};
         return sendPrepared(world.system, std::move(file), std::move(terms));
     };
     const auto error = world.failure<SendError>(limited());
@@ -526,7 +528,7 @@ SendOutcome outcomeWith(World& world, const std::function<Task<>(ScriptedPeer&)>
     }(world, atTheEnd));
     PreparedFile file{.path = "/home/ann/a.txt",
                       .file = {.name = "b.txt", .size = 10, .mime = "text/plain", .fingerprint = ""},
-                      .transferId = "MY ID"};
+                      .transferId = TransferId("MY ID")};
     return world.run(sendPrepared(world.system, std::move(file),
                                   {.peer = world.phoneRecord(),
                                    .staticKey = world.computerKey,

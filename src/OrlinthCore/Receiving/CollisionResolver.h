@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/StrongText.h"
 #include "platform/Folder.h"
 
 #include <string>
@@ -29,8 +30,8 @@ struct CollisionResolver {
     };
     /// Who sends what.
     struct Transfer {
-        std::string id;    ///< as the offer gave it
-        std::string phone; ///< its key, Base64
+        TransferId id; ///< as the offer gave it
+        PeerKey phone;
     };
 
     /// The last path component without NUL, slashes, backslashes and white space around it; "received" if nothing is

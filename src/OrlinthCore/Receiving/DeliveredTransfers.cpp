@@ -33,16 +33,21 @@ std::uint64_t requireUnsigned(const Json& object, const char* key) {
 }
 
 Json jsonOf(const DeliveredTransfers::Delivery& delivery) {
-    return {
-        {"at_epoch_ms", delivery.at_epoch_ms}, {"device", delivery.device},      {"inode", delivery.inode},
-        {"modified_ns", delivery.modified_ns}, {"path", delivery.path.native()}, {"phone", delivery.phone},
-        {"settled", delivery.isSettled},       {"size", delivery.size},          {"transfer_id", delivery.transfer_id}};
+    return {{"at_epoch_ms", delivery.at_epoch_ms},
+            {"device", delivery.device},
+            {"inode", delivery.inode},
+            {"modified_ns", delivery.modified_ns},
+            {"path", delivery.path.native()},
+            {"phone", delivery.phone.text()},
+            {"settled", delivery.isSettled},
+            {"size", delivery.size},
+            {"transfer_id", delivery.transfer_id.text()}};
 }
 
 /// @throws JsonError
 DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
-    DeliveredTransfers::Delivery delivery{.phone = requireString(json, "phone"),
-                                          .transfer_id = requireString(json, "transfer_id"),
+    DeliveredTransfers::Delivery delivery{.phone = PeerKey(requireString(json, "phone")),
+                                          .transfer_id = TransferId(requireString(json, "transfer_id")),
                                           .path = requireString(json, "path"),
                                           .device = requireUnsigned(json, "device"),
                                           .inode = requireUnsigned(json, "inode"),
@@ -54,8 +59,8 @@ DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
     const bool isPlausible = delivery.path.is_absolute() && delivery.path.has_filename() &&
                              delivery.path.native().find('\0') == std::string::npos &&
                              delivery.path.native().size() <= longestPath && delivery.size >= 0 &&
-                             delivery.transfer_id.size() <= DeliveredTransfers::maxIdBytes &&
-                             delivery.phone.size() <= longestKeyText;
+                             delivery.transfer_id.text().size() <= DeliveredTransfers::maxIdBytes &&
+                             delivery.phone.text().size() <= longestKeyText;
     if (!isPlausible) {
         throw JsonError("no delivery");
     }
@@ -277,8 +282,8 @@ bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
     }
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::string& phone,
-                                                                     const std::string& transferId) {
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& phone,
+                                                                     const TransferId& transferId) {
     const std::optional<Delivery> delivery = remembered(phone, transferId);
     try {
         // not under the lock: its folder may be on a disk that hangs, while today's does not
@@ -289,8 +294,8 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::
     }
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const std::string& phone,
-                                                                           const std::string& transferId) {
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const PeerKey& phone,
+                                                                           const TransferId& transferId) {
     const MutexLock guard(lock_);
     std::optional<Delivery> known;
     bestEffort("cannot read which files were delivered", [&] {
@@ -304,17 +309,17 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const
     return known;
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const std::string& phone,
-                                                                     const std::string& transferId, std::int64_t size) {
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& phone, const TransferId& transferId,
+                                                                     std::int64_t size) {
     std::optional<Delivery> found = find(phone, transferId);
     return found && found->size == size ? found : std::nullopt;
 }
 
-void DeliveredTransfers::intend(const std::string& phone, const std::string& transferId, const platform::Path& path,
+void DeliveredTransfers::intend(const PeerKey& phone, const TransferId& transferId, const platform::Path& path,
                                 const platform::FileStatus& file) {
     std::error_code unknown; // where we are: then the path stays relative
     const platform::Path absolute = std::filesystem::absolute(path, unknown);
-    if (transferId.size() > maxIdBytes || !isUtf8(absolute.native()) || !absolute.is_absolute() ||
+    if (transferId.text().size() > maxIdBytes || !isUtf8(absolute.native()) || !absolute.is_absolute() ||
         absolute.native().size() > longestPath) {
         return; // JSON holds no other text
     }
@@ -332,7 +337,7 @@ void DeliveredTransfers::intend(const std::string& phone, const std::string& tra
     });
 }
 
-void DeliveredTransfers::settle(const std::string& phone, const std::string& transferId) {
+void DeliveredTransfers::settle(const PeerKey& phone, const TransferId& transferId) {
     const MutexLock guard(lock_);
     const Delivery* const intended = list_.find({phone, transferId});
     if (intended == nullptr) {

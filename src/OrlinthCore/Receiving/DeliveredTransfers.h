@@ -3,6 +3,7 @@
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "base/Bytes.h"
 #include "base/Mutex.h"
+#include "base/StrongText.h"
 #include "platform/System.h"
 
 #include <cstdint>
@@ -50,8 +51,8 @@ public:
 
     /// One transfer.
     struct Delivery {
-        std::string phone;        ///< its key, Base64
-        std::string transfer_id;  ///< as the offer gave it
+        PeerKey phone;
+        TransferId transfer_id;   ///< as the offer gave it
         platform::Path path;      ///< the final name, absolute
         std::uint64_t device = 0; ///< for people to read; it may change with a reboot
         std::uint64_t inode = 0;
@@ -70,16 +71,15 @@ public:
     ~DeliveredTransfers();
 
     /// The transfer, if its file still lies where it was delivered, unchanged: it itself, and no link in its place.
-    [[nodiscard]] std::optional<Delivery> find(const std::string& phone, const std::string& transferId);
+    [[nodiscard]] std::optional<Delivery> find(const PeerKey& phone, const TransferId& transferId);
     /// The same, if it has the size that is offered: else it is not the one that is meant, whatever its id says.
-    [[nodiscard]] std::optional<Delivery> find(const std::string& phone, const std::string& transferId,
-                                               std::int64_t size);
+    [[nodiscard]] std::optional<Delivery> find(const PeerKey& phone, const TransferId& transferId, std::int64_t size);
     /// `file` is what its partial file is like, flushed; it is about to get the name `path`. Instead of what was
     /// remembered of the same transfer.
-    void intend(const std::string& phone, const std::string& transferId, const platform::Path& path,
+    void intend(const PeerKey& phone, const TransferId& transferId, const platform::Path& path,
                 const platform::FileStatus& file);
     /// The file has its name for good.
-    void settle(const std::string& phone, const std::string& transferId);
+    void settle(const PeerKey& phone, const TransferId& transferId);
 
     /// What the lines of a file's content say, oldest first, each transfer once; lines that say nothing are skipped.
     [[nodiscard]] static std::vector<Delivery> decode(ByteView content);
@@ -87,7 +87,7 @@ public:
     [[nodiscard]] static std::string encode(const Delivery& delivery);
 
 private:
-    using Key = std::pair<std::string, std::string>;
+    using Key = std::pair<PeerKey, TransferId>;
     struct Entry {
         Delivery delivery;
         std::uint64_t number = 0; ///< higher than that of every older one
@@ -110,7 +110,7 @@ private:
     };
 
     [[nodiscard]] std::size_t takeLines(ByteView content) ORLINTH_REQUIRES(lock_);
-    [[nodiscard]] std::optional<Delivery> remembered(const std::string& phone, const std::string& transferId);
+    [[nodiscard]] std::optional<Delivery> remembered(const PeerKey& phone, const TransferId& transferId);
     [[nodiscard]] bool isStillThere(const Delivery& delivery) const;
     void log(const char* what, const platform::SystemError& error) const;
     void catchUp() ORLINTH_REQUIRES(lock_);

@@ -34,8 +34,8 @@ std::unique_ptr<platform::Folder> Downloads::open() const {
     }
 }
 
-bool Downloads::isDelivered(const std::string& phone, const TransportMessage::FileOffer& offer) {
-    return delivered_.find(phone, offer.transfer_id, offer.size).has_value();
+bool Downloads::isDelivered(const PeerKey& phone, const TransportMessage::FileOffer& offer) {
+    return delivered_.find(phone, TransferId(offer.transfer_id), offer.size).has_value();
 }
 
 // ---- refusals
@@ -48,7 +48,7 @@ void Downloads::requireSensible(const TransportMessage::FileOffer& offer) {
     }
 }
 
-Task<Downloads::Prospect> Downloads::prospectOf(std::string phone, TransportMessage::FileOffer offer) {
+Task<Downloads::Prospect> Downloads::prospectOf(PeerKey phone, TransportMessage::FileOffer offer) {
     requireSensible(offer);
     return platform::blocking(system_.network, [this, phone = std::move(phone), offer = std::move(offer)] {
         const bool isHere = isDelivered(phone, offer);
@@ -56,15 +56,14 @@ Task<Downloads::Prospect> Downloads::prospectOf(std::string phone, TransportMess
     });
 }
 
-std::optional<DownloadRefusal> Downloads::refusalOf(const std::string& phone,
-                                                    const TransportMessage::FileOffer& offer) {
+std::optional<DownloadRefusal> Downloads::refusalOf(const PeerKey& phone, const TransportMessage::FileOffer& offer) {
     std::unique_ptr<platform::Folder> folder;
     try {
         folder = system_.files.openFolder(path_);
     } catch (const platform::SystemError&) {
         return std::nullopt; // begin() makes it, or says why that cannot be done
     }
-    return refusalIn(*folder, {.id = offer.transfer_id, .phone = phone}, offer);
+    return refusalIn(*folder, {.id = TransferId(offer.transfer_id), .phone = phone}, offer);
 }
 
 std::optional<DownloadRefusal> Downloads::refusalIn(platform::Folder& folder,
@@ -103,7 +102,7 @@ std::optional<DownloadRefusal> Downloads::refusalIn(platform::Folder& folder,
     return std::nullopt;
 }
 
-bool Downloads::hasTooManyPartials(platform::Folder& folder, const std::string& phone) {
+bool Downloads::hasTooManyPartials(platform::Folder& folder, const PeerKey& phone) {
     const MutexLock guard(censusLock_);
     const platform::FileStatus status = folder.status();
     if (!census_ || !platform::isSameFile(census_->folder, status)) {
@@ -131,7 +130,7 @@ void Downloads::takeCensus(platform::Folder& folder) {
     }
 }
 
-void Downloads::countPartial(const std::string& phone, bool isNew) {
+void Downloads::countPartial(const PeerKey& phone, bool isNew) {
     const MutexLock guard(censusLock_);
     if (!census_) {
         return;
@@ -146,7 +145,7 @@ void Downloads::countPartial(const std::string& phone, bool isNew) {
 
 // ---- files
 
-Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOffer offer,
+Task<IncomingFile> Downloads::begin(PeerKey phone, TransportMessage::FileOffer offer,
                                     platform::Clock::Instant offeredAt) {
     Beginning beginning = co_await beginUnlessRefused(std::move(phone), std::move(offer), offeredAt);
     if (beginning.refusal) {
@@ -155,7 +154,7 @@ Task<IncomingFile> Downloads::begin(std::string phone, TransportMessage::FileOff
     co_return std::move(*beginning.file);
 }
 
-Task<Downloads::Beginning> Downloads::beginUnlessRefused(std::string phone, TransportMessage::FileOffer offer,
+Task<Downloads::Beginning> Downloads::beginUnlessRefused(PeerKey phone, TransportMessage::FileOffer offer,
                                                          platform::Clock::Instant offeredAt) {
     requireSensible(offer);
     Task<Beginning> beginning = beginHere(std::move(phone), std::move(offer), offeredAt);
@@ -163,10 +162,10 @@ Task<Downloads::Beginning> Downloads::beginUnlessRefused(std::string phone, Tran
 }
 
 /// On a queue that may block, and so finishHere().
-Task<Downloads::Beginning> Downloads::beginHere(std::string phone, TransportMessage::FileOffer offer,
+Task<Downloads::Beginning> Downloads::beginHere(PeerKey phone, TransportMessage::FileOffer offer,
                                                 platform::Clock::Instant offeredAt) {
     std::unique_ptr<platform::Folder> folder = open();
-    const CollisionResolver::Transfer transfer{.id = offer.transfer_id, .phone = phone};
+    const CollisionResolver::Transfer transfer{.id = TransferId(offer.transfer_id), .phone = phone};
     const std::optional<DownloadRefusal> refusal = refusalIn(*folder, transfer, offer);
     if (refusal && !isDelivered(phone, offer)) {
         co_return Beginning{.file = std::nullopt, .refusal = refusal};

@@ -17,11 +17,11 @@ bool isLarge(std::int64_t bytes) noexcept {
 
 /// Somebody in line.
 struct FrameRoom::Waiter {
-    Waiter(Executor executor, std::string key, std::int64_t wanted, bool loose)
+    Waiter(Executor executor, PeerKey key, std::int64_t wanted, bool loose)
         : granted(std::move(executor)), phone(std::move(key)), bytes(wanted), isLoose(loose) {}
 
     platform::Event granted; ///< set under the room's lock
-    const std::string phone;
+    const PeerKey phone;
     const std::int64_t bytes;
     const bool isLoose;
 };
@@ -67,7 +67,7 @@ void FrameRoom::Share::release() noexcept {
 }
 
 /// What nearly every frame meets: nobody is in line, and there is room.
-bool FrameRoom::grantAtOnce(const std::string& phone, std::int64_t bytes, bool isLoose) {
+bool FrameRoom::grantAtOnce(const PeerKey& phone, std::int64_t bytes, bool isLoose) {
     const MutexLock guard(lock_);
     const bool mayHaveIt = line_.empty() && held_ + bytes <= limits::frameBytes && hasRoomForLarge(bytes) &&
                            !isHeldUpByItself(phone, bytes, isLoose);
@@ -106,7 +106,7 @@ void FrameRoom::serveLine() {
     }
 }
 
-bool FrameRoom::isHeldUpByItself(const std::string& phone, std::int64_t bytes, bool isLoose) const {
+bool FrameRoom::isHeldUpByItself(const PeerKey& phone, std::int64_t bytes, bool isLoose) const {
     const auto known = phones_.find(phone);
     return known != phones_.end() &&
            (known->second.held + bytes > limits::frameBytesOfOnePhone || (isLoose && known->second.hasLoose));
@@ -117,7 +117,7 @@ bool FrameRoom::hasRoomForLarge(std::int64_t bytes) const {
     return !isLarge(bytes) || heldByLarge_ + bytes <= limits::largeFrameBytes;
 }
 
-void FrameRoom::grant(const std::string& phone, std::int64_t bytes, bool isLoose) {
+void FrameRoom::grant(const PeerKey& phone, std::int64_t bytes, bool isLoose) {
     Phone& known = phones_[phone];
     known.held += bytes;
     known.hasLoose = known.hasLoose || isLoose;
@@ -135,7 +135,7 @@ void FrameRoom::leave(const WaiterRef& waiter) noexcept {
     }
 }
 
-void FrameRoom::giveBackLocked(const std::string& phone, std::int64_t bytes, bool isLoose) noexcept {
+void FrameRoom::giveBackLocked(const PeerKey& phone, std::int64_t bytes, bool isLoose) noexcept {
     const auto at = phones_.find(phone);
     held_ -= bytes;
     heldByLarge_ -= isLarge(bytes) ? bytes : 0;

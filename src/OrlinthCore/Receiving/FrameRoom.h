@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/ReceivingLimits.h"
 #include "base/Mutex.h"
+#include "base/StrongText.h"
 
 #include <cstdint>
 #include <list>
@@ -31,8 +32,8 @@ public:
     /// What one connection holds; given back with the object.
     class Share final : public FrameGate {
     public:
-        /// `phone` is the key, Base64. `room` outlives the share.
-        Share(FrameRoom& room, std::string phone) : room_(room), phone_(std::move(phone)) {}
+        /// `room` outlives the share.
+        Share(FrameRoom& room, PeerKey phone) : room_(room), phone_(std::move(phone)) {}
         ~Share() override { release(); }
         Share(const Share&) = delete;
         Share& operator=(const Share&) = delete;
@@ -46,7 +47,7 @@ public:
 
     private:
         FrameRoom& room_;
-        std::string phone_;
+        PeerKey phone_;
         bool isInTransfer_ = false;
         std::int64_t held_ = 0;
         bool isHeldLoosely_ = false; ///< as the one large frame outside a transfer
@@ -65,20 +66,20 @@ private:
         bool hasLoose = false;
     };
 
-    [[nodiscard]] bool grantAtOnce(const std::string& phone, std::int64_t bytes, bool isLoose);
+    [[nodiscard]] bool grantAtOnce(const PeerKey& phone, std::int64_t bytes, bool isLoose);
     void enter(const WaiterRef& waiter);
     void serveLine() ORLINTH_REQUIRES(lock_);
-    [[nodiscard]] bool isHeldUpByItself(const std::string& phone, std::int64_t bytes, bool isLoose) const
+    [[nodiscard]] bool isHeldUpByItself(const PeerKey& phone, std::int64_t bytes, bool isLoose) const
         ORLINTH_REQUIRES(lock_);
     [[nodiscard]] bool hasRoomForLarge(std::int64_t bytes) const ORLINTH_REQUIRES(lock_);
-    void grant(const std::string& phone, std::int64_t bytes, bool isLoose) ORLINTH_REQUIRES(lock_);
+    void grant(const PeerKey& phone, std::int64_t bytes, bool isLoose) ORLINTH_REQUIRES(lock_);
     void leave(const WaiterRef& waiter) noexcept;
-    void giveBackLocked(const std::string& phone, std::int64_t bytes, bool isLoose) noexcept ORLINTH_REQUIRES(lock_);
+    void giveBackLocked(const PeerKey& phone, std::int64_t bytes, bool isLoose) noexcept ORLINTH_REQUIRES(lock_);
 
     mutable Mutex lock_;
     std::int64_t held_ ORLINTH_GUARDED_BY(lock_) = 0;
-    std::int64_t heldByLarge_ ORLINTH_GUARDED_BY(lock_) = 0;        ///< of that, by frames larger than those of data
-    std::map<std::string, Phone> phones_ ORLINTH_GUARDED_BY(lock_); ///< those that hold something
+    std::int64_t heldByLarge_ ORLINTH_GUARDED_BY(lock_) = 0;    ///< of that, by frames larger than those of data
+    std::map<PeerKey, Phone> phones_ ORLINTH_GUARDED_BY(lock_); ///< those that hold something
     std::list<WaiterRef> line_ ORLINTH_GUARDED_BY(lock_);
 };
 

@@ -94,7 +94,7 @@ std::unique_ptr<platform::Folder> folderOf(platform::System& system, const Deliv
 
 } // namespace
 
-IncomingFile::IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, std::string phone,
+IncomingFile::IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, PeerKey phone,
                            TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt)
     : system_(&place.system),
       deliveredTransfers_(&place.delivered),
@@ -124,8 +124,8 @@ void IncomingFile::close() noexcept {
 }
 
 IncomingFile IncomingFile::begin(const Place& place, std::unique_ptr<platform::Folder> folder,
-                                 const FolderTurn& /*turn*/, std::string phone,
-                                 const TransportMessage::FileOffer& offer, platform::Clock::Instant offeredAt) {
+                                 const FolderTurn& /*turn*/, PeerKey phone, const TransportMessage::FileOffer& offer,
+                                 platform::Clock::Instant offeredAt) {
     IncomingFile incoming(place, std::move(folder), std::move(phone), offer, offeredAt);
     writing("", [&] { incoming.open(); });
     return incoming;
@@ -134,7 +134,8 @@ IncomingFile IncomingFile::begin(const Place& place, std::unique_ptr<platform::F
 void IncomingFile::open() {
     const std::string base = CollisionResolver::sanitize(offer_.name);
     for (int choice = 0; choice < maxChoices && !partial_; ++choice) {
-        target_ = CollisionResolver::resolveTarget(*folder_, base, {.id = offer_.transfer_id, .phone = phone_});
+        target_ =
+            CollisionResolver::resolveTarget(*folder_, base, {.id = TransferId(offer_.transfer_id), .phone = phone_});
         // Behind the look at the names: whoever moves this very file into place just now has remembered it before.
         if (acknowledgeIfDelivered()) {
             return;
@@ -157,7 +158,7 @@ void IncomingFile::open() {
 
 bool IncomingFile::acknowledgeIfDelivered() {
     const std::optional<DeliveredTransfers::Delivery> found =
-        deliveredTransfers_->find(phone_, offer_.transfer_id, offer_.size);
+        deliveredTransfers_->find(phone_, TransferId(offer_.transfer_id), offer_.size);
     std::unique_ptr<platform::Folder> folder = found ? folderOf(*system_, *found) : nullptr;
     if (!folder) {
         return false;
@@ -175,7 +176,7 @@ const DeliveredTransfers::Delivery* IncomingFile::delivered() const noexcept {
 }
 
 void IncomingFile::saveSidecar() {
-    const PartialMeta meta{.transfer_id = offer_.transfer_id,
+    const PartialMeta meta{.transfer_id = TransferId(offer_.transfer_id),
                            .advertised_size = offer_.size,
                            .started_at_epoch_ms = system_->clock.epochMilliseconds(),
                            .peer_pubkey = phone_};
@@ -279,7 +280,8 @@ void IncomingFile::moveIntoPlace() {
     const platform::FileStatus content = partial_->status();
     // Remembered before it is moved: if we are killed right behind the move, the next attempt finds it.
     const auto move = [&] {
-        deliveredTransfers_->intend(phone_, offer_.transfer_id, folder_->path() / target_.final.text(), content);
+        deliveredTransfers_->intend(phone_, TransferId(offer_.transfer_id), folder_->path() / target_.final.text(),
+                                    content);
         return folder_->moveNoReplace(*partial_, target_.partial, target_.final);
     };
     for (int choice = 0; !move(); ++choice) {
@@ -294,7 +296,7 @@ void IncomingFile::moveIntoPlace() {
 /// An earlier session may have been killed behind the move, before it could do this.
 void IncomingFile::tidyUpBehindDelivered() {
     const std::optional<PartialMeta> meta = PartialMetaIO::load(*folder_, target_.partial);
-    if (meta && meta->isOf(offer_.transfer_id, phone_) && !folder_->status(target_.partial)) {
+    if (meta && meta->isOf(TransferId(offer_.transfer_id), phone_) && !folder_->status(target_.partial)) {
         PartialMetaIO::remove(*folder_, target_.partial);
     }
 }
@@ -326,7 +328,7 @@ ReceivedFile IncomingFile::finish(FolderTurn turn, const std::string& remoteEndp
     }
     writing("", [&] { folder_->flush(); });
     if (!delivered_ || !delivered_->isSettled) {
-        deliveredTransfers_->settle(phone_, offer_.transfer_id);
+        deliveredTransfers_->settle(phone_, TransferId(offer_.transfer_id));
     }
     return {.savedAt = folder_->path() / target_.final.text(),
             .bytesWritten = bytesWritten_,

@@ -5,6 +5,7 @@
 #include "OrlinthCore/Receiving/DownloadRoom.h"
 #include "OrlinthCore/Receiving/FolderTurns.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "base/StrongText.h"
 #include "platform/System.h"
 
 #include <memory>
@@ -50,10 +51,10 @@ public:
     };
 
     /// Chooses the target, opens or makes the partial file and writes its sidecar, in one turn. `phone` is the key of
-    /// who offers, Base64; `offeredAt` is when the offer came, which may be long ago if a person was asked.
+    /// who offers; `offeredAt` is when the offer came, which may be long ago if a person was asked.
     /// @throws ReceiveError::fileWriteFailed
     [[nodiscard]] static IncomingFile begin(const Place& place, std::unique_ptr<platform::Folder> folder,
-                                            const FolderTurn& turn, std::string phone,
+                                            const FolderTurn& turn, PeerKey phone,
                                             const TransportMessage::FileOffer& offer,
                                             platform::Clock::Instant offeredAt);
     IncomingFile(IncomingFile&&) noexcept;
@@ -70,8 +71,8 @@ public:
     void limitTo(const DownloadLimits& limits, DownloadRoom::Share share);
     /// Whether an earlier attempt has left a partial file.
     [[nodiscard]] bool isContinued() const noexcept { return target_.isContinued; }
-    /// The key of who sends it, Base64.
-    [[nodiscard]] const std::string& phone() const noexcept { return phone_; }
+    /// The key of who sends it.
+    [[nodiscard]] const PeerKey& phone() const noexcept { return phone_; }
 
     /// The file that an earlier connection has delivered under this offer's id; null if there is none.
     [[nodiscard]] const DeliveredTransfers::Delivery* delivered() const noexcept;
@@ -98,7 +99,7 @@ public:
     [[nodiscard]] const platform::Folder& folder() const noexcept { return *folder_; }
 
 private:
-    IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, std::string phone,
+    IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, PeerKey phone,
                  TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt);
     void open();
     void requireRoomFor(std::int64_t bytes);
@@ -114,7 +115,7 @@ private:
     platform::System* system_;
     DeliveredTransfers* deliveredTransfers_;
     std::unique_ptr<platform::Folder> folder_; // of the delivered file, if there is one
-    std::string phone_;
+    PeerKey phone_;
     TransportMessage::FileOffer offer_;
     platform::Clock::Instant offerTime_;
     CollisionResolver::Target target_;

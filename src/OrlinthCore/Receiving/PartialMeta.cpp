@@ -9,29 +9,29 @@ constexpr const char* phoneKey = "peer_pubkey";
 
 Json PartialMeta::toJson() const {
     Json json = {
-        {"transfer_id", transfer_id},
+        {"transfer_id", transfer_id.text()},
         {"advertised_size", advertised_size},
         {"started_at_epoch_ms", started_at_epoch_ms},
     };
-    if (!peer_pubkey.empty()) {
-        json[phoneKey] = peer_pubkey;
+    if (!peer_pubkey.isEmpty()) {
+        json[phoneKey] = peer_pubkey.text();
     }
     return json;
 }
 
 PartialMeta PartialMeta::fromJson(const Json& json) {
     PartialMeta meta;
-    meta.transfer_id = requireString(json, "transfer_id");
+    meta.transfer_id = TransferId(requireString(json, "transfer_id"));
     meta.advertised_size = requireInt64(json, "advertised_size");
     meta.started_at_epoch_ms = requireInt64(json, "started_at_epoch_ms");
     if (json.contains(phoneKey)) {
-        meta.peer_pubkey = requireString(json, phoneKey);
+        meta.peer_pubkey = PeerKey(requireString(json, phoneKey));
     }
     return meta;
 }
 
-bool PartialMeta::isOf(const std::string& transferId, const std::string& phone) const {
-    return transfer_id == transferId && (peer_pubkey.empty() || peer_pubkey == phone);
+bool PartialMeta::isOf(const TransferId& transferId, const PeerKey& phone) const {
+    return transfer_id == transferId && (peer_pubkey.isEmpty() || peer_pubkey == phone);
 }
 
 platform::FileName PartialMetaIO::metaName(const platform::FileName& partial) {

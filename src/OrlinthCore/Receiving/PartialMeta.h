@@ -1,23 +1,23 @@
 #pragma once
 
 #include "base/Json.h"
+#include "base/StrongText.h"
 #include "platform/WholeFile.h"
 
 #include <optional>
-#include <string>
 
 namespace orlinth {
 
 /// What lies beside a partial download and says which transfer it belongs to. The JSON keys are the field names.
 struct PartialMeta {
-    std::string transfer_id;              ///< as the offer gave it; opaque
+    TransferId transfer_id;               ///< as the offer gave it; opaque
     std::int64_t advertised_size = 0;     ///< bytes; kept for people, takes no part in a decision
     std::int64_t started_at_epoch_ms = 0; ///< when the session began that wrote this
-    std::string peer_pubkey{};            ///< of whom the transfer is, Base64; "" where nobody has written that down
+    PeerKey peer_pubkey{};                ///< of whom the transfer is; "" where nobody has written that down
 
     /// Whether an attempt of this phone at this transfer may go on where the partial file ends. Which phone it was is
     /// not known of sidecars that older versions have written.
-    [[nodiscard]] bool isOf(const std::string& transferId, const std::string& phone) const;
+    [[nodiscard]] bool isOf(const TransferId& transferId, const PeerKey& phone) const;
     [[nodiscard]] Json toJson() const;
     /// @throws JsonError
     [[nodiscard]] static PartialMeta fromJson(const Json& json);

@@ -13,7 +13,7 @@ PhonePlaces::Line::iterator PhonePlaces::chooseWhoGoes(Line& line) {
     return idle != line.end() ? idle : std::ranges::min_element(line, {}, &Connection::heardOf);
 }
 
-PhonePlaces::Claim::Claim(PhonePlaces& places, platform::Clock& clock, std::string phone, std::function<void()> dismiss)
+PhonePlaces::Claim::Claim(PhonePlaces& places, platform::Clock& clock, PeerKey phone, std::function<void()> dismiss)
     : places_(places), clock_(clock), phone_(std::move(phone)) {
     std::function<void()> dismissOther;
     {
@@ -60,7 +60,7 @@ void PhonePlaces::Claim::beginTransfer() {
     place_->hasTransfer = true;
 }
 
-std::size_t PhonePlaces::count(const std::string& phone) const {
+std::size_t PhonePlaces::count(const PeerKey& phone) const {
     const MutexLock guard(lock_);
     const auto found = phones_.find(phone);
     return found == phones_.end() ? 0 : found->second.line.size();

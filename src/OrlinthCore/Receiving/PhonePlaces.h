@@ -2,13 +2,13 @@
 
 #include "OrlinthCore/Receiving/ReceivingLimits.h"
 #include "base/Mutex.h"
+#include "base/StrongText.h"
 #include "platform/Clock.h"
 
 #include <functional>
 #include <list>
 #include <map>
 #include <memory>
-#include <string>
 
 namespace orlinth {
 
@@ -27,7 +27,7 @@ public:
     class Claim;
 
     /// For diagnostics and tests: of this phone, without those that have to go.
-    [[nodiscard]] std::size_t count(const std::string& phone) const;
+    [[nodiscard]] std::size_t count(const PeerKey& phone) const;
 
 private:
     struct Connection {
@@ -45,15 +45,15 @@ private:
     [[nodiscard]] static Line::iterator chooseWhoGoes(Line& line);
 
     mutable Mutex lock_;
-    std::map<std::string, Phone> phones_ ORLINTH_GUARDED_BY(lock_); ///< by key; those with a connection
+    std::map<PeerKey, Phone> phones_ ORLINTH_GUARDED_BY(lock_); ///< those with a connection
 };
 
 /// One connection's place; given up with the object.
 class PhonePlaces::Claim {
 public:
-    /// `phone` is the key, Base64. `dismiss` ends the connection soon after; it is called at most once, on any thread.
+    /// `dismiss` ends the connection soon after; it is called at most once, on any thread.
     /// `places` and `clock` outlive the claim. @throws ReceiveError::wire if the phone has too many
-    Claim(PhonePlaces& places, platform::Clock& clock, std::string phone, std::function<void()> dismiss);
+    Claim(PhonePlaces& places, platform::Clock& clock, PeerKey phone, std::function<void()> dismiss);
     ~Claim();
     Claim(const Claim&) = delete;
     Claim& operator=(const Claim&) = delete;
@@ -66,7 +66,7 @@ public:
 private:
     PhonePlaces& places_;
     platform::Clock& clock_;
-    const std::string phone_;
+    const PeerKey phone_;
     Line gone_ ORLINTH_GUARDED_BY(places_.lock_);            ///< holds `place_` once it was dismissed
     Line::iterator place_ ORLINTH_GUARDED_BY(places_.lock_); ///< what it points to, too
 };

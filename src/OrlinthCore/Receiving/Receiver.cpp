@@ -52,7 +52,7 @@ struct Session {
     Course course = Course::open;         ///< on its queue
     std::string cutBecause;               ///< likewise
     std::string from;                     ///< display name of the phone; on its queue
-    std::string peerPubkey;               ///< its key, Base64, once it is proved to be a paired one; on its queue
+    PeerKey peerPubkey;                   ///< its key, once it is proved to be a paired one; on its queue
     /// What goes with the session, which is when the host has been told of its end.
     std::shared_ptr<const void> kept;
     bool isLeaving = false; ///< it had to make room; on the receiver's queue
@@ -66,7 +66,7 @@ enum class Whom { anybody, strangersOnly };
 /// Ends a session, soon after. Any thread.
 void end(const SessionRef& session, std::string because, Whom whom = Whom::anybody) {
     asio::post(session->queue, [session, because = std::move(because), whom] {
-        const bool hasProvedItself = !session->peerPubkey.empty(); // in this very moment, perhaps
+        const bool hasProvedItself = !session->peerPubkey.isEmpty(); // in this very moment, perhaps
         const bool isOpen = session->course == Session::Course::open;
         if (isOpen && !(whom == Whom::strangersOnly && hasProvedItself)) {
             session->course = Session::Course::cut;
@@ -381,8 +381,8 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                 [self, session](const platform::PublicKey& key) {
                     const auto standing = self->standingOf(key);
                     if (standing == ReceiverConnectionContext::Standing::expected) { // before its record is looked for
-                        if (session->peerPubkey.empty()) { // and never again: other threads read it later
-                            session->peerPubkey = key.base64();
+                        if (session->peerPubkey.isEmpty()) { // and never again: other threads read it later
+                            session->peerPubkey = PeerKey(key.base64());
                         }
                         asio::post(self->queue, [self, session] {
                             self->strangers.remove(session->identity);

@@ -7,6 +7,7 @@
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/Sending/ActiveTransfers.h"
 #include "base/CaseError.h"
+#include "base/StrongText.h"
 #include "platform/System.h"
 
 #include <functional>
@@ -41,17 +42,17 @@ public:
     static constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
 
     /// How one connection ended well. SetName and NameUpdate mean the same: the sender's own name is this now. `from`
-    /// is the display name of the sender, `peerPubkey` its key, Base64.
+    /// is the display name of the sender, `peerPubkey` its key.
     struct File {
         ReceivedFile file;
         std::string from;
-        std::string peerPubkey = {}; ///< Base64
+        PeerKey peerPubkey = {};
     };
     struct Clipboard {
         std::string text;
         std::string mime;
         std::string from;
-        std::string peerPubkey = {}; ///< Base64
+        PeerKey peerPubkey = {};
     };
     struct SetName {
         std::string name;
@@ -60,24 +61,24 @@ public:
             true; ///< false for a name that nobody could be called by, and where no record could be changed
         std::string calledHere =
             {}; ///< now: `name`, or, if another phone has that, with a number; "" if not taken over
-        std::string peerPubkey = {};
+        PeerKey peerPubkey = {};
     };
     struct NameUpdate {
         std::string name;
         std::string from;
         bool isTakenOver = true;
         std::string calledHere = {};
-        std::string peerPubkey = {};
+        PeerKey peerPubkey = {};
     };
     struct Unpair {
         std::string from;
-        std::string peerPubkey; ///< Base64
+        PeerKey peerPubkey;
         bool isForgotten =
             true; ///< its record is gone; false: the store cannot be changed, which was told as a failure
     };
     /// A phone that was removed here has connected and was told so.
     struct UnpairReplied {
-        std::string peerPubkey;
+        PeerKey peerPubkey;
         std::string remoteEndpoint;
     };
     /// An offer was refused here, or the phone has sent a refusal.
@@ -85,7 +86,7 @@ public:
         std::string from;
         std::string name;                         ///< of the refused file; "" for a refusal by the phone
         std::optional<DownloadRefusal> refusal{}; ///< why, if nobody was asked
-        std::string peerPubkey = {};
+        PeerKey peerPubkey = {};
     };
     using ProcessOutcome = std::variant<File, Clipboard, SetName, NameUpdate, Unpair, UnpairReplied, Declined>;
 
@@ -93,16 +94,16 @@ public:
     struct Failure {
         std::exception_ptr error;
         std::string remoteEndpoint;
-        std::string from;            ///< the phone's display name; "" if no paired key was proved
-        std::string peerPubkey = {}; ///< likewise
+        std::string from;        ///< the phone's display name; "" if no paired key was proved
+        PeerKey peerPubkey = {}; ///< likewise
     };
 
     struct Offer {
         std::string name; ///< as the sender says; not to be trusted as a path
         std::int64_t size;
         std::string from;
-        std::string peerPubkey = {}; ///< the sender's key, Base64: names may be alike
-        std::string transferId = {}; ///< as the sender says; the same when it offers the same transfer again
+        PeerKey peerPubkey = {};    ///< the sender's key: names may be alike
+        TransferId transferId = {}; ///< as the sender says; the same when it offers the same transfer again
     };
 
     /// What happens, told on the receiver's queue. Every one may be empty. None may throw.

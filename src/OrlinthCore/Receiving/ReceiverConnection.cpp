@@ -66,9 +66,9 @@ Task<NoiseTransport> shakeHands(WireConnection& wire, const ReceiverConnectionCo
 /// One transfer of this connection in the registry; given back when it goes, which must be after the file is closed.
 class TransferClaim {
 public:
-    TransferClaim(ActiveTransfers& transfers, std::string key, TransferConnectionRef self)
-        : transfers_(transfers), key_(std::move(key)), self_(std::move(self)) {}
-    ~TransferClaim() { transfers_.finish(key_, self_); }
+    TransferClaim(ActiveTransfers& transfers, TransferId id, TransferConnectionRef self)
+        : transfers_(transfers), id_(std::move(id)), self_(std::move(self)) {}
+    ~TransferClaim() { transfers_.finish(id_, self_); }
     TransferClaim(const TransferClaim&) = delete;
     TransferClaim& operator=(const TransferClaim&) = delete;
 
@@ -76,7 +76,7 @@ public:
     /// offer came. @throws ReceiveError
     [[nodiscard]] Task<> take(ActiveTransfers::Moment offeredAt) {
         using Takeover = ActiveTransfers::Takeover;
-        const Takeover takeover = transfers_.takeOver(key_, self_, offeredAt);
+        const Takeover takeover = transfers_.takeOver(id_, self_, offeredAt);
         switch (takeover.refusal) {
         case Takeover::Refusal::none:
             break;
@@ -88,12 +88,12 @@ public:
         if (takeover.displaced) {
             takeover.displaced->cancel();
         }
-        co_await transfers_.waitUntilDrained(key_, self_);
+        co_await transfers_.waitUntilDrained(id_, self_);
     }
 
 private:
     ActiveTransfers& transfers_;
-    std::string key_;
+    TransferId id_;
     TransferConnectionRef self_;
 };
 
@@ -107,7 +107,7 @@ public:
           framer_(std::move(transport)),
           sender_(context.system, framer_.session().remoteStaticPublicKey()),
           self_(std::make_shared<const TransferConnection>(
-              framer_.session().remoteStaticPublicKey().base64(),
+              PeerKey(framer_.session().remoteStaticPublicKey().base64()),
               [dismiss = context.dismiss] { dismiss("taken over by a newer connection"); })),
           room_(std::make_shared<FrameRoom::Share>(context.frames, self_->peerPubkey())) {
         wire_.gate = room_.get();
@@ -272,7 +272,7 @@ private:
                 co_return co_await decline(offer, prospect.refusal);
             }
         }
-        claim_.emplace(ActiveTransfers::shared(), offer.transfer_id, self_);
+        claim_.emplace(ActiveTransfers::shared(), TransferId(offer.transfer_id), self_);
         co_await claim_->take(offeredAt);
         Downloads::Beginning beginning =
             co_await context_.downloads.beginUnlessRefused(self_->peerPubkey(), offer, offerTime);
@@ -305,7 +305,7 @@ private:
                                 .size = offer.size,
                                 .from = name_,
                                 .peerPubkey = self_->peerPubkey(),
-                                .transferId = offer.transfer_id});
+                                .transferId = TransferId(offer.transfer_id)});
     }
 
     /// The host's answer. A phone that has hung up, or is gone, is not asked about any longer.
@@ -438,7 +438,7 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
     Conversation conversation(context, wire, std::move(transport));
     if (standing == Standing::removed) {
         co_await conversation.sayFarewell(TransportMessage::unpair());
-        co_return Receiver::UnpairReplied{.peerPubkey = key.base64(), .remoteEndpoint = endpoint};
+        co_return Receiver::UnpairReplied{.peerPubkey = PeerKey(key.base64()), .remoteEndpoint = endpoint};
     }
     std::exception_ptr failure;
     std::optional<Receiver::ProcessOutcome> outcome;

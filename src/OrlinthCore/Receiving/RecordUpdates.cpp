@@ -27,14 +27,14 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
     if (change.isEmpty()) {
         return; // it must not keep what was said before from being written
     }
-    const std::string name = phone.base64();
+    const PeerKey key(phone.base64());
     std::optional<platform::Clock::Instant> before;
     {
         const MutexLock guard(lock_);
         Phone& known =
             phones_
                 .try_emplace(
-                    name, Phone{.key = phone, .waiting = {}, .onTrouble = {}, .writtenAt = {}, .isBeingWritten = false})
+                    key, Phone{.key = phone, .waiting = {}, .onTrouble = {}, .writtenAt = {}, .isBeingWritten = false})
                 .first->second;
         known.waiting.add(std::move(change));
         if (!isDue(known)) {
@@ -48,7 +48,7 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
     }
     const auto end = [&](bool wasWritten) {
         const MutexLock guard(lock_);
-        if (const auto known = phones_.find(name); known != phones_.end()) {
+        if (const auto known = phones_.find(key); known != phones_.end()) {
             known->second.isBeingWritten = false;
             known->second.writtenAt = wasWritten ? known->second.writtenAt : before;
         }
@@ -63,7 +63,7 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
 
 void RecordUpdates::forget(const platform::PublicKey& phone) {
     const MutexLock guard(lock_);
-    if (const auto known = phones_.find(phone.base64()); known != phones_.end()) {
+    if (const auto known = phones_.find(PeerKey(phone.base64())); known != phones_.end()) {
         known->second.waiting = {};
         known->second.onTrouble = {};
     }
@@ -109,7 +109,7 @@ void RecordUpdates::writeDue(bool all) {
             phone.onTrouble(std::current_exception());
         }
         const MutexLock guard(lock_);
-        if (const auto known = phones_.find(phone.key.base64()); known != phones_.end()) {
+        if (const auto known = phones_.find(PeerKey(phone.key.base64())); known != phones_.end()) {
             known->second.isBeingWritten = false;
         }
     }

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Receiving/ReceivingLimits.h"
 #include "OrlinthCore/Receiving/SenderRecord.h"
 #include "base/Mutex.h"
+#include "base/StrongText.h"
 
 #include <exception>
 #include <functional>
@@ -52,8 +53,8 @@ private:
     std::unique_ptr<platform::Timer> alarm_; ///< on the queue
     bool isAlarmSet_ = false;                ///< the same
     Mutex lock_;
-    /// By their keys, Base64: those with something written or to be written.
-    std::map<std::string, Phone> phones_ ORLINTH_GUARDED_BY(lock_);
+    /// Those with something written or to be written.
+    std::map<PeerKey, Phone> phones_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth

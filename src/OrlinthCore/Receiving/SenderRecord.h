@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Peers/PeerRecord.h"
+#include "base/StrongText.h"
 #include "platform/Crypto.h"
 #include "platform/System.h"
 
@@ -58,7 +59,7 @@ private:
     [[nodiscard]] bool applyTo(PeerBook& book, const RecordChange& change) const;
 
     platform::System& system_;
-    std::string pubkey_;
+    PeerKey pubkey_;
 };
 
 } // namespace orlinth

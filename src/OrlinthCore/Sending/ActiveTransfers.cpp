@@ -21,7 +21,7 @@ bool isSame(const TransferConnectionRef& one, const TransferConnectionRef& other
 
 } // namespace
 
-TransferConnection::TransferConnection(std::string peerPubkey, std::function<void()> cancel)
+TransferConnection::TransferConnection(PeerKey peerPubkey, std::function<void()> cancel)
     : identity_(nextIdentity()), peerPubkey_(std::move(peerPubkey)), cancel_(std::move(cancel)) {}
 
 ActiveTransfers& ActiveTransfers::shared() {
@@ -34,24 +34,24 @@ ActiveTransfers::Moment ActiveTransfers::now() const {
     return lastClaim_;
 }
 
-TransferConnectionRef ActiveTransfers::claim(const std::string& key, const TransferConnectionRef& connection) {
+TransferConnectionRef ActiveTransfers::claim(const TransferId& id, const TransferConnectionRef& connection) {
     const MutexLock guard(lock_);
-    return claimLocked(key, connection);
+    return claimLocked(id, connection);
 }
 
-TransferConnectionRef ActiveTransfers::claimLocked(const std::string& key, const TransferConnectionRef& connection) {
-    Owner before = std::exchange(owners_[key], {.connection = connection, .claimedAt = ++lastClaim_});
+TransferConnectionRef ActiveTransfers::claimLocked(const TransferId& id, const TransferConnectionRef& connection) {
+    Owner before = std::exchange(owners_[id], {.connection = connection, .claimedAt = ++lastClaim_});
     tellWaiters();
     return before.connection && !isSame(before.connection, connection) ? std::move(before.connection) : nullptr;
 }
 
-void ActiveTransfers::release(const std::string& key, const TransferConnectionRef& connection) {
+void ActiveTransfers::release(const TransferId& id, const TransferConnectionRef& connection) {
     const MutexLock guard(lock_);
-    releaseLocked(key, connection);
+    releaseLocked(id, connection);
 }
 
-void ActiveTransfers::releaseLocked(const std::string& key, const TransferConnectionRef& connection) {
-    const auto owner = owners_.find(key);
+void ActiveTransfers::releaseLocked(const TransferId& id, const TransferConnectionRef& connection) {
+    const auto owner = owners_.find(id);
     if (owner != owners_.end() && isSame(owner->second.connection, connection)) {
         owners_.erase(owner);
         tellWaiters();
@@ -66,25 +66,25 @@ bool ActiveTransfers::isReleased(const TransferConnectionRef& connection) const 
 bool ActiveTransfers::isReleasedLocked(const TransferConnectionRef& connection) const {
     const bool ownsNothing = std::none_of(
         owners_.begin(), owners_.end(), [&](const auto& entry) { return isSame(entry.second.connection, connection); });
-    const auto firstDraining = draining_.lower_bound({connection->identity(), ""});
+    const auto firstDraining = draining_.lower_bound({connection->identity(), TransferId()});
     const bool drains = firstDraining != draining_.end() && firstDraining->first.first == connection->identity();
     return ownsNothing && !drains;
 }
 
-ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, const TransferConnectionRef& connection) {
-    return takeOver(key, connection, std::numeric_limits<Moment>::max());
+ActiveTransfers::Takeover ActiveTransfers::takeOver(const TransferId& id, const TransferConnectionRef& connection) {
+    return takeOver(id, connection, std::numeric_limits<Moment>::max());
 }
 
-ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, const TransferConnectionRef& connection,
+ActiveTransfers::Takeover ActiveTransfers::takeOver(const TransferId& id, const TransferConnectionRef& connection,
                                                     Moment offeredAt) {
     const MutexLock guard(lock_);
     const auto isForeign = [&](const TransferConnectionRef& other) {
         return other->peerPubkey() != connection->peerPubkey();
     };
-    const auto owner = owners_.find(key);
+    const auto owner = owners_.find(id);
     const bool isOwnedElsewhere = owner != owners_.end() && isForeign(owner->second.connection);
     const bool drainsElsewhere = std::any_of(draining_.begin(), draining_.end(), [&](const auto& entry) {
-        return entry.first.second == key && isForeign(entry.second);
+        return entry.first.second == id && isForeign(entry.second);
     });
     if (isOwnedElsewhere || drainsElsewhere) {
         return {.refusal = Takeover::Refusal::ofAnotherPhone, .displaced = nullptr};
@@ -92,28 +92,28 @@ ActiveTransfers::Takeover ActiveTransfers::takeOver(const std::string& key, cons
     if (owner != owners_.end() && owner->second.claimedAt > offeredAt) {
         return {.refusal = Takeover::Refusal::hasNewerOwner, .displaced = nullptr};
     }
-    TransferConnectionRef before = claimLocked(key, connection);
+    TransferConnectionRef before = claimLocked(id, connection);
     if (!before) {
         return {};
     }
-    draining_.emplace(DrainingKey(before->identity(), key), before);
+    draining_.emplace(DrainingKey(before->identity(), id), before);
     return {.refusal = Takeover::Refusal::none, .displaced = std::move(before)};
 }
 
-bool ActiveTransfers::mayProceed(const std::string& key, const TransferConnectionRef& connection) const {
+bool ActiveTransfers::mayProceed(const TransferId& id, const TransferConnectionRef& connection) const {
     const MutexLock guard(lock_);
-    const auto owner = owners_.find(key);
+    const auto owner = owners_.find(id);
     const bool isOwner = owner != owners_.end() && isSame(owner->second.connection, connection);
     return isOwner && std::none_of(draining_.begin(), draining_.end(), [&](const auto& entry) {
                lock_.assertHeld();
-               return entry.first.second == key && !isReleasedLocked(entry.second);
+               return entry.first.second == id && !isReleasedLocked(entry.second);
            });
 }
 
-void ActiveTransfers::finish(const std::string& key, const TransferConnectionRef& connection) {
+void ActiveTransfers::finish(const TransferId& id, const TransferConnectionRef& connection) {
     const MutexLock guard(lock_);
-    releaseLocked(key, connection);
-    if (draining_.erase({connection->identity(), key}) > 0) {
+    releaseLocked(id, connection);
+    if (draining_.erase({connection->identity(), id}) > 0) {
         tellWaiters();
     }
 }
@@ -146,13 +146,13 @@ private:
     std::list<platform::Event*>::iterator place_;
 };
 
-Task<> ActiveTransfers::waitUntilDrained(std::string key, TransferConnectionRef connection) {
-    if (mayProceed(key, connection)) {
+Task<> ActiveTransfers::waitUntilDrained(TransferId id, TransferConnectionRef connection) {
+    if (mayProceed(id, connection)) {
         co_return;
     }
     const Executor executor = co_await asio::this_coro::executor;
     Waiter waiter(*this, executor);
-    while (!mayProceed(key, connection)) { // what changes from here on is told
+    while (!mayProceed(id, connection)) { // what changes from here on is told
         co_await waiter.changed().wait();
         waiter.changed().reset();
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Mutex.h"
+#include "base/StrongText.h"
 #include "platform/Event.h"
 
 #include <cstdint>
@@ -8,7 +9,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <string>
 #include <utility>
 
 namespace orlinth {
@@ -17,23 +17,23 @@ namespace orlinth {
 /// is, and a way to end it.
 class TransferConnection {
 public:
-    /// `peerPubkey` is the phone's key, Base64. `cancel` ends the connection soon after; it may be called on any
+    /// `peerPubkey` is the phone's key. `cancel` ends the connection soon after; it may be called on any
     /// thread, more than once, and after the connection has ended.
-    TransferConnection(std::string peerPubkey, std::function<void()> cancel);
+    TransferConnection(PeerKey peerPubkey, std::function<void()> cancel);
 
     [[nodiscard]] std::uint64_t identity() const noexcept { return identity_; }
-    [[nodiscard]] const std::string& peerPubkey() const noexcept { return peerPubkey_; }
+    [[nodiscard]] const PeerKey& peerPubkey() const noexcept { return peerPubkey_; }
     void cancel() const { cancel_(); }
 
 private:
     std::uint64_t identity_;
-    std::string peerPubkey_;
+    PeerKey peerPubkey_;
     std::function<void()> cancel_;
 };
 
 using TransferConnectionRef = std::shared_ptr<const TransferConnection>;
 
-/// Which connection owns a transfer, by a text key; and which ones were displaced and are still winding down.
+/// Which connection owns a transfer, by its id; and which ones were displaced and are still winding down.
 ///
 /// A phone that reconnects takes its transfer over from the connection that it has given up, and waits until that one
 /// has finished, so that two never write the same file:
@@ -57,9 +57,9 @@ public:
     [[nodiscard]] Moment now() const;
 
     /// Makes `connection` the owner, unconditionally. Returns the owner before, if that was another one.
-    TransferConnectionRef claim(const std::string& key, const TransferConnectionRef& connection);
-    /// Takes the key back, if `connection` still owns it.
-    void release(const std::string& key, const TransferConnectionRef& connection);
+    TransferConnectionRef claim(const TransferId& id, const TransferConnectionRef& connection);
+    /// Takes the transfer back, if `connection` still owns it.
+    void release(const TransferId& id, const TransferConnectionRef& connection);
     /// Whether the connection owns nothing and is not winding down either.
     [[nodiscard]] bool isReleased(const TransferConnectionRef& connection) const;
 
@@ -77,17 +77,17 @@ public:
     };
     /// claim() for a connection that will wait for its predecessors: a displaced owner enters the draining ones in the
     /// same step, so that it cannot finish in between.
-    [[nodiscard]] Takeover takeOver(const std::string& key, const TransferConnectionRef& connection);
+    [[nodiscard]] Takeover takeOver(const TransferId& id, const TransferConnectionRef& connection);
     /// The same for an offer that came at the moment `offeredAt` and had to wait for a person: refused if a newer offer
     /// of the same transfer was quicker.
-    [[nodiscard]] Takeover takeOver(const std::string& key, const TransferConnectionRef& connection, Moment offeredAt);
-    /// Whether `connection` may touch what the key stands for: it is the owner, and no earlier one of this key, however
+    [[nodiscard]] Takeover takeOver(const TransferId& id, const TransferConnectionRef& connection, Moment offeredAt);
+    /// Whether `connection` may touch what the id stands for: it is the owner, and no earlier one of this id, however
     /// far back in a chain of takeovers, is still winding down.
-    [[nodiscard]] bool mayProceed(const std::string& key, const TransferConnectionRef& connection) const;
+    [[nodiscard]] bool mayProceed(const TransferId& id, const TransferConnectionRef& connection) const;
     /// Waits until it may. @throws Cancelled
-    [[nodiscard]] Task<> waitUntilDrained(std::string key, TransferConnectionRef connection);
-    /// The last step of a connection with this key, in every case: release(), and it no longer drains from it.
-    void finish(const std::string& key, const TransferConnectionRef& connection);
+    [[nodiscard]] Task<> waitUntilDrained(TransferId id, TransferConnectionRef connection);
+    /// The last step of a connection with this transfer, in every case: release(), and it no longer drains from it.
+    void finish(const TransferId& id, const TransferConnectionRef& connection);
 
     /// For diagnostics and tests.
     [[nodiscard]] std::size_t ownerCount() const;
@@ -95,7 +95,7 @@ public:
 
 private:
     /// A displaced connection's identity, and what it was displaced from.
-    using DrainingKey = std::pair<std::uint64_t, std::string>;
+    using DrainingKey = std::pair<std::uint64_t, TransferId>;
 
     struct Owner {
         TransferConnectionRef connection;
@@ -103,9 +103,9 @@ private:
     };
 
     // what the public operations of these names do, for callers that hold the lock
-    [[nodiscard]] TransferConnectionRef claimLocked(const std::string& key, const TransferConnectionRef& connection)
+    [[nodiscard]] TransferConnectionRef claimLocked(const TransferId& id, const TransferConnectionRef& connection)
         ORLINTH_REQUIRES(lock_);
-    void releaseLocked(const std::string& key, const TransferConnectionRef& connection) ORLINTH_REQUIRES(lock_);
+    void releaseLocked(const TransferId& id, const TransferConnectionRef& connection) ORLINTH_REQUIRES(lock_);
     [[nodiscard]] bool isReleasedLocked(const TransferConnectionRef& connection) const ORLINTH_REQUIRES(lock_);
     void tellWaiters() ORLINTH_REQUIRES(lock_);
 
@@ -113,7 +113,7 @@ private:
 
     mutable Mutex lock_;
     Moment lastClaim_ ORLINTH_GUARDED_BY(lock_) = 0;
-    std::map<std::string, Owner> owners_ ORLINTH_GUARDED_BY(lock_);
+    std::map<TransferId, Owner> owners_ ORLINTH_GUARDED_BY(lock_);
     std::map<DrainingKey, TransferConnectionRef> draining_ ORLINTH_GUARDED_BY(lock_);
     std::list<platform::Event*> waiters_ ORLINTH_GUARDED_BY(lock_); ///< set at each change
 };

@@ -28,6 +28,10 @@ std::optional<platform::FileLock> tryToLock(platform::FileSystem& files, const p
     }
 }
 
+TransferId newTransferId() {
+    return TransferId(platform::randomUuidText());
+}
+
 } // namespace
 
 std::string InFlightKey::text() const {
@@ -146,14 +150,14 @@ void InFlightJournal::Batch::makeFolder() noexcept {
 /// But for those that somebody else has given a new id since.
 void InFlightJournal::Batch::eraseFinished(Entries& entries) {
     for (const auto& [key, id] : finished_) {
-        if (const auto entry = entries.find(key); entry != entries.end() && entry->second == id) {
+        if (const auto entry = entries.find(key); entry != entries.end() && entry->second == id.text()) {
             entries.erase(entry);
         }
     }
     finished_.clear();
 }
 
-std::vector<std::string> InFlightJournal::Batch::reserve(const std::vector<Wanted>& files) {
+std::vector<TransferId> InFlightJournal::Batch::reserve(const std::vector<Wanted>& files) {
     const MutexLock guard(journal_.lock_);
     makeFolder();
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
@@ -161,7 +165,7 @@ std::vector<std::string> InFlightJournal::Batch::reserve(const std::vector<Wante
     adopt(entries);
     const Entries before = entries;
     eraseFinished(entries);
-    std::vector<std::string> ids;
+    std::vector<TransferId> ids;
     for (const Wanted& file : files) {
         const std::string key = file.key.text();
         const auto known = before.find(key);
@@ -172,11 +176,11 @@ std::vector<std::string> InFlightJournal::Batch::reserve(const std::vector<Wante
         if (isNew) {
             entry->second = platform::randomUuidText();
         }
-        reserved_[key] = {.id = entry->second,
-                          .superseded = isNew && known != before.end() ? known->second : std::string(),
+        reserved_[key] = {.id = TransferId(entry->second),
+                          .superseded = TransferId(isNew && known != before.end() ? known->second : ""),
                           .uses = file.uses,
                           .isWritten = false};
-        ids.push_back(entry->second);
+        ids.emplace_back(entry->second);
     }
     const bool isWritten = entries == before || journal_.write(entries);
     for (const Wanted& file : files) {
@@ -199,36 +203,36 @@ void InFlightJournal::Batch::update() {
 void InFlightJournal::Batch::adopt(const Entries& entries) {
     for (auto& [key, reserved] : reserved_) {
         const auto entry = entries.find(key);
-        if (entry != entries.end() && entry->second != reserved.superseded) {
-            reserved.id = entry->second;
+        if (entry != entries.end() && entry->second != reserved.superseded.text()) {
+            reserved.id = TransferId(entry->second);
             reserved.isWritten = true;
         } else if (entry == entries.end() && reserved.isWritten) {
-            reserved = {.id = platform::randomUuidText(), .superseded = {}, .uses = reserved.uses, .isWritten = false};
+            reserved = {.id = newTransferId(), .superseded = {}, .uses = reserved.uses, .isWritten = false};
         }
     }
 }
 
-std::string InFlightJournal::Batch::idOf(const InFlightKey& file) {
+TransferId InFlightJournal::Batch::idOf(const InFlightKey& file) {
     const MutexLock guard(journal_.lock_);
     update();
-    const auto at = reserved_.try_emplace(file.text(), Reserved{.id = platform::randomUuidText(), .uses = 1}).first;
+    const auto at = reserved_.try_emplace(file.text(), Reserved{.id = newTransferId(), .uses = 1}).first;
     Reserved& reserved = at->second;
     if (!reserved.isWritten) {
         makeFolder();
         const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
         Entries entries = journal_.load();
-        const auto [entry, isNew] = entries.try_emplace(file.text(), reserved.id);
-        if (!isNew && entry->second == reserved.superseded) {
-            entry->second = reserved.id;
+        const auto [entry, isNew] = entries.try_emplace(file.text(), reserved.id.text());
+        if (!isNew && entry->second == reserved.superseded.text()) {
+            entry->second = reserved.id.text();
         }
-        reserved.id = entry->second;
+        reserved.id = TransferId(entry->second);
         reserved.isWritten = journal_.write(entries);
         known_ = held ? look() : std::nullopt;
     }
     return reserved.id;
 }
 
-void InFlightJournal::Batch::complete(const InFlightKey& file, const std::string& id) {
+void InFlightJournal::Batch::complete(const InFlightKey& file, const TransferId& id) {
     const MutexLock guard(journal_.lock_);
     const auto reserved = reserved_.find(file.text());
     if (reserved == reserved_.end() || reserved->second.id != id) {
@@ -239,11 +243,11 @@ void InFlightJournal::Batch::complete(const InFlightKey& file, const std::string
     }
 }
 
-void InFlightJournal::Batch::keep(const InFlightKey& file, const std::string& id) {
+void InFlightJournal::Batch::keep(const InFlightKey& file, const TransferId& id) {
     const MutexLock guard(journal_.lock_);
     const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
     Entries entries = journal_.load();
-    if (entries.try_emplace(file.text(), id).second) {
+    if (entries.try_emplace(file.text(), id.text()).second) {
         journal_.write(entries);
         known_.reset();
     }

@@ -2,6 +2,7 @@
 
 #include "base/Json.h"
 #include "base/Mutex.h"
+#include "base/StrongText.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
 
@@ -111,26 +112,26 @@ public:
 
     /// As getOrCreate() for each, with one write. Returns the ids. Never fails: if the disk does not take them, they
     /// hold for this batch.
-    std::vector<std::string> reserve(const std::vector<Wanted>& files);
+    std::vector<TransferId> reserve(const std::vector<Wanted>& files);
     /// The id of a file, which is reserved now if it was not, for the next attempt. A look at the journal file's
     /// attributes, unless another process has written it since: then what it says now, and where it says nothing any
     /// more, a new id. Never fails.
-    [[nodiscard]] std::string idOf(const InFlightKey& file);
+    [[nodiscard]] TransferId idOf(const InFlightKey& file);
     /// One send of a file under this id has completed. If that was the last, the id is used no more; this is written
     /// with the next reserve() or flush().
-    void complete(const InFlightKey& file, const std::string& id);
+    void complete(const InFlightKey& file, const TransferId& id);
     /// A send under this id has not completed, and another process may have ended the id meanwhile: the next attempt is
     /// to find it all the same. Never fails.
-    void keep(const InFlightKey& file, const std::string& id);
+    void keep(const InFlightKey& file, const TransferId& id);
     /// Writes what is left to write. Never fails.
     void flush();
 
 private:
     struct Reserved {
-        std::string id;
-        std::string superseded{}; ///< an id that is not to be used, and that the journal file may still hold; or ""
-        int uses = 0;             ///< sends that have yet to complete
-        bool isWritten = false;   ///< the journal file has held it
+        TransferId id;
+        TransferId superseded{}; ///< an id that is not to be used, and that the journal file may still hold; or ""
+        int uses = 0;            ///< sends that have yet to complete
+        bool isWritten = false;  ///< the journal file has held it
     };
     /// What the journal file looked like when this batch knew all of it.
     using Look = std::optional<platform::FileStatus>;
@@ -144,7 +145,7 @@ private:
     InFlightJournal& journal_;
     std::map<std::string, Reserved> reserved_ ORLINTH_GUARDED_BY(journal_.lock_); ///< by entry key
     /// Entry keys, with their ids, that are to go from the file.
-    std::map<std::string, std::string> finished_ ORLINTH_GUARDED_BY(journal_.lock_);
+    std::map<std::string, TransferId> finished_ ORLINTH_GUARDED_BY(journal_.lock_);
     Look known_ ORLINTH_GUARDED_BY(journal_.lock_);
 };
 

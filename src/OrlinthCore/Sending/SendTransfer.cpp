@@ -33,7 +33,7 @@ ConnectRequest connectRequest(platform::System& system, const SendTerms& terms, 
 }
 
 /// The offset in the phone's answer to the offer.
-std::int64_t acceptedOffset(const FrameView& answer, const std::string& transferId, std::int64_t size) {
+std::int64_t acceptedOffset(const FrameView& answer, const TransferId& transferId, std::int64_t size) {
     if (const auto* message = std::get_if<TransportMessage>(&answer)) {
         if (const auto* resume = message->as<TransportMessage::Resume>()) {
             if (resume->transfer_id.size() > TransportMessage::maxTransferIdBytes) {
@@ -41,9 +41,9 @@ std::int64_t acceptedOffset(const FrameView& answer, const std::string& transfer
                                                  " bytes, more than " +
                                                  std::to_string(TransportMessage::maxTransferIdBytes));
             }
-            if (resume->transfer_id != transferId) {
+            if (resume->transfer_id != transferId.text()) {
                 throw SendError::malformedResume("transfer_id mismatch (got " + resume->transfer_id + ", want " +
-                                                 transferId + ")");
+                                                 transferId.text() + ")");
             }
             if (resume->accepted_offset < 0 || resume->accepted_offset > size) {
                 throw SendError::malformedResume("accepted_offset out of range: " +
@@ -117,8 +117,9 @@ Task<std::int64_t> stream(Conversation& with, FrameBuffer& buffer, platform::Fil
 /// From the offer to Done.
 Task<SentFile> offerAndStream(Conversation& with) {
     const OutgoingFile& source = with.prepared.file;
-    const std::string& id = with.prepared.transferId;
-    const Bytes offer = with.framer.encodeJSON(TransportMessage::fileOffer(source.name, source.size, source.mime, id));
+    const TransferId& id = with.prepared.transferId;
+    const Bytes offer =
+        with.framer.encodeJSON(TransportMessage::fileOffer(source.name, source.size, source.mime, id.text()));
     co_await with.wire.sendLengthPrefixed(offer);
     FrameBuffer buffer;
     co_await with.wire.receiveFrame(buffer);
@@ -199,7 +200,7 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
 Task<SentFile> sendByJournal(platform::System& system, SendRequest request, Executor queue) {
     const OutgoingFile source = examineFile(system, request.fileURL);
     InFlightJournal& journal = request.journal;
-    std::string id = journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint);
+    TransferId id(journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint));
     const auto forget = [&journal, source] {
         journal.complete(source.name, source.size, source.mime, source.fingerprint);
     };

@@ -7,6 +7,7 @@
 #include "OrlinthCore/Sending/InFlightJournal.h"
 #include "OrlinthCore/Sending/OutgoingFile.h"
 #include "OrlinthCore/Sending/SendError.h"
+#include "base/StrongText.h"
 #include "platform/System.h"
 
 #include <functional>
@@ -85,7 +86,7 @@ struct SendRequest {
 struct PreparedFile {
     platform::Path path;
     OutgoingFile file; ///< with what it was when it was examined
-    std::string transferId;
+    TransferId transferId;
 };
 
 /// What came of a file whose end was sent. Only a farewell in good order says that the phone has it.

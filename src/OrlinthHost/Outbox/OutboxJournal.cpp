@@ -27,7 +27,7 @@ void OutboxJournal::prepare(const std::vector<platform::Path>& files) {
             continue; // take() meets the same and reports it
         }
     }
-    const std::vector<std::string> ids = batch_.reserve(wanted);
+    const std::vector<TransferId> ids = batch_.reserve(wanted);
     for (std::size_t i = 0; i < ids.size(); ++i) {
         fresh[i]->id = ids[i];
     }

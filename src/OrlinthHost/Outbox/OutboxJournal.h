@@ -1,12 +1,12 @@
 #pragma once
 
 #include "OrlinthCore/Sending/SendTransfer.h"
+#include "base/StrongText.h"
 #include "platform/System.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <string>
 #include <vector>
 
 namespace orlinth::host {
@@ -41,7 +41,7 @@ private:
     InFlightJournal::Batch batch_;
     struct Prepared {
         OutgoingFile file;
-        std::string id; ///< under which it was offered last
+        TransferId id; ///< under which it was offered last
     };
     std::map<platform::Path, Prepared> prepared_;
 };

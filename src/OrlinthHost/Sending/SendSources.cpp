@@ -73,7 +73,7 @@ void SendSources::reserve(const std::vector<std::size_t>& numbers, std::vector<S
         wanted.push_back(
             {.key = known[i].key, .isFresh = known[i].isFresh, .uses = static_cast<int>(sources_[numbers[i]].left)});
     }
-    const std::vector<std::string> ids = batch_.reserve(wanted);
+    const std::vector<TransferId> ids = batch_.reserve(wanted);
     try {
         memory_.remember(known);
     } catch (const std::exception&) {
@@ -117,7 +117,7 @@ PreparedFile SendSources::take(std::size_t file, std::optional<Offer>& offer) {
         }
         reserve({file}, {std::move(*known)});
     }
-    std::string id = batch_.idOf(source.known->key);
+    TransferId id = batch_.idOf(source.known->key);
     if (id != source.id) { // another process has written it, perhaps for a file that only begins like ours
         std::vector<SourceMemory::Source> ours{*source.known};
         memory_.compare(ours);

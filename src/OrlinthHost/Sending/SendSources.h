@@ -3,6 +3,7 @@
 #include "OrlinthCore/Sending/InFlightJournal.h"
 #include "OrlinthCore/Sending/SendTransfer.h"
 #include "OrlinthHost/Sending/SourceMemory.h"
+#include "base/StrongText.h"
 
 #include <cstdint>
 #include <optional>
@@ -27,7 +28,7 @@ public:
     /// What was offered to a phone.
     struct Offer {
         InFlightKey key;
-        std::string id;
+        TransferId id;
     };
 
     /// Files for so many phones. `system` and `journal` outlive this; the journal is used by nobody else meanwhile.
@@ -67,7 +68,7 @@ private:
         bool hasFailed = false;
         std::size_t left = 0; ///< phones that are not done with it
         std::optional<SourceMemory::Source> known;
-        std::string id; ///< under which it is offered, if it is known
+        TransferId id; ///< under which it is offered, if it is known
     };
 
     void reserve(const std::vector<std::size_t>& numbers, std::vector<SourceMemory::Source> known);

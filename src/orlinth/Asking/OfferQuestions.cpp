@@ -141,7 +141,7 @@ OfferQuestions::QuestionRef OfferQuestions::questionFor(const Receiver::Offer& o
                  .transferId = offer.transferId,
                  .name = offer.name,
                  .size = offer.size,
-                 .text = host::phoneForDisplay(host_, offer.from, offer.peerPubkey) + " wants to send " +
+                 .text = host::phoneForDisplay(host_, offer.from, offer.peerPubkey.text()) + " wants to send " +
                          forDisplay(offer.name) + " (" + host::humanSize(offer.size) + "). Take it?",
                  .tag = ++lastTag_});
     waiting_[offer.peerPubkey].push_back(question);

@@ -43,8 +43,8 @@ private:
 
     /// What is asked, or waits for its turn.
     struct Question {
-        std::string phone; ///< key
-        std::string transferId;
+        PeerKey phone;
+        TransferId transferId;
         std::string name; ///< of the file
         std::int64_t size;
         std::string text;
@@ -75,9 +75,9 @@ private:
     void tellThatNobodyIsThere();
 
     Host& host_;
-    std::shared_ptr<platform::Condition> news_;              ///< shared: the desktop may answer when this is gone
-    std::map<std::string, std::deque<QuestionRef>> waiting_; ///< by phone, none empty; the one that is asked too
-    std::deque<std::string> turns_;                          ///< those phones, whose turn is next first
+    std::shared_ptr<platform::Condition> news_;          ///< shared: the desktop may answer when this is gone
+    std::map<PeerKey, std::deque<QuestionRef>> waiting_; ///< by phone, none empty; the one that is asked too
+    std::deque<PeerKey> turns_;                          ///< those phones, whose turn is next first
     QuestionRef current_;
     platform::Clock::Instant restUntil_{0};
     std::uint64_t lastOffer_ = 0;

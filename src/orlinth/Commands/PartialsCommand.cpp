@@ -150,7 +150,7 @@ private:
                 {"size", download.size},
                 {"advertised_size", download.meta.advertised_size},
                 {"changed_epoch_ms", changedAt(download)},
-                {"peer_pubkey", download.meta.peer_pubkey},
+                {"peer_pubkey", download.meta.peer_pubkey.text()},
                 {"from", phoneOf(host, download)}};
     }
 
@@ -158,7 +158,7 @@ private:
     [[nodiscard]] static std::string phoneOf(const Host& host, const PartialDownload& download) {
         try {
             const PeerBook book = host.peers().loadBook();
-            const PeerRecord* const phone = book.find(download.meta.peer_pubkey);
+            const PeerRecord* const phone = book.find(download.meta.peer_pubkey.text());
             return phone == nullptr ? "" : phone->peer_hostname;
         } catch (const PeerStoreError&) {
             return "";

@@ -71,7 +71,7 @@ std::string becauseOf(const std::optional<DownloadRefusal>& refusal) {
 }
 
 void tellUnpair(Output& output, const Receiver::Unpair& unpair) {
-    output.event("unpair", {{"from", unpair.from}, {"peer_pubkey", unpair.peerPubkey}});
+    output.event("unpair", {{"from", unpair.from}, {"peer_pubkey", unpair.peerPubkey.text()}});
     output.result(forDisplay(unpair.from) +
                   (unpair.isForgotten ? " has removed this computer, and is forgotten here"
                                       : " has removed this computer, but is still recorded here. Remove it with "
@@ -163,8 +163,8 @@ void ServeReporter::fileReceived(const Receiver::File& file) {
     fields["from"] = file.from;
     host_.output.event("received", std::move(fields));
     host_.output.result("received " + shortPath(file.file) + " from " +
-                        host::phoneForDisplay(host_, file.from, file.peerPubkey) + " (" + receivedFigures(file.file) +
-                        ")");
+                        host::phoneForDisplay(host_, file.from, file.peerPubkey.text()) + " (" +
+                        receivedFigures(file.file) + ")");
     if (const std::string remark = remarkOnSize(file.file); !remark.empty()) {
         host_.output.message(remark);
     }
@@ -175,7 +175,7 @@ void ServeReporter::textReceived(const Receiver::Clipboard& clipboard) {
     host_.output.event("clipboard", {{"text", clipboard.text}, {"from", clipboard.from}});
     // A line may end up in a log, where a text, which may be a password, has no business.
     const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
-                             host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey);
+                             host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey.text());
     if (admitsLine(clipboard.peerPubkey, clipboard.from)) {
         if (!choices_.writesClipboard && isTerminal(STDOUT_FILENO)) {
             host_.output.page(line + ": " + madeVisible(clipboard.text));
@@ -209,8 +209,8 @@ void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
             return;
         }
         output.event("unpair_replied",
-                     {{"peer_pubkey", replied->peerPubkey}, {"remote_endpoint", replied->remoteEndpoint}});
-        output.result("notified a removed phone, key " + host::shortKey(replied->peerPubkey) + ", at " +
+                     {{"peer_pubkey", replied->peerPubkey.text()}, {"remote_endpoint", replied->remoteEndpoint}});
+        output.result("notified a removed phone, key " + host::shortKey(replied->peerPubkey.text()) + ", at " +
                       replied->remoteEndpoint);
     } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
         if (admitsLine(declined->peerPubkey, declined->from)) {
@@ -277,7 +277,7 @@ void ServeReporter::portMissing(const std::string& problem) {
     host_.output.message(problem + "; trying again until it works");
 }
 
-bool ServeReporter::admitsLine(const std::string& peerPubkey, const std::string& name) {
+bool ServeReporter::admitsLine(const PeerKey& peerPubkey, const std::string& name) {
     auto known = phones_.find(peerPubkey);
     if (known == phones_.end()) {
         const auto tellMore = [this, peerPubkey](std::int64_t untold) {
@@ -298,7 +298,7 @@ void ServeReporter::notifyOfFile(const Receiver::File& file) {
         return;
     }
     const platform::Path path = absolute(file.file.savedAt);
-    showFile({.title = "File from " + host::phoneForDisplay(host_, file.from, file.peerPubkey),
+    showFile({.title = "File from " + host::phoneForDisplay(host_, file.from, file.peerPubkey.text()),
               .body = forDisplay(path.filename().string()),
               .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
              path);
@@ -339,7 +339,7 @@ void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
     }
     const std::string where = choices_.writesClipboard ? ", on the clipboard" : "";
     host_.system.notifications.show(
-        {.title = "Text from " + host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey),
+        {.title = "Text from " + host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey.text()),
          .body = sizeOfText(clipboard.text) + where,
          .actions = {}},
         host_.tasks.executor(), {});

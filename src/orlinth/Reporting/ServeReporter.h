@@ -67,7 +67,7 @@ private:
     void notifyOfClipboard(const Receiver::Clipboard& clipboard);
     void tellMoreTexts();
     /// Whether one more line about this phone is to be written.
-    [[nodiscard]] bool admitsLine(const std::string& peerPubkey, const std::string& name);
+    [[nodiscard]] bool admitsLine(const PeerKey& peerPubkey, const std::string& name);
 
     Host& host_;
     const Choices choices_;
@@ -88,7 +88,7 @@ private:
         std::string name; ///< the last one
         host::LineLimit limit;
     };
-    std::map<std::string, PhoneLines> phones_; ///< by key
+    std::map<PeerKey, PhoneLines> phones_;
 };
 
 } // namespace orlinth::cli

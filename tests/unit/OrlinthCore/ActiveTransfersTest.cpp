@@ -16,8 +16,11 @@
 namespace orlinth {
 namespace {
 
+const TransferId k{"k"};
+const TransferId l{"l"};
+
 TransferConnectionRef connection(const std::string& pubkey = "phone", std::function<void()> cancel = [] {}) {
-    return std::make_shared<const TransferConnection>(pubkey, std::move(cancel));
+    return std::make_shared<const TransferConnection>(PeerKey(pubkey), std::move(cancel));
 }
 
 class ActiveTransfersTest : public testing::Test {
@@ -29,175 +32,175 @@ protected:
 };
 
 TEST_F(ActiveTransfersTest, ClaimingAFreeKeyReturnsNothingAndNeitherDoesClaimingItAgain) {
-    EXPECT_EQ(transfers.claim("k", a), nullptr);
-    EXPECT_EQ(transfers.claim("k", a), nullptr);
+    EXPECT_EQ(transfers.claim(k, a), nullptr);
+    EXPECT_EQ(transfers.claim(k, a), nullptr);
     EXPECT_EQ(transfers.ownerCount(), 1U);
 }
 
 TEST_F(ActiveTransfersTest, ClaimingAnOwnedKeyReturnsTheOwnerBeforeAndTakesTheKey) {
-    static_cast<void>(transfers.claim("k", a));
-    EXPECT_EQ(transfers.claim("k", b), a);
-    EXPECT_EQ(transfers.claim("k", b), nullptr) << "it is b's now";
+    static_cast<void>(transfers.claim(k, a));
+    EXPECT_EQ(transfers.claim(k, b), a);
+    EXPECT_EQ(transfers.claim(k, b), nullptr) << "it is b's now";
     EXPECT_TRUE(transfers.isReleased(a));
     EXPECT_FALSE(transfers.isReleased(b));
 }
 
 TEST_F(ActiveTransfersTest, ReleaseByADisplacedConnectionLeavesTheSuccessorsClaim) {
-    static_cast<void>(transfers.claim("k", a));
-    static_cast<void>(transfers.claim("k", b));
-    transfers.release("k", a);
+    static_cast<void>(transfers.claim(k, a));
+    static_cast<void>(transfers.claim(k, b));
+    transfers.release(k, a);
     EXPECT_FALSE(transfers.isReleased(b));
     EXPECT_EQ(transfers.ownerCount(), 1U);
-    transfers.release("k", b);
+    transfers.release(k, b);
     EXPECT_EQ(transfers.ownerCount(), 0U);
 }
 
 TEST_F(ActiveTransfersTest, ReleasingAKeyThatNobodyOwnsDoesNothing) {
-    transfers.release("k", a);
-    transfers.finish("k", a);
+    transfers.release(k, a);
+    transfers.finish(k, a);
     EXPECT_TRUE(transfers.isReleased(a));
     EXPECT_EQ(transfers.ownerCount(), 0U);
 }
 
 TEST_F(ActiveTransfersTest, AConnectionWithTwoKeysIsNotReleasedBeforeBothAre) {
-    static_cast<void>(transfers.claim("k", a));
-    static_cast<void>(transfers.claim("l", a));
-    transfers.release("k", a);
+    static_cast<void>(transfers.claim(k, a));
+    static_cast<void>(transfers.claim(l, a));
+    transfers.release(k, a);
     EXPECT_FALSE(transfers.isReleased(a));
-    transfers.release("l", a);
+    transfers.release(l, a);
     EXPECT_TRUE(transfers.isReleased(a));
 }
 
 TEST_F(ActiveTransfersTest, ADrainingConnectionThatOwnsNothingIsNotReleasedBeforeItHasFinished) {
-    EXPECT_FALSE(transfers.takeOver("k", a).displaced);
-    EXPECT_EQ(transfers.takeOver("k", b).displaced, a);
+    EXPECT_FALSE(transfers.takeOver(k, a).displaced);
+    EXPECT_EQ(transfers.takeOver(k, b).displaced, a);
     EXPECT_FALSE(transfers.isReleased(a)) << "it drains from the very step that displaced it";
-    transfers.release("k", a);
+    transfers.release(k, a);
     EXPECT_FALSE(transfers.isReleased(a));
-    EXPECT_FALSE(transfers.mayProceed("k", b));
-    transfers.finish("k", a);
+    EXPECT_FALSE(transfers.mayProceed(k, b));
+    transfers.finish(k, a);
     EXPECT_TRUE(transfers.isReleased(a));
-    EXPECT_TRUE(transfers.mayProceed("k", b));
+    EXPECT_TRUE(transfers.mayProceed(k, b));
     EXPECT_EQ(transfers.drainingCount(), 0U);
 }
 
 TEST_F(ActiveTransfersTest, OneThatFinishesBeforeItIsDisplacedHoldsNobodyUp) {
-    static_cast<void>(transfers.takeOver("k", a));
-    transfers.finish("k", a);
-    const ActiveTransfers::Takeover takeover = transfers.takeOver("k", b);
+    static_cast<void>(transfers.takeOver(k, a));
+    transfers.finish(k, a);
+    const ActiveTransfers::Takeover takeover = transfers.takeOver(k, b);
     EXPECT_FALSE(takeover.isRefused());
     EXPECT_EQ(takeover.displaced, nullptr);
-    EXPECT_TRUE(transfers.mayProceed("k", b));
+    EXPECT_TRUE(transfers.mayProceed(k, b));
 }
 
 TEST_F(ActiveTransfersTest, TakingOverWhatIsOnesOwnChangesNothing) {
-    static_cast<void>(transfers.takeOver("k", a));
-    EXPECT_EQ(transfers.takeOver("k", a).displaced, nullptr);
+    static_cast<void>(transfers.takeOver(k, a));
+    EXPECT_EQ(transfers.takeOver(k, a).displaced, nullptr);
     EXPECT_EQ(transfers.drainingCount(), 0U);
-    EXPECT_TRUE(transfers.mayProceed("k", a));
+    EXPECT_TRUE(transfers.mayProceed(k, a));
 }
 
 TEST_F(ActiveTransfersTest, OnlyTheOwnerMayProceed) {
-    EXPECT_FALSE(transfers.mayProceed("k", a)) << "nobody has claimed it";
-    static_cast<void>(transfers.takeOver("k", a));
-    EXPECT_FALSE(transfers.mayProceed("k", b));
-    EXPECT_FALSE(transfers.mayProceed("l", a));
-    static_cast<void>(transfers.takeOver("k", b));
-    EXPECT_FALSE(transfers.mayProceed("k", a)) << "displaced";
+    EXPECT_FALSE(transfers.mayProceed(k, a)) << "nobody has claimed it";
+    static_cast<void>(transfers.takeOver(k, a));
+    EXPECT_FALSE(transfers.mayProceed(k, b));
+    EXPECT_FALSE(transfers.mayProceed(l, a));
+    static_cast<void>(transfers.takeOver(k, b));
+    EXPECT_FALSE(transfers.mayProceed(k, a)) << "displaced";
 }
 
 TEST_F(ActiveTransfersTest, TheLastOfAChainWaitsForTheFirstAlsoWhenTheMiddleOneGivesUp) {
-    static_cast<void>(transfers.takeOver("k", a));
-    EXPECT_EQ(transfers.takeOver("k", b).displaced, a);
-    EXPECT_EQ(transfers.takeOver("k", c).displaced, b);
-    transfers.finish("k", b);
-    EXPECT_FALSE(transfers.mayProceed("k", c)) << "a still writes";
-    transfers.finish("k", a);
-    EXPECT_TRUE(transfers.mayProceed("k", c));
+    static_cast<void>(transfers.takeOver(k, a));
+    EXPECT_EQ(transfers.takeOver(k, b).displaced, a);
+    EXPECT_EQ(transfers.takeOver(k, c).displaced, b);
+    transfers.finish(k, b);
+    EXPECT_FALSE(transfers.mayProceed(k, c)) << "a still writes";
+    transfers.finish(k, a);
+    EXPECT_TRUE(transfers.mayProceed(k, c));
 }
 
 TEST_F(ActiveTransfersTest, WhoComesAfterAnOwnerThatGaveUpWaitsForTheOneBefore) {
-    static_cast<void>(transfers.takeOver("k", a));
-    static_cast<void>(transfers.takeOver("k", b));
-    transfers.finish("k", b); // while it waited; nobody owns the key now
-    const ActiveTransfers::Takeover takeover = transfers.takeOver("k", c);
+    static_cast<void>(transfers.takeOver(k, a));
+    static_cast<void>(transfers.takeOver(k, b));
+    transfers.finish(k, b); // while it waited; nobody owns the key now
+    const ActiveTransfers::Takeover takeover = transfers.takeOver(k, c);
     EXPECT_EQ(takeover.displaced, nullptr);
     EXPECT_FALSE(takeover.isRefused());
-    EXPECT_FALSE(transfers.mayProceed("k", c)) << "a still writes";
-    transfers.finish("k", a);
-    EXPECT_TRUE(transfers.mayProceed("k", c));
+    EXPECT_FALSE(transfers.mayProceed(k, c)) << "a still writes";
+    transfers.finish(k, a);
+    EXPECT_TRUE(transfers.mayProceed(k, c));
 }
 
 TEST_F(ActiveTransfersTest, AnotherKeysDrainingHoldsNobodyUp) {
-    static_cast<void>(transfers.takeOver("k", a));
-    static_cast<void>(transfers.takeOver("k", b));
-    static_cast<void>(transfers.takeOver("l", c));
-    EXPECT_TRUE(transfers.mayProceed("l", c));
+    static_cast<void>(transfers.takeOver(k, a));
+    static_cast<void>(transfers.takeOver(k, b));
+    static_cast<void>(transfers.takeOver(l, c));
+    EXPECT_TRUE(transfers.mayProceed(l, c));
 }
 
 TEST_F(ActiveTransfersTest, AConnectionDisplacedFromTwoKeysDrainsFromEachUntilItHasFinishedThatOne) {
-    static_cast<void>(transfers.takeOver("k", a));
-    static_cast<void>(transfers.takeOver("l", a));
-    static_cast<void>(transfers.takeOver("k", b));
-    static_cast<void>(transfers.takeOver("l", c));
-    transfers.finish("k", a);
-    EXPECT_TRUE(transfers.mayProceed("k", b));
-    EXPECT_FALSE(transfers.mayProceed("l", c)) << "a still writes what l stands for";
+    static_cast<void>(transfers.takeOver(k, a));
+    static_cast<void>(transfers.takeOver(l, a));
+    static_cast<void>(transfers.takeOver(k, b));
+    static_cast<void>(transfers.takeOver(l, c));
+    transfers.finish(k, a);
+    EXPECT_TRUE(transfers.mayProceed(k, b));
+    EXPECT_FALSE(transfers.mayProceed(l, c)) << "a still writes what l stands for";
     EXPECT_FALSE(transfers.isReleased(a));
-    transfers.finish("l", a);
-    EXPECT_TRUE(transfers.mayProceed("l", c));
+    transfers.finish(l, a);
+    EXPECT_TRUE(transfers.mayProceed(l, c));
     EXPECT_TRUE(transfers.isReleased(a));
 }
 
 TEST_F(ActiveTransfersTest, AKeyThatIsActiveUnderAnotherPhoneIsRefusedAndNothingChanges) {
     const TransferConnectionRef foreign = connection("another phone");
-    static_cast<void>(transfers.takeOver("k", a));
-    const ActiveTransfers::Takeover takeover = transfers.takeOver("k", foreign);
+    static_cast<void>(transfers.takeOver(k, a));
+    const ActiveTransfers::Takeover takeover = transfers.takeOver(k, foreign);
     EXPECT_TRUE(takeover.isRefused());
     EXPECT_EQ(takeover.displaced, nullptr);
-    EXPECT_TRUE(transfers.mayProceed("k", a));
+    EXPECT_TRUE(transfers.mayProceed(k, a));
     EXPECT_TRUE(transfers.isReleased(foreign));
     EXPECT_EQ(transfers.drainingCount(), 0U);
 }
 
 TEST_F(ActiveTransfersTest, AnOlderConnectionTakesOverLikeAnyOther) {
-    static_cast<void>(transfers.takeOver("k", b));
-    EXPECT_EQ(transfers.takeOver("k", a, transfers.now()).displaced, b);
-    EXPECT_FALSE(transfers.mayProceed("k", a)) << "b has not wound down";
-    transfers.finish("k", b);
-    EXPECT_TRUE(transfers.mayProceed("k", a));
+    static_cast<void>(transfers.takeOver(k, b));
+    EXPECT_EQ(transfers.takeOver(k, a, transfers.now()).displaced, b);
+    EXPECT_FALSE(transfers.mayProceed(k, a)) << "b has not wound down";
+    transfers.finish(k, b);
+    EXPECT_TRUE(transfers.mayProceed(k, a));
 }
 
 TEST_F(ActiveTransfersTest, AnOfferThatWaitedIsRefusedIfANewerOneWasQuicker) {
     const ActiveTransfers::Moment offered = transfers.now();
-    static_cast<void>(transfers.takeOver("k", b));
-    const ActiveTransfers::Takeover takeover = transfers.takeOver("k", a, offered);
+    static_cast<void>(transfers.takeOver(k, b));
+    const ActiveTransfers::Takeover takeover = transfers.takeOver(k, a, offered);
     EXPECT_EQ(takeover.refusal, ActiveTransfers::Takeover::Refusal::hasNewerOwner);
     EXPECT_EQ(takeover.displaced, nullptr);
-    EXPECT_TRUE(transfers.mayProceed("k", b));
+    EXPECT_TRUE(transfers.mayProceed(k, b));
     EXPECT_TRUE(transfers.isReleased(a));
     EXPECT_EQ(transfers.drainingCount(), 0U);
-    EXPECT_FALSE(transfers.takeOver("l", a, offered).isRefused()) << "of another transfer";
-    transfers.finish("k", b);
-    EXPECT_FALSE(transfers.takeOver("k", a, offered).isRefused()) << "the quicker one has gone";
+    EXPECT_FALSE(transfers.takeOver(l, a, offered).isRefused()) << "of another transfer";
+    transfers.finish(k, b);
+    EXPECT_FALSE(transfers.takeOver(k, a, offered).isRefused()) << "the quicker one has gone";
 }
 
 TEST_F(ActiveTransfersTest, AClaimIsNewerThanEveryMomentBeforeItAlsoByAPlainClaim) {
     const ActiveTransfers::Moment offered = transfers.now();
-    transfers.claim("k", b);
-    EXPECT_TRUE(transfers.takeOver("k", a, offered).isRefused());
-    EXPECT_FALSE(transfers.takeOver("k", a, transfers.now()).isRefused());
+    transfers.claim(k, b);
+    EXPECT_TRUE(transfers.takeOver(k, a, offered).isRefused());
+    EXPECT_FALSE(transfers.takeOver(k, a, transfers.now()).isRefused());
 }
 
 TEST_F(ActiveTransfersTest, AKeyThatStillDrainsUnderAnotherPhoneIsRefused) {
     const TransferConnectionRef foreign = connection("another phone");
-    static_cast<void>(transfers.takeOver("k", a));
-    static_cast<void>(transfers.takeOver("k", b));
-    transfers.finish("k", b);
-    EXPECT_TRUE(transfers.takeOver("k", foreign).isRefused());
-    transfers.finish("k", a);
-    EXPECT_FALSE(transfers.takeOver("k", foreign).isRefused());
-    EXPECT_TRUE(transfers.mayProceed("k", foreign));
+    static_cast<void>(transfers.takeOver(k, a));
+    static_cast<void>(transfers.takeOver(k, b));
+    transfers.finish(k, b);
+    EXPECT_TRUE(transfers.takeOver(k, foreign).isRefused());
+    transfers.finish(k, a);
+    EXPECT_FALSE(transfers.takeOver(k, foreign).isRefused());
+    EXPECT_TRUE(transfers.mayProceed(k, foreign));
 }
 
 TEST(TransferConnectionTest, IdentitiesAreNeverUsedAgain) {
@@ -213,7 +216,7 @@ TEST(TransferConnectionTest, CancelCallsWhatItWasGiven) {
     one->cancel();
     one->cancel();
     EXPECT_EQ(calls, 2);
-    EXPECT_EQ(one->peerPubkey(), "phone");
+    EXPECT_EQ(one->peerPubkey(), PeerKey("phone"));
 }
 
 TEST(ActiveTransfersShared, IsOneAndTheSame) {
@@ -223,28 +226,28 @@ TEST(ActiveTransfersShared, IsOneAndTheSame) {
 TEST_F(ActiveTransfersTest, WaitingEndsSoonAfterTheLastPredecessorHasFinished) {
     asio::io_context context;
     fakes::VirtualClock clock(context);
-    static_cast<void>(transfers.takeOver("k", a));
-    static_cast<void>(transfers.takeOver("k", b));
+    static_cast<void>(transfers.takeOver(k, a));
+    static_cast<void>(transfers.takeOver(k, b));
     platform::spawn(
         context.get_executor(),
         [](fakes::VirtualClock& time, ActiveTransfers& registry, TransferConnectionRef first) -> Task<> {
             co_await time.sleep(5);
-            registry.finish("k", first);
+            registry.finish(k, first);
         }(clock, transfers, a),
         [](const std::exception_ptr& error) { EXPECT_FALSE(error); });
-    runVirtual(context, clock, transfers.waitUntilDrained("k", b));
+    runVirtual(context, clock, transfers.waitUntilDrained(k, b));
     EXPECT_EQ(clock.elapsed(), 5);
-    EXPECT_TRUE(transfers.mayProceed("k", b));
+    EXPECT_TRUE(transfers.mayProceed(k, b));
 }
 
 TEST_F(ActiveTransfersTest, WaitingCanBeCancelled) {
     asio::io_context context;
     fakes::VirtualClock clock(context);
-    static_cast<void>(transfers.takeOver("k", a));
-    static_cast<void>(transfers.takeOver("k", b));
+    static_cast<void>(transfers.takeOver(k, a));
+    static_cast<void>(transfers.takeOver(k, b));
     asio::cancellation_signal stop;
     std::exception_ptr end;
-    platform::spawn(context.get_executor(), transfers.waitUntilDrained("k", b), stop.slot(),
+    platform::spawn(context.get_executor(), transfers.waitUntilDrained(k, b), stop.slot(),
                     [&end](std::exception_ptr error) { end = std::move(error); });
     context.poll();
     stop.emit(asio::cancellation_type::terminal);
@@ -262,10 +265,10 @@ TEST_F(ActiveTransfersTest, WaitingCanBeCancelled) {
 TEST_F(ActiveTransfersTest, WaitingEndsWhenThePredecessorFinishesOnAnotherThread) {
     asio::io_context context;
     for (int round = 0; round < 100; ++round) {
-        static_cast<void>(transfers.takeOver("k", a));
-        static_cast<void>(transfers.takeOver("k", b));
+        static_cast<void>(transfers.takeOver(k, a));
+        static_cast<void>(transfers.takeOver(k, b));
         bool hasEnded = false;
-        platform::spawn(context.get_executor(), transfers.waitUntilDrained("k", b),
+        platform::spawn(context.get_executor(), transfers.waitUntilDrained(k, b),
                         [&hasEnded](const std::exception_ptr& error) {
                             EXPECT_FALSE(error);
                             hasEnded = true;
@@ -273,12 +276,12 @@ TEST_F(ActiveTransfersTest, WaitingEndsWhenThePredecessorFinishesOnAnotherThread
         const auto work = asio::make_work_guard(context);
         context.restart();
         context.poll_one(); // it has begun, perhaps just so
-        std::thread finisher([this] { transfers.finish("k", a); });
+        std::thread finisher([this] { transfers.finish(k, a); });
         while (!hasEnded && context.run_one_for(std::chrono::seconds(30)) > 0) {
         }
         finisher.join();
         ASSERT_TRUE(hasEnded) << "nobody told it, in round " << round;
-        transfers.finish("k", b);
+        transfers.finish(k, b);
     }
 }
 
@@ -310,11 +313,11 @@ private:
         std::mt19937 random(static_cast<unsigned>(seed));
         for (int round = 0; round < rounds; ++round) {
             const auto slot = random() % keys;
-            const std::string key = "transfer " + std::to_string(slot);
+            const TransferId id("transfer " + std::to_string(slot));
             const std::string phone = random() % 8 == 0 ? "other phone" : "phone";
             const auto cancelled = std::make_shared<std::atomic<bool>>(false);
             const TransferConnectionRef self = connection(phone, [cancelled] { *cancelled = true; });
-            const ActiveTransfers::Takeover takeover = transfers.takeOver(key, self);
+            const ActiveTransfers::Takeover takeover = transfers.takeOver(id, self);
             if (takeover.isRefused()) {
                 ++refusals;
                 continue;
@@ -323,15 +326,15 @@ private:
                 ++displacements;
                 takeover.displaced->cancel();
             }
-            write(slot, key, self, *cancelled, random() % 4 == 0);
-            transfers.finish(key, self);
+            write(slot, id, self, *cancelled, random() % 4 == 0);
+            transfers.finish(id, self);
         }
     }
 
-    void write(std::size_t slot, const std::string& key, const TransferConnectionRef& self,
+    void write(std::size_t slot, const TransferId& id, const TransferConnectionRef& self,
                const std::atomic<bool>& cancelled, bool givesUp) {
         const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!transfers.mayProceed(key, self)) {
+        while (!transfers.mayProceed(id, self)) {
             if (cancelled || givesUp) {
                 return;
             }

@@ -24,12 +24,12 @@ struct Resolved {
     std::int64_t resumeOffset;
 };
 
-const std::string phone = "hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo=";
+const PeerKey phone{"hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo="};
 
 Resolved resolveTarget(platform::FileSystem& files, const std::string& baseName, const std::string& transferId,
-                       const std::string& from = phone) {
-    const CollisionResolver::Target target =
-        CollisionResolver::resolveTarget(*files.openFolder(dir), baseName, {.id = transferId, .phone = from});
+                       const PeerKey& from = phone) {
+    const CollisionResolver::Target target = CollisionResolver::resolveTarget(
+        *files.openFolder(dir), baseName, {.id = TransferId(transferId), .phone = from});
     return {dir / target.final.text(), dir / target.partial.text(), target.resumeOffset};
 }
 
@@ -75,9 +75,10 @@ protected:
     CollisionResolverTest() { files.putFolder(dir); }
 
     void putPartial(const std::string& name, const std::string& content, const std::string& transferId,
-                    const std::string& of = phone) {
+                    const PeerKey& of = phone) {
         files.put(dir / (name + ".partial"), content);
-        files.put(dir / (name + ".partial.meta.json"), prettyJson(PartialMeta{transferId, 999, 1, of}.toJson()));
+        files.put(dir / (name + ".partial.meta.json"),
+                  prettyJson(PartialMeta{TransferId(transferId), 999, 1, of}.toJson()));
     }
 
     void expectTarget(const std::string& baseName, const std::string& finalName, std::int64_t offset) {
@@ -151,7 +152,7 @@ TEST_F(CollisionResolverTest, DoesNotResumeUnderATakenFinalName) {
 }
 
 TEST_F(CollisionResolverTest, IgnoresASidecarWithoutItsPartialFile) {
-    files.put(dir / "x.pdf.partial.meta.json", prettyJson(PartialMeta{"mine", 1, 1}.toJson()));
+    files.put(dir / "x.pdf.partial.meta.json", prettyJson(PartialMeta{TransferId("mine"), 1, 1}.toJson()));
     expectTarget("x.pdf", "x.pdf", 0);
 }
 
@@ -191,10 +192,10 @@ TEST_F(CollisionResolverTest, DoesNotResumeThroughALinkOrIntoWhatIsNoFile) {
 }
 
 TEST_F(CollisionResolverTest, ResumesOnlyWhatThisPhoneHasBegun) {
-    putPartial("x.pdf", "12345", "mine", "another phone");
+    putPartial("x.pdf", "12345", "mine", PeerKey("another phone"));
     expectTarget("x.pdf", "x 2.pdf", 0);
-    EXPECT_EQ(resolveTarget(files, "x.pdf", "mine", "another phone").resumeOffset, 5);
-    putPartial("y.pdf", "12345", "mine", ""); // of an older version
+    EXPECT_EQ(resolveTarget(files, "x.pdf", "mine", PeerKey("another phone")).resumeOffset, 5);
+    putPartial("y.pdf", "12345", "mine", PeerKey()); // of an older version
     expectTarget("y.pdf", "y.pdf", 5);
 }
 

@@ -24,8 +24,8 @@ using testing::IsEmpty;
 const Path folder = "/downloads";
 const Path file = folder / "film.mov";
 const Path memory = "/home/ann/.local/share/Orlinth/delivered.jsonl";
-const std::string phone = "hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo=";
-const std::string tablet = "3p7bfXt9wbTTW2HC7OQ1Nz+DQ8hbeGdNrfx+FG+IK08=";
+const PeerKey phone{"hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo="};
+const PeerKey tablet{"3p7bfXt9wbTTW2HC7OQ1Nz+DQ8hbeGdNrfx+FG+IK08="};
 
 /// The world, over another disk.
 platform::System over(fakes::World& world, MemoryFileSystem& files) {
@@ -46,25 +46,33 @@ platform::System over(fakes::World& world, MemoryFileSystem& files) {
             .mainQueue = world.system.mainQueue};
 }
 
+template <typename First, typename Second>
+concept FindsBy =
+    requires(DeliveredTransfers& delivered, First first, Second second) { delivered.find(first, second); };
+
+static_assert(FindsBy<PeerKey, TransferId>);
+static_assert(!FindsBy<TransferId, PeerKey>, "a swapped pair would find nothing, and a file would come twice");
+static_assert(!FindsBy<std::string, std::string>);
+
 class DeliveredTransfersTest : public testing::Test {
 protected:
     /// As a receiver does it.
-    void deliver(const std::string& id, const Path& path = file, const std::string& from = phone) {
+    void deliver(const std::string& id, const Path& path = file, const PeerKey& from = phone) {
         intend(id, path, from);
-        delivered.settle(from, id);
+        delivered.settle(from, TransferId(id));
     }
-    void intend(const std::string& id, const Path& path = file, const std::string& from = phone) {
+    void intend(const std::string& id, const Path& path = file, const PeerKey& from = phone) {
         if (!world.files.exists(path)) {
             world.files.put(path, "content of " + path.native());
         }
-        delivered.intend(from, id, path, *world.files.status(path));
+        delivered.intend(from, TransferId(id), path, *world.files.status(path));
     }
-    [[nodiscard]] bool isKnown(const std::string& id, const std::string& from = phone) {
-        return delivered.find(from, id).has_value();
+    [[nodiscard]] bool isKnown(const std::string& id, const PeerKey& from = phone) {
+        return delivered.find(from, TransferId(id)).has_value();
     }
     /// What another process, or the next run, knows.
     [[nodiscard]] std::optional<DeliveredTransfers::Delivery> findElsewhere(const std::string& id) {
-        return DeliveredTransfers(world.system).find(phone, id);
+        return DeliveredTransfers(world.system).find(phone, TransferId(id));
     }
     [[nodiscard]] std::string text() const { return world.files.content(memory).value_or("(no file)"); }
 
@@ -104,7 +112,7 @@ TEST_F(DeliveredTransfersTest, TellAnIntentionFromADelivery) {
     intend("ID-1");
     ASSERT_TRUE(findElsewhere("ID-1"));
     EXPECT_FALSE(findElsewhere("ID-1")->isSettled);
-    delivered.settle(phone, "ID-1");
+    delivered.settle(phone, TransferId("ID-1"));
     EXPECT_TRUE(findElsewhere("ID-1")->isSettled);
 }
 
@@ -112,8 +120,8 @@ TEST_F(DeliveredTransfersTest, BelongToOnePhoneEach) {
     deliver("ID-1");
     EXPECT_FALSE(isKnown("ID-1", tablet));
     deliver("ID-1", folder / "other.mov", tablet);
-    EXPECT_EQ(delivered.find(phone, "ID-1")->path, file);
-    EXPECT_EQ(delivered.find(tablet, "ID-1")->path, folder / "other.mov");
+    EXPECT_EQ(delivered.find(phone, TransferId("ID-1"))->path, file);
+    EXPECT_EQ(delivered.find(tablet, TransferId("ID-1"))->path, folder / "other.mov");
 }
 
 TEST_F(DeliveredTransfersTest, AreOnlyFoundWhileTheirFilesLieThereUnchanged) {
@@ -147,16 +155,16 @@ TEST_F(DeliveredTransfersTest, AreOnlyFoundWhileTheirFilesLieThereUnchanged) {
 TEST_F(DeliveredTransfersTest, TakeInWhatOthersWriteMeanwhile) {
     DeliveredTransfers other(world.system);
     deliver("ID-1");
-    EXPECT_TRUE(other.find(phone, "ID-1"));
+    EXPECT_TRUE(other.find(phone, TransferId("ID-1")));
     deliver("ID-2", folder / "two");
-    EXPECT_TRUE(other.find(phone, "ID-2"));
-    other.intend(phone, "ID-3", file, *world.files.status(file));
+    EXPECT_TRUE(other.find(phone, TransferId("ID-2")));
+    other.intend(phone, TransferId("ID-3"), file, *world.files.status(file));
     EXPECT_TRUE(isKnown("ID-3"));
     world.files.remove(memory);
     EXPECT_FALSE(isKnown("ID-1")) << "somebody has deleted it";
     deliver("ID-4");
-    EXPECT_TRUE(other.find(phone, "ID-4"));
-    EXPECT_FALSE(other.find(phone, "ID-1"));
+    EXPECT_TRUE(other.find(phone, TransferId("ID-4")));
+    EXPECT_FALSE(other.find(phone, TransferId("ID-1")));
 }
 
 TEST_F(DeliveredTransfersTest, CostTwoShortLinesAndNoFlush) {
@@ -171,10 +179,10 @@ TEST_F(DeliveredTransfersTest, CostTwoShortLinesAndNoFlush) {
 
 TEST_F(DeliveredTransfersTest, ForgetTheOldestWhenThereAreTooMany) {
     intend("0");
-    DeliveredTransfers::Delivery one = delivered.find(phone, "0").value();
+    DeliveredTransfers::Delivery one = delivered.find(phone, TransferId("0")).value();
     std::string lines;
     for (std::size_t i = 0; i < DeliveredTransfers::maxEntries; ++i) {
-        one.transfer_id = std::to_string(i);
+        one.transfer_id = TransferId(std::to_string(i));
         lines += DeliveredTransfers::encode(one);
     }
     world.files.put(memory, lines);
@@ -267,7 +275,7 @@ TEST_F(DeliveredTransfersTest, AreLoggedAndNoFailureWhereTheyCannotBeSavedOrRead
 
 TEST_F(DeliveredTransfersTest, HaveTheFormThatIsDocumented) {
     const DeliveredTransfers::Delivery delivery{.phone = phone,
-                                                .transfer_id = "6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D",
+                                                .transfer_id = TransferId("6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D"),
                                                 .path = "/home/ann/Downloads/film.mov",
                                                 .device = 65025,
                                                 .inode = 1835031,
@@ -373,7 +381,7 @@ TEST(DeliveredTransfersUnderFailures, AreExactlyOneFileWhicheverStepFails) {
         },
         [&](MemoryFileSystem& files, const std::exception_ptr& thrown) {
             platform::System system = over(world, files);
-            const bool couldNotRemember = !thrown && !DeliveredTransfers(system).find(phone, "ID-1");
+            const bool couldNotRemember = !thrown && !DeliveredTransfers(system).find(phone, TransferId("ID-1"));
             if (couldNotRemember) {
                 return; // the data folder has failed: that costs no file, but a second one may come
             }

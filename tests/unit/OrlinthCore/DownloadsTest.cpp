@@ -20,8 +20,8 @@ using testing::IsEmpty;
 using Reason = DownloadRefusal::Reason;
 
 const Path folder = "/downloads";
-const std::string phone = "hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo=";
-const std::string tablet = "3p7bfXt9wbTTW2HC7OQ1Nz+DQ8hbeGdNrfx+FG+IK08=";
+const PeerKey phone{"hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo="};
+const PeerKey tablet{"3p7bfXt9wbTTW2HC7OQ1Nz+DQ8hbeGdNrfx+FG+IK08="};
 
 class DownloadsTest : public testing::Test {
 protected:
@@ -31,7 +31,7 @@ protected:
                                                const std::string& name = "a.txt") {
         return {.name = name, .size = size, .mime = "text/plain", .transfer_id = id};
     }
-    [[nodiscard]] IncomingFile begin(const TransportMessage::FileOffer& offer, const std::string& from = phone) {
+    [[nodiscard]] IncomingFile begin(const TransportMessage::FileOffer& offer, const PeerKey& from = phone) {
         return world.run(downloads.begin(from, offer, world.clock.now()));
     }
     [[nodiscard]] std::string failureToBegin(const TransportMessage::FileOffer& offer) {
@@ -42,15 +42,15 @@ protected:
             return error.description();
         }
     }
-    [[nodiscard]] std::optional<Reason> refusal(const TransportMessage::FileOffer& offer,
-                                                const std::string& from = phone) {
+    [[nodiscard]] std::optional<Reason> refusal(const TransportMessage::FileOffer& offer, const PeerKey& from = phone) {
         const std::optional<DownloadRefusal> refusal = world.run(downloads.prospectOf(from, offer)).refusal;
         return refusal ? std::optional(refusal->reason) : std::nullopt;
     }
     void putPartial(const std::string& name, const std::string& content, const std::string& id,
-                    const std::string& from = phone) {
+                    const PeerKey& from = phone) {
         world.files.put(folder / (name + ".partial"), content);
-        world.files.put(folder / (name + ".partial.meta.json"), compactJson(PartialMeta{id, 1, 1, from}.toJson()));
+        world.files.put(folder / (name + ".partial.meta.json"),
+                        compactJson(PartialMeta{TransferId(id), 1, 1, from}.toJson()));
     }
 
     fakes::World world;
@@ -167,7 +167,7 @@ TEST_F(DownloadsTest, LetAPhoneLeaveAThousandUnfinishedDownloads) {
     for (std::size_t number = 0; number + 1 < DownloadLimits::maxPartials; ++number) {
         putPartial(std::to_string(number), "", "ID-" + std::to_string(number));
     }
-    putPartial("of an older version", "", "ID-old", "");
+    putPartial("of an older version", "", "ID-old", PeerKey());
     EXPECT_EQ(refusal(offerOf(1, "new")), std::nullopt);
     {
         const IncomingFile last = begin(offerOf(1, "last", "last"));
@@ -212,11 +212,12 @@ protected:
 
 TEST_F(PartialsTest, AreThoseWithASidecar) {
     putPartial("b.pdf", "12345", "ID-1");
-    putPartial("a", "", "ID-2", "");
+    putPartial("a", "", "ID-2", PeerKey());
     world.files.put(folder / "own.partial", "somebody's own");
-    world.files.put(folder / "gone.partial.meta.json", compactJson(PartialMeta{"ID-3", 1, 1, phone}.toJson()));
+    world.files.put(folder / "gone.partial.meta.json",
+                    compactJson(PartialMeta{TransferId("ID-3"), 1, 1, phone}.toJson()));
     world.files.put(folder / ".partial", "");
-    world.files.put(folder / ".partial.meta.json", compactJson(PartialMeta{"ID-4", 1, 1, phone}.toJson()));
+    world.files.put(folder / ".partial.meta.json", compactJson(PartialMeta{TransferId("ID-4"), 1, 1, phone}.toJson()));
     putPartial("link", "", "ID-5");
     world.files.putLink(folder / "link.partial", folder / "own.partial");
     EXPECT_THAT(names(), ElementsAre("a", "b.pdf"));

@@ -23,7 +23,7 @@ class FrameRoomTest : public testing::Test {
 protected:
     /// One connection that claims room.
     struct Connection {
-        Connection(FrameRoom& room, std::string phone) : share(std::in_place, room, std::move(phone)) {}
+        Connection(FrameRoom& room, std::string phone) : share(std::in_place, room, PeerKey(std::move(phone))) {}
         std::optional<FrameRoom::Share> share;
         asio::cancellation_signal stop;
         bool isGranted = false;
@@ -149,7 +149,7 @@ TEST_F(FrameRoomTest, IsEmptyAgainWhenEverybodyHasGone) {
 
 Task<> claimAgainAndAgain(FrameRoom& room, std::string phone, unsigned seed, int& done) {
     std::mt19937 random(seed);
-    FrameRoom::Share share(room, std::move(phone));
+    FrameRoom::Share share(room, PeerKey(std::move(phone)));
     for (int i = 0; i < 200; ++i) {
         if (random() % 8 == 0) {
             share.beginTransfer();

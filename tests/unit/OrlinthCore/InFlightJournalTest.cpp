@@ -222,7 +222,7 @@ InFlightKey keyOf(const char* name) {
 class InFlightJournalBatch : public InFlightJournalTest {
 protected:
     /// Another process at the same journal file.
-    std::string elsewhere(const char* name) { return other.getOrCreate(name, 1, "m", "f"); }
+    TransferId elsewhere(const char* name) { return TransferId(other.getOrCreate(name, 1, "m", "f")); }
     void completeElsewhere(const char* name) { other.complete(name, 1, "m", "f"); }
     InFlightJournal other{files, file};
 };
@@ -233,14 +233,14 @@ TEST_F(InFlightJournalBatch, WritesTheIdsOfAllItsFilesAtOnceAndBeforeTheyAreUsed
     const auto entries = journal.snapshotEntries();
     EXPECT_THAT(entries, ElementsAre(Key("a|1|m|f"), Key("b|1|m|f"), Key("c|1|m|f")));
     const std::size_t mutations = files.mutations();
-    EXPECT_EQ(batch.idOf(keyOf("a")), entries.at("a|1|m|f"));
-    EXPECT_EQ(batch.idOf(keyOf("c")), entries.at("c|1|m|f"));
+    EXPECT_EQ(batch.idOf(keyOf("a")).text(), entries.at("a|1|m|f"));
+    EXPECT_EQ(batch.idOf(keyOf("c")).text(), entries.at("c|1|m|f"));
     EXPECT_EQ(files.mutations(), mutations);
 }
 
 TEST_F(InFlightJournalBatch, KeepsTheIdOfAnEarlierAttemptUnlessAFreshOneIsWanted) {
-    const std::string a = elsewhere("a");
-    const std::string b = elsewhere("b");
+    const TransferId a = elsewhere("a");
+    const TransferId b = elsewhere("b");
     InFlightJournal::Batch batch(journal);
     batch.reserve(wanted({"a"}));
     batch.reserve(wanted({"b"}, true));
@@ -251,7 +251,7 @@ TEST_F(InFlightJournalBatch, KeepsTheIdOfAnEarlierAttemptUnlessAFreshOneIsWanted
 TEST_F(InFlightJournalBatch, NeverGivesTheIdOfACompletedFileAgain) {
     InFlightJournal::Batch batch(journal);
     batch.reserve(wanted({"a"}));
-    const std::string first = batch.idOf(keyOf("a"));
+    const TransferId first = batch.idOf(keyOf("a"));
     batch.complete(keyOf("a"), first);
     batch.reserve(wanted({"a"}));
     EXPECT_NE(batch.idOf(keyOf("a")), first);
@@ -273,9 +273,9 @@ TEST_F(InFlightJournalBatch, WritesCompletionsWithTheNextReservationAndAtItsEnd)
 }
 
 TEST_F(InFlightJournalBatch, KeepsTheIdsOfWhatHasNotCompletedWhetherItWasBegunOrNot) {
-    const std::string before = elsewhere("before");
-    std::string begun;
-    std::string taken;
+    const TransferId before = elsewhere("before");
+    TransferId begun;
+    TransferId taken;
     {
         InFlightJournal::Batch batch(journal);
         batch.reserve(wanted({"before", "begun", "not begun"}));
@@ -283,7 +283,8 @@ TEST_F(InFlightJournalBatch, KeepsTheIdsOfWhatHasNotCompletedWhetherItWasBegunOr
         taken = elsewhere("not begun"); // by another process, which goes on when this one has ended
     }
     EXPECT_THAT(journal.snapshotEntries(),
-                ElementsAre(Pair("before|1|m|f", before), Pair("begun|1|m|f", begun), Pair("not begun|1|m|f", taken)));
+                ElementsAre(Pair("before|1|m|f", before.text()), Pair("begun|1|m|f", begun.text()),
+                            Pair("not begun|1|m|f", taken.text())));
 }
 
 TEST_F(InFlightJournalBatch, KeepsAnIdUntilEveryUseOfItHasCompleted) {
@@ -292,7 +293,7 @@ TEST_F(InFlightJournalBatch, KeepsAnIdUntilEveryUseOfItHasCompleted) {
         auto files = wanted({"both", "one"});
         files[0].uses = 2;
         files[1].uses = 2;
-        const std::vector<std::string> ids = batch.reserve(files);
+        const std::vector<TransferId> ids = batch.reserve(files);
         batch.complete(keyOf("both"), ids[0]);
         batch.complete(keyOf("both"), ids[0]);
         batch.complete(keyOf("one"), ids[1]);
@@ -303,70 +304,70 @@ TEST_F(InFlightJournalBatch, KeepsAnIdUntilEveryUseOfItHasCompleted) {
 TEST_F(InFlightJournalBatch, TakesNoIdFromAnotherProcess) {
     InFlightJournal::Batch batch(journal);
     batch.reserve(wanted({"a"}));
-    const std::string ours = batch.idOf(keyOf("a"));
+    const TransferId ours = batch.idOf(keyOf("a"));
     EXPECT_EQ(elsewhere("a"), ours);
     completeElsewhere("a");
-    const std::string theirs = elsewhere("a"); // the same file again, under an id of its own
+    const TransferId theirs = elsewhere("a"); // the same file again, under an id of its own
     batch.complete(keyOf("a"), ours);
     batch.flush();
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", theirs)));
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", theirs.text())));
 }
 
 TEST_F(InFlightJournalBatch, ReadsAgainWhatAnotherProcessHasWritten) {
     InFlightJournal::Batch batch(journal);
     batch.reserve(wanted({"a", "b", "c"}));
-    const std::string b = batch.idOf(keyOf("b"));
-    const std::string c = batch.idOf(keyOf("c"));
+    const TransferId b = batch.idOf(keyOf("b"));
+    const TransferId c = batch.idOf(keyOf("c"));
     completeElsewhere("a"); // and with it the id has gone
     completeElsewhere("b");
-    const std::string fresh = elsewhere("b");
+    const TransferId fresh = elsewhere("b");
     batch.reserve(wanted({"d"})); // sees it by the way
     EXPECT_EQ(batch.idOf(keyOf("b")), fresh);
     EXPECT_NE(fresh, b);
     EXPECT_EQ(batch.idOf(keyOf("c")), c);
-    const std::string a = batch.idOf(keyOf("a"));
-    EXPECT_THAT(journal.snapshotEntries(), testing::Contains(Pair("a|1|m|f", a))) << "written before it is used";
+    const TransferId a = batch.idOf(keyOf("a"));
+    EXPECT_THAT(journal.snapshotEntries(), testing::Contains(Pair("a|1|m|f", a.text()))) << "written before it is used";
 }
 
 TEST_F(InFlightJournalBatch, KeepsItsIdsWhereTheDiskTakesNone) {
     InFlightJournal::Batch batch(journal);
     files.addFault({.errorNumber = ENOSPC});
     batch.reserve(wanted({"a"}));
-    const std::string id = batch.idOf(keyOf("a"));
+    const TransferId id = batch.idOf(keyOf("a"));
     EXPECT_EQ(batch.idOf(keyOf("a")), id);
     files.clearFaults();
     EXPECT_EQ(batch.idOf(keyOf("a")), id);
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", id))) << "once it does again";
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", id.text()))) << "once it does again";
 }
 
 TEST_F(InFlightJournalBatch, NeverGivesTheIdOfAnotherContentAlsoWhereTheDiskTakesNoFreshOne) {
-    const std::string stale = elsewhere("a");
+    const TransferId stale = elsewhere("a");
     InFlightJournal::Batch batch(journal);
     files.addFault({.operation = fakes::Operation::write, .errorNumber = ENOSPC});
-    const std::string fresh = batch.reserve(wanted({"a"}, true)).front();
+    const TransferId fresh = batch.reserve(wanted({"a"}, true)).front();
     EXPECT_NE(fresh, stale);
     EXPECT_EQ(batch.idOf(keyOf("a")), fresh);
     EXPECT_EQ(elsewhere("a"), stale) << "what the disk has";
     files.clearFaults();
     EXPECT_EQ(batch.idOf(keyOf("a")), fresh);
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", fresh)));
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", fresh.text())));
 }
 
 TEST_F(InFlightJournalBatch, KeepsTheIdOfAFileThatAnotherProcessHasCompleted) {
     InFlightJournal::Batch batch(journal);
-    const std::string ours = batch.reserve(wanted({"a"})).front();
+    const TransferId ours = batch.reserve(wanted({"a"})).front();
     completeElsewhere("a"); // to another phone
     batch.keep(keyOf("a"), ours);
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", ours)));
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", ours.text())));
     EXPECT_EQ(batch.idOf(keyOf("a")), ours);
 }
 
 TEST_F(InFlightJournalBatch, ReservesAFileThatItDoesNotKnowWhenItsIdIsAskedFor) {
-    const std::string known = elsewhere("a");
+    const TransferId known = elsewhere("a");
     InFlightJournal::Batch batch(journal);
     EXPECT_EQ(batch.idOf(keyOf("a")), known);
-    const std::string fresh = batch.idOf(keyOf("b"));
-    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", known), Pair("b|1|m|f", fresh)));
+    const TransferId fresh = batch.idOf(keyOf("b"));
+    EXPECT_THAT(journal.snapshotEntries(), ElementsAre(Pair("a|1|m|f", known.text()), Pair("b|1|m|f", fresh.text())));
 }
 
 TEST_F(InFlightJournalBatch, LeavesOtherFilesAlone) {

@@ -22,7 +22,7 @@ const Path folder = "/downloads";
 const Path partial = folder / "a.txt.partial";
 const Path sidecar = folder / "a.txt.partial.meta.json";
 
-const std::string phone = "hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo=";
+const PeerKey phone{"hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo="};
 
 /// As much as makes the receiver write back.
 const Bytes eightMebibytes(8 << 20, std::byte{'x'});
@@ -35,7 +35,7 @@ class IncomingFiles : public testing::Test {
 protected:
     IncomingFiles() { world.files.putFolder(folder); }
 
-    [[nodiscard]] IncomingFile begin(const std::string& transferId = "ID-1", const std::string& from = phone) {
+    [[nodiscard]] IncomingFile begin(const std::string& transferId = "ID-1", const PeerKey& from = phone) {
         return world.run(downloads.begin(from, offerOf(transferId), world.clock.now()));
     }
     /// What is left of the names and what was flushed of the data, if the power fails now.
@@ -81,7 +81,7 @@ TEST_F(IncomingFiles, CanBeResumedAfterAPowerCutOnceMuchHasCome) {
     EXPECT_TRUE(next->exists(partial));
     const std::optional<PartialMeta> meta = fakes::sidecarOf(*next, partial);
     ASSERT_TRUE(meta);
-    EXPECT_EQ(meta->transfer_id, "ID-1");
+    EXPECT_EQ(meta->transfer_id, TransferId("ID-1"));
     const std::size_t flushes = world.files.count(Operation::flush);
     file.append(eightMebibytes);
     EXPECT_EQ(world.files.count(Operation::flush), flushes) << "once is enough";
@@ -105,7 +105,7 @@ TEST_F(IncomingFiles, KeepWhatThereIsToResumeThroughAPowerCutAtOnce) {
     for (const CrashKind kind : fakes::allCrashKinds) {
         const std::optional<PartialMeta> meta = fakes::sidecarOf(*world.files.afterCrash(kind), partial);
         ASSERT_TRUE(meta) << static_cast<int>(kind);
-        EXPECT_EQ(meta->transfer_id, "ID-1");
+        EXPECT_EQ(meta->transfer_id, TransferId("ID-1"));
     }
 }
 
@@ -116,7 +116,7 @@ TEST_F(IncomingFiles, AreNeverTakenForTheTransferOfASidecarThatLayThere) {
     for (const CrashKind kind : fakes::allCrashKinds) {
         const auto next = world.files.afterCrash(kind);
         const std::optional<PartialMeta> meta = fakes::sidecarOf(*next, partial);
-        EXPECT_TRUE(meta && meta->transfer_id == "ID-1") << static_cast<int>(kind);
+        EXPECT_TRUE(meta && meta->transfer_id == TransferId("ID-1")) << static_cast<int>(kind);
     }
 }
 
@@ -251,7 +251,7 @@ TEST_F(IncomingFiles, NeverDeliverAFileThatWasPutInThePartialsPlace) {
         }
         EXPECT_FALSE(world.files.exists(folder / "a.txt"));
         EXPECT_EQ(world.files.content(partial), "not what the phone has sent") << "where he has put it";
-        EXPECT_FALSE(DeliveredTransfers(world.system).find(phone, "ID-1"));
+        EXPECT_FALSE(DeliveredTransfers(world.system).find(phone, TransferId("ID-1")));
         world.files.beforeEach({});
         world.files.remove(partial);
     }
@@ -285,7 +285,7 @@ TEST_F(IncomingFiles, StayInTheFolderInWhichTheyBeganAndAreNotDeliveredIfThatWas
     }
     EXPECT_EQ(world.files.content("/trash/folder/a.txt.partial"), "0123456789");
     EXPECT_FALSE(world.files.exists("/home/ann/secret/a.txt"));
-    EXPECT_FALSE(DeliveredTransfers(world.system).find(phone, "ID-1"));
+    EXPECT_FALSE(DeliveredTransfers(world.system).find(phone, TransferId("ID-1")));
 }
 
 TEST_F(IncomingFiles, AreNotContinuedByAnotherPhone) {
@@ -294,7 +294,7 @@ TEST_F(IncomingFiles, AreNotContinuedByAnotherPhone) {
         file.append(asBytes("01234"));
     }
     {
-        IncomingFile other = begin("ID-1", "3p7bfXt9wbTTW2HC7OQ1Nz+DQ8hbeGdNrfx+FG+IK08=");
+        IncomingFile other = begin("ID-1", PeerKey("3p7bfXt9wbTTW2HC7OQ1Nz+DQ8hbeGdNrfx+FG+IK08="));
         EXPECT_EQ(other.bytesWritten(), 0);
         other.append(asBytes("98765"));
     }

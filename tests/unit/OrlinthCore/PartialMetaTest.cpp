@@ -25,7 +25,7 @@ using testing::ElementsAre;
 const platform::Path dir = "/downloads";
 const platform::FileName partial("x.pdf.partial");
 const platform::Path sidecar = "/downloads/x.pdf.partial.meta.json";
-const PartialMeta example{"6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D", 1048576, 1731686400000};
+const PartialMeta example{TransferId("6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D"), 1048576, 1731686400000};
 
 void save(platform::FileSystem& files, const PartialMeta& meta) {
     PartialMetaIO::save(*files.openFolder(dir), meta, partial);
@@ -59,7 +59,8 @@ TEST(PartialMeta, IsWrittenInThePrettyForm) {
 TEST(PartialMeta, KeepsAnyIdentifierAndNumber) {
     MemoryFileSystem files;
     files.putFolder("/downloads");
-    for (const PartialMeta& meta : {PartialMeta{"", 0, 0}, PartialMeta{"a/\u00e4\"\n", INT64_MAX, INT64_MIN}}) {
+    for (const PartialMeta& meta :
+         {PartialMeta{TransferId(), 0, 0}, PartialMeta{TransferId("a/\u00e4\"\n"), INT64_MAX, INT64_MIN}}) {
         save(files, meta);
         EXPECT_EQ(load(files), meta);
     }
@@ -75,14 +76,14 @@ TEST(PartialMeta, ReplacesAnExistingSidecarWhole) {
 TEST(PartialMeta, DecodesWithForeignMembers) {
     MemoryFileSystem files;
     files.put(sidecar, R"({"transfer_id":"t","advertised_size":1,"started_at_epoch_ms":2,"colour":"blue"})");
-    EXPECT_EQ(load(files), (PartialMeta{"t", 1, 2}));
+    EXPECT_EQ(load(files), (PartialMeta{TransferId("t"), 1, 2}));
 }
 
 TEST(PartialMeta, SaysOfWhomItIsIfThatIsKnown) {
     MemoryFileSystem files;
     files.putFolder(dir);
     PartialMeta meta = example;
-    meta.peer_pubkey = "hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo=";
+    meta.peer_pubkey = PeerKey("hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo=");
     save(files, meta);
     EXPECT_EQ(files.content(sidecar), "{\n"
                                       "  \"advertised_size\" : 1048576,\n"
@@ -92,9 +93,9 @@ TEST(PartialMeta, SaysOfWhomItIsIfThatIsKnown) {
                                       "}");
     EXPECT_EQ(load(files), meta);
     EXPECT_TRUE(meta.isOf(meta.transfer_id, meta.peer_pubkey));
-    EXPECT_FALSE(meta.isOf(meta.transfer_id, "another phone"));
-    EXPECT_FALSE(meta.isOf("another transfer", meta.peer_pubkey));
-    EXPECT_TRUE(example.isOf(example.transfer_id, "any phone")) << "as older versions have written it";
+    EXPECT_FALSE(meta.isOf(meta.transfer_id, PeerKey("another phone")));
+    EXPECT_FALSE(meta.isOf(TransferId("another transfer"), meta.peer_pubkey));
+    EXPECT_TRUE(example.isOf(example.transfer_id, PeerKey("any phone"))) << "as older versions have written it";
 }
 
 TEST(PartialMeta, IsNothingWhereAMemberIsMissingOrOfAnotherType) {
@@ -156,7 +157,7 @@ TEST(PartialMeta, ReportsAFailureToSaveInTheSystemsWords) {
     }
 }
 
-const PartialMeta older{"older", 1, 2};
+const PartialMeta older{TransferId("older"), 1, 2};
 
 void prepareOlder(MemoryFileSystem& files) {
     files.put(sidecar, prettyJson(older.toJson()));
@@ -189,7 +190,7 @@ TEST(PartialMetaFailure, IsReportedAndLeavesAWholeSidecar) {
 
 /// What may have the name of a sidecar without being one: none is read for longer, or further, than a sidecar is.
 TEST(PartialMetaIOLoad, BelievesNothingButARegularFileOfASensibleSize) {
-    const std::string good = prettyJson(PartialMeta{"ID-1", 10, 5}.toJson());
+    const std::string good = prettyJson(PartialMeta{TransferId("ID-1"), 10, 5}.toJson());
     fakes::MemoryFileSystem files;
     files.put(sidecar, good);
     ASSERT_TRUE(load(files));
@@ -244,7 +245,7 @@ TEST(PartialMetaIOLoad, DoesNotWaitForAPipeOfTheRealFileSystem) {
     EXPECT_FALSE(PartialMetaIO::load(*files.openFolder(folder.path()), platform::FileName("a.partial")));
     ::close(writer);
     ::unlink(pipe.c_str());
-    fakes::writeText(folder / "whole", prettyJson(PartialMeta{"ID-1", 10, 5}.toJson()));
+    fakes::writeText(folder / "whole", prettyJson(PartialMeta{TransferId("ID-1"), 10, 5}.toJson()));
     std::filesystem::create_symlink("whole", pipe);
     EXPECT_FALSE(PartialMetaIO::load(*files.openFolder(folder.path()), platform::FileName("a.partial")));
     std::filesystem::rename(folder / "whole", pipe);

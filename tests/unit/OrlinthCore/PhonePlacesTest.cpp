@@ -18,7 +18,7 @@ class PhonePlacesTest : public testing::Test {
 protected:
     PhonePlaces::Claim& connect(const std::string& phone = "phone") {
         const std::size_t number = claims.size();
-        claims.push_back(std::make_unique<PhonePlaces::Claim>(places, clock, phone,
+        claims.push_back(std::make_unique<PhonePlaces::Claim>(places, clock, PeerKey(phone),
                                                               [this, number] { dismissed.push_back(number); }));
         return *claims.back();
     }
@@ -45,7 +45,7 @@ TEST_F(PhonePlacesTest, TheOldestIdleConnectionMakesRoom) {
     connect();
     connect();
     EXPECT_THAT(dismissed, ElementsAre(1, 3));
-    EXPECT_EQ(places.count("phone"), limits::connectionsOfOnePhone);
+    EXPECT_EQ(places.count(PeerKey("phone")), limits::connectionsOfOnePhone);
 }
 
 TEST_F(PhonePlacesTest, AmongTransfersOnlyTheOneThatWasNotHeardOfForLongest) {
@@ -69,10 +69,10 @@ TEST_F(PhonePlacesTest, WhoHasEndedLeavesAPlaceAndOnePhoneTakesNoneOfAnothers) {
     EXPECT_THAT(dismissed, ElementsAre(0));
     claims[0]->heard(); // it may not know yet
     claims[0].reset();
-    EXPECT_EQ(places.count("phone"), limits::connectionsOfOnePhone);
-    EXPECT_EQ(places.count("other"), 1U);
+    EXPECT_EQ(places.count(PeerKey("phone")), limits::connectionsOfOnePhone);
+    EXPECT_EQ(places.count(PeerKey("other")), 1U);
     claims.clear();
-    EXPECT_EQ(places.count("phone"), 0U);
+    EXPECT_EQ(places.count(PeerKey("phone")), 0U);
 }
 
 TEST_F(PhonePlacesTest, ThoseThatHaveToGoCountUntilTheyAreGone) {
@@ -84,15 +84,15 @@ TEST_F(PhonePlacesTest, ThoseThatHaveToGoCountUntilTheyAreGone) {
     EXPECT_EQ(dismissed.size(), leaving);
     EXPECT_THROW(connect(), ReceiveError);
     EXPECT_EQ(dismissed.size(), leaving) << "nobody goes for one that does not come in";
-    EXPECT_EQ(places.count("phone"), limits::connectionsOfOnePhone);
+    EXPECT_EQ(places.count(PeerKey("phone")), limits::connectionsOfOnePhone);
     connect("other");
     claims[0].reset();
     connect();
     EXPECT_EQ(dismissed.size(), leaving + 1);
     claims.clear();
-    EXPECT_EQ(places.count("phone"), 0U);
+    EXPECT_EQ(places.count(PeerKey("phone")), 0U);
     connect();
-    EXPECT_EQ(places.count("phone"), 1U);
+    EXPECT_EQ(places.count(PeerKey("phone")), 1U);
 }
 
 } // namespace

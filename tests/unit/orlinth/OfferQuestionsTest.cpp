@@ -16,7 +16,8 @@ protected:
         return askFor("phone", std::move(name), answer);
     }
     [[nodiscard]] Task<> askFor(std::string phone, std::string name, std::optional<bool>& answer) {
-        answer = co_await questions_.wants({.name = name, .size = 1000, .from = "Pixel-8", .peerPubkey = phone});
+        answer =
+            co_await questions_.wants({.name = name, .size = 1000, .from = "Pixel-8", .peerPubkey = PeerKey(phone)});
     }
     /// An offer whose phone can hang up.
     struct Offer {
@@ -46,7 +47,8 @@ protected:
         return names;
     }
     [[nodiscard]] Task<> askOf(std::string key) {
-        first_ = co_await questions_.wants({.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerPubkey = key});
+        first_ =
+            co_await questions_.wants({.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerPubkey = PeerKey(key)});
     }
 
     /// Until nothing moves without time moving.
@@ -235,8 +237,11 @@ TEST_F(OfferQuestionsTest, TwoTransfersOfOnePhoneNeverShareAQuestionHoweverAlike
     std::optional<bool> first;
     std::optional<bool> second;
     const auto askFor = [this](std::string id, std::optional<bool>& answer) -> Task<> {
-        answer = co_await questions_.wants(
-            {.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerPubkey = "phone", .transferId = std::move(id)});
+        answer = co_await questions_.wants({.name = "a.txt",
+                                            .size = 1000,
+                                            .from = "Pixel-8",
+                                            .peerPubkey = PeerKey("phone"),
+                                            .transferId = TransferId(std::move(id))});
     };
     world_.alongside(askFor("1", first));
     world_.alongside(askFor("2", second));

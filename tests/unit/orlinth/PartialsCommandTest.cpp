@@ -18,10 +18,10 @@ protected:
     }
     /// An unfinished download. The files of this world are older than its clock.
     void put(const std::string& name) {
-        const PartialMeta meta{.transfer_id = name,
+        const PartialMeta meta{.transfer_id = TransferId(name),
                                .advertised_size = 10,
                                .started_at_epoch_ms = 1,
-                               .peer_pubkey = world.phoneRecord().peer_pubkey};
+                               .peer_pubkey = PeerKey(world.phoneRecord().peer_pubkey)};
         world.files.put(downloads / (name + ".partial"), "01234");
         world.files.put(downloads / (name + ".partial.meta.json"), compactJson(meta.toJson()));
     }

@@ -112,13 +112,16 @@ TEST_F(ServeReporterTest, TellsTwoPhonesApartWhoseNamesLookAlike) {
     }
     host_.peers().writeBook(book);
     Receiver::File received = file("/home/ann/Downloads/a.txt");
-    received.peerPubkey = "BBBBBBBBBBBBBBBB";
+    received.peerPubkey = PeerKey("BBBBBBBBBBBBBBBB");
     reporter_.fileReceived(received);
-    reporter_.textReceived(
-        {.text = "correct horse", .mime = "text/plain", .from = "Pixel <8>", .peerPubkey = "AAAAAAAAAAAAAAAA"});
+    reporter_.textReceived({.text = "correct horse",
+                            .mime = "text/plain",
+                            .from = "Pixel <8>",
+                            .peerPubkey = PeerKey("AAAAAAAAAAAAAAAA")});
     letBurstPass(); // of the file
     letBurstPass(); // of the text
-    reporter_.textReceived({.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerPubkey = "CCCC"});
+    reporter_.textReceived(
+        {.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerPubkey = PeerKey("CCCC")});
     ASSERT_EQ(3U, shown().size());
     EXPECT_EQ("File from Pixel <8> (key BBBBBBBBBBBB)", shown()[0].notification.title);
     EXPECT_EQ("Text from Pixel <8> (key AAAAAAAAAAAA)", shown()[1].notification.title);
@@ -190,7 +193,7 @@ TEST_F(ServeReporterTest, IsNotAskedToOpenAnythingOnceItIsGone) {
 // ---- texts
 
 Receiver::Clipboard textOf(const std::string& text, const std::string& phone = "key") {
-    return {.text = text, .mime = "text/plain", .from = "Pixel", .peerPubkey = phone};
+    return {.text = text, .mime = "text/plain", .from = "Pixel", .peerPubkey = PeerKey(phone)};
 }
 
 TEST_F(ServeReporterTest, WritesTheNewestOfTheTextsThatHaveCome) {
@@ -237,7 +240,7 @@ Receiver::Failure failureOf(const std::string& phone) {
     return {.error = std::make_exception_ptr(ReceiveError::wire("broken")),
             .remoteEndpoint = "192.168.1.7:1",
             .from = "Pixel",
-            .peerPubkey = phone};
+            .peerPubkey = PeerKey(phone)};
 }
 
 TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
@@ -252,8 +255,8 @@ TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
     EXPECT_EQ(limits::linesOfOnePhone, std::ranges::count_if(failures("key 1", 1000), isFailure));
     EXPECT_EQ(3, std::ranges::count_if(failures("key 2", 3), isFailure)) << "another phone is not concerned";
     EXPECT_TRUE(linesOf([&] {
-                    reporter_.settled(
-                        Receiver::SetName{.name = "x", .from = "Pixel", .isTakenOver = true, .peerPubkey = "key 1"});
+                    reporter_.settled(Receiver::SetName{
+                        .name = "x", .from = "Pixel", .isTakenOver = true, .peerPubkey = PeerKey("key 1")});
                 }).empty());
     const std::vector<std::string> minute = linesOf([&] { letBurstPass(); });
     EXPECT_EQ((std::vector<std::string>{"Pixel: 981 more lines were left out"}), minute);
@@ -280,7 +283,7 @@ TEST_F(ServeReporterTest, AClipboardThatCannotBeWrittenIsAFewLinesAMinuteAndThen
 
 TEST_F(ServeReporterTest, APhoneThatIsNotForgottenGetsNoMoreLinesThanOthers) {
     constexpr int count = 1000;
-    Receiver::Unpair unpair{.from = "Pixel", .peerPubkey = "key 1", .isForgotten = false};
+    Receiver::Unpair unpair{.from = "Pixel", .peerPubkey = PeerKey("key 1"), .isForgotten = false};
     testing::internal::CaptureStdout();
     for (int i = 0; i < count; ++i) {
         reporter_.settled(unpair);

@@ -57,12 +57,12 @@ TEST_F(OutboxJournalTest, OffersEachFileUnderItsIdUntilItIsComplete) {
     const auto before = onDisk();
     ASSERT_THAT(before, SizeIs(1));
     const PreparedFile file = journal_.take(folder / "a.txt");
-    EXPECT_EQ(before.begin()->second, file.transferId);
+    EXPECT_EQ(before.begin()->second, file.transferId.text());
     EXPECT_EQ("a.txt", file.file.name);
     EXPECT_EQ(folder / "a.txt", file.path);
     journal_.prepare({folder / "b.txt", folder / "c.txt"});
     EXPECT_EQ(file.transferId, journal_.take(folder / "a.txt").transferId) << "for the next attempt";
-    EXPECT_EQ(file.transferId, onDisk().at(before.begin()->first)) << "also if we are killed";
+    EXPECT_EQ(file.transferId.text(), onDisk().at(before.begin()->first)) << "also if we are killed";
 }
 
 TEST_F(OutboxJournalTest, ForgetsWhatIsComplete) {

@@ -53,7 +53,7 @@ protected:
     [[nodiscard]] Task<Delivered> send(int offersAtOnce = OffersInDoubt::atOnce) {
         DeliveryRequest request{.file = {.path = "/home/ann/a.txt",
                                          .file = {.name = "a.txt", .size = 10, .mime = "text/plain", .fingerprint = ""},
-                                         .transferId = "ID"},
+                                         .transferId = TransferId("ID")},
                                 .phone = world_.phoneRecord(),
                                 .ownKey = world_.computerKey,
                                 .offersAtOnce = offersAtOnce,

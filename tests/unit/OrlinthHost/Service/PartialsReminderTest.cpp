@@ -23,7 +23,7 @@ protected:
     void putPartial(const std::string& name, const std::string& content) {
         world_.files.put(folder / (name + ".partial"), content);
         world_.files.put(folder / (name + ".partial.meta.json"),
-                         compactJson(PartialMeta{name, 10, 1, "a phone"}.toJson()));
+                         compactJson(PartialMeta{TransferId(name), 10, 1, PeerKey("a phone")}.toJson()));
     }
     void run(double seconds) {
         PartialsReminder reminder(home_, folder, [this](const PartialsReminder::Reminder& told) {

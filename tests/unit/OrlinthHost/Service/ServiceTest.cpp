@@ -224,7 +224,8 @@ TEST_F(ServiceTest, ARemovedPhoneIsTold) {
     from->close();
     pass(1);
     ASSERT_EQ(1U, events_.outcomes.size());
-    EXPECT_EQ(world_.phoneKey.publicKey().base64(), std::get<Receiver::UnpairReplied>(events_.outcomes[0]).peerPubkey);
+    EXPECT_EQ(PeerKey(world_.phoneKey.publicKey().base64()),
+              std::get<Receiver::UnpairReplied>(events_.outcomes[0]).peerPubkey);
     EXPECT_EQ(0, events_.count("authenticated Pixel-8, phones 0"));
 }
 
