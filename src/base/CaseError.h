@@ -3,6 +3,8 @@
 #include "base/Error.h"
 
 #include <concepts>
+#include <string>
+#include <utility>
 
 namespace orlinth {
 

@@ -5,8 +5,14 @@
 
 #include <asio/this_coro.hpp>
 
+#include <algorithm>
+
 namespace orlinth::platform {
 namespace {
+
+/// The system tells that a file was closed, and then lets its lock go. Who has come in between looks again after so
+/// long.
+constexpr double settleSeconds = 0.02;
 
 /// Null if the folder cannot be watched. `change` outlives the watch.
 std::unique_ptr<FolderWatch> watchFor(System& system, const Path& folder, const Executor& executor, Event& change) {
@@ -29,6 +35,7 @@ Task<bool> lockWithin(System& system, File& file, Path path, double seconds) {
     const Clock::Instant end = system.clock.now() + Clock::Instant(seconds);
     Event closed(executor);
     const std::unique_ptr<FolderWatch> watch = watchFor(system, path.parent_path(), executor, closed);
+    bool isTold = false;
     for (;;) {
         closed.reset();
         if (file.tryLock()) {
@@ -38,7 +45,7 @@ Task<bool> lockWithin(System& system, File& file, Path path, double seconds) {
         if (left <= 0) {
             co_return false;
         }
-        static_cast<void>(co_await closed.wait(system.clock, left));
+        isTold = co_await closed.wait(system.clock, isTold ? std::min(left, settleSeconds) : left);
     }
 }
 

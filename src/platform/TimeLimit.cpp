@@ -8,6 +8,7 @@ TimeLimit::TimeLimit(Clock& clock, const Executor& executor, std::function<void(
     : end_(std::move(end)), timer_(clock.makeTimer(executor)) {}
 
 void TimeLimit::begin(double seconds) {
+    expired_ = false;
     if (seconds <= 0) {
         end();
         return;

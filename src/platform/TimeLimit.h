@@ -18,7 +18,7 @@ public:
     /// From now on `seconds` are left, whatever was left before; zero or less: no limit.
     void begin(double seconds);
     void end() noexcept;
-    /// Whether it was this that has ended it.
+    /// Whether it was this that has ended it, since begin().
     [[nodiscard]] bool hasExpired() const noexcept { return expired_; }
 
 private:

@@ -93,7 +93,7 @@ std::optional<std::int64_t> resumeOffset(Folder& folder, const FileName& partial
     }
     try {
         const std::optional<platform::FileStatus> status = folder.status(partial);
-        if (status && !CollisionResolver::mayContinue(folder, *status)) {
+        if (status && !CollisionResolver::isOwnRegularFile(folder, *status)) {
             return std::nullopt;
         }
         return status ? status->size : 0;
@@ -124,7 +124,7 @@ FileName CollisionResolver::partialOf(const FileName& final) {
     return final + partialSuffix;
 }
 
-bool CollisionResolver::mayContinue(const Folder& folder, const platform::FileStatus& partial) {
+bool CollisionResolver::isOwnRegularFile(const Folder& folder, const platform::FileStatus& partial) {
     return partial.kind == platform::FileKind::regular && folder.isOwn(partial);
 }
 

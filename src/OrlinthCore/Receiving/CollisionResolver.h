@@ -42,8 +42,9 @@ struct CollisionResolver {
     [[nodiscard]] static bool isReserved(std::string_view name);
     /// The name of the partial file.
     [[nodiscard]] static platform::FileName partialOf(const platform::FileName& final);
-    /// The first free name, or the partial file that an earlier attempt of this very transfer left: mayContinue(), and
-    /// a sidecar of the same id and phone. A new attempt meets the same target, unless it was made or taken meanwhile.
+    /// The first free name, or the partial file that an earlier attempt of this very transfer left: isOwnRegularFile(),
+    /// and a sidecar of the same id and phone. A new attempt meets the same target, unless it was made or taken
+    /// meanwhile.
     [[nodiscard]] static Target resolveTarget(platform::Folder& folder, const std::string& baseName,
                                               const Transfer& transfer);
     /// The first free name, for a file whose own was taken while it came in. Should that be taken too before the file
@@ -52,7 +53,7 @@ struct CollisionResolver {
     /// Whether what has the name of a partial file can be one of ours: a regular file of our own with no other name. A
     /// link would lead the data elsewhere, a pipe would hold the receiver, and the content of a stranger's file would
     /// be delivered as the phone's.
-    [[nodiscard]] static bool mayContinue(const platform::Folder& folder, const platform::FileStatus& partial);
+    [[nodiscard]] static bool isOwnRegularFile(const platform::Folder& folder, const platform::FileStatus& partial);
 };
 
 } // namespace orlinth

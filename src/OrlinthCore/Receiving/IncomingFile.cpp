@@ -73,7 +73,7 @@ std::unique_ptr<platform::File> openPartial(platform::Folder& folder, CollisionR
     const platform::FileStatus opened = file->status();
     const std::optional<platform::FileStatus> named = folder.status(target.partial);
     const bool isTheOne = named && platform::isSameFile(*named, opened);
-    if (!isTheOne || (!isNew && !CollisionResolver::mayContinue(folder, opened))) {
+    if (!isTheOne || (!isNew && !CollisionResolver::isOwnRegularFile(folder, opened))) {
         return nullptr;
     }
     if (target.resumeOffset > 0) {

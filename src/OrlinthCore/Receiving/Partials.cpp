@@ -23,7 +23,7 @@ std::optional<platform::FileName> finalOf(const std::string& name) {
 std::optional<PartialDownload> lookAt(platform::Folder& folder, const platform::FileName& partial,
                                       const platform::FileName& final) {
     const std::optional<platform::FileStatus> status = folder.status(partial);
-    if (!status || !CollisionResolver::mayContinue(folder, *status)) {
+    if (!status || !CollisionResolver::isOwnRegularFile(folder, *status)) {
         return std::nullopt;
     }
     std::optional<PartialMeta> meta = PartialMetaIO::load(folder, partial);
@@ -62,7 +62,7 @@ std::vector<PartialDownload> Partials::in(platform::Folder& folder) {
 bool Partials::remove(platform::Folder& folder, const PartialDownload& download) {
     const std::optional<PartialMeta> meta = PartialMetaIO::load(folder, download.partial);
     const std::optional<platform::FileStatus> before = folder.status(download.partial);
-    if (meta != download.meta || !before || !CollisionResolver::mayContinue(folder, *before)) {
+    if (meta != download.meta || !before || !CollisionResolver::isOwnRegularFile(folder, *before)) {
         return false;
     }
     const std::unique_ptr<platform::File> file = folder.open(download.partial, platform::OpenMode::write);
@@ -72,7 +72,7 @@ bool Partials::remove(platform::Folder& folder, const PartialDownload& download)
     const platform::FileStatus opened = file->status();
     const std::optional<platform::FileStatus> named = folder.status(download.partial);
     const bool isTheOne = named && platform::isSameFile(*named, opened) &&
-                          CollisionResolver::mayContinue(folder, opened) && opened.size == download.size &&
+                          CollisionResolver::isOwnRegularFile(folder, opened) && opened.size == download.size &&
                           opened.modifiedNanoseconds == download.changedNanoseconds;
     if (!isTheOne) {
         return false;

@@ -46,6 +46,9 @@ Task<bool> deliver(platform::System& system, WireConnection& wire, ByteView seal
     try {
         co_await wire.sendLengthPrefixed(sealed);
         limit.end();
+        if (limit.hasExpired()) { // in the same moment: the connection is closed, and what the phone says is lost
+            throw WireConnection::Error::eof();
+        }
         if (request.onSent) {
             request.onSent();
         }

@@ -41,7 +41,7 @@ struct OneOffRequest {
     std::function<void()> onWaking = {}; ///< a push was delivered
     std::function<void()> onHandshakeComplete = {}; ///< the phone has proved its key
     std::function<void()> onSent = {};              ///< the system has taken the whole message
-    /// Notices a phone that is gone, as its answer is waited for without limit. Absent: off.
+    /// Notices a phone that is gone, also if no limit is set. Absent: off.
     std::optional<platform::KeepAlive> keepAlive = {};
 };
 

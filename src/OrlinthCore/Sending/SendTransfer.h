@@ -61,7 +61,7 @@ struct SendTerms {
     /// How long the phone may take to answer the offer, and then for each chunk; 0: no limit.
     double silenceSeconds = 0;
     double farewellSeconds = 1; ///< how long the phone may take to close after Done
-    /// Notices a phone that is gone, as the phone's answer to the offer is waited for without limit. Absent: off.
+    /// Notices a phone that is gone, as the phone's answer to the offer may be waited for without limit. Absent: off.
     std::optional<platform::KeepAlive> keepAlive = {};
 };
 

@@ -18,7 +18,7 @@ namespace orlinth::host {
 /// The bell and the watches may each be missing or miss something; with the others, and at the latest with the next
 /// minute, a batch is found all the same. Where a folder cannot be watched, it is looked at every second.
 ///
-/// Threading: everything on the thread of the runner.
+/// Threading: everything on the home's executor.
 class OutboxLookout {
 public:
     /// Seconds between two looks that nothing gave reason for.
@@ -28,7 +28,7 @@ public:
     /// Seconds from a reason to the look: files that come together are looked at together.
     static constexpr double gatherSeconds = 0.05;
 
-    /// `onLook` is called on the runner's thread, never from within a call of this. `home` outlives this.
+    /// `onLook` is called on the home's executor, never from within a call of this. `home` outlives this.
     OutboxLookout(Home& home, std::function<void()> onLook);
     OutboxLookout(const OutboxLookout&) = delete;
     OutboxLookout& operator=(const OutboxLookout&) = delete;

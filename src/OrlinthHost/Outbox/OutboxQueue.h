@@ -23,7 +23,7 @@ namespace orlinth::host {
 /// told.
 ///
 /// Never throws for what is wrong with a batch, the disk or the peer store; that is told, or found again at a later
-/// look. On the thread of the runner.
+/// look. On the home's executor.
 class OutboxQueue {
 public:
     struct Job {

@@ -4,7 +4,7 @@
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "OrlinthHost/Sending/Delivery.h"
 #include "OrlinthHost/Sending/PhoneLanes.h"
-#include "OrlinthHost/Sending/PhoneLimits.h"
+#include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OrlinthHost/Sending/RetryPolicy.h"
 #include "base/Text.h"
 #include "platform/SystemError.h"
@@ -133,16 +133,14 @@ bool OutboxSender::isUsed(const BatchId& id) const {
 }
 
 void OutboxSender::hope(Phone& phone) {
-    phone.retries.reasonToHope();
-    tryNow(phone);
+    if (phone.retries.reasonToHope()) {
+        tryNow(phone);
+    }
 }
 
-/// If something is under way, as soon as that is over.
 void OutboxSender::tryNow(Phone& phone) {
     phone.timer->disarm();
-    if (phone.attempts.empty()) {
-        startNext(phone);
-    }
+    startNext(phone);
 }
 
 bool OutboxSender::mayBegin(const Phone& phone) const {

@@ -28,7 +28,7 @@ namespace orlinth::host {
 /// ended in doubt as often as OffersInDoubt allows. A batch that every phone has is removed; one of which something is
 /// not sent for good, or that makes no sense, is set aside.
 ///
-/// Everything here, and each send, runs on the thread of the runner, as the events and the receive service's callbacks
+/// Everything here, and each send, runs on the home's executor, as the events and the receive service's callbacks
 /// do: so nothing is shared. A file costs a line in a file there, and every sixteenth a look at the next sixteen and a
 /// write that is flushed; both are short. The service's connections have threads of their own.
 class OutboxSender {

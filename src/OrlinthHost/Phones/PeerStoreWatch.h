@@ -11,12 +11,12 @@ namespace orlinth::host {
 /// Says when the peer store has changed, whoever has changed it: at once where its folder can be watched, and at the
 /// latest after a minute. It may also say so without a change.
 ///
-/// Threading: everything on the thread of the runner.
+/// Threading: everything on the home's executor.
 class PeerStoreWatch {
 public:
     static constexpr double backstopSeconds = 60;
 
-    /// `onChange` is called on the runner's thread. `home` outlives this.
+    /// `onChange` is called on the home's executor. `home` outlives this.
     PeerStoreWatch(Home& home, std::function<void()> onChange);
     PeerStoreWatch(const PeerStoreWatch&) = delete;
     PeerStoreWatch& operator=(const PeerStoreWatch&) = delete;

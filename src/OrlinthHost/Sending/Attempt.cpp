@@ -22,6 +22,19 @@ SendVerdict judge(const SendError& error) {
     }
 }
 
+/// Whether it is a connection that failed, which others beside it may have caused; not what the phone said.
+bool isOfTheConnection(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const SendError& failure) {
+        return failure.which() == SendError::Case::network || failure.which() == SendError::Case::noiseHandshakeFailed;
+    } catch (const WireConnection::Error&) {
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
 SendVerdict judge(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
@@ -57,7 +70,9 @@ SendVerdict judge(const EndedAttempt& attempt) {
     // One that could not even connect while others did was one too many, unless it was the one on which all depends.
     const bool companyMayBeTheReason =
         attempt.hadCompany && (attempt.stage != AttemptStage::connecting || !attempt.mayWake);
-    return verdict == SendVerdict::tryAgain && companyMayBeTheReason ? SendVerdict::oneTooMany : verdict;
+    return verdict == SendVerdict::tryAgain && companyMayBeTheReason && isOfTheConnection(attempt.error)
+               ? SendVerdict::oneTooMany
+               : verdict;
 }
 
 bool isNotTaken(const EndedAttempt& attempt) {

@@ -56,20 +56,21 @@ void RetryPolicy::pauseIsOver() noexcept {
     state_ = underWay_ > 0 ? State::sending : State::idle;
 }
 
-void RetryPolicy::reasonToHope() noexcept {
+bool RetryPolicy::reasonToHope() noexcept {
     failures_ = 0;
     if (underWay_ > 0) {
-        state_ = State::hopeful;
-    } else {
-        isOutOfTurn_ = false;
-        state_ = State::idle;
+        hopeForTheNext();
+        return false;
     }
+    isOutOfTurn_ = false;
+    state_ = State::idle;
+    return true;
 }
 
 bool RetryPolicy::heard(Instant now) noexcept {
     if (underWay_ > 0) {
-        state_ = State::hopeful;
-        return true;
+        hopeForTheNext();
+        return false;
     }
     const bool isEcho = state_ == State::pausing && (now - pausedAt_).count() < echoSeconds;
     if (isEcho && isOutOfTurn_) {
@@ -81,6 +82,13 @@ bool RetryPolicy::heard(Instant now) noexcept {
     isOutOfTurn_ = true;
     state_ = State::idle;
     return true;
+}
+
+/// A pause goes on: it has its reason, and what is under way shows whether the phone is there.
+void RetryPolicy::hopeForTheNext() noexcept {
+    if (state_ == State::sending) {
+        state_ = State::hopeful;
+    }
 }
 
 void RetryPolicy::settle() noexcept {

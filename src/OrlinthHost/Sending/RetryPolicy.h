@@ -15,7 +15,8 @@ namespace orlinth::host {
 ///       │ └── ended(), the last ─┴───┼───────────────────────────┘  │
 ///       │                            │ ended(failed)                │ ended(failed): once at once, the next
 ///       │ pauseIsOver(), or          ▼                              │ time as from sending
-///       └──── reason to hope ──── pausing ◀─────────────────────────┘
+///       └── reason to hope, if ── pausing ◀─────────────────────────┘
+///           nothing is under way
 ///
 /// An attempt that is made at once, out of its turn, is not followed by another such one: if each of them is a push
 /// that makes the phone call, and so a reason to hope, that would go on for ever.
@@ -59,13 +60,15 @@ public:
     /// The time has passed.
     void pauseIsOver() noexcept;
     /// Somebody asks for the phone, its address has changed, or there is something new for it. What was failed before
-    /// does not count any more. A pause is over by that.
-    void reasonToHope() noexcept;
+    /// does not count any more. Returns whether to try now, and a pause is over by that; while something is under way
+    /// it goes on.
+    [[nodiscard]] bool reasonToHope() noexcept;
     /// The phone was heard of, which may be the answer to the push of an attempt that has failed all the same; the next
-    /// one would fail so too, and push. Returns whether to try now: a pause is over by that.
+    /// one would fail so too, and push. Returns whether to try now, as reasonToHope().
     [[nodiscard]] bool heard(Instant now) noexcept;
 
 private:
+    void hopeForTheNext() noexcept;
     void settle() noexcept;
 
     State state_ = State::idle;

@@ -40,7 +40,7 @@ public:
     virtual void endSent(const Transfer& transfer) = 0;
     /// The connection broke behind the end of the file, which is offered again now.
     virtual void again(const Transfer& transfer) = 0;
-    /// The attempt has failed for want of room beside others; the file gets another one.
+    /// The attempt has failed, perhaps only because there were others; the file gets another one.
     virtual void putBack(const Transfer& transfer) = 0;
     virtual void delivered(const Transfer& transfer, const Delivered& delivered) = 0;
     /// `isInDoubt` if the end of the file was sent once: it may be there all the same.

@@ -112,6 +112,7 @@ void SendRun::start(std::size_t phone) {
     Running& running =
         *running_.emplace(id, std::make_unique<Running>(events_, planned, transferOf(planned))).first->second;
     running.inDoubt = inDoubt_[{planned.phone, planned.file}];
+    putBack_.erase({planned.phone, planned.file});
     running.task = tasks_.add(send(running), [this, id](const std::exception_ptr& error) { settle(id, error); });
 }
 
@@ -148,8 +149,7 @@ void SendRun::settle(SendPlan::Id id, std::exception_ptr error) {
     const SendVerdict verdict = judge(ended);
     const SendPlan::Outcome outcome = plan_.end(id, verdict, ended.stage);
     if (isLeaving_ && verdict == SendVerdict::cancelled) {
-        sources_.keepForNextTime(file, running->offer);
-        interruption_.cutShort.push_back(running->transfer);
+        cutShort(running->transfer, file, running->offer);
         return;
     }
     switch (outcome) {
@@ -163,6 +163,9 @@ void SendRun::settle(SendPlan::Id id, std::exception_ptr error) {
         ++failed_;
         break;
     case SendPlan::Outcome::putBack:
+        if (running->offer) {
+            putBack_.insert_or_assign({running->plan.phone, file}, *running->offer);
+        }
         events_.putBack(running->transfer);
         break;
     }
@@ -178,7 +181,16 @@ Task<> SendRun::leave() {
     const std::unique_ptr<platform::Timer> grace = home_.system.clock.makeTimer(home_.executor);
     grace->arm(graceSeconds, [this] { tasks_.cancelAll(); });
     co_await tasks_.join();
-    interruption_.notBegun = plan_.waiting();
+    interruption_.notBegun = plan_.waiting() - putBack_.size();
+    for (const auto& [of, offer] : putBack_) { // which would have got another attempt
+        cutShort(transferOf({.phone = of.first, .file = of.second}), of.second, offer);
+    }
+}
+
+void SendRun::cutShort(const SendEvents::Transfer& transfer, std::size_t file,
+                       const std::optional<SendSources::Offer>& offer) {
+    sources_.keepForNextTime(file, offer);
+    interruption_.cutShort.push_back(transfer);
 }
 
 /// A file that is there already should not be reported as cut short: its phone gets a moment to say so.

@@ -25,7 +25,7 @@ public:
     /// What was cut short when a run was cancelled.
     struct Interruption {
         std::vector<SendEvents::Transfer> cutShort;
-        std::size_t notBegun = 0; ///< transfers
+        std::size_t notBegun = 0; ///< transfers of which nothing was offered yet
     };
 
     /// What is referred to outlives this. `journal` is used by nobody else meanwhile.
@@ -51,6 +51,8 @@ private:
     void start(std::size_t phone);
     [[nodiscard]] Task<> send(Running& running);
     void settle(SendPlan::Id id, std::exception_ptr error);
+    void cutShort(const SendEvents::Transfer& transfer, std::size_t file,
+                  const std::optional<SendSources::Offer>& offer);
     void cancelBeforeFarewell();
     [[nodiscard]] Task<> leave();
 
@@ -63,7 +65,8 @@ private:
     SendPlan plan_;
     std::map<Of, OffersInDoubt> inDoubt_;
     std::map<SendPlan::Id, std::unique_ptr<Running>> running_;
-    platform::TaskGroup tasks_; ///< one for each of those
+    std::map<Of, SendSources::Offer> putBack_; ///< what was offered of those that wait for another attempt
+    platform::TaskGroup tasks_;                ///< one for each of those
     bool isLeaving_ = false;
     int failed_ = 0;
     Interruption interruption_;

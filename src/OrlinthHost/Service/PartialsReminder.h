@@ -12,7 +12,7 @@ namespace orlinth::host {
 /// Reminds of unfinished downloads that nothing has come of for a week: once a week, also across restarts. When it was
 /// is kept in a file of the data folder.
 ///
-/// Threading: called, and calling, on the thread of the runner. Folders and files are looked at on a thread of its own:
+/// Threading: called, and calling, on the home's executor. Folders and files are looked at on a thread of its own:
 /// a network's folder may not answer for hours.
 class PartialsReminder {
 public:

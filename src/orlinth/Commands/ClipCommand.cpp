@@ -1,7 +1,7 @@
 #include "OrlinthCore/Sending/ClipboardSender.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Sending/PhoneLimits.h"
+#include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OrlinthHost/Sending/PushService.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"

@@ -1,7 +1,7 @@
 #include "OrlinthCore/Receiving/ReceiveTransfer.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Sending/PhoneLimits.h"
+#include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OrlinthHost/Service/DownloadsFolder.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"

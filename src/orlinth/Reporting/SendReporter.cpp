@@ -117,7 +117,7 @@ void SendReporter::putBack(const Transfer& transfer) {
     if (overview_.isMany() && told.isBegun) {
         overview_.takeBack(told.held);
     }
-    told = {.name = told.name, .isAnnounced = told.isAnnounced};
+    told = {.name = told.name, .isAnnounced = told.isAnnounced, .reached = told.reached};
 }
 
 std::string SendReporter::howFar(const Transfer& transfer) {
@@ -127,7 +127,8 @@ std::string SendReporter::howFar(const Transfer& transfer) {
     if (told.isAtFarewell) {
         return name + to + ", which has not confirmed it";
     }
-    if (!told.isBegun || transfer.size <= 0) {
+    const bool hasBegun = told.isBegun || told.reached > 0;
+    if (!hasBegun || transfer.size <= 0) {
         return name + " was not sent to " + forDisplay(transfer.phone.peer_hostname);
     }
     constexpr double whole = 100;

@@ -199,6 +199,9 @@ struct BusLoop::Connection : std::enable_shared_from_this<Connection> {
             if (result < 0 || isDone() || SteadyClock::now() >= end) {
                 break;
             }
+            if (!bus) {
+                break; // it was lost meanwhile
+            }
             if (result == 0) {
                 const bool isReady = systemd().sd_bus_is_ready(bus.get()) > 0;
                 waitForSessionBus(bus.get(), isReady ? end : std::min(end, helloEnd));

@@ -1,6 +1,6 @@
 #include "OrlinthHost/Sending/Delivery.h"
 
-#include "OrlinthHost/Sending/PhoneLimits.h"
+#include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>

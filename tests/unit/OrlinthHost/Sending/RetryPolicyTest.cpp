@@ -33,7 +33,7 @@ RetryPolicy sending() {
 }
 RetryPolicy hopeful() {
     RetryPolicy policy = sending();
-    policy.reasonToHope();
+    EXPECT_FALSE(policy.reasonToHope()) << "something is under way";
     return policy;
 }
 
@@ -109,7 +109,7 @@ TEST(RetryPolicy, LetsOthersGoOnDuringAPauseAndBeginsNone) {
 
 TEST(RetryPolicy, EndsAPauseWhenThereIsReasonToHope) {
     RetryPolicy policy = pausing(4);
-    policy.reasonToHope();
+    EXPECT_TRUE(policy.reasonToHope());
     EXPECT_EQ(policy.state(), State::idle);
     policy.began();
     EXPECT_EQ(policy.ended(Outcome::failed, at(0)), 5) << "what failed before does not count";
@@ -119,7 +119,7 @@ TEST(RetryPolicy, TriesAtOnceAfterAFailureWithHopeButNotTwice) {
     RetryPolicy policy = hopeful();
     EXPECT_FALSE(policy.ended(Outcome::failed, at(0)));
     policy.began();
-    policy.reasonToHope();
+    EXPECT_FALSE(policy.reasonToHope());
     EXPECT_EQ(policy.ended(Outcome::failed, at(0)), 5);
 }
 
@@ -142,10 +142,24 @@ TEST(RetryPolicy, BelievesAPhoneThatIsHeardOfLater) {
 
 TEST(RetryPolicy, HearsOfAPhoneWhileItSends) {
     RetryPolicy policy = sending();
-    EXPECT_TRUE(policy.heard(at(0)));
+    EXPECT_FALSE(policy.heard(at(0)));
     EXPECT_EQ(policy.state(), State::hopeful);
     EXPECT_FALSE(policy.ended(Outcome::failed, at(0)));
     EXPECT_EQ(policy.state(), State::idle);
+}
+
+TEST(RetryPolicy, KeepsAPauseWhileOthersAreUnderWay) {
+    for (const bool isHeard : {false, true}) {
+        RetryPolicy policy = sending();
+        policy.began();
+        EXPECT_FALSE(policy.ended(Outcome::answered, at(0)));
+        EXPECT_EQ(policy.pause(at(0)), 5) << "what was in doubt is offered again after a pause";
+        EXPECT_FALSE(isHeard ? policy.heard(at(1)) : policy.reasonToHope());
+        EXPECT_EQ(policy.state(), State::pausing);
+        policy.pauseIsOver();
+        EXPECT_EQ(policy.state(), State::sending);
+        EXPECT_TRUE(policy.mayBegin());
+    }
 }
 
 TEST(RetryPolicy, PausesWhereNothingCouldBegin) {

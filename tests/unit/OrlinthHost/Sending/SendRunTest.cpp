@@ -82,15 +82,20 @@ public:
 
     /// Connections, as they come, that are ended before a word is said.
     std::function<bool(int number)> turnsAway = [](int) { return false; };
+    /// Takes the first chunk of a file, resets the connection then, and goes on from there the next time.
+    std::function<bool(int number)> breaksInTheMiddle = [](int) { return false; };
     /// Resets the connection behind the end of the file.
     std::function<bool(int number)> breaksOff = [](int) { return false; };
     /// What it answers to an offer instead of taking the file.
     std::optional<Row> answer;
     /// Seconds from the offer to the answer.
     double thinks = 0;
+    std::map<int, double> thinksLonger; ///< some connections
 
-    std::vector<std::string> names; ///< of what it has taken
-    std::vector<std::string> ids;   ///< that were offered
+    std::vector<std::string> names;           ///< of what it has taken
+    std::vector<std::string> ids;             ///< that were offered
+    std::map<std::string, std::int64_t> held; ///< bytes of transfers that broke, by id
+    std::vector<std::int64_t> resumedAt;      ///< where each connection went on
     int connections = 0;
     int most = 0; ///< at once
 
@@ -116,13 +121,22 @@ private:
         ScriptedPeer peer(std::move(wire), std::move(handshake).finalize());
         const auto offer = co_await peer.expect<Row::FileOffer>();
         ids.push_back(offer.transfer_id);
-        co_await world_.clock.sleep(thinks);
+        const auto longer = thinksLonger.find(number);
+        co_await world_.clock.sleep(longer != thinksLonger.end() ? longer->second : thinks);
         if (answer) {
             co_await peer.send(*answer);
             static_cast<void>(co_await peer.seesTheEnd());
             co_return;
         }
-        co_await peer.send(Row::resume(offer.transfer_id, 0));
+        std::int64_t& has = held[offer.transfer_id];
+        resumedAt.push_back(has);
+        co_await peer.send(Row::resume(offer.transfer_id, has));
+        if (breaksInTheMiddle(number)) {
+            const DecodedFrame piece = co_await peer.receive();
+            has += static_cast<std::int64_t>(std::get<Bytes>(piece).size());
+            raw->abort();
+            co_return;
+        }
         const Bytes data = co_await peer.receiveUntilDone();
         if (breaksOff(number)) {
             raw->abort();
@@ -239,6 +253,46 @@ TEST_F(SendRunTest, TriesAgainAloneWhatFailedAmongOthers) {
     EXPECT_THAT(told_.of("putBack"), ElementsAre("putBack 2.txt to Pixel-8"));
     EXPECT_THAT(phone_->names, SizeIs(12));
     EXPECT_EQ(phone_->most, 2) << "then one, until nine more were taken";
+}
+
+TEST_F(SendRunTest, GoesOnAloneWithWhatBrokeInTheMiddleAmongOthers) {
+    phoneListens();
+    phone_->thinks = 1;
+    phone_->breaksInTheMiddle = [](int number) { return number == 2; };
+    std::vector<std::string> paths = files(3);
+    world_.files.put(paths[1], std::string(2'000'000, 'y'));
+    world_.files.put(paths[2], std::string(2'000'000, 'x'));
+    EXPECT_EQ(send(paths), 0);
+    EXPECT_THAT(told_.of("putBack"), SizeIs(1));
+    EXPECT_THAT(told_.of("delivered"), SizeIs(3));
+    EXPECT_THAT(phone_->resumedAt, ElementsAre(0, 0, 0, 1'048'576));
+    EXPECT_THAT(journal_.snapshotEntries(), IsEmpty());
+}
+
+TEST_F(SendRunTest, FailsAFileThatBreaksInTheMiddleAlone) {
+    phoneListens();
+    phone_->breaksInTheMiddle = [](int number) { return number == 0; };
+    world_.files.put("/home/ann/a.bin", std::string(2'000'000, 'x'));
+    EXPECT_EQ(send({"/home/ann/a.bin"}), 1);
+    EXPECT_THAT(told_.of("putBack"), IsEmpty());
+    EXPECT_THAT(journal_.snapshotEntries(), SizeIs(1)) << "for the next time";
+}
+
+TEST_F(SendRunTest, CountsWhatWaitsForAnotherAttemptAsCutShortWhenItIsCancelled) {
+    phoneListens();
+    phone_->thinks = 1;
+    phone_->breaksInTheMiddle = [](int number) { return number == 2; };
+    std::vector<std::string> paths = files(4);
+    world_.files.put(paths[2], std::string(2'000'000, 'x'));
+    phone_->thinksLonger[1] = 100; // so that the one that broke waits for its turn
+    make(paths, {world_.phoneRecord()});
+    sendUntil(50);
+    EXPECT_THAT(told_.of("delivered"), SizeIs(1));
+    EXPECT_THAT(told_.of("putBack"), SizeIs(1));
+    EXPECT_THAT(run_->interruption().cutShort, ElementsAre(testing::Field(&SendEvents::Transfer::size, 10),
+                                                           testing::Field(&SendEvents::Transfer::size, 2'000'000)));
+    EXPECT_EQ(run_->interruption().notBegun, 1U);
+    EXPECT_THAT(journal_.snapshotEntries(), SizeIs(3)) << "for the next time";
 }
 
 TEST_F(SendRunTest, FailsAFileWhoseOnlyConnectionIsTurnedAway) {
