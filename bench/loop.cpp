@@ -7,64 +7,36 @@
 // a 4-byte big-endian length, up to 1 MiB of data and a 16-byte tag; its nonce is its number. No handshake: the key is
 // all zero, which costs as much as any other. With --no-cipher the data goes as it is: what plain TCP allows here.
 
+#include "bench/BlockingIo.h"
+
 #include <openssl/evp.h>
 
-#include <arpa/inet.h>
 #include <array>
-#include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sched.h>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <sys/socket.h>
-#include <system_error>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
+using namespace bench;
+
 constexpr std::size_t chunkBytes = std::size_t{1} << 20;
 constexpr std::size_t prefixBytes = 4;
 constexpr std::size_t tagBytes = 16;
-
-[[noreturn]] void failSystem(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
-template <typename Integer>
-Integer checkSystem(Integer result, const char* what) {
-    if (result < 0) {
-        failSystem(what);
-    }
-    return result;
-}
 
 void checkCipher(int result) {
     if (result <= 0) {
         throw std::runtime_error("cipher: refused");
     }
 }
-
-/// Closed at the end of its scope.
-class Descriptor {
-public:
-    explicit Descriptor(int number) : number_(number) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(number_); }
-    [[nodiscard]] int get() const { return number_; }
-
-private:
-    int number_;
-};
 
 /// One direction's cipher with its counter; or none at all.
 class Cipher {
@@ -115,15 +87,6 @@ struct Arguments {
     std::uint16_t port = 0;
 };
 
-int numberFrom(std::string_view text) {
-    int number = 0;
-    const auto [end, error] = std::from_chars(text.begin(), text.end(), number);
-    if (error != std::errc() || end != text.end() || number < 0) {
-        throw std::invalid_argument("not a number: " + std::string(text));
-    }
-    return number;
-}
-
 Arguments parse(std::vector<std::string_view> words) {
     Arguments arguments;
     std::vector<std::string_view> places;
@@ -155,56 +118,12 @@ void pin(int processor) {
     checkSystem(sched_setaffinity(0, sizeof set, &set), "pin");
 }
 
-sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-void sendImmediately(int connection) {
-    const int yes = 1;
-    checkSystem(setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes), "TCP_NODELAY");
-}
-
-/// Fills the buffer; false if the stream ended before its first byte.
-bool readExact(int connection, unsigned char* into, std::size_t length) {
-    for (std::size_t filled = 0; filled < length;) {
-        const ssize_t count = checkSystem(recv(connection, into + filled, length - filled, MSG_WAITALL), "receive");
-        if (count == 0) {
-            if (filled == 0) {
-                return false;
-            }
-            throw std::runtime_error("receive: the stream ended within a frame");
-        }
-        filled += static_cast<std::size_t>(count);
-    }
-    return true;
-}
-
-void sendAll(int connection, const unsigned char* data, std::size_t length) {
-    for (std::size_t sent = 0; sent < length;) {
-        sent +=
-            static_cast<std::size_t>(checkSystem(::send(connection, data + sent, length - sent, MSG_NOSIGNAL), "send"));
-    }
-}
-
-void writeAll(int file, const unsigned char* data, std::size_t length) {
-    for (std::size_t written = 0; written < length;) {
-        written += static_cast<std::size_t>(checkSystem(write(file, data + written, length - written), "write"));
-    }
-}
-
 std::vector<unsigned char> makeBuffer() {
     return std::vector<unsigned char>(prefixBytes + chunkBytes + tagBytes);
 }
 
 void sendFile(const Arguments& arguments) {
-    const Descriptor connection(checkSystem(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
-    const sockaddr_in address = loopback(arguments.port);
-    checkSystem(connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), "connect");
-    sendImmediately(connection.get());
+    const Descriptor connection = connectToLoopback(arguments.port);
     const Descriptor file(checkSystem(open(arguments.file.c_str(), O_RDONLY | O_CLOEXEC), "open"));
 
     Cipher cipher(true);
@@ -221,27 +140,19 @@ void sendFile(const Arguments& arguments) {
         }
         const std::uint32_t prefix = htonl(static_cast<std::uint32_t>(count + overhead));
         std::memcpy(buffer.data(), &prefix, sizeof prefix);
-        sendAll(connection.get(), buffer.data(), prefixBytes + count + overhead);
+        sendAll(connection, buffer.data(), prefixBytes + count + overhead);
     }
     checkSystem(shutdown(connection.get(), SHUT_WR), "shutdown");
-    readExact(connection.get(), data, 1); // until the other side has closed
+    readExact(connection, data, 1); // until the other side has closed
 }
 
 Descriptor acceptOne() {
-    const Descriptor listener(checkSystem(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    checkSystem(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), size), "bind");
-    checkSystem(listen(listener.get(), 1), "listen");
-    checkSystem(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size), "getsockname");
-    std::printf("%d\n", ntohs(address.sin_port));
-    std::fflush(stdout);
-    return Descriptor(checkSystem(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC), "accept"));
+    const Descriptor listener = listenOnLoopback(1);
+    return acceptFrom(listener);
 }
 
 void receiveFile(const Arguments& arguments) {
     const Descriptor connection = acceptOne();
-    sendImmediately(connection.get());
     const Descriptor file(
         checkSystem(open(arguments.file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666), "create"));
 
@@ -249,16 +160,16 @@ void receiveFile(const Arguments& arguments) {
     const std::size_t overhead = arguments.cipher ? tagBytes : 0;
     std::vector<unsigned char> buffer = makeBuffer();
     std::uint32_t prefix = 0;
-    while (readExact(connection.get(), reinterpret_cast<unsigned char*>(&prefix), sizeof prefix)) {
+    while (readExact(connection, reinterpret_cast<unsigned char*>(&prefix), sizeof prefix)) {
         const std::size_t length = ntohl(prefix);
         if (length < overhead || length > chunkBytes + overhead ||
-            !readExact(connection.get(), buffer.data(), length)) {
+            !readExact(connection, buffer.data(), length)) {
             throw std::runtime_error("receive: malformed frame");
         }
         if (arguments.cipher) {
             cipher.open(buffer.data(), length - overhead);
         }
-        writeAll(file.get(), buffer.data(), length - overhead);
+        writeAll(file, buffer.data(), length - overhead);
     }
 }
 
