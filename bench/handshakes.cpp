@@ -1,11 +1,12 @@
 // The yardstick for many small files in bench/many: their handshakes and messages, and nothing else.
 //
-//     handshakes receive FOLDER COUNT      prints its port, takes so many files, ends with the last one
-//     handshakes send PORT FILE...
+//     handshakes receive LANES FOLDER COUNT      prints its port, takes so many files, ends with the last one
+//     handshakes send LANES PORT FILE...
 //
 // Every file has a connection of its own, as `orlinth send` makes it: the same handshake, the same offer and answer, one
-// frame of data, the same end. Eight threads a side, blocking calls, files read and written where they are. There is no
-// event loop, no journal, no partial file and no flush: what `orlinth` takes beyond this goes into those.
+// frame of data, the same end. So many connections at once, one thread for each; blocking calls, files read and written
+// where they are. There is no event loop, no journal, no partial file and no flush: what `orlinth` takes beyond this
+// goes into those.
 
 #include "bench/BlockingIo.h"
 
@@ -26,8 +27,6 @@ namespace {
 
 using namespace bench;
 using namespace orlinth;
-
-constexpr int lanes = 8; // as many connections as `orlinth send` makes to one phone
 
 /// Frames over a blocking socket: 4-byte big-endian length, then the body.
 class Frames {
@@ -124,9 +123,9 @@ void receiveFile(const Descriptor& listener, const std::string& folder, const pl
     static_cast<void>(expect<TransportMessage::Done>(frames, framer));
 }
 
-/// Calls `work(number)` for every number below `count`, on as many threads as there are lanes.
+/// Calls `work(number, buffer)` for every number below `count`, on so many threads.
 template <typename Work>
-void shareOut(int count, const Work& work) {
+void shareOut(int lanes, int count, const Work& work) {
     std::atomic<int> next = 0;
     std::mutex lock;
     std::exception_ptr failure;
@@ -154,16 +153,17 @@ void shareOut(int count, const Work& work) {
 
 void run(const std::vector<std::string>& words) {
     const platform::PrivateKey key = platform::PrivateKey::generate();
-    if (words.size() == 3 && words[0] == "receive") {
+    if (words.size() == 4 && words[0] == "receive") {
+        const int lanes = numberFrom(words[1]);
         const Descriptor listener = listenOnLoopback(lanes);
-        shareOut(numberFrom(words[2]), [&](int, FrameBuffer&) { receiveFile(listener, words[1], key); });
-    } else if (words.size() > 2 && words[0] == "send") {
-        const auto port = static_cast<std::uint16_t>(numberFrom(words[1]));
-        shareOut(static_cast<int>(words.size()) - 2, [&](int number, FrameBuffer& buffer) {
-            sendFile(words[static_cast<std::size_t>(number) + 2], port, key, buffer);
+        shareOut(lanes, numberFrom(words[3]), [&](int, FrameBuffer&) { receiveFile(listener, words[2], key); });
+    } else if (words.size() > 3 && words[0] == "send") {
+        const auto port = static_cast<std::uint16_t>(numberFrom(words[2]));
+        shareOut(numberFrom(words[1]), static_cast<int>(words.size()) - 3, [&](int number, FrameBuffer& buffer) {
+            sendFile(words[static_cast<std::size_t>(number) + 3], port, key, buffer);
         });
     } else {
-        throw std::invalid_argument("usage: handshakes receive FOLDER COUNT | handshakes send PORT FILE...");
+        throw std::invalid_argument("usage: handshakes receive LANES FOLDER COUNT | send LANES PORT FILE...");
     }
 }
 
