@@ -3,16 +3,15 @@
 //     handshakes receive LANES FOLDER COUNT      prints its port, takes so many files, ends with the last one
 //     handshakes send LANES PORT FILE...
 //
-// Every file has a connection of its own, as `orlinth send` makes it: the same handshake, the same offer and answer, one
-// frame of data, the same end. So many connections at once, one thread for each; blocking calls, files read and written
-// where they are. There is no event loop, no journal, no partial file and no flush: what `orlinth` takes beyond this
-// goes into those.
-
-#include "bench/BlockingIo.h"
+// Every file has a connection of its own, as `orlinth send` makes it: the same handshake, the same offer and answer,
+// one frame of data, the same end. So many connections at once, one thread for each; blocking calls, files read and
+// written where they are. There is no event loop, no journal, no partial file and no flush: what `orlinth` takes beyond
+// this goes into those.
 
 #include "OrlinthCore/SecureChannel/FrameBuffer.h"
 #include "OrlinthCore/SecureChannel/HandshakeExchange.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
+#include "bench/BlockingIo.h"
 
 #include <atomic>
 #include <cstring>

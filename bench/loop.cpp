@@ -162,8 +162,7 @@ void receiveFile(const Arguments& arguments) {
     std::uint32_t prefix = 0;
     while (readExact(connection, reinterpret_cast<unsigned char*>(&prefix), sizeof prefix)) {
         const std::size_t length = ntohl(prefix);
-        if (length < overhead || length > chunkBytes + overhead ||
-            !readExact(connection, buffer.data(), length)) {
+        if (length < overhead || length > chunkBytes + overhead || !readExact(connection, buffer.data(), length)) {
             throw std::runtime_error("receive: malformed frame");
         }
         if (arguments.cipher) {

@@ -101,6 +101,13 @@ Task<std::size_t> MemoryStream::readExact(MutableBytes into) {
     co_return filled;
 }
 
+Task<> MemoryStream::untilEnded() {
+    const std::shared_ptr<detail::Pipe> pipe = incoming_; // which is broken when this end is cancelled or gone
+    while (!pipe->broken && !pipe->ended) {
+        co_await pipe->changed.wait();
+    }
+}
+
 void MemoryStream::finishWriting() noexcept {
     const bool vanishes = outgoing_->faults.vanishAfter && outgoing_->written >= *outgoing_->faults.vanishAfter;
     if (vanishes) {

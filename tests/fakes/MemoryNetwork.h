@@ -78,6 +78,7 @@ public:
     [[nodiscard]] bool hasEnded() const noexcept override {
         return cancelled_ || incoming_->broken || incoming_->ended;
     }
+    [[nodiscard]] Task<> untilEnded() override;
     /// The peer's system takes at once whatever arrives.
     [[nodiscard]] std::optional<std::int64_t> unacknowledgedBytes() const noexcept override;
     [[nodiscard]] Executor executor() const override { return executor_; }

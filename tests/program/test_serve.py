@@ -7,6 +7,7 @@ import pathlib
 import signal
 import socket
 import subprocess
+import sys
 import time
 import unittest
 
@@ -19,6 +20,24 @@ from terminal import Terminal
 # What the service promises, and what a busy machine may add.
 SECONDS_TO_END = 20 if SANITIZED else 2
 LEEWAY = 3
+
+# A shell with one program in the foreground, which does what the socket says.
+SHELL = """
+import os, signal, socket, subprocess, sys
+signal.signal(signal.SIGTTOU, signal.SIG_IGN)
+orders = socket.socket(fileno=int(sys.argv[1]))
+program = subprocess.Popen(sys.argv[2:], process_group=0)
+os.tcsetpgrp(0, program.pid)
+while order := orders.recv(1):
+    if order == b"r":
+        orders.sendall(os.read(0, 100))
+        continue
+    if order == b"e":
+        program.terminate()
+        sys.exit(program.wait())
+    os.tcsetpgrp(0, os.getpgrp() if order == b"t" else program.pid)
+    orders.sendall(order)
+"""
 
 
 def wait_for_count(events, name, count):
@@ -507,6 +526,32 @@ class Accepting(ServeTest):
         self.assert_ends(service)
         os.close(terminal.end)
 
+    def test_what_is_typed_for_another_program_is_no_answer(self):
+        terminal = Terminal(80)
+        self.addCleanup(lambda: os.close(terminal.screen))
+        ours, theirs = socket.socketpair()
+        self.addCleanup(ours.close)
+        service = self.terminal_service(terminal, [sys.executable, "-c", SHELL, str(theirs.fileno())],
+                                        pass_fds=[theirs.fileno()])
+        theirs.close()
+        ours.settimeout(PATIENCE)
+        sender = self.send(self.phone, self.file("a.bin", b"abc"), service.port)
+        self.wait_until(lambda: "[y/N]" in told(service))
+        ours.sendall(b"t")  # the shell takes the terminal
+        self.assertEqual(b"t", ours.recv(1))
+        os.write(terminal.screen, b"y\n")
+        ours.sendall(b"r")  # reads what was typed
+        self.assertEqual(b"y\n", ours.recv(100))
+        ours.sendall(b"g")  # and gives the terminal back
+        self.assertEqual(b"g", ours.recv(1))
+        os.write(terminal.screen, b"n\n")
+        self.assertEqual(1, sender.wait())
+        service.events.wait_for("declined")
+        self.assertEqual([], self.left_over())
+        ours.sendall(b"e")  # ends the service
+        self.assertEqual(0, service.wait())
+        os.close(terminal.end)
+
     def test_a_signal_ends_it_while_a_question_is_open(self):
         terminal = Terminal(80)
         self.addCleanup(lambda: os.close(terminal.screen))
@@ -518,11 +563,11 @@ class Accepting(ServeTest):
         self.assertEqual([], self.left_over())
         os.close(terminal.end)
 
-    def terminal_service(self, terminal):
+    def terminal_service(self, terminal, shell=(), **options):
         """Runs in a session of its own that the terminal belongs to, as from a shell in a window."""
-        service = Running(["setsid", "--ctty", "--wait", ORLINTH, "serve", "--port", "0", "--dir",
+        service = Running(["setsid", "--ctty", "--wait", *shell, ORLINTH, "serve", "--port", "0", "--dir",
                            str(self.desk.downloads), "--json", "--accept", "ask"],
-                          env=self.desk.environment, stdin=terminal.end)
+                          env=self.desk.environment, stdin=terminal.end, **options)
         self.addCleanup(service.close)
         service.port = service.events.wait_for("listening")["port"]
         return service

@@ -23,9 +23,6 @@ namespace {
 /// How long a phone gets to read our last word before the connection is closed in any case.
 constexpr double farewellSeconds = 5;
 
-/// Between two looks whether a phone is still there while somebody is asked about its offer.
-constexpr double hangUpLookSeconds = 0.25;
-
 /// Closes the connection when the handshake takes longer than it may, as a whole.
 class HandshakeAlarm {
 public:
@@ -319,12 +316,7 @@ private:
     }
 
     [[nodiscard]] Task<> watchPhone(OneShot<bool>& answer) {
-        while (!wire_.hasEnded()) {
-            const bool isOver = !co_await platform::sleepUnlessCancelled(context_.system.clock, hangUpLookSeconds);
-            if (isOver) {
-                co_return;
-            }
-        }
+        co_await wire_.untilEnded();
         answer.fail(std::make_exception_ptr(WireConnection::Error::eof()));
     }
 

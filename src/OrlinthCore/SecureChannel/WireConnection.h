@@ -87,6 +87,9 @@ public:
 
     /// Whether the peer has ended its side, or the connection is broken or closed; looks without reading.
     [[nodiscard]] bool hasEnded() const noexcept { return connection_->hasEnded(); }
+    /// Returns once that is so; one such wait at once. This outlives the task. @throws platform::Cancelled,
+    /// platform::SystemError
+    [[nodiscard]] Task<> untilEnded() { return connection_->untilEnded(); }
 
     [[nodiscard]] std::string remoteEndpoint() const { return connection_->remoteEndpoint(); }
 

@@ -52,6 +52,8 @@ public:
     void abort() noexcept override { stream_->abort(); }
     void resetOnClose(bool resets) noexcept override { stream_->resetOnClose(resets); }
     void setKeepAlive(const platform::KeepAlive& keepAlive) noexcept override { stream_->setKeepAlive(keepAlive); }
+    [[nodiscard]] bool hasEnded() const noexcept override { return stream_->hasEnded(); }
+    [[nodiscard]] Task<> untilEnded() override { return stream_->untilEnded(); }
     [[nodiscard]] std::optional<std::int64_t> unacknowledgedBytes() const noexcept override {
         return stream_->unacknowledgedBytes();
     }

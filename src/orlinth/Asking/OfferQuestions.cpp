@@ -4,11 +4,15 @@
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "base/Text.h"
 #include "orlinth/Reporting/Terminal.h"
+#include "platform/SystemError.h"
+
+#include <asio/experimental/awaitable_operators.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <termios.h>
 #include <unistd.h>
 #include <utility>
@@ -16,10 +20,6 @@
 namespace orlinth::cli {
 
 namespace {
-
-/// How often we look whether there is an answer on the terminal: a person does not notice. That there is something to
-/// read would not do, as it may be for another program: whose terminal it is changes without a word to us.
-constexpr double lookSeconds = 0.1;
 
 constexpr std::size_t longestAnswer = 1024;
 
@@ -162,17 +162,40 @@ Task<> OfferQuestions::attend(QuestionRef question, std::uint64_t offer) {
     const Attendance attendance(*this, question);
     const auto isDone = [&question, offer] { return question->answer || question->newest != offer; };
     const auto isNews = [&question, &isDone] { return isDone() || *question->pressed; };
+    std::optional<platform::DescriptorWatch> typing;
     while (!isDone()) {
         if (question->asked == Asked::notYet && host_.system.clock.now() >= restUntil_) {
             ask(*question);
         }
-        if (question->asked != Asked::notYet) {
+        if (question->asked == Asked::onTerminal && !typing) {
+            watchTerminal(*question, typing);
+        }
+        if (question->asked != Asked::notYet && !question->answer) {
             lookForAnswer(*question);
         }
         if (!question->answer) {
-            const double seconds = secondsToNextLook(*question);
-            static_cast<void>(co_await news_->until(isNews, host_.system.clock, seconds));
+            Task<bool> news = news_->until(isNews, host_.system.clock, secondsToNextLook(*question));
+            if (typing) {
+                using namespace asio::experimental::awaitable_operators;
+                Task<> typed = typing->wait();
+                co_await (std::move(typed) || std::move(news));
+            } else {
+                static_cast<void>(co_await std::move(news));
+            }
         }
+    }
+}
+
+/// Waits for what is typed from now on, not for what is there to read: that may be for another program, which has the
+/// terminal for a while, and whose terminal it is changes without a word to us.
+void OfferQuestions::watchTerminal(Question& question, std::optional<platform::DescriptorWatch>& typing) {
+    try {
+        typing.emplace(host_.tasks.executor(), STDIN_FILENO, EPOLLIN | EPOLLET);
+    } catch (const platform::SystemError& error) {
+        writeToStandardError("\n");
+        host_.output.failure("cannot wait for an answer on the terminal, so the file is declined: " +
+                             error.description());
+        settle(question, false);
     }
 }
 
@@ -268,9 +291,6 @@ bool OfferQuestions::hasTime(const Question& question) const {
 
 /// When there is something to do if nobody answers: to ask, as the rest is over, or to give up.
 double OfferQuestions::secondsToNextLook(const Question& question) const {
-    if (question.asked == Asked::onTerminal) {
-        return lookSeconds;
-    }
     const platform::Clock::Instant next = question.asked == Asked::notYet ? restUntil_ : question.end;
     return (next - host_.system.clock.now()).count();
 }

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "orlinth/Program/Host.h"
 #include "platform/Condition.h"
+#include "platform/linux/DescriptorWait.h"
 
 #include <cstdint>
 #include <deque>
@@ -65,6 +66,7 @@ private:
     [[nodiscard]] Task<> attend(QuestionRef question, std::uint64_t offer);
     void chooseNext();
     void ask(Question& question);
+    void watchTerminal(Question& question, std::optional<platform::DescriptorWatch>& typing);
     void lookForAnswer(Question& question);
     void settle(Question& question, bool isWanted);
     void takeBack(Question& question);

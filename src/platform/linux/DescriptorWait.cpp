@@ -4,7 +4,6 @@
 #include "platform/SystemError.h"
 #include "platform/linux/Descriptor.h"
 
-#include <asio/posix/stream_descriptor.hpp>
 #include <asio/redirect_error.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
@@ -22,33 +21,49 @@ bool isReadable(int descriptor) {
 
 } // namespace
 
-Task<> untilReadable(int descriptor) {
-    if (isReadable(descriptor)) {
-        co_return;
-    }
-    const Executor executor = co_await asio::this_coro::executor;
-    // Readable whenever the other one is. Asio makes what it waits for non-blocking, for everybody who has it open; so
-    // it gets a descriptor that nobody else has.
+// Asio makes what it waits for non-blocking, for everybody who has it open; so it gets a descriptor that nobody else
+// has, and that is readable whenever there is an event at the other one.
+DescriptorWatch::DescriptorWatch(const Executor& executor, int descriptor, std::uint32_t events) : epoll_(executor) {
     detail::Descriptor epoll = detail::Descriptor::require(::epoll_create1(EPOLL_CLOEXEC));
-    asio::posix::stream_descriptor watch(executor);
+    epoll_event wanted{};
+    wanted.events = events;
+    if (::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, descriptor, &wanted) == -1) {
+        throw SystemError::fromErrno();
+    }
     std::error_code code;
-    static_cast<void>(watch.assign(epoll.get(), code));
+    static_cast<void>(epoll_.assign(epoll.get(), code));
     if (code) { // no room for another one to wait for
         throw SystemError(code);
     }
     static_cast<void>(epoll.release());
-    epoll_event wanted{};
-    wanted.events = EPOLLIN;
-    if (::epoll_ctl(watch.native_handle(), EPOLL_CTL_ADD, descriptor, &wanted) == -1) {
-        throw SystemError::fromErrno();
+}
+
+Task<> DescriptorWatch::wait() {
+    for (int count = 0; count == 0;) {
+        std::error_code code;
+        try {
+            co_await epoll_.async_wait(asio::posix::stream_descriptor::wait_read,
+                                       asio::redirect_error(asio::use_awaitable, code));
+        } catch (const std::exception& error) {
+            throwFromAwait(error);
+        }
+        throwIfFailed(code);
+        epoll_event event{};
+        count = ::epoll_wait(epoll_.native_handle(), &event, 1, 0); // takes news off its list
     }
-    try {
-        co_await watch.async_wait(asio::posix::stream_descriptor::wait_read,
-                                  asio::redirect_error(asio::use_awaitable, code));
-    } catch (const std::exception& error) {
-        throwFromAwait(error);
+}
+
+void DescriptorWatch::close() noexcept {
+    std::error_code ignored; // it is closed in any case
+    static_cast<void>(epoll_.close(ignored));
+}
+
+Task<> untilReadable(int descriptor) {
+    if (isReadable(descriptor)) {
+        co_return;
     }
-    throwIfFailed(code);
+    DescriptorWatch watch(co_await asio::this_coro::executor, descriptor, EPOLLIN);
+    co_await watch.wait();
 }
 
 } // namespace orlinth::platform

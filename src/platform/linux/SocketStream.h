@@ -3,6 +3,7 @@
 #include "platform/Cancelled.h"
 #include "platform/Network.h"
 #include "platform/SystemError.h"
+#include "platform/linux/DescriptorWait.h"
 
 #include <asio/post.hpp>
 #include <asio/redirect_error.hpp>
@@ -11,8 +12,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <poll.h>
 #include <string>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <utility>
 
@@ -119,6 +122,9 @@ public:
     void cancel() noexcept override {
         if (!cancelled_) {
             cancelled_ = true;
+            if (end_) {
+                end_->close();
+            }
             std::error_code ignored; // the socket is closed in any case
             static_cast<void>(socket_.close(ignored));
         }
@@ -128,6 +134,19 @@ public:
         pollfd look{.fd = descriptor(), .events = POLLRDHUP, .revents = 0};
         constexpr short ends = POLLRDHUP | POLLHUP | POLLERR | POLLNVAL;
         return cancelled_ || (::poll(&look, 1, 0) > 0 && (look.revents & ends) != 0);
+    }
+
+    Task<> untilEnded() override {
+        while (!hasEnded()) {
+            end_.emplace(executor(), descriptor(), EPOLLRDHUP);
+            try {
+                co_await end_->wait();
+            } catch (const Cancelled&) {
+                if (!cancelled_) { // the task was, not the connection
+                    throw;
+                }
+            }
+        }
     }
 
     Executor executor() const override { return const_cast<Socket&>(socket_).get_executor(); }
@@ -174,6 +193,7 @@ private:
     bool cancelled_ = false;
     int lowWaterMark_ = 1; ///< bytes that must have come before a wait ends; the system's own value at first
     std::size_t spentOfTurn_ = 0;
+    std::optional<DescriptorWatch> end_; ///< of the connection; made by the first who waits for it
 };
 
 } // namespace orlinth::platform

@@ -11,6 +11,7 @@
 #include <array>
 #include <fcntl.h>
 #include <fstream>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 namespace orlinth::platform {
@@ -84,6 +85,30 @@ TEST_F(DescriptorWaitTest, LeavesTheDescriptorAsItWasForOthersWhoHaveIt) {
     write();
     runToTheEnd();
     EXPECT_EQ(::fcntl(ends[0], F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(DescriptorWaitTest, TellsOfNewsOnlyAlthoughWhatCameBeforeWasNotRead) {
+    DescriptorWatch watch(context.get_executor(), ends[0], EPOLLIN | EPOLLET);
+    write();
+    fakes::runTask(context, watch.wait());
+    const auto onEnd = [this](const std::exception_ptr& error) { isReadable = error == nullptr; };
+    spawn(context.get_executor(), watch.wait(), onEnd);
+    context.restart();
+    context.poll();
+    EXPECT_FALSE(isReadable) << "that was told";
+    write();
+    runToTheEnd();
+    EXPECT_TRUE(isReadable);
+}
+
+TEST_F(DescriptorWaitTest, EndsAWaitWhenItIsClosed) {
+    DescriptorWatch watch(context.get_executor(), ends[0], EPOLLIN);
+    std::exception_ptr failure;
+    spawn(context.get_executor(), watch.wait(), [&failure](const std::exception_ptr& error) { failure = error; });
+    context.poll();
+    watch.close();
+    runToTheEnd();
+    EXPECT_TRUE(fakes::isCancelled(failure));
 }
 
 TEST_F(DescriptorWaitTest, CanBeCancelled) {

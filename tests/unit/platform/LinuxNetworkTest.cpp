@@ -678,5 +678,40 @@ TEST_F(LinuxNetworkTest, KnowsThatThePeerHasEndedWithoutReading) {
     EXPECT_TRUE(streams.first->hasEnded()) << "closed by ourselves";
 }
 
+TEST_F(LinuxNetworkTest, WaitsForTheEndOfAConnection) {
+    Streams streams = connected();
+    bool hasEnded = false;
+    const auto wait = [&](const std::exception_ptr& error) {
+        EXPECT_FALSE(error);
+        hasEnded = true;
+    };
+    fakes::runTask(context_, writeBytes(*streams.second, pattern(1000)));
+    spawn(context_.get_executor(), streams.first->untilEnded(), wait);
+    context_.restart();
+    context_.poll();
+    EXPECT_FALSE(hasEnded) << "what has come is no end";
+    streams.second->finishWriting();
+    context_.restart();
+    context_.run_for(std::chrono::seconds(30));
+    EXPECT_TRUE(hasEnded) << "although there is something to be read";
+    EXPECT_EQ(fakes::runTask(context_, readBytes(*streams.first, 2000)), pattern(1000));
+    fakes::runTask(context_, streams.first->untilEnded()); // once more, and at once
+
+    hasEnded = false;
+    spawn(context_.get_executor(), streams.second->untilEnded(), wait);
+    context_.restart();
+    context_.poll();
+    EXPECT_FALSE(hasEnded);
+    streams.second->cancel();
+    context_.restart();
+    context_.run_for(std::chrono::seconds(30));
+    EXPECT_TRUE(hasEnded) << "closed by ourselves";
+}
+
+TEST_F(LinuxNetworkTest, CanBeCancelledWhileItWaitsForTheEnd) {
+    const Streams streams = connected();
+    EXPECT_TRUE(fakes::isCancelled(fakes::cancelMidway(context_, streams.first->untilEnded())));
+}
+
 } // namespace
 } // namespace orlinth::platform
