@@ -21,7 +21,8 @@ namespace {
 unsigned mostThreads() {
     constexpr unsigned least = 16;
     constexpr unsigned most = 32;
-    return std::clamp(4 * std::thread::hardware_concurrency(), least, most);
+    static const unsigned processors = std::thread::hardware_concurrency(); // reads a file, and does not change
+    return std::clamp(4 * processors, least, most);
 }
 
 /// Of the pool for what blocks: a third more than one phone may have connections, those that are closing included, so
