@@ -88,7 +88,7 @@ bool isTakenWithPartial(const Folder& folder, const FileName& name) {
 std::optional<std::int64_t> resumeOffset(Folder& folder, const FileName& partial,
                                          const CollisionResolver::Transfer& transfer) {
     const std::optional<PartialMeta> meta = PartialMetaIO::load(folder, partial);
-    if (!meta || !meta->isOf(transfer.id, transfer.phone)) {
+    if (!meta || !meta->mayBeContinuedBy(transfer.id, transfer.phone)) {
         return std::nullopt;
     }
     try {

@@ -296,7 +296,7 @@ void IncomingFile::moveIntoPlace() {
 /// An earlier session may have been killed behind the move, before it could do this.
 void IncomingFile::tidyUpBehindDelivered() {
     const std::optional<PartialMeta> meta = PartialMetaIO::load(*folder_, target_.partial);
-    if (meta && meta->isOf(TransferId(offer_.transfer_id), phone_) && !folder_->status(target_.partial)) {
+    if (meta && meta->mayBeContinuedBy(TransferId(offer_.transfer_id), phone_) && !folder_->status(target_.partial)) {
         PartialMetaIO::remove(*folder_, target_.partial);
     }
 }

@@ -30,7 +30,7 @@ PartialMeta PartialMeta::fromJson(const Json& json) {
     return meta;
 }
 
-bool PartialMeta::isOf(const TransferId& transferId, const PeerKey& phone) const {
+bool PartialMeta::mayBeContinuedBy(const TransferId& transferId, const PeerKey& phone) const {
     return transfer_id == transferId && (peer_pubkey.isEmpty() || peer_pubkey == phone);
 }
 

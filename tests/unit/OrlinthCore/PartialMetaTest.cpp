@@ -92,10 +92,10 @@ TEST(PartialMeta, SaysOfWhomItIsIfThatIsKnown) {
                                       "  \"transfer_id\" : \"6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D\"\n"
                                       "}");
     EXPECT_EQ(load(files), meta);
-    EXPECT_TRUE(meta.isOf(meta.transfer_id, meta.peer_pubkey));
-    EXPECT_FALSE(meta.isOf(meta.transfer_id, PeerKey("another phone")));
-    EXPECT_FALSE(meta.isOf(TransferId("another transfer"), meta.peer_pubkey));
-    EXPECT_TRUE(example.isOf(example.transfer_id, PeerKey("any phone"))) << "as older versions have written it";
+    EXPECT_TRUE(meta.mayBeContinuedBy(meta.transfer_id, meta.peer_pubkey));
+    EXPECT_FALSE(meta.mayBeContinuedBy(meta.transfer_id, PeerKey("another phone")));
+    EXPECT_FALSE(meta.mayBeContinuedBy(TransferId("another transfer"), meta.peer_pubkey));
+    EXPECT_TRUE(example.mayBeContinuedBy(example.transfer_id, PeerKey("any phone"))) << "as older versions have written it";
 }
 
 TEST(PartialMeta, IsNothingWhereAMemberIsMissingOrOfAnotherType) {
