@@ -78,7 +78,7 @@ class Sharing(OutboxTest):
         self.phone_listens()
         self.share(self.file("a.txt", b"some text"))
         service = self.running(self.mac, "serve", "--port", "0", "--dir", str(self.mac.downloads))
-        self.wait_until(lambda: service.events.not_json)
+        service.events.wait_until(lambda: service.events.not_json, "line")
         self.assertRegex(service.events.not_json[0].decode(), r"^sent a\.txt to phone \(9 bytes in [^)]*\)\n$")
 
     def test_with_one_phone_nothing_is_chosen_and_with_several_the_last_one_is(self):
@@ -204,9 +204,9 @@ class Noticing(OutboxTest):
         self.mac.environment["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={self.folder}/nobody"
         self.phone_listens()
         service = self.serve(self.mac)
-        self.wait_until(self.outbox.exists)
+        self.wait_until(self.outbox.exists, self.outbox)
         self.outbox.rmdir()
-        self.wait_until(self.outbox.exists)  # the service makes it again
+        self.wait_until(self.outbox.exists, self.outbox)  # the service makes it again
         self.assert_noticed(service, lambda: self.share(self.file("a.txt", b"abc")))
 
 
@@ -230,8 +230,8 @@ class Waiting(OutboxTest):
         file = self.file("big.bin", os.urandom(BIG))
         service = self.serve(self.mac)
         batch = self.share(file)
-        self.wait_until(lambda: any(event["event"] == "outbox_progress" and event["bytes_sent"] >= MIB
-                                    for event in service.events.all))
+        service.events.wait_until(lambda: any(event["event"] == "outbox_progress" and event["bytes_sent"] >= MIB
+                                              for event in service.events.all), "progress")
         begin = time.monotonic()
         self.end(service)
         self.assertLess(time.monotonic() - begin, 2 + LEEWAY)
@@ -290,7 +290,7 @@ class Outbox(OutboxTest):
 
     def test_lists_what_was_set_aside(self):
         service = self.serve(self.mac)
-        self.wait_until(self.outbox.exists)
+        self.wait_until(self.outbox.exists, self.outbox)
         name = self.put_batch(b"{")
         self.wait_for(service, "outbox_failed", batch=name)
         [listed] = self.listed()
@@ -376,13 +376,13 @@ class Outbox(OutboxTest):
                 return [peer["hostname"] for peer in json.loads(shared.read_text())]
             except (OSError, ValueError):
                 return None
-        self.wait_until(lambda: names() == ["phone"])
+        self.wait_until(lambda: names() == ["phone"], shared)
         book = json.loads(self.mac.peer_file.read_text())
         book["peers"][0]["peer_hostname"] = "renamed"
         new = self.mac.peer_file.with_suffix(".new")
         new.write_text(json.dumps(book))
         new.rename(self.mac.peer_file)
-        self.wait_until(lambda: names() == ["renamed"])
+        self.wait_until(lambda: names() == ["renamed"], shared)
         self.end(service)
 
 
