@@ -13,6 +13,10 @@ import tempfile
 import threading
 import time
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests" / "program"))
+
+from waiting import comes_true  # noqa: E402
+
 MIB = 1 << 20
 MADE_FILE = 512 * MIB
 SMALLEST_TO_CUT = 64 * MIB  # below that a kill in the middle is a matter of luck
@@ -241,14 +245,8 @@ class Demo:
         sender = self.send(file)
         threshold = int(file.stat().st_size * CUT_AT)
         partial = downloads / (file.name + ".partial")
-        deadline = time.monotonic() + PATIENCE + threshold / SLOWEST
-        while sender.process.poll() is None and time.monotonic() < deadline:
-            try:
-                if partial.stat().st_size >= threshold:
-                    break
-            except FileNotFoundError:
-                pass
-            time.sleep(0.0005)
+        comes_true(lambda: sender.process.poll() is not None or partial.exists() and partial.stat().st_size >= threshold,
+                   PATIENCE + threshold / SLOWEST, partial, sender.process)
         sender.process.kill()
         status = sender.finish()
         if receiver.finish() == 0:

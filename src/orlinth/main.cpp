@@ -1,7 +1,5 @@
-#include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Program/Settings.h"
-#include "orlinth/Reporting/Hints.h"
 #include "platform/linux/LinuxSystem.h"
 
 #include <algorithm>
@@ -17,8 +15,6 @@
 namespace orlinth::cli {
 
 namespace {
-
-constexpr int wrongCommandLine = 2;
 
 constexpr const char* aboutConventions =
     "Times are in seconds, with decimals. Exit status: 0 everything asked for was done, 1 it was not,\n"
@@ -63,20 +59,6 @@ std::vector<std::string> argumentsOf(int count, char** values) {
     return arguments;
 }
 
-int tellWrongCommandLine(Output& output, const CLI::App& program, const CLI::ParseError& error) {
-    std::string command = "orlinth";
-    for (const CLI::App* chosen = &program; !chosen->get_subcommands().empty();) {
-        chosen = chosen->get_subcommands().front();
-        command += " " + chosen->get_name();
-    }
-    std::string text = error.what();
-    if (program.get_subcommands().empty() && program.remaining_size() > 0) {
-        text = "there is no command '" + program.remaining().front() + "'";
-    }
-    output.failure(text, "`" + command + " --help` explains the command line.");
-    return wrongCommandLine;
-}
-
 /// Text that somebody asked for: help, version.
 int show(Output& output, std::string text) {
     while (!text.empty() && text.back() == '\n') {
@@ -84,24 +66,6 @@ int show(Output& output, std::string text) {
     }
     output.page(text);
     return 0;
-}
-
-/// Runs the chosen command and then whatever it has left to do.
-int runCommand(Command& command, Host& host) {
-    int status = 1;
-    try {
-        status = command.run(host);
-    } catch (const Interrupted& interrupted) {
-        status = interrupted.exitStatus();
-    } catch (const UsageError& error) {
-        status = wrongCommandLine;
-        host.output.failure(error.description(), error.hint());
-    } catch (const host::HostError& error) {
-        host.output.failure(error.description(), error.hint());
-    } catch (const std::exception& error) {
-        host.output.failure(describe(error), hintForOwnFiles(host, error));
-    }
-    return status;
 }
 
 int runProgram(const std::vector<std::string>& arguments, Output& output) {

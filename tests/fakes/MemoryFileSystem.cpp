@@ -88,7 +88,7 @@ void MemoryFileSystem::createDirectories(const Path& path, std::uint32_t permiss
             state_->faults.requireNoCrash();
             const Place place = state_->tree.find(soFar, Links::follow);
             if (place.node && place.node->kind != NodeKind::folder) {
-                fail(ENOTDIR);
+                fail(soFar == path || soFar / "" == path ? EEXIST : ENOTDIR);
             }
             if (place.node) {
                 continue;

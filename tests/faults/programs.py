@@ -5,7 +5,6 @@ import os
 import subprocess
 import tempfile
 import threading
-import time
 
 
 class Program:
@@ -70,12 +69,3 @@ class Program:
         self.thread.join(seconds)
         self.process.stdout.close()
         self.errors.close()
-
-
-def wait_until(condition, seconds, step=0.002):
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            return False
-        time.sleep(step)
-    return True

@@ -159,6 +159,7 @@ class FaultyRelay:
         self.order = itertools.count()
         self.timers = []
         self.orders = queue.SimpleQueue()
+        self.changed = threading.Condition()  # notified whenever the relay's thread has done something
         self.wakes, self.woken = socket.socketpair()
         self.woken.setblocking(False)
         self.listener = socket.create_server(("127.0.0.1", 0), backlog=64)
@@ -222,6 +223,11 @@ class FaultyRelay:
     def has_open(self):
         return any(not connection.is_over for connection in self.connections)
 
+    def wait_until(self, condition, seconds):
+        """Whether this comes true of the connections in this time."""
+        with self.changed:
+            return self.changed.wait_for(condition, seconds)
+
     def quiet_seconds(self):
         return time.monotonic() - self.last_activity
 
@@ -272,6 +278,8 @@ class FaultyRelay:
                 self.orders.get()()
             while self.timers and self.timers[0][0] <= time.monotonic():
                 heapq.heappop(self.timers)[2]()
+            with self.changed:
+                self.changed.notify_all()
 
     def _seconds_to_wait(self):
         """For ever if there is nothing to wait for; and not at all if that is less than epoll can wait for."""

@@ -6,9 +6,9 @@ import threading
 import time
 
 import cases
-from programs import wait_until
-from relay import BACK, Fault
+from relay import Fault
 from verdicts import Seen, judge
+from worlds import Flag, comes_true
 
 # Nothing that is not held up by a fault takes so long.
 PATIENCE = 100.0
@@ -71,7 +71,7 @@ class Trial:
         self.world.relay.look = self.look
         if case.is_direct:
             self.direct = threading.Thread(target=self.strike_directly, daemon=True)
-            self.direct_is_off = threading.Event()
+            self.direct_is_off = Flag()
         elif case.kind == cases.DISK_FULL:
             self.world.fill_disk(self.folder, receiver, case.disk_bytes)
         else:
@@ -100,9 +100,8 @@ class Trial:
                 return True
             sizes = self.folder.partials(case.name)
             return case.share <= 1 and bool(sizes) and max(sizes) >= case.share * case.size
-        wait_until(is_time, PATIENCE, 0.0002)
-        time.sleep(case.seconds)
-        if not self.direct_is_off.is_set():
+        comes_true(is_time, PATIENCE, self.folder.path, self.direct_is_off)
+        if not self.direct_is_off.wait(case.seconds):
             self.strike()
 
     def victims_are(self, sender):
@@ -190,8 +189,9 @@ class Trial:
             elif connections:
                 # Its system ends a killed program's connection in order only if it had read everything.
                 first = connections[0]
-                wait_until(lambda: first.is_over or first.back.has_ended, LATE)
-                wait_until(lambda: first.is_over or first.back.is_end_passed, LATE)
+                relay = self.world.relay
+                relay.wait_until(lambda: first.is_over or first.back.has_ended, LATE)
+                relay.wait_until(lambda: first.is_over or first.back.is_end_passed, LATE)
                 self.in_window = (first.there.passed == self.total_there() and first.back.has_ended
                                   and first.was_reset_by != "receiver")
 
@@ -206,7 +206,7 @@ class Trial:
 
     def final_look(self):
         relay = self.world.relay
-        wait_until(lambda: all(c.is_over or c.is_frozen for c in relay.connections), LATE)
+        relay.wait_until(lambda: all(c.is_over or c.is_frozen for c in relay.connections), LATE)
         relay.abort_all()
         self.seen.right = self.right(self.look())
         self.seen.wrong = len(self.wrong)
@@ -242,7 +242,7 @@ class SendTrial(Trial):
             self.seen.was_called_sent = True
             self.seen.was_there = self.was_there_when_said(self.looks[0])
             self.seen.was_in_window = self.in_window
-            self.seen.came_later = self.seen.was_there or wait_until(self.is_there, LATE)
+            self.seen.came_later = self.seen.was_there or comes_true(self.is_there, LATE, self.folder.path)
         if not self.seen.came_later:
             self.try_again()
         self.final_look()
@@ -285,7 +285,7 @@ class SendTrial(Trial):
                 if not receiver.has_ended.wait(PATIENCE):
                     self.notes.append("the receiver did not end")
         elif not self.case.retries_at_once and not frozen:
-            wait_until(lambda: not relay.has_open(), LATE)
+            relay.wait_until(lambda: not relay.has_open(), LATE)
         if self.case.kind in (cases.RECEIVER_KILLED, cases.RECEIVER_ENDED) and self.has_struck:
             receiver.has_ended.wait(PATIENCE)
         if receiver.has_ended.is_set():
@@ -335,7 +335,7 @@ class OutboxTrial(Trial):
             self.seen.was_called_sent = True
             self.seen.was_there = self.was_there_when_said(self.looks[-1])
             self.seen.was_in_window = self.in_window
-            self.seen.came_later = self.seen.was_there or wait_until(self.is_there, LATE)
+            self.seen.came_later = self.seen.was_there or comes_true(self.is_there, LATE, self.folder.path)
             self.seen.was_tried_again = self.seen.was_again_called_sent = was_tried_again
             self.seen.was_there_again = was_tried_again
             if not self.seen.came_later:

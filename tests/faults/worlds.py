@@ -16,6 +16,7 @@ from harness import ORLINTH, Identity  # noqa: E402
 from outbox_world import GROUP  # noqa: E402
 from programs import Program  # noqa: E402
 from relay import FaultyRelay  # noqa: E402
+from waiting import Flag, comes_true  # noqa: E402,F401 (for the trials too, which do not know where it lies)
 
 START_SECONDS = 60
 DISK = 128 << 20

@@ -17,7 +17,6 @@ import struct
 import subprocess
 import sys
 import tempfile
-import time
 
 if __name__ != "__main__":  # the owner of a clipboard is one of the programs on a desktop, in whose environment it runs
     import own_environment  # noqa: F401 (it is entered by the import)
@@ -49,15 +48,17 @@ def stop(process):
 def read_line(descriptor, process, what):
     """One line that a program of ours says when it is ready."""
     line = b""
-    deadline = time.monotonic() + PATIENCE
-    while not line.endswith(b"\n"):
-        if process.poll() is not None or time.monotonic() > deadline:
-            raise AssertionError(f"{what} did not start")
-        if select.select([descriptor], [], [], 0.1)[0]:
+    end = os.pidfd_open(process.pid)
+    try:
+        while not line.endswith(b"\n"):
+            if descriptor not in select.select([descriptor, end], [], [], PATIENCE)[0]:
+                raise AssertionError(f"{what} did not start")
             piece = os.read(descriptor, 1)
-            if not piece:  # nobody has opened the other end of a FIFO yet
-                time.sleep(0.01)
+            if not piece:
+                raise AssertionError(f"{what} ended before it was ready")
             line += piece
+    finally:
+        os.close(end)
     return line.decode().strip()
 
 
@@ -124,7 +125,7 @@ class WaylandDesktop(Desktop):
             for path in (self.folder, ready):
                 os.chown(path, nobody.pw_uid, nobody.pw_gid)
             options = {"user": nobody.pw_uid, "group": nobody.pw_gid, "extra_groups": []}
-        reader = os.open(ready, os.O_RDONLY | os.O_NONBLOCK)
+        reader = os.open(ready, os.O_RDWR)  # to write as well, so that it does not end before anybody has written
         environment = self.environment | {"HOME": str(self.folder), "WLR_BACKENDS": "headless",
                                           "WLR_RENDERER": "pixman", "WLR_LIBINPUT_NO_DEVICES": "1"}
         compositor = self.start(["sway", "-c", str(config)], env=environment, cwd=self.folder, **options)
@@ -342,12 +343,11 @@ class Owning:
                 return
 
 
-class X11Owner(Owning):
-    """X11's protocol, little-endian. Only what an owner of a selection needs; contents that fit one request."""
+class X11Connection:
+    """X11's protocol, little-endian. `base` is the first number for what it makes, `root` the screen's window."""
 
-    def __init__(self, task):
-        super().__init__(task)
-        number = os.environ["DISPLAY"].split(":")[1].split(".")[0]
+    def __init__(self, display):
+        number = display.split(":")[1].split(".")[0]
         self.socket = socket.socket(socket.AF_UNIX)
         self.socket.connect(f"/tmp/.X11-unix/X{number}")
         self.socket.sendall(struct.pack("<BxHHHHxx", ord("l"), 11, 0, 0, 0))
@@ -355,22 +355,13 @@ class X11Owner(Owning):
         if status != 1:
             raise RuntimeError("the X server refuses us")
         setup = self.take(4 * length)
-        base, = struct.unpack_from("<I", setup, 4)
+        self.base, = struct.unpack_from("<I", setup, 4)
         vendor_bytes, = struct.unpack_from("<H", setup, 16)
         formats = setup[21]
-        root, = struct.unpack_from("<I", setup, 32 + (vendor_bytes + 3) // 4 * 4 + 8 * formats)
-        self.window = base
-        # CreateWindow: InputOnly, never shown
-        self.socket.sendall(struct.pack("<BBHIIhhHHHHII", 1, 0, 8, self.window, root, 0, 0, 1, 1, 0, 2, 0, 0))
-        self.atoms = {name: self.atom(name) for name in ["CLIPBOARD", "TARGETS", *self.contents]}
-        self.names = {atom: name for name, atom in self.atoms.items()}
-        # SetSelectionOwner, then GetSelectionOwner, whose answer shows that it is done
-        clipboard = self.atoms["CLIPBOARD"]
-        self.socket.sendall(struct.pack("<BxHIII", 22, 4, self.window, clipboard, 0))
-        self.socket.sendall(struct.pack("<BxHI", 23, 2, clipboard))
-        owner, = struct.unpack_from("<I", self.reply(), 8)
-        if owner != self.window:
-            raise RuntimeError("the clipboard is not ours")
+        self.root, = struct.unpack_from("<I", setup, 32 + (vendor_bytes + 3) // 4 * 4 + 8 * formats)
+
+    def send(self, data):
+        self.socket.sendall(data)
 
     def take(self, count):
         data = b""
@@ -387,18 +378,38 @@ class X11Owner(Owning):
             raise RuntimeError(f"the X server says {packet.hex()}")
         return packet
 
+
+class X11Owner(Owning):
+    """Only what an owner of a selection needs; contents that fit one request."""
+
+    def __init__(self, task):
+        super().__init__(task)
+        self.server = X11Connection(os.environ["DISPLAY"])
+        self.window = self.server.base
+        # CreateWindow: InputOnly, never shown
+        self.server.send(struct.pack("<BBHIIhhHHHHII", 1, 0, 8, self.window, self.server.root, 0, 0, 1, 1, 0, 2, 0, 0))
+        self.atoms = {name: self.atom(name) for name in ["CLIPBOARD", "TARGETS", *self.contents]}
+        self.names = {atom: name for name, atom in self.atoms.items()}
+        # SetSelectionOwner, then GetSelectionOwner, whose answer shows that it is done
+        clipboard = self.atoms["CLIPBOARD"]
+        self.server.send(struct.pack("<BxHIII", 22, 4, self.window, clipboard, 0))
+        self.server.send(struct.pack("<BxHI", 23, 2, clipboard))
+        owner, = struct.unpack_from("<I", self.server.reply(), 8)
+        if owner != self.window:
+            raise RuntimeError("the clipboard is not ours")
+
     def atom(self, name):
         encoded = name.encode()
         padded = encoded + bytes(-len(encoded) % 4)
-        self.socket.sendall(struct.pack("<BBHHxx", 16, 0, 2 + len(padded) // 4, len(encoded)) + padded)
-        return struct.unpack_from("<I", self.reply(), 8)[0]
+        self.server.send(struct.pack("<BBHHxx", 16, 0, 2 + len(padded) // 4, len(encoded)) + padded)
+        return struct.unpack_from("<I", self.server.reply(), 8)[0]
 
     def run(self):
         self.say("owns")
-        self.serve(self.socket, self.handle)
+        self.serve(self.server.socket, self.handle)
 
     def handle(self):
-        packet = self.take(32)
+        packet = self.server.take(32)
         kind = packet[0] & 0x7F
         if kind == 29:  # SelectionClear
             return False
@@ -421,13 +432,13 @@ class X11Owner(Owning):
             place = 0
         # SendEvent of a SelectionNotify
         event = struct.pack("<BxHIIIII8x", 31, 0, time_of_request, requestor, selection, target, place)
-        self.socket.sendall(struct.pack("<BBHII", 25, 0, 11, requestor, 0) + event)
+        self.server.send(struct.pack("<BBHII", 25, 0, 11, requestor, 0) + event)
 
     def put(self, window, name, kind, bits, data):
         """ChangeProperty"""
         padded = data + bytes(-len(data) % 4)
-        self.socket.sendall(struct.pack("<BBHIIIBxxxI", 18, 0, 6 + len(padded) // 4, window, name, kind, bits,
-                                        len(data) * 8 // bits) + padded)
+        self.server.send(struct.pack("<BBHIIIBxxxI", 18, 0, 6 + len(padded) // 4, window, name, kind, bits,
+                                     len(data) * 8 // bits) + padded)
 
 
 class WaylandOwner(Owning):

@@ -17,6 +17,7 @@ import threading
 import unittest
 
 import own_environment  # noqa: F401 (it is entered by the import)
+from waiting import Flag, comes_true
 
 ORLINTH = os.environ.get("ORLINTH", "orlinth")
 SANITIZED = bool(os.environ.get("ORLINTH_SANITIZE"))
@@ -95,12 +96,16 @@ class Events(threading.Thread):
         return [name for i, name in enumerate(names) if i == 0 or names[i - 1] != name]
 
     def wait_for(self, name):
+        return self.wait_until(lambda: self.find(name), f"event '{name}'")
+
+    def wait_until(self, condition, what):
+        """What `condition` returns, once that is true of what was read. `what` is what is missing if it never is."""
         with self.changed:
-            found = self.changed.wait_for(lambda: self.ended or self.find(name), PATIENCE)
-            event = self.find(name)
-        if not found or event is None:
-            raise AssertionError(f"no event '{name}', only {self.all} {self.not_json}")
-        return event
+            self.changed.wait_for(lambda: self.ended or condition(), PATIENCE)
+            found = condition()
+        if not found:
+            raise AssertionError(f"no {what}, only {self.all} {self.not_json}")
+        return found
 
 
 class Running:
@@ -250,6 +255,10 @@ class ProgramTest(unittest.TestCase):
                         str(text)], check=True)
         return library
 
+    def wait_until(self, condition, *sources):
+        """Until `condition` is true. Only a change at one of the sources (see waiting.Watch) can make it so."""
+        self.assertTrue(comes_true(condition, PATIENCE, *sources), "what was waited for did not come")
+
     def file(self, name, content):
         folder = self.folder / "outgoing"
         folder.mkdir(exist_ok=True)
@@ -305,7 +314,7 @@ class Relay:
         self.flip = flip
         self.bytes_per_second = bytes_per_second
         self.when = when
-        self.reached = threading.Event()
+        self.reached = Flag()
         self.closed = threading.Event()
         self.listener = socket.create_server(("127.0.0.1", 0))
         if buffer:  # an accepted connection takes this over; later it would no longer narrow the window

@@ -6,7 +6,6 @@ import os
 import signal
 import socket
 import threading
-import time
 import uuid
 
 from harness import PATIENCE, Identity, ProgramTest, sha256
@@ -150,12 +149,6 @@ class OutboxTest(ProgramTest):
         service.signal(signal.SIGTERM)
         self.assertEqual(0, service.wait(), service.stderr)
         self.assertEqual([], service.events.not_json)
-
-    def wait_until(self, condition):
-        end = time.monotonic() + PATIENCE
-        while not condition():
-            self.assertLess(time.monotonic(), end)
-            time.sleep(0.02)
 
     @property
     def container(self):

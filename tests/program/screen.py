@@ -2,13 +2,15 @@
 is on the screen can be read and kept as a picture."""
 
 import mmap
+import os
 import pathlib
+import select
 import struct
 import subprocess
 import time
 import zlib
 
-from desktops import X11Desktop
+from desktops import X11Connection, X11Desktop
 
 PATIENCE = 60
 
@@ -19,6 +21,32 @@ class Screen(X11Desktop):
     def __init__(self):
         super().__init__(screen="%dx%dx24" % self.size, options=lambda folder: ["-fbdir", str(folder)])
         self.environment["QT_QPA_PLATFORM"] = "xcb"
+        self.drawing = Drawing(self.environment["DISPLAY"])
+
+    def close(self):
+        self.drawing.close()
+        super().close()
+
+    def wait_for(self, condition, what, process=None):
+        """What `condition` returns, once that is true of what is on the screen. A process that ends before ends the
+        waiting."""
+        deadline = time.monotonic() + PATIENCE
+        ends = {self.drawing.fileno()}
+        if process is not None:
+            ends.add(os.pidfd_open(process.pid))
+        try:
+            while True:
+                self.drawing.forget()
+                found = condition()
+                if found:
+                    return found
+                if process is not None and process.poll() is not None:
+                    raise AssertionError(f"{what}: the program has ended with {process.returncode}")
+                if not select.select(ends, [], [], max(0, deadline - time.monotonic()))[0]:
+                    raise AssertionError(f"{what} did not come")
+        finally:
+            for end in ends - {self.drawing.fileno()}:
+                os.close(end)
 
     def tool(self, *arguments):
         done = subprocess.run(["xdotool", *map(str, arguments)], env=self.environment, stdin=subprocess.DEVNULL,
@@ -34,7 +62,7 @@ class Screen(X11Desktop):
                                    env=self.environment, stdin=subprocess.DEVNULL, capture_output=True, text=True,
                                    check=False)
             return found.stdout.split()
-        found = wait_for(visible, f"a window '{title}'", process)
+        found = self.wait_for(visible, f"a window '{title}'", process)
         window = Window(self, found[0])
         # there is no window manager to do that
         self.tool("windowfocus", "--sync", window.number)
@@ -54,6 +82,40 @@ class Screen(X11Desktop):
                                for row in rows]
 
 
+class Drawing:
+    """Can be read when something has been drawn on the screen, for the first time since forget(). (DAMAGE, version 1.1)
+    """
+
+    NON_EMPTY = 3
+
+    def __init__(self, display):
+        self.server = X11Connection(display)
+        name = b"DAMAGE"
+        self._request(98, 0, struct.pack("<Hxx", len(name)) + name + bytes(-len(name) % 4))  # QueryExtension
+        is_there, self.code = struct.unpack_from("<8xBB", self.server.reply())
+        if not is_there:
+            raise RuntimeError("the X server has no DAMAGE extension")
+        self._request(self.code, 0, struct.pack("<II", 1, 1))  # QueryVersion
+        self.server.reply()
+        # Create
+        self._request(self.code, 1, struct.pack("<IIBxxx", self.server.base, self.server.root, self.NON_EMPTY))
+
+    def _request(self, code, minor, body):
+        self.server.send(struct.pack("<BBH", code, minor, 1 + len(body) // 4) + body)
+
+    def fileno(self):
+        return self.server.socket.fileno()
+
+    def forget(self):
+        while select.select([self], [], [], 0)[0]:
+            if not self.server.socket.recv(4096):
+                raise EOFError
+        self._request(self.code, 3, struct.pack("<III", self.server.base, 0, 0))  # Subtract: all of it
+
+    def close(self):
+        self.server.socket.close()
+
+
 class Window:
     def __init__(self, screen, number):
         self.screen, self.number = screen, number
@@ -63,7 +125,7 @@ class Window:
         return tuple(int(values[key]) for key in ("X", "Y", "WIDTH", "HEIGHT"))
 
     def has_size(self, width, height):
-        wait_for(lambda: self.geometry()[2:] == (width, height), f"a window of {width} x {height}")
+        self.screen.wait_for(lambda: self.geometry()[2:] == (width, height), f"a window of {width} x {height}")
 
     def click(self, x, y):
         left, top = self.geometry()[:2]
@@ -102,17 +164,3 @@ def png(picture):
 def keep(picture, path):
     pathlib.Path(path).parent.mkdir(parents=True, exist_ok=True)
     pathlib.Path(path).write_bytes(png(picture))
-
-
-def wait_for(condition, what, process=None):
-    """What `condition` returns, once that is true. A process that ends before ends the waiting."""
-    deadline = time.monotonic() + PATIENCE
-    while True:
-        found = condition()
-        if found:
-            return found
-        if process is not None and process.poll() is not None:
-            raise AssertionError(f"{what}: the program has ended with {process.returncode}")
-        if time.monotonic() > deadline:
-            raise AssertionError(f"{what} did not come")
-        time.sleep(0.02)

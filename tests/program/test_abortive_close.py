@@ -72,7 +72,7 @@ class WitnessTest(ServeTest):
 
     def wait_for_two_megabytes(self, folder, file):
         partial = folder / (file.name + ".partial")
-        self.wait_until(lambda: partial.exists() and partial.stat().st_size == 2 * MIB)
+        self.wait_until(lambda: partial.exists() and partial.stat().st_size == 2 * MIB, partial)
 
     def small_disk(self, megabytes):
         folder = self.folder / "disk"

@@ -140,14 +140,6 @@ class Id(ProgramTest):
         self.assertEqual(first, json.loads(self.mac.run("id", "--json").stdout))
         self.assertIn(first["self_pubkey"], self.mac.run("id").stdout)
 
-    def test_a_damaged_key_is_reported_and_left_alone(self):
-        key = self.mac.data / "Orlinth" / "noise_static.bin"
-        key.write_bytes(b"x" * 31)
-        result = self.mac.run("id")
-        self.assertEqual(1, result.returncode)
-        self.assert_one_line_error(result.stderr, "stored key has wrong length 31 (want 32)")
-        self.assertEqual(b"x" * 31, key.read_bytes())
-
 
 class Settings(ProgramTest):
     def write(self, text):

@@ -11,7 +11,7 @@ import time
 import unittest
 
 import side_by_side
-from harness import FRAMES_BEFORE_DATA, MIB, SANITIZED, sha256
+from harness import FRAMES_BEFORE_DATA, MIB, PATIENCE, SANITIZED, sha256
 from test_serve import ServeTest
 
 SWAP = r"""
@@ -42,20 +42,11 @@ class DownloadsFolder(ServeTest):
         relay = self.relay(port, after_frames=FRAMES_BEFORE_DATA + 1, then="hold")
         sender = self.send(phone, file, relay.port)
         partial = self.desk.downloads / (file.name + ".partial")
-        self.wait_until(lambda: partial.exists() and partial.stat().st_size > 0)
+        self.wait_until(lambda: partial.exists() and partial.stat().st_size > 0, partial)
         sender.kill()
         relay.close()
-        self.wait_until(lambda: self.is_free(partial))
-
-    @staticmethod
-    def is_free(partial):
-        """Whether no receiver writes it any more."""
-        with open(partial, "rb") as file:
-            try:
-                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
-            except BlockingIOError:
-                return False
-        return True
+        # until no receiver writes it any more
+        subprocess.run(["flock", "--exclusive", "--timeout", str(PATIENCE), str(partial), "true"], check=True)
 
     def sidecar(self, name):
         return self.desk.downloads / f"{name}.partial.meta.json"
@@ -272,8 +263,8 @@ class Room(ServeTest):
         sender = self.send(self.phone, file, service.port)
         self.assertEqual(1, sender.wait())
         self.assertIn("declined", sender.events.find("error")["message"])
-        self.wait_until(lambda: any(event["event"] == "declined" for event in service.events.all[before:]))
-        event = next(event for event in service.events.all[before:] if event["event"] == "declined")
+        [event] = service.events.wait_until(
+            lambda: [event for event in service.events.all[before:] if event["event"] == "declined"], "second 'declined'")
         self.assertEqual((file.name, "phone", reason, limit),
                          tuple(event[key] for key in ("name", "from", "reason", "limit")))
 
@@ -292,10 +283,10 @@ class Room(ServeTest):
 
     def test_in_words(self):
         service = self.running(self.desk, "serve", "--port", "0", "--dir", str(self.desk.downloads), "--max-file", "1MB")
-        self.wait_until(lambda: "listening on port " in service.stderr)
+        self.wait_until(lambda: "listening on port " in service.stderr, service)
         port = int(service.stderr.split("listening on port ")[1].split()[0])
         self.send(self.phone, self.file("large.bin", os.urandom(MIB)), port).wait()
-        self.wait_until(lambda: service.events.not_json)
+        service.events.wait_until(lambda: service.events.not_json, "line")
         self.assertEqual(b"declined large.bin from phone: it is larger than 1.0 MB (`--max-file`)\n",
                          service.events.not_json[0])
 
@@ -368,7 +359,7 @@ class Unfinished(ServeTest):
         self.desk.environment.update(LD_PRELOAD=str(self.shim("busy", self.BUSY)), ORLINTH_TEST_BUSY=str(busy))
         program = self.running(self.desk, "partials", "--dir", str(self.desk.downloads), "--json",
                                "--remove-older-than", "7")
-        self.wait_until(busy.exists)
+        self.wait_until(busy.exists, busy)
         return program
 
     def assert_two_are_told(self, program):

@@ -120,7 +120,7 @@ class ExactlyOnce(ServeTest):
         self.assert_one(file, self.phone.downloads)
         # and in words
         program = self.running(self.phone, "receive", "--from", "mac", "--port", "0", "--dir", str(self.phone.downloads))
-        self.wait_until(lambda: "listening on port " in program.stderr)
+        self.wait_until(lambda: "listening on port " in program.stderr, program)
         port = int(program.stderr.split("listening on port ")[1].split()[0])
         self.forget_the_end()
         self.assertEqual(0, self.sender(file, port).wait())

@@ -12,6 +12,7 @@ import uuid
 import side_by_side
 from harness import MIB, Victim, seeded, sha256
 from outbox_world import OutboxTest
+from waiting import ends_within
 
 ROUNDS = 8
 
@@ -57,8 +58,9 @@ class Killing(OutboxTest):
         for number in range(ROUNDS):
             program = self.running(self.mac, "share", "--json", *[str(file)] * 3)
             if number < ROUNDS - 1:
-                self.wait_until(lambda: len(self.batches()) > number or program.process.poll() is not None)
-                time.sleep(random.random() * 0.05)  # where that gets to is what varies
+                self.wait_until(lambda: len(self.batches()) > number or program.process.poll() is not None,
+                                self.outbox, program)
+                ends_within(random.random() * 0.05, program.process)  # where that gets to is what varies
                 program.kill()
             program.wait()
             whole += program.process.returncode == 0
@@ -70,7 +72,7 @@ class Killing(OutboxTest):
             os.utime(self.outbox / name, (old, old))
         service = self.serve(self.mac)
         self.wait_for(service, "outbox_done", len(complete))
-        self.wait_until(lambda: self.batches() == [])
+        self.wait_until(lambda: self.batches() == [], self.outbox)
         self.assertEqual({sha256(file)}, {sha256(path) for path in self.phone.downloads.iterdir()})
         self.assertEqual(3 * len(complete), len(list(self.phone.downloads.iterdir())))
         self.assertEqual([], [event for event in service.events.all if event["event"] == "outbox_failed"])
@@ -87,7 +89,7 @@ class Killing(OutboxTest):
         self.assertEqual(sorted([name, batch]), self.batches())
         os.close(held)
         self.share(self.file("c.txt", b"c"))
-        self.wait_until(lambda: name not in self.batches())
+        self.wait_until(lambda: name not in self.batches(), self.outbox)
 
 
 BUSY = r"""
@@ -198,7 +200,7 @@ class SettingAside(OutboxTest):
         service = self.serve(self.mac)
         secret = self.folder / "secret"
         secret.write_text("nobody's business")
-        self.wait_until(self.outbox.exists)
+        self.wait_until(self.outbox.exists, self.outbox)
 
         def batch_with(make, name="a.txt"):
             batch = self.put_batch(None)

@@ -9,7 +9,6 @@ import socket
 import struct
 import subprocess
 import threading
-import time
 
 import side_by_side
 import test_wake
@@ -252,7 +251,7 @@ class AFileThatChanges(ManyTest):
         self.mac.record(self.phone, relay.port)
         self.assertEqual(1, self.send([changed]).wait())
         partial = self.phone.downloads / (changed.name + ".partial")
-        self.wait_until(lambda: partial.exists() and partial.stat().st_size >= MIB)
+        self.wait_until(lambda: partial.exists() and partial.stat().st_size >= MIB, partial)
 
         self.mac.record(self.phone, service.port)
         service.signal(signal.SIGSTOP)
@@ -269,12 +268,6 @@ class AFileThatChanges(ManyTest):
         self.assertEqual([0, 0], [event["resumed_from_offset"] for event in complete])
         arrived = {sha256(path) for path in self.phone.downloads.glob("*.bin")}
         self.assertEqual({sha256(first), sha256(changed)}, arrived)
-
-    def wait_until(self, condition):
-        end = time.monotonic() + PATIENCE
-        while not condition():
-            self.assertLess(time.monotonic(), end)
-            time.sleep(0.02)
 
 
 class NarrowDoor:

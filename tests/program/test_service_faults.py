@@ -18,6 +18,7 @@ import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
 from harness import MIB, ORLINTH, PATIENCE, SANITIZED, Relay, Victim, seeded, sha256
 from test_serve import ServeTest, wait_for_count
+from waiting import happens_within
 
 SECONDS = float(os.environ.get("ORLINTH_FAULT_SECONDS", 12))
 PHONES = 4
@@ -74,7 +75,7 @@ class FaultTest(ServeTest):
             # all of it was there: an earlier attempt has delivered it, which may have been told of then
             copies = lambda: [path for path in self.desk.downloads.glob(file.stem + "*.bin")
                               if sha256(path) == sha256(file)]
-            self.wait_until(copies)
+            self.wait_until(copies, self.desk.downloads)
             sender.close()
             return {"resumed_from_offset": offset, "saved_at": str(copies()[0])}
 
@@ -123,7 +124,8 @@ class RandomRounds(FaultTest):
 
         def end():
             if fault in ("stalled", "half-open"):
-                self.wait_until(lambda: wire.reached.is_set() or sender.process.poll() is not None)
+                self.wait_until(lambda: wire.reached.is_set() or sender.process.poll() is not None,
+                                wire.reached, sender)
                 if fault == "half-open":  # gone without a word: the service's end of the connection stays
                     sender.kill()
                     return
@@ -316,18 +318,16 @@ class Links(FaultTest):
         sender = self.send_over_wire(file)
         partial = self.desk.downloads / (file.name + ".partial")
         self.wait_until(lambda: partial.exists() and partial.stat().st_size >= MIB
-                        or sender.process.poll() is not None)
+                        or sender.process.poll() is not None, partial, sender)
         self.link(side, "down")
         self.assertIsNone(sender.process.poll(), "the transfer was over before the link went down")
         return sender, partial
 
     def still(self, partial):
         """Waits until nothing comes any more; returns how much there is."""
-        sizes = [-1, partial.stat().st_size]
-        while sizes[-1] != sizes[-2]:
-            time.sleep(0.5)
-            sizes.append(partial.stat().st_size)
-        return sizes[-1]
+        while happens_within(0.5, partial):
+            pass
+        return partial.stat().st_size
 
     def assert_arrived(self, file):
         self.assertEqual([file.name], self.left_over())

@@ -18,6 +18,7 @@ import unittest
 import own_root  # noqa: F401 (it is entered by the import)
 from harness import MIB, PATIENCE, SANITIZED, Identity, seeded, sha256
 from test_serve import ServeTest, wait_for_count
+from waiting import ends_within
 
 SMALL = SANITIZED or os.environ.get("ORLINTH_LOAD") != "full"
 PHONES = 20 if SMALL else 200
@@ -75,13 +76,12 @@ class Load(ServeTest):
 
     def settled(self, service, count):
         """Waits until the service has let go of all descriptors beyond this many, and nobody waits to be let in."""
+        deadline = time.monotonic() + PATIENCE
         looks = 0
-
-        def is_quiet():
-            nonlocal looks
+        while looks < 15:  # the system tells nobody of a program's descriptors
+            self.assertLess(time.monotonic(), deadline)
+            self.assertFalse(ends_within(0.02, service.process), "the service has ended")
             looks = looks + 1 if descriptors(service) <= count else 0
-            return looks == 15
-        self.wait_until(is_quiet)
 
 
 class ManyPhones(Load):
@@ -162,7 +162,7 @@ class Strangers(Load):
         files_before, memory_before = descriptors(service), resident(service)
         begin = time.monotonic()
         strangers = self.idle(service, IDLE)
-        self.wait_until(lambda: sum(map(is_open, strangers)) <= MOST_STRANGERS)
+        self.wait_until(lambda: sum(map(is_open, strangers)) <= MOST_STRANGERS, *strangers)
         self.settled(service, files_before + MOST_STRANGERS)
         cost = (resident(service) - memory_before) / MOST_STRANGERS
         among = [self.seconds_for(file, service) for _ in range(3)]

@@ -220,11 +220,12 @@ class PairingBesideTheService(ServiceTest):
             self.mac.environment["PATH"] = str(self.service_manager()) + ":" + os.environ["PATH"]
             program = self.pair("--port", str(number))
             asked, started = self.folder / "asked", self.folder / "started"
-            self.wait_until(asked.exists)
+            self.wait_until(asked.exists, asked)
             service = self.activated(port)
             service.port = service.events.wait_for("listening")["port"]
-            self.wait_until((self.mac.data / "Orlinth" / "service.sock").exists)
-            started.touch()
+            door = self.mac.data / "Orlinth" / "service.sock"
+            self.wait_until(door.exists, door)
+            started.write_text("\n")
             payload = program.events.wait_for("payload")["payload"]
             self.assertEqual(number, payload["peer_port"])
             joined = self.tablet.run("join", "--payload", "-", "--yes", "--json", "--listen-port", "9",
@@ -235,27 +236,22 @@ class PairingBesideTheService(ServiceTest):
             self.end(service)
 
     def service_manager(self):
-        """A folder with a systemctl that has orlinth.socket, and starts the service when the test does so."""
+        """A folder with a systemctl that has orlinth.socket, and starts the service when the test says that it did."""
         folder = self.folder / "bin"
         folder.mkdir()
+        os.mkfifo(self.folder / "started")
         systemctl = folder / "systemctl"
         systemctl.write_text(f"""#!/bin/sh
 case "$*" in
 "--user --quiet is-active orlinth.socket") exit 0 ;;
 "--user --quiet start orlinth.service") touch {self.folder}/asked
-    while [ ! -e {self.folder}/started ]; do sleep 0.05; done
+    read line < {self.folder}/started
     exit 0 ;;
 esac
 exit 1
 """)
         systemctl.chmod(0o755)
         return folder
-
-    def wait_until(self, condition):
-        end = time.monotonic() + PATIENCE
-        while not condition():
-            self.assertLess(time.monotonic(), end)
-            time.sleep(0.02)
 
     def test_is_not_disturbed_by_paired_phones_that_want_to_deliver_meanwhile(self):
         service = self.listening()
@@ -296,7 +292,9 @@ exit 1
 
             with first.connect() as one:
                 one.sendall(struct.pack(">I", len(blob)) + blob[:-1])
-                self.wait_until(lambda: self.is_turned_away(second))  # the pairing has its phone
+                deadline = time.monotonic() + PATIENCE
+                while not self.is_turned_away(second):  # until the pairing has its phone
+                    self.assertLess(time.monotonic(), deadline)
                 for _ in range(3):
                     introduce(second)
                 one.sendall(blob[-1:])
@@ -309,7 +307,7 @@ exit 1
             self.end(service)
 
     def is_turned_away(self, phone):
-        """Whether somebody who connects now, and says nothing, is let go of at once."""
+        """Whether somebody who connects now, and says nothing, is let go of within a fifth of a second."""
         try:
             with phone.connect() as connection:
                 connection.settimeout(0.2)

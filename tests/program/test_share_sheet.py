@@ -12,7 +12,7 @@ import time
 
 import side_by_side
 from harness import BUILD, PATIENCE, ProgramTest, Running, SANITIZED, seeded
-from screen import Screen, keep, wait_for
+from screen import Screen, keep
 
 SHARE = os.environ["ORLINTH_SHARE"]
 PICTURES = BUILD / "share-sheet-pictures"
@@ -280,7 +280,7 @@ class OnAScreen(ShareSheetTest):
         sheet = Running([*prefix, SHARE, *map(str, items)], env=given)
         self.addCleanup(sheet.close)
         window = self.screen.window(sheet.process)
-        wait_for(lambda: len({row[:600] for row in window.picture()[2]}) > 1, "its content", sheet.process)
+        self.screen.wait_for(lambda: len({row[:600] for row in window.picture()[2]}) > 1, "its content", sheet.process)
         return sheet, window
 
     def keep_picture(self, window, name):
@@ -292,7 +292,8 @@ class OnAScreen(ShareSheetTest):
         window.has_size(400, 316)
         before = window.color(24, 63 + 12 + 60 + 8)  # inside the second row, beside its picture
         window.click(200, 63 + 12 + 60 + 26)
-        wait_for(lambda: window.color(24, 63 + 12 + 60 + 8) != before, "the second row's mark", sheet.process)
+        self.screen.wait_for(lambda: window.color(24, 63 + 12 + 60 + 8) != before, "the second row's mark",
+                             sheet.process)
         self.keep_picture(window, "screen-two-chosen")
         window.click(340, 316 - 28)
         self.assertEqual(sheet.wait(), 0, sheet.stderr)
@@ -336,7 +337,7 @@ class OnAScreen(ShareSheetTest):
         sheet, window = self.start(self.file("a.txt", b"a"))
         enabled = window.color(320, 256 - 38)
         window.key("space")
-        wait_for(lambda: window.color(320, 256 - 38) != enabled, "a button without colour", sheet.process)
+        self.screen.wait_for(lambda: window.color(320, 256 - 38) != enabled, "a button without colour", sheet.process)
         window.key("Return")
         window.click(340, 256 - 28)
         self.keep_picture(window, "screen-nothing-chosen")
@@ -365,8 +366,7 @@ class OnAScreen(ShareSheetTest):
     def test_a_failure_stays_until_it_is_closed(self):
         self.pair(2)
         sheet, window = self.start("just a text")
-        wait_for(lambda: sheet.stderr == "orlinth-share: Nothing shareable — Orlinth sends files only\n",
-                 "the message", sheet.process)
+        self.wait_until(lambda: sheet.stderr == "orlinth-share: Nothing shareable — Orlinth sends files only\n", sheet)
         self.keep_picture(window, "screen-failure")
         self.assertIsNone(sheet.process.poll())
         window.key("Return")
@@ -377,7 +377,7 @@ class OnAScreen(ShareSheetTest):
         file = self.file("a.txt", b"a")
         for scheme, is_light in (("light", True), ("dark", False)):
             sheet, window = self.start("--color-scheme", scheme, file)
-            wait_for(lambda: (sum(window.color(3, 3)) > 600) == is_light and sum(window.color(3, 3)) > 60,
+            self.screen.wait_for(lambda: (sum(window.color(3, 3)) > 600) == is_light and sum(window.color(3, 3)) > 60,
                      f"a {scheme} window", sheet.process)
             window.key("Escape")
             self.assertEqual(sheet.wait(), 1)
@@ -390,9 +390,12 @@ class OnAScreen(ShareSheetTest):
             "strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=copy_file_range", "-e",
             f"inject=copy_file_range:delay_enter={delay}000000"])
         self.assertEqual(window.geometry()[2:], (400, 84))
-        wait_for(lambda: any(self.outbox.glob("*/large.bin")), "the copy's beginning", sheet.process)
+        self.wait_until(self.batches, self.outbox, sheet)
+        [batch] = self.batches()
+        copy = batch / "large.bin"
+        self.wait_until(copy.exists, copy, sheet)
         window.key("Escape")
-        wait_for(lambda: not self.batches(), "the end of the batch", sheet.process)
+        self.wait_until(lambda: not self.batches(), self.outbox)
         said = [line for line in sheet.stderr.splitlines() if not line.startswith("strace: ")]
         self.assertEqual(said, ["orlinth-share: cancelled"])
 

@@ -26,6 +26,7 @@ import unittest
 from harness import CLIP_PHONE, MIB, ORLINTH, PATIENCE, Identity, Running, sha256
 from https_server import PushServer
 from test_wake import PROXIES, PUSH_URLS
+from waiting import ends_within
 
 CLONE_NEWNET = 0x40000000
 TEXT = "a text for a phone that sleeps"
@@ -279,7 +280,8 @@ class VanishingBeforeItsAnswer(Vanishing):
         self.clip_phone("stuck").events.wait_for("listening")
         sender = self.send(1)
         sender.events.wait_for("handshake")
-        time.sleep(1)  # the offer has arrived, and nothing is under way
+        # the offer arrives, and then nothing is under way
+        self.check(not ends_within(1, sender.process), "the sender did not wait for an answer")
         return sender
 
 

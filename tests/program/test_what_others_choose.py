@@ -31,7 +31,7 @@ class SaidByPhones(ServeTest):
 
     def serve_for_people(self, *arguments):
         service = self.running(self.desk, "serve", "--port", "0", "--dir", str(self.desk.downloads), *arguments)
-        self.wait_until(lambda: told(service).endswith("\n"))
+        self.wait_until(lambda: told(service).endswith("\n"), service)
         service.port = int(told(service).removeprefix("listening on port "))
         return service
 
@@ -41,8 +41,7 @@ class SaidByPhones(ServeTest):
 
     def lines_of(self, service, count):
         """The first lines of the result."""
-        with service.events.changed:
-            service.events.changed.wait_for(lambda: len(service.events.not_json) >= count, PATIENCE)
+        service.events.wait_until(lambda: len(service.events.not_json) >= count, f"{count} lines")
         lines = [line.decode().removesuffix("\n") for line in service.events.not_json]
         self.assertEqual(count, len(lines), [line[:200] for line in lines])
         return lines

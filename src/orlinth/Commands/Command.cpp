@@ -1,6 +1,7 @@
 #include "orlinth/Commands/Command.h"
 
 #include "orlinth/Commands/SizeText.h"
+#include "orlinth/Reporting/Hints.h"
 
 #include <charconv>
 #include <cmath>
@@ -94,6 +95,37 @@ void Command::addListenPublic(bool& listensPublicly) {
 
 CLI::Option* Command::addPort(const char* flag, std::uint16_t& port, std::uint16_t lowest, const char* what) {
     return parser_->add_option(flag, port, what)->type_name("PORT")->check(portFrom(lowest))->take_last();
+}
+
+int tellWrongCommandLine(Output& output, const CLI::App& program, const CLI::ParseError& error) {
+    std::string command = "orlinth";
+    for (const CLI::App* chosen = &program; !chosen->get_subcommands().empty();) {
+        chosen = chosen->get_subcommands().front();
+        command += " " + chosen->get_name();
+    }
+    std::string text = error.what();
+    if (program.get_subcommands().empty() && program.remaining_size() > 0) {
+        text = "there is no command '" + program.remaining().front() + "'";
+    }
+    output.failure(text, "`" + command + " --help` explains the command line.");
+    return wrongCommandLine;
+}
+
+int runCommand(Command& command, Host& host) {
+    int status = 1;
+    try {
+        status = command.run(host);
+    } catch (const Interrupted& interrupted) {
+        status = interrupted.exitStatus();
+    } catch (const UsageError& error) {
+        status = wrongCommandLine;
+        host.output.failure(error.description(), error.hint());
+    } catch (const host::HostError& error) {
+        host.output.failure(error.description(), error.hint());
+    } catch (const std::exception& error) {
+        host.output.failure(describe(error), hintForOwnFiles(host, error));
+    }
+    return status;
 }
 
 } // namespace orlinth::cli

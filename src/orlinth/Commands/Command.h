@@ -50,6 +50,15 @@ private:
     bool quiet_ = false;
 };
 
+/// The exit status of a command line that makes no sense.
+inline constexpr int wrongCommandLine = 2;
+
+/// Says what is wrong with a command line that `program` has refused, and where to read on; returns wrongCommandLine.
+int tellWrongCommandLine(Output& output, const CLI::App& program, const CLI::ParseError& error);
+
+/// Runs the command, and turns whatever it throws into one line on standard error and an exit status, which it returns.
+[[nodiscard]] int runCommand(Command& command, Host& host);
+
 /// Not more than a year: beyond that it is a slip of the finger, and "for ever" has its own value.
 inline constexpr std::int64_t maxSeconds = 366 * 24 * 3600;
 

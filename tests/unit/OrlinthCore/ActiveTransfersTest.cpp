@@ -230,8 +230,8 @@ TEST_F(ActiveTransfersTest, WaitingEndsSoonAfterTheLastPredecessorHasFinished) {
     static_cast<void>(transfers.takeOver(k, b));
     platform::spawn(
         context.get_executor(),
-        [](fakes::VirtualClock& time, ActiveTransfers& registry, TransferConnectionRef first) -> Task<> {
-            co_await time.sleep(5);
+        [](fakes::VirtualClock& virtualTime, ActiveTransfers& registry, TransferConnectionRef first) -> Task<> {
+            co_await virtualTime.sleep(5);
             registry.finish(k, first);
         }(clock, transfers, a),
         [](const std::exception_ptr& error) { EXPECT_FALSE(error); });

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Service/ControlLine.h"
 #include "fakes/World.h"
 #include "orlinth/Commands/Command.h"
 
@@ -8,13 +8,38 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace orlinth::cli {
+
+/// While it lives, standard input is this text (64 KiB at most), and then its end.
+class StandardInput {
+public:
+    explicit StandardInput(std::string_view text) : earlier_(dup(STDIN_FILENO)) {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(pipe(ends.data()), 0);
+        EXPECT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        dup2(ends[0], STDIN_FILENO);
+        close(ends[0]);
+        close(ends[1]);
+    }
+    ~StandardInput() {
+        dup2(earlier_, STDIN_FILENO);
+        close(earlier_);
+    }
+    StandardInput(const StandardInput&) = delete;
+    StandardInput& operator=(const StandardInput&) = delete;
+
+private:
+    int earlier_;
+};
 
 /// A computer with a paired phone, on which single commands of the program run in virtual time.
 class CommandWorldTest : public testing::Test {
@@ -68,30 +93,17 @@ protected:
     Ended run(Make& make, const std::vector<std::string>& words) {
         CLI::App program("", "orlinth");
         const std::unique_ptr<Command> command = make(program);
-        program.parse(std::vector<std::string>(words.rbegin(), words.rend()));
         Output output;
-        if (command->wantsJson()) {
-            output.useJson();
-        }
-        if (command->wantsQuiet()) {
-            output.beQuiet();
-        }
-        Host host(world.system, tasks, output);
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         Ended ended;
         const double begin = world.clock.elapsed();
-        const auto isRunning = std::make_shared<bool>(true);
-        asio::post(world.context, [this, isRunning] { moveTime(isRunning); });
-        try {
-            ended.status = command->run(host);
-        } catch (const host::HostError& error) { // as the program does
-            ended.status = 1;
-            output.failure(error.description(), error.hint());
-        } catch (const std::exception& error) {
-            ADD_FAILURE() << describe(error);
+        try { // as the program does
+            program.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+            ended.status = runChosen(*command, output);
+        } catch (const CLI::ParseError& error) {
+            ended.status = tellWrongCommandLine(output, program, error);
         }
-        *isRunning = false;
         ended.after = world.clock.elapsed() - begin;
         ended.output = testing::internal::GetCapturedStdout();
         std::istringstream lines(testing::internal::GetCapturedStderr());
@@ -122,11 +134,45 @@ protected:
         }
     }
 
+    /// Whatever of the program runs beside the command as its service: it takes one connection for each of the replies,
+    /// and gives that when it is asked for something. What it is asked for is in `asked`.
+    [[nodiscard]] Task<> serveOthers(std::vector<std::string> replies) {
+        const std::unique_ptr<platform::Listener> socket =
+            world.unixSockets.listen(dataFolder / "service.sock", world.context.get_executor());
+        for (std::string& reply : replies) {
+            const std::unique_ptr<platform::Stream> stream = co_await socket->accept(world.context.get_executor());
+            try {
+                std::string request = co_await host::readControlLine(*stream, world.clock, 5);
+                asked.push_back(std::move(request));
+                co_await host::sendControlLine(*stream, world.clock, std::move(reply));
+            } catch (const host::HostError&) {
+                // whoever it was only wanted to know whether a service runs
+            }
+        }
+    }
+
+    const platform::Path dataFolder = "/home/ann/.local/share/Orlinth";
+    std::vector<std::string> asked;
     fakes::World world;
     TaskRunner tasks{world.context};
     const std::string phoneName = world.phoneRecord().peer_hostname;
 
 private:
+    int runChosen(Command& command, Output& output) {
+        if (command.wantsJson()) {
+            output.useJson();
+        }
+        if (command.wantsQuiet()) {
+            output.beQuiet();
+        }
+        Host host(world.system, tasks, output);
+        const auto isRunning = std::make_shared<bool>(true);
+        asio::post(world.context, [this, isRunning] { moveTime(isRunning); });
+        const int status = runCommand(command, host);
+        *isRunning = false;
+        return status;
+    }
+
     /// As long as a command runs: moves the clock to the next alarm whenever nothing else is to be done.
     void moveTime(const std::shared_ptr<bool>& isRunning) {
         if (!*isRunning) {

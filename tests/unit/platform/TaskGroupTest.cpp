@@ -164,10 +164,10 @@ TEST_F(TaskGroupTest, TakesItsTasksAlongWhenItGoes) {
 }
 
 TEST_F(TaskGroupTest, TellsWhatEscapesAlsoWhenItIsGone) {
-    const auto failToClearUp = [](fakes::VirtualClock& time) -> Task<> {
+    const auto failToClearUp = [](fakes::VirtualClock& virtualTime) -> Task<> {
         bool isCancelled = false;
         try {
-            co_await time.sleep(3600);
+            co_await virtualTime.sleep(3600);
         } catch (const Cancelled&) {
             isCancelled = true;
         }

@@ -329,7 +329,7 @@ TEST_F(OutboxTroubleTest, TellsOnceThatThereCanBeNoOutbox) {
     const std::vector<Told> errors = told(What::noOutbox);
     ASSERT_EQ(1U, errors.size());
     EXPECT_THAT(errors[0].message,
-                AllOf(HasSubstr("there is no outbox, and none can be made"), HasSubstr(": Not a directory")));
+                AllOf(HasSubstr("there is no outbox, and none can be made"), HasSubstr(": File exists")));
     world_.files.remove(container);
     pass(2);
     world_.alongside(take(1));
