@@ -75,7 +75,7 @@ struct World {
 
     [[nodiscard]] PeerRecord phoneRecord() const {
         PeerRecord record;
-        record.peer_pubkey = phoneKey.publicKey().base64();
+        record.peer_pubkey = phoneKey.publicKey().peerKey();
         record.peer_ip = "203.0.113.2";
         record.peer_port = phonePort;
         record.peer_hostname = "Pixel-8";

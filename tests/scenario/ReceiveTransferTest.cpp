@@ -48,7 +48,7 @@ protected:
 
     ReceiveRequest request(double acceptTimeout = 0) {
         return {.staticKey = world.computerKey,
-                .expectedPeerPubkey = world.phoneKey.publicKey(),
+                .expectedPeerKey = world.phoneKey.publicKey(),
                 .downloadsDir = folder,
                 .port = port,
                 .acceptTimeout = acceptTimeout};
@@ -247,7 +247,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
             first.files.crashAfter(cut);
             Script script{.frames = {offer("a.txt"), "01234", "56789", Row::done()}};
             ReceiveRequest once{.staticKey = first.computerKey,
-                                .expectedPeerPubkey = first.phoneKey.publicKey(),
+                                .expectedPeerKey = first.phoneKey.publicKey(),
                                 .downloadsDir = folder,
                                 .port = port};
             first.alongside([](World& theWorld, Script& what) -> Task<> {
@@ -289,7 +289,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
                                        .directories = second.system.directories,
                                        .mainQueue = second.system.mainQueue};
             ReceiveRequest again{.staticKey = second.computerKey,
-                                 .expectedPeerPubkey = second.phoneKey.publicKey(),
+                                 .expectedPeerKey = second.phoneKey.publicKey(),
                                  .downloadsDir = folder,
                                  .port = port};
             second.alongside([](World& theWorld) -> Task<> {
@@ -316,7 +316,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
 
 TEST_F(ReceiveTransfer, RefusesAPhoneWithAnotherKeyWithoutAnyFrame) {
     ReceiveRequest other = request();
-    other.expectedPeerPubkey = platform::PrivateKey::generate().publicKey();
+    other.expectedPeerKey = platform::PrivateKey::generate().publicKey();
     Script script{.frames = {}};
     world.alongside(later(script));
     const auto error = world.failure<ReceiveError>(receiveOneTransfer(world.system, std::move(other)));

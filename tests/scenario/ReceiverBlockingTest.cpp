@@ -94,7 +94,7 @@ TEST_F(ReceiverBlocking, WhyATransferEndedIsReportedAlsoIfItIsTakenOverWhileTheD
     const auto phone = world.phone();
     world.offer(*phone, "a.txt");
     world.sendData(*phone, "01234");
-    const auto again = std::make_shared<const TransferConnection>(PeerKey(world.phoneKey.publicKey().base64()), [] {});
+    const auto again = std::make_shared<const TransferConnection>(world.phoneKey.publicKey().peerKey(), [] {});
     ActiveTransfers& transfers = ActiveTransfers::shared();
     world.files.beforeEach([&](Operation operation, const platform::Path&) {
         if (operation != Operation::flush) {

@@ -403,7 +403,7 @@ FolderState throughOneShots(const std::vector<Delivery>& deliveries) {
             try {
                 static_cast<void>(
                     co_await receiveOneTransfer(theWorld.system, {.staticKey = theWorld.computerKey,
-                                                                  .expectedPeerPubkey = theWorld.phoneKey.publicKey(),
+                                                                  .expectedPeerKey = theWorld.phoneKey.publicKey(),
                                                                   .downloadsDir = folder,
                                                                   .port = ReceiverWorld::port}));
             } catch (const WireConnection::Error&) {

@@ -73,7 +73,7 @@ protected:
     }
 
     SendRequest request(const std::string& path = "/home/ann/a.txt") {
-        return {.fileURL = path,
+        return {.filePath = path,
                 .journal = journal,
                 .terms = {.peer = world.phoneRecord(),
                           .staticKey = world.computerKey,
@@ -233,7 +233,7 @@ TEST_F(SendTransfer, OffersTheSameIdUntilTheFileHasArrived) {
 
 TEST_F(SendTransfer, RefusesAPhoneWithAnotherKeyBeforeItSaysAnything) {
     SendRequest toAnother = request();
-    toAnother.terms.peer.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    toAnother.terms.peer.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     world.alongside([](World& theWorld, Seen& what) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.ended = co_await phone->seesTheEnd();
@@ -246,7 +246,7 @@ TEST_F(SendTransfer, RefusesAPhoneWithAnotherKeyBeforeItSaysAnything) {
 
 TEST_F(SendTransfer, DoesNotConnectForAKeyThatIsNotBase64) {
     SendRequest broken = request();
-    broken.terms.peer.peer_pubkey = "not base64!";
+    broken.terms.peer.peer_pubkey = PeerKey("not base64!");
     EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(broken))).which(),
               SendError::Case::unauthorizedPeer);
     EXPECT_TRUE(world.network.attempts.empty());
@@ -588,7 +588,7 @@ TEST_F(SendTransfer, StoppedAtAnyWaitClosesTheConnectionAndKeepsTheJournalEntry)
                 ended = count < all.size();
             }(here, wait == Wait::answer, sawTheEnd));
         }
-        SendRequest stopped{.fileURL = "/home/ann/a.txt",
+        SendRequest stopped{.filePath = "/home/ann/a.txt",
                             .journal = itsJournal,
                             .terms = {.peer = here.phoneRecord(),
                                       .staticKey = here.computerKey,

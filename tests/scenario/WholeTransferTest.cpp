@@ -25,7 +25,7 @@ protected:
 
     SendRequest sendRequest() {
         PeerRecord peer = sender.phoneRecord();
-        return {.fileURL = "/photos/trip.jpg",
+        return {.filePath = "/photos/trip.jpg",
                 .journal = journal,
                 .terms = {.peer = peer,
                           .staticKey = sender.computerKey,
@@ -67,7 +67,7 @@ protected:
         Outcome outcome;
         platform::System receiving = receivingSystem();
         ReceiveRequest request{.staticKey = sender.phoneKey,
-                               .expectedPeerPubkey = sender.computerKey.publicKey(),
+                               .expectedPeerKey = sender.computerKey.publicKey(),
                                .downloadsDir = "/inbox",
                                .port = World::phonePort};
         sender.alongside([](platform::System& system, ReceiveRequest what, Outcome& to) -> Task<> {

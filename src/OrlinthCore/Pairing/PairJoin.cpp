@@ -40,7 +40,7 @@ void addNetwork(PeerRecord& self, const platform::NetworkInterfaces& interfaces)
 /// What this machine says of itself to somebody towards whom it has this address.
 PeerRecord describeSelf(const platform::System& system, const PairJoinRequest& request, std::string address) {
     PeerRecord self;
-    self.peer_pubkey = request.ownKey.base64();
+    self.peer_pubkey = request.ownKey.peerKey();
     self.peer_ip = std::move(address);
     self.peer_port = request.receivePort;
     self.peer_hostname = DeviceInfo::hostnameString(system.interfaces);
@@ -133,7 +133,7 @@ CheckedPayload checkPayload(const PairingPayload& payload, const platform::Publi
         throw PairJoinError::payload("its version " + std::to_string(payload.version) + " is not one that we know");
     }
     PeerRecord computer;
-    computer.peer_pubkey = payload.peer_pubkey;
+    computer.peer_pubkey = PeerKey(payload.peer_pubkey);
     computer.peer_ip = payload.peer_ip;
     computer.peer_port = payload.peer_port;
     computer.peer_subnet = payload.peer_subnet;
@@ -147,7 +147,7 @@ CheckedPayload checkPayload(const PairingPayload& payload, const platform::Publi
         }
         computer = std::move(decoded.record);
         SecretBytes secret = payload.secret();
-        const auto key = platform::PublicKey::fromBase64(computer.peer_pubkey);
+        const auto key = platform::PublicKey::fromBase64(computer.peer_pubkey.text());
         return {.computer = std::move(computer), .key = key.value(), .secret = std::move(secret)};
     } catch (const PairIntroductionError& error) {
         throw PairJoinError::payload(error.why());

@@ -38,7 +38,7 @@ Json jsonOf(const DeliveredTransfers::Delivery& delivery) {
             {"inode", delivery.inode},
             {"modified_ns", delivery.modified_ns},
             {"path", delivery.path.native()},
-            {"phone", delivery.phone.text()},
+            {"phone", delivery.peerKey.text()},
             {"settled", delivery.isSettled},
             {"size", delivery.size},
             {"transfer_id", delivery.transfer_id.text()}};
@@ -46,7 +46,7 @@ Json jsonOf(const DeliveredTransfers::Delivery& delivery) {
 
 /// @throws JsonError
 DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
-    DeliveredTransfers::Delivery delivery{.phone = PeerKey(requireString(json, "phone")),
+    DeliveredTransfers::Delivery delivery{.peerKey = PeerKey(requireString(json, "phone")),
                                           .transfer_id = TransferId(requireString(json, "transfer_id")),
                                           .path = requireString(json, "path"),
                                           .device = requireUnsigned(json, "device"),
@@ -60,7 +60,7 @@ DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
                              delivery.path.native().find('\0') == std::string::npos &&
                              delivery.path.native().size() <= longestPath && delivery.size >= 0 &&
                              delivery.transfer_id.text().size() <= DeliveredTransfers::maxIdBytes &&
-                             delivery.phone.text().size() <= longestKeyText;
+                             delivery.peerKey.text().size() <= longestKeyText;
     if (!isPlausible) {
         throw JsonError("no delivery");
     }
@@ -77,7 +77,7 @@ bool isUnchanged(const DeliveredTransfers::Delivery& delivery, const platform::F
 } // namespace
 
 void DeliveredTransfers::List::put(Delivery delivery) {
-    Key key(delivery.phone, delivery.transfer_id);
+    Key key(delivery.peerKey, delivery.transfer_id);
     const std::uint64_t number = ++last_;
     if (const auto before = entries_.find(key); before != entries_.end()) {
         order_.erase(before->second.number);
@@ -282,9 +282,9 @@ bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
     }
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& phone,
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& peerKey,
                                                                      const TransferId& transferId) {
-    const std::optional<Delivery> delivery = remembered(phone, transferId);
+    const std::optional<Delivery> delivery = remembered(peerKey, transferId);
     try {
         // not under the lock: its folder may be on a disk that hangs, while today's does not
         return delivery && isStillThere(*delivery) ? delivery : std::nullopt;
@@ -294,14 +294,14 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerK
     }
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const PeerKey& phone,
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const PeerKey& peerKey,
                                                                            const TransferId& transferId) {
     const MutexLock guard(lock_);
     std::optional<Delivery> known;
     bestEffort("cannot read which files were delivered", [&] {
         lock_.assertHeld();
         catchUp();
-        const Delivery* const delivery = list_.find({phone, transferId});
+        const Delivery* const delivery = list_.find({peerKey, transferId});
         if (delivery != nullptr && delivery->at_epoch_ms >= system_.clock.epochMilliseconds() - maxAgeMilliseconds) {
             known = *delivery;
         }
@@ -309,13 +309,13 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const
     return known;
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& phone, const TransferId& transferId,
-                                                                     std::int64_t size) {
-    std::optional<Delivery> found = find(phone, transferId);
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& peerKey,
+                                                                     const TransferId& transferId, std::int64_t size) {
+    std::optional<Delivery> found = find(peerKey, transferId);
     return found && found->size == size ? found : std::nullopt;
 }
 
-void DeliveredTransfers::intend(const PeerKey& phone, const TransferId& transferId, const platform::Path& path,
+void DeliveredTransfers::intend(const PeerKey& peerKey, const TransferId& transferId, const platform::Path& path,
                                 const platform::FileStatus& file) {
     std::error_code unknown; // where we are: then the path stays relative
     const platform::Path absolute = std::filesystem::absolute(path, unknown);
@@ -326,7 +326,7 @@ void DeliveredTransfers::intend(const PeerKey& phone, const TransferId& transfer
     const MutexLock guard(lock_);
     bestEffort("cannot save which file is delivered", [&] {
         lock_.assertHeld();
-        append({.phone = phone,
+        append({.peerKey = peerKey,
                 .transfer_id = transferId,
                 .path = absolute,
                 .device = file.device,
@@ -337,9 +337,9 @@ void DeliveredTransfers::intend(const PeerKey& phone, const TransferId& transfer
     });
 }
 
-void DeliveredTransfers::settle(const PeerKey& phone, const TransferId& transferId) {
+void DeliveredTransfers::settle(const PeerKey& peerKey, const TransferId& transferId) {
     const MutexLock guard(lock_);
-    const Delivery* const intended = list_.find({phone, transferId});
+    const Delivery* const intended = list_.find({peerKey, transferId});
     if (intended == nullptr) {
         return; // it could not be saved, which was logged
     }

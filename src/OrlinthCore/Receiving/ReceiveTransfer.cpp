@@ -64,7 +64,7 @@ Task<TransportFramer> authenticate(WireConnection& wire, const ReceiveRequest& r
     } catch (const platform::CryptoError& error) {
         throw ReceiveError::noiseHandshakeFailed(error.description());
     }
-    if (!constantTimeEquals(transport->remoteStaticPublicKey().raw(), request.expectedPeerPubkey.raw())) {
+    if (!constantTimeEquals(transport->remoteStaticPublicKey().raw(), request.expectedPeerKey.raw())) {
         throw ReceiveError::unauthorizedPeer();
     }
     co_return TransportFramer(std::move(*transport));
@@ -103,7 +103,7 @@ public:
     [[nodiscard]] Task<TransportMessage> accept(TransportMessage::FileOffer offer) {
         open_.emplace(wire_);
         IncomingFile incoming =
-            co_await downloads_.begin(PeerKey(request_.expectedPeerPubkey.base64()), offer, system_.clock.now());
+            co_await downloads_.begin(request_.expectedPeerKey.peerKey(), offer, system_.clock.now());
         file_.emplace(std::move(incoming));
         transfer_.accept(file_->bytesWritten());
         if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {

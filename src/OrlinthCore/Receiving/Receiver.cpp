@@ -52,7 +52,7 @@ struct Session {
     Course course = Course::open;         ///< on its queue
     std::string cutBecause;               ///< likewise
     std::string from;                     ///< display name of the phone; on its queue
-    PeerKey peerPubkey;                   ///< its key, once it is proved to be a paired one; on its queue
+    PeerKey peerKey;                      ///< its key, once it is proved to be a paired one; on its queue
     /// What goes with the session, which is when the host has been told of its end.
     std::shared_ptr<const void> kept;
     bool isLeaving = false; ///< it had to make room; on the receiver's queue
@@ -66,7 +66,7 @@ enum class Whom { anybody, strangersOnly };
 /// Ends a session, soon after. Any thread.
 void end(const SessionRef& session, std::string because, Whom whom = Whom::anybody) {
     asio::post(session->queue, [session, because = std::move(because), whom] {
-        const bool hasProvedItself = !session->peerPubkey.isEmpty(); // in this very moment, perhaps
+        const bool hasProvedItself = !session->peerKey.isEmpty(); // in this very moment, perhaps
         const bool isOpen = session->course == Session::Course::open;
         if (isOpen && !(whom == Whom::strangersOnly && hasProvedItself)) {
             session->course = Session::Course::cut;
@@ -381,8 +381,8 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                 [self, session](const platform::PublicKey& key) {
                     const auto standing = self->standingOf(key);
                     if (standing == ReceiverConnectionContext::Standing::expected) { // before its record is looked for
-                        if (session->peerPubkey.isEmpty()) { // and never again: other threads read it later
-                            session->peerPubkey = PeerKey(key.base64());
+                        if (session->peerKey.isEmpty()) { // and never again: other threads read it later
+                            session->peerKey = key.peerKey();
                         }
                         asio::post(self->queue, [self, session] {
                             self->strangers.remove(session->identity);
@@ -423,7 +423,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                     const Failure failure{.error = std::move(error),
                                           .remoteEndpoint = session->remoteEndpoint,
                                           .from = session->from.empty() ? unknownPeer : session->from,
-                                          .peerPubkey = session->peerPubkey};
+                                          .peerKey = session->peerKey};
                     asio::post(self->queue, [self, failure] { self->tellFailure(failure); });
                 }};
 }
@@ -464,7 +464,7 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
         tellFailure({.error = std::move(error),
                      .remoteEndpoint = session->remoteEndpoint,
                      .from = session->from,
-                     .peerPubkey = session->peerPubkey});
+                     .peerKey = session->peerKey});
     }
     session->kept.reset(); // others may hold the session for longer
 }
@@ -490,30 +490,28 @@ void Receiver::Service::tellFailure(const Failure& failure) const {
 }
 
 Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey,
-                   std::vector<platform::PublicKey> expectedPeerPubkeys, platform::Path downloadsDir,
-                   std::uint16_t port, std::string prologue)
-    : service_(std::make_shared<Service>(system, staticKey, std::move(expectedPeerPubkeys), std::move(downloadsDir),
-                                         port, std::move(prologue))) {}
-
-Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey,
-                   platform::PublicKey expectedPeerPubkey, platform::Path downloadsDir, std::uint16_t port,
+                   std::vector<platform::PublicKey> expectedPeerKeys, platform::Path downloadsDir, std::uint16_t port,
                    std::string prologue)
-    : Receiver(system, staticKey, std::vector{expectedPeerPubkey}, std::move(downloadsDir), port, std::move(prologue)) {
-}
+    : service_(std::make_shared<Service>(system, staticKey, std::move(expectedPeerKeys), std::move(downloadsDir), port,
+                                         std::move(prologue))) {}
+
+Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey, platform::PublicKey expectedPeerKey,
+                   platform::Path downloadsDir, std::uint16_t port, std::string prologue)
+    : Receiver(system, staticKey, std::vector{expectedPeerKey}, std::move(downloadsDir), port, std::move(prologue)) {}
 
 Receiver::~Receiver() = default;
 
-void Receiver::setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys) {
+void Receiver::setExpectedPeerKeys(std::vector<platform::PublicKey> keys) {
     const MutexLock guard(service_->keysLock);
     service_->expected = std::move(keys);
 }
 
-void Receiver::setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys) {
+void Receiver::setRemovedPeerKeys(std::vector<platform::PublicKey> keys) {
     const MutexLock guard(service_->keysLock);
     service_->removed = std::move(keys);
 }
 
-std::vector<platform::PublicKey> Receiver::removedPeerPubkeys() const {
+std::vector<platform::PublicKey> Receiver::removedPeerKeys() const {
     const MutexLock guard(service_->keysLock);
     return service_->removed;
 }

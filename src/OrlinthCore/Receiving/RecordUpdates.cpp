@@ -17,7 +17,7 @@ bool RecordUpdates::isDue(const Phone& phone) const {
                                                              platform::Clock::Instant(limits::recordSeconds));
 }
 
-void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, OnTrouble onTrouble) {
+void RecordUpdates::say(const platform::PublicKey& key, RecordChange change, OnTrouble onTrouble) {
     if (change.token && change.token->size() > SenderRecord::maxTokenBytes) {
         change.token.reset();
     }
@@ -27,14 +27,15 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
     if (change.isEmpty()) {
         return; // it must not keep what was said before from being written
     }
-    const PeerKey key(phone.base64());
+    const PeerKey peerKey = key.peerKey();
     std::optional<platform::Clock::Instant> before;
     {
         const MutexLock guard(lock_);
         Phone& known =
             phones_
                 .try_emplace(
-                    key, Phone{.key = phone, .waiting = {}, .onTrouble = {}, .writtenAt = {}, .isBeingWritten = false})
+                    peerKey,
+                    Phone{.key = key, .waiting = {}, .onTrouble = {}, .writtenAt = {}, .isBeingWritten = false})
                 .first->second;
         known.waiting.add(std::move(change));
         if (!isDue(known)) {
@@ -48,22 +49,22 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
     }
     const auto end = [&](bool wasWritten) {
         const MutexLock guard(lock_);
-        if (const auto known = phones_.find(key); known != phones_.end()) {
+        if (const auto known = phones_.find(peerKey); known != phones_.end()) {
             known->second.isBeingWritten = false;
             known->second.writtenAt = wasWritten ? known->second.writtenAt : before;
         }
     };
     try {
-        end(SenderRecord(system_, phone).apply(change));
+        end(SenderRecord(system_, key).apply(change));
     } catch (...) {
         end(false);
         throw;
     }
 }
 
-void RecordUpdates::forget(const platform::PublicKey& phone) {
+void RecordUpdates::forget(const platform::PublicKey& key) {
     const MutexLock guard(lock_);
-    if (const auto known = phones_.find(PeerKey(phone.base64())); known != phones_.end()) {
+    if (const auto known = phones_.find(key.peerKey()); known != phones_.end()) {
         known->second.waiting = {};
         known->second.onTrouble = {};
     }
@@ -109,7 +110,7 @@ void RecordUpdates::writeDue(bool all) {
             phone.onTrouble(std::current_exception());
         }
         const MutexLock guard(lock_);
-        if (const auto known = phones_.find(PeerKey(phone.key.base64())); known != phones_.end()) {
+        if (const auto known = phones_.find(phone.key.peerKey()); known != phones_.end()) {
             known->second.isBeingWritten = false;
         }
     }

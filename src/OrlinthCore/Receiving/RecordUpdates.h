@@ -28,9 +28,9 @@ public:
 
     /// The phone of this key says so. @throws PeerStoreError if the write is due now, and fails; what was to be written
     /// is given up then, as it is after a failure that `onTrouble` is told of
-    void say(const platform::PublicKey& phone, RecordChange change, OnTrouble onTrouble);
+    void say(const platform::PublicKey& key, RecordChange change, OnTrouble onTrouble);
     /// What this phone has said and was not written is dropped: its record goes.
-    void forget(const platform::PublicKey& phone);
+    void forget(const platform::PublicKey& key);
     /// Writes everything that is left. Nothing is said meanwhile.
     [[nodiscard]] Task<> finish();
 

@@ -34,11 +34,11 @@ void RecordChange::add(RecordChange later) {
 }
 
 SenderRecord::SenderRecord(platform::System& system, const platform::PublicKey& key)
-    : system_(system), pubkey_(key.base64()) {}
+    : system_(system), peerKey_(key.peerKey()) {}
 
 std::optional<PeerRecord> SenderRecord::find() const {
     const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
-    const PeerRecord* const record = book.find(pubkey_.text());
+    const PeerRecord* const record = book.find(peerKey_);
     return record == nullptr ? std::nullopt : std::optional(*record);
 }
 
@@ -60,7 +60,7 @@ std::optional<std::string> SenderRecord::nameHere(const std::string& name) const
         return std::nullopt;
     }
     const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
-    return book.find(pubkey_.text()) == nullptr ? name : freeName(book, pubkey_.text(), name);
+    return book.find(peerKey_) == nullptr ? name : freeName(book, peerKey_, name);
 }
 
 bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& address) {
@@ -83,7 +83,7 @@ bool SenderRecord::apply(const RecordChange& change) {
 
 /// Returns whether the book has changed.
 bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
-    const auto at = std::ranges::find(book.peers, pubkey_.text(), &PeerRecord::peer_pubkey);
+    const auto at = std::ranges::find(book.peers, peerKey_, &PeerRecord::peer_pubkey);
     if (at == book.peers.end()) {
         return false;
     }
@@ -92,7 +92,7 @@ bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
         at->peer_ip = *change.address;
     }
     if (change.name && isUsableName(*change.name)) {
-        at->peer_hostname = freeName(book, pubkey_.text(), *change.name);
+        at->peer_hostname = freeName(book, peerKey_, *change.name);
     }
     bool isMoved = false;
     if (change.token && change.token->size() <= maxTokenBytes) {
@@ -108,7 +108,7 @@ bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
 
 void SenderRecord::remove() {
     static_cast<void>(PeerStore(system_.files, system_.directories).removeFirst([this](const PeerRecord& record) {
-        return record.peer_pubkey == pubkey_.text();
+        return record.peer_pubkey == peerKey_;
     }));
 }
 

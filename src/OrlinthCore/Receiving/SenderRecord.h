@@ -59,7 +59,7 @@ private:
     [[nodiscard]] bool applyTo(PeerBook& book, const RecordChange& change) const;
 
     platform::System& system_;
-    PeerKey pubkey_;
+    PeerKey peerKey_;
 };
 
 } // namespace orlinth

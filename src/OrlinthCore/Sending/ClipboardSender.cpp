@@ -85,7 +85,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     if (const std::size_t size = message.toJson().size() + 1; size > TransportFramer::maxPlaintextBytes) {
         throw TransportFramer::Error::plaintextTooLarge(size);
     }
-    Bytes peerPubkey = pubkeyOf(request.peer);
+    Bytes peerKey = pubkeyOf(request.peer);
     std::unique_ptr<platform::Stream> connection =
         co_await connectOrWake(system, connectRequest(system, request, queue));
     if (request.keepAlive) {
@@ -94,7 +94,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     WireConnection wire(std::move(connection), system.clock);
     Authentication who{.staticKey = request.staticKey,
                        .prologue = request.prologue,
-                       .peerPubkey = std::move(peerPubkey),
+                       .peerKey = std::move(peerKey),
                        .seconds = request.handshakeSeconds};
     TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     if (request.onHandshakeComplete) {

@@ -43,7 +43,7 @@ void checkInterval(double seconds) {
 
 Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string token) {
     try {
-        FcmWake wake(system, FcmWake::defaultServiceAccountURL(system.directories), std::move(fcmBaseURL));
+        FcmWake wake(system, FcmWake::defaultServiceAccountPath(system.directories), std::move(fcmBaseURL));
         co_await wake.sendWake(std::move(token));
     } catch (const std::exception& error) {
         throw SendError::network("FCM wake failed: " + platform::textOfFailure(error), SendError::Reason::pushFailed,
@@ -51,22 +51,22 @@ Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string toke
     }
 }
 
-/// What became of an attempt: a connection, or the error that it failed with.
-struct Attempt {
+/// What became of one attempt to connect: a connection, or the error that it failed with.
+struct ConnectResult {
     std::unique_ptr<platform::Stream> stream;
     std::exception_ptr error;
 };
 
 /// Tries once; only cancellation is thrown.
-Task<Attempt> attempt(Task<std::unique_ptr<platform::Stream>> connecting) {
+Task<ConnectResult> tryToConnect(Task<std::unique_ptr<platform::Stream>> connecting) {
     try {
         std::unique_ptr<platform::Stream> stream = co_await std::move(connecting);
-        co_return Attempt{std::move(stream), nullptr};
+        co_return ConnectResult{std::move(stream), nullptr};
     } catch (const std::exception& error) {
         if (platform::isCancellation(error)) {
             throw;
         }
-        co_return Attempt{nullptr, std::current_exception()};
+        co_return ConnectResult{nullptr, std::current_exception()};
     }
 }
 
@@ -94,7 +94,7 @@ void decideOnWake(const ConnectRequest& request, const std::exception_ptr& warmE
 Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, ConnectRequest request) {
     Task<std::unique_ptr<platform::Stream>> warm =
         connectOnce(system, request.peer, request.queue, request.warmConnectTimeout);
-    Attempt first = co_await attempt(std::move(warm));
+    ConnectResult first = co_await tryToConnect(std::move(warm));
     if (first.stream) {
         co_return std::move(first.stream);
     }
@@ -119,7 +119,7 @@ Task<std::unique_ptr<platform::Stream>> connectWithin(platform::System& system, 
         std::make_exception_ptr(SendError::network("connect timed out after wake", SendError::Reason::timedOut));
     while (system.clock.now() < end) {
         Task<std::unique_ptr<platform::Stream>> connecting = connectOnce(system, peer, queue, attemptTimeout);
-        Attempt next = co_await attempt(std::move(connecting));
+        ConnectResult next = co_await tryToConnect(std::move(connecting));
         if (next.stream) {
             co_return std::move(next.stream);
         }
@@ -135,7 +135,7 @@ Task<std::unique_ptr<platform::Stream>> connectOnce(platform::System& system, Pe
 }
 
 Bytes pubkeyOf(const PeerRecord& peer) {
-    std::optional<Bytes> pubkey = base64Decode(peer.peer_pubkey);
+    std::optional<Bytes> pubkey = base64Decode(peer.peer_pubkey.text());
     if (!pubkey) {
         throw SendError::unauthorizedPeer();
     }
@@ -153,7 +153,7 @@ Task<TransportFramer> authenticate(WireConnection& wire, platform::Clock& clock,
                                                                  : platform::textOfFailure(error));
     }
     NoiseTransport transport = std::move(handshake).finalize();
-    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), who.peerPubkey)) {
+    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), who.peerKey)) {
         throw SendError::unauthorizedPeer();
     }
     co_return TransportFramer(std::move(transport));

@@ -52,8 +52,8 @@ struct ConnectRequest {
 struct Authentication {
     const platform::PrivateKey& staticKey; ///< ours
     std::string prologue;
-    Bytes peerPubkey; ///< the phone's, as it was paired
-    double seconds;   ///< for the whole handshake; 0: no limit
+    Bytes peerKey;  ///< the phone's, as it was paired
+    double seconds; ///< for the whole handshake; 0: no limit
 };
 
 /// Runs the handshake as its initiator and checks that the phone is the one that was paired. The connection, whose

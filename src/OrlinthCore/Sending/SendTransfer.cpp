@@ -162,7 +162,7 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
     SendProgress unwatched;
     SendProgress& progress = terms.progress != nullptr ? *terms.progress : unwatched;
     progress.onFile(prepared.file.name, prepared.file.size, prepared.file.mime);
-    Bytes peerPubkey = pubkeyOf(terms.peer);
+    Bytes peerKey = pubkeyOf(terms.peer);
 
     std::unique_ptr<platform::Stream> connection =
         co_await connectOrWake(system, connectRequest(system, terms, queue, progress));
@@ -174,7 +174,7 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
     WireConnection wire(std::move(connection), system.clock);
     Authentication who{.staticKey = terms.staticKey,
                        .prologue = terms.prologue,
-                       .peerPubkey = std::move(peerPubkey),
+                       .peerKey = std::move(peerKey),
                        .seconds = terms.handshakeSeconds};
     TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     progress.onHandshakeComplete();
@@ -198,13 +198,13 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
 
 /// The whole send by a journal, on its own queue.
 Task<SentFile> sendByJournal(platform::System& system, SendRequest request, Executor queue) {
-    const OutgoingFile source = examineFile(system, request.fileURL);
+    const OutgoingFile source = examineFile(system, request.filePath);
     InFlightJournal& journal = request.journal;
     TransferId id(journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint));
     const auto forget = [&journal, source] {
         journal.complete(source.name, source.size, source.mime, source.fingerprint);
     };
-    PreparedFile prepared{.path = std::move(request.fileURL), .file = source, .transferId = std::move(id)};
+    PreparedFile prepared{.path = std::move(request.filePath), .file = source, .transferId = std::move(id)};
     SendOutcome outcome =
         co_await sendOnQueue(system, std::move(prepared), std::move(request.terms), std::move(queue), forget);
     co_return std::move(outcome.sent);

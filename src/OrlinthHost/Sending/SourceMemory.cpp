@@ -21,7 +21,7 @@ Json lookOf(const platform::FileStatus& status) {
 } // namespace
 
 SourceMemory::SourceMemory(platform::System& system, const InFlightJournal& journal)
-    : system_(system), url_(journal.fileURL().parent_path() / fileName) {}
+    : system_(system), path_(journal.filePath().parent_path() / fileName) {}
 
 std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& file) const {
     try {
@@ -51,8 +51,8 @@ void SourceMemory::compare(std::vector<Source>& sources) const {
 }
 
 void SourceMemory::remember(const std::vector<Source>& sources) {
-    system_.files.createDirectories(url_.parent_path(), 0700);
-    const platform::FileLock lock(system_.files, url_);
+    system_.files.createDirectories(path_.parent_path(), 0700);
+    const platform::FileLock lock(system_.files, path_);
     Json known = load();
     bool hasChanged = eraseForgotten(known);
     for (const Source& source : sources) {
@@ -76,7 +76,7 @@ void SourceMemory::flush() {
     if (forgotten_.empty()) {
         return;
     }
-    const platform::FileLock lock(system_.files, url_);
+    const platform::FileLock lock(system_.files, path_);
     Json known = load();
     if (eraseForgotten(known)) {
         write(known);
@@ -93,7 +93,7 @@ bool SourceMemory::eraseForgotten(Json& sources) {
 
 Json SourceMemory::load() const {
     try {
-        const Json file = parseJson(platform::readWholeFile(system_.files, url_));
+        const Json file = parseJson(platform::readWholeFile(system_.files, path_));
         const auto sources = file.find("sources");
         return sources != file.end() && sources->is_object() ? *sources : Json::object();
     } catch (const std::exception&) {
@@ -104,7 +104,7 @@ Json SourceMemory::load() const {
 void SourceMemory::write(const Json& sources) {
     Json file;
     file["sources"] = sources;
-    platform::writeWholeFile(system_.files, url_, asBytes(prettyJson(file)), 0600, platform::Flush::now,
+    platform::writeWholeFile(system_.files, path_, asBytes(prettyJson(file)), 0600, platform::Flush::now,
                              platform::Links::follow);
 }
 

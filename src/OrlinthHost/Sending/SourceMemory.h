@@ -54,7 +54,7 @@ private:
     bool eraseForgotten(Json& sources);
 
     platform::System& system_;
-    platform::Path url_;
+    platform::Path path_;
     std::vector<std::string> forgotten_;
 };
 

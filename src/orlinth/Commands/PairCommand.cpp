@@ -213,7 +213,7 @@ private:
         }
         const PairListener::Result result = awaitIntroduction(host, listener, door);
         PeerRecord phone = recordIn(host, result, ownKey);
-        const auto phoneKey = platform::PublicKey::fromBase64(phone.peer_pubkey);
+        const auto phoneKey = platform::PublicKey::fromBase64(phone.peer_pubkey.text());
         return {.phone = std::move(phone),
                 .confirmationCode = PairCrypto::confirmationCode(secret.reveal(), ownKey, phoneKey.value(),
                                                                  result.phoneIntroductionPlaintext),

@@ -158,7 +158,7 @@ private:
     [[nodiscard]] static std::string phoneOf(const Host& host, const PartialDownload& download) {
         try {
             const PeerBook book = host.peers().loadBook();
-            const PeerRecord* const phone = book.find(download.meta.peer_pubkey.text());
+            const PeerRecord* const phone = book.find(download.meta.peer_pubkey);
             return phone == nullptr ? "" : phone->peer_hostname;
         } catch (const PeerStoreError&) {
             return "";

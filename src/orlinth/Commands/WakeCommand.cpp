@@ -40,7 +40,7 @@ public:
             return 1;
         }
         try {
-            FcmWake wake(host.system, FcmWake::defaultServiceAccountURL(host.system.directories),
+            FcmWake wake(host.system, FcmWake::defaultServiceAccountPath(host.system.directories),
                          host::pushServiceURL());
             static_cast<void>(host.tasks.run(push(wake, peer.peer_fcm_token)));
         } catch (const Interrupted& interrupted) {

@@ -274,7 +274,7 @@ TEST_F(DeliveredTransfersTest, AreLoggedAndNoFailureWhereTheyCannotBeSavedOrRead
 }
 
 TEST_F(DeliveredTransfersTest, HaveTheFormThatIsDocumented) {
-    const DeliveredTransfers::Delivery delivery{.phone = phone,
+    const DeliveredTransfers::Delivery delivery{.peerKey = phone,
                                                 .transfer_id = TransferId("6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D"),
                                                 .path = "/home/ann/Downloads/film.mov",
                                                 .device = 65025,

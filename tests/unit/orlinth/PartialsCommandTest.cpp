@@ -21,7 +21,7 @@ protected:
         const PartialMeta meta{.transfer_id = TransferId(name),
                                .advertised_size = 10,
                                .started_at_epoch_ms = 1,
-                               .peer_pubkey = PeerKey(world.phoneRecord().peer_pubkey)};
+                               .peer_pubkey = world.phoneRecord().peer_pubkey};
         world.files.put(downloads / (name + ".partial"), "01234");
         world.files.put(downloads / (name + ".partial.meta.json"), compactJson(meta.toJson()));
     }
