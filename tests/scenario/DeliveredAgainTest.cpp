@@ -125,7 +125,8 @@ TEST_F(DeliveredAgain, IsToldOfIfTheFirstRunWasKilledBeforeItCould) {
     world.start();
     EXPECT_EQ(deliver(*world.phone()), 0);
     const platform::FileStatus file = world.files.status(film).value();
-    DeliveredTransfers(world.system).intend(world.phoneKey.publicKey().peerKey(), TransferId("ID-1"), film, file);
+    DeliveredTransfers(world.system.storage())
+        .intend(world.phoneKey.publicKey().peerKey(), TransferId("ID-1"), film, file);
     world.transfers.clear();
     EXPECT_EQ(deliver(*world.phone()), 10);
     ASSERT_EQ(world.transfers.size(), 1U);

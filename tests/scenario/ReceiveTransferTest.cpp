@@ -105,7 +105,7 @@ TEST_F(ReceiveTransfer, SavesTheFileUnderItsNameAndLeavesNothingElse) {
     EXPECT_EQ(world.files.content(folder / "a.txt"), "0123456789");
     EXPECT_THAT(filesInDownloads(), ElementsAre((folder / "a.txt").native()));
     EXPECT_EQ(script.resume, (Row::Resume{"ID-1", 0}));
-    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.receive"));
+    EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.receive"));
 }
 
 TEST_F(ReceiveTransfer, MakesAnEmptyFileFromAnOfferAndDone) {
@@ -273,21 +273,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
             }
             // The sender tries again, with the same id.
             World second;
-            platform::System onTheDisk{.network = second.network,
-                                       .clock = second.clock,
-                                       .files = *left,
-                                       .mimeTypes = second.mimeTypes,
-                                       .log = second.log,
-                                       .https = second.https,
-                                       .clipboard = second.clipboard,
-                                       .interfaces = second.interfaces,
-                                       .services = second.services,
-                                       .unixSockets = second.unixSockets,
-                                       .notifications = second.notifications,
-                                       .busSignals = second.busSignals,
-                                       .folders = second.folders,
-                                       .directories = second.system.directories,
-                                       .mainQueue = second.system.mainQueue};
+            platform::System onTheDisk = second.systemOn(*left);
             ReceiveRequest again{.staticKey = second.computerKey,
                                  .expectedPeerKey = second.phoneKey.publicKey(),
                                  .downloadsDir = folder,

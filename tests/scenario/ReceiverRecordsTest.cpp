@@ -54,7 +54,8 @@ TEST_F(ReceiverRecords, WithoutAnyStoreNothingIsWritten) {
 TEST_F(ReceiverRecords, TheLatestTokenIsWrittenLastAlsoIfAWriteTakesLong) {
     world.putPeers({world.phoneRecord()});
     const platform::PublicKey key = world.phoneKey.publicKey();
-    const auto updates = std::make_shared<RecordUpdates>(world.system);
+    const auto updates =
+        std::make_shared<RecordUpdates>(PeerStore(world.files, world.system.directories), world.clock, world.queues);
     const auto noTrouble = [](const std::exception_ptr& /*error*/) { ADD_FAILURE() << "nothing went wrong"; };
     bool isFirst = true;
     world.files.beforeEach([&](fakes::Operation operation, const platform::Path& path) {

@@ -114,7 +114,7 @@ TEST_F(SendTransfer, DeliversTheFileAndForgetsItsJournalEntry) {
     EXPECT_TRUE(journal.snapshotEntries().empty());
     EXPECT_THAT(recorder.lines, ElementsAre("file a.txt 10 text/plain", "connected", "handshake", "progress 0/10",
                                             "progress 10/10", "complete 10"));
-    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.send"));
+    EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.send"));
 }
 
 TEST_F(SendTransfer, SwitchesKeepAliveOnOnlyIfAskedTo) {
@@ -365,7 +365,7 @@ TEST_F(SendTransfer, GivesUpAPhoneThatConnectsAndDoesNotProveItsKey) {
         SendTerms terms = request().terms;
         terms.handshakeSeconds = 10;
         PreparedFile file{.path = "/home/ann/a.txt",
-                          .file = examineFile(world.system, "/home/ann/a.txt"),
+                          .file = examineFile(world.files, world.mimeTypes, "/home/ann/a.txt"),
                           .transferId = TransferId("ID")};
         return sendPrepared(world.system, std::move(file), std::move(terms));
     };
@@ -386,7 +386,7 @@ TEST_F(SendTransfer, GivesUpAPhoneThatLetsNothingMove) {
         SendTerms terms = request().terms;
         terms.silenceSeconds = 300;
         PreparedFile file{.path = "/home/ann/a.txt",
-                          .file = examineFile(world.system, "/home/ann/a.txt"),
+                          .file = examineFile(world.files, world.mimeTypes, "/home/ann/a.txt"),
                           .transferId = TransferId("ID")};
         return sendPrepared(world.system, std::move(file), std::move(terms));
     };
@@ -398,7 +398,7 @@ TEST_F(SendTransfer, GivesUpAPhoneThatLetsNothingMove) {
 
 TEST_F(SendTransfer, GoesOnWithoutAFingerprintThatCannotBeTaken) {
     world.files.addFault({.operation = fakes::Operation::read, .errorNumber = EIO, .times = 1, .nameEnding = "a.txt"});
-    const OutgoingFile examined = examineFile(world.system, "/home/ann/a.txt");
+    const OutgoingFile examined = examineFile(world.files, world.mimeTypes, "/home/ann/a.txt");
     EXPECT_EQ(examined, (OutgoingFile{.name = "a.txt",
                                       .size = 10,
                                       .mime = "text/plain",

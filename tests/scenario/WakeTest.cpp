@@ -313,7 +313,7 @@ TEST_F(OneOff, DeliversClipboardTextToAPhoneThatClosesWithoutAnAnswer) {
     EXPECT_EQ(outcome(clip("h\u00e9llo\n")), "");
     EXPECT_EQ(end, OneOffEnd::ended);
     EXPECT_EQ(seen.clipboard, (Row::Clipboard{"h\u00e9llo\n", "text/plain"}));
-    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.clipboard"));
+    EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.clipboard"));
     EXPECT_TRUE(world.log.lines().empty());
 }
 

@@ -36,23 +36,7 @@ protected:
     }
 
     /// The receiving computer plays the phone's part of the sender's world, with a disk of its own.
-    platform::System receivingSystem() {
-        return {.network = sender.network,
-                .clock = sender.clock,
-                .files = receiverFiles,
-                .mimeTypes = sender.mimeTypes,
-                .log = sender.log,
-                .https = sender.https,
-                .clipboard = sender.clipboard,
-                .interfaces = sender.interfaces,
-                .services = sender.services,
-                .unixSockets = sender.unixSockets,
-                .notifications = sender.notifications,
-                .busSignals = sender.busSignals,
-                .folders = sender.folders,
-                .directories = sender.system.directories,
-                .mainQueue = sender.system.mainQueue};
-    }
+    platform::System receivingSystem() { return sender.systemOn(receiverFiles); }
 
     /// Whether the receiver has exactly the sender's bytes there (comparing texts would print megabytes on failure).
     bool arrivedAt(const platform::Path& path) const { return receiverFiles.content(path) == content; }

@@ -131,8 +131,8 @@ void DeliveredTransfers::List::clear() {
     order_.clear();
 }
 
-DeliveredTransfers::DeliveredTransfers(platform::System& system)
-    : system_(system), file_(system.directories.data / PeerStore::defaultDirectoryName / fileName) {}
+DeliveredTransfers::DeliveredTransfers(platform::Storage storage)
+    : storage_(std::move(storage)), file_(storage_.directories.data / PeerStore::defaultDirectoryName / fileName) {}
 
 DeliveredTransfers::~DeliveredTransfers() = default;
 
@@ -171,7 +171,7 @@ void DeliveredTransfers::openLog() {
     list_.clear();
     taken_ = 0;
     log_ =
-        system_.files.open(file_, platform::OpenMode::openOrCreate, platform::Links::follow, deliveredFilePermissions);
+        storage_.files.open(file_, platform::OpenMode::openOrCreate, platform::Links::follow, deliveredFilePermissions);
     if (log_->status().kind != platform::FileKind::regular) { // reading from a pipe would never end
         log_.reset();
         throw platform::SystemError::fromErrno(EINVAL);
@@ -180,7 +180,7 @@ void DeliveredTransfers::openLog() {
 
 /// Takes in what other processes, and earlier runs, have written.
 void DeliveredTransfers::catchUp() {
-    const std::optional<platform::FileStatus> named = system_.files.status(file_);
+    const std::optional<platform::FileStatus> named = storage_.files.status(file_);
     if (!named) {
         log_.reset();
         list_.clear();
@@ -212,7 +212,7 @@ void DeliveredTransfers::catchUp() {
 }
 
 void DeliveredTransfers::writeAnew() {
-    list_.forgetOlderThan(system_.clock.epochMilliseconds() - maxAgeMilliseconds);
+    list_.forgetOlderThan(storage_.clock.epochMilliseconds() - maxAgeMilliseconds);
     std::vector<std::string> lines;
     std::size_t size = 0;
     const std::vector<Delivery> deliveries = list_.all();
@@ -228,15 +228,15 @@ void DeliveredTransfers::writeAnew() {
     std::string content;
     content.reserve(size);
     std::for_each(lines.rbegin(), lines.rend(), [&content](const std::string& line) { content += line; });
-    platform::writeWholeFile(system_.files, file_, asBytes(content), deliveredFilePermissions, platform::Flush::content,
-                             platform::Links::follow);
+    platform::writeWholeFile(storage_.files, file_, asBytes(content), deliveredFilePermissions,
+                             platform::Flush::content, platform::Links::follow);
     log_.reset();
     catchUp();
 }
 
 void DeliveredTransfers::append(const Delivery& delivery) {
-    system_.files.createDirectories(file_.parent_path(), deliveredFolderPermissions);
-    const platform::FileLock guard(system_.files, file_);
+    storage_.files.createDirectories(file_.parent_path(), deliveredFolderPermissions);
+    const platform::FileLock guard(storage_.files, file_);
     catchUp();
     if (!log_) {
         openLog();
@@ -264,13 +264,13 @@ void DeliveredTransfers::bestEffort(const char* what, Step step) {
 }
 
 void DeliveredTransfers::log(const char* what, const platform::SystemError& error) const {
-    system_.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "receiver",
-                      std::string(what) + ": " + error.description());
+    storage_.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "receiver",
+                       std::string(what) + ": " + error.description());
 }
 
 bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
     try {
-        const std::unique_ptr<platform::Folder> folder = system_.files.openFolder(delivery.path.parent_path());
+        const std::unique_ptr<platform::Folder> folder = storage_.files.openFolder(delivery.path.parent_path());
         const std::optional<platform::FileStatus> file =
             folder->status(platform::FileName(delivery.path.filename().native()));
         return file && isUnchanged(delivery, *file);
@@ -302,7 +302,7 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const
         lock_.assertHeld();
         catchUp();
         const Delivery* const delivery = list_.find({peerKey, transferId});
-        if (delivery != nullptr && delivery->at_epoch_ms >= system_.clock.epochMilliseconds() - maxAgeMilliseconds) {
+        if (delivery != nullptr && delivery->at_epoch_ms >= storage_.clock.epochMilliseconds() - maxAgeMilliseconds) {
             known = *delivery;
         }
     });
@@ -313,6 +313,14 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerK
                                                                      const TransferId& transferId, std::int64_t size) {
     std::optional<Delivery> found = find(peerKey, transferId);
     return found && found->size == size ? found : std::nullopt;
+}
+
+std::unique_ptr<platform::Folder> DeliveredTransfers::folderOf(const Delivery& delivery) const {
+    try {
+        return storage_.files.openFolder(delivery.path.parent_path());
+    } catch (const platform::SystemError&) {
+        return nullptr;
+    }
 }
 
 void DeliveredTransfers::intend(const PeerKey& peerKey, const TransferId& transferId, const platform::Path& path,
@@ -333,7 +341,7 @@ void DeliveredTransfers::intend(const PeerKey& peerKey, const TransferId& transf
                 .inode = file.inode,
                 .size = file.size,
                 .modified_ns = file.modifiedNanoseconds,
-                .at_epoch_ms = system_.clock.epochMilliseconds()});
+                .at_epoch_ms = storage_.clock.epochMilliseconds()});
     });
 }
 

@@ -4,7 +4,9 @@
 #include "base/Bytes.h"
 #include "base/Mutex.h"
 #include "base/StrongText.h"
-#include "platform/System.h"
+#include "platform/Folder.h"
+#include "platform/Storage.h"
+#include "platform/SystemError.h"
 
 #include <cstdint>
 #include <map>
@@ -64,8 +66,8 @@ public:
         bool operator==(const Delivery&) const = default;
     };
 
-    /// What `system` refers to outlives this. Touches no file.
-    explicit DeliveredTransfers(platform::System& system);
+    /// Touches no file.
+    explicit DeliveredTransfers(platform::Storage storage);
     DeliveredTransfers(const DeliveredTransfers&) = delete;
     DeliveredTransfers& operator=(const DeliveredTransfers&) = delete;
     ~DeliveredTransfers();
@@ -74,6 +76,8 @@ public:
     [[nodiscard]] std::optional<Delivery> find(const PeerKey& peerKey, const TransferId& transferId);
     /// The same, if it has the size that is offered: else it is not the one that is meant, whatever its id says.
     [[nodiscard]] std::optional<Delivery> find(const PeerKey& peerKey, const TransferId& transferId, std::int64_t size);
+    /// The folder in which it was delivered; null if that is gone.
+    [[nodiscard]] std::unique_ptr<platform::Folder> folderOf(const Delivery& delivery) const;
     /// `file` is what its partial file is like, flushed; it is about to get the name `path`. Instead of what was
     /// remembered of the same transfer.
     void intend(const PeerKey& peerKey, const TransferId& transferId, const platform::Path& path,
@@ -120,7 +124,7 @@ private:
     template <typename Step>
     void bestEffort(const char* what, Step step) ORLINTH_REQUIRES(lock_);
 
-    platform::System& system_;
+    platform::Storage storage_;
     platform::Path file_;
     Mutex lock_;
     List list_ ORLINTH_GUARDED_BY(lock_);

@@ -22,13 +22,13 @@ std::int64_t toCome(const TransportMessage::FileOffer& offer, std::int64_t here)
 
 } // namespace
 
-Downloads::Downloads(platform::System& system, platform::Path folder)
-    : system_(system), path_(std::move(folder)), delivered_(system), turns_(system) {}
+Downloads::Downloads(platform::Storage storage, platform::WorkQueues& queues, platform::Path folder)
+    : storage_(std::move(storage)), queues_(queues), path_(std::move(folder)), delivered_(storage_), turns_(storage_) {}
 
 std::unique_ptr<platform::Folder> Downloads::open() const {
     try {
-        system_.files.createDirectories(path_);
-        return system_.files.openFolder(path_);
+        storage_.files.createDirectories(path_);
+        return storage_.files.openFolder(path_);
     } catch (const platform::SystemError& error) {
         throw ReceiveError::fileWriteFailed(error.description());
     }
@@ -50,7 +50,7 @@ void Downloads::requireSensible(const TransportMessage::FileOffer& offer) {
 
 Task<Downloads::Prospect> Downloads::prospectOf(PeerKey peerKey, TransportMessage::FileOffer offer) {
     requireSensible(offer);
-    return platform::blocking(system_.network, [this, peerKey = std::move(peerKey), offer = std::move(offer)] {
+    return platform::blocking(queues_, [this, peerKey = std::move(peerKey), offer = std::move(offer)] {
         const bool isHere = isDelivered(peerKey, offer);
         return Prospect{.isDelivered = isHere, .refusal = isHere ? std::nullopt : refusalOf(peerKey, offer)};
     });
@@ -59,7 +59,7 @@ Task<Downloads::Prospect> Downloads::prospectOf(PeerKey peerKey, TransportMessag
 std::optional<DownloadRefusal> Downloads::refusalOf(const PeerKey& peerKey, const TransportMessage::FileOffer& offer) {
     std::unique_ptr<platform::Folder> folder;
     try {
-        folder = system_.files.openFolder(path_);
+        folder = storage_.files.openFolder(path_);
     } catch (const platform::SystemError&) {
         return std::nullopt; // begin() makes it, or says why that cannot be done
     }
@@ -113,14 +113,14 @@ bool Downloads::hasTooManyPartials(platform::Folder& folder, const PeerKey& peer
         const auto found = census_->partials.find(peerKey);
         return found != census_->partials.end() && found->second >= DownloadLimits::maxPartials;
     };
-    if (isTooMany() && (system_.clock.now() - census_->takenAt).count() >= censusSeconds) {
+    if (isTooMany() && (storage_.clock.now() - census_->takenAt).count() >= censusSeconds) {
         takeCensus(folder); // somebody may have removed some
     }
     return isTooMany();
 }
 
 void Downloads::takeCensus(platform::Folder& folder) {
-    census_ = Census{.folder = folder.status(), .takenAt = system_.clock.now(), .partials = {}};
+    census_ = Census{.folder = folder.status(), .takenAt = storage_.clock.now(), .partials = {}};
     try {
         for (const PartialDownload& download : Partials::in(folder)) {
             ++census_->partials[download.meta.peer_pubkey];
@@ -158,7 +158,7 @@ Task<Downloads::Beginning> Downloads::beginUnlessRefused(PeerKey peerKey, Transp
                                                          platform::Clock::Instant offeredAt) {
     requireSensible(offer);
     Task<Beginning> beginning = beginHere(std::move(peerKey), std::move(offer), offeredAt);
-    return platform::runOn(system_.network.makeBlockingQueue(), std::move(beginning));
+    return platform::runOn(queues_.makeBlockingQueue(), std::move(beginning));
 }
 
 /// On a queue that may block, and so finishHere().
@@ -171,7 +171,7 @@ Task<Downloads::Beginning> Downloads::beginHere(PeerKey peerKey, TransportMessag
         co_return Beginning{.file = std::nullopt, .refusal = refusal};
     }
     const FolderTurn turn = co_await turns_.take(folder->status());
-    IncomingFile file = IncomingFile::begin({.system = system_, .delivered = delivered_}, std::move(folder), turn,
+    IncomingFile file = IncomingFile::begin({.clock = storage_.clock, .delivered = delivered_}, std::move(folder), turn,
                                             std::move(peerKey), offer, offeredAt);
     const std::int64_t most = limits_.maxFileBytes;
     if (file.delivered() == nullptr && most > 0 && file.bytesWritten() > most) { // of a larger offer, or limit
@@ -192,18 +192,18 @@ Task<> Downloads::append(IncomingFile& file, ByteView data) {
         file.append(data);
         co_return;
     }
-    co_await platform::blocking(system_.network, [&file, data] { file.append(data); });
+    co_await platform::blocking(queues_, [&file, data] { file.append(data); });
 }
 
 Task<> Downloads::close(IncomingFile& file) {
-    return platform::blocking(system_.network, [&file] { file.close(); });
+    return platform::blocking(queues_, [&file] { file.close(); });
 }
 
 /// Somebody may have put the folder into the trash and made another one: a file that comes into the old one is as good
 /// as lost, and whoever looks for it by its path finds another file or none.
 void Downloads::requireInPlace(const platform::Folder& folder) const {
     try {
-        const std::optional<platform::FileStatus> there = system_.files.status(folder.path());
+        const std::optional<platform::FileStatus> there = storage_.files.status(folder.path());
         if (there && platform::isSameFile(*there, folder.status())) {
             return;
         }
@@ -215,8 +215,7 @@ void Downloads::requireInPlace(const platform::Folder& folder) const {
 
 Task<ReceivedFile> Downloads::finish(IncomingFile& file, std::string remoteEndpoint) {
     Task<std::optional<ReceivedFile>> finishing = finishHere(file, std::move(remoteEndpoint));
-    std::optional<ReceivedFile> received =
-        co_await platform::runOn(system_.network.makeBlockingQueue(), std::move(finishing));
+    std::optional<ReceivedFile> received = co_await platform::runOn(queues_.makeBlockingQueue(), std::move(finishing));
     co_return std::move(*received);
 }
 

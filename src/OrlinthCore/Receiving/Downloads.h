@@ -2,6 +2,8 @@
 
 #include "OrlinthCore/Receiving/IncomingFile.h"
 #include "base/Mutex.h"
+#include "platform/Storage.h"
+#include "platform/WorkQueues.h"
 
 #include <map>
 #include <optional>
@@ -17,8 +19,8 @@ namespace orlinth {
 /// (platform::blocking()); data is handed to the system in place. Outlives its files.
 class Downloads {
 public:
-    /// What `system` refers to outlives this.
-    Downloads(platform::System& system, platform::Path folder);
+    /// `queues` outlives this.
+    Downloads(platform::Storage storage, platform::WorkQueues& queues, platform::Path folder);
 
     /// Before the first file.
     void setLimits(const DownloadLimits& limits) noexcept { limits_ = limits; }
@@ -29,11 +31,11 @@ public:
         /// Why it would fail for reasons that the sender should be told of by a refusal; nothing if it would not.
         std::optional<DownloadRefusal> refusal;
     };
+    /// Whether the offer is one that can be worked with at all. @throws ReceiveError::protocolViolation
+    static void requireSensible(const TransportMessage::FileOffer& offer);
     /// Transfers under way count with what is still to come, and this one with what is not here yet. Makes no folder:
     /// of one that is not there nothing can be said.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed
-    /// Whether the offer is one that can be worked with at all. @throws ReceiveError::protocolViolation
-    static void requireSensible(const TransportMessage::FileOffer& offer);
     [[nodiscard]] Task<Prospect> prospectOf(PeerKey peerKey, TransportMessage::FileOffer offer);
     /// What has come of an offer: one of the two.
     struct Beginning {
@@ -80,7 +82,8 @@ private:
     void takeCensus(platform::Folder& folder) ORLINTH_REQUIRES(censusLock_);
     void countPartial(const PeerKey& peerKey, bool isNew);
 
-    platform::System& system_;
+    platform::Storage storage_;
+    platform::WorkQueues& queues_;
     platform::Path path_;
     DownloadLimits limits_;
     DeliveredTransfers delivered_;

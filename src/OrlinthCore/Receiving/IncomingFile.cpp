@@ -83,21 +83,11 @@ std::unique_ptr<platform::File> openPartial(platform::Folder& folder, CollisionR
     return file;
 }
 
-/// The folder in which a file was delivered. Null if it is gone.
-std::unique_ptr<platform::Folder> folderOf(platform::System& system, const DeliveredTransfers::Delivery& delivery) {
-    try {
-        return system.files.openFolder(delivery.path.parent_path());
-    } catch (const platform::SystemError&) {
-        return nullptr;
-    }
-}
-
 } // namespace
 
 IncomingFile::IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, PeerKey peerKey,
                            TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt)
-    : system_(&place.system),
-      deliveredTransfers_(&place.delivered),
+    : place_(place),
       folder_(std::move(folder)),
       peerKey_(std::move(peerKey)),
       offer_(std::move(offer)),
@@ -157,9 +147,8 @@ void IncomingFile::open() {
 }
 
 bool IncomingFile::acknowledgeIfDelivered() {
-    const std::optional<DeliveredTransfers::Delivery> found =
-        deliveredTransfers_->find(peerKey_, transferId_, offer_.size);
-    std::unique_ptr<platform::Folder> folder = found ? folderOf(*system_, *found) : nullptr;
+    const std::optional<DeliveredTransfers::Delivery> found = place_.delivered.find(peerKey_, transferId_, offer_.size);
+    std::unique_ptr<platform::Folder> folder = found ? place_.delivered.folderOf(*found) : nullptr;
     if (!folder) {
         return false;
     }
@@ -178,7 +167,7 @@ const DeliveredTransfers::Delivery* IncomingFile::delivered() const noexcept {
 void IncomingFile::saveSidecar() {
     const PartialMeta meta{.transfer_id = transferId_,
                            .advertised_size = offer_.size,
-                           .started_at_epoch_ms = system_->clock.epochMilliseconds(),
+                           .started_at_epoch_ms = place_.clock.epochMilliseconds(),
                            .peer_pubkey = peerKey_};
     // One that lies there is replaced for good before any data is written: if a power cut brought it back, it would
     // claim our data for its own transfer; and if it is ours, what there is to resume would be lost with it.
@@ -280,7 +269,7 @@ void IncomingFile::moveIntoPlace() {
     const platform::FileStatus content = partial_->status();
     // Remembered before it is moved: if we are killed right behind the move, the next attempt finds it.
     const auto move = [&] {
-        deliveredTransfers_->intend(peerKey_, transferId_, folder_->path() / target_.final.text(), content);
+        place_.delivered.intend(peerKey_, transferId_, folder_->path() / target_.final.text(), content);
         return folder_->moveNoReplace(*partial_, target_.partial, target_.final);
     };
     for (int choice = 0; !move(); ++choice) {
@@ -327,14 +316,14 @@ ReceivedFile IncomingFile::finish(FolderTurn turn, const std::string& remoteEndp
     }
     writing("", [&] { folder_->flush(); });
     if (!delivered_ || !delivered_->isSettled) {
-        deliveredTransfers_->settle(peerKey_, transferId_);
+        place_.delivered.settle(peerKey_, transferId_);
     }
     return {.savedAt = folder_->path() / target_.final.text(),
             .bytesWritten = bytesWritten_,
             .advertisedSize = offer_.size,
             .mime = offer_.mime,
             .remoteEndpoint = remoteEndpoint,
-            .durationSeconds = (system_->clock.now() - offerTime_).count(),
+            .durationSeconds = (place_.clock.now() - offerTime_).count(),
             .bytesReceivedThisSession = bytesThisSession_,
             .resumedFromOffset = target_.resumeOffset};
 }

@@ -6,7 +6,7 @@
 #include "OrlinthCore/Receiving/FolderTurns.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "base/StrongText.h"
-#include "platform/System.h"
+#include "platform/Clock.h"
 
 #include <memory>
 
@@ -44,9 +44,9 @@ struct ReceivedFile {
 /// Not thread-safe; calls block on the disk.
 class IncomingFile {
 public:
-    /// What is remembered of files that came, and the clock. What is referred to outlives the object.
+    /// The clock, and what is remembered of files that came. What is referred to outlives the object.
     struct Place {
-        platform::System& system;
+        platform::Clock& clock;
         DeliveredTransfers& delivered;
     };
 
@@ -112,8 +112,7 @@ private:
     void leavePartialName();
     void tidyUpBehindDelivered();
 
-    platform::System* system_;
-    DeliveredTransfers* deliveredTransfers_;
+    Place place_;
     std::unique_ptr<platform::Folder> folder_; // of the delivered file, if there is one
     PeerKey peerKey_;
     TransportMessage::FileOffer offer_;

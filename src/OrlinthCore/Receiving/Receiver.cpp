@@ -97,16 +97,18 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
           staticKey(key),
           port(number),
           prologue(std::move(prologueBytes)),
-          downloads(owner, std::move(directory)),
-          queue(owner.network.makeSerialQueue("orlinth.receiver")),
-          updates(std::make_shared<RecordUpdates>(owner)),
+          peers(owner.files, owner.directories),
+          downloads(owner.storage(), owner.queues, std::move(directory)),
+          queue(owner.queues.makeSerialQueue("orlinth.receiver")),
+          updates(std::make_shared<RecordUpdates>(peers, owner.clock, owner.queues)),
           expected(std::move(expectedKeys)) {}
 
     platform::System& system;
     const platform::PrivateKey& staticKey;
     std::uint16_t port; ///< once it listens, the real one
     const std::string prologue;
-    Downloads downloads; ///< any thread
+    const PeerStore peers; ///< any thread, and so the next one
+    Downloads downloads;
     const Executor queue;
     const std::shared_ptr<RecordUpdates> updates; ///< any thread, and so the next two
     PhonePlaces places;
@@ -230,7 +232,7 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
         bool isShort = false;
         self->isAccepting = true;
         try {
-            const Executor worker = self->system.network.makeWorkerQueue("orlinth.receiver.connection");
+            const Executor worker = self->system.queues.makeWorkerQueue("orlinth.receiver.connection");
             std::unique_ptr<platform::Stream> stream = co_await self->listener->accept(worker);
             self->admit(std::move(stream));
         } catch (const platform::SystemError& error) {
@@ -365,7 +367,9 @@ Task<bool> Receiver::Service::ask(std::shared_ptr<Service> self, Offer offer) {
 
 ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& session) {
     const std::shared_ptr<Service> self = shared_from_this();
-    return {.system = system,
+    return {.clock = system.clock,
+            .queues = system.queues,
+            .peers = peers,
             .staticKey = staticKey,
             .downloads = downloads,
             .prologue = prologue,

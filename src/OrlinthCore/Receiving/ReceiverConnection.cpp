@@ -30,9 +30,9 @@ constexpr double hangUpLookSeconds = 0.25;
 class HandshakeAlarm {
 public:
     HandshakeAlarm(WireConnection& wire, const Executor& executor, const ReceiverConnectionContext& context)
-        : timer_(context.system.clock.makeTimer(executor)) {
+        : timer_(context.clock.makeTimer(executor)) {
         if (context.handshakeEnd) {
-            const double left = (*context.handshakeEnd - context.system.clock.now()).count();
+            const double left = (*context.handshakeEnd - context.clock.now()).count();
             timer_->arm(left, [this, &wire] {
                 hasRung_ = true;
                 wire.close();
@@ -105,7 +105,7 @@ public:
           wire_(wire),
           endpoint_(wire.remoteEndpoint()),
           framer_(std::move(transport)),
-          sender_(context.system, framer_.session().remoteStaticPublicKey()),
+          sender_(context.peers, framer_.session().remoteStaticPublicKey()),
           self_(std::make_shared<const TransferConnection>(
               framer_.session().remoteStaticPublicKey().peerKey(),
               [dismiss = context.dismiss] { dismiss("taken over by a newer connection"); })),
@@ -120,7 +120,7 @@ public:
     using Result = std::optional<Receiver::ProcessOutcome>;
 
     [[nodiscard]] Task<Result> run() {
-        place_.emplace(context_.places, context_.system.clock, self_->peerKey(),
+        place_.emplace(context_.places, context_.clock, self_->peerKey(),
                        [dismiss = context_.dismiss] { dismiss("too many connections of this phone"); });
         co_await welcome();
         FrameBuffer buffer;
@@ -130,7 +130,7 @@ public:
                 co_return std::nullopt;
             }
             place_->heard();
-            FrameView frame = co_await framer_.decodeInPlace(context_.system.network, buffer.body());
+            FrameView frame = co_await framer_.decodeInPlace(context_.queues, buffer.body());
             if (const auto* data = std::get_if<MutableBytes>(&frame)) {
                 transfer_.takeData(static_cast<std::int64_t>(data->size()));
                 co_await context_.downloads.append(*file_, *data);
@@ -261,7 +261,7 @@ private:
     [[nodiscard]] Task<std::optional<Result>> takeOffer(Row::FileOffer offer) {
         Downloads::requireSensible(offer); // the id is a key of what all connections share
         open_.emplace(wire_);
-        const platform::Clock::Instant offerTime = context_.system.clock.now();
+        const platform::Clock::Instant offerTime = context_.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
         bool mustBeHere = false;
         if (context_.approveOffer) {
@@ -320,7 +320,7 @@ private:
 
     [[nodiscard]] Task<> watchPhone(OneShot<bool>& answer) {
         while (!wire_.hasEnded()) {
-            const bool isOver = !co_await platform::sleepUnlessCancelled(context_.system.clock, hangUpLookSeconds);
+            const bool isOver = !co_await platform::sleepUnlessCancelled(context_.clock, hangUpLookSeconds);
             if (isOver) {
                 co_return;
             }
@@ -395,7 +395,7 @@ private:
     template <typename Change>
     [[nodiscard]] Task<> changeRecord(Change change) {
         try {
-            co_await platform::blocking(context_.system.network, std::move(change));
+            co_await platform::blocking(context_.queues, std::move(change));
         } catch (const PeerStoreError&) {
             context_.onTrouble(std::current_exception());
         }
@@ -423,7 +423,7 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
                                                                 std::unique_ptr<platform::Stream> stream) {
     using Standing = ReceiverConnectionContext::Standing;
     const std::string endpoint = stream->remoteEndpoint();
-    WireConnection wire(std::move(stream), context.system.clock);
+    WireConnection wire(std::move(stream), context.clock);
     wire.idleTimeout = Receiver::idleTimeout;
     NoiseTransport transport = co_await shakeHands(wire, context);
     const platform::PublicKey key = transport.remoteStaticPublicKey();

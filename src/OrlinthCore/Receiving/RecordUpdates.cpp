@@ -9,12 +9,12 @@
 
 namespace orlinth {
 
-RecordUpdates::RecordUpdates(platform::System& system)
-    : system_(system), queue_(system.network.makeBlockingQueue()), alarm_(system.clock.makeTimer(queue_)) {}
+RecordUpdates::RecordUpdates(PeerStore store, platform::Clock& clock, platform::WorkQueues& queues)
+    : store_(std::move(store)), clock_(clock), queue_(queues.makeBlockingQueue()), alarm_(clock.makeTimer(queue_)) {}
 
 bool RecordUpdates::isDue(const Phone& phone) const {
-    return !phone.isBeingWritten && (!phone.writtenAt || system_.clock.now() - *phone.writtenAt >=
-                                                             platform::Clock::Instant(limits::recordSeconds));
+    return !phone.isBeingWritten &&
+           (!phone.writtenAt || clock_.now() - *phone.writtenAt >= platform::Clock::Instant(limits::recordSeconds));
 }
 
 void RecordUpdates::say(const platform::PublicKey& key, RecordChange change, OnTrouble onTrouble) {
@@ -44,7 +44,7 @@ void RecordUpdates::say(const platform::PublicKey& key, RecordChange change, OnT
             return;
         }
         change = std::exchange(known.waiting, {});
-        before = std::exchange(known.writtenAt, system_.clock.now()); // others wait from now on
+        before = std::exchange(known.writtenAt, clock_.now()); // others wait from now on
         known.isBeingWritten = true;
     }
     const auto end = [&](bool wasWritten) {
@@ -55,7 +55,7 @@ void RecordUpdates::say(const platform::PublicKey& key, RecordChange change, OnT
         }
     };
     try {
-        end(SenderRecord(system_, key).apply(change));
+        end(SenderRecord(store_, key).apply(change));
     } catch (...) {
         end(false);
         throw;
@@ -96,7 +96,7 @@ void RecordUpdates::writeDue(bool all) {
                 due.push_back(phone);
                 phone.waiting = {};
                 phone.onTrouble = {};
-                phone.writtenAt = system_.clock.now();
+                phone.writtenAt = clock_.now();
                 phone.isBeingWritten = !all;
             }
             isSomethingLeft = isSomethingLeft || !phone.waiting.isEmpty();
@@ -105,7 +105,7 @@ void RecordUpdates::writeDue(bool all) {
     }
     for (const Phone& phone : due) {
         try {
-            static_cast<void>(SenderRecord(system_, phone.key).apply(phone.waiting));
+            static_cast<void>(SenderRecord(store_, phone.key).apply(phone.waiting));
         } catch (const PeerStoreError&) {
             phone.onTrouble(std::current_exception());
         }

@@ -33,11 +33,11 @@ void RecordChange::add(RecordChange later) {
     take(address, later.address);
 }
 
-SenderRecord::SenderRecord(platform::System& system, const platform::PublicKey& key)
-    : system_(system), peerKey_(key.peerKey()) {}
+SenderRecord::SenderRecord(PeerStore store, const platform::PublicKey& key)
+    : store_(std::move(store)), peerKey_(key.peerKey()) {}
 
 std::optional<PeerRecord> SenderRecord::find() const {
-    const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
+    const PeerBook book = store_.loadBook();
     const PeerRecord* const record = book.find(peerKey_);
     return record == nullptr ? std::nullopt : std::optional(*record);
 }
@@ -59,7 +59,7 @@ std::optional<std::string> SenderRecord::nameHere(const std::string& name) const
     if (!isUsableName(name)) {
         return std::nullopt;
     }
-    const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
+    const PeerBook book = store_.loadBook();
     return book.find(peerKey_) == nullptr ? name : freeName(book, peerKey_, name);
 }
 
@@ -68,13 +68,12 @@ bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& add
 }
 
 bool SenderRecord::apply(const RecordChange& change) {
-    PeerStore store(system_.files, system_.directories);
-    PeerBook seen = store.loadBook();
+    PeerBook seen = store_.loadBook();
     if (!applyTo(seen, change)) {
         return false;
     }
     bool isChanged = false;
-    store.update([&](PeerBook& book) { // the record that is there under the lock
+    store_.update([&](PeerBook& book) { // the record that is there under the lock
         isChanged = applyTo(book, change);
         return isChanged;
     });
@@ -107,9 +106,7 @@ bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
 }
 
 void SenderRecord::remove() {
-    static_cast<void>(PeerStore(system_.files, system_.directories).removeFirst([this](const PeerRecord& record) {
-        return record.peer_pubkey == peerKey_;
-    }));
+    static_cast<void>(store_.removeFirst([this](const PeerRecord& record) { return record.peer_pubkey == peerKey_; }));
 }
 
 } // namespace orlinth

@@ -219,11 +219,11 @@ platform::Path FcmWake::defaultServiceAccountPath(const platform::UserDirectorie
     return directories.data / "Orlinth" / serviceAccountFileName;
 }
 
-FcmWake::FcmWake(platform::System& system, const platform::Path& serviceAccountPath, std::string baseURL)
+FcmWake::FcmWake(System system, const platform::Path& serviceAccountPath, std::string baseURL)
     : system_(system),
       account_(loadAccount(system.files, serviceAccountPath)),
       baseURL_(std::move(baseURL)),
-      queue_(system.network.makeSerialQueue("orlinth.wake")),
+      queue_(system.queues.makeSerialQueue("orlinth.wake")),
       tokenTurn_(queue_) {}
 
 Task<> FcmWake::sendWake(std::string toToken) {

@@ -34,8 +34,9 @@ std::optional<platform::FileStatus> statusOf(platform::FileSystem& files, const 
 
 } // namespace
 
-OutgoingFile examineFile(platform::System& system, const platform::Path& path) {
-    const std::optional<platform::FileStatus> status = statusOf(system.files, path);
+OutgoingFile examineFile(platform::FileSystem& files, const platform::MimeTypes& mimeTypes,
+                         const platform::Path& path) {
+    const std::optional<platform::FileStatus> status = statusOf(files, path);
     if (!status) {
         throw SendError::fileMissing(path.native());
     }
@@ -47,11 +48,11 @@ OutgoingFile examineFile(platform::System& system, const platform::Path& path) {
     }
     OutgoingFile file{.name = toUtf8(lastPathComponent(path.native())),
                       .size = status->size,
-                      .mime = mimeType(system.mimeTypes, path),
+                      .mime = mimeType(mimeTypes, path),
                       .fingerprint = "",
                       .seen = *status};
     try {
-        file.fingerprint = FileFingerprint::compute(system.files, path);
+        file.fingerprint = FileFingerprint::compute(files, path);
     } catch (const platform::SystemError&) {
         // The journal works without it; if the file cannot be read at all, the send will say so.
     }

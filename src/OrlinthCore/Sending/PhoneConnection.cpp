@@ -43,7 +43,8 @@ void checkInterval(double seconds) {
 
 Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string token) {
     try {
-        FcmWake wake(system, FcmWake::defaultServiceAccountPath(system.directories), std::move(fcmBaseURL));
+        FcmWake wake({.files = system.files, .clock = system.clock, .https = system.https, .queues = system.queues},
+                     FcmWake::defaultServiceAccountPath(system.directories), std::move(fcmBaseURL));
         co_await wake.sendWake(std::move(token));
     } catch (const std::exception& error) {
         throw SendError::network("FCM wake failed: " + platform::textOfFailure(error), SendError::Reason::pushFailed,
@@ -93,7 +94,7 @@ void decideOnWake(const ConnectRequest& request, const std::exception_ptr& warmE
 
 Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, ConnectRequest request) {
     Task<std::unique_ptr<platform::Stream>> warm =
-        connectOnce(system, request.peer, request.queue, request.warmConnectTimeout);
+        connectOnce(system.network, system.clock, request.peer, request.queue, request.warmConnectTimeout);
     ConnectResult first = co_await tryToConnect(std::move(warm));
     if (first.stream) {
         co_return std::move(first.stream);
@@ -110,28 +111,29 @@ Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, 
     co_return co_await request.connectAfterWake();
 }
 
-Task<std::unique_ptr<platform::Stream>> connectWithin(platform::System& system, PeerRecord peer, Executor queue,
-                                                      double windowSeconds, double attemptTimeout,
-                                                      double retryInterval) {
+Task<std::unique_ptr<platform::Stream>> connectWithin(platform::Network& network, platform::Clock& clock,
+                                                      PeerRecord peer, Executor queue, double windowSeconds,
+                                                      double attemptTimeout, double retryInterval) {
     checkInterval(retryInterval);
-    const platform::Clock::Instant end = system.clock.now() + platform::Clock::Instant(windowSeconds);
+    const platform::Clock::Instant end = clock.now() + platform::Clock::Instant(windowSeconds);
     std::exception_ptr lastError =
         std::make_exception_ptr(SendError::network("connect timed out after wake", SendError::Reason::timedOut));
-    while (system.clock.now() < end) {
-        Task<std::unique_ptr<platform::Stream>> connecting = connectOnce(system, peer, queue, attemptTimeout);
+    while (clock.now() < end) {
+        Task<std::unique_ptr<platform::Stream>> connecting = connectOnce(network, clock, peer, queue, attemptTimeout);
         ConnectResult next = co_await tryToConnect(std::move(connecting));
         if (next.stream) {
             co_return std::move(next.stream);
         }
         lastError = next.error;
-        co_await system.clock.sleep(retryInterval);
+        co_await clock.sleep(retryInterval);
     }
     std::rethrow_exception(lastError);
 }
 
-Task<std::unique_ptr<platform::Stream>> connectOnce(platform::System& system, PeerRecord peer, Executor queue,
-                                                    double timeout, WhenRefused whenRefused) {
-    co_return co_await openConnection(system, peer.peer_ip, portOf(peer), std::move(queue), timeout, whenRefused);
+Task<std::unique_ptr<platform::Stream>> connectOnce(platform::Network& network, platform::Clock& clock, PeerRecord peer,
+                                                    Executor queue, double timeout, WhenRefused whenRefused) {
+    co_return co_await openConnection(network, clock, peer.peer_ip, portOf(peer), std::move(queue), timeout,
+                                      whenRefused);
 }
 
 Bytes pubkeyOf(const PeerRecord& peer) {

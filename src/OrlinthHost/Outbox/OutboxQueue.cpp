@@ -240,7 +240,8 @@ OutboxQueue::Job* OutboxQueue::nextFor(const PeerKey& peerKey) {
 std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const PeerKey& peerKey) {
     std::shared_ptr<OutboxJournal>& journal = job.journals[peerKey];
     if (!journal) {
-        journal = std::make_shared<OutboxJournal>(home_.system, job.state.journalFile(peerKey));
+        journal =
+            std::make_shared<OutboxJournal>(home_.system.files, home_.system.mimeTypes, job.state.journalFile(peerKey));
     }
     const std::string file = *job.nextFor(peerKey);
     if (!journal->isPrepared(job.batch.folder / file)) {

@@ -51,7 +51,7 @@ SendRun::SendRun(Home& home, const platform::PrivateKey& ownKey, InFlightJournal
       times_(times),
       events_(events),
       phones_(std::move(phones)),
-      sources_(home.system, journal, std::move(files), phones_.size()),
+      sources_(home.system.files, home.system.mimeTypes, journal, std::move(files), phones_.size()),
       plan_(sources_.sizes(), phones_.size()),
       tasks_(home.executor) {}
 

@@ -189,7 +189,7 @@ private:
             port = guarded(host, std::move(port));
         }
         PairListener listener(host.system, secret, number, duration(), std::move(port));
-        PairAdvertiser advertiser(host.system, payload, code, host.tasks.executor());
+        PairAdvertiser advertiser(host.system.services, host.system.log, payload, code, host.tasks.executor());
 
         if (!borrowed) {
             tellWhereFilesGo(host, number);

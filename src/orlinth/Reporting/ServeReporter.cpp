@@ -100,7 +100,7 @@ ServeReporter::ServeReporter(Host& host, Choices choices)
       textBurstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       burstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       opening_(std::make_shared<Opening>(
-          Opening{.chores = host::Chores(host.system.network, "orlinth.serve.opening"), .log = host.system.log})),
+          Opening{.chores = host::Chores(host.system.queues, "orlinth.serve.opening"), .log = host.system.log})),
       strangers_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
                  [&output = host.output](std::int64_t untold) {
                      output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");

@@ -26,7 +26,7 @@ protected:
         world.files.put(downloads / (name + ".partial.meta.json"), compactJson(meta.toJson()));
     }
     [[nodiscard]] platform::Path lock() {
-        return FolderTurns(world.system).lockFile(world.files.status(downloads).value());
+        return FolderTurns(world.system.storage()).lockFile(world.files.status(downloads).value());
     }
     /// Another program that holds the turn for ever.
     void holdTurn() {
