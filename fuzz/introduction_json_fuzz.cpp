@@ -27,8 +27,8 @@ void demandHarmless(const std::string& text, std::size_t maxBytes) {
 }
 
 void demandSound(const PeerRecord& record) {
-    const std::optional<PublicKey> key = PublicKey::fromBase64(record.peer_pubkey);
-    demand(key && key->base64() == record.peer_pubkey && record.peer_pubkey.size() == 44, "a key has one text");
+    const std::optional<PublicKey> key = PublicKey::fromBase64(record.peer_pubkey.text());
+    demand(key && key->peerKey() == record.peer_pubkey && record.peer_pubkey.text().size() == 44, "a key has one text");
     demand(*key != ownKey() && (key->raw()[31] & std::byte{0x80}) == std::byte{0}, "the key is another's");
     demand(*key != PublicKey(std::array<std::byte, 32>{}), "the key is no point of low order");
     demand(!objectionToAddress(record.peer_ip), "the address is one");
@@ -40,7 +40,7 @@ void demandSound(const PeerRecord& record) {
     demandHarmless(record.peer_mac, 64);
     demandHarmless(record.peer_fcm_token, 4096);
     demandHarmless(record.peer_android, 64);
-    demand(record.self_pubkey == ownKey().base64() && record.paired_at_epoch_ms == 0, "the computer's own fields");
+    demand(record.self_pubkey == ownKey().peerKey() && record.paired_at_epoch_ms == 0, "the computer's own fields");
 }
 
 } // namespace

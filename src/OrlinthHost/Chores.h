@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/Network.h"
+#include "platform/WorkQueues.h"
 
 #include <functional>
 
@@ -10,7 +10,7 @@ namespace orlinth::host {
 class Chores {
 public:
     /// `label` names the queue for diagnostics.
-    Chores(platform::Network& network, const char* label) : queue_(network.makeThreadQueue(label)) {}
+    Chores(platform::WorkQueues& queues, const char* label) : queue_(queues.makeThreadQueue(label)) {}
 
     /// Any thread. `chore` must not throw.
     void add(std::function<void()> chore);

@@ -33,7 +33,7 @@ PhoneRow::PhoneRow(const ShareOutbox::SharePeer& peer, bool isOn, QWidget* paren
     : QAbstractButton(parent),
       hostname_(oneLine(peer.hostname)),
       subtitle_(oneLine(peer.subtitle)),
-      pubkey_(peer.pubkey) {
+      peerKey_(peer.pubkey) {
     setCheckable(true);
     setChecked(isOn);
     setFixedHeight(rowHeight);

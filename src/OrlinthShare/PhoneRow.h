@@ -22,7 +22,7 @@ public:
 
     [[nodiscard]] const QString& hostname() const noexcept { return hostname_; }
     [[nodiscard]] const QString& subtitle() const noexcept { return subtitle_; }
-    [[nodiscard]] const std::string& pubkey() const noexcept { return pubkey_; }
+    [[nodiscard]] const PeerKey& peerKey() const noexcept { return peerKey_; }
     [[nodiscard]] bool isOn() const { return isChecked(); }
 
     /// What a click does.
@@ -48,7 +48,7 @@ private:
 
     QString hostname_;
     QString subtitle_;
-    std::string pubkey_;
+    PeerKey peerKey_;
     bool isFocusShown_ = false;
 };
 

@@ -71,7 +71,7 @@ QString cssOf(const QColor& color) {
 
 } // namespace
 
-SharePickerView::SharePickerView(std::vector<ShareOutbox::SharePeer> peers, std::set<std::string> selected,
+SharePickerView::SharePickerView(std::vector<ShareOutbox::SharePeer> peers, std::set<PeerKey> selected,
                                  QString computerName)
     : peers_(std::move(peers)), selected_(std::move(selected)), computerName_(std::move(computerName)) {}
 
@@ -235,8 +235,8 @@ void SharePickerView::setThumbnail(const QPixmap& picture) {
     thumb_->setPixmap(picture);
 }
 
-std::vector<std::string> SharePickerView::selectedKeys() const {
-    std::vector<std::string> keys;
+std::vector<PeerKey> SharePickerView::selectedKeys() const {
+    std::vector<PeerKey> keys;
     for (const ShareOutbox::SharePeer& peer : peers_) {
         if (selected_.contains(peer.pubkey) && std::ranges::find(keys, peer.pubkey) == keys.end()) {
             keys.push_back(peer.pubkey);
@@ -245,11 +245,11 @@ std::vector<std::string> SharePickerView::selectedKeys() const {
     return keys;
 }
 
-void SharePickerView::toggle(const std::string& pubkey, bool isOn) {
+void SharePickerView::toggle(const PeerKey& peerKey, bool isOn) {
     if (isOn) {
-        selected_.insert(pubkey);
+        selected_.insert(peerKey);
     } else {
-        selected_.erase(pubkey);
+        selected_.erase(peerKey);
     }
     updateSendTitle();
 }

@@ -35,7 +35,7 @@ public:
     static constexpr int emptyHeight = 216;
 
     /// `selected` are the keys of the phones that are on at first.
-    SharePickerView(std::vector<ShareOutbox::SharePeer> peers, std::set<std::string> selected, QString computerName);
+    SharePickerView(std::vector<ShareOutbox::SharePeer> peers, std::set<PeerKey> selected, QString computerName);
 
     /// Lays everything out. Once, before the view is shown.
     void build(std::size_t fileCount, const QString& firstFileName);
@@ -48,10 +48,10 @@ public:
     [[nodiscard]] int contentHeight() const { return heightFor(peers_.size()); }
 
     /// The keys of the chosen phones, in the order of the list.
-    [[nodiscard]] std::vector<std::string> selectedKeys() const;
+    [[nodiscard]] std::vector<PeerKey> selectedKeys() const;
 
     /// Called with selectedKeys(), at least one.
-    std::function<void(std::vector<std::string>)> onSend;
+    std::function<void(std::vector<PeerKey>)> onSend;
     std::function<void()> onCancel;
 
     // What it is made of, for those who look at it.
@@ -73,13 +73,13 @@ private:
     [[nodiscard]] QWidget* makeFooter();
     [[nodiscard]] QPixmap badgePicture() const;
     void colorScrollBar();
-    void toggle(const std::string& pubkey, bool isOn);
+    void toggle(const PeerKey& peerKey, bool isOn);
     void moveFocus(std::size_t from, PhoneRow::Move move);
     void updateSendTitle();
     void send();
 
     std::vector<ShareOutbox::SharePeer> peers_;
-    std::set<std::string> selected_;
+    std::set<PeerKey> selected_;
     QString computerName_;
     // owned by the layout
     std::vector<PhoneRow*> rows_;

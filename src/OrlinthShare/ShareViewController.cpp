@@ -102,14 +102,14 @@ ShareRequest::FileItems ShareViewController::filesToShare() const {
 }
 
 void ShareViewController::presentPicker() {
-    std::set<std::string> selected;
+    std::set<PeerKey> selected;
     if (!peers_.empty()) {
         selected.insert(peers_.front().pubkey);
     }
     auto picker = std::make_unique<SharePickerView>(peers_, std::move(selected), settings_.computerName);
     SharePickerView& shown = *picker;
     shown.build(files_.size(), nameOf(files_.front()));
-    shown.onSend = [this](std::vector<std::string> keys) {
+    shown.onSend = [this](std::vector<PeerKey> keys) {
         if (step_ != Step::choosing) {
             return; // pressed twice before it was gone
         }
@@ -142,7 +142,7 @@ void ShareViewController::present(std::unique_ptr<QWidget> next, int height) {
     presented_->show();
 }
 
-void ShareViewController::stage(std::optional<std::vector<std::string>> targetPubkeys) {
+void ShareViewController::stage(std::optional<std::vector<PeerKey>> targetPubkeys) {
     if (step_ != Step::choosing || request_.hasEnded()) {
         preconditionFailed("a request is staged once");
     }

@@ -67,7 +67,7 @@ public:
     // The steps of the flow.
     /// Shows a view in place of the one before, at the top and as wide as the sheet.
     void present(std::unique_ptr<QWidget> next, int height);
-    void stage(std::optional<std::vector<std::string>> targetPubkeys);
+    void stage(std::optional<std::vector<PeerKey>> targetPubkeys);
     /// Puts the first file's picture, or the icon of its type, into the picker.
     void loadFileIcon(SharePickerView& picker);
     void fail(const std::string& message);
@@ -118,7 +118,7 @@ private:
     QWidget* presented_ = nullptr; ///< owned by view_
     std::vector<ShareOutbox::SharePeer> peers_;
     std::vector<platform::Path> files_;
-    std::optional<std::vector<std::string>> targets_;
+    std::optional<std::vector<PeerKey>> targets_;
     Step step_ = Step::choosing;
     std::unique_ptr<ShareStaging> staging_; ///< the pool's, until it has no more to do
     std::atomic<bool> hasBatch_ = false;    ///< staging_ is set

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/Network.h"
 #include "platform/Spawn.h"
+#include "platform/WorkQueues.h"
 
 #include <optional>
 #include <type_traits>
@@ -27,13 +27,13 @@ Task<std::optional<std::invoke_result_t<Step&>>> takeStep(Step step) {
 
 /// Takes a step that may block for long (a flush, a lock, a long message to read) where it holds nobody else up, and
 /// returns what it returns. A step that has begun is waited for, also if the caller is cancelled: what it refers to
-/// need only live as long as the task.
+/// need only live as long as the task. `queues` outlives it.
 template <typename Step>
-[[nodiscard]] Task<std::invoke_result_t<Step&>> blocking(Network& network, Step step) {
+[[nodiscard]] Task<std::invoke_result_t<Step&>> blocking(WorkQueues& queues, Step step) {
     if constexpr (std::is_void_v<std::invoke_result_t<Step&>>) {
-        co_await runOn(network.makeBlockingQueue(), detail::takeVoidStep(std::move(step)));
+        co_await runOn(queues.makeBlockingQueue(), detail::takeVoidStep(std::move(step)));
     } else {
-        auto result = co_await runOn(network.makeBlockingQueue(), detail::takeStep(std::move(step)));
+        auto result = co_await runOn(queues.makeBlockingQueue(), detail::takeStep(std::move(step)));
         co_return std::move(*result);
     }
 }

@@ -3,6 +3,7 @@
 #include "base/Bytes.h"
 #include "base/Error.h"
 #include "base/SecretBytes.h"
+#include "base/StrongText.h"
 
 #include <array>
 #include <memory>
@@ -60,6 +61,8 @@ public:
 
     [[nodiscard]] std::span<const std::byte, size> raw() const noexcept { return raw_; }
     [[nodiscard]] std::string base64() const;
+    /// base64(), as what a device is known by.
+    [[nodiscard]] PeerKey peerKey() const { return PeerKey(base64()); }
     [[nodiscard]] bool operator==(const PublicKey&) const noexcept = default;
 
 private:

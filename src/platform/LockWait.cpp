@@ -15,37 +15,38 @@ namespace {
 constexpr double settleSeconds = 0.02;
 
 /// Null if the folder cannot be watched. `change` outlives the watch.
-std::unique_ptr<FolderWatch> watchFor(System& system, const Path& folder, const Executor& executor, Event& change) {
+std::unique_ptr<FolderWatch> watchFor(const Storage& storage, const Path& folder, const Executor& executor,
+                                      Event& change) {
     try {
-        return system.folders.watch(folder, executor, [&change] { change.set(); });
+        return storage.folders.watch(folder, executor, [&change] { change.set(); });
     } catch (const SystemError& error) {
-        system.log.write(LogLevel::debug, "com.tarvinex.orlinth", "lock",
-                         "cannot watch " + folder.native() + ": " + error.description());
+        storage.log.write(LogLevel::debug, "com.tarvinex.orlinth", "lock",
+                          "cannot watch " + folder.native() + ": " + error.description());
         return nullptr;
     }
 }
 
 } // namespace
 
-Task<bool> lockWithin(System& system, File& file, Path path, double seconds) {
+Task<bool> lockWithin(Storage storage, File& file, Path path, double seconds) {
     if (file.tryLock()) {
         co_return true;
     }
     const Executor executor = co_await asio::this_coro::executor;
-    const Clock::Instant end = system.clock.now() + Clock::Instant(seconds);
+    const Clock::Instant end = storage.clock.now() + Clock::Instant(seconds);
     Event closed(executor);
-    const std::unique_ptr<FolderWatch> watch = watchFor(system, path.parent_path(), executor, closed);
+    const std::unique_ptr<FolderWatch> watch = watchFor(storage, path.parent_path(), executor, closed);
     bool isTold = false;
     for (;;) {
         closed.reset();
         if (file.tryLock()) {
             co_return true;
         }
-        const double left = (end - system.clock.now()).count();
+        const double left = (end - storage.clock.now()).count();
         if (left <= 0) {
             co_return false;
         }
-        isTold = co_await closed.wait(system.clock, isTold ? std::min(left, settleSeconds) : left);
+        isTold = co_await closed.wait(storage.clock, isTold ? std::min(left, settleSeconds) : left);
     }
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "platform/FileSystem.h"
-#include "platform/System.h"
+#include "platform/Storage.h"
 
 namespace orlinth::platform {
 
@@ -11,8 +10,8 @@ namespace orlinth::platform {
 /// that is seen by a watch on its folder, if he had it open for writing, as everybody here has. Where the folder cannot
 /// be watched the lock is tried once more when the time is over.
 ///
-/// `path` is the file's. On the caller's executor; `system` and `file` outlive the task.
+/// `path` is the file's. On the caller's executor; `file` outlives the task.
 /// @throws SystemError if the file cannot be locked; Cancelled
-[[nodiscard]] Task<bool> lockWithin(System& system, File& file, Path path, double seconds);
+[[nodiscard]] Task<bool> lockWithin(Storage storage, File& file, Path path, double seconds);
 
 } // namespace orlinth::platform

@@ -13,14 +13,19 @@
 #include "platform/NetworkInterfaces.h"
 #include "platform/Notifications.h"
 #include "platform/ServiceDiscovery.h"
+#include "platform/Storage.h"
 #include "platform/UnixSockets.h"
+#include "platform/WorkQueues.h"
 
 namespace orlinth::platform {
 
-/// Everything the core asks of the computer it runs on, chosen once in `main` (or by a test) and passed down.
+/// Everything the core asks of the computer it runs on, chosen once in `main` (or by a test) and passed down: whole to
+/// what puts others together, in pieces to these.
+///
 /// Owns nothing: what it refers to outlives every operation that was given it.
 struct System {
     Network& network;
+    WorkQueues& queues;
     Clock& clock;
     FileSystem& files;
     MimeTypes& mimeTypes;
@@ -34,8 +39,11 @@ struct System {
     BusSignals& busSignals;
     FolderWatcher& folders;
     UserDirectories directories;
-    /// The serial queue of the host's main thread: what a desktop wants to be touched from one place runs here.
-    Executor mainQueue;
+
+    /// For those that keep files.
+    [[nodiscard]] Storage storage() const {
+        return {.files = files, .folders = folders, .clock = clock, .log = log, .directories = directories};
+    }
 };
 
 } // namespace orlinth::platform

@@ -29,7 +29,7 @@ Peers phones(std::size_t count) {
     Peers peers;
     for (std::size_t i = 1; i <= count; ++i) {
         peers.push_back({.hostname = "Phone " + std::to_string(i),
-                         .pubkey = "key " + std::to_string(i),
+                         .pubkey = PeerKey("key " + std::to_string(i)),
                          .subtitle = "192.168.1." + std::to_string(i)});
     }
     return peers;
@@ -41,13 +41,13 @@ protected:
 
     /// Shows a picker in its window, with the first phone chosen.
     void show(const Peers& peers, std::size_t fileCount = 1, const QString& name = QStringLiteral("holiday.jpg")) {
-        std::set<std::string> selected;
+        std::set<PeerKey> selected;
         if (!peers.empty()) {
             selected.insert(peers.front().pubkey);
         }
         picker_ = new SharePickerView(peers, std::move(selected), QStringLiteral("ann-laptop"));
         picker_->build(fileCount, name);
-        picker_->onSend = [this](std::vector<std::string> keys) { sent_ = std::move(keys); };
+        picker_->onSend = [this](std::vector<PeerKey> keys) { sent_ = std::move(keys); };
         picker_->onCancel = [this] { ++cancels_; };
         window_ = std::make_unique<ShareBackgroundView>(); // which owns the picker
         window_->onDismiss = [this] { ++dismissals_; };
@@ -90,7 +90,7 @@ protected:
 
     std::unique_ptr<ShareBackgroundView> window_;
     SharePickerView* picker_ = nullptr;
-    std::optional<std::vector<std::string>> sent_;
+    std::optional<std::vector<PeerKey>> sent_;
     int cancels_ = 0;
     int dismissals_ = 0;
 };
@@ -155,7 +155,7 @@ TEST_F(SharePickerViewTest, HasTheFirstPhoneChosen) {
     EXPECT_TRUE(row(0).isOn());
     EXPECT_FALSE(row(1).isOn());
     EXPECT_FALSE(row(2).isOn());
-    EXPECT_THAT(picker_->selectedKeys(), ElementsAre("key 1"));
+    EXPECT_THAT(picker_->selectedKeys(), ElementsAre(PeerKey("key 1")));
     EXPECT_EQ(sendTitle(), "Send");
     EXPECT_TRUE(picker_->sendButton()->isEnabled());
 }
@@ -186,7 +186,7 @@ TEST_F(SharePickerViewTest, CountsTheChosenPhonesInTheTitleOfItsButton) {
     click(&row(1));
     EXPECT_EQ(sendTitle(), "Send");
     click(picker_->sendButton());
-    EXPECT_THAT(sent_, Optional(ElementsAre("key 3")));
+    EXPECT_THAT(sent_, Optional(ElementsAre(PeerKey("key 3"))));
 }
 
 TEST_F(SharePickerViewTest, SendsTheKeysInTheOrderOfTheList) {
@@ -196,18 +196,18 @@ TEST_F(SharePickerViewTest, SendsTheKeysInTheOrderOfTheList) {
     click(&row(1));
     click(&row(0));
     click(picker_->sendButton());
-    EXPECT_THAT(sent_, Optional(ElementsAre("key 1", "key 2", "key 3")));
+    EXPECT_THAT(sent_, Optional(ElementsAre(PeerKey("key 1"), PeerKey("key 2"), PeerKey("key 3"))));
 }
 
 TEST_F(SharePickerViewTest, CallsBackWithTheNewStateOfARow) {
-    PhoneRow one({.hostname = "Pixel-8", .pubkey = "k", .subtitle = "s"}, true, nullptr);
+    PhoneRow one({.hostname = "Pixel-8", .pubkey = PeerKey("k"), .subtitle = "s"}, true, nullptr);
     std::vector<bool> states;
     one.onToggle = [&states](bool isOn) { states.push_back(isOn); };
     one.tap();
     one.tap();
     EXPECT_THAT(states, ElementsAre(false, true));
     EXPECT_TRUE(one.isOn());
-    EXPECT_EQ(one.pubkey(), "k");
+    EXPECT_EQ(one.peerKey(), PeerKey("k"));
 }
 
 TEST_F(SharePickerViewTest, LooksDifferentWhenARowIsOn) {
@@ -241,7 +241,7 @@ TEST_F(SharePickerViewTest, IsOperatedByTheKeyboardAlone) {
     key(Qt::Key_Up);
     EXPECT_EQ(QApplication::focusWidget(), &row(1));
     key(Qt::Key_Return);
-    EXPECT_THAT(sent_, Optional(ElementsAre("key 2")));
+    EXPECT_THAT(sent_, Optional(ElementsAre(PeerKey("key 2"))));
     EXPECT_EQ(cancels_, 0);
 }
 
@@ -255,7 +255,7 @@ TEST_F(SharePickerViewTest, GoesThroughTheRowsThenCancelThenSendByTab) {
     key(Qt::Key_Backtab, Qt::ShiftModifier);
     EXPECT_EQ(QApplication::focusWidget(), picker_->sendButton());
     key(Qt::Key_Space);
-    EXPECT_THAT(sent_, Optional(ElementsAre("key 1")));
+    EXPECT_THAT(sent_, Optional(ElementsAre(PeerKey("key 1"))));
 }
 
 TEST_F(SharePickerViewTest, SetsTheRingOfTheKeyboardApartFromWhatIsChosen) {

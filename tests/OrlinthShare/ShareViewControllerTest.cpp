@@ -62,7 +62,7 @@ TEST_F(ShareViewControllerTest, SendsToTheChosenPhonesOfSeveral) {
     share({"file:///home/ann/a.txt"});
     SharePickerView* const picker = shown<SharePickerView>();
     ASSERT_NE(picker, nullptr);
-    EXPECT_THAT(picker->selectedKeys(), ElementsAre("key 1"));
+    EXPECT_THAT(picker->selectedKeys(), ElementsAre(PeerKey("key 1")));
     EXPECT_THAT(batches(), IsEmpty()) << "nothing is copied before the choice";
     click(picker->rows()[2]);
     click(picker->sendButton());
@@ -73,7 +73,7 @@ TEST_F(ShareViewControllerTest, SendsToTheChosenPhonesOfSeveral) {
     EXPECT_EQ(controller_->view().size(), QSize(400, 84));
     ASSERT_TRUE(finishes());
     EXPECT_EQ(request_->exitStatus(), 0);
-    EXPECT_THAT(onlyManifest().targetPubkeys, Optional(ElementsAre("key 1", "key 3")));
+    EXPECT_THAT(onlyManifest().targetPubkeys, Optional(ElementsAre(PeerKey("key 1"), PeerKey("key 3"))));
 }
 
 TEST_F(ShareViewControllerTest, ShowsTheFirstFileOfThemAndItsPicture) {

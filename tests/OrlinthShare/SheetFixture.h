@@ -28,7 +28,7 @@ protected:
         std::vector<ShareOutbox::SharePeer> peers;
         for (std::size_t i = 1; i <= count; ++i) {
             peers.push_back({.hostname = "Phone " + std::to_string(i),
-                             .pubkey = "key " + std::to_string(i),
+                             .pubkey = PeerKey("key " + std::to_string(i)),
                              .subtitle = "192.168.1." + std::to_string(i)});
         }
         ShareOutbox(world_.files, world_.system.directories).writePeers(peers);

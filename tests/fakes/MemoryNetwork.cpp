@@ -291,9 +291,4 @@ std::unique_ptr<platform::Listener> MemoryNetwork::listen(const platform::Listen
     return std::make_unique<MemoryListener>(*this, port, state);
 }
 
-Executor MemoryNetwork::makeSerialQueue(const char* label) {
-    queueLabels.emplace_back(label);
-    return asio::make_strand(context_.get_executor());
-}
-
 } // namespace orlinth::fakes

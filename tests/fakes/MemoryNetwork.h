@@ -5,7 +5,6 @@
 #include "platform/Network.h"
 
 #include <asio/io_context.hpp>
-#include <asio/strand.hpp>
 
 #include <deque>
 #include <functional>
@@ -130,19 +129,6 @@ public:
                                                                   Executor executor) override;
     [[nodiscard]] std::unique_ptr<platform::Listener> listen(const platform::ListenOptions& options,
                                                              Executor executor) override;
-    [[nodiscard]] Executor makeSerialQueue(const char* label) override;
-    [[nodiscard]] Executor makeWorkerQueue(const char* label) override { return makeSerialQueue(label); }
-    [[nodiscard]] Executor makeBlockingQueue() override {
-        ++blockingQueues;
-        return blocking_;
-    }
-    /// Whether this is being called from a blocking queue.
-    [[nodiscard]] bool isOnBlockingQueue() const noexcept { return blocking_.running_in_this_thread(); }
-    /// How many were asked for.
-    int blockingQueues = 0;
-    [[nodiscard]] std::vector<platform::LateQueue> lateQueues(double /*seconds*/) override { return late; }
-    /// What lateQueues() returns.
-    std::vector<platform::LateQueue> late;
 
     /// Connections to this host neither succeed nor fail.
     void makeSilent(const std::string& host) { silent_[host] = true; }
@@ -182,7 +168,6 @@ public:
 
     /// Calls of connect() so far: host and port.
     std::vector<std::pair<std::string, std::uint16_t>> attempts;
-    std::vector<std::string> queueLabels;
     /// What keep-alive was switched on with, on connections that connect() has opened.
     std::shared_ptr<std::vector<platform::KeepAlive>> keepAlives = std::make_shared<std::vector<platform::KeepAlive>>();
 
@@ -196,7 +181,6 @@ private:
         Event changed;     ///< somebody waits, or has let go of the port
     };
     asio::io_context& context_;
-    asio::strand<asio::io_context::executor_type> blocking_{context_.get_executor()};
     std::map<std::uint16_t, std::shared_ptr<Port>> ports_;
     std::map<std::string, bool> silent_;
     struct Failure {

@@ -23,7 +23,7 @@ public:
         std::filesystem::create_directories(downloads());
         receiver_.emplace(system_, key_, std::move(phones), downloads(), 0);
         receiver_->listener =
-            system_.network.listen({.port = 0, .keepAlive = std::nullopt}, system_.network.makeSerialQueue("test"));
+            system_.network.listen({.port = 0, .keepAlive = std::nullopt}, system_.queues.makeSerialQueue("test"));
         port_ = receiver_->listener->port();
     }
     RealReceiver(const RealReceiver&) = delete;

@@ -118,7 +118,7 @@ struct ReceiverWorld : World {
     [[nodiscard]] PeerRecord onlyPeer() { return PeerStore(files, system.directories).loadBook().peers.at(0); }
     [[nodiscard]] PeerRecord tabletRecord() const {
         PeerRecord record = phoneRecord();
-        record.peer_pubkey = tabletKey.publicKey().base64();
+        record.peer_pubkey = tabletKey.publicKey().peerKey();
         record.peer_hostname = "Tablet";
         record.peer_ip = "203.0.113.3";
         return record;

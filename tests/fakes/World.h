@@ -14,6 +14,7 @@
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/MemoryNetwork.h"
 #include "fakes/MemoryUnixSockets.h"
+#include "fakes/MemoryWorkQueues.h"
 #include "fakes/RecordingLog.h"
 #include "fakes/VirtualClock.h"
 #include "platform/Spawn.h"
@@ -41,6 +42,7 @@ struct World {
     asio::io_context context;
     VirtualClock clock{context};
     MemoryNetwork network{context};
+    MemoryWorkQueues queues{context};
     MemoryFileSystem files;
     FakeMimeTypes mimeTypes;
     RecordingLog log;
@@ -52,30 +54,34 @@ struct World {
     FakeNotifications notifications;
     FakeBusSignals busSignals;
     FakeFolderWatcher folders;
-    platform::System system{.network = network,
-                            .clock = clock,
-                            .files = files,
-                            .mimeTypes = mimeTypes,
-                            .log = log,
-                            .https = https,
-                            .clipboard = clipboard,
-                            .interfaces = interfaces,
-                            .services = services,
-                            .unixSockets = unixSockets,
-                            .notifications = notifications,
-                            .busSignals = busSignals,
-                            .folders = folders,
-                            .directories = {.data = "/home/ann/.local/share",
-                                            .config = "/home/ann/.config",
-                                            .downloads = "/home/ann/Downloads"},
-                            .mainQueue = context.get_executor()};
+    /// This computer, with another disk in it, which outlives what is given it.
+    [[nodiscard]] platform::System systemOn(platform::FileSystem& disk) {
+        return {.network = network,
+                .queues = queues,
+                .clock = clock,
+                .files = disk,
+                .mimeTypes = mimeTypes,
+                .log = log,
+                .https = https,
+                .clipboard = clipboard,
+                .interfaces = interfaces,
+                .services = services,
+                .unixSockets = unixSockets,
+                .notifications = notifications,
+                .busSignals = busSignals,
+                .folders = folders,
+                .directories = {.data = "/home/ann/.local/share",
+                                .config = "/home/ann/.config",
+                                .downloads = "/home/ann/Downloads"}};
+    }
+    platform::System system = systemOn(files);
     platform::PrivateKey computerKey = platform::PrivateKey::generate();
     platform::PrivateKey phoneKey = platform::PrivateKey::generate();
     static constexpr std::uint16_t phonePort = 7000;
 
     [[nodiscard]] PeerRecord phoneRecord() const {
         PeerRecord record;
-        record.peer_pubkey = phoneKey.publicKey().base64();
+        record.peer_pubkey = phoneKey.publicKey().peerKey();
         record.peer_ip = "203.0.113.2";
         record.peer_port = phonePort;
         record.peer_hostname = "Pixel-8";

@@ -42,8 +42,8 @@ void print(std::string_view text) {
     }
 }
 
-void printForSend(platform::System& system) {
-    const PasteboardWriter::ReadResult result = PasteboardWriter::readForSend(system);
+void printForSend(platform::Clipboard& clipboard) {
+    const PasteboardWriter::ReadResult result = PasteboardWriter::readForSend(clipboard);
     if (const auto* text = std::get_if<PasteboardWriter::Text>(&result)) {
         print("text\n" + text->text);
     } else {
@@ -56,27 +56,12 @@ int run(std::string_view command) {
     platform::LinuxSystem linux(context);
     const platform::System real = linux.system();
     StandardErrorLog log;
-    platform::System system{.network = real.network,
-                            .clock = real.clock,
-                            .files = real.files,
-                            .mimeTypes = real.mimeTypes,
-                            .log = log,
-                            .https = real.https,
-                            .clipboard = real.clipboard,
-                            .interfaces = real.interfaces,
-                            .services = real.services,
-                            .unixSockets = real.unixSockets,
-                            .notifications = real.notifications,
-                            .busSignals = real.busSignals,
-                            .folders = real.folders,
-                            .directories = real.directories,
-                            .mainQueue = real.mainQueue};
     if (command == "read-for-send") {
-        printForSend(system);
+        printForSend(real.clipboard);
     } else if (command == "read") {
-        print(PasteboardWriter::read(system));
+        print(PasteboardWriter::read(real.clipboard));
     } else if (command == "write") {
-        PasteboardWriter::write(system, readStandardInput());
+        PasteboardWriter::write(real.clipboard, log, context.get_executor(), readStandardInput());
         context.run();
     } else {
         std::fputs("usage: clipboard_tool read-for-send | read | write\n", stderr);

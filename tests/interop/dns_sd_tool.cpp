@@ -80,21 +80,6 @@ void advertise(const std::string& port, const std::string& hostname, const std::
     platform::LinuxSystem linux(context);
     const platform::System real = linux.system();
     StandardOutputLog log;
-    platform::System system{.network = real.network,
-                            .clock = real.clock,
-                            .files = real.files,
-                            .mimeTypes = real.mimeTypes,
-                            .log = log,
-                            .https = real.https,
-                            .clipboard = real.clipboard,
-                            .interfaces = real.interfaces,
-                            .services = real.services,
-                            .unixSockets = real.unixSockets,
-                            .notifications = real.notifications,
-                            .busSignals = real.busSignals,
-                            .folders = real.folders,
-                            .directories = real.directories,
-                            .mainQueue = real.mainQueue};
     PairingPayload payload;
     payload.peer_pubkey = "2IvhjdeTAr0xOCAxF3ZKGiqbBBSQTWQEE2UArz1XWkA=";
     payload.peer_ip = "192.168.77.1";
@@ -103,7 +88,7 @@ void advertise(const std::string& port, const std::string& hostname, const std::
     payload.peer_hostname = hostname;
     payload.peer_mac = "02:00:5e:10:00:01";
     payload.pairing_secret = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8=";
-    PairAdvertiser advertiser(system, payload, code, context.get_executor());
+    PairAdvertiser advertiser(real.services, log, payload, code, context.get_executor());
     const auto onFailure = [](const std::string& reason) { tell({{"event", "failure"}, {"message", reason}}); };
     Lines* lines = nullptr;
     Lines input(context, [&](const std::string& line) {

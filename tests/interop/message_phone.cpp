@@ -31,7 +31,7 @@ PeerRecord computer(std::span<char*> words) {
     PeerRecord record;
     record.peer_ip = "127.0.0.1";
     record.peer_port = std::stoi(words[1]);
-    record.peer_pubkey = words[2];
+    record.peer_pubkey = PeerKey(words[2]);
     return record;
 }
 

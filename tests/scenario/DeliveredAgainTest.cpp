@@ -47,7 +47,7 @@ protected:
     /// The one-file receiver, beside the test.
     static Task<> receive(ReceiverWorld& world, ReceiveProgress& progress, std::optional<ReceivedFile>& received) {
         ReceiveRequest request{.staticKey = world.computerKey,
-                               .expectedPeerPubkey = world.phoneKey.publicKey(),
+                               .expectedPeerKey = world.phoneKey.publicKey(),
                                .downloadsDir = folder,
                                .port = ReceiverWorld::port,
                                .progress = &progress};
@@ -125,8 +125,8 @@ TEST_F(DeliveredAgain, IsToldOfIfTheFirstRunWasKilledBeforeItCould) {
     world.start();
     EXPECT_EQ(deliver(*world.phone()), 0);
     const platform::FileStatus file = world.files.status(film).value();
-    DeliveredTransfers(world.system)
-        .intend(PeerKey(world.phoneKey.publicKey().base64()), TransferId("ID-1"), film, file);
+    DeliveredTransfers(world.system.storage())
+        .intend(world.phoneKey.publicKey().peerKey(), TransferId("ID-1"), film, file);
     world.transfers.clear();
     EXPECT_EQ(deliver(*world.phone()), 10);
     ASSERT_EQ(world.transfers.size(), 1U);

@@ -21,7 +21,8 @@ protected:
     static constexpr const char* host = "203.0.113.2";
     Task<std::unique_ptr<platform::Stream>> open(std::uint16_t port, double timeout,
                                                  WhenRefused whenRefused = WhenRefused::fail) {
-        return openConnection(world.system, host, port, world.context.get_executor(), timeout, whenRefused);
+        return openConnection(world.network, world.clock, host, port, world.context.get_executor(), timeout,
+                              whenRefused);
     }
     void failAfter(double seconds, int number) { world.network.makeFailWithErrno(host, number, world.clock, seconds); }
     /// The port is open from then on.

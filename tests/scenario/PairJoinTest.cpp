@@ -143,25 +143,25 @@ TEST_F(PairJoinScenario, ShowsTheCodeThatTheComputerShows) {
 TEST_F(PairJoinScenario, IntroducesThisMachineByTheAddressThatItHasTowardsTheComputer) {
     pair();
     PeerRecord expected;
-    expected.peer_pubkey = world.phoneKey.publicKey().base64();
+    expected.peer_pubkey = world.phoneKey.publicKey().peerKey();
     expected.peer_ip = "203.0.113.1";
     expected.peer_port = receivePort;
     expected.peer_subnet = "203.0.113.0/25";
     expected.peer_hostname = "Anns laptop";
     expected.peer_mac = "02:a0:03:04:05:ff";
-    expected.self_pubkey = world.computerKey.publicKey().base64();
+    expected.self_pubkey = world.computerKey.publicKey().peerKey();
     EXPECT_EQ(receivedRecord(), expected);
 }
 
 TEST_F(PairJoinScenario, KnowsTheComputerAsThePayloadNamesIt) {
     PeerRecord expected;
-    expected.peer_pubkey = world.computerKey.publicKey().base64();
+    expected.peer_pubkey = world.computerKey.publicKey().peerKey();
     expected.peer_ip = computerAddress;
     expected.peer_port = port;
     expected.peer_subnet = "192.168.1.0/24";
     expected.peer_hostname = "workshop";
     expected.peer_mac = "3c:22:fb:01:02:0a";
-    expected.self_pubkey = world.phoneKey.publicKey().base64();
+    expected.self_pubkey = world.phoneKey.publicKey().peerKey();
     EXPECT_EQ(pair().computer, expected);
 }
 

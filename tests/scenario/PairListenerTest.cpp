@@ -138,7 +138,7 @@ TEST_F(PairListenerScenario, HandsOverTheOpenedIntroductionAndThePhonesEndpoint)
     EXPECT_EQ(result.remoteEndpoint, "203.0.113.1:40112");
     EXPECT_EQ(phone.end, End::closed);
     EXPECT_EQ(phone.endedAt, 1);
-    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.pair-listener"));
+    EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.pair-listener"));
 }
 
 TEST_F(PairListenerScenario, OpensNothingBeforeItIsAsked) {

@@ -48,7 +48,7 @@ protected:
 
     ReceiveRequest request(double acceptTimeout = 0) {
         return {.staticKey = world.computerKey,
-                .expectedPeerPubkey = world.phoneKey.publicKey(),
+                .expectedPeerKey = world.phoneKey.publicKey(),
                 .downloadsDir = folder,
                 .port = port,
                 .acceptTimeout = acceptTimeout};
@@ -105,7 +105,7 @@ TEST_F(ReceiveTransfer, SavesTheFileUnderItsNameAndLeavesNothingElse) {
     EXPECT_EQ(world.files.content(folder / "a.txt"), "0123456789");
     EXPECT_THAT(filesInDownloads(), ElementsAre((folder / "a.txt").native()));
     EXPECT_EQ(script.resume, (Row::Resume{"ID-1", 0}));
-    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.receive"));
+    EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.receive"));
 }
 
 TEST_F(ReceiveTransfer, MakesAnEmptyFileFromAnOfferAndDone) {
@@ -247,7 +247,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
             first.files.crashAfter(cut);
             Script script{.frames = {offer("a.txt"), "01234", "56789", Row::done()}};
             ReceiveRequest once{.staticKey = first.computerKey,
-                                .expectedPeerPubkey = first.phoneKey.publicKey(),
+                                .expectedPeerKey = first.phoneKey.publicKey(),
                                 .downloadsDir = folder,
                                 .port = port};
             first.alongside([](World& theWorld, Script& what) -> Task<> {
@@ -273,23 +273,9 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
             }
             // The sender tries again, with the same id.
             World second;
-            platform::System onTheDisk{.network = second.network,
-                                       .clock = second.clock,
-                                       .files = *left,
-                                       .mimeTypes = second.mimeTypes,
-                                       .log = second.log,
-                                       .https = second.https,
-                                       .clipboard = second.clipboard,
-                                       .interfaces = second.interfaces,
-                                       .services = second.services,
-                                       .unixSockets = second.unixSockets,
-                                       .notifications = second.notifications,
-                                       .busSignals = second.busSignals,
-                                       .folders = second.folders,
-                                       .directories = second.system.directories,
-                                       .mainQueue = second.system.mainQueue};
+            platform::System onTheDisk = second.systemOn(*left);
             ReceiveRequest again{.staticKey = second.computerKey,
-                                 .expectedPeerPubkey = second.phoneKey.publicKey(),
+                                 .expectedPeerKey = second.phoneKey.publicKey(),
                                  .downloadsDir = folder,
                                  .port = port};
             second.alongside([](World& theWorld) -> Task<> {
@@ -316,7 +302,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
 
 TEST_F(ReceiveTransfer, RefusesAPhoneWithAnotherKeyWithoutAnyFrame) {
     ReceiveRequest other = request();
-    other.expectedPeerPubkey = platform::PrivateKey::generate().publicKey();
+    other.expectedPeerKey = platform::PrivateKey::generate().publicKey();
     Script script{.frames = {}};
     world.alongside(later(script));
     const auto error = world.failure<ReceiveError>(receiveOneTransfer(world.system, std::move(other)));

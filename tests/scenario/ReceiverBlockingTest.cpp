@@ -25,7 +25,7 @@ protected:
         world.files.beforeEach([this](Operation operation, const platform::Path& path) {
             const bool mayTakeLong = operation == Operation::lock || operation == Operation::list ||
                                      (isMutating(operation) && operation != Operation::write);
-            if (mayTakeLong && world.network.isOnBlockingQueue()) {
+            if (mayTakeLong && world.queues.isOnBlockingQueue()) {
                 ++whereItMay;
             } else if (mayTakeLong) {
                 elsewhere.push_back(path.filename());
@@ -94,7 +94,7 @@ TEST_F(ReceiverBlocking, WhyATransferEndedIsReportedAlsoIfItIsTakenOverWhileTheD
     const auto phone = world.phone();
     world.offer(*phone, "a.txt");
     world.sendData(*phone, "01234");
-    const auto again = std::make_shared<const TransferConnection>(PeerKey(world.phoneKey.publicKey().base64()), [] {});
+    const auto again = std::make_shared<const TransferConnection>(world.phoneKey.publicKey().peerKey(), [] {});
     ActiveTransfers& transfers = ActiveTransfers::shared();
     world.files.beforeEach([&](Operation operation, const platform::Path&) {
         if (operation != Operation::flush) {
@@ -130,10 +130,10 @@ TEST_F(ReceiverBlocking, APhoneThatUnpairsIsRemovedElsewhere) {
 TEST_F(ReceiverBlocking, ALongMessageIsReadElsewhereAndAShortOneIsNot) {
     const auto stepsFor = [this](std::size_t bytes) {
         const auto phone = world.phone();
-        const int before = world.network.blockingQueues;
+        const int before = world.queues.blockingQueues;
         world.send(*phone, Row::clipboard(std::string(bytes, 'x'), "text/plain"));
         EXPECT_EQ(world.clips.back().text.size(), bytes);
-        return world.network.blockingQueues - before;
+        return world.queues.blockingQueues - before;
     };
     EXPECT_EQ(stepsFor(1000), 0);
     EXPECT_EQ(stepsFor(100'000), 1);

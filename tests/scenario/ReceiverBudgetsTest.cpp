@@ -182,7 +182,7 @@ TEST_F(ReceiverBudgets, APhoneKeepsSixteenConnectionsAndTheOldestIdleOneGoes) {
     EXPECT_TRUE(idle[0]->wire().hasEnded() && idle[4]->wire().hasEnded());
     EXPECT_THAT(world.failureTexts(), Each(std::string("wire: too many connections of this phone")));
     EXPECT_EQ(world.failures.at(0).from, "Pixel-8");
-    EXPECT_EQ(world.failures.at(0).peerPubkey, PeerKey(world.phoneKey.publicKey().base64()));
+    EXPECT_EQ(world.failures.at(0).peerKey, world.phoneKey.publicKey().peerKey());
     const auto tablet = world.connectAs(world.tabletKey);
     EXPECT_EQ(world.offer(*tablet, "b.txt", 0, "ID-2"), 0);
     world.sendData(*transfer, "0123456789");

@@ -54,7 +54,8 @@ TEST_F(ReceiverRecords, WithoutAnyStoreNothingIsWritten) {
 TEST_F(ReceiverRecords, TheLatestTokenIsWrittenLastAlsoIfAWriteTakesLong) {
     world.putPeers({world.phoneRecord()});
     const platform::PublicKey key = world.phoneKey.publicKey();
-    const auto updates = std::make_shared<RecordUpdates>(world.system);
+    const auto updates =
+        std::make_shared<RecordUpdates>(PeerStore(world.files, world.system.directories), world.clock, world.queues);
     const auto noTrouble = [](const std::exception_ptr& /*error*/) { ADD_FAILURE() << "nothing went wrong"; };
     bool isFirst = true;
     world.files.beforeEach([&](fakes::Operation operation, const platform::Path& path) {
@@ -124,7 +125,7 @@ TEST_F(ReceiverRecords, AnUnpairCountsEvenIfItsRecordCannotBeRemoved) {
     EXPECT_EQ(world.run(phone->howItEnds()), "wire EOF before expected bytes");
     ASSERT_EQ(world.syncs.size(), 1U);
     const auto& unpair = std::get<Receiver::Unpair>(world.syncs[0]);
-    EXPECT_EQ(unpair.peerPubkey, PeerKey(world.phoneKey.publicKey().base64()));
+    EXPECT_EQ(unpair.peerKey, world.phoneKey.publicKey().peerKey());
     EXPECT_EQ(unpair.from, "(unknown peer)");
     EXPECT_FALSE(unpair.isForgotten);
     ASSERT_EQ(world.failures.size(), 2U) << "once for its address, once for this";
@@ -155,7 +156,7 @@ TEST_F(ReceiverRecords, ANameThatAnotherPhoneHasIsKeptApart) {
     const auto nameOf = [this](const platform::PrivateKey& key) {
         return PeerStore(world.files, world.system.directories)
             .loadBook()
-            .find(key.publicKey().base64())
+            .find(key.publicKey().peerKey())
             ->peer_hostname;
     };
     const auto tablet = world.connectAs(world.tabletKey);
@@ -406,11 +407,11 @@ INSTANTIATE_TEST_SUITE_P(Addresses, ReceiverAddress,
 TEST_F(ReceiverRecords, AStrangersAndARemovedPhonesAddressesAreNotTakenOver) {
     world.putPeers({world.phoneRecord()});
     Receiver& receiver = world.start();
-    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
+    receiver.setRemovedPeerKeys({world.phoneKey.publicKey()});
     const auto removed = world.phone();
     removed->close();
-    receiver.setRemovedPeerPubkeys({});
-    receiver.setExpectedPeerPubkeys({});
+    receiver.setRemovedPeerKeys({});
+    receiver.setExpectedPeerKeys({});
     const auto unknown = world.phone();
     world.settle();
     EXPECT_EQ(world.onlyPeer(), world.phoneRecord());
@@ -500,7 +501,7 @@ TEST_F(ReceiverApproval, CountsToTheDurationWhichBeginsWithTheOffer) {
 TEST_F(ReceiverApproval, AYesForAFewBytesDeliversNothingLargerThatIsHereAlready) {
     constexpr std::size_t size = 2 << 20;
     world.files.put(folder / "a.txt.partial", std::string(size, 'x'));
-    const PartialMeta meta{TransferId("ID of a.txt"), size, 1, PeerKey(world.phoneKey.publicKey().base64())};
+    const PartialMeta meta{TransferId("ID of a.txt"), size, 1, world.phoneKey.publicKey().peerKey()};
     world.files.put(folder / "a.txt.partial.meta.json", compactJson(meta.toJson()));
     desk.answer("a.txt", true);
     const auto phone = world.phone();
@@ -587,12 +588,12 @@ TEST_F(ReceiverApproval, IsCancelledSoonWhenAPhoneHangsUpThatHasNotWaited) {
 TEST_F(ReceiverApproval, IsToldWhoseOfferItIs) {
     const auto phone = world.phone();
     offerOnly(*phone, "a.txt");
-    EXPECT_EQ(desk.asked.at(0).peerPubkey, PeerKey(world.phoneKey.publicKey().base64()));
+    EXPECT_EQ(desk.asked.at(0).peerKey, world.phoneKey.publicKey().peerKey());
     desk.answer("a.txt", false);
     static_cast<void>(world.run(phone->expect<Row::Decline>()));
     phone->close();
     world.settle();
-    EXPECT_EQ(std::get<Receiver::Declined>(world.syncs.at(0)).peerPubkey, PeerKey(world.phoneKey.publicKey().base64()));
+    EXPECT_EQ(std::get<Receiver::Declined>(world.syncs.at(0)).peerKey, world.phoneKey.publicKey().peerKey());
 }
 
 TEST_F(ReceiverApproval, IsForTheSizeThatWasOffered) {

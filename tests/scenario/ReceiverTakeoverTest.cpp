@@ -32,8 +32,8 @@ protected:
     }
     /// Something that owns a transfer and takes its time to let go of it.
     TransferConnectionRef stubborn(const platform::PrivateKey& whose, const std::string& id, bool& cancelled) {
-        auto owner = std::make_shared<const TransferConnection>(PeerKey(whose.publicKey().base64()),
-                                                                [&cancelled] { cancelled = true; });
+        auto owner =
+            std::make_shared<const TransferConnection>(whose.publicKey().peerKey(), [&cancelled] { cancelled = true; });
         static_cast<void>(ActiveTransfers::shared().takeOver(TransferId(id), owner));
         return owner;
     }

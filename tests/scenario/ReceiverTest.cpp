@@ -28,7 +28,7 @@ TEST_F(ReceiverTest, TellsItsPortAndWaitsOnItsOwnQueue) {
     world.start();
     EXPECT_THAT(world.ports, ElementsAre(ReceiverWorld::port));
     EXPECT_TRUE(world.running);
-    EXPECT_EQ(world.network.queueLabels.front(), "orlinth.receiver");
+    EXPECT_EQ(world.queues.labels.front(), "orlinth.receiver");
 }
 
 TEST_F(ReceiverTest, FailsToStartOnAnInvalidPort) {
@@ -403,7 +403,7 @@ FolderState throughOneShots(const std::vector<Delivery>& deliveries) {
             try {
                 static_cast<void>(
                     co_await receiveOneTransfer(theWorld.system, {.staticKey = theWorld.computerKey,
-                                                                  .expectedPeerPubkey = theWorld.phoneKey.publicKey(),
+                                                                  .expectedPeerKey = theWorld.phoneKey.publicKey(),
                                                                   .downloadsDir = folder,
                                                                   .port = ReceiverWorld::port}));
             } catch (const WireConnection::Error&) {

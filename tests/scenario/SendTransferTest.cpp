@@ -73,7 +73,7 @@ protected:
     }
 
     SendRequest request(const std::string& path = "/home/ann/a.txt") {
-        return {.fileURL = path,
+        return {.filePath = path,
                 .journal = journal,
                 .terms = {.peer = world.phoneRecord(),
                           .staticKey = world.computerKey,
@@ -114,7 +114,7 @@ TEST_F(SendTransfer, DeliversTheFileAndForgetsItsJournalEntry) {
     EXPECT_TRUE(journal.snapshotEntries().empty());
     EXPECT_THAT(recorder.lines, ElementsAre("file a.txt 10 text/plain", "connected", "handshake", "progress 0/10",
                                             "progress 10/10", "complete 10"));
-    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.send"));
+    EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.send"));
 }
 
 TEST_F(SendTransfer, SwitchesKeepAliveOnOnlyIfAskedTo) {
@@ -233,7 +233,7 @@ TEST_F(SendTransfer, OffersTheSameIdUntilTheFileHasArrived) {
 
 TEST_F(SendTransfer, RefusesAPhoneWithAnotherKeyBeforeItSaysAnything) {
     SendRequest toAnother = request();
-    toAnother.terms.peer.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    toAnother.terms.peer.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     world.alongside([](World& theWorld, Seen& what) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.ended = co_await phone->seesTheEnd();
@@ -246,7 +246,7 @@ TEST_F(SendTransfer, RefusesAPhoneWithAnotherKeyBeforeItSaysAnything) {
 
 TEST_F(SendTransfer, DoesNotConnectForAKeyThatIsNotBase64) {
     SendRequest broken = request();
-    broken.terms.peer.peer_pubkey = "not base64!";
+    broken.terms.peer.peer_pubkey = PeerKey("not base64!");
     EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(broken))).which(),
               SendError::Case::unauthorizedPeer);
     EXPECT_TRUE(world.network.attempts.empty());
@@ -365,7 +365,7 @@ TEST_F(SendTransfer, GivesUpAPhoneThatConnectsAndDoesNotProveItsKey) {
         SendTerms terms = request().terms;
         terms.handshakeSeconds = 10;
         PreparedFile file{.path = "/home/ann/a.txt",
-                          .file = examineFile(world.system, "/home/ann/a.txt"),
+                          .file = examineFile(world.files, world.mimeTypes, "/home/ann/a.txt"),
                           .transferId = TransferId("ID")};
         return sendPrepared(world.system, std::move(file), std::move(terms));
     };
@@ -386,7 +386,7 @@ TEST_F(SendTransfer, GivesUpAPhoneThatLetsNothingMove) {
         SendTerms terms = request().terms;
         terms.silenceSeconds = 300;
         PreparedFile file{.path = "/home/ann/a.txt",
-                          .file = examineFile(world.system, "/home/ann/a.txt"),
+                          .file = examineFile(world.files, world.mimeTypes, "/home/ann/a.txt"),
                           .transferId = TransferId("ID")};
         return sendPrepared(world.system, std::move(file), std::move(terms));
     };
@@ -398,7 +398,7 @@ TEST_F(SendTransfer, GivesUpAPhoneThatLetsNothingMove) {
 
 TEST_F(SendTransfer, GoesOnWithoutAFingerprintThatCannotBeTaken) {
     world.files.addFault({.operation = fakes::Operation::read, .errorNumber = EIO, .times = 1, .nameEnding = "a.txt"});
-    const OutgoingFile examined = examineFile(world.system, "/home/ann/a.txt");
+    const OutgoingFile examined = examineFile(world.files, world.mimeTypes, "/home/ann/a.txt");
     EXPECT_EQ(examined, (OutgoingFile{.name = "a.txt",
                                       .size = 10,
                                       .mime = "text/plain",
@@ -588,7 +588,7 @@ TEST_F(SendTransfer, StoppedAtAnyWaitClosesTheConnectionAndKeepsTheJournalEntry)
                 ended = count < all.size();
             }(here, wait == Wait::answer, sawTheEnd));
         }
-        SendRequest stopped{.fileURL = "/home/ann/a.txt",
+        SendRequest stopped{.filePath = "/home/ann/a.txt",
                             .journal = itsJournal,
                             .terms = {.peer = here.phoneRecord(),
                                       .staticKey = here.computerKey,

@@ -54,7 +54,7 @@ protected:
     PeerRecord sleepingPhone() { return world.phoneRecord().withFcmToken("fcm-token"); }
 
     SendRequest request(PeerRecord peer) {
-        return {.fileURL = "/home/ann/a.txt",
+        return {.filePath = "/home/ann/a.txt",
                 .journal = journal,
                 .terms = {.peer = std::move(peer),
                           .staticKey = world.computerKey,
@@ -313,7 +313,7 @@ TEST_F(OneOff, DeliversClipboardTextToAPhoneThatClosesWithoutAnAnswer) {
     EXPECT_EQ(outcome(clip("h\u00e9llo\n")), "");
     EXPECT_EQ(end, OneOffEnd::ended);
     EXPECT_EQ(seen.clipboard, (Row::Clipboard{"h\u00e9llo\n", "text/plain"}));
-    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.clipboard"));
+    EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.clipboard"));
     EXPECT_TRUE(world.log.lines().empty());
 }
 
@@ -508,7 +508,7 @@ TEST_F(OneOff, TakesSilenceBehindTheMessageForADelivery) {
 
 TEST_F(OneOff, RefusesAPhoneWithAnotherKey) {
     PeerRecord other = world.phoneRecord();
-    other.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    other.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.ended = co_await phone->seesTheEnd();
@@ -521,7 +521,7 @@ TEST_F(OneOff, RefusesAPhoneWithAnotherKey) {
 
 TEST_F(OneOff, DoesNotConnectForAKeyThatIsNotBase64) {
     PeerRecord broken = world.phoneRecord();
-    broken.peer_pubkey = "?";
+    broken.peer_pubkey = PeerKey("?");
     EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", oneOff(broken))),
               "remote pubkey \u2260 paired peer");
     EXPECT_TRUE(world.network.attempts.empty());

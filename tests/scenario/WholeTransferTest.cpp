@@ -25,7 +25,7 @@ protected:
 
     SendRequest sendRequest() {
         PeerRecord peer = sender.phoneRecord();
-        return {.fileURL = "/photos/trip.jpg",
+        return {.filePath = "/photos/trip.jpg",
                 .journal = journal,
                 .terms = {.peer = peer,
                           .staticKey = sender.computerKey,
@@ -36,23 +36,7 @@ protected:
     }
 
     /// The receiving computer plays the phone's part of the sender's world, with a disk of its own.
-    platform::System receivingSystem() {
-        return {.network = sender.network,
-                .clock = sender.clock,
-                .files = receiverFiles,
-                .mimeTypes = sender.mimeTypes,
-                .log = sender.log,
-                .https = sender.https,
-                .clipboard = sender.clipboard,
-                .interfaces = sender.interfaces,
-                .services = sender.services,
-                .unixSockets = sender.unixSockets,
-                .notifications = sender.notifications,
-                .busSignals = sender.busSignals,
-                .folders = sender.folders,
-                .directories = sender.system.directories,
-                .mainQueue = sender.system.mainQueue};
-    }
+    platform::System receivingSystem() { return sender.systemOn(receiverFiles); }
 
     /// Whether the receiver has exactly the sender's bytes there (comparing texts would print megabytes on failure).
     bool arrivedAt(const platform::Path& path) const { return receiverFiles.content(path) == content; }
@@ -67,7 +51,7 @@ protected:
         Outcome outcome;
         platform::System receiving = receivingSystem();
         ReceiveRequest request{.staticKey = sender.phoneKey,
-                               .expectedPeerPubkey = sender.computerKey.publicKey(),
+                               .expectedPeerKey = sender.computerKey.publicKey(),
                                .downloadsDir = "/inbox",
                                .port = World::phonePort};
         sender.alongside([](platform::System& system, ReceiveRequest what, Outcome& to) -> Task<> {

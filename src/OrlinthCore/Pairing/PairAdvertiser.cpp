@@ -32,9 +32,9 @@ std::uint16_t portOf(const PairingPayload& payload) {
 
 } // namespace
 
-PairAdvertiser::PairAdvertiser(platform::System& system, const PairingPayload& payload, std::string_view code,
-                               Executor executor)
-    : system_(system), executor_(std::move(executor)) {
+PairAdvertiser::PairAdvertiser(platform::ServiceDiscovery& services, platform::Log& log, const PairingPayload& payload,
+                               std::string_view code, Executor executor)
+    : services_(services), log_(log), executor_(std::move(executor)) {
     const std::string hash = PairCode::hash(code, payload.peer_pubkey);
     service_.name = "Orlinth-pair-" + hash.substr(0, hashCharactersInName);
     service_.type = PairCode::serviceType;
@@ -57,13 +57,13 @@ PairAdvertiser::~PairAdvertiser() {
 
 void PairAdvertiser::start(platform::ServiceDiscovery::PublicationEvents events) {
     stop(); // an announcement of the same name would be in the new one's way
-    events.onFailure = [&log = system_.log, next = std::move(events.onFailure)](const std::string& reason) {
+    events.onFailure = [&log = log_, next = std::move(events.onFailure)](const std::string& reason) {
         log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "pair", "Orlinth pair advert failed: " + reason);
         if (next) {
             next(reason);
         }
     };
-    publication_ = system_.services.publish(service_, executor_, std::move(events));
+    publication_ = services_.publish(service_, executor_, std::move(events));
 }
 
 void PairAdvertiser::stop() noexcept {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "OrlinthCore/Pairing/PairingPayload.h"
+#include "platform/Log.h"
 #include "platform/ServiceDiscovery.h"
-#include "platform/System.h"
 
 #include <functional>
 #include <memory>
@@ -17,8 +17,9 @@ class PairAdvertiser {
 public:
     static constexpr std::size_t maxHostnameCharacters = 60;
 
-    /// Builds the service and publishes nothing. `system` outlives this; events come on `executor`.
-    PairAdvertiser(platform::System& system, const PairingPayload& payload, std::string_view code, Executor executor);
+    /// Builds the service and publishes nothing. `services` and `log` outlive this; events come on `executor`.
+    PairAdvertiser(platform::ServiceDiscovery& services, platform::Log& log, const PairingPayload& payload,
+                   std::string_view code, Executor executor);
     PairAdvertiser(const PairAdvertiser&) = delete;
     PairAdvertiser& operator=(const PairAdvertiser&) = delete;
     /// Withdraws it, and wipes this copy of the secret.
@@ -34,7 +35,8 @@ public:
     void stop() noexcept;
 
 private:
-    platform::System& system_;
+    platform::ServiceDiscovery& services_;
+    platform::Log& log_;
     platform::ServiceRecord service_;
     Executor executor_;
     std::unique_ptr<platform::ServicePublication> publication_;

@@ -32,19 +32,24 @@ std::string checkedText(const char* key, std::string text, std::size_t maxBytes)
 /// A text of an introduction.
 struct Field {
     const char* key;
-    std::string PeerRecord::* text;
     std::size_t maxBytes;
 };
 
+/// One that may be absent, and where it goes.
+struct OptionalField {
+    Field field;
+    std::string PeerRecord::* text;
+};
+
 constexpr std::size_t keyTextBytes = 44;
-constexpr Field keyField{"peer_pubkey", &PeerRecord::peer_pubkey, keyTextBytes};
-constexpr Field addressField{"peer_ip", &PeerRecord::peer_ip, PairIntroduction::maxFieldBytes};
-constexpr Field nameField{"peer_hostname", &PeerRecord::peer_hostname, PairIntroduction::maxHostnameBytes};
+constexpr Field keyField{"peer_pubkey", keyTextBytes};
+constexpr Field addressField{"peer_ip", PairIntroduction::maxFieldBytes};
+constexpr Field nameField{"peer_hostname", PairIntroduction::maxHostnameBytes};
 constexpr std::array optionalFields{
-    Field{"peer_subnet", &PeerRecord::peer_subnet, PairIntroduction::maxFieldBytes},
-    Field{"peer_mac", &PeerRecord::peer_mac, PairIntroduction::maxFieldBytes},
-    Field{"peer_fcm_token", &PeerRecord::peer_fcm_token, PairIntroduction::maxTokenBytes},
-    Field{"peer_android", &PeerRecord::peer_android, PairIntroduction::maxFieldBytes},
+    OptionalField{{"peer_subnet", PairIntroduction::maxFieldBytes}, &PeerRecord::peer_subnet},
+    OptionalField{{"peer_mac", PairIntroduction::maxFieldBytes}, &PeerRecord::peer_mac},
+    OptionalField{{"peer_fcm_token", PairIntroduction::maxTokenBytes}, &PeerRecord::peer_fcm_token},
+    OptionalField{{"peer_android", PairIntroduction::maxFieldBytes}, &PeerRecord::peer_android},
 };
 
 /// What somebody says of himself as JSON. @throws JsonError
@@ -64,13 +69,14 @@ private:
 /// The same as a record.
 class RecordClaims {
 public:
-    explicit RecordClaims(const PeerRecord& record) : record_(record) {}
-    [[nodiscard]] std::string required(const Field& field) const { return toUtf8(record_.*field.text); }
+    explicit RecordClaims(const PeerRecord& record) : fields_(record.toJson()), port_(record.peer_port) {}
+    [[nodiscard]] std::string required(const Field& field) const { return toUtf8(requireString(fields_, field.key)); }
     [[nodiscard]] std::string optional(const Field& field) const { return required(field); }
-    [[nodiscard]] std::int64_t port() const { return record_.peer_port; }
+    [[nodiscard]] std::int64_t port() const { return port_; }
 
 private:
-    const PeerRecord& record_;
+    Json fields_;
+    std::int64_t port_;
 };
 
 template <typename Claims>
@@ -91,8 +97,8 @@ std::string optionalText(const Claims& claims, const Field& field, std::vector<s
     return {};
 }
 
-void checkKey(const std::string& text, const PublicKey& ownKey) {
-    const std::optional<PublicKey> key = PublicKey::fromBase64(text);
+void checkKey(const PeerKey& peerKey, const PublicKey& ownKey) {
+    const std::optional<PublicKey> key = PublicKey::fromBase64(peerKey.text());
     if (!key) {
         refuse("peer_pubkey", "not the Base64 of 32 bytes");
     }
@@ -106,7 +112,7 @@ PairIntroduction::Decoded decodedOf(const Claims& claims, const std::string& con
                                     const PublicKey& ownKey) {
     PairIntroduction::Decoded decoded;
     PeerRecord& record = decoded.record;
-    record.peer_pubkey = requiredText(claims, keyField);
+    record.peer_pubkey = PeerKey(requiredText(claims, keyField));
     checkKey(record.peer_pubkey, ownKey);
     record.peer_ip = requiredText(claims, addressField);
     if (trimmed(record.peer_ip).empty() && !connectionAddress.empty()) {
@@ -124,10 +130,10 @@ PairIntroduction::Decoded decodedOf(const Claims& claims, const std::string& con
     if (trimmed(record.peer_hostname).empty()) {
         refuse("peer_hostname", "blank");
     }
-    for (const Field& field : optionalFields) {
-        record.*field.text = optionalText(claims, field, decoded.leftOut);
+    for (const OptionalField& optional : optionalFields) {
+        record.*optional.text = optionalText(claims, optional.field, decoded.leftOut);
     }
-    record.self_pubkey = ownKey.base64();
+    record.self_pubkey = ownKey.peerKey();
     return decoded;
 }
 

@@ -38,16 +38,17 @@ void addNetwork(PeerRecord& self, const platform::NetworkInterfaces& interfaces)
 }
 
 /// What this machine says of itself to somebody towards whom it has this address.
-PeerRecord describeSelf(const platform::System& system, const PairJoinRequest& request, std::string address) {
+PeerRecord describeSelf(const platform::NetworkInterfaces& interfaces, const PairJoinRequest& request,
+                        std::string address) {
     PeerRecord self;
-    self.peer_pubkey = request.ownKey.base64();
+    self.peer_pubkey = request.ownKey.peerKey();
     self.peer_ip = std::move(address);
     self.peer_port = request.receivePort;
-    self.peer_hostname = DeviceInfo::hostnameString(system.interfaces);
+    self.peer_hostname = DeviceInfo::hostnameString(interfaces);
     if (trimmed(self.peer_hostname).empty()) {
         self.peer_hostname = namelessHost;
     }
-    addNetwork(self, system.interfaces);
+    addNetwork(self, interfaces);
     return self;
 }
 
@@ -72,10 +73,10 @@ Bytes introductionOf(PeerRecord self, const platform::PublicKey& computer) {
     return introduction;
 }
 
-Task<std::unique_ptr<platform::Stream>> connectTo(platform::System& system, PeerRecord computer, Executor queue) {
+Task<std::unique_ptr<platform::Stream>> connectTo(platform::Network& network, PeerRecord computer, Executor queue) {
     try {
         const auto port = static_cast<std::uint16_t>(computer.peer_port);
-        co_return co_await system.network.connect(computer.peer_ip, port, std::move(queue));
+        co_return co_await network.connect(computer.peer_ip, port, std::move(queue));
     } catch (const std::exception& error) {
         throw PairJoinError::connect(platform::textOfFailure(error));
     }
@@ -107,8 +108,9 @@ Task<> deliver(platform::Stream& connection, Bytes frame) {
 
 Task<PairJoinResult> introduce(platform::System& system, PairJoinRequest request, Executor queue) {
     CheckedPayload payload = checkPayload(request.payload, request.ownKey);
-    const std::unique_ptr<platform::Stream> connection = co_await connectTo(system, payload.computer, queue);
-    const Bytes introduction = introductionOf(describeSelf(system, request, connection->localAddress()), payload.key);
+    const std::unique_ptr<platform::Stream> connection = co_await connectTo(system.network, payload.computer, queue);
+    const Bytes introduction =
+        introductionOf(describeSelf(system.interfaces, request, connection->localAddress()), payload.key);
     const SecretBytes key = PairCrypto::deriveAEADKey(payload.secret.reveal());
     Bytes frame = PairWire::encodeFrame(PairCrypto::sealIntroduction(introduction, key));
     co_await deliver(*connection, std::move(frame));
@@ -133,7 +135,7 @@ CheckedPayload checkPayload(const PairingPayload& payload, const platform::Publi
         throw PairJoinError::payload("its version " + std::to_string(payload.version) + " is not one that we know");
     }
     PeerRecord computer;
-    computer.peer_pubkey = payload.peer_pubkey;
+    computer.peer_pubkey = PeerKey(payload.peer_pubkey);
     computer.peer_ip = payload.peer_ip;
     computer.peer_port = payload.peer_port;
     computer.peer_subnet = payload.peer_subnet;
@@ -147,7 +149,7 @@ CheckedPayload checkPayload(const PairingPayload& payload, const platform::Publi
         }
         computer = std::move(decoded.record);
         SecretBytes secret = payload.secret();
-        const auto key = platform::PublicKey::fromBase64(computer.peer_pubkey);
+        const auto key = platform::PublicKey::fromBase64(computer.peer_pubkey.text());
         return {.computer = std::move(computer), .key = key.value(), .secret = std::move(secret)};
     } catch (const PairIntroductionError& error) {
         throw PairJoinError::payload(error.why());
@@ -157,7 +159,7 @@ CheckedPayload checkPayload(const PairingPayload& payload, const platform::Publi
 }
 
 Task<PairJoinResult> joinPairing(platform::System& system, PairJoinRequest request) {
-    const Executor queue = system.network.makeSerialQueue("orlinth.pair-join");
+    const Executor queue = system.queues.makeSerialQueue("orlinth.pair-join");
     Task<PairJoinResult> join = introduceInTime(system, std::move(request), queue);
     co_return co_await platform::runOn(queue, std::move(join));
 }

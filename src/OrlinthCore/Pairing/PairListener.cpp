@@ -82,7 +82,7 @@ struct PairListener::Attempt {
           port(number),
           key(PairCrypto::deriveAEADKey(pairingSecret.reveal())),
           timeout(seconds),
-          queue(owner.network.makeSerialQueue("orlinth.pair-listener")),
+          queue(owner.queues.makeSerialQueue("orlinth.pair-listener")),
           listener(std::move(open)) {}
 
     platform::System& system;

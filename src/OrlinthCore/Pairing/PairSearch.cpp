@@ -20,9 +20,9 @@ std::string valueOf(const platform::ServiceRecord& service, std::string_view key
     return at == service.txt.end() ? std::string() : at->second;
 }
 
-Task<std::vector<platform::ServiceRecord>> look(platform::System& system) {
+Task<std::vector<platform::ServiceRecord>> look(platform::ServiceDiscovery& services) {
     try {
-        co_return co_await system.services.find(PairCode::serviceType, secondsOfOneLook);
+        co_return co_await services.find(PairCode::serviceType, secondsOfOneLook);
     } catch (const platform::SystemError& error) {
         throw PairSearchError::unavailable(platform::textOfFailure(error));
     }
@@ -57,12 +57,13 @@ std::optional<PairingPayload> payloadOfService(const platform::ServiceRecord& se
     return payload;
 }
 
-Task<PairingPayload> findPairingComputer(platform::System& system, std::string code, double timeout) {
-    const platform::Clock::Instant deadline = system.clock.now() + platform::Clock::Instant(timeout);
+Task<PairingPayload> findPairingComputer(platform::ServiceDiscovery& services, platform::Clock& clock, std::string code,
+                                         double timeout) {
+    const platform::Clock::Instant deadline = clock.now() + platform::Clock::Instant(timeout);
     for (;;) {
-        std::vector<platform::ServiceRecord> services = co_await look(system);
-        std::vector<PairingPayload> found = matches(services, code);
-        for (platform::ServiceRecord& service : services) {
+        std::vector<platform::ServiceRecord> seen = co_await look(services);
+        std::vector<PairingPayload> found = matches(seen, code);
+        for (platform::ServiceRecord& service : seen) {
             service.wipeTxt();
         }
         if (found.size() > 1) {
@@ -71,7 +72,7 @@ Task<PairingPayload> findPairingComputer(platform::System& system, std::string c
         if (found.size() == 1) {
             co_return std::move(found.front());
         }
-        if (system.clock.now() >= deadline) {
+        if (clock.now() >= deadline) {
             throw PairSearchError::notFound();
         }
     }

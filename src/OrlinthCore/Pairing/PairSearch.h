@@ -2,7 +2,8 @@
 
 #include "OrlinthCore/Pairing/PairingPayload.h"
 #include "base/CaseError.h"
-#include "platform/System.h"
+#include "platform/Clock.h"
+#include "platform/ServiceDiscovery.h"
 
 #include <optional>
 #include <string>
@@ -32,7 +33,8 @@ private:
 
 /// Looks on the network for the one computer that is in pair mode with this code, again and again for `timeout`
 /// seconds. Each look lasts a few seconds, so that a second computer with the same code is seen too.
-/// @throws PairSearchError; Cancelled
-[[nodiscard]] Task<PairingPayload> findPairingComputer(platform::System& system, std::string code, double timeout);
+/// `services` and `clock` outlive the task. @throws PairSearchError; Cancelled
+[[nodiscard]] Task<PairingPayload> findPairingComputer(platform::ServiceDiscovery& services, platform::Clock& clock,
+                                                       std::string code, double timeout);
 
 } // namespace orlinth

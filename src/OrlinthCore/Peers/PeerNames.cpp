@@ -15,10 +15,10 @@ std::string numbered(const std::string& name, std::size_t number) {
     return firstCharactersWithin(trimmed(name), maxNumberedBytes - suffix.size()) + suffix;
 }
 
-std::set<std::string> looksOfOthers(const PeerBook& book, const std::string& pubkey) {
+std::set<std::string> looksOfOthers(const PeerBook& book, const PeerKey& peerKey) {
     std::set<std::string> looks;
     for (const PeerRecord& record : book.peers) {
-        if (record.peer_pubkey != pubkey) {
+        if (record.peer_pubkey != peerKey) {
             looks.insert(lookOf(record.peer_hostname));
         }
     }
@@ -27,12 +27,12 @@ std::set<std::string> looksOfOthers(const PeerBook& book, const std::string& pub
 
 } // namespace
 
-bool isNameTaken(const PeerBook& book, const std::string& pubkey, const std::string& name) {
-    return looksOfOthers(book, pubkey).contains(lookOf(name));
+bool isNameTaken(const PeerBook& book, const PeerKey& peerKey, const std::string& name) {
+    return looksOfOthers(book, peerKey).contains(lookOf(name));
 }
 
-std::string freeName(const PeerBook& book, const std::string& pubkey, const std::string& name) {
-    const std::set<std::string> taken = looksOfOthers(book, pubkey);
+std::string freeName(const PeerBook& book, const PeerKey& peerKey, const std::string& name) {
+    const std::set<std::string> taken = looksOfOthers(book, peerKey);
     if (!taken.contains(lookOf(name))) {
         return name;
     }

@@ -8,13 +8,13 @@ namespace orlinth {
 
 /// Names by which a person tells phones apart. Two are the same if they look alike (lookOf()).
 
-/// Whether a phone other than `pubkey`'s is recorded under a name that looks like this one.
-[[nodiscard]] bool isNameTaken(const PeerBook& book, const std::string& pubkey, const std::string& name);
+/// Whether a phone other than `peerKey`'s is recorded under a name that looks like this one.
+[[nodiscard]] bool isNameTaken(const PeerBook& book, const PeerKey& peerKey, const std::string& name);
 
-/// The name to record the phone `pubkey` under that calls itself `name`: that, or, if it is taken, with the first free
+/// The name to record the phone `peerKey` under that calls itself `name`: that, or, if it is taken, with the first free
 /// number behind it: "Pixel 8 (2)". The same for the same book, so that a phone keeps its number. A name with a number
 /// has at most 255 bytes.
-[[nodiscard]] std::string freeName(const PeerBook& book, const std::string& pubkey, const std::string& name);
+[[nodiscard]] std::string freeName(const PeerBook& book, const PeerKey& peerKey, const std::string& name);
 
 /// Whether `recorded` is what freeName() makes of `name`: the name itself, or with a number.
 [[nodiscard]] bool isFormOfName(const std::string& recorded, const std::string& name);

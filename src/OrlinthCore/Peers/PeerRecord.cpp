@@ -24,10 +24,11 @@ bool isMissing(const SystemError& error) {
 
 using Matches = std::vector<const PeerRecord*>;
 
-Matches withPrefix(const std::vector<PeerRecord>& peers, std::string PeerRecord::* field, const std::string& prefix) {
+template <typename TextOf>
+Matches withPrefix(const std::vector<PeerRecord>& peers, TextOf textOf, const std::string& prefix) {
     Matches matches;
     for (const PeerRecord& peer : peers) {
-        if (lowerCased(peer.*field).starts_with(prefix)) {
+        if (lowerCased(textOf(peer)).starts_with(prefix)) {
             matches.push_back(&peer);
         }
     }
@@ -73,14 +74,14 @@ Json PeerRecord::toJson() const {
 
 PeerRecord PeerRecord::fromJson(const Json& json) {
     PeerRecord record;
-    record.peer_pubkey = requireString(json, "peer_pubkey");
+    record.peer_pubkey = PeerKey(requireString(json, "peer_pubkey"));
     record.peer_ip = requireString(json, "peer_ip");
     record.peer_port = requireInt64(json, "peer_port");
     record.peer_subnet = requireString(json, "peer_subnet");
     record.peer_hostname = requireString(json, "peer_hostname");
     record.peer_mac = requireString(json, "peer_mac");
     record.paired_at_epoch_ms = requireInt64(json, "paired_at_epoch_ms");
-    record.self_pubkey = optionalString(json, "self_pubkey").value_or("");
+    record.self_pubkey = PeerKey(optionalString(json, "self_pubkey").value_or(""));
     record.peer_fcm_token = optionalString(json, "peer_fcm_token").value_or("");
     record.peer_android = optionalString(json, "peer_android").value_or("");
     return record;
@@ -102,9 +103,9 @@ PeerBook PeerBook::fromJson(const Json& json) {
     return book;
 }
 
-const PeerRecord* PeerBook::find(const std::string& pubkey) const noexcept {
+const PeerRecord* PeerBook::find(const PeerKey& peerKey) const noexcept {
     const auto at = std::find_if(peers.begin(), peers.end(),
-                                 [&pubkey](const PeerRecord& record) { return record.peer_pubkey == pubkey; });
+                                 [&peerKey](const PeerRecord& record) { return record.peer_pubkey == peerKey; });
     return at == peers.end() ? nullptr : &*at;
 }
 
@@ -128,13 +129,13 @@ PeerStore::PeerStore(platform::FileSystem& files, const platform::UserDirectorie
                      const std::string& fileName)
     : PeerStore(files, directories.data / defaultDirectoryName, fileName) {}
 
-PeerStore::PeerStore(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName)
-    : files_(files), directoryURL_(std::move(directoryURL)), fileURL_(directoryURL_ / fileName) {}
+PeerStore::PeerStore(platform::FileSystem& files, platform::Path directoryPath, const std::string& fileName)
+    : files_(files), directoryPath_(std::move(directoryPath)), filePath_(directoryPath_ / fileName) {}
 
 PeerBook PeerStore::loadBook() const {
     Bytes content;
     try {
-        content = platform::readWholeFile(files_, fileURL_);
+        content = platform::readWholeFile(files_, filePath_);
     } catch (const SystemError& error) {
         if (isMissing(error)) {
             return {};
@@ -160,7 +161,7 @@ PeerBook PeerStore::loadBook() const {
 void PeerStore::writeBook(const PeerBook& book) {
     createDirectory();
     try {
-        platform::writeWholeFile(files_, fileURL_, asBytes(prettyJson(book.toJson())), ownerOnly, platform::Flush::now,
+        platform::writeWholeFile(files_, filePath_, asBytes(prettyJson(book.toJson())), ownerOnly, platform::Flush::now,
                                  platform::Links::follow);
     } catch (const SystemError& error) {
         throw PeerStoreError::write(error.description());
@@ -169,7 +170,7 @@ void PeerStore::writeBook(const PeerBook& book) {
 
 void PeerStore::createDirectory() {
     try {
-        files_.createDirectories(directoryURL_, ownersFolder);
+        files_.createDirectories(directoryPath_, ownersFolder);
     } catch (const SystemError& error) {
         throw PeerStoreError::directoryCreate(error.description());
     }
@@ -178,14 +179,14 @@ void PeerStore::createDirectory() {
 platform::FileLock PeerStore::lock() {
     createDirectory();
     try {
-        return platform::FileLock(files_, fileURL_);
+        return platform::FileLock(files_, filePath_);
     } catch (const SystemError& error) {
         throw PeerStoreError::write(error.description());
     }
 }
 
 void PeerStore::update(const std::function<bool(PeerBook&)>& change) {
-    if (!files_.exists(directoryURL_)) {
+    if (!files_.exists(directoryPath_)) {
         PeerBook nobody;
         if (!change(nobody)) {
             return;
@@ -214,11 +215,11 @@ void PeerStore::upsert(const PeerRecord& record) {
     });
 }
 
-std::vector<PeerRecord> PeerStore::takeOut(PeerBook& book, const std::string& pubkey, const IsSamePhone& isSamePhone) {
+std::vector<PeerRecord> PeerStore::takeOut(PeerBook& book, const PeerKey& peerKey, const IsSamePhone& isSamePhone) {
     std::vector<PeerRecord> taken;
     std::vector<PeerRecord> kept;
     for (PeerRecord& peer : book.peers) {
-        if (peer.peer_pubkey != pubkey) {
+        if (peer.peer_pubkey != peerKey) {
             (isSamePhone(peer) ? taken : kept).push_back(std::move(peer));
         }
     }
@@ -284,14 +285,16 @@ std::optional<PeerRecord> PeerStore::resolve(const std::string& selector) const 
     if (exact != book.peers.end()) {
         return *exact;
     }
-    const Matches byName = withPrefix(book.peers, &PeerRecord::peer_hostname, query);
+    const auto nameOf = [](const PeerRecord& peer) { return peer.peer_hostname; };
+    const Matches byName = withPrefix(book.peers, nameOf, query);
     if (byName.size() > 1) {
         throw PeerStoreError::decode("selector '" + selector + "' is ambiguous (matches: " + hostNames(byName) + ")");
     }
     if (byName.size() == 1) {
         return *byName.front();
     }
-    const Matches byKey = withPrefix(book.peers, &PeerRecord::peer_pubkey, query);
+    const auto keyTextOf = [](const PeerRecord& peer) { return peer.peer_pubkey.text(); };
+    const Matches byKey = withPrefix(book.peers, keyTextOf, query);
     if (byKey.size() > 1) {
         throw PeerStoreError::decode("selector '" + selector + "' is ambiguous on pubkey prefix");
     }
@@ -299,13 +302,13 @@ std::optional<PeerRecord> PeerStore::resolve(const std::string& selector) const 
 }
 
 void PeerStore::wipe() {
-    if (!files_.exists(fileURL_)) {
+    if (!files_.exists(filePath_)) {
         return;
     }
     const platform::FileLock held = lock();
     try {
-        files_.remove(fileURL_);
-        files_.flushDirectory(directoryURL_);
+        files_.remove(filePath_);
+        files_.flushDirectory(directoryPath_);
     } catch (const SystemError& error) {
         if (!isMissing(error)) {
             throw PeerStoreError::write(error.description());

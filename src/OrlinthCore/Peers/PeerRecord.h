@@ -2,6 +2,7 @@
 
 #include "base/CaseError.h"
 #include "base/Json.h"
+#include "base/StrongText.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
 #include "platform/WholeFile.h"
@@ -15,14 +16,14 @@ namespace orlinth {
 
 /// Everything this computer knows about one paired phone. The JSON keys are the field names.
 struct PeerRecord {
-    std::string peer_pubkey;    ///< the phone's 32-byte static public key in standard Base64; the record's identity
+    PeerKey peer_pubkey;        ///< the phone's static public key, 32 bytes; the record's identity
     std::string peer_ip;        ///< last known address of the phone
     std::int64_t peer_port = 0; ///< TCP port on which the phone receives
     std::string peer_subnet;    ///< subnet of the network at pairing time
     std::string peer_hostname;  ///< the phone's name, which selectors match
     std::string peer_mac;       ///< hardware address
     std::int64_t paired_at_epoch_ms = 0;
-    std::string self_pubkey;    ///< this computer's key that was paired, Base64; "" if unknown
+    PeerKey self_pubkey;        ///< this computer's key that was paired; "" if unknown
     std::string peer_fcm_token; ///< push token; "" if none
     std::string peer_android;   ///< the phone's Android identifier; "" if unknown
 
@@ -44,8 +45,8 @@ struct PeerBook {
     [[nodiscard]] Json toJson() const;
     /// @throws JsonError
     [[nodiscard]] static PeerBook fromJson(const Json& json);
-    /// The first record of this key, in Base64; null if there is none.
-    [[nodiscard]] const PeerRecord* find(const std::string& pubkey) const noexcept;
+    /// The first record of this key; null if there is none.
+    [[nodiscard]] const PeerRecord* find(const PeerKey& peerKey) const noexcept;
 
     bool operator==(const PeerBook&) const = default;
 };
@@ -77,10 +78,10 @@ public:
     PeerStore(platform::FileSystem& files, const platform::UserDirectories& directories,
               const std::string& fileName = defaultFileName);
     /// The store in another folder.
-    PeerStore(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName = defaultFileName);
+    PeerStore(platform::FileSystem& files, platform::Path directoryPath, const std::string& fileName = defaultFileName);
 
-    [[nodiscard]] const platform::Path& fileURL() const noexcept { return fileURL_; }
-    [[nodiscard]] const platform::Path& directoryURL() const noexcept { return directoryURL_; }
+    [[nodiscard]] const platform::Path& filePath() const noexcept { return filePath_; }
+    [[nodiscard]] const platform::Path& directoryPath() const noexcept { return directoryPath_; }
 
     /// Empty if there is no file yet. A file of the older form, one bare record, reads as a book of one.
     /// @throws PeerStoreError::read, decode. Of a file that is neither form, the text is about the form that it
@@ -124,14 +125,14 @@ public:
 private:
     using IsSamePhone = std::function<bool(const PeerRecord& earlier)>;
     /// Takes out the records of this key, and those that `isSamePhone` picks, which it returns.
-    [[nodiscard]] static std::vector<PeerRecord> takeOut(PeerBook& book, const std::string& pubkey,
+    [[nodiscard]] static std::vector<PeerRecord> takeOut(PeerBook& book, const PeerKey& peerKey,
                                                          const IsSamePhone& isSamePhone);
     void createDirectory();
     [[nodiscard]] platform::FileLock lock();
 
     platform::FileSystem& files_;
-    platform::Path directoryURL_;
-    platform::Path fileURL_;
+    platform::Path directoryPath_;
+    platform::Path filePath_;
 };
 
 } // namespace orlinth

@@ -88,7 +88,7 @@ bool isTakenWithPartial(const Folder& folder, const FileName& name) {
 std::optional<std::int64_t> resumeOffset(Folder& folder, const FileName& partial,
                                          const CollisionResolver::Transfer& transfer) {
     const std::optional<PartialMeta> meta = PartialMetaIO::load(folder, partial);
-    if (!meta || !meta->mayBeContinuedBy(transfer.id, transfer.phone)) {
+    if (!meta || !meta->mayBeContinuedBy(transfer.id, transfer.peerKey)) {
         return std::nullopt;
     }
     try {
@@ -149,7 +149,7 @@ CollisionResolver::Target CollisionResolver::resolveTarget(Folder& folder, const
     return {std::move(final), std::move(partial), 0};
 }
 
-FileName CollisionResolver::resolveFinalURL(Folder& folder, const std::string& baseName) {
+FileName CollisionResolver::resolveFinalName(Folder& folder, const std::string& baseName) {
     const SplitName name(baseName, folder.longestName());
     for (int number = 1; number <= lastCandidate; ++number) {
         FileName candidate = name.candidate(number);

@@ -38,7 +38,7 @@ Json jsonOf(const DeliveredTransfers::Delivery& delivery) {
             {"inode", delivery.inode},
             {"modified_ns", delivery.modified_ns},
             {"path", delivery.path.native()},
-            {"phone", delivery.phone.text()},
+            {"phone", delivery.peerKey.text()},
             {"settled", delivery.isSettled},
             {"size", delivery.size},
             {"transfer_id", delivery.transfer_id.text()}};
@@ -46,7 +46,7 @@ Json jsonOf(const DeliveredTransfers::Delivery& delivery) {
 
 /// @throws JsonError
 DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
-    DeliveredTransfers::Delivery delivery{.phone = PeerKey(requireString(json, "phone")),
+    DeliveredTransfers::Delivery delivery{.peerKey = PeerKey(requireString(json, "phone")),
                                           .transfer_id = TransferId(requireString(json, "transfer_id")),
                                           .path = requireString(json, "path"),
                                           .device = requireUnsigned(json, "device"),
@@ -60,7 +60,7 @@ DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
                              delivery.path.native().find('\0') == std::string::npos &&
                              delivery.path.native().size() <= longestPath && delivery.size >= 0 &&
                              delivery.transfer_id.text().size() <= DeliveredTransfers::maxIdBytes &&
-                             delivery.phone.text().size() <= longestKeyText;
+                             delivery.peerKey.text().size() <= longestKeyText;
     if (!isPlausible) {
         throw JsonError("no delivery");
     }
@@ -77,7 +77,7 @@ bool isUnchanged(const DeliveredTransfers::Delivery& delivery, const platform::F
 } // namespace
 
 void DeliveredTransfers::List::put(Delivery delivery) {
-    Key key(delivery.phone, delivery.transfer_id);
+    Key key(delivery.peerKey, delivery.transfer_id);
     const std::uint64_t number = ++last_;
     if (const auto before = entries_.find(key); before != entries_.end()) {
         order_.erase(before->second.number);
@@ -131,8 +131,8 @@ void DeliveredTransfers::List::clear() {
     order_.clear();
 }
 
-DeliveredTransfers::DeliveredTransfers(platform::System& system)
-    : system_(system), file_(system.directories.data / PeerStore::defaultDirectoryName / fileName) {}
+DeliveredTransfers::DeliveredTransfers(platform::Storage storage)
+    : storage_(std::move(storage)), file_(storage_.directories.data / PeerStore::defaultDirectoryName / fileName) {}
 
 DeliveredTransfers::~DeliveredTransfers() = default;
 
@@ -171,7 +171,7 @@ void DeliveredTransfers::openLog() {
     list_.clear();
     taken_ = 0;
     log_ =
-        system_.files.open(file_, platform::OpenMode::openOrCreate, platform::Links::follow, deliveredFilePermissions);
+        storage_.files.open(file_, platform::OpenMode::openOrCreate, platform::Links::follow, deliveredFilePermissions);
     if (log_->status().kind != platform::FileKind::regular) { // reading from a pipe would never end
         log_.reset();
         throw platform::SystemError::fromErrno(EINVAL);
@@ -180,7 +180,7 @@ void DeliveredTransfers::openLog() {
 
 /// Takes in what other processes, and earlier runs, have written.
 void DeliveredTransfers::catchUp() {
-    const std::optional<platform::FileStatus> named = system_.files.status(file_);
+    const std::optional<platform::FileStatus> named = storage_.files.status(file_);
     if (!named) {
         log_.reset();
         list_.clear();
@@ -212,7 +212,7 @@ void DeliveredTransfers::catchUp() {
 }
 
 void DeliveredTransfers::writeAnew() {
-    list_.forgetOlderThan(system_.clock.epochMilliseconds() - maxAgeMilliseconds);
+    list_.forgetOlderThan(storage_.clock.epochMilliseconds() - maxAgeMilliseconds);
     std::vector<std::string> lines;
     std::size_t size = 0;
     const std::vector<Delivery> deliveries = list_.all();
@@ -228,15 +228,15 @@ void DeliveredTransfers::writeAnew() {
     std::string content;
     content.reserve(size);
     std::for_each(lines.rbegin(), lines.rend(), [&content](const std::string& line) { content += line; });
-    platform::writeWholeFile(system_.files, file_, asBytes(content), deliveredFilePermissions, platform::Flush::content,
-                             platform::Links::follow);
+    platform::writeWholeFile(storage_.files, file_, asBytes(content), deliveredFilePermissions,
+                             platform::Flush::content, platform::Links::follow);
     log_.reset();
     catchUp();
 }
 
 void DeliveredTransfers::append(const Delivery& delivery) {
-    system_.files.createDirectories(file_.parent_path(), deliveredFolderPermissions);
-    const platform::FileLock guard(system_.files, file_);
+    storage_.files.createDirectories(file_.parent_path(), deliveredFolderPermissions);
+    const platform::FileLock guard(storage_.files, file_);
     catchUp();
     if (!log_) {
         openLog();
@@ -264,13 +264,13 @@ void DeliveredTransfers::bestEffort(const char* what, Step step) {
 }
 
 void DeliveredTransfers::log(const char* what, const platform::SystemError& error) const {
-    system_.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "receiver",
-                      std::string(what) + ": " + error.description());
+    storage_.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "receiver",
+                       std::string(what) + ": " + error.description());
 }
 
 bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
     try {
-        const std::unique_ptr<platform::Folder> folder = system_.files.openFolder(delivery.path.parent_path());
+        const std::unique_ptr<platform::Folder> folder = storage_.files.openFolder(delivery.path.parent_path());
         const std::optional<platform::FileStatus> file =
             folder->status(platform::FileName(delivery.path.filename().native()));
         return file && isUnchanged(delivery, *file);
@@ -282,9 +282,9 @@ bool DeliveredTransfers::isStillThere(const Delivery& delivery) const {
     }
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& phone,
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& peerKey,
                                                                      const TransferId& transferId) {
-    const std::optional<Delivery> delivery = remembered(phone, transferId);
+    const std::optional<Delivery> delivery = remembered(peerKey, transferId);
     try {
         // not under the lock: its folder may be on a disk that hangs, while today's does not
         return delivery && isStillThere(*delivery) ? delivery : std::nullopt;
@@ -294,28 +294,36 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerK
     }
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const PeerKey& phone,
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const PeerKey& peerKey,
                                                                            const TransferId& transferId) {
     const MutexLock guard(lock_);
     std::optional<Delivery> known;
     bestEffort("cannot read which files were delivered", [&] {
         lock_.assertHeld();
         catchUp();
-        const Delivery* const delivery = list_.find({phone, transferId});
-        if (delivery != nullptr && delivery->at_epoch_ms >= system_.clock.epochMilliseconds() - maxAgeMilliseconds) {
+        const Delivery* const delivery = list_.find({peerKey, transferId});
+        if (delivery != nullptr && delivery->at_epoch_ms >= storage_.clock.epochMilliseconds() - maxAgeMilliseconds) {
             known = *delivery;
         }
     });
     return known;
 }
 
-std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& phone, const TransferId& transferId,
-                                                                     std::int64_t size) {
-    std::optional<Delivery> found = find(phone, transferId);
+std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::find(const PeerKey& peerKey,
+                                                                     const TransferId& transferId, std::int64_t size) {
+    std::optional<Delivery> found = find(peerKey, transferId);
     return found && found->size == size ? found : std::nullopt;
 }
 
-void DeliveredTransfers::intend(const PeerKey& phone, const TransferId& transferId, const platform::Path& path,
+std::unique_ptr<platform::Folder> DeliveredTransfers::folderOf(const Delivery& delivery) const {
+    try {
+        return storage_.files.openFolder(delivery.path.parent_path());
+    } catch (const platform::SystemError&) {
+        return nullptr;
+    }
+}
+
+void DeliveredTransfers::intend(const PeerKey& peerKey, const TransferId& transferId, const platform::Path& path,
                                 const platform::FileStatus& file) {
     std::error_code unknown; // where we are: then the path stays relative
     const platform::Path absolute = std::filesystem::absolute(path, unknown);
@@ -326,20 +334,20 @@ void DeliveredTransfers::intend(const PeerKey& phone, const TransferId& transfer
     const MutexLock guard(lock_);
     bestEffort("cannot save which file is delivered", [&] {
         lock_.assertHeld();
-        append({.phone = phone,
+        append({.peerKey = peerKey,
                 .transfer_id = transferId,
                 .path = absolute,
                 .device = file.device,
                 .inode = file.inode,
                 .size = file.size,
                 .modified_ns = file.modifiedNanoseconds,
-                .at_epoch_ms = system_.clock.epochMilliseconds()});
+                .at_epoch_ms = storage_.clock.epochMilliseconds()});
     });
 }
 
-void DeliveredTransfers::settle(const PeerKey& phone, const TransferId& transferId) {
+void DeliveredTransfers::settle(const PeerKey& peerKey, const TransferId& transferId) {
     const MutexLock guard(lock_);
-    const Delivery* const intended = list_.find({phone, transferId});
+    const Delivery* const intended = list_.find({peerKey, transferId});
     if (intended == nullptr) {
         return; // it could not be saved, which was logged
     }

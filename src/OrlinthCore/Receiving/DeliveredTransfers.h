@@ -4,7 +4,9 @@
 #include "base/Bytes.h"
 #include "base/Mutex.h"
 #include "base/StrongText.h"
-#include "platform/System.h"
+#include "platform/Folder.h"
+#include "platform/Storage.h"
+#include "platform/SystemError.h"
 
 #include <cstdint>
 #include <map>
@@ -51,7 +53,7 @@ public:
 
     /// One transfer.
     struct Delivery {
-        PeerKey phone;
+        PeerKey peerKey;
         TransferId transfer_id;   ///< as the offer gave it
         platform::Path path;      ///< the final name, absolute
         std::uint64_t device = 0; ///< for people to read; it may change with a reboot
@@ -64,22 +66,24 @@ public:
         bool operator==(const Delivery&) const = default;
     };
 
-    /// What `system` refers to outlives this. Touches no file.
-    explicit DeliveredTransfers(platform::System& system);
+    /// Touches no file.
+    explicit DeliveredTransfers(platform::Storage storage);
     DeliveredTransfers(const DeliveredTransfers&) = delete;
     DeliveredTransfers& operator=(const DeliveredTransfers&) = delete;
     ~DeliveredTransfers();
 
     /// The transfer, if its file still lies where it was delivered, unchanged: it itself, and no link in its place.
-    [[nodiscard]] std::optional<Delivery> find(const PeerKey& phone, const TransferId& transferId);
+    [[nodiscard]] std::optional<Delivery> find(const PeerKey& peerKey, const TransferId& transferId);
     /// The same, if it has the size that is offered: else it is not the one that is meant, whatever its id says.
-    [[nodiscard]] std::optional<Delivery> find(const PeerKey& phone, const TransferId& transferId, std::int64_t size);
+    [[nodiscard]] std::optional<Delivery> find(const PeerKey& peerKey, const TransferId& transferId, std::int64_t size);
+    /// The folder in which it was delivered; null if that is gone.
+    [[nodiscard]] std::unique_ptr<platform::Folder> folderOf(const Delivery& delivery) const;
     /// `file` is what its partial file is like, flushed; it is about to get the name `path`. Instead of what was
     /// remembered of the same transfer.
-    void intend(const PeerKey& phone, const TransferId& transferId, const platform::Path& path,
+    void intend(const PeerKey& peerKey, const TransferId& transferId, const platform::Path& path,
                 const platform::FileStatus& file);
     /// The file has its name for good.
-    void settle(const PeerKey& phone, const TransferId& transferId);
+    void settle(const PeerKey& peerKey, const TransferId& transferId);
 
     /// What the lines of a file's content say, oldest first, each transfer once; lines that say nothing are skipped.
     [[nodiscard]] static std::vector<Delivery> decode(ByteView content);
@@ -110,7 +114,7 @@ private:
     };
 
     [[nodiscard]] std::size_t takeLines(ByteView content) ORLINTH_REQUIRES(lock_);
-    [[nodiscard]] std::optional<Delivery> remembered(const PeerKey& phone, const TransferId& transferId);
+    [[nodiscard]] std::optional<Delivery> remembered(const PeerKey& peerKey, const TransferId& transferId);
     [[nodiscard]] bool isStillThere(const Delivery& delivery) const;
     void log(const char* what, const platform::SystemError& error) const;
     void catchUp() ORLINTH_REQUIRES(lock_);
@@ -120,7 +124,7 @@ private:
     template <typename Step>
     void bestEffort(const char* what, Step step) ORLINTH_REQUIRES(lock_);
 
-    platform::System& system_;
+    platform::Storage storage_;
     platform::Path file_;
     Mutex lock_;
     List list_ ORLINTH_GUARDED_BY(lock_);

@@ -50,7 +50,7 @@ std::int64_t DownloadRoom::promisedToOthers(const CollisionResolver::Transfer& t
     const MutexLock guard(ledger_->lock);
     std::int64_t sum = 0;
     for (const auto& entry : ledger_->entries) {
-        if (entry->transfer.id != transfer.id || entry->transfer.phone != transfer.phone) {
+        if (entry->transfer.id != transfer.id || entry->transfer.peerKey != transfer.peerKey) {
             sum += std::min(entry->toCome, std::numeric_limits<std::int64_t>::max() - sum);
         }
     }

@@ -22,20 +22,20 @@ std::int64_t toCome(const TransportMessage::FileOffer& offer, std::int64_t here)
 
 } // namespace
 
-Downloads::Downloads(platform::System& system, platform::Path folder)
-    : system_(system), path_(std::move(folder)), delivered_(system), turns_(system) {}
+Downloads::Downloads(platform::Storage storage, platform::WorkQueues& queues, platform::Path folder)
+    : storage_(std::move(storage)), queues_(queues), path_(std::move(folder)), delivered_(storage_), turns_(storage_) {}
 
 std::unique_ptr<platform::Folder> Downloads::open() const {
     try {
-        system_.files.createDirectories(path_);
-        return system_.files.openFolder(path_);
+        storage_.files.createDirectories(path_);
+        return storage_.files.openFolder(path_);
     } catch (const platform::SystemError& error) {
         throw ReceiveError::fileWriteFailed(error.description());
     }
 }
 
-bool Downloads::isDelivered(const PeerKey& phone, const TransportMessage::FileOffer& offer) {
-    return delivered_.find(phone, TransferId(offer.transfer_id), offer.size).has_value();
+bool Downloads::isDelivered(const PeerKey& peerKey, const TransportMessage::FileOffer& offer) {
+    return delivered_.find(peerKey, TransferId(offer.transfer_id), offer.size).has_value();
 }
 
 // ---- refusals
@@ -48,22 +48,22 @@ void Downloads::requireSensible(const TransportMessage::FileOffer& offer) {
     }
 }
 
-Task<Downloads::Prospect> Downloads::prospectOf(PeerKey phone, TransportMessage::FileOffer offer) {
+Task<Downloads::Prospect> Downloads::prospectOf(PeerKey peerKey, TransportMessage::FileOffer offer) {
     requireSensible(offer);
-    return platform::blocking(system_.network, [this, phone = std::move(phone), offer = std::move(offer)] {
-        const bool isHere = isDelivered(phone, offer);
-        return Prospect{.isDelivered = isHere, .refusal = isHere ? std::nullopt : refusalOf(phone, offer)};
+    return platform::blocking(queues_, [this, peerKey = std::move(peerKey), offer = std::move(offer)] {
+        const bool isHere = isDelivered(peerKey, offer);
+        return Prospect{.isDelivered = isHere, .refusal = isHere ? std::nullopt : refusalOf(peerKey, offer)};
     });
 }
 
-std::optional<DownloadRefusal> Downloads::refusalOf(const PeerKey& phone, const TransportMessage::FileOffer& offer) {
+std::optional<DownloadRefusal> Downloads::refusalOf(const PeerKey& peerKey, const TransportMessage::FileOffer& offer) {
     std::unique_ptr<platform::Folder> folder;
     try {
-        folder = system_.files.openFolder(path_);
+        folder = storage_.files.openFolder(path_);
     } catch (const platform::SystemError&) {
         return std::nullopt; // begin() makes it, or says why that cannot be done
     }
-    return refusalIn(*folder, {.id = TransferId(offer.transfer_id), .phone = phone}, offer);
+    return refusalIn(*folder, {.id = TransferId(offer.transfer_id), .peerKey = peerKey}, offer);
 }
 
 std::optional<DownloadRefusal> Downloads::refusalIn(platform::Folder& folder,
@@ -93,7 +93,7 @@ std::optional<DownloadRefusal> Downloads::refusalIn(platform::Folder& folder,
                 return DownloadRefusal{Reason::noRoom, limits_.keepFreeBytes};
             }
         }
-        if (hasTooManyPartials(folder, transfer.phone) && !continued().isContinued) {
+        if (hasTooManyPartials(folder, transfer.peerKey) && !continued().isContinued) {
             return DownloadRefusal{Reason::tooManyPartials, static_cast<std::int64_t>(DownloadLimits::maxPartials)};
         }
     } catch (const platform::SystemError& error) {
@@ -102,7 +102,7 @@ std::optional<DownloadRefusal> Downloads::refusalIn(platform::Folder& folder,
     return std::nullopt;
 }
 
-bool Downloads::hasTooManyPartials(platform::Folder& folder, const PeerKey& phone) {
+bool Downloads::hasTooManyPartials(platform::Folder& folder, const PeerKey& peerKey) {
     const MutexLock guard(censusLock_);
     const platform::FileStatus status = folder.status();
     if (!census_ || !platform::isSameFile(census_->folder, status)) {
@@ -110,17 +110,17 @@ bool Downloads::hasTooManyPartials(platform::Folder& folder, const PeerKey& phon
     }
     const auto isTooMany = [&] {
         censusLock_.assertHeld();
-        const auto found = census_->partials.find(phone);
+        const auto found = census_->partials.find(peerKey);
         return found != census_->partials.end() && found->second >= DownloadLimits::maxPartials;
     };
-    if (isTooMany() && (system_.clock.now() - census_->takenAt).count() >= censusSeconds) {
+    if (isTooMany() && (storage_.clock.now() - census_->takenAt).count() >= censusSeconds) {
         takeCensus(folder); // somebody may have removed some
     }
     return isTooMany();
 }
 
 void Downloads::takeCensus(platform::Folder& folder) {
-    census_ = Census{.folder = folder.status(), .takenAt = system_.clock.now(), .partials = {}};
+    census_ = Census{.folder = folder.status(), .takenAt = storage_.clock.now(), .partials = {}};
     try {
         for (const PartialDownload& download : Partials::in(folder)) {
             ++census_->partials[download.meta.peer_pubkey];
@@ -130,12 +130,12 @@ void Downloads::takeCensus(platform::Folder& folder) {
     }
 }
 
-void Downloads::countPartial(const PeerKey& phone, bool isNew) {
+void Downloads::countPartial(const PeerKey& peerKey, bool isNew) {
     const MutexLock guard(censusLock_);
     if (!census_) {
         return;
     }
-    std::size_t& count = census_->partials[phone];
+    std::size_t& count = census_->partials[peerKey];
     if (isNew) {
         ++count;
     } else if (count > 0) {
@@ -145,34 +145,34 @@ void Downloads::countPartial(const PeerKey& phone, bool isNew) {
 
 // ---- files
 
-Task<IncomingFile> Downloads::begin(PeerKey phone, TransportMessage::FileOffer offer,
+Task<IncomingFile> Downloads::begin(PeerKey peerKey, TransportMessage::FileOffer offer,
                                     platform::Clock::Instant offeredAt) {
-    Beginning beginning = co_await beginUnlessRefused(std::move(phone), std::move(offer), offeredAt);
+    Beginning beginning = co_await beginUnlessRefused(std::move(peerKey), std::move(offer), offeredAt);
     if (beginning.refusal) {
         throw ReceiveError::fileWriteFailed(beginning.refusal->description());
     }
     co_return std::move(*beginning.file);
 }
 
-Task<Downloads::Beginning> Downloads::beginUnlessRefused(PeerKey phone, TransportMessage::FileOffer offer,
+Task<Downloads::Beginning> Downloads::beginUnlessRefused(PeerKey peerKey, TransportMessage::FileOffer offer,
                                                          platform::Clock::Instant offeredAt) {
     requireSensible(offer);
-    Task<Beginning> beginning = beginHere(std::move(phone), std::move(offer), offeredAt);
-    return platform::runOn(system_.network.makeBlockingQueue(), std::move(beginning));
+    Task<Beginning> beginning = beginHere(std::move(peerKey), std::move(offer), offeredAt);
+    return platform::runOn(queues_.makeBlockingQueue(), std::move(beginning));
 }
 
 /// On a queue that may block, and so finishHere().
-Task<Downloads::Beginning> Downloads::beginHere(PeerKey phone, TransportMessage::FileOffer offer,
+Task<Downloads::Beginning> Downloads::beginHere(PeerKey peerKey, TransportMessage::FileOffer offer,
                                                 platform::Clock::Instant offeredAt) {
     std::unique_ptr<platform::Folder> folder = open();
-    const CollisionResolver::Transfer transfer{.id = TransferId(offer.transfer_id), .phone = phone};
+    const CollisionResolver::Transfer transfer{.id = TransferId(offer.transfer_id), .peerKey = peerKey};
     const std::optional<DownloadRefusal> refusal = refusalIn(*folder, transfer, offer);
-    if (refusal && !isDelivered(phone, offer)) {
+    if (refusal && !isDelivered(peerKey, offer)) {
         co_return Beginning{.file = std::nullopt, .refusal = refusal};
     }
     const FolderTurn turn = co_await turns_.take(folder->status());
-    IncomingFile file = IncomingFile::begin({.system = system_, .delivered = delivered_}, std::move(folder), turn,
-                                            std::move(phone), offer, offeredAt);
+    IncomingFile file = IncomingFile::begin({.clock = storage_.clock, .delivered = delivered_}, std::move(folder), turn,
+                                            std::move(peerKey), offer, offeredAt);
     const std::int64_t most = limits_.maxFileBytes;
     if (file.delivered() == nullptr && most > 0 && file.bytesWritten() > most) { // of a larger offer, or limit
         co_return Beginning{.file = std::nullopt, .refusal = DownloadRefusal{DownloadRefusal::Reason::tooLarge, most}};
@@ -181,7 +181,7 @@ Task<Downloads::Beginning> Downloads::beginHere(PeerKey phone, TransportMessage:
         file.limitTo({.keepFreeBytes = limits_.keepFreeBytes, .maxFileBytes = limits_.maxFileBytes},
                      room_.promise(transfer, toCome(offer, file.bytesWritten())));
         if (!file.isContinued()) {
-            countPartial(transfer.phone, true);
+            countPartial(transfer.peerKey, true);
         }
     }
     co_return Beginning{.file = std::move(file), .refusal = std::nullopt};
@@ -192,18 +192,18 @@ Task<> Downloads::append(IncomingFile& file, ByteView data) {
         file.append(data);
         co_return;
     }
-    co_await platform::blocking(system_.network, [&file, data] { file.append(data); });
+    co_await platform::blocking(queues_, [&file, data] { file.append(data); });
 }
 
 Task<> Downloads::close(IncomingFile& file) {
-    return platform::blocking(system_.network, [&file] { file.close(); });
+    return platform::blocking(queues_, [&file] { file.close(); });
 }
 
 /// Somebody may have put the folder into the trash and made another one: a file that comes into the old one is as good
 /// as lost, and whoever looks for it by its path finds another file or none.
 void Downloads::requireInPlace(const platform::Folder& folder) const {
     try {
-        const std::optional<platform::FileStatus> there = system_.files.status(folder.path());
+        const std::optional<platform::FileStatus> there = storage_.files.status(folder.path());
         if (there && platform::isSameFile(*there, folder.status())) {
             return;
         }
@@ -215,8 +215,7 @@ void Downloads::requireInPlace(const platform::Folder& folder) const {
 
 Task<ReceivedFile> Downloads::finish(IncomingFile& file, std::string remoteEndpoint) {
     Task<std::optional<ReceivedFile>> finishing = finishHere(file, std::move(remoteEndpoint));
-    std::optional<ReceivedFile> received =
-        co_await platform::runOn(system_.network.makeBlockingQueue(), std::move(finishing));
+    std::optional<ReceivedFile> received = co_await platform::runOn(queues_.makeBlockingQueue(), std::move(finishing));
     co_return std::move(*received);
 }
 
@@ -226,7 +225,7 @@ Task<std::optional<ReceivedFile>> Downloads::finishHere(IncomingFile& file, std:
     requireInPlace(file.folder());
     ReceivedFile received = file.finish(std::move(turn), remoteEndpoint);
     if (file.delivered() == nullptr) {
-        countPartial(file.phone(), false);
+        countPartial(file.peerKey(), false);
     }
     co_return received;
 }

@@ -2,6 +2,8 @@
 
 #include "OrlinthCore/Receiving/IncomingFile.h"
 #include "base/Mutex.h"
+#include "platform/Storage.h"
+#include "platform/WorkQueues.h"
 
 #include <map>
 #include <optional>
@@ -17,8 +19,8 @@ namespace orlinth {
 /// (platform::blocking()); data is handed to the system in place. Outlives its files.
 class Downloads {
 public:
-    /// What `system` refers to outlives this.
-    Downloads(platform::System& system, platform::Path folder);
+    /// `queues` outlives this.
+    Downloads(platform::Storage storage, platform::WorkQueues& queues, platform::Path folder);
 
     /// Before the first file.
     void setLimits(const DownloadLimits& limits) noexcept { limits_ = limits; }
@@ -29,12 +31,12 @@ public:
         /// Why it would fail for reasons that the sender should be told of by a refusal; nothing if it would not.
         std::optional<DownloadRefusal> refusal;
     };
+    /// Whether the offer is one that can be worked with at all. @throws ReceiveError::protocolViolation
+    static void requireSensible(const TransportMessage::FileOffer& offer);
     /// Transfers under way count with what is still to come, and this one with what is not here yet. Makes no folder:
     /// of one that is not there nothing can be said.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed
-    /// Whether the offer is one that can be worked with at all. @throws ReceiveError::protocolViolation
-    static void requireSensible(const TransportMessage::FileOffer& offer);
-    [[nodiscard]] Task<Prospect> prospectOf(PeerKey phone, TransportMessage::FileOffer offer);
+    [[nodiscard]] Task<Prospect> prospectOf(PeerKey peerKey, TransportMessage::FileOffer offer);
     /// What has come of an offer: one of the two.
     struct Beginning {
         std::optional<IncomingFile> file;
@@ -43,10 +45,10 @@ public:
     /// Begins a file in its turn (IncomingFile::begin()), in a folder that is made if it is missing.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed;
     /// Cancelled
-    [[nodiscard]] Task<Beginning> beginUnlessRefused(PeerKey phone, TransportMessage::FileOffer offer,
+    [[nodiscard]] Task<Beginning> beginUnlessRefused(PeerKey peerKey, TransportMessage::FileOffer offer,
                                                      platform::Clock::Instant offeredAt);
     /// The same; a refusal is thrown too, as ReceiveError::fileWriteFailed.
-    [[nodiscard]] Task<IncomingFile> begin(PeerKey phone, TransportMessage::FileOffer offer,
+    [[nodiscard]] Task<IncomingFile> begin(PeerKey peerKey, TransportMessage::FileOffer offer,
                                            platform::Clock::Instant offeredAt);
     /// What has come of it (IncomingFile::append()). `file` and `data` outlive the task.
     /// @throws ReceiveError::fileWriteFailed, ReceiveError::protocolViolation; Cancelled
@@ -65,22 +67,23 @@ private:
         std::map<PeerKey, std::size_t> partials;
     };
 
-    [[nodiscard]] Task<Beginning> beginHere(PeerKey phone, TransportMessage::FileOffer offer,
+    [[nodiscard]] Task<Beginning> beginHere(PeerKey peerKey, TransportMessage::FileOffer offer,
                                             platform::Clock::Instant offeredAt);
     [[nodiscard]] Task<std::optional<ReceivedFile>> finishHere(IncomingFile& file, std::string remoteEndpoint);
-    [[nodiscard]] bool isDelivered(const PeerKey& phone, const TransportMessage::FileOffer& offer);
+    [[nodiscard]] bool isDelivered(const PeerKey& peerKey, const TransportMessage::FileOffer& offer);
     [[nodiscard]] std::unique_ptr<platform::Folder> open() const;
-    [[nodiscard]] std::optional<DownloadRefusal> refusalOf(const PeerKey& phone,
+    [[nodiscard]] std::optional<DownloadRefusal> refusalOf(const PeerKey& peerKey,
                                                            const TransportMessage::FileOffer& offer);
     [[nodiscard]] std::optional<DownloadRefusal> refusalIn(platform::Folder& folder,
                                                            const CollisionResolver::Transfer& transfer,
                                                            const TransportMessage::FileOffer& offer);
-    [[nodiscard]] bool hasTooManyPartials(platform::Folder& folder, const PeerKey& phone);
+    [[nodiscard]] bool hasTooManyPartials(platform::Folder& folder, const PeerKey& peerKey);
     void requireInPlace(const platform::Folder& folder) const;
     void takeCensus(platform::Folder& folder) ORLINTH_REQUIRES(censusLock_);
-    void countPartial(const PeerKey& phone, bool isNew);
+    void countPartial(const PeerKey& peerKey, bool isNew);
 
-    platform::System& system_;
+    platform::Storage storage_;
+    platform::WorkQueues& queues_;
     platform::Path path_;
     DownloadLimits limits_;
     DeliveredTransfers delivered_;

@@ -88,25 +88,25 @@ FolderTurn::FolderTurn(std::unique_ptr<Pass> pass, std::unique_ptr<platform::Fil
 FolderTurn::FolderTurn(FolderTurn&&) noexcept = default;
 FolderTurn::~FolderTurn() = default;
 
-FolderTurns::FolderTurns(platform::System& system) : system_(system), line_(std::make_shared<Line>()) {}
+FolderTurns::FolderTurns(platform::Storage storage) : storage_(std::move(storage)), line_(std::make_shared<Line>()) {}
 FolderTurns::~FolderTurns() = default;
 
 platform::Path FolderTurns::lockFile(const platform::FileStatus& folder) const {
-    return system_.directories.data / PeerStore::defaultDirectoryName /
+    return storage_.directories.data / PeerStore::defaultDirectoryName /
            ("downloads-" + std::to_string(folder.device) + "-" + std::to_string(folder.inode) + ".lock");
 }
 
 std::unique_ptr<platform::File> FolderTurns::openLock(const platform::FileStatus& folder) const {
     const platform::Path path = lockFile(folder);
     try {
-        return system_.files.open(path, platform::OpenMode::write, platform::Links::refuse);
+        return storage_.files.open(path, platform::OpenMode::write, platform::Links::refuse);
     } catch (const platform::SystemError& error) {
         if (error.code() != std::errc::no_such_file_or_directory) {
             throw;
         }
     }
-    system_.files.createDirectories(path.parent_path(), dataFolderPermissions);
-    return system_.files.open(path, platform::OpenMode::openOrCreate, platform::Links::refuse, lockPermissions);
+    storage_.files.createDirectories(path.parent_path(), dataFolderPermissions);
+    return storage_.files.open(path, platform::OpenMode::openOrCreate, platform::Links::refuse, lockPermissions);
 }
 
 Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {
@@ -119,7 +119,7 @@ Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {
     bool isLocked = false;
     try {
         lock = openLock(folder);
-        isLocked = co_await platform::lockWithin(system_, *lock, lockFile(folder), patienceSeconds);
+        isLocked = co_await platform::lockWithin(storage_, *lock, lockFile(folder), patienceSeconds);
     } catch (const platform::SystemError& error) {
         isLocked = lock && meansNoLocks(error.code());
         if (!isLocked) {

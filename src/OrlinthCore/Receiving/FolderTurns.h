@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/System.h"
+#include "platform/Storage.h"
 
 #include <memory>
 
@@ -33,8 +33,7 @@ public:
     /// How long other processes are waited for, seconds. They hold it for milliseconds.
     static constexpr double patienceSeconds = 5;
 
-    /// What `system` refers to outlives this.
-    explicit FolderTurns(platform::System& system);
+    explicit FolderTurns(platform::Storage storage);
     FolderTurns(const FolderTurns&) = delete;
     FolderTurns& operator=(const FolderTurns&) = delete;
     ~FolderTurns();
@@ -50,7 +49,7 @@ public:
 private:
     [[nodiscard]] std::unique_ptr<platform::File> openLock(const platform::FileStatus& folder) const;
 
-    platform::System& system_;
+    platform::Storage storage_;
     std::shared_ptr<Line> line_;
 };
 

@@ -17,11 +17,11 @@ bool isLarge(std::int64_t bytes) noexcept {
 
 /// Somebody in line.
 struct FrameRoom::Waiter {
-    Waiter(Executor executor, PeerKey key, std::int64_t wanted, bool loose)
-        : granted(std::move(executor)), phone(std::move(key)), bytes(wanted), isLoose(loose) {}
+    Waiter(Executor executor, PeerKey whose, std::int64_t wanted, bool loose)
+        : granted(std::move(executor)), peerKey(std::move(whose)), bytes(wanted), isLoose(loose) {}
 
     platform::Event granted; ///< set under the room's lock
-    const PeerKey phone;
+    const PeerKey peerKey;
     const std::int64_t bytes;
     const bool isLoose;
 };
@@ -48,9 +48,9 @@ Task<> FrameRoom::Share::claim(std::size_t bytes) {
     release();
     const auto wanted = static_cast<std::int64_t>(bytes);
     const bool isLoose = !isInTransfer_ && wanted > limits::dataFrameBytes;
-    if (!room_.grantAtOnce(phone_, wanted, isLoose)) {
+    if (!room_.grantAtOnce(peerKey_, wanted, isLoose)) {
         const Executor executor = co_await asio::this_coro::executor;
-        const auto waiter = std::make_shared<Waiter>(executor, phone_, wanted, isLoose);
+        const auto waiter = std::make_shared<Waiter>(executor, peerKey_, wanted, isLoose);
         Place place(room_, waiter);
         co_await waiter->granted.wait();
         place.take();
@@ -62,17 +62,17 @@ Task<> FrameRoom::Share::claim(std::size_t bytes) {
 void FrameRoom::Share::release() noexcept {
     if (held_ > 0) {
         const MutexLock guard(room_.lock_);
-        room_.giveBackLocked(phone_, std::exchange(held_, 0), std::exchange(isHeldLoosely_, false));
+        room_.giveBackLocked(peerKey_, std::exchange(held_, 0), std::exchange(isHeldLoosely_, false));
     }
 }
 
 /// What nearly every frame meets: nobody is in line, and there is room.
-bool FrameRoom::grantAtOnce(const PeerKey& phone, std::int64_t bytes, bool isLoose) {
+bool FrameRoom::grantAtOnce(const PeerKey& peerKey, std::int64_t bytes, bool isLoose) {
     const MutexLock guard(lock_);
     const bool mayHaveIt = line_.empty() && held_ + bytes <= limits::frameBytes && hasRoomForLarge(bytes) &&
-                           !isHeldUpByItself(phone, bytes, isLoose);
+                           !isHeldUpByItself(peerKey, bytes, isLoose);
     if (mayHaveIt) {
-        grant(phone, bytes, isLoose);
+        grant(peerKey, bytes, isLoose);
     }
     return mayHaveIt;
 }
@@ -88,7 +88,7 @@ void FrameRoom::serveLine() {
     bool isLargeHeldUp = false;
     for (auto at = line_.begin(); at != line_.end();) {
         const WaiterRef waiter = *at;
-        if (isHeldUpByItself(waiter->phone, waiter->bytes, waiter->isLoose)) {
+        if (isHeldUpByItself(waiter->peerKey, waiter->bytes, waiter->isLoose)) {
             ++at;
             continue;
         }
@@ -100,14 +100,14 @@ void FrameRoom::serveLine() {
         if (held_ + waiter->bytes > limits::frameBytes) {
             return; // nobody overtakes it, or it would never get through
         }
-        grant(waiter->phone, waiter->bytes, waiter->isLoose);
+        grant(waiter->peerKey, waiter->bytes, waiter->isLoose);
         at = line_.erase(at);
         waiter->granted.set();
     }
 }
 
-bool FrameRoom::isHeldUpByItself(const PeerKey& phone, std::int64_t bytes, bool isLoose) const {
-    const auto known = phones_.find(phone);
+bool FrameRoom::isHeldUpByItself(const PeerKey& peerKey, std::int64_t bytes, bool isLoose) const {
+    const auto known = phones_.find(peerKey);
     return known != phones_.end() &&
            (known->second.held + bytes > limits::frameBytesOfOnePhone || (isLoose && known->second.hasLoose));
 }
@@ -117,8 +117,8 @@ bool FrameRoom::hasRoomForLarge(std::int64_t bytes) const {
     return !isLarge(bytes) || heldByLarge_ + bytes <= limits::largeFrameBytes;
 }
 
-void FrameRoom::grant(const PeerKey& phone, std::int64_t bytes, bool isLoose) {
-    Phone& known = phones_[phone];
+void FrameRoom::grant(const PeerKey& peerKey, std::int64_t bytes, bool isLoose) {
+    Phone& known = phones_[peerKey];
     known.held += bytes;
     known.hasLoose = known.hasLoose || isLoose;
     held_ += bytes;
@@ -128,15 +128,15 @@ void FrameRoom::grant(const PeerKey& phone, std::int64_t bytes, bool isLoose) {
 void FrameRoom::leave(const WaiterRef& waiter) noexcept {
     const MutexLock guard(lock_);
     if (waiter->granted.isSet()) {
-        giveBackLocked(waiter->phone, waiter->bytes, waiter->isLoose);
+        giveBackLocked(waiter->peerKey, waiter->bytes, waiter->isLoose);
     } else {
         line_.remove(waiter);
         serveLine(); // it may have been in the way of others
     }
 }
 
-void FrameRoom::giveBackLocked(const PeerKey& phone, std::int64_t bytes, bool isLoose) noexcept {
-    const auto at = phones_.find(phone);
+void FrameRoom::giveBackLocked(const PeerKey& peerKey, std::int64_t bytes, bool isLoose) noexcept {
+    const auto at = phones_.find(peerKey);
     held_ -= bytes;
     heldByLarge_ -= isLarge(bytes) ? bytes : 0;
     at->second.held -= bytes;

@@ -33,7 +33,7 @@ public:
     class Share final : public FrameGate {
     public:
         /// `room` outlives the share.
-        Share(FrameRoom& room, PeerKey phone) : room_(room), phone_(std::move(phone)) {}
+        Share(FrameRoom& room, PeerKey peerKey) : room_(room), peerKey_(std::move(peerKey)) {}
         ~Share() override { release(); }
         Share(const Share&) = delete;
         Share& operator=(const Share&) = delete;
@@ -47,7 +47,7 @@ public:
 
     private:
         FrameRoom& room_;
-        PeerKey phone_;
+        PeerKey peerKey_;
         bool isInTransfer_ = false;
         std::int64_t held_ = 0;
         bool isHeldLoosely_ = false; ///< as the one large frame outside a transfer
@@ -66,15 +66,15 @@ private:
         bool hasLoose = false;
     };
 
-    [[nodiscard]] bool grantAtOnce(const PeerKey& phone, std::int64_t bytes, bool isLoose);
+    [[nodiscard]] bool grantAtOnce(const PeerKey& peerKey, std::int64_t bytes, bool isLoose);
     void enter(const WaiterRef& waiter);
     void serveLine() ORLINTH_REQUIRES(lock_);
-    [[nodiscard]] bool isHeldUpByItself(const PeerKey& phone, std::int64_t bytes, bool isLoose) const
+    [[nodiscard]] bool isHeldUpByItself(const PeerKey& peerKey, std::int64_t bytes, bool isLoose) const
         ORLINTH_REQUIRES(lock_);
     [[nodiscard]] bool hasRoomForLarge(std::int64_t bytes) const ORLINTH_REQUIRES(lock_);
-    void grant(const PeerKey& phone, std::int64_t bytes, bool isLoose) ORLINTH_REQUIRES(lock_);
+    void grant(const PeerKey& peerKey, std::int64_t bytes, bool isLoose) ORLINTH_REQUIRES(lock_);
     void leave(const WaiterRef& waiter) noexcept;
-    void giveBackLocked(const PeerKey& phone, std::int64_t bytes, bool isLoose) noexcept ORLINTH_REQUIRES(lock_);
+    void giveBackLocked(const PeerKey& peerKey, std::int64_t bytes, bool isLoose) noexcept ORLINTH_REQUIRES(lock_);
 
     mutable Mutex lock_;
     std::int64_t held_ ORLINTH_GUARDED_BY(lock_) = 0;

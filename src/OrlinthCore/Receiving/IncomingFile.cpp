@@ -83,24 +83,15 @@ std::unique_ptr<platform::File> openPartial(platform::Folder& folder, CollisionR
     return file;
 }
 
-/// The folder in which a file was delivered. Null if it is gone.
-std::unique_ptr<platform::Folder> folderOf(platform::System& system, const DeliveredTransfers::Delivery& delivery) {
-    try {
-        return system.files.openFolder(delivery.path.parent_path());
-    } catch (const platform::SystemError&) {
-        return nullptr;
-    }
-}
-
 } // namespace
 
-IncomingFile::IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, PeerKey phone,
+IncomingFile::IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, PeerKey peerKey,
                            TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt)
-    : system_(&place.system),
-      deliveredTransfers_(&place.delivered),
+    : place_(place),
       folder_(std::move(folder)),
-      phone_(std::move(phone)),
+      peerKey_(std::move(peerKey)),
       offer_(std::move(offer)),
+      transferId_(offer_.transfer_id),
       offerTime_(offeredAt),
       target_(noTarget()) {}
 
@@ -124,9 +115,9 @@ void IncomingFile::close() noexcept {
 }
 
 IncomingFile IncomingFile::begin(const Place& place, std::unique_ptr<platform::Folder> folder,
-                                 const FolderTurn& /*turn*/, PeerKey phone, const TransportMessage::FileOffer& offer,
+                                 const FolderTurn& /*turn*/, PeerKey peerKey, const TransportMessage::FileOffer& offer,
                                  platform::Clock::Instant offeredAt) {
-    IncomingFile incoming(place, std::move(folder), std::move(phone), offer, offeredAt);
+    IncomingFile incoming(place, std::move(folder), std::move(peerKey), offer, offeredAt);
     writing("", [&] { incoming.open(); });
     return incoming;
 }
@@ -134,8 +125,7 @@ IncomingFile IncomingFile::begin(const Place& place, std::unique_ptr<platform::F
 void IncomingFile::open() {
     const std::string base = CollisionResolver::sanitize(offer_.name);
     for (int choice = 0; choice < maxChoices && !partial_; ++choice) {
-        target_ =
-            CollisionResolver::resolveTarget(*folder_, base, {.id = TransferId(offer_.transfer_id), .phone = phone_});
+        target_ = CollisionResolver::resolveTarget(*folder_, base, {.id = transferId_, .peerKey = peerKey_});
         // Behind the look at the names: whoever moves this very file into place just now has remembered it before.
         if (acknowledgeIfDelivered()) {
             return;
@@ -157,9 +147,8 @@ void IncomingFile::open() {
 }
 
 bool IncomingFile::acknowledgeIfDelivered() {
-    const std::optional<DeliveredTransfers::Delivery> found =
-        deliveredTransfers_->find(phone_, TransferId(offer_.transfer_id), offer_.size);
-    std::unique_ptr<platform::Folder> folder = found ? folderOf(*system_, *found) : nullptr;
+    const std::optional<DeliveredTransfers::Delivery> found = place_.delivered.find(peerKey_, transferId_, offer_.size);
+    std::unique_ptr<platform::Folder> folder = found ? place_.delivered.folderOf(*found) : nullptr;
     if (!folder) {
         return false;
     }
@@ -176,10 +165,10 @@ const DeliveredTransfers::Delivery* IncomingFile::delivered() const noexcept {
 }
 
 void IncomingFile::saveSidecar() {
-    const PartialMeta meta{.transfer_id = TransferId(offer_.transfer_id),
+    const PartialMeta meta{.transfer_id = transferId_,
                            .advertised_size = offer_.size,
-                           .started_at_epoch_ms = system_->clock.epochMilliseconds(),
-                           .peer_pubkey = phone_};
+                           .started_at_epoch_ms = place_.clock.epochMilliseconds(),
+                           .peer_pubkey = peerKey_};
     // One that lies there is replaced for good before any data is written: if a power cut brought it back, it would
     // claim our data for its own transfer; and if it is ours, what there is to resume would be lost with it.
     const bool replaces = folder_->status(PartialMetaIO::metaName(target_.partial)).has_value();
@@ -275,20 +264,19 @@ bool IncomingFile::isTimeToLook(std::int64_t size) const noexcept {
 void IncomingFile::moveIntoPlace() {
     const std::string base = CollisionResolver::sanitize(offer_.name);
     if (folder_->status(target_.final)) {
-        target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
+        target_.final = CollisionResolver::resolveFinalName(*folder_, base);
     }
     const platform::FileStatus content = partial_->status();
     // Remembered before it is moved: if we are killed right behind the move, the next attempt finds it.
     const auto move = [&] {
-        deliveredTransfers_->intend(phone_, TransferId(offer_.transfer_id), folder_->path() / target_.final.text(),
-                                    content);
+        place_.delivered.intend(peerKey_, transferId_, folder_->path() / target_.final.text(), content);
         return folder_->moveNoReplace(*partial_, target_.partial, target_.final);
     };
     for (int choice = 0; !move(); ++choice) {
         if (choice == maxChoices) {
             throw platform::SystemError::fromErrno(EEXIST);
         }
-        target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
+        target_.final = CollisionResolver::resolveFinalName(*folder_, base);
     }
     setPermissions(*partial_, folder_->ordinaryPermissions()); // nobody else may open what is still a partial file
 }
@@ -296,7 +284,7 @@ void IncomingFile::moveIntoPlace() {
 /// An earlier session may have been killed behind the move, before it could do this.
 void IncomingFile::tidyUpBehindDelivered() {
     const std::optional<PartialMeta> meta = PartialMetaIO::load(*folder_, target_.partial);
-    if (meta && meta->mayBeContinuedBy(TransferId(offer_.transfer_id), phone_) && !folder_->status(target_.partial)) {
+    if (meta && meta->mayBeContinuedBy(transferId_, peerKey_) && !folder_->status(target_.partial)) {
         PartialMetaIO::remove(*folder_, target_.partial);
     }
 }
@@ -328,14 +316,14 @@ ReceivedFile IncomingFile::finish(FolderTurn turn, const std::string& remoteEndp
     }
     writing("", [&] { folder_->flush(); });
     if (!delivered_ || !delivered_->isSettled) {
-        deliveredTransfers_->settle(phone_, TransferId(offer_.transfer_id));
+        place_.delivered.settle(peerKey_, transferId_);
     }
     return {.savedAt = folder_->path() / target_.final.text(),
             .bytesWritten = bytesWritten_,
             .advertisedSize = offer_.size,
             .mime = offer_.mime,
             .remoteEndpoint = remoteEndpoint,
-            .durationSeconds = (system_->clock.now() - offerTime_).count(),
+            .durationSeconds = (place_.clock.now() - offerTime_).count(),
             .bytesReceivedThisSession = bytesThisSession_,
             .resumedFromOffset = target_.resumeOffset};
 }

@@ -6,7 +6,7 @@
 #include "OrlinthCore/Receiving/FolderTurns.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
 #include "base/StrongText.h"
-#include "platform/System.h"
+#include "platform/Clock.h"
 
 #include <memory>
 
@@ -44,17 +44,17 @@ struct ReceivedFile {
 /// Not thread-safe; calls block on the disk.
 class IncomingFile {
 public:
-    /// What is remembered of files that came, and the clock. What is referred to outlives the object.
+    /// The clock, and what is remembered of files that came. What is referred to outlives the object.
     struct Place {
-        platform::System& system;
+        platform::Clock& clock;
         DeliveredTransfers& delivered;
     };
 
-    /// Chooses the target, opens or makes the partial file and writes its sidecar, in one turn. `phone` is the key of
+    /// Chooses the target, opens or makes the partial file and writes its sidecar, in one turn. `peerKey` is that of
     /// who offers; `offeredAt` is when the offer came, which may be long ago if a person was asked.
     /// @throws ReceiveError::fileWriteFailed
     [[nodiscard]] static IncomingFile begin(const Place& place, std::unique_ptr<platform::Folder> folder,
-                                            const FolderTurn& turn, PeerKey phone,
+                                            const FolderTurn& turn, PeerKey peerKey,
                                             const TransportMessage::FileOffer& offer,
                                             platform::Clock::Instant offeredAt);
     IncomingFile(IncomingFile&&) noexcept;
@@ -72,7 +72,7 @@ public:
     /// Whether an earlier attempt has left a partial file.
     [[nodiscard]] bool isContinued() const noexcept { return target_.isContinued; }
     /// The key of who sends it.
-    [[nodiscard]] const PeerKey& phone() const noexcept { return phone_; }
+    [[nodiscard]] const PeerKey& peerKey() const noexcept { return peerKey_; }
 
     /// The file that an earlier connection has delivered under this offer's id; null if there is none.
     [[nodiscard]] const DeliveredTransfers::Delivery* delivered() const noexcept;
@@ -99,7 +99,7 @@ public:
     [[nodiscard]] const platform::Folder& folder() const noexcept { return *folder_; }
 
 private:
-    IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, PeerKey phone,
+    IncomingFile(const Place& place, std::unique_ptr<platform::Folder> folder, PeerKey peerKey,
                  TransportMessage::FileOffer offer, platform::Clock::Instant offeredAt);
     void open();
     void requireRoomFor(std::int64_t bytes);
@@ -112,11 +112,11 @@ private:
     void leavePartialName();
     void tidyUpBehindDelivered();
 
-    platform::System* system_;
-    DeliveredTransfers* deliveredTransfers_;
+    Place place_;
     std::unique_ptr<platform::Folder> folder_; // of the delivered file, if there is one
-    PeerKey phone_;
+    PeerKey peerKey_;
     TransportMessage::FileOffer offer_;
+    TransferId transferId_; // the offer's
     platform::Clock::Instant offerTime_;
     CollisionResolver::Target target_;
     std::unique_ptr<platform::File> partial_; // null once finished

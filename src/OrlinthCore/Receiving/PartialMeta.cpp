@@ -30,8 +30,8 @@ PartialMeta PartialMeta::fromJson(const Json& json) {
     return meta;
 }
 
-bool PartialMeta::mayBeContinuedBy(const TransferId& transferId, const PeerKey& phone) const {
-    return transfer_id == transferId && (peer_pubkey.isEmpty() || peer_pubkey == phone);
+bool PartialMeta::mayBeContinuedBy(const TransferId& transferId, const PeerKey& peerKey) const {
+    return transfer_id == transferId && (peer_pubkey.isEmpty() || peer_pubkey == peerKey);
 }
 
 platform::FileName PartialMetaIO::metaName(const platform::FileName& partial) {

@@ -17,7 +17,7 @@ struct PartialMeta {
 
     /// Whether an attempt of this phone at this transfer may go on where the partial file ends. Which phone it was is
     /// not known of sidecars that older versions have written.
-    [[nodiscard]] bool mayBeContinuedBy(const TransferId& transferId, const PeerKey& phone) const;
+    [[nodiscard]] bool mayBeContinuedBy(const TransferId& transferId, const PeerKey& peerKey) const;
     [[nodiscard]] Json toJson() const;
     /// @throws JsonError
     [[nodiscard]] static PartialMeta fromJson(const Json& json);

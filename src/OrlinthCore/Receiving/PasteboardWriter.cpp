@@ -46,9 +46,9 @@ bool mayBeMarked(platform::Clipboard& clipboard) {
 
 } // namespace
 
-void PasteboardWriter::write(platform::System& system, std::string text) {
-    // `system` itself need not live that long, only what it refers to
-    asio::post(system.mainQueue, [&clipboard = system.clipboard, &log = system.log, text = std::move(text)] {
+void PasteboardWriter::write(platform::Clipboard& clipboard, platform::Log& log, const Executor& queue,
+                             std::string text) {
+    asio::post(queue, [&clipboard, &log, text = std::move(text)] {
         try {
             clipboard.setText(text);
         } catch (const std::exception& error) {
@@ -58,20 +58,20 @@ void PasteboardWriter::write(platform::System& system, std::string text) {
     });
 }
 
-std::string PasteboardWriter::read(platform::System& system) {
-    return system.clipboard.text().value_or("");
+std::string PasteboardWriter::read(platform::Clipboard& clipboard) {
+    return clipboard.text().value_or("");
 }
 
-PasteboardWriter::ReadResult PasteboardWriter::readForSend(platform::System& system) {
-    if (mayBeMarked(system.clipboard)) {
+PasteboardWriter::ReadResult PasteboardWriter::readForSend(platform::Clipboard& clipboard) {
+    if (mayBeMarked(clipboard)) {
         return BlockedSensitive();
     }
-    std::string text = read(system);
+    std::string text = read(clipboard);
     if (text.empty()) {
         return Empty();
     }
     // another program may have put its secret there between the first look and the reading
-    if (mayBeMarked(system.clipboard)) {
+    if (mayBeMarked(clipboard)) {
         return BlockedSensitive();
     }
     return Text{std::move(text)};

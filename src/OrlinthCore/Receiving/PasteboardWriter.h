@@ -1,6 +1,8 @@
 #pragma once
 
-#include "platform/System.h"
+#include "platform/Clipboard.h"
+#include "platform/Log.h"
+#include "platform/Task.h"
 
 #include <string>
 #include <variant>
@@ -31,16 +33,16 @@ struct PasteboardWriter {
     };
     using ReadResult = std::variant<Text, Empty, BlockedSensitive>;
 
-    /// Puts the text on the clipboard, without any mark. Any thread; returns at once, the work is done on the main
-    /// queue. A failure there is logged, without the text.
-    static void write(platform::System& system, std::string text);
-    /// The clipboard's plain text; "" if there is none. On the main queue.
+    /// Puts the text on the clipboard, without any mark. Any thread; returns at once, the work is done on `queue`,
+    /// which it may block. A failure there is logged, without the text. `clipboard` and `log` outlive the work.
+    static void write(platform::Clipboard& clipboard, platform::Log& log, const Executor& queue, std::string text);
+    /// The clipboard's plain text; "" if there is none.
     /// @throws platform::ClipboardUnavailable without a desktop session; platform::SystemError if it cannot be read
-    [[nodiscard]] static std::string read(platform::System& system);
+    [[nodiscard]] static std::string read(platform::Clipboard& clipboard);
     /// The same for sending it away: looks at the types first, and reads no text that is marked.
     /// @throws platform::ClipboardUnavailable without a desktop session; platform::SystemError if the types can be read
     ///         but the text cannot
-    [[nodiscard]] static ReadResult readForSend(platform::System& system);
+    [[nodiscard]] static ReadResult readForSend(platform::Clipboard& clipboard);
 };
 
 } // namespace orlinth

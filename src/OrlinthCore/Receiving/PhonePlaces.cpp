@@ -13,12 +13,12 @@ PhonePlaces::Line::iterator PhonePlaces::chooseWhoGoes(Line& line) {
     return idle != line.end() ? idle : std::ranges::min_element(line, {}, &Connection::heardOf);
 }
 
-PhonePlaces::Claim::Claim(PhonePlaces& places, platform::Clock& clock, PeerKey phone, std::function<void()> dismiss)
-    : places_(places), clock_(clock), phone_(std::move(phone)) {
+PhonePlaces::Claim::Claim(PhonePlaces& places, platform::Clock& clock, PeerKey peerKey, std::function<void()> dismiss)
+    : places_(places), clock_(clock), peerKey_(std::move(peerKey)) {
     std::function<void()> dismissOther;
     {
         const MutexLock guard(places_.lock_);
-        Phone& known = places_.phones_[phone_];
+        Phone& known = places_.phones_[peerKey_];
         Line& line = known.line;
         if (line.size() + known.leaving >= limits::connectionsOfOnePhoneInAll) {
             throw ReceiveError::wire("too many connections of this phone are still closing");
@@ -38,7 +38,7 @@ PhonePlaces::Claim::Claim(PhonePlaces& places, platform::Clock& clock, PeerKey p
 
 PhonePlaces::Claim::~Claim() {
     const MutexLock guard(places_.lock_);
-    const auto phone = places_.phones_.find(phone_);
+    const auto phone = places_.phones_.find(peerKey_);
     if (gone_.empty()) {
         phone->second.line.erase(place_);
     } else {
@@ -60,9 +60,9 @@ void PhonePlaces::Claim::beginTransfer() {
     place_->hasTransfer = true;
 }
 
-std::size_t PhonePlaces::count(const PeerKey& phone) const {
+std::size_t PhonePlaces::count(const PeerKey& peerKey) const {
     const MutexLock guard(lock_);
-    const auto found = phones_.find(phone);
+    const auto found = phones_.find(peerKey);
     return found == phones_.end() ? 0 : found->second.line.size();
 }
 

@@ -27,7 +27,7 @@ public:
     class Claim;
 
     /// For diagnostics and tests: of this phone, without those that have to go.
-    [[nodiscard]] std::size_t count(const PeerKey& phone) const;
+    [[nodiscard]] std::size_t count(const PeerKey& peerKey) const;
 
 private:
     struct Connection {
@@ -53,7 +53,7 @@ class PhonePlaces::Claim {
 public:
     /// `dismiss` ends the connection soon after; it is called at most once, on any thread.
     /// `places` and `clock` outlive the claim. @throws ReceiveError::wire if the phone has too many
-    Claim(PhonePlaces& places, platform::Clock& clock, PeerKey phone, std::function<void()> dismiss);
+    Claim(PhonePlaces& places, platform::Clock& clock, PeerKey peerKey, std::function<void()> dismiss);
     ~Claim();
     Claim(const Claim&) = delete;
     Claim& operator=(const Claim&) = delete;
@@ -66,7 +66,7 @@ public:
 private:
     PhonePlaces& places_;
     platform::Clock& clock_;
-    const PeerKey phone_;
+    const PeerKey peerKey_;
     Line gone_ ORLINTH_GUARDED_BY(places_.lock_);            ///< holds `place_` once it was dismissed
     Line::iterator place_ ORLINTH_GUARDED_BY(places_.lock_); ///< what it points to, too
 };

@@ -42,13 +42,13 @@ std::unique_ptr<platform::Listener> startListener(platform::Network& network, st
     }
 }
 
-Task<std::unique_ptr<platform::Stream>> acceptOneConnection(platform::System& system,
+Task<std::unique_ptr<platform::Stream>> acceptOneConnection(platform::Clock& clock,
                                                             std::unique_ptr<platform::Listener> listener,
                                                             Executor queue, double timeout) {
     OnceContinuation continuation;
     Task<std::unique_ptr<platform::Stream>> first = acceptFirst(std::move(listener), std::move(queue));
     const auto timedOut = std::make_exception_ptr(ReceiveError::timedOut());
-    co_await platform::settleFirst(continuation, system.clock, timeout, timedOut, std::move(first));
+    co_await platform::settleFirst(continuation, clock, timeout, timedOut, std::move(first));
     co_return continuation.take();
 }
 
@@ -64,7 +64,7 @@ Task<TransportFramer> authenticate(WireConnection& wire, const ReceiveRequest& r
     } catch (const platform::CryptoError& error) {
         throw ReceiveError::noiseHandshakeFailed(error.description());
     }
-    if (!constantTimeEquals(transport->remoteStaticPublicKey().raw(), request.expectedPeerPubkey.raw())) {
+    if (!constantTimeEquals(transport->remoteStaticPublicKey().raw(), request.expectedPeerKey.raw())) {
         throw ReceiveError::unauthorizedPeer();
     }
     co_return TransportFramer(std::move(*transport));
@@ -88,9 +88,13 @@ Task<TransportFramer> authenticateInTime(WireConnection& wire, const ReceiveRequ
 /// What the frames of one transfer ask for (IncomingTransfer), done in the downloads folder.
 class OneTransfer {
 public:
-    OneTransfer(platform::System& system, const ReceiveRequest& request, ReceiveProgress& progress,
+    OneTransfer(const platform::System& system, const ReceiveRequest& request, ReceiveProgress& progress,
                 WireConnection& wire)
-        : system_(system), request_(request), progress_(progress), wire_(wire) {}
+        : clock_(system.clock),
+          request_(request),
+          progress_(progress),
+          wire_(wire),
+          downloads_(system.storage(), system.queues, request.downloadsDir) {}
 
     [[nodiscard]] IncomingTransfer::Action take(const TransportMessage& message) { return transfer_.take(message); }
     /// `data` outlives the task.
@@ -102,8 +106,7 @@ public:
     /// Begins the file that is offered; returns the answer.
     [[nodiscard]] Task<TransportMessage> accept(TransportMessage::FileOffer offer) {
         open_.emplace(wire_);
-        IncomingFile incoming =
-            co_await downloads_.begin(PeerKey(request_.expectedPeerPubkey.base64()), offer, system_.clock.now());
+        IncomingFile incoming = co_await downloads_.begin(request_.expectedPeerKey.peerKey(), offer, clock_.now());
         file_.emplace(std::move(incoming));
         transfer_.accept(file_->bytesWritten());
         if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
@@ -120,22 +123,22 @@ public:
     }
 
 private:
-    platform::System& system_;
+    platform::Clock& clock_;
     const ReceiveRequest& request_;
     ReceiveProgress& progress_;
     WireConnection& wire_;
-    Downloads downloads_{system_, request_.downloadsDir};
+    Downloads downloads_;
     IncomingTransfer transfer_{IncomingTransfer::Scope::oneFile};
     std::optional<IncomingFile> file_;
     std::optional<OpenTransfer> open_; // behind the file, so that the sender hears of a failure before that is closed
 };
 
-Task<ReceivedFile> receiveFile(platform::Network& network, WireConnection& wire, TransportFramer& framer,
+Task<ReceivedFile> receiveFile(platform::WorkQueues& queues, WireConnection& wire, TransportFramer& framer,
                                OneTransfer& transfer) {
     FrameBuffer buffer;
     for (;;) {
         co_await wire.receiveFrame(buffer);
-        const FrameView frame = co_await framer.decodeInPlace(network, buffer.body());
+        const FrameView frame = co_await framer.decodeInPlace(queues, buffer.body());
         if (const auto* data = std::get_if<MutableBytes>(&frame)) {
             co_await transfer.append(*data);
             continue;
@@ -162,14 +165,14 @@ Task<ReceivedFile> receiveOnQueue(platform::System& system, ReceiveRequest reque
         request.listener ? std::move(request.listener) : startListener(system.network, request.port, queue);
     progress.onListening(listener->port());
     std::unique_ptr<platform::Stream> connection =
-        co_await acceptOneConnection(system, std::move(listener), queue, request.acceptTimeout);
+        co_await acceptOneConnection(system.clock, std::move(listener), queue, request.acceptTimeout);
     WireConnection wire(std::move(connection), system.clock);
     progress.onConnected(wire.remoteEndpoint());
 
     TransportFramer framer = co_await authenticateInTime(wire, request, system.clock, queue);
     progress.onHandshakeComplete();
     OneTransfer transfer(system, request, progress, wire);
-    co_return co_await receiveFile(system.network, wire, framer, transfer);
+    co_return co_await receiveFile(system.queues, wire, framer, transfer);
 }
 
 } // namespace
@@ -182,7 +185,7 @@ void ReceiveProgress::onAlreadyHere(const TransportMessage::FileOffer&, const pl
 void ReceiveProgress::onProgress(std::int64_t, std::int64_t) {}
 
 Task<ReceivedFile> receiveOneTransfer(platform::System& system, ReceiveRequest request) {
-    const Executor queue = system.network.makeSerialQueue("orlinth.receive");
+    const Executor queue = system.queues.makeSerialQueue("orlinth.receive");
     Task<ReceivedFile> receive = receiveOnQueue(system, std::move(request), queue);
     co_return co_await platform::runOn(queue, std::move(receive));
 }

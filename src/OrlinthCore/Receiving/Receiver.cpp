@@ -52,7 +52,7 @@ struct Session {
     Course course = Course::open;         ///< on its queue
     std::string cutBecause;               ///< likewise
     std::string from;                     ///< display name of the phone; on its queue
-    PeerKey peerPubkey;                   ///< its key, once it is proved to be a paired one; on its queue
+    PeerKey peerKey;                      ///< its key, once it is proved to be a paired one; on its queue
     /// What goes with the session, which is when the host has been told of its end.
     std::shared_ptr<const void> kept;
     bool isLeaving = false; ///< it had to make room; on the receiver's queue
@@ -66,7 +66,7 @@ enum class Whom { anybody, strangersOnly };
 /// Ends a session, soon after. Any thread.
 void end(const SessionRef& session, std::string because, Whom whom = Whom::anybody) {
     asio::post(session->queue, [session, because = std::move(because), whom] {
-        const bool hasProvedItself = !session->peerPubkey.isEmpty(); // in this very moment, perhaps
+        const bool hasProvedItself = !session->peerKey.isEmpty(); // in this very moment, perhaps
         const bool isOpen = session->course == Session::Course::open;
         if (isOpen && !(whom == Whom::strangersOnly && hasProvedItself)) {
             session->course = Session::Course::cut;
@@ -97,16 +97,18 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
           staticKey(key),
           port(number),
           prologue(std::move(prologueBytes)),
-          downloads(owner, std::move(directory)),
-          queue(owner.network.makeSerialQueue("orlinth.receiver")),
-          updates(std::make_shared<RecordUpdates>(owner)),
+          peers(owner.files, owner.directories),
+          downloads(owner.storage(), owner.queues, std::move(directory)),
+          queue(owner.queues.makeSerialQueue("orlinth.receiver")),
+          updates(std::make_shared<RecordUpdates>(peers, owner.clock, owner.queues)),
           expected(std::move(expectedKeys)) {}
 
     platform::System& system;
     const platform::PrivateKey& staticKey;
     std::uint16_t port; ///< once it listens, the real one
     const std::string prologue;
-    Downloads downloads; ///< any thread
+    const PeerStore peers; ///< any thread, and so the next one
+    Downloads downloads;
     const Executor queue;
     const std::shared_ptr<RecordUpdates> updates; ///< any thread, and so the next two
     PhonePlaces places;
@@ -230,7 +232,7 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
         bool isShort = false;
         self->isAccepting = true;
         try {
-            const Executor worker = self->system.network.makeWorkerQueue("orlinth.receiver.connection");
+            const Executor worker = self->system.queues.makeWorkerQueue("orlinth.receiver.connection");
             std::unique_ptr<platform::Stream> stream = co_await self->listener->accept(worker);
             self->admit(std::move(stream));
         } catch (const platform::SystemError& error) {
@@ -365,7 +367,9 @@ Task<bool> Receiver::Service::ask(std::shared_ptr<Service> self, Offer offer) {
 
 ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& session) {
     const std::shared_ptr<Service> self = shared_from_this();
-    return {.system = system,
+    return {.clock = system.clock,
+            .queues = system.queues,
+            .peers = peers,
             .staticKey = staticKey,
             .downloads = downloads,
             .prologue = prologue,
@@ -381,8 +385,8 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                 [self, session](const platform::PublicKey& key) {
                     const auto standing = self->standingOf(key);
                     if (standing == ReceiverConnectionContext::Standing::expected) { // before its record is looked for
-                        if (session->peerPubkey.isEmpty()) { // and never again: other threads read it later
-                            session->peerPubkey = PeerKey(key.base64());
+                        if (session->peerKey.isEmpty()) { // and never again: other threads read it later
+                            session->peerKey = key.peerKey();
                         }
                         asio::post(self->queue, [self, session] {
                             self->strangers.remove(session->identity);
@@ -423,7 +427,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                     const Failure failure{.error = std::move(error),
                                           .remoteEndpoint = session->remoteEndpoint,
                                           .from = session->from.empty() ? unknownPeer : session->from,
-                                          .peerPubkey = session->peerPubkey};
+                                          .peerKey = session->peerKey};
                     asio::post(self->queue, [self, failure] { self->tellFailure(failure); });
                 }};
 }
@@ -464,7 +468,7 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
         tellFailure({.error = std::move(error),
                      .remoteEndpoint = session->remoteEndpoint,
                      .from = session->from,
-                     .peerPubkey = session->peerPubkey});
+                     .peerKey = session->peerKey});
     }
     session->kept.reset(); // others may hold the session for longer
 }
@@ -490,30 +494,28 @@ void Receiver::Service::tellFailure(const Failure& failure) const {
 }
 
 Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey,
-                   std::vector<platform::PublicKey> expectedPeerPubkeys, platform::Path downloadsDir,
-                   std::uint16_t port, std::string prologue)
-    : service_(std::make_shared<Service>(system, staticKey, std::move(expectedPeerPubkeys), std::move(downloadsDir),
-                                         port, std::move(prologue))) {}
-
-Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey,
-                   platform::PublicKey expectedPeerPubkey, platform::Path downloadsDir, std::uint16_t port,
+                   std::vector<platform::PublicKey> expectedPeerKeys, platform::Path downloadsDir, std::uint16_t port,
                    std::string prologue)
-    : Receiver(system, staticKey, std::vector{expectedPeerPubkey}, std::move(downloadsDir), port, std::move(prologue)) {
-}
+    : service_(std::make_shared<Service>(system, staticKey, std::move(expectedPeerKeys), std::move(downloadsDir), port,
+                                         std::move(prologue))) {}
+
+Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey, platform::PublicKey expectedPeerKey,
+                   platform::Path downloadsDir, std::uint16_t port, std::string prologue)
+    : Receiver(system, staticKey, std::vector{expectedPeerKey}, std::move(downloadsDir), port, std::move(prologue)) {}
 
 Receiver::~Receiver() = default;
 
-void Receiver::setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys) {
+void Receiver::setExpectedPeerKeys(std::vector<platform::PublicKey> keys) {
     const MutexLock guard(service_->keysLock);
     service_->expected = std::move(keys);
 }
 
-void Receiver::setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys) {
+void Receiver::setRemovedPeerKeys(std::vector<platform::PublicKey> keys) {
     const MutexLock guard(service_->keysLock);
     service_->removed = std::move(keys);
 }
 
-std::vector<platform::PublicKey> Receiver::removedPeerPubkeys() const {
+std::vector<platform::PublicKey> Receiver::removedPeerKeys() const {
     const MutexLock guard(service_->keysLock);
     return service_->removed;
 }

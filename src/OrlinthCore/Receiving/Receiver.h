@@ -42,17 +42,17 @@ public:
     static constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
 
     /// How one connection ended well. SetName and NameUpdate mean the same: the sender's own name is this now. `from`
-    /// is the display name of the sender, `peerPubkey` its key.
+    /// is the display name of the sender, `peerKey` its key.
     struct File {
         ReceivedFile file;
         std::string from;
-        PeerKey peerPubkey = {};
+        PeerKey peerKey = {};
     };
     struct Clipboard {
         std::string text;
         std::string mime;
         std::string from;
-        PeerKey peerPubkey = {};
+        PeerKey peerKey = {};
     };
     struct SetName {
         std::string name;
@@ -61,24 +61,24 @@ public:
             true; ///< false for a name that nobody could be called by, and where no record could be changed
         std::string calledHere =
             {}; ///< now: `name`, or, if another phone has that, with a number; "" if not taken over
-        PeerKey peerPubkey = {};
+        PeerKey peerKey = {};
     };
     struct NameUpdate {
         std::string name;
         std::string from;
         bool isTakenOver = true;
         std::string calledHere = {};
-        PeerKey peerPubkey = {};
+        PeerKey peerKey = {};
     };
     struct Unpair {
         std::string from;
-        PeerKey peerPubkey;
+        PeerKey peerKey;
         bool isForgotten =
             true; ///< its record is gone; false: the store cannot be changed, which was told as a failure
     };
     /// A phone that was removed here has connected and was told so.
     struct UnpairReplied {
-        PeerKey peerPubkey;
+        PeerKey peerKey;
         std::string remoteEndpoint;
     };
     /// An offer was refused here, or the phone has sent a refusal.
@@ -86,7 +86,7 @@ public:
         std::string from;
         std::string name;                         ///< of the refused file; "" for a refusal by the phone
         std::optional<DownloadRefusal> refusal{}; ///< why, if nobody was asked
-        PeerKey peerPubkey = {};
+        PeerKey peerKey = {};
     };
     using ProcessOutcome = std::variant<File, Clipboard, SetName, NameUpdate, Unpair, UnpairReplied, Declined>;
 
@@ -94,15 +94,15 @@ public:
     struct Failure {
         std::exception_ptr error;
         std::string remoteEndpoint;
-        std::string from;        ///< the phone's display name; "" if no paired key was proved
-        PeerKey peerPubkey = {}; ///< likewise
+        std::string from;     ///< the phone's display name; "" if no paired key was proved
+        PeerKey peerKey = {}; ///< likewise
     };
 
     struct Offer {
         std::string name; ///< as the sender says; not to be trusted as a path
         std::int64_t size;
         std::string from;
-        PeerKey peerPubkey = {};    ///< the sender's key: names may be alike
+        PeerKey peerKey = {};       ///< the sender's key: names may be alike
         TransferId transferId = {}; ///< as the sender says; the same when it offers the same transfer again
     };
 
@@ -117,11 +117,11 @@ public:
         std::function<void(const PeerRecord&)> onAuthenticated;
     };
 
-    /// `expectedPeerPubkeys` are the phones that may connect. What is referred to outlives the receiver.
+    /// `expectedPeerKeys` are the phones that may connect. What is referred to outlives the receiver.
     Receiver(platform::System& system, const platform::PrivateKey& staticKey,
-             std::vector<platform::PublicKey> expectedPeerPubkeys, platform::Path downloadsDir, std::uint16_t port,
+             std::vector<platform::PublicKey> expectedPeerKeys, platform::Path downloadsDir, std::uint16_t port,
              std::string prologue = std::string(kOrlinthPrologue));
-    Receiver(platform::System& system, const platform::PrivateKey& staticKey, platform::PublicKey expectedPeerPubkey,
+    Receiver(platform::System& system, const platform::PrivateKey& staticKey, platform::PublicKey expectedPeerKey,
              platform::Path downloadsDir, std::uint16_t port, std::string prologue = std::string(kOrlinthPrologue));
     ~Receiver();
     Receiver(const Receiver&) = delete;
@@ -147,9 +147,9 @@ public:
     DownloadLimits downloadLimits;
 
     /// From the next connection on.
-    void setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys);
-    void setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys);
-    [[nodiscard]] std::vector<platform::PublicKey> removedPeerPubkeys() const;
+    void setExpectedPeerKeys(std::vector<platform::PublicKey> keys);
+    void setRemovedPeerKeys(std::vector<platform::PublicKey> keys);
+    [[nodiscard]] std::vector<platform::PublicKey> removedPeerKeys() const;
 
     /// Runs the service until stop(). On return every connection has ended, its partial file kept for a resume; then it
     /// may be called again, which opens the port that was used before unless there is another `listener`.

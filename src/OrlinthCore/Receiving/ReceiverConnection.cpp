@@ -27,9 +27,9 @@ constexpr double farewellSeconds = 5;
 class HandshakeAlarm {
 public:
     HandshakeAlarm(WireConnection& wire, const Executor& executor, const ReceiverConnectionContext& context)
-        : timer_(context.system.clock.makeTimer(executor)) {
+        : timer_(context.clock.makeTimer(executor)) {
         if (context.handshakeEnd) {
-            const double left = (*context.handshakeEnd - context.system.clock.now()).count();
+            const double left = (*context.handshakeEnd - context.clock.now()).count();
             timer_->arm(left, [this, &wire] {
                 hasRung_ = true;
                 wire.close();
@@ -102,11 +102,11 @@ public:
           wire_(wire),
           endpoint_(wire.remoteEndpoint()),
           framer_(std::move(transport)),
-          sender_(context.system, framer_.session().remoteStaticPublicKey()),
+          sender_(context.peers, framer_.session().remoteStaticPublicKey()),
           self_(std::make_shared<const TransferConnection>(
-              PeerKey(framer_.session().remoteStaticPublicKey().base64()),
+              framer_.session().remoteStaticPublicKey().peerKey(),
               [dismiss = context.dismiss] { dismiss("taken over by a newer connection"); })),
-          room_(std::make_shared<FrameRoom::Share>(context.frames, self_->peerPubkey())) {
+          room_(std::make_shared<FrameRoom::Share>(context.frames, self_->peerKey())) {
         wire_.gate = room_.get();
     }
     Conversation(const Conversation&) = delete;
@@ -117,7 +117,7 @@ public:
     using Result = std::optional<Receiver::ProcessOutcome>;
 
     [[nodiscard]] Task<Result> run() {
-        place_.emplace(context_.places, context_.system.clock, self_->peerPubkey(),
+        place_.emplace(context_.places, context_.clock, self_->peerKey(),
                        [dismiss = context_.dismiss] { dismiss("too many connections of this phone"); });
         co_await welcome();
         FrameBuffer buffer;
@@ -127,7 +127,7 @@ public:
                 co_return std::nullopt;
             }
             place_->heard();
-            FrameView frame = co_await framer_.decodeInPlace(context_.system.network, buffer.body());
+            FrameView frame = co_await framer_.decodeInPlace(context_.queues, buffer.body());
             if (const auto* data = std::get_if<MutableBytes>(&frame)) {
                 transfer_.takeData(static_cast<std::int64_t>(data->size()));
                 co_await context_.downloads.append(*file_, *data);
@@ -227,7 +227,7 @@ private:
         const bool isRemoved = !file_ && isRemovedMeanwhile();
         if (isRemoved) {
             co_await sayFarewell(TransportMessage::unpair());
-            co_return Receiver::UnpairReplied{.peerPubkey = self_->peerPubkey(), .remoteEndpoint = endpoint_};
+            co_return Receiver::UnpairReplied{.peerKey = self_->peerKey(), .remoteEndpoint = endpoint_};
         }
         const IncomingTransfer::Action next = transfer_.take(message);
         if (const auto* answer = std::get_if<IncomingTransfer::Answer>(&next)) {
@@ -258,11 +258,11 @@ private:
     [[nodiscard]] Task<std::optional<Result>> takeOffer(Row::FileOffer offer) {
         Downloads::requireSensible(offer); // the id is a key of what all connections share
         open_.emplace(wire_);
-        const platform::Clock::Instant offerTime = context_.system.clock.now();
+        const platform::Clock::Instant offerTime = context_.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
         bool mustBeHere = false;
         if (context_.approveOffer) {
-            const Downloads::Prospect prospect = co_await context_.downloads.prospectOf(self_->peerPubkey(), offer);
+            const Downloads::Prospect prospect = co_await context_.downloads.prospectOf(self_->peerKey(), offer);
             mustBeHere = prospect.isDelivered; // nobody is asked twice about the same file
             const bool isWanted = mustBeHere || (!prospect.refusal && co_await isApproved(offer));
             if (!isWanted) {
@@ -272,7 +272,7 @@ private:
         claim_.emplace(ActiveTransfers::shared(), TransferId(offer.transfer_id), self_);
         co_await claim_->take(offeredAt);
         Downloads::Beginning beginning =
-            co_await context_.downloads.beginUnlessRefused(self_->peerPubkey(), offer, offerTime);
+            co_await context_.downloads.beginUnlessRefused(self_->peerKey(), offer, offerTime);
         if (beginning.refusal) {
             co_return co_await decline(offer, beginning.refusal);
         }
@@ -293,7 +293,7 @@ private:
         open_->settle();
         co_await sayFarewell(Row::decline());
         co_return Receiver::Declined{
-            .from = name_, .name = offer.name, .refusal = refusal, .peerPubkey = self_->peerPubkey()};
+            .from = name_, .name = offer.name, .refusal = refusal, .peerKey = self_->peerKey()};
     }
 
     [[nodiscard]] Task<bool> isApproved(Row::FileOffer offer) {
@@ -301,7 +301,7 @@ private:
         co_return co_await ask({.name = offer.name,
                                 .size = offer.size,
                                 .from = name_,
-                                .peerPubkey = self_->peerPubkey(),
+                                .peerKey = self_->peerKey(),
                                 .transferId = TransferId(offer.transfer_id)});
     }
 
@@ -326,18 +326,15 @@ private:
         case Tag::Clipboard: {
             const auto* clip = message.as<Row::Clipboard>();
             context_.keepUntilTold(room_); // texts must not pile up where they are told of
-            co_return Receiver::Clipboard{.text = clip->text,
-                                          .mime = clip->mime,
-                                          .from = sender_.displayName(),
-                                          .peerPubkey = self_->peerPubkey()};
+            co_return Receiver::Clipboard{
+                .text = clip->text, .mime = clip->mime, .from = sender_.displayName(), .peerKey = self_->peerKey()};
         }
         case Tag::SetName:
             co_return co_await rename<Receiver::SetName>(message.as<Row::SetName>()->name);
         case Tag::NameUpdate:
             co_return co_await rename<Receiver::NameUpdate>(message.as<Row::NameUpdate>()->name);
         case Tag::Unpair: {
-            Receiver::Unpair outcome{
-                .from = sender_.displayName(), .peerPubkey = self_->peerPubkey(), .isForgotten = false};
+            Receiver::Unpair outcome{.from = sender_.displayName(), .peerKey = self_->peerKey(), .isForgotten = false};
             co_await changeRecord([&] {
                 context_.updates.forget(framer_.session().remoteStaticPublicKey());
                 sender_.remove();
@@ -346,7 +343,7 @@ private:
             co_return outcome;
         }
         case Tag::Decline:
-            co_return Receiver::Declined{.from = sender_.displayName(), .name = {}, .peerPubkey = self_->peerPubkey()};
+            co_return Receiver::Declined{.from = sender_.displayName(), .name = {}, .peerKey = self_->peerKey()};
         case Tag::FileOffer:
         case Tag::Done:
         case Tag::TokenUpdate:
@@ -366,13 +363,12 @@ private:
         if (wasReported) {
             co_return std::nullopt;
         }
-        co_return Receiver::File{.file = std::move(received), .from = name_, .peerPubkey = self_->peerPubkey()};
+        co_return Receiver::File{.file = std::move(received), .from = name_, .peerKey = self_->peerKey()};
     }
 
     template <typename Outcome>
     [[nodiscard]] Task<Receiver::ProcessOutcome> rename(const std::string& name) {
-        Outcome outcome{
-            .name = name, .from = sender_.displayName(), .isTakenOver = false, .peerPubkey = self_->peerPubkey()};
+        Outcome outcome{.name = name, .from = sender_.displayName(), .isTakenOver = false, .peerKey = self_->peerKey()};
         co_await changeRecord([&] {
             const std::optional<std::string> called = sender_.nameHere(name);
             say({.name = name});
@@ -391,7 +387,7 @@ private:
     template <typename Change>
     [[nodiscard]] Task<> changeRecord(Change change) {
         try {
-            co_await platform::blocking(context_.system.network, std::move(change));
+            co_await platform::blocking(context_.queues, std::move(change));
         } catch (const PeerStoreError&) {
             context_.onTrouble(std::current_exception());
         }
@@ -419,7 +415,7 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
                                                                 std::unique_ptr<platform::Stream> stream) {
     using Standing = ReceiverConnectionContext::Standing;
     const std::string endpoint = stream->remoteEndpoint();
-    WireConnection wire(std::move(stream), context.system.clock);
+    WireConnection wire(std::move(stream), context.clock);
     wire.idleTimeout = Receiver::idleTimeout;
     NoiseTransport transport = co_await shakeHands(wire, context);
     const platform::PublicKey key = transport.remoteStaticPublicKey();
@@ -430,7 +426,7 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
     Conversation conversation(context, wire, std::move(transport));
     if (standing == Standing::removed) {
         co_await conversation.sayFarewell(TransportMessage::unpair());
-        co_return Receiver::UnpairReplied{.peerPubkey = PeerKey(key.base64()), .remoteEndpoint = endpoint};
+        co_return Receiver::UnpairReplied{.peerKey = key.peerKey(), .remoteEndpoint = endpoint};
     }
     std::exception_ptr failure;
     std::optional<Receiver::ProcessOutcome> outcome;

@@ -9,7 +9,9 @@ namespace orlinth {
 
 /// What one connection of the receive service works with; all of it outlives the connection.
 struct ReceiverConnectionContext {
-    platform::System& system;
+    platform::Clock& clock;
+    platform::WorkQueues& queues;
+    const PeerStore& peers;
     const platform::PrivateKey& staticKey;
     Downloads& downloads;
     const std::string& prologue;

@@ -33,7 +33,7 @@ inline constexpr double strangerGraceSeconds = 1;
 /// Connections of one phone. A busy one has eight, and may come again with eight more before the dead ones are noticed.
 inline constexpr std::size_t connectionsOfOnePhone = 16;
 /// The same with those that have to go and have not closed yet: they may be waiting for the disk, on threads of which
-/// there are not many more (platform::Network::makeBlockingQueue()). One more is turned away.
+/// there are not many more (platform::WorkQueues::makeBlockingQueue()). One more is turned away.
 inline constexpr std::size_t connectionsOfOnePhoneInAll = connectionsOfOnePhone + connectionsOfOnePhone / 2;
 /// Seconds between two writes of one phone's record. A name, an address or a token changes a few times a day.
 inline constexpr double recordSeconds = 10;

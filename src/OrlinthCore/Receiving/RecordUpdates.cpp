@@ -9,15 +9,15 @@
 
 namespace orlinth {
 
-RecordUpdates::RecordUpdates(platform::System& system)
-    : system_(system), queue_(system.network.makeBlockingQueue()), alarm_(system.clock.makeTimer(queue_)) {}
+RecordUpdates::RecordUpdates(PeerStore store, platform::Clock& clock, platform::WorkQueues& queues)
+    : store_(std::move(store)), clock_(clock), queue_(queues.makeBlockingQueue()), alarm_(clock.makeTimer(queue_)) {}
 
 bool RecordUpdates::isDue(const Phone& phone) const {
-    return !phone.isBeingWritten && (!phone.writtenAt || system_.clock.now() - *phone.writtenAt >=
-                                                             platform::Clock::Instant(limits::recordSeconds));
+    return !phone.isBeingWritten &&
+           (!phone.writtenAt || clock_.now() - *phone.writtenAt >= platform::Clock::Instant(limits::recordSeconds));
 }
 
-void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, OnTrouble onTrouble) {
+void RecordUpdates::say(const platform::PublicKey& key, RecordChange change, OnTrouble onTrouble) {
     if (change.token && change.token->size() > SenderRecord::maxTokenBytes) {
         change.token.reset();
     }
@@ -27,14 +27,15 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
     if (change.isEmpty()) {
         return; // it must not keep what was said before from being written
     }
-    const PeerKey key(phone.base64());
+    const PeerKey peerKey = key.peerKey();
     std::optional<platform::Clock::Instant> before;
     {
         const MutexLock guard(lock_);
         Phone& known =
             phones_
                 .try_emplace(
-                    key, Phone{.key = phone, .waiting = {}, .onTrouble = {}, .writtenAt = {}, .isBeingWritten = false})
+                    peerKey,
+                    Phone{.key = key, .waiting = {}, .onTrouble = {}, .writtenAt = {}, .isBeingWritten = false})
                 .first->second;
         known.waiting.add(std::move(change));
         if (!isDue(known)) {
@@ -43,27 +44,27 @@ void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, O
             return;
         }
         change = std::exchange(known.waiting, {});
-        before = std::exchange(known.writtenAt, system_.clock.now()); // others wait from now on
+        before = std::exchange(known.writtenAt, clock_.now()); // others wait from now on
         known.isBeingWritten = true;
     }
     const auto end = [&](bool wasWritten) {
         const MutexLock guard(lock_);
-        if (const auto known = phones_.find(key); known != phones_.end()) {
+        if (const auto known = phones_.find(peerKey); known != phones_.end()) {
             known->second.isBeingWritten = false;
             known->second.writtenAt = wasWritten ? known->second.writtenAt : before;
         }
     };
     try {
-        end(SenderRecord(system_, phone).apply(change));
+        end(SenderRecord(store_, key).apply(change));
     } catch (...) {
         end(false);
         throw;
     }
 }
 
-void RecordUpdates::forget(const platform::PublicKey& phone) {
+void RecordUpdates::forget(const platform::PublicKey& key) {
     const MutexLock guard(lock_);
-    if (const auto known = phones_.find(PeerKey(phone.base64())); known != phones_.end()) {
+    if (const auto known = phones_.find(key.peerKey()); known != phones_.end()) {
         known->second.waiting = {};
         known->second.onTrouble = {};
     }
@@ -95,7 +96,7 @@ void RecordUpdates::writeDue(bool all) {
                 due.push_back(phone);
                 phone.waiting = {};
                 phone.onTrouble = {};
-                phone.writtenAt = system_.clock.now();
+                phone.writtenAt = clock_.now();
                 phone.isBeingWritten = !all;
             }
             isSomethingLeft = isSomethingLeft || !phone.waiting.isEmpty();
@@ -104,12 +105,12 @@ void RecordUpdates::writeDue(bool all) {
     }
     for (const Phone& phone : due) {
         try {
-            static_cast<void>(SenderRecord(system_, phone.key).apply(phone.waiting));
+            static_cast<void>(SenderRecord(store_, phone.key).apply(phone.waiting));
         } catch (const PeerStoreError&) {
             phone.onTrouble(std::current_exception());
         }
         const MutexLock guard(lock_);
-        if (const auto known = phones_.find(PeerKey(phone.key.base64())); known != phones_.end()) {
+        if (const auto known = phones_.find(phone.key.peerKey()); known != phones_.end()) {
             known->second.isBeingWritten = false;
         }
     }

@@ -33,12 +33,12 @@ void RecordChange::add(RecordChange later) {
     take(address, later.address);
 }
 
-SenderRecord::SenderRecord(platform::System& system, const platform::PublicKey& key)
-    : system_(system), pubkey_(key.base64()) {}
+SenderRecord::SenderRecord(PeerStore store, const platform::PublicKey& key)
+    : store_(std::move(store)), peerKey_(key.peerKey()) {}
 
 std::optional<PeerRecord> SenderRecord::find() const {
-    const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
-    const PeerRecord* const record = book.find(pubkey_.text());
+    const PeerBook book = store_.loadBook();
+    const PeerRecord* const record = book.find(peerKey_);
     return record == nullptr ? std::nullopt : std::optional(*record);
 }
 
@@ -59,8 +59,8 @@ std::optional<std::string> SenderRecord::nameHere(const std::string& name) const
     if (!isUsableName(name)) {
         return std::nullopt;
     }
-    const PeerBook book = PeerStore(system_.files, system_.directories).loadBook();
-    return book.find(pubkey_.text()) == nullptr ? name : freeName(book, pubkey_.text(), name);
+    const PeerBook book = store_.loadBook();
+    return book.find(peerKey_) == nullptr ? name : freeName(book, peerKey_, name);
 }
 
 bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& address) {
@@ -68,13 +68,12 @@ bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& add
 }
 
 bool SenderRecord::apply(const RecordChange& change) {
-    PeerStore store(system_.files, system_.directories);
-    PeerBook seen = store.loadBook();
+    PeerBook seen = store_.loadBook();
     if (!applyTo(seen, change)) {
         return false;
     }
     bool isChanged = false;
-    store.update([&](PeerBook& book) { // the record that is there under the lock
+    store_.update([&](PeerBook& book) { // the record that is there under the lock
         isChanged = applyTo(book, change);
         return isChanged;
     });
@@ -83,7 +82,7 @@ bool SenderRecord::apply(const RecordChange& change) {
 
 /// Returns whether the book has changed.
 bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
-    const auto at = std::ranges::find(book.peers, pubkey_.text(), &PeerRecord::peer_pubkey);
+    const auto at = std::ranges::find(book.peers, peerKey_, &PeerRecord::peer_pubkey);
     if (at == book.peers.end()) {
         return false;
     }
@@ -92,7 +91,7 @@ bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
         at->peer_ip = *change.address;
     }
     if (change.name && isUsableName(*change.name)) {
-        at->peer_hostname = freeName(book, pubkey_.text(), *change.name);
+        at->peer_hostname = freeName(book, peerKey_, *change.name);
     }
     bool isMoved = false;
     if (change.token && change.token->size() <= maxTokenBytes) {
@@ -107,9 +106,7 @@ bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
 }
 
 void SenderRecord::remove() {
-    static_cast<void>(PeerStore(system_.files, system_.directories).removeFirst([this](const PeerRecord& record) {
-        return record.peer_pubkey == pubkey_.text();
-    }));
+    static_cast<void>(store_.removeFirst([this](const PeerRecord& record) { return record.peer_pubkey == peerKey_; }));
 }
 
 } // namespace orlinth

@@ -3,7 +3,6 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "base/StrongText.h"
 #include "platform/Crypto.h"
-#include "platform/System.h"
 
 #include <optional>
 #include <string>
@@ -30,7 +29,7 @@ public:
     /// Longest push token taken over, bytes. They have a few hundred.
     static constexpr std::size_t maxTokenBytes = 4096;
 
-    SenderRecord(platform::System& system, const platform::PublicKey& key);
+    SenderRecord(PeerStore store, const platform::PublicKey& key);
 
     /// Nothing if there is none. @throws PeerStoreError
     [[nodiscard]] std::optional<PeerRecord> find() const;
@@ -58,8 +57,8 @@ public:
 private:
     [[nodiscard]] bool applyTo(PeerBook& book, const RecordChange& change) const;
 
-    platform::System& system_;
-    PeerKey pubkey_;
+    PeerStore store_;
+    PeerKey peerKey_;
 };
 
 } // namespace orlinth

@@ -16,8 +16,8 @@ KeyVault::KeyVault(platform::FileSystem& files, const platform::UserDirectories&
                    const std::string& fileName)
     : KeyVault(files, directories.data / defaultDirectoryName, fileName) {}
 
-KeyVault::KeyVault(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName)
-    : files_(files), directoryURL_(std::move(directoryURL)), fileURL_(directoryURL_ / fileName) {}
+KeyVault::KeyVault(platform::FileSystem& files, platform::Path directoryPath, const std::string& fileName)
+    : files_(files), directoryPath_(std::move(directoryPath)), filePath_(directoryPath_ / fileName) {}
 
 platform::PrivateKey KeyVault::loadOrCreate() {
     std::optional<platform::PrivateKey> stored = load();
@@ -35,10 +35,10 @@ std::optional<platform::PrivateKey> KeyVault::load() {
     std::size_t found = 0;
     try {
         // status() and not exists(): a file that cannot be looked at must not be taken for a missing one.
-        if (!files_.status(fileURL_)) {
+        if (!files_.status(filePath_)) {
             return std::nullopt;
         }
-        const std::unique_ptr<platform::File> file = files_.open(fileURL_, platform::OpenMode::read);
+        const std::unique_ptr<platform::File> file = files_.open(filePath_, platform::OpenMode::read);
         found = file->read(raw.revealMutable());
         const auto whole = static_cast<std::size_t>(file->status().size);
         found = found == size ? whole : found;
@@ -53,12 +53,12 @@ std::optional<platform::PrivateKey> KeyVault::load() {
 
 void KeyVault::store(const platform::PrivateKey& key) {
     try {
-        files_.createDirectories(directoryURL_, directoryPermissions);
+        files_.createDirectories(directoryPath_, directoryPermissions);
     } catch (const platform::SystemError& error) {
         throw Error::createDirectory(describe(error));
     }
     try {
-        platform::writeWholeFile(files_, fileURL_, key.reveal(), filePermissions, platform::Flush::now,
+        platform::writeWholeFile(files_, filePath_, key.reveal(), filePermissions, platform::Flush::now,
                                  platform::Links::follow);
     } catch (const platform::SystemError& error) {
         throw Error::write(describe(error));
@@ -67,8 +67,8 @@ void KeyVault::store(const platform::PrivateKey& key) {
 
 void KeyVault::wipe() {
     try {
-        if (files_.status(fileURL_)) {
-            files_.remove(fileURL_);
+        if (files_.status(filePath_)) {
+            files_.remove(filePath_);
         }
     } catch (const platform::SystemError& error) {
         throw Error::write(describe(error));

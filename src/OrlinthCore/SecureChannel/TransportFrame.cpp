@@ -253,13 +253,13 @@ FrameView TransportFramer::decodeInPlace(MutableBytes body) {
     return readPlaintext(openInPlace(body));
 }
 
-Task<FrameView> TransportFramer::decodeInPlace(platform::Network& network, MutableBytes body) {
+Task<FrameView> TransportFramer::decodeInPlace(platform::WorkQueues& queues, MutableBytes body) {
     const MutableBytes plaintext = openInPlace(body);
     const bool isLong = plaintext.size() > longMessageBytes && plaintext.front() == typeByteJSON;
     if (!isLong) {
         co_return readPlaintext(plaintext);
     }
-    co_return co_await platform::blocking(network, [plaintext] { return readPlaintext(plaintext); });
+    co_return co_await platform::blocking(queues, [plaintext] { return readPlaintext(plaintext); });
 }
 
 MutableBytes TransportFramer::openInPlace(MutableBytes body) {

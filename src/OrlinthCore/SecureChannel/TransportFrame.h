@@ -4,7 +4,7 @@
 #include "OrlinthCore/SecureChannel/NoiseXX.h"
 #include "base/CaseError.h"
 #include "base/Json.h"
-#include "platform/Network.h"
+#include "platform/WorkQueues.h"
 
 #include <variant>
 
@@ -153,7 +153,7 @@ public:
     [[nodiscard]] FrameView decodeInPlace(MutableBytes body);
     /// The same; a long message is read where nobody else waits meanwhile (platform::blocking()). `body` outlives the
     /// task.
-    [[nodiscard]] Task<FrameView> decodeInPlace(platform::Network& network, MutableBytes body);
+    [[nodiscard]] Task<FrameView> decodeInPlace(platform::WorkQueues& queues, MutableBytes body);
 
 private:
     [[nodiscard]] Bytes sealFrame(std::byte type, ByteView body);

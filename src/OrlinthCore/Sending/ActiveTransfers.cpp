@@ -21,8 +21,8 @@ bool isSame(const TransferConnectionRef& one, const TransferConnectionRef& other
 
 } // namespace
 
-TransferConnection::TransferConnection(PeerKey peerPubkey, std::function<void()> cancel)
-    : identity_(nextIdentity()), peerPubkey_(std::move(peerPubkey)), cancel_(std::move(cancel)) {}
+TransferConnection::TransferConnection(PeerKey peerKey, std::function<void()> cancel)
+    : identity_(nextIdentity()), peerKey_(std::move(peerKey)), cancel_(std::move(cancel)) {}
 
 ActiveTransfers& ActiveTransfers::shared() {
     static ActiveTransfers transfers;
@@ -79,7 +79,7 @@ ActiveTransfers::Takeover ActiveTransfers::takeOver(const TransferId& id, const 
                                                     Moment offeredAt) {
     const MutexLock guard(lock_);
     const auto isForeign = [&](const TransferConnectionRef& other) {
-        return other->peerPubkey() != connection->peerPubkey();
+        return other->peerKey() != connection->peerKey();
     };
     const auto owner = owners_.find(id);
     const bool isOwnedElsewhere = owner != owners_.end() && isForeign(owner->second.connection);

@@ -17,17 +17,17 @@ namespace orlinth {
 /// is, and a way to end it.
 class TransferConnection {
 public:
-    /// `peerPubkey` is the phone's key. `cancel` ends the connection soon after; it may be called on any
+    /// `peerKey` is the phone's key. `cancel` ends the connection soon after; it may be called on any
     /// thread, more than once, and after the connection has ended.
-    TransferConnection(PeerKey peerPubkey, std::function<void()> cancel);
+    TransferConnection(PeerKey peerKey, std::function<void()> cancel);
 
     [[nodiscard]] std::uint64_t identity() const noexcept { return identity_; }
-    [[nodiscard]] const PeerKey& peerPubkey() const noexcept { return peerPubkey_; }
+    [[nodiscard]] const PeerKey& peerKey() const noexcept { return peerKey_; }
     void cancel() const { cancel_(); }
 
 private:
     std::uint64_t identity_;
-    PeerKey peerPubkey_;
+    PeerKey peerKey_;
     std::function<void()> cancel_;
 };
 

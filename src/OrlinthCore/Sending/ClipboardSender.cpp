@@ -16,7 +16,7 @@ namespace {
 /// phone's port opens only some time after the phone is up; and a line in the log for each step.
 ConnectRequest connectRequest(platform::System& system, const OneOffRequest& request, const Executor& queue) {
     const auto attemptOnce = [&system, peer = request.peer, queue, timeout = request.postWakeConnectTimeout] {
-        return connectOnce(system, peer, queue, timeout, WhenRefused::tryAgain);
+        return connectOnce(system.network, system.clock, peer, queue, timeout, WhenRefused::tryAgain);
     };
     ClipLog clipLog(system.log);
     const auto yesOrNo = [](bool value) { return std::string(value ? "true" : "false"); };
@@ -40,7 +40,7 @@ ConnectRequest connectRequest(platform::System& system, const OneOffRequest& req
 
 /// Writes the sealed message; returns whether the system has taken it. A failure is logged and no more: the phone may
 /// have said Unpair and closed.
-Task<bool> deliver(platform::System& system, WireConnection& wire, ByteView sealed, platform::TimeLimit& limit,
+Task<bool> deliver(platform::Log& log, WireConnection& wire, ByteView sealed, platform::TimeLimit& limit,
                    const OneOffRequest& request) {
     limit.begin(request.sendSeconds);
     try {
@@ -59,17 +59,17 @@ Task<bool> deliver(platform::System& system, WireConnection& wire, ByteView seal
                                      SendError::Reason::stalled, std::current_exception());
         }
         limit.end();
-        ClipLog(system.log).write("write failed, checking for Unpair: " + platform::textOfFailure(error));
+        ClipLog(log).write("write failed, checking for Unpair: " + platform::textOfFailure(error));
         co_return false;
     }
 }
 
 /// Reads the phone's answer, if one comes. Only Unpair counts; the end of the connection is the usual one.
-Task<bool> phoneRemovedUs(platform::Network& network, WireConnection& wire, TransportFramer& framer) {
+Task<bool> phoneRemovedUs(platform::WorkQueues& queues, WireConnection& wire, TransportFramer& framer) {
     FrameBuffer buffer;
     try {
         co_await wire.receiveFrame(buffer);
-        const FrameView frame = co_await framer.decodeInPlace(network, buffer.body());
+        const FrameView frame = co_await framer.decodeInPlace(queues, buffer.body());
         const auto* message = std::get_if<TransportMessage>(&frame);
         co_return message != nullptr && message->as<TransportMessage::Unpair>() != nullptr;
     } catch (const std::exception& error) {
@@ -85,7 +85,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     if (const std::size_t size = message.toJson().size() + 1; size > TransportFramer::maxPlaintextBytes) {
         throw TransportFramer::Error::plaintextTooLarge(size);
     }
-    Bytes peerPubkey = pubkeyOf(request.peer);
+    Bytes peerKey = pubkeyOf(request.peer);
     std::unique_ptr<platform::Stream> connection =
         co_await connectOrWake(system, connectRequest(system, request, queue));
     if (request.keepAlive) {
@@ -94,7 +94,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     WireConnection wire(std::move(connection), system.clock);
     Authentication who{.staticKey = request.staticKey,
                        .prologue = request.prologue,
-                       .peerPubkey = std::move(peerPubkey),
+                       .peerKey = std::move(peerKey),
                        .seconds = request.handshakeSeconds};
     TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     if (request.onHandshakeComplete) {
@@ -102,9 +102,9 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     }
     const Bytes sealed = framer.encodeJSON(message);
     platform::TimeLimit limit(system.clock, queue, [&wire] { wire.close(); });
-    const bool wasTaken = co_await deliver(system, wire, sealed, limit, request);
+    const bool wasTaken = co_await deliver(system.log, wire, sealed, limit, request);
     limit.begin(request.answerSeconds);
-    const bool removed = co_await phoneRemovedUs(system.network, wire, framer);
+    const bool removed = co_await phoneRemovedUs(system.queues, wire, framer);
     if (removed) {
         throw SendError::peerRemoved();
     }
@@ -117,7 +117,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
 } // namespace
 
 Task<OneOffEnd> sendOneOff(platform::System& system, TransportMessage message, OneOffRequest request) {
-    const Executor queue = system.network.makeSerialQueue("orlinth.clipboard");
+    const Executor queue = system.queues.makeSerialQueue("orlinth.clipboard");
     Task<OneOffEnd> send = sendOnQueue(system, std::move(message), std::move(request), queue);
     co_return co_await platform::runOn(queue, std::move(send));
 }

@@ -215,15 +215,15 @@ OAuthResponse OAuthResponse::fromJson(ByteView text) {
     return reply;
 }
 
-platform::Path FcmWake::defaultServiceAccountURL(const platform::UserDirectories& directories) {
+platform::Path FcmWake::defaultServiceAccountPath(const platform::UserDirectories& directories) {
     return directories.data / "Orlinth" / serviceAccountFileName;
 }
 
-FcmWake::FcmWake(platform::System& system, const platform::Path& serviceAccountURL, std::string baseURL)
+FcmWake::FcmWake(System system, const platform::Path& serviceAccountPath, std::string baseURL)
     : system_(system),
-      account_(loadAccount(system.files, serviceAccountURL)),
+      account_(loadAccount(system.files, serviceAccountPath)),
       baseURL_(std::move(baseURL)),
-      queue_(system.network.makeSerialQueue("orlinth.wake")),
+      queue_(system.queues.makeSerialQueue("orlinth.wake")),
       tokenTurn_(queue_) {}
 
 Task<> FcmWake::sendWake(std::string toToken) {

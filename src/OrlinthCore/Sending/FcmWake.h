@@ -3,7 +3,10 @@
 #include "OrlinthCore/Sending/ServiceAccount.h"
 #include "base/CaseError.h"
 #include "platform/AsyncMutex.h"
-#include "platform/System.h"
+#include "platform/Clock.h"
+#include "platform/Directories.h"
+#include "platform/HttpsClient.h"
+#include "platform/WorkQueues.h"
 
 #include <cstdint>
 #include <optional>
@@ -38,11 +41,19 @@ public:
     /// How much of an answer's body an error quotes; the rest is "… (N bytes)".
     static constexpr std::size_t maxQuotedBytes = 4096;
 
+    /// What it works with; all of it outlives the object.
+    struct System {
+        platform::FileSystem& files;
+        platform::Clock& clock;
+        platform::HttpsClient& https;
+        platform::WorkQueues& queues;
+    };
+
     /// Where the account's key file is looked for: the folder "Orlinth" of the user's application data.
-    [[nodiscard]] static platform::Path defaultServiceAccountURL(const platform::UserDirectories& directories);
+    [[nodiscard]] static platform::Path defaultServiceAccountPath(const platform::UserDirectories& directories);
 
     /// Reads the key file; touches no network. @throws Error::serviceAccountMissing, serviceAccountMalformed
-    FcmWake(platform::System& system, const platform::Path& serviceAccountURL, std::string baseURL = defaultBaseURL);
+    FcmWake(System system, const platform::Path& serviceAccountPath, std::string baseURL = defaultBaseURL);
 
     /// Sends one wake message to one registration token; three attempts, 0, 200 and 500 ms apart, where the network
     /// fails in passing. @throws Error; platform::HttpError for failures of the network that are not tried again
@@ -59,7 +70,7 @@ private:
     [[nodiscard]] Task<> fetchAccessToken(); ///< afterwards there is a cached token
     [[nodiscard]] SecretBytes mintJWT() const;
 
-    platform::System& system_;
+    System system_;
     ServiceAccount account_;
     std::string baseURL_;
     Executor queue_;

@@ -47,8 +47,8 @@ InFlightKey keyOf(const OutgoingFile& file) {
     return {.name = file.name, .size = file.size, .mime = file.mime, .fingerprint = file.fingerprint};
 }
 
-std::string FileFingerprint::compute(platform::FileSystem& files, const platform::Path& url) {
-    const std::unique_ptr<platform::File> file = files.open(url, platform::OpenMode::read);
+std::string FileFingerprint::compute(platform::FileSystem& files, const platform::Path& path) {
+    const std::unique_ptr<platform::File> file = files.open(path, platform::OpenMode::read);
     platform::Sha256 hash;
     Bytes front(static_cast<std::size_t>(bytes));
     std::size_t filled = 0;
@@ -68,8 +68,8 @@ std::string FileFingerprint::compute(platform::FileSystem& files, const platform
 InFlightJournal::InFlightJournal(platform::FileSystem& files, const platform::UserDirectories& directories)
     : InFlightJournal(files, directories.data / directoryName / defaultFileName) {}
 
-InFlightJournal::InFlightJournal(platform::FileSystem& files, platform::Path fileURL)
-    : files_(files), fileURL_(std::move(fileURL)) {}
+InFlightJournal::InFlightJournal(platform::FileSystem& files, platform::Path filePath)
+    : files_(files), filePath_(std::move(filePath)) {}
 
 std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t size, const std::string& mime,
                                          const std::string& fingerprint) {
@@ -80,11 +80,11 @@ std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t s
         return found->second;
     }
     try {
-        files_.createDirectories(fileURL_.parent_path());
+        files_.createDirectories(filePath_.parent_path());
     } catch (const std::exception&) {
         return platform::randomUuidText();
     }
-    const std::optional<platform::FileLock> held = tryToLock(files_, fileURL_);
+    const std::optional<platform::FileLock> held = tryToLock(files_, filePath_);
     Entries entries = load(); // another process may have been here since
     const auto [entry, isNew] = entries.try_emplace(key);
     if (isNew) {
@@ -101,7 +101,7 @@ void InFlightJournal::complete(const std::string& name, std::int64_t size, const
     if (!load().contains(key)) {
         return;
     }
-    const std::optional<platform::FileLock> held = tryToLock(files_, fileURL_);
+    const std::optional<platform::FileLock> held = tryToLock(files_, filePath_);
     Entries entries = load();
     if (entries.erase(key) > 0) {
         write(entries);
@@ -115,12 +115,12 @@ std::map<std::string, std::string> InFlightJournal::snapshotEntries() const {
 
 void InFlightJournal::wipe() {
     const MutexLock guard(lock_);
-    if (!files_.exists(fileURL_)) {
+    if (!files_.exists(filePath_)) {
         return;
     }
-    const std::optional<platform::FileLock> held = tryToLock(files_, fileURL_);
+    const std::optional<platform::FileLock> held = tryToLock(files_, filePath_);
     try {
-        files_.remove(fileURL_);
+        files_.remove(filePath_);
     } catch (const std::exception&) {
         // It stays then: a journal that is too long does no harm.
     }
@@ -133,7 +133,7 @@ InFlightJournal::Batch::~Batch() {
 /// Before the content is read: what is written in between is seen as a change then, and read once more.
 InFlightJournal::Batch::Look InFlightJournal::Batch::look() const {
     try {
-        return journal_.files_.status(journal_.fileURL_);
+        return journal_.files_.status(journal_.filePath_);
     } catch (const std::exception&) {
         return std::nullopt;
     }
@@ -141,7 +141,7 @@ InFlightJournal::Batch::Look InFlightJournal::Batch::look() const {
 
 void InFlightJournal::Batch::makeFolder() noexcept {
     try {
-        journal_.files_.createDirectories(journal_.fileURL_.parent_path());
+        journal_.files_.createDirectories(journal_.filePath_.parent_path());
     } catch (const std::exception&) {
         return; // the write will fail as well; the ids hold for this batch
     }
@@ -160,7 +160,7 @@ void InFlightJournal::Batch::eraseFinished(Entries& entries) {
 std::vector<TransferId> InFlightJournal::Batch::reserve(const std::vector<Wanted>& files) {
     const MutexLock guard(journal_.lock_);
     makeFolder();
-    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.filePath_);
     Entries entries = journal_.load();
     adopt(entries);
     const Entries before = entries;
@@ -219,7 +219,7 @@ TransferId InFlightJournal::Batch::idOf(const InFlightKey& file) {
     Reserved& reserved = at->second;
     if (!reserved.isWritten) {
         makeFolder();
-        const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+        const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.filePath_);
         Entries entries = journal_.load();
         const auto [entry, isNew] = entries.try_emplace(file.text(), reserved.id.text());
         if (!isNew && entry->second == reserved.superseded.text()) {
@@ -245,7 +245,7 @@ void InFlightJournal::Batch::complete(const InFlightKey& file, const TransferId&
 
 void InFlightJournal::Batch::keep(const InFlightKey& file, const TransferId& id) {
     const MutexLock guard(journal_.lock_);
-    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.filePath_);
     Entries entries = journal_.load();
     if (entries.try_emplace(file.text(), id.text()).second) {
         journal_.write(entries);
@@ -258,7 +258,7 @@ void InFlightJournal::Batch::flush() {
     if (finished_.empty()) {
         return;
     }
-    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.fileURL_);
+    const std::optional<platform::FileLock> held = tryToLock(journal_.files_, journal_.filePath_);
     Entries entries = journal_.load();
     const std::size_t before = entries.size();
     eraseFinished(entries);
@@ -269,7 +269,7 @@ void InFlightJournal::Batch::flush() {
 
 InFlightJournal::Entries InFlightJournal::load() const {
     try {
-        const Json snapshot = parseJson(platform::readWholeFile(files_, fileURL_));
+        const Json snapshot = parseJson(platform::readWholeFile(files_, filePath_));
         return Snapshot::fromJson(snapshot).entries;
     } catch (const std::exception&) {
         return {}; // missing, unreadable or no journal: empty
@@ -279,7 +279,7 @@ InFlightJournal::Entries InFlightJournal::load() const {
 bool InFlightJournal::write(const Entries& entries) {
     const Json snapshot = Snapshot{entries}.toJson();
     try {
-        platform::writeWholeFile(files_, fileURL_, asBytes(prettyJson(snapshot)), ownerOnly, platform::Flush::now,
+        platform::writeWholeFile(files_, filePath_, asBytes(prettyJson(snapshot)), ownerOnly, platform::Flush::now,
                                  platform::Links::follow);
         return true;
     } catch (const std::exception&) {

@@ -20,7 +20,7 @@ struct FileFingerprint {
 
     /// The first 8 bytes of the SHA-256 of the file's front, as 16 lower-case hex digits.
     /// @throws platform::SystemError if the file cannot be opened or read
-    [[nodiscard]] static std::string compute(platform::FileSystem& files, const platform::Path& url);
+    [[nodiscard]] static std::string compute(platform::FileSystem& files, const platform::Path& path);
 };
 
 /// What the journal knows a file by.
@@ -52,9 +52,9 @@ public:
     /// The journal in the folder "Orlinth" of the user's application data. Touches no file.
     InFlightJournal(platform::FileSystem& files, const platform::UserDirectories& directories);
     /// The journal elsewhere. `files` must outlive it.
-    InFlightJournal(platform::FileSystem& files, platform::Path fileURL);
+    InFlightJournal(platform::FileSystem& files, platform::Path filePath);
 
-    [[nodiscard]] const platform::Path& fileURL() const noexcept { return fileURL_; }
+    [[nodiscard]] const platform::Path& filePath() const noexcept { return filePath_; }
 
     /// The id for this file; a new one is on disk before it is returned (if the disk takes it).
     [[nodiscard]] std::string getOrCreate(const std::string& name, std::int64_t size, const std::string& mime,
@@ -86,7 +86,7 @@ private:
     bool write(const Entries& entries) ORLINTH_REQUIRES(lock_);
 
     platform::FileSystem& files_;
-    platform::Path fileURL_;
+    platform::Path filePath_;
     mutable Mutex lock_; ///< of the journal file, and of what its batches know
 };
 

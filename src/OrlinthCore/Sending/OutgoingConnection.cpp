@@ -71,11 +71,12 @@ Task<Try> tryToConnect(platform::Network& network, std::string host, std::uint16
 
 /// Tries until there is a connection or a failure that does not pass by waiting. Whoever calls sets the deadline, and
 /// finds in `lastFailure`, which outlives the call, what was waited for.
-Task<std::unique_ptr<platform::Stream>> connectReady(platform::System& system, std::string host, std::uint16_t port,
-                                                     Executor queue, WhenRefused whenRefused, bool hasDeadline,
+Task<std::unique_ptr<platform::Stream>> connectReady(platform::Network& network, platform::Clock& clock,
+                                                     std::string host, std::uint16_t port, Executor queue,
+                                                     WhenRefused whenRefused, bool hasDeadline,
                                                      std::optional<SendError>& lastFailure) {
     for (;;) {
-        Try next = co_await tryToConnect(system.network, host, port, queue);
+        Try next = co_await tryToConnect(network, host, port, queue);
         if (next.stream) {
             co_return std::move(next.stream);
         }
@@ -83,23 +84,24 @@ Task<std::unique_ptr<platform::Stream>> connectReady(platform::System& system, s
             throw SendError(*next.failure);
         }
         lastFailure = std::move(next.failure);
-        co_await system.clock.sleep(pauseBetweenTries);
+        co_await clock.sleep(pauseBetweenTries);
     }
 }
 
 } // namespace
 
-Task<std::unique_ptr<platform::Stream>> openConnection(platform::System& system, std::string host, std::uint16_t port,
-                                                       Executor queue, double timeout, WhenRefused whenRefused) {
+Task<std::unique_ptr<platform::Stream>> openConnection(platform::Network& network, platform::Clock& clock,
+                                                       std::string host, std::uint16_t port, Executor queue,
+                                                       double timeout, WhenRefused whenRefused) {
     if (port == 0) {
         throw SendError::network("invalid port " + std::to_string(port));
     }
     SendOnceContinuation continuation;
     std::optional<SendError> lastFailure;
     Task<std::unique_ptr<platform::Stream>> ready =
-        connectReady(system, std::move(host), port, std::move(queue), whenRefused, timeout > 0, lastFailure);
+        connectReady(network, clock, std::move(host), port, std::move(queue), whenRefused, timeout > 0, lastFailure);
     const auto timedOut = std::make_exception_ptr(SendError::network("connect timed out", SendError::Reason::timedOut));
-    co_await platform::settleFirst(continuation, system.clock, timeout, timedOut, std::move(ready));
+    co_await platform::settleFirst(continuation, clock, timeout, timedOut, std::move(ready));
     try {
         co_return continuation.take();
     } catch (const SendError& error) {

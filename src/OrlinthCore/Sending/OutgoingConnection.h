@@ -1,6 +1,7 @@
 #pragma once
 
-#include "platform/System.h"
+#include "platform/Clock.h"
+#include "platform/Network.h"
 
 #include <memory>
 #include <string>
@@ -19,11 +20,12 @@ enum class WhenRefused {
 /// resolving the name and trying each of its addresses. While the host cannot be reached (no answer to ARP, no route,
 /// no link) or its name does not resolve, it is tried again every half second until the deadline: a phone that sleeps
 /// or has just left the network looks like that for a while. Without a deadline each failure is reported at once.
-/// The caller owns what it gets. `system` outlives the call.
+/// The caller owns what it gets. `network` and `clock` outlive the call.
 /// @throws SendError::network: "connect timed out" (reason timedOut; the cause is the last try's failure, if one
 ///         failed); "invalid port 0"; or at once, with the reason, the system's words ("Connection refused")
-[[nodiscard]] Task<std::unique_ptr<platform::Stream>> openConnection(platform::System& system, std::string host,
-                                                                     std::uint16_t port, Executor queue, double timeout,
+[[nodiscard]] Task<std::unique_ptr<platform::Stream>> openConnection(platform::Network& network, platform::Clock& clock,
+                                                                     std::string host, std::uint16_t port,
+                                                                     Executor queue, double timeout,
                                                                      WhenRefused whenRefused = WhenRefused::fail);
 
 } // namespace orlinth

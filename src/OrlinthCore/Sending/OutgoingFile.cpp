@@ -9,8 +9,8 @@
 
 namespace orlinth {
 
-std::string mimeType(const platform::MimeTypes& mimeTypes, const platform::Path& url) {
-    const std::string extension = pathExtension(lastPathComponent(url.native()));
+std::string mimeType(const platform::MimeTypes& mimeTypes, const platform::Path& path) {
+    const std::string extension = pathExtension(lastPathComponent(path.native()));
     std::optional<std::string> type;
     if (!extension.empty()) {
         type = mimeTypes.typeForExtension(extension);
@@ -34,10 +34,11 @@ std::optional<platform::FileStatus> statusOf(platform::FileSystem& files, const 
 
 } // namespace
 
-OutgoingFile examineFile(platform::System& system, const platform::Path& url) {
-    const std::optional<platform::FileStatus> status = statusOf(system.files, url);
+OutgoingFile examineFile(platform::FileSystem& files, const platform::MimeTypes& mimeTypes,
+                         const platform::Path& path) {
+    const std::optional<platform::FileStatus> status = statusOf(files, path);
     if (!status) {
-        throw SendError::fileMissing(url.native());
+        throw SendError::fileMissing(path.native());
     }
     if (status->kind == platform::FileKind::directory) {
         throw SendError::fileRead(platform::SystemError::fromErrno(EISDIR).description());
@@ -45,13 +46,13 @@ OutgoingFile examineFile(platform::System& system, const platform::Path& url) {
     if (status->kind != platform::FileKind::regular) {
         throw SendError::fileRead("not a regular file");
     }
-    OutgoingFile file{.name = toUtf8(lastPathComponent(url.native())),
+    OutgoingFile file{.name = toUtf8(lastPathComponent(path.native())),
                       .size = status->size,
-                      .mime = mimeType(system.mimeTypes, url),
+                      .mime = mimeType(mimeTypes, path),
                       .fingerprint = "",
                       .seen = *status};
     try {
-        file.fingerprint = FileFingerprint::compute(system.files, url);
+        file.fingerprint = FileFingerprint::compute(files, path);
     } catch (const platform::SystemError&) {
         // The journal works without it; if the file cannot be read at all, the send will say so.
     }

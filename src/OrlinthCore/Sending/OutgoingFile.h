@@ -1,6 +1,7 @@
 #pragma once
 
-#include "platform/System.h"
+#include "platform/FileSystem.h"
+#include "platform/MimeTypes.h"
 
 #include <string>
 
@@ -18,11 +19,12 @@ struct OutgoingFile {
 };
 
 /// The preferred MIME type of the path's extension; "application/octet-stream" if there is none or it is unknown.
-[[nodiscard]] std::string mimeType(const platform::MimeTypes& mimeTypes, const platform::Path& url);
+[[nodiscard]] std::string mimeType(const platform::MimeTypes& mimeTypes, const platform::Path& path);
 
 /// Looks at a file before it is sent. Links are followed.
 /// @throws SendError::fileMissing; SendError::fileRead for a folder or a special file (reading a pipe or a device would
 ///         never end); platform::SystemError if the attributes cannot be read
-[[nodiscard]] OutgoingFile examineFile(platform::System& system, const platform::Path& url);
+[[nodiscard]] OutgoingFile examineFile(platform::FileSystem& files, const platform::MimeTypes& mimeTypes,
+                                       const platform::Path& path);
 
 } // namespace orlinth

@@ -43,7 +43,8 @@ void checkInterval(double seconds) {
 
 Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string token) {
     try {
-        FcmWake wake(system, FcmWake::defaultServiceAccountURL(system.directories), std::move(fcmBaseURL));
+        FcmWake wake({.files = system.files, .clock = system.clock, .https = system.https, .queues = system.queues},
+                     FcmWake::defaultServiceAccountPath(system.directories), std::move(fcmBaseURL));
         co_await wake.sendWake(std::move(token));
     } catch (const std::exception& error) {
         throw SendError::network("FCM wake failed: " + platform::textOfFailure(error), SendError::Reason::pushFailed,
@@ -51,22 +52,22 @@ Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string toke
     }
 }
 
-/// What became of an attempt: a connection, or the error that it failed with.
-struct Attempt {
+/// What became of one attempt to connect: a connection, or the error that it failed with.
+struct ConnectResult {
     std::unique_ptr<platform::Stream> stream;
     std::exception_ptr error;
 };
 
 /// Tries once; only cancellation is thrown.
-Task<Attempt> attempt(Task<std::unique_ptr<platform::Stream>> connecting) {
+Task<ConnectResult> tryToConnect(Task<std::unique_ptr<platform::Stream>> connecting) {
     try {
         std::unique_ptr<platform::Stream> stream = co_await std::move(connecting);
-        co_return Attempt{std::move(stream), nullptr};
+        co_return ConnectResult{std::move(stream), nullptr};
     } catch (const std::exception& error) {
         if (platform::isCancellation(error)) {
             throw;
         }
-        co_return Attempt{nullptr, std::current_exception()};
+        co_return ConnectResult{nullptr, std::current_exception()};
     }
 }
 
@@ -93,8 +94,8 @@ void decideOnWake(const ConnectRequest& request, const std::exception_ptr& warmE
 
 Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, ConnectRequest request) {
     Task<std::unique_ptr<platform::Stream>> warm =
-        connectOnce(system, request.peer, request.queue, request.warmConnectTimeout);
-    Attempt first = co_await attempt(std::move(warm));
+        connectOnce(system.network, system.clock, request.peer, request.queue, request.warmConnectTimeout);
+    ConnectResult first = co_await tryToConnect(std::move(warm));
     if (first.stream) {
         co_return std::move(first.stream);
     }
@@ -110,32 +111,33 @@ Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, 
     co_return co_await request.connectAfterWake();
 }
 
-Task<std::unique_ptr<platform::Stream>> connectWithin(platform::System& system, PeerRecord peer, Executor queue,
-                                                      double windowSeconds, double attemptTimeout,
-                                                      double retryInterval) {
+Task<std::unique_ptr<platform::Stream>> connectWithin(platform::Network& network, platform::Clock& clock,
+                                                      PeerRecord peer, Executor queue, double windowSeconds,
+                                                      double attemptTimeout, double retryInterval) {
     checkInterval(retryInterval);
-    const platform::Clock::Instant end = system.clock.now() + platform::Clock::Instant(windowSeconds);
+    const platform::Clock::Instant end = clock.now() + platform::Clock::Instant(windowSeconds);
     std::exception_ptr lastError =
         std::make_exception_ptr(SendError::network("connect timed out after wake", SendError::Reason::timedOut));
-    while (system.clock.now() < end) {
-        Task<std::unique_ptr<platform::Stream>> connecting = connectOnce(system, peer, queue, attemptTimeout);
-        Attempt next = co_await attempt(std::move(connecting));
+    while (clock.now() < end) {
+        Task<std::unique_ptr<platform::Stream>> connecting = connectOnce(network, clock, peer, queue, attemptTimeout);
+        ConnectResult next = co_await tryToConnect(std::move(connecting));
         if (next.stream) {
             co_return std::move(next.stream);
         }
         lastError = next.error;
-        co_await system.clock.sleep(retryInterval);
+        co_await clock.sleep(retryInterval);
     }
     std::rethrow_exception(lastError);
 }
 
-Task<std::unique_ptr<platform::Stream>> connectOnce(platform::System& system, PeerRecord peer, Executor queue,
-                                                    double timeout, WhenRefused whenRefused) {
-    co_return co_await openConnection(system, peer.peer_ip, portOf(peer), std::move(queue), timeout, whenRefused);
+Task<std::unique_ptr<platform::Stream>> connectOnce(platform::Network& network, platform::Clock& clock, PeerRecord peer,
+                                                    Executor queue, double timeout, WhenRefused whenRefused) {
+    co_return co_await openConnection(network, clock, peer.peer_ip, portOf(peer), std::move(queue), timeout,
+                                      whenRefused);
 }
 
 Bytes pubkeyOf(const PeerRecord& peer) {
-    std::optional<Bytes> pubkey = base64Decode(peer.peer_pubkey);
+    std::optional<Bytes> pubkey = base64Decode(peer.peer_pubkey.text());
     if (!pubkey) {
         throw SendError::unauthorizedPeer();
     }
@@ -153,7 +155,7 @@ Task<TransportFramer> authenticate(WireConnection& wire, platform::Clock& clock,
                                                                  : platform::textOfFailure(error));
     }
     NoiseTransport transport = std::move(handshake).finalize();
-    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), who.peerPubkey)) {
+    if (!constantTimeEquals(transport.remoteStaticPublicKey().raw(), who.peerKey)) {
         throw SendError::unauthorizedPeer();
     }
     co_return TransportFramer(std::move(transport));

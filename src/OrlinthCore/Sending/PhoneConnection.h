@@ -34,15 +34,17 @@ struct ConnectRequest {
 [[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, ConnectRequest request);
 
 /// Attempts until `windowSeconds` have passed, `attemptTimeout` each, `retryInterval` between them; the window alone
-/// bounds their number. @throws the last attempt's error; SendError::network("connect timed out after wake") if there
+/// bounds their number. `network` and `clock` outlive the call, as those of connectOnce().
+/// @throws the last attempt's error; SendError::network("connect timed out after wake") if there
 /// was none
-[[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectWithin(platform::System& system, PeerRecord peer,
-                                                                    Executor queue, double windowSeconds,
-                                                                    double attemptTimeout, double retryInterval);
+[[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectWithin(platform::Network& network, platform::Clock& clock,
+                                                                    PeerRecord peer, Executor queue,
+                                                                    double windowSeconds, double attemptTimeout,
+                                                                    double retryInterval);
 
 /// One attempt, as openConnection() makes it.
-[[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectOnce(platform::System& system, PeerRecord peer,
-                                                                  Executor queue, double timeout,
+[[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectOnce(platform::Network& network, platform::Clock& clock,
+                                                                  PeerRecord peer, Executor queue, double timeout,
                                                                   WhenRefused whenRefused = WhenRefused::fail);
 
 /// The phone's key from its record. @throws SendError::unauthorizedPeer if it is not Base64
@@ -52,8 +54,8 @@ struct ConnectRequest {
 struct Authentication {
     const platform::PrivateKey& staticKey; ///< ours
     std::string prologue;
-    Bytes peerPubkey; ///< the phone's, as it was paired
-    double seconds;   ///< for the whole handshake; 0: no limit
+    Bytes peerKey;  ///< the phone's, as it was paired
+    double seconds; ///< for the whole handshake; 0: no limit
 };
 
 /// Runs the handshake as its initiator and checks that the phone is the one that was paired. The connection, whose

@@ -20,8 +20,8 @@ static_assert(chunkBytes + TransportFramer::overheadBytes <= WireConnection::max
 ConnectRequest connectRequest(platform::System& system, const SendTerms& terms, const Executor& queue,
                               SendProgress& progress) {
     const auto attemptInWindow = [&system, &terms, queue] {
-        return connectWithin(system, terms.peer, queue, terms.postWakeConnectTimeout, terms.postWakeAttemptTimeout,
-                             terms.postWakeRetryInterval);
+        return connectWithin(system.network, system.clock, terms.peer, queue, terms.postWakeConnectTimeout,
+                             terms.postWakeAttemptTimeout, terms.postWakeRetryInterval);
     };
     return {.peer = terms.peer,
             .queue = queue,
@@ -82,7 +82,9 @@ std::unique_ptr<platform::File> openAt(platform::FileSystem& files, const platfo
 
 /// What a send has at hand once the phone has proved its key.
 struct Conversation {
-    platform::System& system;
+    platform::FileSystem& files;
+    platform::Clock& clock;
+    platform::WorkQueues& queues;
     const PreparedFile& prepared;
     const SendTerms& terms;
     SendProgress& progress;
@@ -123,11 +125,11 @@ Task<SentFile> offerAndStream(Conversation& with) {
     co_await with.wire.sendLengthPrefixed(offer);
     FrameBuffer buffer;
     co_await with.wire.receiveFrame(buffer);
-    const FrameView answer = co_await with.framer.decodeInPlace(with.system.network, buffer.body());
+    const FrameView answer = co_await with.framer.decodeInPlace(with.queues, buffer.body());
     const std::int64_t offset = acceptedOffset(answer, id, source.size);
 
-    const platform::Clock::Instant start = with.system.clock.now();
-    const std::unique_ptr<platform::File> file = openAt(with.system.files, with.prepared.path, offset);
+    const platform::Clock::Instant start = with.clock.now();
+    const std::unique_ptr<platform::File> file = openAt(with.files, with.prepared.path, offset);
     with.silence.begin(with.terms.silenceSeconds);
     with.progress.onProgress(offset, source.size);
     const std::int64_t sent = co_await stream(with, buffer, *file, offset);
@@ -136,7 +138,7 @@ Task<SentFile> offerAndStream(Conversation& with) {
     co_return SentFile{.savedPath = with.prepared.path.native(),
                        .bytesSent = offset + sent,
                        .advertisedSize = source.size,
-                       .durationSeconds = (with.system.clock.now() - start).count(),
+                       .durationSeconds = (with.clock.now() - start).count(),
                        .resumedFromOffset = offset};
 }
 
@@ -162,7 +164,7 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
     SendProgress unwatched;
     SendProgress& progress = terms.progress != nullptr ? *terms.progress : unwatched;
     progress.onFile(prepared.file.name, prepared.file.size, prepared.file.mime);
-    Bytes peerPubkey = pubkeyOf(terms.peer);
+    Bytes peerKey = pubkeyOf(terms.peer);
 
     std::unique_ptr<platform::Stream> connection =
         co_await connectOrWake(system, connectRequest(system, terms, queue, progress));
@@ -174,13 +176,15 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
     WireConnection wire(std::move(connection), system.clock);
     Authentication who{.staticKey = terms.staticKey,
                        .prologue = terms.prologue,
-                       .peerPubkey = std::move(peerPubkey),
+                       .peerKey = std::move(peerKey),
                        .seconds = terms.handshakeSeconds};
     TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     progress.onHandshakeComplete();
 
     platform::TimeLimit silence(system.clock, queue, [&wire] { wire.close(); });
-    Conversation conversation{.system = system,
+    Conversation conversation{.files = system.files,
+                              .clock = system.clock,
+                              .queues = system.queues,
                               .prepared = prepared,
                               .terms = terms,
                               .progress = progress,
@@ -198,13 +202,13 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
 
 /// The whole send by a journal, on its own queue.
 Task<SentFile> sendByJournal(platform::System& system, SendRequest request, Executor queue) {
-    const OutgoingFile source = examineFile(system, request.fileURL);
+    const OutgoingFile source = examineFile(system.files, system.mimeTypes, request.filePath);
     InFlightJournal& journal = request.journal;
     TransferId id(journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint));
     const auto forget = [&journal, source] {
         journal.complete(source.name, source.size, source.mime, source.fingerprint);
     };
-    PreparedFile prepared{.path = std::move(request.fileURL), .file = source, .transferId = std::move(id)};
+    PreparedFile prepared{.path = std::move(request.filePath), .file = source, .transferId = std::move(id)};
     SendOutcome outcome =
         co_await sendOnQueue(system, std::move(prepared), std::move(request.terms), std::move(queue), forget);
     co_return std::move(outcome.sent);
@@ -220,13 +224,13 @@ void SendProgress::onProgress(std::int64_t, std::int64_t) {}
 void SendProgress::onComplete(const SentFile&) {}
 
 Task<SentFile> sendOneFile(platform::System& system, SendRequest request) {
-    const Executor queue = system.network.makeSerialQueue("orlinth.send");
+    const Executor queue = system.queues.makeSerialQueue("orlinth.send");
     Task<SentFile> send = sendByJournal(system, std::move(request), queue);
     co_return co_await platform::runOn(queue, std::move(send));
 }
 
 Task<SendOutcome> sendPrepared(platform::System& system, PreparedFile file, SendTerms terms) {
-    const Executor queue = system.network.makeSerialQueue("orlinth.send");
+    const Executor queue = system.queues.makeSerialQueue("orlinth.send");
     Task<SendOutcome> send = sendOnQueue(system, std::move(file), std::move(terms), queue, {});
     co_return co_await platform::runOn(queue, std::move(send));
 }

@@ -67,7 +67,7 @@ struct SendTerms {
 
 /// One send by the journal, which outlives it.
 struct SendRequest {
-    platform::Path fileURL;
+    platform::Path filePath;
     InFlightJournal& journal;
     SendTerms terms;
 };

@@ -17,7 +17,7 @@ Json ShareOutbox::SharePeer::toJson() const {
 
 ShareOutbox::SharePeer ShareOutbox::SharePeer::fromJson(const Json& json) {
     return {.hostname = requireString(json, "hostname"),
-            .pubkey = requireString(json, "pubkey"),
+            .pubkey = PeerKey(requireString(json, "pubkey")),
             .subtitle = requireString(json, "subtitle")};
 }
 
@@ -30,10 +30,13 @@ Json ShareOutbox::Manifest::toJson() const {
 }
 
 ShareOutbox::Manifest ShareOutbox::Manifest::fromJson(const Json& json) {
-    return {.id = requireString(json, "id"),
-            .createdAtMs = requireInt64(json, "createdAtMs"),
-            .files = requireStrings(json, "files"),
-            .targetPubkeys = optionalStrings(json, "targetPubkeys")};
+    Manifest manifest{.id = requireString(json, "id"),
+                      .createdAtMs = requireInt64(json, "createdAtMs"),
+                      .files = requireStrings(json, "files")};
+    if (const std::optional<std::vector<std::string>> keys = optionalStrings(json, "targetPubkeys")) {
+        manifest.targetPubkeys.emplace(keys->begin(), keys->end());
+    }
+    return manifest;
 }
 
 ShareOutbox::ShareOutbox(platform::FileSystem& files, const platform::UserDirectories& directories)
@@ -43,7 +46,7 @@ std::optional<platform::Path> ShareOutbox::outboxRoot() const {
     return hasContainer() ? std::optional(container_ / "Outbox") : std::nullopt;
 }
 
-std::optional<platform::Path> ShareOutbox::peersFileURL() const {
+std::optional<platform::Path> ShareOutbox::peersFilePath() const {
     return hasContainer() ? std::optional(container_ / peersName) : std::nullopt;
 }
 
@@ -90,7 +93,7 @@ std::vector<ShareOutbox::SharePeer> ShareOutbox::readPeers() const {
 
 void ShareOutbox::writePeers(const std::vector<SharePeer>& peers) const noexcept {
     try {
-        if (const std::optional<platform::Path> file = peersFileURL()) {
+        if (const std::optional<platform::Path> file = peersFilePath()) {
             platform::writeWholeFile(files_, *file, asBytes(encodePeers(peers)), ownersFile, platform::Flush::now,
                                      platform::Links::follow);
         }

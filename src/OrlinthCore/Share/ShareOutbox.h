@@ -2,6 +2,7 @@
 
 #include "base/Bytes.h"
 #include "base/Json.h"
+#include "base/StrongText.h"
 #include "platform/BusSignals.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
@@ -33,7 +34,7 @@ public:
     /// One phone as the picker shows it. The JSON keys are the field names.
     struct SharePeer {
         std::string hostname;
-        std::string pubkey;   ///< Base64, as in the peer store; the picker's selection key
+        PeerKey pubkey;       ///< as in the peer store; the picker's selection key
         std::string subtitle; ///< a second line, composed by the host
 
         [[nodiscard]] Json toJson() const;
@@ -49,7 +50,7 @@ public:
         std::vector<std::string> files; ///< names in the batch's folder, in the order in which the copies finished
         /// Keys of the chosen phones. Nothing (and no such key in the JSON) when there was no choice, with one phone
         /// paired.
-        std::optional<std::vector<std::string>> targetPubkeys = std::nullopt;
+        std::optional<std::vector<PeerKey>> targetPubkeys = std::nullopt;
 
         [[nodiscard]] Json toJson() const;
         /// Of the form only: whoever uses the names looks at them first. @throws JsonError
@@ -63,7 +64,7 @@ public:
     /// The folder of the batches, which may not be there yet. Nothing if there is no container and none can be made.
     [[nodiscard]] std::optional<platform::Path> outboxRoot() const;
     /// Nothing, likewise.
-    [[nodiscard]] std::optional<platform::Path> peersFileURL() const;
+    [[nodiscard]] std::optional<platform::Path> peersFilePath() const;
     /// The container that both lie in.
     [[nodiscard]] const platform::Path& container() const noexcept { return container_; }
     /// Why there is no container and none can be made, in the system's words; nothing if there is one.

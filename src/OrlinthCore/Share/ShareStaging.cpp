@@ -198,7 +198,7 @@ std::string ShareStaging::lastProblem() const {
     return lastProblem_;
 }
 
-ShareOutbox::Manifest ShareStaging::finish(std::optional<std::vector<std::string>> targetPubkeys) {
+ShareOutbox::Manifest ShareStaging::finish(std::optional<std::vector<PeerKey>> targetPubkeys) {
     std::vector<std::string> names = copiedNames();
     if (names.empty()) {
         discard();

@@ -70,7 +70,7 @@ public:
     [[nodiscard]] std::string lastProblem() const;
     /// Writes the manifest and rings. Returns it. Once. @throws ShareError; then the folder is gone, and the host has
     /// seen no batch
-    ShareOutbox::Manifest finish(std::optional<std::vector<std::string>> targetPubkeys);
+    ShareOutbox::Manifest finish(std::optional<std::vector<PeerKey>> targetPubkeys);
 
     /// The first of "name.ext", "name 2.ext", "name 3.ext", … that is not taken in the folder. "manifest.json" is.
     [[nodiscard]] static platform::Path uniqueDestination(const platform::FileSystem& files,

@@ -20,8 +20,8 @@ public:
     struct Transfer {
         BatchId batch;
         std::string file;
-        std::string to; ///< the phone's name
-        PeerKey key;    ///< the phone's
+        std::string to;  ///< the phone's name
+        PeerKey peerKey; ///< the phone's
     };
 
     /// At most twice a second.

@@ -4,8 +4,8 @@
 
 namespace orlinth::host {
 
-OutboxJournal::OutboxJournal(platform::System& system, platform::Path file)
-    : system_(system), journal_(system.files, std::move(file)), batch_(journal_) {}
+OutboxJournal::OutboxJournal(platform::FileSystem& files, const platform::MimeTypes& mimeTypes, platform::Path file)
+    : files_(files), mimeTypes_(mimeTypes), journal_(files, std::move(file)), batch_(journal_) {}
 
 std::int64_t OutboxJournal::sizeOf(const platform::Path& file) const {
     const auto prepared = prepared_.find(file);
@@ -20,7 +20,7 @@ void OutboxJournal::prepare(const std::vector<platform::Path>& files) {
             continue;
         }
         try {
-            OutgoingFile examined = examineFile(system_, file);
+            OutgoingFile examined = examineFile(files_, mimeTypes_, file);
             wanted.push_back({.key = keyOf(examined)});
             fresh.push_back(&(prepared_[file] = {.file = std::move(examined), .id = {}}));
         } catch (const Error&) {
@@ -35,7 +35,7 @@ void OutboxJournal::prepare(const std::vector<platform::Path>& files) {
 
 PreparedFile OutboxJournal::take(const platform::Path& file) {
     if (!isPrepared(file)) {
-        prepared_[file] = {.file = examineFile(system_, file), .id = {}}; // which gets its id at once
+        prepared_[file] = {.file = examineFile(files_, mimeTypes_, file), .id = {}}; // which gets its id at once
     }
     Prepared& prepared = prepared_.at(file);
     prepared.id = batch_.idOf(keyOf(prepared.file));

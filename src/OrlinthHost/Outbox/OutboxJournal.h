@@ -2,7 +2,8 @@
 
 #include "OrlinthCore/Sending/SendTransfer.h"
 #include "base/StrongText.h"
-#include "platform/System.h"
+#include "platform/FileSystem.h"
+#include "platform/MimeTypes.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -20,8 +21,8 @@ public:
     /// Each is examined for that, which reads its first 64 KiB.
     static constexpr std::size_t filesPreparedAtOnce = 16;
 
-    /// `system` outlives this. Touches no file.
-    OutboxJournal(platform::System& system, platform::Path file);
+    /// `files` and `mimeTypes` outlive this. Touches no file.
+    OutboxJournal(platform::FileSystem& files, const platform::MimeTypes& mimeTypes, platform::Path file);
 
     /// Whether the file has its id.
     [[nodiscard]] bool isPrepared(const platform::Path& file) const { return prepared_.contains(file); }
@@ -36,7 +37,8 @@ public:
     void complete(const platform::Path& file);
 
 private:
-    platform::System& system_;
+    platform::FileSystem& files_;
+    const platform::MimeTypes& mimeTypes_;
     InFlightJournal journal_;
     InFlightJournal::Batch batch_;
     struct Prepared {

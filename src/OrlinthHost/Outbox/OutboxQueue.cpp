@@ -32,32 +32,32 @@ std::string summaryOf(const OutboxState& state) {
 
 } // namespace
 
-bool OutboxQueue::Job::isOpenFor(const PeerKey& key) {
-    const OutboxState::Phone* const phone = state.find(key);
+bool OutboxQueue::Job::isOpenFor(const PeerKey& peerKey) {
+    const OutboxState::Phone* const phone = state.find(peerKey);
     if (phone == nullptr || isDropped) {
         return false;
     }
     const std::vector<std::string>& files = batch.manifest.files;
-    std::size_t& first = firstOpen[key];
+    std::size_t& first = firstOpen[peerKey];
     while (first < files.size() && !phone->isOpen(files[first])) {
         ++first;
     }
     return first < files.size();
 }
 
-std::optional<std::string> OutboxQueue::Job::nextFor(const PeerKey& key) {
+std::optional<std::string> OutboxQueue::Job::nextFor(const PeerKey& peerKey) {
     std::optional<std::string> next;
-    if (!isOpenFor(key)) {
+    if (!isOpenFor(peerKey)) {
         return next;
     }
-    const OutboxState::Phone& phone = *state.find(key);
+    const OutboxState::Phone& phone = *state.find(peerKey);
     const std::vector<std::string>& files = batch.manifest.files;
     int fewest = 0;
-    for (std::size_t i = firstOpen.at(key); i < files.size(); ++i) {
-        if (!phone.isOpen(files[i]) || underWay.contains({key, files[i]})) {
+    for (std::size_t i = firstOpen.at(peerKey); i < files.size(); ++i) {
+        if (!phone.isOpen(files[i]) || underWay.contains({peerKey, files[i]})) {
             continue;
         }
-        const int count = attemptsInVain(key, files[i]);
+        const int count = attemptsInVain(peerKey, files[i]);
         if (!next || count < fewest) {
             next = files[i];
             fewest = count;
@@ -69,26 +69,26 @@ std::optional<std::string> OutboxQueue::Job::nextFor(const PeerKey& key) {
     return next;
 }
 
-std::vector<std::string> OutboxQueue::Job::upcoming(const PeerKey& key, std::size_t most) {
+std::vector<std::string> OutboxQueue::Job::upcoming(const PeerKey& peerKey, std::size_t most) {
     std::vector<std::string> names;
-    const std::optional<std::string> next = nextFor(key);
+    const std::optional<std::string> next = nextFor(peerKey);
     if (!next) {
         return names;
     }
     names.push_back(*next);
-    const OutboxState::Phone& phone = *state.find(key);
+    const OutboxState::Phone& phone = *state.find(peerKey);
     const std::vector<std::string>& files = batch.manifest.files;
-    for (std::size_t i = firstOpen.at(key); i < files.size() && names.size() < most; ++i) {
-        const bool comesBehind = files[i] != *next && phone.isOpen(files[i]) && !underWay.contains({key, files[i]});
-        if (comesBehind && attemptsInVain(key, files[i]) == 0) {
+    for (std::size_t i = firstOpen.at(peerKey); i < files.size() && names.size() < most; ++i) {
+        const bool comesBehind = files[i] != *next && phone.isOpen(files[i]) && !underWay.contains({peerKey, files[i]});
+        if (comesBehind && attemptsInVain(peerKey, files[i]) == 0) {
             names.push_back(files[i]);
         }
     }
     return names;
 }
 
-int OutboxQueue::Job::attemptsInVain(const PeerKey& key, const std::string& file) const {
-    const auto at = inVain.find({key, file});
+int OutboxQueue::Job::attemptsInVain(const PeerKey& peerKey, const std::string& file) const {
+    const auto at = inVain.find({peerKey, file});
     return at == inVain.end() ? 0 : at->second;
 }
 
@@ -184,10 +184,10 @@ void OutboxQueue::accept(const BatchId& id, News& news) {
         }
         auto job = std::make_unique<Job>(Job{.batch = std::move(batch), .state = std::move(state)});
         for (const OutboxState::Phone& phone : job->state.phones) {
-            if (job->isOpenFor(phone.pubkey)) {
-                news.phones.insert(phone.pubkey);
+            if (job->isOpenFor(phone.peerKey)) {
+                news.phones.insert(phone.peerKey);
             } else {
-                job->through.insert(phone.pubkey);
+                job->through.insert(phone.peerKey);
             }
         }
         save(*job);
@@ -219,12 +219,12 @@ OutboxQueue::Job* OutboxQueue::find(const BatchId& id) {
     return at == jobs_.end() ? nullptr : at->second.get();
 }
 
-OutboxQueue::Job* OutboxQueue::nextFor(const PeerKey& key) {
+OutboxQueue::Job* OutboxQueue::nextFor(const PeerKey& peerKey) {
     Job* next = nullptr;
     std::pair<int, std::int64_t> place; // in the line
     for (const auto& [id, job] : jobs_) {
-        if (const std::optional<std::string> file = job->nextFor(key)) {
-            const std::pair<int, std::int64_t> mine = {job->attemptsInVain(key, *file),
+        if (const std::optional<std::string> file = job->nextFor(peerKey)) {
+            const std::pair<int, std::int64_t> mine = {job->attemptsInVain(peerKey, *file),
                                                        job->batch.manifest.createdAtMs};
             if (next == nullptr || mine < place) {
                 next = job.get();
@@ -237,17 +237,18 @@ OutboxQueue::Job* OutboxQueue::nextFor(const PeerKey& key) {
 
 // What becomes of it
 
-std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const PeerKey& key) {
-    std::shared_ptr<OutboxJournal>& journal = job.journals[key];
+std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const PeerKey& peerKey) {
+    std::shared_ptr<OutboxJournal>& journal = job.journals[peerKey];
     if (!journal) {
-        journal = std::make_shared<OutboxJournal>(home_.system, job.state.journalFile(key));
+        journal =
+            std::make_shared<OutboxJournal>(home_.system.files, home_.system.mimeTypes, job.state.journalFile(peerKey));
     }
-    const std::string file = *job.nextFor(key);
+    const std::string file = *job.nextFor(peerKey);
     if (!journal->isPrepared(job.batch.folder / file)) {
         note([&job] { job.state.flush(); }); // before the ids of what was sent go from the journal
-        journal->prepare(soundOf(job, job.upcoming(key, OutboxJournal::filesPreparedAtOnce)));
+        journal->prepare(soundOf(job, job.upcoming(peerKey, OutboxJournal::filesPreparedAtOnce)));
     }
-    job.underWay.insert({key, file});
+    job.underWay.insert({peerKey, file});
     return journal;
 }
 
@@ -265,48 +266,48 @@ std::vector<platform::Path> OutboxQueue::soundOf(const Job& job, const std::vect
     return paths;
 }
 
-void OutboxQueue::setDone(Job& job, const PeerKey& key, const OutboxEvents::Transfer& transfer,
+void OutboxQueue::setDone(Job& job, const PeerKey& peerKey, const OutboxEvents::Transfer& transfer,
                           const Delivered& delivered) {
-    OutboxState::Phone& phone = *job.state.find(key);
+    OutboxState::Phone& phone = *job.state.find(peerKey);
     phone.setDone(transfer.file);
     saveFile(job, phone, transfer.file);
-    job.journals.at(key)->complete(job.batch.folder / transfer.file);
+    job.journals.at(peerKey)->complete(job.batch.folder / transfer.file);
     events_.sent(transfer, delivered);
-    settlePhone(job, key);
+    settlePhone(job, peerKey);
     endIfThrough(job.id());
 }
 
-void OutboxQueue::setFailed(Job& job, const PeerKey& key, const std::string& file, const std::string& message) {
-    OutboxState::Phone& phone = *job.state.find(key);
+void OutboxQueue::setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const std::string& message) {
+    OutboxState::Phone& phone = *job.state.find(peerKey);
     phone.failed[file] = message;
     saveFile(job, phone, file);
-    events_.failed({.batch = job.id(), .file = file, .to = phone.displayName(), .key = key}, message);
-    settlePhone(job, key);
+    events_.failed({.batch = job.id(), .file = file, .to = phone.displayName(), .peerKey = peerKey}, message);
+    settlePhone(job, peerKey);
     endIfThrough(job.id());
 }
 
-void OutboxQueue::setAllFailed(const PeerKey& key, const std::string& message) {
-    while (Job* const job = nextFor(key)) {
-        OutboxState::Phone& phone = *job->state.find(key);
-        while (const std::optional<std::string> file = job->nextFor(key)) {
+void OutboxQueue::setAllFailed(const PeerKey& peerKey, const std::string& message) {
+    while (Job* const job = nextFor(peerKey)) {
+        OutboxState::Phone& phone = *job->state.find(peerKey);
+        while (const std::optional<std::string> file = job->nextFor(peerKey)) {
             phone.failed[*file] = message;
         }
         save(*job);
         events_.failed(job->id(), phone, message);
-        settlePhone(*job, key);
+        settlePhone(*job, peerKey);
         endIfThrough(job->id());
     }
 }
 
-void OutboxQueue::setWaiting(const PeerKey& key, const std::string& message, double seconds, bool isNews) {
+void OutboxQueue::setWaiting(const PeerKey& peerKey, const std::string& message, double seconds, bool isNews) {
     OutboxState::Phone waiting;
-    waiting.pubkey = key;
+    waiting.peerKey = peerKey;
     bool isFirst = false; // of one of the batches
     for (const auto& [id, job] : jobs_) {
-        if (!job->isOpenFor(key)) {
+        if (!job->isOpenFor(peerKey)) {
             continue;
         }
-        OutboxState::Phone& phone = *job->state.find(key);
+        OutboxState::Phone& phone = *job->state.find(peerKey);
         waiting.hostname = phone.hostname;
         isFirst = isFirst || phone.waiting.empty();
         if (std::exchange(phone.waiting, message) != message) {
@@ -322,11 +323,11 @@ void OutboxQueue::setWaiting(const PeerKey& key, const std::string& message, dou
     }
 }
 
-void OutboxQueue::settlePhone(Job& job, const PeerKey& key) {
-    if (job.isDropped || job.isOpenFor(key) || !job.through.insert(key).second) {
+void OutboxQueue::settlePhone(Job& job, const PeerKey& peerKey) {
+    if (job.isDropped || job.isOpenFor(peerKey) || !job.through.insert(peerKey).second) {
         return;
     }
-    const OutboxState::Phone& phone = *job.state.find(key);
+    const OutboxState::Phone& phone = *job.state.find(peerKey);
     std::vector<std::string> done;
     std::copy_if(job.batch.manifest.files.begin(), job.batch.manifest.files.end(), std::back_inserter(done),
                  [&phone](const std::string& name) { return phone.done.contains(name); });
@@ -339,7 +340,7 @@ void OutboxQueue::endIfThrough(const BatchId& id) {
         return;
     }
     for (const OutboxState::Phone& phone : job->state.phones) {
-        if (job->isOpenFor(phone.pubkey)) {
+        if (job->isOpenFor(phone.peerKey)) {
             return;
         }
     }

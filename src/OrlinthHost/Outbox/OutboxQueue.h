@@ -42,14 +42,14 @@ public:
 
         [[nodiscard]] BatchId id() const { return BatchId(batch.manifest.id); }
         /// Whether there is a file that the phone does not have, and may get. Those under way are among them.
-        [[nodiscard]] bool isOpenFor(const PeerKey& key);
+        [[nodiscard]] bool isOpenFor(const PeerKey& peerKey);
         /// The next file for a phone: the first of those with the fewest attempts in vain, so that one which the phone
         /// cannot take does not hold up the others. Nothing if there is none that is not under way, or the batch is not
         /// for that phone.
-        [[nodiscard]] std::optional<std::string> nextFor(const PeerKey& key);
+        [[nodiscard]] std::optional<std::string> nextFor(const PeerKey& peerKey);
         /// That file, and those that come behind it if all goes well; `most` in all.
-        [[nodiscard]] std::vector<std::string> upcoming(const PeerKey& key, std::size_t most);
-        [[nodiscard]] int attemptsInVain(const PeerKey& key, const std::string& file) const;
+        [[nodiscard]] std::vector<std::string> upcoming(const PeerKey& peerKey, std::size_t most);
+        [[nodiscard]] int attemptsInVain(const PeerKey& peerKey, const std::string& file) const;
         /// What has failed is to be tried again.
         void startOver();
     };
@@ -78,25 +78,27 @@ public:
     [[nodiscard]] Job* find(const BatchId& id);
     /// The oldest with something for this phone that is not under way, again of those with the fewest attempts in vain;
     /// null if there is none.
-    [[nodiscard]] Job* nextFor(const PeerKey& key);
+    [[nodiscard]] Job* nextFor(const PeerKey& peerKey);
     /// @throws OutboxError, platform::SystemError
     void checkFile(const Job& job, const std::string& file) const { batches_.checkFile(job.batch, file); }
 
     /// An attempt at the phone's next file begins. Returns the journal, in which the file has its id by now.
-    [[nodiscard]] std::shared_ptr<OutboxJournal> setUnderWay(Job& job, const PeerKey& key);
+    [[nodiscard]] std::shared_ptr<OutboxJournal> setUnderWay(Job& job, const PeerKey& peerKey);
     /// An attempt has ended. Before any of the following that tell how.
-    static void setEnded(Job& job, const PeerKey& key, const std::string& file) { job.underWay.erase({key, file}); }
+    static void setEnded(Job& job, const PeerKey& peerKey, const std::string& file) {
+        job.underWay.erase({peerKey, file});
+    }
     /// The phone has the file. What may be ended by these is: no job is to be used afterwards without looking for it
     /// again.
-    void setDone(Job& job, const PeerKey& key, const OutboxEvents::Transfer& transfer, const Delivered& delivered);
-    void setFailed(Job& job, const PeerKey& key, const std::string& file, const std::string& message);
+    void setDone(Job& job, const PeerKey& peerKey, const OutboxEvents::Transfer& transfer, const Delivered& delivered);
+    void setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const std::string& message);
     /// The phone was there, and took nothing of this file: others go first.
-    void putBehind(Job& job, const PeerKey& key, const std::string& file) { ++job.inVain[{key, file}]; }
+    void putBehind(Job& job, const PeerKey& peerKey, const std::string& file) { ++job.inVain[{peerKey, file}]; }
     /// Everything that is left for this phone, in any batch, and not under way.
-    void setAllFailed(const PeerKey& key, const std::string& message);
+    void setAllFailed(const PeerKey& peerKey, const std::string& message);
     /// An attempt for this phone has failed, and the next is made after `seconds`. `isNews` if it is for another reason
     /// than was told before.
-    void setWaiting(const PeerKey& key, const std::string& message, double seconds, bool isNews);
+    void setWaiting(const PeerKey& peerKey, const std::string& message, double seconds, bool isNews);
 
     /// Once more, what could not be noted. The last call.
     void saveWhatIsBehind();
@@ -114,7 +116,7 @@ private:
     void accept(const BatchId& id, News& news);
     [[nodiscard]] OutboxState remembered(const OutboxBatches::Batch& batch);
     [[nodiscard]] std::vector<platform::Path> soundOf(const Job& job, const std::vector<std::string>& names) const;
-    void settlePhone(Job& job, const PeerKey& key);
+    void settlePhone(Job& job, const PeerKey& peerKey);
     void endIfThrough(const BatchId& id);
     void leaveBehind(const BatchId& id, bool isThere, const std::string& problem);
     void setAside(const BatchId& id, const std::string& message);

@@ -41,8 +41,8 @@ struct OutboxSender::Running final : Attempt {
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
         Attempt::onProgress(bytesSent, totalBytes);
         const platform::Clock::Instant now = clock.now();
-        if (!lastTold || (now - *lastTold).count() >= progressSeconds) {
-            lastTold = now;
+        if (!lastProgressAt || (now - *lastProgressAt).count() >= progressSeconds) {
+            lastProgressAt = now;
             events.progress(transfer, bytesSent, totalBytes);
         }
     }
@@ -57,7 +57,7 @@ struct OutboxSender::Running final : Attempt {
     platform::Path file;
     std::shared_ptr<OutboxJournal> journal;
     std::int64_t bytes; ///< of the file
-    std::optional<platform::Clock::Instant> lastTold;
+    std::optional<platform::Clock::Instant> lastProgressAt;
     bool isCalledOff = false; ///< cancelled to look again at what is next
     bool isFirst = false;     ///< when it began there was no other connection to the phone
     bool hadCompany = false;  ///< another connection to the phone was there for a time
@@ -68,7 +68,7 @@ struct OutboxSender::Running final : Attempt {
 
 /// What goes to one phone.
 struct OutboxSender::Phone {
-    PeerKey key;
+    PeerKey peerKey;
     std::optional<PeerRecord> record; ///< as of the last attempt
     RetryPolicy retries;
     std::map<std::string, OffersInDoubt> inDoubt; ///< by file, with its batch
@@ -109,16 +109,16 @@ void OutboxSender::look() {
     for (const BatchId& id : news.vanished) {
         static_cast<void>(drop(id)); // somebody has taken it back; what lies there now, if anything, is his
     }
-    for (const PeerKey& key : news.phones) {
-        hope(phoneOf(key));
+    for (const PeerKey& peerKey : news.phones) {
+        hope(phoneOf(peerKey));
     }
 }
 
-OutboxSender::Phone& OutboxSender::phoneOf(const PeerKey& key) {
-    std::unique_ptr<Phone>& phone = phones_[key];
+OutboxSender::Phone& OutboxSender::phoneOf(const PeerKey& peerKey) {
+    std::unique_ptr<Phone>& phone = phones_[peerKey];
     if (!phone) {
         phone = std::make_unique<Phone>();
-        phone->key = key;
+        phone->peerKey = peerKey;
         phone->timer = home_.system.clock.makeTimer(home_.executor);
     }
     return *phone;
@@ -151,7 +151,7 @@ bool OutboxSender::mayBegin(const Phone& phone) const {
 
 void OutboxSender::startNext(Phone& phone) {
     while (mayBegin(phone)) {
-        Job* const job = queue_.nextFor(phone.key);
+        Job* const job = queue_.nextFor(phone.peerKey);
         if (job == nullptr) {
             return;
         }
@@ -160,13 +160,13 @@ void OutboxSender::startNext(Phone& phone) {
 }
 
 void OutboxSender::begin(Phone& phone, Job& job) {
-    OutboxState::Phone& state = *job.state.find(phone.key);
-    const std::string file = *job.nextFor(phone.key);
+    OutboxState::Phone& state = *job.state.find(phone.peerKey);
+    const std::string file = *job.nextFor(phone.peerKey);
     try {
         const PeerBook book = home_.peers().loadBook();
-        const PeerRecord* const record = book.find(phone.key.text());
+        const PeerRecord* const record = book.find(phone.peerKey);
         if (record == nullptr) {
-            queue_.setAllFailed(phone.key, forDisplay(state.displayName()) + " is not paired any more");
+            queue_.setAllFailed(phone.peerKey, forDisplay(state.displayName()) + " is not paired any more");
             return;
         }
         phone.record = *record;
@@ -174,7 +174,7 @@ void OutboxSender::begin(Phone& phone, Job& job) {
         static_cast<void>(checkPeer(*record, ownKey_.publicKey(), PeerUse::connection));
         queue_.checkFile(job, file);
     } catch (const OutboxError& error) {
-        queue_.setFailed(job, phone.key, file, error.description());
+        queue_.setFailed(job, phone.peerKey, file, error.description());
         return;
     } catch (const Error& error) {
         pause(phone, error.description());
@@ -184,12 +184,12 @@ void OutboxSender::begin(Phone& phone, Job& job) {
 }
 
 void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
-    OutboxState::Phone& state = *job.state.find(phone.key);
-    OutboxEvents::Transfer what{.batch = job.id(), .file = file, .to = state.displayName(), .key = phone.key};
+    OutboxState::Phone& state = *job.state.find(phone.peerKey);
+    OutboxEvents::Transfer what{.batch = job.id(), .file = file, .to = state.displayName(), .peerKey = phone.peerKey};
     const bool isFirst = phone.attempts.empty();
     Running& running = *phone.attempts.emplace_back(
         std::make_unique<Running>(home_.system.clock, events_, std::move(what), *phone.record, job.batch.folder / file,
-                                  queue_.setUnderWay(job, phone.key)));
+                                  queue_.setUnderWay(job, phone.peerKey)));
     if (const auto before = phone.inDoubt.find(running.place()); before != phone.inDoubt.end()) {
         running.inDoubt = before->second;
     }
@@ -228,7 +228,7 @@ void OutboxSender::settle(Phone& phone, const Running& ended, std::exception_ptr
     phone.attempts.erase(at);
     const BatchId& id = running->transfer.batch;
     if (Job* const job = queue_.find(id)) {
-        OutboxQueue::setEnded(*job, phone.key, running->transfer.file);
+        OutboxQueue::setEnded(*job, phone.peerKey, running->transfer.file);
         settle(phone, *job, *running,
                {.error = std::move(error),
                 .stage = running->stage(),
@@ -263,15 +263,15 @@ void OutboxSender::settle(Phone& phone, Job& job, const Running& running, const 
         phone.reached.erase(running.place());
         phone.inDoubt.erase(running.place());
         phone.lanes.addTaken();
-        queue_.setDone(job, phone.key, running.transfer, *running.delivered);
+        queue_.setDone(job, phone.peerKey, running.transfer, *running.delivered);
         break;
     case SendVerdict::fileLost:
         end(phone, Outcome::answered);
-        queue_.setFailed(job, phone.key, running.transfer.file, failureText(ended));
+        queue_.setFailed(job, phone.peerKey, running.transfer.file, failureText(ended));
         break;
     case SendVerdict::phoneLost:
         end(phone, Outcome::answered);
-        queue_.setAllFailed(phone.key, failureText(ended));
+        queue_.setAllFailed(phone.peerKey, failureText(ended));
         break;
     case SendVerdict::inDoubt:
         settleDoubt(phone, job, running);
@@ -294,14 +294,14 @@ void OutboxSender::settleDoubt(Phone& phone, Job& job, const Running& running) {
         return;
     }
     phone.inDoubt.erase(running.place()); // a retry begins anew
-    queue_.setFailed(job, phone.key, running.transfer.file, DeliveryInDoubt::text);
+    queue_.setFailed(job, phone.peerKey, running.transfer.file, DeliveryInDoubt::text);
 }
 
 /// The next attempt, which is alone, shows whether the phone is there.
 void OutboxSender::settleOneTooMany(Phone& phone, Job& job, const Running& running) {
     const bool hasMoved = hasGotFurther(phone, running);
     if (!hasMoved && running.beganAt()) {
-        queue_.putBehind(job, phone.key, running.transfer.file);
+        queue_.putBehind(job, phone.peerKey, running.transfer.file);
     }
     end(phone, hasMoved ? RetryPolicy::Outcome::answered : RetryPolicy::Outcome::nothing);
     phone.lanes.fallBack();
@@ -310,7 +310,7 @@ void OutboxSender::settleOneTooMany(Phone& phone, Job& job, const Running& runni
 void OutboxSender::settleBreak(Phone& phone, Job& job, const Running& running, const EndedAttempt& ended) {
     const bool hasMoved = hasGotFurther(phone, running);
     if (!hasMoved && running.stage() != AttemptStage::connecting) {
-        queue_.putBehind(job, phone.key, running.transfer.file);
+        queue_.putBehind(job, phone.peerKey, running.transfer.file);
     }
     const RetryPolicy::Outcome outcome = hasMoved ? RetryPolicy::Outcome::moved : RetryPolicy::Outcome::failed;
     if (const auto seconds = phone.retries.ended(outcome, home_.system.clock.now())) {
@@ -343,11 +343,11 @@ void OutboxSender::wait(Phone& phone, double seconds, const std::string& message
         startNext(phone);
     });
     const bool isNews = std::exchange(phone.told, message) != message;
-    queue_.setWaiting(phone.key, message, seconds, isNews);
+    queue_.setWaiting(phone.peerKey, message, seconds, isNews);
 }
 
 void OutboxSender::heardOf(const PeerRecord& record) {
-    const auto at = phones_.find(PeerKey(record.peer_pubkey));
+    const auto at = phones_.find(record.peer_pubkey);
     if (at != phones_.end() && at->second->retries.heard(home_.system.clock.now())) {
         tryNow(*at->second);
     }
@@ -360,8 +360,8 @@ void OutboxSender::peersChanged() {
     } catch (const PeerStoreError&) {
         return; // the next attempt meets the same and tells it
     }
-    for (const auto& [key, phone] : phones_) {
-        const PeerRecord* const record = book.find(key.text());
+    for (const auto& [peerKey, phone] : phones_) {
+        const PeerRecord* const record = book.find(peerKey);
         if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record)) {
             continue;
         }
@@ -378,7 +378,7 @@ void OutboxSender::peersChanged() {
 
 bool OutboxSender::retry(const std::optional<BatchId>& id) {
     const bool isFound = !id || queue_.retry(*id);
-    for (const auto& [key, phone] : phones_) {
+    for (const auto& [peerKey, phone] : phones_) {
         hope(*phone);
     }
     lookout_.lookSoon();
@@ -392,7 +392,7 @@ bool OutboxSender::drop(const BatchId& id) {
     }
     job->isDropped = true;
     left_.erase(id);
-    for (const auto& [key, phone] : phones_) {
+    for (const auto& [peerKey, phone] : phones_) {
         for (const std::unique_ptr<Running>& attempt : phone->attempts) {
             if (attempt->transfer.batch == id) {
                 tasks_.cancel(attempt->task);
@@ -425,7 +425,7 @@ Task<bool> OutboxSender::remove(BatchId id) {
 Task<> OutboxSender::finish() {
     isStopping_ = true;
     lookout_.stop();
-    for (const auto& [key, phone] : phones_) {
+    for (const auto& [peerKey, phone] : phones_) {
         phone->timer->disarm();
     }
     tasks_.cancelAll();

@@ -63,7 +63,7 @@ private:
     using Job = OutboxQueue::Job;
 
     void look();
-    [[nodiscard]] Phone& phoneOf(const PeerKey& key);
+    [[nodiscard]] Phone& phoneOf(const PeerKey& peerKey);
     [[nodiscard]] bool isUsed(const BatchId& id) const;
     /// There is reason to try again now.
     void hope(Phone& phone);

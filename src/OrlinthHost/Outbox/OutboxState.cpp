@@ -20,7 +20,7 @@ constexpr std::uint32_t ownerOnlyFolder = 0700;
 
 Json toJson(const OutboxState::Phone& phone) {
     Json json{
-        {"pubkey", phone.pubkey.text()}, {"hostname", phone.hostname}, {"done", phone.done}, {"failed", phone.failed}};
+        {"pubkey", phone.peerKey.text()}, {"hostname", phone.hostname}, {"done", phone.done}, {"failed", phone.failed}};
     if (!phone.waiting.empty()) {
         json["waiting"] = phone.waiting;
     }
@@ -47,7 +47,7 @@ std::map<std::string, std::string> textsIn(const Json& object, const char* key) 
 }
 
 OutboxState::Phone phoneFrom(const Json& json) {
-    OutboxState::Phone phone{.pubkey = PeerKey(requireString(json, "pubkey")),
+    OutboxState::Phone phone{.peerKey = PeerKey(requireString(json, "pubkey")),
                              .hostname = requireString(json, "hostname"),
                              .done = {},
                              .failed = textsIn(json, "failed"),
@@ -59,10 +59,10 @@ OutboxState::Phone phoneFrom(const Json& json) {
 }
 
 void applyChange(const Json& change, std::vector<OutboxState::Phone>& phones) {
-    const PeerKey pubkey(requireString(change, "pubkey"));
+    const PeerKey peerKey(requireString(change, "pubkey"));
     const std::string file = requireString(change, "file");
     const auto phone = std::find_if(phones.begin(), phones.end(),
-                                    [&pubkey](const OutboxState::Phone& one) { return one.pubkey == pubkey; });
+                                    [&peerKey](const OutboxState::Phone& one) { return one.peerKey == peerKey; });
     if (phone == phones.end()) {
         throw JsonError("a change for a phone that the batch is not for");
     }
@@ -91,7 +91,7 @@ std::vector<ByteView> linesOf(ByteView content) {
 
 /// Of a file that is done or failed.
 Json changeOf(const OutboxState::Phone& phone, const std::string& file) {
-    Json json{{"pubkey", phone.pubkey.text()}, {"file", file}};
+    Json json{{"pubkey", phone.peerKey.text()}, {"file", file}};
     if (const auto failure = phone.failed.find(file); failure != phone.failed.end()) {
         json["failed"] = failure->second;
     } else {
@@ -121,8 +121,8 @@ const PeerRecord* phoneWithoutChoice(const PeerBook& book, std::int64_t createdA
 
 } // namespace
 
-OutboxState::Phone freshPhone(const PeerKey& pubkey, const PeerRecord* record) {
-    return {.pubkey = pubkey,
+OutboxState::Phone freshPhone(const PeerKey& peerKey, const PeerRecord* record) {
+    return {.peerKey = peerKey,
             .hostname = record != nullptr ? record->peer_hostname : "",
             .done = {},
             .failed = {},
@@ -139,7 +139,8 @@ bool OutboxState::Phone::isOpen(const std::string& file) const {
 }
 
 std::string OutboxState::Phone::displayName() const {
-    return hostname.empty() ? "the phone with the key " + firstCharacters(pubkey.text(), shortKeyCharacters) : hostname;
+    return hostname.empty() ? "the phone with the key " + firstCharacters(peerKey.text(), shortKeyCharacters)
+                            : hostname;
 }
 
 std::optional<OutboxState> OutboxState::load(platform::FileSystem& files, const platform::Path& folder) {
@@ -212,15 +213,15 @@ void OutboxState::flush() {
     }
 }
 
-platform::Path OutboxState::journalFile(const PeerKey& pubkey) const {
+platform::Path OutboxState::journalFile(const PeerKey& peerKey) const {
     constexpr std::size_t digestBytesShown = 8;
-    const platform::Sha256Digest digest = platform::sha256({asBytes(pubkey.text())});
+    const platform::Sha256Digest digest = platform::sha256({asBytes(peerKey.text())});
     return folder_ / ("inflight-" + hexEncode(ByteView(digest).first(digestBytesShown)) + ".json");
 }
 
-OutboxState::Phone* OutboxState::find(const PeerKey& pubkey) {
+OutboxState::Phone* OutboxState::find(const PeerKey& peerKey) {
     const auto at =
-        std::find_if(phones.begin(), phones.end(), [&pubkey](const Phone& phone) { return phone.pubkey == pubkey; });
+        std::find_if(phones.begin(), phones.end(), [&peerKey](const Phone& phone) { return phone.peerKey == peerKey; });
     return at == phones.end() ? nullptr : &*at;
 }
 
@@ -246,14 +247,14 @@ std::vector<OutboxState::Phone> phonesFor(const ShareOutbox::Manifest& manifest,
     std::vector<OutboxState::Phone> phones;
     if (!manifest.targetPubkeys) {
         if (const PeerRecord* record = phoneWithoutChoice(book, manifest.createdAtMs, wasOneRemoved)) {
-            phones.push_back(freshPhone(PeerKey(record->peer_pubkey), record));
+            phones.push_back(freshPhone(record->peer_pubkey, record));
         }
         return phones;
     }
-    std::set<std::string> seen;
-    for (const std::string& pubkey : *manifest.targetPubkeys) {
-        if (seen.insert(pubkey).second) {
-            phones.push_back(freshPhone(PeerKey(pubkey), book.find(pubkey)));
+    std::set<PeerKey> seen;
+    for (const PeerKey& peerKey : *manifest.targetPubkeys) {
+        if (seen.insert(peerKey).second) {
+            phones.push_back(freshPhone(peerKey, book.find(peerKey)));
         }
     }
     return phones;

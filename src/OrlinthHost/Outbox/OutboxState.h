@@ -32,7 +32,7 @@ public:
 
     /// One phone that the batch goes to.
     struct Phone {
-        PeerKey pubkey;
+        PeerKey peerKey;
         std::string hostname; ///< as it was called last; "" if it was never known here
         std::set<std::string> done;
         std::map<std::string, std::string> failed; ///< file, reason; those that are not tried again
@@ -67,8 +67,8 @@ public:
     void flush();
     /// Whether the last save() or saveFile() has failed.
     [[nodiscard]] bool isBehind() const noexcept { return hasSaved_ && !isWhole_; }
-    [[nodiscard]] platform::Path journalFile(const PeerKey& pubkey) const;
-    [[nodiscard]] Phone* find(const PeerKey& pubkey);
+    [[nodiscard]] platform::Path journalFile(const PeerKey& peerKey) const;
+    [[nodiscard]] Phone* find(const PeerKey& peerKey);
     /// Everything that has failed is to be tried again.
     void forgetFailures();
     /// Removes the folder. @throws platform::SystemError
@@ -94,6 +94,6 @@ private:
                                                         const std::function<bool()>& wasOneRemoved);
 
 /// What is remembered of a phone of which nothing has happened yet; `record` may be null.
-[[nodiscard]] OutboxState::Phone freshPhone(const PeerKey& pubkey, const PeerRecord* record);
+[[nodiscard]] OutboxState::Phone freshPhone(const PeerKey& peerKey, const PeerRecord* record);
 
 } // namespace orlinth::host

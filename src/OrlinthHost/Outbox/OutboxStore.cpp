@@ -123,7 +123,7 @@ void OutboxStore::bringBack(const BatchId& id) {
     }
     std::optional<OutboxState> state = OutboxState::load(home_.system.files, memoryOf(id));
     const PeerBook paired = home_.peers().loadBook();
-    const bool isPaired = state && paired.find(state->phones.front().pubkey.text()) != nullptr;
+    const bool isPaired = state && paired.find(state->phones.front().peerKey) != nullptr;
     if (manifest && !manifest->targetPubkeys && !isPaired) {
         chooseAgain(*manifest);
     } else if (state) {
@@ -141,7 +141,7 @@ void OutboxStore::chooseAgain(const ShareOutbox::Manifest& manifest) const {
         static_cast<void>(phonesOf(manifest)); // as the batch is taken in, which finds the same
     } catch (const OutboxError&) {
         if (const std::optional<PeerRecord> latest = home_.peers().mostRecent()) {
-            state.phones.push_back(freshPhone(PeerKey(latest->peer_pubkey), &*latest));
+            state.phones.push_back(freshPhone(latest->peer_pubkey, &*latest));
             state.save();
         }
     }

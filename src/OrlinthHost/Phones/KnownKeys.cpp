@@ -14,7 +14,7 @@ KnownKeys::KnownKeys(Home& home, Receiver& receiver, platform::PublicKey ownKey,
       receiver_(receiver),
       ownKey_(std::move(ownKey)),
       onTrouble_(std::move(onTrouble)),
-      peers_{.file = home.peers().fileURL(), .check = {}, .trouble = {}},
+      peers_{.file = home.peers().filePath(), .check = {}, .trouble = {}},
       removed_{.file = home.dataDirectory() / RemovedPeers::fileName, .check = {}, .trouble = {}} {}
 
 void KnownKeys::refresh() noexcept {
@@ -56,17 +56,17 @@ void KnownKeys::refresh(Source& source, const std::function<void()>& read) {
 void KnownKeys::readPeers() {
     std::vector<platform::PublicKey> keys;
     for (const PeerRecord& record : home_.peers().loadBook().peers) {
-        auto key = platform::PublicKey::fromBase64(record.peer_pubkey);
+        auto key = platform::PublicKey::fromBase64(record.peer_pubkey.text());
         if (key && *key != ownKey_) {
             keys.push_back(std::move(*key));
         }
     }
     pairedCount_ = keys.size();
-    receiver_.setExpectedPeerPubkeys(std::move(keys));
+    receiver_.setExpectedPeerKeys(std::move(keys));
 }
 
 void KnownKeys::readRemoved() {
-    receiver_.setRemovedPeerPubkeys(RemovedPeers(home_.system.files, home_.dataDirectory()).load());
+    receiver_.setRemovedPeerKeys(RemovedPeers(home_.system.files, home_.dataDirectory()).load());
 }
 
 std::size_t KnownKeys::pairedCount() const {

@@ -6,7 +6,7 @@
 namespace orlinth::host {
 
 PeerStore::Recorded PairedPhones::record(const PeerRecord& wanted) {
-    if (const auto key = platform::PublicKey::fromBase64(wanted.peer_pubkey)) {
+    if (const auto key = platform::PublicKey::fromBase64(wanted.peer_pubkey.text())) {
         RemovedPeers(home_.system.files, home_.dataDirectory()).forget(*key);
     }
     PeerStore::Recorded recorded = home_.peers().upsertUnderFreeName(wanted);
@@ -15,7 +15,7 @@ PeerStore::Recorded PairedPhones::record(const PeerRecord& wanted) {
 }
 
 std::optional<PeerRecord> PairedPhones::remove(const PeerRecord& phone, const platform::PublicKey& ownKey) {
-    const auto key = platform::PublicKey::fromBase64(phone.peer_pubkey);
+    const auto key = platform::PublicKey::fromBase64(phone.peer_pubkey.text());
     if (key && *key != ownKey) {
         RemovedPeers(home_.system.files, home_.dataDirectory()).add(*key);
     }

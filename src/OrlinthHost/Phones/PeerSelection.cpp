@@ -26,7 +26,7 @@ using Matches = std::vector<const PeerRecord*>;
 template <typename Predicate>
 Matches differentPhones(const PeerBook& book, Predicate matches) {
     Matches found;
-    std::set<std::string_view> keys;
+    std::set<PeerKey> keys;
     for (const PeerRecord& record : book.peers) {
         if (matches(record) && keys.insert(record.peer_pubkey).second) {
             found.push_back(&record);
@@ -41,12 +41,13 @@ std::size_t tellingCharacters(const PeerBook& book, const Matches& phones) {
     for (std::size_t i = 0; i < std::min(phones.size(), mostPhonesNamed); ++i) {
         const PeerRecord* const phone = phones[i];
         const auto isShared = [&] {
-            const std::string prefix = lowerCased(firstCharacters(phone->peer_pubkey, count));
+            const std::string prefix = lowerCased(firstCharacters(phone->peer_pubkey.text(), count));
             return std::ranges::any_of(book.peers, [&](const PeerRecord& other) {
-                return other.peer_pubkey != phone->peer_pubkey && lowerCased(other.peer_pubkey).starts_with(prefix);
+                return other.peer_pubkey != phone->peer_pubkey &&
+                       lowerCased(other.peer_pubkey.text()).starts_with(prefix);
             });
         };
-        while (count < phone->peer_pubkey.size() && isShared()) {
+        while (count < phone->peer_pubkey.text().size() && isShared()) {
             ++count;
         }
     }
@@ -59,7 +60,7 @@ std::string keysOf(const PeerBook& book, const Matches& phones, bool hasNames) {
     std::string text;
     for (std::size_t i = 0; i < std::min(phones.size(), mostPhonesNamed); ++i) {
         text += (i == 0 ? "" : ", ") + (hasNames ? forDisplay(phones[i]->peer_hostname) + " " : "") +
-                firstCharacters(phones[i]->peer_pubkey, characters);
+                firstCharacters(phones[i]->peer_pubkey.text(), characters);
     }
     return phones.size() > mostPhonesNamed ? text + " and " + std::to_string(phones.size() - mostPhonesNamed) + " more"
                                            : text;
@@ -73,7 +74,7 @@ void refuseNameLikeKey(const PeerBook& book, const PeerRecord& record, const std
         return; // no message shows so little of a key
     }
     const Matches byKey = differentPhones(
-        book, [&query](const PeerRecord& other) { return lowerCased(other.peer_pubkey).starts_with(query); });
+        book, [&query](const PeerRecord& other) { return lowerCased(other.peer_pubkey.text()).starts_with(query); });
     if (std::ranges::any_of(byKey, [&](const PeerRecord* other) { return other->peer_pubkey != record.peer_pubkey; })) {
         throw HostError("selector '" + selector +
                             "' is ambiguous: it begins the name of one phone and the key of another",
@@ -85,7 +86,7 @@ void refuseNameLikeKey(const PeerBook& book, const PeerRecord& record, const std
 
 CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey, PeerUse use) {
     const std::string whose = "the record of '" + forDisplay(record.peer_hostname) + "' ";
-    const auto key = platform::PublicKey::fromBase64(record.peer_pubkey);
+    const auto key = platform::PublicKey::fromBase64(record.peer_pubkey.text());
     if (!key) {
         throw HostError(whose + "has no usable key: peer_pubkey is not the Base64 of 32 bytes", howToRepair);
     }
@@ -108,7 +109,7 @@ CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKe
 PeerRecord resolvePeer(const Home& home, const std::string& selector) {
     const std::string query = lowerCased(selector);
     const PeerBook book = home.peers().loadBook();
-    if (const PeerRecord* const record = book.find(selector)) {
+    if (const PeerRecord* const record = book.find(PeerKey(selector))) {
         return *record;
     }
     const Matches namesakes = differentPhones(
@@ -124,7 +125,7 @@ PeerRecord resolvePeer(const Home& home, const std::string& selector) {
     } catch (const PeerStoreError& error) {
         const Matches matching = differentPhones(book, [&query](const PeerRecord& candidate) {
             return lowerCased(candidate.peer_hostname).starts_with(query) ||
-                   lowerCased(candidate.peer_pubkey).starts_with(query);
+                   lowerCased(candidate.peer_pubkey.text()).starts_with(query);
         });
         if (error.which() != PeerStoreError::Case::decode || matching.size() < 2) {
             throw;
@@ -167,14 +168,14 @@ std::vector<CheckedPeer> selectPeers(const Home& home, const std::vector<std::st
     return chosen;
 }
 
-std::string phoneForDisplay(const Home& home, const std::string& name, const std::string& pubkey) {
+std::string phoneForDisplay(const Home& home, const std::string& name, const PeerKey& peerKey) {
     std::string shown = forDisplay(name);
     try {
-        if (isNameTaken(home.peers().loadBook(), pubkey, name)) {
-            shown += " (key " + shortKey(pubkey) + ")";
+        if (isNameTaken(home.peers().loadBook(), peerKey, name)) {
+            shown += " (key " + shortKey(peerKey) + ")";
         }
     } catch (const PeerStoreError&) {
-        shown += " (key " + shortKey(pubkey) + ")"; // who it is cannot be told by the name alone
+        shown += " (key " + shortKey(peerKey) + ")"; // who it is cannot be told by the name alone
     }
     return shown;
 }
@@ -183,8 +184,8 @@ std::string nameAndAddress(const PeerRecord& record) {
     return forDisplay(record.peer_hostname) + " (" + forDisplay(addressOf(record)) + ")";
 }
 
-std::string shortKey(const std::string& pubkey) {
-    return forDisplay(firstCharacters(pubkey, shortKeyCharacters));
+std::string shortKey(const PeerKey& peerKey) {
+    return forDisplay(firstCharacters(peerKey.text(), shortKeyCharacters));
 }
 
 Json publicFields(const PeerRecord& record) {

@@ -47,13 +47,13 @@ enum class PeerUse {
 
 /// The phone's name for somebody who is told or asked something, as forDisplay(): if another record's name looks the
 /// same, with the first characters of the key behind it, "Pixel 8 (key AbCdEfGhIjKl)".
-[[nodiscard]] std::string phoneForDisplay(const Home& home, const std::string& name, const std::string& pubkey);
+[[nodiscard]] std::string phoneForDisplay(const Home& home, const std::string& name, const PeerKey& peerKey);
 
 /// "Pixel 8 (192.168.1.7:40112)", both as forDisplay().
 [[nodiscard]] std::string nameAndAddress(const PeerRecord& record);
 
 /// What people recognise a key by: its first characters.
-[[nodiscard]] std::string shortKey(const std::string& pubkey);
+[[nodiscard]] std::string shortKey(const PeerKey& peerKey);
 
 /// "192.168.1.7:40112", "[fe80::1]:40112".
 [[nodiscard]] std::string addressOf(const PeerRecord& record);

@@ -18,7 +18,7 @@ void updateSharedPeers(const Home& home) noexcept;
 class SharedPeersUpdates {
 public:
     /// `home` outlives this.
-    explicit SharedPeersUpdates(const Home& home) : home_(home), work_(home.system.network, "orlinth.serve.sharing") {}
+    explicit SharedPeersUpdates(const Home& home) : home_(home), work_(home.system.queues, "orlinth.serve.sharing") {}
     SharedPeersUpdates(const SharedPeersUpdates&) = delete;
     SharedPeersUpdates& operator=(const SharedPeersUpdates&) = delete;
 

@@ -51,7 +51,7 @@ SendRun::SendRun(Home& home, const platform::PrivateKey& ownKey, InFlightJournal
       times_(times),
       events_(events),
       phones_(std::move(phones)),
-      sources_(home.system, journal, std::move(files), phones_.size()),
+      sources_(home.system.files, home.system.mimeTypes, journal, std::move(files), phones_.size()),
       plan_(sources_.sizes(), phones_.size()),
       tasks_(home.executor) {}
 
@@ -182,8 +182,8 @@ Task<> SendRun::leave() {
     grace->arm(graceSeconds, [this] { tasks_.cancelAll(); });
     co_await tasks_.join();
     interruption_.notBegun = plan_.waiting() - putBack_.size();
-    for (const auto& [of, offer] : putBack_) { // which would have got another attempt
-        cutShort(transferOf({.phone = of.first, .file = of.second}), of.second, offer);
+    for (const auto& [waiting, offer] : putBack_) { // which would have got another attempt
+        cutShort(transferOf({.phone = waiting.phone, .file = waiting.file}), waiting.file, offer);
     }
 }
 

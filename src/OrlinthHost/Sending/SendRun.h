@@ -7,9 +7,9 @@
 #include "OrlinthHost/Sending/SendTimes.h"
 #include "platform/TaskGroup.h"
 
+#include <compare>
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace orlinth::host {
@@ -43,7 +43,12 @@ public:
 
 private:
     struct Running;
-    using Of = std::pair<std::size_t, std::size_t>; ///< phone and file
+    /// One file on its way to one phone, both by their numbers from 0.
+    struct PhoneAndFile {
+        std::size_t phone = 0;
+        std::size_t file = 0;
+        auto operator<=>(const PhoneAndFile&) const = default;
+    };
 
     [[nodiscard]] SendEvents::Transfer transferOf(const SendPlan::Transfer& transfer) const;
     void goOn();
@@ -63,10 +68,10 @@ private:
     std::vector<PeerRecord> phones_;
     SendSources sources_;
     SendPlan plan_;
-    std::map<Of, OffersInDoubt> inDoubt_;
+    std::map<PhoneAndFile, OffersInDoubt> inDoubt_;
     std::map<SendPlan::Id, std::unique_ptr<Running>> running_;
-    std::map<Of, SendSources::Offer> putBack_; ///< what was offered of those that wait for another attempt
-    platform::TaskGroup tasks_;                ///< one for each of those
+    std::map<PhoneAndFile, SendSources::Offer> putBack_; ///< what was offered of those that wait for another attempt
+    platform::TaskGroup tasks_;                          ///< one for each of those
     bool isLeaving_ = false;
     int failed_ = 0;
     Interruption interruption_;

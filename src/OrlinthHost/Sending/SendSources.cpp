@@ -19,11 +19,11 @@ std::int64_t sizeAt(platform::FileSystem& files, const std::string& path) {
 
 } // namespace
 
-SendSources::SendSources(platform::System& system, InFlightJournal& journal, std::vector<std::string> paths,
-                         std::size_t phones)
-    : system_(system), memory_(system, journal), batch_(journal) {
+SendSources::SendSources(platform::FileSystem& files, const platform::MimeTypes& mimeTypes, InFlightJournal& journal,
+                         std::vector<std::string> paths, std::size_t phones)
+    : files_(files), mimeTypes_(mimeTypes), memory_(files, mimeTypes, journal), batch_(journal) {
     for (std::string& path : paths) {
-        const std::int64_t size = sizeAt(system.files, path);
+        const std::int64_t size = sizeAt(files, path);
         sources_.push_back({.path = std::move(path), .size = size, .left = phones, .known = std::nullopt, .id = {}});
     }
 }
@@ -110,7 +110,8 @@ PreparedFile SendSources::take(std::size_t file, std::optional<Offer>& offer) {
     Source& source = sources_[file];
     source.isBegun = true;
     if (!source.known) {
-        static_cast<void>(examineFile(system_, source.path)); // says why, unless the file was mended just now
+        static_cast<void>(
+            examineFile(files_, mimeTypes_, source.path)); // says why, unless the file was mended just now
         std::optional<SourceMemory::Source> known = memory_.examine(source.path);
         if (!known || !keysUnderWay_.insert(known->key.text()).second) {
             throw SendError::fileRead(source.path + " changes all the time");

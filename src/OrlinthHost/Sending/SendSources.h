@@ -31,8 +31,9 @@ public:
         TransferId id;
     };
 
-    /// Files for so many phones. `system` and `journal` outlive this; the journal is used by nobody else meanwhile.
-    SendSources(platform::System& system, InFlightJournal& journal, std::vector<std::string> paths, std::size_t phones);
+    /// Files for so many phones. What is referred to outlives this; the journal is used by nobody else meanwhile.
+    SendSources(platform::FileSystem& files, const platform::MimeTypes& mimeTypes, InFlightJournal& journal,
+                std::vector<std::string> paths, std::size_t phones);
 
     [[nodiscard]] const std::string& pathOf(std::size_t file) const { return sources_.at(file).path; }
     [[nodiscard]] std::int64_t sizeOf(std::size_t file) const { return sources_.at(file).size; }
@@ -75,7 +76,8 @@ private:
     void unprepare(Source& source);
     void doneWith(std::size_t file, bool wasSent);
 
-    platform::System& system_;
+    platform::FileSystem& files_;
+    const platform::MimeTypes& mimeTypes_;
     std::vector<Source> sources_;
     SourceMemory memory_;
     InFlightJournal::Batch batch_;

@@ -20,12 +20,13 @@ Json lookOf(const platform::FileStatus& status) {
 
 } // namespace
 
-SourceMemory::SourceMemory(platform::System& system, const InFlightJournal& journal)
-    : system_(system), url_(journal.fileURL().parent_path() / fileName) {}
+SourceMemory::SourceMemory(platform::FileSystem& files, const platform::MimeTypes& mimeTypes,
+                           const InFlightJournal& journal)
+    : files_(files), mimeTypes_(mimeTypes), path_(journal.filePath().parent_path() / fileName) {}
 
 std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& file) const {
     try {
-        OutgoingFile examined = examineFile(system_, file);
+        OutgoingFile examined = examineFile(files_, mimeTypes_, file);
         InFlightKey key = keyOf(examined);
         return Source{.file = std::move(examined), .key = std::move(key)};
     } catch (const Error&) {
@@ -35,7 +36,7 @@ std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& 
 
 bool SourceMemory::isUnchanged(const platform::Path& file, const Source& source) const {
     try {
-        const std::optional<platform::FileStatus> status = system_.files.status(file);
+        const std::optional<platform::FileStatus> status = files_.status(file);
         return status && platform::isSameContent(*status, source.file.seen);
     } catch (const Error&) {
         return false;
@@ -51,8 +52,8 @@ void SourceMemory::compare(std::vector<Source>& sources) const {
 }
 
 void SourceMemory::remember(const std::vector<Source>& sources) {
-    system_.files.createDirectories(url_.parent_path(), 0700);
-    const platform::FileLock lock(system_.files, url_);
+    files_.createDirectories(path_.parent_path(), 0700);
+    const platform::FileLock lock(files_, path_);
     Json known = load();
     bool hasChanged = eraseForgotten(known);
     for (const Source& source : sources) {
@@ -76,7 +77,7 @@ void SourceMemory::flush() {
     if (forgotten_.empty()) {
         return;
     }
-    const platform::FileLock lock(system_.files, url_);
+    const platform::FileLock lock(files_, path_);
     Json known = load();
     if (eraseForgotten(known)) {
         write(known);
@@ -93,7 +94,7 @@ bool SourceMemory::eraseForgotten(Json& sources) {
 
 Json SourceMemory::load() const {
     try {
-        const Json file = parseJson(platform::readWholeFile(system_.files, url_));
+        const Json file = parseJson(platform::readWholeFile(files_, path_));
         const auto sources = file.find("sources");
         return sources != file.end() && sources->is_object() ? *sources : Json::object();
     } catch (const std::exception&) {
@@ -104,7 +105,7 @@ Json SourceMemory::load() const {
 void SourceMemory::write(const Json& sources) {
     Json file;
     file["sources"] = sources;
-    platform::writeWholeFile(system_.files, url_, asBytes(prettyJson(file)), 0600, platform::Flush::now,
+    platform::writeWholeFile(files_, path_, asBytes(prettyJson(file)), 0600, platform::Flush::now,
                              platform::Links::follow);
 }
 

@@ -2,7 +2,8 @@
 
 #include "OrlinthCore/Sending/InFlightJournal.h"
 #include "OrlinthCore/Sending/OutgoingFile.h"
-#include "platform/System.h"
+#include "platform/FileSystem.h"
+#include "platform/MimeTypes.h"
 
 #include <optional>
 #include <vector>
@@ -30,8 +31,8 @@ public:
         bool isFresh = false;
     };
 
-    /// The memory beside `journal`; both references must outlive it.
-    SourceMemory(platform::System& system, const InFlightJournal& journal);
+    /// The memory beside `journal`. `files` and `mimeTypes` outlive it.
+    SourceMemory(platform::FileSystem& files, const platform::MimeTypes& mimeTypes, const InFlightJournal& journal);
 
     /// Nothing if there is something wrong with the file: the attempt will meet the same and report it.
     [[nodiscard]] std::optional<Source> examine(const platform::Path& file) const;
@@ -53,8 +54,9 @@ private:
     /// Returns whether there was anything to erase.
     bool eraseForgotten(Json& sources);
 
-    platform::System& system_;
-    platform::Path url_;
+    platform::FileSystem& files_;
+    const platform::MimeTypes& mimeTypes_;
+    platform::Path path_;
     std::vector<std::string> forgotten_;
 };
 

@@ -22,7 +22,7 @@ PartialsReminder::PartialsReminder(Home& home, platform::Path folder, std::funct
       folder_(std::move(folder)),
       onReminder_(std::move(onReminder)),
       timer_(home.system.clock.makeTimer(home.executor)),
-      looks_(home.system.network, "orlinth.serve.partials") {}
+      looks_(home.system.queues, "orlinth.serve.partials") {}
 
 void PartialsReminder::start() {
     lookIn(firstLookSeconds);

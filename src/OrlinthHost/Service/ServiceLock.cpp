@@ -23,7 +23,7 @@ Task<ServiceLock> ServiceLock::take(Home& home) {
     bool isLocked = false;
     try {
         file = openLock(home, path);
-        isLocked = co_await platform::lockWithin(home.system, *file, path, patienceSeconds);
+        isLocked = co_await platform::lockWithin(home.system.storage(), *file, path, patienceSeconds);
     } catch (const platform::SystemError& error) {
         throw HostError("cannot lock " + path.string() + ": " + error.description(),
                         "Make this file and its folder writable for this account.");

@@ -13,7 +13,7 @@ Watchdog::Watchdog(Home& home, std::optional<double> interval, Callbacks callbac
     : home_(home),
       interval_(interval),
       callbacks_(std::move(callbacks)),
-      queue_(home.system.network.makeThreadQueue("orlinth.serve.watchdog")),
+      queue_(home.system.queues.makeThreadQueue("orlinth.serve.watchdog")),
       timer_(home.system.clock.makeTimer(queue_)),
       lines_(std::in_place, home.system.clock, queue_, limits::linesOfStrangers, callbacks_.onMoreLate) {}
 
@@ -61,7 +61,7 @@ void Watchdog::look() {
 
 /// Who has been late for longest first.
 std::vector<platform::LateQueue> Watchdog::lateThreads() {
-    std::vector<platform::LateQueue> late = home_.system.network.lateQueues(limits::lateSeconds);
+    std::vector<platform::LateQueue> late = home_.system.queues.lateQueues(limits::lateSeconds);
     const platform::Clock::Instant now = home_.system.clock.now();
     if (!main_->isAsked.exchange(true)) {
         mainAskedAt_ = now;

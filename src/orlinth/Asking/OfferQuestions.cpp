@@ -121,7 +121,7 @@ Task<bool> OfferQuestions::wants(Receiver::Offer offer) {
 
 /// The one that is there already, or a new one; null if the phone has too many.
 OfferQuestions::QuestionRef OfferQuestions::questionFor(const Receiver::Offer& offer) {
-    const auto line = waiting_.find(offer.peerPubkey);
+    const auto line = waiting_.find(offer.peerKey);
     if (line != waiting_.end()) {
         for (const QuestionRef& question : line->second) {
             const bool isTheSame = question->transferId == offer.transferId && question->name == offer.name &&
@@ -134,17 +134,17 @@ OfferQuestions::QuestionRef OfferQuestions::questionFor(const Receiver::Offer& o
             return nullptr;
         }
     } else {
-        turns_.push_back(offer.peerPubkey);
+        turns_.push_back(offer.peerKey);
     }
     const auto question = std::make_shared<Question>(
-        Question{.phone = offer.peerPubkey,
+        Question{.phone = offer.peerKey,
                  .transferId = offer.transferId,
                  .name = offer.name,
                  .size = offer.size,
-                 .text = host::phoneForDisplay(host_, offer.from, offer.peerPubkey.text()) + " wants to send " +
+                 .text = host::phoneForDisplay(host_, offer.from, offer.peerKey) + " wants to send " +
                          forDisplay(offer.name) + " (" + host::humanSize(offer.size) + "). Take it?",
                  .tag = ++lastTag_});
-    waiting_[offer.peerPubkey].push_back(question);
+    waiting_[offer.peerKey].push_back(question);
     return question;
 }
 

@@ -112,7 +112,7 @@ private:
             return payloadFromPicture(host, picture_);
         }
         host.output.message("looking for the computer that shows " + code_);
-        return host.tasks.run(findPairingComputer(host.system, code_, timeout_));
+        return host.tasks.run(findPairingComputer(host.system.services, host.system.clock, code_, timeout_));
     }
 
     std::string payloadFile_;

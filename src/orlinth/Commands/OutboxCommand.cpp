@@ -82,7 +82,7 @@ private:
         }
         fields["phones"] = Json::array();
         for (const host::OutboxState::Phone& phone : entry.state.phones) {
-            Json item{{"to", phone.displayName()}, {"peer_pubkey", phone.pubkey}, {"done", phone.done}};
+            Json item{{"to", phone.displayName()}, {"peer_pubkey", phone.peerKey}, {"done", phone.done}};
             item["failed"] = Json::array();
             for (const auto& [file, reason] : phone.failed) {
                 item["failed"].push_back({{"file", file}, {"message", reason}});

@@ -189,7 +189,7 @@ private:
             port = guarded(host, std::move(port));
         }
         PairListener listener(host.system, secret, number, duration(), std::move(port));
-        PairAdvertiser advertiser(host.system, payload, code, host.tasks.executor());
+        PairAdvertiser advertiser(host.system.services, host.system.log, payload, code, host.tasks.executor());
 
         if (!borrowed) {
             tellWhereFilesGo(host, number);
@@ -213,7 +213,7 @@ private:
         }
         const PairListener::Result result = awaitIntroduction(host, listener, door);
         PeerRecord phone = recordIn(host, result, ownKey);
-        const auto phoneKey = platform::PublicKey::fromBase64(phone.peer_pubkey);
+        const auto phoneKey = platform::PublicKey::fromBase64(phone.peer_pubkey.text());
         return {.phone = std::move(phone),
                 .confirmationCode = PairCrypto::confirmationCode(secret.reveal(), ownKey, phoneKey.value(),
                                                                  result.phoneIntroductionPlaintext),

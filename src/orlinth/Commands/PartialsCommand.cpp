@@ -32,9 +32,9 @@ struct Removal {
 
 /// Removes those that have not changed since, each in a turn of its own, so that receivers need not wait for all.
 /// Also if it ends early, `removal` has what has come of it by then. What it refers to outlives it.
-Task<bool> removeOlder(platform::System& system, platform::Folder& folder, std::int64_t epochMilliseconds,
+Task<bool> removeOlder(platform::Storage storage, platform::Folder& folder, std::int64_t epochMilliseconds,
                        Removal& removal) {
-    FolderTurns turns(system);
+    FolderTurns turns(std::move(storage));
     for (PartialDownload& download : Partials::in(folder)) {
         if (changedAt(download) >= epochMilliseconds) {
             continue;
@@ -109,7 +109,7 @@ private:
         const std::int64_t limit = host.system.clock.epochMilliseconds() - days_ * millisecondsInDay;
         Removal removal;
         try {
-            static_cast<void>(host.tasks.run(removeOlder(host.system, folder, limit, removal)));
+            static_cast<void>(host.tasks.run(removeOlder(host.system.storage(), folder, limit, removal)));
         } catch (...) {
             if (!removal.removed.empty() || !removal.failed.empty()) {
                 tell(host, folder, removal);
@@ -158,7 +158,7 @@ private:
     [[nodiscard]] static std::string phoneOf(const Host& host, const PartialDownload& download) {
         try {
             const PeerBook book = host.peers().loadBook();
-            const PeerRecord* const phone = book.find(download.meta.peer_pubkey.text());
+            const PeerRecord* const phone = book.find(download.meta.peer_pubkey);
             return phone == nullptr ? "" : phone->peer_hostname;
         } catch (const PeerStoreError&) {
             return "";

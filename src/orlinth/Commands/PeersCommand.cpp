@@ -144,12 +144,12 @@ private:
     int add(Host& host) {
         const platform::PrivateKey ownKey = host.staticKey();
         PeerRecord record;
-        record.peer_pubkey = peer_.pubkey;
+        record.peer_pubkey = PeerKey(peer_.pubkey);
         record.peer_ip = peer_.ip;
         record.peer_port = peer_.port;
         record.peer_hostname = peer_.name;
         record.paired_at_epoch_ms = host.system.clock.epochMilliseconds();
-        record.self_pubkey = ownKey.publicKey().base64();
+        record.self_pubkey = ownKey.publicKey().peerKey();
         record.peer_fcm_token = peer_.fcmToken;
         if (record.peer_pubkey == record.self_pubkey) {
             throw host::HostError("this is the computer's own key",

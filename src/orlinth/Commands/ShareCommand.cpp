@@ -41,7 +41,7 @@ public:
 
 private:
     struct Choice {
-        std::optional<std::vector<std::string>> keys; ///< nothing where there was nothing to choose
+        std::optional<std::vector<PeerKey>> keys; ///< nothing where there was nothing to choose
         std::vector<std::string> names;
     };
 
@@ -107,7 +107,7 @@ private:
         const platform::PublicKey ownKey = host.staticKey().publicKey();
         const std::vector<host::CheckedPeer> peers = host::selectPeers(host, selectors_, ownKey, host::PeerUse::key);
         Choice choice;
-        std::vector<std::string> keys;
+        std::vector<PeerKey> keys;
         for (const host::CheckedPeer& peer : peers) {
             keys.push_back(peer.record.peer_pubkey);
             choice.names.push_back(peer.record.peer_hostname);

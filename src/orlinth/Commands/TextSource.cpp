@@ -50,7 +50,7 @@ std::string textFromStandardInput() {
 std::string textFromClipboard(Host& host) {
     PasteboardWriter::ReadResult content;
     try {
-        content = PasteboardWriter::readForSend(host.system);
+        content = PasteboardWriter::readForSend(host.system.clipboard);
     } catch (const platform::SystemError& error) {
         throw host::HostError(describe(error), "`--text TEXT`, and `-` for standard input, work without a desktop.");
     }

@@ -10,7 +10,7 @@
 namespace orlinth::cli {
 
 ClipboardWriter::ClipboardWriter(Host& host)
-    : host_(host), chores_(host.system.network, "orlinth.serve.clipboard"), log_(host) {}
+    : host_(host), chores_(host.system.queues, "orlinth.serve.clipboard"), log_(host) {}
 
 void ClipboardWriter::write(std::string text) {
     const MutexLock guard(lock_);
@@ -27,23 +27,7 @@ void ClipboardWriter::writeNewest() {
         const MutexLock guard(lock_);
         text = std::exchange(newest_, std::nullopt);
     }
-    const platform::System& system = host_.system;
-    platform::System desktop{.network = system.network,
-                             .clock = system.clock,
-                             .files = system.files,
-                             .mimeTypes = system.mimeTypes,
-                             .log = log_,
-                             .https = system.https,
-                             .clipboard = system.clipboard,
-                             .interfaces = system.interfaces,
-                             .services = system.services,
-                             .unixSockets = system.unixSockets,
-                             .notifications = system.notifications,
-                             .busSignals = system.busSignals,
-                             .folders = system.folders,
-                             .directories = system.directories,
-                             .mainQueue = chores_.queue()};
-    PasteboardWriter::write(desktop, std::move(*text)); // next on this queue
+    PasteboardWriter::write(host_.system.clipboard, log_, chores_.queue(), std::move(*text)); // next on this queue
 }
 
 Task<> ClipboardWriter::finish() {

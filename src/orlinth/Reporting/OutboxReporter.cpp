@@ -79,7 +79,7 @@ void OutboxReporter::waitingNotification(const host::OutboxState::Phone& to, con
 void OutboxReporter::failed(const Transfer& transfer, const std::string& message) {
     Json fields = contextOf(transfer);
     fields["message"] = message;
-    const std::string to = host::phoneForDisplay(host_, transfer.to, transfer.key.text());
+    const std::string to = host::phoneForDisplay(host_, transfer.to, transfer.peerKey);
     tellFailure(std::move(fields), message, forDisplay(transfer.file) + " is not sent to " + to + ".");
     notify("Not sent to " + to, forDisplay(transfer.file) + ": " + forDisplay(message));
 }
@@ -123,7 +123,7 @@ void OutboxReporter::tellFailure(Json fields, const std::string& line, const std
 }
 
 std::string OutboxReporter::shown(const host::OutboxState::Phone& phone) const {
-    return host::phoneForDisplay(host_, phone.displayName(), phone.pubkey.text());
+    return host::phoneForDisplay(host_, phone.displayName(), phone.peerKey);
 }
 
 void OutboxReporter::notify(const std::string& title, const std::string& body) {

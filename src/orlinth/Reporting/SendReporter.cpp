@@ -54,8 +54,8 @@ std::string SendOverview::name() const {
     return std::to_string(ended_) + " of " + std::to_string(files_) + " files";
 }
 
-SendReporter::Told& SendReporter::of(const Transfer& transfer) {
-    return told_.try_emplace(transfer.number, Told{.name = transfer.path}).first->second;
+SendReporter::Report& SendReporter::reportOf(const Transfer& transfer) {
+    return reports_.try_emplace(transfer.number, Report{.name = transfer.path}).first->second;
 }
 
 void SendReporter::expected(std::size_t transfers, std::int64_t bytes) {
@@ -64,9 +64,9 @@ void SendReporter::expected(std::size_t transfers, std::int64_t bytes) {
 
 void SendReporter::began(const Transfer& transfer, const std::string& name, std::int64_t size,
                          const std::string& mime) {
-    Told& told = of(transfer);
-    told.name = name;
-    if (std::exchange(told.isAnnounced, true)) {
+    Report& report = reportOf(transfer);
+    report.name = name;
+    if (std::exchange(report.isAnnounced, true)) {
         return;
     }
     Json fields = context(transfer);
@@ -81,7 +81,7 @@ void SendReporter::began(const Transfer& transfer, const std::string& name, std:
 }
 
 void SendReporter::connected(const Transfer& transfer) {
-    of(transfer).isAtFarewell = false;
+    reportOf(transfer).isAtFarewell = false;
     output_.event("connected", context(transfer));
 }
 
@@ -95,77 +95,78 @@ void SendReporter::authenticated(const Transfer& transfer) {
 }
 
 void SendReporter::progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) {
-    Told& told = of(transfer);
-    tellProgress(transfer, told, bytesSent, totalBytes);
-    showProgress(told, bytesSent, totalBytes);
-    told.isBegun = true;
-    told.reached = bytesSent;
+    Report& report = reportOf(transfer);
+    emitProgress(transfer, report, bytesSent, totalBytes);
+    drawProgress(report, bytesSent, totalBytes);
+    report.isBegun = true;
+    report.reached = bytesSent;
 }
 
 void SendReporter::endSent(const Transfer& transfer) {
-    of(transfer).isAtFarewell = true;
+    reportOf(transfer).isAtFarewell = true;
 }
 
 void SendReporter::again(const Transfer& transfer) {
     output_.message(forDisplay(transfer.phone.peer_hostname) + " broke the connection at the end of " +
-                    forDisplay(of(transfer).name) + "; sending the file again");
+                    forDisplay(reportOf(transfer).name) + "; sending the file again");
 }
 
 /// The next attempt tells what the phone has by then.
 void SendReporter::putBack(const Transfer& transfer) {
-    Told& told = of(transfer);
-    if (overview_.isMany() && told.isBegun) {
-        overview_.takeBack(told.held);
+    Report& report = reportOf(transfer);
+    if (overview_.isMany() && report.isBegun) {
+        overview_.takeBack(report.held);
     }
-    told = {.name = told.name, .isAnnounced = told.isAnnounced, .reached = told.reached};
+    report = {.name = report.name, .isAnnounced = report.isAnnounced, .reached = report.reached};
 }
 
 std::string SendReporter::howFar(const Transfer& transfer) {
-    const Told& told = of(transfer);
-    const std::string name = forDisplay(told.name);
+    const Report& report = reportOf(transfer);
+    const std::string name = forDisplay(report.name);
     const std::string to = " was sent to " + forDisplay(transfer.phone.peer_hostname);
-    if (told.isAtFarewell) {
+    if (report.isAtFarewell) {
         return name + to + ", which has not confirmed it";
     }
-    const bool hasBegun = told.isBegun || told.reached > 0;
+    const bool hasBegun = report.isBegun || report.reached > 0;
     if (!hasBegun || transfer.size <= 0) {
         return name + " was not sent to " + forDisplay(transfer.phone.peer_hostname);
     }
     constexpr double whole = 100;
-    const double share = static_cast<double>(told.reached) / static_cast<double>(transfer.size);
+    const double share = static_cast<double>(report.reached) / static_cast<double>(transfer.size);
     const int percent = static_cast<int>(whole * std::clamp(share, 0.0, 1.0));
     return std::to_string(percent) + " % of " + name + to;
 }
 
-void SendReporter::showProgress(Told& told, std::int64_t bytesSent, std::int64_t totalBytes) {
-    const bool isResume = !told.isBegun && bytesSent > 0;
+void SendReporter::drawProgress(Report& report, std::int64_t bytesSent, std::int64_t totalBytes) {
+    const bool isResume = !report.isBegun && bytesSent > 0;
     if (overview_.isMany()) {
         if (isResume) {
             overview_.skip(bytesSent);
         } else {
-            overview_.add(bytesSent - told.held);
+            overview_.add(bytesSent - report.held);
         }
-        told.held = bytesSent;
+        report.held = bytesSent;
         return;
     }
     if (isResume) {
         output_.message("going on from " + host::humanSize(bytesSent));
     }
-    if (told.isBegun) {
+    if (report.isBegun) {
         output_.bar().update(bytesSent, totalBytes);
     } else {
-        output_.bar().begin(forDisplay(told.name), bytesSent, totalBytes);
+        output_.bar().begin(forDisplay(report.name), bytesSent, totalBytes);
     }
 }
 
 /// At the start, at the end, and ten times a second: a script that reads slowly must not slow the transfer down.
-void SendReporter::tellProgress(const Transfer& transfer, Told& told, std::int64_t bytesSent, std::int64_t totalBytes) {
+void SendReporter::emitProgress(const Transfer& transfer, Report& report, std::int64_t bytesSent,
+                                std::int64_t totalBytes) {
     constexpr double secondsBetween = 0.1;
     const platform::Clock::Instant now = clock_.now();
-    if (told.isBegun && bytesSent != totalBytes && (now - told.lastTold).count() < secondsBetween) {
+    if (report.isBegun && bytesSent != totalBytes && (now - report.lastEventAt).count() < secondsBetween) {
         return;
     }
-    told.lastTold = now;
+    report.lastEventAt = now;
     Json fields = context(transfer);
     fields["bytes_sent"] = bytesSent;
     fields["total_bytes"] = totalBytes;
@@ -173,10 +174,10 @@ void SendReporter::tellProgress(const Transfer& transfer, Told& told, std::int64
 }
 
 void SendReporter::delivered(const Transfer& transfer, const host::Delivered& delivered) {
-    const Told told = of(transfer);
+    const Report report = reportOf(transfer);
     const std::string& phone = transfer.phone.peer_hostname;
     const SentFile& sent = delivered.sent;
-    overview_.end(transfer.size - told.held);
+    overview_.end(transfer.size - report.held);
     Json fields = context(transfer);
     fields["bytes_sent"] = sent.bytesSent;
     fields["advertised_size"] = sent.advertisedSize;
@@ -184,28 +185,28 @@ void SendReporter::delivered(const Transfer& transfer, const host::Delivered& de
     fields["duration_seconds"] = sent.durationSeconds;
     output_.event("complete", std::move(fields));
     const std::int64_t now = sent.bytesSent - sent.resumedFromOffset;
-    std::string line = "sent " + forDisplay(told.name) + " to " + forDisplay(phone) + ": " +
+    std::string line = "sent " + forDisplay(report.name) + " to " + forDisplay(phone) + ": " +
                        host::humanSize(sent.bytesSent) + " in " + host::humanDuration(sent.durationSeconds);
     if (sent.durationSeconds > 0 && now > 0) {
         line += ", " + host::humanRate(static_cast<double>(now) / sent.durationSeconds);
     }
     output_.result(line);
     if (sent.bytesSent != sent.advertisedSize) {
-        output_.message(forDisplay(told.name) + (sent.bytesSent > sent.advertisedSize ? " grew" : " shrank") +
+        output_.message(forDisplay(report.name) + (sent.bytesSent > sent.advertisedSize ? " grew" : " shrank") +
                         " while it was sent: " + std::to_string(sent.bytesSent) + " bytes instead of " +
                         std::to_string(sent.advertisedSize) + ". Send it again if that was not meant.");
     }
     if (!delivered.isConfirmed) {
-        output_.message(host::unconfirmedRemark(phone, told.name));
+        output_.message(host::unconfirmedRemark(phone, report.name));
     }
-    told_.erase(transfer.number);
+    reports_.erase(transfer.number);
 }
 
 void SendReporter::failed(const Transfer& transfer, const host::EndedAttempt& attempt, bool isInDoubt) {
-    const Told told = of(transfer);
-    overview_.end(transfer.size - told.held);
+    const Report report = reportOf(transfer);
+    overview_.end(transfer.size - report.held);
     const std::string where = host::nameAndAddress(transfer.phone);
-    const std::string what = forDisplay(told.name) + (isInDoubt ? " may or may not be on " : " was not sent to ") +
+    const std::string what = forDisplay(report.name) + (isInDoubt ? " may or may not be on " : " was not sent to ") +
                              forDisplay(transfer.phone.peer_hostname) + ".";
     try {
         std::rethrow_exception(attempt.error);
@@ -213,7 +214,7 @@ void SendReporter::failed(const Transfer& transfer, const host::EndedAttempt& at
         const std::string hint = host::isNotTaken(attempt) ? hintForNotTaken(where) : hintForSending(error, where);
         output_.failure(describe(error), hint.empty() ? what : what + " " + hint, context(transfer));
     }
-    told_.erase(transfer.number);
+    reports_.erase(transfer.number);
 }
 
 void SendReporter::tellInterrupted(const std::string& signal, const host::SendRun::Interruption& interruption) {

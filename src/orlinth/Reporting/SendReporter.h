@@ -65,20 +65,20 @@ public:
     void tellInterrupted(const std::string& signal, const host::SendRun::Interruption& interruption);
 
 private:
-    /// What was told of one file on its way to one phone.
-    struct Told {
+    /// What was reported of one file on its way to one phone.
+    struct Report {
         std::string name;
-        bool isAnnounced = false; ///< what it is was told
+        bool isAnnounced = false; ///< the event about what it is was written
         bool isBegun = false;     ///< bytes have gone, in this attempt
         bool isAtFarewell = false;
-        std::int64_t held = 0;    ///< bytes that the phone has, as far as the overview was told
+        std::int64_t held = 0;    ///< bytes that the phone has, as far as the overview knows
         std::int64_t reached = 0; ///< bytes that the phone has
-        platform::Clock::Instant lastTold{0};
+        platform::Clock::Instant lastEventAt{0};
     };
 
-    [[nodiscard]] Told& of(const Transfer& transfer);
-    void tellProgress(const Transfer& transfer, Told& told, std::int64_t bytesSent, std::int64_t totalBytes);
-    void showProgress(Told& told, std::int64_t bytesSent, std::int64_t totalBytes);
+    [[nodiscard]] Report& reportOf(const Transfer& transfer);
+    void emitProgress(const Transfer& transfer, Report& report, std::int64_t bytesSent, std::int64_t totalBytes);
+    void drawProgress(Report& report, std::int64_t bytesSent, std::int64_t totalBytes);
     /// "38 % of film.mkv was sent to Pixel".
     [[nodiscard]] std::string howFar(const Transfer& transfer);
     /// What every event of a transfer carries, so that those of several can be told apart.
@@ -89,7 +89,7 @@ private:
     Output& output_;
     platform::Clock& clock_;
     SendOverview overview_;
-    std::map<std::size_t, Told> told_; ///< by the transfer's number
+    std::map<std::size_t, Report> reports_; ///< by the transfer's number
 };
 
 } // namespace orlinth::cli

@@ -71,7 +71,7 @@ std::string becauseOf(const std::optional<DownloadRefusal>& refusal) {
 }
 
 void tellUnpair(Output& output, const Receiver::Unpair& unpair) {
-    output.event("unpair", {{"from", unpair.from}, {"peer_pubkey", unpair.peerPubkey.text()}});
+    output.event("unpair", {{"from", unpair.from}, {"peer_pubkey", unpair.peerKey.text()}});
     output.result(forDisplay(unpair.from) +
                   (unpair.isForgotten ? " has removed this computer, and is forgotten here"
                                       : " has removed this computer, but is still recorded here. Remove it with "
@@ -100,7 +100,7 @@ ServeReporter::ServeReporter(Host& host, Choices choices)
       textBurstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       burstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       opening_(std::make_shared<Opening>(
-          Opening{.chores = host::Chores(host.system.network, "orlinth.serve.opening"), .log = host.system.log})),
+          Opening{.chores = host::Chores(host.system.queues, "orlinth.serve.opening"), .log = host.system.log})),
       strangers_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
                  [&output = host.output](std::int64_t untold) {
                      output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");
@@ -163,8 +163,8 @@ void ServeReporter::fileReceived(const Receiver::File& file) {
     fields["from"] = file.from;
     host_.output.event("received", std::move(fields));
     host_.output.result("received " + shortPath(file.file) + " from " +
-                        host::phoneForDisplay(host_, file.from, file.peerPubkey.text()) + " (" +
-                        receivedFigures(file.file) + ")");
+                        host::phoneForDisplay(host_, file.from, file.peerKey) + " (" + receivedFigures(file.file) +
+                        ")");
     if (const std::string remark = remarkOnSize(file.file); !remark.empty()) {
         host_.output.message(remark);
     }
@@ -175,8 +175,8 @@ void ServeReporter::textReceived(const Receiver::Clipboard& clipboard) {
     host_.output.event("clipboard", {{"text", clipboard.text}, {"from", clipboard.from}});
     // A line may end up in a log, where a text, which may be a password, has no business.
     const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
-                             host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey.text());
-    if (admitsLine(clipboard.peerPubkey, clipboard.from)) {
+                             host::phoneForDisplay(host_, clipboard.from, clipboard.peerKey);
+    if (admitsLine(clipboard.peerKey, clipboard.from)) {
         if (!choices_.writesClipboard && isTerminal(STDOUT_FILENO)) {
             host_.output.page(line + ": " + madeVisible(clipboard.text));
         } else {
@@ -192,16 +192,16 @@ void ServeReporter::textReceived(const Receiver::Clipboard& clipboard) {
 void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
     Output& output = host_.output;
     if (const auto* name = std::get_if<Receiver::SetName>(&outcome)) {
-        if (admitsLine(name->peerPubkey, name->from)) {
+        if (admitsLine(name->peerKey, name->from)) {
             tellName(output, "set_name", *name);
         }
     } else if (const auto* update = std::get_if<Receiver::NameUpdate>(&outcome)) {
-        if (admitsLine(update->peerPubkey, update->from)) {
+        if (admitsLine(update->peerKey, update->from)) {
             tellName(output, "name_update", *update);
         }
     } else if (const auto* unpair = std::get_if<Receiver::Unpair>(&outcome)) {
         // a phone is forgotten once; one that is still recorded can say so again and again
-        if (unpair->isForgotten || admitsLine(unpair->peerPubkey, unpair->from)) {
+        if (unpair->isForgotten || admitsLine(unpair->peerKey, unpair->from)) {
             tellUnpair(output, *unpair);
         }
     } else if (const auto* replied = std::get_if<Receiver::UnpairReplied>(&outcome)) {
@@ -209,18 +209,18 @@ void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
             return;
         }
         output.event("unpair_replied",
-                     {{"peer_pubkey", replied->peerPubkey.text()}, {"remote_endpoint", replied->remoteEndpoint}});
-        output.result("notified a removed phone, key " + host::shortKey(replied->peerPubkey.text()) + ", at " +
+                     {{"peer_pubkey", replied->peerKey.text()}, {"remote_endpoint", replied->remoteEndpoint}});
+        output.result("notified a removed phone, key " + host::shortKey(replied->peerKey) + ", at " +
                       replied->remoteEndpoint);
     } else if (const auto* declined = std::get_if<Receiver::Declined>(&outcome)) {
-        if (admitsLine(declined->peerPubkey, declined->from)) {
+        if (admitsLine(declined->peerKey, declined->from)) {
             tellDeclined(output, *declined);
         }
     }
 }
 
 void ServeReporter::connectionFailed(const Receiver::Failure& failure) {
-    const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerPubkey, failure.from);
+    const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerKey, failure.from);
     if (!isTold) {
         return;
     }
@@ -277,15 +277,15 @@ void ServeReporter::portMissing(const std::string& problem) {
     host_.output.message(problem + "; trying again until it works");
 }
 
-bool ServeReporter::admitsLine(const PeerKey& peerPubkey, const std::string& name) {
-    auto known = phones_.find(peerPubkey);
+bool ServeReporter::admitsLine(const PeerKey& peerKey, const std::string& name) {
+    auto known = phones_.find(peerKey);
     if (known == phones_.end()) {
-        const auto tellMore = [this, peerPubkey](std::int64_t untold) {
-            host_.output.message(forDisplay(phones_.at(peerPubkey).name) + ": " + std::to_string(untold) +
+        const auto tellMore = [this, peerKey](std::int64_t untold) {
+            host_.output.message(forDisplay(phones_.at(peerKey).name) + ": " + std::to_string(untold) +
                                  (untold == 1 ? " more line was" : " more lines were") + " left out");
         };
         host::LineLimit limit(host_.system.clock, host_.tasks.executor(), limits::linesOfOnePhone, tellMore);
-        known = phones_.emplace(peerPubkey, PhoneLines{.name = {}, .limit = std::move(limit)}).first;
+        known = phones_.emplace(peerKey, PhoneLines{.name = {}, .limit = std::move(limit)}).first;
     }
     known->second.name = name;
     return known->second.limit.admits();
@@ -298,7 +298,7 @@ void ServeReporter::notifyOfFile(const Receiver::File& file) {
         return;
     }
     const platform::Path path = absolute(file.file.savedAt);
-    showFile({.title = "File from " + host::phoneForDisplay(host_, file.from, file.peerPubkey.text()),
+    showFile({.title = "File from " + host::phoneForDisplay(host_, file.from, file.peerKey),
               .body = forDisplay(path.filename().string()),
               .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
              path);
@@ -339,7 +339,7 @@ void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
     }
     const std::string where = choices_.writesClipboard ? ", on the clipboard" : "";
     host_.system.notifications.show(
-        {.title = "Text from " + host::phoneForDisplay(host_, clipboard.from, clipboard.peerPubkey.text()),
+        {.title = "Text from " + host::phoneForDisplay(host_, clipboard.from, clipboard.peerKey),
          .body = sizeOfText(clipboard.text) + where,
          .actions = {}},
         host_.tasks.executor(), {});

@@ -67,7 +67,7 @@ private:
     void notifyOfClipboard(const Receiver::Clipboard& clipboard);
     void tellMoreTexts();
     /// Whether one more line about this phone is to be written.
-    [[nodiscard]] bool admitsLine(const PeerKey& peerPubkey, const std::string& name);
+    [[nodiscard]] bool admitsLine(const PeerKey& peerKey, const std::string& name);
 
     Host& host_;
     const Choices choices_;

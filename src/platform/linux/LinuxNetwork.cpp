@@ -7,7 +7,6 @@
 
 #include <asio/bind_executor.hpp>
 #include <asio/redirect_error.hpp>
-#include <asio/strand.hpp>
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
 
@@ -138,26 +137,6 @@ std::optional<std::uint16_t> LinuxNetwork::inheritedPort() {
                                                    context_.get_executor());
     }
     return inherited_->port();
-}
-
-Executor LinuxNetwork::makeSerialQueue(const char* /*label*/) {
-    return asio::make_strand(context_);
-}
-
-Executor LinuxNetwork::makeWorkerQueue(const char* label) {
-    return workers_.makeSerialQueue(label);
-}
-
-Executor LinuxNetwork::makeBlockingQueue() {
-    return workers_.makeBlockingQueue();
-}
-
-Executor LinuxNetwork::makeThreadQueue(const char* label) {
-    return workers_.makeThreadQueue(label);
-}
-
-std::vector<LateQueue> LinuxNetwork::lateQueues(double seconds) {
-    return workers_.lateQueues(seconds);
 }
 
 } // namespace orlinth::platform

@@ -14,8 +14,7 @@
 #include "platform/linux/LinuxNotifications.h"
 #include "platform/linux/LinuxServiceDiscovery.h"
 #include "platform/linux/LinuxUnixSockets.h"
-
-#include <asio/strand.hpp>
+#include "platform/linux/LinuxWorkQueues.h"
 
 #include <cstdlib>
 
@@ -30,12 +29,13 @@ const char* processEnvironment(const char* name) {
 
 struct LinuxSystem::Parts {
     explicit Parts(asio::io_context& context)
-        : network(context),
+        : queues(context),
+          network(context),
           https(context),
           notifications(context.get_executor(), processEnvironment),
-          busSignals(context, processEnvironment),
-          mainQueue(asio::make_strand(context)) {}
+          busSignals(context, processEnvironment) {}
 
+    LinuxWorkQueues queues;
     LinuxNetwork network;
     LinuxClock clock;
     LinuxFileSystem files;
@@ -50,7 +50,6 @@ struct LinuxSystem::Parts {
     LinuxBusSignals busSignals;
     LinuxFolderWatcher folders;
     UserDirectories directories = linuxUserDirectories(processEnvironment);
-    Executor mainQueue;
 };
 
 LinuxSystem::LinuxSystem(asio::io_context& context) : parts_(std::make_unique<Parts>(context)) {}
@@ -59,6 +58,7 @@ LinuxSystem::~LinuxSystem() = default;
 
 System LinuxSystem::system() {
     return {.network = parts_->network,
+            .queues = parts_->queues,
             .clock = parts_->clock,
             .files = parts_->files,
             .mimeTypes = parts_->mimeTypes,
@@ -71,8 +71,7 @@ System LinuxSystem::system() {
             .notifications = parts_->notifications,
             .busSignals = parts_->busSignals,
             .folders = parts_->folders,
-            .directories = parts_->directories,
-            .mainQueue = parts_->mainQueue};
+            .directories = parts_->directories};
 }
 
 void LinuxSystem::close() {

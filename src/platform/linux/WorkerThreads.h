@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Mutex.h"
-#include "platform/Network.h"
+#include "platform/WorkQueues.h"
 
 #include <memory>
 #include <vector>
@@ -29,7 +29,7 @@ public:
     /// A queue with a thread that no other queue gets. Any thread. @throws SystemError if no thread can be had
     [[nodiscard]] Executor makeThreadQueue(const char* label);
 
-    /// As Network::lateQueues(), of the threads that queues share.
+    /// As WorkQueues::lateQueues(), of the threads that queues share.
     [[nodiscard]] std::vector<LateQueue> lateQueues(double seconds);
 
 private:

@@ -216,7 +216,7 @@ TEST(TransferConnectionTest, CancelCallsWhatItWasGiven) {
     one->cancel();
     one->cancel();
     EXPECT_EQ(calls, 2);
-    EXPECT_EQ(one->peerPubkey(), PeerKey("phone"));
+    EXPECT_EQ(one->peerKey(), PeerKey("phone"));
 }
 
 TEST(ActiveTransfersShared, IsOneAndTheSame) {

@@ -27,25 +27,6 @@ const Path memory = "/home/ann/.local/share/Orlinth/delivered.jsonl";
 const PeerKey phone{"hSDwCYkwp1R0i33ctD73Wg2/Og0mOBr066SpjqqbTmo="};
 const PeerKey tablet{"3p7bfXt9wbTTW2HC7OQ1Nz+DQ8hbeGdNrfx+FG+IK08="};
 
-/// The world, over another disk.
-platform::System over(fakes::World& world, MemoryFileSystem& files) {
-    return {.network = world.network,
-            .clock = world.clock,
-            .files = files,
-            .mimeTypes = world.mimeTypes,
-            .log = world.log,
-            .https = world.https,
-            .clipboard = world.clipboard,
-            .interfaces = world.interfaces,
-            .services = world.services,
-            .unixSockets = world.unixSockets,
-            .notifications = world.notifications,
-            .busSignals = world.busSignals,
-            .folders = world.folders,
-            .directories = world.system.directories,
-            .mainQueue = world.system.mainQueue};
-}
-
 template <typename First, typename Second>
 concept FindsBy =
     requires(DeliveredTransfers& delivered, First first, Second second) { delivered.find(first, second); };
@@ -72,12 +53,12 @@ protected:
     }
     /// What another process, or the next run, knows.
     [[nodiscard]] std::optional<DeliveredTransfers::Delivery> findElsewhere(const std::string& id) {
-        return DeliveredTransfers(world.system).find(phone, TransferId(id));
+        return DeliveredTransfers(world.system.storage()).find(phone, TransferId(id));
     }
     [[nodiscard]] std::string text() const { return world.files.content(memory).value_or("(no file)"); }
 
     fakes::World world;
-    DeliveredTransfers delivered{world.system};
+    DeliveredTransfers delivered{world.system.storage()};
 };
 
 TEST_F(DeliveredTransfersTest, AFolderThatHangsHoldsUpOnlyWhoLooksIntoIt) {
@@ -153,7 +134,7 @@ TEST_F(DeliveredTransfersTest, AreOnlyFoundWhileTheirFilesLieThereUnchanged) {
 }
 
 TEST_F(DeliveredTransfersTest, TakeInWhatOthersWriteMeanwhile) {
-    DeliveredTransfers other(world.system);
+    DeliveredTransfers other(world.system.storage());
     deliver("ID-1");
     EXPECT_TRUE(other.find(phone, TransferId("ID-1")));
     deliver("ID-2", folder / "two");
@@ -274,7 +255,7 @@ TEST_F(DeliveredTransfersTest, AreLoggedAndNoFailureWhereTheyCannotBeSavedOrRead
 }
 
 TEST_F(DeliveredTransfersTest, HaveTheFormThatIsDocumented) {
-    const DeliveredTransfers::Delivery delivery{.phone = phone,
+    const DeliveredTransfers::Delivery delivery{.peerKey = phone,
                                                 .transfer_id = TransferId("6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D"),
                                                 .path = "/home/ann/Downloads/film.mov",
                                                 .device = 65025,
@@ -299,9 +280,9 @@ const TransportMessage::FileOffer offer{
 
 /// What a sender does that did not see the end: offers the file and sends what is asked for. Returns what was received,
 /// and whether that was reported before.
-std::pair<ReceivedFile, bool> deliverTo(fakes::World& world, platform::System& system) {
-    Downloads downloads(system, folder);
-    IncomingFile incoming = world.run(downloads.begin(phone, offer, system.clock.now()));
+std::pair<ReceivedFile, bool> deliverTo(fakes::World& world, MemoryFileSystem& disk) {
+    Downloads downloads(world.systemOn(disk).storage(), world.queues, folder);
+    IncomingFile incoming = world.run(downloads.begin(phone, offer, world.clock.now()));
     const auto offset = static_cast<std::size_t>(incoming.bytesWritten());
     if (offset < content.size()) {
         incoming.append(asBytes(content.substr(offset)));
@@ -328,15 +309,11 @@ TEST(DeliveredTransfersUnderKills, AreExactlyOneFileHoweverOftenTheyAreKilledAnd
     fakes::World world;
     int acknowledged = 0;
     fakes::forEveryCrash([](MemoryFileSystem& files) { files.putFolder(folder); },
-                         [&](MemoryFileSystem& files) {
-                             platform::System system = over(world, files);
-                             static_cast<void>(deliverTo(world, system));
-                         },
+                         [&](MemoryFileSystem& files) { static_cast<void>(deliverTo(world, files)); },
                          [&](const fakes::Aftermath& aftermath) {
                              const bool wasCutOff =
                                  aftermath.kind != CrashKind::processKill; // what was not flushed may be gone
-                             platform::System system = over(world, aftermath.files);
-                             const auto [received, wasReported] = deliverTo(world, system);
+                             const auto [received, wasReported] = deliverTo(world, aftermath.files);
                              EXPECT_EQ(aftermath.files.content(received.savedAt), content);
                              if (!wasCutOff) {
                                  EXPECT_THAT(copiesIn(aftermath.files), ElementsAre(received.savedAt.native()));
@@ -345,7 +322,7 @@ TEST(DeliveredTransfersUnderKills, AreExactlyOneFileHoweverOftenTheyAreKilledAnd
                                  acknowledged += wasReported || received.bytesReceivedThisSession == 0 ? 1 : 0;
                              }
                              EXPECT_LE(copiesIn(aftermath.files).size(), 2U);
-                             const auto [again, wasReportedThen] = deliverTo(world, system);
+                             const auto [again, wasReportedThen] = deliverTo(world, aftermath.files);
                              EXPECT_EQ(again.savedAt, received.savedAt);
                              EXPECT_TRUE(wasReportedThen) << "nobody is told twice";
                              EXPECT_LE(copiesIn(aftermath.files).size(), 2U);
@@ -356,14 +333,10 @@ TEST(DeliveredTransfersUnderKills, AreExactlyOneFileHoweverOftenTheyAreKilledAnd
 TEST(DeliveredTransfersUnderKills, AreExactlyOneFileUnderTheNextNameToo) {
     fakes::World world;
     fakes::forEveryCrash([](MemoryFileSystem& files) { files.put(file, content); },
-                         [&](MemoryFileSystem& files) {
-                             platform::System system = over(world, files);
-                             static_cast<void>(deliverTo(world, system));
-                         },
+                         [&](MemoryFileSystem& files) { static_cast<void>(deliverTo(world, files)); },
                          [&](const fakes::Aftermath& aftermath) {
                              if (aftermath.kind == CrashKind::processKill) {
-                                 platform::System system = over(world, aftermath.files);
-                                 const Path savedAt = deliverTo(world, system).first.savedAt;
+                                 const Path savedAt = deliverTo(world, aftermath.files).first.savedAt;
                                  EXPECT_NE(savedAt, file);
                                  EXPECT_THAT(copiesIn(aftermath.files),
                                              testing::UnorderedElementsAre(file.native(), savedAt.native()));
@@ -375,17 +348,14 @@ TEST(DeliveredTransfersUnderFailures, AreExactlyOneFileWhicheverStepFails) {
     fakes::World world;
     fakes::forEveryFailure(
         EIO, [](MemoryFileSystem& files) { files.putFolder(folder); },
-        [&](MemoryFileSystem& files) {
-            platform::System system = over(world, files);
-            static_cast<void>(deliverTo(world, system));
-        },
+        [&](MemoryFileSystem& files) { static_cast<void>(deliverTo(world, files)); },
         [&](MemoryFileSystem& files, const std::exception_ptr& thrown) {
-            platform::System system = over(world, files);
-            const bool couldNotRemember = !thrown && !DeliveredTransfers(system).find(phone, TransferId("ID-1"));
+            const bool couldNotRemember =
+                !thrown && !DeliveredTransfers(world.systemOn(files).storage()).find(phone, TransferId("ID-1"));
             if (couldNotRemember) {
                 return; // the data folder has failed: that costs no file, but a second one may come
             }
-            const auto [received, wasReported] = deliverTo(world, system);
+            const auto [received, wasReported] = deliverTo(world, files);
             EXPECT_THAT(copiesIn(files), ElementsAre(file.native()));
         });
 }
@@ -393,8 +363,8 @@ TEST(DeliveredTransfersUnderFailures, AreExactlyOneFileWhicheverStepFails) {
 TEST(DeliveredTransfersWithoutData, AreAViolationWhenDataComesAllTheSame) {
     fakes::World world;
     world.files.putFolder(folder);
-    static_cast<void>(deliverTo(world, world.system));
-    Downloads downloads(world.system, folder);
+    static_cast<void>(deliverTo(world, world.files));
+    Downloads downloads(world.system.storage(), world.queues, folder);
     IncomingFile again = world.run(downloads.begin(phone, offer, world.clock.now()));
     EXPECT_EQ(*again.resumeMessage().as<TransportMessage::Resume>(), (TransportMessage::Resume{"ID-1", 10}));
     again.append({});
@@ -411,8 +381,8 @@ TEST(DeliveredTransfersWithoutData, AreAViolationWhenDataComesAllTheSame) {
 TEST(DeliveredTransfersWithoutData, AreAnotherFileIfAnotherSizeIsOffered) {
     fakes::World world;
     world.files.putFolder(folder);
-    static_cast<void>(deliverTo(world, world.system));
-    Downloads downloads(world.system, folder);
+    static_cast<void>(deliverTo(world, world.files));
+    Downloads downloads(world.system.storage(), world.queues, folder);
     TransportMessage::FileOffer larger = offer;
     larger.size = 11;
     const IncomingFile again = world.run(downloads.begin(phone, larger, world.clock.now()));

@@ -54,7 +54,7 @@ protected:
     }
 
     fakes::World world;
-    Downloads downloads{world.system, folder};
+    Downloads downloads{world.system.storage(), world.queues, folder};
 };
 
 TEST_F(DownloadsTest, TakeIdsOfAtMost256Bytes) {
@@ -158,7 +158,7 @@ TEST_F(DownloadsTest, StopASenderThatSendsMoreThanItHasOffered) {
 
 TEST_F(DownloadsTest, SayNothingOfAFolderThatIsNotThere) {
     downloads.setLimits({.keepFreeBytes = 1000, .maxFileBytes = 0});
-    Downloads missing(world.system, "/missing");
+    Downloads missing(world.system.storage(), world.queues, "/missing");
     EXPECT_EQ(world.run(missing.prospectOf(phone, offerOf(1))).refusal, std::nullopt);
     EXPECT_FALSE(world.files.exists("/missing"));
 }

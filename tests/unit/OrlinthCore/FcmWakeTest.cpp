@@ -58,11 +58,14 @@ protected:
         account[key] = value;
         putAccount(compactJson(account));
     }
-    std::unique_ptr<FcmWake> make() { return std::make_unique<FcmWake>(world.system, keyFile, "https://push.example"); }
+    FcmWake::System parts() {
+        return {.files = world.files, .clock = world.clock, .https = world.https, .queues = world.queues};
+    }
+    std::unique_ptr<FcmWake> make() { return std::make_unique<FcmWake>(parts(), keyFile, "https://push.example"); }
 
     FcmWake::Error constructionFailure(const platform::Path& path) {
         try {
-            const FcmWake wake(world.system, path);
+            const FcmWake wake(parts(), path);
         } catch (const FcmWake::Error& error) {
             return error;
         }
@@ -106,7 +109,7 @@ protected:
 // --- The key file ---
 
 TEST_F(FcmWakeTest, LooksForItsKeyFileInTheUsersData) {
-    EXPECT_EQ(FcmWake::defaultServiceAccountURL(world.system.directories), keyFile);
+    EXPECT_EQ(FcmWake::defaultServiceAccountPath(world.system.directories), keyFile);
 }
 
 TEST_F(FcmWakeTest, SaysWhereTheKeyFileIsMissing) {
@@ -179,7 +182,7 @@ TEST_F(FcmWakeTest, PostsTheMessageWithTheToken) {
 TEST_F(FcmWakeTest, UsesThePublicServiceUnlessToldOtherwise) {
     world.https.willAnswer(200, tokenReply());
     world.https.willAnswer(200, "{}");
-    FcmWake wake(world.system, keyFile);
+    FcmWake wake(parts(), keyFile);
     world.run(wake.sendWake("push-token"));
     EXPECT_EQ(world.https.requests.at(1).url, "https://fcm.googleapis.com/v1/projects/orlinth-test/messages:send");
 }

@@ -46,7 +46,7 @@ protected:
     ReceivedFile finish(IncomingFile& file) { return world.run(downloads.finish(file, "192.168.1.7:1")); }
 
     fakes::World world;
-    Downloads downloads{world.system, folder};
+    Downloads downloads{world.system.storage(), world.queues, folder};
 };
 
 TEST_F(IncomingFiles, FlushDataAndFolderOnceEachIfTheyAreComplete) {
@@ -125,22 +125,7 @@ TEST_F(IncomingFiles, StartAnewUnderAnotherNameIfAPowerCutTookTheSidecar) {
     file.append(asBytes("01234"));
     const auto next = world.files.afterCrash(CrashKind::powerCutNamesFirst);
     ASSERT_TRUE(next->exists(partial)) << "with zeros in it";
-    platform::System onTheDisk{.network = world.network,
-                               .clock = world.clock,
-                               .files = *next,
-                               .mimeTypes = world.mimeTypes,
-                               .log = world.log,
-                               .https = world.https,
-                               .clipboard = world.clipboard,
-                               .interfaces = world.interfaces,
-                               .services = world.services,
-                               .unixSockets = world.unixSockets,
-                               .notifications = world.notifications,
-                               .busSignals = world.busSignals,
-                               .folders = world.folders,
-                               .directories = world.system.directories,
-                               .mainQueue = world.system.mainQueue};
-    Downloads there(onTheDisk, folder);
+    Downloads there(world.systemOn(*next).storage(), world.queues, folder);
     IncomingFile again = world.run(there.begin(phone, offerOf("ID-1"), world.clock.now()));
     EXPECT_EQ(again.bytesWritten(), 0);
     again.append(asBytes("0123456789"));
@@ -251,7 +236,7 @@ TEST_F(IncomingFiles, NeverDeliverAFileThatWasPutInThePartialsPlace) {
         }
         EXPECT_FALSE(world.files.exists(folder / "a.txt"));
         EXPECT_EQ(world.files.content(partial), "not what the phone has sent") << "where he has put it";
-        EXPECT_FALSE(DeliveredTransfers(world.system).find(phone, TransferId("ID-1")));
+        EXPECT_FALSE(DeliveredTransfers(world.system.storage()).find(phone, TransferId("ID-1")));
         world.files.beforeEach({});
         world.files.remove(partial);
     }
@@ -285,7 +270,7 @@ TEST_F(IncomingFiles, StayInTheFolderInWhichTheyBeganAndAreNotDeliveredIfThatWas
     }
     EXPECT_EQ(world.files.content("/trash/folder/a.txt.partial"), "0123456789");
     EXPECT_FALSE(world.files.exists("/home/ann/secret/a.txt"));
-    EXPECT_FALSE(DeliveredTransfers(world.system).find(phone, TransferId("ID-1")));
+    EXPECT_FALSE(DeliveredTransfers(world.system.storage()).find(phone, TransferId("ID-1")));
 }
 
 TEST_F(IncomingFiles, AreNotContinuedByAnotherPhone) {
@@ -367,7 +352,7 @@ TEST_F(IncomingFiles, DoNotCareWhoHoldsALockOnTheFolder) {
 }
 
 TEST_F(IncomingFiles, WaitForAnotherProcessAsLongAsIsReasonable) {
-    const Path lock = FolderTurns(world.system).lockFile(world.files.status(folder).value());
+    const Path lock = FolderTurns(world.system.storage()).lockFile(world.files.status(folder).value());
     world.files.put(lock, "");
     auto held = world.files.open(lock, platform::OpenMode::write);
     ASSERT_TRUE(held->tryLock());
@@ -396,7 +381,7 @@ TEST_F(IncomingFiles, WaitForAnotherProcessAsLongAsIsReasonable) {
 }
 
 TEST_F(IncomingFiles, TryTheLockOnceMoreAtTheEndIfItCannotBeWatched) {
-    const Path lock = FolderTurns(world.system).lockFile(world.files.status(folder).value());
+    const Path lock = FolderTurns(world.system.storage()).lockFile(world.files.status(folder).value());
     world.files.put(lock, "");
     auto held = world.files.open(lock, platform::OpenMode::write);
     ASSERT_TRUE(held->tryLock());
@@ -420,7 +405,7 @@ Task<> takeTurn(fakes::World& world, FolderTurns& turns, std::vector<int>& order
 
 TEST(FolderTurnsOfOneProcess, ComeOneAfterTheOtherAndPassOverWhoeverIsCancelled) {
     fakes::World world;
-    FolderTurns turns(world.system);
+    FolderTurns turns(world.system.storage());
     std::vector<int> order;
     asio::cancellation_signal stop;
     bool isCancelled = false;

@@ -32,7 +32,7 @@ struct PairAdvertiserTest : testing::Test {
     }
 
     PairAdvertiser advertiser(std::string_view code = "4711") {
-        return {world.system, payload, code, world.context.get_executor()};
+        return {world.services, world.log, payload, code, world.context.get_executor()};
     }
 
     /// What "hn" says for a host name.

@@ -95,14 +95,14 @@ std::string addressObjection(const std::string& address) {
 
 TEST(PairIntroduction, BecomesTheRecordOfThePhone) {
     const PeerRecord record = PairIntroduction::decode(asBytes(compactJson(whole())), ownKey());
-    EXPECT_EQ(record, (PeerRecord{.peer_pubkey = phoneKey,
+    EXPECT_EQ(record, (PeerRecord{.peer_pubkey = PeerKey(phoneKey),
                                   .peer_ip = "192.168.1.7",
                                   .peer_port = 40112,
                                   .peer_subnet = "192.168.1.0/24",
                                   .peer_hostname = "Füße's phone 📱",
                                   .peer_mac = "3c:22:fb:01:02:0a",
                                   .paired_at_epoch_ms = 0,
-                                  .self_pubkey = ownKey().base64(),
+                                  .self_pubkey = ownKey().peerKey(),
                                   .peer_fcm_token = "token:APA9",
                                   .peer_android = "a1b2c3d4e5f60718"}));
 }
@@ -136,11 +136,15 @@ TEST(PairIntroduction, IsCheckedAsARecordAsItIsCheckedAsJson) {
         records.back().*field = value;
     };
     const std::string tooLong(5000, 'x');
+    const std::vector<std::string> unfit{
+        "", " ", tooLong, "a\nb", std::string("a\0b", 3), "caf\xE9 !", ownKey().base64()};
+    for (const std::string& value : unfit) {
+        spoil(&PeerRecord::peer_pubkey, PeerKey(value));
+    }
     for (std::string PeerRecord::* field :
-         {&PeerRecord::peer_pubkey, &PeerRecord::peer_ip, &PeerRecord::peer_hostname, &PeerRecord::peer_subnet,
-          &PeerRecord::peer_mac, &PeerRecord::peer_fcm_token, &PeerRecord::peer_android}) {
-        for (const std::string& value : {std::string(), std::string(" "), tooLong, std::string("a\nb"),
-                                         std::string("a\0b", 3), std::string("caf\xE9 !"), ownKey().base64()}) {
+         {&PeerRecord::peer_ip, &PeerRecord::peer_hostname, &PeerRecord::peer_subnet, &PeerRecord::peer_mac,
+          &PeerRecord::peer_fcm_token, &PeerRecord::peer_android}) {
+        for (const std::string& value : unfit) {
             spoil(field, value);
         }
     }

@@ -138,13 +138,15 @@ TEST(PayloadOfService, LeavesEmptyWhatTheRecordDoesNotHave) {
 
 TEST(PayloadOfService, IsThePayloadThatPairModeAnnounces) {
     World world;
-    const PairAdvertiser advertiser(world.system, payload(), code, world.context.get_executor());
+    const PairAdvertiser advertiser(world.services, world.log, payload(), code, world.context.get_executor());
     EXPECT_EQ(payloadOfService(advertiser.service(), code), payload());
 }
 
 class PairSearch : public testing::Test {
 protected:
-    Task<PairingPayload> find(double timeout = 30) { return findPairingComputer(world.system, code, timeout); }
+    Task<PairingPayload> find(double timeout = 30) {
+        return findPairingComputer(world.services, world.clock, code, timeout);
+    }
     void expectFailure(double timeout, Case which, const std::string& text) {
         const auto error = world.failure<PairSearchError>(find(timeout));
         EXPECT_EQ(error.which(), which);

@@ -23,12 +23,15 @@ class PasteboardWriterTest : public testing::Test {
 protected:
     using Item = std::map<std::string, std::string>;
 
-    PasteboardWriter::ReadResult readForSend() { return PasteboardWriter::readForSend(world.system); }
+    PasteboardWriter::ReadResult readForSend() { return PasteboardWriter::readForSend(world.clipboard); }
     void expectBlockedUnread() {
         EXPECT_EQ(readForSend(), blocked);
         EXPECT_EQ(world.clipboard.textReads, 0) << "the text was read all the same";
     }
-    void runMainQueue() {
+    void write(std::string text) {
+        PasteboardWriter::write(world.clipboard, world.log, world.context.get_executor(), std::move(text));
+    }
+    void runQueue() {
         world.context.restart();
         world.context.run();
     }
@@ -171,65 +174,56 @@ TEST_F(PasteboardWriterReadForSend, SaysThatTheTextCannotBeRead) {
 
 TEST_F(PasteboardWriterRead, GivesThePlainTextAsItIs) {
     clipboard.items = {Item{{plain, " a\n"}}};
-    EXPECT_EQ(PasteboardWriter::read(world.system), " a\n");
+    EXPECT_EQ(PasteboardWriter::read(world.clipboard), " a\n");
 }
 
 TEST_F(PasteboardWriterRead, GivesNoTextForAnImageAndForNothing) {
-    EXPECT_EQ(PasteboardWriter::read(world.system), "");
+    EXPECT_EQ(PasteboardWriter::read(world.clipboard), "");
     clipboard.items = {Item{{"image/png", "\x89PNG"}}};
-    EXPECT_EQ(PasteboardWriter::read(world.system), "");
+    EXPECT_EQ(PasteboardWriter::read(world.clipboard), "");
 }
 
 TEST_F(PasteboardWriterRead, SaysThatThereIsNoSession) {
     clipboard.hasSession = false;
-    EXPECT_THROW(static_cast<void>(PasteboardWriter::read(world.system)), platform::ClipboardUnavailable);
+    EXPECT_THROW(static_cast<void>(PasteboardWriter::read(world.clipboard)), platform::ClipboardUnavailable);
 }
 
-TEST_F(PasteboardWriterWrite, ReturnsAtOnceAndIsDoneOnTheMainQueue) {
-    PasteboardWriter::write(world.system, "hello");
+TEST_F(PasteboardWriterWrite, ReturnsAtOnceAndIsDoneOnItsQueue) {
+    write("hello");
     EXPECT_THAT(clipboard.items, IsEmpty());
-    runMainQueue();
+    runQueue();
     EXPECT_THAT(clipboard.items, ElementsAre(Item{{plain, "hello"}}));
 }
 
 TEST_F(PasteboardWriterWrite, ReplacesEverythingAndSetsNoMark) {
     clipboard.items = {Item{{plain, "old"}, {concealed, ""}}, Item{{"image/png", ""}}};
-    PasteboardWriter::write(world.system, "new");
-    runMainQueue();
+    write("new");
+    runQueue();
     EXPECT_THAT(clipboard.items, ElementsAre(Item{{plain, "new"}}));
 }
 
 TEST_F(PasteboardWriterWrite, LeavesAnEmptyTextInPlaceOfWhatWasThere) {
     clipboard.items = {Item{{plain, "old"}}};
-    PasteboardWriter::write(world.system, "");
-    runMainQueue();
+    write("");
+    runQueue();
     EXPECT_THAT(clipboard.items, ElementsAre(Item{{plain, ""}}));
     EXPECT_EQ(readForSend(), empty);
 }
 
 TEST_F(PasteboardWriterWrite, KeepsTheOrderOfSeveralTexts) {
-    PasteboardWriter::write(world.system, "first");
-    PasteboardWriter::write(world.system, "second");
-    runMainQueue();
+    write("first");
+    write("second");
+    runQueue();
     EXPECT_THAT(clipboard.items, ElementsAre(Item{{plain, "second"}}));
 }
 
 TEST_F(PasteboardWriterWrite, LogsAFailureWithoutTheText) {
     clipboard.hasSession = false;
-    PasteboardWriter::write(world.system, "hunter2");
-    EXPECT_NO_THROW(runMainQueue());
+    write("hunter2");
+    EXPECT_NO_THROW(runQueue());
     EXPECT_THAT(world.log.lines(),
                 ElementsAre(fakes::RecordingLog::Line{platform::LogLevel::error, "com.tarvinex.orlinth", "pasteboard",
                                                       "cannot write the clipboard: there is no desktop session"}));
-}
-
-TEST_F(PasteboardWriterWrite, NeedsOnlyWhatTheSystemRefersTo) {
-    {
-        platform::System copy = world.system;
-        PasteboardWriter::write(copy, "hello");
-    }
-    runMainQueue();
-    EXPECT_THAT(clipboard.items, ElementsAre(Item{{plain, "hello"}}));
 }
 
 } // namespace

@@ -28,14 +28,14 @@ const platform::Path file = folder / "peer.json";
 PeerRecord phone(const std::string& key, const std::string& name = "Pixel-8", const std::string& ip = "192.168.1.20",
                  std::int64_t pairedAt = 1731686400000) {
     PeerRecord record;
-    record.peer_pubkey = key;
+    record.peer_pubkey = PeerKey(key);
     record.peer_ip = ip;
     record.peer_port = 50505;
     record.peer_subnet = "192.168.1.0/24";
     record.peer_hostname = name;
     record.peer_mac = "02:00:00:00:00:01";
     record.paired_at_epoch_ms = pairedAt;
-    record.self_pubkey = "self/+key=";
+    record.self_pubkey = PeerKey("self/+key=");
     record.peer_fcm_token = "token";
     record.peer_android = "android";
     return record;
@@ -44,7 +44,7 @@ PeerRecord phone(const std::string& key, const std::string& name = "Pixel-8", co
 std::vector<std::string> keysOf(const std::vector<PeerRecord>& peers) {
     std::vector<std::string> keys;
     for (const PeerRecord& peer : peers) {
-        keys.push_back(peer.peer_pubkey);
+        keys.push_back(peer.peer_pubkey.text());
     }
     return keys;
 }
@@ -93,7 +93,7 @@ TEST(PeerRecord, TakesTheThreeLaterKeysAsEmptyWhereTheyAreAbsent) {
         json.erase(key);
     }
     const PeerRecord record = PeerRecord::fromJson(json);
-    EXPECT_EQ(record.self_pubkey, "");
+    EXPECT_TRUE(record.self_pubkey.isEmpty());
     EXPECT_EQ(record.peer_fcm_token, "");
     EXPECT_EQ(record.peer_android, "");
     EXPECT_EQ(record.peer_mac, "02:00:00:00:00:01");
@@ -121,18 +121,18 @@ TEST(PeerRecord, CopiesWithOneFieldChanged) {
 
 TEST(PeerBook, FindsTheFirstRecordOfAKey) {
     const PeerBook book{{phone("ONE"), phone("ONE", "later")}};
-    EXPECT_EQ(&book.peers.front(), book.find("ONE"));
-    EXPECT_EQ(nullptr, book.find("TWO"));
-    EXPECT_EQ(nullptr, PeerBook{}.find(""));
+    EXPECT_EQ(&book.peers.front(), book.find(PeerKey("ONE")));
+    EXPECT_EQ(nullptr, book.find(PeerKey("TWO")));
+    EXPECT_EQ(nullptr, PeerBook{}.find(PeerKey()));
 }
 
 TEST(PeerStorePlace, IsTheUsersFolderOrTheOneGiven) {
     MemoryFileSystem files;
     const platform::UserDirectories directories{.data = "/data", .config = "/config", .downloads = "/downloads"};
-    EXPECT_EQ(PeerStore(files, directories).directoryURL(), "/data/Orlinth");
-    EXPECT_EQ(PeerStore(files, directories).fileURL(), "/data/Orlinth/peer.json");
-    EXPECT_EQ(PeerStore(files, directories, "other.json").fileURL(), "/data/Orlinth/other.json");
-    EXPECT_EQ(PeerStore(files, platform::Path("/x"), "y").fileURL(), "/x/y");
+    EXPECT_EQ(PeerStore(files, directories).directoryPath(), "/data/Orlinth");
+    EXPECT_EQ(PeerStore(files, directories).filePath(), "/data/Orlinth/peer.json");
+    EXPECT_EQ(PeerStore(files, directories, "other.json").filePath(), "/data/Orlinth/other.json");
+    EXPECT_EQ(PeerStore(files, platform::Path("/x"), "y").filePath(), "/x/y");
 }
 
 TEST_F(PeerStoreTest, IsEmptyWithoutAFile) {
@@ -302,7 +302,8 @@ TEST_F(PeerStoreTest, RecordsAPhoneUnderANameThatNoOtherHas) {
     const PeerStore::Recorded recorded = store.upsertUnderFreeName(phone("second", "pixel-8 ", "192.168.1.30"));
     EXPECT_EQ(recorded.record, phone("second", "pixel-8 (2)", "192.168.1.30"));
     EXPECT_TRUE(recorded.replaced.empty());
-    EXPECT_EQ(store.loadBook().find("first")->peer_hostname, "Pixel-8") << "who was there first keeps the name";
+    EXPECT_EQ(store.loadBook().find(PeerKey("first"))->peer_hostname, "Pixel-8")
+        << "who was there first keeps the name";
     EXPECT_EQ(store.loadBook().peers.back(), recorded.record);
     // and the same phone again, which calls itself as before
     EXPECT_EQ(store.upsertUnderFreeName(phone("second", "Pixel-8", "192.168.1.30")).record.peer_hostname,
@@ -342,8 +343,8 @@ TEST_F(PeerStoreTest, RemovesTheFirstMatchAlone) {
 
 TEST_F(PeerStoreTest, PicksTheRecordPairedLast) {
     fill({phone("a", "n", "i", 5), phone("b", "n", "i", 9), phone("c", "n", "i", 9), phone("d", "n", "i", -1)});
-    EXPECT_EQ(store.mostRecent()->peer_pubkey, "b");
-    EXPECT_EQ(store.load()->peer_pubkey, "b");
+    EXPECT_EQ(store.mostRecent()->peer_pubkey, PeerKey("b"));
+    EXPECT_EQ(store.load()->peer_pubkey, PeerKey("b"));
 }
 
 TEST_F(PeerStoreTest, ResolvesASelectorByItsRules) {
@@ -359,7 +360,7 @@ TEST_F(PeerStoreTest, ResolvesASelectorByItsRules) {
 
 TEST_F(PeerStoreTest, TakesTheFirstOfSeveralRecordsWithTheExactName) {
     fill({phone("a", "Same"), phone("b", "same")});
-    EXPECT_EQ(store.resolve("SAME")->peer_pubkey, "a");
+    EXPECT_EQ(store.resolve("SAME")->peer_pubkey, PeerKey("a"));
 }
 
 TEST_F(PeerStoreTest, RefusesAnAmbiguousSelector) {
@@ -413,7 +414,7 @@ void expectOldOrNew(const Aftermath& after, const PeerBook& before, const PeerBo
     }
     next.upsert(phone("later", "Later"));
     EXPECT_EQ(next.loadBook().peers.size(), found.peers.size() + 1);
-    EXPECT_TRUE(next.removeFirst([](const PeerRecord& peer) { return peer.peer_pubkey == "later"; }));
+    EXPECT_TRUE(next.removeFirst([](const PeerRecord& peer) { return peer.peer_pubkey == PeerKey("later"); }));
     EXPECT_EQ(next.loadBook(), found);
 }
 
@@ -446,7 +447,9 @@ TEST(PeerStoreCrash, LeavesTheOldOrTheNewBookOnReplacingAndRemoving) {
     fakes::forEveryCrash(
         prepareTwoPhones,
         [](MemoryFileSystem& files) {
-            PeerStore(files, folder).removeFirst([](const PeerRecord& peer) { return peer.peer_pubkey == "a"; });
+            PeerStore(files, folder).removeFirst([](const PeerRecord& peer) {
+                return peer.peer_pubkey == PeerKey("a");
+            });
         },
         [](const Aftermath& after) { expectOldOrNew(after, twoPhones, PeerBook{{phone("b", "Tablet")}}); });
     fakes::forEveryCrash(
@@ -552,7 +555,7 @@ TEST(PeerStoreFolder, IsForTheOwnerAlone) {
     PeerStore store(files, "/data/Orlinth");
     store.writeBook({});
     EXPECT_EQ(files.status("/data/Orlinth")->permissions, 0700U);
-    EXPECT_EQ(files.status(store.fileURL())->permissions, 0600U);
+    EXPECT_EQ(files.status(store.filePath())->permissions, 0600U);
 }
 
 TEST(PeerStoreErrorPayload, IsWhatIsBehindThePrefix) {

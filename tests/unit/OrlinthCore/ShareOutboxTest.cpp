@@ -25,8 +25,8 @@ const platform::UserDirectories directories{
     .data = "/home/ann/.local/share", .config = "/home/ann/.config", .downloads = "/home/ann/Downloads"};
 const platform::Path folder = "/home/ann/.local/share/group.com.tarvinex.orlinth";
 const platform::Path file = folder / "peers.json";
-const Peers two = {{.hostname = "Pixel-8", .pubkey = "a/b+c=", .subtitle = "192.168.1.20"},
-                   {.hostname = "Tafel \"Küche\"", .pubkey = "d", .subtitle = ""}};
+const Peers two = {{.hostname = "Pixel-8", .pubkey = PeerKey("a/b+c="), .subtitle = "192.168.1.20"},
+                   {.hostname = "Tafel \"Küche\"", .pubkey = PeerKey("d"), .subtitle = ""}};
 
 class ShareOutboxTest : public testing::Test {
 protected:
@@ -38,7 +38,7 @@ protected:
 
 TEST_F(ShareOutboxTest, LiesInAFolderOfItsOwnInTheUsersData) {
     EXPECT_STREQ(ShareOutbox::appGroupID, "group.com.tarvinex.orlinth");
-    EXPECT_EQ(outbox.peersFileURL(), file);
+    EXPECT_EQ(outbox.peersFilePath(), file);
     EXPECT_EQ(outbox.outboxRoot(), folder / "Outbox");
 }
 
@@ -88,7 +88,7 @@ TEST_F(ShareOutboxTest, WritesAgainForTheOwnerAloneWhereTheFileWasOpenToOthers) 
 
 TEST_F(ShareOutboxTest, ReadsAnyLayoutAndOverlooksOtherKeys) {
     put("[ {\"subtitle\" : \"s\", \"icon\": 3,\n\"pubkey\":\"p\", \"hostname\":\"h\\/x\"} ]\n");
-    EXPECT_THAT(outbox.readPeers(), ElementsAre(ShareOutbox::SharePeer{"h/x", "p", "s"}));
+    EXPECT_THAT(outbox.readPeers(), ElementsAre(ShareOutbox::SharePeer{"h/x", PeerKey("p"), "s"}));
 }
 
 TEST_F(ShareOutboxTest, ReadsAMalformedFileAsAnEmptyList) {
@@ -135,14 +135,14 @@ TEST_F(ShareOutboxTest, ReadsAFolderInTheFilesPlaceAsAnEmptyListAndLeavesIt) {
 }
 
 TEST_F(ShareOutboxTest, KeepsAListThatIsNotUtf8Readable) {
-    outbox.writePeers({{.hostname = "a\xFF", .pubkey = "p", .subtitle = "s"}});
-    EXPECT_THAT(outbox.readPeers(), ElementsAre(ShareOutbox::SharePeer{"a\xEF\xBF\xBD", "p", "s"}));
+    outbox.writePeers({{.hostname = "a\xFF", .pubkey = PeerKey("p"), .subtitle = "s"}});
+    EXPECT_THAT(outbox.readPeers(), ElementsAre(ShareOutbox::SharePeer{"a\xEF\xBF\xBD", PeerKey("p"), "s"}));
 }
 
 TEST_F(ShareOutboxTest, HasNoPlacesWhereThereCanBeNoContainer) {
     files.put(folder, "a file is in its place");
     EXPECT_EQ(outbox.outboxRoot(), std::nullopt);
-    EXPECT_EQ(outbox.peersFileURL(), std::nullopt);
+    EXPECT_EQ(outbox.peersFilePath(), std::nullopt);
     outbox.writePeers(two);
     EXPECT_THAT(outbox.readPeers(), IsEmpty());
     EXPECT_THAT(files.allFiles(), ElementsAre(folder.native()));
@@ -163,7 +163,8 @@ TEST_F(ShareOutboxTest, RingsWithANameAndNothingElse) {
 using Manifest = ShareOutbox::Manifest;
 
 TEST(ShareManifest, HasTheKeysOfItsFields) {
-    const Manifest chosen{"8F2C", 1'763'712'000'123, {"b.jpg", "a/é.txt"}, std::vector<std::string>{"a/b+c=", "d"}};
+    const Manifest chosen{
+        "8F2C", 1'763'712'000'123, {"b.jpg", "a/é.txt"}, std::vector{PeerKey("a/b+c="), PeerKey("d")}};
     EXPECT_EQ(
         compactJson(chosen.toJson()),
         R"({"createdAtMs":1763712000123,"files":["b.jpg","a/é.txt"],"id":"8F2C","targetPubkeys":["a/b+c=","d"]})");
@@ -172,14 +173,14 @@ TEST(ShareManifest, HasTheKeysOfItsFields) {
 TEST(ShareManifest, HasNoKeyForTheTargetsWhereThereWasNoChoice) {
     const Manifest manifest{"8F2C", 1, {"a"}, std::nullopt};
     EXPECT_EQ(compactJson(manifest.toJson()), R"({"createdAtMs":1,"files":["a"],"id":"8F2C"})");
-    const Manifest nobody{"8F2C", 1, {"a"}, std::vector<std::string>{}};
+    const Manifest nobody{"8F2C", 1, {"a"}, std::vector<PeerKey>{}};
     EXPECT_EQ(compactJson(nobody.toJson()), R"({"createdAtMs":1,"files":["a"],"id":"8F2C","targetPubkeys":[]})");
 }
 
 TEST(ShareManifest, ReadsWhatItWrote) {
     for (const Manifest& manifest :
-         {Manifest{"8F2C", INT64_MAX, {"b", "a"}, std::vector<std::string>{"x"}}, Manifest{"", -1, {}, std::nullopt},
-          Manifest{"8F2C", 0, {"a"}, std::vector<std::string>{}}}) {
+         {Manifest{"8F2C", INT64_MAX, {"b", "a"}, std::vector{PeerKey("x")}}, Manifest{"", -1, {}, std::nullopt},
+          Manifest{"8F2C", 0, {"a"}, std::vector<PeerKey>{}}}) {
         EXPECT_EQ(Manifest::fromJson(parseJson(compactJson(manifest.toJson()))), manifest);
     }
 }
@@ -248,7 +249,7 @@ TEST(ShareOutboxOnDisk, IsForTheOwnerAlone) {
     outbox.writePeers(two);
     EXPECT_EQ(outbox.readPeers(), two);
     struct stat status{};
-    const platform::Path path = outbox.peersFileURL().value();
+    const platform::Path path = outbox.peersFilePath().value();
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
     ASSERT_EQ(::stat(path.parent_path().c_str(), &status), 0);

@@ -104,8 +104,9 @@ TEST_F(ShareStagingTest, CopiesTheFilesWritesTheManifestAndRings) {
     EXPECT_TRUE(staging->add("/home/ann/notes"));
     EXPECT_THAT(desk.busSignals.posted, IsEmpty());
     EXPECT_FALSE(files.exists(staging->folder() / "manifest.json"));
-    const Manifest manifest = staging->finish(std::vector<std::string>{"a/b+c=", "d"});
-    const Manifest expected{staging->id(), 1'767'225'600'000, {"holiday.jpg", "notes"}, {{"a/b+c=", "d"}}};
+    const Manifest manifest = staging->finish(std::vector{PeerKey("a/b+c="), PeerKey("d")});
+    const Manifest expected{
+        staging->id(), 1'767'225'600'000, {"holiday.jpg", "notes"}, std::vector{PeerKey("a/b+c="), PeerKey("d")}};
     EXPECT_EQ(manifest, expected);
     EXPECT_EQ(manifestIn(files, staging->folder()), expected);
     EXPECT_EQ(files.content(staging->folder() / "holiday.jpg"), "picture");
@@ -475,7 +476,7 @@ void stageTwo(MemoryFileSystem& files) {
     const auto staging = desk.begin();
     staging->add("/home/ann/a.txt");
     staging->add("/home/ann/b.txt");
-    static_cast<void>(staging->finish(std::vector<std::string>{"key"}));
+    static_cast<void>(staging->finish(std::vector{PeerKey("key")}));
 }
 
 void putTwo(MemoryFileSystem& files) {

@@ -14,7 +14,7 @@ using testing::IsEmpty;
 class ChoresTest : public testing::Test {
 protected:
     fakes::World world;
-    Chores chores{world.network, "orlinth.test"};
+    Chores chores{world.queues, "orlinth.test"};
     std::vector<int> done;
 };
 
@@ -27,8 +27,8 @@ TEST_F(ChoresTest, AreDoneInTheirOrderAndNotByTheOneWhoGivesThem) {
 }
 
 TEST_F(ChoresTest, HaveAQueueOfTheirOwnThatIsNamed) {
-    EXPECT_THAT(world.network.queueLabels, ElementsAre("orlinth.test"));
-    EXPECT_FALSE(world.network.isOnBlockingQueue());
+    EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.test"));
+    EXPECT_FALSE(world.queues.isOnBlockingQueue());
 }
 
 TEST_F(ChoresTest, AreFinishedAtOnceWhereThereAreNone) {

@@ -142,7 +142,7 @@ TEST_F(ClipCommandTest, RepeatsTheTextNowhere) {
 TEST_F(ClipCommandTest, SendsToThePhoneThatWasPairedLastOrToTheOneThatIsNamed) {
     PeerRecord other = world.phoneRecord();
     other.peer_hostname = "Tablet";
-    other.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    other.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     other.peer_ip = "203.0.113.9";
     other.paired_at_epoch_ms = world.phoneRecord().paired_at_epoch_ms + 1;
     pair({world.phoneRecord(), other});

@@ -16,8 +16,7 @@ protected:
         return askFor("phone", std::move(name), answer);
     }
     [[nodiscard]] Task<> askFor(std::string phone, std::string name, std::optional<bool>& answer) {
-        answer =
-            co_await questions_.wants({.name = name, .size = 1000, .from = "Pixel-8", .peerPubkey = PeerKey(phone)});
+        answer = co_await questions_.wants({.name = name, .size = 1000, .from = "Pixel-8", .peerKey = PeerKey(phone)});
     }
     /// An offer whose phone can hang up.
     struct Offer {
@@ -47,8 +46,7 @@ protected:
         return names;
     }
     [[nodiscard]] Task<> askOf(std::string key) {
-        first_ =
-            co_await questions_.wants({.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerPubkey = PeerKey(key)});
+        first_ = co_await questions_.wants({.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerKey = PeerKey(key)});
     }
 
     /// Until nothing moves without time moving.
@@ -86,7 +84,7 @@ TEST_F(OfferQuestionsTest, SaysWhichOfTwoPhonesItIsWhoseNamesLookAlike) {
     for (const auto& [key, name] :
          {std::pair("AAAAAAAAAAAAAAAA", "Pixel-8"), std::pair("BBBBBBBBBBBBBBBB", "PIXEL-8")}) {
         PeerRecord record = world_.phoneRecord();
-        record.peer_pubkey = key;
+        record.peer_pubkey = PeerKey(key);
         record.peer_hostname = name;
         book.peers.push_back(record);
     }
@@ -240,7 +238,7 @@ TEST_F(OfferQuestionsTest, TwoTransfersOfOnePhoneNeverShareAQuestionHoweverAlike
         answer = co_await questions_.wants({.name = "a.txt",
                                             .size = 1000,
                                             .from = "Pixel-8",
-                                            .peerPubkey = PeerKey("phone"),
+                                            .peerKey = PeerKey("phone"),
                                             .transferId = TransferId(std::move(id))});
     };
     world_.alongside(askFor("1", first));

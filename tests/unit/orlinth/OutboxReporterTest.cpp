@@ -31,7 +31,7 @@ protected:
     }
     [[nodiscard]] static host::OutboxState::Phone pixel() {
         host::OutboxState::Phone phone;
-        phone.pubkey = PeerKey("AAAA");
+        phone.peerKey = PeerKey("AAAA");
         phone.hostname = "Pixel";
         return phone;
     }
@@ -52,7 +52,7 @@ protected:
     }
 
     const host::OutboxEvents::Transfer transfer_{
-        .batch = BatchId(batch), .file = "a.txt", .to = "Pixel", .key = PeerKey("AAAA")};
+        .batch = BatchId(batch), .file = "a.txt", .to = "Pixel", .peerKey = PeerKey("AAAA")};
     fakes::World world_;
     TaskRunner tasks_{world_.context};
     Output output_;

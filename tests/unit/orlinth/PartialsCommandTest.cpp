@@ -21,12 +21,12 @@ protected:
         const PartialMeta meta{.transfer_id = TransferId(name),
                                .advertised_size = 10,
                                .started_at_epoch_ms = 1,
-                               .peer_pubkey = PeerKey(world.phoneRecord().peer_pubkey)};
+                               .peer_pubkey = world.phoneRecord().peer_pubkey};
         world.files.put(downloads / (name + ".partial"), "01234");
         world.files.put(downloads / (name + ".partial.meta.json"), compactJson(meta.toJson()));
     }
     [[nodiscard]] platform::Path lock() {
-        return FolderTurns(world.system).lockFile(world.files.status(downloads).value());
+        return FolderTurns(world.system.storage()).lockFile(world.files.status(downloads).value());
     }
     /// Another program that holds the turn for ever.
     void holdTurn() {

@@ -71,7 +71,7 @@ TEST_F(PeersCommandTest, WakesNobodyToSayThatItWasRemoved) {
 TEST_F(PeersCommandTest, ForgetsExactlyThePhoneThatIsMeant) {
     PeerRecord other = world.phoneRecord();
     other.peer_hostname = "Pixel-7";
-    other.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    other.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     pair({world.phoneRecord(), other});
     const Ended unclear = peers({"remove", "pixel"});
     EXPECT_EQ(unclear.status, 1);
@@ -96,7 +96,7 @@ TEST_F(PeersCommandTest, KeepsThePushTokenAndPrintsItNowhere) {
             everything += line;
         }
         if (words == add) {
-            EXPECT_EQ(book().find(key)->peer_fcm_token, "very secret");
+            EXPECT_EQ(book().find(PeerKey(key))->peer_fcm_token, "very secret");
         }
     }
     EXPECT_THAT(everything, HasSubstr("\"has_fcm_token\":true"));

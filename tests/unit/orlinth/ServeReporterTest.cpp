@@ -106,22 +106,20 @@ TEST_F(ServeReporterTest, TellsTwoPhonesApartWhoseNamesLookAlike) {
     for (const auto& [key, name] :
          {std::pair("AAAAAAAAAAAAAAAA", "Pixel <8>"), std::pair("BBBBBBBBBBBBBBBB", "pixel <8> ")}) {
         PeerRecord record = world_.phoneRecord();
-        record.peer_pubkey = key;
+        record.peer_pubkey = PeerKey(key);
         record.peer_hostname = name;
         book.peers.push_back(record);
     }
     host_.peers().writeBook(book);
     Receiver::File received = file("/home/ann/Downloads/a.txt");
-    received.peerPubkey = PeerKey("BBBBBBBBBBBBBBBB");
+    received.peerKey = PeerKey("BBBBBBBBBBBBBBBB");
     reporter_.fileReceived(received);
-    reporter_.textReceived({.text = "correct horse",
-                            .mime = "text/plain",
-                            .from = "Pixel <8>",
-                            .peerPubkey = PeerKey("AAAAAAAAAAAAAAAA")});
+    reporter_.textReceived(
+        {.text = "correct horse", .mime = "text/plain", .from = "Pixel <8>", .peerKey = PeerKey("AAAAAAAAAAAAAAAA")});
     letBurstPass(); // of the file
     letBurstPass(); // of the text
     reporter_.textReceived(
-        {.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerPubkey = PeerKey("CCCC")});
+        {.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerKey = PeerKey("CCCC")});
     ASSERT_EQ(3U, shown().size());
     EXPECT_EQ("File from Pixel <8> (key BBBBBBBBBBBB)", shown()[0].notification.title);
     EXPECT_EQ("Text from Pixel <8> (key AAAAAAAAAAAA)", shown()[1].notification.title);
@@ -193,7 +191,7 @@ TEST_F(ServeReporterTest, IsNotAskedToOpenAnythingOnceItIsGone) {
 // ---- texts
 
 Receiver::Clipboard textOf(const std::string& text, const std::string& phone = "key") {
-    return {.text = text, .mime = "text/plain", .from = "Pixel", .peerPubkey = PeerKey(phone)};
+    return {.text = text, .mime = "text/plain", .from = "Pixel", .peerKey = PeerKey(phone)};
 }
 
 TEST_F(ServeReporterTest, WritesTheNewestOfTheTextsThatHaveCome) {
@@ -240,7 +238,7 @@ Receiver::Failure failureOf(const std::string& phone) {
     return {.error = std::make_exception_ptr(ReceiveError::wire("broken")),
             .remoteEndpoint = "192.168.1.7:1",
             .from = "Pixel",
-            .peerPubkey = PeerKey(phone)};
+            .peerKey = PeerKey(phone)};
 }
 
 TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
@@ -256,7 +254,7 @@ TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
     EXPECT_EQ(3, std::ranges::count_if(failures("key 2", 3), isFailure)) << "another phone is not concerned";
     EXPECT_TRUE(linesOf([&] {
                     reporter_.settled(Receiver::SetName{
-                        .name = "x", .from = "Pixel", .isTakenOver = true, .peerPubkey = PeerKey("key 1")});
+                        .name = "x", .from = "Pixel", .isTakenOver = true, .peerKey = PeerKey("key 1")});
                 }).empty());
     const std::vector<std::string> minute = linesOf([&] { letBurstPass(); });
     EXPECT_EQ((std::vector<std::string>{"Pixel: 981 more lines were left out"}), minute);
@@ -283,7 +281,7 @@ TEST_F(ServeReporterTest, AClipboardThatCannotBeWrittenIsAFewLinesAMinuteAndThen
 
 TEST_F(ServeReporterTest, APhoneThatIsNotForgottenGetsNoMoreLinesThanOthers) {
     constexpr int count = 1000;
-    Receiver::Unpair unpair{.from = "Pixel", .peerPubkey = PeerKey("key 1"), .isForgotten = false};
+    Receiver::Unpair unpair{.from = "Pixel", .peerKey = PeerKey("key 1"), .isForgotten = false};
     testing::internal::CaptureStdout();
     for (int i = 0; i < count; ++i) {
         reporter_.settled(unpair);

@@ -23,7 +23,7 @@ protected:
             there.folders.change("/home/ann");
         }(world, std::move(file), seconds));
     }
-    bool lock(double seconds) { return world.run(lockWithin(world.system, *mine, path, seconds)); }
+    bool lock(double seconds) { return world.run(lockWithin(world.system.storage(), *mine, path, seconds)); }
 
     fakes::World world;
     const Path path = "/home/ann/some.lock";

@@ -73,7 +73,7 @@ TEST_F(OutboxBatchesTest, ReadsABatch) {
     const OutboxBatches::Batch read = batches_.read(BatchId(id));
     EXPECT_EQ(batch(), read.folder);
     EXPECT_EQ((ShareOutbox::Manifest{
-                  .id = id, .createdAtMs = 1000, .files = {"a.txt"}, .targetPubkeys = std::vector<std::string>{"KEY"}}),
+                  .id = id, .createdAtMs = 1000, .files = {"a.txt"}, .targetPubkeys = std::vector{PeerKey("KEY")}}),
               read.manifest);
     EXPECT_EQ("", fault());
 }

@@ -35,7 +35,7 @@ protected:
         return {parts.at(0), std::stoll(parts.at(1)), parts.at(2), parts.at(3)};
     }
     fakes::World world_;
-    OutboxJournal journal_{world_.system, "/memory/inflight.json"};
+    OutboxJournal journal_{world_.files, world_.mimeTypes, "/memory/inflight.json"};
 };
 
 TEST_F(OutboxJournalTest, WritesTheIdsOfSeveralFilesAtOnce) {

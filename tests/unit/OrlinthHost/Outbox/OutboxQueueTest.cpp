@@ -84,7 +84,7 @@ protected:
         EXPECT_TRUE(hold->tryLock());
         return hold;
     }
-    void put(const std::string& id, const std::vector<std::string>& files, std::vector<std::string> phones,
+    void put(const std::string& id, const std::vector<std::string>& files, std::vector<PeerKey> phones,
              std::int64_t createdAtMs = 1000) {
         for (const std::string& name : files) {
             world.files.put(outbox / id / name, "content of " + name);
@@ -104,39 +104,39 @@ protected:
     }
     OutboxQueue::Job& job(const std::string& id) { return *queue->find(BatchId(id)); }
     /// Batch and file that come next for a phone, and are under way from now on; "" if there are none.
-    std::string begin(const std::string& key) {
-        OutboxQueue::Job* const next = queue->nextFor(PeerKey(key));
+    std::string begin(const PeerKey& key) {
+        OutboxQueue::Job* const next = queue->nextFor(key);
         if (next == nullptr) {
             return "";
         }
-        const std::string file = *next->nextFor(PeerKey(key));
-        journal = queue->setUnderWay(*next, PeerKey(key));
+        const std::string file = *next->nextFor(key);
+        journal = queue->setUnderWay(*next, key);
         return next->id().text().substr(0, 2) + " " + file;
     }
-    void end(const std::string& id, const std::string& key, const std::string& file) {
-        OutboxQueue::setEnded(job(id), PeerKey(key), file);
+    void end(const std::string& id, const PeerKey& key, const std::string& file) {
+        OutboxQueue::setEnded(job(id), key, file);
     }
-    void arrive(const std::string& id, const std::string& key, const std::string& file) {
+    void arrive(const std::string& id, const PeerKey& key, const std::string& file) {
         end(id, key, file);
         const OutboxEvents::Transfer transfer{
-            .batch = BatchId(id), .file = file, .to = key == phone ? "Pixel-8" : "Tablet", .key = PeerKey(key)};
-        queue->setDone(job(id), PeerKey(key), transfer, Delivered{});
+            .batch = BatchId(id), .file = file, .to = key == phone ? "Pixel-8" : "Tablet", .peerKey = key};
+        queue->setDone(job(id), key, transfer, Delivered{});
     }
-    void fail(const std::string& id, const std::string& key, const std::string& file, const std::string& why) {
+    void fail(const std::string& id, const PeerKey& key, const std::string& file, const std::string& why) {
         end(id, key, file);
-        queue->setFailed(job(id), PeerKey(key), file, why);
+        queue->setFailed(job(id), key, file, why);
     }
-    void takeInVain(const std::string& id, const std::string& key, const std::string& file) {
+    void takeInVain(const std::string& id, const PeerKey& key, const std::string& file) {
         end(id, key, file);
-        queue->putBehind(job(id), PeerKey(key), file);
+        queue->putBehind(job(id), key, file);
     }
     [[nodiscard]] bool isThere(const platform::Path& path) const { return world.files.exists(path); }
 
     fakes::World world;
     Home home{world.system, world.context.get_executor()};
     RecordingEvents events;
-    const std::string phone = world.phoneRecord().peer_pubkey;
-    const std::string tablet = platform::PrivateKey::generate().publicKey().base64();
+    const PeerKey phone = world.phoneRecord().peer_pubkey;
+    const PeerKey tablet = platform::PrivateKey::generate().publicKey().peerKey();
     std::shared_ptr<OutboxJournal> journal;
     std::optional<OutboxQueue> queue{std::in_place, home, events};
 };
@@ -153,7 +153,7 @@ TEST_F(OutboxQueueTest, TakesInABatchOnceItIsComplete) {
     EXPECT_EQ(watched, outbox);
     EXPECT_THAT(incomplete, ElementsAre(outbox / first));
     put(first, {"a.txt"}, {phone});
-    EXPECT_THAT(queue->look(watch).phones, ElementsAre(PeerKey(phone)));
+    EXPECT_THAT(queue->look(watch).phones, ElementsAre(phone));
     EXPECT_THAT(incomplete, IsEmpty());
     EXPECT_NE(queue->find(BatchId(first)), nullptr);
     EXPECT_THAT(look().phones, IsEmpty()) << "it is no news any more";
@@ -162,7 +162,7 @@ TEST_F(OutboxQueueTest, TakesInABatchOnceItIsComplete) {
 TEST_F(OutboxQueueTest, FindsABatchThatBecomesCompleteWhileTheWatchIsSetUp) {
     const auto hold = beginBatch(first);
     const OutboxQueue::News news = queue->look([this](const auto&, const auto&) { put(first, {"a.txt"}, {phone}); });
-    EXPECT_THAT(news.phones, ElementsAre(PeerKey(phone)));
+    EXPECT_THAT(news.phones, ElementsAre(phone));
 }
 
 TEST_F(OutboxQueueTest, GivesFilesInTheirOrderTheOlderBatchFirstAndEachOnce) {
@@ -173,7 +173,7 @@ TEST_F(OutboxQueueTest, GivesFilesInTheirOrderTheOlderBatchFirstAndEachOnce) {
     EXPECT_EQ(begin(phone), "1A a.txt") << "beside the first";
     EXPECT_EQ(begin(phone), "0A new.txt");
     EXPECT_EQ(begin(phone), "");
-    EXPECT_TRUE(job(second).isOpenFor(PeerKey(phone))) << "what is under way is not done";
+    EXPECT_TRUE(job(second).isOpenFor(phone)) << "what is under way is not done";
 }
 
 TEST_F(OutboxQueueTest, GivesFilesThatThePhoneTookInVainAfterTheOthers) {
@@ -189,7 +189,7 @@ TEST_F(OutboxQueueTest, GivesFilesThatThePhoneTookInVainAfterTheOthers) {
     EXPECT_EQ(begin(phone), "0A a.txt");
     takeInVain(first, phone, "a.txt");
     EXPECT_EQ(begin(phone), "0A b.txt") << "in vain once, the other twice";
-    EXPECT_EQ(job(first).attemptsInVain(PeerKey(phone), "a.txt"), 2);
+    EXPECT_EQ(job(first).attemptsInVain(phone, "a.txt"), 2);
 }
 
 TEST_F(OutboxQueueTest, PreparesSixteenFilesAtOnceButNoneThatWasTakenInVain) {
@@ -202,8 +202,8 @@ TEST_F(OutboxQueueTest, PreparesSixteenFilesAtOnceButNoneThatWasTakenInVain) {
     EXPECT_EQ(begin(phone), "0A a");
     EXPECT_TRUE(journal->isPrepared(outbox / first / "p"));
     EXPECT_FALSE(journal->isPrepared(outbox / first / "q")) << "the seventeenth";
-    queue->putBehind(job(first), PeerKey(phone), "c");
-    EXPECT_THAT(job(first).upcoming(PeerKey(phone), 3), ElementsAre("b", "d", "e"));
+    queue->putBehind(job(first), phone, "c");
+    EXPECT_THAT(job(first).upcoming(phone, 3), ElementsAre("b", "d", "e"));
 }
 
 TEST_F(OutboxQueueTest, OpensNoFileThatIsNotFitToBeSent) {
@@ -220,7 +220,7 @@ TEST_F(OutboxQueueTest, OpensNoFileThatIsNotFitToBeSent) {
 TEST_F(OutboxQueueTest, RemovesABatchOnceEveryPhoneHasEverything) {
     put(first, {"a.txt", "b.txt"}, {phone, tablet});
     static_cast<void>(look());
-    for (const std::string& key : {phone, tablet}) {
+    for (const PeerKey& key : {phone, tablet}) {
         EXPECT_EQ(begin(key), "0A a.txt");
         arrive(first, key, "a.txt");
         EXPECT_EQ(begin(key), "0A b.txt");
@@ -275,7 +275,7 @@ TEST_F(OutboxQueueTest, GivesUpEverythingForOnePhoneAndNothingForTheOther) {
     put(second, {"c.txt"}, {phone});
     static_cast<void>(look());
     static_cast<void>(begin(tablet));
-    queue->setAllFailed(PeerKey(phone), "removed");
+    queue->setAllFailed(phone, "removed");
     EXPECT_THAT(events.take(), ElementsAre("failed all of 0A to Pixel-8: removed", "Pixel-8 has",
                                            "failed all of 1A to Pixel-8: removed", "Pixel-8 has",
                                            "set aside 1A: c.txt not sent to Pixel-8 (removed)"));
@@ -287,18 +287,18 @@ TEST_F(OutboxQueueTest, TellsOfEachBatchThatItsPhoneIsAwayAndPeopleOnce) {
     put(first, {"a.txt"}, {phone});
     put(second, {"b.txt"}, {phone, tablet});
     static_cast<void>(look());
-    queue->setWaiting(PeerKey(phone), "no answer", 5, true);
+    queue->setWaiting(phone, "no answer", 5, true);
     EXPECT_THAT(events.take(),
                 ElementsAre("waiting 0A for Pixel-8 5 s: no answer", "waiting 1A for Pixel-8 5 s: no answer",
                             "line: Pixel-8: no answer", "shown: Pixel-8: no answer"));
-    queue->setWaiting(PeerKey(phone), "no answer", 10, false);
+    queue->setWaiting(phone, "no answer", 10, false);
     EXPECT_THAT(events.take(), ElementsAre(StartsWith("waiting 0A"), StartsWith("waiting 1A")));
-    queue->setWaiting(PeerKey(phone), "refused", 20, true);
+    queue->setWaiting(phone, "refused", 20, true);
     EXPECT_THAT(events.take(),
                 ElementsAre(StartsWith("waiting 0A"), StartsWith("waiting 1A"), "line: Pixel-8: refused"));
     put(third, {"c.txt"}, {phone});
     static_cast<void>(look());
-    queue->setWaiting(PeerKey(phone), "refused", 40, false);
+    queue->setWaiting(phone, "refused", 40, false);
     EXPECT_EQ(events.take().size(), 5U) << "a batch that nobody knows to wait yet";
 }
 
@@ -329,7 +329,7 @@ TEST_F(OutboxQueueTest, TellsOnceOfABatchThatCannotBeSetAsideAndTriesAgainWhenIt
     world.files.removeDirectory(outbox / first);
     static_cast<void>(look());
     put(first, {"a.txt"}, {phone});
-    EXPECT_THAT(look().phones, ElementsAre(PeerKey(phone)));
+    EXPECT_THAT(look().phones, ElementsAre(phone));
 }
 
 TEST_F(OutboxQueueTest, TakesInABatchAtALaterLookIfThePeerStoreCannotBeReadNow) {
@@ -343,7 +343,7 @@ TEST_F(OutboxQueueTest, TakesInABatchAtALaterLookIfThePeerStoreCannotBeReadNow) 
     EXPECT_THAT(look().phones, IsEmpty());
     EXPECT_THAT(events.take(), ElementsAre(StartsWith("waiting 0A for  60 s: ")));
     world.files.clearFaults();
-    EXPECT_THAT(look().phones, ElementsAre(PeerKey(phone)));
+    EXPECT_THAT(look().phones, ElementsAre(phone));
 }
 
 TEST_F(OutboxQueueTest, TellsOnceThatThereIsNoOutboxUntilThereWasOne) {
@@ -428,7 +428,7 @@ TEST_F(OutboxQueueTest, TriesAgainWhatHasFailedOfALiveBatchAndOfOneThatWasSetAsi
     fail(second, phone, begin(phone).substr(3), "declined");
     EXPECT_EQ(queue->find(BatchId(second)), nullptr);
     EXPECT_TRUE(queue->retry(BatchId(second)));
-    EXPECT_THAT(look().phones, ElementsAre(PeerKey(phone)));
+    EXPECT_THAT(look().phones, ElementsAre(phone));
     EXPECT_EQ(begin(phone), "1A c.txt");
     EXPECT_FALSE(queue->retry(BatchId(third)));
 }
@@ -438,7 +438,7 @@ TEST_F(OutboxQueueTest, ForgetsAtTheStartWhatIsRememberedOfBatchesThatAreNowhere
     static_cast<void>(look());
     for (const char* id : {second, third}) {
         OutboxState state(world.files, memory / id);
-        state.phones.push_back(freshPhone(PeerKey(phone), nullptr));
+        state.phones.push_back(freshPhone(phone, nullptr));
         state.save();
     }
     world.files.put(container / "OutboxSetAside" / third / "manifest.json", "{}");
@@ -458,11 +458,11 @@ TEST_F(OutboxQueueTest, LooksAtNoFileTwiceThatIsThroughHoweverManyThereAre) {
     put(first, names, {phone});
     static_cast<void>(look());
     for (const std::string& name : names) {
-        ASSERT_EQ(job(first).nextFor(PeerKey(phone)), name);
-        job(first).state.find(PeerKey(phone))->setDone(name);
+        ASSERT_EQ(job(first).nextFor(phone), name);
+        job(first).state.find(phone)->setDone(name);
     }
-    EXPECT_FALSE(job(first).isOpenFor(PeerKey(phone)));
-    EXPECT_EQ(job(first).firstOpen.at(PeerKey(phone)), names.size());
+    EXPECT_FALSE(job(first).isOpenFor(phone));
+    EXPECT_EQ(job(first).firstOpen.at(phone), names.size());
 }
 
 } // namespace

@@ -232,7 +232,7 @@ TEST_F(OutboxSenderTest, GivesUpEverythingForAPhoneThatHasForgottenThisComputer)
 }
 
 TEST_F(OutboxSenderTest, ServesTheOtherPhonesOfABatchOneOfWhichWasRemoved) {
-    put(first, {"a.txt"}, 1000, std::vector<std::string>{"GONE", world_.phoneRecord().peer_pubkey});
+    put(first, {"a.txt"}, 1000, std::vector{PeerKey("GONE"), world_.phoneRecord().peer_pubkey});
     world_.alongside(take(1));
     start();
     pass(1);
@@ -242,7 +242,7 @@ TEST_F(OutboxSenderTest, ServesTheOtherPhonesOfABatchOneOfWhichWasRemoved) {
 }
 
 TEST_F(OutboxSenderTest, GivesUpWhatIsForAPhoneThatIsRemovedMeanwhile) {
-    put(first, {"a.txt"}, 1000, std::vector<std::string>{world_.phoneRecord().peer_pubkey});
+    put(first, {"a.txt"}, 1000, std::vector{world_.phoneRecord().peer_pubkey});
     start();
     pass(1);
     pair({tabletRecord()});
@@ -253,7 +253,7 @@ TEST_F(OutboxSenderTest, GivesUpWhatIsForAPhoneThatIsRemovedMeanwhile) {
 
 TEST_F(OutboxSenderTest, DoesNotLetAPhoneThatIsAwayHoldUpAnother) {
     pair({world_.phoneRecord(), tabletRecord()});
-    put(first, {"a.txt"}, 1000, std::vector<std::string>{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
+    put(first, {"a.txt"}, 1000, std::vector{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
     world_.alongside(take(1));
     start();
     pass(1);
@@ -317,7 +317,7 @@ TEST_F(OutboxSenderTest, WritesIdsDownBeforeAnythingIsSent) {
     start();
     pass(1);
     const OutboxState known = OutboxState::load(world_.files, memory / first).value();
-    const std::string journal = *world_.files.content(known.journalFile(PeerKey(world_.phoneRecord().peer_pubkey)));
+    const std::string journal = *world_.files.content(known.journalFile(world_.phoneRecord().peer_pubkey));
     EXPECT_THAT(InFlightJournal::decodeEntries(parseJson(journal)),
                 ElementsAre(Key(StartsWith("a.txt|16|")), Key(StartsWith("b.txt|16|"))));
 }
@@ -330,8 +330,7 @@ TEST_F(OutboxSenderTest, TakesNothingForSentBeforeThePhoneHasClosed) {
     EXPECT_THAT(told(What::sent), IsEmpty());
     const OutboxState whoeverComesNext = OutboxState::load(world_.files, memory / first).value();
     EXPECT_TRUE(whoeverComesNext.phones.at(0).isOpen("a.txt"));
-    const std::string journal =
-        *world_.files.content(whoeverComesNext.journalFile(PeerKey(world_.phoneRecord().peer_pubkey)));
+    const std::string journal = *world_.files.content(whoeverComesNext.journalFile(world_.phoneRecord().peer_pubkey));
     EXPECT_THAT(journal, HasSubstr(ids_.at(0))) << "under the same id, if we are killed now";
     pass(10);
     EXPECT_EQ(1U, told(What::sent).size());

@@ -27,7 +27,7 @@ protected:
     OutboxStateTest() {
         for (const char* key : {"KEY A", "KEY B"}) {
             OutboxState::Phone phone;
-            phone.pubkey = PeerKey(key);
+            phone.peerKey = PeerKey(key);
             state_.phones.push_back(phone);
         }
         state_.phones[0].hostname = "Pixel";
@@ -39,7 +39,7 @@ protected:
     }
     [[nodiscard]] static PeerRecord phone(const std::string& key, std::int64_t pairedAt) {
         PeerRecord record;
-        record.peer_pubkey = key;
+        record.peer_pubkey = PeerKey(key);
         record.peer_hostname = "name of " + key;
         record.paired_at_epoch_ms = pairedAt;
         return record;
@@ -68,7 +68,7 @@ TEST_F(OutboxStateTest, IsTheSameAfterARestart) {
     EXPECT_THAT(again.phones[0].done, ElementsAre("a"));
     EXPECT_THAT(again.phones[0].failed, ElementsAre(Pair("c", "why")));
     EXPECT_EQ("for this", again.phones[0].waiting);
-    EXPECT_EQ("KEY B", again.phones[1].pubkey.text());
+    EXPECT_EQ("KEY B", again.phones[1].peerKey.text());
     EXPECT_EQ("", again.phones[1].waiting);
 }
 
@@ -174,7 +174,7 @@ TEST(OutboxStateCrash, LosesAtMostWhatWasNotFlushed) {
             const std::optional<OutboxState> state = OutboxState::load(after.files, folder);
             ASSERT_TRUE(state) << "what was there before is lost";
             const OutboxState::Phone& phone = state->phones.front();
-            EXPECT_EQ("KEY A", phone.pubkey.text());
+            EXPECT_EQ("KEY A", phone.peerKey.text());
             EXPECT_TRUE(phone.isOpen("b"));
             if (isFlushed) {
                 EXPECT_FALSE(phone.isOpen("a"));
@@ -261,12 +261,12 @@ TEST_F(OutboxStateTest, NamesAPhoneByItsNameElseByItsKey) {
 TEST_F(OutboxStateTest, GoesToThePhonesThatWereChosenEachOnce) {
     const PeerBook book{{phone("A", 1), phone("B", 2)}};
     ShareOutbox::Manifest manifest;
-    manifest.targetPubkeys = {"B", "GONE", "B"};
+    manifest.targetPubkeys = {PeerKey("B"), PeerKey("GONE"), PeerKey("B")};
     const auto phones = phonesFor(manifest, book, neverAsked);
     ASSERT_EQ(2U, phones.size());
-    EXPECT_EQ("B", phones[0].pubkey.text());
+    EXPECT_EQ("B", phones[0].peerKey.text());
     EXPECT_EQ("name of B", phones[0].hostname);
-    EXPECT_EQ("GONE", phones[1].pubkey.text());
+    EXPECT_EQ("GONE", phones[1].peerKey.text());
     EXPECT_EQ("", phones[1].hostname);
 }
 
@@ -274,9 +274,9 @@ TEST_F(OutboxStateTest, GoesToThePhoneThatWasTheOneWhereThereWasNoChoice) {
     ShareOutbox::Manifest manifest;
     manifest.createdAtMs = 100;
     EXPECT_THAT(phonesFor(manifest, {}, neverAsked), IsEmpty());
-    EXPECT_EQ("A", phonesFor(manifest, {{phone("A", 100)}}, neverAsked).at(0).pubkey.text());
+    EXPECT_EQ("A", phonesFor(manifest, {{phone("A", 100)}}, neverAsked).at(0).peerKey.text());
     EXPECT_EQ("B",
-              phonesFor(manifest, {{phone("A", 1), phone("B", 50), phone("C", 101)}}, neverAsked).at(0).pubkey.text());
+              phonesFor(manifest, {{phone("A", 1), phone("B", 50), phone("C", 101)}}, neverAsked).at(0).peerKey.text());
     EXPECT_EQ(1U, phonesFor(manifest, {{phone("A", 1), phone("B", 50)}}, neverAsked).size());
 }
 
@@ -284,7 +284,7 @@ TEST_F(OutboxStateTest, GoesToNobodyWhereThePhoneThatWasTheOneMayBeGone) {
     ShareOutbox::Manifest manifest;
     manifest.createdAtMs = 100;
     const PeerBook one{{phone("A", 500)}};
-    EXPECT_EQ("A", phonesFor(manifest, one, [] { return false; }).at(0).pubkey.text())
+    EXPECT_EQ("A", phonesFor(manifest, one, [] { return false; }).at(0).peerKey.text())
         << "it may have been paired anew";
     EXPECT_THROW(static_cast<void>(phonesFor(manifest, one, [] { return true; })), OutboxError);
     const PeerBook several{{phone("A", 500), phone("B", 400)}};

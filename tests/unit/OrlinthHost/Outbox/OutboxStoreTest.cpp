@@ -24,7 +24,7 @@ protected:
 
     void pair(const std::vector<PeerRecord>& records) { home.peers().writeBook({records}); }
     void put(const std::string& id, std::int64_t createdAtMs, bool isSetAside = false,
-             std::optional<std::vector<std::string>> phones = std::nullopt) {
+             std::optional<std::vector<PeerKey>> phones = std::nullopt) {
         const platform::Path folder = container / (isSetAside ? "OutboxSetAside" : "Outbox") / id;
         world.files.put(folder / "a.txt", "12345");
         const ShareOutbox::Manifest manifest{
@@ -32,9 +32,9 @@ protected:
         world.files.put(folder / "manifest.json", compactJson(manifest.toJson()));
     }
     /// As after an attempt in which the phone did not take the file.
-    void putFailure(const std::string& id, const std::string& pubkey) {
+    void putFailure(const std::string& id, const PeerKey& peerKey) {
         OutboxState state(world.files, store.memoryOf(BatchId(id)));
-        state.phones.push_back(freshPhone(PeerKey(pubkey), nullptr));
+        state.phones.push_back(freshPhone(peerKey, nullptr));
         state.phones.front().failed["a.txt"] = "declined";
         state.save();
     }
@@ -50,7 +50,7 @@ protected:
     fakes::World world;
     Home home{world.system, world.context.get_executor()};
     OutboxStore store{home};
-    const std::string phone = world.phoneRecord().peer_pubkey;
+    const PeerKey phone = world.phoneRecord().peer_pubkey;
 };
 
 TEST_F(OutboxStoreTest, ListsWhatIsCompleteOrSetAsideTheOldestFirst) {
@@ -66,7 +66,7 @@ TEST_F(OutboxStoreTest, ListsWhatIsCompleteOrSetAsideTheOldestFirst) {
     EXPECT_EQ(all[1].id.text(), third);
     EXPECT_FALSE(all[1].isSetAside);
     EXPECT_EQ(all[2].id.text(), first);
-    EXPECT_EQ(all[2].state.phones.at(0).pubkey.text(), phone) << "to whom it will go";
+    EXPECT_EQ(all[2].state.phones.at(0).peerKey, phone) << "to whom it will go";
     EXPECT_EQ(all[2].sizeOf(world.files, "a.txt"), 5);
     EXPECT_EQ(all[2].sizeOf(world.files, "b.txt"), 0);
     EXPECT_EQ(all[2].problem, "");
@@ -108,13 +108,13 @@ TEST_F(OutboxStoreTest, BringsBackWhatWasSetAside) {
 
 TEST_F(OutboxStoreTest, BringsABatchForNobodyInParticularBackForThePhoneThatIsThereNow) {
     put(first, 1, true);
-    put(second, 1, true, std::vector<std::string>{"a phone that was chosen"});
-    putFailure(first, "a phone that is gone");
-    putFailure(second, "a phone that was chosen");
+    put(second, 1, true, std::vector{PeerKey("a phone that was chosen")});
+    putFailure(first, PeerKey("a phone that is gone"));
+    putFailure(second, PeerKey("a phone that was chosen"));
     store.retry(entryOf(first));
     store.retry(entryOf(second));
-    EXPECT_EQ(entryOf(first).state.phones.at(0).pubkey.text(), phone);
-    EXPECT_EQ(entryOf(second).state.phones.at(0).pubkey.text(), "a phone that was chosen");
+    EXPECT_EQ(entryOf(first).state.phones.at(0).peerKey, phone);
+    EXPECT_EQ(entryOf(second).state.phones.at(0).peerKey, PeerKey("a phone that was chosen"));
 }
 
 TEST_F(OutboxStoreTest, DropsABatchWithWhatIsRememberedOfIt) {

@@ -380,7 +380,7 @@ TEST_F(OutboxTroubleTest, SaysOfABatchWhoseNameIsTakenThatItIsLeftToPeople) {
 
 TEST_F(OutboxTroubleTest, TriesAgainInALiveBatchWhatWasDeclined) {
     pair({world_.phoneRecord(), tabletRecord()});
-    put(first, {"a.txt"}, 1000, std::vector<std::string>{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
+    put(first, {"a.txt"}, 1000, std::vector{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
     world_.alongside(answer(Row::decline(), 1));
     start();
     pass(1);
@@ -393,7 +393,7 @@ TEST_F(OutboxTroubleTest, TriesAgainInALiveBatchWhatWasDeclined) {
 
 TEST_F(OutboxTroubleTest, NotesLaterWhatItCouldNotNoteWhenItWasSent) {
     pair({world_.phoneRecord(), tabletRecord()});
-    put(first, {"a.txt"}, 1000, std::vector<std::string>{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
+    put(first, {"a.txt"}, 1000, std::vector{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
     world_.alongside(closeLate(10));
     start();
     pass(0.01);

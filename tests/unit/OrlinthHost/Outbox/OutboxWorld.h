@@ -35,7 +35,7 @@ protected:
     }
     [[nodiscard]] PeerRecord tabletRecord() const {
         PeerRecord record = world_.phoneRecord();
-        record.peer_pubkey = tabletKey_.publicKey().base64();
+        record.peer_pubkey = tabletKey_.publicKey().peerKey();
         record.peer_hostname = "Tablet";
         record.peer_port = tabletPort;
         return record;
@@ -43,7 +43,7 @@ protected:
 
     /// A complete batch, without anybody being told.
     void put(const std::string& id, const std::vector<std::string>& files, std::int64_t createdAtMs = 1000,
-             std::optional<std::vector<std::string>> phones = std::nullopt) {
+             std::optional<std::vector<PeerKey>> phones = std::nullopt) {
         for (const std::string& name : files) {
             world_.files.put(outbox / id / name, "content of " + name);
         }

@@ -19,7 +19,7 @@ using testing::IsEmpty;
 class KnownKeysTest : public testing::Test {
 protected:
     KnownKeysTest() {
-        world.make().setExpectedPeerPubkeys({});
+        world.make().setExpectedPeerKeys({});
         keys.emplace(home, *world.receiver, ownKey,
                      [this](const std::exception_ptr& error) { troubles.push_back(describe(error)); });
         world.receiver->beforeAuthorising = [this] { keys->refresh(); };
@@ -71,9 +71,9 @@ TEST_F(KnownKeysTest, AreThoseOfTheStoreAsItIsWhenSomebodyConnects) {
 
 TEST_F(KnownKeysTest, AreNeverThisComputersOwnNorSomethingThatIsNoKey) {
     PeerRecord own = world.phoneRecord();
-    own.peer_pubkey = ownKey.base64();
+    own.peer_pubkey = ownKey.peerKey();
     PeerRecord unusable = world.phoneRecord();
-    unusable.peer_pubkey = "AAAA";
+    unusable.peer_pubkey = PeerKey("AAAA");
     world.putPeers({own, unusable, world.tabletRecord()});
     keys->refresh();
     EXPECT_EQ(keys->pairedCount(), 1U);
@@ -84,10 +84,10 @@ TEST_F(KnownKeysTest, AreNeverThisComputersOwnNorSomethingThatIsNoKey) {
 TEST_F(KnownKeysTest, OfRemovedPhonesAreThoseThatAreToBeNotified) {
     removed().add(world.phoneKey.publicKey());
     keys->refresh();
-    EXPECT_THAT(world.receiver->removedPeerPubkeys(), ElementsAre(world.phoneKey.publicKey()));
+    EXPECT_THAT(world.receiver->removedPeerKeys(), ElementsAre(world.phoneKey.publicKey()));
     removed().forget(world.phoneKey.publicKey());
     keys->refresh();
-    EXPECT_THAT(world.receiver->removedPeerPubkeys(), IsEmpty());
+    EXPECT_THAT(world.receiver->removedPeerKeys(), IsEmpty());
 }
 
 TEST_F(KnownKeysTest, AreReadAgainOnlyWhenAFileHasChanged) {

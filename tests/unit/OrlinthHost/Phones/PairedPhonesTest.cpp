@@ -27,7 +27,7 @@ protected:
     }
     [[nodiscard]] bool isKnown() {
         const std::vector<platform::PublicKey> gone = removed().load();
-        return home.peers().loadBook().find(key.base64()) != nullptr || std::ranges::find(gone, key) != gone.end();
+        return home.peers().loadBook().find(key.peerKey()) != nullptr || std::ranges::find(gone, key) != gone.end();
     }
 
     fakes::World world;
@@ -55,7 +55,7 @@ TEST_F(PairedPhonesTest, RemovesAPhoneWhichIsNotifiedLater) {
 
 TEST_F(PairedPhonesTest, NeverNotifyThisComputerItself) {
     PeerRecord strange = phone;
-    strange.peer_pubkey = ownKey.base64();
+    strange.peer_pubkey = ownKey.peerKey();
     static_cast<void>(phones.record(strange));
     EXPECT_EQ(phones.remove(strange, ownKey), strange);
     EXPECT_THAT(removed().load(), IsEmpty());

@@ -15,15 +15,15 @@ using testing::Not;
 using testing::UnorderedElementsAre;
 
 /// The Base64 of 32 bytes that begins like this.
-std::string keyLike(std::string beginning) {
+PeerKey keyLike(std::string beginning) {
     beginning.resize(42, 'A');
-    return beginning + "E=";
+    return PeerKey(beginning + "E=");
 }
 
 class PeerSelectionTest : public testing::Test {
 protected:
     /// A phone of this name and key, paired after all before it.
-    PeerRecord& add(const std::string& name, const std::string& key) {
+    PeerRecord& add(const std::string& name, const PeerKey& key) {
         PeerRecord record = world.phoneRecord();
         record.peer_hostname = name;
         record.peer_pubkey = key;
@@ -33,9 +33,7 @@ protected:
     }
     void save() { home.peers().writeBook(book); }
     /// The key of the phone that is meant.
-    [[nodiscard]] std::string meant(const std::string& selector) const {
-        return resolvePeer(home, selector).peer_pubkey;
-    }
+    [[nodiscard]] PeerKey meant(const std::string& selector) const { return resolvePeer(home, selector).peer_pubkey; }
     /// What is wrong with the selector, and what to do about it.
     [[nodiscard]] std::string refusal(const std::string& selector) const {
         try {
@@ -59,16 +57,16 @@ protected:
     Home home{world.system, world.context.get_executor()};
     PeerBook book;
     const platform::PublicKey ownKey = world.computerKey.publicKey();
-    const std::string pixel = keyLike("Pix1xxxxxxxx");
-    const std::string tablet = keyLike("Tab1yyyyyyyy");
+    const PeerKey pixel = keyLike("Pix1xxxxxxxx");
+    const PeerKey tablet = keyLike("Tab1yyyyyyyy");
 };
 
 TEST_F(PeerSelectionTest, MeansAPhoneByItsWholeKeyItsNameOrTheBeginningOfEither) {
     add("Pixel 8", pixel);
     add("Galaxy", tablet);
     save();
-    for (const std::string& selector : {pixel, std::string("Pixel 8"), std::string("pIXEL 8"), std::string("pix"),
-                                        std::string("Pix1xxxx"), std::string("pix1XXXX")}) {
+    for (const std::string& selector : {pixel.text(), std::string("Pixel 8"), std::string("pIXEL 8"),
+                                        std::string("pix"), std::string("Pix1xxxx"), std::string("pix1XXXX")}) {
         EXPECT_EQ(meant(selector), pixel) << selector;
     }
     EXPECT_EQ(meant("g"), tablet);
@@ -100,7 +98,7 @@ TEST_F(PeerSelectionTest, MeansNoneOfTwoPhonesOfOneNameAndShowsHowTheirKeysBegin
 }
 
 TEST_F(PeerSelectionTest, ShowsAsMuchOfTheKeysAsTellsThemApart) {
-    const std::string almost = keyLike("Pix1xxxxxxxy");
+    const PeerKey almost = keyLike("Pix1xxxxxxxy");
     add("Pixel", pixel);
     add("Pixel", almost);
     save();
@@ -140,17 +138,17 @@ TEST_F(PeerSelectionTest, MeansNoPhoneWhoseNameIsTheBeginningOfAnotherOnesKey) {
     save();
     EXPECT_EQ(refusal("Pix1xxxx"), "selector 'Pix1xxxx' is ambiguous: it begins the name of one phone and the key of "
                                    "another | Use the whole key, as `orlinth peers --json` shows it.");
-    EXPECT_EQ(meant(pixel), pixel);
+    EXPECT_EQ(meant(pixel.text()), pixel);
     EXPECT_EQ(meant("Pix1xxx"), tablet) << "nobody is shown so little of a key";
 }
 
 TEST_F(PeerSelectionTest, SaysWhatIsWrongWithARecordThatCannotBeUsed) {
     PeerRecord record = world.phoneRecord();
     EXPECT_EQ(flaw(record, PeerUse::connection), "");
-    record.peer_pubkey = "AAAA";
+    record.peer_pubkey = PeerKey("AAAA");
     EXPECT_EQ(flaw(record, PeerUse::key),
               "the record of 'Pixel-8' has no usable key: peer_pubkey is not the Base64 of 32 bytes");
-    record.peer_pubkey = ownKey.base64();
+    record.peer_pubkey = ownKey.peerKey();
     EXPECT_EQ(flaw(record, PeerUse::key), "the record of 'Pixel-8' has this computer's own key");
     record = world.phoneRecord();
     record.peer_ip = " ";
@@ -180,7 +178,7 @@ TEST_F(PeerSelectionTest, TakesThePhoneThatWasPairedLastIfNoneIsSelected) {
         EXPECT_EQ(error.hint(), "`orlinth pair` pairs one.");
     }
     add("Pixel 8", world.phoneRecord().peer_pubkey);
-    add("Galaxy", platform::PrivateKey::generate().publicKey().base64());
+    add("Galaxy", platform::PrivateKey::generate().publicKey().peerKey());
     save();
     const std::vector<CheckedPeer> chosen = selectPeers(home, {}, ownKey, PeerUse::connection);
     ASSERT_EQ(chosen.size(), 1U);
@@ -189,11 +187,11 @@ TEST_F(PeerSelectionTest, TakesThePhoneThatWasPairedLastIfNoneIsSelected) {
 
 TEST_F(PeerSelectionTest, TakesEachPhoneOnceHoweverOftenItIsSelectedAndInThatOrder) {
     add("Pixel 8", world.phoneRecord().peer_pubkey);
-    add("Galaxy", platform::PrivateKey::generate().publicKey().base64());
+    add("Galaxy", platform::PrivateKey::generate().publicKey().peerKey());
     save();
     std::vector<std::string> names;
     for (const CheckedPeer& peer :
-         selectPeers(home, {"galaxy", "pix", world.phoneRecord().peer_pubkey, "Galaxy"}, ownKey, PeerUse::key)) {
+         selectPeers(home, {"galaxy", "pix", world.phoneRecord().peer_pubkey.text(), "Galaxy"}, ownKey, PeerUse::key)) {
         names.push_back(peer.record.peer_hostname);
     }
     EXPECT_THAT(names, ElementsAre("Galaxy", "Pixel 8"));
@@ -218,7 +216,7 @@ TEST_F(PeerSelectionTest, AddsTheKeyToANameThatAnotherPhoneHas) {
     save();
     EXPECT_EQ(phoneForDisplay(home, "Pixel", pixel), "Pixel (key Pix1xxxxxxxx)");
     EXPECT_EQ(phoneForDisplay(home, "pixel", tablet), "pixel (key Tab1yyyyyyyy)");
-    world.files.put(home.peers().fileURL(), "{ruined");
+    world.files.put(home.peers().filePath(), "{ruined");
     EXPECT_EQ(phoneForDisplay(home, "Galaxy", tablet), "Galaxy (key Tab1yyyyyyyy)") << "others cannot be known";
 }
 

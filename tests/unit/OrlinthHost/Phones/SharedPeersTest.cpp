@@ -46,7 +46,7 @@ TEST_F(SharedPeersTest, TellPhonesOfOneNameApartByWhereTheyAreAndSinceWhenTheyAr
     PeerRecord phone = world.phoneRecord();
     phone.paired_at_epoch_ms = 1'773'057'900'000;
     PeerRecord namesake = phone;
-    namesake.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    namesake.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     namesake.peer_ip = "203.0.113.9";
     namesake.paired_at_epoch_ms = 0;
     home.peers().writeBook({{phone, namesake}});
@@ -64,10 +64,10 @@ TEST_F(SharedPeersTest, AreNoneOnceTheLastPhoneIsRemoved) {
 
 TEST_F(SharedPeersTest, AreReadAndWrittenUnderOneLockSoThatTheNewestListWins) {
     home.peers().writeBook({{world.phoneRecord()}});
-    const platform::Path lock = outbox().peersFileURL()->string() + ".lock";
+    const platform::Path lock = outbox().peersFilePath()->string() + ".lock";
     bool wasUnlocked = false;
     world.files.beforeEach([&](fakes::Operation operation, const platform::Path& path) {
-        const bool isOfTheStore = operation == fakes::Operation::read && path == home.peers().fileURL();
+        const bool isOfTheStore = operation == fakes::Operation::read && path == home.peers().filePath();
         const bool isOfTheList = operation == fakes::Operation::rename;
         wasUnlocked = wasUnlocked || ((isOfTheStore || isOfTheList) && !world.files.isLocked(lock));
     });
@@ -91,7 +91,7 @@ TEST_F(SharedPeersTest, StayAsTheyWereAnd) {
 TEST_F(SharedPeersTest, StayAsTheyWereIfTheStoreCannotBeRead) {
     home.peers().writeBook({{world.phoneRecord()}});
     updateSharedPeers(home);
-    world.files.put(home.peers().fileURL(), "{ruined");
+    world.files.put(home.peers().filePath(), "{ruined");
     updateSharedPeers(home);
     EXPECT_THAT(shown(), ElementsAre(HasSubstr("Pixel-8")));
     EXPECT_THAT(world.log.messages(), ElementsAre(HasSubstr("cannot update the share sheet's list of phones: ")));

@@ -165,7 +165,7 @@ protected:
     void tabletListens() { tablet_.emplace(world_, tabletKey_, tabletPort); }
     [[nodiscard]] PeerRecord tabletRecord() const {
         PeerRecord record = world_.phoneRecord();
-        record.peer_pubkey = tabletKey_.publicKey().base64();
+        record.peer_pubkey = tabletKey_.publicKey().peerKey();
         record.peer_hostname = "Tablet";
         record.peer_port = tabletPort;
         return record;

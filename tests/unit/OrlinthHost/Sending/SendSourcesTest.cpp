@@ -18,7 +18,7 @@ using testing::SizeIs;
 class SendSourcesTest : public testing::Test {
 protected:
     SendSources& make(std::vector<std::string> paths, std::size_t phones = 1) {
-        sources_.emplace(world_.system, journal_, std::move(paths), phones);
+        sources_.emplace(world_.files, world_.mimeTypes, journal_, std::move(paths), phones);
         return *sources_;
     }
     /// One that a run before this has made, and that has ended.

@@ -38,7 +38,7 @@ protected:
 
     fakes::World world;
     InFlightJournal journal{world.files, folder / InFlightJournal::defaultFileName};
-    SourceMemory memory{world.system, journal};
+    SourceMemory memory{world.files, world.mimeTypes, journal};
 };
 
 TEST_F(SourceMemoryTest, KnowsAFileThatWasRemembered) {
@@ -46,7 +46,8 @@ TEST_F(SourceMemoryTest, KnowsAFileThatWasRemembered) {
     memory.remember(compared({"/home/ann/a.txt"}));
     EXPECT_FALSE(isFresh("/home/ann/a.txt"));
     EXPECT_TRUE(isFresh("/home/ann/b.txt"));
-    EXPECT_FALSE(SourceMemory(world.system, journal).examine("/home/ann/a.txt")->isFresh) << "nobody has compared";
+    EXPECT_FALSE(SourceMemory(world.files, world.mimeTypes, journal).examine("/home/ann/a.txt")->isFresh)
+        << "nobody has compared";
 }
 
 TEST_F(SourceMemoryTest, SeesAChangeBehindWhatTheJournalKnows) {
@@ -137,7 +138,7 @@ TEST_F(SourceMemoryTest, SaysThatTheDiskIsFullAndKeepsWhatItHad) {
 }
 
 TEST_F(SourceMemoryTest, KeepsWhatAnotherProgramHasRememberedMeanwhile) {
-    SourceMemory other(world.system, journal);
+    SourceMemory other(world.files, world.mimeTypes, journal);
     memory.remember(compared({"/home/ann/a.txt"}));
     other.remember(compared({"/home/ann/b.txt"}));
     EXPECT_FALSE(isFresh("/home/ann/a.txt"));

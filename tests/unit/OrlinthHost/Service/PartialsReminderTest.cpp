@@ -80,33 +80,11 @@ TEST_F(PartialsReminderTest, RemindsAllTheSameIfItsMemoryIsRuined) {
     }
 }
 
-/// The world's network, but for queues with a thread of their own: those run when the test says so.
-class SlowNetwork : public fakes::MemoryNetwork {
-public:
-    using MemoryNetwork::MemoryNetwork;
-    [[nodiscard]] Executor makeThreadQueue(const char* /*label*/) override { return others.get_executor(); }
-    asio::io_context others;
-};
-
 TEST_F(PartialsReminderTest, HoldsNobodyUpBehindAFolderThatDoesNotAnswer) {
     putPartial("a", "12345");
-    SlowNetwork network(world_.context);
-    platform::System system{.network = network,
-                            .clock = world_.clock,
-                            .files = world_.files,
-                            .mimeTypes = world_.mimeTypes,
-                            .log = world_.log,
-                            .https = world_.https,
-                            .clipboard = world_.clipboard,
-                            .interfaces = world_.interfaces,
-                            .services = world_.services,
-                            .unixSockets = world_.unixSockets,
-                            .notifications = world_.notifications,
-                            .busSignals = world_.busSignals,
-                            .folders = world_.folders,
-                            .directories = world_.system.directories,
-                            .mainQueue = world_.context.get_executor()};
-    Home home{system, world_.context.get_executor()};
+    asio::io_context others;
+    world_.queues.threadQueue = others.get_executor(); // these run when the test says so
+    Home home{world_.system, world_.context.get_executor()};
     PartialsReminder reminder(home, folder,
                               [this](const PartialsReminder::Reminder& told) { counts_.push_back(told.count); });
     reminder.start();
@@ -117,7 +95,7 @@ TEST_F(PartialsReminderTest, HoldsNobodyUpBehindAFolderThatDoesNotAnswer) {
     EXPECT_EQ(world_.companionsRunning, 1) << "it must not go while it is looking";
     EXPECT_TRUE(counts_.empty());
     EXPECT_FALSE(world_.files.exists(state)) << "somebody else has looked";
-    network.others.run(); // the folder answers
+    others.run(); // the folder answers
     world_.context.restart();
     world_.context.poll();
     EXPECT_EQ(counts_, std::vector<std::int64_t>{1});

@@ -145,7 +145,7 @@ TEST_F(ServiceTest, AStoreThatBecomesRubbishLeavesThePhonesThatWereKnown) {
     EXPECT_EQ("Pixel-8", events_.files.back().from);
     PeerRecord tablet = world_.phoneRecord();
     const platform::PrivateKey tabletKey = platform::PrivateKey::generate();
-    tablet.peer_pubkey = tabletKey.publicKey().base64();
+    tablet.peer_pubkey = tabletKey.publicKey().peerKey();
     tablet.peer_hostname = "Tablet";
     pair({world_.phoneRecord(), tablet});
     world_.run(deliverOn(*connectAs(tabletKey), "e.txt"));
@@ -224,8 +224,7 @@ TEST_F(ServiceTest, ARemovedPhoneIsTold) {
     from->close();
     pass(1);
     ASSERT_EQ(1U, events_.outcomes.size());
-    EXPECT_EQ(PeerKey(world_.phoneKey.publicKey().base64()),
-              std::get<Receiver::UnpairReplied>(events_.outcomes[0]).peerPubkey);
+    EXPECT_EQ(world_.phoneKey.publicKey().peerKey(), std::get<Receiver::UnpairReplied>(events_.outcomes[0]).peerKey);
     EXPECT_EQ(0, events_.count("authenticated Pixel-8, phones 0"));
 }
 
@@ -335,7 +334,7 @@ TEST_F(ServiceTest, SendsAtOnceToAPhoneWhoseRecordChanges) {
 TEST_F(ServiceTest, OnePhonesSuccessLeavesAnotherItsResume) {
     constexpr std::int64_t size = 5 << 20;
     PeerRecord tablet = world_.phoneRecord();
-    tablet.peer_pubkey = tabletKey_.publicKey().base64();
+    tablet.peer_pubkey = tabletKey_.publicKey().peerKey();
     tablet.peer_hostname = "Tablet";
     tablet.peer_port = tabletPort;
     pair({world_.phoneRecord(), tablet});
@@ -368,7 +367,7 @@ TEST_F(ServiceTest, KeepsTheShareSheetsListInStep) {
     start();
     pass(1);
     PeerRecord tablet = world_.phoneRecord();
-    tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     tablet.peer_hostname = "Tablet";
     pair({world_.phoneRecord(), tablet});
     world_.folders.change(dataFolder);

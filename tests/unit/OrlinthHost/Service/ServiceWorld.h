@@ -182,7 +182,7 @@ protected:
     }
 
     /// A batch of one file, complete, without anybody being told; for the only phone, or for these.
-    void share(const std::string& name, std::optional<std::vector<std::string>> phones = std::nullopt) {
+    void share(const std::string& name, std::optional<std::vector<PeerKey>> phones = std::nullopt) {
         world_.files.put(outbox / batch / name, "content of " + name);
         const ShareOutbox::Manifest manifest{
             .id = batch, .createdAtMs = 1000, .files = {name}, .targetPubkeys = std::move(phones)};

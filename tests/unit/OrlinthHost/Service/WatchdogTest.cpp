@@ -40,13 +40,13 @@ TEST_F(WatchdogTest, ReportsAThreadOnceWhileItHangs) {
     Watchdog watchdog(home_, std::nullopt, callbacks_);
     watchdog.start();
     EXPECT_THAT(lateWhile(10), IsEmpty());
-    world_.network.late = {{.label = "orlinth.receiver.connection", .seconds = 2.2, .thread = 1}};
+    world_.queues.late = {{.label = "orlinth.receiver.connection", .seconds = 2.2, .thread = 1}};
     EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2"));
-    world_.network.late.push_back({.label = "orlinth.receiver.records", .seconds = 2.1, .thread = 2});
+    world_.queues.late.push_back({.label = "orlinth.receiver.records", .seconds = 2.1, .thread = 2});
     EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.records 2"));
-    world_.network.late.clear();
+    world_.queues.late.clear();
     EXPECT_THAT(lateWhile(60), IsEmpty());
-    world_.network.late = {{.label = "again", .seconds = 3}};
+    world_.queues.late = {{.label = "again", .seconds = 3}};
     EXPECT_THAT(lateWhile(1), ElementsAre("again 3"));
     world_.run(watchdog.finish());
     EXPECT_EQ(0, alive_) << "nobody wants to hear it";
@@ -56,12 +56,12 @@ TEST_F(WatchdogTest, ReportsAThreadThatBecomesLateWhenAnotherOneHasRecovered) {
     constexpr const char* connection = "orlinth.receiver.connection";
     Watchdog watchdog(home_, std::nullopt, callbacks_);
     watchdog.start();
-    world_.network.late = {{.label = connection, .seconds = 2.2, .thread = 1}};
+    world_.queues.late = {{.label = connection, .seconds = 2.2, .thread = 1}};
     EXPECT_THAT(lateWhile(2), ElementsAre("orlinth.receiver.connection 2"));
-    world_.network.late = {{.label = connection, .seconds = 2.1, .thread = 2}}; // between two looks
+    world_.queues.late = {{.label = connection, .seconds = 2.1, .thread = 2}}; // between two looks
     EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2"));
-    world_.network.late = {{.label = connection, .seconds = 9, .thread = 2},
-                           {.label = connection, .seconds = 2.3, .thread = 1}};
+    world_.queues.late = {{.label = connection, .seconds = 9, .thread = 2},
+                          {.label = connection, .seconds = 2.3, .thread = 1}};
     EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2")) << "the first one again, and only that";
     world_.run(watchdog.finish());
 }
@@ -71,13 +71,13 @@ TEST_F(WatchdogTest, TellsTheServiceManagerOnlyWhileAllThreadsAnswer) {
     watchdog.start();
     pass(20.2);
     EXPECT_EQ(11, alive_) << "four times as often as it must";
-    world_.network.late = {{.label = "x", .seconds = 3.9}};
+    world_.queues.late = {{.label = "x", .seconds = 3.9}};
     pass(20);
     EXPECT_EQ(21, alive_) << "a slow disk is no hang";
-    world_.network.late = {{.label = "x", .seconds = 4}};
+    world_.queues.late = {{.label = "x", .seconds = 4}};
     pass(20);
     EXPECT_EQ(21, alive_);
-    world_.network.late.clear();
+    world_.queues.late.clear();
     pass(1);
     EXPECT_EQ(22, alive_) << "at once when they answer again";
     world_.run(watchdog.finish());
@@ -87,7 +87,7 @@ TEST_F(WatchdogTest, ReportsAFewThreadsAMinuteAndCountsTheOthers) {
     Watchdog watchdog(home_, std::nullopt, callbacks_);
     watchdog.start();
     for (std::size_t number = 0; number < 100; ++number) {
-        world_.network.late.push_back({.label = "x", .seconds = 3, .thread = number});
+        world_.queues.late.push_back({.label = "x", .seconds = 3, .thread = number});
     }
     pass(1);
     EXPECT_EQ(late_.size(), static_cast<std::size_t>(limits::linesOfStrangers));

@@ -1,0 +1,27 @@
+#include "platform/linux/LinuxWorkQueues.h"
+
+#include <asio/strand.hpp>
+
+namespace orlinth::platform {
+
+Executor LinuxWorkQueues::makeSerialQueue(const char* /*label*/) {
+    return asio::make_strand(context_);
+}
+
+Executor LinuxWorkQueues::makeWorkerQueue(const char* label) {
+    return workers_.makeSerialQueue(label);
+}
+
+Executor LinuxWorkQueues::makeBlockingQueue() {
+    return workers_.makeBlockingQueue();
+}
+
+Executor LinuxWorkQueues::makeThreadQueue(const char* label) {
+    return workers_.makeThreadQueue(label);
+}
+
+std::vector<LateQueue> LinuxWorkQueues::lateQueues(double seconds) {
+    return workers_.lateQueues(seconds);
+}
+
+} // namespace orlinth::platform
