@@ -3,7 +3,6 @@
 import concurrent.futures
 import contextlib
 import os
-import pathlib
 import signal
 import socket
 import subprocess
@@ -15,7 +14,7 @@ import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
 from harness import BUILD, MIB, ORLINTH, PATIENCE, SANITIZED, Running, unused_port
 from terminal import Terminal
-from test_serve import ServeTest, told, wait_for_count
+from test_serve import ServeTest, is_open, resident, told, wait_for_count
 
 RUDE_PHONE = str(BUILD / "tests" / "interop" / "rude_phone")
 MOST_OF_ONE_SOURCE = 16
@@ -26,24 +25,6 @@ FRAME_ROOM = 64 * MIB
 LARGE = MIB if SANITIZED else 15 * MIB
 # Chooses the local port with the connection.
 IP_BIND_ADDRESS_NO_PORT = 24
-
-
-def resident(program):
-    """In bytes."""
-    for line in pathlib.Path(f"/proc/{program.process.pid}/status").read_text().splitlines():
-        if line.startswith("VmRSS:"):
-            return int(line.split()[1]) * 1024
-    raise AssertionError("no VmRSS")
-
-
-def is_open(connection):
-    """Whether the other side has neither closed nor reset it. Nothing was sent that could be read."""
-    try:
-        return bool(connection.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT))
-    except BlockingIOError:
-        return True
-    except ConnectionError:
-        return False
 
 
 class BudgetTest(ServeTest):
