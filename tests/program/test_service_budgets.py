@@ -15,6 +15,7 @@ import side_by_side
 from harness import BUILD, MIB, ORLINTH, PATIENCE, SANITIZED, Running, unused_port
 from terminal import Terminal
 from test_serve import ServeTest, is_open, resident, told, wait_for_count
+from waiting import Flag, Watch
 
 RUDE_PHONE = str(BUILD / "tests" / "interop" / "rude_phone")
 MOST_OF_ONE_SOURCE = 16
@@ -143,14 +144,15 @@ class Records(BudgetTest):
     def test_five_hundred_tokens_are_two_writes_and_the_last_one_is_kept(self):
         service = self.serve()
         inodes = []
-        stop = threading.Event()
+        stop = Flag()
 
         def watch():  # each write replaces the file
-            while not stop.is_set():
-                inode = self.desk.peer_file.stat().st_ino
-                if not inodes or inodes[-1] != inode:
-                    inodes.append(inode)
-                stop.wait(0.001)
+            with Watch(self.desk.peer_file, stop) as changes:
+                while not stop.is_set():
+                    inode = self.desk.peer_file.stat().st_ino
+                    if not inodes or inodes[-1] != inode:
+                        inodes.append(inode)
+                    changes.wait(PATIENCE)
         watcher = threading.Thread(target=watch)
         watcher.start()
         try:
