@@ -15,11 +15,15 @@ install(FILES "${icons}/${id}-symbolic.svg" DESTINATION "${CMAKE_INSTALL_DATADIR
 # Dolphin of KDE Frameworks 5.85 and later, and of 6. It wants menus outside the system's folders to be executable.
 install(PROGRAMS "${desktop}/dolphin-servicemenu.desktop" RENAME ${id}.share.desktop
         DESTINATION "${CMAKE_INSTALL_DATADIR}/kio/servicemenus")
-# GNOME Files and Caja load Python extensions; Nemo and Thunar read files of their own kinds.
-install(FILES "${desktop}/nautilus-extension.py" RENAME orlinth-share.py
-        DESTINATION "${CMAKE_INSTALL_DATADIR}/nautilus-python/extensions")
-install(FILES "${desktop}/caja-extension.py" RENAME orlinth-share.py
-        DESTINATION "${CMAKE_INSTALL_DATADIR}/caja-python/extensions")
+# GNOME Files and Caja load Python extensions, which differ only in the file manager's module; Nemo and Thunar read files
+# of their own kinds.
+function(orlinth_install_extension folder managerModule managerName managerPackage)
+  set(extension "${PROJECT_BINARY_DIR}/${folder}-extension.py")
+  configure_file("${desktop}/file-manager-extension.py.in" "${extension}" @ONLY)
+  install(FILES "${extension}" RENAME orlinth-share.py DESTINATION "${CMAKE_INSTALL_DATADIR}/${folder}/extensions")
+endfunction()
+orlinth_install_extension(nautilus-python Nautilus "GNOME Files" python3-nautilus)
+orlinth_install_extension(caja-python Caja Caja python3-caja)
 install(FILES "${desktop}/nemo.nemo_action" RENAME ${id}.share.nemo_action
         DESTINATION "${CMAKE_INSTALL_DATADIR}/nemo/actions")
 install(FILES "${desktop}/thunar-sendto.desktop" RENAME ${id}.share.desktop

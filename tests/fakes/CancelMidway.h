@@ -33,6 +33,16 @@ inline std::exception_ptr cancelMidway(asio::io_context& context, Task<> task) {
     return *end;
 }
 
+/// Checks that this is a cancellation: platform::Cancelled, or Asio's error code.
+inline void expectCancellation(const std::exception_ptr& error) {
+    ASSERT_TRUE(error);
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& failure) {
+        EXPECT_TRUE(platform::isCancellation(failure)) << failure.what();
+    }
+}
+
 /// Whether this is platform::Cancelled itself, not Asio's error code.
 inline bool isCancelled(const std::exception_ptr& error) {
     try {

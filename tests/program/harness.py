@@ -299,12 +299,13 @@ class Relay:
     flip: the offset of a byte of which one bit is turned. bytes_per_second: how fast at most.
     buffer: how many bytes the kernel may hold on each side of the relay; by default it takes megabytes, so that the
     sender can be done long before a slow receiver has read anything.
-    when: a function; once the limit is reached, `then` waits until it says yes. However small the relay's buffers are,
-    the kernel keeps megabytes for a program that is slow to read.
+    when: a function; once the limit is reached, `then` waits until it says yes, which a change at one of the sources
+    `changed_by` (see waiting.Watch) makes it. However small the relay's buffers are, the kernel keeps megabytes for a
+    program that is slow to read.
     """
 
     def __init__(self, port, answers=False, after_bytes=None, after_frames=None, then="cut", flip=None,
-                 bytes_per_second=None, buffer=None, when=None):
+                 bytes_per_second=None, buffer=None, when=None, changed_by=()):
         self.target = port
         self.buffer = buffer
         self.answers = answers
@@ -314,8 +315,9 @@ class Relay:
         self.flip = flip
         self.bytes_per_second = bytes_per_second
         self.when = when
+        self.changed_by = changed_by
         self.reached = Flag()
-        self.closed = threading.Event()
+        self.closed = Flag()
         self.listener = socket.create_server(("127.0.0.1", 0))
         if buffer:  # an accepted connection takes this over; later it would no longer narrow the window
             self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, buffer)
@@ -387,8 +389,8 @@ class Relay:
         return True
 
     def _end(self):
-        while self.when and not self.when() and not self.closed.wait(0.005):
-            pass
+        if self.when:
+            comes_true(lambda: self.closed.is_set() or self.when(), PATIENCE, self.closed, *self.changed_by)
         self.reached.set()
         if self.then == "hold":
             self.closed.wait()

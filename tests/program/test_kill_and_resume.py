@@ -21,7 +21,8 @@ class KillAndResume(ProgramTest):
         receiver = self.receiver()
         enough = self.held() + at // (MIB + FRAME_OVERHEAD) * MIB - MIB if once_written else 0
         relay = self.relay(receiver.port, after_bytes=at, then=victim.kill, buffer=65536,
-                           when=lambda: self.held() >= enough or receiver.process.poll() is not None)
+                           when=lambda: self.held() >= enough or receiver.process.poll() is not None,
+                           changed_by=[self.phone.downloads, receiver])
         sender = self.sender(file, relay.port)
         victim.is_(sender if kill_sender else receiver)
         statuses = {"sender": sender.wait(), "receiver": receiver.wait()}

@@ -23,7 +23,8 @@ class LargeFile(ProgramTest):
 
         def is_written():
             return receiver.process.poll() is not None or partial.stat().st_size >= start + 2 * AROUND
-        relay = self.relay(receiver.port, after_bytes=2 * AROUND + 2 * MIB, buffer=65536, when=is_written)
+        relay = self.relay(receiver.port, after_bytes=2 * AROUND + 2 * MIB, buffer=65536, when=is_written,
+                           changed_by=[partial, receiver])
         sender = self.sender(file, relay.port)
         self.assertEqual(1, sender.wait(), sender.stderr)
         self.assertEqual(1, receiver.wait(), receiver.stderr)

@@ -317,9 +317,7 @@ class Question(PairingTest):
         program.events.wait_for("introduction")
         with self.assertRaises(ConnectionRefusedError):
             phone.connect()
-        deadline = time.monotonic() + PATIENCE
-        while "[y/N]" not in program.stderr:
-            self.assertLess(time.monotonic(), deadline)
+        self.wait_until(lambda: "[y/N]" in program.stderr, program)
         program.signal(signal.SIGINT)
         self.assertEqual(130, program.wait())
         self.assertEqual("interrupted by SIGINT", program.events.find("error")["message"])

@@ -60,6 +60,24 @@ def told(service):
     return os.pread(service.errors.fileno(), MIB, 0).decode()
 
 
+def resident(program):
+    """In bytes."""
+    for line in pathlib.Path(f"/proc/{program.process.pid}/status").read_text().splitlines():
+        if line.startswith("VmRSS:"):
+            return int(line.split()[1]) * 1024
+    raise AssertionError("no VmRSS")
+
+
+def is_open(connection):
+    """Whether the other side has neither closed nor reset it. Nothing was sent that could be read."""
+    try:
+        return bool(connection.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT))
+    except BlockingIOError:
+        return True
+    except ConnectionError:
+        return False
+
+
 def waiting_bytes(pipe):
     """How many bytes lie in it."""
     count = array.array("i", [0])

@@ -3,7 +3,6 @@
 import concurrent.futures
 import contextlib
 import os
-import pathlib
 import signal
 import socket
 import subprocess
@@ -15,7 +14,8 @@ import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
 from harness import BUILD, MIB, ORLINTH, PATIENCE, SANITIZED, Running, unused_port
 from terminal import Terminal
-from test_serve import ServeTest, told, wait_for_count
+from test_serve import ServeTest, is_open, resident, told, wait_for_count
+from waiting import Flag, Watch
 
 RUDE_PHONE = str(BUILD / "tests" / "interop" / "rude_phone")
 MOST_OF_ONE_SOURCE = 16
@@ -26,24 +26,6 @@ FRAME_ROOM = 64 * MIB
 LARGE = MIB if SANITIZED else 15 * MIB
 # Chooses the local port with the connection.
 IP_BIND_ADDRESS_NO_PORT = 24
-
-
-def resident(program):
-    """In bytes."""
-    for line in pathlib.Path(f"/proc/{program.process.pid}/status").read_text().splitlines():
-        if line.startswith("VmRSS:"):
-            return int(line.split()[1]) * 1024
-    raise AssertionError("no VmRSS")
-
-
-def is_open(connection):
-    """Whether the other side has neither closed nor reset it. Nothing was sent that could be read."""
-    try:
-        return bool(connection.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT))
-    except BlockingIOError:
-        return True
-    except ConnectionError:
-        return False
 
 
 class BudgetTest(ServeTest):
@@ -162,14 +144,15 @@ class Records(BudgetTest):
     def test_five_hundred_tokens_are_two_writes_and_the_last_one_is_kept(self):
         service = self.serve()
         inodes = []
-        stop = threading.Event()
+        stop = Flag()
 
         def watch():  # each write replaces the file
-            while not stop.is_set():
-                inode = self.desk.peer_file.stat().st_ino
-                if not inodes or inodes[-1] != inode:
-                    inodes.append(inode)
-                stop.wait(0.001)
+            with Watch(self.desk.peer_file, stop) as changes:
+                while not stop.is_set():
+                    inode = self.desk.peer_file.stat().st_ino
+                    if not inodes or inodes[-1] != inode:
+                        inodes.append(inode)
+                    changes.wait(PATIENCE)
         watcher = threading.Thread(target=watch)
         watcher.start()
         try:

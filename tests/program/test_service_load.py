@@ -17,7 +17,7 @@ import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
 from harness import MIB, PATIENCE, SANITIZED, Identity, seeded, sha256
-from test_serve import ServeTest, wait_for_count
+from test_serve import ServeTest, is_open, resident, wait_for_count
 from waiting import ends_within
 
 SMALL = SANITIZED or os.environ.get("ORLINTH_LOAD") != "full"
@@ -37,14 +37,6 @@ BYTES_LEFT = 2 * MIB
 IP_BIND_ADDRESS_NO_PORT = 24
 
 
-def resident(program):
-    """In bytes."""
-    for line in pathlib.Path(f"/proc/{program.process.pid}/status").read_text().splitlines():
-        if line.startswith("VmRSS:"):
-            return int(line.split()[1]) * 1024
-    raise AssertionError("no VmRSS")
-
-
 def descriptors(program):
     """Without those by which its threads wait (three each), of which there are more as connections come, up to a limit."""
     count = 0
@@ -52,16 +44,6 @@ def descriptors(program):
         with contextlib.suppress(FileNotFoundError):
             count += not os.readlink(entry.path).startswith("anon_inode:")
     return count
-
-
-def is_open(connection):
-    """Whether the other side has neither closed nor reset it. Nothing was sent that could be read."""
-    try:
-        return bool(connection.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT))
-    except BlockingIOError:
-        return True
-    except ConnectionError:
-        return False
 
 
 class Load(ServeTest):

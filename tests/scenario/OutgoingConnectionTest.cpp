@@ -1,6 +1,7 @@
 #include "OrlinthCore/Sending/OutgoingConnection.h"
 
 #include "OrlinthCore/Sending/SendError.h"
+#include "fakes/CancelMidway.h"
 #include "fakes/World.h"
 
 #include <asio/bind_cancellation_slot.hpp>
@@ -223,11 +224,7 @@ TEST_F(OutgoingConnection, WithoutADeadlineWaitsUntilItIsCancelled) {
     stop.emit(asio::cancellation_type::terminal);
     fakes::runUntilIdle(world.context, world.clock);
     ASSERT_TRUE(ended);
-    try {
-        std::rethrow_exception(outcome);
-    } catch (const std::exception& error) {
-        EXPECT_TRUE(platform::isCancellation(error)) << error.what();
-    }
+    fakes::expectCancellation(outcome);
 }
 
 class CancelledConnection : public OutgoingConnection, public testing::WithParamInterface<bool> {};
@@ -251,12 +248,7 @@ TEST_P(CancelledConnection, UnderADeadlineIsNotReportedAsTimedOut) {
     world.run(world.clock.sleep(1));
     stop.emit(asio::cancellation_type::terminal);
     fakes::runUntilIdle(world.context, world.clock);
-    ASSERT_TRUE(outcome);
-    try {
-        std::rethrow_exception(outcome);
-    } catch (const std::exception& error) {
-        EXPECT_TRUE(platform::isCancellation(error)) << error.what();
-    }
+    fakes::expectCancellation(outcome);
     EXPECT_DOUBLE_EQ(world.clock.elapsed(), 1.0);
 }
 

@@ -6,6 +6,7 @@
 #include "OrlinthCore/Pairing/PairWire.h"
 #include "base/Base64.h"
 #include "fakes/CancelMidway.h"
+#include "fakes/WorkshopPayload.h"
 #include "fakes/World.h"
 #include "platform/SystemError.h"
 
@@ -83,15 +84,7 @@ protected:
     }
 
     PairingPayload payload() {
-        PairingPayload made;
-        made.peer_pubkey = world.computerKey.publicKey().base64();
-        made.peer_ip = computerAddress;
-        made.peer_port = port;
-        made.peer_subnet = "192.168.1.0/24";
-        made.peer_hostname = "workshop";
-        made.peer_mac = "3c:22:fb:01:02:0a";
-        made.pairing_secret = base64Encode(asBytes(secretText));
-        return made;
+        return fakes::workshopPayload(world.computerKey.publicKey().base64(), base64Encode(asBytes(secretText)));
     }
     Task<PairJoinResult> join(PairingPayload with, double seconds = timeout) {
         return joinPairing(world.system, {.payload = std::move(with),

@@ -1,6 +1,7 @@
 // What somebody costs the receive service who has connected, and proved nothing.
 
 #include "fakes/RealReceiver.h"
+#include "fakes/WrappedStream.h"
 
 #include <gtest/gtest.h>
 
@@ -46,23 +47,16 @@ struct Progress {
     std::atomic<int> bodyReads = 0;   ///< reads of a body that have begun: its memory is there
 };
 
-class CountingStream : public platform::Stream {
+class CountingStream : public fakes::WrappedStream {
 public:
     CountingStream(std::unique_ptr<platform::Stream> inner, Progress& progress)
-        : inner_(std::move(inner)), progress_(progress) {}
-    Task<> writeAll(ByteView data) override { return inner_->writeAll(data); }
+        : WrappedStream(std::move(inner)), progress_(progress) {}
     Task<std::size_t> readExact(MutableBytes into) override {
         ++(into.size() == 4 ? progress_.prefixReads : progress_.bodyReads);
-        return inner_->readExact(into);
+        return inner().readExact(into);
     }
-    void finishWriting() noexcept override { inner_->finishWriting(); }
-    void cancel() noexcept override { inner_->cancel(); }
-    Executor executor() const override { return inner_->executor(); }
-    std::string remoteEndpoint() const override { return inner_->remoteEndpoint(); }
-    std::string localAddress() const override { return inner_->localAddress(); }
 
 private:
-    std::unique_ptr<platform::Stream> inner_;
     Progress& progress_;
 };
 

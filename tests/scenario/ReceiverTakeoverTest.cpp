@@ -4,6 +4,7 @@
 #include "fakes/RealReceiver.h"
 #include "fakes/ReceiverWorld.h"
 #include "fakes/RunTask.h"
+#include "fakes/WrappedStream.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxNetwork.h"
 
@@ -189,27 +190,17 @@ TEST_F(ReceiverTakeover, AConnectionThatFinishedOnItsOwnHoldsNobodyUp) {
 // ---- real sockets and threads
 
 /// A stream that swallows what it is given once its allowance is spent: a connection that hangs, also within a frame.
-class HangingStream : public platform::Stream {
+class HangingStream : public fakes::WrappedStream {
 public:
     HangingStream(std::unique_ptr<platform::Stream> inner, std::shared_ptr<std::size_t> allowance)
-        : inner_(std::move(inner)), allowance_(std::move(allowance)) {}
+        : WrappedStream(std::move(inner)), allowance_(std::move(allowance)) {}
     Task<> writeAll(ByteView data) override {
         const ByteView passed = data.first(std::min(data.size(), *allowance_));
         *allowance_ -= passed.size();
-        co_await inner_->writeAll(passed);
+        co_await inner().writeAll(passed);
     }
-    Task<std::size_t> readExact(MutableBytes into) override {
-        const std::size_t count = co_await inner_->readExact(into);
-        co_return count;
-    }
-    void finishWriting() noexcept override { inner_->finishWriting(); }
-    void cancel() noexcept override { inner_->cancel(); }
-    Executor executor() const override { return inner_->executor(); }
-    std::string remoteEndpoint() const override { return inner_->remoteEndpoint(); }
-    std::string localAddress() const override { return inner_->localAddress(); }
 
 private:
-    std::unique_ptr<platform::Stream> inner_;
     std::shared_ptr<std::size_t> allowance_;
 };
 

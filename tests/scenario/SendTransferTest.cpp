@@ -1,6 +1,7 @@
 #include "OrlinthCore/Sending/SendTransfer.h"
 
 #include "OrlinthCore/Sending/OutgoingFile.h"
+#include "fakes/CancelMidway.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
@@ -608,12 +609,7 @@ TEST_F(SendTransfer, StoppedAtAnyWaitClosesTheConnectionAndKeepsTheJournalEntry)
         EXPECT_FALSE(outcome);
         stop.emit(asio::cancellation_type::terminal);
         fakes::runUntilIdle(here.context, here.clock);
-        ASSERT_TRUE(outcome);
-        try {
-            std::rethrow_exception(outcome);
-        } catch (const std::exception& error) {
-            EXPECT_TRUE(platform::isCancellation(error)) << error.what();
-        }
+        fakes::expectCancellation(outcome);
         EXPECT_TRUE(sawTheEnd);
         EXPECT_EQ(itsJournal.snapshotEntries().size(), 1U);
     }

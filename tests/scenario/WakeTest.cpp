@@ -1,5 +1,6 @@
 #include "OrlinthCore/Sending/ClipboardSender.h"
 #include "OrlinthCore/Sending/SendTransfer.h"
+#include "fakes/CancelMidway.h"
 #include "fakes/TestRsaKey.h"
 #include "fakes/World.h"
 
@@ -254,11 +255,7 @@ TEST_F(Wake, StoppedWhileItTriesAgainEndsAtOnceAndDoesNotSpin) {
         world.context.restart();
         world.context.poll();
         ASSERT_TRUE(outcome) << "at " << when;
-        try {
-            std::rethrow_exception(outcome);
-        } catch (const std::exception& error) {
-            EXPECT_TRUE(platform::isCancellation(error)) << error.what();
-        }
+        fakes::expectCancellation(outcome);
         EXPECT_LE(world.network.attempts.size() - attemptsBefore, 3U);
         EXPECT_DOUBLE_EQ(world.clock.elapsed() - start, when);
     }

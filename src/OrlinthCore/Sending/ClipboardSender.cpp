@@ -38,10 +38,10 @@ ConnectRequest connectRequest(platform::System& system, const OneOffRequest& req
             .onWoken = request.onWaking};
 }
 
-/// Writes the sealed message; returns whether the system has taken it. A failure is logged and no more: the phone may
-/// have said Unpair and closed.
-Task<bool> deliver(platform::Log& log, WireConnection& wire, ByteView sealed, platform::TimeLimit& limit,
-                   const OneOffRequest& request) {
+/// Writes the sealed message, a `what`; returns whether the system has taken it. A failure is logged and no more: the
+/// phone may have said Unpair and closed.
+Task<bool> deliver(platform::Log& log, WireConnection& wire, ByteView sealed, std::string what,
+                   platform::TimeLimit& limit, const OneOffRequest& request) {
     limit.begin(request.sendSeconds);
     try {
         co_await wire.sendLengthPrefixed(sealed);
@@ -55,7 +55,7 @@ Task<bool> deliver(platform::Log& log, WireConnection& wire, ByteView sealed, pl
         co_return true;
     } catch (const std::exception& error) {
         if (limit.hasExpired()) {
-            throw SendError::network("the message was not taken within " + timeInWords(request.sendSeconds),
+            throw SendError::network("the phone did not take the " + what + " in " + timeInWords(request.sendSeconds),
                                      SendError::Reason::stalled, std::current_exception());
         }
         limit.end();
@@ -102,7 +102,8 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     }
     const Bytes sealed = framer.encodeJSON(message);
     platform::TimeLimit limit(system.clock, queue, [&wire] { wire.close(); });
-    const bool wasTaken = co_await deliver(system.log, wire, sealed, limit, request);
+    const std::string what = message.tag() == TransportMessage::Tag::Clipboard ? "text" : "message";
+    const bool wasTaken = co_await deliver(system.log, wire, sealed, what, limit, request);
     limit.begin(request.answerSeconds);
     const bool removed = co_await phoneRemovedUs(system.queues, wire, framer);
     if (removed) {

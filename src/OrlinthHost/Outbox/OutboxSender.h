@@ -18,9 +18,8 @@
 namespace orlinth::host {
 
 /// Sends what lies in the outbox: each batch to each of its phones, the phones side by side, and for one phone its
-/// batches in the order of their age and the files of a batch in the order of its manifest, several at once where that
-/// helps: as PhoneLanes has it. A connection that fails while there are others says
-/// little about the phone; its file goes back to its place.
+/// batches in the order of their age and the files of a batch in the order of its manifest, several at once as
+/// PhoneLanes has it. judge() in Attempt.h says what the end of an attempt means.
 ///
 /// What fails because the phone cannot be reached, or because the connection breaks, is tried again as RetryPolicy has
 /// it. There is reason to hope when the phone is heard of, its record changes, a new batch comes for it, or somebody

@@ -58,12 +58,17 @@ enum class SendVerdict {
     inDoubt,    ///< the phone may have it or not; it was there
     fileLost,   ///< this file will not get there: it cannot be read, or the phone does not want it
     phoneLost,  ///< nor will any other: the phone has removed this computer
-    oneTooMany, ///< perhaps only because there were other connections: alone it may work
+    oneTooMany, ///< it broke, perhaps only because there were other connections: alone it may work
     tryAgain,   ///< the phone cannot be reached, or the connection broke
     cancelled
 };
 
 /// The one place where that is decided, for whoever sends.
+///
+/// A connection that breaks beside others to the same phone says little about the phone: it may take a single file and
+/// close its port, or so many connections may be too many for it. Such an attempt was one too many. Its file goes back
+/// to its place, the phone is down to one connection (PhoneLanes says until when), and no pause follows: that takes an
+/// attempt that was alone. So it comes out as if there had been one connection from the start.
 [[nodiscard]] SendVerdict judge(const EndedAttempt& attempt);
 
 /// Whether the phone, once it had proved its key, ended the connection without a word about the offer: it does not take

@@ -7,8 +7,8 @@
 namespace orlinth::host {
 
 /// How many connections a phone gets at once: one at first, and another one for each file that it has taken, as that
-/// shows that it takes one after the other. After a connection that may have been one too many it is down to one, and
-/// the second one comes again only with the ninth file that it takes after that (`most` and one).
+/// shows that it takes one after the other. After fallBack() it is down to one, and the second one comes again only
+/// with the ninth file that it takes after that (`most` and one).
 ///
 /// Where that ends, more gains nothing: several connections are for small files, whose time goes into greetings.
 class PhoneLanes {
@@ -37,7 +37,7 @@ public:
     }
     /// The phone has taken a file.
     void addTaken() noexcept { takenInARow_ = std::min(takenInARow_ + 1, most); }
-    /// A connection failed in a way that company may explain, or the phone cannot be reached.
+    /// A connection was one too many (judge() in Attempt.h), or the phone cannot be reached.
     void fallBack() noexcept { takenInARow_ = -most; }
 
 private:

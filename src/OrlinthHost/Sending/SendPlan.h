@@ -15,10 +15,8 @@ namespace orlinth::host {
 /// Which file goes to which phone next, when every one of several files goes to every one of several phones: the phones
 /// side by side, and the files of a phone in their order, several at once as PhoneLanes has it.
 ///
-/// Only one attempt at a time, the phone's leader, may wake it. One that failed perhaps only because it had company
-/// goes back to its place in the order, and the phone is down to one connection: so somebody who takes a single file
-/// and closes the port, or to whom so many connections are too many, is treated as if there had been one from the
-/// start.
+/// Only one attempt at a time, the phone's leader, may wake it. The file of one that was one too many (judge() in
+/// Attempt.h) is put back.
 ///
 ///     waiting ── begin() ──▶ under way ── end() ──▶ delivered, or failed
 ///        ▲                       │

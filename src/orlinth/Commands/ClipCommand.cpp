@@ -9,6 +9,7 @@
 #include "orlinth/Reporting/Hints.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace orlinth::cli {
 
@@ -66,15 +67,12 @@ private:
     bool sent_ = false;
 };
 
-/// How long a phone may take for the text; 0: as long as it likes.
+/// How long a phone may take for the text, in seconds that read well; 0: as long as it likes.
 double secondsToSend(double answerSeconds, std::size_t textBytes) {
     constexpr double slowestBytesPerSecond = 250'000; // a phone that takes less does not take anything
-    return answerSeconds <= 0 ? 0 : answerSeconds + static_cast<double>(textBytes) / slowestBytesPerSecond;
-}
-
-bool isStalled(const std::exception& error) {
-    const auto* const failure = dynamic_cast<const SendError*>(&error);
-    return failure != nullptr && failure->reason() == SendError::Reason::stalled;
+    constexpr double tenths = 10;
+    const double forBytes = std::ceil(static_cast<double>(textBytes) / slowestBytesPerSecond * tenths) / tenths;
+    return answerSeconds <= 0 ? 0 : answerSeconds + forBytes;
 }
 
 /// What stands there may be a secret; the error does not repeat it.
@@ -151,7 +149,6 @@ public:
         if (times_.answer <= 0) { // else the limits of the steps are stricter, and say more
             request.keepAlive = host::phoneKeepAlive;
         }
-        const double secondsForText = request.sendSeconds;
         reporter.watch(request);
         try {
             reporter.tellComplete(host.tasks.run(sendClipboard(host.system, text, mime_, std::move(request))));
@@ -160,13 +157,7 @@ public:
             reporter.tellInterrupted(interrupted);
             throw;
         } catch (const std::exception& error) {
-            if (isStalled(error)) {
-                const auto late =
-                    SendError::network("the phone did not take the text in " + host::humanDuration(secondsForText));
-                reporter.tellFailure(late.description(), "");
-            } else {
-                reporter.tellFailure(describe(error), hintForSending(error, where));
-            }
+            reporter.tellFailure(describe(error), hintForSending(error, where));
             return 1;
         }
     }

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Pairing/PairAdvertiser.h"
 #include "OrlinthCore/Pairing/PairCode.h"
 #include "fakes/CancelMidway.h"
+#include "fakes/WorkshopPayload.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
@@ -22,15 +23,7 @@ const std::string otherKey = "QW5vdGhlciBjb21wdXRlciwgd2l0aCBpdHMgb3duIGsu";
 constexpr double lookSeconds = 3;
 
 PairingPayload payload(const std::string& key = computerKey) {
-    PairingPayload made;
-    made.peer_pubkey = key;
-    made.peer_ip = "192.168.1.23";
-    made.peer_port = 7300;
-    made.peer_subnet = "192.168.1.0/24";
-    made.peer_hostname = "workshop";
-    made.peer_mac = "3c:22:fb:01:02:0a";
-    made.pairing_secret = "c2Vjcmv0";
-    return made;
+    return fakes::workshopPayload(key, "c2Vjcmv0");
 }
 
 platform::ServiceRecord service(const std::string& key = computerKey, const std::string& announced = code) {

@@ -1,6 +1,7 @@
 #include "OrlinthCore/SecureChannel/WireConnection.h"
 
 #include "base/Hex.h"
+#include "fakes/CancelMidway.h"
 #include "fakes/MemoryNetwork.h"
 #include "fakes/VirtualClock.h"
 #include "platform/Cancelled.h"
@@ -341,12 +342,7 @@ TEST_F(Wire, LetsACancellationThroughUnchanged) {
     cancel.emit(asio::cancellation_type::terminal);
     context_.restart();
     context_.poll();
-    ASSERT_TRUE(ended);
-    try {
-        std::rethrow_exception(ended);
-    } catch (const std::exception& error) {
-        EXPECT_TRUE(platform::isCancellation(error)) << describe(error);
-    }
+    fakes::expectCancellation(ended);
 }
 
 // --- the idle time-out ---
@@ -548,12 +544,7 @@ TEST_F(Wire, LetsACancellationOfTheFarewellThroughAndCloses) {
     cancel.emit(asio::cancellation_type::terminal);
     context_.restart();
     context_.poll();
-    ASSERT_TRUE(ended);
-    try {
-        std::rethrow_exception(ended);
-    } catch (const std::exception& error) {
-        EXPECT_TRUE(platform::isCancellation(error)) << describe(error);
-    }
+    fakes::expectCancellation(ended);
     EXPECT_TRUE(ours_->isCancelled());
 }
 

@@ -89,7 +89,7 @@ TEST_F(ClipCommandTest, GivesThePhoneASecondMoreToTakeEach250Kilobytes) {
     EXPECT_EQ(ended.status, 1);
     EXPECT_NEAR(ended.after, 2.1, 1e-9);
     EXPECT_THAT(ended.names(), ElementsAre("error"));
-    EXPECT_EQ(ended.failure(), "orlinth: network: the phone did not take the text in 2.1 s");
+    EXPECT_EQ(ended.failure(), "orlinth: network: the phone did not take the text in 2.1 seconds");
 }
 
 TEST_F(ClipCommandTest, TakesTenSecondsOfSilenceBehindTheTextForADelivery) {

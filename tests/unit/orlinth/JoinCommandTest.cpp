@@ -4,6 +4,7 @@
 #include "OrlinthCore/Pairing/PairListener.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
 #include "base/Base64.h"
+#include "fakes/WorkshopPayload.h"
 #include "unit/orlinth/PairingWorld.h"
 
 namespace orlinth::cli {
@@ -32,15 +33,7 @@ protected:
         return join(words);
     }
     [[nodiscard]] PairingPayload payload() const {
-        PairingPayload made;
-        made.peer_pubkey = world.computerKey.publicKey().base64();
-        made.peer_ip = "192.168.1.23";
-        made.peer_port = port;
-        made.peer_subnet = "192.168.1.0/24";
-        made.peer_hostname = "workshop";
-        made.peer_mac = "3c:22:fb:01:02:0a";
-        made.pairing_secret = base64Encode(asBytes(secretText));
-        return made;
+        return fakes::workshopPayload(world.computerKey.publicKey().base64(), base64Encode(asBytes(secretText)));
     }
     void put(const PairingPayload& made) { world.files.put(file, made.jsonString()); }
     void put(const platform::RasterImage& image) {

@@ -1,12 +1,11 @@
 #include "platform/linux/BusLoop.h"
 
-#include "fakes/PrivateBus.h"
+#include "fakes/BusProgram.h"
 
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 #include <gtest/gtest.h>
-#include <systemd/sd-bus.h>
 
 #include <chrono>
 #include <fcntl.h>
@@ -20,6 +19,8 @@
 namespace orlinth::platform {
 namespace {
 
+using fakes::busName;
+using fakes::busPath;
 using fakes::PrivateBus;
 using SteadyClock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
@@ -27,16 +28,8 @@ using namespace std::chrono_literals;
 /// Nothing here takes this long; it only keeps a broken test from hanging.
 constexpr auto patience = 60s;
 
-constexpr const char* busName = "org.freedesktop.DBus";
-constexpr const char* busPath = "/org/freedesktop/DBus";
 constexpr const char* slowName = "org.example.Slow";
 constexpr const char* slowPath = "/slow";
-
-void require(int result) {
-    if (result < 0) {
-        throw std::runtime_error("a test's connection to the bus fails: " + std::to_string(result));
-    }
-}
 
 /// A program of the session that answers when it is told to.
 class SlowProgram {
@@ -47,33 +40,23 @@ public:
             SD_BUS_METHOD("Ask", "", "", onAsk, 0),
             SD_BUS_VTABLE_END,
         };
-        require(::sd_bus_new(&bus_));
-        require(::sd_bus_set_address(bus_, fakes::busAddress()));
-        require(::sd_bus_set_bus_client(bus_, 1));
-        require(::sd_bus_start(bus_));
-        require(::sd_bus_add_object_vtable(bus_, nullptr, slowPath, slowName, methods, this));
-        require(::sd_bus_request_name(bus_, slowName, 0));
+        fakes::requireBus(::sd_bus_add_object_vtable(program_.get(), nullptr, slowPath, slowName, methods, this));
+        fakes::requireBus(::sd_bus_request_name(program_.get(), slowName, 0));
     }
-    ~SlowProgram() {
-        ::sd_bus_message_unref(question_);
-        ::sd_bus_flush_close_unref(bus_);
-    }
+    ~SlowProgram() { ::sd_bus_message_unref(question_); }
     SlowProgram(const SlowProgram&) = delete;
     SlowProgram& operator=(const SlowProgram&) = delete;
 
-    void process() {
-        while (::sd_bus_process(bus_, nullptr) > 0) {
-        }
-    }
+    void process() { program_.process(); }
     [[nodiscard]] bool isAsked() const { return question_ != nullptr; }
-    void answer() { require(::sd_bus_reply_method_return(question_, "")); }
+    void answer() { fakes::requireBus(::sd_bus_reply_method_return(question_, "")); }
 
     /// So many signals, of which the bus has taken the last one when this returns.
     void flood(int count) {
         for (int i = 0; i < count; ++i) {
-            require(::sd_bus_emit_signal(bus_, slowPath, slowName, "Drop", ""));
+            fakes::requireBus(::sd_bus_emit_signal(program_.get(), slowPath, slowName, "Drop", ""));
         }
-        require(::sd_bus_call_method(bus_, busName, busPath, busName, "GetId", nullptr, nullptr, nullptr));
+        program_.arrive();
     }
 
 private:
@@ -82,7 +65,7 @@ private:
         return 1;
     }
 
-    sd_bus* bus_ = nullptr;
+    fakes::BusProgram program_;
     sd_bus_message* question_ = nullptr;
 };
 
@@ -127,20 +110,20 @@ protected:
 
     /// Asks the bus itself, which answers at once.
     void askBus() {
-        require(::sd_bus_call_method_async(loop->get(), nullptr, busName, busPath, busName, "GetId", onAnswer, this,
-                                           nullptr));
+        fakes::requireBus(::sd_bus_call_method_async(loop->get(), nullptr, busName, busPath, busName, "GetId", onAnswer,
+                                                     this, nullptr));
         loop->wake();
     }
 
     void askSlow() {
-        require(::sd_bus_call_method_async(loop->get(), nullptr, slowName, slowPath, slowName, "Ask", onAnswer, this,
-                                           nullptr));
+        fakes::requireBus(::sd_bus_call_method_async(loop->get(), nullptr, slowName, slowPath, slowName, "Ask",
+                                                     onAnswer, this, nullptr));
         loop->wake();
     }
 
     /// Begins to count the signals of the slow program.
     void listen() {
-        require(::sd_bus_match_signal_async(
+        fakes::requireBus(::sd_bus_match_signal_async(
             loop->get(), nullptr, slowName, slowPath, slowName, "Drop",
             [](sd_bus_message*, void* data, sd_bus_error*) {
                 ++static_cast<BusLoopTest*>(data)->drops;

@@ -1,10 +1,9 @@
 #include "platform/linux/LinuxNotifications.h"
 
-#include "fakes/PrivateBus.h"
+#include "fakes/BusProgram.h"
 
 #include <asio/io_context.hpp>
 #include <gtest/gtest.h>
-#include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,8 +15,10 @@
 
 using namespace orlinth;
 using namespace orlinth::platform;
-using fakes::busAddress;
+using fakes::busName;
+using fakes::busPath;
 using fakes::PrivateBus;
+using fakes::requireBus;
 using fakes::setBusAddress;
 
 namespace {
@@ -30,59 +31,37 @@ constexpr auto patience = 60s;
 
 constexpr const char* daemonName = "org.freedesktop.Notifications";
 constexpr const char* daemonPath = "/org/freedesktop/Notifications";
-constexpr const char* busName = "org.freedesktop.DBus";
-constexpr const char* busPath = "/org/freedesktop/DBus";
-
-void require(int result) {
-    if (result < 0) {
-        throw std::runtime_error("a test's connection to the bus fails: " + std::to_string(result));
-    }
-}
 
 /// Another program of the session, which tells one connection what it likes.
 class Stranger {
 public:
-    Stranger() {
-        require(::sd_bus_new(&bus_));
-        require(::sd_bus_set_address(bus_, busAddress()));
-        require(::sd_bus_set_bus_client(bus_, 1));
-        require(::sd_bus_start(bus_));
-        arrive();
-    }
-    ~Stranger() { ::sd_bus_flush_close_unref(bus_); }
-    Stranger(const Stranger&) = delete;
-    Stranger& operator=(const Stranger&) = delete;
+    Stranger() { program_.arrive(); }
 
     /// A signal to `whom` alone, with these arguments.
     template <typename... Arguments>
     void tell(const std::string& whom, const char* path, const char* interface, const char* signal, const char* types,
               Arguments... arguments) {
         sd_bus_message* message = nullptr;
-        require(::sd_bus_message_new_signal(bus_, &message, path, interface, signal));
-        require(::sd_bus_message_append(message, types, arguments...));
-        require(::sd_bus_message_set_destination(message, whom.c_str()));
-        require(::sd_bus_send(bus_, message, nullptr));
+        requireBus(::sd_bus_message_new_signal(program_.get(), &message, path, interface, signal));
+        requireBus(::sd_bus_message_append(message, types, arguments...));
+        requireBus(::sd_bus_message_set_destination(message, whom.c_str()));
+        requireBus(::sd_bus_send(program_.get(), message, nullptr));
         ::sd_bus_message_unref(message);
-        arrive();
+        program_.arrive();
     }
 
     /// Answers a call that was made to somebody else.
     void answer(sd_bus_message* call, std::uint32_t id) {
         sd_bus_message* reply = nullptr;
-        require(::sd_bus_message_new_method_return(call, &reply));
-        require(::sd_bus_message_append(reply, "u", id));
-        require(::sd_bus_send(bus_, reply, nullptr));
+        requireBus(::sd_bus_message_new_method_return(call, &reply));
+        requireBus(::sd_bus_message_append(reply, "u", id));
+        requireBus(::sd_bus_send(program_.get(), reply, nullptr));
         ::sd_bus_message_unref(reply);
-        arrive();
+        program_.arrive();
     }
 
 private:
-    /// Returns once the bus has passed on whatever was sent before.
-    void arrive() {
-        require(::sd_bus_call_method(bus_, busName, busPath, busName, "GetId", nullptr, nullptr, nullptr));
-    }
-
-    sd_bus* bus_ = nullptr;
+    fakes::BusProgram program_;
 };
 
 /// A notification daemon that does what a test says.
@@ -105,33 +84,27 @@ public:
             SD_BUS_METHOD("CloseNotification", "u", "", onClose, 0),
             SD_BUS_VTABLE_END,
         };
-        require(::sd_bus_new(&bus_));
-        require(::sd_bus_set_address(bus_, busAddress()));
-        require(::sd_bus_set_bus_client(bus_, 1));
-        require(::sd_bus_start(bus_));
-        require(::sd_bus_add_object_vtable(bus_, nullptr, daemonPath, daemonName, methods, this));
-        require(::sd_bus_request_name(bus_, daemonName, SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING));
+        requireBus(::sd_bus_add_object_vtable(program_.get(), nullptr, daemonPath, daemonName, methods, this));
+        requireBus(::sd_bus_request_name(program_.get(), daemonName,
+                                         SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING));
     }
-    ~Daemon() { ::sd_bus_flush_close_unref(bus_); }
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    void process() {
-        while (::sd_bus_process(bus_, nullptr) > 0) {
-        }
-    }
+    void process() { program_.process(); }
     [[nodiscard]] const char* uniqueName() const {
         const char* name = nullptr;
-        require(::sd_bus_get_unique_name(bus_, &name));
+        requireBus(::sd_bus_get_unique_name(program_.get(), &name));
         return name;
     }
-    [[nodiscard]] int descriptor() const { return ::sd_bus_get_fd(bus_); }
+    [[nodiscard]] int descriptor() const { return ::sd_bus_get_fd(program_.get()); }
 
     void press(std::uint32_t id, const char* key) {
-        require(::sd_bus_emit_signal(bus_, daemonPath, daemonName, "ActionInvoked", "us", id, key));
+        requireBus(::sd_bus_emit_signal(program_.get(), daemonPath, daemonName, "ActionInvoked", "us", id, key));
     }
     void tellClosed(std::uint32_t id) {
-        require(::sd_bus_emit_signal(bus_, daemonPath, daemonName, "NotificationClosed", "uu", id, std::uint32_t{2}));
+        requireBus(::sd_bus_emit_signal(program_.get(), daemonPath, daemonName, "NotificationClosed", "uu", id,
+                                        std::uint32_t{2}));
     }
 
     bool answers = true;
@@ -145,12 +118,12 @@ private:
     static int onGetCapabilities(sd_bus_message* call, void* data, sd_bus_error*) {
         auto& self = *static_cast<Daemon*>(data);
         sd_bus_message* reply = nullptr;
-        require(::sd_bus_message_new_method_return(call, &reply));
-        require(::sd_bus_message_open_container(reply, 'a', "s"));
+        requireBus(::sd_bus_message_new_method_return(call, &reply));
+        requireBus(::sd_bus_message_open_container(reply, 'a', "s"));
         for (const std::string& capability : self.capabilities_) {
-            require(::sd_bus_message_append(reply, "s", capability.c_str()));
+            requireBus(::sd_bus_message_append(reply, "s", capability.c_str()));
         }
-        require(::sd_bus_message_close_container(reply));
+        requireBus(::sd_bus_message_close_container(reply));
         const int result = ::sd_bus_send(nullptr, reply, nullptr);
         ::sd_bus_message_unref(reply);
         return result;
@@ -161,29 +134,29 @@ private:
         const char *application = nullptr, *icon = nullptr, *title = nullptr, *body = nullptr, *action = nullptr;
         std::uint32_t replaces = 0;
         Shown one;
-        require(::sd_bus_message_read(call, "susss", &application, &replaces, &icon, &title, &body));
+        requireBus(::sd_bus_message_read(call, "susss", &application, &replaces, &icon, &title, &body));
         one.title = title;
         one.body = body;
-        require(::sd_bus_message_enter_container(call, 'a', "s"));
+        requireBus(::sd_bus_message_enter_container(call, 'a', "s"));
         while (::sd_bus_message_read(call, "s", &action) > 0) {
             one.actions.emplace_back(action);
         }
-        require(::sd_bus_message_exit_container(call));
-        require(::sd_bus_message_enter_container(call, 'a', "{sv}"));
+        requireBus(::sd_bus_message_exit_container(call));
+        requireBus(::sd_bus_message_enter_container(call, 'a', "{sv}"));
         while (::sd_bus_message_enter_container(call, 'e', "sv") > 0) {
             const char* hint = nullptr;
-            require(::sd_bus_message_read(call, "s", &hint));
+            requireBus(::sd_bus_message_read(call, "s", &hint));
             if (std::string_view(hint) == "urgency") {
                 std::uint8_t urgency = 0;
-                require(::sd_bus_message_read(call, "v", "y", &urgency));
+                requireBus(::sd_bus_message_read(call, "v", "y", &urgency));
                 one.urgency = urgency;
             } else {
-                require(::sd_bus_message_skip(call, "v"));
+                requireBus(::sd_bus_message_skip(call, "v"));
             }
-            require(::sd_bus_message_exit_container(call));
+            requireBus(::sd_bus_message_exit_container(call));
         }
-        require(::sd_bus_message_exit_container(call));
-        require(::sd_bus_message_read(call, "i", &one.milliseconds));
+        requireBus(::sd_bus_message_exit_container(call));
+        requireBus(::sd_bus_message_read(call, "i", &one.milliseconds));
         self.shown.push_back(one);
         self.caller = ::sd_bus_message_get_sender(call);
         if (self.quicker != nullptr) {
@@ -199,13 +172,13 @@ private:
 
     static int onClose(sd_bus_message* call, void* data, sd_bus_error*) {
         std::uint32_t id = 0;
-        require(::sd_bus_message_read(call, "u", &id));
+        requireBus(::sd_bus_message_read(call, "u", &id));
         static_cast<Daemon*>(data)->taken.push_back(id);
         return ::sd_bus_reply_method_return(call, "");
     }
 
     std::vector<std::string> capabilities_;
-    sd_bus* bus_ = nullptr;
+    fakes::BusProgram program_;
 };
 
 class LinuxNotificationsTest : public testing::Test {
