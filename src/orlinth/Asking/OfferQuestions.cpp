@@ -137,7 +137,7 @@ OfferQuestions::QuestionRef OfferQuestions::questionFor(const Receiver::Offer& o
         turns_.push_back(offer.peerKey);
     }
     const auto question = std::make_shared<Question>(
-        Question{.phone = offer.peerKey,
+        Question{.peerKey = offer.peerKey,
                  .transferId = offer.transferId,
                  .name = offer.name,
                  .size = offer.size,
@@ -263,17 +263,17 @@ void OfferQuestions::takeBack(Question& question) {
 }
 
 void OfferQuestions::leaveLine(const Question& question) {
-    const auto line = waiting_.find(question.phone);
+    const auto line = waiting_.find(question.peerKey);
     std::erase_if(line->second, [&question](const QuestionRef& other) { return other.get() == &question; });
     const bool isLast = line->second.empty();
     const bool hadItsTurn = current_.get() == &question;
     if (isLast || hadItsTurn) {
-        std::erase(turns_, question.phone);
+        std::erase(turns_, question.peerKey);
     }
     if (isLast) {
         waiting_.erase(line);
     } else if (hadItsTurn) {
-        turns_.push_back(question.phone);
+        turns_.push_back(question.peerKey);
     }
     if (hadItsTurn) {
         current_.reset();

@@ -44,7 +44,7 @@ private:
 
     /// What is asked, or waits for its turn.
     struct Question {
-        PeerKey phone;
+        PeerKey peerKey;
         TransferId transferId;
         std::string name; ///< of the file
         std::int64_t size;
