@@ -57,7 +57,8 @@ protected:
     [[nodiscard]] std::unique_ptr<PairAdvertiser> announce(const std::string& code, const std::string& key) {
         PairingPayload made = payload();
         made.peer_pubkey = key;
-        auto advertiser = std::make_unique<PairAdvertiser>(world.system, made, code, world.context.get_executor());
+        auto advertiser =
+            std::make_unique<PairAdvertiser>(world.services, world.log, made, code, world.context.get_executor());
         advertiser->start();
         return advertiser;
     }
@@ -69,7 +70,7 @@ protected:
         EXPECT_EQ(ended.status, 0) << ended.failure();
         EXPECT_EQ(ended.output, "Confirmation code: " + codeThere() + "\npaired with workshop at 192.168.1.23:7300\n");
         ASSERT_EQ(book().peers.size(), 1U);
-        EXPECT_EQ(book().peers.front().peer_pubkey, world.computerKey.publicKey().base64());
+        EXPECT_EQ(book().peers.front().peer_pubkey.text(), world.computerKey.publicKey().base64());
     }
 
     Bytes introduction;

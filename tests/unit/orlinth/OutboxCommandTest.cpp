@@ -38,7 +38,7 @@ protected:
     }
     [[nodiscard]] host::OutboxState::Phone phone() const {
         host::OutboxState::Phone phone;
-        phone.pubkey = PeerKey(world.phoneRecord().peer_pubkey);
+        phone.peerKey = world.phoneRecord().peer_pubkey;
         phone.hostname = "Pixel-8";
         return phone;
     }

@@ -170,12 +170,12 @@ TEST_F(PairCommandTest, ReplacesAnEarlierIdentityOfThePhoneAndKeepsOthersOfItsNa
     PeerRecord stale = world.phoneRecord();
     stale.peer_hostname = "Pixel";
     stale.peer_ip = "192.168.1.50";
-    stale.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+    stale.peer_pubkey = PeerKey(platform::PrivateKey::generate().publicKey().base64());
     pair({stale});
     const Ended replaced = pairingWith(saying());
     EXPECT_THAT(replaced.output, HasSubstr("\npaired with Pixel at 192.168.1.50:7000\nin place of the earlier identity "
                                            "of Pixel, key " +
-                                           stale.peer_pubkey.substr(0, 12)));
+                                           stale.peer_pubkey.text().substr(0, 12)));
     EXPECT_EQ(book().peers.size(), 1U);
 
     stale.peer_ip = "192.168.1.51";

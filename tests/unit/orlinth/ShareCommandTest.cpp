@@ -45,7 +45,7 @@ protected:
     PeerRecord pairTablet() {
         PeerRecord tablet = world.phoneRecord();
         tablet.peer_hostname = "Tablet";
-        tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().base64();
+        tablet.peer_pubkey = PeerKey(platform::PrivateKey::generate().publicKey().base64());
         tablet.paired_at_epoch_ms = world.phoneRecord().paired_at_epoch_ms + 1;
         pair({world.phoneRecord(), tablet});
         return tablet;
