@@ -12,7 +12,7 @@ namespace {
 
 /// The system tells that a file was closed, and then lets its lock go. Who has come in between looks again after so
 /// long.
-constexpr double settleSeconds = 0.02;
+constexpr Seconds settlingTime = 20ms;
 
 /// Null if the folder cannot be watched. `change` outlives the watch.
 std::unique_ptr<FolderWatch> watchFor(System& system, const Path& folder, const Executor& executor, Event& change) {
@@ -27,12 +27,12 @@ std::unique_ptr<FolderWatch> watchFor(System& system, const Path& folder, const 
 
 } // namespace
 
-Task<bool> lockWithin(System& system, File& file, Path path, double seconds) {
+Task<bool> lockWithin(System& system, File& file, Path path, Seconds limit) {
     if (file.tryLock()) {
         co_return true;
     }
     const Executor executor = co_await asio::this_coro::executor;
-    const Clock::Instant end = system.clock.now() + Clock::Instant(seconds);
+    const Clock::Instant end = system.clock.now() + limit;
     Event closed(executor);
     const std::unique_ptr<FolderWatch> watch = watchFor(system, path.parent_path(), executor, closed);
     bool isTold = false;
@@ -41,11 +41,11 @@ Task<bool> lockWithin(System& system, File& file, Path path, double seconds) {
         if (file.tryLock()) {
             co_return true;
         }
-        const double left = (end - system.clock.now()).count();
-        if (left <= 0) {
+        const Seconds left = end - system.clock.now();
+        if (left <= 0s) {
             co_return false;
         }
-        isTold = co_await closed.wait(system.clock, isTold ? std::min(left, settleSeconds) : left);
+        isTold = co_await closed.wait(system.clock, isTold ? std::min(left, settlingTime) : left);
     }
 }
 

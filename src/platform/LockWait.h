@@ -5,7 +5,7 @@
 
 namespace orlinth::platform {
 
-/// Gets the advisory lock of a file that was opened for writing, within so many seconds; returns whether it has it.
+/// Gets the advisory lock of a file that was opened for writing, within `limit`; returns whether it has it.
 ///
 /// flock() tells nobody when a lock is free, unless a thread waits for it. But whoever held it closes the file, and
 /// that is seen by a watch on its folder, if he had it open for writing, as everybody here has. Where the folder cannot
@@ -13,6 +13,6 @@ namespace orlinth::platform {
 ///
 /// `path` is the file's. On the caller's executor; `system` and `file` outlive the task.
 /// @throws SystemError if the file cannot be locked; Cancelled
-[[nodiscard]] Task<bool> lockWithin(System& system, File& file, Path path, double seconds);
+[[nodiscard]] Task<bool> lockWithin(System& system, File& file, Path path, Seconds limit);
 
 } // namespace orlinth::platform

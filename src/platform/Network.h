@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Bytes.h"
+#include "base/Time.h"
 #include "platform/Task.h"
 
 #include <memory>
@@ -10,11 +11,11 @@
 
 namespace orlinth::platform {
 
-/// TCP keep-alive: the first probe after `idleSeconds` of silence, further ones each `intervalSeconds`, dead after
-/// `count` unanswered.
+/// TCP keep-alive: the first probe after `idle` of silence, further ones each `interval`, dead after `count`
+/// unanswered.
 struct KeepAlive {
-    int idleSeconds;
-    int intervalSeconds;
+    std::chrono::seconds idle;
+    std::chrono::seconds interval;
     int count;
 };
 
@@ -39,8 +40,8 @@ public:
     /// From now on every end of the connection is as by abort(), also by destruction, by cancel() and by the end of the
     /// process, whatever ends that; with false, every one is orderly again.
     virtual void resetOnClose(bool /*resets*/) noexcept {}
-    /// Notices a peer that is gone, while nothing is sent and while data is under way to it: `idleSeconds` and `count`
-    /// times `intervalSeconds` after it was last heard of, pending calls fail. A peer that takes nothing of what is
+    /// Notices a peer that is gone, while nothing is sent and while data is under way to it: `idle` and `count`
+    /// times `interval` after it was last heard of, pending calls fail. A peer that takes nothing of what is
     /// under way for as long counts as gone. Best effort.
     virtual void setKeepAlive(const KeepAlive& /*keepAlive*/) noexcept {}
     /// Whether the peer has ended its side, or the connection is broken or closed. Looks without reading, so that what
@@ -83,7 +84,7 @@ struct ListenOptions {
 /// A serial queue whose thread is busy with one thing.
 struct LateQueue {
     std::string label;      ///< what the queue was made for; of several on one thread, the one that came last
-    double seconds = 0;     ///< how long it has not answered
+    Seconds silence{0};     ///< how long it has not answered
     std::size_t thread = 0; ///< which thread of the network: from 1, and the same at every call
 };
 
@@ -118,9 +119,9 @@ public:
     /// A serial queue with a thread of its own, for what may block for long: that holds nobody else up. The thread
     /// stays as long as the network, so these queues are few. What runs there must have ended before the network goes.
     [[nodiscard]] virtual Executor makeThreadQueue(const char* label) { return makeWorkerQueue(label); }
-    /// The queues of makeWorkerQueue() that have not answered for `seconds` or longer. Asks them all anew, without
+    /// The queues of makeWorkerQueue() that have not answered for `limit` or longer. Asks them all anew, without
     /// waiting: called again and again, it notices a thread that hangs. Any thread, one at a time.
-    [[nodiscard]] virtual std::vector<LateQueue> lateQueues(double /*seconds*/) { return {}; }
+    [[nodiscard]] virtual std::vector<LateQueue> lateQueues(Seconds /*limit*/) { return {}; }
 };
 
 } // namespace orlinth::platform

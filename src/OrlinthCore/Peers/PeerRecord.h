@@ -2,6 +2,7 @@
 
 #include "base/CaseError.h"
 #include "base/Json.h"
+#include "base/Time.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
 #include "platform/WholeFile.h"
@@ -21,7 +22,7 @@ struct PeerRecord {
     std::string peer_subnet;    ///< subnet of the network at pairing time
     std::string peer_hostname;  ///< the phone's name, which selectors match
     std::string peer_mac;       ///< hardware address
-    std::int64_t paired_at_epoch_ms = 0;
+    EpochMilliseconds paired_at_epoch_ms{};
     std::string self_pubkey;    ///< this computer's key that was paired, Base64; "" if unknown
     std::string peer_fcm_token; ///< push token; "" if none
     std::string peer_android;   ///< the phone's Android identifier; "" if unknown

@@ -21,10 +21,10 @@ namespace orlinth {
 namespace {
 
 /// How long a phone gets to read our last word before the connection is closed in any case.
-constexpr double farewellSeconds = 5;
+constexpr Seconds farewellLimit = 5s;
 
 /// Between two looks whether a phone is still there while somebody is asked about its offer.
-constexpr double hangUpLookSeconds = 0.25;
+constexpr Seconds hangUpLookInterval = 250ms;
 
 /// Closes the connection when the handshake takes longer than it may, as a whole.
 class HandshakeAlarm {
@@ -32,7 +32,7 @@ public:
     HandshakeAlarm(WireConnection& wire, const Executor& executor, const ReceiverConnectionContext& context)
         : timer_(context.system.clock.makeTimer(executor)) {
         if (context.handshakeEnd) {
-            const double left = (*context.handshakeEnd - context.system.clock.now()).count();
+            const Seconds left = *context.handshakeEnd - context.system.clock.now();
             timer_->arm(left, [this, &wire] {
                 hasRung_ = true;
                 wire.close();
@@ -153,7 +153,7 @@ public:
     [[nodiscard]] Task<> sayFarewell(TransportMessage message) {
         const Bytes body = framer_.encodeJSON(message);
         co_await wire_.sendLengthPrefixed(body);
-        static_cast<void>(co_await wire_.closeAfterFarewell(farewellSeconds)); // whatever it does, it was told
+        static_cast<void>(co_await wire_.closeAfterFarewell(farewellLimit)); // whatever it does, it was told
     }
 
     /// Leaves what has not been finished for a resume; nothing happens here afterwards. The disk is waited for, but not
@@ -283,7 +283,7 @@ private:
         if (mustBeHere && file_->delivered() == nullptr) {
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }
-        transfer_.accept(file_->bytesWritten(), approvedSize_); // what is here may be of a larger offer
+        transfer_.accept(file_->resumeOffset(), approvedSize_); // what is here may be of a larger offer
         place_->beginTransfer();
         room_->beginTransfer();
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
@@ -320,7 +320,7 @@ private:
 
     [[nodiscard]] Task<> watchPhone(OneShot<bool>& answer) {
         while (!wire_.hasEnded()) {
-            const bool isOver = !co_await platform::sleepUnlessCancelled(context_.system.clock, hangUpLookSeconds);
+            const bool isOver = !co_await platform::sleepUnlessCancelled(context_.system.clock, hangUpLookInterval);
             if (isOver) {
                 co_return;
             }

@@ -13,8 +13,8 @@ RecordUpdates::RecordUpdates(platform::System& system)
     : system_(system), queue_(system.network.makeBlockingQueue()), alarm_(system.clock.makeTimer(queue_)) {}
 
 bool RecordUpdates::isDue(const Phone& phone) const {
-    return !phone.isBeingWritten && (!phone.writtenAt || system_.clock.now() - *phone.writtenAt >=
-                                                             platform::Clock::Instant(limits::recordSeconds));
+    return !phone.isBeingWritten &&
+           (!phone.writtenAt || system_.clock.now() - *phone.writtenAt >= limits::recordInterval);
 }
 
 void RecordUpdates::say(const platform::PublicKey& phone, RecordChange change, OnTrouble onTrouble) {
@@ -72,8 +72,8 @@ void RecordUpdates::forget(const platform::PublicKey& phone) {
 /// On the queue.
 void RecordUpdates::setAlarm() {
     if (!std::exchange(isAlarmSet_, true)) {
-        constexpr double lookSeconds = limits::recordSeconds / 10; // nobody waits for it
-        alarm_->arm(lookSeconds, [weak = weak_from_this()] {
+        constexpr Seconds lookInterval = limits::recordInterval / 10; // nobody waits for it
+        alarm_->arm(lookInterval, [weak = weak_from_this()] {
             if (const auto self = weak.lock()) {
                 self->isAlarmSet_ = false;
                 self->writeDue(false);

@@ -42,7 +42,7 @@ ConnectRequest connectRequest(platform::System& system, const OneOffRequest& req
 /// have said Unpair and closed.
 Task<bool> deliver(platform::System& system, WireConnection& wire, ByteView sealed, platform::TimeLimit& limit,
                    const OneOffRequest& request) {
-    limit.begin(request.sendSeconds);
+    limit.begin(request.sendLimit);
     try {
         co_await wire.sendLengthPrefixed(sealed);
         limit.end();
@@ -55,7 +55,7 @@ Task<bool> deliver(platform::System& system, WireConnection& wire, ByteView seal
         co_return true;
     } catch (const std::exception& error) {
         if (limit.hasExpired()) {
-            throw SendError::network("the message was not taken within " + timeInWords(request.sendSeconds),
+            throw SendError::network("the message was not taken within " + timeInWords(request.sendLimit),
                                      SendError::Reason::stalled, std::current_exception());
         }
         limit.end();
@@ -95,7 +95,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     Authentication who{.staticKey = request.staticKey,
                        .prologue = request.prologue,
                        .peerPubkey = std::move(peerPubkey),
-                       .seconds = request.handshakeSeconds};
+                       .limit = request.handshakeLimit};
     TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     if (request.onHandshakeComplete) {
         request.onHandshakeComplete();
@@ -103,7 +103,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     const Bytes sealed = framer.encodeJSON(message);
     platform::TimeLimit limit(system.clock, queue, [&wire] { wire.close(); });
     const bool wasTaken = co_await deliver(system, wire, sealed, limit, request);
-    limit.begin(request.answerSeconds);
+    limit.begin(request.answerLimit);
     const bool removed = co_await phoneRemovedUs(system.network, wire, framer);
     if (removed) {
         throw SendError::peerRemoved();

@@ -197,7 +197,7 @@ void OutboxQueue::accept(const BatchId& id, News& news) {
         setAside(id, error.description());
     } catch (const Error& error) { // of the disk or the peer store: the next look may find it well
         log(platform::LogLevel::error, "cannot take in batch " + id.text() + ": " + error.description());
-        events_.waiting(id, "", error.description(), OutboxLookout::backstopSeconds);
+        events_.waiting(id, "", error.description(), OutboxLookout::backstopInterval);
     }
 }
 
@@ -221,11 +221,11 @@ OutboxQueue::Job* OutboxQueue::find(const BatchId& id) {
 
 OutboxQueue::Job* OutboxQueue::nextFor(const PeerKey& key) {
     Job* next = nullptr;
-    std::pair<int, std::int64_t> place; // in the line
+    std::pair<int, EpochMilliseconds> place; // in the line
     for (const auto& [id, job] : jobs_) {
         if (const std::optional<std::string> file = job->nextFor(key)) {
-            const std::pair<int, std::int64_t> mine = {job->attemptsInVain(key, *file),
-                                                       job->batch.manifest.createdAtMs};
+            const std::pair<int, EpochMilliseconds> mine = {job->attemptsInVain(key, *file),
+                                                            job->batch.manifest.createdAtMs};
             if (next == nullptr || mine < place) {
                 next = job.get();
                 place = mine;
@@ -298,7 +298,7 @@ void OutboxQueue::setAllFailed(const PeerKey& key, const std::string& message) {
     }
 }
 
-void OutboxQueue::setWaiting(const PeerKey& key, const std::string& message, double seconds, bool isNews) {
+void OutboxQueue::setWaiting(const PeerKey& key, const std::string& message, Seconds pause, bool isNews) {
     OutboxState::Phone waiting;
     waiting.pubkey = key;
     bool isFirst = false; // of one of the batches
@@ -312,7 +312,7 @@ void OutboxQueue::setWaiting(const PeerKey& key, const std::string& message, dou
         if (std::exchange(phone.waiting, message) != message) {
             save(*job);
         }
-        events_.waiting(id, waiting.displayName(), message, seconds);
+        events_.waiting(id, waiting.displayName(), message, pause);
     }
     if (isNews || isFirst) {
         events_.waitingLine(waiting, message);

@@ -19,7 +19,7 @@ namespace {
 
 /// How often we look whether there is an answer on the terminal: a person does not notice. That there is something to
 /// read would not do, as it may be for another program: whose terminal it is changes without a word to us.
-constexpr double lookSeconds = 0.1;
+constexpr Seconds lookInterval = 100ms;
 
 constexpr std::size_t longestAnswer = 1024;
 
@@ -170,8 +170,8 @@ Task<> OfferQuestions::attend(QuestionRef question, std::uint64_t offer) {
             lookForAnswer(*question);
         }
         if (!question->answer) {
-            const double seconds = secondsToNextLook(*question);
-            static_cast<void>(co_await news_->until(isNews, host_.system.clock, seconds));
+            const Seconds limit = timeToNextLook(*question);
+            static_cast<void>(co_await news_->until(isNews, host_.system.clock, limit));
         }
     }
 }
@@ -188,7 +188,7 @@ void OfferQuestions::ask(Question& question) {
                                             .body = question.text,
                                             .actions = {{acceptKey, "Accept"}, {declineKey, "Decline"}},
                                             .isUrgent = true,
-                                            .seconds = patience,
+                                            .shownFor = patience,
                                             .tag = question.tag};
         const auto onPressed = [pressed = question.pressed, weak = std::weak_ptr(news_)](const std::string& key) {
             *pressed = key;
@@ -210,8 +210,7 @@ void OfferQuestions::lookForAnswer(Question& question) {
         } else if (!hasTime(question)) {
             writeToStandardError("\n");
             host_.output.message("No answer in two minutes; the file was declined.");
-            restUntil_ =
-                host_.system.clock.now() + platform::Clock::Instant(restSeconds); // a late answer is to no other
+            restUntil_ = host_.system.clock.now() + rest; // a late answer is to no other
             settle(question, false);
         }
     } else if (*question.pressed || !hasTime(question)) {
@@ -234,7 +233,7 @@ void OfferQuestions::takeBack(Question& question) {
         host_.system.notifications.withdraw(question.tag);
     }
     if (question.asked != Asked::notYet) {
-        restUntil_ = host_.system.clock.now() + platform::Clock::Instant(restSeconds);
+        restUntil_ = host_.system.clock.now() + rest;
     }
     leaveLine(question);
 }
@@ -259,7 +258,7 @@ void OfferQuestions::leaveLine(const Question& question) {
 }
 
 void OfferQuestions::giveTime(Question& question) const {
-    question.end = host_.system.clock.now() + platform::Clock::Instant(patience);
+    question.end = host_.system.clock.now() + patience;
 }
 
 bool OfferQuestions::hasTime(const Question& question) const {
@@ -267,12 +266,12 @@ bool OfferQuestions::hasTime(const Question& question) const {
 }
 
 /// When there is something to do if nobody answers: to ask, as the rest is over, or to give up.
-double OfferQuestions::secondsToNextLook(const Question& question) const {
+Seconds OfferQuestions::timeToNextLook(const Question& question) const {
     if (question.asked == Asked::onTerminal) {
-        return lookSeconds;
+        return lookInterval;
     }
     const platform::Clock::Instant next = question.asked == Asked::notYet ? restUntil_ : question.end;
-    return (next - host_.system.clock.now()).count();
+    return next - host_.system.clock.now();
 }
 
 void OfferQuestions::tellThatNobodyIsThere() {

@@ -14,11 +14,11 @@ namespace orlinth::cli {
 
 namespace {
 
-/// The times of a one-off message, in seconds.
+/// The times of a one-off message.
 struct ClipTimes {
-    double warm = 5;
-    double wake = 10;
-    double answer = 10;
+    Seconds warm = 5s;
+    Seconds wake = 10s;
+    Seconds answer = 10s;
 };
 
 /// Tells people and scripts what became of the text.
@@ -67,9 +67,9 @@ private:
 };
 
 /// How long a phone may take for the text; 0: as long as it likes.
-double secondsToSend(double answerSeconds, std::size_t textBytes) {
+Seconds timeToSend(Seconds answerLimit, std::size_t textBytes) {
     constexpr double slowestBytesPerSecond = 250'000; // a phone that takes less does not take anything
-    return answerSeconds <= 0 ? 0 : answerSeconds + static_cast<double>(textBytes) / slowestBytesPerSecond;
+    return answerLimit <= 0s ? 0s : answerLimit + Seconds(static_cast<double>(textBytes) / slowestBytesPerSecond);
 }
 
 bool isStalled(const std::exception& error) {
@@ -145,13 +145,13 @@ public:
                               .warmConnectTimeout = times_.warm,
                               .postWakeConnectTimeout = times_.wake,
                               .fcmBaseURL = host::pushServiceURL(),
-                              .handshakeSeconds = host::handshakeSeconds,
-                              .sendSeconds = secondsToSend(times_.answer, text.size()),
-                              .answerSeconds = times_.answer};
-        if (times_.answer <= 0) { // else the limits of the steps are stricter, and say more
+                              .handshakeLimit = host::handshakeLimit,
+                              .sendLimit = timeToSend(times_.answer, text.size()),
+                              .answerLimit = times_.answer};
+        if (times_.answer <= 0s) { // else the limits of the steps are stricter, and say more
             request.keepAlive = host::phoneKeepAlive;
         }
-        const double secondsForText = request.sendSeconds;
+        const Seconds sendLimit = request.sendLimit;
         reporter.watch(request);
         try {
             reporter.tellComplete(host.tasks.run(sendClipboard(host.system, text, mime_, std::move(request))));
@@ -162,7 +162,7 @@ public:
         } catch (const std::exception& error) {
             if (isStalled(error)) {
                 const auto late =
-                    SendError::network("the phone did not take the text in " + host::humanDuration(secondsForText));
+                    SendError::network("the phone did not take the text in " + host::humanDuration(sendLimit));
                 reporter.tellFailure(late.description(), "");
             } else {
                 reporter.tellFailure(describe(error), hintForSending(error, where));

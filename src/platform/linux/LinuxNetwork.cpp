@@ -156,8 +156,8 @@ Executor LinuxNetwork::makeThreadQueue(const char* label) {
     return workers_.makeThreadQueue(label);
 }
 
-std::vector<LateQueue> LinuxNetwork::lateQueues(double seconds) {
-    return workers_.lateQueues(seconds);
+std::vector<LateQueue> LinuxNetwork::lateQueues(Seconds limit) {
+    return workers_.lateQueues(limit);
 }
 
 } // namespace orlinth::platform

@@ -25,7 +25,7 @@ public:
     [[nodiscard]] Executor makeWorkerQueue(const char* label) override;
     [[nodiscard]] Executor makeBlockingQueue() override;
     [[nodiscard]] Executor makeThreadQueue(const char* label) override;
-    [[nodiscard]] std::vector<LateQueue> lateQueues(double seconds) override;
+    [[nodiscard]] std::vector<LateQueue> lateQueues(Seconds limit) override;
 
     /// Whether a name is being resolved, also where nobody waits for it any more.
     [[nodiscard]] bool isResolving() const noexcept { return resolving_->load() != 0; }

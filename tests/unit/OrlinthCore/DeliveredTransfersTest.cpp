@@ -196,9 +196,9 @@ TEST_F(DeliveredTransfersTest, ForgetTheOldestWhenThereAreTooMany) {
 
 TEST_F(DeliveredTransfersTest, ForgetWhatIsOld) {
     deliver("ID-1");
-    world.run(world.clock.sleep(static_cast<double>(DeliveredTransfers::maxAgeMilliseconds) / 1000 - 1));
+    world.run(world.clock.sleep(DeliveredTransfers::maxAge - 1s));
     EXPECT_TRUE(isKnown("ID-1"));
-    world.run(world.clock.sleep(2));
+    world.run(world.clock.sleep(2s));
     EXPECT_FALSE(isKnown("ID-1"));
 }
 
@@ -280,8 +280,8 @@ TEST_F(DeliveredTransfersTest, HaveTheFormThatIsDocumented) {
                                                 .device = 65025,
                                                 .inode = 1835031,
                                                 .size = 1048576,
-                                                .modified_ns = 1731686400123456789,
-                                                .at_epoch_ms = 1731686400124,
+                                                .modified_ns = fromEpochNanoseconds(1731686400123456789),
+                                                .at_epoch_ms = fromEpochMilliseconds(1731686400124),
                                                 .isSettled = true};
     const std::string line = DeliveredTransfers::encode(delivery);
     EXPECT_EQ(line, "{\"at_epoch_ms\":1731686400124,\"device\":65025,\"inode\":1835031,"
@@ -396,7 +396,8 @@ TEST(DeliveredTransfersWithoutData, AreAViolationWhenDataComesAllTheSame) {
     static_cast<void>(deliverTo(world, world.system));
     Downloads downloads(world.system, folder);
     IncomingFile again = world.run(downloads.begin(phone, offer, world.clock.now()));
-    EXPECT_EQ(*again.resumeMessage().as<TransportMessage::Resume>(), (TransportMessage::Resume{"ID-1", 10}));
+    EXPECT_EQ(*again.resumeMessage().as<TransportMessage::Resume>(),
+              (TransportMessage::Resume{"ID-1", ByteOffset(10)}));
     again.append({});
     try {
         again.append(asBytes("x"));
