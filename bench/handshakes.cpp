@@ -113,7 +113,7 @@ void receiveFile(const Descriptor& listener, const std::string& folder, const pl
     Frames frames(acceptFrom(listener));
     TransportFramer framer = greet(frames, NoiseRole::responder, key);
     const auto offer = expect<TransportMessage::FileOffer>(frames, framer);
-    frames.send(framer.encodeJSON(TransportMessage::resume(offer.transfer_id, 0)));
+    frames.send(framer.encodeJSON(TransportMessage::resume(offer.transfer_id, ByteOffset(0))));
     const std::string path = folder + "/" + offer.name;
     const Descriptor file(checkSystem(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666), "create"));
     const FrameView data = framer.decodeInPlace(frames.receive());

@@ -298,9 +298,9 @@ private:
 /// Timers are asked for only by connections with an idle time-out.
 class NoClock : public platform::Clock {
 public:
-    [[nodiscard]] std::int64_t epochMilliseconds() const override { return 0; }
-    [[nodiscard]] Instant now() const override { return Instant(0); }
-    [[nodiscard]] Task<> sleep(double) override { throw std::logic_error("no clock"); }
+    [[nodiscard]] EpochMilliseconds epochMilliseconds() const override { return {}; }
+    [[nodiscard]] Instant now() const override { return {}; }
+    [[nodiscard]] Task<> sleep(Seconds) override { throw std::logic_error("no clock"); }
     [[nodiscard]] std::unique_ptr<platform::Timer> makeTimer(Executor) override { throw std::logic_error("no clock"); }
 };
 

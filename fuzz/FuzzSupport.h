@@ -82,9 +82,9 @@ private:
 /// Nobody waits here.
 class NoClock : public platform::Clock {
 public:
-    [[nodiscard]] std::int64_t epochMilliseconds() const override { return 0; }
-    [[nodiscard]] Instant now() const override { return Instant(0); }
-    [[nodiscard]] Task<> sleep(double) override { throw std::logic_error("a wait"); }
+    [[nodiscard]] EpochMilliseconds epochMilliseconds() const override { return {}; }
+    [[nodiscard]] Instant now() const override { return {}; }
+    [[nodiscard]] Task<> sleep(Seconds) override { throw std::logic_error("a wait"); }
     [[nodiscard]] std::unique_ptr<platform::Timer> makeTimer(Executor) override { throw std::logic_error("a timer"); }
 };
 

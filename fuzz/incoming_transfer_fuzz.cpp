@@ -30,7 +30,7 @@ std::optional<TransportMessage> messageOf(std::size_t kind, std::size_t number) 
     case 2:
         return TransportMessage::tokenUpdate("token");
     case 3:
-        return TransportMessage::resume("id", bytesOf(number));
+        return TransportMessage::resume("id", ByteOffset(bytesOf(number)));
     case 4:
         return TransportMessage::clipboard("text", "text/plain");
     case 5:
@@ -89,7 +89,7 @@ struct Receiver {
             approved = bytesOf(number / 2);
             bound = *approved + limits::dataFrameBytes;
         }
-        transfer.accept(here, approved);
+        transfer.accept(ByteOffset(here), approved);
         isOpen = true;
         written = here;
         demand(!bound || written <= *bound, "no more is continued than was approved, and a frame");

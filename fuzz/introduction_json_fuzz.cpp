@@ -40,7 +40,8 @@ void demandSound(const PeerRecord& record) {
     demandHarmless(record.peer_mac, 64);
     demandHarmless(record.peer_fcm_token, 4096);
     demandHarmless(record.peer_android, 64);
-    demand(record.self_pubkey == ownKey().peerKey() && record.paired_at_epoch_ms == 0, "the computer's own fields");
+    demand(record.self_pubkey == ownKey().peerKey() && record.paired_at_epoch_ms == EpochMilliseconds(),
+           "the computer's own fields");
 }
 
 } // namespace

@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const orlinth::OAuthResponse reply = orlinth::OAuthResponse::fromJson(std::as_bytes(std::span(data, size)));
         const std::string token = orlinth::toText(reply.access_token.reveal());
         const std::string written = orlinth::compactJson(
-            orlinth::Json{{"access_token", token}, {"expires_in", reply.expires_in}, {"token_type", "Bearer"}});
+            orlinth::Json{{"access_token", token}, {"expires_in", reply.expires_in.count()}, {"token_type", "Bearer"}});
         const orlinth::OAuthResponse again = orlinth::OAuthResponse::fromJson(orlinth::asBytes(written));
         demand(orlinth::toText(again.access_token.reveal()) == token && again.expires_in == reply.expires_in,
                "the same reply");

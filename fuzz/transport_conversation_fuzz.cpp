@@ -39,7 +39,7 @@ std::vector<DecodedFrame> messagesOf(Input& input) {
             messages.emplace_back(TransportMessage::fileOffer(text, static_cast<std::int64_t>(length), text, text));
             break;
         case 1:
-            messages.emplace_back(TransportMessage::resume(text, -static_cast<std::int64_t>(length)));
+            messages.emplace_back(TransportMessage::resume(text, ByteOffset(-static_cast<std::int64_t>(length))));
             break;
         case 2:
             messages.emplace_back(TransportMessage::clipboard(text, "text/plain"));

@@ -8,8 +8,7 @@ namespace {
 
 /// A file that was changed less than this ago may be changed again without a trace: its times are no finer than the
 /// kernel's ticks.
-constexpr std::int64_t settlingMilliseconds = 1000;
-constexpr std::int64_t nanosecondsInMillisecond = 1'000'000;
+constexpr std::chrono::seconds settlingTime = 1s;
 
 bool looksTheSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
     if (!one || !other) {
@@ -26,8 +25,7 @@ FileChangeCheck::Answer FileChangeCheck::look(const platform::FileSystem& files,
     const bool isSame = looksTheSame(seen_, now);
     const bool wasSettled = isSettled_;
     seen_ = now;
-    isSettled_ =
-        !now || clock.epochMilliseconds() - now->modifiedNanoseconds / nanosecondsInMillisecond >= settlingMilliseconds;
+    isSettled_ = !now || clock.epochMilliseconds() - inMilliseconds(now->modifiedAt) >= settlingTime;
     if (!isSame) {
         return Answer::different;
     }

@@ -44,7 +44,8 @@ std::string humanRate(double bytesPerSecond) {
     return humanSize(std::llround(bounded)) + "/s";
 }
 
-std::string humanDuration(double seconds) {
+std::string humanDuration(Seconds duration) {
+    const double seconds = duration.count();
     if (seconds < 9.95) {
         return decimal(seconds, 1) + " s";
     }
@@ -62,8 +63,8 @@ std::string countOfFiles(std::size_t count) {
     return std::to_string(count) + (count == 1 ? " file" : " files");
 }
 
-std::string humanTime(std::int64_t epochMilliseconds) {
-    const auto seconds = static_cast<std::time_t>(epochMilliseconds / 1000);
+std::string humanTime(EpochMilliseconds moment) {
+    const std::time_t seconds = std::chrono::duration_cast<std::chrono::seconds>(moment.time_since_epoch()).count();
     std::tm parts{};
     std::array<char, 64> text{};
     if (localtime_r(&seconds, &parts) == nullptr) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Time.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -15,13 +17,13 @@ namespace orlinth::host {
 [[nodiscard]] std::string humanRate(double bytesPerSecond);
 
 /// "0.4 s", "12 s", "3:07", "1:02:33".
-[[nodiscard]] std::string humanDuration(double seconds);
+[[nodiscard]] std::string humanDuration(Seconds duration);
 
 /// "1 file", "3 files".
 [[nodiscard]] std::string countOfFiles(std::size_t count);
 
 /// Local date and time, "2026-03-09 17:05".
-[[nodiscard]] std::string humanTime(std::int64_t epochMilliseconds);
+[[nodiscard]] std::string humanTime(EpochMilliseconds moment);
 
 /// The text, shortened with "…" until it takes at most `columns`.
 [[nodiscard]] std::string fitted(std::string_view utf8, std::size_t columns);

@@ -44,7 +44,7 @@ public:
 
 private:
     void watchMinute() {
-        timer_->arm(60, [this] {
+        timer_->arm(1min, [this] {
             isCounting_ = untold_ > 0;
             tellUntold();
             if (isCounting_) {

@@ -6,13 +6,15 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVariant>
+#include <QDeadlineTimer>
 #include <QFileInfo>
+#include <chrono>
 
 namespace orlinth::share {
 namespace {
 
-constexpr int portalPatience = 250; // milliseconds
-constexpr int busPatience = 1000;
+constexpr std::chrono::milliseconds portalPatience{250};
+constexpr std::chrono::milliseconds busPatience{1000};
 
 /// Asking for a bus that is not there could start one.
 bool hasSessionBus() {
@@ -41,7 +43,8 @@ std::optional<ColorScheme> portalColorScheme() {
         QStringLiteral("org.freedesktop.portal.Desktop"), QStringLiteral("/org/freedesktop/portal/desktop"),
         QStringLiteral("org.freedesktop.portal.Settings"), QStringLiteral("Read"));
     question << QStringLiteral("org.freedesktop.appearance") << QStringLiteral("color-scheme");
-    const QDBusMessage reply = QDBusConnection::sessionBus().call(question, QDBus::Block, portalPatience);
+    const QDBusMessage reply =
+        QDBusConnection::sessionBus().call(question, QDBus::Block, static_cast<int>(portalPatience.count()));
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) {
         return std::nullopt;
     }
@@ -77,7 +80,7 @@ std::unique_ptr<QThread> applyDesktopLook(std::optional<ColorScheme> wanted) {
         const auto answer = std::make_shared<std::optional<ColorScheme>>();
         waiting.reset(QThread::create([answer] { *answer = portalColorScheme(); }));
         waiting->start();
-        if (waiting->wait(busPatience)) {
+        if (waiting->wait(QDeadlineTimer(busPatience))) {
             wanted = *answer;
             waiting.reset();
         }

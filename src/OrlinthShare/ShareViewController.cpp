@@ -18,8 +18,8 @@ using platform::Path;
 
 /// Copies wait for disks, not for processors.
 constexpr int copyThreads = 4;
-/// Milliseconds for a look at the files, which is done at once where they are on a disk: nothing flickers then.
-constexpr int lookPatience = 100;
+/// The time for a look at the files, which is done at once where they are on a disk: nothing flickers then.
+constexpr std::chrono::milliseconds lookPatience{100};
 constexpr const char* logCategory = "share";
 
 QString nameOf(const Path& file) {
@@ -52,7 +52,7 @@ void ShareViewController::viewDidAppear() {
         const auto tell = [this, found = filesToShare()] { goOn(found); };
         QMetaObject::invokeMethod(this, tell, Qt::QueuedConnection);
     });
-    pool_.waitForDone(lookPatience);
+    pool_.waitForDone(static_cast<int>(lookPatience.count()));
 }
 
 void ShareViewController::goOn(ShareRequest::FileItems found) {

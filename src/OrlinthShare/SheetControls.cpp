@@ -5,6 +5,7 @@
 #include <QPainter>
 #include <QStyle>
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <utility>
 
@@ -16,8 +17,8 @@ constexpr int buttonLeastWidth = 92;
 constexpr int buttonTextPixels = 14;
 constexpr double buttonRadius = 9;
 constexpr int signPixels = 22;
-constexpr int signInterval = 33; // milliseconds
-constexpr int signDelay = 600;
+constexpr std::chrono::milliseconds signInterval{33};
+constexpr std::chrono::milliseconds signDelay{600};
 constexpr int signStep = 12; // degrees
 
 } // namespace

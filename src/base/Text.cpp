@@ -355,10 +355,10 @@ std::string withoutPathExtension(std::string_view name) {
     return std::string(extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1));
 }
 
-std::string timeInWords(double seconds) {
-    constexpr double minute = 60;
-    const bool isInMinutes = seconds > minute && std::fmod(seconds, minute) == 0;
-    std::string number = std::to_string(isInMinutes ? seconds / minute : seconds);
+std::string timeInWords(Seconds limit) {
+    const double minutes = std::chrono::duration<double, std::chrono::minutes::period>(limit).count();
+    const bool isInMinutes = minutes > 1 && std::trunc(minutes) == minutes;
+    std::string number = std::to_string(isInMinutes ? minutes : limit.count());
     number.erase(number.find_last_not_of('0') + 1);
     if (number.ends_with('.')) {
         number.pop_back();

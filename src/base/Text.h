@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Time.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -70,6 +72,6 @@ inline constexpr std::size_t maxLineColumns = 1000;
 [[nodiscard]] std::string withoutPathExtension(std::string_view name);
 
 /// A limit of time, as the texts of failures have it: "10 seconds", "0.5 seconds", "5 minutes".
-[[nodiscard]] std::string timeInWords(double seconds);
+[[nodiscard]] std::string timeInWords(Seconds limit);
 
 } // namespace orlinth

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "base/Time.h"
 #include "platform/Task.h"
 
-#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -12,8 +12,8 @@ namespace orlinth::platform {
 class Timer {
 public:
     virtual ~Timer() = default;
-    /// Calls `action` on the executor `seconds` from now, in place of whatever was set before.
-    virtual void arm(double seconds, std::function<void()> action) = 0;
+    /// Calls `action` on the executor `delay` from now, in place of whatever was set before.
+    virtual void arm(Seconds delay, std::function<void()> action) = 0;
     /// Takes the alarm back. An action that has not begun will not be called any more, even if its time has come.
     virtual void disarm() noexcept = 0;
 };
@@ -21,16 +21,17 @@ public:
 /// Time: two clocks and two ways to wait. The tests' twin moves by hand.
 class Clock {
 public:
-    using Instant = std::chrono::duration<double>; ///< seconds since a start of no meaning
+    /// A moment by the clock that only goes forward. Its start means nothing, so it is for differences.
+    using Instant = std::chrono::time_point<Clock, Seconds>;
 
     virtual ~Clock() = default;
-    /// Milliseconds since the Unix epoch, by the wall clock.
-    [[nodiscard]] virtual std::int64_t epochMilliseconds() const = 0;
+    /// The moment by the wall clock.
+    [[nodiscard]] virtual EpochMilliseconds epochMilliseconds() const = 0;
     /// A clock that only goes forward, for durations.
     [[nodiscard]] virtual Instant now() const = 0;
     /// Waits on the caller's executor. Zero or less returns at the next turn.
     /// @throws Cancelled
-    [[nodiscard]] virtual Task<> sleep(double seconds) = 0;
+    [[nodiscard]] virtual Task<> sleep(Seconds duration) = 0;
     /// An alarm on `executor`; destroying it takes the alarm back.
     [[nodiscard]] virtual std::unique_ptr<Timer> makeTimer(Executor executor) = 0;
 };

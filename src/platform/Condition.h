@@ -37,17 +37,17 @@ public:
         }
     }
 
-    /// The same, for at most so many seconds; returns whether it came to be so.
+    /// The same, for at most `limit`; returns whether it came to be so.
     template <typename Predicate>
-    [[nodiscard]] Task<bool> until(Predicate isSo, Clock& clock, double seconds) {
+    [[nodiscard]] Task<bool> until(Predicate isSo, Clock& clock, Seconds limit) {
         if (isSo()) {
             co_return true;
         }
-        if (seconds <= 0) {
+        if (limit <= 0s) {
             co_return false;
         }
         Task<> wait = until(isSo);
-        const bool hasCome = co_await endsWithin(clock, seconds, std::move(wait));
+        const bool hasCome = co_await endsWithin(clock, limit, std::move(wait));
         co_return hasCome || isSo();
     }
 

@@ -15,9 +15,9 @@ Task<bool> thenTrue(Task<> operation) {
 
 } // namespace
 
-Task<bool> sleepUnlessCancelled(Clock& clock, double seconds) {
+Task<bool> sleepUnlessCancelled(Clock& clock, Seconds duration) {
     try {
-        co_await clock.sleep(seconds);
+        co_await clock.sleep(duration);
     } catch (const std::exception& error) {
         if (!isCancellation(error)) {
             throw;
@@ -27,9 +27,9 @@ Task<bool> sleepUnlessCancelled(Clock& clock, double seconds) {
     co_return true;
 }
 
-Task<bool> endsWithin(Clock& clock, double seconds, Task<> operation) {
+Task<bool> endsWithin(Clock& clock, Seconds limit, Task<> operation) {
     OneShot<bool> hasEnded;
-    co_await settleFirst(hasEnded, clock, seconds, std::make_exception_ptr(Late()), thenTrue(std::move(operation)));
+    co_await settleFirst(hasEnded, clock, limit, std::make_exception_ptr(Late()), thenTrue(std::move(operation)));
     try {
         co_return hasEnded.take();
     } catch (const Late&) {

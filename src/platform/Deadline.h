@@ -10,7 +10,7 @@
 namespace orlinth::platform {
 
 /// Sleeps; returns whether the time has passed, false if the sleep was cancelled (the other side of a race has won).
-[[nodiscard]] Task<bool> sleepUnlessCancelled(Clock& clock, double seconds);
+[[nodiscard]] Task<bool> sleepUnlessCancelled(Clock& clock, Seconds duration);
 
 /// Runs the operation and settles `outcome` with what comes of it; nothing escapes. `outcome` outlives the task.
 template <typename T>
@@ -30,8 +30,8 @@ template <typename T>
 namespace detail {
 
 template <typename T>
-[[nodiscard]] Task<> settleLate(OneShot<T>& outcome, Clock& clock, double seconds, std::exception_ptr error) {
-    const bool late = co_await sleepUnlessCancelled(clock, seconds);
+[[nodiscard]] Task<> settleLate(OneShot<T>& outcome, Clock& clock, Seconds limit, std::exception_ptr error) {
+    const bool late = co_await sleepUnlessCancelled(clock, limit);
     if (late) {
         outcome.fail(std::move(error));
     }
@@ -40,26 +40,26 @@ template <typename T>
 } // namespace detail
 
 /// Runs `operation` under a deadline: `outcome` is settled by whichever comes first, the operation's result or, after
-/// `seconds`, `onTimeout`; then the other is cancelled and waited for, so nothing is left behind.
+/// `limit`, `onTimeout`; then the other is cancelled and waited for, so nothing is left behind.
 ///
 /// Zero or less means no deadline. A cancellation from outside settles with the cancelled operation's error.
 /// The operation's own error surfaces at once, not at the deadline. `outcome` and `clock` must outlive the call: the
 /// caller awaits it in the expression that makes it.
 template <typename T>
-[[nodiscard]] Task<> settleFirst(OneShot<T>& outcome, Clock& clock, double seconds, std::exception_ptr onTimeout,
+[[nodiscard]] Task<> settleFirst(OneShot<T>& outcome, Clock& clock, Seconds limit, std::exception_ptr onTimeout,
                                  Task<T> operation) {
-    if (seconds <= 0) {
+    if (limit <= 0s) {
         co_await settle(outcome, std::move(operation));
         co_return;
     }
     using namespace asio::experimental::awaitable_operators;
     Task<> run = settle(outcome, std::move(operation));
-    Task<> alarm = detail::settleLate(outcome, clock, seconds, std::move(onTimeout));
+    Task<> alarm = detail::settleLate(outcome, clock, limit, std::move(onTimeout));
     co_await (std::move(run) || std::move(alarm));
 }
 
-/// Runs `operation` for at most `seconds`, which are more than none, and returns whether it has ended by itself; if not
+/// Runs `operation` for at most `limit`, which is more than zero, and returns whether it has ended by itself; if not
 /// it was cancelled and waited for. What it throws is thrown. `clock` must outlive the call.
-[[nodiscard]] Task<bool> endsWithin(Clock& clock, double seconds, Task<> operation);
+[[nodiscard]] Task<bool> endsWithin(Clock& clock, Seconds limit, Task<> operation);
 
 } // namespace orlinth::platform

@@ -55,9 +55,9 @@ Task<> Event::wait() {
     return arrival.condition().until(arrival);
 }
 
-Task<bool> Event::wait(Clock& clock, double seconds) {
+Task<bool> Event::wait(Clock& clock, Seconds limit) {
     const Arrival arrival(state_);
-    return arrival.condition().until(arrival, clock, seconds);
+    return arrival.condition().until(arrival, clock, limit);
 }
 
 } // namespace orlinth::platform

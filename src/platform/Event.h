@@ -28,8 +28,8 @@ public:
 
     /// Until it is set. @throws Cancelled
     [[nodiscard]] Task<> wait();
-    /// The same, for at most so many seconds; returns whether it came. `clock` outlives the task. @throws Cancelled
-    [[nodiscard]] Task<bool> wait(Clock& clock, double seconds);
+    /// The same, for at most `limit`; returns whether it came. `clock` outlives the task. @throws Cancelled
+    [[nodiscard]] Task<bool> wait(Clock& clock, Seconds limit);
 
 private:
     struct State;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "base/ByteOffset.h"
 #include "base/Bytes.h"
+#include "base/Time.h"
 
 #include <filesystem>
 #include <memory>
@@ -17,8 +19,8 @@ enum class FileKind { regular, directory, other };
 /// What a look at a file tells.
 struct FileStatus {
     FileKind kind = FileKind::other;
-    std::int64_t size = 0;                ///< bytes
-    std::int64_t modifiedNanoseconds = 0; ///< since the Unix epoch
+    std::int64_t size = 0; ///< bytes
+    EpochNanoseconds modifiedAt{};
     std::uint64_t inode = 0;
     std::uint64_t device = 0;
     std::uint32_t permissions = 0; ///< the twelve mode bits
@@ -37,7 +39,7 @@ struct FileStatus {
 
 /// Whether nothing tells that the file has been replaced or changed between the two looks: in addition size and time.
 [[nodiscard]] inline bool isSameContent(const FileStatus& one, const FileStatus& other) noexcept {
-    return isSameFile(one, other) && one.size == other.size && one.modifiedNanoseconds == other.modifiedNanoseconds;
+    return isSameFile(one, other) && one.size == other.size && one.modifiedAt == other.modifiedAt;
 }
 
 /// An open file; destroying it closes it. Calls block; each is made on one thread at a time. All throw SystemError.
@@ -48,15 +50,16 @@ public:
     [[nodiscard]] virtual std::size_t read(MutableBytes into) = 0;
     /// Writes all bytes at the position and moves it.
     virtual void write(ByteView data) = 0;
-    /// Moves the position to `offset` bytes from the start.
-    virtual void seek(std::int64_t offset) = 0;
+    /// Moves the position.
+    virtual void seek(ByteOffset offset) = 0;
     [[nodiscard]] virtual FileStatus status() const = 0;
     /// Returns when the data, and the size that goes with it, would survive a power cut (fdatasync).
     virtual void flush() = 0;
     /// The twelve mode bits, whatever the umask.
     virtual void setPermissions(std::uint32_t permissions) = 0;
-    /// Asks the system to begin writing out this range, so that a later flush() is short. Best effort.
-    virtual void startWriteback(std::int64_t offset, std::int64_t length) noexcept = 0;
+    /// Asks the system to begin writing out `length` bytes from there on, so that a later flush() is short. Best
+    /// effort.
+    virtual void startWriteback(ByteOffset offset, std::int64_t length) noexcept = 0;
     /// Takes the exclusive advisory lock (flock), if nobody else holds it. It ends with the file object.
     [[nodiscard]] virtual bool tryLock() = 0;
     /// Waits for the same lock. Meant for holders that keep it for milliseconds.

@@ -2,6 +2,7 @@
 
 #include "base/Error.h"
 #include "base/SecretBytes.h"
+#include "base/Time.h"
 #include "platform/Task.h"
 
 #include <string>
@@ -15,7 +16,7 @@ struct HttpRequest {
     std::string url;
     std::vector<std::pair<std::string, SecretBytes>> headers; ///< name and value
     SecretBytes body;
-    double timeout = 60; ///< seconds for the whole exchange, from resolving the name to the last byte of the answer
+    Seconds timeout = 60s; ///< for the whole exchange, from resolving the name to the last byte of the answer
 };
 
 struct HttpResponse {

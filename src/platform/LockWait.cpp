@@ -12,7 +12,7 @@ namespace {
 
 /// The system tells that a file was closed, and then lets its lock go. Who has come in between looks again after so
 /// long.
-constexpr double settleSeconds = 0.02;
+constexpr Seconds settlingTime = 20ms;
 
 /// Null if the folder cannot be watched. `change` outlives the watch.
 std::unique_ptr<FolderWatch> watchFor(const Storage& storage, const Path& folder, const Executor& executor,
@@ -28,12 +28,12 @@ std::unique_ptr<FolderWatch> watchFor(const Storage& storage, const Path& folder
 
 } // namespace
 
-Task<bool> lockWithin(Storage storage, File& file, Path path, double seconds) {
+Task<bool> lockWithin(Storage storage, File& file, Path path, Seconds limit) {
     if (file.tryLock()) {
         co_return true;
     }
     const Executor executor = co_await asio::this_coro::executor;
-    const Clock::Instant end = storage.clock.now() + Clock::Instant(seconds);
+    const Clock::Instant end = storage.clock.now() + limit;
     Event closed(executor);
     const std::unique_ptr<FolderWatch> watch = watchFor(storage, path.parent_path(), executor, closed);
     bool isTold = false;
@@ -42,11 +42,11 @@ Task<bool> lockWithin(Storage storage, File& file, Path path, double seconds) {
         if (file.tryLock()) {
             co_return true;
         }
-        const double left = (end - storage.clock.now()).count();
-        if (left <= 0) {
+        const Seconds left = end - storage.clock.now();
+        if (left <= 0s) {
             co_return false;
         }
-        isTold = co_await closed.wait(storage.clock, isTold ? std::min(left, settleSeconds) : left);
+        isTold = co_await closed.wait(storage.clock, isTold ? std::min(left, settlingTime) : left);
     }
 }
 

@@ -4,7 +4,7 @@
 
 namespace orlinth::platform {
 
-/// Gets the advisory lock of a file that was opened for writing, within so many seconds; returns whether it has it.
+/// Gets the advisory lock of a file that was opened for writing, within `limit`; returns whether it has it.
 ///
 /// flock() tells nobody when a lock is free, unless a thread waits for it. But whoever held it closes the file, and
 /// that is seen by a watch on its folder, if he had it open for writing, as everybody here has. Where the folder cannot
@@ -12,6 +12,6 @@ namespace orlinth::platform {
 ///
 /// `path` is the file's. On the caller's executor; `file` outlives the task.
 /// @throws SystemError if the file cannot be locked; Cancelled
-[[nodiscard]] Task<bool> lockWithin(Storage storage, File& file, Path path, double seconds);
+[[nodiscard]] Task<bool> lockWithin(Storage storage, File& file, Path path, Seconds limit);
 
 } // namespace orlinth::platform

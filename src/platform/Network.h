@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Bytes.h"
+#include "base/Time.h"
 #include "platform/Task.h"
 
 #include <memory>
@@ -10,11 +11,11 @@
 
 namespace orlinth::platform {
 
-/// TCP keep-alive: the first probe after `idleSeconds` of silence, further ones each `intervalSeconds`, dead after
-/// `count` unanswered.
+/// TCP keep-alive: the first probe after `idle` of silence, further ones each `interval`, dead after `count`
+/// unanswered.
 struct KeepAlive {
-    int idleSeconds;
-    int intervalSeconds;
+    std::chrono::seconds idle;
+    std::chrono::seconds interval;
     int count;
 };
 
@@ -39,8 +40,8 @@ public:
     /// From now on every end of the connection is as by abort(), also by destruction, by cancel() and by the end of the
     /// process, whatever ends that; with false, every one is orderly again.
     virtual void resetOnClose(bool /*resets*/) noexcept {}
-    /// Notices a peer that is gone, while nothing is sent and while data is under way to it: `idleSeconds` and `count`
-    /// times `intervalSeconds` after it was last heard of, pending calls fail. A peer that takes nothing of what is
+    /// Notices a peer that is gone, while nothing is sent and while data is under way to it: `idle` and `count`
+    /// times `interval` after it was last heard of, pending calls fail. A peer that takes nothing of what is
     /// under way for as long counts as gone. Best effort.
     virtual void setKeepAlive(const KeepAlive& /*keepAlive*/) noexcept {}
     /// Whether the peer has ended its side, or the connection is broken or closed. Looks without reading, so that what

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Time.h"
 #include "platform/Task.h"
 
 #include <cstdint>
@@ -18,7 +19,7 @@ struct Notification {
     /// Buttons: a key that comes back, and the label.
     std::vector<std::pair<std::string, std::string>> actions = {};
     bool isUrgent = false;
-    double seconds = 0; ///< how long it stays; 0: as the desktop likes
+    Seconds shownFor{0}; ///< how long it stays; 0: as the desktop likes
     /// By which withdraw() finds it; 0: it is never withdrawn.
     std::uint64_t tag = 0;
 };

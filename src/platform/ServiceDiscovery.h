@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/SecretBytes.h"
+#include "base/Time.h"
 #include "platform/Task.h"
 
 #include <cstdint>
@@ -62,9 +63,9 @@ public:
     [[nodiscard]] virtual std::unique_ptr<ServicePublication> publish(ServiceRecord service, Executor executor,
                                                                       PublicationEvents events) = 0;
 
-    /// Looks for services of a type for `seconds` and returns what was there, each once, even if it is seen on several
+    /// Looks for services of a type for `duration` and returns what was there, each once, even if it is seen on several
     /// networks. @throws SystemError if there is no DNS-SD service; Cancelled
-    [[nodiscard]] virtual Task<std::vector<ServiceRecord>> find(std::string type, double seconds) = 0;
+    [[nodiscard]] virtual Task<std::vector<ServiceRecord>> find(std::string type, Seconds duration) = 0;
 };
 
 } // namespace orlinth::platform

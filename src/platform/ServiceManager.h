@@ -1,6 +1,7 @@
 #pragma once
 
-#include <chrono>
+#include "base/Time.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -15,8 +16,8 @@ void tellServiceReady() noexcept;
 void tellServiceStatus(std::size_t phones) noexcept;
 void tellServiceStopping() noexcept;
 
-/// How often the manager wants to hear that the service is alive, in seconds; nothing if it does not.
-[[nodiscard]] std::optional<double> serviceWatchdogSeconds() noexcept;
+/// How often the manager wants to hear that the service is alive; nothing if it does not.
+[[nodiscard]] std::optional<Seconds> serviceWatchdogInterval() noexcept;
 /// The service is alive: to be said more often than that. Any thread.
 void tellServiceAlive() noexcept;
 

@@ -7,13 +7,13 @@ namespace orlinth::platform {
 TimeLimit::TimeLimit(Clock& clock, const Executor& executor, std::function<void()> end)
     : end_(std::move(end)), timer_(clock.makeTimer(executor)) {}
 
-void TimeLimit::begin(double seconds) {
+void TimeLimit::begin(Seconds time) {
     expired_ = false;
-    if (seconds <= 0) {
+    if (time <= 0s) {
         end();
         return;
     }
-    timer_->arm(seconds, [this] {
+    timer_->arm(time, [this] {
         expired_ = true;
         end_();
     });

@@ -15,8 +15,8 @@ public:
     /// `end` ends what runs on `executor`; it is called at most once for each begin().
     TimeLimit(Clock& clock, const Executor& executor, std::function<void()> end);
 
-    /// From now on `seconds` are left, whatever was left before; zero or less: no limit.
-    void begin(double seconds);
+    /// From now on `time` is left, whatever was left before; zero or less: no limit.
+    void begin(Seconds time);
     void end() noexcept;
     /// Whether it was this that has ended it, since begin().
     [[nodiscard]] bool hasExpired() const noexcept { return expired_; }

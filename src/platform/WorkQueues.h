@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Time.h"
 #include "platform/Task.h"
 
 #include <cstddef>
@@ -11,7 +12,7 @@ namespace orlinth::platform {
 /// A serial queue whose thread is busy with one thing.
 struct LateQueue {
     std::string label;      ///< what the queue was made for; of several on one thread, the one that came last
-    double seconds = 0;     ///< how long it has not answered
+    Seconds silence{0};     ///< how long it has not answered
     std::size_t thread = 0; ///< which thread of them: from 1, and the same at every call
 };
 
@@ -31,9 +32,9 @@ public:
     /// A serial queue with a thread of its own, for what may block for long: that holds nobody else up. The thread
     /// stays as long as these do, so these queues are few. What runs there must have ended before these go.
     [[nodiscard]] virtual Executor makeThreadQueue(const char* label) { return makeWorkerQueue(label); }
-    /// The queues of makeWorkerQueue() that have not answered for `seconds` or longer. Asks them all anew, without
+    /// The queues of makeWorkerQueue() that have not answered for `limit` or longer. Asks them all anew, without
     /// waiting: called again and again, it notices a thread that hangs. Any thread, one at a time.
-    [[nodiscard]] virtual std::vector<LateQueue> lateQueues(double /*seconds*/) { return {}; }
+    [[nodiscard]] virtual std::vector<LateQueue> lateQueues(Seconds /*limit*/) { return {}; }
 };
 
 } // namespace orlinth::platform

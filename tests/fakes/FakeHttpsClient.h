@@ -16,7 +16,7 @@ public:
         std::string url;
         std::vector<std::pair<std::string, std::string>> headers;
         std::string body;
-        double timeout = 0;
+        Seconds timeout{0};
     };
     using Answer = std::function<Task<platform::HttpResponse>(const Seen&)>;
 

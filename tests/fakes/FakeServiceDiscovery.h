@@ -35,11 +35,11 @@ public:
         return publication;
     }
 
-    [[nodiscard]] Task<std::vector<platform::ServiceRecord>> find(std::string type, double seconds) override {
+    [[nodiscard]] Task<std::vector<platform::ServiceRecord>> find(std::string type, Seconds duration) override {
         if (failure) {
             throw platform::SystemError(*failure);
         }
-        co_await clock_.sleep(seconds);
+        co_await clock_.sleep(duration);
         std::vector<platform::ServiceRecord> found;
         std::copy_if(services.begin(), services.end(), std::back_inserter(found),
                      [&type](const auto& service) { return service.type == type; });

@@ -69,14 +69,14 @@ public:
         state_->faults.record(Operation::write, path_);
     }
 
-    void seek(std::int64_t offset) override {
+    void seek(ByteOffset offset) override {
         state_->announce(Operation::seek, path_);
         const std::lock_guard guard(state_->lock);
         state_->faults.begin(Operation::seek, path_);
-        if (offset < 0) {
+        if (offset < ByteOffset()) {
             fail(EINVAL);
         }
-        position_ = static_cast<std::size_t>(offset);
+        position_ = static_cast<std::size_t>(offset.bytesBefore());
     }
 
     [[nodiscard]] FileStatus status() const override {
@@ -101,7 +101,7 @@ public:
         state_->faults.record(Operation::setPermissions, path_);
     }
 
-    void startWriteback(std::int64_t /*offset*/, std::int64_t /*length*/) noexcept override {}
+    void startWriteback(ByteOffset /*offset*/, std::int64_t /*length*/) noexcept override {}
 
     [[nodiscard]] bool tryLock() override {
         state_->announce(Operation::lock, path_);

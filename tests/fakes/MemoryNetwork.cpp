@@ -238,8 +238,8 @@ Task<std::unique_ptr<platform::Stream>> MemoryNetwork::connect(std::string host,
     }
     if (const auto failing = failing_.find(host); failing != failing_.end()) {
         const Failure failure = failing->second;
-        if (failure.seconds > 0) {
-            co_await failure.clock->sleep(failure.seconds);
+        if (failure.delay > 0s) {
+            co_await failure.clock->sleep(failure.delay);
         }
         throw SystemError(failure.code);
     }

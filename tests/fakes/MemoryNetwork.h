@@ -132,12 +132,12 @@ public:
 
     /// Connections to this host neither succeed nor fail.
     void makeSilent(const std::string& host) { silent_[host] = true; }
-    /// Connections to this host fail with `code`, each so many seconds of `clock` after it was begun.
-    void makeFail(const std::string& host, std::error_code code, platform::Clock& clock, double seconds = 0) {
-        failing_.insert_or_assign(host, Failure{code, &clock, seconds});
+    /// Connections to this host fail with `code`, each so long by `clock` after it was begun.
+    void makeFail(const std::string& host, std::error_code code, platform::Clock& clock, Seconds delay = 0s) {
+        failing_.insert_or_assign(host, Failure{code, &clock, delay});
     }
-    void makeFailWithErrno(const std::string& host, int number, platform::Clock& clock, double seconds = 0) {
-        makeFail(host, std::error_code(number, std::generic_category()), clock, seconds);
+    void makeFailWithErrno(const std::string& host, int number, platform::Clock& clock, Seconds delay = 0s) {
+        makeFail(host, std::error_code(number, std::generic_category()), clock, delay);
     }
     /// Connections that are begun from now on find their port, or are refused.
     void makeAnswer(const std::string& host) {
@@ -186,7 +186,7 @@ private:
     struct Failure {
         std::error_code code;
         platform::Clock* clock;
-        double seconds;
+        Seconds delay;
     };
     std::map<std::string, Failure> failing_; ///< by host
     std::uint16_t nextFreePort_ = 40000;

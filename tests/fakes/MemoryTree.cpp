@@ -41,7 +41,7 @@ FileStatus statusOf(const Node& node) {
                   : node.kind == NodeKind::folder ? FileKind::directory
                                                   : FileKind::other;
     status.size = static_cast<std::int64_t>(node.content.size());
-    status.modifiedNanoseconds = node.modifiedNanoseconds;
+    status.modifiedAt = node.modifiedAt;
     status.inode = node.inode;
     status.device = 1;
     status.permissions = node.permissions;
@@ -103,14 +103,14 @@ NodePointer Tree::make(NodeKind kind, std::uint32_t permissions) {
     node->kind = kind;
     node->inode = ++lastInode_;
     node->permissions = permissions;
-    node->modifiedNanoseconds = nextTime();
+    node->modifiedAt = nextTime();
     return node;
 }
 
 NodePointer Tree::create(const Place& place, NodeKind kind, std::uint32_t permissions) {
     NodePointer node = make(kind, permissions & ~umask);
     setName(place.folder->names, place.name, node);
-    place.folder->modifiedNanoseconds = nextTime();
+    place.folder->modifiedAt = nextTime();
     return node;
 }
 
@@ -127,7 +127,7 @@ void Tree::put(const Path& path, const NodePointer& node) {
     const std::string name = path.filename().native();
     setName(folder->names, name, node);
     folder->flushedNames[name] = node;
-    folder->modifiedNanoseconds = nextTime();
+    folder->modifiedAt = nextTime();
 }
 
 Place Tree::find(const Path& path, Links last, bool checkPermissions) const {
@@ -225,7 +225,7 @@ std::size_t Tree::writeAt(Node& node, std::size_t position, ByteView data) {
         node.content.resize(position + count);
     }
     std::copy_n(data.begin(), count, node.content.begin() + static_cast<std::ptrdiff_t>(position));
-    node.modifiedNanoseconds = nextTime();
+    node.modifiedAt = nextTime();
     return count;
 }
 
@@ -251,7 +251,7 @@ bool Tree::move(const Place& source, const Place& target, bool replace) {
     const NodePointer moved = source.node;
     eraseName(source.folder->names, source.name);
     setName(target.folder->names, target.name, moved);
-    source.folder->modifiedNanoseconds = target.folder->modifiedNanoseconds = nextTime();
+    source.folder->modifiedAt = target.folder->modifiedAt = nextTime();
     return true;
 }
 
@@ -261,7 +261,7 @@ void Tree::remove(const Place& place) {
     }
     require(*place.folder, mayWrite);
     eraseName(place.folder->names, place.name);
-    place.folder->modifiedNanoseconds = nextTime();
+    place.folder->modifiedAt = nextTime();
 }
 
 void Tree::removeFolder(const Place& place) {
@@ -276,7 +276,7 @@ void Tree::removeFolder(const Place& place) {
     }
     require(*place.folder, mayWrite);
     eraseName(place.folder->names, place.name);
-    place.folder->modifiedNanoseconds = nextTime();
+    place.folder->modifiedAt = nextTime();
 }
 
 } // namespace orlinth::fakes::memory

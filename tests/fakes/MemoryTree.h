@@ -39,7 +39,7 @@ struct Node {
     std::uint32_t permissions = 0;
     std::uint32_t owner = user;
     std::uint64_t nameCount = 0; // in folders
-    std::int64_t modifiedNanoseconds = 0;
+    EpochNanoseconds modifiedAt{};
     Bytes content;                  // of a file, as programs see it
     Bytes flushedContent;           // and on the disk
     Names names;                    // of a folder, as programs see it
@@ -78,7 +78,7 @@ public:
     [[nodiscard]] const NodePointer& root() const noexcept { return root_; }
 
     /// Later than any time before.
-    [[nodiscard]] std::int64_t nextTime() { return lastTime_ += 1'000'000; }
+    [[nodiscard]] EpochNanoseconds nextTime() { return lastTime_ += 1ms; }
     /// A node without a name.
     [[nodiscard]] NodePointer make(NodeKind kind, std::uint32_t permissions);
     /// A node with the name of this place, less the umask.
@@ -107,8 +107,9 @@ private:
     [[nodiscard]] static std::size_t used(const Node& folder);
 
     std::uint64_t lastInode_ = 0;
-    std::int64_t lastTime_ = 1'700'000'000'000'000'000; ///< every change is a millisecond later than the one before
-    NodePointer root_;                                  ///< last: to make it takes a number and a time
+    EpochNanoseconds lastTime_ =
+        fromEpochNanoseconds(1'700'000'000'000'000'000); ///< every change is a millisecond later than the one before
+    NodePointer root_;                                   ///< last: to make it takes a number and a time
 };
 
 } // namespace orlinth::fakes::memory

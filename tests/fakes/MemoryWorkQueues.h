@@ -26,7 +26,7 @@ public:
     [[nodiscard]] Executor makeThreadQueue(const char* label) override {
         return threadQueue ? *threadQueue : makeWorkerQueue(label);
     }
-    [[nodiscard]] std::vector<platform::LateQueue> lateQueues(double /*seconds*/) override { return late; }
+    [[nodiscard]] std::vector<platform::LateQueue> lateQueues(Seconds /*limit*/) override { return late; }
 
     /// Whether this is being called from a blocking queue.
     [[nodiscard]] bool isOnBlockingQueue() const noexcept { return blocking_.running_in_this_thread(); }

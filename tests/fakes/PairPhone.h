@@ -14,8 +14,8 @@ struct PairPhone {
 
     Bytes data;
     bool thenFinishes = false;   ///< says that nothing more will come
-    double connectsAt = 1;       ///< seconds on the world's clock
-    double secondsPerByte = 0;   ///< sends byte by byte, if above 0
+    Seconds connectsAt = 1s;     ///< on the world's clock
+    Seconds timePerByte{0};      ///< sends byte by byte, if above 0
     std::size_t connections = 1; ///< opens so many at once and uses the last
 
     End end = End::none;
@@ -29,11 +29,11 @@ struct PairPhone {
 }
 
 [[nodiscard]] inline Task<> send(World& world, platform::Stream& stream, PairPhone& phone) {
-    if (phone.secondsPerByte <= 0) {
+    if (phone.timePerByte <= 0s) {
         co_await stream.writeAll(phone.data);
     } else {
         for (const std::byte& byte : phone.data) {
-            co_await world.clock.sleep(phone.secondsPerByte);
+            co_await world.clock.sleep(phone.timePerByte);
             co_await stream.writeAll(ByteView(&byte, 1));
         }
     }
@@ -67,7 +67,7 @@ struct PairPhone {
 
 /// The phone's whole part; tells in `phone` how it ended.
 [[nodiscard]] inline Task<> play(World& world, std::uint16_t to, PairPhone& phone) {
-    co_await world.clock.sleep(phone.connectsAt - world.clock.elapsed());
+    co_await world.clock.sleep(phone.connectsAt - Seconds(world.clock.elapsed()));
     try {
         co_await talk(world, to, phone);
     } catch (const platform::SystemError& error) {

@@ -103,10 +103,10 @@ struct ReceiverWorld : World {
         context.restart();
         context.poll();
     }
-    /// Lets `seconds` pass.
-    void pass(double seconds) { run(clock.sleep(seconds)); }
+    /// Lets `time` pass.
+    void pass(Seconds time) { run(clock.sleep(time)); }
     /// Until what phones have said of themselves is in the peer store.
-    void passUntilRecordsAreWritten() { pass(limits::recordSeconds + 2); }
+    void passUntilRecordsAreWritten() { pass(limits::recordInterval + 2s); }
     /// Stops the service and waits for its end.
     void stopAndWait() {
         receiver->stop();
@@ -137,7 +137,7 @@ struct ReceiverWorld : World {
     std::int64_t offer(ScriptedPeer& who, const std::string& name, std::int64_t size = 10,
                        const std::string& id = "ID-1") {
         run(who.send(TransportMessage::fileOffer(name, size, "text/plain", id)));
-        return run(who.expect<TransportMessage::Resume>()).accepted_offset;
+        return run(who.expect<TransportMessage::Resume>()).accepted_offset.bytesBefore();
     }
     void send(ScriptedPeer& who, TransportMessage message) {
         run(who.send(std::move(message)));

@@ -15,11 +15,11 @@ public:
     VirtualTimer& operator=(const VirtualTimer&) = delete;
     ~VirtualTimer() override { disarm(); }
 
-    void arm(double seconds, std::function<void()> action) override {
+    void arm(Seconds delay, std::function<void()> action) override {
         disarm();
         auto state = std::make_shared<bool>(true);
         live_ = state;
-        alarm_ = clock_.add(seconds, [this, state, action = std::move(action)] {
+        alarm_ = clock_.add(delay, [this, state, action = std::move(action)] {
             alarm_.reset();
             asio::post(executor_, [state, action] {
                 if (*state) {
@@ -47,13 +47,13 @@ private:
     std::optional<VirtualClock::Alarms::iterator> alarm_;
 };
 
-std::int64_t VirtualClock::epochMilliseconds() const {
-    constexpr std::int64_t start = 1'767'225'600'000;
-    return start + static_cast<std::int64_t>(now_.count() * 1000);
+EpochMilliseconds VirtualClock::epochMilliseconds() const {
+    constexpr EpochMilliseconds start = std::chrono::sys_days(std::chrono::year(2026) / 1 / 1);
+    return start + std::chrono::duration_cast<std::chrono::milliseconds>(now_.time_since_epoch());
 }
 
-VirtualClock::Alarms::iterator VirtualClock::add(double seconds, std::function<void()> action) {
-    return alarms_.emplace(now_ + Instant(std::max(0.0, seconds)), std::move(action));
+VirtualClock::Alarms::iterator VirtualClock::add(Seconds delay, std::function<void()> action) {
+    return alarms_.emplace(now_ + std::max<Seconds>(delay, 0s), std::move(action));
 }
 
 namespace {
@@ -67,10 +67,10 @@ struct SleepAlarm {
 
 } // namespace
 
-Task<> VirtualClock::sleep(double seconds) {
+Task<> VirtualClock::sleep(Seconds duration) {
     auto event = std::make_shared<Event>(context_.get_executor());
     auto rung = std::make_shared<bool>(false);
-    const Alarms::iterator alarm = add(seconds, [event, rung] {
+    const Alarms::iterator alarm = add(duration, [event, rung] {
         *rung = true;
         event->notify();
     });

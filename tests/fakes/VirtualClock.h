@@ -18,11 +18,11 @@ public:
     explicit VirtualClock(asio::io_context& context) : context_(context) {}
 
     /// 2026-01-01T00:00:00Z plus the time that has passed.
-    [[nodiscard]] std::int64_t epochMilliseconds() const override;
+    [[nodiscard]] EpochMilliseconds epochMilliseconds() const override;
     [[nodiscard]] Instant now() const override { return now_; }
     /// Seconds since the clock was made.
-    [[nodiscard]] double elapsed() const noexcept { return now_.count(); }
-    [[nodiscard]] Task<> sleep(double seconds) override;
+    [[nodiscard]] double elapsed() const noexcept { return now_.time_since_epoch().count(); }
+    [[nodiscard]] Task<> sleep(Seconds duration) override;
     [[nodiscard]] std::unique_ptr<platform::Timer> makeTimer(Executor executor) override;
 
     /// Moves to the next alarm and rings it; false if there is none.
@@ -33,10 +33,10 @@ public:
 private:
     friend class VirtualTimer;
     using Alarms = std::multimap<Instant, std::function<void()>>;
-    Alarms::iterator add(double seconds, std::function<void()> action);
+    Alarms::iterator add(Seconds delay, std::function<void()> action);
 
     asio::io_context& context_;
-    Instant now_{0};
+    Instant now_{};
     Alarms alarms_;
 };
 

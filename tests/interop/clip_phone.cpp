@@ -98,7 +98,7 @@ Task<> run(platform::System& system, const Part& part) {
         co_return;
     }
     if (part.leave == "stuck") { // the one who waits here reads nothing at all; whoever started us ends us
-        co_await system.clock.sleep(3600);
+        co_await system.clock.sleep(3600s);
     }
     if (part.leave == "unpair-first") {
         co_await say(wire, framer, TransportMessage::unpair());

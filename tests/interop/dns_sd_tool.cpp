@@ -105,8 +105,8 @@ void advertise(const std::string& port, const std::string& hostname, const std::
     context.run();
 }
 
-Task<> findAndTell(platform::System system, double seconds) {
-    const std::vector<platform::ServiceRecord> services = co_await system.services.find("_orlinth-pair._tcp.", seconds);
+Task<> findAndTell(platform::System system, Seconds time) {
+    const std::vector<platform::ServiceRecord> services = co_await system.services.find("_orlinth-pair._tcp.", time);
     json found = json::array();
     for (const platform::ServiceRecord& service : services) {
         found.push_back({{"name", service.name},
@@ -139,7 +139,7 @@ void find(const std::string& seconds) {
         input.close();
         tellEnd(error);
     };
-    asio::co_spawn(context, findAndTell(linux.system(), std::stod(seconds)),
+    asio::co_spawn(context, findAndTell(linux.system(), Seconds(std::stod(seconds))),
                    asio::bind_cancellation_slot(cancel.slot(), ended));
     tell({{"event", "searching"}});
     context.run();

@@ -22,7 +22,7 @@ using namespace orlinth;
 
 namespace {
 
-constexpr double secondsToConnect = 30;
+constexpr Seconds timeToConnect = 30s;
 
 PeerRecord computer(std::span<char*> words) {
     if (words.size() != 3) {
@@ -52,8 +52,8 @@ int main(int count, char** arguments) {
         const platform::PrivateKey key = KeyVault(system.files, system.directories).loadOrCreate();
         OneOffRequest request{.peer = record,
                               .staticKey = key,
-                              .warmConnectTimeout = secondsToConnect,
-                              .postWakeConnectTimeout = secondsToConnect};
+                              .warmConnectTimeout = timeToConnect,
+                              .postWakeConnectTimeout = timeToConnect};
         std::exception_ptr failure;
         platform::spawn(context.get_executor(),
                         say(system, TransportMessage::fromJson(asBytes(text)), std::move(request)),

@@ -93,17 +93,17 @@ Task<> beRude(platform::System system, Rudeness rudeness, std::vector<Connection
         } else if (rudeness.what == "tokens") {
             co_await say(connection, TransportMessage::tokenUpdate("token " + number));
             if (i == rudeness.count) { // all are read when the other side closes
-                constexpr double patience = 60;
+                constexpr Seconds patience = 60s;
                 static_cast<void>(co_await connection.wire->closeAfterFarewell(patience));
             }
         } else if (rudeness.what == "names") {
             co_await say(connection, TransportMessage::setName("name " + number));
-            static_cast<void>(co_await connection.wire->closeAfterFarewell(5));
+            static_cast<void>(co_await connection.wire->closeAfterFarewell(5s));
             open.pop_back();
         } else if (rudeness.what == "texts") {
             const std::string text = number + " " + std::string(static_cast<std::size_t>(rudeness.bytes), 'x');
             co_await say(connection, TransportMessage::clipboard(text, "text/plain"));
-            static_cast<void>(co_await connection.wire->closeAfterFarewell(5));
+            static_cast<void>(co_await connection.wire->closeAfterFarewell(5s));
             open.pop_back();
         } else if (rudeness.what == "greedy") {
             co_await say(connection,
@@ -121,8 +121,8 @@ Task<> beRude(platform::System system, Rudeness rudeness, std::vector<Connection
 
 /// Until nothing more arrives at the other side.
 Task<> settle(platform::Clock& clock) {
-    constexpr double seconds = 2;
-    co_await clock.sleep(seconds);
+    constexpr Seconds time = 2s;
+    co_await clock.sleep(time);
 }
 
 Task<> run(platform::System system, Rudeness rudeness, std::vector<Connection>& open) {

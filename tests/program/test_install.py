@@ -49,8 +49,10 @@ HOST = """\
 
 orlinth::Task<> receiveNothing(orlinth::platform::System system, const orlinth::platform::PrivateKey& key,
                                orlinth::platform::Path downloads) {
-    orlinth::ReceiveRequest request{
-        .staticKey = key, .expectedPeerPubkey = key.publicKey(), .downloadsDir = downloads, .acceptTimeout = 0.05};
+    orlinth::ReceiveRequest request{.staticKey = key,
+                                    .expectedPeerPubkey = key.publicKey(),
+                                    .downloadsDir = downloads,
+                                    .acceptTimeout = std::chrono::milliseconds(50)};
     request.listener = system.network.listen({}, system.network.makeSerialQueue("host"));
     co_await orlinth::receiveOneTransfer(system, std::move(request));
 }

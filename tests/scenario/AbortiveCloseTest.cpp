@@ -71,7 +71,8 @@ const Cause causes[] = {
      }},
     {"SecondOffer", [](ReceiverWorld& world,
                        ScriptedPeer& phone) { send(world, phone, Row::fileOffer("b.txt", 1, "text/plain", "ID-2")); }},
-    {"Resume", [](ReceiverWorld& world, ScriptedPeer& phone) { send(world, phone, Row::resume("ID-1", 0)); }},
+    {"Resume",
+     [](ReceiverWorld& world, ScriptedPeer& phone) { send(world, phone, Row::resume("ID-1", ByteOffset())); }},
     {"AMessageThatEndsTheConversation",
      [](ReceiverWorld& world, ScriptedPeer& phone) { send(world, phone, Row::clipboard("text", "text/plain")); }},
 };
@@ -191,12 +192,12 @@ TEST_F(AbortedTransfer, IsOneThatFellSilent) {
     world.start();
     const auto phone = halfAFile();
     EXPECT_EQ(endOf(*phone), reset);
-    EXPECT_GE(world.clock.elapsed(), Receiver::idleTimeout);
+    EXPECT_GE(world.clock.elapsed(), Receiver::idleTimeout.count());
 }
 
 TEST_F(AbortedTransfer, IsOneThatNobodyHasAnsweredWhenTheServiceStops) {
     world.make().approveOffer = [this](Receiver::Offer) -> Task<bool> {
-        co_await world.clock.sleep(1000);
+        co_await world.clock.sleep(1000s);
         co_return true;
     };
     world.start();
@@ -209,7 +210,7 @@ TEST_F(AbortedTransfer, IsOneThatNobodyHasAnsweredWhenTheServiceStops) {
 TEST_F(AbortedTransfer, IsOneWhoseSenderHasEndedItsDirection) {
     world.start();
     const auto phone = halfAFile();
-    EXPECT_EQ(world.run(phone->wire().closeAfterFarewell(5)), WireConnection::Farewell::brokeOff);
+    EXPECT_EQ(world.run(phone->wire().closeAfterFarewell(5s)), WireConnection::Farewell::brokeOff);
 }
 
 } // namespace

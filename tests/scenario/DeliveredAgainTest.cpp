@@ -139,7 +139,7 @@ TEST_F(DeliveredAgain, IsToldOfIfTheFirstRunWasKilledBeforeItCould) {
 
 TEST_F(DeliveredAgain, IsTheSameFileForAOneFileReceiverWhichSaysSo) {
     struct Watcher : ReceiveProgress {
-        void onOffer(const TransportMessage::FileOffer&, std::int64_t) override { ++offers; }
+        void onOffer(const TransportMessage::FileOffer&, ByteOffset) override { ++offers; }
         void onAlreadyHere(const TransportMessage::FileOffer&, const platform::Path& savedAt) override {
             here.push_back(savedAt);
         }
@@ -157,7 +157,7 @@ TEST_F(DeliveredAgain, IsTheSameFileForAOneFileReceiverWhichSaysSo) {
     EXPECT_EQ(received->savedAt, film);
     EXPECT_EQ(received->bytesWritten, 10);
     EXPECT_EQ(received->advertisedSize, 10);
-    EXPECT_EQ(received->resumedFromOffset, 10);
+    EXPECT_EQ(received->resumedFromOffset, ByteOffset(10));
     EXPECT_EQ(received->bytesReceivedThisSession, 0);
     EXPECT_EQ(watcher.offers, 0);
     EXPECT_THAT(watcher.here, ElementsAre(film));

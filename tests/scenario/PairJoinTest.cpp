@@ -33,7 +33,7 @@ using Case = PairJoinError::Case;
 
 constexpr std::uint16_t port = 7300;
 constexpr std::uint16_t receivePort = 7400;
-constexpr double timeout = 10;
+constexpr Seconds timeout = 10s;
 const std::string computerAddress = "192.168.1.23";
 /// The address that this machine has in every connection of the network in memory.
 constexpr platform::Ipv4Address ownAddress{203, 0, 113, 1};
@@ -58,12 +58,12 @@ Task<> serve(World& world, Computer& computer) {
     }
     co_await stream->writeAll(computer.answer);
     if (!computer.closes) {
-        co_await world.clock.sleep(1000);
+        co_await world.clock.sleep(1000s);
     }
 }
 
-Task<> closeAt(World& world, std::unique_ptr<platform::Listener> listener, double seconds) {
-    co_await world.clock.sleep(seconds);
+Task<> closeAt(World& world, std::unique_ptr<platform::Listener> listener, Seconds time) {
+    co_await world.clock.sleep(time);
     listener->close();
 }
 
@@ -86,11 +86,11 @@ protected:
     PairingPayload payload() {
         return fakes::workshopPayload(world.computerKey.publicKey().base64(), base64Encode(asBytes(secretText)));
     }
-    Task<PairJoinResult> join(PairingPayload with, double seconds = timeout) {
+    Task<PairJoinResult> join(PairingPayload with, Seconds time = timeout) {
         return joinPairing(world.system, {.payload = std::move(with),
                                           .ownKey = world.phoneKey.publicKey(),
                                           .receivePort = receivePort,
-                                          .timeout = seconds});
+                                          .timeout = time});
     }
     Task<PairJoinResult> join() { return join(payload()); }
 
@@ -106,7 +106,7 @@ protected:
     /// Pairs with a computer in pair mode; what that gets is in `received`.
     PairJoinResult pair() {
         world.alongside([](World& own, PairListener::Result& result) -> Task<> {
-            PairListener listener(own.system, SecretBytes(asBytes(secretText)), port, 30);
+            PairListener listener(own.system, SecretBytes(asBytes(secretText)), port, 30s);
             result = co_await listener.awaitIntroduction();
         }(world, received));
         PairJoinResult joined = world.run(join());
@@ -211,34 +211,34 @@ TEST_F(PairJoinScenario, ReportsARefusedConnectionInTheSystemsWords) {
 TEST_F(PairJoinScenario, GivesUpConnectingAtTheDeadline) {
     world.network.makeSilent(computerAddress);
     expectFailure(Case::timedOut, "the computer has not answered in time");
-    EXPECT_EQ(world.clock.elapsed(), timeout);
+    EXPECT_EQ(world.clock.elapsed(), timeout.count());
 }
 
 TEST_F(PairJoinScenario, GivesUpAtTheDeadlineOnAPortThatNobodyServes) {
     const auto listener = listen();
     expectFailure(Case::timedOut, "the computer has not answered in time");
-    EXPECT_EQ(world.clock.elapsed(), timeout);
+    EXPECT_EQ(world.clock.elapsed(), timeout.count());
 }
 
 TEST_F(PairJoinScenario, GivesUpAtTheDeadlineOnAComputerThatDoesNotClose) {
     Computer computer{.closes = false};
     world.alongside(serve(world, computer));
     expectFailure(Case::timedOut, "the computer has not answered in time");
-    EXPECT_EQ(world.clock.elapsed(), timeout);
+    EXPECT_EQ(world.clock.elapsed(), timeout.count());
     EXPECT_THAT(computer.frame, testing::Not(IsEmpty()));
 }
 
 TEST_F(PairJoinScenario, FailsWhereThePortIsClosedBeforeItWasAccepted) {
-    world.alongside(closeAt(world, listen(), 3));
+    world.alongside(closeAt(world, listen(), 3s));
     expectFailure(Case::notRead, "the computer has not taken the introduction");
     EXPECT_EQ(world.clock.elapsed(), 3);
 }
 
 TEST_F(PairJoinScenario, FailsBehindAnotherMachineThatWasFaster) {
-    PairListener listener(world.system, SecretBytes(asBytes(secretText)), port, 5, listen());
+    PairListener listener(world.system, SecretBytes(asBytes(secretText)), port, 5s, listen());
     const auto first = world.run(world.network.connect(computerAddress, port, world.context.get_executor()));
     world.alongside([](World& own, PairListener& busy) -> Task<> {
-        co_await own.clock.sleep(1);
+        co_await own.clock.sleep(1s);
         try {
             co_await busy.awaitIntroduction();
         } catch (const PairListener::Error& error) {
@@ -354,7 +354,7 @@ TEST_F(PairJoinScenario, UsesAPayloadAtTheLimitsOfItsFields) {
     const CheckedPayload checked = checkPayload(largest, world.phoneKey.publicKey());
     EXPECT_EQ(checked.computer.peer_port, 65535);
     EXPECT_EQ(checked.computer.peer_hostname, largest.peer_hostname);
-    EXPECT_EQ(checked.computer.paired_at_epoch_ms, 0);
+    EXPECT_EQ(checked.computer.paired_at_epoch_ms, EpochMilliseconds());
     EXPECT_EQ(checked.key, world.computerKey.publicKey());
     EXPECT_EQ(toText(checked.secret.reveal()), secretText);
 }

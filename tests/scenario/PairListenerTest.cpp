@@ -24,7 +24,7 @@ using testing::StartsWith;
 using Case = PairListener::Error::Case;
 
 constexpr std::uint16_t port = 7300;
-constexpr double timeout = 30;
+constexpr Seconds timeout = 30s;
 const std::string refused = "Connection refused";
 const std::string introduction = R"({"peer_hostname":"Pixel-8"})";
 
@@ -46,8 +46,8 @@ Task<> forget(Task<PairListener::Result> task) {
     co_await std::move(task);
 }
 
-Task<> cancelAt(World& world, PairListener& listener, double seconds, int times = 1) {
-    co_await world.clock.sleep(seconds - world.clock.elapsed());
+Task<> cancelAt(World& world, PairListener& listener, Seconds time, int times = 1) {
+    co_await world.clock.sleep(time - Seconds(world.clock.elapsed()));
     for (int i = 0; i < times; ++i) {
         listener.cancel();
     }
@@ -159,7 +159,7 @@ TEST_F(PairListenerScenario, TakesTheLargestFrame) {
 }
 
 TEST_F(PairListenerScenario, TakesAFrameThatArrivesByteByByte) {
-    Phone phone{.data = framed(), .secondsPerByte = 0.25};
+    Phone phone{.data = framed(), .timePerByte = 250ms};
     EXPECT_EQ(toText(receiveFrom(phone).phoneIntroductionPlaintext), introduction);
     EXPECT_EQ(phone.endedAt, 1 + 0.25 * static_cast<double>(phone.data.size()));
 }
@@ -181,7 +181,7 @@ TEST_F(PairListenerScenario, LooksAtNothingBehindTheFrame) {
 }
 
 TEST_F(PairListenerScenario, TakesAnIntroductionInTheLastMomentOfPairMode) {
-    Phone phone{.data = framed(), .connectsAt = timeout - 0.001};
+    Phone phone{.data = framed(), .connectsAt = timeout - 1ms};
     EXPECT_EQ(toText(receiveFrom(phone).phoneIntroductionPlaintext), introduction);
 }
 
@@ -262,8 +262,8 @@ TEST_F(PairListenerScenario, RefusesAFrameWithOneBitFlippedAnywhere) {
 // Other phones.
 
 TEST_F(PairListenerScenario, RefusesASecondPhoneOnceTheFirstIsConnected) {
-    Phone first{.data = framed(), .secondsPerByte = 0.125};
-    Phone second{.data = framed(), .connectsAt = 2};
+    Phone first{.data = framed(), .timePerByte = 125ms};
+    Phone second{.data = framed(), .connectsAt = 2s};
     world.alongside(play(world, port, second));
     EXPECT_EQ(toText(receiveFrom(first).phoneIntroductionPlaintext), introduction);
     EXPECT_EQ(second.end, End::refused);
@@ -287,7 +287,7 @@ TEST_F(PairListenerScenario, TimesOutWithASilentPhoneAndClosesItsConnection) {
     Phone phone;
     expectError(failureFrom(phone), Case::timedOut, "pair-mode timeout");
     EXPECT_EQ(phone.end, End::closed);
-    EXPECT_EQ(phone.endedAt, timeout);
+    EXPECT_EQ(phone.endedAt, timeout.count());
 }
 
 TEST_F(PairListenerScenario, TimesOutInTheMiddleOfAFrame) {
@@ -296,30 +296,30 @@ TEST_F(PairListenerScenario, TimesOutInTheMiddleOfAFrame) {
         Phone phone{.data = firstBytes(framed(), count)};
         EXPECT_EQ(Attempt().failureFrom(phone).which(), Case::timedOut);
         EXPECT_EQ(phone.end, End::closed);
-        EXPECT_EQ(phone.endedAt, timeout);
+        EXPECT_EQ(phone.endedAt, timeout.count());
     }
 }
 
 TEST_F(PairListenerScenario, TimesOutWithoutAnyPhoneAndClosesThePort) {
-    Phone late{.data = framed(), .connectsAt = timeout + 1};
+    Phone late{.data = framed(), .connectsAt = timeout + 1s};
     world.alongside(play(world, port, late));
     expectError(world.failure<PairListener::Error>(listener.awaitIntroduction()), Case::timedOut, "pair-mode timeout");
-    EXPECT_EQ(world.clock.elapsed(), timeout);
+    EXPECT_EQ(world.clock.elapsed(), timeout.count());
     settle(late);
     EXPECT_EQ(late.end, End::refused);
 }
 
 TEST_F(PairListenerScenario, DoesNotGetLongerByAPhoneThatTrickles) {
-    Phone phone{.data = framed(), .secondsPerByte = 10};
+    Phone phone{.data = framed(), .timePerByte = 10s};
     world.alongside(play(world, port, phone));
     EXPECT_EQ(world.failure<PairListener::Error>(listener.awaitIntroduction()).which(), Case::timedOut);
-    EXPECT_EQ(world.clock.elapsed(), timeout);
+    EXPECT_EQ(world.clock.elapsed(), timeout.count());
     settle(phone);
     EXPECT_EQ(phone.end, End::reset);
 }
 
 TEST_F(PairListenerScenario, TimesOutAtOnceWhereNoTimeIsGiven) {
-    for (const double none : {0.0, -5.0}) {
+    for (const Seconds none : {Seconds(0), Seconds(-5)}) {
         SCOPED_TRACE(none);
         PairListener attempt(world.system, secretOf('s'), port, none);
         EXPECT_EQ(world.failure<PairListener::Error>(attempt.awaitIntroduction()).which(), Case::timedOut);
@@ -337,8 +337,8 @@ TEST_F(PairListenerScenario, LeavesNoAlarmBehindASuccess) {
 
 // Calls at the wrong time.
 
-Task<> callAgainAt(World& world, PairListener& listener, double seconds, std::optional<double>& refusedAt) {
-    co_await world.clock.sleep(seconds);
+Task<> callAgainAt(World& world, PairListener& listener, Seconds time, std::optional<double>& refusedAt) {
+    co_await world.clock.sleep(time);
     try {
         co_await listener.awaitIntroduction();
     } catch (const PairListener::Error& error) {
@@ -347,31 +347,31 @@ Task<> callAgainAt(World& world, PairListener& listener, double seconds, std::op
     }
 }
 
-Task<> destroyAt(World& world, std::unique_ptr<PairListener>& listener, double seconds) {
-    co_await world.clock.sleep(seconds);
+Task<> destroyAt(World& world, std::unique_ptr<PairListener>& listener, Seconds time) {
+    co_await world.clock.sleep(time);
     listener.reset();
 }
 
 TEST_F(PairListenerScenario, RefusesASecondCallWhileOneIsPendingAndGoesOn) {
-    Phone phone{.data = framed(), .connectsAt = 3};
+    Phone phone{.data = framed(), .connectsAt = 3s};
     std::optional<double> refusedAt;
-    world.alongside(callAgainAt(world, listener, 2, refusedAt));
+    world.alongside(callAgainAt(world, listener, 2s, refusedAt));
     EXPECT_EQ(toText(receiveFrom(phone).phoneIntroductionPlaintext), introduction);
     EXPECT_EQ(refusedAt, 2);
 }
 
 TEST_F(PairListenerScenario, RefusesASecondCallWhileThePhoneIsReadAndGoesOn) {
-    Phone phone{.data = framed(), .secondsPerByte = 0.125};
+    Phone phone{.data = framed(), .timePerByte = 125ms};
     std::optional<double> refusedAt;
-    world.alongside(callAgainAt(world, listener, 2, refusedAt));
+    world.alongside(callAgainAt(world, listener, 2s, refusedAt));
     EXPECT_EQ(toText(receiveFrom(phone).phoneIntroductionPlaintext), introduction);
     EXPECT_EQ(refusedAt, 2);
 }
 
 TEST_F(PairListenerScenario, GoesOnWhenTheObjectIsGone) {
     auto brief = std::make_unique<PairListener>(world.system, secretOf('s'), port, timeout);
-    world.alongside(destroyAt(world, brief, 1));
-    Phone phone{.data = framed(), .connectsAt = 2};
+    world.alongside(destroyAt(world, brief, 1s));
+    Phone phone{.data = framed(), .connectsAt = 2s};
     world.alongside(play(world, port, phone));
     EXPECT_EQ(toText(world.run(brief->awaitIntroduction()).phoneIntroductionPlaintext), introduction);
     EXPECT_EQ(brief, nullptr);
@@ -380,9 +380,9 @@ TEST_F(PairListenerScenario, GoesOnWhenTheObjectIsGone) {
 
 TEST_F(PairListenerScenario, TimesOutWhenTheObjectIsGone) {
     auto brief = std::make_unique<PairListener>(world.system, secretOf('s'), port, timeout);
-    world.alongside(destroyAt(world, brief, 1));
+    world.alongside(destroyAt(world, brief, 1s));
     EXPECT_EQ(world.failure<PairListener::Error>(brief->awaitIntroduction()).which(), Case::timedOut);
-    EXPECT_EQ(world.clock.elapsed(), timeout);
+    EXPECT_EQ(world.clock.elapsed(), timeout.count());
 }
 
 TEST_F(PairListenerScenario, ClosesAPortThatItWasHandedWhenItIsDestroyedUnused) {
@@ -409,9 +409,9 @@ TEST_F(PairListenerScenario, ClosesAPortThatItWasHandedWhenItIsCancelledBefore) 
 }
 
 TEST_F(PairListenerScenario, IsCancelledWhileItListens) {
-    Phone late{.data = framed(), .connectsAt = 5};
+    Phone late{.data = framed(), .connectsAt = 5s};
     world.alongside(play(world, port, late));
-    world.alongside(cancelAt(world, listener, 2));
+    world.alongside(cancelAt(world, listener, 2s));
     expectError(world.failure<PairListener::Error>(listener.awaitIntroduction()), Case::cancelled, "cancelled");
     EXPECT_EQ(world.clock.elapsed(), 2);
     settle(late);
@@ -423,7 +423,7 @@ TEST_F(PairListenerScenario, IsCancelledWhileItReads) {
         SCOPED_TRACE(count);
         Attempt own;
         Phone phone{.data = firstBytes(framed(), count)};
-        own.world.alongside(cancelAt(own.world, own.listener, 2));
+        own.world.alongside(cancelAt(own.world, own.listener, 2s));
         expectError(own.failureFrom(phone), Case::cancelled, "cancelled");
         EXPECT_EQ(phone.end, End::closed);
         EXPECT_EQ(phone.endedAt, 2);
@@ -431,7 +431,7 @@ TEST_F(PairListenerScenario, IsCancelledWhileItReads) {
 }
 
 TEST_F(PairListenerScenario, IsCancelledOnceHoweverOftenItIsTold) {
-    world.alongside(cancelAt(world, listener, 2, 3));
+    world.alongside(cancelAt(world, listener, 2s, 3));
     expectError(world.failure<PairListener::Error>(listener.awaitIntroduction()), Case::cancelled, "cancelled");
     listener.cancel();
     fakes::runUntilIdle(world.context, world.clock);
@@ -441,14 +441,14 @@ TEST_F(PairListenerScenario, IsCancelledOnceHoweverOftenItIsTold) {
 TEST_F(PairListenerScenario, KeepsItsSuccessWhenItIsCancelledAfterwards) {
     Phone phone{.data = framed()};
     world.alongside(play(world, port, phone));
-    world.alongside(cancelAt(world, listener, 2));
+    world.alongside(cancelAt(world, listener, 2s));
     EXPECT_EQ(toText(world.run(listener.awaitIntroduction()).phoneIntroductionPlaintext), introduction);
     settle(phone);
 }
 
 TEST_F(PairListenerScenario, KeepsItsFailureWhenItIsCancelledAfterwards) {
     Phone phone{.data = prefixOf(0)};
-    world.alongside(cancelAt(world, listener, 2));
+    world.alongside(cancelAt(world, listener, 2s));
     EXPECT_EQ(failureFrom(phone).which(), Case::decryptFailed);
 }
 
@@ -551,7 +551,7 @@ TEST_F(PairListenerScenario, UsesThePortThatItWasHanded) {
     const std::uint16_t number = handed->port();
     PairListener attempt(world.system, secretOf('s'), port, timeout, std::move(handed));
     Phone phone{.data = framed()};
-    Phone other{.data = framed(), .connectsAt = 0.5};
+    Phone other{.data = framed(), .connectsAt = 500ms};
     world.alongside(play(world, number, phone));
     world.alongside(play(world, port, other));
     EXPECT_EQ(toText(world.run(attempt.awaitIntroduction()).phoneIntroductionPlaintext), introduction);
@@ -563,7 +563,7 @@ TEST_F(PairListenerScenario, LeavesThePortToTheNextAttempt) {
     Phone silent;
     EXPECT_EQ(failureFrom(silent).which(), Case::timedOut);
     PairListener next(world.system, secretOf('n'), port, timeout);
-    Phone phone{.data = framed(introduction, 'n'), .connectsAt = timeout + 1};
+    Phone phone{.data = framed(introduction, 'n'), .connectsAt = timeout + 1s};
     world.alongside(play(world, port, phone));
     EXPECT_EQ(toText(world.run(next.awaitIntroduction()).phoneIntroductionPlaintext), introduction);
 }

@@ -47,7 +47,7 @@ class ReceiveTransfer : public testing::Test {
 protected:
     ReceiveTransfer() { world.files.putFolder(folder); }
 
-    ReceiveRequest request(double acceptTimeout = 0) {
+    ReceiveRequest request(Seconds acceptTimeout = 0s) {
         return {.staticKey = world.computerKey,
                 .expectedPeerKey = world.phoneKey.publicKey(),
                 .downloadsDir = folder,
@@ -74,7 +74,7 @@ protected:
     /// The phone connects once the port is open.
     Task<> later(Script& script) {
         return [](World& theWorld, Script& what) -> Task<> {
-            co_await theWorld.clock.sleep(1);
+            co_await theWorld.clock.sleep(1s);
             co_await play(theWorld, what);
         }(world, script);
     }
@@ -102,10 +102,10 @@ TEST_F(ReceiveTransfer, SavesTheFileUnderItsNameAndLeavesNothingElse) {
     EXPECT_EQ(file.mime, "text/plain");
     EXPECT_EQ(file.remoteEndpoint, "203.0.113.1:40112");
     EXPECT_EQ(file.bytesReceivedThisSession, 10);
-    EXPECT_EQ(file.resumedFromOffset, 0);
+    EXPECT_EQ(file.resumedFromOffset, ByteOffset());
     EXPECT_EQ(world.files.content(folder / "a.txt"), "0123456789");
     EXPECT_THAT(filesInDownloads(), ElementsAre((folder / "a.txt").native()));
-    EXPECT_EQ(script.resume, (Row::Resume{"ID-1", 0}));
+    EXPECT_EQ(script.resume, (Row::Resume{"ID-1", ByteOffset()}));
     EXPECT_THAT(world.queues.labels, ElementsAre("orlinth.receive"));
 }
 
@@ -121,8 +121,8 @@ TEST_F(ReceiveTransfer, ResumesAPartialOfTheSameTransferWhateverTheAdvertisedSiz
                     R"({"transfer_id":"ID-1","advertised_size":99,"started_at_epoch_ms":5})");
     Script script{.frames = {offer("a.txt"), "456789", Row::done()}};
     const ReceivedFile file = receiveFrom(script);
-    EXPECT_EQ(script.resume, (Row::Resume{"ID-1", 4}));
-    EXPECT_EQ(file.resumedFromOffset, 4);
+    EXPECT_EQ(script.resume, (Row::Resume{"ID-1", ByteOffset(4)}));
+    EXPECT_EQ(file.resumedFromOffset, ByteOffset(4));
     EXPECT_EQ(file.bytesWritten, 10);
     EXPECT_EQ(file.bytesReceivedThisSession, 6);
     EXPECT_EQ(world.files.content(folder / "a.txt"), "0123456789");
@@ -139,7 +139,7 @@ TEST_F(ReceiveTransfer, StartsAnewBesideAPartialOfAnotherTransfer) {
 
 TEST_F(ReceiveTransfer, TakesTheNextFreeNameWhenItsOwnWasTakenMeanwhile) {
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt"));
         static_cast<void>(co_await phone->expect<Row::Resume>());
@@ -187,7 +187,7 @@ TEST_F(ReceiveTransfer, KeepsANameThatTriesToEscapeInsideTheFolder) {
 
 TEST_F(ReceiveTransfer, WritesTheSidecarBeforeItAnswers) {
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt", 10, "ID-7"));
         static_cast<void>(co_await phone->expect<Row::Resume>());
@@ -213,13 +213,13 @@ TEST_F(ReceiveTransfer, RewritesTheSidecarsTimeOnAResume) {
     static_cast<void>(failureFrom(script));
     const std::optional<PartialMeta> meta = fakes::sidecarOf(world.files, folder / "a.txt.partial");
     ASSERT_TRUE(meta);
-    EXPECT_GT(meta->started_at_epoch_ms, 5);
+    EXPECT_GT(meta->started_at_epoch_ms, fromEpochMilliseconds(5));
     EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "0123") << "nothing is cut off";
 }
 
 TEST_F(ReceiveTransfer, KeepsAndFlushesThePartialWhenTheConnectionIsLost) {
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt"));
         static_cast<void>(co_await phone->expect<Row::Resume>());
@@ -252,7 +252,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
                                 .downloadsDir = folder,
                                 .port = port};
             first.alongside([](World& theWorld, Script& what) -> Task<> {
-                co_await theWorld.clock.sleep(1);
+                co_await theWorld.clock.sleep(1s);
                 try {
                     co_await play(theWorld, what);
                 } catch (const WireConnection::Error&) {
@@ -280,12 +280,12 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
                                  .downloadsDir = folder,
                                  .port = port};
             second.alongside([](World& theWorld) -> Task<> {
-                co_await theWorld.clock.sleep(1);
+                co_await theWorld.clock.sleep(1s);
                 const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
                 co_await phone->send(offer("a.txt"));
                 const auto resume = co_await phone->expect<Row::Resume>();
                 const std::string rest =
-                    std::string("0123456789").substr(static_cast<std::size_t>(resume.accepted_offset));
+                    std::string("0123456789").substr(static_cast<std::size_t>(resume.accepted_offset.bytesBefore()));
                 co_await phone->sendBinary(toBytes(rest));
                 co_await phone->send(Row::done());
                 static_cast<void>(co_await phone->seesTheEnd());
@@ -314,7 +314,7 @@ TEST_F(ReceiveTransfer, RefusesAPhoneWithAnotherKeyWithoutAnyFrame) {
 
 /// Somebody who says this in place of a handshake, and is let go of.
 Task<> sayInsteadOfAHandshake(World& world, Bytes body) {
-    co_await world.clock.sleep(1);
+    co_await world.clock.sleep(1s);
     auto stream = co_await world.network.connect("203.0.113.1", port, world.context.get_executor());
     WireConnection wire(std::move(stream), world.clock);
     co_await wire.sendLengthPrefixed(body);
@@ -357,7 +357,7 @@ TEST_F(ReceiveTransfer, RefusesAnIdThatIsTooLong) {
     Script script{.frames = {offer("a.txt", 0, std::string(256, 'x')), Row::done()}};
     EXPECT_EQ(receiveFrom(script).savedAt, folder / "a.txt");
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("b.txt", 0, std::string(257, 'x')));
         EXPECT_TRUE(co_await phone->seesTheEnd());
@@ -368,7 +368,7 @@ TEST_F(ReceiveTransfer, RefusesAnIdThatIsTooLong) {
 }
 
 TEST_F(ReceiveTransfer, RefusesAResumeFromTheSender) {
-    Script script{.frames = {Row::resume("ID-1", 0)}};
+    Script script{.frames = {Row::resume("ID-1", ByteOffset())}};
     EXPECT_EQ(failureFrom(script).description(), "protocol violation: unexpected Resume from sender");
 }
 
@@ -404,7 +404,7 @@ TEST_F(ReceiveTransfer, ReportsASidecarThatCannotBeWrittenAndDoesNotBlockTheName
     world.files.addFault({.operation = fakes::Operation::rename, .errorNumber = EACCES, .nameEnding = ".meta.json"});
     Script script{.frames = {offer("a.txt"), "x"}};
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt"));
         EXPECT_TRUE(co_await phone->seesTheEnd());
@@ -428,7 +428,7 @@ TEST_F(ReceiveTransfer, RefusesAPartialThatAnotherReceiverIsWriting) {
     const auto held = world.files.open(folder / "a.txt.partial", platform::OpenMode::write);
     ASSERT_TRUE(held->tryLock());
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt"));
         EXPECT_TRUE(co_await phone->seesTheEnd());
@@ -449,16 +449,16 @@ TEST_F(ReceiveTransfer, DoesNotWriteThroughALinkInThePartialsPlace) {
 
 TEST_F(ReceiveTransfer, CountsItsDurationFromTheOffer) {
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
-        co_await theWorld.clock.sleep(7);
+        co_await theWorld.clock.sleep(7s);
         co_await phone->send(offer("a.txt"));
         static_cast<void>(co_await phone->expect<Row::Resume>());
-        co_await theWorld.clock.sleep(3);
+        co_await theWorld.clock.sleep(3s);
         co_await phone->send(Row::done());
         static_cast<void>(co_await phone->seesTheEnd());
     }(world));
-    EXPECT_DOUBLE_EQ(world.run(receive()).durationSeconds, 3);
+    EXPECT_DOUBLE_EQ(world.run(receive()).duration.count(), 3);
 }
 
 TEST_F(ReceiveTransfer, ReportsAPartialThatCannotBeSought) {
@@ -467,7 +467,7 @@ TEST_F(ReceiveTransfer, ReportsAPartialThatCannotBeSought) {
     world.files.put(folder / "a.txt.partial.meta.json",
                     R"({"transfer_id":"ID-1","advertised_size":10,"started_at_epoch_ms":5})");
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt"));
         EXPECT_EQ(co_await phone->howItEnds(), "wire I/O error: Connection reset by peer");
@@ -480,7 +480,7 @@ TEST_F(ReceiveTransfer, ReportsAPartialThatCannotBeSought) {
 TEST_F(ReceiveTransfer, LeavesNothingOfAFreshPartialThatCannotBeSought) {
     world.files.addFault({.operation = fakes::Operation::seek, .errorNumber = EIO, .nameEnding = ".partial"});
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt"));
         EXPECT_TRUE(co_await phone->seesTheEnd());
@@ -492,7 +492,7 @@ TEST_F(ReceiveTransfer, LeavesNothingOfAFreshPartialThatCannotBeSought) {
 TEST_F(ReceiveTransfer, ServesOnlyTheFirstConnection) {
     bool refused = false;
     world.alongside([](World& theWorld, bool& secondRefused) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         try {
             const auto second = co_await theWorld.network.connect("203.0.113.1", port, theWorld.context.get_executor());
@@ -509,7 +509,7 @@ TEST_F(ReceiveTransfer, ServesOnlyTheFirstConnection) {
 }
 
 TEST_F(ReceiveTransfer, TimesOutWhenNobodyComes) {
-    const auto error = world.failure<ReceiveError>(receiveOneTransfer(world.system, request(30)));
+    const auto error = world.failure<ReceiveError>(receiveOneTransfer(world.system, request(30s)));
     EXPECT_EQ(error.description(), "timed out");
     EXPECT_DOUBLE_EQ(world.clock.elapsed(), 30.0);
 }
@@ -517,24 +517,24 @@ TEST_F(ReceiveTransfer, TimesOutWhenNobodyComes) {
 TEST_F(ReceiveTransfer, WaitsForEverWithoutATimeout) {
     Script script{.frames = {offer("a.txt", 0), Row::done()}};
     world.alongside([](World& theWorld, Script& what) -> Task<> {
-        co_await theWorld.clock.sleep(1e6);
+        co_await theWorld.clock.sleep(1e6s);
         co_await play(theWorld, what);
     }(world, script));
-    static_cast<void>(world.run(receiveOneTransfer(world.system, request(-1))));
+    static_cast<void>(world.run(receiveOneTransfer(world.system, request(-1s))));
     EXPECT_GE(world.clock.elapsed(), 1e6);
 }
 
 TEST_F(ReceiveTransfer, TheTimeoutDoesNotEndATransferThatHasBegun) {
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
-        co_await theWorld.clock.sleep(3600);
+        co_await theWorld.clock.sleep(3600s);
         co_await phone->send(offer("a.txt", 0));
         static_cast<void>(co_await phone->expect<Row::Resume>());
         co_await phone->send(Row::done());
         static_cast<void>(co_await phone->seesTheEnd());
     }(world));
-    EXPECT_EQ(world.run(receiveOneTransfer(world.system, request(30))).savedAt, folder / "a.txt");
+    EXPECT_EQ(world.run(receiveOneTransfer(world.system, request(30s))).savedAt, folder / "a.txt");
 }
 
 TEST_F(ReceiveTransfer, RefusesPortZero) {
@@ -569,7 +569,7 @@ TEST_F(ReceiveTransfer, PassesTheErrorOfAFolderThatCannotBeMadeThroughUnchanged)
 
 TEST_F(ReceiveTransfer, StoppedInTheMiddleKeepsThePartial) {
     world.alongside([](World& theWorld) -> Task<> {
-        co_await theWorld.clock.sleep(1);
+        co_await theWorld.clock.sleep(1s);
         const auto phone = co_await ScriptedPeer::connect(theWorld, port, theWorld.phoneKey);
         co_await phone->send(offer("a.txt"));
         static_cast<void>(co_await phone->expect<Row::Resume>());

@@ -104,7 +104,7 @@ TEST_F(ReceiverBlocking, WhyATransferEndedIsReportedAlsoIfItIsTakenOverWhileTheD
             displaced->cancel(); // as for the phone's next attempt, which has begun
         }
     });
-    world.send(*phone, Row::resume("ID-1", 0)); // no phone says that
+    world.send(*phone, Row::resume("ID-1", ByteOffset())); // no phone says that
     EXPECT_THAT(world.failureTexts(),
                 testing::ElementsAre("protocol violation: unexpected Resume message from sender"));
     EXPECT_TRUE(transfers.mayProceed(TransferId("ID-1"), again));

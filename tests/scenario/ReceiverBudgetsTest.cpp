@@ -64,14 +64,14 @@ TEST_F(ReceiverBudgets, AHandshakeHasTenSecondsInAllHoweverItIsDrawnOut) {
     for (const std::byte part : greeting) { // half of it, and then the rest at once, each in good time
         say(*drawnOut, {part});
         if (world.clock.elapsed() < 9) {
-            world.pass(0.5);
+            world.pass(500ms);
         }
     }
     EXPECT_LT(world.clock.elapsed(), 10);
     EXPECT_EQ(world.ends(), 0U);
-    world.pass(10 - world.clock.elapsed() - 0.01);
+    world.pass(10s - Seconds(world.clock.elapsed()) - 10ms);
     EXPECT_EQ(world.ends(), 0U);
-    world.pass(0.02);
+    world.pass(20ms);
     EXPECT_THAT(world.failureTexts(), ElementsAre(notInTime, notInTime));
     EXPECT_TRUE(silent->hasEnded() && drawnOut->hasEnded());
 }
@@ -79,7 +79,7 @@ TEST_F(ReceiverBudgets, AHandshakeHasTenSecondsInAllHoweverItIsDrawnOut) {
 TEST_F(ReceiverBudgets, TheDeadlineEndsWithTheHandshake) {
     world.start();
     const auto phone = world.phone();
-    world.pass(30);
+    world.pass(30s);
     EXPECT_EQ(world.offer(*phone, "a.txt"), 0);
     EXPECT_THAT(world.failures, IsEmpty());
 }
@@ -88,9 +88,9 @@ TEST_F(ReceiverBudgets, WithoutAHostsLimitsEachReadHasItsMinute) {
     world.make().limits = {};
     world.start();
     const auto silent = strangerFrom("192.168.1.1:1");
-    world.pass(59);
+    world.pass(59s);
     EXPECT_EQ(world.ends(), 0U);
-    world.pass(2);
+    world.pass(2s);
     EXPECT_THAT(world.failures, SizeIs(1));
 }
 
@@ -104,7 +104,7 @@ TEST_F(ReceiverBudgets, OneSourceKeepsSixteenSilentConnectionsAndAnotherIsNotCon
     for (int i = 0; i < 16; ++i) {
         others.push_back(strangerFrom("192.168.1.2:" + std::to_string(1000 + i)));
     }
-    world.pass(1.5);
+    world.pass(1500ms);
     EXPECT_EQ(stillOpen(crowd), limits::strangersOfOneSource);
     EXPECT_EQ(stillOpen(others), 16U);
     EXPECT_FALSE(crowd.back()->hasEnded()) << "the oldest go";
@@ -119,7 +119,7 @@ TEST_F(ReceiverBudgets, TheAddressesOfAnIpv6NetworkAreOneSource) {
     for (int i = 0; i < 20; ++i) {
         crowd.push_back(strangerFrom("[2001:db8:1:2::" + std::to_string(i + 1) + "]:1000"));
     }
-    world.pass(1.5);
+    world.pass(1500ms);
     EXPECT_EQ(stillOpen(crowd), limits::strangersOfOneSource);
 }
 
@@ -131,7 +131,7 @@ TEST_F(ReceiverBudgets, WhoHasBegunAHandshakeIsKeptBeforeWhoHasNot) {
     for (int i = 0; i < 40; ++i) {
         crowd.push_back(strangerFrom("192.168.1.1:" + std::to_string(1000 + i)));
     }
-    world.pass(1.5);
+    world.pass(1500ms);
     EXPECT_FALSE(slow->hasEnded());
     EXPECT_EQ(stillOpen(crowd), limits::strangersOfOneSource - 1);
 }
@@ -142,7 +142,7 @@ TEST_F(ReceiverBudgets, ManyPhonesOfOneAddressThatAreServedAreNoCrowd) {
     for (int i = 0; i < 30; ++i) { // each has proved its key before the next one comes
         phones.push_back(world.connectAs(i % 2 == 0 ? world.phoneKey : world.tabletKey));
     }
-    world.pass(2);
+    world.pass(2s);
     EXPECT_THAT(world.failures, IsEmpty());
     EXPECT_EQ(world.authenticated.size(), 30U);
 }
@@ -161,7 +161,7 @@ TEST_F(ReceiverBudgets, AFloodFromOneSourceThrowsOutItselfAndNoPhoneOfAnother) {
     EXPECT_EQ(world.offer(*late, "a.txt", 0), 0);
     world.send(*late, Row::done());
     EXPECT_EQ(world.transfers.size(), 1U);
-    world.pass(1.5);
+    world.pass(1500ms);
     EXPECT_EQ(stillOpen(flood), limits::strangersOfOneSource);
     EXPECT_FALSE(slow->hasEnded());
 }
@@ -199,7 +199,7 @@ TEST_F(ReceiverBudgets, APhoneThatComesBackWithAllItsTransfersGetsIn) {
         world.offer(*dead.back(), number + ".txt", 10, "ID-" + number);
         world.sendData(*dead.back(), "01234");
     }
-    world.pass(1);
+    world.pass(1s);
     world.sendData(*dead.front(), "5"); // this one is alive
     for (std::size_t i = 1; i < limits::connectionsOfOnePhone; ++i) {
         const auto again = world.phone();
@@ -260,7 +260,7 @@ TEST_F(ReceiverBudgets, AHalfSentLargeFrameHoldsUpThePhonesOtherLargeFramesAndNo
     world.run(tablet->send(Row::clipboard(std::string(2 << 20, 'y'), "text/plain")));
     world.settle();
     EXPECT_THAT(world.clips, SizeIs(1));
-    world.pass(61); // the half one has had its minute
+    world.pass(61s); // the half one has had its minute
     EXPECT_THAT(world.clips, SizeIs(2)) << "what waited for room was not taken for silence";
     EXPECT_THAT(world.failures, SizeIs(1));
 }

@@ -27,9 +27,9 @@ public:
                 co_await babbler.sayOne(*phone, isQuiet);
             }
             if (babbler.random_() % 2 == 0) {
-                const auto seconds = static_cast<double>(babbler.random_() % 70);
-                isQuiet = isQuiet && seconds < Receiver::idleTimeout;
-                co_await world.clock.sleep(seconds);
+                const Seconds pause(static_cast<double>(babbler.random_() % 70));
+                isQuiet = isQuiet && pause < Receiver::idleTimeout;
+                co_await world.clock.sleep(pause);
             }
             babbler.quiet_ += isQuiet ? 1 : 0;
         } catch (const WireConnection::Error&) {
@@ -49,7 +49,7 @@ private:
         isQuiet = isQuiet && choice == token;
         switch (choice) {
         case 0:
-            return phone.send(Row::resume(text, -1));
+            return phone.send(Row::resume(text, ByteOffset(-1)));
         case 1:
             return phone.send(Row::clipboard(text, text));
         case 2:

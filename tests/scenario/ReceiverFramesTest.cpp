@@ -194,7 +194,7 @@ TEST_F(ReceiverFrames, AnOfferBeyondTheLimitsIsDeclinedAndNobodyIsAsked) {
 TEST_P(ReceiverFramesInState, AResumeIsAViolation) {
     world.start();
     const auto phone = phoneIn(GetParam());
-    world.send(*phone, Row::resume("ID-1", 3));
+    world.send(*phone, Row::resume("ID-1", ByteOffset(3)));
     expectFailure(*phone, "protocol violation: unexpected Resume message from sender");
     expectPartial(GetParam());
 }
@@ -303,9 +303,9 @@ TEST_F(ReceiverFrames, ARemovedPhoneThatDoesNotHangUpIsHungUpOnAfterFiveSeconds)
     receiver.setExpectedPeerKeys({});
     receiver.setRemovedPeerKeys({world.phoneKey.publicKey()});
     const auto phone = world.phone();
-    world.pass(4.9);
+    world.pass(4900ms);
     EXPECT_EQ(world.ends(), 0U);
-    world.pass(0.2);
+    world.pass(200ms);
     ASSERT_EQ(world.syncs.size(), 1U);
     EXPECT_TRUE(std::holds_alternative<Receiver::UnpairReplied>(world.syncs[0]));
 }
@@ -456,9 +456,9 @@ TEST_F(ReceiverFrames, WhoHangsUpInTheHandshakeIsReported) {
 TEST_F(ReceiverFrames, AStrangerWhoSaysNothingIsGivenUpAfterSixtySeconds) {
     world.start();
     const auto silent = world.silentStranger();
-    world.pass(59.999);
+    world.pass(59999ms);
     EXPECT_EQ(world.ends(), 0U);
-    world.pass(0.002);
+    world.pass(2ms);
     EXPECT_THAT(world.failureTexts(), ElementsAre("noise handshake failed: wire I/O error: connection cancelled"));
     expectServesOn();
 }
@@ -467,9 +467,9 @@ TEST_P(ReceiverFramesInState, APhoneThatFallsSilentIsGivenUpAfterSixtySeconds) {
     world.start();
     const auto phone = phoneIn(GetParam());
     world.settle();
-    world.pass(59.999);
+    world.pass(59999ms);
     EXPECT_EQ(world.ends(), 0U);
-    world.pass(0.002);
+    world.pass(2ms);
     expectFailure(*phone, "wire I/O error: connection cancelled");
     expectPartial(GetParam());
 }
@@ -478,7 +478,7 @@ TEST_F(ReceiverFrames, APhoneThatSpeaksNowAndThenStays) {
     world.start();
     const auto phone = phoneIn(true);
     for (int i = 0; i < 5; ++i) {
-        world.pass(59);
+        world.pass(59s);
         world.sendData(*phone, "x");
     }
     world.send(*phone, Row::done());

@@ -60,7 +60,7 @@ TEST_F(ReceiverRecords, TheLatestTokenIsWrittenLastAlsoIfAWriteTakesLong) {
     bool isFirst = true;
     world.files.beforeEach([&](fakes::Operation operation, const platform::Path& path) {
         if (operation == fakes::Operation::open && path == peerFile && std::exchange(isFirst, false)) {
-            world.pass(2 * limits::recordSeconds);
+            world.pass(2 * limits::recordInterval);
             updates->say(key, {.token = "second"}, noTrouble);
         }
     });
@@ -220,7 +220,7 @@ TEST_F(ReceiverRecords, AConnectionThatOnlyBringsATokenEndsWellAndAtOnce) {
     world.settle();
     const auto halfClosing = world.phone();
     world.send(*halfClosing, Row::tokenUpdate("token 2"));
-    EXPECT_EQ(world.run(halfClosing->wire().closeAfterFarewell(5)), WireConnection::Farewell::closed);
+    EXPECT_EQ(world.run(halfClosing->wire().closeAfterFarewell(5s)), WireConnection::Farewell::closed);
     EXPECT_LT(world.clock.elapsed(), 1);
     world.passUntilRecordsAreWritten();
     EXPECT_EQ(world.onlyPeer().peer_fcm_token, "token 2");
@@ -282,7 +282,7 @@ TEST_F(ReceiverRecords, ManyTokensAreAFewWritesAndTheLatestCounts) {
     const std::size_t before = writes(world);
     for (int i = 0; i < 100; ++i) { // thirty seconds of them
         world.send(*phone, Row::tokenUpdate("token " + std::to_string(i)));
-        world.pass(0.3);
+        world.pass(300ms);
     }
     EXPECT_GE(writes(world) - before, 3U);
     EXPECT_LE(writes(world) - before, 4U);
@@ -480,28 +480,29 @@ TEST_F(ReceiverApproval, IsAskedWithNameSizeAndSender) {
     EXPECT_EQ(desk.asked[0].from, "Pixel-8");
     EXPECT_THAT(filesInFolder(), IsEmpty()) << "nothing before the answer";
     desk.answer("a.txt", true);
-    EXPECT_EQ(world.run(phone->expect<Row::Resume>()).accepted_offset, 0);
+    EXPECT_EQ(world.run(phone->expect<Row::Resume>()).accepted_offset, ByteOffset());
     world.send(*phone, Row::done());
     EXPECT_EQ(world.transfers.size(), 1U);
 }
 
 TEST_F(ReceiverApproval, CountsToTheDurationWhichBeginsWithTheOffer) {
     const auto phone = world.phone();
-    world.pass(5);
+    world.pass(5s);
     offerOnly(*phone, "a.txt");
-    world.pass(20);
+    world.pass(20s);
     desk.answer("a.txt", true);
     static_cast<void>(world.run(phone->expect<Row::Resume>()));
-    world.pass(2);
+    world.pass(2s);
     world.send(*phone, Row::done());
     ASSERT_EQ(world.transfers.size(), 1U);
-    EXPECT_NEAR(world.transfers[0].file.durationSeconds, 22, 0.1);
+    EXPECT_NEAR(world.transfers[0].file.duration.count(), 22, 0.1);
 }
 
 TEST_F(ReceiverApproval, AYesForAFewBytesDeliversNothingLargerThatIsHereAlready) {
     constexpr std::size_t size = 2 << 20;
     world.files.put(folder / "a.txt.partial", std::string(size, 'x'));
-    const PartialMeta meta{TransferId("ID of a.txt"), size, 1, world.phoneKey.publicKey().peerKey()};
+    const PartialMeta meta{TransferId("ID of a.txt"), size, fromEpochMilliseconds(1),
+                           world.phoneKey.publicKey().peerKey()};
     world.files.put(folder / "a.txt.partial.meta.json", compactJson(meta.toJson()));
     desk.answer("a.txt", true);
     const auto phone = world.phone();
@@ -553,7 +554,7 @@ TEST_F(ReceiverApproval, AnAnswerThatTakesLongHoldsNobodyElseUpAndIsNoSilence) {
     static_cast<void>(world.run(tablet->expect<Row::Resume>()));
     world.send(*tablet, Row::done());
     EXPECT_EQ(world.transfers.size(), 1U);
-    world.pass(120);
+    world.pass(120s);
     EXPECT_THAT(world.failures, IsEmpty());
     desk.answer("slow.txt", true);
     static_cast<void>(world.run(phone->expect<Row::Resume>()));
@@ -565,7 +566,7 @@ TEST_F(ReceiverApproval, IsCancelledSoonWhenThePhoneHangsUp) {
     const auto phone = world.phone();
     offerOnly(*phone, "a.txt");
     phone->close();
-    world.pass(0.5);
+    world.pass(500ms);
     EXPECT_EQ(desk.cancelled, 1);
     EXPECT_EQ(world.failures.size(), 1U);
     desk.answer("a.txt", true);
@@ -580,7 +581,7 @@ TEST_F(ReceiverApproval, IsCancelledSoonWhenAPhoneHangsUpThatHasNotWaited) {
     world.sendData(*phone, "01234"); // which nobody reads
     EXPECT_EQ(desk.cancelled, 0);
     phone->close();
-    world.pass(0.5);
+    world.pass(500ms);
     EXPECT_EQ(desk.cancelled, 1);
     EXPECT_EQ(world.failures.size(), 1U);
 }

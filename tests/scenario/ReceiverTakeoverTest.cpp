@@ -42,7 +42,9 @@ protected:
     void offerOnly(ScriptedPeer& phone, const std::string& id = "ID-1") {
         world.send(phone, Row::fileOffer("a.txt", 10, "text/plain", id));
     }
-    std::int64_t answer(ScriptedPeer& phone) { return world.run(phone.expect<Row::Resume>()).accepted_offset; }
+    std::int64_t answer(ScriptedPeer& phone) {
+        return world.run(phone.expect<Row::Resume>()).accepted_offset.bytesBefore();
+    }
 
     ReceiverWorld world;
 };
@@ -79,7 +81,7 @@ TEST_F(ReceiverTakeover, OnlyAnOfferThatWaitedWhileANewerOneWasTakenIsRefused) {
     int asked = 0;
     world.make().approveOffer = [&](Receiver::Offer) -> Task<bool> {
         const bool isFirst = asked++ == 0;
-        co_await world.clock.sleep(isFirst ? 10 : 0.1);
+        co_await world.clock.sleep(isFirst ? Seconds(10s) : Seconds(100ms));
         co_return true;
     };
     world.start();
@@ -112,7 +114,7 @@ TEST_F(ReceiverTakeover, ASuccessorWaitsUntilItsPredecessorHasWoundDown) {
     const TransferConnectionRef old = stubborn(world.phoneKey, "ID-1", cancelled);
     const auto phone = world.phone();
     offerOnly(*phone);
-    world.pass(5);
+    world.pass(5s);
     EXPECT_TRUE(cancelled);
     EXPECT_FALSE(world.files.exists(folder / "a.txt.partial")) << "it touches nothing before";
     ActiveTransfers::shared().finish(TransferId("ID-1"), old);
@@ -130,7 +132,7 @@ TEST_F(ReceiverTakeover, TheLastOfAChainWaitsForTheFirstThoughTheMiddleOneIsGone
     offerOnly(*last);
     EXPECT_TRUE(world.seesTheEnd(*middle));
     EXPECT_THAT(world.failureTexts(), ElementsAre("wire: taken over by a newer connection"));
-    world.pass(5);
+    world.pass(5s);
     EXPECT_FALSE(world.files.exists(folder / "a.txt.partial"));
     ActiveTransfers::shared().finish(TransferId("ID-1"), old);
     EXPECT_EQ(answer(*last), 0);
@@ -222,7 +224,7 @@ public:
 
 private:
     static constexpr std::size_t contentBytes = 6 << 20;
-    static constexpr double patienceSeconds = 40; // for the answer to an offer: a stuck successor fails the test
+    static constexpr Seconds answerPatience = 40s; // for the answer to an offer: a stuck successor fails the test
 
     Task<> deliver(int rounds) {
         constexpr int patientRounds = 10; // in the end, so that no offer of old is still on its way when it is over
@@ -267,7 +269,7 @@ private:
         allowance_ = std::make_shared<std::size_t>(SIZE_MAX);
         std::unique_ptr<platform::Stream> hanging = std::make_unique<HangingStream>(std::move(stream), allowance_);
         auto wire = std::make_unique<WireConnection>(std::move(hanging), clock_);
-        wire->idleTimeout = patienceSeconds;
+        wire->idleTimeout = answerPatience;
         NoiseHandshake handshake(NoiseRole::initiator, key_.clone(), asBytes(kOrlinthPrologue));
         co_await exchangeAsInitiator(*wire, handshake);
         co_return std::make_unique<ScriptedPeer>(std::move(wire), std::move(handshake).finalize());
@@ -301,7 +303,7 @@ private:
     Task<std::size_t> offerAndWait(ScriptedPeer& phone) {
         co_await phone.send(offer());
         const auto resume = co_await phone.expect<Row::Resume>();
-        const auto offset = static_cast<std::size_t>(resume.accepted_offset);
+        const auto offset = static_cast<std::size_t>(resume.accepted_offset.bytesBefore());
         EXPECT_LE(offset, contentBytes);
         EXPECT_GE(offset, lastOffset_) << "what was kept is lost";
         resumptions_ += offset > lastOffset_ ? 1 : 0;

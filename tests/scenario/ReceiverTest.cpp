@@ -161,7 +161,7 @@ TEST_F(ReceiverTest, SurvivesThatDescriptorsRunOutAndEndsTheOldestStranger) {
     door->push(std::move(later.second));
     world.settle();
     EXPECT_EQ(door->accepts, 2) << "it rests before it tries again";
-    world.pass(1);
+    world.pass(1s);
     EXPECT_EQ(door->accepts, 7);
     EXPECT_TRUE(world.running);
     EXPECT_THAT(world.failureTexts(), ElementsAre("wire: too many connections of strangers"));
@@ -272,7 +272,7 @@ TEST_F(ReceiverTest, KeepsThePartialOfALostConnectionAndResumesIt) {
     world.sendData(*back, "456789");
     world.send(*back, Row::done());
     ASSERT_EQ(world.transfers.size(), 1U);
-    EXPECT_EQ(world.transfers[0].file.resumedFromOffset, 4);
+    EXPECT_EQ(world.transfers[0].file.resumedFromOffset, ByteOffset(4));
     EXPECT_EQ(world.transfers[0].file.bytesReceivedThisSession, 6);
     EXPECT_EQ(world.text(folder / "a.txt"), "0123456789");
 }
@@ -484,7 +484,7 @@ TEST_F(ReceiverTest, StepsAsideAndComesBackManyTimesInAHurry) {
             world.settle();
         }
     }
-    world.pass(1);
+    world.pass(1s);
     EXPECT_EQ(world.companionsRunning, 0);
     EXPECT_TRUE(world.running);
     const auto phone = world.phone();

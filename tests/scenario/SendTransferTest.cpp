@@ -45,7 +45,7 @@ struct Seen {
 Task<> takeFile(World& world, std::int64_t offset, Seen& seen) {
     const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
     seen.offer = co_await phone->expect<Row::FileOffer>();
-    co_await phone->send(Row::resume(seen.offer->transfer_id, offset));
+    co_await phone->send(Row::resume(seen.offer->transfer_id, ByteOffset(offset)));
     seen.data = co_await phone->receiveUntilDone();
     phone->close();
 }
@@ -62,7 +62,7 @@ Task<> answer(World& world, TransportMessage message, Seen& seen) {
 Task<> answerOffset(World& world, std::int64_t offset, Seen& seen) {
     const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
     seen.offer = co_await phone->expect<Row::FileOffer>();
-    co_await phone->send(Row::resume(seen.offer->transfer_id, offset));
+    co_await phone->send(Row::resume(seen.offer->transfer_id, ByteOffset(offset)));
     seen.ended = co_await phone->seesTheEnd();
 }
 
@@ -78,10 +78,10 @@ protected:
                 .journal = journal,
                 .terms = {.peer = world.phoneRecord(),
                           .staticKey = world.computerKey,
-                          .warmConnectTimeout = 5,
-                          .postWakeConnectTimeout = 30,
-                          .postWakeAttemptTimeout = 5,
-                          .postWakeRetryInterval = 1,
+                          .warmConnectTimeout = 5s,
+                          .postWakeConnectTimeout = 30s,
+                          .postWakeAttemptTimeout = 5s,
+                          .postWakeRetryInterval = 1s,
                           .progress = &recorder}};
     }
     Task<SentFile> send() { return sendOneFile(world.system, request()); }
@@ -111,7 +111,7 @@ TEST_F(SendTransfer, DeliversTheFileAndForgetsItsJournalEntry) {
     EXPECT_EQ(result.savedPath, "/home/ann/a.txt");
     EXPECT_EQ(result.bytesSent, 10);
     EXPECT_EQ(result.advertisedSize, 10);
-    EXPECT_EQ(result.resumedFromOffset, 0);
+    EXPECT_EQ(result.resumedFromOffset, ByteOffset());
     EXPECT_TRUE(journal.snapshotEntries().empty());
     EXPECT_THAT(recorder.lines, ElementsAre("file a.txt 10 text/plain", "connected", "handshake", "progress 0/10",
                                             "progress 10/10", "complete 10"));
@@ -124,13 +124,13 @@ TEST_F(SendTransfer, SwitchesKeepAliveOnOnlyIfAskedTo) {
     EXPECT_TRUE(world.network.keepAlives->empty());
 
     SendRequest watched = request();
-    watched.terms.keepAlive = platform::KeepAlive{.idleSeconds = 7, .intervalSeconds = 3, .count = 2};
+    watched.terms.keepAlive = platform::KeepAlive{.idle = 7s, .interval = 3s, .count = 2};
     fakes::runUntilIdle(world.context, world.clock);
     world.alongside(takeFile(world, 0, seen));
     static_cast<void>(world.run(sendOneFile(world.system, std::move(watched))));
     ASSERT_EQ(world.network.keepAlives->size(), 1U);
-    EXPECT_EQ(world.network.keepAlives->front().idleSeconds, 7);
-    EXPECT_EQ(world.network.keepAlives->front().intervalSeconds, 3);
+    EXPECT_EQ(world.network.keepAlives->front().idle, 7s);
+    EXPECT_EQ(world.network.keepAlives->front().interval, 3s);
     EXPECT_EQ(world.network.keepAlives->front().count, 2);
 }
 
@@ -152,7 +152,7 @@ TEST_F(SendTransfer, SendsOnlyWhatThePhoneLacks) {
     const SentFile result = world.run(send());
     EXPECT_EQ(toText(seen.data), "456789");
     EXPECT_EQ(result.bytesSent, 10);
-    EXPECT_EQ(result.resumedFromOffset, 4);
+    EXPECT_EQ(result.resumedFromOffset, ByteOffset(4));
 }
 
 TEST_F(SendTransfer, SendsAnEmptyFileWithoutABinaryFrame) {
@@ -170,7 +170,7 @@ TEST_F(SendTransfer, SendsNothingWhenThePhoneHoldsEverything) {
     const SentFile result = world.run(send());
     EXPECT_TRUE(seen.data.empty());
     EXPECT_EQ(result.bytesSent, 10);
-    EXPECT_EQ(result.resumedFromOffset, 10);
+    EXPECT_EQ(result.resumedFromOffset, ByteOffset(10));
 }
 
 TEST_F(SendTransfer, RefusesAnOffsetBeyondTheFile) {
@@ -188,13 +188,13 @@ TEST_F(SendTransfer, RefusesANegativeOffset) {
 }
 
 TEST_F(SendTransfer, RefusesAResumeWithAnIdThatNobodyHasAndDoesNotRepeatIt) {
-    world.alongside(answer(world, Row::resume(std::string(1'000'000, 'x'), 0), seen));
+    world.alongside(answer(world, Row::resume(std::string(1'000'000, 'x'), ByteOffset()), seen));
     EXPECT_EQ(world.failure<SendError>(send()).description(),
               "malformed Resume: transfer_id of 1000000 bytes, more than 256");
 }
 
 TEST_F(SendTransfer, RefusesAResumeOfAnotherTransfer) {
-    world.alongside(answer(world, Row::resume("OTHER", 0), seen));
+    world.alongside(answer(world, Row::resume("OTHER", ByteOffset()), seen));
     const auto error = world.failure<SendError>(send());
     EXPECT_EQ(error.description(),
               "malformed Resume: transfer_id mismatch (got OTHER, want " + seen.offer->transfer_id + ")");
@@ -307,7 +307,7 @@ TEST_F(SendTransfer, SendsWhatTheFileHasGrownByToo) {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.offer = co_await phone->expect<Row::FileOffer>();
         theWorld.files.put("/home/ann/a.txt", "0123456789ABC");
-        co_await phone->send(Row::resume(what.offer->transfer_id, 0));
+        co_await phone->send(Row::resume(what.offer->transfer_id, ByteOffset()));
         what.data = co_await phone->receiveUntilDone();
         phone->close();
     }(world, seen));
@@ -322,7 +322,7 @@ TEST_F(SendTransfer, ReportsAFileThatVanishedBeforeItWasOpened) {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.offer = co_await phone->expect<Row::FileOffer>();
         theWorld.files.remove("/home/ann/a.txt");
-        co_await phone->send(Row::resume(what.offer->transfer_id, 0));
+        co_await phone->send(Row::resume(what.offer->transfer_id, ByteOffset()));
         what.ended = co_await phone->seesTheEnd();
     }(world, seen));
     EXPECT_EQ(world.failure<SendError>(send()).description(), "file read: No such file or directory");
@@ -364,7 +364,7 @@ TEST_F(SendTransfer, GivesUpAPhoneThatConnectsAndDoesNotProveItsKey) {
         world.network.listen({.port = World::phonePort, .keepAlive = std::nullopt}, world.context.get_executor());
     const auto limited = [this]() -> Task<SendOutcome> {
         SendTerms terms = request().terms;
-        terms.handshakeSeconds = 10;
+        terms.handshakeLimit = 10s;
         PreparedFile file{.path = "/home/ann/a.txt",
                           .file = examineFile(world.files, world.mimeTypes, "/home/ann/a.txt"),
                           .transferId = TransferId("ID")};
@@ -378,14 +378,14 @@ TEST_F(SendTransfer, GivesUpAPhoneThatLetsNothingMove) {
     world.alongside([](World& theWorld) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         const auto offer = co_await phone->expect<Row::FileOffer>();
-        co_await theWorld.clock.sleep(200); // somebody has to say yes
-        co_await phone->send(Row::resume(offer.transfer_id, 0));
-        co_await theWorld.clock.sleep(3600);
+        co_await theWorld.clock.sleep(200s); // somebody has to say yes
+        co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
+        co_await theWorld.clock.sleep(3600s);
     }(world));
     world.files.put("/home/ann/a.txt", std::string(3'000'000, 'x'));
     const auto limited = [this]() -> Task<SendOutcome> {
         SendTerms terms = request().terms;
-        terms.silenceSeconds = 300;
+        terms.silenceLimit = 300s;
         PreparedFile file{.path = "/home/ann/a.txt",
                           .file = examineFile(world.files, world.mimeTypes, "/home/ann/a.txt"),
                           .transferId = TransferId("ID")};
@@ -451,7 +451,7 @@ TEST_F(SendTransfer, PassesAWireErrorInTheDataThroughUnchanged) {
     world.alongside([](World& theWorld, Seen& what) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.offer = co_await phone->expect<Row::FileOffer>();
-        co_await phone->send(Row::resume(what.offer->transfer_id, 0));
+        co_await phone->send(Row::resume(what.offer->transfer_id, ByteOffset()));
         what.ended = false;
         while (!what.ended) {
             what.ended = co_await phone->seesTheEnd();
@@ -475,23 +475,23 @@ TEST_F(SendTransfer, WaitsForTheAnswerAsLongAsAPersonTakes) {
     world.alongside([](World& theWorld, Seen& what) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.offer = co_await phone->expect<Row::FileOffer>();
-        co_await theWorld.clock.sleep(7200);
-        co_await phone->send(Row::resume(what.offer->transfer_id, 0));
+        co_await theWorld.clock.sleep(7200s);
+        co_await phone->send(Row::resume(what.offer->transfer_id, ByteOffset()));
         what.data = co_await phone->receiveUntilDone();
         phone->close();
     }(world, seen));
     const SentFile result = world.run(send());
     EXPECT_EQ(result.bytesSent, 10);
-    EXPECT_LT(result.durationSeconds, 1.0) << "the wait is not part of the transfer";
+    EXPECT_LT(result.duration, 1s) << "the wait is not part of the transfer";
 }
 
 TEST_F(SendTransfer, WaitsASecondAtMostForThePhoneToClose) {
     world.alongside([](World& theWorld, Seen& what) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.offer = co_await phone->expect<Row::FileOffer>();
-        co_await phone->send(Row::resume(what.offer->transfer_id, 0));
+        co_await phone->send(Row::resume(what.offer->transfer_id, ByteOffset()));
         what.data = co_await phone->receiveUntilDone();
-        co_await theWorld.clock.sleep(60);
+        co_await theWorld.clock.sleep(60s);
     }(world, seen));
     const SentFile result = world.run(send());
     EXPECT_EQ(result.bytesSent, 10);
@@ -503,7 +503,7 @@ TEST_F(SendTransfer, CompletesAlthoughThePhoneBreaksOffAfterDone) {
     world.alongside([](World& theWorld, Seen& what) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(theWorld, theWorld.phoneKey);
         what.offer = co_await phone->expect<Row::FileOffer>();
-        co_await phone->send(Row::resume(what.offer->transfer_id, 0));
+        co_await phone->send(Row::resume(what.offer->transfer_id, ByteOffset()));
         what.data = co_await phone->receiveUntilDone();
         co_await phone->send(Row::decline());
         co_await phone->send(Row::decline());
@@ -522,7 +522,7 @@ SendOutcome outcomeWith(World& world, const std::function<Task<>(ScriptedPeer&)>
         const auto offer = co_await phone->expect<Row::FileOffer>();
         EXPECT_EQ(offer.transfer_id, "MY ID");
         EXPECT_EQ(offer.name, "b.txt");
-        co_await phone->send(Row::resume(offer.transfer_id, 4));
+        co_await phone->send(Row::resume(offer.transfer_id, ByteOffset(4)));
         const Bytes data = co_await phone->receiveUntilDone();
         EXPECT_EQ(toText(data), "456789");
         co_await end(*phone);
@@ -533,11 +533,11 @@ SendOutcome outcomeWith(World& world, const std::function<Task<>(ScriptedPeer&)>
     return world.run(sendPrepared(world.system, std::move(file),
                                   {.peer = world.phoneRecord(),
                                    .staticKey = world.computerKey,
-                                   .warmConnectTimeout = 5,
-                                   .postWakeConnectTimeout = 30,
-                                   .postWakeAttemptTimeout = 5,
-                                   .postWakeRetryInterval = 1,
-                                   .farewellSeconds = 60}));
+                                   .warmConnectTimeout = 5s,
+                                   .postWakeConnectTimeout = 30s,
+                                   .postWakeAttemptTimeout = 5s,
+                                   .postWakeRetryInterval = 1s,
+                                   .farewellLimit = 60s}));
 }
 
 TEST_F(SendTransfer, TellsOfAPreparedFileHowThePhoneTookItsLeave) {
@@ -548,7 +548,7 @@ TEST_F(SendTransfer, TellsOfAPreparedFileHowThePhoneTookItsLeave) {
     const SendOutcome outcome = outcomeWith(world, close);
     EXPECT_EQ(outcome.farewell, WireConnection::Farewell::closed);
     EXPECT_EQ(outcome.sent.bytesSent, 10);
-    EXPECT_EQ(outcome.sent.resumedFromOffset, 4);
+    EXPECT_EQ(outcome.sent.resumedFromOffset, ByteOffset(4));
     EXPECT_FALSE(world.files.exists("/home/ann/.local/share/Orlinth/inflight.json"));
 }
 
@@ -560,7 +560,7 @@ TEST_F(SendTransfer, DropsWhatThePhoneSaysBehindTheEndOfAPreparedFile) {
     };
     const SendOutcome outcome = outcomeWith(world, saySomething);
     EXPECT_EQ(outcome.farewell, WireConnection::Farewell::closed) << "what it says behind the end does not count";
-    const auto stay = [this](ScriptedPeer&) -> Task<> { co_await world.clock.sleep(100); };
+    const auto stay = [this](ScriptedPeer&) -> Task<> { co_await world.clock.sleep(100s); };
     EXPECT_EQ(outcomeWith(world, stay).farewell, WireConnection::Farewell::acknowledged);
 }
 
@@ -593,10 +593,10 @@ TEST_F(SendTransfer, StoppedAtAnyWaitClosesTheConnectionAndKeepsTheJournalEntry)
                             .journal = itsJournal,
                             .terms = {.peer = here.phoneRecord(),
                                       .staticKey = here.computerKey,
-                                      .warmConnectTimeout = 0,
-                                      .postWakeConnectTimeout = 0,
-                                      .postWakeAttemptTimeout = 0,
-                                      .postWakeRetryInterval = 0}};
+                                      .warmConnectTimeout = 0s,
+                                      .postWakeConnectTimeout = 0s,
+                                      .postWakeAttemptTimeout = 0s,
+                                      .postWakeRetryInterval = 0s}};
         asio::cancellation_signal stop;
         std::exception_ptr outcome;
         platform::spawn(

@@ -27,7 +27,7 @@ constexpr const char* accountFile = "/home/ann/.local/share/Orlinth/firebase-ser
 Task<> takeFile(World& world, std::string& content) {
     const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
     const auto offer = co_await phone->expect<Row::FileOffer>();
-    co_await phone->send(Row::resume(offer.transfer_id, 0));
+    co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
     const Bytes data = co_await phone->receiveUntilDone();
     content = toText(data);
     phone->close();
@@ -36,8 +36,8 @@ Task<> takeFile(World& world, std::string& content) {
 class Waking : public SendProgress {
 public:
     explicit Waking(platform::Clock& clock) : clock_(clock) {}
-    void onWaking() override { times.push_back(clock_.now().count()); }
-    void onConnected() override { connected = clock_.now().count(); }
+    void onWaking() override { times.push_back(clock_.now().time_since_epoch().count()); }
+    void onConnected() override { connected = clock_.now().time_since_epoch().count(); }
     std::vector<double> times;
     double connected = -1;
 
@@ -59,27 +59,27 @@ protected:
                 .journal = journal,
                 .terms = {.peer = std::move(peer),
                           .staticKey = world.computerKey,
-                          .warmConnectTimeout = 5,
-                          .postWakeConnectTimeout = 30,
-                          .postWakeAttemptTimeout = 4,
-                          .postWakeRetryInterval = 1.5,
+                          .warmConnectTimeout = 5s,
+                          .postWakeConnectTimeout = 30s,
+                          .postWakeAttemptTimeout = 4s,
+                          .postWakeRetryInterval = 1500ms,
                           .progress = &progress}};
     }
     Task<SentFile> send() { return sendOneFile(world.system, request(sleepingPhone())); }
 
     /// The push service accepts, and so many seconds later the phone is awake.
-    void pushWakesThePhoneAfter(double seconds) {
+    void pushWakesThePhoneAfter(Seconds time) {
         world.https.willAnswer(200, tokenReply);
-        world.https.answers.emplace_back([this, seconds](const fakes::FakeHttpsClient::Seen&) {
-            world.alongside(wakeUp(world, seconds, content));
+        world.https.answers.emplace_back([this, time](const fakes::FakeHttpsClient::Seen&) {
+            world.alongside(wakeUp(world, time, content));
             return accepted();
         });
     }
     static Task<platform::HttpResponse> accepted() {
         co_return platform::HttpResponse{.status = 200, .body = toBytes("{}")};
     }
-    static Task<> wakeUp(World& theWorld, double seconds, std::string& to) {
-        co_await theWorld.clock.sleep(seconds);
+    static Task<> wakeUp(World& theWorld, Seconds time, std::string& to) {
+        co_await theWorld.clock.sleep(time);
         theWorld.network.makeAnswer("203.0.113.2");
         co_await takeFile(theWorld, to);
     }
@@ -91,7 +91,8 @@ protected:
 };
 
 TEST_F(Wake, EndsTheProcessForAPauseThatIsNone) {
-    for (const double pause : {-1.0, 1e10, std::numeric_limits<double>::infinity(), std::nan("")}) {
+    for (const Seconds pause :
+         {Seconds(-1), Seconds(1e10), Seconds(std::numeric_limits<double>::infinity()), Seconds(std::nan(""))}) {
         const auto sendWithPause = [this, pause] {
             world.https.willAnswer(200, tokenReply);
             world.https.willAnswer(200, "{}");
@@ -104,7 +105,7 @@ TEST_F(Wake, EndsTheProcessForAPauseThatIsNone) {
 }
 
 TEST_F(Wake, ReachesAPhoneThatRefusesByAPushAndHalfASecond) {
-    pushWakesThePhoneAfter(0.1);
+    pushWakesThePhoneAfter(100ms);
     EXPECT_EQ(world.run(send()).bytesSent, 10);
     EXPECT_EQ(content, "0123456789");
     EXPECT_THAT(progress.times, ElementsAre(0.0));
@@ -113,7 +114,7 @@ TEST_F(Wake, ReachesAPhoneThatRefusesByAPushAndHalfASecond) {
 
 TEST_F(Wake, ReachesAPhoneThatDoesNotAnswerAfterTheWarmDeadline) {
     world.network.makeSilent("203.0.113.2");
-    pushWakesThePhoneAfter(0.1);
+    pushWakesThePhoneAfter(100ms);
     EXPECT_EQ(world.run(send()).bytesSent, 10);
     EXPECT_THAT(progress.times, ElementsAre(5.0));
     EXPECT_DOUBLE_EQ(progress.connected, 5.5);
@@ -121,8 +122,8 @@ TEST_F(Wake, ReachesAPhoneThatDoesNotAnswerAfterTheWarmDeadline) {
 
 TEST_F(Wake, ReachesAPhoneThatCannotBeReachedAfterTheWarmDeadline) {
     // Its radio is off: nobody answers for its address, and Linux gives up asking after three seconds.
-    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3.1);
-    pushWakesThePhoneAfter(4.0);
+    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3100ms);
+    pushWakesThePhoneAfter(4s);
     EXPECT_EQ(world.run(send()).bytesSent, 10);
     EXPECT_THAT(progress.times, ElementsAre(5.0));
     // The phone is there at 9; the try that began at 5.5 fails at 8.6, and the next one is that of 9.1.
@@ -131,7 +132,7 @@ TEST_F(Wake, ReachesAPhoneThatCannotBeReachedAfterTheWarmDeadline) {
 
 TEST_F(Wake, ReachesAPhoneWhoseNameDoesNotResolveWhileItSleeps) {
     world.network.makeFail("203.0.113.2", asio::error::host_not_found, world.clock);
-    pushWakesThePhoneAfter(0.1);
+    pushWakesThePhoneAfter(100ms);
     EXPECT_EQ(world.run(send()).bytesSent, 10);
     EXPECT_THAT(progress.times, ElementsAre(5.0));
     EXPECT_DOUBLE_EQ(progress.connected, 5.5);
@@ -151,7 +152,7 @@ TEST_F(Wake, ReachesAPhoneWhateverLanguageTheSystemSpeaks) {
     static const German german;
     for (const int number : {ECONNREFUSED, ETIMEDOUT}) {
         world.network.makeFail("203.0.113.2", std::error_code(number, german), world.clock);
-        pushWakesThePhoneAfter(0.1);
+        pushWakesThePhoneAfter(100ms);
         EXPECT_EQ(world.run(send()).bytesSent, 10);
         fakes::runUntilIdle(world.context, world.clock);
     }
@@ -159,7 +160,7 @@ TEST_F(Wake, ReachesAPhoneWhateverLanguageTheSystemSpeaks) {
 }
 
 TEST_F(Wake, TriesAgainWithPausesUntilThePhoneIsUp) {
-    pushWakesThePhoneAfter(4.0);
+    pushWakesThePhoneAfter(4s);
     EXPECT_EQ(world.run(send()).bytesSent, 10);
     // Refused at 0; after the push attempts at 0.5, 2.0, 3.5 are refused, the one at 5.0 succeeds.
     EXPECT_DOUBLE_EQ(progress.connected, 5.0);
@@ -181,7 +182,7 @@ TEST_F(Wake, MakesNoAttemptInAWindowOfZero) {
     world.https.willAnswer(200, tokenReply);
     world.https.willAnswer(200, "{}");
     SendRequest noWindow = request(sleepingPhone());
-    noWindow.terms.postWakeConnectTimeout = 0;
+    noWindow.terms.postWakeConnectTimeout = 0s;
     EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(noWindow))).description(),
               "network: connect timed out after wake");
     EXPECT_EQ(world.network.attempts.size(), 1U);
@@ -203,9 +204,9 @@ TEST_F(Wake, IsNotTriedForOtherFailuresOfTheNetwork) {
 }
 
 TEST_F(Wake, IsNotTriedForAPhoneThatCannotBeReachedIfTheFirstAttemptHasNoDeadline) {
-    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3.1);
+    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3100ms);
     SendRequest patient = request(sleepingPhone());
-    patient.terms.warmConnectTimeout = 0;
+    patient.terms.warmConnectTimeout = 0s;
     EXPECT_EQ(world.failure<SendError>(sendOneFile(world.system, std::move(patient))).description(),
               "network: No route to host");
     EXPECT_TRUE(world.https.requests.empty());
@@ -238,7 +239,7 @@ TEST_F(Wake, StoppedWhileItTriesAgainEndsAtOnceAndDoesNotSpin) {
     world.network.makeSilent("203.0.113.2");
     world.https.willAnswer(200, tokenReply);
     world.https.willAnswer(200, "{}");
-    for (const double when : {1.0, 5.2, 7.0, 10.0}) {
+    for (const Seconds when : {Seconds(1), Seconds(5.2), Seconds(7), Seconds(10)}) {
         const std::size_t attemptsBefore = world.network.attempts.size();
         const double start = world.clock.elapsed();
         world.https.answers.clear();
@@ -254,10 +255,10 @@ TEST_F(Wake, StoppedWhileItTriesAgainEndsAtOnceAndDoesNotSpin) {
         stop.emit(asio::cancellation_type::terminal);
         world.context.restart();
         world.context.poll();
-        ASSERT_TRUE(outcome) << "at " << when;
+        ASSERT_TRUE(outcome) << "at " << when.count();
         fakes::expectCancellation(outcome);
         EXPECT_LE(world.network.attempts.size() - attemptsBefore, 3U);
-        EXPECT_DOUBLE_EQ(world.clock.elapsed() - start, when);
+        EXPECT_DOUBLE_EQ(world.clock.elapsed() - start, when.count());
     }
 }
 
@@ -286,8 +287,8 @@ protected:
     OneOffRequest oneOff(PeerRecord peer) {
         return {.peer = std::move(peer),
                 .staticKey = world.computerKey,
-                .warmConnectTimeout = 5,
-                .postWakeConnectTimeout = 8};
+                .warmConnectTimeout = 5s,
+                .postWakeConnectTimeout = 8s};
     }
     Task<OneOffEnd> clip(const std::string& text = "hello") {
         return sendClipboard(world.system, text, "text/plain", oneOff(sleepingPhone()));
@@ -320,12 +321,12 @@ TEST_F(OneOff, SwitchesKeepAliveOnOnlyIfAskedTo) {
     EXPECT_TRUE(world.network.keepAlives->empty());
 
     OneOffRequest watched = oneOff(sleepingPhone());
-    watched.keepAlive = platform::KeepAlive{.idleSeconds = 7, .intervalSeconds = 3, .count = 2};
+    watched.keepAlive = platform::KeepAlive{.idle = 7s, .interval = 3s, .count = 2};
     fakes::runUntilIdle(world.context, world.clock);
     world.alongside(takeMessage(world, seen));
     EXPECT_EQ(outcome(sendClipboard(world.system, "hello", "text/plain", std::move(watched))), "");
     ASSERT_EQ(world.network.keepAlives->size(), 1U);
-    EXPECT_EQ(world.network.keepAlives->front().idleSeconds, 7);
+    EXPECT_EQ(world.network.keepAlives->front().idle, 7s);
 }
 
 TEST_F(OneOff, ReportsThatThePhoneRemovedThisComputer) {
@@ -408,7 +409,7 @@ TEST_F(OneOff, ReachesAPhoneWhosePortOpensSomeTimeAfterTheWake) {
     world.https.willAnswer(200, tokenReply);
     world.https.answers.emplace_back([this](const fakes::FakeHttpsClient::Seen&) {
         world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
-            co_await theWorld.clock.sleep(4);
+            co_await theWorld.clock.sleep(4s);
             co_await takeMessage(theWorld, what);
         }(world, seen));
         return accepted();
@@ -419,11 +420,11 @@ TEST_F(OneOff, ReachesAPhoneWhosePortOpensSomeTimeAfterTheWake) {
 }
 
 TEST_F(OneOff, ReachesAPhoneThatAppearsSomeTimeAfterTheWake) {
-    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3.1);
+    world.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world.clock, 3100ms);
     world.https.willAnswer(200, tokenReply);
     world.https.answers.emplace_back([this](const fakes::FakeHttpsClient::Seen&) {
         world.alongside([](World& theWorld, OneOffSeen& what) -> Task<> {
-            co_await theWorld.clock.sleep(4);
+            co_await theWorld.clock.sleep(4s);
             theWorld.network.makeAnswer("203.0.113.2");
             co_await takeMessage(theWorld, what);
         }(world, seen));
@@ -439,7 +440,7 @@ TEST_F(OneOff, TriesOnceAfterAWakeIfThatHasNoDeadline) {
     world.https.willAnswer(200, tokenReply);
     world.https.willAnswer(200, "{}");
     OneOffRequest once = oneOff(sleepingPhone());
-    once.postWakeConnectTimeout = 0;
+    once.postWakeConnectTimeout = 0s;
     EXPECT_EQ(outcome(sendClipboard(world.system, "hello", "text/plain", std::move(once))),
               "network: Connection refused");
     EXPECT_EQ(world.network.attempts.size(), 2U);
@@ -484,7 +485,7 @@ Task<> holdAConnection(World& world) {
 TEST_F(OneOff, GivesAPhoneThatConnectsAndSaysNothingItsTimeForTheHandshake) {
     world.alongside(holdAConnection(world));
     OneOffRequest limited = oneOff(sleepingPhone());
-    limited.handshakeSeconds = 10;
+    limited.handshakeLimit = 10s;
     EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", std::move(limited))),
               "noise handshake: timed out after 10 seconds");
     EXPECT_DOUBLE_EQ(world.clock.elapsed(), 10);
@@ -497,7 +498,7 @@ TEST_F(OneOff, TakesSilenceBehindTheMessageForADelivery) {
         what.ended = co_await phone->seesTheEnd();
     }(world, seen));
     OneOffRequest limited = oneOff(sleepingPhone());
-    limited.answerSeconds = 7;
+    limited.answerLimit = 7s;
     EXPECT_EQ(outcome(sendClipboard(world.system, "x", "text/plain", std::move(limited))), "");
     EXPECT_EQ(end, OneOffEnd::silent);
     EXPECT_DOUBLE_EQ(world.clock.elapsed(), 7);
@@ -555,7 +556,7 @@ TEST_F(OneOff, WaitsForASilentPhoneUntilItIsStopped) {
     const auto send = [](Task<OneOffEnd> task) -> Task<> { static_cast<void>(co_await std::move(task)); };
     platform::spawn(world.context.get_executor(), send(clip()), stop.slot(),
                     [&](std::exception_ptr error) { outcomeError = std::move(error); });
-    world.run(world.clock.sleep(3600));
+    world.run(world.clock.sleep(3600s));
     EXPECT_FALSE(outcomeError);
     EXPECT_TRUE(seen.clipboard);
     stop.emit(asio::cancellation_type::terminal);

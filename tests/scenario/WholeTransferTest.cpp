@@ -29,10 +29,10 @@ protected:
                 .journal = journal,
                 .terms = {.peer = peer,
                           .staticKey = sender.computerKey,
-                          .warmConnectTimeout = 5,
-                          .postWakeConnectTimeout = 0,
-                          .postWakeAttemptTimeout = 0,
-                          .postWakeRetryInterval = 0}};
+                          .warmConnectTimeout = 5s,
+                          .postWakeConnectTimeout = 0s,
+                          .postWakeAttemptTimeout = 0s,
+                          .postWakeRetryInterval = 0s}};
     }
 
     /// The receiving computer plays the phone's part of the sender's world, with a disk of its own.
@@ -122,7 +122,7 @@ TEST_F(WholeTransfer, CutAnywhereItResumesAndArrivesByteForByte) {
         ASSERT_TRUE(second.sent && second.received) << "round " << round << ", cut at " << cut;
         EXPECT_TRUE(arrivedAt(second.received->savedAt)) << "round " << round << ", cut at " << cut;
         EXPECT_TRUE(journal.snapshotEntries().empty());
-        resumed += second.sent->resumedFromOffset > 0 ? 1 : 0;
+        resumed += second.sent->resumedFromOffset > ByteOffset() ? 1 : 0;
         clearInbox(!first.sent || first.received);
     }
     EXPECT_GT(resumed, 10) << "too few rounds were cut in the middle";

@@ -121,10 +121,10 @@ Task<PairJoinResult> introduce(platform::System& system, PairJoinRequest request
 
 Task<PairJoinResult> introduceInTime(platform::System& system, PairJoinRequest request, Executor queue) {
     OneShot<PairJoinResult> outcome;
-    const double seconds = request.timeout;
+    const Seconds timeout = request.timeout;
     const auto timedOut = std::make_exception_ptr(PairJoinError::timedOut());
     Task<PairJoinResult> exchange = introduce(system, std::move(request), std::move(queue));
-    co_await platform::settleFirst(outcome, system.clock, seconds, timedOut, std::move(exchange));
+    co_await platform::settleFirst(outcome, system.clock, timeout, timedOut, std::move(exchange));
     co_return outcome.take();
 }
 

@@ -38,7 +38,7 @@ struct PairJoinRequest {
     PairingPayload payload;
     platform::PublicKey ownKey;
     std::uint16_t receivePort; ///< where this machine receives
-    double timeout;            ///< seconds for the whole exchange
+    Seconds timeout;           ///< for the whole exchange
 };
 
 struct PairJoinResult {

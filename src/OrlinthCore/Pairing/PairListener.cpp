@@ -18,7 +18,7 @@ namespace orlinth {
 namespace {
 
 /// What a deadline of no time at all is given, where zero would mean that there is none.
-constexpr double shortestTimeout = 1e-6;
+constexpr Seconds shortestTimeout = 1us;
 
 std::unique_ptr<platform::Listener> openListener(platform::Network& network, std::uint16_t port,
                                                  const Executor& queue) {
@@ -76,19 +76,19 @@ Task<Bytes> readSealedIntroduction(platform::Stream& connection) {
 
 /// One attempt. Everything below the constructor's arguments is touched on `queue` only.
 struct PairListener::Attempt {
-    Attempt(platform::System& owner, const SecretBytes& pairingSecret, std::uint16_t number, double seconds,
+    Attempt(platform::System& owner, const SecretBytes& pairingSecret, std::uint16_t number, Seconds limit,
             std::unique_ptr<platform::Listener> open)
         : system(owner),
           port(number),
           key(PairCrypto::deriveAEADKey(pairingSecret.reveal())),
-          timeout(seconds),
+          timeout(limit),
           queue(owner.queues.makeSerialQueue("orlinth.pair-listener")),
           listener(std::move(open)) {}
 
     platform::System& system;
     std::uint16_t port;
     SecretBytes key; ///< wiped as soon as the attempt has ended
-    double timeout;
+    Seconds timeout;
     Executor queue;
     std::unique_ptr<platform::Listener> listener; ///< while the port is open, or handed over and not yet used
     std::unique_ptr<platform::Stream> connection; ///< while the phone is being read
@@ -149,11 +149,11 @@ Task<PairListener::Result> PairListener::Attempt::run(std::shared_ptr<Attempt> a
     }
     OneShot<Result>& outcome = attempt->outcome.emplace();
     const auto timedOut = std::make_exception_ptr(Error::timedOut());
-    const double seconds = std::max(attempt->timeout, shortestTimeout);
+    const Seconds timeout = std::max(attempt->timeout, shortestTimeout);
     Task<Result> introduction = receive(attempt);
     std::exception_ptr escaped;
     try {
-        co_await platform::settleFirst(outcome, attempt->system.clock, seconds, timedOut, std::move(introduction));
+        co_await platform::settleFirst(outcome, attempt->system.clock, timeout, timedOut, std::move(introduction));
     } catch (...) {
         escaped = std::current_exception();
     }
@@ -165,7 +165,7 @@ Task<PairListener::Result> PairListener::Attempt::run(std::shared_ptr<Attempt> a
 }
 
 PairListener::PairListener(platform::System& system, const SecretBytes& pairingSecret, std::uint16_t port,
-                           double timeout, std::unique_ptr<platform::Listener> listener)
+                           Seconds timeout, std::unique_ptr<platform::Listener> listener)
     : attempt_(std::make_shared<Attempt>(system, pairingSecret, port, timeout, std::move(listener))) {}
 
 Task<PairListener::Result> PairListener::awaitIntroduction() {

@@ -27,9 +27,9 @@ public:
         std::string remoteEndpoint;       ///< "192.168.1.7:40112"
     };
 
-    /// Derives the key; opens nothing. `system` outlives the attempt. `timeout` in seconds: how long pair mode lasts.
+    /// Derives the key; opens nothing. `system` outlives the attempt. `timeout`: how long pair mode lasts.
     /// A `listener` that is open already is used in place of `port`, for a caller who must know a free port before.
-    PairListener(platform::System& system, const SecretBytes& pairingSecret, std::uint16_t port, double timeout,
+    PairListener(platform::System& system, const SecretBytes& pairingSecret, std::uint16_t port, Seconds timeout,
                  std::unique_ptr<platform::Listener> listener = nullptr);
 
     /// The attempt, from opening the port to its end. The accepted connection is closed with it, however it ends;

@@ -11,7 +11,7 @@ namespace orlinth {
 namespace {
 
 /// Long enough for every computer of the network to have answered.
-constexpr double secondsOfOneLook = 3;
+constexpr Seconds oneLook = 3s;
 
 /// The value of a key; empty if the service does not have it.
 std::string valueOf(const platform::ServiceRecord& service, std::string_view key) {
@@ -22,7 +22,7 @@ std::string valueOf(const platform::ServiceRecord& service, std::string_view key
 
 Task<std::vector<platform::ServiceRecord>> look(platform::ServiceDiscovery& services) {
     try {
-        co_return co_await services.find(PairCode::serviceType, secondsOfOneLook);
+        co_return co_await services.find(PairCode::serviceType, oneLook);
     } catch (const platform::SystemError& error) {
         throw PairSearchError::unavailable(platform::textOfFailure(error));
     }
@@ -58,8 +58,8 @@ std::optional<PairingPayload> payloadOfService(const platform::ServiceRecord& se
 }
 
 Task<PairingPayload> findPairingComputer(platform::ServiceDiscovery& services, platform::Clock& clock, std::string code,
-                                         double timeout) {
-    const platform::Clock::Instant deadline = clock.now() + platform::Clock::Instant(timeout);
+                                         Seconds timeout) {
+    const platform::Clock::Instant deadline = clock.now() + timeout;
     for (;;) {
         std::vector<platform::ServiceRecord> seen = co_await look(services);
         std::vector<PairingPayload> found = matches(seen, code);

@@ -31,10 +31,10 @@ private:
 [[nodiscard]] std::optional<PairingPayload> payloadOfService(const platform::ServiceRecord& service,
                                                              std::string_view code);
 
-/// Looks on the network for the one computer that is in pair mode with this code, again and again for `timeout`
-/// seconds. Each look lasts a few seconds, so that a second computer with the same code is seen too.
+/// Looks on the network for the one computer that is in pair mode with this code, again and again for `timeout`.
+/// Each look lasts a few seconds, so that a second computer with the same code is seen too.
 /// `services` and `clock` outlive the task. @throws PairSearchError; Cancelled
 [[nodiscard]] Task<PairingPayload> findPairingComputer(platform::ServiceDiscovery& services, platform::Clock& clock,
-                                                       std::string code, double timeout);
+                                                       std::string code, Seconds timeout);
 
 } // namespace orlinth

@@ -65,7 +65,7 @@ Json PeerRecord::toJson() const {
         {"peer_subnet", peer_subnet},
         {"peer_hostname", peer_hostname},
         {"peer_mac", peer_mac},
-        {"paired_at_epoch_ms", paired_at_epoch_ms},
+        {"paired_at_epoch_ms", toNumber(paired_at_epoch_ms)},
         {"self_pubkey", self_pubkey},
         {"peer_fcm_token", peer_fcm_token},
         {"peer_android", peer_android},
@@ -80,7 +80,7 @@ PeerRecord PeerRecord::fromJson(const Json& json) {
     record.peer_subnet = requireString(json, "peer_subnet");
     record.peer_hostname = requireString(json, "peer_hostname");
     record.peer_mac = requireString(json, "peer_mac");
-    record.paired_at_epoch_ms = requireInt64(json, "paired_at_epoch_ms");
+    record.paired_at_epoch_ms = fromEpochMilliseconds(requireInt64(json, "paired_at_epoch_ms"));
     record.self_pubkey = PeerKey(optionalString(json, "self_pubkey").value_or(""));
     record.peer_fcm_token = optionalString(json, "peer_fcm_token").value_or("");
     record.peer_android = optionalString(json, "peer_android").value_or("");

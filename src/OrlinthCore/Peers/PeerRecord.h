@@ -3,6 +3,7 @@
 #include "base/CaseError.h"
 #include "base/Json.h"
 #include "base/StrongText.h"
+#include "base/Time.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
 #include "platform/WholeFile.h"
@@ -22,7 +23,7 @@ struct PeerRecord {
     std::string peer_subnet;    ///< subnet of the network at pairing time
     std::string peer_hostname;  ///< the phone's name, which selectors match
     std::string peer_mac;       ///< hardware address
-    std::int64_t paired_at_epoch_ms = 0;
+    EpochMilliseconds paired_at_epoch_ms{};
     PeerKey self_pubkey;        ///< this computer's key that was paired; "" if unknown
     std::string peer_fcm_token; ///< push token; "" if none
     std::string peer_android;   ///< the phone's Android identifier; "" if unknown

@@ -84,9 +84,9 @@ bool isTakenWithPartial(const Folder& folder, const FileName& name) {
     return isTaken(folder, name) || isTaken(folder, CollisionResolver::partialOf(name));
 }
 
-/// How much an earlier attempt of this very transfer left; nothing if the partial file is somebody else's.
-std::optional<std::int64_t> resumeOffset(Folder& folder, const FileName& partial,
-                                         const CollisionResolver::Transfer& transfer) {
+/// The end of what an earlier attempt of this very transfer left; nothing if the partial file is somebody else's.
+std::optional<ByteOffset> resumeOffset(Folder& folder, const FileName& partial,
+                                       const CollisionResolver::Transfer& transfer) {
     const std::optional<PartialMeta> meta = PartialMetaIO::load(folder, partial);
     if (!meta || !meta->mayBeContinuedBy(transfer.id, transfer.peerKey)) {
         return std::nullopt;
@@ -96,9 +96,9 @@ std::optional<std::int64_t> resumeOffset(Folder& folder, const FileName& partial
         if (status && !CollisionResolver::isOwnRegularFile(folder, *status)) {
             return std::nullopt;
         }
-        return status ? status->size : 0;
+        return ByteOffset(status ? status->size : 0);
     } catch (const std::exception&) {
-        return 0;
+        return ByteOffset();
     }
 }
 
@@ -138,15 +138,15 @@ CollisionResolver::Target CollisionResolver::resolveTarget(Folder& folder, const
             continue;
         }
         if (!isTaken(folder, partial)) {
-            return {std::move(final), std::move(partial), 0};
+            return {std::move(final), std::move(partial), ByteOffset()};
         }
-        if (const std::optional<std::int64_t> offset = resumeOffset(folder, partial, transfer)) {
+        if (const std::optional<ByteOffset> offset = resumeOffset(folder, partial, transfer)) {
             return {std::move(final), std::move(partial), *offset, true};
         }
     }
     FileName final = name.unique();
     FileName partial = partialOf(final);
-    return {std::move(final), std::move(partial), 0};
+    return {std::move(final), std::move(partial), ByteOffset()};
 }
 
 FileName CollisionResolver::resolveFinalName(Folder& folder, const std::string& baseName) {

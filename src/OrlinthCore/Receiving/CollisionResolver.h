@@ -25,8 +25,8 @@ struct CollisionResolver {
     struct Target {
         platform::FileName final;
         platform::FileName partial;
-        std::int64_t resumeOffset = 0; ///< bytes that an earlier attempt of the same transfer left; 0 for a fresh one
-        bool isContinued = false;      ///< an earlier attempt has left something, be it nothing but the name
+        ByteOffset resumeOffset;  ///< the end of what an earlier attempt of the same transfer left, if any
+        bool isContinued = false; ///< an earlier attempt has left something, be it nothing but the name
     };
     /// Who sends what.
     struct Transfer {

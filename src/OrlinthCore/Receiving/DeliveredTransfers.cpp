@@ -33,10 +33,10 @@ std::uint64_t requireUnsigned(const Json& object, const char* key) {
 }
 
 Json jsonOf(const DeliveredTransfers::Delivery& delivery) {
-    return {{"at_epoch_ms", delivery.at_epoch_ms},
+    return {{"at_epoch_ms", toNumber(delivery.at_epoch_ms)},
             {"device", delivery.device},
             {"inode", delivery.inode},
-            {"modified_ns", delivery.modified_ns},
+            {"modified_ns", toNumber(delivery.modified_ns)},
             {"path", delivery.path.native()},
             {"phone", delivery.peerKey.text()},
             {"settled", delivery.isSettled},
@@ -52,8 +52,8 @@ DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
                                           .device = requireUnsigned(json, "device"),
                                           .inode = requireUnsigned(json, "inode"),
                                           .size = requireInt64(json, "size"),
-                                          .modified_ns = requireInt64(json, "modified_ns"),
-                                          .at_epoch_ms = requireInt64(json, "at_epoch_ms")};
+                                          .modified_ns = fromEpochNanoseconds(requireInt64(json, "modified_ns")),
+                                          .at_epoch_ms = fromEpochMilliseconds(requireInt64(json, "at_epoch_ms"))};
     const auto settled = json.find("settled");
     delivery.isSettled = settled != json.end() && settled->is_boolean() && settled->get<bool>();
     const bool isPlausible = delivery.path.is_absolute() && delivery.path.has_filename() &&
@@ -71,7 +71,7 @@ DeliveredTransfers::Delivery deliveryFrom(const Json& json) {
 /// mount.
 bool isUnchanged(const DeliveredTransfers::Delivery& delivery, const platform::FileStatus& file) {
     return file.kind == platform::FileKind::regular && file.inode == delivery.inode && file.size == delivery.size &&
-           file.modifiedNanoseconds == delivery.modified_ns;
+           file.modifiedAt == delivery.modified_ns;
 }
 
 } // namespace
@@ -116,9 +116,9 @@ std::vector<DeliveredTransfers::Delivery> DeliveredTransfers::List::all() const 
     return deliveries;
 }
 
-void DeliveredTransfers::List::forgetOlderThan(std::int64_t epochMilliseconds) {
+void DeliveredTransfers::List::forgetOlderThan(EpochMilliseconds moment) {
     std::erase_if(entries_, [&](const auto& entry) {
-        const bool isOld = entry.second.delivery.at_epoch_ms < epochMilliseconds;
+        const bool isOld = entry.second.delivery.at_epoch_ms < moment;
         if (isOld) {
             order_.erase(entry.second.number);
         }
@@ -206,13 +206,13 @@ void DeliveredTransfers::catchUp() {
         return;
     }
     Bytes content(static_cast<std::size_t>(size - taken_));
-    log_->seek(taken_);
+    log_->seek(ByteOffset(taken_));
     const std::size_t count = log_->read(content);
     taken_ += static_cast<std::int64_t>(takeLines(ByteView(content).first(count)));
 }
 
 void DeliveredTransfers::writeAnew() {
-    list_.forgetOlderThan(storage_.clock.epochMilliseconds() - maxAgeMilliseconds);
+    list_.forgetOlderThan(storage_.clock.epochMilliseconds() - maxAge);
     std::vector<std::string> lines;
     std::size_t size = 0;
     const std::vector<Delivery> deliveries = list_.all();
@@ -247,7 +247,7 @@ void DeliveredTransfers::append(const Delivery& delivery) {
     const std::int64_t size = log_->status().size;
     const bool isTorn = size > taken_; // by a kill in the middle of a line, which ends here
     const std::string line = (isTorn ? "\n" : "") + encode(delivery);
-    log_->seek(size);
+    log_->seek(ByteOffset(size));
     log_->write(asBytes(line));
     taken_ = size + static_cast<std::int64_t>(line.size());
     list_.put(delivery);
@@ -302,7 +302,7 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const
         lock_.assertHeld();
         catchUp();
         const Delivery* const delivery = list_.find({peerKey, transferId});
-        if (delivery != nullptr && delivery->at_epoch_ms >= storage_.clock.epochMilliseconds() - maxAgeMilliseconds) {
+        if (delivery != nullptr && delivery->at_epoch_ms >= storage_.clock.epochMilliseconds() - maxAge) {
             known = *delivery;
         }
     });
@@ -340,7 +340,7 @@ void DeliveredTransfers::intend(const PeerKey& peerKey, const TransferId& transf
                 .device = file.device,
                 .inode = file.inode,
                 .size = file.size,
-                .modified_ns = file.modifiedNanoseconds,
+                .modified_ns = file.modifiedAt,
                 .at_epoch_ms = storage_.clock.epochMilliseconds()});
     });
 }

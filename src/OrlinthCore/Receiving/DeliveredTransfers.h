@@ -41,7 +41,7 @@ public:
     /// once, and about 2 MiB of memory.
     static constexpr std::size_t maxEntries = 4096;
     /// How long: a phone that was away for its owner's holidays may come back with what it has not seen the end of.
-    static constexpr std::int64_t maxAgeMilliseconds = std::int64_t{30} * 24 * 3600 * 1000;
+    static constexpr std::chrono::days maxAge{30};
     /// Longest id that is remembered, bytes: every one that is taken.
     static constexpr std::size_t maxIdBytes = TransportMessage::maxTransferIdBytes;
     /// Longest line that is read: a path of PATH_MAX bytes, each escaped, and the rest.
@@ -58,9 +58,9 @@ public:
         platform::Path path;      ///< the final name, absolute
         std::uint64_t device = 0; ///< for people to read; it may change with a reboot
         std::uint64_t inode = 0;
-        std::int64_t size = 0;        ///< bytes
-        std::int64_t modified_ns = 0; ///< since the Unix epoch
-        std::int64_t at_epoch_ms = 0;
+        std::int64_t size = 0; ///< bytes
+        EpochNanoseconds modified_ns{};
+        EpochMilliseconds at_epoch_ms{};
         bool isSettled = false; ///< false: it was about to be moved, and nobody has been told of it yet
 
         bool operator==(const Delivery&) const = default;
@@ -104,7 +104,7 @@ private:
         /// Takes in a line; nothing if it says nothing.
         void take(ByteView line);
         [[nodiscard]] std::vector<Delivery> all() const;
-        void forgetOlderThan(std::int64_t epochMilliseconds);
+        void forgetOlderThan(EpochMilliseconds moment);
         void clear();
 
     private:

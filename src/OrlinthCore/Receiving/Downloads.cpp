@@ -11,9 +11,9 @@
 namespace orlinth {
 namespace {
 
-/// How long a phone with too many partial files is believed to have them still, seconds; else each of its offers would
+/// How long a phone with too many partial files is believed to have them still; else each of its offers would
 /// have all of them read.
-constexpr double censusSeconds = 10;
+constexpr Seconds censusLife = 10s;
 
 /// Bytes that the offer promises beyond those that are here.
 std::int64_t toCome(const TransportMessage::FileOffer& offer, std::int64_t here) {
@@ -89,7 +89,7 @@ std::optional<DownloadRefusal> Downloads::refusalIn(platform::Folder& folder,
             const auto fits = [&](std::int64_t bytes) {
                 return bytes <= 0 || (room >= limits_.keepFreeBytes && bytes <= room - limits_.keepFreeBytes);
             };
-            if (!fits(offer.size) && !fits(toCome(offer, continued().resumeOffset))) {
+            if (!fits(offer.size) && !fits(toCome(offer, continued().resumeOffset.bytesBefore()))) {
                 return DownloadRefusal{Reason::noRoom, limits_.keepFreeBytes};
             }
         }
@@ -113,7 +113,7 @@ bool Downloads::hasTooManyPartials(platform::Folder& folder, const PeerKey& peer
         const auto found = census_->partials.find(peerKey);
         return found != census_->partials.end() && found->second >= DownloadLimits::maxPartials;
     };
-    if (isTooMany() && (storage_.clock.now() - census_->takenAt).count() >= censusSeconds) {
+    if (isTooMany() && storage_.clock.now() - census_->takenAt >= censusLife) {
         takeCensus(folder); // somebody may have removed some
     }
     return isTooMany();

@@ -119,7 +119,7 @@ Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {
     bool isLocked = false;
     try {
         lock = openLock(folder);
-        isLocked = co_await platform::lockWithin(storage_, *lock, lockFile(folder), patienceSeconds);
+        isLocked = co_await platform::lockWithin(storage_, *lock, lockFile(folder), patience);
     } catch (const platform::SystemError& error) {
         isLocked = lock && meansNoLocks(error.code());
         if (!isLocked) {

@@ -30,8 +30,8 @@ private:
 /// Threading: any thread; take() on the caller's executor. Must outlive the turns and whoever waits for one.
 class FolderTurns {
 public:
-    /// How long other processes are waited for, seconds. They hold it for milliseconds.
-    static constexpr double patienceSeconds = 5;
+    /// How long other processes are waited for. They hold it for milliseconds.
+    static constexpr Seconds patience = 5s;
 
     explicit FolderTurns(platform::Storage storage);
     FolderTurns(const FolderTurns&) = delete;

@@ -19,7 +19,7 @@ constexpr int maxChoices = 64;
 /// Where there is no target yet.
 CollisionResolver::Target noTarget() {
     const platform::FileName none("none");
-    return {none, none, 0};
+    return {none, none, ByteOffset()};
 }
 
 /// Runs a step on the disk; a failure becomes fileWriteFailed with the system's words behind `what`.
@@ -76,8 +76,8 @@ std::unique_ptr<platform::File> openPartial(platform::Folder& folder, CollisionR
     if (!isTheOne || (!isNew && !CollisionResolver::isOwnRegularFile(folder, opened))) {
         return nullptr;
     }
-    if (target.resumeOffset > 0) {
-        target.resumeOffset = opened.size;
+    if (target.resumeOffset > ByteOffset()) {
+        target.resumeOffset = ByteOffset(opened.size);
     }
     setPermissions(*file, partialPermissions);
     return file;
@@ -135,7 +135,7 @@ void IncomingFile::open() {
     if (!partial_) {
         throw platform::SystemError::fromErrno(EEXIST);
     }
-    bytesWritten_ = target_.resumeOffset;
+    bytesWritten_ = target_.resumeOffset.bytesBefore();
     writtenBack_ = target_.resumeOffset;
     try {
         writing("", [&] { partial_->seek(target_.resumeOffset); });
@@ -155,7 +155,7 @@ bool IncomingFile::acknowledgeIfDelivered() {
     delivered_ = found;
     folder_ = std::move(folder);
     const platform::FileName final(found->path.filename().native());
-    target_ = {final, CollisionResolver::partialOf(final), found->size};
+    target_ = {final, CollisionResolver::partialOf(final), ByteOffset(found->size)};
     bytesWritten_ = found->size;
     return true;
 }
@@ -221,16 +221,17 @@ void IncomingFile::append(ByteView data) {
         share_->took(count);
     }
     bytesThisSession_ += count;
-    if (bytesWritten_ - writtenBack_ >= writebackStep) {
+    const ByteOffset end(bytesWritten_);
+    if (end - writtenBack_ >= writebackStep) {
         writing("meta write: ", [&] { keepSidecar(); });
-        partial_->startWriteback(writtenBack_, bytesWritten_ - writtenBack_);
-        writtenBack_ = bytesWritten_;
+        partial_->startWriteback(writtenBack_, end - writtenBack_);
+        writtenBack_ = end;
     }
 }
 
 bool IncomingFile::wouldBlock(std::size_t bytes) const noexcept {
     const std::int64_t size = bytesWritten_ + static_cast<std::int64_t>(bytes);
-    return !delivered_ && (size - writtenBack_ >= writebackStep || isTimeToLook(size));
+    return !delivered_ && (ByteOffset(size) - writtenBack_ >= writebackStep || isTimeToLook(size));
 }
 
 void IncomingFile::limitTo(const DownloadLimits& limits, DownloadRoom::Share share) {
@@ -323,7 +324,7 @@ ReceivedFile IncomingFile::finish(FolderTurn turn, const std::string& remoteEndp
             .advertisedSize = offer_.size,
             .mime = offer_.mime,
             .remoteEndpoint = remoteEndpoint,
-            .durationSeconds = (place_.clock.now() - offerTime_).count(),
+            .duration = place_.clock.now() - offerTime_,
             .bytesReceivedThisSession = bytesThisSession_,
             .resumedFromOffset = target_.resumeOffset};
 }

@@ -19,9 +19,9 @@ struct ReceivedFile {
     std::int64_t advertisedSize = 0; ///< as the offer said
     std::string mime;
     std::string remoteEndpoint;
-    double durationSeconds = 0; ///< from the offer to completion
+    Seconds duration{0}; ///< from the offer to completion
     std::int64_t bytesReceivedThisSession = 0;
-    std::int64_t resumedFromOffset = 0;
+    ByteOffset resumedFromOffset;
 
     bool operator==(const ReceivedFile&) const = default;
 };
@@ -66,6 +66,8 @@ public:
     [[nodiscard]] const TransportMessage::FileOffer& offer() const noexcept { return offer_; }
     /// In the partial file so far, counting what an earlier session left.
     [[nodiscard]] std::int64_t bytesWritten() const noexcept { return bytesWritten_; }
+    /// From where on the data is wanted: the end of what an earlier session left.
+    [[nodiscard]] ByteOffset resumeOffset() const noexcept { return target_.resumeOffset; }
 
     /// From here on no more data is taken than this allows, whatever the offer said; and `share` hears of what comes.
     void limitTo(const DownloadLimits& limits, DownloadRoom::Share share);
@@ -123,7 +125,7 @@ private:
     std::optional<DeliveredTransfers::Delivery> delivered_;
     std::int64_t bytesWritten_ = 0;
     std::int64_t bytesThisSession_ = 0;
-    std::int64_t writtenBack_ = 0; // up to where write-back was started
+    ByteOffset writtenBack_; // up to where write-back was started
     DownloadLimits limits_;
     std::optional<DownloadRoom::Share> share_;
     std::int64_t roomSeenAt_ = 0;    // bytes written when there was last found to be room

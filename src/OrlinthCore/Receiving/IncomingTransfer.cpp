@@ -62,14 +62,14 @@ void IncomingTransfer::takeData(std::int64_t bytes) {
     if (state_ != State::receiving) {
         violate("binary frame before FileOffer");
     }
-    bytesHere_ += bytes;
+    end_ += bytes;
     requireApproved();
 }
 
-void IncomingTransfer::accept(std::int64_t bytesHere, std::optional<std::int64_t> approvedSize) {
+void IncomingTransfer::accept(ByteOffset offset, std::optional<std::int64_t> approvedSize) {
     requireState(State::offered);
     state_ = State::receiving;
-    bytesHere_ = bytesHere;
+    end_ = offset;
     approvedSize_ = approvedSize;
     requireApproved();
 }
@@ -86,7 +86,7 @@ void IncomingTransfer::requireState(State state) const {
 }
 
 void IncomingTransfer::requireApproved() {
-    if (approvedSize_ && bytesHere_ - limits::dataFrameBytes > *approvedSize_) {
+    if (approvedSize_ && end_.bytesBefore() - limits::dataFrameBytes > *approvedSize_) {
         violate("more data than was offered");
     }
 }

@@ -65,10 +65,10 @@ public:
     /// @throws ReceiveError::protocolViolation, and then it is over
     void takeData(std::int64_t bytes);
 
-    /// The offer is accepted: `bytesHere` are left of an earlier attempt. `approvedSize`: the size that somebody has
+    /// The offer is accepted, and the data goes on from `offset`. `approvedSize`: the size that somebody has
     /// agreed to, which then is a bound, give or take a frame; without one, whoever writes has limits of its own.
     /// @throws ReceiveError::protocolViolation if more than that is here already, and then it is over
-    void accept(std::int64_t bytesHere, std::optional<std::int64_t> approvedSize = std::nullopt);
+    void accept(ByteOffset offset, std::optional<std::int64_t> approvedSize = std::nullopt);
     /// The offer is refused; that ends the conversation.
     void refuse();
 
@@ -84,7 +84,7 @@ private:
 
     Scope scope_;
     State state_ = State::waiting;
-    std::int64_t bytesHere_ = 0;
+    ByteOffset end_; ///< of what is here
     std::optional<std::int64_t> approvedSize_;
 };
 

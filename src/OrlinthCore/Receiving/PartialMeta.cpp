@@ -11,7 +11,7 @@ Json PartialMeta::toJson() const {
     Json json = {
         {"transfer_id", transfer_id.text()},
         {"advertised_size", advertised_size},
-        {"started_at_epoch_ms", started_at_epoch_ms},
+        {"started_at_epoch_ms", toNumber(started_at_epoch_ms)},
     };
     if (!peer_pubkey.isEmpty()) {
         json[phoneKey] = peer_pubkey.text();
@@ -23,7 +23,7 @@ PartialMeta PartialMeta::fromJson(const Json& json) {
     PartialMeta meta;
     meta.transfer_id = TransferId(requireString(json, "transfer_id"));
     meta.advertised_size = requireInt64(json, "advertised_size");
-    meta.started_at_epoch_ms = requireInt64(json, "started_at_epoch_ms");
+    meta.started_at_epoch_ms = fromEpochMilliseconds(requireInt64(json, "started_at_epoch_ms"));
     if (json.contains(phoneKey)) {
         meta.peer_pubkey = PeerKey(requireString(json, phoneKey));
     }

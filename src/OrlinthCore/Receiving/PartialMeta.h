@@ -2,6 +2,7 @@
 
 #include "base/Json.h"
 #include "base/StrongText.h"
+#include "base/Time.h"
 #include "platform/WholeFile.h"
 
 #include <optional>
@@ -10,10 +11,10 @@ namespace orlinth {
 
 /// What lies beside a partial download and says which transfer it belongs to. The JSON keys are the field names.
 struct PartialMeta {
-    TransferId transfer_id;               ///< as the offer gave it; opaque
-    std::int64_t advertised_size = 0;     ///< bytes; kept for people, takes no part in a decision
-    std::int64_t started_at_epoch_ms = 0; ///< when the session began that wrote this
-    PeerKey peer_pubkey{};                ///< of whom the transfer is; "" where nobody has written that down
+    TransferId transfer_id;                  ///< as the offer gave it; opaque
+    std::int64_t advertised_size = 0;        ///< bytes; kept for people, takes no part in a decision
+    EpochMilliseconds started_at_epoch_ms{}; ///< when the session began that wrote this
+    PeerKey peer_pubkey{};                   ///< of whom the transfer is; "" where nobody has written that down
 
     /// Whether an attempt of this phone at this transfer may go on where the partial file ends. Which phone it was is
     /// not known of sidecars that older versions have written.

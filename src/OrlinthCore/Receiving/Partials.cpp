@@ -34,7 +34,7 @@ std::optional<PartialDownload> lookAt(platform::Folder& folder, const platform::
                            .final = final,
                            .meta = *std::move(meta),
                            .size = status->size,
-                           .changedNanoseconds = status->modifiedNanoseconds};
+                           .changedAt = status->modifiedAt};
 }
 
 } // namespace
@@ -73,7 +73,7 @@ bool Partials::remove(platform::Folder& folder, const PartialDownload& download)
     const std::optional<platform::FileStatus> named = folder.status(download.partial);
     const bool isTheOne = named && platform::isSameFile(*named, opened) &&
                           CollisionResolver::isOwnRegularFile(folder, opened) && opened.size == download.size &&
-                          opened.modifiedNanoseconds == download.changedNanoseconds;
+                          opened.modifiedAt == download.changedAt;
     if (!isTheOne) {
         return false;
     }

@@ -11,8 +11,8 @@ struct PartialDownload {
     platform::FileName partial;
     platform::FileName final; ///< the name that it would get
     PartialMeta meta;
-    std::int64_t size = 0;               ///< bytes, so far
-    std::int64_t changedNanoseconds = 0; ///< when the last of them came, since the Unix epoch
+    std::int64_t size = 0;        ///< bytes, so far
+    EpochNanoseconds changedAt{}; ///< when the last of them came
 };
 
 /// The unfinished downloads in a folder. Everything blocks on the disk.

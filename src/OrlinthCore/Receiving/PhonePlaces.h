@@ -33,7 +33,7 @@ private:
     struct Connection {
         Claim* owner;
         std::function<void()> dismiss;
-        platform::Clock::Instant heardOf{0};
+        platform::Clock::Instant heardOf{};
         bool hasTransfer = false;
     };
     using Line = std::list<Connection>; ///< the oldest first

@@ -44,7 +44,7 @@ std::unique_ptr<platform::Listener> startListener(platform::Network& network, st
 
 Task<std::unique_ptr<platform::Stream>> acceptOneConnection(platform::Clock& clock,
                                                             std::unique_ptr<platform::Listener> listener,
-                                                            Executor queue, double timeout) {
+                                                            Executor queue, Seconds timeout) {
     OnceContinuation continuation;
     Task<std::unique_ptr<platform::Stream>> first = acceptFirst(std::move(listener), std::move(queue));
     const auto timedOut = std::make_exception_ptr(ReceiveError::timedOut());
@@ -74,12 +74,12 @@ Task<TransportFramer> authenticate(WireConnection& wire, const ReceiveRequest& r
 Task<TransportFramer> authenticateInTime(WireConnection& wire, const ReceiveRequest& request, platform::Clock& clock,
                                          Executor queue) {
     platform::TimeLimit limit(clock, queue, [&wire] { wire.close(); });
-    limit.begin(request.handshakeSeconds);
+    limit.begin(request.handshakeLimit);
     try {
         co_return co_await authenticate(wire, request);
     } catch (const std::exception&) {
         if (limit.hasExpired()) {
-            throw ReceiveError::noiseHandshakeFailed("timed out after " + timeInWords(request.handshakeSeconds));
+            throw ReceiveError::noiseHandshakeFailed("timed out after " + timeInWords(request.handshakeLimit));
         }
         throw;
     }
@@ -108,11 +108,11 @@ public:
         open_.emplace(wire_);
         IncomingFile incoming = co_await downloads_.begin(request_.expectedPeerKey.peerKey(), offer, clock_.now());
         file_.emplace(std::move(incoming));
-        transfer_.accept(file_->bytesWritten());
+        transfer_.accept(file_->resumeOffset());
         if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {
             progress_.onAlreadyHere(offer, delivery->path);
         } else {
-            progress_.onOffer(offer, file_->bytesWritten());
+            progress_.onOffer(offer, file_->resumeOffset());
         }
         co_return file_->resumeMessage();
     }
@@ -180,7 +180,7 @@ Task<ReceivedFile> receiveOnQueue(platform::System& system, ReceiveRequest reque
 void ReceiveProgress::onListening(std::uint16_t) {}
 void ReceiveProgress::onConnected(const std::string&) {}
 void ReceiveProgress::onHandshakeComplete() {}
-void ReceiveProgress::onOffer(const TransportMessage::FileOffer&, std::int64_t) {}
+void ReceiveProgress::onOffer(const TransportMessage::FileOffer&, ByteOffset) {}
 void ReceiveProgress::onAlreadyHere(const TransportMessage::FileOffer&, const platform::Path&) {}
 void ReceiveProgress::onProgress(std::int64_t, std::int64_t) {}
 

@@ -19,7 +19,7 @@ public:
     virtual void onConnected(const std::string& remoteEndpoint);
     /// The phone has proved its key.
     virtual void onHandshakeComplete();
-    virtual void onOffer(const TransportMessage::FileOffer& offer, std::int64_t resumedFromOffset);
+    virtual void onOffer(const TransportMessage::FileOffer& offer, ByteOffset resumedFromOffset);
     /// In place of onOffer(): an earlier attempt has delivered this file, and it is still there, unchanged.
     virtual void onAlreadyHere(const TransportMessage::FileOffer& offer, const platform::Path& savedAt);
     /// Bytes held so far, of the advertised size; once a frame.
@@ -35,8 +35,8 @@ struct ReceiveRequest {
     /// A port that is already open, for a host that had the system choose it; `port` is then not looked at.
     std::unique_ptr<platform::Listener> listener = nullptr;
     std::string prologue = std::string(kOrlinthPrologue);
-    double acceptTimeout = 0;    ///< seconds to wait for a connection; zero or less waits for ever
-    double handshakeSeconds = 0; ///< in which the phone has to prove its key; 0: no limit
+    Seconds acceptTimeout{0};  ///< how long to wait for a connection; zero or less waits for ever
+    Seconds handshakeLimit{0}; ///< in which the phone has to prove its key; 0: no limit
     ReceiveProgress* progress = nullptr;
 };
 

@@ -23,7 +23,7 @@ namespace orlinth {
 namespace {
 
 /// How long accepting rests when the system has run out of something.
-constexpr double restSeconds = 0.1;
+constexpr Seconds rest = 100ms;
 
 constexpr const char* logSubsystem = "com.tarvinex.orlinth";
 constexpr const char* logCategory = "receiver";
@@ -46,7 +46,7 @@ struct Session {
     std::uint64_t identity;
     Executor queue; ///< its own
     std::string remoteEndpoint;
-    platform::Clock::Instant acceptedAt{0};
+    platform::Clock::Instant acceptedAt{};
     std::atomic<bool> hasGreeted = false; ///< the first message of its handshake has come; any thread
     asio::cancellation_signal stop;       ///< on its queue
     Course course = Course::open;         ///< on its queue
@@ -250,7 +250,7 @@ Task<> Receiver::Service::acceptAll(std::shared_ptr<Service> self) {
         }
         if (isShort) {
             self->makeRoom();
-            co_await self->system.clock.sleep(restSeconds);
+            co_await self->system.clock.sleep(rest);
         }
     }
 }
@@ -327,11 +327,11 @@ void Receiver::Service::dismiss(std::uint64_t identity) {
 
 /// A source may have too many for a moment, and not for longer.
 void Receiver::Service::watchCrowds() {
-    constexpr double lookAgainSeconds = limits::strangerGraceSeconds / 4;
+    constexpr Seconds lookInterval = limits::strangerGrace / 4;
     if (!strangers.isCrowded() || portState == Port::ending || std::exchange(isCrowdWatched, true)) {
         return;
     }
-    crowdAlarm->arm(lookAgainSeconds, [this] { // a timer of our own, which ends with the run
+    crowdAlarm->arm(lookInterval, [this] { // a timer of our own, which ends with the run
         isCrowdWatched = false;
         for (const std::uint64_t identity : strangers.takeOverdue(system.clock.now())) {
             dismiss(identity);
@@ -376,9 +376,9 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
             .updates = *updates,
             .places = places,
             .frames = frames,
-            .handshakeEnd = limits.handshakeSeconds > 0
+            .handshakeEnd = limits.handshakeLimit > 0s
                                 // from now on: before, it may have waited for a thread that was busy with a disk
-                                ? std::optional(system.clock.now() + platform::Clock::Instant(limits.handshakeSeconds))
+                                ? std::optional(system.clock.now() + limits.handshakeLimit)
                                 : std::nullopt,
             .onGreeting = [session] { session->hasGreeted = true; },
             .standingOf =

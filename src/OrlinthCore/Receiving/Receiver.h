@@ -29,8 +29,8 @@ public:
 
     /// What a name is called whose phone has no record.
     static constexpr const char* unknownPeer = "(unknown peer)";
-    /// Seconds that any single read may take before the connection is given up.
-    static constexpr double idleTimeout = limits::readSeconds;
+    /// How long any single read may take before the connection is given up.
+    static constexpr Seconds idleTimeout = limits::readLimit;
     /// Connections that have not yet proved a paired key; when one more comes, the oldest of the source that has most
     /// of them is closed, first of those who have said nothing.
     static constexpr std::size_t maxStrangers = limits::strangers;
@@ -39,7 +39,7 @@ public:
     static constexpr std::size_t maxHandshakeFrame = NoiseHandshake::maxMessageBytes;
 
     /// A dead phone is noticed after 25 seconds, also while we only wait for it.
-    static constexpr platform::KeepAlive keepAlive{.idleSeconds = 10, .intervalSeconds = 5, .count = 3};
+    static constexpr platform::KeepAlive keepAlive{.idle = 10s, .interval = 5s, .count = 3};
 
     /// How one connection ended well. SetName and NameUpdate mean the same: the sender's own name is this now. `from`
     /// is the display name of the sender, `peerKey` its key.

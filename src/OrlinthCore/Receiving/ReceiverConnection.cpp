@@ -21,7 +21,7 @@ namespace orlinth {
 namespace {
 
 /// How long a phone gets to read our last word before the connection is closed in any case.
-constexpr double farewellSeconds = 5;
+constexpr Seconds farewellLimit = 5s;
 
 /// Closes the connection when the handshake takes longer than it may, as a whole.
 class HandshakeAlarm {
@@ -29,7 +29,7 @@ public:
     HandshakeAlarm(WireConnection& wire, const Executor& executor, const ReceiverConnectionContext& context)
         : timer_(context.clock.makeTimer(executor)) {
         if (context.handshakeEnd) {
-            const double left = (*context.handshakeEnd - context.clock.now()).count();
+            const Seconds left = *context.handshakeEnd - context.clock.now();
             timer_->arm(left, [this, &wire] {
                 hasRung_ = true;
                 wire.close();
@@ -150,7 +150,7 @@ public:
     [[nodiscard]] Task<> sayFarewell(TransportMessage message) {
         const Bytes body = framer_.encodeJSON(message);
         co_await wire_.sendLengthPrefixed(body);
-        static_cast<void>(co_await wire_.closeAfterFarewell(farewellSeconds)); // whatever it does, it was told
+        static_cast<void>(co_await wire_.closeAfterFarewell(farewellLimit)); // whatever it does, it was told
     }
 
     /// Leaves what has not been finished for a resume; nothing happens here afterwards. The disk is waited for, but not
@@ -280,7 +280,7 @@ private:
         if (mustBeHere && file_->delivered() == nullptr) {
             throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
         }
-        transfer_.accept(file_->bytesWritten(), approvedSize_); // what is here may be of a larger offer
+        transfer_.accept(file_->resumeOffset(), approvedSize_); // what is here may be of a larger offer
         place_->beginTransfer();
         room_->beginTransfer();
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());

@@ -10,23 +10,23 @@
 /// one.
 namespace orlinth::limits {
 
-/// Seconds that any single read may take: a phone may lose its network for a while and come back.
-inline constexpr double readSeconds = 60;
+/// How long any single read may take: a phone may lose its network for a while and come back.
+inline constexpr Seconds readLimit = 60s;
 
 // ---- those who have not proved a paired key
 
-/// Seconds from the acceptance of a connection to the third message of the handshake. Two round trips; even on a bad
+/// From the acceptance of a connection to the third message of the handshake. Two round trips; even on a bad
 /// link they take less than two seconds.
-inline constexpr double handshakeSeconds = 10;
+inline constexpr Seconds handshakeLimit = 10s;
 /// Connections without a proved key, of everybody together. More than a whole office of phones begins at once; 16 KiB
 /// each are 8 MiB.
 inline constexpr std::size_t strangers = 512;
-/// The same of one source, once they have had `strangerGraceSeconds`: an honest phone has at most eight, and each for
+/// The same of one source, once they have had `strangerGrace`: an honest phone has at most eight, and each for
 /// milliseconds.
 inline constexpr std::size_t strangersOfOneSource = 16;
-/// Seconds in which a source may have more than that. Many phones may come from one address at once, behind a router
+/// How long a source may have more than that. Many phones may come from one address at once, behind a router
 /// that translates addresses; who is being served is not thrown out for it.
-inline constexpr double strangerGraceSeconds = 1;
+inline constexpr Seconds strangerGrace = 1s;
 
 // ---- one phone
 
@@ -35,8 +35,8 @@ inline constexpr std::size_t connectionsOfOnePhone = 16;
 /// The same with those that have to go and have not closed yet: they may be waiting for the disk, on threads of which
 /// there are not many more (platform::WorkQueues::makeBlockingQueue()). One more is turned away.
 inline constexpr std::size_t connectionsOfOnePhoneInAll = connectionsOfOnePhone + connectionsOfOnePhone / 2;
-/// Seconds between two writes of one phone's record. A name, an address or a token changes a few times a day.
-inline constexpr double recordSeconds = 10;
+/// Between two writes of one phone's record. A name, an address or a token changes a few times a day.
+inline constexpr Seconds recordInterval = 10s;
 /// Questions of one phone that wait behind the one that is being asked. Nobody answers more at once.
 inline constexpr std::size_t questionsWaiting = 3;
 
@@ -47,8 +47,8 @@ inline constexpr std::size_t questionsWaiting = 3;
 inline constexpr int linesOfStrangers = 5;
 /// The same about one phone, besides the files that it delivers: eight connections that break at once, twice over.
 inline constexpr int linesOfOnePhone = 20;
-/// Seconds for which a worker thread may do one thing before that is reported. A flush of a file takes less.
-inline constexpr double lateSeconds = 2;
+/// How long a worker thread may do one thing before that is reported. A flush of a file takes less.
+inline constexpr Seconds lateAfter = 2s;
 
 // ---- frames on their way in
 
@@ -64,8 +64,8 @@ inline constexpr std::int64_t largeFrameBytes = frameBytes - frameBytes / 4;
 /// Frames on their way in of one phone, so that no single one has all of the room.
 inline constexpr std::int64_t frameBytesOfOnePhone = frameBytes / 2;
 
-static_assert(handshakeSeconds < readSeconds);
-static_assert(strangerGraceSeconds < handshakeSeconds);
+static_assert(handshakeLimit < readLimit);
+static_assert(strangerGrace < handshakeLimit);
 static_assert(strangers >= 16 * strangersOfOneSource, "a few sources must not be able to take every place");
 static_assert(connectionsOfOnePhone <= strangersOfOneSource, "a phone that comes back with all it may have gets in");
 static_assert(freeFrameBytes < dataFrameBytes);
@@ -82,15 +82,15 @@ namespace orlinth {
 
 /// What a host may choose. The defaults suit a library that does not know where it runs.
 struct ReceiverLimits {
-    /// Seconds from the acceptance of a connection to the third message of its handshake; 0: each read has
-    /// limits::readSeconds, and there is no other limit.
-    double handshakeSeconds = 0;
+    /// From the acceptance of a connection to the third message of its handshake; 0: each read has
+    /// limits::readLimit, and there is no other limit.
+    Seconds handshakeLimit{0};
     /// Connections without a proved key from one source: an IPv4 address, or the /64 network of an IPv6 address.
     std::size_t strangersOfOneSource = limits::strangers;
 
     /// For a service that is open to a network.
     [[nodiscard]] static constexpr ReceiverLimits strict() {
-        return {.handshakeSeconds = limits::handshakeSeconds, .strangersOfOneSource = limits::strangersOfOneSource};
+        return {.handshakeLimit = limits::handshakeLimit, .strangersOfOneSource = limits::strangersOfOneSource};
     }
 };
 

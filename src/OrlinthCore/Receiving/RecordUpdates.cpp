@@ -13,8 +13,7 @@ RecordUpdates::RecordUpdates(PeerStore store, platform::Clock& clock, platform::
     : store_(std::move(store)), clock_(clock), queue_(queues.makeBlockingQueue()), alarm_(clock.makeTimer(queue_)) {}
 
 bool RecordUpdates::isDue(const Phone& phone) const {
-    return !phone.isBeingWritten &&
-           (!phone.writtenAt || clock_.now() - *phone.writtenAt >= platform::Clock::Instant(limits::recordSeconds));
+    return !phone.isBeingWritten && (!phone.writtenAt || clock_.now() - *phone.writtenAt >= limits::recordInterval);
 }
 
 void RecordUpdates::say(const platform::PublicKey& key, RecordChange change, OnTrouble onTrouble) {
@@ -73,8 +72,8 @@ void RecordUpdates::forget(const platform::PublicKey& key) {
 /// On the queue.
 void RecordUpdates::setAlarm() {
     if (!std::exchange(isAlarmSet_, true)) {
-        constexpr double lookSeconds = limits::recordSeconds / 10; // nobody waits for it
-        alarm_->arm(lookSeconds, [weak = weak_from_this()] {
+        constexpr Seconds lookInterval = limits::recordInterval / 10; // nobody waits for it
+        alarm_->arm(lookInterval, [weak = weak_from_this()] {
             if (const auto self = weak.lock()) {
                 self->isAlarmSet_ = false;
                 self->writeDue(false);

@@ -15,8 +15,8 @@
 namespace orlinth {
 
 /// What phones say of themselves, on its way into the peer store: at once if the phone's record was not written for
-/// limits::recordSeconds, else when that time is over, with everything that was said meanwhile in one write. The latest
-/// value counts, and none is lost: finish() writes what is left.
+/// limits::recordInterval, else when that time is over, with everything that was said meanwhile in one write. The
+/// latest value counts, and none is lost: finish() writes what is left.
 ///
 /// Threading: any thread; calls block on the disk.
 class RecordUpdates : public std::enable_shared_from_this<RecordUpdates> {

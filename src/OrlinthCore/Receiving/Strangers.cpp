@@ -45,7 +45,7 @@ std::vector<Strangers::Identity> Strangers::takeOverdue(Instant now) {
 }
 
 void Strangers::trim(Line& line, Instant now, std::vector<Identity>& gone) {
-    const Instant before = now - Instant(limits::strangerGraceSeconds);
+    const Instant before = now - limits::strangerGrace;
     while (line.size() > mostOfOneSource) {
         const std::optional<Identity> next = choose(line, before);
         if (!next) {
@@ -58,7 +58,9 @@ void Strangers::trim(Line& line, Instant now, std::vector<Identity>& gone) {
 
 std::optional<Strangers::Identity> Strangers::takeOne() {
     const auto hasFewer = [](const auto& one, const auto& other) { // of equals, who came last
-        const auto rank = [](const Line& line) { return std::pair(line.size(), -line.front().since.count()); };
+        const auto rank = [](const Line& line) {
+            return std::pair(line.size(), -line.front().since.time_since_epoch());
+        };
         return rank(one.second) < rank(other.second);
     };
     const auto most = std::ranges::max_element(lines_, hasFewer);

@@ -70,7 +70,7 @@ struct MemberWriter {
     }
     void operator()(const TransportMessage::Resume& resume) const {
         object[Keys::transfer_id] = resume.transfer_id;
-        object[Keys::accepted_offset] = resume.accepted_offset;
+        object[Keys::accepted_offset] = resume.accepted_offset.bytesBefore();
     }
     void operator()(const TransportMessage::TokenUpdate& update) const {
         object[Keys::peer_fcm_token] = update.peer_fcm_token;
@@ -94,7 +94,7 @@ TransportMessage readMembers(Tag tag, const Json& object) {
                                            requireString(object, Keys::mime), requireString(object, Keys::transfer_id));
     case Tag::Resume:
         return TransportMessage::resume(requireString(object, Keys::transfer_id),
-                                        requireInt64(object, Keys::accepted_offset));
+                                        ByteOffset(requireInt64(object, Keys::accepted_offset)));
     case Tag::Done:
         return TransportMessage::done();
     case Tag::TokenUpdate:
@@ -152,7 +152,7 @@ TransportMessage TransportMessage::fileOffer(std::string name, std::int64_t size
                                              std::string transfer_id) {
     return FileOffer{std::move(name), size, std::move(mime), std::move(transfer_id)};
 }
-TransportMessage TransportMessage::resume(std::string transfer_id, std::int64_t accepted_offset) {
+TransportMessage TransportMessage::resume(std::string transfer_id, ByteOffset accepted_offset) {
     return Resume{std::move(transfer_id), accepted_offset};
 }
 TransportMessage TransportMessage::tokenUpdate(std::string peer_fcm_token) {

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/SecureChannel/FrameBuffer.h"
 #include "OrlinthCore/SecureChannel/NoiseXX.h"
+#include "base/ByteOffset.h"
 #include "base/CaseError.h"
 #include "base/Json.h"
 #include "platform/WorkQueues.h"
@@ -25,7 +26,7 @@ public:
     };
     struct Resume {
         std::string transfer_id;
-        std::int64_t accepted_offset; ///< bytes that the receiver already holds
+        ByteOffset accepted_offset; ///< up to where the receiver already holds the file
         bool operator==(const Resume&) const = default;
     };
     struct TokenUpdate {
@@ -77,7 +78,7 @@ public:
 
     [[nodiscard]] static TransportMessage fileOffer(std::string name, std::int64_t size, std::string mime,
                                                     std::string transfer_id);
-    [[nodiscard]] static TransportMessage resume(std::string transfer_id, std::int64_t accepted_offset);
+    [[nodiscard]] static TransportMessage resume(std::string transfer_id, ByteOffset accepted_offset);
     [[nodiscard]] static TransportMessage tokenUpdate(std::string peer_fcm_token);
     [[nodiscard]] static TransportMessage clipboard(std::string text, std::string mime);
     [[nodiscard]] static TransportMessage setName(std::string name);

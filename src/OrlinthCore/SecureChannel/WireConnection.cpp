@@ -37,25 +37,25 @@ public:
         : clock_(wire.clock_), stream_(*wire.connection_), timer_(clock_.makeTimer(stream_.executor())) {}
 
     /// A read begins that may take so long.
-    void begin(double seconds) {
-        deadline_ = clock_.now() + platform::Clock::Instant(seconds);
+    void begin(Seconds limit) {
+        deadline_ = clock_.now() + limit;
         isReading_ = true;
         if (!isSet_ || deadline_ < ringsAt_) {
-            set(seconds);
+            set(limit);
         }
     }
     void end() noexcept { isReading_ = false; }
 
 private:
-    void set(double seconds) {
+    void set(Seconds delay) {
         isSet_ = true;
-        ringsAt_ = clock_.now() + platform::Clock::Instant(seconds);
-        timer_->arm(seconds, [this] { ring(); });
+        ringsAt_ = clock_.now() + delay;
+        timer_->arm(delay, [this] { ring(); });
     }
 
     void ring() {
-        constexpr double noTime = 1e-6; // what rounding may make of none
-        const double left = (deadline_ - clock_.now()).count();
+        constexpr Seconds noTime = 1us; // what rounding may make of none
+        const Seconds left = deadline_ - clock_.now();
         isSet_ = false;
         if (isReading_ && left > noTime) {
             set(left);
@@ -67,8 +67,8 @@ private:
     platform::Clock& clock_;
     platform::Stream& stream_;
     std::unique_ptr<platform::Timer> timer_;
-    platform::Clock::Instant deadline_{0}; ///< of the read that is under way
-    platform::Clock::Instant ringsAt_{0};
+    platform::Clock::Instant deadline_{}; ///< of the read that is under way
+    platform::Clock::Instant ringsAt_{};
     bool isReading_ = false;
     bool isSet_ = false;
 };
@@ -194,20 +194,20 @@ Task<> WireConnection::sendRaw(ByteView data) {
     }
 }
 
-Task<WireConnection::Farewell> WireConnection::closeAfterFarewell(double seconds) {
+Task<WireConnection::Farewell> WireConnection::closeAfterFarewell(Seconds limit) {
     struct Closing {
         WireConnection& wire;
         ~Closing() { wire.close(); }
     } const closing{*this};
     connection_->finishWriting();
-    if (seconds <= 0) {
+    if (limit <= 0s) {
         co_return Farewell::silent;
     }
     // Our own end of writing has been acknowledged by then, as a rule: what has not changes slowly, or not any more.
-    const double settling = seconds / 60;
+    const Seconds settling = limit / 60;
     std::optional<Farewell> farewell = co_await farewellWithin(settling);
     std::optional<std::int64_t> before = connection_->unacknowledgedBytes();
-    for (double wait = seconds - settling; !farewell; wait = seconds) {
+    for (Seconds wait = limit - settling; !farewell; wait = limit) {
         farewell = co_await farewellWithin(wait);
         const std::optional<std::int64_t> left = connection_->unacknowledgedBytes();
         if (!farewell && (!left || !before || *left >= *before)) {
@@ -218,9 +218,9 @@ Task<WireConnection::Farewell> WireConnection::closeAfterFarewell(double seconds
     co_return *farewell;
 }
 
-Task<std::optional<WireConnection::Farewell>> WireConnection::farewellWithin(double seconds) {
+Task<std::optional<WireConnection::Farewell>> WireConnection::farewellWithin(Seconds limit) {
     OneShot<Farewell> outcome;
-    co_await platform::settleFirst(outcome, clock_, seconds, std::make_exception_ptr(Silence()), readToTheEnd());
+    co_await platform::settleFirst(outcome, clock_, limit, std::make_exception_ptr(Silence()), readToTheEnd());
     try {
         co_return outcome.take(); // also if we are cancelled just now: the peer has ended it before
     } catch (const Silence&) {

@@ -40,9 +40,9 @@ public:
     WireConnection(std::unique_ptr<platform::Stream> connection, platform::Clock& clock);
     ~WireConnection();
 
-    /// Seconds that any single read (a prefix, or a body) may take before the connection is cancelled; absent, the
+    /// How long any single read (a prefix, or a body) may take before the connection is cancelled; absent, the
     /// default, means for ever. Read at the start of each read.
-    std::optional<double> idleTimeout;
+    std::optional<Seconds> idleTimeout;
     /// Asked before a large frame is read; null, the default: every frame is read at once. While it waits, nothing is
     /// read and no time-out runs. Outlives the reads.
     FrameGate* gate = nullptr;
@@ -69,13 +69,13 @@ public:
         acknowledged, ///< not at all; but its system has taken every byte
         silent        ///< not at all, and some bytes may never have come through
     };
-    /// Says that nothing more will be sent, waits until the peer closes, and closes. Waits for at most `seconds` in
+    /// Says that nothing more will be sent, waits until the peer closes, and closes. Waits for at most `limit` in
     /// which nothing of what was sent is acknowledged, so that a slow link may carry what is still in the buffers.
     ///
     /// Closing with unread input makes the kernel send a reset, which can destroy what is still on its way to the
     /// peer; so whatever still comes is read and dropped. Never fails (but with Cancelled, and closes then too).
-    /// Zero seconds or less: closes at once, and the peer was silent.
-    [[nodiscard]] Task<Farewell> closeAfterFarewell(double seconds);
+    /// Zero or less: closes at once, and the peer was silent.
+    [[nodiscard]] Task<Farewell> closeAfterFarewell(Seconds limit);
 
     /// Cancels the connection. Pending and later calls fail.
     void close() noexcept;
@@ -103,7 +103,7 @@ private:
     [[nodiscard]] Task<> receiveUpTo(FrameBuffer& buffer, std::size_t filled, std::size_t length);
     [[nodiscard]] Task<> readFully(MutableBytes into, bool beginsFrame = false);
     /// Nothing if the peer has not ended it by then.
-    [[nodiscard]] Task<std::optional<Farewell>> farewellWithin(double seconds);
+    [[nodiscard]] Task<std::optional<Farewell>> farewellWithin(Seconds limit);
     [[nodiscard]] Task<Farewell> readToTheEnd();
 
     std::unique_ptr<platform::Stream> connection_;

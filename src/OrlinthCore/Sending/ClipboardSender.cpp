@@ -42,7 +42,7 @@ ConnectRequest connectRequest(platform::System& system, const OneOffRequest& req
 /// phone may have said Unpair and closed.
 Task<bool> deliver(platform::Log& log, WireConnection& wire, ByteView sealed, std::string what,
                    platform::TimeLimit& limit, const OneOffRequest& request) {
-    limit.begin(request.sendSeconds);
+    limit.begin(request.sendLimit);
     try {
         co_await wire.sendLengthPrefixed(sealed);
         limit.end();
@@ -55,7 +55,7 @@ Task<bool> deliver(platform::Log& log, WireConnection& wire, ByteView sealed, st
         co_return true;
     } catch (const std::exception& error) {
         if (limit.hasExpired()) {
-            throw SendError::network("the phone did not take the " + what + " in " + timeInWords(request.sendSeconds),
+            throw SendError::network("the phone did not take the " + what + " in " + timeInWords(request.sendLimit),
                                      SendError::Reason::stalled, std::current_exception());
         }
         limit.end();
@@ -95,7 +95,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     Authentication who{.staticKey = request.staticKey,
                        .prologue = request.prologue,
                        .peerKey = std::move(peerKey),
-                       .seconds = request.handshakeSeconds};
+                       .limit = request.handshakeLimit};
     TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     if (request.onHandshakeComplete) {
         request.onHandshakeComplete();
@@ -104,7 +104,7 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
     platform::TimeLimit limit(system.clock, queue, [&wire] { wire.close(); });
     const std::string what = message.tag() == TransportMessage::Tag::Clipboard ? "text" : "message";
     const bool wasTaken = co_await deliver(system.log, wire, sealed, what, limit, request);
-    limit.begin(request.answerSeconds);
+    limit.begin(request.answerLimit);
     const bool removed = co_await phoneRemovedUs(system.queues, wire, framer);
     if (removed) {
         throw SendError::peerRemoved();

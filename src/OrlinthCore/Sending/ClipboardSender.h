@@ -31,13 +31,13 @@ struct OneOffRequest {
     PeerRecord peer;
     const platform::PrivateKey& staticKey;
     std::string prologue = std::string(kOrlinthPrologue);
-    double warmConnectTimeout;     ///< seconds for the first attempt to connect
-    double postWakeConnectTimeout; ///< seconds for the single attempt after a wake, which waits for the phone's port
+    Seconds warmConnectTimeout;     ///< for the first attempt to connect
+    Seconds postWakeConnectTimeout; ///< for the single attempt after a wake, which waits for the phone's port
     std::string fcmBaseURL = FcmWake::defaultBaseURL;
     bool mayWake = true;                 ///< whether a phone that sleeps is woken, if its push token is known
-    double handshakeSeconds = 0;         ///< in which the phone has to prove its key; 0: no limit
-    double sendSeconds = 0;              ///< in which it has to take the message; 0: no limit
-    double answerSeconds = 0;            ///< in which it may answer or close behind it; 0: no limit
+    Seconds handshakeLimit{0};           ///< in which the phone has to prove its key; 0: no limit
+    Seconds sendLimit{0};                ///< in which it has to take the message; 0: no limit
+    Seconds answerLimit{0};              ///< in which it may answer or close behind it; 0: no limit
     std::function<void()> onWaking = {}; ///< a push was delivered
     std::function<void()> onHandshakeComplete = {}; ///< the phone has proved its key
     std::function<void()> onSent = {};              ///< the system has taken the whole message

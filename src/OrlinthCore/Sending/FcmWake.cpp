@@ -19,11 +19,11 @@
 namespace orlinth {
 namespace {
 
-constexpr double tokenTimeoutSeconds = 60;
-constexpr double sendTimeoutSeconds = 4;
-constexpr std::array<double, 3> delaysBeforeAttempts{0, 0.2, 0.5};
-constexpr std::int64_t tokenMarginMs = 60'000;
-constexpr std::int64_t jwtLifeSeconds = 3600;
+constexpr Seconds tokenTimeout = 60s;
+constexpr Seconds sendTimeout = 4s;
+constexpr std::array<Seconds, 3> delaysBeforeAttempts{0s, 200ms, 500ms};
+constexpr std::chrono::seconds tokenMargin = 60s;
+constexpr std::chrono::seconds jwtLife = 1h;
 /// A key file has two or three kilobytes; what is much larger is something else.
 constexpr std::size_t maxKeyFileBytes = std::size_t{1} << 20U;
 
@@ -198,10 +198,10 @@ Bytes signRS256(ByteView pem, ByteView data) {
     }
 }
 
-/// `now` plus that many seconds, or the end of time.
-std::int64_t later(std::int64_t nowMs, std::int64_t seconds) {
-    constexpr std::int64_t longest = std::numeric_limits<std::int64_t>::max() / 4000;
-    return nowMs + std::clamp(seconds, -longest, longest) * 1000;
+/// `now` and `life` more, or the end of time.
+EpochMilliseconds later(EpochMilliseconds now, std::chrono::seconds life) {
+    constexpr auto longest = std::chrono::floor<std::chrono::seconds>(std::chrono::milliseconds::max() / 4);
+    return now + std::clamp(life, -longest, longest);
 }
 
 } // namespace
@@ -210,7 +210,7 @@ OAuthResponse OAuthResponse::fromJson(ByteView text) {
     const Json json = parseJson(text, maxJsonMessageValues);
     OAuthResponse reply;
     reply.access_token = secretOf(requireString(json, "access_token"));
-    reply.expires_in = requireInt64(json, "expires_in");
+    reply.expires_in = std::chrono::seconds(requireInt64(json, "expires_in"));
     reply.token_type = requireString(json, "token_type");
     return reply;
 }
@@ -265,13 +265,13 @@ platform::HttpRequest FcmWake::messageRequest(const SecretBytes& accessToken, co
     request.headers.emplace_back("Authorization", secretOf({asBytes("Bearer "), accessToken.reveal()}));
     request.headers.emplace_back("Content-Type", SecretBytes(asBytes("application/json; charset=UTF-8")));
     request.body = SecretBytes(body.reveal());
-    request.timeout = sendTimeoutSeconds;
+    request.timeout = sendTimeout;
     return request;
 }
 
 Task<> FcmWake::fetchAccessToken() {
     const platform::AsyncMutex::Guard turn = co_await tokenTurn_.lock();
-    if (cachedAccessToken_ && cachedAccessToken_->expiresAtMs - tokenMarginMs > system_.clock.epochMilliseconds()) {
+    if (cachedAccessToken_ && cachedAccessToken_->expiresAt - tokenMargin > system_.clock.epochMilliseconds()) {
         co_return;
     }
     const SecretBytes jwt = mintJWT();
@@ -279,7 +279,7 @@ Task<> FcmWake::fetchAccessToken() {
     request.url = account_.token_uri;
     request.headers.emplace_back("Content-Type", SecretBytes(asBytes("application/x-www-form-urlencoded")));
     request.body = secretOf({asBytes(tokenRequestStart), jwt.reveal()});
-    request.timeout = tokenTimeoutSeconds;
+    request.timeout = tokenTimeout;
     platform::HttpResponse response = co_await system_.https.post(std::move(request));
     const AnswerWiper wiper(response);
     requireHttp(response);
@@ -289,20 +289,20 @@ Task<> FcmWake::fetchAccessToken() {
     try {
         OAuthResponse reply = OAuthResponse::fromJson(response.body);
         cachedAccessToken_ = AccessToken{.token = std::move(reply.access_token),
-                                         .expiresAtMs = later(system_.clock.epochMilliseconds(), reply.expires_in)};
+                                         .expiresAt = later(system_.clock.epochMilliseconds(), reply.expires_in)};
     } catch (const JsonError& error) {
         throw Error::oauthHTTP(response.status, "bad token response: " + describe(error));
     }
 }
 
 SecretBytes FcmWake::mintJWT() const {
-    const std::int64_t issuedAt = system_.clock.epochMilliseconds() / 1000;
+    const auto issuedAt = std::chrono::floor<std::chrono::seconds>(system_.clock.epochMilliseconds());
     const Json header{{"alg", "RS256"}, {"typ", "JWT"}, {"kid", account_.private_key_id}};
     const Json claims{{"iss", account_.client_email},
                       {"scope", scope},
                       {"aud", account_.token_uri},
-                      {"iat", issuedAt},
-                      {"exp", issuedAt + jwtLifeSeconds}};
+                      {"iat", toNumber(issuedAt)},
+                      {"exp", toNumber(issuedAt + jwtLife)}};
     const std::string signingInput =
         base64url(asBytes(compactJson(header))) + "." + base64url(asBytes(compactJson(claims)));
     const SecretBytes signature = secretOf(base64url(signRS256(account_.private_key.reveal(), asBytes(signingInput))));

@@ -17,8 +17,8 @@ namespace orlinth {
 /// What a token endpoint answers (RFC 6749 §5.1).
 struct OAuthResponse {
     SecretBytes access_token;
-    std::int64_t expires_in = 0; ///< seconds from the answer
-    std::string token_type;      ///< must be there, and is not used
+    std::chrono::seconds expires_in{0}; ///< from the answer
+    std::string token_type;             ///< must be there, and is not used
 
     /// @throws JsonError; its text quotes nothing of the reply
     [[nodiscard]] static OAuthResponse fromJson(ByteView text);
@@ -62,7 +62,7 @@ public:
 private:
     struct AccessToken {
         SecretBytes token;
-        std::int64_t expiresAtMs = 0;
+        EpochMilliseconds expiresAt;
     };
 
     [[nodiscard]] Task<> sendOnQueue(std::string toToken);

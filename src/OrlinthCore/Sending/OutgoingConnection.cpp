@@ -13,8 +13,8 @@
 namespace orlinth {
 namespace {
 
-/// Seconds between a try that failed and the next one under the same deadline.
-constexpr double pauseBetweenTries = 0.5;
+/// Between a try that failed and the next one under the same deadline.
+constexpr Seconds pauseBetweenTries = 500ms;
 
 /// Connection or error, whichever of connecting and the deadline comes first.
 using SendOnceContinuation = OneShot<std::unique_ptr<platform::Stream>>;
@@ -92,14 +92,14 @@ Task<std::unique_ptr<platform::Stream>> connectReady(platform::Network& network,
 
 Task<std::unique_ptr<platform::Stream>> openConnection(platform::Network& network, platform::Clock& clock,
                                                        std::string host, std::uint16_t port, Executor queue,
-                                                       double timeout, WhenRefused whenRefused) {
+                                                       Seconds timeout, WhenRefused whenRefused) {
     if (port == 0) {
         throw SendError::network("invalid port " + std::to_string(port));
     }
     SendOnceContinuation continuation;
     std::optional<SendError> lastFailure;
     Task<std::unique_ptr<platform::Stream>> ready =
-        connectReady(network, clock, std::move(host), port, std::move(queue), whenRefused, timeout > 0, lastFailure);
+        connectReady(network, clock, std::move(host), port, std::move(queue), whenRefused, timeout > 0s, lastFailure);
     const auto timedOut = std::make_exception_ptr(SendError::network("connect timed out", SendError::Reason::timedOut));
     co_await platform::settleFirst(continuation, clock, timeout, timedOut, std::move(ready));
     try {

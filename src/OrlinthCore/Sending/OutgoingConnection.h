@@ -16,7 +16,7 @@ enum class WhenRefused {
 
 /// Opens one TCP connection, whose work runs on `queue`, and returns it once it is established.
 ///
-/// `host` is a name or an address literal; `timeout` are seconds, zero or less for no deadline. The deadline covers
+/// `host` is a name or an address literal; `timeout`: zero or less for no deadline. The deadline covers
 /// resolving the name and trying each of its addresses. While the host cannot be reached (no answer to ARP, no route,
 /// no link) or its name does not resolve, it is tried again every half second until the deadline: a phone that sleeps
 /// or has just left the network looks like that for a while. Without a deadline each failure is reported at once.
@@ -25,7 +25,7 @@ enum class WhenRefused {
 ///         failed); "invalid port 0"; or at once, with the reason, the system's words ("Connection refused")
 [[nodiscard]] Task<std::unique_ptr<platform::Stream>> openConnection(platform::Network& network, platform::Clock& clock,
                                                                      std::string host, std::uint16_t port,
-                                                                     Executor queue, double timeout,
+                                                                     Executor queue, Seconds timeout,
                                                                      WhenRefused whenRefused = WhenRefused::fail);
 
 } // namespace orlinth

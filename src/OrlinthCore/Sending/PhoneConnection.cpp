@@ -9,15 +9,14 @@
 #include "platform/Cancelled.h"
 #include "platform/TimeLimit.h"
 
-#include <cmath>
 #include <limits>
 #include <utility>
 
 namespace orlinth {
 namespace {
 
-/// Seconds that a phone gets between the push and the first attempt to reach it.
-constexpr double pauseAfterPush = 0.5;
+/// What a phone gets between the push and the first attempt to reach it.
+constexpr Seconds pauseAfterPush = 500ms;
 
 std::uint16_t portOf(const PeerRecord& peer) {
     if (!std::in_range<std::uint16_t>(peer.peer_port)) {
@@ -33,10 +32,10 @@ bool looksAsleep(const std::exception& error) {
            (sendError->reason() == SendError::Reason::timedOut || sendError->reason() == SendError::Reason::refused);
 }
 
-void checkInterval(double seconds) {
-    // In whole nanoseconds it has to fit a 64-bit counter.
-    constexpr double longest = 9.2e9;
-    if (!std::isfinite(seconds) || seconds < 0 || seconds > longest) {
+void checkInterval(Seconds interval) {
+    constexpr Seconds longest(9.2e9);                           // in whole nanoseconds it has to fit a 64-bit counter
+    const bool isValid = interval >= 0s && interval <= longest; // which what is not a number is not
+    if (!isValid) {
         preconditionFailed("the retry interval is negative, not finite or out of range");
     }
 }
@@ -112,10 +111,10 @@ Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, 
 }
 
 Task<std::unique_ptr<platform::Stream>> connectWithin(platform::Network& network, platform::Clock& clock,
-                                                      PeerRecord peer, Executor queue, double windowSeconds,
-                                                      double attemptTimeout, double retryInterval) {
+                                                      PeerRecord peer, Executor queue, Seconds window,
+                                                      Seconds attemptTimeout, Seconds retryInterval) {
     checkInterval(retryInterval);
-    const platform::Clock::Instant end = clock.now() + platform::Clock::Instant(windowSeconds);
+    const platform::Clock::Instant end = clock.now() + window;
     std::exception_ptr lastError =
         std::make_exception_ptr(SendError::network("connect timed out after wake", SendError::Reason::timedOut));
     while (clock.now() < end) {
@@ -131,7 +130,7 @@ Task<std::unique_ptr<platform::Stream>> connectWithin(platform::Network& network
 }
 
 Task<std::unique_ptr<platform::Stream>> connectOnce(platform::Network& network, platform::Clock& clock, PeerRecord peer,
-                                                    Executor queue, double timeout, WhenRefused whenRefused) {
+                                                    Executor queue, Seconds timeout, WhenRefused whenRefused) {
     co_return co_await openConnection(network, clock, peer.peer_ip, portOf(peer), std::move(queue), timeout,
                                       whenRefused);
 }
@@ -147,11 +146,11 @@ Bytes pubkeyOf(const PeerRecord& peer) {
 Task<TransportFramer> authenticate(WireConnection& wire, platform::Clock& clock, Executor queue, Authentication who) {
     NoiseHandshake handshake(NoiseRole::initiator, who.staticKey.clone(), asBytes(who.prologue));
     platform::TimeLimit limit(clock, queue, [&wire] { wire.close(); });
-    limit.begin(who.seconds);
+    limit.begin(who.limit);
     try {
         co_await exchangeAsInitiator(wire, handshake);
     } catch (const std::exception& error) {
-        throw SendError::noiseHandshakeFailed(limit.hasExpired() ? "timed out after " + timeInWords(who.seconds)
+        throw SendError::noiseHandshakeFailed(limit.hasExpired() ? "timed out after " + timeInWords(who.limit)
                                                                  : platform::textOfFailure(error));
     }
     NoiseTransport transport = std::move(handshake).finalize();

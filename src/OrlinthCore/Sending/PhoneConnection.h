@@ -18,7 +18,7 @@ namespace orlinth {
 struct ConnectRequest {
     PeerRecord peer;
     Executor queue;
-    double warmConnectTimeout; ///< seconds for the first attempt
+    Seconds warmConnectTimeout; ///< for the first attempt
     /// Connects to the phone that has just been woken: the only difference between the senders.
     std::function<Task<std::unique_ptr<platform::Stream>>()> connectAfterWake;
     std::string fcmBaseURL;
@@ -33,18 +33,17 @@ struct ConnectRequest {
 /// @throws SendError::network
 [[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectOrWake(platform::System& system, ConnectRequest request);
 
-/// Attempts until `windowSeconds` have passed, `attemptTimeout` each, `retryInterval` between them; the window alone
+/// Attempts until `window` has passed, `attemptTimeout` each, `retryInterval` between them; the window alone
 /// bounds their number. `network` and `clock` outlive the call, as those of connectOnce().
 /// @throws the last attempt's error; SendError::network("connect timed out after wake") if there
 /// was none
 [[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectWithin(platform::Network& network, platform::Clock& clock,
-                                                                    PeerRecord peer, Executor queue,
-                                                                    double windowSeconds, double attemptTimeout,
-                                                                    double retryInterval);
+                                                                    PeerRecord peer, Executor queue, Seconds window,
+                                                                    Seconds attemptTimeout, Seconds retryInterval);
 
 /// One attempt, as openConnection() makes it.
 [[nodiscard]] Task<std::unique_ptr<platform::Stream>> connectOnce(platform::Network& network, platform::Clock& clock,
-                                                                  PeerRecord peer, Executor queue, double timeout,
+                                                                  PeerRecord peer, Executor queue, Seconds timeout,
                                                                   WhenRefused whenRefused = WhenRefused::fail);
 
 /// The phone's key from its record. @throws SendError::unauthorizedPeer if it is not Base64
@@ -54,8 +53,8 @@ struct ConnectRequest {
 struct Authentication {
     const platform::PrivateKey& staticKey; ///< ours
     std::string prologue;
-    Bytes peerKey;  ///< the phone's, as it was paired
-    double seconds; ///< for the whole handshake; 0: no limit
+    Bytes peerKey; ///< the phone's, as it was paired
+    Seconds limit; ///< for the whole handshake; 0: no limit
 };
 
 /// Runs the handshake as its initiator and checks that the phone is the one that was paired. The connection, whose

@@ -33,7 +33,7 @@ ConnectRequest connectRequest(platform::System& system, const SendTerms& terms, 
 }
 
 /// The offset in the phone's answer to the offer.
-std::int64_t acceptedOffset(const FrameView& answer, const TransferId& transferId, std::int64_t size) {
+ByteOffset acceptedOffset(const FrameView& answer, const TransferId& transferId, std::int64_t size) {
     if (const auto* message = std::get_if<TransportMessage>(&answer)) {
         if (const auto* resume = message->as<TransportMessage::Resume>()) {
             if (resume->transfer_id.size() > TransportMessage::maxTransferIdBytes) {
@@ -45,11 +45,12 @@ std::int64_t acceptedOffset(const FrameView& answer, const TransferId& transferI
                 throw SendError::malformedResume("transfer_id mismatch (got " + resume->transfer_id + ", want " +
                                                  transferId.text() + ")");
             }
-            if (resume->accepted_offset < 0 || resume->accepted_offset > size) {
+            const ByteOffset offset = resume->accepted_offset;
+            if (offset < ByteOffset() || offset > ByteOffset(size)) {
                 throw SendError::malformedResume("accepted_offset out of range: " +
-                                                 std::to_string(resume->accepted_offset) + "/" + std::to_string(size));
+                                                 std::to_string(offset.bytesBefore()) + "/" + std::to_string(size));
             }
-            return resume->accepted_offset;
+            return offset;
         }
         if (message->as<TransportMessage::Unpair>() != nullptr) {
             throw SendError::peerRemoved();
@@ -71,11 +72,11 @@ auto readingSource(const std::string& what, Step step) {
     }
 }
 
-std::unique_ptr<platform::File> openAt(platform::FileSystem& files, const platform::Path& path, std::int64_t offset) {
+std::unique_ptr<platform::File> openAt(platform::FileSystem& files, const platform::Path& path, ByteOffset offset) {
     std::unique_ptr<platform::File> file =
         readingSource("", [&] { return files.open(path, platform::OpenMode::read); });
-    if (offset != 0) {
-        readingSource("seek to " + std::to_string(offset) + " failed: ", [&] { file->seek(offset); });
+    if (offset != ByteOffset()) {
+        readingSource("seek to " + std::to_string(offset.bytesBefore()) + " failed: ", [&] { file->seek(offset); });
     }
     return file;
 }
@@ -97,7 +98,7 @@ struct Conversation {
 ///
 /// A chunk is read, sealed and sent in one buffer. The next is read only when the system has taken the one before, so
 /// a slow phone slows the reading down and memory stays at one chunk.
-Task<std::int64_t> stream(Conversation& with, FrameBuffer& buffer, platform::File& file, std::int64_t offset) {
+Task<std::int64_t> stream(Conversation& with, FrameBuffer& buffer, platform::File& file, ByteOffset offset) {
     std::int64_t sent = 0;
     for (;;) {
         if (with.terms.cancel && with.terms.cancel()) {
@@ -110,9 +111,9 @@ Task<std::int64_t> stream(Conversation& with, FrameBuffer& buffer, platform::Fil
         }
         with.framer.sealBinary(buffer, count);
         co_await with.wire.sendFrame(buffer);
-        with.silence.begin(with.terms.silenceSeconds);
+        with.silence.begin(with.terms.silenceLimit);
         sent += static_cast<std::int64_t>(count);
-        with.progress.onProgress(offset + sent, with.prepared.file.size);
+        with.progress.onProgress((offset + sent).bytesBefore(), with.prepared.file.size);
     }
 }
 
@@ -126,32 +127,32 @@ Task<SentFile> offerAndStream(Conversation& with) {
     FrameBuffer buffer;
     co_await with.wire.receiveFrame(buffer);
     const FrameView answer = co_await with.framer.decodeInPlace(with.queues, buffer.body());
-    const std::int64_t offset = acceptedOffset(answer, id, source.size);
+    const ByteOffset offset = acceptedOffset(answer, id, source.size);
 
     const platform::Clock::Instant start = with.clock.now();
     const std::unique_ptr<platform::File> file = openAt(with.files, with.prepared.path, offset);
-    with.silence.begin(with.terms.silenceSeconds);
-    with.progress.onProgress(offset, source.size);
+    with.silence.begin(with.terms.silenceLimit);
+    with.progress.onProgress(offset.bytesBefore(), source.size);
     const std::int64_t sent = co_await stream(with, buffer, *file, offset);
     const Bytes done = with.framer.encodeJSON(TransportMessage::done());
     co_await with.wire.sendLengthPrefixed(done);
     co_return SentFile{.savedPath = with.prepared.path.native(),
-                       .bytesSent = offset + sent,
+                       .bytesSent = (offset + sent).bytesBefore(),
                        .advertisedSize = source.size,
-                       .durationSeconds = (with.clock.now() - start).count(),
+                       .duration = with.clock.now() - start,
                        .resumedFromOffset = offset};
 }
 
 /// The same within the limit of silence.
 Task<SentFile> offerAndStreamInTime(Conversation& with) {
-    with.silence.begin(with.terms.silenceSeconds);
+    with.silence.begin(with.terms.silenceLimit);
     try {
         SentFile sent = co_await offerAndStream(with);
         with.silence.end(); // the farewell has a limit of its own
         co_return sent;
     } catch (...) {
         if (with.silence.hasExpired()) {
-            throw SendError::network("no progress for " + timeInWords(with.terms.silenceSeconds),
+            throw SendError::network("no progress for " + timeInWords(with.terms.silenceLimit),
                                      SendError::Reason::stalled, std::current_exception());
         }
         throw;
@@ -177,7 +178,7 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
     Authentication who{.staticKey = terms.staticKey,
                        .prologue = terms.prologue,
                        .peerKey = std::move(peerKey),
-                       .seconds = terms.handshakeSeconds};
+                       .limit = terms.handshakeLimit};
     TransportFramer framer = co_await authenticate(wire, system.clock, queue, std::move(who));
     progress.onHandshakeComplete();
 
@@ -196,7 +197,7 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
         onEndSent();
     }
     progress.onComplete(result);
-    const WireConnection::Farewell farewell = co_await wire.closeAfterFarewell(terms.farewellSeconds);
+    const WireConnection::Farewell farewell = co_await wire.closeAfterFarewell(terms.farewellLimit);
     co_return SendOutcome{.sent = std::move(result), .farewell = farewell};
 }
 

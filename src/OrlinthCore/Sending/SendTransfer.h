@@ -20,8 +20,8 @@ struct SentFile {
     std::string savedPath;           ///< the local file that was sent
     std::int64_t bytesSent = 0;      ///< bytes that the phone holds at the end: the resume offset and what was sent now
     std::int64_t advertisedSize = 0; ///< as the offer said
-    double durationSeconds = 0;      ///< from the acceptance of the Resume to the end
-    std::int64_t resumedFromOffset = 0; ///< 0 for a fresh transfer
+    Seconds duration{0};             ///< from the acceptance of the Resume to the end
+    ByteOffset resumedFromOffset;    ///< the start for a fresh transfer
 
     bool operator==(const SentFile&) const = default;
 };
@@ -49,18 +49,18 @@ struct SendTerms {
     PeerRecord peer;
     const platform::PrivateKey& staticKey;
     std::string prologue = std::string(kOrlinthPrologue);
-    double warmConnectTimeout;     ///< seconds for the first attempt to connect
-    double postWakeConnectTimeout; ///< seconds in which attempts are made after a wake
-    double postWakeAttemptTimeout; ///< seconds for each of those
-    double postWakeRetryInterval;  ///< seconds between them
+    Seconds warmConnectTimeout;     ///< for the first attempt to connect
+    Seconds postWakeConnectTimeout; ///< in which attempts are made after a wake
+    Seconds postWakeAttemptTimeout; ///< for each of those
+    Seconds postWakeRetryInterval;  ///< between them
     std::string fcmBaseURL = FcmWake::defaultBaseURL;
     std::function<bool()> cancel = {}; ///< asked before each chunk, on any thread; true ends the transfer
     SendProgress* progress = nullptr;
-    bool mayWake = true;         ///< whether a phone that does not answer is woken, if its push token is known
-    double handshakeSeconds = 0; ///< in which the phone has to prove its key; 0: no limit
+    bool mayWake = true;       ///< whether a phone that does not answer is woken, if its push token is known
+    Seconds handshakeLimit{0}; ///< in which the phone has to prove its key; 0: no limit
     /// How long the phone may take to answer the offer, and then for each chunk; 0: no limit.
-    double silenceSeconds = 0;
-    double farewellSeconds = 1; ///< how long the phone may take to close after Done
+    Seconds silenceLimit{0};
+    Seconds farewellLimit = 1s; ///< how long the phone may take to close after Done
     /// Notices a phone that is gone, as the phone's answer to the offer may be waited for without limit. Absent: off.
     std::optional<platform::KeepAlive> keepAlive = {};
 };

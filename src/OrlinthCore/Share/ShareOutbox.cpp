@@ -22,7 +22,7 @@ ShareOutbox::SharePeer ShareOutbox::SharePeer::fromJson(const Json& json) {
 }
 
 Json ShareOutbox::Manifest::toJson() const {
-    Json json = {{"id", id}, {"createdAtMs", createdAtMs}, {"files", files}};
+    Json json = {{"id", id}, {"createdAtMs", toNumber(createdAtMs)}, {"files", files}};
     if (targetPubkeys) {
         json["targetPubkeys"] = *targetPubkeys;
     }
@@ -31,7 +31,7 @@ Json ShareOutbox::Manifest::toJson() const {
 
 ShareOutbox::Manifest ShareOutbox::Manifest::fromJson(const Json& json) {
     Manifest manifest{.id = requireString(json, "id"),
-                      .createdAtMs = requireInt64(json, "createdAtMs"),
+                      .createdAtMs = fromEpochMilliseconds(requireInt64(json, "createdAtMs")),
                       .files = requireStrings(json, "files")};
     if (const std::optional<std::vector<std::string>> keys = optionalStrings(json, "targetPubkeys")) {
         manifest.targetPubkeys.emplace(keys->begin(), keys->end());

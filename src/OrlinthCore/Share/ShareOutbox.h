@@ -3,6 +3,7 @@
 #include "base/Bytes.h"
 #include "base/Json.h"
 #include "base/StrongText.h"
+#include "base/Time.h"
 #include "platform/BusSignals.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
@@ -45,8 +46,8 @@ public:
 
     /// What a batch says of itself. The JSON keys are the field names.
     struct Manifest {
-        std::string id;                 ///< upper-case UUID text; the name of the batch's folder
-        std::int64_t createdAtMs = 0;   ///< since the Unix epoch
+        std::string id; ///< upper-case UUID text; the name of the batch's folder
+        EpochMilliseconds createdAtMs{};
         std::vector<std::string> files; ///< names in the batch's folder, in the order in which the copies finished
         /// Keys of the chosen phones. Nothing (and no such key in the JSON) when there was no choice, with one phone
         /// paired.

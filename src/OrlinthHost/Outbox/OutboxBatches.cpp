@@ -9,7 +9,6 @@ namespace orlinth::host {
 
 namespace {
 
-constexpr std::int64_t nanosecondsInMillisecond = 1'000'000;
 constexpr std::size_t uuidCharacters = 36;
 
 /// Whether it says nothing about the file: the same call may work a moment later.
@@ -72,7 +71,7 @@ void checkManifest(const ShareOutbox::Manifest& manifest, const BatchId& id) {
     if (manifest.id != id.text()) {
         throw OutboxError("its manifest is that of another batch: '" + manifest.id + "'");
     }
-    if (manifest.createdAtMs < 0) {
+    if (manifest.createdAtMs < EpochMilliseconds()) {
         throw OutboxError("its manifest says that it is older than any computer");
     }
     if (manifest.files.empty()) {
@@ -265,8 +264,7 @@ void OutboxBatches::bringBack(const BatchId& id) {
 
 bool OutboxBatches::isAbandoned(const platform::Path& folder) const {
     const std::optional<platform::FileStatus> seen = files_.status(folder);
-    return seen &&
-           clock_.epochMilliseconds() - seen->modifiedNanoseconds / nanosecondsInMillisecond >= abandonedAfterMs;
+    return seen && clock_.epochMilliseconds() - inMilliseconds(seen->modifiedAt) >= abandonedAfter;
 }
 
 bool OutboxBatches::clearIfAbandoned(const platform::Path& folder) {

@@ -32,7 +32,7 @@ public:
     /// Where batches go that cannot be sent: a folder beside the outbox.
     static constexpr const char* setAsideName = "OutboxSetAside";
     /// How long a folder without a manifest, that nobody holds, stays as it is.
-    static constexpr std::int64_t abandonedAfterMs = 60'000;
+    static constexpr std::chrono::seconds abandonedAfter{60};
 
     struct Batch {
         ShareOutbox::Manifest manifest;

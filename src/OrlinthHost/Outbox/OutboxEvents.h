@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/Outbox/OutboxState.h"
 #include "OrlinthHost/Sending/Delivery.h"
+#include "base/Progress.h"
 #include "platform/FileSystem.h"
 
 #include <cstdint>
@@ -25,16 +26,15 @@ public:
     };
 
     /// At most twice a second.
-    virtual void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) = 0;
+    virtual void progress(const Transfer& transfer, const Progress& progress) = 0;
     virtual void sent(const Transfer& transfer, const Delivered& delivered) = 0;
     /// A phone has everything of a batch, but for what has failed.
     virtual void through(const OutboxState::Phone& to, const std::vector<std::string>& files) = 0;
     /// Nothing of the batch is left to do.
     virtual void done(const BatchId& batch) = 0;
-    /// An attempt has failed that is made again after `retrySeconds`: each time. `to` is empty where it is not about a
+    /// An attempt has failed that is made again after `pause`: each time. `to` is empty where it is not about a
     /// phone.
-    virtual void waiting(const BatchId& batch, const std::string& to, const std::string& message,
-                         double retrySeconds) = 0;
+    virtual void waiting(const BatchId& batch, const std::string& to, const std::string& message, Seconds pause) = 0;
     /// The same, only when the reason is another one than before: in the log, and on the desktop.
     virtual void waitingLine(const OutboxState::Phone& to, const std::string& message) = 0;
     virtual void waitingNotification(const OutboxState::Phone& to, const std::string& message) = 0;

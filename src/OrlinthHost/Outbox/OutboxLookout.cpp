@@ -35,7 +35,7 @@ void OutboxLookout::stop() noexcept {
 
 void OutboxLookout::lookSoon() {
     if (self_ && !std::exchange(isGathering_, true)) {
-        gather_->arm(gatherSeconds, [this] { look(); });
+        gather_->arm(gatherDelay, [this] { look(); });
     }
 }
 
@@ -44,7 +44,7 @@ void OutboxLookout::look() {
     gather_->disarm();
     onLook_();
     if (self_) {
-        backstop_->arm(isUnwatched() ? unwatchedSeconds : backstopSeconds, [this] { look(); });
+        backstop_->arm(isUnwatched() ? unwatchedInterval : backstopInterval, [this] { look(); });
     }
 }
 

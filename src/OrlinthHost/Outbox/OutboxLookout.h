@@ -21,12 +21,12 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class OutboxLookout {
 public:
-    /// Seconds between two looks that nothing gave reason for.
-    static constexpr double backstopSeconds = 60;
+    /// Between two looks that nothing gave reason for.
+    static constexpr Seconds backstopInterval = 60s;
     /// The same where a watch is missing.
-    static constexpr double unwatchedSeconds = 1;
-    /// Seconds from a reason to the look: files that come together are looked at together.
-    static constexpr double gatherSeconds = 0.05;
+    static constexpr Seconds unwatchedInterval = 1s;
+    /// From a reason to the look: files that come together are looked at together.
+    static constexpr Seconds gatherDelay = 50ms;
 
     /// `onLook` is called on the home's executor, never from within a call of this. `home` outlives this.
     OutboxLookout(Home& home, std::function<void()> onLook);

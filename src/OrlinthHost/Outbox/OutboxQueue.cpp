@@ -197,7 +197,7 @@ void OutboxQueue::accept(const BatchId& id, News& news) {
         setAside(id, error.description());
     } catch (const Error& error) { // of the disk or the peer store: the next look may find it well
         log(platform::LogLevel::error, "cannot take in batch " + id.text() + ": " + error.description());
-        events_.waiting(id, "", error.description(), OutboxLookout::backstopSeconds);
+        events_.waiting(id, "", error.description(), OutboxLookout::backstopInterval);
     }
 }
 
@@ -221,11 +221,11 @@ OutboxQueue::Job* OutboxQueue::find(const BatchId& id) {
 
 OutboxQueue::Job* OutboxQueue::nextFor(const PeerKey& peerKey) {
     Job* next = nullptr;
-    std::pair<int, std::int64_t> place; // in the line
+    std::pair<int, EpochMilliseconds> place; // in the line
     for (const auto& [id, job] : jobs_) {
         if (const std::optional<std::string> file = job->nextFor(peerKey)) {
-            const std::pair<int, std::int64_t> mine = {job->attemptsInVain(peerKey, *file),
-                                                       job->batch.manifest.createdAtMs};
+            const std::pair<int, EpochMilliseconds> mine = {job->attemptsInVain(peerKey, *file),
+                                                            job->batch.manifest.createdAtMs};
             if (next == nullptr || mine < place) {
                 next = job.get();
                 place = mine;
@@ -299,7 +299,7 @@ void OutboxQueue::setAllFailed(const PeerKey& peerKey, const std::string& messag
     }
 }
 
-void OutboxQueue::setWaiting(const PeerKey& peerKey, const std::string& message, double seconds, bool isNews) {
+void OutboxQueue::setWaiting(const PeerKey& peerKey, const std::string& message, Seconds pause, bool isNews) {
     OutboxState::Phone waiting;
     waiting.peerKey = peerKey;
     bool isFirst = false; // of one of the batches
@@ -313,7 +313,7 @@ void OutboxQueue::setWaiting(const PeerKey& peerKey, const std::string& message,
         if (std::exchange(phone.waiting, message) != message) {
             save(*job);
         }
-        events_.waiting(id, waiting.displayName(), message, seconds);
+        events_.waiting(id, waiting.displayName(), message, pause);
     }
     if (isNews || isFirst) {
         events_.waitingLine(waiting, message);

@@ -96,9 +96,9 @@ public:
     void putBehind(Job& job, const PeerKey& peerKey, const std::string& file) { ++job.inVain[{peerKey, file}]; }
     /// Everything that is left for this phone, in any batch, and not under way.
     void setAllFailed(const PeerKey& peerKey, const std::string& message);
-    /// An attempt for this phone has failed, and the next is made after `seconds`. `isNews` if it is for another reason
+    /// An attempt for this phone has failed, and the next is made after `pause`. `isNews` if it is for another reason
     /// than was told before.
-    void setWaiting(const PeerKey& peerKey, const std::string& message, double seconds, bool isNews);
+    void setWaiting(const PeerKey& peerKey, const std::string& message, Seconds pause, bool isNews);
 
     /// Once more, what could not be noted. The last call.
     void saveWhatIsBehind();

@@ -41,9 +41,9 @@ struct OutboxSender::Running final : Attempt {
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
         Attempt::onProgress(bytesSent, totalBytes);
         const platform::Clock::Instant now = clock.now();
-        if (!lastProgressAt || (now - *lastProgressAt).count() >= progressSeconds) {
+        if (!lastProgressAt || now - *lastProgressAt >= progressInterval) {
             lastProgressAt = now;
-            events.progress(transfer, bytesSent, totalBytes);
+            events.progress(transfer, {.done = bytesSent, .total = totalBytes});
         }
     }
 
@@ -213,7 +213,7 @@ Task<> OutboxSender::transfer(Running& running) {
                             .phone = running.record,
                             .ownKey = ownKey_,
                             .mayWake = running.isFirst, // one push is enough
-                            .silenceSeconds = silenceSeconds,
+                            .silenceLimit = silenceLimit,
                             .progress = &running,
                             .offersAtOnce = std::min(left, OffersInDoubt::atOnce),
                             .inDoubt = running.inDoubt};
@@ -313,8 +313,8 @@ void OutboxSender::settleBreak(Phone& phone, Job& job, const Running& running, c
         queue_.putBehind(job, phone.peerKey, running.transfer.file);
     }
     const RetryPolicy::Outcome outcome = hasMoved ? RetryPolicy::Outcome::moved : RetryPolicy::Outcome::failed;
-    if (const auto seconds = phone.retries.ended(outcome, home_.system.clock.now())) {
-        wait(phone, *seconds, failureText(ended));
+    if (const auto pause = phone.retries.ended(outcome, home_.system.clock.now())) {
+        wait(phone, *pause, failureText(ended));
     }
 }
 
@@ -337,13 +337,13 @@ void OutboxSender::pause(Phone& phone, const std::string& message) {
     wait(phone, phone.retries.pause(home_.system.clock.now()), message);
 }
 
-void OutboxSender::wait(Phone& phone, double seconds, const std::string& message) {
-    phone.timer->arm(seconds, [this, &phone] {
+void OutboxSender::wait(Phone& phone, Seconds pause, const std::string& message) {
+    phone.timer->arm(pause, [this, &phone] {
         phone.retries.pauseIsOver();
         startNext(phone);
     });
     const bool isNews = std::exchange(phone.told, message) != message;
-    queue_.setWaiting(phone.peerKey, message, seconds, isNews);
+    queue_.setWaiting(phone.peerKey, message, pause, isNews);
 }
 
 void OutboxSender::heardOf(const PeerRecord& record) {

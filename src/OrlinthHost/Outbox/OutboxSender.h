@@ -32,8 +32,8 @@ namespace orlinth::host {
 /// write that is flushed; both are short. The service's connections have threads of their own.
 class OutboxSender {
 public:
-    /// Seconds between two events of progress.
-    static constexpr double progressSeconds = 0.5;
+    /// Between two events of progress.
+    static constexpr Seconds progressInterval = 500ms;
 
     /// What is referred to outlives this.
     OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events);
@@ -81,7 +81,7 @@ private:
     [[nodiscard]] static bool hasGotFurther(Phone& phone, const Running& running);
     void end(Phone& phone, RetryPolicy::Outcome outcome) const;
     void pause(Phone& phone, const std::string& message);
-    void wait(Phone& phone, double seconds, const std::string& message);
+    void wait(Phone& phone, Seconds pause, const std::string& message);
     [[nodiscard]] bool drop(const BatchId& id);
     void discard(const BatchId& id);
 

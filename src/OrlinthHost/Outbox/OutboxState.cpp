@@ -101,11 +101,11 @@ Json changeOf(const OutboxState::Phone& phone, const std::string& file) {
 }
 
 /// The phone that was the one when there was nothing to choose; null if none is paired.
-const PeerRecord* phoneWithoutChoice(const PeerBook& book, std::int64_t createdAtMs,
+const PeerRecord* phoneWithoutChoice(const PeerBook& book, EpochMilliseconds createdAt,
                                      const std::function<bool()>& wasOneRemoved) {
     const PeerRecord* best = nullptr;
     for (const PeerRecord& record : book.peers) {
-        const bool isEarlier = record.paired_at_epoch_ms <= createdAtMs;
+        const bool isEarlier = record.paired_at_epoch_ms <= createdAt;
         if (isEarlier && (best == nullptr || record.paired_at_epoch_ms > best->paired_at_epoch_ms)) {
             best = &record;
         }
@@ -200,7 +200,7 @@ void OutboxState::saveFile(const Phone& phone, const std::string& file) {
     }
     isWhole_ = false;
     const std::unique_ptr<platform::File> log = files_->open(folder_ / fileName, platform::OpenMode::write);
-    log->seek(log->status().size);
+    log->seek(ByteOffset(log->status().size));
     log->write(asBytes(compactJson(changeOf(phone, file)) + "\n"));
     isWhole_ = true;
     hasUnflushed_ = true;

@@ -34,7 +34,7 @@ void PeerStoreWatch::stop() noexcept {
 }
 
 void PeerStoreWatch::lookAgainLater() {
-    backstop_->arm(backstopSeconds, [this] {
+    backstop_->arm(backstopInterval, [this] {
         look();
         lookAgainLater();
     });

@@ -14,7 +14,7 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class PeerStoreWatch {
 public:
-    static constexpr double backstopSeconds = 60;
+    static constexpr Seconds backstopInterval = 60s;
 
     /// `onChange` is called on the home's executor. `home` outlives this.
     PeerStoreWatch(Home& home, std::function<void()> onChange);

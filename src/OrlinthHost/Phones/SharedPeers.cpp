@@ -12,7 +12,7 @@ namespace {
 /// Two phones of one model often have one name; where a phone is, and since when it is paired, tells them apart.
 std::string subtitleOf(const PeerRecord& record) {
     constexpr std::size_t dateCharacters = 10;
-    if (record.paired_at_epoch_ms <= 0) {
+    if (record.paired_at_epoch_ms <= EpochMilliseconds()) {
         return record.peer_ip;
     }
     return record.peer_ip + " · paired " + humanTime(record.paired_at_epoch_ms).substr(0, dateCharacters);

@@ -20,9 +20,9 @@ SendTerms termsOf(const DeliveryRequest& request) {
             .fcmBaseURL = pushServiceURL(),
             .progress = request.progress,
             .mayWake = request.mayWake,
-            .handshakeSeconds = handshakeSeconds,
-            .silenceSeconds = request.silenceSeconds,
-            .farewellSeconds = farewellSeconds,
+            .handshakeLimit = handshakeLimit,
+            .silenceLimit = request.silenceLimit,
+            .farewellLimit = farewellLimit,
             .keepAlive = phoneKeepAlive};
 }
 

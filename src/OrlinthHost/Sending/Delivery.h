@@ -13,7 +13,7 @@ namespace orlinth::host {
 ///
 /// When the end of a file has been sent, megabytes of it may still lie in the buffers of both systems. So a file counts
 /// as delivered only when the phone has closed the connection in good order behind it, or has at least acknowledged
-/// every byte for `farewellSeconds` without a word. Everything else behind the end (a reset, silence with bytes that
+/// every byte for `farewellLimit` without a word. Everything else behind the end (a reset, silence with bytes that
 /// never came through) leaves it in doubt: it is offered again at once, under the same id, by which a phone can know
 /// what it has.
 
@@ -50,8 +50,8 @@ struct DeliveryRequest {
     PeerRecord phone;
     const platform::PrivateKey& ownKey;
     SendTimes times = {};
-    bool mayWake = true;       ///< whether a phone that does not answer is woken
-    double silenceSeconds = 0; ///< after which a phone that lets nothing move is given up; 0: never
+    bool mayWake = true;     ///< whether a phone that does not answer is woken
+    Seconds silenceLimit{0}; ///< after which a phone that lets nothing move is given up; 0: never
     SendProgress* progress = nullptr;
     int offersAtOnce = OffersInDoubt::atOnce; ///< how often the file may be offered in this delivery
     OffersInDoubt& inDoubt;                   ///< counted up

@@ -4,8 +4,8 @@
 
 namespace orlinth::host {
 
-double RetryPolicy::pauseAfter(int failures) noexcept {
-    constexpr std::array<double, 6> pauses{5, 15, 60, 300, 900, 3600};
+Seconds RetryPolicy::pauseAfter(int failures) noexcept {
+    constexpr std::array<Seconds, 6> pauses{5s, 15s, 1min, 5min, 15min, 1h};
     const std::size_t step = failures < 1 ? 0 : static_cast<std::size_t>(failures) - 1;
     return step < pauses.size() ? pauses.at(step) : pauses.back();
 }
@@ -16,9 +16,9 @@ void RetryPolicy::began() noexcept {
     }
 }
 
-std::optional<double> RetryPolicy::ended(Outcome outcome, Instant now) noexcept {
+std::optional<Seconds> RetryPolicy::ended(Outcome outcome, Instant now) noexcept {
     --underWay_;
-    std::optional<double> seconds;
+    std::optional<Seconds> pauseNow;
     switch (outcome) {
     case Outcome::delivered:
         failures_ = 0;
@@ -35,17 +35,17 @@ std::optional<double> RetryPolicy::ended(Outcome outcome, Instant now) noexcept 
             isOutOfTurn_ = true;
             state_ = State::sending;
         } else {
-            seconds = pause(now);
+            pauseNow = pause(now);
         }
         break;
     case Outcome::nothing:
         break;
     }
     settle();
-    return seconds;
+    return pauseNow;
 }
 
-double RetryPolicy::pause(Instant now) noexcept {
+Seconds RetryPolicy::pause(Instant now) noexcept {
     state_ = State::pausing;
     pausedAt_ = now;
     return pauseAfter(++failures_);
@@ -72,7 +72,7 @@ bool RetryPolicy::heard(Instant now) noexcept {
         hopeForTheNext();
         return false;
     }
-    const bool isEcho = state_ == State::pausing && (now - pausedAt_).count() < echoSeconds;
+    const bool isEcho = state_ == State::pausing && now - pausedAt_ < echoTime;
     if (isEcho && isOutOfTurn_) {
         return false;
     }

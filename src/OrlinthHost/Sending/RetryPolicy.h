@@ -26,10 +26,10 @@ class RetryPolicy {
 public:
     using Instant = platform::Clock::Instant;
 
-    /// Seconds that a pause has lasted, after which being heard of is not taken for an answer to our own push.
-    static constexpr double echoSeconds = 60;
-    /// Seconds from the n-th failure in a row, counted from 1, to the next attempt.
-    [[nodiscard]] static double pauseAfter(int failures) noexcept;
+    /// How long a pause has lasted after which being heard of is not taken for an answer to our own push.
+    static constexpr Seconds echoTime = 60s;
+    /// The pause from the n-th failure in a row, counted from 1, to the next attempt.
+    [[nodiscard]] static Seconds pauseAfter(int failures) noexcept;
 
     enum class State {
         idle,    ///< nothing is under way; whatever comes may begin
@@ -52,11 +52,11 @@ public:
 
     /// An attempt begins. The policy permits it.
     void began() noexcept;
-    /// One that had begun is over. Returns how many seconds to pause, from now, if a pause begins.
-    [[nodiscard]] std::optional<double> ended(Outcome outcome, Instant now) noexcept;
+    /// One that had begun is over. Returns how long to pause, from now, if a pause begins.
+    [[nodiscard]] std::optional<Seconds> ended(Outcome outcome, Instant now) noexcept;
     /// A failure before anything could begin, or one after which the phone is to be left alone for a while. Returns how
-    /// many seconds to pause.
-    [[nodiscard]] double pause(Instant now) noexcept;
+    /// long to pause.
+    [[nodiscard]] Seconds pause(Instant now) noexcept;
     /// The time has passed.
     void pauseIsOver() noexcept;
     /// Somebody asks for the phone, its address has changed, or there is something new for it. What was failed before

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthHost/Sending/Attempt.h"
 #include "OrlinthHost/Sending/Delivery.h"
+#include "base/Progress.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -35,7 +36,7 @@ public:
     /// The phone has proved its key.
     virtual void authenticated(const Transfer& transfer) = 0;
     /// Bytes that the phone has; the first call of a connection tells what it had before.
-    virtual void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) = 0;
+    virtual void progress(const Transfer& transfer, const Progress& progress) = 0;
     /// The end of the file was sent; what is open is how the phone takes its leave.
     virtual void endSent(const Transfer& transfer) = 0;
     /// The connection broke behind the end of the file, which is offered again now.

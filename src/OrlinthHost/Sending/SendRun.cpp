@@ -28,7 +28,7 @@ struct SendRun::Running final : Attempt {
     }
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
         Attempt::onProgress(bytesSent, totalBytes);
-        events.progress(transfer, bytesSent, totalBytes);
+        events.progress(transfer, {.done = bytesSent, .total = totalBytes});
     }
     void onComplete(const SentFile& result) override {
         Attempt::onComplete(result);
@@ -178,8 +178,8 @@ void SendRun::settle(SendPlan::Id id, std::exception_ptr error) {
 Task<> SendRun::leave() {
     isLeaving_ = true;
     cancelBeforeFarewell();
-    const std::unique_ptr<platform::Timer> grace = home_.system.clock.makeTimer(home_.executor);
-    grace->arm(graceSeconds, [this] { tasks_.cancelAll(); });
+    const std::unique_ptr<platform::Timer> timer = home_.system.clock.makeTimer(home_.executor);
+    timer->arm(grace, [this] { tasks_.cancelAll(); });
     co_await tasks_.join();
     interruption_.notBegun = plan_.waiting() - putBack_.size();
     for (const auto& [waiting, offer] : putBack_) { // which would have got another attempt

@@ -19,8 +19,8 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class SendRun {
 public:
-    /// Seconds that a phone gets to confirm a file whose end was sent when the run was cancelled.
-    static constexpr double graceSeconds = 1;
+    /// How long a phone gets to confirm a file whose end was sent when the run was cancelled.
+    static constexpr Seconds grace = 1s;
 
     /// What was cut short when a run was cancelled.
     struct Interruption {

@@ -12,7 +12,7 @@ namespace {
 Json lookOf(const platform::FileStatus& status) {
     Json look;
     look["size"] = status.size;
-    look["modified_ns"] = status.modifiedNanoseconds;
+    look["modified_ns"] = toNumber(status.modifiedAt);
     look["inode"] = status.inode;
     look["device"] = status.device;
     return look;

@@ -36,12 +36,12 @@ platform::Path controlSocket(const Home& home) {
     return home.dataDirectory() / socketName;
 }
 
-Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, double seconds) {
-    co_return co_await withinSeconds(clock, seconds, readLine(stream));
+Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit) {
+    co_return co_await withinLimit(clock, limit, readLine(stream));
 }
 
 Task<> sendControlLine(platform::Stream& stream, platform::Clock& clock, std::string line) {
-    co_await withinSeconds(clock, controlLineSeconds, writeLine(stream, std::move(line)));
+    co_await withinLimit(clock, controlLineLimit, writeLine(stream, std::move(line)));
 }
 
 } // namespace orlinth::host

@@ -14,8 +14,8 @@ namespace orlinth::host {
 
 /// Bytes of a line, without its end.
 inline constexpr std::size_t maxControlLine = 4096;
-/// Seconds for a whole request to come, and for a whole line to be taken by the other end.
-inline constexpr double controlLineSeconds = 5;
+/// The time for a whole request to come, and for a whole line to be taken by the other end.
+inline constexpr Seconds controlLineLimit = 5s;
 
 /// Where the running service of this data folder listens.
 [[nodiscard]] platform::Path controlSocket(const Home& home);
@@ -23,16 +23,16 @@ inline constexpr double controlLineSeconds = 5;
 /// What `operation` returns, if it does so in time. @throws HostError if it does not
 /// `operation` outlives the call, whose caller awaits it in the expression that makes it; so does `clock`.
 template <typename T>
-[[nodiscard]] Task<T> withinSeconds(platform::Clock& clock, double seconds, Task<T> operation) {
+[[nodiscard]] Task<T> withinLimit(platform::Clock& clock, Seconds limit, Task<T> operation) {
     OneShot<T> outcome;
-    co_await platform::settleFirst(outcome, clock, seconds, std::make_exception_ptr(HostError("no answer in time")),
+    co_await platform::settleFirst(outcome, clock, limit, std::make_exception_ptr(HostError("no answer in time")),
                                    std::move(operation));
     co_return outcome.take();
 }
 
 /// The next line, without its end, and not a byte further: a socket may follow. What is referred to outlives the call.
 /// @throws HostError if it is too long, comes too late, or the connection ends; SystemError
-[[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, double seconds);
+[[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit);
 
 /// Sends a line, and its end. What is referred to outlives the call.
 /// @throws HostError if the other end does not take it in time; SystemError

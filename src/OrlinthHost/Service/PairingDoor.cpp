@@ -28,7 +28,7 @@ constexpr std::uint32_t handshakeBytes = 32;
 
 /// Whoever has connected at the end is still to be turned away: at most so many, each taken at once if it is there.
 constexpr int mostLateVisitors = 1024;
-constexpr double lateSeconds = 0.001;
+constexpr Seconds lateVisitorLimit = 1ms;
 
 /// A connection of which the first bytes have been looked at.
 class LookedAtStream final : public platform::Stream {
@@ -236,7 +236,7 @@ Task<> PairingDoor::State::turnAwayLateOnes(std::shared_ptr<State> self) {
         OneShot<std::unique_ptr<platform::Stream>> next;
         Task<std::unique_ptr<platform::Stream>> accepted = self->port->accept(*self->queue);
         const auto nobody = std::make_exception_ptr(platform::SystemError("nobody"));
-        co_await platform::settleFirst(next, self->home.system.clock, lateSeconds, nobody, std::move(accepted));
+        co_await platform::settleFirst(next, self->home.system.clock, lateVisitorLimit, nobody, std::move(accepted));
         try {
             next.take()->abort();
         } catch (const std::exception&) {

@@ -27,8 +27,8 @@ namespace orlinth::host {
 /// Threading: the pairing uses the listener on its own queue; everything else is on the thread of `main`.
 class PairingDoor {
 public:
-    /// Seconds in which somebody who has connected must say what shows who it is.
-    static constexpr double patience = 5;
+    /// How long somebody who has connected may take to say what shows who it is.
+    static constexpr Seconds patience = 5s;
     /// How many are listened to at once; one more, and the first of them has to go.
     static constexpr std::size_t maxVisitors = 64;
 

@@ -13,7 +13,6 @@ namespace {
 
 constexpr const char* timeKey = "reminded_at_epoch_ms";
 constexpr std::uint32_t reminderPermissions = 0600;
-constexpr std::int64_t nanosecondsInMillisecond = 1'000'000;
 
 } // namespace
 
@@ -25,7 +24,7 @@ PartialsReminder::PartialsReminder(Home& home, platform::Path folder, std::funct
       looks_(home.system.queues, "orlinth.serve.partials") {}
 
 void PartialsReminder::start() {
-    lookIn(firstLookSeconds);
+    lookIn(firstLookDelay);
 }
 
 void PartialsReminder::stop() noexcept {
@@ -37,10 +36,10 @@ Task<> PartialsReminder::finish() {
     co_await looks_.finish();
 }
 
-void PartialsReminder::lookIn(double seconds) {
-    timer_->arm(seconds, [this] {
+void PartialsReminder::lookIn(Seconds delay) {
+    timer_->arm(delay, [this] {
         looks_.add([this] { look(); }); // finish() comes behind it
-        lookIn(lookSeconds);
+        lookIn(lookInterval);
     });
 }
 
@@ -50,7 +49,7 @@ void PartialsReminder::look() {
         if (reminder.count == 0) {
             return;
         }
-        const Json state = {{timeKey, home_.system.clock.epochMilliseconds()}};
+        const Json state = {{timeKey, toNumber(home_.system.clock.epochMilliseconds())}};
         platform::writeWholeFile(home_.system.files, home_.dataDirectory() / fileName, asBytes(prettyJson(state)),
                                  reminderPermissions, platform::Flush::now, platform::Links::follow);
         asio::post(home_.executor, [this, reminder] { onReminder_(reminder); });
@@ -63,9 +62,9 @@ void PartialsReminder::look() {
 bool PartialsReminder::isDue() const {
     try {
         const Bytes content = platform::readWholeFile(home_.system.files, home_.dataDirectory() / fileName);
-        const std::int64_t last = requireInt64(parseJson(content), timeKey);
-        const std::int64_t now = home_.system.clock.epochMilliseconds();
-        return last > now || now - last >= weekMilliseconds; // a clock that was wrong then is not believed
+        const EpochMilliseconds last = fromEpochMilliseconds(requireInt64(parseJson(content), timeKey));
+        const EpochMilliseconds now = home_.system.clock.epochMilliseconds();
+        return last > now || last <= now - week; // a clock that was wrong then is not believed
     } catch (const Error&) {
         return true;
     }
@@ -73,9 +72,9 @@ bool PartialsReminder::isDue() const {
 
 PartialsReminder::Reminder PartialsReminder::count() const {
     Reminder reminder;
-    const std::int64_t limit = home_.system.clock.epochMilliseconds() - weekMilliseconds;
+    const EpochMilliseconds limit = home_.system.clock.epochMilliseconds() - week;
     for (const PartialDownload& download : Partials::in(*home_.system.files.openFolder(folder_))) {
-        if (download.changedNanoseconds / nanosecondsInMillisecond <= limit) {
+        if (inMilliseconds(download.changedAt) <= limit) {
             ++reminder.count;
             reminder.bytes += download.size;
         }

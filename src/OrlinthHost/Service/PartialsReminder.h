@@ -17,10 +17,10 @@ namespace orlinth::host {
 class PartialsReminder {
 public:
     static constexpr const char* fileName = "partials-reminder.json";
-    static constexpr std::int64_t weekMilliseconds = std::int64_t{7} * 24 * 3600 * 1000;
-    /// Seconds from the start to the first look, so that it holds nothing up, and from each one to the next.
-    static constexpr double firstLookSeconds = 60;
-    static constexpr double lookSeconds = 24 * 3600;
+    static constexpr std::chrono::weeks week{1};
+    /// From the start to the first look, so that it holds nothing up, and from each one to the next.
+    static constexpr Seconds firstLookDelay = 60s;
+    static constexpr Seconds lookInterval = 24h;
 
     struct Reminder {
         std::int64_t count = 0;
@@ -40,7 +40,7 @@ public:
     [[nodiscard]] Task<> finish();
 
 private:
-    void lookIn(double seconds);
+    void lookIn(Seconds delay);
     // on the queue of `looks_`
     void look();
     [[nodiscard]] bool isDue() const;

@@ -15,8 +15,8 @@ namespace orlinth::host {
 
 namespace {
 
-/// Seconds between two attempts to open the port again.
-constexpr double retrySeconds = 1;
+/// Between two attempts to open the port again.
+constexpr Seconds retryInterval = 1s;
 
 /// Until the other end closes; what it says meanwhile means nothing.
 Task<> untilItEnds(platform::Stream& stream) {
@@ -82,7 +82,7 @@ Task<> PortLoan::takeBack() {
             isTold = true;
             events_.portMissing(problem);
         }
-        co_await home_.system.clock.sleep(retrySeconds);
+        co_await home_.system.clock.sleep(retryInterval);
     }
 }
 

@@ -66,7 +66,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
       control(service.home_, loan, outbox, service.events_),
-      watchdog(service.home_, service.settings_.watchdogSeconds, service.settings_.watchdog) {
+      watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;
     receiver.beforeAuthorising = [this] { keys.refresh(); };

@@ -26,8 +26,8 @@ struct ServiceSettings {
     /// For Accept::ask: called on the home's executor, once for each offer; cancelled when the phone hangs up.
     std::function<Task<bool>(Receiver::Offer offer)> approveOffer;
     ServicePort::Settings port;
-    /// How often, in seconds, whoever manages the service wants to hear that it is alive; nothing: never.
-    std::optional<double> watchdogSeconds;
+    /// How often whoever manages the service wants to hear that it is alive; nothing: never.
+    std::optional<Seconds> watchdogInterval;
     Watchdog::Callbacks watchdog;
 };
 

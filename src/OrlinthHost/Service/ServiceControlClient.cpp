@@ -10,17 +10,16 @@
 
 #include <asio/this_coro.hpp>
 
-#include <chrono>
 #include <utility>
 
 namespace orlinth::host {
 
 namespace {
 
-/// Seconds that a reply may take: the service may have others to get rid of first.
-constexpr double replySeconds = 3 * controlLineSeconds;
-/// Seconds that a service gets to start in.
-constexpr std::chrono::seconds startLimit{10};
+/// How long a reply may take: the service may have others to get rid of first.
+constexpr Seconds replyLimit = 3 * controlLineLimit;
+/// How long a service gets to start in.
+constexpr std::chrono::seconds startLimit = 10s;
 
 /// A request that was answered, and the connection that it was made on.
 struct Conversation {
@@ -46,7 +45,7 @@ Task<Conversation> converse(Home& home, ControlRequest request) {
     Conversation conversation{.stream = co_await connectToService(home)};
     if (conversation.stream) {
         co_await sendControlLine(*conversation.stream, clock, encodeControlRequest(request));
-        const std::string line = co_await readControlLine(*conversation.stream, clock, replySeconds);
+        const std::string line = co_await readControlLine(*conversation.stream, clock, replyLimit);
         conversation.reply = decodeControlReply(line);
         if (const auto* error = std::get_if<ErrorReply>(&conversation.reply)) {
             throw HostError(error->problem);
@@ -142,7 +141,7 @@ Task<std::optional<BorrowedPort>> BorrowedPort::borrow(Home& home, std::optional
             co_return std::nullopt;
         } else {
             std::unique_ptr<platform::Listener> listener =
-                co_await withinSeconds(home.system.clock, replySeconds, receivePort(home, *conversation.stream));
+                co_await withinLimit(home.system.clock, replyLimit, receivePort(home, *conversation.stream));
             co_return BorrowedPort(std::move(conversation.stream), reply->port, std::move(listener));
         }
     } catch (const std::exception& error) {

@@ -16,8 +16,8 @@ namespace {
 
 /// Connections at once; whoever comes further waits.
 constexpr std::size_t maxConversations = 16;
-/// Seconds after the system was short of something.
-constexpr double restSeconds = 0.1;
+/// After the system was short of something.
+constexpr Seconds restInShortage = 100ms;
 
 } // namespace
 
@@ -59,7 +59,7 @@ Task<> ServiceControlServer::run() {
 Task<> ServiceControlServer::acceptAll(platform::Listener& listener) {
     const Executor executor = co_await asio::this_coro::executor;
     for (;;) {
-        double rest = 0;
+        Seconds rest{0};
         try {
             std::unique_ptr<platform::Stream> stream = co_await listener.accept(executor);
             begin(std::move(stream));
@@ -67,9 +67,9 @@ Task<> ServiceControlServer::acceptAll(platform::Listener& listener) {
             if (!platform::isShortage(error.code())) {
                 throw;
             }
-            rest = restSeconds; // that passes
+            rest = restInShortage; // that passes
         }
-        if (rest > 0) {
+        if (rest > 0s) {
             co_await home_.system.clock.sleep(rest);
         }
         co_await conversations_.untilFewerThan(maxConversations);
@@ -108,7 +108,7 @@ Task<> ServiceControlServer::answer(std::unique_ptr<platform::Stream> stream) {
 }
 
 Task<ControlRequest> ServiceControlServer::receiveRequest(platform::Stream& stream) {
-    const std::string line = co_await readControlLine(stream, home_.system.clock, controlLineSeconds);
+    const std::string line = co_await readControlLine(stream, home_.system.clock, controlLineLimit);
     co_return decodeControlRequest(line);
 }
 

@@ -9,7 +9,7 @@ namespace orlinth::host {
 namespace {
 
 /// Who looks whether a service runs has the lock for an instant.
-constexpr double patienceSeconds = 0.1;
+constexpr Seconds patience = 100ms;
 
 std::unique_ptr<platform::File> openLock(const Home& home, const platform::Path& path) {
     return home.system.files.open(path, platform::OpenMode::openOrCreate, platform::Links::follow, 0600);
@@ -23,7 +23,7 @@ Task<ServiceLock> ServiceLock::take(Home& home) {
     bool isLocked = false;
     try {
         file = openLock(home, path);
-        isLocked = co_await platform::lockWithin(home.system.storage(), *file, path, patienceSeconds);
+        isLocked = co_await platform::lockWithin(home.system.storage(), *file, path, patience);
     } catch (const platform::SystemError& error) {
         throw HostError("cannot lock " + path.string() + ": " + error.description(),
                         "Make this file and its folder writable for this account.");

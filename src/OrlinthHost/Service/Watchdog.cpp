@@ -9,7 +9,7 @@
 
 namespace orlinth::host {
 
-Watchdog::Watchdog(Home& home, std::optional<double> interval, Callbacks callbacks)
+Watchdog::Watchdog(Home& home, std::optional<Seconds> interval, Callbacks callbacks)
     : home_(home),
       interval_(interval),
       callbacks_(std::move(callbacks)),
@@ -34,7 +34,7 @@ Task<> Watchdog::end(Watchdog& self) {
 
 void Watchdog::look() {
     const platform::Clock::Instant now = home_.system.clock.now();
-    const bool wasAway = (now - lookedAt_).count() > limits::lateSeconds; // the whole process was stopped: who was not?
+    const bool wasAway = now - lookedAt_ > limits::lateAfter; // the whole process was stopped: who was not?
     lookedAt_ = now;
     std::vector<platform::LateQueue> late = lateThreads();
     if (wasAway) {
@@ -49,27 +49,27 @@ void Watchdog::look() {
     }
     told_ = std::move(lateNow);
     constexpr double timesAsOften = 4;
-    const bool isTime = interval_ && (!toldAliveAt_ || (now - *toldAliveAt_).count() >= *interval_ / timesAsOften);
+    const bool isTime = interval_ && (!toldAliveAt_ || now - *toldAliveAt_ >= *interval_ / timesAsOften);
     // A thread that flushes to a slow disk is late too, and another one may be by the next look: that is no hang.
-    const bool hangs = interval_ && !late.empty() && late.front().seconds >= *interval_ / 2;
+    const bool hangs = interval_ && !late.empty() && late.front().silence >= *interval_ / 2;
     if (isTime && !hangs) {
         toldAliveAt_ = now;
         callbacks_.onAlive();
     }
-    timer_->arm(lookSeconds, [this] { look(); });
+    timer_->arm(lookInterval, [this] { look(); });
 }
 
 /// Who has been late for longest first.
 std::vector<platform::LateQueue> Watchdog::lateThreads() {
-    std::vector<platform::LateQueue> late = home_.system.queues.lateQueues(limits::lateSeconds);
+    std::vector<platform::LateQueue> late = home_.system.queues.lateQueues(limits::lateAfter);
     const platform::Clock::Instant now = home_.system.clock.now();
     if (!main_->isAsked.exchange(true)) {
         mainAskedAt_ = now;
         asio::post(home_.executor, [asked = main_] { asked->isAsked = false; });
-    } else if (const double seconds = (now - mainAskedAt_).count(); seconds >= limits::lateSeconds) {
-        late.push_back({.label = "main", .seconds = seconds});
+    } else if (const Seconds silence = now - mainAskedAt_; silence >= limits::lateAfter) {
+        late.push_back({.label = "main", .silence = silence});
     }
-    std::ranges::sort(late, std::greater(), &platform::LateQueue::seconds);
+    std::ranges::sort(late, std::greater(), &platform::LateQueue::silence);
     return late;
 }
 

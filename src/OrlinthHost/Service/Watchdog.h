@@ -14,13 +14,13 @@
 
 namespace orlinth::host {
 
-/// Notices threads that hang: a worker thread, or that of `main`, that has done one thing for limits::lateSeconds is
+/// Notices threads that hang: a worker thread, or that of `main`, that has done one thing for limits::lateAfter is
 /// reported, once. While one has done so for half of the interval of the service manager, that does not hear that the
 /// service is alive. Works on a thread of its own.
 class Watchdog {
 public:
-    /// Seconds between two looks.
-    static constexpr double lookSeconds = 0.5;
+    /// Between two looks.
+    static constexpr Seconds lookInterval = 500ms;
 
     /// Whom it calls, on its own thread: that of `main` may be the one that hangs.
     struct Callbacks {
@@ -30,9 +30,9 @@ public:
         std::function<void()> onAlive;
     };
 
-    /// `interval` is how often the service manager wants to hear from us, in seconds; onAlive is called several times
+    /// `interval` is how often the service manager wants to hear from us; onAlive is called several times
     /// as often. Nothing: it does not want to. `home` outlives this.
-    Watchdog(Home& home, std::optional<double> interval, Callbacks callbacks);
+    Watchdog(Home& home, std::optional<Seconds> interval, Callbacks callbacks);
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
 
@@ -52,14 +52,14 @@ private:
     [[nodiscard]] static Task<> end(Watchdog& self);
 
     Home& home_;
-    const std::optional<double> interval_;
+    const std::optional<Seconds> interval_;
     const Callbacks callbacks_;
     const Executor queue_; ///< all that follows is touched there
     std::unique_ptr<platform::Timer> timer_;
     std::optional<LineLimit> lines_; ///< until the end
     std::shared_ptr<MainThread> main_ = std::make_shared<MainThread>();
-    platform::Clock::Instant mainAskedAt_{0};
-    platform::Clock::Instant lookedAt_{0};
+    platform::Clock::Instant mainAskedAt_{};
+    platform::Clock::Instant lookedAt_{};
     std::set<std::size_t> told_; ///< the threads that were late at the last look; `main` is 0
     std::optional<platform::Clock::Instant> toldAliveAt_;
 };

@@ -174,7 +174,7 @@ Task<> OfferQuestions::attend(QuestionRef question, std::uint64_t offer) {
             lookForAnswer(*question);
         }
         if (!question->answer) {
-            Task<bool> news = news_->until(isNews, host_.system.clock, secondsToNextLook(*question));
+            Task<bool> news = news_->until(isNews, host_.system.clock, timeToNextLook(*question));
             if (typing) {
                 using namespace asio::experimental::awaitable_operators;
                 Task<> typed = typing->wait();
@@ -211,7 +211,7 @@ void OfferQuestions::ask(Question& question) {
                                             .body = question.text,
                                             .actions = {{acceptKey, "Accept"}, {declineKey, "Decline"}},
                                             .isUrgent = true,
-                                            .seconds = patience,
+                                            .shownFor = patience,
                                             .tag = question.tag};
         const auto onPressed = [pressed = question.pressed, weak = std::weak_ptr(news_)](const std::string& key) {
             *pressed = key;
@@ -233,8 +233,7 @@ void OfferQuestions::lookForAnswer(Question& question) {
         } else if (!hasTime(question)) {
             writeToStandardError("\n");
             host_.output.message("No answer in two minutes; the file was declined.");
-            restUntil_ =
-                host_.system.clock.now() + platform::Clock::Instant(restSeconds); // a late answer is to no other
+            restUntil_ = host_.system.clock.now() + rest; // a late answer is to no other
             settle(question, false);
         }
     } else if (*question.pressed || !hasTime(question)) {
@@ -257,7 +256,7 @@ void OfferQuestions::takeBack(Question& question) {
         host_.system.notifications.withdraw(question.tag);
     }
     if (question.asked != Asked::notYet) {
-        restUntil_ = host_.system.clock.now() + platform::Clock::Instant(restSeconds);
+        restUntil_ = host_.system.clock.now() + rest;
     }
     leaveLine(question);
 }
@@ -282,7 +281,7 @@ void OfferQuestions::leaveLine(const Question& question) {
 }
 
 void OfferQuestions::giveTime(Question& question) const {
-    question.end = host_.system.clock.now() + platform::Clock::Instant(patience);
+    question.end = host_.system.clock.now() + patience;
 }
 
 bool OfferQuestions::hasTime(const Question& question) const {
@@ -290,9 +289,9 @@ bool OfferQuestions::hasTime(const Question& question) const {
 }
 
 /// When there is something to do if nobody answers: to ask, as the rest is over, or to give up.
-double OfferQuestions::secondsToNextLook(const Question& question) const {
+Seconds OfferQuestions::timeToNextLook(const Question& question) const {
     const platform::Clock::Instant next = question.asked == Asked::notYet ? restUntil_ : question.end;
-    return (next - host_.system.clock.now()).count();
+    return next - host_.system.clock.now();
 }
 
 void OfferQuestions::tellThatNobodyIsThere() {

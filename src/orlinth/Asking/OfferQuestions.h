@@ -24,11 +24,11 @@ namespace orlinth::cli {
 /// and with no more time: the newest of the connections gets the answer, and the others a no.
 class OfferQuestions {
 public:
-    /// Seconds until no answer counts as a no.
-    static constexpr double patience = 120;
-    /// Seconds between a question that was taken back and the next one: an answer that is on its way must not be taken
+    /// The time until no answer counts as a no.
+    static constexpr Seconds patience = 2min;
+    /// The time between a question that was taken back and the next one: an answer that is on its way must not be taken
     /// for one to that.
-    static constexpr double restSeconds = 2;
+    static constexpr Seconds rest = 2s;
 
     /// `host` outlives this.
     explicit OfferQuestions(Host& host);
@@ -53,7 +53,7 @@ private:
         std::uint64_t newest = 0; ///< the offer that gets the answer
         Asked asked = Asked::notYet;
         bool isAttended = false; ///< one of its offers looks for the answer
-        platform::Clock::Instant end{0};
+        platform::Clock::Instant end{};
         std::optional<bool> answer = {};
         /// Shared: the desktop may answer when nobody waits any more.
         std::shared_ptr<std::optional<std::string>> pressed = std::make_shared<std::optional<std::string>>();
@@ -73,7 +73,7 @@ private:
     void leaveLine(const Question& question);
     void giveTime(Question& question) const;
     [[nodiscard]] bool hasTime(const Question& question) const;
-    [[nodiscard]] double secondsToNextLook(const Question& question) const;
+    [[nodiscard]] Seconds timeToNextLook(const Question& question) const;
     void tellThatNobodyIsThere();
 
     Host& host_;
@@ -81,7 +81,7 @@ private:
     std::map<PeerKey, std::deque<QuestionRef>> waiting_; ///< by phone, none empty; the one that is asked too
     std::deque<PeerKey> turns_;                          ///< those phones, whose turn is next first
     QuestionRef current_;
-    platform::Clock::Instant restUntil_{0};
+    platform::Clock::Instant restUntil_{};
     std::uint64_t lastOffer_ = 0;
     std::uint64_t lastTag_ = 0;
     bool toldThatNobodyIsThere_ = false;

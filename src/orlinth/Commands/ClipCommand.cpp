@@ -15,11 +15,11 @@ namespace orlinth::cli {
 
 namespace {
 
-/// The times of a one-off message, in seconds.
+/// The times of a one-off message.
 struct ClipTimes {
-    double warm = 5;
-    double wake = 10;
-    double answer = 10;
+    Seconds warm = 5s;
+    Seconds wake = 10s;
+    Seconds answer = 10s;
 };
 
 /// Tells people and scripts what became of the text.
@@ -68,11 +68,11 @@ private:
 };
 
 /// How long a phone may take for the text, in seconds that read well; 0: as long as it likes.
-double secondsToSend(double answerSeconds, std::size_t textBytes) {
+Seconds timeToSend(Seconds answerLimit, std::size_t textBytes) {
     constexpr double slowestBytesPerSecond = 250'000; // a phone that takes less does not take anything
     constexpr double tenths = 10;
     const double forBytes = std::ceil(static_cast<double>(textBytes) / slowestBytesPerSecond * tenths) / tenths;
-    return answerSeconds <= 0 ? 0 : answerSeconds + forBytes;
+    return answerLimit <= 0s ? 0s : answerLimit + Seconds(forBytes);
 }
 
 /// What stands there may be a secret; the error does not repeat it.
@@ -143,10 +143,10 @@ public:
                               .warmConnectTimeout = times_.warm,
                               .postWakeConnectTimeout = times_.wake,
                               .fcmBaseURL = host::pushServiceURL(),
-                              .handshakeSeconds = host::handshakeSeconds,
-                              .sendSeconds = secondsToSend(times_.answer, text.size()),
-                              .answerSeconds = times_.answer};
-        if (times_.answer <= 0) { // else the limits of the steps are stricter, and say more
+                              .handshakeLimit = host::handshakeLimit,
+                              .sendLimit = timeToSend(times_.answer, text.size()),
+                              .answerLimit = times_.answer};
+        if (times_.answer <= 0s) { // else the limits of the steps are stricter, and say more
             request.keepAlive = host::phoneKeepAlive;
         }
         reporter.watch(request);

@@ -21,8 +21,9 @@ CLI::Validator secondsValidator() {
     const auto check = [](std::string& text) -> std::string {
         double seconds = 0;
         const bool valid =
-            parses(text, seconds) && std::isfinite(seconds) && seconds >= 0 && seconds <= double{maxSeconds};
-        return valid ? "" : "'" + text + "' is not a number of seconds from 0 to " + std::to_string(maxSeconds);
+            parses(text, seconds) && std::isfinite(seconds) && seconds >= 0 && Seconds(seconds) <= longestTime;
+        return valid ? ""
+                     : "'" + text + "' is not a number of seconds from 0 to " + std::to_string(longestTime.count());
     };
     return {check, ""};
 }
@@ -51,12 +52,14 @@ void Command::addQuietFlag(const char* what) {
     parser_->add_flag("-q,--quiet", quiet_, what);
 }
 
-CLI::Option* Command::addSeconds(const char* flag, double& seconds, const char* what) {
-    return parser_->add_option(flag, seconds, what)
+CLI::Option* Command::addSeconds(const char* flag, Seconds& time, const char* what) {
+    const auto take = [&time](double seconds) { time = Seconds(seconds); };
+    return parser_->add_option_function<double>(flag, take, what)
         ->type_name("SECONDS")
         ->check(secondsValidator())
         ->take_last()
-        ->capture_default_str();
+        ->run_callback_for_default() // which the settings file may give
+        ->default_str(CLI::detail::to_string(time.count()));
 }
 
 void Command::addPhones(std::vector<std::string>& selectors) {

@@ -32,7 +32,7 @@ protected:
     void addJsonFlag(const char* what);
     void addQuietFlag(const char* what);
     /// A time in seconds, with decimals, zero or more.
-    CLI::Option* addSeconds(const char* flag, double& seconds, const char* what);
+    CLI::Option* addSeconds(const char* flag, Seconds& time, const char* what);
     /// A size in bytes, as parseSize() takes it; shown as `standard` where nothing is given, which must be one.
     CLI::Option* addSize(const char* flag, std::string& size, const char* standard, const char* what);
     /// A text that may not be empty.
@@ -60,7 +60,7 @@ int tellWrongCommandLine(Output& output, const CLI::App& program, const CLI::Par
 [[nodiscard]] int runCommand(Command& command, Host& host);
 
 /// Not more than a year: beyond that it is a slip of the finger, and "for ever" has its own value.
-inline constexpr std::int64_t maxSeconds = 366 * 24 * 3600;
+inline constexpr std::chrono::seconds longestTime = std::chrono::days(366);
 
 /// Where a computer receives, and pairs, unless told otherwise. Below the range from which Linux takes ports for
 /// outgoing connections, so that it is not in use by chance.

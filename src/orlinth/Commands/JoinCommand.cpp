@@ -119,7 +119,7 @@ private:
     std::string picture_;
     std::string code_;
     std::uint16_t listenPort_ = defaultPort;
-    double timeout_ = 30;
+    Seconds timeout_ = 30s;
     bool yes_ = false;
 };
 

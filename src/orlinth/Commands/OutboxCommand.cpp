@@ -12,8 +12,6 @@ namespace orlinth::cli {
 
 namespace {
 
-constexpr double millisecondsInSecond = 1000;
-
 using Entry = host::OutboxStore::Entry;
 
 class OutboxCommand final : public Command {
@@ -73,9 +71,8 @@ private:
             return;
         }
         const ShareOutbox::Manifest& manifest = entry.batch.manifest;
-        fields["created_at_epoch_ms"] = manifest.createdAtMs;
-        fields["age_seconds"] =
-            static_cast<double>(host.system.clock.epochMilliseconds() - manifest.createdAtMs) / millisecondsInSecond;
+        fields["created_at_epoch_ms"] = toNumber(manifest.createdAtMs);
+        fields["age_seconds"] = Seconds(host.system.clock.epochMilliseconds() - manifest.createdAtMs).count();
         fields["files"] = Json::array();
         for (const std::string& name : manifest.files) {
             fields["files"].push_back({{"name", name}, {"size", entry.sizeOf(host.system.files, name)}});

@@ -32,10 +32,10 @@ constexpr double pictureScale = 8;
 /// The seconds that are left, once a second on the terminal.
 class Countdown {
 public:
-    Countdown(Host& host, double seconds)
+    Countdown(Host& host, Seconds limit)
         : clock_(host.system.clock),
-          end_(clock_.now() + platform::Clock::Instant(seconds)),
-          line_(seconds < maxSeconds && !host.output.isQuiet() && !host.output.isJson()),
+          end_(clock_.now() + limit),
+          line_(limit < longestTime && !host.output.isQuiet() && !host.output.isJson()),
           timer_(clock_.makeTimer(host.tasks.executor())) {
         tick();
     }
@@ -45,10 +45,10 @@ public:
 
 private:
     void tick() {
-        const double left = (end_ - clock_.now()).count();
-        if (left > 0) {
-            line_.show("waiting for a phone, " + std::to_string(std::lround(std::ceil(left))) + " s left");
-            timer_->arm(1, [this] { tick(); });
+        const auto left = std::chrono::ceil<std::chrono::seconds>(end_ - clock_.now());
+        if (left > 0s) {
+            line_.show("waiting for a phone, " + std::to_string(left.count()) + " s left");
+            timer_->arm(1s, [this] { tick(); });
         }
     }
 
@@ -309,7 +309,7 @@ private:
                               "Pair without `--interface`, or let `orlinth serve --listen` name that interface.");
     }
 
-    [[nodiscard]] double duration() const noexcept { return timeout_ > 0 ? timeout_ : double{maxSeconds}; }
+    [[nodiscard]] Seconds duration() const noexcept { return timeout_ > 0s ? timeout_ : longestTime; }
 
     [[nodiscard]] DeviceInfo thisDevice(const Host& host) const {
         if (interface_.empty()) {
@@ -396,7 +396,7 @@ private:
 
     std::uint16_t port_ = defaultPort;
     CLI::Option* portOption_ = nullptr; ///< the parser's
-    double timeout_ = 120;
+    Seconds timeout_ = 2min;
     std::string interface_;
     std::string picture_;
     bool quietly_ = false;

@@ -16,13 +16,7 @@ namespace orlinth::cli {
 
 namespace {
 
-constexpr std::int64_t nanosecondsInMillisecond = 1'000'000;
-constexpr std::int64_t millisecondsInDay = std::int64_t{24} * 3600 * 1000;
 constexpr std::int64_t mostDays = 36'500;
-
-std::int64_t changedAt(const PartialDownload& download) {
-    return download.changedNanoseconds / nanosecondsInMillisecond;
-}
 
 /// What has come of removing: those that are gone, and those that could not be removed, with the reason.
 struct Removal {
@@ -32,11 +26,11 @@ struct Removal {
 
 /// Removes those that have not changed since, each in a turn of its own, so that receivers need not wait for all.
 /// Also if it ends early, `removal` has what has come of it by then. What it refers to outlives it.
-Task<bool> removeOlder(platform::Storage storage, platform::Folder& folder, std::int64_t epochMilliseconds,
+Task<bool> removeOlder(platform::Storage storage, platform::Folder& folder, EpochMilliseconds moment,
                        Removal& removal) {
     FolderTurns turns(std::move(storage));
     for (PartialDownload& download : Partials::in(folder)) {
-        if (changedAt(download) >= epochMilliseconds) {
+        if (inMilliseconds(download.changedAt) >= moment) {
             continue;
         }
         try {
@@ -97,7 +91,7 @@ private:
             host.output.event("partial", fieldsOf(host, folder, download));
             host.output.result(forDisplay(download.final.text()) + "  " + host::humanSize(download.size) + " of " +
                                host::humanSize(download.meta.advertised_size) + "  from " + senderOf(host, download) +
-                               "  " + host::humanTime(changedAt(download)));
+                               "  " + host::humanTime(inMilliseconds(download.changedAt)));
         }
         if (downloads.empty()) {
             host.output.message("There are no unfinished downloads in " + folder.path().string() + ".");
@@ -106,7 +100,7 @@ private:
 
     /// False if some could not be removed. What is gone is told in any case, also if a signal or an error ends it.
     [[nodiscard]] bool remove(Host& host, platform::Folder& folder) const {
-        const std::int64_t limit = host.system.clock.epochMilliseconds() - days_ * millisecondsInDay;
+        const EpochMilliseconds limit = host.system.clock.epochMilliseconds() - std::chrono::days(days_);
         Removal removal;
         try {
             static_cast<void>(host.tasks.run(removeOlder(host.system.storage(), folder, limit, removal)));
@@ -149,7 +143,7 @@ private:
                 {"path", toUtf8((folder.path() / download.partial.text()).native())},
                 {"size", download.size},
                 {"advertised_size", download.meta.advertised_size},
-                {"changed_epoch_ms", changedAt(download)},
+                {"changed_epoch_ms", toNumber(inMilliseconds(download.changedAt))},
                 {"peer_pubkey", download.meta.peer_pubkey.text()},
                 {"from", phoneOf(host, download)}};
     }

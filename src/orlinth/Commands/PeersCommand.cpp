@@ -14,8 +14,8 @@ namespace orlinth::cli {
 
 namespace {
 
-/// How long a phone that is removed gets to hear of it, in seconds.
-constexpr double secondsToTell = 5;
+/// How long a phone that is removed gets to hear of it.
+constexpr Seconds timeToTell = 5s;
 
 /// `system` outlives the task, which is run where it is made.
 Task<> sendUnpair(platform::System& system, OneOffRequest request) {
@@ -183,12 +183,12 @@ private:
         try {
             OneOffRequest request{.peer = host::checkPeer(record, ownKey.publicKey(), host::PeerUse::connection).record,
                                   .staticKey = ownKey,
-                                  .warmConnectTimeout = secondsToTell,
-                                  .postWakeConnectTimeout = secondsToTell,
+                                  .warmConnectTimeout = timeToTell,
+                                  .postWakeConnectTimeout = timeToTell,
                                   .mayWake = false, // nobody is woken for this
                                   .onSent = [&wasTold] { wasTold = true; }};
             const bool hasEnded = host.tasks.run(
-                platform::endsWithin(host.system.clock, secondsToTell, sendUnpair(host.system, std::move(request))));
+                platform::endsWithin(host.system.clock, timeToTell, sendUnpair(host.system, std::move(request))));
             reason = hasEnded ? "" : "it did not answer";
         } catch (const Interrupted&) {
             throw;

@@ -30,13 +30,13 @@ public:
         output_.message("connection from " + remoteEndpoint);
     }
 
-    void onOffer(const TransportMessage::FileOffer& offer, std::int64_t resumedFromOffset) override {
+    void onOffer(const TransportMessage::FileOffer& offer, ByteOffset resumedFromOffset) override {
         std::string line = "receiving " + forDisplay(offer.name) + " (" + host::humanSize(offer.size) + ")";
-        if (resumedFromOffset > 0) {
-            line += ", going on from " + host::humanSize(resumedFromOffset);
+        if (resumedFromOffset > ByteOffset()) {
+            line += ", going on from " + host::humanSize(resumedFromOffset.bytesBefore());
         }
         output_.message(line);
-        output_.bar().begin(forDisplay(offer.name), resumedFromOffset, offer.size);
+        output_.bar().begin(forDisplay(offer.name), {.done = resumedFromOffset.bytesBefore(), .total = offer.size});
     }
 
     void onAlreadyHere(const TransportMessage::FileOffer& /*offer*/, const platform::Path& /*savedAt*/) override {
@@ -44,7 +44,7 @@ public:
     }
 
     void onProgress(std::int64_t bytesWritten, std::int64_t totalBytes) override {
-        output_.bar().update(bytesWritten, totalBytes);
+        output_.bar().update({.done = bytesWritten, .total = totalBytes});
     }
 
     void tellComplete(const ReceivedFile& received) {
@@ -112,7 +112,7 @@ private:
                                .downloadsDir = folder,
                                .port = port_,
                                .acceptTimeout = timeout_,
-                               .handshakeSeconds = host::handshakeSeconds,
+                               .handshakeLimit = host::handshakeLimit,
                                .progress = &reporter};
         try { // here, because to the core 0 is no port at all, and for the system's reason
             request.listener = host.system.network.listen({.port = port_, .keepAlive = {}}, host.tasks.executor());
@@ -130,7 +130,7 @@ private:
     std::uint16_t port_ = 0;
     std::string directory_;
     bool listensPublicly_ = false;
-    double timeout_ = 0;
+    Seconds timeout_{0};
 };
 
 } // namespace

@@ -22,7 +22,7 @@ namespace orlinth::cli {
 namespace {
 
 /// Of the two seconds in which a signal ends the service in any case; the rest is for leaving.
-constexpr std::chrono::milliseconds graceAfterSignal{1800};
+constexpr std::chrono::milliseconds graceAfterSignal = 1800ms;
 
 /// Many phones at once need more descriptors than a login session is usually given. More than this nobody needs.
 void raiseDescriptorLimit() {
@@ -39,7 +39,8 @@ host::Watchdog::Callbacks watchdogCallbacks() {
     return {.onLate =
                 [](const platform::LateQueue& late) {
                     writeToStandardError("orlinth: a thread has not answered for " +
-                                         std::to_string(std::lround(late.seconds)) + " seconds: " + late.label + "\n");
+                                         std::to_string(std::lround(late.silence.count())) + " seconds: " + late.label +
+                                         "\n");
                 },
             .onMoreLate =
                 [](std::int64_t count) {
@@ -132,7 +133,7 @@ private:
                                              : Accept::always,
                 .approveOffer = {},
                 .port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
-                .watchdogSeconds = platform::serviceWatchdogSeconds(),
+                .watchdogInterval = platform::serviceWatchdogInterval(),
                 .watchdog = watchdogCallbacks()};
     }
 

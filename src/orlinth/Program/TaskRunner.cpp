@@ -16,8 +16,8 @@ TaskRunner::TaskRunner(asio::io_context& context)
 void TaskRunner::onSignal(int signal) {
     int none = 0;
     const bool isFirst = signal_.compare_exchange_strong(none, signal);
-    const std::chrono::milliseconds grace(grace_.load());
-    const bool isService = grace.count() > 0;
+    const std::chrono::milliseconds grace = grace_.load();
+    const bool isService = grace > std::chrono::milliseconds::zero();
     if (!isFirst || !running_.load()) {
         std::_Exit(isFirst && isService ? 0 : 128 + signal);
     }

@@ -61,7 +61,7 @@ public:
     /// For a service, whose usual end is a signal: where the first one would end the process at once, it does so with
     /// status 0, and if the process is still there when `grace` has passed since that signal, it is ended then, with
     /// status 0, whatever still runs.
-    void treatSignalsAsUsualEnd(std::chrono::milliseconds grace) noexcept { grace_ = grace.count(); }
+    void treatSignalsAsUsualEnd(std::chrono::milliseconds grace) noexcept { grace_ = grace; }
 
     /// Cancels the task that runs, if any. On the context's thread.
     void cancel();
@@ -102,9 +102,9 @@ private:
     asio::executor_work_guard<asio::io_context::executor_type> work_;
     asio::cancellation_signal* current_ = nullptr; ///< of the task that runs; on the context's thread only
     std::atomic<bool> running_ = false;
-    std::atomic<int> signal_ = 0;         ///< the first signal that came, 0 for none
-    std::atomic<std::int64_t> grace_ = 0; ///< milliseconds; 0: not a service
-    SignalWatch watch_;                   ///< last: its thread uses the members above
+    std::atomic<int> signal_ = 0;                    ///< the first signal that came, 0 for none
+    std::atomic<std::chrono::milliseconds> grace_{}; ///< 0: not a service
+    SignalWatch watch_;                              ///< last: its thread uses the members above
 };
 
 } // namespace orlinth::cli

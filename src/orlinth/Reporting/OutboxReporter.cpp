@@ -22,10 +22,10 @@ std::string shortId(const BatchId& id) {
     return id.text().substr(0, shortIdCharacters);
 }
 
-void OutboxReporter::progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) {
+void OutboxReporter::progress(const Transfer& transfer, const Progress& progress) {
     Json fields = contextOf(transfer);
-    fields["bytes_sent"] = bytesSent;
-    fields["total_bytes"] = totalBytes;
+    fields["bytes_sent"] = progress.done;
+    fields["total_bytes"] = progress.total;
     host_.output.event("outbox_progress", std::move(fields));
 }
 
@@ -33,13 +33,13 @@ void OutboxReporter::sent(const Transfer& transfer, const host::Delivered& deliv
     const SentFile& result = delivered.sent;
     Json fields = contextOf(transfer);
     fields["bytes_sent"] = result.bytesSent;
-    fields["resumed_from_offset"] = result.resumedFromOffset;
-    fields["duration_seconds"] = result.durationSeconds;
+    fields["resumed_from_offset"] = result.resumedFromOffset.bytesBefore();
+    fields["duration_seconds"] = result.duration.count();
     host_.output.event("outbox_sent", std::move(fields));
     std::string line = "sent " + forDisplay(transfer.file) + " to " + forDisplay(transfer.to) + " (" +
-                       host::humanSize(result.bytesSent) + " in " + host::humanDuration(result.durationSeconds);
-    if (result.resumedFromOffset > 0) {
-        line += ", went on from " + host::humanSize(result.resumedFromOffset);
+                       host::humanSize(result.bytesSent) + " in " + host::humanDuration(result.duration);
+    if (result.resumedFromOffset > ByteOffset()) {
+        line += ", went on from " + host::humanSize(result.resumedFromOffset.bytesBefore());
     }
     host_.output.result(line + ")");
     if (!delivered.isConfirmed) {
@@ -62,10 +62,9 @@ void OutboxReporter::done(const BatchId& batch) {
     host_.output.event("outbox_done", {{"batch", batch}});
 }
 
-void OutboxReporter::waiting(const BatchId& batch, const std::string& to, const std::string& message,
-                             double retrySeconds) {
+void OutboxReporter::waiting(const BatchId& batch, const std::string& to, const std::string& message, Seconds pause) {
     host_.output.event("outbox_waiting",
-                       {{"batch", batch}, {"to", to}, {"message", message}, {"retry_in_seconds", retrySeconds}});
+                       {{"batch", batch}, {"to", to}, {"message", message}, {"retry_in_seconds", pause.count()}});
 }
 
 void OutboxReporter::waitingLine(const host::OutboxState::Phone& to, const std::string& message) {

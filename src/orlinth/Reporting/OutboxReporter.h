@@ -16,11 +16,11 @@ public:
     /// `host` outlives this.
     explicit OutboxReporter(Host& host) : host_(host) {}
 
-    void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) override;
+    void progress(const Transfer& transfer, const Progress& progress) override;
     void sent(const Transfer& transfer, const host::Delivered& delivered) override;
     void through(const host::OutboxState::Phone& to, const std::vector<std::string>& files) override;
     void done(const BatchId& batch) override;
-    void waiting(const BatchId& batch, const std::string& to, const std::string& message, double retrySeconds) override;
+    void waiting(const BatchId& batch, const std::string& to, const std::string& message, Seconds pause) override;
     void waitingLine(const host::OutboxState::Phone& to, const std::string& message) override;
     void waitingNotification(const host::OutboxState::Phone& to, const std::string& message) override;
     void failed(const Transfer& transfer, const std::string& message) override;

@@ -13,16 +13,15 @@ namespace orlinth::cli {
 
 ProgressBar::ProgressBar() : enabled_(canRedraw(STDERR_FILENO)), coloured_(wantsColour()) {}
 
-void ProgressBar::begin(std::string name, std::int64_t held, std::int64_t total) {
+void ProgressBar::begin(std::string name, const Progress& progress) {
     if (!enabled_) {
         return;
     }
     clear();
     name_ = std::move(name);
-    held_ = held;
-    total_ = total;
+    progress_ = progress;
     rate_ = 0;
-    heldWhenLastDrawn_ = held;
+    doneWhenLastDrawn_ = progress.done;
     lastDrawn_ = Clock::now();
     draw();
 }
@@ -31,25 +30,24 @@ void ProgressBar::rename(std::string name) {
     name_ = std::move(name);
 }
 
-void ProgressBar::update(std::int64_t held, std::int64_t total) {
+void ProgressBar::update(const Progress& progress) {
     if (!enabled_) {
         return;
     }
-    held_ = held;
-    total_ = total;
+    progress_ = progress;
     const auto now = Clock::now();
-    const double passed = std::chrono::duration<double>(now - lastDrawn_).count();
-    if (passed < 1.0 / drawingsPerSecond) {
+    const Seconds passed = now - lastDrawn_;
+    if (passed < drawingInterval) {
         if (!shown_ && redrawsAtOnce_) {
             draw();
         }
         return;
     }
-    const double rateNow = static_cast<double>(held - heldWhenLastDrawn_) / passed;
+    const double rateNow = static_cast<double>(progress.done - doneWhenLastDrawn_) / passed.count();
     // half of what is older than about two seconds is forgotten
-    rate_ = rate_ == 0 ? rateNow : rate_ + (rateNow - rate_) * std::min(1.0, passed / 2);
+    rate_ = rate_ == 0 ? rateNow : rate_ + (rateNow - rate_) * std::min(1.0, passed / 2s);
     lastDrawn_ = now;
-    heldWhenLastDrawn_ = held;
+    doneWhenLastDrawn_ = progress.done;
     draw();
 }
 
@@ -67,13 +65,13 @@ void ProgressBar::draw() {
 }
 
 std::string ProgressBar::line(std::size_t columns) const {
-    const double share =
-        total_ > 0 ? std::clamp(static_cast<double>(held_) / static_cast<double>(total_), 0.0, 1.0) : 1.0;
+    const auto [done, total] = progress_;
+    const double share = total > 0 ? std::clamp(static_cast<double>(done) / static_cast<double>(total), 0.0, 1.0) : 1.0;
     const std::string percent = std::to_string(static_cast<int>(share * 100)) + "%";
     std::string figures = host::padded("", 4 - std::min<std::size_t>(4, percent.size())) + percent;
     std::string rate;
     if (rate_ > 0) {
-        const double left = static_cast<double>(std::max<std::int64_t>(0, total_ - held_)) / rate_;
+        const Seconds left(static_cast<double>(std::max<std::int64_t>(0, total - done)) / rate_);
         rate = "  " + host::humanRate(rate_) + "  " + host::humanDuration(left) + " left";
     }
     // what does not fit is left out, the least important first: the bar, rate and time, the name's end
@@ -89,8 +87,8 @@ std::string ProgressBar::line(std::size_t columns) const {
     }
     if (forBar > 0) {
         const auto full = static_cast<std::size_t>(share * static_cast<double>(forBar));
-        const std::string done(full, '#');
-        text += "[" + (coloured_ ? "\x1b[32m" + done + "\x1b[0m" : done) + std::string(forBar - full, '-') + "]  ";
+        const std::string filled(full, '#');
+        text += "[" + (coloured_ ? "\x1b[32m" + filled + "\x1b[0m" : filled) + std::string(forBar - full, '-') + "]  ";
     }
     return host::fitted(text + figures, coloured_ && forBar > 0 ? columns + 9 : columns);
 }

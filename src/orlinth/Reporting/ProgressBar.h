@@ -1,5 +1,8 @@
 #pragma once
 
+#include "base/Progress.h"
+#include "base/Time.h"
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -13,8 +16,8 @@ namespace orlinth::cli {
 /// terminal's width as it is at each drawing, so that a changed window needs no notice.
 class ProgressBar {
 public:
-    /// Times a second at most.
-    static constexpr int drawingsPerSecond = 10;
+    /// It is drawn no more often.
+    static constexpr Seconds drawingInterval = 100ms;
 
     /// Looks at standard error, TERM and NO_COLOR.
     ProgressBar();
@@ -23,14 +26,14 @@ public:
     void disable() noexcept { enabled_ = false; }
     [[nodiscard]] bool isEnabled() const noexcept { return enabled_; }
 
-    /// A new file of which `held` of `total` bytes are there already; `name` must be fit for a terminal.
-    void begin(std::string name, std::int64_t held, std::int64_t total);
+    /// A new file of which so much is there already; `name` must be fit for a terminal.
+    void begin(std::string name, const Progress& progress);
     /// Another name for what is under way, from the next drawing on.
     void rename(std::string name);
     /// So many bytes more are there without having been sent now: they do not count for the rate.
-    void skip(std::int64_t bytes) noexcept { heldWhenLastDrawn_ += bytes; }
+    void skip(std::int64_t bytes) noexcept { doneWhenLastDrawn_ += bytes; }
     /// Redraws, unless it did a moment ago.
-    void update(std::int64_t held, std::int64_t total);
+    void update(const Progress& progress);
     /// From here on the line comes back with the next update() after it was taken away, not a moment later: for when
     /// lines are written above it all the time.
     void stay() noexcept { redrawsAtOnce_ = true; }
@@ -48,10 +51,9 @@ private:
     bool shown_ = false;
     bool redrawsAtOnce_ = false;
     std::string name_;
-    std::int64_t held_ = 0;
-    std::int64_t total_ = 0;
+    Progress progress_;
     Clock::time_point lastDrawn_;
-    std::int64_t heldWhenLastDrawn_ = 0;
+    std::int64_t doneWhenLastDrawn_ = 0;
     double rate_ = 0; ///< bytes a second, smoothed
 };
 

@@ -19,7 +19,7 @@ void SendOverview::begin() {
     if (!begun_) {
         begun_ = true;
         output_.bar().stay();
-        output_.bar().begin(name(), held_, bytes_);
+        output_.bar().begin(name(), {.done = held_, .total = bytes_});
     }
 }
 
@@ -27,18 +27,18 @@ void SendOverview::skip(std::int64_t bytes) {
     begin();
     held_ += bytes;
     output_.bar().skip(bytes);
-    output_.bar().update(held_, bytes_);
+    output_.bar().update({.done = held_, .total = bytes_});
 }
 
 void SendOverview::add(std::int64_t bytes) {
     begin();
     held_ += bytes;
-    output_.bar().update(held_, bytes_);
+    output_.bar().update({.done = held_, .total = bytes_});
 }
 
 void SendOverview::takeBack(std::int64_t bytes) {
     held_ -= bytes;
-    output_.bar().update(held_, bytes_);
+    output_.bar().update({.done = held_, .total = bytes_});
 }
 
 void SendOverview::end(std::int64_t unsent) {
@@ -46,7 +46,7 @@ void SendOverview::end(std::int64_t unsent) {
     bytes_ = std::max(held_, bytes_ - unsent);
     if (begun_ && ended_ < files_) {
         output_.bar().rename(name());
-        output_.bar().update(held_, bytes_);
+        output_.bar().update({.done = held_, .total = bytes_});
     }
 }
 
@@ -94,12 +94,12 @@ void SendReporter::authenticated(const Transfer& transfer) {
     output_.event("handshake", context(transfer));
 }
 
-void SendReporter::progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) {
+void SendReporter::progress(const Transfer& transfer, const Progress& progress) {
     Report& report = reportOf(transfer);
-    emitProgress(transfer, report, bytesSent, totalBytes);
-    drawProgress(report, bytesSent, totalBytes);
+    emitProgress(transfer, report, progress);
+    drawProgress(report, progress);
     report.isBegun = true;
-    report.reached = bytesSent;
+    report.reached = progress.done;
 }
 
 void SendReporter::endSent(const Transfer& transfer) {
@@ -137,39 +137,38 @@ std::string SendReporter::howFar(const Transfer& transfer) {
     return std::to_string(percent) + " % of " + name + to;
 }
 
-void SendReporter::drawProgress(Report& report, std::int64_t bytesSent, std::int64_t totalBytes) {
-    const bool isResume = !report.isBegun && bytesSent > 0;
+void SendReporter::drawProgress(Report& report, const Progress& progress) {
+    const bool isResume = !report.isBegun && progress.done > 0;
     if (overview_.isMany()) {
         if (isResume) {
-            overview_.skip(bytesSent);
+            overview_.skip(progress.done);
         } else {
-            overview_.add(bytesSent - report.held);
+            overview_.add(progress.done - report.held);
         }
-        report.held = bytesSent;
+        report.held = progress.done;
         return;
     }
     if (isResume) {
-        output_.message("going on from " + host::humanSize(bytesSent));
+        output_.message("going on from " + host::humanSize(progress.done));
     }
     if (report.isBegun) {
-        output_.bar().update(bytesSent, totalBytes);
+        output_.bar().update(progress);
     } else {
-        output_.bar().begin(forDisplay(report.name), bytesSent, totalBytes);
+        output_.bar().begin(forDisplay(report.name), progress);
     }
 }
 
 /// At the start, at the end, and ten times a second: a script that reads slowly must not slow the transfer down.
-void SendReporter::emitProgress(const Transfer& transfer, Report& report, std::int64_t bytesSent,
-                                std::int64_t totalBytes) {
-    constexpr double secondsBetween = 0.1;
+void SendReporter::emitProgress(const Transfer& transfer, Report& report, const Progress& progress) {
+    constexpr Seconds interval = 100ms;
     const platform::Clock::Instant now = clock_.now();
-    if (report.isBegun && bytesSent != totalBytes && (now - report.lastEventAt).count() < secondsBetween) {
+    if (report.isBegun && progress.done != progress.total && now - report.lastEventAt < interval) {
         return;
     }
     report.lastEventAt = now;
     Json fields = context(transfer);
-    fields["bytes_sent"] = bytesSent;
-    fields["total_bytes"] = totalBytes;
+    fields["bytes_sent"] = progress.done;
+    fields["total_bytes"] = progress.total;
     output_.event("progress", std::move(fields));
 }
 
@@ -181,14 +180,14 @@ void SendReporter::delivered(const Transfer& transfer, const host::Delivered& de
     Json fields = context(transfer);
     fields["bytes_sent"] = sent.bytesSent;
     fields["advertised_size"] = sent.advertisedSize;
-    fields["resumed_from_offset"] = sent.resumedFromOffset;
-    fields["duration_seconds"] = sent.durationSeconds;
+    fields["resumed_from_offset"] = sent.resumedFromOffset.bytesBefore();
+    fields["duration_seconds"] = sent.duration.count();
     output_.event("complete", std::move(fields));
-    const std::int64_t now = sent.bytesSent - sent.resumedFromOffset;
+    const std::int64_t now = sent.bytesSent - sent.resumedFromOffset.bytesBefore();
     std::string line = "sent " + forDisplay(report.name) + " to " + forDisplay(phone) + ": " +
-                       host::humanSize(sent.bytesSent) + " in " + host::humanDuration(sent.durationSeconds);
-    if (sent.durationSeconds > 0 && now > 0) {
-        line += ", " + host::humanRate(static_cast<double>(now) / sent.durationSeconds);
+                       host::humanSize(sent.bytesSent) + " in " + host::humanDuration(sent.duration);
+    if (sent.duration > 0s && now > 0) {
+        line += ", " + host::humanRate(static_cast<double>(now) / sent.duration.count());
     }
     output_.result(line);
     if (sent.bytesSent != sent.advertisedSize) {

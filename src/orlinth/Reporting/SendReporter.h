@@ -53,7 +53,7 @@ public:
     void connected(const Transfer& transfer) override;
     void waking(const Transfer& transfer) override;
     void authenticated(const Transfer& transfer) override;
-    void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t totalBytes) override;
+    void progress(const Transfer& transfer, const Progress& progress) override;
     void endSent(const Transfer& transfer) override;
     void again(const Transfer& transfer) override;
     void putBack(const Transfer& transfer) override;
@@ -73,12 +73,12 @@ private:
         bool isAtFarewell = false;
         std::int64_t held = 0;    ///< bytes that the phone has, as far as the overview knows
         std::int64_t reached = 0; ///< bytes that the phone has
-        platform::Clock::Instant lastEventAt{0};
+        platform::Clock::Instant lastEventAt{};
     };
 
     [[nodiscard]] Report& reportOf(const Transfer& transfer);
-    void emitProgress(const Transfer& transfer, Report& report, std::int64_t bytesSent, std::int64_t totalBytes);
-    void drawProgress(Report& report, std::int64_t bytesSent, std::int64_t totalBytes);
+    void emitProgress(const Transfer& transfer, Report& report, const Progress& progress);
+    void drawProgress(Report& report, const Progress& progress);
     /// "38 % of film.mkv was sent to Pixel".
     [[nodiscard]] std::string howFar(const Transfer& transfer);
     /// What every event of a transfer carries, so that those of several can be told apart.

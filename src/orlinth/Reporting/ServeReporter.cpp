@@ -303,7 +303,7 @@ void ServeReporter::notifyOfFile(const Receiver::File& file) {
               .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
              path);
     isBurst_ = true;
-    burstTimer_->arm(burstSeconds, [this] { tellMoreFiles(); });
+    burstTimer_->arm(burstTime, [this] { tellMoreFiles(); });
 }
 
 void ServeReporter::tellMoreFiles() {
@@ -317,7 +317,7 @@ void ServeReporter::tellMoreFiles() {
               .actions = {{"show", "Show in folder"}}},
              lastFile_);
     moreFiles_ = 0;
-    burstTimer_->arm(burstSeconds, [this] { tellMoreFiles(); });
+    burstTimer_->arm(burstTime, [this] { tellMoreFiles(); });
 }
 
 void ServeReporter::showFile(platform::Notification notification, const platform::Path& path) {
@@ -344,7 +344,7 @@ void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
          .actions = {}},
         host_.tasks.executor(), {});
     isTextBurst_ = true;
-    textBurstTimer_->arm(burstSeconds, [this] { tellMoreTexts(); });
+    textBurstTimer_->arm(burstTime, [this] { tellMoreTexts(); });
 }
 
 void ServeReporter::tellMoreTexts() {
@@ -358,7 +358,7 @@ void ServeReporter::tellMoreTexts() {
          .body = more + (choices_.writesClipboard ? ", the last one on the clipboard" : "")},
         host_.tasks.executor(), {});
     moreTexts_ = 0;
-    textBurstTimer_->arm(burstSeconds, [this] { tellMoreTexts(); });
+    textBurstTimer_->arm(burstTime, [this] { tellMoreTexts(); });
 }
 
 } // namespace orlinth::cli

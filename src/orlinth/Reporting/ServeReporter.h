@@ -20,7 +20,7 @@ namespace orlinth::cli {
 class ServeReporter final : public host::ServiceEvents {
 public:
     /// Between two notifications of files.
-    static constexpr double burstSeconds = 5;
+    static constexpr Seconds burstTime = 5s;
 
     /// What the person has chosen.
     struct Choices {
@@ -73,10 +73,10 @@ private:
     const Choices choices_;
     ClipboardWriter clipboard_;
     std::unique_ptr<platform::Timer> textBurstTimer_;
-    bool isTextBurst_ = false; ///< a text was told of less than `burstSeconds` ago
+    bool isTextBurst_ = false; ///< a text was told of less than `burstTime` ago
     std::int64_t moreTexts_ = 0;
     std::unique_ptr<platform::Timer> burstTimer_;
-    bool isBurst_ = false; ///< a file was told of less than `burstSeconds` ago
+    bool isBurst_ = false; ///< a file was told of less than `burstTime` ago
     std::int64_t moreFiles_ = 0;
     platform::Path lastFile_;
     std::shared_ptr<Opening> opening_;

@@ -13,7 +13,7 @@
 namespace orlinth::platform {
 namespace {
 
-constexpr unsigned retryMilliseconds = 1000;
+constexpr std::chrono::milliseconds retryPause = 1s;
 
 struct StringListFree {
     void operator()(AvahiStringList* list) const noexcept {
@@ -208,7 +208,7 @@ void AvahiAnnouncement::failed(int error) noexcept {
         tell(error);
     }
     timeval when{};
-    avahi().avahi_elapse_time(&when, opensAgain_ ? retryMilliseconds : 0, 0);
+    avahi().avahi_elapse_time(&when, opensAgain_ ? static_cast<unsigned>(retryPause.count()) : 0, 0);
     if (closing_ != nullptr) {
         poll()->timeout_update(closing_, &when);
         return;

@@ -1,5 +1,6 @@
 #include "platform/linux/AvahiLoop.h"
 
+#include "base/Time.h"
 #include "platform/SystemError.h"
 #include "platform/linux/AvahiBus.h"
 #include "platform/linux/AvahiLibrary.h"
@@ -18,7 +19,7 @@ namespace orlinth::platform {
 namespace {
 
 /// How long the bus may take to say hello.
-constexpr std::chrono::milliseconds busPatience{2000};
+constexpr std::chrono::milliseconds busPatience = 2s;
 
 void raise(int event) noexcept {
     const std::uint64_t one = 1;

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "base/Bytes.h"
+#include "base/Time.h"
 #include "platform/SystemError.h"
 
-#include <chrono>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,7 +22,7 @@ struct ChildProgram {
     /// How much of its standard output is kept; it is killed when it writes more. Zero: the output goes to /dev/null,
     /// and processes that it leaves behind in the background are let be.
     std::size_t maxOutputBytes = 0;
-    std::chrono::milliseconds deadline{2000};
+    std::chrono::milliseconds deadline = 2s;
     /// What it has in its environment besides what every child has, or in place of that.
     std::vector<std::pair<std::string, std::string>> environment = {};
 };

@@ -8,19 +8,19 @@
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
 
+#include <algorithm>
 #include <utility>
 
 namespace orlinth::platform {
 namespace {
 
 /// A wait that the timer's nanoseconds can hold, whatever number came; what is not a number waits for nothing.
-std::chrono::steady_clock::duration boundedDuration(double seconds) {
-    constexpr double longest = 10.0 * 365 * 24 * 3600;
-    if (!(seconds > 0)) {
+std::chrono::steady_clock::duration boundedDuration(Seconds wanted) {
+    constexpr Seconds longest = std::chrono::days(10 * 365);
+    if (!(wanted > 0s)) {
         return std::chrono::steady_clock::duration::zero();
     }
-    const std::chrono::duration<double> bounded(seconds < longest ? seconds : longest);
-    return std::chrono::ceil<std::chrono::steady_clock::duration>(bounded);
+    return std::chrono::ceil<std::chrono::steady_clock::duration>(std::min(wanted, longest));
 }
 
 /// The alarm's inside, shared with the wait that is under way: its handler may come to run after the alarm is gone.
@@ -39,10 +39,10 @@ public:
     LinuxTimer& operator=(const LinuxTimer&) = delete;
     ~LinuxTimer() override { LinuxTimer::disarm(); }
 
-    void arm(double seconds, std::function<void()> action) override {
+    void arm(Seconds delay, std::function<void()> action) override {
         const std::uint64_t generation = ++alarm_->generation;
         alarm_->action = std::move(action);
-        alarm_->timer.expires_after(boundedDuration(seconds));
+        alarm_->timer.expires_after(boundedDuration(delay));
         alarm_->timer.async_wait([alarm = alarm_, generation](std::error_code code) {
             if (code || alarm->generation != generation) {
                 return;
@@ -65,18 +65,17 @@ private:
 
 } // namespace
 
-std::int64_t LinuxClock::epochMilliseconds() const {
-    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::floor<std::chrono::milliseconds>(sinceEpoch).count();
+EpochMilliseconds LinuxClock::epochMilliseconds() const {
+    return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
 }
 
 Clock::Instant LinuxClock::now() const {
-    return std::chrono::steady_clock::now().time_since_epoch();
+    return Instant(std::chrono::steady_clock::now().time_since_epoch());
 }
 
-Task<> LinuxClock::sleep(double seconds) {
+Task<> LinuxClock::sleep(Seconds duration) {
     const Executor executor = co_await asio::this_coro::executor;
-    asio::steady_timer timer(executor, boundedDuration(seconds));
+    asio::steady_timer timer(executor, boundedDuration(duration));
     std::error_code code;
     try {
         co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, code));

@@ -18,9 +18,9 @@ FileStatus fromStat(const struct stat& found) {
                                            : FileKind::other;
     status.size = found.st_size;
     // unsigned, because a file may carry any date whatever: one beyond the year 2262 wraps around
-    status.modifiedNanoseconds =
+    status.modifiedAt = fromEpochNanoseconds(
         static_cast<std::int64_t>(static_cast<std::uint64_t>(found.st_mtim.tv_sec) * 1'000'000'000U +
-                                  static_cast<std::uint64_t>(found.st_mtim.tv_nsec));
+                                  static_cast<std::uint64_t>(found.st_mtim.tv_nsec)));
     status.inode = found.st_ino;
     status.device = found.st_dev;
     status.permissions = found.st_mode & 07777U;
@@ -177,8 +177,8 @@ void LinuxFile::write(ByteView data) {
     }
 }
 
-void LinuxFile::seek(std::int64_t offset) {
-    checked([&] { return ::lseek(fd(), offset, SEEK_SET); });
+void LinuxFile::seek(ByteOffset offset) {
+    checked([&] { return ::lseek(fd(), offset.bytesBefore(), SEEK_SET); });
 }
 
 FileStatus LinuxFile::status() const {
@@ -195,8 +195,8 @@ void LinuxFile::setPermissions(std::uint32_t permissions) {
     checked([&] { return ::fchmod(fd(), permissions); });
 }
 
-void LinuxFile::startWriteback(std::int64_t offset, std::int64_t length) noexcept {
-    ::sync_file_range(fd(), offset, length, SYNC_FILE_RANGE_WRITE);
+void LinuxFile::startWriteback(ByteOffset offset, std::int64_t length) noexcept {
+    ::sync_file_range(fd(), offset.bytesBefore(), length, SYNC_FILE_RANGE_WRITE);
 }
 
 bool LinuxFile::tryLock() {

@@ -53,11 +53,11 @@ public:
 
     std::size_t read(MutableBytes into) override;
     void write(ByteView data) override;
-    void seek(std::int64_t offset) override;
+    void seek(ByteOffset offset) override;
     [[nodiscard]] FileStatus status() const override;
     void flush() override;
     void setPermissions(std::uint32_t permissions) override;
-    void startWriteback(std::int64_t offset, std::int64_t length) noexcept override;
+    void startWriteback(ByteOffset offset, std::int64_t length) noexcept override;
     [[nodiscard]] bool tryLock() override;
     void lock() override;
 

@@ -98,26 +98,26 @@ void copyContent(LinuxFile& from, LinuxFile& to) {
     if (::ioctl(to.fd(), FICLONE, from.fd()) == 0) {
         return;
     }
-    std::int64_t position = 0;
-    const auto goTo = [&](std::int64_t offset) {
+    ByteOffset position;
+    const auto goTo = [&](ByteOffset offset) {
         from.seek(offset);
         to.seek(offset);
         position = offset;
     };
     for (;;) {
         const std::int64_t size = from.status().size; // looked at first: what is appended meanwhile lies behind it
-        const off_t start = ::lseek(from.fd(), position, SEEK_DATA);
-        if (start < 0 && errno == ENXIO && size > position) { // it ends with a hole
+        const off_t start = ::lseek(from.fd(), position.bytesBefore(), SEEK_DATA);
+        if (start < 0 && errno == ENXIO && size > position.bytesBefore()) { // it ends with a hole
             checked([&] { return ::ftruncate(to.fd(), size); });
-            position = size;
+            position = ByteOffset(size);
         }
         const off_t end = start < 0 ? start : ::lseek(from.fd(), start, SEEK_HOLE);
         if (end <= start) { // no data any more, or no telling where it is
             break;
         }
-        goTo(start);
+        goTo(ByteOffset(start));
         copyBytes(from, to, end - start);
-        position = end;
+        position = ByteOffset(end);
     }
     // Everything, where there is no telling; nothing more, or what has come meanwhile, otherwise. A size of 0 means
     // nothing in /proc.

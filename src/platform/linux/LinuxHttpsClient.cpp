@@ -16,7 +16,6 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -236,10 +235,11 @@ TrustFiles trustFromEnvironment() {
     return {.file = fromEnvironment("SSL_CERT_FILE"), .folder = fromEnvironment("SSL_CERT_DIR")};
 }
 
-long millisecondsOf(double seconds) {
-    constexpr double longest = 24 * 3600 * 1000.0;
-    const double wanted = std::ceil(seconds * 1000);
-    return wanted >= 1 ? static_cast<long>(std::min(wanted, longest)) : 1; // 0 would mean no limit
+long millisecondsOf(Seconds timeout) {
+    constexpr Seconds longest = 24h;
+    constexpr std::chrono::milliseconds shortest = 1ms; // 0 would mean no limit
+    const bool isMore = timeout > shortest;             // which what is not a number is not
+    return (isMore ? std::chrono::ceil<std::chrono::milliseconds>(std::min(timeout, longest)) : shortest).count();
 }
 
 /// A request under way: what the library reads from and writes to, and whether it is done.

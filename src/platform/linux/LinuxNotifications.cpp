@@ -17,7 +17,6 @@ namespace orlinth::platform {
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
 
 constexpr const char* daemonName = "org.freedesktop.Notifications";
 constexpr const char* daemonPath = "/org/freedesktop/Notifications";
@@ -32,6 +31,8 @@ constexpr auto probeLimit = 250ms;
 constexpr auto leavingLimit = 250ms;
 /// What a notification that should go by itself is given beyond its time before it is taken away.
 constexpr auto closingGrace = 1s;
+/// How long one may stay that should go by itself.
+constexpr Seconds longestShown = 24h;
 /// Notifications whose answer is waited for; of more the oldest counts as closed. Some daemons never say so.
 constexpr std::size_t maxWaiting = 256;
 
@@ -305,8 +306,10 @@ private:
         const std::string title = plainText(what.title);
         const std::string body = waiting.hasMarkup ? escapedForMarkup(plainText(what.body)) : plainText(what.body);
         constexpr int asTheDesktopLikes = -1;
-        const auto milliseconds = what.seconds > 0 ? static_cast<std::int32_t>(std::min(what.seconds * 1000, 86'400e3))
-                                                   : std::int32_t{asTheDesktopLikes};
+        const auto shownFor =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::min(what.shownFor, longestShown));
+        const auto milliseconds =
+            what.shownFor > 0s ? static_cast<std::int32_t>(shownFor.count()) : std::int32_t{asTheDesktopLikes};
         constexpr std::uint8_t normal = 1;
         constexpr std::uint8_t critical = 2;
         sd_bus_message* made = nullptr;
@@ -341,10 +344,10 @@ private:
             return 0;
         }
         waiting.id = id;
-        if (waiting.notification.seconds > 0) {
-            const std::chrono::duration<double> shownFor(std::min(waiting.notification.seconds, 86'400.0));
-            waiting.end =
-                SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(shownFor) + closingGrace;
+        if (waiting.notification.shownFor > 0s) {
+            const auto shownFor = std::chrono::duration_cast<SteadyClock::duration>(
+                std::min(waiting.notification.shownFor, longestShown));
+            waiting.end = SteadyClock::now() + shownFor + closingGrace;
         }
         if (waiting.isWithdrawn) {
             waiting.end = SteadyClock::now();

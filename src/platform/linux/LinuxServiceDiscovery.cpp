@@ -15,7 +15,7 @@
 namespace orlinth::platform {
 namespace {
 
-constexpr double longestSearch = 24.0 * 3600;
+constexpr Seconds longestSearch = 24h;
 
 class Publication final : public ServicePublication {
 public:
@@ -97,9 +97,9 @@ std::unique_ptr<ServicePublication> LinuxServiceDiscovery::publish(ServiceRecord
     return publication;
 }
 
-Task<std::vector<ServiceRecord>> LinuxServiceDiscovery::find(std::string type, double seconds) {
+Task<std::vector<ServiceRecord>> LinuxServiceDiscovery::find(std::string type, Seconds duration) {
     const Executor executor = co_await asio::this_coro::executor;
-    const double bounded = seconds > 0 ? std::min(seconds, longestSearch) : 0;
+    const Seconds bounded = duration > 0s ? std::min(duration, longestSearch) : 0s;
     const auto failed = std::make_shared<Event>(executor);
     const auto search = std::make_shared<AvahiSearch>(*loop_, std::move(type), [failed] { failed->set(); });
     const RunningSearch running(loop_, search);

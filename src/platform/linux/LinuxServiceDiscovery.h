@@ -30,7 +30,7 @@ public:
                                                               PublicationEvents events) override;
     /// Type and domain of what is found end with a dot, the keys are in lower case. @throws SystemError also where the
     /// daemon has not begun to look when the time is over
-    [[nodiscard]] Task<std::vector<ServiceRecord>> find(std::string type, double seconds) override;
+    [[nodiscard]] Task<std::vector<ServiceRecord>> find(std::string type, Seconds duration) override;
 
 private:
     std::shared_ptr<AvahiLoop> loop_; ///< publications that outlive this know it weakly

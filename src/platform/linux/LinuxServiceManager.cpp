@@ -52,11 +52,10 @@ void tellServiceStopping() noexcept {
     tellManager("STOPPING=1");
 }
 
-std::optional<double> serviceWatchdogSeconds() noexcept {
-    constexpr double microseconds = 1e6;
+std::optional<Seconds> serviceWatchdogInterval() noexcept {
     std::uint64_t limit = 0;
     const bool isWanted = isManaged("WATCHDOG_USEC") && systemd().sd_watchdog_enabled(0, &limit) > 0;
-    return isWanted ? std::optional(static_cast<double>(limit) / microseconds) : std::nullopt;
+    return isWanted ? std::optional(Seconds(std::chrono::duration<std::uint64_t, std::micro>(limit))) : std::nullopt;
 }
 
 void tellServiceAlive() noexcept {

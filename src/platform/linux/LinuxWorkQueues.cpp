@@ -20,8 +20,8 @@ Executor LinuxWorkQueues::makeThreadQueue(const char* label) {
     return workers_.makeThreadQueue(label);
 }
 
-std::vector<LateQueue> LinuxWorkQueues::lateQueues(double seconds) {
-    return workers_.lateQueues(seconds);
+std::vector<LateQueue> LinuxWorkQueues::lateQueues(Seconds limit) {
+    return workers_.lateQueues(limit);
 }
 
 } // namespace orlinth::platform

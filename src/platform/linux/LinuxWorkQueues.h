@@ -15,7 +15,7 @@ public:
     [[nodiscard]] Executor makeWorkerQueue(const char* label) override;
     [[nodiscard]] Executor makeBlockingQueue() override;
     [[nodiscard]] Executor makeThreadQueue(const char* label) override;
-    [[nodiscard]] std::vector<LateQueue> lateQueues(double seconds) override;
+    [[nodiscard]] std::vector<LateQueue> lateQueues(Seconds limit) override;
 
 private:
     asio::io_context& context_;

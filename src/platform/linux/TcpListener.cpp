@@ -93,8 +93,8 @@ namespace {
 /// @throws SystemError
 void setKeepAliveOf(int number, const KeepAlive& keepAlive) {
     setSocketOption(number, SOL_SOCKET, SO_KEEPALIVE, 1);
-    setSocketOption(number, IPPROTO_TCP, TCP_KEEPIDLE, keepAlive.idleSeconds);
-    setSocketOption(number, IPPROTO_TCP, TCP_KEEPINTVL, keepAlive.intervalSeconds);
+    setSocketOption(number, IPPROTO_TCP, TCP_KEEPIDLE, static_cast<int>(keepAlive.idle.count()));
+    setSocketOption(number, IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(keepAlive.interval.count()));
     setSocketOption(number, IPPROTO_TCP, TCP_KEEPCNT, keepAlive.count);
 }
 
@@ -117,10 +117,10 @@ void TcpStream::setKeepAlive(const KeepAlive& keepAlive) noexcept {
     // While data is unacknowledged Linux sends no probes: it sends the data again, for a quarter of an hour. This limit
     // ends that at the same time as unanswered probes would. It counts from when the peer last took something, so it
     // also ends a connection to a peer that answers but has had no room for that long.
-    const int milliseconds = 1000 * (keepAlive.idleSeconds + keepAlive.intervalSeconds * keepAlive.count);
+    const std::chrono::milliseconds limit = keepAlive.idle + keepAlive.interval * keepAlive.count;
     try {
         setKeepAliveOf(descriptor(), keepAlive);
-        setSocketOption(descriptor(), IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
+        setSocketOption(descriptor(), IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(limit.count()));
     } catch (const SystemError&) {
         return; // the connection is gone, or as good as before
     }

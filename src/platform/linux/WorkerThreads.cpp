@@ -113,7 +113,7 @@ Executor WorkerThreads::makeThreadQueue(const char* label) {
     return alone_.back()->context.get_executor();
 }
 
-std::vector<LateQueue> WorkerThreads::lateQueues(double seconds) {
+std::vector<LateQueue> WorkerThreads::lateQueues(Seconds limit) {
     const auto now = std::chrono::steady_clock::now();
     std::vector<LateQueue> late;
     const MutexLock guard(lock_);
@@ -125,9 +125,9 @@ std::vector<LateQueue> WorkerThreads::lateQueues(double seconds) {
             asio::post(worker->context, [&isAsked = worker->isAsked] { isAsked = false; });
             continue;
         }
-        const double silent = std::chrono::duration<double>(now - worker->askedAt).count();
-        if (silent >= seconds) {
-            late.push_back({.label = worker->label, .seconds = silent, .thread = thread});
+        const Seconds silence = now - worker->askedAt;
+        if (silence >= limit) {
+            late.push_back({.label = worker->label, .silence = silence, .thread = thread});
         }
     }
     return late;

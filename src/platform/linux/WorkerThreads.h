@@ -30,7 +30,7 @@ public:
     [[nodiscard]] Executor makeThreadQueue(const char* label);
 
     /// As WorkQueues::lateQueues(), of the threads that queues share.
-    [[nodiscard]] std::vector<LateQueue> lateQueues(double seconds);
+    [[nodiscard]] std::vector<LateQueue> lateQueues(Seconds limit);
 
 private:
     struct Worker;

@@ -231,7 +231,7 @@ TEST_F(ActiveTransfersTest, WaitingEndsSoonAfterTheLastPredecessorHasFinished) {
     platform::spawn(
         context.get_executor(),
         [](fakes::VirtualClock& virtualTime, ActiveTransfers& registry, TransferConnectionRef first) -> Task<> {
-            co_await virtualTime.sleep(5);
+            co_await virtualTime.sleep(5s);
             registry.finish(k, first);
         }(clock, transfers, a),
         [](const std::exception_ptr& error) { EXPECT_FALSE(error); });

@@ -30,7 +30,7 @@ Resolved resolveTarget(platform::FileSystem& files, const std::string& baseName,
                        const PeerKey& from = phone) {
     const CollisionResolver::Target target = CollisionResolver::resolveTarget(
         *files.openFolder(dir), baseName, {.id = TransferId(transferId), .peerKey = from});
-    return {dir / target.final.text(), dir / target.partial.text(), target.resumeOffset};
+    return {dir / target.final.text(), dir / target.partial.text(), target.resumeOffset.bytesBefore()};
 }
 
 platform::Path resolveFinalName(platform::FileSystem& files, const std::string& baseName) {
@@ -78,7 +78,7 @@ protected:
                     const PeerKey& of = phone) {
         files.put(dir / (name + ".partial"), content);
         files.put(dir / (name + ".partial.meta.json"),
-                  prettyJson(PartialMeta{TransferId(transferId), 999, 1, of}.toJson()));
+                  prettyJson(PartialMeta{TransferId(transferId), 999, fromEpochMilliseconds(1), of}.toJson()));
     }
 
     void expectTarget(const std::string& baseName, const std::string& finalName, std::int64_t offset) {
@@ -152,7 +152,8 @@ TEST_F(CollisionResolverTest, DoesNotResumeUnderATakenFinalName) {
 }
 
 TEST_F(CollisionResolverTest, IgnoresASidecarWithoutItsPartialFile) {
-    files.put(dir / "x.pdf.partial.meta.json", prettyJson(PartialMeta{TransferId("mine"), 1, 1}.toJson()));
+    files.put(dir / "x.pdf.partial.meta.json",
+              prettyJson(PartialMeta{TransferId("mine"), 1, fromEpochMilliseconds(1)}.toJson()));
     expectTarget("x.pdf", "x.pdf", 0);
 }
 

@@ -177,9 +177,9 @@ TEST_F(DeliveredTransfersTest, ForgetTheOldestWhenThereAreTooMany) {
 
 TEST_F(DeliveredTransfersTest, ForgetWhatIsOld) {
     deliver("ID-1");
-    world.run(world.clock.sleep(static_cast<double>(DeliveredTransfers::maxAgeMilliseconds) / 1000 - 1));
+    world.run(world.clock.sleep(DeliveredTransfers::maxAge - 1s));
     EXPECT_TRUE(isKnown("ID-1"));
-    world.run(world.clock.sleep(2));
+    world.run(world.clock.sleep(2s));
     EXPECT_FALSE(isKnown("ID-1"));
 }
 
@@ -261,8 +261,8 @@ TEST_F(DeliveredTransfersTest, HaveTheFormThatIsDocumented) {
                                                 .device = 65025,
                                                 .inode = 1835031,
                                                 .size = 1048576,
-                                                .modified_ns = 1731686400123456789,
-                                                .at_epoch_ms = 1731686400124,
+                                                .modified_ns = fromEpochNanoseconds(1731686400123456789),
+                                                .at_epoch_ms = fromEpochMilliseconds(1731686400124),
                                                 .isSettled = true};
     const std::string line = DeliveredTransfers::encode(delivery);
     EXPECT_EQ(line, "{\"at_epoch_ms\":1731686400124,\"device\":65025,\"inode\":1835031,"
@@ -366,7 +366,8 @@ TEST(DeliveredTransfersWithoutData, AreAViolationWhenDataComesAllTheSame) {
     static_cast<void>(deliverTo(world, world.files));
     Downloads downloads(world.system.storage(), world.queues, folder);
     IncomingFile again = world.run(downloads.begin(phone, offer, world.clock.now()));
-    EXPECT_EQ(*again.resumeMessage().as<TransportMessage::Resume>(), (TransportMessage::Resume{"ID-1", 10}));
+    EXPECT_EQ(*again.resumeMessage().as<TransportMessage::Resume>(),
+              (TransportMessage::Resume{"ID-1", ByteOffset(10)}));
     again.append({});
     try {
         again.append(asBytes("x"));

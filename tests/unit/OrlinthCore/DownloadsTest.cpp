@@ -50,7 +50,7 @@ protected:
                     const PeerKey& from = phone) {
         world.files.put(folder / (name + ".partial"), content);
         world.files.put(folder / (name + ".partial.meta.json"),
-                        compactJson(PartialMeta{TransferId(id), 1, 1, from}.toJson()));
+                        compactJson(PartialMeta{TransferId(id), 1, fromEpochMilliseconds(1), from}.toJson()));
     }
 
     fakes::World world;
@@ -191,7 +191,7 @@ TEST_F(DownloadsTest, LookAgainAfterAWhileWhetherSomebodyHasTidiedUp) {
     const std::size_t lists = world.files.count(Operation::list);
     EXPECT_EQ(refusal(offerOf(1, "new")), Reason::tooManyPartials);
     EXPECT_EQ(world.files.count(Operation::list), lists) << "an offer each does not mean a look each";
-    world.run(world.clock.sleep(11));
+    world.run(world.clock.sleep(11s));
     EXPECT_EQ(refusal(offerOf(1, "new")), std::nullopt);
 }
 
@@ -215,9 +215,10 @@ TEST_F(PartialsTest, AreThoseWithASidecar) {
     putPartial("a", "", "ID-2", PeerKey());
     world.files.put(folder / "own.partial", "somebody's own");
     world.files.put(folder / "gone.partial.meta.json",
-                    compactJson(PartialMeta{TransferId("ID-3"), 1, 1, phone}.toJson()));
+                    compactJson(PartialMeta{TransferId("ID-3"), 1, fromEpochMilliseconds(1), phone}.toJson()));
     world.files.put(folder / ".partial", "");
-    world.files.put(folder / ".partial.meta.json", compactJson(PartialMeta{TransferId("ID-4"), 1, 1, phone}.toJson()));
+    world.files.put(folder / ".partial.meta.json",
+                    compactJson(PartialMeta{TransferId("ID-4"), 1, fromEpochMilliseconds(1), phone}.toJson()));
     putPartial("link", "", "ID-5");
     world.files.putLink(folder / "link.partial", folder / "own.partial");
     EXPECT_THAT(names(), ElementsAre("a", "b.pdf"));
@@ -225,7 +226,7 @@ TEST_F(PartialsTest, AreThoseWithASidecar) {
     EXPECT_EQ(download.partial.text(), "b.pdf.partial");
     EXPECT_EQ(download.size, 5);
     EXPECT_EQ(download.meta.peer_pubkey, phone);
-    EXPECT_EQ(download.changedNanoseconds, world.files.status(folder / "b.pdf.partial")->modifiedNanoseconds);
+    EXPECT_EQ(download.changedAt, world.files.status(folder / "b.pdf.partial")->modifiedAt);
 }
 
 TEST_F(PartialsTest, AreRemovedWithTheirSidecar) {

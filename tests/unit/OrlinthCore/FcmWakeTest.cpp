@@ -86,10 +86,10 @@ protected:
             return next(seen);
         };
     }
-    void pass(double seconds) { world.run(sleepFor(world.clock, seconds)); }
-    static Task<> sleepFor(platform::Clock& clock, double seconds) { co_await clock.sleep(seconds); }
-    Task<HttpResponse> answerLate(double seconds, std::string body) {
-        co_await world.clock.sleep(seconds);
+    void pass(Seconds time) { world.run(sleepFor(world.clock, time)); }
+    static Task<> sleepFor(platform::Clock& clock, Seconds time) { co_await clock.sleep(time); }
+    Task<HttpResponse> answerLate(Seconds time, std::string body) {
+        co_await world.clock.sleep(time);
         co_return HttpResponse{.status = 200, .body = toBytes(body)};
     }
     static Task<HttpResponse> echoAssertion(std::string body) {
@@ -153,7 +153,7 @@ TEST_F(FcmWakeTest, TradesASignedClaimForAToken) {
     const FakeHttpsClient::Seen& request = world.https.requests.at(0);
     EXPECT_EQ(request.url, "https://oauth.example/token");
     EXPECT_THAT(request.headers, ElementsAre(Pair("Content-Type", "application/x-www-form-urlencoded")));
-    EXPECT_EQ(request.timeout, 60);
+    EXPECT_EQ(request.timeout, 60s);
     ASSERT_THAT(request.body, StartsWith(grant));
     const std::vector<std::string> parts = partsOf(jwtOf(0));
     EXPECT_EQ(fromBase64url(parts[0]), R"({"alg":"RS256","kid":"key-1","typ":"JWT"})");
@@ -174,7 +174,7 @@ TEST_F(FcmWakeTest, PostsTheMessageWithTheToken) {
     EXPECT_EQ(request.url, "https://push.example/v1/projects/orlinth-test/messages:send");
     EXPECT_THAT(request.headers, ElementsAre(Pair("Authorization", "Bearer ya29.a0-token"),
                                              Pair("Content-Type", "application/json; charset=UTF-8")));
-    EXPECT_EQ(request.timeout, 4);
+    EXPECT_EQ(request.timeout, 4s);
     EXPECT_EQ(request.body,
               R"({"message":{"android":{"priority":"high"},"data":{"wake":"1"},"token":"push-\"token\"/1"}})");
 }
@@ -198,7 +198,7 @@ TEST_F(FcmWakeTest, KeepsAProjectNameInsideItsPartOfTheAddress) {
 }
 
 TEST_F(FcmWakeTest, DropsTheFractionOfTheSecond) {
-    pass(1.999);
+    pass(1999ms);
     world.https.willAnswer(400, "");
     const auto wake = make();
     failure(*wake);
@@ -341,7 +341,7 @@ TEST_F(FcmWakeTest, ReusesATokenThatLivesForMoreThanAMinute) {
     world.https.willAnswer(200, tokenReply("first", 161));
     world.https.willAnswer(200, "");
     world.run(wake->sendWake("push-token"));
-    pass(100); // 61 seconds left
+    pass(100s); // 61 seconds left
     world.https.willAnswer(200, "");
     world.run(wake->sendWake("push-token"));
     EXPECT_EQ(world.https.requests.size(), 3U);
@@ -353,7 +353,7 @@ TEST_F(FcmWakeTest, RenewsATokenThatLivesForAMinuteOrLess) {
     world.https.willAnswer(200, tokenReply("first", 161));
     world.https.willAnswer(200, "");
     world.run(wake->sendWake("push-token"));
-    pass(101); // 60 seconds left
+    pass(101s); // 60 seconds left
     world.https.willAnswer(200, tokenReply("second"));
     world.https.willAnswer(200, "");
     world.run(wake->sendWake("push-token"));
@@ -505,7 +505,7 @@ TEST_F(FcmWakeTest, QuotesNoTokenThatAServerEchoes) {
 // --- Several at once, and cancelling ---
 
 TEST_F(FcmWakeTest, MintsOneTokenForCallsAtTheSameTime) {
-    world.https.answers.emplace_back([this](const auto&) { return answerLate(1, tokenReply("only")); });
+    world.https.answers.emplace_back([this](const auto&) { return answerLate(1s, tokenReply("only")); });
     for (int i = 0; i < 3; ++i) {
         world.https.willAnswer(200, "");
     }
@@ -518,7 +518,7 @@ TEST_F(FcmWakeTest, MintsOneTokenForCallsAtTheSameTime) {
 }
 
 TEST_F(FcmWakeTest, LetsTheNextCallMintATokenWhereOneFailed) {
-    world.https.answers.emplace_back([this](const auto&) { return answerLate(1, "not a token"); });
+    world.https.answers.emplace_back([this](const auto&) { return answerLate(1s, "not a token"); });
     world.https.willAnswer(200, tokenReply("second"));
     world.https.willAnswer(200, "");
     const auto wake = make();
@@ -539,7 +539,7 @@ TEST_F(FcmWakeTest, EndsWhenItIsCancelledBetweenAttempts) {
 }
 
 TEST_F(FcmWakeTest, EndsWhenItIsCancelledWhileARequestIsUnderWay) {
-    world.https.answers.emplace_back([this](const auto&) { return answerLate(1, ""); });
+    world.https.answers.emplace_back([this](const auto&) { return answerLate(1s, ""); });
     const auto wake = make();
     EXPECT_TRUE(fakes::isCancelled(fakes::cancelMidway(world.context, wake->sendWake("push-token"))));
     EXPECT_EQ(world.https.requests.size(), 1U);

@@ -357,15 +357,15 @@ TEST_F(IncomingFiles, WaitForAnotherProcessAsLongAsIsReasonable) {
     auto held = world.files.open(lock, platform::OpenMode::write);
     ASSERT_TRUE(held->tryLock());
     world.alongside([](fakes::World& there, std::unique_ptr<platform::File> mine) -> Task<> {
-        co_await there.clock.sleep(FolderTurns::patienceSeconds - 1);
+        co_await there.clock.sleep(FolderTurns::patience - 1s);
         there.folders.change("/home/ann/.local/share/Orlinth"); // somebody else has closed something
-        co_await there.clock.sleep(0.5);
+        co_await there.clock.sleep(500ms);
         mine.reset();
         there.folders.change("/home/ann/.local/share/Orlinth");
     }(world, std::move(held)));
     {
         const IncomingFile file = begin();
-        EXPECT_DOUBLE_EQ(world.clock.elapsed(), FolderTurns::patienceSeconds - 0.5);
+        EXPECT_DOUBLE_EQ(world.clock.elapsed(), FolderTurns::patience.count() - 0.5);
     }
     EXPECT_FALSE(world.folders.isWatched("/home/ann/.local/share/Orlinth")) << "only while somebody waits";
     held = world.files.open(lock, platform::OpenMode::write);
@@ -377,7 +377,7 @@ TEST_F(IncomingFiles, WaitForAnotherProcessAsLongAsIsReasonable) {
     } catch (const ReceiveError& error) {
         EXPECT_EQ(error.description(), "file write failed: another program holds the lock " + lock.native());
     }
-    EXPECT_NEAR(world.clock.elapsed() - start, FolderTurns::patienceSeconds, 0.1);
+    EXPECT_NEAR(world.clock.elapsed() - start, FolderTurns::patience.count(), 0.1);
 }
 
 TEST_F(IncomingFiles, TryTheLockOnceMoreAtTheEndIfItCannotBeWatched) {
@@ -387,11 +387,11 @@ TEST_F(IncomingFiles, TryTheLockOnceMoreAtTheEndIfItCannotBeWatched) {
     ASSERT_TRUE(held->tryLock());
     world.folders.errorNumber = EMFILE;
     world.alongside([](fakes::World& there, std::unique_ptr<platform::File> mine) -> Task<> {
-        co_await there.clock.sleep(1);
+        co_await there.clock.sleep(1s);
         mine.reset();
     }(world, std::move(held)));
     const IncomingFile file = begin();
-    EXPECT_DOUBLE_EQ(world.clock.elapsed(), FolderTurns::patienceSeconds);
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), FolderTurns::patience.count());
 }
 
 /// Takes a turn and keeps it for a second; notes when it came.
@@ -399,7 +399,7 @@ Task<> takeTurn(fakes::World& world, FolderTurns& turns, std::vector<int>& order
     platform::FileStatus status;
     const FolderTurn turn = co_await turns.take(status);
     order.push_back(number);
-    co_await world.clock.sleep(1);
+    co_await world.clock.sleep(1s);
     order.push_back(number);
 }
 

@@ -13,6 +13,15 @@
 namespace orlinth {
 namespace {
 
+/// What the two numbers of accept() may be.
+template <typename First, typename Second>
+concept AcceptsBy =
+    requires(IncomingTransfer& transfer, First first, Second second) { transfer.accept(first, second); };
+
+static_assert(AcceptsBy<ByteOffset, std::int64_t>);
+static_assert(!AcceptsBy<std::int64_t, ByteOffset> && !AcceptsBy<std::int64_t, std::int64_t>,
+              "a swapped pair would take what is here for what was approved");
+
 using Scope = IncomingTransfer::Scope;
 using State = IncomingTransfer::State;
 
@@ -28,7 +37,7 @@ IncomingTransfer transferIn(State state, Scope scope) {
         static_cast<void>(transfer.take(offer));
     }
     if (state == State::receiving) {
-        transfer.accept(0);
+        transfer.accept(ByteOffset());
     }
     EXPECT_EQ(transfer.state(), state);
     return transfer;
@@ -87,7 +96,7 @@ void expectRules(Scope scope, const Others& others) {
         {"TokenUpdate",
          TransportMessage::tokenUpdate("t"),
          {"Update -> updated", "Update -> updated", "Update -> offered", "Update -> receiving"}},
-        {"Resume", TransportMessage::resume("id", 5), always(others.resume)},
+        {"Resume", TransportMessage::resume("id", ByteOffset(5)), always(others.resume)},
         {"Clipboard", TransportMessage::clipboard("text", "text/plain"), always(others.clipboard)},
         {"SetName", TransportMessage::setName("n"), always(others.aboutPhone)},
         {"NameUpdate", TransportMessage::nameUpdate("n"), always(others.aboutPhone)},
@@ -141,7 +150,7 @@ TEST(IncomingTransfer, AnApprovedSizeIsABoundGiveOrTakeAFrame) {
     const std::int64_t most = 100 + limits::dataFrameBytes;
     for (const std::int64_t here : {std::int64_t{0}, std::int64_t{40}}) {
         IncomingTransfer transfer = transferIn(State::offered, Scope::everything);
-        transfer.accept(here, 100);
+        transfer.accept(ByteOffset(here), 100);
         transfer.takeData(most - here);
         EXPECT_EQ(transfer.state(), State::receiving);
         try {
@@ -156,10 +165,10 @@ TEST(IncomingTransfer, AnApprovedSizeIsABoundGiveOrTakeAFrame) {
 
 TEST(IncomingTransfer, WhatIsHereOfALargerOfferCountsToo) {
     IncomingTransfer enough = transferIn(State::offered, Scope::everything);
-    enough.accept(100 + limits::dataFrameBytes, 100);
+    enough.accept(ByteOffset(100) + limits::dataFrameBytes, 100);
     EXPECT_EQ(enough.state(), State::receiving);
     IncomingTransfer tooMuch = transferIn(State::offered, Scope::everything);
-    EXPECT_THROW(tooMuch.accept(101 + limits::dataFrameBytes, 100), ReceiveError);
+    EXPECT_THROW(tooMuch.accept(ByteOffset(101) + limits::dataFrameBytes, 100), ReceiveError);
     EXPECT_EQ(tooMuch.state(), State::over);
 }
 
@@ -175,7 +184,7 @@ TEST(IncomingTransferDeathTest, NothingMayFollowTheEnd) {
     transfer.refuse();
     EXPECT_DEATH(static_cast<void>(transfer.take(offer)), "after the end");
     EXPECT_DEATH(transfer.takeData(1), "after the end");
-    EXPECT_DEATH(transfer.accept(0), "without an offer");
+    EXPECT_DEATH(transfer.accept(ByteOffset()), "without an offer");
     EXPECT_DEATH(transfer.refuse(), "without an offer");
 }
 

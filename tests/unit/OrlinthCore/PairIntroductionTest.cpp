@@ -101,7 +101,7 @@ TEST(PairIntroduction, BecomesTheRecordOfThePhone) {
                                   .peer_subnet = "192.168.1.0/24",
                                   .peer_hostname = "Füße's phone 📱",
                                   .peer_mac = "3c:22:fb:01:02:0a",
-                                  .paired_at_epoch_ms = 0,
+                                  .paired_at_epoch_ms = {},
                                   .self_pubkey = ownKey().peerKey(),
                                   .peer_fcm_token = "token:APA9",
                                   .peer_android = "a1b2c3d4e5f60718"}));

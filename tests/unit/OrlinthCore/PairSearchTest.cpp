@@ -20,7 +20,7 @@ using Case = PairSearchError::Case;
 const std::string code = "0427";
 const std::string computerKey = "UkZDNzc0OCBzYXlzIHRoYXQga2V5cyBhcmUgMzIgYi4=";
 const std::string otherKey = "QW5vdGhlciBjb21wdXRlciwgd2l0aCBpdHMgb3duIGsu";
-constexpr double lookSeconds = 3;
+constexpr Seconds oneLook = 3s;
 
 PairingPayload payload(const std::string& key = computerKey) {
     return fakes::workshopPayload(key, "c2Vjcmv0");
@@ -137,25 +137,25 @@ TEST(PayloadOfService, IsThePayloadThatPairModeAnnounces) {
 
 class PairSearch : public testing::Test {
 protected:
-    Task<PairingPayload> find(double timeout = 30) {
+    Task<PairingPayload> find(Seconds timeout = 30s) {
         return findPairingComputer(world.services, world.clock, code, timeout);
     }
-    void expectFailure(double timeout, Case which, const std::string& text) {
+    void expectFailure(Seconds timeout, Case which, const std::string& text) {
         const auto error = world.failure<PairSearchError>(find(timeout));
         EXPECT_EQ(error.which(), which);
         EXPECT_EQ(error.description(), text);
     }
     /// Announces another service after some seconds.
-    static Task<> publishAt(World& world, double seconds, platform::ServiceRecord record) {
-        co_await world.clock.sleep(seconds);
+    static Task<> publishAt(World& world, Seconds time, platform::ServiceRecord record) {
+        co_await world.clock.sleep(time);
         world.services.services.push_back(std::move(record));
     }
-    static Task<> withdrawAt(World& world, double seconds) {
-        co_await world.clock.sleep(seconds);
+    static Task<> withdrawAt(World& world, Seconds time) {
+        co_await world.clock.sleep(time);
         world.services.services.clear();
     }
-    static Task<> breakAt(World& world, double seconds) {
-        co_await world.clock.sleep(seconds);
+    static Task<> breakAt(World& world, Seconds time) {
+        co_await world.clock.sleep(time);
         world.services.failure = "Daemon not running";
     }
 
@@ -165,7 +165,7 @@ protected:
 TEST_F(PairSearch, FindsTheComputerThatAnnouncesTheCode) {
     world.services.services = {service()};
     EXPECT_EQ(world.run(find()), payload());
-    EXPECT_EQ(world.clock.elapsed(), lookSeconds);
+    EXPECT_EQ(world.clock.elapsed(), oneLook.count());
 }
 
 TEST_F(PairSearch, FindsTheComputerAmongOthers) {
@@ -186,70 +186,70 @@ TEST_F(PairSearch, TakesOneComputerThatIsSeenTwiceForOne) {
 
 TEST_F(PairSearch, RefusesToChooseBetweenTwoComputersWithTheSameCode) {
     world.services.services = {service(), service(otherKey)};
-    expectFailure(30, Case::ambiguous, "several computers on this network answer to this code");
-    EXPECT_EQ(world.clock.elapsed(), lookSeconds);
+    expectFailure(30s, Case::ambiguous, "several computers on this network answer to this code");
+    EXPECT_EQ(world.clock.elapsed(), oneLook.count());
 }
 
 TEST_F(PairSearch, RefusesToChooseBetweenTwoAddressesOfOneKey) {
     world.services.services = {service(), with("ip", "192.168.1.66")};
-    expectFailure(30, Case::ambiguous, "several computers on this network answer to this code");
+    expectFailure(30s, Case::ambiguous, "several computers on this network answer to this code");
 }
 
 TEST_F(PairSearch, RefusesToChooseBetweenTwoSecretsOfOneKey) {
     world.services.services = {service(), with("sec", "YW5vdGhlcg==")};
-    expectFailure(30, Case::ambiguous, "several computers on this network answer to this code");
+    expectFailure(30s, Case::ambiguous, "several computers on this network answer to this code");
 }
 
 TEST_F(PairSearch, SeesASecondComputerThatComesDuringTheLook) {
     world.services.services = {service()};
-    world.alongside(publishAt(world, 2, service(otherKey)));
+    world.alongside(publishAt(world, 2s, service(otherKey)));
     EXPECT_EQ(world.failure<PairSearchError>(find()).which(), Case::ambiguous);
 }
 
 TEST_F(PairSearch, WaitsForAComputerThatComesLater) {
-    world.alongside(publishAt(world, 10, service()));
+    world.alongside(publishAt(world, 10s, service()));
     EXPECT_EQ(world.run(find()), payload());
     EXPECT_EQ(world.clock.elapsed(), 12) << "the end of the look in which it came";
 }
 
 TEST_F(PairSearch, FindsAComputerThatComesInTheLastLook) {
-    world.alongside(publishAt(world, 29, service()));
-    EXPECT_EQ(world.run(find(30)), payload());
+    world.alongside(publishAt(world, 29s, service()));
+    EXPECT_EQ(world.run(find(30s)), payload());
     EXPECT_EQ(world.clock.elapsed(), 30);
 }
 
 TEST_F(PairSearch, GivesUpAtTheEndOfTheLookInWhichTheTimeEnds) {
     const std::string text = "no computer with this code is in pair mode on this network";
     world.services.services = {service(otherKey, "0428")};
-    expectFailure(30, Case::notFound, text);
+    expectFailure(30s, Case::notFound, text);
     EXPECT_EQ(world.clock.elapsed(), 30);
-    expectFailure(10, Case::notFound, text);
+    expectFailure(10s, Case::notFound, text);
     EXPECT_EQ(world.clock.elapsed(), 30 + 12);
-    expectFailure(0, Case::notFound, text);
-    EXPECT_EQ(world.clock.elapsed(), 30 + 12 + lookSeconds) << "it looks once in any case";
+    expectFailure(0s, Case::notFound, text);
+    EXPECT_EQ(world.clock.elapsed(), 30 + 12 + oneLook.count()) << "it looks once in any case";
 }
 
 TEST_F(PairSearch, FindsNothingOnANetworkWithoutAnybody) {
-    expectFailure(3, Case::notFound, "no computer with this code is in pair mode on this network");
+    expectFailure(3s, Case::notFound, "no computer with this code is in pair mode on this network");
     EXPECT_EQ(world.clock.elapsed(), 3);
 }
 
 TEST_F(PairSearch, FindsNoComputerThatHasGoneBeforeTheLookEnds) {
     world.services.services = {service()};
-    world.alongside(withdrawAt(world, 1));
-    EXPECT_EQ(world.failure<PairSearchError>(find(6)).which(), Case::notFound);
+    world.alongside(withdrawAt(world, 1s));
+    EXPECT_EQ(world.failure<PairSearchError>(find(6s)).which(), Case::notFound);
     EXPECT_EQ(world.clock.elapsed(), 6);
 }
 
 TEST_F(PairSearch, ReportsThatNobodyCanBeAsked) {
     world.services.failure = "Daemon not running";
-    expectFailure(30, Case::unavailable, "cannot look for computers on the network: Daemon not running");
+    expectFailure(30s, Case::unavailable, "cannot look for computers on the network: Daemon not running");
     EXPECT_EQ(world.clock.elapsed(), 0);
 }
 
 TEST_F(PairSearch, ReportsThatNobodyCanBeAskedAnyMore) {
-    world.alongside(breakAt(world, 4));
-    expectFailure(30, Case::unavailable, "cannot look for computers on the network: Daemon not running");
+    world.alongside(breakAt(world, 4s));
+    expectFailure(30s, Case::unavailable, "cannot look for computers on the network: Daemon not running");
     EXPECT_EQ(world.clock.elapsed(), 6);
 }
 

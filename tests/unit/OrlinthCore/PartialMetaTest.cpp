@@ -25,7 +25,8 @@ using testing::ElementsAre;
 const platform::Path dir = "/downloads";
 const platform::FileName partial("x.pdf.partial");
 const platform::Path sidecar = "/downloads/x.pdf.partial.meta.json";
-const PartialMeta example{TransferId("6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D"), 1048576, 1731686400000};
+const PartialMeta example{TransferId("6F1C2B0E-4D0A-4E39-9C8A-2F5D7A1B3C4D"), 1048576,
+                          fromEpochMilliseconds(1731686400000)};
 
 void save(platform::FileSystem& files, const PartialMeta& meta) {
     PartialMetaIO::save(*files.openFolder(dir), meta, partial);
@@ -60,7 +61,8 @@ TEST(PartialMeta, KeepsAnyIdentifierAndNumber) {
     MemoryFileSystem files;
     files.putFolder("/downloads");
     for (const PartialMeta& meta :
-         {PartialMeta{TransferId(), 0, 0}, PartialMeta{TransferId("a/\u00e4\"\n"), INT64_MAX, INT64_MIN}}) {
+         {PartialMeta{TransferId(), 0, fromEpochMilliseconds(0)},
+          PartialMeta{TransferId("a/\u00e4\"\n"), INT64_MAX, fromEpochMilliseconds(INT64_MIN)}}) {
         save(files, meta);
         EXPECT_EQ(load(files), meta);
     }
@@ -76,7 +78,7 @@ TEST(PartialMeta, ReplacesAnExistingSidecarWhole) {
 TEST(PartialMeta, DecodesWithForeignMembers) {
     MemoryFileSystem files;
     files.put(sidecar, R"({"transfer_id":"t","advertised_size":1,"started_at_epoch_ms":2,"colour":"blue"})");
-    EXPECT_EQ(load(files), (PartialMeta{TransferId("t"), 1, 2}));
+    EXPECT_EQ(load(files), (PartialMeta{TransferId("t"), 1, fromEpochMilliseconds(2)}));
 }
 
 TEST(PartialMeta, SaysOfWhomItIsIfThatIsKnown) {
@@ -95,7 +97,8 @@ TEST(PartialMeta, SaysOfWhomItIsIfThatIsKnown) {
     EXPECT_TRUE(meta.mayBeContinuedBy(meta.transfer_id, meta.peer_pubkey));
     EXPECT_FALSE(meta.mayBeContinuedBy(meta.transfer_id, PeerKey("another phone")));
     EXPECT_FALSE(meta.mayBeContinuedBy(TransferId("another transfer"), meta.peer_pubkey));
-    EXPECT_TRUE(example.mayBeContinuedBy(example.transfer_id, PeerKey("any phone"))) << "as older versions have written it";
+    EXPECT_TRUE(example.mayBeContinuedBy(example.transfer_id, PeerKey("any phone")))
+        << "as older versions have written it";
 }
 
 TEST(PartialMeta, IsNothingWhereAMemberIsMissingOrOfAnotherType) {
@@ -157,7 +160,7 @@ TEST(PartialMeta, ReportsAFailureToSaveInTheSystemsWords) {
     }
 }
 
-const PartialMeta older{TransferId("older"), 1, 2};
+const PartialMeta older{TransferId("older"), 1, fromEpochMilliseconds(2)};
 
 void prepareOlder(MemoryFileSystem& files) {
     files.put(sidecar, prettyJson(older.toJson()));
@@ -190,7 +193,7 @@ TEST(PartialMetaFailure, IsReportedAndLeavesAWholeSidecar) {
 
 /// What may have the name of a sidecar without being one: none is read for longer, or further, than a sidecar is.
 TEST(PartialMetaIOLoad, BelievesNothingButARegularFileOfASensibleSize) {
-    const std::string good = prettyJson(PartialMeta{TransferId("ID-1"), 10, 5}.toJson());
+    const std::string good = prettyJson(PartialMeta{TransferId("ID-1"), 10, fromEpochMilliseconds(5)}.toJson());
     fakes::MemoryFileSystem files;
     files.put(sidecar, good);
     ASSERT_TRUE(load(files));
@@ -245,7 +248,8 @@ TEST(PartialMetaIOLoad, DoesNotWaitForAPipeOfTheRealFileSystem) {
     EXPECT_FALSE(PartialMetaIO::load(*files.openFolder(folder.path()), platform::FileName("a.partial")));
     ::close(writer);
     ::unlink(pipe.c_str());
-    fakes::writeText(folder / "whole", prettyJson(PartialMeta{TransferId("ID-1"), 10, 5}.toJson()));
+    fakes::writeText(folder / "whole",
+                     prettyJson(PartialMeta{TransferId("ID-1"), 10, fromEpochMilliseconds(5)}.toJson()));
     std::filesystem::create_symlink("whole", pipe);
     EXPECT_FALSE(PartialMetaIO::load(*files.openFolder(folder.path()), platform::FileName("a.partial")));
     std::filesystem::rename(folder / "whole", pipe);

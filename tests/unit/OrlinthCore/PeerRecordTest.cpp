@@ -34,7 +34,7 @@ PeerRecord phone(const std::string& key, const std::string& name = "Pixel-8", co
     record.peer_subnet = "192.168.1.0/24";
     record.peer_hostname = name;
     record.peer_mac = "02:00:00:00:00:01";
-    record.paired_at_epoch_ms = pairedAt;
+    record.paired_at_epoch_ms = fromEpochMilliseconds(pairedAt);
     record.self_pubkey = PeerKey("self/+key=");
     record.peer_fcm_token = "token";
     record.peer_android = "android";

@@ -26,7 +26,7 @@ protected:
         while (claims.size() < limits::connectionsOfOnePhone) {
             connect();
             context.restart();
-            fakes::runVirtual(context, clock, clock.sleep(1));
+            fakes::runVirtual(context, clock, clock.sleep(1s));
         }
     }
 

@@ -163,30 +163,33 @@ TEST_F(ShareOutboxTest, RingsWithANameAndNothingElse) {
 using Manifest = ShareOutbox::Manifest;
 
 TEST(ShareManifest, HasTheKeysOfItsFields) {
-    const Manifest chosen{
-        "8F2C", 1'763'712'000'123, {"b.jpg", "a/é.txt"}, std::vector{PeerKey("a/b+c="), PeerKey("d")}};
+    const Manifest chosen{"8F2C",
+                          fromEpochMilliseconds(1'763'712'000'123),
+                          {"b.jpg", "a/é.txt"},
+                          std::vector{PeerKey("a/b+c="), PeerKey("d")}};
     EXPECT_EQ(
         compactJson(chosen.toJson()),
         R"({"createdAtMs":1763712000123,"files":["b.jpg","a/é.txt"],"id":"8F2C","targetPubkeys":["a/b+c=","d"]})");
 }
 
 TEST(ShareManifest, HasNoKeyForTheTargetsWhereThereWasNoChoice) {
-    const Manifest manifest{"8F2C", 1, {"a"}, std::nullopt};
+    const Manifest manifest{"8F2C", fromEpochMilliseconds(1), {"a"}, std::nullopt};
     EXPECT_EQ(compactJson(manifest.toJson()), R"({"createdAtMs":1,"files":["a"],"id":"8F2C"})");
-    const Manifest nobody{"8F2C", 1, {"a"}, std::vector<PeerKey>{}};
+    const Manifest nobody{"8F2C", fromEpochMilliseconds(1), {"a"}, std::vector<PeerKey>{}};
     EXPECT_EQ(compactJson(nobody.toJson()), R"({"createdAtMs":1,"files":["a"],"id":"8F2C","targetPubkeys":[]})");
 }
 
 TEST(ShareManifest, ReadsWhatItWrote) {
     for (const Manifest& manifest :
-         {Manifest{"8F2C", INT64_MAX, {"b", "a"}, std::vector{PeerKey("x")}}, Manifest{"", -1, {}, std::nullopt},
-          Manifest{"8F2C", 0, {"a"}, std::vector<PeerKey>{}}}) {
+         {Manifest{"8F2C", fromEpochMilliseconds(INT64_MAX), {"b", "a"}, std::vector{PeerKey("x")}},
+          Manifest{"", fromEpochMilliseconds(-1), {}, std::nullopt},
+          Manifest{"8F2C", fromEpochMilliseconds(0), {"a"}, std::vector<PeerKey>{}}}) {
         EXPECT_EQ(Manifest::fromJson(parseJson(compactJson(manifest.toJson()))), manifest);
     }
 }
 
 TEST(ShareManifest, ReadsAnyLayoutOverlooksOtherKeysAndTakesNullForNoTargets) {
-    const Manifest expected{"x", 5, {"a"}, std::nullopt};
+    const Manifest expected{"x", fromEpochMilliseconds(5), {"a"}, std::nullopt};
     EXPECT_EQ(Manifest::fromJson(parseJson(
                   "{ \"more\":[{}],\n\"id\" : \"x\", \"files\":[\"a\"],\"createdAtMs\":5.0, \"targetPubkeys\":null }")),
               expected);

@@ -105,8 +105,10 @@ TEST_F(ShareStagingTest, CopiesTheFilesWritesTheManifestAndRings) {
     EXPECT_THAT(desk.busSignals.posted, IsEmpty());
     EXPECT_FALSE(files.exists(staging->folder() / "manifest.json"));
     const Manifest manifest = staging->finish(std::vector{PeerKey("a/b+c="), PeerKey("d")});
-    const Manifest expected{
-        staging->id(), 1'767'225'600'000, {"holiday.jpg", "notes"}, std::vector{PeerKey("a/b+c="), PeerKey("d")}};
+    const Manifest expected{staging->id(),
+                            fromEpochMilliseconds(1'767'225'600'000),
+                            {"holiday.jpg", "notes"},
+                            std::vector{PeerKey("a/b+c="), PeerKey("d")}};
     EXPECT_EQ(manifest, expected);
     EXPECT_EQ(manifestIn(files, staging->folder()), expected);
     EXPECT_EQ(files.content(staging->folder() / "holiday.jpg"), "picture");

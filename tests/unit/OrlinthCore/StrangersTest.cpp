@@ -13,10 +13,10 @@ using testing::IsEmpty;
 class StrangersTest : public testing::Test {
 protected:
     StrangersTest() { strangers.mostOfOneSource = 3; }
-    std::vector<Strangers::Identity> come(Strangers::Identity identity, const std::string& source, double at = 0) {
+    std::vector<Strangers::Identity> come(Strangers::Identity identity, const std::string& source, Seconds at = 0s) {
         return strangers.add(identity, source, Strangers::Instant(at));
     }
-    std::vector<Strangers::Identity> overdue(double at) { return strangers.takeOverdue(Strangers::Instant(at)); }
+    std::vector<Strangers::Identity> overdue(Seconds at) { return strangers.takeOverdue(Strangers::Instant(at)); }
 
     std::set<Strangers::Identity> greeted;
     Strangers strangers{[this](Strangers::Identity identity) { return greeted.contains(identity); }};
@@ -24,14 +24,14 @@ protected:
 
 TEST_F(StrangersTest, OfOneSourceAreTooManyOnceTheyHaveHadTheirTime) {
     for (Strangers::Identity identity = 1; identity <= 5; ++identity) {
-        EXPECT_THAT(come(identity, "a", 0.1 * static_cast<double>(identity)), IsEmpty()) << "a crowd gets its moment";
+        EXPECT_THAT(come(identity, "a", 100ms * identity), IsEmpty()) << "a crowd gets its moment";
     }
     EXPECT_TRUE(strangers.isCrowded());
-    EXPECT_THAT(overdue(1.05), IsEmpty());
-    EXPECT_THAT(overdue(1.15), ElementsAre(1));
-    EXPECT_THAT(overdue(5), ElementsAre(2)) << "and no more than must go";
+    EXPECT_THAT(overdue(1050ms), IsEmpty());
+    EXPECT_THAT(overdue(1150ms), ElementsAre(1));
+    EXPECT_THAT(overdue(5s), ElementsAre(2)) << "and no more than must go";
     EXPECT_FALSE(strangers.isCrowded());
-    EXPECT_THAT(come(6, "a", 6), ElementsAre(3)) << "whoever comes later throws out the oldest at once";
+    EXPECT_THAT(come(6, "a", 6s), ElementsAre(3)) << "whoever comes later throws out the oldest at once";
 }
 
 TEST_F(StrangersTest, WhoHasSaidNothingGoesBeforeWhoHas) {
@@ -39,11 +39,11 @@ TEST_F(StrangersTest, WhoHasSaidNothingGoesBeforeWhoHas) {
     for (Strangers::Identity identity = 1; identity <= 4; ++identity) {
         static_cast<void>(come(identity, "a"));
     }
-    EXPECT_THAT(overdue(2), ElementsAre(2));
-    EXPECT_THAT(come(5, "a", 2), ElementsAre(4));
+    EXPECT_THAT(overdue(2s), ElementsAre(2));
+    EXPECT_THAT(come(5, "a", 2s), ElementsAre(4));
     greeted = {1, 3, 5};
-    static_cast<void>(come(6, "a", 4));
-    EXPECT_THAT(overdue(4.1), IsEmpty());
+    static_cast<void>(come(6, "a", 4s));
+    EXPECT_THAT(overdue(4100ms), IsEmpty());
 }
 
 TEST_F(StrangersTest, OneSourceDoesNotCountForAnother) {
@@ -51,7 +51,7 @@ TEST_F(StrangersTest, OneSourceDoesNotCountForAnother) {
         static_cast<void>(come(identity, std::string(1, static_cast<char>('a' + identity % 3))));
     }
     EXPECT_FALSE(strangers.isCrowded());
-    EXPECT_THAT(overdue(5), IsEmpty());
+    EXPECT_THAT(overdue(5s), IsEmpty());
 }
 
 TEST_F(StrangersTest, TheSourceWithMostMakesRoomForOthers) {
@@ -82,9 +82,9 @@ TEST_F(StrangersTest, WhoHasJustComeGetsAChanceAmongOthersOfItsSourceThatHaveSpo
 
 TEST_F(StrangersTest, OfManySourcesWithOneEachTheOldestGoes) {
     for (Strangers::Identity identity = 1; identity <= limits::strangers; ++identity) {
-        static_cast<void>(come(identity, "z" + std::to_string(identity), static_cast<double>(identity)));
+        static_cast<void>(come(identity, "z" + std::to_string(identity), 1s * identity));
     }
-    EXPECT_THAT(come(1000, "a", 1000), ElementsAre(1));
+    EXPECT_THAT(come(1000, "a", 1000s), ElementsAre(1));
 }
 
 TEST_F(StrangersTest, NobodyCanBeTakenWhereNobodyIs) {

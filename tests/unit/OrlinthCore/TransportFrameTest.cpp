@@ -53,7 +53,7 @@ Message messageOfJson(std::string_view json) {
 
 std::vector<Message> oneOfEach() {
     return {Message::fileOffer("a.png", 1024, "image/png", "0F3A"),
-            Message::resume("0F3A", 512),
+            Message::resume("0F3A", ByteOffset(512)),
             Message::tokenUpdate("token"),
             Message::clipboard("text", "text/html"),
             Message::setName("name"),
@@ -90,8 +90,8 @@ TEST(TransportMessage, ComesBackEqual) {
     }
     const Message extreme = Message::fileOffer("ü/\"\\\n\u2028😀", std::numeric_limits<std::int64_t>::max(), "", "");
     EXPECT_EQ(messageOfJson(extreme.toJson()), extreme);
-    EXPECT_EQ(messageOfJson(Message::resume("", std::numeric_limits<std::int64_t>::min()).toJson()),
-              Message::resume("", std::numeric_limits<std::int64_t>::min()));
+    EXPECT_EQ(messageOfJson(Message::resume("", ByteOffset(std::numeric_limits<std::int64_t>::min())).toJson()),
+              Message::resume("", ByteOffset(std::numeric_limits<std::int64_t>::min())));
 }
 
 TEST(TransportMessage, DoesNotEscapeSlashes) {
@@ -348,7 +348,7 @@ TEST(TransportMessage, HasNoOtherKeysThanItsCodingKeys) {
                            {Keys::size, 1},
                            {Keys::mime, "m"},
                            {Keys::transfer_id, "t"}}));
-    EXPECT_EQ(parseJson(TransportMessage::resume("t", 2).toJson()),
+    EXPECT_EQ(parseJson(TransportMessage::resume("t", ByteOffset(2)).toJson()),
               (Json{{Keys::type, "Resume"}, {Keys::transfer_id, "t"}, {Keys::accepted_offset, 2}}));
     EXPECT_EQ(parseJson(TransportMessage::tokenUpdate("f").toJson()),
               (Json{{Keys::type, "TokenUpdate"}, {Keys::peer_fcm_token, "f"}}));

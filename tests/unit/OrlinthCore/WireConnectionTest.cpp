@@ -310,7 +310,7 @@ TEST_F(Wire, ShowsThePeerAResetHoweverItEndsOnceThatIsAskedFor) {
 
     WireConnection& silent = connect();
     silent.resetOnClose(true);
-    silent.idleTimeout = 1;
+    silent.idleTimeout = 1s;
     EXPECT_TRUE(errorOf(silent.receiveLengthPrefixed()));
     EXPECT_THROW(static_cast<void>(peerReads(1)), platform::SystemError);
 
@@ -349,7 +349,7 @@ TEST_F(Wire, LetsACancellationThroughUnchanged) {
 
 TEST_F(Wire, CancelsTheConnectionWhenThePeerStaysSilent) {
     WireConnection& wire = connect();
-    wire.idleTimeout = 2;
+    wire.idleTimeout = 2s;
     const auto error = errorOf(wire.receiveLengthPrefixed());
     EXPECT_EQ(error->description(), "wire I/O error: connection cancelled");
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 2);
@@ -375,16 +375,16 @@ TEST_F(Wire, WaitsForEverWithoutATimeout) {
 
 TEST_F(Wire, LeavesTheConnectionOpenAfterAReadInTime) {
     WireConnection& wire = connect();
-    wire.idleTimeout = 2;
+    wire.idleTimeout = 2s;
     peerSends(frameOf(asBytes("in time")));
     EXPECT_EQ(runVirtual(context_, clock_, wire.receiveLengthPrefixed()), toBytes("in time"));
-    runVirtual(context_, clock_, clock_.sleep(10));
+    runVirtual(context_, clock_, clock_.sleep(10s));
     EXPECT_FALSE(ours_->isCancelled());
     peerSends(frameOf(asBytes("later")));
     EXPECT_EQ(runVirtual(context_, clock_, wire.receiveLengthPrefixed()), toBytes("later"));
 }
 
-Task<> sendSlowly(MemoryStream* stream, fakes::VirtualClock* clock, std::vector<Bytes> pieces, double pause) {
+Task<> sendSlowly(MemoryStream* stream, fakes::VirtualClock* clock, std::vector<Bytes> pieces, Seconds pause) {
     for (const Bytes& piece : pieces) {
         co_await clock->sleep(pause);
         co_await stream->writeAll(piece);
@@ -393,19 +393,19 @@ Task<> sendSlowly(MemoryStream* stream, fakes::VirtualClock* clock, std::vector<
 
 TEST_F(Wire, GivesPrefixAndBodyTheFullTimeoutEach) {
     WireConnection& wire = connect();
-    wire.idleTimeout = 2;
-    start(sendSlowly(peer_.get(), &clock_, {hexDecode("00000002").value(), toBytes("ab")}, 1.5));
+    wire.idleTimeout = 2s;
+    start(sendSlowly(peer_.get(), &clock_, {hexDecode("00000002").value(), toBytes("ab")}, 1500ms));
     EXPECT_EQ(runVirtual(context_, clock_, wire.receiveLengthPrefixed()), toBytes("ab"));
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 3);
 }
 
 TEST_F(Wire, DoesNotGiveALargeBodyMoreTimeBecauseItIsReadInSteps) {
     WireConnection& wire = connect();
-    wire.idleTimeout = 2;
+    wire.idleTimeout = 2s;
     const Bytes piece(65'536);
     bool peerFailed = false;
     platform::spawn(context_.get_executor(),
-                    sendSlowly(peer_.get(), &clock_, {hexDecode("00040000").value(), piece, piece}, 1.5),
+                    sendSlowly(peer_.get(), &clock_, {hexDecode("00040000").value(), piece, piece}, 1500ms),
                     [&peerFailed](std::exception_ptr error) { peerFailed = error != nullptr; });
     EXPECT_EQ(errorOf(wire.receiveLengthPrefixed())->which(), WireConnection::Error::Case::underlying);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 3.5) << "prefix at 1.5, and two seconds for the whole body";
@@ -415,7 +415,7 @@ TEST_F(Wire, DoesNotGiveALargeBodyMoreTimeBecauseItIsReadInSteps) {
 
 TEST_F(Wire, SetsNoAlarmAgainWhenAReadHasFailed) {
     WireConnection& wire = connect();
-    wire.idleTimeout = 2;
+    wire.idleTimeout = 2s;
     peer_->finishWriting();
     EXPECT_EQ(errorOf(wire.receiveLengthPrefixed())->which(), WireConnection::Error::Case::eof);
     EXPECT_LE(clock_.pendingAlarms(), 1u);
@@ -425,10 +425,10 @@ TEST_F(Wire, SetsNoAlarmAgainWhenAReadHasFailed) {
 
 TEST_F(Wire, MeasuresEachReadFromItsOwnStart) {
     WireConnection& wire = connect();
-    wire.idleTimeout = 2;
+    wire.idleTimeout = 2s;
     for (int frame = 1; frame <= 3; ++frame) { // each one comes a second and a half after the one before
         start([](MemoryStream* peer, fakes::VirtualClock* clock) -> Task<> {
-            co_await clock->sleep(1.5);
+            co_await clock->sleep(1500ms);
             const Bytes bytes = frameOf(asBytes("x"));
             co_await peer->writeAll(bytes);
         }(peer_.get(), &clock_));
@@ -441,10 +441,10 @@ TEST_F(Wire, MeasuresEachReadFromItsOwnStart) {
 
 TEST_F(Wire, ReadsTheTimeoutAtTheStartOfEachRead) {
     WireConnection& wire = connect();
-    wire.idleTimeout = 2;
+    wire.idleTimeout = 2s;
     peerSends(frameOf(asBytes("x")));
     EXPECT_EQ(runVirtual(context_, clock_, wire.receiveLengthPrefixed()), toBytes("x"));
-    wire.idleTimeout = 5;
+    wire.idleTimeout = 5s;
     EXPECT_EQ(errorOf(wire.receiveLengthPrefixed())->which(), WireConnection::Error::Case::underlying);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 5);
 }
@@ -457,10 +457,10 @@ TEST_F(Wire, TellsThePeerThatNothingMoreComesAndWaitsForItToClose) {
         Bytes none(1);
         const std::size_t count = co_await peer->readExact(none);
         EXPECT_EQ(count, 0u) << "the end of our side";
-        co_await clock->sleep(0.25);
+        co_await clock->sleep(250ms);
         peer->cancel();
     }(peer_.get(), &clock_));
-    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1)), Farewell::closed);
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1s)), Farewell::closed);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 0.25);
     EXPECT_TRUE(ours_->isCancelled());
 }
@@ -472,19 +472,19 @@ TEST_F(Wire, DropsWhateverStillComesAtTheFarewell) {
         co_await peer->writeAll(unwanted);
         peer->finishWriting();
     }(peer_.get()));
-    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1)), Farewell::closed);
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1s)), Farewell::closed);
 }
 
 TEST_F(Wire, SaysAtTheFarewellThatThePeerBrokeOff) {
     WireConnection& wire = connect();
     peer_->abort();
-    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1)), Farewell::brokeOff);
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1s)), Farewell::brokeOff);
     EXPECT_TRUE(ours_->isCancelled());
 }
 
 TEST_F(Wire, GivesUpTheFarewellAfterTheGivenTime) {
     WireConnection& wire = connect();
-    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1)), Farewell::acknowledged);
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1s)), Farewell::acknowledged);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 1);
     EXPECT_TRUE(ours_->isCancelled());
 }
@@ -492,7 +492,7 @@ TEST_F(Wire, GivesUpTheFarewellAfterTheGivenTime) {
 TEST_F(Wire, KnowsAtTheFarewellThatBytesNeverCameThrough) {
     WireConnection& wire = connect();
     peer_->cutWire();
-    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1)), Farewell::silent);
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(1s)), Farewell::silent);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 1);
     EXPECT_TRUE(ours_->isCancelled());
 }
@@ -503,11 +503,11 @@ TEST_F(Wire, WaitsAtTheFarewellAsLongAsWhatWasSentComesThrough) {
     runVirtual(context_, clock_, wire.sendLengthPrefixed(toBytes("123456")));
     start([](MemoryStream* peer, fakes::VirtualClock* clock) -> Task<> {
         for (int i = 0; i < 6; ++i) {
-            co_await clock->sleep(40);
+            co_await clock->sleep(40s);
             peer->acknowledge(2);
         }
     }(peer_.get(), &clock_));
-    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(60)), Farewell::acknowledged);
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(60s)), Farewell::acknowledged);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 360) << "the last of them came through at 240, and was seen at 300";
 }
 
@@ -516,16 +516,16 @@ TEST_F(Wire, GivesUpTheFarewellWhereNothingMoreComesThrough) {
     peer_->cutWire();
     runVirtual(context_, clock_, wire.sendLengthPrefixed(toBytes("123456")));
     start([](MemoryStream* peer, fakes::VirtualClock* clock) -> Task<> {
-        co_await clock->sleep(40);
+        co_await clock->sleep(40s);
         peer->acknowledge(2);
     }(peer_.get(), &clock_));
-    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(60)), Farewell::silent);
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(60s)), Farewell::silent);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 120);
 }
 
 TEST_F(Wire, DoesNotWaitAtAFarewellOfNoTime) {
     WireConnection& wire = connect();
-    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(0)), Farewell::silent);
+    EXPECT_EQ(runVirtual(context_, clock_, wire.closeAfterFarewell(0s)), Farewell::silent);
     EXPECT_DOUBLE_EQ(clock_.elapsed(), 0);
     EXPECT_TRUE(ours_->isCancelled());
 }
@@ -537,7 +537,7 @@ TEST_F(Wire, LetsACancellationOfTheFarewellThroughAndCloses) {
     platform::spawn(
         context_.get_executor(),
         [](WireConnection* connection) -> Task<> {
-            static_cast<void>(co_await connection->closeAfterFarewell(1));
+            static_cast<void>(co_await connection->closeAfterFarewell(1s));
         }(&wire),
         cancel.slot(), [&ended](std::exception_ptr error) { ended = std::move(error); });
     context_.poll();

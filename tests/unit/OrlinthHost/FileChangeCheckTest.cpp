@@ -22,8 +22,7 @@ protected:
     /// Writes the file, as if that had been so many seconds ago.
     void write(const std::string& content, int secondsAgo) {
         std::ofstream(file_) << content;
-        const std::chrono::sys_time<std::chrono::milliseconds> now(
-            std::chrono::milliseconds(clock_.epochMilliseconds()));
+        const EpochMilliseconds now = clock_.epochMilliseconds();
         std::filesystem::last_write_time(file_,
                                          std::chrono::file_clock::from_sys(now - std::chrono::seconds(secondsAgo)));
     }

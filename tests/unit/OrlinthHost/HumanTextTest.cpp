@@ -50,7 +50,7 @@ TEST(HumanText, ShowsTenthsOfSecondsThenSecondsThenMinutesThenHours) {
                               {59.4, "59 s"},     {59.5, "1:00"},     {187, "3:07"},         {3'599.4, "59:59"},
                               {3'600, "1:00:00"}, {3'753, "1:02:33"}, {360'000, "100:00:00"}};
     for (const Figure& figure : figures) {
-        EXPECT_EQ(humanDuration(figure.value), figure.text) << figure.value;
+        EXPECT_EQ(humanDuration(Seconds(figure.value)), figure.text) << figure.value;
     }
 }
 
@@ -61,11 +61,11 @@ TEST(HumanText, CountsFiles) {
 }
 
 TEST(HumanText, ShowsTimesInTheLocalTimeZone) {
-    constexpr std::int64_t noonInMarch = 1'773'057'900'999; // 2026-03-09 12:05:00.999 UTC
+    constexpr EpochMilliseconds noonInMarch = fromEpochMilliseconds(1'773'057'900'999); // 2026-03-09 12:05:00.999 UTC
     setenv("TZ", "UTC0", 1);
     tzset();
     EXPECT_EQ(humanTime(noonInMarch), "2026-03-09 12:05");
-    EXPECT_EQ(humanTime(0), "1970-01-01 00:00");
+    EXPECT_EQ(humanTime(EpochMilliseconds()), "1970-01-01 00:00");
     setenv("TZ", "AHEAD-14", 1);
     tzset();
     EXPECT_EQ(humanTime(noonInMarch), "2026-03-10 02:05");
@@ -74,7 +74,7 @@ TEST(HumanText, ShowsTimesInTheLocalTimeZone) {
 }
 
 TEST(HumanText, HasNoTimeForAYearThatNoCalendarHas) {
-    EXPECT_EQ(humanTime(std::numeric_limits<std::int64_t>::max()), "292278994-08-17 07:12");
+    EXPECT_EQ(humanTime(EpochMilliseconds::max()), "292278994-08-17 07:12");
 }
 
 TEST(HumanText, IsShortenedToColumnsAndNotToBytes) {

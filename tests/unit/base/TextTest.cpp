@@ -12,6 +12,16 @@ TEST(Text, KnowsWellFormedUtf8) {
     EXPECT_TRUE(isUtf8(std::string_view("a\0b", 3)));
 }
 
+TEST(Text, PutsALimitOfTimeInWords) {
+    EXPECT_EQ(timeInWords(1s), "1 second");
+    EXPECT_EQ(timeInWords(10s), "10 seconds");
+    EXPECT_EQ(timeInWords(500ms), "0.5 seconds");
+    EXPECT_EQ(timeInWords(60s), "60 seconds");
+    EXPECT_EQ(timeInWords(90s), "90 seconds");
+    EXPECT_EQ(timeInWords(2min), "2 minutes");
+    EXPECT_EQ(timeInWords(Seconds(300)), "5 minutes");
+}
+
 TEST(Text, RefusesOverlongFormsSurrogatesAndTornCharacters) {
     for (const char* text : {"\x80", "\xff", "\xc0\x80", "\xc1\xbf", "\xe0\x80\x80", "\xe0\x9f\xbf", "\xed\xa0\x80",
                              "\xed\xbf\xbf", "\xf0\x80\x80\x80", "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xe2\x82",

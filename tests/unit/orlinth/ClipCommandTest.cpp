@@ -17,11 +17,11 @@ protected:
         return CommandWorldTest::run(makeClipCommand, words);
     }
     /// Takes the text, and hangs up so many seconds later.
-    [[nodiscard]] Task<> take(double seconds) {
+    [[nodiscard]] Task<> take(Seconds time) {
         const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
         const auto clipboard = co_await phone->expect<Row::Clipboard>();
         taken.push_back(clipboard.mime + ": " + clipboard.text);
-        co_await world.clock.sleep(seconds);
+        co_await world.clock.sleep(time);
         phone->close();
     }
     /// Takes the text, and keeps silent until the other side hangs up.
@@ -34,7 +34,7 @@ protected:
     }
     [[nodiscard]] Task<> takeNothing() {
         const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
-        co_await world.clock.sleep(3600);
+        co_await world.clock.sleep(3600s);
     }
     [[nodiscard]] Task<> answer(Row message) {
         const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
@@ -48,7 +48,7 @@ protected:
 };
 
 TEST_F(ClipCommandTest, SendsTheTextAndSaysHowLongItWas) {
-    world.alongside(take(0));
+    world.alongside(take(0s));
     const Ended ended = clip({"--text", "Grüße", "--mime", "text/html"});
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.output, "sent 7 bytes of text to Pixel-8\n");
@@ -104,14 +104,14 @@ TEST_F(ClipCommandTest, TakesTenSecondsOfSilenceBehindTheTextForADelivery) {
 }
 
 TEST_F(ClipCommandTest, WaitsForTheAnswerAsLongAsItTakesWithoutALimit) {
-    world.alongside(take(86'400));
+    world.alongside(take(86'400s));
     const Ended ended = clip({"--text", secret, "--timeout", "0", "--json"});
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.after, 86'400);
     EXPECT_THAT(ended.names(), ElementsAre("complete"));
     ASSERT_EQ(world.network.keepAlives->size(), 1U) << "or else a phone that is gone would be waited for for ever";
-    EXPECT_EQ(world.network.keepAlives->front().idleSeconds, 10);
-    EXPECT_EQ(world.network.keepAlives->front().intervalSeconds * world.network.keepAlives->front().count, 15);
+    EXPECT_EQ(world.network.keepAlives->front().idle, 10s);
+    EXPECT_EQ(world.network.keepAlives->front().interval * world.network.keepAlives->front().count, 15s);
 }
 
 TEST_F(ClipCommandTest, ReportsThatThePhoneHasRemovedThisComputerAndIgnoresOtherAnswers) {
@@ -144,11 +144,11 @@ TEST_F(ClipCommandTest, SendsToThePhoneThatWasPairedLastOrToTheOneThatIsNamed) {
     other.peer_hostname = "Tablet";
     other.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     other.peer_ip = "203.0.113.9";
-    other.paired_at_epoch_ms = world.phoneRecord().paired_at_epoch_ms + 1;
+    other.paired_at_epoch_ms = world.phoneRecord().paired_at_epoch_ms + 1ms;
     pair({world.phoneRecord(), other});
     world.network.makeSilent(other.peer_ip);
     EXPECT_EQ(clip({"--text", "a"}).failure(), "orlinth: network: connect timed out");
-    world.alongside(take(0));
+    world.alongside(take(0s));
     const Ended named = clip({"--text", "a", "--to", "pix"});
     EXPECT_EQ(named.status, 0) << named.failure();
     EXPECT_EQ(clip({"--text", "a", "--to", "nobody"}).failure(), "orlinth: no paired phone matches 'nobody'");

@@ -142,7 +142,7 @@ protected:
         for (std::string& reply : replies) {
             const std::unique_ptr<platform::Stream> stream = co_await socket->accept(world.context.get_executor());
             try {
-                std::string request = co_await host::readControlLine(*stream, world.clock, 5);
+                std::string request = co_await host::readControlLine(*stream, world.clock, 5s);
                 asked.push_back(std::move(request));
                 co_await host::sendControlLine(*stream, world.clock, std::move(reply));
             } catch (const host::HostError&) {

@@ -42,16 +42,16 @@ protected:
     }
     /// The computer, which waits for one phone.
     [[nodiscard]] Task<> waitForPhone() {
-        PairListener listener(world.system, SecretBytes(asBytes(secretText)), port, 1000);
+        PairListener listener(world.system, SecretBytes(asBytes(secretText)), port, 1000s);
         const PairListener::Result result = co_await listener.awaitIntroduction();
         introduction = result.phoneIntroductionPlaintext;
     }
     /// One that takes connections, and reads nothing.
-    [[nodiscard]] Task<> readNothing(double seconds) {
+    [[nodiscard]] Task<> readNothing(Seconds time) {
         const std::unique_ptr<platform::Listener> listener =
             world.network.listen({.port = port, .keepAlive = std::nullopt}, world.context.get_executor());
         const std::unique_ptr<platform::Stream> stream = co_await listener->accept(world.context.get_executor());
-        co_await world.clock.sleep(seconds);
+        co_await world.clock.sleep(time);
     }
     /// Announces a computer of this key under these digits.
     [[nodiscard]] std::unique_ptr<PairAdvertiser> announce(const std::string& code, const std::string& key) {
@@ -122,7 +122,7 @@ TEST_F(JoinCommandTest, ShowsTheSameToScripts) {
     EXPECT_EQ(ended.events()[1],
               Json({{"event", "paired"}, {"peer", book().peers.at(0).toJson()}, {"replaced", Json::array()}}));
     EXPECT_EQ(ended.events()[1].at("peer").at("self_pubkey"), ownKey().base64());
-    EXPECT_EQ(ended.events()[1].at("peer").at("paired_at_epoch_ms"), world.clock.epochMilliseconds());
+    EXPECT_EQ(ended.events()[1].at("peer").at("paired_at_epoch_ms"), toNumber(world.clock.epochMilliseconds()));
     EXPECT_EQ(parseJson(introduction).at("peer_port"), 7401);
 }
 
@@ -225,7 +225,7 @@ TEST_F(JoinCommandTest, SaysWhyDigitsFindNobody) {
 TEST_F(JoinCommandTest, SaysThatTheComputerIsNotThere) {
     const std::string hint = "A code works once, and while it is shown: run `orlinth pair` there again.";
     expectNothingRecorded(joinByFile(), "cannot connect to the computer: Connection refused", hint);
-    world.alongside(readNothing(1000));
+    world.alongside(readNothing(1000s));
     const Ended slow = joinByFile({"--yes", "--timeout", "0.5"});
     EXPECT_EQ(slow.after, 0.5);
     expectNothingRecorded(slow, "the computer has not answered in time", hint);

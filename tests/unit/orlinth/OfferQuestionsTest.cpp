@@ -35,7 +35,7 @@ protected:
         offer.hangUp.emit(asio::cancellation_type::terminal);
         settle();
     }
-    void pass(double seconds) { fakes::runVirtual(world_.context, world_.clock, world_.clock.sleep(seconds)); }
+    void pass(Seconds time) { fakes::runVirtual(world_.context, world_.clock, world_.clock.sleep(time)); }
     [[nodiscard]] std::vector<std::string> filesAsked() {
         std::vector<std::string> names;
         for (const auto& one : shown()) {
@@ -134,7 +134,7 @@ TEST_F(OfferQuestionsTest, DeclinesAfterTwoMinutesWithoutAnAnswer) {
     }
     EXPECT_EQ(false, first_);
     EXPECT_NEAR(120, world_.clock.elapsed(), 0.2);
-    EXPECT_EQ(120, shown().at(0).notification.seconds);
+    EXPECT_EQ(2min, shown().at(0).notification.shownFor);
     world_.notifications.answer(0, "accept"); // too late, and nobody is there any more to hear it
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_EQ(false, first_);
@@ -176,7 +176,7 @@ TEST_F(OfferQuestionsTest, AsksOnceForAFileThatIsOfferedAgainAndAnswersTheNewest
 TEST_F(OfferQuestionsTest, GivesTheOfferThatCameAgainNoMoreTimeAsItWouldKeepOthersWaiting) {
     world_.alongside(ask("a.txt", first_));
     settle();
-    pass(100);
+    pass(100s);
     EXPECT_FALSE(first_);
     world_.alongside(ask("a.txt", second_));
     fakes::runUntilIdle(world_.context, world_.clock);
@@ -192,13 +192,13 @@ TEST_F(OfferQuestionsTest, TakesAQuestionBackWhosePhoneHangsUp) {
     EXPECT_EQ((std::vector{shown()[0].notification.tag}), world_.notifications.withdrawn);
     const auto next = offer("phone", "b.txt");
     EXPECT_EQ(1U, shown().size()) << "an answer to the first one may be on its way";
-    pass(OfferQuestions::restSeconds + 0.2);
+    pass(OfferQuestions::rest + 200ms);
     ASSERT_EQ(2U, shown().size());
     world_.notifications.answer(0, "accept"); // late
-    pass(0.2);
+    pass(200ms);
     EXPECT_FALSE(next->answer);
     world_.notifications.answer(1, "accept");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ(true, next->answer);
 }
 
@@ -208,11 +208,11 @@ TEST_F(OfferQuestionsTest, ForgetsAWaitingQuestionWhosePhoneHangsUp) {
     const auto last = offer("other", "c.txt");
     hangUp(*gone);
     world_.notifications.answer(0, "decline");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ((std::vector<std::string>{"a.txt", "c.txt"}), filesAsked());
     EXPECT_TRUE(world_.notifications.withdrawn.empty());
     world_.notifications.answer(1, "accept");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ(false, first->answer);
     EXPECT_EQ(true, last->answer);
 }
@@ -220,14 +220,14 @@ TEST_F(OfferQuestionsTest, ForgetsAWaitingQuestionWhosePhoneHangsUp) {
 TEST_F(OfferQuestionsTest, KeepsAQuestionThatANewerOfferHasComeTo) {
     const auto first = offer("phone", "a.txt");
     const auto second = offer("phone", "a.txt");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ(false, first->answer);
     const auto third = offer("phone", "a.txt");
     hangUp(*second); // its connection was dead
     EXPECT_EQ(1U, shown().size());
     EXPECT_TRUE(world_.notifications.withdrawn.empty());
     world_.notifications.answer(0, "accept");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ(true, third->answer);
 }
 
@@ -245,12 +245,12 @@ TEST_F(OfferQuestionsTest, TwoTransfersOfOnePhoneNeverShareAQuestionHoweverAlike
     world_.alongside(askFor("2", second));
     settle();
     world_.notifications.answer(0, "accept");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ(true, first);
     EXPECT_FALSE(second);
     ASSERT_EQ(2U, shown().size());
     world_.notifications.answer(1, "decline");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ(false, second);
 }
 
@@ -258,12 +258,12 @@ TEST_F(OfferQuestionsTest, TwoPhonesOfOneNameNeverShareAQuestion) {
     const auto one = offer("phone", "a.txt");
     const auto other = offer("impostor", "a.txt");
     world_.notifications.answer(0, "accept");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ(true, one->answer);
     EXPECT_FALSE(other->answer);
     ASSERT_EQ(2U, shown().size());
     world_.notifications.answer(1, "decline");
-    pass(0.2);
+    pass(200ms);
     EXPECT_EQ(false, other->answer);
 }
 
@@ -282,7 +282,7 @@ TEST_F(OfferQuestionsTest, APhoneHasOneQuestionOpenAndThreeWaiting) {
     for (std::size_t i = 0; i < 5; ++i) {
         ASSERT_EQ(i + 1, shown().size());
         world_.notifications.answer(i, "accept");
-        pass(0.2);
+        pass(200ms);
     }
     EXPECT_EQ((std::vector<std::string>{"a.txt", "x.txt", "b.txt", "c.txt", "d.txt"}), filesAsked())
         << "the phones take turns";

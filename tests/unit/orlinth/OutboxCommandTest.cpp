@@ -33,7 +33,7 @@ protected:
         world.files.put(folder / "a.txt", "12345");
         world.files.put(folder / "b.txt", "6789");
         const ShareOutbox::Manifest manifest{
-            .id = id, .createdAtMs = world.clock.epochMilliseconds() - 10'000, .files = {"a.txt", "b.txt"}};
+            .id = id, .createdAtMs = world.clock.epochMilliseconds() - 10s, .files = {"a.txt", "b.txt"}};
         world.files.put(folder / "manifest.json", compactJson(manifest.toJson()));
     }
     [[nodiscard]] host::OutboxState::Phone phone() const {
@@ -81,7 +81,7 @@ TEST_F(OutboxCommandTest, ListsWhatWaitsAndWhy) {
                 ElementsAre(Json({{"event", "batch"},
                                   {"batch", first},
                                   {"set_aside", false},
-                                  {"created_at_epoch_ms", world.clock.epochMilliseconds() - 10'000},
+                                  {"created_at_epoch_ms", toNumber(world.clock.epochMilliseconds() - 10s)},
                                   {"age_seconds", 10.0},
                                   {"files", {{{"name", "a.txt"}, {"size", 5}}, {{"name", "b.txt"}, {"size", 4}}}},
                                   {"phones", Json::array({{{"to", "Pixel-8"},

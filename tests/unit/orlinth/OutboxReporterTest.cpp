@@ -38,8 +38,8 @@ protected:
     [[nodiscard]] static host::Delivered delivered(std::int64_t from, bool isConfirmed) {
         host::Delivered delivered{.sent = {}, .isConfirmed = isConfirmed};
         delivered.sent.bytesSent = 2000;
-        delivered.sent.durationSeconds = 0.5;
-        delivered.sent.resumedFromOffset = from;
+        delivered.sent.duration = 500ms;
+        delivered.sent.resumedFromOffset = ByteOffset(from);
         return delivered;
     }
     /// Title and text of the notifications.
@@ -73,9 +73,9 @@ TEST_F(OutboxReporterTest, OneLineAFileThatWasSent) {
 TEST_F(OutboxReporterTest, OneObjectAHappeningForScripts) {
     output_.useJson();
     const std::string lines = said([this] {
-                                  reporter_.progress(transfer_, 5, 10);
+                                  reporter_.progress(transfer_, {.done = 5, .total = 10});
                                   reporter_.sent(transfer_, delivered(0, true));
-                                  reporter_.waiting(BatchId(batch), "Pixel", "why", 15);
+                                  reporter_.waiting(BatchId(batch), "Pixel", "why", 15s);
                                   reporter_.failed(transfer_, "declined");
                                   reporter_.failed(BatchId(batch), pixel(), "forgotten");
                                   reporter_.setAside(BatchId(batch), "no sense", "/away");

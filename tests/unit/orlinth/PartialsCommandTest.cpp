@@ -20,7 +20,7 @@ protected:
     void put(const std::string& name) {
         const PartialMeta meta{.transfer_id = TransferId(name),
                                .advertised_size = 10,
-                               .started_at_epoch_ms = 1,
+                               .started_at_epoch_ms = fromEpochMilliseconds(1),
                                .peer_pubkey = world.phoneRecord().peer_pubkey};
         world.files.put(downloads / (name + ".partial"), "01234");
         world.files.put(downloads / (name + ".partial.meta.json"), compactJson(meta.toJson()));
@@ -85,7 +85,7 @@ TEST_F(PartialsCommandTest, GivesUpAfterFiveSecondsOnATurnThatDoesNotCome) {
     holdTurn();
     const Ended ended = partials({"--remove-older-than", "7"});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_NEAR(ended.after, FolderTurns::patienceSeconds, 0.5);
+    EXPECT_NEAR(ended.after, FolderTurns::patience.count(), 0.5);
     EXPECT_EQ(ended.output, "");
     EXPECT_EQ(ended.failure(), "orlinth: " + cannotRemove("b"));
     EXPECT_THAT(ended.errors, testing::Each(testing::Not(testing::HasSubstr("nothing"))));

@@ -15,11 +15,11 @@ protected:
         words.insert(words.begin(), "peers");
         return CommandWorldTest::run(makePeersCommand, words);
     }
-    [[nodiscard]] Task<> takeWhatComes(double seconds) {
+    [[nodiscard]] Task<> takeWhatComes(Seconds time) {
         const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
         static_cast<void>(co_await phone->expect<Row::Unpair>());
         wasTold = true;
-        co_await world.clock.sleep(seconds);
+        co_await world.clock.sleep(time);
         phone->close();
     }
     [[nodiscard]] std::vector<platform::PublicKey> removed() {
@@ -30,7 +30,7 @@ protected:
 };
 
 TEST_F(PeersCommandTest, TellsAPhoneThatIsThereThatItWasRemoved) {
-    world.alongside(takeWhatComes(0));
+    world.alongside(takeWhatComes(0s));
     const Ended ended = peers({"remove", "pixel"});
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.output, "forgot Pixel-8\n");

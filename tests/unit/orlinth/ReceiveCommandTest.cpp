@@ -19,8 +19,8 @@ protected:
         return CommandWorldTest::run(makeReceiveCommand, words);
     }
     /// Connects after so many seconds, and says nothing until the end, whose instant it notes.
-    [[nodiscard]] Task<> keepSilent(double seconds, std::string endpoint) {
-        co_await world.clock.sleep(seconds);
+    [[nodiscard]] Task<> keepSilent(Seconds time, std::string endpoint) {
+        co_await world.clock.sleep(time);
         world.network.sources.push_back(endpoint);
         const std::unique_ptr<platform::Stream> stream =
             co_await world.network.connect("203.0.113.1", port, world.context.get_executor());
@@ -33,13 +33,13 @@ protected:
         endedAt.push_back(world.clock.elapsed());
     }
     /// Sends a file after so many seconds.
-    [[nodiscard]] Task<> send(double seconds, std::string name, std::string content, std::string endpoint) {
-        co_await world.clock.sleep(seconds);
+    [[nodiscard]] Task<> send(Seconds time, std::string name, std::string content, std::string endpoint) {
+        co_await world.clock.sleep(time);
         world.network.sources.push_back(endpoint);
         const auto phone = co_await ScriptedPeer::connect(world, port, world.phoneKey);
         co_await phone->send(Row::fileOffer(name, static_cast<std::int64_t>(content.size()), "text/plain", "ID-1"));
         const auto resume = co_await phone->expect<Row::Resume>();
-        EXPECT_EQ(resume.accepted_offset, 0);
+        EXPECT_EQ(resume.accepted_offset, ByteOffset());
         co_await phone->sendBinary(toBytes(content));
         co_await phone->send(Row::done());
         const bool ended = co_await phone->seesTheEnd();
@@ -50,7 +50,7 @@ protected:
 };
 
 TEST_F(ReceiveCommandTest, TakesOneFileAndEnds) {
-    world.alongside(send(3, "a.txt", "content", near));
+    world.alongside(send(3s, "a.txt", "content", near));
     const Ended ended = receive();
     EXPECT_EQ(ended.status, 0) << testing::PrintToString(ended.errors);
     EXPECT_EQ(ended.after, 3);
@@ -68,12 +68,12 @@ TEST_F(ReceiveCommandTest, GivesUpWhenNobodyConnectsInTime) {
 }
 
 TEST_F(ReceiveCommandTest, WaitsForEverUnlessToldOtherwise) {
-    world.alongside(send(1'000'000, "a.txt", "content", near));
+    world.alongside(send(1'000'000s, "a.txt", "content", near));
     EXPECT_EQ(receive().after, 1'000'000);
 }
 
 TEST_F(ReceiveCommandTest, GivesWhoeverConnectsTenSecondsToProveAKey) {
-    world.alongside(keepSilent(2, near));
+    world.alongside(keepSilent(2s, near));
     const Ended ended = receive();
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.after, 12);
@@ -83,8 +83,8 @@ TEST_F(ReceiveCommandTest, GivesWhoeverConnectsTenSecondsToProveAKey) {
 }
 
 TEST_F(ReceiveCommandTest, IsNotEndedBySomebodyFromFarAway) {
-    world.alongside(keepSilent(1, farAway));
-    world.alongside(send(30, "a.txt", "content", near));
+    world.alongside(keepSilent(1s, farAway));
+    world.alongside(send(30s, "a.txt", "content", near));
     const Ended ended = receive();
     EXPECT_EQ(ended.status, 0) << testing::PrintToString(ended.errors);
     EXPECT_EQ(ended.after, 30);
@@ -92,7 +92,7 @@ TEST_F(ReceiveCommandTest, IsNotEndedBySomebodyFromFarAway) {
 }
 
 TEST_F(ReceiveCommandTest, LetsEverybodyInIfItListensPublicly) {
-    world.alongside(send(1, "a.txt", "content", farAway));
+    world.alongside(send(1s, "a.txt", "content", farAway));
     EXPECT_EQ(receive({"--listen-public"}).status, 0);
 }
 

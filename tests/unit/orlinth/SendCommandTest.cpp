@@ -17,13 +17,13 @@ protected:
         return CommandWorldTest::run(makeSendCommand, words);
     }
     /// Takes the file, and closes so many seconds behind its end.
-    [[nodiscard]] Task<> take(double seconds = 0) {
+    [[nodiscard]] Task<> take(Seconds time = 0s) {
         const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
         const auto offer = co_await phone->expect<Row::FileOffer>();
-        co_await phone->send(Row::resume(offer.transfer_id, 0));
+        co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
         const Bytes data = co_await phone->receiveUntilDone();
         taken.push_back(offer.name + ": " + toText(data));
-        co_await world.clock.sleep(seconds);
+        co_await world.clock.sleep(time);
         phone->close();
     }
 
@@ -66,7 +66,7 @@ TEST_F(SendCommandTest, ReportsAtOnceThatAPhoneRefusesAndWhatToDo) {
 }
 
 TEST_F(SendCommandTest, WaitsForAPhoneThatTakesItsTimeToCloseBehindTheEnd) {
-    world.alongside(take(59));
+    world.alongside(take(59s));
     const Ended ended = send({"--json"});
     EXPECT_EQ(ended.status, 0) << ended.failure();
     EXPECT_EQ(ended.after, 59);

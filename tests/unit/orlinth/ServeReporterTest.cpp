@@ -164,7 +164,7 @@ TEST_F(ServeReporterTest, ShowsManyFilesAsOne) {
     EXPECT_EQ(1U, shown().size());
     letBurstPass();
     ASSERT_EQ(2U, shown().size());
-    EXPECT_EQ(ServeReporter::burstSeconds, world_.clock.elapsed());
+    EXPECT_EQ(ServeReporter::burstTime.count(), world_.clock.elapsed());
     EXPECT_EQ("2 more files, the last one c.jpg", shown()[1].notification.body);
     reporter_.fileReceived(file("/home/ann/Downloads/d.jpg"));
     letBurstPass();
@@ -213,7 +213,7 @@ TEST_F(ServeReporterTest, ShowsManyTextsAsOne) {
     ASSERT_EQ(1U, shown().size());
     letBurstPass();
     ASSERT_EQ(2U, shown().size());
-    EXPECT_EQ(ServeReporter::burstSeconds, world_.clock.elapsed());
+    EXPECT_EQ(ServeReporter::burstTime.count(), world_.clock.elapsed());
     EXPECT_EQ("Texts from your phones", shown()[1].notification.title);
     EXPECT_EQ("2 more texts, the last one on the clipboard", shown()[1].notification.body);
     reporter_.fileReceived(file("/home/ann/Downloads/a.txt"));

@@ -46,7 +46,7 @@ protected:
         PeerRecord tablet = world.phoneRecord();
         tablet.peer_hostname = "Tablet";
         tablet.peer_pubkey = PeerKey(platform::PrivateKey::generate().publicKey().base64());
-        tablet.paired_at_epoch_ms = world.phoneRecord().paired_at_epoch_ms + 1;
+        tablet.paired_at_epoch_ms = world.phoneRecord().paired_at_epoch_ms + 1ms;
         pair({world.phoneRecord(), tablet});
         return tablet;
     }

@@ -40,13 +40,13 @@ struct ConditionTest : testing::Test {
         co_await condition.until(isThere);
         ended.push_back(std::to_string(wanted));
     }
-    Task<bool> awaitValueFor(int wanted, double seconds) {
+    Task<bool> awaitValueFor(int wanted, Seconds time) {
         const auto isThere = [this, wanted] { return value == wanted; };
-        const bool hasCome = co_await condition.until(isThere, clock, seconds);
+        const bool hasCome = co_await condition.until(isThere, clock, time);
         co_return hasCome;
     }
-    Task<> setAfter(double seconds, int now) {
-        co_await clock.sleep(seconds);
+    Task<> setAfter(Seconds time, int now) {
+        co_await clock.sleep(time);
         set(now);
     }
     Task<> awaitWhatThrows() {
@@ -163,22 +163,22 @@ TEST_F(ConditionTest, ThrowsWhatThePredicateThrows) {
 }
 
 TEST_F(ConditionTest, WaitsNoLongerThanItsLimit) {
-    EXPECT_FALSE(fakes::runVirtual(context, clock, awaitValueFor(1, 5)));
+    EXPECT_FALSE(fakes::runVirtual(context, clock, awaitValueFor(1, 5s)));
     EXPECT_EQ(clock.elapsed(), 5);
     EXPECT_EQ(clock.pendingAlarms(), 0U);
 }
 
 TEST_F(ConditionTest, TellsThatItCameWithinTheLimitAndLeavesNoAlarm) {
-    start(setAfter(3, 1));
-    EXPECT_TRUE(fakes::runVirtual(context, clock, awaitValueFor(1, 5)));
+    start(setAfter(3s, 1));
+    EXPECT_TRUE(fakes::runVirtual(context, clock, awaitValueFor(1, 5s)));
     EXPECT_EQ(clock.elapsed(), 3);
     EXPECT_EQ(clock.pendingAlarms(), 0U);
 }
 
 TEST_F(ConditionTest, LooksOnceIfThereIsNoTimeToWait) {
-    EXPECT_TRUE(fakes::runVirtual(context, clock, awaitValueFor(0, 0)));
-    EXPECT_FALSE(fakes::runVirtual(context, clock, awaitValueFor(1, 0)));
-    EXPECT_FALSE(fakes::runVirtual(context, clock, awaitValueFor(1, -1)));
+    EXPECT_TRUE(fakes::runVirtual(context, clock, awaitValueFor(0, 0s)));
+    EXPECT_FALSE(fakes::runVirtual(context, clock, awaitValueFor(1, 0s)));
+    EXPECT_FALSE(fakes::runVirtual(context, clock, awaitValueFor(1, -1s)));
     EXPECT_EQ(clock.elapsed(), 0);
 }
 
@@ -187,7 +187,7 @@ Task<> ignore(Task<bool> task) {
 }
 
 TEST_F(ConditionTest, AWaitWithALimitIsCancelledLikeAnyOther) {
-    EXPECT_TRUE(fakes::isCancelled(fakes::cancelMidway(context, ignore(awaitValueFor(1, 5)))));
+    EXPECT_TRUE(fakes::isCancelled(fakes::cancelMidway(context, ignore(awaitValueFor(1, 5s)))));
     EXPECT_EQ(clock.pendingAlarms(), 0U);
 }
 

@@ -15,19 +15,19 @@ namespace orlinth::platform {
 namespace {
 
 // Where the deadline must not matter it is an hour: waiting for it would fail the test.
-constexpr double anHour = 3600;
+constexpr Seconds anHour = 3600s;
 
 std::exception_ptr timedOut() {
     return std::make_exception_ptr(SystemError("timed out"));
 }
 
-Task<int> answerAfter(Clock& clock, double seconds, int answer) {
-    co_await clock.sleep(seconds);
+Task<int> answerAfter(Clock& clock, Seconds time, int answer) {
+    co_await clock.sleep(time);
     co_return answer;
 }
 
-Task<int> failAfter(Clock& clock, double seconds) {
-    co_await clock.sleep(seconds);
+Task<int> failAfter(Clock& clock, Seconds time) {
+    co_await clock.sleep(time);
     throw SystemError("its own failure");
 }
 
@@ -50,9 +50,9 @@ Task<int> leaveSlowly(Clock& clock, bool& left) {
     co_return 0;
 }
 
-Task<int> underDeadline(Clock& clock, double seconds, Task<int> operation) {
+Task<int> underDeadline(Clock& clock, Seconds time, Task<int> operation) {
     OneShot<int> outcome;
-    co_await settleFirst(outcome, clock, seconds, timedOut(), std::move(operation));
+    co_await settleFirst(outcome, clock, time, timedOut(), std::move(operation));
     co_return outcome.take();
 }
 
@@ -76,29 +76,29 @@ protected:
 };
 
 TEST_F(Deadline, GivesTheResultThatComesInTime) {
-    EXPECT_EQ(fakes::runTask(context_, underDeadline(clock_, anHour, answerAfter(clock_, 0.001, 7))), 7);
+    EXPECT_EQ(fakes::runTask(context_, underDeadline(clock_, anHour, answerAfter(clock_, 1ms, 7))), 7);
 }
 
 TEST_F(Deadline, LetsTheOperationsOwnErrorOutAtOnceNotAtTheDeadline) {
-    EXPECT_EQ(failureOf(context_, underDeadline(clock_, anHour, failAfter(clock_, 0.001))), "its own failure");
+    EXPECT_EQ(failureOf(context_, underDeadline(clock_, anHour, failAfter(clock_, 1ms))), "its own failure");
 }
 
 TEST_F(Deadline, FailsWithTheGivenErrorAndEndsTheOperationWhenTimeIsUp) {
     bool left = false;
-    EXPECT_EQ(failureOf(context_, underDeadline(clock_, 0.01, leaveSlowly(clock_, left))), "timed out");
+    EXPECT_EQ(failureOf(context_, underDeadline(clock_, 10ms, leaveSlowly(clock_, left))), "timed out");
     EXPECT_TRUE(left) << "the operation was not waited for";
 }
 
 TEST_F(Deadline, WaitsForEverWithoutADeadline) {
-    EXPECT_EQ(fakes::runTask(context_, underDeadline(clock_, 0, answerAfter(clock_, 0.01, 7))), 7);
-    EXPECT_EQ(fakes::runTask(context_, underDeadline(clock_, -1, answerAfter(clock_, 0.01, 8))), 8);
-    EXPECT_EQ(failureOf(context_, underDeadline(clock_, 0, failAfter(clock_, 0.001))), "its own failure");
+    EXPECT_EQ(fakes::runTask(context_, underDeadline(clock_, 0s, answerAfter(clock_, 10ms, 7))), 7);
+    EXPECT_EQ(fakes::runTask(context_, underDeadline(clock_, -1s, answerAfter(clock_, 10ms, 8))), 8);
+    EXPECT_EQ(failureOf(context_, underDeadline(clock_, 0s, failAfter(clock_, 1ms))), "its own failure");
 }
 
 TEST_F(Deadline, PassesACancellationFromOutsideOnAsCancelled) {
-    for (const double seconds : {anHour, 0.0}) {
+    for (const Seconds time : {anHour, Seconds(0)}) {
         const std::exception_ptr end =
-            fakes::cancelMidway(context_, ignoreAnswer(underDeadline(clock_, seconds, answerAfter(clock_, anHour, 7))));
+            fakes::cancelMidway(context_, ignoreAnswer(underDeadline(clock_, time, answerAfter(clock_, anHour, 7))));
         EXPECT_TRUE(fakes::isCancelled(end)) << describe(end);
     }
 }
@@ -112,7 +112,7 @@ TEST_F(Deadline, DoesNotTakeACancellationForATimeoutWhereTheOperationIsSlowToLea
 }
 
 TEST_F(Deadline, TellsWhetherASleepWasCutShort) {
-    EXPECT_TRUE(fakes::runTask(context_, sleepUnlessCancelled(clock_, 0.001)));
+    EXPECT_TRUE(fakes::runTask(context_, sleepUnlessCancelled(clock_, 1ms)));
 }
 
 TEST_F(Deadline, EndsAsCancelledAtWhateverTurnTheCancellationComes) {

@@ -29,12 +29,12 @@ struct EventTest : testing::Test {
         co_await event->wait();
         ended.push_back(name);
     }
-    Task<bool> awaitFor(double seconds) {
-        const bool hasCome = co_await event->wait(clock, seconds);
+    Task<bool> awaitFor(Seconds time) {
+        const bool hasCome = co_await event->wait(clock, time);
         co_return hasCome;
     }
-    Task<> setAfter(double seconds) {
-        co_await clock.sleep(seconds);
+    Task<> setAfter(Seconds time) {
+        co_await clock.sleep(time);
         event->set();
     }
     void start(Task<> task) {
@@ -121,12 +121,12 @@ TEST_F(EventTest, MayGoRightAfterItWasSet) {
 }
 
 TEST_F(EventTest, WaitsNoLongerThanItsLimit) {
-    EXPECT_FALSE(fakes::runVirtual(context, clock, awaitFor(5)));
+    EXPECT_FALSE(fakes::runVirtual(context, clock, awaitFor(5s)));
     EXPECT_EQ(clock.elapsed(), 5);
-    start(setAfter(3));
-    EXPECT_TRUE(fakes::runVirtual(context, clock, awaitFor(5)));
+    start(setAfter(3s));
+    EXPECT_TRUE(fakes::runVirtual(context, clock, awaitFor(5s)));
     EXPECT_EQ(clock.elapsed(), 8);
-    EXPECT_TRUE(fakes::runVirtual(context, clock, awaitFor(0)));
+    EXPECT_TRUE(fakes::runVirtual(context, clock, awaitFor(0s)));
     EXPECT_EQ(clock.pendingAlarms(), 0U);
 }
 

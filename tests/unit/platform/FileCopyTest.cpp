@@ -186,12 +186,12 @@ class LinuxCopyTest : public testing::Test {
 protected:
     void write(const Path& path, std::int64_t offset, std::string_view text) {
         const std::unique_ptr<File> file = files.open(path, OpenMode::openOrCreate);
-        file->seek(offset);
+        file->seek(ByteOffset(offset));
         file->write(asBytes(text));
     }
     std::string read(const Path& path, std::int64_t offset, std::size_t count) {
         const std::unique_ptr<File> file = files.open(path, OpenMode::read);
-        file->seek(offset);
+        file->seek(ByteOffset(offset));
         Bytes content(count);
         content.resize(file->read(content));
         return toText(content);

@@ -96,10 +96,10 @@ protected:
 TEST_F(LinuxFileSystemTest, ReadsWritesAndSeeks) {
     const std::unique_ptr<File> file = files_.open(folder_ / "a", OpenMode::openOrCreate);
     file->write(asBytes("Hello, world"));
-    file->seek(7);
+    file->seek(ByteOffset(7));
     EXPECT_EQ(contentOf(*file), "world");
     EXPECT_EQ(contentOf(*file), "");
-    file->seek(0);
+    file->seek(ByteOffset());
     file->write(asBytes("J"));
     file->flush();
     EXPECT_EQ(readText(folder_ / "a"), "Jello, world");
@@ -113,7 +113,7 @@ TEST_F(LinuxFileSystemTest, TellsSizeKindTimeAndIdentity) {
     const FileStatus status = files_.status(folder_ / "a").value();
     EXPECT_EQ(status.kind, FileKind::regular);
     EXPECT_EQ(status.size, 5);
-    EXPECT_EQ(status.modifiedNanoseconds, 1'700'000'000'123'456'789);
+    EXPECT_EQ(status.modifiedAt, fromEpochNanoseconds(1'700'000'000'123'456'789));
     EXPECT_EQ(status.permissions, 0640U);
     EXPECT_NE(status.inode, 0U);
     const FileStatus open = files_.open(folder_ / "a", OpenMode::read)->status();
@@ -220,21 +220,21 @@ TEST_F(LinuxFileSystemTest, WritesWhatFitsAndThenReportsWhyTheRestDoesNot) {
 }
 
 TEST_F(LinuxFileSystemTest, HandlesFilesBeyondFourGibibytes) {
-    constexpr std::int64_t offset = 5LL << 30;
+    constexpr ByteOffset offset(5LL << 30);
     const std::unique_ptr<File> file = files_.open(folder_ / "big", OpenMode::openOrCreate);
     file->seek(offset);
     file->write(asBytes("end"));
     file->startWriteback(offset, 3);
     file->flush();
-    EXPECT_EQ(file->status().size, offset + 3);
+    EXPECT_EQ(file->status().size, (offset + 3).bytesBefore());
     file->seek(offset + 1);
     EXPECT_EQ(contentOf(*file), "nd");
-    EXPECT_EQ(failureOf([&] { file->seek(-1); }), "Invalid argument");
+    EXPECT_EQ(failureOf([&] { file->seek(ByteOffset(-1)); }), "Invalid argument");
 }
 
 TEST_F(LinuxFileSystemTest, StartsWritebackWithoutComplainingWhereItCannot) {
-    files_.open("/dev/null", OpenMode::write)->startWriteback(0, 10);
-    files_.open(folder_ / "a", OpenMode::createNew)->startWriteback(-5, -5);
+    files_.open("/dev/null", OpenMode::write)->startWriteback(ByteOffset(), 10);
+    files_.open(folder_ / "a", OpenMode::createNew)->startWriteback(ByteOffset(-5), -5);
 }
 
 TEST_F(LinuxFileSystemTest, LocksAFileAgainstOtherProcessesUntilItIsClosed) {

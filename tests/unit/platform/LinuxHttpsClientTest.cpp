@@ -138,7 +138,7 @@ private:
     std::optional<std::string> before_;
 };
 
-HttpRequest requestTo(std::string url, double timeout = 20) {
+HttpRequest requestTo(std::string url, Seconds timeout = 20s) {
     HttpRequest request;
     request.url = std::move(url);
     request.timeout = timeout;
@@ -273,19 +273,19 @@ TEST_F(LinuxHttpsClientTest, TakesAMissingCertificateFileForUntrusted) {
 
 TEST_F(LinuxHttpsClientTest, EndsAtItsTimeLimitWhereTheServerStalls) {
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(failure(requestTo(servers->url("good", "/stall"), 0.3)).kind(), Kind::timedOut);
+    EXPECT_EQ(failure(requestTo(servers->url("good", "/stall"), 300ms)).kind(), Kind::timedOut);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
     EXPECT_GE(took.count(), 0.29);
     EXPECT_LT(took.count(), 4);
 }
 
 TEST_F(LinuxHttpsClientTest, TakesALimitOfZeroForTheShortestOne) {
-    EXPECT_EQ(failure(requestTo(servers->url("good", "/stall"), 0)).kind(), Kind::timedOut);
+    EXPECT_EQ(failure(requestTo(servers->url("good", "/stall"), 0s)).kind(), Kind::timedOut);
 }
 
 TEST_F(LinuxHttpsClientTest, EndsAtItsTimeLimitWhereANameIsNotResolved) {
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(failure(requestTo("https://slow.test/", 0.3)).kind(), Kind::timedOut);
+    EXPECT_EQ(failure(requestTo("https://slow.test/", 300ms)).kind(), Kind::timedOut);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
     EXPECT_LT(took.count(), 4) << "it waited for the resolver";
     slowNameWasAsked.acquire();

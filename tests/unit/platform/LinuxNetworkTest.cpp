@@ -349,14 +349,14 @@ TEST_F(LinuxNetworkTest, SwitchesKeepAliveOnForOneConnection) {
     ASSERT_NE(socket, -1);
     EXPECT_EQ(optionOf(socket, SOL_SOCKET, SO_KEEPALIVE), 0);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_USER_TIMEOUT), 0);
-    a->setKeepAlive({.idleSeconds = 7, .intervalSeconds = 3, .count = 2});
+    a->setKeepAlive({.idle = 7s, .interval = 3s, .count = 2});
     EXPECT_EQ(optionOf(socket, SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPIDLE), 7);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPINTVL), 3);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPCNT), 2);
     EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_USER_TIMEOUT), 13'000) << "for data that nobody acknowledges";
     a->cancel();
-    a->setKeepAlive({.idleSeconds = 7, .intervalSeconds = 3, .count = 2}); // of no use, and no harm
+    a->setKeepAlive({.idle = 7s, .interval = 3s, .count = 2}); // of no use, and no harm
 }
 
 TEST_F(LinuxNetworkTest, FailsPendingAndLaterCallsOfACancelledStream) {
@@ -461,7 +461,7 @@ TEST_F(LinuxNetworkTest, TurnsNagleOffOnBothEndsAndLeavesKeepAliveOff) {
 
 TEST_F(LinuxNetworkTest, ProbesSilentPeersAsAskedFor) {
     ListenOptions options;
-    options.keepAlive = KeepAlive{10, 5, 3};
+    options.keepAlive = KeepAlive{10s, 5s, 3};
     const std::unique_ptr<Listener> listener = listen(options);
     const auto [a, b] = connected(*listener);
     const int socket = socketWithPeerPort(b->remoteEndpoint());

@@ -218,9 +218,9 @@ protected:
     }
 
     /// Shows one and waits until it has a number.
-    void showOne(double seconds = 0) {
+    void showOne(Seconds time = 0s) {
         const std::size_t before = daemon->shown.size();
-        show({.title = "A file", .body = "came", .actions = {{"open", "Open"}}, .seconds = seconds});
+        show({.title = "A file", .body = "came", .actions = {{"open", "Open"}}, .shownFor = time});
         runUntil([&] { return daemon->shown.size() > before; });
     }
 
@@ -287,7 +287,7 @@ TEST_F(LinuxNotificationsTest, TellsTheDaemonEverything) {
           .body = "from <i>Ann</i> & \xff",
           .actions = {{"open", "Open"}, {"folder", "Show in folder"}},
           .isUrgent = true,
-          .seconds = 2.5});
+          .shownFor = 2500ms});
     runUntil([&] { return !daemon->shown.empty(); });
     const Daemon::Shown& shown = daemon->shown.front();
     EXPECT_EQ(shown.title, "A & <b>file</b>");
@@ -383,7 +383,7 @@ TEST_F(LinuxNotificationsTest, ShowsNothingThatHidesOrFillsTheScreen) {
 TEST_F(LinuxNotificationsTest, OneThatNobodyAnswersIsTakenAwayWhenItsTimeIsOver) {
     const PrivateBus bus;
     daemon.emplace();
-    showOne(0.05);
+    showOne(50ms);
     expectAnswers({""});
     runUntil([&] { return !daemon->taken.empty(); });
     EXPECT_EQ(daemon->taken, std::vector<std::uint32_t>{1});
@@ -503,7 +503,7 @@ TEST_F(LinuxNotificationsTest, ADaemonThatHangsHoldsNobodyUp) {
 TEST_F(LinuxNotificationsTest, OnceClosedNothingKeepsTheExecutorRunning) {
     const PrivateBus bus;
     daemon.emplace();
-    showOne(3600);
+    showOne(3600s);
     context.restart();
     context.run_for(10ms);
     EXPECT_FALSE(context.stopped());

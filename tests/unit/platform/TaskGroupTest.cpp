@@ -52,31 +52,31 @@ struct TaskGroupTest : testing::Test {
             steps.push_back(name + " ended " + textOf(error));
         };
     }
-    Task<> sleepFor(std::string name, double seconds) {
+    Task<> sleepFor(std::string name, Seconds time) {
         steps.push_back(name + " began");
-        co_await clock.sleep(seconds);
+        co_await clock.sleep(time);
         steps.push_back(name + " slept");
     }
     Task<> fail(std::string text) {
-        co_await clock.sleep(1);
+        co_await clock.sleep(1s);
         throw std::runtime_error(text);
     }
     /// Needs some turns to clear up when it is cancelled.
     Task<> leaveSlowly(std::string name) {
         bool isCancelled = false;
         try {
-            co_await clock.sleep(3600);
+            co_await clock.sleep(3600s);
         } catch (const Cancelled&) {
             isCancelled = true;
         }
         if (isCancelled) {
             co_await asio::this_coro::reset_cancellation_state();
-            co_await clock.sleep(2);
+            co_await clock.sleep(2s);
             steps.push_back(name + " cleared up");
         }
     }
     Task<> addAnother(int more) {
-        co_await clock.sleep(1);
+        co_await clock.sleep(1s);
         steps.push_back("one of " + std::to_string(more));
         if (more > 1) {
             group->add(addAnother(more - 1), note("added"));
@@ -94,8 +94,8 @@ struct TaskGroupTest : testing::Test {
 
 TEST_F(TaskGroupTest, RunsItsTasksAndTellsTheEndOfEach) {
     EXPECT_TRUE(group->isEmpty());
-    group->add(sleepFor("a", 2), note("a"));
-    group->add(sleepFor("b", 1), note("b"));
+    group->add(sleepFor("a", 2s), note("a"));
+    group->add(sleepFor("b", 1s), note("b"));
     EXPECT_EQ(group->size(), 2U);
     fakes::runVirtual(context, clock, joinAndNote());
     EXPECT_THAT(steps,
@@ -111,14 +111,14 @@ TEST_F(TaskGroupTest, JoinsAtOnceIfThereIsNothingToWaitFor) {
 
 TEST_F(TaskGroupTest, HandsOverWhatEscapesAndKeepsTheOthers) {
     group->add(fail("disk full"), note("a"));
-    group->add(sleepFor("b", 2), note("b"));
+    group->add(sleepFor("b", 2s), note("b"));
     fakes::runVirtual(context, clock, joinAndNote());
     EXPECT_THAT(steps, ElementsAre("b began", "a ended disk full", "b slept", "b ended well", "joined"));
 }
 
 TEST_F(TaskGroupTest, CancelsAllAndJoinsThoseThatClearUp) {
     group->add(leaveSlowly("a"), note("a"));
-    group->add(sleepFor("b", 3600), note("b"));
+    group->add(sleepFor("b", 3600s), note("b"));
     settle();
     group->cancelAll();
     EXPECT_EQ(group->size(), 2U) << "they end later, on the executor";
@@ -128,7 +128,7 @@ TEST_F(TaskGroupTest, CancelsAllAndJoinsThoseThatClearUp) {
 }
 
 TEST_F(TaskGroupTest, ATaskThatIsCancelledBeforeItBeginsNeverRuns) {
-    group->add(sleepFor("a", 1), note("a"));
+    group->add(sleepFor("a", 1s), note("a"));
     group->cancelAll();
     fakes::runVirtual(context, clock, joinAndNote());
     EXPECT_THAT(steps, ElementsAre("a ended cancelled", "joined"));
@@ -136,13 +136,13 @@ TEST_F(TaskGroupTest, ATaskThatIsCancelledBeforeItBeginsNeverRuns) {
 
 TEST_F(TaskGroupTest, CancellingConcernsNobodyWhoIsAddedLater) {
     group->cancelAll();
-    group->add(sleepFor("a", 1), note("a"));
+    group->add(sleepFor("a", 1s), note("a"));
     fakes::runVirtual(context, clock, joinAndNote());
     EXPECT_THAT(steps, ElementsAre("a began", "a slept", "a ended well", "joined"));
 }
 
 TEST_F(TaskGroupTest, CancellingTwiceAndAfterTheEndDoesNoHarm) {
-    group->add(sleepFor("a", 1), note("a"));
+    group->add(sleepFor("a", 1s), note("a"));
     settle();
     group->cancelAll();
     group->cancelAll();
@@ -152,10 +152,10 @@ TEST_F(TaskGroupTest, CancellingTwiceAndAfterTheEndDoesNoHarm) {
 }
 
 TEST_F(TaskGroupTest, TakesItsTasksAlongWhenItGoes) {
-    group->add(sleepFor("a", 3600), note("a"));
+    group->add(sleepFor("a", 3600s), note("a"));
     group->add(leaveSlowly("b"), note("b"));
     settle();
-    group->add(sleepFor("c", 3600), note("c")); // has not begun
+    group->add(sleepFor("c", 3600s), note("c")); // has not begun
     group.reset();
     fakes::runUntilIdle(context, clock);
     EXPECT_THAT(steps,
@@ -167,7 +167,7 @@ TEST_F(TaskGroupTest, TellsWhatEscapesAlsoWhenItIsGone) {
     const auto failToClearUp = [](fakes::VirtualClock& virtualTime) -> Task<> {
         bool isCancelled = false;
         try {
-            co_await virtualTime.sleep(3600);
+            co_await virtualTime.sleep(3600s);
         } catch (const Cancelled&) {
             isCancelled = true;
         }
@@ -186,7 +186,7 @@ TEST_F(TaskGroupTest, MayGoInTheMiddleOfOneOfItsTasks) {
     const auto end = [](TaskGroupTest& test) -> Task<> {
         test.group.reset();
         test.steps.emplace_back("group is gone");
-        co_await test.clock.sleep(1);
+        co_await test.clock.sleep(1s);
         test.steps.emplace_back("not reached");
     };
     group->add(end(*this), note("a"));
@@ -195,11 +195,11 @@ TEST_F(TaskGroupTest, MayGoInTheMiddleOfOneOfItsTasks) {
 }
 
 TEST_F(TaskGroupTest, MayGoInAnEndHandler) {
-    group->add(sleepFor("a", 1), [this](const std::exception_ptr&) {
+    group->add(sleepFor("a", 1s), [this](const std::exception_ptr&) {
         group.reset();
         steps.emplace_back("group is gone");
     });
-    group->add(sleepFor("b", 3600), note("b"));
+    group->add(sleepFor("b", 3600s), note("b"));
     fakes::runUntilIdle(context, clock);
     EXPECT_THAT(steps, ElementsAre("a began", "b began", "a slept", "group is gone", "b ended cancelled"));
 }
@@ -213,9 +213,9 @@ TEST_F(TaskGroupTest, WaitsForTasksThatItsTasksAdd) {
 }
 
 TEST_F(TaskGroupTest, WaitsForATaskThatAnEndHandlerAdds) {
-    group->add(sleepFor("a", 1), [this](const std::exception_ptr&) {
+    group->add(sleepFor("a", 1s), [this](const std::exception_ptr&) {
         EXPECT_TRUE(group->isEmpty()) << "a task has left before its end is told";
-        group->add(sleepFor("b", 1), note("b"));
+        group->add(sleepFor("b", 1s), note("b"));
     });
     fakes::runVirtual(context, clock, joinAndNote());
     EXPECT_THAT(steps, ElementsAre("a began", "a slept", "b began", "b slept", "b ended well", "joined"));
@@ -224,7 +224,7 @@ TEST_F(TaskGroupTest, WaitsForATaskThatAnEndHandlerAdds) {
 TEST_F(TaskGroupTest, CancelsATaskThatCancelsAll) {
     const auto cancelAll = [](TaskGroupTest& test) -> Task<> {
         test.group->cancelAll();
-        co_await test.clock.sleep(1);
+        co_await test.clock.sleep(1s);
         test.steps.emplace_back("not reached");
     };
     group->add(cancelAll(*this), note("a"));
@@ -233,8 +233,8 @@ TEST_F(TaskGroupTest, CancelsATaskThatCancelsAll) {
 }
 
 TEST_F(TaskGroupTest, IsInOrderAfterAnEndHandlerHasThrown) {
-    group->add(sleepFor("a", 1), [](const std::exception_ptr&) { throw std::logic_error("in the handler"); });
-    group->add(sleepFor("b", 2), note("b"));
+    group->add(sleepFor("a", 1s), [](const std::exception_ptr&) { throw std::logic_error("in the handler"); });
+    group->add(sleepFor("b", 2s), note("b"));
     EXPECT_THROW(fakes::runVirtual(context, clock, joinAndNote()), std::logic_error) << "it must not get lost";
     EXPECT_EQ(group->size(), 1U);
     fakes::runUntilIdle(context, clock);
@@ -243,8 +243,8 @@ TEST_F(TaskGroupTest, IsInOrderAfterAnEndHandlerHasThrown) {
 }
 
 TEST_F(TaskGroupTest, LetsSomebodyWaitForRoom) {
-    group->add(sleepFor("a", 1), note("a"));
-    group->add(sleepFor("b", 2), note("b"));
+    group->add(sleepFor("a", 1s), note("a"));
+    group->add(sleepFor("b", 2s), note("b"));
     fakes::runVirtual(context, clock, awaitRoom(3));
     EXPECT_EQ(clock.elapsed(), 0);
     fakes::runVirtual(context, clock, awaitRoom(2));
@@ -253,7 +253,7 @@ TEST_F(TaskGroupTest, LetsSomebodyWaitForRoom) {
 }
 
 TEST_F(TaskGroupTest, AJoinCanBeCancelledAndTheTasksStay) {
-    group->add(sleepFor("a", 5), note("a"));
+    group->add(sleepFor("a", 5s), note("a"));
     std::exception_ptr end;
     asio::cancellation_signal stop;
     spawn(context.get_executor(), joinAndNote(), stop.slot(), [&end](std::exception_ptr error) { end = error; });

@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 class TimeLimitTest : public testing::Test {
 protected:
-    void pass(double seconds) { world.run(world.clock.sleep(seconds)); }
+    void pass(Seconds time) { world.run(world.clock.sleep(time)); }
 
     fakes::World world;
     std::vector<double> cancelledAt;
@@ -22,48 +22,48 @@ protected:
 
 TEST_F(TimeLimitTest, CancelsAtTheVeryInstant) {
     TimeLimit limit(world.clock, world.context.get_executor(), cancel);
-    limit.begin(2.5);
+    limit.begin(2500ms);
     EXPECT_FALSE(limit.hasExpired());
-    pass(10);
+    pass(10s);
     EXPECT_THAT(cancelledAt, ElementsAre(2.5));
     EXPECT_TRUE(limit.hasExpired());
 }
 
 TEST_F(TimeLimitTest, CancelsNothingThatHasEndedBefore) {
     TimeLimit limit(world.clock, world.context.get_executor(), cancel);
-    limit.begin(2.5);
-    pass(2.4);
+    limit.begin(2500ms);
+    pass(2400ms);
     limit.end();
-    pass(10);
+    pass(10s);
     EXPECT_THAT(cancelledAt, IsEmpty());
     EXPECT_FALSE(limit.hasExpired());
 }
 
 TEST_F(TimeLimitTest, GivesTheNextStepTimeOfItsOwn) {
     TimeLimit limit(world.clock, world.context.get_executor(), cancel);
-    limit.begin(5);
-    pass(4);
-    limit.begin(5);
-    pass(4.5);
+    limit.begin(5s);
+    pass(4s);
+    limit.begin(5s);
+    pass(4500ms);
     EXPECT_THAT(cancelledAt, IsEmpty()) << "what was left of the first step does not count";
-    pass(10);
+    pass(10s);
     EXPECT_THAT(cancelledAt, ElementsAre(9));
 }
 
 TEST_F(TimeLimitTest, CancelsNothingOnceItIsGone) {
     {
         TimeLimit limit(world.clock, world.context.get_executor(), cancel);
-        limit.begin(1);
+        limit.begin(1s);
     }
-    pass(10);
+    pass(10s);
     EXPECT_THAT(cancelledAt, IsEmpty());
 }
 
 TEST_F(TimeLimitTest, IsNoneOfZeroSeconds) {
     TimeLimit limit(world.clock, world.context.get_executor(), cancel);
-    limit.begin(5);
-    limit.begin(0);
-    pass(3600);
+    limit.begin(5s);
+    limit.begin(0s);
+    pass(3600s);
     EXPECT_THAT(cancelledAt, IsEmpty());
     EXPECT_FALSE(limit.hasExpired());
 }

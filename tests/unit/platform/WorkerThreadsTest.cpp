@@ -124,7 +124,7 @@ TEST(WorkerThreads, GiveQueuesToSeveralThreadsAtOnce) {
 }
 
 /// Asks until somebody is late, or for long enough.
-std::vector<LateQueue> lateWithin(WorkerThreads& workers, double late, std::chrono::milliseconds patience) {
+std::vector<LateQueue> lateWithin(WorkerThreads& workers, Seconds late, std::chrono::milliseconds patience) {
     const auto end = std::chrono::steady_clock::now() + patience;
     std::vector<LateQueue> found = workers.lateQueues(late);
     while (found.empty() && std::chrono::steady_clock::now() < end) {
@@ -139,20 +139,20 @@ TEST(WorkerThreads, AThreadThatDoesNotAnswerIsNoticedAndSaysForWhatItIs) {
     WorkerThreads workers;
     const Executor queue = workers.makeSerialQueue("busy");
     const Executor other = workers.makeSerialQueue("idle");
-    EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty());
+    EXPECT_TRUE(lateWithin(workers, 50ms, 200ms).empty());
     std::promise<void> release;
     asio::post(queue, [released = release.get_future().share()] { released.wait(); });
-    const std::vector<LateQueue> late = lateWithin(workers, 0.05, 30s);
+    const std::vector<LateQueue> late = lateWithin(workers, 50ms, 30s);
     ASSERT_EQ(late.size(), 1U);
     EXPECT_EQ(late[0].label, "busy");
-    EXPECT_GE(late[0].seconds, 0.05);
+    EXPECT_GE(late[0].silence, 50ms);
     EXPECT_EQ(late[0].thread, 1U);
     std::promise<void> releaseOther;
     asio::post(other, [released = releaseOther.get_future().share()] { released.wait(); });
     std::vector<LateQueue> both = late;
     for (const auto end = std::chrono::steady_clock::now() + 30s;
          both.size() < 2 && std::chrono::steady_clock::now() < end;) {
-        both = lateWithin(workers, 0.05, 30s);
+        both = lateWithin(workers, 50ms, 30s);
     }
     ASSERT_EQ(both.size(), 2U);
     EXPECT_EQ(both[0].thread, 1U);
@@ -165,8 +165,8 @@ TEST(WorkerThreads, AThreadThatDoesNotAnswerIsNoticedAndSaysForWhatItIs) {
     std::promise<void> otherBack;
     asio::post(other, [&otherBack] { otherBack.set_value(); });
     otherBack.get_future().wait();
-    EXPECT_TRUE(workers.lateQueues(0.05).empty());
-    EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty());
+    EXPECT_TRUE(workers.lateQueues(50ms).empty());
+    EXPECT_TRUE(lateWithin(workers, 50ms, 200ms).empty());
 }
 
 TEST(WorkerThreads, AQueueWithAThreadOfItsOwnHoldsNobodyUpAndMayBlock) {
@@ -186,7 +186,7 @@ TEST(WorkerThreads, AQueueWithAThreadOfItsOwnHoldsNobodyUpAndMayBlock) {
         });
     }
     EXPECT_EQ(all.get_future().wait_for(30s), std::future_status::ready);
-    EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty());
+    EXPECT_TRUE(lateWithin(workers, 50ms, 200ms).empty());
     release.set_value();
 }
 
@@ -211,7 +211,7 @@ TEST(WorkerThreads, WhatBlocksHoldsUpNeitherQueuesNorOthersThatBlock) {
         asio::post(workers.makeBlockingQueue(), count);
     }
     EXPECT_EQ(all.get_future().wait_for(30s), std::future_status::ready);
-    EXPECT_TRUE(lateWithin(workers, 0.05, 200ms).empty()) << "a disk that takes its time is no thread that hangs";
+    EXPECT_TRUE(lateWithin(workers, 50ms, 200ms).empty()) << "a disk that takes its time is no thread that hangs";
     release.set_value();
 }
 

@@ -51,9 +51,9 @@ protected:
         return "";
     }
     /// Its age, by the tests' clock.
-    void setAge(const std::filesystem::path& path, double seconds) {
-        const std::int64_t at = clock_.epochMilliseconds() - static_cast<std::int64_t>(seconds * 1000);
-        const timespec time{.tv_sec = at / 1000, .tv_nsec = (at % 1000) * 1'000'000};
+    void setAge(const std::filesystem::path& path, std::chrono::seconds age) {
+        const auto at = std::chrono::floor<std::chrono::seconds>(clock_.epochMilliseconds() - age);
+        const timespec time{.tv_sec = toNumber(at), .tv_nsec = 0};
         const std::array<timespec, 2> both{time, time};
         ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), both.data(), 0));
     }
@@ -72,8 +72,10 @@ TEST_F(OutboxBatchesTest, ReadsABatch) {
     putManifest(json);
     const OutboxBatches::Batch read = batches_.read(BatchId(id));
     EXPECT_EQ(batch(), read.folder);
-    EXPECT_EQ((ShareOutbox::Manifest{
-                  .id = id, .createdAtMs = 1000, .files = {"a.txt"}, .targetPubkeys = std::vector{PeerKey("KEY")}}),
+    EXPECT_EQ((ShareOutbox::Manifest{.id = id,
+                                     .createdAtMs = fromEpochMilliseconds(1000),
+                                     .files = {"a.txt"},
+                                     .targetPubkeys = std::vector{PeerKey("KEY")}}),
               read.manifest);
     EXPECT_EQ("", fault());
 }
@@ -237,10 +239,10 @@ TEST_F(OutboxBatchesTest, ClearsWhatSomebodyHasBegunAndLeft) {
     fakes::writeText(batch() / "a.txt", "abc");
     fakes::writeText(root() / otherId / "a.txt", "abc");
     fakes::writeText(root() / otherId / "manifest.json", "{}");
-    setAge(batch(), 59);
-    setAge(root() / otherId, 1000);
+    setAge(batch(), 59s);
+    setAge(root() / otherId, 1000s);
     EXPECT_EQ(0U, batches_.clearAbandoned({}));
-    setAge(batch(), 61);
+    setAge(batch(), 61s);
     EXPECT_EQ(0U, batches_.clearAbandoned({BatchId(id)})) << "it is known";
     EXPECT_EQ(1U, batches_.clearAbandoned({}));
     EXPECT_THAT(batches_.ids(), ElementsAre(BatchId(otherId)));
@@ -248,7 +250,7 @@ TEST_F(OutboxBatchesTest, ClearsWhatSomebodyHasBegunAndLeft) {
 
 TEST_F(OutboxBatchesTest, LeavesWhatSomebodyHolds) {
     fakes::writeText(batch() / "a.txt", "abc");
-    setAge(batch(), 1000);
+    setAge(batch(), 1000s);
     {
         const std::unique_ptr<platform::File> hold = files_.open(batch(), platform::OpenMode::read);
         ASSERT_TRUE(hold->tryLock());
@@ -260,8 +262,8 @@ TEST_F(OutboxBatchesTest, LeavesWhatSomebodyHolds) {
 TEST_F(OutboxBatchesTest, ClearsNothingElse) {
     fakes::writeText(root() / "somebody's" / "a.txt", "abc");
     fakes::writeText(batch() / "sub" / "a.txt", "abc");
-    setAge(root() / "somebody's", 1000);
-    setAge(batch(), 1000);
+    setAge(root() / "somebody's", 1000s);
+    setAge(batch(), 1000s);
     EXPECT_EQ(0U, batches_.clearAbandoned({}));
     EXPECT_EQ("abc", fakes::readText(root() / "somebody's" / "a.txt"));
     EXPECT_EQ("abc", fakes::readText(batch() / "sub" / "a.txt"));

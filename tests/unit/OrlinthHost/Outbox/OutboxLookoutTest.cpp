@@ -23,12 +23,12 @@ protected:
     OutboxLookoutTest() { world.files.putFolder(outbox); }
     ~OutboxLookoutTest() override { lookout.stop(); }
 
-    void pass(double seconds) { world.run(world.clock.sleep(seconds)); }
+    void pass(Seconds time) { world.run(world.clock.sleep(time)); }
     void ring() { ShareOutbox::postPending(world.busSignals); }
     /// Starts, and has had the first look.
     void start() {
         lookout.start();
-        pass(OutboxLookout::gatherSeconds);
+        pass(OutboxLookout::gatherDelay);
         static_cast<void>(looks());
         begin = world.clock.elapsed();
     }
@@ -55,23 +55,23 @@ protected:
 TEST_F(OutboxLookoutTest, LooksSoonAfterTheStartAndThenOnceAMinute) {
     lookout.start();
     EXPECT_THAT(looks(), IsEmpty()) << "never from within a call";
-    pass(125);
+    pass(125s);
     EXPECT_THAT(looks(), ElementsAre(0.05, 60.05, 120.05));
 }
 
 TEST_F(OutboxLookoutTest, HearsTheBell) {
     start();
-    pass(7);
+    pass(7s);
     ring();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(looks(), ElementsAre(7.05));
 }
 
 TEST_F(OutboxLookoutTest, CountsTheMinuteFromTheLastLook) {
     start();
-    pass(30);
+    pass(30s);
     ring();
-    pass(90);
+    pass(90s);
     EXPECT_THAT(looks(), ElementsAre(30.05, 90.05));
 }
 
@@ -81,12 +81,12 @@ TEST_F(OutboxLookoutTest, MakesOneLookOfManyReasonsCloseTogether) {
         ring();
         world.folders.change(outbox);
         lookout.lookSoon();
-        pass(0.01);
+        pass(10ms);
     }
-    pass(1);
+    pass(1s);
     EXPECT_THAT(looks(), ElementsAre(0.05));
     ring();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(looks(), ElementsAre(1.09)) << "what comes later gets a look of its own";
 }
 
@@ -95,14 +95,14 @@ TEST_F(OutboxLookoutTest, SeesAChangeOfTheOutboxAndOfABatchThatIsNotCompleteYet)
     world.files.putFolder(batch);
     start();
     world.folders.change(outbox);
-    pass(1);
+    pass(1s);
     EXPECT_THAT(looks(), ElementsAre(0.05));
     world.folders.change(batch);
-    pass(1);
+    pass(1s);
     EXPECT_THAT(looks(), ElementsAre(1.05));
     incomplete.clear(); // it has got its manifest
     world.folders.change(batch);
-    pass(1);
+    pass(1s);
     EXPECT_THAT(looks(), ElementsAre(2.05));
     EXPECT_FALSE(world.folders.isWatched(batch));
     EXPECT_TRUE(world.folders.isWatched(outbox));
@@ -111,20 +111,20 @@ TEST_F(OutboxLookoutTest, SeesAChangeOfTheOutboxAndOfABatchThatIsNotCompleteYet)
 TEST_F(OutboxLookoutTest, LooksEverySecondWhereTheFolderCannotBeWatched) {
     world.folders.errorNumber = ENOSPC;
     start();
-    pass(3.5);
+    pass(3500ms);
     EXPECT_THAT(looks(), ElementsAre(1, 2, 3));
     world.folders.errorNumber.reset();
-    pass(120);
+    pass(120s);
     EXPECT_THAT(looks(), ElementsAre(4, 64)) << "once it can be, that is enough";
 }
 
 TEST_F(OutboxLookoutTest, LooksEverySecondForAnOutboxThatIsNotThere) {
     isFolderThere = false;
     start();
-    pass(2.5);
+    pass(2500ms);
     EXPECT_THAT(looks(), ElementsAre(1, 2));
     isFolderThere = true;
-    pass(60);
+    pass(60s);
     EXPECT_THAT(looks(), ElementsAre(3));
 }
 
@@ -135,10 +135,10 @@ TEST_F(OutboxLookoutTest, WatchesTheFolderThatHasTheNameNowAndNotTheOneThatHadIt
     world.files.swapIn("/home/ann/another", outbox);
     ASSERT_FALSE(platform::isSameFile(*folder, *world.files.status(outbox)));
     const int before = world.folders.begun;
-    pass(61);
+    pass(61s);
     EXPECT_THAT(looks(), ElementsAre(60));
     EXPECT_EQ(world.folders.begun, before + 1);
-    pass(60);
+    pass(60s);
     EXPECT_EQ(world.folders.begun, before + 1) << "once is enough";
     EXPECT_TRUE(world.folders.isWatched(outbox));
 }
@@ -146,7 +146,7 @@ TEST_F(OutboxLookoutTest, WatchesTheFolderThatHasTheNameNowAndNotTheOneThatHadIt
 TEST_F(OutboxLookoutTest, SaysNothingBeforeTheStartAndAfterTheEnd) {
     lookout.lookSoon();
     ring();
-    pass(100);
+    pass(100s);
     EXPECT_THAT(looks(), IsEmpty());
     start();
     ring(); // is under way when the end comes
@@ -154,7 +154,7 @@ TEST_F(OutboxLookoutTest, SaysNothingBeforeTheStartAndAfterTheEnd) {
     lookout.lookSoon();
     lookout.stop();
     lookout.lookSoon();
-    pass(100);
+    pass(100s);
     EXPECT_THAT(looks(), IsEmpty());
     EXPECT_EQ(world.busSignals.listeners(), 0U);
     EXPECT_FALSE(world.folders.isWatched(outbox));
@@ -172,7 +172,7 @@ TEST(OutboxLookoutEnd, MayComeFromWithinALook) {
     });
     self = &lookout;
     lookout.start();
-    world.run(world.clock.sleep(300));
+    world.run(world.clock.sleep(300s));
     EXPECT_EQ(looks, 1);
     EXPECT_EQ(world.clock.pendingAlarms(), 0U);
 }

@@ -26,7 +26,7 @@ constexpr const char* third = "2A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9";
 /// What the queue tells, a line each: "sent a.txt to Pixel-8".
 class RecordingEvents final : public OutboxEvents {
 public:
-    void progress(const Transfer&, std::int64_t, std::int64_t) override { lines.emplace_back("progress"); }
+    void progress(const Transfer&, const Progress&) override { lines.emplace_back("progress"); }
     void sent(const Transfer& transfer, const Delivered&) override {
         lines.push_back("sent " + transfer.file + " to " + transfer.to);
     }
@@ -38,9 +38,9 @@ public:
         lines.push_back(line);
     }
     void done(const BatchId& batch) override { lines.push_back("done " + batch.text().substr(0, 2)); }
-    void waiting(const BatchId& batch, const std::string& to, const std::string& message, double seconds) override {
+    void waiting(const BatchId& batch, const std::string& to, const std::string& message, Seconds pause) override {
         lines.push_back("waiting " + batch.text().substr(0, 2) + " for " + to + " " +
-                        std::to_string(static_cast<int>(seconds)) + " s: " + message);
+                        std::to_string(std::lround(pause.count())) + " s: " + message);
     }
     void waitingLine(const OutboxState::Phone& to, const std::string& message) override {
         lines.push_back("line: " + to.displayName() + ": " + message);
@@ -89,8 +89,10 @@ protected:
         for (const std::string& name : files) {
             world.files.put(outbox / id / name, "content of " + name);
         }
-        const ShareOutbox::Manifest manifest{
-            .id = id, .createdAtMs = createdAtMs, .files = files, .targetPubkeys = std::move(phones)};
+        const ShareOutbox::Manifest manifest{.id = id,
+                                             .createdAtMs = fromEpochMilliseconds(createdAtMs),
+                                             .files = files,
+                                             .targetPubkeys = std::move(phones)};
         world.files.put(outbox / id / "manifest.json", compactJson(manifest.toJson()));
     }
     OutboxQueue::News look() {
@@ -287,18 +289,18 @@ TEST_F(OutboxQueueTest, TellsOfEachBatchThatItsPhoneIsAwayAndPeopleOnce) {
     put(first, {"a.txt"}, {phone});
     put(second, {"b.txt"}, {phone, tablet});
     static_cast<void>(look());
-    queue->setWaiting(phone, "no answer", 5, true);
+    queue->setWaiting(phone, "no answer", 5s, true);
     EXPECT_THAT(events.take(),
                 ElementsAre("waiting 0A for Pixel-8 5 s: no answer", "waiting 1A for Pixel-8 5 s: no answer",
                             "line: Pixel-8: no answer", "shown: Pixel-8: no answer"));
-    queue->setWaiting(phone, "no answer", 10, false);
+    queue->setWaiting(phone, "no answer", 10s, false);
     EXPECT_THAT(events.take(), ElementsAre(StartsWith("waiting 0A"), StartsWith("waiting 1A")));
-    queue->setWaiting(phone, "refused", 20, true);
+    queue->setWaiting(phone, "refused", 20s, true);
     EXPECT_THAT(events.take(),
                 ElementsAre(StartsWith("waiting 0A"), StartsWith("waiting 1A"), "line: Pixel-8: refused"));
     put(third, {"c.txt"}, {phone});
     static_cast<void>(look());
-    queue->setWaiting(phone, "refused", 40, false);
+    queue->setWaiting(phone, "refused", 40s, false);
     EXPECT_EQ(events.take().size(), 5U) << "a batch that nobody knows to wait yet";
 }
 
@@ -308,10 +310,10 @@ TEST_F(OutboxQueueTest, SetsAsideWhatMakesNoSense) {
     world.files.remove(outbox / second / "missing.txt");
     home.peers().writeBook({});
     put(third, {"a.txt"}, {phone});
-    world.files.put(
-        outbox / third / "manifest.json",
-        compactJson(
-            ShareOutbox::Manifest{.id = third, .createdAtMs = 1, .files = {"a.txt"}, .targetPubkeys = {}}.toJson()));
+    world.files.put(outbox / third / "manifest.json",
+                    compactJson(ShareOutbox::Manifest{
+                        .id = third, .createdAtMs = fromEpochMilliseconds(1), .files = {"a.txt"}, .targetPubkeys = {}}
+                                    .toJson()));
     static_cast<void>(look());
     EXPECT_THAT(events.take(), ElementsAre(StartsWith("set aside 0A: "), StartsWith("set aside 1A: "),
                                            "set aside 2A: no phone is paired"));
@@ -334,10 +336,10 @@ TEST_F(OutboxQueueTest, TellsOnceOfABatchThatCannotBeSetAsideAndTriesAgainWhenIt
 
 TEST_F(OutboxQueueTest, TakesInABatchAtALaterLookIfThePeerStoreCannotBeReadNow) {
     put(first, {"a.txt"}, {});
-    world.files.put(
-        outbox / first / "manifest.json",
-        compactJson(
-            ShareOutbox::Manifest{.id = first, .createdAtMs = 1, .files = {"a.txt"}, .targetPubkeys = {}}.toJson()));
+    world.files.put(outbox / first / "manifest.json",
+                    compactJson(ShareOutbox::Manifest{
+                        .id = first, .createdAtMs = fromEpochMilliseconds(1), .files = {"a.txt"}, .targetPubkeys = {}}
+                                    .toJson()));
     home.peers().writeBook({{world.phoneRecord()}});
     world.files.addFault({.operation = fakes::Operation::open, .errorNumber = EMFILE, .nameEnding = "peer.json"});
     EXPECT_THAT(look().phones, IsEmpty());

@@ -18,7 +18,7 @@ TEST_F(OutboxSenderTest, SendsTheFilesOfABatchInTheirOrderAndRemovesIt) {
     put(first, {"b.txt", "a.txt"});
     world_.alongside(take(2));
     start();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("b.txt", "a.txt"));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
@@ -28,7 +28,7 @@ TEST_F(OutboxSenderTest, SendsTheFilesOfABatchInTheirOrderAndRemovesIt) {
     EXPECT_EQ("b.txt", sent[0].file);
     EXPECT_EQ("Pixel-8", sent[0].to);
     EXPECT_EQ(16, sent[0].bytesSent);
-    EXPECT_EQ(0, sent[0].resumedFromOffset);
+    EXPECT_EQ(ByteOffset(), sent[0].resumedFromOffset);
     EXPECT_EQ(1U, told(What::done).size());
     EXPECT_THAT(notices(), ElementsAre("sent 2 to Pixel-8"));
 }
@@ -37,10 +37,10 @@ TEST_F(OutboxSenderTest, NoticesAPhoneThatIsGone) {
     put(first, {"a.txt"}, 1000);
     world_.alongside(take(1));
     start();
-    pass(1);
+    pass(1s);
     ASSERT_EQ(1U, world_.network.keepAlives->size());
     const platform::KeepAlive& keepAlive = world_.network.keepAlives->front();
-    EXPECT_LE(keepAlive.idleSeconds + keepAlive.intervalSeconds * keepAlive.count, 30);
+    EXPECT_LE(keepAlive.idle + keepAlive.interval * keepAlive.count, 30s);
 }
 
 TEST_F(OutboxSenderTest, SendsTheOlderBatchFirst) {
@@ -48,33 +48,33 @@ TEST_F(OutboxSenderTest, SendsTheOlderBatchFirst) {
     put(second, {"earlier.txt"}, 1000);
     world_.alongside(take(2));
     start();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("earlier.txt", "later.txt"));
 }
 
 TEST_F(OutboxSenderTest, HearsTheBell) {
     start();
-    pass(1);
+    pass(1s);
     put(first, {"a.txt"});
     world_.alongside(take(1));
     ring();
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
 }
 
 TEST_F(OutboxSenderTest, SeesABatchGrowWithoutABell) {
     start();
-    pass(1);
+    pass(1s);
     world_.files.putFolder(outbox / first);
     const std::unique_ptr<platform::File> hold = world_.files.open(outbox / first, platform::OpenMode::read);
     ASSERT_TRUE(hold->tryLock());
     world_.folders.change(outbox);
-    pass(0.1);
+    pass(100ms);
     ASSERT_TRUE(world_.folders.isWatched(outbox / first));
     world_.alongside(take(1));
     put(first, {"a.txt"});
     world_.folders.change(outbox / first);
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     EXPECT_FALSE(world_.folders.isWatched(outbox / first));
     EXPECT_TRUE(world_.folders.isWatched(outbox));
@@ -82,22 +82,22 @@ TEST_F(OutboxSenderTest, SeesABatchGrowWithoutABell) {
 
 TEST_F(OutboxSenderTest, LooksOnceAMinuteIfNothingElseSaysSo) {
     start();
-    pass(1);
+    pass(1s);
     put(first, {"a.txt"});
     world_.alongside(take(1));
-    pass(58);
+    pass(58s);
     EXPECT_THAT(taken_, IsEmpty());
-    pass(2);
+    pass(2s);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
 }
 
 TEST_F(OutboxSenderTest, LooksEverySecondWhereNothingCanBeWatched) {
     world_.folders.errorNumber = ENOSPC;
     start();
-    pass(10);
+    pass(10s);
     put(first, {"a.txt"});
     world_.alongside(take(1));
-    pass(1.1);
+    pass(1100ms);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
 }
 
@@ -107,12 +107,12 @@ TEST_F(OutboxSenderTest, TriesAgainAfterGrowingPauses) {
     std::optional<double> begin;
     const std::vector<double> pauses =
         gapsUntil(13000, [this, &begin] { begin = begin.value_or(world_.clock.elapsed()); });
-    EXPECT_NEAR(OutboxLookout::gatherSeconds, begin.value(), 1e-9);
+    EXPECT_NEAR(OutboxLookout::gatherDelay.count(), begin.value(), 1e-9);
     EXPECT_THAT(pauses, ElementsAre(5, 15, 60, 300, 900, 3600, 3600, 3600));
     const std::vector<Told> waiting = told(What::waiting);
     ASSERT_EQ(9U, waiting.size());
-    EXPECT_EQ(5, waiting[0].retrySeconds);
-    EXPECT_EQ(3600, waiting[8].retrySeconds);
+    EXPECT_EQ(5s, waiting[0].pause);
+    EXPECT_EQ(1h, waiting[8].pause);
     EXPECT_EQ("network: Connection refused", waiting[0].message);
     EXPECT_EQ(1U, told(What::waitingLine).size());
     EXPECT_THAT(notices(), ElementsAre("waiting for Pixel-8"));
@@ -122,44 +122,44 @@ TEST_F(OutboxSenderTest, TriesAgainAfterGrowingPauses) {
 TEST_F(OutboxSenderTest, TriesAtOnceWhenThePhoneIsHeardOf) {
     put(first, {"a.txt"});
     start();
-    pass(1000); // in the middle of a long pause
+    pass(1000s); // in the middle of a long pause
     const std::size_t before = attempts();
     sender_->heardOf(tabletRecord());
-    pass(0.1);
+    pass(100ms);
     EXPECT_EQ(before, attempts()) << "that was another one";
     world_.alongside(take(1));
     sender_->heardOf(world_.phoneRecord());
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
 }
 
 TEST_F(OutboxSenderTest, BeginsWithTheShortPauseAgainWhenThePhoneWasHeardOf) {
     put(first, {"a.txt"});
     start();
-    pass(1000);
+    pass(1000s);
     sender_->heardOf(world_.phoneRecord());
-    pass(0.1);
+    pass(100ms);
     const std::size_t before = attempts();
-    pass(5);
+    pass(5s);
     EXPECT_EQ(before + 1, attempts());
 }
 
 TEST_F(OutboxSenderTest, TriesAtOnceWhenTheRecordHasChanged) {
     put(first, {"a.txt"});
     start();
-    pass(1000);
+    pass(1000s);
     const std::size_t before = attempts();
     PeerRecord record = world_.phoneRecord();
     record.peer_subnet = "another"; // by which nobody is reached
     pair({record});
     sender_->peersChanged();
-    pass(0.1);
+    pass(100ms);
     EXPECT_EQ(before, attempts());
     record.peer_ip = "203.0.113.99";
     pair({record});
     world_.alongside(take(1));
     sender_->peersChanged();
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     EXPECT_EQ("203.0.113.99", world_.network.attempts.back().first);
 }
@@ -168,14 +168,14 @@ TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {
     world_.network.makeSilent("203.0.113.2");
     put(first, {"a.txt"});
     start();
-    pass(1);
+    pass(1s);
     EXPECT_EQ(1U, attempts());
     PeerRecord record = world_.phoneRecord();
     record.peer_ip = "203.0.113.99";
     pair({record});
     world_.alongside(take(1));
     sender_->peersChanged();
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     EXPECT_THAT(told(What::waiting), IsEmpty());
 }
@@ -183,21 +183,21 @@ TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {
 TEST_F(OutboxSenderTest, TriesAtOnceWhenAnotherBatchComes) {
     put(first, {"a.txt"});
     start();
-    pass(1000);
+    pass(1000s);
     put(second, {"b.txt"}, 2000);
     world_.alongside(take(2));
     ring();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
 }
 
 TEST_F(OutboxSenderTest, TellsOfEachBatchOnceThatItsPhoneIsAway) {
     put(first, {"a.txt"});
     start();
-    pass(100);
+    pass(100s);
     put(second, {"b.txt"}, 2000);
     ring();
-    pass(100);
+    pass(100s);
     EXPECT_THAT(notices(), ElementsAre("waiting for Pixel-8", "waiting for Pixel-8"));
 }
 
@@ -205,9 +205,9 @@ TEST_F(OutboxSenderTest, GivesUpWhatThePhoneDeclinesAndGoesOn) {
     put(first, {"a.txt", "b.txt"});
     world_.alongside(answer(Row::decline(), 1));
     start();
-    pass(0.051);
+    pass(51ms);
     world_.alongside(take(1));
-    pass(30);
+    pass(30s);
     EXPECT_THAT(taken_, ElementsAre("b.txt"));
     const std::vector<Told> failed = failures();
     ASSERT_EQ(2U, failed.size());
@@ -224,7 +224,7 @@ TEST_F(OutboxSenderTest, GivesUpEverythingForAPhoneThatHasForgottenThisComputer)
     put(second, {"c.txt"}, 2000);
     world_.alongside(answer(Row::unpair(), 1));
     start();
-    pass(60);
+    pass(60s);
     EXPECT_EQ(1U, attempts());
     EXPECT_EQ(4U, failures().size()) << "of each batch: for the phone, and that it is set aside";
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
@@ -235,7 +235,7 @@ TEST_F(OutboxSenderTest, ServesTheOtherPhonesOfABatchOneOfWhichWasRemoved) {
     put(first, {"a.txt"}, 1000, std::vector{PeerKey("GONE"), world_.phoneRecord().peer_pubkey});
     world_.alongside(take(1));
     start();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
     EXPECT_THAT(failures().at(0).message, HasSubstr("not paired any more"));
@@ -244,10 +244,10 @@ TEST_F(OutboxSenderTest, ServesTheOtherPhonesOfABatchOneOfWhichWasRemoved) {
 TEST_F(OutboxSenderTest, GivesUpWhatIsForAPhoneThatIsRemovedMeanwhile) {
     put(first, {"a.txt"}, 1000, std::vector{world_.phoneRecord().peer_pubkey});
     start();
-    pass(1);
+    pass(1s);
     pair({tabletRecord()});
     sender_->peersChanged();
-    pass(1);
+    pass(1s);
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
 }
 
@@ -256,7 +256,7 @@ TEST_F(OutboxSenderTest, DoesNotLetAPhoneThatIsAwayHoldUpAnother) {
     put(first, {"a.txt"}, 1000, std::vector{tabletRecord().peer_pubkey, world_.phoneRecord().peer_pubkey});
     world_.alongside(take(1));
     start();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     EXPECT_TRUE(isThere(outbox / first / "a.txt"));
     EXPECT_THAT(notices(), testing::UnorderedElementsAre("waiting for Tablet", "sent 1 to Pixel-8"));
@@ -269,7 +269,7 @@ TEST_F(OutboxSenderTest, SetsAsideWhatMakesNoSenseAndTouchesNothingElse) {
     put(second, {"b.txt"});
     world_.alongside(take(1));
     start();
-    pass(1);
+    pass(1s);
     EXPECT_EQ("abc", world_.files.content(container / "OutboxSetAside" / first / "a.txt"));
     EXPECT_EQ("somebody's", world_.files.content(outbox / "note.txt"));
     EXPECT_THAT(taken_, ElementsAre("b.txt"));
@@ -283,7 +283,7 @@ TEST_F(OutboxSenderTest, SetsAsideWhatIsForNobody) {
     pair({});
     put(first, {"a.txt"});
     start();
-    pass(1);
+    pass(1s);
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
     EXPECT_EQ("no phone is paired", failures().at(0).message);
 }
@@ -292,7 +292,7 @@ TEST_F(OutboxSenderTest, TellsOnceOfABatchThatCannotBeSetAsideEither) {
     world_.files.put(outbox / first / "manifest.json", "{");
     world_.files.addFault({.operation = fakes::Operation::rename, .errorNumber = EACCES});
     start();
-    pass(300);
+    pass(300s);
     EXPECT_EQ(1U, failures().size());
     world_.files.clearFaults();
 }
@@ -301,12 +301,12 @@ TEST_F(OutboxSenderTest, DoesNotSendAgainAfterARestartWhatItHasSent) {
     put(first, {"a.txt", "b.txt"});
     world_.alongside(take(1));
     start();
-    pass(1);
+    pass(1s);
     stop();
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     world_.alongside(take(1));
     start();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
     EXPECT_FALSE(isThere(outbox / first));
 }
@@ -315,7 +315,7 @@ TEST_F(OutboxSenderTest, WritesIdsDownBeforeAnythingIsSent) {
     put(first, {"a.txt", "b.txt"});
     world_.alongside(keepSilent());
     start();
-    pass(1);
+    pass(1s);
     const OutboxState known = OutboxState::load(world_.files, memory / first).value();
     const std::string journal = *world_.files.content(known.journalFile(world_.phoneRecord().peer_pubkey));
     EXPECT_THAT(InFlightJournal::decodeEntries(parseJson(journal)),
@@ -324,15 +324,15 @@ TEST_F(OutboxSenderTest, WritesIdsDownBeforeAnythingIsSent) {
 
 TEST_F(OutboxSenderTest, TakesNothingForSentBeforeThePhoneHasClosed) {
     put(first, {"a.txt", "b.txt"});
-    world_.alongside(closeLate(10));
+    world_.alongside(closeLate(10s));
     start();
-    pass(5);
+    pass(5s);
     EXPECT_THAT(told(What::sent), IsEmpty());
     const OutboxState whoeverComesNext = OutboxState::load(world_.files, memory / first).value();
     EXPECT_TRUE(whoeverComesNext.phones.at(0).isOpen("a.txt"));
     const std::string journal = *world_.files.content(whoeverComesNext.journalFile(world_.phoneRecord().peer_pubkey));
     EXPECT_THAT(journal, HasSubstr(ids_.at(0))) << "under the same id, if we are killed now";
-    pass(10);
+    pass(10s);
     EXPECT_EQ(1U, told(What::sent).size());
     EXPECT_FALSE(OutboxState::load(world_.files, memory / first).value().phones.at(0).isOpen("a.txt"));
 }
@@ -346,7 +346,7 @@ TEST_F(OutboxSenderTest, FlushesLittleForManyFiles) {
     world_.alongside(take(40));
     start();
     const std::size_t before = world_.files.count(fakes::Operation::flush);
-    pass(1);
+    pass(1s);
     EXPECT_EQ(names, taken_) << "although it takes one at a time, and refuses all others";
     EXPECT_THAT(told(What::waiting), IsEmpty());
     EXPECT_FALSE(isThere(memory / first));
@@ -357,7 +357,7 @@ TEST_F(OutboxSenderTest, SendsSeveralAtOnceToAPhoneThatTakesThem) {
     put(first, {"1", "2", "3", "4", "5", "6", "7", "8", "9"});
     world_.alongside(takeTogether({1, 2, 4, 2}));
     start();
-    pass(5);
+    pass(5s);
     EXPECT_THAT(taken_, testing::UnorderedElementsAre("1", "2", "3", "4", "5", "6", "7", "8", "9"));
     EXPECT_EQ("1", taken_.front());
     EXPECT_EQ(9U, attempts());
@@ -372,7 +372,7 @@ TEST_F(OutboxSenderTest, SendsLargeFilesOneAfterTheOther) {
     }
     world_.alongside(takeOneAndKeepSilent());
     start();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("1"));
     EXPECT_EQ(2U, attempts());
 }
@@ -381,11 +381,11 @@ TEST_F(OutboxSenderTest, OffersAgainAtOnceUnderTheSameIdWhatWasBrokenOffAtTheEnd
     put(first, {"a.txt"});
     const auto breakOffThenTake = [this]() -> Task<> {
         co_await breakOffAtTheEnd(1);
-        co_await closeLate(0);
+        co_await closeLate(0s);
     };
     world_.alongside(breakOffThenTake());
     start();
-    pass(1);
+    pass(1s);
     ASSERT_EQ(2U, ids_.size());
     EXPECT_EQ(ids_[0], ids_[1]);
     EXPECT_THAT(told(What::waiting), IsEmpty());
@@ -397,17 +397,17 @@ TEST_F(OutboxSenderTest, SetsAsideWhatWasBrokenOffAtTheEndThreeTimes) {
     put(first, {"a.txt", "b.txt"});
     world_.alongside(breakOffAtTheEnd(3));
     start();
-    pass(1);
+    pass(1s);
     EXPECT_EQ(2U, ids_.size()) << "two at once";
     EXPECT_EQ(1U, told(What::waiting).size());
-    pass(5);
+    pass(5s);
     ASSERT_EQ(3U, ids_.size()) << "and another after a pause";
     EXPECT_EQ(ids_[0], ids_[1]);
     EXPECT_EQ(ids_[0], ids_[2]);
     EXPECT_THAT(told(What::sent), IsEmpty());
     EXPECT_EQ(DeliveryInDoubt::text, failures().at(0).message);
     world_.alongside(take(1));
-    pass(5000);
+    pass(5000s);
     EXPECT_THAT(taken_, ElementsAre("b.txt")) << "the others go on";
     EXPECT_EQ(4U, attempts() - told(What::waiting).size() + 1) << "nothing more of the first";
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first / "a.txt"));
@@ -417,12 +417,12 @@ TEST_F(OutboxSenderTest, SendsAgainWhatItCannotKnowToBeSent) {
     put(first, {"a.txt", "b.txt"});
     world_.alongside(take(1));
     start();
-    pass(1);
+    pass(1s);
     stop();
     world_.files.put(memory / first / "state.jsonl", "rubbish");
     world_.alongside(take(2));
     start();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("a.txt", "a.txt", "b.txt"));
 }
 
@@ -430,7 +430,7 @@ TEST_F(OutboxSenderTest, DropsABatch) {
     put(first, {"a.txt"}, 1000);
     put(second, {"b.txt"}, 2000);
     start();
-    pass(1);
+    pass(1s);
     EXPECT_TRUE(world_.run(sender_->remove(BatchId(first))));
     EXPECT_FALSE(world_.run(sender_->remove(BatchId(first))));
     EXPECT_FALSE(isThere(outbox / first));
@@ -442,11 +442,11 @@ TEST_F(OutboxSenderTest, EndsWhatIsUnderWayOfABatchThatIsDropped) {
     world_.network.makeSilent("203.0.113.2");
     put(first, {"a.txt"});
     start();
-    pass(1);
+    pass(1s);
     EXPECT_TRUE(world_.run(sender_->remove(BatchId(first))));
     EXPECT_FALSE(isThere(outbox / first));
     EXPECT_FALSE(isThere(memory / first));
-    pass(100);
+    pass(100s);
     EXPECT_THAT(told(What::waiting), IsEmpty());
     EXPECT_THAT(failures(), IsEmpty());
 }
@@ -454,15 +454,15 @@ TEST_F(OutboxSenderTest, EndsWhatIsUnderWayOfABatchThatIsDropped) {
 TEST_F(OutboxSenderTest, TakesABatchWhoseFolderHasGoneForDropped) {
     put(first, {"a.txt"});
     start();
-    pass(1);
+    pass(1s);
     world_.files.remove(outbox / first / "a.txt");
     world_.files.remove(outbox / first / "manifest.json");
     world_.files.removeDirectory(outbox / first);
     world_.folders.change(outbox);
-    pass(0.1);
+    pass(100ms);
     EXPECT_FALSE(isThere(memory / first));
     const std::size_t before = attempts();
-    pass(1000);
+    pass(1000s);
     EXPECT_EQ(before, attempts());
     EXPECT_THAT(failures(), IsEmpty());
 }
@@ -470,10 +470,10 @@ TEST_F(OutboxSenderTest, TakesABatchWhoseFolderHasGoneForDropped) {
 TEST_F(OutboxSenderTest, RetriesWhatWaits) {
     put(first, {"a.txt"});
     start();
-    pass(1000);
+    pass(1000s);
     world_.alongside(take(1));
     EXPECT_TRUE(sender_->retry(std::nullopt));
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
 }
 
@@ -481,13 +481,13 @@ TEST_F(OutboxSenderTest, RetriesABatchThatWasSetAsideWithoutWhatWasSentOfIt) {
     put(first, {"a.txt", "b.txt"});
     world_.alongside(take(1));
     start();
-    pass(0.051);
+    pass(51ms);
     world_.alongside(answer(Row::decline(), 1));
-    pass(30);
+    pass(30s);
     ASSERT_TRUE(isThere(container / "OutboxSetAside" / first));
     world_.alongside(take(1));
     EXPECT_TRUE(sender_->retry(BatchId(first)));
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
     EXPECT_FALSE(isThere(container / "OutboxSetAside" / first));
     EXPECT_FALSE(sender_->retry(BatchId(first)));
@@ -498,7 +498,7 @@ TEST_F(OutboxSenderTest, GivesUpAnAttemptWithoutAHandshake) {
         {.port = fakes::World::phonePort, .keepAlive = std::nullopt}, world_.context.get_executor());
     put(first, {"a.txt"});
     start();
-    pass(10.2);
+    pass(10200ms);
     EXPECT_EQ("noise handshake: timed out after 10 seconds", told(What::waiting).at(0).message);
 }
 
@@ -506,15 +506,15 @@ TEST_F(OutboxSenderTest, WaitsFiveMinutesForAnAnswerToTheOffer) {
     put(first, {"a.txt"});
     world_.alongside(keepSilent());
     start();
-    pass(299);
+    pass(299s);
     EXPECT_THAT(told(What::waiting), IsEmpty());
-    pass(2);
+    pass(2s);
     EXPECT_THAT(told(What::waiting).at(0).message, HasSubstr("no progress"));
 }
 
 TEST_F(OutboxSenderTest, SaysNothingOfAnEmptyOutbox) {
     start();
-    pass(1000);
+    pass(1000s);
     stop();
     EXPECT_TRUE(events_.all.empty());
 }

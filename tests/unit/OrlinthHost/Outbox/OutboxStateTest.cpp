@@ -41,7 +41,7 @@ protected:
         PeerRecord record;
         record.peer_pubkey = PeerKey(key);
         record.peer_hostname = "name of " + key;
-        record.paired_at_epoch_ms = pairedAt;
+        record.paired_at_epoch_ms = fromEpochMilliseconds(pairedAt);
         return record;
     }
 
@@ -272,7 +272,7 @@ TEST_F(OutboxStateTest, GoesToThePhonesThatWereChosenEachOnce) {
 
 TEST_F(OutboxStateTest, GoesToThePhoneThatWasTheOneWhereThereWasNoChoice) {
     ShareOutbox::Manifest manifest;
-    manifest.createdAtMs = 100;
+    manifest.createdAtMs = fromEpochMilliseconds(100);
     EXPECT_THAT(phonesFor(manifest, {}, neverAsked), IsEmpty());
     EXPECT_EQ("A", phonesFor(manifest, {{phone("A", 100)}}, neverAsked).at(0).peerKey.text());
     EXPECT_EQ("B",
@@ -282,7 +282,7 @@ TEST_F(OutboxStateTest, GoesToThePhoneThatWasTheOneWhereThereWasNoChoice) {
 
 TEST_F(OutboxStateTest, GoesToNobodyWhereThePhoneThatWasTheOneMayBeGone) {
     ShareOutbox::Manifest manifest;
-    manifest.createdAtMs = 100;
+    manifest.createdAtMs = fromEpochMilliseconds(100);
     const PeerBook one{{phone("A", 500)}};
     EXPECT_EQ("A", phonesFor(manifest, one, [] { return false; }).at(0).peerKey.text())
         << "it may have been paired anew";

@@ -27,8 +27,10 @@ protected:
              std::optional<std::vector<PeerKey>> phones = std::nullopt) {
         const platform::Path folder = container / (isSetAside ? "OutboxSetAside" : "Outbox") / id;
         world.files.put(folder / "a.txt", "12345");
-        const ShareOutbox::Manifest manifest{
-            .id = id, .createdAtMs = createdAtMs, .files = {"a.txt"}, .targetPubkeys = std::move(phones)};
+        const ShareOutbox::Manifest manifest{.id = id,
+                                             .createdAtMs = fromEpochMilliseconds(createdAtMs),
+                                             .files = {"a.txt"},
+                                             .targetPubkeys = std::move(phones)};
         world.files.put(folder / "manifest.json", compactJson(manifest.toJson()));
     }
     /// As after an attempt in which the phone did not take the file.

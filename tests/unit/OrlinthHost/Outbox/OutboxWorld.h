@@ -47,8 +47,10 @@ protected:
         for (const std::string& name : files) {
             world_.files.put(outbox / id / name, "content of " + name);
         }
-        const ShareOutbox::Manifest manifest{
-            .id = id, .createdAtMs = createdAtMs, .files = files, .targetPubkeys = std::move(phones)};
+        const ShareOutbox::Manifest manifest{.id = id,
+                                             .createdAtMs = fromEpochMilliseconds(createdAtMs),
+                                             .files = files,
+                                             .targetPubkeys = std::move(phones)};
         world_.files.put(outbox / id / "manifest.json", compactJson(manifest.toJson()));
     }
     void ring() { ShareOutbox::postPending(world_.busSignals); }
@@ -64,14 +66,14 @@ protected:
         }
         fakes::runUntilIdle(world_.context, world_.clock);
     }
-    void pass(double seconds) { world_.run(world_.clock.sleep(seconds)); }
+    void pass(Seconds time) { world_.run(world_.clock.sleep(time)); }
 
     /// Takes what comes in `count` connections, one after the other.
     [[nodiscard]] Task<> take(int count) {
         for (int i = 0; i < count; ++i) {
             const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
             const auto offer = co_await phone->expect<Row::FileOffer>();
-            co_await phone->send(Row::resume(offer.transfer_id, 0));
+            co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
             const Bytes data = co_await phone->receiveUntilDone();
             taken_.push_back(offer.name);
             EXPECT_EQ("content of " + offer.name, std::string(asText(data)));
@@ -91,7 +93,7 @@ protected:
                 phones.emplace_back(std::move(phone), std::move(offer));
             }
             for (const auto& [phone, offer] : phones) {
-                co_await phone->send(Row::resume(offer.transfer_id, 0));
+                co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
                 const Bytes data = co_await phone->receiveUntilDone();
                 taken_.push_back(offer.name);
                 EXPECT_EQ("content of " + offer.name, std::string(asText(data)));
@@ -126,7 +128,7 @@ protected:
             const auto phone = co_await acceptForReset();
             const auto offer = co_await phone->expect<Row::FileOffer>();
             ids_.push_back(offer.transfer_id);
-            co_await phone->send(Row::resume(offer.transfer_id, 0));
+            co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
             const Bytes data = co_await phone->receiveUntilDone();
             reset_->abort();
         }
@@ -137,20 +139,20 @@ protected:
             std::unique_ptr<ScriptedPeer> phone = co_await acceptForReset();
             const auto offer = co_await phone->expect<Row::FileOffer>();
             ids_.push_back(offer.transfer_id);
-            co_await phone->send(Row::resume(offer.transfer_id, 0));
+            co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
             const Bytes data = co_await phone->receiveUntilDone();
             reset_->cutWire();
             kept_.push_back(std::move(phone));
         }
     }
     /// Takes one file, and closes so many seconds after its end.
-    [[nodiscard]] Task<> closeLate(double seconds) {
+    [[nodiscard]] Task<> closeLate(Seconds time) {
         const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
         const auto offer = co_await phone->expect<Row::FileOffer>();
         ids_.push_back(offer.transfer_id);
-        co_await phone->send(Row::resume(offer.transfer_id, 0));
+        co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
         const Bytes data = co_await phone->receiveUntilDone();
-        co_await world_.clock.sleep(seconds);
+        co_await world_.clock.sleep(time);
         phone->close();
     }
     /// Takes a piece in each of as many connections as there are offsets, at which it goes on, and resets them.
@@ -158,7 +160,7 @@ protected:
         for (const std::int64_t offset : offsets) {
             const auto phone = co_await acceptForReset();
             const auto offer = co_await phone->expect<Row::FileOffer>();
-            co_await phone->send(Row::resume(offer.transfer_id, offset));
+            co_await phone->send(Row::resume(offer.transfer_id, ByteOffset(offset)));
             const DecodedFrame piece = co_await phone->receive();
             EXPECT_TRUE(std::holds_alternative<Bytes>(piece));
             reset_->abort();

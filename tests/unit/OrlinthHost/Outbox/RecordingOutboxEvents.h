@@ -39,9 +39,9 @@ public:
         std::string message = {};
         std::size_t files = 0;
         std::int64_t bytesSent = 0;
-        std::int64_t resumedFromOffset = 0;
+        ByteOffset resumedFromOffset = {};
         bool isConfirmed = true;
-        double retrySeconds = 0;
+        Seconds pause{0};
         platform::Path where = {};
     };
 
@@ -53,8 +53,8 @@ public:
         return found;
     }
 
-    void progress(const Transfer& transfer, std::int64_t bytesSent, std::int64_t /*totalBytes*/) override {
-        add(transfer, {.what = What::progress, .bytesSent = bytesSent});
+    void progress(const Transfer& transfer, const Progress& progress) override {
+        add(transfer, {.what = What::progress, .bytesSent = progress.done});
     }
     void sent(const Transfer& transfer, const Delivered& delivered) override {
         add(transfer, {.what = What::sent,
@@ -66,10 +66,8 @@ public:
         all.push_back({.what = What::through, .to = to.displayName(), .files = files.size()});
     }
     void done(const BatchId& batch) override { all.push_back({.what = What::done, .batch = batch.text()}); }
-    void waiting(const BatchId& batch, const std::string& to, const std::string& message,
-                 double retrySeconds) override {
-        all.push_back(
-            {.what = What::waiting, .batch = batch.text(), .to = to, .message = message, .retrySeconds = retrySeconds});
+    void waiting(const BatchId& batch, const std::string& to, const std::string& message, Seconds pause) override {
+        all.push_back({.what = What::waiting, .batch = batch.text(), .to = to, .message = message, .pause = pause});
     }
     void waitingLine(const OutboxState::Phone& to, const std::string& message) override {
         all.push_back({.what = What::waitingLine, .to = to.displayName(), .message = message});

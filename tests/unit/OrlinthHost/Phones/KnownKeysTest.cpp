@@ -41,7 +41,7 @@ protected:
     }
     [[nodiscard]] RemovedPeers removed() { return {world.files, home.dataDirectory()}; }
     /// Until a change would show in the files' times.
-    void settleFiles() { world.pass(2); }
+    void settleFiles() { world.pass(2s); }
     [[nodiscard]] std::size_t reads() const { return world.files.count(fakes::Operation::read); }
     [[nodiscard]] std::vector<std::string> told() {
         world.settle();

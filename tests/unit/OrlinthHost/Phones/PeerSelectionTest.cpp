@@ -27,7 +27,7 @@ protected:
         PeerRecord record = world.phoneRecord();
         record.peer_hostname = name;
         record.peer_pubkey = key;
-        record.paired_at_epoch_ms = static_cast<std::int64_t>(1000 + book.peers.size());
+        record.paired_at_epoch_ms = fromEpochMilliseconds(static_cast<std::int64_t>(1000 + book.peers.size()));
         book.peers.push_back(record);
         return book.peers.back();
     }

@@ -18,7 +18,7 @@ class PeerStoreWatchTest : public testing::Test {
 protected:
     PeerStoreWatchTest() {
         write("Pixel-8");
-        pass(100); // so old that it shows every change
+        pass(100s); // so old that it shows every change
     }
     ~PeerStoreWatchTest() override { watch.stop(); }
 
@@ -33,7 +33,7 @@ protected:
         world.context.restart();
         world.context.poll();
     }
-    void pass(double seconds) { world.run(world.clock.sleep(seconds)); }
+    void pass(Seconds time) { world.run(world.clock.sleep(time)); }
     /// The instants at which a change was told since the last call, in seconds from the first one on.
     [[nodiscard]] std::vector<double> told() { return std::exchange(instants, {}); }
 
@@ -51,7 +51,7 @@ TEST_F(PeerStoreWatchTest, SaysAtTheStartThatThereMayBeAChange) {
 TEST_F(PeerStoreWatchTest, SaysAtOnceWhenTheStoreHasChangedAndNothingOfOtherFiles) {
     watch.start();
     static_cast<void>(told());
-    pass(7);
+    pass(7s);
     tellOfChange(); // say, of a journal
     EXPECT_THAT(told(), IsEmpty());
     write("Galaxy");
@@ -62,14 +62,14 @@ TEST_F(PeerStoreWatchTest, SaysAtOnceWhenTheStoreHasChangedAndNothingOfOtherFile
 TEST_F(PeerStoreWatchTest, LooksOnceAMinuteForWhatTheKernelDoesNotTell) {
     watch.start();
     static_cast<void>(told());
-    pass(59);
+    pass(59s);
     write("Galaxy");
     EXPECT_THAT(told(), IsEmpty());
-    pass(0.9);
+    pass(900ms);
     EXPECT_THAT(told(), IsEmpty());
-    pass(121);
+    pass(121s);
     EXPECT_THAT(told(), ElementsAre(60));
-    pass(600);
+    pass(600s);
     EXPECT_THAT(told(), IsEmpty());
 }
 
@@ -78,9 +78,9 @@ TEST_F(PeerStoreWatchTest, LooksOnceAMinuteWhereTheFolderCannotBeWatched) {
     watch.start();
     EXPECT_THAT(world.log.messages(), ElementsAre(HasSubstr("cannot watch the peer store: ")));
     static_cast<void>(told());
-    pass(30);
+    pass(30s);
     world.files.remove(home.peers().filePath());
-    pass(31);
+    pass(31s);
     EXPECT_THAT(told(), ElementsAre(60));
 }
 
@@ -98,7 +98,7 @@ TEST_F(PeerStoreWatchTest, SaysNothingOnceItIsStopped) {
     write("Galaxy");
     world.folders.change(home.peers().directoryPath()); // is under way when the end comes
     watch.stop();
-    pass(600);
+    pass(600s);
     EXPECT_THAT(told(), IsEmpty());
     EXPECT_FALSE(world.folders.isWatched(home.peers().directoryPath()));
     EXPECT_EQ(world.clock.pendingAlarms(), 0U);

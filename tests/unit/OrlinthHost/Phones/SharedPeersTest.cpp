@@ -44,11 +44,11 @@ protected:
 
 TEST_F(SharedPeersTest, TellPhonesOfOneNameApartByWhereTheyAreAndSinceWhenTheyArePaired) {
     PeerRecord phone = world.phoneRecord();
-    phone.paired_at_epoch_ms = 1'773'057'900'000;
+    phone.paired_at_epoch_ms = fromEpochMilliseconds(1'773'057'900'000);
     PeerRecord namesake = phone;
     namesake.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     namesake.peer_ip = "203.0.113.9";
-    namesake.paired_at_epoch_ms = 0;
+    namesake.paired_at_epoch_ms = {};
     home.peers().writeBook({{phone, namesake}});
     updateSharedPeers(home);
     EXPECT_THAT(shown(), ElementsAre("Pixel-8: 203.0.113.2 · paired 2026-03-09", "Pixel-8: 203.0.113.9"));

@@ -36,7 +36,7 @@ protected:
             auto peer = std::make_unique<ScriptedPeer>(std::move(wire), std::move(handshake).finalize());
             const auto offer = co_await peer->expect<Row::FileOffer>();
             ids_.push_back(offer.transfer_id);
-            co_await peer->send(Row::resume(offer.transfer_id, 0));
+            co_await peer->send(Row::resume(offer.transfer_id, ByteOffset()));
             const Bytes data = co_await peer->receiveUntilDone();
             EXPECT_EQ(toText(data), "0123456789");
             if (end == End::resets) {
@@ -104,14 +104,14 @@ TEST_F(DeliveryTest, OffersAgainWhatNeverCameThrough) {
     world_.alongside(phone({End::cutsTheWire, End::closes}));
     EXPECT_TRUE(world_.run(send()).isConfirmed);
     EXPECT_THAT(ids_, ElementsAre("ID", "ID"));
-    EXPECT_DOUBLE_EQ(world_.clock.elapsed(), farewellSeconds);
+    EXPECT_DOUBLE_EQ(world_.clock.elapsed(), farewellLimit.count());
 }
 
 TEST_F(DeliveryTest, TakesForDeliveredWhatAPhoneHasAcknowledgedAndNeverCloses) {
     world_.alongside(phone({End::staysSilent}));
     EXPECT_FALSE(world_.run(send()).isConfirmed);
     EXPECT_THAT(ids_, ElementsAre("ID"));
-    EXPECT_DOUBLE_EQ(world_.clock.elapsed(), farewellSeconds);
+    EXPECT_DOUBLE_EQ(world_.clock.elapsed(), farewellLimit.count());
 }
 
 TEST_F(DeliveryTest, TellsOfTheDoubtAlsoWhereThePhoneIsGoneAtTheSecondOffer) {

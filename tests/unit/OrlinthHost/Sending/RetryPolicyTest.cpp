@@ -12,8 +12,8 @@ using Outcome = RetryPolicy::Outcome;
 using State = RetryPolicy::State;
 using testing::ElementsAre;
 
-RetryPolicy::Instant at(double seconds) {
-    return RetryPolicy::Instant(seconds);
+RetryPolicy::Instant at(Seconds time) {
+    return RetryPolicy::Instant(time);
 }
 
 /// One that pauses, since second 0, after so many failures in its turn.
@@ -22,7 +22,7 @@ RetryPolicy pausing(int failures = 1) {
     for (int i = 0; i < failures; ++i) {
         policy.pauseIsOver();
         policy.began();
-        EXPECT_TRUE(policy.ended(Outcome::failed, at(0)));
+        EXPECT_TRUE(policy.ended(Outcome::failed, at(0s)));
     }
     return policy;
 }
@@ -39,17 +39,17 @@ RetryPolicy hopeful() {
 
 TEST(RetryPolicy, PausesLongerAfterEachFailure) {
     RetryPolicy policy;
-    std::vector<double> pauses;
+    std::vector<Seconds> pauses;
     for (int i = 0; i < 8; ++i) {
         policy.began();
-        pauses.push_back(policy.ended(Outcome::failed, at(0)).value_or(0));
+        pauses.push_back(policy.ended(Outcome::failed, at(0s)).value_or(0s));
         EXPECT_EQ(policy.state(), State::pausing);
         EXPECT_FALSE(policy.mayBegin());
         policy.pauseIsOver();
         EXPECT_EQ(policy.state(), State::idle);
         EXPECT_TRUE(policy.mayBegin());
     }
-    EXPECT_THAT(pauses, ElementsAre(5, 15, 60, 300, 900, 3600, 3600, 3600));
+    EXPECT_THAT(pauses, ElementsAre(5s, 15s, 60s, 300s, 900s, 3600s, 3600s, 3600s));
 }
 
 struct Row {
@@ -57,15 +57,15 @@ struct Row {
     RetryPolicy before;
     Outcome outcome;
     State state;
-    std::optional<double> pause;
+    std::optional<Seconds> pause;
 };
 
 TEST(RetryPolicy, EndsAnAttemptAsItsStateAndOutcomeHaveIt) {
     const std::vector<Row> table{
         {"delivered", sending(), Outcome::delivered, State::idle, std::nullopt},
         {"answered", sending(), Outcome::answered, State::idle, std::nullopt},
-        {"moved", sending(), Outcome::moved, State::pausing, 5},
-        {"failed", sending(), Outcome::failed, State::pausing, 5},
+        {"moved", sending(), Outcome::moved, State::pausing, 5s},
+        {"failed", sending(), Outcome::failed, State::pausing, 5s},
         {"nothing", sending(), Outcome::nothing, State::idle, std::nullopt},
         {"delivered, with hope", hopeful(), Outcome::delivered, State::idle, std::nullopt},
         {"moved, with hope", hopeful(), Outcome::moved, State::idle, std::nullopt},
@@ -73,7 +73,7 @@ TEST(RetryPolicy, EndsAnAttemptAsItsStateAndOutcomeHaveIt) {
         {"nothing, with hope", hopeful(), Outcome::nothing, State::idle, std::nullopt},
     };
     for (Row row : table) {
-        EXPECT_EQ(row.before.ended(row.outcome, at(0)), row.pause) << row.what;
+        EXPECT_EQ(row.before.ended(row.outcome, at(0s)), row.pause) << row.what;
         EXPECT_EQ(row.before.state(), row.state) << row.what;
     }
 }
@@ -83,9 +83,9 @@ TEST(RetryPolicy, ForgetsFailuresWhenThePhoneWasThere) {
         RetryPolicy policy = pausing(3);
         policy.pauseIsOver();
         policy.began();
-        EXPECT_FALSE(policy.ended(outcome, at(0)));
+        EXPECT_FALSE(policy.ended(outcome, at(0s)));
         policy.began();
-        EXPECT_EQ(policy.ended(Outcome::failed, at(0)), 5);
+        EXPECT_EQ(policy.ended(Outcome::failed, at(0s)), 5s);
     }
 }
 
@@ -93,15 +93,15 @@ TEST(RetryPolicy, CountsABreakBehindWhichThePhoneHasMoreAsTheFirst) {
     RetryPolicy policy = pausing(3);
     policy.pauseIsOver();
     policy.began();
-    EXPECT_EQ(policy.ended(Outcome::moved, at(0)), 5);
+    EXPECT_EQ(policy.ended(Outcome::moved, at(0s)), 5s);
 }
 
 TEST(RetryPolicy, LetsOthersGoOnDuringAPauseAndBeginsNone) {
     RetryPolicy policy = sending();
     policy.began();
-    EXPECT_EQ(policy.ended(Outcome::failed, at(0)), 5);
+    EXPECT_EQ(policy.ended(Outcome::failed, at(0s)), 5s);
     EXPECT_EQ(policy.state(), State::pausing);
-    EXPECT_FALSE(policy.ended(Outcome::delivered, at(1)));
+    EXPECT_FALSE(policy.ended(Outcome::delivered, at(1s)));
     EXPECT_EQ(policy.state(), State::pausing);
     policy.pauseIsOver();
     EXPECT_EQ(policy.state(), State::idle);
@@ -112,39 +112,39 @@ TEST(RetryPolicy, EndsAPauseWhenThereIsReasonToHope) {
     EXPECT_TRUE(policy.reasonToHope());
     EXPECT_EQ(policy.state(), State::idle);
     policy.began();
-    EXPECT_EQ(policy.ended(Outcome::failed, at(0)), 5) << "what failed before does not count";
+    EXPECT_EQ(policy.ended(Outcome::failed, at(0s)), 5s) << "what failed before does not count";
 }
 
 TEST(RetryPolicy, TriesAtOnceAfterAFailureWithHopeButNotTwice) {
     RetryPolicy policy = hopeful();
-    EXPECT_FALSE(policy.ended(Outcome::failed, at(0)));
+    EXPECT_FALSE(policy.ended(Outcome::failed, at(0s)));
     policy.began();
     EXPECT_FALSE(policy.reasonToHope());
-    EXPECT_EQ(policy.ended(Outcome::failed, at(0)), 5);
+    EXPECT_EQ(policy.ended(Outcome::failed, at(0s)), 5s);
 }
 
 TEST(RetryPolicy, TakesWhatIsHeardSoonAfterAFailureForTheAnswerToItsOwnPush) {
     RetryPolicy policy = pausing(2);
-    EXPECT_TRUE(policy.heard(at(1))) << "it may be there now";
+    EXPECT_TRUE(policy.heard(at(1s))) << "it may be there now";
     EXPECT_EQ(policy.state(), State::idle);
     policy.began();
-    EXPECT_EQ(policy.ended(Outcome::failed, at(2)), 60) << "the third in a row";
-    EXPECT_FALSE(policy.heard(at(3))) << "once is enough";
+    EXPECT_EQ(policy.ended(Outcome::failed, at(2s)), 60s) << "the third in a row";
+    EXPECT_FALSE(policy.heard(at(3s))) << "once is enough";
     EXPECT_EQ(policy.state(), State::pausing);
 }
 
 TEST(RetryPolicy, BelievesAPhoneThatIsHeardOfLater) {
     RetryPolicy policy = pausing(5);
-    EXPECT_TRUE(policy.heard(at(RetryPolicy::echoSeconds)));
+    EXPECT_TRUE(policy.heard(at(RetryPolicy::echoTime)));
     policy.began();
-    EXPECT_EQ(policy.ended(Outcome::failed, at(100)), 5);
+    EXPECT_EQ(policy.ended(Outcome::failed, at(100s)), 5s);
 }
 
 TEST(RetryPolicy, HearsOfAPhoneWhileItSends) {
     RetryPolicy policy = sending();
-    EXPECT_FALSE(policy.heard(at(0)));
+    EXPECT_FALSE(policy.heard(at(0s)));
     EXPECT_EQ(policy.state(), State::hopeful);
-    EXPECT_FALSE(policy.ended(Outcome::failed, at(0)));
+    EXPECT_FALSE(policy.ended(Outcome::failed, at(0s)));
     EXPECT_EQ(policy.state(), State::idle);
 }
 
@@ -152,9 +152,9 @@ TEST(RetryPolicy, KeepsAPauseWhileOthersAreUnderWay) {
     for (const bool isHeard : {false, true}) {
         RetryPolicy policy = sending();
         policy.began();
-        EXPECT_FALSE(policy.ended(Outcome::answered, at(0)));
-        EXPECT_EQ(policy.pause(at(0)), 5) << "what was in doubt is offered again after a pause";
-        EXPECT_FALSE(isHeard ? policy.heard(at(1)) : policy.reasonToHope());
+        EXPECT_FALSE(policy.ended(Outcome::answered, at(0s)));
+        EXPECT_EQ(policy.pause(at(0s)), 5s) << "what was in doubt is offered again after a pause";
+        EXPECT_FALSE(isHeard ? policy.heard(at(1s)) : policy.reasonToHope());
         EXPECT_EQ(policy.state(), State::pausing);
         policy.pauseIsOver();
         EXPECT_EQ(policy.state(), State::sending);
@@ -164,9 +164,9 @@ TEST(RetryPolicy, KeepsAPauseWhileOthersAreUnderWay) {
 
 TEST(RetryPolicy, PausesWhereNothingCouldBegin) {
     RetryPolicy policy;
-    EXPECT_EQ(policy.pause(at(0)), 5);
+    EXPECT_EQ(policy.pause(at(0s)), 5s);
     EXPECT_FALSE(policy.mayBegin());
-    EXPECT_EQ(policy.pause(at(5)), 15);
+    EXPECT_EQ(policy.pause(at(5s)), 15s);
 }
 
 } // namespace

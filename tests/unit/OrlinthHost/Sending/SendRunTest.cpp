@@ -36,8 +36,8 @@ public:
     void connected(const Transfer& transfer) override { add("connected", transfer); }
     void waking(const Transfer& transfer) override { add("waking", transfer); }
     void authenticated(const Transfer& transfer) override { add("authenticated", transfer); }
-    void progress(const Transfer& transfer, std::int64_t sent, std::int64_t total) override {
-        EXPECT_LE(sent, total);
+    void progress(const Transfer& transfer, const Progress& progress) override {
+        EXPECT_LE(progress.done, progress.total);
         progressed.push_back(transfer.number);
     }
     void endSent(const Transfer& transfer) override { add("endSent", transfer); }
@@ -89,8 +89,8 @@ public:
     /// What it answers to an offer instead of taking the file.
     std::optional<Row> answer;
     /// Seconds from the offer to the answer.
-    double thinks = 0;
-    std::map<int, double> thinksLonger; ///< some connections
+    Seconds thinks{0};
+    std::map<int, Seconds> thinksLonger; ///< some connections
 
     std::vector<std::string> names;           ///< of what it has taken
     std::vector<std::string> ids;             ///< that were offered
@@ -130,7 +130,7 @@ private:
         }
         std::int64_t& has = held[offer.transfer_id];
         resumedAt.push_back(has);
-        co_await peer.send(Row::resume(offer.transfer_id, has));
+        co_await peer.send(Row::resume(offer.transfer_id, ByteOffset(has)));
         if (breaksInTheMiddle(number)) {
             const DecodedFrame piece = co_await peer.receive();
             has += static_cast<std::int64_t>(std::get<Bytes>(piece).size());
@@ -188,9 +188,9 @@ protected:
         run_.emplace(home_, world_.computerKey, journal_, SendTimes{}, std::move(paths), std::move(phones), told_);
     }
     /// Runs until it is cancelled, so many seconds from now.
-    void sendUntil(double seconds) {
-        const auto cancelled = [this, seconds]() -> Task<bool> {
-            return platform::endsWithin(world_.clock, seconds, discard(run_->run()));
+    void sendUntil(Seconds time) {
+        const auto cancelled = [this, time]() -> Task<bool> {
+            return platform::endsWithin(world_.clock, time, discard(run_->run()));
         };
         EXPECT_FALSE(world_.run(cancelled()));
     }
@@ -218,7 +218,7 @@ TEST_F(SendRunTest, TellsOneFilesWayInItsOrder) {
 
 TEST_F(SendRunTest, SendsManyFilesOverSeveralConnections) {
     phoneListens();
-    phone_->thinks = 1;
+    phone_->thinks = 1s;
     EXPECT_EQ(send(files(40)), 0);
     EXPECT_THAT(phone_->names, SizeIs(40));
     EXPECT_EQ(phone_->most, PhoneLanes::most);
@@ -230,7 +230,7 @@ TEST_F(SendRunTest, SendsManyFilesOverSeveralConnections) {
 TEST_F(SendRunTest, SendsToEveryPhoneAndKeepsAnIdUntilTheLastHasTheFile) {
     phoneListens();
     tabletListens();
-    tablet_->thinks = 3;
+    tablet_->thinks = 3s;
     EXPECT_EQ(send(files(1), {world_.phoneRecord(), tabletRecord()}), 0);
     EXPECT_THAT(told_.of("delivered"), ElementsAre("delivered 0.txt to Pixel-8", "delivered 0.txt to Tablet"));
     EXPECT_EQ(phone_->ids, tablet_->ids);
@@ -247,7 +247,7 @@ TEST_F(SendRunTest, OnePhoneThatIsNotThereKeepsTheOtherFromNothing) {
 
 TEST_F(SendRunTest, TriesAgainAloneWhatFailedAmongOthers) {
     phoneListens();
-    phone_->thinks = 1;
+    phone_->thinks = 1s;
     phone_->turnsAway = [](int number) { return number == 2; };
     EXPECT_EQ(send(files(12)), 0);
     EXPECT_THAT(told_.of("putBack"), ElementsAre("putBack 2.txt to Pixel-8"));
@@ -257,7 +257,7 @@ TEST_F(SendRunTest, TriesAgainAloneWhatFailedAmongOthers) {
 
 TEST_F(SendRunTest, GoesOnAloneWithWhatBrokeInTheMiddleAmongOthers) {
     phoneListens();
-    phone_->thinks = 1;
+    phone_->thinks = 1s;
     phone_->breaksInTheMiddle = [](int number) { return number == 2; };
     std::vector<std::string> paths = files(3);
     world_.files.put(paths[1], std::string(2'000'000, 'y'));
@@ -280,13 +280,13 @@ TEST_F(SendRunTest, FailsAFileThatBreaksInTheMiddleAlone) {
 
 TEST_F(SendRunTest, CountsWhatWaitsForAnotherAttemptAsCutShortWhenItIsCancelled) {
     phoneListens();
-    phone_->thinks = 1;
+    phone_->thinks = 1s;
     phone_->breaksInTheMiddle = [](int number) { return number == 2; };
     std::vector<std::string> paths = files(4);
     world_.files.put(paths[2], std::string(2'000'000, 'x'));
-    phone_->thinksLonger[1] = 100; // so that the one that broke waits for its turn
+    phone_->thinksLonger[1] = 100s; // so that the one that broke waits for its turn
     make(paths, {world_.phoneRecord()});
-    sendUntil(50);
+    sendUntil(50s);
     EXPECT_THAT(told_.of("delivered"), SizeIs(1));
     EXPECT_THAT(told_.of("putBack"), SizeIs(1));
     EXPECT_THAT(run_->interruption().cutShort, ElementsAre(testing::Field(&SendEvents::Transfer::size, 10),
@@ -334,7 +334,7 @@ TEST_F(SendRunTest, DoesNotOfferAgainWhatHasChangedMeanwhile) {
 
 TEST_F(SendRunTest, SendsTwoFilesOfTheSameNameAndContentOneAfterTheOther) {
     phoneListens();
-    phone_->thinks = 1;
+    phone_->thinks = 1s;
     std::vector<std::string> paths = files(1);
     world_.files.put("/home/ann/other/0.txt", "content 0\n");
     paths.emplace_back("/home/ann/other/0.txt");
@@ -400,9 +400,9 @@ TEST_F(SendRunTest, GivesTenSecondsToWhoConnectsAndDoesNotProveItsKey) {
 
 TEST_F(SendRunTest, SaysWhatWasCutShortWhenItIsCancelled) {
     phoneListens();
-    phone_->thinks = 5;
+    phone_->thinks = 5s;
     make(files(12), {world_.phoneRecord()});
-    sendUntil(7); // the first is there, two are offered
+    sendUntil(7s); // the first is there, two are offered
     EXPECT_THAT(told_.of("delivered"), SizeIs(1));
     EXPECT_THAT(told_.of("failed"), IsEmpty());
     EXPECT_THAT(run_->interruption().cutShort, SizeIs(2));
@@ -415,13 +415,13 @@ TEST_F(SendRunTest, GivesAPhoneASecondToConfirmWhatWasSentWhenItIsCancelled) {
     world_.alongside([](fakes::World& world) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
         const auto offer = co_await phone->expect<Row::FileOffer>();
-        co_await phone->send(Row::resume(offer.transfer_id, 0));
+        co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
         const Bytes data = co_await phone->receiveUntilDone();
-        co_await world.clock.sleep(3.5);
+        co_await world.clock.sleep(3500ms);
         phone->close();
     }(world_));
     make(files(1), {world_.phoneRecord()});
-    sendUntil(3);
+    sendUntil(3s);
     EXPECT_THAT(told_.of("delivered"), SizeIs(1));
     EXPECT_THAT(run_->interruption().cutShort, IsEmpty());
     EXPECT_DOUBLE_EQ(world_.clock.elapsed(), 3.5);
@@ -431,14 +431,14 @@ TEST_F(SendRunTest, DoesNotWaitLongerThanThatWhenItIsCancelled) {
     world_.alongside([](fakes::World& world) -> Task<> {
         const auto phone = co_await ScriptedPeer::accept(world, world.phoneKey);
         const auto offer = co_await phone->expect<Row::FileOffer>();
-        co_await phone->send(Row::resume(offer.transfer_id, 0));
+        co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
         const Bytes data = co_await phone->receiveUntilDone();
-        co_await world.clock.sleep(30);
+        co_await world.clock.sleep(30s);
     }(world_));
     make(files(1), {world_.phoneRecord()});
-    sendUntil(3);
+    sendUntil(3s);
     EXPECT_THAT(run_->interruption().cutShort, SizeIs(1));
-    EXPECT_DOUBLE_EQ(world_.clock.elapsed(), 3 + SendRun::graceSeconds);
+    EXPECT_DOUBLE_EQ(world_.clock.elapsed(), 3 + SendRun::grace.count());
 }
 
 } // namespace

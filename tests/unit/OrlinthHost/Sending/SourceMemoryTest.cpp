@@ -57,7 +57,7 @@ TEST_F(SourceMemoryTest, SeesAChangeBehindWhatTheJournalKnows) {
     memory.remember(before);
     {
         const auto file = world.files.open("/home/ann/big.bin", platform::OpenMode::write); // the same inode and size
-        file->seek(known);
+        file->seek(ByteOffset(static_cast<std::int64_t>(known)));
         file->write(asBytes("two"));
     }
     const std::vector<SourceMemory::Source> after = compared({"/home/ann/big.bin"});

@@ -43,7 +43,7 @@ protected:
         ASSERT_TRUE(borrowed_);
         auto onDelivery = [this](const std::string& who) { deliveries_.push_back(who); };
         door_.emplace(home_, borrowed_->takeListener(), secretOf('s'), std::move(onDelivery));
-        pairing_.emplace(world_.system, secretOf('s'), port, 120, door_->listener());
+        pairing_.emplace(world_.system, secretOf('s'), port, Seconds(120), door_->listener());
         isPairing_ = true;
         platform::spawn(world_.context.get_executor(), awaitPhone(), [this](const std::exception_ptr& error) {
             isPairing_ = false;
@@ -93,7 +93,7 @@ protected:
                 world_.alongside(visitLate(late));
             }
         }
-        pass(1);
+        pass(1s);
         EXPECT_TRUE(isDoorFinished_);
         EXPECT_THAT(late, SizeIs(30));
         return late;
@@ -173,9 +173,9 @@ TEST_F(PairingBesideAServiceTest, IsNotHeldUpByStrangersWhoSayNothing) {
 TEST_F(PairingBesideAServiceTest, LetsGoOfThoseWhoSayNothing) {
     beginPairing();
     const std::unique_ptr<platform::Stream> silent = visit({});
-    pass(PairingDoor::patience - 0.1);
+    pass(PairingDoor::patience - 100ms);
     EXPECT_FALSE(silent->hasEnded());
-    pass(0.2);
+    pass(200ms);
     EXPECT_TRUE(isTurnedAway(*silent));
     EXPECT_TRUE(isPairing_);
 }
@@ -224,7 +224,7 @@ TEST_F(PairingBesideAServiceTest, TurnsAwayASecondPhoneAlsoOnAPortThatStaysOpen)
             }
         }
         endPairing();
-        pass(1);
+        pass(1s);
         for (const std::unique_ptr<platform::Stream>& connection : late) {
             EXPECT_TRUE(isTurnedAway(*connection));
         }

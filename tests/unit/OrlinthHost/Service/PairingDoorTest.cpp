@@ -65,8 +65,8 @@ protected:
         bytes.resize(read);
         co_return bytes;
     }
-    [[nodiscard]] Task<> closeAt(double seconds) {
-        co_await world.clock.sleep(seconds);
+    [[nodiscard]] Task<> closeAt(Seconds time) {
+        co_await world.clock.sleep(time);
         listener->close();
     }
     /// Runs everything that is ready.
@@ -86,7 +86,7 @@ protected:
 
 TEST_F(PairingDoorTest, LetsInThePhoneWithAllThatItHasSaid) {
     const Bytes frame = introduction('s');
-    comes({.data = frame, .connectsAt = 3, .secondsPerByte = 0.01});
+    comes({.data = frame, .connectsAt = 3s, .timePerByte = 10ms});
     const std::unique_ptr<platform::Stream> stream = accept();
     EXPECT_NEAR(world.clock.elapsed(), 3.04, 0.001) << "the length is enough";
     EXPECT_EQ(world.run(readExactly(*stream, 2)), Bytes(frame.begin(), frame.begin() + 2)) << "in any pieces";
@@ -99,9 +99,9 @@ TEST_F(PairingDoorTest, LetsInThePhoneWithAllThatItHasSaid) {
 TEST_F(PairingDoorTest, IsNotHeldUpByThoseWhoSayNothing) {
     std::vector<PairPhone*> silent;
     for (int number = 0; number < 5; ++number) {
-        silent.push_back(&comes({.data = {}, .connectsAt = 1}));
+        silent.push_back(&comes({.data = {}, .connectsAt = 1s}));
     }
-    comes({.data = introduction('s'), .connectsAt = 2});
+    comes({.data = introduction('s'), .connectsAt = 2s});
     const std::unique_ptr<platform::Stream> stream = accept();
     EXPECT_EQ(world.clock.elapsed(), 2);
     settle();
@@ -114,9 +114,9 @@ TEST_F(PairingDoorTest, IsNotHeldUpByThoseWhoSayNothing) {
 }
 
 TEST_F(PairingDoorTest, HasFiveSecondsOfPatience) {
-    const PairPhone& silent = comes({.data = {}, .connectsAt = 1});
-    const PairPhone& slow = comes({.data = Bytes(4, std::byte{0}), .connectsAt = 1, .secondsPerByte = 2});
-    comes({.data = introduction('s'), .connectsAt = 60});
+    const PairPhone& silent = comes({.data = {}, .connectsAt = 1s});
+    const PairPhone& slow = comes({.data = Bytes(4, std::byte{0}), .connectsAt = 1s, .timePerByte = 2s});
+    comes({.data = introduction('s'), .connectsAt = 60s});
     const std::unique_ptr<platform::Stream> stream = accept();
     EXPECT_EQ(world.clock.elapsed(), 60);
     EXPECT_EQ(silent.endedAt, 6);
@@ -129,8 +129,8 @@ TEST_F(PairingDoorTest, HasFiveSecondsOfPatience) {
 
 TEST_F(PairingDoorTest, TurnsAwayAPairedPhoneThatWantsToDeliverAndTellsOfIt) {
     world.network.sources.push_back("192.168.1.9:4");
-    const PairPhone& paired = comes({.data = greeting(), .connectsAt = 1});
-    comes({.data = introduction('s'), .connectsAt = 2});
+    const PairPhone& paired = comes({.data = greeting(), .connectsAt = 1s});
+    comes({.data = introduction('s'), .connectsAt = 2s});
     const std::unique_ptr<platform::Stream> stream = accept();
     EXPECT_THAT(deliveries, ElementsAre("192.168.1.9:4"));
     EXPECT_THAT(paired.received, IsEmpty()) << "an answer would be taken for one of the service";
@@ -142,9 +142,9 @@ TEST_F(PairingDoorTest, TurnsAwayAPairedPhoneThatWantsToDeliverAndTellsOfIt) {
 
 TEST_F(PairingDoorTest, TellsOfFewDeliveriesHoweverManyThereAre) {
     for (int number = 0; number < 3 * limits::linesOfStrangers; ++number) {
-        comes({.data = greeting(), .connectsAt = 1});
+        comes({.data = greeting(), .connectsAt = 1s});
     }
-    comes({.data = introduction('s'), .connectsAt = 2});
+    comes({.data = introduction('s'), .connectsAt = 2s});
     const std::unique_ptr<platform::Stream> stream = accept();
     EXPECT_THAT(deliveries, SizeIs(limits::linesOfStrangers));
     stream->cancel();
@@ -154,8 +154,8 @@ TEST_F(PairingDoorTest, TellsOfFewDeliveriesHoweverManyThereAre) {
 TEST_F(PairingDoorTest, TellsAnIntroductionOfTheSameLengthFromAGreetingByItsSeal) {
     const Bytes ofThisPairing = introduction('s', "text"); // 4 bytes and 28 of the seal
     ASSERT_EQ(ofThisPairing.size(), greeting().size());
-    comes({.data = introduction('x', "text"), .connectsAt = 1}); // of another one
-    comes({.data = ofThisPairing, .connectsAt = 2});
+    comes({.data = introduction('x', "text"), .connectsAt = 1s}); // of another one
+    comes({.data = ofThisPairing, .connectsAt = 2s});
     const std::unique_ptr<platform::Stream> stream = accept();
     EXPECT_EQ(world.clock.elapsed(), 2);
     EXPECT_EQ(world.run(readExactly(*stream, ofThisPairing.size())), ofThisPairing);
@@ -165,7 +165,7 @@ TEST_F(PairingDoorTest, TellsAnIntroductionOfTheSameLengthFromAGreetingByItsSeal
 }
 
 TEST_F(PairingDoorTest, LeavesALongIntroductionThatDoesNotOpenToThePairing) {
-    comes({.data = introduction('x', "longer than four bytes"), .connectsAt = 1});
+    comes({.data = introduction('x', "longer than four bytes"), .connectsAt = 1s});
     const std::unique_ptr<platform::Stream> stream = accept();
     EXPECT_EQ(world.clock.elapsed(), 1);
     stream->cancel();
@@ -175,9 +175,9 @@ TEST_F(PairingDoorTest, LeavesALongIntroductionThatDoesNotOpenToThePairing) {
 TEST_F(PairingDoorTest, ListensToSixtyFourAtOnceAndSendsTheFirstAwayForOneMore) {
     std::vector<PairPhone*> silent;
     for (std::size_t number = 0; number <= PairingDoor::maxVisitors; ++number) {
-        silent.push_back(&comes({.data = {}, .connectsAt = 1 + static_cast<double>(number) / 1000}));
+        silent.push_back(&comes({.data = {}, .connectsAt = 1s + 1ms * number}));
     }
-    comes({.data = introduction('s'), .connectsAt = 2});
+    comes({.data = introduction('s'), .connectsAt = 2s});
     const std::unique_ptr<platform::Stream> stream = accept();
     settle();
     // One more had to go for the phone.
@@ -189,11 +189,11 @@ TEST_F(PairingDoorTest, ListensToSixtyFourAtOnceAndSendsTheFirstAwayForOneMore) 
 }
 
 TEST_F(PairingDoorTest, IsClosedToThoseWhoComeWhenItIsDecided) {
-    comes({.data = introduction('s'), .connectsAt = 1});
-    const PairPhone& late = comes({.data = introduction('s'), .connectsAt = 2});
-    const PairPhone& silent = comes({.data = {}, .connectsAt = 2});
+    comes({.data = introduction('s'), .connectsAt = 1s});
+    const PairPhone& late = comes({.data = introduction('s'), .connectsAt = 2s});
+    const PairPhone& silent = comes({.data = {}, .connectsAt = 2s});
     const std::unique_ptr<platform::Stream> stream = accept();
-    world.run(world.clock.sleep(2));
+    world.run(world.clock.sleep(2s));
     for (const PairPhone* visitor : {&late, &silent}) {
         EXPECT_EQ(visitor->end, End::reset);
         EXPECT_EQ(visitor->endedAt, 2);
@@ -201,14 +201,14 @@ TEST_F(PairingDoorTest, IsClosedToThoseWhoComeWhenItIsDecided) {
     EXPECT_FALSE(stream->hasEnded());
     stream->cancel();
     finish();
-    const PairPhone& later = comes({.data = greeting(), .connectsAt = world.clock.elapsed() + 1});
-    world.run(world.clock.sleep(2));
+    const PairPhone& later = comes({.data = greeting(), .connectsAt = Seconds(world.clock.elapsed()) + 1s});
+    world.run(world.clock.sleep(2s));
     EXPECT_EQ(later.end, End::refused) << "the port can be given back";
 }
 
 TEST_F(PairingDoorTest, EndsThePairingWhoseListenerIsClosed) {
-    const PairPhone& silent = comes({.data = {}, .connectsAt = 1});
-    world.alongside(closeAt(3));
+    const PairPhone& silent = comes({.data = {}, .connectsAt = 1s});
+    world.alongside(closeAt(3s));
     EXPECT_EQ(world.failure<platform::SystemError>(listener->accept(world.context.get_executor())).description(),
               "listener cancelled");
     EXPECT_EQ(world.clock.elapsed(), 3);
@@ -218,22 +218,22 @@ TEST_F(PairingDoorTest, EndsThePairingWhoseListenerIsClosed) {
 
 TEST_F(PairingDoorTest, ClosesAPortAtWhichNobodyHasWaited) {
     finish();
-    const PairPhone& late = comes({.data = introduction('s'), .connectsAt = 1});
-    world.run(world.clock.sleep(2));
+    const PairPhone& late = comes({.data = introduction('s'), .connectsAt = 1s});
+    world.run(world.clock.sleep(2s));
     EXPECT_EQ(late.end, End::refused);
 }
 
 TEST_F(PairingDoorTest, LeavesNothingBehindIfItGoesInTheMiddle) {
-    const PairPhone& silent = comes({.data = {}, .connectsAt = 1});
-    comes({.data = introduction('s'), .connectsAt = 2});
+    const PairPhone& silent = comes({.data = {}, .connectsAt = 1s});
+    comes({.data = introduction('s'), .connectsAt = 2s});
     const std::unique_ptr<platform::Stream> stream = accept();
     listener.reset();
     door.reset();
     settle();
     EXPECT_NE(silent.end, End::none);
     stream->cancel();
-    const PairPhone& late = comes({.data = introduction('s'), .connectsAt = 3});
-    world.run(world.clock.sleep(2));
+    const PairPhone& late = comes({.data = introduction('s'), .connectsAt = 3s});
+    world.run(world.clock.sleep(2s));
     EXPECT_EQ(late.end, End::refused);
 }
 

@@ -10,7 +10,7 @@ namespace {
 
 const platform::Path folder = "/home/ann/Downloads";
 const platform::Path state = "/home/ann/.local/share/Orlinth/partials-reminder.json";
-constexpr double day = 24 * 3600;
+constexpr Seconds day = 24h;
 
 class PartialsReminderTest : public testing::Test {
 protected:
@@ -22,16 +22,17 @@ protected:
     /// An unfinished download that was changed before the tests' time begins.
     void putPartial(const std::string& name, const std::string& content) {
         world_.files.put(folder / (name + ".partial"), content);
-        world_.files.put(folder / (name + ".partial.meta.json"),
-                         compactJson(PartialMeta{TransferId(name), 10, 1, PeerKey("a phone")}.toJson()));
+        world_.files.put(
+            folder / (name + ".partial.meta.json"),
+            compactJson(PartialMeta{TransferId(name), 10, fromEpochMilliseconds(1), PeerKey("a phone")}.toJson()));
     }
-    void run(double seconds) {
+    void run(Seconds time) {
         PartialsReminder reminder(home_, folder, [this](const PartialsReminder::Reminder& told) {
             counts_.push_back(told.count);
             bytes_ = told.bytes;
         });
         reminder.start();
-        world_.run(world_.clock.sleep(seconds));
+        world_.run(world_.clock.sleep(time));
         world_.run(reminder.finish());
     }
 
@@ -44,7 +45,7 @@ protected:
 TEST_F(PartialsReminderTest, RemindsOnceAWeekAlsoAcrossRestarts) {
     putPartial("a", "12345");
     putPartial("b", "123");
-    run(30);
+    run(30s);
     EXPECT_TRUE(counts_.empty()) << "the start is for other things";
     run(3 * day);
     EXPECT_EQ(counts_, std::vector<std::int64_t>{2});
@@ -75,7 +76,7 @@ TEST_F(PartialsReminderTest, RemindsAllTheSameIfItsMemoryIsRuined) {
          {"", "{", "{\"reminded_at_epoch_ms\":9000000000000000000}", "{\"reminded_at_epoch_ms\":\"x\"}"}) {
         counts_.clear();
         world_.files.put(state, text);
-        run(120);
+        run(120s);
         EXPECT_EQ(counts_.size(), 1U) << text;
     }
 }

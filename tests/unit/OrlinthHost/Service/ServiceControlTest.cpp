@@ -112,10 +112,10 @@ TEST_F(ServiceControlTest, AnAnswerThatMakesNoSenseIsAFailure) {
 TEST_F(ServiceControlTest, ARetryReachesTheOutbox) {
     share("a.txt");
     start();
-    pass(1000);
+    pass(1000s);
     world_.alongside(take());
     EXPECT_EQ(true, world_.run(askServiceToRetry(home_, std::nullopt)));
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
     EXPECT_EQ(false, world_.run(askServiceToRetry(home_, BatchId(batch)))) << "it is not there any more";
 }
@@ -124,7 +124,7 @@ TEST_F(ServiceControlTest, ADropIsAnsweredOnceNothingIsLeft) {
     world_.network.makeSilent("203.0.113.2");
     share("a.txt");
     start();
-    pass(1); // it is under way
+    pass(1s); // it is under way
     EXPECT_EQ(true, world_.run(askServiceToDrop(home_, BatchId(batch))));
     EXPECT_FALSE(world_.files.exists(outbox / batch));
     EXPECT_EQ(false, world_.run(askServiceToDrop(home_, BatchId(batch))));
@@ -133,7 +133,7 @@ TEST_F(ServiceControlTest, ADropIsAnsweredOnceNothingIsLeft) {
 TEST_F(ServiceControlTest, ADropThatFailsSaysWhy) {
     share("a.txt");
     start();
-    pass(1);
+    pass(1s);
     world_.files.addFault({.operation = fakes::Operation::remove, .errorNumber = EACCES, .nameEnding = "a.txt"});
     EXPECT_EQ("the running service did not do it: it cannot be removed: Permission denied",
               world_.failure<HostError>(askServiceToDrop(home_, BatchId(batch))).description());
@@ -164,7 +164,7 @@ TEST_F(ServiceControlTest, WhoeverSaysNothingIsLetGoOfAfterFiveSeconds) {
     const std::unique_ptr<platform::Stream> silent = connectToControl();
     const double before = world_.clock.elapsed();
     EXPECT_EQ("{\"error\":\"no answer in time\"}", world_.run(readLine(*silent)));
-    EXPECT_EQ(controlLineSeconds, world_.clock.elapsed() - before);
+    EXPECT_EQ(controlLineLimit.count(), world_.clock.elapsed() - before);
 }
 
 TEST_F(ServiceControlTest, ManyThatSayNothingHoldNobodyUpForLong) {
@@ -175,7 +175,7 @@ TEST_F(ServiceControlTest, ManyThatSayNothingHoldNobodyUpForLong) {
     }
     const std::optional<BorrowedPort> borrowed = borrow();
     ASSERT_TRUE(borrowed);
-    EXPECT_LE(world_.clock.elapsed(), 3 * controlLineSeconds);
+    EXPECT_LE(world_.clock.elapsed(), 3 * controlLineLimit.count());
 }
 
 // Loans
@@ -220,14 +220,14 @@ TEST_F(ServiceControlTest, ABorrowerThatVanishesGivesThePortBack) {
         ASSERT_EQ("lent", events_.all.back());
         stream->abort();
         listener.reset();
-        pass(2);
+        pass(2s);
         expectBackAtWork();
     }
     {
         const std::unique_ptr<platform::Stream> stream = connectToControl();
         world_.run(write(*stream, lendPort)); // and is gone before it is answered
     }
-    pass(2);
+    pass(2s);
     expectBackAtWork();
 }
 
@@ -269,13 +269,13 @@ TEST_F(ServiceControlTest, APortThatSomebodyElseHasMeanwhileIsTakenAsSoonAsItIsF
     std::unique_ptr<platform::Listener> other = // the moment in which nobody has it
         world_.network.listen({.port = port, .keepAlive = std::nullopt}, world_.context.get_executor());
     borrowed.reset();
-    pass(10);
+    pass(10s);
     EXPECT_EQ(1,
               std::ranges::count_if(events_.all, [](const std::string& text) { return text.starts_with("missing: "); }))
         << "told once";
     EXPECT_EQ(0, events_.count("returned"));
     other.reset();
-    pass(1);
+    pass(1s);
     EXPECT_EQ(1, events_.count("returned"));
     expectBackAtWork();
 }

@@ -44,7 +44,7 @@ protected:
         const auto tablet = co_await acceptOnTheTablet(stream);
         const auto offer = co_await tablet->expect<Row::FileOffer>();
         transferId_ = offer.transfer_id;
-        co_await tablet->send(Row::resume(offer.transfer_id, 0));
+        co_await tablet->send(Row::resume(offer.transfer_id, ByteOffset()));
         const DecodedFrame piece = co_await tablet->receive();
         tabletHas_ = static_cast<std::int64_t>(std::get<Bytes>(piece).size());
         stream->abort();
@@ -54,13 +54,13 @@ protected:
         const auto tablet = co_await acceptOnTheTablet(stream);
         const auto offer = co_await tablet->expect<Row::FileOffer>();
         EXPECT_EQ(transferId_, offer.transfer_id);
-        co_await tablet->send(Row::resume(offer.transfer_id, tabletHas_));
+        co_await tablet->send(Row::resume(offer.transfer_id, ByteOffset(tabletHas_)));
         const Bytes rest = co_await tablet->receiveUntilDone();
         tabletHas_ += static_cast<std::int64_t>(rest.size());
         tablet->close();
     }
-    [[nodiscard]] Task<bool> answerAfter(double seconds, bool isYes) {
-        co_await world_.clock.sleep(seconds);
+    [[nodiscard]] Task<bool> answerAfter(Seconds time, bool isYes) {
+        co_await world_.clock.sleep(time);
         co_return isYes;
     }
     /// While the events are being finished: what is over by then, and what is not.
@@ -68,7 +68,7 @@ protected:
         EXPECT_FALSE(world_.unixSockets.isOpen(controlPath));
         EXPECT_TRUE(world_.files.isLocked(dataFolder / "service.lock"));
         const int before = alive;
-        co_await world_.clock.sleep(10);
+        co_await world_.clock.sleep(10s);
         EXPECT_LT(before, alive) << "that it is alive is said until the last moment";
         EXPECT_TRUE(outboxEvents_.of(What::waiting).empty()) << "the send was cut off, which is no failure";
     }
@@ -197,18 +197,18 @@ TEST_F(ServiceTest, APhoneRemovesThisComputer) {
     world_.network.makeSilent("203.0.113.2"); // it cannot be reached
     share("a.txt");
     start();
-    pass(1);
+    pass(1s);
     ASSERT_THAT(world_.files.content(container / "peers.json").value_or(""), HasSubstr("Pixel-8"));
     const auto from = phone();
     world_.run(from->send(Row::unpair()));
-    pass(1);
+    pass(1s);
     EXPECT_THAT(paired(), IsEmpty());
     ASSERT_EQ(1U, events_.outcomes.size());
     EXPECT_TRUE(std::get<Receiver::Unpair>(events_.outcomes[0]).isForgotten);
     EXPECT_THAT(world_.files.content(container / "peers.json").value_or(""), testing::Not(HasSubstr("Pixel-8")))
         << "the share sheet does not offer it any more";
     world_.folders.change(dataFolder); // the peer store has changed
-    pass(1);
+    pass(1s);
     ASSERT_EQ(1U, outboxEvents_.of(What::phoneFailed).size()) << "nothing is sent to it any more";
     EXPECT_THAT(outboxEvents_.of(What::phoneFailed)[0].message, HasSubstr("is not paired any more"));
     const auto again = phone();
@@ -222,7 +222,7 @@ TEST_F(ServiceTest, ARemovedPhoneIsTold) {
     const auto from = phone();
     static_cast<void>(world_.run(from->expect<Row::Unpair>()));
     from->close();
-    pass(1);
+    pass(1s);
     ASSERT_EQ(1U, events_.outcomes.size());
     EXPECT_EQ(world_.phoneKey.publicKey().peerKey(), std::get<Receiver::UnpairReplied>(events_.outcomes[0]).peerKey);
     EXPECT_EQ(0, events_.count("authenticated Pixel-8, phones 0"));
@@ -266,7 +266,7 @@ TEST_F(ServiceTest, TakesWhatSomebodySaysYesTo) {
     std::vector<std::string> asked;
     settings_.approveOffer = [this, &asked](const Receiver::Offer& offer) {
         asked.push_back(offer.name + " of " + offer.from);
-        return answerAfter(30, offer.name == "a.txt");
+        return answerAfter(30s, offer.name == "a.txt");
     };
     start();
     deliver("a.txt");
@@ -296,11 +296,11 @@ TEST_F(ServiceTest, DeclinesWhatIsLargerThanTheLimit) {
 
 TEST_F(ServiceTest, SendsWhatIsInTheOutbox) {
     start();
-    pass(1);
+    pass(1s);
     world_.alongside(take());
     share("a.txt");
     ring();
-    pass(1);
+    pass(1s);
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
     EXPECT_EQ(1U, outboxEvents_.of(What::sent).size());
     EXPECT_FALSE(world_.files.exists(outbox / batch));
@@ -309,11 +309,11 @@ TEST_F(ServiceTest, SendsWhatIsInTheOutbox) {
 TEST_F(ServiceTest, SendsAtOnceToAPhoneThatIsHeardOf) {
     share("a.txt");
     start();
-    pass(1000); // in the middle of a long pause
+    pass(1000s); // in the middle of a long pause
     ASSERT_FALSE(outboxEvents_.of(What::waiting).empty());
     world_.alongside(take());
     deliver("b.txt");
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
 }
 
@@ -321,13 +321,13 @@ TEST_F(ServiceTest, SendsAtOnceToAPhoneWhoseRecordChanges) {
     share("a.txt");
     world_.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world_.clock);
     start();
-    pass(1000);
+    pass(1000s);
     world_.alongside(take());
     PeerRecord moved = world_.phoneRecord();
     moved.peer_ip = "203.0.113.9";
     pair({moved});
     world_.folders.change(dataFolder);
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
 }
 
@@ -343,7 +343,7 @@ TEST_F(ServiceTest, OnePhonesSuccessLeavesAnotherItsResume) {
     world_.alongside(take());
     world_.alongside(takeOnePieceOnTheTablet());
     start();
-    pass(1);
+    pass(1s);
     ASSERT_THAT(taken_, testing::SizeIs(1));
     ASSERT_GT(tabletHas_, 0);
     ASSERT_EQ(1U, outboxEvents_.of(What::waiting).size());
@@ -351,12 +351,12 @@ TEST_F(ServiceTest, OnePhonesSuccessLeavesAnotherItsResume) {
     EXPECT_TRUE(world_.files.exists(outbox / batch / "a.bin"));
     const std::int64_t before = tabletHas_;
     world_.alongside(takeTheRestOnTheTablet());
-    pass(10);
+    pass(10s);
     EXPECT_EQ(size, tabletHas_);
     const auto sent = outboxEvents_.of(What::sent);
     ASSERT_EQ(2U, sent.size()) << "the phone gets nothing twice";
     EXPECT_EQ("Tablet", sent[1].to);
-    EXPECT_EQ(before, sent[1].resumedFromOffset);
+    EXPECT_EQ(ByteOffset(before), sent[1].resumedFromOffset);
     EXPECT_FALSE(world_.files.exists(outbox / batch));
     EXPECT_THAT(taken_, testing::SizeIs(1));
 }
@@ -365,22 +365,22 @@ TEST_F(ServiceTest, OnePhonesSuccessLeavesAnotherItsResume) {
 
 TEST_F(ServiceTest, KeepsTheShareSheetsListInStep) {
     start();
-    pass(1);
+    pass(1s);
     PeerRecord tablet = world_.phoneRecord();
     tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
     tablet.peer_hostname = "Tablet";
     pair({world_.phoneRecord(), tablet});
     world_.folders.change(dataFolder);
-    pass(0.1);
+    pass(100ms);
     EXPECT_THAT(world_.files.content(container / "peers.json").value_or(""), HasSubstr("Tablet"));
 }
 
 TEST_F(ServiceTest, SaysToWhoeverManagesItThatItIsAlive) {
     int alive = 0;
-    settings_.watchdogSeconds = 30;
+    settings_.watchdogInterval = 30s;
     settings_.watchdog.onAlive = [&alive] { ++alive; };
     start();
-    pass(60);
+    pass(60s);
     EXPECT_GE(alive, 4);
     const int before = alive;
     stop();
@@ -395,9 +395,9 @@ TEST_F(ServiceTest, ReportsUnfinishedDownloadsOfItsFolder) {
     world_.run(from->sendBinary(toBytes(std::string("half"))));
     settle();
     from->close(); // and nothing has come of it for long: files in memory are old
-    pass(PartialsReminder::firstLookSeconds - 1);
+    pass(PartialsReminder::firstLookDelay - 1s);
     EXPECT_EQ(0, events_.count("unfinished 1 in /home/ann/Downloads"));
-    pass(2);
+    pass(2s);
     EXPECT_EQ(1, events_.count("unfinished 1 in /home/ann/Downloads"));
 }
 
@@ -424,10 +424,10 @@ TEST_F(ServiceTest, SomebodyWhoLooksWhetherItRunsDoesNotKeepItFromStarting) {
     ASSERT_TRUE(look->tryLock());
     start();
     EXPECT_THAT(events_.all, IsEmpty()) << "it waits";
-    pass(0.05);
+    pass(50ms);
     look.reset();
     world_.folders.change(dataFolder);
-    pass(0.01);
+    pass(10ms);
     EXPECT_EQ(1, events_.count("listening 7100, phones 1"));
 }
 
@@ -482,10 +482,10 @@ TEST_F(ServiceTest, EndsInOrder) {
     world_.network.makeSilent("203.0.113.2");
     share("a.txt");
     int alive = 0;
-    settings_.watchdogSeconds = 1;
+    settings_.watchdogInterval = 1s;
     settings_.watchdog.onAlive = [&alive] { ++alive; };
     start();
-    pass(1); // a file is under way to a phone
+    pass(1s); // a file is under way to a phone
     const auto from = phone();
     world_.run(from->send(Row::fileOffer("b.txt", 10, "text/plain", "ID")));
     static_cast<void>(world_.run(from->expect<Row::Resume>()));
@@ -511,10 +511,10 @@ TEST_F(ServiceTest, EndsInOrder) {
 TEST_F(ServiceTest, EndsInTheSameOrderWhenItsPortFails) {
     share("a.txt");
     start();
-    pass(1);
+    pass(1s);
     world_.network.acceptErrno = EBADF;
     static_cast<void>(world_.run(world_.network.connect("203.0.113.1", port, world_.context.get_executor())));
-    pass(1);
+    pass(1s);
     EXPECT_TRUE(hasEnded_);
     EXPECT_THAT(problem(), HasSubstr("Bad file descriptor"));
     EXPECT_EQ("stopping", events_.all.at(events_.all.size() - 2));

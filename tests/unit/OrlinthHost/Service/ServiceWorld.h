@@ -154,7 +154,7 @@ protected:
         world_.context.restart();
         world_.context.poll();
     }
-    void pass(double seconds) { world_.run(world_.clock.sleep(seconds)); }
+    void pass(Seconds time) { world_.run(world_.clock.sleep(time)); }
 
     /// A phone in the same network that has shaken hands.
     [[nodiscard]] std::unique_ptr<ScriptedPeer> connectAs(const platform::PrivateKey& key) {
@@ -184,8 +184,10 @@ protected:
     /// A batch of one file, complete, without anybody being told; for the only phone, or for these.
     void share(const std::string& name, std::optional<std::vector<PeerKey>> phones = std::nullopt) {
         world_.files.put(outbox / batch / name, "content of " + name);
-        const ShareOutbox::Manifest manifest{
-            .id = batch, .createdAtMs = 1000, .files = {name}, .targetPubkeys = std::move(phones)};
+        const ShareOutbox::Manifest manifest{.id = batch,
+                                             .createdAtMs = fromEpochMilliseconds(1000),
+                                             .files = {name},
+                                             .targetPubkeys = std::move(phones)};
         world_.files.put(outbox / batch / "manifest.json", compactJson(manifest.toJson()));
     }
     void ring() { ShareOutbox::postPending(world_.busSignals); }
@@ -193,7 +195,7 @@ protected:
     [[nodiscard]] Task<> take() {
         const auto at = co_await ScriptedPeer::accept(world_, world_.phoneKey);
         const auto offer = co_await at->expect<Row::FileOffer>();
-        co_await at->send(Row::resume(offer.transfer_id, 0));
+        co_await at->send(Row::resume(offer.transfer_id, ByteOffset()));
         const Bytes data = co_await at->receiveUntilDone();
         taken_.push_back(toText(data));
         at->close();

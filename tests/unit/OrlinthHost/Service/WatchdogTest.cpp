@@ -15,10 +15,10 @@ using testing::IsEmpty;
 
 class WatchdogTest : public testing::Test {
 protected:
-    void pass(double seconds) { fakes::runVirtual(world_.context, world_.clock, world_.clock.sleep(seconds)); }
+    void pass(Seconds time) { fakes::runVirtual(world_.context, world_.clock, world_.clock.sleep(time)); }
     /// "NAME SECONDS" of each thread that is reported meanwhile.
-    [[nodiscard]] std::vector<std::string> lateWhile(double seconds) {
-        pass(seconds);
+    [[nodiscard]] std::vector<std::string> lateWhile(Seconds time) {
+        pass(time);
         return std::exchange(late_, {});
     }
 
@@ -30,7 +30,7 @@ protected:
     Watchdog::Callbacks callbacks_{.onLate =
                                        [this](const platform::LateQueue& late) {
                                            late_.push_back(late.label + " " +
-                                                           std::to_string(std::lround(late.seconds)));
+                                                           std::to_string(std::lround(late.silence.count())));
                                        },
                                    .onMoreLate = [this](std::int64_t count) { more_ += count; },
                                    .onAlive = [this] { ++alive_; }};
@@ -39,15 +39,15 @@ protected:
 TEST_F(WatchdogTest, ReportsAThreadOnceWhileItHangs) {
     Watchdog watchdog(home_, std::nullopt, callbacks_);
     watchdog.start();
-    EXPECT_THAT(lateWhile(10), IsEmpty());
-    world_.queues.late = {{.label = "orlinth.receiver.connection", .seconds = 2.2, .thread = 1}};
-    EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2"));
-    world_.queues.late.push_back({.label = "orlinth.receiver.records", .seconds = 2.1, .thread = 2});
-    EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.records 2"));
+    EXPECT_THAT(lateWhile(10s), IsEmpty());
+    world_.queues.late = {{.label = "orlinth.receiver.connection", .silence = 2200ms, .thread = 1}};
+    EXPECT_THAT(lateWhile(10s), ElementsAre("orlinth.receiver.connection 2"));
+    world_.queues.late.push_back({.label = "orlinth.receiver.records", .silence = 2100ms, .thread = 2});
+    EXPECT_THAT(lateWhile(10s), ElementsAre("orlinth.receiver.records 2"));
     world_.queues.late.clear();
-    EXPECT_THAT(lateWhile(60), IsEmpty());
-    world_.queues.late = {{.label = "again", .seconds = 3}};
-    EXPECT_THAT(lateWhile(1), ElementsAre("again 3"));
+    EXPECT_THAT(lateWhile(60s), IsEmpty());
+    world_.queues.late = {{.label = "again", .silence = 3s}};
+    EXPECT_THAT(lateWhile(1s), ElementsAre("again 3"));
     world_.run(watchdog.finish());
     EXPECT_EQ(0, alive_) << "nobody wants to hear it";
 }
@@ -56,29 +56,29 @@ TEST_F(WatchdogTest, ReportsAThreadThatBecomesLateWhenAnotherOneHasRecovered) {
     constexpr const char* connection = "orlinth.receiver.connection";
     Watchdog watchdog(home_, std::nullopt, callbacks_);
     watchdog.start();
-    world_.queues.late = {{.label = connection, .seconds = 2.2, .thread = 1}};
-    EXPECT_THAT(lateWhile(2), ElementsAre("orlinth.receiver.connection 2"));
-    world_.queues.late = {{.label = connection, .seconds = 2.1, .thread = 2}}; // between two looks
-    EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2"));
-    world_.queues.late = {{.label = connection, .seconds = 9, .thread = 2},
-                          {.label = connection, .seconds = 2.3, .thread = 1}};
-    EXPECT_THAT(lateWhile(10), ElementsAre("orlinth.receiver.connection 2")) << "the first one again, and only that";
+    world_.queues.late = {{.label = connection, .silence = 2200ms, .thread = 1}};
+    EXPECT_THAT(lateWhile(2s), ElementsAre("orlinth.receiver.connection 2"));
+    world_.queues.late = {{.label = connection, .silence = 2100ms, .thread = 2}}; // between two looks
+    EXPECT_THAT(lateWhile(10s), ElementsAre("orlinth.receiver.connection 2"));
+    world_.queues.late = {{.label = connection, .silence = 9s, .thread = 2},
+                          {.label = connection, .silence = 2300ms, .thread = 1}};
+    EXPECT_THAT(lateWhile(10s), ElementsAre("orlinth.receiver.connection 2")) << "the first one again, and only that";
     world_.run(watchdog.finish());
 }
 
 TEST_F(WatchdogTest, TellsTheServiceManagerOnlyWhileAllThreadsAnswer) {
-    Watchdog watchdog(home_, 8.0, callbacks_);
+    Watchdog watchdog(home_, 8s, callbacks_);
     watchdog.start();
-    pass(20.2);
+    pass(20200ms);
     EXPECT_EQ(11, alive_) << "four times as often as it must";
-    world_.queues.late = {{.label = "x", .seconds = 3.9}};
-    pass(20);
+    world_.queues.late = {{.label = "x", .silence = 3900ms}};
+    pass(20s);
     EXPECT_EQ(21, alive_) << "a slow disk is no hang";
-    world_.queues.late = {{.label = "x", .seconds = 4}};
-    pass(20);
+    world_.queues.late = {{.label = "x", .silence = 4s}};
+    pass(20s);
     EXPECT_EQ(21, alive_);
     world_.queues.late.clear();
-    pass(1);
+    pass(1s);
     EXPECT_EQ(22, alive_) << "at once when they answer again";
     world_.run(watchdog.finish());
 }
@@ -87,12 +87,12 @@ TEST_F(WatchdogTest, ReportsAFewThreadsAMinuteAndCountsTheOthers) {
     Watchdog watchdog(home_, std::nullopt, callbacks_);
     watchdog.start();
     for (std::size_t number = 0; number < 100; ++number) {
-        world_.queues.late.push_back({.label = "x", .seconds = 3, .thread = number});
+        world_.queues.late.push_back({.label = "x", .silence = 3s, .thread = number});
     }
-    pass(1);
+    pass(1s);
     EXPECT_EQ(late_.size(), static_cast<std::size_t>(limits::linesOfStrangers));
     EXPECT_EQ(more_, 0);
-    pass(60);
+    pass(60s);
     EXPECT_EQ(late_.size() + static_cast<std::size_t>(more_), 100U);
     world_.run(watchdog.finish());
 }
