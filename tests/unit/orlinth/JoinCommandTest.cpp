@@ -162,6 +162,7 @@ TEST_F(JoinCommandTest, RefusesAPayloadThatNamesNobodyBeforeItConnects) {
         const Ended ended = joinByFile({"--yes", "--json"});
         EXPECT_THAT(ended.failure(), StartsWith("orlinth: not a usable pairing code: "));
         EXPECT_THAT(ended.names(), ElementsAre("error"));
+        EXPECT_EQ(ended.errors.size(), 2U) << "nothing of the payload is shown before it was checked";
         expectNothingRecorded(ended, ended.failure().substr(9),
                               "Run `orlinth pair` on the other computer again, and use its new code.");
     }

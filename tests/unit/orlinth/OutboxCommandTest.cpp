@@ -141,6 +141,11 @@ TEST_F(OutboxCommandTest, RetriesWithoutAServiceOnceOneRuns) {
     EXPECT_THAT(outbox().output, testing::EndsWith("\n  to Pixel-8: 0 sent, 2 waiting\n"));
 }
 
+TEST_F(OutboxCommandTest, SaysOfAllThatWaitsThatNoServiceRuns) {
+    put(first);
+    EXPECT_THAT(outbox({"retry"}).errors, ElementsAre(notRunning));
+}
+
 TEST_F(OutboxCommandTest, BringsBackWhatWasSetAside) {
     put(first, true);
     EXPECT_EQ(outbox({"retry", first}).status, 0);
@@ -157,6 +162,7 @@ TEST_F(OutboxCommandTest, LeavesRetryingToARunningService) {
     EXPECT_THAT(one.errors, ElementsAre("The service is trying again now."));
     const Ended all = outbox({"retry", "--json"});
     EXPECT_THAT(all.events(), ElementsAre(Json({{"event", "retry"}, {"service_running", true}})));
+    EXPECT_THAT(all.errors, ElementsAre("The service is trying again now."));
     EXPECT_THAT(asked, ElementsAre(asking("outbox_retry", first), R"({"request":"outbox_retry"})"));
 }
 
