@@ -31,7 +31,7 @@ SHELL = """
 import os, signal, socket, subprocess, sys
 signal.signal(signal.SIGTTOU, signal.SIG_IGN)
 orders = socket.socket(fileno=int(sys.argv[1]))
-program = subprocess.Popen(sys.argv[2:], process_group=0)
+program = subprocess.Popen(["setpriv", "--pdeathsig", "TERM", *sys.argv[2:]], process_group=0)
 os.tcsetpgrp(0, program.pid)
 while order := orders.recv(1):
     if order == b"r":

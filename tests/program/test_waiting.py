@@ -8,6 +8,7 @@ import time
 import types
 import unittest
 
+import own_environment  # noqa: F401 (it is entered by the import)
 import waiting
 
 PATIENCE = 60

@@ -108,7 +108,7 @@ TEST_P(AbortiveClose, IsWhatTheSenderSeesOfTheService) {
 /// Runs the one-file receiver beside the test until it ends.
 Task<> receiveOnce(ReceiverWorld& world, std::string& outcome) {
     ReceiveRequest request{.staticKey = world.computerKey,
-                           .expectedPeerKey = world.phoneKey.publicKey(),
+                           .expectedPeerPubkey = world.phoneKey.publicKey(),
                            .downloadsDir = folder,
                            .port = ReceiverWorld::port};
     try {
@@ -165,7 +165,7 @@ TEST_F(OrderlyClose, FollowsARefusal) {
 TEST_F(OrderlyClose, FollowsTheFarewellOfAPhoneThatWasRemoved) {
     world.start();
     const auto phone = world.phone();
-    world.receiver->setRemovedPeerKeys({world.phoneKey.publicKey()});
+    world.receiver->setRemovedPeerPubkeys({world.phoneKey.publicKey()});
     world.send(*phone, Row::fileOffer("a.txt", 10, "text/plain", "ID-1"));
     world.run(phone->expect<Row::Unpair>());
     EXPECT_EQ(endOf(*phone), orderly);

@@ -47,7 +47,7 @@ protected:
     /// The one-file receiver, beside the test.
     static Task<> receive(ReceiverWorld& world, ReceiveProgress& progress, std::optional<ReceivedFile>& received) {
         ReceiveRequest request{.staticKey = world.computerKey,
-                               .expectedPeerKey = world.phoneKey.publicKey(),
+                               .expectedPeerPubkey = world.phoneKey.publicKey(),
                                .downloadsDir = folder,
                                .port = ReceiverWorld::port,
                                .progress = &progress};

@@ -49,7 +49,7 @@ protected:
 
     ReceiveRequest request(Seconds acceptTimeout = 0s) {
         return {.staticKey = world.computerKey,
-                .expectedPeerKey = world.phoneKey.publicKey(),
+                .expectedPeerPubkey = world.phoneKey.publicKey(),
                 .downloadsDir = folder,
                 .port = port,
                 .acceptTimeout = acceptTimeout};
@@ -248,7 +248,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
             first.files.crashAfter(cut);
             Script script{.frames = {offer("a.txt"), "01234", "56789", Row::done()}};
             ReceiveRequest once{.staticKey = first.computerKey,
-                                .expectedPeerKey = first.phoneKey.publicKey(),
+                                .expectedPeerPubkey = first.phoneKey.publicKey(),
                                 .downloadsDir = folder,
                                 .port = port};
             first.alongside([](World& theWorld, Script& what) -> Task<> {
@@ -276,7 +276,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
             World second;
             platform::System onTheDisk = second.systemOn(*left);
             ReceiveRequest again{.staticKey = second.computerKey,
-                                 .expectedPeerKey = second.phoneKey.publicKey(),
+                                 .expectedPeerPubkey = second.phoneKey.publicKey(),
                                  .downloadsDir = folder,
                                  .port = port};
             second.alongside([](World& theWorld) -> Task<> {
@@ -303,7 +303,7 @@ TEST_F(ReceiveTransfer, CutAnywhereOnTheDiskLeavesNoWrongByteUnderAFinalNameAndF
 
 TEST_F(ReceiveTransfer, RefusesAPhoneWithAnotherKeyWithoutAnyFrame) {
     ReceiveRequest other = request();
-    other.expectedPeerKey = platform::PrivateKey::generate().publicKey();
+    other.expectedPeerPubkey = platform::PrivateKey::generate().publicKey();
     Script script{.frames = {}};
     world.alongside(later(script));
     const auto error = world.failure<ReceiveError>(receiveOneTransfer(world.system, std::move(other)));
@@ -458,7 +458,7 @@ TEST_F(ReceiveTransfer, CountsItsDurationFromTheOffer) {
         co_await phone->send(Row::done());
         static_cast<void>(co_await phone->seesTheEnd());
     }(world));
-    EXPECT_DOUBLE_EQ(world.run(receive()).duration.count(), 3);
+    EXPECT_DOUBLE_EQ(world.run(receive()).durationSeconds.count(), 3);
 }
 
 TEST_F(ReceiveTransfer, ReportsAPartialThatCannotBeSought) {

@@ -280,8 +280,8 @@ TEST_F(ReceiverFrames, AStrangerGetsNoFrameAndTheNextConnectionIsServed) {
 
 TEST_F(ReceiverFrames, ARemovedPhoneGetsExactlyOneUnpairAndNoFrameOfItIsRead) {
     Receiver& receiver = world.start();
-    receiver.setRemovedPeerKeys({world.phoneKey.publicKey()}); // still among the expected ones
-    EXPECT_EQ(receiver.removedPeerKeys().size(), 1U);
+    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()}); // still among the expected ones
+    EXPECT_EQ(receiver.removedPeerPubkeys().size(), 1U);
     const auto phone = world.run(ScriptedPeer::connect(world, ReceiverWorld::port, world.phoneKey));
     world.run(phone->send(Row::clipboard("not for you", "text/plain")));
     world.run(phone->send(Row::unpair()));
@@ -300,8 +300,8 @@ TEST_F(ReceiverFrames, ARemovedPhoneGetsExactlyOneUnpairAndNoFrameOfItIsRead) {
 
 TEST_F(ReceiverFrames, ARemovedPhoneThatDoesNotHangUpIsHungUpOnAfterFiveSeconds) {
     Receiver& receiver = world.start();
-    receiver.setExpectedPeerKeys({});
-    receiver.setRemovedPeerKeys({world.phoneKey.publicKey()});
+    receiver.setExpectedPeerPubkeys({});
+    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
     const auto phone = world.phone();
     world.pass(4900ms);
     EXPECT_EQ(world.ends(), 0U);
@@ -316,10 +316,10 @@ TEST_F(ReceiverFrames, APhoneThatIsRemovedWhileItIsConnectedCannotDeliverAnyMore
                                                    Row::clipboard("too late", "text/plain"), Row::setName("too late"),
                                                    Row::tokenUpdate("too late")};
     for (const TransportMessage& delivery : deliveries) {
-        receiver.setRemovedPeerKeys({});
+        receiver.setRemovedPeerPubkeys({});
         const auto phone = world.phone();
         world.send(*phone, Row::tokenUpdate("keeps it busy"));
-        receiver.setRemovedPeerKeys({world.phoneKey.publicKey()});
+        receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
         const std::size_t before = world.syncs.size();
         world.run(phone->send(delivery));
         static_cast<void>(world.run(phone->expect<Row::Unpair>()));
@@ -336,7 +336,7 @@ TEST_F(ReceiverFrames, APhoneThatNobodyKnowsAnyMoreWhileItIsConnectedIsUnauthori
     Receiver& receiver = world.start();
     const auto phone = world.phone();
     world.settle();
-    receiver.setExpectedPeerKeys({});
+    receiver.setExpectedPeerPubkeys({});
     world.run(phone->send(Row::clipboard("too late", "text/plain")));
     EXPECT_TRUE(world.seesTheEnd(*phone));
     EXPECT_TRUE(world.clips.empty());
@@ -346,28 +346,28 @@ TEST_F(ReceiverFrames, APhoneThatNobodyKnowsAnyMoreWhileItIsConnectedIsUnauthori
 TEST_F(ReceiverFrames, KeysSetWhileItRunsCountForTheNextConnection) {
     Receiver& receiver = world.start();
     const platform::PrivateKey fresh = platform::PrivateKey::generate();
-    receiver.setExpectedPeerKeys({fresh.publicKey()});
+    receiver.setExpectedPeerPubkeys({fresh.publicKey()});
     EXPECT_TRUE(world.seesTheEnd(*world.phone()));
     const auto added = world.connectAs(fresh);
     world.offer(*added, "a.txt", 0);
-    receiver.setExpectedPeerKeys({});
+    receiver.setExpectedPeerPubkeys({});
     world.send(*added, Row::done());
     ASSERT_EQ(world.transfers.size(), 1U) << "who is there already may finish";
     EXPECT_EQ(world.transfers[0].from, "(unknown peer)");
     EXPECT_TRUE(world.seesTheEnd(*world.connectAs(fresh)));
-    receiver.setRemovedPeerKeys({world.phoneKey.publicKey()});
-    receiver.setRemovedPeerKeys({});
-    receiver.setExpectedPeerKeys({world.phoneKey.publicKey()});
+    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
+    receiver.setRemovedPeerPubkeys({});
+    receiver.setExpectedPeerPubkeys({world.phoneKey.publicKey()});
     static_cast<void>(world.offer(*world.phone(), "b.txt", 0));
 }
 
 TEST_F(ReceiverFrames, TheHostMayRenewTheListsBeforeAKeyIsLookedUp) {
     Receiver& receiver = world.make();
-    receiver.setExpectedPeerKeys({});
+    receiver.setExpectedPeerPubkeys({});
     int asked = 0;
     receiver.beforeAuthorising = [&] {
         ++asked;
-        receiver.setExpectedPeerKeys({world.phoneKey.publicKey()});
+        receiver.setExpectedPeerPubkeys({world.phoneKey.publicKey()});
     };
     world.start();
     const auto phone = world.phone();
@@ -520,7 +520,7 @@ protected:
 
     static Task<> receive(ReceiverWorld& world) {
         ReceiveRequest request{.staticKey = world.computerKey,
-                               .expectedPeerKey = world.phoneKey.publicKey(),
+                               .expectedPeerPubkey = world.phoneKey.publicKey(),
                                .downloadsDir = folder,
                                .port = ReceiverWorld::port};
         try {

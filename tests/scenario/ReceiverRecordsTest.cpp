@@ -407,11 +407,11 @@ INSTANTIATE_TEST_SUITE_P(Addresses, ReceiverAddress,
 TEST_F(ReceiverRecords, AStrangersAndARemovedPhonesAddressesAreNotTakenOver) {
     world.putPeers({world.phoneRecord()});
     Receiver& receiver = world.start();
-    receiver.setRemovedPeerKeys({world.phoneKey.publicKey()});
+    receiver.setRemovedPeerPubkeys({world.phoneKey.publicKey()});
     const auto removed = world.phone();
     removed->close();
-    receiver.setRemovedPeerKeys({});
-    receiver.setExpectedPeerKeys({});
+    receiver.setRemovedPeerPubkeys({});
+    receiver.setExpectedPeerPubkeys({});
     const auto unknown = world.phone();
     world.settle();
     EXPECT_EQ(world.onlyPeer(), world.phoneRecord());
@@ -495,7 +495,7 @@ TEST_F(ReceiverApproval, CountsToTheDurationWhichBeginsWithTheOffer) {
     world.pass(2s);
     world.send(*phone, Row::done());
     ASSERT_EQ(world.transfers.size(), 1U);
-    EXPECT_NEAR(world.transfers[0].file.duration.count(), 22, 0.1);
+    EXPECT_NEAR(world.transfers[0].file.durationSeconds.count(), 22, 0.1);
 }
 
 TEST_F(ReceiverApproval, AYesForAFewBytesDeliversNothingLargerThatIsHereAlready) {

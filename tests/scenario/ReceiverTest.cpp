@@ -405,7 +405,7 @@ FolderState throughOneShots(const std::vector<Delivery>& deliveries) {
             try {
                 static_cast<void>(
                     co_await receiveOneTransfer(theWorld.system, {.staticKey = theWorld.computerKey,
-                                                                  .expectedPeerKey = theWorld.phoneKey.publicKey(),
+                                                                  .expectedPeerPubkey = theWorld.phoneKey.publicKey(),
                                                                   .downloadsDir = folder,
                                                                   .port = ReceiverWorld::port}));
             } catch (const WireConnection::Error&) {

@@ -74,7 +74,7 @@ protected:
     }
 
     SendRequest request(const std::string& path = "/home/ann/a.txt") {
-        return {.filePath = path,
+        return {.fileURL = path,
                 .journal = journal,
                 .terms = {.peer = world.phoneRecord(),
                           .staticKey = world.computerKey,
@@ -482,7 +482,7 @@ TEST_F(SendTransfer, WaitsForTheAnswerAsLongAsAPersonTakes) {
     }(world, seen));
     const SentFile result = world.run(send());
     EXPECT_EQ(result.bytesSent, 10);
-    EXPECT_LT(result.duration, 1s) << "the wait is not part of the transfer";
+    EXPECT_LT(result.durationSeconds, 1s) << "the wait is not part of the transfer";
 }
 
 TEST_F(SendTransfer, WaitsASecondAtMostForThePhoneToClose) {
@@ -589,7 +589,7 @@ TEST_F(SendTransfer, StoppedAtAnyWaitClosesTheConnectionAndKeepsTheJournalEntry)
                 ended = count < all.size();
             }(here, wait == Wait::answer, sawTheEnd));
         }
-        SendRequest stopped{.filePath = "/home/ann/a.txt",
+        SendRequest stopped{.fileURL = "/home/ann/a.txt",
                             .journal = itsJournal,
                             .terms = {.peer = here.phoneRecord(),
                                       .staticKey = here.computerKey,

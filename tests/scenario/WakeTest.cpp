@@ -55,7 +55,7 @@ protected:
     PeerRecord sleepingPhone() { return world.phoneRecord().withFcmToken("fcm-token"); }
 
     SendRequest request(PeerRecord peer) {
-        return {.filePath = "/home/ann/a.txt",
+        return {.fileURL = "/home/ann/a.txt",
                 .journal = journal,
                 .terms = {.peer = std::move(peer),
                           .staticKey = world.computerKey,

@@ -25,7 +25,7 @@ protected:
 
     SendRequest sendRequest() {
         PeerRecord peer = sender.phoneRecord();
-        return {.filePath = "/photos/trip.jpg",
+        return {.fileURL = "/photos/trip.jpg",
                 .journal = journal,
                 .terms = {.peer = peer,
                           .staticKey = sender.computerKey,
@@ -51,7 +51,7 @@ protected:
         Outcome outcome;
         platform::System receiving = receivingSystem();
         ReceiveRequest request{.staticKey = sender.phoneKey,
-                               .expectedPeerKey = sender.computerKey.publicKey(),
+                               .expectedPeerPubkey = sender.computerKey.publicKey(),
                                .downloadsDir = "/inbox",
                                .port = World::phonePort};
         sender.alongside([](platform::System& system, ReceiveRequest what, Outcome& to) -> Task<> {

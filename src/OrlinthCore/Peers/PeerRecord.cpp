@@ -129,8 +129,8 @@ PeerStore::PeerStore(platform::FileSystem& files, const platform::UserDirectorie
                      const std::string& fileName)
     : PeerStore(files, directories.data / defaultDirectoryName, fileName) {}
 
-PeerStore::PeerStore(platform::FileSystem& files, platform::Path directoryPath, const std::string& fileName)
-    : files_(files), directoryPath_(std::move(directoryPath)), filePath_(directoryPath_ / fileName) {}
+PeerStore::PeerStore(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName)
+    : files_(files), directoryPath_(std::move(directoryURL)), filePath_(directoryPath_ / fileName) {}
 
 PeerBook PeerStore::loadBook() const {
     Bytes content;

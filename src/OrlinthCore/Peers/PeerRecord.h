@@ -79,10 +79,10 @@ public:
     PeerStore(platform::FileSystem& files, const platform::UserDirectories& directories,
               const std::string& fileName = defaultFileName);
     /// The store in another folder.
-    PeerStore(platform::FileSystem& files, platform::Path directoryPath, const std::string& fileName = defaultFileName);
+    PeerStore(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName = defaultFileName);
 
-    [[nodiscard]] const platform::Path& filePath() const noexcept { return filePath_; }
-    [[nodiscard]] const platform::Path& directoryPath() const noexcept { return directoryPath_; }
+    [[nodiscard]] const platform::Path& fileURL() const noexcept { return filePath_; }
+    [[nodiscard]] const platform::Path& directoryURL() const noexcept { return directoryPath_; }
 
     /// Empty if there is no file yet. A file of the older form, one bare record, reads as a book of one.
     /// @throws PeerStoreError::read, decode. Of a file that is neither form, the text is about the form that it

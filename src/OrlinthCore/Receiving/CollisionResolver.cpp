@@ -149,7 +149,7 @@ CollisionResolver::Target CollisionResolver::resolveTarget(Folder& folder, const
     return {std::move(final), std::move(partial), ByteOffset()};
 }
 
-FileName CollisionResolver::resolveFinalName(Folder& folder, const std::string& baseName) {
+FileName CollisionResolver::resolveFinalURL(Folder& folder, const std::string& baseName) {
     const SplitName name(baseName, folder.longestName());
     for (int number = 1; number <= lastCandidate; ++number) {
         FileName candidate = name.candidate(number);

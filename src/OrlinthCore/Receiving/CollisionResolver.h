@@ -49,7 +49,7 @@ struct CollisionResolver {
                                               const Transfer& transfer);
     /// The first free name, for a file whose own was taken while it came in. Should that be taken too before the file
     /// is there, another call finds another.
-    [[nodiscard]] static platform::FileName resolveFinalName(platform::Folder& folder, const std::string& baseName);
+    [[nodiscard]] static platform::FileName resolveFinalURL(platform::Folder& folder, const std::string& baseName);
     /// Whether what has the name of a partial file can be one of ours: a regular file of our own with no other name. A
     /// link would lead the data elsewhere, a pipe would hold the receiver, and the content of a stranger's file would
     /// be delivered as the phone's.

@@ -265,7 +265,7 @@ bool IncomingFile::isTimeToLook(std::int64_t size) const noexcept {
 void IncomingFile::moveIntoPlace() {
     const std::string base = CollisionResolver::sanitize(offer_.name);
     if (folder_->status(target_.final)) {
-        target_.final = CollisionResolver::resolveFinalName(*folder_, base);
+        target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
     }
     const platform::FileStatus content = partial_->status();
     // Remembered before it is moved: if we are killed right behind the move, the next attempt finds it.
@@ -277,7 +277,7 @@ void IncomingFile::moveIntoPlace() {
         if (choice == maxChoices) {
             throw platform::SystemError::fromErrno(EEXIST);
         }
-        target_.final = CollisionResolver::resolveFinalName(*folder_, base);
+        target_.final = CollisionResolver::resolveFinalURL(*folder_, base);
     }
     setPermissions(*partial_, folder_->ordinaryPermissions()); // nobody else may open what is still a partial file
 }
@@ -324,7 +324,7 @@ ReceivedFile IncomingFile::finish(FolderTurn turn, const std::string& remoteEndp
             .advertisedSize = offer_.size,
             .mime = offer_.mime,
             .remoteEndpoint = remoteEndpoint,
-            .duration = place_.clock.now() - offerTime_,
+            .durationSeconds = place_.clock.now() - offerTime_,
             .bytesReceivedThisSession = bytesThisSession_,
             .resumedFromOffset = target_.resumeOffset};
 }

@@ -19,7 +19,7 @@ struct ReceivedFile {
     std::int64_t advertisedSize = 0; ///< as the offer said
     std::string mime;
     std::string remoteEndpoint;
-    Seconds duration{0}; ///< from the offer to completion
+    Seconds durationSeconds{0}; ///< from the offer to completion
     std::int64_t bytesReceivedThisSession = 0;
     ByteOffset resumedFromOffset;
 

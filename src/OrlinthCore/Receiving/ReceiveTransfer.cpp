@@ -64,7 +64,7 @@ Task<TransportFramer> authenticate(WireConnection& wire, const ReceiveRequest& r
     } catch (const platform::CryptoError& error) {
         throw ReceiveError::noiseHandshakeFailed(error.description());
     }
-    if (!constantTimeEquals(transport->remoteStaticPublicKey().raw(), request.expectedPeerKey.raw())) {
+    if (!constantTimeEquals(transport->remoteStaticPublicKey().raw(), request.expectedPeerPubkey.raw())) {
         throw ReceiveError::unauthorizedPeer();
     }
     co_return TransportFramer(std::move(*transport));
@@ -106,7 +106,7 @@ public:
     /// Begins the file that is offered; returns the answer.
     [[nodiscard]] Task<TransportMessage> accept(TransportMessage::FileOffer offer) {
         open_.emplace(wire_);
-        IncomingFile incoming = co_await downloads_.begin(request_.expectedPeerKey.peerKey(), offer, clock_.now());
+        IncomingFile incoming = co_await downloads_.begin(request_.expectedPeerPubkey.peerKey(), offer, clock_.now());
         file_.emplace(std::move(incoming));
         transfer_.accept(file_->resumeOffset());
         if (const DeliveredTransfers::Delivery* const delivery = file_->delivered()) {

@@ -29,7 +29,7 @@ public:
 /// One receive. What is referred to outlives it.
 struct ReceiveRequest {
     const platform::PrivateKey& staticKey;
-    platform::PublicKey expectedPeerKey;
+    platform::PublicKey expectedPeerPubkey;
     platform::Path downloadsDir;
     std::uint16_t port = 0;
     /// A port that is already open, for a host that had the system choose it; `port` is then not looked at.

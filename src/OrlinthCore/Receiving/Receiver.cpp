@@ -494,28 +494,30 @@ void Receiver::Service::tellFailure(const Failure& failure) const {
 }
 
 Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey,
-                   std::vector<platform::PublicKey> expectedPeerKeys, platform::Path downloadsDir, std::uint16_t port,
-                   std::string prologue)
-    : service_(std::make_shared<Service>(system, staticKey, std::move(expectedPeerKeys), std::move(downloadsDir), port,
-                                         std::move(prologue))) {}
+                   std::vector<platform::PublicKey> expectedPeerPubkeys, platform::Path downloadsDir,
+                   std::uint16_t port, std::string prologue)
+    : service_(std::make_shared<Service>(system, staticKey, std::move(expectedPeerPubkeys), std::move(downloadsDir),
+                                         port, std::move(prologue))) {}
 
-Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey, platform::PublicKey expectedPeerKey,
-                   platform::Path downloadsDir, std::uint16_t port, std::string prologue)
-    : Receiver(system, staticKey, std::vector{expectedPeerKey}, std::move(downloadsDir), port, std::move(prologue)) {}
+Receiver::Receiver(platform::System& system, const platform::PrivateKey& staticKey,
+                   platform::PublicKey expectedPeerPubkey, platform::Path downloadsDir, std::uint16_t port,
+                   std::string prologue)
+    : Receiver(system, staticKey, std::vector{expectedPeerPubkey}, std::move(downloadsDir), port, std::move(prologue)) {
+}
 
 Receiver::~Receiver() = default;
 
-void Receiver::setExpectedPeerKeys(std::vector<platform::PublicKey> keys) {
+void Receiver::setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys) {
     const MutexLock guard(service_->keysLock);
     service_->expected = std::move(keys);
 }
 
-void Receiver::setRemovedPeerKeys(std::vector<platform::PublicKey> keys) {
+void Receiver::setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys) {
     const MutexLock guard(service_->keysLock);
     service_->removed = std::move(keys);
 }
 
-std::vector<platform::PublicKey> Receiver::removedPeerKeys() const {
+std::vector<platform::PublicKey> Receiver::removedPeerPubkeys() const {
     const MutexLock guard(service_->keysLock);
     return service_->removed;
 }

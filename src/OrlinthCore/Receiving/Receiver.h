@@ -117,11 +117,11 @@ public:
         std::function<void(const PeerRecord&)> onAuthenticated;
     };
 
-    /// `expectedPeerKeys` are the phones that may connect. What is referred to outlives the receiver.
+    /// `expectedPeerPubkeys` are the phones that may connect. What is referred to outlives the receiver.
     Receiver(platform::System& system, const platform::PrivateKey& staticKey,
-             std::vector<platform::PublicKey> expectedPeerKeys, platform::Path downloadsDir, std::uint16_t port,
+             std::vector<platform::PublicKey> expectedPeerPubkeys, platform::Path downloadsDir, std::uint16_t port,
              std::string prologue = std::string(kOrlinthPrologue));
-    Receiver(platform::System& system, const platform::PrivateKey& staticKey, platform::PublicKey expectedPeerKey,
+    Receiver(platform::System& system, const platform::PrivateKey& staticKey, platform::PublicKey expectedPeerPubkey,
              platform::Path downloadsDir, std::uint16_t port, std::string prologue = std::string(kOrlinthPrologue));
     ~Receiver();
     Receiver(const Receiver&) = delete;
@@ -147,9 +147,9 @@ public:
     DownloadLimits downloadLimits;
 
     /// From the next connection on.
-    void setExpectedPeerKeys(std::vector<platform::PublicKey> keys);
-    void setRemovedPeerKeys(std::vector<platform::PublicKey> keys);
-    [[nodiscard]] std::vector<platform::PublicKey> removedPeerKeys() const;
+    void setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys);
+    void setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys);
+    [[nodiscard]] std::vector<platform::PublicKey> removedPeerPubkeys() const;
 
     /// Runs the service until stop(). On return every connection has ended, its partial file kept for a resume; then it
     /// may be called again, which opens the port that was used before unless there is another `listener`.

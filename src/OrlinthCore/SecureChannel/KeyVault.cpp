@@ -16,8 +16,8 @@ KeyVault::KeyVault(platform::FileSystem& files, const platform::UserDirectories&
                    const std::string& fileName)
     : KeyVault(files, directories.data / defaultDirectoryName, fileName) {}
 
-KeyVault::KeyVault(platform::FileSystem& files, platform::Path directoryPath, const std::string& fileName)
-    : files_(files), directoryPath_(std::move(directoryPath)), filePath_(directoryPath_ / fileName) {}
+KeyVault::KeyVault(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName)
+    : files_(files), directoryPath_(std::move(directoryURL)), filePath_(directoryPath_ / fileName) {}
 
 platform::PrivateKey KeyVault::loadOrCreate() {
     std::optional<platform::PrivateKey> stored = load();

@@ -22,10 +22,10 @@ public:
     KeyVault(platform::FileSystem& files, const platform::UserDirectories& directories,
              const std::string& fileName = defaultFileName);
     /// The key file in another folder. `files` must outlive the vault.
-    KeyVault(platform::FileSystem& files, platform::Path directoryPath, const std::string& fileName = defaultFileName);
+    KeyVault(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName = defaultFileName);
 
-    [[nodiscard]] const platform::Path& filePath() const noexcept { return filePath_; }
-    [[nodiscard]] const platform::Path& directoryPath() const noexcept { return directoryPath_; }
+    [[nodiscard]] const platform::Path& fileURL() const noexcept { return filePath_; }
+    [[nodiscard]] const platform::Path& directoryURL() const noexcept { return directoryPath_; }
 
     /// The stored key; on first use a fresh one, stored (folder 0700, file 0600).
     /// @throws Error::read, malformedKeyMaterial: the file stays as it is. Error::createDirectory, write.

@@ -215,13 +215,13 @@ OAuthResponse OAuthResponse::fromJson(ByteView text) {
     return reply;
 }
 
-platform::Path FcmWake::defaultServiceAccountPath(const platform::UserDirectories& directories) {
+platform::Path FcmWake::defaultServiceAccountURL(const platform::UserDirectories& directories) {
     return directories.data / "Orlinth" / serviceAccountFileName;
 }
 
-FcmWake::FcmWake(System system, const platform::Path& serviceAccountPath, std::string baseURL)
+FcmWake::FcmWake(System system, const platform::Path& serviceAccountURL, std::string baseURL)
     : system_(system),
-      account_(loadAccount(system.files, serviceAccountPath)),
+      account_(loadAccount(system.files, serviceAccountURL)),
       baseURL_(std::move(baseURL)),
       queue_(system.queues.makeSerialQueue("orlinth.wake")),
       tokenTurn_(queue_) {}

@@ -50,10 +50,10 @@ public:
     };
 
     /// Where the account's key file is looked for: the folder "Orlinth" of the user's application data.
-    [[nodiscard]] static platform::Path defaultServiceAccountPath(const platform::UserDirectories& directories);
+    [[nodiscard]] static platform::Path defaultServiceAccountURL(const platform::UserDirectories& directories);
 
     /// Reads the key file; touches no network. @throws Error::serviceAccountMissing, serviceAccountMalformed
-    FcmWake(System system, const platform::Path& serviceAccountPath, std::string baseURL = defaultBaseURL);
+    FcmWake(System system, const platform::Path& serviceAccountURL, std::string baseURL = defaultBaseURL);
 
     /// Sends one wake message to one registration token; three attempts, 0, 200 and 500 ms apart, where the network
     /// fails in passing. @throws Error; platform::HttpError for failures of the network that are not tried again

@@ -68,8 +68,8 @@ std::string FileFingerprint::compute(platform::FileSystem& files, const platform
 InFlightJournal::InFlightJournal(platform::FileSystem& files, const platform::UserDirectories& directories)
     : InFlightJournal(files, directories.data / directoryName / defaultFileName) {}
 
-InFlightJournal::InFlightJournal(platform::FileSystem& files, platform::Path filePath)
-    : files_(files), filePath_(std::move(filePath)) {}
+InFlightJournal::InFlightJournal(platform::FileSystem& files, platform::Path fileURL)
+    : files_(files), filePath_(std::move(fileURL)) {}
 
 std::string InFlightJournal::getOrCreate(const std::string& name, std::int64_t size, const std::string& mime,
                                          const std::string& fingerprint) {

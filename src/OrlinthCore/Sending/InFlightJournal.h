@@ -52,9 +52,9 @@ public:
     /// The journal in the folder "Orlinth" of the user's application data. Touches no file.
     InFlightJournal(platform::FileSystem& files, const platform::UserDirectories& directories);
     /// The journal elsewhere. `files` must outlive it.
-    InFlightJournal(platform::FileSystem& files, platform::Path filePath);
+    InFlightJournal(platform::FileSystem& files, platform::Path fileURL);
 
-    [[nodiscard]] const platform::Path& filePath() const noexcept { return filePath_; }
+    [[nodiscard]] const platform::Path& fileURL() const noexcept { return filePath_; }
 
     /// The id for this file; a new one is on disk before it is returned (if the disk takes it).
     [[nodiscard]] std::string getOrCreate(const std::string& name, std::int64_t size, const std::string& mime,

@@ -43,7 +43,7 @@ void checkInterval(Seconds interval) {
 Task<> pushTo(platform::System& system, std::string fcmBaseURL, std::string token) {
     try {
         FcmWake wake({.files = system.files, .clock = system.clock, .https = system.https, .queues = system.queues},
-                     FcmWake::defaultServiceAccountPath(system.directories), std::move(fcmBaseURL));
+                     FcmWake::defaultServiceAccountURL(system.directories), std::move(fcmBaseURL));
         co_await wake.sendWake(std::move(token));
     } catch (const std::exception& error) {
         throw SendError::network("FCM wake failed: " + platform::textOfFailure(error), SendError::Reason::pushFailed,

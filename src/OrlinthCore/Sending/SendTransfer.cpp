@@ -139,7 +139,7 @@ Task<SentFile> offerAndStream(Conversation& with) {
     co_return SentFile{.savedPath = with.prepared.path.native(),
                        .bytesSent = (offset + sent).bytesBefore(),
                        .advertisedSize = source.size,
-                       .duration = with.clock.now() - start,
+                       .durationSeconds = with.clock.now() - start,
                        .resumedFromOffset = offset};
 }
 
@@ -203,13 +203,13 @@ Task<SendOutcome> sendOnQueue(platform::System& system, PreparedFile prepared, S
 
 /// The whole send by a journal, on its own queue.
 Task<SentFile> sendByJournal(platform::System& system, SendRequest request, Executor queue) {
-    const OutgoingFile source = examineFile(system.files, system.mimeTypes, request.filePath);
+    const OutgoingFile source = examineFile(system.files, system.mimeTypes, request.fileURL);
     InFlightJournal& journal = request.journal;
     TransferId id(journal.getOrCreate(source.name, source.size, source.mime, source.fingerprint));
     const auto forget = [&journal, source] {
         journal.complete(source.name, source.size, source.mime, source.fingerprint);
     };
-    PreparedFile prepared{.path = std::move(request.filePath), .file = source, .transferId = std::move(id)};
+    PreparedFile prepared{.path = std::move(request.fileURL), .file = source, .transferId = std::move(id)};
     SendOutcome outcome =
         co_await sendOnQueue(system, std::move(prepared), std::move(request.terms), std::move(queue), forget);
     co_return std::move(outcome.sent);

@@ -20,7 +20,7 @@ struct SentFile {
     std::string savedPath;           ///< the local file that was sent
     std::int64_t bytesSent = 0;      ///< bytes that the phone holds at the end: the resume offset and what was sent now
     std::int64_t advertisedSize = 0; ///< as the offer said
-    Seconds duration{0};             ///< from the acceptance of the Resume to the end
+    Seconds durationSeconds{0};      ///< from the acceptance of the Resume to the end
     ByteOffset resumedFromOffset;    ///< the start for a fresh transfer
 
     bool operator==(const SentFile&) const = default;
@@ -67,7 +67,7 @@ struct SendTerms {
 
 /// One send by the journal, which outlives it.
 struct SendRequest {
-    platform::Path filePath;
+    platform::Path fileURL;
     InFlightJournal& journal;
     SendTerms terms;
 };

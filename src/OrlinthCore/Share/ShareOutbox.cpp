@@ -46,7 +46,7 @@ std::optional<platform::Path> ShareOutbox::outboxRoot() const {
     return hasContainer() ? std::optional(container_ / "Outbox") : std::nullopt;
 }
 
-std::optional<platform::Path> ShareOutbox::peersFilePath() const {
+std::optional<platform::Path> ShareOutbox::peersFileURL() const {
     return hasContainer() ? std::optional(container_ / peersName) : std::nullopt;
 }
 
@@ -93,7 +93,7 @@ std::vector<ShareOutbox::SharePeer> ShareOutbox::readPeers() const {
 
 void ShareOutbox::writePeers(const std::vector<SharePeer>& peers) const noexcept {
     try {
-        if (const std::optional<platform::Path> file = peersFilePath()) {
+        if (const std::optional<platform::Path> file = peersFileURL()) {
             platform::writeWholeFile(files_, *file, asBytes(encodePeers(peers)), ownersFile, platform::Flush::now,
                                      platform::Links::follow);
         }

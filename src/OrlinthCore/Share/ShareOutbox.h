@@ -65,7 +65,7 @@ public:
     /// The folder of the batches, which may not be there yet. Nothing if there is no container and none can be made.
     [[nodiscard]] std::optional<platform::Path> outboxRoot() const;
     /// Nothing, likewise.
-    [[nodiscard]] std::optional<platform::Path> peersFilePath() const;
+    [[nodiscard]] std::optional<platform::Path> peersFileURL() const;
     /// The container that both lie in.
     [[nodiscard]] const platform::Path& container() const noexcept { return container_; }
     /// Why there is no container and none can be made, in the system's words; nothing if there is one.

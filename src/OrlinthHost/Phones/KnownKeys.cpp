@@ -14,7 +14,7 @@ KnownKeys::KnownKeys(Home& home, Receiver& receiver, platform::PublicKey ownKey,
       receiver_(receiver),
       ownKey_(std::move(ownKey)),
       onTrouble_(std::move(onTrouble)),
-      peers_{.file = home.peers().filePath(), .check = {}, .trouble = {}},
+      peers_{.file = home.peers().fileURL(), .check = {}, .trouble = {}},
       removed_{.file = home.dataDirectory() / RemovedPeers::fileName, .check = {}, .trouble = {}} {}
 
 void KnownKeys::refresh() noexcept {
@@ -62,11 +62,11 @@ void KnownKeys::readPeers() {
         }
     }
     pairedCount_ = keys.size();
-    receiver_.setExpectedPeerKeys(std::move(keys));
+    receiver_.setExpectedPeerPubkeys(std::move(keys));
 }
 
 void KnownKeys::readRemoved() {
-    receiver_.setRemovedPeerKeys(RemovedPeers(home_.system.files, home_.dataDirectory()).load());
+    receiver_.setRemovedPeerPubkeys(RemovedPeers(home_.system.files, home_.dataDirectory()).load());
 }
 
 std::size_t KnownKeys::pairedCount() const {

@@ -13,7 +13,7 @@ void PeerStoreWatch::start() {
     self_ = std::make_shared<PeerStoreWatch*>(this);
     try {
         watch_ =
-            home_.system.folders.watch(home_.peers().directoryPath(), home_.executor, [weak = std::weak_ptr(self_)] {
+            home_.system.folders.watch(home_.peers().directoryURL(), home_.executor, [weak = std::weak_ptr(self_)] {
                 if (const auto self = weak.lock()) {
                     (*self)->look();
                 }
@@ -48,7 +48,7 @@ void PeerStoreWatch::look() {
 
 bool PeerStoreWatch::hasChanged() {
     try {
-        return check_.look(home_.system.files, home_.system.clock, home_.peers().filePath()) !=
+        return check_.look(home_.system.files, home_.system.clock, home_.peers().fileURL()) !=
                FileChangeCheck::Answer::same;
     } catch (const platform::SystemError&) {
         return true; // whoever reads the store will meet the same

@@ -27,7 +27,7 @@ bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<
 void updateSharedPeers(const Home& home) noexcept {
     try {
         const ShareOutbox outbox(home.system.files, home.system.directories);
-        const std::optional<platform::Path> file = outbox.peersFilePath();
+        const std::optional<platform::Path> file = outbox.peersFileURL();
         if (!file) {
             return;
         }
@@ -49,7 +49,7 @@ void SharedPeersUpdates::update() {
     work_.add([this] {
         std::optional<platform::FileStatus> now;
         try {
-            now = home_.system.files.status(home_.peers().filePath());
+            now = home_.system.files.status(home_.peers().fileURL());
         } catch (const platform::SystemError&) {
             return; // the list is a convenience, and the next change writes it anew
         }

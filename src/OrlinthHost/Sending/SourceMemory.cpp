@@ -22,7 +22,7 @@ Json lookOf(const platform::FileStatus& status) {
 
 SourceMemory::SourceMemory(platform::FileSystem& files, const platform::MimeTypes& mimeTypes,
                            const InFlightJournal& journal)
-    : files_(files), mimeTypes_(mimeTypes), path_(journal.filePath().parent_path() / fileName) {}
+    : files_(files), mimeTypes_(mimeTypes), path_(journal.fileURL().parent_path() / fileName) {}
 
 std::optional<SourceMemory::Source> SourceMemory::examine(const platform::Path& file) const {
     try {

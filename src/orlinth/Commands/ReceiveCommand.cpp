@@ -108,7 +108,7 @@ private:
     [[nodiscard]] ReceiveRequest request(Host& host, const platform::PrivateKey& ownKey, const host::CheckedPeer& peer,
                                          const platform::Path& folder, ReceiveReporter& reporter) const {
         ReceiveRequest request{.staticKey = ownKey,
-                               .expectedPeerKey = peer.key,
+                               .expectedPeerPubkey = peer.key,
                                .downloadsDir = folder,
                                .port = port_,
                                .acceptTimeout = timeout_,

@@ -44,7 +44,7 @@ public:
                           .clock = host.system.clock,
                           .https = host.system.https,
                           .queues = host.system.queues},
-                         FcmWake::defaultServiceAccountPath(host.system.directories), host::pushServiceURL());
+                         FcmWake::defaultServiceAccountURL(host.system.directories), host::pushServiceURL());
             static_cast<void>(host.tasks.run(push(wake, peer.peer_fcm_token)));
         } catch (const Interrupted& interrupted) {
             host.output.failure(interrupted.description(), {}, context);

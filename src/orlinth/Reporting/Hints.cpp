@@ -48,7 +48,7 @@ std::string hintForNetwork(const SendError& error, const std::string& where) {
 }
 
 std::string hintForPeerStore(const PeerStoreError& error, const PeerStore& store) {
-    const std::string file = store.filePath().string();
+    const std::string file = store.fileURL().string();
     switch (error.which()) {
     case PeerStoreError::Case::decode:
         return "The list of paired phones, " + file +
@@ -58,14 +58,14 @@ std::string hintForPeerStore(const PeerStoreError& error, const PeerStore& store
     case PeerStoreError::Case::write:
         return "The list of paired phones is " + file + ". Make it and its folder writable for this account.";
     case PeerStoreError::Case::directoryCreate:
-        return "The list of paired phones belongs in " + store.directoryPath().string() +
+        return "The list of paired phones belongs in " + store.directoryURL().string() +
                ". Make the folder above it writable for this account.";
     }
     return {};
 }
 
 std::string hintForKey(const KeyVault::Error& error, const KeyVault& vault) {
-    const std::string file = vault.filePath().string();
+    const std::string file = vault.fileURL().string();
     switch (error.which()) {
     case KeyVault::Error::Case::malformedKeyMaterial:
         return "This computer's key, " + file +
@@ -75,7 +75,7 @@ std::string hintForKey(const KeyVault::Error& error, const KeyVault& vault) {
     case KeyVault::Error::Case::write:
         return "This computer's key belongs in " + file + ". Make its folder writable for this account.";
     case KeyVault::Error::Case::createDirectory:
-        return "This computer's key belongs in " + vault.directoryPath().string() +
+        return "This computer's key belongs in " + vault.directoryURL().string() +
                ". Make the folder above it writable for this account.";
     }
     return {};

@@ -34,10 +34,10 @@ void OutboxReporter::sent(const Transfer& transfer, const host::Delivered& deliv
     Json fields = contextOf(transfer);
     fields["bytes_sent"] = result.bytesSent;
     fields["resumed_from_offset"] = result.resumedFromOffset.bytesBefore();
-    fields["duration_seconds"] = result.duration.count();
+    fields["duration_seconds"] = result.durationSeconds.count();
     host_.output.event("outbox_sent", std::move(fields));
     std::string line = "sent " + forDisplay(transfer.file) + " to " + forDisplay(transfer.to) + " (" +
-                       host::humanSize(result.bytesSent) + " in " + host::humanDuration(result.duration);
+                       host::humanSize(result.bytesSent) + " in " + host::humanDuration(result.durationSeconds);
     if (result.resumedFromOffset > ByteOffset()) {
         line += ", went on from " + host::humanSize(result.resumedFromOffset.bytesBefore());
     }

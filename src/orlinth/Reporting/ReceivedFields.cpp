@@ -13,7 +13,7 @@ Json receivedFields(const ReceivedFile& received) {
     fields["mime"] = received.mime;
     fields["resumed_from_offset"] = received.resumedFromOffset.bytesBefore();
     fields["bytes_received_this_session"] = received.bytesReceivedThisSession;
-    fields["duration_seconds"] = received.duration.count();
+    fields["duration_seconds"] = received.durationSeconds.count();
     fields["remote_endpoint"] = received.remoteEndpoint;
     return fields;
 }
@@ -27,10 +27,10 @@ std::string shortPath(const ReceivedFile& received) {
 }
 
 std::string receivedFigures(const ReceivedFile& received) {
-    std::string text = host::humanSize(received.bytesWritten) + " in " + host::humanDuration(received.duration);
-    if (received.duration > 0s && received.bytesReceivedThisSession > 0) {
-        text +=
-            ", " + host::humanRate(static_cast<double>(received.bytesReceivedThisSession) / received.duration.count());
+    std::string text = host::humanSize(received.bytesWritten) + " in " + host::humanDuration(received.durationSeconds);
+    if (received.durationSeconds > 0s && received.bytesReceivedThisSession > 0) {
+        text += ", " + host::humanRate(static_cast<double>(received.bytesReceivedThisSession) /
+                                       received.durationSeconds.count());
     }
     return text;
 }

@@ -181,13 +181,13 @@ void SendReporter::delivered(const Transfer& transfer, const host::Delivered& de
     fields["bytes_sent"] = sent.bytesSent;
     fields["advertised_size"] = sent.advertisedSize;
     fields["resumed_from_offset"] = sent.resumedFromOffset.bytesBefore();
-    fields["duration_seconds"] = sent.duration.count();
+    fields["duration_seconds"] = sent.durationSeconds.count();
     output_.event("complete", std::move(fields));
     const std::int64_t now = sent.bytesSent - sent.resumedFromOffset.bytesBefore();
     std::string line = "sent " + forDisplay(report.name) + " to " + forDisplay(phone) + ": " +
-                       host::humanSize(sent.bytesSent) + " in " + host::humanDuration(sent.duration);
-    if (sent.duration > 0s && now > 0) {
-        line += ", " + host::humanRate(static_cast<double>(now) / sent.duration.count());
+                       host::humanSize(sent.bytesSent) + " in " + host::humanDuration(sent.durationSeconds);
+    if (sent.durationSeconds > 0s && now > 0) {
+        line += ", " + host::humanRate(static_cast<double>(now) / sent.durationSeconds.count());
     }
     output_.result(line);
     if (sent.bytesSent != sent.advertisedSize) {

@@ -33,8 +33,8 @@ Resolved resolveTarget(platform::FileSystem& files, const std::string& baseName,
     return {dir / target.final.text(), dir / target.partial.text(), target.resumeOffset.bytesBefore()};
 }
 
-platform::Path resolveFinalName(platform::FileSystem& files, const std::string& baseName) {
-    return dir / CollisionResolver::resolveFinalName(*files.openFolder(dir), baseName).text();
+platform::Path resolveFinalURL(platform::FileSystem& files, const std::string& baseName) {
+    return dir / CollisionResolver::resolveFinalURL(*files.openFolder(dir), baseName).text();
 }
 
 TEST(Sanitize, TakesTheLastPathComponent) {
@@ -93,7 +93,7 @@ protected:
 
 TEST_F(CollisionResolverTest, TakesAFreeNameAsItIs) {
     expectTarget("x.pdf", "x.pdf", 0);
-    EXPECT_EQ(resolveFinalName(files, "x.pdf"), dir / "x.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x.pdf");
     EXPECT_EQ(files.mutations(), 0U);
 }
 
@@ -178,7 +178,7 @@ TEST_F(CollisionResolverTest, TakesALinkThatLeadsNowhereForATakenName) {
     files.put("/file", "");
     files.putLink(dir / "x 5.pdf", "/file/below");
     expectTarget("x.pdf", "x 6.pdf", 0);
-    EXPECT_EQ(resolveFinalName(files, "x.pdf"), dir / "x 6.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x 6.pdf");
 }
 
 TEST_F(CollisionResolverTest, DoesNotResumeThroughALinkOrIntoWhatIsNoFile) {
@@ -232,7 +232,7 @@ TEST_F(CollisionResolverTest, GivesNoFileTheNameOfAPartialFileOrASidecar) {
         EXPECT_FALSE(CollisionResolver::isReserved(stored)) << stored;
         EXPECT_EQ(CollisionResolver::isReserved(name), name != stored) << name;
         expectTarget(name, stored, 0);
-        EXPECT_EQ(resolveFinalName(files, name), dir / stored);
+        EXPECT_EQ(resolveFinalURL(files, name), dir / stored);
     }
     files.put(dir / "x_partial", "");
     expectTarget("x.partial", "x 2_partial", 0);
@@ -247,16 +247,16 @@ TEST_F(CollisionResolverTest, GivesNoFileSuchANameByShorteningAnotherEither) {
 
 TEST_F(CollisionResolverTest, CountsAPartialFileAsTakenForTheFinalName) {
     files.put(dir / "x.pdf.partial", "");
-    EXPECT_EQ(resolveFinalName(files, "x.pdf"), dir / "x 2.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x 2.pdf");
     files.put(dir / "x 2.pdf", "");
     files.put(dir / "x 3.pdf.partial", "");
-    EXPECT_EQ(resolveFinalName(files, "x.pdf"), dir / "x 4.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x 4.pdf");
 }
 
 TEST_F(CollisionResolverTest, GivesAnUnreachableFolderToTheCallerToFailOn) {
     files.setPermissions(dir, 0);
     expectTarget("x.pdf", "x.pdf", 0);
-    EXPECT_EQ(resolveFinalName(files, "x.pdf"), dir / "x.pdf");
+    EXPECT_EQ(resolveFinalURL(files, "x.pdf"), dir / "x.pdf");
     expectTarget(std::string(300, 'x'), std::string(237, 'x'), 0);
 }
 
@@ -266,7 +266,7 @@ TEST_F(CollisionResolverTest, UsesTheLastNumberBeforeItUsesAUuid) {
         files.put(dir / ("notes " + std::to_string(number)), "");
     }
     expectTarget("notes", "notes 9999", 0);
-    EXPECT_EQ(resolveFinalName(files, "notes"), dir / "notes 9999");
+    EXPECT_EQ(resolveFinalURL(files, "notes"), dir / "notes 9999");
 }
 
 TEST_F(CollisionResolverTest, FallsBackToAUuidWithADotOnlyForTheFinalName) {
@@ -285,10 +285,10 @@ TEST_F(CollisionResolverTest, FallsBackToAUuidWithADotOnlyForTheFinalName) {
     EXPECT_EQ(bare.partial.native(), bare.final.native() + ".partial");
     EXPECT_EQ(bare.resumeOffset, 0);
     expectName(resolveTarget(files, "notes.txt", "mine").final, stem + "\\.txt");
-    const platform::Path first = resolveFinalName(files, "notes");
+    const platform::Path first = resolveFinalURL(files, "notes");
     expectName(first, stem + "\\.");
-    EXPECT_NE(resolveFinalName(files, "notes"), first);
-    expectName(resolveFinalName(files, "notes.txt"), stem + "\\.txt");
+    EXPECT_NE(resolveFinalURL(files, "notes"), first);
+    expectName(resolveFinalURL(files, "notes.txt"), stem + "\\.txt");
 }
 
 // ---- names for which there is hardly room
@@ -311,7 +311,7 @@ TEST_F(CollisionResolverTest, ALongerNameLosesTheEndOfItsStem) {
         const auto target = resolveTarget(files, nameOf(bytes), "ID-1");
         EXPECT_EQ(target.final, dir / nameOf(237)) << bytes;
         EXPECT_EQ(PartialMetaIO::metaName(platform::FileName(target.partial.filename())).text().size(), 255U);
-        EXPECT_EQ(resolveFinalName(files, nameOf(bytes)), dir / nameOf(237));
+        EXPECT_EQ(resolveFinalURL(files, nameOf(bytes)), dir / nameOf(237));
     }
 }
 
@@ -320,7 +320,7 @@ TEST_F(CollisionResolverTest, ANumberTakesItsRoomFromTheStem) {
     const std::string second = std::string(231, 'x') + " 2.txt";
     EXPECT_EQ(resolveTarget(files, nameOf(237), "ID-1").final, dir / second);
     EXPECT_EQ(resolveTarget(files, nameOf(255), "ID-1").final, dir / second);
-    EXPECT_EQ(resolveFinalName(files, nameOf(255)), dir / second);
+    EXPECT_EQ(resolveFinalURL(files, nameOf(255)), dir / second);
     for (int number = 2; number < 10; ++number) {
         files.put(dir / (std::string(231, 'x') + " " + std::to_string(number) + ".txt"), "");
     }

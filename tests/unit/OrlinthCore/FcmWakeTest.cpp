@@ -109,7 +109,7 @@ protected:
 // --- The key file ---
 
 TEST_F(FcmWakeTest, LooksForItsKeyFileInTheUsersData) {
-    EXPECT_EQ(FcmWake::defaultServiceAccountPath(world.system.directories), keyFile);
+    EXPECT_EQ(FcmWake::defaultServiceAccountURL(world.system.directories), keyFile);
 }
 
 TEST_F(FcmWakeTest, SaysWhereTheKeyFileIsMissing) {

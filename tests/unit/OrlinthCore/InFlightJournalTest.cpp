@@ -42,8 +42,8 @@ protected:
 
 TEST_F(InFlightJournalTest, LivesInTheUsersFolderOrWhereItIsTold) {
     const platform::UserDirectories directories{.data = "/data", .config = "/config", .downloads = "/downloads"};
-    EXPECT_EQ(InFlightJournal(files, directories).filePath(), "/data/Orlinth/inflight.json");
-    EXPECT_EQ(journal.filePath(), file);
+    EXPECT_EQ(InFlightJournal(files, directories).fileURL(), "/data/Orlinth/inflight.json");
+    EXPECT_EQ(journal.fileURL(), file);
     EXPECT_EQ(files.mutations(), 0U);
 }
 

@@ -39,15 +39,15 @@ TEST(KeyVault, LivesInTheUsersDataFolder) {
     MemoryFileSystem files;
     const platform::UserDirectories directories{.data = "/home/me/.local/share", .config = {}, .downloads = {}};
     const KeyVault vault(files, directories);
-    EXPECT_EQ(vault.directoryPath(), folder);
-    EXPECT_EQ(vault.filePath(), file);
+    EXPECT_EQ(vault.directoryURL(), folder);
+    EXPECT_EQ(vault.fileURL(), file);
 }
 
 TEST(KeyVault, HonoursAnotherFolderAndFileName) {
     MemoryFileSystem files;
     const KeyVault vault(files, "/elsewhere/keys", "my.key");
-    EXPECT_EQ(vault.directoryPath(), "/elsewhere/keys");
-    EXPECT_EQ(vault.filePath(), "/elsewhere/keys/my.key");
+    EXPECT_EQ(vault.directoryURL(), "/elsewhere/keys");
+    EXPECT_EQ(vault.fileURL(), "/elsewhere/keys/my.key");
 }
 
 TEST(KeyVault, MakesAPrivateKeyFileOnFirstUse) {

@@ -129,10 +129,10 @@ TEST(PeerBook, FindsTheFirstRecordOfAKey) {
 TEST(PeerStorePlace, IsTheUsersFolderOrTheOneGiven) {
     MemoryFileSystem files;
     const platform::UserDirectories directories{.data = "/data", .config = "/config", .downloads = "/downloads"};
-    EXPECT_EQ(PeerStore(files, directories).directoryPath(), "/data/Orlinth");
-    EXPECT_EQ(PeerStore(files, directories).filePath(), "/data/Orlinth/peer.json");
-    EXPECT_EQ(PeerStore(files, directories, "other.json").filePath(), "/data/Orlinth/other.json");
-    EXPECT_EQ(PeerStore(files, platform::Path("/x"), "y").filePath(), "/x/y");
+    EXPECT_EQ(PeerStore(files, directories).directoryURL(), "/data/Orlinth");
+    EXPECT_EQ(PeerStore(files, directories).fileURL(), "/data/Orlinth/peer.json");
+    EXPECT_EQ(PeerStore(files, directories, "other.json").fileURL(), "/data/Orlinth/other.json");
+    EXPECT_EQ(PeerStore(files, platform::Path("/x"), "y").fileURL(), "/x/y");
 }
 
 TEST_F(PeerStoreTest, IsEmptyWithoutAFile) {
@@ -555,7 +555,7 @@ TEST(PeerStoreFolder, IsForTheOwnerAlone) {
     PeerStore store(files, "/data/Orlinth");
     store.writeBook({});
     EXPECT_EQ(files.status("/data/Orlinth")->permissions, 0700U);
-    EXPECT_EQ(files.status(store.filePath())->permissions, 0600U);
+    EXPECT_EQ(files.status(store.fileURL())->permissions, 0600U);
 }
 
 TEST(PeerStoreErrorPayload, IsWhatIsBehindThePrefix) {

@@ -38,7 +38,7 @@ protected:
 
 TEST_F(ShareOutboxTest, LiesInAFolderOfItsOwnInTheUsersData) {
     EXPECT_STREQ(ShareOutbox::appGroupID, "group.com.tarvinex.orlinth");
-    EXPECT_EQ(outbox.peersFilePath(), file);
+    EXPECT_EQ(outbox.peersFileURL(), file);
     EXPECT_EQ(outbox.outboxRoot(), folder / "Outbox");
 }
 
@@ -142,7 +142,7 @@ TEST_F(ShareOutboxTest, KeepsAListThatIsNotUtf8Readable) {
 TEST_F(ShareOutboxTest, HasNoPlacesWhereThereCanBeNoContainer) {
     files.put(folder, "a file is in its place");
     EXPECT_EQ(outbox.outboxRoot(), std::nullopt);
-    EXPECT_EQ(outbox.peersFilePath(), std::nullopt);
+    EXPECT_EQ(outbox.peersFileURL(), std::nullopt);
     outbox.writePeers(two);
     EXPECT_THAT(outbox.readPeers(), IsEmpty());
     EXPECT_THAT(files.allFiles(), ElementsAre(folder.native()));
@@ -252,7 +252,7 @@ TEST(ShareOutboxOnDisk, IsForTheOwnerAlone) {
     outbox.writePeers(two);
     EXPECT_EQ(outbox.readPeers(), two);
     struct stat status{};
-    const platform::Path path = outbox.peersFilePath().value();
+    const platform::Path path = outbox.peersFileURL().value();
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
     ASSERT_EQ(::stat(path.parent_path().c_str(), &status), 0);

@@ -38,7 +38,7 @@ protected:
     [[nodiscard]] static host::Delivered delivered(std::int64_t from, bool isConfirmed) {
         host::Delivered delivered{.sent = {}, .isConfirmed = isConfirmed};
         delivered.sent.bytesSent = 2000;
-        delivered.sent.duration = 500ms;
+        delivered.sent.durationSeconds = 500ms;
         delivered.sent.resumedFromOffset = ByteOffset(from);
         return delivered;
     }

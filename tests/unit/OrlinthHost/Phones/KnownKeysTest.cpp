@@ -19,7 +19,7 @@ using testing::IsEmpty;
 class KnownKeysTest : public testing::Test {
 protected:
     KnownKeysTest() {
-        world.make().setExpectedPeerKeys({});
+        world.make().setExpectedPeerPubkeys({});
         keys.emplace(home, *world.receiver, ownKey,
                      [this](const std::exception_ptr& error) { troubles.push_back(describe(error)); });
         world.receiver->beforeAuthorising = [this] { keys->refresh(); };
@@ -84,10 +84,10 @@ TEST_F(KnownKeysTest, AreNeverThisComputersOwnNorSomethingThatIsNoKey) {
 TEST_F(KnownKeysTest, OfRemovedPhonesAreThoseThatAreToBeNotified) {
     removed().add(world.phoneKey.publicKey());
     keys->refresh();
-    EXPECT_THAT(world.receiver->removedPeerKeys(), ElementsAre(world.phoneKey.publicKey()));
+    EXPECT_THAT(world.receiver->removedPeerPubkeys(), ElementsAre(world.phoneKey.publicKey()));
     removed().forget(world.phoneKey.publicKey());
     keys->refresh();
-    EXPECT_THAT(world.receiver->removedPeerKeys(), IsEmpty());
+    EXPECT_THAT(world.receiver->removedPeerPubkeys(), IsEmpty());
 }
 
 TEST_F(KnownKeysTest, AreReadAgainOnlyWhenAFileHasChanged) {

@@ -216,7 +216,7 @@ TEST_F(PeerSelectionTest, AddsTheKeyToANameThatAnotherPhoneHas) {
     save();
     EXPECT_EQ(phoneForDisplay(home, "Pixel", pixel), "Pixel (key Pix1xxxxxxxx)");
     EXPECT_EQ(phoneForDisplay(home, "pixel", tablet), "pixel (key Tab1yyyyyyyy)");
-    world.files.put(home.peers().filePath(), "{ruined");
+    world.files.put(home.peers().fileURL(), "{ruined");
     EXPECT_EQ(phoneForDisplay(home, "Galaxy", tablet), "Galaxy (key Tab1yyyyyyyy)") << "others cannot be known";
 }
 

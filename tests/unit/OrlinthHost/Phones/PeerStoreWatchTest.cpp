@@ -29,7 +29,7 @@ protected:
     }
     /// What the kernel says of every change in the folder, also of other files there.
     void tellOfChange() {
-        world.folders.change(home.peers().directoryPath());
+        world.folders.change(home.peers().directoryURL());
         world.context.restart();
         world.context.poll();
     }
@@ -79,7 +79,7 @@ TEST_F(PeerStoreWatchTest, LooksOnceAMinuteWhereTheFolderCannotBeWatched) {
     EXPECT_THAT(world.log.messages(), ElementsAre(HasSubstr("cannot watch the peer store: ")));
     static_cast<void>(told());
     pass(30s);
-    world.files.remove(home.peers().filePath());
+    world.files.remove(home.peers().fileURL());
     pass(31s);
     EXPECT_THAT(told(), ElementsAre(60));
 }
@@ -96,11 +96,11 @@ TEST_F(PeerStoreWatchTest, SaysNothingOnceItIsStopped) {
     watch.start();
     static_cast<void>(told());
     write("Galaxy");
-    world.folders.change(home.peers().directoryPath()); // is under way when the end comes
+    world.folders.change(home.peers().directoryURL()); // is under way when the end comes
     watch.stop();
     pass(600s);
     EXPECT_THAT(told(), IsEmpty());
-    EXPECT_FALSE(world.folders.isWatched(home.peers().directoryPath()));
+    EXPECT_FALSE(world.folders.isWatched(home.peers().directoryURL()));
     EXPECT_EQ(world.clock.pendingAlarms(), 0U);
 }
 

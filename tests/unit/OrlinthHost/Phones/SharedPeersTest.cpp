@@ -64,10 +64,10 @@ TEST_F(SharedPeersTest, AreNoneOnceTheLastPhoneIsRemoved) {
 
 TEST_F(SharedPeersTest, AreReadAndWrittenUnderOneLockSoThatTheNewestListWins) {
     home.peers().writeBook({{world.phoneRecord()}});
-    const platform::Path lock = outbox().peersFilePath()->string() + ".lock";
+    const platform::Path lock = outbox().peersFileURL()->string() + ".lock";
     bool wasUnlocked = false;
     world.files.beforeEach([&](fakes::Operation operation, const platform::Path& path) {
-        const bool isOfTheStore = operation == fakes::Operation::read && path == home.peers().filePath();
+        const bool isOfTheStore = operation == fakes::Operation::read && path == home.peers().fileURL();
         const bool isOfTheList = operation == fakes::Operation::rename;
         wasUnlocked = wasUnlocked || ((isOfTheStore || isOfTheList) && !world.files.isLocked(lock));
     });
@@ -91,7 +91,7 @@ TEST_F(SharedPeersTest, StayAsTheyWereAnd) {
 TEST_F(SharedPeersTest, StayAsTheyWereIfTheStoreCannotBeRead) {
     home.peers().writeBook({{world.phoneRecord()}});
     updateSharedPeers(home);
-    world.files.put(home.peers().filePath(), "{ruined");
+    world.files.put(home.peers().fileURL(), "{ruined");
     updateSharedPeers(home);
     EXPECT_THAT(shown(), ElementsAre(HasSubstr("Pixel-8")));
     EXPECT_THAT(world.log.messages(), ElementsAre(HasSubstr("cannot update the share sheet's list of phones: ")));
