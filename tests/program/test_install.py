@@ -53,7 +53,7 @@ orlinth::Task<> receiveNothing(orlinth::platform::System system, const orlinth::
                                     .expectedPeerPubkey = key.publicKey(),
                                     .downloadsDir = downloads,
                                     .acceptTimeout = std::chrono::milliseconds(50)};
-    request.listener = system.network.listen({}, system.network.makeSerialQueue("host"));
+    request.listener = system.network.listen({}, system.queues.makeSerialQueue("host"));
     co_await orlinth::receiveOneTransfer(system, std::move(request));
 }
 

@@ -554,7 +554,7 @@ class Accepting(ServeTest):
         theirs.close()
         ours.settimeout(PATIENCE)
         sender = self.send(self.phone, self.file("a.bin", b"abc"), service.port)
-        self.wait_until(lambda: "[y/N]" in told(service))
+        self.wait_until(lambda: "[y/N]" in told(service), service)
         ours.sendall(b"t")  # the shell takes the terminal
         self.assertEqual(b"t", ours.recv(1))
         os.write(terminal.screen, b"y\n")
