@@ -1,6 +1,7 @@
 #include "OrlinthShare/ComputerName.h"
 #include "OrlinthShare/DesktopLook.h"
 #include "OrlinthShare/ShareViewController.h"
+#include "base/Error.h"
 #include "platform/linux/LinuxSystem.h"
 
 #include <QApplication>
@@ -172,7 +173,7 @@ int main(int argc, char** argv) {
     try {
         return orlinth::share::run(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "orlinth-share: " << error.what() << '\n';
+        std::cerr << "orlinth-share: " << orlinth::describe(error) << '\n';
         return 1;
     }
 }

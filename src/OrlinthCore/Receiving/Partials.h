@@ -15,7 +15,8 @@ struct PartialDownload {
     EpochNanoseconds changedAt{}; ///< when the last of them came
 };
 
-/// The unfinished downloads in a folder. Everything blocks on the disk.
+/// The unfinished downloads in a folder, to be listed and removed. Who may continue one is decided by
+/// PartialMeta::mayBeContinuedBy(). Everything blocks on the disk.
 struct Partials {
     /// By name. What has no sidecar that can be read is none of ours, and is not listed.
     /// @throws platform::SystemError if the folder cannot be listed

@@ -1,6 +1,7 @@
 #include "orlinth/Asking/Confirmation.h"
 
 #include "base/Text.h"
+#include "orlinth/Asking/Answer.h"
 #include "orlinth/Reporting/Terminal.h"
 #include "platform/linux/DescriptorWait.h"
 
@@ -13,8 +14,6 @@
 namespace orlinth::cli {
 
 namespace {
-
-constexpr std::size_t longestAnswer = 1024;
 
 int openTerminal() {
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg): the system's own interface
@@ -30,7 +29,7 @@ int openTerminal() {
 Task<std::string> readLine(int descriptor) {
     std::string text;
     std::array<char, 1> one{};
-    while (text.size() < longestAnswer) {
+    while (text.size() < Answer::longest) {
         co_await platform::untilReadable(descriptor);
         const ssize_t count = read(descriptor, one.data(), 1);
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
@@ -76,8 +75,7 @@ bool Confirmation::asksForYes(const std::string& question) {
     if (!isTerminal(descriptor_)) {
         writeToStandardError("\n"); // a terminal has shown the line end that was typed
     }
-    answer = lowerCased(trimmed(answer));
-    return answer == "y" || answer == "yes";
+    return Answer::isYes(answer);
 }
 
 void Confirmation::require(const std::string& name) {

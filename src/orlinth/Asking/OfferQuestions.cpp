@@ -3,6 +3,7 @@
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "base/Text.h"
+#include "orlinth/Asking/Answer.h"
 #include "orlinth/Reporting/Terminal.h"
 #include "platform/SystemError.h"
 
@@ -21,8 +22,6 @@ namespace orlinth::cli {
 
 namespace {
 
-constexpr std::size_t longestAnswer = 1024;
-
 /// Standard input is a terminal, and this program, not one that was started after it, is the one that reads there.
 bool isTerminalOurs() {
     return isTerminal(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp();
@@ -34,17 +33,12 @@ std::optional<std::string> typedLine() {
     if (!isTerminalOurs() || poll(&ready, 1, 0) <= 0) {
         return std::nullopt;
     }
-    std::array<char, longestAnswer> text{};
+    std::array<char, Answer::longest> text{};
     const ssize_t count = read(STDIN_FILENO, text.data(), text.size());
     if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
         return std::nullopt;
     }
     return std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-}
-
-bool isYes(const std::string& line) {
-    const std::string answer = lowerCased(trimmed(line));
-    return answer == "y" || answer == "yes";
 }
 
 constexpr const char* acceptKey = "accept";
@@ -229,7 +223,7 @@ void OfferQuestions::ask(Question& question) {
 void OfferQuestions::lookForAnswer(Question& question) {
     if (question.asked == Asked::onTerminal) {
         if (const std::optional<std::string> line = typedLine()) {
-            settle(question, isYes(*line));
+            settle(question, Answer::isYes(*line));
         } else if (!hasTime(question)) {
             writeToStandardError("\n");
             host_.output.message("No answer in two minutes; the file was declined.");

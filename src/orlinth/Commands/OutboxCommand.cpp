@@ -3,6 +3,7 @@
 #include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
+#include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/OutboxReporter.h"
 #include "platform/SystemError.h"
 
@@ -148,10 +149,7 @@ private:
         if (meant.empty() && !isAnythingWaiting(store)) {
             host.output.message("Nothing is waiting to be sent.");
         } else {
-            host.output.message(isServiceRunning
-                                    ? "The service is trying again now."
-                                    : "The Orlinth service is not running. Files will be sent once it starts: "
-                                      "`systemctl --user start orlinth`");
+            host.output.message(isServiceRunning ? "The service is trying again now." : serviceIsNotRunning);
         }
         return 0;
     }

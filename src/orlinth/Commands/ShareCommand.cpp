@@ -4,6 +4,7 @@
 #include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
+#include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/OutboxReporter.h"
 
 namespace orlinth::cli {
@@ -130,8 +131,7 @@ private:
         host.output.result("shared " + host::countOfFiles(manifest.files.size()) + " with " + names + ", batch " +
                            shortId(BatchId(manifest.id)));
         host.output.message(isRunning ? "The service sends it now, or as soon as the phone can be reached."
-                                      : "The Orlinth service is not running. Files will be sent once it starts: "
-                                        "`systemctl --user start orlinth`");
+                                      : serviceIsNotRunning);
     }
 
     std::vector<std::string> selectors_;

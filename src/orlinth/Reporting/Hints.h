@@ -25,6 +25,10 @@ namespace orlinth::cli {
 [[nodiscard]] std::string hintForServing(const Host& host, const std::exception& error);
 [[nodiscard]] std::string hintForConnection(const Host& host, const Receiver::Failure& failure);
 
+/// Of what waits for a service that does not run.
+inline constexpr const char* serviceIsNotRunning =
+    "The Orlinth service is not running. Files will be sent once it starts: `systemctl --user start orlinth`";
+
 /// Of the files that every command needs, the store of phones and this computer's key: which file it is, and what to do
 /// about it. "" for any other failure.
 [[nodiscard]] std::string hintForOwnFiles(const Host& host, const std::exception& error);
