@@ -290,6 +290,20 @@ class ProgramTest(unittest.TestCase):
         self.assertEqual(["orlinth: " + text], lines, stderr)
 
 
+def look(port):
+    """Begins a handshake at this port of this machine, takes the answer and hangs up in good order; returns once the
+    other side has closed too."""
+    ephemeral_key, answer_bytes = os.urandom(32), 4 + 96
+    with socket.create_connection(("127.0.0.1", port), PATIENCE) as onlooker:
+        onlooker.sendall(struct.pack(">I", len(ephemeral_key)) + ephemeral_key)
+        answer = onlooker.recv(answer_bytes, socket.MSG_WAITALL)
+        if len(answer) != answer_bytes:
+            raise AssertionError(f"an answer of {len(answer)} bytes")
+        onlooker.shutdown(socket.SHUT_WR)
+        if onlooker.recv(1):
+            raise AssertionError("more than an answer came")
+
+
 class Relay:
     """A wire between a sender and a receiver on this machine that can be cut, held, slowed down or damaged.
 

@@ -16,7 +16,7 @@ import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
-from harness import (FRAMES_BEFORE_DATA, MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, random_key,
+from harness import (FRAMES_BEFORE_DATA, MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, look, random_key,
                      sha256)
 from terminal import Terminal
 
@@ -608,6 +608,15 @@ class Trouble(ServeTest):
             self.assertTrue(error["message"].startswith("noise handshake failed: "), error)
             self.assertTrue(error["remote_endpoint"].startswith("127.0.0.1:"), error)
         self.assertEqual("7 more connections failed that were of no paired phone", errors[5]["message"])
+
+    def test_those_who_only_look_whether_it_is_here_are_no_trouble(self):
+        service = self.serve()
+        for _ in range(12):
+            look(service.port)
+        self.assert_sent(self.phone, self.file("a.bin", b"abc"), service)
+        self.assert_ends(service)
+        self.assertEqual([], [event for event in service.events.all if event["event"] == "error"])
+        self.assertNotIn("handshake", service.stderr)
 
 
 if __name__ == "__main__":

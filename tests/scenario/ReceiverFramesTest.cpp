@@ -400,7 +400,7 @@ TEST_F(ReceiverFrames, ABrokenHandshakeIsReportedAndNothingElseHappens) {
     expectServesOn();
 }
 
-TEST_F(ReceiverFrames, AnotherProloguesHandshakeFails) {
+TEST_F(ReceiverFrames, WhoUsesAnotherPrologueCannotReadOurAnswerAndLeaves) {
     world.start();
     const auto phone = world.run(ScriptedPeer::connect(world, ReceiverWorld::port, world.phoneKey, "Orlinth_v1"));
     world.alongside([](ReceiverWorld& theWorld) -> Task<> {
@@ -413,8 +413,9 @@ TEST_F(ReceiverFrames, AnotherProloguesHandshakeFails) {
         }
     }(world));
     world.settle();
-    ASSERT_EQ(world.failures.size(), 1U);
-    EXPECT_THAT(world.failureTexts()[0], testing::StartsWith("noise handshake failed: "));
+    EXPECT_THAT(world.failureTexts(), IsEmpty());
+    EXPECT_EQ(world.receiver->lookCount(), 1U) << "from here it is the same as a look";
+    EXPECT_EQ(world.authenticated.size(), 1U) << "the phone's only";
 }
 
 TEST_F(ReceiverFrames, AHandshakeMessageBeyondTheLimitIsRefusedByItsPrefix) {
@@ -451,6 +452,82 @@ TEST_F(ReceiverFrames, WhoHangsUpInTheHandshakeIsReported) {
     world.silentStranger().reset();
     world.settle();
     EXPECT_THAT(world.failureTexts(), ElementsAre("noise handshake failed: wire EOF before expected bytes"));
+    EXPECT_EQ(world.receiver->lookCount(), 0U) << "it has not said the first message";
+}
+
+/// Somebody who has said the first message of the handshake, and got the answer to it.
+class Onlooker {
+public:
+    explicit Onlooker(ReceiverWorld& world) : wire(world.silentStranger(), world.clock) {
+        NoiseHandshake handshake(NoiseRole::initiator, world.phoneKey.clone(), asBytes(kOrlinthPrologue));
+        world.run(wire.sendLengthPrefixed(handshake.writeMessage({})));
+        static_cast<void>(handshake.readMessage(world.run(wire.receiveLengthPrefixed())));
+        last = handshake.writeMessage({});
+    }
+
+    WireConnection wire;
+    Bytes last; ///< its next message, which it has not sent
+};
+
+TEST_F(ReceiverFrames, ALookIsCountedAndNobodyHearsOfIt) {
+    world.start();
+    for (std::uint64_t looks = 1; looks <= 3; ++looks) {
+        Onlooker onlooker(world);
+        onlooker.wire.close();
+        world.settle();
+        EXPECT_EQ(world.receiver->lookCount(), looks);
+    }
+    EXPECT_EQ(world.ends(), 0U);
+    EXPECT_THAT(world.authenticated, IsEmpty());
+    expectServesOn();
+}
+
+TEST_F(ReceiverFrames, WhoBreaksOffBehindOurAnswerHasNotLooked) {
+    world.start();
+    Onlooker resets(world);
+    resets.wire.abort();
+    world.settle();
+    EXPECT_EQ(world.failures.size(), 1U);
+
+    world.network.faults.push_back({{.endAfter = 4 + 32 + 4 + 63}, {}}); // a byte before the end of its next message
+    Onlooker torn(world);
+    world.run(torn.wire.sendLengthPrefixed(torn.last));
+    world.settle();
+    EXPECT_EQ(world.failures.size(), 2U);
+
+    Onlooker lies(world);
+    lies.last.back() ^= std::byte{1};
+    world.run(lies.wire.sendLengthPrefixed(lies.last));
+    world.settle();
+    EXPECT_EQ(world.failures.size(), 3U);
+    for (const std::string& text : world.failureTexts()) {
+        EXPECT_THAT(text, testing::StartsWith("noise handshake failed: "));
+    }
+    EXPECT_EQ(world.receiver->lookCount(), 0U);
+}
+
+TEST_F(ReceiverFrames, WhoStaysBehindOurAnswerForTooLongHasNotLooked) {
+    world.make().limits.handshakeLimit = 10s;
+    world.start();
+    const Onlooker stays(world);
+    world.pass(11s);
+    EXPECT_THAT(world.failureTexts(), ElementsAre("noise handshake failed: not complete in time"));
+    EXPECT_EQ(world.receiver->lookCount(), 0U);
+}
+
+TEST_F(ReceiverFrames, ThoseWhoLookAreStrangersLikeOthers) {
+    world.make().limits.strangersOfOneSource = 2;
+    world.start();
+    std::vector<std::unique_ptr<Onlooker>> crowd;
+    for (int i = 0; i < 4; ++i) {
+        crowd.push_back(std::make_unique<Onlooker>(world));
+    }
+    world.pass(limits::strangerGrace * 2);
+    EXPECT_EQ(world.failures.size(), 2U) << "two had to make room";
+    crowd.clear();
+    world.settle();
+    EXPECT_EQ(world.receiver->lookCount(), 2U);
+    EXPECT_EQ(world.failures.size(), 2U);
 }
 
 TEST_F(ReceiverFrames, AStrangerWhoSaysNothingIsGivenUpAfterSixtySeconds) {

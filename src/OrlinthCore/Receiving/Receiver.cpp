@@ -113,6 +113,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     const std::shared_ptr<RecordUpdates> updates; ///< any thread, and so the next two
     PhonePlaces places;
     FrameRoom frames;
+    std::atomic<std::uint64_t> looks = 0; ///< any thread
 
     mutable Mutex keysLock;
     std::vector<platform::PublicKey> expected ORLINTH_GUARDED_BY(keysLock);
@@ -381,6 +382,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                                 ? std::optional(system.clock.now() + limits.handshakeLimit)
                                 : std::nullopt,
             .onGreeting = [session] { session->hasGreeted = true; },
+            .onLook = [self] { ++self->looks; },
             .standingOf =
                 [self, session](const platform::PublicKey& key) {
                     const auto standing = self->standingOf(key);
@@ -520,6 +522,10 @@ void Receiver::setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys) {
 std::vector<platform::PublicKey> Receiver::removedPeerPubkeys() const {
     const MutexLock guard(service_->keysLock);
     return service_->removed;
+}
+
+std::uint64_t Receiver::lookCount() const noexcept {
+    return service_->looks.load();
 }
 
 Task<> Receiver::run(Callbacks callbacks) {

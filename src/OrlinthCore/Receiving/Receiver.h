@@ -151,6 +151,11 @@ public:
     void setRemovedPeerPubkeys(std::vector<platform::PublicKey> keys);
     [[nodiscard]] std::vector<platform::PublicKey> removedPeerPubkeys() const;
 
+    /// How many connections were looks, of all runs: somebody said the first message of the handshake, got the answer
+    /// that proves our key, and hung up in good order without proving one. That is how a computer finds out whether we
+    /// are the one it seeks; it is no failure, and no callback hears of it. Any thread.
+    [[nodiscard]] std::uint64_t lookCount() const noexcept;
+
     /// Runs the service until stop(). On return every connection has ended, its partial file kept for a resume; then it
     /// may be called again, which opens the port that was used before unless there is another `listener`.
     /// Cancelling the task ends the service in the same way, with Cancelled.

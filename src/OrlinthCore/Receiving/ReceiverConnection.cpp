@@ -47,14 +47,29 @@ private:
     std::unique_ptr<platform::Timer> timer_; // last: its action uses the member above
 };
 
-Task<NoiseTransport> shakeHands(WireConnection& wire, const ReceiverConnectionContext& context) {
+/// Whether the other side ended the connection in good order where its next message was due.
+bool isOrderlyEnd(const std::exception& error) noexcept {
+    const auto* wire = dynamic_cast<const WireConnection::Error*>(&error);
+    return wire != nullptr && wire->isBetweenFrames();
+}
+
+/// Nothing if it was a look.
+Task<std::optional<NoiseTransport>> shakeHands(WireConnection& wire, const ReceiverConnectionContext& context) {
     const Executor executor = co_await asio::this_coro::executor;
+    bool hasGreeted = false;
+    const auto greet = [&context, &hasGreeted] {
+        hasGreeted = true;
+        context.onGreeting();
+    };
     NoiseHandshake handshake(NoiseRole::responder, context.staticKey.clone(), asBytes(context.prologue));
     HandshakeAlarm alarm(wire, executor, context);
     try {
-        co_await exchangeAsResponder(wire, handshake, Receiver::maxHandshakeFrame, context.onGreeting);
+        co_await exchangeAsResponder(wire, handshake, Receiver::maxHandshakeFrame, greet);
         co_return std::move(handshake).finalize();
     } catch (const std::exception& error) {
+        if (hasGreeted && isOrderlyEnd(error)) {
+            co_return std::nullopt;
+        }
         const std::string text = platform::textOfFailure(error);
         throw ReceiveError::noiseHandshakeFailed(alarm.hasRung() ? "not complete in time" : text);
     }
@@ -417,13 +432,17 @@ Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverCo
     const std::string endpoint = stream->remoteEndpoint();
     WireConnection wire(std::move(stream), context.clock);
     wire.idleTimeout = Receiver::idleTimeout;
-    NoiseTransport transport = co_await shakeHands(wire, context);
-    const platform::PublicKey key = transport.remoteStaticPublicKey();
+    std::optional<NoiseTransport> transport = co_await shakeHands(wire, context);
+    if (!transport) {
+        context.onLook();
+        co_return std::nullopt;
+    }
+    const platform::PublicKey key = transport->remoteStaticPublicKey();
     const Standing standing = context.standingOf(key);
     if (standing == Standing::unknown) {
         throw ReceiveError::unauthorizedPeer();
     }
-    Conversation conversation(context, wire, std::move(transport));
+    Conversation conversation(context, wire, std::move(*transport));
     if (standing == Standing::removed) {
         co_await conversation.sayFarewell(TransportMessage::unpair());
         co_return Receiver::UnpairReplied{.peerKey = key.peerKey(), .remoteEndpoint = endpoint};

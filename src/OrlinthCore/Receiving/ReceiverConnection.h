@@ -22,6 +22,9 @@ struct ReceiverConnectionContext {
     std::optional<platform::Clock::Instant> handshakeEnd;
     /// The first message of the handshake has come.
     std::function<void()> onGreeting;
+    /// The other side has only looked: it said its first message and then ended the connection in good order, with our
+    /// answer, which proves our key, on its way. Any thread.
+    std::function<void()> onLook;
     /// What becomes of whoever has proved this key.
     enum class Standing { unknown, expected, removed };
     /// May be called on several threads at once, like all that follow.
@@ -44,7 +47,7 @@ struct ReceiverConnectionContext {
 /// Serves one connection from the handshake to its outcome, as the registry's `self`. On the stream's queue.
 /// Cancelling the task closes the connection; what has arrived of a file is kept for a resume, in every case.
 /// Returns nothing if the connection ended well and there is nothing to report: an earlier one has delivered its file,
-/// and that was reported; or it has brought a push token and nothing else.
+/// and that was reported; or it has brought a push token and nothing else; or it was a look.
 /// @throws ReceiveError; WireConnection::Error, TransportFramer::Error as they come in the frame loop; Cancelled
 [[nodiscard]] Task<std::optional<Receiver::ProcessOutcome>> processConnection(const ReceiverConnectionContext& context,
                                                                               std::unique_ptr<platform::Stream> stream);

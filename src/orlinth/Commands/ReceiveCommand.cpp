@@ -12,22 +12,53 @@
 #include "orlinth/Reporting/ReceivedFields.h"
 #include "platform/SystemError.h"
 
+#include <utility>
+
 namespace orlinth::cli {
 
 namespace {
 
-/// Turns what happens to the file into events, messages and the progress bar.
+/// A port for one connection after the other. It stays open between them: who looks whether this computer is here
+/// comes back at once with a file, and must not be refused.
+class KeptPort final : public platform::Listener {
+public:
+    explicit KeptPort(std::shared_ptr<platform::Listener> port) : port_(std::move(port)) {}
+
+    [[nodiscard]] Task<std::unique_ptr<platform::Stream>> accept(Executor executor) override {
+        return port_->accept(std::move(executor));
+    }
+    [[nodiscard]] std::uint16_t port() const noexcept override { return port_->port(); }
+    [[nodiscard]] std::string place() const override { return port_->place(); }
+    /// Only ends this use of the port.
+    void close() noexcept override {}
+
+private:
+    std::shared_ptr<platform::Listener> port_;
+};
+
+/// Turns what happens to the file into events, messages and the progress bar, and closes the port once the phone has
+/// proved its key.
 class ReceiveReporter final : public ReceiveProgress {
 public:
-    explicit ReceiveReporter(Output& output) : output_(output) {}
+    /// `from` is the phone's name. What is referred to outlives this.
+    ReceiveReporter(Output& output, std::string from, platform::Listener& port)
+        : output_(output), from_(std::move(from)), port_(port) {}
 
     void onListening(std::uint16_t port) override {
+        if (std::exchange(isListening_, true)) {
+            return; // and has been since then
+        }
         output_.event("listening", {{"port", port}});
         output_.message("listening on port " + std::to_string(port));
     }
 
     void onConnected(const std::string& remoteEndpoint) override {
         output_.message("connection from " + remoteEndpoint);
+    }
+
+    void onHandshakeComplete() override {
+        hasProvedKey_ = true;
+        port_.close();
     }
 
     void onOffer(const TransportMessage::FileOffer& offer, ByteOffset resumedFromOffset) override {
@@ -46,6 +77,11 @@ public:
     void onProgress(std::int64_t bytesWritten, std::int64_t totalBytes) override {
         output_.bar().update({.done = bytesWritten, .total = totalBytes});
     }
+
+    /// Whether the phone has proved its key.
+    [[nodiscard]] bool hasProvedKey() const noexcept { return hasProvedKey_; }
+
+    void tellLook() { output_.message("it hung up without proving a key; still waiting for " + from_); }
 
     void tellComplete(const ReceivedFile& received) {
         Json fields = receivedFields(received);
@@ -66,6 +102,10 @@ public:
 
 private:
     Output& output_;
+    std::string from_;
+    platform::Listener& port_;
+    bool isListening_ = false;
+    bool hasProvedKey_ = false;
     bool wasHere_ = false;
 };
 
@@ -88,12 +128,10 @@ public:
         const platform::Path folder = downloadsFolder(host, directory_);
         const platform::PrivateKey ownKey = host.staticKey();
         const host::CheckedPeer peer = host::selectPeer(host, selector_, ownKey.publicKey(), host::PeerUse::key);
-        ReceiveReporter reporter(host.output);
         const std::string from = forDisplay(peer.record.peer_hostname);
         host::requireWritableFolder(host, folder);
         try {
-            reporter.tellComplete(
-                host.tasks.run(receiveOneTransfer(host.system, request(host, ownKey, peer, folder, reporter))));
+            receive(host, ownKey, peer, folder);
             return 0;
         } catch (const Interrupted& interrupted) {
             host.output.failure(interrupted.description(), "What has arrived is kept for another attempt.");
@@ -105,25 +143,50 @@ public:
     }
 
 private:
-    [[nodiscard]] ReceiveRequest request(Host& host, const platform::PrivateKey& ownKey, const host::CheckedPeer& peer,
-                                         const platform::Path& folder, ReceiveReporter& reporter) const {
-        ReceiveRequest request{.staticKey = ownKey,
-                               .expectedPeerPubkey = peer.key,
-                               .downloadsDir = folder,
-                               .port = port_,
-                               .acceptTimeout = timeout_,
-                               .handshakeLimit = host::handshakeLimit,
-                               .progress = &reporter};
+    /// One file. Whoever hangs up in good order before a key is proved, as those do who only look whether this computer
+    /// is here, uses up nothing but the time.
+    void receive(Host& host, const platform::PrivateKey& ownKey, const host::CheckedPeer& peer,
+                 const platform::Path& folder) const {
+        const std::shared_ptr<platform::Listener> port = openPort(host);
+        ReceiveReporter reporter(host.output, forDisplay(peer.record.peer_hostname), *port);
+        const platform::Clock::Instant begin = host.system.clock.now();
+        Seconds left = timeout_; // 0: for ever
+        for (;;) {
+            ReceiveRequest request{.staticKey = ownKey,
+                                   .expectedPeerPubkey = peer.key,
+                                   .downloadsDir = folder,
+                                   .listener = std::make_unique<KeptPort>(port),
+                                   .acceptTimeout = left,
+                                   .handshakeLimit = host::handshakeLimit,
+                                   .progress = &reporter};
+            try {
+                const ReceivedFile file = host.tasks.run(receiveOneTransfer(host.system, std::move(request)));
+                reporter.tellComplete(file);
+                return;
+            } catch (const WireConnection::Error& error) {
+                if (reporter.hasProvedKey() || !error.isBetweenFrames()) {
+                    throw;
+                }
+            }
+            reporter.tellLook();
+            if (timeout_ > 0s) {
+                left = timeout_ - (host.system.clock.now() - begin);
+                if (left <= 0s) {
+                    throw ReceiveError::timedOut();
+                }
+            }
+        }
+    }
+
+    [[nodiscard]] std::unique_ptr<platform::Listener> openPort(Host& host) const {
+        std::unique_ptr<platform::Listener> port;
         try { // here, because to the core 0 is no port at all, and for the system's reason
-            request.listener = host.system.network.listen({.port = port_, .keepAlive = {}}, host.tasks.executor());
+            port = host.system.network.listen({.port = port_, .keepAlive = {}}, host.tasks.executor());
         } catch (const platform::SystemError& error) {
             throw portTrouble(host, port_, error.code(),
                               ReceiveError::listenerStartFailed(describe(error)).description());
         }
-        if (!listensPublicly_) {
-            request.listener = nearbyOnly(host, std::move(request.listener));
-        }
-        return request;
+        return listensPublicly_ ? std::move(port) : nearbyOnly(host, std::move(port));
     }
 
     std::string selector_;

@@ -32,6 +32,30 @@ protected:
         }
         endedAt.push_back(world.clock.elapsed());
     }
+    /// Connects after so many seconds, and hangs up in good order once this computer has proved its key, so many
+    /// seconds later; `resets`: or not in good order.
+    [[nodiscard]] Task<> look(Seconds time, Seconds thinks = 0s, bool resets = false) {
+        co_await world.clock.sleep(time);
+        world.network.sources.push_back(near);
+        std::unique_ptr<platform::Stream> stream =
+            co_await world.network.connect("203.0.113.1", port, world.context.get_executor());
+        WireConnection wire(std::move(stream), world.clock);
+        NoiseHandshake handshake(NoiseRole::initiator, world.phoneKey.clone(), asBytes(kOrlinthPrologue));
+        const Bytes greeting = handshake.writeMessage({});
+        co_await wire.sendLengthPrefixed(greeting);
+        const Bytes answer = co_await wire.receiveLengthPrefixed();
+        static_cast<void>(handshake.readMessage(answer));
+        co_await world.clock.sleep(thinks);
+        wire.resetOnClose(resets);
+    }
+    /// Proves its key a second after the beginning and hangs up a second later, though a file is due.
+    [[nodiscard]] Task<> hangUpBehindTheProof() {
+        co_await world.clock.sleep(1s);
+        world.network.sources.push_back(near);
+        const auto phone = co_await ScriptedPeer::connect(world, port, world.phoneKey);
+        co_await world.clock.sleep(1s);
+        EXPECT_FALSE(world.network.isOpen(port));
+    }
     /// Sends a file after so many seconds.
     [[nodiscard]] Task<> send(Seconds time, std::string name, std::string content, std::string endpoint) {
         co_await world.clock.sleep(time);
@@ -80,6 +104,70 @@ TEST_F(ReceiveCommandTest, GivesWhoeverConnectsTenSecondsToProveAKey) {
     EXPECT_EQ(ended.failure(), "orlinth: noise handshake failed: timed out after 10 seconds");
     fakes::runUntilIdle(world.context, world.clock);
     EXPECT_THAT(endedAt, ElementsAre(12));
+}
+
+TEST_F(ReceiveCommandTest, IsNotUsedUpByThoseWhoOnlyLook) {
+    world.alongside(look(1s));
+    world.alongside(look(2s));
+    world.alongside(send(3s, "a.txt", "content", near));
+    const Ended ended = receive();
+    EXPECT_EQ(ended.status, 0) << testing::PrintToString(ended.errors);
+    EXPECT_EQ(ended.after, 3);
+    EXPECT_EQ(world.files.content("/home/ann/Downloads/a.txt"), "content");
+    EXPECT_THAT(ended.names(), ElementsAre("listening", "complete"));
+    EXPECT_EQ(ended.failure(), "");
+    EXPECT_EQ(world.network.listens.size(), 1U) << "who comes between two connections must not be refused";
+}
+
+TEST_F(ReceiveCommandTest, TellsWhoWatchesThatItStillWaits) {
+    world.alongside(look(1s));
+    world.alongside(send(3s, "a.txt", "content", near));
+    const Ended ended =
+        CommandWorldTest::run(makeReceiveCommand, {"receive", "--from", phoneName, "--port", std::to_string(port)});
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_THAT(ended.errors,
+                ElementsAre("listening on port 7100", HasSubstr("connection from "),
+                            "it hung up without proving a key; still waiting for Pixel-8",
+                            HasSubstr("connection from "), HasSubstr("receiving a.txt"), HasSubstr("received ")));
+}
+
+TEST_F(ReceiveCommandTest, LetsThoseWaitWhoComeDuringALook) {
+    world.alongside(look(1s, 5s));
+    world.alongside(send(2s, "a.txt", "content", near));
+    const Ended ended = receive();
+    EXPECT_EQ(ended.status, 0) << testing::PrintToString(ended.errors);
+    EXPECT_EQ(ended.after, 6);
+}
+
+TEST_F(ReceiveCommandTest, ALookGivesItNoMoreTime) {
+    world.alongside(look(20s));
+    const Ended ended = receive({"--timeout", "30"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.after, 30);
+    EXPECT_EQ(ended.failure(), "orlinth: timed out");
+}
+
+TEST_F(ReceiveCommandTest, ALookThatOutlastsTheTimeEndsIt) {
+    world.alongside(look(29s, 4s));
+    const Ended ended = receive({"--timeout", "30"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.after, 33);
+    EXPECT_EQ(ended.failure(), "orlinth: timed out");
+}
+
+TEST_F(ReceiveCommandTest, WhoBreaksOffHasNotOnlyLooked) {
+    world.alongside(look(1s, 0s, true));
+    const Ended ended = receive();
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.after, 1);
+    EXPECT_THAT(ended.names(), ElementsAre("listening", "error"));
+}
+
+TEST_F(ReceiveCommandTest, ClosesItsPortOnceThePhoneIsThere) {
+    world.alongside(hangUpBehindTheProof());
+    const Ended ended = receive();
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.failure(), "orlinth: wire EOF before expected bytes");
 }
 
 TEST_F(ReceiveCommandTest, IsNotEndedBySomebodyFromFarAway) {
