@@ -44,6 +44,18 @@ install(FILES "${PROJECT_BINARY_DIR}/orlinth.service" "${PROJECT_SOURCE_DIR}/pac
               "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth-desktop.service"
         DESTINATION lib/systemd/user)
 
+# What firewalls call the port. firewalld reads its services below /usr only, and ufw its profiles in /etc, which is
+# where the settings of programs in /usr belong.
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/firewalld/orlinth.xml" DESTINATION lib/firewalld/services)
+install(CODE "
+  cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX NORMALIZE OUTPUT_VARIABLE orlinthSettings)
+  if(orlinthSettings MATCHES \"^/usr/?$\")
+    set(orlinthSettings /)
+  endif()
+  cmake_path(APPEND orlinthSettings \"${CMAKE_INSTALL_SYSCONFDIR}\" ufw/applications.d)
+  file(INSTALL \"${PROJECT_SOURCE_DIR}/packaging/ufw/orlinth\" DESTINATION \"\${orlinthSettings}\")
+")
+
 if(TARGET orlinth-share)
   include(OrlinthDesktop)
 endif()

@@ -1,5 +1,6 @@
 """What `cmake --install` puts in place serves a host application outside the tree, and is hardened."""
 
+import configparser
 import json
 import os
 import pathlib
@@ -8,6 +9,7 @@ import re
 import subprocess
 import tempfile
 import unittest
+import xml.etree.ElementTree
 
 import own_environment  # noqa: F401 (it is entered by the import)
 
@@ -121,6 +123,34 @@ class InstalledPackage(unittest.TestCase):
     def test_of_the_code_for_linux_a_host_sees_what_it_makes_in_its_main(self):
         linux = self.prefix / "include" / "orlinth" / "platform" / "linux"
         self.assertEqual(["LinuxSystem.h"], sorted(path.name for path in linux.iterdir()))
+
+    def assert_firewalls_find(self, settings, programs):
+        """The port under its name, in these folders of settings and programs."""
+        source = pathlib.Path(os.environ["ORLINTH_SOURCE"])
+        port = re.search(r"(?m)^ListenStream=(\d+)$",
+                         (source / "packaging/systemd/orlinth.socket").read_text(encoding="utf-8"))[1]
+        self.assertIn(f" defaultPort = {port};", (source / "src/orlinth/Commands/Command.h").read_text(encoding="utf-8"))
+        profiles = configparser.ConfigParser(interpolation=None)
+        profiles.read_string((settings / "ufw/applications.d/orlinth").read_text(encoding="utf-8"))
+        self.assertEqual(["Orlinth"], profiles.sections())
+        profile = profiles["Orlinth"]
+        self.assertEqual({"title", "description", "ports"}, set(profile))
+        self.assertTrue(profile["title"] and profile["description"])
+        self.assertEqual(f"{port}/tcp", profile["ports"])
+        service = xml.etree.ElementTree.parse(programs / "lib/firewalld/services/orlinth.xml").getroot()
+        self.assertEqual("service", service.tag)
+        self.assertEqual(["short", "description", "port"], [part.tag for part in service])
+        self.assertTrue(service.findtext("short") and service.findtext("description"))
+        self.assertEqual({"protocol": "tcp", "port": port}, service.find("port").attrib)
+
+    def test_firewalls_learn_the_port_under_its_name(self):
+        self.assert_firewalls_find(self.prefix / "etc", self.prefix)
+
+    def test_a_package_puts_the_profiles_where_firewalls_look(self):
+        root = pathlib.Path(self.folder.name) / "root"
+        run("cmake", "--install", BUILD, "--prefix", "/usr", env={**os.environ, "DESTDIR": str(root)})
+        self.assert_firewalls_find(root / "etc", root / "usr")
+        self.assertFalse((root / "usr" / "etc").exists())
 
     def test_the_installed_program_runs(self):
         data = pathlib.Path(self.folder.name) / "data"
