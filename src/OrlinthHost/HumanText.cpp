@@ -92,4 +92,20 @@ std::string padded(std::string text, std::size_t columns) {
     return text;
 }
 
+std::vector<std::string> wrapped(std::string_view utf8, std::size_t columns) {
+    std::vector<std::string> lines;
+    while (!utf8.empty()) {
+        const std::size_t end = utf8.find(' ');
+        const std::string word(utf8.substr(0, end));
+        utf8.remove_prefix(end == std::string_view::npos ? utf8.size() : end + 1);
+        const bool fits = !lines.empty() && columnsOf(lines.back()) + 1 + columnsOf(word) <= columns;
+        if (fits) {
+            lines.back() += " " + word;
+        } else {
+            lines.push_back(word);
+        }
+    }
+    return lines;
+}
+
 } // namespace orlinth::host

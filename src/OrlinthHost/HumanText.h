@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Figures and names as people read them.
 namespace orlinth::host {
@@ -30,5 +31,8 @@ namespace orlinth::host {
 
 /// The text, filled up with blanks to `columns`.
 [[nodiscard]] std::string padded(std::string text, std::size_t columns);
+
+/// The text in lines of at most `columns`, broken at single blanks. A longer word has a line of its own.
+[[nodiscard]] std::vector<std::string> wrapped(std::string_view utf8, std::size_t columns);
 
 } // namespace orlinth::host

@@ -13,8 +13,8 @@ SOURCE = pathlib.Path(os.environ["ORLINTH_SOURCE"])
 HEADERS = ("base/Bytes.h", "platform/Clock.h", "platform/linux/LinuxSystem.h", "OrlinthCore/SecureChannel/Wire.h",
            "OrlinthCore/Peers/Record.h", "OrlinthCore/Sending/ActiveTransfers.h", "OrlinthCore/Sending/Journal.h",
            "OrlinthCore/Receiving/Receiver.h", "OrlinthCore/Share/ShareOutbox.h", "OrlinthShare/SharePickerView.h",
-           "OrlinthHost/Home.h", "OrlinthHost/Phones/KnownKeys.h", "OrlinthHost/Outbox/OutboxQueue.h",
-           "orlinth/Reporting/Output.h")
+           "OrlinthHost/Home.h", "OrlinthHost/Phones/KnownKeys.h", "OrlinthHost/Reach/Cause.h",
+           "OrlinthHost/Outbox/OutboxQueue.h", "orlinth/Reporting/Output.h")
 
 
 def check(root):
@@ -52,6 +52,8 @@ class Layers(unittest.TestCase):
                            ("orlinth/main.cpp", '#include "platform/linux/LinuxSystem.h"'),
                            ("orlinth/Reporting/A.cpp", '#include "Output.h"'),
                            ("OrlinthHost/Service/A.cpp", '#include "OrlinthHost/Outbox/OutboxQueue.h"'),
+                           ("OrlinthHost/Reach/A.cpp", '#include "OrlinthHost/Phones/KnownKeys.h"'),
+                           ("OrlinthHost/Outbox/A.cpp", '#include "OrlinthHost/Reach/Cause.h"'),
                            ("orlinth/Commands/A.cpp", '#include "OrlinthHost/Phones/KnownKeys.h"'),
                            ("orlinth/main.cpp", "#include <unistd.h>"),
                            ("OrlinthShare/A.cpp", "#include <QWidget>"),
@@ -98,6 +100,8 @@ class Layers(unittest.TestCase):
                            ("OrlinthHost/Service/A.cpp", "#include <unistd.h>"),
                            ("OrlinthHost/Service/A.cpp", "#include <CLI/CLI.hpp>"),
                            ("OrlinthHost/Phones/A.cpp", '#include "OrlinthHost/Outbox/OutboxQueue.h"'),
+                           ("OrlinthHost/Phones/A.cpp", '#include "OrlinthHost/Reach/Cause.h"'),
+                           ("OrlinthHost/Reach/A.cpp", '#include "OrlinthHost/Outbox/OutboxQueue.h"'),
                            ("OrlinthHost/A.h", '#include "OrlinthHost/Phones/KnownKeys.h"'),
                            ("orlinth/main.cpp", "#include <openssl/evp.h>"),
                            ("orlinth/main.cpp", "#include <QWidget>"),

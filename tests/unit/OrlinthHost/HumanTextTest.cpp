@@ -97,5 +97,16 @@ TEST(HumanText, IsFilledUpToColumnsAndNotToBytes) {
     EXPECT_EQ(padded("", 2), "  ");
 }
 
+TEST(HumanText, WrapsBetweenWords) {
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(wrapped("", 10), Lines());
+    EXPECT_EQ(wrapped("one two", 7), Lines({"one two"}));
+    EXPECT_EQ(wrapped("one two", 6), Lines({"one", "two"}));
+    EXPECT_EQ(wrapped("a bcd ef g", 4), Lines({"a", "bcd", "ef g"}));
+    EXPECT_EQ(wrapped("a much-too-long b", 5), Lines({"a", "much-too-long", "b"}));
+    EXPECT_EQ(wrapped("日本 日本", 8), Lines({"日本", "日本"})) << "four columns each";
+    EXPECT_EQ(wrapped("日本 日本", 9), Lines({"日本 日本"}));
+}
+
 } // namespace
 } // namespace orlinth::host

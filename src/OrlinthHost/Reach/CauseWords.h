@@ -1,0 +1,44 @@
+#pragma once
+
+#include "OrlinthHost/Reach/Cause.h"
+#include "base/Time.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orlinth::host {
+
+/// What the sentences about a cause name. What is absent or "" is left out of them, or named in general words. Names
+/// that others have chosen are made safe to show by words() and advice().
+struct CauseDetails {
+    std::string phone = {};                 ///< its name
+    std::string address = {};               ///< the recorded one; of ownAddress: this computer's that the phones know
+    std::string addressNow = {};            ///< where the phone was found; of ownAddress: this computer's
+    std::string phonesNetwork = {};         ///< "192.168.7.0/24"
+    std::string ownNetwork = {};            ///< likewise
+    std::string interface = {};             ///< through which the way leads, for example "tun0"
+    std::string firewall = {};              ///< "firewalld", "ufw" or "nftables"
+    std::string zone = {};                  ///< of firewalld
+    std::string program = {};               ///< that has the port
+    std::string folder = {};                ///< of the downloads
+    std::string reason = {};                ///< why it cannot be used, for example "it is read-only"
+    std::uint16_t port = 28471;             ///< of this computer's service
+    std::uint16_t portKnown = 0;            ///< the one that the phones know
+    bool canBeWoken = false;                ///< a push token is recorded
+    std::optional<Seconds> seenBefore = {}; ///< how long ago the phone last answered
+    std::optional<Seconds> clockError = {}; ///< how much this computer's clock is ahead; below 0: behind
+};
+
+/// What is wrong, in one sentence or two. Cause::none: that the phone is here.
+[[nodiscard]] std::string words(Cause cause, const CauseDetails& details);
+
+/// What to do about it.
+struct Advice {
+    std::string text = {};               ///< "" where nothing helps
+    std::vector<std::string> commands{}; ///< for a shell, one after the other; none takes more than 60 columns
+};
+[[nodiscard]] Advice advice(Cause cause, const CauseDetails& details);
+
+} // namespace orlinth::host
