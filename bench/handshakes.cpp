@@ -14,10 +14,10 @@
 #include "bench/BlockingIo.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
-#include <mutex>
 #include <sys/stat.h>
 #include <thread>
 #include <vector>
@@ -126,27 +126,19 @@ void receiveFile(const Descriptor& listener, const std::string& folder, const pl
 template <typename Work>
 void shareOut(int lanes, int count, const Work& work) {
     std::atomic<int> next = 0;
-    std::mutex lock;
-    std::exception_ptr failure;
-    {
-        std::vector<std::jthread> threads;
-        for (int lane = 0; lane < lanes; ++lane) {
-            threads.emplace_back([&] {
-                try {
-                    FrameBuffer buffer;
-                    for (int number = next++; number < count; number = next++) {
-                        work(number, buffer);
-                    }
-                } catch (...) {
-                    const std::scoped_lock hold(lock);
-                    failure = std::current_exception();
-                    next = count;
+    std::vector<std::jthread> threads; // last: their end is waited for
+    for (int lane = 0; lane < lanes; ++lane) {
+        threads.emplace_back([&] {
+            try {
+                FrameBuffer buffer;
+                for (int number = next++; number < count; number = next++) {
+                    work(number, buffer);
                 }
-            });
-        }
-    }
-    if (failure) {
-        std::rethrow_exception(failure);
+            } catch (const std::exception& error) {
+                std::fprintf(stderr, "handshakes: %s\n", error.what());
+                std::_Exit(1); // other lanes may wait for what never comes
+            }
+        });
     }
 }
 

@@ -70,6 +70,14 @@ def tell(text):
     print(f"  {text}", flush=True)
 
 
+def size_of(path):
+    """Of a file that may not be there, or go at any moment: then 0."""
+    try:
+        return path.stat().st_size
+    except FileNotFoundError:
+        return 0
+
+
 def human(count):
     """As file managers show sizes: 1500 -> '1.5 kB'."""
     value, unit = float(count), "bytes"
@@ -245,7 +253,7 @@ class Demo:
         sender = self.send(file)
         threshold = int(file.stat().st_size * CUT_AT)
         partial = downloads / (file.name + ".partial")
-        comes_true(lambda: sender.process.poll() is not None or partial.exists() and partial.stat().st_size >= threshold,
+        comes_true(lambda: sender.process.poll() is not None or size_of(partial) >= threshold,
                    PATIENCE + threshold / SLOWEST, partial, sender.process)
         sender.process.kill()
         status = sender.finish()
@@ -253,7 +261,7 @@ class Demo:
             raise NotCut
         if status != -signal.SIGKILL:
             raise Trouble(f"the sender failed by itself: {sender.last_words()}")
-        kept = partial.stat().st_size if partial.exists() else 0
+        kept = size_of(partial)
         if not 0 < kept < file.stat().st_size:
             raise Trouble(f"the receiver kept {kept} bytes: {receiver.last_words()}")
         tell("SIGKILL to the sender. The receiver says: " + faint(receiver.last_words()))

@@ -47,8 +47,9 @@ public:
     /// Whether the peer has ended its side, or the connection is broken or closed. Looks without reading, so that what
     /// has come stays there to be read. False where that cannot be said.
     [[nodiscard]] virtual bool hasEnded() const noexcept { return false; }
-    /// Returns once hasEnded() holds, which data that has come and was not read neither hastens nor delays; one such
-    /// wait at once, beside a read and a write. For ever where it cannot be said. The stream outlives the task.
+    /// Returns once hasEnded() holds; unread data makes no difference. At most one such wait at a time, beside a read
+    /// and a write. Waits for ever where it cannot be said: who overrides one of the two overrides both. The stream
+    /// outlives the task.
     /// @throws Cancelled; SystemError if the system has no room for another wait
     [[nodiscard]] virtual Task<> untilEnded();
     /// How many of the bytes written (and of the end of writing, which counts as one) the peer's system has not

@@ -69,7 +69,8 @@ private:
 /// The paired phones, in one JSON file that is read fresh by every call and replaced whole by every change.
 ///
 /// A file that does not decode is never overwritten. Changes hold an advisory lock from reading to writing, so that
-/// two processes (or threads) do not lose each other's. All calls block and throw PeerStoreError.
+/// two processes (or threads) do not lose each other's. All calls block and throw PeerStoreError. Copies are the same
+/// store: they refer to the same `files`, which must outlive them.
 class PeerStore {
 public:
     static constexpr const char* defaultDirectoryName = "Orlinth";

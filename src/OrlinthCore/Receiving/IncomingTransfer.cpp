@@ -62,14 +62,14 @@ void IncomingTransfer::takeData(std::int64_t bytes) {
     if (state_ != State::receiving) {
         violate("binary frame before FileOffer");
     }
-    end_ += bytes;
+    dataEnd_ += bytes;
     requireApproved();
 }
 
 void IncomingTransfer::accept(ByteOffset offset, std::optional<std::int64_t> approvedSize) {
     requireState(State::offered);
     state_ = State::receiving;
-    end_ = offset;
+    dataEnd_ = offset;
     approvedSize_ = approvedSize;
     requireApproved();
 }
@@ -86,7 +86,7 @@ void IncomingTransfer::requireState(State state) const {
 }
 
 void IncomingTransfer::requireApproved() {
-    if (approvedSize_ && end_.bytesBefore() - limits::dataFrameBytes > *approvedSize_) {
+    if (approvedSize_ && dataEnd_.bytesBefore() - limits::dataFrameBytes > *approvedSize_) {
         violate("more data than was offered");
     }
 }

@@ -84,7 +84,7 @@ private:
 
     Scope scope_;
     State state_ = State::waiting;
-    ByteOffset end_; ///< of what is here
+    ByteOffset dataEnd_; ///< of what is here
     std::optional<std::int64_t> approvedSize_;
 };
 

@@ -331,8 +331,13 @@ private:
     }
 
     [[nodiscard]] Task<> watchPhone(OneShot<bool>& answer) {
-        co_await wire_.untilEnded();
-        answer.fail(std::make_exception_ptr(WireConnection::Error::eof()));
+        std::exception_ptr reason = std::make_exception_ptr(WireConnection::Error::eof());
+        try {
+            co_await wire_.untilEnded();
+        } catch (const platform::SystemError&) {
+            reason = std::current_exception(); // nobody would notice that the phone has gone
+        }
+        answer.fail(reason);
     }
 
     [[nodiscard]] Task<Result> end(const TransportMessage& message) {

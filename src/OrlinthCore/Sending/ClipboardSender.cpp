@@ -38,8 +38,8 @@ ConnectRequest connectRequest(platform::System& system, const OneOffRequest& req
             .onWoken = request.onWaking};
 }
 
-/// Writes the sealed message, a `what`; returns whether the system has taken it. A failure is logged and no more: the
-/// phone may have said Unpair and closed.
+/// Writes the sealed message; returns whether the system has taken it. A failure is logged and no more: the phone may
+/// have said Unpair and closed. `what` is what errors call the message: "text".
 Task<bool> deliver(platform::Log& log, WireConnection& wire, ByteView sealed, std::string what,
                    platform::TimeLimit& limit, const OneOffRequest& request) {
     limit.begin(request.sendLimit);

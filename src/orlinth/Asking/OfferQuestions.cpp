@@ -5,6 +5,7 @@
 #include "base/Text.h"
 #include "orlinth/Asking/Answer.h"
 #include "orlinth/Reporting/Terminal.h"
+#include "platform/Cancelled.h"
 #include "platform/SystemError.h"
 
 #include <asio/experimental/awaitable_operators.hpp>
@@ -171,8 +172,12 @@ Task<> OfferQuestions::attend(QuestionRef question, std::uint64_t offer) {
             Task<bool> news = news_->until(isNews, host_.system.clock, timeToNextLook(*question));
             if (typing) {
                 using namespace asio::experimental::awaitable_operators;
-                Task<> typed = typing->wait();
+                std::string trouble;
+                Task<> typed = untilTyped(*typing, trouble);
                 co_await (std::move(typed) || std::move(news));
+                if (!trouble.empty()) {
+                    declineWithoutTerminal(*question, trouble);
+                }
             } else {
                 static_cast<void>(co_await std::move(news));
             }
@@ -186,11 +191,25 @@ void OfferQuestions::watchTerminal(Question& question, std::optional<platform::D
     try {
         typing.emplace(host_.tasks.executor(), STDIN_FILENO, EPOLLIN | EPOLLET);
     } catch (const platform::SystemError& error) {
-        writeToStandardError("\n");
-        host_.output.failure("cannot wait for an answer on the terminal, so the file is declined: " +
-                             error.description());
-        settle(question, false);
+        declineWithoutTerminal(question, error.description());
     }
+}
+
+/// Returns also if the wait is cancelled, which the next one of the task reports: of two waits that both fail, who
+/// waits for either would hear of neither's reason.
+Task<> OfferQuestions::untilTyped(platform::DescriptorWatch& typing, std::string& trouble) {
+    try {
+        co_await typing.wait();
+    } catch (const platform::SystemError& error) {
+        trouble = error.description();
+    } catch (const platform::Cancelled&) {
+    }
+}
+
+void OfferQuestions::declineWithoutTerminal(Question& question, const std::string& trouble) {
+    writeToStandardError("\n");
+    host_.output.failure("cannot wait for an answer on the terminal, so the file is declined: " + trouble);
+    settle(question, false);
 }
 
 void OfferQuestions::ask(Question& question) {

@@ -67,6 +67,8 @@ private:
     void chooseNext();
     void ask(Question& question);
     void watchTerminal(Question& question, std::optional<platform::DescriptorWatch>& typing);
+    [[nodiscard]] static Task<> untilTyped(platform::DescriptorWatch& typing, std::string& trouble);
+    void declineWithoutTerminal(Question& question, const std::string& trouble);
     void lookForAnswer(Question& question);
     void settle(Question& question, bool isWanted);
     void takeBack(Question& question);

@@ -8,6 +8,7 @@
 #include <asio/this_coro.hpp>
 #include <asio/use_awaitable.hpp>
 
+#include <cerrno>
 #include <poll.h>
 #include <sys/epoll.h>
 
@@ -47,9 +48,17 @@ Task<> DescriptorWatch::wait() {
         } catch (const std::exception& error) {
             throwFromAwait(error);
         }
+        if (!epoll_.is_open()) {
+            throw Cancelled();
+        }
         throwIfFailed(code);
         epoll_event event{};
         count = ::epoll_wait(epoll_.native_handle(), &event, 1, 0); // takes news off its list
+        if (count == -1 && errno == EINTR) {
+            count = 0;
+        } else if (count == -1) {
+            throw SystemError::fromErrno();
+        }
     }
 }
 

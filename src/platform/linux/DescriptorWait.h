@@ -19,6 +19,8 @@ public:
     /// are always among them.
     /// @throws SystemError if the system has no room for another wait, or the descriptor cannot be waited for
     DescriptorWatch(const Executor& executor, int descriptor, std::uint32_t events);
+    DescriptorWatch(const DescriptorWatch&) = delete;
+    DescriptorWatch& operator=(const DescriptorWatch&) = delete;
 
     /// Returns once one of the events is there; with EPOLLET, once one has come that no wait has returned for. One wait
     /// at a time; this outlives it. @throws Cancelled, also once it is closed

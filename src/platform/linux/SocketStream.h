@@ -137,6 +137,7 @@ public:
     }
 
     Task<> untilEnded() override {
+        const EndOfWait release(end_); // a descriptor less for the rest of the connection
         while (!hasEnded()) {
             end_.emplace(executor(), descriptor(), EPOLLRDHUP);
             try {
@@ -160,6 +161,14 @@ protected:
     [[nodiscard]] int descriptor() const noexcept { return const_cast<Socket&>(socket_).native_handle(); }
 
 private:
+    struct EndOfWait {
+        explicit EndOfWait(std::optional<DescriptorWatch>& of) : watch(of) {}
+        EndOfWait(const EndOfWait&) = delete;
+        EndOfWait& operator=(const EndOfWait&) = delete;
+        ~EndOfWait() { watch.reset(); }
+        std::optional<DescriptorWatch>& watch;
+    };
+
     void throwIfCancelled() const {
         if (cancelled_) {
             throw SystemError("connection cancelled");
@@ -193,7 +202,7 @@ private:
     bool cancelled_ = false;
     int lowWaterMark_ = 1; ///< bytes that must have come before a wait ends; the system's own value at first
     std::size_t spentOfTurn_ = 0;
-    std::optional<DescriptorWatch> end_; ///< of the connection; made by the first who waits for it
+    std::optional<DescriptorWatch> end_; ///< of the connection, while somebody waits for it
 };
 
 } // namespace orlinth::platform
