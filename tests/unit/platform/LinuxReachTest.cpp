@@ -16,8 +16,10 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <netinet/in.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -139,6 +141,29 @@ std::string shown(const ProbeFailure& failure) {
     return text;
 }
 
+/// How many sockets of this process are connected to this port, and how many of those keep error reports.
+std::pair<int, int> connectedTo(std::uint16_t port) {
+    std::pair<int, int> found{};
+    constexpr int enough = 1024;
+    for (int number = 0; number < enough; ++number) {
+        sockaddr_in6 peer{}; // one of IPv4 has its port at the same place
+        socklen_t size = sizeof peer;
+        if (::getpeername(number, reinterpret_cast<sockaddr*>(&peer), &size) != 0 || peer.sin6_port != htons(port) ||
+            (peer.sin6_family != AF_INET && peer.sin6_family != AF_INET6)) {
+            continue;
+        }
+        const bool isV4 = peer.sin6_family == AF_INET;
+        int keeps = 0;
+        socklen_t keepsSize = sizeof keeps;
+        EXPECT_EQ(::getsockopt(number, isV4 ? IPPROTO_IP : IPPROTO_IPV6, isV4 ? IP_RECVERR : IPV6_RECVERR, &keeps,
+                               &keepsSize),
+                  0);
+        ++found.first;
+        found.second += keeps;
+    }
+    return found;
+}
+
 class LinuxReachTest : public testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -226,6 +251,7 @@ TEST_F(LinuxReachTest, ProbesAPortThatListens) {
         TcpListener listener(ListenOptions{}, context.get_executor());
         ProbeResult result = probed(literal, listener.port());
         auto& stream = std::get<std::unique_ptr<Stream>>(result);
+        EXPECT_EQ(connectedTo(listener.port()), std::pair(1, 0)) << "errors that pass by themselves stay so";
         const std::unique_ptr<Stream> accepted = fakes::runTask(context, listener.accept(context.get_executor()));
         const Bytes sent = toBytes("hello");
         fakes::runTask(context, stream->writeAll(sent));
