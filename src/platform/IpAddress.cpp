@@ -41,9 +41,7 @@ bool isNearbyByItself(const Ipv4Address& address) {
 bool isNearbyByItself(const Ipv6Address& address) {
     constexpr std::array<std::uint8_t, 16> loopback{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     constexpr std::array<std::uint8_t, 16> uniqueLocal{0xFC};
-    constexpr std::array<std::uint8_t, 16> linkLocal{0xFE, 0x80};
-    return address.bytes == loopback || beginAlike(address.bytes, uniqueLocal, 7) ||
-           beginAlike(address.bytes, linkLocal, 10);
+    return address.bytes == loopback || beginAlike(address.bytes, uniqueLocal, 7) || isLinkLocal(address);
 }
 
 bool isOnLink(const Ipv4Address& address, const InterfaceAddress& entry) {
@@ -91,6 +89,10 @@ std::optional<Ipv4Address> unmapped(const Ipv6Address& address) {
         return std::nullopt;
     }
     return Ipv4Address{address.bytes[12], address.bytes[13], address.bytes[14], address.bytes[15]};
+}
+
+bool isLinkLocal(const Ipv6Address& address) noexcept {
+    return address.bytes[0] == 0xFE && (address.bytes[1] & 0xC0) == 0x80;
 }
 
 bool isNearby(const std::string& address, const NetworkInterfaces& interfaces) {

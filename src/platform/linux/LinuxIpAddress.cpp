@@ -18,7 +18,7 @@ bool canNameAnInterface(std::string_view zone) {
 
 } // namespace
 
-std::optional<std::variant<Ipv4Address, Ipv6Address>> parseIpAddress(const std::string& literal) {
+std::optional<IpAddress> parseIpAddress(const std::string& literal) {
     if (literal.find('\0') != std::string::npos) {
         return std::nullopt; // the calls below would see the text in front of it only
     }
@@ -37,6 +37,16 @@ std::optional<std::variant<Ipv4Address, Ipv6Address>> parseIpAddress(const std::
         }
     }
     return v6;
+}
+
+std::string textOf(const IpAddress& address) {
+    if (const auto* const v4 = std::get_if<Ipv4Address>(&address)) {
+        return dottedDecimal(*v4);
+    }
+    const auto& v6 = std::get<Ipv6Address>(address);
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    ::inet_ntop(AF_INET6, v6.bytes.data(), text.data(), text.size()); // there is room for every address
+    return v6.zone.empty() ? text.data() : std::string(text.data()) + "%" + v6.zone;
 }
 
 } // namespace orlinth::platform

@@ -15,6 +15,32 @@ TEST(IpAddress, OfAnEndpointIsWithoutPortAndBrackets) {
     EXPECT_EQ(addressOfEndpoint("somewhere"), "somewhere");
 }
 
+TEST(IpAddress, IsWrittenAsItIsRead) {
+    for (const char* literal : {"192.168.1.7", "0.0.0.0", "255.255.255.255", "::", "::1", "fe80::1%eth0",
+                                "2001:db8:1:2:3:4:5:6", "2001:db8::9"}) {
+        EXPECT_EQ(textOf(parseIpAddress(literal).value()), literal);
+    }
+    EXPECT_EQ(textOf(parseIpAddress("2001:DB8:0:0:0:0:0:9").value()), "2001:db8::9");
+}
+
+TEST(IpAddress, IsEqualToOneOfTheSameBytesAndZone) {
+    const auto read = [](const char* literal) { return parseIpAddress(literal).value(); };
+    EXPECT_EQ(read("fe80::1%eth0"), read("fe80:0::1%eth0"));
+    EXPECT_NE(read("fe80::1%eth0"), read("fe80::1%eth1"));
+    EXPECT_NE(read("::1"), read("0.0.0.1"));
+}
+
+TEST(IpAddress, OfOneLinkBeginsWithTenBits) {
+    const auto isOfOneLink = [](const char* literal) {
+        return isLinkLocal(std::get<Ipv6Address>(parseIpAddress(literal).value()));
+    };
+    EXPECT_TRUE(isOfOneLink("fe80::1"));
+    EXPECT_TRUE(isOfOneLink("febf::1"));
+    EXPECT_FALSE(isOfOneLink("fec0::1"));
+    EXPECT_FALSE(isOfOneLink("fd80::1"));
+    EXPECT_FALSE(isOfOneLink("::1"));
+}
+
 class Nearby : public testing::Test {
 protected:
     Nearby() {
