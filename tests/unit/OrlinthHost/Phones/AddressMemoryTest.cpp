@@ -14,10 +14,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace orlinth::host {
 namespace {
@@ -237,7 +238,23 @@ TEST_F(AddressMemoryTest, IsOldOrNewAfterACrashAtAnyPoint) {
                          });
 }
 
+TEST_F(AddressMemoryTest, HoldsTheLockFromReadingToWriting) {
+    memory.reached(pixel, at("192.168.7.2"));
+    std::vector<std::pair<fakes::Operation, bool>> looks;
+    files.beforeEach([&](fakes::Operation operation, const platform::Path& path) {
+        const bool isRead = operation == fakes::Operation::read && path == file;
+        if (isRead || operation == fakes::Operation::rename) {
+            looks.emplace_back(operation, files.isLocked(file.native() + ".lock"));
+        }
+    });
+    memory.reached(pixel, at("192.168.7.3"));
+    EXPECT_THAT(
+        looks, ElementsAre(testing::Pair(fakes::Operation::read, true), testing::Pair(fakes::Operation::rename, true)));
+    EXPECT_FALSE(files.isLocked(file.native() + ".lock"));
+}
+
 TEST_F(AddressMemoryTest, LosesNothingOfTwoWritersAtOnce) {
+    files.beforeEach([](fakes::Operation, const platform::Path&) { std::this_thread::yield(); });
     constexpr int perWriter = 4;
     constexpr int writers = 2;
     {
@@ -256,6 +273,7 @@ TEST_F(AddressMemoryTest, LosesNothingOfTwoWritersAtOnce) {
 }
 
 TEST_F(AddressMemoryTest, LetsOneOfManyThreadsSweep) {
+    files.beforeEach([](fakes::Operation, const platform::Path&) { std::this_thread::yield(); });
     std::atomic<int> sweepers = 0;
     {
         std::vector<std::jthread> threads;
