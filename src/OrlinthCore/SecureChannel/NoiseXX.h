@@ -171,7 +171,8 @@ public:
 
     [[nodiscard]] bool isComplete() const noexcept { return step_ == Step::complete; }
     [[nodiscard]] ByteView handshakeHash() const noexcept { return symmetric_.h(); }
-    /// Known once message 2 (initiator) or 3 (responder) was read. Not to be trusted before finalize().
+    /// Known once message 2 (initiator) or 3 (responder) was read. The read has then proved that the other side has the
+    /// private key; a session comes of finalize() alone.
     [[nodiscard]] std::optional<platform::PublicKey> remoteStaticPublicKey() const noexcept { return remoteStatic_; }
 
     /// Turns the finished handshake into the session and uses it up. @throws NoiseError::notComplete

@@ -1,5 +1,6 @@
 #include "OrlinthHost/Phones/PairedPhones.h"
 
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
 #include "OrlinthHost/Phones/SharedPeers.h"
 
@@ -19,6 +20,8 @@ std::optional<PeerRecord> PairedPhones::remove(const PeerRecord& phone, const pl
     if (key && *key != ownKey) {
         RemovedPeers(home_.system.files, home_.dataDirectory()).add(*key);
     }
+    AddressMemory(home_.system.files, home_.system.clock, home_.system.log, home_.dataDirectory())
+        .forget(phone.peer_pubkey);
     PeerStore peers = home_.peers();
     std::optional<PeerRecord> removed =
         peers.removeFirst([&phone](const PeerRecord& record) { return record.peer_pubkey == phone.peer_pubkey; });
