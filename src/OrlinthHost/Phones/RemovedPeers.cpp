@@ -16,12 +16,8 @@ constexpr const char* listKey = "removed";
 constexpr std::uint32_t ownerOnly = 0600;
 
 std::vector<platform::PublicKey> decode(const Json& json) {
-    const auto list = json.is_object() ? json.find(listKey) : json.end();
-    if (list == json.end() || !list->is_array()) {
-        throw JsonError(std::string("expected an object with an array \"") + listKey + "\"");
-    }
     std::vector<platform::PublicKey> keys;
-    for (const Json& item : *list) {
+    for (const Json& item : requireArray(json, listKey)) {
         auto key = item.is_string() ? platform::PublicKey::fromBase64(item.get<std::string>()) : std::nullopt;
         if (!key) {
             throw JsonError("an entry is not the Base64 of 32 bytes");
