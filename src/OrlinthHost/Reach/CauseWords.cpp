@@ -177,7 +177,7 @@ Advice advice(Cause cause, const CauseDetails& details) {
     case Cause::silent:
         return {.text = "Try again in a minute."};
     case Cause::otherKey:
-        return {.text = "If the phone was set up anew, pair it again."};
+        return {.text = "If the phone was reset, pair it again."};
     case Cause::otherDevice:
     case Cause::notOrlinth:
     case Cause::silentPort:

@@ -68,7 +68,7 @@ AvahiClient* AvahiJob::openClient(AvahiClientFlags flags, AvahiClientCallback ca
 }
 
 void AvahiJob::noteSocket(int socket) noexcept {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (socket_ < 0) {
         // a duplicate, since another thread may want to use it just when the library closes its own
         socket_ = ::fcntl(socket, F_DUPFD_CLOEXEC, 0);
@@ -79,19 +79,19 @@ void AvahiJob::noteSocket(int socket) noexcept {
 }
 
 void AvahiJob::forgetSocket() noexcept {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (socket_ >= 0) {
         ::close(std::exchange(socket_, -1));
     }
 }
 
 bool AvahiJob::isInterrupted() const {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     return interrupted_;
 }
 
 void AvahiJob::interrupt() noexcept {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     interrupted_ = true;
     raise(interruption_);
     if (socket_ >= 0) {
@@ -104,7 +104,7 @@ AvahiLoop::AvahiLoop()
 
 AvahiLoop::~AvahiLoop() {
     {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         stopping_ = true;
         for (const auto& job : jobs_) {
             job->interrupt();
@@ -124,7 +124,7 @@ const AvahiPoll* AvahiLoop::poll() const noexcept {
 }
 
 void AvahiLoop::add(std::shared_ptr<AvahiJob> job) {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     if (!thread_.joinable()) {
         start();
     }
@@ -134,7 +134,7 @@ void AvahiLoop::add(std::shared_ptr<AvahiJob> job) {
 }
 
 void AvahiLoop::remove(const std::shared_ptr<AvahiJob>& job) noexcept {
-    const std::lock_guard guard(lock_);
+    const MutexLock guard(lock_);
     job->interrupt();
     const auto place = std::find(jobs_.begin(), jobs_.end(), job);
     if (place != jobs_.end()) {
@@ -198,7 +198,7 @@ bool AvahiLoop::doWhatIsAsked() {
     std::vector<std::shared_ptr<AvahiJob>> end;
     bool stopping = false;
     {
-        const std::lock_guard guard(lock_);
+        const MutexLock guard(lock_);
         begin.swap(toBegin_);
         end.swap(toEnd_);
         stopping = stopping_;

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "base/Mutex.h"
+
 #include <avahi-client/client.h>
 #include <avahi-common/watch.h>
 
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -56,9 +57,9 @@ private:
     AvahiLoop& loop_;
     AvahiPoll poll_{};       ///< the loop's, but for the socket's being noted
     const int interruption_; ///< an eventfd that can be read once the job is interrupted
-    mutable std::mutex lock_;
-    int socket_ = -1;          ///< ours, for the client's connection to the bus; guarded by lock_
-    bool interrupted_ = false; ///< guarded by lock_
+    mutable Mutex lock_;
+    int socket_ ORLINTH_GUARDED_BY(lock_) = -1; ///< ours, for the client's connection to the bus
+    bool interrupted_ ORLINTH_GUARDED_BY(lock_) = false;
 };
 
 /// The one thread on which all calls of Avahi's client library are made.
@@ -92,12 +93,11 @@ private:
     void run();
     [[nodiscard]] bool doWhatIsAsked();
 
-    std::mutex lock_;
-    // guarded by lock_
-    std::vector<std::shared_ptr<AvahiJob>> toBegin_;
-    std::vector<std::shared_ptr<AvahiJob>> jobs_; ///< all that were added and not removed
-    std::vector<std::shared_ptr<AvahiJob>> toEnd_;
-    bool stopping_ = false;
+    Mutex lock_;
+    std::vector<std::shared_ptr<AvahiJob>> toBegin_ ORLINTH_GUARDED_BY(lock_);
+    std::vector<std::shared_ptr<AvahiJob>> jobs_ ORLINTH_GUARDED_BY(lock_); ///< all that were added and not removed
+    std::vector<std::shared_ptr<AvahiJob>> toEnd_ ORLINTH_GUARDED_BY(lock_);
+    bool stopping_ ORLINTH_GUARDED_BY(lock_) = false;
 
     int wakeEvent_ = -1;
     std::unique_ptr<AvahiSimplePoll, void (*)(AvahiSimplePoll*)> simplePoll_;

@@ -153,7 +153,7 @@ TEST(CauseAdvice, IsOneThingToDo) {
     EXPECT_EQ(advice(Cause::moved, everything).text, "");
     EXPECT_EQ(advice(Cause::silent, everything).text, "Try again in a minute.");
     EXPECT_EQ(advice(Cause::otherNetwork, everything).text, "Put both into one Wi-Fi, or use the phone's hotspot.");
-    EXPECT_EQ(advice(Cause::otherKey, everything).text, "If the phone was set up anew, pair it again.");
+    EXPECT_EQ(advice(Cause::otherKey, everything).text, "If the phone was reset, pair it again.");
     EXPECT_THAT(advice(Cause::notListening, everything).text, HasSubstr("cannot be woken"));
     EXPECT_THAT(advice(Cause::notListening, {.canBeWoken = true}).text, HasSubstr("It is woken when you send."));
     EXPECT_THAT(advice(Cause::notRunning, everything).commands, ElementsAre("systemctl --user enable --now orlinth"));
