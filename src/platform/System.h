@@ -9,9 +9,12 @@
 #include "platform/HttpsClient.h"
 #include "platform/Log.h"
 #include "platform/MimeTypes.h"
+#include "platform/Neighbours.h"
 #include "platform/Network.h"
 #include "platform/NetworkInterfaces.h"
 #include "platform/Notifications.h"
+#include "platform/Probe.h"
+#include "platform/Routes.h"
 #include "platform/ServiceDiscovery.h"
 #include "platform/Storage.h"
 #include "platform/UnixSockets.h"
@@ -33,6 +36,9 @@ struct System {
     HttpsClient& https;
     Clipboard& clipboard;
     NetworkInterfaces& interfaces;
+    Neighbours& neighbours;
+    Routes& routes;
+    Probe& probe;
     ServiceDiscovery& services;
     UnixSockets& unixSockets;
     Notifications& notifications;

@@ -12,7 +12,10 @@
 #include "fakes/FakeNotifications.h"
 #include "fakes/FakeServiceDiscovery.h"
 #include "fakes/MemoryFileSystem.h"
+#include "fakes/MemoryNeighbours.h"
 #include "fakes/MemoryNetwork.h"
+#include "fakes/MemoryProbe.h"
+#include "fakes/MemoryRoutes.h"
 #include "fakes/MemoryUnixSockets.h"
 #include "fakes/MemoryWorkQueues.h"
 #include "fakes/RecordingLog.h"
@@ -49,6 +52,9 @@ struct World {
     FakeHttpsClient https;
     FakeClipboard clipboard;
     FakeNetworkInterfaces interfaces;
+    MemoryNeighbours neighbours;
+    MemoryRoutes routes;
+    MemoryProbe probe{clock};
     FakeServiceDiscovery services{clock};
     MemoryUnixSockets unixSockets{context};
     FakeNotifications notifications;
@@ -65,6 +71,9 @@ struct World {
                 .https = https,
                 .clipboard = clipboard,
                 .interfaces = interfaces,
+                .neighbours = neighbours,
+                .routes = routes,
+                .probe = probe,
                 .services = services,
                 .unixSockets = unixSockets,
                 .notifications = notifications,

@@ -9,9 +9,12 @@
 #include "platform/linux/LinuxHttpsClient.h"
 #include "platform/linux/LinuxLog.h"
 #include "platform/linux/LinuxMimeTypes.h"
+#include "platform/linux/LinuxNeighbours.h"
 #include "platform/linux/LinuxNetwork.h"
 #include "platform/linux/LinuxNetworkInterfaces.h"
 #include "platform/linux/LinuxNotifications.h"
+#include "platform/linux/LinuxProbe.h"
+#include "platform/linux/LinuxRoutes.h"
 #include "platform/linux/LinuxServiceDiscovery.h"
 #include "platform/linux/LinuxUnixSockets.h"
 #include "platform/linux/LinuxWorkQueues.h"
@@ -44,6 +47,9 @@ struct LinuxSystem::Parts {
     LinuxHttpsClient https;
     LinuxClipboard clipboard{processEnvironment};
     LinuxNetworkInterfaces interfaces;
+    LinuxNeighbours neighbours;
+    LinuxRoutes routes;
+    LinuxProbe probe{clock};
     LinuxServiceDiscovery services;
     LinuxUnixSockets unixSockets;
     LinuxNotifications notifications;
@@ -66,6 +72,9 @@ System LinuxSystem::system() {
             .https = parts_->https,
             .clipboard = parts_->clipboard,
             .interfaces = parts_->interfaces,
+            .neighbours = parts_->neighbours,
+            .routes = parts_->routes,
+            .probe = parts_->probe,
             .services = parts_->services,
             .unixSockets = parts_->unixSockets,
             .notifications = parts_->notifications,
