@@ -221,11 +221,16 @@ class MovedPhoneTest(ProgramTest):
     def test_nobody_is_asked_if_the_person_says_so(self):
         port = self.make_known("192.168.7.57", "192.168.7.30")
         self.move("192.168.7.57")
-        asked, connected, result = self.send(b"never", "--warm-timeout", "2.5", "--find", "never")
-        self.assertEqual(1, result.returncode)
-        self.assertLessEqual(set(asked), {"192.168.7.30"})
-        self.assertLessEqual(set(connected), {("192.168.7.30", port)})
-        self.assertEqual("192.168.7.30", self.recorded())
+        settings = self.mac.config / "orlinth" / "config.toml"
+        settings.parent.mkdir(parents=True)
+        for setting, arguments in (("", ["--find", "never"]), ('[send]\nfind = "never"\n', [])):
+            with self.subTest(arguments):
+                settings.write_text(setting)
+                asked, connected, result = self.send(b"never", "--warm-timeout", "1.5", *arguments)
+                self.assertEqual(1, result.returncode)
+                self.assertLessEqual(set(asked), {"192.168.7.30"})
+                self.assertEqual({("192.168.7.30", port)}, set(connected))
+                self.assertEqual("192.168.7.30", self.recorded())
 
 
 if __name__ == "__main__":

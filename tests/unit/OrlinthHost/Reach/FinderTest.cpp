@@ -236,6 +236,7 @@ TEST_F(FinderTest, GivesUpInTimeIfManySayNothing) {
     }
     EXPECT_EQ(search(), "");
     EXPECT_LE(foundAfter, 0.3 + 6);
+    EXPECT_EQ(mostAsked, 16);
 }
 
 TEST_F(FinderTest, DoesNotRememberAPhoneThatIsNotPairedAnyMore) {
