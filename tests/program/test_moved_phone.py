@@ -201,6 +201,24 @@ class MovedPhoneTest(ProgramTest):
         self.assertEqual("192.168.7.57", self.recorded())
         self.assertGreater(self.remembered()["192.168.7.57"]["reached_epoch_ms"], 0)
 
+    def test_what_was_shared_finds_it_too(self):
+        port = self.make_known("192.168.7.30")
+        self.move("192.168.7.57")
+        phone = self.running_program(
+            self.there.command(ORLINTH, "serve", "--port", str(port), "--dir", str(self.phone.downloads), "--json",
+                               "--no-clipboard"), self.phone)
+        phone.events.wait_for("listening")
+        service = self.running(self.mac, "serve", "--port", "0", "--dir", str(self.mac.downloads), "--json",
+                               "--no-clipboard")
+        service.events.wait_for("listening")
+        result = self.mac.run("share", "--to", "phone", str(self.file("a.txt", b"shared")),
+                              str(self.file("b.txt", b"too")))
+        self.assertEqual(0, result.returncode, result.stderr)
+        service.events.wait_for("outbox_done")
+        self.assertEqual([], [event for event in service.events.all if event["event"] == "outbox_waiting"])
+        self.assertEqual(b"shared", (self.phone.downloads / "a.txt").read_bytes())
+        self.assertEqual("192.168.7.57", self.recorded())
+
     def test_a_sweep_costs_three_questions_for_each_address(self):
         self.make_known("192.168.7.30")
         self.there.run("ip link set wlan down")
