@@ -265,6 +265,32 @@ TEST_F(FinderTest, LooksAgainAfterAPush) {
     world.run(finder.finish());
 }
 
+TEST_F(FinderTest, LooksNowAndThenWhileThePhoneIsWakingUp) {
+    meetAt("192.168.7.57");
+    world.probe.fail(ip("192.168.7.57"), fakes::World::phonePort, ECONNREFUSED);
+    Finder finder(homeOf, find);
+    std::unique_ptr<Finder::Search> one = finder.begin(record, MaySweep::no);
+    one->giveUp();
+    world.run(one->untilOver());
+    one->wokenUp();
+    const auto pass = [](platform::Clock& clock) -> Task<> { co_await clock.sleep(13s); };
+    world.run(pass(world.clock));
+    std::vector<double> instants;
+    for (const auto& attempt : world.probe.attempts) {
+        instants.push_back(attempt.at.time_since_epoch().count());
+    }
+    EXPECT_THAT(instants, ElementsAre(2, 7, 12));
+    one.reset();
+    world.run(finder.finish());
+}
+
+TEST_F(FinderTest, EndsAsIfNobodyWasThereIfThisComputerHasNoRoomForConnections) {
+    meetAt("192.168.7.30");
+    meetAt("192.168.7.57");
+    world.probe.errorNumber = EMFILE;
+    EXPECT_EQ(search(), "");
+}
+
 TEST_F(FinderTest, TellsWhetherAnotherDeviceHasTheAddress) {
     Finder finder(homeOf, find);
     world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(routerMac)));
