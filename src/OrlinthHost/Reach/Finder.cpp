@@ -196,7 +196,7 @@ Task<> Finder::lookOnce(std::shared_ptr<State> state) {
         }
     }
     const bool isThrough = co_await news_.until(isOver, clock, end - clock.now());
-    if (isThrough && state->isWanted()) {
+    if (isThrough && state->isWanted() && !state->isWoken) { // while it wakes up that says nothing
         for (const Meeting& meeting : tried) {
             memory_.failed(state->phone.peer_pubkey, meeting.host, meeting.network);
         }

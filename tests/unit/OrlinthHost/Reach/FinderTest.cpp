@@ -280,6 +280,7 @@ TEST_F(FinderTest, LooksNowAndThenWhileThePhoneIsWakingUp) {
         instants.push_back(attempt.at.time_since_epoch().count());
     }
     EXPECT_THAT(instants, ElementsAre(2, 7, 12));
+    EXPECT_EQ(memory.addressesOf(record.peer_pubkey).front().failures, 0);
     one.reset();
     world.run(finder.finish());
 }
