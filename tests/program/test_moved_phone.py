@@ -201,6 +201,21 @@ class MovedPhoneTest(ProgramTest):
         self.assertEqual("192.168.7.57", self.recorded())
         self.assertGreater(self.remembered()["192.168.7.57"]["reached_epoch_ms"], 0)
 
+    def test_it_is_reached_by_ipv6_where_it_has_no_other_address(self):
+        run("ip address add fe80::10/64 dev near nodad")
+        self.there.run("ip address add fe80::57/64 dev wlan nodad")
+        port = self.make_known("192.168.7.30")
+        addresses = self.mac.data / "Orlinth" / "addresses.json"
+        book = json.loads(addresses.read_text())
+        [known] = book["phones"][self.phone.key]
+        book["phones"][self.phone.key] = [{**known, "address": "fe80::57", "zone": "near"}]
+        addresses.write_text(json.dumps(book))
+        self.there.run("ip address delete 192.168.7.30/24 dev wlan")
+        asked, connected = self.assert_arrives(b"by IPv6", port)
+        self.assertEqual({("192.168.7.30", port)}, set(connected))
+        self.assertLessEqual(set(asked), {"192.168.7.30"})
+        self.assertEqual("192.168.7.30", self.recorded())
+
     def test_what_was_shared_finds_it_too(self):
         port = self.make_known("192.168.7.30")
         self.move("192.168.7.57")
