@@ -169,7 +169,7 @@ struct ReceiverWorld : World {
                 .onClipboard = [this](const Receiver::Clipboard& clip) { clips.push_back(clip); },
                 .onSync = [this](const Receiver::ProcessOutcome& outcome) { syncs.push_back(outcome); },
                 .onError = [this](const Receiver::Failure& failure) { failures.push_back(failure); },
-                .onAuthenticated = [this](const PeerRecord& record) { authenticated.push_back(record); }};
+                .onAuthenticated = [this](const Receiver::Arrival& arrival) { authenticated.push_back(arrival); }};
     }
 
     std::optional<Receiver> receiver;
@@ -182,7 +182,7 @@ struct ReceiverWorld : World {
     std::vector<Receiver::Clipboard> clips;
     std::vector<Receiver::ProcessOutcome> syncs;
     std::vector<Receiver::Failure> failures;
-    std::vector<PeerRecord> authenticated;
+    std::vector<Receiver::Arrival> authenticated;
 };
 
 } // namespace orlinth::fakes

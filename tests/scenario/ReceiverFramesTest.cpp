@@ -382,8 +382,8 @@ TEST_F(ReceiverFrames, APairedPhoneIsToldOfWithItsRecordBeforeAnyFrameIsRead) {
     const auto phone = world.phone();
     world.settle();
     ASSERT_EQ(world.authenticated.size(), 1U);
-    EXPECT_EQ(world.authenticated[0].peer_hostname, "Pixel-8");
-    EXPECT_EQ(world.authenticated[0].peer_ip, "203.0.113.1") << "where it has just come from";
+    EXPECT_EQ(world.authenticated[0].phone, world.phoneRecord());
+    EXPECT_EQ(world.authenticated[0].remoteEndpoint, "203.0.113.1:40112");
     EXPECT_EQ(world.ends(), 0U);
 }
 

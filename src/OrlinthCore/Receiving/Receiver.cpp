@@ -414,7 +414,8 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                     asio::post(self->queue, [self, session, record] {
                         self->strangers.remove(session->identity);
                         if (record && self->callbacks.onAuthenticated) {
-                            self->callbacks.onAuthenticated(*record);
+                            self->callbacks.onAuthenticated(
+                                {.phone = *record, .remoteEndpoint = session->remoteEndpoint});
                         }
                     });
                 },

@@ -436,6 +436,12 @@ bool AddressBook::forget(const PeerKey& phone) {
     return phones_.erase(phone) > 0;
 }
 
+bool AddressBook::keepOnly(const std::vector<PeerKey>& phones) {
+    return std::erase_if(phones_, [&phones](const auto& one) {
+               return std::ranges::find(phones, one.first) == phones.end();
+           }) > 0;
+}
+
 std::vector<KnownAddress> AddressBook::addressesOf(const PeerKey& phone, EpochMilliseconds now) const {
     const auto list = phones_.find(phone);
     if (list == phones_.end()) {

@@ -159,6 +159,8 @@ public:
     /// It did not prove its key there, with this computer in `network`. Nothing if it was never met there.
     [[nodiscard]] bool failed(const PeerKey& phone, const HostAddress& host, const std::optional<NetworkId>& network);
     [[nodiscard]] bool forget(const PeerKey& phone);
+    /// Forgets every phone but these.
+    [[nodiscard]] bool keepOnly(const std::vector<PeerKey>& phones);
 
     /// Whether anything is known of it, however old.
     [[nodiscard]] bool knows(const PeerKey& phone) const { return phones_.contains(phone); }

@@ -63,6 +63,12 @@ void AddressMemory::forget(const PeerKey& phone) {
     }
 }
 
+void AddressMemory::keepOnly(const std::vector<PeerKey>& phones) {
+    if (AddressBook book = load(); book.keepOnly(phones)) {
+        tryToChange([&phones](AddressBook& current) { return current.keepOnly(phones); });
+    }
+}
+
 AddressBook AddressMemory::load() const {
     try {
         return read(*files_.openFolder(directory_));

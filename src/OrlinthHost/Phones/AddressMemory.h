@@ -38,6 +38,8 @@ public:
     /// Of all processes that ask in AddressBook::sweepInterval one gets true. False also if that cannot be saved.
     [[nodiscard]] bool claimSweep(const NetworkId& network);
 
+    /// Forgets every phone but these, which are paired. No file is made for it.
+    void keepOnly(const std::vector<PeerKey>& phones);
     /// Forgets everything about a phone, which was removed. No file is made for it. @throws HostError
     void forget(const PeerKey& phone);
 

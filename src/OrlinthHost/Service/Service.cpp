@@ -7,6 +7,7 @@
 #include "OrlinthHost/Phones/SharedPeers.h"
 #include "OrlinthHost/Service/DownloadsFolder.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
+#include "OrlinthHost/Service/PhoneArrivals.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/ServiceControlServer.h"
 #include "OrlinthHost/Service/ServiceLock.h"
@@ -41,6 +42,7 @@ struct Service::Parts {
     KnownKeys keys;
     OutboxSender outbox;
     SharedPeersUpdates sharedPeers;
+    PhoneArrivals arrivals;
     PeerStoreWatch peers;
     PartialsReminder partials;
     PortLoan loan;
@@ -56,9 +58,11 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
            [&told = service.events_](const std::exception_ptr& error) { told.phonesUnreadable(error); }),
       outbox(service.home_, service.ownKey_, service.outboxEvents_),
       sharedPeers(service.home_),
+      arrivals(service.home_),
       peers(service.home_,
             [this] {
                 sharedPeers.update();
+                arrivals.peersChanged();
                 outbox.peersChanged();
             }),
       partials(service.home_, service.settings_.downloads,
@@ -97,9 +101,10 @@ Receiver::Callbacks Service::Parts::callbacks() {
                 },
             .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
             .onAuthenticated =
-                [this](const PeerRecord& phone) {
-                    events.authenticated(phone, keys.pairedCount());
-                    outbox.heardOf(phone);
+                [this](const Receiver::Arrival& arrival) {
+                    events.authenticated(arrival.phone, keys.pairedCount());
+                    arrivals.came(arrival);
+                    outbox.heardOf(arrival.phone);
                     sharedPeers.update();
                 }};
 }
@@ -137,6 +142,7 @@ Task<> Service::Parts::finish() {
     co_await outbox.finish();
     co_await events.finish();
     co_await sharedPeers.finish();
+    co_await arrivals.finish();
     co_await partials.finish(); // behind the others: its folder may take its time
     co_await watchdog.finish();
 }

@@ -4,6 +4,7 @@
 #include "OrlinthCore/Pairing/PairIntroduction.h"
 #include "OrlinthCore/Pairing/PairListener.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Service/PairingDoor.h"
 #include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
@@ -110,7 +111,16 @@ struct Introduced {
     PeerRecord phone;
     std::string confirmationCode;
     std::string remoteEndpoint;
+    std::optional<host::ToldAddress> told; ///< where it has been told to find this computer
 };
+
+std::optional<host::ToldAddress> toldBy(const PairingPayload& payload) {
+    const std::optional<host::HostAddress> host = host::HostAddress::parse(payload.peer_ip);
+    if (!host) {
+        return std::nullopt; // loopback, for example, which is not worth remembering
+    }
+    return host::ToldAddress{.host = *host, .port = static_cast<std::uint16_t>(payload.peer_port)};
+}
 
 class PairCommand final : public Command {
 public:
@@ -164,6 +174,10 @@ private:
         host.output.result("Confirmation code: " + introduced.confirmationCode);
         confirmation.require(introduced.phone.peer_hostname);
         recordPaired(host, std::move(introduced.phone));
+        if (introduced.told) {
+            host::AddressMemory(host.system.files, host.system.clock, host.system.log, host.dataDirectory())
+                .tell(*introduced.told);
+        }
         return 0;
     }
 
@@ -217,7 +231,8 @@ private:
         return {.phone = std::move(phone),
                 .confirmationCode = PairCrypto::confirmationCode(secret.reveal(), ownKey, phoneKey.value(),
                                                                  result.phoneIntroductionPlaintext),
-                .remoteEndpoint = result.remoteEndpoint};
+                .remoteEndpoint = result.remoteEndpoint,
+                .told = toldBy(payload)};
     }
 
     static PeerRecord recordIn(const Host& host, const PairListener::Result& result,

@@ -2,6 +2,7 @@
 #include "OrlinthCore/Pairing/PairCrypto.h"
 #include "OrlinthCore/Pairing/PairWire.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "platform/SystemError.h"
 #include "unit/orlinth/PairingWorld.h"
@@ -120,6 +121,18 @@ TEST_F(PairCommandTest, PairsThePhoneThatHasScannedTheCode) {
     EXPECT_FALSE(world.network.isOpen(defaultPort));
     EXPECT_THAT(world.files.content("/home/ann/.local/share/group.com.tarvinex.orlinth/peers.json").value_or(""),
                 HasSubstr("Pixel"));
+}
+
+TEST_F(PairCommandTest, RemembersWhatThePhoneWasToldOfThisComputer) {
+    const auto told = [this] {
+        return host::AddressMemory(world.files, world.clock, world.log, "/home/ann/.local/share/Orlinth").told();
+    };
+    EXPECT_EQ(pairingWith(saying({{"peer_port", 0}})).status, 1);
+    EXPECT_EQ(told(), std::nullopt) << "nobody was paired";
+    expectPaired(pairingWith(saying()));
+    ASSERT_TRUE(told());
+    EXPECT_EQ(told()->host.text(), "192.168.1.23");
+    EXPECT_EQ(told()->port, defaultPort);
 }
 
 TEST_F(PairCommandTest, ShowsTheSameToScripts) {

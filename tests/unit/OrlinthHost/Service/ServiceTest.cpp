@@ -1,5 +1,6 @@
 #include "OrlinthHost/Service/Service.h"
 
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
 #include "ServiceWorld.h"
 
@@ -373,6 +374,23 @@ TEST_F(ServiceTest, KeepsTheShareSheetsListInStep) {
     world_.folders.change(dataFolder);
     pass(100ms);
     EXPECT_THAT(world_.files.content(container / "peers.json").value_or(""), HasSubstr("Tablet"));
+}
+
+TEST_F(ServiceTest, RemembersWhereAPhoneCameFromUntilItUnpairs) {
+    const auto known = [this] {
+        return AddressMemory(world_.files, world_.clock, world_.log, dataFolder)
+            .addressesOf(world_.phoneRecord().peer_pubkey);
+    };
+    start();
+    deliver("a.txt");
+    ASSERT_EQ(1U, known().size());
+    EXPECT_EQ("192.168.1.7", known()[0].host.text());
+    EXPECT_THAT(PeerStore(world_.files, world_.system.directories).loadBook().peers, ElementsAre(world_.phoneRecord()));
+    const auto from = phone();
+    world_.run(from->send(Row::unpair()));
+    world_.folders.change(dataFolder); // the peer store has changed
+    pass(100ms);
+    EXPECT_THAT(known(), IsEmpty());
 }
 
 TEST_F(ServiceTest, SaysToWhoeverManagesItThatItIsAlive) {
