@@ -7,6 +7,7 @@
 #include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OrlinthHost/Sending/RetryPolicy.h"
 #include "base/Text.h"
+#include "platform/IpAddress.h"
 #include "platform/SystemError.h"
 
 #include <algorithm>
@@ -22,6 +23,17 @@ namespace {
 bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other) {
     return one.peer_ip == other.peer_ip && one.peer_port == other.peer_port &&
            one.peer_fcm_token == other.peer_fcm_token;
+}
+
+/// Not if it is on this computer, and a name may be this computer's.
+bool needsNetwork(const PeerRecord& record) {
+    constexpr std::uint8_t ownNetwork = 127;
+    const std::optional<platform::IpAddress> address = platform::parseIpAddress(record.peer_ip);
+    if (!address) {
+        return false;
+    }
+    const auto* const ipv4 = std::get_if<platform::Ipv4Address>(&*address);
+    return ipv4 != nullptr ? ipv4->front() != ownNetwork : record.peer_ip != "::1";
 }
 
 } // namespace
@@ -173,6 +185,10 @@ void OutboxSender::begin(Phone& phone, Job& job) {
         state.hostname = record->peer_hostname;
         static_cast<void>(checkPeer(*record, ownKey_.publicKey(), PeerUse::connection));
         queue_.checkFile(job, file);
+        if (!isConnected_ && needsNetwork(*record)) {
+            pause(phone, "this computer is not connected to any network");
+            return;
+        }
     } catch (const OutboxError& error) {
         queue_.setFailed(job, phone.peerKey, file, error.description());
         return;
@@ -350,6 +366,19 @@ void OutboxSender::heardOf(const PeerRecord& record) {
     const auto at = phones_.find(record.peer_pubkey);
     if (at != phones_.end() && at->second->retries.heard(home_.system.clock.now())) {
         tryNow(*at->second);
+    }
+}
+
+void OutboxSender::isBack(const PeerKey& peerKey) {
+    const auto at = phones_.find(peerKey);
+    if (at != phones_.end() && at->second->attempts.empty() && at->second->retries.heard(home_.system.clock.now())) {
+        tryNow(*at->second);
+    }
+}
+
+void OutboxSender::networkChanged() {
+    for (const auto& [peerKey, phone] : phones_) {
+        hope(*phone);
     }
 }
 

@@ -22,10 +22,10 @@ namespace orlinth::host {
 /// PhoneLanes has it. judge() in Attempt.h says what the end of an attempt means.
 ///
 /// What fails because the phone cannot be reached, or because the connection breaks, is tried again as RetryPolicy has
-/// it. There is reason to hope when the phone is heard of, its record changes, a new batch comes for it, or somebody
-/// asks for it. What the phone declines, or what cannot be read, is not tried again, nor is a file whose delivery has
-/// ended in doubt as often as OffersInDoubt allows. A batch that every phone has is removed; one of which something is
-/// not sent for good, or that makes no sense, is set aside.
+/// it. There is reason to hope when the phone is heard of or seen again, its record changes, a new batch comes for it,
+/// this computer comes into another network, or somebody asks for it. What the phone declines, or what cannot be read,
+/// is not tried again, nor is a file whose delivery has ended in doubt as often as OffersInDoubt allows. A batch that
+/// every phone has is removed; one of which something is not sent for good, or that makes no sense, is set aside.
 ///
 /// Everything here, and each send, runs on the home's executor, as the events and the receive service's callbacks
 /// do: so nothing is shared. A file costs a line in a file there, and every sixteenth a look at the next sixteen and a
@@ -45,6 +45,14 @@ public:
     void start();
     /// This phone has just proved its key.
     void heardOf(const PeerRecord& record);
+    /// This phone seems to be in the network again. That may be seen because of an attempt that is under way, which
+    /// then goes on as if nothing was said.
+    void isBack(const PeerKey& peerKey);
+    /// Whether this computer is in any network; it is until somebody says otherwise. Without one nothing is tried but
+    /// what needs none.
+    void setConnected(bool isConnected) noexcept { isConnected_ = isConnected; }
+    /// It is in another network.
+    void networkChanged();
     /// The peer store may have changed.
     void peersChanged();
     /// Tries now what waits; with `id`, that batch as a whole, also if it was set aside. Returns whether there is such
@@ -95,6 +103,7 @@ private:
     std::map<BatchId, std::string> left_;              ///< batches that could not be removed, and why
     platform::Condition news_;                         ///< an attempt has been settled, or a batch is gone
     bool isStopping_ = false;
+    bool isConnected_ = true;
 };
 
 } // namespace orlinth::host

@@ -442,6 +442,18 @@ bool AddressBook::keepOnly(const std::vector<PeerKey>& phones) {
            }) > 0;
 }
 
+std::vector<PeerKey> AddressBook::phonesWith(const MacAddress& mac, EpochMilliseconds now) const {
+    std::vector<PeerKey> found;
+    for (const auto& [phone, addresses] : phones_) {
+        if (std::ranges::any_of(addresses, [&mac, now](const KnownAddress& address) {
+                return address.mac == mac && !isTooOld(address, now);
+            })) {
+            found.push_back(phone);
+        }
+    }
+    return found;
+}
+
 std::vector<KnownAddress> AddressBook::addressesOf(const PeerKey& phone, EpochMilliseconds now) const {
     const auto list = phones_.find(phone);
     if (list == phones_.end()) {

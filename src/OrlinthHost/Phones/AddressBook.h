@@ -164,6 +164,8 @@ public:
 
     /// Whether anything is known of it, however old.
     [[nodiscard]] bool knows(const PeerKey& phone) const { return phones_.contains(phone); }
+    /// Those that were met with this hardware address.
+    [[nodiscard]] std::vector<PeerKey> phonesWith(const MacAddress& mac, EpochMilliseconds now) const;
     /// Where it was met, the best first: those that do not fail, of these those at which it was reached, of these the
     /// newest. Without what is too old.
     [[nodiscard]] std::vector<KnownAddress> addressesOf(const PeerKey& phone, EpochMilliseconds now) const;

@@ -47,6 +47,10 @@ std::vector<KnownAddress> AddressMemory::candidates(const PeerKey& phone, const 
     return load().candidates(phone, here, clock_.epochMilliseconds());
 }
 
+std::vector<PeerKey> AddressMemory::phonesWith(const MacAddress& mac) const {
+    return load().phonesWith(mac, clock_.epochMilliseconds());
+}
+
 std::optional<ToldAddress> AddressMemory::told() const {
     return load().told();
 }

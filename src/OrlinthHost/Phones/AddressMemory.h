@@ -33,6 +33,7 @@ public:
     void failed(const PeerKey& phone, const HostAddress& host, const std::optional<NetworkId>& network);
     [[nodiscard]] std::vector<KnownAddress> addressesOf(const PeerKey& phone) const;
     [[nodiscard]] std::vector<KnownAddress> candidates(const PeerKey& phone, const Surroundings& here) const;
+    [[nodiscard]] std::vector<PeerKey> phonesWith(const MacAddress& mac) const;
     void tell(const ToldAddress& told);
     [[nodiscard]] std::optional<ToldAddress> told() const;
     /// Of all processes that ask in AddressBook::sweepInterval one gets true. False also if that cannot be saved.

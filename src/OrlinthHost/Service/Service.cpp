@@ -6,6 +6,7 @@
 #include "OrlinthHost/Phones/PeerStoreWatch.h"
 #include "OrlinthHost/Phones/SharedPeers.h"
 #include "OrlinthHost/Service/DownloadsFolder.h"
+#include "OrlinthHost/Service/NetworkLookout.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
 #include "OrlinthHost/Service/PhoneArrivals.h"
 #include "OrlinthHost/Service/PortLoan.h"
@@ -44,6 +45,7 @@ struct Service::Parts {
     SharedPeersUpdates sharedPeers;
     PhoneArrivals arrivals;
     PeerStoreWatch peers;
+    NetworkLookout network;
     PartialsReminder partials;
     PortLoan loan;
     ServiceControlServer control;
@@ -65,6 +67,9 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                 arrivals.peersChanged();
                 outbox.peersChanged();
             }),
+      network(service.home_, {.onConnected = [this](bool isConnected) { outbox.setConnected(isConnected); },
+                              .onNetwork = [this] { outbox.networkChanged(); },
+                              .onPhone = [this](const PeerKey& phone) { outbox.isBack(phone); }}),
       partials(service.home_, service.settings_.downloads,
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
@@ -111,6 +116,7 @@ Receiver::Callbacks Service::Parts::callbacks() {
 
 void Service::Parts::start(std::uint16_t port) {
     control.start(port);
+    network.start(); // before anything is sent: there may be no network
     outbox.start();
     peers.start();
     partials.start();
@@ -137,6 +143,7 @@ Task<> Service::Parts::serve() {
 
 Task<> Service::Parts::finish() {
     peers.stop();
+    network.stop();
     partials.stop();
     co_await control.finish();
     co_await outbox.finish();

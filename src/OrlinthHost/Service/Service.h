@@ -35,7 +35,7 @@ struct ServiceSettings {
 /// it is cancelled. Builds its parts, lets them know of each other, and ends them in order:
 ///
 ///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, ServiceControlServer, OutboxSender, PeerStoreWatch,
-///                                  │        PhoneArrivals, PartialsReminder, Watchdog
+///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, Watchdog
 ///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ shared list ─▶ addresses
 ///                                                                               ─▶ downloads ─▶ watchdog
 ///

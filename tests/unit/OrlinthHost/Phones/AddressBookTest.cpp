@@ -343,6 +343,17 @@ TEST_F(AddressBookTest, TakesAnyMoment) {
     EXPECT_THAT(known(EpochMilliseconds::min()), ElementsAre("192.168.7.2", "192.168.7.3"));
 }
 
+TEST_F(AddressBookTest, FindsPhonesByTheirHardwareAddress) {
+    Meeting other = at("192.168.7.3");
+    other.mac = *MacAddress::parse("3e:5a:b4:01:02:04");
+    EXPECT_TRUE(book.reached(pixel, at("192.168.7.2"), now));
+    EXPECT_TRUE(book.reached(keyOf(1), other, now));
+    EXPECT_THAT(book.phonesWith(mac, now), ElementsAre(pixel));
+    EXPECT_THAT(book.phonesWith(*other.mac, now), ElementsAre(keyOf(1)));
+    EXPECT_THAT(book.phonesWith(*MacAddress::parse("3e:5a:b4:01:02:05"), now), IsEmpty());
+    EXPECT_THAT(book.phonesWith(mac, now + AddressBook::maxAge + 1s), IsEmpty()) << "that is too long ago";
+}
+
 TEST_F(AddressBookTest, ChangesNothingOfOtherPhones) {
     reached("192.168.7.2", now);
     const std::vector<KnownAddress> before = book.addressesOf(pixel, now);

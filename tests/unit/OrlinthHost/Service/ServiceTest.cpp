@@ -332,6 +332,17 @@ TEST_F(ServiceTest, SendsAtOnceToAPhoneWhoseRecordChanges) {
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
 }
 
+TEST_F(ServiceTest, SendsAtOnceInAnotherNetwork) {
+    share("a.txt");
+    start();
+    pass(1000s);
+    world_.alongside(take());
+    world_.interfaces.addresses = {fakes::FakeNetworkInterfaces::ipv4("wlan0", {192, 168, 7, 10})};
+    world_.networkNews.tell();
+    pass(3s);
+    EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+}
+
 TEST_F(ServiceTest, OnePhonesSuccessLeavesAnotherItsResume) {
     constexpr std::int64_t size = 5 << 20;
     PeerRecord tablet = world_.phoneRecord();
