@@ -169,7 +169,8 @@ struct ReceiverWorld : World {
                 .onClipboard = [this](const Receiver::Clipboard& clip) { clips.push_back(clip); },
                 .onSync = [this](const Receiver::ProcessOutcome& outcome) { syncs.push_back(outcome); },
                 .onError = [this](const Receiver::Failure& failure) { failures.push_back(failure); },
-                .onAuthenticated = [this](const Receiver::Arrival& arrival) { authenticated.push_back(arrival); }};
+                .onAuthenticated = [this](const Receiver::Arrival& arrival) { authenticated.push_back(arrival); },
+                .onLeft = [this](const PeerKey& phone) { left.emplace_back(phone, ends()); }};
     }
 
     std::optional<Receiver> receiver;
@@ -183,6 +184,7 @@ struct ReceiverWorld : World {
     std::vector<Receiver::ProcessOutcome> syncs;
     std::vector<Receiver::Failure> failures;
     std::vector<Receiver::Arrival> authenticated;
+    std::vector<std::pair<PeerKey, std::size_t>> left; ///< with how many ends had been told by then
 };
 
 } // namespace orlinth::fakes

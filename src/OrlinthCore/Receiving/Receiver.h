@@ -121,6 +121,8 @@ public:
         std::function<void(const Failure&)> onError;
         /// A paired phone has proved its key; told before its outcome is.
         std::function<void(const Arrival&)> onAuthenticated;
+        /// The connection of such a phone has ended; told behind its outcome, once for each onAuthenticated.
+        std::function<void(const PeerKey&)> onLeft = {};
     };
 
     /// `expectedPeerPubkeys` are the phones that may connect. What is referred to outlives the receiver.

@@ -36,6 +36,17 @@ bool needsNetwork(const PeerRecord& record) {
     return ipv4 != nullptr ? ipv4->front() != ownNetwork : record.peer_ip != "::1";
 }
 
+/// Whether there is somebody who takes no connections, also if that was tried until a deadline.
+bool isRefusal(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const SendError& error) {
+        return error.reason() == SendError::Reason::refused || (error.cause() && isRefusal(error.cause()));
+    } catch (...) {
+        return false;
+    }
+}
+
 } // namespace
 
 /// One attempt under way.
@@ -49,6 +60,13 @@ struct OutboxSender::Running final : Attempt {
           file(std::move(fileOf)),
           journal(std::move(journalOf)),
           bytes(journal->sizeOf(file)) {}
+
+    void onHandshakeComplete() override {
+        Attempt::onHandshakeComplete();
+        if (onProof) {
+            onProof();
+        }
+    }
 
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
         Attempt::onProgress(bytesSent, totalBytes);
@@ -76,6 +94,7 @@ struct OutboxSender::Running final : Attempt {
     OffersInDoubt inDoubt;    ///< with those of the attempts before
     std::optional<Delivered> delivered;
     platform::TaskGroup::Id task{};
+    std::function<void()> onProof;
 };
 
 /// What goes to one phone.
@@ -209,6 +228,9 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     if (const auto before = phone.inDoubt.find(running.place()); before != phone.inDoubt.end()) {
         running.inDoubt = before->second;
     }
+    if (onContact) {
+        running.onProof = [this, &running] { onContact(running.record, Contact::proved); };
+    }
     running.isFirst = isFirst;
     if (!isFirst) {
         for (const std::unique_ptr<Running>& other : phone.attempts) {
@@ -237,11 +259,24 @@ Task<> OutboxSender::transfer(Running& running) {
     running.delivered = std::move(delivered);
 }
 
+void OutboxSender::tellContact(const Running& running, const std::exception_ptr& error) const {
+    if (!onContact || running.isCalledOff || isStopping_) {
+        return;
+    }
+    if (running.stage() == AttemptStage::offering || running.stage() == AttemptStage::sending ||
+        running.stage() == AttemptStage::farewell) {
+        onContact(running.record, Contact::proved); // it was there until just now
+    } else if (error) {
+        onContact(running.record, isRefusal(error) ? Contact::refused : Contact::failed);
+    }
+}
+
 void OutboxSender::settle(Phone& phone, const Running& ended, std::exception_ptr error) {
     const auto at = std::find_if(phone.attempts.begin(), phone.attempts.end(),
                                  [&ended](const auto& attempt) { return attempt.get() == &ended; });
     const std::unique_ptr<Running> running = std::move(*at);
     phone.attempts.erase(at);
+    tellContact(*running, error);
     const BatchId& id = running->transfer.batch;
     if (Job* const job = queue_.find(id)) {
         OutboxQueue::setEnded(*job, phone.peerKey, running->transfer.file);

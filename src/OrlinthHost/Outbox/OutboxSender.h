@@ -10,6 +10,7 @@
 #include "platform/TaskGroup.h"
 
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -32,6 +33,15 @@ namespace orlinth::host {
 /// write that is flushed; both are short. The service's connections have threads of their own.
 class OutboxSender {
 public:
+    /// What an attempt has shown of a phone.
+    enum class Contact {
+        proved,  ///< it has just proved its key
+        refused, ///< whoever has its address does not take connections
+        failed   ///< it cannot be reached, or the connection has come to nothing
+    };
+    /// Told of each contact with a phone, on the home's executor. May be empty. Must not throw. Set before start().
+    std::function<void(const PeerRecord& phone, Contact contact)> onContact;
+
     /// Between two events of progress.
     static constexpr Seconds progressInterval = 500ms;
 
@@ -81,6 +91,7 @@ private:
     void begin(Phone& phone, Job& job);
     void launch(Phone& phone, Job& job, const std::string& file);
     [[nodiscard]] Task<> transfer(Running& running);
+    void tellContact(const Running& running, const std::exception_ptr& error) const;
     void settle(Phone& phone, const Running& ended, std::exception_ptr error);
     void settle(Phone& phone, Job& job, const Running& running, const EndedAttempt& ended);
     void settleDoubt(Phone& phone, Job& job, const Running& running);

@@ -442,16 +442,31 @@ bool AddressBook::keepOnly(const std::vector<PeerKey>& phones) {
            }) > 0;
 }
 
-std::vector<PeerKey> AddressBook::phonesWith(const MacAddress& mac, EpochMilliseconds now) const {
-    std::vector<PeerKey> found;
+std::map<MacAddress, std::vector<PeerKey>> AddressBook::phonesByHardware(EpochMilliseconds now) const {
+    std::map<MacAddress, std::vector<PeerKey>> found;
     for (const auto& [phone, addresses] : phones_) {
-        if (std::ranges::any_of(addresses, [&mac, now](const KnownAddress& address) {
-                return address.mac == mac && !isTooOld(address, now);
-            })) {
-            found.push_back(phone);
+        for (const KnownAddress& address : addresses) {
+            if (!address.mac || isTooOld(address, now)) {
+                continue;
+            }
+            std::vector<PeerKey>& phones = found[*address.mac];
+            if (std::ranges::find(phones, phone) == phones.end()) {
+                phones.push_back(phone);
+            }
         }
     }
     return found;
+}
+
+std::map<PeerKey, EpochMilliseconds> AddressBook::lastMeetings() const {
+    std::map<PeerKey, EpochMilliseconds> meetings;
+    for (const auto& [phone, addresses] : phones_) {
+        for (const KnownAddress& address : addresses) {
+            EpochMilliseconds& last = meetings[phone];
+            last = std::max(last, lastMet(address));
+        }
+    }
+    return meetings;
 }
 
 std::vector<KnownAddress> AddressBook::addressesOf(const PeerKey& phone, EpochMilliseconds now) const {

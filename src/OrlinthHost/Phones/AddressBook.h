@@ -164,8 +164,10 @@ public:
 
     /// Whether anything is known of it, however old.
     [[nodiscard]] bool knows(const PeerKey& phone) const { return phones_.contains(phone); }
-    /// Those that were met with this hardware address.
-    [[nodiscard]] std::vector<PeerKey> phonesWith(const MacAddress& mac, EpochMilliseconds now) const;
+    /// The phones by the hardware addresses with which they were met.
+    [[nodiscard]] std::map<MacAddress, std::vector<PeerKey>> phonesByHardware(EpochMilliseconds now) const;
+    /// When the phones were met last, whoever has connected to whom.
+    [[nodiscard]] std::map<PeerKey, EpochMilliseconds> lastMeetings() const;
     /// Where it was met, the best first: those that do not fail, of these those at which it was reached, of these the
     /// newest. Without what is too old.
     [[nodiscard]] std::vector<KnownAddress> addressesOf(const PeerKey& phone, EpochMilliseconds now) const;

@@ -47,8 +47,12 @@ std::vector<KnownAddress> AddressMemory::candidates(const PeerKey& phone, const 
     return load().candidates(phone, here, clock_.epochMilliseconds());
 }
 
-std::vector<PeerKey> AddressMemory::phonesWith(const MacAddress& mac) const {
-    return load().phonesWith(mac, clock_.epochMilliseconds());
+std::map<MacAddress, std::vector<PeerKey>> AddressMemory::phonesByHardware() const {
+    return load().phonesByHardware(clock_.epochMilliseconds());
+}
+
+std::map<PeerKey, EpochMilliseconds> AddressMemory::lastMeetings() const {
+    return load().lastMeetings();
 }
 
 std::optional<ToldAddress> AddressMemory::told() const {

@@ -130,41 +130,68 @@ void NetworkLookout::look() {
 
 void NetworkLookout::onNeighbours(const platform::NeighbourEvent& event) {
     if (const auto* const changed = std::get_if<platform::NeighbourChanged>(&event)) {
-        see(changed->now);
+        see(changed->now, true);
     } else if (const auto* const gone = std::get_if<platform::NeighbourGone>(&event)) {
-        good_.erase({gone->last.address, gone->last.interfaceIndex});
+        lose({gone->last.address, gone->last.interfaceIndex});
     } else {
         takeTable(std::get<platform::NeighboursAnew>(event).now, true);
     }
 }
 
-void NetworkLookout::see(const platform::Neighbour& entry) {
+void NetworkLookout::see(const platform::Neighbour& entry, bool isNews) {
     const EntryId id(entry.address, entry.interfaceIndex);
     const std::optional<MacAddress> mac = usableMacOf(entry);
     if (!mac) {
-        good_.erase(id);
+        lose(id);
         return;
     }
-    if (good_.insert(id).second) {
-        const AddressMemory memory(home_.system.files, home_.system.clock, home_.system.log, home_.dataDirectory());
-        for (const PeerKey& phone : memory.phonesWith(*mac)) {
+    const std::vector<PeerKey> phones = phonesWith(*mac);
+    const bool isNew = good_.insert_or_assign(id, phones).second;
+    for (const PeerKey& phone : phones) {
+        if (isNew && isNews) {
             callbacks_.onPhone(phone);
+        }
+        if (entry.state == platform::NeighbourState::reachable) {
+            callbacks_.onConfirmed(phone);
         }
     }
 }
 
-void NetworkLookout::takeTable(const std::vector<platform::Neighbour>& table, bool isNews) {
-    const std::set<EntryId> before = std::exchange(good_, {});
-    for (const platform::Neighbour& entry : table) {
-        const EntryId id(entry.address, entry.interfaceIndex);
-        if (!isNews || before.contains(id)) {
-            if (usableMacOf(entry)) {
-                good_.insert(id);
-            }
-        } else {
-            see(entry);
-        }
+void NetworkLookout::lose(const EntryId& id) {
+    const auto place = good_.find(id);
+    if (place != good_.end()) {
+        const std::vector<PeerKey> phones = std::move(place->second);
+        good_.erase(place);
+        std::ranges::for_each(phones, callbacks_.onPhoneGone);
     }
+}
+
+void NetworkLookout::takeTable(const std::vector<platform::Neighbour>& table, bool isNews) {
+    std::map<EntryId, std::vector<PeerKey>> before = good_;
+    for (const platform::Neighbour& entry : table) {
+        before.erase({entry.address, entry.interfaceIndex});
+        see(entry, isNews);
+    }
+    for (const auto& [id, phones] : before) { // those that are not there any more
+        lose(id);
+    }
+}
+
+/// Phones are met all the time, and by other processes too.
+std::vector<PeerKey> NetworkLookout::phonesWith(const MacAddress& mac) {
+    const AddressMemory memory(home_.system.files, home_.system.clock, home_.system.log, home_.dataDirectory());
+    bool isOld = true;
+    try {
+        isOld = addressesCheck_.look(home_.system.files, home_.system.clock,
+                                     home_.dataDirectory() / AddressMemory::fileName) != FileChangeCheck::Answer::same;
+    } catch (const platform::SystemError&) {
+        addressesCheck_.doubt(); // it may pass
+    }
+    if (isOld) {
+        phones_ = memory.phonesByHardware();
+    }
+    const auto found = phones_.find(mac);
+    return found != phones_.end() ? found->second : std::vector<PeerKey>();
 }
 
 } // namespace orlinth::host

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/FileChangeCheck.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Phones/AddressBook.h"
 #include "OrlinthHost/Phones/NetworkIdentity.h"
@@ -7,9 +8,9 @@
 #include "platform/NetworkNews.h"
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,7 +25,7 @@ namespace orlinth::host {
 /// another one than when it looked before.
 ///
 /// A phone is known by the hardware address that it had when it was met before. It is told of when its entry in the
-/// table of neighbours becomes good, and not of an entry that stays so. Nothing is sent for it.
+/// table of neighbours becomes good, whenever it is confirmed, and when it is good no more. Nothing is sent for it.
 ///
 /// Nothing here wakes the computer up without news of the system. A system that has none to tell is as if nothing ever
 /// happened.
@@ -45,6 +46,10 @@ public:
         std::function<void()> onNetwork;
         /// The phone has come into the network.
         std::function<void(const PeerKey& phone)> onPhone;
+        /// The phone's hardware address has just answered: of those in the network, and behind onPhone.
+        std::function<void(const PeerKey& phone)> onConfirmed;
+        /// The phone does not answer any more, as far as the system says.
+        std::function<void(const PeerKey& phone)> onPhoneGone;
     };
 
     /// `home` outlives this. Looks at nothing yet.
@@ -80,8 +85,10 @@ private:
     void lookIn(Seconds time);
     void look();
     void onNeighbours(const platform::NeighbourEvent& event);
-    void see(const platform::Neighbour& entry);
+    void see(const platform::Neighbour& entry, bool isNews);
+    void lose(const EntryId& id);
     void takeTable(const std::vector<platform::Neighbour>& table, bool isNews);
+    [[nodiscard]] std::vector<PeerKey> phonesWith(const MacAddress& mac);
 
     Home& home_;
     const Callbacks callbacks_;
@@ -90,7 +97,9 @@ private:
     std::optional<platform::Clock::Instant> toldAt_; ///< of a new network
     View seen_;                                      ///< what was told
     bool isConnected_ = true;                        ///< as told
-    std::set<EntryId> good_;                         ///< the neighbours that are there
+    std::map<EntryId, std::vector<PeerKey>> good_;   ///< the neighbours that are there, and which phones they are
+    FileChangeCheck addressesCheck_;
+    std::map<MacAddress, std::vector<PeerKey>> phones_; ///< as the file said at the last look
     std::unique_ptr<platform::NetworkWatch> network_;
     std::unique_ptr<platform::NeighbourWatch> neighbours_;
 };

@@ -10,6 +10,7 @@
 #include "OrlinthHost/Service/PartialsReminder.h"
 #include "OrlinthHost/Service/PhoneArrivals.h"
 #include "OrlinthHost/Service/PortLoan.h"
+#include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceControlServer.h"
 #include "OrlinthHost/Service/ServiceLock.h"
 
@@ -39,6 +40,7 @@ struct Service::Parts {
     [[nodiscard]] Task<> finish();
 
     ServiceEvents& events;
+    PresenceKeeper presence;
     Receiver receiver;
     KnownKeys keys;
     OutboxSender outbox;
@@ -54,6 +56,7 @@ struct Service::Parts {
 
 Service::Parts::Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener)
     : events(service.events_),
+      presence(service.home_),
       receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
                port.number()),
       keys(service.home_, receiver, service.ownKey_.publicKey(),
@@ -67,15 +70,28 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                 arrivals.peersChanged();
                 outbox.peersChanged();
             }),
-      network(service.home_, {.onConnected = [this](bool isConnected) { outbox.setConnected(isConnected); },
-                              .onNetwork = [this] { outbox.networkChanged(); },
-                              .onPhone = [this](const PeerKey& phone) { outbox.isBack(phone); }}),
+      network(service.home_, {.onConnected =
+                                  [this](bool isConnected) {
+                                      presence.networkChanged();
+                                      outbox.setConnected(isConnected);
+                                  },
+                              .onNetwork =
+                                  [this] {
+                                      presence.networkChanged();
+                                      outbox.networkChanged();
+                                  },
+                              .onPhone = [this](const PeerKey& phone) { outbox.isBack(phone); },
+                              .onConfirmed = [this](const PeerKey& phone) { presence.confirmed(phone); },
+                              .onPhoneGone = [this](const PeerKey& phone) { presence.disappeared(phone); }}),
       partials(service.home_, service.settings_.downloads,
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
-      control(service.home_, loan, outbox, service.events_),
+      control(service.home_, loan, outbox, service.events_, [this] { return presence.all(); }),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
+    outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact) {
+        presence.learn(phone, contact);
+    };
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;
     receiver.beforeAuthorising = [this] { keys.refresh(); };
@@ -108,10 +124,12 @@ Receiver::Callbacks Service::Parts::callbacks() {
             .onAuthenticated =
                 [this](const Receiver::Arrival& arrival) {
                     events.authenticated(arrival.phone, keys.pairedCount());
+                    presence.arrived(arrival.phone.peer_pubkey);
                     arrivals.came(arrival);
                     outbox.heardOf(arrival.phone);
                     sharedPeers.update();
-                }};
+                },
+            .onLeft = [this](const PeerKey& phone) { presence.left(phone); }};
 }
 
 void Service::Parts::start(std::uint16_t port) {

@@ -348,10 +348,13 @@ TEST_F(AddressBookTest, FindsPhonesByTheirHardwareAddress) {
     other.mac = *MacAddress::parse("3e:5a:b4:01:02:04");
     EXPECT_TRUE(book.reached(pixel, at("192.168.7.2"), now));
     EXPECT_TRUE(book.reached(keyOf(1), other, now));
-    EXPECT_THAT(book.phonesWith(mac, now), ElementsAre(pixel));
-    EXPECT_THAT(book.phonesWith(*other.mac, now), ElementsAre(keyOf(1)));
-    EXPECT_THAT(book.phonesWith(*MacAddress::parse("3e:5a:b4:01:02:05"), now), IsEmpty());
-    EXPECT_THAT(book.phonesWith(mac, now + AddressBook::maxAge + 1s), IsEmpty()) << "that is too long ago";
+    EXPECT_TRUE(book.came(pixel, at("192.168.7.4"), now + 1h));
+    using Phones = std::vector<PeerKey>;
+    EXPECT_THAT(book.phonesByHardware(now), testing::UnorderedElementsAre(testing::Pair(mac, Phones{pixel}),
+                                                                          testing::Pair(*other.mac, Phones{keyOf(1)})));
+    EXPECT_THAT(book.phonesByHardware(now + AddressBook::maxAge + 1s), testing::SizeIs(1)) << "the others are too old";
+    EXPECT_THAT(book.lastMeetings(),
+                testing::UnorderedElementsAre(testing::Pair(pixel, now + 1h), testing::Pair(keyOf(1), now)));
 }
 
 TEST_F(AddressBookTest, ChangesNothingOfOtherPhones) {

@@ -76,11 +76,15 @@ protected:
     Home home_{world_.system, world_.context.get_executor()};
     const PeerKey phone_ = world_.phoneRecord().peer_pubkey;
     std::vector<std::string> told_;
+    int confirmed_ = 0;
+    int gone_ = 0;
     NetworkLookout lookout_{
         home_,
         {.onConnected = [this](bool is) { told_.emplace_back(is ? "connected" : "alone"); },
          .onNetwork = [this] { told_.emplace_back("network"); },
-         .onPhone = [this](const PeerKey& phone) { told_.emplace_back(phone == phone_ ? "phone" : "somebody"); }}};
+         .onPhone = [this](const PeerKey& phone) { told_.emplace_back(phone == phone_ ? "phone" : "somebody"); },
+         .onConfirmed = [this](const PeerKey&) { ++confirmed_; },
+         .onPhoneGone = [this](const PeerKey&) { ++gone_; }}};
 };
 
 TEST_F(NetworkLookoutTest, TellsOfAnotherNetworkTwoSecondsAfterTheFirstChange) {
@@ -186,6 +190,23 @@ TEST_F(NetworkLookoutTest, TellsOfAPhoneThatComesAndNotOfOneThatStays) {
     world_.neighbours.remove(entry("192.168.7.30", NeighbourState::reachable, phoneMac));
     put(entry("192.168.7.58", NeighbourState::reachable, phoneMac));
     EXPECT_EQ(told_.size(), 3U) << "it has got another address";
+    EXPECT_EQ(confirmed_, 3);
+    EXPECT_EQ(gone_, 2);
+}
+
+TEST_F(NetworkLookoutTest, KnowsAPhoneThatIsMetWhileItsEntryIsThere) {
+    start();
+    put(entry("192.168.7.57", NeighbourState::reachable, otherMac));
+    EXPECT_EQ(confirmed_, 0);
+    AddressMemory(world_.files, world_.clock, world_.log, home_.dataDirectory())
+        .reached(phone_, {.host = HostAddress::parse("192.168.7.57", "wlan0").value(), .mac = otherMac, .network = {}});
+    put(entry("192.168.7.57", NeighbourState::stale, otherMac));
+    put(entry("192.168.7.57", NeighbourState::reachable, otherMac));
+    EXPECT_EQ(confirmed_, 1);
+    EXPECT_THAT(told_, IsEmpty()) << "it has not come just now";
+    world_.neighbours.replaceAll({});
+    pass(0s);
+    EXPECT_EQ(gone_, 1);
 }
 
 TEST_F(NetworkLookoutTest, TellsNothingOfThoseWhoWereThereBefore) {
@@ -212,7 +233,9 @@ TEST_F(NetworkLookoutTest, HearsNothingWhereNothingCanBeWatchedAndNothingOnceItI
     world_.neighbours.watchErrno.reset();
     NetworkLookout other(home_, {.onConnected = [](bool) { ADD_FAILURE(); },
                                  .onNetwork = [] { ADD_FAILURE(); },
-                                 .onPhone = [](const PeerKey&) { ADD_FAILURE(); }});
+                                 .onPhone = [](const PeerKey&) { ADD_FAILURE(); },
+                                 .onConfirmed = [](const PeerKey&) { ADD_FAILURE(); },
+                                 .onPhoneGone = [](const PeerKey&) { ADD_FAILURE(); }});
     other.start();
     leave();
     world_.networkNews.tell();

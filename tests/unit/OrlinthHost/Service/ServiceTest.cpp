@@ -404,6 +404,53 @@ TEST_F(ServiceTest, RemembersWhereAPhoneCameFromUntilItUnpairs) {
     EXPECT_THAT(known(), IsEmpty());
 }
 
+TEST_F(ServiceTest, SaysWhichPhonesAreThere) {
+    const std::string request = R"({"request":"presence"})"
+                                "\n";
+    const auto answer = [this](const char* state, const std::string& seen) {
+        return R"({"phones":[{"peer_pubkey":")" + world_.phoneRecord().peer_pubkey.text() + R"(","seen_epoch_ms":)" +
+               seen + R"(,"state":")" + state + R"("}]})";
+    };
+    start();
+    EXPECT_EQ(answer("unknown", "0"), ask(request));
+    {
+        const auto from = phone();
+        pass(20s);
+        EXPECT_THAT(ask(request), HasSubstr(R"("state":"here")")) << "it is connected";
+        from->close();
+        settle();
+    }
+    const std::string left = std::to_string(toNumber(world_.clock.epochMilliseconds()));
+    pass(119s);
+    EXPECT_EQ(answer("here", left), ask(request));
+    pass(2s);
+    EXPECT_EQ(answer("away", left), ask(request));
+    share("a.txt");
+    ring();
+    pass(60s); // nobody listens at its port
+    EXPECT_EQ(answer("asleep", left), ask(request));
+    world_.interfaces.addresses = {fakes::FakeNetworkInterfaces::ipv4("wlan0", {192, 168, 7, 10})};
+    world_.network.makeSilent("203.0.113.2");
+    world_.networkNews.tell();
+    pass(2s);
+    EXPECT_EQ(answer("unknown", left), ask(request));
+    stop();
+    start();
+    EXPECT_THAT(ask(request), HasSubstr(R"("state":"unknown")"));
+    EXPECT_THAT(ask(request), testing::Not(HasSubstr(R"("seen_epoch_ms":0)"))) << "that is remembered";
+}
+
+TEST_F(ServiceTest, SaysThatAPhoneIsThereThatHasTakenAFile) {
+    world_.alongside(take());
+    share("a.txt");
+    start();
+    pass(1s);
+    EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+    EXPECT_THAT(ask(R"({"request":"presence"})"
+                    "\n"),
+                HasSubstr(R"("state":"here")"));
+}
+
 TEST_F(ServiceTest, SaysToWhoeverManagesItThatItIsAlive) {
     int alive = 0;
     settings_.watchdogInterval = 30s;
