@@ -4,6 +4,8 @@
 #include "OrlinthHost/Phones/Whereabouts.h"
 #include "platform/IpAddress.h"
 
+#include <asio/post.hpp>
+
 #include <optional>
 #include <vector>
 
@@ -43,6 +45,7 @@ void PhoneArrivals::learn(const PeerKey& phone, const HostAddress& host) const {
     try {
         if (home_.peers().loadBook().find(phone) != nullptr) { // it may have been removed meanwhile
             arrivalMemory(home_).came(phone, Whereabouts::look(home_.system).meetingAt(host));
+            asio::post(home_.executor, onLearnt_);
         }
     } catch (const PeerStoreError&) {
         return; // nobody knows whether it is paired; whoever looks for its record reports the store

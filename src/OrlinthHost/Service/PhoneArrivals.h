@@ -5,7 +5,9 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Phones/AddressBook.h"
 
+#include <functional>
 #include <map>
+#include <utility>
 
 namespace orlinth::host {
 
@@ -20,8 +22,9 @@ class PhoneArrivals {
 public:
     static constexpr Seconds interval = 60s;
 
-    /// `home` outlives this.
-    explicit PhoneArrivals(Home& home) : home_(home), work_(home.system.queues, "orlinth.serve.addresses") {}
+    /// `home` outlives this. `onLearnt` is called on the home's executor whenever something new is remembered.
+    PhoneArrivals(Home& home, std::function<void()> onLearnt)
+        : home_(home), onLearnt_(std::move(onLearnt)), work_(home.system.queues, "orlinth.serve.addresses") {}
     PhoneArrivals(const PhoneArrivals&) = delete;
     PhoneArrivals& operator=(const PhoneArrivals&) = delete;
 
@@ -37,6 +40,7 @@ private:
     void forgetOthers() const;
 
     Home& home_;
+    const std::function<void()> onLearnt_;
     std::map<PeerKey, platform::Clock::Instant> learntAt_; ///< of those within the interval
     Chores work_;                                          ///< in order: a phone is learnt of before it is forgotten
 };

@@ -63,7 +63,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
            [&told = service.events_](const std::exception_ptr& error) { told.phonesUnreadable(error); }),
       outbox(service.home_, service.ownKey_, service.outboxEvents_),
       sharedPeers(service.home_),
-      arrivals(service.home_),
+      arrivals(service.home_, [this] { sharedPeers.update(); }),
       peers(service.home_,
             [this] {
                 sharedPeers.update();
@@ -166,9 +166,9 @@ Task<> Service::Parts::finish() {
     co_await control.finish();
     co_await outbox.finish();
     co_await events.finish();
-    co_await sharedPeers.finish();
     co_await arrivals.finish();
-    co_await partials.finish(); // behind the others: its folder may take its time
+    co_await sharedPeers.finish(); // behind those who have news for it
+    co_await partials.finish();    // behind the others: its folder may take its time
     co_await watchdog.finish();
 }
 

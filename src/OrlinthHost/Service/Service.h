@@ -36,7 +36,7 @@ struct ServiceSettings {
 ///
 ///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, ServiceControlServer, OutboxSender, PeerStoreWatch,
 ///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, Watchdog
-///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ shared list ─▶ addresses
+///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ addresses ─▶ shared list
 ///                                                                               ─▶ downloads ─▶ watchdog
 ///
 /// stopping: the receiver has ended, and with it every connection of a phone; what was under way can be resumed.

@@ -62,7 +62,8 @@ protected:
     fakes::World world_;
     const platform::PrivateKey tabletKey_ = platform::PrivateKey::generate();
     Home home_{world_.system, world_.context.get_executor()};
-    PhoneArrivals arrivals_{home_};
+    int learnt_ = 0;
+    PhoneArrivals arrivals_{home_, [this] { ++learnt_; }};
     const PeerRecord phone_ = world_.phoneRecord();
 };
 
@@ -79,6 +80,7 @@ TEST_F(PhoneArrivalsTest, AreRememberedWithWhatTheLinkSaysOfThem) {
     EXPECT_EQ(addresses[0].came, world_.clock.epochMilliseconds());
     EXPECT_EQ(addresses[0].reached, std::nullopt) << "nobody knows whether it can be reached there";
     EXPECT_THAT(known(tablet()), IsEmpty());
+    EXPECT_EQ(learnt_, 1);
 }
 
 TEST_F(PhoneArrivalsTest, ChangeNoRecordWhereverAPhoneComesFrom) {
