@@ -12,6 +12,7 @@
 #include "platform/Neighbours.h"
 #include "platform/Network.h"
 #include "platform/NetworkInterfaces.h"
+#include "platform/NetworkNews.h"
 #include "platform/Notifications.h"
 #include "platform/Probe.h"
 #include "platform/Routes.h"
@@ -36,6 +37,7 @@ struct System {
     HttpsClient& https;
     Clipboard& clipboard;
     NetworkInterfaces& interfaces;
+    NetworkNews& networkNews;
     Neighbours& neighbours;
     Routes& routes;
     Probe& probe;

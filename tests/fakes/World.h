@@ -14,6 +14,7 @@
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/MemoryNeighbours.h"
 #include "fakes/MemoryNetwork.h"
+#include "fakes/MemoryNetworkNews.h"
 #include "fakes/MemoryProbe.h"
 #include "fakes/MemoryRoutes.h"
 #include "fakes/MemoryUnixSockets.h"
@@ -52,6 +53,7 @@ struct World {
     FakeHttpsClient https;
     FakeClipboard clipboard;
     FakeNetworkInterfaces interfaces;
+    MemoryNetworkNews networkNews;
     MemoryNeighbours neighbours;
     MemoryRoutes routes;
     MemoryProbe probe{clock};
@@ -71,6 +73,7 @@ struct World {
                 .https = https,
                 .clipboard = clipboard,
                 .interfaces = interfaces,
+                .networkNews = networkNews,
                 .neighbours = neighbours,
                 .routes = routes,
                 .probe = probe,

@@ -8,6 +8,7 @@
 #include "platform/WholeFile.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace orlinth {
@@ -276,12 +277,28 @@ std::vector<PeerRecord> PeerStore::upsertReplacingStale(const PeerRecord& record
     return stale;
 }
 
-PeerStore::Recorded PeerStore::upsertUnderFreeName(const PeerRecord& record) {
+bool PeerStore::isEarlierIdentity(const PeerRecord& earlier, const PeerRecord& record) {
+    if (earlier.peer_pubkey == record.peer_pubkey) {
+        return false;
+    }
+    const bool isSameDevice = !record.peer_android.empty() && earlier.peer_android == record.peer_android;
+    return isSameDevice ||
+           (isFormOfName(earlier.peer_hostname, record.peer_hostname) && earlier.peer_ip == record.peer_ip);
+}
+
+PeerStore::Recorded PeerStore::upsertUnderFreeName(const PeerRecord& record, const IsSamePhone& isEarlier) {
     Recorded recorded;
-    update([&record, &recorded](PeerBook& book) {
-        recorded.replaced = takeOut(book, record.peer_pubkey, [&record](const PeerRecord& earlier) {
-            return isFormOfName(earlier.peer_hostname, record.peer_hostname) && earlier.peer_ip == record.peer_ip;
+    update([&](PeerBook& book) {
+        const bool isNew = book.find(record.peer_pubkey) == nullptr;
+        recorded.replaced = takeOut(book, record.peer_pubkey, [&](const PeerRecord& earlier) {
+            return isEarlierIdentity(earlier, record) || (isEarlier && isEarlier(earlier));
         });
+        recorded.namesakes.clear();
+        std::ranges::copy_if(book.peers, std::back_inserter(recorded.namesakes),
+                             [&record, isNew](const PeerRecord& other) {
+                                 return isNew && (isFormOfName(other.peer_hostname, record.peer_hostname) ||
+                                                  lookOf(other.peer_hostname) == lookOf(record.peer_hostname));
+                             });
         recorded.record = record.withHostname(freeName(book, record.peer_pubkey, record.peer_hostname));
         book.peers.push_back(recorded.record);
         return true;

@@ -115,10 +115,16 @@ public:
     struct Recorded {
         PeerRecord record;
         std::vector<PeerRecord> replaced;
+        /// Others of the name, each of which may be the same phone; none for a phone that was recorded already.
+        std::vector<PeerRecord> namesakes = {};
     };
-    /// upsertReplacingStale() for a record whose name others may have: the phone is recorded under freeName(). Of the
-    /// earlier identities of a phone those with a number behind the name count as well.
-    Recorded upsertUnderFreeName(const PeerRecord& record);
+    /// Whether a record is one of the same phone before it got a new key: it has another key, and the same Android
+    /// identifier, or the same address and the same name, with a number behind it or without.
+    [[nodiscard]] static bool isEarlierIdentity(const PeerRecord& earlier, const PeerRecord& record);
+    /// upsert() that also removes the phone's earlier identities, and those that the caller knows to be some by
+    /// `isEarlier`; for a record whose name others may have: the phone is recorded under freeName().
+    Recorded upsertUnderFreeName(const PeerRecord& record,
+                                 const std::function<bool(const PeerRecord& earlier)>& isEarlier = {});
     /// Removes and returns the first match; nothing, and no write, when there is none.
     std::optional<PeerRecord> removeFirst(const std::function<bool(const PeerRecord&)>& predicate);
     /// Reads, lets `change` change the book, and writes it if `change` returns true; under the lock throughout.

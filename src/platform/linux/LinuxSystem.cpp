@@ -12,6 +12,7 @@
 #include "platform/linux/LinuxNeighbours.h"
 #include "platform/linux/LinuxNetwork.h"
 #include "platform/linux/LinuxNetworkInterfaces.h"
+#include "platform/linux/LinuxNetworkNews.h"
 #include "platform/linux/LinuxNotifications.h"
 #include "platform/linux/LinuxProbe.h"
 #include "platform/linux/LinuxRoutes.h"
@@ -47,6 +48,7 @@ struct LinuxSystem::Parts {
     LinuxHttpsClient https;
     LinuxClipboard clipboard{processEnvironment};
     LinuxNetworkInterfaces interfaces;
+    LinuxNetworkNews networkNews;
     LinuxNeighbours neighbours;
     LinuxRoutes routes;
     LinuxProbe probe{clock};
@@ -72,6 +74,7 @@ System LinuxSystem::system() {
             .https = parts_->https,
             .clipboard = parts_->clipboard,
             .interfaces = parts_->interfaces,
+            .networkNews = parts_->networkNews,
             .neighbours = parts_->neighbours,
             .routes = parts_->routes,
             .probe = parts_->probe,
