@@ -36,6 +36,8 @@ struct InterfaceAddress {
     bool isRunning = false; ///< the link is there
     bool isLoopback = false;
     bool isPointToPoint = false;
+    bool isWireless = false;  ///< Wi-Fi
+    bool isTunDevice = false; ///< its packets go to a program and not to a wire (tun or tap): mostly a VPN's
     std::variant<std::monostate, Ipv4, Hardware, Ipv6> address; ///< monostate: of a family that nobody here asks for
 };
 

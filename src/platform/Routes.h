@@ -39,6 +39,10 @@ public:
     /// Where a packet to `address` would go, all rules and tables considered. Does not block; any thread.
     /// A zone that names no interface is NoRoute with ENODEV. @throws SystemError if the system cannot be asked
     [[nodiscard]] virtual std::variant<Route, NoRoute> to(const IpAddress& address) const = 0;
+    /// The router that a packet of IPv4 for the internet would go through if it left by this interface, also while
+    /// another one, such as a VPN's, is preferred. Nothing if there is no such router, or no such interface.
+    /// Does not block; any thread. @throws SystemError if the system cannot be asked
+    [[nodiscard]] virtual std::optional<IpAddress> gatewayBy(const std::string& interface) const = 0;
 };
 
 } // namespace orlinth::platform

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <map>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -22,6 +23,14 @@ public:
         asked.push_back(address);
         const auto place = ways_.find(address);
         return place != ways_.end() ? place->second : noRoute(ENETUNREACH);
+    }
+
+    [[nodiscard]] std::optional<platform::IpAddress> gatewayBy(const std::string& interface) const override {
+        if (errorNumber) {
+            throw platform::SystemError::fromErrno(*errorNumber);
+        }
+        const auto place = gateways.find(interface);
+        return place != gateways.end() ? std::optional(place->second) : std::nullopt;
     }
 
     void putOnLink(const platform::IpAddress& address, std::string interface = "wlan0") {
@@ -44,8 +53,9 @@ public:
     }
     void close(const platform::IpAddress& address, int number) { ways_.insert_or_assign(address, noRoute(number)); }
 
-    std::optional<int> errorNumber;                 ///< to() fails with this error, if set
-    mutable std::vector<platform::IpAddress> asked; ///< what to() was called with and has answered
+    std::map<std::string, platform::IpAddress> gateways; ///< what gatewayBy() answers, by interface
+    std::optional<int> errorNumber;                      ///< to() fails with this error, if set
+    mutable std::vector<platform::IpAddress> asked;      ///< what to() was called with and has answered
 
 private:
     using Way = std::variant<platform::Route, platform::NoRoute>;

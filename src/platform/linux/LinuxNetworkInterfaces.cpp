@@ -61,6 +61,11 @@ std::string nameOf(const ifaddrs& entry) {
     return std::string(label.substr(0, label.find(':')));
 }
 
+/// Whether sysfs has this file of an interface. It has none of an interface of another network namespace than its own.
+bool hasInSysfs(const std::string& interface, const char* file) {
+    return ::access(("/sys/class/net/" + interface + "/" + file).c_str(), F_OK) == 0;
+}
+
 InterfaceAddress converted(const ifaddrs& entry) {
     const auto isSet = [&entry](unsigned flag) { return (entry.ifa_flags & flag) != 0; };
     InterfaceAddress address{.name = nameOf(entry),
@@ -68,7 +73,11 @@ InterfaceAddress converted(const ifaddrs& entry) {
                              .isRunning = isSet(IFF_RUNNING),
                              .isLoopback = isSet(IFF_LOOPBACK),
                              .isPointToPoint = isSet(IFF_POINTOPOINT),
+                             .isWireless = false,
+                             .isTunDevice = false,
                              .address = {}};
+    address.isWireless = hasInSysfs(address.name, "phy80211");
+    address.isTunDevice = hasInSysfs(address.name, "tun_flags");
     if (entry.ifa_addr == nullptr) {
         return address;
     }

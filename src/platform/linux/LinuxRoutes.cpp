@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <utility>
 
 namespace orlinth::platform {
@@ -46,15 +47,10 @@ std::variant<Route, NoRoute> converted(NetlinkRoute route) {
     return way;
 }
 
-} // namespace
-
-std::variant<Route, NoRoute> LinuxRoutes::to(const IpAddress& address) const {
+/// What the kernel says of the way to an address by this interface; 0 for any.
+std::variant<Route, NoRoute> ask(const IpAddress& address, std::uint32_t interface) {
     constexpr std::uint32_t sequence = 1;
-    const std::optional<std::uint32_t> interface = zoneIndex(address);
-    if (!interface) {
-        return noRoute(ENODEV);
-    }
-    NetlinkAnswer answer = askKernel(routeRequest(sequence, address, *interface), sequence);
+    NetlinkAnswer answer = askKernel(routeRequest(sequence, address, interface), sequence);
     if (answer.errorNumber != 0) {
         return noRoute(answer.errorNumber);
     }
@@ -64,6 +60,25 @@ std::variant<Route, NoRoute> LinuxRoutes::to(const IpAddress& address) const {
         }
     }
     throw SystemError::fromErrno(EBADMSG); // an answer to something else
+}
+
+} // namespace
+
+std::variant<Route, NoRoute> LinuxRoutes::to(const IpAddress& address) const {
+    const std::optional<std::uint32_t> interface = zoneIndex(address);
+    return interface ? ask(address, *interface) : noRoute(ENODEV);
+}
+
+std::optional<IpAddress> LinuxRoutes::gatewayBy(const std::string& interface) const {
+    constexpr Ipv4Address nobody{192, 0, 2, 1}; // for documentation (RFC 5737): only a default route leads there
+    const std::uint32_t index = ::if_nametoindex(interface.c_str());
+    if (index == 0) {
+        return std::nullopt;
+    }
+    // Without a route by this interface the kernel takes the address to be on its link: a route without a gateway.
+    const std::variant<Route, NoRoute> way = ask(nobody, index);
+    const auto* const route = std::get_if<Route>(&way);
+    return route != nullptr ? route->gateway : std::nullopt;
 }
 
 } // namespace orlinth::platform

@@ -8,6 +8,7 @@ namespace orlinth::platform {
 class LinuxRoutes final : public Routes {
 public:
     [[nodiscard]] std::variant<Route, NoRoute> to(const IpAddress& address) const override;
+    [[nodiscard]] std::optional<IpAddress> gatewayBy(const std::string& interface) const override;
 };
 
 } // namespace orlinth::platform

@@ -22,6 +22,7 @@ TEST(LinuxNetworkInterfaces, ListsLoopbackWithItsAddressAndNetmask) {
     std::size_t found = 0;
     for (const InterfaceAddress& entry : loopbackEntries()) {
         EXPECT_TRUE(entry.isUp && entry.isRunning && entry.isLoopback && !entry.isPointToPoint);
+        EXPECT_TRUE(!entry.isWireless && !entry.isTunDevice);
         const auto* const ipv4 = std::get_if<InterfaceAddress::Ipv4>(&entry.address);
         if (ipv4 != nullptr && ipv4->address == Ipv4Address{127, 0, 0, 1}) {
             EXPECT_EQ(ipv4->netmask, (Ipv4Address{255, 0, 0, 0}));

@@ -502,6 +502,24 @@ TEST_F(LinuxReachTest, FindsTheWayToAnAddressOfOneLink) {
     EXPECT_EQ(refusalOf("fe80::1%absent"), ENODEV);
 }
 
+TEST_F(LinuxReachTest, FindsTheRouterOfAnInterfaceAlsoBesideAnotherOne) {
+    const LinuxRoutes routes;
+    EXPECT_EQ(routes.gatewayBy("lo"), std::nullopt);
+    EXPECT_EQ(routes.gatewayBy("nosuch0"), std::nullopt);
+    ASSERT_TRUE(run("ip link add other type veth peer name end\n"
+                    "ip link set end up\n"
+                    "ip address add 10.78.0.1/24 dev other\n"
+                    "ip link set other up\n"
+                    "ip route add default via 10.78.0.9 dev other\n"));
+    EXPECT_EQ(routes.gatewayBy("other"), address("10.78.0.9"));
+    ASSERT_TRUE(run("ip route add default via 10.77.0.2 dev home metric 100\n"));
+    EXPECT_EQ(routes.gatewayBy("home"), address("10.77.0.2"));
+    EXPECT_EQ(routes.gatewayBy("other"), address("10.78.0.9"));
+    ASSERT_TRUE(run("ip link delete other\n"
+                    "ip route delete default\n"));
+    EXPECT_EQ(routes.gatewayBy("other"), std::nullopt);
+}
+
 TEST_F(LinuxReachTest, FindsThatThereIsNoWay) {
     EXPECT_EQ(refusalOf("198.18.0.1"), ENETUNREACH);
     EXPECT_EQ(refusalOf("198.51.100.1"), EHOSTUNREACH);
