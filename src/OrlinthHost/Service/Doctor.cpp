@@ -275,8 +275,11 @@ void Doctor::count(const Finding& finding) {
             diagnosis_.absent.push_back(finding.phone);
             diagnosis_.canSend = false;
         }
-    } else if (isProblem && diagnosis_.canReceive && finding.cause != Cause::vpnTakesLan &&
-               finding.cause != Cause::containerNetwork) {
+        return;
+    }
+    const bool isWayTaken = isProblem && keepsFromAll(finding.cause);
+    diagnosis_.isWayTaken = diagnosis_.isWayTaken || isWayTaken;
+    if (isProblem && diagnosis_.canReceive && (!isWayTaken || finding.cause == Cause::noNetwork)) {
         diagnosis_.canReceive = false;
     }
 }

@@ -27,6 +27,7 @@ struct Diagnosis {
     std::size_t warnings = 0;
     std::size_t phones = 0;          ///< that were looked for
     std::vector<std::string> absent; ///< the names of those that cannot be reached
+    bool isWayTaken = false;         ///< something of this computer keeps it from any phone
     bool canSend = false;            ///< to every phone that was looked for, and there is one
     std::optional<bool> canReceive;  ///< as far as this computer is concerned; nothing if that was not asked
 };

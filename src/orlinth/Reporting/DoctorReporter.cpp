@@ -97,14 +97,11 @@ std::string plural(std::size_t count, const char* what) {
 
 /// Which phones are out of reach.
 std::string absenceOf(const host::Diagnosis& diagnosis) {
-    if (diagnosis.absent.size() == 1 && diagnosis.problems > 0 && diagnosis.phones == 1) {
+    if (diagnosis.absent.size() == 1 && !diagnosis.isWayTaken) {
         return forDisplay(diagnosis.absent.front()) + " cannot be reached now.";
     }
     if (diagnosis.absent.size() == diagnosis.phones) {
         return "No phone can be reached.";
-    }
-    if (diagnosis.absent.size() == 1) {
-        return forDisplay(diagnosis.absent.front()) + " cannot be reached now.";
     }
     return std::to_string(diagnosis.absent.size()) + " of " + std::to_string(diagnosis.phones) +
            " phones cannot be reached now.";
@@ -154,7 +151,7 @@ std::string DoctorReporter::mark(Status status) const {
     const Mark& mark = marks.at(static_cast<std::size_t>(status));
     const std::string sign = style_.isUtf8 ? mark.utf8 : mark.ascii;
     const std::string shown = style_.hasColour ? std::string("\033[") + mark.colour + "m" + sign + "\033[0m" : sign;
-    return shown + std::string(2 - columnsOf(sign), ' ');
+    return shown + (style_.isUtf8 || sign.size() == 2 ? "" : " ");
 }
 
 void DoctorReporter::tell(const Finding& finding) {
@@ -195,9 +192,7 @@ void DoctorReporter::showItem(Status status, const std::string& label, const std
         page += "\n" + blanks + command;
     }
     add(evidence);
-    // the mark takes two columns of the indent, and a blank one where it is wide
-    const std::string head = style_.isUtf8 ? mark(status) + host::padded(label, labelColumns + 1)
-                                           : mark(status) + " " + host::padded(label, labelColumns);
+    const std::string head = mark(status) + " " + host::padded(label, style_.isUtf8 ? labelColumns + 1 : labelColumns);
     output_.page(head + page);
 }
 

@@ -34,6 +34,7 @@ public:
 private:
     void showItem(host::Finding::Status status, const std::string& label, const std::string& text,
                   const host::Advice& advice, const std::string& evidence);
+    /// One column in UTF-8, else two.
     [[nodiscard]] std::string mark(host::Finding::Status status) const;
 
     Output& output_;
