@@ -24,6 +24,11 @@ bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other) {
            one.peer_fcm_token == other.peer_fcm_token;
 }
 
+/// A phone that is away for a night is not looked for in every address of the network each hour.
+bool isWorthASweep(const RetryPolicy& retries) {
+    return retries.failures() == 0 || retries.failures() == 2;
+}
+
 } // namespace
 
 /// One attempt under way.
@@ -85,12 +90,13 @@ struct OutboxSender::Phone {
     }
 };
 
-OutboxSender::OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events)
+OutboxSender::OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events, FindSetting find)
     : home_(home),
       ownKey_(ownKey),
       events_(events),
       queue_(home, events),
       lookout_(home, [this] { look(); }),
+      finder_(home, find),
       tasks_(home.executor),
       news_(home.executor) {}
 
@@ -208,6 +214,7 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
 /// `running` stays until the task has ended.
 Task<> OutboxSender::transfer(Running& running) {
     PreparedFile file = running.journal->take(running.file);
+    Phone& phone = phoneOf(running.transfer.peerKey);
     const int left = OffersInDoubt::limitOfOutbox - running.inDoubt.count;
     DeliveryRequest request{.file = std::move(file),
                             .phone = running.record,
@@ -216,7 +223,11 @@ Task<> OutboxSender::transfer(Running& running) {
                             .silenceLimit = silenceLimit,
                             .progress = &running,
                             .offersAtOnce = std::min(left, OffersInDoubt::atOnce),
-                            .inDoubt = running.inDoubt};
+                            .inDoubt = running.inDoubt,
+                            .onAgain = {},
+                            .finder = running.isFirst ? &finder_ : nullptr,
+                            .maySweep = isWorthASweep(phone.retries) ? MaySweep::yes : MaySweep::no,
+                            .onMoved = [&phone](const PeerRecord& moved) { phone.record = moved; }};
     Delivered delivered = co_await deliver(home_.system, std::move(request));
     running.delivered = std::move(delivered);
 }
@@ -430,6 +441,7 @@ Task<> OutboxSender::finish() {
     }
     tasks_.cancelAll();
     co_await tasks_.join();
+    co_await finder_.finish();
     queue_.saveWhatIsBehind();
 }
 

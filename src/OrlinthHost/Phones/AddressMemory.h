@@ -37,6 +37,8 @@ public:
     [[nodiscard]] std::optional<ToldAddress> told() const;
     /// Of all processes that ask in AddressBook::sweepInterval one gets true. False also if that cannot be saved.
     [[nodiscard]] bool claimSweep(const NetworkId& network);
+    /// The same for the address in a phone's record, in AddressBook::moveInterval.
+    [[nodiscard]] bool claimMove(const PeerKey& phone);
 
     /// Forgets everything about a phone, which was removed. No file is made for it. @throws HostError
     void forget(const PeerKey& phone);

@@ -20,12 +20,13 @@ std::optional<PeerRecord> PairedPhones::remove(const PeerRecord& phone, const pl
     if (key && *key != ownKey) {
         RemovedPeers(home_.system.files, home_.dataDirectory()).add(*key);
     }
-    AddressMemory(home_.system.files, home_.system.clock, home_.system.log, home_.dataDirectory())
-        .forget(phone.peer_pubkey);
+    AddressMemory addresses(home_.system.files, home_.system.clock, home_.system.log, home_.dataDirectory());
+    addresses.forget(phone.peer_pubkey);
     PeerStore peers = home_.peers();
     std::optional<PeerRecord> removed =
         peers.removeFirst([&phone](const PeerRecord& record) { return record.peer_pubkey == phone.peer_pubkey; });
     if (removed) {
+        addresses.forget(phone.peer_pubkey); // what another process has learnt in between
         updateSharedPeers(home_);
     }
     return removed;
