@@ -21,9 +21,9 @@ struct Finding {
 
     Check check = Check::computer;
     Status status = Status::notMeasured;
-    Cause cause = Cause::none;      ///< of a warning or a problem; unknown: `remark` says it
+    Cause cause = Cause::none;      ///< of a warning or a problem
     CauseDetails details = {};      ///< for the words about the cause
-    std::string remark = {};        ///< what is shown of what is ok or not measured; safe to show
+    std::string remark = {};        ///< what is shown instead of the words about the cause, if not ""; safe to show
     std::string phone = {};         ///< of a phone: its name
     PeerKey peerKey = {};           ///< of a phone
     bool isAside = false;           ///< of no interest to people while nothing is wrong

@@ -5,6 +5,9 @@
 #include "base/Text.h"
 #include "platform/Blocking.h"
 #include "platform/Cancelled.h"
+#include "platform/Deadline.h"
+
+#include <asio/experimental/awaitable_operators.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -153,21 +156,68 @@ Finding findingOf(const PhoneFindings& found, bool canBeWoken) {
     return finding;
 }
 
+/// Whether the phone may be anywhere else.
+bool isWorthSearching(const PhoneFindings& found) {
+    using Device = Evidence::Neighbour::Device;
+    const bool isCertainlyThere = found.evidence.neighbour && found.evidence.neighbour->device == Device::phone &&
+                                  (found.cause == Cause::swallowed || found.cause == Cause::forbidden);
+    return found.cause != Cause::none && found.cause != Cause::notListening && found.cause != Cause::ownOutgoing &&
+           !keepsFromAll(found.cause) && !isCertainlyThere;
+}
+
+/// Nothing escapes but what is no cancellation. `search` outlives the task.
+Task<> untilFound(Finder::Search& search) {
+    try {
+        co_await search.untilFound([] { return true; });
+    } catch (const std::exception& error) {
+        if (!platform::isCancellation(error)) {
+            throw;
+        }
+    }
+}
+
 } // namespace
 
-Doctor::Doctor(Home& home, DoctorRequest request, OnFinding onFinding)
+Doctor::Doctor(Home& home, DoctorRequest request, OnFinding onFinding, OnConclusion onConclusion)
     : home_(home),
       request_(std::move(request)),
       onFinding_(std::move(onFinding)),
+      onConclusion_(std::move(onConclusion)),
       here_(Whereabouts::look(home.system)),
       phonesLeft_(request_.phones.size()),
       isServiceKnown_(home.executor),
       isWayKnown_(home.executor),
       hasPhoneEnded_(home.executor),
       hasFinding_(home.executor),
+      memory_(home.system.files, home.system.clock, home.system.log, home.dataDirectory()),
+      finder_(home, request_.find),
       tasks_(home.executor) {}
 
 Task<Diagnosis> Doctor::run() {
+    beginAll();
+    bool isCancelled = false;
+    try {
+        co_await untilReported();
+    } catch (const std::exception& error) {
+        if (!platform::isCancellation(error)) {
+            throw;
+        }
+        isCancelled = true;
+    }
+    if (!isCancelled) {
+        onConclusion_(diagnosis_);
+    }
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    tasks_.cancelAll();
+    co_await tasks_.join();
+    co_await finder_.finish();
+    if (isCancelled) {
+        throw platform::Cancelled();
+    }
+    co_return diagnosis_;
+}
+
+void Doctor::beginAll() {
     diagnosis_.phones = request_.phones.size();
     diagnosis_.canSend = !request_.phones.empty();
     const bool isInQuestion = isWayInQuestion(home_, here_, request_.phones);
@@ -185,18 +235,14 @@ Task<Diagnosis> Doctor::run() {
     if (!request_.isAboutPhones || request_.asksPushProject) {
         begin(Check::waking, request_.asksPushProject ? wholeLimit : quickLimit, lookAtWaking());
     }
+}
+
+Task<> Doctor::untilReported() {
     while (reported_ < places_.size()) {
         co_await hasFinding_.wait();
         hasFinding_.reset();
         report();
     }
-    tasks_.cancelAll();
-    co_return diagnosis_;
-}
-
-Task<> Doctor::finish() {
-    tasks_.cancelAll();
-    co_await tasks_.join();
 }
 
 void Doctor::begin(Check check, Seconds limit, Task<Finding> task, std::string phone) {
@@ -340,13 +386,49 @@ Task<Finding> Doctor::lookForPhone(const PeerRecord& phone) {
             doctor.hasPhoneEnded_.set();
         }
     } const place{*this};
-    const PhoneFindings found = co_await checkPhone(home_, phone);
-    if (keepsFromAll(found.cause)) {
+    const std::unique_ptr<Finder::Search> search = finder_.begin(phone);
+    std::optional<PhoneFindings> found = co_await checkUnlessFound(phone, *search);
+    if (found && isWorthSearching(*found)) {
+        co_await search->untilOver();
+    }
+    if (const std::optional<HostAddress> host = search->found(); host && (!found || found->cause != Cause::none)) {
+        co_return findingOfMove(phone, *host);
+    }
+    if (keepsFromAll(found->cause)) {
         wayTaken_ = Finding{
-            .check = Check::computer, .status = Status::problem, .cause = found.cause, .details = found.details};
+            .check = Check::computer, .status = Status::problem, .cause = found->cause, .details = found->details};
         isWayKnown_.set();
     }
-    co_return findingOf(found, found.details.canBeWoken && hasPushKey(home_));
+    co_return findingOf(*found, found->details.canBeWoken && hasPushKey(home_));
+}
+
+/// What came of the recorded address; nothing if the phone was found elsewhere before that.
+Task<std::optional<PhoneFindings>> Doctor::checkUnlessFound(const PeerRecord& phone, Finder::Search& search) {
+    using namespace asio::experimental::awaitable_operators;
+    OneShot<PhoneFindings> outcome;
+    Task<> check = platform::settle(outcome, checkPhone(home_, phone));
+    Task<> find = untilFound(search);
+    co_await (std::move(check) || std::move(find));
+    try {
+        co_return outcome.take();
+    } catch (const std::exception& error) {
+        if (!search.found() || !platform::isCancellation(error)) {
+            throw;
+        }
+    }
+    co_return std::nullopt;
+}
+
+/// It was tried at its recorded address too, and is not there.
+Finding Doctor::findingOfMove(const PeerRecord& phone, const HostAddress& found) {
+    const bool isRecorded = recordMove(home_, memory_, phone, found);
+    Finding finding{.check = Check::phone, .status = Status::ok, .cause = Cause::moved};
+    finding.details = {.phone = phone.peer_hostname, .address = phone.peer_ip, .addressNow = found.text()};
+    finding.remark = "has moved to " + forDisplay(found.text()) + " (was " + forDisplay(phone.peer_ip) + ")" +
+                     (isRecorded ? "; recorded" : "");
+    finding.evidence["address"] = found.text();
+    finding.evidence["recorded"] = isRecorded;
+    return finding;
 }
 
 } // namespace orlinth::host

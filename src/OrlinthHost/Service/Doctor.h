@@ -1,7 +1,9 @@
 #pragma once
 
 #include "OrlinthHost/Home.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/Whereabouts.h"
+#include "OrlinthHost/Reach/Finder.h"
 #include "OrlinthHost/Reach/Finding.h"
 #include "OrlinthHost/Reach/PhoneCheck.h"
 #include "platform/Event.h"
@@ -19,6 +21,7 @@ struct DoctorRequest {
     bool isAboutPhones = false;     ///< only they are asked about; of this computer, only what explains why they fail
     platform::Path downloads;       ///< where received files go
     bool asksPushProject = false;   ///< over the internet
+    FindSetting find = FindSetting::known; ///< where a phone is looked for that is not at its recorded address
 };
 
 /// What it all comes to.
@@ -35,8 +38,9 @@ struct Diagnosis {
 /// Finds out what keeps phones and this computer apart. All checks begin at once, each has a limit of its own, and none
 /// holds up another: what has not ended by its limit is not measured, and is called off.
 ///
-/// Nothing is changed but the AddressMemory of phones that are there; nobody is woken, and no packet leaves the
-/// networks that this computer is in, but those to a phone's recorded address and, if asked for, to the push project.
+/// A phone that is not at its recorded address is looked for meanwhile, as Finder has it. Nothing is changed but the
+/// AddressMemory, and the address of a phone that has moved. Nobody is woken, and no packet leaves the networks that
+/// this computer is in, but those to addresses at which a phone was met and, if asked for, to the push project.
 ///
 /// On the home's executor.
 class Doctor {
@@ -50,27 +54,29 @@ public:
     static constexpr Seconds wholeLimit = 10s;
 
     using OnFinding = std::function<void(const Finding&)>;
+    using OnConclusion = std::function<void(const Diagnosis&)>;
 
-    /// `onFinding` is called with each finding, as soon as it and those before it are there; it does not throw. `home`
-    /// outlives this.
-    Doctor(Home& home, DoctorRequest request, OnFinding onFinding);
+    /// `onFinding` is called with each finding, as soon as it and those before it are there, and `onConclusion` behind
+    /// the last one; they do not throw. `home` outlives this.
+    Doctor(Home& home, DoctorRequest request, OnFinding onFinding, OnConclusion onConclusion);
     Doctor(const Doctor&) = delete;
     Doctor& operator=(const Doctor&) = delete;
 
-    /// Once. @throws platform::Cancelled
+    /// Once. Returns when nothing of it runs any more: a disk that hangs is waited for behind the conclusion.
+    /// @throws platform::Cancelled, likewise
     [[nodiscard]] Task<Diagnosis> run();
-    /// Returns when nothing of it runs any more; a disk that hangs is waited for here. The last call.
-    [[nodiscard]] Task<> finish();
 
 private:
     using Slot = std::size_t; ///< the place of a finding in the order
 
+    void beginAll();
     /// Begins a check, which has until `limit`.
     void begin(Finding::Check check, Seconds limit, Task<Finding> task, std::string phone = {});
     [[nodiscard]] Task<> fill(Slot slot, Task<Finding> task);
     [[nodiscard]] Task<> giveUp(Slot slot, Seconds limit);
     void put(Slot slot, Finding finding);
     void putNothing(Slot slot, std::string remark);
+    [[nodiscard]] Task<> untilReported();
     void report();
     void count(const Finding& finding);
 
@@ -80,6 +86,8 @@ private:
     [[nodiscard]] Task<Finding> lookAtDownloads();
     [[nodiscard]] Task<Finding> lookAtWaking();
     [[nodiscard]] Task<Finding> lookForPhone(const PeerRecord& phone);
+    [[nodiscard]] Task<std::optional<PhoneFindings>> checkUnlessFound(const PeerRecord& phone, Finder::Search& search);
+    [[nodiscard]] Finding findingOfMove(const PeerRecord& phone, const HostAddress& found);
 
     /// A finding, or what is known of it before it is there.
     struct Place {
@@ -93,6 +101,7 @@ private:
     Home& home_;
     const DoctorRequest request_;
     const OnFinding onFinding_;
+    const OnConclusion onConclusion_;
     const Whereabouts here_;
     std::vector<Place> places_; ///< by slot
     Slot reported_ = 0;
@@ -105,6 +114,8 @@ private:
     platform::Event isWayKnown_;
     platform::Event hasPhoneEnded_;
     platform::Event hasFinding_;
+    AddressMemory memory_;
+    Finder finder_;
     platform::TaskGroup tasks_; ///< last: what they use is above
 };
 

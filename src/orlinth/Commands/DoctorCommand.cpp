@@ -24,6 +24,7 @@ public:
         parser().add_flag("--push", asksPushProject_,
                           "Also ask the push project over the internet whether it accepts this computer's key. No push "
                           "is sent.");
+        addFind(find_);
         parser().add_flag("--verbose", isVerbose_, "Show what was seen, and how long each check took.");
         addJsonFlag("Print findings as JSON, one object a line.");
     }
@@ -32,27 +33,22 @@ public:
         host::DoctorRequest request{.phones = choosePhones(host),
                                     .isAboutPhones = !selectors_.empty(),
                                     .downloads = host::chooseDownloadsFolder(host, "").path,
-                                    .asksPushProject = asksPushProject_};
+                                    .asksPushProject = asksPushProject_,
+                                    .find = find_};
         if (request.phones.empty()) {
             host.output.message("No phone is paired yet. `orlinth pair` pairs one.");
         }
         DoctorReporter::Style style = DoctorReporter::styleOfTerminal();
         style.isVerbose = isVerbose_;
         DoctorReporter reporter(host.output, style);
-        host::Doctor doctor(host, std::move(request),
-                            [&reporter](const host::Finding& found) { reporter.tell(found); });
-        return host.tasks.run(examine(doctor, reporter));
+        host::Doctor doctor(
+            host, std::move(request), [&reporter](const host::Finding& found) { reporter.tell(found); },
+            [&reporter](const host::Diagnosis& diagnosis) { reporter.conclude(diagnosis); });
+        const host::Diagnosis diagnosis = host.tasks.run(doctor.run());
+        return diagnosis.problems == 0 && diagnosis.absent.empty() ? 0 : 1;
     }
 
 private:
-    /// What is referred to outlives the task, which is run where it is made. The exit status.
-    static Task<int> examine(host::Doctor& doctor, DoctorReporter& reporter) {
-        const host::Diagnosis diagnosis = co_await doctor.run();
-        reporter.conclude(diagnosis);
-        co_await doctor.finish();
-        co_return diagnosis.problems == 0 && diagnosis.absent.empty() ? 0 : 1;
-    }
-
     [[nodiscard]] std::vector<PeerRecord> choosePhones(const Host& host) const {
         if (selectors_.empty()) {
             return host.peers().loadBook().peers;
@@ -70,6 +66,7 @@ private:
     std::vector<std::string> selectors_;
     bool asksPushProject_ = false;
     bool isVerbose_ = false;
+    host::FindSetting find_ = host::FindSetting::known;
 };
 
 } // namespace

@@ -43,7 +43,7 @@ std::string labelOf(const Finding& finding) {
 
 /// Whether the remark says it, and not the words about the cause.
 bool saysRemark(const Finding& finding) {
-    return finding.cause == Cause::none || (finding.cause == Cause::unknown && !finding.remark.empty());
+    return finding.cause == Cause::none || !finding.remark.empty();
 }
 
 std::string messageOf(const Finding& finding) {

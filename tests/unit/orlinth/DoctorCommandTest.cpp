@@ -107,22 +107,18 @@ protected:
         host::DoctorRequest request{.phones = chosen.empty() ? book().peers : chosen,
                                     .isAboutPhones = !chosen.empty(),
                                     .downloads = world.system.directories.downloads};
-        host::Doctor doctor(home, std::move(request), [&](const host::Finding& finding) { reporter.tell(finding); });
+        request.find = find;
+        host::Doctor doctor(
+            home, std::move(request), [&](const host::Finding& finding) { reporter.tell(finding); },
+            [&](const host::Diagnosis& diagnosis) { reporter.conclude(diagnosis); });
         const double begin = world.clock.elapsed();
         testing::internal::CaptureStdout();
         Shown shown;
-        world.run(examine(doctor, reporter, shown.status));
+        shown.status = world.run(doctor.run()).problems == 0 ? 0 : 1;
         shown.output = testing::internal::GetCapturedStdout();
         shown.after = world.clock.elapsed() - begin;
         return shown;
     }
-    static Task<> examine(host::Doctor& doctor, DoctorReporter& reporter, int& status) {
-        const host::Diagnosis diagnosis = co_await doctor.run();
-        reporter.conclude(diagnosis);
-        co_await doctor.finish();
-        status = diagnosis.problems == 0 ? 0 : 1;
-    }
-
     /// The whole transcript, on both kinds of terminals.
     void expectAll(int status, const std::string& transcript) { expectShown(status, transcript, {}); }
     /// That of `orlinth doctor pixel`.
@@ -140,6 +136,10 @@ protected:
         }
     }
 
+    static Task<> justRun(host::Doctor& doctor) {
+        const host::Diagnosis diagnosis = co_await doctor.run();
+        ADD_FAILURE() << "it has ended by itself, with " << diagnosis.problems << " problems";
+    }
     Ended doctor(std::vector<std::string> words = {}) {
         pair({record});
         words.insert(words.begin(), "doctor");
@@ -148,6 +148,7 @@ protected:
 
     PeerRecord record = world.phoneRecord();
     bool hasService = true;
+    host::FindSetting find = host::FindSetting::known;
 };
 
 // ---- transcripts
@@ -421,12 +422,50 @@ TEST_F(DoctorCommandTest, EndsInTenSecondsWhateverPhonesDo) {
     }
     putNeighbour(NeighbourState::reachable, 40s);
     makeSilent();
+    find = host::FindSetting::never;
     const Shown shown = show(true, phones);
     EXPECT_EQ(shown.after, 10);
     EXPECT_THAT(shown.output, HasSubstr("✗ Phone 7         no answer from Phone 7."));
     EXPECT_THAT(shown.output, HasSubstr("· Phone 8         not measured: no answer in 10 seconds\n"));
     EXPECT_THAT(shown.output, HasSubstr("8 problems. No phone can be reached.\n"));
     EXPECT_LE(world.probe.most, 16u) << "two for each of eight phones";
+}
+
+TEST_F(DoctorCommandTest, FindsAPhoneThatHasMovedAndRecordsIt) {
+    const IpAddress now = platform::Ipv4Address{192, 168, 7, 57};
+    const host::NetworkId network = host::NetworkId::of({192, 168, 7, 0}, 24, routerMac);
+    memory().reached(record.peer_pubkey,
+                     {.host = host::HostAddress::parse("192.168.7.57").value(), .mac = phoneMac, .network = network});
+    world.routes.putOnLink(now);
+    fakes::proveAt(world, now, world.phoneKey);
+    makeSilent();
+    const Shown shown = show(true, {record});
+    EXPECT_EQ(shown.output, "✓ Pixel-8         has moved to 192.168.7.57 (was 192.168.7.30); recorded\n"
+                            "Everything works.\n");
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_LE(shown.after, 1) << "without waiting for the old address";
+    EXPECT_EQ(book().peers.front().peer_ip, "192.168.7.57");
+}
+
+TEST_F(DoctorCommandTest, DoesNotLookElsewhereIfItMayNot) {
+    find = host::FindSetting::never;
+    const platform::PrivateKey other = platform::PrivateKey::generate();
+    fakes::proveAt(world, phone, other);
+    EXPECT_EQ(show(true, {record}).after, 0);
+    EXPECT_EQ(world.probe.attempts.size(), 1u);
+}
+
+TEST_F(DoctorCommandTest, LeavesNothingBehindIfItIsInterrupted) {
+    makeSilent();
+    pair({record});
+    host::Home home{.system = world.system, .executor = world.context.get_executor()};
+    host::DoctorRequest request{.phones = book().peers, .downloads = world.system.directories.downloads};
+    host::Doctor doctor(
+        home, std::move(request), [](const host::Finding&) {},
+        [](const host::Diagnosis&) { ADD_FAILURE() << "it was interrupted"; });
+    const bool hasEnded = world.run(platform::endsWithin(world.clock, 2s, justRun(doctor)));
+    EXPECT_FALSE(hasEnded);
+    EXPECT_EQ(world.probe.underWay(), 0u);
 }
 
 TEST_F(DoctorCommandTest, SaysThatARecordCannotBeUsed) {
