@@ -105,6 +105,19 @@ public:
         lookAgain();
     }
 
+    /// In place of run(), of an attempt that somebody else has made.
+    void judge(Evidence::Connect failure) {
+        lookAround();
+        evidence_.connect = failure;
+        if (failure == Evidence::Connect::refused) { // whoever refuses is there, whatever is known of the way
+            evidence_.hasNetwork = true;
+            evidence_.route = std::nullopt;
+        }
+        if (mayBeAskedFurther() || isOnLink()) {
+            lookAtNeighbour();
+        }
+    }
+
     [[nodiscard]] PhoneFindings findings() const {
         PhoneFindings findings{
             .cause = diagnose(evidence_), .details = {}, .evidence = evidence_, .duration = duration_};
@@ -449,6 +462,16 @@ private:
 };
 
 } // namespace
+
+PhoneFindings explainFailure(Home& home, const PeerRecord& phone, Evidence::Connect failure) {
+    Look look(home, phone, {});
+    look.judge(failure);
+    PhoneFindings findings = look.findings();
+    if (findings.cause == Cause::silent && !findings.details.seenBefore) {
+        findings.cause = Cause::unknown; // nothing at all has been heard of it
+    }
+    return findings;
+}
 
 Task<PhoneFindings> checkPhone(Home& home, PeerRecord phone, PhoneCheckTimes times) {
     Look look(home, std::move(phone), times);

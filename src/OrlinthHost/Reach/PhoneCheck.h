@@ -35,4 +35,9 @@ struct PhoneCheckTimes {
 /// @throws platform::Cancelled; platform::CryptoError if this computer cannot make a key
 [[nodiscard]] Task<PhoneFindings> checkPhone(Home& home, PeerRecord phone, PhoneCheckTimes times = {});
 
+/// Why an attempt to connect to the phone's recorded address has just failed, from how it failed and what the system
+/// knows by now. Sends nothing and returns at once, so it is less certain than checkPhone(): where that does not
+/// decide, the cause is unknown.
+[[nodiscard]] PhoneFindings explainFailure(Home& home, const PeerRecord& phone, Evidence::Connect failure);
+
 } // namespace orlinth::host
