@@ -141,6 +141,11 @@ public:
         return static_cast<std::int64_t>(unit != 0 && units > most / unit ? most : units * unit);
     }
 
+    std::error_code objectionToFiles() const noexcept override {
+        const bool mayBeMade = ::faccessat(fd(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+        return mayBeMade ? std::error_code() : std::error_code(errno, std::generic_category());
+    }
+
     std::uint32_t ordinaryPermissions() const override { return ordinaryPermissions_; }
 
     std::uint32_t user() const noexcept override { return ::geteuid(); }

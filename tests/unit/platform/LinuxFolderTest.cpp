@@ -211,6 +211,19 @@ void takeRightsOfRootAway() {
     }
 }
 
+TEST_F(LinuxFolderTest, SaysWhyNoFileCanBeMade) {
+    EXPECT_EQ(folder_->objectionToFiles(), std::error_code());
+    std::filesystem::permissions(inside_, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        takeRightsOfRootAway();
+        ::_exit(folder_->objectionToFiles() == std::errc::permission_denied ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(LinuxFolderTest, CanBeUsedWhereItMayNotBeRead) {
     std::filesystem::permissions(inside_, std::filesystem::perms::owner_write | std::filesystem::perms::owner_exec);
     const pid_t child = ::fork();
