@@ -1,9 +1,9 @@
 #pragma once
 
-#include "OrlinthHost/FileChangeCheck.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Phones/AddressBook.h"
 #include "OrlinthHost/Phones/NetworkIdentity.h"
+#include "platform/FileChangeCheck.h"
 #include "platform/Neighbours.h"
 #include "platform/NetworkNews.h"
 
@@ -98,7 +98,7 @@ private:
     View seen_;                                      ///< what was told
     bool isConnected_ = true;                        ///< as told
     std::map<EntryId, std::vector<PeerKey>> good_;   ///< the neighbours that are there, and which phones they are
-    FileChangeCheck addressesCheck_;
+    platform::FileChangeCheck addressesCheck_;
     std::map<MacAddress, std::vector<PeerKey>> phones_; ///< as the file said at the last look
     std::unique_ptr<platform::NetworkWatch> network_;
     std::unique_ptr<platform::NeighbourWatch> neighbours_;
