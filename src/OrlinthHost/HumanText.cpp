@@ -74,6 +74,13 @@ std::string humanTime(EpochMilliseconds moment) {
     return {text.data(), length};
 }
 
+std::string humanSince(EpochMilliseconds moment, EpochMilliseconds now) {
+    const std::string then = humanTime(moment);
+    const std::size_t space = then.find(' ');
+    const bool isToday = space != std::string::npos && humanTime(now).starts_with(then.substr(0, space + 1));
+    return isToday ? then.substr(space + 1) : then.substr(0, space);
+}
+
 std::string fitted(std::string_view utf8, std::size_t columns) {
     if (columnsOf(utf8) <= columns) {
         return std::string(utf8);

@@ -26,6 +26,9 @@ namespace orlinth::host {
 /// Local date and time, "2026-03-09 17:05".
 [[nodiscard]] std::string humanTime(EpochMilliseconds moment);
 
+/// When a phone was last there: today's time, "17:05", or the day, "2026-03-09".
+[[nodiscard]] std::string humanSince(EpochMilliseconds moment, EpochMilliseconds now);
+
 /// The text, shortened with "…" until it takes at most `columns`.
 [[nodiscard]] std::string fitted(std::string_view utf8, std::size_t columns);
 

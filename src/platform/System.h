@@ -5,13 +5,16 @@
 #include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
+#include "platform/Firewall.h"
 #include "platform/FolderWatch.h"
 #include "platform/HttpsClient.h"
 #include "platform/Log.h"
+#include "platform/Machine.h"
 #include "platform/MimeTypes.h"
 #include "platform/Neighbours.h"
 #include "platform/Network.h"
 #include "platform/NetworkInterfaces.h"
+#include "platform/NetworkNews.h"
 #include "platform/Notifications.h"
 #include "platform/Probe.h"
 #include "platform/Routes.h"
@@ -36,9 +39,12 @@ struct System {
     HttpsClient& https;
     Clipboard& clipboard;
     NetworkInterfaces& interfaces;
+    NetworkNews& networkNews;
     Neighbours& neighbours;
     Routes& routes;
     Probe& probe;
+    Firewall& firewall;
+    Machine& machine;
     ServiceDiscovery& services;
     UnixSockets& unixSockets;
     Notifications& notifications;

@@ -169,7 +169,8 @@ struct ReceiverWorld : World {
                 .onClipboard = [this](const Receiver::Clipboard& clip) { clips.push_back(clip); },
                 .onSync = [this](const Receiver::ProcessOutcome& outcome) { syncs.push_back(outcome); },
                 .onError = [this](const Receiver::Failure& failure) { failures.push_back(failure); },
-                .onAuthenticated = [this](const PeerRecord& record) { authenticated.push_back(record); }};
+                .onAuthenticated = [this](const Receiver::Arrival& arrival) { authenticated.push_back(arrival); },
+                .onLeft = [this](const PeerKey& phone) { left.emplace_back(phone, ends()); }};
     }
 
     std::optional<Receiver> receiver;
@@ -182,7 +183,8 @@ struct ReceiverWorld : World {
     std::vector<Receiver::Clipboard> clips;
     std::vector<Receiver::ProcessOutcome> syncs;
     std::vector<Receiver::Failure> failures;
-    std::vector<PeerRecord> authenticated;
+    std::vector<Receiver::Arrival> authenticated;
+    std::vector<std::pair<PeerKey, std::size_t>> left; ///< with how many ends had been told by then
 };
 
 } // namespace orlinth::fakes

@@ -7,6 +7,7 @@
 #include "fakes/FakeClipboard.h"
 #include "fakes/FakeFolderWatcher.h"
 #include "fakes/FakeHttpsClient.h"
+#include "fakes/FakeMachine.h"
 #include "fakes/FakeMimeTypes.h"
 #include "fakes/FakeNetworkInterfaces.h"
 #include "fakes/FakeNotifications.h"
@@ -14,6 +15,7 @@
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/MemoryNeighbours.h"
 #include "fakes/MemoryNetwork.h"
+#include "fakes/MemoryNetworkNews.h"
 #include "fakes/MemoryProbe.h"
 #include "fakes/MemoryRoutes.h"
 #include "fakes/MemoryUnixSockets.h"
@@ -52,9 +54,12 @@ struct World {
     FakeHttpsClient https;
     FakeClipboard clipboard;
     FakeNetworkInterfaces interfaces;
+    MemoryNetworkNews networkNews;
     MemoryNeighbours neighbours;
     MemoryRoutes routes;
     MemoryProbe probe{clock};
+    FakeFirewall firewall{clock};
+    FakeMachine machine;
     FakeServiceDiscovery services{clock};
     MemoryUnixSockets unixSockets{context};
     FakeNotifications notifications;
@@ -71,9 +76,12 @@ struct World {
                 .https = https,
                 .clipboard = clipboard,
                 .interfaces = interfaces,
+                .networkNews = networkNews,
                 .neighbours = neighbours,
                 .routes = routes,
                 .probe = probe,
+                .firewall = firewall,
+                .machine = machine,
                 .services = services,
                 .unixSockets = unixSockets,
                 .notifications = notifications,

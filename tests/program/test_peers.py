@@ -30,6 +30,8 @@ class Peers(ProgramTest):
                          (added.returncode, added.stdout, added.stderr))
         [peer] = self.listed()
         self.assertGreater(peer.pop("paired_at_epoch_ms"), 1_600_000_000_000)
+        self.assertEqual({"state": "unknown", "seen_epoch_ms": 0, "can_wake": False},
+                         {name: peer.pop(name) for name in ("state", "seen_epoch_ms", "can_wake")})
         self.assertEqual(
             {"event": "peer", "peer_pubkey": key, "peer_ip": "192.0.2.7", "peer_port": 4711, "peer_subnet": "",
              "peer_hostname": "Pixel 8", "peer_mac": "", "self_pubkey": self.mac.key, "has_fcm_token": False,
@@ -37,8 +39,9 @@ class Peers(ProgramTest):
             peer,
         )
         header, row = self.mac.run("peers").stdout.splitlines()
-        self.assertEqual(["NAME", "ADDRESS", "KEY", "PAIRED"], header.split())
-        self.assertRegex(row, r"^Pixel 8  192\.0\.2\.7:4711  \S{12}  \d{4}-\d\d-\d\d \d\d:\d\d$")
+        self.assertEqual(["NAME", "ADDRESS", "KEY", "PAIRED", "SEEN", "WAKE"], header.split())
+        self.assertRegex(row,
+                         r"^Pixel 8  192\.0\.2\.7:4711  \S{12}  \d{4}-\d\d-\d\d \d\d:\d\d  -     no$")
         self.assertEqual(key[:12], row.split()[3])
 
     def test_no_phones_is_no_failure(self):

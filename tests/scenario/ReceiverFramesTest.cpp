@@ -382,9 +382,29 @@ TEST_F(ReceiverFrames, APairedPhoneIsToldOfWithItsRecordBeforeAnyFrameIsRead) {
     const auto phone = world.phone();
     world.settle();
     ASSERT_EQ(world.authenticated.size(), 1U);
-    EXPECT_EQ(world.authenticated[0].peer_hostname, "Pixel-8");
-    EXPECT_EQ(world.authenticated[0].peer_ip, "203.0.113.1") << "where it has just come from";
+    EXPECT_EQ(world.authenticated[0].phone, world.phoneRecord());
+    EXPECT_EQ(world.authenticated[0].remoteEndpoint, "203.0.113.1:40112");
     EXPECT_EQ(world.ends(), 0U);
+}
+
+TEST_F(ReceiverFrames, APhoneThatWasToldOfHasLeftOnceBehindWhatBecameOfItsConnection) {
+    using testing::ElementsAre;
+    world.start();
+    const PeerKey key = world.phoneKey.publicKey().peerKey();
+    const auto phone = world.phone();
+    world.settle();
+    EXPECT_THAT(world.left, IsEmpty());
+    world.send(*phone, Row::clipboard("text", "text/plain"));
+    EXPECT_THAT(world.left, ElementsAre(std::pair(key, std::size_t{1})));
+    const auto silent = world.phone();
+    world.send(*silent, Row::tokenUpdate("token"));
+    silent->close();
+    world.settle();
+    EXPECT_THAT(world.left, ElementsAre(std::pair(key, std::size_t{1}), std::pair(key, std::size_t{1})))
+        << "also if there is nothing to tell of it";
+    const auto stranger = world.connectAs(platform::PrivateKey::generate());
+    EXPECT_TRUE(world.seesTheEnd(*stranger));
+    EXPECT_EQ(world.left.size(), 2U) << "nobody was told that he came";
 }
 
 // ---- the handshake, and silence

@@ -1,11 +1,14 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 
 #include "OrlinthCore/Peers/PeerNames.h"
+#include "base/Mutex.h"
 #include "base/Text.h"
+#include "platform/FileChangeCheck.h"
 #include "platform/SystemError.h"
 #include "platform/WholeFile.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace orlinth {
@@ -132,7 +135,42 @@ PeerStore::PeerStore(platform::FileSystem& files, const platform::UserDirectorie
 PeerStore::PeerStore(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName)
     : files_(files), directoryPath_(std::move(directoryURL)), filePath_(directoryPath_ / fileName) {}
 
+/// What was read last, of all copies of a store.
+struct PeerStore::KeptBook {
+    explicit KeptBook(const platform::Clock& clockOf) : clock(clockOf) {}
+
+    const platform::Clock& clock;
+    Mutex lock;
+    platform::FileChangeCheck check ORLINTH_GUARDED_BY(lock);
+    std::optional<PeerBook> book ORLINTH_GUARDED_BY(lock);
+};
+
+PeerStore PeerStore::keepingBook(platform::FileSystem& files, const platform::UserDirectories& directories,
+                                 const platform::Clock& clock) {
+    PeerStore store(files, directories);
+    store.kept_ = std::make_shared<KeptBook>(clock);
+    return store;
+}
+
 PeerBook PeerStore::loadBook() const {
+    if (!kept_) {
+        return readBook();
+    }
+    const MutexLock guard(kept_->lock);
+    bool isKept = false;
+    try {
+        isKept = kept_->check.look(files_, kept_->clock, filePath_) == platform::FileChangeCheck::Answer::same;
+    } catch (const SystemError&) {
+        // reading it says the same
+    }
+    if (!isKept || !kept_->book) {
+        kept_->book.reset();
+        kept_->book = readBook();
+    }
+    return *kept_->book;
+}
+
+PeerBook PeerStore::readBook() const {
     Bytes content;
     try {
         content = platform::readWholeFile(files_, filePath_);
@@ -193,7 +231,7 @@ void PeerStore::update(const std::function<bool(PeerBook&)>& change) {
         }
     }
     const platform::FileLock held = lock();
-    PeerBook book = loadBook();
+    PeerBook book = readBook();
     if (change(book)) {
         writeBook(book);
     }
@@ -239,12 +277,28 @@ std::vector<PeerRecord> PeerStore::upsertReplacingStale(const PeerRecord& record
     return stale;
 }
 
-PeerStore::Recorded PeerStore::upsertUnderFreeName(const PeerRecord& record) {
+bool PeerStore::isEarlierIdentity(const PeerRecord& earlier, const PeerRecord& record) {
+    if (earlier.peer_pubkey == record.peer_pubkey) {
+        return false;
+    }
+    const bool isSameDevice = !record.peer_android.empty() && earlier.peer_android == record.peer_android;
+    return isSameDevice ||
+           (isFormOfName(earlier.peer_hostname, record.peer_hostname) && earlier.peer_ip == record.peer_ip);
+}
+
+PeerStore::Recorded PeerStore::upsertUnderFreeName(const PeerRecord& record, const IsSamePhone& isEarlier) {
     Recorded recorded;
-    update([&record, &recorded](PeerBook& book) {
-        recorded.replaced = takeOut(book, record.peer_pubkey, [&record](const PeerRecord& earlier) {
-            return isFormOfName(earlier.peer_hostname, record.peer_hostname) && earlier.peer_ip == record.peer_ip;
+    update([&](PeerBook& book) {
+        const bool isNew = book.find(record.peer_pubkey) == nullptr;
+        recorded.replaced = takeOut(book, record.peer_pubkey, [&](const PeerRecord& earlier) {
+            return isEarlierIdentity(earlier, record) || (isEarlier && isEarlier(earlier));
         });
+        recorded.namesakes.clear();
+        std::ranges::copy_if(book.peers, std::back_inserter(recorded.namesakes),
+                             [&record, isNew](const PeerRecord& other) {
+                                 return isNew && (isFormOfName(other.peer_hostname, record.peer_hostname) ||
+                                                  lookOf(other.peer_hostname) == lookOf(record.peer_hostname));
+                             });
         recorded.record = record.withHostname(freeName(book, record.peer_pubkey, record.peer_hostname));
         book.peers.push_back(recorded.record);
         return true;

@@ -55,7 +55,8 @@ struct Session {
     PeerKey peerKey;                      ///< its key, once it is proved to be a paired one; on its queue
     /// What goes with the session, which is when the host has been told of its end.
     std::shared_ptr<const void> kept;
-    bool isLeaving = false; ///< it had to make room; on the receiver's queue
+    bool isLeaving = false;   ///< it had to make room; on the receiver's queue
+    bool isAnnounced = false; ///< the host was told of the phone; likewise
 };
 
 using SessionRef = std::shared_ptr<Session>;
@@ -97,7 +98,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
           staticKey(key),
           port(number),
           prologue(std::move(prologueBytes)),
-          peers(owner.files, owner.directories),
+          peers(PeerStore::keepingBook(owner.files, owner.directories, owner.clock)),
           downloads(owner.storage(), owner.queues, std::move(directory)),
           queue(owner.queues.makeSerialQueue("orlinth.receiver")),
           updates(std::make_shared<RecordUpdates>(peers, owner.clock, owner.queues)),
@@ -414,7 +415,9 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                     asio::post(self->queue, [self, session, record] {
                         self->strangers.remove(session->identity);
                         if (record && self->callbacks.onAuthenticated) {
-                            self->callbacks.onAuthenticated(*record);
+                            session->isAnnounced = true;
+                            self->callbacks.onAuthenticated(
+                                {.phone = *record, .remoteEndpoint = session->remoteEndpoint});
                         }
                     });
                 },
@@ -471,6 +474,9 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
                      .remoteEndpoint = session->remoteEndpoint,
                      .from = session->from,
                      .peerKey = session->peerKey});
+    }
+    if (session->isAnnounced && callbacks.onLeft) {
+        callbacks.onLeft(session->peerKey);
     }
     session->kept.reset(); // others may hold the session for longer
 }

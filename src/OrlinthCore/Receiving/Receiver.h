@@ -106,6 +106,12 @@ public:
         TransferId transferId = {}; ///< as the sender says; the same when it offers the same transfer again
     };
 
+    /// A paired phone that has proved its key.
+    struct Arrival {
+        PeerRecord phone;
+        std::string remoteEndpoint; ///< where it has connected from, which may be a router's address
+    };
+
     /// What happens, told on the receiver's queue. Every one may be empty. None may throw.
     struct Callbacks {
         std::function<void(std::uint16_t port)> onListening;
@@ -114,7 +120,9 @@ public:
         std::function<void(const ProcessOutcome&)> onSync; ///< the other outcomes
         std::function<void(const Failure&)> onError;
         /// A paired phone has proved its key; told before its outcome is.
-        std::function<void(const PeerRecord&)> onAuthenticated;
+        std::function<void(const Arrival&)> onAuthenticated;
+        /// The connection of such a phone has ended; told behind its outcome, once for each onAuthenticated.
+        std::function<void(const PeerKey&)> onLeft = {};
     };
 
     /// `expectedPeerPubkeys` are the phones that may connect. What is referred to outlives the receiver.

@@ -7,7 +7,6 @@
 #include "platform/Blocking.h"
 #include "platform/Cancelled.h"
 #include "platform/Deadline.h"
-#include "platform/IpAddress.h"
 #include "platform/SystemError.h"
 
 #include <asio/experimental/awaitable_operators.hpp>
@@ -134,7 +133,7 @@ public:
     [[nodiscard]] Task<Result> run() {
         place_.emplace(context_.places, context_.clock, self_->peerKey(),
                        [dismiss = context_.dismiss] { dismiss("too many connections of this phone"); });
-        co_await welcome();
+        welcome();
         FrameBuffer buffer;
         for (;;) {
             const bool hasMore = co_await receiveFrame(buffer);
@@ -182,10 +181,10 @@ public:
 private:
     using Row = TransportMessage;
 
-    /// Tells of the phone that has come, and keeps its address up to date.
-    [[nodiscard]] Task<> welcome() {
+    /// Tells of the phone that has come. Where it came from says nothing of where it can be reached: that may be the
+    /// address of a router.
+    void welcome() {
         std::optional<PeerRecord> record;
-        bool isAddressNew = false;
         try {
             record = sender_.find();
         } catch (const PeerStoreError&) {
@@ -193,17 +192,9 @@ private:
         }
         if (record) {
             name_ = record->peer_hostname;
-            const std::string address = platform::addressOfEndpoint(endpoint_);
-            isAddressNew = SenderRecord::isAddressNew(*record, address);
-            if (isAddressNew) {
-                record->peer_ip = address;
-            }
         }
         context_.onAuthenticated(
             record); // before anything that may be told of the phone, which has a name from here on
-        if (isAddressNew) {
-            co_await changeRecord([&] { say({.address = record->peer_ip}); });
-        }
     }
 
     /// Only texts are long. What other messages say is kept while they are worked on, which is beyond the room for

@@ -3,24 +3,10 @@
 #include "OrlinthCore/Peers/PeerNames.h"
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "base/Text.h"
-#include "platform/IpAddress.h"
 
 #include <algorithm>
 
 namespace orlinth {
-namespace {
-
-bool isLoopback(const std::string& address) {
-    return address == "::1" || address.starts_with("127.");
-}
-
-bool mayReplace(const std::string& recorded, const std::string& seen) {
-    const bool isHostName = !recorded.empty() && !platform::parseIpAddress(recorded);
-    const bool isTunnel = isLoopback(seen) && !isLoopback(recorded);
-    return platform::parseIpAddress(seen) && !isHostName && !isTunnel;
-}
-
-} // namespace
 
 void RecordChange::add(RecordChange later) {
     const auto take = [](std::optional<std::string>& value, std::optional<std::string>& newer) {
@@ -30,7 +16,6 @@ void RecordChange::add(RecordChange later) {
     };
     take(token, later.token);
     take(name, later.name);
-    take(address, later.address);
 }
 
 SenderRecord::SenderRecord(PeerStore store, const platform::PublicKey& key)
@@ -63,10 +48,6 @@ std::optional<std::string> SenderRecord::nameHere(const std::string& name) const
     return book.find(peerKey_) == nullptr ? name : freeName(book, peerKey_, name);
 }
 
-bool SenderRecord::isAddressNew(const PeerRecord& record, const std::string& address) {
-    return record.peer_ip != address && mayReplace(record.peer_ip, address);
-}
-
 bool SenderRecord::apply(const RecordChange& change) {
     PeerBook seen = store_.loadBook();
     if (!applyTo(seen, change)) {
@@ -87,9 +68,6 @@ bool SenderRecord::applyTo(PeerBook& book, const RecordChange& change) const {
         return false;
     }
     const PeerRecord before = *at;
-    if (change.address && isAddressNew(*at, *change.address)) {
-        at->peer_ip = *change.address;
-    }
     if (change.name && isUsableName(*change.name)) {
         at->peer_hostname = freeName(book, peerKey_, *change.name);
     }

@@ -13,11 +13,10 @@ namespace orlinth {
 struct RecordChange {
     std::optional<std::string> token = {};
     std::optional<std::string> name = {};
-    std::optional<std::string> address = {}; ///< where it has connected from
 
     /// A later one: its values count.
     void add(RecordChange later);
-    [[nodiscard]] bool isEmpty() const noexcept { return !token && !name && !address; }
+    [[nodiscard]] bool isEmpty() const noexcept { return !token && !name; }
 };
 
 /// What the peer store says of a phone that has proved its key, and the changes that a phone may make there. The file
@@ -40,17 +39,13 @@ public:
     /// that may only be read is no failure. Returns whether something was written. @throws PeerStoreError
     ///
     /// With a token the record moves to the end of the store, as with PeerStore::upsert(). A name that another phone
-    /// has becomes freeName(). Not taken over: a token that is too long; a name that nobody could be called by;
-    /// loopback in place of another address (a tunnel ends there), and anything in place of a host name, which somebody
-    /// has chosen by hand.
+    /// has becomes freeName(). Not taken over: a token that is too long; a name that nobody could be called by.
     [[nodiscard]] bool apply(const RecordChange& change);
     /// Whether a name is fit to be one: not blank, not too long, no control characters.
     [[nodiscard]] static bool isUsableName(const std::string& name);
     /// What a phone that calls itself so is called here: this name, or freeName() if another phone has it. Nothing for
     /// a name that is not fit. @throws PeerStoreError
     [[nodiscard]] std::optional<std::string> nameHere(const std::string& name) const;
-    /// Whether apply() would take this address over.
-    [[nodiscard]] static bool isAddressNew(const PeerRecord& record, const std::string& address);
     /// Takes the record out of the store, if it is there. @throws PeerStoreError
     void remove();
 

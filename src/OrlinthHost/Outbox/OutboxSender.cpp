@@ -7,6 +7,7 @@
 #include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OrlinthHost/Sending/RetryPolicy.h"
 #include "base/Text.h"
+#include "platform/IpAddress.h"
 #include "platform/SystemError.h"
 
 #include <algorithm>
@@ -30,6 +31,28 @@ bool isWorthASweep(const RetryPolicy& retries) {
     return retries.failures() == 0 || retries.failures() == 2;
 }
 
+/// Not if it is on this computer, and a name may be this computer's.
+bool needsNetwork(const PeerRecord& record) {
+    constexpr std::uint8_t ownNetwork = 127;
+    const std::optional<platform::IpAddress> address = platform::parseIpAddress(record.peer_ip);
+    if (!address) {
+        return false;
+    }
+    const auto* const ipv4 = std::get_if<platform::Ipv4Address>(&*address);
+    return ipv4 != nullptr ? ipv4->front() != ownNetwork : record.peer_ip != "::1";
+}
+
+/// Whether there is somebody who takes no connections, also if that was tried until a deadline.
+bool isRefusal(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const SendError& error) {
+        return error.reason() == SendError::Reason::refused || (error.cause() && isRefusal(error.cause()));
+    } catch (...) {
+        return false;
+    }
+}
+
 } // namespace
 
 /// One attempt under way.
@@ -43,6 +66,13 @@ struct OutboxSender::Running final : Attempt {
           file(std::move(fileOf)),
           journal(std::move(journalOf)),
           bytes(journal->sizeOf(file)) {}
+
+    void onHandshakeComplete() override {
+        Attempt::onHandshakeComplete();
+        if (onProof) {
+            onProof();
+        }
+    }
 
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
         Attempt::onProgress(bytesSent, totalBytes);
@@ -70,6 +100,7 @@ struct OutboxSender::Running final : Attempt {
     OffersInDoubt inDoubt;    ///< with those of the attempts before
     std::optional<Delivered> delivered;
     platform::TaskGroup::Id task{};
+    std::function<void()> onProof;
 };
 
 /// What goes to one phone.
@@ -184,6 +215,10 @@ void OutboxSender::begin(Phone& phone, Job& job) {
         state.hostname = record->peer_hostname;
         static_cast<void>(checkPeer(*record, ownKey_.publicKey(), PeerUse::connection));
         queue_.checkFile(job, file);
+        if (!isConnected_ && needsNetwork(*record)) {
+            pause(phone, "this computer is not connected to any network");
+            return;
+        }
     } catch (const OutboxError& error) {
         queue_.setFailed(job, phone.peerKey, file, error.description());
         return;
@@ -207,6 +242,9 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
                                   job.batch.folder / file, queue_.setUnderWay(job, phone.peerKey)));
     if (const auto before = phone.inDoubt.find(running.place()); before != phone.inDoubt.end()) {
         running.inDoubt = before->second;
+    }
+    if (onContact) {
+        running.onProof = [this, &running] { onContact(running.record, Contact::proved); };
     }
     running.isFirst = isFirst;
     if (!isFirst) {
@@ -241,11 +279,24 @@ Task<> OutboxSender::transfer(Running& running) {
     running.delivered = std::move(delivered);
 }
 
+void OutboxSender::tellContact(const Running& running, const std::exception_ptr& error) const {
+    if (!onContact || running.isCalledOff || isStopping_) {
+        return;
+    }
+    if (running.stage() == AttemptStage::offering || running.stage() == AttemptStage::sending ||
+        running.stage() == AttemptStage::farewell) {
+        onContact(running.record, Contact::proved); // it was there until just now
+    } else if (error) {
+        onContact(running.record, isRefusal(error) ? Contact::refused : Contact::failed);
+    }
+}
+
 void OutboxSender::settle(Phone& phone, const Running& ended, std::exception_ptr error) {
     const auto at = std::find_if(phone.attempts.begin(), phone.attempts.end(),
                                  [&ended](const auto& attempt) { return attempt.get() == &ended; });
     const std::unique_ptr<Running> running = std::move(*at);
     phone.attempts.erase(at);
+    tellContact(*running, error);
     const BatchId& id = running->transfer.batch;
     if (Job* const job = queue_.find(id)) {
         OutboxQueue::setEnded(*job, phone.peerKey, running->transfer.file);
@@ -373,6 +424,19 @@ void OutboxSender::heardOf(const PeerRecord& record) {
     const auto at = phones_.find(record.peer_pubkey);
     if (at != phones_.end() && at->second->retries.heard(home_.system.clock.now())) {
         tryNow(*at->second);
+    }
+}
+
+void OutboxSender::isBack(const PeerKey& peerKey) {
+    const auto at = phones_.find(peerKey);
+    if (at != phones_.end() && at->second->attempts.empty() && at->second->retries.heard(home_.system.clock.now())) {
+        tryNow(*at->second);
+    }
+}
+
+void OutboxSender::networkChanged() {
+    for (const auto& [peerKey, phone] : phones_) {
+        hope(*phone);
     }
 }
 

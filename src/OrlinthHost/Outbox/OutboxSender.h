@@ -11,6 +11,7 @@
 #include "platform/TaskGroup.h"
 
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -23,16 +24,25 @@ namespace orlinth::host {
 /// PhoneLanes has it. judge() in Attempt.h says what the end of an attempt means.
 ///
 /// What fails because the phone cannot be reached, or because the connection breaks, is tried again as RetryPolicy has
-/// it. There is reason to hope when the phone is heard of, its record changes, a new batch comes for it, or somebody
-/// asks for it. What the phone declines, or what cannot be read, is not tried again, nor is a file whose delivery has
-/// ended in doubt as often as OffersInDoubt allows. A batch that every phone has is removed; one of which something is
-/// not sent for good, or that makes no sense, is set aside.
+/// it. There is reason to hope when the phone is heard of or seen again, its record changes, a new batch comes for it,
+/// this computer comes into another network, or somebody asks for it. What the phone declines, or what cannot be read,
+/// is not tried again, nor is a file whose delivery has ended in doubt as often as OffersInDoubt allows. A batch that
+/// every phone has is removed; one of which something is not sent for good, or that makes no sense, is set aside.
 ///
 /// Everything here, and each send, runs on the home's executor, as the events and the receive service's callbacks
 /// do: so nothing is shared. A file costs a line in a file there, and every sixteenth a look at the next sixteen and a
 /// write that is flushed; both are short. The service's connections have threads of their own.
 class OutboxSender {
 public:
+    /// What an attempt has shown of a phone.
+    enum class Contact {
+        proved,  ///< it has just proved its key
+        refused, ///< whoever has its address does not take connections
+        failed   ///< it cannot be reached, or the connection has come to nothing
+    };
+    /// Told of each contact with a phone, on the home's executor. May be empty. Must not throw. Set before start().
+    std::function<void(const PeerRecord& phone, Contact contact)> onContact;
+
     /// Between two events of progress.
     static constexpr Seconds progressInterval = 500ms;
 
@@ -47,6 +57,14 @@ public:
     void start();
     /// This phone has just proved its key.
     void heardOf(const PeerRecord& record);
+    /// This phone seems to be in the network again. That may be seen because of an attempt that is under way, which
+    /// then goes on as if nothing was said.
+    void isBack(const PeerKey& peerKey);
+    /// Whether this computer is in any network; it is until somebody says otherwise. Without one nothing is tried but
+    /// what needs none.
+    void setConnected(bool isConnected) noexcept { isConnected_ = isConnected; }
+    /// It is in another network.
+    void networkChanged();
     /// The peer store may have changed.
     void peersChanged();
     /// Tries now what waits; with `id`, that batch as a whole, also if it was set aside. Returns whether there is such
@@ -75,6 +93,7 @@ private:
     void begin(Phone& phone, Job& job);
     void launch(Phone& phone, Job& job, const std::string& file);
     [[nodiscard]] Task<> transfer(Running& running);
+    void tellContact(const Running& running, const std::exception_ptr& error) const;
     void settle(Phone& phone, const Running& ended, std::exception_ptr error);
     void settle(Phone& phone, Job& job, const Running& running, const EndedAttempt& ended);
     void settleDoubt(Phone& phone, Job& job, const Running& running);
@@ -98,6 +117,7 @@ private:
     std::map<BatchId, std::string> left_; ///< batches that could not be removed, and why
     platform::Condition news_;            ///< an attempt has been settled, or a batch is gone
     bool isStopping_ = false;
+    bool isConnected_ = true;
 };
 
 } // namespace orlinth::host

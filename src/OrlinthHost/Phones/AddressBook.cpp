@@ -455,6 +455,39 @@ bool AddressBook::forget(const PeerKey& phone) {
     return moved_.erase(phone) > 0 || wasKnown;
 }
 
+bool AddressBook::keepOnly(const std::vector<PeerKey>& phones) {
+    return std::erase_if(phones_, [&phones](const auto& one) {
+               return std::ranges::find(phones, one.first) == phones.end();
+           }) > 0;
+}
+
+std::map<MacAddress, std::vector<PeerKey>> AddressBook::phonesByHardware(EpochMilliseconds now) const {
+    std::map<MacAddress, std::vector<PeerKey>> found;
+    for (const auto& [phone, addresses] : phones_) {
+        for (const KnownAddress& address : addresses) {
+            if (!address.mac || isTooOld(address, now)) {
+                continue;
+            }
+            std::vector<PeerKey>& phones = found[*address.mac];
+            if (std::ranges::find(phones, phone) == phones.end()) {
+                phones.push_back(phone);
+            }
+        }
+    }
+    return found;
+}
+
+std::map<PeerKey, EpochMilliseconds> AddressBook::lastMeetings() const {
+    std::map<PeerKey, EpochMilliseconds> meetings;
+    for (const auto& [phone, addresses] : phones_) {
+        for (const KnownAddress& address : addresses) {
+            EpochMilliseconds& last = meetings[phone];
+            last = std::max(last, lastMet(address));
+        }
+    }
+    return meetings;
+}
+
 std::vector<KnownAddress> AddressBook::addressesOf(const PeerKey& phone, EpochMilliseconds now) const {
     const auto list = phones_.find(phone);
     if (list == phones_.end()) {

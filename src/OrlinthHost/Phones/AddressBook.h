@@ -164,9 +164,15 @@ public:
     /// It did not prove its key there, with this computer in `network`. Nothing if it was never met there.
     [[nodiscard]] bool failed(const PeerKey& phone, const HostAddress& host, const std::optional<NetworkId>& network);
     [[nodiscard]] bool forget(const PeerKey& phone);
+    /// Forgets every phone but these.
+    [[nodiscard]] bool keepOnly(const std::vector<PeerKey>& phones);
 
     /// Whether anything is known of it, however old.
     [[nodiscard]] bool knows(const PeerKey& phone) const { return phones_.contains(phone) || moved_.contains(phone); }
+    /// The phones by the hardware addresses with which they were met.
+    [[nodiscard]] std::map<MacAddress, std::vector<PeerKey>> phonesByHardware(EpochMilliseconds now) const;
+    /// When the phones were met last, whoever has connected to whom.
+    [[nodiscard]] std::map<PeerKey, EpochMilliseconds> lastMeetings() const;
     /// Where it was met, the best first: those that do not fail, of these those at which it was reached, of these the
     /// newest. Without what is too old.
     [[nodiscard]] std::vector<KnownAddress> addressesOf(const PeerKey& phone, EpochMilliseconds now) const;

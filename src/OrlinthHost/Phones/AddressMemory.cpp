@@ -51,6 +51,14 @@ std::vector<KnownAddress> AddressMemory::candidates(const PeerKey& phone, const 
     return load().candidates(phone, here, clock_.epochMilliseconds());
 }
 
+std::map<MacAddress, std::vector<PeerKey>> AddressMemory::phonesByHardware() const {
+    return load().phonesByHardware(clock_.epochMilliseconds());
+}
+
+std::map<PeerKey, EpochMilliseconds> AddressMemory::lastMeetings() const {
+    return load().lastMeetings();
+}
+
 std::optional<ToldAddress> AddressMemory::told() const {
     return load().told();
 }
@@ -64,6 +72,12 @@ void AddressMemory::forget(const PeerKey& phone) {
     } catch (const platform::SystemError& error) {
         throw HostError("cannot forget where the phone was met: " + error.description(),
                         "Delete " + (directory_ / fileName).string() + ", then try again.");
+    }
+}
+
+void AddressMemory::keepOnly(const std::vector<PeerKey>& phones) {
+    if (AddressBook book = load(); book.keepOnly(phones)) {
+        tryToChange([&phones](AddressBook& current) { return current.keepOnly(phones); });
     }
 }
 

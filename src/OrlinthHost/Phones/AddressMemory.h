@@ -6,6 +6,7 @@
 #include "platform/Log.h"
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -33,6 +34,8 @@ public:
     void failed(const PeerKey& phone, const HostAddress& host, const std::optional<NetworkId>& network);
     [[nodiscard]] std::vector<KnownAddress> addressesOf(const PeerKey& phone) const;
     [[nodiscard]] std::vector<KnownAddress> candidates(const PeerKey& phone, const Surroundings& here) const;
+    [[nodiscard]] std::map<MacAddress, std::vector<PeerKey>> phonesByHardware() const;
+    [[nodiscard]] std::map<PeerKey, EpochMilliseconds> lastMeetings() const;
     void tell(const ToldAddress& told);
     [[nodiscard]] std::optional<ToldAddress> told() const;
     /// Of all processes that ask in AddressBook::sweepInterval one gets true. False also if that cannot be saved.
@@ -40,6 +43,8 @@ public:
     /// The same for the address in a phone's record, in AddressBook::moveInterval.
     [[nodiscard]] bool claimMove(const PeerKey& phone);
 
+    /// Forgets every phone but these, which are paired. No file is made for it.
+    void keepOnly(const std::vector<PeerKey>& phones);
     /// Forgets everything about a phone, which was removed. No file is made for it. @throws HostError
     void forget(const PeerKey& phone);
 

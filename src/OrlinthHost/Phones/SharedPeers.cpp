@@ -2,20 +2,28 @@
 
 #include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "platform/SystemError.h"
 #include "platform/WholeFile.h"
+
+#include <asio/post.hpp>
+
+#include <map>
 
 namespace orlinth::host {
 
 namespace {
 
-/// Two phones of one model often have one name; where a phone is, and since when it is paired, tells them apart.
-std::string subtitleOf(const PeerRecord& record) {
+/// Two phones of one model often have one name; when a phone was last there, or else where, and since when it is
+/// paired, tells them apart. It is read later, so it says nothing of how long ago that is.
+std::string subtitleOf(const PeerRecord& record, const std::map<PeerKey, EpochMilliseconds>& meetings) {
     constexpr std::size_t dateCharacters = 10;
+    const auto met = meetings.find(record.peer_pubkey);
+    const std::string place = met != meetings.end() ? "last here " + humanTime(met->second) : record.peer_ip;
     if (record.paired_at_epoch_ms <= EpochMilliseconds()) {
-        return record.peer_ip;
+        return place;
     }
-    return record.peer_ip + " · paired " + humanTime(record.paired_at_epoch_ms).substr(0, dateCharacters);
+    return place + " · paired " + humanTime(record.paired_at_epoch_ms).substr(0, dateCharacters);
 }
 
 bool isSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
@@ -33,10 +41,13 @@ void updateSharedPeers(const Home& home) noexcept {
         }
         // from before the reading: of two processes the one that writes last has then also read last
         const platform::FileLock lock(home.system.files, *file);
+        const std::map<PeerKey, EpochMilliseconds> meetings =
+            AddressMemory(home.system.files, home.system.clock, home.system.log, home.dataDirectory()).lastMeetings();
         std::vector<ShareOutbox::SharePeer> peers;
         for (const PeerRecord& record : home.peers().loadBook().peers) {
-            peers.push_back(
-                {.hostname = record.peer_hostname, .pubkey = record.peer_pubkey, .subtitle = subtitleOf(record)});
+            peers.push_back({.hostname = record.peer_hostname,
+                             .pubkey = record.peer_pubkey,
+                             .subtitle = subtitleOf(record, meetings)});
         }
         outbox.writePeers(peers);
     } catch (const std::exception& error) {
@@ -45,22 +56,49 @@ void updateSharedPeers(const Home& home) noexcept {
     }
 }
 
+SharedPeersUpdates::SharedPeersUpdates(const Home& home)
+    : home_(home),
+      timer_(home.system.clock.makeTimer(home.executor)),
+      work_(home.system.queues, "orlinth.serve.sharing") {}
+
 void SharedPeersUpdates::update() {
-    work_.add([this] {
-        std::optional<platform::FileStatus> now;
-        try {
-            now = home_.system.files.status(home_.peers().fileURL());
-        } catch (const platform::SystemError&) {
-            return; // the list is a convenience, and the next change writes it anew
-        }
-        if (!isSame(written_, now)) {
-            updateSharedPeers(home_);
-            written_ = now;
-        }
-    });
+    work_.add([this] { look(); });
+}
+
+/// On the thread.
+void SharedPeersUpdates::look() {
+    Status store;
+    Status meetings;
+    try {
+        store = home_.system.files.status(home_.peers().fileURL());
+        meetings = home_.system.files.status(home_.dataDirectory() / AddressMemory::fileName);
+    } catch (const platform::SystemError&) {
+        return; // the list is a convenience, and the next change writes it anew
+    }
+    const bool isSameStore = isSame(store_, store);
+    if (isSameStore && (isSame(meetings_, meetings) || !meetings)) {
+        return;
+    }
+    const platform::Clock::Instant now = home_.system.clock.now();
+    if (isSameStore && now - writtenAt_ < meetingsInterval) {
+        asio::post(home_.executor, [this, left = meetingsInterval - (now - writtenAt_)] { updateIn(left); });
+        return;
+    }
+    updateSharedPeers(home_);
+    store_ = store;
+    meetings_ = meetings;
+    writtenAt_ = now;
+}
+
+void SharedPeersUpdates::updateIn(Seconds time) {
+    if (!isStopping_) {
+        timer_->arm(time, [this] { update(); });
+    }
 }
 
 Task<> SharedPeersUpdates::finish() {
+    isStopping_ = true;
+    timer_->disarm();
     co_await work_.finish();
 }
 

@@ -211,12 +211,12 @@ SoughtPhone Finder::soughtFor(const PeerRecord& phone, const Surroundings& here)
             .met = memory_.addressesOf(phone.peer_pubkey)};
 }
 
-/// At most 128 addresses a second.
 Task<> Finder::sweep(FinderPlan::Sweep sweep) {
     platform::Clock& clock = home_.system.clock;
     const platform::Clock::Instant begin = clock.now();
     for (std::size_t i = 0; i < sweep.addresses.size(); ++i) {
-        const platform::Clock::Instant due = begin + Seconds(static_cast<double>(i) / sweptPerSecond);
+        const std::size_t paced = i - std::min(i, sweptAtOnce);
+        const platform::Clock::Instant due = begin + Seconds(static_cast<double>(paced) / sweptPerSecond);
         if (due > clock.now()) {
             co_await clock.sleep(due - clock.now());
         }

@@ -47,6 +47,8 @@ public:
     static constexpr std::size_t maxProofs = 16;       ///< at once
     static constexpr std::size_t maxConnections = 254; ///< at once
     static constexpr double sweptPerSecond = 128;
+    /// The first of a sweep, which are not paced: a new address is mostly near the last one.
+    static constexpr std::size_t sweptAtOnce = 32;
 
     class Search;
 

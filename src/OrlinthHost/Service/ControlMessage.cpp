@@ -15,11 +15,16 @@ constexpr const char* portRequest = "port";
 constexpr const char* lendRequest = "lend_port";
 constexpr const char* retryRequest = "outbox_retry";
 constexpr const char* dropRequest = "outbox_drop";
+constexpr const char* presenceRequest = "presence";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
 constexpr const char* batchKey = "batch";
 constexpr const char* foundKey = "found";
 constexpr const char* errorKey = "error";
+constexpr const char* phonesKey = "phones";
+constexpr const char* pubkeyKey = "peer_pubkey";
+constexpr const char* stateKey = "state";
+constexpr const char* seenKey = "seen_epoch_ms";
 
 template <typename... Cases>
 struct Overloaded : Cases... {
@@ -47,7 +52,52 @@ std::optional<BatchId> optionalBatch(const Json& object) {
     return id ? std::optional(BatchId(*std::move(id))) : std::nullopt;
 }
 
+PresenceState stateOf(const std::string& text) {
+    using enum PresenceState;
+    for (const PresenceState state : {here, asleep, away}) {
+        if (text == textOf(state)) {
+            return state;
+        }
+    }
+    return unknown;
+}
+
+Json phonesOf(const PresenceReply& presence) {
+    Json phones = Json::array();
+    for (const PhonePresence& phone : presence.phones) {
+        phones.push_back({{pubkeyKey, phone.peerKey.text()},
+                          {seenKey, phone.seen ? toNumber(*phone.seen) : 0},
+                          {stateKey, textOf(phone.state)}});
+    }
+    return phones;
+}
+
+PresenceReply presenceIn(const Json& object) {
+    PresenceReply presence;
+    for (const Json& phone : requireArray(object, phonesKey)) {
+        const std::int64_t seen = requireInt64(phone, seenKey);
+        presence.phones.push_back({.peerKey = PeerKey(requireString(phone, pubkeyKey)),
+                                   .state = stateOf(requireString(phone, stateKey)),
+                                   .seen = seen > 0 ? std::optional(fromEpochMilliseconds(seen)) : std::nullopt});
+    }
+    return presence;
+}
+
 } // namespace
+
+const char* textOf(PresenceState state) noexcept {
+    switch (state) {
+    case PresenceState::here:
+        return "here";
+    case PresenceState::asleep:
+        return "asleep";
+    case PresenceState::away:
+        return "away";
+    case PresenceState::unknown:
+        break;
+    }
+    return "unknown";
+}
 
 std::string encodeControlRequest(const ControlRequest& request) {
     Json object;
@@ -67,7 +117,8 @@ std::string encodeControlRequest(const ControlRequest& request) {
                           [&object](const OutboxDropRequest& drop) {
                               object[requestKey] = dropRequest;
                               object[batchKey] = drop.batch;
-                          }},
+                          },
+                          [&object](const PresenceRequest&) { object[requestKey] = presenceRequest; }},
                request);
     return compactJson(object);
 }
@@ -80,6 +131,7 @@ std::string encodeControlReply(const ControlReply& reply) {
                               object[lentKey] = false;
                           },
                           [&object](const FoundReply& found) { object[foundKey] = found.isFound; },
+                          [&object](const PresenceReply& presence) { object[phonesKey] = phonesOf(presence); },
                           [&object](const ErrorReply& error) { object[errorKey] = error.problem; }},
                reply);
     return compactJson(object);
@@ -103,6 +155,9 @@ ControlRequest decodeControlRequest(std::string_view line) {
             return OutboxDropRequest{*std::move(batch)};
         }
     }
+    if (what == presenceRequest) {
+        return PresenceRequest{};
+    }
     throw HostError("unknown request");
 }
 
@@ -119,6 +174,9 @@ ControlReply decodeControlReply(std::string_view line) {
     }
     if (object.contains(foundKey)) {
         return FoundReply{isTrue(object, foundKey, false)};
+    }
+    if (object.contains(phonesKey)) {
+        return presenceIn(object);
     }
     throw HostError("its answer makes no sense");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/Service/PhonePresence.h"
 #include "base/StrongText.h"
 
 #include <cstdint>
@@ -7,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 namespace orlinth::host {
 
@@ -37,7 +39,13 @@ struct OutboxDropRequest {
     friend bool operator==(const OutboxDropRequest&, const OutboxDropRequest&) = default;
 };
 
-using ControlRequest = std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest>;
+/// `{"request":"presence"}`: which phones are there. Answered by PresenceReply.
+struct PresenceRequest {
+    friend bool operator==(const PresenceRequest&, const PresenceRequest&) = default;
+};
+
+using ControlRequest =
+    std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest>;
 
 /// `{"port":28471}`.
 struct PortReply {
@@ -57,21 +65,33 @@ struct FoundReply {
     friend bool operator==(const FoundReply&, const FoundReply&) = default;
 };
 
+/// `{"phones":[{"peer_pubkey":"…","seen_epoch_ms":1731686400000,"state":"here"}]}`: the paired phones, of many the 32
+/// that were paired last. A phone that was never seen has 0 there. The states are "here", "asleep", "away" and
+/// "unknown"; any other text is read as the last.
+struct PresenceReply {
+    static constexpr std::size_t maxPhones = 32;
+    std::vector<PhonePresence> phones;
+    friend bool operator==(const PresenceReply&, const PresenceReply&) = default;
+};
+
 /// `{"error":"…"}`: it was not done.
 struct ErrorReply {
     std::string problem;
     friend bool operator==(const ErrorReply&, const ErrorReply&) = default;
 };
 
-using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, ErrorReply>;
+using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, ErrorReply>;
 
 /// As one line, without its end.
 [[nodiscard]] std::string encodeControlRequest(const ControlRequest& request);
 [[nodiscard]] std::string encodeControlReply(const ControlReply& reply);
 
+/// The state's text, as above and in the events of commands.
+[[nodiscard]] const char* textOf(PresenceState state) noexcept;
+
 /// `line` is without its end. @throws JsonError or HostError, whose text the one who asked may read
 [[nodiscard]] ControlRequest decodeControlRequest(std::string_view line);
-/// An object that has several of the members counts as the first of: error, port, found. @throws likewise
+/// An object that has several of the members counts as the first of: error, port, found, phones. @throws likewise
 [[nodiscard]] ControlReply decodeControlReply(std::string_view line);
 
 } // namespace orlinth::host

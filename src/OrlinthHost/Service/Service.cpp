@@ -6,8 +6,11 @@
 #include "OrlinthHost/Phones/PeerStoreWatch.h"
 #include "OrlinthHost/Phones/SharedPeers.h"
 #include "OrlinthHost/Service/DownloadsFolder.h"
+#include "OrlinthHost/Service/NetworkLookout.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
+#include "OrlinthHost/Service/PhoneArrivals.h"
 #include "OrlinthHost/Service/PortLoan.h"
+#include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceControlServer.h"
 #include "OrlinthHost/Service/ServiceLock.h"
 
@@ -37,11 +40,14 @@ struct Service::Parts {
     [[nodiscard]] Task<> finish();
 
     ServiceEvents& events;
+    PresenceKeeper presence;
     Receiver receiver;
     KnownKeys keys;
     OutboxSender outbox;
     SharedPeersUpdates sharedPeers;
+    PhoneArrivals arrivals;
     PeerStoreWatch peers;
+    NetworkLookout network;
     PartialsReminder partials;
     PortLoan loan;
     ServiceControlServer control;
@@ -50,23 +56,42 @@ struct Service::Parts {
 
 Service::Parts::Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener)
     : events(service.events_),
+      presence(service.home_),
       receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
                port.number()),
       keys(service.home_, receiver, service.ownKey_.publicKey(),
            [&told = service.events_](const std::exception_ptr& error) { told.phonesUnreadable(error); }),
       outbox(service.home_, service.ownKey_, service.outboxEvents_, service.settings_.find),
       sharedPeers(service.home_),
+      arrivals(service.home_, [this] { sharedPeers.update(); }),
       peers(service.home_,
             [this] {
                 sharedPeers.update();
+                arrivals.peersChanged();
                 outbox.peersChanged();
             }),
+      network(service.home_, {.onConnected =
+                                  [this](bool isConnected) {
+                                      presence.networkChanged();
+                                      outbox.setConnected(isConnected);
+                                  },
+                              .onNetwork =
+                                  [this] {
+                                      presence.networkChanged();
+                                      outbox.networkChanged();
+                                  },
+                              .onPhone = [this](const PeerKey& phone) { outbox.isBack(phone); },
+                              .onConfirmed = [this](const PeerKey& phone) { presence.confirmed(phone); },
+                              .onPhoneGone = [this](const PeerKey& phone) { presence.disappeared(phone); }}),
       partials(service.home_, service.settings_.downloads,
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
-      control(service.home_, loan, outbox, service.events_),
+      control(service.home_, loan, outbox, service.events_, [this] { return presence.all(); }),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
+    outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact) {
+        presence.learn(phone, contact);
+    };
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;
     receiver.beforeAuthorising = [this] { keys.refresh(); };
@@ -97,15 +122,19 @@ Receiver::Callbacks Service::Parts::callbacks() {
                 },
             .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
             .onAuthenticated =
-                [this](const PeerRecord& phone) {
-                    events.authenticated(phone, keys.pairedCount());
-                    outbox.heardOf(phone);
+                [this](const Receiver::Arrival& arrival) {
+                    events.authenticated(arrival.phone, keys.pairedCount());
+                    presence.arrived(arrival.phone.peer_pubkey);
+                    arrivals.came(arrival);
+                    outbox.heardOf(arrival.phone);
                     sharedPeers.update();
-                }};
+                },
+            .onLeft = [this](const PeerKey& phone) { presence.left(phone); }};
 }
 
 void Service::Parts::start(std::uint16_t port) {
     control.start(port);
+    network.start(); // before anything is sent: there may be no network
     outbox.start();
     peers.start();
     partials.start();
@@ -132,12 +161,14 @@ Task<> Service::Parts::serve() {
 
 Task<> Service::Parts::finish() {
     peers.stop();
+    network.stop();
     partials.stop();
     co_await control.finish();
     co_await outbox.finish();
     co_await events.finish();
-    co_await sharedPeers.finish();
-    co_await partials.finish(); // behind the others: its folder may take its time
+    co_await arrivals.finish();
+    co_await sharedPeers.finish(); // behind those who have news for it
+    co_await partials.finish();    // behind the others: its folder may take its time
     co_await watchdog.finish();
 }
 

@@ -37,8 +37,9 @@ struct ServiceSettings {
 /// it is cancelled. Builds its parts, lets them know of each other, and ends them in order:
 ///
 ///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, ServiceControlServer, OutboxSender, PeerStoreWatch,
-///                                  │        PartialsReminder, Watchdog
-///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ shared list ─▶ downloads ─▶ watchdog
+///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, Watchdog
+///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ addresses ─▶ shared list
+///                                                                               ─▶ downloads ─▶ watchdog
 ///
 /// stopping: the receiver has ended, and with it every connection of a phone; what was under way can be resumed.
 /// Those who ask by the control socket go first, since they ask the others; the look at the downloads folder comes

@@ -18,6 +18,8 @@ namespace {
 
 /// How long a reply may take: the service may have others to get rid of first.
 constexpr Seconds replyLimit = 3 * controlLineLimit;
+/// The same for what is only shown beside something else.
+constexpr Seconds presenceLimit = 1s;
 /// How long a service gets to start in.
 constexpr std::chrono::seconds startLimit = 10s;
 
@@ -113,6 +115,19 @@ Task<std::optional<std::uint16_t>> askServicePort(Home& home) {
 Task<std::optional<std::uint16_t>> findServicePort(Home& home) {
     try {
         co_return co_await askServicePort(home);
+    } catch (const HostError& error) {
+        home.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", error.description());
+    }
+    co_return std::nullopt;
+}
+
+Task<std::optional<std::vector<PhonePresence>>> findPresence(Home& home) {
+    try {
+        std::optional<PresenceReply> reply =
+            co_await withinLimit(home.system.clock, presenceLimit, ask<PresenceReply>(home, PresenceRequest{}));
+        if (reply) {
+            co_return std::move(reply->phones);
+        }
     } catch (const HostError& error) {
         home.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", error.description());
     }

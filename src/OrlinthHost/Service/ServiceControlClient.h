@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthHost/Home.h"
+#include "OrlinthHost/Service/PhonePresence.h"
 #include "base/StrongText.h"
 #include "platform/Network.h"
 
@@ -8,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 /// How other commands of the same data folder talk to the running service. `home` outlives each call.
 namespace orlinth::host {
@@ -20,6 +22,10 @@ namespace orlinth::host {
 
 /// The same; nothing also if it does not say, which is logged.
 [[nodiscard]] Task<std::optional<std::uint16_t>> findServicePort(Home& home);
+
+/// Which of the paired phones are there, as far as the running service knows. Nothing if none runs, or if it does not
+/// say within a second, which is logged: nobody depends on it.
+[[nodiscard]] Task<std::optional<std::vector<PhonePresence>>> findPresence(Home& home);
 
 /// Has the running service try now to send what waits in the outbox; with `batch`, that batch as a whole. Returns
 /// whether there is such a batch; nothing if no service runs. @throws HostError if it does not answer

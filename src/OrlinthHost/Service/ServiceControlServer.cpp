@@ -131,6 +131,9 @@ Task<ControlReply> ServiceControlServer::replyTo(ControlRequest request) {
         const bool isFound = co_await outbox_.remove(std::move(drop->batch));
         co_return FoundReply{isFound};
     }
+    if (std::holds_alternative<PresenceRequest>(request)) {
+        co_return PresenceReply{presence_()};
+    }
     co_return PortReply{port_};
 }
 

@@ -8,7 +8,10 @@
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace orlinth::host {
 
@@ -19,11 +22,14 @@ namespace orlinth::host {
 class ServiceControlServer {
 public:
     /// What is referred to outlives this.
-    ServiceControlServer(Home& home, PortLoan& loan, OutboxSender& outbox, ServiceEvents& events)
+    /// `presence` says which phones are there, the last PresenceReply::maxPhones of them.
+    ServiceControlServer(Home& home, PortLoan& loan, OutboxSender& outbox, ServiceEvents& events,
+                         std::function<std::vector<PhonePresence>()> presence)
         : home_(home),
           loan_(loan),
           outbox_(outbox),
           events_(events),
+          presence_(std::move(presence)),
           accepting_(home.executor),
           conversations_(home.executor) {}
     ServiceControlServer(const ServiceControlServer&) = delete;
@@ -49,6 +55,7 @@ private:
     PortLoan& loan_;
     OutboxSender& outbox_;
     ServiceEvents& events_;
+    const std::function<std::vector<PhonePresence>()> presence_;
     std::uint16_t port_ = 0;
     platform::TaskGroup accepting_;     ///< run(), if it runs
     platform::TaskGroup conversations_; ///< one for each connection

@@ -136,7 +136,6 @@ public:
             (selector_.empty() ? host::mostRecentPeer(host, ownKey.publicKey(), host::PeerUse::connection)
                                : host::selectPeer(host, selector_, ownKey.publicKey(), host::PeerUse::connection))
                 .record;
-        const std::string where = host::nameAndAddress(peer);
         const std::string text = chooseText(host);
         ClipReporter reporter(host.output, peer.peer_hostname, text.size());
         OneOffRequest request{.peer = peer,
@@ -158,7 +157,7 @@ public:
             reporter.tellInterrupted(interrupted);
             throw;
         } catch (const std::exception& error) {
-            reporter.tellFailure(describe(error), hintForSending(error, where));
+            reporter.tellFailure(describe(error), hintForSending(host, error, peer));
             return 1;
         }
     }

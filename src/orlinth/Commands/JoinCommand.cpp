@@ -1,6 +1,7 @@
 #include "OrlinthCore/Pairing/PairJoin.h"
 #include "OrlinthCore/Pairing/PairSearch.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
+#include "OrlinthHost/Phones/PairedPhones.h"
 #include "base/Text.h"
 #include "orlinth/Asking/Confirmation.h"
 #include "orlinth/Commands/Command.h"
@@ -97,10 +98,11 @@ private:
         host.output.message("pairing with " + forDisplay(request.payload.peer_hostname) + " at " +
                             forDisplay(request.payload.peer_ip));
         PairJoinResult joined = host.tasks.run(joinPairing(host.system, std::move(request)));
+        const std::optional<host::Meeting> met = host::PairedPhones(host).meet(joined.computer.peer_ip);
         host.output.event("introduction", {{"confirmation_code", joined.confirmationCode}});
         host.output.result("Confirmation code: " + joined.confirmationCode);
         confirmation.require(joined.computer.peer_hostname);
-        recordPaired(host, std::move(joined.computer));
+        recordPaired(host, std::move(joined.computer), met);
         return 0;
     }
 

@@ -4,6 +4,8 @@
 #include "OrlinthCore/Pairing/PairIntroduction.h"
 #include "OrlinthCore/Pairing/PairListener.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/PairedPhones.h"
 #include "OrlinthHost/Service/PairingDoor.h"
 #include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
@@ -110,7 +112,17 @@ struct Introduced {
     PeerRecord phone;
     std::string confirmationCode;
     std::string remoteEndpoint;
+    std::optional<host::Meeting> met;      ///< where it has spoken from
+    std::optional<host::ToldAddress> told; ///< where it has been told to find this computer
 };
+
+std::optional<host::ToldAddress> toldBy(const PairingPayload& payload) {
+    const std::optional<host::HostAddress> host = host::HostAddress::parse(payload.peer_ip);
+    if (!host) {
+        return std::nullopt; // loopback, for example, which is not worth remembering
+    }
+    return host::ToldAddress{.host = *host, .port = static_cast<std::uint16_t>(payload.peer_port)};
+}
 
 class PairCommand final : public Command {
 public:
@@ -163,7 +175,11 @@ private:
                            ") wants to be paired.");
         host.output.result("Confirmation code: " + introduced.confirmationCode);
         confirmation.require(introduced.phone.peer_hostname);
-        recordPaired(host, std::move(introduced.phone));
+        recordPaired(host, std::move(introduced.phone), introduced.met);
+        if (introduced.told) {
+            host::AddressMemory(host.system.files, host.system.clock, host.system.log, host.dataDirectory())
+                .tell(*introduced.told);
+        }
         return 0;
     }
 
@@ -217,13 +233,15 @@ private:
         return {.phone = std::move(phone),
                 .confirmationCode = PairCrypto::confirmationCode(secret.reveal(), ownKey, phoneKey.value(),
                                                                  result.phoneIntroductionPlaintext),
-                .remoteEndpoint = result.remoteEndpoint};
+                .remoteEndpoint = result.remoteEndpoint,
+                .met = host::PairedPhones(host).meet(platform::addressOfEndpoint(result.remoteEndpoint)),
+                .told = toldBy(payload)};
     }
 
     static PeerRecord recordIn(const Host& host, const PairListener::Result& result,
                                const platform::PublicKey& ownKey) {
-        PairIntroduction::Decoded decoded =
-            PairIntroduction::decodeFrom(addressIn(result.remoteEndpoint), result.phoneIntroductionPlaintext, ownKey);
+        PairIntroduction::Decoded decoded = PairIntroduction::decodeFrom(
+            platform::addressOfEndpoint(result.remoteEndpoint), result.phoneIntroductionPlaintext, ownKey);
         const auto log = [&host, &decoded](const std::string& text) {
             host.system.log.write(platform::LogLevel::info, "com.tarvinex.orlinth", "pair",
                                   "introduction of " + forDisplay(decoded.record.peer_hostname) + ": " +
@@ -236,13 +254,6 @@ private:
             log("key \"peer_ip\" is empty, so the connection's address is used: " + decoded.record.peer_ip);
         }
         return std::move(decoded.record);
-    }
-
-    /// "192.168.1.7" of "192.168.1.7:40112", "fe80::1%eth0" of "[fe80::1%eth0]:40112".
-    static std::string addressIn(const std::string& endpoint) {
-        const std::string address = endpoint.substr(0, endpoint.rfind(':'));
-        const bool hasBrackets = address.size() > 1 && address.front() == '[' && address.back() == ']';
-        return hasBrackets ? address.substr(1, address.size() - 2) : address;
     }
 
     /// The phone keeps the port of its pairing: people should know if nobody receives there.

@@ -19,6 +19,12 @@ void tellLines(Host& host, const char* what, const PeerRecord& wanted, const Pee
         host.output.message("Another phone is called " + forDisplay(wanted.peer_hostname) + ". This one is called " +
                             forDisplay(phone.peer_hostname) + " here.");
     }
+    for (const PeerRecord& namesake : recorded.namesakes) {
+        host.output.message("If " + forDisplay(namesake.peer_hostname) + " at " +
+                            forDisplay(host::addressOf(namesake)) +
+                            " is the same phone, remove its earlier identity: `orlinth peers remove " +
+                            host::shortKey(namesake.peer_pubkey) + "`");
+    }
 }
 
 Json publicFieldsOf(const std::vector<PeerRecord>& records) {
@@ -35,9 +41,9 @@ void requirePeerStore(const Host& host) {
     static_cast<void>(host.peers().loadBook());
 }
 
-void recordPaired(Host& host, PeerRecord phone) {
+void recordPaired(Host& host, PeerRecord phone, const std::optional<host::Meeting>& met) {
     phone.paired_at_epoch_ms = host.system.clock.epochMilliseconds();
-    const PeerStore::Recorded recorded = host::PairedPhones(host).record(phone);
+    const PeerStore::Recorded recorded = host::PairedPhones(host).record(phone, met);
     host.output.event("paired", {{"peer", recorded.record.toJson()}, {"replaced", publicFieldsOf(recorded.replaced)}});
     tellLines(host, "paired with ", phone, recorded);
 }

@@ -1,7 +1,11 @@
 #include "OrlinthCore/Sending/ClipboardSender.h"
+#include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/PairedPhones.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Service/ControlMessage.h"
+#include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/PairingRecord.h"
@@ -9,6 +13,8 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
+#include <utility>
 
 namespace orlinth::cli {
 
@@ -111,33 +117,79 @@ private:
 
     int list(Host& host) {
         const PeerBook book = host.peers().loadBook();
-        for (const PeerRecord& record : book.peers) {
-            host.output.event("peer", host::publicFields(record));
-        }
         if (book.peers.empty()) {
             host.output.message("No phone is paired yet. `orlinth pair` pairs one.");
-        } else {
-            printTable(host.output, book);
+            return 0;
         }
+        const std::map<PeerKey, host::PhonePresence> presence = presenceOf(host, book);
+        const bool hasPushKey = host.system.files.exists(FcmWake::defaultServiceAccountURL(host.system.directories));
+        for (const PeerRecord& record : book.peers) {
+            const host::PhonePresence& phone = presence.at(record.peer_pubkey);
+            Json fields = host::publicFields(record);
+            fields["state"] = host::textOf(phone.state);
+            fields["seen_epoch_ms"] = phone.seen ? toNumber(*phone.seen) : 0;
+            fields["can_wake"] = hasPushKey && !record.peer_fcm_token.empty();
+            host.output.event("peer", std::move(fields));
+        }
+        printTable(host, book, presence, hasPushKey);
         return 0;
     }
 
-    static void printTable(Output& output, const PeerBook& book) {
-        using Row = std::array<std::string, 4>;
-        std::vector<Row> rows{{"NAME", "ADDRESS", "KEY", "PAIRED"}};
+    /// As the service has it; without one, when each phone was last met.
+    static std::map<PeerKey, host::PhonePresence> presenceOf(Host& host, const PeerBook& book) {
+        const std::map<PeerKey, EpochMilliseconds> meetings =
+            host::AddressMemory(host.system.files, host.system.clock, host.system.log, host.dataDirectory())
+                .lastMeetings();
+        std::map<PeerKey, host::PhonePresence> presence;
+        for (const PeerRecord& record : book.peers) {
+            const auto met = meetings.find(record.peer_pubkey);
+            presence[record.peer_pubkey] = {.peerKey = record.peer_pubkey,
+                                            .seen = met != meetings.end() ? std::optional(met->second) : std::nullopt};
+        }
+        if (const auto known = host.tasks.run(host::findPresence(host))) {
+            for (const host::PhonePresence& phone : *known) {
+                presence[phone.peerKey] = phone;
+            }
+        }
+        return presence;
+    }
+
+    static std::string seenText(const host::PhonePresence& phone, EpochMilliseconds now) {
+        switch (phone.state) {
+        case host::PresenceState::here:
+            return "now";
+        case host::PresenceState::asleep:
+            return "asleep";
+        case host::PresenceState::away:
+        case host::PresenceState::unknown:
+            break;
+        }
+        return phone.seen ? host::humanSince(*phone.seen, now) : "-";
+    }
+
+    static void printTable(Host& host, const PeerBook& book, const std::map<PeerKey, host::PhonePresence>& presence,
+                           bool hasPushKey) {
+        constexpr std::size_t columns = 6;
+        using Row = std::array<std::string, columns>;
+        std::vector<Row> rows{{"NAME", "ADDRESS", "KEY", "PAIRED", "SEEN", "WAKE"}};
         for (const PeerRecord& record : book.peers) {
             rows.push_back({forDisplay(record.peer_hostname), forDisplay(host::addressOf(record)),
-                            host::shortKey(record.peer_pubkey), host::humanTime(record.paired_at_epoch_ms)});
+                            host::shortKey(record.peer_pubkey), host::humanTime(record.paired_at_epoch_ms),
+                            seenText(presence.at(record.peer_pubkey), host.system.clock.epochMilliseconds()),
+                            hasPushKey && !record.peer_fcm_token.empty() ? "yes" : "no"});
         }
-        std::array<std::size_t, 4> widths{};
+        std::array<std::size_t, columns> widths{};
         for (const Row& row : rows) {
             for (std::size_t i = 0; i < row.size(); ++i) {
                 widths.at(i) = std::max(widths.at(i), columnsOf(row.at(i)));
             }
         }
         for (const Row& row : rows) {
-            output.result(host::padded(row[0], widths[0]) + "  " + host::padded(row[1], widths[1]) + "  " +
-                          host::padded(row[2], widths[2]) + "  " + row[3]);
+            std::string line;
+            for (std::size_t i = 0; i + 1 < columns; ++i) {
+                line += host::padded(row.at(i), widths.at(i)) + "  ";
+            }
+            host.output.result(line + row.back());
         }
     }
 

@@ -41,7 +41,7 @@ public:
         }
         const std::size_t transfers = phones.size() * files_.size();
         InFlightJournal journal(host.system.files, host.system.directories);
-        SendReporter reporter(host.output, host.system.clock);
+        SendReporter reporter(host.output, host);
         host::SendRun run(host, ownKey, journal, times_, files_, std::move(phones), reporter, find_);
         int failed = 0;
         try {

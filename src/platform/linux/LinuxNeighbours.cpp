@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <fcntl.h>
 #include <linux/rtnetlink.h>
 #include <map>
 #include <system_error>
@@ -17,8 +16,6 @@
 
 namespace orlinth::platform {
 namespace {
-
-using detail::Descriptor;
 
 /// How often the table is listed before a list that may have gaps is taken, or a failure is final.
 constexpr int listAttempts = 3;
@@ -85,14 +82,7 @@ class Table : public std::enable_shared_from_this<Table> {
 public:
     Table(const Executor& executor, std::function<void(const NeighbourEvent&)> onEvent)
         : onEvent_(std::move(onEvent)), socket_(RTMGRP_NEIGH), wait_(executor), listAgain_(executor) {
-        // Asio closes what it waits for, and so does the socket: each has a number of its own.
-        Descriptor waited = Descriptor::require(::fcntl(socket_.descriptor(), F_DUPFD_CLOEXEC, 0));
-        std::error_code code;
-        static_cast<void>(wait_.assign(waited.get(), code));
-        if (code) {
-            throw SystemError(code);
-        }
-        static_cast<void>(waited.release());
+        socket_.lendTo(wait_);
     }
 
     void awaitEvents() {

@@ -5,13 +5,16 @@
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDirectories.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/LinuxFirewall.h"
 #include "platform/linux/LinuxFolderWatch.h"
 #include "platform/linux/LinuxHttpsClient.h"
 #include "platform/linux/LinuxLog.h"
+#include "platform/linux/LinuxMachine.h"
 #include "platform/linux/LinuxMimeTypes.h"
 #include "platform/linux/LinuxNeighbours.h"
 #include "platform/linux/LinuxNetwork.h"
 #include "platform/linux/LinuxNetworkInterfaces.h"
+#include "platform/linux/LinuxNetworkNews.h"
 #include "platform/linux/LinuxNotifications.h"
 #include "platform/linux/LinuxProbe.h"
 #include "platform/linux/LinuxRoutes.h"
@@ -47,9 +50,12 @@ struct LinuxSystem::Parts {
     LinuxHttpsClient https;
     LinuxClipboard clipboard{processEnvironment};
     LinuxNetworkInterfaces interfaces;
+    LinuxNetworkNews networkNews;
     LinuxNeighbours neighbours;
     LinuxRoutes routes;
     LinuxProbe probe{clock};
+    LinuxFirewall firewall{systemBusEnvironment};
+    LinuxMachine machine;
     LinuxServiceDiscovery services;
     LinuxUnixSockets unixSockets;
     LinuxNotifications notifications;
@@ -72,9 +78,12 @@ System LinuxSystem::system() {
             .https = parts_->https,
             .clipboard = parts_->clipboard,
             .interfaces = parts_->interfaces,
+            .networkNews = parts_->networkNews,
             .neighbours = parts_->neighbours,
             .routes = parts_->routes,
             .probe = parts_->probe,
+            .firewall = parts_->firewall,
+            .machine = parts_->machine,
             .services = parts_->services,
             .unixSockets = parts_->unixSockets,
             .notifications = parts_->notifications,

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/socket.h>
@@ -41,6 +42,16 @@ NetlinkSocket::NetlinkSocket(std::uint32_t groups)
     address.nl_family = AF_NETLINK;
     address.nl_groups = groups;
     checked([&] { return ::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address); });
+}
+
+void NetlinkSocket::lendTo(asio::posix::stream_descriptor& waiter) const {
+    Descriptor waited = Descriptor::require(::fcntl(socket_.get(), F_DUPFD_CLOEXEC, 0));
+    std::error_code code;
+    static_cast<void>(waiter.assign(waited.get(), code));
+    if (code) {
+        throw SystemError(code);
+    }
+    static_cast<void>(waited.release());
 }
 
 void NetlinkSocket::send(ByteView request) {

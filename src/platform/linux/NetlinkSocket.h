@@ -3,6 +3,8 @@
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/NetlinkMessages.h"
 
+#include <asio/posix/stream_descriptor.hpp>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,7 +24,8 @@ public:
     /// @throws SystemError; ENOBUFS once after datagrams were lost, EMSGSIZE for one of more than 32 KiB
     [[nodiscard]] std::optional<NetlinkDatagram> receive();
 
-    [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
+    /// Lets somebody wait for this socket, by a descriptor that is his. @throws SystemError
+    void lendTo(asio::posix::stream_descriptor& waiter) const;
 
 private:
     detail::Descriptor socket_;

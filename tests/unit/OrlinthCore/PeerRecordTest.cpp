@@ -2,6 +2,7 @@
 
 #include "fakes/CrashTrials.h"
 #include "fakes/MemoryFileSystem.h"
+#include "fakes/VirtualClock.h"
 #include "platform/SystemError.h"
 #include "platform/linux/LinuxFileSystem.h"
 
@@ -37,7 +38,7 @@ PeerRecord phone(const std::string& key, const std::string& name = "Pixel-8", co
     record.paired_at_epoch_ms = fromEpochMilliseconds(pairedAt);
     record.self_pubkey = PeerKey("self/+key=");
     record.peer_fcm_token = "token";
-    record.peer_android = "android";
+    record.peer_android = "android " + key;
     return record;
 }
 
@@ -135,6 +136,62 @@ TEST(PeerStorePlace, IsTheUsersFolderOrTheOneGiven) {
     EXPECT_EQ(PeerStore(files, platform::Path("/x"), "y").fileURL(), "/x/y");
 }
 
+class KeptPeerBookTest : public testing::Test {
+protected:
+    KeptPeerBookTest() {
+        write("first");
+        pass(100s); // so old that it shows every change
+    }
+    void write(const std::string& name) {
+        files.put(store.fileURL(), prettyJson(PeerBook{{phone("k", name)}}.toJson()), 0600);
+    }
+    void pass(Seconds time) { fakes::runVirtual(context, clock, clock.sleep(time)); }
+    [[nodiscard]] static std::string nameIn(const PeerStore& of) { return of.loadBook().peers.at(0).peer_hostname; }
+    /// How often the file was opened since the last call.
+    [[nodiscard]] std::size_t timesRead() {
+        const std::size_t before = std::exchange(opened, files.count(Operation::open));
+        return opened - before;
+    }
+
+    asio::io_context context;
+    fakes::VirtualClock clock{context};
+    MemoryFileSystem files;
+    platform::UserDirectories directories{.data = "/data", .config = "/config", .downloads = "/downloads"};
+    PeerStore store = PeerStore::keepingBook(files, directories, clock);
+    const PeerStore copy = store;
+    std::size_t opened = 0;
+};
+
+TEST_F(KeptPeerBookTest, IsReadOnceForAllCopiesOfTheStore) {
+    EXPECT_EQ(nameIn(store), "first");
+    EXPECT_EQ(nameIn(store), "first"); // this look may have been too early to show every change
+    static_cast<void>(timesRead());
+    EXPECT_EQ(nameIn(store), "first");
+    EXPECT_EQ(nameIn(copy), "first");
+    EXPECT_EQ(timesRead(), 0U);
+}
+
+TEST_F(KeptPeerBookTest, IsReadAnewWhenSomebodyHasChangedTheFile) {
+    static_cast<void>(store.loadBook());
+    write("second");
+    EXPECT_EQ(nameIn(copy), "second");
+    EXPECT_EQ(nameIn(store), "second");
+    files.remove(store.fileURL());
+    EXPECT_EQ(store.loadBook(), PeerBook());
+    store.upsert(phone("k", "third"));
+    EXPECT_EQ(nameIn(copy), "third");
+}
+
+TEST_F(KeptPeerBookTest, FailsEachTimeWhileTheFileCannotBeRead) {
+    files.put(store.fileURL(), "{", 0600);
+    pass(100s);
+    EXPECT_THROW(static_cast<void>(store.loadBook()), PeerStoreError);
+    EXPECT_THROW(static_cast<void>(store.loadBook()), PeerStoreError);
+    EXPECT_THROW(static_cast<void>(copy.loadBook()), PeerStoreError);
+    write("whole");
+    EXPECT_EQ(nameIn(store), "whole");
+}
+
 TEST_F(PeerStoreTest, IsEmptyWithoutAFile) {
     EXPECT_EQ(store.loadBook(), PeerBook{});
     EXPECT_EQ(store.load(), std::nullopt);
@@ -158,7 +215,7 @@ TEST_F(PeerStoreTest, WritesTheBookInThePrettyFormForTheOwnerAlone) {
                                    "  \"peers\" : [\n"
                                    "    {\n"
                                    "      \"paired_at_epoch_ms\" : 1731686400000,\n"
-                                   "      \"peer_android\" : \"android\",\n"
+                                   "      \"peer_android\" : \"android a/+b=\",\n"
                                    "      \"peer_fcm_token\" : \"token\",\n"
                                    "      \"peer_hostname\" : \"Pixel-8\",\n"
                                    "      \"peer_ip\" : \"192.168.1.20\",\n"
@@ -321,6 +378,38 @@ TEST_F(PeerStoreTest, APhoneThatPairsAnewTakesItsOwnPlace) {
     EXPECT_EQ(recorded.replaced, (std::vector{phone("numbered", "Pixel-8 (2)", "192.168.1.30")}));
     EXPECT_EQ(recorded.record.peer_hostname, "Pixel-8 (3)") << "the second one's name is taken by a phone elsewhere";
     EXPECT_THAT(keysOf(store.loadBook().peers), ElementsAre("elsewhere", "new", "newer"));
+}
+
+TEST_F(PeerStoreTest, APhoneIsKnownByItsAndroidIdentifierWhateverItsNameAndAddress) {
+    const auto identified = [](PeerRecord record, const char* android) {
+        record.peer_android = android;
+        return record;
+    };
+    const PeerRecord old = identified(phone("old", "Pixel-8", "192.168.1.20"), "0123456789abcdef");
+    const PeerRecord other = identified(phone("other", "Pixel-8 (2)", "192.168.1.21"), "fedcba9876543210");
+    fill({old, other, phone("nameless", "Tablet", "192.168.1.22")});
+    const PeerRecord moved = identified(phone("new", "Ann's phone", "10.0.0.1"), "0123456789abcdef");
+    EXPECT_TRUE(PeerStore::isEarlierIdentity(old, moved));
+    EXPECT_FALSE(PeerStore::isEarlierIdentity(other, moved));
+    EXPECT_FALSE(PeerStore::isEarlierIdentity(old, old)) << "it is the same identity";
+    EXPECT_EQ(store.upsertUnderFreeName(moved).replaced, std::vector{old});
+    EXPECT_TRUE(store.upsertUnderFreeName(phone("newer", "Radio", "10.0.0.2")).replaced.empty())
+        << "two phones without an identifier are not the same";
+    EXPECT_THAT(keysOf(store.loadBook().peers), ElementsAre("other", "nameless", "new", "newer"));
+}
+
+TEST_F(PeerStoreTest, APhoneIsWhatItsHostSaysAndItsNamesakesMayBe) {
+    fill({phone("old", "Pixel-8", "192.168.1.20"), phone("other", "pixel-8 (2)", "192.168.1.21"),
+          phone("third", "Pixel-8 (3)", "192.168.1.22"), phone("x", "Tablet")});
+    const auto isOld = [](const PeerRecord& earlier) { return earlier.peer_pubkey == PeerKey("old"); };
+    PeerStore::Recorded recorded = store.upsertUnderFreeName(phone("new", "Pixel-8", "10.0.0.1"), isOld);
+    EXPECT_THAT(keysOf(recorded.replaced), ElementsAre("old"));
+    EXPECT_THAT(keysOf(recorded.namesakes), ElementsAre("third"));
+    EXPECT_EQ(recorded.record.peer_hostname, "Pixel-8");
+    recorded = store.upsertUnderFreeName(phone("new", "Pixel-8", "10.0.0.2"));
+    EXPECT_TRUE(recorded.namesakes.empty()) << "it was recorded before";
+    recorded = store.upsertUnderFreeName(phone("newest", "pixel-8", "10.0.0.3"));
+    EXPECT_THAT(keysOf(recorded.namesakes), ElementsAre("other", "new"));
 }
 
 TEST_F(PeerStoreTest, DoesNotReportARecordOfTheSameKeyAsStale) {

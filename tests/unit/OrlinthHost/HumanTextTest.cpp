@@ -73,6 +73,18 @@ TEST(HumanText, ShowsTimesInTheLocalTimeZone) {
     tzset();
 }
 
+TEST(HumanText, SaysWhenOnlyOfToday) {
+    constexpr EpochMilliseconds noon = fromEpochMilliseconds(1'773'057'900'999); // 2026-03-09 12:05:00.999 UTC
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    EXPECT_EQ(humanSince(noon, noon), "12:05");
+    EXPECT_EQ(humanSince(noon, noon + 11h + 54min), "12:05");
+    EXPECT_EQ(humanSince(noon, noon + 11h + 55min), "2026-03-09");
+    EXPECT_EQ(humanSince(noon, noon - 13h), "2026-03-09") << "the clock was set back";
+    unsetenv("TZ");
+    tzset();
+}
+
 TEST(HumanText, HasNoTimeForAYearThatNoCalendarHas) {
     EXPECT_EQ(humanTime(EpochMilliseconds::max()), "292278994-08-17 07:12");
 }

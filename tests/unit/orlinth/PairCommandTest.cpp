@@ -2,6 +2,8 @@
 #include "OrlinthCore/Pairing/PairCrypto.h"
 #include "OrlinthCore/Pairing/PairWire.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/Whereabouts.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "platform/SystemError.h"
 #include "unit/orlinth/PairingWorld.h"
@@ -122,6 +124,18 @@ TEST_F(PairCommandTest, PairsThePhoneThatHasScannedTheCode) {
                 HasSubstr("Pixel"));
 }
 
+TEST_F(PairCommandTest, RemembersWhatThePhoneWasToldOfThisComputer) {
+    const auto told = [this] {
+        return host::AddressMemory(world.files, world.clock, world.log, "/home/ann/.local/share/Orlinth").told();
+    };
+    EXPECT_EQ(pairingWith(saying({{"peer_port", 0}})).status, 1);
+    EXPECT_EQ(told(), std::nullopt) << "nobody was paired";
+    expectPaired(pairingWith(saying()));
+    ASSERT_TRUE(told());
+    EXPECT_EQ(told()->host.text(), "192.168.1.23");
+    EXPECT_EQ(told()->port, defaultPort);
+}
+
 TEST_F(PairCommandTest, ShowsTheSameToScripts) {
     const Ended ended = pairingWith(saying(), {"--yes", "--json"});
     EXPECT_EQ(ended.status, 0);
@@ -183,8 +197,39 @@ TEST_F(PairCommandTest, ReplacesAnEarlierIdentityOfThePhoneAndKeepsOthersOfItsNa
     const Ended apart = pairingWith(saying(), {"--yes", "--json"});
     EXPECT_EQ(apart.events().back().at("peer").at("peer_hostname"), "Pixel (2)");
     EXPECT_EQ(apart.events().back().at("replaced"), Json::array());
-    EXPECT_THAT(apart.errors, ElementsAre("Another phone is called Pixel. This one is called Pixel (2) here."));
+    EXPECT_THAT(apart.errors, ElementsAre("Another phone is called Pixel. This one is called Pixel (2) here.",
+                                          "If Pixel at 192.168.1.51:7000 is the same phone, remove its earlier "
+                                          "identity: `orlinth peers remove " +
+                                              stale.peer_pubkey.text().substr(0, 12) + "`"));
     EXPECT_EQ(book().peers.size(), 2U);
+}
+
+TEST_F(PairCommandTest, ReplacesAnEarlierIdentityThatHasMoved) {
+    const platform::IpAddress phone = platform::parseIpAddress("192.168.1.7").value();
+    const platform::IpAddress router = platform::parseIpAddress("192.168.1.1").value();
+    const Bytes itsHardware{std::byte{0x3E}, std::byte{0x5A}, std::byte{0xB4},
+                            std::byte{1},    std::byte{2},    std::byte{3}};
+    const Bytes routersHardware(6, std::byte{0x10});
+    world.routes.putOnLink(phone, "enp3s0");
+    world.routes.gateways["enp3s0"] = router;
+    world.neighbours.put(
+        fakes::MemoryNeighbours::entry(phone, platform::NeighbourState::reachable, itsHardware, "enp3s0"));
+    world.neighbours.put(
+        fakes::MemoryNeighbours::entry(router, platform::NeighbourState::reachable, routersHardware, "enp3s0"));
+    PeerRecord stale = world.phoneRecord();
+    stale.peer_hostname = "Pixel";
+    stale.peer_ip = "192.168.1.51";
+    stale.peer_pubkey = PeerKey(platform::PrivateKey::generate().publicKey().base64());
+    pair({stale});
+    const host::Whereabouts here = host::Whereabouts::look(world.system);
+    host::Meeting met = here.meetingAt(host::HostAddress::parse("192.168.1.7").value());
+    ASSERT_TRUE(met.mac && met.network);
+    met.host = host::HostAddress::parse("192.168.1.51").value();
+    host::AddressMemory(world.files, world.clock, world.log, dataFolder).reached(stale.peer_pubkey, met);
+    const Ended replaced = pairingWith(saying());
+    EXPECT_THAT(replaced.output, HasSubstr("in place of the earlier identity of Pixel, key "));
+    EXPECT_THAT(replaced.errors, IsEmpty());
+    EXPECT_EQ(book().peers.size(), 1U);
 }
 
 // The four digits

@@ -1,4 +1,7 @@
+#include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
+#include "OrlinthHost/Service/ControlMessage.h"
 #include "unit/orlinth/CommandWorld.h"
 
 namespace orlinth::cli {
@@ -22,12 +25,89 @@ protected:
         co_await world.clock.sleep(time);
         phone->close();
     }
+    /// A service that hangs.
+    [[nodiscard]] Task<> acceptAndSayNothing() {
+        const std::unique_ptr<platform::Listener> socket =
+            world.unixSockets.listen(dataFolder / "service.sock", world.context.get_executor());
+        const std::unique_ptr<platform::Stream> stream = co_await socket->accept(world.context.get_executor());
+        co_await world.clock.sleep(5s);
+    }
     [[nodiscard]] std::vector<platform::PublicKey> removed() {
         return host::RemovedPeers(world.files, world.system.directories.data / KeyVault::defaultDirectoryName).load();
     }
 
+    /// What is in the last two columns of the phones, in their order.
+    [[nodiscard]] std::vector<std::string> lastColumns() {
+        std::istringstream lines(peers().output);
+        std::string line;
+        std::vector<std::string> found;
+        std::getline(lines, line); // the names of the columns
+        const std::size_t start = line.find("SEEN");
+        while (std::getline(lines, line)) {
+            found.push_back(line.substr(start));
+        }
+        return found;
+    }
+
     bool wasTold = false;
 };
+
+TEST_F(PeersCommandTest, ShowsWhenAPhoneWasMetWithoutAService) {
+    PeerRecord other = world.phoneRecord();
+    other.peer_hostname = "Tablet";
+    other.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    pair({world.phoneRecord(), other});
+    host::AddressMemory memory(world.files, world.clock, world.log, dataFolder);
+    memory.came(other.peer_pubkey,
+                {.host = host::HostAddress::parse("192.168.7.57").value(), .mac = {}, .network = {}});
+    const EpochMilliseconds met = world.clock.epochMilliseconds();
+    EXPECT_THAT(lastColumns(), ElementsAre("-      no", host::humanTime(met).substr(11) + "  no"));
+    const Ended ended = peers({"--json"});
+    const std::vector<Json> events = ended.events();
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0].at("state"), "unknown");
+    EXPECT_EQ(events[0].at("seen_epoch_ms"), 0);
+    EXPECT_EQ(events[1].at("state"), "unknown");
+    EXPECT_EQ(events[1].at("seen_epoch_ms"), toNumber(met));
+    EXPECT_EQ(ended.after, 0);
+}
+
+TEST_F(PeersCommandTest, ShowsWhichPhonesAreThereAsTheServiceSays) {
+    PeerRecord other = world.phoneRecord();
+    other.peer_hostname = "Tablet";
+    other.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    pair({world.phoneRecord(), other});
+    const std::string reply = host::encodeControlReply(host::PresenceReply{
+        {{world.phoneRecord().peer_pubkey, host::PresenceState::here, world.clock.epochMilliseconds()},
+         {other.peer_pubkey, host::PresenceState::asleep}}});
+    world.alongside(serveOthers({reply, reply}));
+    EXPECT_THAT(lastColumns(), ElementsAre("now     no", "asleep  no"));
+    const std::vector<Json> events = peers({"--json"}).events();
+    EXPECT_EQ(events.at(0).at("state"), "here");
+    EXPECT_EQ(events.at(1).at("state"), "asleep");
+    EXPECT_THAT(asked, ElementsAre(R"({"request":"presence"})", R"({"request":"presence"})"));
+}
+
+TEST_F(PeersCommandTest, WaitsASecondForAServiceThatSaysNothing) {
+    world.alongside(acceptAndSayNothing());
+    const Ended ended = peers();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(ended.after, 1);
+    EXPECT_THAT(ended.output, HasSubstr("  -     no\n"));
+    EXPECT_THAT(ended.errors, IsEmpty());
+}
+
+TEST_F(PeersCommandTest, SaysThatAPhoneCanBeWokenIfThereAreATokenAndAKey) {
+    PeerRecord record = world.phoneRecord();
+    record.peer_fcm_token = "token";
+    pair({record});
+    EXPECT_THAT(lastColumns(), ElementsAre("-     no"));
+    world.files.put(dataFolder / "firebase-service-account.json", "{}");
+    EXPECT_THAT(lastColumns(), ElementsAre("-     yes"));
+    EXPECT_EQ(peers({"--json"}).events().at(0).at("can_wake"), true);
+    pair({world.phoneRecord()});
+    EXPECT_THAT(lastColumns(), ElementsAre("-     no"));
+}
 
 TEST_F(PeersCommandTest, TellsAPhoneThatIsThereThatItWasRemoved) {
     world.alongside(takeWhatComes(0s));

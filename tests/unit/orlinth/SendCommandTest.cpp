@@ -77,7 +77,11 @@ TEST_F(SendCommandTest, ReportsAtOnceThatAPhoneRefusesAndWhatToDo) {
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.after, 0);
     EXPECT_EQ(ended.failure(), "orlinth: network: Connection refused");
-    EXPECT_THAT(ended.errors.back(), HasSubstr("awake"));
+    EXPECT_EQ(ended.errors.back(),
+              "a.txt was not sent to Pixel-8. Pixel-8 is on this network, but Orlinth is not open on "
+              "it. Open the app there once and allow it to run in the background (battery settings). "
+              "It cannot be woken: no push token is recorded; pairing again brings one. `orlinth "
+              "doctor Pixel-8` looks further.");
 }
 
 TEST_F(SendCommandTest, WaitsForAPhoneThatTakesItsTimeToCloseBehindTheEnd) {

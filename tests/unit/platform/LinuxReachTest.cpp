@@ -4,6 +4,7 @@
 #include "platform/SystemError.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxNeighbours.h"
+#include "platform/linux/LinuxNetworkNews.h"
 #include "platform/linux/LinuxProbe.h"
 #include "platform/linux/LinuxRoutes.h"
 #include "platform/linux/TcpListener.h"
@@ -308,6 +309,23 @@ TEST_F(LinuxReachTest, EndsAProbeThatIsCancelled) {
     EXPECT_TRUE(fakes::isCancelled(fakes::cancelMidway(context, connect(probe, context.get_executor()))));
 }
 
+TEST_F(LinuxReachTest, SendsADatagramUnlessAFilterForbidsIt) {
+    for (const char* literal :
+         {"10.77.0.2", "fd77::2", "::ffff:10.77.0.2", "198.18.0.1", "198.51.100.2", "fe80::1", "fe80::1%absent"}) {
+        EXPECT_TRUE(probe.maySendDatagram(address(literal))) << literal;
+    }
+    if (!run("command -v nft > /dev/null")) {
+        GTEST_SKIP() << "NOT TESTED: a filter, as nft is not installed";
+    }
+    ASSERT_TRUE(run("nft 'add table inet stop; add chain inet stop out { type filter hook output priority 0; };\n"
+                    "add rule inet stop out ip daddr 10.77.0.2 drop; add rule inet stop out ip6 daddr fd77::2 drop'"));
+    EXPECT_FALSE(probe.maySendDatagram(address("10.77.0.2")));
+    EXPECT_FALSE(probe.maySendDatagram(address("::ffff:10.77.0.2")));
+    EXPECT_FALSE(probe.maySendDatagram(address("fd77::2")));
+    EXPECT_TRUE(run("nft delete table inet stop"));
+    EXPECT_TRUE(probe.maySendDatagram(address("10.77.0.2")));
+}
+
 TEST_F(LinuxReachTest, ListsANeighbourThatAnswers) {
     EXPECT_EQ(failure("10.77.0.2"), failureOf(ECONNREFUSED));
     const std::optional<Neighbour> entry = entryOf("10.77.0.2");
@@ -483,6 +501,52 @@ TEST_F(LinuxReachTest, FindsTheWayToAnAddressOfOneLink) {
     EXPECT_TRUE(way.isOnLink());
     EXPECT_EQ(way.interface, "home");
     EXPECT_EQ(refusalOf("fe80::1%absent"), ENODEV);
+}
+
+TEST_F(LinuxReachTest, TellsOfAddressesLinksAndRoutesThatChange) {
+    LinuxNetworkNews news;
+    int told = 0;
+    auto watch = news.watch(context.get_executor(), [&told] { ++told; });
+    const auto tellsOf = [&](const std::string& change) {
+        SCOPED_TRACE(change);
+        const int before = told;
+        ASSERT_TRUE(run(change));
+        runUntil([&] { return told > before; });
+        context.poll(); // what else belongs to it
+    };
+    ASSERT_TRUE(run("ip link add news type veth peer name end\nip link set end up\n"));
+    runUntil([&] { return told > 0; });
+    context.poll();
+    tellsOf("ip link set news up");
+    tellsOf("ip address add 10.79.0.1/24 dev news");
+    tellsOf("ip address add fd79::1/64 dev news nodad");
+    tellsOf("ip route add 10.80.0.0/24 via 10.79.0.9 dev news");
+    tellsOf("ip route delete 10.80.0.0/24");
+    tellsOf("ip address delete 10.79.0.1/24 dev news");
+    tellsOf("ip link set end down");
+    tellsOf("ip link delete news");
+    const int before = told;
+    ASSERT_TRUE(run("ip address add 10.77.0.9/24 dev home")); // is in the socket by now
+    watch.reset();
+    ASSERT_TRUE(run("ip address delete 10.77.0.9/24 dev home"));
+    context.restart();
+    context.run(); // ends, since nothing is left to wait for
+    EXPECT_EQ(told, before);
+}
+
+TEST_F(LinuxReachTest, TellsOfANetworkWhoseNewsAreLost) {
+    LinuxNetworkNews news;
+    int told = 0;
+    const auto watch = news.watch(context.get_executor(), [&told] { ++told; });
+    ASSERT_TRUE(run("for number in $(seq 2000); do\n"
+                    "echo route replace 10.81.$((number % 250)).0/24 via 10.77.0.2\n"
+                    "done | ip -batch -"));
+    runUntil([&] { return told > 0; });
+    ASSERT_TRUE(run("for number in $(seq 0 249); do echo route delete 10.81.$number.0/24; done | ip -batch -"));
+    context.poll();
+    const int before = told;
+    ASSERT_TRUE(run("ip route add 10.80.0.0/24 via 10.77.0.2\nip route delete 10.80.0.0/24"));
+    runUntil([&] { return told > before; });
 }
 
 TEST_F(LinuxReachTest, FindsTheRouterOfAnInterfaceAlsoBesideAnotherOne) {

@@ -1,4 +1,5 @@
 #include "fakes/MemoryNeighbours.h"
+#include "fakes/MemoryNetworkNews.h"
 #include "fakes/MemoryProbe.h"
 #include "fakes/MemoryRoutes.h"
 #include "fakes/RunTask.h"
@@ -31,6 +32,26 @@ int codeOf(const std::function<void()>& action) {
         return error.code().value();
     }
     return 0;
+}
+
+TEST(MemoryNetworkNews, AreToldOnTheExecutorUntilNobodyWatches) {
+    asio::io_context context;
+    MemoryNetworkNews news;
+    int told = 0;
+    auto watch = news.watch(context.get_executor(), [&told] { ++told; });
+    EXPECT_EQ(news.watchCount(), 1u);
+    news.tell();
+    EXPECT_EQ(told, 0);
+    context.run();
+    EXPECT_EQ(told, 1);
+    news.tell();
+    watch.reset();
+    context.restart();
+    context.run();
+    EXPECT_EQ(told, 1);
+    EXPECT_EQ(news.watchCount(), 0u);
+    news.watchErrno = EMFILE;
+    EXPECT_EQ(codeOf([&] { watch = news.watch(context.get_executor(), [] {}); }), EMFILE);
 }
 
 TEST(MemoryNeighbours, TellsOfWhatIsPutRemovedAndReplacedAndNotWithinTheCall) {
@@ -138,6 +159,16 @@ TEST_F(MemoryProbeTest, IsSilentAtWhatNobodyHasNamed) {
     EXPECT_EQ(probe.underWay(), 0u);
     probe.errorNumber = EMFILE;
     EXPECT_EQ(codeOf([&] { static_cast<void>(probed(7300)); }), EMFILE);
+}
+
+TEST(MemoryProbe, ForbidsDatagramsAsATestSays) {
+    asio::io_context context;
+    VirtualClock clock(context);
+    MemoryProbe probe(clock);
+    probe.forbidDatagrams(phone);
+    EXPECT_FALSE(probe.maySendDatagram(phone));
+    EXPECT_TRUE(probe.maySendDatagram(router));
+    EXPECT_EQ(probe.datagrams, 2u);
 }
 
 } // namespace

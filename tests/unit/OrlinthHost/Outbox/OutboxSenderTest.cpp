@@ -164,6 +164,75 @@ TEST_F(OutboxSenderTest, TriesAtOnceWhenTheRecordHasChanged) {
     EXPECT_EQ("203.0.113.99", world_.network.attempts.back().first);
 }
 
+TEST_F(OutboxSenderTest, TriesAtOnceInAnotherNetwork) {
+    world_.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world_.clock);
+    put(first, {"a.txt"});
+    start();
+    pass(1000s); // in the middle of a long pause
+    const std::size_t before = attempts();
+    world_.network.makeAnswer("203.0.113.2");
+    world_.alongside(take(1));
+    sender_->networkChanged();
+    pass(100ms);
+    EXPECT_EQ(before + 1, attempts());
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxSenderTest, WaitsForANetworkIfThereIsNone) {
+    put(first, {"a.txt"});
+    start();
+    sender_->setConnected(false);
+    pass(2h);
+    const std::size_t before = attempts();
+    pass(10h);
+    EXPECT_EQ(before, attempts()) << "nothing is tried";
+    EXPECT_EQ("this computer is not connected to any network", told(What::waiting).back().message);
+    world_.alongside(take(1));
+    sender_->setConnected(true);
+    sender_->networkChanged();
+    pass(100ms);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
+TEST_F(OutboxSenderTest, NeedsNoNetworkForWhatIsOnThisComputer) {
+    for (const char* address : {"127.0.0.1", "::1", "localhost"}) {
+        PeerRecord record = world_.phoneRecord();
+        record.peer_ip = address;
+        pair({record});
+        put(first, {"a.txt"});
+        start();
+        sender_->setConnected(false);
+        world_.alongside(take(1));
+        pass(1s);
+        EXPECT_THAT(taken_, ElementsAre("a.txt")) << address;
+        taken_.clear();
+        stop();
+    }
+}
+
+TEST_F(OutboxSenderTest, TriesAPhoneThatIsBackOnceAndNotWhileItIsTried) {
+    world_.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world_.clock);
+    put(first, {"a.txt"});
+    start();
+    pass(1000s);
+    const std::size_t failures = told(What::waiting).size();
+    std::size_t before = attempts();
+    sender_->isBack(tabletRecord().peer_pubkey); // for which nothing waits
+    pass(100ms);
+    EXPECT_EQ(before, attempts());
+    sender_->isBack(world_.phoneRecord().peer_pubkey);
+    while (told(What::waiting).size() == failures) {
+        sender_->isBack(world_.phoneRecord().peer_pubkey); // as the attempt itself makes it seem
+        pass(100ms);
+    }
+    EXPECT_LT(before, attempts());
+    before = attempts();
+    pass(1s);
+    sender_->isBack(world_.phoneRecord().peer_pubkey);
+    pass(1s);
+    EXPECT_EQ(before, attempts()) << "neither a second time at once, nor because it was tried just now";
+}
+
 TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {
     world_.network.makeSilent("203.0.113.2");
     put(first, {"a.txt"});

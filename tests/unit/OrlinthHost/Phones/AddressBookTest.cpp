@@ -343,6 +343,20 @@ TEST_F(AddressBookTest, TakesAnyMoment) {
     EXPECT_THAT(known(EpochMilliseconds::min()), ElementsAre("192.168.7.2", "192.168.7.3"));
 }
 
+TEST_F(AddressBookTest, FindsPhonesByTheirHardwareAddress) {
+    Meeting other = at("192.168.7.3");
+    other.mac = *MacAddress::parse("3e:5a:b4:01:02:04");
+    EXPECT_TRUE(book.reached(pixel, at("192.168.7.2"), now));
+    EXPECT_TRUE(book.reached(keyOf(1), other, now));
+    EXPECT_TRUE(book.came(pixel, at("192.168.7.4"), now + 1h));
+    using Phones = std::vector<PeerKey>;
+    EXPECT_THAT(book.phonesByHardware(now), testing::UnorderedElementsAre(testing::Pair(mac, Phones{pixel}),
+                                                                          testing::Pair(*other.mac, Phones{keyOf(1)})));
+    EXPECT_THAT(book.phonesByHardware(now + AddressBook::maxAge + 1s), testing::SizeIs(1)) << "the others are too old";
+    EXPECT_THAT(book.lastMeetings(),
+                testing::UnorderedElementsAre(testing::Pair(pixel, now + 1h), testing::Pair(keyOf(1), now)));
+}
+
 TEST_F(AddressBookTest, ChangesNothingOfOtherPhones) {
     reached("192.168.7.2", now);
     const std::vector<KnownAddress> before = book.addressesOf(pixel, now);

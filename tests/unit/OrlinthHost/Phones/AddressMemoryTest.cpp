@@ -114,6 +114,20 @@ TEST_F(AddressMemoryTest, ForgetsAPhoneAndNoOther) {
     EXPECT_THAT(*files.content(file), testing::Not(HasSubstr(pixel.text())));
 }
 
+TEST_F(AddressMemoryTest, KeepsPhonesThatArePairedAndNoOther) {
+    memory.keepOnly({});
+    EXPECT_THAT(files.allFiles(), IsEmpty());
+    memory.reached(pixel, at("192.168.7.2"));
+    memory.reached(tablet, at("192.168.7.3"));
+    const std::size_t before = files.count(fakes::Operation::rename);
+    memory.keepOnly({tablet, pixel, PeerKey("another")});
+    EXPECT_EQ(files.count(fakes::Operation::rename), before) << "there is nothing to forget";
+    memory.keepOnly({tablet});
+    EXPECT_THAT(known(files), IsEmpty());
+    EXPECT_THAT(textsOf(memory.addressesOf(tablet)), ElementsAre("192.168.7.3"));
+    EXPECT_THAT(*files.content(file), testing::Not(HasSubstr(pixel.text())));
+}
+
 TEST_F(AddressMemoryTest, LetsOneOfTwoProcessesSweep) {
     AddressMemory other = memoryOn(files);
     EXPECT_TRUE(memory.claimSweep(home));

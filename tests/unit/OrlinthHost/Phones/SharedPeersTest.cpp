@@ -1,6 +1,8 @@
 #include "OrlinthHost/Phones/SharedPeers.h"
 
 #include "OrlinthCore/Share/ShareOutbox.h"
+#include "OrlinthHost/HumanText.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
@@ -38,6 +40,13 @@ protected:
         return lines;
     }
 
+    /// The phone connects to this computer.
+    void meet() {
+        AddressMemory(world.files, world.clock, world.log, home.dataDirectory())
+            .came(world.phoneRecord().peer_pubkey,
+                  {.host = HostAddress::parse("192.168.7.57").value(), .mac = {}, .network = {}});
+    }
+
     fakes::World world;
     Home home{world.system, world.context.get_executor()};
 };
@@ -52,6 +61,48 @@ TEST_F(SharedPeersTest, TellPhonesOfOneNameApartByWhereTheyAreAndSinceWhenTheyAr
     home.peers().writeBook({{phone, namesake}});
     updateSharedPeers(home);
     EXPECT_THAT(shown(), ElementsAre("Pixel-8: 203.0.113.2 · paired 2026-03-09", "Pixel-8: 203.0.113.9"));
+}
+
+TEST_F(SharedPeersTest, SayWhenAPhoneWasLastMet) {
+    PeerRecord phone = world.phoneRecord();
+    phone.paired_at_epoch_ms = fromEpochMilliseconds(1'773'057'900'000);
+    home.peers().writeBook({{phone}});
+    meet();
+    updateSharedPeers(home);
+    EXPECT_THAT(shown(), ElementsAre("Pixel-8: last here " + humanTime(world.clock.epochMilliseconds()) +
+                                     " · paired 2026-03-09"));
+}
+
+TEST_F(SharedPeersTest, AreWrittenOnceAMinuteHoweverOftenAPhoneIsMetAndAtOnceIfTheStoreChanges) {
+    home.peers().writeBook({{world.phoneRecord()}});
+    SharedPeersUpdates updates(home);
+    const auto pass = [this](Seconds time) { world.run(world.clock.sleep(time)); };
+    updates.update();
+    pass(0s);
+    EXPECT_THAT(shown(), ElementsAre("Pixel-8: 203.0.113.2"));
+    meet();
+    updates.update();
+    pass(59s);
+    EXPECT_THAT(shown(), ElementsAre("Pixel-8: 203.0.113.2"));
+    pass(1s);
+    EXPECT_THAT(shown(), ElementsAre(HasSubstr("last here ")));
+    const std::size_t before = world.files.mutations();
+    for (int i = 0; i < 100; ++i) {
+        updates.update();
+        pass(10s);
+    }
+    EXPECT_EQ(world.files.mutations(), before) << "nothing has changed";
+    PeerRecord renamed = world.phoneRecord();
+    renamed.peer_hostname = "Pixel-9";
+    home.peers().writeBook({{renamed}});
+    updates.update();
+    pass(0s);
+    EXPECT_THAT(shown(), ElementsAre(HasSubstr("Pixel-9: last here ")));
+    pass(1s);
+    meet();
+    updates.update();
+    pass(1s);
+    world.run(updates.finish()); // and no alarm is left
 }
 
 TEST_F(SharedPeersTest, AreNoneOnceTheLastPhoneIsRemoved) {

@@ -1,5 +1,6 @@
 #include "OrlinthHost/Service/ControlMessage.h"
 
+#include "OrlinthHost/Service/ControlLine.h"
 #include "base/Error.h"
 
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"request":"outbox_retry"})", OutboxRetryRequest{}},
     {R"({"batch":")" + batch + R"(","request":"outbox_retry"})", OutboxRetryRequest{BatchId(batch)}},
     {R"({"batch":")" + batch + R"(","request":"outbox_drop"})", OutboxDropRequest{BatchId(batch)}},
+    {R"({"request":"presence"})", PresenceRequest{}},
 };
 
 const std::vector<std::pair<std::string, ControlReply>> replies{
@@ -27,6 +29,15 @@ const std::vector<std::pair<std::string, ControlReply>> replies{
     {R"({"lent":false,"port":28471})", NotLentReply{28471}},
     {R"({"found":true})", FoundReply{true}},
     {R"({"found":false})", FoundReply{false}},
+    {R"({"phones":[]})", PresenceReply{}},
+    {R"({"phones":[{"peer_pubkey":"a=","seen_epoch_ms":1731686400000,"state":"here"},)"
+     R"({"peer_pubkey":"b=","seen_epoch_ms":0,"state":"asleep"},)"
+     R"({"peer_pubkey":"c=","seen_epoch_ms":1,"state":"away"},)"
+     R"({"peer_pubkey":"d=","seen_epoch_ms":0,"state":"unknown"}]})",
+     PresenceReply{{{PeerKey("a="), PresenceState::here, fromEpochMilliseconds(1'731'686'400'000)},
+                    {PeerKey("b="), PresenceState::asleep},
+                    {PeerKey("c="), PresenceState::away, fromEpochMilliseconds(1)},
+                    {PeerKey("d="), PresenceState::unknown}}}},
     {R"({"error":"the port is lent already"})", ErrorReply{"the port is lent already"}},
 };
 
@@ -73,6 +84,27 @@ TEST(ControlMessage, MembersOfALaterVersionAreNobodysBusiness) {
               decodeControlRequest(R"( { "request" : "lend_port", "port" : 1, "batch" : 5, "more" : [] } )"));
     EXPECT_EQ(ControlReply(FoundReply{true}), decodeControlReply(R"({"found":true,"size":[1,2]})"));
     EXPECT_EQ(ControlRequest(OutboxRetryRequest{}), decodeControlRequest(R"({"request":"outbox_retry","batch":null})"));
+}
+
+TEST(ControlMessage, AStateOfALaterVersionIsUnknown) {
+    const ControlReply reply =
+        decodeControlReply(R"({"phones":[{"peer_pubkey":"a=","seen_epoch_ms":-5,"state":"dancing","more":1}]})");
+    EXPECT_EQ(reply, ControlReply(PresenceReply{{{PeerKey("a="), PresenceState::unknown}}}));
+    for (const char* line : {R"({"phones":5})", R"({"phones":[5]})", R"({"phones":[{}]})",
+                             R"({"phones":[{"peer_pubkey":"a=","seen_epoch_ms":"1","state":"here"}]})",
+                             R"({"phones":[{"peer_pubkey":5,"seen_epoch_ms":1,"state":"here"}]})",
+                             R"({"phones":[{"peer_pubkey":"a=","seen_epoch_ms":1}]})"}) {
+        EXPECT_NE("", troubleWith(line, decodeControlReply)) << line;
+    }
+}
+
+TEST(ControlMessage, AsManyPhonesAsTheServiceTellsOfAreALine) {
+    PresenceReply reply;
+    const PeerKey longest(std::string(44, 'A'));
+    reply.phones.assign(PresenceReply::maxPhones, {longest, PresenceState::unknown, EpochMilliseconds::max()});
+    const std::string line = encodeControlReply(reply);
+    EXPECT_LE(line.size(), maxControlLine);
+    EXPECT_EQ(ControlReply(reply), decodeControlReply(line));
 }
 
 TEST(ControlMessage, APortIsBetween1And65535) {

@@ -1,5 +1,6 @@
 #include "OrlinthHost/Service/Service.h"
 
+#include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
 #include "ServiceWorld.h"
 
@@ -331,6 +332,17 @@ TEST_F(ServiceTest, SendsAtOnceToAPhoneWhoseRecordChanges) {
     EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
 }
 
+TEST_F(ServiceTest, SendsAtOnceInAnotherNetwork) {
+    share("a.txt");
+    start();
+    pass(1000s);
+    world_.alongside(take());
+    world_.interfaces.addresses = {fakes::FakeNetworkInterfaces::ipv4("wlan0", {192, 168, 7, 10})};
+    world_.networkNews.tell();
+    pass(3s);
+    EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+}
+
 TEST_F(ServiceTest, OnePhonesSuccessLeavesAnotherItsResume) {
     constexpr std::int64_t size = 5 << 20;
     PeerRecord tablet = world_.phoneRecord();
@@ -373,6 +385,70 @@ TEST_F(ServiceTest, KeepsTheShareSheetsListInStep) {
     world_.folders.change(dataFolder);
     pass(100ms);
     EXPECT_THAT(world_.files.content(container / "peers.json").value_or(""), HasSubstr("Tablet"));
+}
+
+TEST_F(ServiceTest, RemembersWhereAPhoneCameFromUntilItUnpairs) {
+    const auto known = [this] {
+        return AddressMemory(world_.files, world_.clock, world_.log, dataFolder)
+            .addressesOf(world_.phoneRecord().peer_pubkey);
+    };
+    start();
+    deliver("a.txt");
+    ASSERT_EQ(1U, known().size());
+    EXPECT_EQ("192.168.1.7", known()[0].host.text());
+    EXPECT_THAT(PeerStore(world_.files, world_.system.directories).loadBook().peers, ElementsAre(world_.phoneRecord()));
+    const auto from = phone();
+    world_.run(from->send(Row::unpair()));
+    world_.folders.change(dataFolder); // the peer store has changed
+    pass(100ms);
+    EXPECT_THAT(known(), IsEmpty());
+}
+
+TEST_F(ServiceTest, SaysWhichPhonesAreThere) {
+    const std::string request = R"({"request":"presence"})"
+                                "\n";
+    const auto answer = [this](const char* state, const std::string& seen) {
+        return R"({"phones":[{"peer_pubkey":")" + world_.phoneRecord().peer_pubkey.text() + R"(","seen_epoch_ms":)" +
+               seen + R"(,"state":")" + state + R"("}]})";
+    };
+    start();
+    EXPECT_EQ(answer("unknown", "0"), ask(request));
+    {
+        const auto from = phone();
+        pass(20s);
+        EXPECT_THAT(ask(request), HasSubstr(R"("state":"here")")) << "it is connected";
+        from->close();
+        settle();
+    }
+    const std::string left = std::to_string(toNumber(world_.clock.epochMilliseconds()));
+    pass(119s);
+    EXPECT_EQ(answer("here", left), ask(request));
+    pass(2s);
+    EXPECT_EQ(answer("away", left), ask(request));
+    share("a.txt");
+    ring();
+    pass(60s); // nobody listens at its port
+    EXPECT_EQ(answer("asleep", left), ask(request));
+    world_.interfaces.addresses = {fakes::FakeNetworkInterfaces::ipv4("wlan0", {192, 168, 7, 10})};
+    world_.network.makeSilent("203.0.113.2");
+    world_.networkNews.tell();
+    pass(2s);
+    EXPECT_EQ(answer("unknown", left), ask(request));
+    stop();
+    start();
+    EXPECT_THAT(ask(request), HasSubstr(R"("state":"unknown")"));
+    EXPECT_THAT(ask(request), testing::Not(HasSubstr(R"("seen_epoch_ms":0)"))) << "that is remembered";
+}
+
+TEST_F(ServiceTest, SaysThatAPhoneIsThereThatHasTakenAFile) {
+    world_.alongside(take());
+    share("a.txt");
+    start();
+    pass(1s);
+    EXPECT_THAT(taken_, ElementsAre("content of a.txt"));
+    EXPECT_THAT(ask(R"({"request":"presence"})"
+                    "\n"),
+                HasSubstr(R"("state":"here")"));
 }
 
 TEST_F(ServiceTest, SaysToWhoeverManagesItThatItIsAlive) {

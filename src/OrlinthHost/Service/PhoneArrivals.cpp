@@ -1,0 +1,68 @@
+#include "OrlinthHost/Service/PhoneArrivals.h"
+
+#include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/Whereabouts.h"
+#include "platform/IpAddress.h"
+
+#include <asio/post.hpp>
+
+#include <optional>
+#include <vector>
+
+namespace orlinth::host {
+
+namespace {
+
+AddressMemory arrivalMemory(const Home& home) {
+    return {home.system.files, home.system.clock, home.system.log, home.dataDirectory()};
+}
+
+} // namespace
+
+void PhoneArrivals::came(const Receiver::Arrival& arrival) {
+    const std::optional<HostAddress> host = HostAddress::parse(platform::addressOfEndpoint(arrival.remoteEndpoint));
+    if (!host) {
+        return; // a tunnel's end on this computer, for example
+    }
+    const platform::Clock::Instant now = home_.system.clock.now();
+    std::erase_if(learntAt_, [now](const auto& one) { return now - one.second >= interval; });
+    const PeerKey phone = arrival.phone.peer_pubkey;
+    if (learntAt_.try_emplace(phone, now).second) {
+        work_.add([this, phone, host = *host] { learn(phone, host); });
+    }
+}
+
+void PhoneArrivals::peersChanged() {
+    work_.add([this] { forgetOthers(); });
+}
+
+Task<> PhoneArrivals::finish() {
+    co_await work_.finish();
+}
+
+/// On the thread.
+void PhoneArrivals::learn(const PeerKey& phone, const HostAddress& host) const {
+    try {
+        if (home_.peers().loadBook().find(phone) != nullptr) { // it may have been removed meanwhile
+            arrivalMemory(home_).came(phone, Whereabouts::look(home_.system).meetingAt(host));
+            asio::post(home_.executor, onLearnt_);
+        }
+    } catch (const PeerStoreError&) {
+        return; // nobody knows whether it is paired; whoever looks for its record reports the store
+    }
+}
+
+/// On the thread.
+void PhoneArrivals::forgetOthers() const {
+    std::vector<PeerKey> paired;
+    try {
+        for (const PeerRecord& record : home_.peers().loadBook().peers) {
+            paired.push_back(record.peer_pubkey);
+        }
+    } catch (const PeerStoreError&) {
+        return; // likewise
+    }
+    arrivalMemory(home_).keepOnly(paired);
+}
+
+} // namespace orlinth::host

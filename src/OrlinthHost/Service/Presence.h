@@ -1,0 +1,72 @@
+#pragma once
+
+#include "OrlinthHost/Service/PhonePresence.h"
+#include "platform/Clock.h"
+
+#include <cstddef>
+#include <map>
+#include <optional>
+
+namespace orlinth::host {
+
+/// Works out whether phones are there, from what happens anyway: no packet is ever sent for it.
+///
+///     here     a connection of it is open; or it proved its key within two minutes; or its entry in the table of
+///              neighbours was confirmed within a minute, and it has not refused a connection since it proved its key
+///     asleep   else, if it has refused a connection since, or its entry was confirmed within ten minutes: it is in the
+///              network, but its app does not listen
+///     away     else, if anything was heard of it since this computer came into its network
+///     unknown  else
+///
+/// In another network everything is unknown, but for open connections and the time when a phone was last seen.
+///
+/// Plain values: events and the time in, states out. Not thread-safe.
+class Presence {
+public:
+    using Instant = platform::Clock::Instant;
+
+    static constexpr Seconds hereAfterProof = 120s;
+    static constexpr Seconds hereAfterConfirmation = 60s;
+    static constexpr Seconds asleepAfterConfirmation = 600s;
+
+    /// The moment by both clocks.
+    struct Moment {
+        Instant instant{};
+        EpochMilliseconds epoch{};
+    };
+
+    /// A connection with it is open: it has just proved its key. left() follows.
+    void arrived(const PeerKey& phone, Moment now);
+    void left(const PeerKey& phone, Moment now);
+    /// It has proved its key, in either direction.
+    void proved(const PeerKey& phone, Moment now);
+    /// It, and nobody else, has refused a connection.
+    void refused(const PeerKey& phone, Instant now);
+    /// It did not answer.
+    void failed(const PeerKey& phone);
+    /// The system has just found that its hardware address answers.
+    void confirmed(const PeerKey& phone, Instant now);
+    /// The system has found that it does not answer.
+    void disappeared(const PeerKey& phone);
+    /// This computer is in another network, or in none.
+    void networkChanged();
+
+    /// `peerKey` is always the phone's.
+    [[nodiscard]] PhonePresence of(const PeerKey& phone, Instant now) const;
+
+private:
+    struct Phone {
+        std::size_t open = 0; ///< connections
+        std::optional<Instant> provedAt;
+        std::optional<Instant> confirmedAt;
+        bool hasRefused = false; ///< since it proved its key
+        bool isHeardOf = false;  ///< in this network
+        std::optional<EpochMilliseconds> seen;
+    };
+
+    [[nodiscard]] static PresenceState stateOf(const Phone& phone, Instant now);
+
+    std::map<PeerKey, Phone> phones_; ///< one for each that anything has happened with
+};
+
+} // namespace orlinth::host

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Outbox/OutboxSender.h"
+#include "OrlinthHost/Service/Presence.h"
+
+#include <vector>
+
+namespace orlinth::host {
+
+/// Presence, fed with what the service hears of phones, and with the times of earlier meetings that AddressMemory has.
+///
+/// Threading: everything on the home's executor. Reads a file or two when it is asked, and when a phone has refused a
+/// connection.
+class PresenceKeeper {
+public:
+    /// `home` outlives this.
+    explicit PresenceKeeper(Home& home) : home_(home) {}
+    PresenceKeeper(const PresenceKeeper&) = delete;
+    PresenceKeeper& operator=(const PresenceKeeper&) = delete;
+
+    void arrived(const PeerKey& phone) { presence_.arrived(phone, now()); }
+    void left(const PeerKey& phone) { presence_.left(phone, now()); }
+    /// An attempt to send has shown this. A refusal by another device, which has the address now, is none.
+    void learn(const PeerRecord& phone, OutboxSender::Contact contact);
+    void confirmed(const PeerKey& phone) { presence_.confirmed(phone, home_.system.clock.now()); }
+    void disappeared(const PeerKey& phone) { presence_.disappeared(phone); }
+    void networkChanged() { presence_.networkChanged(); }
+
+    /// Of the paired phones, in the order of the peer store, the last PresenceReply::maxPhones. None if the store
+    /// cannot be read.
+    [[nodiscard]] std::vector<PhonePresence> all() const;
+
+private:
+    [[nodiscard]] Presence::Moment now() const {
+        return {.instant = home_.system.clock.now(), .epoch = home_.system.clock.epochMilliseconds()};
+    }
+    [[nodiscard]] bool isAnother(const PeerRecord& phone) const;
+
+    Home& home_;
+    Presence presence_;
+};
+
+} // namespace orlinth::host
