@@ -201,6 +201,24 @@ class MovedPhoneTest(ProgramTest):
         self.assertEqual("192.168.7.57", self.recorded())
         self.assertGreater(self.remembered()["192.168.7.57"]["reached_epoch_ms"], 0)
 
+    def test_what_was_shared_finds_it_too(self):
+        port = self.make_known("192.168.7.30")
+        self.move("192.168.7.57")
+        phone = self.running_program(
+            self.there.command(ORLINTH, "serve", "--port", str(port), "--dir", str(self.phone.downloads), "--json",
+                               "--no-clipboard"), self.phone)
+        phone.events.wait_for("listening")
+        service = self.running(self.mac, "serve", "--port", "0", "--dir", str(self.mac.downloads), "--json",
+                               "--no-clipboard")
+        service.events.wait_for("listening")
+        result = self.mac.run("share", "--to", "phone", str(self.file("a.txt", b"shared")),
+                              str(self.file("b.txt", b"too")))
+        self.assertEqual(0, result.returncode, result.stderr)
+        service.events.wait_for("outbox_done")
+        self.assertEqual([], [event for event in service.events.all if event["event"] == "outbox_waiting"])
+        self.assertEqual(b"shared", (self.phone.downloads / "a.txt").read_bytes())
+        self.assertEqual("192.168.7.57", self.recorded())
+
     def test_a_sweep_costs_three_questions_for_each_address(self):
         self.make_known("192.168.7.30")
         self.there.run("ip link set wlan down")
@@ -221,11 +239,16 @@ class MovedPhoneTest(ProgramTest):
     def test_nobody_is_asked_if_the_person_says_so(self):
         port = self.make_known("192.168.7.57", "192.168.7.30")
         self.move("192.168.7.57")
-        asked, connected, result = self.send(b"never", "--warm-timeout", "2.5", "--find", "never")
-        self.assertEqual(1, result.returncode)
-        self.assertLessEqual(set(asked), {"192.168.7.30"})
-        self.assertLessEqual(set(connected), {("192.168.7.30", port)})
-        self.assertEqual("192.168.7.30", self.recorded())
+        settings = self.mac.config / "orlinth" / "config.toml"
+        settings.parent.mkdir(parents=True)
+        for setting, arguments in (("", ["--find", "never"]), ('[send]\nfind = "never"\n', [])):
+            with self.subTest(arguments):
+                settings.write_text(setting)
+                asked, connected, result = self.send(b"never", "--warm-timeout", "1.5", *arguments)
+                self.assertEqual(1, result.returncode)
+                self.assertLessEqual(set(asked), {"192.168.7.30"})
+                self.assertEqual({("192.168.7.30", port)}, set(connected))
+                self.assertEqual("192.168.7.30", self.recorded())
 
 
 if __name__ == "__main__":

@@ -19,8 +19,9 @@ namespace orlinth::host {
 
 namespace {
 
-bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other) {
-    return one.peer_ip == other.peer_ip && one.peer_port == other.peer_port &&
+/// Also if the second has just got the address at which the phone was found.
+bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other, const std::string& foundAt) {
+    return (one.peer_ip == other.peer_ip || other.peer_ip == foundAt) && one.peer_port == other.peer_port &&
            one.peer_fcm_token == other.peer_fcm_token;
 }
 
@@ -75,6 +76,7 @@ struct OutboxSender::Running final : Attempt {
 struct OutboxSender::Phone {
     PeerKey peerKey;
     std::optional<PeerRecord> record; ///< as of the last attempt
+    std::string foundAt;              ///< where it is instead, as long as that works; "" if nowhere else
     RetryPolicy retries;
     std::map<std::string, OffersInDoubt> inDoubt; ///< by file, with its batch
     /// What the phone had of a file, with its batch, when the last attempt began.
@@ -175,6 +177,9 @@ void OutboxSender::begin(Phone& phone, Job& job) {
             queue_.setAllFailed(phone.peerKey, forDisplay(state.displayName()) + " is not paired any more");
             return;
         }
+        if (phone.record && phone.record->peer_ip != record->peer_ip) {
+            phone.foundAt.clear();
+        }
         phone.record = *record;
         state.hostname = record->peer_hostname;
         static_cast<void>(checkPeer(*record, ownKey_.publicKey(), PeerUse::connection));
@@ -193,9 +198,13 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     OutboxState::Phone& state = *job.state.find(phone.peerKey);
     OutboxEvents::Transfer what{.batch = job.id(), .file = file, .to = state.displayName(), .peerKey = phone.peerKey};
     const bool isFirst = phone.attempts.empty();
+    PeerRecord record = *phone.record;
+    if (!phone.foundAt.empty()) {
+        record.peer_ip = phone.foundAt;
+    }
     Running& running = *phone.attempts.emplace_back(
-        std::make_unique<Running>(home_.system.clock, events_, std::move(what), *phone.record, job.batch.folder / file,
-                                  queue_.setUnderWay(job, phone.peerKey)));
+        std::make_unique<Running>(home_.system.clock, events_, std::move(what), std::move(record),
+                                  job.batch.folder / file, queue_.setUnderWay(job, phone.peerKey)));
     if (const auto before = phone.inDoubt.find(running.place()); before != phone.inDoubt.end()) {
         running.inDoubt = before->second;
     }
@@ -227,7 +236,7 @@ Task<> OutboxSender::transfer(Running& running) {
                             .onAgain = {},
                             .finder = running.isFirst ? &finder_ : nullptr,
                             .maySweep = isWorthASweep(phone.retries) ? MaySweep::yes : MaySweep::no,
-                            .onMoved = [&phone](const PeerRecord& moved) { phone.record = moved; }};
+                            .onMoved = [&phone](const PeerRecord& moved) { phone.foundAt = moved.peer_ip; }};
     Delivered delivered = co_await deliver(home_.system, std::move(request));
     running.delivered = std::move(delivered);
 }
@@ -323,6 +332,9 @@ void OutboxSender::settleBreak(Phone& phone, Job& job, const Running& running, c
     if (!hasMoved && running.stage() != AttemptStage::connecting) {
         queue_.putBehind(job, phone.peerKey, running.transfer.file);
     }
+    if (running.stage() == AttemptStage::connecting) {
+        phone.foundAt.clear();
+    }
     const RetryPolicy::Outcome outcome = hasMoved ? RetryPolicy::Outcome::moved : RetryPolicy::Outcome::failed;
     if (const auto pause = phone.retries.ended(outcome, home_.system.clock.now())) {
         wait(phone, *pause, failureText(ended));
@@ -373,7 +385,7 @@ void OutboxSender::peersChanged() {
     }
     for (const auto& [peerKey, phone] : phones_) {
         const PeerRecord* const record = book.find(peerKey);
-        if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record)) {
+        if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record, phone->foundAt)) {
             continue;
         }
         for (const std::unique_ptr<Running>& attempt : phone->attempts) {

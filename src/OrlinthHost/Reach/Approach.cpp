@@ -19,6 +19,7 @@ Approach::Approach(Finder* finder, PeerRecord phone, MaySweep maySweep, std::fun
 void Approach::begin() {
     isConnected_ = false;
     isProved_ = false;
+    isAsleep_ = false;
     if (finder_ != nullptr && mayMove_) {
         search_ = finder_->begin(phone_, maySweep_);
     }
@@ -28,7 +29,8 @@ void Approach::onUnreached(const std::exception& error) {
     if (!search_) {
         return;
     }
-    if (isRefusal(error) && !finder_->isElsewhere(phone_)) {
+    isAsleep_ = isRefusal(error) && !finder_->isElsewhere(phone_);
+    if (isAsleep_) {
         search_->giveUp();
     } else {
         search_->hurry();
@@ -98,7 +100,7 @@ void Approach::end(bool hasFailed) {
     }
     if (isProved_) {
         finder_->learnReached(phone_);
-    } else if (hasFailed) {
+    } else if (hasFailed && !isAsleep_) {
         finder_->learnFailed(phone_);
     }
 }

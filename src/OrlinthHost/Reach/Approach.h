@@ -95,6 +95,7 @@ private:
     bool mayMove_ = true; ///< not a second time
     bool isConnected_ = false;
     bool isProved_ = false;
+    bool isAsleep_ = false; ///< it is at its address, and refuses
 };
 
 } // namespace orlinth::host

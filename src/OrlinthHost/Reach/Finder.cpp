@@ -89,7 +89,11 @@ std::unique_ptr<Finder::Search> Finder::begin(PeerRecord phone, MaySweep maySwee
     state->isIdle = find_ == FindSetting::never;
     if (!state->isIdle) {
         wanted_.push_back(state);
-        looks_.add(look(state), [](const std::exception_ptr&) {}); // it has ended by itself, or was cancelled
+        looks_.add(look(state), [this, state](const std::exception_ptr& error) {
+            report(error);
+            state->isIdle = true; // nobody waits for what has failed
+            news_.changed();
+        });
     }
     return std::make_unique<Search>(*this, state);
 }
@@ -115,6 +119,20 @@ bool Finder::isAnyWanted(std::optional<std::uint16_t> port) const {
         wanted_, [port](const auto& state) { return state->isWanted() && (!port || *port == portOf(state->phone)); });
 }
 
+/// The search goes on without what has failed.
+void Finder::report(const std::exception_ptr& error) const {
+    try {
+        if (error) {
+            std::rethrow_exception(error);
+        }
+    } catch (const std::exception& failure) {
+        if (!platform::isCancellation(failure)) {
+            home_.system.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "phones",
+                                   "cannot look for a phone: " + describe(failure));
+        }
+    }
+}
+
 // --- looking ---
 
 Task<> Finder::look(std::shared_ptr<State> state) {
@@ -128,13 +146,17 @@ Task<> Finder::look(std::shared_ptr<State> state) {
     news_.changed();
     co_await news_.until([state] { return state->isWoken || !state->isWanted(); });
     const auto isUnwanted = [state] { return !state->isWanted(); };
-    const bool isEarly = co_await news_.until(isUnwanted, clock, pauseAfterPush);
-    if (!isEarly) {
+    for (Seconds pause = pauseAfterPush;; pause = pauseBetweenLooks) {
+        const bool isOver = co_await news_.until(isUnwanted, clock, pause);
+        if (isOver) {
+            co_return;
+        }
         state->isIdle = false;
         state->begun = clock.now() - sweepDelay;
         co_await lookOnce(state);
         state->isIdle = true;
         news_.changed();
+        state->maySweep = false; // once is enough
     }
 }
 
@@ -167,11 +189,14 @@ Task<> Finder::lookOnce(std::shared_ptr<State> state) {
         const Seconds left = state->begun + sweepDelay - clock.now();
         const bool isEarly = co_await news_.until(isUnwanted, clock, left);
         if (!isEarly && memory_.claimSweep(network->claim)) {
-            probes_.add(sweep(*std::move(network)), [this](const std::exception_ptr&) { news_.changed(); });
+            probes_.add(sweep(*std::move(network)), [this](const std::exception_ptr& error) {
+                report(error);
+                news_.changed();
+            });
         }
     }
     const bool isThrough = co_await news_.until(isOver, clock, end - clock.now());
-    if (isThrough && state->isWanted()) {
+    if (isThrough && state->isWanted() && !state->isWoken) { // while it wakes up that says nothing
         for (const Meeting& meeting : tried) {
             memory_.failed(state->phone.peer_pubkey, meeting.host, meeting.network);
         }
@@ -272,7 +297,7 @@ void Finder::found(State& state, const HostAddress& host) {
 
 /// After those who wait have gone on: the disk does not hold up the phone.
 void Finder::later(std::function<void()> learn) {
-    looks_.add(atTheNextTurn(std::move(learn)), [](const std::exception_ptr&) {});
+    looks_.add(atTheNextTurn(std::move(learn)), [this](const std::exception_ptr& error) { report(error); });
 }
 
 /// Nobody removes the phone meanwhile: its record stays locked.

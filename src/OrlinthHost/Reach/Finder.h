@@ -21,7 +21,7 @@ enum class MaySweep : bool { no, yes };
 ///
 ///     begin() ── patience, or hurry() ──▶ nearby ── sweepDelay ──▶ sweep ──▶ found, or idle
 ///                                            ▲                                  │
-///                                            └── pauseAfterPush ── wokenUp() ───┘  once
+///                                            └── pauseAfterPush ── wokenUp() ───┘
 ///
 /// What is asked, in which order and how much at most is FinderPlan's. Whoever answers has to prove a key, and learns
 /// nothing about this computer but its address: see proveResponder(). Each proof counts for every phone that is looked
@@ -38,6 +38,8 @@ public:
     static constexpr Seconds sweepDelay = 1s;
     /// From the push to another look: a phone that wakes up may have got a new address.
     static constexpr Seconds pauseAfterPush = 2s;
+    /// And from that to the next, as long as the phone may still be waking up.
+    static constexpr Seconds pauseBetweenLooks = 5s;
     static constexpr Seconds connectLimit = 1200ms;
     static constexpr Seconds proofLimit = 2s;
     /// For one look, from nearby to idle. What holds connections open without a word may not make it longer.
@@ -84,6 +86,7 @@ private:
     void found(State& state, const HostAddress& host);
     [[nodiscard]] SoughtPhone soughtFor(const PeerRecord& phone, const Surroundings& here) const;
     [[nodiscard]] bool isAnyWanted(std::optional<std::uint16_t> port = {}) const;
+    void report(const std::exception_ptr& error) const;
     void leave(const std::shared_ptr<State>& state);
     void ifStillPaired(const PeerKey& phone, const std::function<void()>& learn);
     void later(std::function<void()> learn);

@@ -106,6 +106,7 @@ void Command::addFind(host::FindSetting& find) {
         ->type_name("known|always|never")
         ->check(CLI::IsMember({"known", "always", "never"}).description(""))
         ->take_last()
+        ->run_callback_for_default() // which the settings file may give
         ->default_str("known");
 }
 

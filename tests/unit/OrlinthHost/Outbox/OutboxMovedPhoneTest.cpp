@@ -56,6 +56,29 @@ TEST_F(OutboxMovedPhoneTest, IsNotTriedAnewForTheAddressThatWasJustRecorded) {
     EXPECT_EQ(attempts(), 2u);
 }
 
+TEST_F(OutboxMovedPhoneTest, GetsAllItsFilesAtAnAddressThatIsNotRecorded) {
+    world_.probe.makeSilent(newIp, fakes::World::phonePort);
+    const platform::IpAddress ipv6 = platform::parseIpAddress("fd00::57").value();
+    world_.routes.putOnLink(ipv6, "enp3s0");
+    AddressMemory(world_.files, world_.clock, world_.log, home_.dataDirectory())
+        .reached(phone, {.host = HostAddress::parse("fd00::57").value()});
+    world_.probe.accept(ipv6, fakes::World::phonePort, [this](std::unique_ptr<fakes::MemoryStream> stream) {
+        world_.alongside(fakes::proveKey(std::move(stream), world_.phoneKey.clone(), received_));
+    });
+    put(first, {"a.txt", "b.txt", "c.txt"});
+    world_.alongside(take(3));
+    start();
+    pass(400ms);
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt", "c.txt"));
+    EXPECT_EQ(recorded(), oldAddress);
+    world_.network.makeSilent("fd00::57"); // and now it goes
+    world_.probe.makeSilent(ipv6, fakes::World::phonePort);
+    put(second, {"d.txt"});
+    ring();
+    pass(12s);
+    EXPECT_EQ(world_.network.attempts.back().first, oldAddress) << "where the next attempt begins again";
+}
+
 TEST_F(OutboxMovedPhoneTest, IsNotTriedForEverIfWhatWasFoundIsOfNoUse) {
     world_.network.makeFailWithErrno(newAddress, ECONNREFUSED, world_.clock);
     put(first, {"a.txt"});

@@ -219,6 +219,7 @@ TEST_F(ApproachTest, LooksForNobodyWhenThePhoneItselfRefuses) {
     EXPECT_EQ(send(), "network: Connection refused");
     EXPECT_DOUBLE_EQ(endedAfter, 0);
     EXPECT_THAT(world.probe.attempts, IsEmpty());
+    EXPECT_EQ(remembered("192.168.7.30").failures, 0) << "it is there, and sleeps";
 }
 
 TEST_F(ApproachTest, LooksAtOnceWhenAnotherDeviceRefuses) {
@@ -290,6 +291,18 @@ TEST_F(ApproachTest, FollowsAPhoneOnceAndNotForEver) {
     world.network.makeSilent("192.168.7.57");
     EXPECT_EQ(send(), "network: connect timed out");
     EXPECT_THAT(connectedTo(), ElementsAre("192.168.7.30", "192.168.7.57"));
+}
+
+TEST_F(ApproachTest, StaysAtAnAddressThatWorksWhateverAddressThePhoneComesFrom) {
+    record.peer_ip = "10.1.4.30"; // behind a router that puts its own address in the phone's place
+    homeOf.peers().upsert(record);
+    memory.came(record.peer_pubkey, {.host = host("192.168.7.1"), .mac = routerMac, .network = home});
+    take({Taker::phone});
+    EXPECT_EQ(send(), "");
+    world.network.makeFailWithErrno("10.1.4.30", EHOSTUNREACH, world.clock);
+    EXPECT_EQ(send(), "network: connect timed out");
+    EXPECT_THAT(connectedTo(), ElementsAre("10.1.4.30"));
+    EXPECT_EQ(recorded(), "10.1.4.30");
 }
 
 TEST_F(ApproachTest, EndsWithItsCaller) {

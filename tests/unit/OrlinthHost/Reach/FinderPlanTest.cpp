@@ -246,6 +246,20 @@ TEST_F(FinderPlanTest, SweepsNothingWhileTheNeighbourTableIsCrowded) {
     EXPECT_EQ(plan().sweep(phone()), std::nullopt);
 }
 
+TEST_F(FinderPlanTest, IsNotMisledByALargeNeighbourTable) {
+    SoughtPhone sought = phone();
+    sought.recordedMac = phoneMac;
+    for (int i = 0; i < 300; ++i) {
+        neighbours.push_back(entry("192.168.7." + std::to_string(i % 254 + 1), otherMac,
+                                   i % 3 == 0 ? NeighbourState::failed : NeighbourState::stale));
+    }
+    neighbours.push_back(entry("192.168.7.57", phoneMac));
+    const std::vector<std::string> asked = nearby(sought);
+    EXPECT_EQ(asked.front(), "192.168.7.57");
+    EXPECT_THAT(asked, SizeIs(1 + 16));
+    EXPECT_TRUE(plan().sweep(sought));
+}
+
 TEST_F(FinderPlanTest, SweepsTheNetworkOfTheRecordedAddressBeforeAnother) {
     OwnNetwork cable = homeNetwork();
     cable.interface = "eth0";

@@ -236,6 +236,7 @@ TEST_F(FinderTest, GivesUpInTimeIfManySayNothing) {
     }
     EXPECT_EQ(search(), "");
     EXPECT_LE(foundAfter, 0.3 + 6);
+    EXPECT_EQ(mostAsked, 16);
 }
 
 TEST_F(FinderTest, DoesNotRememberAPhoneThatIsNotPairedAnyMore) {
@@ -262,6 +263,33 @@ TEST_F(FinderTest, LooksAgainAfterAPush) {
     EXPECT_DOUBLE_EQ(world.clock.elapsed(), 2);
     one.reset();
     world.run(finder.finish());
+}
+
+TEST_F(FinderTest, LooksNowAndThenWhileThePhoneIsWakingUp) {
+    meetAt("192.168.7.57");
+    world.probe.fail(ip("192.168.7.57"), fakes::World::phonePort, ECONNREFUSED);
+    Finder finder(homeOf, find);
+    std::unique_ptr<Finder::Search> one = finder.begin(record, MaySweep::no);
+    one->giveUp();
+    world.run(one->untilOver());
+    one->wokenUp();
+    const auto pass = [](platform::Clock& clock) -> Task<> { co_await clock.sleep(13s); };
+    world.run(pass(world.clock));
+    std::vector<double> instants;
+    for (const auto& attempt : world.probe.attempts) {
+        instants.push_back(attempt.at.time_since_epoch().count());
+    }
+    EXPECT_THAT(instants, ElementsAre(2, 7, 12));
+    EXPECT_EQ(memory.addressesOf(record.peer_pubkey).front().failures, 0);
+    one.reset();
+    world.run(finder.finish());
+}
+
+TEST_F(FinderTest, EndsAsIfNobodyWasThereIfThisComputerHasNoRoomForConnections) {
+    meetAt("192.168.7.30");
+    meetAt("192.168.7.57");
+    world.probe.errorNumber = EMFILE;
+    EXPECT_EQ(search(), "");
 }
 
 TEST_F(FinderTest, TellsWhetherAnotherDeviceHasTheAddress) {

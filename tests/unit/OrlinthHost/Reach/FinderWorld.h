@@ -64,9 +64,15 @@ protected:
             world.alongside(sayNothing(std::move(stream)));
         });
     }
-    static Task<> sayNothing(std::unique_ptr<fakes::MemoryStream> stream) {
-        Bytes all(1000);
-        static_cast<void>(co_await stream->readExact(all));
+    [[nodiscard]] Task<> sayNothing(std::unique_ptr<fakes::MemoryStream> stream) {
+        Bytes first(fakes::bytesOfFirstMessage);
+        if (co_await stream->readExact(first) < first.size()) {
+            co_return;
+        }
+        mostAsked = std::max(mostAsked, ++asked_);
+        Bytes rest(1000);
+        static_cast<void>(co_await stream->readExact(rest));
+        --asked_;
     }
 
     /// The phone was met there, with this computer at home.
@@ -81,6 +87,10 @@ protected:
     PeerRecord record;
     platform::PrivateKey otherKey = platform::PrivateKey::generate();
     std::map<std::string, std::size_t> received; ///< bytes, by the address that got them
+    int mostAsked = 0;                           ///< at once, of those who say nothing
+
+private:
+    int asked_ = 0;
 };
 
 } // namespace orlinth::host
