@@ -61,18 +61,14 @@ std::string behindLabel(const Finding& finding) {
     if (saysRemark(finding)) {
         return text;
     }
-    const std::string phone = forDisplay(finding.details.phone, 40);
-    const std::array<std::string, 3> subjects{phone + " is ", phone + " ", "This computer is "};
-    bool isCut = false;
-    for (const std::string& subject : subjects) {
-        if (!isCut && subject.size() > 1 && !phone.empty() && text.starts_with(subject)) {
-            text.erase(0, subject.size());
-            isCut = true;
-        }
+    std::string subject = finding.check == Finding::Check::computer ? "This computer" : "";
+    if (finding.check == Finding::Check::phone) {
+        subject = forDisplay(finding.details.phone, 40); // as the words have it
     }
-    if (finding.check == Finding::Check::computer && text.starts_with(subjects.back())) {
-        text.erase(0, subjects.back().size());
-    } else if (!isCut && !text.empty() && !text.starts_with("VPN")) {
+    if (!subject.empty() && text.starts_with(subject + " ")) {
+        text.erase(0, subject.size() + 1);
+        text.erase(0, text.starts_with("is ") ? 3 : 0);
+    } else if (finding.cause != Cause::pushNoToken) { // which begins with a name
         text.front() = static_cast<char>(std::tolower(static_cast<unsigned char>(text.front())));
     }
     const bool isOneSentence = text.find(". ") == std::string::npos;
@@ -85,6 +81,9 @@ std::string behindLabel(const Finding& finding) {
 std::string shortEvidence(const Finding& finding) {
     std::string text;
     for (const auto& [key, value] : finding.evidence.items()) {
+        if (value == "") {
+            continue;
+        }
         text += (text.empty() ? "" : ", ") + key + " " + (value.is_string() ? value.get<std::string>() : value.dump());
     }
     const auto milliseconds = std::chrono::round<std::chrono::milliseconds>(finding.duration).count();

@@ -382,11 +382,12 @@ TEST_F(DoctorCommandTest, MakesNoFolder) {
 
 TEST_F(DoctorCommandTest, SaysThatAPhoneCannotBeWoken) {
     record.peer_fcm_token = "push-token-of-pixel";
-    EXPECT_THAT(show(true).output, HasSubstr("! Waking          cannot be woken: the key file of your push project"));
+    EXPECT_THAT(show(true).output,
+                HasSubstr("! Waking          a phone that sleeps cannot be woken: the key file of your push\n"));
     world.files.put(dataFolder / "firebase-service-account.json", "not a key");
     const std::string shown = show(true).output;
-    EXPECT_THAT(shown, HasSubstr("! Waking          cannot be woken: the key file of your push project cannot be\n"
-                                 "                  used\n"));
+    EXPECT_THAT(shown, HasSubstr("! Waking          a phone that sleeps cannot be woken: the key file of your push\n"
+                                 "                  project cannot be used\n"));
     EXPECT_THAT(shown, HasSubstr("It works, with 1 warning.\n"));
 }
 
