@@ -35,6 +35,8 @@ std::string labelOf(const Finding& finding) {
         return "Downloads";
     case Finding::Check::waking:
         return "Waking";
+    case Finding::Check::arrival:
+        return "Receiving";
     case Finding::Check::phone:
         break;
     }
@@ -153,7 +155,7 @@ std::string DoctorReporter::mark(Status status) const {
     return shown + (style_.isUtf8 || sign.size() == 2 ? "" : " ");
 }
 
-void DoctorReporter::tell(const Finding& finding) {
+void DoctorReporter::found(const Finding& finding) {
     const host::Advice advice = adviceOf(finding);
     Json fields;
     fields["id"] = host::idOf(finding.check);
@@ -195,7 +197,14 @@ void DoctorReporter::showItem(Status status, const std::string& label, const std
     output_.page(head + page);
 }
 
-void DoctorReporter::conclude(const host::Diagnosis& diagnosis) {
+void DoctorReporter::listening(Seconds time) {
+    Json fields;
+    fields["seconds"] = time.count();
+    output_.event("listening", std::move(fields));
+    output_.message("Send something from the phone to this computer now. Waiting for " + timeInWords(time) + ".");
+}
+
+void DoctorReporter::concluded(const host::Diagnosis& diagnosis) {
     Json fields;
     fields["problems"] = diagnosis.problems;
     fields["can_send"] = diagnosis.canSend;
