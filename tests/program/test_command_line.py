@@ -108,7 +108,7 @@ class Help(ProgramTest):
             ("clip",): ["--to SELECTOR", "--text TEXT", "--mime TYPE=text/plain", "--warm-timeout SECONDS=5",
                         "--wake-timeout SECONDS=10", "--timeout SECONDS=10", "standard input", "--json", "--quiet"],
             ("wake",): ["SELECTOR", "--json", "--quiet"],
-            ("doctor",): ["SELECTOR", "--push", "--find known|always|never=known", "--verbose", "--json"],
+            ("doctor",): ["SELECTOR", "--listen", "--push", "--find known|always|never=known", "--verbose", "--json"],
         }.items():
             with self.subTest(command):
                 result = self.mac.run(*command, "--help")

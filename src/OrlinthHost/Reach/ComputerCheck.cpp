@@ -43,23 +43,6 @@ std::string whenInWords(EpochMilliseconds moment, EpochMilliseconds now) {
     return date == humanTime(now).substr(0, dateLength) ? "at " + time + " today" : "on " + date + " at " + time;
 }
 
-/// Which of the phones has last connected to this computer, and when.
-struct Arrival {
-    std::string phone;
-    EpochMilliseconds at{};
-};
-std::optional<Arrival> lastArrival(const Home& home, const std::vector<PeerRecord>& phones) {
-    std::optional<Arrival> last;
-    for (const PeerRecord& phone : phones) {
-        for (const KnownAddress& address : memoryOf(home).addressesOf(phone.peer_pubkey)) {
-            if (address.came && (!last || *address.came > last->at)) {
-                last = Arrival{.phone = phone.peer_hostname, .at = *address.came};
-            }
-        }
-    }
-    return last;
-}
-
 Finding finding(Check check, Status status, std::string remark = {}) {
     Finding found;
     found.check = check;
@@ -101,6 +84,22 @@ Task<std::optional<Cause>> troubleWithKey(Home& home, bool asksProject) {
 }
 
 } // namespace
+
+std::string Arrival::inWords(EpochMilliseconds now) const {
+    return forDisplay(phone) + " came in " + whenInWords(at, now);
+}
+
+std::optional<Arrival> lastArrival(const Home& home, const std::vector<PeerRecord>& phones) {
+    std::optional<Arrival> last;
+    for (const PeerRecord& phone : phones) {
+        for (const KnownAddress& address : memoryOf(home).addressesOf(phone.peer_pubkey)) {
+            if (address.came && (!last || *address.came > last->at)) {
+                last = Arrival{.phone = phone.peer_hostname, .at = *address.came};
+            }
+        }
+    }
+    return last;
+}
 
 const OwnNetwork* homeNetworkOf(const Whereabouts& here) {
     const OwnNetwork* best = nullptr;
@@ -172,9 +171,7 @@ Task<Finding> checkFirewall(Home& home, const OwnNetwork* network, std::uint16_t
     if (report.verdict == FirewallReport::Verdict::closed) {
         found = finding(Check::firewall, Status::problem, Cause::firewallIn, details);
     } else if (hasComeSince) {
-        found = finding(Check::firewall, Status::ok,
-                        forDisplay(arrival->phone) + " came in " +
-                            whenInWords(arrival->at, home.system.clock.epochMilliseconds()));
+        found = finding(Check::firewall, Status::ok, arrival->inWords(home.system.clock.epochMilliseconds()));
     } else if (report.verdict == FirewallReport::Verdict::unknown) {
         found = finding(Check::firewall, Status::warning, Cause::firewallMaybe, details);
     } else {

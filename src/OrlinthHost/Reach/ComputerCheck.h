@@ -24,6 +24,18 @@ inline constexpr std::uint16_t usualPort = 28471;
 /// a cable or of Wi-Fi here. Whether the phone is reached all the same, only an attempt tells.
 [[nodiscard]] bool isWayInQuestion(const Home& home, const Whereabouts& here, const std::vector<PeerRecord>& phones);
 
+/// That a phone has connected to this computer.
+struct Arrival {
+    std::string phone; ///< its name
+    EpochMilliseconds at{};
+
+    /// "Pixel-8 came in at 14:05 today"; safe to show.
+    [[nodiscard]] std::string inWords(EpochMilliseconds now) const;
+};
+
+/// The last one of these phones, as far as the AddressMemory has it: to AddressBook::resolution.
+[[nodiscard]] std::optional<Arrival> lastArrival(const Home& home, const std::vector<PeerRecord>& phones);
+
 /// Whether the firewall lets phones in at the port. That one of these phones has come in since this computer was
 /// started lifts a doubt. `home` outlives the task. @throws platform::Cancelled
 [[nodiscard]] Task<Finding> checkFirewall(Home& home, const OwnNetwork* network, std::uint16_t port,

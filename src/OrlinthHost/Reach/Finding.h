@@ -11,7 +11,7 @@ namespace orlinth::host {
 /// What one check of a diagnosis has found.
 struct Finding {
     /// What was looked at, in the order in which it is reported.
-    enum class Check { computer, service, firewall, downloads, phone, waking };
+    enum class Check { computer, service, firewall, downloads, phone, waking, arrival };
     enum class Status {
         ok,
         warning,    ///< it works, but not all of it
@@ -46,6 +46,8 @@ struct Finding {
         return "phone";
     case Finding::Check::waking:
         return "waking";
+    case Finding::Check::arrival:
+        return "arrival";
     }
     return "";
 }

@@ -178,11 +178,10 @@ Task<> untilFound(Finder::Search& search) {
 
 } // namespace
 
-Doctor::Doctor(Home& home, DoctorRequest request, OnFinding onFinding, OnConclusion onConclusion)
+Doctor::Doctor(Home& home, DoctorRequest request, DoctorEvents& events)
     : home_(home),
       request_(std::move(request)),
-      onFinding_(std::move(onFinding)),
-      onConclusion_(std::move(onConclusion)),
+      events_(events),
       here_(Whereabouts::look(home.system)),
       phonesLeft_(request_.phones.size()),
       isServiceKnown_(home.executor),
@@ -198,6 +197,11 @@ Task<Diagnosis> Doctor::run() {
     bool isCancelled = false;
     try {
         co_await untilReported();
+        if (request_.listens > 0s) {
+            events_.listening(request_.listens);
+            begin(Check::arrival, request_.listens, lookForArrival());
+            co_await untilReported();
+        }
     } catch (const std::exception& error) {
         if (!platform::isCancellation(error)) {
             throw;
@@ -205,7 +209,7 @@ Task<Diagnosis> Doctor::run() {
         isCancelled = true;
     }
     if (!isCancelled) {
-        onConclusion_(diagnosis_);
+        events_.concluded(diagnosis_);
     }
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     tasks_.cancelAll();
@@ -272,10 +276,18 @@ Task<> Doctor::fill(Slot slot, Task<Finding> task) {
 
 Task<> Doctor::giveUp(Slot slot, Seconds limit) {
     co_await home_.system.clock.sleep(limit);
-    if (!places_[slot].finding) {
-        putNothing(slot, "not measured: no answer in " + timeInWords(limit));
-        tasks_.cancel(*places_[slot].task);
+    if (places_[slot].finding) {
+        co_return;
     }
+    if (places_[slot].check == Check::arrival) {
+        put(slot, {.check = Check::arrival,
+                   .status = Status::problem,
+                   .cause = Cause::unknown,
+                   .remark = "no phone has come in within " + timeInWords(limit)});
+    } else {
+        putNothing(slot, "not measured: no answer in " + timeInWords(limit));
+    }
+    tasks_.cancel(*places_[slot].task);
 }
 
 void Doctor::putNothing(Slot slot, std::string remark) {
@@ -307,7 +319,7 @@ void Doctor::report() {
         const Finding& finding = *places_[reported_].finding;
         ++reported_;
         count(finding);
-        onFinding_(finding);
+        events_.found(finding);
     }
 }
 
@@ -325,6 +337,12 @@ void Doctor::count(const Finding& finding) {
     }
     const bool isWayTaken = isProblem && keepsFromAll(finding.cause);
     diagnosis_.isWayTaken = diagnosis_.isWayTaken || isWayTaken;
+    if (finding.check == Check::arrival) {
+        if (finding.status != Status::notMeasured) {
+            diagnosis_.canReceive = finding.status == Status::ok; // whatever was thought before
+        }
+        return;
+    }
     if (isProblem && diagnosis_.canReceive && (!isWayTaken || finding.cause == Cause::noNetwork)) {
         diagnosis_.canReceive = false;
     }
@@ -365,6 +383,23 @@ Task<Finding> Doctor::lookAtDownloads() {
 
 Task<Finding> Doctor::lookAtWaking() {
     co_return co_await checkWaking(home_, request_.phones, request_.asksPushProject);
+}
+
+/// Whatever the service notes of a phone that connects changes a file in its folder.
+Task<Finding> Doctor::lookForArrival() {
+    const EpochMilliseconds since = home_.system.clock.epochMilliseconds() - AddressBook::resolution;
+    platform::Event hasChanged(home_.executor);
+    const std::unique_ptr<platform::FolderWatch> watch =
+        home_.system.folders.watch(home_.dataDirectory(), home_.executor, [&hasChanged] { hasChanged.set(); });
+    std::optional<Arrival> arrival = lastArrival(home_, request_.phones);
+    while (!arrival || arrival->at < since) {
+        hasChanged.reset();
+        co_await hasChanged.wait();
+        arrival = lastArrival(home_, request_.phones);
+    }
+    co_return Finding{.check = Check::arrival,
+                      .status = Status::ok,
+                      .remark = arrival->inWords(home_.system.clock.epochMilliseconds())};
 }
 
 Task<Finding> Doctor::lookForPhone(const PeerRecord& phone) {

@@ -9,7 +9,6 @@
 #include "platform/Event.h"
 #include "platform/TaskGroup.h"
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +21,7 @@ struct DoctorRequest {
     platform::Path downloads;       ///< where received files go
     bool asksPushProject = false;   ///< over the internet
     FindSetting find = FindSetting::known; ///< where a phone is looked for that is not at its recorded address
+    Seconds listens{0}; ///< how long to wait for one of the phones to connect, once all else is found; 0: not
 };
 
 /// What it all comes to.
@@ -33,6 +33,18 @@ struct Diagnosis {
     bool isWayTaken = false;         ///< something of this computer keeps it from any phone
     bool canSend = false;            ///< to every phone that was looked for, and there is one
     std::optional<bool> canReceive;  ///< as far as this computer is concerned; nothing if that was not asked
+};
+
+/// What the doctor says. Called on the home's executor; no call throws.
+class DoctorEvents {
+public:
+    virtual ~DoctorEvents() = default;
+    /// Each finding, as soon as it and those before it are there.
+    virtual void found(const Finding& finding) = 0;
+    /// From now on it waits for a phone to connect, for so long: somebody should send something.
+    virtual void listening(Seconds time) = 0;
+    /// Behind the last finding.
+    virtual void concluded(const Diagnosis& diagnosis) = 0;
 };
 
 /// Finds out what keeps phones and this computer apart. All checks begin at once, each has a limit of its own, and none
@@ -50,15 +62,11 @@ public:
     /// How long a check may take that asks nobody but this computer, and the firewall, behind the one of the service.
     static constexpr Seconds quickLimit = 600ms;
     static constexpr Seconds firewallLimit = 1500ms;
-    /// How long all of it takes at most.
+    /// How long all of it takes at most, but for listening.
     static constexpr Seconds wholeLimit = 10s;
 
-    using OnFinding = std::function<void(const Finding&)>;
-    using OnConclusion = std::function<void(const Diagnosis&)>;
-
-    /// `onFinding` is called with each finding, as soon as it and those before it are there, and `onConclusion` behind
-    /// the last one; they do not throw. `home` outlives this.
-    Doctor(Home& home, DoctorRequest request, OnFinding onFinding, OnConclusion onConclusion);
+    /// Both outlive this.
+    Doctor(Home& home, DoctorRequest request, DoctorEvents& events);
     Doctor(const Doctor&) = delete;
     Doctor& operator=(const Doctor&) = delete;
 
@@ -85,6 +93,7 @@ private:
     [[nodiscard]] Task<Finding> lookAtFirewall();
     [[nodiscard]] Task<Finding> lookAtDownloads();
     [[nodiscard]] Task<Finding> lookAtWaking();
+    [[nodiscard]] Task<Finding> lookForArrival();
     [[nodiscard]] Task<Finding> lookForPhone(const PeerRecord& phone);
     [[nodiscard]] Task<std::optional<PhoneFindings>> checkUnlessFound(const PeerRecord& phone, Finder::Search& search);
     [[nodiscard]] Finding findingOfMove(const PeerRecord& phone, const HostAddress& found);
@@ -100,8 +109,7 @@ private:
 
     Home& home_;
     const DoctorRequest request_;
-    const OnFinding onFinding_;
-    const OnConclusion onConclusion_;
+    DoctorEvents& events_;
     const Whereabouts here_;
     std::vector<Place> places_; ///< by slot
     Slot reported_ = 0;

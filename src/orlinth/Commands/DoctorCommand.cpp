@@ -10,6 +10,9 @@ namespace orlinth::cli {
 
 namespace {
 
+/// How long somebody gets to send something from a phone.
+constexpr Seconds listeningTime = 60s;
+
 class DoctorCommand final : public Command {
 public:
     explicit DoctorCommand(CLI::App& program)
@@ -21,6 +24,8 @@ public:
             ->type_name("")
             ->check(notEmpty())
             ->configurable(false);
+        parser().add_flag("--listen", listens_,
+                          "Then wait for a phone to send something to this computer, for a minute at most.");
         parser().add_flag("--push", asksPushProject_,
                           "Also ask the push project over the internet whether it accepts this computer's key. No push "
                           "is sent.");
@@ -34,16 +39,15 @@ public:
                                     .isAboutPhones = !selectors_.empty(),
                                     .downloads = host::chooseDownloadsFolder(host, "").path,
                                     .asksPushProject = asksPushProject_,
-                                    .find = find_};
+                                    .find = find_,
+                                    .listens = listens_ ? listeningTime : 0s};
         if (request.phones.empty()) {
             host.output.message("No phone is paired yet. `orlinth pair` pairs one.");
         }
         DoctorReporter::Style style = DoctorReporter::styleOfTerminal();
         style.isVerbose = isVerbose_;
         DoctorReporter reporter(host.output, style);
-        host::Doctor doctor(
-            host, std::move(request), [&reporter](const host::Finding& found) { reporter.tell(found); },
-            [&reporter](const host::Diagnosis& diagnosis) { reporter.conclude(diagnosis); });
+        host::Doctor doctor(host, std::move(request), reporter);
         const host::Diagnosis diagnosis = host.tasks.run(doctor.run());
         return diagnosis.problems == 0 && diagnosis.absent.empty() ? 0 : 1;
     }
@@ -64,6 +68,7 @@ private:
     }
 
     std::vector<std::string> selectors_;
+    bool listens_ = false;
     bool asksPushProject_ = false;
     bool isVerbose_ = false;
     host::FindSetting find_ = host::FindSetting::known;

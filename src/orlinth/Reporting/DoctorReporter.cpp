@@ -35,6 +35,8 @@ std::string labelOf(const Finding& finding) {
         return "Downloads";
     case Finding::Check::waking:
         return "Waking";
+    case Finding::Check::arrival:
+        return "Receiving";
     case Finding::Check::phone:
         break;
     }
@@ -61,18 +63,14 @@ std::string behindLabel(const Finding& finding) {
     if (saysRemark(finding)) {
         return text;
     }
-    const std::string phone = forDisplay(finding.details.phone, 40);
-    const std::array<std::string, 3> subjects{phone + " is ", phone + " ", "This computer is "};
-    bool isCut = false;
-    for (const std::string& subject : subjects) {
-        if (!isCut && subject.size() > 1 && !phone.empty() && text.starts_with(subject)) {
-            text.erase(0, subject.size());
-            isCut = true;
-        }
+    std::string subject = finding.check == Finding::Check::computer ? "This computer" : "";
+    if (finding.check == Finding::Check::phone) {
+        subject = forDisplay(finding.details.phone, 40); // as the words have it
     }
-    if (finding.check == Finding::Check::computer && text.starts_with(subjects.back())) {
-        text.erase(0, subjects.back().size());
-    } else if (!isCut && !text.empty() && !text.starts_with("VPN")) {
+    if (!subject.empty() && text.starts_with(subject + " ")) {
+        text.erase(0, subject.size() + 1);
+        text.erase(0, text.starts_with("is ") ? 3 : 0);
+    } else if (finding.cause != Cause::pushNoToken) { // which begins with a name
         text.front() = static_cast<char>(std::tolower(static_cast<unsigned char>(text.front())));
     }
     const bool isOneSentence = text.find(". ") == std::string::npos;
@@ -85,6 +83,9 @@ std::string behindLabel(const Finding& finding) {
 std::string shortEvidence(const Finding& finding) {
     std::string text;
     for (const auto& [key, value] : finding.evidence.items()) {
+        if (value == "") {
+            continue;
+        }
         text += (text.empty() ? "" : ", ") + key + " " + (value.is_string() ? value.get<std::string>() : value.dump());
     }
     const auto milliseconds = std::chrono::round<std::chrono::milliseconds>(finding.duration).count();
@@ -154,7 +155,7 @@ std::string DoctorReporter::mark(Status status) const {
     return shown + (style_.isUtf8 || sign.size() == 2 ? "" : " ");
 }
 
-void DoctorReporter::tell(const Finding& finding) {
+void DoctorReporter::found(const Finding& finding) {
     const host::Advice advice = adviceOf(finding);
     Json fields;
     fields["id"] = host::idOf(finding.check);
@@ -196,7 +197,14 @@ void DoctorReporter::showItem(Status status, const std::string& label, const std
     output_.page(head + page);
 }
 
-void DoctorReporter::conclude(const host::Diagnosis& diagnosis) {
+void DoctorReporter::listening(Seconds time) {
+    Json fields;
+    fields["seconds"] = time.count();
+    output_.event("listening", std::move(fields));
+    output_.message("Send something from the phone to this computer now. Waiting for " + timeInWords(time) + ".");
+}
+
+void DoctorReporter::concluded(const host::Diagnosis& diagnosis) {
     Json fields;
     fields["problems"] = diagnosis.problems;
     fields["can_send"] = diagnosis.canSend;

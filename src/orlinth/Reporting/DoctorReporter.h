@@ -14,7 +14,7 @@ namespace orlinth::cli {
 ///                       Open the app there once …
 ///
 /// What is wrong is told by the mark and the words, never by colour alone.
-class DoctorReporter {
+class DoctorReporter final : public host::DoctorEvents {
 public:
     struct Style {
         bool isUtf8 = false;    ///< of the terminal; else the marks are ok, !, x and -
@@ -27,9 +27,9 @@ public:
     /// `output` outlives this.
     DoctorReporter(Output& output, Style style) : output_(output), style_(style) {}
 
-    void tell(const host::Finding& finding);
-    /// The last line.
-    void conclude(const host::Diagnosis& diagnosis);
+    void found(const host::Finding& finding) override;
+    void listening(Seconds time) override;
+    void concluded(const host::Diagnosis& diagnosis) override;
 
 private:
     void showItem(host::Finding::Status status, const std::string& label, const std::string& text,

@@ -108,9 +108,8 @@ protected:
                                     .isAboutPhones = !chosen.empty(),
                                     .downloads = world.system.directories.downloads};
         request.find = find;
-        host::Doctor doctor(
-            home, std::move(request), [&](const host::Finding& finding) { reporter.tell(finding); },
-            [&](const host::Diagnosis& diagnosis) { reporter.conclude(diagnosis); });
+        request.listens = listens;
+        host::Doctor doctor(home, std::move(request), reporter);
         const double begin = world.clock.elapsed();
         testing::internal::CaptureStdout();
         Shown shown;
@@ -136,6 +135,12 @@ protected:
         }
     }
 
+    /// The phone connects to this computer, and the service notes that.
+    Task<> comeAfter(Seconds delay) {
+        co_await world.clock.sleep(delay);
+        memory().came(record.peer_pubkey, {.host = host::HostAddress::parse("192.168.7.30").value()});
+        world.folders.change(dataFolder);
+    }
     static Task<> justRun(host::Doctor& doctor) {
         const host::Diagnosis diagnosis = co_await doctor.run();
         ADD_FAILURE() << "it has ended by itself, with " << diagnosis.problems << " problems";
@@ -149,6 +154,7 @@ protected:
     PeerRecord record = world.phoneRecord();
     bool hasService = true;
     host::FindSetting find = host::FindSetting::known;
+    Seconds listens{0};
 };
 
 // ---- transcripts
@@ -382,12 +388,54 @@ TEST_F(DoctorCommandTest, MakesNoFolder) {
 
 TEST_F(DoctorCommandTest, SaysThatAPhoneCannotBeWoken) {
     record.peer_fcm_token = "push-token-of-pixel";
-    EXPECT_THAT(show(true).output, HasSubstr("! Waking          cannot be woken: the key file of your push project"));
+    EXPECT_THAT(show(true).output,
+                HasSubstr("! Waking          a phone that sleeps cannot be woken: the key file of your push\n"));
     world.files.put(dataFolder / "firebase-service-account.json", "not a key");
     const std::string shown = show(true).output;
-    EXPECT_THAT(shown, HasSubstr("! Waking          cannot be woken: the key file of your push project cannot be\n"
-                                 "                  used\n"));
+    EXPECT_THAT(shown, HasSubstr("! Waking          a phone that sleeps cannot be woken: the key file of your push\n"
+                                 "                  project cannot be used\n"));
     EXPECT_THAT(shown, HasSubstr("It works, with 1 warning.\n"));
+}
+
+// ---- listening
+
+TEST_F(DoctorCommandTest, WaitsForAPhoneToComeIn) {
+    listens = 60s;
+    world.alongside(comeAfter(20s));
+    const Shown shown = show(true, {record});
+    EXPECT_THAT(shown.output, HasSubstr("✓ Pixel-8         here now, 192.168.7.30, answered in 4 ms\n"
+                                        "✓ Receiving       Pixel-8 came in at "));
+    EXPECT_THAT(shown.output, HasSubstr("\nEverything works.\n"));
+    EXPECT_NEAR(shown.after, 20, 0.01);
+    EXPECT_FALSE(world.folders.isWatched(dataFolder));
+    EXPECT_NEAR(show(true, {record}).after, 0, 0.01) << "it has come in just now";
+}
+
+TEST_F(DoctorCommandTest, SaysThatNoPhoneHasComeIn) {
+    listens = 60s;
+    const Shown shown = show(true, {record});
+    EXPECT_EQ(shown.output, "✓ Pixel-8         here now, 192.168.7.30, answered in 4 ms\n"
+                            "✗ Receiving       no phone has come in within 60 seconds\n"
+                            "1 problem. Sending works, receiving does not.\n");
+    EXPECT_NEAR(shown.after, 60, 0.01);
+    EXPECT_EQ(shown.status, 1);
+}
+
+TEST_F(DoctorCommandTest, DoesNotWaitWhereNothingCanBeSeen) {
+    listens = 60s;
+    world.folders.errorNumber = ENOSPC;
+    EXPECT_THAT(show(true, {record}).output, HasSubstr("· Receiving       not measured: "));
+}
+
+TEST_F(DoctorCommandTest, AsksPeopleToSendSomething) {
+    const Ended ended = doctor({"pixel", "--listen", "--json"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_NEAR(ended.after, 60, 0.01);
+    EXPECT_THAT(ended.errors,
+                ElementsAre("Send something from the phone to this computer now. Waiting for 60 seconds."));
+    EXPECT_THAT(ended.names(), ElementsAre("check", "check", "listening", "check", "complete"));
+    EXPECT_EQ(ended.events().at(3).at("id"), "arrival");
+    EXPECT_EQ(ended.events().back().at("can_receive"), false);
 }
 
 // ---- limits
@@ -460,10 +508,12 @@ TEST_F(DoctorCommandTest, LeavesNothingBehindIfItIsInterrupted) {
     pair({record});
     host::Home home{.system = world.system, .executor = world.context.get_executor()};
     host::DoctorRequest request{.phones = book().peers, .downloads = world.system.directories.downloads};
-    host::Doctor doctor(
-        home, std::move(request), [](const host::Finding&) {},
-        [](const host::Diagnosis&) { ADD_FAILURE() << "it was interrupted"; });
+    Output output;
+    DoctorReporter reporter(output, {});
+    host::Doctor doctor(home, std::move(request), reporter);
+    testing::internal::CaptureStdout();
     const bool hasEnded = world.run(platform::endsWithin(world.clock, 2s, justRun(doctor)));
+    static_cast<void>(testing::internal::GetCapturedStdout());
     EXPECT_FALSE(hasEnded);
     EXPECT_EQ(world.probe.underWay(), 0u);
 }
@@ -548,7 +598,7 @@ TEST_F(DoctorCommandTest, ColoursTheMarksAndNothingElse) {
     finding.status = host::Finding::Status::problem;
     finding.cause = host::Cause::noNetwork;
     testing::internal::CaptureStdout();
-    reporter.tell(finding);
+    reporter.found(finding);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "\033[31m✗\033[0m This computer   not connected to any network\n");
 }

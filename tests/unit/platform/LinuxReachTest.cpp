@@ -317,12 +317,12 @@ TEST_F(LinuxReachTest, SendsADatagramUnlessAFilterForbidsIt) {
     if (!run("command -v nft > /dev/null")) {
         GTEST_SKIP() << "NOT TESTED: a filter, as nft is not installed";
     }
-    ASSERT_TRUE(run("nft 'add table inet stop; add chain inet stop out { type filter hook output priority 0; };\n"
-                    "add rule inet stop out ip daddr 10.77.0.2 drop; add rule inet stop out ip6 daddr fd77::2 drop'"));
+    ASSERT_TRUE(run("echo 'table inet test { chain stop { type filter hook output priority 0; ip daddr 10.77.0.2 drop; "
+                    "ip6 daddr fd77::2 drop; }; }' | nft -f -"));
     EXPECT_FALSE(probe.maySendDatagram(address("10.77.0.2")));
     EXPECT_FALSE(probe.maySendDatagram(address("::ffff:10.77.0.2")));
     EXPECT_FALSE(probe.maySendDatagram(address("fd77::2")));
-    EXPECT_TRUE(run("nft delete table inet stop"));
+    EXPECT_TRUE(run("nft delete table inet test"));
     EXPECT_TRUE(probe.maySendDatagram(address("10.77.0.2")));
 }
 
