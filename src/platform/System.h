@@ -17,6 +17,7 @@
 #include "platform/Probe.h"
 #include "platform/Routes.h"
 #include "platform/ServiceDiscovery.h"
+#include "platform/SleepNews.h"
 #include "platform/Storage.h"
 #include "platform/UnixSockets.h"
 #include "platform/WorkQueues.h"
@@ -45,6 +46,7 @@ struct System {
     UnixSockets& unixSockets;
     Notifications& notifications;
     BusSignals& busSignals;
+    SleepNews& sleepNews;
     FolderWatcher& folders;
     UserDirectories directories;
 
