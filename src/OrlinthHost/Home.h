@@ -12,12 +12,15 @@ struct Home {
     platform::System& system;
     /// One thread. "On the home's executor" is said of what is called there, and may only be called there.
     Executor executor;
+    /// What peers() are copies of.
+    PeerStore store = PeerStore::keepingBook(system.files, system.directories, system.clock);
 
     /// The folder of the core's files.
     [[nodiscard]] platform::Path dataDirectory() const {
         return system.directories.data / KeyVault::defaultDirectoryName;
     }
-    [[nodiscard]] PeerStore peers() const { return {system.files, system.directories}; }
+    /// It reads the file only when it may have changed.
+    [[nodiscard]] PeerStore peers() const { return store; }
     /// This computer's key, made on first use. @throws KeyVault::Error
     [[nodiscard]] platform::PrivateKey staticKey() const {
         return KeyVault(system.files, system.directories).loadOrCreate();

@@ -94,6 +94,7 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makePartialsCommand(program));
     commands.push_back(makeClipCommand(program));
     commands.push_back(makeWakeCommand(program));
+    commands.push_back(makeDoctorCommand(program));
 
     try {
         applySettings(program, system.files, system.directories.config / "orlinth" / "config.toml");

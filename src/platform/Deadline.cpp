@@ -1,12 +1,28 @@
 #include "platform/Deadline.h"
 
-#include "platform/Cancelled.h"
+#include <asio/associated_cancellation_slot.hpp>
+#include <asio/async_result.hpp>
+#include <asio/bind_cancellation_slot.hpp>
+#include <asio/co_spawn.hpp>
+#include <asio/use_awaitable.hpp>
 
 namespace orlinth::platform {
 namespace {
 
 /// The time is over.
 class Late final : public std::exception {};
+
+struct CancellableInitiation {
+    template <typename Handler>
+    void operator()(Handler handler, const Executor& executor, const std::shared_ptr<asio::cancellation_signal>& cancel,
+                    Task<> work) const {
+        asio::cancellation_slot outer = asio::get_associated_cancellation_slot(handler);
+        if (outer.is_connected()) {
+            outer.assign([cancel](asio::cancellation_type type) { cancel->emit(type); });
+        }
+        asio::co_spawn(executor, std::move(work), asio::bind_cancellation_slot(cancel->slot(), std::move(handler)));
+    }
+};
 
 Task<bool> thenTrue(Task<> operation) {
     co_await std::move(operation);
@@ -15,16 +31,11 @@ Task<bool> thenTrue(Task<> operation) {
 
 } // namespace
 
-Task<bool> sleepUnlessCancelled(Clock& clock, Seconds duration) {
-    try {
-        co_await clock.sleep(duration);
-    } catch (const std::exception& error) {
-        if (!isCancellation(error)) {
-            throw;
-        }
-        co_return false;
-    }
-    co_return true;
+Task<> detail::runCancellably(std::shared_ptr<asio::cancellation_signal> cancel, Task<> work) {
+    const Executor executor = co_await asio::this_coro::executor;
+    const asio::use_awaitable_t<> token;
+    co_await asio::async_initiate<const asio::use_awaitable_t<>, void(std::exception_ptr)>(
+        CancellableInitiation(), token, executor, cancel, std::move(work));
 }
 
 Task<bool> endsWithin(Clock& clock, Seconds limit, Task<> operation) {

@@ -3,14 +3,14 @@
 #include "base/OneShot.h"
 #include "platform/Clock.h"
 
-#include <asio/experimental/awaitable_operators.hpp>
+#include <asio/cancellation_signal.hpp>
+#include <asio/this_coro.hpp>
 
 #include <exception>
+#include <memory>
+#include <utility>
 
 namespace orlinth::platform {
-
-/// Sleeps; returns whether the time has passed, false if the sleep was cancelled (the other side of a race has won).
-[[nodiscard]] Task<bool> sleepUnlessCancelled(Clock& clock, Seconds duration);
 
 /// Runs the operation and settles `outcome` with what comes of it; nothing escapes. `outcome` outlives the task.
 template <typename T>
@@ -29,13 +29,9 @@ template <typename T>
 
 namespace detail {
 
-template <typename T>
-[[nodiscard]] Task<> settleLate(OneShot<T>& outcome, Clock& clock, Seconds limit, std::exception_ptr error) {
-    const bool late = co_await sleepUnlessCancelled(clock, limit);
-    if (late) {
-        outcome.fail(std::move(error));
-    }
-}
+/// Runs `work` beside the task that waits for it, so that `cancel` ends the one and not the other. A cancellation from
+/// outside ends both.
+[[nodiscard]] Task<> runCancellably(std::shared_ptr<asio::cancellation_signal> cancel, Task<> work);
 
 } // namespace detail
 
@@ -52,10 +48,15 @@ template <typename T>
         co_await settle(outcome, std::move(operation));
         co_return;
     }
-    using namespace asio::experimental::awaitable_operators;
-    Task<> run = settle(outcome, std::move(operation));
-    Task<> alarm = detail::settleLate(outcome, clock, limit, std::move(onTimeout));
-    co_await (std::move(run) || std::move(alarm));
+    const Executor executor = co_await asio::this_coro::executor;
+    const auto cancel = std::make_shared<asio::cancellation_signal>();
+    const std::unique_ptr<Timer> alarm = clock.makeTimer(executor);
+    alarm->arm(limit, [&outcome, &onTimeout, &cancel] {
+        if (outcome.fail(onTimeout)) {
+            cancel->emit(asio::cancellation_type::terminal);
+        }
+    });
+    co_await detail::runCancellably(cancel, settle(outcome, std::move(operation)));
 }
 
 /// Runs `operation` for at most `limit`, which is more than zero, and returns whether it has ended by itself; if not

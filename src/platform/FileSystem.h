@@ -64,6 +64,8 @@ public:
     [[nodiscard]] virtual bool tryLock() = 0;
     /// Waits for the same lock. Meant for holders that keep it for milliseconds.
     virtual void lock() = 0;
+    /// Gives it back early.
+    virtual void unlock() noexcept = 0;
 };
 
 enum class OpenMode {

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <string_view>
+#include <system_error>
 
 namespace orlinth::platform {
 
@@ -56,6 +57,9 @@ public:
     [[nodiscard]] virtual std::size_t longestName() const noexcept = 0;
     /// Bytes that this user may still write on its file system.
     [[nodiscard]] virtual std::int64_t freeBytes() const = 0;
+    /// Why this user can make no file in it, as far as permissions and the file system tell; nothing is tried. No error
+    /// if nothing stands in the way.
+    [[nodiscard]] virtual std::error_code objectionToFiles() const noexcept = 0;
     /// What a file gets that is made with 0666: all of it that the umask leaves.
     [[nodiscard]] virtual std::uint32_t ordinaryPermissions() const = 0;
     /// The user id that new files get here.

@@ -36,6 +36,10 @@ struct ProbeTimeout {
     friend bool operator==(const ProbeTimeout&, const ProbeTimeout&) = default;
 };
 
+/// The port of the discard service (RFC 863), at which nobody listens: a system that is there refuses connections to
+/// it.
+inline constexpr std::uint16_t discardPort = 9;
+
 /// Never a null stream.
 using ProbeResult = std::variant<std::unique_ptr<Stream>, ProbeFailure, ProbeTimeout>;
 
@@ -50,6 +54,10 @@ public:
     /// @throws Cancelled; SystemError if this computer has no room for another connection
     [[nodiscard]] virtual Task<ProbeResult> connect(IpAddress address, std::uint16_t port, Seconds limit,
                                                     Executor executor) = 0;
+    /// Sends an empty datagram (UDP) to the discard port of the address, and returns false if a filter of this computer
+    /// forbids it at once (EPERM). A filter on the way, an address without a route, and anything else that goes wrong
+    /// say nothing about that: true. Does not block; any thread.
+    [[nodiscard]] virtual bool maySendDatagram(const IpAddress& address) const = 0;
 };
 
 } // namespace orlinth::platform

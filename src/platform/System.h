@@ -5,9 +5,11 @@
 #include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
+#include "platform/Firewall.h"
 #include "platform/FolderWatch.h"
 #include "platform/HttpsClient.h"
 #include "platform/Log.h"
+#include "platform/Machine.h"
 #include "platform/MimeTypes.h"
 #include "platform/Neighbours.h"
 #include "platform/Network.h"
@@ -42,6 +44,8 @@ struct System {
     Neighbours& neighbours;
     Routes& routes;
     Probe& probe;
+    Firewall& firewall;
+    Machine& machine;
     ServiceDiscovery& services;
     UnixSockets& unixSockets;
     Notifications& notifications;

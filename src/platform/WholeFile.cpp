@@ -99,9 +99,38 @@ void writeWholeFile(Folder& folder, const FileName& name, ByteView content, std:
     }
 }
 
-FileLock::FileLock(FileSystem& files, const Path& path)
-    : file_(files.open(Path(path) += ".lock", OpenMode::openOrCreate, Links::refuse, 0600)) {
+namespace {
+
+Path lockOf(const Path& path) {
+    return Path(path) += ".lock";
+}
+
+std::unique_ptr<File> openLock(FileSystem& files, const Path& lock) {
+    return files.open(lock, OpenMode::openOrCreate, Links::refuse, 0600);
+}
+
+} // namespace
+
+FileLock::FileLock(FileSystem& files, const Path& path) : file_(openLock(files, lockOf(path))) {
     file_->lock();
+}
+
+KeptFileLock::KeptFileLock(FileSystem& files, const Path& path) : files_(files), path_(lockOf(path)) {}
+
+KeptFileLock::Turn KeptFileLock::take() {
+    if (file_) {
+        const std::optional<FileStatus> named = files_.status(path_);
+        if (!named || !isSameFile(*named, opened_)) { // the others lock another file by now
+            file_.reset();
+        }
+    }
+    if (!file_) {
+        std::unique_ptr<File> file = openLock(files_, path_);
+        opened_ = file->status();
+        file_ = std::move(file);
+    }
+    file_->lock();
+    return Turn(*file_);
 }
 
 } // namespace orlinth::platform

@@ -45,4 +45,33 @@ private:
     std::unique_ptr<File> file_;
 };
 
+/// The same lock for somebody who takes it again and again: its file stays open between his turns. One thread at a
+/// time.
+class KeptFileLock {
+public:
+    /// As long as it lives, it has the lock. The lock outlives it.
+    class Turn {
+    public:
+        explicit Turn(File& file) noexcept : file_(file) {}
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+        ~Turn() { file_.unlock(); }
+
+    private:
+        File& file_;
+    };
+
+    /// Touches no file. `files` outlives it.
+    KeptFileLock(FileSystem& files, const Path& path);
+    /// Waits for its turn. The folder must exist. A lock's file that somebody has removed is made again.
+    /// @throws SystemError
+    [[nodiscard]] Turn take();
+
+private:
+    FileSystem& files_;
+    Path path_;
+    std::unique_ptr<File> file_;
+    FileStatus opened_; ///< the file, when it was opened
+};
+
 } // namespace orlinth::platform

@@ -27,6 +27,12 @@ public:
         return watch;
     }
 
+    /// Tells of every change in its folder.
+    [[nodiscard]] std::unique_ptr<platform::FolderWatch> watchFile(const platform::Path& file, Executor executor,
+                                                                   std::function<void()> onChange) override {
+        return watch(file.parent_path(), std::move(executor), std::move(onChange));
+    }
+
     /// A name in this folder has come or gone.
     void change(const platform::Path& folder) {
         for (const Watch* watch : watches_) {

@@ -24,13 +24,7 @@ public:
     MemoryFile(const MemoryFile&) = delete;
     MemoryFile& operator=(const MemoryFile&) = delete;
 
-    ~MemoryFile() override {
-        const std::lock_guard guard(state_->lock);
-        if (node_->lockedBy == this) {
-            node_->lockedBy = nullptr;
-            state_->unlocked.notify_all();
-        }
-    }
+    ~MemoryFile() override { letGo(); }
 
     std::size_t read(MutableBytes into) override {
         state_->announce(Operation::read, path_);
@@ -125,7 +119,17 @@ public:
         node_->lockedBy = this;
     }
 
+    void unlock() noexcept override { letGo(); }
+
 private:
+    void letGo() noexcept {
+        const std::lock_guard guard(state_->lock);
+        if (node_->lockedBy == this) {
+            node_->lockedBy = nullptr;
+            state_->unlocked.notify_all();
+        }
+    }
+
     std::shared_ptr<MemoryFileSystem::State> state_;
     NodePointer node_;
     Path path_;

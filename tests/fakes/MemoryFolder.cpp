@@ -91,6 +91,12 @@ public:
         return free ? static_cast<std::int64_t>(*free) : std::numeric_limits<std::int64_t>::max();
     }
 
+    [[nodiscard]] std::error_code objectionToFiles() const noexcept override {
+        const std::lock_guard guard(state_->lock);
+        return (statusOf(*node_).permissions & mayWrite) != 0 ? std::error_code()
+                                                              : std::make_error_code(std::errc::permission_denied);
+    }
+
     [[nodiscard]] std::uint32_t ordinaryPermissions() const override { return 0666U & ~umask; }
 
     [[nodiscard]] std::uint32_t user() const noexcept override { return memory::user; }

@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -46,6 +47,13 @@ public:
         co_return ours;
     }
 
+    [[nodiscard]] bool maySendDatagram(const platform::IpAddress& address) const override {
+        ++datagrams;
+        return !forbidden_.contains(address);
+    }
+
+    /// This computer lets no datagram out to the address.
+    void forbidDatagrams(const platform::IpAddress& address) { forbidden_.insert(address); }
     /// The port takes connections; `onConnected` gets the other end of each.
     void accept(platform::IpAddress address, std::uint16_t port,
                 std::function<void(std::unique_ptr<MemoryStream>)> onConnected, Seconds after = 0s) {
@@ -66,9 +74,10 @@ public:
         std::uint16_t port = 0;
         platform::Clock::Instant at;
     };
-    std::vector<Attempt> attempts;  ///< so far, in order
-    std::size_t most = 0;           ///< that were under way at once
-    std::optional<int> errorNumber; ///< connect() fails with this error, if set
+    std::vector<Attempt> attempts;     ///< so far, in order
+    std::size_t most = 0;              ///< that were under way at once
+    mutable std::size_t datagrams = 0; ///< that were sent, or tried
+    std::optional<int> errorNumber;    ///< connect() fails with this error, if set
 
     [[nodiscard]] std::size_t underWay() const noexcept { return underWay_; }
 
@@ -98,6 +107,7 @@ private:
 
     platform::Clock& clock_;
     std::map<Place, Answer> answers_;
+    std::set<platform::IpAddress> forbidden_;
     std::size_t underWay_ = 0;
 };
 

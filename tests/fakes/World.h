@@ -7,6 +7,7 @@
 #include "fakes/FakeClipboard.h"
 #include "fakes/FakeFolderWatcher.h"
 #include "fakes/FakeHttpsClient.h"
+#include "fakes/FakeMachine.h"
 #include "fakes/FakeMimeTypes.h"
 #include "fakes/FakeNetworkInterfaces.h"
 #include "fakes/FakeNotifications.h"
@@ -58,6 +59,8 @@ struct World {
     MemoryNeighbours neighbours;
     MemoryRoutes routes;
     MemoryProbe probe{clock};
+    FakeFirewall firewall{clock};
+    FakeMachine machine;
     FakeServiceDiscovery services{clock};
     MemoryUnixSockets unixSockets{context};
     FakeNotifications notifications;
@@ -79,6 +82,8 @@ struct World {
                 .neighbours = neighbours,
                 .routes = routes,
                 .probe = probe,
+                .firewall = firewall,
+                .machine = machine,
                 .services = services,
                 .unixSockets = unixSockets,
                 .notifications = notifications,

@@ -47,6 +47,8 @@ class WrongCommandLines(ProgramTest):
             *(["serve", "--accept", answer] for answer in ("", "yes", "Always")),
             ["serve", "--dir", ""],
             ["serve", "a.bin"],
+            ["doctor", ""],
+            ["doctor", "--bogus"],
             ["wake"],
             ["wake", ""],
             ["wake", "phone", "tablet"],
@@ -84,7 +86,7 @@ class Help(ProgramTest):
     def test_every_command_explains_every_flag_with_unit_and_default(self):
         for command, expected in {
             (): ["id", "pair", "join", "peers", "send", "receive", "serve", "share", "outbox", "partials",
-                 "clip", "wake", "--version", "Exit status"],
+                 "clip", "wake", "doctor", "--version", "Exit status"],
             ("share",): ["--to SELECTOR", "FILE", "--json"],
             ("outbox",): ["retry", "drop", "--json"],
             ("partials",): ["--dir DIR", "--remove-older-than DAYS", "--json", "--quiet"],
@@ -106,6 +108,7 @@ class Help(ProgramTest):
             ("clip",): ["--to SELECTOR", "--text TEXT", "--mime TYPE=text/plain", "--warm-timeout SECONDS=5",
                         "--wake-timeout SECONDS=10", "--timeout SECONDS=10", "standard input", "--json", "--quiet"],
             ("wake",): ["SELECTOR", "--json", "--quiet"],
+            ("doctor",): ["SELECTOR", "--push", "--find known|always|never=known", "--verbose", "--json"],
         }.items():
             with self.subTest(command):
                 result = self.mac.run(*command, "--help")

@@ -229,7 +229,9 @@ class Silence(ProgramTest):
             sent = self.mac.run("send", str(self.file("a.bin", b"a")))
         self.assertEqual(1, sent.returncode)
         self.assert_one_line_error(sent.stderr, "network: Connection refused")
-        self.assertIn("awake", sent.stderr.splitlines()[-1])
+        hint = sent.stderr.splitlines()[-1]
+        self.assertIn("is on this network, but Orlinth is not open on it.", hint)
+        self.assertTrue(hint.endswith("` looks further."), hint)
 
     def test_a_phone_that_does_not_answer_is_given_up_after_the_warm_timeout(self):
         with UnansweredPort() as port:

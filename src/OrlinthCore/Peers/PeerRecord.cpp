@@ -1,7 +1,9 @@
 #include "OrlinthCore/Peers/PeerRecord.h"
 
 #include "OrlinthCore/Peers/PeerNames.h"
+#include "base/Mutex.h"
 #include "base/Text.h"
+#include "platform/FileChangeCheck.h"
 #include "platform/SystemError.h"
 #include "platform/WholeFile.h"
 
@@ -133,7 +135,42 @@ PeerStore::PeerStore(platform::FileSystem& files, const platform::UserDirectorie
 PeerStore::PeerStore(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName)
     : files_(files), directoryPath_(std::move(directoryURL)), filePath_(directoryPath_ / fileName) {}
 
+/// What was read last, of all copies of a store.
+struct PeerStore::KeptBook {
+    explicit KeptBook(const platform::Clock& clockOf) : clock(clockOf) {}
+
+    const platform::Clock& clock;
+    Mutex lock;
+    platform::FileChangeCheck check ORLINTH_GUARDED_BY(lock);
+    std::optional<PeerBook> book ORLINTH_GUARDED_BY(lock);
+};
+
+PeerStore PeerStore::keepingBook(platform::FileSystem& files, const platform::UserDirectories& directories,
+                                 const platform::Clock& clock) {
+    PeerStore store(files, directories);
+    store.kept_ = std::make_shared<KeptBook>(clock);
+    return store;
+}
+
 PeerBook PeerStore::loadBook() const {
+    if (!kept_) {
+        return readBook();
+    }
+    const MutexLock guard(kept_->lock);
+    bool isKept = false;
+    try {
+        isKept = kept_->check.look(files_, kept_->clock, filePath_) == platform::FileChangeCheck::Answer::same;
+    } catch (const SystemError&) {
+        // reading it says the same
+    }
+    if (!isKept || !kept_->book) {
+        kept_->book.reset();
+        kept_->book = readBook();
+    }
+    return *kept_->book;
+}
+
+PeerBook PeerStore::readBook() const {
     Bytes content;
     try {
         content = platform::readWholeFile(files_, filePath_);
@@ -194,7 +231,7 @@ void PeerStore::update(const std::function<bool(PeerBook&)>& change) {
         }
     }
     const platform::FileLock held = lock();
-    PeerBook book = loadBook();
+    PeerBook book = readBook();
     if (change(book)) {
         writeBook(book);
     }

@@ -4,11 +4,13 @@
 #include "base/Json.h"
 #include "base/StrongText.h"
 #include "base/Time.h"
+#include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/FileSystem.h"
 #include "platform/WholeFile.h"
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -66,7 +68,8 @@ private:
         : CaseError(which, prefix, detail) {}
 };
 
-/// The paired phones, in one JSON file that is read fresh by every call and replaced whole by every change.
+/// The paired phones, in one JSON file that is read fresh by every call, unless it was made by keepingBook(), and
+/// replaced whole by every change.
 ///
 /// A file that does not decode is never overwritten. Changes hold an advisory lock from reading to writing, so that
 /// two processes (or threads) do not lose each other's. All calls block and throw PeerStoreError. Copies are the same
@@ -81,6 +84,12 @@ public:
               const std::string& fileName = defaultFileName);
     /// The store in another folder.
     PeerStore(platform::FileSystem& files, platform::Path directoryURL, const std::string& fileName = defaultFileName);
+
+    /// The first one, for whoever asks all the time: it, and every copy of it, reads the file only when it may have
+    /// changed since one of them read it. `clock` outlives them too.
+    [[nodiscard]] static PeerStore keepingBook(platform::FileSystem& files,
+                                               const platform::UserDirectories& directories,
+                                               const platform::Clock& clock);
 
     [[nodiscard]] const platform::Path& fileURL() const noexcept { return filePath_; }
     [[nodiscard]] const platform::Path& directoryURL() const noexcept { return directoryPath_; }
@@ -135,12 +144,15 @@ private:
     /// Takes out the records of this key, and those that `isSamePhone` picks, which it returns.
     [[nodiscard]] static std::vector<PeerRecord> takeOut(PeerBook& book, const PeerKey& peerKey,
                                                          const IsSamePhone& isSamePhone);
+    [[nodiscard]] PeerBook readBook() const;
     void createDirectory();
     [[nodiscard]] platform::FileLock lock();
 
     platform::FileSystem& files_;
     platform::Path directoryPath_;
     platform::Path filePath_;
+    struct KeptBook;
+    std::shared_ptr<KeptBook> kept_; ///< null: none is kept
 };
 
 } // namespace orlinth

@@ -132,7 +132,9 @@ void DeliveredTransfers::List::clear() {
 }
 
 DeliveredTransfers::DeliveredTransfers(platform::Storage storage)
-    : storage_(std::move(storage)), file_(storage_.directories.data / PeerStore::defaultDirectoryName / fileName) {}
+    : storage_(std::move(storage)),
+      file_(storage_.directories.data / PeerStore::defaultDirectoryName / fileName),
+      turns_(storage_.files, file_) {}
 
 DeliveredTransfers::~DeliveredTransfers() = default;
 
@@ -166,52 +168,51 @@ std::size_t DeliveredTransfers::takeLines(ByteView content) {
     }
 }
 
-void DeliveredTransfers::openLog() {
+void DeliveredTransfers::closeLog() {
     log_.reset();
     list_.clear();
     taken_ = 0;
-    log_ =
-        storage_.files.open(file_, platform::OpenMode::openOrCreate, platform::Links::follow, deliveredFilePermissions);
-    if (log_->status().kind != platform::FileKind::regular) { // reading from a pipe would never end
-        log_.reset();
-        throw platform::SystemError::fromErrno(EINVAL);
-    }
 }
 
-/// Takes in what other processes, and earlier runs, have written.
-void DeliveredTransfers::catchUp() {
+/// Returns how many bytes it has.
+std::int64_t DeliveredTransfers::openLog() {
+    closeLog();
+    std::unique_ptr<platform::File> file =
+        storage_.files.open(file_, platform::OpenMode::openOrCreate, platform::Links::follow, deliveredFilePermissions);
+    opened_ = file->status();
+    if (opened_.kind != platform::FileKind::regular) { // reading from a pipe would never end
+        throw platform::SystemError::fromErrno(EINVAL);
+    }
+    log_ = std::move(file);
+    return opened_.size;
+}
+
+/// Takes in what other processes, and earlier runs, have written. Returns how many bytes the file has.
+std::int64_t DeliveredTransfers::catchUp() {
     const std::optional<platform::FileStatus> named = storage_.files.status(file_);
     if (!named) {
-        log_.reset();
-        list_.clear();
-        taken_ = 0;
-        return;
+        closeLog();
+        return 0;
     }
-    if (log_) {
-        const platform::FileStatus opened = log_->status();
-        if (!platform::isSameFile(opened, *named) || opened.size < taken_) {
-            log_.reset();
-        }
-    }
-    if (!log_) {
-        openLog();
-    }
-    const std::int64_t size = log_->status().size;
+    const bool isOpen = log_ && platform::isSameFile(opened_, *named) && named->size >= taken_;
+    const std::int64_t size = isOpen ? named->size : openLog();
     if (size > maxFileBytes) {
         list_.clear();
         taken_ = 0;
-        return;
+        return size;
     }
     if (size == taken_) {
-        return;
+        return size;
     }
     Bytes content(static_cast<std::size_t>(size - taken_));
     log_->seek(ByteOffset(taken_));
     const std::size_t count = log_->read(content);
     taken_ += static_cast<std::int64_t>(takeLines(ByteView(content).first(count)));
+    return size;
 }
 
-void DeliveredTransfers::writeAnew() {
+/// Returns how many bytes the file has then.
+std::int64_t DeliveredTransfers::writeAnew() {
     list_.forgetOlderThan(storage_.clock.epochMilliseconds() - maxAge);
     std::vector<std::string> lines;
     std::size_t size = 0;
@@ -231,20 +232,31 @@ void DeliveredTransfers::writeAnew() {
     platform::writeWholeFile(storage_.files, file_, asBytes(content), deliveredFilePermissions,
                              platform::Flush::content, platform::Links::follow);
     log_.reset();
-    catchUp();
+    return catchUp();
+}
+
+/// Waits for its turn among the processes.
+platform::KeptFileLock::Turn DeliveredTransfers::takeTurn() {
+    try {
+        return turns_.take();
+    } catch (const platform::SystemError& error) {
+        if (error.code() != std::errc::no_such_file_or_directory) {
+            throw;
+        }
+    }
+    storage_.files.createDirectories(file_.parent_path(), deliveredFolderPermissions);
+    return turns_.take();
 }
 
 void DeliveredTransfers::append(const Delivery& delivery) {
-    storage_.files.createDirectories(file_.parent_path(), deliveredFolderPermissions);
-    const platform::FileLock guard(storage_.files, file_);
-    catchUp();
+    const platform::KeptFileLock::Turn turn = takeTurn();
+    std::int64_t size = catchUp();
     if (!log_) {
-        openLog();
+        size = openLog();
     }
-    if (log_->status().size >= compactionBytes) {
-        writeAnew();
+    if (size >= compactionBytes) {
+        size = writeAnew();
     }
-    const std::int64_t size = log_->status().size;
     const bool isTorn = size > taken_; // by a kill in the middle of a line, which ends here
     const std::string line = (isTorn ? "\n" : "") + encode(delivery);
     log_->seek(ByteOffset(size));
@@ -300,7 +312,7 @@ std::optional<DeliveredTransfers::Delivery> DeliveredTransfers::remembered(const
     std::optional<Delivery> known;
     bestEffort("cannot read which files were delivered", [&] {
         lock_.assertHeld();
-        catchUp();
+        static_cast<void>(catchUp());
         const Delivery* const delivery = list_.find({peerKey, transferId});
         if (delivery != nullptr && delivery->at_epoch_ms >= storage_.clock.epochMilliseconds() - maxAge) {
             known = *delivery;

@@ -7,6 +7,7 @@
 #include "platform/Folder.h"
 #include "platform/Storage.h"
 #include "platform/SystemError.h"
+#include "platform/WholeFile.h"
 
 #include <cstdint>
 #include <map>
@@ -117,20 +118,24 @@ private:
     [[nodiscard]] std::optional<Delivery> remembered(const PeerKey& peerKey, const TransferId& transferId);
     [[nodiscard]] bool isStillThere(const Delivery& delivery) const;
     void log(const char* what, const platform::SystemError& error) const;
-    void catchUp() ORLINTH_REQUIRES(lock_);
-    void openLog() ORLINTH_REQUIRES(lock_);
+    [[nodiscard]] platform::KeptFileLock::Turn takeTurn() ORLINTH_REQUIRES(lock_);
+    [[nodiscard]] std::int64_t catchUp() ORLINTH_REQUIRES(lock_);
+    [[nodiscard]] std::int64_t openLog() ORLINTH_REQUIRES(lock_);
+    void closeLog() ORLINTH_REQUIRES(lock_);
     void append(const Delivery& delivery) ORLINTH_REQUIRES(lock_);
-    void writeAnew() ORLINTH_REQUIRES(lock_);
+    [[nodiscard]] std::int64_t writeAnew() ORLINTH_REQUIRES(lock_);
     template <typename Step>
     void bestEffort(const char* what, Step step) ORLINTH_REQUIRES(lock_);
 
     platform::Storage storage_;
     platform::Path file_;
     Mutex lock_;
+    platform::KeptFileLock turns_ ORLINTH_GUARDED_BY(lock_); ///< of the processes
     List list_ ORLINTH_GUARDED_BY(lock_);
     /// Kept open, so that no other file gets its inode; null if there is none.
     std::unique_ptr<platform::File> log_ ORLINTH_GUARDED_BY(lock_);
-    std::int64_t taken_ ORLINTH_GUARDED_BY(lock_) = 0; ///< bytes of it that are in the list; whole lines
+    platform::FileStatus opened_ ORLINTH_GUARDED_BY(lock_); ///< it, when it was opened
+    std::int64_t taken_ ORLINTH_GUARDED_BY(lock_) = 0;      ///< bytes of it that are in the list; whole lines
 };
 
 } // namespace orlinth

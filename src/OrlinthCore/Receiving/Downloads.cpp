@@ -27,6 +27,11 @@ Downloads::Downloads(platform::Storage storage, platform::WorkQueues& queues, pl
 
 std::unique_ptr<platform::Folder> Downloads::open() const {
     try {
+        return storage_.files.openFolder(path_);
+    } catch (const platform::SystemError&) {
+        // it may not be there yet; what else it is comes up again
+    }
+    try {
         storage_.files.createDirectories(path_);
         return storage_.files.openFolder(path_);
     } catch (const platform::SystemError& error) {

@@ -98,7 +98,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
           staticKey(key),
           port(number),
           prologue(std::move(prologueBytes)),
-          peers(owner.files, owner.directories),
+          peers(PeerStore::keepingBook(owner.files, owner.directories, owner.clock)),
           downloads(owner.storage(), owner.queues, std::move(directory)),
           queue(owner.queues.makeSerialQueue("orlinth.receiver")),
           updates(std::make_shared<RecordUpdates>(peers, owner.clock, owner.queues)),

@@ -27,8 +27,11 @@ ConnectRequest connectRequest(platform::System& system, const OneOffRequest& req
             .fcmBaseURL = request.fcmBaseURL,
             .mayWake = request.mayWake,
             .onWarmFailure =
-                [clipLog](const std::exception& error) mutable {
+                [clipLog, onUnreached = request.onUnreached](const std::exception& error) mutable {
                     clipLog.write("warm connect failed: " + describe(error));
+                    if (onUnreached) {
+                        onUnreached(error);
+                    }
                 },
             .onDecision =
                 [clipLog, yesOrNo](bool needsWake, bool hasFcm) mutable {
@@ -90,6 +93,9 @@ Task<OneOffEnd> sendOnQueue(platform::System& system, TransportMessage message, 
         co_await connectOrWake(system, connectRequest(system, request, queue));
     if (request.keepAlive) {
         connection->setKeepAlive(*request.keepAlive);
+    }
+    if (request.onConnected) {
+        request.onConnected();
     }
     WireConnection wire(std::move(connection), system.clock);
     Authentication who{.staticKey = request.staticKey,

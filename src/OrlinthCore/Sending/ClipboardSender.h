@@ -34,11 +34,14 @@ struct OneOffRequest {
     Seconds warmConnectTimeout;     ///< for the first attempt to connect
     Seconds postWakeConnectTimeout; ///< for the single attempt after a wake, which waits for the phone's port
     std::string fcmBaseURL = FcmWake::defaultBaseURL;
-    bool mayWake = true;                 ///< whether a phone that sleeps is woken, if its push token is known
-    Seconds handshakeLimit{0};           ///< in which the phone has to prove its key; 0: no limit
-    Seconds sendLimit{0};                ///< in which it has to take the message; 0: no limit
-    Seconds answerLimit{0};              ///< in which it may answer or close behind it; 0: no limit
-    std::function<void()> onWaking = {}; ///< a push was delivered
+    bool mayWake = true;       ///< whether a phone that sleeps is woken, if its push token is known
+    Seconds handshakeLimit{0}; ///< in which the phone has to prove its key; 0: no limit
+    Seconds sendLimit{0};      ///< in which it has to take the message; 0: no limit
+    Seconds answerLimit{0};    ///< in which it may answer or close behind it; 0: no limit
+    /// The first attempt to connect has failed. What follows, a push or the end, comes behind it.
+    std::function<void(const std::exception&)> onUnreached = {};
+    std::function<void()> onConnected = {};         ///< a connection is up
+    std::function<void()> onWaking = {};            ///< a push was delivered
     std::function<void()> onHandshakeComplete = {}; ///< the phone has proved its key
     std::function<void()> onSent = {};              ///< the system has taken the whole message
     /// Notices a phone that is gone, also if no limit is set. Absent: off.

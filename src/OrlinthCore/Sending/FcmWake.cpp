@@ -230,6 +230,14 @@ Task<> FcmWake::sendWake(std::string toToken) {
     return platform::runOn(queue_, sendOnQueue(std::move(toToken)));
 }
 
+void FcmWake::tryKey() const {
+    static_cast<void>(mintJWT());
+}
+
+Task<> FcmWake::tryAccess() {
+    return platform::runOn(queue_, fetchAccessToken());
+}
+
 Task<> FcmWake::sendOnQueue(std::string toToken) {
     co_await fetchAccessToken();
     const SecretBytes accessToken(cachedAccessToken_->token.reveal());

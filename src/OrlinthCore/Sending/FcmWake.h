@@ -59,6 +59,12 @@ public:
     /// fails in passing. @throws Error; platform::HttpError for failures of the network that are not tried again
     [[nodiscard]] Task<> sendWake(std::string toToken);
 
+    /// Signs something with the account's key and forgets it. Touches no network.
+    /// @throws Error::privateKeyImport, sign
+    void tryKey() const;
+    /// Has the account's token endpoint take the key, and sends no message. @throws as sendWake()
+    [[nodiscard]] Task<> tryAccess();
+
 private:
     struct AccessToken {
         SecretBytes token;

@@ -29,6 +29,7 @@ ConnectRequest connectRequest(platform::System& system, const SendTerms& terms, 
             .connectAfterWake = attemptInWindow,
             .fcmBaseURL = terms.fcmBaseURL,
             .mayWake = terms.mayWake,
+            .onWarmFailure = [&progress](const std::exception& error) { progress.onUnreached(error); },
             .onWoken = [&progress] { progress.onWaking(); }};
 }
 
@@ -218,6 +219,7 @@ Task<SentFile> sendByJournal(platform::System& system, SendRequest request, Exec
 } // namespace
 
 void SendProgress::onFile(const std::string&, std::int64_t, const std::string&) {}
+void SendProgress::onUnreached(const std::exception&) {}
 void SendProgress::onConnected() {}
 void SendProgress::onWaking() {}
 void SendProgress::onHandshakeComplete() {}

@@ -32,6 +32,8 @@ public:
     virtual ~SendProgress() = default;
     /// The file has been examined.
     virtual void onFile(const std::string& name, std::int64_t size, const std::string& mime);
+    /// The first attempt to connect has failed. What follows, a push or the end of the send, comes behind it.
+    virtual void onUnreached(const std::exception& error);
     /// A connection to the phone is up.
     virtual void onConnected();
     /// A wake push was delivered and connecting begins again.

@@ -20,9 +20,15 @@ namespace orlinth::host {
 
 namespace {
 
-bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other) {
-    return one.peer_ip == other.peer_ip && one.peer_port == other.peer_port &&
+/// Also if the second has just got the address at which the phone was found.
+bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other, const std::string& foundAt) {
+    return (one.peer_ip == other.peer_ip || other.peer_ip == foundAt) && one.peer_port == other.peer_port &&
            one.peer_fcm_token == other.peer_fcm_token;
+}
+
+/// A phone that is away for a night is not looked for in every address of the network each hour.
+bool isWorthASweep(const RetryPolicy& retries) {
+    return retries.failures() == 0 || retries.failures() == 2;
 }
 
 /// Not if it is on this computer, and a name may be this computer's.
@@ -101,6 +107,7 @@ struct OutboxSender::Running final : Attempt {
 struct OutboxSender::Phone {
     PeerKey peerKey;
     std::optional<PeerRecord> record; ///< as of the last attempt
+    std::string foundAt;              ///< where it is instead, as long as that works; "" if nowhere else
     RetryPolicy retries;
     std::map<std::string, OffersInDoubt> inDoubt; ///< by file, with its batch
     /// What the phone had of a file, with its batch, when the last attempt began.
@@ -116,12 +123,13 @@ struct OutboxSender::Phone {
     }
 };
 
-OutboxSender::OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events)
+OutboxSender::OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events, FindSetting find)
     : home_(home),
       ownKey_(ownKey),
       events_(events),
       queue_(home, events),
       lookout_(home, [this] { look(); }),
+      finder_(home, find),
       tasks_(home.executor),
       news_(home.executor) {}
 
@@ -200,6 +208,9 @@ void OutboxSender::begin(Phone& phone, Job& job) {
             queue_.setAllFailed(phone.peerKey, forDisplay(state.displayName()) + " is not paired any more");
             return;
         }
+        if (phone.record && phone.record->peer_ip != record->peer_ip) {
+            phone.foundAt.clear();
+        }
         phone.record = *record;
         state.hostname = record->peer_hostname;
         static_cast<void>(checkPeer(*record, ownKey_.publicKey(), PeerUse::connection));
@@ -222,9 +233,13 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     OutboxState::Phone& state = *job.state.find(phone.peerKey);
     OutboxEvents::Transfer what{.batch = job.id(), .file = file, .to = state.displayName(), .peerKey = phone.peerKey};
     const bool isFirst = phone.attempts.empty();
+    PeerRecord record = *phone.record;
+    if (!phone.foundAt.empty()) {
+        record.peer_ip = phone.foundAt;
+    }
     Running& running = *phone.attempts.emplace_back(
-        std::make_unique<Running>(home_.system.clock, events_, std::move(what), *phone.record, job.batch.folder / file,
-                                  queue_.setUnderWay(job, phone.peerKey)));
+        std::make_unique<Running>(home_.system.clock, events_, std::move(what), std::move(record),
+                                  job.batch.folder / file, queue_.setUnderWay(job, phone.peerKey)));
     if (const auto before = phone.inDoubt.find(running.place()); before != phone.inDoubt.end()) {
         running.inDoubt = before->second;
     }
@@ -246,6 +261,7 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
 /// `running` stays until the task has ended.
 Task<> OutboxSender::transfer(Running& running) {
     PreparedFile file = running.journal->take(running.file);
+    Phone& phone = phoneOf(running.transfer.peerKey);
     const int left = OffersInDoubt::limitOfOutbox - running.inDoubt.count;
     DeliveryRequest request{.file = std::move(file),
                             .phone = running.record,
@@ -254,7 +270,11 @@ Task<> OutboxSender::transfer(Running& running) {
                             .silenceLimit = silenceLimit,
                             .progress = &running,
                             .offersAtOnce = std::min(left, OffersInDoubt::atOnce),
-                            .inDoubt = running.inDoubt};
+                            .inDoubt = running.inDoubt,
+                            .onAgain = {},
+                            .finder = running.isFirst ? &finder_ : nullptr,
+                            .maySweep = isWorthASweep(phone.retries) ? MaySweep::yes : MaySweep::no,
+                            .onMoved = [&phone](const PeerRecord& moved) { phone.foundAt = moved.peer_ip; }};
     Delivered delivered = co_await deliver(home_.system, std::move(request));
     running.delivered = std::move(delivered);
 }
@@ -363,6 +383,9 @@ void OutboxSender::settleBreak(Phone& phone, Job& job, const Running& running, c
     if (!hasMoved && running.stage() != AttemptStage::connecting) {
         queue_.putBehind(job, phone.peerKey, running.transfer.file);
     }
+    if (running.stage() == AttemptStage::connecting) {
+        phone.foundAt.clear();
+    }
     const RetryPolicy::Outcome outcome = hasMoved ? RetryPolicy::Outcome::moved : RetryPolicy::Outcome::failed;
     if (const auto pause = phone.retries.ended(outcome, home_.system.clock.now())) {
         wait(phone, *pause, failureText(ended));
@@ -426,7 +449,7 @@ void OutboxSender::peersChanged() {
     }
     for (const auto& [peerKey, phone] : phones_) {
         const PeerRecord* const record = book.find(peerKey);
-        if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record)) {
+        if (phone->record && record != nullptr && isReachedTheSameWay(*phone->record, *record, phone->foundAt)) {
             continue;
         }
         for (const std::unique_ptr<Running>& attempt : phone->attempts) {
@@ -494,6 +517,7 @@ Task<> OutboxSender::finish() {
     }
     tasks_.cancelAll();
     co_await tasks_.join();
+    co_await finder_.finish();
     queue_.saveWhatIsBehind();
 }
 

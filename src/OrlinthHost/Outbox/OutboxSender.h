@@ -4,6 +4,7 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxLookout.h"
 #include "OrlinthHost/Outbox/OutboxQueue.h"
+#include "OrlinthHost/Reach/Finder.h"
 #include "OrlinthHost/Sending/Attempt.h"
 #include "OrlinthHost/Sending/RetryPolicy.h"
 #include "platform/Condition.h"
@@ -46,7 +47,8 @@ public:
     static constexpr Seconds progressInterval = 500ms;
 
     /// What is referred to outlives this.
-    OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events);
+    OutboxSender(Home& home, const platform::PrivateKey& ownKey, OutboxEvents& events,
+                 FindSetting find = FindSetting::known);
     ~OutboxSender();
     OutboxSender(const OutboxSender&) = delete;
     OutboxSender& operator=(const OutboxSender&) = delete;
@@ -110,9 +112,10 @@ private:
     OutboxQueue queue_;
     OutboxLookout lookout_;
     std::map<PeerKey, std::unique_ptr<Phone>> phones_; ///< by key; none goes
-    platform::TaskGroup tasks_;                        ///< one for each attempt
-    std::map<BatchId, std::string> left_;              ///< batches that could not be removed, and why
-    platform::Condition news_;                         ///< an attempt has been settled, or a batch is gone
+    Finder finder_;
+    platform::TaskGroup tasks_;           ///< one for each attempt
+    std::map<BatchId, std::string> left_; ///< batches that could not be removed, and why
+    platform::Condition news_;            ///< an attempt has been settled, or a batch is gone
     bool isStopping_ = false;
     bool isConnected_ = true;
 };

@@ -15,6 +15,7 @@ namespace {
 
 constexpr const char* phonesKey = "phones";
 constexpr const char* sweptKey = "swept";
+constexpr const char* movedKey = "moved";
 constexpr const char* toldIpKey = "told_ip";
 constexpr const char* toldPortKey = "told_port";
 constexpr const char* addressKey = "address";
@@ -30,15 +31,16 @@ constexpr const char* failuresKey = "failures";
 constexpr std::size_t longestEntry = 336;
 constexpr std::size_t longestPhone = 64;
 constexpr std::size_t longestSwept = 48;
+constexpr std::size_t longestMoved = 80;
 constexpr std::size_t longestRest = 256;
 static_assert(AddressBook::maxPhones * (AddressBook::maxAddresses * longestEntry + longestPhone) +
-                  AddressBook::maxSwept * longestSwept + longestRest <=
+                  AddressBook::maxPhones * longestMoved + AddressBook::maxSwept * longestSwept + longestRest <=
               AddressBook::maxFileBytes);
 
 // Twice what a full book has.
 constexpr std::size_t valuesOfEntry = 8;
 constexpr auto maxValues = static_cast<std::int64_t>(
-    2 * (AddressBook::maxPhones * (AddressBook::maxAddresses * valuesOfEntry + 1) + AddressBook::maxSwept + 5));
+    2 * (AddressBook::maxPhones * (AddressBook::maxAddresses * valuesOfEntry + 2) + AddressBook::maxSwept + 6));
 
 // --- addresses ---
 
@@ -308,6 +310,9 @@ AddressBook AddressBook::decode(ByteView text) {
     if (const auto swept = file.find(sweptKey); swept != file.end() && swept->is_object()) {
         book.readSwept(*swept);
     }
+    if (const auto moved = file.find(movedKey); moved != file.end() && moved->is_object()) {
+        book.readMoved(*moved);
+    }
     book.readTold(file);
     return book;
 }
@@ -337,6 +342,16 @@ void AddressBook::readSwept(const Json& swept) {
     }
 }
 
+void AddressBook::readMoved(const Json& moved) {
+    for (const auto& [text, value] : moved.items()) {
+        const PeerKey phone(text);
+        const std::optional<EpochMilliseconds> moment = momentOf(numberOf(value));
+        if (isPhoneKey(phone) && moment && moved_.size() < maxPhones) {
+            moved_.emplace(phone, *moment);
+        }
+    }
+}
+
 void AddressBook::readTold(const Json& file) {
     if (const std::optional<HostAddress> host = HostAddress::parse(textIn(file, toldIpKey))) {
         told_ = toldAddress(*host, numberIn(file, toldPortKey));
@@ -356,6 +371,9 @@ std::string AddressBook::encode() const {
         swept[network.text()] = toNumber(moment);
     }
     Json file{{phonesKey, std::move(phones)}, {sweptKey, std::move(swept)}};
+    for (const auto& [phone, moment] : moved_) {
+        file[movedKey][phone.text()] = toNumber(moment);
+    }
     if (told_) {
         file[toldIpKey] = told_->host.literal();
         file[toldPortKey] = told_->port;
@@ -433,7 +451,8 @@ bool AddressBook::failed(const PeerKey& phone, const HostAddress& host, const st
 }
 
 bool AddressBook::forget(const PeerKey& phone) {
-    return phones_.erase(phone) > 0;
+    const bool wasKnown = phones_.erase(phone) > 0;
+    return moved_.erase(phone) > 0 || wasKnown;
 }
 
 bool AddressBook::keepOnly(const std::vector<PeerKey>& phones) {
@@ -514,6 +533,14 @@ bool AddressBook::claimSweep(const NetworkId& network, EpochMilliseconds now) {
     }
     swept_.emplace(network, now);
     return true;
+}
+
+bool AddressBook::claimMove(const PeerKey& phone, EpochMilliseconds now) {
+    if (now <= EpochMilliseconds() || !isPhoneKey(phone)) {
+        return false;
+    }
+    std::erase_if(moved_, [now](const auto& one) { return one.second > now || now - one.second >= moveInterval; });
+    return moved_.size() < maxPhones && moved_.emplace(phone, now).second;
 }
 
 } // namespace orlinth::host

@@ -118,6 +118,9 @@ struct ToldAddress {
 ///       "told_port" : 28471
 ///     }
 ///
+/// Beside these, "moved" has by phone when the address in its record was replaced last, as "swept" has it by network;
+/// it is left out while it is empty.
+///
 /// "" and 0 are what is not known, and moments that were never. What makes no sense is left out when it is read, entry
 /// by entry. An address in two networks is two entries: 192.168.1.30 is one host here and another one at work.
 ///
@@ -142,6 +145,8 @@ public:
     static constexpr std::chrono::minutes sweepInterval{10};
     /// Networks that can be swept in that time.
     static constexpr std::size_t maxSwept = 16;
+    /// Within this time the address in a phone's record is replaced once, whoever has found it elsewhere.
+    static constexpr std::chrono::minutes moveInterval{1};
     /// A phone that comes again within this time, from where it was, is nothing new.
     static constexpr std::chrono::minutes resolution{1};
     /// Largest file that is read.
@@ -163,7 +168,7 @@ public:
     [[nodiscard]] bool keepOnly(const std::vector<PeerKey>& phones);
 
     /// Whether anything is known of it, however old.
-    [[nodiscard]] bool knows(const PeerKey& phone) const { return phones_.contains(phone); }
+    [[nodiscard]] bool knows(const PeerKey& phone) const { return phones_.contains(phone) || moved_.contains(phone); }
     /// The phones by the hardware addresses with which they were met.
     [[nodiscard]] std::map<MacAddress, std::vector<PeerKey>> phonesByHardware(EpochMilliseconds now) const;
     /// When the phones were met last, whoever has connected to whom.
@@ -181,6 +186,8 @@ public:
 
     /// Whether this network may be swept now; then that counts as done.
     [[nodiscard]] bool claimSweep(const NetworkId& network, EpochMilliseconds now);
+    /// Whether the address in this phone's record may be replaced now; then that counts as done.
+    [[nodiscard]] bool claimMove(const PeerKey& phone, EpochMilliseconds now);
 
     bool operator==(const AddressBook&) const = default;
 
@@ -192,10 +199,12 @@ private:
     void makeRoomBeside(const PeerKey& phone, EpochMilliseconds now);
     void readPhones(const Json& phones);
     void readSwept(const Json& swept);
+    void readMoved(const Json& moved);
     void readTold(const Json& file);
 
     std::map<PeerKey, Addresses> phones_; ///< none without an address
     std::map<NetworkId, EpochMilliseconds> swept_;
+    std::map<PeerKey, EpochMilliseconds> moved_; ///< at most maxPhones
     std::optional<ToldAddress> told_;
 };
 

@@ -39,6 +39,10 @@ bool AddressMemory::claimSweep(const NetworkId& network) {
     return tryToChange([&](AddressBook& book) { return book.claimSweep(network, clock_.epochMilliseconds()); });
 }
 
+bool AddressMemory::claimMove(const PeerKey& phone) {
+    return tryToChange([&](AddressBook& book) { return book.claimMove(phone, clock_.epochMilliseconds()); });
+}
+
 std::vector<KnownAddress> AddressMemory::addressesOf(const PeerKey& phone) const {
     return load().addressesOf(phone, clock_.epochMilliseconds());
 }

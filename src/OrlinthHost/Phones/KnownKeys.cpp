@@ -31,7 +31,7 @@ void KnownKeys::refresh(Source& source, const std::function<void()>& read) {
     std::string trouble;
     std::exception_ptr reason;
     try {
-        using Answer = FileChangeCheck::Answer;
+        using Answer = platform::FileChangeCheck::Answer;
         const Answer answer = source.check.look(home_.system.files, home_.system.clock, source.file);
         if (answer == Answer::same) {
             return;

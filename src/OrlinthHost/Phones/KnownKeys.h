@@ -1,9 +1,9 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/Receiver.h"
-#include "OrlinthHost/FileChangeCheck.h"
 #include "OrlinthHost/Home.h"
 #include "base/Mutex.h"
+#include "platform/FileChangeCheck.h"
 
 #include <exception>
 #include <functional>
@@ -35,7 +35,7 @@ public:
 private:
     struct Source {
         platform::Path file;
-        FileChangeCheck check;
+        platform::FileChangeCheck check;
         std::string trouble; ///< the last one that was reported; "" if there was none since the last change
     };
 

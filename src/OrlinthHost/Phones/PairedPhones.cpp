@@ -70,6 +70,7 @@ std::optional<PeerRecord> PairedPhones::remove(const PeerRecord& phone, const pl
     std::optional<PeerRecord> removed =
         peers.removeFirst([&phone](const PeerRecord& record) { return record.peer_pubkey == phone.peer_pubkey; });
     if (removed) {
+        memory().forget(phone.peer_pubkey); // what another process has learnt in between
         updateSharedPeers(home_);
     }
     return removed;

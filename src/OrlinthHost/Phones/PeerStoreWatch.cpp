@@ -12,12 +12,11 @@ PeerStoreWatch::PeerStoreWatch(Home& home, std::function<void()> onChange)
 void PeerStoreWatch::start() {
     self_ = std::make_shared<PeerStoreWatch*>(this);
     try {
-        watch_ =
-            home_.system.folders.watch(home_.peers().directoryURL(), home_.executor, [weak = std::weak_ptr(self_)] {
-                if (const auto self = weak.lock()) {
-                    (*self)->look();
-                }
-            });
+        watch_ = home_.system.folders.watchFile(home_.peers().fileURL(), home_.executor, [weak = std::weak_ptr(self_)] {
+            if (const auto self = weak.lock()) {
+                (*self)->look();
+            }
+        });
     } catch (const platform::SystemError& error) {
         home_.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "serve",
                                "cannot watch the peer store: " + error.description());
@@ -49,7 +48,7 @@ void PeerStoreWatch::look() {
 bool PeerStoreWatch::hasChanged() {
     try {
         return check_.look(home_.system.files, home_.system.clock, home_.peers().fileURL()) !=
-               FileChangeCheck::Answer::same;
+               platform::FileChangeCheck::Answer::same;
     } catch (const platform::SystemError&) {
         return true; // whoever reads the store will meet the same
     }

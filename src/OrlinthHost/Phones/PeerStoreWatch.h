@@ -1,7 +1,7 @@
 #pragma once
 
-#include "OrlinthHost/FileChangeCheck.h"
 #include "OrlinthHost/Home.h"
+#include "platform/FileChangeCheck.h"
 
 #include <functional>
 #include <memory>
@@ -36,7 +36,7 @@ private:
     std::shared_ptr<PeerStoreWatch*> self_; ///< what is still posted when this has gone finds nothing here
     std::unique_ptr<platform::FolderWatch> watch_;
     std::unique_ptr<platform::Timer> backstop_;
-    FileChangeCheck check_;
+    platform::FileChangeCheck check_;
 };
 
 } // namespace orlinth::host

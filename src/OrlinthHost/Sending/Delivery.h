@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthCore/Sending/SendTransfer.h"
+#include "OrlinthHost/Reach/Finder.h"
 #include "OrlinthHost/Sending/SendTimes.h"
 #include "base/Error.h"
 
@@ -56,6 +57,10 @@ struct DeliveryRequest {
     int offersAtOnce = OffersInDoubt::atOnce; ///< how often the file may be offered in this delivery
     OffersInDoubt& inDoubt;                   ///< counted up
     std::function<void()> onAgain = {};       ///< called before each further offer; what it throws ends the delivery
+    Finder* finder = nullptr; ///< looks for the phone beside the first attempts to connect; null: nobody does
+    MaySweep maySweep = MaySweep::yes;
+    /// The phone was found at another address, which this record has; the delivery begins again there. See Approach.
+    std::function<void(const PeerRecord&)> onMoved = {};
 };
 
 /// Sends the file, and offers it again as said above: the one place where a request to send a file is made.

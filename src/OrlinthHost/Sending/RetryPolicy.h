@@ -48,6 +48,8 @@ public:
     };
 
     [[nodiscard]] State state() const noexcept { return state_; }
+    /// In a row, up to now.
+    [[nodiscard]] int failures() const noexcept { return failures_; }
     [[nodiscard]] bool mayBegin() const noexcept { return state_ != State::pausing; }
 
     /// An attempt begins. The policy permits it.

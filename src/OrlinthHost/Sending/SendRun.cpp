@@ -45,7 +45,7 @@ struct SendRun::Running final : Attempt {
 };
 
 SendRun::SendRun(Home& home, const platform::PrivateKey& ownKey, InFlightJournal& journal, SendTimes times,
-                 std::vector<std::string> files, std::vector<PeerRecord> phones, SendEvents& events)
+                 std::vector<std::string> files, std::vector<PeerRecord> phones, SendEvents& events, FindSetting find)
     : home_(home),
       ownKey_(ownKey),
       times_(times),
@@ -53,6 +53,7 @@ SendRun::SendRun(Home& home, const platform::PrivateKey& ownKey, InFlightJournal
       phones_(std::move(phones)),
       sources_(home.system.files, home.system.mimeTypes, journal, std::move(files), phones_.size()),
       plan_(sources_.sizes(), phones_.size()),
+      finder_(home, find),
       tasks_(home.executor) {}
 
 SendRun::~SendRun() = default;
@@ -76,6 +77,7 @@ Task<int> SendRun::run() {
         co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
         co_await leave();
     }
+    co_await finder_.finish();
     sources_.tidy();
     if (isCancelled) {
         throw platform::Cancelled();
@@ -127,12 +129,19 @@ Task<> SendRun::send(Running& running) {
                             .progress = &running,
                             .offersAtOnce = OffersInDoubt::limitOfCommands - running.inDoubt.count,
                             .inDoubt = running.inDoubt,
-                            .onAgain = [this, &running] {
-                                if (sources_.hasChanged(running.plan.file)) {
-                                    throw SendError::fileRead(running.transfer.path + " changed while it was sent");
-                                }
-                                events_.again(running.transfer);
-                            }};
+                            .onAgain =
+                                [this, &running] {
+                                    if (sources_.hasChanged(running.plan.file)) {
+                                        throw SendError::fileRead(running.transfer.path + " changed while it was sent");
+                                    }
+                                    events_.again(running.transfer);
+                                },
+                            .finder = running.plan.isLeader ? &finder_ : nullptr, // one search is enough
+                            .maySweep = MaySweep::yes,
+                            .onMoved =
+                                [this, phone = running.plan.phone](const PeerRecord& moved) {
+                                    phones_.at(phone).peer_ip = moved.peer_ip; // for the files that follow
+                                }};
     Delivered delivered = co_await deliver(home_.system, std::move(request));
     running.delivered = std::move(delivered);
 }

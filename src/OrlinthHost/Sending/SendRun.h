@@ -30,7 +30,8 @@ public:
 
     /// What is referred to outlives this. `journal` is used by nobody else meanwhile.
     SendRun(Home& home, const platform::PrivateKey& ownKey, InFlightJournal& journal, SendTimes times,
-            std::vector<std::string> files, std::vector<PeerRecord> phones, SendEvents& events);
+            std::vector<std::string> files, std::vector<PeerRecord> phones, SendEvents& events,
+            FindSetting find = FindSetting::known);
     ~SendRun();
     SendRun(const SendRun&) = delete;
     SendRun& operator=(const SendRun&) = delete;
@@ -71,7 +72,8 @@ private:
     std::map<PhoneAndFile, OffersInDoubt> inDoubt_;
     std::map<SendPlan::Id, std::unique_ptr<Running>> running_;
     std::map<PhoneAndFile, SendSources::Offer> putBack_; ///< what was offered of those that wait for another attempt
-    platform::TaskGroup tasks_;                          ///< one for each of those
+    Finder finder_;
+    platform::TaskGroup tasks_; ///< one for each of those
     bool isLeaving_ = false;
     int failed_ = 0;
     Interruption interruption_;

@@ -193,7 +193,8 @@ std::vector<PeerKey> NetworkLookout::phonesWith(const MacAddress& mac) {
     bool isOld = true;
     try {
         isOld = addressesCheck_.look(home_.system.files, home_.system.clock,
-                                     home_.dataDirectory() / AddressMemory::fileName) != FileChangeCheck::Answer::same;
+                                     home_.dataDirectory() / AddressMemory::fileName) !=
+                platform::FileChangeCheck::Answer::same;
     } catch (const platform::SystemError&) {
         addressesCheck_.doubt(); // it may pass
     }

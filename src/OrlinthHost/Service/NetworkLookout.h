@@ -1,9 +1,9 @@
 #pragma once
 
-#include "OrlinthHost/FileChangeCheck.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Phones/AddressBook.h"
 #include "OrlinthHost/Phones/NetworkIdentity.h"
+#include "platform/FileChangeCheck.h"
 #include "platform/Neighbours.h"
 #include "platform/NetworkNews.h"
 #include "platform/SleepNews.h"
@@ -100,7 +100,7 @@ private:
     View seen_;                                      ///< what was told
     bool isConnected_ = true;                        ///< as told
     std::map<EntryId, std::vector<PeerKey>> good_;   ///< the neighbours that are there, and which phones they are
-    FileChangeCheck addressesCheck_;
+    platform::FileChangeCheck addressesCheck_;
     std::map<MacAddress, std::vector<PeerKey>> phones_; ///< as the file said at the last look
     bool hasSlept_ = false;                             ///< since then
     std::unique_ptr<platform::NetworkWatch> network_;

@@ -61,7 +61,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                port.number()),
       keys(service.home_, receiver, service.ownKey_.publicKey(),
            [&told = service.events_](const std::exception_ptr& error) { told.phonesUnreadable(error); }),
-      outbox(service.home_, service.ownKey_, service.outboxEvents_),
+      outbox(service.home_, service.ownKey_, service.outboxEvents_, service.settings_.find),
       sharedPeers(service.home_),
       arrivals(service.home_, [this] { sharedPeers.update(); }),
       peers(service.home_,

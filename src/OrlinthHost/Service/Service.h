@@ -3,6 +3,7 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxEvents.h"
+#include "OrlinthHost/Reach/FinderPlan.h"
 #include "OrlinthHost/Service/ServiceEvents.h"
 #include "OrlinthHost/Service/ServicePort.h"
 #include "OrlinthHost/Service/Watchdog.h"
@@ -26,6 +27,7 @@ struct ServiceSettings {
     /// For Accept::ask: called on the home's executor, once for each offer; cancelled when the phone hangs up.
     std::function<Task<bool>(Receiver::Offer offer)> approveOffer;
     ServicePort::Settings port;
+    FindSetting find = FindSetting::known; ///< where phones are looked for that what was shared goes to
     /// How often whoever manages the service wants to hear that it is alive; nothing: never.
     std::optional<Seconds> watchdogInterval;
     Watchdog::Callbacks watchdog;

@@ -1,8 +1,8 @@
-#include "OrlinthCore/Sending/ClipboardSender.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OrlinthHost/Sending/PushService.h"
+#include "OrlinthHost/Sending/TextDelivery.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/TextSource.h"
@@ -125,6 +125,7 @@ public:
             "--timeout", times_.answer,
             "How long the phone may take to answer once the text is sent; silence counts as delivery. Sending may "
             "take as long, and a second more for each 250 kB. 0: no limit.");
+        addFind(find_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
     }
@@ -135,7 +136,6 @@ public:
             (selector_.empty() ? host::mostRecentPeer(host, ownKey.publicKey(), host::PeerUse::connection)
                                : host::selectPeer(host, selector_, ownKey.publicKey(), host::PeerUse::connection))
                 .record;
-        const std::string where = host::nameAndAddress(peer);
         const std::string text = chooseText(host);
         ClipReporter reporter(host.output, peer.peer_hostname, text.size());
         OneOffRequest request{.peer = peer,
@@ -151,13 +151,13 @@ public:
         }
         reporter.watch(request);
         try {
-            reporter.tellComplete(host.tasks.run(sendClipboard(host.system, text, mime_, std::move(request))));
+            reporter.tellComplete(host.tasks.run(deliverText(host, find_, text, mime_, std::move(request))));
             return 0;
         } catch (const Interrupted& interrupted) {
             reporter.tellInterrupted(interrupted);
             throw;
         } catch (const std::exception& error) {
-            reporter.tellFailure(describe(error), hintForSending(error, where));
+            reporter.tellFailure(describe(error), hintForSending(host, error, peer));
             return 1;
         }
     }
@@ -179,6 +179,7 @@ private:
     std::string source_; ///< "-" or nothing
     std::string mime_ = "text/plain";
     ClipTimes times_;
+    host::FindSetting find_ = host::FindSetting::known;
 };
 
 } // namespace

@@ -96,6 +96,20 @@ void Command::addListenPublic(bool& listensPublicly) {
         "and from private addresses are taken.");
 }
 
+void Command::addFind(host::FindSetting& find) {
+    const auto take = [&find](const std::string& text) { find = host::findSettingFrom(text).value_or(find); };
+    parser_
+        ->add_option_function<std::string>(
+            "--find", take,
+            "Where to look for a phone that does not answer at its recorded address: in networks where it was met "
+            "before, in any network, or nowhere.")
+        ->type_name("known|always|never")
+        ->check(CLI::IsMember({"known", "always", "never"}).description(""))
+        ->take_last()
+        ->run_callback_for_default() // which the settings file may give
+        ->default_str("known");
+}
+
 CLI::Option* Command::addPort(const char* flag, std::uint16_t& port, std::uint16_t lowest, const char* what) {
     return parser_->add_option(flag, port, what)->type_name("PORT")->check(portFrom(lowest))->take_last();
 }

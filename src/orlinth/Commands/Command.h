@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/Reach/FinderPlan.h"
 #include "orlinth/Program/Host.h"
 
 #include <CLI/CLI.hpp>
@@ -41,6 +42,8 @@ protected:
     void addPhones(std::vector<std::string>& selectors);
     /// `--listen-public`.
     void addListenPublic(bool& listensPublicly);
+    /// `--find`: where a phone is looked for that is not at its recorded address.
+    void addFind(host::FindSetting& find);
     /// A TCP port, from `lowest` to 65535.
     CLI::Option* addPort(const char* flag, std::uint16_t& port, std::uint16_t lowest, const char* what);
 
@@ -81,6 +84,7 @@ inline constexpr std::uint16_t defaultPort = 28471;
 [[nodiscard]] std::unique_ptr<Command> makeServeCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeShareCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeOutboxCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeDoctorCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makePartialsCommand(CLI::App& program);
 
 } // namespace orlinth::cli

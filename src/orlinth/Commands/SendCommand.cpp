@@ -18,6 +18,7 @@ public:
             "push token is known.");
         addSeconds("--attempt-timeout", times_.attempt, "How long each of those attempts may take; 0: no limit.");
         addSeconds("--retry-interval", times_.retry, "The pause between those attempts.");
+        addFind(find_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No progress bar and no messages but failures.");
         parser()
@@ -40,8 +41,8 @@ public:
         }
         const std::size_t transfers = phones.size() * files_.size();
         InFlightJournal journal(host.system.files, host.system.directories);
-        SendReporter reporter(host.output, host.system.clock);
-        host::SendRun run(host, ownKey, journal, times_, files_, std::move(phones), reporter);
+        SendReporter reporter(host.output, host);
+        host::SendRun run(host, ownKey, journal, times_, files_, std::move(phones), reporter, find_);
         int failed = 0;
         try {
             failed = host.tasks.run(run.run());
@@ -59,6 +60,7 @@ private:
     std::vector<std::string> selectors_;
     std::vector<std::string> files_;
     host::SendTimes times_;
+    host::FindSetting find_ = host::FindSetting::known;
 };
 
 } // namespace

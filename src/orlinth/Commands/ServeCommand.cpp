@@ -83,6 +83,7 @@ public:
                 "Decline files that would leave less than this free on the disk; 0: take whatever fits.");
         addSize("--max-file", maxFile_, "0", "Decline files larger than this; 0: take any size.");
         parser().add_flag("--no-clipboard", leavesClipboard_, "Leave the desktop's clipboard alone when a text comes.");
+        addFind(find_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
     }
@@ -133,6 +134,7 @@ private:
                                              : Accept::always,
                 .approveOffer = {},
                 .port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
+                .find = find_,
                 .watchdogInterval = platform::serviceWatchdogInterval(),
                 .watchdog = watchdogCallbacks()};
     }
@@ -146,6 +148,7 @@ private:
     std::string maxFile_;
     std::string accept_ = "always";
     bool leavesClipboard_ = false;
+    host::FindSetting find_ = host::FindSetting::known;
 };
 
 } // namespace

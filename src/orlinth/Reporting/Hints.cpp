@@ -6,9 +6,15 @@
 #include "OrlinthCore/SecureChannel/WireConnection.h"
 #include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthCore/Sending/SendError.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Reach/PhoneCheck.h"
 #include "OrlinthHost/Sending/Delivery.h"
 #include "base/Text.h"
 #include "orlinth/Reporting/Output.h"
+
+#include <algorithm>
+#include <cctype>
+#include <optional>
 
 namespace orlinth::cli {
 
@@ -45,6 +51,41 @@ std::string hintForNetwork(const SendError& error, const std::string& where) {
         break;
     }
     return "The address in use is that of " + where + "; `orlinth peers` lists what is recorded.";
+}
+
+/// How connecting failed; nothing if it did not come to that, or was no failure of the way to the phone.
+std::optional<host::Evidence::Connect> connectFailure(const SendError& error) {
+    if (error.which() != SendError::Case::network) {
+        return std::nullopt;
+    }
+    switch (reasonBehind(error)) {
+    case SendError::Reason::timedOut:
+        return host::Evidence::Connect::timedOut;
+    case SendError::Reason::refused:
+        return host::Evidence::Connect::refused;
+    case SendError::Reason::hostUnreachable:
+        return host::Evidence::Connect::hostUnreachable;
+    case SendError::Reason::networkUnreachable:
+        return host::Evidence::Connect::networkUnreachable;
+    case SendError::Reason::pushFailed:
+    case SendError::Reason::stalled:
+    case SendError::Reason::unknownName:
+    case SendError::Reason::other:
+        break;
+    }
+    return std::nullopt;
+}
+
+/// The phone's name as an argument of a command; "" if it cannot be typed like that.
+std::string selectorFor(const PeerRecord& phone) {
+    const std::string& name = phone.peer_hostname;
+    const auto isPlain = [](unsigned char c) { return std::isalnum(c) != 0 || c == '.' || c == '_' || c == '-'; };
+    if (!name.empty() && name.front() != '-' && std::ranges::all_of(name, isPlain)) {
+        return " " + name;
+    }
+    const bool canBeQuoted = !name.empty() && name.front() != '-' && name.find('\'') == std::string::npos &&
+                             name.find('`') == std::string::npos && forDisplay(name) == name;
+    return canBeQuoted ? " '" + name + "'" : "";
 }
 
 std::string hintForPeerStore(const PeerStoreError& error, const PeerStore& store) {
@@ -153,6 +194,22 @@ std::string hintForSending(const std::exception& error, const std::string& where
     default:
         return {};
     }
+}
+
+std::string hintForSending(host::Home& home, const std::exception& error, const PeerRecord& phone) {
+    const std::string general = hintForSending(error, host::nameAndAddress(phone));
+    const auto* const send = dynamic_cast<const SendError*>(&error);
+    const std::optional<host::Evidence::Connect> failure = send != nullptr ? connectFailure(*send) : std::nullopt;
+    if (!failure) {
+        return general;
+    }
+    const host::PhoneFindings found = host::explainFailure(home, phone, *failure);
+    std::string hint = general;
+    if (found.cause != host::Cause::unknown) {
+        const std::string help = host::advice(found.cause, found.details).text;
+        hint = host::words(found.cause, found.details) + (help.empty() ? "" : " " + help);
+    }
+    return hint + " `orlinth doctor" + selectorFor(phone) + "` looks further.";
 }
 
 std::string hintForNotTaken(const std::string& where) {

@@ -12,6 +12,9 @@ namespace orlinth::cli {
 /// The second line of a failure: what the person can do about it; "" where nothing helps.
 /// `where` is the phone's name and address.
 [[nodiscard]] std::string hintForSending(const std::exception& error, const std::string& where);
+/// The same of a phone that could not be reached: why, as far as that is known by now, and how to find out more. Sends
+/// nothing.
+[[nodiscard]] std::string hintForSending(host::Home& home, const std::exception& error, const PeerRecord& phone);
 /// Where the phone has proved its key and then ended the connection before it answered the offer.
 [[nodiscard]] std::string hintForNotTaken(const std::string& where);
 /// What a person can do about a push that failed with this error; null if nothing is known about it.

@@ -210,7 +210,8 @@ void SendReporter::failed(const Transfer& transfer, const host::EndedAttempt& at
     try {
         std::rethrow_exception(attempt.error);
     } catch (const std::exception& error) {
-        const std::string hint = host::isNotTaken(attempt) ? hintForNotTaken(where) : hintForSending(error, where);
+        const std::string hint =
+            host::isNotTaken(attempt) ? hintForNotTaken(where) : hintForSending(home_, error, transfer.phone);
         output_.failure(describe(error), hint.empty() ? what : what + " " + hint, context(transfer));
     }
     reports_.erase(transfer.number);

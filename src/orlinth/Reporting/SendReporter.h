@@ -46,7 +46,9 @@ private:
 class SendReporter final : public host::SendEvents {
 public:
     /// Both outlive this.
-    SendReporter(Output& output, platform::Clock& clock) : output_(output), clock_(clock), overview_(output) {}
+    /// Both outlive this.
+    SendReporter(Output& output, host::Home& home)
+        : output_(output), home_(home), clock_(home.system.clock), overview_(output) {}
 
     void expected(std::size_t transfers, std::int64_t bytes) override;
     void began(const Transfer& transfer, const std::string& name, std::int64_t size, const std::string& mime) override;
@@ -87,6 +89,7 @@ private:
     }
 
     Output& output_;
+    host::Home& home_;
     platform::Clock& clock_;
     SendOverview overview_;
     std::map<std::size_t, Report> reports_; ///< by the transfer's number

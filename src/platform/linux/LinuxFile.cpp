@@ -213,4 +213,8 @@ void LinuxFile::lock() {
     checked([&] { return ::flock(fd(), LOCK_EX); });
 }
 
+void LinuxFile::unlock() noexcept {
+    ::flock(fd(), LOCK_UN); // of a file that is open it can only fail where it could not be locked either
+}
+
 } // namespace orlinth::platform::detail

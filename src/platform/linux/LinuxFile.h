@@ -60,6 +60,7 @@ public:
     void startWriteback(ByteOffset offset, std::int64_t length) noexcept override;
     [[nodiscard]] bool tryLock() override;
     void lock() override;
+    void unlock() noexcept override;
 
     [[nodiscard]] int fd() const noexcept { return descriptor_.get(); }
 

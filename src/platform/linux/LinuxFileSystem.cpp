@@ -168,7 +168,8 @@ std::unique_ptr<File> LinuxFileSystem::open(const Path& path, OpenMode mode, Lin
 }
 
 std::unique_ptr<Folder> LinuxFileSystem::openFolder(const Path& path) {
-    return openLinuxFolder(path);
+    std::call_once(umaskIsKnown_, [this] { ordinaryPermissions_ = permissionsUnderUmask(); });
+    return openLinuxFolder(path, ordinaryPermissions_);
 }
 
 void LinuxFileSystem::createDirectories(const Path& path, std::uint32_t permissions) {

@@ -2,10 +2,13 @@
 
 #include "platform/FileSystem.h"
 
+#include <mutex>
+
 namespace orlinth::platform {
 
 /// Files through the kernel's own calls. No descriptor is inherited by a program that this one starts, and a call that
-/// a signal interrupts is made again. Safe from several threads.
+/// a signal interrupts is made again. The umask is taken as it is when the first folder is opened. Safe from several
+/// threads.
 class LinuxFileSystem final : public FileSystem {
 public:
     [[nodiscard]] std::optional<FileStatus> status(const Path& path) const override;
@@ -23,6 +26,10 @@ public:
     void setPermissions(const Path& path, std::uint32_t permissions) override;
     void flushDirectory(const Path& path) override;
     [[nodiscard]] std::vector<std::string> list(const Path& path) const override;
+
+private:
+    std::once_flag umaskIsKnown_;
+    std::uint32_t ordinaryPermissions_ = 0; ///< once the flag is set
 };
 
 /// FileSystem::renameNoReplace for file systems that cannot do it in one call: a second name, then the first one goes.

@@ -73,7 +73,8 @@ mode_t processUmask() {
 
 class LinuxFolder final : public Folder {
 public:
-    explicit LinuxFolder(const Path& path) : path_(path), descriptor_(openHolding(path, mayRead_)) {}
+    LinuxFolder(const Path& path, std::uint32_t ordinaryPermissions)
+        : path_(path), ordinaryPermissions_(ordinaryPermissions), descriptor_(openHolding(path, mayRead_)) {}
 
     const Path& path() const noexcept override { return path_; }
 
@@ -140,7 +141,12 @@ public:
         return static_cast<std::int64_t>(unit != 0 && units > most / unit ? most : units * unit);
     }
 
-    std::uint32_t ordinaryPermissions() const override { return 0666U & ~processUmask(); }
+    std::error_code objectionToFiles() const noexcept override {
+        const bool mayBeMade = ::faccessat(fd(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+        return mayBeMade ? std::error_code() : std::error_code(errno, std::generic_category());
+    }
+
+    std::uint32_t ordinaryPermissions() const override { return ordinaryPermissions_; }
 
     std::uint32_t user() const noexcept override { return ::geteuid(); }
 
@@ -148,14 +154,19 @@ private:
     [[nodiscard]] int fd() const noexcept { return descriptor_.get(); }
 
     Path path_;
+    std::uint32_t ordinaryPermissions_;
     bool mayRead_ = false; // before the descriptor, which sets it
     Descriptor descriptor_;
 };
 
 } // namespace
 
-std::unique_ptr<Folder> openLinuxFolder(const Path& path) {
-    return std::make_unique<LinuxFolder>(path);
+std::unique_ptr<Folder> openLinuxFolder(const Path& path, std::uint32_t ordinaryPermissions) {
+    return std::make_unique<LinuxFolder>(path, ordinaryPermissions);
+}
+
+std::uint32_t permissionsUnderUmask() {
+    return 0666U & ~processUmask();
 }
 
 } // namespace orlinth::platform

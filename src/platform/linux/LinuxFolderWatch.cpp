@@ -22,7 +22,7 @@ namespace {
 using detail::Descriptor;
 using namespace std::chrono_literals;
 
-constexpr std::uint32_t namesChange = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CLOSE_WRITE;
+constexpr std::uint32_t namesChange = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
 constexpr std::uint32_t folderGoes = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 constexpr std::uint32_t wanted = namesChange | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 /// How often a folder is looked for that has gone.
@@ -33,13 +33,19 @@ constexpr int maxReads = 16;
 /// The inside of a watch. The waits that are under way find it gone once the watch has ended.
 class Inotify : public std::enable_shared_from_this<Inotify> {
 public:
-    Inotify(Path folder, const Executor& executor, std::function<void()> onChange)
-        : folder_(std::move(folder)), onChange_(std::move(onChange)), events_(executor), look_(executor) {
+    /// `file` is the name of the only one that counts; empty if all do.
+    Inotify(Path folder, Path file, const Executor& executor, std::function<void()> onChange)
+        : folder_(std::move(folder)),
+          file_(std::move(file)),
+          onChange_(std::move(onChange)),
+          events_(executor),
+          look_(executor) {
         Descriptor inotify = Descriptor::require(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-        watch_ = ::inotify_add_watch(inotify.get(), folder_.c_str(), wanted);
+        watch_ = watchFolder(inotify.get());
         if (watch_ == -1) {
             throw SystemError::fromErrno();
         }
+        watchFile(inotify.get());
         std::error_code code;
         static_cast<void>(events_.assign(inotify.get(), code));
         if (code) {
@@ -69,9 +75,21 @@ private:
         }
     }
 
+    [[nodiscard]] int watchFolder(int inotify) const {
+        return ::inotify_add_watch(inotify, folder_.c_str(), file_.empty() ? wanted | IN_CLOSE_WRITE : wanted);
+    }
+
+    /// By itself, as the folder's watch would wake us up for each of its files that is closed.
+    void watchFile(int inotify) {
+        if (!file_.empty()) {
+            fileWatch_ = ::inotify_add_watch(inotify, (folder_ / file_).c_str(), IN_CLOSE_WRITE);
+        }
+    }
+
     /// Whether it is there again. If not, it is looked for later.
     bool findFolder() {
-        watch_ = ::inotify_add_watch(events_.native_handle(), folder_.c_str(), wanted);
+        watch_ = watchFolder(events_.native_handle());
+        watchFile(events_.native_handle());
         if (watch_ == -1) {
             look_.expires_after(lookEvery);
             look_.async_wait([weak = weak_from_this()](std::error_code code) {
@@ -98,16 +116,24 @@ private:
             for (std::size_t place = 0; place + sizeof(inotify_event) <= static_cast<std::size_t>(size);) {
                 inotify_event event{};
                 std::memcpy(&event, buffer.data() + place, sizeof event);
+                const char* const name = event.len > 0 ? buffer.data() + place + sizeof event : "";
                 place += sizeof event + event.len;
-                isChanged = take(event) || isChanged;
+                isChanged = take(event, name) || isChanged;
             }
         }
         return isChanged;
     }
 
-    bool take(const inotify_event& event) {
+    bool take(const inotify_event& event, const char* name) {
         if ((event.mask & IN_Q_OVERFLOW) != 0) {
+            watchFile(events_.native_handle());
             return true; // some were lost
+        }
+        if (event.wd == fileWatch_) {
+            if ((event.mask & folderGoes) != 0) { // it has gone, perhaps because another one has taken its place
+                watchFile(events_.native_handle());
+            }
+            return true;
         }
         if (event.wd != watch_) {
             return false; // the last words of a watch that was given up
@@ -116,21 +142,31 @@ private:
             // a folder that has moved is still there; else it is gone already
             ::inotify_rm_watch(events_.native_handle(), watch_);
             watch_ = -1;
+            return true;
         }
+        if (file_.empty()) {
+            return true;
+        }
+        if (file_.native() != name) {
+            return false;
+        }
+        watchFile(events_.native_handle());
         return true;
     }
 
     const Path folder_;
+    const Path file_;
     const std::function<void()> onChange_;
     asio::posix::stream_descriptor events_;
     asio::steady_timer look_;
-    int watch_ = -1; ///< -1: the folder is not there
+    int watch_ = -1;     ///< -1: the folder is not there
+    int fileWatch_ = -1; ///< -1: no file is watched, or it is not there
 };
 
 class InotifyWatch final : public FolderWatch {
 public:
-    InotifyWatch(const Path& folder, const Executor& executor, std::function<void()> onChange)
-        : inotify_(std::make_shared<Inotify>(folder, executor, std::move(onChange))) {
+    InotifyWatch(const Path& folder, const Path& file, const Executor& executor, std::function<void()> onChange)
+        : inotify_(std::make_shared<Inotify>(folder, file, executor, std::move(onChange))) {
         inotify_->awaitEvents();
     }
 
@@ -138,15 +174,25 @@ private:
     std::shared_ptr<Inotify> inotify_; ///< a call that is under way holds it too
 };
 
+std::unique_ptr<FolderWatch> begin(const Path& folder, const Path& file, const Executor& executor,
+                                   std::function<void()> onChange) {
+    try {
+        return std::make_unique<InotifyWatch>(folder, file, executor, std::move(onChange));
+    } catch (const asio::system_error& error) { // no descriptors left for Asio itself
+        throw SystemError(error.code());
+    }
+}
+
 } // namespace
 
 std::unique_ptr<FolderWatch> LinuxFolderWatcher::watch(const Path& folder, Executor executor,
                                                        std::function<void()> onChange) {
-    try {
-        return std::make_unique<InotifyWatch>(folder, executor, std::move(onChange));
-    } catch (const asio::system_error& error) { // no descriptors left for Asio itself
-        throw SystemError(error.code());
-    }
+    return begin(folder, "", executor, std::move(onChange));
+}
+
+std::unique_ptr<FolderWatch> LinuxFolderWatcher::watchFile(const Path& file, Executor executor,
+                                                           std::function<void()> onChange) {
+    return begin(file.parent_path(), file.filename(), executor, std::move(onChange));
 }
 
 } // namespace orlinth::platform

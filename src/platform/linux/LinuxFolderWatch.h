@@ -12,6 +12,8 @@ class LinuxFolderWatcher final : public FolderWatcher {
 public:
     [[nodiscard]] std::unique_ptr<FolderWatch> watch(const Path& folder, Executor executor,
                                                      std::function<void()> onChange) override;
+    [[nodiscard]] std::unique_ptr<FolderWatch> watchFile(const Path& file, Executor executor,
+                                                         std::function<void()> onChange) override;
 };
 
 } // namespace orlinth::platform

@@ -2,6 +2,7 @@
 
 #include "platform/Deadline.h"
 #include "platform/SystemError.h"
+#include "platform/linux/Descriptor.h"
 #include "platform/linux/NetlinkSocket.h"
 #include "platform/linux/SocketErrorQueue.h"
 #include "platform/linux/TcpListener.h"
@@ -25,6 +26,16 @@ using Tcp = asio::ip::tcp;
 
 ProbeFailure failureOf(int number) {
     return {.code = std::error_code(number, std::generic_category()), .icmp = std::nullopt};
+}
+
+/// The IPv4 address that one of IPv6 stands for, if it does.
+IpAddress withoutMapping(const IpAddress& address) {
+    if (const auto* const v6 = std::get_if<Ipv6Address>(&address)) {
+        if (const std::optional<Ipv4Address> v4 = unmapped(*v6)) {
+            return *v4;
+        }
+    }
+    return address;
 }
 
 Tcp::endpoint endpointOf(const IpAddress& address, std::uint32_t zone, std::uint16_t port) {
@@ -155,11 +166,7 @@ private:
 } // namespace
 
 Task<ProbeResult> LinuxProbe::connect(IpAddress address, std::uint16_t port, Seconds limit, Executor executor) {
-    if (const auto* const v6 = std::get_if<Ipv6Address>(&address)) {
-        if (const std::optional<Ipv4Address> v4 = unmapped(*v6)) {
-            address = *v4; // the reports are those of IPv4 then
-        }
-    }
+    address = withoutMapping(address); // the reports are those of IPv4 then
     const std::optional<std::uint32_t> zone = zoneIndex(address);
     if (!zone) {
         co_return failureOf(ENODEV);
@@ -171,6 +178,20 @@ Task<ProbeResult> LinuxProbe::connect(IpAddress address, std::uint16_t port, Sec
         co_return ProbeTimeout();
     }
     co_return std::move(*result);
+}
+
+bool LinuxProbe::maySendDatagram(const IpAddress& address) const {
+    const IpAddress plain = withoutMapping(address);
+    const std::optional<std::uint32_t> zone = zoneIndex(plain);
+    if (!zone) {
+        return true;
+    }
+    const Tcp::endpoint to = endpointOf(plain, *zone, discardPort);
+    const int family = to.protocol() == Tcp::v6() ? AF_INET6 : AF_INET;
+    const detail::Descriptor socket(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return !socket.isOpen() ||
+           ::sendto(socket.get(), nullptr, 0, MSG_NOSIGNAL, to.data(), static_cast<socklen_t>(to.size())) >= 0 ||
+           errno != EPERM;
 }
 
 } // namespace orlinth::platform

@@ -16,6 +16,7 @@ public:
 
     [[nodiscard]] Task<ProbeResult> connect(IpAddress address, std::uint16_t port, Seconds limit,
                                             Executor executor) override;
+    [[nodiscard]] bool maySendDatagram(const IpAddress& address) const override;
 
 private:
     Clock& clock_;

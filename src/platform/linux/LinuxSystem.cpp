@@ -5,9 +5,11 @@
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDirectories.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/LinuxFirewall.h"
 #include "platform/linux/LinuxFolderWatch.h"
 #include "platform/linux/LinuxHttpsClient.h"
 #include "platform/linux/LinuxLog.h"
+#include "platform/linux/LinuxMachine.h"
 #include "platform/linux/LinuxMimeTypes.h"
 #include "platform/linux/LinuxNeighbours.h"
 #include "platform/linux/LinuxNetwork.h"
@@ -53,6 +55,8 @@ struct LinuxSystem::Parts {
     LinuxNeighbours neighbours;
     LinuxRoutes routes;
     LinuxProbe probe{clock};
+    LinuxFirewall firewall{systemBusEnvironment};
+    LinuxMachine machine;
     LinuxServiceDiscovery services;
     LinuxUnixSockets unixSockets;
     LinuxNotifications notifications;
@@ -80,6 +84,8 @@ System LinuxSystem::system() {
             .neighbours = parts_->neighbours,
             .routes = parts_->routes,
             .probe = parts_->probe,
+            .firewall = parts_->firewall,
+            .machine = parts_->machine,
             .services = parts_->services,
             .unixSockets = parts_->unixSockets,
             .notifications = parts_->notifications,

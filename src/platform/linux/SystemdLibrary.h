@@ -28,12 +28,14 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_append);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_close_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_enter_container);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_exit_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_sender);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read_basic);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_skip);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_unref);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_new);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_open_system);

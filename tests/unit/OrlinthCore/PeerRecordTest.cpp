@@ -2,6 +2,7 @@
 
 #include "fakes/CrashTrials.h"
 #include "fakes/MemoryFileSystem.h"
+#include "fakes/VirtualClock.h"
 #include "platform/SystemError.h"
 #include "platform/linux/LinuxFileSystem.h"
 
@@ -133,6 +134,62 @@ TEST(PeerStorePlace, IsTheUsersFolderOrTheOneGiven) {
     EXPECT_EQ(PeerStore(files, directories).fileURL(), "/data/Orlinth/peer.json");
     EXPECT_EQ(PeerStore(files, directories, "other.json").fileURL(), "/data/Orlinth/other.json");
     EXPECT_EQ(PeerStore(files, platform::Path("/x"), "y").fileURL(), "/x/y");
+}
+
+class KeptPeerBookTest : public testing::Test {
+protected:
+    KeptPeerBookTest() {
+        write("first");
+        pass(100s); // so old that it shows every change
+    }
+    void write(const std::string& name) {
+        files.put(store.fileURL(), prettyJson(PeerBook{{phone("k", name)}}.toJson()), 0600);
+    }
+    void pass(Seconds time) { fakes::runVirtual(context, clock, clock.sleep(time)); }
+    [[nodiscard]] static std::string nameIn(const PeerStore& of) { return of.loadBook().peers.at(0).peer_hostname; }
+    /// How often the file was opened since the last call.
+    [[nodiscard]] std::size_t timesRead() {
+        const std::size_t before = std::exchange(opened, files.count(Operation::open));
+        return opened - before;
+    }
+
+    asio::io_context context;
+    fakes::VirtualClock clock{context};
+    MemoryFileSystem files;
+    platform::UserDirectories directories{.data = "/data", .config = "/config", .downloads = "/downloads"};
+    PeerStore store = PeerStore::keepingBook(files, directories, clock);
+    const PeerStore copy = store;
+    std::size_t opened = 0;
+};
+
+TEST_F(KeptPeerBookTest, IsReadOnceForAllCopiesOfTheStore) {
+    EXPECT_EQ(nameIn(store), "first");
+    EXPECT_EQ(nameIn(store), "first"); // this look may have been too early to show every change
+    static_cast<void>(timesRead());
+    EXPECT_EQ(nameIn(store), "first");
+    EXPECT_EQ(nameIn(copy), "first");
+    EXPECT_EQ(timesRead(), 0U);
+}
+
+TEST_F(KeptPeerBookTest, IsReadAnewWhenSomebodyHasChangedTheFile) {
+    static_cast<void>(store.loadBook());
+    write("second");
+    EXPECT_EQ(nameIn(copy), "second");
+    EXPECT_EQ(nameIn(store), "second");
+    files.remove(store.fileURL());
+    EXPECT_EQ(store.loadBook(), PeerBook());
+    store.upsert(phone("k", "third"));
+    EXPECT_EQ(nameIn(copy), "third");
+}
+
+TEST_F(KeptPeerBookTest, FailsEachTimeWhileTheFileCannotBeRead) {
+    files.put(store.fileURL(), "{", 0600);
+    pass(100s);
+    EXPECT_THROW(static_cast<void>(store.loadBook()), PeerStoreError);
+    EXPECT_THROW(static_cast<void>(store.loadBook()), PeerStoreError);
+    EXPECT_THROW(static_cast<void>(copy.loadBook()), PeerStoreError);
+    write("whole");
+    EXPECT_EQ(nameIn(store), "whole");
 }
 
 TEST_F(PeerStoreTest, IsEmptyWithoutAFile) {

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthCore/Sending/SendError.h"
+#include "fakes/World.h"
 #include "platform/HttpsClient.h"
 
 #include <gmock/gmock.h>
@@ -36,6 +37,66 @@ TEST(Hints, OfAConnectionFollowTheReasonAndNotTheText) {
     EXPECT_THAT(hintFor(Reason::unknownName), HasSubstr("`orlinth peers`"));
     EXPECT_THAT(hintForSending(SendError::network("connection timed out, refused, unreachable"), "Pixel"),
                 HasSubstr("`orlinth peers`"));
+}
+
+/// What a person reads of a phone at 192.168.7.30 that was not reached for this reason.
+class HintsOfThisComputer : public testing::Test {
+protected:
+    HintsOfThisComputer() {
+        world.interfaces.addresses = {fakes::FakeNetworkInterfaces::ipv4("wlan0", {192, 168, 7, 10})};
+        world.routes.putOnLink(address);
+        phone.peer_ip = "192.168.7.30";
+    }
+    [[nodiscard]] std::string hint(Reason reason) {
+        return hintForSending(home, SendError::network("Zeitüberschreitung", reason), phone);
+    }
+    void putNeighbour(platform::NeighbourState state, Bytes hardware) {
+        platform::Neighbour entry = fakes::MemoryNeighbours::entry(address, state, std::move(hardware));
+        entry.confirmedAge = 40s;
+        world.neighbours.put(entry);
+    }
+
+    const platform::IpAddress address = platform::Ipv4Address{192, 168, 7, 30};
+    fakes::World world;
+    host::Home home{.system = world.system, .executor = world.context.get_executor()};
+    PeerRecord phone = world.phoneRecord();
+};
+
+TEST_F(HintsOfThisComputer, SayWhyAPhoneWasNotReached) {
+    EXPECT_THAT(hint(Reason::refused), StartsWith("Pixel-8 is on this network, but Orlinth is not open on it. Open "));
+    EXPECT_THAT(hint(Reason::hostUnreachable), StartsWith("Nothing answers at 192.168.7.30. "));
+    putNeighbour(platform::NeighbourState::reachable, {std::byte{2}, {}, {}, {}, {}, std::byte{7}});
+    EXPECT_THAT(hint(Reason::timedOut), StartsWith("No answer from Pixel-8. It was here until about 40 s ago, or "));
+    world.interfaces.addresses.push_back(fakes::FakeNetworkInterfaces::ipv4("tun0", {10, 8, 0, 2}));
+    world.interfaces.addresses.back().isPointToPoint = true;
+    world.routes.putOnLink(address, "tun0");
+    EXPECT_THAT(hint(Reason::timedOut), StartsWith("The VPN on this computer (tun0) takes the way to "));
+    world.interfaces.addresses.clear();
+    EXPECT_THAT(hint(Reason::networkUnreachable), StartsWith("This computer is not connected to any network. `"));
+    EXPECT_TRUE(world.probe.attempts.empty()) << "nothing is sent for it";
+    EXPECT_EQ(world.probe.datagrams, 0U);
+}
+
+TEST_F(HintsOfThisComputer, AskWhereNothingIsKnown) {
+    EXPECT_EQ(hint(Reason::timedOut), "Is Pixel-8 (192.168.7.30:7000) awake, on this network, and ready to receive? "
+                                      "`orlinth doctor Pixel-8` looks further.");
+    EXPECT_EQ(hint(Reason::unknownName),
+              hintForSending(SendError::network("x", Reason::unknownName), "Pixel-8 (192.168.7.30:7000)"));
+}
+
+TEST_F(HintsOfThisComputer, NameTheCommandAsItCanBeTyped) {
+    const auto command = [this](const char* name) {
+        phone.peer_hostname = name;
+        const std::string text = hint(Reason::refused);
+        return text.substr(text.find('`'));
+    };
+    EXPECT_EQ(command("Pixel-8"), "`orlinth doctor Pixel-8` looks further.");
+    EXPECT_EQ(command("Ann's phone"), "`orlinth doctor` looks further.");
+    EXPECT_EQ(command("Pixel 8"), "`orlinth doctor 'Pixel 8'` looks further.");
+    EXPECT_EQ(command("$(reboot)"), "`orlinth doctor '$(reboot)'` looks further.");
+    EXPECT_EQ(command("-x"), "`orlinth doctor` looks further.");
+    EXPECT_EQ(command("a\nb"), "`orlinth doctor` looks further.");
+    EXPECT_EQ(command(""), "`orlinth doctor` looks further.");
 }
 
 TEST(Hints, OfADeadlineSayWhatWasWaitedFor) {

@@ -57,12 +57,31 @@ TEST_F(SendCommandTest, GivesUpOnAPhoneThatDoesNotAnswerAfterFiveSeconds) {
     EXPECT_NEAR(send({"--warm-timeout", "0.3"}).after, 0.3, 1e-9);
 }
 
+TEST_F(SendCommandTest, LooksForThePhoneAsItIsTold) {
+    EXPECT_EQ(send({"--find", "sometimes"}).status, 2);
+    world.network.makeSilent(world.phoneRecord().peer_ip);
+    world.routes.gateways["enp3s0"] = *platform::parseIpAddress("192.168.1.1");
+    world.neighbours.put(fakes::MemoryNeighbours::entry(*platform::parseIpAddress("192.168.1.77"),
+                                                        platform::NeighbourState::stale, Bytes(6, std::byte{0x3C}),
+                                                        "enp3s0"));
+    EXPECT_EQ(send({"--find", "never", "--warm-timeout", "1"}).status, 1);
+    EXPECT_THAT(world.probe.attempts, IsEmpty());
+    EXPECT_EQ(send({"--warm-timeout", "1"}).status, 1);
+    EXPECT_EQ(world.probe.attempts.size(), 1u) << "the router may be the phone";
+    EXPECT_EQ(send({"--find", "always", "--warm-timeout", "1"}).status, 1);
+    EXPECT_EQ(world.probe.attempts.size(), 3u) << "and its neighbour";
+}
+
 TEST_F(SendCommandTest, ReportsAtOnceThatAPhoneRefusesAndWhatToDo) {
     const Ended ended = send({});
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.after, 0);
     EXPECT_EQ(ended.failure(), "orlinth: network: Connection refused");
-    EXPECT_THAT(ended.errors.back(), HasSubstr("awake"));
+    EXPECT_EQ(ended.errors.back(),
+              "a.txt was not sent to Pixel-8. Pixel-8 is on this network, but Orlinth is not open on "
+              "it. Open the app there once and allow it to run in the background (battery settings). "
+              "It cannot be woken: no push token is recorded; pairing again brings one. `orlinth "
+              "doctor Pixel-8` looks further.");
 }
 
 TEST_F(SendCommandTest, WaitsForAPhoneThatTakesItsTimeToCloseBehindTheEnd) {

@@ -2,6 +2,7 @@
 
 #include "fakes/TemporaryFolder.h"
 #include "platform/SystemError.h"
+#include "platform/linux/LinuxFileSystem.h"
 
 #include <gmock/gmock.h>
 
@@ -58,9 +59,10 @@ protected:
         return failureOf([&] { static_cast<void>(folder_->open(FileName(name), mode)); });
     }
 
+    static constexpr std::uint32_t ordinary_ = 0644;
     fakes::TemporaryFolder outside_;
     Path inside_ = outside_ / "downloads";
-    std::unique_ptr<Folder> folder_ = (std::filesystem::create_directory(inside_), openLinuxFolder(inside_));
+    std::unique_ptr<Folder> folder_ = (std::filesystem::create_directory(inside_), openLinuxFolder(inside_, ordinary_));
 };
 
 TEST_F(LinuxFolderTest, MakesLooksAtMovesListsAndRemovesFiles) {
@@ -125,11 +127,12 @@ TEST_F(LinuxFolderTest, StaysTheFolderThatItWasWhateverItsPathLeadsTo) {
 
 TEST_F(LinuxFolderTest, MayBeReachedByALinkAndMustBeAFolder) {
     std::filesystem::create_symlink("downloads", outside_ / "link");
-    const std::unique_ptr<Folder> same = openLinuxFolder(outside_ / "link");
+    const std::unique_ptr<Folder> same = openLinuxFolder(outside_ / "link", ordinary_);
     EXPECT_TRUE(isSameFile(same->status(), folder_->status()));
     writeText(outside_ / "file", "");
-    EXPECT_EQ(failureOf([&] { static_cast<void>(openLinuxFolder(outside_ / "file")); }), "Not a directory");
-    EXPECT_EQ(failureOf([&] { static_cast<void>(openLinuxFolder(outside_ / "none")); }), "No such file or directory");
+    EXPECT_EQ(failureOf([&] { static_cast<void>(openLinuxFolder(outside_ / "file", ordinary_)); }), "Not a directory");
+    EXPECT_EQ(failureOf([&] { static_cast<void>(openLinuxFolder(outside_ / "none", ordinary_)); }),
+              "No such file or directory");
 }
 
 TEST_F(LinuxFolderTest, DoesNotWaitForAPipe) {
@@ -152,7 +155,7 @@ TEST_F(LinuxFolderTest, KnowsWhatNewFilesGetUnderAnyUmask) {
     for (const mode_t mask : {022U, 0U, 027U, 077U}) {
         const mode_t before = ::umask(mask);
         EXPECT_EQ(write("new", ""), "");
-        const std::uint32_t ordinary = folder_->ordinaryPermissions();
+        const std::uint32_t ordinary = LinuxFileSystem().openFolder(inside_)->ordinaryPermissions();
         ::umask(before);
         EXPECT_EQ(ordinary, folder_->status(FileName("new")).value().permissions) << mask;
         folder_->open(FileName("new"), OpenMode::write)->setPermissions(0640);
@@ -208,6 +211,19 @@ void takeRightsOfRootAway() {
     }
 }
 
+TEST_F(LinuxFolderTest, SaysWhyNoFileCanBeMade) {
+    EXPECT_EQ(folder_->objectionToFiles(), std::error_code());
+    std::filesystem::permissions(inside_, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        takeRightsOfRootAway();
+        ::_exit(folder_->objectionToFiles() == std::errc::permission_denied ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(LinuxFolderTest, CanBeUsedWhereItMayNotBeRead) {
     std::filesystem::permissions(inside_, std::filesystem::perms::owner_write | std::filesystem::perms::owner_exec);
     const pid_t child = ::fork();
@@ -215,7 +231,7 @@ TEST_F(LinuxFolderTest, CanBeUsedWhereItMayNotBeRead) {
         takeRightsOfRootAway();
         std::unique_ptr<Folder> unreadable;
         const std::string failure = failureOf([&] {
-            unreadable = openLinuxFolder(inside_);
+            unreadable = openLinuxFolder(inside_, ordinary_);
             unreadable->open(FileName("a"), OpenMode::createNew)->write(asBytes("content"));
             unreadable->flush();
         });

@@ -119,6 +119,64 @@ TEST_F(LinuxFolderWatchTest, DoesNotTellOfWhatIsBelowAFolderInIt) {
     runUntil([&] { return calls > 0; });
 }
 
+TEST_F(LinuxFolderWatchTest, TellsOfOneFileWhateverBecomesOfIt) {
+    const Path file = folder / "book";
+    int calls = 0;
+    const auto watch = watcher.watchFile(file, context.get_executor(), [&calls] { ++calls; });
+    const auto expectCall = [&](const char* what, const std::function<void()>& action) {
+        SCOPED_TRACE(what);
+        const int before = calls;
+        action();
+        runUntil([&] { return calls > before; });
+        context.restart();
+        context.poll(); // what else there is to be told of this
+    };
+    for (int round = 0; round < 2; ++round) {
+        expectCall("it comes", [&] { writeText(file, "1"); });
+        expectCall("it is written in its place", [&] { writeText(file, "2"); });
+        writeText(other / "new", "3");
+        expectCall("another one takes its name", [&] { std::filesystem::rename(other / "new", file); });
+        expectCall("that one is written", [&] { writeText(file, "4"); });
+        expectCall("it goes elsewhere", [&] { std::filesystem::rename(file, other / "old"); });
+        expectCall("it is back", [&] { std::filesystem::rename(other / "old", file); });
+        expectCall("it is written again", [&] { writeText(file, "5"); });
+        expectCall("it is removed", [&] { std::filesystem::remove(file); });
+    }
+}
+
+TEST_F(LinuxFolderWatchTest, TellsNothingOfOtherFilesToWhoeverWatchesOne) {
+    int calls = 0;
+    int all = 0;
+    const auto watch = watcher.watchFile(folder / "book", context.get_executor(), [&calls] { ++calls; });
+    const auto wide = count(folder.path(), all);
+    for (const char* name : {"other", "book.lock", "boo"}) {
+        const int before = all;
+        writeText(folder / name, "");
+        runUntil([&] { return all > before; });
+    }
+    context.restart();
+    context.poll();
+    EXPECT_EQ(calls, 0);
+    writeText(folder / "book", "");
+    runUntil([&] { return calls > 0; });
+}
+
+TEST_F(LinuxFolderWatchTest, FindsTheFileAgainWhenItsFolderIsBack) {
+    const Path inner = folder / "inner";
+    std::filesystem::create_directory(inner);
+    writeText(inner / "book", "1");
+    int calls = 0;
+    const auto watch = watcher.watchFile(inner / "book", context.get_executor(), [&calls] { ++calls; });
+    std::filesystem::rename(inner, folder / "away");
+    runUntil([&] { return calls > 0; });
+    std::filesystem::rename(folder / "away", inner);
+    const int before = calls;
+    runUntil([&] { return calls > before; }); // it is looked for every two seconds
+    const int found = calls;
+    writeText(inner / "book", "2");
+    runUntil([&] { return calls > found; });
+}
+
 TEST_F(LinuxFolderWatchTest, FollowsALinkToTheFolder) {
     std::filesystem::create_directory_symlink(folder.path(), other / "link");
     int calls = 0;

@@ -309,6 +309,23 @@ TEST_F(LinuxReachTest, EndsAProbeThatIsCancelled) {
     EXPECT_TRUE(fakes::isCancelled(fakes::cancelMidway(context, connect(probe, context.get_executor()))));
 }
 
+TEST_F(LinuxReachTest, SendsADatagramUnlessAFilterForbidsIt) {
+    for (const char* literal :
+         {"10.77.0.2", "fd77::2", "::ffff:10.77.0.2", "198.18.0.1", "198.51.100.2", "fe80::1", "fe80::1%absent"}) {
+        EXPECT_TRUE(probe.maySendDatagram(address(literal))) << literal;
+    }
+    if (!run("command -v nft > /dev/null")) {
+        GTEST_SKIP() << "NOT TESTED: a filter, as nft is not installed";
+    }
+    ASSERT_TRUE(run("nft 'add table inet stop; add chain inet stop out { type filter hook output priority 0; };\n"
+                    "add rule inet stop out ip daddr 10.77.0.2 drop; add rule inet stop out ip6 daddr fd77::2 drop'"));
+    EXPECT_FALSE(probe.maySendDatagram(address("10.77.0.2")));
+    EXPECT_FALSE(probe.maySendDatagram(address("::ffff:10.77.0.2")));
+    EXPECT_FALSE(probe.maySendDatagram(address("fd77::2")));
+    EXPECT_TRUE(run("nft delete table inet stop"));
+    EXPECT_TRUE(probe.maySendDatagram(address("10.77.0.2")));
+}
+
 TEST_F(LinuxReachTest, ListsANeighbourThatAnswers) {
     EXPECT_EQ(failure("10.77.0.2"), failureOf(ECONNREFUSED));
     const std::optional<Neighbour> entry = entryOf("10.77.0.2");

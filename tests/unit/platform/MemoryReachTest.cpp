@@ -161,5 +161,15 @@ TEST_F(MemoryProbeTest, IsSilentAtWhatNobodyHasNamed) {
     EXPECT_EQ(codeOf([&] { static_cast<void>(probed(7300)); }), EMFILE);
 }
 
+TEST(MemoryProbe, ForbidsDatagramsAsATestSays) {
+    asio::io_context context;
+    VirtualClock clock(context);
+    MemoryProbe probe(clock);
+    probe.forbidDatagrams(phone);
+    EXPECT_FALSE(probe.maySendDatagram(phone));
+    EXPECT_TRUE(probe.maySendDatagram(router));
+    EXPECT_EQ(probe.datagrams, 2u);
+}
+
 } // namespace
 } // namespace orlinth::fakes

@@ -19,6 +19,7 @@ namespace {
 using fakes::readText;
 using fakes::writeText;
 using testing::ElementsAre;
+using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
 /// The real files, with an eye on how new ones are made.
@@ -177,26 +178,69 @@ TEST(WholeFile, ReplacesALinkItselfInAnOpenFolderToo) {
     EXPECT_EQ(files.status(folder / "link").value().permissions, 0600U);
 }
 
+bool otherProcessGets(const Path& lock) {
+    const pid_t process = ::fork();
+    if (process == 0) {
+        LinuxFileSystem files;
+        const auto file = files.open(lock, OpenMode::openOrCreate);
+        ::_exit(file->tryLock() ? 1 : 2);
+    }
+    int status = 0;
+    ::waitpid(process, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 1;
+}
+
 TEST(FileLock, KeepsAnotherProcessOutUntilItGoes) {
     const fakes::TemporaryFolder folder;
     LinuxFileSystem files;
-    const auto otherProcessGetsIt = [&] {
-        const pid_t process = ::fork();
-        if (process == 0) {
-            LinuxFileSystem childFiles;
-            const auto file = childFiles.open(folder / "a.lock", OpenMode::openOrCreate);
-            ::_exit(file->tryLock() ? 1 : 2);
-        }
-        int status = 0;
-        ::waitpid(process, &status, 0);
-        return WIFEXITED(status) && WEXITSTATUS(status) == 1;
-    };
     {
         const FileLock lock(files, folder / "a");
-        EXPECT_FALSE(otherProcessGetsIt());
+        EXPECT_FALSE(otherProcessGets(folder / "a.lock"));
     }
-    EXPECT_TRUE(otherProcessGetsIt());
+    EXPECT_TRUE(otherProcessGets(folder / "a.lock"));
     EXPECT_EQ(files.status(folder / "a.lock").value().permissions, 0600U);
+}
+
+TEST(KeptFileLock, KeepsAnotherProcessOutForEachOfItsTurns) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    KeptFileLock lock(files, folder / "a");
+    EXPECT_THAT(namesIn(folder), IsEmpty());
+    for (int turns = 0; turns < 2; ++turns) {
+        {
+            const KeptFileLock::Turn turn = lock.take();
+            EXPECT_FALSE(otherProcessGets(folder / "a.lock"));
+        }
+        EXPECT_TRUE(otherProcessGets(folder / "a.lock"));
+    }
+    EXPECT_EQ(files.status(folder / "a.lock").value().permissions, 0600U);
+}
+
+TEST(KeptFileLock, LocksTheFileThatIsThereAfterSomebodyHasTidiedUp) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    KeptFileLock lock(files, folder / "a");
+    {
+        const KeptFileLock::Turn turn = lock.take();
+    }
+    for (const bool isReplaced : {false, true}) {
+        std::filesystem::remove(folder / "a.lock");
+        if (isReplaced) {
+            writeText(folder / "a.lock", "");
+        }
+        const KeptFileLock::Turn turn = lock.take();
+        EXPECT_FALSE(otherProcessGets(folder / "a.lock")) << isReplaced;
+    }
+}
+
+TEST(KeptFileLock, SaysWhyItCannotBeTakenAndCanBeTakenLater) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    KeptFileLock lock(files, folder / "missing/a");
+    EXPECT_THROW(static_cast<void>(lock.take()), SystemError);
+    std::filesystem::create_directory(folder / "missing");
+    const KeptFileLock::Turn turn = lock.take();
+    EXPECT_FALSE(otherProcessGets(folder / "missing/a.lock"));
 }
 
 TEST(FileLock, LetsProcessesCountTogetherWithoutLosingOne) {

@@ -433,5 +433,24 @@ TEST_F(AddressBookTest, HasSixteenNetworksSweptAtMost) {
     EXPECT_TRUE(book.claimSweep(home, now + 10min));
 }
 
+// --- changes of the record ---
+
+TEST_F(AddressBookTest, HasTheAddressInARecordReplacedOnceAMinute) {
+    EXPECT_TRUE(book.claimMove(pixel, now));
+    EXPECT_FALSE(book.claimMove(pixel, now));
+    EXPECT_FALSE(AddressBook::decode(asBytes(book.encode())).claimMove(pixel, now + 59s)) << "by another process";
+    EXPECT_TRUE(book.claimMove(pixel, now + 60s));
+    EXPECT_TRUE(book.claimMove(pixel, now)) << "the clock was set back";
+    EXPECT_FALSE(book.claimMove(PeerKey("no key"), now));
+    EXPECT_FALSE(book.claimMove(pixel, EpochMilliseconds()));
+}
+
+TEST_F(AddressBookTest, ForgetsThatTheAddressOfARemovedPhoneWasReplaced) {
+    EXPECT_TRUE(book.claimMove(pixel, now));
+    EXPECT_TRUE(book.knows(pixel));
+    EXPECT_TRUE(book.forget(pixel));
+    EXPECT_EQ(book, AddressBook());
+}
+
 } // namespace
 } // namespace orlinth::host

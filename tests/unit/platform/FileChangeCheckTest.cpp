@@ -1,4 +1,4 @@
-#include "OrlinthHost/FileChangeCheck.h"
+#include "platform/FileChangeCheck.h"
 
 #include "fakes/TemporaryFolder.h"
 #include "fakes/VirtualClock.h"
@@ -12,7 +12,7 @@
 #include <fstream>
 #include <string>
 
-namespace orlinth::host {
+namespace orlinth::platform {
 namespace {
 
 using Answer = FileChangeCheck::Answer;
@@ -32,8 +32,8 @@ protected:
     asio::io_context context_;
     fakes::VirtualClock clock_{context_};
     fakes::TemporaryFolder folder_;
-    platform::LinuxFileSystem files_;
-    platform::Path file_ = folder_.path() / "file";
+    LinuxFileSystem files_;
+    Path file_ = folder_.path() / "file";
     FileChangeCheck check_;
 };
 
@@ -61,7 +61,7 @@ TEST_F(FileChangeCheckTest, SeesAChangeOfTheTimeAlone) {
 TEST_F(FileChangeCheckTest, SeesAnotherFileInItsPlace) {
     write("a", 60);
     static_cast<void>(look());
-    const platform::Path other = folder_.path() / "other";
+    const Path other = folder_.path() / "other";
     std::filesystem::copy_file(file_, other);
     std::filesystem::last_write_time(other, std::filesystem::last_write_time(file_));
     std::filesystem::rename(other, file_);
@@ -89,10 +89,9 @@ TEST_F(FileChangeCheckTest, IsNotSureAfterADoubt) {
 TEST_F(FileChangeCheckTest, ForgetsALookThatFailed) {
     write("a", 60);
     static_cast<void>(look());
-    EXPECT_THROW(static_cast<void>(check_.look(files_, clock_, folder_.path() / std::string(300, 'n'))),
-                 platform::SystemError);
+    EXPECT_THROW(static_cast<void>(check_.look(files_, clock_, folder_.path() / std::string(300, 'n'))), SystemError);
     EXPECT_EQ(Answer::same, look());
 }
 
 } // namespace
-} // namespace orlinth::host
+} // namespace orlinth::platform

@@ -1,8 +1,8 @@
-#include "OrlinthHost/FileChangeCheck.h"
+#include "platform/FileChangeCheck.h"
 
 #include <cstdint>
 
-namespace orlinth::host {
+namespace orlinth::platform {
 
 namespace {
 
@@ -10,18 +10,17 @@ namespace {
 /// kernel's ticks.
 constexpr std::chrono::seconds settlingTime = 1s;
 
-bool looksTheSame(const std::optional<platform::FileStatus>& one, const std::optional<platform::FileStatus>& other) {
+bool looksTheSame(const std::optional<FileStatus>& one, const std::optional<FileStatus>& other) {
     if (!one || !other) {
         return one.has_value() == other.has_value();
     }
-    return platform::isSameContent(*one, *other);
+    return isSameContent(*one, *other);
 }
 
 } // namespace
 
-FileChangeCheck::Answer FileChangeCheck::look(const platform::FileSystem& files, const platform::Clock& clock,
-                                              const platform::Path& file) {
-    const std::optional<platform::FileStatus> now = files.status(file);
+FileChangeCheck::Answer FileChangeCheck::look(const FileSystem& files, const Clock& clock, const Path& file) {
+    const std::optional<FileStatus> now = files.status(file);
     const bool isSame = looksTheSame(seen_, now);
     const bool wasSettled = isSettled_;
     seen_ = now;
@@ -32,4 +31,4 @@ FileChangeCheck::Answer FileChangeCheck::look(const platform::FileSystem& files,
     return wasSettled ? Answer::same : Answer::maybeSame;
 }
 
-} // namespace orlinth::host
+} // namespace orlinth::platform

@@ -5,7 +5,7 @@
 
 #include <optional>
 
-namespace orlinth::host {
+namespace orlinth::platform {
 
 /// Tells, from a file's times, size and place, whether it has changed since the look before. To be asked before the
 /// file is read: what changes meanwhile is then seen by the next look.
@@ -19,15 +19,14 @@ public:
         different, ///< has changed, come or gone
     };
 
-    /// @throws platform::SystemError, and the next answer is as if this look had not been
-    [[nodiscard]] Answer look(const platform::FileSystem& files, const platform::Clock& clock,
-                              const platform::Path& file);
+    /// @throws SystemError, and the next answer is as if this look had not been
+    [[nodiscard]] Answer look(const FileSystem& files, const Clock& clock, const Path& file);
     /// The next answer is not `same`.
     void doubt() noexcept { isSettled_ = false; }
 
 private:
-    std::optional<platform::FileStatus> seen_;
+    std::optional<FileStatus> seen_;
     bool isSettled_ = false; ///< the file was old enough when it was seen to show every later change
 };
 
-} // namespace orlinth::host
+} // namespace orlinth::platform

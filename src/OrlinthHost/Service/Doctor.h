@@ -1,0 +1,122 @@
+#pragma once
+
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/Whereabouts.h"
+#include "OrlinthHost/Reach/Finder.h"
+#include "OrlinthHost/Reach/Finding.h"
+#include "OrlinthHost/Reach/PhoneCheck.h"
+#include "platform/Event.h"
+#include "platform/TaskGroup.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orlinth::host {
+
+struct DoctorRequest {
+    std::vector<PeerRecord> phones; ///< that are looked for
+    bool isAboutPhones = false;     ///< only they are asked about; of this computer, only what explains why they fail
+    platform::Path downloads;       ///< where received files go
+    bool asksPushProject = false;   ///< over the internet
+    FindSetting find = FindSetting::known; ///< where a phone is looked for that is not at its recorded address
+};
+
+/// What it all comes to.
+struct Diagnosis {
+    std::size_t problems = 0;
+    std::size_t warnings = 0;
+    std::size_t phones = 0;          ///< that were looked for
+    std::vector<std::string> absent; ///< the names of those that cannot be reached
+    bool isWayTaken = false;         ///< something of this computer keeps it from any phone
+    bool canSend = false;            ///< to every phone that was looked for, and there is one
+    std::optional<bool> canReceive;  ///< as far as this computer is concerned; nothing if that was not asked
+};
+
+/// Finds out what keeps phones and this computer apart. All checks begin at once, each has a limit of its own, and none
+/// holds up another: what has not ended by its limit is not measured, and is called off.
+///
+/// A phone that is not at its recorded address is looked for meanwhile, as Finder has it. Nothing is changed but the
+/// AddressMemory, and the address of a phone that has moved. Nobody is woken, and no packet leaves the networks that
+/// this computer is in, but those to addresses at which a phone was met and, if asked for, to the push project.
+///
+/// On the home's executor.
+class Doctor {
+public:
+    /// Phones that are looked for at once.
+    static constexpr std::size_t maxPhonesAtOnce = 8;
+    /// How long a check may take that asks nobody but this computer, and the firewall, behind the one of the service.
+    static constexpr Seconds quickLimit = 600ms;
+    static constexpr Seconds firewallLimit = 1500ms;
+    /// How long all of it takes at most.
+    static constexpr Seconds wholeLimit = 10s;
+
+    using OnFinding = std::function<void(const Finding&)>;
+    using OnConclusion = std::function<void(const Diagnosis&)>;
+
+    /// `onFinding` is called with each finding, as soon as it and those before it are there, and `onConclusion` behind
+    /// the last one; they do not throw. `home` outlives this.
+    Doctor(Home& home, DoctorRequest request, OnFinding onFinding, OnConclusion onConclusion);
+    Doctor(const Doctor&) = delete;
+    Doctor& operator=(const Doctor&) = delete;
+
+    /// Once. Returns when nothing of it runs any more: a disk that hangs is waited for behind the conclusion.
+    /// @throws platform::Cancelled, likewise
+    [[nodiscard]] Task<Diagnosis> run();
+
+private:
+    using Slot = std::size_t; ///< the place of a finding in the order
+
+    void beginAll();
+    /// Begins a check, which has until `limit`.
+    void begin(Finding::Check check, Seconds limit, Task<Finding> task, std::string phone = {});
+    [[nodiscard]] Task<> fill(Slot slot, Task<Finding> task);
+    [[nodiscard]] Task<> giveUp(Slot slot, Seconds limit);
+    void put(Slot slot, Finding finding);
+    void putNothing(Slot slot, std::string remark);
+    [[nodiscard]] Task<> untilReported();
+    void report();
+    void count(const Finding& finding);
+
+    [[nodiscard]] Task<Finding> lookAtNetwork();
+    [[nodiscard]] Task<Finding> lookAtService();
+    [[nodiscard]] Task<Finding> lookAtFirewall();
+    [[nodiscard]] Task<Finding> lookAtDownloads();
+    [[nodiscard]] Task<Finding> lookAtWaking();
+    [[nodiscard]] Task<Finding> lookForPhone(const PeerRecord& phone);
+    [[nodiscard]] Task<std::optional<PhoneFindings>> checkUnlessFound(const PeerRecord& phone, Finder::Search& search);
+    [[nodiscard]] Finding findingOfMove(const PeerRecord& phone, const HostAddress& found);
+
+    /// A finding, or what is known of it before it is there.
+    struct Place {
+        Finding::Check check;
+        std::string phone;
+        PeerKey peerKey;
+        std::optional<Finding> finding;
+        std::optional<platform::TaskGroup::Id> task;
+    };
+
+    Home& home_;
+    const DoctorRequest request_;
+    const OnFinding onFinding_;
+    const OnConclusion onConclusion_;
+    const Whereabouts here_;
+    std::vector<Place> places_; ///< by slot
+    Slot reported_ = 0;
+    std::size_t phonesLeft_; ///< that have not been found or missed yet
+    std::size_t phonesUnderWay_ = 0;
+    std::optional<Finding> wayTaken_; ///< of this computer: what keeps it from any phone, as an attempt has shown
+    std::uint16_t port_ = 0;          ///< once the service is known
+    Diagnosis diagnosis_;
+    platform::Event isServiceKnown_;
+    platform::Event isWayKnown_;
+    platform::Event hasPhoneEnded_;
+    platform::Event hasFinding_;
+    AddressMemory memory_;
+    Finder finder_;
+    platform::TaskGroup tasks_; ///< last: what they use is above
+};
+
+} // namespace orlinth::host

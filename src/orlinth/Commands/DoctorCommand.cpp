@@ -1,0 +1,78 @@
+#include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Service/Doctor.h"
+#include "OrlinthHost/Service/DownloadsFolder.h"
+#include "orlinth/Commands/Command.h"
+#include "orlinth/Reporting/DoctorReporter.h"
+
+#include <algorithm>
+
+namespace orlinth::cli {
+
+namespace {
+
+class DoctorCommand final : public Command {
+public:
+    explicit DoctorCommand(CLI::App& program)
+        : Command(program.add_subcommand("doctor", "Find out why a phone or this computer cannot be reached.")) {
+        parser()
+            .add_option("SELECTOR", selectors_,
+                        "Which phones: names, or the beginnings of names or keys, in any letter case. Default: all "
+                        "phones, and this computer.")
+            ->type_name("")
+            ->check(notEmpty())
+            ->configurable(false);
+        parser().add_flag("--push", asksPushProject_,
+                          "Also ask the push project over the internet whether it accepts this computer's key. No push "
+                          "is sent.");
+        addFind(find_);
+        parser().add_flag("--verbose", isVerbose_, "Show what was seen, and how long each check took.");
+        addJsonFlag("Print findings as JSON, one object a line.");
+    }
+
+    int run(Host& host) override {
+        host::DoctorRequest request{.phones = choosePhones(host),
+                                    .isAboutPhones = !selectors_.empty(),
+                                    .downloads = host::chooseDownloadsFolder(host, "").path,
+                                    .asksPushProject = asksPushProject_,
+                                    .find = find_};
+        if (request.phones.empty()) {
+            host.output.message("No phone is paired yet. `orlinth pair` pairs one.");
+        }
+        DoctorReporter::Style style = DoctorReporter::styleOfTerminal();
+        style.isVerbose = isVerbose_;
+        DoctorReporter reporter(host.output, style);
+        host::Doctor doctor(
+            host, std::move(request), [&reporter](const host::Finding& found) { reporter.tell(found); },
+            [&reporter](const host::Diagnosis& diagnosis) { reporter.conclude(diagnosis); });
+        const host::Diagnosis diagnosis = host.tasks.run(doctor.run());
+        return diagnosis.problems == 0 && diagnosis.absent.empty() ? 0 : 1;
+    }
+
+private:
+    [[nodiscard]] std::vector<PeerRecord> choosePhones(const Host& host) const {
+        if (selectors_.empty()) {
+            return host.peers().loadBook().peers;
+        }
+        std::vector<PeerRecord> phones;
+        for (const std::string& selector : selectors_) {
+            PeerRecord phone = host::resolvePeer(host, selector);
+            if (std::ranges::find(phones, phone.peer_pubkey, &PeerRecord::peer_pubkey) == phones.end()) {
+                phones.push_back(std::move(phone));
+            }
+        }
+        return phones;
+    }
+
+    std::vector<std::string> selectors_;
+    bool asksPushProject_ = false;
+    bool isVerbose_ = false;
+    host::FindSetting find_ = host::FindSetting::known;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeDoctorCommand(CLI::App& program) {
+    return std::make_unique<DoctorCommand>(program);
+}
+
+} // namespace orlinth::cli

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "platform/Firewall.h"
+#include "platform/linux/SessionBus.h"
+
+#include <filesystem>
+#include <string_view>
+
+namespace orlinth::platform {
+
+/// Whether a port of firewalld's settings ("28471", "1025-65535") includes this one.
+[[nodiscard]] bool includesPort(std::string_view setting, std::uint16_t port) noexcept;
+
+/// The value that a file of shell settings gives a variable (`ENABLED=yes`), without quotation marks; the last one
+/// counts. "" if there is none.
+[[nodiscard]] std::string shellSetting(std::string_view text, std::string_view name);
+
+/// Whether the rules of nftables, as their file has them, drop or reject anything.
+[[nodiscard]] bool keepsAnythingOut(std::string_view rules);
+
+/// firewalld as it answers on the system's bus, ufw as its settings say, and nftables by its service and its file. What
+/// only root may read, such as the rules that are in force, is not looked at.
+class LinuxFirewall final : public Firewall {
+public:
+    /// `environment` says where the system's bus is: DBUS_SESSION_BUS_ADDRESS of it, whatever that is in the process.
+    /// `root` is where "etc" is.
+    explicit LinuxFirewall(BusEnvironment environment, std::filesystem::path root = "/")
+        : environment_(environment), root_(std::move(root)) {}
+
+    [[nodiscard]] Task<FirewallReport> incoming(std::string interface, std::uint16_t port, Executor executor) override;
+
+private:
+    [[nodiscard]] FirewallReport byFiles(bool isNftablesActive) const;
+
+    BusEnvironment environment_;
+    std::filesystem::path root_;
+};
+
+/// For LinuxFirewall: the system's bus, at DBUS_SYSTEM_BUS_ADDRESS or the usual place.
+[[nodiscard]] const char* systemBusEnvironment(const char* name);
+
+} // namespace orlinth::platform

@@ -1,0 +1,332 @@
+#include "OrlinthHost/Reach/Finder.h"
+
+#include "FinderWorld.h"
+#include "OrlinthHost/Phones/PairedPhones.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <functional>
+#include <map>
+#include <set>
+
+namespace orlinth::host {
+namespace {
+
+using fakes::FakeNetworkInterfaces;
+using fakes::MemoryNeighbours;
+using platform::IpAddress;
+using platform::Ipv4Address;
+using platform::NeighbourState;
+using platform::PrivateKey;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class FinderTest : public FinderWorldTest {
+protected:
+    /// Where it is found; "" if nowhere. The search ends then.
+    [[nodiscard]] std::string search(bool isUrgent = false) { return world.run(searchWith(find, isUrgent)); }
+    [[nodiscard]] Task<std::string> searchWith(FindSetting setting, bool isUrgent) {
+        Finder finder(homeOf, setting);
+        std::unique_ptr<Finder::Search> one = finder.begin(record);
+        if (isUrgent) {
+            one->hurry();
+        }
+        co_await one->untilOver();
+        const std::optional<HostAddress> found = one->found();
+        foundAfter = world.clock.elapsed();
+        one.reset();
+        co_await finder.finish();
+        co_return found ? found->literal() : "";
+    }
+
+    /// The record and `other`, with one finder.
+    [[nodiscard]] Task<> findBoth(PeerRecord other) {
+        Finder finder(homeOf, find);
+        std::unique_ptr<Finder::Search> one = finder.begin(record);
+        std::unique_ptr<Finder::Search> two = finder.begin(other);
+        co_await one->untilOver();
+        co_await two->untilOver();
+        EXPECT_EQ(one->found(), host("192.168.7.57"));
+        EXPECT_EQ(two->found(), host("192.168.7.90"));
+        one.reset();
+        two.reset();
+        co_await finder.finish();
+    }
+    static Task<> ignoring(Task<std::string> task) { static_cast<void>(co_await std::move(task)); }
+
+    [[nodiscard]] std::set<IpAddress> asked() const {
+        std::set<IpAddress> addresses;
+        for (const auto& attempt : world.probe.attempts) {
+            EXPECT_TRUE(addresses.insert(attempt.address).second) << platform::textOf(attempt.address) << " twice";
+        }
+        return addresses;
+    }
+
+    FindSetting find = FindSetting::known;
+    double foundAfter = 0; ///< seconds
+};
+
+TEST_F(FinderTest, FindsThePhoneWhereItWasMetBefore) {
+    meetAt("192.168.7.30");
+    meetAt("192.168.7.57");
+    answer("192.168.7.57", world.phoneKey);
+    EXPECT_EQ(search(), "192.168.7.57");
+    EXPECT_DOUBLE_EQ(foundAfter, 0.3);
+    EXPECT_THAT(asked(), SizeIs(1));
+    EXPECT_EQ(received["192.168.7.57"], fakes::bytesOfFirstMessage);
+}
+
+TEST_F(FinderTest, WaitsForNothingIfThereIsEvidence) {
+    meetAt("192.168.7.57");
+    answer("192.168.7.57", world.phoneKey);
+    EXPECT_EQ(search(true), "192.168.7.57");
+    EXPECT_DOUBLE_EQ(foundAfter, 0);
+}
+
+TEST_F(FinderTest, AsksNobodyWhileTheRecordedAddressHasItsTurn) {
+    meetAt("192.168.7.57");
+    Finder finder(homeOf, find);
+    std::unique_ptr<Finder::Search> one = finder.begin(record);
+    const auto beforeThen = [](platform::Clock& clock) -> Task<> { co_await clock.sleep(299ms); };
+    world.run(beforeThen(world.clock));
+    EXPECT_THAT(world.probe.attempts, IsEmpty());
+    one.reset();
+    world.run(finder.finish());
+    EXPECT_THAT(world.probe.attempts, IsEmpty());
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 0.299);
+}
+
+TEST_F(FinderTest, FindsThePhoneByItsHardwareAddress) {
+    meetAt("192.168.7.30", phoneMac);
+    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::stale, bytesOf(phoneMac)));
+    answer("192.168.7.57", world.phoneKey);
+    EXPECT_EQ(search(), "192.168.7.57");
+    EXPECT_THAT(asked(), SizeIs(1));
+}
+
+TEST_F(FinderTest, FindsAPhoneThatSharesItsConnectionAsTheRouter) {
+    answer("192.168.7.1", world.phoneKey);
+    EXPECT_EQ(search(), "192.168.7.1");
+    EXPECT_THAT(asked(), SizeIs(1));
+}
+
+TEST_F(FinderTest, FindsThePhoneByASweep) {
+    meetAt("192.168.7.30");
+    answer("192.168.7.57", world.phoneKey);
+    EXPECT_EQ(search(), "192.168.7.57");
+    EXPECT_NEAR(foundAfter, 1 + (53 - 32) / 128.0, 0.02) << "the 53rd address from .30 on, both ways";
+    EXPECT_LE(asked().size(), 56u) << "it ends with the hit";
+}
+
+TEST_F(FinderTest, SweepsEvenlyAndKeepsToTheLimits) {
+    meetAt("192.168.7.30");
+    EXPECT_EQ(search(), "");
+    EXPECT_THAT(asked(), SizeIs(252));
+    EXPECT_LE(world.probe.most, 254u);
+    const auto& attempts = world.probe.attempts;
+    EXPECT_GE(attempts.back().at - attempts.front().at, Seconds((251 - 32) / 128.0));
+    EXPECT_NEAR(foundAfter, 1 + (251 - 32) / 128.0 + 1.2, 0.001);
+}
+
+TEST_F(FinderTest, FindsAnIpv6AddressWithItsZoneAndOneWithout) {
+    for (const std::string literal : {"fe80::57%wlan0", "fd00:7::57"}) {
+        world.routes.putOnLink(ip(literal));
+        meetAt(literal);
+        answer(literal, world.phoneKey);
+        EXPECT_EQ(search(), literal);
+        world.probe.makeSilent(ip(literal), fakes::World::phonePort);
+    }
+}
+
+TEST_F(FinderTest, LearnsWhereThePhoneWasFound) {
+    meetAt("192.168.7.30");
+    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::reachable, bytesOf(phoneMac)));
+    answer("192.168.7.57", world.phoneKey);
+    EXPECT_EQ(search(), "192.168.7.57");
+    const KnownAddress found = memory.addressesOf(record.peer_pubkey).front();
+    EXPECT_EQ(found.host.text(), "192.168.7.57");
+    EXPECT_EQ(found.host.interface(), "wlan0");
+    EXPECT_EQ(found.mac, phoneMac);
+    EXPECT_EQ(found.network, home);
+    EXPECT_TRUE(found.reached);
+}
+
+TEST_F(FinderTest, LearnsWhereThePhoneIsNotAnyMore) {
+    meetAt("192.168.7.57");
+    EXPECT_EQ(search(), "");
+    EXPECT_EQ(memory.addressesOf(record.peer_pubkey).front().failures, 1);
+}
+
+// --- what it must not do ---
+
+TEST_F(FinderTest, ShowsStrangersNothingBehindTheFirstMessage) {
+    meetAt("192.168.7.30");
+    for (int i = 40; i < 80; ++i) {
+        answer("192.168.7." + std::to_string(i), otherKey);
+    }
+    EXPECT_EQ(search(), "");
+    EXPECT_THAT(received, SizeIs(40));
+    for (const auto& [address, bytes] : received) {
+        EXPECT_EQ(bytes, fakes::bytesOfFirstMessage) << address;
+    }
+}
+
+TEST_F(FinderTest, AsksNobodyIfItMayNot) {
+    find = FindSetting::never;
+    meetAt("192.168.7.57");
+    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.58"), NeighbourState::stale, bytesOf(phoneMac)));
+    EXPECT_EQ(search(true), "");
+    EXPECT_THAT(world.probe.attempts, IsEmpty());
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 0);
+}
+
+TEST_F(FinderTest, SweepsNoNetworkInWhichThePhoneWasNotMet) {
+    memory.reached(record.peer_pubkey, {.host = host("10.1.4.30")});
+    EXPECT_EQ(search(), "");
+    EXPECT_THAT(asked(), ElementsAre(ip("192.168.7.1"))) << "the router may be the phone";
+}
+
+TEST_F(FinderTest, SweepsNoNetworkThatATunnelHasTakenAPartOf) {
+    meetAt("192.168.7.30");
+    world.interfaces.addresses.push_back(FakeNetworkInterfaces::ipv4("tun0", {10, 8, 0, 2}));
+    for (int i = 128; i < 255; ++i) {
+        world.routes.putOnLink(ip("192.168.7." + std::to_string(i)), "tun0");
+    }
+    EXPECT_EQ(search(), "");
+    EXPECT_THAT(world.probe.attempts, IsEmpty());
+}
+
+TEST_F(FinderTest, SweepsANetworkOnceForTwoPhones) {
+    meetAt("192.168.7.30");
+    PeerRecord tablet = record;
+    tablet.peer_pubkey = otherKey.publicKey().peerKey();
+    tablet.peer_ip = "192.168.7.31";
+    answer("192.168.7.57", world.phoneKey);
+    answer("192.168.7.90", otherKey);
+    world.run(findBoth(tablet));
+    EXPECT_LE(asked().size(), 254u);
+}
+
+TEST_F(FinderTest, SweepsANetworkOnceForTwoFinders) {
+    meetAt("192.168.7.30");
+    world.alongside(ignoring(searchWith(find, false)));
+    EXPECT_EQ(search(), "") << "the other one has claimed the network";
+    fakes::runUntilIdle(world.context, world.clock);
+    EXPECT_THAT(asked(), SizeIs(252));
+    EXPECT_EQ(search(), "") << "nor does a third one, a moment later";
+    EXPECT_THAT(asked(), SizeIs(252));
+}
+
+TEST_F(FinderTest, DoesNotWaitLongForThoseWhoSayNothing) {
+    meetAt("192.168.7.30");
+    for (int i = 100; i < 254; ++i) {
+        holdOpen("192.168.7." + std::to_string(i));
+    }
+    answer("192.168.7.57", world.phoneKey);
+    EXPECT_EQ(search(), "192.168.7.57");
+    EXPECT_LT(foundAfter, 1.5);
+}
+
+TEST_F(FinderTest, GivesUpInTimeIfManySayNothing) {
+    meetAt("192.168.7.30");
+    for (int i = 1; i < 255; ++i) {
+        holdOpen("192.168.7." + std::to_string(i));
+    }
+    EXPECT_EQ(search(), "");
+    EXPECT_LE(foundAfter, 0.3 + 6);
+    EXPECT_EQ(mostAsked, 16);
+}
+
+TEST_F(FinderTest, DoesNotRememberAPhoneThatIsNotPairedAnyMore) {
+    meetAt("192.168.7.57");
+    static_cast<void>(PairedPhones(homeOf).remove(record, world.computerKey.publicKey()));
+    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::reachable, bytesOf(phoneMac)));
+    record.peer_mac = phoneMac.text();
+    answer("192.168.7.57", world.phoneKey);
+    EXPECT_EQ(search(), "192.168.7.57");
+    EXPECT_THAT(memory.addressesOf(record.peer_pubkey), IsEmpty());
+}
+
+TEST_F(FinderTest, LooksAgainAfterAPush) {
+    meetAt("192.168.7.57");
+    Finder finder(homeOf, find);
+    std::unique_ptr<Finder::Search> one = finder.begin(record);
+    one->giveUp(); // it is there, and sleeps
+    world.run(one->untilOver());
+    EXPECT_THAT(world.probe.attempts, IsEmpty());
+    answer("192.168.7.57", world.phoneKey);
+    one->wokenUp();
+    world.run(one->untilFound([] { return true; }));
+    EXPECT_EQ(one->found()->literal(), "192.168.7.57");
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 2);
+    one.reset();
+    world.run(finder.finish());
+}
+
+TEST_F(FinderTest, TellsWhetherAnotherDeviceHasTheAddress) {
+    Finder finder(homeOf, find);
+    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(routerMac)));
+    EXPECT_FALSE(finder.isElsewhere(record)) << "nothing is known of the phone's own";
+    meetAt("192.168.7.30", phoneMac);
+    EXPECT_TRUE(finder.isElsewhere(record));
+    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(phoneMac)));
+    EXPECT_FALSE(finder.isElsewhere(record));
+}
+
+// --- the record ---
+
+class RecordMoveTest : public FinderTest {
+protected:
+    [[nodiscard]] bool move(const std::string& to) { return recordMove(homeOf, memory, record, host(to)); }
+    [[nodiscard]] std::string recorded() const { return homeOf.peers().loadBook().peers.front().peer_ip; }
+    void let(std::chrono::milliseconds time) {
+        const auto pass = [](platform::Clock& clock, Seconds duration) -> Task<> { co_await clock.sleep(duration); };
+        world.run(pass(world.clock, time));
+    }
+};
+
+TEST_F(RecordMoveTest, GetsTheNewAddressAndNothingElse) {
+    EXPECT_TRUE(move("192.168.7.57"));
+    PeerRecord expected = record;
+    expected.peer_ip = "192.168.7.57";
+    EXPECT_EQ(homeOf.peers().loadBook().peers, std::vector{expected});
+}
+
+TEST_F(RecordMoveTest, KeepsAnAddressThatSomebodyElseHasRecordedMeanwhile) {
+    PeerRecord newer = record;
+    newer.peer_ip = "192.168.7.99";
+    homeOf.peers().upsert(newer);
+    EXPECT_FALSE(move("192.168.7.57"));
+    EXPECT_EQ(recorded(), "192.168.7.99");
+}
+
+TEST_F(RecordMoveTest, KeepsANameAndTakesNoIpv6) {
+    EXPECT_FALSE(move("fd00:7::57"));
+    EXPECT_FALSE(move("fe80::57%wlan0"));
+    record.peer_ip = "pixel.example";
+    homeOf.peers().upsert(record);
+    EXPECT_FALSE(move("192.168.7.57"));
+    EXPECT_EQ(recorded(), "pixel.example");
+}
+
+TEST_F(RecordMoveTest, ChangesOnceAMinuteIfTwoAddressesTakeTurns) {
+    EXPECT_TRUE(move("192.168.7.57"));
+    record.peer_ip = "192.168.7.57";
+    EXPECT_FALSE(move("192.168.7.30"));
+    let(59s);
+    EXPECT_FALSE(move("192.168.7.30"));
+    let(1s);
+    EXPECT_TRUE(move("192.168.7.30"));
+    EXPECT_EQ(recorded(), "192.168.7.30");
+}
+
+TEST_F(RecordMoveTest, DoesNotBringBackAPhoneThatWasRemoved) {
+    static_cast<void>(PairedPhones(homeOf).remove(record, world.computerKey.publicKey()));
+    EXPECT_FALSE(move("192.168.7.57"));
+    EXPECT_THAT(homeOf.peers().loadBook().peers, IsEmpty());
+}
+
+} // namespace
+} // namespace orlinth::host
