@@ -1,6 +1,7 @@
 #include "OrlinthShare/ShareViewController.h"
 
 #include "OrlinthShare/FileThumbnail.h"
+#include "OrlinthShare/PhoneSubtitles.h"
 #include "base/Precondition.h"
 #include "base/Text.h"
 #include "platform/SystemError.h"
@@ -49,16 +50,23 @@ void ShareViewController::loadView() {
 
 void ShareViewController::viewDidAppear() {
     pool_.start([this] {
-        const auto tell = [this, found = filesToShare()] { goOn(found); };
+        const auto tell = [this, found = filesToShare(), known = presence()] { goOn(found, known); };
         QMetaObject::invokeMethod(this, tell, Qt::QueuedConnection);
     });
     pool_.waitForDone(static_cast<int>(lookPatience.count()));
 }
 
-void ShareViewController::goOn(ShareRequest::FileItems found) {
+/// On a thread of the pool. The list of phones does not change meanwhile.
+std::vector<SharePresence> ShareViewController::presence() const {
+    const bool isAChoice = peers_.size() > 1;
+    return isAChoice && settings_.askPresence ? settings_.askPresence() : std::vector<SharePresence>();
+}
+
+void ShareViewController::goOn(ShareRequest::FileItems found, const std::vector<SharePresence>& presence) {
     if (request_.hasEnded()) {
         return;
     }
+    showPresence(peers_, presence, QDateTime::currentDateTime());
     files_ = std::move(found.paths);
     if (files_.empty()) {
         fail(found.unreadable == 0 ? ShareError::nothingShareable().description()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthCore/Share/ServicePresence.h"
 #include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthCore/Share/ShareStaging.h"
 #include "OrlinthShare/ShareBackgroundView.h"
@@ -41,6 +42,9 @@ public:
         std::chrono::milliseconds statusSeen{0};
         /// Whether a failure stays in the window until it is closed. Not where nobody can see a window.
         bool showsFailures = true;
+        /// Says what the service knows of whether the phones are there. Called on a thread of the pool, for a choice of
+        /// several phones, and may block for a blink of an eye. Empty: the list has to do.
+        std::function<std::vector<SharePresence>()> askPresence = {};
     };
 
     /// `request` outlives the controller.
@@ -101,7 +105,9 @@ private:
     void copyOne(const platform::Path& file) noexcept;
     void closeBatch() noexcept;
 
-    void goOn(ShareRequest::FileItems found);
+    [[nodiscard]] std::vector<SharePresence> presence() const;
+
+    void goOn(ShareRequest::FileItems found, const std::vector<SharePresence>& presence);
     void presentPicker();
     void presentStatus(const QString& text);
     void endStaging(const std::optional<std::string>& failure);

@@ -2,6 +2,7 @@
 #include "OrlinthShare/DesktopLook.h"
 #include "OrlinthShare/ShareViewController.h"
 #include "base/Error.h"
+#include "platform/Spawn.h"
 #include "platform/linux/LinuxSystem.h"
 
 #include <QApplication>
@@ -104,6 +105,29 @@ bool isWindowSeen() {
     return platform != QStringLiteral("offscreen") && platform != QStringLiteral("minimal");
 }
 
+/// How long the sheet waits for what the service knows of the phones.
+constexpr Seconds presencePatience = 50ms;
+
+/// `system` and `phones` outlive the task.
+Task<> takePresence(platform::System& system, std::vector<SharePresence>& phones) {
+    phones = co_await ServicePresence::ask(system.unixSockets, system.clock,
+                                           ServicePresence::socketOf(system.directories), presencePatience);
+}
+
+/// On a thread of its own; waits for the answer.
+std::vector<SharePresence> askService(platform::System& system) {
+    asio::io_context context(1);
+    std::vector<SharePresence> phones;
+    platform::spawn(context.get_executor(), takePresence(system, phones),
+                    [&log = system.log](const std::exception_ptr& error) {
+                        if (error) { // then the list has to do
+                            log.write(platform::LogLevel::debug, ShareStaging::logSubsystem, "share", describe(error));
+                        }
+                    });
+    context.run();
+    return phones;
+}
+
 /// Shows the sheet until the request has ended and the window is closed.
 int runSheet(QApplication& application, CommandLine line) {
     using namespace std::chrono_literals;
@@ -125,7 +149,8 @@ int runSheet(QApplication& application, CommandLine line) {
          .directories = system.directories,
          .computerName = computerName(system.files),
          .statusSeen = isWindowSeen() ? statusSeen : 0ms,
-         .showsFailures = isWindowSeen()},
+         .showsFailures = isWindowSeen(),
+         .askPresence = [&system] { return askService(system); }},
         request);
     controller.onFinished = [&application] { application.exit(); };
     controller.loadView();

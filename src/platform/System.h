@@ -19,6 +19,7 @@
 #include "platform/Probe.h"
 #include "platform/Routes.h"
 #include "platform/ServiceDiscovery.h"
+#include "platform/SleepNews.h"
 #include "platform/Storage.h"
 #include "platform/UnixSockets.h"
 #include "platform/WorkQueues.h"
@@ -49,6 +50,7 @@ struct System {
     UnixSockets& unixSockets;
     Notifications& notifications;
     BusSignals& busSignals;
+    SleepNews& sleepNews;
     FolderWatcher& folders;
     UserDirectories directories;
 

@@ -4,6 +4,7 @@
 
 #include <QKeyEvent>
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 
 namespace orlinth::share {
@@ -74,6 +75,41 @@ TEST_F(ShareViewControllerTest, SendsToTheChosenPhonesOfSeveral) {
     ASSERT_TRUE(finishes());
     EXPECT_EQ(request_->exitStatus(), 0);
     EXPECT_THAT(onlyManifest().targetPubkeys, Optional(ElementsAre(PeerKey("key 1"), PeerKey("key 3"))));
+}
+
+TEST_F(ShareViewControllerTest, ShowsWhichPhonesAreThereAndOffersThemAll) {
+    pair(3);
+    world_.files.put("/home/ann/a.txt", "a");
+    askPresence_ = [] {
+        return std::vector<SharePresence>{
+            {.pubkey = PeerKey("key 1"), .state = SharePresence::State::asleep, .canWake = true},
+            {.pubkey = PeerKey("key 2"), .state = SharePresence::State::here}};
+    };
+    share({"/home/ann/a.txt"});
+    SharePickerView* const picker = shown<SharePickerView>();
+    ASSERT_NE(picker, nullptr);
+    ASSERT_EQ(picker->rows().size(), 3U);
+    EXPECT_EQ(picker->rows()[0]->subtitle().toStdString(), "Asleep, will be woken");
+    EXPECT_EQ(picker->rows()[1]->subtitle().toStdString(), "Here now");
+    EXPECT_EQ(picker->rows()[2]->subtitle().toStdString(), "192.168.1.3");
+    keepPicture("controller-presence");
+    EXPECT_THAT(picker->selectedKeys(), ElementsAre(PeerKey("key 1"))) << "one that sleeps is as good as any";
+    click(picker->sendButton());
+    ASSERT_TRUE(finishes());
+    EXPECT_THAT(onlyManifest().targetPubkeys, Optional(ElementsAre(PeerKey("key 1"))));
+}
+
+TEST_F(ShareViewControllerTest, AsksNobodyAboutTheOnlyPhone) {
+    pair(1);
+    world_.files.put("/home/ann/a.txt", "a");
+    std::atomic<int> asked = 0;
+    askPresence_ = [&asked] {
+        ++asked;
+        return std::vector<SharePresence>();
+    };
+    share({"/home/ann/a.txt"});
+    ASSERT_TRUE(finishes());
+    EXPECT_EQ(asked, 0);
 }
 
 TEST_F(ShareViewControllerTest, ShowsTheFirstFileOfThemAndItsPicture) {

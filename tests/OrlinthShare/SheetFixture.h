@@ -49,7 +49,8 @@ protected:
                 .system = {.files = *files_, .clock = world_.clock, .log = world_.log, .busSignals = world_.busSignals},
                 .directories = world_.system.directories,
                 .computerName = QStringLiteral("ann-laptop"),
-                .showsFailures = showsFailures},
+                .showsFailures = showsFailures,
+                .askPresence = askPresence_},
             *request_);
         controller_->onFinished = [this] { isFinished_ = true; };
         controller_->loadView();
@@ -115,6 +116,7 @@ protected:
     std::unique_ptr<ShareRequest> request_;
     std::unique_ptr<ShareViewController> controller_;
     bool isFinished_ = false;
+    std::function<std::vector<SharePresence>()> askPresence_; ///< of the sheets that are shown from now on
 };
 
 } // namespace orlinth::share

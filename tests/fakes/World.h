@@ -12,6 +12,7 @@
 #include "fakes/FakeNetworkInterfaces.h"
 #include "fakes/FakeNotifications.h"
 #include "fakes/FakeServiceDiscovery.h"
+#include "fakes/FakeSleepNews.h"
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/MemoryNeighbours.h"
 #include "fakes/MemoryNetwork.h"
@@ -64,6 +65,7 @@ struct World {
     MemoryUnixSockets unixSockets{context};
     FakeNotifications notifications;
     FakeBusSignals busSignals;
+    FakeSleepNews sleepNews;
     FakeFolderWatcher folders;
     /// This computer, with another disk in it, which outlives what is given it.
     [[nodiscard]] platform::System systemOn(platform::FileSystem& disk) {
@@ -86,6 +88,7 @@ struct World {
                 .unixSockets = unixSockets,
                 .notifications = notifications,
                 .busSignals = busSignals,
+                .sleepNews = sleepNews,
                 .folders = folders,
                 .directories = {.data = "/home/ann/.local/share",
                                 .config = "/home/ann/.config",

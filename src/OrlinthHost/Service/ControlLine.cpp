@@ -1,10 +1,10 @@
 #include "OrlinthHost/Service/ControlLine.h"
 
+#include "OrlinthCore/Share/ServicePresence.h"
+
 namespace orlinth::host {
 
 namespace {
-
-constexpr const char* socketName = "service.sock";
 
 Task<std::string> readLine(platform::Stream& stream) {
     std::string line;
@@ -33,7 +33,7 @@ Task<bool> writeLine(platform::Stream& stream, std::string line) {
 } // namespace
 
 platform::Path controlSocket(const Home& home) {
-    return home.dataDirectory() / socketName;
+    return home.dataDirectory() / ServicePresence::socketName;
 }
 
 Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit) {

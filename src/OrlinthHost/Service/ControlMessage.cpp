@@ -22,6 +22,7 @@ constexpr const char* batchKey = "batch";
 constexpr const char* foundKey = "found";
 constexpr const char* errorKey = "error";
 constexpr const char* phonesKey = "phones";
+constexpr const char* wakeKey = "can_wake";
 constexpr const char* pubkeyKey = "peer_pubkey";
 constexpr const char* stateKey = "state";
 constexpr const char* seenKey = "seen_epoch_ms";
@@ -65,7 +66,8 @@ PresenceState stateOf(const std::string& text) {
 Json phonesOf(const PresenceReply& presence) {
     Json phones = Json::array();
     for (const PhonePresence& phone : presence.phones) {
-        phones.push_back({{pubkeyKey, phone.peerKey.text()},
+        phones.push_back({{wakeKey, phone.canWake},
+                          {pubkeyKey, phone.peerKey.text()},
                           {seenKey, phone.seen ? toNumber(*phone.seen) : 0},
                           {stateKey, textOf(phone.state)}});
     }
@@ -78,7 +80,8 @@ PresenceReply presenceIn(const Json& object) {
         const std::int64_t seen = requireInt64(phone, seenKey);
         presence.phones.push_back({.peerKey = PeerKey(requireString(phone, pubkeyKey)),
                                    .state = stateOf(requireString(phone, stateKey)),
-                                   .seen = seen > 0 ? std::optional(fromEpochMilliseconds(seen)) : std::nullopt});
+                                   .seen = seen > 0 ? std::optional(fromEpochMilliseconds(seen)) : std::nullopt,
+                                   .canWake = isTrue(phone, wakeKey, false)});
     }
     return presence;
 }

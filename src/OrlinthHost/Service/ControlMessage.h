@@ -65,11 +65,11 @@ struct FoundReply {
     friend bool operator==(const FoundReply&, const FoundReply&) = default;
 };
 
-/// `{"phones":[{"peer_pubkey":"…","seen_epoch_ms":1731686400000,"state":"here"}]}`: the paired phones, of many the 32
-/// that were paired last. A phone that was never seen has 0 there. The states are "here", "asleep", "away" and
-/// "unknown"; any other text is read as the last.
+/// `{"phones":[{"can_wake":true,"peer_pubkey":"…","seen_epoch_ms":1731686400000,"state":"here"}]}`: the paired phones,
+/// of many the 24 that were paired last. A phone that was never seen has 0 there. The states are "here", "asleep",
+/// "away" and "unknown"; any other text is read as the last.
 struct PresenceReply {
-    static constexpr std::size_t maxPhones = 32;
+    static constexpr std::size_t maxPhones = 24;
     std::vector<PhonePresence> phones;
     friend bool operator==(const PresenceReply&, const PresenceReply&) = default;
 };

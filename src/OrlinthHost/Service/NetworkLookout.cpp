@@ -59,6 +59,7 @@ void NetworkLookout::start() {
     } catch (const platform::SystemError& error) {
         log(error);
     }
+    sleep_ = home_.system.sleepNews.watch(home_.executor, [this] { onWake(); });
     seen_ = view();
     isConnected_ = seen_.isConnected;
     if (!isConnected_) {
@@ -69,6 +70,7 @@ void NetworkLookout::start() {
 void NetworkLookout::stop() noexcept {
     timer_->disarm();
     network_.reset();
+    sleep_.reset();
     neighbours_.reset();
 }
 
@@ -94,6 +96,13 @@ void NetworkLookout::onNews() {
     }
 }
 
+/// A minute in which the computer slept is a long one.
+void NetworkLookout::onWake() {
+    hasSlept_ = true;
+    toldAt_.reset();
+    onNews();
+}
+
 void NetworkLookout::lookIn(Seconds time) {
     lookAt_ = home_.system.clock.now() + time;
     timer_->arm(time, [this] {
@@ -107,7 +116,7 @@ void NetworkLookout::look() {
     if (std::exchange(isConnected_, now.isConnected) != now.isConnected) {
         callbacks_.onConnected(now.isConnected);
     }
-    if (now.isSameAs(seen_)) {
+    if (now.isSameAs(seen_) && !(hasSlept_ && now.isConnected)) {
         for (std::size_t i = 0; i < now.places.size(); ++i) { // a router that has been spoken to meanwhile
             std::optional<MacAddress>& known = seen_.places[i].gatewayMac;
             known = now.places[i].gatewayMac ? now.places[i].gatewayMac : known;
@@ -124,6 +133,7 @@ void NetworkLookout::look() {
         return;
     }
     toldAt_ = instant;
+    hasSlept_ = false;
     seen_ = std::move(now);
     callbacks_.onNetwork();
 }

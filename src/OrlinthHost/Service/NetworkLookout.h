@@ -6,6 +6,7 @@
 #include "platform/FileChangeCheck.h"
 #include "platform/Neighbours.h"
 #include "platform/NetworkNews.h"
+#include "platform/SleepNews.h"
 
 #include <functional>
 #include <map>
@@ -17,8 +18,8 @@
 
 namespace orlinth::host {
 
-/// Says when this computer has come into another network, or has left its own, and when a paired phone has come into
-/// the one that it is in.
+/// Says when this computer has come into another network, has left its own, or has woken up in whatever network there
+/// is now, and when a paired phone has come into the one that it is in.
 ///
 /// Systems tell of many changes that change nothing, as when an address is renewed. So this looks for itself, two
 /// seconds after the first of several changes, and tells of a network only if an interface, an address or a router is
@@ -42,7 +43,7 @@ public:
         /// There is no network any more: no interface is up and running but those for this computer's own programs; or
         /// there is one again. As often as that changes.
         std::function<void(bool isConnected)> onConnected;
-        /// The network is another one, or there is one again.
+        /// The network is another one, or may be, since the computer has slept; or there is one again.
         std::function<void()> onNetwork;
         /// The phone has come into the network.
         std::function<void(const PeerKey& phone)> onPhone;
@@ -82,6 +83,7 @@ private:
 
     [[nodiscard]] View view() const;
     void onNews();
+    void onWake();
     void lookIn(Seconds time);
     void look();
     void onNeighbours(const platform::NeighbourEvent& event);
@@ -100,7 +102,9 @@ private:
     std::map<EntryId, std::vector<PeerKey>> good_;   ///< the neighbours that are there, and which phones they are
     platform::FileChangeCheck addressesCheck_;
     std::map<MacAddress, std::vector<PeerKey>> phones_; ///< as the file said at the last look
+    bool hasSlept_ = false;                             ///< since then
     std::unique_ptr<platform::NetworkWatch> network_;
+    std::unique_ptr<platform::SleepWatch> sleep_;
     std::unique_ptr<platform::NeighbourWatch> neighbours_;
 };
 

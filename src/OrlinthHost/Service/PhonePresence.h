@@ -20,6 +20,7 @@ struct PhonePresence {
     PeerKey peerKey;
     PresenceState state = PresenceState::unknown;
     std::optional<EpochMilliseconds> seen = {}; ///< when it last proved its key; nothing if it never has
+    bool canWake = false;                       ///< there are a push token and a key for the push service
 
     friend bool operator==(const PhonePresence&, const PhonePresence&) = default;
 };

@@ -1,5 +1,6 @@
 #include "OrlinthHost/Service/PresenceKeeper.h"
 
+#include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/Whereabouts.h"
 #include "OrlinthHost/Service/ControlMessage.h"
@@ -60,12 +61,14 @@ std::vector<PhonePresence> PresenceKeeper::all() const {
         records.erase(records.begin(), records.end() - PresenceReply::maxPhones);
     }
     const std::map<PeerKey, EpochMilliseconds> meetings = knownAddresses(home_).lastMeetings();
+    const bool hasPushKey = home_.system.files.exists(FcmWake::defaultServiceAccountURL(home_.system.directories));
     std::vector<PhonePresence> phones;
     for (const PeerRecord& record : records) {
         PhonePresence phone = presence_.of(record.peer_pubkey, home_.system.clock.now());
         if (const auto met = meetings.find(record.peer_pubkey); met != meetings.end()) {
             phone.seen = std::max(phone.seen.value_or(met->second), met->second);
         }
+        phone.canWake = hasPushKey && !record.peer_fcm_token.empty();
         phones.push_back(phone);
     }
     return phones;

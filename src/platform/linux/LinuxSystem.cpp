@@ -19,6 +19,7 @@
 #include "platform/linux/LinuxProbe.h"
 #include "platform/linux/LinuxRoutes.h"
 #include "platform/linux/LinuxServiceDiscovery.h"
+#include "platform/linux/LinuxSleepNews.h"
 #include "platform/linux/LinuxUnixSockets.h"
 #include "platform/linux/LinuxWorkQueues.h"
 
@@ -60,6 +61,7 @@ struct LinuxSystem::Parts {
     LinuxUnixSockets unixSockets;
     LinuxNotifications notifications;
     LinuxBusSignals busSignals;
+    LinuxSleepNews sleepNews{systemBusEnvironment};
     LinuxFolderWatcher folders;
     UserDirectories directories = linuxUserDirectories(processEnvironment);
 };
@@ -88,6 +90,7 @@ System LinuxSystem::system() {
             .unixSockets = parts_->unixSockets,
             .notifications = parts_->notifications,
             .busSignals = parts_->busSignals,
+            .sleepNews = parts_->sleepNews,
             .folders = parts_->folders,
             .directories = parts_->directories};
 }

@@ -30,11 +30,11 @@ const std::vector<std::pair<std::string, ControlReply>> replies{
     {R"({"found":true})", FoundReply{true}},
     {R"({"found":false})", FoundReply{false}},
     {R"({"phones":[]})", PresenceReply{}},
-    {R"({"phones":[{"peer_pubkey":"a=","seen_epoch_ms":1731686400000,"state":"here"},)"
-     R"({"peer_pubkey":"b=","seen_epoch_ms":0,"state":"asleep"},)"
-     R"({"peer_pubkey":"c=","seen_epoch_ms":1,"state":"away"},)"
-     R"({"peer_pubkey":"d=","seen_epoch_ms":0,"state":"unknown"}]})",
-     PresenceReply{{{PeerKey("a="), PresenceState::here, fromEpochMilliseconds(1'731'686'400'000)},
+    {R"({"phones":[{"can_wake":true,"peer_pubkey":"a=","seen_epoch_ms":1731686400000,"state":"here"},)"
+     R"({"can_wake":false,"peer_pubkey":"b=","seen_epoch_ms":0,"state":"asleep"},)"
+     R"({"can_wake":false,"peer_pubkey":"c=","seen_epoch_ms":1,"state":"away"},)"
+     R"({"can_wake":false,"peer_pubkey":"d=","seen_epoch_ms":0,"state":"unknown"}]})",
+     PresenceReply{{{PeerKey("a="), PresenceState::here, fromEpochMilliseconds(1'731'686'400'000), true},
                     {PeerKey("b="), PresenceState::asleep},
                     {PeerKey("c="), PresenceState::away, fromEpochMilliseconds(1)},
                     {PeerKey("d="), PresenceState::unknown}}}},

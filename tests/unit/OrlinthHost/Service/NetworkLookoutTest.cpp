@@ -156,6 +156,25 @@ TEST_F(NetworkLookoutTest, TellsThatThereIsNoNetworkAndThatThereIsOneAgainWhenev
     EXPECT_EQ(told_.back(), "network") << "once a minute";
 }
 
+TEST_F(NetworkLookoutTest, TellsOfTheNetworkInWhichTheComputerHasWokenUpAlsoIfItIsTheSame) {
+    start();
+    join({10, 1, 4, 7}, "10.1.4.1");
+    tell();
+    ASSERT_THAT(told_, ElementsAre("network"));
+    world_.sleepNews.wake();
+    pass(NetworkLookout::settleTime);
+    EXPECT_THAT(told_, ElementsAre("network", "network")) << "sooner than in a minute";
+    pass(1h);
+    EXPECT_EQ(told_.size(), 2U) << "once";
+    leave();
+    world_.sleepNews.wake();
+    pass(NetworkLookout::settleTime);
+    EXPECT_EQ(told_.back(), "alone");
+    join({10, 1, 4, 7}, "10.1.4.1"); // Wi-Fi takes a while
+    tell();
+    EXPECT_THAT(told_, ElementsAre("network", "network", "alone", "connected", "network"));
+}
+
 TEST_F(NetworkLookoutTest, TellsAtTheStartThatThereIsNoNetwork) {
     leave();
     platform::InterfaceAddress loopback = FakeNetworkInterfaces::ipv4("lo", {127, 0, 0, 1});
@@ -243,6 +262,7 @@ TEST_F(NetworkLookoutTest, HearsNothingWhereNothingCanBeWatchedAndNothingOnceItI
     other.stop();
     pass(10s);
     EXPECT_EQ(world_.networkNews.watchCount(), 0U);
+    EXPECT_EQ(world_.sleepNews.watchCount(), 0U);
     EXPECT_EQ(world_.neighbours.watchCount(), 0U);
 }
 

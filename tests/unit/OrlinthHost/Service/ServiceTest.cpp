@@ -408,8 +408,8 @@ TEST_F(ServiceTest, SaysWhichPhonesAreThere) {
     const std::string request = R"({"request":"presence"})"
                                 "\n";
     const auto answer = [this](const char* state, const std::string& seen) {
-        return R"({"phones":[{"peer_pubkey":")" + world_.phoneRecord().peer_pubkey.text() + R"(","seen_epoch_ms":)" +
-               seen + R"(,"state":")" + state + R"("}]})";
+        return R"({"phones":[{"can_wake":false,"peer_pubkey":")" + world_.phoneRecord().peer_pubkey.text() +
+               R"(","seen_epoch_ms":)" + seen + R"(,"state":")" + state + R"("}]})";
     };
     start();
     EXPECT_EQ(answer("unknown", "0"), ask(request));
