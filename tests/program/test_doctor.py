@@ -10,6 +10,7 @@ import json
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 import unittest
@@ -268,6 +269,33 @@ class ThisComputer(DoctorTest):
         service.events.wait_for("listening")
         found = self.check("service", "--find", "never")
         self.assertEqual(("ok", "receives at port 28471"), (found["status"], found["message"]))
+
+    def test_a_phone_comes_in_while_it_listens(self):
+        service = self.running_program(
+            [*self.home.desk.enter, ORLINTH, "serve", "--port", "28471", "--dir", str(self.mac.downloads), "--json"],
+            self.mac)
+        service.events.wait_for("listening")
+        self.receiver_at(self.home.phone, self.phone)
+        doctor = self.running_program(
+            [*self.home.desk.enter, ORLINTH, "doctor", "--listen", "--find", "never", "--json"], self.mac)
+        doctor.events.wait_for("listening")
+        self.phone.record(self.mac, 28471, ip="10.77.7.10")
+        sender = self.running_program(
+            [*self.home.phone.enter, ORLINTH, "send", "--to", "mac", "--json", str(self.file("a.txt", b"a"))], self.phone)
+        self.assertEqual(0, sender.wait(), sender.stderr)
+        arrival = doctor.events.wait_until(
+            lambda: next((event for event in doctor.events.all if event.get("id") == "arrival"), None), "arrival")
+        self.assertEqual("ok", arrival["status"], arrival)
+        self.assertRegex(arrival["message"], r"^phone came in (at|on) \d")
+        self.assertTrue(doctor.events.wait_for("complete")["can_receive"])
+        self.assertIn(doctor.wait(), (0, 1))  # whatever else is wrong with the machine of the test
+
+    def test_an_interrupt_ends_it_while_it_listens(self):
+        doctor = self.running_program([*self.home.desk.enter, ORLINTH, "doctor", "--listen", "--find", "never", "--json"],
+                                      self.mac)
+        doctor.events.wait_for("listening")
+        doctor.signal(signal.SIGINT)
+        self.assertEqual(130, doctor.wait(10))
 
     def test_another_program_has_the_port(self):
         self.listener_at(self.home.desk, 28471)

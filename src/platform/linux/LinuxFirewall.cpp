@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -345,14 +344,6 @@ Task<FirewallReport> LinuxFirewall::incoming(std::string interface, std::uint16_
     }
     const bool isNftablesActive = co_await isUnitActive(questions, "nftables.service");
     co_return byFiles(isNftablesActive);
-}
-
-const char* systemBusEnvironment(const char* name) {
-    if (std::string_view(name) != "DBUS_SESSION_BUS_ADDRESS") {
-        return nullptr;
-    }
-    const char* const address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    return address != nullptr && *address != '\0' ? address : "unix:path=/run/dbus/system_bus_socket";
 }
 
 } // namespace orlinth::platform

@@ -22,7 +22,7 @@ namespace orlinth::platform {
 /// only root may read, such as the rules that are in force, is not looked at.
 class LinuxFirewall final : public Firewall {
 public:
-    /// `environment` says where the system's bus is: DBUS_SESSION_BUS_ADDRESS of it, whatever that is in the process.
+    /// `environment` says where the bus is as if it were the session's: systemBusEnvironment().
     /// `root` is where "etc" is.
     explicit LinuxFirewall(BusEnvironment environment, std::filesystem::path root = "/")
         : environment_(environment), root_(std::move(root)) {}
@@ -35,8 +35,5 @@ private:
     BusEnvironment environment_;
     std::filesystem::path root_;
 };
-
-/// For LinuxFirewall: the system's bus, at DBUS_SYSTEM_BUS_ADDRESS or the usual place.
-[[nodiscard]] const char* systemBusEnvironment(const char* name);
 
 } // namespace orlinth::platform
