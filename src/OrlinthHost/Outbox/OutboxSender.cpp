@@ -274,7 +274,9 @@ Task<> OutboxSender::transfer(Running& running) {
                             .onAgain = {},
                             .finder = running.isFirst ? &finder_ : nullptr,
                             .maySweep = isWorthASweep(phone.retries) ? MaySweep::yes : MaySweep::no,
-                            .onMoved = [&phone](const PeerRecord& moved) { phone.foundAt = moved.peer_ip; }};
+                            .onMoved = [&phone, &running](const PeerRecord& moved) {
+                                running.record.peer_ip = phone.foundAt = moved.peer_ip;
+                            }};
     Delivered delivered = co_await deliver(home_.system, std::move(request));
     running.delivered = std::move(delivered);
 }

@@ -456,9 +456,9 @@ bool AddressBook::forget(const PeerKey& phone) {
 }
 
 bool AddressBook::keepOnly(const std::vector<PeerKey>& phones) {
-    return std::erase_if(phones_, [&phones](const auto& one) {
-               return std::ranges::find(phones, one.first) == phones.end();
-           }) > 0;
+    const auto isOther = [&phones](const auto& one) { return std::ranges::find(phones, one.first) == phones.end(); };
+    const bool hasForgotten = std::erase_if(phones_, isOther) > 0;
+    return std::erase_if(moved_, isOther) > 0 || hasForgotten;
 }
 
 std::map<MacAddress, std::vector<PeerKey>> AddressBook::phonesByHardware(EpochMilliseconds now) const {

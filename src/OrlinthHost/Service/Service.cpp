@@ -91,6 +91,9 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact) {
         presence.learn(phone, contact);
+        if (contact == OutboxSender::Contact::proved) {
+            sharedPeers.update(); // it was met
+        }
     };
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;

@@ -9,6 +9,7 @@
 namespace orlinth::host {
 namespace {
 
+using testing::Each;
 using testing::ElementsAre;
 
 /// A phone whose record has an address at which nobody answers, and which was met at another one on this computer's
@@ -37,11 +38,18 @@ protected:
 TEST_F(OutboxMovedPhoneTest, GetsItsFilesInTheSameAttempt) {
     put(first, {"a.txt", "b.txt"});
     world_.alongside(take(2));
-    start();
+    std::vector<std::string> provedAt;
+    sender_.emplace(home_, world_.computerKey, events_);
+    sender_->onContact = [&provedAt](const PeerRecord& record, OutboxSender::Contact contact) {
+        EXPECT_EQ(contact, OutboxSender::Contact::proved);
+        provedAt.push_back(record.peer_ip);
+    };
+    sender_->start();
     pass(400ms);
     EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
     EXPECT_EQ(recorded(), newAddress);
     EXPECT_TRUE(told(What::waiting).empty());
+    EXPECT_THAT(provedAt, Each(newAddress));
 }
 
 TEST_F(OutboxMovedPhoneTest, IsNotTriedAnewForTheAddressThatWasJustRecorded) {

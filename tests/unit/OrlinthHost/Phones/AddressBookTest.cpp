@@ -450,6 +450,10 @@ TEST_F(AddressBookTest, ForgetsThatTheAddressOfARemovedPhoneWasReplaced) {
     EXPECT_TRUE(book.knows(pixel));
     EXPECT_TRUE(book.forget(pixel));
     EXPECT_EQ(book, AddressBook());
+    EXPECT_TRUE(book.claimMove(pixel, now));
+    EXPECT_FALSE(book.keepOnly({pixel}));
+    EXPECT_TRUE(book.keepOnly({}));
+    EXPECT_EQ(book, AddressBook());
 }
 
 } // namespace

@@ -404,6 +404,19 @@ TEST_F(ServiceTest, RemembersWhereAPhoneCameFromUntilItUnpairs) {
     EXPECT_THAT(known(), IsEmpty());
 }
 
+TEST_F(ServiceTest, TellsTheShareSheetWhenAPhoneWasReached) {
+    const auto list = [this] { return world_.files.content(container / "peers.json").value_or(""); };
+    start();
+    pass(1s);
+    EXPECT_THAT(list(), HasSubstr("203.0.113.2"));
+    world_.alongside(take());
+    share("a.txt");
+    ring();
+    pass(60s);
+    ASSERT_THAT(taken_, ElementsAre("content of a.txt"));
+    EXPECT_THAT(list(), HasSubstr("last here "));
+}
+
 TEST_F(ServiceTest, SaysWhichPhonesAreThere) {
     const std::string request = R"({"request":"presence"})"
                                 "\n";
