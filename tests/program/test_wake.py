@@ -164,7 +164,8 @@ class Sending(WakeTest):
         self.assertEqual(1, sender.wait())
         if not SANITIZED:  # whose own strerror comes first
             self.assert_one_line_error(sender.stderr, "network: Verbindungsaufbau abgelehnt")
-        self.assertIn("Is phone ", sender.stderr)
+        self.assertIn("phone is on this network, but Orlinth is not open on it. Open the app there once and allow it to "
+                      "run in the background (battery settings). `orlinth doctor phone` looks further.", sender.stderr)
         self.assertEqual(["file", "waking", "error"], sender.events.names())
         self.phone_wakes(lambda: self.receiver(port=str(self.port.port)))
         self.assert_delivered_to_the_woken_phone(self.send())

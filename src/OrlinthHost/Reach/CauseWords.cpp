@@ -66,6 +66,14 @@ std::string wordsOfClock(const CauseDetails& details) {
     return "This computer's clock is " + figure + way + ".";
 }
 
+Advice toOpenTheApp(const CauseDetails& details) {
+    const std::string open = "Open the app there once and allow it to run in the background (battery settings).";
+    if (!details.canBeWoken) {
+        return {.text = open + " It cannot be woken: no push token is recorded; pairing again brings one."};
+    }
+    return {.text = details.wasWokenInVain ? open : open + " It is woken when you send."};
+}
+
 Advice toOpenThePort(const CauseDetails& details) {
     const std::string port = std::to_string(details.port) + "/tcp";
     if (details.firewall == "firewalld") {
@@ -163,11 +171,7 @@ Advice advice(Cause cause, const CauseDetails& details) {
     case Cause::noNetwork:
         return {};
     case Cause::notListening:
-        return {.text = details.canBeWoken
-                            ? "Open the app there once and allow it to run in the background (battery settings). It is "
-                              "woken when you send."
-                            : "Open the app there once and allow it to run in the background (battery settings). It "
-                              "cannot be woken: no push token is recorded; pairing again brings one."};
+        return toOpenTheApp(details);
     case Cause::notThere:
         return {.text = "Is Wi-Fi on there, and is it the same Wi-Fi?"};
     case Cause::swallowed:

@@ -27,6 +27,7 @@ struct CauseDetails {
     std::uint16_t port = 28471;             ///< of this computer's service
     std::uint16_t portKnown = 0;            ///< the one that the phones know
     bool canBeWoken = false;                ///< a push token is recorded
+    bool wasWokenInVain = false;            ///< a push was sent, or was not wanted, and it does not answer
     std::optional<Seconds> seenBefore = {}; ///< how long ago the phone last answered
     std::optional<Seconds> clockError = {}; ///< how much this computer's clock is ahead; below 0: behind
 };

@@ -467,6 +467,7 @@ PhoneFindings explainFailure(Home& home, const PeerRecord& phone, Evidence::Conn
     Look look(home, phone, {});
     look.judge(failure);
     PhoneFindings findings = look.findings();
+    findings.details.wasWokenInVain = true; // who connects to a phone also wakes it
     if (findings.cause == Cause::silent && !findings.details.seenBefore) {
         findings.cause = Cause::unknown; // nothing at all has been heard of it
     }

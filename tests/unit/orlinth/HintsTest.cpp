@@ -77,6 +77,14 @@ TEST_F(HintsOfThisComputer, SayWhyAPhoneWasNotReached) {
     EXPECT_EQ(world.probe.datagrams, 0U);
 }
 
+TEST_F(HintsOfThisComputer, PromiseNoPushThatWasOfNoUse) {
+    phone.peer_fcm_token = "push-token";
+    EXPECT_EQ(hint(Reason::refused),
+              "Pixel-8 is on this network, but Orlinth is not open on it. Open the app there once "
+              "and allow it to run in the background (battery settings). `orlinth doctor Pixel-8` "
+              "looks further.");
+}
+
 TEST_F(HintsOfThisComputer, AskWhereNothingIsKnown) {
     EXPECT_EQ(hint(Reason::timedOut), "Is Pixel-8 (192.168.7.30:7000) awake, on this network, and ready to receive? "
                                       "`orlinth doctor Pixel-8` looks further.");
