@@ -164,7 +164,7 @@ class Sending(WakeTest):
         self.assertEqual(1, sender.wait())
         if not SANITIZED:  # whose own strerror comes first
             self.assert_one_line_error(sender.stderr, "network: Verbindungsaufbau abgelehnt")
-        self.assertIn("Is phone ", sender.stderr)
+        self.assertIn("Orlinth is not open on it", sender.stderr)
         self.assertEqual(["file", "waking", "error"], sender.events.names())
         self.phone_wakes(lambda: self.receiver(port=str(self.port.port)))
         self.assert_delivered_to_the_woken_phone(self.send())
