@@ -351,6 +351,25 @@ class ThisComputer(DoctorTest):
         self.doctor("--find", "never")
         self.assertEqual(before, everything())
 
+    def test_nothing_leaves_the_network(self):
+        def forwarded():
+            """What the router has passed on, or could not."""
+            text = subprocess.run([*self.home.router.enter, "cat", "/proc/net/snmp"], check=True, capture_output=True,
+                                  encoding="ascii").stdout
+            names, values = [line.split() for line in text.splitlines() if line.startswith("Ip:")]
+            counts = dict(zip(names, values))
+            return int(counts["ForwDatagrams"]) + int(counts["OutNoRoutes"])
+
+        before = forwarded()
+        self.home.phone.run("ip link set phone0 down")
+        self.meet_router()
+        self.doctor("--find", "always")
+        self.assertEqual(before, forwarded())
+        self.home.router.run("ip route add 10.77.8.0/24 dev bridge")
+        self.at("10.77.8.30")  # but for a phone that was last in another network
+        self.look()
+        self.assertLess(before, forwarded())
+
     def test_people_read_it_in_eighty_columns(self):
         result = subprocess.run([*self.home.desk.enter, ORLINTH, "doctor", "--find", "never"], env=self.mac.environment,
                                 capture_output=True, encoding="utf-8", timeout=PATIENCE, check=False)

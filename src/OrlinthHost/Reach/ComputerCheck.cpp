@@ -35,8 +35,8 @@ FcmWake makeWake(const Home& home) {
 std::string whenInWords(EpochMilliseconds moment, EpochMilliseconds now) {
     constexpr std::size_t dateLength = 10;
     const std::string then = humanTime(moment);
-    if (then.size() <= dateLength + 1) {
-        return then;
+    if (then.size() <= dateLength + 1) { // a time that no calendar has
+        return "at some time";
     }
     const std::string date = then.substr(0, dateLength);
     const std::string time = then.substr(dateLength + 1);

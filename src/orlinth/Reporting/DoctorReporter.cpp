@@ -83,10 +83,10 @@ std::string behindLabel(const Finding& finding) {
 std::string shortEvidence(const Finding& finding) {
     std::string text;
     for (const auto& [key, value] : finding.evidence.items()) {
-        if (value == "") {
-            continue;
+        const std::string shown = value.is_string() ? value.get<std::string>() : value.dump();
+        if (!shown.empty()) {
+            text += (text.empty() ? "" : ", ") + key + " " + shown;
         }
-        text += (text.empty() ? "" : ", ") + key + " " + (value.is_string() ? value.get<std::string>() : value.dump());
     }
     const auto milliseconds = std::chrono::round<std::chrono::milliseconds>(finding.duration).count();
     return text + (text.empty() ? "" : "; ") + std::to_string(milliseconds) + " ms";

@@ -283,9 +283,8 @@ Task<std::optional<FirewallReport>> byFirewalld(Questions& questions, std::strin
 bool includesPort(std::string_view setting, std::uint16_t port) noexcept {
     const auto number = [](std::string_view text) {
         std::uint16_t value = 0;
-        const char* const end = text.data() + text.size();
-        const auto [at, error] = std::from_chars(text.data(), end, value);
-        return error == std::errc() && at == end ? value : std::uint16_t{0};
+        const auto [at, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+        return error == std::errc() && at == text.data() + text.size() ? value : std::uint16_t{0};
     };
     const std::size_t dash = setting.find('-');
     const std::uint16_t first = number(setting.substr(0, dash));

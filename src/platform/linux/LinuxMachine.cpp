@@ -23,9 +23,8 @@ std::string contentOf(const std::filesystem::path& file) {
 
 template <typename Number>
 bool parses(std::string_view text, Number& number, int base) {
-    const char* const end = text.data() + text.size();
-    const auto [at, error] = std::from_chars(text.data(), end, number, base);
-    return error == std::errc() && at == end;
+    const auto [at, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    return error == std::errc() && at == text.data() + text.size();
 }
 
 bool isNumber(std::string_view text) {
