@@ -1,5 +1,6 @@
 """What was shared gets to the phones, by way of the outbox and `orlinth serve`: at once, later, or when they wake."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -111,8 +112,10 @@ class Noticing(OutboxTest):
     @staticmethod
     def watched(service):
         """The inode numbers of what the service watches (proc(5), /proc/pid/fdinfo)."""
-        lines = [line.split() for path in pathlib.Path(f"/proc/{service.process.pid}/fdinfo").iterdir()
-                 for line in path.read_text().splitlines() if line.startswith("inotify ")]
+        lines = []
+        for path in pathlib.Path(f"/proc/{service.process.pid}/fdinfo").iterdir():
+            with contextlib.suppress(FileNotFoundError):  # one that the service has closed meanwhile
+                lines += [line.split() for line in path.read_text().splitlines() if line.startswith("inotify ")]
         return {int(word.removeprefix("ino:"), 16) for line in lines for word in line if word.startswith("ino:")}
 
     def bus(self):
