@@ -18,12 +18,12 @@ using Check = Finding::Check;
 using Status = Finding::Status;
 
 /// How long the service may take to say which port it has.
-constexpr Seconds replyLimit = 500ms;
+constexpr Seconds askingLimit = 500ms;
 
 /// The port; nothing if no service runs, or if it does not say.
 Task<std::optional<std::uint16_t>> askedPort(Home& home) {
     try {
-        co_return co_await withinLimit(home.system.clock, replyLimit, findServicePort(home));
+        co_return co_await withinLimit(home.system.clock, askingLimit, findServicePort(home));
     } catch (const HostError&) {
         co_return std::nullopt;
     }
