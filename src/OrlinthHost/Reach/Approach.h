@@ -32,6 +32,9 @@ public:
     /// the record with the new address before the attempt there begins.
     Approach(Finder* finder, PeerRecord phone, MaySweep maySweep, std::function<void(const PeerRecord&)> onMoved);
 
+    /// Ends the search, if a run that was cancelled has left one.
+    void abandon() noexcept { search_.reset(); }
+
     /// The first attempt to connect has failed.
     void onUnreached(const std::exception& error);
     void onConnected();
@@ -39,7 +42,7 @@ public:
     /// The phone has proved its key.
     void onProved();
 
-    /// With the address that is tried now. An IPv6 address in it is for this run alone.
+    /// With the address that is tried now. An IPv6 address in it is never recorded.
     [[nodiscard]] const PeerRecord& phone() const noexcept { return phone_; }
 
     /// Makes an attempt with phone(), and perhaps another one; returns what it returns, or throws what it throws.

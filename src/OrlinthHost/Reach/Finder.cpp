@@ -38,6 +38,18 @@ bool areOnLink(const Whereabouts& here, const FinderPlan::Sweep& sweep) {
     return !sweep.addresses.empty();
 }
 
+/// A VPN may have taken the way to an address that was on the link, or behind a router of ours, when the phone was
+/// there.
+bool leavesByTunnel(const platform::Routes& routes, const Whereabouts& here, const platform::IpAddress& address) {
+    try {
+        const auto way = routes.to(address);
+        const auto* const route = std::get_if<platform::Route>(&way);
+        return route != nullptr && here.kindOf(route->interface) == InterfaceKind::tunnel;
+    } catch (const platform::SystemError&) {
+        return false; // the connection will fail of the same
+    }
+}
+
 Task<> atTheNextTurn(std::function<void()> what) {
     what();
     co_return;
@@ -66,6 +78,8 @@ struct Finder::State {
     bool isWoken = false;
     bool isIdle = false; ///< everything was tried
     bool isOver = false; ///< nobody wants to know any more
+    /// The network that may be swept for this phone, for whichever of the phones somebody sweeps it.
+    std::optional<NetworkId> sweepable;
     std::optional<HostAddress> found;
 
     [[nodiscard]] bool isWanted() const noexcept { return !isOver && !found; }
@@ -170,7 +184,9 @@ Task<> Finder::lookOnce(std::shared_ptr<State> state) {
         const SoughtPhone phone = soughtFor(state->phone, here.surroundings());
         const FinderPlan plan(find_, here.networks(), here.neighbours());
         for (const FinderTarget& target : plan.nearby(phone)) {
-            ask(target);
+            if (!leavesByTunnel(home_.system.routes, here, target.address)) {
+                ask(target);
+            }
         }
         for (const KnownAddress& candidate : phone.candidates) {
             const bool isAsked = !phone.recorded || !candidate.host.isSameAs(*phone.recorded);
@@ -182,6 +198,7 @@ Task<> Finder::lookOnce(std::shared_ptr<State> state) {
         if (network && !areOnLink(here, *network)) {
             network.reset();
         }
+        state->sweepable = network ? std::optional(network->claim) : std::nullopt;
     }
     const auto isOver = [this, state] { return !state->isWanted() || probes_.isEmpty(); };
     if (network) {
@@ -223,7 +240,7 @@ Task<> Finder::sweep(FinderPlan::Sweep sweep) {
         co_await probes_.untilFewerThan(maxConnections);
         std::set<std::uint16_t> ports;
         for (const auto& state : wanted_) {
-            if (state->isWanted()) {
+            if (state->isWanted() && !state->isAsleep && state->sweepable == sweep.claim) {
                 ports.insert(portOf(state->phone));
             }
         }

@@ -391,6 +391,9 @@ private:
 
     Task<> prove() {
         const Seconds limit = std::min(times_.proof, times_.whole - elapsed());
+        if (limit <= 0s) {
+            co_return; // this program was stopped for a while
+        }
         try {
             const platform::PublicKey key =
                 co_await proveResponder(std::move(stream_), home_.system.clock, limit, std::string(kOrlinthPrologue));
@@ -412,8 +415,22 @@ private:
             lookAtNeighbour();
         }
         if (evidence_.proof == Evidence::Proof::phonesKey && host_ && isOnLink()) {
-            AddressMemory(home_.system.files, home_.system.clock, home_.system.log, home_.dataDirectory())
-                .reached(phone_.peer_pubkey, Whereabouts::look(home_.system).meetingAt(*host_));
+            learnReached(Whereabouts::look(home_.system).meetingAt(*host_));
+        }
+    }
+
+    /// Nobody removes the phone meanwhile: its record stays locked.
+    void learnReached(const Meeting& meeting) {
+        AddressMemory memory(home_.system.files, home_.system.clock, home_.system.log, home_.dataDirectory());
+        try {
+            home_.peers().update([&](PeerBook& book) {
+                if (book.find(phone_.peer_pubkey) != nullptr) {
+                    memory.reached(phone_.peer_pubkey, meeting);
+                }
+                return false;
+            });
+        } catch (const PeerStoreError&) {
+            return; // then nothing is learnt: it is only for later
         }
     }
 

@@ -43,6 +43,7 @@ Task<OneOffEnd> deliverText(Home& home, FindSetting find, std::string text, std:
     OneShot<OneOffEnd> outcome;
     co_await platform::settle(outcome, approach.run(send));
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    approach.abandon();
     co_await finder.finish();
     co_return outcome.take();
 }

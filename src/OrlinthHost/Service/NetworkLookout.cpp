@@ -156,8 +156,12 @@ void NetworkLookout::see(const platform::Neighbour& entry, bool isNews) {
         return;
     }
     const std::vector<PeerKey> phones = phonesWith(*mac);
-    const bool isNew = good_.insert_or_assign(id, phones).second;
+    const bool wasThere = good_.contains(id);
+    const std::vector<PeerKey> before = std::exchange(good_[id], phones);
+    tellOfTheGone(before);
     for (const PeerKey& phone : phones) {
+        // where nobody's phone was, somebody may have learnt only now that it is this phone's
+        const bool isNew = !wasThere || (!before.empty() && std::ranges::find(before, phone) == before.end());
         if (isNew && isNews) {
             callbacks_.onPhone(phone);
         }
@@ -172,7 +176,19 @@ void NetworkLookout::lose(const EntryId& id) {
     if (place != good_.end()) {
         const std::vector<PeerKey> phones = std::move(place->second);
         good_.erase(place);
-        std::ranges::for_each(phones, callbacks_.onPhoneGone);
+        tellOfTheGone(phones);
+    }
+}
+
+/// Those that no entry is of any more: a phone has several, of IPv4 and of IPv6.
+void NetworkLookout::tellOfTheGone(const std::vector<PeerKey>& phones) {
+    for (const PeerKey& phone : phones) {
+        const bool isThere = std::ranges::any_of(good_, [&phone](const auto& entry) {
+            return std::ranges::find(entry.second, phone) != entry.second.end();
+        });
+        if (!isThere) {
+            callbacks_.onPhoneGone(phone);
+        }
     }
 }
 

@@ -88,6 +88,7 @@ private:
     void look();
     void onNeighbours(const platform::NeighbourEvent& event);
     void see(const platform::Neighbour& entry, bool isNews);
+    void tellOfTheGone(const std::vector<PeerKey>& phones);
     void lose(const EntryId& id);
     void takeTable(const std::vector<platform::Neighbour>& table, bool isNews);
     [[nodiscard]] std::vector<PeerKey> phonesWith(const MacAddress& mac);

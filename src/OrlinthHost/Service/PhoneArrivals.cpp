@@ -43,10 +43,14 @@ Task<> PhoneArrivals::finish() {
 /// On the thread.
 void PhoneArrivals::learn(const PeerKey& phone, const HostAddress& host) const {
     try {
-        if (home_.peers().loadBook().find(phone) != nullptr) { // it may have been removed meanwhile
-            arrivalMemory(home_).came(phone, Whereabouts::look(home_.system).meetingAt(host));
-            asio::post(home_.executor, onLearnt_);
-        }
+        const Meeting meeting = Whereabouts::look(home_.system).meetingAt(host);
+        home_.peers().update([&](PeerBook& book) { // its record stays locked, so that nobody removes it meanwhile
+            if (book.find(phone) != nullptr) {
+                arrivalMemory(home_).came(phone, meeting);
+                asio::post(home_.executor, onLearnt_);
+            }
+            return false;
+        });
     } catch (const PeerStoreError&) {
         return; // nobody knows whether it is paired; whoever looks for its record reports the store
     }
@@ -54,15 +58,18 @@ void PhoneArrivals::learn(const PeerKey& phone, const HostAddress& host) const {
 
 /// On the thread.
 void PhoneArrivals::forgetOthers() const {
-    std::vector<PeerKey> paired;
     try {
-        for (const PeerRecord& record : home_.peers().loadBook().peers) {
-            paired.push_back(record.peer_pubkey);
-        }
+        home_.peers().update([&](PeerBook& book) { // nobody is paired meanwhile
+            std::vector<PeerKey> paired;
+            for (const PeerRecord& record : book.peers) {
+                paired.push_back(record.peer_pubkey);
+            }
+            arrivalMemory(home_).keepOnly(paired);
+            return false;
+        });
     } catch (const PeerStoreError&) {
         return; // likewise
     }
-    arrivalMemory(home_).keepOnly(paired);
 }
 
 } // namespace orlinth::host

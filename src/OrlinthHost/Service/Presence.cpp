@@ -11,8 +11,11 @@ void Presence::left(const PeerKey& phone, Moment now) {
     Phone& known = phones_[phone];
     if (known.open > 0) {
         --known.open;
-        known.provedAt = now.instant;
-        known.seen = now.epoch;
+        if (known.isHeardOf) { // else this computer has changed networks meanwhile, and it is the end of a dead
+                               // connection
+            known.provedAt = now.instant;
+            known.seen = now.epoch;
+        }
     }
 }
 

@@ -314,8 +314,10 @@ bool keepsAnythingOut(std::string_view rules) {
     std::istringstream lines{std::string(rules)};
     for (std::string line; std::getline(lines, line);) {
         line.erase(std::min(line.find('#'), line.size()));
-        if (line.find("drop") != std::string::npos || line.find("reject") != std::string::npos) {
-            return true;
+        for (const char* const word : {"drop", "reject", "queue", "include"}) { // an include may hold any of the others
+            if (line.find(word) != std::string::npos) {
+                return true;
+            }
         }
     }
     return false;

@@ -82,7 +82,11 @@ private:
     /// By itself, as the folder's watch would wake us up for each of its files that is closed.
     void watchFile(int inotify) {
         if (!file_.empty()) {
+            const int before = fileWatch_;
             fileWatch_ = ::inotify_add_watch(inotify, (folder_ / file_).c_str(), IN_CLOSE_WRITE);
+            if (before != -1 && before != fileWatch_) { // the file that had the name may live on under another one
+                ::inotify_rm_watch(inotify, before);
+            }
         }
     }
 

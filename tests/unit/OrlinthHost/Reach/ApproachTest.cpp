@@ -326,6 +326,21 @@ TEST_F(ApproachTest, FindsThePhoneForATextToo) {
     EXPECT_EQ(recorded(), "192.168.7.57");
 }
 
+TEST_F(ApproachTest, EndsWithWhoeverSendsATextWhileItWaitsForTheSearch) {
+    meetAt("192.168.7.30");
+    world.network.makeSilent("192.168.7.30");
+    OneOffRequest request = textRequest();
+    request.warmConnectTimeout = 500ms;
+    const auto limited = [](platform::Clock& clock, Task<OneOffEnd> task) -> Task<bool> {
+        const auto discard = [](Task<OneOffEnd> work) -> Task<> { static_cast<void>(co_await std::move(work)); };
+        Task<> discarded = discard(std::move(task));
+        co_return co_await platform::endsWithin(clock, 1500ms, std::move(discarded));
+    };
+    EXPECT_FALSE(
+        world.run(limited(world.clock, deliverText(homeOf, find, "a text", "text/plain", std::move(request)))));
+    EXPECT_DOUBLE_EQ(world.clock.elapsed(), 1.5) << "in the middle of the sweep";
+}
+
 TEST_F(ApproachTest, ReportsWhyATextWasNotSent) {
     world.network.makeSilent("192.168.7.30");
     const auto error = world.failure<SendError>(deliverText(homeOf, find, "a text", "text/plain", textRequest()));

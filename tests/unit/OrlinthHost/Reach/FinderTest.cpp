@@ -203,10 +203,46 @@ TEST_F(FinderTest, SweepsANetworkOnceForTwoPhones) {
     PeerRecord tablet = record;
     tablet.peer_pubkey = otherKey.publicKey().peerKey();
     tablet.peer_ip = "192.168.7.31";
+    memory.reached(tablet.peer_pubkey, {.host = host("192.168.7.31"), .network = home});
     answer("192.168.7.57", world.phoneKey);
     answer("192.168.7.90", otherKey);
     world.run(findBoth(tablet));
     EXPECT_LE(asked().size(), 254u);
+}
+
+TEST_F(FinderTest, SweepsForNoPhoneThatWasNotMetInTheNetworkBesideOneThatWas) {
+    meetAt("192.168.7.30");
+    PeerRecord tablet = record;
+    tablet.peer_pubkey = otherKey.publicKey().peerKey();
+    tablet.peer_ip = "10.1.1.1";
+    tablet.peer_port = 7001;
+    const auto searchBoth = [](Home& home, FindSetting setting, PeerRecord phone, PeerRecord other) -> Task<> {
+        Finder finder(home, setting);
+        std::unique_ptr<Finder::Search> one = finder.begin(std::move(phone));
+        std::unique_ptr<Finder::Search> two = finder.begin(std::move(other));
+        co_await one->untilOver();
+        co_await two->untilOver();
+        one.reset();
+        two.reset();
+        co_await finder.finish();
+    };
+    world.run(searchBoth(homeOf, find, record, tablet));
+    EXPECT_GT(world.probe.attempts.size(), 200U) << "the network is swept";
+    const auto ofTablet =
+        std::ranges::count_if(world.probe.attempts, [](const auto& attempt) { return attempt.port == 7001; });
+    EXPECT_LE(ofTablet, 1) << "the router, which may be the phone";
+}
+
+TEST_F(FinderTest, SendsNothingByAVpnThatHasTakenTheWay) {
+    meetAt("192.168.7.57");
+    world.interfaces.addresses.push_back(fakes::FakeNetworkInterfaces::ipv4("tun0", {10, 8, 0, 2}));
+    for (int i = 2; i < 255; ++i) {
+        world.routes.putOnLink(ip("192.168.7." + std::to_string(i)), "tun0");
+    }
+    EXPECT_EQ(search(), "");
+    for (const auto& attempt : world.probe.attempts) {
+        EXPECT_EQ(attempt.address, ip("192.168.7.1")) << "only the router's address is still on the link";
+    }
 }
 
 TEST_F(FinderTest, SweepsANetworkOnceForTwoFinders) {

@@ -109,6 +109,7 @@ protected:
 };
 
 TEST_F(PhoneCheckTest, FindsAPhoneThatIsThereAndRemembersIt) {
+    home.peers().upsert(record);
     putNeighbour(NeighbourState::reachable);
     fakes::proveAt(world, phone, world.phoneKey, 4ms);
     const PhoneFindings found = check();
@@ -123,6 +124,13 @@ TEST_F(PhoneCheckTest, FindsAPhoneThatIsThereAndRemembersIt) {
     EXPECT_EQ(known.front().mac, phoneMac);
     EXPECT_EQ(known.front().network, network);
     EXPECT_TRUE(known.front().reached.has_value());
+}
+
+TEST_F(PhoneCheckTest, RemembersNothingOfAPhoneThatWasRemovedMeanwhile) {
+    putNeighbour(NeighbourState::reachable);
+    fakes::proveAt(world, phone, world.phoneKey, 4ms);
+    EXPECT_EQ(check().cause, Cause::none);
+    EXPECT_TRUE(memory().addressesOf(record.peer_pubkey).empty());
 }
 
 TEST_F(PhoneCheckTest, FindsThatOrlinthIsNotOpen) {

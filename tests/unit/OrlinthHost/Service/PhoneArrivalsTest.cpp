@@ -101,7 +101,7 @@ TEST_F(PhoneArrivalsTest, OfAThousandFilesInAMinuteAreOneWriteAPhone) {
         }
     }
     EXPECT_EQ(writes(), 1U);
-    EXPECT_EQ(world_.files.count(fakes::Operation::lock), 1U);
+    EXPECT_EQ(world_.files.count(fakes::Operation::lock), 2U) << "of the phones' records, and of the addresses";
     come(tablet(), "192.168.1.8:40112");
     EXPECT_EQ(writes(), 2U);
     world_.run(world_.clock.sleep(10s));
