@@ -46,7 +46,6 @@ private:
 class SendReporter final : public host::SendEvents {
 public:
     /// Both outlive this.
-    /// Both outlive this.
     SendReporter(Output& output, host::Home& home)
         : output_(output), home_(home), clock_(home.system.clock), overview_(output) {}
 
