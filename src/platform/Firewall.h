@@ -11,12 +11,13 @@ namespace orlinth::platform {
 struct FirewallReport {
     enum class Verdict {
         open,   ///< nothing that is known of keeps them out
-        closed, ///< they are certainly kept out
+        closed, ///< they are certainly kept out, as nothing that was read lets them in, and all of it was read
         unknown ///< something filters, and its rules cannot be read, or are more than can be judged
     };
     Verdict verdict = Verdict::open;
-    std::string name; ///< "firewalld", "ufw" or "nftables"; "" if none of these is active
-    std::string zone; ///< of firewalld: the one of the interface
+    std::string name;           ///< "firewalld", "ufw" or "nftables"; "" if none of these is active
+    std::string zone;           ///< of firewalld: the one of the interface
+    bool isDefaultZone = false; ///< so that firewalld's commands mean it without naming it
 
     friend bool operator==(const FirewallReport&, const FirewallReport&) = default;
 };

@@ -56,6 +56,13 @@ std::string wordsOfFirewall(const CauseDetails& details, const Names& names) {
     return "This computer's firewall" + which + " does not let phones in at port " + names.port + ".";
 }
 
+std::string wordsOfFirewallsDoubt(const CauseDetails& details, const Names& names) {
+    const char* const why =
+        details.firewall == "firewalld" ? "Some of its rules cannot be judged." : "Its rules cannot be read.";
+    return "This computer's firewall" + inBrackets(details.firewall) + " may keep phones out at port " + names.port +
+           ". " + why;
+}
+
 std::string wordsOfClock(const CauseDetails& details) {
     if (!details.clockError) {
         return "This computer's clock is not synchronised.";
@@ -132,8 +139,7 @@ std::string words(Cause cause, const CauseDetails& details) {
     case Cause::firewallIn:
         return wordsOfFirewall(details, names);
     case Cause::firewallMaybe:
-        return "This computer's firewall" + inBrackets(details.firewall) + " may keep phones out at port " +
-               names.port + ". Its rules cannot be read.";
+        return wordsOfFirewallsDoubt(details, names);
     case Cause::notRunning:
         return "The Orlinth service is not running, so this computer receives nothing.";
     case Cause::portTaken:

@@ -8,7 +8,9 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -30,18 +32,37 @@ constexpr BusObject firewalld{"org.fedoraproject.FirewallD1", "/org/fedoraprojec
                               "org.fedoraproject.FirewallD1"};
 constexpr BusObject firewalldZones{"org.fedoraproject.FirewallD1", "/org/fedoraproject/FirewallD1",
                                    "org.fedoraproject.FirewallD1.zone"};
+constexpr BusObject firewalldPolicies{"org.fedoraproject.FirewallD1", "/org/fedoraproject/FirewallD1",
+                                      "org.fedoraproject.FirewallD1.policy"};
+constexpr BusObject firewalldDirect{"org.fedoraproject.FirewallD1", "/org/fedoraproject/FirewallD1",
+                                    "org.fedoraproject.FirewallD1.direct"};
 constexpr BusObject services{"org.freedesktop.systemd1", "/org/freedesktop/systemd1",
                              "org.freedesktop.systemd1.Manager"};
 
-/// What `ports` of a zone or a service lists: a port or a range, and a protocol.
+/// What `ports` of a zone, a policy or a service lists: a port or a range, and a protocol.
 using Ports = std::vector<std::pair<std::string, std::string>>;
 
-/// A zone's settings, as far as they matter here; of a service only its ports.
+/// By name, what is bound to a zone ("interfaces", "sources") or a policy ("ingress_zones", "egress_zones").
+using Bindings = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
+
+/// Settings of a zone, a policy or a service, as far as they say who is let in.
 struct Settings {
     std::string target;
     std::vector<std::string> services;
+    std::vector<std::string> includes; ///< of a service: others that belong to it
+    std::vector<std::string> protocols;
     Ports ports;
-    bool hasRules = false; ///< rules in firewalld's own language, which may let anything in or keep it out
+    Ports sourcePorts;
+    Ports forwardPorts;
+    std::vector<std::string> rules;  ///< in firewalld's own language
+    bool isForSomeAddresses = false; ///< of a service: only some addresses of this computer have it
+};
+
+/// Whether connections to the port are let in by what was read, from the least to the most.
+enum class WayIn {
+    none,  ///< not by this
+    maybe, ///< from somewhere, or under a condition, or it was not to be read
+    open   ///< from everywhere
 };
 
 std::string contentOf(const std::filesystem::path& file) {
@@ -85,17 +106,25 @@ bool readTexts(sd_bus_message* message, std::vector<std::string>& texts) {
     });
 }
 
-bool readPorts(sd_bus_message* message, Ports& ports) {
+/// Of structures that begin with these two texts, of `fields` in all.
+bool readPorts(sd_bus_message* message, const char* structure, int fields, Ports& ports) {
     const auto readPort = [&] {
         std::pair<std::string, std::string> port;
-        const bool isRead = readInside(message, SD_BUS_TYPE_STRUCT, "ss",
-                                       [&] { return readText(message, port.first) && readText(message, port.second); });
+        const bool isRead = readInside(message, SD_BUS_TYPE_STRUCT, structure, [&] {
+            std::string rest;
+            bool isGood = readText(message, port.first) && readText(message, port.second);
+            for (int i = 2; i < fields; ++i) {
+                isGood = isGood && readText(message, rest);
+            }
+            return isGood;
+        });
         if (isRead) {
             ports.push_back(std::move(port));
         }
         return isRead;
     };
-    return readInside(message, SD_BUS_TYPE_ARRAY, "(ss)", [&] {
+    const std::string contents = "(" + std::string(structure) + ")";
+    return readInside(message, SD_BUS_TYPE_ARRAY, contents.c_str(), [&] {
         while (readPort()) {
         }
         return true;
@@ -109,42 +138,116 @@ bool readSetting(sd_bus_message* message, const std::string& key, Settings& sett
     if (key == "target") {
         return inVariant("s", [&] { return readText(message, settings.target); });
     }
-    if (key == "services") {
-        return inVariant("as", [&] { return readTexts(message, settings.services); });
+    const std::map<std::string, std::vector<std::string>*> texts{{"services", &settings.services},
+                                                                 {"includes", &settings.includes},
+                                                                 {"protocols", &settings.protocols},
+                                                                 {"rules_str", &settings.rules},
+                                                                 {"rich_rules", &settings.rules}};
+    if (const auto found = texts.find(key); found != texts.end()) {
+        return inVariant("as", [&] { return readTexts(message, *found->second); });
     }
-    if (key == "ports") {
-        return inVariant("a(ss)", [&] { return readPorts(message, settings.ports); });
+    if (key == "ports" || key == "source_ports") {
+        Ports& ports = key == "ports" ? settings.ports : settings.sourcePorts;
+        return inVariant("a(ss)", [&] { return readPorts(message, "ss", 2, ports); });
     }
-    if (key == "rules_str") {
-        std::vector<std::string> rules;
-        const bool isRead = inVariant("as", [&] { return readTexts(message, rules); });
-        settings.hasRules = !rules.empty();
-        return isRead;
+    if (key == "forward_ports") {
+        return inVariant("a(ssss)", [&] { return readPorts(message, "ssss", 4, settings.forwardPorts); });
     }
+    settings.isForSomeAddresses = settings.isForSomeAddresses || key == "destination";
     return systemd().sd_bus_message_skip(message, "v") >= 0;
 }
 
-bool readSettings(sd_bus_message* message, Settings& settings) {
+/// The entries of a dictionary, each of which `read` reads.
+template <typename Read>
+bool readEntries(sd_bus_message* message, const char* entry, Read read) {
+    const std::string contents = "{" + std::string(entry) + "}";
     bool isGood = true;
     const auto readEntry = [&] {
-        if (systemd().sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv") <= 0) {
+        if (systemd().sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, entry) <= 0) {
             return false; // the end
         }
         std::string key;
-        isGood = readText(message, key) && readSetting(message, key, settings) &&
-                 systemd().sd_bus_message_exit_container(message) >= 0;
+        isGood = readText(message, key) && read(key) && systemd().sd_bus_message_exit_container(message) >= 0;
         return isGood;
     };
-    return readInside(message, SD_BUS_TYPE_ARRAY, "{sv}", [&] {
+    return readInside(message, SD_BUS_TYPE_ARRAY, contents.c_str(), [&] {
         while (readEntry()) {
         }
         return isGood;
     });
 }
 
+bool readSettings(sd_bus_message* message, Settings& settings) {
+    return readEntries(message, "sv", [&](const std::string& key) { return readSetting(message, key, settings); });
+}
+
+bool readBindings(sd_bus_message* message, Bindings& bindings) {
+    return readEntries(message, "sa{sas}", [&](const std::string& name) {
+        auto& bound = bindings[name];
+        return readEntries(message, "sas", [&](const std::string& kind) { return readTexts(message, bound[kind]); });
+    });
+}
+
+/// Whether an array of these structures has any.
+bool readWhetherAny(sd_bus_message* message, const char* structure, bool& isAny) {
+    const std::string contents = "(" + std::string(structure) + ")";
+    if (systemd().sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, contents.c_str()) <= 0) {
+        return false;
+    }
+    isAny = systemd().sd_bus_message_enter_container(message, SD_BUS_TYPE_STRUCT, structure) > 0;
+    return true;
+}
+
+// ---- judging them
+
 bool isIn(const Ports& ports, std::uint16_t port) {
     return std::ranges::any_of(
         ports, [port](const auto& entry) { return entry.second == "tcp" && includesPort(entry.first, port); });
+}
+
+bool holds(const std::vector<std::string>& names, const std::string& name) {
+    return std::ranges::find(names, name) != names.end();
+}
+
+/// Of firewalld's settings without the services that they name.
+WayIn wayIn(const Settings& settings, std::uint16_t port) {
+    const auto isTcp = [](const std::string& protocol) { return protocol == "tcp" || protocol == "6"; };
+    const bool isOpen =
+        settings.target == "ACCEPT" || isIn(settings.ports, port) || std::ranges::any_of(settings.protocols, isTcp);
+    if (isOpen) {
+        return settings.isForSomeAddresses ? WayIn::maybe : WayIn::open;
+    }
+    const bool isFromSomePorts =
+        std::ranges::any_of(settings.sourcePorts, [](const auto& entry) { return entry.second == "tcp"; });
+    const bool isByRule = std::ranges::any_of(settings.rules, mayAcceptConnections);
+    return isFromSomePorts || isByRule || isIn(settings.forwardPorts, port) ? WayIn::maybe : WayIn::none;
+}
+
+/// "wl+" means every interface whose name begins so.
+bool mayBindInterface(const std::string& pattern, const std::string& interface) {
+    return pattern.ends_with('+') && interface.starts_with(pattern.substr(0, pattern.size() - 1));
+}
+
+/// Whether what comes in by the interface may belong to another zone than the one that it is said to be in: by who
+/// sends it, or by a pattern for names of interfaces.
+bool mayBeInOtherZones(const Bindings& zones, const std::string& interface) {
+    return std::ranges::any_of(zones, [&](const auto& zone) {
+        const auto& bound = zone.second;
+        const auto sources = bound.find("sources");
+        const auto interfaces = bound.find("interfaces");
+        return (sources != bound.end() && !sources->second.empty()) ||
+               (interfaces != bound.end() && std::ranges::any_of(interfaces->second, [&](const std::string& pattern) {
+                    return mayBindInterface(pattern, interface);
+                }));
+    });
+}
+
+/// Whether a policy is about what comes from the zone to this computer itself.
+bool isPolicyFor(const std::map<std::string, std::vector<std::string>>& bound, const std::string& zone) {
+    const auto ingress = bound.find("ingress_zones");
+    const auto egress = bound.find("egress_zones");
+    return ingress != bound.end() && egress != bound.end() && holds(egress->second, "HOST") &&
+           (holds(ingress->second, zone) || holds(ingress->second, "ANY"));
 }
 
 /// Questions to services on the system's bus, one at a time. Lives in the frame of who asks.
@@ -162,6 +265,7 @@ public:
     Task<bool> ask(BusObject object, const char* member, std::vector<std::string> arguments, Read read) {
         hasEnded_.reset();
         isGood_ = false;
+        isUnknown_ = false;
         read_ = std::move(read);
         if (!begin(object, member, arguments)) {
             co_return false;
@@ -170,6 +274,9 @@ public:
         slot_.reset();
         co_return isGood_;
     }
+
+    /// Of the last question: whoever was asked does not know it.
+    [[nodiscard]] bool isUnknown() const noexcept { return isUnknown_; }
 
 private:
     bool begin(const BusObject& object, const char* member, const std::vector<std::string>& arguments) {
@@ -200,13 +307,19 @@ private:
 
     static int onAnswer(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
         auto& self = *static_cast<Questions*>(data);
-        self.isGood_ = systemd().sd_bus_message_is_method_error(message, nullptr) == 0 && self.read_(message);
+        const auto isError = [message](const char* name) {
+            return systemd().sd_bus_message_is_method_error(message, name) > 0;
+        };
+        self.isUnknown_ = isError("org.freedesktop.DBus.Error.UnknownMethod") ||
+                          isError("org.freedesktop.DBus.Error.UnknownInterface");
+        self.isGood_ = !isError(nullptr) && self.read_(message);
         self.hasEnded_.set();
         return 0;
     }
 
     Event hasEnded_;
     bool isGood_ = false;
+    bool isUnknown_ = false;
     Read read_;
     BusLoop loop_;
     BusSlotRef slot_;
@@ -233,50 +346,160 @@ Task<bool> isUnitActive(Questions& questions, std::string unit) {
     co_return isRead&& state == "active";
 }
 
-/// What firewalld says; nothing if it is not there, or does not say. `questions` outlives the task.
-Task<std::optional<FirewallReport>> byFirewalld(Questions& questions, std::string interface, std::uint16_t port) {
-    bool isThere = false;
-    const Questions::Read readPresence = [&isThere](sd_bus_message* answer) { return readFlag(answer, isThere); };
-    std::vector<std::string> serviceName{firewalld.service};
-    static_cast<void>(co_await questions.ask(bus, "NameHasOwner", std::move(serviceName), readPresence));
-    if (!isThere) {
-        co_return std::nullopt;
-    }
-    FirewallReport report{.verdict = FirewallReport::Verdict::unknown, .name = "firewalld", .zone = {}};
-    const Questions::Read readZone = [&report](sd_bus_message* answer) { return readText(answer, report.zone); };
-    std::vector<std::string> interfaceName{std::move(interface)};
-    static_cast<void>(co_await questions.ask(firewalldZones, "getZoneOfInterface", std::move(interfaceName), readZone));
-    if (report.zone.empty()) {
-        static_cast<void>(co_await questions.ask(firewalld, "getDefaultZone", {}, readZone));
-    }
-    Settings zone;
-    const Questions::Read readZoneSettings = [&zone](sd_bus_message* answer) { return readSettings(answer, zone); };
-    std::vector<std::string> zoneName{report.zone};
-    const bool isKnown =
-        co_await questions.ask(firewalldZones, "getZoneSettings2", std::move(zoneName), readZoneSettings);
-    if (!isKnown) {
+/// firewalld's answers about one interface and one port. Lives in the frame of who asks.
+class FirewalldCheck {
+public:
+    /// `questions` outlives this.
+    FirewalldCheck(Questions& questions, std::string interface, std::uint16_t port)
+        : questions_(questions), interface_(std::move(interface)), port_(port) {}
+
+    /// Nothing if firewalld is not there.
+    Task<std::optional<FirewallReport>> report() {
+        bool isThere = false;
+        const Questions::Read readPresence = [&isThere](sd_bus_message* answer) { return readFlag(answer, isThere); };
+        std::vector<std::string> serviceName{firewalld.service};
+        static_cast<void>(co_await questions_.ask(bus, "NameHasOwner", std::move(serviceName), readPresence));
+        if (!isThere) {
+            co_return std::nullopt;
+        }
+        FirewallReport report{.verdict = FirewallReport::Verdict::unknown, .name = "firewalld", .zone = {}};
+        const std::string defaultZone = co_await askText(firewalld, "getDefaultZone", {});
+        std::vector<std::string> interface{interface_};
+        report.zone = co_await askText(firewalldZones, "getZoneOfInterface", std::move(interface));
+        if (report.zone.empty()) {
+            report.zone = defaultZone;
+        }
+        report.isDefaultZone = !report.zone.empty() && report.zone == defaultZone;
+        if (report.zone.empty()) {
+            co_return report;
+        }
+        WayIn way = co_await wayInByZone(report.zone);
+        if (way == WayIn::none) {
+            way = co_await wayInBesideZone(report.zone);
+        }
+        if (way == WayIn::open) {
+            report.verdict = FirewallReport::Verdict::open;
+        } else if (way == WayIn::none) {
+            report.verdict = FirewallReport::Verdict::closed;
+        }
         co_return report;
     }
-    bool isOpen = zone.target == "ACCEPT" || isIn(zone.ports, port);
-    bool isComplete = !zone.hasRules;
-    for (std::size_t i = 0; i < zone.services.size() && !isOpen; ++i) {
-        Settings service;
-        const Questions::Read readService = [&service](sd_bus_message* answer) {
-            return readSettings(answer, service);
+
+private:
+    /// "" if there is no answer.
+    Task<std::string> askText(BusObject object, const char* member, std::vector<std::string> arguments) {
+        std::string text;
+        const Questions::Read read = [&text](sd_bus_message* answer) { return readText(answer, text); };
+        static_cast<void>(co_await questions_.ask(object, member, std::move(arguments), read));
+        co_return text;
+    }
+
+    Task<std::optional<Settings>> askSettings(BusObject object, const char* member, std::string name) {
+        Settings settings;
+        const Questions::Read read = [&settings](sd_bus_message* answer) { return readSettings(answer, settings); };
+        std::vector<std::string> names{std::move(name)};
+        const bool isRead = co_await questions_.ask(object, member, std::move(names), read);
+        co_return isRead ? std::optional(std::move(settings)) : std::nullopt;
+    }
+
+    /// What there is of a kind; nothing if that is not to be read, and empty if this firewalld has no such thing.
+    Task<std::optional<Bindings>> askBindings(BusObject object, const char* member) {
+        Bindings bindings;
+        const Questions::Read read = [&bindings](sd_bus_message* answer) { return readBindings(answer, bindings); };
+        const bool isRead = co_await questions_.ask(object, member, {}, read);
+        co_return isRead || questions_.isUnknown() ? std::optional(std::move(bindings)) : std::nullopt;
+    }
+
+    Task<WayIn> wayInByZone(std::string zone) {
+        const std::optional<Settings> settings =
+            co_await askSettings(firewalldZones, "getZoneSettings2", std::move(zone));
+        if (!settings) {
+            co_return WayIn::maybe;
+        }
+        const WayIn way = wayIn(*settings, port_);
+        if (way == WayIn::open) {
+            co_return way;
+        }
+        const WayIn byServices = co_await wayInByServices(settings->services);
+        co_return std::max(way, byServices);
+    }
+
+    /// By these services, and those that they include.
+    Task<WayIn> wayInByServices(std::vector<std::string> names) {
+        constexpr std::size_t maxServices = 64; // more than a zone has; what comes behind them is not read
+        WayIn way = WayIn::none;
+        std::set<std::string> known(names.begin(), names.end());
+        for (std::size_t i = 0; i < names.size() && way != WayIn::open; ++i) {
+            if (i == maxServices) {
+                co_return WayIn::maybe;
+            }
+            std::string name = names[i];
+            const std::optional<Settings> service =
+                co_await askSettings(firewalld, "getServiceSettings2", std::move(name));
+            way = std::max(way, service ? wayIn(*service, port_) : WayIn::maybe);
+            for (const std::string& other : service ? service->includes : std::vector<std::string>()) {
+                if (known.insert(other).second) {
+                    names.push_back(other);
+                }
+            }
+        }
+        co_return way;
+    }
+
+    /// Where the zone itself keeps everybody out.
+    Task<WayIn> wayInBesideZone(std::string zone) {
+        const std::optional<Bindings> zones = co_await askBindings(firewalldZones, "getActiveZones");
+        if (!zones || mayBeInOtherZones(*zones, interface_)) {
+            co_return WayIn::maybe;
+        }
+        const std::optional<Bindings> policies = co_await askBindings(firewalldPolicies, "getActivePolicies");
+        if (!policies) {
+            co_return WayIn::maybe;
+        }
+        for (const auto& [name, bound] : *policies) {
+            if (!isPolicyFor(bound, zone)) {
+                continue;
+            }
+            const WayIn way = co_await wayInByPolicy(name);
+            if (way != WayIn::none) {
+                co_return WayIn::maybe; // by its priority it may come behind the zone
+            }
+        }
+        const bool hasRules = co_await mayHaveDirect("getAllRules", "sssias");
+        if (hasRules) {
+            co_return WayIn::maybe;
+        }
+        const bool hasPassthroughs = co_await mayHaveDirect("getAllPassthroughs", "sas");
+        co_return hasPassthroughs ? WayIn::maybe : WayIn::none;
+    }
+
+    Task<WayIn> wayInByPolicy(std::string name) {
+        const std::optional<Settings> settings =
+            co_await askSettings(firewalldPolicies, "getPolicySettings", std::move(name));
+        if (!settings) {
+            co_return WayIn::maybe;
+        }
+        const WayIn way = wayIn(*settings, port_);
+        if (way != WayIn::none) {
+            co_return way;
+        }
+        co_return co_await wayInByServices(settings->services);
+    }
+
+    /// Rules of iptables that somebody has added through firewalld, which are not judged.
+    Task<bool> mayHaveDirect(const char* member, const char* structure) {
+        bool isAny = false;
+        const Questions::Read read = [&isAny, structure](sd_bus_message* answer) {
+            return readWhetherAny(answer, structure, isAny);
         };
-        std::vector<std::string> serviceOfZone{zone.services[i]};
-        const bool isRead =
-            co_await questions.ask(firewalld, "getServiceSettings2", std::move(serviceOfZone), readService);
-        isComplete = isComplete && isRead;
-        isOpen = isIn(service.ports, port);
+        const bool isRead = co_await questions_.ask(firewalldDirect, member, {}, read);
+        co_return isAny || (!isRead && !questions_.isUnknown());
     }
-    if (isOpen) {
-        report.verdict = FirewallReport::Verdict::open;
-    } else if (isComplete) {
-        report.verdict = FirewallReport::Verdict::closed;
-    }
-    co_return report;
-}
+
+    Questions& questions_;
+    const std::string interface_;
+    const std::uint16_t port_;
+};
 
 } // namespace
 
@@ -290,6 +513,24 @@ bool includesPort(std::string_view setting, std::uint16_t port) noexcept {
     const std::uint16_t first = number(setting.substr(0, dash));
     const std::uint16_t last = dash == std::string_view::npos ? first : number(setting.substr(dash + 1));
     return first != 0 && first <= port && port <= last;
+}
+
+bool mayAcceptConnections(std::string_view rule) {
+    std::string bare; // without what is in quotation marks
+    bool isQuoted = false;
+    for (const char character : rule) {
+        isQuoted = isQuoted != (character == '"');
+        if (!isQuoted) {
+            bare += character;
+        }
+    }
+    std::istringstream stream(bare);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    const auto has = [&words](const char* word) {
+        return std::ranges::any_of(words, [word](const std::string& text) { return text == word; });
+    };
+    const bool isAboutIcmp = has("icmp-type") || has("icmp-block");
+    return !isAboutIcmp && (has("accept") || has("forward-port"));
 }
 
 std::string shellSetting(std::string_view text, std::string_view name) {
@@ -339,7 +580,8 @@ FirewallReport LinuxFirewall::byFiles(bool isNftablesActive) const {
 
 Task<FirewallReport> LinuxFirewall::incoming(std::string interface, std::uint16_t port, Executor executor) {
     Questions questions(executor, environment_);
-    const std::optional<FirewallReport> said = co_await byFirewalld(questions, std::move(interface), port);
+    FirewalldCheck firewalldCheck(questions, std::move(interface), port);
+    const std::optional<FirewallReport> said = co_await firewalldCheck.report();
     if (said) {
         co_return *said;
     }

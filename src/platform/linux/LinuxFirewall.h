@@ -11,6 +11,10 @@ namespace orlinth::platform {
 /// Whether a port of firewalld's settings ("28471", "1025-65535") includes this one.
 [[nodiscard]] bool includesPort(std::string_view setting, std::uint16_t port) noexcept;
 
+/// Whether a rule in firewalld's own language ("rule family=\"ipv4\" … accept") may let connections in. Those that only
+/// drop, reject or count do not, and those that are about ICMP.
+[[nodiscard]] bool mayAcceptConnections(std::string_view rule);
+
 /// The value that a file of shell settings gives a variable (`ENABLED=yes`), without quotation marks; the last one
 /// counts. "" if there is none.
 [[nodiscard]] std::string shellSetting(std::string_view text, std::string_view name);
@@ -18,8 +22,9 @@ namespace orlinth::platform {
 /// Whether the rules of nftables, as their file has them, drop or reject anything.
 [[nodiscard]] bool keepsAnythingOut(std::string_view rules);
 
-/// firewalld as it answers on the system's bus, ufw as its settings say, and nftables by its service and its file. What
-/// only root may read, such as the rules that are in force, is not looked at.
+/// firewalld as it answers on the system's bus (where connections may also come in by a zone of their sender, a policy,
+/// a rule, or rules of iptables, it is not called closed), ufw as its settings say, and nftables by its service and its
+/// file. What only root may read, such as the rules that are in force, is not looked at.
 class LinuxFirewall final : public Firewall {
 public:
     /// `environment` says where the bus is as if it were the session's: systemBusEnvironment().

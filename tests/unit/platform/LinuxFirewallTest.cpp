@@ -47,24 +47,61 @@ TEST(NftablesRules, KeepSomethingOutIfTheyDropOrReject) {
     EXPECT_TRUE(keepsAnythingOut("tcp dport 1-1024 reject # as usual"));
 }
 
+TEST(FirewalldRules, MayAcceptConnectionsUnlessTheyAreAboutSomethingElse) {
+    EXPECT_TRUE(mayAcceptConnections(R"(rule family="ipv4" source address="192.168.7.0/24" accept)"));
+    EXPECT_TRUE(mayAcceptConnections(R"(rule service name="ssh" log prefix="icmp-type " accept limit value="1/m")"));
+    EXPECT_TRUE(mayAcceptConnections(R"(rule forward-port port="28471" protocol="tcp" to-port="80")"));
+    EXPECT_FALSE(mayAcceptConnections(R"(rule family="ipv6" icmp-type name="redirect" accept)"));
+    EXPECT_FALSE(mayAcceptConnections(R"(rule source address="192.168.7.30" log prefix="no accept here" drop)"));
+    EXPECT_FALSE(mayAcceptConnections(R"(rule source address="192.168.7.30" reject)"));
+    EXPECT_FALSE(mayAcceptConnections(""));
+}
+
 // ---- what is asked on the bus
+
+using Texts = std::vector<std::string>;
+using Bound = std::map<std::string, std::map<std::string, Texts>>;
+
+/// Settings of a zone, a policy or a service of firewalld, which leaves out what is empty.
+struct Settings {
+    std::string target = "";
+    Texts services = {};
+    Texts includes = {};
+    Texts protocols = {};
+    Ports ports = {};
+    Ports sourcePorts = {};
+    Ports forwardPorts = {};
+    Texts rules = {};
+    std::string destination = "";
+};
 
 /// firewalld and the service manager, as far as they are asked, on a bus of the test's own.
 class Daemons {
 public:
     std::map<std::string, std::string> zoneOfInterface;
     std::string defaultZone = "public";
-    std::string target = "default";
-    std::vector<std::string> services{"ssh"};
-    Ports ports;
-    std::vector<std::string> rules;
-    std::map<std::string, Ports> portsOfService{{"ssh", {{"22", "tcp"}}}};
+    Settings zone{.target = "default", .services = {"ssh"}};
+    std::map<std::string, Settings> services{{"ssh", {.ports = {{"22", "tcp"}}}}};
+    Bound zones{{"public", {{"interfaces", {"wlan0"}}}}};
+    /// As it is shipped: it lets in what IPv6 needs.
+    std::map<std::string, Settings> policies{
+        {"allow-host-ipv6",
+         {.target = "CONTINUE", .rules = {R"(rule family="ipv6" icmp-type name="redirect" accept)"}}}};
+    Bound boundPolicies{{"allow-host-ipv6", {{"ingress_zones", {"ANY"}}, {"egress_zones", {"HOST"}}}}};
+    bool hasDirectRule = false;
+    bool hasPassthrough = false;
     bool answersSettings = true;
+    bool answersActive = true;
+    bool hasPolicies = true; ///< those before 0.9 have none
 
     void own(const char* name) { fakes::requireBus(::sd_bus_request_name(program_.get(), name, 0)); }
     void provideFirewalld() {
         add("/org/fedoraproject/FirewallD1", "org.fedoraproject.FirewallD1", firewalldMethods());
         add("/org/fedoraproject/FirewallD1", "org.fedoraproject.FirewallD1.zone", zoneMethods());
+        add("/org/fedoraproject/FirewallD1", "org.fedoraproject.FirewallD1.direct", directMethods());
+        if (hasPolicies) {
+            add("/org/fedoraproject/FirewallD1", "org.fedoraproject.FirewallD1.policy", policyMethods());
+        }
         own("org.fedoraproject.FirewallD1");
     }
     void provideUnit() {
@@ -87,39 +124,103 @@ private:
     static int replyText(sd_bus_message* message, const std::string& text) {
         return ::sd_bus_reply_method_return(message, "s", text.c_str());
     }
-    static void appendTexts(sd_bus_message* reply, const char* key, const std::vector<std::string>& texts) {
-        fakes::requireBus(::sd_bus_message_open_container(reply, 'e', "sv"));
-        fakes::requireBus(::sd_bus_message_append(reply, "s", key));
-        fakes::requireBus(::sd_bus_message_open_container(reply, 'v', "as"));
-        fakes::requireBus(::sd_bus_message_open_container(reply, 'a', "s"));
-        for (const std::string& text : texts) {
-            fakes::requireBus(::sd_bus_message_append(reply, "s", text.c_str()));
-        }
-        fakes::requireBus(::sd_bus_message_close_container(reply));
-        fakes::requireBus(::sd_bus_message_close_container(reply));
-        fakes::requireBus(::sd_bus_message_close_container(reply));
+    static int deny(sd_bus_error* error) {
+        return ::sd_bus_error_set(error, "org.fedoraproject.FirewallD1.Exception", "NotAuthorized");
     }
-    static void appendPorts(sd_bus_message* reply, const Ports& ports) {
-        fakes::requireBus(::sd_bus_message_open_container(reply, 'e', "sv"));
-        fakes::requireBus(::sd_bus_message_append(reply, "s", "ports"));
-        fakes::requireBus(::sd_bus_message_open_container(reply, 'v', "a(ss)"));
-        fakes::requireBus(::sd_bus_message_open_container(reply, 'a', "(ss)"));
-        for (const auto& [port, protocol] : ports) {
-            fakes::requireBus(::sd_bus_message_append(reply, "(ss)", port.c_str(), protocol.c_str()));
-        }
-        fakes::requireBus(::sd_bus_message_close_container(reply));
-        fakes::requireBus(::sd_bus_message_close_container(reply));
-        fakes::requireBus(::sd_bus_message_close_container(reply));
-    }
-    /// The answer a{sv}, which `fill` fills.
+    /// `fill` fills a container.
     template <typename Fill>
-    static int replySettings(sd_bus_message* message, Fill fill) {
+    static void within(sd_bus_message* reply, char type, const char* contents, Fill fill) {
+        fakes::requireBus(::sd_bus_message_open_container(reply, type, contents));
+        fill();
+        fakes::requireBus(::sd_bus_message_close_container(reply));
+    }
+    static void appendList(sd_bus_message* reply, const Texts& texts) {
+        within(reply, 'a', "s", [&] {
+            for (const std::string& text : texts) {
+                fakes::requireBus(::sd_bus_message_append(reply, "s", text.c_str()));
+            }
+        });
+    }
+    template <typename Fill>
+    static void appendSetting(sd_bus_message* reply, const char* key, const char* contents, Fill fill) {
+        within(reply, 'e', "sv", [&] {
+            fakes::requireBus(::sd_bus_message_append(reply, "s", key));
+            within(reply, 'v', contents, fill);
+        });
+    }
+    static void appendTexts(sd_bus_message* reply, const char* key, const Texts& texts) {
+        if (!texts.empty()) {
+            appendSetting(reply, key, "as", [&] { appendList(reply, texts); });
+        }
+    }
+    static void appendPorts(sd_bus_message* reply, const char* key, const Ports& ports) {
+        if (ports.empty()) {
+            return;
+        }
+        appendSetting(reply, key, "a(ss)", [&] {
+            within(reply, 'a', "(ss)", [&] {
+                for (const auto& [port, protocol] : ports) {
+                    fakes::requireBus(::sd_bus_message_append(reply, "(ss)", port.c_str(), protocol.c_str()));
+                }
+            });
+        });
+    }
+    static void appendForwardPorts(sd_bus_message* reply, const Ports& ports) {
+        if (ports.empty()) {
+            return;
+        }
+        appendSetting(reply, "forward_ports", "a(ssss)", [&] {
+            within(reply, 'a', "(ssss)", [&] {
+                for (const auto& [port, protocol] : ports) {
+                    fakes::requireBus(
+                        ::sd_bus_message_append(reply, "(ssss)", port.c_str(), protocol.c_str(), "80", ""));
+                }
+            });
+        });
+    }
+    static int replySettings(sd_bus_message* message, const Settings& settings, const char* rules = "rules_str") {
         sd_bus_message* reply = nullptr;
         fakes::requireBus(::sd_bus_message_new_method_return(message, &reply));
-        fakes::requireBus(::sd_bus_message_open_container(reply, 'a', "{sv}"));
-        fakes::requireBus(::sd_bus_message_append(reply, "{sv}", "forward", "b", 1)); // which nobody asks for
-        fill(reply);
-        fakes::requireBus(::sd_bus_message_close_container(reply));
+        within(reply, 'a', "{sv}", [&] {
+            fakes::requireBus(::sd_bus_message_append(reply, "{sv}", "forward", "b", 1)); // which nobody asks for
+            if (!settings.target.empty()) {
+                fakes::requireBus(::sd_bus_message_append(reply, "{sv}", "target", "s", settings.target.c_str()));
+            }
+            appendTexts(reply, "services", settings.services);
+            appendTexts(reply, "includes", settings.includes);
+            appendTexts(reply, "protocols", settings.protocols);
+            appendPorts(reply, "ports", settings.ports);
+            appendPorts(reply, "source_ports", settings.sourcePorts);
+            appendForwardPorts(reply, settings.forwardPorts);
+            appendTexts(reply, rules, settings.rules);
+            if (!settings.destination.empty()) {
+                fakes::requireBus(::sd_bus_message_append(reply, "{sv}", "destination", "a{ss}", 1, "ipv4",
+                                                          settings.destination.c_str()));
+            }
+        });
+        return send(reply);
+    }
+    static int replyBound(sd_bus_message* message, const Bound& all) {
+        sd_bus_message* reply = nullptr;
+        fakes::requireBus(::sd_bus_message_new_method_return(message, &reply));
+        within(reply, 'a', "{sa{sas}}", [&] {
+            for (const auto& entry : all) {
+                within(reply, 'e', "sa{sas}", [&] {
+                    fakes::requireBus(::sd_bus_message_append(reply, "s", entry.first.c_str()));
+                    within(reply, 'a', "{sas}", [&] {
+                        for (const auto& bound : entry.second) {
+                            within(reply, 'e', "sas", [&] {
+                                fakes::requireBus(::sd_bus_message_append(reply, "s", bound.first.c_str()));
+                                appendList(reply, bound.second);
+                            });
+                        }
+                    });
+                });
+            }
+        });
+        return send(reply);
+    }
+    static int send(sd_bus_message* reply) {
         const int sent = ::sd_bus_send(nullptr, reply, nullptr);
         ::sd_bus_message_unref(reply);
         return sent;
@@ -132,20 +233,30 @@ private:
         return replyText(message, of(data).zoneOfInterface[argument(message)]);
     }
     static int onZoneSettings(sd_bus_message* message, void* data, sd_bus_error* error) {
-        Daemons& self = of(data);
-        if (!self.answersSettings) {
-            return ::sd_bus_error_set(error, "org.fedoraproject.FirewallD1.Exception", "NotAuthorized");
-        }
-        return replySettings(message, [&self](sd_bus_message* reply) {
-            fakes::requireBus(::sd_bus_message_append(reply, "{sv}", "target", "s", self.target.c_str()));
-            appendTexts(reply, "services", self.services);
-            appendPorts(reply, self.ports);
-            appendTexts(reply, "rules_str", self.rules);
-        });
+        return of(data).answersSettings ? replySettings(message, of(data).zone) : deny(error);
     }
-    static int onServiceSettings(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
-        const Ports ports = of(data).portsOfService[argument(message)];
-        return replySettings(message, [&ports](sd_bus_message* reply) { appendPorts(reply, ports); });
+    static int onActiveZones(sd_bus_message* message, void* data, sd_bus_error* error) {
+        return of(data).answersActive ? replyBound(message, of(data).zones) : deny(error);
+    }
+    static int onServiceSettings(sd_bus_message* message, void* data, sd_bus_error* error) {
+        const auto found = of(data).services.find(argument(message));
+        return found != of(data).services.end() ? replySettings(message, found->second) : deny(error);
+    }
+    static int onActivePolicies(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
+        return replyBound(message, of(data).boundPolicies);
+    }
+    static int onPolicySettings(sd_bus_message* message, void* data, sd_bus_error* error) {
+        const auto found = of(data).policies.find(argument(message));
+        return found != of(data).policies.end() ? replySettings(message, found->second, "rich_rules") : deny(error);
+    }
+    static int onDirectRules(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
+        return of(data).hasDirectRule ? ::sd_bus_reply_method_return(message, "a(sssias)", 1, "ipv4", "filter", "INPUT",
+                                                                     0, 2, "-j", "ACCEPT")
+                                      : ::sd_bus_reply_method_return(message, "a(sssias)", 0);
+    }
+    static int onPassthroughs(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
+        return of(data).hasPassthrough ? ::sd_bus_reply_method_return(message, "a(sas)", 1, "ipv4", 2, "-j", "ACCEPT")
+                                       : ::sd_bus_reply_method_return(message, "a(sas)", 0);
     }
     static int onGetUnit(sd_bus_message* message, void* /*data*/, sd_bus_error* error) {
         return argument(message) == "nftables.service"
@@ -169,6 +280,23 @@ private:
             SD_BUS_VTABLE_START(0),
             SD_BUS_METHOD("getZoneOfInterface", "s", "s", onZoneOfInterface, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("getZoneSettings2", "s", "a{sv}", onZoneSettings, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("getActiveZones", "", "a{sa{sas}}", onActiveZones, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_VTABLE_END};
+        return table;
+    }
+    static const sd_bus_vtable* policyMethods() {
+        static const sd_bus_vtable table[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_METHOD("getActivePolicies", "", "a{sa{sas}}", onActivePolicies, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("getPolicySettings", "s", "a{sv}", onPolicySettings, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_VTABLE_END};
+        return table;
+    }
+    static const sd_bus_vtable* directMethods() {
+        static const sd_bus_vtable table[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_METHOD("getAllRules", "", "a(sssias)", onDirectRules, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("getAllPassthroughs", "", "a(sas)", onPassthroughs, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_VTABLE_END};
         return table;
     }
@@ -224,7 +352,8 @@ protected:
         daemons_->provideFirewalld();
     }
     static FirewallReport firewalld(Verdict verdict, std::string zone = "public") {
-        return {.verdict = verdict, .name = "firewalld", .zone = std::move(zone)};
+        const bool isDefault = zone == "public";
+        return {.verdict = verdict, .name = "firewalld", .zone = std::move(zone), .isDefaultZone = isDefault};
     }
     void write(const char* file, const std::string& text) { fakes::writeText(root_ / file, text); }
 
@@ -246,27 +375,115 @@ TEST_F(LinuxFirewallTest, FindsAPortThatFirewalldDoesNotOpen) {
     startFirewalld();
     EXPECT_EQ(ask(), firewalld(Verdict::closed));
     EXPECT_EQ(ask(22), firewalld(Verdict::open)) << "by a service";
-    daemons_->ports = {{"28471", "udp"}};
+    daemons_->zone.ports = {{"28471", "udp"}};
     EXPECT_EQ(ask(), firewalld(Verdict::closed));
-    daemons_->ports.emplace_back("1025-65535", "tcp");
+    daemons_->zone.ports.emplace_back("1025-65535", "tcp");
     EXPECT_EQ(ask(), firewalld(Verdict::open));
 }
 
 TEST_F(LinuxFirewallTest, LooksAtTheZoneOfTheInterface) {
     startFirewalld();
     daemons_->zoneOfInterface["wlan0"] = "home";
-    EXPECT_EQ(ask(), firewalld(Verdict::closed, "home"));
-    daemons_->target = "ACCEPT";
+    EXPECT_EQ(ask(), firewalld(Verdict::closed, "home")) << "which is not the default one";
+    daemons_->zone.target = "ACCEPT";
     EXPECT_EQ(ask(), firewalld(Verdict::open, "home"));
+}
+
+TEST_F(LinuxFirewallTest, FollowsTheServicesThatAServiceIncludes) {
+    startFirewalld();
+    daemons_->zone.services = {"set"};
+    daemons_->services["set"] = {.includes = {"ssh", "files"}};
+    daemons_->services["files"] = {.includes = {"set"}};
+    EXPECT_EQ(ask(), firewalld(Verdict::closed));
+    daemons_->services["files"].ports = {{"28471", "tcp"}};
+    EXPECT_EQ(ask(), firewalld(Verdict::open));
+    daemons_->services["files"].destination = "192.168.8.1";
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown)) << "only at another address of this computer";
+    daemons_->services.erase("files");
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown)) << "nobody knows what that lets in";
+}
+
+TEST_F(LinuxFirewallTest, KnowsTheProtocolsOfAZone) {
+    startFirewalld();
+    daemons_->zone.protocols = {"igmp"};
+    EXPECT_EQ(ask(), firewalld(Verdict::closed));
+    daemons_->zone.protocols = {"igmp", "tcp"};
+    EXPECT_EQ(ask(), firewalld(Verdict::open));
+    daemons_->zone.protocols = {"6"};
+    EXPECT_EQ(ask(), firewalld(Verdict::open));
 }
 
 TEST_F(LinuxFirewallTest, DoesNotJudgeRulesOfFirewalldsOwnLanguage) {
     startFirewalld();
-    daemons_->rules = {"rule family=\"ipv4\" source address=\"192.168.7.0/24\" accept"};
+    daemons_->zone.rules = {"rule family=\"ipv4\" source address=\"192.168.7.0/24\" accept"};
     EXPECT_EQ(ask(), firewalld(Verdict::unknown));
-    daemons_->rules.clear();
+    daemons_->zone.rules = {"rule family=\"ipv4\" source address=\"192.168.7.0/24\" drop"};
+    EXPECT_EQ(ask(), firewalld(Verdict::closed)) << "these let nobody in";
+    daemons_->zone.rules.clear();
     daemons_->answersSettings = false;
     EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+}
+
+TEST_F(LinuxFirewallTest, DoesNotJudgePortsThatAreForwardedOrOfTheSender) {
+    startFirewalld();
+    daemons_->zone.forwardPorts = {{"80", "tcp"}, {"28471", "udp"}};
+    daemons_->zone.sourcePorts = {{"68", "udp"}};
+    EXPECT_EQ(ask(), firewalld(Verdict::closed));
+    daemons_->zone.forwardPorts.emplace_back("28000-29000", "tcp");
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+    daemons_->zone.forwardPorts.clear();
+    daemons_->zone.sourcePorts.emplace_back("1024-65535", "tcp");
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+}
+
+TEST_F(LinuxFirewallTest, DoesNotJudgeWhatMayBelongToAnotherZone) {
+    startFirewalld();
+    daemons_->zones["docker"]["interfaces"] = {"docker0", "br+"};
+    EXPECT_EQ(ask(), firewalld(Verdict::closed));
+    daemons_->zones["trusted"]["sources"] = {"192.168.7.0/24"};
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown)) << "by its sender";
+    daemons_->zones.erase("trusted");
+    daemons_->zones["home"]["interfaces"] = {"wl+"};
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown)) << "by the beginning of the interface's name";
+    daemons_->zones.erase("home");
+    daemons_->answersActive = false;
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+}
+
+TEST_F(LinuxFirewallTest, DoesNotJudgePoliciesThatMayLetAnythingIn) {
+    startFirewalld();
+    const auto bind = [this](const char* ingress, const char* egress) {
+        daemons_->boundPolicies["own"] = {{"ingress_zones", {ingress}}, {"egress_zones", {egress}}};
+    };
+    bind("public", "HOST");
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown)) << "its settings cannot be read";
+    daemons_->policies["own"] = {.target = "CONTINUE", .services = {"ssh"}};
+    EXPECT_EQ(ask(), firewalld(Verdict::closed));
+    daemons_->policies["own"].ports = {{"28471", "tcp"}};
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown)) << "something else may come before it";
+    bind("home", "HOST");
+    EXPECT_EQ(ask(), firewalld(Verdict::closed)) << "of another zone";
+    bind("ANY", "public");
+    EXPECT_EQ(ask(), firewalld(Verdict::closed)) << "of what this computer passes on";
+    bind("ANY", "HOST");
+    daemons_->policies["own"] = {.target = "ACCEPT"};
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+}
+
+TEST_F(LinuxFirewallTest, DoesNotJudgeRulesOfIptables) {
+    startFirewalld();
+    daemons_->hasDirectRule = true;
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+    daemons_->hasDirectRule = false;
+    daemons_->hasPassthrough = true;
+    EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+}
+
+TEST_F(LinuxFirewallTest, KnowsThatAnOlderFirewalldHasNoPolicies) {
+    startBus();
+    daemons_->hasPolicies = false;
+    daemons_->provideFirewalld();
+    EXPECT_EQ(ask(), firewalld(Verdict::closed));
 }
 
 TEST_F(LinuxFirewallTest, KnowsThatItMayNotReadUfwsRules) {

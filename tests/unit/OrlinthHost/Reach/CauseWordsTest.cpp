@@ -89,6 +89,10 @@ TEST(CauseWords, SayWhatIsWrong) {
     EXPECT_EQ(say(Cause::noNetwork), "This computer is not connected to any network.");
     EXPECT_EQ(say(Cause::firewallIn),
               "This computer's firewall (firewalld, zone public) does not let phones in at port 28471.");
+    EXPECT_EQ(say(Cause::firewallMaybe), "This computer's firewall (firewalld) may keep phones out at port 28471. Some "
+                                         "of its rules cannot be judged.");
+    EXPECT_EQ(words(Cause::firewallMaybe, {.firewall = "ufw"}),
+              "This computer's firewall (ufw) may keep phones out at port 28471. Its rules cannot be read.");
     EXPECT_EQ(say(Cause::portTaken), "Port 28471 is taken by another program (syncthing).");
     EXPECT_EQ(say(Cause::otherPort), "The service listens at port 28471, but your phones know port 28472.");
     EXPECT_EQ(say(Cause::ownAddress), "Your phones know this computer as 192.168.7.30. It is 192.168.7.57 now, so they "
