@@ -3,6 +3,8 @@
 #include "OrlinthHost/HumanText.h"
 #include "base/Text.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 
 namespace orlinth::host {
@@ -81,11 +83,23 @@ Advice toOpenTheApp(const CauseDetails& details) {
     return {.text = details.wasWokenInVain ? open : open + " It is woken when you send."};
 }
 
+/// What a zone's name may be, which a command takes as it is: at most 17 characters, and none that a shell minds.
+bool isZoneName(const std::string& name) {
+    constexpr std::size_t maxLength = 17;
+    const auto isPlain = [](unsigned char character) {
+        return std::isalnum(character) != 0 || character == '_' || character == '-' || character == '/';
+    };
+    return !name.empty() && name.size() <= maxLength && std::ranges::all_of(name, isPlain);
+}
+
+/// Without a zone's name the commands open the port in the default zone, which helps only if it is the one.
 Advice toOpenThePort(const CauseDetails& details) {
     const std::string port = std::to_string(details.port) + "/tcp";
-    if (details.firewall == "firewalld") {
-        return {.text = "To open the port:",
-                .commands = {"sudo firewall-cmd --permanent --add-port=" + port, "sudo firewall-cmd --reload"}};
+    if (details.firewall == "firewalld" && (details.isDefaultZone || isZoneName(details.zone))) {
+        const std::string zone = details.isDefaultZone ? "" : " --zone=" + details.zone;
+        return {
+            .text = "To open the port:",
+            .commands = {"sudo firewall-cmd --permanent" + zone + " --add-port=" + port, "sudo firewall-cmd --reload"}};
     }
     if (details.firewall == "ufw") {
         return {.text = "To open the port:", .commands = {"sudo ufw allow " + port}};

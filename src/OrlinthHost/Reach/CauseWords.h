@@ -20,7 +20,8 @@ struct CauseDetails {
     std::string ownNetwork = {};            ///< likewise
     std::string interface = {};             ///< through which the way leads, for example "tun0"
     std::string firewall = {};              ///< "firewalld", "ufw" or "nftables"
-    std::string zone = {};                  ///< of firewalld
+    std::string zone = {};                  ///< of firewalld: the one of the network interface
+    bool isDefaultZone = false;             ///< that zone is the one that firewalld's commands mean by default
     std::string program = {};               ///< that has the port
     std::string folder = {};                ///< of the downloads
     std::string reason = {};                ///< why it cannot be used, for example "it is read-only"
@@ -38,7 +39,7 @@ struct CauseDetails {
 /// What to do about it.
 struct Advice {
     std::string text = {};               ///< "" where nothing helps
-    std::vector<std::string> commands{}; ///< for a shell, one after the other; none takes more than 60 columns
+    std::vector<std::string> commands{}; ///< for a shell, one after the other; none takes more than 78 columns
 };
 [[nodiscard]] Advice advice(Cause cause, const CauseDetails& details);
 

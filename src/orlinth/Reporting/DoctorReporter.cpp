@@ -7,6 +7,7 @@
 #include <array>
 #include <cctype>
 #include <cstdlib>
+#include <sstream>
 #include <string_view>
 #include <unistd.h>
 
@@ -78,6 +79,23 @@ std::string behindLabel(const Finding& finding) {
         text.pop_back();
     }
     return text;
+}
+
+/// A command in lines that a shell takes for one. Commands have no blank inside a word.
+std::vector<std::string> brokenForShell(const std::string& command, std::size_t columns) {
+    std::vector<std::string> lines{""};
+    std::istringstream words(command);
+    for (std::string word; words >> word;) {
+        constexpr std::size_t roomForBreak = 2; // " \"
+        const bool isFirst = lines.back().find_first_not_of(' ') == std::string::npos;
+        if (!isFirst && lines.back().size() + 1 + word.size() + roomForBreak > columns && command.size() > columns) {
+            lines.back() += " \\";
+            lines.push_back("    " + word);
+        } else {
+            lines.back() += (isFirst ? "" : " ") + word;
+        }
+    }
+    return lines;
 }
 
 std::string shortEvidence(const Finding& finding) {
@@ -190,7 +208,9 @@ void DoctorReporter::showItem(Status status, const std::string& label, const std
     add(text);
     add(advice.text);
     for (const std::string& command : advice.commands) {
-        page += "\n" + blanks + command;
+        for (const std::string& line : brokenForShell(command, textColumns)) {
+            page += "\n" + blanks + line;
+        }
     }
     add(evidence);
     const std::string head = mark(status) + " " + host::padded(label, style_.isUtf8 ? labelColumns + 1 : labelColumns);

@@ -290,7 +290,8 @@ TEST_F(DoctorCommandTest, SaysThatThereIsNoNetwork) {
 }
 
 TEST_F(DoctorCommandTest, SaysThatTheFirewallKeepsPhonesOut) {
-    world.firewall.report = {.verdict = FirewallReport::Verdict::closed, .name = "firewalld", .zone = "public"};
+    world.firewall.report = {
+        .verdict = FirewallReport::Verdict::closed, .name = "firewalld", .zone = "public", .isDefaultZone = true};
     expectAll(1, "✓ This computer   192.168.7.10 on wlan0\n"
                  "✓ Service         receives at port 28471\n"
                  "✗ Firewall        this computer's firewall (firewalld, zone public) does not let\n"
@@ -302,6 +303,22 @@ TEST_F(DoctorCommandTest, SaysThatTheFirewallKeepsPhonesOut) {
                  "✓ Pixel-8         here now, 192.168.7.30, answered in 4 ms\n"
                  "1 problem. Sending works, receiving does not.\n");
     EXPECT_EQ(world.firewall.asked.front(), "wlan0:28471");
+}
+
+TEST_F(DoctorCommandTest, NamesTheZoneInWhichThePortIsToBeOpened) {
+    world.firewall.report = {
+        .verdict = FirewallReport::Verdict::closed, .name = "firewalld", .zone = "FedoraWorkstation"};
+    expectAll(1, "✓ This computer   192.168.7.10 on wlan0\n"
+                 "✓ Service         receives at port 28471\n"
+                 "✗ Firewall        this computer's firewall (firewalld, zone FedoraWorkstation)\n"
+                 "                  does not let phones in at port 28471\n"
+                 "                  To open the port:\n"
+                 "                  sudo firewall-cmd --permanent --zone=FedoraWorkstation \\\n"
+                 "                      --add-port=28471/tcp\n"
+                 "                  sudo firewall-cmd --reload\n"
+                 "✓ Downloads       /home/ann/Downloads, 41 GB free\n"
+                 "✓ Pixel-8         here now, 192.168.7.30, answered in 4 ms\n"
+                 "1 problem. Sending works, receiving does not.\n");
 }
 
 TEST_F(DoctorCommandTest, WarnsOfAFirewallWhoseRulesItMayNotReadUntilAPhoneHasComeIn) {
@@ -551,7 +568,8 @@ TEST_F(DoctorCommandTest, TellsScriptsWhatItFinds) {
 }
 
 TEST_F(DoctorCommandTest, TellsScriptsTheCommandsThatHelp) {
-    world.firewall.report = {.verdict = FirewallReport::Verdict::closed, .name = "firewalld", .zone = "public"};
+    world.firewall.report = {
+        .verdict = FirewallReport::Verdict::closed, .name = "firewalld", .zone = "public", .isDefaultZone = true};
     world.alongside(serveOthers({"{\"port\":28471}"}));
     const Ended ended = doctor({"--json"});
     EXPECT_EQ(ended.status, 1);

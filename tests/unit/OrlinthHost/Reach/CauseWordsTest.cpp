@@ -27,7 +27,7 @@ const CauseDetails everything{.phone = "Pixel-8",
                               .ownNetwork = "10.1.4.0/24",
                               .interface = "tun0",
                               .firewall = "firewalld",
-                              .zone = "public",
+                              .zone = "FedoraWorkstation",
                               .program = "syncthing",
                               .folder = "/home/ann/Downloads",
                               .reason = "it is read-only",
@@ -88,7 +88,7 @@ TEST(CauseWords, SayWhatIsWrong) {
     EXPECT_EQ(say(Cause::isolated), "This Wi-Fi seems to keep its devices apart (guest network?).");
     EXPECT_EQ(say(Cause::noNetwork), "This computer is not connected to any network.");
     EXPECT_EQ(say(Cause::firewallIn),
-              "This computer's firewall (firewalld, zone public) does not let phones in at port 28471.");
+              "This computer's firewall (firewalld, zone FedoraWorkstation) does not let phones in at port 28471.");
     EXPECT_EQ(say(Cause::firewallMaybe), "This computer's firewall (firewalld) may keep phones out at port 28471. Some "
                                          "of its rules cannot be judged.");
     EXPECT_EQ(words(Cause::firewallMaybe, {.firewall = "ufw"}),
@@ -119,7 +119,7 @@ TEST(CauseWords, AreSentencesThatFitIntoATerminal) {
                 }
             }
             for (const std::string& command : help.commands) {
-                EXPECT_LE(columnsOf(command), 60U) << command;
+                EXPECT_LE(columnsOf(command), 78U) << command;
             }
         }
     }
@@ -165,10 +165,16 @@ TEST(CauseAdvice, IsOneThingToDo) {
 
 TEST(CauseAdvice, NamesTheCommandsOfTheFirewallThatIsThere) {
     EXPECT_THAT(advice(Cause::firewallIn, everything).commands,
+                ElementsAre("sudo firewall-cmd --permanent --zone=FedoraWorkstation --add-port=28471/tcp",
+                            "sudo firewall-cmd --reload"));
+    EXPECT_THAT(advice(Cause::firewallIn, {.firewall = "firewalld", .zone = "public", .isDefaultZone = true}).commands,
                 ElementsAre("sudo firewall-cmd --permanent --add-port=28471/tcp", "sudo firewall-cmd --reload"));
     EXPECT_THAT(advice(Cause::firewallMaybe, {.firewall = "ufw", .port = 7000}).commands,
                 ElementsAre("sudo ufw allow 7000/tcp"));
     EXPECT_THAT(advice(Cause::firewallMaybe, {.firewall = "nftables"}).commands, IsEmpty());
+    for (const char* const zone : {"", "a b", "$(reboot)", "AnOverlongNameOfAZone"}) {
+        EXPECT_THAT(advice(Cause::firewallIn, {.firewall = "firewalld", .zone = zone}).commands, IsEmpty()) << zone;
+    }
     EXPECT_EQ(advice(Cause::firewallMaybe, {}).text, "Open TCP port 28471 in this computer's firewall.");
 }
 

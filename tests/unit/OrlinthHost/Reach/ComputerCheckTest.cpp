@@ -108,6 +108,10 @@ TEST_F(ComputerCheckTest, BelievesAFirewallThatSaysNoWhateverCameInBefore) {
     const Finding found = firewall();
     EXPECT_EQ(found.cause, Cause::firewallIn);
     EXPECT_EQ(found.details.zone, "public");
+    EXPECT_FALSE(found.details.isDefaultZone);
+    world.firewall.report.isDefaultZone = true;
+    EXPECT_TRUE(firewall().details.isDefaultZone);
+    world.firewall.asked.pop_back();
     EXPECT_THAT(world.firewall.asked, ElementsAre("wlan0:28471"));
 }
 
