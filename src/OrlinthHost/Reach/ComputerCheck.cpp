@@ -203,6 +203,7 @@ Task<Finding> checkWaking(Home& home, std::vector<PeerRecord> phones, bool asksP
         found = *trouble == Cause::unknown
                     ? finding(Check::waking, Status::notMeasured, "the push service does not answer")
                     : finding(Check::waking, Status::warning, *trouble, {.phone = "A phone that sleeps"});
+        found.isUnanswered = *trouble == Cause::unknown;
     } else if (home.system.machine.isClockSynchronised() == false) {
         found = finding(Check::waking, Status::warning, Cause::clock, {});
     } else {

@@ -27,6 +27,7 @@ struct Finding {
     std::string phone = {};         ///< of a phone: its name
     PeerKey peerKey = {};           ///< of a phone
     bool isAside = false;           ///< of no interest to people while nothing is wrong
+    bool isUnanswered = false;      ///< not measured, and nothing that was found explains that
     Json evidence = Json::object(); ///< what was seen, for scripts and those who want to know
     Seconds duration{};
 };

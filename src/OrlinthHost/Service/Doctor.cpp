@@ -233,7 +233,7 @@ void Doctor::beginAll() {
         begin(Check::downloads, quickLimit, lookAtDownloads());
     }
     for (const PeerRecord& phone : request_.phones) {
-        begin(Check::phone, wholeLimit, lookForPhone(phone), phone.peer_hostname);
+        begin(Check::phone, wholeLimit, lookForPhone(places_.size(), phone), phone.peer_hostname);
         places_.back().peerKey = phone.peer_pubkey;
     }
     if (!request_.isAboutPhones || request_.asksPushProject) {
@@ -284,6 +284,8 @@ Task<> Doctor::giveUp(Slot slot, Seconds limit) {
                    .status = Status::problem,
                    .cause = Cause::unknown,
                    .remark = "no phone has come in within " + timeInWords(limit)});
+    } else if (places_[slot].hasWaited) {
+        putNothing(slot, "not measured: too little time was left for it");
     } else {
         putNothing(slot, "not measured: no answer in " + timeInWords(limit));
     }
@@ -294,6 +296,7 @@ void Doctor::putNothing(Slot slot, std::string remark) {
     Finding finding;
     finding.check = places_[slot].check;
     finding.remark = std::move(remark);
+    finding.isUnanswered = true;
     put(slot, std::move(finding));
 }
 
@@ -327,9 +330,15 @@ void Doctor::count(const Finding& finding) {
     const bool isProblem = finding.status == Status::problem;
     diagnosis_.problems += isProblem ? 1 : 0;
     diagnosis_.warnings += finding.status == Status::warning ? 1 : 0;
+    diagnosis_.unanswered += finding.isUnanswered ? 1 : 0;
+    const auto doubt = [](std::optional<bool>& what) {
+        what = what == true ? std::nullopt : what; // what does not work stays so
+    };
     if (finding.check == Check::phone) {
         const bool isReached = finding.status == Status::ok || finding.status == Status::warning;
-        if (!isReached) {
+        if (finding.isUnanswered) {
+            doubt(diagnosis_.canSend);
+        } else if (!isReached) {
             diagnosis_.absent.push_back(finding.phone);
             diagnosis_.canSend = false;
         }
@@ -343,7 +352,12 @@ void Doctor::count(const Finding& finding) {
         }
         return;
     }
-    if (isProblem && diagnosis_.canReceive && (!isWayTaken || finding.cause == Cause::noNetwork)) {
+    if (request_.isAboutPhones || finding.check == Check::waking) {
+        return;
+    }
+    if (finding.isUnanswered) {
+        doubt(diagnosis_.canReceive);
+    } else if (isProblem && (!isWayTaken || finding.cause == Cause::noNetwork)) {
         diagnosis_.canReceive = false;
     }
 }
@@ -402,7 +416,7 @@ Task<Finding> Doctor::lookForArrival() {
                       .remark = arrival->inWords(home_.system.clock.epochMilliseconds())};
 }
 
-Task<Finding> Doctor::lookForPhone(const PeerRecord& phone) {
+Task<Finding> Doctor::lookForPhone(Slot slot, const PeerRecord& phone) {
     if (!isUsable(phone)) {
         co_return Finding{.check = Check::phone,
                           .status = Status::problem,
@@ -410,6 +424,7 @@ Task<Finding> Doctor::lookForPhone(const PeerRecord& phone) {
                           .remark = "its recorded address or port cannot be used; pair it again"};
     }
     while (phonesUnderWay_ >= maxPhonesAtOnce) {
+        places_[slot].hasWaited = true;
         hasPhoneEnded_.reset();
         co_await hasPhoneEnded_.wait();
     }

@@ -28,11 +28,14 @@ struct DoctorRequest {
 struct Diagnosis {
     std::size_t problems = 0;
     std::size_t warnings = 0;
+    std::size_t unanswered = 0;      ///< checks that gave no answer, and nothing that was found explains why
     std::size_t phones = 0;          ///< that were looked for
     std::vector<std::string> absent; ///< the names of those that cannot be reached
     bool isWayTaken = false;         ///< something of this computer keeps it from any phone
-    bool canSend = false;            ///< to every phone that was looked for, and there is one
-    std::optional<bool> canReceive;  ///< as far as this computer is concerned; nothing if that was not asked
+    /// To every phone that was looked for, and there is one; nothing if a check that decides gave no answer.
+    std::optional<bool> canSend = false;
+    /// As far as this computer is concerned; nothing if that was not asked, or if a check that decides gave no answer.
+    std::optional<bool> canReceive;
 };
 
 /// What the doctor says. Called on the home's executor; no call throws.
@@ -94,7 +97,7 @@ private:
     [[nodiscard]] Task<Finding> lookAtDownloads();
     [[nodiscard]] Task<Finding> lookAtWaking();
     [[nodiscard]] Task<Finding> lookForArrival();
-    [[nodiscard]] Task<Finding> lookForPhone(const PeerRecord& phone);
+    [[nodiscard]] Task<Finding> lookForPhone(Slot slot, const PeerRecord& phone);
     [[nodiscard]] Task<std::optional<PhoneFindings>> checkUnlessFound(const PeerRecord& phone, Finder::Search& search);
     [[nodiscard]] Finding findingOfMove(const PeerRecord& phone, const HostAddress& found);
 
@@ -105,6 +108,7 @@ private:
         PeerKey peerKey;
         std::optional<Finding> finding;
         std::optional<platform::TaskGroup::Id> task;
+        bool hasWaited = false; ///< for others, before it could begin
     };
 
     Home& home_;

@@ -13,6 +13,11 @@ namespace {
 /// How long somebody gets to send something from a phone.
 constexpr Seconds listeningTime = 60s;
 
+/// What gave no answer is not good either.
+int statusOf(const host::Diagnosis& diagnosis) {
+    return diagnosis.problems == 0 && diagnosis.absent.empty() && diagnosis.unanswered == 0 ? 0 : 1;
+}
+
 class DoctorCommand final : public Command {
 public:
     explicit DoctorCommand(CLI::App& program)
@@ -49,7 +54,7 @@ public:
         DoctorReporter reporter(host.output, style);
         host::Doctor doctor(host, std::move(request), reporter);
         const host::Diagnosis diagnosis = host.tasks.run(doctor.run());
-        return diagnosis.problems == 0 && diagnosis.absent.empty() ? 0 : 1;
+        return statusOf(diagnosis);
     }
 
 private:

@@ -126,18 +126,32 @@ std::string absenceOf(const host::Diagnosis& diagnosis) {
            " phones cannot be reached now.";
 }
 
-std::string conclusionOf(const host::Diagnosis& diagnosis) {
-    if (diagnosis.problems == 0 && diagnosis.absent.empty()) {
-        return diagnosis.warnings == 0 ? "Everything works."
-                                       : "It works, with " + plural(diagnosis.warnings, "warning") + ".";
+/// What has no problem.
+std::string conclusionWithoutProblems(const host::Diagnosis& diagnosis) {
+    const std::string warnings = plural(diagnosis.warnings, "warning");
+    if (diagnosis.unanswered > 0) {
+        return diagnosis.warnings == 0 ? "" : warnings + ".";
     }
+    return diagnosis.warnings == 0 ? "Everything works." : "It works, with " + warnings + ".";
+}
+
+std::string conclusionWithProblems(const host::Diagnosis& diagnosis) {
     std::string text = plural(diagnosis.problems, "problem") + ".";
     const bool cannotReceive = diagnosis.canReceive == false;
     if (!diagnosis.absent.empty()) {
         text += " " + absenceOf(diagnosis);
         text += cannotReceive ? " Receiving does not work either." : "";
     } else if (cannotReceive) {
-        text += diagnosis.canSend ? " Sending works, receiving does not." : " Receiving does not work.";
+        text += diagnosis.canSend == true ? " Sending works, receiving does not." : " Receiving does not work.";
+    }
+    return text;
+}
+
+std::string conclusionOf(const host::Diagnosis& diagnosis) {
+    const bool isFlawless = diagnosis.problems == 0 && diagnosis.absent.empty();
+    std::string text = isFlawless ? conclusionWithoutProblems(diagnosis) : conclusionWithProblems(diagnosis);
+    if (diagnosis.unanswered > 0) {
+        text += (text.empty() ? "" : " ") + plural(diagnosis.unanswered, "check") + " gave no answer.";
     }
     return text;
 }
@@ -227,8 +241,9 @@ void DoctorReporter::listening(Seconds time) {
 void DoctorReporter::concluded(const host::Diagnosis& diagnosis) {
     Json fields;
     fields["problems"] = diagnosis.problems;
-    fields["can_send"] = diagnosis.canSend;
-    fields["can_receive"] = diagnosis.canReceive ? Json(*diagnosis.canReceive) : Json(nullptr);
+    const auto asJson = [](std::optional<bool> answer) { return answer ? Json(*answer) : Json(nullptr); };
+    fields["can_send"] = asJson(diagnosis.canSend);
+    fields["can_receive"] = asJson(diagnosis.canReceive);
     output_.event("complete", std::move(fields));
     output_.result(conclusionOf(diagnosis));
 }

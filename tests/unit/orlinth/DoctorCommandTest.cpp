@@ -93,6 +93,7 @@ protected:
         int status = -1;
         double after = 0;
         std::string output;
+        std::optional<bool> canSend;
     };
     /// `orlinth doctor WORDS...` as a terminal with or without UTF-8 shows it.
     Shown show(bool isUtf8, const std::vector<PeerRecord>& chosen = {}) {
@@ -113,7 +114,9 @@ protected:
         const double begin = world.clock.elapsed();
         testing::internal::CaptureStdout();
         Shown shown;
-        shown.status = world.run(doctor.run()).problems == 0 ? 0 : 1;
+        const host::Diagnosis diagnosis = world.run(doctor.run());
+        shown.status = diagnosis.problems == 0 ? 0 : 1;
+        shown.canSend = diagnosis.canSend;
         shown.output = testing::internal::GetCapturedStdout();
         shown.after = world.clock.elapsed() - begin;
         return shown;
@@ -461,8 +464,28 @@ TEST_F(DoctorCommandTest, IsNotHeldUpByAFirewallThatNeverAnswers) {
     world.firewall.after = 1000h;
     const Shown shown = show(true);
     EXPECT_THAT(shown.output, AllOf(HasSubstr("· Firewall        not measured: no answer in 1.5 seconds\n"),
-                                    HasSubstr("✓ Pixel-8         here now"), HasSubstr("Everything works.\n")));
+                                    HasSubstr("✓ Pixel-8         here now"), HasSubstr("\n1 check gave no answer.\n"),
+                                    Not(HasSubstr("works"))));
     EXPECT_LE(shown.after, 1.6);
+}
+
+TEST_F(DoctorCommandTest, TakesNoAnswerForNoGoodOne) {
+    world.firewall.after = 1000h;
+    world.alongside(serveOthers({"{\"port\":28471}"}));
+    const Ended ended = doctor({"--json"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.events().back(),
+              (Json{{"event", "complete"}, {"problems", 0}, {"can_send", true}, {"can_receive", nullptr}}));
+}
+
+TEST_F(DoctorCommandTest, DoesNotDoubtWhatIsCertainlyWrongForWantOfAnAnswer) {
+    world.firewall.after = 1000h;
+    hasService = false;
+    EXPECT_THAT(show(true).output,
+                HasSubstr("\n1 problem. Sending works, receiving does not. 1 check gave no answer.\n"));
+    const Ended ended = doctor({"--json"});
+    EXPECT_EQ(ended.events().back(),
+              (Json{{"event", "complete"}, {"problems", 1}, {"can_send", true}, {"can_receive", false}}));
 }
 
 TEST_F(DoctorCommandTest, IsNotHeldUpByAServiceThatNeverAnswers) {
@@ -491,9 +514,31 @@ TEST_F(DoctorCommandTest, EndsInTenSecondsWhateverPhonesDo) {
     const Shown shown = show(true, phones);
     EXPECT_EQ(shown.after, 10);
     EXPECT_THAT(shown.output, HasSubstr("✗ Phone 7         no answer from Phone 7."));
-    EXPECT_THAT(shown.output, HasSubstr("· Phone 8         not measured: no answer in 10 seconds\n"));
-    EXPECT_THAT(shown.output, HasSubstr("8 problems. No phone can be reached.\n"));
+    EXPECT_THAT(shown.output, HasSubstr("· Phone 8         not measured: too little time was left for it\n"));
+    EXPECT_THAT(shown.output,
+                HasSubstr("8 problems. 8 of 12 phones cannot be reached now. 4 checks gave no answer.\n"));
     EXPECT_LE(world.probe.most, 16u) << "two for each of eight phones";
+}
+
+TEST_F(DoctorCommandTest, TakesAPhoneForWhichNoTimeWasLeftNeitherForThereNorForAbsent) {
+    const std::vector<PeerRecord> phones(12, record);
+    fakes::proveAt(world, phone, world.phoneKey, 8s);
+    find = host::FindSetting::never;
+    const Shown shown = show(true, phones);
+    EXPECT_EQ(shown.after, 10);
+    EXPECT_THAT(shown.output, AllOf(HasSubstr("✓ Pixel-8         here now"),
+                                    HasSubstr("· Pixel-8         not measured: too little time was left for it\n"),
+                                    HasSubstr("\n4 checks gave no answer.\n")));
+    EXPECT_EQ(shown.canSend, std::nullopt);
+}
+
+TEST_F(DoctorCommandTest, AsksAPhoneThatHadToWaitIfTimeIsLeft) {
+    const std::vector<PeerRecord> phones(12, record);
+    fakes::proveAt(world, phone, world.phoneKey, 3s);
+    find = host::FindSetting::never;
+    const Shown shown = show(true, phones);
+    EXPECT_EQ(shown.after, 6);
+    EXPECT_THAT(shown.output, AllOf(Not(HasSubstr("not measured")), HasSubstr("\nEverything works.\n")));
 }
 
 TEST_F(DoctorCommandTest, FindsAPhoneThatHasMovedAndRecordsIt) {
