@@ -21,7 +21,7 @@ public:
     [[nodiscard]] Executor makeWorkerQueue(const char* label) override { return makeSerialQueue(label); }
     [[nodiscard]] Executor makeBlockingQueue() override {
         ++blockingQueues;
-        return blocking_;
+        return blockingQueue ? *blockingQueue : Executor(blocking_);
     }
     [[nodiscard]] Executor makeThreadQueue(const char* label) override {
         return threadQueue ? *threadQueue : makeWorkerQueue(label);
@@ -37,6 +37,8 @@ public:
     int blockingQueues = 0;
     /// What makeThreadQueue() returns, if set: of a context that the test runs when it likes.
     std::optional<Executor> threadQueue;
+    /// The same of makeBlockingQueue().
+    std::optional<Executor> blockingQueue;
     /// What lateQueues() returns.
     std::vector<platform::LateQueue> late;
 

@@ -13,9 +13,10 @@ import shutil
 import signal
 import subprocess
 import sys
+import time
 import unittest
 
-from harness import ORLINTH, PATIENCE, Identity, ProgramTest
+from harness import ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest
 
 HAS_FILTER = shutil.which("nft") is not None
 PORT = "7000"
@@ -316,6 +317,26 @@ class ThisComputer(DoctorTest):
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", str(folder)], check=True)
         self.addCleanup(subprocess.run, ["umount", str(folder)], check=True)
         self.assert_cause("disk", self.check("downloads", "--find", "never"), within=1)
+
+    @unittest.skipIf(SANITIZED, "a sanitizer wants to be the first library")
+    def test_the_disk_of_the_downloads_folder_does_not_answer(self):
+        self.mac.environment["LD_PRELOAD"] = str(self.shim("dead_disk", """
+            #include <sys/statvfs.h>
+            #include <unistd.h>
+            int fstatvfs(int number, struct statvfs *found) {
+                for (;;) {
+                    pause();
+                }
+            }
+        """))
+        began = time.monotonic()
+        events, status = self.doctor("--find", "never")
+        self.assertLess(time.monotonic() - began, 10)
+        found = next(event for event in events if event.get("id") == "downloads")
+        self.assertEqual("not_measured", found["status"])
+        self.assertIn("no answer in", found["message"])
+        self.assertEqual("complete", events[-1]["event"])
+        self.assertEqual(1, status)
 
     def test_the_downloads_folder_is_read_only(self):
         folder = self.mac.root / "Downloads"

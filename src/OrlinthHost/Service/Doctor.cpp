@@ -213,12 +213,21 @@ Task<Diagnosis> Doctor::run() {
     }
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     tasks_.cancelAll();
-    co_await tasks_.join();
-    co_await finder_.finish();
+    const bool hasEnded = co_await platform::endsWithin(home_.system.clock, endLimit, finish());
+    if (!hasEnded) {
+        events_.hung();
+        co_await finish();
+    }
     if (isCancelled) {
         throw platform::Cancelled();
     }
     co_return diagnosis_;
+}
+
+/// Also after a call that was cancelled.
+Task<> Doctor::finish() {
+    co_await tasks_.join();
+    co_await finder_.finish();
 }
 
 void Doctor::beginAll() {

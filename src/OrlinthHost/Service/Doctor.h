@@ -48,6 +48,9 @@ public:
     virtual void listening(Seconds time) = 0;
     /// Behind the last finding.
     virtual void concluded(const Diagnosis& diagnosis) = 0;
+    /// Nothing more will be said, and a disk that does not answer keeps the doctor from ending. It waits for that;
+    /// whoever does not want to ends the process.
+    virtual void hung() = 0;
 };
 
 /// Finds out what keeps phones and this computer apart. All checks begin at once, each has a limit of its own, and none
@@ -67,6 +70,8 @@ public:
     static constexpr Seconds firewallLimit = 1500ms;
     /// How long all of it takes at most, but for listening.
     static constexpr Seconds wholeLimit = 10s;
+    /// From the conclusion to DoctorEvents::hung(), if something of it still runs then.
+    static constexpr Seconds endLimit = 200ms;
 
     /// Both outlive this.
     Doctor(Home& home, DoctorRequest request, DoctorEvents& events);
@@ -81,6 +86,7 @@ private:
     using Slot = std::size_t; ///< the place of a finding in the order
 
     void beginAll();
+    [[nodiscard]] Task<> finish();
     /// Begins a check, which has until `limit`.
     void begin(Finding::Check check, Seconds limit, Task<Finding> task, std::string phone = {});
     [[nodiscard]] Task<> fill(Slot slot, Task<Finding> task);

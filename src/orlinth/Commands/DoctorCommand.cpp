@@ -18,6 +18,23 @@ int statusOf(const host::Diagnosis& diagnosis) {
     return diagnosis.problems == 0 && diagnosis.absent.empty() && diagnosis.unanswered == 0 ? 0 : 1;
 }
 
+/// Ends the program if nothing more is to be said and a disk does not answer: nobody can interrupt the thread that
+/// waits for it.
+class LeavingReporter final : public DoctorReporter {
+public:
+    LeavingReporter(Host& host, Style style) : DoctorReporter(host.output, style), host_(host) {}
+
+    void concluded(const host::Diagnosis& diagnosis) override {
+        DoctorReporter::concluded(diagnosis);
+        status_ = statusOf(diagnosis);
+    }
+    void hung() override { host_.tasks.leave(host_.output.finish(status_)); }
+
+private:
+    Host& host_;
+    int status_ = 1;
+};
+
 class DoctorCommand final : public Command {
 public:
     explicit DoctorCommand(CLI::App& program)
@@ -51,7 +68,7 @@ public:
         }
         DoctorReporter::Style style = DoctorReporter::styleOfTerminal();
         style.isVerbose = isVerbose_;
-        DoctorReporter reporter(host.output, style);
+        LeavingReporter reporter(host, style);
         host::Doctor doctor(host, std::move(request), reporter);
         const host::Diagnosis diagnosis = host.tasks.run(doctor.run());
         return statusOf(diagnosis);

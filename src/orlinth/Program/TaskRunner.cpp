@@ -39,6 +39,11 @@ void TaskRunner::finish() {
     context_.run();
 }
 
+void TaskRunner::leave(int status) const {
+    const int signal = signal_.load();
+    std::_Exit(signal != 0 ? 128 + signal : status);
+}
+
 TaskRunner::Running::Running(TaskRunner& runner, asio::cancellation_signal& stop) : runner_(runner) {
     runner_.current_ = &stop;
     runner_.running_ = true;

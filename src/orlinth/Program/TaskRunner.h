@@ -69,6 +69,9 @@ public:
     /// Runs what completed tasks have left to do (closing, for the most part) until nothing is left at all.
     void finish();
 
+    /// Ends the process at once, whatever still runs: with `status`, or if a signal has come, with that of the signal.
+    [[noreturn]] void leave(int status) const;
+
     [[nodiscard]] Executor executor() { return context_.get_executor(); }
 
 private:

@@ -14,7 +14,7 @@ namespace orlinth::cli {
 ///                       Open the app there once …
 ///
 /// What is wrong is told by the mark and the words, never by colour alone.
-class DoctorReporter final : public host::DoctorEvents {
+class DoctorReporter : public host::DoctorEvents {
 public:
     struct Style {
         bool isUtf8 = false;    ///< of the terminal; else the marks are ok, !, x and -
@@ -30,6 +30,7 @@ public:
     void found(const host::Finding& finding) override;
     void listening(Seconds time) override;
     void concluded(const host::Diagnosis& diagnosis) override;
+    void hung() override {}
 
 private:
     void showItem(host::Finding::Status status, const std::string& label, const std::string& text,

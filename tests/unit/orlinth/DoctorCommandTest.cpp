@@ -500,6 +500,47 @@ TEST_F(DoctorCommandTest, IsNotHeldUpByAServiceThatNeverAnswers) {
     EXPECT_LE(shown.after, 1);
 }
 
+TEST_F(DoctorCommandTest, SaysThatADiskDoesNotAnswerBeforeItWaitsForIt) {
+    class Recorder final : public host::DoctorEvents {
+    public:
+        Recorder(fakes::World& of, asio::io_context& disk) : world_(of), disk_(disk) {}
+        void found(const host::Finding& finding) override {
+            if (finding.check == host::Finding::Check::downloads) {
+                remark = finding.remark;
+            }
+        }
+        void listening(Seconds /*time*/) override {}
+        void concluded(const host::Diagnosis& diagnosis) override {
+            concludedAt = world_.clock.elapsed();
+            canReceive = diagnosis.canReceive;
+        }
+        void hung() override {
+            hungAt = world_.clock.elapsed();
+            disk_.run(); // now it answers
+        }
+        std::string remark;
+        std::optional<bool> canReceive = false;
+        double concludedAt = 0;
+        double hungAt = 0;
+
+    private:
+        fakes::World& world_;
+        asio::io_context& disk_;
+    };
+    asio::io_context disk;
+    world.queues.blockingQueue = disk.get_executor();
+    world.alongside(serveOthers({"{\"port\":28471}"}));
+    host::Home home{.system = world.system, .executor = world.context.get_executor()};
+    Recorder recorder(world, disk);
+    host::Doctor doctor(home, {.phones = {record}, .downloads = "/home/ann/Downloads"}, recorder);
+    const double begin = world.clock.elapsed();
+    static_cast<void>(world.run(doctor.run()));
+    EXPECT_THAT(recorder.remark, HasSubstr("not measured: no answer in "));
+    EXPECT_EQ(recorder.canReceive, std::nullopt);
+    EXPECT_LE(recorder.concludedAt - begin, 2);
+    EXPECT_NEAR(recorder.hungAt - recorder.concludedAt, 0.2, 0.01);
+}
+
 TEST_F(DoctorCommandTest, EndsInTenSecondsWhateverPhonesDo) {
     std::vector<PeerRecord> phones;
     for (int i = 0; i < 12; ++i) {
