@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "base/Json.h"
+#include "base/Text.h"
 
 #include <limits>
 #include <utility>
@@ -26,6 +27,8 @@ constexpr const char* wakeKey = "can_wake";
 constexpr const char* pubkeyKey = "peer_pubkey";
 constexpr const char* stateKey = "state";
 constexpr const char* seenKey = "seen_epoch_ms";
+constexpr const char* downloadsKey = "downloads";
+constexpr const char* sinceKey = "since_epoch_ms";
 
 template <typename... Cases>
 struct Overloaded : Cases... {
@@ -86,6 +89,24 @@ PresenceReply presenceIn(const Json& object) {
     return presence;
 }
 
+void putPort(Json& object, const PortReply& reply) {
+    object[portKey] = reply.port;
+    if (!reply.downloads.empty() && reply.downloads.size() <= PortReply::maxFolderBytes && isUtf8(reply.downloads)) {
+        object[downloadsKey] = reply.downloads;
+    }
+    if (reply.since) {
+        object[sinceKey] = toNumber(*reply.since);
+    }
+}
+
+PortReply portReplyIn(const Json& object, std::uint16_t port) {
+    PortReply reply{.port = port, .downloads = optionalString(object, downloadsKey).value_or("")};
+    if (object.contains(sinceKey)) {
+        reply.since = fromEpochMilliseconds(requireInt64(object, sinceKey));
+    }
+    return reply;
+}
+
 } // namespace
 
 const char* textOf(PresenceState state) noexcept {
@@ -128,7 +149,7 @@ std::string encodeControlRequest(const ControlRequest& request) {
 
 std::string encodeControlReply(const ControlReply& reply) {
     Json object;
-    std::visit(Overloaded{[&object](const PortReply& port) { object[portKey] = port.port; },
+    std::visit(Overloaded{[&object](const PortReply& port) { putPort(object, port); },
                           [&object](const NotLentReply& notLent) {
                               object[portKey] = notLent.port;
                               object[lentKey] = false;
@@ -171,7 +192,7 @@ ControlReply decodeControlReply(std::string_view line) {
     }
     if (const std::optional<std::uint16_t> port = portIn(object)) {
         if (isTrue(object, lentKey, true)) {
-            return PortReply{*port};
+            return portReplyIn(object, *port);
         }
         return NotLentReply{*port};
     }

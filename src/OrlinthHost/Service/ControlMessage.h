@@ -47,9 +47,14 @@ struct PresenceRequest {
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest>;
 
-/// `{"port":28471}`.
+/// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
+/// port is said.
 struct PortReply {
-    std::uint16_t port = 0; ///< never 0
+    static constexpr std::size_t maxFolderBytes = 600; ///< of a line of at most 4 KiB; each may take six there
+    std::uint16_t port = 0;                            ///< never 0
+    /// The folder for received files, absolute; "" if it is not said: it is longer than that, or not in UTF-8.
+    std::string downloads = {};
+    std::optional<EpochMilliseconds> since = {}; ///< when the service began to listen there
     friend bool operator==(const PortReply&, const PortReply&) = default;
 };
 

@@ -1,6 +1,7 @@
 #include "OrlinthHost/Service/Doctor.h"
 
 #include "OrlinthHost/Reach/ComputerCheck.h"
+#include "OrlinthHost/Service/DownloadsFolder.h"
 #include "OrlinthHost/Service/ServiceCheck.h"
 #include "base/Text.h"
 #include "platform/Blocking.h"
@@ -239,7 +240,7 @@ void Doctor::beginAll() {
         diagnosis_.canReceive = true;
         begin(Check::service, quickLimit, lookAtService());
         begin(Check::firewall, firewallLimit, lookAtFirewall());
-        begin(Check::downloads, quickLimit, lookAtDownloads());
+        begin(Check::downloads, downloadsLimit, lookAtDownloads());
     }
     for (const PeerRecord& phone : request_.phones) {
         begin(Check::phone, wholeLimit, lookForPhone(places_.size(), phone), phone.peer_hostname);
@@ -391,6 +392,7 @@ Task<Finding> Doctor::lookAtNetwork() {
 Task<Finding> Doctor::lookAtService() {
     ServiceFinding found = co_await checkService(home_);
     port_ = found.port;
+    downloads_ = std::move(found.downloads);
     co_return std::move(found.finding);
 }
 
@@ -400,7 +402,11 @@ Task<Finding> Doctor::lookAtFirewall() {
 }
 
 Task<Finding> Doctor::lookAtDownloads() {
-    const auto look = [this] { return checkDownloads(home_, request_.downloads); };
+    co_await isServiceKnown_.wait();
+    const auto look = [this] {
+        return checkDownloads(home_,
+                              downloads_.empty() ? chooseDownloadsFolder(home_, request_.downloads).path : downloads_);
+    };
     co_return co_await platform::blocking(home_.system.queues, look);
 }
 

@@ -18,8 +18,9 @@ namespace orlinth::host {
 struct DoctorRequest {
     std::vector<PeerRecord> phones; ///< that are looked for
     bool isAboutPhones = false;     ///< only they are asked about; of this computer, only what explains why they fail
-    platform::Path downloads;       ///< where received files go
-    bool asksPushProject = false;   ///< over the internet
+    /// Where received files go, unless the running service says where it puts them; "": the user's downloads folder.
+    std::string downloads = {};
+    bool asksPushProject = false;          ///< over the internet
     FindSetting find = FindSetting::known; ///< where a phone is looked for that is not at its recorded address
     Seconds listens{0}; ///< how long to wait for one of the phones to connect, once all else is found; 0: not
 };
@@ -65,8 +66,10 @@ class Doctor {
 public:
     /// Phones that are looked for at once.
     static constexpr std::size_t maxPhonesAtOnce = 8;
-    /// How long a check may take that asks nobody but this computer, and the firewall, behind the one of the service.
+    /// How long a check may take that asks nobody but this computer. Those of the firewall and of the downloads folder
+    /// begin behind the one of the service.
     static constexpr Seconds quickLimit = 600ms;
+    static constexpr Seconds downloadsLimit = 1200ms;
     static constexpr Seconds firewallLimit = 1500ms;
     /// How long all of it takes at most, but for listening.
     static constexpr Seconds wholeLimit = 10s;
@@ -127,6 +130,7 @@ private:
     std::size_t phonesUnderWay_ = 0;
     std::optional<Finding> wayTaken_; ///< of this computer: what keeps it from any phone, as an attempt has shown
     std::uint16_t port_ = 0;          ///< once the service is known
+    platform::Path downloads_;        ///< likewise, if it says that
     Diagnosis diagnosis_;
     platform::Event isServiceKnown_;
     platform::Event isWayKnown_;

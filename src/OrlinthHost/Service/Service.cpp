@@ -87,7 +87,8 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
-      control(service.home_, loan, outbox, service.events_, [this] { return presence.all(); }),
+      control(service.home_, service.settings_.downloads, loan, outbox, service.events_,
+              [this] { return presence.all(); }),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact) {
         presence.learn(phone, contact);

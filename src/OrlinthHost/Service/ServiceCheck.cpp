@@ -17,13 +17,13 @@ namespace {
 using Check = Finding::Check;
 using Status = Finding::Status;
 
-/// How long the service may take to say which port it has.
+/// How long the service may take to say what it does.
 constexpr Seconds askingLimit = 500ms;
 
-/// The port; nothing if no service runs, or if it does not say.
-Task<std::optional<std::uint16_t>> askedPort(Home& home) {
+/// Nothing if no service runs, or if it does not say.
+Task<std::optional<PortReply>> askedDetails(Home& home) {
     try {
-        co_return co_await withinLimit(home.system.clock, askingLimit, findServicePort(home));
+        co_return co_await withinLimit(home.system.clock, askingLimit, findServiceDetails(home));
     } catch (const HostError&) {
         co_return std::nullopt;
     }
@@ -75,14 +75,16 @@ Task<ServiceFinding> checkService(Home& home) {
     const std::optional<ToldAddress> told =
         AddressMemory(home.system.files, home.system.clock, home.system.log, home.dataDirectory()).told();
     const std::uint16_t known = told && told->port != 0 ? told->port : usualPort;
-    const std::optional<std::uint16_t> port = co_await askedPort(home);
-    ServiceFinding found{.finding = {.check = Check::service, .status = Status::ok}, .port = port.value_or(known)};
-    if (port && told && told->port != 0 && *port != told->port) {
+    const std::optional<PortReply> said = co_await askedDetails(home);
+    ServiceFinding found{.finding = {.check = Check::service, .status = Status::ok},
+                         .port = said ? said->port : known,
+                         .downloads = said ? said->downloads : ""};
+    if (said && told && told->port != 0 && said->port != told->port) {
         found.finding.status = Status::problem;
         found.finding.cause = Cause::otherPort;
-        found.finding.details = {.port = *port, .portKnown = told->port};
-    } else if (port) {
-        found.finding.remark = "receives at port " + std::to_string(*port);
+        found.finding.details = {.port = said->port, .portKnown = told->port};
+    } else if (said) {
+        found.finding.remark = "receives at port " + std::to_string(said->port);
     } else if (ServiceLock::isHeld(home)) {
         found.finding.status = Status::warning;
         found.finding.cause = Cause::unknown;

@@ -8,10 +8,11 @@
 /// What can be wrong with the service, and with the place that files go to. Nothing is changed.
 namespace orlinth::host {
 
-/// What was found of the service, and the port that phones connect to.
+/// What was found of the service.
 struct ServiceFinding {
     Finding finding;
-    std::uint16_t port = 0;
+    std::uint16_t port = 0;        ///< that phones connect to
+    platform::Path downloads = {}; ///< the folder for received files; "" if no service runs, or if it does not say
 };
 
 /// Whether the service of this data folder runs, and receives at the port that the phones know. Its lock is only tried.

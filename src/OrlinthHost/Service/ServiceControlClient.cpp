@@ -112,13 +112,18 @@ Task<std::optional<std::uint16_t>> askServicePort(Home& home) {
     co_return reply ? std::optional(reply->port) : std::nullopt;
 }
 
-Task<std::optional<std::uint16_t>> findServicePort(Home& home) {
+Task<std::optional<PortReply>> findServiceDetails(Home& home) {
     try {
-        co_return co_await askServicePort(home);
+        co_return co_await ask<PortReply>(home, PortRequest{});
     } catch (const HostError& error) {
         home.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "control", error.description());
     }
     co_return std::nullopt;
+}
+
+Task<std::optional<std::uint16_t>> findServicePort(Home& home) {
+    const std::optional<PortReply> reply = co_await findServiceDetails(home);
+    co_return reply ? std::optional(reply->port) : std::nullopt;
 }
 
 Task<std::optional<std::vector<PhonePresence>>> findPresence(Home& home) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthHost/Home.h"
+#include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/PhonePresence.h"
 #include "base/StrongText.h"
 #include "platform/Network.h"
@@ -22,6 +23,10 @@ namespace orlinth::host {
 
 /// The same; nothing also if it does not say, which is logged.
 [[nodiscard]] Task<std::optional<std::uint16_t>> findServicePort(Home& home);
+
+/// What the running service says of its port and its folder. Nothing if none runs, or if it does not say, which is
+/// logged. A service of an earlier version says only the port.
+[[nodiscard]] Task<std::optional<PortReply>> findServiceDetails(Home& home);
 
 /// Which of the paired phones are there, as far as the running service knows. Nothing if none runs, or if it does not
 /// say within a second, which is logged: nobody depends on it.

@@ -22,7 +22,8 @@ constexpr Seconds restInShortage = 100ms;
 } // namespace
 
 void ServiceControlServer::start(std::uint16_t port) {
-    port_ = port;
+    aboutPort_.port = port;
+    aboutPort_.since = home_.system.clock.epochMilliseconds();
     accepting_.add(run(), [this](const std::exception_ptr& error) {
         try {
             std::rethrow_exception(error);
@@ -101,7 +102,7 @@ Task<> ServiceControlServer::answer(std::unique_ptr<platform::Stream> stream) {
         reply = ErrorReply{describe(error)};
     }
     if (isForLoan) {
-        co_await loan_.lend(*stream, port_);
+        co_await loan_.lend(*stream, aboutPort_.port);
     } else {
         co_await sendControlLine(*stream, home_.system.clock, encodeControlReply(reply));
     }
@@ -114,13 +115,13 @@ Task<ControlRequest> ServiceControlServer::receiveRequest(platform::Stream& stre
 
 bool ServiceControlServer::isToBeLent(const ControlRequest& request) const {
     const auto* const lend = std::get_if<LendPortRequest>(&request);
-    return lend != nullptr && lend->port.value_or(port_) == port_ && !loan_.isLent();
+    return lend != nullptr && lend->port.value_or(aboutPort_.port) == aboutPort_.port && !loan_.isLent();
 }
 
 Task<ControlReply> ServiceControlServer::replyTo(ControlRequest request) {
     if (const auto* const lend = std::get_if<LendPortRequest>(&request)) {
-        if (lend->port.value_or(port_) != port_) {
-            co_return NotLentReply{port_};
+        if (lend->port.value_or(aboutPort_.port) != aboutPort_.port) {
+            co_return NotLentReply{aboutPort_.port};
         }
         throw HostError("the port is lent already");
     }
@@ -134,7 +135,7 @@ Task<ControlReply> ServiceControlServer::replyTo(ControlRequest request) {
     if (std::holds_alternative<PresenceRequest>(request)) {
         co_return PresenceReply{presence_()};
     }
-    co_return PortReply{port_};
+    co_return aboutPort_;
 }
 
 } // namespace orlinth::host

@@ -21,15 +21,16 @@ namespace orlinth::host {
 /// Threading: on the home's executor.
 class ServiceControlServer {
 public:
-    /// What is referred to outlives this.
+    /// What is referred to outlives this. `downloads` is where the service puts files.
     /// `presence` says which phones are there, the last PresenceReply::maxPhones of them.
-    ServiceControlServer(Home& home, PortLoan& loan, OutboxSender& outbox, ServiceEvents& events,
-                         std::function<std::vector<PhonePresence>()> presence)
+    ServiceControlServer(Home& home, const platform::Path& downloads, PortLoan& loan, OutboxSender& outbox,
+                         ServiceEvents& events, std::function<std::vector<PhonePresence>()> presence)
         : home_(home),
           loan_(loan),
           outbox_(outbox),
           events_(events),
           presence_(std::move(presence)),
+          aboutPort_{.downloads = std::filesystem::absolute(downloads).string()},
           accepting_(home.executor),
           conversations_(home.executor) {}
     ServiceControlServer(const ServiceControlServer&) = delete;
@@ -56,7 +57,7 @@ private:
     OutboxSender& outbox_;
     ServiceEvents& events_;
     const std::function<std::vector<PhonePresence>()> presence_;
-    std::uint16_t port_ = 0;
+    PortReply aboutPort_;
     platform::TaskGroup accepting_;     ///< run(), if it runs
     platform::TaskGroup conversations_; ///< one for each connection
 };

@@ -157,7 +157,6 @@ protected:
     TaskRunner tasks{world.context};
     const std::string phoneName = world.phoneRecord().peer_hostname;
 
-private:
     int runChosen(Command& command, Output& output) {
         if (command.wantsJson()) {
             output.useJson();
@@ -173,6 +172,7 @@ private:
         return status;
     }
 
+private:
     /// As long as a command runs: moves the clock to the next alarm whenever nothing else is to be done.
     void moveTime(const std::shared_ptr<bool>& isRunning) {
         if (!*isRunning) {

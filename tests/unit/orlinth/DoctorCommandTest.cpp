@@ -3,6 +3,7 @@
 #include "OrlinthHost/Phones/Whereabouts.h"
 #include "base/Text.h"
 #include "fakes/ProvingPhone.h"
+#include "orlinth/Program/Settings.h"
 #include "orlinth/Reporting/DoctorReporter.h"
 #include "platform/Deadline.h"
 #include "unit/orlinth/CommandWorld.h"
@@ -100,7 +101,7 @@ protected:
         pair({record});
         const bool asksService = chosen.empty() && hasService;
         if (asksService) {
-            world.alongside(serveOthers({"{\"port\":28471}"}));
+            world.alongside(serveOthers({serviceSays}));
         }
         Output output;
         DoctorReporter reporter(output, {.isUtf8 = isUtf8});
@@ -156,6 +157,7 @@ protected:
 
     PeerRecord record = world.phoneRecord();
     bool hasService = true;
+    std::string serviceSays = R"({"port":28471})";
     host::FindSetting find = host::FindSetting::known;
     Seconds listens{0};
 };
@@ -404,6 +406,29 @@ TEST_F(DoctorCommandTest, MakesNoFolder) {
     world.system.directories.downloads = "/home/ann/New/Downloads";
     EXPECT_THAT(show(true).output, HasSubstr("✓ Downloads       /home/ann/New/Downloads, "));
     EXPECT_FALSE(world.files.exists("/home/ann/New"));
+}
+
+TEST_F(DoctorCommandTest, LooksAtTheFolderThatTheServiceUses) {
+    world.files.putFolder("/data/from phones");
+    serviceSays = R"({"downloads":"/data/from phones","port":28471})";
+    EXPECT_THAT(show(true).output, HasSubstr("✓ Downloads       /data/from phones, 41 GB free\n"));
+    world.files.setPermissions("/data/from phones", 0555);
+    EXPECT_THAT(show(true).output, HasSubstr("✗ Downloads       files cannot be stored in /data/from phones: "));
+}
+
+TEST_F(DoctorCommandTest, LooksAtTheFolderInTheSettingsIfNoServiceSaysWhichItUses) {
+    CLI::App program("", "orlinth");
+    const std::unique_ptr<Command> service = makeServeCommand(program);
+    const std::unique_ptr<Command> command = makeDoctorCommand(program);
+    world.files.put("/home/ann/.config/orlinth/config.toml", "[serve]\ndir = \"/data/from phones\"\n");
+    applySettings(program, world.files, "/home/ann/.config/orlinth/config.toml");
+    std::vector<std::string> words{"--json", "doctor"}; // the last one first
+    program.parse(words);
+    Output output;
+    output.useJson();
+    testing::internal::CaptureStdout();
+    static_cast<void>(runChosen(*command, output));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("/data/from phones, 41 GB free"));
 }
 
 TEST_F(DoctorCommandTest, SaysThatAPhoneCannotBeWoken) {

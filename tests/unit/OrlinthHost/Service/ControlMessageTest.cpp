@@ -26,6 +26,8 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
 
 const std::vector<std::pair<std::string, ControlReply>> replies{
     {R"({"port":28471})", PortReply{28471}},
+    {R"({"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000})",
+     PortReply{28471, "/home/ada/Downloads", fromEpochMilliseconds(1'731'686'400'000)}},
     {R"({"lent":false,"port":28471})", NotLentReply{28471}},
     {R"({"found":true})", FoundReply{true}},
     {R"({"found":false})", FoundReply{false}},

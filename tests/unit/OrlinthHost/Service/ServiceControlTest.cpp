@@ -65,6 +65,9 @@ TEST_F(ServiceControlTest, AServiceIsFoundByThoseOfItsDataFolder) {
     EXPECT_TRUE(world_.run(isServiceRunning(home_)));
     EXPECT_EQ(port, world_.run(askServicePort(home_)));
     EXPECT_EQ(port, world_.run(findServicePort(home_)));
+    const std::optional<PortReply> details = world_.run(findServiceDetails(home_));
+    ASSERT_TRUE(details.has_value());
+    EXPECT_EQ((PortReply{port, settings_.downloads.string(), world_.clock.epochMilliseconds()}), *details);
     EXPECT_EQ(0, events_.count("lent"));
     stop();
     EXPECT_FALSE(world_.run(isServiceRunning(home_)));
