@@ -269,7 +269,19 @@ class ThisComputer(DoctorTest):
             self.mac)
         service.events.wait_for("listening")
         found = self.check("service", "--find", "never")
-        self.assertEqual(("ok", "receives at port 28471"), (found["status"], found["message"]))
+        self.assertEqual("ok", found["status"], found)
+        self.assertRegex(found["message"], r"^receives at port 28471 since (\d\d:\d\d|\d{4}-\d\d-\d\d)$")
+
+    def test_the_folder_that_the_service_uses_is_looked_at(self):
+        service = self.running_program(
+            [*self.home.desk.enter, ORLINTH, "serve", "--port", "28471", "--dir", str(self.mac.downloads), "--json"],
+            self.mac)
+        service.events.wait_for("listening")
+        self.assertEqual(str(self.mac.downloads), self.check("downloads", "--find", "never")["evidence"]["folder"])
+        service.kill()
+        (self.mac.config / "orlinth").mkdir(parents=True, exist_ok=True)
+        (self.mac.config / "orlinth" / "config.toml").write_text(f'[serve]\ndir = "{self.mac.root}"\n')
+        self.assertEqual(str(self.mac.root), self.check("downloads", "--find", "never")["evidence"]["folder"])
 
     def test_a_phone_comes_in_while_it_listens(self):
         service = self.running_program(

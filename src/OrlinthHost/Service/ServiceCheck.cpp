@@ -85,6 +85,9 @@ Task<ServiceFinding> checkService(Home& home) {
         found.finding.details = {.port = said->port, .portKnown = told->port};
     } else if (said) {
         found.finding.remark = "receives at port " + std::to_string(said->port);
+        if (said->since) {
+            found.finding.remark += " since " + humanSince(*said->since, home.system.clock.epochMilliseconds());
+        }
     } else if (ServiceLock::isHeld(home)) {
         found.finding.status = Status::warning;
         found.finding.cause = Cause::unknown;

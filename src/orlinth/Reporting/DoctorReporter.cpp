@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cctype>
+#include <cmath>
 #include <cstdlib>
 #include <sstream>
 #include <string_view>
@@ -110,6 +111,12 @@ std::string shortEvidence(const Finding& finding) {
     return text + (text.empty() ? "" : "; ") + std::to_string(milliseconds) + " ms";
 }
 
+/// To milliseconds.
+double roundedSeconds(Seconds time) {
+    constexpr double millisecondsOfASecond = 1000;
+    return std::round(time.count() * millisecondsOfASecond) / millisecondsOfASecond;
+}
+
 std::string plural(std::size_t count, const char* what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
@@ -197,7 +204,7 @@ void DoctorReporter::found(const Finding& finding) {
     fields["advice"] = advice.text;
     fields["commands"] = advice.commands;
     fields["evidence"] = finding.evidence;
-    fields["duration_seconds"] = finding.duration.count();
+    fields["duration_seconds"] = roundedSeconds(finding.duration);
     if (finding.check == Finding::Check::phone) {
         fields["to"] = finding.phone;
         fields["peer_pubkey"] = finding.peerKey;

@@ -173,6 +173,30 @@ TEST_F(DoctorCommandTest, SaysThatEverythingWorks) {
                  "Everything works.\n");
 }
 
+TEST_F(DoctorCommandTest, SaysSinceWhenTheServiceReceives) {
+    const auto sinceWith = [this](EpochMilliseconds moment) {
+        serviceSays = R"({"port":28471,"since_epoch_ms":)" + std::to_string(toNumber(moment)) + "}";
+        return show(true).output;
+    };
+    const EpochMilliseconds now = world.clock.epochMilliseconds();
+    EXPECT_THAT(sinceWith(now),
+                HasSubstr("✓ Service         receives at port 28471 since " + host::humanTime(now).substr(11) + "\n"));
+    EXPECT_THAT(sinceWith(now - 48h), HasSubstr("✓ Service         receives at port 28471 since " +
+                                                host::humanTime(now - 48h).substr(0, 10) + "\n"));
+    EXPECT_THAT(sinceWith(EpochMilliseconds::max()), HasSubstr("✓ Service         receives at port 28471"));
+}
+
+TEST_F(DoctorCommandTest, GivesScriptsTimesInMilliseconds) {
+    Output output;
+    output.useJson();
+    DoctorReporter reporter(output, {});
+    host::Finding finding;
+    finding.duration = Seconds(0.0034567);
+    testing::internal::CaptureStdout();
+    reporter.found(finding);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\"duration_seconds\":0.003,"));
+}
+
 TEST_F(DoctorCommandTest, ShowsPlainMarksWhereNothingElseCanBeShown) {
     EXPECT_EQ(show(false).output, "ok This computer  192.168.7.10 on wlan0\n"
                                   "ok Service        receives at port 28471\n"
