@@ -77,10 +77,15 @@ std::string wordsOfClock(const CauseDetails& details) {
 
 Advice toOpenTheApp(const CauseDetails& details) {
     const std::string open = "Open the app there once and allow it to run in the background (battery settings).";
-    if (!details.canBeWoken) {
+    if (!details.hasPushToken) {
         return {.text = open + " It cannot be woken: no push token is recorded; pairing again brings one."};
     }
-    return {.text = details.wasWokenInVain ? open : open + " It is woken when you send."};
+    if (details.wasWokenInVain) {
+        return {.text = open};
+    }
+    return {.text =
+                open + (details.hasPushKey ? " It is woken when you send."
+                                           : " It cannot be woken: this computer has no key file of a push project.")};
 }
 
 /// What a zone's name may be, which a command takes as it is: at most 17 characters, and none that a shell minds.

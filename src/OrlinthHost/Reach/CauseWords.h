@@ -27,7 +27,8 @@ struct CauseDetails {
     std::string reason = {};                ///< why it cannot be used, for example "it is read-only"
     std::uint16_t port = 28471;             ///< of this computer's service
     std::uint16_t portKnown = 0;            ///< the one that the phones know
-    bool canBeWoken = false;                ///< a push token is recorded
+    bool hasPushToken = false;              ///< one is recorded of the phone
+    bool hasPushKey = false;                ///< this computer has the key file of a push project; both: it can be woken
     bool wasWokenInVain = false;            ///< a push was sent, or was not wanted, and it does not answer
     std::optional<Seconds> seenBefore = {}; ///< how long ago the phone last answered
     std::optional<Seconds> clockError = {}; ///< how much this computer's clock is ahead; below 0: behind

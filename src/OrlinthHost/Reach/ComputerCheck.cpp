@@ -58,6 +58,16 @@ Finding finding(Check check, Status status, Cause cause, CauseDetails details) {
     return found;
 }
 
+/// Whether the answer of the push project is about the key: it is not if the project has too much to do, or if it was
+/// somebody else who answered.
+bool isAboutKey(int httpStatus) {
+    constexpr int firstRefusal = 400;
+    constexpr int timedOut = 408;
+    constexpr int tooMany = 429;
+    constexpr int firstFailure = 500;
+    return httpStatus >= firstRefusal && httpStatus < firstFailure && httpStatus != timedOut && httpStatus != tooMany;
+}
+
 /// The key, by itself and as the push project has it. Nothing if it can be used.
 Task<std::optional<Cause>> troubleWithKey(Home& home, bool asksProject) {
     try {
@@ -71,7 +81,7 @@ Task<std::optional<Cause>> troubleWithKey(Home& home, bool asksProject) {
         switch (error.which()) {
         case Case::oauthHTTP:
         case Case::fcmHTTP:
-            co_return Cause::pushRefused;
+            co_return isAboutKey(error.status()) ? Cause::pushRefused : Cause::unknown;
         case Case::transport:
             co_return Cause::unknown;
         default:
@@ -196,8 +206,7 @@ Task<Finding> checkWaking(Home& home, std::vector<PeerRecord> phones, bool asksP
     const auto hasToken = [](const PeerRecord& phone) { return !phone.peer_fcm_token.empty(); };
     Finding found = finding(Check::waking, Status::ok, "by push");
     const bool hasKey = hasPushKey(home);
-    const bool isUsed = hasKey || std::ranges::any_of(phones, hasToken);
-    if (!isUsed) {
+    if (!hasKey) { // phones bring a token of their own accord: without a key nobody has set it up here
         found = finding(Check::waking, Status::notMeasured, "not set up");
     } else if (const std::optional<Cause> trouble = co_await troubleWithKey(home, asksProject)) {
         found = *trouble == Cause::unknown

@@ -3,6 +3,7 @@
 #include "OrlinthCore/SecureChannel/ResponderProof.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/Whereabouts.h"
+#include "OrlinthHost/Reach/ComputerCheck.h"
 #include "platform/Cancelled.h"
 #include "platform/Deadline.h"
 #include "platform/Event.h"
@@ -124,7 +125,8 @@ public:
         CauseDetails& details = findings.details;
         details.phone = phone_.peer_hostname;
         details.address = phone_.peer_ip;
-        details.canBeWoken = !phone_.peer_fcm_token.empty();
+        details.hasPushToken = !phone_.peer_fcm_token.empty();
+        details.hasPushKey = hasPushKey(home_);
         details.interface = route_ ? route_->interface : "";
         details.seenBefore = seenBefore_;
         if (const Ipv4Address* const ipv4 = ipv4Address()) {

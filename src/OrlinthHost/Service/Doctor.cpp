@@ -140,7 +140,7 @@ bool isUsable(const PeerRecord& phone) {
            phone.peer_port <= std::numeric_limits<std::uint16_t>::max();
 }
 
-Finding findingOf(const PhoneFindings& found, bool canBeWoken) {
+Finding findingOf(const PhoneFindings& found) {
     Finding finding{.check = Check::phone, .status = Status::problem, .cause = found.cause, .details = found.details};
     finding.evidence = evidenceOf(found);
     if (found.cause == Cause::none) {
@@ -151,7 +151,7 @@ Finding findingOf(const PhoneFindings& found, bool canBeWoken) {
         finding.status = Status::notMeasured;
         finding.cause = Cause::none;
         finding.remark = "not measured: see above";
-    } else if (found.cause == Cause::notListening && canBeWoken) {
+    } else if (found.cause == Cause::notListening && found.details.hasPushToken && found.details.hasPushKey) {
         finding.status = Status::warning;
     }
     return finding;
@@ -464,7 +464,7 @@ Task<Finding> Doctor::lookForPhone(Slot slot, const PeerRecord& phone) {
             .check = Check::computer, .status = Status::problem, .cause = found->cause, .details = found->details};
         isWayKnown_.set();
     }
-    co_return findingOf(*found, found->details.canBeWoken && hasPushKey(home_));
+    co_return findingOf(*found);
 }
 
 /// What came of the recorded address; nothing if the phone was found elsewhere before that.

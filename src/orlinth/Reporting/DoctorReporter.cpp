@@ -210,7 +210,8 @@ void DoctorReporter::found(const Finding& finding) {
         fields["peer_pubkey"] = finding.peerKey;
     }
     output_.event("check", std::move(fields));
-    const bool isDull = finding.status == Status::ok || finding.status == Status::notMeasured;
+    const bool isDull =
+        finding.status == Status::ok || (finding.status == Status::notMeasured && !finding.isUnanswered);
     if (!finding.isAside || !isDull || style_.isVerbose) {
         showItem(finding.status, labelOf(finding), behindLabel(finding), advice,
                  style_.isVerbose ? shortEvidence(finding) : "");

@@ -159,7 +159,11 @@ TEST(CauseAdvice, IsOneThingToDo) {
     EXPECT_EQ(advice(Cause::otherNetwork, everything).text, "Put both into one Wi-Fi, or use the phone's hotspot.");
     EXPECT_EQ(advice(Cause::otherKey, everything).text, "If the phone was reset, pair it again.");
     EXPECT_THAT(advice(Cause::notListening, everything).text, HasSubstr("cannot be woken"));
-    EXPECT_THAT(advice(Cause::notListening, {.canBeWoken = true}).text, HasSubstr("It is woken when you send."));
+    EXPECT_THAT(advice(Cause::notListening, {.hasPushToken = true, .hasPushKey = true}).text,
+                HasSubstr("It is woken when you send."));
+    EXPECT_THAT(advice(Cause::notListening, {.hasPushToken = true}).text,
+                HasSubstr("It cannot be woken: this computer has no key file of a push project."));
+    EXPECT_THAT(advice(Cause::notListening, {.hasPushKey = true}).text, HasSubstr("no push token is recorded"));
     EXPECT_THAT(advice(Cause::notRunning, everything).commands, ElementsAre("systemctl --user enable --now orlinth"));
 }
 

@@ -181,8 +181,29 @@ TEST_F(ComputerCheckTest, FindsAKeyFileThatCannotBeUsed) {
         EXPECT_EQ(found.status, Status::warning);
         EXPECT_EQ(found.cause, Cause::pushKey) << content;
     }
-    world.files.remove("/home/ann/.local/share/Orlinth/firebase-service-account.json");
-    EXPECT_EQ(waking().cause, Cause::pushKey) << "a phone has a token, and nothing can be done with it";
+}
+
+TEST_F(ComputerCheckTest, DoesNotWarnOfAPushProjectThatNobodyHasSetUp) {
+    phone.peer_fcm_token = "push-token"; // which the app sends in any case
+    const Finding found = waking();
+    EXPECT_EQ(found.status, Status::notMeasured);
+    EXPECT_EQ(found.remark, "not set up");
+    EXPECT_FALSE(found.isUnanswered);
+}
+
+TEST_F(ComputerCheckTest, DoesNotBlameTheKeyForTroubleOfThePushProject) {
+    putKeyFile();
+    for (const int status : {500, 503, 429, 408, 302}) {
+        world.https.willAnswer(status, "{}");
+        const Finding found = waking(true);
+        EXPECT_EQ(found.status, Status::notMeasured) << status;
+        EXPECT_EQ(found.remark, "the push service does not answer") << status;
+        EXPECT_TRUE(found.isUnanswered) << status;
+    }
+    world.https.willAnswer(200, "<html>log in to this Wi-Fi</html>");
+    EXPECT_EQ(waking(true).status, Status::notMeasured);
+    world.https.willAnswer(401, "{}");
+    EXPECT_EQ(waking(true).cause, Cause::pushRefused);
 }
 
 } // namespace

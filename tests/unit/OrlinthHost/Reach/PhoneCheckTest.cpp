@@ -140,9 +140,9 @@ TEST_F(PhoneCheckTest, FindsThatOrlinthIsNotOpen) {
     const PhoneFindings found = check();
     EXPECT_EQ(found.cause, Cause::notListening);
     EXPECT_DOUBLE_EQ(found.duration.count(), 0.002) << "at once";
-    EXPECT_FALSE(found.details.canBeWoken);
+    EXPECT_FALSE(found.details.hasPushToken);
     record.peer_fcm_token = "token";
-    EXPECT_TRUE(check().details.canBeWoken);
+    EXPECT_TRUE(check().details.hasPushToken);
 }
 
 TEST_F(PhoneCheckTest, FindsThatNobodyHasTheAddress) {
