@@ -90,7 +90,8 @@ public:
           begin_(home.system.clock.now()),
           hasChanged_(home.executor) {}
 
-    Task<> run() {
+    /// `onConnected` outlives the task.
+    Task<> run(const std::function<void()>& onConnected) {
         lookAround();
         if (!evidence_.hasNetwork || (evidence_.route && evidence_.route->way == Way::none)) {
             co_return; // whatever was sent would not leave this computer
@@ -101,6 +102,9 @@ public:
             co_await connectToName();
         }
         if (stream_) {
+            if (onConnected) {
+                onConnected();
+            }
             co_await prove();
         }
         lookAgain();
@@ -493,9 +497,9 @@ PhoneFindings explainFailure(Home& home, const PeerRecord& phone, Evidence::Conn
     return findings;
 }
 
-Task<PhoneFindings> checkPhone(Home& home, PeerRecord phone, PhoneCheckTimes times) {
+Task<PhoneFindings> checkPhone(Home& home, PeerRecord phone, PhoneCheckTimes times, std::function<void()> onConnected) {
     Look look(home, std::move(phone), times);
-    co_await look.run();
+    co_await look.run(onConnected);
     co_return look.findings();
 }
 

@@ -4,6 +4,8 @@
 #include "OrlinthHost/Reach/CauseWords.h"
 #include "OrlinthHost/Reach/Diagnosis.h"
 
+#include <functional>
+
 namespace orlinth::host {
 
 /// What came of looking for one phone.
@@ -33,7 +35,9 @@ struct PhoneCheckTimes {
 /// Ends within PhoneCheckTimes::whole, as soon as the cause is certain. `phone` has an address and a port; `home`
 /// outlives the task.
 /// @throws platform::Cancelled; platform::CryptoError if this computer cannot make a key
-[[nodiscard]] Task<PhoneFindings> checkPhone(Home& home, PeerRecord phone, PhoneCheckTimes times = {});
+/// `onConnected` is called once, when the phone's port has taken the connection: the key is still to be proved then.
+[[nodiscard]] Task<PhoneFindings> checkPhone(Home& home, PeerRecord phone, PhoneCheckTimes times = {},
+                                             std::function<void()> onConnected = {});
 
 /// Why an attempt to connect to the phone's recorded address has just failed, from how it failed and what the system
 /// knows by now. Sends nothing and returns at once, so it is less certain than checkPhone(): where that does not

@@ -166,10 +166,12 @@ bool isWorthSearching(const PhoneFindings& found) {
            !keepsFromAll(found.cause) && !isCertainlyThere;
 }
 
-/// Nothing escapes but what is no cancellation. `search` outlives the task.
-Task<> untilFound(Finder::Search& search) {
+/// Until the phone is found elsewhere and `isConnected`, that its recorded address has taken a connection, is false:
+/// whoever is there gets the time to prove the phone's key. Nothing escapes but what is no cancellation. What is
+/// referred to outlives the task.
+Task<> untilFoundElsewhere(Finder::Search& search, const bool& isConnected) {
     try {
-        co_await search.untilFound([] { return true; });
+        co_await search.untilFound([&isConnected] { return !isConnected; });
     } catch (const std::exception& error) {
         if (!platform::isCancellation(error)) {
             throw;
@@ -471,8 +473,10 @@ Task<Finding> Doctor::lookForPhone(Slot slot, const PeerRecord& phone) {
 Task<std::optional<PhoneFindings>> Doctor::checkUnlessFound(const PeerRecord& phone, Finder::Search& search) {
     using namespace asio::experimental::awaitable_operators;
     OneShot<PhoneFindings> outcome;
-    Task<> check = platform::settle(outcome, checkPhone(home_, phone));
-    Task<> find = untilFound(search);
+    bool isConnected = false;
+    const std::function<void()> onConnected = [&isConnected] { isConnected = true; };
+    Task<> check = platform::settle(outcome, checkPhone(home_, phone, {}, onConnected));
+    Task<> find = untilFoundElsewhere(search, isConnected);
     co_await (std::move(check) || std::move(find));
     try {
         co_return outcome.take();

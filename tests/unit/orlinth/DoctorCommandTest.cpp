@@ -139,6 +139,11 @@ protected:
         }
     }
 
+    /// The phone proves its key as soon as it is no longer busy.
+    Task<> proveAfter(Seconds delay, std::unique_ptr<fakes::MemoryStream> stream) {
+        co_await world.clock.sleep(delay);
+        co_await fakes::detail::answerFirstMessage(&world.clock, std::move(stream), &world.phoneKey);
+    }
     /// The phone connects to this computer, and the service notes that.
     Task<> comeAfter(Seconds delay) {
         co_await world.clock.sleep(delay);
@@ -654,6 +659,22 @@ TEST_F(DoctorCommandTest, FindsAPhoneThatHasMovedAndRecordsIt) {
     EXPECT_EQ(shown.status, 0);
     EXPECT_LE(shown.after, 1) << "without waiting for the old address";
     EXPECT_EQ(book().peers.front().peer_ip, "192.168.7.57");
+}
+
+TEST_F(DoctorCommandTest, LetsThePhoneProveItsKeyAtItsRecordedAddressIfItHasTakenTheConnection) {
+    const IpAddress other = platform::Ipv4Address{192, 168, 7, 57};
+    const host::NetworkId network = host::NetworkId::of({192, 168, 7, 0}, 24, routerMac);
+    memory().reached(record.peer_pubkey,
+                     {.host = host::HostAddress::parse("192.168.7.57").value(), .mac = phoneMac, .network = network});
+    world.routes.putOnLink(other);
+    fakes::proveAt(world, other, world.phoneKey); // it has two addresses
+    world.probe.accept(phone, fakes::World::phonePort, [this](std::unique_ptr<fakes::MemoryStream> stream) {
+        world.alongside(proveAfter(1s, std::move(stream)));
+    });
+    const Shown shown = show(true, {record});
+    EXPECT_EQ(shown.output, "✓ Pixel-8         here now, 192.168.7.30, answered in 1.0 s\n"
+                            "Everything works.\n");
+    EXPECT_EQ(book().peers.front().peer_ip, "192.168.7.30");
 }
 
 TEST_F(DoctorCommandTest, DoesNotLookElsewhereIfItMayNot) {
