@@ -535,6 +535,11 @@ bool AddressBook::claimSweep(const NetworkId& network, EpochMilliseconds now) {
     return true;
 }
 
+bool AddressBook::noteSweep(const NetworkId& network, EpochMilliseconds now) {
+    swept_.erase(network);
+    return claimSweep(network, now);
+}
+
 bool AddressBook::claimMove(const PeerKey& phone, EpochMilliseconds now) {
     if (now <= EpochMilliseconds() || !isPhoneKey(phone)) {
         return false;

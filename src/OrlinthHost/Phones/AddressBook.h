@@ -186,6 +186,8 @@ public:
 
     /// Whether this network may be swept now; then that counts as done.
     [[nodiscard]] bool claimSweep(const NetworkId& network, EpochMilliseconds now);
+    /// Counts as done whether it may be or not, because somebody has it swept in person. False if nothing changes.
+    [[nodiscard]] bool noteSweep(const NetworkId& network, EpochMilliseconds now);
     /// Whether the address in this phone's record may be replaced now; then that counts as done.
     [[nodiscard]] bool claimMove(const PeerKey& phone, EpochMilliseconds now);
 

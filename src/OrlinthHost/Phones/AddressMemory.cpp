@@ -39,6 +39,11 @@ bool AddressMemory::claimSweep(const NetworkId& network) {
     return tryToChange([&](AddressBook& book) { return book.claimSweep(network, clock_.epochMilliseconds()); });
 }
 
+void AddressMemory::noteSweep(const NetworkId& network) {
+    static_cast<void>(
+        tryToChange([&](AddressBook& book) { return book.noteSweep(network, clock_.epochMilliseconds()); }));
+}
+
 bool AddressMemory::claimMove(const PeerKey& phone) {
     return tryToChange([&](AddressBook& book) { return book.claimMove(phone, clock_.epochMilliseconds()); });
 }

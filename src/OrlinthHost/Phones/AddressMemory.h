@@ -42,6 +42,8 @@ public:
     [[nodiscard]] bool claimSweep(const NetworkId& network);
     /// The same for the address in a phone's record, in AddressBook::moveInterval.
     [[nodiscard]] bool claimMove(const PeerKey& phone);
+    /// Somebody has the network swept in person: until the interval is over no process sweeps it of its own accord.
+    void noteSweep(const NetworkId& network);
 
     /// Forgets every phone but these, which are paired. No file is made for it.
     void keepOnly(const std::vector<PeerKey>& phones);

@@ -85,9 +85,10 @@ struct Finder::State {
     [[nodiscard]] bool isWanted() const noexcept { return !isOver && !found; }
 };
 
-Finder::Finder(Home& home, FindSetting find)
+Finder::Finder(Home& home, FindSetting find, SweepRate rate)
     : home_(home),
       find_(find),
+      rate_(rate),
       memory_(home.system.files, home.system.clock, home.system.log, home.dataDirectory()),
       news_(home.executor),
       looks_(home.executor),
@@ -205,7 +206,7 @@ Task<> Finder::lookOnce(std::shared_ptr<State> state) {
         const auto isUnwanted = [state] { return !state->isWanted(); };
         const Seconds left = state->begun + sweepDelay - clock.now();
         const bool isEarly = co_await news_.until(isUnwanted, clock, left);
-        if (!isEarly && memory_.claimSweep(network->claim)) {
+        if (!isEarly && claimSweep(network->claim)) {
             probes_.add(sweep(*std::move(network)), [this](const std::exception_ptr& error) {
                 report(error);
                 news_.changed();
@@ -226,6 +227,17 @@ SoughtPhone Finder::soughtFor(const PeerRecord& phone, const Surroundings& here)
             .recordedMac = MacAddress::parse(phone.peer_mac),
             .candidates = memory_.candidates(phone.peer_pubkey, here),
             .met = memory_.addressesOf(phone.peer_pubkey)};
+}
+
+bool Finder::claimSweep(const NetworkId& network) {
+    if (rate_ == SweepRate::shared) {
+        return memory_.claimSweep(network);
+    }
+    const bool isFirst = swept_.insert(network).second;
+    if (isFirst) {
+        memory_.noteSweep(network);
+    }
+    return isFirst;
 }
 
 Task<> Finder::sweep(FinderPlan::Sweep sweep) {

@@ -17,6 +17,12 @@ namespace orlinth::host {
 /// Whether a search may go through a whole network, as FinderPlan allows.
 enum class MaySweep : bool { no, yes };
 
+/// How often a Finder may do that in one network.
+enum class SweepRate : bool {
+    shared, ///< of all processes one in AddressBook::sweepInterval
+    once    ///< once, whoever did it before: a person waits for it
+};
+
 /// Looks for phones that do not answer at the address of their record, by the one thing that cannot change: their key.
 ///
 ///     begin() ── patience, or hurry() ──▶ nearby ── sweepDelay ──▶ sweep ──▶ found, or idle
@@ -53,7 +59,7 @@ public:
     class Search;
 
     /// `home` outlives this; finish() comes before the end, once anything was begun.
-    Finder(Home& home, FindSetting find);
+    Finder(Home& home, FindSetting find, SweepRate rate = SweepRate::shared);
     ~Finder();
     Finder(const Finder&) = delete;
     Finder& operator=(const Finder&) = delete;
@@ -83,6 +89,7 @@ private:
     void ask(const FinderTarget& target);
     [[nodiscard]] Task<> probe(FinderTarget target);
     [[nodiscard]] Task<std::optional<platform::PublicKey>> provedKeyOf(std::unique_ptr<platform::Stream> stream);
+    [[nodiscard]] bool claimSweep(const NetworkId& network);
     [[nodiscard]] Task<> sweep(FinderPlan::Sweep sweep);
     void heard(const FinderTarget& target, const PeerKey& key);
     void found(State& state, const HostAddress& host);
@@ -95,9 +102,11 @@ private:
 
     Home& home_;
     FindSetting find_;
+    SweepRate rate_;
     AddressMemory memory_;
     std::list<std::shared_ptr<State>> wanted_;
     std::set<FinderTarget> asked_; ///< under way
+    std::set<NetworkId> swept_;    ///< at SweepRate::once
     std::size_t provers_ = 0;
     platform::Condition news_;
     platform::TaskGroup looks_; ///< one for each search, and what is written down

@@ -192,7 +192,8 @@ Doctor::Doctor(Home& home, DoctorRequest request, DoctorEvents& events)
       hasPhoneEnded_(home.executor),
       hasFinding_(home.executor),
       memory_(home.system.files, home.system.clock, home.system.log, home.dataDirectory()),
-      finder_(home, request_.find),
+      finder_(home, request_.find,
+              request_.find == FindSetting::always ? SweepRate::once : SweepRate::shared), // a person's word
       tasks_(home.executor) {}
 
 Task<Diagnosis> Doctor::run() {

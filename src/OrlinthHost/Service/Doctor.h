@@ -20,8 +20,10 @@ struct DoctorRequest {
     bool isAboutPhones = false;     ///< only they are asked about; of this computer, only what explains why they fail
     /// Where received files go, unless the running service says where it puts them; "": the user's downloads folder.
     std::string downloads = {};
-    bool asksPushProject = false;          ///< over the internet
-    FindSetting find = FindSetting::known; ///< where a phone is looked for that is not at its recorded address
+    bool asksPushProject = false; ///< over the internet
+    /// Where a phone is looked for that is not at its recorded address; with `always`, a network is also swept if that
+    /// was done a short while ago.
+    FindSetting find = FindSetting::known;
     Seconds listens{0}; ///< how long to wait for one of the phones to connect, once all else is found; 0: not
 };
 

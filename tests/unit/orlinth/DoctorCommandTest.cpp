@@ -661,6 +661,26 @@ TEST_F(DoctorCommandTest, FindsAPhoneThatHasMovedAndRecordsIt) {
     EXPECT_EQ(book().peers.front().peer_ip, "192.168.7.57");
 }
 
+TEST_F(DoctorCommandTest, SweepsANetworkAsOftenAsItIsAskedToInPerson) {
+    const host::NetworkId network = host::NetworkId::of({192, 168, 7, 0}, 24, routerMac);
+    for (std::uint8_t i = 1; i < 255; ++i) {
+        world.routes.putOnLink(platform::Ipv4Address{192, 168, 7, i});
+    }
+    fail(EHOSTUNREACH, IcmpReport{.type = 3, .code = 1, .from = own}, 3070ms);
+    EXPECT_TRUE(memory().claimSweep(network)) << "it was swept just now";
+    const auto attemptsWith = [this](host::FindSetting setting) {
+        find = setting;
+        world.probe.attempts.clear();
+        static_cast<void>(show(true, {record}));
+        return world.probe.attempts.size();
+    };
+    memory().reached(record.peer_pubkey,
+                     {.host = host::HostAddress::parse("192.168.7.30").value(), .mac = phoneMac, .network = network});
+    EXPECT_LT(attemptsWith(host::FindSetting::known), 20u);
+    EXPECT_GT(attemptsWith(host::FindSetting::always), 250u);
+    EXPECT_GT(attemptsWith(host::FindSetting::always), 250u);
+}
+
 TEST_F(DoctorCommandTest, LetsThePhoneProveItsKeyAtItsRecordedAddressIfItHasTakenTheConnection) {
     const IpAddress other = platform::Ipv4Address{192, 168, 7, 57};
     const host::NetworkId network = host::NetworkId::of({192, 168, 7, 0}, 24, routerMac);

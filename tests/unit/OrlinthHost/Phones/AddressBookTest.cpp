@@ -418,6 +418,14 @@ TEST_F(AddressBookTest, HasANetworkSweptOnceInTenMinutes) {
     EXPECT_FALSE(book.claimSweep(home, now + 11min));
 }
 
+TEST_F(AddressBookTest, CountsASweepThatAPersonHasMade) {
+    EXPECT_TRUE(book.claimSweep(home, now));
+    EXPECT_TRUE(book.noteSweep(home, now + 5min));
+    EXPECT_FALSE(book.claimSweep(home, now + 14min));
+    EXPECT_TRUE(book.claimSweep(home, now + 15min));
+    EXPECT_FALSE(book.noteSweep(home, EpochMilliseconds())) << "a clock that is not set";
+}
+
 TEST_F(AddressBookTest, HasANetworkSweptAlsoAfterTheClockWasSetBack) {
     EXPECT_TRUE(book.claimSweep(home, now + Days(4000)));
     EXPECT_TRUE(book.claimSweep(home, now)) << "not only in eleven years";

@@ -2,6 +2,7 @@
 
 #include "FinderWorld.h"
 #include "OrlinthHost/Phones/PairedPhones.h"
+#include "OrlinthHost/Phones/Whereabouts.h"
 
 #include <gmock/gmock.h>
 
@@ -28,7 +29,7 @@ protected:
     /// Where it is found; "" if nowhere. The search ends then.
     [[nodiscard]] std::string search(bool isUrgent = false) { return world.run(searchWith(find, isUrgent)); }
     [[nodiscard]] Task<std::string> searchWith(FindSetting setting, bool isUrgent) {
-        Finder finder(homeOf, setting);
+        Finder finder(homeOf, setting, rate);
         std::unique_ptr<Finder::Search> one = finder.begin(record);
         if (isUrgent) {
             one->hurry();
@@ -43,7 +44,7 @@ protected:
 
     /// The record and `other`, with one finder.
     [[nodiscard]] Task<> findBoth(PeerRecord other) {
-        Finder finder(homeOf, find);
+        Finder finder(homeOf, find, rate);
         std::unique_ptr<Finder::Search> one = finder.begin(record);
         std::unique_ptr<Finder::Search> two = finder.begin(other);
         co_await one->untilOver();
@@ -65,6 +66,7 @@ protected:
     }
 
     FindSetting find = FindSetting::known;
+    SweepRate rate = SweepRate::shared;
     double foundAfter = 0; ///< seconds
 };
 
@@ -253,6 +255,36 @@ TEST_F(FinderTest, SweepsANetworkOnceForTwoFinders) {
     EXPECT_THAT(asked(), SizeIs(252));
     EXPECT_EQ(search(), "") << "nor does a third one, a moment later";
     EXPECT_THAT(asked(), SizeIs(252));
+}
+
+TEST_F(FinderTest, SweepsANetworkOnceMoreForAPersonWhoWaitsForIt) {
+    meetAt("192.168.7.30");
+    EXPECT_EQ(search(), "");
+    const std::size_t once = world.probe.attempts.size();
+    EXPECT_EQ(once, 252u);
+    rate = SweepRate::once;
+    EXPECT_EQ(search(), "");
+    EXPECT_EQ(world.probe.attempts.size(), 2 * once);
+    const auto wait = [](platform::Clock& clock) -> Task<> { co_await clock.sleep(9min); };
+    world.run(wait(world.clock));
+    rate = SweepRate::shared;
+    EXPECT_EQ(search(), "");
+    EXPECT_LT(world.probe.attempts.size(), 2 * once + 17) << "it counts for those who look unasked";
+}
+
+TEST_F(FinderTest, SweepsANetworkOnceForTwoPhonesOfAPersonWhoWaitsForThem) {
+    meetAt("192.168.7.30");
+    EXPECT_EQ(search(), "");
+    world.probe.attempts.clear();
+    PeerRecord tablet = record;
+    tablet.peer_pubkey = otherKey.publicKey().peerKey();
+    tablet.peer_ip = "192.168.7.31";
+    memory.reached(tablet.peer_pubkey, Whereabouts::look(world.system).meetingAt(host("192.168.7.31")));
+    answer("192.168.7.57", world.phoneKey);
+    answer("192.168.7.90", otherKey);
+    rate = SweepRate::once;
+    world.run(findBoth(tablet));
+    EXPECT_LE(asked().size(), 254u);
 }
 
 TEST_F(FinderTest, DoesNotWaitLongForThoseWhoSayNothing) {
