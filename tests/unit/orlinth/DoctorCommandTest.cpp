@@ -3,6 +3,7 @@
 #include "OrlinthHost/Phones/Whereabouts.h"
 #include "base/Text.h"
 #include "fakes/ProvingPhone.h"
+#include "fakes/TestRsaKey.h"
 #include "orlinth/Program/Settings.h"
 #include "orlinth/Reporting/DoctorReporter.h"
 #include "platform/Deadline.h"
@@ -478,6 +479,18 @@ TEST_F(DoctorCommandTest, SaysThatAPhoneCannotBeWoken) {
     EXPECT_THAT(shown, HasSubstr("! Waking          a phone that sleeps cannot be woken: the key file of your push\n"
                                  "                  project cannot be used\n"));
     EXPECT_THAT(shown, HasSubstr("It works, with 1 warning.\n"));
+}
+
+TEST_F(DoctorCommandTest, SaysThatThePushServiceDoesNotAnswer) {
+    record.peer_fcm_token = "push-token-of-pixel";
+    world.files.put(dataFolder / "firebase-service-account.json",
+                    fakes::serviceAccountJson(fakes::TestRsaKey::shared()));
+    world.https.willAnswer(503, "{}");
+    world.alongside(serveOthers({serviceSays}));
+    const Ended ended = doctor({"--push"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(ended.output,
+                HasSubstr("-  Waking         the push service does not answer\n1 check gave no answer.\n"));
 }
 
 // ---- listening
