@@ -2,7 +2,6 @@
 
 #include "FinderWorld.h"
 #include "OrlinthHost/Phones/PairedPhones.h"
-#include "OrlinthHost/Phones/Whereabouts.h"
 
 #include <gmock/gmock.h>
 
