@@ -431,7 +431,7 @@ void OutboxSender::heardOf(const PeerRecord& record) {
 
 void OutboxSender::isBack(const PeerKey& peerKey) {
     const auto at = phones_.find(peerKey);
-    if (at != phones_.end() && at->second->attempts.empty() && at->second->retries.heard(home_.system.clock.now())) {
+    if (at != phones_.end() && at->second->retries.returned(home_.system.clock.now())) {
         tryNow(*at->second);
     }
 }

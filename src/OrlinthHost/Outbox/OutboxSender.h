@@ -57,8 +57,8 @@ public:
     void start();
     /// This phone has just proved its key.
     void heardOf(const PeerRecord& record);
-    /// This phone seems to be in the network again. That may be seen because of an attempt that is under way, which
-    /// then goes on as if nothing was said.
+    /// This phone seems to be in the network again: it is tried, if it waits, as often as RetryPolicy::returned() has
+    /// it. That may be seen because of an attempt that is under way, which then goes on as if nothing was said.
     void isBack(const PeerKey& peerKey);
     /// Whether this computer is in any network; it is until somebody says otherwise. Without one nothing is tried but
     /// what needs none.

@@ -233,6 +233,19 @@ TEST_F(OutboxSenderTest, TriesAPhoneThatIsBackOnceAndNotWhileItIsTried) {
     EXPECT_EQ(before, attempts()) << "neither a second time at once, nor because it was tried just now";
 }
 
+TEST_F(OutboxSenderTest, TriesAPhoneThatComesAndGoesEachMinuteOnceInTenMinutes) {
+    world_.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world_.clock);
+    put(first, {"a.txt"});
+    start();
+    pass(2h); // by now the pauses are of an hour
+    const std::size_t before = told(What::waiting).size();
+    for (int minute = 0; minute < 40; ++minute) {
+        sender_->isBack(world_.phoneRecord().peer_pubkey);
+        pass(1min);
+    }
+    EXPECT_EQ(told(What::waiting).size(), before + 4);
+}
+
 TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {
     world_.network.makeSilent("203.0.113.2");
     put(first, {"a.txt"});
