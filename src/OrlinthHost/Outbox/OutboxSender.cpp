@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Reach/Refusal.h"
 #include "OrlinthHost/Sending/Delivery.h"
 #include "OrlinthHost/Sending/PhoneLanes.h"
 #include "OrlinthHost/Sending/PhoneTimeouts.h"
@@ -42,12 +43,12 @@ bool needsNetwork(const PeerRecord& record) {
     return ipv4 != nullptr ? ipv4->front() != ownNetwork : record.peer_ip != "::1";
 }
 
-/// Whether there is somebody who takes no connections, also if that was tried until a deadline.
-bool isRefusal(const std::exception_ptr& failure) {
+/// Whether it ended before anybody tried to connect again: nothing was heard of the phone since.
+bool isPushFailure(const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
     } catch (const SendError& error) {
-        return error.reason() == SendError::Reason::refused || (error.cause() && isRefusal(error.cause()));
+        return error.reason() == SendError::Reason::pushFailed;
     } catch (...) {
         return false;
     }
@@ -66,6 +67,8 @@ struct OutboxSender::Running final : Attempt {
           file(std::move(fileOf)),
           journal(std::move(journalOf)),
           bytes(journal->sizeOf(file)) {}
+
+    void onUnreached(const std::exception& error) override { wasRefused = isRefusal(error); }
 
     void onHandshakeComplete() override {
         Attempt::onHandshakeComplete();
@@ -96,6 +99,7 @@ struct OutboxSender::Running final : Attempt {
     std::optional<platform::Clock::Instant> lastProgressAt;
     bool isCalledOff = false; ///< cancelled to look again at what is next
     bool isFirst = false;     ///< when it began there was no other connection to the phone
+    bool wasRefused = false;  ///< at the last address that was tried, before a push
     bool hadCompany = false;  ///< another connection to the phone was there for a time
     OffersInDoubt inDoubt;    ///< with those of the attempts before
     std::optional<Delivered> delivered;
@@ -289,7 +293,8 @@ void OutboxSender::tellContact(const Running& running, const std::exception_ptr&
         running.stage() == AttemptStage::farewell) {
         onContact(running.record, Contact::proved); // it was there until just now
     } else if (error) {
-        onContact(running.record, isRefusal(error) ? Contact::refused : Contact::failed);
+        const bool isAsleep = isRefusal(error) || (running.wasRefused && isPushFailure(error));
+        onContact(running.record, isAsleep ? Contact::refused : Contact::failed);
     }
 }
 

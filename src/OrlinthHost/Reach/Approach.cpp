@@ -1,17 +1,9 @@
 #include "OrlinthHost/Reach/Approach.h"
 
-#include "OrlinthCore/Sending/SendError.h"
+#include "OrlinthHost/Reach/Refusal.h"
 #include "platform/Cancelled.h"
 
 namespace orlinth::host {
-namespace {
-
-bool isRefusal(const std::exception& error) {
-    const auto* const failure = dynamic_cast<const SendError*>(&error);
-    return failure != nullptr && failure->reason() == SendError::Reason::refused;
-}
-
-} // namespace
 
 Approach::Approach(Finder* finder, PeerRecord phone, MaySweep maySweep, std::function<void(const PeerRecord&)> onMoved)
     : finder_(finder), phone_(std::move(phone)), maySweep_(maySweep), onMoved_(std::move(onMoved)) {}
@@ -67,13 +59,9 @@ Task<> Approach::untilSearched(std::exception_ptr error) {
     if (!search_) {
         co_return;
     }
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& failure) {
-        const bool isPhoneAsleep = isRefusal(failure); // onUnreached() has seen it, and decided
-        if (!isPhoneAsleep) {
-            search_->hurry();
-        }
+    const bool isPhoneAsleep = isRefusal(error); // onUnreached() has seen it, and decided
+    if (!isPhoneAsleep) {
+        search_->hurry();
     }
     co_await search_->untilOver();
 }

@@ -246,6 +246,24 @@ TEST_F(OutboxSenderTest, TriesAPhoneThatComesAndGoesEachMinuteOnceInTenMinutes) 
     EXPECT_EQ(told(What::waiting).size(), before + 4);
 }
 
+TEST_F(OutboxSenderTest, TellsOfARefusalAlsoIfThePushBehindItFails) {
+    using Contact = OutboxSender::Contact;
+    PeerRecord record = world_.phoneRecord();
+    record.peer_fcm_token = "TOKEN"; // and there is no key for the push service
+    pair({record});
+    put(first, {"a.txt"});
+    std::vector<Contact> contacts;
+    sender_.emplace(home_, world_.computerKey, events_);
+    sender_->onContact = [&contacts](const PeerRecord&, Contact contact) { contacts.push_back(contact); };
+    sender_->start();
+    pass(1s);
+    EXPECT_THAT(contacts, ElementsAre(Contact::refused));
+    EXPECT_THAT(told(What::waiting).back().message, HasSubstr("FCM wake failed"));
+    world_.network.makeSilent("203.0.113.2");
+    pass(12s);
+    EXPECT_THAT(contacts, ElementsAre(Contact::refused, Contact::failed));
+}
+
 TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {
     world_.network.makeSilent("203.0.113.2");
     put(first, {"a.txt"});
