@@ -14,9 +14,7 @@ namespace orlinth::host {
 namespace {
 
 using fakes::FakeNetworkInterfaces;
-using fakes::MemoryNeighbours;
 using platform::IpAddress;
-using platform::Ipv4Address;
 using platform::NeighbourState;
 using platform::PrivateKey;
 using testing::ElementsAre;
@@ -100,7 +98,7 @@ TEST_F(FinderTest, AsksNobodyWhileTheRecordedAddressHasItsTurn) {
 
 TEST_F(FinderTest, FindsThePhoneByItsHardwareAddress) {
     meetAt("192.168.7.30", phoneMac);
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::stale, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.57", NeighbourState::stale, phoneMac));
     answer("192.168.7.57", world.phoneKey);
     EXPECT_EQ(search(), "192.168.7.57");
     EXPECT_THAT(asked(), SizeIs(1));
@@ -142,14 +140,14 @@ TEST_F(FinderTest, FindsAnIpv6AddressWithItsZoneAndOneWithout) {
 
 TEST_F(FinderTest, LearnsWhereThePhoneWasFound) {
     meetAt("192.168.7.30");
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::reachable, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.57", NeighbourState::reachable, phoneMac));
     answer("192.168.7.57", world.phoneKey);
     EXPECT_EQ(search(), "192.168.7.57");
     const KnownAddress found = memory.addressesOf(record.peer_pubkey).front();
     EXPECT_EQ(found.host.text(), "192.168.7.57");
     EXPECT_EQ(found.host.interface(), "wlan0");
     EXPECT_EQ(found.mac, phoneMac);
-    EXPECT_EQ(found.network, home);
+    EXPECT_EQ(found.network, homeNetwork);
     EXPECT_TRUE(found.reached);
 }
 
@@ -176,7 +174,7 @@ TEST_F(FinderTest, ShowsStrangersNothingBehindTheFirstMessage) {
 TEST_F(FinderTest, AsksNobodyIfItMayNot) {
     find = FindSetting::never;
     meetAt("192.168.7.57");
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.58"), NeighbourState::stale, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.58", NeighbourState::stale, phoneMac));
     EXPECT_EQ(search(true), "");
     EXPECT_THAT(world.probe.attempts, IsEmpty());
     EXPECT_DOUBLE_EQ(world.clock.elapsed(), 0);
@@ -203,7 +201,7 @@ TEST_F(FinderTest, SweepsANetworkOnceForTwoPhones) {
     PeerRecord tablet = record;
     tablet.peer_pubkey = otherKey.publicKey().peerKey();
     tablet.peer_ip = "192.168.7.31";
-    memory.reached(tablet.peer_pubkey, {.host = host("192.168.7.31"), .network = home});
+    memory.reached(tablet.peer_pubkey, {.host = host("192.168.7.31"), .network = homeNetwork});
     answer("192.168.7.57", world.phoneKey);
     answer("192.168.7.90", otherKey);
     world.run(findBoth(tablet));
@@ -278,7 +276,7 @@ TEST_F(FinderTest, GivesUpInTimeIfManySayNothing) {
 TEST_F(FinderTest, DoesNotRememberAPhoneThatIsNotPairedAnyMore) {
     meetAt("192.168.7.57");
     static_cast<void>(PairedPhones(homeOf).remove(record, world.computerKey.publicKey()));
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::reachable, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.57", NeighbourState::reachable, phoneMac));
     record.peer_mac = phoneMac.text();
     answer("192.168.7.57", world.phoneKey);
     EXPECT_EQ(search(), "192.168.7.57");
@@ -330,11 +328,11 @@ TEST_F(FinderTest, EndsAsIfNobodyWasThereIfThisComputerHasNoRoomForConnections) 
 
 TEST_F(FinderTest, TellsWhetherAnotherDeviceHasTheAddress) {
     Finder finder(homeOf, find);
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(routerMac)));
+    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, routerMac));
     EXPECT_FALSE(finder.isElsewhere(record)) << "nothing is known of the phone's own";
     meetAt("192.168.7.30", phoneMac);
     EXPECT_TRUE(finder.isElsewhere(record));
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, phoneMac));
     EXPECT_FALSE(finder.isElsewhere(record));
 }
 
