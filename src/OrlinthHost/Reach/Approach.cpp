@@ -1,5 +1,6 @@
 #include "OrlinthHost/Reach/Approach.h"
 
+#include "OrlinthHost/Phones/MetPhones.h"
 #include "OrlinthHost/Reach/Refusal.h"
 #include "platform/Cancelled.h"
 
@@ -21,7 +22,7 @@ void Approach::onUnreached(const std::exception& error) {
     if (!search_) {
         return;
     }
-    isAsleep_ = isRefusal(error) && !finder_->isElsewhere(phone_);
+    isAsleep_ = isRefusal(error) && !isAtAnothersAddress(finder_->home(), phone_);
     if (isAsleep_) {
         search_->giveUp();
     } else {

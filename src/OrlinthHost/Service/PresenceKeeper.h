@@ -35,7 +35,6 @@ private:
     [[nodiscard]] Presence::Moment now() const {
         return {.instant = home_.system.clock.now(), .epoch = home_.system.clock.epochMilliseconds()};
     }
-    [[nodiscard]] bool isAnother(const PeerRecord& phone) const;
 
     Home& home_;
     Presence presence_;

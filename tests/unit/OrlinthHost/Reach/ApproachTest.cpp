@@ -221,6 +221,16 @@ TEST_F(ApproachTest, LooksForNobodyWhenThePhoneItselfRefuses) {
     EXPECT_EQ(remembered("192.168.7.30").failures, 0) << "it is there, and sleeps";
 }
 
+TEST_F(ApproachTest, TakesADeviceForThePhoneIfOnlyInOtherNetworksThePhoneHadAnotherHardwareAddress) {
+    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, otherMac));
+    memory.reached(
+        record.peer_pubkey,
+        {.host = host("10.1.4.30"), .mac = phoneMac, .network = NetworkId::of({10, 1, 4, 0}, 24, routerMac)});
+    meetAt("192.168.7.57");
+    EXPECT_EQ(send(), "network: Connection refused");
+    EXPECT_THAT(world.probe.attempts, IsEmpty());
+}
+
 TEST_F(ApproachTest, LooksAtOnceWhenAnotherDeviceRefuses) {
     world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, routerMac));
     meetAt("192.168.7.30", phoneMac);

@@ -326,16 +326,6 @@ TEST_F(FinderTest, EndsAsIfNobodyWasThereIfThisComputerHasNoRoomForConnections) 
     EXPECT_EQ(search(), "");
 }
 
-TEST_F(FinderTest, TellsWhetherAnotherDeviceHasTheAddress) {
-    Finder finder(homeOf, find);
-    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, routerMac));
-    EXPECT_FALSE(finder.isElsewhere(record)) << "nothing is known of the phone's own";
-    meetAt("192.168.7.30", phoneMac);
-    EXPECT_TRUE(finder.isElsewhere(record));
-    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, phoneMac));
-    EXPECT_FALSE(finder.isElsewhere(record));
-}
-
 // --- the record ---
 
 class RecordMoveTest : public FinderTest {
