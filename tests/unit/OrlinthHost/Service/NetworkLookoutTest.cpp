@@ -189,6 +189,17 @@ TEST_F(NetworkLookoutTest, TellsOfAPhoneThatComesAndNotOfOneThatStays) {
     EXPECT_EQ(gone_, 2);
 }
 
+TEST_F(NetworkLookoutTest, TellsOfAPhoneThatTakesTheAddressOfAnotherDevice) {
+    start();
+    put(neighbour("192.168.7.57", NeighbourState::reachable, otherMac));
+    put(neighbour("192.168.7.57", NeighbourState::reachable, phoneMac));
+    EXPECT_THAT(told_, ElementsAre("phone"));
+    put(neighbour("192.168.7.57", NeighbourState::reachable, otherMac));
+    EXPECT_EQ(gone_, 1);
+    put(neighbour("192.168.7.57", NeighbourState::reachable, phoneMac));
+    EXPECT_THAT(told_, ElementsAre("phone", "phone"));
+}
+
 TEST_F(NetworkLookoutTest, KnowsAPhoneThatIsMetWhileItsEntryIsThere) {
     start();
     put(neighbour("192.168.7.57", NeighbourState::reachable, otherMac));
