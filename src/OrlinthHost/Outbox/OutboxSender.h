@@ -36,12 +36,14 @@ class OutboxSender {
 public:
     /// What an attempt has shown of a phone.
     enum class Contact {
-        proved,  ///< it has just proved its key
+        proved,  ///< it has proved its key, and perhaps sent more since
         refused, ///< whoever has its address does not take connections
         failed   ///< it cannot be reached, or the connection has come to nothing
     };
-    /// Told of each contact with a phone, on the home's executor. May be empty. Must not throw. Set before start().
-    std::function<void(const PeerRecord& phone, Contact contact)> onContact;
+    /// Told of each contact with a phone, on the home's executor. `at` is when something last came from it, which may
+    /// be long before a broken connection is noticed; of the others, it is now. May be empty. Must not throw. Set
+    /// before start().
+    std::function<void(const PeerRecord& phone, Contact contact, platform::Clock::Instant at)> onContact;
 
     /// Between two events of progress.
     static constexpr Seconds progressInterval = 500ms;

@@ -19,15 +19,21 @@ AddressMemory knownAddresses(const Home& home) {
 
 } // namespace
 
-void PresenceKeeper::learn(const PeerRecord& phone, OutboxSender::Contact contact) {
+void PresenceKeeper::learn(const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
     using Contact = OutboxSender::Contact;
     if (contact == Contact::proved) {
-        presence_.proved(phone.peer_pubkey, now());
+        presence_.proved(phone.peer_pubkey, momentOf(at));
     } else if (contact == Contact::refused && !isAtAnothersAddress(home_, phone)) {
-        presence_.refused(phone.peer_pubkey, home_.system.clock.now());
+        presence_.refused(phone.peer_pubkey, at);
     } else {
-        presence_.failed(phone.peer_pubkey);
+        presence_.failed(phone.peer_pubkey, at);
     }
+}
+
+Presence::Moment PresenceKeeper::momentOf(platform::Clock::Instant instant) const {
+    const Seconds since = home_.system.clock.now() - instant;
+    return {.instant = instant,
+            .epoch = home_.system.clock.epochMilliseconds() - std::chrono::round<std::chrono::milliseconds>(since)};
 }
 
 std::vector<PhonePresence> PresenceKeeper::all() const {

@@ -1,4 +1,5 @@
 #include "OrlinthHost/Sending/PhoneLanes.h"
+#include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OutboxWorld.h"
 
 #include <gmock/gmock.h>
@@ -254,7 +255,9 @@ TEST_F(OutboxSenderTest, TellsOfARefusalAlsoIfThePushBehindItFails) {
     put(first, {"a.txt"});
     std::vector<Contact> contacts;
     sender_.emplace(home_, world_.computerKey, events_);
-    sender_->onContact = [&contacts](const PeerRecord&, Contact contact) { contacts.push_back(contact); };
+    sender_->onContact = [&contacts](const PeerRecord&, Contact contact, platform::Clock::Instant) {
+        contacts.push_back(contact);
+    };
     sender_->start();
     pass(1s);
     EXPECT_THAT(contacts, ElementsAre(Contact::refused));
@@ -262,6 +265,23 @@ TEST_F(OutboxSenderTest, TellsOfARefusalAlsoIfThePushBehindItFails) {
     world_.network.makeSilent("203.0.113.2");
     pass(12s);
     EXPECT_THAT(contacts, ElementsAre(Contact::refused, Contact::failed));
+}
+
+TEST_F(OutboxSenderTest, TellsWhenAPhoneThatFallsSilentWasHeardOf) {
+    std::vector<platform::Clock::Instant> instants;
+    put(first, {"a.txt"});
+    world_.alongside(keepSilent());
+    sender_.emplace(home_, world_.computerKey, events_);
+    sender_->onContact = [&instants](const PeerRecord&, OutboxSender::Contact contact, platform::Clock::Instant at) {
+        EXPECT_EQ(contact, OutboxSender::Contact::proved);
+        instants.push_back(at);
+    };
+    const platform::Clock::Instant begin = world_.clock.now();
+    sender_->start();
+    pass(silenceLimit + 1s);
+    ASSERT_EQ(instants.size(), 2U) << "when it proved its key, and when it was given up";
+    EXPECT_LT(instants[0], begin + 1s);
+    EXPECT_EQ(instants[1], instants[0]);
 }
 
 TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {
