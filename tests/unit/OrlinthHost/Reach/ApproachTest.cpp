@@ -293,6 +293,22 @@ TEST_F(ApproachTest, OffersAFileInDoubtAgainAtTheNewAddress) {
     EXPECT_THAT(ids, ElementsAre("ID", "ID"));
 }
 
+TEST_F(ApproachTest, BringsTheFileAlsoIfTheNewAddressCannotBeRecordedAndRecordsItTheNextTime) {
+    meetAt("192.168.7.57");
+    answer("192.168.7.57", world.phoneKey);
+    world.network.makeFailWithErrno("192.168.7.30", EHOSTUNREACH, world.clock);
+    take({Taker::phone, Taker::phone});
+    const std::string before = world.files.content(homeOf.peers().fileURL()).value();
+    world.files.addFault({.operation = fakes::Operation::rename, .errorNumber = ENOSPC, .nameEnding = "peer.json"});
+    EXPECT_EQ(send(), "");
+    EXPECT_THAT(movedTo, ElementsAre("192.168.7.57"));
+    EXPECT_EQ(world.files.content(homeOf.peers().fileURL()), before);
+    world.files.clearFaults();
+    world.run(world.clock.sleep(AddressBook::moveInterval));
+    EXPECT_EQ(send(), "");
+    EXPECT_EQ(recorded(), "192.168.7.57");
+}
+
 TEST_F(ApproachTest, FollowsAPhoneOnceAndNotForEver) {
     meetAt("192.168.7.57");
     answer("192.168.7.57", world.phoneKey);

@@ -2,6 +2,7 @@
 
 #include "FinderWorld.h"
 #include "OrlinthHost/Phones/PairedPhones.h"
+#include "fakes/CrashTrials.h"
 
 #include <gmock/gmock.h>
 
@@ -331,6 +332,38 @@ TEST_F(FinderTest, EndsAsIfNobodyWasThereIfThisComputerHasNoRoomForConnections) 
 class RecordMoveTest : public FinderTest {
 protected:
     [[nodiscard]] bool move(const std::string& to) { return recordMove(homeOf, memory, record, host(to)); }
+    /// The same on another disk, with another phone beside it in the store.
+    void pairOn(fakes::MemoryFileSystem& disk) { storeOn(disk).writeBook({{record, tablet()}}); }
+    [[nodiscard]] bool moveOn(fakes::MemoryFileSystem& disk) {
+        platform::System system = world.systemOn(disk);
+        const Home own{.system = system, .executor = world.context.get_executor()};
+        AddressMemory memoryThere(disk, world.clock, world.log, own.dataDirectory());
+        return recordMove(own, memoryThere, record, host("192.168.7.57"));
+    }
+    /// The store is whole, with one address or the other.
+    [[nodiscard]] std::string recordedOn(fakes::MemoryFileSystem& disk) {
+        const PeerBook book = storeOn(disk).loadBook();
+        const std::string address = book.peers.front().peer_ip;
+        PeerRecord expected = record;
+        expected.peer_ip = address;
+        EXPECT_EQ(book.peers, (std::vector{expected, tablet()}));
+        EXPECT_TRUE(address == "192.168.7.30" || address == "192.168.7.57") << address;
+        return address;
+    }
+    /// The phone is found once more, when a minute has passed.
+    void expectMadeUpFor(fakes::MemoryFileSystem& disk) {
+        const bool wasRecorded = recordedOn(disk) == "192.168.7.57";
+        let(1min);
+        EXPECT_EQ(moveOn(disk), !wasRecorded);
+        EXPECT_EQ(recordedOn(disk), "192.168.7.57");
+    }
+    [[nodiscard]] PeerStore storeOn(fakes::MemoryFileSystem& disk) { return {disk, world.system.directories}; }
+    [[nodiscard]] PeerRecord tablet() const {
+        PeerRecord other = record;
+        other.peer_pubkey = otherKey.publicKey().peerKey();
+        other.peer_hostname = "Tablet";
+        return other;
+    }
     [[nodiscard]] std::string recorded() const { return homeOf.peers().loadBook().peers.front().peer_ip; }
     void let(std::chrono::milliseconds time) {
         const auto pass = [](platform::Clock& clock, Seconds duration) -> Task<> { co_await clock.sleep(duration); };
@@ -371,6 +404,27 @@ TEST_F(RecordMoveTest, ChangesOnceAMinuteIfTwoAddressesTakeTurns) {
     let(1s);
     EXPECT_TRUE(move("192.168.7.30"));
     EXPECT_EQ(recorded(), "192.168.7.30");
+}
+
+TEST_F(RecordMoveTest, LeavesTheOldRecordOrTheNewOneHoweverItIsCutOffAndIsMadeUpForTheNextTime) {
+    fakes::forEveryCrash([this](fakes::MemoryFileSystem& disk) { pairOn(disk); },
+                         [this](fakes::MemoryFileSystem& disk) { static_cast<void>(moveOn(disk)); },
+                         [this](const fakes::Aftermath& after) {
+                             EXPECT_TRUE(recordedOn(after.files) == "192.168.7.57" || !after.completed);
+                             expectMadeUpFor(after.files);
+                         });
+}
+
+TEST_F(RecordMoveTest, LeavesTheOldRecordOrTheNewOneWhateverFailsAndIsMadeUpForTheNextTime) {
+    for (const int number : {ENOSPC, EROFS, EIO}) {
+        fakes::forEveryFailure(
+            number, [this](fakes::MemoryFileSystem& disk) { pairOn(disk); },
+            [this](fakes::MemoryFileSystem& disk) { static_cast<void>(moveOn(disk)); },
+            [this](fakes::MemoryFileSystem& disk, const std::exception_ptr& thrown) {
+                EXPECT_EQ(thrown, nullptr) << "what was found is of use all the same";
+                expectMadeUpFor(disk);
+            });
+    }
 }
 
 TEST_F(RecordMoveTest, DoesNotBringBackAPhoneThatWasRemoved) {
