@@ -170,7 +170,11 @@ struct ReceiverWorld : World {
                 .onSync = [this](const Receiver::ProcessOutcome& outcome) { syncs.push_back(outcome); },
                 .onError = [this](const Receiver::Failure& failure) { failures.push_back(failure); },
                 .onAuthenticated = [this](const Receiver::Arrival& arrival) { authenticated.push_back(arrival); },
-                .onLeft = [this](const PeerKey& phone) { left.emplace_back(phone, ends()); }};
+                .onLeft =
+                    [this](const Receiver::Departure& departure) {
+                        left.emplace_back(departure.peerKey, ends());
+                        heardAt = departure.heardAt;
+                    }};
     }
 
     std::optional<Receiver> receiver;
@@ -185,6 +189,7 @@ struct ReceiverWorld : World {
     std::vector<Receiver::Failure> failures;
     std::vector<Receiver::Arrival> authenticated;
     std::vector<std::pair<PeerKey, std::size_t>> left; ///< with how many ends had been told by then
+    platform::Clock::Instant heardAt{};                ///< of the phone that left last
 };
 
 } // namespace orlinth::fakes

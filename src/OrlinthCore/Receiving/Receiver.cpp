@@ -53,6 +53,7 @@ struct Session {
     std::string cutBecause;               ///< likewise
     std::string from;                     ///< display name of the phone; on its queue
     PeerKey peerKey;                      ///< its key, once it is proved to be a paired one; on its queue
+    platform::Clock::Instant heardAt{};   ///< when something last came from the phone; on its queue
     /// What goes with the session, which is when the host has been told of its end.
     std::shared_ptr<const void> kept;
     bool isLeaving = false;   ///< it had to make room; on the receiver's queue
@@ -421,6 +422,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                         }
                     });
                 },
+            .onHeard = [session, &clock = system.clock] { session->heardAt = clock.now(); },
             .onOver =
                 [session] {
                     if (session->course == Session::Course::open) {
@@ -476,7 +478,7 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
                      .peerKey = session->peerKey});
     }
     if (session->isAnnounced && callbacks.onLeft) {
-        callbacks.onLeft(session->peerKey);
+        callbacks.onLeft({.peerKey = session->peerKey, .heardAt = session->heardAt});
     }
     session->kept.reset(); // others may hold the session for longer
 }

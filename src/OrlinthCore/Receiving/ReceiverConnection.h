@@ -37,6 +37,8 @@ struct ReceiverConnectionContext {
     std::function<void(std::shared_ptr<const void>)> keepUntilTold;
     /// The phone has proved its key; its record, if it has one.
     std::function<void(const std::optional<PeerRecord>&)> onAuthenticated;
+    /// Something has just come from the phone that has proved its key, or it has hung up in good order.
+    std::function<void()> onHeard;
     /// It is settled how the connection ends, though it may still have to wait for the disk: nothing that is said of it
     /// from now on, as by `dismiss`, is the reason.
     std::function<void()> onOver;

@@ -20,22 +20,22 @@ public:
     PresenceKeeper& operator=(const PresenceKeeper&) = delete;
 
     void arrived(const PeerKey& phone) { presence_.arrived(phone, now()); }
-    void left(const PeerKey& phone) { presence_.left(phone, now()); }
+    /// `heardAt`: when something last came from it.
+    void left(const PeerKey& phone, platform::Clock::Instant heardAt) { presence_.left(phone, momentOf(heardAt)); }
     /// An attempt to send has shown this. A refusal by another device, which has the address now, is none.
-    void learn(const PeerRecord& phone, OutboxSender::Contact contact);
+    void learn(const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at);
     void confirmed(const PeerKey& phone) { presence_.confirmed(phone, home_.system.clock.now()); }
     void disappeared(const PeerKey& phone) { presence_.disappeared(phone); }
-    void networkChanged() { presence_.networkChanged(); }
+    void networkChanged() { presence_.networkChanged(home_.system.clock.now()); }
 
     /// Of the paired phones, in the order of the peer store, the last PresenceReply::maxPhones. None if the store
     /// cannot be read.
     [[nodiscard]] std::vector<PhonePresence> all() const;
 
 private:
-    [[nodiscard]] Presence::Moment now() const {
-        return {.instant = home_.system.clock.now(), .epoch = home_.system.clock.epochMilliseconds()};
-    }
-    [[nodiscard]] bool isAnother(const PeerRecord& phone) const;
+    [[nodiscard]] Presence::Moment now() const { return momentOf(home_.system.clock.now()); }
+    /// By both clocks, of an instant that is not ahead.
+    [[nodiscard]] Presence::Moment momentOf(platform::Clock::Instant instant) const;
 
     Home& home_;
     Presence presence_;

@@ -90,8 +90,8 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
       control(service.home_, service.settings_.downloads, loan, outbox, service.events_,
               [this] { return presence.all(); }),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
-    outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact) {
-        presence.learn(phone, contact);
+    outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
+        presence.learn(phone, contact, at);
         if (contact == OutboxSender::Contact::proved) {
             sharedPeers.update(); // it was met
         }
@@ -133,7 +133,8 @@ Receiver::Callbacks Service::Parts::callbacks() {
                     outbox.heardOf(arrival.phone);
                     sharedPeers.update();
                 },
-            .onLeft = [this](const PeerKey& phone) { presence.left(phone); }};
+            .onLeft =
+                [this](const Receiver::Departure& departure) { presence.left(departure.peerKey, departure.heardAt); }};
 }
 
 void Service::Parts::start(std::uint16_t port) {
