@@ -170,7 +170,15 @@ struct ReceiverWorld : World {
                 .onSync = [this](const Receiver::ProcessOutcome& outcome) { syncs.push_back(outcome); },
                 .onError = [this](const Receiver::Failure& failure) { failures.push_back(failure); },
                 .onAuthenticated = [this](const Receiver::Arrival& arrival) { authenticated.push_back(arrival); },
-                .onLeft = [this](const PeerKey& phone) { left.emplace_back(phone, ends()); }};
+                .onLeft = [this](const PeerKey& phone) { left.emplace_back(phone, ends()); },
+                .onTransferStarted = [this](const Receiver::Transfer& transfer) { started.push_back(transfer); },
+                .onTransferProgress =
+                    [this](const Receiver::TransferProgress& progress) { progresses.push_back(progress); },
+                .onTransferEnded =
+                    [this](const Receiver::TransferEnd& end) {
+                        endsBeforeTransferEnd = ends();
+                        transferEnds.push_back(end);
+                    }};
     }
 
     std::optional<Receiver> receiver;
@@ -184,6 +192,10 @@ struct ReceiverWorld : World {
     std::vector<Receiver::ProcessOutcome> syncs;
     std::vector<Receiver::Failure> failures;
     std::vector<Receiver::Arrival> authenticated;
+    std::vector<Receiver::Transfer> started;
+    std::vector<Receiver::TransferProgress> progresses;
+    std::vector<Receiver::TransferEnd> transferEnds;
+    std::size_t endsBeforeTransferEnd = 0;             ///< of connections, when the last of those was told
     std::vector<std::pair<PeerKey, std::size_t>> left; ///< with how many ends had been told by then
 };
 
