@@ -72,6 +72,7 @@ class Gate:
         for end in (source, sink):
             with contextlib.suppress(OSError):
                 end.shutdown(socket.SHUT_RDWR)
+        source.close()  # a writer whose pieces nobody takes any more hears of it
 
     def _is_over(self, passed):
         with self.lock:
@@ -135,7 +136,7 @@ class OutboxTest(ProgramTest):
         self.assertEqual(0, result.returncode, result.stderr)
         return json.loads(result.stdout)["batch"]
 
-    def wait_for(self, service, name, count=1, **fields):
+    def wait_for(self, service, name, /, count=1, **fields):
         """The first `count` events of this name with these fields."""
         def found():
             return [event for event in service.events.all

@@ -13,13 +13,15 @@ namespace orlinth::host {
 
 namespace {
 
-/// What has failed for good, a phrase for each phone and reason.
+/// What has failed for good, a phrase for each phone and reason. What was cancelled has not.
 std::string summaryOf(const OutboxState& state) {
     std::string text;
     for (const OutboxState::Phone& phone : state.phones) {
         std::map<std::string, std::vector<std::string>> byReason;
         for (const auto& [file, reason] : phone.failed) {
-            byReason[reason].push_back(file);
+            if (reason != OutboxQueue::cancelled) {
+                byReason[reason].push_back(file);
+            }
         }
         for (const auto& [reason, files] : byReason) {
             text += text.empty() ? "" : "; ";
@@ -249,6 +251,7 @@ std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const PeerKey&
         journal->prepare(soundOf(job, job.upcoming(peerKey, OutboxJournal::filesPreparedAtOnce)));
     }
     job.underWay.insert({peerKey, file});
+    tellChange();
     return journal;
 }
 
@@ -286,6 +289,14 @@ void OutboxQueue::setFailed(Job& job, const PeerKey& peerKey, const std::string&
     endIfThrough(job.id());
 }
 
+void OutboxQueue::setCancelled(Job& job, const PeerKey& peerKey, const std::string& file) {
+    OutboxState::Phone& phone = *job.state.find(peerKey);
+    phone.failed[file] = cancelled;
+    saveFile(job, phone, file);
+    settlePhone(job, peerKey);
+    endIfThrough(job.id());
+}
+
 void OutboxQueue::setAllFailed(const PeerKey& peerKey, const std::string& message) {
     while (Job* const job = nextFor(peerKey)) {
         OutboxState::Phone& phone = *job->state.find(peerKey);
@@ -315,6 +326,7 @@ void OutboxQueue::setWaiting(const PeerKey& peerKey, const std::string& message,
         }
         events_.waiting(id, waiting.displayName(), message, pause);
     }
+    tellChange();
     if (isNews || isFirst) {
         events_.waitingLine(waiting, message);
     }
@@ -346,6 +358,7 @@ void OutboxQueue::endIfThrough(const BatchId& id) {
     }
     const std::unique_ptr<Job> ended = std::move(jobs_.at(id)); // whose own the id may be
     jobs_.erase(id);
+    tellChange();
     note([&ended] { ended->state.flush(); }); // before the ids of what was sent go, and before the batch does
     const std::string failures = summaryOf(ended->state);
     const bool isThere = !batches_.isGone(id);
@@ -386,6 +399,7 @@ void OutboxQueue::setAside(const BatchId& id, const std::string& message) {
 }
 
 void OutboxQueue::save(Job& job) {
+    tellChange();
     note([this, &job] {
         job.state.save();
         isTroubleTold_ = false;
@@ -393,6 +407,7 @@ void OutboxQueue::save(Job& job) {
 }
 
 void OutboxQueue::saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file) {
+    tellChange();
     note([&] {
         job.state.saveFile(phone, file);
         isTroubleTold_ = false;
@@ -441,6 +456,7 @@ std::optional<std::string> OutboxQueue::discard(const BatchId& id) {
     const bool isThere = !job.hasVanished && !batches_.isGone(id);
     OutboxState state = job.state;
     jobs_.erase(id);
+    tellChange();
     try {
         if (isThere) {
             batches_.remove(id);
@@ -451,6 +467,12 @@ std::optional<std::string> OutboxQueue::discard(const BatchId& id) {
         std::string problem = "it cannot be removed: " + error.description();
         leaveBehind(id, isThere, problem);
         return problem;
+    }
+}
+
+void OutboxQueue::tellChange() const {
+    if (onChanged) {
+        onChanged();
     }
 }
 

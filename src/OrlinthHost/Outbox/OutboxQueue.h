@@ -54,6 +54,12 @@ public:
         void startOver();
     };
 
+    /// Why a file was not sent that somebody has cancelled.
+    static constexpr const char* cancelled = "cancelled";
+
+    /// Called when a batch has come, has gone, or anything of its state has changed. May be empty. Must not throw.
+    std::function<void()> onChanged;
+
     /// What a look has brought.
     struct News {
         std::set<PeerKey> phones;      ///< those for which a batch has come
@@ -74,6 +80,7 @@ public:
     /// Clears what was abandoned and takes in what has become complete.
     [[nodiscard]] News look(const Watch& watch);
 
+    [[nodiscard]] const std::map<BatchId, std::unique_ptr<Job>>& all() const noexcept { return jobs_; }
     /// Null if there is none, or not any more.
     [[nodiscard]] Job* find(const BatchId& id);
     /// The oldest with something for this phone that is not under way, again of those with the fewest attempts in vain;
@@ -85,13 +92,16 @@ public:
     /// An attempt at the phone's next file begins. Returns the journal, in which the file has its id by now.
     [[nodiscard]] std::shared_ptr<OutboxJournal> setUnderWay(Job& job, const PeerKey& peerKey);
     /// An attempt has ended. Before any of the following that tell how.
-    static void setEnded(Job& job, const PeerKey& peerKey, const std::string& file) {
+    void setEnded(Job& job, const PeerKey& peerKey, const std::string& file) const {
         job.underWay.erase({peerKey, file});
+        tellChange();
     }
     /// The phone has the file. What may be ended by these is: no job is to be used afterwards without looking for it
     /// again.
     void setDone(Job& job, const PeerKey& peerKey, const OutboxEvents::Transfer& transfer, const Delivered& delivered);
     void setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const std::string& message);
+    /// Somebody does not want it to be sent any more. No event tells of it.
+    void setCancelled(Job& job, const PeerKey& peerKey, const std::string& file);
     /// The phone was there, and took nothing of this file: others go first.
     void putBehind(Job& job, const PeerKey& peerKey, const std::string& file) { ++job.inVain[{peerKey, file}]; }
     /// Everything that is left for this phone, in any batch, and not under way.
@@ -124,6 +134,7 @@ private:
     void saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file);
     /// Runs something that may fail for want of a disk, and tells that once.
     void note(const std::function<void()>& write);
+    void tellChange() const;
     void log(platform::LogLevel level, const std::string& text) const noexcept;
 
     Home& home_;

@@ -11,8 +11,9 @@
 #include "OrlinthHost/Service/PhoneArrivals.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
-#include "OrlinthHost/Service/ServiceControlServer.h"
+#include "OrlinthHost/Service/ServiceApi.h"
 #include "OrlinthHost/Service/ServiceLock.h"
+#include "OrlinthHost/Service/SocketFace.h"
 
 #include <asio/this_coro.hpp>
 
@@ -50,7 +51,8 @@ struct Service::Parts {
     NetworkLookout network;
     PartialsReminder partials;
     PortLoan loan;
-    ServiceControlServer control;
+    ServiceApi api;
+    SocketFace control;
     Watchdog watchdog;
 };
 
@@ -69,6 +71,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                 sharedPeers.update();
                 arrivals.peersChanged();
                 outbox.peersChanged();
+                api.phonesChanged();
             }),
       network(service.home_, {.onConnected =
                                   [this](bool isConnected) {
@@ -87,7 +90,8 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
-      control(service.home_, loan, outbox, service.events_, [this] { return presence.all(); }),
+      api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
+      control(service.home_, api, loan, service.events_),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact) {
         presence.learn(phone, contact);
@@ -115,24 +119,26 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
 }
 
 Receiver::Callbacks Service::Parts::callbacks() {
-    return {.onListening = [this](std::uint16_t port) { start(port); },
-            .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
-            .onClipboard = [this](const Receiver::Clipboard& text) { events.textReceived(text); },
-            .onSync =
-                [this](const Receiver::ProcessOutcome& outcome) {
-                    events.settled(outcome);
-                    sharedPeers.update();
-                },
-            .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
-            .onAuthenticated =
-                [this](const Receiver::Arrival& arrival) {
-                    events.authenticated(arrival.phone, keys.pairedCount());
-                    presence.arrived(arrival.phone.peer_pubkey);
-                    arrivals.came(arrival);
-                    outbox.heardOf(arrival.phone);
-                    sharedPeers.update();
-                },
-            .onLeft = [this](const PeerKey& phone) { presence.left(phone); }};
+    Receiver::Callbacks told{.onListening = [this](std::uint16_t port) { start(port); },
+                             .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
+                             .onClipboard = [this](const Receiver::Clipboard& text) { events.textReceived(text); },
+                             .onSync =
+                                 [this](const Receiver::ProcessOutcome& outcome) {
+                                     events.settled(outcome);
+                                     sharedPeers.update();
+                                 },
+                             .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
+                             .onAuthenticated =
+                                 [this](const Receiver::Arrival& arrival) {
+                                     events.authenticated(arrival.phone, keys.pairedCount());
+                                     presence.arrived(arrival.phone.peer_pubkey);
+                                     arrivals.came(arrival);
+                                     outbox.heardOf(arrival.phone);
+                                     sharedPeers.update();
+                                 },
+                             .onLeft = [this](const PeerKey& phone) { presence.left(phone); }};
+    api.watch(told);
+    return told;
 }
 
 void Service::Parts::start(std::uint16_t port) {
@@ -142,6 +148,7 @@ void Service::Parts::start(std::uint16_t port) {
     peers.start();
     partials.start();
     watchdog.start();
+    api.listening(port);
     events.listening(port, keys.pairedCount());
 }
 
@@ -154,6 +161,7 @@ Task<> Service::Parts::serve() {
     } catch (...) {
         failure = std::current_exception();
     }
+    api.stopping();
     events.stopping();
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     co_await finish();

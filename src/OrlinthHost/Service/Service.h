@@ -36,7 +36,7 @@ struct ServiceSettings {
 /// The receive service of one data folder: receives from every paired phone, and sends what lies in the outbox, until
 /// it is cancelled. Builds its parts, lets them know of each other, and ends them in order:
 ///
-///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, ServiceControlServer, OutboxSender, PeerStoreWatch,
+///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, SocketFace, OutboxSender, PeerStoreWatch,
 ///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, Watchdog
 ///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ addresses ─▶ shared list
 ///                                                                               ─▶ downloads ─▶ watchdog
