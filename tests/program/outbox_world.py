@@ -5,6 +5,7 @@ import json
 import os
 import signal
 import socket
+import struct
 import threading
 import uuid
 
@@ -60,7 +61,7 @@ class Gate:
 
     def _pump(self, source, sink, is_way_there, is_spared):
         passed = 0
-        with contextlib.suppress(OSError):
+        try:
             while piece := source.recv(16384):
                 sink.sendall(piece)
                 passed += len(piece)
@@ -69,10 +70,17 @@ class Gate:
                     return
                 if is_way_there and self.bytes_per_second:
                     self.closed.wait(len(piece) / self.bytes_per_second)
+        except ConnectionError:  # a reset is passed on as one
+            for end in (source, sink):
+                with contextlib.suppress(OSError):
+                    end.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                    end.shutdown(socket.SHUT_RDWR)
+                    end.close()
+        except OSError:
+            pass  # it was cut
         for end in (source, sink):
             with contextlib.suppress(OSError):
                 end.shutdown(socket.SHUT_RDWR)
-        source.close()  # a writer whose pieces nobody takes any more hears of it
 
     def _is_over(self, passed):
         with self.lock:
