@@ -31,7 +31,7 @@ public:
     /// The same for one file of a folder, which need not be there: after its name has come, gone or been replaced, or
     /// the file was open for writing and has been closed. What becomes of the folder's other files costs nothing,
     /// unless their names come and go.
-    /// @throws SystemError if the folder cannot be watched
+    /// @throws SystemError if the folder, or the file that is there, cannot be watched
     [[nodiscard]] virtual std::unique_ptr<FolderWatch> watchFile(const Path& file, Executor executor,
                                                                  std::function<void()> onChange) = 0;
 };

@@ -170,7 +170,11 @@ struct ReceiverWorld : World {
                 .onSync = [this](const Receiver::ProcessOutcome& outcome) { syncs.push_back(outcome); },
                 .onError = [this](const Receiver::Failure& failure) { failures.push_back(failure); },
                 .onAuthenticated = [this](const Receiver::Arrival& arrival) { authenticated.push_back(arrival); },
-                .onLeft = [this](const PeerKey& phone) { left.emplace_back(phone, ends()); },
+                .onLeft =
+                    [this](const Receiver::Departure& departure) {
+                        left.emplace_back(departure.peerKey, ends());
+                        heardAt = departure.heardAt;
+                    },
                 .onTransferStarted = [this](const Receiver::Transfer& transfer) { started.push_back(transfer); },
                 .onTransferProgress =
                     [this](const Receiver::TransferProgress& progress) { progresses.push_back(progress); },
@@ -197,6 +201,7 @@ struct ReceiverWorld : World {
     std::vector<Receiver::TransferEnd> transferEnds;
     std::size_t endsBeforeTransferEnd = 0;             ///< of connections, when the last of those was told
     std::vector<std::pair<PeerKey, std::size_t>> left; ///< with how many ends had been told by then
+    platform::Clock::Instant heardAt{};                ///< of the phone that left last
 };
 
 } // namespace orlinth::fakes

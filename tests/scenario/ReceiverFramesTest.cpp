@@ -407,6 +407,23 @@ TEST_F(ReceiverFrames, APhoneThatWasToldOfHasLeftOnceBehindWhatBecameOfItsConnec
     EXPECT_EQ(world.left.size(), 2U) << "nobody was told that he came";
 }
 
+TEST_F(ReceiverFrames, APhoneThatIsGoneWasHeardOfWhenItsLastFrameCame) {
+    world.start();
+    const auto phone = world.phone();
+    world.pass(10s);
+    world.send(*phone, Row::tokenUpdate("token"));
+    const platform::Clock::Instant then = world.clock.now();
+    world.pass(Receiver::idleTimeout + 1s);
+    EXPECT_EQ(world.left.size(), 1U) << "it was given up";
+    EXPECT_EQ(world.heardAt, then);
+    const auto other = world.phone();
+    world.pass(10s);
+    other->close();
+    world.settle();
+    EXPECT_EQ(world.left.size(), 2U);
+    EXPECT_EQ(world.heardAt, world.clock.now()) << "it has hung up just now";
+}
+
 // ---- the handshake, and silence
 
 TEST_F(ReceiverFrames, ABrokenHandshakeIsReportedAndNothingElseHappens) {

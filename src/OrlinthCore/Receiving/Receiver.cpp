@@ -53,6 +53,7 @@ struct Session {
     std::string cutBecause;               ///< likewise
     std::string from;                     ///< display name of the phone; on its queue
     PeerKey peerKey;                      ///< its key, once it is proved to be a paired one; on its queue
+    platform::Clock::Instant heardAt{};   ///< when something last came from the phone; on its queue
     /// What goes with the session, which is when the host has been told of its end.
     std::shared_ptr<const void> kept;
     bool isLeaving = false;               ///< it had to make room; on the receiver's queue
@@ -458,6 +459,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                         }
                     });
                 },
+            .onHeard = [session, &clock = system.clock] { session->heardAt = clock.now(); },
             .onOver =
                 [session] {
                     if (session->course == Session::Course::open) {
@@ -516,7 +518,7 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
         finishTransfer(*session, outcome, error);
     }
     if (session->isAnnounced && callbacks.onLeft) {
-        callbacks.onLeft(session->peerKey);
+        callbacks.onLeft({.peerKey = session->peerKey, .heardAt = session->heardAt});
     }
     session->kept.reset(); // others may hold the session for longer
 }

@@ -148,6 +148,14 @@ public:
         platform::Path savedAt{};   ///< where it was delivered
     };
 
+    /// A paired phone whose connection has ended.
+    struct Departure {
+        PeerKey peerKey;
+        /// When it last sent something by this connection, or hung up in good order. A phone that is gone is noticed
+        /// much later.
+        platform::Clock::Instant heardAt{};
+    };
+
     /// What happens, told on the receiver's queue. Every one may be empty. None may throw.
     struct Callbacks {
         std::function<void(std::uint16_t port)> onListening;
@@ -158,7 +166,7 @@ public:
         /// A paired phone has proved its key; told before its outcome is.
         std::function<void(const Arrival&)> onAuthenticated;
         /// The connection of such a phone has ended; told behind its outcome, once for each onAuthenticated.
-        std::function<void(const PeerKey&)> onLeft = {};
+        std::function<void(const Departure&)> onLeft = {};
         /// A file begins to come in. One that an earlier connection has delivered is none.
         std::function<void(const Transfer&)> onTransferStarted = {};
         /// Of each of those at most once in `progressInterval`.

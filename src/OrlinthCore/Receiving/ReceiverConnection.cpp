@@ -141,6 +141,7 @@ public:
                 co_return std::nullopt;
             }
             place_->heard();
+            context_.onHeard();
             FrameView frame = co_await framer_.decodeInPlace(context_.queues, buffer.body());
             if (const auto* data = std::get_if<MutableBytes>(&frame)) {
                 transfer_.takeData(static_cast<std::int64_t>(data->size()));
@@ -194,6 +195,7 @@ private:
         if (record) {
             name_ = record->peer_hostname;
         }
+        context_.onHeard();
         context_.onAuthenticated(
             record); // before anything that may be told of the phone, which has a name from here on
     }
@@ -220,6 +222,9 @@ private:
         try {
             co_await wire_.receiveFrame(buffer);
         } catch (const WireConnection::Error& error) {
+            if (error.which() == WireConnection::Error::Case::eof) {
+                context_.onHeard();
+            }
             const bool isEnd = transfer_.mayHangUp() && error.isBetweenFrames();
             if (!isEnd) {
                 throw;

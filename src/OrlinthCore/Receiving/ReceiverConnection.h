@@ -43,6 +43,8 @@ struct ReceiverConnectionContext {
     std::function<void(Receiver::Transfer)> onTransferStarted;
     /// So many bytes of it are here; not more often than Receiver::progressInterval.
     std::function<void(std::int64_t)> onTransferProgress;
+    /// Something has just come from the phone that has proved its key, or it has hung up in good order.
+    std::function<void()> onHeard;
     /// It is settled how the connection ends, though it may still have to wait for the disk: nothing that is said of it
     /// from now on, as by `dismiss`, is the reason.
     std::function<void()> onOver;

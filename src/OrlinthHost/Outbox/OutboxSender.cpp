@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Reach/Refusal.h"
 #include "OrlinthHost/Sending/Delivery.h"
 #include "OrlinthHost/Sending/PhoneLanes.h"
 #include "OrlinthHost/Sending/PhoneTimeouts.h"
@@ -42,12 +43,25 @@ bool needsNetwork(const PeerRecord& record) {
     return ipv4 != nullptr ? ipv4->front() != ownNetwork : record.peer_ip != "::1";
 }
 
-/// Whether there is somebody who takes no connections, also if that was tried until a deadline.
-bool isRefusal(const std::exception_ptr& failure) {
+/// Whether it is the phone that ended the attempt: by an answer, or by hanging up in good order.
+bool isOfThePhone(const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
     } catch (const SendError& error) {
-        return error.reason() == SendError::Reason::refused || (error.cause() && isRefusal(error.cause()));
+        return error.which() == SendError::Case::declined || error.which() == SendError::Case::peerRemoved;
+    } catch (const WireConnection::Error& error) {
+        return error.which() == WireConnection::Error::Case::eof;
+    } catch (...) {
+        return false;
+    }
+}
+
+/// Whether it ended before anybody tried to connect again: nothing was heard of the phone since.
+bool isPushFailure(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const SendError& error) {
+        return error.reason() == SendError::Reason::pushFailed;
     } catch (...) {
         return false;
     }
@@ -67,8 +81,11 @@ struct OutboxSender::Running final : Attempt {
           journal(std::move(journalOf)),
           bytes(journal->sizeOf(file)) {}
 
+    void onUnreached(const std::exception& error) override { wasRefused = isRefusal(error); }
+
     void onHandshakeComplete() override {
         Attempt::onHandshakeComplete();
+        heardAt = clock.now();
         if (onProof) {
             onProof();
         }
@@ -78,6 +95,7 @@ struct OutboxSender::Running final : Attempt {
         Attempt::onProgress(bytesSent, totalBytes);
         const platform::Clock::Instant now = clock.now();
         tellWatcher(now, {.done = bytesSent, .total = totalBytes});
+        heardAt = now; // it has answered, or its system has taken more
         if (!lastProgressAt || now - *lastProgressAt >= progressInterval) {
             lastProgressAt = now;
             events.progress(transfer, {.done = bytesSent, .total = totalBytes});
@@ -112,11 +130,13 @@ struct OutboxSender::Running final : Attempt {
     const Watcher* watcher = nullptr; ///< never, once it runs
     std::optional<platform::Clock::Instant> lastWatchedAt;
     std::optional<platform::Clock::Instant> lastProgressAt;
-    bool isCalledOff = false; ///< cancelled to look again at what is next
-    bool isCancelled = false; ///< by somebody who does not want it to be sent any more
-    bool isFirst = false;     ///< when it began there was no other connection to the phone
-    bool hadCompany = false;  ///< another connection to the phone was there for a time
-    OffersInDoubt inDoubt;    ///< with those of the attempts before
+    bool isCalledOff = false;           ///< cancelled to look again at what is next
+    bool isCancelled = false;           ///< by somebody who does not want it to be sent any more
+    bool isFirst = false;               ///< when it began there was no other connection to the phone
+    platform::Clock::Instant heardAt{}; ///< when something last came from the phone, once it has proved its key
+    bool wasRefused = false;            ///< at the last address that was tried, before a push
+    bool hadCompany = false;            ///< another connection to the phone was there for a time
+    OffersInDoubt inDoubt;              ///< with those of the attempts before
     std::optional<Delivered> delivered;
     platform::TaskGroup::Id task{};
     std::function<void()> onProof;
@@ -277,7 +297,7 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     running.number = AttemptNumber{++lastAttempt_};
     running.watcher = &watcher;
     if (onContact) {
-        running.onProof = [this, &running] { onContact(running.record, Contact::proved); };
+        running.onProof = [this, &running] { onContact(running.record, Contact::proved, running.heardAt); };
     }
     running.isFirst = isFirst;
     if (!isFirst) {
@@ -318,11 +338,13 @@ void OutboxSender::tellContact(const Running& running, const std::exception_ptr&
     if (!onContact || running.isCalledOff || isStopping_) {
         return;
     }
+    const platform::Clock::Instant now = home_.system.clock.now();
     if (running.stage() == AttemptStage::offering || running.stage() == AttemptStage::sending ||
         running.stage() == AttemptStage::farewell) {
-        onContact(running.record, Contact::proved); // it was there until just now
+        onContact(running.record, Contact::proved, !error || isOfThePhone(error) ? now : running.heardAt);
     } else if (error) {
-        onContact(running.record, isRefusal(error) ? Contact::refused : Contact::failed);
+        const bool isAsleep = isRefusal(error) || (running.wasRefused && isPushFailure(error));
+        onContact(running.record, isAsleep ? Contact::refused : Contact::failed, now);
     }
 }
 
@@ -483,7 +505,7 @@ void OutboxSender::heardOf(const PeerRecord& record) {
 
 void OutboxSender::isBack(const PeerKey& peerKey) {
     const auto at = phones_.find(peerKey);
-    if (at != phones_.end() && at->second->attempts.empty() && at->second->retries.heard(home_.system.clock.now())) {
+    if (at != phones_.end() && at->second->retries.returned(home_.system.clock.now())) {
         tryNow(*at->second);
     }
 }

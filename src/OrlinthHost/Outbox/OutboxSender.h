@@ -38,12 +38,14 @@ class OutboxSender {
 public:
     /// What an attempt has shown of a phone.
     enum class Contact {
-        proved,  ///< it has just proved its key
+        proved,  ///< it has proved its key, and perhaps sent more since
         refused, ///< whoever has its address does not take connections
         failed   ///< it cannot be reached, or the connection has come to nothing
     };
-    /// Told of each contact with a phone, on the home's executor. May be empty. Must not throw. Set before start().
-    std::function<void(const PeerRecord& phone, Contact contact)> onContact;
+    /// Told of each contact with a phone, on the home's executor. `at` is when something last came from it, which may
+    /// be long before a broken connection is noticed; of the others, it is now. May be empty. Must not throw. Set
+    /// before start().
+    std::function<void(const PeerRecord& phone, Contact contact, platform::Clock::Instant at)> onContact;
 
     /// Names an attempt to bring a file to a phone. No two of a sender have the same.
     enum class AttemptNumber : std::uint64_t {};
@@ -79,8 +81,8 @@ public:
     void start();
     /// This phone has just proved its key.
     void heardOf(const PeerRecord& record);
-    /// This phone seems to be in the network again. That may be seen because of an attempt that is under way, which
-    /// then goes on as if nothing was said.
+    /// This phone seems to be in the network again: it is tried, if it waits, as often as RetryPolicy::returned() has
+    /// it. That may be seen because of an attempt that is under way, which then goes on as if nothing was said.
     void isBack(const PeerKey& peerKey);
     /// Whether this computer is in any network; it is until somebody says otherwise. Without one nothing is tried but
     /// what needs none.

@@ -14,8 +14,9 @@ namespace orlinth::host {
 /// writes it anew.
 void updateSharedPeers(const Home& home) noexcept;
 
-/// The same for whoever is told often that something may have changed: off the home's executor, and only if it has. A
-/// change of the store is written at once, and another one when a minute has passed since the list was written.
+/// The same for whoever is told often that something may have changed: off the home's executor, and only if it has. If
+/// the store has changed, the list is written at once. If phones were only met again, it is written no sooner than a
+/// minute after it was last written.
 ///
 /// Threading: called on the home's executor; works on a thread of its own.
 class SharedPeersUpdates {

@@ -1,17 +1,10 @@
 #include "OrlinthHost/Reach/Approach.h"
 
-#include "OrlinthCore/Sending/SendError.h"
+#include "OrlinthHost/Phones/MetPhones.h"
+#include "OrlinthHost/Reach/Refusal.h"
 #include "platform/Cancelled.h"
 
 namespace orlinth::host {
-namespace {
-
-bool isRefusal(const std::exception& error) {
-    const auto* const failure = dynamic_cast<const SendError*>(&error);
-    return failure != nullptr && failure->reason() == SendError::Reason::refused;
-}
-
-} // namespace
 
 Approach::Approach(Finder* finder, PeerRecord phone, MaySweep maySweep, std::function<void(const PeerRecord&)> onMoved)
     : finder_(finder), phone_(std::move(phone)), maySweep_(maySweep), onMoved_(std::move(onMoved)) {}
@@ -29,7 +22,7 @@ void Approach::onUnreached(const std::exception& error) {
     if (!search_) {
         return;
     }
-    isAsleep_ = isRefusal(error) && !finder_->isElsewhere(phone_);
+    isAsleep_ = isRefusal(error) && !isAtAnothersAddress(finder_->home(), phone_);
     if (isAsleep_) {
         search_->giveUp();
     } else {
@@ -67,13 +60,9 @@ Task<> Approach::untilSearched(std::exception_ptr error) {
     if (!search_) {
         co_return;
     }
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& failure) {
-        const bool isPhoneAsleep = isRefusal(failure); // onUnreached() has seen it, and decided
-        if (!isPhoneAsleep) {
-            search_->hurry();
-        }
+    const bool isPhoneAsleep = isRefusal(error); // onUnreached() has seen it, and decided
+    if (!isPhoneAsleep) {
+        search_->hurry();
     }
     co_await search_->untilOver();
 }

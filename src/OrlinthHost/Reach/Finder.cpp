@@ -1,6 +1,7 @@
 #include "OrlinthHost/Reach/Finder.h"
 
 #include "OrlinthCore/SecureChannel/ResponderProof.h"
+#include "OrlinthHost/Phones/MetPhones.h"
 #include "OrlinthHost/Phones/SharedPeers.h"
 #include "base/Precondition.h"
 #include "platform/Cancelled.h"
@@ -306,7 +307,7 @@ void Finder::found(State& state, const HostAddress& host) {
     news_.changed();
     later([this, phone = state.phone.peer_pubkey, host] {
         const Meeting meeting = Whereabouts::look(home_.system).meetingAt(host);
-        ifStillPaired(phone, [&] { memory_.reached(phone, meeting); });
+        learnIfPaired(home_, phone, [&](AddressMemory& memory) { memory.reached(phone, meeting); });
     });
 }
 
@@ -315,28 +316,6 @@ void Finder::found(State& state, const HostAddress& host) {
 /// After those who wait have gone on: the disk does not hold up the phone.
 void Finder::later(std::function<void()> learn) {
     looks_.add(atTheNextTurn(std::move(learn)), [this](const std::exception_ptr& error) { report(error); });
-}
-
-/// Nobody removes the phone meanwhile: its record stays locked.
-void Finder::ifStillPaired(const PeerKey& phone, const std::function<void()>& learn) {
-    try {
-        PeerStore peers = home_.peers();
-        peers.update([&](PeerBook& book) {
-            if (book.find(phone) != nullptr) {
-                learn();
-            }
-            return false;
-        });
-    } catch (const PeerStoreError&) { // then nothing is learnt: it is only for later
-    }
-}
-
-bool Finder::isElsewhere(const PeerRecord& phone) const {
-    const std::optional<HostAddress> host = HostAddress::parse(phone.peer_ip);
-    const std::optional<MacAddress> there = host ? Whereabouts::look(home_.system).meetingAt(*host).mac : std::nullopt;
-    const std::vector<MacAddress> its =
-        soughtFor(phone, {.networks = {}, .isOnLink = [](const HostAddress&) { return false; }}).macs();
-    return there && !its.empty() && std::ranges::find(its, *there) == its.end();
 }
 
 void Finder::learnReached(const PeerRecord& phone) {
@@ -350,7 +329,7 @@ void Finder::learnReached(const PeerRecord& phone) {
     }
     reached_.insert_or_assign(phone.peer_pubkey, Reached{.address = phone.peer_ip, .at = now});
     const Meeting meeting = Whereabouts::look(home_.system).meetingAt(*host);
-    ifStillPaired(phone.peer_pubkey, [&] { memory_.reached(phone.peer_pubkey, meeting); });
+    learnIfPaired(home_, phone.peer_pubkey, [&](AddressMemory& memory) { memory.reached(phone.peer_pubkey, meeting); });
 }
 
 void Finder::learnFailed(const PeerRecord& phone) {

@@ -64,8 +64,6 @@ public:
     /// Ends everything that is under way. No search is left.
     [[nodiscard]] Task<> finish();
 
-    /// Whether the hardware address that the phone was met with has another host now, at the recorded address.
-    [[nodiscard]] bool isElsewhere(const PeerRecord& phone) const;
     /// The phone has proved its key at the address of its record; for later. At most once a minute for each address.
     void learnReached(const PeerRecord& phone);
     /// It has not.
@@ -90,7 +88,6 @@ private:
     [[nodiscard]] bool isAnyWanted(std::optional<std::uint16_t> port = {}) const;
     void report(const std::exception_ptr& error) const;
     void leave(const std::shared_ptr<State>& state);
-    void ifStillPaired(const PeerKey& phone, const std::function<void()>& learn);
     void later(std::function<void()> learn);
 
     Home& home_;

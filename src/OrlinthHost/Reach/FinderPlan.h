@@ -60,7 +60,6 @@ public:
     static constexpr std::size_t maxRemembered = AddressBook::maxCandidates;
     static constexpr std::size_t maxByMac = 4;
     static constexpr std::size_t maxOthers = 16;
-    static constexpr std::size_t maxSwept = 254;
     /// Entries of the neighbour table above which nothing is swept. The kernel has room for 1,024.
     static constexpr std::size_t crowdedTable = 512;
 

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/SecureChannel/ResponderProof.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/MetPhones.h"
 #include "OrlinthHost/Phones/Whereabouts.h"
 #include "platform/Cancelled.h"
 #include "platform/Deadline.h"
@@ -415,22 +416,9 @@ private:
             lookAtNeighbour();
         }
         if (evidence_.proof == Evidence::Proof::phonesKey && host_ && isOnLink()) {
-            learnReached(Whereabouts::look(home_.system).meetingAt(*host_));
-        }
-    }
-
-    /// Nobody removes the phone meanwhile: its record stays locked.
-    void learnReached(const Meeting& meeting) {
-        AddressMemory memory(home_.system.files, home_.system.clock, home_.system.log, home_.dataDirectory());
-        try {
-            home_.peers().update([&](PeerBook& book) {
-                if (book.find(phone_.peer_pubkey) != nullptr) {
-                    memory.reached(phone_.peer_pubkey, meeting);
-                }
-                return false;
-            });
-        } catch (const PeerStoreError&) {
-            return; // then nothing is learnt: it is only for later
+            const Meeting meeting = Whereabouts::look(home_.system).meetingAt(*host_);
+            learnIfPaired(home_, phone_.peer_pubkey,
+                          [&](AddressMemory& memory) { memory.reached(phone_.peer_pubkey, meeting); });
         }
     }
 

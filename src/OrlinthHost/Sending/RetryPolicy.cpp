@@ -84,6 +84,17 @@ bool RetryPolicy::heard(Instant now) noexcept {
     return true;
 }
 
+bool RetryPolicy::returned(Instant now) noexcept {
+    const bool isTooSoon = returnedAt_ && now - *returnedAt_ < returnInterval;
+    if (state_ != State::pausing || underWay_ > 0 || isTooSoon) {
+        return false;
+    }
+    returnedAt_ = now;
+    isOutOfTurn_ = false; // a phone that calls because of this attempt's push may get another one
+    state_ = State::idle;
+    return true;
+}
+
 /// A pause goes on: it has its reason, and what is under way shows whether the phone is there.
 void RetryPolicy::hopeForTheNext() noexcept {
     if (state_ == State::sending) {

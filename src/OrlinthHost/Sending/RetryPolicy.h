@@ -28,6 +28,8 @@ public:
 
     /// How long a pause has lasted after which being heard of is not taken for an answer to our own push.
     static constexpr Seconds echoTime = 60s;
+    /// Within this time a phone that comes and goes in the network is tried once for that.
+    static constexpr Seconds returnInterval = 600s;
     /// The pause from the n-th failure in a row, counted from 1, to the next attempt.
     [[nodiscard]] static Seconds pauseAfter(int failures) noexcept;
 
@@ -68,6 +70,10 @@ public:
     /// The phone was heard of, which may be the answer to the push of an attempt that has failed all the same; the next
     /// one would fail so too, and push. Returns whether to try now, as reasonToHope().
     [[nodiscard]] bool heard(Instant now) noexcept;
+    /// Its device seems to be in the network again. That is less than being heard of: a phone that dozes comes and goes
+    /// each minute, and each attempt may push. So failures before still count, and what is under way goes on without
+    /// hope. Returns whether to try now, and a pause is over by that: at most once in returnInterval.
+    [[nodiscard]] bool returned(Instant now) noexcept;
 
 private:
     void hopeForTheNext() noexcept;
@@ -75,9 +81,10 @@ private:
 
     State state_ = State::idle;
     std::size_t underWay_ = 0;
-    int failures_ = 0;         ///< in a row
-    Instant pausedAt_{};       ///< while pausing
-    bool isOutOfTurn_ = false; ///< the attempt under way, or the last, was made at once for hope
+    int failures_ = 0;                  ///< in a row
+    Instant pausedAt_{};                ///< while pausing
+    std::optional<Instant> returnedAt_; ///< when it was last tried for that
+    bool isOutOfTurn_ = false;          ///< the attempt under way, or the last, was made at once for hope
 };
 
 } // namespace orlinth::host

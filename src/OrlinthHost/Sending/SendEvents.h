@@ -31,6 +31,9 @@ public:
     virtual void began(const Transfer& transfer, const std::string& name, std::int64_t size,
                        const std::string& mime) = 0;
     virtual void connected(const Transfer& transfer) = 0;
+    /// The phone was found at another address than its record's, which the transfer's phone has now; connecting begins
+    /// again there.
+    virtual void moved(const Transfer& transfer) = 0;
     /// A push was delivered; connecting begins again.
     virtual void waking(const Transfer& transfer) = 0;
     /// The phone has proved its key.

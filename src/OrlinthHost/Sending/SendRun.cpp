@@ -139,8 +139,9 @@ Task<> SendRun::send(Running& running) {
                             .finder = running.plan.isLeader ? &finder_ : nullptr, // one search is enough
                             .maySweep = MaySweep::yes,
                             .onMoved =
-                                [this, phone = running.plan.phone](const PeerRecord& moved) {
-                                    phones_.at(phone).peer_ip = moved.peer_ip; // for the files that follow
+                                [this, &running](const PeerRecord& moved) {
+                                    phones_.at(running.plan.phone).peer_ip = moved.peer_ip; // also for other files
+                                    events_.moved(running.transfer);
                                 }};
     Delivered delivered = co_await deliver(home_.system, std::move(request));
     running.delivered = std::move(delivered);

@@ -156,13 +156,15 @@ void NetworkLookout::see(const platform::Neighbour& entry, bool isNews) {
         return;
     }
     const std::vector<PeerKey> phones = phonesWith(*mac);
-    const bool wasThere = good_.contains(id);
-    const std::vector<PeerKey> before = std::exchange(good_[id], phones);
+    const auto place = good_.find(id);
+    // the same device as before has not come, though it may have become known only now that it is the phone
+    const bool isOther = place == good_.end() || place->second.mac != *mac;
+    const std::vector<PeerKey> before = place != good_.end() ? place->second.phones : std::vector<PeerKey>();
+    good_.insert_or_assign(id, Device{.mac = *mac, .phones = phones});
     tellOfTheGone(before);
     for (const PeerKey& phone : phones) {
-        // where nobody's phone was, somebody may have learnt only now that it is this phone's
-        const bool isNew = !wasThere || (!before.empty() && std::ranges::find(before, phone) == before.end());
-        if (isNew && isNews) {
+        const bool hasCome = isOther && std::ranges::find(before, phone) == before.end();
+        if (hasCome && isNews) {
             callbacks_.onPhone(phone);
         }
         if (entry.state == platform::NeighbourState::reachable) {
@@ -174,7 +176,7 @@ void NetworkLookout::see(const platform::Neighbour& entry, bool isNews) {
 void NetworkLookout::lose(const EntryId& id) {
     const auto place = good_.find(id);
     if (place != good_.end()) {
-        const std::vector<PeerKey> phones = std::move(place->second);
+        const std::vector<PeerKey> phones = std::move(place->second.phones);
         good_.erase(place);
         tellOfTheGone(phones);
     }
@@ -184,7 +186,7 @@ void NetworkLookout::lose(const EntryId& id) {
 void NetworkLookout::tellOfTheGone(const std::vector<PeerKey>& phones) {
     for (const PeerKey& phone : phones) {
         const bool isThere = std::ranges::any_of(good_, [&phone](const auto& entry) {
-            return std::ranges::find(entry.second, phone) != entry.second.end();
+            return std::ranges::find(entry.second.phones, phone) != entry.second.phones.end();
         });
         if (!isThere) {
             callbacks_.onPhoneGone(phone);
@@ -193,12 +195,12 @@ void NetworkLookout::tellOfTheGone(const std::vector<PeerKey>& phones) {
 }
 
 void NetworkLookout::takeTable(const std::vector<platform::Neighbour>& table, bool isNews) {
-    std::map<EntryId, std::vector<PeerKey>> before = good_;
+    std::map<EntryId, Device> before = good_;
     for (const platform::Neighbour& entry : table) {
         before.erase({entry.address, entry.interfaceIndex});
         see(entry, isNews);
     }
-    for (const auto& [id, phones] : before) { // those that are not there any more
+    for (const auto& [id, device] : before) { // those that are not there any more
         lose(id);
     }
 }

@@ -80,6 +80,11 @@ private:
         [[nodiscard]] bool isSameAs(const View& other) const;
     };
     using EntryId = std::pair<platform::IpAddress, std::uint32_t>;
+    /// A neighbour that is there.
+    struct Device {
+        MacAddress mac;
+        std::vector<PeerKey> phones; ///< which it is, as far as it was met
+    };
 
     [[nodiscard]] View view() const;
     void onNews();
@@ -100,7 +105,7 @@ private:
     std::optional<platform::Clock::Instant> toldAt_; ///< of a new network
     View seen_;                                      ///< what was told
     bool isConnected_ = true;                        ///< as told
-    std::map<EntryId, std::vector<PeerKey>> good_;   ///< the neighbours that are there, and which phones they are
+    std::map<EntryId, Device> good_;
     platform::FileChangeCheck addressesCheck_;
     std::map<MacAddress, std::vector<PeerKey>> phones_; ///< as the file said at the last look
     bool hasSlept_ = false;                             ///< since then

@@ -1,6 +1,6 @@
 #include "OrlinthHost/Service/PhoneArrivals.h"
 
-#include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/MetPhones.h"
 #include "OrlinthHost/Phones/Whereabouts.h"
 #include "platform/IpAddress.h"
 
@@ -42,17 +42,10 @@ Task<> PhoneArrivals::finish() {
 
 /// On the thread.
 void PhoneArrivals::learn(const PeerKey& phone, const HostAddress& host) const {
-    try {
-        const Meeting meeting = Whereabouts::look(home_.system).meetingAt(host);
-        home_.peers().update([&](PeerBook& book) { // its record stays locked, so that nobody removes it meanwhile
-            if (book.find(phone) != nullptr) {
-                arrivalMemory(home_).came(phone, meeting);
-                asio::post(home_.executor, onLearnt_);
-            }
-            return false;
-        });
-    } catch (const PeerStoreError&) {
-        return; // nobody knows whether it is paired; whoever looks for its record reports the store
+    const Meeting meeting = Whereabouts::look(home_.system).meetingAt(host);
+    const bool isLearnt = learnIfPaired(home_, phone, [&](AddressMemory& memory) { memory.came(phone, meeting); });
+    if (isLearnt) {
+        asio::post(home_.executor, onLearnt_);
     }
 }
 
@@ -68,7 +61,7 @@ void PhoneArrivals::forgetOthers() const {
             return false;
         });
     } catch (const PeerStoreError&) {
-        return; // likewise
+        return; // nobody knows who is paired; whoever looks for a record reports the store
     }
 }
 

@@ -19,7 +19,7 @@ enum class PresenceState {
 struct PhonePresence {
     PeerKey peerKey;
     PresenceState state = PresenceState::unknown;
-    std::optional<EpochMilliseconds> seen = {}; ///< when it last proved its key; nothing if it never has
+    std::optional<EpochMilliseconds> seen = {}; ///< when something last came from it; nothing if never
     bool canWake = false;                       ///< there are a push token and a key for the push service
 
     friend bool operator==(const PhonePresence&, const PhonePresence&) = default;

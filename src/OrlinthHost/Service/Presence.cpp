@@ -1,5 +1,7 @@
 #include "OrlinthHost/Service/Presence.h"
 
+#include <algorithm>
+
 namespace orlinth::host {
 
 void Presence::arrived(const PeerKey& phone, Moment now) {
@@ -7,22 +9,21 @@ void Presence::arrived(const PeerKey& phone, Moment now) {
     ++phones_[phone].open;
 }
 
-void Presence::left(const PeerKey& phone, Moment now) {
+void Presence::left(const PeerKey& phone, Moment heard) {
     Phone& known = phones_[phone];
     if (known.open > 0) {
         --known.open;
-        if (known.isHeardOf) { // else this computer has changed networks meanwhile, and it is the end of a dead
-                               // connection
-            known.provedAt = now.instant;
-            known.seen = now.epoch;
-        }
+        proved(phone, heard);
     }
 }
 
-void Presence::proved(const PeerKey& phone, Moment now) {
+void Presence::proved(const PeerKey& phone, Moment heard) {
     Phone& known = phones_[phone];
-    known.provedAt = now.instant;
-    known.seen = now.epoch;
+    known.seen = std::max(known.seen.value_or(heard.epoch), heard.epoch);
+    if (heard.instant < changedAt_ || heard.instant < known.failedAt) {
+        return;
+    }
+    known.provedAt = std::max(known.provedAt.value_or(heard.instant), heard.instant);
     known.hasRefused = false;
     known.isHeardOf = true;
 }
@@ -33,14 +34,16 @@ void Presence::refused(const PeerKey& phone, Instant now) {
     known.confirmedAt = now;
     known.hasRefused = true;
     known.isHeardOf = true;
+    known.failedAt = now;
 }
 
-void Presence::failed(const PeerKey& phone) {
+void Presence::failed(const PeerKey& phone, Instant now) {
     Phone& known = phones_[phone];
     known.provedAt.reset();
     known.confirmedAt.reset();
     known.hasRefused = false;
     known.isHeardOf = true;
+    known.failedAt = now;
 }
 
 void Presence::confirmed(const PeerKey& phone, Instant now) {
@@ -57,13 +60,15 @@ void Presence::disappeared(const PeerKey& phone) {
     }
 }
 
-void Presence::networkChanged() {
+void Presence::networkChanged(Instant now) {
+    changedAt_ = now;
     for (auto& [key, phone] : phones_) {
         phone = {.open = phone.open,
                  .provedAt = {},
                  .confirmedAt = {},
                  .hasRefused = false,
                  .isHeardOf = false,
+                 .failedAt = phone.failedAt,
                  .seen = phone.seen};
     }
 }

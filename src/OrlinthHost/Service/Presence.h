@@ -37,19 +37,21 @@ public:
 
     /// A connection with it is open: it has just proved its key. left() follows.
     void arrived(const PeerKey& phone, Moment now);
-    void left(const PeerKey& phone, Moment now);
-    /// It has proved its key, in either direction.
-    void proved(const PeerKey& phone, Moment now);
+    /// The connection is over. `heard` is when something last came by it, which may be long ago.
+    void left(const PeerKey& phone, Moment heard);
+    /// It has proved its key, in either direction, or something has come from it by a connection for which it had. What
+    /// was before it refused or failed, or in another network, only says when it was seen.
+    void proved(const PeerKey& phone, Moment heard);
     /// It, and nobody else, has refused a connection.
     void refused(const PeerKey& phone, Instant now);
     /// It did not answer.
-    void failed(const PeerKey& phone);
+    void failed(const PeerKey& phone, Instant now);
     /// The system has just found that its hardware address answers.
     void confirmed(const PeerKey& phone, Instant now);
     /// The system has found that it does not answer.
     void disappeared(const PeerKey& phone);
     /// This computer is in another network, or in none.
-    void networkChanged();
+    void networkChanged(Instant now);
 
     /// `peerKey` is always the phone's.
     [[nodiscard]] PhonePresence of(const PeerKey& phone, Instant now) const;
@@ -61,11 +63,13 @@ private:
         std::optional<Instant> confirmedAt;
         bool hasRefused = false; ///< since it proved its key
         bool isHeardOf = false;  ///< in this network
+        Instant failedAt{};      ///< when it last refused or did not answer
         std::optional<EpochMilliseconds> seen;
     };
 
     [[nodiscard]] static PresenceState stateOf(const Phone& phone, Instant now);
 
+    Instant changedAt_{};             ///< the network; nothing before counts
     std::map<PeerKey, Phone> phones_; ///< one for each that anything has happened with
 };
 

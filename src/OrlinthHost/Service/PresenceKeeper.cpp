@@ -2,7 +2,7 @@
 
 #include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
-#include "OrlinthHost/Phones/Whereabouts.h"
+#include "OrlinthHost/Phones/MetPhones.h"
 
 #include <algorithm>
 #include <map>
@@ -23,8 +23,8 @@ void PresenceKeeper::arrived(const PeerKey& phone) {
     tellChange();
 }
 
-void PresenceKeeper::left(const PeerKey& phone) {
-    presence_.left(phone, now());
+void PresenceKeeper::left(const PeerKey& phone, platform::Clock::Instant heardAt) {
+    presence_.left(phone, momentOf(heardAt));
     tellChange();
 }
 
@@ -39,18 +39,18 @@ void PresenceKeeper::disappeared(const PeerKey& phone) {
 }
 
 void PresenceKeeper::networkChanged() {
-    presence_.networkChanged();
+    presence_.networkChanged(home_.system.clock.now());
     tellChange();
 }
 
-void PresenceKeeper::learn(const PeerRecord& phone, OutboxSender::Contact contact) {
+void PresenceKeeper::learn(const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
     using Contact = OutboxSender::Contact;
     if (contact == Contact::proved) {
-        presence_.proved(phone.peer_pubkey, now());
-    } else if (contact == Contact::refused && !isAnother(phone)) {
-        presence_.refused(phone.peer_pubkey, home_.system.clock.now());
+        presence_.proved(phone.peer_pubkey, momentOf(at));
+    } else if (contact == Contact::refused && !isAtAnothersAddress(home_, phone)) {
+        presence_.refused(phone.peer_pubkey, at);
     } else {
-        presence_.failed(phone.peer_pubkey);
+        presence_.failed(phone.peer_pubkey, at);
     }
     tellChange();
 }
@@ -61,24 +61,10 @@ void PresenceKeeper::tellChange() const {
     }
 }
 
-/// Whether another device has the phone's address, as far as hardware addresses tell.
-bool PresenceKeeper::isAnother(const PeerRecord& phone) const {
-    const std::optional<HostAddress> host = HostAddress::parse(phone.peer_ip);
-    if (!host) {
-        return false;
-    }
-    const Meeting meeting = Whereabouts::look(home_.system).meetingAt(*host);
-    if (!meeting.mac || !meeting.network) {
-        return false;
-    }
-    bool isKnownHere = false;
-    for (const KnownAddress& known : knownAddresses(home_).addressesOf(phone.peer_pubkey)) {
-        if (known.mac == meeting.mac) {
-            return false;
-        }
-        isKnownHere = isKnownHere || (known.mac && known.network == meeting.network);
-    }
-    return isKnownHere;
+Presence::Moment PresenceKeeper::momentOf(platform::Clock::Instant instant) const {
+    const Seconds since = home_.system.clock.now() - instant;
+    return {.instant = instant,
+            .epoch = home_.system.clock.epochMilliseconds() - std::chrono::round<std::chrono::milliseconds>(since)};
 }
 
 std::vector<PhonePresence> PresenceKeeper::all() const {

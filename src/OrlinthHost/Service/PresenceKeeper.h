@@ -24,9 +24,10 @@ public:
     std::function<void()> onChanged;
 
     void arrived(const PeerKey& phone);
-    void left(const PeerKey& phone);
+    /// `heardAt`: when something last came from it.
+    void left(const PeerKey& phone, platform::Clock::Instant heardAt);
     /// An attempt to send has shown this. A refusal by another device, which has the address now, is none.
-    void learn(const PeerRecord& phone, OutboxSender::Contact contact);
+    void learn(const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at);
     void confirmed(const PeerKey& phone);
     void disappeared(const PeerKey& phone);
     void networkChanged();
@@ -35,11 +36,10 @@ public:
     [[nodiscard]] std::vector<PhonePresence> all() const;
 
 private:
-    [[nodiscard]] Presence::Moment now() const {
-        return {.instant = home_.system.clock.now(), .epoch = home_.system.clock.epochMilliseconds()};
-    }
+    [[nodiscard]] Presence::Moment now() const { return momentOf(home_.system.clock.now()); }
+    /// By both clocks, of an instant that is not ahead.
+    [[nodiscard]] Presence::Moment momentOf(platform::Clock::Instant instant) const;
     void tellChange() const;
-    [[nodiscard]] bool isAnother(const PeerRecord& phone) const;
 
     Home& home_;
     Presence presence_;

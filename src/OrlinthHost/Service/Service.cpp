@@ -93,8 +93,8 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
       api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
       control(service.home_, api, loan, service.events_),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
-    outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact) {
-        presence.learn(phone, contact);
+    outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
+        presence.learn(phone, contact, at);
         if (contact == OutboxSender::Contact::proved) {
             sharedPeers.update(); // it was met
         }
@@ -119,24 +119,26 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
 }
 
 Receiver::Callbacks Service::Parts::callbacks() {
-    Receiver::Callbacks told{.onListening = [this](std::uint16_t port) { start(port); },
-                             .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
-                             .onClipboard = [this](const Receiver::Clipboard& text) { events.textReceived(text); },
-                             .onSync =
-                                 [this](const Receiver::ProcessOutcome& outcome) {
-                                     events.settled(outcome);
-                                     sharedPeers.update();
-                                 },
-                             .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
-                             .onAuthenticated =
-                                 [this](const Receiver::Arrival& arrival) {
-                                     events.authenticated(arrival.phone, keys.pairedCount());
-                                     presence.arrived(arrival.phone.peer_pubkey);
-                                     arrivals.came(arrival);
-                                     outbox.heardOf(arrival.phone);
-                                     sharedPeers.update();
-                                 },
-                             .onLeft = [this](const PeerKey& phone) { presence.left(phone); }};
+    Receiver::Callbacks told{
+        .onListening = [this](std::uint16_t port) { start(port); },
+        .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
+        .onClipboard = [this](const Receiver::Clipboard& text) { events.textReceived(text); },
+        .onSync =
+            [this](const Receiver::ProcessOutcome& outcome) {
+                events.settled(outcome);
+                sharedPeers.update();
+            },
+        .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
+        .onAuthenticated =
+            [this](const Receiver::Arrival& arrival) {
+                events.authenticated(arrival.phone, keys.pairedCount());
+                presence.arrived(arrival.phone.peer_pubkey);
+                arrivals.came(arrival);
+                outbox.heardOf(arrival.phone);
+                sharedPeers.update();
+            },
+        .onLeft =
+            [this](const Receiver::Departure& departure) { presence.left(departure.peerKey, departure.heardAt); }};
     api.watch(told);
     return told;
 }

@@ -122,20 +122,19 @@ private:
             return 0;
         }
         const std::map<PeerKey, host::PhonePresence> presence = presenceOf(host, book);
-        const bool hasPushKey = host.system.files.exists(FcmWake::defaultServiceAccountURL(host.system.directories));
         for (const PeerRecord& record : book.peers) {
             const host::PhonePresence& phone = presence.at(record.peer_pubkey);
             Json fields = host::publicFields(record);
             fields["state"] = host::textOf(phone.state);
             fields["seen_epoch_ms"] = phone.seen ? toNumber(*phone.seen) : 0;
-            fields["can_wake"] = hasPushKey && !record.peer_fcm_token.empty();
+            fields["can_wake"] = phone.canWake;
             host.output.event("peer", std::move(fields));
         }
-        printTable(host, book, presence, hasPushKey);
+        printTable(host, book, presence);
         return 0;
     }
 
-    /// As the service has it; without one, when each phone was last met.
+    /// As the service has it; without one, when each phone was last met. Whether it can be woken is looked up here.
     static std::map<PeerKey, host::PhonePresence> presenceOf(Host& host, const PeerBook& book) {
         const std::map<PeerKey, EpochMilliseconds> meetings =
             host::AddressMemory(host.system.files, host.system.clock, host.system.log, host.dataDirectory())
@@ -150,6 +149,10 @@ private:
             for (const host::PhonePresence& phone : *known) {
                 presence[phone.peerKey] = phone;
             }
+        }
+        const bool hasPushKey = host.system.files.exists(FcmWake::defaultServiceAccountURL(host.system.directories));
+        for (const PeerRecord& record : book.peers) {
+            presence[record.peer_pubkey].canWake = hasPushKey && !record.peer_fcm_token.empty();
         }
         return presence;
     }
@@ -167,16 +170,15 @@ private:
         return phone.seen ? host::humanSince(*phone.seen, now) : "-";
     }
 
-    static void printTable(Host& host, const PeerBook& book, const std::map<PeerKey, host::PhonePresence>& presence,
-                           bool hasPushKey) {
+    static void printTable(Host& host, const PeerBook& book, const std::map<PeerKey, host::PhonePresence>& presence) {
         constexpr std::size_t columns = 6;
         using Row = std::array<std::string, columns>;
         std::vector<Row> rows{{"NAME", "ADDRESS", "KEY", "PAIRED", "SEEN", "WAKE"}};
         for (const PeerRecord& record : book.peers) {
+            const host::PhonePresence& phone = presence.at(record.peer_pubkey);
             rows.push_back({forDisplay(record.peer_hostname), forDisplay(host::addressOf(record)),
                             host::shortKey(record.peer_pubkey), host::humanTime(record.paired_at_epoch_ms),
-                            seenText(presence.at(record.peer_pubkey), host.system.clock.epochMilliseconds()),
-                            hasPushKey && !record.peer_fcm_token.empty() ? "yes" : "no"});
+                            seenText(phone, host.system.clock.epochMilliseconds()), phone.canWake ? "yes" : "no"});
         }
         std::array<std::size_t, columns> widths{};
         for (const Row& row : rows) {

@@ -85,6 +85,13 @@ void SendReporter::connected(const Transfer& transfer) {
     output_.event("connected", context(transfer));
 }
 
+void SendReporter::moved(const Transfer& transfer) {
+    Json fields = context(transfer);
+    fields["address"] = transfer.phone.peer_ip;
+    output_.event("moved", std::move(fields));
+    output_.message(forDisplay(transfer.phone.peer_hostname) + " has moved to " + forDisplay(transfer.phone.peer_ip));
+}
+
 void SendReporter::waking(const Transfer& transfer) {
     output_.event("waking", context(transfer));
     output_.message("waking " + forDisplay(transfer.phone.peer_hostname));

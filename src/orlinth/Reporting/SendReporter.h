@@ -52,6 +52,7 @@ public:
     void expected(std::size_t transfers, std::int64_t bytes) override;
     void began(const Transfer& transfer, const std::string& name, std::int64_t size, const std::string& mime) override;
     void connected(const Transfer& transfer) override;
+    void moved(const Transfer& transfer) override;
     void waking(const Transfer& transfer) override;
     void authenticated(const Transfer& transfer) override;
     void progress(const Transfer& transfer, const Progress& progress) override;

@@ -9,8 +9,8 @@
 
 namespace orlinth::platform {
 
-/// A connection to the session's bus that an executor looks after: Asio waits for its socket and for its time limits,
-/// and nothing here waits for the bus, but runUntil().
+/// A connection to a bus, the session's or the system's, that an executor looks after: Asio waits for its socket and
+/// for its time limits, and nothing here waits for the bus, but runUntil().
 ///
 /// What others send is worked through a few messages at a time, so that a flood of them leaves the executor's other
 /// work its turns. A bus that has not said hello within the limit for answers counts as lost.

@@ -8,6 +8,7 @@
 #include <asio/system_error.hpp>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <limits.h>
@@ -25,7 +26,7 @@ using namespace std::chrono_literals;
 constexpr std::uint32_t namesChange = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
 constexpr std::uint32_t folderGoes = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 constexpr std::uint32_t wanted = namesChange | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-/// How often a folder is looked for that has gone.
+/// How often a folder is looked for that has gone, and a file that cannot be watched.
 constexpr auto lookEvery = 2s;
 /// Buffers of events that are taken before others have their turn: somebody may make changes without end.
 constexpr int maxReads = 16;
@@ -45,7 +46,9 @@ public:
         if (watch_ == -1) {
             throw SystemError::fromErrno();
         }
-        watchFile(inotify.get());
+        if (const std::error_code failure = watchFile(inotify.get())) {
+            throw SystemError(failure);
+        }
         std::error_code code;
         static_cast<void>(events_.assign(inotify.get(), code));
         if (code) {
@@ -79,31 +82,57 @@ private:
         return ::inotify_add_watch(inotify, folder_.c_str(), file_.empty() ? wanted | IN_CLOSE_WRITE : wanted);
     }
 
-    /// By itself, as the folder's watch would wake us up for each of its files that is closed.
-    void watchFile(int inotify) {
-        if (!file_.empty()) {
-            const int before = fileWatch_;
-            fileWatch_ = ::inotify_add_watch(inotify, (folder_ / file_).c_str(), IN_CLOSE_WRITE);
-            if (before != -1 && before != fileWatch_) { // the file that had the name may live on under another one
-                ::inotify_rm_watch(inotify, before);
-            }
+    /// By itself, as the folder's watch would wake us up for each of its files that is closed. Returns why it cannot be
+    /// watched, if it is there.
+    [[nodiscard]] std::error_code watchFile(int inotify) {
+        if (file_.empty()) {
+            return {};
+        }
+        const int before = fileWatch_;
+        fileWatch_ = ::inotify_add_watch(inotify, (folder_ / file_).c_str(), IN_CLOSE_WRITE);
+        const int failure = fileWatch_ == -1 && errno != ENOENT && errno != ENOTDIR ? errno : 0;
+        if (before != -1 && before != fileWatch_) { // the file that had the name may live on under another one
+            ::inotify_rm_watch(inotify, before);
+        }
+        return {failure, std::generic_category()};
+    }
+
+    /// The file that has the name now. One that cannot be watched is looked at later.
+    void followFile() {
+        isFileMissed_ = static_cast<bool>(watchFile(events_.native_handle()));
+        if (isFileMissed_) {
+            lookLater();
         }
     }
 
     /// Whether it is there again. If not, it is looked for later.
     bool findFolder() {
         watch_ = watchFolder(events_.native_handle());
-        watchFile(events_.native_handle());
+        followFile();
         if (watch_ == -1) {
-            look_.expires_after(lookEvery);
-            look_.async_wait([weak = weak_from_this()](std::error_code code) {
-                const std::shared_ptr<Inotify> self = weak.lock();
-                if (self && !code && self->watch_ == -1 && self->findFolder()) {
-                    self->onChange_();
-                }
-            });
+            lookLater();
         }
         return watch_ != -1;
+    }
+
+    void lookLater() {
+        look_.expires_after(lookEvery);
+        look_.async_wait([weak = weak_from_this()](std::error_code code) {
+            const std::shared_ptr<Inotify> self = weak.lock();
+            if (self && !code && self->findWhatIsMissed()) {
+                self->onChange_();
+            }
+        });
+    }
+
+    /// Whether something is watched again, in which anything may have changed meanwhile.
+    bool findWhatIsMissed() {
+        if (watch_ == -1) {
+            return findFolder();
+        }
+        const bool wasMissed = isFileMissed_;
+        followFile();
+        return wasMissed && !isFileMissed_;
     }
 
     /// Takes what the kernel has to tell; returns whether something has changed.
@@ -130,12 +159,12 @@ private:
 
     bool take(const inotify_event& event, const char* name) {
         if ((event.mask & IN_Q_OVERFLOW) != 0) {
-            watchFile(events_.native_handle());
+            followFile();
             return true; // some were lost
         }
         if (event.wd == fileWatch_) {
             if ((event.mask & folderGoes) != 0) { // it has gone, perhaps because another one has taken its place
-                watchFile(events_.native_handle());
+                followFile();
             }
             return true;
         }
@@ -154,7 +183,7 @@ private:
         if (file_.native() != name) {
             return false;
         }
-        watchFile(events_.native_handle());
+        followFile();
         return true;
     }
 
@@ -163,8 +192,9 @@ private:
     const std::function<void()> onChange_;
     asio::posix::stream_descriptor events_;
     asio::steady_timer look_;
-    int watch_ = -1;     ///< -1: the folder is not there
-    int fileWatch_ = -1; ///< -1: no file is watched, or it is not there
+    int watch_ = -1;            ///< -1: the folder is not there
+    int fileWatch_ = -1;        ///< -1: no file is watched, or it is not there
+    bool isFileMissed_ = false; ///< it is there, and cannot be watched
 };
 
 class InotifyWatch final : public FolderWatch {

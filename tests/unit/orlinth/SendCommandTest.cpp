@@ -1,8 +1,12 @@
+#include "OrlinthCore/SecureChannel/KeyVault.h"
+#include "OrlinthHost/Phones/AddressMemory.h"
+#include "fakes/ProvenKey.h"
 #include "unit/orlinth/CommandWorld.h"
 
 namespace orlinth::cli {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -97,6 +101,30 @@ TEST_F(SendCommandTest, ConnectsToNobodyForAFileThatIsNotThere) {
     EXPECT_EQ(ended.status, 1);
     EXPECT_THAT(world.network.attempts, IsEmpty());
     EXPECT_THAT(ended.names(), testing::Contains("error"));
+}
+
+TEST_F(SendCommandTest, SaysThatThePhoneHasMoved) {
+    const PeerRecord record = world.phoneRecord();
+    const platform::IpAddress address = *platform::parseIpAddress("192.168.1.57");
+    world.network.makeSilent(record.peer_ip);
+    world.routes.putOnLink(address, "enp3s0");
+    const platform::Path folder = world.system.directories.data / KeyVault::defaultDirectoryName;
+    host::AddressMemory(world.files, world.clock, world.log, folder)
+        .reached(record.peer_pubkey, {.host = *host::HostAddress::parse("192.168.1.57")});
+    std::size_t received = 0;
+    world.probe.accept(address, fakes::World::phonePort, [&](std::unique_ptr<fakes::MemoryStream> stream) {
+        world.alongside(fakes::proveKey(std::move(stream), world.phoneKey.clone(), received));
+    });
+    world.alongside(take());
+    const Ended ended = send({"--json"});
+    EXPECT_EQ(ended.status, 0) << ended.failure();
+    ASSERT_THAT(ended.names(),
+                ElementsAre("file", "moved", "connected", "handshake", "progress", "progress", "complete"));
+    EXPECT_EQ(ended.events().at(1).at("address"), "192.168.1.57");
+    EXPECT_EQ(book().peers.front().peer_ip, "192.168.1.57");
+    pair({record});
+    world.alongside(take());
+    EXPECT_THAT(send({}).errors, Contains("Pixel-8 has moved to 192.168.1.57"));
 }
 
 } // namespace

@@ -177,6 +177,35 @@ TEST_F(LinuxFolderWatchTest, FindsTheFileAgainWhenItsFolderIsBack) {
     runUntil([&] { return calls > found; });
 }
 
+TEST_F(LinuxFolderWatchTest, SaysWhyAFileThatIsThereCannotBeWatched) {
+    std::filesystem::create_symlink("book", folder / "book"); // leads to itself
+    std::error_code failure;
+    try {
+        static_cast<void>(watcher.watchFile(folder / "book", context.get_executor(), [] {}));
+    } catch (const SystemError& error) {
+        failure = error.code();
+    }
+    EXPECT_EQ(failure, std::errc::too_many_symbolic_link_levels);
+    static_cast<void>(watcher.watchFile(folder / "missing", context.get_executor(), [] {}));
+}
+
+TEST_F(LinuxFolderWatchTest, LooksAgainAtAFileThatCannotBeWatchedForAWhile) {
+    const Path real = other / "book";
+    const Path file = folder / "book";
+    int calls = 0;
+    const auto watch = watcher.watchFile(file, context.get_executor(), [&calls] { ++calls; });
+    std::filesystem::create_symlink("book", real); // leads to itself
+    std::filesystem::create_symlink(real, file);
+    runUntil([&] { return calls > 0; });
+    std::filesystem::remove(real);
+    writeText(real, "1");
+    const int before = calls;
+    runUntil([&] { return calls > before; }); // it is looked at every two seconds
+    const int found = calls;
+    writeText(real, "2");
+    runUntil([&] { return calls > found; });
+}
+
 TEST_F(LinuxFolderWatchTest, FollowsALinkToTheFolder) {
     std::filesystem::create_directory_symlink(folder.path(), other / "link");
     int calls = 0;

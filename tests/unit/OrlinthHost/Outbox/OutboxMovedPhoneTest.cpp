@@ -40,7 +40,8 @@ TEST_F(OutboxMovedPhoneTest, GetsItsFilesInTheSameAttempt) {
     world_.alongside(take(2));
     std::vector<std::string> provedAt;
     sender_.emplace(home_, world_.computerKey, events_);
-    sender_->onContact = [&provedAt](const PeerRecord& record, OutboxSender::Contact contact) {
+    sender_->onContact = [&provedAt](const PeerRecord& record, OutboxSender::Contact contact,
+                                     platform::Clock::Instant) {
         EXPECT_EQ(contact, OutboxSender::Contact::proved);
         provedAt.push_back(record.peer_ip);
     };

@@ -1,4 +1,5 @@
 #include "OrlinthHost/Sending/PhoneLanes.h"
+#include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OutboxWorld.h"
 
 #include <gmock/gmock.h>
@@ -231,6 +232,56 @@ TEST_F(OutboxSenderTest, TriesAPhoneThatIsBackOnceAndNotWhileItIsTried) {
     sender_->isBack(world_.phoneRecord().peer_pubkey);
     pass(1s);
     EXPECT_EQ(before, attempts()) << "neither a second time at once, nor because it was tried just now";
+}
+
+TEST_F(OutboxSenderTest, TriesAPhoneThatComesAndGoesEachMinuteOnceInTenMinutes) {
+    world_.network.makeFailWithErrno("203.0.113.2", EHOSTUNREACH, world_.clock);
+    put(first, {"a.txt"});
+    start();
+    pass(2h); // by now the pauses are of an hour
+    const std::size_t before = told(What::waiting).size();
+    for (int minute = 0; minute < 40; ++minute) {
+        sender_->isBack(world_.phoneRecord().peer_pubkey);
+        pass(1min);
+    }
+    EXPECT_EQ(told(What::waiting).size(), before + 4);
+}
+
+TEST_F(OutboxSenderTest, TellsOfARefusalAlsoIfThePushBehindItFails) {
+    using Contact = OutboxSender::Contact;
+    PeerRecord record = world_.phoneRecord();
+    record.peer_fcm_token = "TOKEN"; // and there is no key for the push service
+    pair({record});
+    put(first, {"a.txt"});
+    std::vector<Contact> contacts;
+    sender_.emplace(home_, world_.computerKey, events_);
+    sender_->onContact = [&contacts](const PeerRecord&, Contact contact, platform::Clock::Instant) {
+        contacts.push_back(contact);
+    };
+    sender_->start();
+    pass(1s);
+    EXPECT_THAT(contacts, ElementsAre(Contact::refused));
+    EXPECT_THAT(told(What::waiting).back().message, HasSubstr("FCM wake failed"));
+    world_.network.makeSilent("203.0.113.2");
+    pass(12s);
+    EXPECT_THAT(contacts, ElementsAre(Contact::refused, Contact::failed));
+}
+
+TEST_F(OutboxSenderTest, TellsWhenAPhoneThatFallsSilentWasHeardOf) {
+    std::vector<platform::Clock::Instant> instants;
+    put(first, {"a.txt"});
+    world_.alongside(keepSilent());
+    sender_.emplace(home_, world_.computerKey, events_);
+    sender_->onContact = [&instants](const PeerRecord&, OutboxSender::Contact contact, platform::Clock::Instant at) {
+        EXPECT_EQ(contact, OutboxSender::Contact::proved);
+        instants.push_back(at);
+    };
+    const platform::Clock::Instant begin = world_.clock.now();
+    sender_->start();
+    pass(silenceLimit + 1s);
+    ASSERT_EQ(instants.size(), 2U) << "when it proved its key, and when it was given up";
+    EXPECT_LT(instants[0], begin + 1s);
+    EXPECT_EQ(instants[1], instants[0]);
 }
 
 TEST_F(OutboxSenderTest, CallsOffAnAttemptAtAnAddressThatHasChanged) {

@@ -1,6 +1,6 @@
 #include "OrlinthHost/Phones/Whereabouts.h"
 
-#include "fakes/World.h"
+#include "fakes/HomeNetwork.h"
 
 #include <gmock/gmock.h>
 
@@ -9,40 +9,17 @@ namespace {
 
 using fakes::FakeNetworkInterfaces;
 using fakes::MemoryNeighbours;
-using platform::IpAddress;
 using platform::Ipv4Address;
 using platform::NeighbourState;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const MacAddress routerMac = *MacAddress::parse("3e:5a:b4:01:02:03");
-const MacAddress phoneMac = *MacAddress::parse("9c:28:f7:00:00:07");
-
-IpAddress ip(const std::string& literal) {
-    return platform::parseIpAddress(literal).value();
-}
-
-HostAddress host(const std::string& literal) {
-    return HostAddress::parse(literal).value();
-}
-
-Bytes bytesOf(const MacAddress& mac) {
-    Bytes bytes;
-    for (const std::uint8_t byte : mac.raw()) {
-        bytes.push_back(std::byte{byte});
-    }
-    return bytes;
-}
-
 /// At home in 192.168.7.0/24 by wlan0, behind a router that has been spoken to.
 class WhereaboutsTest : public testing::Test {
 protected:
     WhereaboutsTest() {
-        world.interfaces.addresses = {FakeNetworkInterfaces::ipv4("wlan0", {192, 168, 7, 10})};
-        world.interfaces.addresses.front().isWireless = true;
-        world.routes.gateways["wlan0"] = ip("192.168.7.1");
-        world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.1"), NeighbourState::reachable, bytesOf(routerMac)));
-        world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::stale, bytesOf(phoneMac)));
+        joinHome(world);
+        world.neighbours.put(neighbour("192.168.7.30", NeighbourState::stale, phoneMac));
         world.routes.putOnLink(ip("192.168.7.30"));
         world.routes.putVia(ip("10.1.4.30"), ip("192.168.7.1"));
         world.routes.putOwn(ip("192.168.7.10"));
@@ -54,7 +31,6 @@ protected:
     [[nodiscard]] InterfaceKind kindOf(const char* interface) const { return look().kindOf(interface); }
 
     fakes::World world;
-    const NetworkId home = NetworkId::of({192, 168, 7, 0}, 24, routerMac);
 };
 
 TEST_F(WhereaboutsTest, AreAnOwnNetworkWithItsRouter) {
@@ -67,13 +43,13 @@ TEST_F(WhereaboutsTest, AreAnOwnNetworkWithItsRouter) {
     EXPECT_TRUE(networks[0].isWireless);
     EXPECT_EQ(networks[0].gateway, ip("192.168.7.1"));
     EXPECT_EQ(networks[0].gatewayMac, routerMac);
-    EXPECT_EQ(networks[0].id, home);
+    EXPECT_EQ(networks[0].id, homeNetwork);
 }
 
 TEST_F(WhereaboutsTest, HaveNoIdentityWithoutTheRoutersHardwareAddress) {
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.1"), NeighbourState::failed, bytesOf(routerMac)));
+    world.neighbours.put(neighbour("192.168.7.1", NeighbourState::failed, routerMac));
     EXPECT_EQ(look().networks().front().id, std::nullopt);
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.1"), NeighbourState::incomplete));
+    world.neighbours.put(neighbour("192.168.7.1", NeighbourState::incomplete));
     EXPECT_EQ(look().networks().front().id, std::nullopt);
     EXPECT_EQ(look().networks().front().gateway, ip("192.168.7.1"));
     world.routes.gateways.clear();
@@ -81,8 +57,7 @@ TEST_F(WhereaboutsTest, HaveNoIdentityWithoutTheRoutersHardwareAddress) {
 }
 
 TEST_F(WhereaboutsTest, DoNotTakeTheRouterOfAnotherInterfaceForTheirOwn) {
-    world.neighbours.replaceAll(
-        {MemoryNeighbours::entry(ip("192.168.7.1"), NeighbourState::reachable, bytesOf(routerMac), "eth0")});
+    world.neighbours.replaceAll({neighbour("192.168.7.1", NeighbourState::reachable, routerMac, "eth0")});
     EXPECT_EQ(look().networks().front().id, std::nullopt);
 }
 
@@ -116,8 +91,8 @@ TEST_F(WhereaboutsTest, KnowTunnelsAndContainersByTheirInterfaces) {
 }
 
 TEST_F(WhereaboutsTest, TellTheNetworkOfAHostOnTheLink) {
-    EXPECT_EQ(look().networkOf(host("192.168.7.30")), home);
-    EXPECT_EQ(look().networkOf(host("fe80::30%wlan0")), home);
+    EXPECT_EQ(look().networkOf(host("192.168.7.30")), homeNetwork);
+    EXPECT_EQ(look().networkOf(host("fe80::30%wlan0")), homeNetwork);
     EXPECT_EQ(look().networkOf(host("10.1.4.30")), std::nullopt) << "behind the router";
     EXPECT_EQ(look().networkOf(host("192.168.7.10")), std::nullopt) << "this computer itself";
     EXPECT_EQ(look().networkOf(host("203.0.113.9")), std::nullopt) << "no route";
@@ -140,7 +115,7 @@ TEST_F(WhereaboutsTest, AreNotOnTheLinkOfATunnel) {
 TEST_F(WhereaboutsTest, AreSurroundingsForTheMemory) {
     const Whereabouts here = look();
     const Surroundings surroundings = here.surroundings();
-    EXPECT_THAT(surroundings.networks, ElementsAre(home));
+    EXPECT_THAT(surroundings.networks, ElementsAre(homeNetwork));
     EXPECT_TRUE(surroundings.isOnLink(host("192.168.7.30")));
     EXPECT_FALSE(surroundings.isOnLink(host("10.1.4.30")));
 }
@@ -150,11 +125,11 @@ TEST_F(WhereaboutsTest, DescribeAMeeting) {
     EXPECT_EQ(meeting.host.literal(), "192.168.7.30");
     EXPECT_EQ(meeting.host.interface(), "wlan0");
     EXPECT_EQ(meeting.mac, phoneMac);
-    EXPECT_EQ(meeting.network, home);
+    EXPECT_EQ(meeting.network, homeNetwork);
 }
 
 TEST_F(WhereaboutsTest, DescribeAMeetingBehindARouterWithoutTheRoutersHardwareAddress) {
-    world.neighbours.put(MemoryNeighbours::entry(ip("10.1.4.30"), NeighbourState::stale, bytesOf(routerMac)));
+    world.neighbours.put(neighbour("10.1.4.30", NeighbourState::stale, routerMac));
     const Meeting meeting = look().meetingAt(host("10.1.4.30"));
     EXPECT_EQ(meeting.host, host("10.1.4.30"));
     EXPECT_EQ(meeting.mac, std::nullopt);

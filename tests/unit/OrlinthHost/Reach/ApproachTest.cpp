@@ -15,7 +15,6 @@
 namespace orlinth::host {
 namespace {
 
-using fakes::MemoryNeighbours;
 using fakes::ScriptedPeer;
 using platform::NeighbourState;
 using Row = TransportMessage;
@@ -159,13 +158,13 @@ TEST_F(ApproachTest, DoesNothingElseWhileThePhoneIsAtItsAddress) {
 }
 
 TEST_F(ApproachTest, RemembersWhereThePhoneWasReached) {
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, phoneMac));
     take({Taker::phone});
     EXPECT_EQ(send(), "");
     const KnownAddress address = remembered("192.168.7.30");
     EXPECT_TRUE(address.reached);
     EXPECT_EQ(address.mac, phoneMac);
-    EXPECT_EQ(address.network, home);
+    EXPECT_EQ(address.network, homeNetwork);
 }
 
 TEST_F(ApproachTest, GoesOnAtTheNewAddressUnderTheSameId) {
@@ -213,7 +212,7 @@ TEST_F(ApproachTest, WaitsForAConnectionThatIsThereBeforeItGoesElsewhere) {
 }
 
 TEST_F(ApproachTest, LooksForNobodyWhenThePhoneItselfRefuses) {
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, phoneMac));
     meetAt("192.168.7.30", phoneMac);
     meetAt("192.168.7.57");
     EXPECT_EQ(send(), "network: Connection refused");
@@ -222,8 +221,18 @@ TEST_F(ApproachTest, LooksForNobodyWhenThePhoneItselfRefuses) {
     EXPECT_EQ(remembered("192.168.7.30").failures, 0) << "it is there, and sleeps";
 }
 
+TEST_F(ApproachTest, TakesADeviceForThePhoneIfOnlyInOtherNetworksThePhoneHadAnotherHardwareAddress) {
+    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, otherMac));
+    memory.reached(
+        record.peer_pubkey,
+        {.host = host("10.1.4.30"), .mac = phoneMac, .network = NetworkId::of({10, 1, 4, 0}, 24, routerMac)});
+    meetAt("192.168.7.57");
+    EXPECT_EQ(send(), "network: Connection refused");
+    EXPECT_THAT(world.probe.attempts, IsEmpty());
+}
+
 TEST_F(ApproachTest, LooksAtOnceWhenAnotherDeviceRefuses) {
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(routerMac)));
+    world.neighbours.put(neighbour("192.168.7.30", NeighbourState::reachable, routerMac));
     meetAt("192.168.7.30", phoneMac);
     meetAt("192.168.7.57");
     answer("192.168.7.57", world.phoneKey);
@@ -284,6 +293,22 @@ TEST_F(ApproachTest, OffersAFileInDoubtAgainAtTheNewAddress) {
     EXPECT_THAT(ids, ElementsAre("ID", "ID"));
 }
 
+TEST_F(ApproachTest, BringsTheFileAlsoIfTheNewAddressCannotBeRecordedAndRecordsItTheNextTime) {
+    meetAt("192.168.7.57");
+    answer("192.168.7.57", world.phoneKey);
+    world.network.makeFailWithErrno("192.168.7.30", EHOSTUNREACH, world.clock);
+    take({Taker::phone, Taker::phone});
+    const std::string before = world.files.content(homeOf.peers().fileURL()).value();
+    world.files.addFault({.operation = fakes::Operation::rename, .errorNumber = ENOSPC, .nameEnding = "peer.json"});
+    EXPECT_EQ(send(), "");
+    EXPECT_THAT(movedTo, ElementsAre("192.168.7.57"));
+    EXPECT_EQ(world.files.content(homeOf.peers().fileURL()), before);
+    world.files.clearFaults();
+    world.run(world.clock.sleep(AddressBook::moveInterval));
+    EXPECT_EQ(send(), "");
+    EXPECT_EQ(recorded(), "192.168.7.57");
+}
+
 TEST_F(ApproachTest, FollowsAPhoneOnceAndNotForEver) {
     meetAt("192.168.7.57");
     answer("192.168.7.57", world.phoneKey);
@@ -296,7 +321,7 @@ TEST_F(ApproachTest, FollowsAPhoneOnceAndNotForEver) {
 TEST_F(ApproachTest, StaysAtAnAddressThatWorksWhateverAddressThePhoneComesFrom) {
     record.peer_ip = "10.1.4.30"; // behind a router that puts its own address in the phone's place
     homeOf.peers().upsert(record);
-    memory.came(record.peer_pubkey, {.host = host("192.168.7.1"), .mac = routerMac, .network = home});
+    memory.came(record.peer_pubkey, {.host = host("192.168.7.1"), .mac = routerMac, .network = homeNetwork});
     take({Taker::phone});
     EXPECT_EQ(send(), "");
     world.network.makeFailWithErrno("10.1.4.30", EHOSTUNREACH, world.clock);

@@ -1,6 +1,6 @@
 #include "OrlinthHost/Reach/FinderPlan.h"
 
-#include "fakes/MemoryNeighbours.h"
+#include "fakes/HomeNetwork.h"
 
 #include <gmock/gmock.h>
 
@@ -9,7 +9,6 @@
 namespace orlinth::host {
 namespace {
 
-using fakes::MemoryNeighbours;
 using platform::IpAddress;
 using platform::Ipv4Address;
 using platform::NeighbourState;
@@ -20,17 +19,9 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
-const MacAddress routerMac = *MacAddress::parse("3e:5a:b4:01:02:03");
-const MacAddress phoneMac = *MacAddress::parse("9c:28:f7:00:00:07");
-const MacAddress otherMac = *MacAddress::parse("9c:28:f7:00:00:08");
-const NetworkId home = NetworkId::of({192, 168, 7, 0}, 24, routerMac);
 constexpr std::uint16_t port = 7000;
 
-HostAddress host(const std::string& literal) {
-    return HostAddress::parse(literal).value();
-}
-
-KnownAddress known(const std::string& literal, std::optional<NetworkId> network = home,
+KnownAddress known(const std::string& literal, std::optional<NetworkId> network = homeNetwork,
                    std::optional<MacAddress> mac = {}) {
     return {.host = host(literal),
             .mac = mac,
@@ -42,14 +33,10 @@ KnownAddress known(const std::string& literal, std::optional<NetworkId> network 
 
 platform::Neighbour entry(const std::string& literal, const MacAddress& mac,
                           NeighbourState state = NeighbourState::stale, const std::string& interface = "wlan0") {
-    Bytes bytes;
-    for (const std::uint8_t byte : mac.raw()) {
-        bytes.push_back(std::byte{byte});
-    }
-    return MemoryNeighbours::entry(platform::parseIpAddress(literal).value(), state, bytes, interface);
+    return neighbour(literal, state, mac, interface);
 }
 
-OwnNetwork homeNetwork() {
+OwnNetwork wifiAtHome() {
     return {.interface = "wlan0",
             .address = {192, 168, 7, 10},
             .prefixBits = 24,
@@ -57,7 +44,7 @@ OwnNetwork homeNetwork() {
             .isWireless = true,
             .gateway = IpAddress(Ipv4Address{192, 168, 7, 1}),
             .gatewayMac = routerMac,
-            .id = home};
+            .id = homeNetwork};
 }
 
 /// A phone that was met at home, whose record says .30.
@@ -90,7 +77,7 @@ protected:
     }
 
     FindSetting find = FindSetting::known;
-    std::vector<OwnNetwork> networks{homeNetwork()};
+    std::vector<OwnNetwork> networks{wifiAtHome()};
     std::vector<platform::Neighbour> neighbours;
 };
 
@@ -178,7 +165,7 @@ TEST_F(FinderPlanTest, SweepsTheOthersOfANetworkTheNearestFirst) {
     const auto sweep = plan().sweep(phone());
     ASSERT_TRUE(sweep);
     EXPECT_EQ(sweep->interface, "wlan0");
-    EXPECT_EQ(sweep->claim, home);
+    EXPECT_EQ(sweep->claim, homeNetwork);
     EXPECT_THAT(sweep->addresses, SizeIs(254 - 2)) << "without its own and the recorded one";
     EXPECT_EQ(sweep->addresses[0], (Ipv4Address{192, 168, 7, 31}));
     EXPECT_EQ(sweep->addresses[1], (Ipv4Address{192, 168, 7, 29}));
@@ -261,7 +248,7 @@ TEST_F(FinderPlanTest, IsNotMisledByALargeNeighbourTable) {
 }
 
 TEST_F(FinderPlanTest, SweepsTheNetworkOfTheRecordedAddressBeforeAnother) {
-    OwnNetwork cable = homeNetwork();
+    OwnNetwork cable = wifiAtHome();
     cable.interface = "eth0";
     cable.address = {192, 168, 9, 10};
     networks.insert(networks.begin(), cable);

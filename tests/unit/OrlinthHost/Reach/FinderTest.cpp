@@ -2,6 +2,7 @@
 
 #include "FinderWorld.h"
 #include "OrlinthHost/Phones/PairedPhones.h"
+#include "fakes/CrashTrials.h"
 
 #include <gmock/gmock.h>
 
@@ -14,9 +15,7 @@ namespace orlinth::host {
 namespace {
 
 using fakes::FakeNetworkInterfaces;
-using fakes::MemoryNeighbours;
 using platform::IpAddress;
-using platform::Ipv4Address;
 using platform::NeighbourState;
 using platform::PrivateKey;
 using testing::ElementsAre;
@@ -100,7 +99,7 @@ TEST_F(FinderTest, AsksNobodyWhileTheRecordedAddressHasItsTurn) {
 
 TEST_F(FinderTest, FindsThePhoneByItsHardwareAddress) {
     meetAt("192.168.7.30", phoneMac);
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::stale, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.57", NeighbourState::stale, phoneMac));
     answer("192.168.7.57", world.phoneKey);
     EXPECT_EQ(search(), "192.168.7.57");
     EXPECT_THAT(asked(), SizeIs(1));
@@ -142,14 +141,14 @@ TEST_F(FinderTest, FindsAnIpv6AddressWithItsZoneAndOneWithout) {
 
 TEST_F(FinderTest, LearnsWhereThePhoneWasFound) {
     meetAt("192.168.7.30");
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::reachable, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.57", NeighbourState::reachable, phoneMac));
     answer("192.168.7.57", world.phoneKey);
     EXPECT_EQ(search(), "192.168.7.57");
     const KnownAddress found = memory.addressesOf(record.peer_pubkey).front();
     EXPECT_EQ(found.host.text(), "192.168.7.57");
     EXPECT_EQ(found.host.interface(), "wlan0");
     EXPECT_EQ(found.mac, phoneMac);
-    EXPECT_EQ(found.network, home);
+    EXPECT_EQ(found.network, homeNetwork);
     EXPECT_TRUE(found.reached);
 }
 
@@ -176,7 +175,7 @@ TEST_F(FinderTest, ShowsStrangersNothingBehindTheFirstMessage) {
 TEST_F(FinderTest, AsksNobodyIfItMayNot) {
     find = FindSetting::never;
     meetAt("192.168.7.57");
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.58"), NeighbourState::stale, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.58", NeighbourState::stale, phoneMac));
     EXPECT_EQ(search(true), "");
     EXPECT_THAT(world.probe.attempts, IsEmpty());
     EXPECT_DOUBLE_EQ(world.clock.elapsed(), 0);
@@ -203,7 +202,7 @@ TEST_F(FinderTest, SweepsANetworkOnceForTwoPhones) {
     PeerRecord tablet = record;
     tablet.peer_pubkey = otherKey.publicKey().peerKey();
     tablet.peer_ip = "192.168.7.31";
-    memory.reached(tablet.peer_pubkey, {.host = host("192.168.7.31"), .network = home});
+    memory.reached(tablet.peer_pubkey, {.host = host("192.168.7.31"), .network = homeNetwork});
     answer("192.168.7.57", world.phoneKey);
     answer("192.168.7.90", otherKey);
     world.run(findBoth(tablet));
@@ -278,7 +277,7 @@ TEST_F(FinderTest, GivesUpInTimeIfManySayNothing) {
 TEST_F(FinderTest, DoesNotRememberAPhoneThatIsNotPairedAnyMore) {
     meetAt("192.168.7.57");
     static_cast<void>(PairedPhones(homeOf).remove(record, world.computerKey.publicKey()));
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.57"), NeighbourState::reachable, bytesOf(phoneMac)));
+    world.neighbours.put(neighbour("192.168.7.57", NeighbourState::reachable, phoneMac));
     record.peer_mac = phoneMac.text();
     answer("192.168.7.57", world.phoneKey);
     EXPECT_EQ(search(), "192.168.7.57");
@@ -328,21 +327,43 @@ TEST_F(FinderTest, EndsAsIfNobodyWasThereIfThisComputerHasNoRoomForConnections) 
     EXPECT_EQ(search(), "");
 }
 
-TEST_F(FinderTest, TellsWhetherAnotherDeviceHasTheAddress) {
-    Finder finder(homeOf, find);
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(routerMac)));
-    EXPECT_FALSE(finder.isElsewhere(record)) << "nothing is known of the phone's own";
-    meetAt("192.168.7.30", phoneMac);
-    EXPECT_TRUE(finder.isElsewhere(record));
-    world.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::reachable, bytesOf(phoneMac)));
-    EXPECT_FALSE(finder.isElsewhere(record));
-}
-
 // --- the record ---
 
 class RecordMoveTest : public FinderTest {
 protected:
     [[nodiscard]] bool move(const std::string& to) { return recordMove(homeOf, memory, record, host(to)); }
+    /// The same on another disk, with another phone beside it in the store.
+    void pairOn(fakes::MemoryFileSystem& disk) { storeOn(disk).writeBook({{record, tablet()}}); }
+    [[nodiscard]] bool moveOn(fakes::MemoryFileSystem& disk) {
+        platform::System system = world.systemOn(disk);
+        const Home own{.system = system, .executor = world.context.get_executor()};
+        AddressMemory memoryThere(disk, world.clock, world.log, own.dataDirectory());
+        return recordMove(own, memoryThere, record, host("192.168.7.57"));
+    }
+    /// The store is whole, with one address or the other.
+    [[nodiscard]] std::string recordedOn(fakes::MemoryFileSystem& disk) {
+        const PeerBook book = storeOn(disk).loadBook();
+        const std::string address = book.peers.front().peer_ip;
+        PeerRecord expected = record;
+        expected.peer_ip = address;
+        EXPECT_EQ(book.peers, (std::vector{expected, tablet()}));
+        EXPECT_TRUE(address == "192.168.7.30" || address == "192.168.7.57") << address;
+        return address;
+    }
+    /// The phone is found once more, when a minute has passed.
+    void expectMadeUpFor(fakes::MemoryFileSystem& disk) {
+        const bool wasRecorded = recordedOn(disk) == "192.168.7.57";
+        let(1min);
+        EXPECT_EQ(moveOn(disk), !wasRecorded);
+        EXPECT_EQ(recordedOn(disk), "192.168.7.57");
+    }
+    [[nodiscard]] PeerStore storeOn(fakes::MemoryFileSystem& disk) { return {disk, world.system.directories}; }
+    [[nodiscard]] PeerRecord tablet() const {
+        PeerRecord other = record;
+        other.peer_pubkey = otherKey.publicKey().peerKey();
+        other.peer_hostname = "Tablet";
+        return other;
+    }
     [[nodiscard]] std::string recorded() const { return homeOf.peers().loadBook().peers.front().peer_ip; }
     void let(std::chrono::milliseconds time) {
         const auto pass = [](platform::Clock& clock, Seconds duration) -> Task<> { co_await clock.sleep(duration); };
@@ -383,6 +404,27 @@ TEST_F(RecordMoveTest, ChangesOnceAMinuteIfTwoAddressesTakeTurns) {
     let(1s);
     EXPECT_TRUE(move("192.168.7.30"));
     EXPECT_EQ(recorded(), "192.168.7.30");
+}
+
+TEST_F(RecordMoveTest, LeavesTheOldRecordOrTheNewOneHoweverItIsCutOffAndIsMadeUpForTheNextTime) {
+    fakes::forEveryCrash([this](fakes::MemoryFileSystem& disk) { pairOn(disk); },
+                         [this](fakes::MemoryFileSystem& disk) { static_cast<void>(moveOn(disk)); },
+                         [this](const fakes::Aftermath& after) {
+                             EXPECT_TRUE(recordedOn(after.files) == "192.168.7.57" || !after.completed);
+                             expectMadeUpFor(after.files);
+                         });
+}
+
+TEST_F(RecordMoveTest, LeavesTheOldRecordOrTheNewOneWhateverFailsAndIsMadeUpForTheNextTime) {
+    for (const int number : {ENOSPC, EROFS, EIO}) {
+        fakes::forEveryFailure(
+            number, [this](fakes::MemoryFileSystem& disk) { pairOn(disk); },
+            [this](fakes::MemoryFileSystem& disk) { static_cast<void>(moveOn(disk)); },
+            [this](fakes::MemoryFileSystem& disk, const std::exception_ptr& thrown) {
+                EXPECT_EQ(thrown, nullptr) << "what was found is of use all the same";
+                expectMadeUpFor(disk);
+            });
+    }
 }
 
 TEST_F(RecordMoveTest, DoesNotBringBackAPhoneThatWasRemoved) {

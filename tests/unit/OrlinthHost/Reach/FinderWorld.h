@@ -1,9 +1,8 @@
 #pragma once
 
 #include "OrlinthHost/Phones/AddressMemory.h"
-#include "OrlinthHost/Phones/NetworkIdentity.h"
+#include "fakes/HomeNetwork.h"
 #include "fakes/ProvenKey.h"
-#include "fakes/World.h"
 
 #include <gtest/gtest.h>
 
@@ -14,37 +13,15 @@
 
 namespace orlinth::host {
 
-inline const MacAddress routerMac = *MacAddress::parse("3e:5a:b4:01:02:03");
-inline const MacAddress phoneMac = *MacAddress::parse("9c:28:f7:00:00:07");
-
-inline platform::IpAddress ip(const std::string& literal) {
-    return platform::parseIpAddress(literal).value();
-}
-
-inline HostAddress host(const std::string& literal) {
-    return HostAddress::parse(literal).value();
-}
-
-inline Bytes bytesOf(const MacAddress& mac) {
-    Bytes bytes;
-    for (const std::uint8_t byte : mac.raw()) {
-        bytes.push_back(std::byte{byte});
-    }
-    return bytes;
-}
-
 /// This computer at home, 192.168.7.10 behind 192.168.7.1, where the phone was met at .30; its record says so.
 class FinderWorldTest : public testing::Test {
 protected:
     FinderWorldTest() {
-        world.interfaces.addresses = {fakes::FakeNetworkInterfaces::ipv4("wlan0", {192, 168, 7, 10})};
-        world.routes.gateways["wlan0"] = ip("192.168.7.1");
+        joinHome(world);
         for (int i = 1; i < 255; ++i) {
             world.routes.putOnLink(ip("192.168.7." + std::to_string(i)));
         }
         world.routes.putOwn(ip("192.168.7.10"));
-        world.neighbours.put(
-            fakes::MemoryNeighbours::entry(ip("192.168.7.1"), platform::NeighbourState::reachable, bytesOf(routerMac)));
         record = world.phoneRecord();
         record.peer_ip = "192.168.7.30";
         homeOf.peers().upsert(record);
@@ -77,13 +54,12 @@ protected:
 
     /// The phone was met there, with this computer at home.
     void meetAt(const std::string& literal, std::optional<MacAddress> mac = {}) {
-        memory.reached(record.peer_pubkey, {.host = host(literal), .mac = mac, .network = home});
+        memory.reached(record.peer_pubkey, {.host = host(literal), .mac = mac, .network = homeNetwork});
     }
 
     fakes::World world;
     Home homeOf{.system = world.system, .executor = world.context.get_executor()};
     AddressMemory memory{world.files, world.clock, world.log, homeOf.dataDirectory()};
-    const NetworkId home = NetworkId::of({192, 168, 7, 0}, 24, routerMac);
     PeerRecord record;
     platform::PrivateKey otherKey = platform::PrivateKey::generate();
     std::map<std::string, std::size_t> received; ///< bytes, by the address that got them

@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/Whereabouts.h"
+#include "fakes/HomeNetwork.h"
 #include "fakes/ProvingPhone.h"
 #include "platform/Deadline.h"
 
@@ -20,22 +21,6 @@ using platform::NeighbourState;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const MacAddress routerMac = *MacAddress::parse("3e:5a:b4:01:02:03");
-const MacAddress phoneMac = *MacAddress::parse("9c:28:f7:00:00:07");
-const MacAddress otherMac = *MacAddress::parse("9c:28:f7:00:00:08");
-
-IpAddress ip(const std::string& literal) {
-    return platform::parseIpAddress(literal).value();
-}
-
-Bytes bytesOf(const MacAddress& mac) {
-    Bytes bytes;
-    for (const std::uint8_t byte : mac.raw()) {
-        bytes.push_back(std::byte{byte});
-    }
-    return bytes;
-}
-
 const IpAddress own = ip("192.168.7.10");
 const IpAddress router = ip("192.168.7.1");
 const IpAddress phone = ip("192.168.7.30");
@@ -44,10 +29,7 @@ const IpAddress phone = ip("192.168.7.30");
 class PhoneCheckTest : public testing::Test {
 protected:
     PhoneCheckTest() {
-        world.interfaces.addresses = {FakeNetworkInterfaces::ipv4("wlan0", {192, 168, 7, 10})};
-        world.interfaces.addresses.front().isWireless = true;
-        world.routes.gateways["wlan0"] = router;
-        world.neighbours.put(MemoryNeighbours::entry(router, NeighbourState::reachable, bytesOf(routerMac)));
+        joinHome(world);
         putOnLink(phone);
         record.peer_ip = "192.168.7.30";
     }
@@ -90,8 +72,7 @@ protected:
     }
     void refuseOtherPort() { world.probe.fail(phone, platform::discardPort, ECONNREFUSED); }
     void learn(const MacAddress& mac) {
-        memory().reached(record.peer_pubkey,
-                         {.host = HostAddress::parse("192.168.7.30").value(), .mac = mac, .network = network});
+        memory().reached(record.peer_pubkey, {.host = host("192.168.7.30"), .mac = mac, .network = homeNetwork});
     }
     [[nodiscard]] AddressMemory memory() { return {world.files, world.clock, world.log, home.dataDirectory()}; }
     [[nodiscard]] std::vector<std::uint16_t> portsAsked() const {
@@ -105,7 +86,6 @@ protected:
     fakes::World world;
     Home home{.system = world.system, .executor = world.context.get_executor()};
     PeerRecord record = world.phoneRecord();
-    const NetworkId network = NetworkId::of({192, 168, 7, 0}, 24, routerMac);
 };
 
 TEST_F(PhoneCheckTest, FindsAPhoneThatIsThereAndRemembersIt) {
@@ -122,7 +102,7 @@ TEST_F(PhoneCheckTest, FindsAPhoneThatIsThereAndRemembersIt) {
     const std::vector<KnownAddress> known = memory().addressesOf(record.peer_pubkey);
     ASSERT_EQ(known.size(), 1u);
     EXPECT_EQ(known.front().mac, phoneMac);
-    EXPECT_EQ(known.front().network, network);
+    EXPECT_EQ(known.front().network, homeNetwork);
     EXPECT_TRUE(known.front().reached.has_value());
 }
 

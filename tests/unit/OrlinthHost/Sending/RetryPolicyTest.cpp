@@ -148,6 +148,36 @@ TEST(RetryPolicy, HearsOfAPhoneWhileItSends) {
     EXPECT_EQ(policy.state(), State::idle);
 }
 
+TEST(RetryPolicy, TriesAPhoneThatComesAndGoesOnceInTenMinutesAndCountsOn) {
+    RetryPolicy policy = pausing(3);
+    EXPECT_TRUE(policy.returned(at(100s)));
+    EXPECT_EQ(policy.state(), State::idle);
+    policy.began();
+    EXPECT_FALSE(policy.returned(at(101s))) << "it is tried just now";
+    EXPECT_EQ(policy.state(), State::sending) << "and not at once again";
+    EXPECT_EQ(policy.ended(Outcome::failed, at(110s)), 300s) << "the fourth in a row";
+    for (const Seconds time : {160s, 220s, 280s, 699s}) {
+        EXPECT_FALSE(policy.returned(at(time)));
+    }
+    EXPECT_EQ(policy.state(), State::pausing);
+    EXPECT_TRUE(policy.returned(at(700s)));
+    policy.began();
+    EXPECT_EQ(policy.ended(Outcome::moved, at(701s)), 5s);
+    policy.pauseIsOver();
+    EXPECT_FALSE(policy.returned(at(2000s))) << "nothing waits";
+}
+
+TEST(RetryPolicy, TriesAPhoneThatAnswersThePushThatItGotForItsReturn) {
+    RetryPolicy policy = pausing(5);
+    EXPECT_TRUE(policy.returned(at(1000s)));
+    policy.began();
+    EXPECT_EQ(policy.ended(Outcome::failed, at(1030s)), 3600s);
+    EXPECT_TRUE(policy.heard(at(1040s)));
+    policy.began();
+    EXPECT_EQ(policy.ended(Outcome::failed, at(1050s)), 3600s);
+    EXPECT_FALSE(policy.heard(at(1060s))) << "once is enough";
+}
+
 TEST(RetryPolicy, KeepsAPauseWhileOthersAreUnderWay) {
     for (const bool isHeard : {false, true}) {
         RetryPolicy policy = sending();

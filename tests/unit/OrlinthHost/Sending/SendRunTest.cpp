@@ -34,6 +34,7 @@ public:
         add("began", transfer);
     }
     void connected(const Transfer& transfer) override { add("connected", transfer); }
+    void moved(const Transfer& transfer) override { add("moved", transfer); }
     void waking(const Transfer& transfer) override { add("waking", transfer); }
     void authenticated(const Transfer& transfer) override { add("authenticated", transfer); }
     void progress(const Transfer& transfer, const Progress& progress) override {

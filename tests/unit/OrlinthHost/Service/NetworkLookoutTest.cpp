@@ -1,7 +1,7 @@
 #include "OrlinthHost/Service/NetworkLookout.h"
 
 #include "OrlinthHost/Phones/AddressMemory.h"
-#include "fakes/World.h"
+#include "fakes/HomeNetwork.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,45 +14,21 @@ namespace orlinth::host {
 namespace {
 
 using fakes::FakeNetworkInterfaces;
-using fakes::MemoryNeighbours;
 using platform::NeighbourState;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-const MacAddress phoneMac = *MacAddress::parse("3e:5a:b4:01:02:03");
-const MacAddress otherMac = *MacAddress::parse("3e:5a:b4:01:02:04");
-
-platform::IpAddress ip(const std::string& literal) {
-    return platform::parseIpAddress(literal).value();
-}
-
-Bytes bytesOf(const MacAddress& mac) {
-    Bytes bytes;
-    for (const std::uint8_t byte : mac.raw()) {
-        bytes.push_back(std::byte{byte});
-    }
-    return bytes;
-}
-
-platform::Neighbour entry(const std::string& literal, NeighbourState state, const MacAddress& mac) {
-    return MemoryNeighbours::entry(ip(literal), state, bytesOf(mac));
-}
 
 /// At home by wlan0; a phone was met there.
 class NetworkLookoutTest : public testing::Test {
 protected:
     NetworkLookoutTest() {
-        join({192, 168, 7, 10}, "192.168.7.1");
+        joinHome(world_);
         AddressMemory(world_.files, world_.clock, world_.log, home_.dataDirectory())
             .reached(phone_,
                      {.host = HostAddress::parse("192.168.7.30", "wlan0").value(), .mac = phoneMac, .network = {}});
     }
     ~NetworkLookoutTest() override { lookout_.stop(); }
 
-    void join(const platform::Ipv4Address& address, const std::string& router) {
-        world_.interfaces.addresses = {FakeNetworkInterfaces::ipv4("wlan0", address)};
-        world_.routes.gateways["wlan0"] = ip(router);
-    }
     void leave() {
         world_.interfaces.addresses.clear();
         world_.routes.gateways.clear();
@@ -90,7 +66,7 @@ protected:
 TEST_F(NetworkLookoutTest, TellsOfAnotherNetworkTwoSecondsAfterTheFirstChange) {
     start();
     EXPECT_THAT(told_, IsEmpty());
-    join({10, 1, 4, 7}, "10.1.4.1");
+    join(world_, {10, 1, 4, 7}, "10.1.4.1");
     world_.networkNews.tell();
     pass(1s);
     world_.networkNews.tell(); // moving is many changes
@@ -114,26 +90,26 @@ TEST_F(NetworkLookoutTest, TellsNothingIfNothingIsDifferent) {
 }
 
 TEST_F(NetworkLookoutTest, TellsOfAnotherNetworkWithTheSameAddressesByItsRouter) {
-    world_.neighbours.put(entry("192.168.7.1", NeighbourState::reachable, otherMac));
+    world_.neighbours.put(neighbour("192.168.7.1", NeighbourState::reachable, otherMac));
     start();
-    world_.neighbours.put(MemoryNeighbours::entry(ip("192.168.7.1"), NeighbourState::incomplete));
+    world_.neighbours.put(neighbour("192.168.7.1", NeighbourState::incomplete));
     tell();
     EXPECT_THAT(told_, IsEmpty()) << "nobody knows yet";
-    world_.neighbours.put(entry("192.168.7.1", NeighbourState::reachable, otherMac));
+    world_.neighbours.put(neighbour("192.168.7.1", NeighbourState::reachable, otherMac));
     tell();
     EXPECT_THAT(told_, IsEmpty());
-    world_.neighbours.put(entry("192.168.7.1", NeighbourState::reachable, *MacAddress::parse("3e:5a:b4:01:02:05")));
+    world_.neighbours.put(neighbour("192.168.7.1", NeighbourState::reachable, *MacAddress::parse("3e:5a:b4:01:02:05")));
     tell();
     EXPECT_THAT(told_, ElementsAre("network"));
 }
 
 TEST_F(NetworkLookoutTest, TellsOfANewNetworkOnceAMinute) {
     start();
-    join({10, 1, 4, 7}, "10.1.4.1");
+    join(world_, {10, 1, 4, 7}, "10.1.4.1");
     tell();
     ASSERT_THAT(told_, ElementsAre("network"));
     for (std::uint8_t i = 1; i <= 20; ++i) { // 40 seconds
-        join({10, 2, i, 7}, "10.2.4.1");
+        join(world_, {10, 2, i, 7}, "10.2.4.1");
         tell();
     }
     EXPECT_THAT(told_, ElementsAre("network"));
@@ -148,7 +124,7 @@ TEST_F(NetworkLookoutTest, TellsThatThereIsNoNetworkAndThatThereIsOneAgainWhenev
     for (int i = 0; i < 3; ++i) {
         leave();
         tell();
-        join({192, 168, 7, 10}, "192.168.7.1");
+        join(world_, {192, 168, 7, 10}, "192.168.7.1");
         tell();
     }
     EXPECT_THAT(told_, ElementsAre("alone", "connected", "network", "alone", "connected", "alone", "connected"));
@@ -158,7 +134,7 @@ TEST_F(NetworkLookoutTest, TellsThatThereIsNoNetworkAndThatThereIsOneAgainWhenev
 
 TEST_F(NetworkLookoutTest, TellsOfTheNetworkInWhichTheComputerHasWokenUpAlsoIfItIsTheSame) {
     start();
-    join({10, 1, 4, 7}, "10.1.4.1");
+    join(world_, {10, 1, 4, 7}, "10.1.4.1");
     tell();
     ASSERT_THAT(told_, ElementsAre("network"));
     world_.sleepNews.wake();
@@ -170,7 +146,7 @@ TEST_F(NetworkLookoutTest, TellsOfTheNetworkInWhichTheComputerHasWokenUpAlsoIfIt
     world_.sleepNews.wake();
     pass(NetworkLookout::settleTime);
     EXPECT_EQ(told_.back(), "alone");
-    join({10, 1, 4, 7}, "10.1.4.1"); // Wi-Fi takes a while
+    join(world_, {10, 1, 4, 7}, "10.1.4.1"); // Wi-Fi takes a while
     tell();
     EXPECT_THAT(told_, ElementsAre("network", "network", "alone", "connected", "network"));
 }
@@ -195,32 +171,43 @@ TEST_F(NetworkLookoutTest, TakesACableWithoutAnyServerForANetwork) {
 
 TEST_F(NetworkLookoutTest, TellsOfAPhoneThatComesAndNotOfOneThatStays) {
     start();
-    put(entry("192.168.7.57", NeighbourState::stale, otherMac));
+    put(neighbour("192.168.7.57", NeighbourState::stale, otherMac));
     EXPECT_THAT(told_, IsEmpty()) << "somebody else";
-    put(entry("192.168.7.30", NeighbourState::stale, phoneMac));
+    put(neighbour("192.168.7.30", NeighbourState::stale, phoneMac));
     EXPECT_THAT(told_, ElementsAre("phone"));
-    put(entry("192.168.7.30", NeighbourState::delay, phoneMac));
-    put(entry("192.168.7.30", NeighbourState::reachable, phoneMac));
+    put(neighbour("192.168.7.30", NeighbourState::delay, phoneMac));
+    put(neighbour("192.168.7.30", NeighbourState::reachable, phoneMac));
     EXPECT_EQ(told_.size(), 1U);
-    put(MemoryNeighbours::entry(ip("192.168.7.30"), NeighbourState::failed));
+    put(neighbour("192.168.7.30", NeighbourState::failed));
     EXPECT_EQ(told_.size(), 1U);
-    put(entry("192.168.7.30", NeighbourState::reachable, phoneMac));
+    put(neighbour("192.168.7.30", NeighbourState::reachable, phoneMac));
     EXPECT_EQ(told_.size(), 2U);
-    world_.neighbours.remove(entry("192.168.7.30", NeighbourState::reachable, phoneMac));
-    put(entry("192.168.7.58", NeighbourState::reachable, phoneMac));
+    world_.neighbours.remove(neighbour("192.168.7.30", NeighbourState::reachable, phoneMac));
+    put(neighbour("192.168.7.58", NeighbourState::reachable, phoneMac));
     EXPECT_EQ(told_.size(), 3U) << "it has got another address";
     EXPECT_EQ(confirmed_, 3);
     EXPECT_EQ(gone_, 2);
 }
 
+TEST_F(NetworkLookoutTest, TellsOfAPhoneThatTakesTheAddressOfAnotherDevice) {
+    start();
+    put(neighbour("192.168.7.57", NeighbourState::reachable, otherMac));
+    put(neighbour("192.168.7.57", NeighbourState::reachable, phoneMac));
+    EXPECT_THAT(told_, ElementsAre("phone"));
+    put(neighbour("192.168.7.57", NeighbourState::reachable, otherMac));
+    EXPECT_EQ(gone_, 1);
+    put(neighbour("192.168.7.57", NeighbourState::reachable, phoneMac));
+    EXPECT_THAT(told_, ElementsAre("phone", "phone"));
+}
+
 TEST_F(NetworkLookoutTest, KnowsAPhoneThatIsMetWhileItsEntryIsThere) {
     start();
-    put(entry("192.168.7.57", NeighbourState::reachable, otherMac));
+    put(neighbour("192.168.7.57", NeighbourState::reachable, otherMac));
     EXPECT_EQ(confirmed_, 0);
     AddressMemory(world_.files, world_.clock, world_.log, home_.dataDirectory())
         .reached(phone_, {.host = HostAddress::parse("192.168.7.57", "wlan0").value(), .mac = otherMac, .network = {}});
-    put(entry("192.168.7.57", NeighbourState::stale, otherMac));
-    put(entry("192.168.7.57", NeighbourState::reachable, otherMac));
+    put(neighbour("192.168.7.57", NeighbourState::stale, otherMac));
+    put(neighbour("192.168.7.57", NeighbourState::reachable, otherMac));
     EXPECT_EQ(confirmed_, 1);
     EXPECT_THAT(told_, IsEmpty()) << "it has not come just now";
     world_.neighbours.replaceAll({});
@@ -229,12 +216,12 @@ TEST_F(NetworkLookoutTest, KnowsAPhoneThatIsMetWhileItsEntryIsThere) {
 }
 
 TEST_F(NetworkLookoutTest, TellsNothingOfThoseWhoWereThereBefore) {
-    world_.neighbours.put(entry("192.168.7.30", NeighbourState::stale, phoneMac));
+    world_.neighbours.put(neighbour("192.168.7.30", NeighbourState::stale, phoneMac));
     start();
-    put(entry("192.168.7.30", NeighbourState::reachable, phoneMac));
+    put(neighbour("192.168.7.30", NeighbourState::reachable, phoneMac));
     EXPECT_THAT(told_, IsEmpty());
-    world_.neighbours.replaceAll({entry("192.168.7.30", NeighbourState::reachable, phoneMac),
-                                  entry("192.168.7.58", NeighbourState::stale, phoneMac)});
+    world_.neighbours.replaceAll({neighbour("192.168.7.30", NeighbourState::reachable, phoneMac),
+                                  neighbour("192.168.7.58", NeighbourState::stale, phoneMac)});
     pass(0s);
     EXPECT_THAT(told_, ElementsAre("phone")) << "what came while events were lost";
 }

@@ -95,7 +95,7 @@ TEST_F(PresenceTest, IsAsleepOnceItHasRefusedUntilItProvesItsKey) {
 
 TEST_F(PresenceTest, IsAwayOnceItDoesNotAnswer) {
     presence_.proved(phone_, now());
-    presence_.failed(phone_);
+    presence_.failed(phone_, instant());
     EXPECT_EQ(state(), away);
     presence_.refused(phone_, instant());
     presence_.disappeared(phone_);
@@ -110,13 +110,52 @@ TEST_F(PresenceTest, IsUnknownInAnotherNetworkButForItsOpenConnectionsAndWhenItW
     presence_.proved(phone_, now());
     presence_.arrived(tablet_, now());
     const EpochMilliseconds then = now().epoch;
-    presence_.networkChanged();
+    presence_.networkChanged(instant());
     EXPECT_EQ(state(), unknown);
     EXPECT_EQ(seen(), then);
     EXPECT_EQ(presence_.of(tablet_, instant()).state, here);
     presence_.left(tablet_, now());
     pass(121s);
     EXPECT_NE(presence_.of(tablet_, instant()).state, here);
+}
+
+TEST_F(PresenceTest, WasSeenWhenItWasLastHeardOfAndNotWhenItsConnectionWasGivenUp) {
+    presence_.arrived(phone_, now());
+    pass(10s);
+    const Presence::Moment last = now();
+    pass(100s);
+    presence_.left(phone_, last);
+    EXPECT_EQ(seen(), last.epoch);
+    EXPECT_EQ(state(), here);
+    pass(20s);
+    EXPECT_EQ(state(), here);
+    pass(1s);
+    EXPECT_EQ(state(), away);
+    const EpochMilliseconds proof = now().epoch;
+    presence_.proved(phone_, now());
+    presence_.proved(phone_, last);
+    EXPECT_EQ(seen(), proof) << "of an earlier connection";
+    EXPECT_EQ(state(), here);
+}
+
+TEST_F(PresenceTest, IsNotThereForWhatCameBeforeItFailedOrInAnotherNetwork) {
+    presence_.arrived(phone_, now());
+    presence_.arrived(phone_, now());
+    const Presence::Moment last = now();
+    pass(10s);
+    presence_.refused(phone_, instant());
+    presence_.left(phone_, last);
+    presence_.left(phone_, last);
+    EXPECT_EQ(state(), asleep);
+    presence_.failed(phone_, instant());
+    presence_.proved(phone_, last);
+    EXPECT_EQ(state(), away);
+    presence_.networkChanged(instant());
+    presence_.proved(phone_, last);
+    EXPECT_EQ(state(), unknown);
+    EXPECT_EQ(seen(), last.epoch);
+    presence_.proved(phone_, now());
+    EXPECT_EQ(state(), here);
 }
 
 } // namespace

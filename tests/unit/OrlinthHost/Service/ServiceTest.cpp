@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
+#include "OrlinthHost/Service/Presence.h"
 #include "ServiceWorld.h"
 
 #include <gmock/gmock.h>
@@ -415,6 +416,18 @@ TEST_F(ServiceTest, TellsTheShareSheetWhenAPhoneWasReached) {
     pass(60s);
     ASSERT_THAT(taken_, ElementsAre("content of a.txt"));
     EXPECT_THAT(list(), HasSubstr("last here "));
+}
+
+TEST_F(ServiceTest, SaysThatAPhoneThatWentOutOfRangeWasThereWhenItLastSentSomething) {
+    start();
+    const auto from = phone();
+    const std::string then = std::to_string(toNumber(world_.clock.epochMilliseconds()));
+    pass(Receiver::idleTimeout + 1s); // until it is given up
+    const std::string request = R"({"request":"presence"})"
+                                "\n";
+    EXPECT_THAT(ask(request), HasSubstr(R"("seen_epoch_ms":)" + then + R"(,"state":"here")"));
+    pass(Presence::hereAfterProof - Receiver::idleTimeout);
+    EXPECT_THAT(ask(request), HasSubstr(R"("seen_epoch_ms":)" + then + R"(,"state":"away")"));
 }
 
 TEST_F(ServiceTest, SaysWhichPhonesAreThere) {
