@@ -12,6 +12,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace orlinth::bus {
 
@@ -54,7 +56,6 @@ private:
     [[nodiscard]] BusObjects look();
     void onCall(BusCall call);
     void sendFiles(BusCall call);
-    [[nodiscard]] static Task<> answer(std::shared_ptr<BusCall> call, Task<> work);
     [[nodiscard]] Task<> share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files,
                                std::vector<PeerKey> phones);
     void log(platform::LogLevel level, const std::string& text) const noexcept;
@@ -68,9 +69,9 @@ private:
     BusTree tree_;
     platform::BusSlotRef request_; ///< of the name
     std::unique_ptr<platform::Timer> reconnecting_;
-    std::map<std::string, host::TransferNumber> transfers_; ///< by path
-    std::map<std::string, OutboxKey> batches_;              ///< likewise
-    std::map<std::string, PeerKey> phones_;                 ///< likewise
+    std::map<std::string, host::TransferNumber> transfers_;      ///< by path
+    std::map<std::string, std::pair<BatchId, PeerKey>> batches_; ///< likewise
+    std::map<std::string, PeerKey> phones_;                      ///< likewise
     platform::TaskGroup tasks_;
 };
 

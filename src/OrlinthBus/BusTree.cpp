@@ -120,8 +120,7 @@ void BusCall::reply(const std::string& text) {
 
 void BusCall::fail(const char* name, const std::string& message) {
     const std::string full = std::string(serviceName) + ".Error." + name;
-    static_cast<void>(
-        systemd().sd_bus_reply_method_errorf(message_.get(), full.c_str(), "%s", message.c_str()));
+    static_cast<void>(systemd().sd_bus_reply_method_errorf(message_.get(), full.c_str(), "%s", message.c_str()));
     message_.reset();
 }
 

@@ -2,11 +2,11 @@
 
 #include "OrlinthBus/BusObject.h"
 
+#include <systemd/sd-bus.h>
+
 #include <deque>
 #include <string>
 #include <vector>
-
-#include <systemd/sd-bus.h>
 
 namespace orlinth::bus {
 

@@ -52,8 +52,9 @@ class Status(OutboxTest):
         self.assertEqual(["service", "phone", "current"], [line["event"] for line in lines])
         self.assertEqual({"event": "service", "state": "listening", "port": service.port,
                           "downloads": str(self.mac.downloads)}, lines[0])
+        self.assertGreater(lines[1].pop("paired_at_epoch_ms"), 1_700_000_000_000)
         self.assertEqual({"event": "phone", "peer_pubkey": self.phone.key, "name": "phone", "state": "unknown",
-                          "seen_epoch_ms": 0, "can_wake": False}, lines[1])
+                          "seen_epoch_ms": 0, "can_wake": False, "address": "127.0.0.1"}, lines[1])
         result = self.mac.run("status")
         self.assertEqual(f"Receives at port {service.port}, into {self.mac.downloads}.\n"
                          "Phones:\n  phone                 never seen here\n"

@@ -32,6 +32,11 @@ std::string summaryOf(const OutboxState& state) {
     return text;
 }
 
+/// Nothing has failed, nor was anything cancelled.
+bool isEverythingSent(const OutboxState& state) {
+    return std::ranges::all_of(state.phones, [](const OutboxState::Phone& phone) { return phone.failed.empty(); });
+}
+
 } // namespace
 
 bool OutboxQueue::Job::isOpenFor(const PeerKey& peerKey) {
@@ -371,7 +376,7 @@ void OutboxQueue::endIfThrough(const BatchId& id) {
             batches_.remove(id);
         }
         ended->state.remove(); // last: until then it says that there is nothing to send
-        if (failures.empty()) {
+        if (isEverythingSent(ended->state)) {
             events_.done(id);
         }
     } catch (const platform::SystemError& error) {

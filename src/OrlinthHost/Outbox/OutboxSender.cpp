@@ -596,6 +596,28 @@ void OutboxSender::cancel(AttemptNumber number) {
     }
 }
 
+bool OutboxSender::cancel(const BatchId& id, const PeerKey& peerKey) {
+    Job* job = queue_.find(id);
+    if (job == nullptr || !job->isOpenFor(peerKey)) {
+        return false;
+    }
+    for (const std::unique_ptr<Running>& attempt : phoneOf(peerKey).attempts) {
+        if (attempt->transfer.batch == id) {
+            attempt->isCancelled = true;
+            tasks_.cancel(attempt->task);
+        }
+    }
+    while (job != nullptr) { // it goes with its last file
+        const std::optional<std::string> file = job->nextFor(peerKey);
+        if (!file) {
+            break;
+        }
+        queue_.setCancelled(*job, peerKey, *file);
+        job = queue_.find(id);
+    }
+    return true;
+}
+
 std::vector<OutboxView> OutboxSender::batches() const {
     std::vector<OutboxView> views;
     for (const auto& [id, job] : queue_.all()) {

@@ -41,6 +41,7 @@ struct Service::Parts {
     [[nodiscard]] Task<> finish();
 
     ServiceEvents& events;
+    const std::vector<ServiceFace*> faces;
     PresenceKeeper presence;
     Receiver receiver;
     KnownKeys keys;
@@ -58,6 +59,7 @@ struct Service::Parts {
 
 Service::Parts::Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener)
     : events(service.events_),
+      faces(service.settings_.faces),
       presence(service.home_),
       receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
                port.number()),
@@ -159,6 +161,9 @@ Task<> Service::Parts::serve() {
     events.phonesKnown(keys.pairedCount());
     std::exception_ptr failure;
     try {
+        for (ServiceFace* const face : faces) {
+            co_await face->start(api);
+        }
         co_await receiver.run(callbacks());
     } catch (...) {
         failure = std::current_exception();
@@ -176,6 +181,9 @@ Task<> Service::Parts::finish() {
     peers.stop();
     network.stop();
     partials.stop();
+    for (ServiceFace* const face : faces) {
+        co_await face->finish();
+    }
     co_await control.finish();
     co_await outbox.finish();
     co_await events.finish();

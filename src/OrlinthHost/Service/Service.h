@@ -5,11 +5,13 @@
 #include "OrlinthHost/Outbox/OutboxEvents.h"
 #include "OrlinthHost/Reach/FinderPlan.h"
 #include "OrlinthHost/Service/ServiceEvents.h"
+#include "OrlinthHost/Service/ServiceFace.h"
 #include "OrlinthHost/Service/ServicePort.h"
 #include "OrlinthHost/Service/Watchdog.h"
 
 #include <functional>
 #include <optional>
+#include <vector>
 
 namespace orlinth::host {
 
@@ -30,6 +32,8 @@ struct ServiceSettings {
     FindSetting find = FindSetting::known; ///< where phones are looked for that what was shared goes to
     /// How often whoever manages the service wants to hear that it is alive; nothing: never.
     std::optional<Seconds> watchdogInterval;
+    /// By which the service can be seen and asked besides the control socket; all of them outlive the service.
+    std::vector<ServiceFace*> faces = {};
     Watchdog::Callbacks watchdog;
 };
 

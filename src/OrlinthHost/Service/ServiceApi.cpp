@@ -1,6 +1,9 @@
 #include "OrlinthHost/Service/ServiceApi.h"
 
-#include <map>
+#include "OrlinthCore/Share/ShareStaging.h"
+#include "OrlinthHost/HostError.h"
+#include "platform/Blocking.h"
+
 #include <utility>
 
 namespace orlinth::host {
@@ -79,18 +82,20 @@ ServiceView ServiceApi::service() const {
 }
 
 std::vector<PhoneView> ServiceApi::phones() const {
-    std::map<PeerKey, std::string> names;
+    PeerBook book;
     try {
-        for (const PeerRecord& record : home_.peers().loadBook().peers) {
-            names[record.peer_pubkey] = record.peer_hostname;
-        }
+        book = home_.peers().loadBook();
     } catch (const PeerStoreError&) {
         return {}; // the service has told of that
     }
     std::vector<PhoneView> views;
     for (PhonePresence& phone : presence_.all()) {
-        std::string name = names[phone.peerKey];
-        views.push_back({.name = std::move(name), .presence = std::move(phone)});
+        if (const PeerRecord* const record = book.find(phone.peerKey)) { // it may have gone just now
+            views.push_back({.name = record->peer_hostname,
+                             .presence = std::move(phone),
+                             .pairedAt = record->paired_at_epoch_ms,
+                             .address = record->peer_ip});
+        }
     }
     return views;
 }
@@ -101,6 +106,24 @@ std::vector<TransferView> ServiceApi::transfers() const {
         views.push_back(view);
     }
     return views;
+}
+
+Task<BatchId> ServiceApi::share(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones) {
+    const auto stage = [this, &files, &phones] {
+        const ShareOutbox outbox(home_.system.files, home_.system.directories);
+        ShareStaging staging({.files = home_.system.files,
+                              .clock = home_.system.clock,
+                              .log = home_.system.log,
+                              .busSignals = home_.system.busSignals},
+                             outbox);
+        for (const platform::Path& file : files) {
+            if (!staging.add(file)) {
+                throw HostError("'" + file.string() + "' cannot be shared: " + staging.lastProblem());
+            }
+        }
+        return BatchId(staging.finish(phones).id);
+    };
+    co_return co_await platform::blocking(home_.system.queues, stage);
 }
 
 bool ServiceApi::cancelTransfer(TransferNumber number) {

@@ -57,8 +57,15 @@ public:
     /// Ends this transfer for good: what comes in is declined from now on, what goes out is not sent any more. Returns
     /// whether it is under way.
     [[nodiscard]] bool cancelTransfer(TransferNumber number);
+    /// Copies these files into the outbox, for these phones, or for the one that was paired last; returns the batch.
+    /// All of them, or none. @throws HostError, ShareError
+    [[nodiscard]] Task<BatchId> share(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones);
     /// OutboxSender::retry().
     [[nodiscard]] bool retry(const std::optional<BatchId>& batch) { return outbox_.retry(batch); }
+    /// Takes a batch back for one phone; the others still get it. Returns whether there is such a batch for it.
+    [[nodiscard]] bool cancelBatch(const BatchId& batch, const PeerKey& peerKey) {
+        return outbox_.cancel(batch, peerKey);
+    }
     /// Takes a batch back, and ends what is under way of it: OutboxSender::remove().
     [[nodiscard]] Task<bool> cancelBatch(BatchId batch) { return outbox_.remove(std::move(batch)); }
 

@@ -25,6 +25,8 @@ constexpr const char* phoneKey = "phone";
 constexpr const char* nameKey = "name";
 constexpr const char* seenKey = "seen_epoch_ms";
 constexpr const char* wakeKey = "can_wake";
+constexpr const char* pairedKey = "paired_at_epoch_ms";
+constexpr const char* addressKey = "address";
 constexpr const char* transferKey = "transfer";
 constexpr const char* directionKey = "direction";
 constexpr const char* batchKey = "batch";
@@ -67,7 +69,9 @@ Json fieldsOf(const PhoneView& phone) {
             {nameKey, phone.name},
             {stateKey, textOf(phone.presence.state)},
             {seenKey, phone.presence.seen ? toNumber(*phone.presence.seen) : 0},
-            {wakeKey, phone.presence.canWake}};
+            {wakeKey, phone.presence.canWake},
+            {pairedKey, toNumber(phone.pairedAt)},
+            {addressKey, phone.address}};
 }
 
 Json fieldsOf(const TransferView& transfer) {
@@ -148,7 +152,9 @@ PhoneView phoneIn(const Json& object) {
             .presence = {.peerKey = PeerKey(requireString(object, pubkeyKey)),
                          .state = stateIn(object, stateKey, std::array{here, asleep, away, unknown}),
                          .seen = momentIn(object, seenKey),
-                         .canWake = wake != object.end() && wake->is_boolean() && wake->get<bool>()}};
+                         .canWake = wake != object.end() && wake->is_boolean() && wake->get<bool>()},
+            .pairedAt = fromEpochMilliseconds(requireInt64(object, pairedKey)),
+            .address = requireString(object, addressKey)};
 }
 
 TransferView transferIn(const Json& object) {

@@ -19,7 +19,8 @@ namespace orlinth::host {
 /// The states are "starting", "listening", "lent", "not-listening" and "stopping".
 using ServiceLine = ServiceView;
 
-/// `{"event":"phone","peer_pubkey":"…","name":"Pixel 8","state":"here","seen_epoch_ms":1731686400000,"can_wake":true}`.
+/// `{"event":"phone","peer_pubkey":"…","name":"Pixel 8","state":"here","seen_epoch_ms":1731686400000,"can_wake":true,
+/// "paired_at_epoch_ms":1731686400000,"address":"192.168.1.7"}`.
 using PhoneLine = PhoneView;
 
 /// `{"event":"transfer","transfer":7,"direction":"in","peer_pubkey":"…","phone":"Pixel 8","name":"film.mov",

@@ -32,6 +32,8 @@ struct ServiceView {
 struct PhoneView {
     std::string name = {};
     PhonePresence presence = {};
+    EpochMilliseconds pairedAt{};
+    std::string address = {}; ///< where it is reached, without the port
 
     friend bool operator==(const PhoneView&, const PhoneView&) = default;
 };

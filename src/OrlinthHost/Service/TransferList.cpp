@@ -12,6 +12,7 @@ TransferList::TransferList(Home& home, std::function<void()> onChanged)
 void TransferList::began(Carrier carrier, TransferView view) {
     const TransferNumber number{++last_};
     view.number = number;
+    view.beganAt = home_.system.clock.now();
     running_[carrier] = {.number = number, .countedAt = home_.system.clock.now(), .counted = view.bytes.done};
     views_.emplace(number, std::move(view));
     onChanged_();
@@ -46,6 +47,7 @@ void TransferList::ended(Carrier carrier, TransferView::State state, std::string
     running_.erase(at);
     TransferView& view = views_.at(number);
     view.state = state;
+    view.endedAt = home_.system.clock.now();
     view.problem = std::move(problem);
     view.path = std::move(path);
     view.bytesPerSecond = 0;

@@ -39,7 +39,9 @@ struct TransferView {
     Progress bytes = {};
     std::int64_t bytesPerSecond = 0; ///< 0 while that is not known
     std::string problem = {};        ///< why it failed; else ""
-    platform::Path path = {};        ///< where a file that came in was put; else ""
+    platform::Clock::Instant beganAt{};
+    std::optional<platform::Clock::Instant> endedAt = {}; ///< nothing while it is under way
+    platform::Path path = {};                             ///< where a file that came in was put; else ""
 
     friend bool operator==(const TransferView&, const TransferView&) = default;
 };

@@ -25,11 +25,14 @@ const std::vector<std::pair<std::string, ServiceNews>> news{
      ServiceView{.state = ServiceView::State::lent, .port = 1, .downloads = "/d"}},
     {R"({"downloads":"/d","event":"service","port":1,"state":"stopping"})",
      ServiceView{.state = ServiceView::State::stopping, .port = 1, .downloads = "/d"}},
-    {R"({"can_wake":true,"event":"phone","name":"Pixel 8","peer_pubkey":"a=","seen_epoch_ms":1731686400000,)"
-     R"("state":"here"})",
+    {R"({"address":"192.168.1.7","can_wake":true,"event":"phone","name":"Pixel 8","paired_at_epoch_ms":1731686400000,)"
+     R"("peer_pubkey":"a=","seen_epoch_ms":1731686400000,"state":"here"})",
      PhoneView{.name = "Pixel 8",
-               .presence = {.peerKey = PeerKey("a="), .state = PresenceState::here, .seen = moment, .canWake = true}}},
-    {R"({"can_wake":false,"event":"phone","name":"Tablet","peer_pubkey":"b=","seen_epoch_ms":0,"state":"unknown"})",
+               .presence = {.peerKey = PeerKey("a="), .state = PresenceState::here, .seen = moment, .canWake = true},
+               .pairedAt = moment,
+               .address = "192.168.1.7"}},
+    {R"({"address":"","can_wake":false,"event":"phone","name":"Tablet","paired_at_epoch_ms":0,"peer_pubkey":"b=",)"
+     R"("seen_epoch_ms":0,"state":"unknown"})",
      PhoneView{.name = "Tablet", .presence = {.peerKey = PeerKey("b=")}}},
     {R"({"bytes_done":41,"bytes_per_second":20,"direction":"in","event":"transfer","name":"film.mov",)"
      R"("peer_pubkey":"a=","phone":"Pixel 8","state":"active","total_bytes":100,"transfer":7})",
