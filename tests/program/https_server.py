@@ -280,6 +280,11 @@ class PushServer:
         with self._changed:
             self._script[endpoint] += answers
 
+    def forget_script(self):
+        """From now on everything is answered as usual."""
+        with self._changed:
+            self._script = {"token": [], "push": []}
+
     def requests(self, endpoint=None):
         with self._changed:
             return [request for kind, request in self._requests if endpoint in (None, kind)]

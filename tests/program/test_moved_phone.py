@@ -9,47 +9,58 @@ Three computers on one switch, in network namespaces:
 import own_root  # noqa: F401 (it is entered by the import)
 
 import ctypes
+import fcntl
+import ipaddress
 import json
 import os
 import select
+import signal
 import socket
 import struct
 import subprocess
 import sys
 import unittest
 
+import side_by_side
 from harness import ORLINTH, PATIENCE, ProgramTest, sha256
+from home_network import Namespace
 
 CLONE_NEWNET = 0x40000000
 ETH_P_ALL = 0x0003
-ETH_P_IP, ETH_P_ARP = 0x0800, 0x0806
+ETH_P_IP, ETH_P_ARP, ETH_P_IPV6 = 0x0800, 0x0806, 0x86DD
 ARP_REQUEST = 1
-TCP, SYN, ACK = 6, 0x02, 0x10
+TCP, FIN, SYN, ACK = 6, 0x01, 0x02, 0x10
+NETWORK = ipaddress.ip_network("192.168.7.0/24")
+
+# Kills the process in place of the call that gives a file its name for the n-th time, as $KILL_AT says.
+KILL = r"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+static void count(void) {
+    static int calls;
+    const char* at = getenv("KILL_AT");
+    if (at && __atomic_add_fetch(&calls, 1, __ATOMIC_SEQ_CST) == atoi(at)) {
+        kill(getpid(), SIGKILL);
+    }
+}
+int rename(const char* from, const char* to) {
+    count();
+    return (int)syscall(SYS_renameat2, -100, from, -100, to, 0); /* -100: AT_FDCWD */
+}
+int renameat(int from_folder, const char* from, int to_folder, const char* to) {
+    count();
+    return (int)syscall(SYS_renameat2, from_folder, from, to_folder, to, 0);
+}
+"""
 
 
 def run(script):
     subprocess.run(["sh", "-ec", script], check=True)
-
-
-class Namespace:
-    """A network of its own, for as long as this is open."""
-
-    def __init__(self):
-        self.holder = subprocess.Popen(["unshare", "--net", "sh", "-c", "echo there; exec cat"],
-                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self.holder.stdout.readline()
-        self.pid = self.holder.pid
-
-    def command(self, *arguments):
-        return ["nsenter", f"--net=/proc/{self.pid}/ns/net", "--", *arguments]
-
-    def run(self, script):
-        subprocess.run(self.command("sh", "-ec", script), check=True)
-
-    def close(self):
-        self.holder.stdin.close()
-        self.holder.stdout.close()
-        self.holder.wait(PATIENCE)
 
 
 def setUpModule():
@@ -59,28 +70,57 @@ def setUpModule():
 
 
 class Wire:
-    """What leaves this computer by `near`, from the moment this is made."""
+    """What leaves this computer by `near`, from the moment this is made until it is closed."""
 
     def __init__(self):
+        self.asked = []  # the addresses that were asked for by ARP
+        self.connected = []  # the ends of connections that were begun
+        self.ended = []  # the ends of connections that this computer has ended
+        self.elsewhere = []  # who else got packets: outside the network, but for groups of devices
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
         self.socket.bind(("near", ETH_P_ALL))
 
-    def read(self):
-        """The addresses that were asked for by ARP, and the ends of connections that were begun, so far."""
-        asked, connected = [], []
-        while select.select([self.socket], [], [], 0)[0]:
-            frame, (_, protocol, kind, *_) = self.socket.recvfrom(2048)
-            if kind != socket.PACKET_OUTGOING:
-                continue
-            if protocol == ETH_P_ARP and struct.unpack(">H", frame[20:22])[0] == ARP_REQUEST:
-                asked.append(socket.inet_ntoa(frame[38:42]))
-            if protocol == ETH_P_IP and frame[23] == TCP:
-                segment = frame[14 + (frame[14] & 0x0F) * 4:]
-                if segment[13] & (SYN | ACK) == SYN:
-                    connected.append((socket.inet_ntoa(frame[30:34]), struct.unpack(">H", segment[2:4])[0]))
+    def close(self):
+        self.read()
         self.socket.close()
-        return asked, connected
+
+    def read(self):
+        while select.select([self.socket], [], [], 0)[0]:
+            self._take()
+
+    def wait_for_end(self, end):
+        """Returns once this computer has ended a connection to there."""
+        while end not in self.ended:
+            if not select.select([self.socket], [], [], PATIENCE)[0]:
+                raise AssertionError(f"no connection to {end} was ended, only {self.ended}")
+            self._take()
+
+    def _take(self):
+        frame, (_, protocol, kind, *_) = self.socket.recvfrom(2048)
+        if kind != socket.PACKET_OUTGOING:
+            return
+        if protocol == ETH_P_ARP and struct.unpack(">H", frame[20:22])[0] == ARP_REQUEST:
+            self.asked.append(socket.inet_ntoa(frame[38:42]))
+        elif protocol == ETH_P_IP:
+            self._take_ipv4(frame[14:])
+        elif protocol == ETH_P_IPV6:
+            self._judge(ipaddress.ip_address(frame[14 + 24:14 + 40]))
+
+    def _take_ipv4(self, packet):
+        target = ipaddress.ip_address(packet[16:20])
+        self._judge(target)
+        if packet[9] == TCP:
+            segment = packet[(packet[0] & 0x0F) * 4:]
+            end = (str(target), struct.unpack(">H", segment[2:4])[0])
+            if segment[13] & (SYN | ACK) == SYN:
+                self.connected.append(end)
+            if segment[13] & FIN:
+                self.ended.append(end)
+
+    def _judge(self, target):
+        if not (target.is_multicast or target.is_link_local or target in NETWORK):
+            self.elsewhere.append(str(target))
 
 
 class MovedPhoneTest(ProgramTest):
@@ -129,12 +169,19 @@ class MovedPhoneTest(ProgramTest):
         return program
 
     def send(self, content, *arguments):
-        """Sends a file to whatever is recorded; what left this computer meanwhile, as Wire.read() has it, and how it
-        ended."""
+        """Sends a file to whatever is recorded, so that nothing leaves the network: whom this computer asked for, to
+        whom it connected, and how it ended."""
         file = self.file("a.txt", content)
-        wire = Wire()
+        wire = self.wire()
         result = self.mac.run("send", "--to", "phone", *arguments, str(file))
-        return (*wire.read(), result)
+        wire.read()
+        self.assertEqual([], wire.elsewhere)
+        return wire.asked, wire.connected, result
+
+    def wire(self):
+        wire = Wire()
+        self.addCleanup(wire.close)
+        return wire
 
     def assert_arrives(self, content, port, *arguments):
         """A phone that listens gets the file; what left this computer meanwhile."""
@@ -166,6 +213,23 @@ class MovedPhoneTest(ProgramTest):
         file = json.loads((self.mac.data / "Orlinth" / "addresses.json").read_text())
         return {entry["address"]: entry for entry in file["phones"][self.phone.key]}
 
+    def serve_there(self, port):
+        """The phone takes whatever comes, at this port."""
+        phone = self.running_program(
+            self.there.command(ORLINTH, "serve", "--port", str(port), "--dir", str(self.phone.downloads), "--json",
+                               "--no-clipboard"), self.phone)
+        phone.events.wait_for("listening")
+        return phone
+
+    def serve(self):
+        """The service of this computer."""
+        service = self.running(self.mac, "serve", "--port", "0", "--dir", str(self.mac.downloads), "--json",
+                               "--no-clipboard")
+        service.events.wait_for("listening")
+        return service
+
+
+class Search(MovedPhoneTest):
     def test_at_home_nothing_is_sent_but_the_transfer(self):
         port = self.make_known("192.168.7.57", "192.168.7.30")
         asked, connected = self.assert_arrives(b"at home", port)
@@ -219,13 +283,9 @@ class MovedPhoneTest(ProgramTest):
     def test_what_was_shared_finds_it_too(self):
         port = self.make_known("192.168.7.30")
         self.move("192.168.7.57")
-        phone = self.running_program(
-            self.there.command(ORLINTH, "serve", "--port", str(port), "--dir", str(self.phone.downloads), "--json",
-                               "--no-clipboard"), self.phone)
-        phone.events.wait_for("listening")
-        service = self.running(self.mac, "serve", "--port", "0", "--dir", str(self.mac.downloads), "--json",
-                               "--no-clipboard")
-        service.events.wait_for("listening")
+        self.serve_there(port)
+        wire = self.wire()
+        service = self.serve()
         result = self.mac.run("share", "--to", "phone", str(self.file("a.txt", b"shared")),
                               str(self.file("b.txt", b"too")))
         self.assertEqual(0, result.returncode, result.stderr)
@@ -233,6 +293,29 @@ class MovedPhoneTest(ProgramTest):
         self.assertEqual([], [event for event in service.events.all if event["event"] == "outbox_waiting"])
         self.assertEqual(b"shared", (self.phone.downloads / "a.txt").read_bytes())
         self.assertEqual("192.168.7.57", self.recorded())
+        wire.read()
+        self.assertIn(("192.168.7.57", port), wire.connected)
+        self.assertEqual([], wire.elsewhere)
+
+    def test_nothing_that_was_shared_leaves_the_network_while_the_phone_is_away(self):
+        self.make_known("192.168.7.30")
+        self.there.run("ip link set wlan down")
+        wire = self.wire()
+        service = self.serve()
+        result = self.mac.run("share", "--to", "phone", str(self.file("a.txt", b"shared")))
+        self.assertEqual(0, result.returncode, result.stderr)
+        service.events.wait_for("outbox_waiting")
+        wire.read()
+        self.assertGreater(len(set(wire.asked)), 200, "there was a sweep")
+        self.assertEqual([], wire.elsewhere)
+
+    def test_a_packet_to_another_network_would_be_seen(self):
+        self.mac.record(self.phone, 7000, ip="192.168.8.30")
+        wire = self.wire()
+        self.assertEqual(1, self.mac.run("send", "--to", "phone", "--warm-timeout", "1",
+                                         str(self.file("a.txt", b"a"))).returncode)
+        wire.read()
+        self.assertEqual({"192.168.8.30"}, set(wire.elsewhere))
 
     def test_a_sweep_costs_three_questions_for_each_address(self):
         self.make_known("192.168.7.30")
@@ -266,5 +349,67 @@ class MovedPhoneTest(ProgramTest):
                 self.assertEqual("192.168.7.30", self.recorded())
 
 
+class KilledSender(MovedPhoneTest):
+    def assert_killed_sender_left_whole_files(self):
+        record = json.loads(self.mac.peer_file.read_text())["peers"]
+        self.assertEqual([self.phone.key], [one["peer_pubkey"] for one in record])
+        self.assertIn(record[0]["peer_ip"], ("192.168.7.30", "192.168.7.57"))
+        self.assertIn("192.168.7.30", self.remembered())
+
+    def test_a_sender_is_killed_while_the_new_address_waits_to_be_written(self):
+        port = self.make_known("192.168.7.30")
+        self.move("192.168.7.57")
+        self.serve_there(port)
+        before = self.mac.peer_file.read_bytes()
+        file = self.file("a.txt", b"a")
+        with open(f"{self.mac.peer_file}.lock", "ab") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            wire = self.wire()
+            sender = self.running(self.mac, "send", "--to", "phone", "--json", str(file))
+            wire.wait_for_end(("192.168.7.57", port))  # it has its proof, and hung up
+            sender.kill()
+        self.assertEqual(before, self.mac.peer_file.read_bytes())
+        self.assert_killed_sender_left_whole_files()
+        self.assert_sent(file)
+        self.assertEqual("192.168.7.57", self.recorded())
+
+    def test_a_sender_is_killed_before_each_of_its_files_gets_its_name(self):
+        port = self.make_known("192.168.7.30")
+        self.move("192.168.7.57")
+        self.serve_there(port)
+        kept = {path: path.read_bytes() for path in self.mac.peer_file.parent.glob("*.json")}
+        killing = {"LD_PRELOAD": str(self.shim("kill", KILL))}
+        seen = []  # the address that a sender left in the record
+        status = -signal.SIGKILL
+        while status == -signal.SIGKILL:
+            for path, content in kept.items():
+                path.write_bytes(content)
+            file = self.file(f"{len(seen)}.txt", os.urandom(100))
+            killed = self.mac.run("send", "--to", "phone", str(file),
+                                  environment={**killing, "KILL_AT": str(len(seen) + 1)})
+            status = killed.returncode
+            seen.append(self.recorded())
+            self.assert_killed_sender_left_whole_files()
+            self.assert_sent(file)
+            if self.recorded() != "192.168.7.57":  # it has used up the turn of this minute, and no more
+                self.let_a_minute_pass()
+                self.assert_sent(file)
+            self.assertEqual("192.168.7.57", self.recorded())
+        self.assertEqual(0, status, killed.stderr)
+        self.assertEqual({"192.168.7.30", "192.168.7.57"}, set(seen[:-1]), "some were killed before, some behind it")
+
+    def assert_sent(self, file):
+        result = self.mac.run("send", "--to", "phone", str(file))
+        self.assertEqual(0, result.returncode, result.stderr)
+
+    def let_a_minute_pass(self):
+        """For the limit of how often the record of a phone changes."""
+        path = self.mac.data / "Orlinth" / "addresses.json"
+        book = json.loads(path.read_text())
+        self.assertEqual([self.phone.key], list(book["moved"]))
+        book["moved"][self.phone.key] -= 61_000
+        path.write_text(json.dumps(book))
+
+
 if __name__ == "__main__":
-    unittest.main()
+    side_by_side.main()
