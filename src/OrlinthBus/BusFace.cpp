@@ -137,7 +137,7 @@ BusObjects BusFace::look() {
 }
 
 Task<> BusFace::tellNews() {
-    std::uint64_t seen = 0;
+    std::uint64_t seen = api_->version(); // that is there when the connection is made
     bool isBehind = false;
     for (;;) {
         if (!isBehind) {
@@ -169,7 +169,7 @@ void BusFace::onCall(BusCall call) {
     }
     if (const auto batch = batches_.find(path); batch != batches_.end()) {
         const auto& [id, peerKey] = batch->second;
-        const bool isFound = member == "Cancel" ? api_->cancelBatch(id, peerKey) : api_->retry(id);
+        const bool isFound = member == "Cancel" ? api_->cancelBatch(id, peerKey) : api_->retry(id, peerKey);
         if (isFound) {
             call.reply();
         } else {

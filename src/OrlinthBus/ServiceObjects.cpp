@@ -3,6 +3,7 @@
 #include "OrlinthBus/ObjectPath.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/ServiceNews.h"
+#include "base/Text.h"
 
 #include <algorithm>
 #include <limits>
@@ -35,16 +36,17 @@ std::uint64_t momentOf(const std::optional<EpochMilliseconds>& moment) {
     return moment ? momentOf(*moment) : 0;
 }
 
-/// The text as D-Bus takes it: a zero would end it.
-std::string textOf(std::string text) {
-    std::erase(text, '\0');
-    return text;
+/// The text as D-Bus takes it: UTF-8, which a path need not be, without a zero, which would end it.
+std::string textOf(const std::string& text) {
+    std::string whole = toUtf8(text);
+    std::erase(whole, '\0');
+    return whole;
 }
 
 BusObject objectOf(const host::ServiceView& service, const ServiceIdentity& identity) {
     return {.interface = serviceInterface,
             .properties = {{"Version", identity.version},
-                           {"DataDirectory", identity.dataDirectory},
+                           {"DataDirectory", textOf(identity.dataDirectory)},
                            {"PublicKey", identity.publicKey},
                            {"State", std::string(host::textOf(service.state))},
                            {"Port", service.port},

@@ -106,6 +106,13 @@ void OutboxQueue::Job::startOver() {
     firstOpen.clear();
 }
 
+void OutboxQueue::Job::startOver(const PeerKey& peerKey) {
+    state.find(peerKey)->failed.clear();
+    std::erase_if(inVain, [&peerKey](const auto& entry) { return entry.first.first == peerKey; });
+    through.erase(peerKey);
+    firstOpen.erase(peerKey);
+}
+
 OutboxQueue::OutboxQueue(Home& home, OutboxEvents& events)
     : home_(home),
       events_(events),
@@ -453,6 +460,16 @@ bool OutboxQueue::retry(const BatchId& id) {
         return false;
     }
     store_.bringBack(id);
+    return true;
+}
+
+bool OutboxQueue::retry(const BatchId& id, const PeerKey& peerKey) {
+    Job* const job = find(id);
+    if (job == nullptr || job->state.find(peerKey) == nullptr) {
+        return false;
+    }
+    job->startOver(peerKey);
+    save(*job);
     return true;
 }
 

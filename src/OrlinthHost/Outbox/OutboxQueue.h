@@ -52,6 +52,8 @@ public:
         [[nodiscard]] int attemptsInVain(const PeerKey& peerKey, const std::string& file) const;
         /// What has failed is to be tried again.
         void startOver();
+        /// The same for one phone.
+        void startOver(const PeerKey& peerKey);
     };
 
     /// Why a file was not sent that somebody has cancelled.
@@ -116,6 +118,8 @@ public:
     /// Tries again what has failed in a batch, and brings it back if it was set aside; returns whether there is one.
     /// @throws OutboxError, platform::SystemError
     [[nodiscard]] bool retry(const BatchId& id);
+    /// Tries again what has failed for one phone; returns whether there is such a batch for it.
+    [[nodiscard]] bool retry(const BatchId& id, const PeerKey& peerKey);
     /// Removes a job with all its files; but no file of one that has vanished, in whose place may be anything. Returns
     /// why it could not be removed, and was set aside; nothing if it is gone.
     std::optional<std::string> discard(const BatchId& id);

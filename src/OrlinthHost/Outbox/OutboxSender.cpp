@@ -548,6 +548,14 @@ bool OutboxSender::retry(const std::optional<BatchId>& id) {
     return isFound;
 }
 
+bool OutboxSender::retry(const BatchId& id, const PeerKey& peerKey) {
+    const bool isFound = queue_.retry(id, peerKey);
+    if (isFound) {
+        hope(phoneOf(peerKey));
+    }
+    return isFound;
+}
+
 bool OutboxSender::drop(const BatchId& id) {
     Job* const job = queue_.find(id);
     if (job == nullptr) {

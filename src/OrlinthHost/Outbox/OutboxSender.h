@@ -94,6 +94,8 @@ public:
     /// Tries now what waits; with `id`, that batch as a whole, also if it was set aside. Returns whether there is such
     /// a batch; without one always.
     [[nodiscard]] bool retry(const std::optional<BatchId>& id);
+    /// Tries now what one phone has not got of a batch, also what has failed. Returns whether there is such a batch.
+    [[nodiscard]] bool retry(const BatchId& id, const PeerKey& peerKey);
     /// Takes a batch back, and returns once nothing is left of it: whether there was such a batch.
     /// @throws HostError if something of it could not be removed
     [[nodiscard]] Task<bool> remove(BatchId id);

@@ -62,6 +62,8 @@ public:
     [[nodiscard]] Task<BatchId> share(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones);
     /// OutboxSender::retry().
     [[nodiscard]] bool retry(const std::optional<BatchId>& batch) { return outbox_.retry(batch); }
+    /// Tries now what one phone has not got of a batch; OutboxSender::retry().
+    [[nodiscard]] bool retry(const BatchId& batch, const PeerKey& peerKey) { return outbox_.retry(batch, peerKey); }
     /// Takes a batch back for one phone; the others still get it. Returns whether there is such a batch for it.
     [[nodiscard]] bool cancelBatch(const BatchId& batch, const PeerKey& peerKey) {
         return outbox_.cancel(batch, peerKey);
