@@ -44,6 +44,9 @@ install(FILES "${PROJECT_BINARY_DIR}/orlinth.service" "${PROJECT_SOURCE_DIR}/pac
               "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth-desktop.service"
         DESTINATION lib/systemd/user)
 
+# What the service shows on the session's bus, for those who write programs against it.
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/dbus/com.tarvinex.orlinth1.xml" DESTINATION share/dbus-1/interfaces)
+
 # What firewalls call the port. firewalld reads its services below /usr only, and ufw its profiles in /etc, which is
 # where the settings of programs in /usr belong.
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/firewalld/orlinth.xml" DESTINATION lib/firewalld/services)

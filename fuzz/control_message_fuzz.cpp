@@ -1,5 +1,6 @@
 #include "FuzzSupport.h"
 #include "OrlinthHost/Service/ControlMessage.h"
+#include "OrlinthHost/Service/ServiceNews.h"
 #include "base/Error.h"
 
 namespace {
@@ -28,5 +29,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view line(reinterpret_cast<const char*>(data), size);
     demandTheSame(line, encodeControlRequest, decodeControlRequest);
     demandTheSame(line, encodeControlReply, decodeControlReply);
+    demandTheSame(line, encodeServiceNews, decodeServiceNews);
     return 0;
 }

@@ -9,6 +9,8 @@ namespace orlinth {
 struct Progress {
     std::int64_t done = 0;
     std::int64_t total = 0;
+
+    friend bool operator==(const Progress&, const Progress&) = default;
 };
 
 } // namespace orlinth

@@ -174,6 +174,14 @@ struct ReceiverWorld : World {
                     [this](const Receiver::Departure& departure) {
                         left.emplace_back(departure.peerKey, ends());
                         heardAt = departure.heardAt;
+                    },
+                .onTransferStarted = [this](const Receiver::Transfer& transfer) { started.push_back(transfer); },
+                .onTransferProgress =
+                    [this](const Receiver::TransferProgress& progress) { progresses.push_back(progress); },
+                .onTransferEnded =
+                    [this](const Receiver::TransferEnd& end) {
+                        endsBeforeTransferEnd = ends();
+                        transferEnds.push_back(end);
                     }};
     }
 
@@ -188,6 +196,10 @@ struct ReceiverWorld : World {
     std::vector<Receiver::ProcessOutcome> syncs;
     std::vector<Receiver::Failure> failures;
     std::vector<Receiver::Arrival> authenticated;
+    std::vector<Receiver::Transfer> started;
+    std::vector<Receiver::TransferProgress> progresses;
+    std::vector<Receiver::TransferEnd> transferEnds;
+    std::size_t endsBeforeTransferEnd = 0;             ///< of connections, when the last of those was told
     std::vector<std::pair<PeerKey, std::size_t>> left; ///< with how many ends had been told by then
     platform::Clock::Instant heardAt{};                ///< of the phone that left last
 };

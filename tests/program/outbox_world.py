@@ -5,6 +5,7 @@ import json
 import os
 import signal
 import socket
+import struct
 import threading
 import uuid
 
@@ -60,7 +61,7 @@ class Gate:
 
     def _pump(self, source, sink, is_way_there, is_spared):
         passed = 0
-        with contextlib.suppress(OSError):
+        try:
             while piece := source.recv(16384):
                 sink.sendall(piece)
                 passed += len(piece)
@@ -69,6 +70,14 @@ class Gate:
                     return
                 if is_way_there and self.bytes_per_second:
                     self.closed.wait(len(piece) / self.bytes_per_second)
+        except ConnectionError:  # a reset is passed on as one
+            for end in (source, sink):
+                with contextlib.suppress(OSError):
+                    end.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                    end.shutdown(socket.SHUT_RDWR)
+                    end.close()
+        except OSError:
+            pass  # it was cut
         for end in (source, sink):
             with contextlib.suppress(OSError):
                 end.shutdown(socket.SHUT_RDWR)
@@ -135,7 +144,7 @@ class OutboxTest(ProgramTest):
         self.assertEqual(0, result.returncode, result.stderr)
         return json.loads(result.stdout)["batch"]
 
-    def wait_for(self, service, name, count=1, **fields):
+    def wait_for(self, service, name, /, count=1, **fields):
         """The first `count` events of this name with these fields."""
         def found():
             return [event for event in service.events.all

@@ -56,8 +56,10 @@ struct Session {
     platform::Clock::Instant heardAt{};   ///< when something last came from the phone; on its queue
     /// What goes with the session, which is when the host has been told of its end.
     std::shared_ptr<const void> kept;
-    bool isLeaving = false;   ///< it had to make room; on the receiver's queue
-    bool isAnnounced = false; ///< the host was told of the phone; likewise
+    bool isLeaving = false;               ///< it had to make room; on the receiver's queue
+    bool isAnnounced = false;             ///< the host was told of the phone; likewise
+    bool isCancelled = false;             ///< its transfer is; likewise
+    std::optional<TransferId> transferId; ///< of the file that comes in; likewise
 };
 
 using SessionRef = std::shared_ptr<Session>;
@@ -115,6 +117,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     const std::shared_ptr<RecordUpdates> updates; ///< any thread, and so the next two
     PhonePlaces places;
     FrameRoom frames;
+    CancelledTransfers cancelled;
     std::atomic<std::uint64_t> looks = 0; ///< any thread
 
     mutable Mutex keysLock;
@@ -152,6 +155,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     void admit(std::unique_ptr<platform::Stream> stream);
     void makeRoom();
     void dismiss(std::uint64_t identity);
+    void cancelTransfer(TransferNumber number);
     void watchCrowds();
     [[nodiscard]] static Task<> process(std::shared_ptr<Service> self, SessionRef session,
                                         std::unique_ptr<platform::Stream> stream);
@@ -160,6 +164,8 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     [[nodiscard]] static Task<bool> ask(std::shared_ptr<Service> self, Offer offer);
     void stay(const SessionRef& session);
     void finish(const SessionRef& session, std::optional<ProcessOutcome> outcome, std::exception_ptr error);
+    void finishTransfer(const Session& session, const std::optional<ProcessOutcome>& outcome,
+                        const std::exception_ptr& error);
     void tell(const ProcessOutcome& outcome) const;
     void tellFailure(const Failure& failure) const;
 };
@@ -328,6 +334,17 @@ void Receiver::Service::dismiss(std::uint64_t identity) {
     end(session, "too many connections of strangers", Whom::strangersOnly);
 }
 
+void Receiver::Service::cancelTransfer(TransferNumber number) {
+    const auto at = sessions.find(static_cast<std::uint64_t>(number));
+    if (at == sessions.end() || !at->second->transferId) {
+        return;
+    }
+    const SessionRef& session = at->second;
+    session->isCancelled = true;
+    cancelled.add(session->peerKey, *session->transferId, system.clock.now()); // now: the phone may be quick
+    end(session, "cancelled");
+}
+
 /// A source may have too many for a moment, and not for longer.
 void Receiver::Service::watchCrowds() {
     constexpr Seconds lookInterval = limits::strangerGrace / 4;
@@ -379,6 +396,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
             .updates = *updates,
             .places = places,
             .frames = frames,
+            .cancelled = cancelled,
             .handshakeEnd = limits.handshakeLimit > 0s
                                 // from now on: before, it may have waited for a thread that was busy with a disk
                                 ? std::optional(system.clock.now() + limits.handshakeLimit)
@@ -419,6 +437,25 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                             session->isAnnounced = true;
                             self->callbacks.onAuthenticated(
                                 {.phone = *record, .remoteEndpoint = session->remoteEndpoint});
+                        }
+                    });
+                },
+            .onTransferStarted =
+                [self, session](Transfer transfer) {
+                    asio::post(self->queue, [self, session, transfer = std::move(transfer)]() mutable {
+                        session->transferId = transfer.transferId;
+                        transfer.number = TransferNumber{session->identity};
+                        if (self->callbacks.onTransferStarted) {
+                            self->callbacks.onTransferStarted(transfer);
+                        }
+                    });
+                },
+            .onTransferProgress =
+                [self, session](std::int64_t bytesHere) {
+                    asio::post(self->queue, [self, session, bytesHere] {
+                        if (self->callbacks.onTransferProgress) {
+                            self->callbacks.onTransferProgress(
+                                {.number = TransferNumber{session->identity}, .bytesHere = bytesHere});
                         }
                     });
                 },
@@ -471,16 +508,41 @@ void Receiver::Service::finish(const SessionRef& session, std::optional<ProcessO
     news.changed();
     if (outcome) {
         tell(*outcome);
-    } else if (error && portState != Port::ending) {
-        tellFailure({.error = std::move(error),
+    } else if (error && portState != Port::ending && !session->isCancelled) {
+        tellFailure({.error = error,
                      .remoteEndpoint = session->remoteEndpoint,
                      .from = session->from,
                      .peerKey = session->peerKey});
+    }
+    if (session->transferId) {
+        finishTransfer(*session, outcome, error);
     }
     if (session->isAnnounced && callbacks.onLeft) {
         callbacks.onLeft({.peerKey = session->peerKey, .heardAt = session->heardAt});
     }
     session->kept.reset(); // others may hold the session for longer
+}
+
+void Receiver::Service::finishTransfer(const Session& session, const std::optional<ProcessOutcome>& outcome,
+                                       const std::exception_ptr& error) {
+    const auto* const file = outcome ? std::get_if<File>(&*outcome) : nullptr;
+    if (session.isCancelled && file != nullptr) {
+        cancelled.remove(session.peerKey, *session.transferId);
+    }
+    if (!callbacks.onTransferEnded) {
+        return;
+    }
+    TransferEnd end{.number = TransferNumber{session.identity}};
+    if (file != nullptr) {
+        end.how = TransferEnd::How::delivered;
+        end.savedAt = file->file.savedAt;
+    } else if (session.isCancelled) {
+        end.how = TransferEnd::How::cancelled;
+    } else {
+        end.how = TransferEnd::How::failed;
+        end.error = error;
+    }
+    callbacks.onTransferEnded(end);
 }
 
 void Receiver::Service::tell(const ProcessOutcome& outcome) const {
@@ -534,6 +596,10 @@ std::vector<platform::PublicKey> Receiver::removedPeerPubkeys() const {
 
 std::uint64_t Receiver::lookCount() const noexcept {
     return service_->looks.load();
+}
+
+void Receiver::cancelTransfer(TransferNumber number) {
+    asio::dispatch(service_->queue, [service = service_, number] { service->cancelTransfer(number); });
 }
 
 Task<> Receiver::run(Callbacks callbacks) {

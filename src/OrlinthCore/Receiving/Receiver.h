@@ -38,6 +38,9 @@ public:
     /// legal. A stranger's takes memory only as it arrives.
     static constexpr std::size_t maxHandshakeFrame = NoiseHandshake::maxMessageBytes;
 
+    /// Between two calls of onTransferProgress for one file.
+    static constexpr Seconds progressInterval = 250ms;
+
     /// A dead phone is noticed after 25 seconds, also while we only wait for it.
     static constexpr platform::KeepAlive keepAlive{.idle = 10s, .interval = 5s, .count = 3};
 
@@ -112,6 +115,39 @@ public:
         std::string remoteEndpoint; ///< where it has connected from, which may be a router's address
     };
 
+    /// Names a file that comes in. No two of a receiver have the same.
+    enum class TransferNumber : std::uint64_t {};
+
+    /// A file that comes in: its offer was accepted, and its data is on its way.
+    struct Transfer {
+        TransferNumber number{};
+        std::string name;             ///< as the sender says; not to be trusted as a path
+        std::int64_t size = 0;        ///< bytes, as the sender says
+        std::int64_t resumedFrom = 0; ///< bytes that were here before
+        std::string from;
+        PeerKey peerKey = {};
+        TransferId transferId = {};
+    };
+
+    /// How far a file has come.
+    struct TransferProgress {
+        TransferNumber number{};
+        std::int64_t bytesHere = 0;
+    };
+
+    /// What has become of a file that came in.
+    struct TransferEnd {
+        enum class How {
+            delivered, ///< it was told as a File
+            cancelled, ///< by cancelTransfer()
+            failed     ///< or was cut by the end of the service
+        };
+        TransferNumber number{};
+        How how{};
+        std::exception_ptr error{}; ///< why it failed; null if the phone has gone over to another message
+        platform::Path savedAt{};   ///< where it was delivered
+    };
+
     /// A paired phone whose connection has ended.
     struct Departure {
         PeerKey peerKey;
@@ -131,6 +167,13 @@ public:
         std::function<void(const Arrival&)> onAuthenticated;
         /// The connection of such a phone has ended; told behind its outcome, once for each onAuthenticated.
         std::function<void(const Departure&)> onLeft = {};
+        /// A file begins to come in. One that an earlier connection has delivered is none.
+        std::function<void(const Transfer&)> onTransferStarted = {};
+        /// Of each of those at most once in `progressInterval`.
+        std::function<void(const TransferProgress&)> onTransferProgress = {};
+        /// Once for each of those; told behind the outcome or the failure of its connection, of which a transfer that
+        /// was cancelled has none.
+        std::function<void(const TransferEnd&)> onTransferEnded = {};
     };
 
     /// `expectedPeerPubkeys` are the phones that may connect. What is referred to outlives the receiver.
@@ -171,6 +214,11 @@ public:
     /// that proves our key, and hung up in good order without proving one. That is how a computer finds out whether we
     /// are the one it seeks; it is no failure, and no callback hears of it. Any thread.
     [[nodiscard]] std::uint64_t lookCount() const noexcept;
+
+    /// Ends a file that comes in, soon after: its connection is closed, what has come of it stays for a resume, and for
+    /// CancelledTransfers::lifetime further offers of the same transfer are declined. Nothing if there is no such
+    /// transfer any more, or if it gets delivered first. Any thread.
+    void cancelTransfer(TransferNumber number);
 
     /// Runs the service until stop(). On return every connection has ended, its partial file kept for a resume; then it
     /// may be called again, which opens the port that was used before unless there is another `listener`.

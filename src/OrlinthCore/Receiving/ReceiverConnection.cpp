@@ -146,6 +146,7 @@ public:
             if (const auto* data = std::get_if<MutableBytes>(&frame)) {
                 transfer_.takeData(static_cast<std::int64_t>(data->size()));
                 co_await context_.downloads.append(*file_, *data);
+                tellProgress();
                 giveBack(buffer);
                 continue;
             }
@@ -271,6 +272,9 @@ private:
         open_.emplace(wire_);
         const platform::Clock::Instant offerTime = context_.clock.now();
         const ActiveTransfers::Moment offeredAt = ActiveTransfers::shared().now();
+        if (context_.cancelled.contains(self_->peerKey(), TransferId(offer.transfer_id), offerTime)) {
+            co_return co_await decline(offer, std::nullopt);
+        }
         bool mustBeHere = false;
         if (context_.approveOffer) {
             const Downloads::Prospect prospect = co_await context_.downloads.prospectOf(self_->peerKey(), offer);
@@ -294,9 +298,30 @@ private:
         transfer_.accept(file_->resumeOffset(), approvedSize_); // what is here may be of a larger offer
         place_->beginTransfer();
         room_->beginTransfer();
+        if (file_->delivered() == nullptr) {
+            tellStart(offer);
+        }
         const Bytes resume = framer_.encodeJSON(file_->resumeMessage());
         co_await wire_.sendLengthPrefixed(resume);
         co_return std::nullopt;
+    }
+
+    void tellStart(const Row::FileOffer& offer) {
+        toldAt_ = context_.clock.now();
+        context_.onTransferStarted({.name = offer.name,
+                                    .size = offer.size,
+                                    .resumedFrom = file_->resumeOffset().bytesBefore(),
+                                    .from = name_,
+                                    .peerKey = self_->peerKey(),
+                                    .transferId = TransferId(offer.transfer_id)});
+    }
+
+    void tellProgress() {
+        const platform::Clock::Instant now = context_.clock.now();
+        if (now - toldAt_ >= Receiver::progressInterval) {
+            toldAt_ = now;
+            context_.onTransferProgress(file_->bytesWritten());
+        }
     }
 
     [[nodiscard]] Task<std::optional<Result>> decline(Row::FileOffer offer, std::optional<DownloadRefusal> refusal) {
@@ -419,6 +444,7 @@ private:
     std::shared_ptr<FrameRoom::Share> room_; ///< a text's is still held when the connection has ended
     std::optional<PhonePlaces::Claim> place_;
     IncomingTransfer transfer_{IncomingTransfer::Scope::everything};
+    platform::Clock::Instant toldAt_{};        ///< of its progress, or its start
     std::optional<std::int64_t> approvedSize_; ///< of an offer that somebody was asked about
     std::optional<TransferClaim> claim_;
     std::optional<IncomingFile> file_; // behind the claim, so that it is closed before that is given back

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthCore/Receiving/CancelledTransfers.h"
 #include "OrlinthCore/Receiving/FrameRoom.h"
 #include "OrlinthCore/Receiving/PhonePlaces.h"
 #include "OrlinthCore/Receiving/Receiver.h"
@@ -18,6 +19,7 @@ struct ReceiverConnectionContext {
     RecordUpdates& updates;
     PhonePlaces& places;
     FrameRoom& frames;
+    const CancelledTransfers& cancelled;
     /// When the handshake must be complete; absent: each of its reads may take its time.
     std::optional<platform::Clock::Instant> handshakeEnd;
     /// The first message of the handshake has come.
@@ -37,6 +39,10 @@ struct ReceiverConnectionContext {
     std::function<void(std::shared_ptr<const void>)> keepUntilTold;
     /// The phone has proved its key; its record, if it has one.
     std::function<void(const std::optional<PeerRecord>&)> onAuthenticated;
+    /// A file begins to come in; everything of it but its number.
+    std::function<void(Receiver::Transfer)> onTransferStarted;
+    /// So many bytes of it are here; not more often than Receiver::progressInterval.
+    std::function<void(std::int64_t)> onTransferProgress;
     /// Something has just come from the phone that has proved its key, or it has hung up in good order.
     std::function<void()> onHeard;
     /// It is settled how the connection ends, though it may still have to wait for the disk: nothing that is said of it

@@ -13,13 +13,15 @@ namespace orlinth::host {
 
 namespace {
 
-/// What has failed for good, a phrase for each phone and reason.
+/// What has failed for good, a phrase for each phone and reason. What was cancelled has not.
 std::string summaryOf(const OutboxState& state) {
     std::string text;
     for (const OutboxState::Phone& phone : state.phones) {
         std::map<std::string, std::vector<std::string>> byReason;
         for (const auto& [file, reason] : phone.failed) {
-            byReason[reason].push_back(file);
+            if (reason != OutboxQueue::cancelled) {
+                byReason[reason].push_back(file);
+            }
         }
         for (const auto& [reason, files] : byReason) {
             text += text.empty() ? "" : "; ";
@@ -28,6 +30,11 @@ std::string summaryOf(const OutboxState& state) {
         }
     }
     return text;
+}
+
+/// Nothing has failed, nor was anything cancelled.
+bool isEverythingSent(const OutboxState& state) {
+    return std::ranges::all_of(state.phones, [](const OutboxState::Phone& phone) { return phone.failed.empty(); });
 }
 
 } // namespace
@@ -97,6 +104,13 @@ void OutboxQueue::Job::startOver() {
     inVain.clear();
     through.clear();
     firstOpen.clear();
+}
+
+void OutboxQueue::Job::startOver(const PeerKey& peerKey) {
+    state.find(peerKey)->failed.clear();
+    std::erase_if(inVain, [&peerKey](const auto& entry) { return entry.first.first == peerKey; });
+    through.erase(peerKey);
+    firstOpen.erase(peerKey);
 }
 
 OutboxQueue::OutboxQueue(Home& home, OutboxEvents& events)
@@ -249,6 +263,7 @@ std::shared_ptr<OutboxJournal> OutboxQueue::setUnderWay(Job& job, const PeerKey&
         journal->prepare(soundOf(job, job.upcoming(peerKey, OutboxJournal::filesPreparedAtOnce)));
     }
     job.underWay.insert({peerKey, file});
+    tellChange();
     return journal;
 }
 
@@ -286,6 +301,14 @@ void OutboxQueue::setFailed(Job& job, const PeerKey& peerKey, const std::string&
     endIfThrough(job.id());
 }
 
+void OutboxQueue::setCancelled(Job& job, const PeerKey& peerKey, const std::string& file) {
+    OutboxState::Phone& phone = *job.state.find(peerKey);
+    phone.failed[file] = cancelled;
+    saveFile(job, phone, file);
+    settlePhone(job, peerKey);
+    endIfThrough(job.id());
+}
+
 void OutboxQueue::setAllFailed(const PeerKey& peerKey, const std::string& message) {
     while (Job* const job = nextFor(peerKey)) {
         OutboxState::Phone& phone = *job->state.find(peerKey);
@@ -315,6 +338,7 @@ void OutboxQueue::setWaiting(const PeerKey& peerKey, const std::string& message,
         }
         events_.waiting(id, waiting.displayName(), message, pause);
     }
+    tellChange();
     if (isNews || isFirst) {
         events_.waitingLine(waiting, message);
     }
@@ -346,6 +370,7 @@ void OutboxQueue::endIfThrough(const BatchId& id) {
     }
     const std::unique_ptr<Job> ended = std::move(jobs_.at(id)); // whose own the id may be
     jobs_.erase(id);
+    tellChange();
     note([&ended] { ended->state.flush(); }); // before the ids of what was sent go, and before the batch does
     const std::string failures = summaryOf(ended->state);
     const bool isThere = !batches_.isGone(id);
@@ -358,7 +383,7 @@ void OutboxQueue::endIfThrough(const BatchId& id) {
             batches_.remove(id);
         }
         ended->state.remove(); // last: until then it says that there is nothing to send
-        if (failures.empty()) {
+        if (isEverythingSent(ended->state)) {
             events_.done(id);
         }
     } catch (const platform::SystemError& error) {
@@ -386,6 +411,7 @@ void OutboxQueue::setAside(const BatchId& id, const std::string& message) {
 }
 
 void OutboxQueue::save(Job& job) {
+    tellChange();
     note([this, &job] {
         job.state.save();
         isTroubleTold_ = false;
@@ -393,6 +419,7 @@ void OutboxQueue::save(Job& job) {
 }
 
 void OutboxQueue::saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file) {
+    tellChange();
     note([&] {
         job.state.saveFile(phone, file);
         isTroubleTold_ = false;
@@ -436,11 +463,22 @@ bool OutboxQueue::retry(const BatchId& id) {
     return true;
 }
 
+bool OutboxQueue::retry(const BatchId& id, const PeerKey& peerKey) {
+    Job* const job = find(id);
+    if (job == nullptr || job->state.find(peerKey) == nullptr) {
+        return false;
+    }
+    job->startOver(peerKey);
+    save(*job);
+    return true;
+}
+
 std::optional<std::string> OutboxQueue::discard(const BatchId& id) {
     const Job& job = *find(id);
     const bool isThere = !job.hasVanished && !batches_.isGone(id);
     OutboxState state = job.state;
     jobs_.erase(id);
+    tellChange();
     try {
         if (isThere) {
             batches_.remove(id);
@@ -451,6 +489,12 @@ std::optional<std::string> OutboxQueue::discard(const BatchId& id) {
         std::string problem = "it cannot be removed: " + error.description();
         leaveBehind(id, isThere, problem);
         return problem;
+    }
+}
+
+void OutboxQueue::tellChange() const {
+    if (onChanged) {
+        onChanged();
     }
 }
 

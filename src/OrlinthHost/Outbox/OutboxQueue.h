@@ -52,7 +52,15 @@ public:
         [[nodiscard]] int attemptsInVain(const PeerKey& peerKey, const std::string& file) const;
         /// What has failed is to be tried again.
         void startOver();
+        /// The same for one phone.
+        void startOver(const PeerKey& peerKey);
     };
+
+    /// Why a file was not sent that somebody has cancelled.
+    static constexpr const char* cancelled = "cancelled";
+
+    /// Called when a batch has come, has gone, or anything of its state has changed. May be empty. Must not throw.
+    std::function<void()> onChanged;
 
     /// What a look has brought.
     struct News {
@@ -74,6 +82,7 @@ public:
     /// Clears what was abandoned and takes in what has become complete.
     [[nodiscard]] News look(const Watch& watch);
 
+    [[nodiscard]] const std::map<BatchId, std::unique_ptr<Job>>& all() const noexcept { return jobs_; }
     /// Null if there is none, or not any more.
     [[nodiscard]] Job* find(const BatchId& id);
     /// The oldest with something for this phone that is not under way, again of those with the fewest attempts in vain;
@@ -85,13 +94,16 @@ public:
     /// An attempt at the phone's next file begins. Returns the journal, in which the file has its id by now.
     [[nodiscard]] std::shared_ptr<OutboxJournal> setUnderWay(Job& job, const PeerKey& peerKey);
     /// An attempt has ended. Before any of the following that tell how.
-    static void setEnded(Job& job, const PeerKey& peerKey, const std::string& file) {
+    void setEnded(Job& job, const PeerKey& peerKey, const std::string& file) const {
         job.underWay.erase({peerKey, file});
+        tellChange();
     }
     /// The phone has the file. What may be ended by these is: no job is to be used afterwards without looking for it
     /// again.
     void setDone(Job& job, const PeerKey& peerKey, const OutboxEvents::Transfer& transfer, const Delivered& delivered);
     void setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const std::string& message);
+    /// Somebody does not want it to be sent any more. No event tells of it.
+    void setCancelled(Job& job, const PeerKey& peerKey, const std::string& file);
     /// The phone was there, and took nothing of this file: others go first.
     void putBehind(Job& job, const PeerKey& peerKey, const std::string& file) { ++job.inVain[{peerKey, file}]; }
     /// Everything that is left for this phone, in any batch, and not under way.
@@ -106,6 +118,8 @@ public:
     /// Tries again what has failed in a batch, and brings it back if it was set aside; returns whether there is one.
     /// @throws OutboxError, platform::SystemError
     [[nodiscard]] bool retry(const BatchId& id);
+    /// Tries again what has failed for one phone; returns whether there is such a batch for it.
+    [[nodiscard]] bool retry(const BatchId& id, const PeerKey& peerKey);
     /// Removes a job with all its files; but no file of one that has vanished, in whose place may be anything. Returns
     /// why it could not be removed, and was set aside; nothing if it is gone.
     std::optional<std::string> discard(const BatchId& id);
@@ -124,6 +138,7 @@ private:
     void saveFile(Job& job, const OutboxState::Phone& phone, const std::string& file);
     /// Runs something that may fail for want of a disk, and tells that once.
     void note(const std::function<void()>& write);
+    void tellChange() const;
     void log(platform::LogLevel level, const std::string& text) const noexcept;
 
     Home& home_;

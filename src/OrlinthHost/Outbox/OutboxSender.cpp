@@ -94,10 +94,25 @@ struct OutboxSender::Running final : Attempt {
     void onProgress(std::int64_t bytesSent, std::int64_t totalBytes) override {
         Attempt::onProgress(bytesSent, totalBytes);
         const platform::Clock::Instant now = clock.now();
+        tellWatcher(now, {.done = bytesSent, .total = totalBytes});
         heardAt = now; // it has answered, or its system has taken more
         if (!lastProgressAt || now - *lastProgressAt >= progressInterval) {
             lastProgressAt = now;
             events.progress(transfer, {.done = bytesSent, .total = totalBytes});
+        }
+    }
+
+    void tellWatcher(platform::Clock::Instant now, const Progress& progress) {
+        if (!lastWatchedAt) {
+            lastWatchedAt = now;
+            if (watcher->onStarted) {
+                watcher->onStarted(number, transfer, progress);
+            }
+        } else if (now - *lastWatchedAt >= watchInterval || progress.done >= progress.total) {
+            lastWatchedAt = now;
+            if (watcher->onProgress) {
+                watcher->onProgress(number, progress.done);
+            }
         }
     }
 
@@ -111,8 +126,12 @@ struct OutboxSender::Running final : Attempt {
     platform::Path file;
     std::shared_ptr<OutboxJournal> journal;
     std::int64_t bytes; ///< of the file
+    AttemptNumber number{};
+    const Watcher* watcher = nullptr; ///< never, once it runs
+    std::optional<platform::Clock::Instant> lastWatchedAt;
     std::optional<platform::Clock::Instant> lastProgressAt;
     bool isCalledOff = false;           ///< cancelled to look again at what is next
+    bool isCancelled = false;           ///< by somebody who does not want it to be sent any more
     bool isFirst = false;               ///< when it began there was no other connection to the phone
     platform::Clock::Instant heardAt{}; ///< when something last came from the phone, once it has proved its key
     bool wasRefused = false;            ///< at the last address that was tried, before a push
@@ -134,9 +153,15 @@ struct OutboxSender::Phone {
     std::map<std::string, std::int64_t> reached;
     std::string told; ///< why it waits, as it was told; "" once something was sent
     std::unique_ptr<platform::Timer> timer;
+    std::optional<EpochMilliseconds> nextAttempt; ///< when the timer rings; stale unless the policy pauses
     std::list<std::unique_ptr<Running>> attempts; ///< under way
     PhoneLanes lanes;
 
+    /// Whether data of this batch is on its way.
+    [[nodiscard]] bool isSending(const BatchId& id) const {
+        return std::ranges::any_of(
+            attempts, [&id](const auto& attempt) { return attempt->transfer.batch == id && attempt->lastWatchedAt; });
+    }
     [[nodiscard]] std::int64_t bytesUnderWay() const {
         return std::accumulate(attempts.begin(), attempts.end(), std::int64_t{0},
                                [](std::int64_t sum, const auto& attempt) { return sum + attempt->bytes; });
@@ -151,7 +176,13 @@ OutboxSender::OutboxSender(Home& home, const platform::PrivateKey& ownKey, Outbo
       lookout_(home, [this] { look(); }),
       finder_(home, find),
       tasks_(home.executor),
-      news_(home.executor) {}
+      news_(home.executor) {
+    queue_.onChanged = [this] {
+        if (onBatches) {
+            onBatches();
+        }
+    };
+}
 
 OutboxSender::~OutboxSender() = default;
 
@@ -263,6 +294,8 @@ void OutboxSender::launch(Phone& phone, Job& job, const std::string& file) {
     if (const auto before = phone.inDoubt.find(running.place()); before != phone.inDoubt.end()) {
         running.inDoubt = before->second;
     }
+    running.number = AttemptNumber{++lastAttempt_};
+    running.watcher = &watcher;
     if (onContact) {
         running.onProof = [this, &running] { onContact(running.record, Contact::proved, running.heardAt); };
     }
@@ -323,13 +356,14 @@ void OutboxSender::settle(Phone& phone, const Running& ended, std::exception_ptr
     tellContact(*running, error);
     const BatchId& id = running->transfer.batch;
     if (Job* const job = queue_.find(id)) {
-        OutboxQueue::setEnded(*job, phone.peerKey, running->transfer.file);
+        queue_.setEnded(*job, phone.peerKey, running->transfer.file);
         settle(phone, *job, *running,
                {.error = std::move(error),
                 .stage = running->stage(),
                 .mayWake = running->isFirst,
                 .hadCompany = running->hadCompany});
     } else {
+        tellEnd(*running, SendVerdict::cancelled, {});
         end(phone, RetryPolicy::Outcome::nothing);
     }
     const Job* const left = queue_.find(id);
@@ -346,9 +380,13 @@ void OutboxSender::settle(Phone& phone, Job& job, const Running& running, const 
         phone.inDoubt[running.place()] = running.inDoubt;
     }
     const SendVerdict verdict = judge(ended);
-    const bool isOver = job.isDropped || isStopping_ || running.isCalledOff;
+    tellEnd(running, verdict, ended);
+    const bool isOver = job.isDropped || isStopping_ || running.isCalledOff || running.isCancelled;
     if (isOver && verdict != SendVerdict::delivered) {
         end(phone, Outcome::nothing);
+        if (running.isCancelled && !job.isDropped) {
+            queue_.setCancelled(job, phone.peerKey, running.transfer.file);
+        }
         return;
     }
     switch (verdict) {
@@ -378,6 +416,19 @@ void OutboxSender::settle(Phone& phone, Job& job, const Running& running, const 
     case SendVerdict::cancelled: // by nobody here: as any other end
         settleBreak(phone, job, running, ended);
         break;
+    }
+}
+
+void OutboxSender::tellEnd(const Running& running, SendVerdict verdict, const EndedAttempt& ended) const {
+    if (!running.lastWatchedAt || !watcher.onEnded) {
+        return;
+    }
+    if (verdict == SendVerdict::delivered) {
+        watcher.onEnded(running.number, AttemptEnd::delivered, "");
+    } else if (verdict == SendVerdict::cancelled) {
+        watcher.onEnded(running.number, AttemptEnd::cancelled, "");
+    } else {
+        watcher.onEnded(running.number, AttemptEnd::failed, failureText(ended));
     }
 }
 
@@ -436,6 +487,7 @@ void OutboxSender::pause(Phone& phone, const std::string& message) {
 }
 
 void OutboxSender::wait(Phone& phone, Seconds pause, const std::string& message) {
+    phone.nextAttempt = home_.system.clock.epochMilliseconds() + std::chrono::ceil<EpochMilliseconds::duration>(pause);
     phone.timer->arm(pause, [this, &phone] {
         phone.retries.pauseIsOver();
         startNext(phone);
@@ -496,6 +548,14 @@ bool OutboxSender::retry(const std::optional<BatchId>& id) {
     return isFound;
 }
 
+bool OutboxSender::retry(const BatchId& id, const PeerKey& peerKey) {
+    const bool isFound = queue_.retry(id, peerKey);
+    if (isFound) {
+        hope(phoneOf(peerKey));
+    }
+    return isFound;
+}
+
 bool OutboxSender::drop(const BatchId& id) {
     Job* const job = queue_.find(id);
     if (job == nullptr) {
@@ -531,6 +591,69 @@ Task<bool> OutboxSender::remove(BatchId id) {
         throw HostError(left->second);
     }
     co_return isFound;
+}
+
+void OutboxSender::cancel(AttemptNumber number) {
+    for (const auto& [peerKey, phone] : phones_) {
+        for (const std::unique_ptr<Running>& attempt : phone->attempts) {
+            if (attempt->number == number) {
+                attempt->isCancelled = true;
+                tasks_.cancel(attempt->task);
+            }
+        }
+    }
+}
+
+bool OutboxSender::cancel(const BatchId& id, const PeerKey& peerKey) {
+    Job* job = queue_.find(id);
+    if (job == nullptr || !job->isOpenFor(peerKey)) {
+        return false;
+    }
+    for (const std::unique_ptr<Running>& attempt : phoneOf(peerKey).attempts) {
+        if (attempt->transfer.batch == id) {
+            attempt->isCancelled = true;
+            tasks_.cancel(attempt->task);
+        }
+    }
+    while (job != nullptr) { // it goes with its last file
+        const std::optional<std::string> file = job->nextFor(peerKey);
+        if (!file) {
+            break;
+        }
+        queue_.setCancelled(*job, peerKey, *file);
+        job = queue_.find(id);
+    }
+    return true;
+}
+
+std::vector<OutboxView> OutboxSender::batches() const {
+    std::vector<OutboxView> views;
+    for (const auto& [id, job] : queue_.all()) {
+        const ShareOutbox::Manifest& manifest = job->batch.manifest;
+        for (const OutboxState::Phone& to : job->state.phones) {
+            const bool isOpen = to.done.size() + to.failed.size() < manifest.files.size();
+            if (job->isDropped || (!isOpen && to.failed.empty())) {
+                continue;
+            }
+            OutboxView& view = views.emplace_back(OutboxView{.batch = id,
+                                                             .peerKey = to.peerKey,
+                                                             .phone = to.displayName(),
+                                                             .createdAt = manifest.createdAtMs,
+                                                             .files = manifest.files.size(),
+                                                             .filesDone = to.done.size(),
+                                                             .problem = to.waiting});
+            const auto phone = phones_.find(to.peerKey);
+            if (phone != phones_.end() && phone->second->isSending(id)) {
+                view.state = OutboxView::State::sending;
+            } else if (!isOpen) {
+                view.state = OutboxView::State::failed;
+            } else if (phone != phones_.end() && !phone->second->retries.mayBegin()) {
+                view.state = OutboxView::State::paused;
+                view.nextAttempt = phone->second->nextAttempt;
+            }
+        }
+    }
+    return views;
 }
 
 Task<> OutboxSender::finish() {

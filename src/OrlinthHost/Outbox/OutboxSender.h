@@ -4,6 +4,7 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxLookout.h"
 #include "OrlinthHost/Outbox/OutboxQueue.h"
+#include "OrlinthHost/Outbox/OutboxView.h"
 #include "OrlinthHost/Reach/Finder.h"
 #include "OrlinthHost/Sending/Attempt.h"
 #include "OrlinthHost/Sending/RetryPolicy.h"
@@ -16,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orlinth::host {
 
@@ -45,6 +47,26 @@ public:
     /// before start().
     std::function<void(const PeerRecord& phone, Contact contact, platform::Clock::Instant at)> onContact;
 
+    /// Names an attempt to bring a file to a phone. No two of a sender have the same.
+    enum class AttemptNumber : std::uint64_t {};
+    /// How an attempt ended whose data was on its way.
+    enum class AttemptEnd { delivered, failed, cancelled };
+    /// Told of the attempts whose data is on its way, on the home's executor. Each may be empty; none may throw. Set
+    /// before start().
+    struct Watcher {
+        std::function<void(AttemptNumber attempt, const OutboxEvents::Transfer& transfer, const Progress& progress)>
+            onStarted;
+        /// So many bytes are there; at most once in `watchInterval`.
+        std::function<void(AttemptNumber attempt, std::int64_t bytesDone)> onProgress;
+        /// `why` is the failure's text; else "".
+        std::function<void(AttemptNumber attempt, AttemptEnd end, const std::string& why)> onEnded;
+    };
+    Watcher watcher;
+    /// Called when anything of batches() has changed. May be empty. Must not throw. Set before start().
+    std::function<void()> onBatches;
+
+    /// Between two calls of Watcher::onProgress for one attempt.
+    static constexpr Seconds watchInterval = 250ms;
     /// Between two events of progress.
     static constexpr Seconds progressInterval = 500ms;
 
@@ -72,9 +94,18 @@ public:
     /// Tries now what waits; with `id`, that batch as a whole, also if it was set aside. Returns whether there is such
     /// a batch; without one always.
     [[nodiscard]] bool retry(const std::optional<BatchId>& id);
+    /// Tries now what one phone has not got of a batch, also what has failed. Returns whether there is such a batch.
+    [[nodiscard]] bool retry(const BatchId& id, const PeerKey& peerKey);
     /// Takes a batch back, and returns once nothing is left of it: whether there was such a batch.
     /// @throws HostError if something of it could not be removed
     [[nodiscard]] Task<bool> remove(BatchId id);
+    /// Ends this attempt, if it is under way: its file is not sent to its phone any more. What the phone has of it
+    /// stays there. A batch of which nothing else is left is removed. One that is delivered first stays delivered.
+    void cancel(AttemptNumber attempt);
+    /// The same for everything of a batch that a phone has not got yet. Returns whether there is anything.
+    bool cancel(const BatchId& id, const PeerKey& peerKey);
+    /// The batches that wait or are under way, one for each phone that has not got all of it.
+    [[nodiscard]] std::vector<OutboxView> batches() const;
     /// Ends what is under way, so that it can be resumed. The last call; start() need not have been called.
     [[nodiscard]] Task<> finish();
 
@@ -96,6 +127,7 @@ private:
     void launch(Phone& phone, Job& job, const std::string& file);
     [[nodiscard]] Task<> transfer(Running& running);
     void tellContact(const Running& running, const std::exception_ptr& error) const;
+    void tellEnd(const Running& running, SendVerdict verdict, const EndedAttempt& ended) const;
     void settle(Phone& phone, const Running& ended, std::exception_ptr error);
     void settle(Phone& phone, Job& job, const Running& running, const EndedAttempt& ended);
     void settleDoubt(Phone& phone, Job& job, const Running& running);
@@ -118,6 +150,7 @@ private:
     platform::TaskGroup tasks_;           ///< one for each attempt
     std::map<BatchId, std::string> left_; ///< batches that could not be removed, and why
     platform::Condition news_;            ///< an attempt has been settled, or a batch is gone
+    std::uint64_t lastAttempt_ = 0;
     bool isStopping_ = false;
     bool isConnected_ = true;
 };

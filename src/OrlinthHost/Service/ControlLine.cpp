@@ -6,7 +6,7 @@ namespace orlinth::host {
 
 namespace {
 
-Task<std::string> readLine(platform::Stream& stream) {
+Task<std::string> readLine(platform::Stream& stream, std::size_t most) {
     std::string line;
     for (;;) {
         std::byte next{};
@@ -17,7 +17,7 @@ Task<std::string> readLine(platform::Stream& stream) {
         if (next == std::byte{'\n'}) {
             co_return line;
         }
-        if (line.size() == maxControlLine) {
+        if (line.size() == most) {
             throw HostError("a line is too long");
         }
         line += static_cast<char>(next);
@@ -36,8 +36,12 @@ platform::Path controlSocket(const Home& home) {
     return home.dataDirectory() / ServicePresence::socketName;
 }
 
-Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit) {
-    co_return co_await withinLimit(clock, limit, readLine(stream));
+Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit, std::size_t most) {
+    co_return co_await withinLimit(clock, limit, readLine(stream, most));
+}
+
+Task<std::string> readControlLine(platform::Stream& stream, std::size_t most) {
+    return readLine(stream, most);
 }
 
 Task<> sendControlLine(platform::Stream& stream, platform::Clock& clock, std::string line) {

@@ -31,8 +31,11 @@ template <typename T>
 }
 
 /// The next line, without its end, and not a byte further: a socket may follow. What is referred to outlives the call.
-/// @throws HostError if it is too long, comes too late, or the connection ends; SystemError
-[[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit);
+/// @throws HostError if it is longer than `most` bytes, comes too late, or the connection ends; SystemError
+[[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit,
+                                                std::size_t most = maxControlLine);
+/// The same, however long it takes to come.
+[[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, std::size_t most = maxControlLine);
 
 /// Sends a line, and its end. What is referred to outlives the call.
 /// @throws HostError if the other end does not take it in time; SystemError

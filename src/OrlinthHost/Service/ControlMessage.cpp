@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "base/Json.h"
+#include "base/Overloaded.h"
 #include "base/Text.h"
 
 #include <limits>
@@ -17,6 +18,10 @@ constexpr const char* lendRequest = "lend_port";
 constexpr const char* retryRequest = "outbox_retry";
 constexpr const char* dropRequest = "outbox_drop";
 constexpr const char* presenceRequest = "presence";
+constexpr const char* cancelRequest = "cancel";
+constexpr const char* statusRequest = "status";
+constexpr const char* watchRequest = "watch";
+constexpr const char* transferKey = "transfer";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
 constexpr const char* batchKey = "batch";
@@ -29,11 +34,6 @@ constexpr const char* stateKey = "state";
 constexpr const char* seenKey = "seen_epoch_ms";
 constexpr const char* downloadsKey = "downloads";
 constexpr const char* sinceKey = "since_epoch_ms";
-
-template <typename... Cases>
-struct Overloaded : Cases... {
-    using Cases::operator()...;
-};
 
 std::optional<std::uint16_t> portIn(const Json& object) {
     if (!object.is_object() || !object.contains(portKey)) {
@@ -142,7 +142,13 @@ std::string encodeControlRequest(const ControlRequest& request) {
                               object[requestKey] = dropRequest;
                               object[batchKey] = drop.batch;
                           },
-                          [&object](const PresenceRequest&) { object[requestKey] = presenceRequest; }},
+                          [&object](const PresenceRequest&) { object[requestKey] = presenceRequest; },
+                          [&object](const CancelRequest& cancel) {
+                              object[requestKey] = cancelRequest;
+                              object[transferKey] = cancel.transfer;
+                          },
+                          [&object](const StatusRequest&) { object[requestKey] = statusRequest; },
+                          [&object](const WatchRequest&) { object[requestKey] = watchRequest; }},
                request);
     return compactJson(object);
 }
@@ -181,6 +187,18 @@ ControlRequest decodeControlRequest(std::string_view line) {
     }
     if (what == presenceRequest) {
         return PresenceRequest{};
+    }
+    if (what == cancelRequest) {
+        const std::int64_t transfer = requireInt64(object, transferKey);
+        if (transfer > 0) {
+            return CancelRequest{static_cast<std::uint64_t>(transfer)};
+        }
+    }
+    if (what == statusRequest) {
+        return StatusRequest{};
+    }
+    if (what == watchRequest) {
+        return WatchRequest{};
     }
     throw HostError("unknown request");
 }

@@ -44,8 +44,24 @@ struct PresenceRequest {
     friend bool operator==(const PresenceRequest&, const PresenceRequest&) = default;
 };
 
-using ControlRequest =
-    std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest>;
+/// `{"request":"cancel","transfer":7}`: ends a transfer for good. Answered by FoundReply.
+struct CancelRequest {
+    std::uint64_t transfer = 0; ///< TransferNumber
+    friend bool operator==(const CancelRequest&, const CancelRequest&) = default;
+};
+
+/// `{"request":"status"}`: what there is. Answered by the lines of ServiceNews.h up to CurrentLine.
+struct StatusRequest {
+    friend bool operator==(const StatusRequest&, const StatusRequest&) = default;
+};
+
+/// `{"request":"watch"}`: the same, and then what changes, until the connection ends.
+struct WatchRequest {
+    friend bool operator==(const WatchRequest&, const WatchRequest&) = default;
+};
+
+using ControlRequest = std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest,
+                                    PresenceRequest, CancelRequest, StatusRequest, WatchRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.

@@ -30,7 +30,7 @@ Task<> untilItEnds(platform::Stream& stream) {
 } // namespace
 
 Task<> PortLoan::lend(platform::Stream& stream, std::uint16_t number) {
-    lent_ = true;
+    set(true);
     std::optional<std::string> problem;
     try {
         co_await receiver_.stepAside();
@@ -53,9 +53,17 @@ Task<> PortLoan::lend(platform::Stream& stream, std::uint16_t number) {
         }
     }
     co_await takeBack();
-    lent_ = false;
+    set(false);
     if (!problem) {
         events_.portReturned();
+    }
+}
+
+void PortLoan::set(bool isLent, std::string problem) {
+    lent_ = isLent;
+    problem_ = std::move(problem);
+    if (onChanged) {
+        onChanged();
     }
 }
 
@@ -80,6 +88,7 @@ Task<> PortLoan::takeBack() {
         }
         if (!isTold) {
             isTold = true;
+            set(true, problem);
             events_.portMissing(problem);
         }
         co_await home_.system.clock.sleep(retryInterval);

@@ -6,6 +6,8 @@
 #include "OrlinthHost/Service/ServicePort.h"
 
 #include <cstdint>
+#include <functional>
+#include <string>
 
 namespace orlinth::host {
 
@@ -27,6 +29,10 @@ public:
     PortLoan& operator=(const PortLoan&) = delete;
 
     [[nodiscard]] bool isLent() const noexcept { return lent_; }
+    /// While it is lent: why it cannot be opened again, though the loan is over; "" if it is not over.
+    [[nodiscard]] const std::string& problem() const noexcept { return problem_; }
+    /// Called when one of these has changed. May be empty. Must not throw.
+    std::function<void()> onChanged;
 
     /// Lends the port with this number to the other end of `stream`, until that ends: from stepping aside to coming
     /// back. Answers the request itself, also if the port cannot be lent. Not while it is lent. `stream` outlives the
@@ -37,12 +43,14 @@ public:
 private:
     [[nodiscard]] Task<> handOver(platform::Stream& stream, std::uint16_t number);
     [[nodiscard]] Task<> takeBack();
+    void set(bool isLent, std::string problem = {});
 
     Home& home_;
     Receiver& receiver_;
     const ServicePort& port_;
     ServiceEvents& events_;
     bool lent_ = false;
+    std::string problem_;
 };
 
 } // namespace orlinth::host

@@ -3,7 +3,6 @@
 #include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/MetPhones.h"
-#include "OrlinthHost/Service/ControlMessage.h"
 
 #include <algorithm>
 #include <map>
@@ -19,6 +18,31 @@ AddressMemory knownAddresses(const Home& home) {
 
 } // namespace
 
+void PresenceKeeper::arrived(const PeerKey& phone) {
+    presence_.arrived(phone, now());
+    tellChange();
+}
+
+void PresenceKeeper::left(const PeerKey& phone, platform::Clock::Instant heardAt) {
+    presence_.left(phone, momentOf(heardAt));
+    tellChange();
+}
+
+void PresenceKeeper::confirmed(const PeerKey& phone) {
+    presence_.confirmed(phone, home_.system.clock.now());
+    tellChange();
+}
+
+void PresenceKeeper::disappeared(const PeerKey& phone) {
+    presence_.disappeared(phone);
+    tellChange();
+}
+
+void PresenceKeeper::networkChanged() {
+    presence_.networkChanged(home_.system.clock.now());
+    tellChange();
+}
+
 void PresenceKeeper::learn(const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
     using Contact = OutboxSender::Contact;
     if (contact == Contact::proved) {
@@ -27,6 +51,13 @@ void PresenceKeeper::learn(const PeerRecord& phone, OutboxSender::Contact contac
         presence_.refused(phone.peer_pubkey, at);
     } else {
         presence_.failed(phone.peer_pubkey, at);
+    }
+    tellChange();
+}
+
+void PresenceKeeper::tellChange() const {
+    if (onChanged) {
+        onChanged();
     }
 }
 
@@ -42,9 +73,6 @@ std::vector<PhonePresence> PresenceKeeper::all() const {
         records = home_.peers().loadBook().peers;
     } catch (const PeerStoreError&) {
         return {}; // whoever asks will have met the same
-    }
-    if (records.size() > PresenceReply::maxPhones) {
-        records.erase(records.begin(), records.end() - PresenceReply::maxPhones);
     }
     const std::map<PeerKey, EpochMilliseconds> meetings = knownAddresses(home_).lastMeetings();
     const bool hasPushKey = home_.system.files.exists(FcmWake::defaultServiceAccountURL(home_.system.directories));

@@ -4,6 +4,7 @@
 #include "OrlinthHost/Outbox/OutboxSender.h"
 #include "OrlinthHost/Service/Presence.h"
 
+#include <functional>
 #include <vector>
 
 namespace orlinth::host {
@@ -19,23 +20,26 @@ public:
     PresenceKeeper(const PresenceKeeper&) = delete;
     PresenceKeeper& operator=(const PresenceKeeper&) = delete;
 
-    void arrived(const PeerKey& phone) { presence_.arrived(phone, now()); }
+    /// Called whenever what all() says may have changed, but for what time does. May be empty. Must not throw.
+    std::function<void()> onChanged;
+
+    void arrived(const PeerKey& phone);
     /// `heardAt`: when something last came from it.
-    void left(const PeerKey& phone, platform::Clock::Instant heardAt) { presence_.left(phone, momentOf(heardAt)); }
+    void left(const PeerKey& phone, platform::Clock::Instant heardAt);
     /// An attempt to send has shown this. A refusal by another device, which has the address now, is none.
     void learn(const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at);
-    void confirmed(const PeerKey& phone) { presence_.confirmed(phone, home_.system.clock.now()); }
-    void disappeared(const PeerKey& phone) { presence_.disappeared(phone); }
-    void networkChanged() { presence_.networkChanged(home_.system.clock.now()); }
+    void confirmed(const PeerKey& phone);
+    void disappeared(const PeerKey& phone);
+    void networkChanged();
 
-    /// Of the paired phones, in the order of the peer store, the last PresenceReply::maxPhones. None if the store
-    /// cannot be read.
+    /// Of the paired phones, in the order of the peer store. None if that cannot be read.
     [[nodiscard]] std::vector<PhonePresence> all() const;
 
 private:
     [[nodiscard]] Presence::Moment now() const { return momentOf(home_.system.clock.now()); }
     /// By both clocks, of an instant that is not ahead.
     [[nodiscard]] Presence::Moment momentOf(platform::Clock::Instant instant) const;
+    void tellChange() const;
 
     Home& home_;
     Presence presence_;

@@ -11,8 +11,9 @@
 #include "OrlinthHost/Service/PhoneArrivals.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
-#include "OrlinthHost/Service/ServiceControlServer.h"
+#include "OrlinthHost/Service/ServiceApi.h"
 #include "OrlinthHost/Service/ServiceLock.h"
+#include "OrlinthHost/Service/SocketFace.h"
 
 #include <asio/this_coro.hpp>
 
@@ -40,6 +41,7 @@ struct Service::Parts {
     [[nodiscard]] Task<> finish();
 
     ServiceEvents& events;
+    const std::vector<ServiceFace*> faces;
     PresenceKeeper presence;
     Receiver receiver;
     KnownKeys keys;
@@ -50,12 +52,14 @@ struct Service::Parts {
     NetworkLookout network;
     PartialsReminder partials;
     PortLoan loan;
-    ServiceControlServer control;
+    ServiceApi api;
+    SocketFace control;
     Watchdog watchdog;
 };
 
 Service::Parts::Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener)
     : events(service.events_),
+      faces(service.settings_.faces),
       presence(service.home_),
       receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
                port.number()),
@@ -69,6 +73,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                 sharedPeers.update();
                 arrivals.peersChanged();
                 outbox.peersChanged();
+                api.phonesChanged();
             }),
       network(service.home_, {.onConnected =
                                   [this](bool isConnected) {
@@ -87,8 +92,8 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
-      control(service.home_, service.settings_.downloads, loan, outbox, service.events_,
-              [this] { return presence.all(); }),
+      api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
+      control(service.home_, api, loan, service.events_),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
         presence.learn(phone, contact, at);
@@ -116,25 +121,28 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
 }
 
 Receiver::Callbacks Service::Parts::callbacks() {
-    return {.onListening = [this](std::uint16_t port) { start(port); },
-            .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
-            .onClipboard = [this](const Receiver::Clipboard& text) { events.textReceived(text); },
-            .onSync =
-                [this](const Receiver::ProcessOutcome& outcome) {
-                    events.settled(outcome);
-                    sharedPeers.update();
-                },
-            .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
-            .onAuthenticated =
-                [this](const Receiver::Arrival& arrival) {
-                    events.authenticated(arrival.phone, keys.pairedCount());
-                    presence.arrived(arrival.phone.peer_pubkey);
-                    arrivals.came(arrival);
-                    outbox.heardOf(arrival.phone);
-                    sharedPeers.update();
-                },
-            .onLeft =
-                [this](const Receiver::Departure& departure) { presence.left(departure.peerKey, departure.heardAt); }};
+    Receiver::Callbacks told{
+        .onListening = [this](std::uint16_t port) { start(port); },
+        .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
+        .onClipboard = [this](const Receiver::Clipboard& text) { events.textReceived(text); },
+        .onSync =
+            [this](const Receiver::ProcessOutcome& outcome) {
+                events.settled(outcome);
+                sharedPeers.update();
+            },
+        .onError = [this](const Receiver::Failure& failure) { events.connectionFailed(failure); },
+        .onAuthenticated =
+            [this](const Receiver::Arrival& arrival) {
+                events.authenticated(arrival.phone, keys.pairedCount());
+                presence.arrived(arrival.phone.peer_pubkey);
+                arrivals.came(arrival);
+                outbox.heardOf(arrival.phone);
+                sharedPeers.update();
+            },
+        .onLeft =
+            [this](const Receiver::Departure& departure) { presence.left(departure.peerKey, departure.heardAt); }};
+    api.watch(told);
+    return told;
 }
 
 void Service::Parts::start(std::uint16_t port) {
@@ -144,6 +152,7 @@ void Service::Parts::start(std::uint16_t port) {
     peers.start();
     partials.start();
     watchdog.start();
+    api.listening(port);
     events.listening(port, keys.pairedCount());
 }
 
@@ -152,10 +161,14 @@ Task<> Service::Parts::serve() {
     events.phonesKnown(keys.pairedCount());
     std::exception_ptr failure;
     try {
+        for (ServiceFace* const face : faces) {
+            co_await face->start(api);
+        }
         co_await receiver.run(callbacks());
     } catch (...) {
         failure = std::current_exception();
     }
+    api.stopping();
     events.stopping();
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     co_await finish();
@@ -168,6 +181,9 @@ Task<> Service::Parts::finish() {
     peers.stop();
     network.stop();
     partials.stop();
+    for (ServiceFace* const face : faces) {
+        co_await face->finish();
+    }
     co_await control.finish();
     co_await outbox.finish();
     co_await events.finish();

@@ -5,11 +5,13 @@
 #include "OrlinthHost/Outbox/OutboxEvents.h"
 #include "OrlinthHost/Reach/FinderPlan.h"
 #include "OrlinthHost/Service/ServiceEvents.h"
+#include "OrlinthHost/Service/ServiceFace.h"
 #include "OrlinthHost/Service/ServicePort.h"
 #include "OrlinthHost/Service/Watchdog.h"
 
 #include <functional>
 #include <optional>
+#include <vector>
 
 namespace orlinth::host {
 
@@ -30,13 +32,15 @@ struct ServiceSettings {
     FindSetting find = FindSetting::known; ///< where phones are looked for that what was shared goes to
     /// How often whoever manages the service wants to hear that it is alive; nothing: never.
     std::optional<Seconds> watchdogInterval;
+    /// By which the service can be seen and asked besides the control socket; all of them outlive the service.
+    std::vector<ServiceFace*> faces = {};
     Watchdog::Callbacks watchdog;
 };
 
 /// The receive service of one data folder: receives from every paired phone, and sends what lies in the outbox, until
 /// it is cancelled. Builds its parts, lets them know of each other, and ends them in order:
 ///
-///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, ServiceControlServer, OutboxSender, PeerStoreWatch,
+///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, SocketFace, OutboxSender, PeerStoreWatch,
 ///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, Watchdog
 ///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ addresses ─▶ shared list
 ///                                                                               ─▶ downloads ─▶ watchdog

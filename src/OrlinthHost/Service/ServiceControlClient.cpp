@@ -56,6 +56,10 @@ Task<Conversation> converse(Home& home, ControlRequest request) {
     co_return conversation;
 }
 
+HostError notDone(const std::string& problem) {
+    return HostError("the running service did not do it: " + problem);
+}
+
 /// The reply, which must be of this kind; nothing if no service runs.
 template <typename Reply>
 Task<std::optional<Reply>> ask(Home& home, ControlRequest request) {
@@ -75,7 +79,7 @@ Task<std::optional<Reply>> ask(Home& home, ControlRequest request) {
         }
         problem = describe(error);
     }
-    throw HostError("the running service did not do it: " + problem);
+    throw notDone(problem);
 }
 
 Task<std::optional<bool>> askWhetherFound(Home& home, ControlRequest request) {
@@ -86,6 +90,41 @@ Task<std::optional<bool>> askWhetherFound(Home& home, ControlRequest request) {
 Task<std::unique_ptr<platform::Listener>> receivePort(Home& home, platform::Stream& stream) {
     const Executor executor = co_await asio::this_coro::executor;
     co_return co_await home.system.unixSockets.receivePort(stream, executor);
+}
+
+/// False if no service runs; true when everything was told, and, of a request to watch, when the service has ended.
+Task<bool> follow(Home& home, ControlRequest request, std::function<void(const ServiceNews&)> onNews) {
+    const std::unique_ptr<platform::Stream> stream = co_await connectToService(home);
+    if (!stream) {
+        co_return false;
+    }
+    platform::Clock& clock = home.system.clock;
+    const bool goesOn = std::holds_alternative<WatchRequest>(request);
+    co_await sendControlLine(*stream, clock, encodeControlRequest(request));
+    bool isCurrent = false;
+    while (goesOn || !isCurrent) {
+        std::string line;
+        std::string problem;
+        try {
+            line = isCurrent ? co_await readControlLine(*stream, maxNewsLine)
+                             : co_await readControlLine(*stream, clock, replyLimit, maxNewsLine);
+        } catch (const std::exception& error) {
+            if (platform::isCancellation(error)) {
+                throw;
+            }
+            problem = describe(error);
+        }
+        if (!problem.empty()) {
+            if (isCurrent) {
+                break;
+            }
+            throw notDone(problem);
+        }
+        const ServiceNews news = decodeServiceNews(line);
+        isCurrent = isCurrent || std::holds_alternative<CurrentLine>(news);
+        onNews(news);
+    }
+    co_return true;
 }
 
 HostError notLent(const std::string& text) {
@@ -145,6 +184,18 @@ Task<std::optional<bool>> askServiceToRetry(Home& home, std::optional<BatchId> b
 
 Task<std::optional<bool>> askServiceToDrop(Home& home, BatchId batch) {
     co_return co_await askWhetherFound(home, OutboxDropRequest{std::move(batch)});
+}
+
+Task<std::optional<bool>> askServiceToCancel(Home& home, TransferNumber transfer) {
+    co_return co_await askWhetherFound(home, CancelRequest{static_cast<std::uint64_t>(transfer)});
+}
+
+Task<bool> readServiceStatus(Home& home, std::function<void(const ServiceNews&)> onNews) {
+    co_return co_await follow(home, StatusRequest{}, std::move(onNews));
+}
+
+Task<bool> watchService(Home& home, std::function<void(const ServiceNews&)> onNews) {
+    co_return co_await follow(home, WatchRequest{}, std::move(onNews));
 }
 
 Task<std::optional<BorrowedPort>> BorrowedPort::borrow(Home& home, std::optional<std::uint16_t> wanted) {

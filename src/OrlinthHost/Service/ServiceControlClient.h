@@ -3,10 +3,12 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/PhonePresence.h"
+#include "OrlinthHost/Service/ServiceNews.h"
 #include "base/StrongText.h"
 #include "platform/Network.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,6 +41,17 @@ namespace orlinth::host {
 /// Has the running service remove a batch, and returns once nothing is left of it: whether there was such a batch;
 /// nothing if no service runs. @throws HostError if it does not answer, or cannot remove it
 [[nodiscard]] Task<std::optional<bool>> askServiceToDrop(Home& home, BatchId batch);
+
+/// Has the running service end a transfer for good: whether it is under way; nothing if no service runs.
+/// @throws HostError if it does not answer
+[[nodiscard]] Task<std::optional<bool>> askServiceToCancel(Home& home, TransferNumber transfer);
+
+/// What the running service tells of itself now, each thing once, to `onNews`, on the caller's executor. False if none
+/// runs. @throws HostError if it does not answer; what `onNews` throws
+[[nodiscard]] Task<bool> readServiceStatus(Home& home, std::function<void(const ServiceNews&)> onNews);
+
+/// The same, and then what changes, until the service ends: returns true then.
+[[nodiscard]] Task<bool> watchService(Home& home, std::function<void(const ServiceNews&)> onNews);
 
 /// The running service's port, for as long as this lives.
 class BorrowedPort {

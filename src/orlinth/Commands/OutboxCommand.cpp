@@ -5,6 +5,7 @@
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/OutboxReporter.h"
+#include "orlinth/Reporting/StatusText.h"
 #include "platform/SystemError.h"
 
 #include <algorithm>
@@ -34,11 +35,14 @@ public:
             ->expected(0, 1)
             ->check(notEmpty());
         drop_ = parser().add_subcommand("drop", "Remove batches, and end what is under way of them.");
-        drop_->fallthrough();
-        drop_->add_option("BATCH", selectors_, "The beginning of a batch's id; several are all dropped.")
-            ->type_name("")
-            ->required()
-            ->check(notEmpty());
+        cancel_ = parser().add_subcommand("cancel", "The same as drop.");
+        for (CLI::App* const removal : {drop_, cancel_}) {
+            removal->fallthrough();
+            removal->add_option("BATCH", selectors_, "The beginning of a batch's id; several are all dropped.")
+                ->type_name("")
+                ->required()
+                ->check(notEmpty());
+        }
     }
 
     int run(Host& host) override {
@@ -46,17 +50,20 @@ public:
         if (retry_->parsed()) {
             return retry(host, store);
         }
-        return drop_->parsed() ? drop(host, store) : list(host, store);
+        return drop_->parsed() || cancel_->parsed() ? drop(host, store) : list(host, store);
     }
 
 private:
     // Listing
 
+    using Transfers = std::vector<host::TransferView>;
+
     static int list(Host& host, const host::OutboxStore& store) {
         const std::vector<Entry> all = store.all();
+        const Transfers transfers = all.empty() ? Transfers() : transfersUnderWay(host);
         for (const Entry& entry : all) {
-            tellEvent(host, entry);
-            tellLines(host, entry);
+            tellEvent(host, entry, transfers);
+            tellLines(host, entry, transfers);
         }
         if (all.empty()) {
             host.output.message("Nothing waits to be sent. `orlinth share FILE` shares a file.");
@@ -64,7 +71,28 @@ private:
         return 0;
     }
 
-    static void tellEvent(Host& host, const Entry& entry) {
+    /// What the running service sends just now. Nobody depends on it.
+    static Transfers transfersUnderWay(Host& host) {
+        Transfers transfers;
+        const auto onNews = [&transfers](const host::ServiceNews& news) {
+            const auto* const transfer = std::get_if<host::TransferView>(&news);
+            if (transfer != nullptr && transfer->state == host::TransferView::State::active) {
+                transfers.push_back(*transfer);
+            }
+        };
+        try {
+            static_cast<void>(host.tasks.run(host::readServiceStatus(host, onNews)));
+        } catch (const Error& error) {
+            host.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "outbox", error.description());
+        }
+        return transfers;
+    }
+
+    static bool isOf(const host::TransferView& transfer, const Entry& entry, const host::OutboxState::Phone& phone) {
+        return transfer.batch == entry.id && transfer.peerKey == phone.peerKey;
+    }
+
+    static void tellEvent(Host& host, const Entry& entry, const Transfers& transfers) {
         Json fields{{"batch", entry.id}, {"set_aside", entry.isSetAside}};
         if (!entry.problem.empty()) {
             fields["message"] = entry.problem;
@@ -88,12 +116,21 @@ private:
             if (!phone.waiting.empty()) {
                 item["message"] = phone.waiting;
             }
+            for (const host::TransferView& transfer : transfers) {
+                if (isOf(transfer, entry, phone)) {
+                    item["under_way"].push_back({{"transfer", static_cast<std::uint64_t>(transfer.number)},
+                                                 {"file", transfer.name},
+                                                 {"bytes_done", transfer.bytes.done},
+                                                 {"total_bytes", transfer.bytes.total},
+                                                 {"bytes_per_second", transfer.bytesPerSecond}});
+                }
+            }
             fields["phones"].push_back(std::move(item));
         }
         host.output.event("batch", std::move(fields));
     }
 
-    static void tellLines(Host& host, const Entry& entry) {
+    static void tellLines(Host& host, const Entry& entry, const Transfers& transfers) {
         const std::string aside = entry.isSetAside ? ", set aside" : "";
         if (!entry.problem.empty()) {
             host.output.result(shortId(entry.id) + aside + ": " + forDisplay(entry.problem));
@@ -108,6 +145,11 @@ private:
                            host::countOfFiles(manifest.files.size()) + ", " + host::humanSize(bytes) + aside);
         for (const host::OutboxState::Phone& phone : entry.state.phones) {
             tellPhone(host, manifest, phone);
+            for (const host::TransferView& transfer : transfers) {
+                if (isOf(transfer, entry, phone)) {
+                    host.output.result("    " + forDisplay(transfer.name) + "  " + StatusText::stateOf(transfer));
+                }
+            }
         }
         if (entry.state.phones.empty()) {
             host.output.result("  no phone is paired");
@@ -186,6 +228,7 @@ private:
 
     CLI::App* retry_ = nullptr;
     CLI::App* drop_ = nullptr;
+    CLI::App* cancel_ = nullptr;
     std::vector<std::string> selectors_;
 };
 

@@ -1,3 +1,4 @@
+#include "OrlinthBus/BusFace.h"
 #include "OrlinthHost/Service/Service.h"
 #include "orlinth/Asking/OfferQuestions.h"
 #include "orlinth/Commands/Command.h"
@@ -13,6 +14,7 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <optional>
 #include <sys/resource.h>
 #include <utility>
@@ -47,6 +49,15 @@ host::Watchdog::Callbacks watchdogCallbacks() {
                     writeToStandardError("orlinth: threads did not answer " + std::to_string(count) + " more times\n");
                 },
             .onAlive = [] { platform::tellServiceAlive(); }};
+}
+
+const char* environmentVariable(const char* name) {
+    return std::getenv(name);
+}
+
+/// Whether this is the service of the user's own data, and not of a folder that somebody has named besides.
+bool isUsualDataFolder(const Host& host) {
+    return host.system.directories.data == host.system.directories.home / ".local" / "share";
 }
 
 Task<bool> serveUntilCancelled(host::Service& service) {
@@ -114,6 +125,13 @@ private:
         OutboxReporter outboxReporter(host);
         host::ServiceSettings settings = settingsFor(folder);
         settings.approveOffer = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
+        bus::BusFace face(host, environmentVariable,
+                          {.version = ORLINTH_VERSION,
+                           .dataDirectory = host.dataDirectory().string(),
+                           .publicKey = ownKey.publicKey().base64()});
+        if (isUsualDataFolder(host)) { // the name on the bus is that of the user's own service
+            settings.faces.push_back(&face);
+        }
         host::Service service(host, ownKey, std::move(settings), reporter, outboxReporter);
         static_cast<void>(host.tasks.run(serveUntilCancelled(service)));
     }

@@ -20,7 +20,7 @@ void ProgressBar::begin(std::string name, const Progress& progress) {
     clear();
     name_ = std::move(name);
     progress_ = progress;
-    rate_ = 0;
+    rate_ = {};
     doneWhenLastDrawn_ = progress.done;
     lastDrawn_ = Clock::now();
     draw();
@@ -43,9 +43,7 @@ void ProgressBar::update(const Progress& progress) {
         }
         return;
     }
-    const double rateNow = static_cast<double>(progress.done - doneWhenLastDrawn_) / passed.count();
-    // half of what is older than about two seconds is forgotten
-    rate_ = rate_ == 0 ? rateNow : rate_ + (rateNow - rate_) * std::min(1.0, passed / 2s);
+    rate_.add(progress.done - doneWhenLastDrawn_, passed);
     lastDrawn_ = now;
     doneWhenLastDrawn_ = progress.done;
     draw();
@@ -70,9 +68,9 @@ std::string ProgressBar::line(std::size_t columns) const {
     const std::string percent = std::to_string(static_cast<int>(share * 100)) + "%";
     std::string figures = host::padded("", 4 - std::min<std::size_t>(4, percent.size())) + percent;
     std::string rate;
-    if (rate_ > 0) {
-        const Seconds left(static_cast<double>(std::max<std::int64_t>(0, total - done)) / rate_);
-        rate = "  " + host::humanRate(rate_) + "  " + host::humanDuration(left) + " left";
+    if (const double perSecond = rate_.perSecond(); perSecond > 0) {
+        const Seconds left(static_cast<double>(std::max<std::int64_t>(0, total - done)) / perSecond);
+        rate = "  " + host::humanRate(perSecond) + "  " + host::humanDuration(left) + " left";
     }
     // what does not fit is left out, the least important first: the bar, rate and time, the name's end
     const bool roomForRate = columnsOf(figures) + columnsOf(rate) + 10 <= columns;

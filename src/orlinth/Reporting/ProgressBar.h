@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/SmoothedRate.h"
 #include "base/Progress.h"
 #include "base/Time.h"
 
@@ -54,7 +55,7 @@ private:
     Progress progress_;
     Clock::time_point lastDrawn_;
     std::int64_t doneWhenLastDrawn_ = 0;
-    double rate_ = 0; ///< bytes a second, smoothed
+    host::SmoothedRate rate_;
 };
 
 } // namespace orlinth::cli

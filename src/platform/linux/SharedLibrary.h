@@ -23,6 +23,12 @@ public:
         return reinterpret_cast<Function*>(address(name));
     }
 
+    /// @throws SystemError if the library has no such variable
+    template <typename Variable>
+    [[nodiscard]] Variable* variable(const char* name) const {
+        return static_cast<Variable*>(address(name));
+    }
+
 private:
     [[nodiscard]] void* address(const char* name) const;
 

@@ -15,9 +15,15 @@ struct SystemdLibrary {
 
     detail::SharedLibrary library;
 
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_fallback_vtable);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_node_enumerator);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_object_manager);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_call_async);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_call_method_async);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_close_unref);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_emit_object_added);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_emit_object_removed);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_emit_properties_changed_strv);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_emit_signal);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_events);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_fd);
@@ -26,21 +32,29 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_is_ready);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_match_signal_async);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_append);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_append_basic);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_close_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_enter_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_exit_container);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_member);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_path);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_sender);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read_basic);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_ref);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_skip);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_unref);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_new);
+    /// A variable of the library, to which its tables of objects point.
+    const unsigned* sd_bus_object_vtable_format = library.variable<const unsigned>("sd_bus_object_vtable_format");
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_open_system);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_process);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_ref);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_reply_method_errorf);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_reply_method_return);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_address);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_bus_client);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_method_call_timeout);

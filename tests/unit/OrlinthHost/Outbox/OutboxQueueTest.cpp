@@ -116,7 +116,7 @@ protected:
         return next->id().text().substr(0, 2) + " " + file;
     }
     void end(const std::string& id, const PeerKey& key, const std::string& file) {
-        OutboxQueue::setEnded(job(id), key, file);
+        queue->setEnded(job(id), key, file);
     }
     void arrive(const std::string& id, const PeerKey& key, const std::string& file) {
         end(id, key, file);

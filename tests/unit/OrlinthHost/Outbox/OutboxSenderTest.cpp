@@ -640,5 +640,103 @@ TEST_F(OutboxSenderTest, SaysNothingOfAnEmptyOutbox) {
     EXPECT_TRUE(events_.all.empty());
 }
 
+// What faces show and ask for
+
+TEST_F(OutboxSenderTest, TellsOfTheAttemptsWhoseDataIsOnItsWay) {
+    put(first, {"a.txt"});
+    std::vector<std::string> told;
+    world_.alongside(take(1));
+    start([&told](OutboxSender& sender) {
+        sender.watcher = {.onStarted =
+                              [&told](auto, const OutboxEvents::Transfer& transfer, const Progress& progress) {
+                                  told.push_back("started " + transfer.file + " " + std::to_string(progress.total));
+                              },
+                          .onProgress = [](auto, std::int64_t) {},
+                          .onEnded =
+                              [&told](auto, OutboxSender::AttemptEnd end, const std::string& why) {
+                                  told.push_back(end == OutboxSender::AttemptEnd::delivered ? "delivered" : why);
+                              }};
+    });
+    pass(1s);
+    EXPECT_THAT(told, ElementsAre("started a.txt 16", "delivered"));
+}
+
+TEST_F(OutboxSenderTest, TellsNothingOfAttemptsThatGetNowhere) {
+    put(first, {"a.txt"});
+    int told = 0;
+    start([&told](OutboxSender& sender) {
+        sender.watcher = {.onStarted = [&told](auto, const auto&, const auto&) { ++told; },
+                          .onProgress = {},
+                          .onEnded = [&told](auto, auto, const auto&) { ++told; }};
+    });
+    pass(100s);
+    EXPECT_EQ(0, told);
+}
+
+TEST_F(OutboxSenderTest, ShowsABatchForEachPhoneThatHasNotGotItAll) {
+    pair({world_.phoneRecord(), tabletRecord()});
+    put(first, {"a.txt", "b.txt"}, 1000, std::vector{world_.phoneRecord().peer_pubkey, tabletRecord().peer_pubkey});
+    int changes = 0;
+    start([&changes](OutboxSender& sender) { sender.onBatches = [&changes] { ++changes; }; });
+    pass(1s);
+    EXPECT_GT(changes, 0);
+    const std::vector<OutboxView> views = sender_->batches();
+    ASSERT_EQ(2U, views.size());
+    for (const OutboxView& view : views) {
+        EXPECT_EQ(BatchId(first), view.batch);
+        EXPECT_EQ(2U, view.files);
+        EXPECT_EQ(0U, view.filesDone);
+        EXPECT_EQ(OutboxView::State::paused, view.state);
+        EXPECT_THAT(view.problem, HasSubstr("refused"));
+        ASSERT_TRUE(view.nextAttempt);
+        EXPECT_NEAR(4, Seconds(*view.nextAttempt - world_.clock.epochMilliseconds()).count(), 0.5);
+    }
+    world_.alongside(take(2));
+    EXPECT_TRUE(sender_->retry(std::nullopt));
+    pass(1s);
+    ASSERT_EQ(1U, sender_->batches().size());
+    EXPECT_EQ("Tablet", sender_->batches()[0].phone);
+}
+
+TEST_F(OutboxSenderTest, CancelsOneFileAndSendsTheOthers) {
+    put(first, {"a.txt", "b.txt"});
+    std::optional<OutboxSender::AttemptNumber> attempt;
+    std::vector<OutboxSender::AttemptEnd> ends;
+    world_.alongside(beginOneAndTakeOne(2s));
+    start([&](OutboxSender& sender) {
+        sender.watcher = {
+            .onStarted = [&attempt](auto number, const auto&, const auto&) { attempt = attempt.value_or(number); },
+            .onProgress = {},
+            .onEnded = [&ends](auto, auto end, const auto&) { ends.push_back(end); }};
+    });
+    pass(1s);
+    ASSERT_TRUE(attempt);
+    ASSERT_EQ(1U, sender_->batches().size());
+    EXPECT_EQ(OutboxView::State::sending, sender_->batches()[0].state);
+    sender_->cancel(*attempt);
+    pass(10s);
+    EXPECT_THAT(ends, ElementsAre(OutboxSender::AttemptEnd::cancelled, OutboxSender::AttemptEnd::delivered));
+    EXPECT_THAT(taken_, ElementsAre("b.txt"));
+    EXPECT_FALSE(isThere(outbox / first)) << "nothing is left of the batch";
+    EXPECT_FALSE(isThere(container / "OutboxSetAside" / first));
+    EXPECT_THAT(failures(), IsEmpty()) << "nobody is told of what they did themselves";
+    EXPECT_TRUE(sender_->batches().empty());
+}
+
+TEST_F(OutboxSenderTest, CancellingWhatHasEndedDoesNothing) {
+    put(first, {"a.txt"});
+    std::optional<OutboxSender::AttemptNumber> attempt;
+    world_.alongside(take(1));
+    start([&attempt](OutboxSender& sender) {
+        sender.watcher.onStarted = [&attempt](auto number, const auto&, const auto&) { attempt = number; };
+    });
+    pass(1s);
+    ASSERT_TRUE(attempt);
+    sender_->cancel(*attempt);
+    pass(1s);
+    EXPECT_EQ(1U, told(What::sent).size());
+    EXPECT_THAT(failures(), IsEmpty());
+}
+
 } // namespace
 } // namespace orlinth::host

@@ -55,8 +55,12 @@ protected:
     }
     void ring() { ShareOutbox::postPending(world_.busSignals); }
 
-    void start() {
+    /// `prepare` sets what is to be set before.
+    void start(const std::function<void(OutboxSender&)>& prepare = {}) {
         sender_.emplace(home_, world_.computerKey, events_);
+        if (prepare) {
+            prepare(*sender_);
+        }
         sender_->start();
     }
     void stop() {
@@ -117,6 +121,17 @@ protected:
         const auto offer = co_await phone->expect<Row::FileOffer>();
         const bool ended = co_await phone->seesTheEnd();
         EXPECT_TRUE(ended);
+    }
+    /// Takes no leave of the first file, for as long as this; then takes one.
+    [[nodiscard]] Task<> beginOneAndTakeOne(Seconds time) {
+        {
+            const auto phone = co_await ScriptedPeer::accept(world_, world_.phoneKey);
+            const auto offer = co_await phone->expect<Row::FileOffer>();
+            co_await phone->send(Row::resume(offer.transfer_id, ByteOffset()));
+            const Bytes data = co_await phone->receiveUntilDone();
+            co_await world_.clock.sleep(time);
+        }
+        co_await take(1);
     }
     [[nodiscard]] Task<> takeOneAndKeepSilent() {
         co_await take(1);

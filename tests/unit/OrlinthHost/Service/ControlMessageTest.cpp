@@ -22,6 +22,9 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"batch":")" + batch + R"(","request":"outbox_retry"})", OutboxRetryRequest{BatchId(batch)}},
     {R"({"batch":")" + batch + R"(","request":"outbox_drop"})", OutboxDropRequest{BatchId(batch)}},
     {R"({"request":"presence"})", PresenceRequest{}},
+    {R"({"request":"cancel","transfer":7})", CancelRequest{7}},
+    {R"({"request":"status"})", StatusRequest{}},
+    {R"({"request":"watch"})", WatchRequest{}},
 };
 
 const std::vector<std::pair<std::string, ControlReply>> replies{

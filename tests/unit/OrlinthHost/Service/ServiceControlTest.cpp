@@ -1,4 +1,5 @@
 #include "OrlinthHost/Service/ControlLine.h"
+#include "OrlinthHost/Service/SocketFace.h"
 #include "ServiceWorld.h"
 
 #include <gmock/gmock.h>
@@ -48,6 +49,21 @@ protected:
         } catch (const platform::SystemError&) {
             // who has not read everything resets
         }
+    }
+    /// The next thing that one who watches is told.
+    [[nodiscard]] ServiceNews next(platform::Stream& watcher) {
+        return decodeServiceNews(world_.run(readLine(watcher)));
+    }
+    /// What comes of phones is left out.
+    [[nodiscard]] TransferView nextTransfer(platform::Stream& watcher) {
+        ServiceNews news = next(watcher);
+        while (std::holds_alternative<PhoneView>(news)) {
+            news = next(watcher);
+        }
+        return std::get<TransferView>(news);
+    }
+    [[nodiscard]] Task<> watchUntilItEnds(bool& hasEnded) {
+        hasEnded = co_await watchService(home_, [](const ServiceNews&) {});
     }
     void expectBackAtWork() {
         settle();
@@ -293,6 +309,100 @@ TEST_F(ServiceControlTest, ALoanDoesNotKeepTheServiceFromEnding) {
     EXPECT_EQ("", problem());
     const std::unique_ptr<platform::Listener> listener = borrowed->takeListener();
     expectConnectionsAt(*listener); // the pairing goes on with the port that it has
+}
+
+// What it does
+
+TEST_F(ServiceControlTest, TellsWhatThereIs) {
+    EXPECT_FALSE(world_.run(readServiceStatus(home_, [](const ServiceNews&) { FAIL(); })));
+    start();
+    std::vector<ServiceNews> news;
+    EXPECT_TRUE(world_.run(readServiceStatus(home_, [&news](const ServiceNews& one) { news.push_back(one); })));
+    ASSERT_EQ(3U, news.size());
+    EXPECT_EQ(ServiceNews(ServiceView{.state = ServiceView::State::listening, .port = port, .downloads = downloads}),
+              news[0]);
+    EXPECT_EQ("Pixel-8", std::get<PhoneView>(news[1]).name);
+    EXPECT_EQ(ServiceNews(CurrentLine{}), news[2]);
+}
+
+TEST_F(ServiceControlTest, WhoWatchesSeesATransferUntilItIsForgotten) {
+    start();
+    const std::unique_ptr<platform::Stream> watcher = connectToControl();
+    world_.run(write(*watcher, "{\"request\":\"watch\"}\n"));
+    EXPECT_EQ(ServiceView::State::listening, std::get<ServiceView>(next(*watcher)).state);
+    EXPECT_EQ(PresenceState::unknown, std::get<PhoneView>(next(*watcher)).presence.state);
+    EXPECT_EQ(ServiceNews(CurrentLine{}), next(*watcher));
+    const std::unique_ptr<ScriptedPeer> from = phone();
+    EXPECT_EQ(PresenceState::here, std::get<PhoneView>(next(*watcher)).presence.state);
+    world_.run(from->send(Row::fileOffer("film", 8, "text/plain", "ID-1")));
+    static_cast<void>(world_.run(from->expect<Row::Resume>()));
+    TransferView view = std::get<TransferView>(next(*watcher));
+    EXPECT_EQ(TransferView::State::active, view.state);
+    EXPECT_EQ("film", view.name);
+    EXPECT_EQ("Pixel-8", view.phone);
+    pass(1s);
+    world_.run(from->sendBinary(toBytes("four")));
+    view = std::get<TransferView>(next(*watcher));
+    EXPECT_EQ(4, view.bytes.done);
+    EXPECT_NEAR(4, static_cast<double>(view.bytesPerSecond), 1);
+    EXPECT_TRUE(world_.run(askServiceToCancel(home_, view.number)).value());
+    EXPECT_TRUE(world_.run(from->seesTheEnd()));
+    EXPECT_EQ(TransferView::State::cancelled, nextTransfer(*watcher).state);
+    EXPECT_FALSE(world_.run(askServiceToCancel(home_, view.number)).value());
+    ServiceNews news = next(*watcher);
+    while (std::holds_alternative<PhoneView>(news)) {
+        news = next(*watcher);
+    }
+    EXPECT_EQ(ServiceNews(TransferGoneLine{view.number}), news);
+}
+
+TEST_F(ServiceControlTest, WhoWatchesSeesThePortLentAndAPhoneThatIsRemoved) {
+    start();
+    const std::unique_ptr<platform::Stream> watcher = connectToControl();
+    world_.run(write(*watcher, "{\"request\":\"watch\"}\n"));
+    for (int i = 0; i < 3; ++i) {
+        static_cast<void>(next(*watcher));
+    }
+    std::optional<BorrowedPort> loan = borrow();
+    ASSERT_TRUE(loan);
+    EXPECT_EQ(ServiceView::State::lent, std::get<ServiceView>(next(*watcher)).state);
+    loan.reset();
+    EXPECT_EQ(ServiceView::State::listening, std::get<ServiceView>(next(*watcher)).state);
+    pair({});
+    world_.folders.change(dataFolder);
+    EXPECT_EQ(ServiceNews(PhoneGoneLine{world_.phoneRecord().peer_pubkey}), next(*watcher));
+}
+
+TEST_F(ServiceControlTest, AWatchEndsWithTheServiceAndWithTheOneWhoWatches) {
+    start();
+    bool hasEnded = false;
+    world_.alongside(watchUntilItEnds(hasEnded));
+    settle();
+    std::vector<std::unique_ptr<platform::Stream>> watchers;
+    for (std::size_t i = 1; i < SocketFace::maxWatchers; ++i) {
+        watchers.push_back(connectToControl());
+        EXPECT_THAT(ask(*watchers.back(), "{\"request\":\"watch\"}\n"), HasSubstr("listening"));
+    }
+    EXPECT_EQ("{\"error\":\"too many programs are watching\"}", ask("{\"request\":\"watch\"}\n"));
+    watchers.pop_back();
+    pass(1s);
+    EXPECT_THAT(ask("{\"request\":\"watch\"}\n"), HasSubstr("listening"));
+    stop();
+    EXPECT_TRUE(hasEnded);
+}
+
+TEST_F(ServiceControlTest, NobodyWatchesAndNothingRings) {
+    start();
+    pass(10min);
+    const std::size_t alarms = world_.clock.pendingAlarms();
+    {
+        const std::unique_ptr<platform::Stream> watcher = connectToControl();
+        EXPECT_THAT(ask(*watcher, "{\"request\":\"watch\"}\n"), HasSubstr("listening"));
+        pass(1s);
+        EXPECT_GT(world_.clock.pendingAlarms(), alarms);
+    }
+    pass(1s);
+    EXPECT_EQ(alarms, world_.clock.pendingAlarms());
 }
 
 } // namespace

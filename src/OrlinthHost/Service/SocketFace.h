@@ -1,40 +1,43 @@
 #pragma once
 
 #include "OrlinthHost/Home.h"
-#include "OrlinthHost/Outbox/OutboxSender.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/PortLoan.h"
+#include "OrlinthHost/Service/ServiceApi.h"
 #include "OrlinthHost/Service/ServiceEvents.h"
+#include "OrlinthHost/Service/ServiceNews.h"
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <utility>
-#include <vector>
 
 namespace orlinth::host {
 
-/// Answers those who reach the running service by the socket in its data folder: one request a connection, several
-/// connections side by side. ControlMessage.h has what they may say; nonsense is answered by an error.
+/// The face of ServiceApi on the control socket. Answers those who reach the running service by the socket in its data
+/// folder: one request a connection, several connections side by side. ControlMessage.h has what they may say; nonsense
+/// is answered by an error.
 ///
 /// Threading: on the home's executor.
-class ServiceControlServer {
+class SocketFace {
 public:
-    /// What is referred to outlives this. `downloads` is where the service puts files.
-    /// `presence` says which phones are there, the last PresenceReply::maxPhones of them.
-    ServiceControlServer(Home& home, const platform::Path& downloads, PortLoan& loan, OutboxSender& outbox,
-                         ServiceEvents& events, std::function<std::vector<PhonePresence>()> presence)
+    /// Those who watch at once; whoever comes further is told that there are too many.
+    static constexpr std::size_t maxWatchers = 8;
+    /// Between two looks at what is new, for one who watches.
+    static constexpr Seconds newsInterval = 250ms;
+    /// A phone of which nothing is heard is not here any more after a while: so often that is looked at, as long as
+    /// somebody watches.
+    static constexpr Seconds phonesInterval = 15s;
+
+    /// What is referred to outlives this.
+    SocketFace(Home& home, ServiceApi& api, PortLoan& loan, ServiceEvents& events)
         : home_(home),
+          api_(api),
           loan_(loan),
-          outbox_(outbox),
           events_(events),
-          presence_(std::move(presence)),
-          aboutPort_{.downloads = std::filesystem::absolute(downloads).string()},
           accepting_(home.executor),
           conversations_(home.executor) {}
-    ServiceControlServer(const ServiceControlServer&) = delete;
-    ServiceControlServer& operator=(const ServiceControlServer&) = delete;
+    SocketFace(const SocketFace&) = delete;
+    SocketFace& operator=(const SocketFace&) = delete;
 
     /// Answers requests from now on. Once, when the receiver listens on this port. A service whose socket cannot be
     /// opened does its work without, which is reported.
@@ -51,12 +54,17 @@ private:
     /// What the request gets, unless it is answered by a loan.
     [[nodiscard]] Task<ControlReply> replyTo(ControlRequest request);
     [[nodiscard]] bool isToBeLent(const ControlRequest& request) const;
+    [[nodiscard]] PresenceReply presence() const;
+    /// Tells what there is, and what changes until the other end closes. `stream` outlives the call.
+    [[nodiscard]] Task<> watch(platform::Stream& stream);
+    [[nodiscard]] Task<> sendNews(platform::Stream& stream, NewsReader& reader, bool isTimeToLook);
+    [[nodiscard]] Task<> untilNews(platform::Stream& stream, const NewsReader& reader, bool& hasEnded);
 
     Home& home_;
+    ServiceApi& api_;
     PortLoan& loan_;
-    OutboxSender& outbox_;
     ServiceEvents& events_;
-    const std::function<std::vector<PhonePresence>()> presence_;
+    std::size_t watchers_ = 0;
     PortReply aboutPort_;
     platform::TaskGroup accepting_;     ///< run(), if it runs
     platform::TaskGroup conversations_; ///< one for each connection

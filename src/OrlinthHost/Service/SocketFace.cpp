@@ -1,12 +1,15 @@
-#include "OrlinthHost/Service/ServiceControlServer.h"
+#include "OrlinthHost/Service/SocketFace.h"
 
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/ControlLine.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
 
+#include <asio/experimental/awaitable_operators.hpp>
 #include <asio/this_coro.hpp>
 
+#include <algorithm>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -19,11 +22,23 @@ constexpr std::size_t maxConversations = 16;
 /// After the system was short of something.
 constexpr Seconds restInShortage = 100ms;
 
+/// One more, as long as it lives.
+class Counted {
+public:
+    explicit Counted(std::size_t& count) noexcept : count_(count) { ++count_; }
+    ~Counted() { --count_; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+private:
+    std::size_t& count_;
+};
+
 } // namespace
 
-void ServiceControlServer::start(std::uint16_t port) {
-    aboutPort_.port = port;
-    aboutPort_.since = home_.system.clock.epochMilliseconds();
+void SocketFace::start(std::uint16_t port) {
+    aboutPort_ = {
+        .port = port, .downloads = api_.service().downloads.string(), .since = home_.system.clock.epochMilliseconds()};
     accepting_.add(run(), [this](const std::exception_ptr& error) {
         try {
             std::rethrow_exception(error);
@@ -35,13 +50,13 @@ void ServiceControlServer::start(std::uint16_t port) {
     });
 }
 
-Task<> ServiceControlServer::finish() {
+Task<> SocketFace::finish() {
     accepting_.cancelAll();
     co_await accepting_.join();
 }
 
 /// Ends by an exception only.
-Task<> ServiceControlServer::run() {
+Task<> SocketFace::run() {
     const Executor executor = co_await asio::this_coro::executor;
     std::unique_ptr<platform::Listener> listener = home_.system.unixSockets.listen(controlSocket(home_), executor);
     std::exception_ptr failure;
@@ -57,7 +72,7 @@ Task<> ServiceControlServer::run() {
     std::rethrow_exception(failure);
 }
 
-Task<> ServiceControlServer::acceptAll(platform::Listener& listener) {
+Task<> SocketFace::acceptAll(platform::Listener& listener) {
     const Executor executor = co_await asio::this_coro::executor;
     for (;;) {
         Seconds rest{0};
@@ -77,7 +92,7 @@ Task<> ServiceControlServer::acceptAll(platform::Listener& listener) {
     }
 }
 
-void ServiceControlServer::begin(std::unique_ptr<platform::Stream> stream) {
+void SocketFace::begin(std::unique_ptr<platform::Stream> stream) {
     conversations_.add(answer(std::move(stream)), [this](const std::exception_ptr& error) {
         if (error && !loan_.isLent()) {
             // somebody went away in the middle of a sentence, or we are ending: nobody to tell
@@ -86,13 +101,21 @@ void ServiceControlServer::begin(std::unique_ptr<platform::Stream> stream) {
     });
 }
 
-Task<> ServiceControlServer::answer(std::unique_ptr<platform::Stream> stream) {
+Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     ControlReply reply;
     bool isForLoan = false;
+    bool isToWatch = false;
+    bool isStatus = false;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
         isForLoan = isToBeLent(request);
-        if (!isForLoan) {
+        isStatus = std::holds_alternative<StatusRequest>(request);
+        isToWatch = std::holds_alternative<WatchRequest>(request);
+        if (isToWatch && watchers_ == maxWatchers) {
+            isToWatch = false;
+            throw HostError("too many programs are watching");
+        }
+        if (!isForLoan && !isStatus && !isToWatch) {
             reply = co_await replyTo(std::move(request));
         }
     } catch (const std::exception& error) {
@@ -103,22 +126,27 @@ Task<> ServiceControlServer::answer(std::unique_ptr<platform::Stream> stream) {
     }
     if (isForLoan) {
         co_await loan_.lend(*stream, aboutPort_.port);
+    } else if (isToWatch) {
+        co_await watch(*stream);
+    } else if (isStatus) {
+        NewsReader reader(api_);
+        co_await sendNews(*stream, reader, true);
     } else {
         co_await sendControlLine(*stream, home_.system.clock, encodeControlReply(reply));
     }
 }
 
-Task<ControlRequest> ServiceControlServer::receiveRequest(platform::Stream& stream) {
+Task<ControlRequest> SocketFace::receiveRequest(platform::Stream& stream) {
     const std::string line = co_await readControlLine(stream, home_.system.clock, controlLineLimit);
     co_return decodeControlRequest(line);
 }
 
-bool ServiceControlServer::isToBeLent(const ControlRequest& request) const {
+bool SocketFace::isToBeLent(const ControlRequest& request) const {
     const auto* const lend = std::get_if<LendPortRequest>(&request);
     return lend != nullptr && lend->port.value_or(aboutPort_.port) == aboutPort_.port && !loan_.isLent();
 }
 
-Task<ControlReply> ServiceControlServer::replyTo(ControlRequest request) {
+Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
     if (const auto* const lend = std::get_if<LendPortRequest>(&request)) {
         if (lend->port.value_or(aboutPort_.port) != aboutPort_.port) {
             co_return NotLentReply{aboutPort_.port};
@@ -126,16 +154,61 @@ Task<ControlReply> ServiceControlServer::replyTo(ControlRequest request) {
         throw HostError("the port is lent already");
     }
     if (const auto* const retry = std::get_if<OutboxRetryRequest>(&request)) {
-        co_return FoundReply{outbox_.retry(retry->batch)};
+        co_return FoundReply{api_.retry(retry->batch)};
     }
     if (auto* const drop = std::get_if<OutboxDropRequest>(&request)) {
-        const bool isFound = co_await outbox_.remove(std::move(drop->batch));
+        const bool isFound = co_await api_.cancelBatch(std::move(drop->batch));
         co_return FoundReply{isFound};
     }
     if (std::holds_alternative<PresenceRequest>(request)) {
-        co_return PresenceReply{presence_()};
+        co_return presence();
+    }
+    if (const auto* const cancel = std::get_if<CancelRequest>(&request)) {
+        co_return FoundReply{api_.cancelTransfer(TransferNumber{cancel->transfer})};
     }
     co_return aboutPort_;
+}
+
+/// Those that were paired last: the reply is one line.
+PresenceReply SocketFace::presence() const {
+    PresenceReply reply;
+    const std::vector<PhoneView> phones = api_.phones();
+    const std::size_t left = phones.size() - std::min(phones.size(), PresenceReply::maxPhones);
+    for (const PhoneView& phone : std::span(phones).subspan(left)) {
+        reply.phones.push_back(phone.presence);
+    }
+    return reply;
+}
+
+Task<> SocketFace::watch(platform::Stream& stream) {
+    const Counted counted(watchers_);
+    NewsReader reader(api_);
+    bool hasEnded = false;
+    bool isTimeToLook = true;
+    while (!hasEnded) {
+        co_await sendNews(stream, reader, isTimeToLook);
+        const platform::Clock::Instant before = home_.system.clock.now();
+        co_await untilNews(stream, reader, hasEnded);
+        isTimeToLook = home_.system.clock.now() - before >= phonesInterval;
+        if (!hasEnded) {
+            co_await home_.system.clock.sleep(newsInterval); // what comes meanwhile comes together
+        }
+    }
+}
+
+Task<> SocketFace::sendNews(platform::Stream& stream, NewsReader& reader, bool isTimeToLook) {
+    for (const ServiceNews& news : reader.next(isTimeToLook)) {
+        co_await sendControlLine(stream, home_.system.clock, encodeServiceNews(news));
+    }
+}
+
+/// Or until it is time to look at the phones, or the other end has closed.
+Task<> SocketFace::untilNews(platform::Stream& stream, const NewsReader& reader, bool& hasEnded) {
+    using namespace asio::experimental::awaitable_operators;
+    Task<bool> waiting = api_.news().until([&reader] { return reader.isBehind(); }, home_.system.clock, phonesInterval);
+    Task<> ending = stream.untilEnded();
+    const auto first = co_await (std::move(waiting) || std::move(ending));
+    hasEnded = first.index() == 1;
 }
 
 } // namespace orlinth::host

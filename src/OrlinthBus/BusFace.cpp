@@ -1,0 +1,233 @@
+#include "OrlinthBus/BusFace.h"
+
+#include "OrlinthBus/FileUri.h"
+#include "OrlinthBus/ObjectPath.h"
+#include "OrlinthHost/HostError.h"
+#include "platform/Cancelled.h"
+#include "platform/linux/SystemdLibrary.h"
+
+#include <asio/this_coro.hpp>
+
+#include <chrono>
+#include <exception>
+
+namespace orlinth::bus {
+
+namespace {
+
+using platform::systemd;
+
+constexpr std::chrono::seconds answerLimit = 10s;
+
+} // namespace
+
+BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, ServiceIdentity identity)
+    : home_(home),
+      identity_(std::move(identity)),
+      news_(home.executor),
+      loop_(home.executor, environment, answerLimit,
+            [this] {
+                disconnect();
+                connectLater();
+            }),
+      tree_(serviceInterfaces(), {phonesPath, batchesPath, transfersPath},
+            [this](BusCall call) { onCall(std::move(call)); }),
+      reconnecting_(home.system.clock.makeTimer(home.executor)),
+      tasks_(home.executor) {}
+
+BusFace::~BusFace() {
+    disconnect();
+}
+
+Task<> BusFace::start(host::ServiceApi& api) {
+    api_ = &api;
+    tasks_.add(tellNews(), [this](const std::exception_ptr& error) {
+        try {
+            if (error) {
+                std::rethrow_exception(error);
+            }
+        } catch (const std::exception& failure) {
+            if (!platform::isCancellation(failure)) {
+                log(platform::LogLevel::error, describe(failure));
+            }
+        }
+    });
+    connect();
+    static_cast<void>(co_await news_.until([this] { return name_ != Name::unknown || loop_.get() == nullptr; },
+                                           home_.system.clock, startLimit));
+}
+
+Task<> BusFace::finish() {
+    reconnecting_->disarm();
+    tasks_.cancelAll();
+    co_await tasks_.join();
+    disconnect();
+    loop_.close();
+}
+
+// The connection
+
+void BusFace::connect() {
+    name_ = Name::unknown;
+    static_cast<void>(tree_.update(look(), signalsAtOnce)); // not attached: told to nobody
+    if (!loop_.open() || !tree_.attach(loop_)) {
+        disconnect();
+        loop_.close();
+        connectLater();
+        news_.changed();
+        return;
+    }
+    constexpr std::uint32_t doNotQueue = 4;
+    sd_bus_slot* slot = nullptr;
+    if (systemd().sd_bus_call_method_async(loop_.get(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                           "org.freedesktop.DBus", "RequestName", onName, this, "su", serviceName,
+                                           doNotQueue) < 0) {
+        disconnect();
+        loop_.close();
+        connectLater();
+        return;
+    }
+    request_.reset(slot);
+    loop_.wake();
+}
+
+void BusFace::disconnect() noexcept {
+    request_.reset();
+    tree_.detach();
+    name_ = Name::unknown;
+}
+
+void BusFace::connectLater() {
+    reconnecting_->arm(reconnectInterval, [this] { connect(); });
+}
+
+int BusFace::onName(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
+    constexpr std::uint32_t isPrimaryOwner = 1;
+    auto* const face = static_cast<BusFace*>(self);
+    std::uint32_t result = 0;
+    const bool isAnswered = systemd().sd_bus_message_is_method_error(message, nullptr) == 0 &&
+                            systemd().sd_bus_message_read(message, "u", &result) > 0;
+    face->name_ = isAnswered && result == isPrimaryOwner ? Name::ours : Name::anothers;
+    if (face->name_ != Name::ours) {
+        face->log(platform::LogLevel::info, "another service has the name on the session's bus");
+    }
+    face->news_.changed();
+    return 1;
+}
+
+// What there is
+
+BusObjects BusFace::look() {
+    transfers_.clear();
+    batches_.clear();
+    phones_.clear();
+    const std::vector<host::PhoneView> phones = api_->phones();
+    const std::vector<host::TransferView> transfers = api_->transfers();
+    const std::vector<host::OutboxView> batches = api_->batches();
+    for (const host::PhoneView& phone : phones) {
+        phones_.emplace(pathOfPhone(phone.presence.peerKey), phone.presence.peerKey);
+    }
+    for (const host::TransferView& transfer : transfers) {
+        transfers_.emplace(pathOfTransfer(transfer.number), transfer.number);
+    }
+    for (const host::OutboxView& batch : batches) {
+        batches_.emplace(pathOfBatch(batch.batch, batch.peerKey), std::pair(batch.batch, batch.peerKey));
+    }
+    return objectsOf(api_->service(), identity_, phones, transfers, batches, home_.system.clock.now());
+}
+
+Task<> BusFace::tellNews() {
+    std::uint64_t seen = api_->version(); // that is there when the connection is made
+    bool isBehind = false;
+    for (;;) {
+        if (!isBehind) {
+            const auto isNew = [this, &seen] { return api_->version() != seen; };
+            co_await api_->news().until(isNew);
+        }
+        seen = api_->version();
+        isBehind = !tree_.update(look(), signalsAtOnce);
+        co_await home_.system.clock.sleep(newsInterval);
+    }
+}
+
+// What is asked
+
+void BusFace::onCall(BusCall call) {
+    const std::string path = call.path();
+    const std::string member = call.member();
+    if (member == "SendFiles") {
+        sendFiles(std::move(call));
+        return;
+    }
+    if (const auto transfer = transfers_.find(path); transfer != transfers_.end() && member == "Cancel") {
+        if (api_->cancelTransfer(transfer->second)) {
+            call.reply();
+        } else {
+            call.fail("NotFound", "the transfer has ended");
+        }
+        return;
+    }
+    if (const auto batch = batches_.find(path); batch != batches_.end()) {
+        const auto& [id, peerKey] = batch->second;
+        const bool isFound = member == "Cancel" ? api_->cancelBatch(id, peerKey) : api_->retry(id, peerKey);
+        if (isFound) {
+            call.reply();
+        } else {
+            call.fail("NotFound", "the batch is not there any more");
+        }
+        return;
+    }
+    call.fail("NotFound", "there is no such object any more");
+}
+
+void BusFace::sendFiles(BusCall call) {
+    std::vector<platform::Path> files;
+    std::vector<PeerKey> phones;
+    try {
+        for (const std::string& uri : call.readTexts('s', maxFiles)) {
+            files.push_back(pathOfFileUri(uri));
+        }
+        for (const std::string& path : call.readTexts('o', maxFiles)) {
+            const auto phone = phones_.find(path);
+            if (phone == phones_.end()) {
+                call.fail("NoSuchPhone", "there is no phone " + path);
+                return;
+            }
+            phones.push_back(phone->second);
+        }
+    } catch (const std::exception& error) {
+        call.fail("InvalidArgument", describe(error));
+        return;
+    }
+    const auto shared = std::make_shared<BusCall>(std::move(call));
+    tasks_.add(share(shared, std::move(files), std::move(phones)), [](const std::exception_ptr&) {
+        // it has answered; a call that was cut short is answered when it goes
+    });
+}
+
+Task<> BusFace::share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files, std::vector<PeerKey> phones) {
+    std::string problem;
+    try {
+        std::optional<std::vector<PeerKey>> targets;
+        if (!phones.empty()) {
+            targets = std::move(phones);
+        }
+        const BatchId batch = co_await api_->share(std::move(files), std::move(targets));
+        call->reply(batch.text());
+        loop_.wake();
+        co_return;
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    call->fail("Failed", problem);
+    loop_.wake();
+}
+
+void BusFace::log(platform::LogLevel level, const std::string& text) const noexcept {
+    home_.system.log.write(level, "com.tarvinex.orlinth", "bus", text);
+}
+
+} // namespace orlinth::bus

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "OrlinthBus/BusTree.h"
+#include "OrlinthBus/ServiceObjects.h"
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Service/ServiceApi.h"
+#include "OrlinthHost/Service/ServiceFace.h"
+#include "platform/Condition.h"
+#include "platform/TaskGroup.h"
+#include "platform/linux/BusLoop.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orlinth::bus {
+
+/// The service on the session's bus, as com.tarvinex.orlinth1; docs/dbus.md tells what others find there.
+///
+/// Who has no bus, or another service in its place, has no face and still does its work. A bus that went away is looked
+/// for again after a while.
+///
+/// Threading: on the home's executor.
+class BusFace final : public host::ServiceFace {
+public:
+    /// For the name, once there is a connection.
+    static constexpr Seconds startLimit = 2s;
+    /// Between two looks at what has changed.
+    static constexpr Seconds newsInterval = 250ms;
+    /// Twenty a second, whatever happens.
+    static constexpr std::size_t signalsAtOnce = 5;
+    /// Before a bus that is lost, or that there is none, is looked for again.
+    static constexpr Seconds reconnectInterval = 60s;
+    /// Files of one call of SendFiles.
+    static constexpr std::size_t maxFiles = 10'000;
+
+    /// `home` outlives this.
+    BusFace(host::Home& home, platform::BusEnvironment environment, ServiceIdentity identity);
+    ~BusFace() override;
+    BusFace(const BusFace&) = delete;
+    BusFace& operator=(const BusFace&) = delete;
+
+    [[nodiscard]] Task<> start(host::ServiceApi& api) override;
+    [[nodiscard]] Task<> finish() override;
+
+private:
+    enum class Name { unknown, ours, anothers };
+
+    void connect();
+    void disconnect() noexcept;
+    void connectLater();
+    static int onName(sd_bus_message* message, void* self, sd_bus_error* error);
+    [[nodiscard]] Task<> tellNews();
+    [[nodiscard]] BusObjects look();
+    void onCall(BusCall call);
+    void sendFiles(BusCall call);
+    [[nodiscard]] Task<> share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files,
+                               std::vector<PeerKey> phones);
+    void log(platform::LogLevel level, const std::string& text) const noexcept;
+
+    host::Home& home_;
+    const ServiceIdentity identity_;
+    host::ServiceApi* api_ = nullptr; ///< once it is started
+    Name name_ = Name::unknown;
+    platform::Condition news_; ///< of `name_`
+    platform::BusLoop loop_;
+    BusTree tree_;
+    platform::BusSlotRef request_; ///< of the name
+    std::unique_ptr<platform::Timer> reconnecting_;
+    std::map<std::string, host::TransferNumber> transfers_;      ///< by path
+    std::map<std::string, std::pair<BatchId, PeerKey>> batches_; ///< likewise
+    std::map<std::string, PeerKey> phones_;                      ///< likewise
+    platform::TaskGroup tasks_;
+};
+
+} // namespace orlinth::bus

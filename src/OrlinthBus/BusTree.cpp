@@ -1,0 +1,300 @@
+#include "OrlinthBus/BusTree.h"
+
+#include "OrlinthBus/ObjectPath.h"
+#include "base/Overloaded.h"
+#include "platform/SystemError.h"
+#include "platform/linux/SystemdLibrary.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+namespace orlinth::bus {
+
+namespace {
+
+using platform::systemd;
+
+/// Appends a value; negative if the library refuses.
+int append(sd_bus_message* message, const BusValue& value) {
+    return std::visit(
+        Overloaded{
+            [message](const std::string& text) {
+                return systemd().sd_bus_message_append_basic(message, 's', text.c_str());
+            },
+            [message](bool flag) {
+                const int wide = flag ? 1 : 0;
+                return systemd().sd_bus_message_append_basic(message, 'b', &wide);
+            },
+            [message](std::uint16_t number) { return systemd().sd_bus_message_append_basic(message, 'q', &number); },
+            [message](std::uint32_t number) { return systemd().sd_bus_message_append_basic(message, 'u', &number); },
+            [message](std::uint64_t number) { return systemd().sd_bus_message_append_basic(message, 't', &number); },
+            [message](const ObjectPath& path) {
+                return systemd().sd_bus_message_append_basic(message, 'o', path.text.c_str());
+            },
+            [message](const ProblemText& problem) {
+                return systemd().sd_bus_message_append(message, "(ss)", problem.text.c_str(), problem.hint.c_str());
+            }},
+        value);
+}
+
+/// A list as the library takes it over: every text and the list itself from malloc(). Null if there is no memory.
+char** listOf(const std::vector<std::string>& texts) {
+    auto** const list = static_cast<char**>(std::calloc(texts.size() + 1, sizeof(char*)));
+    for (std::size_t i = 0; list != nullptr && i < texts.size(); ++i) {
+        list[i] = strdup(texts[i].c_str());
+        if (list[i] == nullptr) {
+            for (std::size_t j = 0; j < i; ++j) {
+                std::free(list[j]);
+            }
+            std::free(list);
+            return nullptr;
+        }
+    }
+    return list;
+}
+
+bool isBelow(const std::string& path, const std::string& parent) {
+    return path.size() > parent.size() && path.starts_with(parent) && path[parent.size()] == '/';
+}
+
+} // namespace
+
+const char* signatureOf(const BusValue& value) noexcept {
+    return std::visit(Overloaded{[](const std::string&) { return "s"; }, [](bool) { return "b"; },
+                                 [](std::uint16_t) { return "q"; }, [](std::uint32_t) { return "u"; },
+                                 [](std::uint64_t) { return "t"; }, [](const ObjectPath&) { return "o"; },
+                                 [](const ProblemText&) { return "(ss)"; }},
+                      value);
+}
+
+// A call
+
+BusCall::BusCall(sd_bus_message* message) noexcept : message_(systemd().sd_bus_message_ref(message)) {}
+
+BusCall::~BusCall() {
+    if (message_) {
+        fail("Failed", "it was not done");
+    }
+}
+
+std::string BusCall::path() const {
+    const char* const path = systemd().sd_bus_message_get_path(message_.get());
+    return path != nullptr ? path : "";
+}
+
+std::string BusCall::member() const {
+    const char* const member = systemd().sd_bus_message_get_member(message_.get());
+    return member != nullptr ? member : "";
+}
+
+std::vector<std::string> BusCall::readTexts(char type, std::size_t most) {
+    const char content[] = {type, '\0'};
+    std::vector<std::string> texts;
+    if (systemd().sd_bus_message_enter_container(message_.get(), 'a', content) < 0) {
+        throw platform::SystemError("not a list of texts");
+    }
+    const char* text = nullptr;
+    while (systemd().sd_bus_message_read_basic(message_.get(), type, static_cast<void*>(&text)) > 0) {
+        if (texts.size() == most) {
+            throw platform::SystemError("more than " + std::to_string(most) + " in a list");
+        }
+        texts.emplace_back(text);
+    }
+    systemd().sd_bus_message_exit_container(message_.get());
+    return texts;
+}
+
+void BusCall::reply() {
+    static_cast<void>(systemd().sd_bus_reply_method_return(message_.get(), "")); // a caller who is gone needs none
+    message_.reset();
+}
+
+void BusCall::reply(const std::string& text) {
+    static_cast<void>(systemd().sd_bus_reply_method_return(message_.get(), "s", text.c_str()));
+    message_.reset();
+}
+
+void BusCall::fail(const char* name, const std::string& message) {
+    const std::string full = std::string(serviceName) + ".Error." + name;
+    static_cast<void>(systemd().sd_bus_reply_method_errorf(message_.get(), full.c_str(), "%s", message.c_str()));
+    message_.reset();
+}
+
+// The tree
+
+struct BusTree::Interface {
+    Interface(const BusInterface& what, sd_bus_message_handler_t onCallOf, sd_bus_property_get_t onGetOf)
+        : name(what.name), vtable(what, onCallOf, onGetOf) {}
+
+    std::string name;
+    BusVtable vtable;
+};
+
+BusTree::BusTree(std::vector<BusInterface> interfaces, std::vector<std::string> managers,
+                 std::function<void(BusCall)> onCallOf)
+    : managers_(std::move(managers)), onCall_(std::move(onCallOf)) {
+    for (const BusInterface& interface : interfaces) {
+        interfaces_.emplace_back(interface, onCall, onGet);
+    }
+}
+
+BusTree::~BusTree() {
+    detach();
+}
+
+bool BusTree::attach(platform::BusLoop& loop) {
+    loop_ = &loop;
+    bool isGood = true;
+    const auto add = [this, &isGood](auto call) {
+        sd_bus_slot* slot = nullptr;
+        isGood = isGood && call(&slot) >= 0;
+        slots_.emplace_back(slot);
+    };
+    for (const Interface& interface : interfaces_) {
+        add([&](sd_bus_slot** slot) {
+            return systemd().sd_bus_add_fallback_vtable(loop.get(), slot, rootPath, interface.name.c_str(),
+                                                        interface.vtable.entries(), onFind, this);
+        });
+    }
+    add([&](sd_bus_slot** slot) { return systemd().sd_bus_add_object_manager(loop.get(), slot, rootPath); });
+    for (const std::string& manager : managers_) {
+        add([&](sd_bus_slot** slot) {
+            return systemd().sd_bus_add_node_enumerator(loop.get(), slot, manager.c_str(), onList, this);
+        });
+    }
+    return isGood;
+}
+
+void BusTree::detach() noexcept {
+    slots_.clear();
+    loop_ = nullptr;
+}
+
+bool BusTree::update(const BusObjects& objects, std::size_t mostSignals) {
+    std::vector<std::pair<std::uint64_t, std::string>> different; // when it was told of last, and its path
+    for (const auto& [path, object] : objects) {
+        const auto before = told_.find(path);
+        if (before == told_.end() || before->second != object) {
+            different.emplace_back(toldAt_[path], path);
+        }
+    }
+    for (const auto& [path, object] : told_) {
+        if (!objects.contains(path)) {
+            different.emplace_back(toldAt_[path], path);
+        }
+    }
+    std::ranges::sort(different);
+    const std::size_t count = loop_ == nullptr ? different.size() : std::min(mostSignals, different.size());
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string& path = different[i].second;
+        const auto after = objects.find(path);
+        const auto before = told_.find(path);
+        tellChange(path, before != told_.end() ? &before->second : nullptr,
+                   after != objects.end() ? &after->second : nullptr);
+    }
+    if (loop_ != nullptr) {
+        loop_->wake();
+    }
+    return count == different.size();
+}
+
+/// The library asks for the values while it makes the signal, so what it finds must be there then.
+void BusTree::tellChange(const std::string& path, const BusObject* before, const BusObject* after) {
+    sd_bus* const bus = loop_ != nullptr ? loop_->get() : nullptr;
+    const auto tell = [bus](auto call) {
+        if (bus != nullptr) {
+            static_cast<void>(call()); // a connection that is broken is opened anew, and everything is told again
+        }
+    };
+    toldAt_[path] = ++signals_;
+    if (after == nullptr) {
+        tell([&] { return systemd().sd_bus_emit_object_removed(bus, path.c_str()); });
+        told_.erase(path);
+        toldAt_.erase(path);
+        return;
+    }
+    if (before == nullptr) {
+        told_[path] = *after;
+        tell([&] { return systemd().sd_bus_emit_object_added(bus, path.c_str()); });
+        return;
+    }
+    std::vector<std::string> changed;
+    for (const auto& [name, value] : after->properties) {
+        const auto old = before->properties.find(name);
+        if (old == before->properties.end() || old->second != value) {
+            changed.push_back(name);
+        }
+    }
+    const std::string interface = after->interface;
+    told_[path] = *after;
+    std::vector<char*> names;
+    for (std::string& name : changed) {
+        names.push_back(name.data());
+    }
+    names.push_back(nullptr);
+    tell([&] {
+        return systemd().sd_bus_emit_properties_changed_strv(bus, path.c_str(), interface.c_str(), names.data());
+    });
+}
+
+// What the library asks. An exception must not get into its frames.
+
+int BusTree::onCall(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
+    try {
+        static_cast<BusTree*>(self)->onCall_(BusCall(message));
+        return 1;
+    } catch (const std::exception&) {
+        return -ENOMEM;
+    }
+}
+
+int BusTree::onGet(sd_bus* /*bus*/, const char* path, const char* /*interface*/, const char* property,
+                   sd_bus_message* reply, void* self, sd_bus_error* /*error*/) {
+    try {
+        const BusObjects& objects = static_cast<BusTree*>(self)->told_;
+        const auto object = objects.find(path);
+        if (object == objects.end()) {
+            return -ENOENT;
+        }
+        const auto value = object->second.properties.find(property);
+        return value != object->second.properties.end() ? append(reply, value->second) : -ENOENT;
+    } catch (const std::exception&) {
+        return -ENOMEM;
+    }
+}
+
+int BusTree::onFind(sd_bus* /*bus*/, const char* path, const char* interface, void* self, void** found,
+                    sd_bus_error* /*error*/) {
+    try {
+        const BusObjects& objects = static_cast<BusTree*>(self)->told_;
+        const auto object = objects.find(path);
+        if (object == objects.end() || object->second.interface != interface) {
+            return 0;
+        }
+        *found = self;
+        return 1;
+    } catch (const std::exception&) {
+        return -ENOMEM;
+    }
+}
+
+int BusTree::onList(sd_bus* /*bus*/, const char* prefix, void* self, char*** nodes, sd_bus_error* /*error*/) {
+    try {
+        std::vector<std::string> paths;
+        for (const auto& [path, object] : static_cast<BusTree*>(self)->told_) {
+            if (isBelow(path, prefix)) {
+                paths.push_back(path);
+            }
+        }
+        *nodes = listOf(paths);
+        return *nodes != nullptr ? 0 : -ENOMEM;
+    } catch (const std::exception&) {
+        return -ENOMEM;
+    }
+}
+
+} // namespace orlinth::bus

@@ -1,0 +1,89 @@
+#pragma once
+
+#include "OrlinthBus/BusObject.h"
+#include "OrlinthBus/BusVtable.h"
+#include "platform/linux/BusLoop.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace orlinth::bus {
+
+/// A method call that waits for its answer. Exactly one of the last two is called, once; a call that is let go of
+/// without is answered by an error.
+class BusCall {
+public:
+    /// Keeps the message.
+    explicit BusCall(sd_bus_message* message) noexcept;
+    BusCall(BusCall&&) noexcept = default;
+    BusCall& operator=(BusCall&&) noexcept = default;
+    BusCall(const BusCall&) = delete;
+    BusCall& operator=(const BusCall&) = delete;
+    ~BusCall();
+
+    [[nodiscard]] std::string path() const;
+    [[nodiscard]] std::string member() const;
+    /// The next argument, a list of texts or of paths. @throws std::exception if it is none, or longer than `most`
+    [[nodiscard]] std::vector<std::string> readTexts(char type, std::size_t most);
+
+    void reply();
+    void reply(const std::string& text);
+    /// `name` is the last part of the error's name; `message` for people, with a hint in a line of its own.
+    void fail(const char* name, const std::string& message);
+
+private:
+    std::unique_ptr<sd_bus_message, platform::detail::Freer<platform::detail::freeBusMessage>> message_;
+};
+
+/// The service's objects on a connection: answers for them, and tells of what changes. Objects are values; whoever has
+/// it compares nothing and emits nothing.
+///
+/// Threading: on the executor of the connection.
+class BusTree {
+public:
+    /// `onCall` gets the calls of methods; it may throw nothing. `managers` are the paths below which objects are.
+    BusTree(std::vector<BusInterface> interfaces, std::vector<std::string> managers,
+            std::function<void(BusCall)> onCall);
+    ~BusTree();
+    BusTree(const BusTree&) = delete;
+    BusTree& operator=(const BusTree&) = delete;
+
+    /// Serves the objects on this connection, until detach(). False if the library refuses.
+    [[nodiscard]] bool attach(platform::BusLoop& loop);
+    /// Before the connection is closed.
+    void detach() noexcept;
+
+    /// From now on the objects are these, which is told by at most so many signals; returns whether that was enough.
+    /// What was left is told by a later call, those first that were told of longest ago.
+    bool update(const BusObjects& objects, std::size_t mostSignals);
+    /// As they were told.
+    [[nodiscard]] const BusObjects& objects() const noexcept { return told_; }
+
+private:
+    struct Interface;
+
+    static int onCall(sd_bus_message* message, void* self, sd_bus_error* error);
+    static int onGet(sd_bus* bus, const char* path, const char* interface, const char* property, sd_bus_message* reply,
+                     void* self, sd_bus_error* error);
+    static int onFind(sd_bus* bus, const char* path, const char* interface, void* self, void** found,
+                      sd_bus_error* error);
+    static int onList(sd_bus* bus, const char* prefix, void* self, char*** nodes, sd_bus_error* error);
+    void tellChange(const std::string& path, const BusObject* before, const BusObject* after);
+
+    const std::vector<std::string> managers_;
+    const std::function<void(BusCall)> onCall_;
+    std::list<Interface> interfaces_;
+    platform::BusLoop* loop_ = nullptr; ///< while attached
+    std::vector<platform::BusSlotRef> slots_;
+    BusObjects told_;
+    std::map<std::string, std::uint64_t> toldAt_; ///< by path, counted in signals
+    std::uint64_t signals_ = 0;
+};
+
+} // namespace orlinth::bus

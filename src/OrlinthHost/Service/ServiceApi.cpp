@@ -1,0 +1,163 @@
+#include "OrlinthHost/Service/ServiceApi.h"
+
+#include "OrlinthCore/Share/ShareStaging.h"
+#include "OrlinthHost/HostError.h"
+#include "platform/Blocking.h"
+
+#include <utility>
+
+namespace orlinth::host {
+
+ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
+                       platform::Path downloads)
+    : home_(home),
+      receiver_(receiver),
+      outbox_(outbox),
+      loan_(loan),
+      presence_(presence),
+      downloads_(std::filesystem::absolute(downloads)),
+      news_(home.executor),
+      transfers_(home, [this] { changed(); }) {
+    loan_.onChanged = [this] { changed(); };
+    presence_.onChanged = [this] { phonesChanged(); };
+    watchOutbox();
+}
+
+void ServiceApi::watchOutbox() {
+    outbox_.onBatches = [this] { changed(); };
+    outbox_.watcher = {
+        .onStarted =
+            [this](OutboxSender::AttemptNumber attempt, const OutboxEvents::Transfer& transfer,
+                   const Progress& progress) {
+                transfers_.began(attempt, {.direction = TransferView::Direction::out,
+                                           .peerKey = transfer.peerKey,
+                                           .phone = transfer.to,
+                                           .name = transfer.file,
+                                           .batch = transfer.batch,
+                                           .bytes = progress});
+            },
+        .onProgress = [this](OutboxSender::AttemptNumber attempt,
+                             std::int64_t bytes) { transfers_.progressed(attempt, bytes); },
+        .onEnded =
+            [this](OutboxSender::AttemptNumber attempt, OutboxSender::AttemptEnd end, const std::string& why) {
+                using End = OutboxSender::AttemptEnd;
+                using State = TransferView::State;
+                transfers_.ended(attempt,
+                                 end == End::delivered   ? State::done
+                                 : end == End::cancelled ? State::cancelled
+                                                         : State::failed,
+                                 why);
+            }};
+}
+
+void ServiceApi::watch(Receiver::Callbacks& callbacks) {
+    callbacks.onTransferStarted = [this](const Receiver::Transfer& transfer) {
+        transfers_.began(transfer.number, {.direction = TransferView::Direction::in,
+                                           .peerKey = transfer.peerKey,
+                                           .phone = transfer.from,
+                                           .name = transfer.name,
+                                           .bytes = {.done = transfer.resumedFrom, .total = transfer.size}});
+    };
+    callbacks.onTransferProgress = [this](const Receiver::TransferProgress& progress) {
+        transfers_.progressed(progress.number, progress.bytesHere);
+    };
+    callbacks.onTransferEnded = [this](const Receiver::TransferEnd& end) {
+        using How = Receiver::TransferEnd::How;
+        using State = TransferView::State;
+        transfers_.ended(end.number,
+                         end.how == How::delivered   ? State::done
+                         : end.how == How::cancelled ? State::cancelled
+                                                     : State::failed,
+                         end.error ? describe(end.error) : "", end.savedAt);
+    };
+}
+
+ServiceView ServiceApi::service() const {
+    ServiceView view{.state = state_, .port = port_, .downloads = downloads_};
+    if (state_ == ServiceView::State::listening && loan_.isLent()) {
+        view.problem = loan_.problem();
+        view.state = view.problem.empty() ? ServiceView::State::lent : ServiceView::State::notListening;
+    }
+    return view;
+}
+
+std::vector<PhoneView> ServiceApi::phones() const {
+    PeerBook book;
+    try {
+        book = home_.peers().loadBook();
+    } catch (const PeerStoreError&) {
+        return {}; // the service has told of that
+    }
+    std::vector<PhoneView> views;
+    for (PhonePresence& phone : presence_.all()) {
+        if (const PeerRecord* const record = book.find(phone.peerKey)) { // it may have gone just now
+            views.push_back({.name = record->peer_hostname,
+                             .presence = std::move(phone),
+                             .pairedAt = record->paired_at_epoch_ms,
+                             .address = record->peer_ip});
+        }
+    }
+    return views;
+}
+
+std::vector<TransferView> ServiceApi::transfers() const {
+    std::vector<TransferView> views;
+    for (const auto& [number, view] : transfers_.all()) {
+        views.push_back(view);
+    }
+    return views;
+}
+
+Task<BatchId> ServiceApi::share(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones) {
+    const auto stage = [this, &files, &phones] {
+        const ShareOutbox outbox(home_.system.files, home_.system.directories);
+        ShareStaging staging({.files = home_.system.files,
+                              .clock = home_.system.clock,
+                              .log = home_.system.log,
+                              .busSignals = home_.system.busSignals},
+                             outbox);
+        for (const platform::Path& file : files) {
+            if (!staging.add(file)) {
+                throw HostError("'" + file.string() + "' cannot be shared: " + staging.lastProblem());
+            }
+        }
+        return BatchId(staging.finish(phones).id);
+    };
+    co_return co_await platform::blocking(home_.system.queues, stage);
+}
+
+bool ServiceApi::cancelTransfer(TransferNumber number) {
+    const std::optional<TransferList::Carrier> carrier = transfers_.carrierOf(number);
+    if (!carrier) {
+        return false;
+    }
+    if (const auto* incoming = std::get_if<Receiver::TransferNumber>(&*carrier)) {
+        receiver_.cancelTransfer(*incoming);
+    } else {
+        outbox_.cancel(std::get<OutboxSender::AttemptNumber>(*carrier));
+    }
+    return true;
+}
+
+void ServiceApi::listening(std::uint16_t port) {
+    port_ = port;
+    state_ = ServiceView::State::listening;
+    changed();
+}
+
+void ServiceApi::stopping() {
+    state_ = ServiceView::State::stopping;
+    changed();
+}
+
+void ServiceApi::changed() noexcept {
+    ++version_;
+    news_.changed();
+}
+
+void ServiceApi::phonesChanged() noexcept {
+    ++phonesVersion_;
+    changed();
+}
+
+} // namespace orlinth::host

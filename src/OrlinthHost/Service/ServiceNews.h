@@ -1,0 +1,102 @@
+#pragma once
+
+#include "OrlinthHost/Service/ServiceApi.h"
+#include "OrlinthHost/Service/ServiceView.h"
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace orlinth::host {
+
+/// What the control socket says to those who watch, one object of JSON a line. First everything that there is, then
+/// CurrentLine, then whatever changes, each thing as a whole. Members that are not named here are nobody's business.
+
+/// `{"event":"service","state":"listening","port":28471,"downloads":"…"}`, and "message" if the port cannot be opened.
+/// The states are "starting", "listening", "lent", "not-listening" and "stopping".
+using ServiceLine = ServiceView;
+
+/// `{"event":"phone","peer_pubkey":"…","name":"Pixel 8","state":"here","seen_epoch_ms":1731686400000,"can_wake":true,
+/// "paired_at_epoch_ms":1731686400000,"address":"192.168.1.7"}`.
+using PhoneLine = PhoneView;
+
+/// `{"event":"transfer","transfer":7,"direction":"in","peer_pubkey":"…","phone":"Pixel 8","name":"film.mov",
+/// "state":"active","bytes_done":41,"total_bytes":100,"bytes_per_second":20}`; "batch" for what goes out, "message" if
+/// it failed, "path" if it came in. The states are "active", "finishing", "done", "failed" and "cancelled".
+using TransferLine = TransferView;
+
+/// `{"event":"batch","batch":"…","peer_pubkey":"…","phone":"Tablet","created_at_epoch_ms":1731686400000,"files":400,
+/// "files_done":38,"state":"paused","next_attempt_epoch_ms":1731686400000,"message":"…"}`; the last two where there is
+/// such a thing. The states are "waiting", "sending", "paused" and "failed".
+using BatchLine = OutboxView;
+
+/// `{"event":"transfer_gone","transfer":7}`: it is listed no more.
+struct TransferGoneLine {
+    TransferNumber number{};
+    friend bool operator==(const TransferGoneLine&, const TransferGoneLine&) = default;
+};
+/// `{"event":"batch_gone","batch":"…","peer_pubkey":"…"}`.
+struct BatchGoneLine {
+    BatchId batch;
+    PeerKey peerKey;
+    friend bool operator==(const BatchGoneLine&, const BatchGoneLine&) = default;
+};
+/// `{"event":"phone_gone","peer_pubkey":"…"}`.
+struct PhoneGoneLine {
+    PeerKey peerKey;
+    friend bool operator==(const PhoneGoneLine&, const PhoneGoneLine&) = default;
+};
+/// `{"event":"current"}`: what came before is everything that there is.
+struct CurrentLine {
+    friend bool operator==(const CurrentLine&, const CurrentLine&) = default;
+};
+
+using ServiceNews = std::variant<ServiceLine, PhoneLine, TransferLine, BatchLine, TransferGoneLine, BatchGoneLine,
+                                 PhoneGoneLine, CurrentLine>;
+
+/// Bytes of a line, without its end: more than the longest path and the longest name take.
+inline constexpr std::size_t maxNewsLine = 32 << 10;
+
+/// As one line, without its end.
+[[nodiscard]] std::string encodeServiceNews(const ServiceNews& news);
+/// `line` is without its end. @throws JsonError or HostError for what is none of those, and with the text of
+/// `{"error":"…"}`
+[[nodiscard]] ServiceNews decodeServiceNews(std::string_view line);
+
+/// The states' texts, as above and in the events of commands.
+[[nodiscard]] const char* textOf(ServiceView::State state) noexcept;
+[[nodiscard]] const char* textOf(TransferView::State state) noexcept;
+[[nodiscard]] const char* textOf(TransferView::Direction direction) noexcept;
+[[nodiscard]] const char* textOf(OutboxView::State state) noexcept;
+
+/// What one who watches has been told, and so what is news to him. On the home's executor.
+class NewsReader {
+public:
+    /// `api` outlives this.
+    explicit NewsReader(const ServiceApi& api) noexcept : api_(api) {}
+
+    /// What has changed since the last call; everything at the first. Phones are looked at again only if `isTimeToLook`
+    /// or if something was heard of one.
+    [[nodiscard]] std::vector<ServiceNews> next(bool isTimeToLook);
+    /// Whether there may be news.
+    [[nodiscard]] bool isBehind() const noexcept { return seenVersion_ != api_.version(); }
+
+private:
+    void addService(std::vector<ServiceNews>& news);
+    void addPhones(std::vector<ServiceNews>& news);
+    void addTransfers(std::vector<ServiceNews>& news);
+    void addBatches(std::vector<ServiceNews>& news);
+
+    const ServiceApi& api_;
+    std::uint64_t seenVersion_ = 0;
+    std::uint64_t seenPhonesVersion_ = 0;
+    std::optional<ServiceView> service_;
+    std::map<PeerKey, PhoneView> phones_;
+    std::map<TransferNumber, TransferView> transfers_;
+    std::map<std::pair<BatchId, PeerKey>, OutboxView> batches_;
+};
+
+} // namespace orlinth::host
