@@ -41,7 +41,6 @@ install(CODE "
                  \"${PROJECT_BINARY_DIR}/orlinth.service\" @ONLY)
 ")
 install(FILES "${PROJECT_BINARY_DIR}/orlinth.service" "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth.socket"
-              "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth-desktop.service"
         DESTINATION lib/systemd/user)
 
 # What firewalls call the port. firewalld reads its services below /usr only, and ufw its profiles in /etc, which is

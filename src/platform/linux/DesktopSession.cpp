@@ -1,6 +1,10 @@
 #include "platform/linux/DesktopSession.h"
 
+#include "platform/linux/UserManager.h"
+
 #include <array>
+#include <optional>
+#include <string_view>
 
 namespace orlinth::platform {
 namespace {
@@ -24,6 +28,30 @@ DesktopSession desktopSession(const std::function<const char*(const char*)>& env
         session.*variable.value = value != nullptr ? value : "";
     }
     return session;
+}
+
+DesktopSession currentDesktopSession(BusEnvironment environment) {
+    DesktopSession own = desktopSession(environment);
+    const UserManager manager(environment);
+    if (own.isThere() && !manager.hasStartedUs()) {
+        return own;
+    }
+    const std::optional<std::vector<std::string>> entries = manager.variables();
+    if (!entries) {
+        return own;
+    }
+    DesktopSession session = desktopSession([&entries](std::string_view name) -> const char* {
+        for (const std::string& entry : *entries) {
+            if (entry.size() > name.size() && entry.starts_with(name) && entry[name.size()] == '=') {
+                return entry.c_str() + name.size() + 1;
+            }
+        }
+        return nullptr;
+    });
+    if (session.runtimeFolder.empty()) {
+        session.runtimeFolder = own.runtimeFolder;
+    }
+    return session.isThere() ? session : own;
 }
 
 std::vector<std::pair<std::string, std::string>> variablesOf(const DesktopSession& session) {
