@@ -15,6 +15,7 @@ import time
 import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
+import private_bus
 import side_by_side
 from harness import (FRAMES_BEFORE_DATA, MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, look, random_key,
                      sha256)
@@ -291,6 +292,35 @@ class Texts(ServeTest):
         self.assertIn("cannot write the clipboard: there is no desktop session", service.stderr)
         self.assertIn("\nTo print the text: `orlinth clip --last`\n", service.stderr)
         self.assertNotIn("secret", service.stderr)
+
+    def started(self, command):
+        """Another program, once it has said its first line; and that line."""
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, env=self.desk.environment, encoding="utf-8")
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process, process.stdout.readline().strip()
+
+    def test_a_desktop_that_begins_after_the_service_is_found_through_the_service_manager(self):
+        written = self.folder / "clipboard"
+        self.clipboard_tool(f'(cat; echo " on $DISPLAY with $XAUTHORITY") > "{written}.new" && '
+                            f'mv "{written}.new" "{written}"\n')
+        del self.desk.environment["DISPLAY"]
+        self.desk.environment["DBUS_SESSION_BUS_ADDRESS"] = self.started(private_bus.command(self.folder))[1]
+        manager = pathlib.Path(os.environ["ORLINTH_BUILD"]) / "tests" / "interop" / "service_manager"
+        service = self.serve()
+        self.clip("before", service)
+        self.wait_until(lambda: "cannot write the clipboard: there is no desktop session" in service.stderr,
+                        service)
+        for display in (":78", ":79"):  # the second desktop of a service that outlives the first
+            session, line = self.started([manager, "PATH=/nowhere", f"DISPLAY={display}", "XAUTHORITY=/run/key"])
+            self.assertEqual("ready", line)
+            self.clip(f"text for {display}", service)
+            expected = f"text for {display} on {display} with /run/key\n"
+            self.wait_until(lambda: written.exists() and written.read_text() == expected, self.folder)
+            session.kill()
+            session.wait()
+        self.assert_ends(service)
 
     def test_the_last_text_can_be_printed_and_forgotten(self):
         for flag in ("--last", "--forget"):
