@@ -41,7 +41,6 @@ install(CODE "
                  \"${PROJECT_BINARY_DIR}/orlinth.service\" @ONLY)
 ")
 install(FILES "${PROJECT_BINARY_DIR}/orlinth.service" "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth.socket"
-              "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth-desktop.service"
         DESTINATION lib/systemd/user)
 
 # What the service shows on the session's bus, for those who write programs against it.

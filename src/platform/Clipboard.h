@@ -16,8 +16,11 @@ public:
     explicit ClipboardUnavailable(std::string text) : SystemError(std::move(text)) {}
 };
 
-/// The clipboard of the desktop session. Calls block, a second or two at most. All throw ClipboardUnavailable, and
-/// SystemError for other failures: no answer in time, a refusal.
+/// The clipboard of the desktop session. Calls block, a second or two at most for each program that is tried. All throw
+/// ClipboardUnavailable, and SystemError for other failures: no answer in time, a refusal.
+///
+/// Reading is for somebody who asks for it at this moment: some desktops give their clipboard only to a window in
+/// focus, and one may flash up for that. Writing leaves the screen alone, and is fit for the background.
 ///
 /// No text is ever in a process's arguments, and no shell is involved.
 class Clipboard {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/SecretBytes.h"
 #include "platform/FileSystem.h"
 #include "platform/Network.h"
 
@@ -21,6 +22,12 @@ public:
     [[nodiscard]] virtual Task<> sendPort(Stream& stream, const Listener& port) = 0;
     /// Accepted connections have Nagle's algorithm off and no keep-alive. @throws SystemError
     [[nodiscard]] virtual Task<std::unique_ptr<Listener>> receivePort(Stream& stream, Executor executor) = 0;
+    /// Passes these bytes to the program at the other end in memory of its own, so that they are in no message. The
+    /// other end calls receiveSecret() at the same place of the conversation. `stream` and `bytes` outlive the call.
+    /// @throws SystemError
+    [[nodiscard]] virtual Task<> sendSecret(Stream& stream, ByteView bytes) = 0;
+    /// @throws SystemError, also if there are more than `maxBytes`
+    [[nodiscard]] virtual Task<SecretBytes> receiveSecret(Stream& stream, std::size_t maxBytes) = 0;
 };
 
 } // namespace orlinth::platform

@@ -5,6 +5,7 @@
 #include "platform/UnixSockets.h"
 
 #include <cerrno>
+#include <deque>
 #include <map>
 #include <optional>
 
@@ -43,6 +44,26 @@ public:
         co_return co_await dynamic_cast<MemoryStream&>(stream).receivePort();
     }
 
+    /// What is passed is in the order of its passing, whatever the connection.
+    [[nodiscard]] Task<> sendSecret(platform::Stream& stream, ByteView bytes) override {
+        secrets_.emplace_back(bytes);
+        const std::byte companion{};
+        co_await stream.writeAll(ByteView(&companion, 1));
+    }
+    [[nodiscard]] Task<SecretBytes> receiveSecret(platform::Stream& stream, std::size_t maxBytes) override {
+        std::byte companion{};
+        const std::size_t count = co_await stream.readExact(MutableBytes(&companion, 1));
+        if (count == 0 || secrets_.empty()) {
+            throw platform::SystemError::fromErrno(EBADMSG);
+        }
+        SecretBytes secret = std::move(secrets_.front());
+        secrets_.pop_front();
+        if (secret.size() > maxBytes) {
+            throw platform::SystemError::fromErrno(EMSGSIZE);
+        }
+        co_return secret;
+    }
+
     /// Whether somebody listens there.
     [[nodiscard]] bool isOpen(const platform::Path& path) const { return ports_.contains(path); }
     /// listen() fails with this error, if set.
@@ -69,6 +90,7 @@ private:
 
     MemoryNetwork network_;
     std::map<platform::Path, std::uint16_t> ports_;
+    std::deque<SecretBytes> secrets_;
 };
 
 } // namespace orlinth::fakes

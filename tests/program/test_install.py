@@ -124,6 +124,11 @@ class InstalledPackage(unittest.TestCase):
         linux = self.prefix / "include" / "orlinth" / "platform" / "linux"
         self.assertEqual(["LinuxSystem.h"], sorted(path.name for path in linux.iterdir()))
 
+    def test_the_service_needs_no_unit_beside_it_to_find_the_desktop(self):
+        units = self.prefix / "lib" / "systemd" / "user"
+        self.assertEqual(["orlinth.service", "orlinth.socket"], sorted(path.name for path in units.iterdir()))
+        self.assertNotIn("Also=", (units / "orlinth.service").read_text(encoding="utf-8"))
+
     def assert_firewalls_find(self, settings, programs):
         """The port under its name, in these folders of settings and programs."""
         source = pathlib.Path(os.environ["ORLINTH_SOURCE"])

@@ -15,6 +15,7 @@ import time
 import unittest
 
 import own_root  # noqa: F401 (it is entered by the import)
+import private_bus
 import side_by_side
 from harness import (FRAMES_BEFORE_DATA, MIB, ORLINTH, PATIENCE, SANITIZED, Identity, ProgramTest, Running, look, random_key,
                      sha256)
@@ -238,6 +239,16 @@ class Texts(ServeTest):
         sent = self.phone.run("clip", "--to", "mac", "--text", text)
         self.assertEqual(0, sent.returncode, sent.stderr)
 
+    def clip_through_input(self, text, service):
+        """The same for what is too long for an argument."""
+        self.phone.record(self.desk, service.port)
+        sent = self.phone.run("clip", "--to", "mac", "-", input=text)
+        self.assertEqual(0, sent.returncode, sent.stderr)
+
+    def wait_for_texts(self, service, count):
+        service.events.wait_until(lambda: sum(event["event"] == "clipboard" for event in service.events.all) == count,
+                                  f"{count} texts")
+
     def test_a_text_is_told_with_its_sender_and_goes_to_the_clipboard(self):
         written = self.folder / "clipboard"
         self.clipboard_tool(f'cat > "{written}.new" && mv "{written}.new" "{written}"\n')
@@ -279,7 +290,77 @@ class Texts(ServeTest):
         self.assert_sent(self.phone, self.file("a.bin", b"abc"), service)
         self.assert_ends(service)
         self.assertIn("cannot write the clipboard: there is no desktop session", service.stderr)
+        self.assertIn("\nTo print the text: `orlinth clip --last`\n", service.stderr)
         self.assertNotIn("secret", service.stderr)
+
+    def started(self, command):
+        """Another program, once it has said its first line; and that line."""
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, env=self.desk.environment, encoding="utf-8")
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process, process.stdout.readline().strip()
+
+    def test_a_desktop_that_begins_after_the_service_is_found_through_the_service_manager(self):
+        written = self.folder / "clipboard"
+        self.clipboard_tool(f'(cat; echo " on $DISPLAY with $XAUTHORITY") > "{written}.new" && '
+                            f'mv "{written}.new" "{written}"\n')
+        del self.desk.environment["DISPLAY"]
+        self.desk.environment["DBUS_SESSION_BUS_ADDRESS"] = self.started(private_bus.command(self.folder))[1]
+        manager = pathlib.Path(os.environ["ORLINTH_BUILD"]) / "tests" / "interop" / "service_manager"
+        service = self.serve()
+        self.clip("before", service)
+        self.wait_until(lambda: "cannot write the clipboard: there is no desktop session" in service.stderr,
+                        service)
+        for display in (":78", ":79"):  # the second desktop of a service that outlives the first
+            session, line = self.started([manager, "PATH=/nowhere", f"DISPLAY={display}", "XAUTHORITY=/run/key"])
+            self.assertEqual("ready", line)
+            self.clip(f"text for {display}", service)
+            expected = f"text for {display} on {display} with /run/key\n"
+            self.wait_until(lambda: written.exists() and written.read_text() == expected, self.folder)
+            session.kill()
+            session.wait()
+        self.assert_ends(service)
+
+    def test_the_last_text_can_be_printed_and_forgotten(self):
+        for flag in ("--last", "--forget"):
+            result = self.desk.run("clip", flag)
+            self.assertEqual((1, ""), (result.returncode, result.stdout))
+            self.assert_one_line_error(result.stderr, "the service does not run, so no text is kept")
+            self.assertEqual("To start it: `systemctl --user enable --now orlinth`", result.stderr.splitlines()[1])
+        service = self.serve()
+        none = self.desk.run("clip", "--last")
+        self.assertEqual((1, ""), (none.returncode, none.stdout))
+        self.assert_one_line_error(none.stderr, "the service has no text")
+        for text in ("first", "Grüße\n \x1b[31msecond line\n\n", "x" * 1_000_000):
+            self.clip_through_input(text, service)
+        self.clip("Grüße\n \x1b[31msecond line\n\n", service)
+        self.wait_for_texts(service, 4)
+        result = self.desk.run("clip", "--last")
+        self.assertEqual((0, "Grüße\n \x1b[31msecond line\n\n", ""),
+                         (result.returncode, result.stdout, result.stderr))
+        event = json.loads(self.desk.run("clip", "--last", "--json").stdout)
+        self.assertLess(abs(time.time() * 1000 - event.pop("received_epoch_ms")), 1000 * PATIENCE)
+        self.assertEqual({"event": "clipboard", "text": "Grüße\n \x1b[31msecond line\n\n", "from": "phone"}, event)
+        terminal = Terminal(80)
+        subprocess.run([ORLINTH, "clip", "--last"], env=self.desk.environment, stdin=subprocess.DEVNULL,
+                       stdout=terminal.end, check=True, timeout=PATIENCE)
+        self.assertEqual("Grüße\r\n \\u{001B}[31msecond line\r\n\r\n\r\n", terminal.text())
+        self.assertEqual("forgot the last text\n", self.desk.run("clip", "--forget").stdout)
+        self.assertEqual("there was no text to forget\n", self.desk.run("clip", "--forget").stdout)
+        self.assertEqual(1, self.desk.run("clip", "--last").returncode)
+        self.assertEqual(2, self.desk.run("clip", "--last", "--text", "x").returncode)
+        self.assert_ends(service)
+
+    def test_a_large_text_is_the_last_one_up_to_its_limit(self):
+        service = self.serve("--no-clipboard")
+        self.clip_through_input("x" * (1 << 20), service)
+        service.events.wait_for("clipboard")
+        self.assertEqual("x" * (1 << 20), self.desk.run("clip", "--last").stdout)
+        self.clip_through_input("x" * (1 << 20) + "y", service)
+        self.wait_for_texts(service, 2)
+        self.assertEqual(1, self.desk.run("clip", "--last").returncode)
+        self.assert_ends(service)
 
     def test_a_clipboard_that_hangs_holds_nobody_up(self):
         held = self.folder / "held"

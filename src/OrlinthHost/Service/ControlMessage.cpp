@@ -21,6 +21,8 @@ constexpr const char* presenceRequest = "presence";
 constexpr const char* cancelRequest = "cancel";
 constexpr const char* statusRequest = "status";
 constexpr const char* watchRequest = "watch";
+constexpr const char* lastTextRequest = "last_text";
+constexpr const char* forgetTextRequest = "forget_text";
 constexpr const char* transferKey = "transfer";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
@@ -34,6 +36,9 @@ constexpr const char* stateKey = "state";
 constexpr const char* seenKey = "seen_epoch_ms";
 constexpr const char* downloadsKey = "downloads";
 constexpr const char* sinceKey = "since_epoch_ms";
+constexpr const char* fromKey = "from";
+constexpr const char* receivedKey = "received_epoch_ms";
+constexpr const char* textBytesKey = "text_bytes";
 
 std::optional<std::uint16_t> portIn(const Json& object) {
     if (!object.is_object() || !object.contains(portKey)) {
@@ -107,6 +112,16 @@ PortReply portReplyIn(const Json& object, std::uint16_t port) {
     return reply;
 }
 
+TextReply textIn(const Json& object) {
+    const std::int64_t bytes = requireInt64(object, textBytesKey);
+    if (bytes < 0) {
+        throw HostError("a text of less than nothing");
+    }
+    return {.from = requireString(object, fromKey),
+            .received = fromEpochMilliseconds(requireInt64(object, receivedKey)),
+            .bytes = static_cast<std::uint64_t>(bytes)};
+}
+
 } // namespace
 
 const char* textOf(PresenceState state) noexcept {
@@ -148,7 +163,9 @@ std::string encodeControlRequest(const ControlRequest& request) {
                               object[transferKey] = cancel.transfer;
                           },
                           [&object](const StatusRequest&) { object[requestKey] = statusRequest; },
-                          [&object](const WatchRequest&) { object[requestKey] = watchRequest; }},
+                          [&object](const WatchRequest&) { object[requestKey] = watchRequest; },
+                          [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
+                          [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; }},
                request);
     return compactJson(object);
 }
@@ -162,6 +179,11 @@ std::string encodeControlReply(const ControlReply& reply) {
                           },
                           [&object](const FoundReply& found) { object[foundKey] = found.isFound; },
                           [&object](const PresenceReply& presence) { object[phonesKey] = phonesOf(presence); },
+                          [&object](const TextReply& text) {
+                              object[fromKey] = text.from;
+                              object[receivedKey] = toNumber(text.received);
+                              object[textBytesKey] = text.bytes;
+                          },
                           [&object](const ErrorReply& error) { object[errorKey] = error.problem; }},
                reply);
     return compactJson(object);
@@ -200,6 +222,12 @@ ControlRequest decodeControlRequest(std::string_view line) {
     if (what == watchRequest) {
         return WatchRequest{};
     }
+    if (what == lastTextRequest) {
+        return LastTextRequest{};
+    }
+    if (what == forgetTextRequest) {
+        return ForgetTextRequest{};
+    }
     throw HostError("unknown request");
 }
 
@@ -219,6 +247,9 @@ ControlReply decodeControlReply(std::string_view line) {
     }
     if (object.contains(phonesKey)) {
         return presenceIn(object);
+    }
+    if (object.contains(textBytesKey)) {
+        return textIn(object);
     }
     throw HostError("its answer makes no sense");
 }

@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/Service/PhonePresence.h"
 #include "base/StrongText.h"
+#include "base/Time.h"
 
 #include <cstdint>
 #include <optional>
@@ -60,8 +61,20 @@ struct WatchRequest {
     friend bool operator==(const WatchRequest&, const WatchRequest&) = default;
 };
 
-using ControlRequest = std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest,
-                                    PresenceRequest, CancelRequest, StatusRequest, WatchRequest>;
+/// `{"request":"last_text"}`: the last text that came. Answered by TextReply, and behind its line end by the text
+/// itself (UnixSockets::sendSecret); or by FoundReply that there is none.
+struct LastTextRequest {
+    friend bool operator==(const LastTextRequest&, const LastTextRequest&) = default;
+};
+
+/// `{"request":"forget_text"}`: wipes that text. Answered by FoundReply.
+struct ForgetTextRequest {
+    friend bool operator==(const ForgetTextRequest&, const ForgetTextRequest&) = default;
+};
+
+using ControlRequest =
+    std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
+                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.
@@ -80,7 +93,7 @@ struct NotLentReply {
     friend bool operator==(const NotLentReply&, const NotLentReply&) = default;
 };
 
-/// `{"found":true}`, or false if there is no such batch.
+/// `{"found":true}`, or false if there is no such batch, transfer or text.
 struct FoundReply {
     bool isFound = false;
     friend bool operator==(const FoundReply&, const FoundReply&) = default;
@@ -95,13 +108,22 @@ struct PresenceReply {
     friend bool operator==(const PresenceReply&, const PresenceReply&) = default;
 };
 
+/// `{"from":"Pixel 8","received_epoch_ms":1731686400000,"text_bytes":42}`: what is to be known of the text that
+/// follows.
+struct TextReply {
+    std::string from; ///< the phone's name
+    EpochMilliseconds received = {};
+    std::uint64_t bytes = 0;
+    friend bool operator==(const TextReply&, const TextReply&) = default;
+};
+
 /// `{"error":"…"}`: it was not done.
 struct ErrorReply {
     std::string problem;
     friend bool operator==(const ErrorReply&, const ErrorReply&) = default;
 };
 
-using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, ErrorReply>;
+using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, TextReply, ErrorReply>;
 
 /// As one line, without its end.
 [[nodiscard]] std::string encodeControlRequest(const ControlRequest& request);
@@ -112,7 +134,8 @@ using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceR
 
 /// `line` is without its end. @throws JsonError or HostError, whose text the one who asked may read
 [[nodiscard]] ControlRequest decodeControlRequest(std::string_view line);
-/// An object that has several of the members counts as the first of: error, port, found, phones. @throws likewise
+/// An object that has several of the members counts as the first of: error, port, found, phones,
+/// text_bytes. @throws likewise
 [[nodiscard]] ControlReply decodeControlReply(std::string_view line);
 
 } // namespace orlinth::host

@@ -124,7 +124,11 @@ Receiver::Callbacks Service::Parts::callbacks() {
     Receiver::Callbacks told{
         .onListening = [this](std::uint16_t port) { start(port); },
         .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
-        .onClipboard = [this](const Receiver::Clipboard& text) { events.textReceived(text); },
+        .onClipboard =
+            [this](const Receiver::Clipboard& text) {
+                api.lastText().keep(text.text, text.from);
+                events.textReceived(text);
+            },
         .onSync =
             [this](const Receiver::ProcessOutcome& outcome) {
                 events.settled(outcome);

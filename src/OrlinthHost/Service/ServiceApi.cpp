@@ -17,7 +17,8 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       presence_(presence),
       downloads_(std::filesystem::absolute(downloads)),
       news_(home.executor),
-      transfers_(home, [this] { changed(); }) {
+      transfers_(home, [this] { changed(); }),
+      lastText_(home) {
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };
     watchOutbox();
@@ -147,6 +148,7 @@ void ServiceApi::listening(std::uint16_t port) {
 
 void ServiceApi::stopping() {
     state_ = ServiceView::State::stopping;
+    lastText_.forget();
     changed();
 }
 

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxSender.h"
+#include "OrlinthHost/Service/LastText.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceView.h"
@@ -71,6 +72,9 @@ public:
     /// Takes a batch back, and ends what is under way of it: OutboxSender::remove().
     [[nodiscard]] Task<bool> cancelBatch(BatchId batch) { return outbox_.remove(std::move(batch)); }
 
+    /// The last text that came, which can also be forgotten.
+    [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
+
     // ---- for the service
 
     /// Lets `callbacks` tell of transfers too.
@@ -97,6 +101,7 @@ private:
     std::uint64_t phonesVersion_ = 1;
     platform::Condition news_;
     TransferList transfers_;
+    LastText lastText_;
 };
 
 } // namespace orlinth::host

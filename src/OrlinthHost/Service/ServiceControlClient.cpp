@@ -3,6 +3,7 @@
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/ControlLine.h"
 #include "OrlinthHost/Service/ControlMessage.h"
+#include "OrlinthHost/Service/LastText.h"
 #include "OrlinthHost/Service/ServiceLock.h"
 #include "platform/Cancelled.h"
 #include "platform/ServiceManager.h"
@@ -188,6 +189,38 @@ Task<std::optional<bool>> askServiceToDrop(Home& home, BatchId batch) {
 
 Task<std::optional<bool>> askServiceToCancel(Home& home, TransferNumber transfer) {
     co_return co_await askWhetherFound(home, CancelRequest{static_cast<std::uint64_t>(transfer)});
+}
+
+Task<LastTextAnswer> askServiceForLastText(Home& home) {
+    std::string problem;
+    try {
+        Conversation conversation = co_await converse(home, LastTextRequest{});
+        if (!conversation.stream) {
+            co_return LastTextAnswer{};
+        }
+        if (std::holds_alternative<FoundReply>(conversation.reply)) {
+            co_return LastTextAnswer{.isServiceThere = true};
+        }
+        if (auto* const reply = std::get_if<TextReply>(&conversation.reply)) {
+            SecretBytes text =
+                co_await withinLimit(home.system.clock, replyLimit,
+                                     home.system.unixSockets.receiveSecret(*conversation.stream, LastText::maxBytes));
+            LastTextAnswer answer{.isServiceThere = true};
+            answer.text.emplace(std::move(text), std::move(reply->from), reply->received);
+            co_return answer;
+        }
+        problem = "its answer makes no sense";
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    throw notDone(problem);
+}
+
+Task<std::optional<bool>> askServiceToForgetText(Home& home) {
+    co_return co_await askWhetherFound(home, ForgetTextRequest{});
 }
 
 Task<bool> readServiceStatus(Home& home, std::function<void(const ServiceNews&)> onNews) {

@@ -4,7 +4,9 @@
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/PhonePresence.h"
 #include "OrlinthHost/Service/ServiceNews.h"
+#include "base/SecretBytes.h"
 #include "base/StrongText.h"
+#include "base/Time.h"
 #include "platform/Network.h"
 
 #include <cstdint>
@@ -45,6 +47,23 @@ namespace orlinth::host {
 /// Has the running service end a transfer for good: whether it is under way; nothing if no service runs.
 /// @throws HostError if it does not answer
 [[nodiscard]] Task<std::optional<bool>> askServiceToCancel(Home& home, TransferNumber transfer);
+
+/// The last text that the running service has received.
+struct ReceivedText {
+    SecretBytes text; ///< UTF-8
+    std::string from; ///< the phone's name
+    EpochMilliseconds received;
+};
+struct LastTextAnswer {
+    bool isServiceThere = false;
+    std::optional<ReceivedText> text = {}; ///< nothing if the service has none
+};
+/// @throws HostError if the service does not answer
+[[nodiscard]] Task<LastTextAnswer> askServiceForLastText(Home& home);
+
+/// Has the running service forget that text: whether there was one; nothing if no service runs.
+/// @throws HostError if it does not answer
+[[nodiscard]] Task<std::optional<bool>> askServiceToForgetText(Home& home);
 
 /// What the running service tells of itself now, each thing once, to `onNews`, on the caller's executor. False if none
 /// runs. @throws HostError if it does not answer; what `onNews` throws

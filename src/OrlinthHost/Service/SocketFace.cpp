@@ -34,6 +34,12 @@ private:
     std::size_t& count_;
 };
 
+/// What is referred to outlives the call.
+Task<bool> sendSecret(platform::UnixSockets& sockets, platform::Stream& stream, ByteView bytes) {
+    co_await sockets.sendSecret(stream, bytes);
+    co_return true;
+}
+
 } // namespace
 
 void SocketFace::start(std::uint16_t port) {
@@ -106,16 +112,18 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     bool isForLoan = false;
     bool isToWatch = false;
     bool isStatus = false;
+    bool isForText = false;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
         isForLoan = isToBeLent(request);
         isStatus = std::holds_alternative<StatusRequest>(request);
         isToWatch = std::holds_alternative<WatchRequest>(request);
+        isForText = std::holds_alternative<LastTextRequest>(request);
         if (isToWatch && watchers_ == maxWatchers) {
             isToWatch = false;
             throw HostError("too many programs are watching");
         }
-        if (!isForLoan && !isStatus && !isToWatch) {
+        if (!isForLoan && !isStatus && !isToWatch && !isForText) {
             reply = co_await replyTo(std::move(request));
         }
     } catch (const std::exception& error) {
@@ -131,8 +139,22 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     } else if (isStatus) {
         NewsReader reader(api_);
         co_await sendNews(*stream, reader, true);
+    } else if (isForText) {
+        co_await sendLastText(*stream);
     } else {
         co_await sendControlLine(*stream, home_.system.clock, encodeControlReply(reply));
+    }
+}
+
+Task<> SocketFace::sendLastText(platform::Stream& stream) {
+    const std::shared_ptr<const LastText::Text> text = api_.lastText().get(); // also if it is forgotten meanwhile
+    const ControlReply reply =
+        text ? ControlReply(TextReply{.from = text->from, .received = text->received, .bytes = text->bytes.size()})
+             : ControlReply(FoundReply{false});
+    co_await sendControlLine(stream, home_.system.clock, encodeControlReply(reply));
+    if (text) {
+        co_await withinLimit(home_.system.clock, controlLineLimit,
+                             sendSecret(home_.system.unixSockets, stream, text->bytes.reveal()));
     }
 }
 
@@ -165,6 +187,9 @@ Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
     }
     if (const auto* const cancel = std::get_if<CancelRequest>(&request)) {
         co_return FoundReply{api_.cancelTransfer(TransferNumber{cancel->transfer})};
+    }
+    if (std::holds_alternative<ForgetTextRequest>(request)) {
+        co_return FoundReply{api_.lastText().forget()};
     }
     co_return aboutPort_;
 }

@@ -55,6 +55,8 @@ private:
     [[nodiscard]] Task<ControlReply> replyTo(ControlRequest request);
     [[nodiscard]] bool isToBeLent(const ControlRequest& request) const;
     [[nodiscard]] PresenceReply presence() const;
+    /// Sends the text, if there is one, behind the line that says so.
+    [[nodiscard]] Task<> sendLastText(platform::Stream& stream);
     /// Tells what there is, and what changes until the other end closes. `stream` outlives the call.
     [[nodiscard]] Task<> watch(platform::Stream& stream);
     [[nodiscard]] Task<> sendNews(platform::Stream& stream, NewsReader& reader, bool isTimeToLook);

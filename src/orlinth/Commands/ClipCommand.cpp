@@ -3,13 +3,16 @@
 #include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OrlinthHost/Sending/PushService.h"
 #include "OrlinthHost/Sending/TextDelivery.h"
+#include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/TextSource.h"
 #include "orlinth/Reporting/Hints.h"
+#include "orlinth/Reporting/Terminal.h"
 
 #include <algorithm>
 #include <cmath>
+#include <unistd.h>
 
 namespace orlinth::cli {
 
@@ -92,30 +95,95 @@ CLI::Validator mimeValidator() {
     return {check, ""};
 }
 
+constexpr const char* noService = "the service does not run, so no text is kept";
+constexpr const char* serviceHint = "To start it: `systemctl --user enable --now orlinth`";
+
+/// The lines of a text, made fit for a terminal one by one.
+std::string linesForTerminal(std::string_view text) {
+    std::string shown;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        shown += madeVisible(text.substr(0, end));
+        if (end == text.size()) {
+            break;
+        }
+        shown += '\n';
+        text.remove_prefix(end + 1);
+    }
+    return shown;
+}
+
+/// The last text that the service has received: on a terminal with nothing that could steer it, else as it is.
+void printLastText(Host& host) {
+    const host::LastTextAnswer answer = host.tasks.run(host::askServiceForLastText(host));
+    if (!answer.isServiceThere) {
+        throw host::HostError(noService, serviceHint);
+    }
+    if (!answer.text) {
+        throw host::HostError("the service has no text",
+                              "It keeps the last one that a phone has sent, up to 1 MiB, for 24 hours.");
+    }
+    const ByteView bytes = answer.text->text.reveal();
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    if (host.output.isJson()) {
+        host.output.event(
+            "clipboard",
+            {{"text", text}, {"from", answer.text->from}, {"received_epoch_ms", toNumber(answer.text->received)}});
+    } else if (isTerminal(STDOUT_FILENO)) {
+        host.output.page(linesForTerminal(text));
+    } else {
+        host.output.content(text);
+    }
+}
+
+void forgetLastText(Host& host) {
+    const std::optional<bool> isForgotten = host.tasks.run(host::askServiceToForgetText(host));
+    if (!isForgotten) {
+        throw host::HostError(noService, serviceHint);
+    }
+    host.output.event("forgotten", {{"found", *isForgotten}});
+    host.output.result(*isForgotten ? "forgot the last text" : "there was no text to forget");
+}
+
 class ClipCommand final : public Command {
 public:
     explicit ClipCommand(CLI::App& program)
-        : Command(
-              program.add_subcommand("clip", "Send a text to a phone's clipboard: the desktop's own, or another.")) {
-        parser()
-            .add_option("--to", selector_,
-                        "Which phone: its name, or the beginning of its name or key, in any letter case. "
-                        "Default: the phone paired last.")
-            ->type_name("SELECTOR")
-            ->check(notEmpty())
-            ->take_last()
-            ->configurable(false);
+        : Command(program.add_subcommand(
+              "clip", "Send a text to a phone's clipboard: the desktop's own, or another. Or print the last "
+                      "text that came from a phone.")) {
+        CLI::Option* to =
+            parser()
+                .add_option("--to", selector_,
+                            "Which phone: its name, or the beginning of its name or key, in any letter case. "
+                            "Default: the phone paired last.")
+                ->type_name("SELECTOR")
+                ->check(notEmpty())
+                ->take_last()
+                ->configurable(false);
         CLI::Option* text =
             addText(
                 "--text", text_, "TEXT",
                 "What to send. Other users of this computer can see it while the program runs: for a secret, use -.")
                 ->configurable(false);
+        CLI::Option* input =
+            parser()
+                .add_option(
+                    "INPUT", source_,
+                    "\"-\": send what standard input holds, as it is. Default: what is on the desktop's clipboard.")
+                ->type_name("")
+                ->check(onlyDash())
+                ->excludes(text)
+                ->configurable(false);
+        CLI::Option* last =
+            parser()
+                .add_flag("--last", isForLast_,
+                          "Print the last text that the service has received from a phone: at most 1 MiB, for 24 "
+                          "hours. It is there whether or not it has reached the clipboard.")
+                ->excludes(to, text, input)
+                ->configurable(false);
         parser()
-            .add_option("INPUT", source_,
-                        "\"-\": send what standard input holds, as it is. Default: what is on the desktop's clipboard.")
-            ->type_name("")
-            ->check(onlyDash())
-            ->excludes(text)
+            .add_flag("--forget", isToForget_, "Have the service forget that text.")
+            ->excludes(to, text, input, last)
             ->configurable(false);
         addText("--mime", mime_, "TYPE", "What the text is.")->check(mimeValidator())->capture_default_str();
         addSeconds("--warm-timeout", times_.warm, "How long the first attempt to connect may take; 0: no limit.");
@@ -131,6 +199,14 @@ public:
     }
 
     int run(Host& host) override {
+        if (isForLast_) {
+            printLastText(host);
+            return 0;
+        }
+        if (isToForget_) {
+            forgetLastText(host);
+            return 0;
+        }
         const platform::PrivateKey ownKey = host.staticKey();
         const PeerRecord peer =
             (selector_.empty() ? host::mostRecentPeer(host, ownKey.publicKey(), host::PeerUse::connection)
@@ -178,6 +254,8 @@ private:
     std::string text_;
     std::string source_; ///< "-" or nothing
     std::string mime_ = "text/plain";
+    bool isForLast_ = false;
+    bool isToForget_ = false;
     ClipTimes times_;
     host::FindSetting find_ = host::FindSetting::known;
 };

@@ -54,6 +54,7 @@ void ClipboardWriter::ClipboardLog::write(platform::LogLevel level, std::string_
             if (lines_.admits()) {
                 host_.system.log.write(level, subsystem, category, text);
                 host_.output.message(text);
+                host_.output.message("To print the text: `orlinth clip --last`");
             }
         });
     } catch (...) {

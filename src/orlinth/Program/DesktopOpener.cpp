@@ -1,6 +1,7 @@
 #include "orlinth/Program/DesktopOpener.h"
 
 #include "base/Error.h"
+#include "platform/linux/DesktopSession.h"
 
 #include <cstdlib>
 
@@ -35,7 +36,13 @@ void openOnDesktop(const platform::Path& path, platform::Log& log) {
         log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "serve", "cannot open: " + problem);
     };
     try {
-        const platform::ChildResult result = runChild(openerFor(path, std::getenv("INVOCATION_ID") != nullptr));
+        const bool isManaged = std::getenv("INVOCATION_ID") != nullptr;
+        platform::ChildProgram opener = openerFor(path, isManaged);
+        if (!isManaged) { // else it is the manager's environment in any case
+            opener.environment = variablesOf(
+                platform::currentDesktopSession([](const char* name) -> const char* { return std::getenv(name); }));
+        }
+        const platform::ChildResult result = runChild(opener);
         if (result.status != 0) {
             tell(result.complaint);
         }

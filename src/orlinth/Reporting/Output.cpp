@@ -68,10 +68,14 @@ void Output::beQuiet() noexcept {
 }
 
 void Output::writeLine(std::string line) {
-    bar_.clear();
     line += '\n';
+    write(line);
+}
+
+void Output::write(std::string_view bytes) {
+    bar_.clear();
     if (outputError_ == 0) {
-        outputError_ = writeAll(STDOUT_FILENO, line);
+        outputError_ = writeAll(STDOUT_FILENO, bytes);
     }
 }
 
@@ -84,6 +88,12 @@ void Output::result(std::string_view line) {
 void Output::page(std::string_view text) {
     if (!json_) {
         writeLine(std::string(text));
+    }
+}
+
+void Output::content(std::string_view bytes) {
+    if (!json_) {
+        write(bytes);
     }
 }
 

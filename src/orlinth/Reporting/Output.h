@@ -40,6 +40,9 @@ public:
     /// The same for what has lines or colours of its own: a QR code, a page of help, the text that a phone has sent.
     /// It must be fit for a terminal.
     void page(std::string_view text);
+    /// A content byte by byte, without a line end of ours, for another program or a file; nothing in JSON form. A
+    /// terminal is not the place for it.
+    void content(std::string_view bytes);
     /// A line of the result in JSON form: `fields` and "event", in ASCII, whole.
     void event(const char* name, Json fields);
     /// A line on standard error, unless quiet.
@@ -53,6 +56,7 @@ public:
 
 private:
     void writeLine(std::string line);
+    void write(std::string_view bytes);
 
     bool json_ = false;
     bool quiet_ = false;

@@ -85,7 +85,7 @@ std::optional<Descriptor> takeDescriptor(int socket) {
     }
     std::vector<Descriptor> descriptors = envelope.takeAll();
     if (count == 0 || descriptors.size() != 1) {
-        throw SystemError("no socket was passed");
+        throw SystemError("no descriptor was passed");
     }
     return std::move(descriptors.front());
 }

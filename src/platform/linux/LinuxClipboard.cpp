@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <string_view>
+#include <utility>
 
 namespace orlinth::platform {
 namespace {
@@ -56,8 +57,11 @@ bool beginsWithOneOf(const std::string& text, const std::vector<std::string_view
     return std::ranges::any_of(beginnings, [&](std::string_view beginning) { return text.starts_with(beginning); });
 }
 
-/// Runs one of the programs. @throws ClipboardUnavailable; SystemError if it does not answer
-ChildResult run(const ChildProgram& program, const Tools& tools) {
+/// Runs one of the programs on that desktop. @throws ClipboardUnavailable; SystemError if it does not answer
+ChildResult run(ChildProgram program, const Tools& tools, const DesktopSession& session) {
+    for (auto& variable : variablesOf(session)) {
+        program.environment.push_back(std::move(variable));
+    }
     try {
         ChildResult result = runChild(program);
         if (result.status != 0 && beginsWithOneOf(result.complaint, tools.noDesktop)) {
@@ -76,13 +80,14 @@ ChildResult run(const ChildProgram& program, const Tools& tools) {
 }
 
 /// What the reader prints; nothing if it says that there is nothing.
-std::optional<ChildResult> read(const Tools& tools, std::vector<std::string> arguments, std::size_t maxBytes) {
+std::optional<ChildResult> read(const Tools& tools, const DesktopSession& session, std::vector<std::string> arguments,
+                                std::size_t maxBytes) {
     const ChildProgram program{.name = tools.reader,
                                .package = tools.package,
                                .arguments = std::move(arguments),
                                .input = {},
                                .maxOutputBytes = maxBytes};
-    ChildResult result = run(program, tools);
+    ChildResult result = run(program, tools, session);
     if (result.status == 0) {
         return result;
     }
@@ -104,8 +109,8 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-std::vector<std::string> listTypes(const Tools& tools) {
-    const std::optional<ChildResult> listing = read(tools, tools.listTypes, maxListingBytes);
+std::vector<std::string> listTypes(const Tools& tools, const DesktopSession& session) {
+    const std::optional<ChildResult> listing = read(tools, session, tools.listTypes, maxListingBytes);
     if (!listing) {
         return {};
     }
@@ -117,10 +122,10 @@ std::vector<std::string> listTypes(const Tools& tools) {
     return types;
 }
 
-std::optional<Bytes> readType(const Tools& tools, const std::string& type) {
+std::optional<Bytes> readType(const Tools& tools, const DesktopSession& session, const std::string& type) {
     std::vector<std::string> arguments = tools.readType;
     arguments.push_back(type);
-    std::optional<ChildResult> result = read(tools, std::move(arguments), Clipboard::maxBytes);
+    std::optional<ChildResult> result = read(tools, session, std::move(arguments), Clipboard::maxBytes);
     return result ? std::optional(std::move(result->output)) : std::nullopt;
 }
 
@@ -179,27 +184,84 @@ std::string decoded(std::string text, bool promisesUtf8) {
     return promisesUtf8 ? toUtf8(text) : latin1ToUtf8(text);
 }
 
-Tools toolsOf(const std::function<const char*(const char*)>& environment) {
-    const auto isSet = [&](const char* name) {
-        const char* value = environment(name);
-        return value != nullptr && *value != '\0';
-    };
-    if (isSet("WAYLAND_DISPLAY")) {
-        return waylandTools();
+std::optional<std::string> readText(const Tools& tools, const DesktopSession& session) {
+    const std::vector<std::string> types = listTypes(tools, session);
+    for (std::size_t i = 0; i < textTypes.size(); ++i) {
+        const std::optional<std::string> type = offered(types, textTypes.at(i));
+        if (!type) {
+            continue;
+        }
+        if (const std::optional<Bytes> found = readType(tools, session, *type)) {
+            return decoded(toText(*found), i < 2);
+        }
     }
-    if (isSet("DISPLAY")) {
-        return x11Tools();
+    return std::nullopt;
+}
+
+void writeText(const Tools& tools, const DesktopSession& session, const std::string& text) {
+    ChildProgram program{
+        .name = tools.writer, .package = tools.package, .arguments = tools.writeText, .input = asBytes(text)};
+    // wl-copy keeps the text in a temporary file until the next one comes: better in memory, and in a folder of the
+    // user's own. wl-clipboard before 2.2 takes /tmp all the same.
+    if (!session.runtimeFolder.empty()) {
+        program.environment.emplace_back("TMPDIR", session.runtimeFolder);
     }
-    throw ClipboardUnavailable("there is no desktop session (neither WAYLAND_DISPLAY nor DISPLAY is set)");
+    const ChildResult result = run(program, tools, session);
+    if (result.status != 0) {
+        fail(program.name, result);
+    }
+}
+
+/// The first of them that finds its desktop. @throws what the first of them throws if none does
+template <typename Use>
+auto withFirst(const std::vector<Tools>& candidates, Use use) -> decltype(use(candidates.front())) {
+    std::exception_ptr problem;
+    for (const Tools& tools : candidates) {
+        try {
+            return use(tools);
+        } catch (const ClipboardUnavailable&) {
+            problem = problem ? problem : std::current_exception();
+        }
+    }
+    std::rethrow_exception(problem);
+}
+
+/// Which programs reach the clipboard, the best first; at least one. @throws ClipboardUnavailable
+std::vector<Tools> toolsOn(const DesktopSession& session, WaylandSession& wayland, bool mayTakeTheFocus) {
+    if (!session.isThere()) {
+        throw ClipboardUnavailable("there is no desktop session (neither WAYLAND_DISPLAY nor DISPLAY is set)");
+    }
+    const bool hasWayland = !session.waylandDisplay.empty();
+    const WaylandSession::Clipboard clipboard =
+        wayland.clipboard(WaylandSession::socketPath(session.waylandDisplay, session.runtimeFolder));
+    if (clipboard == WaylandSession::Clipboard::open) {
+        return {waylandTools()};
+    }
+    std::vector<Tools> candidates;
+    if (!session.display.empty()) { // on Wayland this is XWayland, which shares the clipboard
+        candidates.push_back(x11Tools());
+    }
+    if (hasWayland && mayTakeTheFocus) {
+        candidates.push_back(waylandTools());
+    }
+    if (candidates.empty()) {
+        throw ClipboardUnavailable(clipboard == WaylandSession::Clipboard::guarded
+                                       ? "this desktop lets only the window in focus use the clipboard, and it has no "
+                                         "XWayland (DISPLAY is not set)"
+                                       : "the desktop session cannot be reached: no compositor answers at " +
+                                             forDisplay(session.waylandDisplay));
+    }
+    return candidates;
 }
 
 } // namespace
 
-LinuxClipboard::LinuxClipboard(std::function<const char*(const char*)> environment)
-    : environment_(std::move(environment)) {}
+LinuxClipboard::LinuxClipboard(std::function<DesktopSession()> session) : session_(std::move(session)) {}
 
 std::vector<std::vector<std::string>> LinuxClipboard::itemTypes() {
-    std::vector<std::string> types = listTypes(toolsOf(environment_));
+    const DesktopSession session = session_();
+    std::vector<std::string> types = withFirst(toolsOn(session, wayland_, true),
+                                               [&session](const Tools& tools) { return listTypes(tools, session); });
     if (types.empty()) {
         return {};
     }
@@ -207,37 +269,20 @@ std::vector<std::vector<std::string>> LinuxClipboard::itemTypes() {
 }
 
 std::optional<Bytes> LinuxClipboard::content(const std::string& type) {
-    return readType(toolsOf(environment_), type);
+    const DesktopSession session = session_();
+    return withFirst(toolsOn(session, wayland_, true),
+                     [&](const Tools& tools) { return readType(tools, session, type); });
 }
 
 std::optional<std::string> LinuxClipboard::text() {
-    const Tools tools = toolsOf(environment_);
-    const std::vector<std::string> types = listTypes(tools);
-    for (std::size_t i = 0; i < textTypes.size(); ++i) {
-        const std::optional<std::string> type = offered(types, textTypes.at(i));
-        if (!type) {
-            continue;
-        }
-        if (const std::optional<Bytes> found = readType(tools, *type)) {
-            return decoded(toText(*found), i < 2);
-        }
-    }
-    return std::nullopt;
+    const DesktopSession session = session_();
+    return withFirst(toolsOn(session, wayland_, true),
+                     [&session](const Tools& tools) { return readText(tools, session); });
 }
 
 void LinuxClipboard::setText(const std::string& text) {
-    const Tools tools = toolsOf(environment_);
-    ChildProgram program{
-        .name = tools.writer, .package = tools.package, .arguments = tools.writeText, .input = asBytes(text)};
-    // wl-copy keeps the text in a temporary file until the next one comes: better in memory, and in a folder of the
-    // user's own. wl-clipboard before 2.2 takes /tmp all the same.
-    if (const char* folder = environment_("XDG_RUNTIME_DIR"); folder != nullptr && *folder != '\0') {
-        program.environment.emplace_back("TMPDIR", folder);
-    }
-    const ChildResult result = run(program, tools);
-    if (result.status != 0) {
-        fail(program.name, result);
-    }
+    const DesktopSession session = session_();
+    withFirst(toolsOn(session, wayland_, false), [&](const Tools& tools) { writeText(tools, session, text); });
 }
 
 } // namespace orlinth::platform

@@ -49,7 +49,7 @@ struct LinuxSystem::Parts {
     LinuxMimeTypes mimeTypes{linuxDataDirectories(processEnvironment)};
     LinuxLog log;
     LinuxHttpsClient https;
-    LinuxClipboard clipboard{processEnvironment};
+    LinuxClipboard clipboard{[] { return currentDesktopSession(processEnvironment); }};
     LinuxNetworkInterfaces interfaces;
     LinuxNetworkNews networkNews;
     LinuxNeighbours neighbours;

@@ -5,6 +5,7 @@
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/DescriptorPassing.h"
 #include "platform/linux/LinuxFile.h"
+#include "platform/linux/SealedMemory.h"
 #include "platform/linux/SocketStream.h"
 #include "platform/linux/TcpListener.h"
 
@@ -262,6 +263,16 @@ Task<> LinuxUnixSockets::sendPort(Stream& stream, const Listener& port) {
 Task<std::unique_ptr<Listener>> LinuxUnixSockets::receivePort(Stream& stream, Executor executor) {
     Descriptor descriptor = co_await requireKind<UnixStream>(stream).receiveDescriptor();
     co_return std::make_unique<TcpListener>(std::move(descriptor), std::nullopt, executor);
+}
+
+Task<> LinuxUnixSockets::sendSecret(Stream& stream, ByteView bytes) {
+    const Descriptor file = detail::sealedMemory(bytes);
+    co_await requireKind<UnixStream>(stream).sendDescriptor(file.get());
+}
+
+Task<SecretBytes> LinuxUnixSockets::receiveSecret(Stream& stream, std::size_t maxBytes) {
+    const Descriptor file = co_await requireKind<UnixStream>(stream).receiveDescriptor();
+    co_return detail::readSealedMemory(file, maxBytes);
 }
 
 } // namespace orlinth::platform

@@ -45,6 +45,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read_basic);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_ref);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_set_auto_start);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_skip);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_unref);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_new);

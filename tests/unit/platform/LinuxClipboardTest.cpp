@@ -1,5 +1,6 @@
 #include "platform/linux/LinuxClipboard.h"
 
+#include "fakes/FakeCompositor.h"
 #include "fakes/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <memory>
 
 namespace orlinth::platform {
 namespace {
@@ -30,7 +32,7 @@ protected:
                 "esac\n" +
                     answer());
         ::setenv("PATH", (folder.path().string() + ":" + oldPath).c_str(), 1);
-        variables = {{"WAYLAND_DISPLAY", "wayland-1"}};
+        useWayland();
     }
     ~LinuxClipboardTest() override { ::setenv("PATH", oldPath.c_str(), 1); }
     LinuxClipboardTest(const LinuxClipboardTest&) = delete;
@@ -76,13 +78,25 @@ protected:
         return "nothing was thrown";
     }
     void useX11() { variables = {{"DISPLAY", ":1"}}; }
+    /// A compositor with these interfaces.
+    void useWayland(const std::vector<std::string>& interfaces = {"wl_shm", "zwlr_data_control_manager_v1"}) {
+        compositor.reset();
+        const std::filesystem::path socket = folder / "wayland-1";
+        compositor = std::make_unique<fakes::FakeCompositor>(socket, fakes::wayland::registry(interfaces));
+        variables = {{"WAYLAND_DISPLAY", socket.string()}};
+    }
+    /// One that lets only the window in focus use the clipboard.
+    void useGuardedWayland() { useWayland({"wl_shm", "wl_data_device_manager"}); }
 
     fakes::TemporaryFolder folder;
     std::string oldPath = std::getenv("PATH");
     std::map<std::string, std::string> variables;
-    LinuxClipboard clipboard{[this](const char* name) {
-        const auto found = variables.find(name);
-        return found != variables.end() ? found->second.c_str() : nullptr;
+    std::unique_ptr<fakes::FakeCompositor> compositor;
+    LinuxClipboard clipboard{[this] {
+        return desktopSession([this](const char* name) {
+            const auto found = variables.find(name);
+            return found != variables.end() ? found->second.c_str() : nullptr;
+        });
     }};
 };
 
@@ -101,9 +115,72 @@ TEST_F(LinuxClipboardTest, SaysThatThereIsNoSession) {
 
 TEST_F(LinuxClipboardTest, AsksWaylandWhereThereAreBoth) {
     offer({{"text/plain", "a"}});
-    variables = {{"WAYLAND_DISPLAY", "wayland-1"}, {"DISPLAY", ":0"}};
+    variables["DISPLAY"] = ":0";
     static_cast<void>(clipboard.itemTypes());
-    EXPECT_EQ(calls(), "wl-paste --list-types\n");
+    clipboard.setText("b");
+    EXPECT_EQ(calls(), "wl-paste --list-types\nwl-copy --type text/plain;charset=utf-8\n");
+    EXPECT_EQ(compositor->asked(), 1);
+}
+
+TEST_F(LinuxClipboardTest, GoesByXWaylandWhereOnlyTheWindowInFocusMayUseTheClipboard) {
+    useGuardedWayland();
+    variables["DISPLAY"] = ":0";
+    offer({{"UTF8_STRING", "a"}});
+    EXPECT_EQ(clipboard.text(), "a");
+    clipboard.setText("b");
+    EXPECT_EQ(written(), "b");
+    EXPECT_THAT(calls(), Not(HasSubstr("wl-")));
+}
+
+TEST_F(LinuxClipboardTest, NeverWritesWhereThatWouldTakeTheFocus) {
+    useGuardedWayland();
+    EXPECT_EQ(failure<ClipboardUnavailable>([&] { clipboard.setText("hunter2"); }),
+              "this desktop lets only the window in focus use the clipboard, and it has no XWayland (DISPLAY is not "
+              "set)");
+    variables["DISPLAY"] = ":0";
+    program("xclip", "echo \"Error: Can't open display: :0\" >&2; exit 1");
+    EXPECT_EQ(failure<ClipboardUnavailable>([&] { clipboard.setText("hunter2"); }),
+              "the desktop session cannot be reached: Error: Can't open display: :0");
+    EXPECT_THAT(calls(), Not(HasSubstr("wl-copy")));
+}
+
+TEST_F(LinuxClipboardTest, ReadsWithTheFocusWhereThereIsNoOtherWay) {
+    useGuardedWayland();
+    offer({{"text/plain", "a"}});
+    EXPECT_EQ(clipboard.text(), "a");
+    EXPECT_THAT(calls(), StartsWith("wl-paste"));
+    variables["DISPLAY"] = ":0";
+    program("xclip", "echo \"Error: Can't open display: :0\" >&2; exit 1");
+    EXPECT_EQ(clipboard.text(), "a");
+    EXPECT_THAT(clipboard.itemTypes(), ElementsAre(ElementsAre("text/plain")));
+    EXPECT_EQ(clipboard.content("text/plain"), toBytes("a"));
+}
+
+TEST_F(LinuxClipboardTest, NamesTheFirstOfTwoWaysThatAreBothMissing) {
+    useGuardedWayland();
+    variables["DISPLAY"] = ":0";
+    ::setenv("PATH", (folder / "nowhere").c_str(), 1);
+    EXPECT_EQ(failure<ClipboardUnavailable>([&] { static_cast<void>(clipboard.text()); }),
+              "xclip is not installed (package xclip)");
+}
+
+TEST_F(LinuxClipboardTest, SaysThatNoCompositorAnswers) {
+    compositor.reset();
+    variables = {{"WAYLAND_DISPLAY", "wayland-7"}, {"XDG_RUNTIME_DIR", folder.path().string()}};
+    EXPECT_EQ(failure<ClipboardUnavailable>([&] { clipboard.setText("hunter2"); }),
+              "the desktop session cannot be reached: no compositor answers at wayland-7");
+    EXPECT_EQ(calls(), "");
+    variables["DISPLAY"] = ":0";
+    clipboard.setText("text");
+    EXPECT_EQ(written(), "text");
+    EXPECT_THAT(calls(), StartsWith("xclip"));
+}
+
+TEST_F(LinuxClipboardTest, TellsTheProgramsWhichDesktopIsMeant) {
+    program("xclip", "printf '%s %s' \"$DISPLAY\" \"$XAUTHORITY\" > \"$folder/desktop\"");
+    variables = {{"DISPLAY", ":42"}, {"XAUTHORITY", "/run/key"}};
+    clipboard.setText("text");
+    EXPECT_EQ(fakes::readText(folder / "desktop"), ":42 /run/key");
 }
 
 TEST_F(LinuxClipboardTest, AsksX11WhereThereIsNoWayland) {

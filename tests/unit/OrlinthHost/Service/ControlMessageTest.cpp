@@ -25,6 +25,8 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"request":"cancel","transfer":7})", CancelRequest{7}},
     {R"({"request":"status"})", StatusRequest{}},
     {R"({"request":"watch"})", WatchRequest{}},
+    {R"({"request":"last_text"})", LastTextRequest{}},
+    {R"({"request":"forget_text"})", ForgetTextRequest{}},
 };
 
 const std::vector<std::pair<std::string, ControlReply>> replies{
@@ -43,6 +45,8 @@ const std::vector<std::pair<std::string, ControlReply>> replies{
                     {PeerKey("b="), PresenceState::asleep},
                     {PeerKey("c="), PresenceState::away, fromEpochMilliseconds(1)},
                     {PeerKey("d="), PresenceState::unknown}}}},
+    {R"({"from":"Pixel \"8\"","received_epoch_ms":1731686400000,"text_bytes":42})",
+     TextReply{.from = "Pixel \"8\"", .received = fromEpochMilliseconds(1'731'686'400'000), .bytes = 42}},
     {R"({"error":"the port is lent already"})", ErrorReply{"the port is lent already"}},
 };
 
