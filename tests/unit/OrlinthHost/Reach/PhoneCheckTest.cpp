@@ -294,9 +294,17 @@ TEST_F(PhoneCheckTest, FindsItsOwnFirewall) {
     EXPECT_THAT(portsAsked(), ElementsAre(fakes::World::phonePort));
 }
 
+TEST_F(PhoneCheckTest, FindsThatItsOwnFirewallRejects) {
+    putNeighbour(NeighbourState::reachable);
+    for (const auto& [number, code] :
+         {std::pair(ECONNREFUSED, 3), std::pair(EHOSTUNREACH, 13), std::pair(EHOSTUNREACH, 1)}) {
+        fail(number, IcmpReport{.type = 3, .code = static_cast<std::uint8_t>(code), .from = own}, 1s);
+        EXPECT_EQ(cause(), Cause::ownOutgoing) << code;
+    }
+}
+
 TEST_F(PhoneCheckTest, FindsAWifiThatKeepsItsDevicesApart) {
     putNeighbour(NeighbourState::reachable, routerMac);
-    fail(EHOSTUNREACH, IcmpReport{.type = 3, .code = 1, .from = own}, 3s);
     EXPECT_EQ(cause(), Cause::isolated) << "the router answers for everybody";
 }
 
