@@ -40,8 +40,8 @@ public:
     [[nodiscard]] std::optional<ToldAddress> told() const;
     /// Of all processes that ask in AddressBook::sweepInterval one gets true. False also if that cannot be saved.
     [[nodiscard]] bool claimSweep(const NetworkId& network);
-    /// The same for the address in a phone's record, in AddressBook::moveInterval.
-    [[nodiscard]] bool claimMove(const PeerKey& phone);
+    [[nodiscard]] bool mayMove(const PeerKey& phone) const;
+    void moved(const PeerKey& phone);
 
     /// Forgets every phone but these, which are paired. No file is made for it.
     void keepOnly(const std::vector<PeerKey>& phones);
