@@ -19,7 +19,7 @@ namespace orlinth::platform {
 [[nodiscard]] bool keepsAnythingOut(std::string_view rules);
 
 /// firewalld as it answers on the system's bus, ufw as its settings say, and nftables by its service and its file. What
-/// only root may read, such as the rules that are in force, is not looked at.
+/// only root may read, such as the rules that are in force, is not looked at, nor what takes a password to see.
 class LinuxFirewall final : public Firewall {
 public:
     /// `environment` says where the bus is as if it were the session's: systemBusEnvironment().

@@ -49,7 +49,7 @@ TEST(NftablesRules, KeepSomethingOutIfTheyDropOrReject) {
 
 // ---- what is asked on the bus
 
-/// firewalld and the service manager, as far as they are asked, on a bus of the test's own.
+/// firewalld, polkit and the service manager, as far as they are asked, on a bus of the test's own.
 class Daemons {
 public:
     std::map<std::string, std::string> zoneOfInterface;
@@ -60,12 +60,19 @@ public:
     std::vector<std::string> rules;
     std::map<std::string, Ports> portsOfService{{"ssh", {{"22", "tcp"}}}};
     bool answersSettings = true;
+    int settingsAsked = 0;
+    std::optional<std::pair<bool, bool>> authorization{{true, false}}; ///< and whether a password helps; none: silence
+    std::vector<std::string> asked; ///< of polkit: the kind of the subject, the action, and the flags
 
     void own(const char* name) { fakes::requireBus(::sd_bus_request_name(program_.get(), name, 0)); }
     void provideFirewalld() {
         add("/org/fedoraproject/FirewallD1", "org.fedoraproject.FirewallD1", firewalldMethods());
         add("/org/fedoraproject/FirewallD1", "org.fedoraproject.FirewallD1.zone", zoneMethods());
         own("org.fedoraproject.FirewallD1");
+    }
+    void providePolkit() {
+        add("/org/freedesktop/PolicyKit1/Authority", "org.freedesktop.PolicyKit1.Authority", polkitMethods());
+        own("org.freedesktop.PolicyKit1");
     }
     void provideUnit() {
         add("/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager", managerMethods());
@@ -133,6 +140,7 @@ private:
     }
     static int onZoneSettings(sd_bus_message* message, void* data, sd_bus_error* error) {
         Daemons& self = of(data);
+        ++self.settingsAsked;
         if (!self.answersSettings) {
             return ::sd_bus_error_set(error, "org.fedoraproject.FirewallD1.Exception", "NotAuthorized");
         }
@@ -144,8 +152,30 @@ private:
         });
     }
     static int onServiceSettings(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
+        ++of(data).settingsAsked;
         const Ports ports = of(data).portsOfService[argument(message)];
         return replySettings(message, [&ports](sd_bus_message* reply) { appendPorts(reply, ports); });
+    }
+    static int onCheckAuthorization(sd_bus_message* message, void* data, sd_bus_error* error) {
+        Daemons& self = of(data);
+        const char* kind = nullptr;
+        const char* key = nullptr;
+        const char* name = nullptr;
+        const char* action = nullptr;
+        std::uint32_t flags = 0;
+        fakes::requireBus(::sd_bus_message_enter_container(message, 'r', "sa{sv}"));
+        fakes::requireBus(::sd_bus_message_read(message, "sa{sv}", &kind, 1, &key, "s", &name));
+        fakes::requireBus(::sd_bus_message_exit_container(message));
+        fakes::requireBus(::sd_bus_message_read(message, "sa{ss}u", &action, 0, &flags));
+        self.asked = {kind, action, std::to_string(flags)};
+        if (std::string("name") != key || std::string(::sd_bus_message_get_sender(message)) != name) {
+            return ::sd_bus_error_set(error, "org.freedesktop.PolicyKit1.Error.NotAuthorized", "of others");
+        }
+        return self.authorization
+                   ? ::sd_bus_reply_method_return(message, "(bba{ss})", static_cast<int>(self.authorization->first),
+                                                  static_cast<int>(self.authorization->second), 1, "polkit.retains",
+                                                  "1")
+                   : 1;
     }
     static int onGetUnit(sd_bus_message* message, void* /*data*/, sd_bus_error* error) {
         return argument(message) == "nftables.service"
@@ -170,6 +200,13 @@ private:
             SD_BUS_METHOD("getZoneOfInterface", "s", "s", onZoneOfInterface, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("getZoneSettings2", "s", "a{sv}", onZoneSettings, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_VTABLE_END};
+        return table;
+    }
+    static const sd_bus_vtable* polkitMethods() {
+        static const sd_bus_vtable table[] = {SD_BUS_VTABLE_START(0),
+                                              SD_BUS_METHOD("CheckAuthorization", "(sa{sv})sa{ss}us", "(bba{ss})",
+                                                            onCheckAuthorization, SD_BUS_VTABLE_UNPRIVILEGED),
+                                              SD_BUS_VTABLE_END};
         return table;
     }
     static const sd_bus_vtable* managerMethods() {
@@ -267,6 +304,23 @@ TEST_F(LinuxFirewallTest, DoesNotJudgeRulesOfFirewalldsOwnLanguage) {
     daemons_->rules.clear();
     daemons_->answersSettings = false;
     EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+}
+
+/// firewalld has polkit ask the person at the screen for a password, if that is what its settings take.
+TEST_F(LinuxFirewallTest, AsksFirewalldForItsSettingsOnlyIfNobodyIsAskedForAPassword) {
+    startFirewalld();
+    daemons_->providePolkit();
+    EXPECT_EQ(ask(), firewalld(Verdict::closed));
+    EXPECT_THAT(daemons_->asked,
+                testing::ElementsAre("system-bus-name", "org.fedoraproject.FirewallD1.config.info", "0"));
+    EXPECT_EQ(daemons_->settingsAsked, 2);
+    daemons_->settingsAsked = 0;
+    using Answer = std::optional<std::pair<bool, bool>>;
+    for (const Answer& answer : {Answer({false, true}), Answer({false, false}), Answer()}) {
+        daemons_->authorization = answer;
+        EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+        EXPECT_EQ(daemons_->settingsAsked, 0);
+    }
 }
 
 TEST_F(LinuxFirewallTest, KnowsThatItMayNotReadUfwsRules) {
