@@ -35,8 +35,8 @@ struct Neighbour {
     std::string interface;            ///< its name, for example "wlan0"; "" if it has gone meanwhile
     Bytes hardware;                   ///< the link-layer address, of Ethernet 6 bytes; empty if it is not known
     NeighbourState state = NeighbourState::unknown;
-    /// How long ago it was last confirmed, to a hundredth of a second. For an entry that has never been confirmed the
-    /// system makes up a time in the past, so this counts only against the age of what the caller knows.
+    /// How long ago it was last confirmed, rounded down to 10 ms, of ticks of up to 10 ms. For an entry that has never
+    /// been confirmed the system makes up a time in the past, so this counts only against the age of what is known.
     std::optional<Seconds> confirmedAge;
 
     friend bool operator==(const Neighbour&, const Neighbour&) = default;

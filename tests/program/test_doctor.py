@@ -293,6 +293,14 @@ class Filters(DoctorTest):
         self.filter(self.home.desk, "output", "ip daddr 10.77.7.30 drop")
         self.assert_cause("own_outgoing", self.look(), within=3)
 
+    def test_a_filter_on_this_computer_rejects_what_goes_out(self):
+        for way in ("", "with icmp admin-prohibited", "with icmp host-unreachable"):
+            with self.subTest(way):
+                self.home.desk.run("nft flush ruleset")
+                self.assertEqual("not_listening", self.look()["cause"])
+                self.filter(self.home.desk, "output", f"ip daddr 10.77.7.30 reject {way}")
+                self.assert_cause("own_outgoing", self.look(), within=3, case=f"this computer rejects {way}")
+
 
 class ThisComputer(DoctorTest):
     def told(self, address, port):

@@ -540,7 +540,12 @@ bool AddressBook::noteSweep(const NetworkId& network, EpochMilliseconds now) {
     return claimSweep(network, now);
 }
 
-bool AddressBook::claimMove(const PeerKey& phone, EpochMilliseconds now) {
+bool AddressBook::mayMove(const PeerKey& phone, EpochMilliseconds now) const {
+    AddressBook afterwards = *this;
+    return afterwards.moved(phone, now);
+}
+
+bool AddressBook::moved(const PeerKey& phone, EpochMilliseconds now) {
     if (now <= EpochMilliseconds() || !isPhoneKey(phone)) {
         return false;
     }

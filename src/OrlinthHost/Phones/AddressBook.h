@@ -188,8 +188,10 @@ public:
     [[nodiscard]] bool claimSweep(const NetworkId& network, EpochMilliseconds now);
     /// Counts as done whether it may be or not, because somebody has it swept in person. False if nothing changes.
     [[nodiscard]] bool noteSweep(const NetworkId& network, EpochMilliseconds now);
-    /// Whether the address in this phone's record may be replaced now; then that counts as done.
-    [[nodiscard]] bool claimMove(const PeerKey& phone, EpochMilliseconds now);
+    /// Whether the address in this phone's record may be replaced now: moveInterval after the last time.
+    [[nodiscard]] bool mayMove(const PeerKey& phone, EpochMilliseconds now) const;
+    /// It has been replaced.
+    [[nodiscard]] bool moved(const PeerKey& phone, EpochMilliseconds now);
 
     bool operator==(const AddressBook&) const = default;
 

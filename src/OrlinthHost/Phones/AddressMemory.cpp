@@ -44,8 +44,12 @@ void AddressMemory::noteSweep(const NetworkId& network) {
         tryToChange([&](AddressBook& book) { return book.noteSweep(network, clock_.epochMilliseconds()); }));
 }
 
-bool AddressMemory::claimMove(const PeerKey& phone) {
-    return tryToChange([&](AddressBook& book) { return book.claimMove(phone, clock_.epochMilliseconds()); });
+bool AddressMemory::mayMove(const PeerKey& phone) const {
+    return load().mayMove(phone, clock_.epochMilliseconds());
+}
+
+void AddressMemory::moved(const PeerKey& phone) {
+    tryToChange([&](AddressBook& book) { return book.moved(phone, clock_.epochMilliseconds()); });
 }
 
 std::vector<KnownAddress> AddressMemory::addressesOf(const PeerKey& phone) const {

@@ -40,8 +40,8 @@ public:
     [[nodiscard]] std::optional<ToldAddress> told() const;
     /// Of all processes that ask in AddressBook::sweepInterval one gets true. False also if that cannot be saved.
     [[nodiscard]] bool claimSweep(const NetworkId& network);
-    /// The same for the address in a phone's record, in AddressBook::moveInterval.
-    [[nodiscard]] bool claimMove(const PeerKey& phone);
+    [[nodiscard]] bool mayMove(const PeerKey& phone) const;
+    void moved(const PeerKey& phone);
     /// Somebody has the network swept in person: until the interval is over no process sweeps it of its own accord.
     void noteSweep(const NetworkId& network);
 

@@ -30,6 +30,22 @@ bool isSomebodyThere(const Evidence& evidence) noexcept {
            evidence.isOtherPortRefused || isConfirmed;
 }
 
+/// This computer itself has turned the connection away: it says so under its own address, which it does otherwise only
+/// if nobody answers the question for the hardware address.
+bool isRejectedHere(const Evidence& evidence) noexcept {
+    if (!isFrom(evidence, Icmp::Sender::ownAddress)) {
+        return false;
+    }
+    constexpr std::uint8_t unreachable = 3; // RFC 792
+    constexpr std::uint8_t hostUnreachable = 1;
+    constexpr std::uint8_t unreachableV6 = 1; // RFC 4443
+    constexpr std::uint8_t addressUnreachableV6 = 3;
+    const Icmp& icmp = *evidence.icmp;
+    const bool mayBeInVain = (icmp.type == unreachable && icmp.code == hostUnreachable) ||
+                             (icmp.type == unreachableV6 && icmp.code == addressUnreachableV6);
+    return !mayBeInVain || isNeighbour(evidence, Neighbour::State::valid);
+}
+
 /// What keeps this computer from sending anything there, whoever is at the address.
 std::optional<Cause> causeHere(const Evidence& evidence) noexcept {
     if (!evidence.hasNetwork) {
@@ -49,7 +65,8 @@ std::optional<Cause> causeHere(const Evidence& evidence) noexcept {
         return Cause::noRoute;
     }
     const bool isSilent = evidence.connect == Connect::timedOut && !evidence.icmp;
-    if (evidence.connect == Connect::notPermitted || (isSilent && evidence.isDatagramForbidden)) {
+    const bool isForbidden = evidence.connect == Connect::notPermitted || (isSilent && evidence.isDatagramForbidden);
+    if (isForbidden || isRejectedHere(evidence)) {
         return Cause::ownOutgoing;
     }
     return std::nullopt;

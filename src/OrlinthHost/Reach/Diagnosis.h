@@ -28,7 +28,7 @@ struct Evidence {
     /// An ICMP message "destination unreachable" (RFC 792; RFC 4443 §3.1) that came for this connection.
     struct Icmp {
         enum class Sender {
-            ownAddress, ///< this computer itself: nobody answered the question for the hardware address
+            ownAddress, ///< this computer: nobody answered the question for the hardware address, or its filter rejects
             phone,      ///< the address that we connect to
             router      ///< anybody else
         };

@@ -371,7 +371,7 @@ bool recordMove(const Home& home, AddressMemory& memory, const PeerRecord& tried
             const auto record = std::ranges::find(book.peers, tried.peer_pubkey, &PeerRecord::peer_pubkey);
             const bool isSame =
                 record != book.peers.end() && record->peer_ip == tried.peer_ip && record->peer_port == tried.peer_port;
-            if (!isSame || !memory.claimMove(tried.peer_pubkey)) {
+            if (!isSame || !memory.mayMove(tried.peer_pubkey)) {
                 return false;
             }
             record->peer_ip = found.text();
@@ -384,6 +384,8 @@ bool recordMove(const Home& home, AddressMemory& memory, const PeerRecord& tried
         return false;
     }
     if (isWritten) {
+        // Only now: had this program ended before, the turn to replace the address would be used up for nothing.
+        learnIfPaired(home, tried.peer_pubkey, [&](AddressMemory& book) { book.moved(tried.peer_pubkey); });
         updateSharedPeers(home);
     }
     return isWritten;

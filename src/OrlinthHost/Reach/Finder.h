@@ -147,6 +147,7 @@ private:
 /// Writes a phone's new address into its record, unless one of the rules forbids it: the address is of IPv4, the record
 /// still has the address that was tried, and that is an address and no name; and at most once in
 /// AddressBook::moveInterval for a phone, so that two addresses that take turns do not keep the disk busy.
+/// Of two processes that find the same only one writes, as the record then no longer has the address that was tried.
 /// To be called only if the phone has proved its key at `found`, at its port, and not at the address of `tried`.
 /// Returns whether it was written. Blocks on the disk; what fails there is logged.
 bool recordMove(const Home& home, AddressMemory& memory, const PeerRecord& tried, const HostAddress& found);

@@ -25,6 +25,10 @@ using State = Evidence::Neighbour::State;
 using Device = Evidence::Neighbour::Device;
 using Way = Evidence::Route::Way;
 
+/// How far apart the same confirmation may seem to be if its age is asked for twice: the system keeps it in ticks of
+/// its clock (4 ms, or 10 at most), and rounds the age down to a hundredth of a second.
+constexpr Seconds ageTolerance = 20ms;
+
 Evidence::Route::Interface kindIn(const Whereabouts& here, const std::string& interface) {
     switch (here.kindOf(interface)) {
     case InterfaceKind::tunnel:
@@ -184,6 +188,7 @@ private:
     void lookAround() {
         if (address_) {
             askForRoute();
+            askWhenConfirmed();
         }
         evidence_.hasNetwork = hasNetwork();
         const OwnNetwork* const network = host_ ? here_.ownNetworkOf(*host_) : nullptr;
@@ -209,6 +214,13 @@ private:
             evidence_.route->isInRealNetwork = ipv4 != nullptr && realNetworkOf(*ipv4) != nullptr;
         } catch (const platform::SystemError&) {
             evidence_.route = std::nullopt; // not measured
+        }
+    }
+
+    void askWhenConfirmed() {
+        const std::optional<platform::Neighbour> entry = neighbour();
+        if (entry && entry->confirmedAge) {
+            confirmedBefore_ = home_.system.clock.now() - *entry->confirmedAge;
         }
     }
 
@@ -320,8 +332,16 @@ private:
         return std::nullopt;
     }
 
-    [[nodiscard]] bool isConfirmedSince(const platform::Neighbour& entry) const {
-        return stateOf(entry.state) == State::valid && entry.confirmedAge && *entry.confirmedAge < elapsed();
+    /// Whether the entry, which was asked for at this instant, has been confirmed since the look began. A confirmation
+    /// that was known by then does not count again. What is so once remains so.
+    [[nodiscard]] bool isConfirmedSince(const platform::Neighbour& entry, platform::Clock::Instant asked) {
+        if (stateOf(entry.state) != State::valid || !entry.confirmedAge) {
+            return wasConfirmedSince_;
+        }
+        const bool isOlder = *entry.confirmedAge >= elapsed() + ageTolerance;
+        const bool isKnown = confirmedBefore_ && asked - *entry.confirmedAge <= *confirmedBefore_ + ageTolerance;
+        wasConfirmedSince_ = wasConfirmedSince_ || (!isOlder && !isKnown);
+        return wasConfirmedSince_;
     }
 
     /// Returns when it is certain that no connection will come, and never otherwise. Nothing escapes.
@@ -350,8 +370,9 @@ private:
             if (isGone_) {
                 co_return true;
             }
+            const platform::Clock::Instant asked = home_.system.clock.now();
             const std::optional<platform::Neighbour> now = neighbour();
-            if (evidence_.isOtherPortRefused || (mayBeAskedFurther() && now && isConfirmedSince(*now))) {
+            if (evidence_.isOtherPortRefused || (mayBeAskedFurther() && now && isConfirmedSince(*now, asked))) {
                 co_return true; // it is there, and its port is silent
             }
             hasChanged_.reset();
@@ -429,12 +450,13 @@ private:
     }
 
     void lookAtNeighbour() {
+        const platform::Clock::Instant asked = home_.system.clock.now();
         const std::optional<platform::Neighbour> entry = neighbour();
         if (!entry) {
             return;
         }
         Evidence::Neighbour seen{.state = isGone_ ? State::failed : stateOf(entry->state)};
-        seen.wasConfirmedSince = isConfirmedSince(*entry);
+        seen.wasConfirmedSince = isConfirmedSince(*entry, asked);
         if (const std::optional<MacAddress> mac = usableMacOf(*entry)) {
             seen.device = deviceOf(*mac);
             seenBefore_ = entry->confirmedAge;
@@ -459,8 +481,10 @@ private:
     const std::optional<IpAddress> address_; ///< nothing if the record has a name
     const std::optional<HostAddress> host_;  ///< nothing also of this computer's own address
     const platform::Clock::Instant begin_;
-    platform::Event hasChanged_; ///< the phone's entry of the neighbour table
-    bool isGone_ = false;        ///< it does not answer, as that says
+    platform::Event hasChanged_;                              ///< the phone's entry of the neighbour table
+    std::optional<platform::Clock::Instant> confirmedBefore_; ///< when that was so before anything was sent
+    bool wasConfirmedSince_ = false;
+    bool isGone_ = false; ///< it does not answer, as that says
     bool isDecided_ = false;
     std::optional<platform::Route> route_;
     std::vector<MacAddress> knownMacs_; ///< of the phone, in this network

@@ -36,6 +36,8 @@ constexpr BusObject firewalldPolicies{"org.fedoraproject.FirewallD1", "/org/fedo
                                       "org.fedoraproject.FirewallD1.policy"};
 constexpr BusObject firewalldDirect{"org.fedoraproject.FirewallD1", "/org/fedoraproject/FirewallD1",
                                     "org.fedoraproject.FirewallD1.direct"};
+constexpr BusObject authority{"org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
+                              "org.freedesktop.PolicyKit1.Authority"};
 constexpr BusObject services{"org.freedesktop.systemd1", "/org/freedesktop/systemd1",
                              "org.freedesktop.systemd1.Manager"};
 
@@ -254,6 +256,7 @@ bool isPolicyFor(const std::map<std::string, std::vector<std::string>>& bound, c
 class Questions {
 public:
     using Read = std::function<bool(sd_bus_message*)>;
+    using Write = std::function<bool(sd_bus_message*)>;
 
     Questions(const Executor& executor, BusEnvironment environment)
         : hasEnded_(executor), loop_(executor, environment, answerLimit, [this] { hasEnded_.set(); }) {}
@@ -263,23 +266,42 @@ public:
 
     /// Returns whether there was an answer, and `read` could read it.
     Task<bool> ask(BusObject object, const char* member, std::vector<std::string> arguments, Read read) {
+        const auto append = [arguments = std::move(arguments)](sd_bus_message* message) {
+            return std::ranges::all_of(arguments, [message](const std::string& argument) {
+                return systemd().sd_bus_message_append(message, "s", argument.c_str()) >= 0;
+            });
+        };
+        return askWith(object, member, append, std::move(read));
+    }
+    /// The same with other arguments than texts; `write` appends them, and returns whether it could.
+    Task<bool> askWith(BusObject object, const char* member, Write write, Read read) {
         hasEnded_.reset();
         isGood_ = false;
         isUnknown_ = false;
+        isNobodyThere_ = false;
         read_ = std::move(read);
-        if (!begin(object, member, arguments)) {
+        if (!begin(object, member, write)) {
             co_return false;
         }
         co_await hasEnded_.wait();
         slot_.reset();
         co_return isGood_;
     }
+    /// Whether that was because the bus knows no such service, and cannot start one.
+    [[nodiscard]] bool isNobodyThere() const noexcept { return isNobodyThere_; }
+
+    /// The name of this connection on the bus; "" if the bus has given it none yet.
+    [[nodiscard]] std::string ownName() const {
+        const char* name = nullptr;
+        const bool isReady = loop_.get() != nullptr && systemd().sd_bus_is_ready(loop_.get()) > 0; // or it would wait
+        return isReady && systemd().sd_bus_get_unique_name(loop_.get(), &name) >= 0 ? name : "";
+    }
 
     /// Of the last question: whoever was asked does not know it.
     [[nodiscard]] bool isUnknown() const noexcept { return isUnknown_; }
 
 private:
-    bool begin(const BusObject& object, const char* member, const std::vector<std::string>& arguments) {
+    bool begin(const BusObject& object, const char* member, const Write& write) {
         if (!loop_.open()) {
             return false;
         }
@@ -289,10 +311,8 @@ private:
             return false;
         }
         const BusMessageRef message(made);
-        for (const std::string& argument : arguments) {
-            if (systemd().sd_bus_message_append(made, "s", argument.c_str()) < 0) {
-                return false;
-            }
+        if (!write(made)) {
+            return false;
         }
         sd_bus_slot* slot = nullptr;
         const auto limit = std::chrono::microseconds(answerLimit).count();
@@ -313,6 +333,7 @@ private:
         self.isUnknown_ = isError("org.freedesktop.DBus.Error.UnknownMethod") ||
                           isError("org.freedesktop.DBus.Error.UnknownInterface");
         self.isGood_ = !isError(nullptr) && self.read_(message);
+        self.isNobodyThere_ = isError(SD_BUS_ERROR_SERVICE_UNKNOWN);
         self.hasEnded_.set();
         return 0;
     }
@@ -320,6 +341,7 @@ private:
     Event hasEnded_;
     bool isGood_ = false;
     bool isUnknown_ = false;
+    bool isNobodyThere_ = false;
     Read read_;
     BusLoop loop_;
     BusSlotRef slot_;
@@ -344,6 +366,26 @@ Task<bool> isUnitActive(Questions& questions, std::string unit) {
     std::vector<std::string> property{"org.freedesktop.systemd1.Unit", "ActiveState"};
     const bool isRead = co_await questions.ask(object, "Get", std::move(property), readState);
     co_return isRead&& state == "active";
+}
+
+/// Whether firewalld shows its settings without a password. It has polkit ask the person at the screen for one, so
+/// polkit is asked first, and may ask nobody. Without polkit firewalld decides alone. `questions` outlives the task.
+Task<bool> isShownSettings(Questions& questions) {
+    const Questions::Write writeQuestion = [&questions](sd_bus_message* message) {
+        const std::string name = questions.ownName();
+        constexpr std::uint32_t noInteraction = 0;
+        return !name.empty() && systemd().sd_bus_message_append(
+                                    message, "(sa{sv})sa{ss}us", "system-bus-name", 1, "name", "s", name.c_str(),
+                                    "org.fedoraproject.FirewallD1.config.info", 0, noInteraction, "") >= 0;
+    };
+    bool isAuthorized = false;
+    const Questions::Read readAnswer = [&isAuthorized](sd_bus_message* answer) {
+        return readInside(answer, SD_BUS_TYPE_STRUCT, "bba{ss}", [&] {
+            return readFlag(answer, isAuthorized) && systemd().sd_bus_message_skip(answer, "ba{ss}") >= 0;
+        });
+    };
+    const bool isAnswered = co_await questions.askWith(authority, "CheckAuthorization", writeQuestion, readAnswer);
+    co_return isAnswered ? isAuthorized : questions.isNobodyThere();
 }
 
 /// firewalld's answers about one interface and one port. Lives in the frame of who asks.
@@ -371,6 +413,10 @@ public:
         }
         report.isDefaultZone = !report.zone.empty() && report.zone == defaultZone;
         if (report.zone.empty()) {
+            co_return report;
+        }
+        const bool isShown = co_await isShownSettings(questions_);
+        if (!isShown) {
             co_return report;
         }
         WayIn way = co_await wayInByZone(report.zone);

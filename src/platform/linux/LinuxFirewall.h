@@ -24,7 +24,8 @@ namespace orlinth::platform {
 
 /// firewalld as it answers on the system's bus (where connections may also come in by a zone of their sender, a policy,
 /// a rule, or rules of iptables, it is not called closed), ufw as its settings say, and nftables by its service and its
-/// file. What only root may read, such as the rules that are in force, is not looked at.
+/// file. What only root may read, such as the rules that are in force, is not looked at, nor what takes a password to
+/// see.
 class LinuxFirewall final : public Firewall {
 public:
     /// `environment` says where the bus is as if it were the session's: systemBusEnvironment().

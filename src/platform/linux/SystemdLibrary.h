@@ -28,6 +28,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_events);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_fd);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_timeout);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_unique_name);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_is_open);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_is_ready);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_match_signal_async);

@@ -75,7 +75,7 @@ struct Settings {
     std::string destination = "";
 };
 
-/// firewalld and the service manager, as far as they are asked, on a bus of the test's own.
+/// firewalld, polkit and the service manager, as far as they are asked, on a bus of the test's own.
 class Daemons {
 public:
     std::map<std::string, std::string> zoneOfInterface;
@@ -93,6 +93,9 @@ public:
     bool answersSettings = true;
     bool answersActive = true;
     bool hasPolicies = true; ///< those before 0.9 have none
+    int settingsAsked = 0;
+    std::optional<std::pair<bool, bool>> authorization{{true, false}}; ///< and whether a password helps; none: silence
+    std::vector<std::string> asked; ///< of polkit: the kind of the subject, the action, and the flags
 
     void own(const char* name) { fakes::requireBus(::sd_bus_request_name(program_.get(), name, 0)); }
     void provideFirewalld() {
@@ -103,6 +106,10 @@ public:
             add("/org/fedoraproject/FirewallD1", "org.fedoraproject.FirewallD1.policy", policyMethods());
         }
         own("org.fedoraproject.FirewallD1");
+    }
+    void providePolkit() {
+        add("/org/freedesktop/PolicyKit1/Authority", "org.freedesktop.PolicyKit1.Authority", polkitMethods());
+        own("org.freedesktop.PolicyKit1");
     }
     void provideUnit() {
         add("/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager", managerMethods());
@@ -233,12 +240,14 @@ private:
         return replyText(message, of(data).zoneOfInterface[argument(message)]);
     }
     static int onZoneSettings(sd_bus_message* message, void* data, sd_bus_error* error) {
+        ++of(data).settingsAsked;
         return of(data).answersSettings ? replySettings(message, of(data).zone) : deny(error);
     }
     static int onActiveZones(sd_bus_message* message, void* data, sd_bus_error* error) {
         return of(data).answersActive ? replyBound(message, of(data).zones) : deny(error);
     }
     static int onServiceSettings(sd_bus_message* message, void* data, sd_bus_error* error) {
+        ++of(data).settingsAsked;
         const auto found = of(data).services.find(argument(message));
         return found != of(data).services.end() ? replySettings(message, found->second) : deny(error);
     }
@@ -257,6 +266,27 @@ private:
     static int onPassthroughs(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
         return of(data).hasPassthrough ? ::sd_bus_reply_method_return(message, "a(sas)", 1, "ipv4", 2, "-j", "ACCEPT")
                                        : ::sd_bus_reply_method_return(message, "a(sas)", 0);
+    }
+    static int onCheckAuthorization(sd_bus_message* message, void* data, sd_bus_error* error) {
+        Daemons& self = of(data);
+        const char* kind = nullptr;
+        const char* key = nullptr;
+        const char* name = nullptr;
+        const char* action = nullptr;
+        std::uint32_t flags = 0;
+        fakes::requireBus(::sd_bus_message_enter_container(message, 'r', "sa{sv}"));
+        fakes::requireBus(::sd_bus_message_read(message, "sa{sv}", &kind, 1, &key, "s", &name));
+        fakes::requireBus(::sd_bus_message_exit_container(message));
+        fakes::requireBus(::sd_bus_message_read(message, "sa{ss}u", &action, 0, &flags));
+        self.asked = {kind, action, std::to_string(flags)};
+        if (std::string("name") != key || std::string(::sd_bus_message_get_sender(message)) != name) {
+            return ::sd_bus_error_set(error, "org.freedesktop.PolicyKit1.Error.NotAuthorized", "of others");
+        }
+        return self.authorization
+                   ? ::sd_bus_reply_method_return(message, "(bba{ss})", static_cast<int>(self.authorization->first),
+                                                  static_cast<int>(self.authorization->second), 1, "polkit.retains",
+                                                  "1")
+                   : 1;
     }
     static int onGetUnit(sd_bus_message* message, void* /*data*/, sd_bus_error* error) {
         return argument(message) == "nftables.service"
@@ -298,6 +328,13 @@ private:
             SD_BUS_METHOD("getAllRules", "", "a(sssias)", onDirectRules, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("getAllPassthroughs", "", "a(sas)", onPassthroughs, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_VTABLE_END};
+        return table;
+    }
+    static const sd_bus_vtable* polkitMethods() {
+        static const sd_bus_vtable table[] = {SD_BUS_VTABLE_START(0),
+                                              SD_BUS_METHOD("CheckAuthorization", "(sa{sv})sa{ss}us", "(bba{ss})",
+                                                            onCheckAuthorization, SD_BUS_VTABLE_UNPRIVILEGED),
+                                              SD_BUS_VTABLE_END};
         return table;
     }
     static const sd_bus_vtable* managerMethods() {
@@ -484,6 +521,23 @@ TEST_F(LinuxFirewallTest, KnowsThatAnOlderFirewalldHasNoPolicies) {
     daemons_->hasPolicies = false;
     daemons_->provideFirewalld();
     EXPECT_EQ(ask(), firewalld(Verdict::closed));
+}
+
+/// firewalld has polkit ask the person at the screen for a password, if that is what its settings take.
+TEST_F(LinuxFirewallTest, AsksFirewalldForItsSettingsOnlyIfNobodyIsAskedForAPassword) {
+    startFirewalld();
+    daemons_->providePolkit();
+    EXPECT_EQ(ask(), firewalld(Verdict::closed));
+    EXPECT_THAT(daemons_->asked,
+                testing::ElementsAre("system-bus-name", "org.fedoraproject.FirewallD1.config.info", "0"));
+    EXPECT_GE(daemons_->settingsAsked, 2);
+    daemons_->settingsAsked = 0;
+    using Answer = std::optional<std::pair<bool, bool>>;
+    for (const Answer& answer : {Answer({false, true}), Answer({false, false}), Answer()}) {
+        daemons_->authorization = answer;
+        EXPECT_EQ(ask(), firewalld(Verdict::unknown));
+        EXPECT_EQ(daemons_->settingsAsked, 0);
+    }
 }
 
 TEST_F(LinuxFirewallTest, KnowsThatItMayNotReadUfwsRules) {

@@ -444,21 +444,28 @@ TEST_F(AddressBookTest, HasSixteenNetworksSweptAtMost) {
 // --- changes of the record ---
 
 TEST_F(AddressBookTest, HasTheAddressInARecordReplacedOnceAMinute) {
-    EXPECT_TRUE(book.claimMove(pixel, now));
-    EXPECT_FALSE(book.claimMove(pixel, now));
-    EXPECT_FALSE(AddressBook::decode(asBytes(book.encode())).claimMove(pixel, now + 59s)) << "by another process";
-    EXPECT_TRUE(book.claimMove(pixel, now + 60s));
-    EXPECT_TRUE(book.claimMove(pixel, now)) << "the clock was set back";
-    EXPECT_FALSE(book.claimMove(PeerKey("no key"), now));
-    EXPECT_FALSE(book.claimMove(pixel, EpochMilliseconds()));
+    EXPECT_TRUE(book.mayMove(pixel, now));
+    EXPECT_TRUE(book.mayMove(pixel, now)) << "nothing has been replaced yet";
+    EXPECT_TRUE(book.moved(pixel, now));
+    EXPECT_FALSE(book.mayMove(pixel, now));
+    EXPECT_FALSE(AddressBook::decode(asBytes(book.encode())).mayMove(pixel, now + 59s)) << "by another process";
+    EXPECT_TRUE(book.mayMove(pixel, now + 60s));
+    EXPECT_TRUE(book.mayMove(pixel, now - 1s)) << "the clock was set back";
+    EXPECT_TRUE(book.moved(pixel, now + 60s));
+    EXPECT_FALSE(book.mayMove(pixel, now + 119s));
+    EXPECT_FALSE(book.mayMove(PeerKey("no key"), now));
+    EXPECT_FALSE(book.moved(PeerKey("no key"), now));
+    EXPECT_FALSE(book.mayMove(pixel, EpochMilliseconds()));
+    EXPECT_FALSE(book.moved(pixel, EpochMilliseconds()));
 }
 
 TEST_F(AddressBookTest, ForgetsThatTheAddressOfARemovedPhoneWasReplaced) {
-    EXPECT_TRUE(book.claimMove(pixel, now));
+    EXPECT_TRUE(book.moved(pixel, now));
     EXPECT_TRUE(book.knows(pixel));
     EXPECT_TRUE(book.forget(pixel));
     EXPECT_EQ(book, AddressBook());
-    EXPECT_TRUE(book.claimMove(pixel, now));
+    EXPECT_TRUE(book.mayMove(pixel, now));
+    EXPECT_TRUE(book.moved(pixel, now));
     EXPECT_FALSE(book.keepOnly({pixel}));
     EXPECT_TRUE(book.keepOnly({}));
     EXPECT_EQ(book, AddressBook());

@@ -118,6 +118,35 @@ TEST(Diagnosis, KnowsEverySituationByWhatTheKernelSaysOfIt) {
     });
 }
 
+/// A refusal of this computer's own filter carries its own address, as does the word that a question for the hardware
+/// address was in vain.
+TEST(Diagnosis, KnowsARefusalOfThisComputerItself) {
+    const auto asked = [](State state, Icmp icmp) { return onLink(EHOSTUNREACH, icmp, state); };
+    Evidence unknownDevice = asked(State::valid, {Sender::ownAddress, v4, 1});
+    unknownDevice.neighbour = std::nullopt;
+    expectCauses({
+        {"port unreachable", onLink(ECONNREFUSED, {Sender::ownAddress, v4, 3}), Cause::ownOutgoing},
+        {"port unreachable, and nobody is there", onLink(ECONNREFUSED, {Sender::ownAddress, v4, 3}, State::failed),
+         Cause::ownOutgoing},
+        {"admin prohibited", asked(State::valid, {Sender::ownAddress, v4, 13}), Cause::ownOutgoing},
+        {"host prohibited", asked(State::failed, {Sender::ownAddress, v4, 10}), Cause::ownOutgoing},
+        {"host unreachable, of a phone that is there", asked(State::valid, {Sender::ownAddress, v4, 1}),
+         Cause::ownOutgoing},
+        {"host unreachable, of nobody", asked(State::failed, {Sender::ownAddress, v4, 1}), Cause::notThere},
+        {"host unreachable, still being asked", asked(State::incomplete, {Sender::ownAddress, v4, 1}), Cause::notThere},
+        {"host unreachable, and the table could not be read", unknownDevice, Cause::notThere},
+        {"IPv6, admin prohibited", onLink(EACCES, {Sender::ownAddress, v6, 1}), Cause::ownOutgoing},
+        {"IPv6, port unreachable", onLink(ECONNREFUSED, {Sender::ownAddress, v6, 4}), Cause::ownOutgoing},
+        {"IPv6, address unreachable, of a phone that is there", asked(State::valid, {Sender::ownAddress, v6, 3}),
+         Cause::ownOutgoing},
+        {"IPv6, address unreachable, of nobody", asked(State::failed, {Sender::ownAddress, v6, 3}), Cause::notThere},
+        {"on the way to a router", behindRouter(EHOSTUNREACH, Icmp{Sender::ownAddress, v4, 13}), Cause::ownOutgoing},
+        {"by a tunnel that takes the network",
+         through(Interface::tunnel, asked(State::valid, {Sender::ownAddress, v4, 13})), Cause::vpnTakesLan},
+        {"a TCP reset, which might be the phone's", onLink(ECONNREFUSED), Cause::notListening},
+    });
+}
+
 TEST(Diagnosis, KnowsWhoTookTheConnection) {
     expectCauses({
         {"the phone", proved(Proof::phonesKey), Cause::none},

@@ -168,6 +168,33 @@ TEST_F(PhoneCheckTest, FindsAPhoneThatIsConfirmedLate) {
     EXPECT_DOUBLE_EQ(found.duration.count(), 5.1);
 }
 
+/// The system counts in hundredths of a second and rounds down: a confirmation just before looks like one since then.
+TEST_F(PhoneCheckTest, TakesAPhoneThatWasMetJustBeforeForNoAnswer) {
+    putNeighbour(NeighbourState::reachable, phoneMac, 0s);
+    putNeighbourAfter(3499ms, NeighbourState::stale, 3490ms);
+    putNeighbourAfter(3501ms, NeighbourState::probe, 3500ms);
+    putNeighbourAfter(8100ms, NeighbourState::failed, 8090ms);
+    const PhoneFindings found = check();
+    EXPECT_EQ(found.cause, Cause::notThere);
+    EXPECT_DOUBLE_EQ(found.duration.count(), 8.1);
+}
+
+TEST_F(PhoneCheckTest, DoesNotTakeAPhoneThatWasMetJustBeforeForOneThatSwallowsConnections) {
+    putNeighbour(NeighbourState::reachable, phoneMac, 0s);
+    putNeighbourAfter(3499ms, NeighbourState::reachable, 3490ms);
+    putNeighbourAfter(8599ms, NeighbourState::reachable, 8590ms);
+    EXPECT_EQ(cause(), Cause::silent);
+}
+
+TEST_F(PhoneCheckTest, FindsThatAPhoneHasAnsweredAtOnce) {
+    putNeighbour(NeighbourState::stale, phoneMac, 300s);
+    putNeighbourAfter(3499ms, NeighbourState::reachable, 3500ms);
+    const PhoneFindings found = check();
+    EXPECT_EQ(found.cause, Cause::swallowed);
+    EXPECT_DOUBLE_EQ(found.duration.count(), 3.5);
+    EXPECT_TRUE(found.evidence.neighbour->wasConfirmedSince);
+}
+
 TEST_F(PhoneCheckTest, FindsAPhoneThatForbidsConnections) {
     putNeighbour(NeighbourState::reachable);
     for (const int code : {9, 10, 13}) {
@@ -294,9 +321,17 @@ TEST_F(PhoneCheckTest, FindsItsOwnFirewall) {
     EXPECT_THAT(portsAsked(), ElementsAre(fakes::World::phonePort));
 }
 
+TEST_F(PhoneCheckTest, FindsThatItsOwnFirewallRejects) {
+    putNeighbour(NeighbourState::reachable);
+    for (const auto& [number, code] :
+         {std::pair(ECONNREFUSED, 3), std::pair(EHOSTUNREACH, 13), std::pair(EHOSTUNREACH, 1)}) {
+        fail(number, IcmpReport{.type = 3, .code = static_cast<std::uint8_t>(code), .from = own}, 1s);
+        EXPECT_EQ(cause(), Cause::ownOutgoing) << code;
+    }
+}
+
 TEST_F(PhoneCheckTest, FindsAWifiThatKeepsItsDevicesApart) {
     putNeighbour(NeighbourState::reachable, routerMac);
-    fail(EHOSTUNREACH, IcmpReport{.type = 3, .code = 1, .from = own}, 3s);
     EXPECT_EQ(cause(), Cause::isolated) << "the router answers for everybody";
 }
 
