@@ -99,7 +99,7 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makeDoctorCommand(program));
 
     try {
-        applySettings(program, system.files, system.directories.config / "orlinth" / "config.toml");
+        applySettings(program, system.files, system.directories);
         program.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend())); // it wants the last one first
     } catch (const SettingsError& error) {
         output.failure(error.description(), "Correct the file, or move it away.");

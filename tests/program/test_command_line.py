@@ -170,13 +170,19 @@ class Settings(ProgramTest):
 
     def test_a_broken_settings_file_is_told_whatever_the_command(self):
         for text in ("[send]\nwarm-timeout = fast\n", "[send]\nwarm-timeout = -1\n", "[send]\nbogus = 1\n",
-                     "[bogus]\nx = 1\n", "complete nonsense\n", "[send]\nto = 'phone'\n", "[receive]\nport = 70000\n",
-                     "[peers.add]\nname = 'x'\nbogus = 2\n"):
+                     "[bogus]\nx = 1\n", "complete nonsense\n", "[clip]\nto = 'phone'\n", "[receive]\nport = 70000\n",
+                     "[peers.add]\nname = 'x'\nbogus = 2\n", "[serve]\ndir = 'here'\n", "x = " + "[" * 9000,
+                     "[" + "a." * 9000 + "a]\n"):
             with self.subTest(text):
                 self.write(text)
                 result = self.mac.run("id")
                 self.assertEqual((2, ""), (result.returncode, result.stdout))
-                self.assertRegex(result.stderr, r"^orlinth: settings file .*config\.toml: .*\n.*\n$")
+                self.assertRegex(result.stderr, r"^orlinth: settings file .*config\.toml, line \d+, column \d+: .*\n.*\n$")
+
+    def test_a_mark_of_a_comment_in_a_text_is_part_of_the_text(self):
+        self.write('[receive]\ndir = "/srv/a#b" # here\n[partials]\ndir = "~/in"\n')
+        self.assertIn("--dir DIR=/srv/a#b", self.mac.run("receive", "--help").stdout)
+        self.assertIn(f"--dir DIR={self.mac.environment['HOME']}/in", self.mac.run("partials", "--help").stdout)
 
     def test_a_settings_file_that_cannot_be_read_is_told(self):
         (self.mac.config / "orlinth" / "config.toml").mkdir(parents=True)
