@@ -99,7 +99,8 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makeDoctorCommand(program));
 
     try {
-        applySettings(program, system.files, system.directories);
+        SettingsBesideFlags settings = applySettings(program, system.files, system.directories);
+        host.defaultPhone = std::move(settings.defaultPhone);
         program.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend())); // it wants the last one first
     } catch (const SettingsError& error) {
         output.failure(error.description(), "Correct the file, or move it away.");

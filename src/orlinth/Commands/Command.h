@@ -38,7 +38,8 @@ protected:
     CLI::Option* addSize(const char* flag, std::string& size, const char* standard, const char* what);
     /// A text that may not be empty.
     CLI::Option* addText(const char* flag, std::string& text, const char* typeName, const char* what);
-    /// `--to`, as often as wanted: selectors of phones. Not in the settings: whom something goes to is said each time.
+    /// `--to`, as often as wanted: selectors of phones. The settings have it in [send] alone, as one phone for every
+    /// command: Home::defaultPhone.
     void addPhones(std::vector<std::string>& selectors);
     /// `--listen-public`.
     void addListenPublic(bool& listensPublicly);

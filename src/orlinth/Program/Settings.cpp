@@ -1,5 +1,6 @@
 #include "orlinth/Program/Settings.h"
 
+#include "base/Text.h"
 #include "platform/SystemError.h"
 
 #include <algorithm>
@@ -81,6 +82,28 @@ void apply(CLI::App& program, const Setting& setting, const Path& home) {
     option.required(false); // it has a value now
 }
 
+/// The one value of a setting that is a text for people.
+std::string textOf(const Setting& setting) {
+    std::string text = setting.isList ? "" : trimmed(setting.values.front().text);
+    if (text.empty()) {
+        throw SettingsError("'" + setting.fullName() + "' must be one text, not empty");
+    }
+    return text;
+}
+
+/// Whether it is one of those that are no flag's; takes it then.
+bool takeBesideFlags(SettingsBesideFlags& beside, const Setting& setting) {
+    if (setting.fullName() == "send.to") {
+        beside.defaultPhone = textOf(setting);
+        return true;
+    }
+    if (setting.name == "to") {
+        throw SettingsError("unknown setting '" + setting.fullName() +
+                            "': the default phone of every command is 'to' in [send]");
+    }
+    return false;
+}
+
 /// Nothing if there is no file. One byte more than may be is enough to know that it is too large.
 std::optional<Bytes> contentOf(platform::FileSystem& files, const Path& file) {
     const auto status = files.status(file);
@@ -97,17 +120,21 @@ std::optional<Bytes> contentOf(platform::FileSystem& files, const Path& file) {
 
 } // namespace
 
-void applySettings(CLI::App& program, platform::FileSystem& files, const platform::UserDirectories& directories) {
+SettingsBesideFlags applySettings(CLI::App& program, platform::FileSystem& files,
+                                  const platform::UserDirectories& directories) {
+    SettingsBesideFlags beside;
     const Path file = directories.config / "orlinth" / "config.toml";
     const std::string which = "settings file " + file.string();
     try {
         const std::optional<Bytes> content = contentOf(files, file);
         if (!content) {
-            return;
+            return beside;
         }
         for (const Setting& setting : readSettings(*content)) {
             try {
-                apply(program, setting, directories.home);
+                if (!takeBesideFlags(beside, setting)) {
+                    apply(program, setting, directories.home);
+                }
             } catch (const SettingsError& error) {
                 throw SettingsError(setting.place.prefix() + error.description());
             }
@@ -117,6 +144,7 @@ void applySettings(CLI::App& program, platform::FileSystem& files, const platfor
     } catch (const platform::SystemError& error) {
         throw SettingsError(which + ": " + error.description());
     }
+    return beside;
 }
 
 } // namespace orlinth::cli

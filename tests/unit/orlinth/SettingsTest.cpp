@@ -108,7 +108,7 @@ protected:
     }
     void apply(std::string_view text) {
         platform::writeWholeFile(files, "/home/ann/.config/orlinth/config.toml", asBytes(text));
-        applySettings(program, files, directories);
+        beside = applySettings(program, files, directories);
     }
     std::string errorOf(std::string_view text) {
         try {
@@ -127,6 +127,7 @@ protected:
     const platform::UserDirectories directories{
         .home = "/home/ann", .data = "/home/ann/data", .config = "/home/ann/.config", .downloads = "/home/ann/d"};
     CLI::App program{"test", "orlinth"};
+    SettingsBesideFlags beside;
     std::string directory = "none";
     int port = 1;
     std::vector<std::string> places;
@@ -182,8 +183,16 @@ TEST_F(SettingsFile, ErrorsNameTheFileThePlaceAndTheSetting) {
     EXPECT_EQ(errorOf(""), "no error");
 }
 
+TEST_F(SettingsFile, HasTheDefaultPhoneOfAllCommandsInOnePlace) {
+    apply("[send]\nto = ' Pixel 8 '\n");
+    EXPECT_EQ(beside.defaultPhone, "Pixel 8");
+    EXPECT_THAT(errorOf("[send]\nto = ['a', 'b']\n"), HasSubstr("'send.to' must be one text"));
+    EXPECT_THAT(errorOf("[send]\nto = ' '\n"), HasSubstr("'send.to' must be one text"));
+    EXPECT_THAT(errorOf("[serve]\nto = 'Pixel 8'\n"), HasSubstr("is 'to' in [send]"));
+}
+
 TEST_F(SettingsFile, ThatIsNotThereSettlesNothing) {
-    applySettings(program, files, directories);
+    EXPECT_EQ(applySettings(program, files, directories).defaultPhone, "");
     EXPECT_EQ(port, 1);
 }
 
