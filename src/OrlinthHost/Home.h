@@ -18,6 +18,8 @@ struct Home {
     PeerStore store = PeerStore::keepingBook(system.files, system.directories, system.clock);
     /// Selector of the phone that the person has chosen for whatever names none; "" if none was chosen.
     std::string defaultPhone = {};
+    /// What this computer calls itself when it is paired; "": its host name.
+    std::string computerName = {};
 
     /// The folder of the core's files.
     [[nodiscard]] platform::Path dataDirectory() const {

@@ -100,6 +100,7 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
 
     try {
         SettingsBesideFlags settings = applySettings(program, system.files, system.directories);
+        host.computerName = std::move(settings.computerName);
         host.defaultPhone = std::move(settings.defaultPhone);
         program.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend())); // it wants the last one first
     } catch (const SettingsError& error) {

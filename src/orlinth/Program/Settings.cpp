@@ -1,5 +1,6 @@
 #include "orlinth/Program/Settings.h"
 
+#include "OrlinthCore/Peers/PeerNames.h"
 #include "base/Text.h"
 #include "platform/SystemError.h"
 
@@ -95,6 +96,14 @@ std::string textOf(const Setting& setting) {
 bool takeBesideFlags(SettingsBesideFlags& beside, const Setting& setting) {
     if (setting.fullName() == "send.to") {
         beside.defaultPhone = textOf(setting);
+        return true;
+    }
+    if (setting.fullName() == "id.name") {
+        beside.computerName = textOf(setting);
+        if (!isUsableName(beside.computerName)) {
+            throw SettingsError("'id.name' may have " + std::to_string(maxPeerNameBytes) +
+                                " bytes and no control characters");
+        }
         return true;
     }
     if (setting.name == "to") {

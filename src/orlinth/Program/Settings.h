@@ -12,6 +12,7 @@ namespace orlinth::cli {
 
 /// What the settings file says that is no flag's.
 struct SettingsBesideFlags {
+    std::string computerName; ///< `name` in [id]: what this computer calls itself when it is paired; "" if not set
     std::string defaultPhone; ///< `to` in [send]: the phone that every command means that names none; "" if not set
 };
 

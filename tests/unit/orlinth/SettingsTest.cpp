@@ -191,6 +191,14 @@ TEST_F(SettingsFile, HasTheDefaultPhoneOfAllCommandsInOnePlace) {
     EXPECT_THAT(errorOf("[serve]\nto = 'Pixel 8'\n"), HasSubstr("is 'to' in [send]"));
 }
 
+TEST_F(SettingsFile, HasTheNameOfThisComputer) {
+    apply("[id]\nname = \" Ann's laptop \"\n");
+    EXPECT_EQ(beside.computerName, "Ann's laptop");
+    for (const std::string& name : {std::string(), std::string(256, 'x'), std::string("a\\nb")}) {
+        EXPECT_THAT(errorOf("[id]\nname = \"" + name + "\"\n"), HasSubstr("line 2, column 1: 'id.name' "));
+    }
+}
+
 TEST_F(SettingsFile, ThatIsNotThereSettlesNothing) {
     EXPECT_EQ(applySettings(program, files, directories).defaultPhone, "");
     EXPECT_EQ(port, 1);
