@@ -93,6 +93,7 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makeCancelCommand(program));
     commands.push_back(makeShareCommand(program));
     commands.push_back(makeOutboxCommand(program));
+    commands.push_back(makeHistoryCommand(program));
     commands.push_back(makePartialsCommand(program));
     commands.push_back(makeClipCommand(program));
     commands.push_back(makeWakeCommand(program));

@@ -17,6 +17,11 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       transfers_(home, [this] { changed(); }) {
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };
+    transfers_.onEnded = [this](const TransferView& transfer) {
+        if (onTransferEnded) {
+            onTransferEnded(transfer);
+        }
+    };
     watchOutbox();
 }
 

@@ -10,6 +10,7 @@
 #include "platform/Condition.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -63,6 +64,9 @@ public:
     [[nodiscard]] Task<bool> cancelBatch(BatchId batch) { return outbox_.remove(std::move(batch)); }
 
     // ---- for the service
+
+    /// Told of each transfer that ends. May be empty.
+    std::function<void(const TransferView&)> onTransferEnded;
 
     /// Lets `callbacks` tell of transfers too.
     void watch(Receiver::Callbacks& callbacks);

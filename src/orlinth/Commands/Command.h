@@ -87,6 +87,7 @@ inline constexpr std::uint16_t defaultPort = 28471;
 [[nodiscard]] std::unique_ptr<Command> makeOutboxCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeStatusCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeCancelCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeHistoryCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeDoctorCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makePartialsCommand(CLI::App& program);
 
