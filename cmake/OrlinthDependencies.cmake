@@ -33,3 +33,8 @@ target_include_directories(orlinth_asio SYSTEM INTERFACE "$<BUILD_INTERFACE:${OR
 target_compile_definitions(orlinth_asio INTERFACE ASIO_STANDALONE ASIO_HAS_CO_AWAIT ASIO_HAS_STD_COROUTINE ASIO_NO_DEPRECATED
   ASIO_HAS_STD_ALIGNED_ALLOC=1)
 target_link_libraries(orlinth_asio INTERFACE Threads::Threads)
+
+# toml++ as headers alone: what reads the settings is then built with our own hardening and sanitizers.
+find_path(ORLINTH_TOML_INCLUDE_DIR toml++/toml.h REQUIRED)
+add_library(orlinth_toml INTERFACE)
+target_include_directories(orlinth_toml SYSTEM INTERFACE "${ORLINTH_TOML_INCLUDE_DIR}")

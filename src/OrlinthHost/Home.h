@@ -4,6 +4,8 @@
 #include "OrlinthCore/SecureChannel/KeyVault.h"
 #include "platform/System.h"
 
+#include <string>
+
 namespace orlinth::host {
 
 /// This computer, as whatever works unattended needs it: the system, the executor on which all of that runs, and the
@@ -14,6 +16,10 @@ struct Home {
     Executor executor;
     /// What peers() are copies of.
     PeerStore store = PeerStore::keepingBook(system.files, system.directories, system.clock);
+    /// Selector of the phone that the person has chosen for whatever names none; "" if none was chosen.
+    std::string defaultPhone = {};
+    /// What this computer calls itself when it is paired; "": its host name.
+    std::string computerName = {};
 
     /// The folder of the core's files.
     [[nodiscard]] platform::Path dataDirectory() const {

@@ -93,13 +93,16 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makeCancelCommand(program));
     commands.push_back(makeShareCommand(program));
     commands.push_back(makeOutboxCommand(program));
+    commands.push_back(makeHistoryCommand(program));
     commands.push_back(makePartialsCommand(program));
     commands.push_back(makeClipCommand(program));
     commands.push_back(makeWakeCommand(program));
     commands.push_back(makeDoctorCommand(program));
 
     try {
-        applySettings(program, system.files, system.directories.config / "orlinth" / "config.toml");
+        SettingsBesideFlags settings = applySettings(program, system.files, system.directories);
+        host.computerName = std::move(settings.computerName);
+        host.defaultPhone = std::move(settings.defaultPhone);
         program.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend())); // it wants the last one first
     } catch (const SettingsError& error) {
         output.failure(error.description(), "Correct the file, or move it away.");

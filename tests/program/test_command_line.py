@@ -85,26 +85,29 @@ class WrongCommandLines(ProgramTest):
 class Help(ProgramTest):
     def test_every_command_explains_every_flag_with_unit_and_default(self):
         for command, expected in {
-            (): ["id", "pair", "join", "peers", "send", "receive", "serve", "share", "outbox", "partials",
+            (): ["id", "pair", "join", "peers", "send", "receive", "serve", "share", "outbox", "history", "partials",
                  "clip", "wake", "doctor", "--version", "Exit status"],
             ("share",): ["--to SELECTOR", "FILE", "--json"],
             ("outbox",): ["retry", "drop", "--json"],
             ("partials",): ["--dir DIR", "--remove-older-than DAYS", "--json", "--quiet"],
             ("outbox", "drop"): ["BATCH"],
+            ("history",): ["--last N", "--json"],
             ("id",): ["--json"],
             ("pair",): ["--port PORT=28471", "--timeout SECONDS=120", "--interface NAME", "--png FILE", "--no-advertise",
                         "--yes", "--json", "--quiet"],
             ("join",): ["--payload FILE", "--qr PNG", "--code NNNN", "--listen-port PORT=28471", "--timeout SECONDS=30",
                         "--yes", "--json", "--quiet"],
-            ("peers",): ["--json", "add", "remove"],
+            ("peers",): ["--json", "add", "remove", "rename"],
             ("peers", "add"): ["--pubkey KEY REQUIRED", "--ip", "--port", "--name", "--fcm-token", "1 to 65535"],
             ("peers", "remove"): ["SELECTOR"],
+            ("peers", "rename"): ["SELECTOR", "NAME", "replaces it"],
             ("send",): ["--to SELECTOR", "--warm-timeout SECONDS=5", "--wake-timeout SECONDS=30",
                         "--attempt-timeout SECONDS=5", "--retry-interval SECONDS=1", "--json", "--quiet", "FILE"],
             ("receive",): ["--from SELECTOR", "--port PORT", "--dir DIR", "downloads folder", "--timeout SECONDS=0",
                            "for ever", "--json", "--quiet"],
             ("serve",): ["--port PORT=28471", "--dir DIR", "downloads folder", "--accept always|never|ask=always",
-                         "two minutes", "--keep-free SIZE=512M", "--max-file SIZE=0", "--no-clipboard", "--json", "--quiet"],
+                         "two minutes", "--keep-free SIZE=512M", "--max-file SIZE=0", "--no-clipboard", "--history", "--json",
+                         "--quiet"],
             ("clip",): ["--to SELECTOR", "--text TEXT", "--mime TYPE=text/plain", "--warm-timeout SECONDS=5",
                         "--wake-timeout SECONDS=10", "--timeout SECONDS=10", "standard input", "--json", "--quiet"],
             ("wake",): ["SELECTOR", "--json", "--quiet"],
@@ -170,13 +173,19 @@ class Settings(ProgramTest):
 
     def test_a_broken_settings_file_is_told_whatever_the_command(self):
         for text in ("[send]\nwarm-timeout = fast\n", "[send]\nwarm-timeout = -1\n", "[send]\nbogus = 1\n",
-                     "[bogus]\nx = 1\n", "complete nonsense\n", "[send]\nto = 'phone'\n", "[receive]\nport = 70000\n",
-                     "[peers.add]\nname = 'x'\nbogus = 2\n"):
+                     "[bogus]\nx = 1\n", "complete nonsense\n", "[clip]\nto = 'phone'\n", "[receive]\nport = 70000\n",
+                     "[peers.add]\nname = 'x'\nbogus = 2\n", "[serve]\ndir = 'here'\n", "x = " + "[" * 9000,
+                     "[" + "a." * 9000 + "a]\n"):
             with self.subTest(text):
                 self.write(text)
                 result = self.mac.run("id")
                 self.assertEqual((2, ""), (result.returncode, result.stdout))
-                self.assertRegex(result.stderr, r"^orlinth: settings file .*config\.toml: .*\n.*\n$")
+                self.assertRegex(result.stderr, r"^orlinth: settings file .*config\.toml, line \d+, column \d+: .*\n.*\n$")
+
+    def test_a_mark_of_a_comment_in_a_text_is_part_of_the_text(self):
+        self.write('[receive]\ndir = "/srv/a#b" # here\n[partials]\ndir = "~/in"\n')
+        self.assertIn("--dir DIR=/srv/a#b", self.mac.run("receive", "--help").stdout)
+        self.assertIn(f"--dir DIR={self.mac.environment['HOME']}/in", self.mac.run("partials", "--help").stdout)
 
     def test_a_settings_file_that_cannot_be_read_is_told(self):
         (self.mac.config / "orlinth" / "config.toml").mkdir(parents=True)

@@ -214,6 +214,22 @@ class Receiving(ServeTest):
         event = self.assert_sent(self.phone, self.file("a.bin", b"abc"), service)
         self.assertEqual(str(folder / "a.bin"), event["saved_at"])
 
+    def test_what_came_is_in_the_history_unless_that_is_switched_off(self):
+        service = self.running(self.desk, "serve", "--port", "0", "--json")
+        service.port = service.events.wait_for("listening")["port"]
+        saved = self.assert_sent(self.phone, self.file("a.bin", b"abc"), service)["saved_at"]
+        self.assert_ends(service)
+        history = [json.loads(line) for line in self.desk.run("history", "--json").stdout.splitlines()]
+        self.assertEqual([("in", "a.bin", 3, "done", saved)],
+                         [tuple(one[key] for key in ("direction", "file", "size", "outcome", "path")) for one in history])
+        (self.desk.config / "orlinth").mkdir(parents=True)
+        (self.desk.config / "orlinth" / "config.toml").write_text("[serve]\nhistory = false\n")
+        service = self.running(self.desk, "serve", "--port", "0", "--json")
+        service.port = service.events.wait_for("listening")["port"]
+        self.assert_sent(self.phone, self.file("b.bin", b"abc"), service)
+        self.assert_ends(service)
+        self.assertEqual(1, len(self.desk.run("history").stdout.splitlines()))
+
     def test_nobody_is_paired_yet_is_told_and_no_failure(self):
         self.desk.run("peers", "remove", "phone")
         service = self.serve()
@@ -553,7 +569,8 @@ class Phones(ServeTest):
         shared.write_text("rubbish")
         self.assert_sent(self.another_phone("laptop"), self.file("b.bin", b"abc"), service)
         self.assert_ends(service)
-        self.assertEqual(["tablet", "laptop"], [peer["hostname"] for peer in json.loads(shared.read_text())])
+        # first the one paired last, which is the default phone
+        self.assertEqual(["laptop", "tablet"], [peer["hostname"] for peer in json.loads(shared.read_text())])
 
 
 class Accepting(ServeTest):

@@ -44,7 +44,7 @@ PeerRecord describeSelf(const platform::NetworkInterfaces& interfaces, const Pai
     self.peer_pubkey = request.ownKey.peerKey();
     self.peer_ip = std::move(address);
     self.peer_port = request.receivePort;
-    self.peer_hostname = DeviceInfo::hostnameString(interfaces);
+    self.peer_hostname = request.ownName.empty() ? DeviceInfo::hostnameString(interfaces) : request.ownName;
     if (trimmed(self.peer_hostname).empty()) {
         self.peer_hostname = namelessHost;
     }

@@ -39,6 +39,7 @@ struct PairJoinRequest {
     platform::PublicKey ownKey;
     std::uint16_t receivePort; ///< where this machine receives
     Seconds timeout;           ///< for the whole exchange
+    std::string ownName = {};  ///< what this machine calls itself; "": its host name
 };
 
 struct PairJoinResult {

@@ -8,11 +8,9 @@
 namespace orlinth {
 namespace {
 
-constexpr std::size_t maxNumberedBytes = 255;
-
 std::string numbered(const std::string& name, std::size_t number) {
     const std::string suffix = " (" + std::to_string(number) + ")";
-    return firstCharactersWithin(trimmed(name), maxNumberedBytes - suffix.size()) + suffix;
+    return firstCharactersWithin(trimmed(name), maxPeerNameBytes - suffix.size()) + suffix;
 }
 
 std::set<std::string> looksOfOthers(const PeerBook& book, const PeerKey& peerKey) {
@@ -26,6 +24,10 @@ std::set<std::string> looksOfOthers(const PeerBook& book, const PeerKey& peerKey
 }
 
 } // namespace
+
+bool isUsableName(const std::string& name) {
+    return name.size() <= maxPeerNameBytes && !trimmed(name).empty() && !hasControlCharacter(name);
+}
 
 bool isNameTaken(const PeerBook& book, const PeerKey& peerKey, const std::string& name) {
     return looksOfOthers(book, peerKey).contains(lookOf(name));

@@ -2,11 +2,18 @@
 
 #include "OrlinthCore/Peers/PeerRecord.h"
 
+#include <cstddef>
 #include <string>
 
 namespace orlinth {
 
 /// Names by which a person tells phones apart. Two are the same if they look alike (lookOf()).
+
+/// A name may have this many bytes.
+inline constexpr std::size_t maxPeerNameBytes = 255;
+
+/// Whether anybody could be called so: not too long, neither empty nor white space alone, no control characters.
+[[nodiscard]] bool isUsableName(const std::string& name);
 
 /// Whether a phone other than `peerKey`'s is recorded under a name that looks like this one.
 [[nodiscard]] bool isNameTaken(const PeerBook& book, const PeerKey& peerKey, const std::string& name);

@@ -1,6 +1,5 @@
 #include "OrlinthCore/Receiving/SenderRecord.h"
 
-#include "OrlinthCore/Peers/PeerNames.h"
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "base/Text.h"
 
@@ -37,7 +36,7 @@ std::string SenderRecord::displayName() const noexcept {
 }
 
 bool SenderRecord::isUsableName(const std::string& name) {
-    return name.size() <= maxNameBytes && !trimmed(name).empty() && !hasControlCharacter(name);
+    return orlinth::isUsableName(name);
 }
 
 std::optional<std::string> SenderRecord::nameHere(const std::string& name) const {

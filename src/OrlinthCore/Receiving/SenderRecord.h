@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthCore/Peers/PeerNames.h"
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "base/StrongText.h"
 #include "platform/Crypto.h"
@@ -24,7 +25,7 @@ struct RecordChange {
 class SenderRecord {
 public:
     /// Longest name taken over into a record, bytes of UTF-8.
-    static constexpr std::size_t maxNameBytes = 255;
+    static constexpr std::size_t maxNameBytes = maxPeerNameBytes;
     /// Longest push token taken over, bytes. They have a few hundred.
     static constexpr std::size_t maxTokenBytes = 4096;
 

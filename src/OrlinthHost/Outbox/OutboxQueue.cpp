@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Outbox/OutboxLookout.h"
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "base/Text.h"
 #include "platform/SystemError.h"
 
@@ -355,6 +356,9 @@ void OutboxQueue::settlePhone(Job& job, const PeerKey& peerKey) {
     std::vector<std::string> done;
     std::copy_if(job.batch.manifest.files.begin(), job.batch.manifest.files.end(), std::back_inserter(done),
                  [&phone](const std::string& name) { return phone.done.contains(name); });
+    if (!done.empty()) {
+        LastPhone(home_).remember(peerKey);
+    }
     events_.through(phone, done);
 }
 

@@ -1,6 +1,7 @@
 #include "OrlinthHost/Outbox/OutboxStore.h"
 
 #include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
 #include "base/Text.h"
 #include "platform/SystemError.h"
@@ -140,7 +141,7 @@ void OutboxStore::chooseAgain(const ShareOutbox::Manifest& manifest) const {
     try {
         static_cast<void>(phonesOf(manifest)); // as the batch is taken in, which finds the same
     } catch (const OutboxError&) {
-        if (const std::optional<PeerRecord> latest = home_.peers().mostRecent()) {
+        if (const std::optional<PeerRecord> latest = likelyPeer(home_)) {
             state.phones.push_back(freshPhone(latest->peer_pubkey, &*latest));
             state.save();
         }

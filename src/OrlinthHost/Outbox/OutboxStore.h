@@ -43,7 +43,7 @@ public:
     void drop(const Entry& entry);
 
     /// Moves a batch that was set aside back into the outbox, to be tried as a whole: but for what its phones have. One
-    /// for which no phone was chosen, and whose phone is not paired any more, goes to the phone paired last.
+    /// for which no phone was chosen, and whose phone is not paired any more, goes to the default phone.
     /// @throws OutboxError, PeerStoreError
     void bringBack(const BatchId& id);
 

@@ -1,10 +1,12 @@
 #include "OrlinthHost/Phones/PairedPhones.h"
 
 #include "OrlinthCore/Peers/PeerNames.h"
+#include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
 #include "OrlinthHost/Phones/SharedPeers.h"
 #include "OrlinthHost/Phones/Whereabouts.h"
+#include "base/Text.h"
 
 #include <algorithm>
 #include <vector>
@@ -74,6 +76,34 @@ std::optional<PeerRecord> PairedPhones::remove(const PeerRecord& phone, const pl
         updateSharedPeers(home_);
     }
     return removed;
+}
+
+std::optional<PeerRecord> PairedPhones::rename(const PeerKey& phone, const std::string& name) {
+    const std::string wanted = trimmed(name);
+    if (!isUtf8(wanted) || !isUsableName(wanted)) {
+        throw HostError("'" + forDisplay(name) + "' cannot be the name of a phone",
+                        "Use a name of 1 to " + std::to_string(maxPeerNameBytes) +
+                            " bytes in UTF-8, without control characters.");
+    }
+    std::optional<PeerRecord> renamed;
+    home_.peers().update([&](PeerBook& book) { // under the lock: somebody may take the name meanwhile
+        const auto at = std::ranges::find(book.peers, phone, &PeerRecord::peer_pubkey);
+        if (at == book.peers.end()) {
+            return false;
+        }
+        if (isNameTaken(book, phone, wanted)) {
+            throw HostError("another phone is called '" + forDisplay(wanted) + "'",
+                            "`orlinth peers` lists the paired phones and their names.");
+        }
+        const bool isChanged = at->peer_hostname != wanted;
+        at->peer_hostname = wanted;
+        renamed = *at;
+        return isChanged;
+    });
+    if (renamed) {
+        updateSharedPeers(home_);
+    }
+    return renamed;
 }
 
 AddressMemory PairedPhones::memory() const {

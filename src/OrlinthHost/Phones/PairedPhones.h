@@ -38,6 +38,11 @@ public:
     /// `ownKey` is no phone's, whatever a record says. @throws PeerStoreError, HostError
     [[nodiscard]] std::optional<PeerRecord> remove(const PeerRecord& phone, const platform::PublicKey& ownKey);
 
+    /// Calls a phone so here, until it says another name of its own: such a name always counts. Nothing if it is not
+    /// there any more; else the record as it is now. The name is taken without white space at its ends.
+    /// @throws HostError if nobody can be called so, or another phone's name looks like it; PeerStoreError
+    [[nodiscard]] std::optional<PeerRecord> rename(const PeerKey& phone, const std::string& name);
+
 private:
     [[nodiscard]] AddressMemory memory() const;
 

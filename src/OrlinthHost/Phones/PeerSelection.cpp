@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Peers/PeerNames.h"
 #include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "base/Text.h"
 
 #include <algorithm>
@@ -82,6 +83,30 @@ void refuseNameLikeKey(const PeerBook& book, const PeerRecord& record, const std
     }
 }
 
+/// That of the settings; nothing if they have none. @throws HostError, PeerStoreError
+std::optional<PeerRecord> chosenPeer(const Home& home) {
+    if (home.defaultPhone.empty()) {
+        return std::nullopt;
+    }
+    try {
+        return resolvePeer(home, home.defaultPhone);
+    } catch (const HostError& error) {
+        throw HostError(error.description(),
+                        "The settings have it as the default phone (`to` in [send]). " + error.hint());
+    }
+}
+
+/// Where the settings have none.
+std::optional<PeerRecord> usualPeer(const Home& home) {
+    if (const std::optional<PeerKey> last = LastPhone(home).load()) {
+        const PeerBook book = home.peers().loadBook();
+        if (const PeerRecord* const record = book.find(*last)) {
+            return *record;
+        }
+    }
+    return home.peers().mostRecent();
+}
+
 } // namespace
 
 CheckedPeer checkPeer(const PeerRecord& record, const platform::PublicKey& ownKey, PeerUse use) {
@@ -144,18 +169,32 @@ CheckedPeer selectPeer(const Home& home, const std::string& selector, const plat
     return checkPeer(resolvePeer(home, selector), ownKey, use);
 }
 
-CheckedPeer mostRecentPeer(const Home& home, const platform::PublicKey& ownKey, PeerUse use) {
-    const auto record = home.peers().mostRecent();
-    if (!record) {
+CheckedPeer defaultPeer(const Home& home, const platform::PublicKey& ownKey, PeerUse use) {
+    const auto record = home.peers().loadBook().peers.empty() ? std::nullopt : chosenPeer(home);
+    if (record) {
+        return checkPeer(*record, ownKey, use);
+    }
+    const auto usual = usualPeer(home);
+    if (!usual) {
         throw HostError("no phone is paired yet", "`orlinth pair` pairs one.");
     }
-    return checkPeer(*record, ownKey, use);
+    return checkPeer(*usual, ownKey, use);
+}
+
+std::optional<PeerRecord> likelyPeer(const Home& home) {
+    std::optional<PeerRecord> chosen;
+    try {
+        chosen = chosenPeer(home);
+    } catch (const HostError&) {
+        chosen.reset(); // the next command that needs it says so
+    }
+    return chosen ? chosen : usualPeer(home);
 }
 
 std::vector<CheckedPeer> selectPeers(const Home& home, const std::vector<std::string>& selectors,
                                      const platform::PublicKey& ownKey, PeerUse use) {
     if (selectors.empty()) {
-        return {mostRecentPeer(home, ownKey, use)};
+        return {defaultPeer(home, ownKey, use)};
     }
     std::vector<CheckedPeer> chosen;
     for (const std::string& selector : selectors) {

@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/Home.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,10 +30,16 @@ enum class PeerUse {
 [[nodiscard]] CheckedPeer selectPeer(const Home& home, const std::string& selector, const platform::PublicKey& ownKey,
                                      PeerUse use);
 
-/// The most recently paired phone, checked. @throws HostError, PeerStoreError
-[[nodiscard]] CheckedPeer mostRecentPeer(const Home& home, const platform::PublicKey& ownKey, PeerUse use);
+/// The phone that is meant where nobody says which, checked: that of the settings (Home::defaultPhone), else the one
+/// last sent to, else the one paired last. @throws HostError, also if the settings mean none or several;
+///         PeerStoreError
+[[nodiscard]] CheckedPeer defaultPeer(const Home& home, const platform::PublicKey& ownKey, PeerUse use);
 
-/// The records that the selectors mean, each once, in their order; without a selector the most recently paired phone.
+/// The same for whoever has nobody to tell: settings that mean none or several do not count. The record is unchecked;
+/// nothing if no phone is paired. @throws PeerStoreError
+[[nodiscard]] std::optional<PeerRecord> likelyPeer(const Home& home);
+
+/// The records that the selectors mean, each once, in their order; without a selector the default phone.
 /// @throws HostError, PeerStoreError
 [[nodiscard]] std::vector<CheckedPeer> selectPeers(const Home& home, const std::vector<std::string>& selectors,
                                                    const platform::PublicKey& ownKey, PeerUse use);

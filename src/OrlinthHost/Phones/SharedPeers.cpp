@@ -3,11 +3,13 @@
 #include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
 #include "platform/SystemError.h"
 #include "platform/WholeFile.h"
 
 #include <asio/post.hpp>
 
+#include <algorithm>
 #include <map>
 
 namespace orlinth::host {
@@ -44,7 +46,12 @@ void updateSharedPeers(const Home& home) noexcept {
         const std::map<PeerKey, EpochMilliseconds> meetings =
             AddressMemory(home.system.files, home.system.clock, home.system.log, home.dataDirectory()).lastMeetings();
         std::vector<ShareOutbox::SharePeer> peers;
-        for (const PeerRecord& record : home.peers().loadBook().peers) {
+        std::vector<PeerRecord> records = home.peers().loadBook().peers;
+        if (const std::optional<PeerRecord> likely = likelyPeer(home)) { // first, which the sheet switches on
+            const auto at = std::ranges::find(records, likely->peer_pubkey, &PeerRecord::peer_pubkey);
+            std::rotate(records.begin(), at, at == records.end() ? at : at + 1);
+        }
+        for (const PeerRecord& record : records) {
             peers.push_back({.hostname = record.peer_hostname,
                              .pubkey = record.peer_pubkey,
                              .subtitle = subtitleOf(record, meetings)});

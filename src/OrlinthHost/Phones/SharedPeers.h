@@ -9,9 +9,9 @@
 
 namespace orlinth::host {
 
-/// Brings the share sheet's list of phones in step with the peer store, and with when the phones were last met. To be
-/// called after every change of the store. Failures are ignored, as the list is a convenience and the next change
-/// writes it anew.
+/// Brings the share sheet's list of phones in step with the peer store, and with when the phones were last met. The
+/// default phone (PeerSelection) comes first, the others in the order of the store. To be called after every change of
+/// the store. Failures are ignored, as the list is a convenience and the next change writes it anew.
 void updateSharedPeers(const Home& home) noexcept;
 
 /// The same for whoever is told often that something may have changed: off the home's executor, and only if it has. If

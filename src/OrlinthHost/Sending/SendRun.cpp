@@ -1,5 +1,6 @@
 #include "OrlinthHost/Sending/SendRun.h"
 
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "platform/Cancelled.h"
 
 #include <asio/this_coro.hpp>
@@ -79,6 +80,9 @@ Task<int> SendRun::run() {
     }
     co_await finder_.finish();
     sources_.tidy();
+    if (lastTaker_) {
+        LastPhone(home_).remember(*lastTaker_);
+    }
     if (isCancelled) {
         throw platform::Cancelled();
     }
@@ -165,6 +169,7 @@ void SendRun::settle(SendPlan::Id id, std::exception_ptr error) {
     switch (outcome) {
     case SendPlan::Outcome::delivered:
         sources_.delivered(file, *running->offer);
+        lastTaker_ = running->transfer.phone.peer_pubkey;
         events_.delivered(running->transfer, *running->delivered);
         break;
     case SendPlan::Outcome::failed:

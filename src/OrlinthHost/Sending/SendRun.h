@@ -73,7 +73,8 @@ private:
     std::map<SendPlan::Id, std::unique_ptr<Running>> running_;
     std::map<PhoneAndFile, SendSources::Offer> putBack_; ///< what was offered of those that wait for another attempt
     Finder finder_;
-    platform::TaskGroup tasks_; ///< one for each of those
+    platform::TaskGroup tasks_;        ///< one for each of those
+    std::optional<PeerKey> lastTaker_; ///< the phone that a file was last delivered to
     bool isLeaving_ = false;
     int failed_ = 0;
     Interruption interruption_;

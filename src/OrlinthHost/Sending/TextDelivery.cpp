@@ -1,5 +1,6 @@
 #include "OrlinthHost/Sending/TextDelivery.h"
 
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "OrlinthHost/Reach/Approach.h"
 
 #include <asio/this_coro.hpp>
@@ -45,7 +46,11 @@ Task<OneOffEnd> deliverText(Home& home, FindSetting find, std::string text, std:
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     approach.abandon();
     co_await finder.finish();
-    co_return outcome.take();
+    const OneOffEnd end = outcome.take();
+    if (end != OneOffEnd::brokeOff) {
+        LastPhone(home).remember(watched.peer.peer_pubkey);
+    }
+    co_return end;
 }
 
 } // namespace orlinth::host

@@ -6,6 +6,7 @@
 #include "OrlinthHost/Phones/PeerStoreWatch.h"
 #include "OrlinthHost/Phones/SharedPeers.h"
 #include "OrlinthHost/Service/DownloadsFolder.h"
+#include "OrlinthHost/Service/HistoryKeeper.h"
 #include "OrlinthHost/Service/NetworkLookout.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
 #include "OrlinthHost/Service/PhoneArrivals.h"
@@ -52,6 +53,7 @@ struct Service::Parts {
     NetworkLookout network;
     PartialsReminder partials;
     PortLoan loan;
+    HistoryKeeper history;
     ServiceApi api;
     SocketFace control;
     Watchdog watchdog;
@@ -92,6 +94,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
+      history(service.home_, service.settings_.keepsHistory),
       api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
       control(service.home_, api, loan, service.events_),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
@@ -101,6 +104,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
             sharedPeers.update(); // it was met
         }
     };
+    api.onTransferEnded = [this](const TransferView& transfer) { history.ended(transfer); };
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;
     receiver.beforeAuthorising = [this] { keys.refresh(); };
@@ -191,6 +195,7 @@ Task<> Service::Parts::finish() {
     co_await control.finish();
     co_await outbox.finish();
     co_await events.finish();
+    co_await history.finish();
     co_await arrivals.finish();
     co_await sharedPeers.finish(); // behind those who have news for it
     co_await partials.finish();    // behind the others: its folder may take its time

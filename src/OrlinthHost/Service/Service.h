@@ -29,6 +29,7 @@ struct ServiceSettings {
     /// For Accept::ask: called on the home's executor, once for each offer; cancelled when the phone hangs up.
     std::function<Task<bool>(Receiver::Offer offer)> approveOffer;
     ServicePort::Settings port;
+    bool keepsHistory = true;              ///< whether it is written what came and went: see History
     FindSetting find = FindSetting::known; ///< where phones are looked for that what was shared goes to
     /// How often whoever manages the service wants to hear that it is alive; nothing: never.
     std::optional<Seconds> watchdogInterval;
@@ -42,7 +43,7 @@ struct ServiceSettings {
 ///
 ///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, SocketFace, OutboxSender, PeerStoreWatch,
 ///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, Watchdog
-///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ addresses ─▶ shared list
+///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ history ─▶ addresses ─▶ shared list
 ///                                                                               ─▶ downloads ─▶ watchdog
 ///
 /// stopping: the receiver has ended, and with it every connection of a phone; what was under way can be resumed.

@@ -21,6 +21,11 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       lastText_(home) {
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };
+    transfers_.onEnded = [this](const TransferView& transfer) {
+        if (onTransferEnded) {
+            onTransferEnded(transfer);
+        }
+    };
     watchOutbox();
 }
 

@@ -11,6 +11,7 @@
 #include "platform/Condition.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -76,6 +77,9 @@ public:
     [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
 
     // ---- for the service
+
+    /// Told of each transfer that ends. May be empty.
+    std::function<void(const TransferView&)> onTransferEnded;
 
     /// Lets `callbacks` tell of transfers too.
     void watch(Receiver::Callbacks& callbacks);

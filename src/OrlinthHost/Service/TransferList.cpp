@@ -54,6 +54,9 @@ void TransferList::ended(Carrier carrier, TransferView::State state, std::string
     if (state == TransferView::State::done) {
         view.bytes.done = view.bytes.total;
     }
+    if (onEnded) {
+        onEnded(view);
+    }
     endedAt_.emplace(number, home_.system.clock.now());
     forgetEnded();
     onChanged_();

@@ -71,6 +71,9 @@ public:
     /// `state` is one of the last three.
     void ended(Carrier carrier, TransferView::State state, std::string problem, platform::Path path = {});
 
+    /// Told of each that ends, as it has ended. May be empty.
+    std::function<void(const TransferView&)> onEnded;
+
     /// In the order in which they began.
     [[nodiscard]] const std::map<TransferNumber, TransferView>& all() const noexcept { return views_; }
     /// What carries it; nothing if it has ended or never was.

@@ -155,7 +155,7 @@ public:
             parser()
                 .add_option("--to", selector_,
                             "Which phone: its name, or the beginning of its name or key, in any letter case. "
-                            "Default: the phone paired last.")
+                            "Default: the phone of the settings, else the one last sent to, else the one paired last.")
                 ->type_name("SELECTOR")
                 ->check(notEmpty())
                 ->take_last()
@@ -209,7 +209,7 @@ public:
         }
         const platform::PrivateKey ownKey = host.staticKey();
         const PeerRecord peer =
-            (selector_.empty() ? host::mostRecentPeer(host, ownKey.publicKey(), host::PeerUse::connection)
+            (selector_.empty() ? host::defaultPeer(host, ownKey.publicKey(), host::PeerUse::connection)
                                : host::selectPeer(host, selector_, ownKey.publicKey(), host::PeerUse::connection))
                 .record;
         const std::string text = chooseText(host);

@@ -64,9 +64,11 @@ CLI::Option* Command::addSeconds(const char* flag, Seconds& time, const char* wh
 
 void Command::addPhones(std::vector<std::string>& selectors) {
     parser_
-        ->add_option("--to", selectors,
-                     "Which phone: its name, or the beginning of its name or key, in any letter case. "
-                     "May be given several times. Default: the phone paired last.")
+        ->add_option(
+            "--to", selectors,
+            "Which phone: its name, or the beginning of its name or key, in any letter case. "
+            "May be given several times. Default: the phone of the settings, else the one last sent to, else the "
+            "one paired last.")
         ->type_name("SELECTOR")
         ->allow_extra_args(false)
         ->check(notEmpty())

@@ -38,7 +38,8 @@ protected:
     CLI::Option* addSize(const char* flag, std::string& size, const char* standard, const char* what);
     /// A text that may not be empty.
     CLI::Option* addText(const char* flag, std::string& text, const char* typeName, const char* what);
-    /// `--to`, as often as wanted: selectors of phones. Not in the settings: whom something goes to is said each time.
+    /// `--to`, as often as wanted: selectors of phones. The settings have it in [send] alone, as one phone for every
+    /// command: Home::defaultPhone.
     void addPhones(std::vector<std::string>& selectors);
     /// `--listen-public`.
     void addListenPublic(bool& listensPublicly);
@@ -86,6 +87,7 @@ inline constexpr std::uint16_t defaultPort = 28471;
 [[nodiscard]] std::unique_ptr<Command> makeOutboxCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeStatusCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeCancelCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeHistoryCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeDoctorCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makePartialsCommand(CLI::App& program);
 

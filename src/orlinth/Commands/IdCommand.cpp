@@ -10,7 +10,7 @@ class IdCommand final : public Command {
 public:
     explicit IdCommand(CLI::App& program)
         : Command(program.add_subcommand("id", "Show this computer's identity; makes it on first use.")) {
-        addJsonFlag("Print one JSON object: self_pubkey, hostname, data_dir.");
+        addJsonFlag("Print one JSON object: self_pubkey, hostname, data_dir, and name if the settings have one.");
     }
 
     int run(Host& host) override {
@@ -21,9 +21,15 @@ public:
         fields["self_pubkey"] = publicKey;
         fields["hostname"] = hostName;
         fields["data_dir"] = directory;
+        if (!host.computerName.empty()) {
+            fields["name"] = host.computerName;
+        }
         host.output.event("id", std::move(fields));
         host.output.result("public key   " + publicKey);
         host.output.result("host name    " + forDisplay(hostName));
+        if (!host.computerName.empty()) {
+            host.output.result("name         " + forDisplay(host.computerName));
+        }
         host.output.result("data folder  " + directory);
         return 0;
     }

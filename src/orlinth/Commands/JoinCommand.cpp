@@ -93,7 +93,8 @@ private:
         PairJoinRequest request{.payload = takePayload(host),
                                 .ownKey = ownKey.publicKey(),
                                 .receivePort = listenPort_,
-                                .timeout = timeout_};
+                                .timeout = timeout_,
+                                .ownName = host.computerName};
         static_cast<void>(checkPayload(request.payload, request.ownKey)); // before anything of it is shown
         host.output.message("pairing with " + forDisplay(request.payload.peer_hostname) + " at " +
                             forDisplay(request.payload.peer_ip));

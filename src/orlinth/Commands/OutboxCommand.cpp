@@ -26,11 +26,10 @@ public:
         retry_ = parser().add_subcommand("retry", "Try again now, without waiting for the next time.");
         retry_->fallthrough();
         retry_
-            ->add_option(
-                "BATCH", selectors_,
-                "The beginning of a batch's id: then what has failed for good is tried again too, also if the "
-                "batch was set aside; one that was shared without naming a phone goes to the phone paired last, "
-                "if its own is not paired any more. Default: everything that waits.")
+            ->add_option("BATCH", selectors_,
+                         "The beginning of a batch's id: then what has failed for good is tried again too, also if the "
+                         "batch was set aside; one that was shared without naming a phone goes to the default phone, "
+                         "if its own is not paired any more. Default: everything that waits.")
             ->type_name("")
             ->expected(0, 1)
             ->check(notEmpty());

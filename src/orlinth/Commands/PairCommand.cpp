@@ -189,7 +189,10 @@ private:
         std::optional<host::BorrowedPort> borrowed = borrowPort(host);
         std::unique_ptr<platform::Listener> port = borrowed ? nullptr : openPort(host, borrowed);
         const std::uint16_t number = borrowed ? borrowed->port() : port->port();
-        const DeviceInfo device = deviceAt(host, borrowed ? borrowed->place() : "");
+        DeviceInfo device = deviceAt(host, borrowed ? borrowed->place() : "");
+        if (!host.computerName.empty()) {
+            device.hostname = host.computerName;
+        }
         const PairingPayload payload = PairingPayload::mint(ownKey, device, number);
         const std::string code = PairCode::generate();
         const SecretBytes secret = payload.secret();

@@ -66,16 +66,21 @@ CLI::Validator nameValidator() {
 class PeersCommand final : public Command {
 public:
     explicit PeersCommand(CLI::App& program)
-        : Command(program.add_subcommand("peers", "List the paired phones, record one by hand, or forget one.")) {
+        : Command(
+              program.add_subcommand("peers", "List the paired phones, record one by hand, rename or forget one.")) {
         addJsonFlag("Print JSON, one object a line; the push token is never printed.");
         parser().require_subcommand(0, 1);
         declareAdd();
         declareRemove();
+        declareRename();
     }
 
     int run(Host& host) override {
         if (add_->parsed()) {
             return add(host);
+        }
+        if (rename_->parsed()) {
+            return rename(host);
         }
         return remove_->parsed() ? remove(host) : list(host);
     }
@@ -112,6 +117,23 @@ private:
                          "Its name, the beginning of its name, or the beginning of its key, in any letter case.")
             ->type_name("")
             ->check(notEmpty())
+            ->required();
+    }
+
+    void declareRename() {
+        rename_ = parser().add_subcommand(
+            "rename", "Give a phone another name here. If the phone later says a name of its own, that replaces it.");
+        rename_->fallthrough();
+        rename_
+            ->add_option("SELECTOR", selector_,
+                         "Its name, the beginning of its name, or the beginning of its key, in any letter case.")
+            ->type_name("")
+            ->check(notEmpty())
+            ->required();
+        rename_
+            ->add_option("NAME", newName_, "What to call it. No other phone may have a name that looks like this one.")
+            ->type_name("")
+            ->check(nameValidator())
             ->required();
     }
 
@@ -229,6 +251,21 @@ private:
         return 0;
     }
 
+    int rename(Host& host) {
+        const PeerRecord chosen = host::resolvePeer(host, selector_);
+        const std::optional<PeerRecord> renamed = host::PairedPhones(host).rename(chosen.peer_pubkey, newName_);
+        if (!renamed) { // another process was quicker
+            throw host::HostError("no paired phone matches '" + selector_ + "'",
+                                  "`orlinth peers` lists the paired phones.");
+        }
+        Json fields;
+        fields["peer"] = host::publicFields(*renamed);
+        fields["earlier_name"] = chosen.peer_hostname;
+        host.output.event("renamed", std::move(fields));
+        host.output.result(forDisplay(chosen.peer_hostname) + " is now called " + forDisplay(renamed->peer_hostname));
+        return 0;
+    }
+
     /// Best effort: if it cannot be told now, the service tells it when it comes.
     static void tellPhone(Host& host, const platform::PrivateKey& ownKey, const PeerRecord& record) {
         const std::string name = forDisplay(record.peer_hostname);
@@ -259,8 +296,10 @@ private:
 
     CLI::App* add_ = nullptr;
     CLI::App* remove_ = nullptr;
+    CLI::App* rename_ = nullptr;
     NewPeer peer_;
     std::string selector_;
+    std::string newName_;
 };
 
 } // namespace

@@ -94,6 +94,8 @@ public:
                 "Decline files that would leave less than this free on the disk; 0: take whatever fits.");
         addSize("--max-file", maxFile_, "0", "Decline files larger than this; 0: take any size.");
         parser().add_flag("--no-clipboard", leavesClipboard_, "Leave the desktop's clipboard alone when a text comes.");
+        parser().add_flag("--history", keepsHistory_,
+                          "Write down what came and went, for `orlinth history`; on unless --history=false is given.");
         addFind(find_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
@@ -152,6 +154,7 @@ private:
                                              : Accept::always,
                 .approveOffer = {},
                 .port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
+                .keepsHistory = keepsHistory_,
                 .find = find_,
                 .watchdogInterval = platform::serviceWatchdogInterval(),
                 .watchdog = watchdogCallbacks()};
@@ -166,6 +169,7 @@ private:
     std::string maxFile_;
     std::string accept_ = "always";
     bool leavesClipboard_ = false;
+    bool keepsHistory_ = true;
     host::FindSetting find_ = host::FindSetting::known;
 };
 

@@ -151,6 +151,9 @@ TEST_F(ClipCommandTest, SendsToThePhoneThatWasPairedLastOrToTheOneThatIsNamed) {
     world.alongside(take(0s));
     const Ended named = clip({"--text", "a", "--to", "pix"});
     EXPECT_EQ(named.status, 0) << named.failure();
+    world.alongside(take(0s));
+    const Ended next = clip({"--text", "a"});
+    EXPECT_EQ(next.status, 0) << "it took the last text: " << next.failure();
     EXPECT_EQ(clip({"--text", "a", "--to", "nobody"}).failure(), "orlinth: no paired phone matches 'nobody'");
 }
 

@@ -152,6 +152,7 @@ protected:
     }
 
     const platform::Path dataFolder = "/home/ann/.local/share/Orlinth";
+    std::string computerName; ///< of the settings
     std::vector<std::string> asked;
     fakes::World world;
     TaskRunner tasks{world.context};
@@ -165,6 +166,7 @@ protected:
             output.beQuiet();
         }
         Host host(world.system, tasks, output);
+        host.computerName = computerName;
         const auto isRunning = std::make_shared<bool>(true);
         asio::post(world.context, [this, isRunning] { moveTime(isRunning); });
         const int status = runCommand(command, host);

@@ -32,6 +32,12 @@ TEST_F(IdCommandTest, ShowsTheSameToScripts) {
                                                   {"data_dir", "/home/ann/.local/share/Orlinth"}})));
 }
 
+TEST_F(IdCommandTest, ShowsTheNameOfTheSettingsToo) {
+    computerName = "Ann's laptop";
+    EXPECT_THAT(id().output, testing::HasSubstr("\nhost name    workshop\nname         Ann's laptop\n"));
+    EXPECT_EQ(id({"--json"}).events().at(0).at("name"), "Ann's laptop");
+}
+
 TEST_F(IdCommandTest, MakesTheIdentityOnFirstUseAndKeepsIt) {
     ASSERT_FALSE(world.files.exists(keyFile));
     const std::string first = id().output;

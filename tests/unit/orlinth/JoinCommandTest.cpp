@@ -88,6 +88,17 @@ TEST_F(JoinCommandTest, PairsByAPayloadInAFile) {
     EXPECT_EQ(said.at("peer_pubkey"), ownKey().base64());
 }
 
+TEST_F(JoinCommandTest, SaysTheNameOfTheSettingsElseItsHostName) {
+    world.alongside(waitForPhone());
+    expectPaired(joinByFile());
+    EXPECT_EQ(parseJson(introduction).at("peer_hostname"), "workshop");
+    pair({});
+    computerName = "Ann's laptop";
+    world.alongside(waitForPhone());
+    expectPaired(joinByFile());
+    EXPECT_EQ(parseJson(introduction).at("peer_hostname"), "Ann's laptop");
+}
+
 TEST_F(JoinCommandTest, PairsByAPayloadOrItsEventOnStandardInput) {
     for (const std::string& text :
          {payload().jsonString(), R"({"code":"1234","event":"payload","payload":)" + payload().jsonString() + "}\n"}) {

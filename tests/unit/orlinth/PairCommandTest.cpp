@@ -124,6 +124,14 @@ TEST_F(PairCommandTest, PairsThePhoneThatHasScannedTheCode) {
                 HasSubstr("Pixel"));
 }
 
+TEST_F(PairCommandTest, ShowsTheNameOfTheSettingsElseTheHostName) {
+    expectPaired(pairingWith(saying()));
+    EXPECT_EQ(payload.peer_hostname, "workshop");
+    computerName = "Ann's laptop";
+    expectPaired(pairingWith(saying()));
+    EXPECT_EQ(payload.peer_hostname, "Ann's laptop");
+}
+
 TEST_F(PairCommandTest, RemembersWhatThePhoneWasToldOfThisComputer) {
     const auto told = [this] {
         return host::AddressMemory(world.files, world.clock, world.log, "/home/ann/.local/share/Orlinth").told();

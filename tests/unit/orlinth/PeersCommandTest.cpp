@@ -109,6 +109,20 @@ TEST_F(PeersCommandTest, SaysThatAPhoneCanBeWokenIfThereAreATokenAndAKey) {
     EXPECT_THAT(lastColumns(), ElementsAre("-     no"));
 }
 
+TEST_F(PeersCommandTest, RenamesAPhone) {
+    const Ended ended = peers({"--json", "rename", "pixel", "  Kitchen  "});
+    EXPECT_EQ(ended.status, 0) << ended.failure();
+    ASSERT_EQ(ended.names(), std::vector<std::string>{"renamed"});
+    EXPECT_EQ(ended.events()[0].at("peer").at("peer_hostname"), "Kitchen");
+    EXPECT_EQ(ended.events()[0].at("earlier_name"), "Pixel-8");
+    EXPECT_FALSE(ended.events()[0].at("peer").contains("peer_fcm_token"));
+    EXPECT_EQ(book().peers.at(0).peer_hostname, "Kitchen");
+    EXPECT_EQ(peers({"rename", "kitchen", "Pixel 8"}).output, "Kitchen is now called Pixel 8\n");
+    EXPECT_EQ(peers({"rename", "nobody", "x"}).failure(), "orlinth: no paired phone matches 'nobody'");
+    EXPECT_EQ(peers({"rename", "pixel", " "}).status, 2);
+    EXPECT_EQ(peers({"rename", "pixel", "\xff"}).status, 2);
+}
+
 TEST_F(PeersCommandTest, TellsAPhoneThatIsThereThatItWasRemoved) {
     world.alongside(takeWhatComes(0s));
     const Ended ended = peers({"remove", "pixel"});

@@ -1,5 +1,6 @@
 #include "OrlinthCore/SecureChannel/KeyVault.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "fakes/ProvenKey.h"
 #include "unit/orlinth/CommandWorld.h"
 
@@ -32,6 +33,7 @@ protected:
     }
 
     std::vector<std::string> taken;
+    Output output;
 };
 
 TEST_F(SendCommandTest, SaysWhatItHasSent) {
@@ -41,6 +43,15 @@ TEST_F(SendCommandTest, SaysWhatItHasSent) {
     EXPECT_THAT(taken, ElementsAre("a.txt: content"));
     EXPECT_EQ(ended.names().front(), "file");
     EXPECT_EQ(ended.names().back(), "complete");
+}
+
+TEST_F(SendCommandTest, RemembersThePhoneThatTookAFileAndNotOneThatDidNot) {
+    Host host(world.system, tasks, output);
+    EXPECT_EQ(send({"--warm-timeout", "0.1", "--wake-timeout", "0"}).status, 1);
+    EXPECT_EQ(host::LastPhone(host).load(), std::nullopt);
+    world.alongside(take());
+    EXPECT_EQ(send({}).status, 0);
+    EXPECT_EQ(host::LastPhone(host).load(), world.phoneRecord().peer_pubkey);
 }
 
 TEST_F(SendCommandTest, GivesAPhoneThatProvesNothingTenSeconds) {

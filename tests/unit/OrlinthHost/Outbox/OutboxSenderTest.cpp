@@ -1,3 +1,4 @@
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "OrlinthHost/Sending/PhoneLanes.h"
 #include "OrlinthHost/Sending/PhoneTimeouts.h"
 #include "OutboxWorld.h"
@@ -31,6 +32,7 @@ TEST_F(OutboxSenderTest, SendsTheFilesOfABatchInTheirOrderAndRemovesIt) {
     EXPECT_EQ(16, sent[0].bytesSent);
     EXPECT_EQ(ByteOffset(), sent[0].resumedFromOffset);
     EXPECT_EQ(1U, told(What::done).size());
+    EXPECT_EQ(LastPhone(home_).load(), world_.phoneRecord().peer_pubkey);
     EXPECT_THAT(notices(), ElementsAre("sent 2 to Pixel-8"));
 }
 
@@ -470,8 +472,8 @@ TEST_F(OutboxSenderTest, FlushesLittleForManyFiles) {
     EXPECT_EQ(names, taken_) << "although it takes one at a time, and refuses all others";
     EXPECT_THAT(told(What::waiting), IsEmpty());
     EXPECT_FALSE(isThere(memory / first));
-    EXPECT_GE(before + 1 + 3 + 3 + 1, world_.files.count(fakes::Operation::flush))
-        << "the state, ids, what was sent, and where the phone was reached";
+    EXPECT_GE(before + 1 + 3 + 3 + 1 + 1, world_.files.count(fakes::Operation::flush))
+        << "the state, ids, what was sent, where the phone was reached, and the list that it comes first in";
 }
 
 TEST_F(OutboxSenderTest, SendsSeveralAtOnceToAPhoneThatTakesThem) {

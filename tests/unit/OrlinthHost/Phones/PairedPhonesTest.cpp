@@ -1,5 +1,6 @@
 #include "OrlinthHost/Phones/PairedPhones.h"
 
+#include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
@@ -90,6 +91,31 @@ TEST_F(PairedPhonesTest, NeverNotifyThisComputerItself) {
     static_cast<void>(phones.record(strange));
     EXPECT_EQ(phones.remove(strange, ownKey), strange);
     EXPECT_THAT(removed().load(), IsEmpty());
+}
+
+TEST_F(PairedPhonesTest, RenameAPhoneAlsoInTheShareSheet) {
+    static_cast<void>(phones.record(phone));
+    const std::optional<PeerRecord> renamed = phones.rename(phone.peer_pubkey, "\t Kitchen ");
+    ASSERT_TRUE(renamed);
+    EXPECT_EQ(*renamed, phone.withHostname("Kitchen")) << "and nothing else changes";
+    EXPECT_THAT(names(), ElementsAre("Kitchen"));
+    EXPECT_EQ(ShareOutbox(world.files, world.system.directories).readPeers().at(0).hostname, "Kitchen");
+    EXPECT_EQ(phones.rename(ownKey.peerKey(), "Kitchen"), std::nullopt) << "no such phone";
+}
+
+TEST_F(PairedPhonesTest, GiveNoNameThatNobodyCanHaveOrThatAnotherPhoneHas) {
+    PeerRecord other = phone;
+    other.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    other.peer_hostname = "Tablet";
+    home.peers().writeBook({{phone, other}});
+    for (const std::string& name :
+         {std::string(), std::string(" \n"), std::string("\xff"), std::string("a\nb"), std::string(256, 'a'),
+          std::string("Tablet"), std::string(" TABLET "), std::string("Tab\u200Blet")}) {
+        EXPECT_THROW(static_cast<void>(phones.rename(phone.peer_pubkey, name)), HostError) << name;
+    }
+    EXPECT_THAT(names(), ElementsAre(phone.peer_hostname, "Tablet"));
+    EXPECT_TRUE(phones.rename(other.peer_pubkey, "TABLET")) << "its own, in other letters";
+    EXPECT_TRUE(phones.rename(other.peer_pubkey, std::string(255, 'a')));
 }
 
 TEST_F(PairedPhonesTest, ForgetWhereARemovedPhoneWasMet) {

@@ -1,6 +1,7 @@
 #include "OrlinthHost/Phones/PeerSelection.h"
 
 #include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
@@ -183,6 +184,43 @@ TEST_F(PeerSelectionTest, TakesThePhoneThatWasPairedLastIfNoneIsSelected) {
     const std::vector<CheckedPeer> chosen = selectPeers(home, {}, ownKey, PeerUse::connection);
     ASSERT_EQ(chosen.size(), 1U);
     EXPECT_EQ(chosen[0].record.peer_hostname, "Galaxy");
+}
+
+TEST_F(PeerSelectionTest, TakesThePhoneOfTheSettingsBeforeTheOneLastSentToAndThatBeforeTheOnePairedLast) {
+    const PeerKey galaxy = platform::PrivateKey::generate().publicKey().peerKey();
+    add("Pixel 8", world.phoneRecord().peer_pubkey);
+    add("Galaxy", galaxy);
+    add("Tablet", platform::PrivateKey::generate().publicKey().peerKey());
+    save();
+    const auto standard = [this] {
+        EXPECT_EQ(likelyPeer(home)->peer_pubkey.text(),
+                  defaultPeer(home, ownKey, PeerUse::key).record.peer_pubkey.text());
+        return defaultPeer(home, ownKey, PeerUse::key).record.peer_hostname;
+    };
+    EXPECT_EQ(standard(), "Tablet");
+    LastPhone(home).remember(galaxy);
+    EXPECT_EQ(standard(), "Galaxy");
+    home.defaultPhone = "pix";
+    EXPECT_EQ(standard(), "Pixel 8");
+    home.defaultPhone = "";
+    home.peers().writeBook({{book.peers.front()}});
+    EXPECT_EQ(standard(), "Pixel 8") << "the one last sent to is not paired any more";
+}
+
+TEST_F(PeerSelectionTest, SaysThatTheSettingsHaveADefaultPhoneThatIsNotThere) {
+    add("Pixel 8", world.phoneRecord().peer_pubkey);
+    save();
+    home.defaultPhone = "Tablet";
+    try {
+        static_cast<void>(defaultPeer(home, ownKey, PeerUse::key));
+        ADD_FAILURE() << "a phone is meant";
+    } catch (const HostError& error) {
+        EXPECT_EQ(error.description(), "no paired phone matches 'Tablet'");
+        EXPECT_THAT(error.hint(), HasSubstr("`to` in [send]"));
+    }
+    EXPECT_EQ(likelyPeer(home)->peer_hostname, "Pixel 8");
+    home.peers().writeBook({});
+    EXPECT_EQ(likelyPeer(home), std::nullopt);
 }
 
 TEST_F(PeerSelectionTest, TakesEachPhoneOnceHoweverOftenItIsSelectedAndInThatOrder) {

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
@@ -61,6 +62,32 @@ TEST_F(SharedPeersTest, TellPhonesOfOneNameApartByWhereTheyAreAndSinceWhenTheyAr
     home.peers().writeBook({{phone, namesake}});
     updateSharedPeers(home);
     EXPECT_THAT(shown(), ElementsAre("Pixel-8: 203.0.113.2 · paired 2026-03-09", "Pixel-8: 203.0.113.9"));
+}
+
+TEST_F(SharedPeersTest, BeginWithTheDefaultPhone) {
+    PeerBook book;
+    for (const char* name : {"A", "B", "C", "D"}) {
+        PeerRecord phone = world.phoneRecord();
+        phone.peer_hostname = name;
+        phone.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+        phone.paired_at_epoch_ms = fromEpochMilliseconds(static_cast<std::int64_t>(1000 + book.peers.size()));
+        book.peers.push_back(phone);
+    }
+    home.peers().writeBook(book);
+    const auto names = [this] {
+        std::string all;
+        for (const ShareOutbox::SharePeer& peer : outbox().readPeers()) {
+            all += peer.hostname;
+        }
+        return all;
+    };
+    updateSharedPeers(home);
+    EXPECT_EQ(names(), "DABC") << "paired last";
+    LastPhone(home).remember(book.peers[1].peer_pubkey);
+    EXPECT_EQ(names(), "BACD") << "sent to last, and the list is written at once";
+    home.defaultPhone = "C";
+    updateSharedPeers(home);
+    EXPECT_EQ(names(), "CABD") << "chosen";
 }
 
 TEST_F(SharedPeersTest, SayWhenAPhoneWasLastMet) {

@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/RemovedPeers.h"
+#include "OrlinthHost/Service/History.h"
 #include "OrlinthHost/Service/Presence.h"
 #include "ServiceWorld.h"
 
@@ -76,6 +77,8 @@ protected:
     }
 
     static constexpr std::uint16_t tabletPort = 7002;
+    [[nodiscard]] History history() { return {world_.files, world_.clock, world_.log, home_.dataDirectory()}; }
+
     platform::PrivateKey tabletKey_ = platform::PrivateKey::generate();
     std::string transferId_;     ///< of what the tablet was offered first
     std::int64_t tabletHas_ = 0; ///< bytes
@@ -90,6 +93,44 @@ TEST_F(ServiceTest, APhoneDeliversAFile) {
     EXPECT_THAT(events_.all, ElementsAre("known 1", "listening 7100, phones 1", "authenticated Pixel-8, phones 1",
                                          "file a.txt from Pixel-8"));
     EXPECT_THAT(events_.failures, IsEmpty());
+}
+
+TEST_F(ServiceTest, WritesDownWhatCameWhatWentAndWhatDidNot) {
+    start();
+    deliver("a.txt");
+    world_.alongside(take());
+    share("b.txt");
+    ring();
+    pass(1s);
+    const auto from = phone();
+    world_.run(from->send(Row::fileOffer("c.txt", 11, "text/plain", "ID")));
+    static_cast<void>(world_.run(from->expect<Row::Resume>()));
+    from->close();
+    settle();
+    pass(1s);
+    const std::vector<HistoryEntry> entries = history().load();
+    ASSERT_EQ(3U, entries.size());
+    EXPECT_EQ("a.txt", entries[0].file);
+    EXPECT_EQ(HistoryEntry::Direction::in, entries[0].direction);
+    EXPECT_EQ(HistoryEntry::Outcome::done, entries[0].outcome);
+    EXPECT_EQ((downloads / "a.txt").string(), entries[0].path);
+    EXPECT_EQ(world_.phoneRecord().peer_pubkey, entries[0].peerKey);
+    EXPECT_EQ("Pixel-8", entries[0].phone);
+    EXPECT_EQ(16, entries[0].size);
+    EXPECT_EQ("b.txt", entries[1].file);
+    EXPECT_EQ(HistoryEntry::Direction::out, entries[1].direction);
+    EXPECT_EQ("c.txt", entries[2].file);
+    EXPECT_EQ(HistoryEntry::Outcome::failed, entries[2].outcome);
+    EXPECT_NE("", entries[2].problem);
+    stop();
+}
+
+TEST_F(ServiceTest, WritesNothingDownIfItIsNotWanted) {
+    settings_.keepsHistory = false;
+    start();
+    deliver("a.txt");
+    stop();
+    EXPECT_FALSE(world_.files.exists(home_.dataDirectory() / History::fileName));
 }
 
 TEST_F(ServiceTest, APhoneDeliversAText) {
