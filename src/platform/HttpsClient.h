@@ -5,6 +5,7 @@
 #include "base/Time.h"
 #include "platform/Task.h"
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,6 +23,8 @@ struct HttpRequest {
 struct HttpResponse {
     int status = 0; ///< 0 where what came back is not HTTP
     Bytes body;
+    /// When the server made the answer, to a second and by its own clock (RFC 9110 §6.6.1); nothing if it does not say.
+    std::optional<EpochMilliseconds> date = {};
 };
 
 /// The exchange failed before there was an answer. The text is the library's own and holds no part of the request.

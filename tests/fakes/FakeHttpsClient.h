@@ -4,6 +4,7 @@
 
 #include <deque>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <vector>
 
@@ -34,9 +35,9 @@ public:
         co_return co_await answer(seen);
     }
 
-    /// Prepares an answer with this status and body.
-    void willAnswer(int status, std::string body) {
-        answers.emplace_back([status, body](const Seen&) { return respond(status, body); });
+    /// Prepares an answer with this status and body, and the server's time, if it says that.
+    void willAnswer(int status, std::string body, std::optional<EpochMilliseconds> date = std::nullopt) {
+        answers.emplace_back([status, body, date](const Seen&) { return respond(status, body, date); });
     }
     /// Prepares a failure before any answer.
     void willFail(platform::HttpError::Kind kind, std::string text) {
@@ -47,8 +48,8 @@ public:
     std::vector<Seen> requests;
 
 private:
-    static Task<platform::HttpResponse> respond(int status, std::string body) {
-        co_return platform::HttpResponse{.status = status, .body = toBytes(body)};
+    static Task<platform::HttpResponse> respond(int status, std::string body, std::optional<EpochMilliseconds> date) {
+        co_return platform::HttpResponse{.status = status, .body = toBytes(body), .date = date};
     }
     static Task<platform::HttpResponse> fail(platform::HttpError::Kind kind, std::string text) {
         throw platform::HttpError(kind, std::move(text));

@@ -377,7 +377,7 @@ class PushServer:
 
 
 def answer_by_path(request):
-    """/echo: the request as JSON; /status/N; /big/N: that many bytes; and what the names say."""
+    """/echo: the request as JSON; /status/N; /big/N: that many bytes; /date/: that one; and what the names say."""
     first, _, rest = request.path.lstrip("/").partition("/")
     if first == "echo":
         seen = {"method": request.method, "path": request.path, "headers": request.headers, "body": request.body.decode()}
@@ -385,6 +385,9 @@ def answer_by_path(request):
     answers = {
         "status": lambda: Answer(int(rest), b"as asked"),
         "big": lambda: Answer(body=b"x" * int(rest)),
+        "date": lambda: Answer(204, headers=(("dATE", rest.replace("_", " ")),)),
+        "hints": lambda: Answer(raw=b"HTTP/1.1 103 Early Hints\r\nDate: Sun, 06 Nov 1994 08:49:37 GMT\r\n\r\n"
+                                    b"HTTP/1.1 204 No Content\r\n\r\n"),
         "redirect": lambda: Answer(302, b"elsewhere", (("Location", "/echo"),)),
         "stall": lambda: Answer(stall=True),
         "drop": lambda: Answer(drop=True),

@@ -7,6 +7,7 @@ import own_root  # noqa: F401 (first: it may start the program anew)
 
 import atexit
 import ctypes
+import email.utils
 import json
 import os
 import pathlib
@@ -153,6 +154,15 @@ class WayToThePhone(DoctorTest):
     def test_it_has_left_and_its_entry_is_stale(self):
         self.assert_cause("not_there", self.left_while_its_entry_is_believed(1))
 
+    def test_it_has_left_and_was_met_a_moment_before(self):
+        self.meet_and_believe(600_000)
+        self.home.phone.run("ip link set phone0 down")
+        met = ("address=$(ip neigh show 10.77.7.30 dev wlan0 | sed 's/.*lladdr \\([^ ]*\\).*/\\1/')\n"
+               "ip neigh replace 10.77.7.30 lladdr $address dev wlan0 nud reachable\n"
+               'exec "$@"')
+        found = self.check("phone", "phone", "--find", "never", enter=("sh", "-ec", met, "sh"))
+        self.assert_cause("silent", found)
+
     def test_another_phone_has_its_address(self):
         other = Identity(self.folder, "tablet")
         other.record(self.mac)
@@ -287,6 +297,10 @@ class Filters(DoctorTest):
         self.meet_and_believe(1)
         self.filter(self.home.phone, "input", "drop")
         self.assert_cause("swallowed", self.look())
+
+    def test_the_phone_blocks_everything_but_answers_for_its_address_at_once(self):
+        self.filter(self.home.phone, "input", "drop")
+        self.assert_cause("swallowed", self.look(), within=5)
 
     def test_a_filter_on_this_computer_drops_what_goes_out(self):
         self.look()  # so that the phone's hardware address is known
@@ -527,6 +541,10 @@ class Waking(ProgramTest):
          "push_refused", "warning"),
         ("the push project does not answer", lambda self: self.server_answers(*[Answer(drop=True)] * 9), ["--push"],
          "none", "not_measured"),
+        ("the clock is slow by that of the push project", lambda self: self.server_answers(
+            Answer(400, b'{"error":"invalid_grant"}',
+                   (("Date", email.utils.formatdate(time.time() + 7 * 60, usegmt=True)),))), ["--push"],
+         "clock", "warning"),
         ("there is no key file", lambda self: self.account.unlink(), [], "none", "not_measured"),
         ("the key file is damaged", lambda self: self.account.write_text("{"), [], "push_key", "warning"),
         ("the key in the key file is none",

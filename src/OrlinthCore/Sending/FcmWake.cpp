@@ -291,6 +291,9 @@ Task<> FcmWake::fetchAccessToken() {
     platform::HttpResponse response = co_await system_.https.post(std::move(request));
     const AnswerWiper wiper(response);
     requireHttp(response);
+    if (response.date) {
+        clockError_ = system_.clock.epochMilliseconds() - *response.date;
+    }
     if (!isSuccess(response)) {
         throw Error::oauthHTTP(response.status, quoted(response.body, {jwt.reveal()}));
     }

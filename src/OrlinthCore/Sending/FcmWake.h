@@ -64,6 +64,9 @@ public:
     void tryKey() const;
     /// Has the account's token endpoint take the key, and sends no message. @throws as sendWake()
     [[nodiscard]] Task<> tryAccess();
+    /// How much this computer's clock was ahead of the token endpoint's when that last answered, whatever the answer
+    /// was; below 0: behind. Nothing if it has not said. To be asked while no other call is under way.
+    [[nodiscard]] std::optional<Seconds> clockError() const noexcept { return clockError_; }
 
 private:
     struct AccessToken {
@@ -82,6 +85,7 @@ private:
     Executor queue_;
     platform::AsyncMutex tokenTurn_;
     std::optional<AccessToken> cachedAccessToken_; // on queue_ only
+    std::optional<Seconds> clockError_;            // written on queue_ only
 };
 
 /// What FcmWake throws.

@@ -10,9 +10,13 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <exception>
 
 namespace orlinth::host {
 namespace {
+
+/// How far apart the clocks may be before a token endpoint refuses the key for that: a few minutes (RFC 7523 §3).
+constexpr Seconds maxClockError = 5min;
 
 using Check = Finding::Check;
 using Status = Finding::Status;
@@ -68,13 +72,39 @@ bool isAboutKey(int httpStatus) {
     return httpStatus >= firstRefusal && httpStatus < firstFailure && httpStatus != timedOut && httpStatus != tooMany;
 }
 
+/// Why no phone can be woken.
+struct KeyTrouble {
+    // Mostly the cause says all. NOLINTNEXTLINE(google-explicit-constructor)
+    KeyTrouble(Cause which, std::optional<Seconds> error = std::nullopt) : cause(which), clockError(error) {}
+    Cause cause;
+    std::optional<Seconds> clockError; ///< of Cause::clock
+};
+
+/// Has the push project take the key, and compares the clocks by the way. @throws as FcmWake::tryAccess()
+Task<std::optional<KeyTrouble>> troubleWithAccess(FcmWake& wake) {
+    std::exception_ptr refusal;
+    try {
+        co_await wake.tryAccess();
+    } catch (const FcmWake::Error&) {
+        refusal = std::current_exception();
+    }
+    const std::optional<Seconds> error = wake.clockError();
+    if (error && (*error > maxClockError || *error < -maxClockError)) {
+        co_return KeyTrouble(Cause::clock, error); // a key that is refused may be refused for that alone
+    }
+    if (refusal) {
+        std::rethrow_exception(refusal);
+    }
+    co_return std::nullopt;
+}
+
 /// The key, by itself and as the push project has it. Nothing if it can be used.
-Task<std::optional<Cause>> troubleWithKey(Home& home, bool asksProject) {
+Task<std::optional<KeyTrouble>> troubleWithKey(Home& home, bool asksProject) {
     try {
         FcmWake wake = makeWake(home);
         wake.tryKey();
         if (asksProject) {
-            co_await wake.tryAccess();
+            co_return co_await troubleWithAccess(wake);
         }
     } catch (const FcmWake::Error& error) {
         using Case = FcmWake::Error::Case;
@@ -208,11 +238,12 @@ Task<Finding> checkWaking(Home& home, std::vector<PeerRecord> phones, bool asksP
     const bool hasKey = hasPushKey(home);
     if (!hasKey) { // phones bring a token of their own accord: without a key nobody has set it up here
         found = finding(Check::waking, Status::notMeasured, "not set up");
-    } else if (const std::optional<Cause> trouble = co_await troubleWithKey(home, asksProject)) {
-        found = *trouble == Cause::unknown
+    } else if (const std::optional<KeyTrouble> trouble = co_await troubleWithKey(home, asksProject)) {
+        found = trouble->cause == Cause::unknown
                     ? finding(Check::waking, Status::notMeasured, "the push service does not answer")
-                    : finding(Check::waking, Status::warning, *trouble, {.phone = "A phone that sleeps"});
-        found.isUnanswered = *trouble == Cause::unknown;
+                    : finding(Check::waking, Status::warning, trouble->cause,
+                              {.phone = "A phone that sleeps", .clockError = trouble->clockError});
+        found.isUnanswered = trouble->cause == Cause::unknown;
     } else if (home.system.machine.isClockSynchronised() == false) {
         found = finding(Check::waking, Status::warning, Cause::clock, {});
     } else {

@@ -18,6 +18,7 @@ struct CurlLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, curl_easy_setopt);
     ORLINTH_LIBRARY_FUNCTION(library, curl_easy_strerror);
     ORLINTH_LIBRARY_FUNCTION(library, curl_free);
+    ORLINTH_LIBRARY_FUNCTION(library, curl_getdate);
     ORLINTH_LIBRARY_FUNCTION(library, curl_global_init);
     ORLINTH_LIBRARY_FUNCTION(library, curl_multi_add_handle);
     ORLINTH_LIBRARY_FUNCTION(library, curl_multi_cleanup);

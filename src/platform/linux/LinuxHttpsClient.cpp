@@ -242,6 +242,20 @@ long millisecondsOf(Seconds timeout) {
     return (isMore ? std::chrono::ceil<std::chrono::milliseconds>(std::min(timeout, longest)) : shortest).count();
 }
 
+/// What the header "Date" says; nothing of other lines.
+std::optional<EpochMilliseconds> dateOf(std::string_view line) {
+    constexpr std::string_view name = "date:";
+    constexpr std::size_t longest = 100;
+    if (line.size() > longest || lowerCased(line.substr(0, name.size())) != name) {
+        return std::nullopt;
+    }
+    const std::string text(line.substr(name.size()));
+    const std::chrono::seconds moment(curl().curl_getdate(text.c_str(), nullptr));
+    constexpr std::chrono::sys_days end = std::chrono::year(9999) / 12 / 31;
+    const bool isUsable = moment > 0s && moment < end.time_since_epoch();
+    return isUsable ? std::optional(EpochMilliseconds(moment)) : std::nullopt;
+}
+
 /// A request under way: what the library reads from and writes to, and whether it is done.
 class Transfer {
 public:
@@ -297,7 +311,7 @@ public:
         }
         long status = 0;
         curl().curl_easy_getinfo(easy(), CURLINFO_RESPONSE_CODE, &status);
-        return {.status = static_cast<int>(status), .body = std::move(body_)};
+        return {.status = static_cast<int>(status), .body = std::move(body_), .date = date_};
     }
 
 private:
@@ -353,6 +367,20 @@ private:
         set(CURLOPT_PRIVATE, this);
         set(CURLOPT_WRITEDATA, this);
         set(CURLOPT_WRITEFUNCTION, &Transfer::onBody);
+        set(CURLOPT_HEADERDATA, this);
+        set(CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
+    }
+
+    /// Of every answer, also a proxy's and those before the last; a status line begins each.
+    static std::size_t onHeader(const char* data, std::size_t size, std::size_t count, void* self) {
+        Transfer& transfer = *static_cast<Transfer*>(self);
+        const std::string_view line(data, size * count);
+        if (line.starts_with("HTTP/")) {
+            transfer.date_.reset();
+        } else if (const std::optional<EpochMilliseconds> date = dateOf(line)) {
+            transfer.date_ = date;
+        }
+        return line.size();
     }
 
     static std::size_t onBody(const char* data, std::size_t size, std::size_t count, void* self) {
@@ -370,6 +398,7 @@ private:
     HeaderList headers_;
     std::array<char, CURL_ERROR_SIZE> errorText_{};
     Bytes body_;
+    std::optional<EpochMilliseconds> date_;
     bool tooLarge_ = false;
     std::string abandoned_;
     std::optional<CURLcode> code_;

@@ -561,6 +561,20 @@ TEST(FcmWakeErrorPayload, IsApartFromTheText) {
         "Bearer");
 }
 
+TEST_F(FcmWakeTest, ComparesTheClockWithThatOfTheTokenEndpoint) {
+    const std::unique_ptr<FcmWake> wake = make();
+    world.https.willAnswer(400, "no");
+    EXPECT_EQ(world.failure<FcmWake::Error>(wake->tryAccess()).which(), Case::oauthHTTP);
+    EXPECT_EQ(wake->clockError(), std::nullopt) << "it has not said";
+    const EpochMilliseconds now = world.clock.epochMilliseconds();
+    world.https.willAnswer(400, "no", now + 7min);
+    EXPECT_EQ(world.failure<FcmWake::Error>(wake->tryAccess()).which(), Case::oauthHTTP);
+    EXPECT_EQ(wake->clockError(), -7min);
+    world.https.willAnswer(200, tokenReply(), now - 2s);
+    world.run(wake->tryAccess());
+    EXPECT_EQ(wake->clockError(), 2s);
+}
+
 TEST_F(FcmWakeTest, TriesItsKeyAndItsAccessWithoutAPush) {
     const std::unique_ptr<FcmWake> wake = make();
     wake->tryKey();

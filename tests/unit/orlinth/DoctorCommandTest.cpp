@@ -242,6 +242,7 @@ TEST_F(DoctorCommandTest, DoesNotPromiseToWakeAPhoneWithoutAKeyOfAPushProject) {
 }
 
 TEST_F(DoctorCommandTest, SaysThatNothingAnswers) {
+    putNeighbour(NeighbourState::incomplete);
     fail(EHOSTUNREACH, IcmpReport{.type = 3, .code = 1, .from = own}, 3070ms);
     expectPhone(1, "✗ Pixel-8         nothing answers at 192.168.7.30. The phone is off, out of\n"
                    "                  Wi-Fi, or has a new address.\n"

@@ -228,6 +228,16 @@ TEST_F(LinuxHttpsClientTest, ReturnsEveryStatusAsAnAnswer) {
     }
 }
 
+TEST_F(LinuxHttpsClientTest, ReturnsTheServersTime) {
+    const auto date = [this](const std::string& path) { return post(requestTo(servers->url("good", path))).date; };
+    EXPECT_EQ(date("/date/Sun,_06_Nov_1994_08:49:37_GMT"), EpochMilliseconds(784111777s)) << "RFC 9110 §5.6.7";
+    EXPECT_EQ(date("/date/soon"), std::nullopt);
+    EXPECT_EQ(date("/date/Fri,_01_Jan_99999_00:00:00_GMT"), std::nullopt);
+    EXPECT_EQ(date("/date/" + std::string(200, '_') + "06_Nov_1994"), std::nullopt);
+    EXPECT_EQ(date("/status/204"), std::nullopt);
+    EXPECT_EQ(date("/hints"), std::nullopt) << "what came before the answer does not count";
+}
+
 TEST_F(LinuxHttpsClientTest, DoesNotFollowARedirect) {
     const HttpResponse response = post(requestTo(servers->url("good", "/redirect")));
     EXPECT_EQ(response.status, 302);

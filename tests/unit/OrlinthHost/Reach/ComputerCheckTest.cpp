@@ -173,6 +173,26 @@ TEST_F(ComputerCheckTest, AsksThePushProjectIfItShould) {
     }
 }
 
+/// A key is refused for that alone.
+TEST_F(ComputerCheckTest, ComparesTheClockWithThatOfThePushProject) {
+    putKeyFile();
+    const EpochMilliseconds now = world.clock.epochMilliseconds();
+    for (const Seconds error : {Seconds(-7min), Seconds(6min)}) {
+        const auto date = now - std::chrono::duration_cast<std::chrono::milliseconds>(error);
+        world.https.willAnswer(400, R"({"error":"invalid_grant"})", date);
+        const Finding refused = waking(true);
+        EXPECT_EQ(refused.status, Status::warning);
+        EXPECT_EQ(refused.cause, Cause::clock);
+        EXPECT_EQ(refused.details.clockError, error);
+        world.https.willAnswer(200, R"({"access_token":"ya29","expires_in":3599,"token_type":"Bearer"})", date);
+        EXPECT_EQ(waking(true).cause, Cause::clock);
+    }
+    world.https.willAnswer(400, R"({"error":"invalid_grant"})", now + 5min);
+    EXPECT_EQ(waking(true).cause, Cause::pushRefused);
+    world.https.willAnswer(200, R"({"access_token":"ya29","expires_in":3599,"token_type":"Bearer"})", now - 5min);
+    EXPECT_EQ(waking(true).status, Status::ok);
+}
+
 TEST_F(ComputerCheckTest, FindsAKeyFileThatCannotBeUsed) {
     putKeyFile();
     for (const char* const content : {"", "{}", "not JSON"}) {
