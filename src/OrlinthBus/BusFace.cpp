@@ -33,7 +33,8 @@ BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, Service
       tree_(serviceInterfaces(), {phonesPath, batchesPath, transfersPath},
             [this](BusCall call) { onCall(std::move(call)); }),
       reconnecting_(home.system.clock.makeTimer(home.executor)),
-      tasks_(home.executor) {}
+      tasks_(home.executor),
+      sendings_(home.executor) {}
 
 BusFace::~BusFace() {
     disconnect();
@@ -57,19 +58,37 @@ Task<> BusFace::start(host::ServiceApi& api) {
                                            home_.system.clock, startLimit));
 }
 
-Task<> BusFace::finish() {
+void BusFace::stop() {
+    isStopping_ = true;
+    if (api_ == nullptr) {
+        return;
+    }
     reconnecting_->disarm();
     tasks_.cancelAll();
+    static_cast<void>(tree_.update(look(false), tree_.objects().size() + phoneViews_.size() + signalsAtOnce));
+}
+
+Task<> BusFace::finish() {
     co_await tasks_.join();
+    co_await sendings_.join();
+    const auto isOut = [this] {
+        std::uint64_t queued = 0;
+        return loop_.get() == nullptr || systemd().sd_bus_get_n_queued_write(loop_.get(), &queued) < 0 || queued == 0;
+    };
+    static_cast<void>(loop_.runUntil(isOut, platform::BusLoop::SteadyClock::now() + lastWordsLimit));
     disconnect();
     loop_.close();
+    reconnecting_->disarm(); // the connection may have been lost just now
 }
 
 // The connection
 
 void BusFace::connect() {
+    if (isStopping_) {
+        return;
+    }
     name_ = Name::unknown;
-    static_cast<void>(tree_.update(look(), signalsAtOnce)); // not attached: told to nobody
+    static_cast<void>(tree_.update(look(true), signalsAtOnce)); // not attached: told to nobody
     if (!loop_.open() || !tree_.attach(loop_)) {
         disconnect();
         loop_.close();
@@ -107,9 +126,14 @@ int BusFace::onName(sd_bus_message* message, void* self, sd_bus_error* /*error*/
     std::uint32_t result = 0;
     const bool isAnswered = systemd().sd_bus_message_is_method_error(message, nullptr) == 0 &&
                             systemd().sd_bus_message_read(message, "u", &result) > 0;
-    face->name_ = isAnswered && result == isPrimaryOwner ? Name::ours : Name::anothers;
-    if (face->name_ != Name::ours) {
-        face->log(platform::LogLevel::info, "another service has the name on the session's bus");
+    if (isAnswered && result == isPrimaryOwner) {
+        face->name_ = Name::ours;
+    } else {
+        face->log(platform::LogLevel::info, isAnswered ? "another service has the name on the session's bus"
+                                                       : "the session's bus does not give us our name");
+        face->disconnect(); // nobody would look for us under a number
+        face->name_ = Name::anothers;
+        face->reconnecting_->arm(Seconds(0), [face] { face->loop_.close(); }); // not in the library's call
     }
     face->news_.changed();
     return 1;
@@ -117,14 +141,17 @@ int BusFace::onName(sd_bus_message* message, void* self, sd_bus_error* /*error*/
 
 // What there is
 
-BusObjects BusFace::look() {
+BusObjects BusFace::look(bool alsoPhones) {
     transfers_.clear();
     batches_.clear();
     phones_.clear();
-    const std::vector<host::PhoneView> phones = api_->phones();
+    if (alsoPhones || phonesSeen_ != api_->phonesVersion()) {
+        phonesSeen_ = api_->phonesVersion();
+        phoneViews_ = api_->phones();
+    }
     const std::vector<host::TransferView> transfers = api_->transfers();
     const std::vector<host::OutboxView> batches = api_->batches();
-    for (const host::PhoneView& phone : phones) {
+    for (const host::PhoneView& phone : phoneViews_) {
         phones_.emplace(pathOfPhone(phone.presence.peerKey), phone.presence.peerKey);
     }
     for (const host::TransferView& transfer : transfers) {
@@ -133,20 +160,47 @@ BusObjects BusFace::look() {
     for (const host::OutboxView& batch : batches) {
         batches_.emplace(pathOfBatch(batch.batch, batch.peerKey), std::pair(batch.batch, batch.peerKey));
     }
-    return objectsOf(api_->service(), identity_, phones, transfers, batches, home_.system.clock.now());
+    return objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
+}
+
+std::optional<Seconds> BusFace::timeToLook() const {
+    for (const host::TransferView& transfer : api_->transfers()) {
+        if (!transfer.endedAt && !tree_.objects().contains(pathOfTransfer(transfer.number))) {
+            return tellingAge;
+        }
+    }
+    std::optional<Seconds> time;
+    for (const host::PhoneView& phone : phoneViews_) {
+        if (phone.presence.state == host::PresenceState::here) {
+            return phonesInterval;
+        }
+        if (phone.presence.state == host::PresenceState::asleep) {
+            time = sleepersInterval;
+        }
+    }
+    return time;
 }
 
 Task<> BusFace::tellNews() {
-    std::uint64_t seen = api_->version(); // that is there when the connection is made
-    bool isBehind = false;
+    std::uint64_t seen = 0;
     for (;;) {
-        if (!isBehind) {
-            const auto isNew = [this, &seen] { return api_->version() != seen; };
+        co_await news_.until([this] { return name_ == Name::ours; });
+        const auto isNew = [this, &seen] { return api_->version() != seen; };
+        bool hasCome = true;
+        if (const std::optional<Seconds> limit = timeToLook()) {
+            hasCome = co_await api_->news().until(isNew, home_.system.clock, *limit);
+        } else {
             co_await api_->news().until(isNew);
         }
         seen = api_->version();
-        isBehind = !tree_.update(look(), signalsAtOnce);
-        co_await home_.system.clock.sleep(newsInterval);
+        BusTree::Told told = tree_.update(look(!hasCome), signalsAtOnce);
+        while (told.signals > 0) {
+            co_await home_.system.clock.sleep(newsInterval);
+            if (told.isEverything) {
+                break;
+            }
+            told = tree_.update(look(false), signalsAtOnce);
+        }
     }
 }
 
@@ -181,6 +235,10 @@ void BusFace::onCall(BusCall call) {
 }
 
 void BusFace::sendFiles(BusCall call) {
+    if (isStopping_ || sendings_.size() >= maxSendings) {
+        call.fail("Busy", isStopping_ ? "the service is ending" : "too many files are being shared at once");
+        return;
+    }
     std::vector<platform::Path> files;
     std::vector<PeerKey> phones;
     try {
@@ -200,7 +258,7 @@ void BusFace::sendFiles(BusCall call) {
         return;
     }
     const auto shared = std::make_shared<BusCall>(std::move(call));
-    tasks_.add(share(shared, std::move(files), std::move(phones)), [](const std::exception_ptr&) {
+    sendings_.add(share(shared, std::move(files), std::move(phones)), [](const std::exception_ptr&) {
         // it has answered; a call that was cut short is answered when it goes
     });
 }

@@ -9,8 +9,10 @@
 #include "platform/TaskGroup.h"
 #include "platform/linux/BusLoop.h"
 
+#include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,6 +31,14 @@ public:
     static constexpr Seconds startLimit = 2s;
     /// Between two looks at what has changed.
     static constexpr Seconds newsInterval = 250ms;
+    /// Between two looks at the phones of which one is here: it may have gone without a word.
+    static constexpr Seconds phonesInterval = 15s;
+    /// The same if one is only asleep.
+    static constexpr Seconds sleepersInterval = 300s;
+    /// Calls of SendFiles at once; more are refused.
+    static constexpr std::size_t maxSendings = 4;
+    /// For the last signals to get out.
+    static constexpr std::chrono::milliseconds lastWordsLimit{100};
     /// Twenty a second, whatever happens.
     static constexpr std::size_t signalsAtOnce = 5;
     /// Before a bus that is lost, or that there is none, is looked for again.
@@ -43,6 +53,7 @@ public:
     BusFace& operator=(const BusFace&) = delete;
 
     [[nodiscard]] Task<> start(host::ServiceApi& api) override;
+    void stop() override;
     [[nodiscard]] Task<> finish() override;
 
 private:
@@ -53,7 +64,10 @@ private:
     void connectLater();
     static int onName(sd_bus_message* message, void* self, sd_bus_error* error);
     [[nodiscard]] Task<> tellNews();
-    [[nodiscard]] BusObjects look();
+    /// What there is; the phones anew if they are asked for, or if something was heard of one.
+    [[nodiscard]] BusObjects look(bool alsoPhones);
+    /// How long nothing may change by time alone; nothing: for ever.
+    [[nodiscard]] std::optional<Seconds> timeToLook() const;
     void onCall(BusCall call);
     void sendFiles(BusCall call);
     [[nodiscard]] Task<> share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files,
@@ -72,7 +86,11 @@ private:
     std::map<std::string, host::TransferNumber> transfers_;      ///< by path
     std::map<std::string, std::pair<BatchId, PeerKey>> batches_; ///< likewise
     std::map<std::string, PeerKey> phones_;                      ///< likewise
-    platform::TaskGroup tasks_;
+    std::vector<host::PhoneView> phoneViews_;
+    std::uint64_t phonesSeen_ = 0; ///< their version
+    bool isStopping_ = false;
+    platform::TaskGroup tasks_;    ///< tellNews()
+    platform::TaskGroup sendings_; ///< calls of SendFiles
 };
 
 } // namespace orlinth::bus

@@ -76,8 +76,12 @@ const char* signatureOf(const BusValue& value) noexcept {
 BusCall::BusCall(sd_bus_message* message) noexcept : message_(systemd().sd_bus_message_ref(message)) {}
 
 BusCall::~BusCall() {
-    if (message_) {
-        fail("Failed", "it was not done");
+    try {
+        if (message_) {
+            fail("Failed", "it was not done");
+        }
+    } catch (const std::exception&) {
+        return; // no memory to say so: the caller waits until its own limit
     }
 }
 
@@ -136,17 +140,16 @@ struct BusTree::Interface {
 
 BusTree::BusTree(std::vector<BusInterface> interfaces, std::vector<std::string> managers,
                  std::function<void(BusCall)> onCallOf)
-    : managers_(std::move(managers)), onCall_(std::move(onCallOf)) {
-    for (const BusInterface& interface : interfaces) {
-        interfaces_.emplace_back(interface, onCall, onGet);
-    }
-}
+    : described_(std::move(interfaces)), managers_(std::move(managers)), onCall_(std::move(onCallOf)) {}
 
 BusTree::~BusTree() {
     detach();
 }
 
 bool BusTree::attach(platform::BusLoop& loop) {
+    for (const BusInterface& interface : std::exchange(described_, {})) { // the library is there by now
+        interfaces_.emplace_back(interface, onCall, onGet);
+    }
     loop_ = &loop;
     bool isGood = true;
     const auto add = [this, &isGood](auto call) {
@@ -174,17 +177,17 @@ void BusTree::detach() noexcept {
     loop_ = nullptr;
 }
 
-bool BusTree::update(const BusObjects& objects, std::size_t mostSignals) {
+BusTree::Told BusTree::update(const BusObjects& objects, std::size_t mostSignals) {
     std::vector<std::pair<std::uint64_t, std::string>> different; // when it was told of last, and its path
     for (const auto& [path, object] : objects) {
         const auto before = told_.find(path);
         if (before == told_.end() || before->second != object) {
-            different.emplace_back(toldAt_[path], path);
+            different.emplace_back(lastTold(path), path);
         }
     }
     for (const auto& [path, object] : told_) {
         if (!objects.contains(path)) {
-            different.emplace_back(toldAt_[path], path);
+            different.emplace_back(lastTold(path), path);
         }
     }
     std::ranges::sort(different);
@@ -199,7 +202,12 @@ bool BusTree::update(const BusObjects& objects, std::size_t mostSignals) {
     if (loop_ != nullptr) {
         loop_->wake();
     }
-    return count == different.size();
+    return {.signals = count, .isEverything = count == different.size()};
+}
+
+std::uint64_t BusTree::lastTold(const std::string& path) const {
+    const auto at = toldAt_.find(path);
+    return at != toldAt_.end() ? at->second : 0;
 }
 
 /// The library asks for the values while it makes the signal, so what it finds must be there then.
@@ -246,10 +254,10 @@ void BusTree::tellChange(const std::string& path, const BusObject* before, const
 int BusTree::onCall(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
     try {
         static_cast<BusTree*>(self)->onCall_(BusCall(message));
-        return 1;
     } catch (const std::exception&) {
-        return -ENOMEM;
+        return 1; // the call has answered for itself when it went
     }
+    return 1;
 }
 
 int BusTree::onGet(sd_bus* /*bus*/, const char* path, const char* /*interface*/, const char* property,

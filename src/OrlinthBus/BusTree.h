@@ -59,9 +59,14 @@ public:
     /// Before the connection is closed.
     void detach() noexcept;
 
-    /// From now on the objects are these, which is told by at most so many signals; returns whether that was enough.
-    /// What was left is told by a later call, those first that were told of longest ago.
-    bool update(const BusObjects& objects, std::size_t mostSignals);
+    /// What an update has come to.
+    struct Told {
+        std::size_t signals = 0;
+        bool isEverything = true;
+    };
+    /// From now on the objects are these, which is told by at most so many signals. What was left is told by a later
+    /// call, those first that were told of longest ago.
+    Told update(const BusObjects& objects, std::size_t mostSignals);
     /// As they were told.
     [[nodiscard]] const BusObjects& objects() const noexcept { return told_; }
 
@@ -74,8 +79,10 @@ private:
     static int onFind(sd_bus* bus, const char* path, const char* interface, void* self, void** found,
                       sd_bus_error* error);
     static int onList(sd_bus* bus, const char* prefix, void* self, char*** nodes, sd_bus_error* error);
+    [[nodiscard]] std::uint64_t lastTold(const std::string& path) const;
     void tellChange(const std::string& path, const BusObject* before, const BusObject* after);
 
+    std::vector<BusInterface> described_; ///< until the first attach()
     const std::vector<std::string> managers_;
     const std::function<void(BusCall)> onCall_;
     std::list<Interface> interfaces_;

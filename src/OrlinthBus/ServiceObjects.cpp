@@ -17,9 +17,6 @@ constexpr const char* phoneInterface = "com.tarvinex.orlinth1.Phone";
 constexpr const char* batchInterface = "com.tarvinex.orlinth1.Batch";
 constexpr const char* transferInterface = "com.tarvinex.orlinth1.Transfer";
 
-/// How old a transfer is when it is first told of.
-constexpr Seconds tellingAge = 1s;
-
 std::uint64_t countOf(std::int64_t number) {
     return static_cast<std::uint64_t>(std::max<std::int64_t>(0, number));
 }

@@ -18,7 +18,10 @@ struct ServiceIdentity {
 /// The interfaces of the service, as docs/dbus.md and the installed description have them.
 [[nodiscard]] std::vector<BusInterface> serviceInterfaces();
 
-/// The service as objects. A transfer is one when it is a second old, or has not ended well: thousands of small files
+/// How old a transfer is when it is first told of.
+inline constexpr Seconds tellingAge = 1s;
+
+/// The service as objects. A transfer is one when it is as old as that, or has not ended well: thousands of small files
 /// are none.
 [[nodiscard]] BusObjects objectsOf(const host::ServiceView& service, const ServiceIdentity& identity,
                                    const std::vector<host::PhoneView>& phones,

@@ -20,7 +20,7 @@ std::string summaryOf(const OutboxState& state) {
     for (const OutboxState::Phone& phone : state.phones) {
         std::map<std::string, std::vector<std::string>> byReason;
         for (const auto& [file, reason] : phone.failed) {
-            if (reason != OutboxQueue::cancelled) {
+            if (reason != OutboxState::cancelled) {
                 byReason[reason].push_back(file);
             }
         }
@@ -108,7 +108,7 @@ void OutboxQueue::Job::startOver() {
 }
 
 void OutboxQueue::Job::startOver(const PeerKey& peerKey) {
-    state.find(peerKey)->failed.clear();
+    state.find(peerKey)->forgetFailures();
     std::erase_if(inVain, [&peerKey](const auto& entry) { return entry.first.first == peerKey; });
     through.erase(peerKey);
     firstOpen.erase(peerKey);
@@ -304,8 +304,20 @@ void OutboxQueue::setFailed(Job& job, const PeerKey& peerKey, const std::string&
 
 void OutboxQueue::setCancelled(Job& job, const PeerKey& peerKey, const std::string& file) {
     OutboxState::Phone& phone = *job.state.find(peerKey);
-    phone.failed[file] = cancelled;
+    phone.failed[file] = OutboxState::cancelled;
     saveFile(job, phone, file);
+    settlePhone(job, peerKey);
+    endIfThrough(job.id());
+}
+
+void OutboxQueue::setAllCancelled(Job& job, const PeerKey& peerKey) {
+    OutboxState::Phone& phone = *job.state.find(peerKey);
+    for (const std::string& file : job.batch.manifest.files) {
+        if (phone.isOpen(file) && !job.underWay.contains({peerKey, file})) {
+            phone.failed[file] = OutboxState::cancelled;
+        }
+    }
+    save(job);
     settlePhone(job, peerKey);
     endIfThrough(job.id());
 }

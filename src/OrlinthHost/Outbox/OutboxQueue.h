@@ -56,9 +56,6 @@ public:
         void startOver(const PeerKey& peerKey);
     };
 
-    /// Why a file was not sent that somebody has cancelled.
-    static constexpr const char* cancelled = "cancelled";
-
     /// Called when a batch has come, has gone, or anything of its state has changed. May be empty. Must not throw.
     std::function<void()> onChanged;
 
@@ -104,6 +101,8 @@ public:
     void setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const std::string& message);
     /// Somebody does not want it to be sent any more. No event tells of it.
     void setCancelled(Job& job, const PeerKey& peerKey, const std::string& file);
+    /// The same of everything that the phone has not got and that is not under way.
+    void setAllCancelled(Job& job, const PeerKey& peerKey);
     /// The phone was there, and took nothing of this file: others go first.
     void putBehind(Job& job, const PeerKey& peerKey, const std::string& file) { ++job.inVain[{peerKey, file}]; }
     /// Everything that is left for this phone, in any batch, and not under way.

@@ -419,14 +419,19 @@ void OutboxSender::settle(Phone& phone, Job& job, const Running& running, const 
     }
 }
 
-void OutboxSender::tellEnd(const Running& running, SendVerdict verdict, const EndedAttempt& ended) const {
+void OutboxSender::tellEnd(const Running& running, SendVerdict verdict, const EndedAttempt& ended) {
     if (!running.lastWatchedAt || !watcher.onEnded) {
         return;
     }
     if (verdict == SendVerdict::delivered) {
         watcher.onEnded(running.number, AttemptEnd::delivered, "");
     } else if (verdict == SendVerdict::cancelled) {
-        watcher.onEnded(running.number, AttemptEnd::cancelled, "");
+        const Job* const job = queue_.find(running.transfer.batch);
+        const bool isTakenBack = running.isCancelled || job == nullptr || job->isDropped;
+        watcher.onEnded(running.number, isTakenBack ? AttemptEnd::cancelled : AttemptEnd::failed,
+                        isTakenBack   ? ""
+                        : isStopping_ ? "the service has ended"
+                                      : "the phone was removed");
     } else {
         watcher.onEnded(running.number, AttemptEnd::failed, failureText(ended));
     }
@@ -605,7 +610,7 @@ void OutboxSender::cancel(AttemptNumber number) {
 }
 
 bool OutboxSender::cancel(const BatchId& id, const PeerKey& peerKey) {
-    Job* job = queue_.find(id);
+    Job* const job = queue_.find(id);
     if (job == nullptr || !job->isOpenFor(peerKey)) {
         return false;
     }
@@ -615,14 +620,7 @@ bool OutboxSender::cancel(const BatchId& id, const PeerKey& peerKey) {
             tasks_.cancel(attempt->task);
         }
     }
-    while (job != nullptr) { // it goes with its last file
-        const std::optional<std::string> file = job->nextFor(peerKey);
-        if (!file) {
-            break;
-        }
-        queue_.setCancelled(*job, peerKey, *file);
-        job = queue_.find(id);
-    }
+    queue_.setAllCancelled(*job, peerKey);
     return true;
 }
 
@@ -632,7 +630,9 @@ std::vector<OutboxView> OutboxSender::batches() const {
         const ShareOutbox::Manifest& manifest = job->batch.manifest;
         for (const OutboxState::Phone& to : job->state.phones) {
             const bool isOpen = to.done.size() + to.failed.size() < manifest.files.size();
-            if (job->isDropped || (!isOpen && to.failed.empty())) {
+            const auto failure = std::ranges::find_if(
+                to.failed, [](const auto& entry) { return entry.second != OutboxState::cancelled; });
+            if (job->isDropped || (!isOpen && failure == to.failed.end())) {
                 continue;
             }
             OutboxView& view = views.emplace_back(OutboxView{.batch = id,
@@ -647,6 +647,7 @@ std::vector<OutboxView> OutboxSender::batches() const {
                 view.state = OutboxView::State::sending;
             } else if (!isOpen) {
                 view.state = OutboxView::State::failed;
+                view.problem = failure->second;
             } else if (phone != phones_.end() && !phone->second->retries.mayBegin()) {
                 view.state = OutboxView::State::paused;
                 view.nextAttempt = phone->second->nextAttempt;

@@ -127,7 +127,7 @@ private:
     void launch(Phone& phone, Job& job, const std::string& file);
     [[nodiscard]] Task<> transfer(Running& running);
     void tellContact(const Running& running, const std::exception_ptr& error) const;
-    void tellEnd(const Running& running, SendVerdict verdict, const EndedAttempt& ended) const;
+    void tellEnd(const Running& running, SendVerdict verdict, const EndedAttempt& ended);
     void settle(Phone& phone, const Running& ended, std::exception_ptr error);
     void settle(Phone& phone, Job& job, const Running& running, const EndedAttempt& ended);
     void settleDoubt(Phone& phone, Job& job, const Running& running);

@@ -225,10 +225,14 @@ OutboxState::Phone* OutboxState::find(const PeerKey& peerKey) {
     return at == phones.end() ? nullptr : &*at;
 }
 
+void OutboxState::Phone::forgetFailures() {
+    std::erase_if(failed, [](const auto& entry) { return entry.second != cancelled; });
+    waiting.clear();
+}
+
 void OutboxState::forgetFailures() {
     for (Phone& phone : phones) {
-        phone.failed.clear();
-        phone.waiting.clear();
+        phone.forgetFailures();
     }
 }
 

@@ -28,6 +28,8 @@ namespace orlinth::host {
 class OutboxState {
 public:
     static constexpr const char* folderName = "outbox";
+    /// Why a file has failed that somebody has cancelled: for good, whoever tries the others again.
+    static constexpr const char* cancelled = "cancelled";
     static constexpr const char* fileName = "state.jsonl";
 
     /// One phone that the batch goes to.
@@ -40,6 +42,8 @@ public:
 
         /// The file was sent, so the phone does not wait for anything just now.
         void setDone(const std::string& file);
+        /// Everything that has failed is to be tried again, but what was cancelled.
+        void forgetFailures();
         /// Whether it is neither done nor failed.
         [[nodiscard]] bool isOpen(const std::string& file) const;
         /// What to call it: its name, or the beginning of its key.

@@ -406,9 +406,8 @@ Task<Finding> Doctor::lookAtFirewall() {
 
 Task<Finding> Doctor::lookAtDownloads() {
     co_await isServiceKnown_.wait();
-    const auto look = [this] {
-        return checkDownloads(home_,
-                              downloads_.empty() ? chooseDownloadsFolder(home_, request_.downloads).path : downloads_);
+    const auto look = [this, said = downloads_] { // on another thread, while the service may still answer
+        return checkDownloads(home_, said.empty() ? chooseDownloadsFolder(home_, request_.downloads).path : said);
     };
     co_return co_await platform::blocking(home_.system.queues, look);
 }

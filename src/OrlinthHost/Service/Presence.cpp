@@ -19,7 +19,10 @@ void Presence::left(const PeerKey& phone, Moment heard) {
 
 void Presence::proved(const PeerKey& phone, Moment heard) {
     Phone& known = phones_[phone];
-    known.seen = std::max(known.seen.value_or(heard.epoch), heard.epoch);
+    if (!known.seenAt || heard.instant >= *known.seenAt) { // by the clock that nobody sets
+        known.seenAt = heard.instant;
+        known.seen = heard.epoch;
+    }
     if (heard.instant < changedAt_ || heard.instant < known.failedAt) {
         return;
     }
@@ -69,7 +72,8 @@ void Presence::networkChanged(Instant now) {
                  .hasRefused = false,
                  .isHeardOf = false,
                  .failedAt = phone.failedAt,
-                 .seen = phone.seen};
+                 .seen = phone.seen,
+                 .seenAt = phone.seenAt};
     }
 }
 

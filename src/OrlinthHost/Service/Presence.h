@@ -65,6 +65,7 @@ private:
         bool isHeardOf = false;  ///< in this network
         Instant failedAt{};      ///< when it last refused or did not answer
         std::optional<EpochMilliseconds> seen;
+        std::optional<Instant> seenAt; ///< the same moment
     };
 
     [[nodiscard]] static PresenceState stateOf(const Phone& phone, Instant now);

@@ -190,12 +190,15 @@ Task<> Service::Parts::finish() {
     network.stop();
     partials.stop();
     for (ServiceFace* const face : faces) {
-        co_await face->finish();
+        face->stop();
     }
     co_await control.finish();
     co_await outbox.finish();
     co_await events.finish();
     co_await history.finish();
+    for (ServiceFace* const face : faces) {
+        co_await face->finish(); // behind what must not be lost: somebody's files may be large
+    }
     co_await arrivals.finish();
     co_await sharedPeers.finish(); // behind those who have news for it
     co_await partials.finish();    // behind the others: its folder may take its time

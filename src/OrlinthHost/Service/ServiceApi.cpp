@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Share/ShareStaging.h"
 #include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
 #include "platform/Blocking.h"
 
 #include <utility>
@@ -115,7 +116,12 @@ std::vector<TransferView> ServiceApi::transfers() const {
 }
 
 Task<BatchId> ServiceApi::share(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones) {
-    const auto stage = [this, &files, &phones] {
+    const auto stage = [this, &files, &phones, isEnding = isEnding_] {
+        if (!phones && home_.peers().loadBook().peers.size() > 1) {
+            if (const std::optional<PeerRecord> phone = likelyPeer(home_)) {
+                phones.emplace({phone->peer_pubkey});
+            }
+        }
         const ShareOutbox outbox(home_.system.files, home_.system.directories);
         ShareStaging staging({.files = home_.system.files,
                               .clock = home_.system.clock,
@@ -123,6 +129,9 @@ Task<BatchId> ServiceApi::share(std::vector<platform::Path> files, std::optional
                               .busSignals = home_.system.busSignals},
                              outbox);
         for (const platform::Path& file : files) {
+            if (*isEnding) {
+                throw HostError("the service is ending");
+            }
             if (!staging.add(file)) {
                 throw HostError("'" + file.string() + "' cannot be shared: " + staging.lastProblem());
             }
@@ -152,6 +161,7 @@ void ServiceApi::listening(std::uint16_t port) {
 }
 
 void ServiceApi::stopping() {
+    *isEnding_ = true;
     state_ = ServiceView::State::stopping;
     lastText_.forget();
     changed();

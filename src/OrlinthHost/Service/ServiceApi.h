@@ -10,8 +10,10 @@
 #include "OrlinthHost/Service/TransferList.h"
 #include "platform/Condition.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -59,8 +61,8 @@ public:
     /// Ends this transfer for good: what comes in is declined from now on, what goes out is not sent any more. Returns
     /// whether it is under way.
     [[nodiscard]] bool cancelTransfer(TransferNumber number);
-    /// Copies these files into the outbox, for these phones, or for the one that was paired last; returns the batch.
-    /// All of them, or none. @throws HostError, ShareError
+    /// Copies these files into the outbox, for these phones, or for the default phone; returns the batch. All of them,
+    /// or none. @throws HostError, also if the service ends meanwhile; ShareError
     [[nodiscard]] Task<BatchId> share(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones);
     /// OutboxSender::retry().
     [[nodiscard]] bool retry(const std::optional<BatchId>& batch) { return outbox_.retry(batch); }
@@ -101,6 +103,8 @@ private:
     const platform::Path downloads_;
     ServiceView::State state_ = ServiceView::State::starting;
     std::uint16_t port_ = 0;
+    /// Shared with those who copy files on other threads.
+    std::shared_ptr<std::atomic<bool>> isEnding_ = std::make_shared<std::atomic<bool>>(false);
     std::uint64_t version_ = 1;
     std::uint64_t phonesVersion_ = 1;
     platform::Condition news_;

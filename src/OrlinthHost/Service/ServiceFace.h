@@ -16,7 +16,9 @@ public:
     /// that does not work keeps no service from its work. `api` stays until finish() has returned.
     /// @throws platform::Cancelled
     [[nodiscard]] virtual Task<> start(ServiceApi& api) = 0;
-    /// Shows it no more. The last call; start() need not have been called.
+    /// The service ends: nothing more is taken in. start() need not have been called.
+    virtual void stop() = 0;
+    /// Shows it no more, and waits for what is under way. The last call; start() need not have been called.
     [[nodiscard]] virtual Task<> finish() = 0;
 };
 

@@ -209,12 +209,15 @@ Task<> SocketFace::watch(platform::Stream& stream) {
     const Counted counted(watchers_);
     NewsReader reader(api_);
     bool hasEnded = false;
-    bool isTimeToLook = true;
+    std::optional<platform::Clock::Instant> lookedAt; // at the phones
     while (!hasEnded) {
+        const platform::Clock::Instant now = home_.system.clock.now();
+        const bool isTimeToLook = !lookedAt || now - *lookedAt >= phonesInterval;
+        if (isTimeToLook) {
+            lookedAt = now;
+        }
         co_await sendNews(stream, reader, isTimeToLook);
-        const platform::Clock::Instant before = home_.system.clock.now();
         co_await untilNews(stream, reader, hasEnded);
-        isTimeToLook = home_.system.clock.now() - before >= phonesInterval;
         if (!hasEnded) {
             co_await home_.system.clock.sleep(newsInterval); // what comes meanwhile comes together
         }

@@ -5,6 +5,7 @@
 #include "orlinth/Reporting/StatusText.h"
 #include "orlinth/Reporting/Terminal.h"
 
+#include <algorithm>
 #include <unistd.h>
 #include <utility>
 
@@ -30,8 +31,14 @@ private:
 
     void draw() {
         isDue_ = false;
-        const std::vector<std::string> lines =
+        std::vector<std::string> lines =
             text_.lines(host_.system.clock.epochMilliseconds(), columnsOfTerminal(STDOUT_FILENO) - 1);
+        const std::size_t room = std::max<std::size_t>(rowsOfTerminal(STDOUT_FILENO), 3) - 1; // what is above scrolls
+        if (lines.size() > room) {
+            const std::size_t left = lines.size() - (room - 1);
+            lines.resize(room - 1);
+            lines.push_back("… and " + std::to_string(left) + " more lines");
+        }
         std::string page = drawn_ > 0 ? "\x1b[" + std::to_string(drawn_) + "A\r\x1b[J" : "";
         for (const std::string& line : lines) {
             page += (&line == &lines.front() ? "" : "\n") + line;

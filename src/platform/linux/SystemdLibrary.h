@@ -27,6 +27,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_emit_signal);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_events);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_fd);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_n_queued_write);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_timeout);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_get_unique_name);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_is_open);

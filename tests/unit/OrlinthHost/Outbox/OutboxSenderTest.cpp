@@ -725,6 +725,42 @@ TEST_F(OutboxSenderTest, CancelsOneFileAndSendsTheOthers) {
     EXPECT_TRUE(sender_->batches().empty());
 }
 
+TEST_F(OutboxSenderTest, WhatWasCancelledIsNotTriedAgainWithTheRest) {
+    pair({world_.phoneRecord(), tabletRecord()});
+    put(first, {"a.txt", "b.txt"}, 1000, std::vector{world_.phoneRecord().peer_pubkey, tabletRecord().peer_pubkey});
+    start();
+    pass(1s);
+    EXPECT_TRUE(sender_->cancel(BatchId(first), tabletRecord().peer_pubkey));
+    EXPECT_FALSE(sender_->cancel(BatchId(first), tabletRecord().peer_pubkey)) << "nothing is left of it";
+    EXPECT_TRUE(sender_->retry(BatchId(first)));
+    ASSERT_EQ(1U, sender_->batches().size());
+    EXPECT_EQ("Pixel-8", sender_->batches()[0].phone);
+    world_.alongside(take(2));
+    EXPECT_TRUE(sender_->retry(BatchId(first), world_.phoneRecord().peer_pubkey));
+    pass(10s);
+    EXPECT_EQ(2U, taken_.size());
+    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_THAT(told(What::done), IsEmpty()) << "not everything was sent";
+}
+
+TEST_F(OutboxSenderTest, AnAttemptThatTheEndOfTheServiceCutsWasNotCancelledByAnybody) {
+    put(first, {"a.txt"});
+    std::vector<std::string> ends;
+    world_.alongside(beginOneAndTakeOne(2s));
+    start([&ends](OutboxSender& sender) {
+        sender.watcher = {
+            .onStarted = {}, .onProgress = {}, .onEnded = [&ends](auto, auto end, const std::string& why) {
+                ends.push_back(end == OutboxSender::AttemptEnd::failed ? why : "something else");
+            }};
+    });
+    pass(1s);
+    stop();
+    EXPECT_THAT(ends, ElementsAre("the service has ended"));
+    start();
+    pass(10s);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+}
+
 TEST_F(OutboxSenderTest, CancellingWhatHasEndedDoesNothing) {
     put(first, {"a.txt"});
     std::optional<OutboxSender::AttemptNumber> attempt;
