@@ -306,7 +306,7 @@ class Texts(ServeTest):
         self.assert_sent(self.phone, self.file("a.bin", b"abc"), service)
         self.assert_ends(service)
         self.assertIn("cannot write the clipboard: there is no desktop session", service.stderr)
-        self.assertIn("\nTo print the text: `orlinth clip --last`\n", service.stderr)
+        self.assertIn("\nTo print the last text: `orlinth clip --last`\n", service.stderr)
         self.assertNotIn("secret", service.stderr)
 
     def started(self, command):

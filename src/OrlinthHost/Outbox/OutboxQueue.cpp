@@ -368,8 +368,8 @@ void OutboxQueue::settlePhone(Job& job, const PeerKey& peerKey) {
     std::vector<std::string> done;
     std::copy_if(job.batch.manifest.files.begin(), job.batch.manifest.files.end(), std::back_inserter(done),
                  [&phone](const std::string& name) { return phone.done.contains(name); });
-    if (!done.empty()) {
-        LastPhone(home_).remember(peerKey);
+    if (!done.empty() && LastPhone(home_).remember(peerKey) && onLastPhone) {
+        onLastPhone();
     }
     events_.through(phone, done);
 }

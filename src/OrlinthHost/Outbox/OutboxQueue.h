@@ -58,6 +58,8 @@ public:
 
     /// Called when a batch has come, has gone, or anything of its state has changed. May be empty. Must not throw.
     std::function<void()> onChanged;
+    /// Called when LastPhone is another one than before. May be empty. Must not throw.
+    std::function<void()> onLastPhone;
 
     /// What a look has brought.
     struct News {
@@ -115,7 +117,7 @@ public:
     void saveWhatIsBehind();
 
     /// Tries again what has failed in a batch, and brings it back if it was set aside; returns whether there is one.
-    /// @throws OutboxError, platform::SystemError
+    /// @throws OutboxError, HostError, PeerStoreError, platform::SystemError
     [[nodiscard]] bool retry(const BatchId& id);
     /// Tries again what has failed for one phone; returns whether there is such a batch for it.
     [[nodiscard]] bool retry(const BatchId& id, const PeerKey& peerKey);

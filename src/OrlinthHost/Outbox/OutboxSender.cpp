@@ -182,6 +182,11 @@ OutboxSender::OutboxSender(Home& home, const platform::PrivateKey& ownKey, Outbo
             onBatches();
         }
     };
+    queue_.onLastPhone = [this] {
+        if (onLastPhone) {
+            onLastPhone();
+        }
+    };
 }
 
 OutboxSender::~OutboxSender() = default;

@@ -64,6 +64,8 @@ public:
     Watcher watcher;
     /// Called when anything of batches() has changed. May be empty. Must not throw. Set before start().
     std::function<void()> onBatches;
+    /// Called when LastPhone is another one than before. May be empty. Must not throw. Set before start().
+    std::function<void()> onLastPhone;
 
     /// Between two calls of Watcher::onProgress for one attempt.
     static constexpr Seconds watchInterval = 250ms;
@@ -92,7 +94,7 @@ public:
     /// The peer store may have changed.
     void peersChanged();
     /// Tries now what waits; with `id`, that batch as a whole, also if it was set aside. Returns whether there is such
-    /// a batch; without one always.
+    /// a batch; without one always. @throws as OutboxQueue::retry()
     [[nodiscard]] bool retry(const std::optional<BatchId>& id);
     /// Tries now what one phone has not got of a batch, also what has failed. Returns whether there is such a batch.
     [[nodiscard]] bool retry(const BatchId& id, const PeerKey& peerKey);

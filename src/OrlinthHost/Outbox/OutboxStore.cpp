@@ -134,17 +134,21 @@ void OutboxStore::bringBack(const BatchId& id) {
     batches_.bringBack(id);
 }
 
-/// Nobody has chosen the phone of this batch: whoever brings it back wants it to go to the one that is there now.
+/// Nobody has chosen the phone of this batch: whoever brings it back wants it to go to the one that is there now. If
+/// the settings do not say which that is, nothing is changed.
 void OutboxStore::chooseAgain(const ShareOutbox::Manifest& manifest) const {
-    OutboxState state(home_.system.files, memoryOf(BatchId(manifest.id)));
-    state.remove();
+    bool isKnown = true;
     try {
         static_cast<void>(phonesOf(manifest)); // as the batch is taken in, which finds the same
     } catch (const OutboxError&) {
-        if (const std::optional<PeerRecord> latest = likelyPeer(home_)) {
-            state.phones.push_back(freshPhone(latest->peer_pubkey, &*latest));
-            state.save();
-        }
+        isKnown = false;
+    }
+    const std::optional<PeerRecord> phone = isKnown ? std::nullopt : defaultRecord(home_);
+    OutboxState state(home_.system.files, memoryOf(BatchId(manifest.id)));
+    state.remove();
+    if (phone) {
+        state.phones.push_back(freshPhone(phone->peer_pubkey, &*phone));
+        state.save();
     }
 }
 

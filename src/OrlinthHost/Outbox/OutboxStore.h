@@ -37,14 +37,15 @@ public:
     [[nodiscard]] std::vector<Entry> matching(const std::vector<std::string>& selectors) const;
 
     /// What has failed for good is to be tried again; a batch that was set aside is brought back.
-    /// @throws OutboxError, PeerStoreError
+    /// @throws as bringBack()
     void retry(const Entry& entry);
     /// Removes the batch and what is remembered of it.
     void drop(const Entry& entry);
 
     /// Moves a batch that was set aside back into the outbox, to be tried as a whole: but for what its phones have. One
     /// for which no phone was chosen, and whose phone is not paired any more, goes to the default phone.
-    /// @throws OutboxError, PeerStoreError
+    /// @throws HostError if the settings mean none or several, and then it stays where it is; OutboxError,
+    ///         PeerStoreError
     void bringBack(const BatchId& id);
 
     /// The phones that a batch is for, as phonesFor(manifest, book, …) says. @throws HostError, PeerStoreError,

@@ -1,6 +1,5 @@
 #include "OrlinthHost/Phones/LastPhone.h"
 
-#include "OrlinthHost/Phones/SharedPeers.h"
 #include "base/Json.h"
 #include "platform/WholeFile.h"
 
@@ -28,21 +27,21 @@ std::optional<PeerKey> LastPhone::load() const noexcept {
     }
 }
 
-void LastPhone::remember(const PeerKey& phone) noexcept {
+bool LastPhone::remember(const PeerKey& phone) noexcept {
     try {
         if (load() == phone) {
-            return;
+            return false;
         }
         const std::string text = prettyJson({{lastPhoneKey, phone.text()}});
         // of two at a time either is right, so no lock; and a power cut may take it
         platform::writeWholeFile(home_.system.files, file(), asBytes(text), lastPhonePermissions,
                                  platform::Flush::later);
+        return true;
     } catch (const std::exception& error) {
         home_.system.log.write(platform::LogLevel::warning, "com.tarvinex.orlinth", "phones",
                                "cannot save which phone was sent to last: " + describe(error));
-        return;
+        return false;
     }
-    updateSharedPeers(home_);
 }
 
 platform::Path LastPhone::file() const {

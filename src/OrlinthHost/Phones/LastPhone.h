@@ -23,8 +23,9 @@ public:
     explicit LastPhone(const Home& home) : home_(home) {}
 
     [[nodiscard]] std::optional<PeerKey> load() const noexcept;
-    /// This phone has just taken something. Brings the share sheet's list in step if it is another one than before.
-    void remember(const PeerKey& phone) noexcept;
+    /// This phone has just taken something. Returns whether it is another one than before: then the share sheet's list
+    /// is out of date (SharedPeers). Writes one small file, without a lock, so that nobody can hold it up.
+    [[nodiscard]] bool remember(const PeerKey& phone) noexcept;
 
 private:
     [[nodiscard]] platform::Path file() const;

@@ -169,16 +169,20 @@ CheckedPeer selectPeer(const Home& home, const std::string& selector, const plat
     return checkPeer(resolvePeer(home, selector), ownKey, use);
 }
 
-CheckedPeer defaultPeer(const Home& home, const platform::PublicKey& ownKey, PeerUse use) {
-    const auto record = home.peers().loadBook().peers.empty() ? std::nullopt : chosenPeer(home);
-    if (record) {
-        return checkPeer(*record, ownKey, use);
+std::optional<PeerRecord> defaultRecord(const Home& home) {
+    if (home.peers().loadBook().peers.empty()) {
+        return std::nullopt;
     }
-    const auto usual = usualPeer(home);
-    if (!usual) {
+    std::optional<PeerRecord> chosen = chosenPeer(home);
+    return chosen ? chosen : usualPeer(home);
+}
+
+CheckedPeer defaultPeer(const Home& home, const platform::PublicKey& ownKey, PeerUse use) {
+    const std::optional<PeerRecord> record = defaultRecord(home);
+    if (!record) {
         throw HostError("no phone is paired yet", "`orlinth pair` pairs one.");
     }
-    return checkPeer(*usual, ownKey, use);
+    return checkPeer(*record, ownKey, use);
 }
 
 std::optional<PeerRecord> likelyPeer(const Home& home) {

@@ -35,8 +35,12 @@ enum class PeerUse {
 ///         PeerStoreError
 [[nodiscard]] CheckedPeer defaultPeer(const Home& home, const platform::PublicKey& ownKey, PeerUse use);
 
-/// The same for whoever has nobody to tell: settings that mean none or several do not count. The record is unchecked;
-/// nothing if no phone is paired. @throws PeerStoreError
+/// The same unchecked; nothing if no phone is paired. @throws HostError if the settings mean none or several;
+///         PeerStoreError
+[[nodiscard]] std::optional<PeerRecord> defaultRecord(const Home& home);
+
+/// The same for the order of a list, which is nobody's to be told: settings that mean none or several do not count.
+/// Nothing is sent because of it. @throws PeerStoreError
 [[nodiscard]] std::optional<PeerRecord> likelyPeer(const Home& home);
 
 /// The records that the selectors mean, each once, in their order; without a selector the default phone.

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Phones/LastPhone.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "platform/SystemError.h"
 #include "platform/WholeFile.h"
@@ -76,24 +77,28 @@ void SharedPeersUpdates::update() {
 void SharedPeersUpdates::look() {
     Status store;
     Status meetings;
+    Status last;
     try {
         store = home_.system.files.status(home_.peers().fileURL());
         meetings = home_.system.files.status(home_.dataDirectory() / AddressMemory::fileName);
+        last = home_.system.files.status(home_.dataDirectory() / LastPhone::fileName);
     } catch (const platform::SystemError&) {
         return; // the list is a convenience, and the next change writes it anew
     }
-    const bool isSameStore = isSame(store_, store);
-    if (isSameStore && (isSame(meetings_, meetings) || !meetings)) {
+    const bool isSameOrder = isSame(last_, last) || (!last_ && !last);
+    const bool isSameList = isSame(store_, store) && isSameOrder; // but for when they were met
+    if (isSameList && (isSame(meetings_, meetings) || !meetings)) {
         return;
     }
     const platform::Clock::Instant now = home_.system.clock.now();
-    if (isSameStore && now - writtenAt_ < meetingsInterval) {
+    if (isSameList && now - writtenAt_ < meetingsInterval) {
         asio::post(home_.executor, [this, left = meetingsInterval - (now - writtenAt_)] { updateIn(left); });
         return;
     }
     updateSharedPeers(home_);
     store_ = store;
     meetings_ = meetings;
+    last_ = last;
     writtenAt_ = now;
 }
 

@@ -15,8 +15,8 @@ namespace orlinth::host {
 void updateSharedPeers(const Home& home) noexcept;
 
 /// The same for whoever is told often that something may have changed: off the home's executor, and only if it has. If
-/// the store has changed, the list is written at once. If phones were only met again, it is written no sooner than a
-/// minute after it was last written.
+/// the store or the last phone (LastPhone) has changed, the list is written at once. If phones were only met again, it
+/// is written no sooner than a minute after it was last written.
 ///
 /// Threading: called on the home's executor; works on a thread of its own.
 class SharedPeersUpdates {
@@ -44,6 +44,7 @@ private:
     Chores work_;
     Status store_;    ///< the peer store's file when the list was written; on the queue of `work_`, like those below
     Status meetings_; ///< that of AddressMemory
+    Status last_;     ///< that of LastPhone
     platform::Clock::Instant writtenAt_{};
 };
 

@@ -1,6 +1,7 @@
 #include "OrlinthHost/Sending/SendRun.h"
 
 #include "OrlinthHost/Phones/LastPhone.h"
+#include "OrlinthHost/Phones/SharedPeers.h"
 #include "platform/Cancelled.h"
 
 #include <asio/this_coro.hpp>
@@ -80,8 +81,8 @@ Task<int> SendRun::run() {
     }
     co_await finder_.finish();
     sources_.tidy();
-    if (lastTaker_) {
-        LastPhone(home_).remember(*lastTaker_);
+    if (lastTaker_ && LastPhone(home_).remember(*lastTaker_)) {
+        updateSharedPeers(home_);
     }
     if (isCancelled) {
         throw platform::Cancelled();

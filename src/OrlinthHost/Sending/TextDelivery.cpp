@@ -1,6 +1,7 @@
 #include "OrlinthHost/Sending/TextDelivery.h"
 
 #include "OrlinthHost/Phones/LastPhone.h"
+#include "OrlinthHost/Phones/SharedPeers.h"
 #include "OrlinthHost/Reach/Approach.h"
 
 #include <asio/this_coro.hpp>
@@ -47,8 +48,8 @@ Task<OneOffEnd> deliverText(Home& home, FindSetting find, std::string text, std:
     approach.abandon();
     co_await finder.finish();
     const OneOffEnd end = outcome.take();
-    if (end != OneOffEnd::brokeOff) {
-        LastPhone(home).remember(watched.peer.peer_pubkey);
+    if (end != OneOffEnd::brokeOff && LastPhone(home).remember(watched.peer.peer_pubkey)) {
+        updateSharedPeers(home);
     }
     co_return end;
 }

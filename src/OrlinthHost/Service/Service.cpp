@@ -104,6 +104,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
             sharedPeers.update(); // it was met
         }
     };
+    outbox.onLastPhone = [this] { sharedPeers.update(); };
     api.onTransferEnded = [this](const TransferView& transfer) { history.ended(transfer); };
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;

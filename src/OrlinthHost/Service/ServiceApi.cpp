@@ -19,7 +19,7 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       downloads_(std::filesystem::absolute(downloads)),
       news_(home.executor),
       transfers_(home, [this] { changed(); }),
-      lastText_(home) {
+      lastText_(home.system.clock, home.executor) {
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };
     transfers_.onEnded = [this](const TransferView& transfer) {

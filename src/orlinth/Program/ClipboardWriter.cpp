@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/PasteboardWriter.h"
 #include "OrlinthCore/Receiving/ReceivingLimits.h"
+#include "OrlinthHost/Service/LastText.h"
 
 #include <asio/post.hpp>
 
@@ -9,10 +10,24 @@
 
 namespace orlinth::cli {
 
+namespace {
+
+/// What can be done about a text that did not reach the clipboard; "" for an empty one.
+std::string hintFor(std::size_t bytes) {
+    static_assert(host::LastText::maxBytes == std::size_t{1} << 20, "the hint has it");
+    if (bytes > host::LastText::maxBytes) {
+        return "The text is too long to be kept (over 1 MiB).";
+    }
+    return bytes > 0 ? "To print the last text: `orlinth clip --last`" : "";
+}
+
+} // namespace
+
 ClipboardWriter::ClipboardWriter(Host& host)
     : host_(host), chores_(host.system.queues, "orlinth.serve.clipboard"), log_(host) {}
 
 void ClipboardWriter::write(std::string text) {
+    log_.setLastSize(text.size());
     const MutexLock guard(lock_);
     const bool isAwaited = newest_.has_value();
     newest_ = std::move(text);
@@ -54,7 +69,9 @@ void ClipboardWriter::ClipboardLog::write(platform::LogLevel level, std::string_
             if (lines_.admits()) {
                 host_.system.log.write(level, subsystem, category, text);
                 host_.output.message(text);
-                host_.output.message("To print the text: `orlinth clip --last`");
+                if (const std::string hint = hintFor(lastSize_); !hint.empty()) {
+                    host_.output.message(hint);
+                }
             }
         });
     } catch (...) {

@@ -6,6 +6,8 @@
 #include "orlinth/Program/Host.h"
 #include "platform/Log.h"
 
+#include <atomic>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,10 +39,13 @@ private:
                    std::string_view message) noexcept override;
         /// Tells of what was left out. On the thread of `main`, behind everything that was written.
         void finish() { lines_.finish(); }
+        /// Of the text that came last, in bytes: it is the one that can still be had. Any thread.
+        void setLastSize(std::size_t bytes) noexcept { lastSize_ = bytes; }
 
     private:
         Host& host_;
         host::LineLimit lines_; ///< on the thread of `main`
+        std::atomic<std::size_t> lastSize_ = 0;
     };
 
     void writeNewest();

@@ -101,8 +101,8 @@ bool takeBesideFlags(SettingsBesideFlags& beside, const Setting& setting) {
     if (setting.fullName() == "id.name") {
         beside.computerName = textOf(setting);
         if (!isUsableName(beside.computerName)) {
-            throw SettingsError("'id.name' may have " + std::to_string(maxPeerNameBytes) +
-                                " bytes and no control characters");
+            throw SettingsError("'id.name' must be at most " + std::to_string(maxPeerNameBytes) +
+                                " bytes, without control characters");
         }
         return true;
     }

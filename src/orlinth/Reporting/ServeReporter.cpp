@@ -337,10 +337,9 @@ void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
         ++moreTexts_;
         return;
     }
-    const std::string where = choices_.writesClipboard ? ", on the clipboard" : "";
     host_.system.notifications.show(
         {.title = "Text from " + host::phoneForDisplay(host_, clipboard.from, clipboard.peerKey),
-         .body = sizeOfText(clipboard.text) + where,
+         .body = sizeOfText(clipboard.text), // whether it reaches the clipboard is not known yet
          .actions = {}},
         host_.tasks.executor(), {});
     isTextBurst_ = true;
@@ -353,10 +352,7 @@ void ServeReporter::tellMoreTexts() {
         return;
     }
     const std::string more = std::to_string(moreTexts_) + (moreTexts_ == 1 ? " more text" : " more texts");
-    host_.system.notifications.show(
-        {.title = "Texts from your phones",
-         .body = more + (choices_.writesClipboard ? ", the last one on the clipboard" : "")},
-        host_.tasks.executor(), {});
+    host_.system.notifications.show({.title = "Texts from your phones", .body = more}, host_.tasks.executor(), {});
     moreTexts_ = 0;
     textBurstTimer_->arm(burstTime, [this] { tellMoreTexts(); });
 }

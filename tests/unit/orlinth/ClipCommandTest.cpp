@@ -1,3 +1,4 @@
+#include "OrlinthCore/Share/ShareOutbox.h"
 #include "unit/orlinth/CommandWorld.h"
 
 namespace orlinth::cli {
@@ -54,6 +55,15 @@ TEST_F(ClipCommandTest, SendsTheTextAndSaysHowLongItWas) {
     EXPECT_EQ(ended.output, "sent 7 bytes of text to Pixel-8\n");
     EXPECT_THAT(ended.errors, IsEmpty());
     EXPECT_THAT(taken, ElementsAre("text/html: Grüße"));
+}
+
+TEST_F(ClipCommandTest, BringsTheShareSheetsListInStepWhenAPhoneHasTakenAText) {
+    const auto shared = [this] { return ShareOutbox(world.files, world.system.directories).readPeers(); };
+    EXPECT_THAT(shared(), IsEmpty());
+    world.alongside(take(0s));
+    EXPECT_EQ(clip({"--text", "a"}).status, 0);
+    ASSERT_THAT(shared(), testing::SizeIs(1));
+    EXPECT_EQ(shared()[0].pubkey, world.phoneRecord().peer_pubkey);
 }
 
 TEST_F(ClipCommandTest, GivesAPhoneThatProvesNothingTenSeconds) {

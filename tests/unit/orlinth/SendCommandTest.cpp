@@ -1,4 +1,5 @@
 #include "OrlinthCore/SecureChannel/KeyVault.h"
+#include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/LastPhone.h"
 #include "fakes/ProvenKey.h"
@@ -49,9 +50,13 @@ TEST_F(SendCommandTest, RemembersThePhoneThatTookAFileAndNotOneThatDidNot) {
     Host host(world.system, tasks, output);
     EXPECT_EQ(send({"--warm-timeout", "0.1", "--wake-timeout", "0"}).status, 1);
     EXPECT_EQ(host::LastPhone(host).load(), std::nullopt);
+    const auto shared = [this] { return ShareOutbox(world.files, world.system.directories).readPeers(); };
+    EXPECT_THAT(shared(), IsEmpty());
     world.alongside(take());
     EXPECT_EQ(send({}).status, 0);
     EXPECT_EQ(host::LastPhone(host).load(), world.phoneRecord().peer_pubkey);
+    ASSERT_THAT(shared(), testing::SizeIs(1)) << "and brings the share sheet's list in step";
+    EXPECT_EQ(shared()[0].pubkey, world.phoneRecord().peer_pubkey);
 }
 
 TEST_F(SendCommandTest, GivesAPhoneThatProvesNothingTenSeconds) {

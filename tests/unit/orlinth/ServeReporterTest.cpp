@@ -1,5 +1,6 @@
 #include "orlinth/Reporting/ServeReporter.h"
 
+#include "OrlinthHost/Service/LastText.h"
 #include "fakes/TemporaryFolder.h"
 #include "fakes/World.h"
 
@@ -80,6 +81,18 @@ private:
     std::string before_ = std::getenv("PATH");
 };
 
+/// What is written to standard error meanwhile, as lines.
+std::vector<std::string> linesOf(const std::function<void()>& action) {
+    testing::internal::CaptureStderr();
+    action();
+    std::istringstream written(testing::internal::GetCapturedStderr());
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(written, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 TEST_F(ServeReporterTest, ShowsAFileThatHasCome) {
     reporter_.fileReceived(file("/home/ann/Downloads/a & b.txt"));
     ASSERT_EQ(1U, shown().size());
@@ -146,7 +159,7 @@ TEST_F(ServeReporterTest, SaysOfATextHowLongItIsAndNotWhatItSays) {
     reporter_.textReceived({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
     ASSERT_EQ(1U, shown().size());
     EXPECT_EQ("Text from Pixel", shown()[0].notification.title);
-    EXPECT_EQ("13 bytes of text, on the clipboard", shown()[0].notification.body);
+    EXPECT_EQ("13 bytes of text", shown()[0].notification.body);
     EXPECT_TRUE(shown()[0].notification.actions.empty());
 }
 
@@ -206,6 +219,24 @@ TEST_F(ServeReporterTest, WritesTheNewestOfTheTextsThatHaveCome) {
     EXPECT_EQ("four", world_.clipboard.text());
 }
 
+TEST_F(ServeReporterTest, SaysWhereATextIsThatDidNotReachTheClipboard) {
+    world_.clipboard.hasSession = false;
+    const auto linesFor = [this](const std::string& text) {
+        return linesOf([&] {
+            reporter_.textReceived(textOf(text));
+            fakes::runUntilIdle(world_.context, world_.clock);
+        });
+    };
+    const std::string problem = "cannot write the clipboard: there is no desktop session";
+    EXPECT_EQ(linesFor("correct horse"),
+              (std::vector<std::string>{problem, "To print the last text: `orlinth clip --last`"}));
+    EXPECT_EQ(linesFor(std::string(host::LastText::maxBytes, 'x')),
+              (std::vector<std::string>{problem, "To print the last text: `orlinth clip --last`"}));
+    EXPECT_EQ(linesFor(std::string(host::LastText::maxBytes + 1, 'x')),
+              (std::vector<std::string>{problem, "The text is too long to be kept (over 1 MiB)."}));
+    EXPECT_EQ(linesFor(""), std::vector<std::string>{problem});
+}
+
 TEST_F(ServeReporterTest, ShowsManyTextsAsOne) {
     for (const char* text : {"one", "two", "three"}) {
         reporter_.textReceived(textOf(text));
@@ -215,24 +246,12 @@ TEST_F(ServeReporterTest, ShowsManyTextsAsOne) {
     ASSERT_EQ(2U, shown().size());
     EXPECT_EQ(ServeReporter::burstTime.count(), world_.clock.elapsed());
     EXPECT_EQ("Texts from your phones", shown()[1].notification.title);
-    EXPECT_EQ("2 more texts, the last one on the clipboard", shown()[1].notification.body);
+    EXPECT_EQ("2 more texts", shown()[1].notification.body);
     reporter_.fileReceived(file("/home/ann/Downloads/a.txt"));
     EXPECT_EQ(3U, shown().size()) << "a file is told of all the same";
 }
 
 // ---- lines
-
-/// What is written to standard error meanwhile, as lines.
-std::vector<std::string> linesOf(const std::function<void()>& action) {
-    testing::internal::CaptureStderr();
-    action();
-    std::istringstream written(testing::internal::GetCapturedStderr());
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(written, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 Receiver::Failure failureOf(const std::string& phone) {
     return {.error = std::make_exception_ptr(ReceiveError::wire("broken")),

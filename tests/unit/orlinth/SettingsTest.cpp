@@ -195,7 +195,7 @@ TEST_F(SettingsFile, HasTheNameOfThisComputer) {
     apply("[id]\nname = \" Ann's laptop \"\n");
     EXPECT_EQ(beside.computerName, "Ann's laptop");
     for (const std::string& name : {std::string(), std::string(256, 'x'), std::string("a\\nb")}) {
-        EXPECT_THAT(errorOf("[id]\nname = \"" + name + "\"\n"), HasSubstr("line 2, column 1: 'id.name' "));
+        EXPECT_THAT(errorOf("[id]\nname = \"" + name + "\"\n"), HasSubstr("line 2, column 1: 'id.name' must be "));
     }
 }
 

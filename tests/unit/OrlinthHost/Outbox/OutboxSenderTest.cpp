@@ -36,6 +36,28 @@ TEST_F(OutboxSenderTest, SendsTheFilesOfABatchInTheirOrderAndRemovesIt) {
     EXPECT_THAT(notices(), ElementsAre("sent 2 to Pixel-8"));
 }
 
+TEST_F(OutboxSenderTest, TellsThatAnotherPhoneWasTheLastAndWaitsForNobodyWhoHoldsTheSharedList) {
+    put(first, {"a.txt"});
+    const platform::Path shared = container / "peers.json";
+    int touched = 0;
+    world_.files.beforeEach([&](fakes::Operation, const platform::Path& path) {
+        touched += path.string().starts_with(shared.string()) ? 1 : 0; // the lock too
+    });
+    int told = 0;
+    start([&told](OutboxSender& sender) { sender.onLastPhone = [&told] { ++told; }; });
+    world_.alongside(take(2));
+    pass(1s);
+    EXPECT_EQ(LastPhone(home_).load(), world_.phoneRecord().peer_pubkey);
+    EXPECT_EQ(told, 1);
+    put(second, {"b.txt"});
+    ring();
+    pass(1s);
+    world_.files.beforeEach({});
+    EXPECT_THAT(taken_, ElementsAre("a.txt", "b.txt"));
+    EXPECT_EQ(told, 1) << "it is the same";
+    EXPECT_EQ(touched, 0);
+}
+
 TEST_F(OutboxSenderTest, NoticesAPhoneThatIsGone) {
     put(first, {"a.txt"}, 1000);
     world_.alongside(take(1));

@@ -119,6 +119,33 @@ TEST_F(OutboxStoreTest, BringsABatchForNobodyInParticularBackForThePhoneThatIsTh
     EXPECT_EQ(entryOf(second).state.phones.at(0).peerKey, PeerKey("a phone that was chosen"));
 }
 
+TEST_F(OutboxStoreTest, BringsNothingBackIfTheSettingsNameAPhoneThatIsNotThere) {
+    PeerRecord pixel = world.phoneRecord();
+    pixel.paired_at_epoch_ms = fromEpochMilliseconds(1000); // after the batch was made
+    PeerRecord galaxy = pixel;
+    galaxy.peer_hostname = "Galaxy";
+    galaxy.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    galaxy.paired_at_epoch_ms = fromEpochMilliseconds(2000);
+    pair({pixel, galaxy});
+    put(first, 1, true);
+    putFailure(first, PeerKey("a phone that is gone"));
+    home.defaultPhone = "Tablet";
+    const std::vector<std::string> before = world.files.allFiles();
+    try {
+        store.retry(entryOf(first));
+        ADD_FAILURE() << "it goes to another phone";
+    } catch (const HostError& error) {
+        EXPECT_EQ(error.description(), "no paired phone matches 'Tablet'");
+        EXPECT_THAT(error.hint(), HasSubstr("`to` in [send]"));
+    }
+    EXPECT_TRUE(entryOf(first).isSetAside);
+    EXPECT_EQ(entryOf(first).state.phones.at(0).peerKey, PeerKey("a phone that is gone"));
+    EXPECT_EQ(world.files.allFiles(), before);
+    home.defaultPhone = "pix";
+    store.retry(entryOf(first));
+    EXPECT_EQ(entryOf(first).state.phones.at(0).peerKey, phone);
+}
+
 TEST_F(OutboxStoreTest, DropsABatchWithWhatIsRememberedOfIt) {
     put(first, 1);
     put(second, 2, true);

@@ -22,13 +22,15 @@ protected:
 
 TEST_F(LastPhoneTest, IsRememberedForTheOwnerAloneAndWrittenOnlyIfItIsAnother) {
     home.peers().writeBook({{world.phoneRecord()}});
+    const std::size_t locksBefore = world.files.count(fakes::Operation::lock);
     EXPECT_EQ(last.load(), std::nullopt);
-    last.remember(phone);
+    EXPECT_TRUE(last.remember(phone));
     EXPECT_EQ(LastPhone(home).load(), phone);
     EXPECT_EQ(world.files.status(file)->permissions, 0600U);
     const std::size_t before = world.files.mutations();
-    last.remember(phone);
+    EXPECT_FALSE(last.remember(phone));
     EXPECT_EQ(world.files.mutations(), before);
+    EXPECT_EQ(world.files.count(fakes::Operation::lock), locksBefore) << "it waits for nobody";
 }
 
 TEST_F(LastPhoneTest, IsUnknownIfTheFileMakesNoSense) {
@@ -39,7 +41,7 @@ TEST_F(LastPhoneTest, IsUnknownIfTheFileMakesNoSense) {
         platform::writeWholeFile(world.files, file, asBytes(text));
         EXPECT_EQ(last.load(), std::nullopt) << text;
     }
-    last.remember(phone);
+    EXPECT_TRUE(last.remember(phone));
     EXPECT_EQ(last.load(), phone);
 }
 
@@ -47,7 +49,7 @@ TEST_F(LastPhoneTest, ThatCannotBeSavedHoldsNothingUp) {
     home.peers().writeBook({{world.phoneRecord()}});
     world.files.addFault(
         {.operation = fakes::Operation::rename, .errorNumber = EROFS, .nameEnding = LastPhone::fileName});
-    last.remember(phone);
+    EXPECT_FALSE(last.remember(phone));
     EXPECT_EQ(last.load(), std::nullopt);
     EXPECT_THAT(world.log.messages(),
                 testing::Contains(testing::HasSubstr("cannot save which phone was sent to last")));

@@ -198,7 +198,7 @@ TEST_F(PeerSelectionTest, TakesThePhoneOfTheSettingsBeforeTheOneLastSentToAndTha
         return defaultPeer(home, ownKey, PeerUse::key).record.peer_hostname;
     };
     EXPECT_EQ(standard(), "Tablet");
-    LastPhone(home).remember(galaxy);
+    EXPECT_TRUE(LastPhone(home).remember(galaxy));
     EXPECT_EQ(standard(), "Galaxy");
     home.defaultPhone = "pix";
     EXPECT_EQ(standard(), "Pixel 8");

@@ -83,8 +83,9 @@ TEST_F(SharedPeersTest, BeginWithTheDefaultPhone) {
     };
     updateSharedPeers(home);
     EXPECT_EQ(names(), "DABC") << "paired last";
-    LastPhone(home).remember(book.peers[1].peer_pubkey);
-    EXPECT_EQ(names(), "BACD") << "sent to last, and the list is written at once";
+    EXPECT_TRUE(LastPhone(home).remember(book.peers[1].peer_pubkey));
+    updateSharedPeers(home);
+    EXPECT_EQ(names(), "BACD") << "sent to last";
     home.defaultPhone = "C";
     updateSharedPeers(home);
     EXPECT_EQ(names(), "CABD") << "chosen";
@@ -130,6 +131,26 @@ TEST_F(SharedPeersTest, AreWrittenOnceAMinuteHoweverOftenAPhoneIsMetAndAtOnceIfT
     updates.update();
     pass(1s);
     world.run(updates.finish()); // and no alarm is left
+}
+
+TEST_F(SharedPeersTest, AreWrittenAtOnceIfTheLastPhoneIsAnotherOne) {
+    PeerRecord other = world.phoneRecord();
+    other.peer_hostname = "Tablet";
+    other.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    home.peers().writeBook({{world.phoneRecord(), other}});
+    SharedPeersUpdates updates(home);
+    for (const auto& [key, name] :
+         {std::pair(world.phoneRecord().peer_pubkey, "Pixel-8"), std::pair(other.peer_pubkey, "Tablet")}) {
+        EXPECT_TRUE(LastPhone(home).remember(key));
+        updates.update();
+        world.run(world.clock.sleep(0s));
+        ASSERT_FALSE(shown().empty());
+        EXPECT_THAT(shown().front(), testing::StartsWith(name));
+    }
+    const std::size_t before = world.files.mutations();
+    updates.update();
+    world.run(updates.finish());
+    EXPECT_EQ(world.files.mutations(), before) << "nothing has changed";
 }
 
 TEST_F(SharedPeersTest, AreNoneOnceTheLastPhoneIsRemoved) {

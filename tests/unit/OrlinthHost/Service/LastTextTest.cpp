@@ -7,6 +7,24 @@
 namespace orlinth::host {
 namespace {
 
+/// The clocks of a computer that sleeps now and then: only its wall clock goes on meanwhile.
+class SleepersClock final : public platform::Clock {
+public:
+    explicit SleepersClock(platform::Clock& clock) : clock_(clock) {}
+
+    std::chrono::milliseconds slept{0};
+
+    [[nodiscard]] EpochMilliseconds epochMilliseconds() const override { return clock_.epochMilliseconds() + slept; }
+    [[nodiscard]] Instant now() const override { return clock_.now(); }
+    [[nodiscard]] Task<> sleep(Seconds duration) override { return clock_.sleep(duration); }
+    [[nodiscard]] std::unique_ptr<platform::Timer> makeTimer(Executor executor) override {
+        return clock_.makeTimer(std::move(executor));
+    }
+
+private:
+    platform::Clock& clock_;
+};
+
 class LastTextTest : public ServiceWorldTest {
 protected:
     /// A text comes from the phone.
@@ -68,7 +86,7 @@ TEST_F(LastTextTest, IsForgottenOnRequest) {
 }
 
 TEST_F(LastTextTest, IsForgottenAfterADay) {
-    LastText text(home_);
+    LastText text(world_.clock, home_.executor);
     text.keep("correct horse", "Pixel");
     pass(LastText::lifetime / 2);
     EXPECT_TRUE(text.get());
@@ -77,6 +95,45 @@ TEST_F(LastTextTest, IsForgottenAfterADay) {
     EXPECT_TRUE(text.get()) << "each text has its own day";
     pass(1s);
     settle();
+    EXPECT_FALSE(text.get());
+}
+
+TEST_F(LastTextTest, GrowsOldWhileTheComputerSleeps) {
+    SleepersClock clock(world_.clock);
+    LastText text(clock, home_.executor);
+    text.keep("correct horse", "Pixel");
+    pass(1s);
+    clock.slept = 24h - 1001ms;
+    EXPECT_TRUE(text.get());
+    clock.slept = 24h - 1s;
+    EXPECT_FALSE(text.get()) << "as soon as somebody asks";
+    EXPECT_EQ(world_.clock.pendingAlarms(), 0U);
+}
+
+TEST_F(LastTextTest, IsWipedSoonAfterTheComputerHasSleptForADay) {
+    SleepersClock clock(world_.clock);
+    LastText text(clock, home_.executor);
+    EXPECT_EQ(world_.clock.pendingAlarms(), 0U);
+    text.keep("correct horse", "Pixel");
+    const std::weak_ptr<const LastText::Text> kept = text.get();
+    pass(LastText::longestStep);
+    settle();
+    EXPECT_FALSE(kept.expired());
+    clock.slept = 24h;
+    pass(LastText::longestStep);
+    settle();
+    EXPECT_TRUE(kept.expired()) << "nobody has asked";
+    EXPECT_EQ(world_.clock.pendingAlarms(), 0U) << "nothing wakes the service any more";
+}
+
+TEST_F(LastTextTest, GrowsOldAlsoIfTheWallClockIsSetBack) {
+    SleepersClock clock(world_.clock);
+    LastText text(clock, home_.executor);
+    text.keep("correct horse", "Pixel");
+    clock.slept = -48h;
+    pass(LastText::lifetime - 1s);
+    EXPECT_TRUE(text.get());
+    pass(1s);
     EXPECT_FALSE(text.get());
 }
 
@@ -91,7 +148,7 @@ TEST_F(LastTextTest, EndsWithTheService) {
 }
 
 TEST_F(LastTextTest, IsNotKeptWhenItIsTooLongAndNeitherIsTheOneBefore) {
-    LastText text(home_);
+    LastText text(world_.clock, home_.executor);
     text.keep(std::string(LastText::maxBytes, 'x'), "Pixel");
     ASSERT_TRUE(text.get());
     EXPECT_EQ(text.get()->bytes.size(), LastText::maxBytes);
@@ -103,14 +160,14 @@ TEST_F(LastTextTest, IsNotKeptWhenItIsTooLongAndNeitherIsTheOneBefore) {
 }
 
 TEST_F(LastTextTest, HasANameThatFitsALine) {
-    LastText text(home_);
+    LastText text(world_.clock, home_.executor);
     text.keep("text", std::string(100'000, '\n'));
     ASSERT_TRUE(text.get());
     EXPECT_LT(encodeControlReply(TextReply{.from = text.get()->from}).size(), maxControlLine);
 }
 
 TEST_F(LastTextTest, StaysWithWhoeverIsBeingGivenIt) {
-    LastText text(home_);
+    LastText text(world_.clock, home_.executor);
     text.keep("correct horse", "Pixel");
     const std::shared_ptr<const LastText::Text> held = text.get();
     EXPECT_TRUE(text.forget());

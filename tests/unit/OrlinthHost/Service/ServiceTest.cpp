@@ -349,6 +349,28 @@ TEST_F(ServiceTest, SendsWhatIsInTheOutbox) {
     EXPECT_FALSE(world_.files.exists(outbox / batch));
 }
 
+TEST_F(ServiceTest, ListsThePhoneFirstThatItHasSentSomethingToLast) {
+    PeerRecord tablet = world_.phoneRecord();
+    tablet.peer_pubkey = tabletKey_.publicKey().peerKey();
+    tablet.peer_hostname = "Tablet";
+    tablet.paired_at_epoch_ms += 1s;
+    pair({world_.phoneRecord(), tablet});
+    start();
+    pass(100s);
+    const auto firstShown = [this] {
+        return ShareOutbox(world_.files, world_.system.directories).readPeers().at(0).hostname;
+    };
+    const auto from = phone();
+    pass(1s);
+    ASSERT_EQ(firstShown(), "Tablet") << "paired last";
+    world_.alongside(take());
+    share("a.txt", {{world_.phoneRecord().peer_pubkey}});
+    ring();
+    pass(1s);
+    ASSERT_THAT(taken_, ElementsAre("content of a.txt"));
+    EXPECT_EQ(firstShown(), "Pixel-8");
+}
+
 TEST_F(ServiceTest, SendsAtOnceToAPhoneThatIsHeardOf) {
     share("a.txt");
     start();
