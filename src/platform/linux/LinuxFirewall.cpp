@@ -382,8 +382,10 @@ Task<bool> isUnitActive(Questions& questions, std::string unit) {
     co_return isRead&& state == "active";
 }
 
-/// What polkit calls questions about what is in zones and policies.
+/// What polkit calls questions about which zones and policies are in use, what is in them, and rules of iptables.
+constexpr const char* infoAction = "org.fedoraproject.FirewallD1.info";
 constexpr const char* settingsAction = "org.fedoraproject.FirewallD1.config.info";
+constexpr const char* directRulesAction = "org.fedoraproject.FirewallD1.direct.info";
 
 /// Whether firewalld answers questions of this kind without a password. It has polkit ask the person at the screen for
 /// one, so polkit is asked first, and may ask nobody. Without polkit firewalld decides alone. `questions` outlives the
@@ -423,6 +425,10 @@ public:
             co_return std::nullopt;
         }
         FirewallReport report{.verdict = FirewallReport::Verdict::unknown, .name = "firewalld", .zone = {}};
+        const bool mayAskForZone = co_await mayAskFirewalld(questions_, infoAction);
+        if (!mayAskForZone) {
+            co_return report;
+        }
         const std::string defaultZone = co_await askText(firewalld, "getDefaultZone", {});
         std::vector<std::string> interface{interface_};
         report.zone = co_await askText(firewalldZones, "getZoneOfInterface", std::move(interface));
@@ -561,6 +567,10 @@ private:
 
     /// Rules of iptables that somebody has added through firewalld, which are not judged.
     Task<bool> mayHaveDirectRules() {
+        const bool mayAsk = co_await mayAskFirewalld(questions_, directRulesAction);
+        if (!mayAsk) {
+            co_return true;
+        }
         const bool hasRules = co_await mayHaveDirect("getAllRules", "sssias");
         if (hasRules) {
             co_return true;

@@ -614,14 +614,15 @@ TEST_F(LinuxFirewallTest, KnowsThatAnOlderFirewalldHasNoPolicies) {
 }
 
 /// firewalld has polkit ask the person at the screen for a password, if that is what its settings take.
-TEST_F(LinuxFirewallTest, AsksPolkitBeforeItAsksForSettings) {
+TEST_F(LinuxFirewallTest, AsksPolkitBeforeEachKindOfQuestion) {
     startFirewalld();
     daemons_->providePolkit();
     EXPECT_EQ(ask(), firewalld(Verdict::closed));
     EXPECT_THAT(daemons_->asked,
-                testing::ElementsAre("getDefaultZone", "getZoneOfInterface", "org.fedoraproject.FirewallD1.config.info",
-                                     "getZoneSettings2", "getServiceSettings2", "getActiveZones", "getActivePolicies",
-                                     "getPolicySettings", "getAllRules", "getAllPassthroughs"));
+                testing::ElementsAre("org.fedoraproject.FirewallD1.info", "getDefaultZone", "getZoneOfInterface",
+                                     "org.fedoraproject.FirewallD1.config.info", "getZoneSettings2",
+                                     "getServiceSettings2", "getActiveZones", "getActivePolicies", "getPolicySettings",
+                                     "org.fedoraproject.FirewallD1.direct.info", "getAllRules", "getAllPassthroughs"));
     EXPECT_THAT(daemons_->subjectsOfPolkit, testing::ElementsAre(Texts{"system-bus-name", "0"}));
 }
 
@@ -630,11 +631,25 @@ TEST_F(LinuxFirewallTest, AsksNothingThatTakesAPassword) {
     daemons_->providePolkit();
     using Answer = std::optional<std::pair<bool, bool>>;
     for (const Answer& answer : {Answer({false, true}), Answer({false, false}), Answer()}) {
+        daemons_->authorizations = {{"org.fedoraproject.FirewallD1.info", answer}};
+        daemons_->asked.clear();
+        EXPECT_EQ(ask(), firewalldUnread(""));
+        EXPECT_THAT(daemons_->asked, testing::ElementsAre("org.fedoraproject.FirewallD1.info"));
+
         daemons_->authorizations = {{"org.fedoraproject.FirewallD1.config.info", answer}};
         daemons_->asked.clear();
         EXPECT_EQ(ask(), firewalldUnread());
-        EXPECT_THAT(daemons_->asked, testing::ElementsAre("getDefaultZone", "getZoneOfInterface",
-                                                          "org.fedoraproject.FirewallD1.config.info"));
+        EXPECT_THAT(daemons_->asked,
+                    testing::ElementsAre("org.fedoraproject.FirewallD1.info", "getDefaultZone", "getZoneOfInterface",
+                                         "org.fedoraproject.FirewallD1.config.info"));
+
+        daemons_->authorizations = {{"org.fedoraproject.FirewallD1.direct.info", answer}};
+        daemons_->asked.clear();
+        EXPECT_EQ(ask(), firewalld(Verdict::unknown)) << "there may be rules of iptables";
+        EXPECT_EQ(ask(22), firewalld(Verdict::unknown)) << "which may also keep out what the zone lets in";
+        EXPECT_THAT(daemons_->asked, testing::Contains("org.fedoraproject.FirewallD1.direct.info"));
+        EXPECT_THAT(daemons_->asked, testing::Not(testing::Contains("getAllRules")));
+        EXPECT_THAT(daemons_->asked, testing::Not(testing::Contains("getAllPassthroughs")));
     }
 }
 
