@@ -429,13 +429,14 @@ public:
         if (!mayAskForZone) {
             co_return report;
         }
-        const std::string defaultZone = co_await askText(firewalld, "getDefaultZone", {});
+        const std::optional<std::string> defaultZone = co_await askText(firewalld, "getDefaultZone", {});
         std::vector<std::string> interface{interface_};
-        report.zone = co_await askText(firewalldZones, "getZoneOfInterface", std::move(interface));
-        if (report.zone.empty()) {
-            report.zone = defaultZone;
+        std::optional<std::string> zone = co_await askText(firewalldZones, "getZoneOfInterface", std::move(interface));
+        if (zone && zone->empty()) { // the interface is in none
+            zone = defaultZone;
         }
-        report.isDefaultZone = !report.zone.empty() && report.zone == defaultZone;
+        report.zone = zone.value_or("");
+        report.isDefaultZone = !report.zone.empty() && zone == defaultZone;
         if (report.zone.empty()) {
             co_return report;
         }
@@ -455,12 +456,12 @@ public:
     }
 
 private:
-    /// "" if there is no answer.
-    Task<std::string> askText(BusObject object, const char* member, std::vector<std::string> arguments) {
+    /// Nothing if there is no answer.
+    Task<std::optional<std::string>> askText(BusObject object, const char* member, std::vector<std::string> arguments) {
         std::string text;
         const Questions::Read read = [&text](sd_bus_message* answer) { return readText(answer, text); };
-        static_cast<void>(co_await questions_.ask(object, member, std::move(arguments), read));
-        co_return text;
+        const bool isRead = co_await questions_.ask(object, member, std::move(arguments), read);
+        co_return isRead ? std::optional(std::move(text)) : std::nullopt;
     }
 
     Task<std::optional<Settings>> askSettings(BusObject object, const char* member, std::string name) {

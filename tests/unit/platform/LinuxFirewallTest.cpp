@@ -104,6 +104,7 @@ public:
     bool answersSettings = true;
     bool answersActive = true;
     bool hasPolicies = true; ///< those before 0.9 have none
+    bool answersZoneOfInterface = true;
     /// What polkit says by action, and whether a password helps; none: silence. What is not here is allowed.
     std::map<std::string, std::optional<std::pair<bool, bool>>> authorizations;
     Texts asked;                      ///< of polkit and firewalld, in this order: the actions, and the methods
@@ -253,9 +254,9 @@ private:
     static int onDefaultZone(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
         return replyText(message, askedBy(message, data).defaultZone);
     }
-    static int onZoneOfInterface(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
+    static int onZoneOfInterface(sd_bus_message* message, void* data, sd_bus_error* error) {
         Daemons& self = askedBy(message, data);
-        return replyText(message, self.zoneOfInterface[argument(message)]);
+        return self.answersZoneOfInterface ? replyText(message, self.zoneOfInterface[argument(message)]) : deny(error);
     }
     static int onZoneSettings(sd_bus_message* message, void* data, sd_bus_error* error) {
         const Daemons& self = askedBy(message, data);
@@ -451,6 +452,15 @@ TEST_F(LinuxFirewallTest, LooksAtTheZoneOfTheInterface) {
     EXPECT_EQ(ask(), firewalld(Verdict::closed, "home")) << "which is not the default one";
     daemons_->zone.target = "ACCEPT";
     EXPECT_EQ(ask(), firewalld(Verdict::open, "home"));
+}
+
+TEST_F(LinuxFirewallTest, TakesTheDefaultZoneOnlyForAnInterfaceThatIsInNone) {
+    startFirewalld();
+    daemons_->zone.ports = {{"28471", "tcp"}};
+    daemons_->zoneOfInterface["wlan0"] = "";
+    EXPECT_EQ(ask(), firewalld(Verdict::open));
+    daemons_->answersZoneOfInterface = false;
+    EXPECT_EQ(ask(), firewalldUnread("")) << "it may be in any";
 }
 
 TEST_F(LinuxFirewallTest, FollowsTheServicesThatAServiceIncludes) {
