@@ -424,7 +424,8 @@ public:
         if (!isThere) {
             co_return std::nullopt;
         }
-        FirewallReport report{.verdict = FirewallReport::Verdict::unknown, .name = "firewalld", .zone = {}};
+        FirewallReport report{
+            .verdict = FirewallReport::Verdict::unknown, .name = "firewalld", .zone = {}, .isUnread = true};
         const bool mayAskForZone = co_await mayAskFirewalld(questions_, infoAction);
         if (!mayAskForZone) {
             co_return report;
@@ -450,6 +451,7 @@ public:
         if (!settings) {
             co_return report;
         }
+        report.isUnread = false;
         const WayIn way = co_await wayInByZone(*settings);
         report.verdict = co_await verdictOf(way, report.zone);
         co_return report;

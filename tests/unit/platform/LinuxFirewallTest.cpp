@@ -418,7 +418,9 @@ protected:
     }
     /// One of whose rules nothing is known.
     static FirewallReport firewalldUnread(std::string zone = "public") {
-        return firewalld(Verdict::unknown, std::move(zone));
+        FirewallReport report = firewalld(Verdict::unknown, std::move(zone));
+        report.isUnread = true;
+        return report;
     }
     void write(const char* file, const std::string& text) { fakes::writeText(root_ / file, text); }
 
