@@ -16,8 +16,9 @@ struct FirewallReport {
     };
     Verdict verdict = Verdict::open;
     std::string name;           ///< "firewalld", "ufw" or "nftables"; "" if none of these is active
-    std::string zone;           ///< of firewalld: the one of the interface
+    std::string zone;           ///< of firewalld: the one of the interface; "" if it is not known
     bool isDefaultZone = false; ///< so that firewalld's commands mean it without naming it
+    bool isUnread = false;      ///< of firewalld: the rules of the zone could not be read
 
     friend bool operator==(const FirewallReport&, const FirewallReport&) = default;
 };

@@ -59,8 +59,8 @@ std::string wordsOfFirewall(const CauseDetails& details, const Names& names) {
 }
 
 std::string wordsOfFirewallsDoubt(const CauseDetails& details, const Names& names) {
-    const char* const why =
-        details.firewall == "firewalld" ? "Some of its rules cannot be judged." : "Its rules cannot be read.";
+    const bool isRead = details.firewall == "firewalld" && !details.isUnread;
+    const char* const why = isRead ? "Some of its rules cannot be judged." : "Its rules cannot be read.";
     return "This computer's firewall" + inBrackets(details.firewall) + " may keep phones out at port " + names.port +
            ". " + why;
 }

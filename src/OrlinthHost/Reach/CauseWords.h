@@ -22,6 +22,7 @@ struct CauseDetails {
     std::string firewall = {};              ///< "firewalld", "ufw" or "nftables"
     std::string zone = {};                  ///< of firewalld: the one of the network interface
     bool isDefaultZone = false;             ///< that zone is the one that firewalld's commands mean by default
+    bool isUnread = false;                  ///< of firewalld: the rules of that zone could not be read
     std::string program = {};               ///< that has the port
     std::string folder = {};                ///< of the downloads
     std::string reason = {};                ///< why it cannot be used, for example "it is read-only"

@@ -204,8 +204,11 @@ Task<Finding> checkFirewall(Home& home, const OwnNetwork* network, std::uint16_t
     const std::optional<EpochMilliseconds> started = home.system.machine.startedAt();
     const std::optional<Arrival> arrival = lastArrival(home, phones);
     const bool hasComeSince = arrival && started && arrival->at > *started;
-    const CauseDetails details{
-        .firewall = report.name, .zone = report.zone, .isDefaultZone = report.isDefaultZone, .port = port};
+    const CauseDetails details{.firewall = report.name,
+                               .zone = report.zone,
+                               .isDefaultZone = report.isDefaultZone,
+                               .isUnread = report.isUnread,
+                               .port = port};
     const std::string name =
         report.zone.empty() ? report.name : report.name + " (zone " + forDisplay(report.zone) + ")";
     Finding found;

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -225,6 +226,16 @@ WayIn wayIn(const Settings& settings, std::uint16_t port) {
     return isFromSomePorts || isByRule || isIn(settings.forwardPorts, port) ? WayIn::maybe : WayIn::none;
 }
 
+/// Whether a zone or a policy may keep out, or lead elsewhere, what it lets in otherwise. Its target does not count.
+bool mayKeepOut(const Settings& settings, std::uint16_t port) {
+    return isIn(settings.forwardPorts, port) || std::ranges::any_of(settings.rules, mayRefuseConnections);
+}
+
+/// Whether a policy passes on to other rules what it does not let in itself.
+bool isHarmlessTarget(const std::string& target) {
+    return target.empty() || target == "CONTINUE" || target == "ACCEPT";
+}
+
 /// "wl+" means every interface whose name begins so.
 bool mayBindInterface(const std::string& pattern, const std::string& interface) {
     return pattern.ends_with('+') && interface.starts_with(pattern.substr(0, pattern.size() - 1));
@@ -232,8 +243,11 @@ bool mayBindInterface(const std::string& pattern, const std::string& interface) 
 
 /// Whether what comes in by the interface may belong to another zone than the one that it is said to be in: by who
 /// sends it, or by a pattern for names of interfaces.
-bool mayBeInOtherZones(const Bindings& zones, const std::string& interface) {
+bool mayBeInOtherZones(const Bindings& zones, const std::string& interface, const std::string& own) {
     return std::ranges::any_of(zones, [&](const auto& zone) {
+        if (zone.first == own) {
+            return false;
+        }
         const auto& bound = zone.second;
         const auto sources = bound.find("sources");
         const auto interfaces = bound.find("interfaces");
@@ -368,15 +382,21 @@ Task<bool> isUnitActive(Questions& questions, std::string unit) {
     co_return isRead&& state == "active";
 }
 
-/// Whether firewalld shows its settings without a password. It has polkit ask the person at the screen for one, so
-/// polkit is asked first, and may ask nobody. Without polkit firewalld decides alone. `questions` outlives the task.
-Task<bool> isShownSettings(Questions& questions) {
-    const Questions::Write writeQuestion = [&questions](sd_bus_message* message) {
+/// What polkit calls questions about which zones and policies are in use, what is in them, and rules of iptables.
+constexpr const char* infoAction = "org.fedoraproject.FirewallD1.info";
+constexpr const char* settingsAction = "org.fedoraproject.FirewallD1.config.info";
+constexpr const char* directRulesAction = "org.fedoraproject.FirewallD1.direct.info";
+
+/// Whether firewalld answers questions of this kind without a password. It has polkit ask the person at the screen for
+/// one, so polkit is asked first, and may ask nobody. Without polkit firewalld decides alone. `questions` outlives the
+/// task, and `action` is a constant.
+Task<bool> mayAskFirewalld(Questions& questions, const char* action) {
+    const Questions::Write writeQuestion = [&questions, action](sd_bus_message* message) {
         const std::string name = questions.ownName();
         constexpr std::uint32_t noInteraction = 0;
-        return !name.empty() && systemd().sd_bus_message_append(
-                                    message, "(sa{sv})sa{ss}us", "system-bus-name", 1, "name", "s", name.c_str(),
-                                    "org.fedoraproject.FirewallD1.config.info", 0, noInteraction, "") >= 0;
+        return !name.empty() &&
+               systemd().sd_bus_message_append(message, "(sa{sv})sa{ss}us", "system-bus-name", 1, "name", "s",
+                                               name.c_str(), action, 0, noInteraction, "") >= 0;
     };
     bool isAuthorized = false;
     const Questions::Read readAnswer = [&isAuthorized](sd_bus_message* answer) {
@@ -404,40 +424,46 @@ public:
         if (!isThere) {
             co_return std::nullopt;
         }
-        FirewallReport report{.verdict = FirewallReport::Verdict::unknown, .name = "firewalld", .zone = {}};
-        const std::string defaultZone = co_await askText(firewalld, "getDefaultZone", {});
+        FirewallReport report{
+            .verdict = FirewallReport::Verdict::unknown, .name = "firewalld", .zone = {}, .isUnread = true};
+        const bool mayAskForZone = co_await mayAskFirewalld(questions_, infoAction);
+        if (!mayAskForZone) {
+            co_return report;
+        }
+        const std::optional<std::string> defaultZone = co_await askText(firewalld, "getDefaultZone", {});
         std::vector<std::string> interface{interface_};
-        report.zone = co_await askText(firewalldZones, "getZoneOfInterface", std::move(interface));
-        if (report.zone.empty()) {
-            report.zone = defaultZone;
+        std::optional<std::string> zone = co_await askText(firewalldZones, "getZoneOfInterface", std::move(interface));
+        if (zone && zone->empty()) { // the interface is in none
+            zone = defaultZone;
         }
-        report.isDefaultZone = !report.zone.empty() && report.zone == defaultZone;
+        report.zone = zone.value_or("");
+        report.isDefaultZone = !report.zone.empty() && zone == defaultZone;
         if (report.zone.empty()) {
             co_return report;
         }
-        const bool isShown = co_await isShownSettings(questions_);
-        if (!isShown) {
+        const bool mayAskForSettings = co_await mayAskFirewalld(questions_, settingsAction);
+        if (!mayAskForSettings) {
             co_return report;
         }
-        WayIn way = co_await wayInByZone(report.zone);
-        if (way == WayIn::none) {
-            way = co_await wayInBesideZone(report.zone);
+        std::string zoneName = report.zone;
+        const std::optional<Settings> settings =
+            co_await askSettings(firewalldZones, "getZoneSettings2", std::move(zoneName));
+        if (!settings) {
+            co_return report;
         }
-        if (way == WayIn::open) {
-            report.verdict = FirewallReport::Verdict::open;
-        } else if (way == WayIn::none) {
-            report.verdict = FirewallReport::Verdict::closed;
-        }
+        report.isUnread = false;
+        const WayIn way = co_await wayInByZone(*settings);
+        report.verdict = co_await verdictOf(way, report.zone);
         co_return report;
     }
 
 private:
-    /// "" if there is no answer.
-    Task<std::string> askText(BusObject object, const char* member, std::vector<std::string> arguments) {
+    /// Nothing if there is no answer.
+    Task<std::optional<std::string>> askText(BusObject object, const char* member, std::vector<std::string> arguments) {
         std::string text;
         const Questions::Read read = [&text](sd_bus_message* answer) { return readText(answer, text); };
-        static_cast<void>(co_await questions_.ask(object, member, std::move(arguments), read));
-        co_return text;
+        const bool isRead = co_await questions_.ask(object, member, std::move(arguments), read);
+        co_return isRead ? std::optional(std::move(text)) : std::nullopt;
     }
 
     Task<std::optional<Settings>> askSettings(BusObject object, const char* member, std::string name) {
@@ -456,18 +482,17 @@ private:
         co_return isRead || questions_.isUnknown() ? std::optional(std::move(bindings)) : std::nullopt;
     }
 
-    Task<WayIn> wayInByZone(std::string zone) {
-        const std::optional<Settings> settings =
-            co_await askSettings(firewalldZones, "getZoneSettings2", std::move(zone));
-        if (!settings) {
-            co_return WayIn::maybe;
+    /// What the zone does by itself.
+    Task<WayIn> wayInByZone(Settings settings) {
+        WayIn way = wayIn(settings, port_);
+        if (way != WayIn::open) {
+            const WayIn byServices = co_await wayInByServices(settings.services);
+            way = std::max(way, byServices);
         }
-        const WayIn way = wayIn(*settings, port_);
-        if (way == WayIn::open) {
-            co_return way;
+        if (way == WayIn::open && mayKeepOut(settings, port_)) {
+            way = WayIn::maybe;
         }
-        const WayIn byServices = co_await wayInByServices(settings->services);
-        co_return std::max(way, byServices);
+        co_return way;
     }
 
     /// By these services, and those that they include.
@@ -492,47 +517,70 @@ private:
         co_return way;
     }
 
-    /// Where the zone itself keeps everybody out.
-    Task<WayIn> wayInBesideZone(std::string zone) {
+    /// Of what the zone does by itself, unless something beside it may do otherwise.
+    Task<FirewallReport::Verdict> verdictOf(WayIn way, std::string zone) {
+        using Verdict = FirewallReport::Verdict;
+        if (way == WayIn::maybe) {
+            co_return Verdict::unknown;
+        }
+        const bool mayDiffer = co_await mayDifferBesideZone(way, std::move(zone));
+        if (mayDiffer) {
+            co_return Verdict::unknown;
+        }
+        co_return way == WayIn::open ? Verdict::open : Verdict::closed;
+    }
+
+    /// Whether something beside the zone may let in what the zone keeps out (`way` is `none`), or the other way round.
+    Task<bool> mayDifferBesideZone(WayIn way, std::string zone) {
         const std::optional<Bindings> zones = co_await askBindings(firewalldZones, "getActiveZones");
-        if (!zones || mayBeInOtherZones(*zones, interface_)) {
-            co_return WayIn::maybe;
+        if (!zones || mayBeInOtherZones(*zones, interface_, zone)) {
+            co_return true;
         }
         const std::optional<Bindings> policies = co_await askBindings(firewalldPolicies, "getActivePolicies");
         if (!policies) {
-            co_return WayIn::maybe;
+            co_return true;
         }
         for (const auto& [name, bound] : *policies) {
             if (!isPolicyFor(bound, zone)) {
                 continue;
             }
-            const WayIn way = co_await wayInByPolicy(name);
-            if (way != WayIn::none) {
-                co_return WayIn::maybe; // by its priority it may come behind the zone
+            const bool mayDiffer = co_await mayDifferByPolicy(way, name);
+            if (mayDiffer) {
+                co_return true; // or not: by its priority it may come behind the zone
             }
         }
-        const bool hasRules = co_await mayHaveDirect("getAllRules", "sssias");
-        if (hasRules) {
-            co_return WayIn::maybe;
-        }
-        const bool hasPassthroughs = co_await mayHaveDirect("getAllPassthroughs", "sas");
-        co_return hasPassthroughs ? WayIn::maybe : WayIn::none;
+        co_return co_await mayHaveDirectRules();
     }
 
-    Task<WayIn> wayInByPolicy(std::string name) {
+    Task<bool> mayDifferByPolicy(WayIn way, std::string name) {
         const std::optional<Settings> settings =
             co_await askSettings(firewalldPolicies, "getPolicySettings", std::move(name));
         if (!settings) {
-            co_return WayIn::maybe;
+            co_return true;
         }
-        const WayIn way = wayIn(*settings, port_);
-        if (way != WayIn::none) {
-            co_return way;
+        if (way == WayIn::open) {
+            co_return !isHarmlessTarget(settings->target) || mayKeepOut(*settings, port_);
         }
-        co_return co_await wayInByServices(settings->services);
+        if (wayIn(*settings, port_) != WayIn::none) {
+            co_return true;
+        }
+        const WayIn byServices = co_await wayInByServices(settings->services);
+        co_return byServices != WayIn::none;
     }
 
     /// Rules of iptables that somebody has added through firewalld, which are not judged.
+    Task<bool> mayHaveDirectRules() {
+        const bool mayAsk = co_await mayAskFirewalld(questions_, directRulesAction);
+        if (!mayAsk) {
+            co_return true;
+        }
+        const bool hasRules = co_await mayHaveDirect("getAllRules", "sssias");
+        if (hasRules) {
+            co_return true;
+        }
+        co_return co_await mayHaveDirect("getAllPassthroughs", "sas");
+    }
+
     Task<bool> mayHaveDirect(const char* member, const char* structure) {
         bool isAny = false;
         const Questions::Read read = [&isAny, structure](sd_bus_message* answer) {
@@ -546,6 +594,23 @@ private:
     const std::string interface_;
     const std::uint16_t port_;
 };
+
+/// Whether a rule in firewalld's own language does any of these, and not only with ICMP.
+bool hasAnyAction(std::string_view rule, std::initializer_list<std::string_view> actions) {
+    std::string bare; // without what is in quotation marks
+    bool isQuoted = false;
+    for (const char character : rule) {
+        isQuoted = isQuoted != (character == '"');
+        if (!isQuoted) {
+            bare += character;
+        }
+    }
+    std::istringstream stream(bare);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    const auto has = [&words](std::string_view word) { return std::ranges::find(words, word) != words.end(); };
+    const bool isAboutIcmp = has("icmp-type") || has("icmp-block");
+    return !isAboutIcmp && std::ranges::any_of(actions, has);
+}
 
 } // namespace
 
@@ -562,21 +627,11 @@ bool includesPort(std::string_view setting, std::uint16_t port) noexcept {
 }
 
 bool mayAcceptConnections(std::string_view rule) {
-    std::string bare; // without what is in quotation marks
-    bool isQuoted = false;
-    for (const char character : rule) {
-        isQuoted = isQuoted != (character == '"');
-        if (!isQuoted) {
-            bare += character;
-        }
-    }
-    std::istringstream stream(bare);
-    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
-    const auto has = [&words](const char* word) {
-        return std::ranges::any_of(words, [word](const std::string& text) { return text == word; });
-    };
-    const bool isAboutIcmp = has("icmp-type") || has("icmp-block");
-    return !isAboutIcmp && (has("accept") || has("forward-port"));
+    return hasAnyAction(rule, {"accept", "forward-port"});
+}
+
+bool mayRefuseConnections(std::string_view rule) {
+    return hasAnyAction(rule, {"drop", "reject", "forward-port"});
 }
 
 std::string shellSetting(std::string_view text, std::string_view name) {

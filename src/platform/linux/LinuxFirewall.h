@@ -15,6 +15,9 @@ namespace orlinth::platform {
 /// drop, reject or count do not, and those that are about ICMP.
 [[nodiscard]] bool mayAcceptConnections(std::string_view rule);
 
+/// Whether such a rule may keep connections out or lead them elsewhere: not those that accept, nor those about ICMP.
+[[nodiscard]] bool mayRefuseConnections(std::string_view rule);
+
 /// The value that a file of shell settings gives a variable (`ENABLED=yes`), without quotation marks; the last one
 /// counts. "" if there is none.
 [[nodiscard]] std::string shellSetting(std::string_view text, std::string_view name);
@@ -22,10 +25,10 @@ namespace orlinth::platform {
 /// Whether the rules of nftables, as their file has them, drop or reject anything.
 [[nodiscard]] bool keepsAnythingOut(std::string_view rules);
 
-/// firewalld as it answers on the system's bus (where connections may also come in by a zone of their sender, a policy,
-/// a rule, or rules of iptables, it is not called closed), ufw as its settings say, and nftables by its service and its
-/// file. What only root may read, such as the rules that are in force, is not looked at, nor what takes a password to
-/// see.
+/// firewalld as it answers on the system's bus (where a zone of their sender, a policy, a rule, or rules of iptables
+/// may let connections in, it is not called closed, and where these may keep them out, not open), ufw as its settings
+/// say, and nftables by its service and its file. What only root may read, such as the rules that are in force, is not
+/// looked at, nor what takes a password to see.
 class LinuxFirewall final : public Firewall {
 public:
     /// `environment` says where the bus is as if it were the session's: systemBusEnvironment().

@@ -91,6 +91,8 @@ TEST(CauseWords, SayWhatIsWrong) {
               "This computer's firewall (firewalld, zone FedoraWorkstation) does not let phones in at port 28471.");
     EXPECT_EQ(say(Cause::firewallMaybe), "This computer's firewall (firewalld) may keep phones out at port 28471. Some "
                                          "of its rules cannot be judged.");
+    EXPECT_EQ(words(Cause::firewallMaybe, {.firewall = "firewalld", .isUnread = true}),
+              "This computer's firewall (firewalld) may keep phones out at port 28471. Its rules cannot be read.");
     EXPECT_EQ(words(Cause::firewallMaybe, {.firewall = "ufw"}),
               "This computer's firewall (ufw) may keep phones out at port 28471. Its rules cannot be read.");
     EXPECT_EQ(say(Cause::portTaken), "Port 28471 is taken by another program (syncthing).");

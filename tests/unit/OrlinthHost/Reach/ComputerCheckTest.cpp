@@ -115,6 +115,15 @@ TEST_F(ComputerCheckTest, BelievesAFirewallThatSaysNoWhateverCameInBefore) {
     EXPECT_THAT(world.firewall.asked, ElementsAre("wlan0:28471"));
 }
 
+TEST_F(ComputerCheckTest, SaysWhetherRulesOfTheFirewallWereRead) {
+    world.firewall.report = {.verdict = FirewallReport::Verdict::unknown, .name = "firewalld", .zone = "public"};
+    EXPECT_EQ(firewall().cause, Cause::firewallMaybe);
+    EXPECT_FALSE(firewall().details.isUnread);
+    world.firewall.report.isUnread = true;
+    EXPECT_EQ(firewall().cause, Cause::firewallMaybe);
+    EXPECT_TRUE(firewall().details.isUnread);
+}
+
 TEST_F(ComputerCheckTest, SaysOnWhichDayAPhoneCameIn) {
     memory().came(phone.peer_pubkey, {.host = HostAddress::parse("192.168.7.30").value()});
     world.machine.started = world.clock.epochMilliseconds() - 1h;
