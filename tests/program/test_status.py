@@ -43,6 +43,10 @@ class Status(OutboxTest):
         self.assertEqual("orlinth: the service does not run\nTo start it: `systemctl --user enable --now orlinth`\n",
                          result.stderr)
         self.assertEqual(1, self.mac.run("status", "--watch", "--json").returncode)
+        for odd in ("x", "0", "1.5", "9" * 19, ""):
+            result = self.mac.run("cancel", odd)
+            self.assertEqual(2, result.returncode)
+            self.assertIn(f"'{odd}' is no number of a transfer", result.stderr)
         self.assert_one_line_error(self.mac.run("cancel", "1").stderr,
                                    "the service does not run, so that nothing of it is under way")
 
