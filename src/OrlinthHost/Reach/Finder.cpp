@@ -3,6 +3,7 @@
 #include "OrlinthCore/SecureChannel/ResponderProof.h"
 #include "OrlinthHost/Phones/MetPhones.h"
 #include "OrlinthHost/Phones/SharedPeers.h"
+#include "base/Counted.h"
 #include "base/Precondition.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
@@ -55,18 +56,6 @@ Task<> atTheNextTurn(std::function<void()> what) {
     what();
     co_return;
 }
-
-/// One more, for as long as this lives.
-class Counted {
-public:
-    explicit Counted(std::size_t& count) noexcept : count_(count) { ++count_; }
-    ~Counted() { --count_; }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
-
-private:
-    std::size_t& count_;
-};
 
 } // namespace
 

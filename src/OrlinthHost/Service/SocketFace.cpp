@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/ControlLine.h"
+#include "base/Counted.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
 
@@ -21,18 +22,6 @@ namespace {
 constexpr std::size_t maxConversations = 16;
 /// After the system was short of something.
 constexpr Seconds restInShortage = 100ms;
-
-/// One more, as long as it lives.
-class Counted {
-public:
-    explicit Counted(std::size_t& count) noexcept : count_(count) { ++count_; }
-    ~Counted() { --count_; }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
-
-private:
-    std::size_t& count_;
-};
 
 /// What is referred to outlives the call.
 Task<bool> sendSecret(platform::UnixSockets& sockets, platform::Stream& stream, ByteView bytes) {
