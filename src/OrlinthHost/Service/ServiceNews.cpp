@@ -186,24 +186,6 @@ OutboxView batchIn(const Json& object) {
             .problem = textIn(object, messageKey)};
 }
 
-/// Adds what is new or different among `current` to `news`, and a line of the kind `gone` for what is there no more;
-/// then `told` is `current`.
-template <typename Key, typename View, typename Gone>
-void addChanges(std::map<Key, View>& told, std::map<Key, View> current, std::vector<ServiceNews>& news, Gone gone) {
-    for (const auto& [key, view] : told) {
-        if (!current.contains(key)) {
-            news.push_back(gone(key));
-        }
-    }
-    for (const auto& [key, view] : current) {
-        const auto before = told.find(key);
-        if (before == told.end() || before->second != view) {
-            news.push_back(view);
-        }
-    }
-    told = std::move(current);
-}
-
 } // namespace
 
 const char* textOf(ServiceView::State state) noexcept {
@@ -306,61 +288,6 @@ ServiceNews decodeServiceNews(std::string_view line) {
         return CurrentLine{};
     }
     throw HostError("unknown event");
-}
-
-std::vector<ServiceNews> NewsReader::next(bool isTimeToLook) {
-    std::vector<ServiceNews> news;
-    const bool isFirst = seenVersion_ == 0;
-    const bool looksAtPhones = isTimeToLook || seenPhonesVersion_ != api_.phonesVersion();
-    seenVersion_ = api_.version();
-    seenPhonesVersion_ = api_.phonesVersion();
-    addService(news);
-    if (looksAtPhones) {
-        addPhones(news);
-    }
-    addTransfers(news);
-    addBatches(news);
-    if (isFirst) {
-        news.emplace_back(CurrentLine{});
-    }
-    return news;
-}
-
-void NewsReader::addService(std::vector<ServiceNews>& news) {
-    ServiceView current = api_.service();
-    if (service_ != current) {
-        news.emplace_back(current);
-        service_ = std::move(current);
-    }
-}
-
-void NewsReader::addPhones(std::vector<ServiceNews>& news) {
-    std::map<PeerKey, PhoneView> current;
-    for (PhoneView& phone : api_.phones()) {
-        current.emplace(phone.presence.peerKey, std::move(phone));
-    }
-    addChanges(phones_, std::move(current), news,
-               [](const PeerKey& peerKey) -> ServiceNews { return PhoneGoneLine{peerKey}; });
-}
-
-void NewsReader::addTransfers(std::vector<ServiceNews>& news) {
-    std::map<TransferNumber, TransferView> current;
-    for (TransferView& transfer : api_.transfers()) {
-        current.emplace(transfer.number, std::move(transfer));
-    }
-    addChanges(transfers_, std::move(current), news,
-               [](TransferNumber number) -> ServiceNews { return TransferGoneLine{number}; });
-}
-
-void NewsReader::addBatches(std::vector<ServiceNews>& news) {
-    std::map<std::pair<BatchId, PeerKey>, OutboxView> current;
-    for (OutboxView& batch : api_.batches()) {
-        std::pair key{batch.batch, batch.peerKey};
-        current.emplace(std::move(key), std::move(batch));
-    }
-    addChanges(batches_, std::move(current), news, [](const std::pair<BatchId, PeerKey>& key) -> ServiceNews {
-        return BatchGoneLine{.batch = key.first, .peerKey = key.second};
-    });
 }
 
 } // namespace orlinth::host

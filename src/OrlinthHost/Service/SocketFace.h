@@ -2,10 +2,10 @@
 
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ControlMessage.h"
+#include "OrlinthHost/Service/NewsReader.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "OrlinthHost/Service/ServiceEvents.h"
-#include "OrlinthHost/Service/ServiceNews.h"
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
