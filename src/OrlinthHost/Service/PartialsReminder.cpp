@@ -44,6 +44,8 @@ void PartialsReminder::lookIn(Seconds delay) {
 }
 
 void PartialsReminder::look() {
+    tidy(folder_);
+    tidy(home_.dataDirectory());
     try {
         const Reminder reminder = isDue() ? count() : Reminder{};
         if (reminder.count == 0) {
@@ -56,6 +58,16 @@ void PartialsReminder::look() {
     } catch (const std::exception& error) {
         home_.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "serve",
                                "cannot look for unfinished downloads: " + describe(error));
+    }
+}
+
+void PartialsReminder::tidy(const platform::Path& folder) const {
+    try {
+        const std::unique_ptr<platform::Folder> opened = home_.system.files.openFolder(folder);
+        platform::removeTemporaryFiles(*opened, home_.system.clock.epochMilliseconds() - temporaryFileAge);
+    } catch (const std::exception& error) {
+        home_.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "serve",
+                               "cannot look for temporary files: " + describe(error));
     }
 }
 

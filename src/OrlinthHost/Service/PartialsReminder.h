@@ -10,7 +10,8 @@
 namespace orlinth::host {
 
 /// Reminds of unfinished downloads that nothing has come of for a week: once a week, also across restarts. When it was
-/// is kept in a file of the data folder.
+/// is kept in a file of the data folder. At each look it also removes the temporary files, there and in the data
+/// folder, that a program has left behind which was killed while it wrote.
 ///
 /// Threading: called, and calling, on the home's executor. Folders and files are looked at on a thread of its own:
 /// a network's folder may not answer for hours.
@@ -21,6 +22,8 @@ public:
     /// From the start to the first look, so that it holds nothing up, and from each one to the next.
     static constexpr Seconds firstLookDelay = 60s;
     static constexpr Seconds lookInterval = 24h;
+    /// A temporary file is there for a moment. One that is older has no writer any more.
+    static constexpr std::chrono::hours temporaryFileAge{1};
 
     struct Reminder {
         std::int64_t count = 0;
@@ -43,6 +46,7 @@ private:
     void lookIn(Seconds delay);
     // on the queue of `looks_`
     void look();
+    void tidy(const platform::Path& folder) const;
     [[nodiscard]] bool isDue() const;
     [[nodiscard]] Reminder count() const;
 

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/PartialMeta.h"
 #include "fakes/World.h"
+#include "platform/WholeFile.h"
 
 #include <gtest/gtest.h>
 
@@ -68,6 +69,16 @@ TEST_F(PartialsReminderTest, SaysNothingIfThereIsNothing) {
     world_.files.removeDirectory(folder);
     run(10 * day);
     EXPECT_TRUE(counts_.empty());
+}
+
+TEST_F(PartialsReminderTest, RemovesWhatKilledProgramsHaveLeftInBothFolders) {
+    const platform::Path inDownloads = folder / platform::temporaryName().text();
+    const platform::Path inData = state.parent_path() / platform::temporaryName().text();
+    world_.files.put(inDownloads, "half");
+    world_.files.put(inData, "half");
+    run(120s);
+    EXPECT_FALSE(world_.files.exists(inDownloads));
+    EXPECT_FALSE(world_.files.exists(inData));
 }
 
 TEST_F(PartialsReminderTest, RemindsAllTheSameIfItsMemoryIsRuined) {
