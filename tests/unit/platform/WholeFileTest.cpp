@@ -118,9 +118,9 @@ TEST(TemporaryFiles, OfKilledWritersAreRemovedAndNothingElse) {
     const std::string linked = temporaryName().text();
     const std::string twice = temporaryName().text();
     const std::string folderName = temporaryName().text();
-    const std::vector<std::string> others = {".orlinth-0123456789abcdef.tm", ".orlinth-0123456789abcde.tmp",
+    const std::vector<std::string> others = {".orlinth-0123456789abcdef.tm",  ".orlinth-0123456789abcde.tmp",
                                              ".orlinth-0123456789abcdeF.tmp", "orlinth-0123456789abcdef.tmp",
-                                             ".0123456789abcdef.tmp", ".orlinth-.tmp"};
+                                             ".0123456789abcdef.tmp",         ".orlinth-.tmp"};
     for (const std::string& name : others) {
         writeText(folder / name, "a person's");
     }
