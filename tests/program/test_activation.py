@@ -1,9 +1,10 @@
 """The service starts when it is needed: by the session's bus, or by the user's service manager, for which a stand-in is
-here."""
+here. It starts anew when its program was replaced."""
 
 import json
 import os
 import select
+import shutil
 import signal
 import socket
 import subprocess
@@ -17,12 +18,14 @@ from outbox_world import OutboxTest
 SHARE = os.environ["ORLINTH_SHARE"]
 USER_MANAGER = BUILD / "tests" / "interop" / "user_manager"
 NAME = "com.tarvinex.orlinth1"
+ROOT = "/com/tarvinex/orlinth1"
 BY_HAND = "The Orlinth service is not running. Files will be sent once it starts: `orlinth serve`\n"
 SENDS = "The service sends it now, or as soon as the phone can be reached.\n"
 STARTED = ("The Orlinth service is running now, and starts whenever you log in. To switch it off: "
            "`systemctl --user disable --now orlinth`\n")
 RUN_IT = ("The Orlinth service is not running. To receive files, and to send what you share, run "
           "`orlinth serve`.\n")
+RESTART = 75
 
 
 class Lines(threading.Thread):
@@ -134,6 +137,14 @@ class ActivationTest(OutboxTest):
     def has_name(self):
         return self.busctl("call", "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                            "NameHasOwner", "s", NAME) == [True]
+
+    def ask(self, request):
+        """What the running service answers on its socket."""
+        with socket.socket(socket.AF_UNIX) as connection:
+            connection.settimeout(PATIENCE)
+            connection.connect(str(self.mac.data / "Orlinth" / "service.sock"))
+            connection.sendall(json.dumps(request).encode() + b"\n")
+            return json.loads(connection.makefile().readline())
 
 
 class Sharing(ActivationTest):
@@ -270,6 +281,55 @@ class Consent(ActivationTest):
         here, there = self.pair()
         self.assertTrue(here.endswith(RUN_IT), here)
         self.assertTrue(there.endswith(RUN_IT), there)
+
+
+class StartingAnew(ActivationTest):
+    def serve_under_manager(self, **options):
+        self.mac.environment["ORLINTH_RESTART_STATUS"] = str(RESTART)
+        return self.serve(self.mac, **options)
+
+    def test_whoever_asks_by_the_socket_is_answered_and_the_service_ends_for_its_manager(self):
+        self.bus()
+        service = self.serve_under_manager()
+        self.assertEqual({"found": True}, self.ask({"request": "restart"}))
+        self.assertEqual(RESTART, service.wait(), service.stderr)
+        service = self.serve(self.mac)
+        self.assertEqual(0, self.mac.run("status").returncode)
+        self.end(service)
+
+    def test_whoever_asks_by_the_bus_is_answered_and_the_service_ends_for_its_manager(self):
+        self.bus()
+        service = self.serve_under_manager()
+        self.busctl("call", NAME, ROOT, f"{NAME}.Service", "Restart")
+        self.assertEqual(RESTART, service.wait(), service.stderr)
+
+    def test_a_service_that_nobody_would_start_again_stays_and_says_so(self):
+        self.bus()
+        for promised in (None, "0", "7", "75 ", "seventy-five", ""):
+            self.mac.environment.pop("ORLINTH_RESTART_STATUS", None)
+            if promised is not None:
+                self.mac.environment["ORLINTH_RESTART_STATUS"] = promised
+            service = self.serve(self.mac)
+            self.assertEqual({"error": "no service manager would start the service again"},
+                             self.ask({"request": "restart"}))
+            self.assertIn("no service manager would start the service again",
+                          self.busctl("call", NAME, ROOT, f"{NAME}.Service", "Restart", status=1))
+            self.end(service)
+
+    def test_a_replaced_program_is_started_anew_once_there_is_nothing_to_do(self):
+        self.bus()
+        program = self.folder / "bin" / "orlinth"
+        program.parent.mkdir()
+        shutil.copy(ORLINTH, program)
+        manager = self.manager(program=program)
+        self.assertEqual(SENDS, self.mac.run("share", str(self.file("a.txt", b"a"))).stderr)
+        first = self.ask({"request": "port"})["since_epoch_ms"]
+        shutil.copy(ORLINTH, self.folder / "bin" / ".orlinth.new")
+        (self.folder / "bin" / ".orlinth.new").rename(program)
+        self.assertEqual(first, self.ask({"request": "port", "version": "0.0.1"})["since_epoch_ms"])
+        manager.wait_for(f"exited {RESTART}")  # after a minute
+        manager.wait_for("started", 2)
+        self.assertGreaterEqual(self.ask({"request": "port"})["since_epoch_ms"], first + 60_000)
 
 
 if __name__ == "__main__":

@@ -143,6 +143,16 @@ class InstalledPackage(unittest.TestCase):
         unit = self.settings_of("lib/systemd/user/orlinth.service")
         self.assertEqual(described["D-BUS Service"]["Exec"], unit["Service"]["ExecStart"])
 
+    def test_the_unit_starts_the_service_anew_when_that_asks_for_it_and_not_for_accounts_of_the_system(self):
+        unit = self.settings_of("lib/systemd/user/orlinth.service")
+        status = unit["Service"]["RestartForceExitStatus"]
+        self.assertEqual(f"ORLINTH_RESTART_STATUS={status}", unit["Service"]["Environment"])
+        source = pathlib.Path(os.environ["ORLINTH_SOURCE"]) / "src/orlinth/Commands/ServeCommand.cpp"
+        self.assertIn(f" restartStatus = {status};", source.read_text(encoding="utf-8"))
+        self.assertEqual("notify", unit["Service"]["Type"])
+        self.assertEqual("process", unit["Service"]["KillMode"])
+        self.assertEqual("!@system", unit["Unit"]["ConditionUser"])
+
     def assert_firewalls_find(self, settings, programs):
         """The port under its name, in these folders of settings and programs."""
         source = pathlib.Path(os.environ["ORLINTH_SOURCE"])
