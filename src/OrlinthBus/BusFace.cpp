@@ -213,6 +213,10 @@ void BusFace::onCall(BusCall call) {
         sendFiles(std::move(call));
         return;
     }
+    if (member == "Restart") {
+        restart(std::move(call));
+        return;
+    }
     if (const auto transfer = transfers_.find(path); transfer != transfers_.end() && member == "Cancel") {
         if (api_->cancelTransfer(transfer->second)) {
             call.reply();
@@ -232,6 +236,16 @@ void BusFace::onCall(BusCall call) {
         return;
     }
     call.fail("NotFound", "there is no such object any more");
+}
+
+void BusFace::restart(BusCall call) {
+    try {
+        api_->restart();
+    } catch (const host::HostError& error) {
+        call.fail("Failed", error.description() + "\n" + error.hint());
+        return;
+    }
+    call.reply();
 }
 
 void BusFace::sendFiles(BusCall call) {

@@ -69,6 +69,7 @@ private:
     /// How long nothing may change by time alone; nothing: for ever.
     [[nodiscard]] std::optional<Seconds> timeToLook() const;
     void onCall(BusCall call);
+    void restart(BusCall call);
     void sendFiles(BusCall call);
     [[nodiscard]] Task<> share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files,
                                std::vector<PeerKey> phones);

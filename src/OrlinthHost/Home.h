@@ -20,6 +20,8 @@ struct Home {
     std::string defaultPhone = {};
     /// What this computer calls itself when it is paired; "": its host name.
     std::string computerName = {};
+    /// Of this program; "" if that is nobody's business.
+    std::string version = {};
 
     /// The folder of the core's files.
     [[nodiscard]] platform::Path dataDirectory() const {

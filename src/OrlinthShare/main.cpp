@@ -1,3 +1,4 @@
+#include "OrlinthCore/Share/ServiceActivation.h"
 #include "OrlinthShare/ComputerName.h"
 #include "OrlinthShare/DesktopLook.h"
 #include "OrlinthShare/ShareViewController.h"
@@ -128,6 +129,22 @@ std::vector<SharePresence> askService(platform::System& system) {
     return phones;
 }
 
+/// Outlive the task.
+Task<> lookForService(platform::System& system, bool& isThere) {
+    isThere = co_await ServiceActivation::isRunning(system.unixSockets, ServicePresence::socketOf(system.directories));
+}
+
+/// On a thread of its own; waits until the service runs, or it is certain that it does not.
+std::string startService(platform::System& system) {
+    asio::io_context context(1);
+    bool isThere = false;
+    platform::spawn(context.get_executor(), lookForService(system, isThere), [](const std::exception_ptr&) {
+        // then it is started, which does nothing to one that runs
+    });
+    context.run();
+    return isThere ? "" : ServiceActivation::startForOutbox(system.userServices, system.directories);
+}
+
 /// Shows the sheet until the request has ended and the window is closed.
 int runSheet(QApplication& application, CommandLine line) {
     using namespace std::chrono_literals;
@@ -142,6 +159,8 @@ int runSheet(QApplication& application, CommandLine line) {
     request.onEnd = [&request] {
         if (request.error()) {
             tell(request.error()->description, request.exitStatus());
+        } else if (!request.notice().empty()) {
+            tell(request.notice(), request.exitStatus());
         }
     };
     ShareViewController controller(
@@ -150,7 +169,8 @@ int runSheet(QApplication& application, CommandLine line) {
          .computerName = computerName(system.files),
          .statusSeen = isWindowSeen() ? statusSeen : 0ms,
          .showsFailures = isWindowSeen(),
-         .askPresence = [&system] { return askService(system); }},
+         .askPresence = [&system] { return askService(system); },
+         .startService = [&system] { return startService(system); }},
         request);
     controller.onFinished = [&application] { application.exit(); };
     controller.loadView();

@@ -74,6 +74,7 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     platform::LinuxSystem linux(context);
     platform::System system = linux.system();
     Host host{system, tasks, output};
+    host.version = ORLINTH_VERSION;
 
     CLI::App program(
         "Moves files and short texts between this computer and your phones, encrypted, over the local network.",

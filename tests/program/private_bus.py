@@ -9,7 +9,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Con
 <busconfig>
   <type>{kind}</type>
   <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
+  <auth>EXTERNAL</auth>{services}
   <policy context="default">
     <allow user="*"/>
     <allow own="*"/>
@@ -24,10 +24,12 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Con
 """
 
 
-def command(folder, kind="session"):
-    """The command line of a bus at the socket `bus` in this folder; it says its address once it can be reached."""
+def command(folder, kind="session", services=None):
+    """The command line of a bus at the socket `bus` in this folder; it says its address once it can be reached. It
+    starts the services that are described in the folder `services`."""
     folder = pathlib.Path(folder)
-    (folder / "bus.conf").write_text(CONFIGURATION.format(kind=kind,
+    described = f"\n  <servicedir>{xml.sax.saxutils.escape(str(services))}</servicedir>" if services else ""
+    (folder / "bus.conf").write_text(CONFIGURATION.format(kind=kind, services=described,
                                                           socket=xml.sax.saxutils.escape(str(folder / "bus"))))
     return ["dbus-daemon", f"--config-file={folder}/bus.conf", "--nofork", "--nopidfile", "--nosyslog",
             "--print-address=1"]

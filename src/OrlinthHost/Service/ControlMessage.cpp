@@ -23,6 +23,8 @@ constexpr const char* statusRequest = "status";
 constexpr const char* watchRequest = "watch";
 constexpr const char* lastTextRequest = "last_text";
 constexpr const char* forgetTextRequest = "forget_text";
+constexpr const char* restartRequest = "restart";
+constexpr const char* versionKey = "version";
 constexpr const char* transferKey = "transfer";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
@@ -122,23 +124,7 @@ TextReply textIn(const Json& object) {
             .bytes = static_cast<std::uint64_t>(bytes)};
 }
 
-} // namespace
-
-const char* textOf(PresenceState state) noexcept {
-    switch (state) {
-    case PresenceState::here:
-        return "here";
-    case PresenceState::asleep:
-        return "asleep";
-    case PresenceState::away:
-        return "away";
-    case PresenceState::unknown:
-        break;
-    }
-    return "unknown";
-}
-
-std::string encodeControlRequest(const ControlRequest& request) {
+Json jsonOf(const ControlRequest& request) {
     Json object;
     std::visit(Overloaded{[&object](const PortRequest&) { object[requestKey] = portRequest; },
                           [&object](const LendPortRequest& lend) {
@@ -165,8 +151,37 @@ std::string encodeControlRequest(const ControlRequest& request) {
                           [&object](const StatusRequest&) { object[requestKey] = statusRequest; },
                           [&object](const WatchRequest&) { object[requestKey] = watchRequest; },
                           [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
-                          [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; }},
+                          [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; },
+                          [&object](const RestartRequest&) { object[requestKey] = restartRequest; }},
                request);
+    return object;
+}
+
+} // namespace
+
+const char* textOf(PresenceState state) noexcept {
+    switch (state) {
+    case PresenceState::here:
+        return "here";
+    case PresenceState::asleep:
+        return "asleep";
+    case PresenceState::away:
+        return "away";
+    case PresenceState::unknown:
+        break;
+    }
+    return "unknown";
+}
+
+std::string encodeControlRequest(const ControlRequest& request) {
+    return compactJson(jsonOf(request));
+}
+
+std::string encodeControlRequestFrom(const std::string& version, const ControlRequest& request) {
+    Json object = jsonOf(request);
+    if (!version.empty()) {
+        object[versionKey] = version;
+    }
     return compactJson(object);
 }
 
@@ -228,7 +243,14 @@ ControlRequest decodeControlRequest(std::string_view line) {
     if (what == forgetTextRequest) {
         return ForgetTextRequest{};
     }
+    if (what == restartRequest) {
+        return RestartRequest{};
+    }
     throw HostError("unknown request");
+}
+
+std::string decodeClientVersion(std::string_view line) {
+    return optionalString(parseJson(line), versionKey).value_or("");
 }
 
 ControlReply decodeControlReply(std::string_view line) {

@@ -72,9 +72,15 @@ struct ForgetTextRequest {
     friend bool operator==(const ForgetTextRequest&, const ForgetTextRequest&) = default;
 };
 
+/// `{"request":"restart"}`: ends the service so that its manager starts it anew. Answered by FoundReply before that, or
+/// by ErrorReply if nobody would start it.
+struct RestartRequest {
+    friend bool operator==(const RestartRequest&, const RestartRequest&) = default;
+};
+
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
-                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
+                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest, RestartRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.
@@ -127,6 +133,8 @@ using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceR
 
 /// As one line, without its end.
 [[nodiscard]] std::string encodeControlRequest(const ControlRequest& request);
+/// The same with the version of the client's program in it, `"version":"0.1.0"`, unless that is "".
+[[nodiscard]] std::string encodeControlRequestFrom(const std::string& version, const ControlRequest& request);
 [[nodiscard]] std::string encodeControlReply(const ControlReply& reply);
 
 /// The state's text, as above and in the events of commands.
@@ -134,6 +142,8 @@ using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceR
 
 /// `line` is without its end. @throws JsonError or HostError, whose text the one who asked may read
 [[nodiscard]] ControlRequest decodeControlRequest(std::string_view line);
+/// The client's version as a request says it; "" if it does not. @throws JsonError
+[[nodiscard]] std::string decodeClientVersion(std::string_view line);
 /// An object that has several of the members counts as the first of: error, port, found, phones,
 /// text_bytes. @throws likewise
 [[nodiscard]] ControlReply decodeControlReply(std::string_view line);

@@ -15,6 +15,7 @@
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "OrlinthHost/Service/ServiceLock.h"
 #include "OrlinthHost/Service/SocketFace.h"
+#include "OrlinthHost/Service/UpgradeWatch.h"
 
 #include <asio/this_coro.hpp>
 
@@ -56,6 +57,7 @@ struct Service::Parts {
     HistoryKeeper history;
     ServiceApi api;
     SocketFace control;
+    UpgradeWatch upgrade;
     Watchdog watchdog;
 };
 
@@ -97,6 +99,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
       history(service.home_, service.settings_.keepsHistory),
       api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
       control(service.home_, api, loan, service.events_),
+      upgrade(service.home_, api, service.settings_.program),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
         presence.learn(phone, contact, at);
@@ -106,6 +109,8 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
     };
     outbox.onLastPhone = [this] { sharedPeers.update(); };
     api.onTransferEnded = [this](const TransferView& transfer) { history.ended(transfer); };
+    api.onRestart = service.settings_.restart;
+    api.onOtherVersion = [this] { upgrade.lookNow(); };
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;
     receiver.beforeAuthorising = [this] { keys.refresh(); };
@@ -160,6 +165,7 @@ void Service::Parts::start(std::uint16_t port) {
     outbox.start();
     peers.start();
     partials.start();
+    upgrade.start();
     watchdog.start();
     api.listening(port);
     events.listening(port, keys.pairedCount());
@@ -194,6 +200,7 @@ Task<> Service::Parts::finish() {
         face->stop();
     }
     co_await control.finish();
+    co_await upgrade.finish();
     co_await outbox.finish();
     co_await events.finish();
     co_await history.finish();

@@ -36,13 +36,18 @@ struct ServiceSettings {
     /// By which the service can be seen and asked besides the control socket; all of them outlive the service.
     std::vector<ServiceFace*> faces = {};
     Watchdog::Callbacks watchdog;
+    /// The file of the program, to notice that it was replaced; nothing: that is not noticed.
+    std::optional<platform::Path> program = {};
+    /// Cancels the service, so that the program ends in the way after which whoever manages it starts it anew. On the
+    /// home's executor. Empty: nobody would.
+    std::function<void()> restart = {};
 };
 
 /// The receive service of one data folder: receives from every paired phone, and sends what lies in the outbox, until
 /// it is cancelled. Builds its parts, lets them know of each other, and ends them in order:
 ///
 ///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, SocketFace, OutboxSender, PeerStoreWatch,
-///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, Watchdog
+///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, UpgradeWatch, Watchdog
 ///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ history ─▶ addresses ─▶ shared list
 ///                                                                               ─▶ downloads ─▶ watchdog
 ///

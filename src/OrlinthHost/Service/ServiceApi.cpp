@@ -3,8 +3,10 @@
 #include "OrlinthCore/Share/ShareStaging.h"
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "base/Counted.h"
 #include "platform/Blocking.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace orlinth::host {
@@ -17,10 +19,14 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       loan_(loan),
       presence_(presence),
       downloads_(std::filesystem::absolute(downloads)),
+      restarting_(home.system.clock.makeTimer(home.executor)),
       news_(home.executor),
       transfers_(home, [this] { changed(); }),
       lastText_(home.system.clock, home.executor) {
-    loan_.onChanged = [this] { changed(); };
+    loan_.onChanged = [this] {
+        workBegins();
+        changed();
+    };
     presence_.onChanged = [this] { phonesChanged(); };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
@@ -36,6 +42,7 @@ void ServiceApi::watchOutbox() {
         .onStarted =
             [this](OutboxSender::AttemptNumber attempt, const OutboxEvents::Transfer& transfer,
                    const Progress& progress) {
+                workBegins();
                 transfers_.began(attempt, {.direction = TransferView::Direction::out,
                                            .peerKey = transfer.peerKey,
                                            .phone = transfer.to,
@@ -59,6 +66,7 @@ void ServiceApi::watchOutbox() {
 
 void ServiceApi::watch(Receiver::Callbacks& callbacks) {
     callbacks.onTransferStarted = [this](const Receiver::Transfer& transfer) {
+        workBegins();
         transfers_.began(transfer.number, {.direction = TransferView::Direction::in,
                                            .peerKey = transfer.peerKey,
                                            .phone = transfer.from,
@@ -116,7 +124,13 @@ std::vector<TransferView> ServiceApi::transfers() const {
 }
 
 Task<BatchId> ServiceApi::share(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones) {
-    const auto stage = [this, &files, &phones, isEnding = isEnding_] {
+    const Counted counted(sharesUnderWay_);
+    workBegins();
+    co_return co_await stage(std::move(files), std::move(phones));
+}
+
+Task<BatchId> ServiceApi::stage(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones) {
+    const auto step = [this, &files, &phones, isEnding = isEnding_] {
         if (!phones && home_.peers().loadBook().peers.size() > 1) {
             if (const std::optional<PeerRecord> phone = likelyPeer(home_)) {
                 phones.emplace({phone->peer_pubkey});
@@ -138,7 +152,7 @@ Task<BatchId> ServiceApi::share(std::vector<platform::Path> files, std::optional
         }
         return BatchId(staging.finish(phones).id);
     };
-    co_return co_await platform::blocking(home_.system.queues, stage);
+    co_return co_await platform::blocking(home_.system.queues, step);
 }
 
 bool ServiceApi::cancelTransfer(TransferNumber number) {
@@ -154,6 +168,27 @@ bool ServiceApi::cancelTransfer(TransferNumber number) {
     return true;
 }
 
+void ServiceApi::restart() {
+    if (!canRestart()) {
+        throw HostError("no service manager would start the service again",
+                        "End the service yourself, and start it again: `orlinth serve`");
+    }
+    restarting_->arm(restartDelay, onRestart);
+}
+
+bool ServiceApi::isBusy() const {
+    const auto isUnderWay = [](const auto& transfer) { return !transfer.second.endedAt; };
+    const auto isSending = [](const OutboxView& batch) { return batch.state == OutboxView::State::sending; };
+    return sharesUnderWay_ > 0 || loan_.isLent() || std::ranges::any_of(transfers_.all(), isUnderWay) ||
+           std::ranges::any_of(outbox_.batches(), isSending);
+}
+
+void ServiceApi::metOtherVersion() {
+    if (onOtherVersion) {
+        onOtherVersion();
+    }
+}
+
 void ServiceApi::listening(std::uint16_t port) {
     port_ = port;
     state_ = ServiceView::State::listening;
@@ -162,6 +197,7 @@ void ServiceApi::listening(std::uint16_t port) {
 
 void ServiceApi::stopping() {
     *isEnding_ = true;
+    restarting_->disarm();
     state_ = ServiceView::State::stopping;
     lastText_.forget();
     changed();

@@ -78,10 +78,26 @@ public:
     /// The last text that came, which can also be forgotten.
     [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
 
+    /// Ends the service, which whoever manages it then starts anew. Returns before that, so that there is a moment for
+    /// an answer. What is under way is broken off, and goes on with the next service; texts in memory are lost.
+    /// @throws HostError if nobody would start it again
+    void restart();
+    [[nodiscard]] bool canRestart() const noexcept { return onRestart != nullptr; }
+    /// Whether a file is on its way, is being shared or waited for, or a pairing has the port.
+    [[nodiscard]] bool isBusy() const;
+    /// A number that grows whenever any of that begins.
+    [[nodiscard]] std::uint64_t workBegun() const noexcept { return workBegun_; }
+    /// A client of another version of the program has asked for something.
+    void metOtherVersion();
+
     // ---- for the service
 
     /// Told of each transfer that ends. May be empty.
     std::function<void(const TransferView&)> onTransferEnded;
+    /// Ends the service so that whoever manages it starts it anew. Empty: nobody would.
+    std::function<void()> onRestart;
+    /// Told of a client of another version. May be empty.
+    std::function<void()> onOtherVersion;
 
     /// Lets `callbacks` tell of transfers too.
     void watch(Receiver::Callbacks& callbacks);
@@ -93,7 +109,12 @@ public:
     void phonesChanged() noexcept;
 
 private:
+    /// Between restart() and the end, for the answer to whoever has asked for it.
+    static constexpr Seconds restartDelay = 100ms;
+
     void watchOutbox();
+    void workBegins() noexcept { ++workBegun_; }
+    [[nodiscard]] Task<BatchId> stage(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones);
 
     Home& home_;
     Receiver& receiver_;
@@ -107,6 +128,9 @@ private:
     std::shared_ptr<std::atomic<bool>> isEnding_ = std::make_shared<std::atomic<bool>>(false);
     std::uint64_t version_ = 1;
     std::uint64_t phonesVersion_ = 1;
+    std::uint64_t workBegun_ = 0;
+    std::size_t sharesUnderWay_ = 0;
+    std::unique_ptr<platform::Timer> restarting_;
     platform::Condition news_;
     TransferList transfers_;
     LastText lastText_;

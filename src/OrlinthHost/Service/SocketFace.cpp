@@ -149,7 +149,12 @@ Task<> SocketFace::sendLastText(platform::Stream& stream) {
 
 Task<ControlRequest> SocketFace::receiveRequest(platform::Stream& stream) {
     const std::string line = co_await readControlLine(stream, home_.system.clock, controlLineLimit);
-    co_return decodeControlRequest(line);
+    const ControlRequest request = decodeControlRequest(line);
+    const std::string version = decodeClientVersion(line);
+    if (!version.empty() && version != home_.version) {
+        api_.metOtherVersion();
+    }
+    co_return request;
 }
 
 bool SocketFace::isToBeLent(const ControlRequest& request) const {
@@ -176,6 +181,10 @@ Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
     }
     if (const auto* const cancel = std::get_if<CancelRequest>(&request)) {
         co_return FoundReply{api_.cancelTransfer(TransferNumber{cancel->transfer})};
+    }
+    if (std::holds_alternative<RestartRequest>(request)) {
+        api_.restart();
+        co_return FoundReply{true};
     }
     if (std::holds_alternative<ForgetTextRequest>(request)) {
         co_return FoundReply{api_.lastText().forget()};

@@ -25,6 +25,8 @@ namespace {
 
 /// Of the two seconds in which a signal ends the service in any case; the rest is for leaving.
 constexpr std::chrono::milliseconds graceAfterSignal = 1800ms;
+/// With which the service ends to be started anew (EX_TEMPFAIL); the unit knows it.
+constexpr int restartStatus = 75;
 
 /// Many phones at once need more descriptors than a login session is usually given. More than this nobody needs.
 void raiseDescriptorLimit() {
@@ -53,11 +55,6 @@ host::Watchdog::Callbacks watchdogCallbacks() {
 
 const char* environmentVariable(const char* name) {
     return std::getenv(name);
-}
-
-/// Whether this is the service of the user's own data, and not of a folder that somebody has named besides.
-bool isUsualDataFolder(const Host& host) {
-    return host.system.directories.data == host.system.directories.home / ".local" / "share";
 }
 
 Task<bool> serveUntilCancelled(host::Service& service) {
@@ -109,29 +106,40 @@ public:
         host.tasks.treatSignalsAsUsualEnd(graceAfterSignal);
         const platform::Path folder = downloadsFolder(host, directory_);
         const platform::PrivateKey ownKey = host.staticKey();
+        bool isRestarting = false;
         try {
-            serve(host, ownKey, folder);
+            serve(host, ownKey, folder, isRestarting);
             return 0;
         } catch (const Interrupted&) {
             return 0;
         } catch (const std::exception& error) {
+            if (isRestarting && platform::isCancellation(error)) {
+                return restartStatus;
+            }
             host.output.failure(describe(error), hintForServing(host, error));
             return 1;
         }
     }
 
 private:
-    void serve(Host& host, const platform::PrivateKey& ownKey, const platform::Path& folder) const {
+    void serve(Host& host, const platform::PrivateKey& ownKey, const platform::Path& folder, bool& isRestarting) const {
         OfferQuestions questions(host);
         ServeReporter reporter(host, choices());
         OutboxReporter outboxReporter(host);
         host::ServiceSettings settings = settingsFor(folder);
         settings.approveOffer = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
+        settings.program = platform::programFile();
+        if (platform::isRestartedAfter(restartStatus)) {
+            settings.restart = [&host, &isRestarting] {
+                isRestarting = true;
+                host.tasks.cancel();
+            };
+        }
         bus::BusFace face(host, environmentVariable,
                           {.version = ORLINTH_VERSION,
                            .dataDirectory = host.dataDirectory().string(),
                            .publicKey = ownKey.publicKey().base64()});
-        if (isUsualDataFolder(host)) { // the name on the bus is that of the user's own service
+        if (host.system.directories.areUsual()) { // the name on the bus is that of the user's own service
             settings.faces.push_back(&face);
         }
         host::Service service(host, ownKey, std::move(settings), reporter, outboxReporter);

@@ -38,6 +38,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_close_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_enter_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_exit_container);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_member);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_path);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_sender);

@@ -27,6 +27,7 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"request":"watch"})", WatchRequest{}},
     {R"({"request":"last_text"})", LastTextRequest{}},
     {R"({"request":"forget_text"})", ForgetTextRequest{}},
+    {R"({"request":"restart"})", RestartRequest{}},
 };
 
 const std::vector<std::pair<std::string, ControlReply>> replies{
@@ -66,6 +67,18 @@ TEST(ControlMessage, EachRequestIsOneLineThatDoesNotChange) {
         EXPECT_EQ(line, encodeControlRequest(request));
         EXPECT_EQ(request, decodeControlRequest(line)) << line;
     }
+}
+
+TEST(ControlMessage, ARequestOfAnyKindMayNameTheClientsVersion) {
+    for (const auto& [line, request] : requests) {
+        EXPECT_EQ("", decodeClientVersion(line));
+        EXPECT_EQ(line, encodeControlRequestFrom("", request));
+        const std::string named = encodeControlRequestFrom("1.2 \"b\"", request);
+        EXPECT_EQ(request, decodeControlRequest(named)) << named;
+        EXPECT_EQ("1.2 \"b\"", decodeClientVersion(named)) << named;
+    }
+    EXPECT_EQ(R"({"request":"port","version":"0.1.0"})", encodeControlRequestFrom("0.1.0", PortRequest{}));
+    EXPECT_NE("", troubleWith(R"({"request":"port","version":5})", decodeClientVersion));
 }
 
 TEST(ControlMessage, EachReplyIsOneLineThatDoesNotChange) {
