@@ -2,6 +2,7 @@
 
 #include "OrlinthBus/FileUri.h"
 #include "OrlinthBus/ObjectPath.h"
+#include "OrlinthBus/OfferObjects.h"
 #include "OrlinthHost/HostError.h"
 #include "platform/Cancelled.h"
 #include "platform/linux/SystemdLibrary.h"
@@ -19,6 +20,12 @@ using platform::systemd;
 
 constexpr std::chrono::seconds answerLimit = 10s;
 
+std::vector<BusInterface> allInterfaces() {
+    std::vector<BusInterface> interfaces = serviceInterfaces();
+    interfaces.push_back(offerInterface());
+    return interfaces;
+}
+
 } // namespace
 
 BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, ServiceIdentity identity)
@@ -30,8 +37,9 @@ BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, Service
                 disconnect();
                 connectLater();
             }),
-      tree_(serviceInterfaces(), {phonesPath, batchesPath, transfersPath},
+      tree_(allInterfaces(), {phonesPath, batchesPath, transfersPath, offersPath},
             [this](BusCall call) { onCall(std::move(call)); }),
+      clients_([this](const std::string& /*name*/) { clientsChanged(); }),
       reconnecting_(home.system.clock.makeTimer(home.executor)),
       tasks_(home.executor),
       sendings_(home.executor) {}
@@ -65,6 +73,7 @@ void BusFace::stop() {
     }
     reconnecting_->disarm();
     tasks_.cancelAll();
+    onlooker_.reset();
     static_cast<void>(tree_.update(look(false), tree_.objects().size() + phoneViews_.size() + signalsAtOnce));
 }
 
@@ -96,8 +105,12 @@ void BusFace::connect() {
         news_.changed();
         return;
     }
+    clients_.attach(loop_);
     constexpr std::uint32_t doNotQueue = 4;
     sd_bus_slot* slot = nullptr;
+    if (systemd().sd_bus_add_filter(loop_.get(), &slot, onMessage, this) >= 0) {
+        filter_.reset(slot);
+    }
     if (systemd().sd_bus_call_method_async(loop_.get(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                            "org.freedesktop.DBus", "RequestName", onName, this, "su", serviceName,
                                            doNotQueue) < 0) {
@@ -112,6 +125,9 @@ void BusFace::connect() {
 
 void BusFace::disconnect() noexcept {
     request_.reset();
+    filter_.reset();
+    clients_.detach();
+    onlooker_.reset();
     tree_.detach();
     name_ = Name::unknown;
 }
@@ -139,12 +155,35 @@ int BusFace::onName(sd_bus_message* message, void* self, sd_bus_error* /*error*/
     return 1;
 }
 
+int BusFace::onMessage(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
+    try {
+        auto* const face = static_cast<BusFace*>(self);
+        const char* const sender = systemd().sd_bus_message_get_sender(message);
+        if (sender != nullptr && systemd().sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
+            face->clients_.add(sender);
+            face->clientsChanged();
+        }
+    } catch (const std::exception&) {
+        return 0; // no memory: whoever it is can still ask again
+    }
+    return 0; // what it wants is for others to see
+}
+
+void BusFace::clientsChanged() {
+    if (clients_.isEmpty() || isStopping_) {
+        onlooker_.reset();
+    } else if (!onlooker_) {
+        onlooker_ = api_->onlooker();
+    }
+}
+
 // What there is
 
 BusObjects BusFace::look(bool alsoPhones) {
     transfers_.clear();
     batches_.clear();
     phones_.clear();
+    offers_.clear();
     if (alsoPhones || phonesSeen_ != api_->phonesVersion()) {
         phonesSeen_ = api_->phonesVersion();
         phoneViews_ = api_->phones();
@@ -160,7 +199,14 @@ BusObjects BusFace::look(bool alsoPhones) {
     for (const host::OutboxView& batch : batches) {
         batches_.emplace(pathOfBatch(batch.batch, batch.peerKey), std::pair(batch.batch, batch.peerKey));
     }
-    return objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
+    const std::vector<host::OfferView> offers = api_->offers();
+    for (const host::OfferView& offer : offers) {
+        offers_.emplace(pathOfOffer(offer.number), offer.number);
+    }
+    BusObjects objects =
+        objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
+    addOffers(objects, offers);
+    return objects;
 }
 
 std::optional<Seconds> BusFace::timeToLook() const {
@@ -231,7 +277,19 @@ void BusFace::onCall(BusCall call) {
         }
         return;
     }
+    if (const auto offer = offers_.find(path); offer != offers_.end()) {
+        answerOffer(std::move(call), offer->second);
+        return;
+    }
     call.fail("NotFound", "there is no such object any more");
+}
+
+void BusFace::answerOffer(BusCall call, host::OfferNumber number) {
+    if (api_->answerOffer(number, call.member() == "Accept")) {
+        call.reply();
+    } else {
+        call.fail("NotFound", "the file waits for no answer any more");
+    }
 }
 
 void BusFace::sendFiles(BusCall call) {

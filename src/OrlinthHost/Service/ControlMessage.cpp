@@ -23,7 +23,10 @@ constexpr const char* statusRequest = "status";
 constexpr const char* watchRequest = "watch";
 constexpr const char* lastTextRequest = "last_text";
 constexpr const char* forgetTextRequest = "forget_text";
+constexpr const char* acceptRequest = "accept";
+constexpr const char* declineRequest = "decline";
 constexpr const char* transferKey = "transfer";
+constexpr const char* offerKey = "offer";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
 constexpr const char* batchKey = "batch";
@@ -162,6 +165,10 @@ std::string encodeControlRequest(const ControlRequest& request) {
                               object[requestKey] = cancelRequest;
                               object[transferKey] = cancel.transfer;
                           },
+                          [&object](const AnswerOfferRequest& answer) {
+                              object[requestKey] = answer.isAccepted ? acceptRequest : declineRequest;
+                              object[offerKey] = answer.offer;
+                          },
                           [&object](const StatusRequest&) { object[requestKey] = statusRequest; },
                           [&object](const WatchRequest&) { object[requestKey] = watchRequest; },
                           [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
@@ -214,6 +221,12 @@ ControlRequest decodeControlRequest(std::string_view line) {
         const std::int64_t transfer = requireInt64(object, transferKey);
         if (transfer > 0) {
             return CancelRequest{static_cast<std::uint64_t>(transfer)};
+        }
+    }
+    if (what == acceptRequest || what == declineRequest) {
+        const std::int64_t offer = requireInt64(object, offerKey);
+        if (offer > 0) {
+            return AnswerOfferRequest{.offer = static_cast<std::uint64_t>(offer), .isAccepted = what == acceptRequest};
         }
     }
     if (what == statusRequest) {

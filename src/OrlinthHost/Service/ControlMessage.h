@@ -51,6 +51,14 @@ struct CancelRequest {
     friend bool operator==(const CancelRequest&, const CancelRequest&) = default;
 };
 
+/// `{"request":"accept","offer":3}` or `{"request":"decline","offer":3}`: whether to take a file that a phone offers.
+/// Answered by FoundReply: the first answer counts.
+struct AnswerOfferRequest {
+    std::uint64_t offer = 0; ///< OfferNumber
+    bool isAccepted = false;
+    friend bool operator==(const AnswerOfferRequest&, const AnswerOfferRequest&) = default;
+};
+
 /// `{"request":"status"}`: what there is. Answered by the lines of ServiceNews.h up to CurrentLine.
 struct StatusRequest {
     friend bool operator==(const StatusRequest&, const StatusRequest&) = default;
@@ -74,7 +82,7 @@ struct ForgetTextRequest {
 
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
-                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
+                 AnswerOfferRequest, StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.
@@ -93,7 +101,7 @@ struct NotLentReply {
     friend bool operator==(const NotLentReply&, const NotLentReply&) = default;
 };
 
-/// `{"found":true}`, or false if there is no such batch, transfer or text.
+/// `{"found":true}`, or false if there is no such batch, transfer, offer or text.
 struct FoundReply {
     bool isFound = false;
     friend bool operator==(const FoundReply&, const FoundReply&) = default;

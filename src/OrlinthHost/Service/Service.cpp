@@ -8,6 +8,7 @@
 #include "OrlinthHost/Service/DownloadsFolder.h"
 #include "OrlinthHost/Service/HistoryKeeper.h"
 #include "OrlinthHost/Service/NetworkLookout.h"
+#include "OrlinthHost/Service/OfferQueue.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
 #include "OrlinthHost/Service/PhoneArrivals.h"
 #include "OrlinthHost/Service/PortLoan.h"
@@ -44,6 +45,7 @@ struct Service::Parts {
     ServiceEvents& events;
     const std::vector<ServiceFace*> faces;
     PresenceKeeper presence;
+    OfferQueue offers;
     Receiver receiver;
     KnownKeys keys;
     OutboxSender outbox;
@@ -63,6 +65,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
     : events(service.events_),
       faces(service.settings_.faces),
       presence(service.home_),
+      offers(service.home_, service.settings_.asker),
       receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
                port.number()),
       keys(service.home_, receiver, service.ownKey_.publicKey(),
@@ -95,7 +98,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
       history(service.home_, service.settings_.keepsHistory),
-      api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
+      api(service.home_, receiver, outbox, loan, presence, offers, service.settings_.downloads),
       control(service.home_, api, loan, service.events_),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
@@ -116,7 +119,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
         receiver.approveOffer = declineEverything;
         break;
     case ServiceSettings::Accept::ask:
-        receiver.approveOffer = service.settings_.approveOffer;
+        receiver.approveOffer = [this](Receiver::Offer offer) { return offers.wants(std::move(offer)); };
         break;
     }
     receiver.openListener = [&port](const platform::ListenOptions& options, Executor executor) {

@@ -10,18 +10,20 @@
 namespace orlinth::host {
 
 ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-                       platform::Path downloads)
+                       OfferQueue& offers, platform::Path downloads)
     : home_(home),
       receiver_(receiver),
       outbox_(outbox),
       loan_(loan),
       presence_(presence),
+      offers_(offers),
       downloads_(std::filesystem::absolute(downloads)),
       news_(home.executor),
       transfers_(home, [this] { changed(); }),
       lastText_(home.system.clock, home.executor) {
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };
+    offers_.onChanged = [this] { changed(); };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
             onTransferEnded(transfer);

@@ -177,6 +177,9 @@ Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
     if (const auto* const cancel = std::get_if<CancelRequest>(&request)) {
         co_return FoundReply{api_.cancelTransfer(TransferNumber{cancel->transfer})};
     }
+    if (const auto* const answer = std::get_if<AnswerOfferRequest>(&request)) {
+        co_return FoundReply{api_.answerOffer(OfferNumber{answer->offer}, answer->isAccepted)};
+    }
     if (std::holds_alternative<ForgetTextRequest>(request)) {
         co_return FoundReply{api_.lastText().forget()};
     }
@@ -196,6 +199,7 @@ PresenceReply SocketFace::presence() const {
 
 Task<> SocketFace::watch(platform::Stream& stream) {
     const Counted counted(watchers_);
+    const std::shared_ptr<const void> onlooker = api_.onlooker();
     NewsReader reader(api_);
     bool hasEnded = false;
     std::optional<platform::Clock::Instant> lookedAt; // at the phones

@@ -126,7 +126,7 @@ private:
         ServeReporter reporter(host, choices());
         OutboxReporter outboxReporter(host);
         host::ServiceSettings settings = settingsFor(folder);
-        settings.approveOffer = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
+        settings.asker = &questions;
         bus::BusFace face(host, environmentVariable,
                           {.version = ORLINTH_VERSION,
                            .dataDirectory = host.dataDirectory().string(),
@@ -152,7 +152,6 @@ private:
                 .accept = accept_ == "never" ? Accept::never
                           : accept_ == "ask" ? Accept::ask
                                              : Accept::always,
-                .approveOffer = {},
                 .port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
                 .keepsHistory = keepsHistory_,
                 .find = find_,

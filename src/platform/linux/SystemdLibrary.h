@@ -16,6 +16,8 @@ struct SystemdLibrary {
     detail::SharedLibrary library;
 
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_fallback_vtable);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_filter);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_match_async);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_node_enumerator);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_object_manager);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_call_async);
@@ -41,6 +43,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_member);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_path);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_sender);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);

@@ -23,6 +23,8 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"batch":")" + batch + R"(","request":"outbox_drop"})", OutboxDropRequest{BatchId(batch)}},
     {R"({"request":"presence"})", PresenceRequest{}},
     {R"({"request":"cancel","transfer":7})", CancelRequest{7}},
+    {R"({"offer":3,"request":"accept"})", AnswerOfferRequest{.offer = 3, .isAccepted = true}},
+    {R"({"offer":3,"request":"decline"})", AnswerOfferRequest{.offer = 3, .isAccepted = false}},
     {R"({"request":"status"})", StatusRequest{}},
     {R"({"request":"watch"})", WatchRequest{}},
     {R"({"request":"last_text"})", LastTextRequest{}},
