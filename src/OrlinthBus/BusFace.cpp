@@ -3,6 +3,7 @@
 #include "OrlinthBus/FileUri.h"
 #include "OrlinthBus/ObjectPath.h"
 #include "OrlinthBus/OfferObjects.h"
+#include "OrlinthBus/PairingObject.h"
 #include "OrlinthHost/HostError.h"
 #include "platform/Cancelled.h"
 #include "platform/linux/SystemdLibrary.h"
@@ -11,6 +12,7 @@
 
 #include <chrono>
 #include <exception>
+#include <limits>
 
 namespace orlinth::bus {
 
@@ -23,6 +25,7 @@ constexpr std::chrono::seconds answerLimit = 10s;
 std::vector<BusInterface> allInterfaces() {
     std::vector<BusInterface> interfaces = serviceInterfaces();
     interfaces.push_back(offerInterface());
+    interfaces.push_back(pairingInterface());
     return interfaces;
 }
 
@@ -37,6 +40,7 @@ BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, Service
                 disconnect();
                 connectLater();
             }),
+      pairingCalls_(home, loop_, [this] { tellEverything(); }),
       tree_(allInterfaces(), {phonesPath, batchesPath, transfersPath, offersPath},
             [this](BusCall call) { onCall(std::move(call)); }),
       clients_([this](const std::string& /*name*/) { clientsChanged(); }),
@@ -50,6 +54,7 @@ BusFace::~BusFace() {
 
 Task<> BusFace::start(host::ServiceApi& api) {
     api_ = &api;
+    pairingCalls_.start(api);
     tasks_.add(tellNews(), [this](const std::exception_ptr& error) {
         try {
             if (error) {
@@ -73,12 +78,14 @@ void BusFace::stop() {
     }
     reconnecting_->disarm();
     tasks_.cancelAll();
+    pairingCalls_.stop();
     onlooker_.reset();
     static_cast<void>(tree_.update(look(false), tree_.objects().size() + phoneViews_.size() + signalsAtOnce));
 }
 
 Task<> BusFace::finish() {
     co_await tasks_.join();
+    co_await pairingCalls_.finish();
     co_await sendings_.join();
     const auto isOut = [this] {
         std::uint64_t queued = 0;
@@ -106,6 +113,7 @@ void BusFace::connect() {
         return;
     }
     clients_.attach(loop_);
+    pairingCalls_.attach();
     constexpr std::uint32_t doNotQueue = 4;
     sd_bus_slot* slot = nullptr;
     if (systemd().sd_bus_add_filter(loop_.get(), &slot, onMessage, this) >= 0) {
@@ -127,6 +135,7 @@ void BusFace::disconnect() noexcept {
     request_.reset();
     filter_.reset();
     clients_.detach();
+    pairingCalls_.detach();
     onlooker_.reset();
     tree_.detach();
     name_ = Name::unknown;
@@ -169,6 +178,10 @@ int BusFace::onMessage(sd_bus_message* message, void* self, sd_bus_error* /*erro
     return 0; // what it wants is for others to see
 }
 
+void BusFace::tellEverything() {
+    static_cast<void>(tree_.update(look(false), std::numeric_limits<std::size_t>::max()));
+}
+
 void BusFace::clientsChanged() {
     if (clients_.isEmpty() || isStopping_) {
         onlooker_.reset();
@@ -206,6 +219,7 @@ BusObjects BusFace::look(bool alsoPhones) {
     BusObjects objects =
         objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
     addOffers(objects, offers);
+    addPairing(objects, api_->pairing());
     return objects;
 }
 
@@ -253,6 +267,9 @@ Task<> BusFace::tellNews() {
 // What is asked
 
 void BusFace::onCall(BusCall call) {
+    if (pairingCalls_.take(call)) {
+        return;
+    }
     const std::string path = call.path();
     const std::string member = call.member();
     if (member == "SendFiles") {

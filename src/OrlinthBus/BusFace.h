@@ -2,6 +2,7 @@
 
 #include "OrlinthBus/BusPeers.h"
 #include "OrlinthBus/BusTree.h"
+#include "OrlinthBus/PairingCalls.h"
 #include "OrlinthBus/ServiceObjects.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ServiceApi.h"
@@ -72,6 +73,8 @@ private:
     /// Whoever calls is somebody who may answer questions, until it leaves the bus.
     static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
     void clientsChanged();
+    /// For somebody who is told at once where to find something new.
+    void tellEverything();
     void onCall(BusCall call);
     void answerOffer(BusCall call, host::OfferNumber number);
     void sendFiles(BusCall call);
@@ -85,6 +88,7 @@ private:
     Name name_ = Name::unknown;
     platform::Condition news_; ///< of `name_`
     platform::BusLoop loop_;
+    PairingCalls pairingCalls_;
     BusTree tree_;
     platform::BusSlotRef request_; ///< of the name
     platform::BusSlotRef filter_;  ///< onMessage()

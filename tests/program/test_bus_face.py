@@ -169,7 +169,7 @@ class BusFace(OutboxTest):
         self.end(service)
 
     def be_asked(self, service):
-        """Until the phone has offered a file, and somebody is to say whether to take it."""
+        """Until the phone has offered a file, somebody is to say whether to take it, and a pairing runs."""
         client = BusClient(self.address)
         self.addCleanup(client.close)
         client.call(ROOT, "org.freedesktop.DBus.Peer", "Ping")
@@ -177,6 +177,7 @@ class BusFace(OutboxTest):
         self.phone.record(self.mac, service.port)
         self.running(self.phone, "send", "--to", "mac", str(self.file("b.txt", b"b")))
         monitor.wait_until(lambda: self.changes(monitor, "Offer"), "an offer")
+        client.call(ROOT, f"{NAME}.Service", "Pair", "a{sv}", {"interface": ("s", "lo")})
 
     def send_something_slowly(self):
         """Until there is a transfer."""

@@ -15,6 +15,7 @@
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "OrlinthHost/Service/ServiceLock.h"
+#include "OrlinthHost/Service/ServicePairing.h"
 #include "OrlinthHost/Service/SocketFace.h"
 
 #include <asio/this_coro.hpp>
@@ -55,6 +56,7 @@ struct Service::Parts {
     NetworkLookout network;
     PartialsReminder partials;
     PortLoan loan;
+    ServicePairing pairing;
     HistoryKeeper history;
     ServiceApi api;
     SocketFace control;
@@ -97,8 +99,10 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
+      pairing(service.home_, service.ownKey_.publicKey(), loan,
+              [&told = service.events_](const std::string& endpoint) { told.turnedAway(endpoint); }),
       history(service.home_, service.settings_.keepsHistory),
-      api(service.home_, receiver, outbox, loan, presence, offers, service.settings_.downloads),
+      api(service.home_, receiver, outbox, loan, presence, offers, pairing, service.settings_.downloads),
       control(service.home_, api, loan, service.events_),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
@@ -197,6 +201,7 @@ Task<> Service::Parts::finish() {
         face->stop();
     }
     co_await control.finish();
+    co_await pairing.finish();
     co_await outbox.finish();
     co_await events.finish();
     co_await history.finish();

@@ -10,13 +10,14 @@
 namespace orlinth::host {
 
 ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-                       OfferQueue& offers, platform::Path downloads)
+                       OfferQueue& offers, ServicePairing& pairing, platform::Path downloads)
     : home_(home),
       receiver_(receiver),
       outbox_(outbox),
       loan_(loan),
       presence_(presence),
       offers_(offers),
+      pairing_(pairing),
       downloads_(std::filesystem::absolute(downloads)),
       news_(home.executor),
       transfers_(home, [this] { changed(); }),
@@ -24,6 +25,7 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };
     offers_.onChanged = [this] { changed(); };
+    pairing_.onChanged = [this] { changed(); };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
             onTransferEnded(transfer);
@@ -154,6 +156,13 @@ bool ServiceApi::cancelTransfer(TransferNumber number) {
         outbox_.cancel(std::get<OutboxSender::AttemptNumber>(*carrier));
     }
     return true;
+}
+
+Task<ServicePairing::Ticket> ServiceApi::pair(PairingOptions options) {
+    if (state_ != ServiceView::State::listening) {
+        throw HostError("the service does not listen");
+    }
+    co_return co_await pairing_.begin(port_, std::move(options));
 }
 
 void ServiceApi::listening(std::uint16_t port) {

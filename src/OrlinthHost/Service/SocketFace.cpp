@@ -154,7 +154,7 @@ Task<ControlRequest> SocketFace::receiveRequest(platform::Stream& stream) {
 
 bool SocketFace::isToBeLent(const ControlRequest& request) const {
     const auto* const lend = std::get_if<LendPortRequest>(&request);
-    return lend != nullptr && lend->port.value_or(aboutPort_.port) == aboutPort_.port && !loan_.isLent();
+    return lend != nullptr && lend->port.value_or(aboutPort_.port) == aboutPort_.port && !api_.isPairing();
 }
 
 Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
@@ -162,7 +162,7 @@ Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
         if (lend->port.value_or(aboutPort_.port) != aboutPort_.port) {
             co_return NotLentReply{aboutPort_.port};
         }
-        throw HostError("the port is lent already");
+        throw HostError(loan_.isLent() ? "the port is lent already" : "another pairing is under way");
     }
     if (const auto* const retry = std::get_if<OutboxRetryRequest>(&request)) {
         co_return FoundReply{api_.retry(retry->batch)};

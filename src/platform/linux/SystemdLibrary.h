@@ -46,7 +46,9 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_return);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_peek_type);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read_basic);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_ref);
@@ -61,6 +63,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_ref);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_reply_method_errorf);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_reply_method_return);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_send);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_address);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_bus_client);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_method_call_timeout);
