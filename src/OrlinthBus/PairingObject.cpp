@@ -1,7 +1,7 @@
 #include "OrlinthBus/PairingObject.h"
 
 #include "OrlinthHost/HostError.h"
-#include "OrlinthHost/Service/ServicePairing.h"
+#include "OrlinthHost/Service/PairingMessage.h"
 #include "base/Text.h"
 
 #include <algorithm>
@@ -11,21 +11,6 @@ namespace orlinth::bus {
 namespace {
 
 constexpr const char* interfaceName = "com.tarvinex.orlinth1.Pairing";
-
-const char* textOf(host::PairingView::State state) noexcept {
-    using State = host::PairingView::State;
-    switch (state) {
-    case State::waiting:
-        return "waiting";
-    case State::confirming:
-        return "confirming";
-    case State::done:
-        return "done";
-    case State::failed:
-        break;
-    }
-    return "failed";
-}
 
 /// The option of this name, which must be of this type; nothing if it is not given.
 template <typename Value>
@@ -61,7 +46,7 @@ void addPairing(BusObjects& objects, const std::optional<host::PairingView>& pai
     }
     const std::int64_t expires = pairing->expires ? toNumber(*pairing->expires) : 0;
     objects[pairingPath] = {.interface = interfaceName,
-                            .properties = {{"State", std::string(textOf(pairing->state))},
+                            .properties = {{"State", std::string(host::textOf(pairing->state))},
                                            {"Digits", pairing->digits},
                                            {"ConfirmationCode", pairing->confirmationCode},
                                            {"PhoneName", forDisplay(pairing->phone)},
@@ -76,11 +61,7 @@ host::PairingOptions pairingOptionsIn(const BusOptions& options) {
                                 .isAnnounced = optionIn<bool>(options, "announce").value_or(false),
                                 .isPublic = optionIn<bool>(options, "listen-public").value_or(false)};
     if (seconds) {
-        constexpr auto longest = std::chrono::duration_cast<std::chrono::seconds>(host::ServicePairing::longestWait);
-        if (*seconds < 1 || *seconds > longest.count()) {
-            throw host::HostError("\"timeout\" must be 1 to " + std::to_string(longest.count()) + " seconds");
-        }
-        chosen.timeout = std::chrono::seconds(*seconds);
+        chosen.waitFor(*seconds);
     }
     return chosen;
 }

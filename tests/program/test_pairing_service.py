@@ -1,5 +1,5 @@
-"""A pairing that the service itself runs for a program on the session's bus: only that program gets the code and
-confirms, and the secret is in no message."""
+"""A pairing that the service itself runs for a program on the session's bus, or at its socket: only that program gets the
+code and confirms, and the secret is in no message."""
 
 import fcntl
 import json
@@ -27,6 +27,17 @@ F_GET_SEALS = 1034
 
 def said(monitored):
     return b"".join(monitored.not_json).decode()
+
+
+def line_from(connection):
+    """The next line, and not a byte further: a descriptor may follow."""
+    line = b""
+    while not line.endswith(b"\n"):
+        byte = connection.recv(1)
+        if not byte:
+            raise AssertionError(f"the connection has ended behind {line}")
+        line += byte
+    return json.loads(line)
 
 
 def chunk(kind, content):
@@ -246,10 +257,38 @@ class PairingService(OutboxTest):
         self.assertEqual("Busy", self.failure(client, ROOT, "Service", "Pair", "a{sv}", {})[0])
         self.end(service)
 
+    def test_a_program_at_the_socket_pairs_too(self):
+        service = self.serve(self.mac)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
+            connection.settimeout(PATIENCE)
+            folder = os.open(self.mac.data / "Orlinth", os.O_PATH)  # the path may be too long for a socket
+            try:
+                connection.connect(f"/proc/self/fd/{folder}/service.sock")
+            finally:
+                os.close(folder)
+            connection.sendall(b'{"request":"pair","interface":"lo"}\n')
+            waiting = line_from(connection)
+            self.assertEqual(["event", "expires_epoch_ms", "state"], sorted(waiting))
+            [descriptor] = socket.recv_fds(connection, 1, 1)[1]
+            try:
+                self.assertEqual(ALL_SEALS, fcntl.fcntl(descriptor, F_GET_SEALS) & ALL_SEALS)
+                payload = json.loads(os.pread(descriptor, 1 << 16, 0))
+            finally:
+                os.close(descriptor)
+            digits = self.joined(payload)
+            confirming = line_from(connection)
+            self.assertEqual(("confirming", digits), (confirming["state"], confirming["confirmation_code"]))
+            self.assertEqual([], self.records(), "nobody has confirmed")
+            connection.sendall(b'{"confirm":true}\n')
+            self.assertEqual("done", line_from(connection)["state"])
+            self.assertEqual(b"", connection.recv(1))
+        self.assertEqual([self.phone.key], [record["peer_pubkey"] for record in self.records()])
+        self.end(service)
+
     def test_what_makes_no_sense_is_said(self):
         service = self.serve(self.mac)
         client = self.client()
-        for options, text in (({"timeout": ("u", 0)}, '"timeout" must be 1 to 3600 seconds'),
+        for options, text in (({"timeout": ("u", 0)}, "a pairing waits 1 to 3600 seconds for its phone"),
                               ({"timeout": ("s", "1")}, '"timeout" is of another type'),
                               ({"announce": ("u", 1)}, '"announce" is of another type')):
             self.assertEqual(("InvalidArgument", text),

@@ -25,7 +25,12 @@ constexpr const char* lastTextRequest = "last_text";
 constexpr const char* forgetTextRequest = "forget_text";
 constexpr const char* acceptRequest = "accept";
 constexpr const char* declineRequest = "decline";
+constexpr const char* pairRequest = "pair";
 constexpr const char* transferKey = "transfer";
+constexpr const char* interfaceKey = "interface";
+constexpr const char* timeoutKey = "timeout_seconds";
+constexpr const char* announceKey = "announce";
+constexpr const char* publicKey = "listen_public";
 constexpr const char* offerKey = "offer";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
@@ -95,6 +100,34 @@ PresenceReply presenceIn(const Json& object) {
                                    .canWake = isTrue(phone, wakeKey, false)});
     }
     return presence;
+}
+
+/// What is as it is without being said is not said.
+void putPairing(Json& object, const PairingOptions& options) {
+    const PairingOptions usual;
+    object[requestKey] = pairRequest;
+    if (options.interface != usual.interface) {
+        object[interfaceKey] = options.interface;
+    }
+    if (options.timeout != usual.timeout) {
+        object[timeoutKey] = std::chrono::ceil<std::chrono::seconds>(options.timeout).count();
+    }
+    if (options.isAnnounced != usual.isAnnounced) {
+        object[announceKey] = options.isAnnounced;
+    }
+    if (options.isPublic != usual.isPublic) {
+        object[publicKey] = options.isPublic;
+    }
+}
+
+PairingOptions pairingOptionsIn(const Json& object) {
+    PairingOptions options{.interface = optionalString(object, interfaceKey).value_or(""),
+                           .isAnnounced = isTrue(object, announceKey, false),
+                           .isPublic = isTrue(object, publicKey, false)};
+    if (object.contains(timeoutKey)) {
+        options.waitFor(requireInt64(object, timeoutKey));
+    }
+    return options;
 }
 
 void putPort(Json& object, const PortReply& reply) {
@@ -169,6 +202,7 @@ std::string encodeControlRequest(const ControlRequest& request) {
                               object[requestKey] = answer.isAccepted ? acceptRequest : declineRequest;
                               object[offerKey] = answer.offer;
                           },
+                          [&object](const PairRequest& pair) { putPairing(object, pair.options); },
                           [&object](const StatusRequest&) { object[requestKey] = statusRequest; },
                           [&object](const WatchRequest&) { object[requestKey] = watchRequest; },
                           [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
@@ -228,6 +262,9 @@ ControlRequest decodeControlRequest(std::string_view line) {
         if (offer > 0) {
             return AnswerOfferRequest{.offer = static_cast<std::uint64_t>(offer), .isAccepted = what == acceptRequest};
         }
+    }
+    if (what == pairRequest) {
+        return PairRequest{pairingOptionsIn(object)};
     }
     if (what == statusRequest) {
         return StatusRequest{};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/Service/PairingView.h"
 #include "OrlinthHost/Service/PhonePresence.h"
 #include "base/StrongText.h"
 #include "base/Time.h"
@@ -59,6 +60,15 @@ struct AnswerOfferRequest {
     friend bool operator==(const AnswerOfferRequest&, const AnswerOfferRequest&) = default;
 };
 
+/// `{"request":"pair"}`, where wanted with "interface":"wlan0", "timeout_seconds":60, "announce":true and
+/// "listen_public":true: pairs a phone. Answered by a line of PairingMessage.h, and behind its line end by what the
+/// code says (UnixSockets::sendSecret), and then by a line for each change; or by ErrorReply. The pairing ends with the
+/// connection.
+struct PairRequest {
+    PairingOptions options = {};
+    friend bool operator==(const PairRequest&, const PairRequest&) = default;
+};
+
 /// `{"request":"status"}`: what there is. Answered by the lines of ServiceNews.h up to CurrentLine.
 struct StatusRequest {
     friend bool operator==(const StatusRequest&, const StatusRequest&) = default;
@@ -82,7 +92,7 @@ struct ForgetTextRequest {
 
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
-                 AnswerOfferRequest, StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
+                 AnswerOfferRequest, PairRequest, StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.

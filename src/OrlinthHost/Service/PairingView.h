@@ -1,7 +1,9 @@
 #pragma once
 
+#include "OrlinthHost/HostError.h"
 #include "base/Time.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -24,6 +26,7 @@ struct PairingView {
     std::string problem = {};                      ///< why it failed; else ""
     std::string hint = {};                         ///< what to do about that
 
+    [[nodiscard]] bool isOver() const noexcept { return state == State::done || state == State::failed; }
     friend bool operator==(const PairingView&, const PairingView&) = default;
 };
 
@@ -33,6 +36,19 @@ struct PairingOptions {
     Seconds timeout = 2min;     ///< for a phone to come
     bool isAnnounced = false;   ///< on the network, with the secret, so that a phone can find it by four digits
     bool isPublic = false;      ///< lets in connections from outside this computer's networks too
+
+    /// The longest wait for a phone, and one second is the shortest.
+    static constexpr std::chrono::seconds longestTimeout = 1h;
+    /// Chooses how long to wait. @throws HostError beyond these
+    void waitFor(std::int64_t seconds) {
+        if (seconds < 1 || seconds > longestTimeout.count()) {
+            throw HostError("a pairing waits 1 to " + std::to_string(longestTimeout.count()) +
+                            " seconds for its phone");
+        }
+        timeout = std::chrono::seconds(seconds);
+    }
+
+    friend bool operator==(const PairingOptions&, const PairingOptions&) = default;
 };
 
 } // namespace orlinth::host

@@ -271,6 +271,11 @@ ServicePairing::Ticket::~Ticket() {
     }
 }
 
+std::optional<PairingView> ServicePairing::Ticket::view() const {
+    const RunRef run = run_.lock();
+    return run ? std::optional(run->view) : std::nullopt;
+}
+
 const PairingPayload& ServicePairing::Ticket::shown(const RunRef& run) const {
     if (!run || !run->attempt) {
         throw HostError("the pairing waits for no phone any more");

@@ -42,8 +42,6 @@ public:
     static constexpr Seconds confirmationLimit = 5min;
     /// How long the end of a pairing is shown.
     static constexpr Seconds endedLifetime = 60s;
-    /// The longest wait for a phone.
-    static constexpr Seconds longestWait = 1h;
 
     class Ticket;
 
@@ -107,6 +105,8 @@ public:
     Ticket& operator=(const Ticket&) = delete;
     ~Ticket();
 
+    /// Nothing once it is shown no more.
+    [[nodiscard]] std::optional<PairingView> view() const;
     /// What the code says, as text. @throws HostError unless the pairing waits for a phone
     [[nodiscard]] SecretBytes payload() const;
     /// The code as a PNG file, with its quiet zone, one pixel a module. @throws likewise; QRRenderer::Error

@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/ControlLine.h"
+#include "OrlinthHost/Service/SocketPairing.h"
 #include "base/Counted.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
@@ -102,6 +103,7 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     bool isToWatch = false;
     bool isStatus = false;
     bool isForText = false;
+    std::optional<ServicePairing::Ticket> pairing;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
         isForLoan = isToBeLent(request);
@@ -112,7 +114,10 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
             isToWatch = false;
             throw HostError("too many programs are watching");
         }
-        if (!isForLoan && !isStatus && !isToWatch && !isForText) {
+        if (auto* const pair = std::get_if<PairRequest>(&request)) {
+            ServicePairing::Ticket ticket = co_await api_.pair(std::move(pair->options));
+            pairing.emplace(std::move(ticket));
+        } else if (!isForLoan && !isStatus && !isToWatch && !isForText) {
             reply = co_await replyTo(std::move(request));
         }
     } catch (const std::exception& error) {
@@ -128,6 +133,9 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     } else if (isStatus) {
         NewsReader reader(api_);
         co_await sendNews(*stream, reader, true);
+    } else if (pairing) {
+        SocketPairing conversation(home_, api_, *stream, *std::move(pairing));
+        co_await conversation.run();
     } else if (isForText) {
         co_await sendLastText(*stream);
     } else {

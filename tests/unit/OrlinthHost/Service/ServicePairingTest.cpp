@@ -4,6 +4,7 @@
 #include "OrlinthCore/Pairing/PairWire.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
+#include "OrlinthHost/Service/PairingMessage.h"
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "ServiceWorld.h"
 #include "platform/Imaging.h"
@@ -278,6 +279,94 @@ TEST_F(ServicePairingTest, TheSecretIsInNoLine) {
     pass(1s);
     EXPECT_THAT(world_.log.messages(), testing::Contains(HasSubstr("paired with Tablet")));
     EXPECT_THAT(world_.log.messages(), testing::Each(Not(HasSubstr(payload_.pairing_secret))));
+}
+
+// At the control socket
+
+/// The pairing of a program that has connected to the socket.
+class SocketPairingTest : public ServicePairingTest {
+protected:
+    void beginAtTheSocket(const std::string& request = "{\"request\":\"pair\"}\n") {
+        start();
+        owner_ = connectToControl();
+        first_ = decodePairing(ask(*owner_, request));
+        const SecretBytes code = world_.run(world_.unixSockets.receiveSecret(*owner_, 4096));
+        payload_ = PairingPayload::decode(code.reveal());
+        settle();
+    }
+    void beginAtTheSocketAgain() {
+        owner_.reset();
+        pass(1s);
+        stop();
+        beginAtTheSocket();
+    }
+    [[nodiscard]] PairingView next() { return decodePairing(world_.run(readLine(*owner_))); }
+
+    std::unique_ptr<platform::Stream> owner_;
+    PairingView first_;
+};
+
+TEST_F(SocketPairingTest, PairsThePhoneThatTheProgramHasConfirmed) {
+    beginAtTheSocket();
+    EXPECT_EQ(State::waiting, first_.state);
+    introduce();
+    const PairingView confirming = next();
+    EXPECT_EQ(State::confirming, confirming.state);
+    EXPECT_EQ("Tablet", confirming.phone);
+    EXPECT_EQ(4U, confirming.confirmationCode.size());
+    world_.run(write(*owner_, encodeConfirmation(true) + "\n"));
+    EXPECT_EQ(State::done, next().state);
+    EXPECT_EQ("", world_.run(readLine(*owner_))) << "it is over, and so is the connection";
+    EXPECT_THAT(paired(), ElementsAre("Pixel-8", "Tablet"));
+    EXPECT_EQ(std::nullopt, face_.api->pairing());
+}
+
+TEST_F(SocketPairingTest, EndsWithTheConnection) {
+    beginAtTheSocket();
+    EXPECT_EQ(State::waiting, view().state);
+    owner_.reset();
+    pass(100ms);
+    EXPECT_EQ(std::nullopt, face_.api->pairing());
+    beginAtTheSocketAgain();
+    introduce();
+    EXPECT_EQ(State::confirming, next().state);
+    owner_.reset();
+    pass(100ms);
+    EXPECT_EQ(std::nullopt, face_.api->pairing());
+    EXPECT_THAT(paired(), ElementsAre("Pixel-8"));
+    expectBackAtWork();
+}
+
+TEST_F(SocketPairingTest, SaysWhyItFails) {
+    beginAtTheSocket("{\"request\":\"pair\",\"timeout_seconds\":7}\n");
+    EXPECT_EQ(world_.clock.epochMilliseconds() + 7s, first_.expires);
+    const PairingView failed = next();
+    EXPECT_EQ(State::failed, failed.state);
+    EXPECT_EQ("pair-mode timeout", failed.problem);
+    EXPECT_EQ("{\"error\":\"there is no interface 'nowhere0' that is up and has an IPv4 address\"}",
+              ask("{\"interface\":\"nowhere0\",\"request\":\"pair\"}\n"));
+    EXPECT_EQ("{\"error\":\"a pairing waits 1 to 3600 seconds for its phone\"}",
+              ask("{\"request\":\"pair\",\"timeout_seconds\":0}\n"));
+}
+
+TEST_F(SocketPairingTest, IsOneAtATime) {
+    beginAtTheSocket();
+    EXPECT_EQ("{\"error\":\"another pairing is under way\"}", ask("{\"request\":\"pair\"}\n"));
+}
+
+TEST_F(SocketPairingTest, ANoAndNonsenseRecordNobody) {
+    beginAtTheSocket();
+    introduce();
+    EXPECT_EQ(State::confirming, next().state);
+    world_.run(write(*owner_, encodeConfirmation(false) + "\n"));
+    EXPECT_EQ(State::failed, next().state);
+    beginAtTheSocketAgain();
+    introduce();
+    EXPECT_EQ(State::confirming, next().state);
+    world_.run(write(*owner_, "{\"confirm\":1}\n"));
+    pass(100ms);
+    EXPECT_EQ(std::nullopt, face_.api->pairing());
+    EXPECT_THAT(paired(), ElementsAre("Pixel-8"));
 }
 
 } // namespace
