@@ -1,5 +1,6 @@
 #include "FuzzSupport.h"
 #include "OrlinthHost/Service/ControlMessage.h"
+#include "OrlinthHost/Service/PairingMessage.h"
 #include "OrlinthHost/Service/ServiceNews.h"
 #include "base/Error.h"
 
@@ -30,5 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     demandTheSame(line, encodeControlRequest, decodeControlRequest);
     demandTheSame(line, encodeControlReply, decodeControlReply);
     demandTheSame(line, encodeServiceNews, decodeServiceNews);
+    demandTheSame(line, encodePairing, decodePairing);
+    demandTheSame(line, encodeConfirmation, decodeConfirmation);
     return 0;
 }

@@ -2,6 +2,8 @@
 
 #include "OrlinthBus/FileUri.h"
 #include "OrlinthBus/ObjectPath.h"
+#include "OrlinthBus/OfferObjects.h"
+#include "OrlinthBus/PairingObject.h"
 #include "OrlinthHost/HostError.h"
 #include "platform/Cancelled.h"
 #include "platform/linux/SystemdLibrary.h"
@@ -10,6 +12,7 @@
 
 #include <chrono>
 #include <exception>
+#include <limits>
 
 namespace orlinth::bus {
 
@@ -18,6 +21,13 @@ namespace {
 using platform::systemd;
 
 constexpr std::chrono::seconds answerLimit = 10s;
+
+std::vector<BusInterface> allInterfaces() {
+    std::vector<BusInterface> interfaces = serviceInterfaces();
+    interfaces.push_back(offerInterface());
+    interfaces.push_back(pairingInterface());
+    return interfaces;
+}
 
 } // namespace
 
@@ -30,8 +40,10 @@ BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, Service
                 disconnect();
                 connectLater();
             }),
-      tree_(serviceInterfaces(), {phonesPath, batchesPath, transfersPath},
+      pairingCalls_(home, loop_, [this] { tellEverything(); }),
+      tree_(allInterfaces(), {phonesPath, batchesPath, transfersPath, offersPath},
             [this](BusCall call) { onCall(std::move(call)); }),
+      clients_([this](const std::string& /*name*/) { clientsChanged(); }),
       reconnecting_(home.system.clock.makeTimer(home.executor)),
       tasks_(home.executor),
       sendings_(home.executor) {}
@@ -42,6 +54,7 @@ BusFace::~BusFace() {
 
 Task<> BusFace::start(host::ServiceApi& api) {
     api_ = &api;
+    pairingCalls_.start(api);
     tasks_.add(tellNews(), [this](const std::exception_ptr& error) {
         try {
             if (error) {
@@ -65,11 +78,14 @@ void BusFace::stop() {
     }
     reconnecting_->disarm();
     tasks_.cancelAll();
+    pairingCalls_.stop();
+    onlooker_.reset();
     static_cast<void>(tree_.update(look(false), tree_.objects().size() + phoneViews_.size() + signalsAtOnce));
 }
 
 Task<> BusFace::finish() {
     co_await tasks_.join();
+    co_await pairingCalls_.finish();
     co_await sendings_.join();
     const auto isOut = [this] {
         std::uint64_t queued = 0;
@@ -96,8 +112,13 @@ void BusFace::connect() {
         news_.changed();
         return;
     }
+    clients_.attach(loop_);
+    pairingCalls_.attach();
     constexpr std::uint32_t doNotQueue = 4;
     sd_bus_slot* slot = nullptr;
+    if (systemd().sd_bus_add_filter(loop_.get(), &slot, onMessage, this) >= 0) {
+        filter_.reset(slot);
+    }
     if (systemd().sd_bus_call_method_async(loop_.get(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                            "org.freedesktop.DBus", "RequestName", onName, this, "su", serviceName,
                                            doNotQueue) < 0) {
@@ -112,6 +133,10 @@ void BusFace::connect() {
 
 void BusFace::disconnect() noexcept {
     request_.reset();
+    filter_.reset();
+    clients_.detach();
+    pairingCalls_.detach();
+    onlooker_.reset();
     tree_.detach();
     name_ = Name::unknown;
 }
@@ -139,12 +164,39 @@ int BusFace::onName(sd_bus_message* message, void* self, sd_bus_error* /*error*/
     return 1;
 }
 
+int BusFace::onMessage(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
+    try {
+        auto* const face = static_cast<BusFace*>(self);
+        const char* const sender = systemd().sd_bus_message_get_sender(message);
+        if (sender != nullptr && systemd().sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
+            face->clients_.add(sender);
+            face->clientsChanged();
+        }
+    } catch (const std::exception&) {
+        return 0; // no memory: whoever it is can still ask again
+    }
+    return 0; // what it wants is for others to see
+}
+
+void BusFace::tellEverything() {
+    static_cast<void>(tree_.update(look(false), std::numeric_limits<std::size_t>::max()));
+}
+
+void BusFace::clientsChanged() {
+    if (clients_.isEmpty() || isStopping_) {
+        onlooker_.reset();
+    } else if (!onlooker_) {
+        onlooker_ = api_->onlooker();
+    }
+}
+
 // What there is
 
 BusObjects BusFace::look(bool alsoPhones) {
     transfers_.clear();
     batches_.clear();
     phones_.clear();
+    offers_.clear();
     if (alsoPhones || phonesSeen_ != api_->phonesVersion()) {
         phonesSeen_ = api_->phonesVersion();
         phoneViews_ = api_->phones();
@@ -160,7 +212,15 @@ BusObjects BusFace::look(bool alsoPhones) {
     for (const host::OutboxView& batch : batches) {
         batches_.emplace(pathOfBatch(batch.batch, batch.peerKey), std::pair(batch.batch, batch.peerKey));
     }
-    return objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
+    const std::vector<host::OfferView> offers = api_->offers();
+    for (const host::OfferView& offer : offers) {
+        offers_.emplace(pathOfOffer(offer.number), offer.number);
+    }
+    BusObjects objects =
+        objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
+    addOffers(objects, offers);
+    addPairing(objects, api_->pairing());
+    return objects;
 }
 
 std::optional<Seconds> BusFace::timeToLook() const {
@@ -207,6 +267,9 @@ Task<> BusFace::tellNews() {
 // What is asked
 
 void BusFace::onCall(BusCall call) {
+    if (pairingCalls_.take(call)) {
+        return;
+    }
     const std::string path = call.path();
     const std::string member = call.member();
     if (member == "SendFiles") {
@@ -235,6 +298,10 @@ void BusFace::onCall(BusCall call) {
         }
         return;
     }
+    if (const auto offer = offers_.find(path); offer != offers_.end()) {
+        answerOffer(std::move(call), offer->second);
+        return;
+    }
     call.fail("NotFound", "there is no such object any more");
 }
 
@@ -246,6 +313,14 @@ void BusFace::restart(BusCall call) {
         return;
     }
     call.reply();
+}
+
+void BusFace::answerOffer(BusCall call, host::OfferNumber number) {
+    if (api_->answerOffer(number, call.member() == "Accept")) {
+        call.reply();
+    } else {
+        call.fail("NotFound", "the file waits for no answer any more");
+    }
 }
 
 void BusFace::sendFiles(BusCall call) {

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "OrlinthBus/BusPeers.h"
 #include "OrlinthBus/BusTree.h"
+#include "OrlinthBus/PairingCalls.h"
 #include "OrlinthBus/ServiceObjects.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ServiceApi.h"
@@ -68,8 +70,14 @@ private:
     [[nodiscard]] BusObjects look(bool alsoPhones);
     /// How long nothing may change by time alone; nothing: for ever.
     [[nodiscard]] std::optional<Seconds> timeToLook() const;
+    /// Whoever calls is somebody who may answer questions, until it leaves the bus.
+    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
+    void clientsChanged();
+    /// For somebody who is told at once where to find something new.
+    void tellEverything();
     void onCall(BusCall call);
     void restart(BusCall call);
+    void answerOffer(BusCall call, host::OfferNumber number);
     void sendFiles(BusCall call);
     [[nodiscard]] Task<> share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files,
                                std::vector<PeerKey> phones);
@@ -81,12 +89,17 @@ private:
     Name name_ = Name::unknown;
     platform::Condition news_; ///< of `name_`
     platform::BusLoop loop_;
+    PairingCalls pairingCalls_;
     BusTree tree_;
     platform::BusSlotRef request_; ///< of the name
+    platform::BusSlotRef filter_;  ///< onMessage()
+    BusPeers clients_;
+    std::shared_ptr<const void> onlooker_; ///< while there is one of them
     std::unique_ptr<platform::Timer> reconnecting_;
     std::map<std::string, host::TransferNumber> transfers_;      ///< by path
     std::map<std::string, std::pair<BatchId, PeerKey>> batches_; ///< likewise
     std::map<std::string, PeerKey> phones_;                      ///< likewise
+    std::map<std::string, host::OfferNumber> offers_;            ///< likewise
     std::vector<host::PhoneView> phoneViews_;
     std::uint64_t phonesSeen_ = 0; ///< their version
     bool isStopping_ = false;

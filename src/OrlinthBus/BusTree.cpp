@@ -57,6 +57,51 @@ char** listOf(const std::vector<std::string>& texts) {
     return list;
 }
 
+/// A whole number of this type, as a wider one; nothing if it is none, or too large for that.
+template <typename Number>
+std::optional<BusOption> readNumber(sd_bus_message* message, char type) {
+    Number number = 0;
+    if (systemd().sd_bus_message_read_basic(message, type, &number) <= 0 || !std::in_range<std::int64_t>(number)) {
+        return std::nullopt;
+    }
+    return BusOption(static_cast<std::int64_t>(number));
+}
+
+/// The value of an option; nothing for one of another kind, which is skipped.
+std::optional<BusOption> readOption(sd_bus_message* message, const std::string& type) {
+    if (type == "b") {
+        int flag = 0;
+        return systemd().sd_bus_message_read_basic(message, 'b', &flag) > 0 ? std::optional<BusOption>(flag != 0)
+                                                                            : std::nullopt;
+    }
+    if (type == "s") {
+        const char* text = nullptr;
+        return systemd().sd_bus_message_read_basic(message, 's', static_cast<void*>(&text)) > 0
+                   ? std::optional<BusOption>(std::string(text))
+                   : std::nullopt;
+    }
+    if (type == "n") {
+        return readNumber<std::int16_t>(message, 'n');
+    }
+    if (type == "q") {
+        return readNumber<std::uint16_t>(message, 'q');
+    }
+    if (type == "i") {
+        return readNumber<std::int32_t>(message, 'i');
+    }
+    if (type == "u") {
+        return readNumber<std::uint32_t>(message, 'u');
+    }
+    if (type == "x") {
+        return readNumber<std::int64_t>(message, 'x');
+    }
+    if (type == "t") {
+        return readNumber<std::uint64_t>(message, 't');
+    }
+    systemd().sd_bus_message_skip(message, type.c_str());
+    return std::nullopt;
+}
+
 bool isBelow(const std::string& path, const std::string& parent) {
     return path.size() > parent.size() && path.starts_with(parent) && path[parent.size()] == '/';
 }
@@ -95,6 +140,48 @@ std::string BusCall::member() const {
     return member != nullptr ? member : "";
 }
 
+std::string BusCall::sender() const {
+    const char* const sender = systemd().sd_bus_message_get_sender(message_.get());
+    return sender != nullptr ? sender : "";
+}
+
+bool BusCall::readFlag() {
+    int flag = 0;
+    if (systemd().sd_bus_message_read_basic(message_.get(), 'b', &flag) <= 0) {
+        throw platform::SystemError("an argument is missing");
+    }
+    return flag != 0;
+}
+
+BusOptions BusCall::readOptions() {
+    constexpr std::size_t most = 64;
+    BusOptions options;
+    sd_bus_message* const message = message_.get();
+    const auto require = [](int result) {
+        if (result <= 0) {
+            throw platform::SystemError("not a list of options");
+        }
+    };
+    require(systemd().sd_bus_message_enter_container(message, 'a', "{sv}"));
+    while (systemd().sd_bus_message_enter_container(message, 'e', "sv") > 0) {
+        const char* name = nullptr;
+        const char* type = nullptr;
+        require(systemd().sd_bus_message_read_basic(message, 's', static_cast<void*>(&name)));
+        require(systemd().sd_bus_message_peek_type(message, nullptr, &type));
+        require(systemd().sd_bus_message_enter_container(message, 'v', type));
+        if (std::optional<BusOption> value = readOption(message, type)) {
+            options.insert_or_assign(name, *std::move(value));
+        }
+        if (options.size() > most) {
+            throw platform::SystemError("more than " + std::to_string(most) + " options");
+        }
+        systemd().sd_bus_message_exit_container(message);
+        systemd().sd_bus_message_exit_container(message);
+    }
+    systemd().sd_bus_message_exit_container(message);
+    return options;
+}
+
 std::vector<std::string> BusCall::readTexts(char type, std::size_t most) {
     const char content[] = {type, '\0'};
     std::vector<std::string> texts;
@@ -119,6 +206,20 @@ void BusCall::reply() {
 
 void BusCall::reply(const std::string& text) {
     static_cast<void>(systemd().sd_bus_reply_method_return(message_.get(), "s", text.c_str()));
+    message_.reset();
+}
+
+void BusCall::reply(const std::function<int(sd_bus_message*)>& append) {
+    sd_bus_message* made = nullptr;
+    if (systemd().sd_bus_message_new_method_return(message_.get(), &made) < 0) {
+        return; // no memory: the call answers with an error when it goes
+    }
+    const platform::BusMessageRef answer(made);
+    if (append(answer.get()) < 0) {
+        fail("Failed", "the answer cannot be put into a message");
+        return;
+    }
+    static_cast<void>(systemd().sd_bus_send(nullptr, answer.get(), nullptr)); // a caller who is gone needs none
     message_.reset();
 }
 

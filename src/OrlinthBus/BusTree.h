@@ -2,6 +2,7 @@
 
 #include "OrlinthBus/BusObject.h"
 #include "OrlinthBus/BusVtable.h"
+#include "OrlinthBus/PairingObject.h"
 #include "platform/linux/BusLoop.h"
 
 #include <cstddef>
@@ -29,11 +30,21 @@ public:
 
     [[nodiscard]] std::string path() const;
     [[nodiscard]] std::string member() const;
+    /// The name that the bus itself has given the caller.
+    [[nodiscard]] std::string sender() const;
     /// The next argument, a list of texts or of paths. @throws std::exception if it is none, or longer than `most`
     [[nodiscard]] std::vector<std::string> readTexts(char type, std::size_t most);
 
+    /// The next argument, a{sv}; values that are no flag, no whole number and no text are left out.
+    /// @throws std::exception if it is none, or has too many
+    [[nodiscard]] BusOptions readOptions();
+    /// The next argument, "b". @throws std::exception
+    [[nodiscard]] bool readFlag();
+
     void reply();
     void reply(const std::string& text);
+    /// With what `append` appends; negative: the library has refused.
+    void reply(const std::function<int(sd_bus_message*)>& append);
     /// `name` is the last part of the error's name; `message` for people, with a hint in a line of its own.
     void fail(const char* name, const std::string& message);
 

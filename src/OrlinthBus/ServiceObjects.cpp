@@ -97,7 +97,8 @@ bool isShown(const host::TransferView& transfer, platform::Clock::Instant now) {
 
 std::vector<BusInterface> serviceInterfaces() {
     return {{.name = serviceInterface,
-             .methods = {{.name = "SendFiles",
+             .methods = {{.name = "Pair", .in = {{"options", "a{sv}"}}, .out = {{"pairing", "o"}}},
+                         {.name = "SendFiles",
                           .in = {{"uris", "as"}, {"phones", "ao"}, {"options", "a{sv}"}},
                           .out = {{"batch", "s"}}},
                          {.name = "Restart"}},

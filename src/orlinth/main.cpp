@@ -92,6 +92,8 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makeServeCommand(program));
     commands.push_back(makeStatusCommand(program));
     commands.push_back(makeCancelCommand(program));
+    commands.push_back(makeAcceptCommand(program));
+    commands.push_back(makeDeclineCommand(program));
     commands.push_back(makeShareCommand(program));
     commands.push_back(makeOutboxCommand(program));
     commands.push_back(makeHistoryCommand(program));

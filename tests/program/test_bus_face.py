@@ -11,6 +11,7 @@ import xml.etree.ElementTree
 import own_root  # noqa: F401 (it is entered by the import)
 import private_bus
 import side_by_side
+from bus_client import BusClient
 from harness import MIB, PATIENCE, Identity, unused_port
 from outbox_world import OutboxTest
 
@@ -154,9 +155,10 @@ class BusFace(OutboxTest):
         return batch
 
     def test_it_is_as_the_installed_description_says(self):
-        service = self.serve(self.mac)
+        service = self.serve(self.mac, "--accept", "ask")
         self.send(self.file("a.txt", b"a"))
         self.send_something_slowly()
+        self.be_asked(service)
         described = interfaces_in(DESCRIPTION.read_text(encoding="utf-8"))
         shown = {}
         [managed] = self.call(ROOT, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")
@@ -165,6 +167,17 @@ class BusFace(OutboxTest):
             shown.update({name: what for name, what in interfaces_in(text).items() if name.startswith(NAME)})
         self.assertEqual(described, shown)
         self.end(service)
+
+    def be_asked(self, service):
+        """Until the phone has offered a file, somebody is to say whether to take it, and a pairing runs."""
+        client = BusClient(self.address)
+        self.addCleanup(client.close)
+        client.call(ROOT, "org.freedesktop.DBus.Peer", "Ping")
+        monitor = self.monitor()
+        self.phone.record(self.mac, service.port)
+        self.running(self.phone, "send", "--to", "mac", str(self.file("b.txt", b"b")))
+        monitor.wait_until(lambda: self.changes(monitor, "Offer"), "an offer")
+        client.call(ROOT, f"{NAME}.Service", "Pair", "a{sv}", {"interface": ("s", "lo")})
 
     def send_something_slowly(self):
         """Until there is a transfer."""

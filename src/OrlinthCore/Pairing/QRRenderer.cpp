@@ -109,17 +109,24 @@ RasterImage QRRenderer::makeImage(const PairingPayload& payload, double scale) {
     return makeImage(payload.jsonData().reveal(), scale);
 }
 
-void QRRenderer::writePNG(platform::FileSystem& files, const PairingPayload& payload, const platform::Path& file,
-                          double scale) {
-    constexpr std::uint32_t forTheOwnerAlone = 0600;
+SecretBytes QRRenderer::makePNG(const PairingPayload& payload, double scale) {
     RasterImage image = makeImage(payload, scale);
     const WipedAtEnd wipedImage(image.pixels);
     try {
         Bytes png = platform::encodePng(image);
         const WipedAtEnd wipedPng(png);
-        platform::writeWholeFile(files, file, png, forTheOwnerAlone);
+        return SecretBytes(png);
     } catch (const platform::ImagingError& error) {
         throw Error::pngFailed(error.description());
+    }
+}
+
+void QRRenderer::writePNG(platform::FileSystem& files, const PairingPayload& payload, const platform::Path& file,
+                          double scale) {
+    constexpr std::uint32_t forTheOwnerAlone = 0600;
+    const SecretBytes png = makePNG(payload, scale);
+    try {
+        platform::writeWholeFile(files, file, png.reveal(), forTheOwnerAlone);
     } catch (const platform::SystemError& error) {
         throw Error::pngFailed(error.description());
     }

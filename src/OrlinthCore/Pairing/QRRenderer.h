@@ -24,6 +24,8 @@ public:
     [[nodiscard]] static platform::RasterImage makeImage(ByteView bytes, double scale);
     /// @throws PairingError::encodingFailed; Error likewise
     [[nodiscard]] static platform::RasterImage makeImage(const PairingPayload& payload, double scale);
+    /// The same as a PNG file. @throws likewise; Error::pngFailed
+    [[nodiscard]] static SecretBytes makePNG(const PairingPayload& payload, double scale);
     /// Replaces the file whole; only its owner may read it, as it holds the secret.
     /// @throws PairingError::encodingFailed; Error::filterFailed, renderFailed, pngFailed
     static void writePNG(platform::FileSystem& files, const PairingPayload& payload, const platform::Path& file,

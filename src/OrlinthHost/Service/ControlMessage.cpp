@@ -25,7 +25,15 @@ constexpr const char* lastTextRequest = "last_text";
 constexpr const char* forgetTextRequest = "forget_text";
 constexpr const char* restartRequest = "restart";
 constexpr const char* versionKey = "version";
+constexpr const char* acceptRequest = "accept";
+constexpr const char* declineRequest = "decline";
+constexpr const char* pairRequest = "pair";
 constexpr const char* transferKey = "transfer";
+constexpr const char* interfaceKey = "interface";
+constexpr const char* timeoutKey = "timeout_seconds";
+constexpr const char* announceKey = "announce";
+constexpr const char* publicKey = "listen_public";
+constexpr const char* offerKey = "offer";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
 constexpr const char* batchKey = "batch";
@@ -96,6 +104,34 @@ PresenceReply presenceIn(const Json& object) {
     return presence;
 }
 
+/// What is as it is without being said is not said.
+void putPairing(Json& object, const PairingOptions& options) {
+    const PairingOptions usual;
+    object[requestKey] = pairRequest;
+    if (options.interface != usual.interface) {
+        object[interfaceKey] = options.interface;
+    }
+    if (options.timeout != usual.timeout) {
+        object[timeoutKey] = std::chrono::ceil<std::chrono::seconds>(options.timeout).count();
+    }
+    if (options.isAnnounced != usual.isAnnounced) {
+        object[announceKey] = options.isAnnounced;
+    }
+    if (options.isPublic != usual.isPublic) {
+        object[publicKey] = options.isPublic;
+    }
+}
+
+PairingOptions pairingOptionsIn(const Json& object) {
+    PairingOptions options{.interface = optionalString(object, interfaceKey).value_or(""),
+                           .isAnnounced = isTrue(object, announceKey, false),
+                           .isPublic = isTrue(object, publicKey, false)};
+    if (object.contains(timeoutKey)) {
+        options.waitFor(requireInt64(object, timeoutKey));
+    }
+    return options;
+}
+
 void putPort(Json& object, const PortReply& reply) {
     object[portKey] = reply.port;
     if (!reply.downloads.empty() && reply.downloads.size() <= PortReply::maxFolderBytes && isUtf8(reply.downloads)) {
@@ -148,6 +184,11 @@ Json jsonOf(const ControlRequest& request) {
                               object[requestKey] = cancelRequest;
                               object[transferKey] = cancel.transfer;
                           },
+                          [&object](const AnswerOfferRequest& answer) {
+                              object[requestKey] = answer.isAccepted ? acceptRequest : declineRequest;
+                              object[offerKey] = answer.offer;
+                          },
+                          [&object](const PairRequest& pair) { putPairing(object, pair.options); },
                           [&object](const StatusRequest&) { object[requestKey] = statusRequest; },
                           [&object](const WatchRequest&) { object[requestKey] = watchRequest; },
                           [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
@@ -230,6 +271,15 @@ ControlRequest decodeControlRequest(std::string_view line) {
         if (transfer > 0) {
             return CancelRequest{static_cast<std::uint64_t>(transfer)};
         }
+    }
+    if (what == acceptRequest || what == declineRequest) {
+        const std::int64_t offer = requireInt64(object, offerKey);
+        if (offer > 0) {
+            return AnswerOfferRequest{.offer = static_cast<std::uint64_t>(offer), .isAccepted = what == acceptRequest};
+        }
+    }
+    if (what == pairRequest) {
+        return PairRequest{pairingOptionsIn(object)};
     }
     if (what == statusRequest) {
         return StatusRequest{};

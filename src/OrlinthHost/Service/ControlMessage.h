@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/Service/PairingView.h"
 #include "OrlinthHost/Service/PhonePresence.h"
 #include "base/StrongText.h"
 #include "base/Time.h"
@@ -51,6 +52,23 @@ struct CancelRequest {
     friend bool operator==(const CancelRequest&, const CancelRequest&) = default;
 };
 
+/// `{"request":"accept","offer":3}` or `{"request":"decline","offer":3}`: whether to take a file that a phone offers.
+/// Answered by FoundReply: the first answer counts.
+struct AnswerOfferRequest {
+    std::uint64_t offer = 0; ///< OfferNumber
+    bool isAccepted = false;
+    friend bool operator==(const AnswerOfferRequest&, const AnswerOfferRequest&) = default;
+};
+
+/// `{"request":"pair"}`, where wanted with "interface":"wlan0", "timeout_seconds":60, "announce":true and
+/// "listen_public":true: pairs a phone. Answered by a line of PairingMessage.h, and behind its line end by what the
+/// code says (UnixSockets::sendSecret), and then by a line for each change; or by ErrorReply. The pairing ends with the
+/// connection.
+struct PairRequest {
+    PairingOptions options = {};
+    friend bool operator==(const PairRequest&, const PairRequest&) = default;
+};
+
 /// `{"request":"status"}`: what there is. Answered by the lines of ServiceNews.h up to CurrentLine.
 struct StatusRequest {
     friend bool operator==(const StatusRequest&, const StatusRequest&) = default;
@@ -80,7 +98,8 @@ struct RestartRequest {
 
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
-                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest, RestartRequest>;
+                 AnswerOfferRequest, PairRequest, StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest,
+                 RestartRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.
@@ -99,7 +118,7 @@ struct NotLentReply {
     friend bool operator==(const NotLentReply&, const NotLentReply&) = default;
 };
 
-/// `{"found":true}`, or false if there is no such batch, transfer or text.
+/// `{"found":true}`, or false if there is no such batch, transfer, offer or text.
 struct FoundReply {
     bool isFound = false;
     friend bool operator==(const FoundReply&, const FoundReply&) = default;

@@ -38,6 +38,7 @@ std::vector<ServiceNews> NewsReader::next(bool isTimeToLook) {
     }
     addTransfers(news);
     addBatches(news);
+    addOffers(news);
     if (isFirst) {
         news.emplace_back(CurrentLine{});
     }
@@ -79,6 +80,15 @@ void NewsReader::addBatches(std::vector<ServiceNews>& news) {
     addChanges(batches_, std::move(current), news, [](const std::pair<BatchId, PeerKey>& key) -> ServiceNews {
         return BatchGoneLine{.batch = key.first, .peerKey = key.second};
     });
+}
+
+void NewsReader::addOffers(std::vector<ServiceNews>& news) {
+    std::map<OfferNumber, OfferView> current;
+    for (OfferView& offer : api_.offers()) {
+        current.emplace(offer.number, std::move(offer));
+    }
+    addChanges(offers_, std::move(current), news,
+               [](OfferNumber number) -> ServiceNews { return OfferGoneLine{number}; });
 }
 
 } // namespace orlinth::host

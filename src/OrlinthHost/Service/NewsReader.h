@@ -28,6 +28,7 @@ private:
     void addPhones(std::vector<ServiceNews>& news);
     void addTransfers(std::vector<ServiceNews>& news);
     void addBatches(std::vector<ServiceNews>& news);
+    void addOffers(std::vector<ServiceNews>& news);
 
     const ServiceApi& api_;
     std::uint64_t seenVersion_ = 0;
@@ -36,6 +37,7 @@ private:
     std::map<PeerKey, PhoneView> phones_;
     std::map<TransferNumber, TransferView> transfers_;
     std::map<std::pair<BatchId, PeerKey>, OutboxView> batches_;
+    std::map<OfferNumber, OfferView> offers_;
 };
 
 } // namespace orlinth::host

@@ -30,10 +30,8 @@ Task<> untilItEnds(platform::Stream& stream) {
 } // namespace
 
 Task<> PortLoan::lend(platform::Stream& stream, std::uint16_t number) {
-    set(true);
     std::optional<std::string> problem;
     try {
-        co_await receiver_.stepAside();
         co_await handOver(stream, number);
         events_.portLent();
         co_await untilItEnds(stream);
@@ -52,9 +50,20 @@ Task<> PortLoan::lend(platform::Stream& stream, std::uint16_t number) {
             // or does not read
         }
     }
+    co_await giveBack(!problem);
+}
+
+Task<std::unique_ptr<platform::Listener>> PortLoan::take(std::uint16_t number) {
+    set(true);
+    co_await receiver_.stepAside();
+    const Executor executor = co_await asio::this_coro::executor;
+    co_return port_.listenForPairing({.port = number, .keepAlive = std::nullopt}, executor);
+}
+
+Task<> PortLoan::giveBack(bool hadPort) {
     co_await takeBack();
     set(false);
-    if (!problem) {
+    if (hadPort) {
         events_.portReturned();
     }
 }
@@ -68,9 +77,7 @@ void PortLoan::set(bool isLent, std::string problem) {
 }
 
 Task<> PortLoan::handOver(platform::Stream& stream, std::uint16_t number) {
-    const Executor executor = co_await asio::this_coro::executor;
-    const std::unique_ptr<platform::Listener> port =
-        port_.listenForPairing({.port = number, .keepAlive = std::nullopt}, executor);
+    const std::unique_ptr<platform::Listener> port = co_await take(number);
     co_await sendControlLine(stream, home_.system.clock, encodeControlReply(PortReply{number}));
     co_await home_.system.unixSockets.sendPort(stream, *port);
 }

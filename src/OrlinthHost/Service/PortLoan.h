@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace orlinth::host {
@@ -14,6 +15,7 @@ namespace orlinth::host {
 /// The service's port in the hands of a pairing, which needs it for a moment:
 ///
 ///     home ──lend()──▶ away: the listening socket has gone to the borrower ──its connection ends──▶ home
+///     home ──take()──▶ away: a pairing of the service itself has it ──giveBack()──▶ home
 ///
 /// The socket itself is lent: a port that a service manager keeps open could not be opened by anybody else. However the
 /// borrower ends, its connection does, and the port is back: nothing has to be given back. Connections of phones that
@@ -39,6 +41,13 @@ public:
     /// call.
     /// @throws platform::Cancelled
     [[nodiscard]] Task<> lend(platform::Stream& stream, std::uint16_t number);
+
+    /// Takes the port away from the receiver, for a pairing in this process. Not while it is lent. However it ends,
+    /// giveBack() follows. @throws platform::Cancelled, platform::SystemError, Receiver::Error
+    [[nodiscard]] Task<std::unique_ptr<platform::Listener>> take(std::uint16_t number);
+    /// Lets the receiver have the port again, and returns when it has. `hadPort`: take() has returned it; the pairing
+    /// has closed it by now. @throws platform::Cancelled
+    [[nodiscard]] Task<> giveBack(bool hadPort);
 
 private:
     [[nodiscard]] Task<> handOver(platform::Stream& stream, std::uint16_t number);

@@ -8,12 +8,14 @@
 #include "OrlinthHost/Service/DownloadsFolder.h"
 #include "OrlinthHost/Service/HistoryKeeper.h"
 #include "OrlinthHost/Service/NetworkLookout.h"
+#include "OrlinthHost/Service/OfferQueue.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
 #include "OrlinthHost/Service/PhoneArrivals.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "OrlinthHost/Service/ServiceLock.h"
+#include "OrlinthHost/Service/ServicePairing.h"
 #include "OrlinthHost/Service/SocketFace.h"
 #include "OrlinthHost/Service/UpgradeWatch.h"
 
@@ -45,6 +47,7 @@ struct Service::Parts {
     ServiceEvents& events;
     const std::vector<ServiceFace*> faces;
     PresenceKeeper presence;
+    OfferQueue offers;
     Receiver receiver;
     KnownKeys keys;
     OutboxSender outbox;
@@ -54,6 +57,7 @@ struct Service::Parts {
     NetworkLookout network;
     PartialsReminder partials;
     PortLoan loan;
+    ServicePairing pairing;
     HistoryKeeper history;
     ServiceApi api;
     SocketFace control;
@@ -65,6 +69,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
     : events(service.events_),
       faces(service.settings_.faces),
       presence(service.home_),
+      offers(service.home_, service.settings_.asker),
       receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
                port.number()),
       keys(service.home_, receiver, service.ownKey_.publicKey(),
@@ -96,8 +101,10 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                [&told = service.events_, folder = service.settings_.downloads](
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
+      pairing(service.home_, service.ownKey_.publicKey(), loan,
+              [&told = service.events_](const std::string& endpoint) { told.turnedAway(endpoint); }),
       history(service.home_, service.settings_.keepsHistory),
-      api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
+      api(service.home_, receiver, outbox, loan, presence, offers, pairing, service.settings_.downloads),
       control(service.home_, api, loan, service.events_),
       upgrade(service.home_, api, service.settings_.program),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
@@ -121,7 +128,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
         receiver.approveOffer = declineEverything;
         break;
     case ServiceSettings::Accept::ask:
-        receiver.approveOffer = service.settings_.approveOffer;
+        receiver.approveOffer = [this](Receiver::Offer offer) { return offers.wants(std::move(offer)); };
         break;
     }
     receiver.openListener = [&port](const platform::ListenOptions& options, Executor executor) {
@@ -201,6 +208,7 @@ Task<> Service::Parts::finish() {
     }
     co_await control.finish();
     co_await upgrade.finish();
+    co_await pairing.finish();
     co_await outbox.finish();
     co_await events.finish();
     co_await history.finish();

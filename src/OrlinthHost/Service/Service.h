@@ -4,12 +4,12 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxEvents.h"
 #include "OrlinthHost/Reach/FinderPlan.h"
+#include "OrlinthHost/Service/OfferAsker.h"
 #include "OrlinthHost/Service/ServiceEvents.h"
 #include "OrlinthHost/Service/ServiceFace.h"
 #include "OrlinthHost/Service/ServicePort.h"
 #include "OrlinthHost/Service/Watchdog.h"
 
-#include <functional>
 #include <optional>
 #include <vector>
 
@@ -20,14 +20,13 @@ struct ServiceSettings {
     enum class Accept {
         always,
         never,
-        ask, ///< whoever `approveOffer` asks
+        ask, ///< what somebody accepts: see OfferQueue
     };
 
     platform::Path downloads; ///< the folder for received files; made when it is needed
     DownloadLimits downloadLimits;
     Accept accept = Accept::always;
-    /// For Accept::ask: called on the home's executor, once for each offer; cancelled when the phone hangs up.
-    std::function<Task<bool>(Receiver::Offer offer)> approveOffer;
+    OfferAsker* asker = nullptr; ///< for Accept::ask; outlives the service. Null: only faces show what is offered
     ServicePort::Settings port;
     bool keepsHistory = true;              ///< whether it is written what came and went: see History
     FindSetting find = FindSetting::known; ///< where phones are looked for that what was shared goes to

@@ -12,12 +12,14 @@
 namespace orlinth::host {
 
 ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-                       platform::Path downloads)
+                       OfferQueue& offers, ServicePairing& pairing, platform::Path downloads)
     : home_(home),
       receiver_(receiver),
       outbox_(outbox),
       loan_(loan),
       presence_(presence),
+      offers_(offers),
+      pairing_(pairing),
       downloads_(std::filesystem::absolute(downloads)),
       restarting_(home.system.clock.makeTimer(home.executor)),
       news_(home.executor),
@@ -28,6 +30,8 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
         changed();
     };
     presence_.onChanged = [this] { phonesChanged(); };
+    offers_.onChanged = [this] { changed(); };
+    pairing_.onChanged = [this] { changed(); };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
             onTransferEnded(transfer);
@@ -179,14 +183,21 @@ void ServiceApi::restart() {
 bool ServiceApi::isBusy() const {
     const auto isUnderWay = [](const auto& transfer) { return !transfer.second.endedAt; };
     const auto isSending = [](const OutboxView& batch) { return batch.state == OutboxView::State::sending; };
-    return sharesUnderWay_ > 0 || loan_.isLent() || std::ranges::any_of(transfers_.all(), isUnderWay) ||
-           std::ranges::any_of(outbox_.batches(), isSending);
+    return sharesUnderWay_ > 0 || loan_.isLent() || !offers_.open().empty() ||
+           std::ranges::any_of(transfers_.all(), isUnderWay) || std::ranges::any_of(outbox_.batches(), isSending);
 }
 
 void ServiceApi::metOtherVersion() {
     if (onOtherVersion) {
         onOtherVersion();
     }
+}
+
+Task<ServicePairing::Ticket> ServiceApi::pair(PairingOptions options) {
+    if (state_ != ServiceView::State::listening) {
+        throw HostError("the service does not listen");
+    }
+    co_return co_await pairing_.begin(port_, std::move(options));
 }
 
 void ServiceApi::listening(std::uint16_t port) {

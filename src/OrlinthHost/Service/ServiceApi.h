@@ -4,8 +4,10 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxSender.h"
 #include "OrlinthHost/Service/LastText.h"
+#include "OrlinthHost/Service/OfferQueue.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
+#include "OrlinthHost/Service/ServicePairing.h"
 #include "OrlinthHost/Service/ServiceView.h"
 #include "OrlinthHost/Service/TransferList.h"
 #include "platform/Condition.h"
@@ -22,7 +24,7 @@ namespace orlinth::host {
 /// The running service as its faces know it: what there is, word when that changes, and everything that can be asked of
 /// it. A face turns this into messages of its own kind and has no rules of its own.
 ///
-///     Receiver, OutboxSender, PortLoan, PresenceKeeper ──▶ ServiceApi ◀── SocketFace
+///     Receiver, OutboxSender, PortLoan, PresenceKeeper, OfferQueue, ServicePairing ──▶ ServiceApi ◀── SocketFace
 ///
 /// Word is that something has changed, not what: a face compares with what it has told before. So a face that is slow
 /// misses steps in between, and nothing piles up for it.
@@ -30,10 +32,10 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class ServiceApi {
 public:
-    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan` and
-    /// `presence`.
+    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence`, `offers` and
+    /// `pairing`.
     ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-               platform::Path downloads);
+               OfferQueue& offers, ServicePairing& pairing, platform::Path downloads);
     ServiceApi(const ServiceApi&) = delete;
     ServiceApi& operator=(const ServiceApi&) = delete;
 
@@ -46,6 +48,12 @@ public:
     [[nodiscard]] std::vector<TransferView> transfers() const;
     /// Of the outbox, sorted by id and phone.
     [[nodiscard]] std::vector<OutboxView> batches() const { return outbox_.batches(); }
+    /// The files that wait for a yes or a no, sorted by number.
+    [[nodiscard]] std::vector<OfferView> offers() const { return offers_.open(); }
+    /// The pairing that somebody has begun by a face, also for a moment after its end; nothing if there is none.
+    [[nodiscard]] std::optional<PairingView> pairing() const { return pairing_.view(); }
+    /// Whether a pairing keeps others from beginning, `orlinth pair` included.
+    [[nodiscard]] bool isPairing() const noexcept { return pairing_.isBusy(); }
 
     // ---- that it has changed
 
@@ -74,6 +82,14 @@ public:
     }
     /// Takes a batch back, and ends what is under way of it: OutboxSender::remove().
     [[nodiscard]] Task<bool> cancelBatch(BatchId batch) { return outbox_.remove(std::move(batch)); }
+    /// Accepts or declines a file that a phone offers; the first answer counts. Returns whether it waits for one.
+    [[nodiscard]] bool answerOffer(OfferNumber number, bool isAccepted) { return offers_.answer(number, isAccepted); }
+    /// Begins a pairing at the service's port. Whoever holds the ticket goes on with it, and nobody else.
+    /// @throws HostError, also if the service does not listen; ServicePairing::begin()
+    [[nodiscard]] Task<ServicePairing::Ticket> pair(PairingOptions options);
+    /// As long as the result lives, there is somebody who sees offers() and can answer them, so that they wait for an
+    /// answer also where nobody else can be asked.
+    [[nodiscard]] std::shared_ptr<const void> onlooker() const { return offers_.onlooker(); }
 
     /// The last text that came, which can also be forgotten.
     [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
@@ -121,6 +137,8 @@ private:
     OutboxSender& outbox_;
     PortLoan& loan_;
     PresenceKeeper& presence_;
+    OfferQueue& offers_;
+    ServicePairing& pairing_;
     const platform::Path downloads_;
     ServiceView::State state_ = ServiceView::State::starting;
     std::uint16_t port_ = 0;

@@ -191,6 +191,11 @@ Task<std::optional<bool>> askServiceToCancel(Home& home, TransferNumber transfer
     co_return co_await askWhetherFound(home, CancelRequest{static_cast<std::uint64_t>(transfer)});
 }
 
+Task<std::optional<bool>> askServiceToAnswerOffer(Home& home, OfferNumber offer, bool isAccepted) {
+    co_return co_await askWhetherFound(
+        home, AnswerOfferRequest{.offer = static_cast<std::uint64_t>(offer), .isAccepted = isAccepted});
+}
+
 Task<LastTextAnswer> askServiceForLastText(Home& home) {
     std::string problem;
     try {

@@ -48,6 +48,10 @@ namespace orlinth::host {
 /// @throws HostError if it does not answer
 [[nodiscard]] Task<std::optional<bool>> askServiceToCancel(Home& home, TransferNumber transfer);
 
+/// Has the running service take, or decline, a file that a phone offers: whether it waits for an answer; nothing if no
+/// service runs. @throws HostError if it does not answer
+[[nodiscard]] Task<std::optional<bool>> askServiceToAnswerOffer(Home& home, OfferNumber offer, bool isAccepted);
+
 /// The last text that the running service has received.
 struct ReceivedText {
     SecretBytes text; ///< UTF-8

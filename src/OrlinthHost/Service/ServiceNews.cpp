@@ -39,10 +39,16 @@ constexpr const char* filesKey = "files";
 constexpr const char* filesDoneKey = "files_done";
 constexpr const char* nextKey = "next_attempt_epoch_ms";
 
+constexpr const char* offerKey = "offer";
+constexpr const char* sizeKey = "size";
+constexpr const char* expiresKey = "expires_epoch_ms";
+
 constexpr const char* serviceEvent = "service";
 constexpr const char* phoneEvent = "phone";
 constexpr const char* transferEvent = "transfer";
 constexpr const char* batchEvent = "batch";
+constexpr const char* offerEvent = "offer";
+constexpr const char* offerGoneEvent = "offer_gone";
 constexpr const char* transferGoneEvent = "transfer_gone";
 constexpr const char* batchGoneEvent = "batch_gone";
 constexpr const char* phoneGoneEvent = "phone_gone";
@@ -100,6 +106,19 @@ Json fieldsOf(const OutboxView& batch) {
         object[nextKey] = toNumber(*batch.nextAttempt);
     }
     addText(object, messageKey, batch.problem);
+    return object;
+}
+
+Json fieldsOf(const OfferView& offer) {
+    Json object{{eventKey, offerEvent},
+                {offerKey, static_cast<std::uint64_t>(offer.number)},
+                {pubkeyKey, offer.peerKey.text()},
+                {phoneKey, offer.phone},
+                {nameKey, offer.name},
+                {sizeKey, offer.size}};
+    if (offer.expires) {
+        object[expiresKey] = toNumber(*offer.expires);
+    }
     return object;
 }
 
@@ -173,6 +192,15 @@ TransferView transferIn(const Json& object) {
             .path = textIn(object, pathKey)};
 }
 
+OfferView offerIn(const Json& object) {
+    return {.number = OfferNumber{countIn(object, offerKey)},
+            .peerKey = PeerKey(requireString(object, pubkeyKey)),
+            .phone = requireString(object, phoneKey),
+            .name = requireString(object, nameKey),
+            .size = requireInt64(object, sizeKey),
+            .expires = momentIn(object, expiresKey)};
+}
+
 OutboxView batchIn(const Json& object) {
     using enum OutboxView::State;
     return {.batch = BatchId(requireString(object, batchKey)),
@@ -239,21 +267,23 @@ const char* textOf(OutboxView::State state) noexcept {
 }
 
 std::string encodeServiceNews(const ServiceNews& news) {
-    return compactJson(std::visit(Overloaded{[](const TransferGoneLine& gone) -> Json {
-                                                 return {{eventKey, transferGoneEvent},
-                                                         {transferKey, static_cast<std::uint64_t>(gone.number)}};
-                                             },
-                                             [](const BatchGoneLine& gone) -> Json {
-                                                 return {{eventKey, batchGoneEvent},
-                                                         {batchKey, gone.batch.text()},
-                                                         {pubkeyKey, gone.peerKey.text()}};
-                                             },
-                                             [](const PhoneGoneLine& gone) -> Json {
-                                                 return {{eventKey, phoneGoneEvent}, {pubkeyKey, gone.peerKey.text()}};
-                                             },
-                                             [](const CurrentLine&) -> Json { return {{eventKey, currentEvent}}; },
-                                             [](const auto& view) -> Json { return fieldsOf(view); }},
-                                  news));
+    return compactJson(std::visit(
+        Overloaded{[](const TransferGoneLine& gone) -> Json {
+                       return {{eventKey, transferGoneEvent}, {transferKey, static_cast<std::uint64_t>(gone.number)}};
+                   },
+                   [](const BatchGoneLine& gone) -> Json {
+                       return {
+                           {eventKey, batchGoneEvent}, {batchKey, gone.batch.text()}, {pubkeyKey, gone.peerKey.text()}};
+                   },
+                   [](const PhoneGoneLine& gone) -> Json {
+                       return {{eventKey, phoneGoneEvent}, {pubkeyKey, gone.peerKey.text()}};
+                   },
+                   [](const OfferGoneLine& gone) -> Json {
+                       return {{eventKey, offerGoneEvent}, {offerKey, static_cast<std::uint64_t>(gone.number)}};
+                   },
+                   [](const CurrentLine&) -> Json { return {{eventKey, currentEvent}}; },
+                   [](const auto& view) -> Json { return fieldsOf(view); }},
+        news));
 }
 
 ServiceNews decodeServiceNews(std::string_view line) {
@@ -273,6 +303,12 @@ ServiceNews decodeServiceNews(std::string_view line) {
     }
     if (event == batchEvent) {
         return batchIn(object);
+    }
+    if (event == offerEvent) {
+        return offerIn(object);
+    }
+    if (event == offerGoneEvent) {
+        return OfferGoneLine{OfferNumber{countIn(object, offerKey)}};
     }
     if (event == transferGoneEvent) {
         return TransferGoneLine{TransferNumber{countIn(object, transferKey)}};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/Service/OfferView.h"
 #include "OrlinthHost/Service/ServiceView.h"
 
 #include <string>
@@ -29,6 +30,10 @@ using TransferLine = TransferView;
 /// such a thing. The states are "waiting", "sending", "paused" and "failed".
 using BatchLine = OutboxView;
 
+/// `{"event":"offer","offer":3,"peer_pubkey":"…","phone":"Pixel 8","name":"film.mov","size":4100000,
+/// "expires_epoch_ms":1731686400000}`: a file that waits for a yes or a no; the last once its time runs.
+using OfferLine = OfferView;
+
 /// `{"event":"transfer_gone","transfer":7}`: it is listed no more.
 struct TransferGoneLine {
     TransferNumber number{};
@@ -45,13 +50,18 @@ struct PhoneGoneLine {
     PeerKey peerKey;
     friend bool operator==(const PhoneGoneLine&, const PhoneGoneLine&) = default;
 };
+/// `{"event":"offer_gone","offer":3}`: it waits no more.
+struct OfferGoneLine {
+    OfferNumber number{};
+    friend bool operator==(const OfferGoneLine&, const OfferGoneLine&) = default;
+};
 /// `{"event":"current"}`: what came before is everything that there is.
 struct CurrentLine {
     friend bool operator==(const CurrentLine&, const CurrentLine&) = default;
 };
 
-using ServiceNews = std::variant<ServiceLine, PhoneLine, TransferLine, BatchLine, TransferGoneLine, BatchGoneLine,
-                                 PhoneGoneLine, CurrentLine>;
+using ServiceNews = std::variant<ServiceLine, PhoneLine, TransferLine, BatchLine, OfferLine, TransferGoneLine,
+                                 BatchGoneLine, PhoneGoneLine, OfferGoneLine, CurrentLine>;
 
 /// Bytes of a line, without its end: more than the longest path and the longest name take.
 inline constexpr std::size_t maxNewsLine = 32 << 10;

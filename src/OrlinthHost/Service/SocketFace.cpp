@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/ControlLine.h"
+#include "OrlinthHost/Service/SocketPairing.h"
 #include "base/Counted.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
@@ -102,6 +103,7 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     bool isToWatch = false;
     bool isStatus = false;
     bool isForText = false;
+    std::optional<ServicePairing::Ticket> pairing;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
         isForLoan = isToBeLent(request);
@@ -112,7 +114,10 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
             isToWatch = false;
             throw HostError("too many programs are watching");
         }
-        if (!isForLoan && !isStatus && !isToWatch && !isForText) {
+        if (auto* const pair = std::get_if<PairRequest>(&request)) {
+            ServicePairing::Ticket ticket = co_await api_.pair(std::move(pair->options));
+            pairing.emplace(std::move(ticket));
+        } else if (!isForLoan && !isStatus && !isToWatch && !isForText) {
             reply = co_await replyTo(std::move(request));
         }
     } catch (const std::exception& error) {
@@ -128,6 +133,9 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     } else if (isStatus) {
         NewsReader reader(api_);
         co_await sendNews(*stream, reader, true);
+    } else if (pairing) {
+        SocketPairing conversation(home_, api_, *stream, *std::move(pairing));
+        co_await conversation.run();
     } else if (isForText) {
         co_await sendLastText(*stream);
     } else {
@@ -159,7 +167,7 @@ Task<ControlRequest> SocketFace::receiveRequest(platform::Stream& stream) {
 
 bool SocketFace::isToBeLent(const ControlRequest& request) const {
     const auto* const lend = std::get_if<LendPortRequest>(&request);
-    return lend != nullptr && lend->port.value_or(aboutPort_.port) == aboutPort_.port && !loan_.isLent();
+    return lend != nullptr && lend->port.value_or(aboutPort_.port) == aboutPort_.port && !api_.isPairing();
 }
 
 Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
@@ -167,7 +175,7 @@ Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
         if (lend->port.value_or(aboutPort_.port) != aboutPort_.port) {
             co_return NotLentReply{aboutPort_.port};
         }
-        throw HostError("the port is lent already");
+        throw HostError(loan_.isLent() ? "the port is lent already" : "another pairing is under way");
     }
     if (const auto* const retry = std::get_if<OutboxRetryRequest>(&request)) {
         co_return FoundReply{api_.retry(retry->batch)};
@@ -185,6 +193,9 @@ Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
     if (std::holds_alternative<RestartRequest>(request)) {
         api_.restart();
         co_return FoundReply{true};
+    }
+    if (const auto* const answer = std::get_if<AnswerOfferRequest>(&request)) {
+        co_return FoundReply{api_.answerOffer(OfferNumber{answer->offer}, answer->isAccepted)};
     }
     if (std::holds_alternative<ForgetTextRequest>(request)) {
         co_return FoundReply{api_.lastText().forget()};
@@ -205,6 +216,7 @@ PresenceReply SocketFace::presence() const {
 
 Task<> SocketFace::watch(platform::Stream& stream) {
     const Counted counted(watchers_);
+    const std::shared_ptr<const void> onlooker = api_.onlooker();
     NewsReader reader(api_);
     bool hasEnded = false;
     std::optional<platform::Clock::Instant> lookedAt; // at the phones

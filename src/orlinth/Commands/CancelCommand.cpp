@@ -6,16 +6,6 @@ namespace orlinth::cli {
 
 namespace {
 
-CLI::Validator transferNumber() {
-    const auto check = [](std::string& text) -> std::string {
-        constexpr std::size_t mostDigits = 18; // which fit in any case
-        const bool isNumber = !text.empty() && text.size() <= mostDigits &&
-                              text.find_first_not_of("0123456789") == std::string::npos && text[0] != '0';
-        return isNumber ? "" : "'" + text + "' is no number of a transfer";
-    };
-    return {check, ""};
-}
-
 class CancelCommand final : public Command {
 public:
     explicit CancelCommand(CLI::App& program)
@@ -25,7 +15,7 @@ public:
             .add_option("TRANSFER", transfer_, "The transfer's number, as `orlinth status` shows it.")
             ->type_name("")
             ->required()
-            ->check(transferNumber());
+            ->check(numberOf("a transfer"));
         addJsonFlag("Print JSON, one object a line.");
         addQuietFlag("No messages but failures.");
     }

@@ -44,6 +44,16 @@ CLI::Validator portFrom(std::uint16_t lowest) {
     return {check, ""};
 }
 
+CLI::Validator numberOf(const char* what) {
+    const auto check = [what](std::string& text) -> std::string {
+        constexpr std::size_t mostDigits = 18; // which fit in any case
+        const bool isNumber = !text.empty() && text.size() <= mostDigits &&
+                              text.find_first_not_of("0123456789") == std::string::npos && text[0] != '0';
+        return isNumber ? "" : "'" + text + "' is no number of " + what;
+    };
+    return {check, ""};
+}
+
 void Command::addJsonFlag(const char* what) {
     parser_->add_flag("--json", json_, what);
 }

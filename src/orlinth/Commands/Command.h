@@ -73,6 +73,8 @@ inline constexpr std::uint16_t defaultPort = 28471;
 [[nodiscard]] CLI::Validator notEmpty();
 /// A decimal TCP port, `lowest` to 65535.
 [[nodiscard]] CLI::Validator portFrom(std::uint16_t lowest);
+/// A number as `orlinth status` shows it, of what is called so: "a transfer".
+[[nodiscard]] CLI::Validator numberOf(const char* what);
 
 [[nodiscard]] std::unique_ptr<Command> makeIdCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makePairCommand(CLI::App& program);
@@ -87,6 +89,8 @@ inline constexpr std::uint16_t defaultPort = 28471;
 [[nodiscard]] std::unique_ptr<Command> makeOutboxCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeStatusCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeCancelCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeAcceptCommand(CLI::App& program);
+[[nodiscard]] std::unique_ptr<Command> makeDeclineCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeHistoryCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makeDoctorCommand(CLI::App& program);
 [[nodiscard]] std::unique_ptr<Command> makePartialsCommand(CLI::App& program);

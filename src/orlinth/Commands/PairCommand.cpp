@@ -1,12 +1,7 @@
-#include "OrlinthCore/Pairing/PairAdvertiser.h"
-#include "OrlinthCore/Pairing/PairCode.h"
-#include "OrlinthCore/Pairing/PairCrypto.h"
-#include "OrlinthCore/Pairing/PairIntroduction.h"
 #include "OrlinthCore/Pairing/PairListener.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
-#include "OrlinthHost/Phones/PairedPhones.h"
-#include "OrlinthHost/Service/PairingDoor.h"
+#include "OrlinthHost/Service/PairingAttempt.h"
 #include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Asking/Confirmation.h"
@@ -18,7 +13,6 @@
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/Terminal.h"
 #include "orlinth/Reporting/TerminalQr.h"
-#include "platform/IpAddress.h"
 #include "platform/SystemError.h"
 
 #include <cmath>
@@ -61,68 +55,9 @@ private:
     std::unique_ptr<platform::Timer> timer_;
 };
 
-std::string hintForDevice(const DeviceInfoError& error) {
-    switch (error.which()) {
-    case DeviceInfoError::Case::getifaddrsFailed:
-        return "The system cannot list the network interfaces: " +
-               describe(platform::SystemError::fromErrno(error.number())) + ". Try again later.";
-    case DeviceInfoError::Case::noActiveInterface:
-        return "Is this computer connected? `--interface NAME` takes a certain interface.";
-    case DeviceInfoError::Case::macNotFound:
-        return "`--interface NAME` takes another interface.";
-    }
-    return {};
-}
-
-std::string hintForPairing(const Host& host, const std::exception& error) {
-    if (const auto* own = dynamic_cast<const host::HostError*>(&error)) {
-        return own->hint();
-    }
-    if (const auto* device = dynamic_cast<const DeviceInfoError*>(&error)) {
-        return hintForDevice(*device);
-    }
-    if (const auto* code = dynamic_cast<const QRRenderer::Error*>(&error);
-        code != nullptr && code->which() == QRRenderer::Error::Case::filterFailed) {
-        return "What the code has to say does not fit into a QR code. Is this computer's host name very long?";
-    }
-    if (dynamic_cast<const PairIntroductionError*>(&error) != nullptr) {
-        return "Nothing was recorded.";
-    }
-    const auto* listener = dynamic_cast<const PairListener::Error*>(&error);
-    if (listener == nullptr) {
-        return hintForOwnFiles(host, error);
-    }
-    switch (listener->which()) {
-    case PairListener::Error::Case::listenerStartFailed:
-        return "`--port 0` takes a port that is free.";
-    case PairListener::Error::Case::timedOut:
-        return "No phone has answered. Phone and computer must be in the same network; then pair again.";
-    case PairListener::Error::Case::readFailed:
-    case PairListener::Error::Case::decryptFailed:
-    case PairListener::Error::Case::connectionFailed:
-        return "Whoever connected was not a phone that has scanned this code. Nothing was recorded; pair again.";
-    case PairListener::Error::Case::alreadyRunning:
-    case PairListener::Error::Case::cancelled:
-        return {};
-    }
-    return {};
-}
-
-/// What a phone has said, and what both screens show for it.
-struct Introduced {
-    PeerRecord phone;
-    std::string confirmationCode;
-    std::string remoteEndpoint;
-    std::optional<host::Meeting> met;      ///< where it has spoken from
-    std::optional<host::ToldAddress> told; ///< where it has been told to find this computer
-};
-
-std::optional<host::ToldAddress> toldBy(const PairingPayload& payload) {
-    const std::optional<host::HostAddress> host = host::HostAddress::parse(payload.peer_ip);
-    if (!host) {
-        return std::nullopt; // loopback, for example, which is not worth remembering
-    }
-    return host::ToldAddress{.host = *host, .port = static_cast<std::uint16_t>(payload.peer_port)};
+std::string hintFor(const Host& host, const std::exception& error) {
+    const std::optional<std::string> hint = host::hintForPairing(error);
+    return hint ? *hint : hintForOwnFiles(host, error);
 }
 
 class PairCommand final : public Command {
@@ -158,7 +93,7 @@ public:
             host.output.failure(interrupted.description(), "Nothing was recorded.");
             throw;
         } catch (const std::exception& error) {
-            host.output.failure(describe(error), hintForPairing(host, error));
+            host.output.failure(describe(error), hintFor(host, error));
             return 1;
         }
         if (!leavesService_) {
@@ -172,17 +107,17 @@ private:
         requirePeerStore(host);
         Confirmation confirmation(host, yes_, false);
         const platform::PrivateKey ownKey = host.staticKey();
-        Introduced introduced = awaitPhone(host, ownKey.publicKey());
+        host::IntroducedPhone introduced = awaitPhone(host, ownKey.publicKey());
         Json fields;
         fields["confirmation_code"] = introduced.confirmationCode;
         fields["remote_endpoint"] = introduced.remoteEndpoint;
-        fields["peer_hostname"] = introduced.phone.peer_hostname;
+        fields["peer_hostname"] = introduced.record.peer_hostname;
         host.output.event("introduction", std::move(fields));
-        host.output.result(forDisplay(introduced.phone.peer_hostname) + " (" + introduced.remoteEndpoint +
+        host.output.result(forDisplay(introduced.record.peer_hostname) + " (" + introduced.remoteEndpoint +
                            ") wants to be paired.");
         host.output.result("Confirmation code: " + introduced.confirmationCode);
-        confirmation.require(introduced.phone.peer_hostname);
-        recordPaired(host, std::move(introduced.phone), introduced.met);
+        confirmation.require(introduced.record.peer_hostname);
+        recordPaired(host, std::move(introduced.record), introduced.met);
         if (introduced.told) {
             host::AddressMemory(host.system.files, host.system.clock, host.system.log, host.dataDirectory())
                 .tell(*introduced.told);
@@ -190,43 +125,33 @@ private:
     }
 
     /// Pair mode. When it ends, by whatever way, the port is closed, the announcement withdrawn and the secret wiped.
-    Introduced awaitPhone(Host& host, const platform::PublicKey& ownKey) {
+    host::IntroducedPhone awaitPhone(Host& host, const platform::PublicKey& ownKey) {
         // given back when this function ends: people may take their time with the question that follows
         std::optional<host::BorrowedPort> borrowed = borrowPort(host);
         std::unique_ptr<platform::Listener> port = borrowed ? nullptr : openPort(host, borrowed);
-        const std::uint16_t number = borrowed ? borrowed->port() : port->port();
-        DeviceInfo device = deviceAt(host, borrowed ? borrowed->place() : "");
-        if (!host.computerName.empty()) {
-            device.hostname = host.computerName;
-        }
-        const PairingPayload payload = PairingPayload::mint(ownKey, device, number);
-        const std::string code = PairCode::generate();
-        const SecretBytes secret = payload.secret();
-        std::optional<host::PairingDoor> door;
+        host::PairingAttempt::Settings settings{.ownKey = ownKey, .timeout = duration(), .interface = interface_};
         if (borrowed) {
-            auto onDelivery = [&output = host.output](const std::string& who) {
+            settings.place = borrowed->place();
+            settings.onDelivery = [&output = host.output](const std::string& who) {
                 output.message("A paired phone (" + who +
                                ") wanted to deliver something; it can try again afterwards.");
             };
-            port =
-                door.emplace(host, guarded(host, borrowed->takeListener()), secret, std::move(onDelivery)).listener();
-        } else {
-            port = guarded(host, std::move(port));
+            port = borrowed->takeListener();
         }
-        PairListener listener(host.system, secret, number, duration(), std::move(port));
-        PairAdvertiser advertiser(host.system.services, host.system.log, payload, code, host.tasks.executor());
+        const std::uint16_t number = port->port();
+        host::PairingAttempt attempt(host, guarded(host, std::move(port)), std::move(settings));
 
         if (!borrowed) {
             tellWhereFilesGo(host, number);
         }
-        show(host, payload, code);
+        show(host, attempt.payload(), attempt.digits());
         Countdown countdown(host, duration());
         if (!quietly_) {
-            advertiser.start({.onPublished =
-                                  [&host, &countdown, code, isShown = false]() mutable {
+            attempt.announce({.onPublished =
+                                  [&host, &countdown, &attempt, isShown = false]() mutable {
                                       if (!std::exchange(isShown, true)) {
                                           countdown.giveWay();
-                                          host.output.result("Or enter these four digits there: " + code);
+                                          host.output.result("Or enter these four digits there: " + attempt.digits());
                                       }
                                   },
                               .onFailure =
@@ -236,33 +161,7 @@ private:
                                                           "), so that digits cannot find it. Scan the code instead.");
                                   }});
         }
-        const PairListener::Result result = awaitIntroduction(host, listener, door);
-        PeerRecord phone = recordIn(host, result, ownKey);
-        const auto phoneKey = platform::PublicKey::fromBase64(phone.peer_pubkey.text());
-        return {.phone = std::move(phone),
-                .confirmationCode = PairCrypto::confirmationCode(secret.reveal(), ownKey, phoneKey.value(),
-                                                                 result.phoneIntroductionPlaintext),
-                .remoteEndpoint = result.remoteEndpoint,
-                .met = host::PairedPhones(host).meet(platform::addressOfEndpoint(result.remoteEndpoint)),
-                .told = toldBy(payload)};
-    }
-
-    static PeerRecord recordIn(const Host& host, const PairListener::Result& result,
-                               const platform::PublicKey& ownKey) {
-        PairIntroduction::Decoded decoded = PairIntroduction::decodeFrom(
-            platform::addressOfEndpoint(result.remoteEndpoint), result.phoneIntroductionPlaintext, ownKey);
-        const auto log = [&host, &decoded](const std::string& text) {
-            host.system.log.write(platform::LogLevel::info, "com.tarvinex.orlinth", "pair",
-                                  "introduction of " + forDisplay(decoded.record.peer_hostname) + ": " +
-                                      forDisplay(text));
-        };
-        for (const std::string& objection : decoded.leftOut) {
-            log("left out " + objection);
-        }
-        if (decoded.hasConnectionAddress) {
-            log("key \"peer_ip\" is empty, so the connection's address is used: " + decoded.record.peer_ip);
-        }
-        return std::move(decoded.record);
+        return host.tasks.run(attempt.awaitPhone());
     }
 
     /// The phone keeps the port of its pairing: people should know if nobody receives there.
@@ -279,72 +178,7 @@ private:
         }
     }
 
-    /// When it ends, nobody who has come to a borrowed port is left there for the service.
-    static PairListener::Result awaitIntroduction(Host& host, PairListener& listener,
-                                                  std::optional<host::PairingDoor>& door) {
-        std::exception_ptr failure;
-        std::optional<PairListener::Result> result;
-        try {
-            result = host.tasks.run(listener.awaitIntroduction());
-        } catch (const Interrupted&) {
-            throw; // no time for manners
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        if (door) {
-            static_cast<void>(host.tasks.run(door->finish()));
-        }
-        if (failure) {
-            std::rethrow_exception(failure);
-        }
-        return std::move(*result);
-    }
-
-    /// This computer as it can be reached where the port is open: at an address, on an interface, or ("") everywhere.
-    [[nodiscard]] DeviceInfo deviceAt(const Host& host, const std::string& place) const {
-        if (place.empty() || place == interface_) {
-            return thisDevice(host);
-        }
-        const std::string text = "the service receives only at " + place;
-        const auto address = platform::parseIpAddress(place);
-        const auto* const ipv4 = address ? std::get_if<platform::Ipv4Address>(&*address) : nullptr;
-        if (address && ipv4 == nullptr) {
-            throw host::HostError(text + ", and the code for the phone needs an IPv4 address",
-                                  "Give the service an IPv4 address or an interface with `orlinth serve --listen`.");
-        }
-        try {
-            const DeviceInfo device = ipv4 == nullptr ? DeviceInfo::current(host.system.interfaces, place)
-                                                      : DeviceInfo::withAddress(host.system.interfaces, *ipv4);
-            if (interface_.empty() || interface_ == device.interface) {
-                return device;
-            }
-        } catch (const DeviceInfoError& error) {
-            if (error.which() != DeviceInfoError::Case::noActiveInterface) {
-                throw;
-            }
-            throw host::HostError(text + ", which is no IPv4 address or interface of this computer that is up",
-                                  "`ip -brief address` lists the interfaces.");
-        }
-        throw host::HostError(text + ", not on the interface '" + interface_ + "'",
-                              "Pair without `--interface`, or let `orlinth serve --listen` name that interface.");
-    }
-
     [[nodiscard]] Seconds duration() const noexcept { return timeout_ > 0s ? timeout_ : longestTime; }
-
-    [[nodiscard]] DeviceInfo thisDevice(const Host& host) const {
-        if (interface_.empty()) {
-            return DeviceInfo::current(host.system.interfaces);
-        }
-        try {
-            return DeviceInfo::current(host.system.interfaces, interface_);
-        } catch (const DeviceInfoError& error) {
-            if (error.which() == DeviceInfoError::Case::noActiveInterface) {
-                throw host::HostError("there is no interface '" + interface_ + "' that is up and has an IPv4 address",
-                                      "`ip -brief address` lists the interfaces.");
-            }
-            throw;
-        }
-    }
 
     /// The port of a running service, unless another one is asked for.
     std::optional<host::BorrowedPort> borrowPort(Host& host) const {

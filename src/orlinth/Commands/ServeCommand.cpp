@@ -127,7 +127,7 @@ private:
         ServeReporter reporter(host, choices());
         OutboxReporter outboxReporter(host);
         host::ServiceSettings settings = settingsFor(folder);
-        settings.approveOffer = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
+        settings.asker = &questions;
         settings.program = platform::programFile();
         if (platform::isRestartedAfter(restartStatus)) {
             settings.restart = [&host, &isRestarting] {
@@ -160,7 +160,6 @@ private:
                 .accept = accept_ == "never" ? Accept::never
                           : accept_ == "ask" ? Accept::ask
                                              : Accept::always,
-                .approveOffer = {},
                 .port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
                 .keepsHistory = keepsHistory_,
                 .find = find_,

@@ -36,6 +36,8 @@ void StatusText::take(const host::ServiceNews& news) {
                           },
                           [this](const host::TransferView& transfer) { transfers_[transfer.number] = transfer; },
                           [this](const host::OutboxView& batch) { batches_[{batch.batch, batch.peerKey}] = batch; },
+                          [this](const host::OfferView& offer) { offers_[offer.number] = offer; },
+                          [this](const host::OfferGoneLine& gone) { offers_.erase(gone.number); },
                           [this](const host::TransferGoneLine& gone) { transfers_.erase(gone.number); },
                           [this](const host::BatchGoneLine& gone) { batches_.erase({gone.batch, gone.peerKey}); },
                           [this](const host::PhoneGoneLine& gone) {
@@ -56,6 +58,12 @@ std::vector<std::string> StatusText::lines(EpochMilliseconds now, std::size_t co
     for (const host::PhoneView& phone : phones_) {
         lines.push_back(phoneLine(phone, now));
     }
+    if (!offers_.empty()) {
+        lines.emplace_back("To be accepted:");
+    }
+    for (const auto& [number, offer] : offers_) {
+        lines.push_back(offerLine(offer, now));
+    }
     if (!transfers_.empty()) {
         lines.emplace_back("Transfers:");
     }
@@ -70,7 +78,7 @@ std::vector<std::string> StatusText::lines(EpochMilliseconds now, std::size_t co
     for (const auto& [key, batch] : batches_) {
         lines.push_back(batchLine(batch, now));
     }
-    if (transfers_.empty() && !isAnythingWaiting) {
+    if (transfers_.empty() && offers_.empty() && !isAnythingWaiting) {
         lines.emplace_back("Nothing is under way, and nothing waits.");
     }
     for (std::string& line : lines) {
@@ -142,6 +150,15 @@ std::string StatusText::stateOf(const host::TransferView& transfer) {
                 " left";
     }
     return text;
+}
+
+std::string StatusText::offerLine(const host::OfferView& offer, EpochMilliseconds now) {
+    std::string line = "  " + std::to_string(static_cast<std::uint64_t>(offer.number)) + "  " + forDisplay(offer.name) +
+                       " (" + host::humanSize(offer.size) + ") from " + forDisplay(offer.phone);
+    if (offer.expires) {
+        line += ", " + host::humanDuration(std::max(Seconds(0), Seconds(*offer.expires - now))) + " left to answer";
+    }
+    return line;
 }
 
 std::string StatusText::batchLine(const host::OutboxView& batch, EpochMilliseconds now) {

@@ -27,12 +27,14 @@ public:
 private:
     [[nodiscard]] std::string serviceLine() const;
     [[nodiscard]] static std::string phoneLine(const host::PhoneView& phone, EpochMilliseconds now);
+    [[nodiscard]] static std::string offerLine(const host::OfferView& offer, EpochMilliseconds now);
     [[nodiscard]] static std::string batchLine(const host::OutboxView& batch, EpochMilliseconds now);
 
     std::optional<host::ServiceView> service_;
     std::vector<host::PhoneView> phones_; ///< in the order in which they were told
     std::map<host::TransferNumber, host::TransferView> transfers_;
     std::map<std::pair<BatchId, PeerKey>, host::OutboxView> batches_;
+    std::map<host::OfferNumber, host::OfferView> offers_;
 };
 
 } // namespace orlinth::cli

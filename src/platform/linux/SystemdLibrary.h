@@ -16,6 +16,8 @@ struct SystemdLibrary {
     detail::SharedLibrary library;
 
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_fallback_vtable);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_filter);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_match_async);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_node_enumerator);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_add_object_manager);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_call_async);
@@ -42,9 +44,12 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_member);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_path);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_sender);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_return);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_peek_type);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read_basic);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_ref);
@@ -59,6 +64,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_ref);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_reply_method_errorf);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_reply_method_return);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_send);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_address);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_bus_client);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_method_call_timeout);

@@ -1,5 +1,6 @@
 #include "orlinth/Asking/OfferQuestions.h"
 
+#include "OrlinthHost/Service/OfferQueue.h"
 #include "fakes/Event.h"
 #include "fakes/World.h"
 
@@ -16,7 +17,7 @@ protected:
         return askFor("phone", std::move(name), answer);
     }
     [[nodiscard]] Task<> askFor(std::string phone, std::string name, std::optional<bool>& answer) {
-        answer = co_await questions_.wants({.name = name, .size = 1000, .from = "Pixel-8", .peerKey = PeerKey(phone)});
+        answer = co_await queue_.wants({.name = name, .size = 1000, .from = "Pixel-8", .peerKey = PeerKey(phone)});
     }
     /// An offer whose phone can hang up.
     struct Offer {
@@ -46,7 +47,7 @@ protected:
         return names;
     }
     [[nodiscard]] Task<> askOf(std::string key) {
-        first_ = co_await questions_.wants({.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerKey = PeerKey(key)});
+        first_ = co_await queue_.wants({.name = "a.txt", .size = 1000, .from = "Pixel-8", .peerKey = PeerKey(key)});
     }
 
     /// Until nothing moves without time moving.
@@ -62,6 +63,7 @@ protected:
     Output output_;
     Host host_{world_.system, tasks_, output_};
     OfferQuestions questions_{host_};
+    host::OfferQueue queue_{host_, &questions_};
     std::optional<bool> first_;
     std::optional<bool> second_;
 };
@@ -192,7 +194,7 @@ TEST_F(OfferQuestionsTest, TakesAQuestionBackWhosePhoneHangsUp) {
     EXPECT_EQ((std::vector{shown()[0].notification.tag}), world_.notifications.withdrawn);
     const auto next = offer("phone", "b.txt");
     EXPECT_EQ(1U, shown().size()) << "an answer to the first one may be on its way";
-    pass(OfferQuestions::rest + 200ms);
+    pass(host::OfferQueue::rest + 200ms);
     ASSERT_EQ(2U, shown().size());
     world_.notifications.answer(0, "accept"); // late
     pass(200ms);
@@ -235,11 +237,11 @@ TEST_F(OfferQuestionsTest, TwoTransfersOfOnePhoneNeverShareAQuestionHoweverAlike
     std::optional<bool> first;
     std::optional<bool> second;
     const auto askFor = [this](std::string id, std::optional<bool>& answer) -> Task<> {
-        answer = co_await questions_.wants({.name = "a.txt",
-                                            .size = 1000,
-                                            .from = "Pixel-8",
-                                            .peerKey = PeerKey("phone"),
-                                            .transferId = TransferId(std::move(id))});
+        answer = co_await queue_.wants({.name = "a.txt",
+                                        .size = 1000,
+                                        .from = "Pixel-8",
+                                        .peerKey = PeerKey("phone"),
+                                        .transferId = TransferId(std::move(id))});
     };
     world_.alongside(askFor("1", first));
     world_.alongside(askFor("2", second));
@@ -302,6 +304,16 @@ TEST_F(OfferQuestionsTest, DeclinesAtOnceWhereThereIsNobodyToAsk) {
     EXPECT_TRUE(shown().empty());
     EXPECT_EQ(told.find("nobody to ask"), told.rfind("nobody to ask")) << "told more than once: " << told;
     EXPECT_NE(std::string::npos, told.find("nobody to ask"));
+}
+
+TEST_F(OfferQuestionsTest, TakesTheNotificationAwayIfTheQuestionIsAnsweredElsewhere) {
+    world_.alongside(ask("a.txt", first_));
+    settle();
+    ASSERT_EQ(1U, shown().size());
+    EXPECT_TRUE(queue_.answer(queue_.open().at(0).number, true));
+    settle();
+    EXPECT_EQ(true, first_);
+    EXPECT_EQ((std::vector{shown()[0].notification.tag}), world_.notifications.withdrawn);
 }
 
 } // namespace

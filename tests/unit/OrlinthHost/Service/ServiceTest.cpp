@@ -19,6 +19,27 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
+/// Answers after half a minute.
+class SlowAsker final : public OfferAsker {
+public:
+    SlowAsker(fakes::World& world, bool (*isWanted)(const OfferView&))
+        : isWanted_(isWanted), timer_(world.clock.makeTimer(world.context.get_executor())) {}
+
+    bool ask(const OfferView& offer, Answer answer) override {
+        asked.push_back(offer.name + " of " + offer.phone);
+        timer_->arm(30s, [answer = std::move(answer), isWanted = isWanted_(offer)] { answer(isWanted); });
+        return true;
+    }
+    void over(OfferNumber /*number*/, End /*end*/) override {}
+    void nobodyIsThere() override {}
+
+    std::vector<std::string> asked;
+
+private:
+    bool (*isWanted_)(const OfferView&);
+    std::unique_ptr<platform::Timer> timer_;
+};
+
 class ServiceTest : public ServiceWorldTest {
 protected:
     /// What a person can do about what run() has thrown.
@@ -61,10 +82,6 @@ protected:
         const Bytes rest = co_await tablet->receiveUntilDone();
         tabletHas_ += static_cast<std::int64_t>(rest.size());
         tablet->close();
-    }
-    [[nodiscard]] Task<bool> answerAfter(Seconds time, bool isYes) {
-        co_await world_.clock.sleep(time);
-        co_return isYes;
     }
     /// While the events are being finished: what is over by then, and what is not.
     [[nodiscard]] Task<> seeTheRestAtTheEnd(const int& alive) {
@@ -306,11 +323,9 @@ TEST_F(ServiceTest, TakesNothingIfNothingIsAccepted) {
 
 TEST_F(ServiceTest, TakesWhatSomebodySaysYesTo) {
     settings_.accept = ServiceSettings::Accept::ask;
-    std::vector<std::string> asked;
-    settings_.approveOffer = [this, &asked](const Receiver::Offer& offer) {
-        asked.push_back(offer.name + " of " + offer.from);
-        return answerAfter(30s, offer.name == "a.txt");
-    };
+    const auto isWanted = [](const OfferView& offer) { return offer.name == "a.txt"; };
+    SlowAsker asker(world_, isWanted);
+    settings_.asker = &asker;
     start();
     deliver("a.txt");
     EXPECT_EQ(30, world_.clock.elapsed());
@@ -318,7 +333,7 @@ TEST_F(ServiceTest, TakesWhatSomebodySaysYesTo) {
     const auto from = phone();
     world_.run(from->send(Row::fileOffer("b.txt", 3, "text/plain", "ID")));
     static_cast<void>(world_.run(from->expect<Row::Decline>()));
-    EXPECT_THAT(asked, ElementsAre("a.txt of Pixel-8", "b.txt of Pixel-8"));
+    EXPECT_THAT(asker.asked, ElementsAre("a.txt of Pixel-8", "b.txt of Pixel-8"));
 }
 
 TEST_F(ServiceTest, DeclinesWhatIsLargerThanTheLimit) {
