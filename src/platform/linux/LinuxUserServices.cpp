@@ -32,6 +32,11 @@ bool saysThatThereIsNone(std::string_view error) {
     return std::ranges::find(names, error) != names.end();
 }
 
+/// What the bus answers where there is no systemd: its service is described on many systems, by a program that fails.
+bool saysThatItCannotBeStarted(std::string_view error) {
+    return error.starts_with("org.freedesktop.DBus.Error.Spawn.");
+}
+
 /// What somebody on the bus has answered.
 struct Answer {
     std::string error = {};   ///< the name of the error; "" if it is none
@@ -62,8 +67,7 @@ public:
         const BusMessageRef message(made);
         sd_bus_slot* slot = nullptr;
         answer_.reset();
-        if (systemd().sd_bus_message_set_auto_start(made, 0) < 0 ||
-            systemd().sd_bus_message_append(made, types, arguments...) < 0 ||
+        if (systemd().sd_bus_message_append(made, types, arguments...) < 0 ||
             systemd().sd_bus_call_async(bus_.get(), &slot, made, onAnswer, this,
                                         static_cast<std::uint64_t>(std::chrono::microseconds(limit_).count())) < 0) {
             return std::nullopt;
@@ -72,6 +76,7 @@ public:
         waitUntil([this] { return answer_.has_value(); });
         return std::exchange(answer_, std::nullopt);
     }
+    /// A bus that has only just begun waits for the manager, which is about to come to it.
     template <typename... Arguments>
     std::optional<Answer> askManager(const char* method, const char* types, Arguments... arguments) {
         return ask(systemdName, managerObject, managerInterface, method, types, arguments...);
@@ -143,11 +148,15 @@ ServiceStart failed(std::string problem) {
     return {.outcome = Outcome::failed, .problem = std::move(problem)};
 }
 
-ServiceStart problemOf(const std::optional<Answer>& answer) {
-    if (!answer || saysThatThereIsNone(answer->error)) {
+ServiceStart problemOf(const Answer& answer) {
+    if (saysThatThereIsNone(answer.error)) {
         return {};
     }
-    return failed(answer->error == noReply ? "no answer in time" : answer->problem);
+    return failed(answer.error == noReply ? "no answer in time" : answer.problem);
+}
+
+ServiceStart problemOfManager(const std::optional<Answer>& answer) {
+    return answer && !saysThatItCannotBeStarted(answer->error) ? problemOf(*answer) : ServiceStart();
 }
 
 ServiceStart startUnit(Conversation& conversation, const std::string& unit) {
@@ -157,11 +166,11 @@ ServiceStart startUnit(Conversation& conversation, const std::string& unit) {
     // without it, the manager tells nobody of its jobs
     if (const std::optional<Answer> answer = conversation.askManager("Subscribe", "");
         !answer || !answer->error.empty()) {
-        return problemOf(answer);
+        return problemOfManager(answer);
     }
     const std::optional<Answer> answer = conversation.askManager("StartUnit", "ss", unit.c_str(), "replace");
     if (!answer || !answer->error.empty()) {
-        return problemOf(answer);
+        return problemOfManager(answer);
     }
     const std::string result = conversation.resultOf(answer->text);
     if (result == "done") {
@@ -193,7 +202,7 @@ ServiceStart LinuxUserServices::start(const UserService& service) {
         return {.outcome = Outcome::running};
     }
     const ServiceStart byUnit = answer->error == noReply ? ServiceStart() : startUnit(conversation, service.unit);
-    return byUnit.outcome != Outcome::unknown ? byUnit : problemOf(answer);
+    return byUnit.outcome != Outcome::unknown ? byUnit : problemOf(*answer);
 }
 
 ServiceStart LinuxUserServices::enable(const UserService& service) {
@@ -207,10 +216,10 @@ ServiceStart LinuxUserServices::enable(const UserService& service) {
     const std::optional<Answer> enabled = conversation.askManager("EnableUnitFiles", "asbb", one, service.unit.c_str(),
                                                                   isNotForThisSessionOnly, replacesNothing);
     if (!enabled || !enabled->error.empty()) {
-        return problemOf(enabled);
+        return problemOfManager(enabled);
     }
     if (const std::optional<Answer> answer = conversation.askManager("Reload", ""); !answer || !answer->error.empty()) {
-        return problemOf(answer);
+        return problemOfManager(answer);
     }
     return startUnit(conversation, service.unit);
 }
