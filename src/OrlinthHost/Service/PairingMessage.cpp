@@ -68,7 +68,7 @@ std::string encodePairing(const PairingView& pairing) {
 PairingView decodePairing(std::string_view line) {
     const Json object = parseJson(line);
     if (object.is_object() && object.contains(refusalKey)) {
-        throw HostError(requireString(object, refusalKey));
+        throw HostError("the running service did not do it: " + requireString(object, refusalKey));
     }
     if (requireString(object, pairingEventKey) != pairingEvent) {
         throw HostError("unknown event");

@@ -1,5 +1,7 @@
 #include "OrlinthHost/Service/TransferList.h"
 
+#include "base/Text.h"
+
 #include <algorithm>
 #include <cmath>
 #include <utility>
@@ -12,6 +14,9 @@ TransferList::TransferList(Home& home, std::function<void()> onChanged)
 void TransferList::began(Carrier carrier, TransferView view) {
     const TransferNumber number{++last_};
     view.number = number;
+    if (view.name.size() > longestName) {
+        view.name = forDisplay(view.name);
+    }
     view.beganAt = home_.system.clock.now();
     running_[carrier] = {.number = number, .countedAt = home_.system.clock.now(), .counted = view.bytes.done};
     views_.emplace(number, std::move(view));

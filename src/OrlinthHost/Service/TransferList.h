@@ -33,7 +33,7 @@ struct TransferView {
     Direction direction = Direction::in;
     PeerKey peerKey = {};
     std::string phone = {}; ///< its name
-    std::string name = {};  ///< of the file, as whoever sends it calls it
+    std::string name = {};  ///< of the file, as whoever sends it calls it; see TransferList::longestName
     BatchId batch = {};     ///< of the outbox; empty if the file comes in
     State state = State::active;
     Progress bytes = {};
@@ -55,6 +55,10 @@ public:
     static constexpr Seconds endedLifetime = 60s;
     /// Of those that have ended; more of them go before their time, the oldest first.
     static constexpr std::size_t maxEnded = 64;
+
+    /// Bytes of a name, more than a file can have. Of a longer one, which a phone may send all the same, what
+    /// forDisplay() shows is kept.
+    static constexpr std::size_t longestName = 512;
 
     /// What carries a transfer.
     using Carrier = std::variant<Receiver::TransferNumber, OutboxSender::AttemptNumber>;

@@ -356,6 +356,22 @@ TEST_F(ServiceControlTest, WhoWatchesSeesATransferUntilItIsForgotten) {
     EXPECT_EQ(ServiceNews(TransferGoneLine{view.number}), news);
 }
 
+TEST_F(ServiceControlTest, AFileWithANameWithoutEndIsShownToo) {
+    start();
+    const std::unique_ptr<ScriptedPeer> from = phone();
+    world_.run(from->send(Row::fileOffer(std::string(60'000, 'x') + ".txt", 8, "text/plain", "ID-1")));
+    static_cast<void>(world_.run(from->expect<Row::Resume>()));
+    std::vector<std::string> names;
+    const auto onNews = [&names](const ServiceNews& news) {
+        if (const auto* const transfer = std::get_if<TransferView>(&news)) {
+            names.push_back(transfer->name);
+        }
+    };
+    EXPECT_TRUE(world_.run(readServiceStatus(home_, onNews)));
+    ASSERT_THAT(names, testing::SizeIs(1));
+    EXPECT_TRUE(names[0].starts_with("xxx") && names[0].ends_with("x.txt")) << names[0];
+}
+
 TEST_F(ServiceControlTest, WhoWatchesSeesThePortLentAndAPhoneThatIsRemoved) {
     start();
     const std::unique_ptr<platform::Stream> watcher = connectToControl();
