@@ -1,9 +1,11 @@
 #include "OrlinthBus/BusFace.h"
+#include "OrlinthHost/Service/DesktopNotices.h"
 #include "OrlinthHost/Service/Service.h"
 #include "orlinth/Asking/OfferQuestions.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/FolderCheck.h"
 #include "orlinth/Commands/SizeText.h"
+#include "orlinth/Program/ServiceDesktop.h"
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/OutboxReporter.h"
 #include "orlinth/Reporting/ServeReporter.h"
@@ -124,8 +126,10 @@ public:
 private:
     void serve(Host& host, const platform::PrivateKey& ownKey, const platform::Path& folder, bool& isRestarting) const {
         OfferQuestions questions(host);
-        ServeReporter reporter(host, choices());
-        OutboxReporter outboxReporter(host);
+        ServiceDesktop desktop(host);
+        host::DesktopNotices notices(host, desktop);
+        ServeReporter reporter(host, desktop, notices, choices(folder));
+        OutboxReporter outboxReporter(host, notices.outgoing());
         host::ServiceSettings settings = settingsFor(folder);
         settings.asker = &questions;
         settings.program = platform::programFile();
@@ -142,14 +146,16 @@ private:
         if (host.system.directories.areUsual()) { // the name on the bus is that of the user's own service
             settings.faces.push_back(&face);
         }
+        settings.faces.push_back(&notices);
         host::Service service(host, ownKey, std::move(settings), reporter, outboxReporter);
         static_cast<void>(host.tasks.run(serveUntilCancelled(service)));
     }
 
-    [[nodiscard]] ServeReporter::Choices choices() const {
+    [[nodiscard]] ServeReporter::Choices choices(const platform::Path& folder) const {
         return {.writesClipboard = !leavesClipboard_,
                 .port = portOption_->count() > 0 ? std::optional(port_) : std::nullopt,
-                .choosesPlaces = !places_.empty()};
+                .choosesPlaces = !places_.empty(),
+                .downloads = folder};
     }
 
     [[nodiscard]] host::ServiceSettings settingsFor(const platform::Path& folder) const {

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "OrlinthHost/Home.h"
+#include "platform/Notifications.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace orlinth::host {
+
+/// A place on the desktop for one notification, which says one thing after the other. What it says stays when this
+/// goes, and can still be answered.
+///
+/// Threading: on the home's executor.
+class NoticeSlot {
+public:
+    /// Gets every key that somebody presses, as long as it is there.
+    using OnKey = std::function<void(const platform::NotificationAnswer&)>;
+
+    /// `home` outlives this.
+    explicit NoticeSlot(Home& home) : home_(&home) {}
+
+    /// Says this from now on; anew if somebody has closed what it said. The tag is set here.
+    void show(platform::Notification notification, OnKey onKey);
+    /// Takes it away.
+    void close();
+    /// It is on the desktop, as far as that tells.
+    [[nodiscard]] bool isShown() const noexcept { return state_ && state_->isThere; }
+    /// Somebody has closed or answered what was shown last, or it could not be shown.
+    [[nodiscard]] bool isDismissed() const noexcept { return state_ && !state_->isThere; }
+
+private:
+    struct State {
+        std::uint64_t tag = 0;
+        bool isThere = true;
+    };
+
+    Home* home_;
+    std::shared_ptr<State> state_; ///< null before something is shown, and when it was taken away
+};
+
+} // namespace orlinth::host
