@@ -26,8 +26,8 @@ struct ServiceStart {
 
 /// Whoever starts programs for this user that work in the background. No call fails otherwise than by what it returns.
 ///
-/// Threading: any thread. Calls block until the service does its work, or does not: usually well below a second, at
-/// most about half a minute.
+/// Threading: any thread. Calls block until the service does its work, or does not: usually well below a second, and
+/// less than a minute where nobody answers in time.
 class UserServices {
 public:
     virtual ~UserServices() = default;

@@ -17,7 +17,8 @@ public:
     explicit ShareCommand(CLI::App& program)
         : Command(program.add_subcommand(
               "share",
-              "Leave files for `orlinth serve` to send, also if the phone is away now, as the desktop does.")) {
+              "Queue files for delivery by the service, even if the phone is unreachable now. Starts the service if "
+              "it does not run.")) {
         addPhones(selectors_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
