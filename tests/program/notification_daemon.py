@@ -1,6 +1,7 @@
 """A desktop of a session, as far as notifications go: it writes down what it is asked to show, and is clicked by a test.
 
-It is the notification daemon, the file manager and Orlinth's application at the same time.
+It is the notification daemon, the file manager, Orlinth's application and, if it is to be, KDE's server of job views at
+the same time.
 """
 
 import threading
@@ -11,6 +12,8 @@ NAME = "org.freedesktop.Notifications"
 OBJECT = "/org/freedesktop/Notifications"
 FILE_MANAGER = "org.freedesktop.FileManager1"
 APPLICATION = "com.tarvinex.orlinth"
+JOBS = "org.kde.JobViewServer"
+JOB_VIEW = "org.kde.JobViewV3"
 PATIENCE = 90
 
 
@@ -23,6 +26,7 @@ class NotificationDaemon(BusProgram):
         self.all = []        # every Notify, in its order
         self.screen = {}     # by id, what is there now
         self.opened = []     # what the file manager and the application were asked for
+        self.jobs = {}       # by path, what was said of each job, in its order
         self.last = 0
         self.server = server
         self.heard = threading.Condition()
@@ -45,7 +49,27 @@ class NotificationDaemon(BusProgram):
                 self.opened.append((message.member, *message.arguments))
                 self.heard.notify_all()
             return "", ()
+        if message.member in ("requestView", "update", "terminate"):
+            return self.job(message)
         return None
+
+    def job(self, message):
+        with self.heard:
+            is_new = message.member == "requestView"
+            path = f"/JobViewServer/JobView_{len(self.jobs) + 1}" if is_new else message.path
+            self.jobs.setdefault(path, []).append((message.member, *message.arguments))
+            self.heard.notify_all()
+        return ("o", (path,)) if is_new else ("", ())
+
+    def cancel_job(self, path):
+        self.signal(path, JOB_VIEW, "cancelRequested")
+
+    def wait_for_job(self, member):
+        """What was said of the first job, once this was."""
+        def said():
+            return [said for said in self.jobs.values() if any(word[0] == member for word in said)]
+        self.wait_until(said, f"{member} of a job")
+        return said()[0]
 
     def notify(self, application, replaces, icon, title, body, actions, hints, milliseconds):
         with self.heard:

@@ -9,7 +9,7 @@ import own_root  # noqa: F401 (it is entered by the import)
 import private_bus
 import side_by_side
 from harness import MIB, Identity
-from notification_daemon import NotificationDaemon
+from notification_daemon import APPLICATION, FILE_MANAGER, JOBS, NAME, NotificationDaemon
 from outbox_world import OutboxTest
 
 SLOWLY = 4 * MIB
@@ -22,6 +22,7 @@ def uri(path):
 
 class NotificationTest(OutboxTest):
     server = "a daemon"
+    names = (NAME, FILE_MANAGER, APPLICATION)
 
     def setUp(self):
         super().setUp()
@@ -32,7 +33,7 @@ class NotificationTest(OutboxTest):
         self.mac.environment["PATH"] = f"{self.programs}:{os.environ['PATH']}"
         self.mac.record(self.phone)
         self.phone.record(self.mac)
-        self.daemon = NotificationDaemon(self.address, self.server)
+        self.daemon = NotificationDaemon(self.address, self.server, self.names)
         self.addCleanup(self.daemon.close)
 
     def bus(self):
@@ -324,6 +325,40 @@ class OnGnome(NotificationTest):
         self.send(self.file("a.txt", b"a"))
         self.assertIn("default", self.daemon.wait_for("a.txt from phone")["actions"])
         self.end(service)
+
+
+class OnKde(NotificationTest):
+    """Plasma shows the progress of jobs; then there is no notification of it."""
+    names = (NAME, FILE_MANAGER, APPLICATION, JOBS)
+
+    def test_a_file_that_takes_long_is_a_job(self):
+        service = self.slow_mac()
+        sending = self.running(self.phone, "send", str(self.file("film.mov", os.urandom(LONG))))
+        self.assertEqual(0, sending.wait(), sending.stderr)
+        self.daemon.wait_for("film.mov from phone")
+        said = self.daemon.wait_for_job("terminate")
+        self.assertEqual(("requestView", "com.tarvinex.orlinth", 1, {"immediate": True}), said[0])
+        self.assertEqual(("terminate", 0, "", {}), said[-1])
+        updates = [values for member, values in said[1:-1]]
+        self.assertEqual({"Receiving film.mov from phone"}, {values["title"] for values in updates})
+        self.assertEqual({LONG}, {values["totalBytes"] for values in updates})
+        steps = [values["processedBytes"] for values in updates]
+        self.assertEqual(sorted(steps), steps)
+        self.assertLessEqual(len(updates), 10, "one a second")
+        self.assertEqual(["film.mov from phone"], [one["title"] for one in self.daemon.all])
+        self.end(service)
+
+    def test_a_job_is_cancelled(self):
+        self.slow_phone()
+        service = self.serve(self.mac)
+        self.share(self.file("film.mov", os.urandom(LONG)))
+        said = self.daemon.wait_for_job("update")
+        self.assertEqual("Sending film.mov to phone", said[1][1]["title"])
+        self.daemon.cancel_job("/JobViewServer/JobView_1")
+        self.daemon.wait_for_job("terminate")
+        self.wait_until(lambda: not self.batches(), self.outbox)
+        self.end(service)
+        self.assertEqual([], self.daemon.all)
 
 
 if __name__ == "__main__":

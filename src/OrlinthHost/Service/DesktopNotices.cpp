@@ -12,23 +12,13 @@ namespace orlinth::host {
 
 using platform::NotificationAnswer;
 
-DesktopNotices::DesktopNotices(Home& home, DesktopActions& desktop)
+DesktopNotices::DesktopNotices(Home& home, DesktopActions& desktop, platform::JobViews* jobs)
     : home_(home),
       desktop_(desktop),
-      incoming_(home, desktop, *this,
-                [this] {
-                    hasNews_ = true;
-                    if (api_ != nullptr) {
-                        api_->news().changed();
-                    }
-                }),
-      outgoing_(home, desktop, *this,
-                [this] {
-                    hasNews_ = true;
-                    if (api_ != nullptr) {
-                        api_->news().changed();
-                    }
-                }),
+      incoming_(
+          home, desktop, *this, [this] { wantLook(); }, jobs),
+      outgoing_(
+          home, desktop, *this, [this] { wantLook(); }, jobs),
       port_(home),
       folder_(home),
       textSlot_(home),
@@ -46,8 +36,7 @@ void DesktopNotices::textReceived(const PeerKey& peerKey, const std::string& pho
         return;
     }
     newText_ = Text{.peerKey = peerKey, .phone = phone, .what = std::move(text)};
-    hasNews_ = true;
-    api_->news().changed();
+    wantLook();
 }
 
 void DesktopNotices::unpaired(const Receiver::Unpair& unpair) {
@@ -58,6 +47,13 @@ void DesktopNotices::unpaired(const Receiver::Unpair& unpair) {
 void DesktopNotices::cannotSave(const platform::Path& folder) {
     if (!isStopped_ && !folder_.isShown() && !folder_.isDismissed()) {
         showPlain(folder_, notices::folderTrouble(folder));
+    }
+}
+
+void DesktopNotices::wantLook() {
+    hasNews_ = true;
+    if (api_ != nullptr) {
+        api_->news().changed();
     }
 }
 

@@ -10,6 +10,7 @@
 #include "OrlinthHost/Service/OutgoingNotices.h"
 #include "OrlinthHost/Service/ServiceFace.h"
 #include "OrlinthHost/Service/ServiceView.h"
+#include "platform/JobViews.h"
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
@@ -42,8 +43,8 @@ public:
     /// A port that comes back sooner was no trouble.
     static constexpr Seconds troubleDelay = 3s;
 
-    /// What is referred to outlives this.
-    DesktopNotices(Home& home, DesktopActions& desktop);
+    /// What is referred to outlives this. Progress goes to `jobs`, where the desktop has such views; null: nowhere.
+    DesktopNotices(Home& home, DesktopActions& desktop, platform::JobViews* jobs = nullptr);
     DesktopNotices(const DesktopNotices&) = delete;
     DesktopNotices& operator=(const DesktopNotices&) = delete;
 
@@ -73,6 +74,7 @@ private:
         notices::TextNotice what = {};
     };
 
+    void wantLook();
     void cancelTransfer(TransferNumber number) override;
     void retryBatch(const BatchId& batch, const PeerKey& peerKey) override;
     void dropBatch(const BatchId& batch, const PeerKey& peerKey) override;

@@ -17,8 +17,13 @@ void bringForward(std::optional<Seconds>& next, Seconds time) {
 }
 
 IncomingNotices::IncomingNotices(Home& home, DesktopActions& desktop, NoticeRequests& requests,
-                                 std::function<void()> onNews)
-    : home_(home), desktop_(desktop), requests_(requests), onNews_(std::move(onNews)), tasks_(home.executor) {}
+                                 std::function<void()> onNews, platform::JobViews* jobs)
+    : home_(home),
+      desktop_(desktop),
+      requests_(requests),
+      onNews_(std::move(onNews)),
+      jobs_(jobs),
+      tasks_(home.executor) {}
 
 void IncomingNotices::fileReceived(const Receiver::File& file) {
     if (isStopped_) {
@@ -105,10 +110,10 @@ void IncomingNotices::lookAtTransfers(const std::vector<TransferView>& transfers
             continue;
         }
         const auto before = left.find(transfer.number);
-        UnderWay& underWay =
-            underWay_
-                .emplace(transfer.number, before != left.end() ? before->second : UnderWay{.slot = NoticeSlot(home_)})
-                .first->second;
+        UnderWay& underWay = underWay_
+                                 .emplace(transfer.number, before != left.end() ? std::move(before->second)
+                                                                                : UnderWay{.slot = NoticeSlot(home_)})
+                                 .first->second;
         if (before != left.end()) {
             left.erase(before);
             if (underWay.slot.isDismissed()) {
@@ -119,16 +124,40 @@ void IncomingNotices::lookAtTransfers(const std::vector<TransferView>& transfers
                 continue;
             }
         }
-        showProgress(underWay, transfer);
+        showProgress(underWay, transfer, next);
     }
     for (auto& [number, underWay] : left) {
-        underWay.slot.close();
+        endProgress(underWay, number, transfers);
     }
 }
 
-void IncomingNotices::showProgress(UnderWay& underWay, const TransferView& transfer) {
+void IncomingNotices::endProgress(UnderWay& underWay, TransferNumber number,
+                                  const std::vector<TransferView>& transfers) {
+    underWay.slot.close();
+    const auto transfer = std::ranges::find(transfers, number, &TransferView::number);
+    if (transfer != transfers.end() && transfer->state == TransferView::State::failed) {
+        underWay.job.fail("The connection broke. The phone can go on with the file.");
+    }
+    underWay.job.end();
+}
+
+void IncomingNotices::showProgress(UnderWay& underWay, const TransferView& transfer, std::optional<Seconds>& next) {
     platform::Notification notification =
         notices::receiving(transfer, phoneForDisplay(home_, transfer.phone, transfer.peerKey));
+    const auto cancel = [this, weak = std::weak_ptr(life_), number = transfer.number] {
+        if (weak.lock()) {
+            requests_.cancelTransfer(number);
+        }
+    };
+    if (underWay.job.show(jobs_, notification, {.bytes = transfer.bytes, .bytesPerSecond = transfer.bytesPerSecond},
+                          cancel)) {
+        if (underWay.job.isAsked()) {
+            bringForward(next, jobInterval);
+        } else {
+            underWay.shownAt = home_.system.clock.now();
+        }
+        return;
+    }
     notification.isQuiet = underWay.slot.isShown();
     underWay.slot.show(std::move(notification),
                        [this, weak = std::weak_ptr(life_), number = transfer.number](const NotificationAnswer& answer) {

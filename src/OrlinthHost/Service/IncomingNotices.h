@@ -3,6 +3,7 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/DesktopActions.h"
+#include "OrlinthHost/Service/NoticeJob.h"
 #include "OrlinthHost/Service/NoticeRequests.h"
 #include "OrlinthHost/Service/NoticeSlot.h"
 #include "OrlinthHost/Service/TransferList.h"
@@ -34,8 +35,13 @@ public:
     /// Of more files that came together the first so many are shown in their folders.
     static constexpr std::size_t maxShownFiles = 500;
 
-    /// `onNews` is called when look() is wanted. What is referred to outlives this.
-    IncomingNotices(Home& home, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews);
+    /// Between two looks at a view of a job that nobody has answered for.
+    static constexpr Seconds jobInterval = 250ms;
+
+    /// `onNews` is called when look() is wanted. What is referred to outlives this. Without `jobs`, which may be null,
+    /// progress is always a notification.
+    IncomingNotices(Home& home, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews,
+                    platform::JobViews* jobs = nullptr);
     IncomingNotices(const IncomingNotices&) = delete;
     IncomingNotices& operator=(const IncomingNotices&) = delete;
 
@@ -60,6 +66,7 @@ private:
     };
     struct UnderWay {
         NoticeSlot slot;
+        NoticeJob job = {};
         Instant shownAt{};
     };
     /// Files of one phone that came one soon after the other, or one alone.
@@ -80,7 +87,8 @@ private:
     void settleArrivals(const std::vector<TransferView>& transfers);
     void lookAtTransfers(const std::vector<TransferView>& transfers, std::optional<Seconds>& next);
     void lookAtBursts(std::optional<Seconds>& next);
-    void showProgress(UnderWay& underWay, const TransferView& transfer);
+    void showProgress(UnderWay& underWay, const TransferView& transfer, std::optional<Seconds>& next);
+    static void endProgress(UnderWay& underWay, TransferNumber number, const std::vector<TransferView>& transfers);
     void showBurst(Burst& burst);
     void examine(Burst& burst);
     [[nodiscard]] Task<> examineFile(platform::Path file, std::shared_ptr<std::optional<bool>> mayOpen);
@@ -89,6 +97,7 @@ private:
     DesktopActions& desktop_;
     NoticeRequests& requests_;
     const std::function<void()> onNews_;
+    platform::JobViews* const jobs_;
     std::vector<Arrival> arrivals_; ///< since the last look
     std::map<TransferNumber, UnderWay> underWay_;
     std::map<PeerKey, Burst> bursts_;

@@ -124,6 +124,7 @@ void OutgoingNotices::lookAtBatch(const Key& key, Batch& batch, const OutboxView
     const Seconds rest = now - batch.lastSending;
     if (view.state != State::sending && (view.state == State::paused || rest > shortRest)) {
         batch.sendingSince.reset();
+        batch.job.end();
         if (rest < longWait) {
             bringForward(next, longWait - rest);
         } else if (batch.what != What::waiting) {
@@ -133,16 +134,46 @@ void OutgoingNotices::lookAtBatch(const Key& key, Batch& batch, const OutboxView
         if (const Seconds age = now - *batch.sendingSince; age < longTransfer) {
             bringForward(next, longTransfer - age);
         } else if (mayShow(batch, What::sending, next)) {
-            std::vector<TransferView> underWay;
-            std::ranges::copy_if(transfers, std::back_inserter(underWay), [&view](const TransferView& transfer) {
-                return transfer.direction == TransferView::Direction::out && transfer.batch == view.batch &&
-                       transfer.peerKey == view.peerKey && !transfer.endedAt;
-            });
-            show(key, batch, What::sending, notices::sending(view, underWay, phone));
+            showProgress(key, batch, view, transfers, next);
         }
         bringForward(next, shortRest + changeInterval); // it may come to rest without a word
     } else {
         bringForward(next, shortRest);
+    }
+}
+
+void OutgoingNotices::showProgress(const Key& key, Batch& batch, const OutboxView& view,
+                                   const std::vector<TransferView>& transfers, std::optional<Seconds>& next) {
+    std::vector<TransferView> underWay;
+    std::ranges::copy_if(transfers, std::back_inserter(underWay), [&view](const TransferView& transfer) {
+        return transfer.direction == TransferView::Direction::out && transfer.batch == view.batch &&
+               transfer.peerKey == view.peerKey && !transfer.endedAt;
+    });
+    platform::Notification notification =
+        notices::sending(view, underWay, phoneForDisplay(home_, view.phone, view.peerKey));
+    NoticeJob::Figures figures;
+    for (const TransferView& transfer : underWay) {
+        figures.bytesPerSecond += transfer.bytesPerSecond;
+    }
+    if (view.files == 1 && underWay.size() == 1) { // of several, nobody knows how large the others are
+        figures.bytes = underWay.front().bytes;
+    }
+    const auto cancel = [this, weak = std::weak_ptr(life_), key] {
+        if (weak.lock()) {
+            requests_.dropBatch(key.first, key.second);
+        }
+    };
+    if (!batch.job.show(jobs_, notification, figures, cancel)) {
+        show(key, batch, What::sending, std::move(notification));
+    } else if (batch.job.isAsked()) {
+        bringForward(next, jobInterval);
+    } else {
+        if (batch.what != What::sending) {
+            batch.slot.close(); // the view says it
+        }
+        batch.what = What::sending;
+        batch.shownAt = home_.system.clock.now();
+        bringForward(next, changeInterval);
     }
 }
 
@@ -179,6 +210,11 @@ void OutgoingNotices::show(const Key& key, Batch& batch, What what, platform::No
                             desktop_.raiseWindow(answer.token);
                         }
                     });
+    if (what == What::failed) {
+        batch.job.fail("The phone did not get everything."); // the notification says why
+    } else {
+        batch.job.end();
+    }
     batch.what = what;
     batch.shownAt = home_.system.clock.now();
 }

@@ -3,6 +3,7 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxView.h"
 #include "OrlinthHost/Service/DesktopActions.h"
+#include "OrlinthHost/Service/NoticeJob.h"
 #include "OrlinthHost/Service/NoticeRequests.h"
 #include "OrlinthHost/Service/NoticeSlot.h"
 #include "OrlinthHost/Service/TransferList.h"
@@ -33,9 +34,14 @@ public:
     /// Between two changes of one notification.
     static constexpr Seconds changeInterval = 1s;
 
-    /// `onNews` is called when look() is wanted. What is referred to outlives this.
-    OutgoingNotices(Home& home, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews)
-        : home_(home), desktop_(desktop), requests_(requests), onNews_(std::move(onNews)) {}
+    /// Between two looks at a view of a job that nobody has answered for.
+    static constexpr Seconds jobInterval = 250ms;
+
+    /// `onNews` is called when look() is wanted. What is referred to outlives this. Without `jobs`, which may be null,
+    /// progress is always a notification.
+    OutgoingNotices(Home& home, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews,
+                    platform::JobViews* jobs = nullptr)
+        : home_(home), desktop_(desktop), requests_(requests), onNews_(std::move(onNews)), jobs_(jobs) {}
     OutgoingNotices(const OutgoingNotices&) = delete;
     OutgoingNotices& operator=(const OutgoingNotices&) = delete;
 
@@ -59,6 +65,7 @@ private:
 
     struct Batch {
         NoticeSlot slot;
+        NoticeJob job = {};
         What what = What::nothing; ///< that was shown last
         Instant shownAt{};
         Instant lastSending; ///< or when it was first seen
@@ -77,12 +84,15 @@ private:
     void lookAtBatch(const Key& key, Batch& batch, const OutboxView& view, bool isPhoneBusy,
                      const std::vector<TransferView>& transfers, std::optional<Seconds>& next);
     [[nodiscard]] bool mayShow(const Batch& batch, What what, std::optional<Seconds>& next) const;
+    void showProgress(const Key& key, Batch& batch, const OutboxView& view, const std::vector<TransferView>& transfers,
+                      std::optional<Seconds>& next);
     void show(const Key& key, Batch& batch, What what, platform::Notification notification);
 
     Home& home_;
     DesktopActions& desktop_;
     NoticeRequests& requests_;
     const std::function<void()> onNews_;
+    platform::JobViews* const jobs_;
     std::map<Key, Batch> batches_;
     std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< the desktop may answer when this is gone
     bool isStopped_ = false;

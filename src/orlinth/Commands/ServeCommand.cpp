@@ -11,6 +11,7 @@
 #include "orlinth/Reporting/ServeReporter.h"
 #include "platform/ProcessMemory.h"
 #include "platform/ServiceManager.h"
+#include "platform/linux/LinuxJobViews.h"
 
 #include <algorithm>
 #include <chrono>
@@ -127,7 +128,8 @@ private:
     void serve(Host& host, const platform::PrivateKey& ownKey, const platform::Path& folder, bool& isRestarting) const {
         OfferQuestions questions(host);
         ServiceDesktop desktop(host);
-        host::DesktopNotices notices(host, desktop);
+        platform::LinuxJobViews jobs(host.tasks.executor(), environmentVariable);
+        host::DesktopNotices notices(host, desktop, &jobs);
         ServeReporter reporter(host, desktop, notices, choices(folder));
         OutboxReporter outboxReporter(host, notices.outgoing());
         host::ServiceSettings settings = settingsFor(folder);

@@ -1,6 +1,7 @@
 #include "OrlinthHost/Service/IncomingNotices.h"
 
 #include "RecordingDesktop.h"
+#include "fakes/FakeJobViews.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
@@ -42,6 +43,8 @@ protected:
         notices_.fileReceived(file);
         look();
     }
+    IncomingNoticesTest() { jobs_.first = platform::JobView::State::refused; }
+
     /// As the service does: once, and whenever the notices ask for it.
     void look() {
         next_ = notices_.look(transfers_);
@@ -83,7 +86,8 @@ protected:
     RecordingDesktop desktop_;
     RecordingRequests requests_;
     bool isAsked_ = false;
-    IncomingNotices notices_{home_, desktop_, requests_, [this] { isAsked_ = true; }};
+    fakes::FakeJobViews jobs_;
+    IncomingNotices notices_{home_, desktop_, requests_, [this] { isAsked_ = true; }, &jobs_};
     std::vector<TransferView> transfers_;
     std::optional<Seconds> next_;
 };
@@ -214,6 +218,54 @@ TEST_F(IncomingNoticesTest, ProgressThatSomebodyHasClosedStaysAwayAndTheEndIsTol
     transfers_[0].endedAt = world_.clock.now();
     arrive("/home/ann/Downloads/film.mov");
     EXPECT_THAT(screen(), ElementsAre("film.mov from Pixel / 4.1 MB in Downloads"));
+}
+
+TEST_F(IncomingNoticesTest, WhereJobsAreShownProgressIsAJobAndTheEndANotification) {
+    jobs_.first = platform::JobView::State::asked;
+    transfers_ = {transfer(7, "film.mov")};
+    look();
+    pass(5500ms);
+    ASSERT_EQ(1U, jobs_.all.size());
+    EXPECT_THAT(shown(), IsEmpty()) << "somebody may yet show it";
+    jobs_.all[0]->state = platform::JobView::State::shown;
+    transfers_[0].bytes.done = 380;
+    transfers_[0].bytesPerSecond = 8;
+    for (int i = 0; i < 40; ++i) {
+        transfers_[0].bytes.done += 10;
+        world_.run(world_.clock.sleep(250ms));
+        look();
+    }
+    EXPECT_THAT(shown(), IsEmpty());
+    const platform::Job& job = jobs_.all[0]->jobs.back();
+    EXPECT_EQ(job.title, "Receiving film.mov from Pixel");
+    EXPECT_EQ(job.bytes.total, 1000);
+    EXPECT_EQ(job.bytesPerSecond, 8);
+    EXPECT_GE(job.percent, 74);
+    EXPECT_LE(jobs_.all[0]->jobs.size(), 15U) << "once a second, but for those that nobody had answered for";
+    jobs_.all[0]->onCancel();
+    EXPECT_THAT(requests_.all, ElementsAre("cancel 7"));
+    transfers_[0].path = "/home/ann/Downloads/film.mov";
+    transfers_[0].state = TransferView::State::done;
+    transfers_[0].endedAt = world_.clock.now();
+    arrive("/home/ann/Downloads/film.mov");
+    EXPECT_TRUE(jobs_.all[0]->isEnded);
+    EXPECT_EQ(jobs_.all[0]->failure, "");
+    EXPECT_THAT(screen(), ElementsAre("film.mov from Pixel / 4.1 MB in Downloads"));
+}
+
+TEST_F(IncomingNoticesTest, AJobThatFailsSaysSoAndOneThatNobodyShowsAnyMoreIsANotification) {
+    jobs_.first = platform::JobView::State::shown;
+    transfers_ = {transfer(7, "film.mov"), transfer(8, "other.mov")};
+    look();
+    pass(6s);
+    ASSERT_EQ(2U, jobs_.all.size());
+    transfers_[0].state = TransferView::State::failed;
+    transfers_[0].problem = "wire: broken";
+    transfers_[0].endedAt = world_.clock.now();
+    jobs_.all[1]->state = platform::JobView::State::refused;
+    pass(2s);
+    EXPECT_EQ(jobs_.all[0]->failure, "The connection broke. The phone can go on with the file.");
+    EXPECT_THAT(screen(), ElementsAre("Receiving other.mov from Pixel / 0 %"));
 }
 
 TEST_F(IncomingNoticesTest, LongNamesAreCutAndNothingInThemHides) {

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Sending/SendError.h"
 #include "OrlinthHost/Sending/Delivery.h"
 #include "RecordingDesktop.h"
+#include "fakes/FakeJobViews.h"
 #include "fakes/World.h"
 
 #include <gmock/gmock.h>
@@ -23,6 +24,8 @@ using Actions = std::vector<std::pair<std::string, std::string>>;
 /// What a desktop is told of what is sent, and what its buttons do.
 class OutgoingNoticesTest : public testing::Test {
 protected:
+    OutgoingNoticesTest() { jobs_.first = platform::JobView::State::refused; }
+
     [[nodiscard]] static OutboxView batch(State state, std::size_t files = 3, const std::string& id = "0A",
                                           const std::string& key = "AAAA") {
         return {.batch = BatchId(id), .peerKey = PeerKey(key), .phone = "Pixel", .files = files, .state = state};
@@ -70,7 +73,8 @@ protected:
     Home home_{.system = world_.system, .executor = world_.context.get_executor()};
     RecordingDesktop desktop_;
     RecordingRequests requests_;
-    OutgoingNotices notices_{home_, desktop_, requests_, [] {}};
+    fakes::FakeJobViews jobs_;
+    OutgoingNotices notices_{home_, desktop_, requests_, [] {}, &jobs_};
     std::vector<OutboxView> batches_;
     std::vector<TransferView> transfers_;
     std::optional<Seconds> next_;
@@ -221,6 +225,29 @@ TEST_F(OutgoingNoticesTest, SeveralFailuresOfABatchAreOneNotificationAndTheRestI
     look();
     through({"a.jpg", "b.jpg", "c.jpg"});
     EXPECT_THAT(screen(), ElementsAre("Sent 3 files to Pixel / "));
+}
+
+TEST_F(OutgoingNoticesTest, WhereJobsAreShownProgressIsAJobAndTheEndANotification) {
+    jobs_.first = platform::JobView::State::shown;
+    batches_ = {batch(State::paused, 1)};
+    look();
+    pass(61s);
+    EXPECT_EQ(1U, screen().size());
+    batches_[0].state = State::sending;
+    transfers_ = {transfer("film.mov", 380, 62)};
+    look();
+    pass(10s);
+    ASSERT_EQ(1U, jobs_.all.size());
+    EXPECT_THAT(screen(), IsEmpty()) << "nobody is waited for any more";
+    EXPECT_EQ(jobs_.all[0]->jobs.back().title, "Sending film.mov to Pixel");
+    EXPECT_EQ(jobs_.all[0]->jobs.back().percent, 38);
+    EXPECT_EQ(jobs_.all[0]->jobs.back().bytes.total, 1000);
+    EXPECT_LE(jobs_.all[0]->jobs.size(), 7U);
+    jobs_.all[0]->onCancel();
+    EXPECT_THAT(requests_.all, ElementsAre("drop 0A for AAAA"));
+    through({"film.mov"});
+    EXPECT_TRUE(jobs_.all[0]->isEnded);
+    EXPECT_THAT(screen(), ElementsAre("Sent film.mov to Pixel / "));
 }
 
 TEST_F(OutgoingNoticesTest, AtTheEndNothingStaysThatIsNotTrueAnyMore) {
