@@ -108,7 +108,11 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
     api.onTransferEnded = [this](const TransferView& transfer) { history.ended(transfer); };
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;
-    receiver.beforeAuthorising = [this] { keys.refresh(); };
+    api.onTransfers = [this] { watchdog.stir(); };
+    receiver.beforeAuthorising = [this] {
+        watchdog.stir();
+        keys.refresh();
+    };
     switch (service.settings_.accept) {
     case ServiceSettings::Accept::always:
         break;

@@ -18,7 +18,13 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       presence_(presence),
       downloads_(std::filesystem::absolute(downloads)),
       news_(home.executor),
-      transfers_(home, [this] { changed(); }),
+      transfers_(home,
+                 [this] {
+                     changed();
+                     if (onTransfers) {
+                         onTransfers();
+                     }
+                 }),
       lastText_(home.system.clock, home.executor) {
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };

@@ -82,6 +82,8 @@ public:
 
     /// Told of each transfer that ends. May be empty.
     std::function<void(const TransferView&)> onTransferEnded;
+    /// Told whenever a transfer begins, goes on or ends; throws nothing. May be empty.
+    std::function<void()> onTransfers;
 
     /// Lets `callbacks` tell of transfers too.
     void watch(Receiver::Callbacks& callbacks);
