@@ -30,8 +30,16 @@ BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, Service
                 disconnect();
                 connectLater();
             }),
+      gate_(home, loop_, [this](BusCall call) { onCall(std::move(call)); }),
+      phoneCalls_(home, loop_),
       tree_(serviceInterfaces(), {phonesPath, batchesPath, transfersPath},
-            [this](BusCall call) { onCall(std::move(call)); }),
+            [this](BusCall call) {
+                if (isStopping_) {
+                    call.fail("Busy", "the service is ending");
+                } else {
+                    gate_.take(std::move(call));
+                }
+            }),
       reconnecting_(home.system.clock.makeTimer(home.executor)),
       tasks_(home.executor),
       sendings_(home.executor) {}
@@ -42,6 +50,7 @@ BusFace::~BusFace() {
 
 Task<> BusFace::start(host::ServiceApi& api) {
     api_ = &api;
+    phoneCalls_.start(api);
     tasks_.add(tellNews(), [this](const std::exception_ptr& error) {
         try {
             if (error) {
@@ -65,11 +74,14 @@ void BusFace::stop() {
     }
     reconnecting_->disarm();
     tasks_.cancelAll();
+    phoneCalls_.stop();
     static_cast<void>(tree_.update(look(false), tree_.objects().size() + phoneViews_.size() + signalsAtOnce));
 }
 
 Task<> BusFace::finish() {
     co_await tasks_.join();
+    co_await gate_.finish();
+    co_await phoneCalls_.finish();
     co_await sendings_.join();
     const auto isOut = [this] {
         std::uint64_t queued = 0;
@@ -88,6 +100,7 @@ void BusFace::connect() {
         return;
     }
     name_ = Name::unknown;
+    historySignals_.start(api_->history());
     static_cast<void>(tree_.update(look(true), signalsAtOnce)); // not attached: told to nobody
     if (!loop_.open() || !tree_.attach(loop_)) {
         disconnect();
@@ -112,6 +125,7 @@ void BusFace::connect() {
 
 void BusFace::disconnect() noexcept {
     request_.reset();
+    gate_.forget();
     tree_.detach();
     name_ = Name::unknown;
 }
@@ -193,20 +207,31 @@ Task<> BusFace::tellNews() {
             co_await api_->news().until(isNew);
         }
         seen = api_->version();
-        BusTree::Told told = tree_.update(look(!hasCome), signalsAtOnce);
+        BusTree::Told told = tell(!hasCome);
         while (told.signals > 0) {
             co_await home_.system.clock.sleep(newsInterval);
             if (told.isEverything) {
                 break;
             }
-            told = tree_.update(look(false), signalsAtOnce);
+            told = tell(false);
         }
     }
+}
+
+BusTree::Told BusFace::tell(bool alsoPhones) {
+    const HistorySignals::Told history = historySignals_.tell(loop_, api_->history());
+    BusTree::Told told = tree_.update(look(alsoPhones), signalsAtOnce - history.signals);
+    told.signals += history.signals;
+    told.isEverything = told.isEverything && history.isEverything;
+    return told;
 }
 
 // What is asked
 
 void BusFace::onCall(BusCall call) {
+    if (phoneCalls_.take(call, phones_)) {
+        return;
+    }
     const std::string path = call.path();
     const std::string member = call.member();
     if (member == "SendFiles") {
@@ -235,8 +260,8 @@ void BusFace::onCall(BusCall call) {
 }
 
 void BusFace::sendFiles(BusCall call) {
-    if (isStopping_ || sendings_.size() >= maxSendings) {
-        call.fail("Busy", isStopping_ ? "the service is ending" : "too many files are being shared at once");
+    if (sendings_.size() >= maxSendings) {
+        call.fail("Busy", "too many files are being shared at once");
         return;
     }
     std::vector<platform::Path> files;

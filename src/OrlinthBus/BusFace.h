@@ -1,6 +1,9 @@
 #pragma once
 
 #include "OrlinthBus/BusTree.h"
+#include "OrlinthBus/CallerGate.h"
+#include "OrlinthBus/HistoryMessages.h"
+#include "OrlinthBus/PhoneCalls.h"
 #include "OrlinthBus/ServiceObjects.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ServiceApi.h"
@@ -64,6 +67,8 @@ private:
     void connectLater();
     static int onName(sd_bus_message* message, void* self, sd_bus_error* error);
     [[nodiscard]] Task<> tellNews();
+    /// Tells what is new, as far as may be told at once.
+    BusTree::Told tell(bool alsoPhones);
     /// What there is; the phones anew if they are asked for, or if something was heard of one.
     [[nodiscard]] BusObjects look(bool alsoPhones);
     /// How long nothing may change by time alone; nothing: for ever.
@@ -80,7 +85,10 @@ private:
     Name name_ = Name::unknown;
     platform::Condition news_; ///< of `name_`
     platform::BusLoop loop_;
+    CallerGate gate_;
+    PhoneCalls phoneCalls_;
     BusTree tree_;
+    HistorySignals historySignals_;
     platform::BusSlotRef request_; ///< of the name
     std::unique_ptr<platform::Timer> reconnecting_;
     std::map<std::string, host::TransferNumber> transfers_;      ///< by path

@@ -3,6 +3,7 @@
 #include "OrlinthBus/ObjectPath.h"
 #include "base/Overloaded.h"
 #include "platform/SystemError.h"
+#include "platform/linux/PassedFile.h"
 #include "platform/linux/SystemdLibrary.h"
 
 #include <algorithm>
@@ -95,6 +96,48 @@ std::string BusCall::member() const {
     return member != nullptr ? member : "";
 }
 
+std::string BusCall::interface() const {
+    const char* const interface = systemd().sd_bus_message_get_interface(message_.get());
+    return interface != nullptr ? interface : "";
+}
+
+std::string BusCall::sender() const {
+    const char* const sender = systemd().sd_bus_message_get_sender(message_.get());
+    return sender != nullptr ? sender : "";
+}
+
+std::string BusCall::readText() {
+    const char* text = nullptr;
+    readBasic('s', &text);
+    return text;
+}
+
+template <>
+std::uint64_t BusCall::readNumber<std::uint64_t>() {
+    std::uint64_t number = 0;
+    readBasic('t', &number);
+    return number;
+}
+
+template <>
+std::uint32_t BusCall::readNumber<std::uint32_t>() {
+    std::uint32_t number = 0;
+    readBasic('u', &number);
+    return number;
+}
+
+platform::detail::Descriptor BusCall::readDescriptor() {
+    int number = -1; // the message's
+    readBasic('h', &number);
+    return platform::sameFile(number);
+}
+
+void BusCall::readBasic(char type, void* value) {
+    if (systemd().sd_bus_message_read_basic(message_.get(), type, value) <= 0) {
+        throw platform::SystemError("an argument is missing");
+    }
+}
+
 std::vector<std::string> BusCall::readTexts(char type, std::size_t most) {
     const char content[] = {type, '\0'};
     std::vector<std::string> texts;
@@ -119,6 +162,20 @@ void BusCall::reply() {
 
 void BusCall::reply(const std::string& text) {
     static_cast<void>(systemd().sd_bus_reply_method_return(message_.get(), "s", text.c_str()));
+    message_.reset();
+}
+
+void BusCall::reply(const std::function<int(sd_bus_message*)>& append) {
+    sd_bus_message* made = nullptr;
+    if (systemd().sd_bus_message_new_method_return(message_.get(), &made) < 0) {
+        return; // no memory: the call answers with an error when it goes
+    }
+    const platform::BusMessageRef answer(made);
+    if (append(answer.get()) < 0) {
+        fail("Failed", "the answer cannot be put into a message");
+        return;
+    }
+    static_cast<void>(systemd().sd_bus_send(nullptr, answer.get(), nullptr)); // a caller who is gone needs none
     message_.reset();
 }
 

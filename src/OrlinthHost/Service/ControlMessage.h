@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/Service/PhoneMessages.h"
 #include "OrlinthHost/Service/PhonePresence.h"
 #include "base/StrongText.h"
 #include "base/Time.h"
@@ -74,7 +75,7 @@ struct ForgetTextRequest {
 
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
-                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
+                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest, PhoneRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.
@@ -93,7 +94,7 @@ struct NotLentReply {
     friend bool operator==(const NotLentReply&, const NotLentReply&) = default;
 };
 
-/// `{"found":true}`, or false if there is no such batch, transfer or text.
+/// `{"found":true}`, or false if there is no such batch, transfer, text or phone.
 struct FoundReply {
     bool isFound = false;
     friend bool operator==(const FoundReply&, const FoundReply&) = default;
@@ -123,7 +124,8 @@ struct ErrorReply {
     friend bool operator==(const ErrorReply&, const ErrorReply&) = default;
 };
 
-using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, TextReply, ErrorReply>;
+using ControlReply =
+    std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, TextReply, HistoryReply, ErrorReply>;
 
 /// As one line, without its end.
 [[nodiscard]] std::string encodeControlRequest(const ControlRequest& request);
@@ -135,7 +137,7 @@ using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceR
 /// `line` is without its end. @throws JsonError or HostError, whose text the one who asked may read
 [[nodiscard]] ControlRequest decodeControlRequest(std::string_view line);
 /// An object that has several of the members counts as the first of: error, port, found, phones,
-/// text_bytes. @throws likewise
+/// text_bytes, entries. @throws likewise
 [[nodiscard]] ControlReply decodeControlReply(std::string_view line);
 
 } // namespace orlinth::host

@@ -38,6 +38,7 @@ std::vector<ServiceNews> NewsReader::next(bool isTimeToLook) {
     }
     addTransfers(news);
     addBatches(news);
+    addHistory(news);
     if (isFirst) {
         news.emplace_back(CurrentLine{});
     }
@@ -79,6 +80,17 @@ void NewsReader::addBatches(std::vector<ServiceNews>& news) {
     addChanges(batches_, std::move(current), news, [](const std::pair<BatchId, PeerKey>& key) -> ServiceNews {
         return BatchGoneLine{.batch = key.first, .peerKey = key.second};
     });
+}
+
+void NewsReader::addHistory(std::vector<ServiceNews>& news) {
+    HistoryKeeper::News added = api_.history().since(seenHistory_);
+    seenHistory_ = added.version;
+    if (!added.isWhole) {
+        news.emplace_back(HistoryLine{});
+    }
+    for (HistoryEntry& entry : added.added) {
+        news.emplace_back(HistoryLine{std::move(entry)});
+    }
 }
 
 } // namespace orlinth::host

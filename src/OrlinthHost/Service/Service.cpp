@@ -10,6 +10,7 @@
 #include "OrlinthHost/Service/NetworkLookout.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
 #include "OrlinthHost/Service/PhoneArrivals.h"
+#include "OrlinthHost/Service/PhoneRequests.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceApi.h"
@@ -54,6 +55,7 @@ struct Service::Parts {
     PartialsReminder partials;
     PortLoan loan;
     HistoryKeeper history;
+    PhoneRequests phoneRequests;
     ServiceApi api;
     SocketFace control;
     Watchdog watchdog;
@@ -95,7 +97,8 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                    const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
       loan(service.home_, receiver, port, service.events_),
       history(service.home_, service.settings_.keepsHistory),
-      api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
+      phoneRequests(service.home_, service.ownKey_, service.settings_.find),
+      api(service.home_, receiver, outbox, loan, presence, history, phoneRequests, service.settings_.downloads),
       control(service.home_, api, loan, service.events_),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
@@ -204,6 +207,7 @@ Task<> Service::Parts::finish() {
     for (ServiceFace* const face : faces) {
         co_await face->finish(); // behind what must not be lost: somebody's files may be large
     }
+    co_await phoneRequests.finish(); // behind those who ask it
     co_await arrivals.finish();
     co_await sharedPeers.finish(); // behind those who have news for it
     co_await partials.finish();    // behind the others: its folder may take its time

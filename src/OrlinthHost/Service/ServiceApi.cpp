@@ -10,12 +10,14 @@
 namespace orlinth::host {
 
 ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-                       platform::Path downloads)
+                       HistoryKeeper& history, PhoneRequests& phoneRequests, platform::Path downloads)
     : home_(home),
       receiver_(receiver),
       outbox_(outbox),
       loan_(loan),
       presence_(presence),
+      history_(history),
+      phoneRequests_(phoneRequests),
       downloads_(std::filesystem::absolute(downloads)),
       news_(home.executor),
       transfers_(home,
@@ -28,6 +30,7 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       lastText_(home.system.clock, home.executor) {
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };
+    history_.onChanged = [this] { changed(); };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
             onTransferEnded(transfer);

@@ -3,7 +3,9 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxSender.h"
+#include "OrlinthHost/Service/HistoryKeeper.h"
 #include "OrlinthHost/Service/LastText.h"
+#include "OrlinthHost/Service/PhoneRequests.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceView.h"
@@ -30,10 +32,10 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class ServiceApi {
 public:
-    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan` and
-    /// `presence`.
+    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence` and
+    /// `history`.
     ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-               platform::Path downloads);
+               HistoryKeeper& history, PhoneRequests& phoneRequests, platform::Path downloads);
     ServiceApi(const ServiceApi&) = delete;
     ServiceApi& operator=(const ServiceApi&) = delete;
 
@@ -77,6 +79,11 @@ public:
 
     /// The last text that came, which can also be forgotten.
     [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
+    /// What came and went, which can also be cleared.
+    [[nodiscard]] HistoryKeeper& history() noexcept { return history_; }
+    [[nodiscard]] const HistoryKeeper& history() const noexcept { return history_; }
+    /// What can be asked about a phone.
+    [[nodiscard]] PhoneRequests& phoneRequests() noexcept { return phoneRequests_; }
 
     // ---- for the service
 
@@ -102,6 +109,8 @@ private:
     OutboxSender& outbox_;
     PortLoan& loan_;
     PresenceKeeper& presence_;
+    HistoryKeeper& history_;
+    PhoneRequests& phoneRequests_;
     const platform::Path downloads_;
     ServiceView::State state_ = ServiceView::State::starting;
     std::uint16_t port_ = 0;

@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/ControlLine.h"
+#include "OrlinthHost/Service/PhoneAnswers.h"
 #include "base/Counted.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
@@ -10,6 +11,7 @@
 #include <asio/this_coro.hpp>
 
 #include <algorithm>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -102,6 +104,7 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     bool isToWatch = false;
     bool isStatus = false;
     bool isForText = false;
+    std::optional<PhoneRequest> aboutPhones;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
         isForLoan = isToBeLent(request);
@@ -112,7 +115,9 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
             isToWatch = false;
             throw HostError("too many programs are watching");
         }
-        if (!isForLoan && !isStatus && !isToWatch && !isForText) {
+        if (auto* const phones = std::get_if<PhoneRequest>(&request)) {
+            aboutPhones = std::move(*phones);
+        } else if (!isForLoan && !isStatus && !isToWatch && !isForText) {
             reply = co_await replyTo(std::move(request));
         }
     } catch (const std::exception& error) {
@@ -130,6 +135,8 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
         co_await sendNews(*stream, reader, true);
     } else if (isForText) {
         co_await sendLastText(*stream);
+    } else if (aboutPhones) {
+        co_await answerPhoneRequest(home_, api_, *stream, std::move(*aboutPhones));
     } else {
         co_await sendControlLine(*stream, home_.system.clock, encodeControlReply(reply));
     }

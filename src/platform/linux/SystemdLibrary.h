@@ -38,11 +38,14 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_close_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_enter_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_exit_container);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_interface);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_member);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_path);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_sender);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_return);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_signal);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read_basic);
@@ -58,6 +61,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_ref);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_reply_method_errorf);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_reply_method_return);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_send);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_address);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_bus_client);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_set_method_call_timeout);
