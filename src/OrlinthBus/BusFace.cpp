@@ -41,8 +41,16 @@ BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, Service
                 connectLater();
             }),
       pairingCalls_(home, loop_, [this] { tellEverything(); }),
+      gate_(home, loop_, [this](BusCall call) { onCall(std::move(call)); }),
+      phoneCalls_(home, loop_),
       tree_(allInterfaces(), {phonesPath, batchesPath, transfersPath, offersPath},
-            [this](BusCall call) { onCall(std::move(call)); }),
+            [this](BusCall call) {
+                if (isStopping_) {
+                    call.fail("Busy", "the service is ending");
+                } else {
+                    gate_.take(std::move(call));
+                }
+            }),
       clients_([this](const std::string& /*name*/) { clientsChanged(); }),
       reconnecting_(home.system.clock.makeTimer(home.executor)),
       tasks_(home.executor),
@@ -55,6 +63,7 @@ BusFace::~BusFace() {
 Task<> BusFace::start(host::ServiceApi& api) {
     api_ = &api;
     pairingCalls_.start(api);
+    phoneCalls_.start(api);
     tasks_.add(tellNews(), [this](const std::exception_ptr& error) {
         try {
             if (error) {
@@ -80,12 +89,15 @@ void BusFace::stop() {
     tasks_.cancelAll();
     pairingCalls_.stop();
     onlooker_.reset();
+    phoneCalls_.stop();
     static_cast<void>(tree_.update(look(false), tree_.objects().size() + phoneViews_.size() + signalsAtOnce));
 }
 
 Task<> BusFace::finish() {
     co_await tasks_.join();
     co_await pairingCalls_.finish();
+    co_await gate_.finish();
+    co_await phoneCalls_.finish();
     co_await sendings_.join();
     const auto isOut = [this] {
         std::uint64_t queued = 0;
@@ -104,6 +116,7 @@ void BusFace::connect() {
         return;
     }
     name_ = Name::unknown;
+    historySignals_.start(api_->history());
     static_cast<void>(tree_.update(look(true), signalsAtOnce)); // not attached: told to nobody
     if (!loop_.open() || !tree_.attach(loop_)) {
         disconnect();
@@ -137,6 +150,7 @@ void BusFace::disconnect() noexcept {
     clients_.detach();
     pairingCalls_.detach();
     onlooker_.reset();
+    gate_.forget();
     tree_.detach();
     name_ = Name::unknown;
 }
@@ -253,21 +267,32 @@ Task<> BusFace::tellNews() {
             co_await api_->news().until(isNew);
         }
         seen = api_->version();
-        BusTree::Told told = tree_.update(look(!hasCome), signalsAtOnce);
+        BusTree::Told told = tell(!hasCome);
         while (told.signals > 0) {
             co_await home_.system.clock.sleep(newsInterval);
             if (told.isEverything) {
                 break;
             }
-            told = tree_.update(look(false), signalsAtOnce);
+            told = tell(false);
         }
     }
+}
+
+BusTree::Told BusFace::tell(bool alsoPhones) {
+    const HistorySignals::Told history = historySignals_.tell(loop_, api_->history());
+    BusTree::Told told = tree_.update(look(alsoPhones), signalsAtOnce - history.signals);
+    told.signals += history.signals;
+    told.isEverything = told.isEverything && history.isEverything;
+    return told;
 }
 
 // What is asked
 
 void BusFace::onCall(BusCall call) {
     if (pairingCalls_.take(call)) {
+        return;
+    }
+    if (phoneCalls_.take(call, phones_)) {
         return;
     }
     const std::string path = call.path();
@@ -324,8 +349,8 @@ void BusFace::answerOffer(BusCall call, host::OfferNumber number) {
 }
 
 void BusFace::sendFiles(BusCall call) {
-    if (isStopping_ || sendings_.size() >= maxSendings) {
-        call.fail("Busy", isStopping_ ? "the service is ending" : "too many files are being shared at once");
+    if (sendings_.size() >= maxSendings) {
+        call.fail("Busy", "too many files are being shared at once");
         return;
     }
     std::vector<platform::Path> files;

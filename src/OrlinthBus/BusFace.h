@@ -3,6 +3,9 @@
 #include "OrlinthBus/BusPeers.h"
 #include "OrlinthBus/BusTree.h"
 #include "OrlinthBus/PairingCalls.h"
+#include "OrlinthBus/CallerGate.h"
+#include "OrlinthBus/HistoryMessages.h"
+#include "OrlinthBus/PhoneCalls.h"
 #include "OrlinthBus/ServiceObjects.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ServiceApi.h"
@@ -66,6 +69,8 @@ private:
     void connectLater();
     static int onName(sd_bus_message* message, void* self, sd_bus_error* error);
     [[nodiscard]] Task<> tellNews();
+    /// Tells what is new, as far as may be told at once.
+    BusTree::Told tell(bool alsoPhones);
     /// What there is; the phones anew if they are asked for, or if something was heard of one.
     [[nodiscard]] BusObjects look(bool alsoPhones);
     /// How long nothing may change by time alone; nothing: for ever.
@@ -90,7 +95,10 @@ private:
     platform::Condition news_; ///< of `name_`
     platform::BusLoop loop_;
     PairingCalls pairingCalls_;
+    CallerGate gate_;
+    PhoneCalls phoneCalls_;
     BusTree tree_;
+    HistorySignals historySignals_;
     platform::BusSlotRef request_; ///< of the name
     platform::BusSlotRef filter_;  ///< onMessage()
     BusPeers clients_;

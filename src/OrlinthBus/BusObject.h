@@ -55,9 +55,15 @@ struct BusInterface {
         std::vector<Argument> out = {};
     };
 
+    struct Signal {
+        std::string name;
+        std::vector<Argument> arguments = {};
+    };
+
     std::string name;
     std::vector<Method> methods;
     std::vector<Property> properties;
+    std::vector<Signal> signals = {};
 };
 
 } // namespace orlinth::bus

@@ -3,6 +3,7 @@
 #include "OrlinthBus/ObjectPath.h"
 #include "base/Overloaded.h"
 #include "platform/SystemError.h"
+#include "platform/linux/PassedFile.h"
 #include "platform/linux/SystemdLibrary.h"
 
 #include <algorithm>
@@ -180,6 +181,48 @@ BusOptions BusCall::readOptions() {
     }
     systemd().sd_bus_message_exit_container(message);
     return options;
+}
+
+std::string BusCall::interface() const {
+    const char* const interface = systemd().sd_bus_message_get_interface(message_.get());
+    return interface != nullptr ? interface : "";
+}
+
+std::string BusCall::sender() const {
+    const char* const sender = systemd().sd_bus_message_get_sender(message_.get());
+    return sender != nullptr ? sender : "";
+}
+
+std::string BusCall::readText() {
+    const char* text = nullptr;
+    readBasic('s', &text);
+    return text;
+}
+
+template <>
+std::uint64_t BusCall::readNumber<std::uint64_t>() {
+    std::uint64_t number = 0;
+    readBasic('t', &number);
+    return number;
+}
+
+template <>
+std::uint32_t BusCall::readNumber<std::uint32_t>() {
+    std::uint32_t number = 0;
+    readBasic('u', &number);
+    return number;
+}
+
+platform::detail::Descriptor BusCall::readDescriptor() {
+    int number = -1; // the message's
+    readBasic('h', &number);
+    return platform::sameFile(number);
+}
+
+void BusCall::readBasic(char type, void* value) {
+    if (systemd().sd_bus_message_read_basic(message_.get(), type, value) <= 0) {
+        throw platform::SystemError("an argument is missing");
+    }
 }
 
 std::vector<std::string> BusCall::readTexts(char type, std::size_t most) {

@@ -2,6 +2,7 @@
 machine, nor lists one."""
 
 import pathlib
+import subprocess
 import xml.sax.saxutils
 
 CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
@@ -33,3 +34,23 @@ def command(folder, kind="session", services=None):
                                                           socket=xml.sax.saxutils.escape(str(folder / "bus"))))
     return ["dbus-daemon", f"--config-file={folder}/bus.conf", "--nofork", "--nopidfile", "--nosyslog",
             "--print-address=1"]
+
+
+class BusTestMixin:
+    """For a test with a bus of its own at `address`."""
+
+    def setUp(self):
+        super().setUp()
+        folder = self.folder / "bus"
+        folder.mkdir()
+        daemon = subprocess.Popen(command(folder), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.addCleanup(daemon.stdout.close)
+        self.addCleanup(daemon.wait)
+        self.addCleanup(daemon.kill)
+        self.address = daemon.stdout.readline().decode().strip()
+
+    def on_usual_folder(self, identity):
+        """Only the service of the usual folder has a name on the bus."""
+        identity.environment.pop("XDG_DATA_HOME")
+        identity.data = identity.root / ".local" / "share"
+        identity.environment["DBUS_SESSION_BUS_ADDRESS"] = self.address

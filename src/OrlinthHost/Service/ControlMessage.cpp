@@ -49,6 +49,7 @@ constexpr const char* sinceKey = "since_epoch_ms";
 constexpr const char* fromKey = "from";
 constexpr const char* receivedKey = "received_epoch_ms";
 constexpr const char* textBytesKey = "text_bytes";
+constexpr const char* entriesKey = "entries";
 
 std::optional<std::uint16_t> portIn(const Json& object) {
     if (!object.is_object() || !object.contains(portKey)) {
@@ -193,7 +194,8 @@ Json jsonOf(const ControlRequest& request) {
                           [&object](const WatchRequest&) { object[requestKey] = watchRequest; },
                           [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
                           [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; },
-                          [&object](const RestartRequest&) { object[requestKey] = restartRequest; }},
+                          [&object](const RestartRequest&) { object[requestKey] = restartRequest; },
+                          [&object](const PhoneRequest& phone) { object = encodePhoneRequest(phone); }},
                request);
     return object;
 }
@@ -240,6 +242,7 @@ std::string encodeControlReply(const ControlReply& reply) {
                               object[receivedKey] = toNumber(text.received);
                               object[textBytesKey] = text.bytes;
                           },
+                          [&object](const HistoryReply& history) { object[entriesKey] = history.entries; },
                           [&object](const ErrorReply& error) { object[errorKey] = error.problem; }},
                reply);
     return compactJson(object);
@@ -296,6 +299,9 @@ ControlRequest decodeControlRequest(std::string_view line) {
     if (what == restartRequest) {
         return RestartRequest{};
     }
+    if (std::optional<PhoneRequest> phone = decodePhoneRequest(what, object)) {
+        return *std::move(phone);
+    }
     throw HostError("unknown request");
 }
 
@@ -322,6 +328,12 @@ ControlReply decodeControlReply(std::string_view line) {
     }
     if (object.contains(textBytesKey)) {
         return textIn(object);
+    }
+    if (object.contains(entriesKey)) {
+        const std::int64_t entries = requireInt64(object, entriesKey);
+        if (entries >= 0) {
+            return HistoryReply{static_cast<std::size_t>(entries)};
+        }
     }
     throw HostError("its answer makes no sense");
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthHost/Service/PairingView.h"
+#include "OrlinthHost/Service/PhoneMessages.h"
 #include "OrlinthHost/Service/PhonePresence.h"
 #include "base/StrongText.h"
 #include "base/Time.h"
@@ -99,7 +100,7 @@ struct RestartRequest {
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
                  AnswerOfferRequest, PairRequest, StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest,
-                 RestartRequest>;
+                 RestartRequest, PhoneRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.
@@ -118,7 +119,7 @@ struct NotLentReply {
     friend bool operator==(const NotLentReply&, const NotLentReply&) = default;
 };
 
-/// `{"found":true}`, or false if there is no such batch, transfer, offer or text.
+/// `{"found":true}`, or false if there is no such batch, transfer, offer, text or phone.
 struct FoundReply {
     bool isFound = false;
     friend bool operator==(const FoundReply&, const FoundReply&) = default;
@@ -148,7 +149,8 @@ struct ErrorReply {
     friend bool operator==(const ErrorReply&, const ErrorReply&) = default;
 };
 
-using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, TextReply, ErrorReply>;
+using ControlReply =
+    std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, TextReply, HistoryReply, ErrorReply>;
 
 /// As one line, without its end.
 [[nodiscard]] std::string encodeControlRequest(const ControlRequest& request);
@@ -164,7 +166,7 @@ using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceR
 /// The client's version as a request says it; "" if it does not. @throws JsonError
 [[nodiscard]] std::string decodeClientVersion(std::string_view line);
 /// An object that has several of the members counts as the first of: error, port, found, phones,
-/// text_bytes. @throws likewise
+/// text_bytes, entries. @throws likewise
 [[nodiscard]] ControlReply decodeControlReply(std::string_view line);
 
 } // namespace orlinth::host

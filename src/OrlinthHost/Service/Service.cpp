@@ -11,6 +11,7 @@
 #include "OrlinthHost/Service/OfferQueue.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
 #include "OrlinthHost/Service/PhoneArrivals.h"
+#include "OrlinthHost/Service/PhoneRequests.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceApi.h"
@@ -59,6 +60,7 @@ struct Service::Parts {
     PortLoan loan;
     ServicePairing pairing;
     HistoryKeeper history;
+    PhoneRequests phoneRequests;
     ServiceApi api;
     SocketFace control;
     UpgradeWatch upgrade;
@@ -104,7 +106,9 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
       pairing(service.home_, service.ownKey_.publicKey(), loan,
               [&told = service.events_](const std::string& endpoint) { told.turnedAway(endpoint); }),
       history(service.home_, service.settings_.keepsHistory),
-      api(service.home_, receiver, outbox, loan, presence, offers, pairing, service.settings_.downloads),
+      phoneRequests(service.home_, service.ownKey_, service.settings_.find),
+      api(service.home_, receiver, outbox, loan, presence, offers, pairing, history, phoneRequests,
+          service.settings_.downloads),
       control(service.home_, api, loan, service.events_),
       upgrade(service.home_, api, service.settings_.program),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
@@ -120,7 +124,11 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
     api.onOtherVersion = [this] { upgrade.lookNow(); };
     receiver.limits = ReceiverLimits::strict();
     receiver.downloadLimits = service.settings_.downloadLimits;
-    receiver.beforeAuthorising = [this] { keys.refresh(); };
+    api.onTransfers = [this] { watchdog.stir(); };
+    receiver.beforeAuthorising = [this] {
+        watchdog.stir();
+        keys.refresh();
+    };
     switch (service.settings_.accept) {
     case ServiceSettings::Accept::always:
         break;
@@ -215,6 +223,7 @@ Task<> Service::Parts::finish() {
     for (ServiceFace* const face : faces) {
         co_await face->finish(); // behind what must not be lost: somebody's files may be large
     }
+    co_await phoneRequests.finish(); // behind those who ask it
     co_await arrivals.finish();
     co_await sharedPeers.finish(); // behind those who have news for it
     co_await partials.finish();    // behind the others: its folder may take its time

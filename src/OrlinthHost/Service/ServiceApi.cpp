@@ -12,7 +12,8 @@
 namespace orlinth::host {
 
 ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-                       OfferQueue& offers, ServicePairing& pairing, platform::Path downloads)
+                       OfferQueue& offers, ServicePairing& pairing, HistoryKeeper& history,
+                       PhoneRequests& phoneRequests, platform::Path downloads)
     : home_(home),
       receiver_(receiver),
       outbox_(outbox),
@@ -20,10 +21,18 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       presence_(presence),
       offers_(offers),
       pairing_(pairing),
+      history_(history),
+      phoneRequests_(phoneRequests),
       downloads_(std::filesystem::absolute(downloads)),
       restarting_(home.system.clock.makeTimer(home.executor)),
       news_(home.executor),
-      transfers_(home, [this] { changed(); }),
+      transfers_(home,
+                 [this] {
+                     changed();
+                     if (onTransfers) {
+                         onTransfers();
+                     }
+                 }),
       lastText_(home.system.clock, home.executor) {
     loan_.onChanged = [this] {
         workBegins();
@@ -32,6 +41,7 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
     presence_.onChanged = [this] { phonesChanged(); };
     offers_.onChanged = [this] { changed(); };
     pairing_.onChanged = [this] { changed(); };
+    history_.onChanged = [this] { changed(); };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
             onTransferEnded(transfer);

@@ -3,8 +3,10 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxSender.h"
+#include "OrlinthHost/Service/HistoryKeeper.h"
 #include "OrlinthHost/Service/LastText.h"
 #include "OrlinthHost/Service/OfferQueue.h"
+#include "OrlinthHost/Service/PhoneRequests.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServicePairing.h"
@@ -32,10 +34,11 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class ServiceApi {
 public:
-    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence`, `offers` and
-    /// `pairing`.
+    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence`, `offers`, `pairing`
+    /// and `history`.
     ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-               OfferQueue& offers, ServicePairing& pairing, platform::Path downloads);
+               OfferQueue& offers, ServicePairing& pairing, HistoryKeeper& history, PhoneRequests& phoneRequests,
+               platform::Path downloads);
     ServiceApi(const ServiceApi&) = delete;
     ServiceApi& operator=(const ServiceApi&) = delete;
 
@@ -93,6 +96,11 @@ public:
 
     /// The last text that came, which can also be forgotten.
     [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
+    /// What came and went, which can also be cleared.
+    [[nodiscard]] HistoryKeeper& history() noexcept { return history_; }
+    [[nodiscard]] const HistoryKeeper& history() const noexcept { return history_; }
+    /// What can be asked about a phone.
+    [[nodiscard]] PhoneRequests& phoneRequests() noexcept { return phoneRequests_; }
 
     /// Ends the service, which whoever manages it then starts anew. Returns before that, so that there is a moment for
     /// an answer. What is under way is broken off, and goes on with the next service; texts in memory are lost.
@@ -114,6 +122,8 @@ public:
     std::function<void()> onRestart;
     /// Told of a client of another version. May be empty.
     std::function<void()> onOtherVersion;
+    /// Told whenever a transfer begins, goes on or ends; throws nothing. May be empty.
+    std::function<void()> onTransfers;
 
     /// Lets `callbacks` tell of transfers too.
     void watch(Receiver::Callbacks& callbacks);
@@ -139,6 +149,8 @@ private:
     PresenceKeeper& presence_;
     OfferQueue& offers_;
     ServicePairing& pairing_;
+    HistoryKeeper& history_;
+    PhoneRequests& phoneRequests_;
     const platform::Path downloads_;
     ServiceView::State state_ = ServiceView::State::starting;
     std::uint16_t port_ = 0;

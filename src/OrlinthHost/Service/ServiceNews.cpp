@@ -52,6 +52,7 @@ constexpr const char* offerGoneEvent = "offer_gone";
 constexpr const char* transferGoneEvent = "transfer_gone";
 constexpr const char* batchGoneEvent = "batch_gone";
 constexpr const char* phoneGoneEvent = "phone_gone";
+constexpr const char* historyEvent = "history_added";
 constexpr const char* currentEvent = "current";
 
 void addText(Json& object, const char* key, const std::string& text) {
@@ -119,6 +120,12 @@ Json fieldsOf(const OfferView& offer) {
     if (offer.expires) {
         object[expiresKey] = toNumber(*offer.expires);
     }
+    return object;
+}
+
+Json fieldsOf(const HistoryLine& line) {
+    Json object = line.entry ? parseJson(History::encode(*line.entry)) : Json::object();
+    object[eventKey] = historyEvent;
     return object;
 }
 
@@ -319,6 +326,11 @@ ServiceNews decodeServiceNews(std::string_view line) {
     }
     if (event == phoneGoneEvent) {
         return PhoneGoneLine{PeerKey(requireString(object, pubkeyKey))};
+    }
+    if (event == historyEvent) {
+        std::optional<HistoryEntry> entry = History::decode(line);
+        return HistoryLine{entry ? History::decode(History::encode(*entry))
+                                 : std::nullopt}; // with texts as long as ours
     }
     if (event == currentEvent) {
         return CurrentLine{};

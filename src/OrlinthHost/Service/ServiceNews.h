@@ -1,8 +1,10 @@
 #pragma once
 
 #include "OrlinthHost/Service/OfferView.h"
+#include "OrlinthHost/Service/History.h"
 #include "OrlinthHost/Service/ServiceView.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -55,13 +57,19 @@ struct OfferGoneLine {
     OfferNumber number{};
     friend bool operator==(const OfferGoneLine&, const OfferGoneLine&) = default;
 };
+/// `{"event":"history_added", …}` with what History::encode() has of an entry; without those members the history is to
+/// be read anew, as it was cleared, or more was added at once than is told.
+struct HistoryLine {
+    std::optional<HistoryEntry> entry = {};
+    friend bool operator==(const HistoryLine&, const HistoryLine&) = default;
+};
 /// `{"event":"current"}`: what came before is everything that there is.
 struct CurrentLine {
     friend bool operator==(const CurrentLine&, const CurrentLine&) = default;
 };
 
 using ServiceNews = std::variant<ServiceLine, PhoneLine, TransferLine, BatchLine, OfferLine, TransferGoneLine,
-                                 BatchGoneLine, PhoneGoneLine, OfferGoneLine, CurrentLine>;
+                                 BatchGoneLine, PhoneGoneLine, OfferGoneLine, HistoryLine, CurrentLine>;
 
 /// Bytes of a line, without its end: more than the longest path and the longest name take.
 inline constexpr std::size_t maxNewsLine = 32 << 10;

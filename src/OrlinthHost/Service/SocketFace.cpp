@@ -3,6 +3,7 @@
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/ControlLine.h"
 #include "OrlinthHost/Service/SocketPairing.h"
+#include "OrlinthHost/Service/PhoneAnswers.h"
 #include "base/Counted.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
@@ -11,6 +12,7 @@
 #include <asio/this_coro.hpp>
 
 #include <algorithm>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -104,6 +106,7 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     bool isStatus = false;
     bool isForText = false;
     std::optional<ServicePairing::Ticket> pairing;
+    std::optional<PhoneRequest> aboutPhones;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
         isForLoan = isToBeLent(request);
@@ -117,6 +120,8 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
         if (auto* const pair = std::get_if<PairRequest>(&request)) {
             ServicePairing::Ticket ticket = co_await api_.pair(std::move(pair->options));
             pairing.emplace(std::move(ticket));
+        } else if (auto* const phones = std::get_if<PhoneRequest>(&request)) {
+            aboutPhones = std::move(*phones);
         } else if (!isForLoan && !isStatus && !isToWatch && !isForText) {
             reply = co_await replyTo(std::move(request));
         }
@@ -138,6 +143,8 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
         co_await conversation.run();
     } else if (isForText) {
         co_await sendLastText(*stream);
+    } else if (aboutPhones) {
+        co_await answerPhoneRequest(home_, api_, *stream, std::move(*aboutPhones));
     } else {
         co_await sendControlLine(*stream, home_.system.clock, encodeControlReply(reply));
     }

@@ -44,7 +44,7 @@ void StatusText::take(const host::ServiceNews& news) {
                               std::erase_if(phones_,
                                             [&gone](const auto& one) { return one.presence.peerKey == gone.peerKey; });
                           },
-                          [](const host::CurrentLine&) {}},
+                          [](const host::HistoryLine&) {}, [](const host::CurrentLine&) {}},
                news);
 }
 

@@ -349,11 +349,17 @@ TEST_F(ServiceControlTest, WhoWatchesSeesATransferUntilItIsForgotten) {
     EXPECT_TRUE(world_.run(from->seesTheEnd()));
     EXPECT_EQ(TransferView::State::cancelled, nextTransfer(*watcher).state);
     EXPECT_FALSE(world_.run(askServiceToCancel(home_, view.number)).value());
-    ServiceNews news = next(*watcher);
-    while (std::holds_alternative<PhoneView>(news)) {
-        news = next(*watcher);
-    }
-    EXPECT_EQ(ServiceNews(TransferGoneLine{view.number}), news);
+    const auto nextButPhones = [this, &watcher] {
+        ServiceNews news = next(*watcher);
+        while (std::holds_alternative<PhoneView>(news)) {
+            news = next(*watcher);
+        }
+        return news;
+    };
+    const std::optional<HistoryEntry> entry = std::get<HistoryLine>(nextButPhones()).entry;
+    EXPECT_EQ("film", entry.value().file);
+    EXPECT_EQ(HistoryEntry::Outcome::cancelled, entry->outcome);
+    EXPECT_EQ(ServiceNews(TransferGoneLine{view.number}), nextButPhones());
 }
 
 TEST_F(ServiceControlTest, AFileWithANameWithoutEndIsShownToo) {

@@ -54,6 +54,16 @@ const std::vector<std::pair<std::string, ServiceNews>> news{
                   .bytes = {.done = 1, .total = 2},
                   .problem = "declined",
                   .path = "/p"}},
+    {R"({"direction":"in","event":"history_added","file":"a.jpg","outcome":"done","path":"/d/a.jpg",)"
+     R"("peer_pubkey":"a=","phone":"Pixel 8","size":41,"time":1731686400000})",
+     HistoryLine{HistoryEntry{.time = moment,
+                              .direction = HistoryEntry::Direction::in,
+                              .phone = "Pixel 8",
+                              .peerKey = PeerKey("a="),
+                              .file = "a.jpg",
+                              .size = 41,
+                              .path = "/d/a.jpg"}}},
+    {R"({"event":"history_added"})", HistoryLine{}},
     {R"({"batch":"B","created_at_epoch_ms":1731686400000,"event":"batch","files":400,"files_done":38,)"
      R"("message":"no answer","next_attempt_epoch_ms":1731686400000,"peer_pubkey":"a=","phone":"P","state":"paused"})",
      OutboxView{.batch = BatchId("B"),
