@@ -4,6 +4,7 @@
 #include "OrlinthBus/ObjectPath.h"
 #include "OrlinthHost/HostError.h"
 #include "platform/Cancelled.h"
+#include "platform/SystemError.h"
 #include "platform/linux/SystemdLibrary.h"
 
 #include <asio/this_coro.hpp>
@@ -18,6 +19,23 @@ namespace {
 using platform::systemd;
 
 constexpr std::chrono::seconds answerLimit = 10s;
+
+/// Of the error on the bus.
+const char* nameOf(host::SettingError::Case which) noexcept {
+    using Case = host::SettingError::Case;
+    switch (which) {
+    case Case::unknownSetting:
+    case Case::invalidValue:
+        return "InvalidArgument";
+    case Case::noSuchPhone:
+        return "NoSuchPhone";
+    case Case::fixed:
+        return "NotAllowed";
+    case Case::notSaved:
+        break;
+    }
+    return "Failed";
+}
 
 } // namespace
 
@@ -60,6 +78,7 @@ Task<> BusFace::start(host::ServiceApi& api) {
 
 void BusFace::stop() {
     isStopping_ = true;
+    news_.changed();
     if (api_ == nullptr) {
         return;
     }
@@ -160,7 +179,8 @@ BusObjects BusFace::look(bool alsoPhones) {
     for (const host::OutboxView& batch : batches) {
         batches_.emplace(pathOfBatch(batch.batch, batch.peerKey), std::pair(batch.batch, batch.peerKey));
     }
-    return objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
+    return objectsOf(api_->service(), identity_, api_->settings(), phoneViews_, transfers, batches,
+                     home_.system.clock.now());
 }
 
 std::optional<Seconds> BusFace::timeToLook() const {
@@ -194,13 +214,22 @@ Task<> BusFace::tellNews() {
         }
         seen = api_->version();
         BusTree::Told told = tree_.update(look(!hasCome), signalsAtOnce);
+        keepTold(told, seen);
         while (told.signals > 0) {
             co_await home_.system.clock.sleep(newsInterval);
             if (told.isEverything) {
                 break;
             }
             told = tree_.update(look(false), signalsAtOnce);
+            keepTold(told, seen);
         }
+    }
+}
+
+void BusFace::keepTold(const BusTree::Told& told, std::uint64_t version) {
+    if (told.isEverything) {
+        toldVersion_ = version;
+        news_.changed();
     }
 }
 
@@ -211,6 +240,10 @@ void BusFace::onCall(BusCall call) {
     const std::string member = call.member();
     if (member == "SendFiles") {
         sendFiles(std::move(call));
+        return;
+    }
+    if (member == "SetSetting") {
+        setSetting(std::move(call));
         return;
     }
     if (const auto transfer = transfers_.find(path); transfer != transfers_.end() && member == "Cancel") {
@@ -281,6 +314,52 @@ Task<> BusFace::share(std::shared_ptr<BusCall> call, std::vector<platform::Path>
         problem = describe(error);
     }
     call->fail("Failed", problem);
+    loop_.wake();
+}
+
+void BusFace::setSetting(BusCall call) {
+    if (isStopping_ || sendings_.size() >= maxSendings) {
+        call.fail("Busy", isStopping_ ? "the service is ending" : "too much is being done at once");
+        return;
+    }
+    std::string name;
+    host::SettingValue value;
+    try {
+        name = call.readText();
+        value = call.readValue();
+    } catch (const platform::SystemError& error) {
+        call.fail("InvalidArgument", error.description());
+        return;
+    }
+    const auto shared = std::make_shared<BusCall>(std::move(call));
+    sendings_.add(set(shared, std::move(name), std::move(value)), [](const std::exception_ptr&) {
+        // likewise
+    });
+}
+
+Task<> BusFace::set(std::shared_ptr<BusCall> call, std::string name, host::SettingValue value) {
+    const char* kind = "Failed";
+    std::string problem;
+    try {
+        co_await api_->setSetting(std::move(name), std::move(value));
+    } catch (const host::SettingError& error) {
+        kind = nameOf(error.which());
+        problem = error.description() + (error.hint().empty() ? "" : "\n" + error.hint());
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    if (problem.empty()) {
+        const auto isTold = [this, version = api_->version()] {
+            return toldVersion_ >= version || name_ != Name::ours || isStopping_;
+        };
+        static_cast<void>(co_await news_.until(isTold, home_.system.clock, tellingLimit));
+        call->reply();
+    } else {
+        call->fail(kind, problem);
+    }
     loop_.wake();
 }
 

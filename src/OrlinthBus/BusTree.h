@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace orlinth::bus {
@@ -31,6 +32,11 @@ public:
     [[nodiscard]] std::string member() const;
     /// The next argument, a list of texts or of paths. @throws std::exception if it is none, or longer than `most`
     [[nodiscard]] std::vector<std::string> readTexts(char type, std::size_t most);
+    /// The next argument, a text.
+    [[nodiscard]] std::string readText();
+    /// The next argument, "v": a text, a flag, or a whole number that 63 bits can hold. @throws std::exception if it is
+    /// none of these
+    [[nodiscard]] std::variant<std::string, bool, std::int64_t> readValue();
 
     void reply();
     void reply(const std::string& text);

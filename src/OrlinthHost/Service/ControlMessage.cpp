@@ -23,6 +23,10 @@ constexpr const char* statusRequest = "status";
 constexpr const char* watchRequest = "watch";
 constexpr const char* lastTextRequest = "last_text";
 constexpr const char* forgetTextRequest = "forget_text";
+constexpr const char* settingsRequest = "settings";
+constexpr const char* setRequest = "set";
+constexpr const char* settingKey = "setting";
+constexpr const char* valueKey = "value";
 constexpr const char* transferKey = "transfer";
 constexpr const char* portKey = "port";
 constexpr const char* lentKey = "lent";
@@ -165,7 +169,13 @@ std::string encodeControlRequest(const ControlRequest& request) {
                           [&object](const StatusRequest&) { object[requestKey] = statusRequest; },
                           [&object](const WatchRequest&) { object[requestKey] = watchRequest; },
                           [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
-                          [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; }},
+                          [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; },
+                          [&object](const SettingsRequest&) { object[requestKey] = settingsRequest; },
+                          [&object](const SetRequest& set) {
+                              object[requestKey] = setRequest;
+                              object[settingKey] = set.setting;
+                              object[valueKey] = toJson(set.value);
+                          }},
                request);
     return compactJson(object);
 }
@@ -227,6 +237,17 @@ ControlRequest decodeControlRequest(std::string_view line) {
     }
     if (what == forgetTextRequest) {
         return ForgetTextRequest{};
+    }
+    if (what == settingsRequest) {
+        return SettingsRequest{};
+    }
+    if (what == setRequest) {
+        const auto value = object.find(valueKey);
+        const std::optional<SettingValue> known = value != object.end() ? settingValueFrom(*value) : std::nullopt;
+        if (!known) {
+            throw HostError("a setting needs a text, true, false, or a whole number");
+        }
+        return SetRequest{.setting = requireString(object, settingKey), .value = *known};
     }
     throw HostError("unknown request");
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthHost/Service/PhonePresence.h"
+#include "OrlinthHost/Settings/SettingRules.h"
 #include "base/StrongText.h"
 #include "base/Time.h"
 
@@ -72,9 +73,22 @@ struct ForgetTextRequest {
     friend bool operator==(const ForgetTextRequest&, const ForgetTextRequest&) = default;
 };
 
+/// `{"request":"settings"}`: what is set. Answered by SettingLines of ServiceNews.h, and CurrentLine.
+struct SettingsRequest {
+    friend bool operator==(const SettingsRequest&, const SettingsRequest&) = default;
+};
+
+/// `{"request":"set","setting":"accept","value":"ask"}`: from now on; "" is "as usual again". Answered by FoundReply
+/// that it is so, or ErrorReply.
+struct SetRequest {
+    std::string setting;
+    SettingValue value;
+    friend bool operator==(const SetRequest&, const SetRequest&) = default;
+};
+
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
-                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
+                 StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest, SettingsRequest, SetRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.

@@ -12,8 +12,8 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class HistoryKeeper {
 public:
-    /// Without `isOn` nothing is written. `home` outlives this.
-    HistoryKeeper(Home& home, bool isOn);
+    /// `home` outlives this.
+    explicit HistoryKeeper(Home& home);
     HistoryKeeper(const HistoryKeeper&) = delete;
     HistoryKeeper& operator=(const HistoryKeeper&) = delete;
 
@@ -24,7 +24,6 @@ public:
 
 private:
     Home& home_;
-    const bool isOn_;
     History history_; ///< on the queue of `work_`
     Chores work_;
 };

@@ -23,14 +23,6 @@
 
 namespace orlinth::host {
 
-namespace {
-
-Task<bool> declineEverything(Receiver::Offer /*offer*/) {
-    co_return false;
-}
-
-} // namespace
-
 /// What runs while the service does.
 struct Service::Parts {
     Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener);
@@ -63,7 +55,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
     : events(service.events_),
       faces(service.settings_.faces),
       presence(service.home_),
-      receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
+      receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.live_.downloads(),
                port.number()),
       keys(service.home_, receiver, service.ownKey_.publicKey(),
            [&told = service.events_](const std::exception_ptr& error) { told.phonesUnreadable(error); }),
@@ -90,12 +82,14 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                               .onPhone = [this](const PeerKey& phone) { outbox.isBack(phone); },
                               .onConfirmed = [this](const PeerKey& phone) { presence.confirmed(phone); },
                               .onPhoneGone = [this](const PeerKey& phone) { presence.disappeared(phone); }}),
-      partials(service.home_, service.settings_.downloads,
-               [&told = service.events_, folder = service.settings_.downloads](
-                   const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
+      partials(
+          service.home_, [&live = service.live_] { return live.folders(); },
+          [&told = service.events_](const PartialsReminder::Reminder& reminder, const platform::Path& folder) {
+              told.unfinishedDownloads(reminder, folder);
+          }),
       loan(service.home_, receiver, port, service.events_),
-      history(service.home_, service.settings_.keepsHistory),
-      api(service.home_, receiver, outbox, loan, presence, service.settings_.downloads),
+      history(service.home_),
+      api(service.home_, receiver, outbox, loan, presence, service.live_),
       control(service.home_, api, loan, service.events_),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
@@ -105,20 +99,16 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
         }
     };
     outbox.onLastPhone = [this] { sharedPeers.update(); };
-    api.onTransferEnded = [this](const TransferView& transfer) { history.ended(transfer); };
+    api.onTransferEnded = [this, &live = service.live_](const TransferView& transfer) {
+        if (live.keepsHistory()) {
+            history.ended(transfer);
+        }
+    };
+    api.onSettings = [this] { sharedPeers.update(); }; // the default phone comes first there
     receiver.limits = ReceiverLimits::strict();
-    receiver.downloadLimits = service.settings_.downloadLimits;
     receiver.beforeAuthorising = [this] { keys.refresh(); };
-    switch (service.settings_.accept) {
-    case ServiceSettings::Accept::always:
-        break;
-    case ServiceSettings::Accept::never:
-        receiver.approveOffer = declineEverything;
-        break;
-    case ServiceSettings::Accept::ask:
-        receiver.approveOffer = service.settings_.approveOffer;
-        break;
-    }
+    receiver.receptionOf = [&live = service.live_](const PeerKey& peerKey) { return live.receptionOf(peerKey); };
+    receiver.approveOffer = service.settings_.approveOffer;
     receiver.openListener = [&port](const platform::ListenOptions& options, Executor executor) {
         return port.listen(options, std::move(executor));
     };
@@ -206,13 +196,18 @@ Task<> Service::Parts::finish() {
     co_await watchdog.finish();
 }
 
-Service::Service(Home& home, const platform::PrivateKey& ownKey, ServiceSettings settings, ServiceEvents& events,
-                 OutboxEvents& outboxEvents)
-    : home_(home), ownKey_(ownKey), settings_(std::move(settings)), events_(events), outboxEvents_(outboxEvents) {}
+Service::Service(Home& home, const platform::PrivateKey& ownKey, LiveSettings& live, ServiceSettings settings,
+                 ServiceEvents& events, OutboxEvents& outboxEvents)
+    : home_(home),
+      ownKey_(ownKey),
+      live_(live),
+      settings_(std::move(settings)),
+      events_(events),
+      outboxEvents_(outboxEvents) {}
 
 Task<> Service::run() {
     const ServiceLock lock = co_await ServiceLock::take(home_);
-    checkFolder();
+    checkFolders();
     ServicePort port(home_, settings_.port,
                      [&told = events_](const std::string& endpoint) { told.turnedAway(endpoint); });
     if (const std::optional<std::uint16_t> inherited = port.adoptInherited()) {
@@ -223,12 +218,15 @@ Task<> Service::run() {
     co_await parts.serve();
 }
 
-void Service::checkFolder() const {
-    if (const std::optional<std::string> reason = objectionToDownloads(home_, settings_.downloads)) {
-        throw HostError("received files cannot go to " + settings_.downloads.string() + ": " + *reason);
-    }
-    if (settings_.accept != ServiceSettings::Accept::never) {
-        requireWritableFolder(home_, settings_.downloads);
+void Service::checkFolders() const {
+    const bool takesFiles = live_.takesFiles();
+    for (const platform::Path& folder : live_.folders()) {
+        if (const std::optional<std::string> reason = objectionToDownloads(home_, folder)) {
+            throw HostError("received files cannot go to " + folder.string() + ": " + *reason);
+        }
+        if (takesFiles) {
+            requireWritableFolder(home_, folder);
+        }
     }
 }
 

@@ -10,18 +10,24 @@
 namespace orlinth::host {
 
 ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-                       platform::Path downloads)
+                       LiveSettings& settings)
     : home_(home),
       receiver_(receiver),
       outbox_(outbox),
       loan_(loan),
       presence_(presence),
-      downloads_(std::filesystem::absolute(downloads)),
+      settings_(settings),
       news_(home.executor),
       transfers_(home, [this] { changed(); }),
       lastText_(home.system.clock, home.executor) {
     loan_.onChanged = [this] { changed(); };
     presence_.onChanged = [this] { phonesChanged(); };
+    settings_.onChanged = [this] {
+        changed();
+        if (onSettings) {
+            onSettings();
+        }
+    };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
             onTransferEnded(transfer);
@@ -80,7 +86,10 @@ void ServiceApi::watch(Receiver::Callbacks& callbacks) {
 }
 
 ServiceView ServiceApi::service() const {
-    ServiceView view{.state = state_, .port = port_, .downloads = downloads_};
+    ServiceView view{.state = state_,
+                     .port = port_,
+                     .name = settings_.computerName(),
+                     .downloads = std::filesystem::absolute(settings_.downloads())};
     if (state_ == ServiceView::State::listening && loan_.isLent()) {
         view.problem = loan_.problem();
         view.state = view.problem.empty() ? ServiceView::State::lent : ServiceView::State::notListening;

@@ -4,6 +4,7 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxSender.h"
 #include "OrlinthHost/Service/LastText.h"
+#include "OrlinthHost/Service/LiveSettings.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceView.h"
@@ -15,6 +16,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace orlinth::host {
@@ -30,10 +33,9 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class ServiceApi {
 public:
-    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan` and
-    /// `presence`.
+    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence` and `settings`.
     ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-               platform::Path downloads);
+               LiveSettings& settings);
     ServiceApi(const ServiceApi&) = delete;
     ServiceApi& operator=(const ServiceApi&) = delete;
 
@@ -46,6 +48,9 @@ public:
     [[nodiscard]] std::vector<TransferView> transfers() const;
     /// Of the outbox, sorted by id and phone.
     [[nodiscard]] std::vector<OutboxView> batches() const { return outbox_.batches(); }
+
+    /// LiveSettings::all().
+    [[nodiscard]] std::vector<SettingView> settings() const { return settings_.all(); }
 
     // ---- that it has changed
 
@@ -75,6 +80,11 @@ public:
     /// Takes a batch back, and ends what is under way of it: OutboxSender::remove().
     [[nodiscard]] Task<bool> cancelBatch(BatchId batch) { return outbox_.remove(std::move(batch)); }
 
+    /// LiveSettings::set(). @throws SettingError
+    [[nodiscard]] Task<> setSetting(std::string name, SettingValue value) {
+        return settings_.set(std::move(name), std::move(value));
+    }
+
     /// The last text that came, which can also be forgotten.
     [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
 
@@ -82,6 +92,8 @@ public:
 
     /// Told of each transfer that ends. May be empty.
     std::function<void(const TransferView&)> onTransferEnded;
+    /// Told when a setting has changed. May be empty.
+    std::function<void()> onSettings;
 
     /// Lets `callbacks` tell of transfers too.
     void watch(Receiver::Callbacks& callbacks);
@@ -100,7 +112,7 @@ private:
     OutboxSender& outbox_;
     PortLoan& loan_;
     PresenceKeeper& presence_;
-    const platform::Path downloads_;
+    LiveSettings& settings_;
     ServiceView::State state_ = ServiceView::State::starting;
     std::uint16_t port_ = 0;
     /// Shared with those who copy files on other threads.

@@ -37,6 +37,8 @@ constexpr const char* pathKey = "path";
 constexpr const char* createdKey = "created_at_epoch_ms";
 constexpr const char* filesKey = "files";
 constexpr const char* filesDoneKey = "files_done";
+constexpr const char* valueKey = "value";
+constexpr const char* fixedKey = "fixed_by";
 constexpr const char* nextKey = "next_attempt_epoch_ms";
 
 constexpr const char* serviceEvent = "service";
@@ -46,6 +48,7 @@ constexpr const char* batchEvent = "batch";
 constexpr const char* transferGoneEvent = "transfer_gone";
 constexpr const char* batchGoneEvent = "batch_gone";
 constexpr const char* phoneGoneEvent = "phone_gone";
+constexpr const char* settingEvent = "setting";
 constexpr const char* currentEvent = "current";
 
 void addText(Json& object, const char* key, const std::string& text) {
@@ -59,6 +62,7 @@ Json fieldsOf(const ServiceView& service) {
                 {stateKey, textOf(service.state)},
                 {portKey, service.port},
                 {downloadsKey, service.downloads.string()}};
+    addText(object, nameKey, service.name);
     addText(object, messageKey, service.problem);
     return object;
 }
@@ -103,6 +107,12 @@ Json fieldsOf(const OutboxView& batch) {
     return object;
 }
 
+Json fieldsOf(const SettingView& setting) {
+    Json object{{eventKey, settingEvent}, {nameKey, setting.name}, {valueKey, toJson(setting.value)}};
+    addText(object, fixedKey, setting.fixedBy);
+    return object;
+}
+
 std::string textIn(const Json& object, const char* key) {
     return optionalString(object, key).value_or("");
 }
@@ -142,6 +152,7 @@ ServiceView serviceIn(const Json& object) {
     return {.state = stateIn(object, stateKey, std::array{starting, listening, lent, notListening, stopping}),
             .port = static_cast<std::uint16_t>(port),
             .problem = textIn(object, messageKey),
+            .name = textIn(object, nameKey),
             .downloads = requireString(object, downloadsKey)};
 }
 
@@ -171,6 +182,15 @@ TransferView transferIn(const Json& object) {
             .bytesPerSecond = requireInt64(object, rateKey),
             .problem = textIn(object, messageKey),
             .path = textIn(object, pathKey)};
+}
+
+SettingView settingIn(const Json& object) {
+    const auto value = object.find(valueKey);
+    const std::optional<SettingValue> known = value != object.end() ? settingValueFrom(*value) : std::nullopt;
+    if (!known) {
+        throw HostError("a setting without a value");
+    }
+    return {.name = requireString(object, nameKey), .value = *known, .fixedBy = textIn(object, fixedKey)};
 }
 
 OutboxView batchIn(const Json& object) {
@@ -283,6 +303,9 @@ ServiceNews decodeServiceNews(std::string_view line) {
     }
     if (event == phoneGoneEvent) {
         return PhoneGoneLine{PeerKey(requireString(object, pubkeyKey))};
+    }
+    if (event == settingEvent) {
+        return settingIn(object);
     }
     if (event == currentEvent) {
         return CurrentLine{};

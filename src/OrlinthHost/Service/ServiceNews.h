@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthHost/Service/ServiceView.h"
+#include "OrlinthHost/Settings/SettingView.h"
 
 #include <string>
 #include <string_view>
@@ -11,8 +12,8 @@ namespace orlinth::host {
 /// What the control socket says to those who watch, one object of JSON a line. First everything that there is, then
 /// CurrentLine, then whatever changes, each thing as a whole. Members that are not named here are nobody's business.
 
-/// `{"event":"service","state":"listening","port":28471,"downloads":"…"}`, and "message" if the port cannot be opened.
-/// The states are "starting", "listening", "lent", "not-listening" and "stopping".
+/// `{"event":"service","state":"listening","port":28471,"downloads":"…","name":"ann-laptop"}`, and "message" if the
+/// port cannot be opened. The states are "starting", "listening", "lent", "not-listening" and "stopping".
 using ServiceLine = ServiceView;
 
 /// `{"event":"phone","peer_pubkey":"…","name":"Pixel 8","state":"here","seen_epoch_ms":1731686400000,"can_wake":true,
@@ -28,6 +29,10 @@ using TransferLine = TransferView;
 /// "files_done":38,"state":"paused","next_attempt_epoch_ms":1731686400000,"message":"…"}`; the last two where there is
 /// such a thing. The states are "waiting", "sending", "paused" and "failed".
 using BatchLine = OutboxView;
+
+/// `{"event":"setting","name":"accept","value":"ask","fixed_by":"config.toml, line 3"}`: only to those who ask for the
+/// settings. The value is a text, true or false, or a number of bytes; "fixed_by" where the service cannot change it.
+using SettingLine = SettingView;
 
 /// `{"event":"transfer_gone","transfer":7}`: it is listed no more.
 struct TransferGoneLine {
@@ -51,7 +56,7 @@ struct CurrentLine {
 };
 
 using ServiceNews = std::variant<ServiceLine, PhoneLine, TransferLine, BatchLine, TransferGoneLine, BatchGoneLine,
-                                 PhoneGoneLine, CurrentLine>;
+                                 PhoneGoneLine, SettingLine, CurrentLine>;
 
 /// Bytes of a line, without its end: more than the longest path and the longest name take.
 inline constexpr std::size_t maxNewsLine = 32 << 10;

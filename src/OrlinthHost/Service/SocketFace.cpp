@@ -32,8 +32,7 @@ Task<bool> sendSecret(platform::UnixSockets& sockets, platform::Stream& stream, 
 } // namespace
 
 void SocketFace::start(std::uint16_t port) {
-    aboutPort_ = {
-        .port = port, .downloads = api_.service().downloads.string(), .since = home_.system.clock.epochMilliseconds()};
+    aboutPort_ = {.port = port, .since = home_.system.clock.epochMilliseconds()};
     accepting_.add(run(), [this](const std::exception_ptr& error) {
         try {
             std::rethrow_exception(error);
@@ -102,17 +101,19 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     bool isToWatch = false;
     bool isStatus = false;
     bool isForText = false;
+    bool isForSettings = false;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
         isForLoan = isToBeLent(request);
         isStatus = std::holds_alternative<StatusRequest>(request);
         isToWatch = std::holds_alternative<WatchRequest>(request);
         isForText = std::holds_alternative<LastTextRequest>(request);
+        isForSettings = std::holds_alternative<SettingsRequest>(request);
         if (isToWatch && watchers_ == maxWatchers) {
             isToWatch = false;
             throw HostError("too many programs are watching");
         }
-        if (!isForLoan && !isStatus && !isToWatch && !isForText) {
+        if (!isForLoan && !isStatus && !isToWatch && !isForText && !isForSettings) {
             reply = co_await replyTo(std::move(request));
         }
     } catch (const std::exception& error) {
@@ -130,6 +131,8 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
         co_await sendNews(*stream, reader, true);
     } else if (isForText) {
         co_await sendLastText(*stream);
+    } else if (isForSettings) {
+        co_await sendSettings(*stream);
     } else {
         co_await sendControlLine(*stream, home_.system.clock, encodeControlReply(reply));
     }
@@ -180,7 +183,24 @@ Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
     if (std::holds_alternative<ForgetTextRequest>(request)) {
         co_return FoundReply{api_.lastText().forget()};
     }
-    co_return aboutPort_;
+    if (auto* const set = std::get_if<SetRequest>(&request)) {
+        co_await api_.setSetting(std::move(set->setting), std::move(set->value));
+        co_return FoundReply{true};
+    }
+    co_return aboutPort();
+}
+
+PortReply SocketFace::aboutPort() const {
+    PortReply reply = aboutPort_;
+    reply.downloads = api_.service().downloads.string();
+    return reply;
+}
+
+Task<> SocketFace::sendSettings(platform::Stream& stream) {
+    for (const SettingView& setting : api_.settings()) {
+        co_await sendControlLine(stream, home_.system.clock, encodeServiceNews(setting));
+    }
+    co_await sendControlLine(stream, home_.system.clock, encodeServiceNews(CurrentLine{}));
 }
 
 /// Those that were paired last: the reply is one line.

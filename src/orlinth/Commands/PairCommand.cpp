@@ -191,7 +191,7 @@ private:
         const std::uint16_t number = borrowed ? borrowed->port() : port->port();
         DeviceInfo device = deviceAt(host, borrowed ? borrowed->place() : "");
         if (!host.computerName.empty()) {
-            device.hostname = host.computerName;
+            device.hostname = host.computerName.get();
         }
         const PairingPayload payload = PairingPayload::mint(ownKey, device, number);
         const std::string code = PairCode::generate();

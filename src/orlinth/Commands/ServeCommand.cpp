@@ -1,9 +1,10 @@
 #include "OrlinthBus/BusFace.h"
+#include "OrlinthHost/Service/DownloadsFolder.h"
 #include "OrlinthHost/Service/Service.h"
 #include "orlinth/Asking/OfferQuestions.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/FolderCheck.h"
-#include "orlinth/Commands/SizeText.h"
+#include "orlinth/Program/Settings.h"
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/OutboxReporter.h"
 #include "orlinth/Reporting/ServeReporter.h"
@@ -96,6 +97,9 @@ public:
         parser().add_flag("--no-clipboard", leavesClipboard_, "Leave the desktop's clipboard alone when a text comes.");
         parser().add_flag("--history", keepsHistory_,
                           "Write down what came and went, for `orlinth history`; on unless --history=false is given.");
+        parser().add_flag("--notifications", showsNotifications_,
+                          "Show on the desktop what has come; on unless --notifications=false is given. Questions of "
+                          "--accept=ask are shown in any case.");
         addFind(find_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
@@ -107,10 +111,13 @@ public:
         raiseDescriptorLimit();
         platform::returnFreedMemory();
         host.tasks.treatSignalsAsUsualEnd(graceAfterSignal);
-        const platform::Path folder = downloadsFolder(host, directory_);
+        host.settings.flags = settingsFromFlags(parser());
+        host::LiveSettings live(host, host.settings);
+        requireGoodFolders(host, live);
+        tellOfSettings(host, live);
         const platform::PrivateKey ownKey = host.staticKey();
         try {
-            serve(host, ownKey, folder);
+            serve(host, ownKey, live);
             return 0;
         } catch (const Interrupted&) {
             return 0;
@@ -121,11 +128,30 @@ public:
     }
 
 private:
-    void serve(Host& host, const platform::PrivateKey& ownKey, const platform::Path& folder) const {
+    /// @throws UsageError
+    static void requireGoodFolders(Host& host, const host::LiveSettings& live) {
+        static_cast<void>(downloadsFolder(host, host.settings.text(host::SettingId::downloads)));
+        for (const platform::Path& folder : live.folders()) {
+            requireGoodDownloads(host, folder);
+        }
+    }
+
+    static void tellOfSettings(Host& host, const host::LiveSettings& live) {
+        for (const std::string& warning : live.warnings()) {
+            host.output.message(warning);
+        }
+        if (!live.isChangeable()) {
+            host.output.message((host.dataDirectory() / host::SettingsFile::fileName).string() +
+                                " was written by a later version of Orlinth. What this version knows of it holds; "
+                                "it is not changed.");
+        }
+    }
+
+    void serve(Host& host, const platform::PrivateKey& ownKey, host::LiveSettings& live) const {
         OfferQuestions questions(host);
-        ServeReporter reporter(host, choices());
+        ServeReporter reporter(host, choices(live));
         OutboxReporter outboxReporter(host);
-        host::ServiceSettings settings = settingsFor(folder);
+        host::ServiceSettings settings = settingsForService();
         settings.approveOffer = [&questions](Receiver::Offer offer) { return questions.wants(std::move(offer)); };
         bus::BusFace face(host, environmentVariable,
                           {.version = ORLINTH_VERSION,
@@ -134,27 +160,20 @@ private:
         if (isUsualDataFolder(host)) { // the name on the bus is that of the user's own service
             settings.faces.push_back(&face);
         }
-        host::Service service(host, ownKey, std::move(settings), reporter, outboxReporter);
+        host::Service service(host, ownKey, live, std::move(settings), reporter, outboxReporter);
         static_cast<void>(host.tasks.run(serveUntilCancelled(service)));
     }
 
-    [[nodiscard]] ServeReporter::Choices choices() const {
-        return {.writesClipboard = !leavesClipboard_,
+    [[nodiscard]] ServeReporter::Choices choices(const host::LiveSettings& live) const {
+        return {.writesClipboard = [&live] { return live.writesClipboard(); },
+                .showsNotifications = [&live] { return live.showsNotifications(); },
                 .port = portOption_->count() > 0 ? std::optional(port_) : std::nullopt,
                 .choosesPlaces = !places_.empty()};
     }
 
-    [[nodiscard]] host::ServiceSettings settingsFor(const platform::Path& folder) const {
-        using Accept = host::ServiceSettings::Accept;
-        return {.downloads = folder,
-                .downloadLimits = {.keepFreeBytes = parseSize(keepFree_).value_or(0),
-                                   .maxFileBytes = parseSize(maxFile_).value_or(0)},
-                .accept = accept_ == "never" ? Accept::never
-                          : accept_ == "ask" ? Accept::ask
-                                             : Accept::always,
-                .approveOffer = {},
+    [[nodiscard]] host::ServiceSettings settingsForService() const {
+        return {.approveOffer = {},
                 .port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
-                .keepsHistory = keepsHistory_,
                 .find = find_,
                 .watchdogInterval = platform::serviceWatchdogInterval(),
                 .watchdog = watchdogCallbacks()};
@@ -164,12 +183,14 @@ private:
     CLI::Option* portOption_ = nullptr; ///< the parser's
     std::vector<std::string> places_;
     bool listensPublicly_ = false;
+    // what LiveSettings has; the parser needs them to check, and to show, what is given
     std::string directory_;
     std::string keepFree_;
     std::string maxFile_;
     std::string accept_ = "always";
     bool leavesClipboard_ = false;
     bool keepsHistory_ = true;
+    bool showsNotifications_ = true;
     host::FindSetting find_ = host::FindSetting::known;
 };
 

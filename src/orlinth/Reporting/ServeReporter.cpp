@@ -95,7 +95,7 @@ void tellDeclined(Output& output, const Receiver::Declined& declined) {
 
 ServeReporter::ServeReporter(Host& host, Choices choices)
     : host_(host),
-      choices_(choices),
+      choices_(std::move(choices)),
       clipboard_(host),
       textBurstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
       burstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
@@ -176,14 +176,15 @@ void ServeReporter::textReceived(const Receiver::Clipboard& clipboard) {
     // A line may end up in a log, where a text, which may be a password, has no business.
     const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
                              host::phoneForDisplay(host_, clipboard.from, clipboard.peerKey);
+    const bool writesClipboard = this->writesClipboard();
     if (admitsLine(clipboard.peerKey, clipboard.from)) {
-        if (!choices_.writesClipboard && isTerminal(STDOUT_FILENO)) {
+        if (!writesClipboard && isTerminal(STDOUT_FILENO)) {
             host_.output.page(line + ": " + madeVisible(clipboard.text));
         } else {
             host_.output.result(line);
         }
     }
-    if (choices_.writesClipboard) {
+    if (writesClipboard) {
         clipboard_.write(clipboard.text);
     }
     notifyOfClipboard(clipboard);
@@ -292,6 +293,9 @@ bool ServeReporter::admitsLine(const PeerKey& peerKey, const std::string& name) 
 }
 
 void ServeReporter::notifyOfFile(const Receiver::File& file) {
+    if (!showsNotifications()) {
+        return;
+    }
     if (isBurst_) {
         ++moreFiles_;
         lastFile_ = absolute(file.file.savedAt);
@@ -333,6 +337,9 @@ void ServeReporter::showFile(platform::Notification notification, const platform
 }
 
 void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
+    if (!showsNotifications()) {
+        return;
+    }
     if (isTextBurst_) {
         ++moreTexts_;
         return;

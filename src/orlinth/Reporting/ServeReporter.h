@@ -8,6 +8,7 @@
 #include "orlinth/Program/Host.h"
 
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,9 +23,10 @@ public:
     /// Between two notifications of files.
     static constexpr Seconds burstTime = 5s;
 
-    /// What the person has chosen.
+    /// What the person has chosen. The first two are asked each time, as they may change; empty: yes.
     struct Choices {
-        bool writesClipboard = true;
+        std::function<bool()> writesClipboard = {};
+        std::function<bool()> showsNotifications = {};
         std::optional<std::uint16_t> port = {}; ///< on the command line or in the settings
         bool choosesPlaces = false;
     };
@@ -59,6 +61,10 @@ private:
         platform::Log& log;
     };
 
+    [[nodiscard]] bool writesClipboard() const { return !choices_.writesClipboard || choices_.writesClipboard(); }
+    [[nodiscard]] bool showsNotifications() const {
+        return !choices_.showsNotifications || choices_.showsNotifications();
+    }
     /// Of the first at once, of those that follow within a few seconds together: a hundred photos are one event.
     void notifyOfFile(const Receiver::File& file);
     void tellMoreFiles();

@@ -42,6 +42,7 @@ void StatusText::take(const host::ServiceNews& news) {
                               std::erase_if(phones_,
                                             [&gone](const auto& one) { return one.presence.peerKey == gone.peerKey; });
                           },
+                          [](const host::SettingLine&) {}, // of which nobody has asked
                           [](const host::CurrentLine&) {}},
                news);
 }

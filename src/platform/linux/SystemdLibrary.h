@@ -44,6 +44,7 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_peek_type);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read_basic);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_ref);

@@ -48,7 +48,7 @@ protected:
     TaskRunner tasks_{world_.context};
     Output output_;
     Host host_{world_.system, tasks_, output_};
-    ServeReporter reporter_{host_, {.writesClipboard = true}};
+    ServeReporter reporter_{host_, {}};
 };
 
 /// While it lives, the program of the desktop that opens files writes down what it was asked to open.
@@ -191,7 +191,7 @@ TEST_F(ServeReporterTest, ShowsManyFilesAsOne) {
 
 TEST_F(ServeReporterTest, IsNotAskedToOpenAnythingOnceItIsGone) {
     {
-        ServeReporter other(host_, {.writesClipboard = false});
+        ServeReporter other(host_, {.writesClipboard = [] { return false; }});
         other.fileReceived(file("/home/ann/Downloads/a.txt"));
         world_.run(other.finish());
     }
@@ -326,11 +326,29 @@ TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
     EXPECT_EQ("orlinth: 995 more connections came from outside your networks", lines.back());
 }
 
+TEST_F(ServeReporterTest, ShowsNothingOnTheDesktopWhileThatIsSwitchedOff) {
+    bool isOn = false;
+    ServeReporter reporter(host_,
+                           {.writesClipboard = [] { return false; }, .showsNotifications = [&] { return isOn; }});
+    static_cast<void>(linesOf([&] {
+        reporter.fileReceived(file("/home/ann/a.jpg"));
+        reporter.textReceived({.text = "a text", .mime = "text/plain", .from = "Pixel 8"});
+    }));
+    EXPECT_TRUE(shown().empty());
+    isOn = true;
+    static_cast<void>(linesOf([&] {
+        reporter.fileReceived(file("/home/ann/b.jpg"));
+        reporter.textReceived({.text = "a text", .mime = "text/plain", .from = "Pixel 8"});
+    }));
+    EXPECT_EQ(2U, shown().size());
+    world_.run(reporter.finish());
+}
+
 TEST_F(ServeReporterTest, SaysWhichChoicesAnInheritedPortMakesVain) {
     const std::string port = "the service manager has opened port 7100; --port is not used";
     const std::string places = "the service manager has opened the port; --listen is not used";
     using Lines = std::vector<std::string>;
-    const auto said = [this](ServeReporter::Choices choices) {
+    const auto said = [this](const ServeReporter::Choices& choices) {
         ServeReporter reporter(host_, choices);
         Lines lines = linesOf([&] { reporter.portInherited(7100); });
         world_.run(reporter.finish());

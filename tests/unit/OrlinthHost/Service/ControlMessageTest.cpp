@@ -27,6 +27,10 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"request":"watch"})", WatchRequest{}},
     {R"({"request":"last_text"})", LastTextRequest{}},
     {R"({"request":"forget_text"})", ForgetTextRequest{}},
+    {R"({"request":"settings"})", SettingsRequest{}},
+    {R"({"request":"set","setting":"accept","value":"ask"})", SetRequest{"accept", "ask"}},
+    {R"({"request":"set","setting":"history","value":false})", SetRequest{"history", false}},
+    {R"({"request":"set","setting":"max-file","value":7})", SetRequest{"max-file", std::int64_t{7}}},
 };
 
 const std::vector<std::pair<std::string, ControlReply>> replies{
