@@ -65,6 +65,13 @@ TEST(SettingsText, ThatTheParserDoesNotExpectIsAnErrorToo) {
     EXPECT_EQ(errorOf("[a]\nb = 1\n[`end]\nb = 2\n[c]\n"), ", line 3, column 1: this line is no TOML");
 }
 
+TEST(SettingsText, LettersBeyondAsciiStandInQuotesOrComments) {
+    constexpr const char* refusal = "a character that may only stand in quotes or in a comment";
+    EXPECT_EQ(errorOf("[a]\nb = \xC9\x9E\n"), std::string(", line 2, column 5: ") + refusal);
+    EXPECT_EQ(errorOf("\xC3\xA9 = 1\n"), std::string(", line 1, column 1: ") + refusal);
+    EXPECT_EQ(errorOf("\"\xC3\xA9\" = '\xC9\x9E' # \xC9\x9E\n"), "no error");
+}
+
 TEST(SettingsText, IsBounded) {
     EXPECT_EQ(errorOf(std::string(maxSettingsBytes + 1, '\n')), ": larger than 64 KiB");
     EXPECT_EQ(errorOf(std::string(maxSettingsBytes, '\n')), "no error");
