@@ -171,9 +171,14 @@ std::vector<SettingView> LiveSettings::all() const {
 
 std::vector<std::string> LiveSettings::warnings() const {
     std::vector<std::string> warnings;
+    std::map<PeerKey, std::string> first; // where the phone is named
     for (const PhoneInConfig& phone : phonesInConfig_) {
         try {
-            static_cast<void>(resolvePeer(home_, phone.selector));
+            const PeerKey key = resolvePeer(home_, phone.selector).peer_pubkey;
+            if (const auto [known, isNew] = first.emplace(key, phone.where); !isNew) {
+                warnings.push_back(phone.where + ": '" + phone.selector + "' is the same phone as in " + known->second +
+                                   "; these settings have no effect");
+            }
         } catch (const HostError& error) {
             warnings.push_back(phone.where + ": " + error.description() + "; these settings have no effect");
         } catch (const PeerStoreError&) {

@@ -44,7 +44,8 @@ public:
     [[nodiscard]] std::string computerName() const;
     /// Every setting of this computer, and of single phones those that somebody has set.
     [[nodiscard]] std::vector<SettingView> all() const;
-    /// What of config.toml has no effect, as sentences: tables of phones that are not paired.
+    /// What of config.toml has no effect, as sentences: tables of phones that are not paired, and all but the first of
+    /// those that mean the same phone.
     [[nodiscard]] std::vector<std::string> warnings() const;
     /// Whether settings.json can be written by this version.
     [[nodiscard]] bool isChangeable() const;

@@ -251,13 +251,15 @@ TEST_F(LiveSettingsTest, TablesOfPhonesInConfigTomlAreForThePhoneThatIsCalledSo)
                              .where = std::string("config.toml, line of ") + selector,
                              .settings = {{SettingId::accept, {.value = accept, .where = "config.toml, line 7"}}}};
     };
-    sources.phonesInConfig = {table("pixel-8", "never"), table("Tablet", "ask")};
+    sources.phonesInConfig = {table("pixel-8", "never"), table("Tablet", "ask"), table("pix", "ask")};
     const LiveSettings settings(home_, sources);
     using Approval = Receiver::Reception::Approval;
     EXPECT_EQ(Approval::refused, settings.receptionOf(PeerKey(key())).approval);
     EXPECT_EQ(Approval::given, settings.receptionOf(PeerKey("another")).approval);
     EXPECT_THAT(settings.warnings(), ElementsAre("config.toml, line of Tablet: no paired phone matches 'Tablet'; these "
-                                                 "settings have no effect"));
+                                                 "settings have no effect",
+                                                 "config.toml, line of pix: 'pix' is the same phone as in config.toml, "
+                                                 "line of pixel-8; these settings have no effect"));
     PeerRecord renamed = world_.phoneRecord();
     renamed.peer_hostname = "Tablet";
     pair({renamed});
