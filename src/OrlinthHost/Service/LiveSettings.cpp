@@ -193,6 +193,52 @@ bool LiveSettings::isChangeable() const {
     return !sources_.file.isOfLaterVersion;
 }
 
+// Folders that cannot be written just now
+
+bool LiveSettings::canWaitFor(const platform::Path& folder) const {
+    bool isChosen = false;
+    for (const SettingView& setting : all()) {
+        const std::optional<SettingName> name = SettingName::parse(setting.name);
+        if (!name || name->id != SettingId::downloads ||
+            folderFrom(setting.value) != std::filesystem::absolute(folder)) {
+            continue;
+        }
+        const MutexLock guard(lock_);
+        if (!setting.fixedBy.empty() || sources_.file.find(*name) == nullptr) {
+            return false;
+        }
+        isChosen = true;
+    }
+    return isChosen;
+}
+
+void LiveSettings::keepProblem(const platform::Path& folder, std::string problem) {
+    const MutexLock guard(lock_);
+    problems_[std::filesystem::absolute(folder)] = std::move(problem);
+}
+
+void LiveSettings::forgetProblem(const platform::Path& folder) {
+    const MutexLock guard(lock_);
+    problems_.erase(std::filesystem::absolute(folder));
+}
+
+std::string LiveSettings::problem() const {
+    {
+        const MutexLock guard(lock_);
+        if (problems_.empty()) {
+            return "";
+        }
+    }
+    const std::vector<platform::Path> used = folders();
+    const MutexLock guard(lock_);
+    for (const platform::Path& folder : used) {
+        if (const auto problem = problems_.find(std::filesystem::absolute(folder)); problem != problems_.end()) {
+            return problem->second;
+        }
+    }
+    return "";
+}
+
 // Changes
 
 SettingName LiveSettings::requireChangeable(const std::string& text) const {

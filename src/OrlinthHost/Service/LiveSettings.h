@@ -50,6 +50,17 @@ public:
     /// Whether settings.json can be written by this version.
     [[nodiscard]] bool isChangeable() const;
 
+    // ---- folders that cannot be written just now
+
+    /// Whether the service does its work although this folder cannot be written: somebody who could choose another one
+    /// while it runs has chosen this. True of those in settings.json alone.
+    [[nodiscard]] bool canWaitFor(const platform::Path& folder) const;
+    /// It cannot be written, for this reason; until forgetProblem(), or until no setting names it any more.
+    void keepProblem(const platform::Path& folder, std::string problem);
+    void forgetProblem(const platform::Path& folder);
+    /// "" if there is none.
+    [[nodiscard]] std::string problem() const;
+
     // ---- changes
 
     /// Told when a setting has changed. May be empty.
@@ -81,6 +92,7 @@ private:
     SettingSources sources_ ORLINTH_GUARDED_BY(lock_);
     /// Which phones the tables of config.toml meant when the peer store could last be read.
     mutable std::map<std::string, PeerKey> meant_ ORLINTH_GUARDED_BY(lock_);
+    std::map<platform::Path, std::string> problems_ ORLINTH_GUARDED_BY(lock_); ///< by folder, absolute
 };
 
 } // namespace orlinth::host

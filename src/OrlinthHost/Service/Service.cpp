@@ -33,6 +33,7 @@ struct Service::Parts {
     void start(std::uint16_t port);
     [[nodiscard]] Task<> finish();
 
+    LiveSettings& live;
     ServiceEvents& events;
     const std::vector<ServiceFace*> faces;
     PresenceKeeper presence;
@@ -52,7 +53,8 @@ struct Service::Parts {
 };
 
 Service::Parts::Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener)
-    : events(service.events_),
+    : live(service.live_),
+      events(service.events_),
       faces(service.settings_.faces),
       presence(service.home_),
       receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.live_.downloads(),
@@ -83,7 +85,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                               .onConfirmed = [this](const PeerKey& phone) { presence.confirmed(phone); },
                               .onPhoneGone = [this](const PeerKey& phone) { presence.disappeared(phone); }}),
       partials(
-          service.home_, [&live = service.live_] { return live.folders(); },
+          service.home_, [this] { return live.folders(); },
           [&told = service.events_](const PartialsReminder::Reminder& reminder, const platform::Path& folder) {
               told.unfinishedDownloads(reminder, folder);
           }),
@@ -99,7 +101,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
         }
     };
     outbox.onLastPhone = [this] { sharedPeers.update(); };
-    api.onTransferEnded = [this, &live = service.live_](const TransferView& transfer) {
+    api.onTransferEnded = [this](const TransferView& transfer) {
         if (live.keepsHistory()) {
             history.ended(transfer);
         }
@@ -107,7 +109,7 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
     api.onSettings = [this] { sharedPeers.update(); }; // the default phone comes first there
     receiver.limits = ReceiverLimits::strict();
     receiver.beforeAuthorising = [this] { keys.refresh(); };
-    receiver.receptionOf = [&live = service.live_](const PeerKey& peerKey) { return live.receptionOf(peerKey); };
+    receiver.receptionOf = [this](const PeerKey& peerKey) { return live.receptionOf(peerKey); };
     receiver.approveOffer = service.settings_.approveOffer;
     receiver.openListener = [&port](const platform::ListenOptions& options, Executor executor) {
         return port.listen(options, std::move(executor));
@@ -118,7 +120,11 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
 Receiver::Callbacks Service::Parts::callbacks() {
     Receiver::Callbacks told{
         .onListening = [this](std::uint16_t port) { start(port); },
-        .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
+        .onTransfer =
+            [this](const Receiver::File& file) {
+                live.forgetProblem(file.file.savedAt.parent_path());
+                events.fileReceived(file);
+            },
         .onClipboard =
             [this](const Receiver::Clipboard& text) {
                 api.lastText().keep(text.text, text.from);
@@ -225,8 +231,21 @@ void Service::checkFolders() const {
             throw HostError("received files cannot go to " + folder.string() + ": " + *reason);
         }
         if (takesFiles) {
-            requireWritableFolder(home_, folder);
+            requireWritable(folder);
         }
+    }
+}
+
+/// Who has chosen a folder while a service ran can only choose another one if it runs.
+void Service::requireWritable(const platform::Path& folder) const {
+    try {
+        requireWritableFolder(home_, folder);
+    } catch (const HostError& error) {
+        if (!live_.canWaitFor(folder)) {
+            throw;
+        }
+        live_.keepProblem(folder, error.description());
+        events_.folderUnusable(error.description());
     }
 }
 

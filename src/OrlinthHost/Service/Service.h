@@ -62,6 +62,7 @@ private:
     struct Parts;
 
     void checkFolders() const;
+    void requireWritable(const platform::Path& folder) const;
 
     Home& home_;
     const platform::PrivateKey& ownKey_;

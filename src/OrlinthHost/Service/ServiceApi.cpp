@@ -94,6 +94,9 @@ ServiceView ServiceApi::service() const {
         view.problem = loan_.problem();
         view.state = view.problem.empty() ? ServiceView::State::lent : ServiceView::State::notListening;
     }
+    if (view.problem.empty()) {
+        view.problem = settings_.problem();
+    }
     return view;
 }
 

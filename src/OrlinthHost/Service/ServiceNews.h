@@ -13,7 +13,8 @@ namespace orlinth::host {
 /// CurrentLine, then whatever changes, each thing as a whole. Members that are not named here are nobody's business.
 
 /// `{"event":"service","state":"listening","port":28471,"downloads":"…","name":"ann-laptop"}`, and "message" if the
-/// port cannot be opened. The states are "starting", "listening", "lent", "not-listening" and "stopping".
+/// port cannot be opened, or a folder cannot be written. The states are "starting", "listening", "lent",
+/// "not-listening" and "stopping".
 using ServiceLine = ServiceView;
 
 /// `{"event":"phone","peer_pubkey":"…","name":"Pixel 8","state":"here","seen_epoch_ms":1731686400000,"can_wake":true,

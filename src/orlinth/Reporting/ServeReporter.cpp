@@ -130,6 +130,10 @@ void ServeReporter::phonesKnown(std::size_t pairedPhones) {
     }
 }
 
+void ServeReporter::folderUnusable(const std::string& problem) {
+    host_.output.failure(problem, "Until that is mended, or another folder is chosen, files that go there fail.");
+}
+
 void ServeReporter::listening(std::uint16_t port, std::size_t pairedPhones) {
     platform::tellServiceReady();
     platform::tellServiceStatus(pairedPhones);

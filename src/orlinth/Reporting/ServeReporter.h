@@ -38,6 +38,7 @@ public:
 
     void portInherited(std::uint16_t port) override;
     void phonesKnown(std::size_t pairedPhones) override;
+    void folderUnusable(const std::string& problem) override;
     void listening(std::uint16_t port, std::size_t pairedPhones) override;
     void stopping() override;
     [[nodiscard]] Task<> finish() override;

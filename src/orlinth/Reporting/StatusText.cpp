@@ -86,7 +86,8 @@ std::string StatusText::serviceLine() const {
     const std::string port = std::to_string(service.port);
     switch (service.state) {
     case State::listening:
-        return "Receives at port " + port + ", into " + forDisplay(service.downloads.string()) + ".";
+        return "Receives at port " + port + ", into " + forDisplay(service.downloads.string()) + "." +
+               (service.problem.empty() ? "" : " But: " + forDisplay(service.problem) + ".");
     case State::lent:
         return "A pairing uses port " + port + " just now.";
     case State::notListening:

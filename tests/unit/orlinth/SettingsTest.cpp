@@ -1,6 +1,7 @@
 #include "orlinth/Program/Settings.h"
 
 #include "fakes/MemoryFileSystem.h"
+#include "orlinth/Commands/Command.h"
 #include "platform/WholeFile.h"
 
 #include <gmock/gmock.h>
@@ -99,6 +100,20 @@ TEST(SettingsText, NestedEndlesslyIsAnError) {
                                     squares + std::string(many, ']')}) {
         EXPECT_THAT(errorOf(text), StartsWith(", line ")) << text.substr(0, 20);
     }
+}
+
+TEST(SettingsFlags, OfServeAreThoseOfTheTable) {
+    CLI::App program("test", "orlinth");
+    const std::unique_ptr<Command> command = makeServeCommand(program);
+    for (const host::SettingRule& rule : host::settingRules()) {
+        const CLI::Option* const option =
+            program.get_subcommand("serve")->get_option_no_throw("--" + std::string(rule.key));
+        ASSERT_EQ(option != nullptr, rule.hasFlag()) << rule.name;
+        if (rule.kind == host::SettingKind::size || rule.kind == host::SettingKind::choice) {
+            EXPECT_EQ(rule.otherwise, option->get_default_str()) << "what --help shows";
+        }
+    }
+    EXPECT_TRUE(settingsFromFlags(*program.get_subcommand("serve")).empty());
 }
 
 /// A program with two commands and the settings file in a home of its own.

@@ -224,6 +224,34 @@ TEST_F(LiveSettingsTest, AFileOfALaterVersionCountsAndIsNotWritten) {
     EXPECT_EQ(later, content(settingsPath));
 }
 
+/// Else nobody could choose another one.
+TEST_F(LiveSettingsTest, AFolderThatWasChosenAndIsGoneKeepsNoServiceFromStarting) {
+    world_.files.put(settingsPath, R"({"dir":"/media/usb","format":1})");
+    world_.files.putFolder("/media", 0500);
+    start();
+    ASSERT_EQ("", problem());
+    const std::string why = "cannot write to the folder for received files, /media/usb: Permission denied";
+    EXPECT_EQ(1, events_.count("unusable: " + why));
+    const auto shown = [this] {
+        std::string message;
+        EXPECT_TRUE(world_.run(readServiceStatus(home_, [&message](const ServiceNews& news) {
+            if (const auto* service = std::get_if<ServiceLine>(&news)) {
+                message = service->problem;
+            }
+        })));
+        return message;
+    };
+    EXPECT_EQ(why, shown());
+    world_.files.setPermissions("/media", 0755);
+    deliver("a.txt");
+    EXPECT_EQ("content of a.txt", content("/media/usb/a.txt"));
+    EXPECT_EQ("", shown()) << "it is there again";
+    live_->keepProblem("/media/usb", why);
+    EXPECT_EQ(why, shown());
+    EXPECT_EQ(found, set("dir", ""));
+    EXPECT_EQ("", shown()) << "it is used no more";
+}
+
 TEST_F(LiveSettingsTest, IfItCannotBeSavedNothingHasChanged) {
     start();
     world_.files.addFault({.operation = fakes::Operation::write, .errorNumber = ENOSPC, .nameEnding = ".tmp"});
