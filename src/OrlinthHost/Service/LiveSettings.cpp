@@ -3,6 +3,7 @@
 #include "OrlinthCore/Pairing/DeviceInfo.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "OrlinthHost/Service/DownloadsFolder.h"
+#include "base/Text.h"
 #include "platform/Blocking.h"
 #include "platform/SystemError.h"
 
@@ -244,10 +245,10 @@ std::string LiveSettings::problem() const {
 SettingName LiveSettings::requireChangeable(const std::string& text) const {
     const std::optional<SettingName> name = SettingName::parse(text);
     if (!name) {
-        throw SettingError(Case::unknownSetting, "there is no setting '" + text + "'");
+        throw SettingError(Case::unknownSetting, "there is no setting '" + forDisplay(text) + "'");
     }
     if (const EffectiveSetting setting = effective(*name); !setting.fixedBy.empty()) {
-        throw SettingError(Case::fixed, "'" + text + "' is set by " + setting.fixedBy,
+        throw SettingError(Case::fixed, "'" + forDisplay(text) + "' is set by " + setting.fixedBy,
                            "Change it there, and restart the service.");
     }
     return *name;
@@ -261,7 +262,7 @@ Task<> LiveSettings::set(std::string text, SettingValue value) {
         try {
             wanted = checkedSetting(ruleOf(name.id), std::move(value), home_.system.directories.home);
         } catch (const SettingError& error) {
-            throw SettingError(error.which(), "'" + text + "' " + error.description());
+            throw SettingError(error.which(), "'" + forDisplay(text) + "' " + error.description());
         }
     }
     const auto step = [this, &name, &wanted] { use(save(name, wanted)); };
@@ -316,7 +317,8 @@ void LiveSettings::requireUsable(const SettingName& name, const SettingValue& va
     const auto* const text = std::get_if<std::string>(&value);
     try {
         if (!name.peerKey.isEmpty() && home_.peers().loadBook().find(name.peerKey) == nullptr) {
-            throw SettingError(Case::noSuchPhone, "no phone with the key " + name.peerKey.text() + " is paired");
+            throw SettingError(Case::noSuchPhone,
+                               "no phone with the key " + forDisplay(name.peerKey.text()) + " is paired");
         }
         if (name.id == SettingId::defaultPhone && text != nullptr) {
             static_cast<void>(resolvePeer(home_, *text));
@@ -332,7 +334,7 @@ void LiveSettings::requireUsable(const SettingName& name, const SettingValue& va
         return;
     }
     if (const std::optional<std::string> reason = objectionToDownloads(home_, *text)) {
-        throw SettingError(Case::invalidValue, "received files cannot go to " + *text + ": " + *reason,
+        throw SettingError(Case::invalidValue, "received files cannot go to " + forDisplay(*text) + ": " + *reason,
                            "Choose another folder.");
     }
     try {
