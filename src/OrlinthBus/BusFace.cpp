@@ -6,6 +6,7 @@
 #include "OrlinthBus/PairingObject.h"
 #include "OrlinthHost/HostError.h"
 #include "platform/Cancelled.h"
+#include "platform/SystemError.h"
 #include "platform/linux/SystemdLibrary.h"
 
 #include <asio/this_coro.hpp>
@@ -27,6 +28,23 @@ std::vector<BusInterface> allInterfaces() {
     interfaces.push_back(offerInterface());
     interfaces.push_back(pairingInterface());
     return interfaces;
+}
+
+/// Of the error on the bus.
+const char* nameOf(host::SettingError::Case which) noexcept {
+    using Case = host::SettingError::Case;
+    switch (which) {
+    case Case::unknownSetting:
+    case Case::invalidValue:
+        return "InvalidArgument";
+    case Case::noSuchPhone:
+        return "NoSuchPhone";
+    case Case::fixed:
+        return "NotAllowed";
+    case Case::notSaved:
+        break;
+    }
+    return "Failed";
 }
 
 } // namespace
@@ -82,6 +100,7 @@ Task<> BusFace::start(host::ServiceApi& api) {
 
 void BusFace::stop() {
     isStopping_ = true;
+    news_.changed();
     if (api_ == nullptr) {
         return;
     }
@@ -230,8 +249,8 @@ BusObjects BusFace::look(bool alsoPhones) {
     for (const host::OfferView& offer : offers) {
         offers_.emplace(pathOfOffer(offer.number), offer.number);
     }
-    BusObjects objects =
-        objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
+    BusObjects objects = objectsOf(api_->service(), identity_, api_->settings(), phoneViews_, transfers, batches,
+                                   home_.system.clock.now());
     addOffers(objects, offers);
     addPairing(objects, api_->pairing());
     return objects;
@@ -268,12 +287,14 @@ Task<> BusFace::tellNews() {
         }
         seen = api_->version();
         BusTree::Told told = tell(!hasCome);
+        keepTold(told, seen);
         while (told.signals > 0) {
             co_await home_.system.clock.sleep(newsInterval);
             if (told.isEverything) {
                 break;
             }
             told = tell(false);
+            keepTold(told, seen);
         }
     }
 }
@@ -284,6 +305,13 @@ BusTree::Told BusFace::tell(bool alsoPhones) {
     told.signals += history.signals;
     told.isEverything = told.isEverything && history.isEverything;
     return told;
+}
+
+void BusFace::keepTold(const BusTree::Told& told, std::uint64_t version) {
+    if (told.isEverything) {
+        toldVersion_ = version;
+        news_.changed();
+    }
 }
 
 // What is asked
@@ -303,6 +331,10 @@ void BusFace::onCall(BusCall call) {
     }
     if (member == "Restart") {
         restart(std::move(call));
+        return;
+    }
+    if (member == "SetSetting") {
+        setSetting(std::move(call));
         return;
     }
     if (const auto transfer = transfers_.find(path); transfer != transfers_.end() && member == "Cancel") {
@@ -395,6 +427,52 @@ Task<> BusFace::share(std::shared_ptr<BusCall> call, std::vector<platform::Path>
         problem = describe(error);
     }
     call->fail("Failed", problem);
+    loop_.wake();
+}
+
+void BusFace::setSetting(BusCall call) {
+    if (isStopping_ || sendings_.size() >= maxSendings) {
+        call.fail("Busy", isStopping_ ? "the service is ending" : "too much is being done at once");
+        return;
+    }
+    std::string name;
+    host::SettingValue value;
+    try {
+        name = call.readText();
+        value = call.readValue();
+    } catch (const platform::SystemError& error) {
+        call.fail("InvalidArgument", error.description());
+        return;
+    }
+    const auto shared = std::make_shared<BusCall>(std::move(call));
+    sendings_.add(set(shared, std::move(name), std::move(value)), [](const std::exception_ptr&) {
+        // likewise
+    });
+}
+
+Task<> BusFace::set(std::shared_ptr<BusCall> call, std::string name, host::SettingValue value) {
+    const char* kind = "Failed";
+    std::string problem;
+    try {
+        co_await api_->setSetting(std::move(name), std::move(value));
+    } catch (const host::SettingError& error) {
+        kind = nameOf(error.which());
+        problem = error.description() + (error.hint().empty() ? "" : "\n" + error.hint());
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    if (problem.empty()) {
+        const auto isTold = [this, version = api_->version()] {
+            return toldVersion_ >= version || name_ != Name::ours || isStopping_;
+        };
+        static_cast<void>(co_await news_.until(isTold, home_.system.clock, tellingLimit));
+        call->reply();
+    } else {
+        call->fail(kind, problem);
+    }
     loop_.wake();
 }
 

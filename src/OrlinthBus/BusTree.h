@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace orlinth::bus {
@@ -39,6 +40,11 @@ public:
     [[nodiscard]] std::string sender() const;
     /// The next argument, a list of texts or of paths. @throws std::exception if it is none, or longer than `most`
     [[nodiscard]] std::vector<std::string> readTexts(char type, std::size_t most);
+    /// The next argument, a text.
+    [[nodiscard]] std::string readText();
+    /// The next argument, "v": a text, a flag, or a whole number that 63 bits can hold. @throws std::exception if it is
+    /// none of these
+    [[nodiscard]] std::variant<std::string, bool, std::int64_t> readValue();
 
     /// The next argument, a{sv}; values that are no flag, no whole number and no text are left out.
     /// @throws std::exception if it is none, or has too many

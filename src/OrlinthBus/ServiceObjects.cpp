@@ -3,6 +3,7 @@
 #include "OrlinthBus/ObjectPath.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/ServiceNews.h"
+#include "base/Overloaded.h"
 #include "base/Text.h"
 
 #include <algorithm>
@@ -40,14 +41,41 @@ std::string textOf(const std::string& text) {
     return whole;
 }
 
-BusObject objectOf(const host::ServiceView& service, const ServiceIdentity& identity) {
+BusDictionary dictionaryOf(const std::vector<host::SettingView>& settings) {
+    BusDictionary dictionary;
+    for (const host::SettingView& setting : settings) {
+        BusDictionary::mapped_type value = false;
+        std::visit(Overloaded{[&value](const std::string& text) { value = textOf(text); },
+                              [&value](bool flag) { value = flag; },
+                              [&value](std::int64_t number) { value = countOf(number); }},
+                   setting.value);
+        dictionary.emplace(textOf(setting.name), std::move(value));
+    }
+    return dictionary;
+}
+
+std::vector<std::string> fixedAmong(const std::vector<host::SettingView>& settings) {
+    std::vector<std::string> fixed;
+    for (const host::SettingView& setting : settings) {
+        if (!setting.fixedBy.empty()) {
+            fixed.push_back(textOf(setting.name));
+        }
+    }
+    return fixed;
+}
+
+BusObject objectOf(const host::ServiceView& service, const ServiceIdentity& identity,
+                   const std::vector<host::SettingView>& settings) {
     return {.interface = serviceInterface,
             .properties = {{"Version", identity.version},
                            {"DataDirectory", textOf(identity.dataDirectory)},
                            {"PublicKey", identity.publicKey},
                            {"State", std::string(host::textOf(service.state))},
                            {"Port", service.port},
-                           {"Problem", textOf(service.problem)}}};
+                           {"Problem", textOf(service.problem)},
+                           {"Name", textOf(service.name)},
+                           {"Settings", dictionaryOf(settings)},
+                           {"FixedSettings", fixedAmong(settings)}}};
 }
 
 BusObject objectOf(const host::PhoneView& phone, std::size_t waitingFiles) {
@@ -106,13 +134,17 @@ std::vector<BusInterface> serviceInterfaces() {
                      {.name = "GetLastText", .out = {{"text", "h"}}},
                      {.name = "GetHistory", .in = {{"before", "t"}, {"count", "u"}}, .out = {{"entries", "aa{sv}"}}},
                      {.name = "ClearHistory"},
+                     {.name = "SetSetting", .in = {{"name", "s"}, {"value", "v"}}},
                      {.name = "Restart"}},
          .properties = {{"Version", "s", true},
                         {"DataDirectory", "s", true},
                         {"PublicKey", "s", true},
                         {"State", "s"},
                         {"Port", "q"},
-                        {"Problem", "s"}},
+                        {"Problem", "s"},
+                        {"Name", "s"},
+                        {"Settings", "a{sv}"},
+                        {"FixedSettings", "as"}},
          .signals = {{.name = "HistoryAdded", .arguments = {{"entry", "a{sv}"}}}}},
         {.name = phoneInterface,
          .methods = {{.name = "Rename", .in = {{"name", "s"}}}, {.name = "Remove"}, {.name = "Wake"}},
@@ -148,10 +180,11 @@ std::vector<BusInterface> serviceInterfaces() {
 }
 
 BusObjects objectsOf(const host::ServiceView& service, const ServiceIdentity& identity,
-                     const std::vector<host::PhoneView>& phones, const std::vector<host::TransferView>& transfers,
-                     const std::vector<host::OutboxView>& batches, platform::Clock::Instant now) {
+                     const std::vector<host::SettingView>& settings, const std::vector<host::PhoneView>& phones,
+                     const std::vector<host::TransferView>& transfers, const std::vector<host::OutboxView>& batches,
+                     platform::Clock::Instant now) {
     BusObjects objects;
-    objects[rootPath] = objectOf(service, identity);
+    objects[rootPath] = objectOf(service, identity, settings);
     std::map<PeerKey, std::size_t> waitingFiles;
     for (const host::OutboxView& batch : batches) {
         if (batch.state != host::OutboxView::State::failed) {

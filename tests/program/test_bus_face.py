@@ -230,6 +230,16 @@ class BusFace(BusTestMixin, OutboxTest):
         self.assert_nothing_left()
         self.end(service)
 
+    def test_a_setting_that_is_changed_is_told(self):
+        service = self.serve(self.mac)
+        monitor = self.monitor()
+        self.call(ROOT, "Service", "SetSetting", "sv", "accept", "s", "ask")
+        self.assertEqual("ask", self.get(ROOT, "Service", "Settings")["accept"]["data"])
+        monitor.wait_until(lambda: any(values.get("Settings", {}).get("accept", {}).get("data") == "ask"
+                                       for _, values in self.changes(monitor, "Service")), "the change")
+        self.assertEqual(["clipboard", "dir"], sorted(self.get(ROOT, "Service", "FixedSettings")))
+        self.end(service)
+
     def test_a_second_service_and_one_of_another_folder_do_their_work_without_the_name(self):
         first = self.serve(self.mac)
         other = Identity(self.folder, "other")

@@ -3,6 +3,7 @@ test_both_faces.py."""
 
 import json
 import re
+import socket
 import subprocess
 
 import own_root  # noqa: F401 (it is entered by the import)
@@ -55,7 +56,7 @@ class Status(OutboxTest):
         lines = self.lines(self.mac, "status")
         self.assertEqual(["service", "phone", "current"], [line["event"] for line in lines])
         self.assertEqual({"event": "service", "state": "listening", "port": service.port,
-                          "downloads": str(self.mac.downloads)}, lines[0])
+                          "downloads": str(self.mac.downloads), "name": socket.gethostname()}, lines[0])
         self.assertGreater(lines[1].pop("paired_at_epoch_ms"), 1_700_000_000_000)
         self.assertEqual({"event": "phone", "peer_pubkey": self.phone.key, "name": "phone", "state": "unknown",
                           "seen_epoch_ms": 0, "can_wake": False, "address": "127.0.0.1"}, lines[1])

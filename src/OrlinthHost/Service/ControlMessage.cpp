@@ -28,6 +28,10 @@ constexpr const char* versionKey = "version";
 constexpr const char* acceptRequest = "accept";
 constexpr const char* declineRequest = "decline";
 constexpr const char* pairRequest = "pair";
+constexpr const char* settingsRequest = "settings";
+constexpr const char* setRequest = "set";
+constexpr const char* settingKey = "setting";
+constexpr const char* valueKey = "value";
 constexpr const char* transferKey = "transfer";
 constexpr const char* interfaceKey = "interface";
 constexpr const char* timeoutKey = "timeout_seconds";
@@ -195,6 +199,12 @@ Json jsonOf(const ControlRequest& request) {
                           [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
                           [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; },
                           [&object](const RestartRequest&) { object[requestKey] = restartRequest; },
+                          [&object](const SettingsRequest&) { object[requestKey] = settingsRequest; },
+                          [&object](const SetRequest& set) {
+                              object[requestKey] = setRequest;
+                              object[settingKey] = set.setting;
+                              object[valueKey] = toJson(set.value);
+                          },
                           [&object](const PhoneRequest& phone) { object = encodePhoneRequest(phone); }},
                request);
     return object;
@@ -301,6 +311,17 @@ ControlRequest decodeControlRequest(std::string_view line) {
     }
     if (std::optional<PhoneRequest> phone = decodePhoneRequest(what, object)) {
         return *std::move(phone);
+    }
+    if (what == settingsRequest) {
+        return SettingsRequest{};
+    }
+    if (what == setRequest) {
+        const auto value = object.find(valueKey);
+        const std::optional<SettingValue> known = value != object.end() ? settingValueFrom(*value) : std::nullopt;
+        if (!known) {
+            throw HostError("a setting needs a text, true, false, or a whole number");
+        }
+        return SetRequest{.setting = requireString(object, settingKey), .value = *known};
     }
     throw HostError("unknown request");
 }

@@ -3,6 +3,7 @@
 #include "OrlinthHost/Service/PairingView.h"
 #include "OrlinthHost/Service/PhoneMessages.h"
 #include "OrlinthHost/Service/PhonePresence.h"
+#include "OrlinthHost/Settings/SettingRules.h"
 #include "base/StrongText.h"
 #include "base/Time.h"
 
@@ -97,10 +98,23 @@ struct RestartRequest {
     friend bool operator==(const RestartRequest&, const RestartRequest&) = default;
 };
 
+/// `{"request":"settings"}`: what is set. Answered by SettingLines of ServiceNews.h, and CurrentLine.
+struct SettingsRequest {
+    friend bool operator==(const SettingsRequest&, const SettingsRequest&) = default;
+};
+
+/// `{"request":"set","setting":"accept","value":"ask"}`: from now on; "" is "as usual again". Answered by FoundReply
+/// that it is so, or ErrorReply.
+struct SetRequest {
+    std::string setting;
+    SettingValue value;
+    friend bool operator==(const SetRequest&, const SetRequest&) = default;
+};
+
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
                  AnswerOfferRequest, PairRequest, StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest,
-                 RestartRequest, PhoneRequest>;
+                 RestartRequest, SettingsRequest, SetRequest, PhoneRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.

@@ -12,17 +12,16 @@ namespace orlinth::host {
 
 using platform::NotificationAnswer;
 
-DesktopNotices::DesktopNotices(Home& home, DesktopActions& desktop, platform::JobViews* jobs)
-    : home_(home),
+DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop)
+    : board_(std::move(board)),
+      home_(board_.home()),
       desktop_(desktop),
-      incoming_(
-          home, desktop, *this, [this] { wantLook(); }, jobs),
-      outgoing_(
-          home, desktop, *this, [this] { wantLook(); }, jobs),
-      port_(home),
-      folder_(home),
-      textSlot_(home),
-      tasks_(home.executor) {}
+      incoming_(board_, desktop, *this, [this] { wantLook(); }),
+      outgoing_(board_, desktop, *this, [this] { wantLook(); }),
+      port_(board_),
+      folder_(board_),
+      textSlot_(board_),
+      tasks_(home_.executor) {}
 
 // What has happened
 
@@ -40,7 +39,7 @@ void DesktopNotices::textReceived(const PeerKey& peerKey, const std::string& pho
 }
 
 void DesktopNotices::unpaired(const Receiver::Unpair& unpair) {
-    NoticeSlot slot(home_);
+    NoticeSlot slot(board_);
     showPlain(slot, notices::unpaired(phoneForDisplay(home_, unpair.from, unpair.peerKey), unpair.isForgotten));
 }
 
@@ -137,7 +136,7 @@ void DesktopNotices::lookAtPhones() {
         const PeerKey& peerKey = phone.presence.peerKey;
         paired_.emplace(peerKey, phone.pairedAt);
         if (const auto known = before.find(peerKey); known == before.end() || known->second != phone.pairedAt) {
-            NoticeSlot slot(home_);
+            NoticeSlot slot(board_);
             showPlain(slot, notices::paired(phoneForDisplay(home_, phone.name, peerKey)));
         }
     }

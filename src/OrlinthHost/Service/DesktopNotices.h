@@ -4,13 +4,13 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/DesktopActions.h"
 #include "OrlinthHost/Service/IncomingNotices.h"
+#include "OrlinthHost/Service/NoticeBoard.h"
 #include "OrlinthHost/Service/NoticeRequests.h"
 #include "OrlinthHost/Service/NoticeSlot.h"
 #include "OrlinthHost/Service/NoticeText.h"
 #include "OrlinthHost/Service/OutgoingNotices.h"
 #include "OrlinthHost/Service/ServiceFace.h"
 #include "OrlinthHost/Service/ServiceView.h"
-#include "platform/JobViews.h"
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
@@ -43,8 +43,8 @@ public:
     /// A port that comes back sooner was no trouble.
     static constexpr Seconds troubleDelay = 3s;
 
-    /// What is referred to outlives this. Progress goes to `jobs`, where the desktop has such views; null: nowhere.
-    DesktopNotices(Home& home, DesktopActions& desktop, platform::JobViews* jobs = nullptr);
+    /// What is referred to outlives this.
+    DesktopNotices(NoticeBoard board, DesktopActions& desktop);
     DesktopNotices(const DesktopNotices&) = delete;
     DesktopNotices& operator=(const DesktopNotices&) = delete;
 
@@ -91,6 +91,7 @@ private:
     void showPlain(NoticeSlot& slot, platform::Notification notification);
     void log(const std::string& text) const noexcept;
 
+    const NoticeBoard board_;
     Home& home_;
     DesktopActions& desktop_;
     ServiceApi* api_ = nullptr; ///< between start() and stop()

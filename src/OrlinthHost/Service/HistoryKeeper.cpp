@@ -37,16 +37,12 @@ Task<> clearAll(History& history) {
 
 } // namespace
 
-HistoryKeeper::HistoryKeeper(Home& home, bool isOn)
+HistoryKeeper::HistoryKeeper(Home& home)
     : home_(home),
-      isOn_(isOn),
       history_(home.system.files, home.system.clock, home.system.log, home.dataDirectory()),
       work_(home.system.queues, "orlinth.serve.history") {}
 
 void HistoryKeeper::ended(const TransferView& transfer) {
-    if (!isOn_) {
-        return;
-    }
     using Direction = HistoryEntry::Direction;
     HistoryEntry entry{.time = home_.system.clock.epochMilliseconds(),
                        .direction = transfer.direction == TransferView::Direction::in ? Direction::in : Direction::out,

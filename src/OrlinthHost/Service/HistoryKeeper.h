@@ -22,8 +22,8 @@ public:
     /// Entries that are kept for those who follow.
     static constexpr std::size_t maxRecent = 64;
 
-    /// Without `isOn` nothing is written. `home` outlives this.
-    HistoryKeeper(Home& home, bool isOn);
+    /// `home` outlives this.
+    explicit HistoryKeeper(Home& home);
     HistoryKeeper(const HistoryKeeper&) = delete;
     HistoryKeeper& operator=(const HistoryKeeper&) = delete;
 
@@ -54,7 +54,6 @@ private:
     void tellChanged();
 
     Home& home_;
-    const bool isOn_;
     History history_; ///< on the queue of `work_`
     Chores work_;
     std::uint64_t version_ = 0;

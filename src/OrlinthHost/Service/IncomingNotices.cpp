@@ -16,14 +16,14 @@ void bringForward(std::optional<Seconds>& next, Seconds time) {
     next = std::max(Seconds(0), next ? std::min(*next, time) : time);
 }
 
-IncomingNotices::IncomingNotices(Home& home, DesktopActions& desktop, NoticeRequests& requests,
-                                 std::function<void()> onNews, platform::JobViews* jobs)
-    : home_(home),
+IncomingNotices::IncomingNotices(NoticeBoard board, DesktopActions& desktop, NoticeRequests& requests,
+                                 std::function<void()> onNews)
+    : board_(std::move(board)),
+      home_(board_.home()),
       desktop_(desktop),
       requests_(requests),
       onNews_(std::move(onNews)),
-      jobs_(jobs),
-      tasks_(home.executor) {}
+      tasks_(home_.executor) {}
 
 void IncomingNotices::fileReceived(const Receiver::File& file) {
     if (isStopped_) {
@@ -76,7 +76,7 @@ void IncomingNotices::settleArrivals(const std::vector<TransferView>& transfers)
             at = bursts_.end();
         }
         if (at == bursts_.end()) {
-            at = bursts_.emplace(arrival.peerKey, Burst{.slot = NoticeSlot(home_)}).first;
+            at = bursts_.emplace(arrival.peerKey, Burst{.slot = NoticeSlot(board_)}).first;
             if (progress != underWay_.end() && progress->second.slot.isShown()) {
                 at->second.slot = progress->second.slot;
                 underWay_.erase(progress);
@@ -112,7 +112,7 @@ void IncomingNotices::lookAtTransfers(const std::vector<TransferView>& transfers
         const auto before = left.find(transfer.number);
         UnderWay& underWay = underWay_
                                  .emplace(transfer.number, before != left.end() ? std::move(before->second)
-                                                                                : UnderWay{.slot = NoticeSlot(home_)})
+                                                                                : UnderWay{.slot = NoticeSlot(board_)})
                                  .first->second;
         if (before != left.end()) {
             left.erase(before);
@@ -149,8 +149,8 @@ void IncomingNotices::showProgress(UnderWay& underWay, const TransferView& trans
             requests_.cancelTransfer(number);
         }
     };
-    if (underWay.job.show(jobs_, notification, {.bytes = transfer.bytes, .bytesPerSecond = transfer.bytesPerSecond},
-                          cancel)) {
+    if (underWay.job.show(board_.jobs(), notification,
+                          {.bytes = transfer.bytes, .bytesPerSecond = transfer.bytesPerSecond}, cancel)) {
         if (underWay.job.isAsked()) {
             bringForward(next, jobInterval);
         } else {

@@ -38,10 +38,9 @@ public:
     /// Between two looks at a view of a job that nobody has answered for.
     static constexpr Seconds jobInterval = 250ms;
 
-    /// `onNews` is called when look() is wanted. What is referred to outlives this. Without `jobs`, which may be null,
-    /// progress is always a notification.
-    IncomingNotices(Home& home, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews,
-                    platform::JobViews* jobs = nullptr);
+    /// `onNews` is called when look() is wanted. What is referred to outlives this. Without views of jobs progress is
+    /// always a notification.
+    IncomingNotices(NoticeBoard board, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews);
     IncomingNotices(const IncomingNotices&) = delete;
     IncomingNotices& operator=(const IncomingNotices&) = delete;
 
@@ -93,11 +92,11 @@ private:
     void examine(Burst& burst);
     [[nodiscard]] Task<> examineFile(platform::Path file, std::shared_ptr<std::optional<bool>> mayOpen);
 
+    const NoticeBoard board_;
     Home& home_;
     DesktopActions& desktop_;
     NoticeRequests& requests_;
     const std::function<void()> onNews_;
-    platform::JobViews* const jobs_;
     std::vector<Arrival> arrivals_; ///< since the last look
     std::map<TransferNumber, UnderWay> underWay_;
     std::map<PeerKey, Burst> bursts_;

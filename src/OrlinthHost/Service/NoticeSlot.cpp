@@ -8,6 +8,10 @@ void NoticeSlot::show(platform::Notification notification, OnKey onKey) {
     if (!isShown()) {
         state_ = std::make_shared<State>(State{.tag = platform::Notifications::newTag()});
     }
+    if (!board_.isOn()) {
+        state_->isThere = false;
+        return;
+    }
     notification.tag = state_->tag;
     const bool isResident = notification.isResident;
     auto onAnswer = [weak = std::weak_ptr(state_), isResident,
@@ -19,12 +23,12 @@ void NoticeSlot::show(platform::Notification notification, OnKey onKey) {
             onKey(answer);
         }
     };
-    home_->system.notifications.show(std::move(notification), home_->executor, std::move(onAnswer));
+    board_.home().system.notifications.show(std::move(notification), board_.home().executor, std::move(onAnswer));
 }
 
 void NoticeSlot::close() {
     if (isShown()) {
-        home_->system.notifications.withdraw(state_->tag);
+        board_.home().system.notifications.withdraw(state_->tag);
     }
     state_.reset();
 }

@@ -1,11 +1,12 @@
 #pragma once
 
-#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Service/NoticeBoard.h"
 #include "platform/Notifications.h"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
 
 namespace orlinth::host {
 
@@ -18,10 +19,11 @@ public:
     /// Gets every key that somebody presses, as long as it is there.
     using OnKey = std::function<void(const platform::NotificationAnswer&)>;
 
-    /// `home` outlives this.
-    explicit NoticeSlot(Home& home) : home_(&home) {}
+    /// What `board` refers to outlives this.
+    explicit NoticeSlot(NoticeBoard board) : board_(std::move(board)) {}
 
-    /// Says this from now on; anew if somebody has closed what it said. The tag is set here.
+    /// Says this from now on; anew if somebody has closed what it said. The tag is set here. If nobody wants
+    /// notifications just now, that is as if somebody had closed it.
     void show(platform::Notification notification, OnKey onKey);
     /// Takes it away.
     void close();
@@ -36,7 +38,7 @@ private:
         bool isThere = true;
     };
 
-    Home* home_;
+    NoticeBoard board_;
     std::shared_ptr<State> state_; ///< null before something is shown, and when it was taken away
 };
 

@@ -11,7 +11,7 @@ namespace orlinth::host {
 using platform::NotificationAnswer;
 
 OutgoingNotices::Batch& OutgoingNotices::batchOf(const Key& key) {
-    return batches_.try_emplace(key, Batch{.slot = NoticeSlot(home_), .lastSending = home_.system.clock.now()})
+    return batches_.try_emplace(key, Batch{.slot = NoticeSlot(board_), .lastSending = home_.system.clock.now()})
         .first->second;
 }
 
@@ -163,7 +163,7 @@ void OutgoingNotices::showProgress(const Key& key, Batch& batch, const OutboxVie
             requests_.dropBatch(key.first, key.second);
         }
     };
-    if (!batch.job.show(jobs_, notification, figures, cancel)) {
+    if (!batch.job.show(board_.jobs(), notification, figures, cancel)) {
         show(key, batch, What::sending, std::move(notification));
     } else if (batch.job.isAsked()) {
         bringForward(next, jobInterval);

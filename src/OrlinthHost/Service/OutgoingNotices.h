@@ -37,11 +37,14 @@ public:
     /// Between two looks at a view of a job that nobody has answered for.
     static constexpr Seconds jobInterval = 250ms;
 
-    /// `onNews` is called when look() is wanted. What is referred to outlives this. Without `jobs`, which may be null,
-    /// progress is always a notification.
-    OutgoingNotices(Home& home, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews,
-                    platform::JobViews* jobs = nullptr)
-        : home_(home), desktop_(desktop), requests_(requests), onNews_(std::move(onNews)), jobs_(jobs) {}
+    /// `onNews` is called when look() is wanted. What is referred to outlives this. Without views of jobs progress is
+    /// always a notification.
+    OutgoingNotices(NoticeBoard board, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews)
+        : board_(std::move(board)),
+          home_(board_.home()),
+          desktop_(desktop),
+          requests_(requests),
+          onNews_(std::move(onNews)) {}
     OutgoingNotices(const OutgoingNotices&) = delete;
     OutgoingNotices& operator=(const OutgoingNotices&) = delete;
 
@@ -88,11 +91,11 @@ private:
                       std::optional<Seconds>& next);
     void show(const Key& key, Batch& batch, What what, platform::Notification notification);
 
+    const NoticeBoard board_;
     Home& home_;
     DesktopActions& desktop_;
     NoticeRequests& requests_;
     const std::function<void()> onNews_;
-    platform::JobViews* const jobs_;
     std::map<Key, Batch> batches_;
     std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< the desktop may answer when this is gone
     bool isStopped_ = false;

@@ -4,8 +4,11 @@
 #include "OrlinthHost/Home.h"
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace orlinth::host {
 
@@ -30,8 +33,10 @@ public:
         std::int64_t bytes = 0;
     };
 
-    /// `onReminder` is called on the home's executor. `home` outlives this.
-    PartialsReminder(Home& home, platform::Path folder, std::function<void(const Reminder&)> onReminder);
+    /// `folders` says where to look; it is called on the thread of the looks. `onReminder` is called on the home's
+    /// executor, for each folder of which there is something to say. `home` outlives this.
+    PartialsReminder(Home& home, std::function<std::vector<platform::Path>()> folders,
+                     std::function<void(const Reminder&, const platform::Path& folder)> onReminder);
     PartialsReminder(const PartialsReminder&) = delete;
     PartialsReminder& operator=(const PartialsReminder&) = delete;
 
@@ -48,11 +53,12 @@ private:
     void look();
     void tidy(const platform::Path& folder) const;
     [[nodiscard]] bool isDue() const;
-    [[nodiscard]] Reminder count() const;
+    void log(const std::exception& error) const;
+    [[nodiscard]] std::optional<Reminder> count(const platform::Path& path) const;
 
     Home& home_;
-    platform::Path folder_;
-    std::function<void(const Reminder&)> onReminder_;
+    std::function<std::vector<platform::Path>()> folders_;
+    std::function<void(const Reminder&, const platform::Path&)> onReminder_;
     std::unique_ptr<platform::Timer> timer_;
     Chores looks_;
 };

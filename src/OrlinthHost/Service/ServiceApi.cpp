@@ -13,7 +13,7 @@ namespace orlinth::host {
 
 ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
                        OfferQueue& offers, ServicePairing& pairing, HistoryKeeper& history,
-                       PhoneRequests& phoneRequests, platform::Path downloads)
+                       PhoneRequests& phoneRequests, LiveSettings& settings)
     : home_(home),
       receiver_(receiver),
       outbox_(outbox),
@@ -23,7 +23,7 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       pairing_(pairing),
       history_(history),
       phoneRequests_(phoneRequests),
-      downloads_(std::filesystem::absolute(downloads)),
+      settings_(settings),
       restarting_(home.system.clock.makeTimer(home.executor)),
       news_(home.executor),
       transfers_(home,
@@ -42,6 +42,12 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
     offers_.onChanged = [this] { changed(); };
     pairing_.onChanged = [this] { changed(); };
     history_.onChanged = [this] { changed(); };
+    settings_.onChanged = [this] {
+        changed();
+        if (onSettings) {
+            onSettings();
+        }
+    };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
             onTransferEnded(transfer);
@@ -102,10 +108,16 @@ void ServiceApi::watch(Receiver::Callbacks& callbacks) {
 }
 
 ServiceView ServiceApi::service() const {
-    ServiceView view{.state = state_, .port = port_, .downloads = downloads_};
+    ServiceView view{.state = state_,
+                     .port = port_,
+                     .name = settings_.computerName(),
+                     .downloads = std::filesystem::absolute(settings_.downloads())};
     if (state_ == ServiceView::State::listening && loan_.isLent()) {
         view.problem = loan_.problem();
         view.state = view.problem.empty() ? ServiceView::State::lent : ServiceView::State::notListening;
+    }
+    if (view.problem.empty()) {
+        view.problem = settings_.problem();
     }
     return view;
 }

@@ -5,6 +5,7 @@
 #include "OrlinthHost/Outbox/OutboxSender.h"
 #include "OrlinthHost/Service/HistoryKeeper.h"
 #include "OrlinthHost/Service/LastText.h"
+#include "OrlinthHost/Service/LiveSettings.h"
 #include "OrlinthHost/Service/OfferQueue.h"
 #include "OrlinthHost/Service/PhoneRequests.h"
 #include "OrlinthHost/Service/PortLoan.h"
@@ -19,6 +20,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace orlinth::host {
@@ -34,11 +37,11 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class ServiceApi {
 public:
-    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence`, `offers`, `pairing`
-    /// and `history`.
+    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence`, `offers`, `pairing`,
+    /// `history` and `settings`.
     ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
                OfferQueue& offers, ServicePairing& pairing, HistoryKeeper& history, PhoneRequests& phoneRequests,
-               platform::Path downloads);
+               LiveSettings& settings);
     ServiceApi(const ServiceApi&) = delete;
     ServiceApi& operator=(const ServiceApi&) = delete;
 
@@ -57,6 +60,9 @@ public:
     [[nodiscard]] std::optional<PairingView> pairing() const { return pairing_.view(); }
     /// Whether a pairing keeps others from beginning, `orlinth pair` included.
     [[nodiscard]] bool isPairing() const noexcept { return pairing_.isBusy(); }
+
+    /// LiveSettings::all().
+    [[nodiscard]] std::vector<SettingView> settings() const { return settings_.all(); }
 
     // ---- that it has changed
 
@@ -94,6 +100,11 @@ public:
     /// answer also where nobody else can be asked.
     [[nodiscard]] std::shared_ptr<const void> onlooker() const { return offers_.onlooker(); }
 
+    /// LiveSettings::set(). @throws SettingError
+    [[nodiscard]] Task<> setSetting(std::string name, SettingValue value) {
+        return settings_.set(std::move(name), std::move(value));
+    }
+
     /// The last text that came, which can also be forgotten.
     [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
     /// What came and went, which can also be cleared.
@@ -124,6 +135,8 @@ public:
     std::function<void()> onOtherVersion;
     /// Told whenever a transfer begins, goes on or ends; throws nothing. May be empty.
     std::function<void()> onTransfers;
+    /// Told when a setting has changed. May be empty.
+    std::function<void()> onSettings;
 
     /// Lets `callbacks` tell of transfers too.
     void watch(Receiver::Callbacks& callbacks);
@@ -151,7 +164,7 @@ private:
     ServicePairing& pairing_;
     HistoryKeeper& history_;
     PhoneRequests& phoneRequests_;
-    const platform::Path downloads_;
+    LiveSettings& settings_;
     ServiceView::State state_ = ServiceView::State::starting;
     std::uint16_t port_ = 0;
     /// Shared with those who copy files on other threads.

@@ -101,7 +101,7 @@ private:
                                 .ownKey = ownKey.publicKey(),
                                 .receivePort = listenPort_,
                                 .timeout = timeout_,
-                                .ownName = host.computerName};
+                                .ownName = host.computerName.get()};
         static_cast<void>(checkPayload(request.payload, request.ownKey)); // before anything of it is shown
         host.output.message("pairing with " + forDisplay(request.payload.peer_hostname) + " at " +
                             forDisplay(request.payload.peer_ip));

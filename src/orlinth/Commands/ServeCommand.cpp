@@ -1,11 +1,12 @@
 #include "OrlinthBus/BusFace.h"
 #include "OrlinthHost/Service/DesktopNotices.h"
+#include "OrlinthHost/Service/DownloadsFolder.h"
 #include "OrlinthHost/Service/Service.h"
 #include "orlinth/Asking/OfferQuestions.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/FolderCheck.h"
-#include "orlinth/Commands/SizeText.h"
 #include "orlinth/Program/ServiceDesktop.h"
+#include "orlinth/Program/Settings.h"
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/OutboxReporter.h"
 #include "orlinth/Reporting/ServeReporter.h"
@@ -96,6 +97,9 @@ public:
         parser().add_flag("--no-clipboard", leavesClipboard_, "Leave the desktop's clipboard alone when a text comes.");
         parser().add_flag("--history", keepsHistory_,
                           "Write down what came and went, for `orlinth history`; on unless --history=false is given.");
+        parser().add_flag("--notifications", showsNotifications_,
+                          "Show on the desktop what has come; on unless --notifications=false is given. Questions of "
+                          "--accept=ask are shown in any case.");
         addFind(find_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
@@ -107,11 +111,14 @@ public:
         raiseDescriptorLimit();
         platform::returnFreedMemory();
         host.tasks.treatSignalsAsUsualEnd(graceAfterSignal);
-        const platform::Path folder = downloadsFolder(host, directory_);
+        host.settings.flags = settingsFromFlags(parser());
+        host::LiveSettings live(host, host.settings);
+        requireGoodFolders(host, live);
+        tellOfSettings(host, live);
         const platform::PrivateKey ownKey = host.staticKey();
         bool isRestarting = false;
         try {
-            serve(host, ownKey, folder, isRestarting);
+            serve(host, ownKey, live, isRestarting);
             return 0;
         } catch (const Interrupted&) {
             return 0;
@@ -125,14 +132,34 @@ public:
     }
 
 private:
-    void serve(Host& host, const platform::PrivateKey& ownKey, const platform::Path& folder, bool& isRestarting) const {
+    /// @throws UsageError
+    static void requireGoodFolders(Host& host, const host::LiveSettings& live) {
+        static_cast<void>(downloadsFolder(host, host.settings.text(host::SettingId::downloads)));
+        for (const platform::Path& folder : live.folders()) {
+            requireGoodDownloads(host, folder);
+        }
+    }
+
+    static void tellOfSettings(Host& host, const host::LiveSettings& live) {
+        for (const std::string& warning : live.warnings()) {
+            host.output.message(warning);
+        }
+        if (!live.isChangeable()) {
+            host.output.message((host.dataDirectory() / host::SettingsFile::fileName).string() +
+                                " was written by a later version of Orlinth. What this version knows of it holds; "
+                                "it is not changed.");
+        }
+    }
+
+    void serve(Host& host, const platform::PrivateKey& ownKey, host::LiveSettings& live, bool& isRestarting) const {
         OfferQuestions questions(host);
         ServiceDesktop desktop(host);
         platform::LinuxJobViews jobs(host.tasks.executor(), environmentVariable);
-        host::DesktopNotices notices(host, desktop, &jobs);
-        ServeReporter reporter(host, desktop, notices, choices(folder));
+        host::DesktopNotices notices(host::NoticeBoard(host, &jobs, [&live] { return live.showsNotifications(); }),
+                                     desktop);
+        ServeReporter reporter(host, desktop, notices, choices(live));
         OutboxReporter outboxReporter(host, notices.outgoing());
-        host::ServiceSettings settings = settingsFor(folder);
+        host::ServiceSettings settings = settingsForService();
         settings.asker = &questions;
         settings.program = platform::programFile();
         if (platform::isRestartedAfter(restartStatus)) {
@@ -149,27 +176,19 @@ private:
             settings.faces.push_back(&face);
         }
         settings.faces.push_back(&notices);
-        host::Service service(host, ownKey, std::move(settings), reporter, outboxReporter);
+        host::Service service(host, ownKey, live, std::move(settings), reporter, outboxReporter);
         static_cast<void>(host.tasks.run(serveUntilCancelled(service)));
     }
 
-    [[nodiscard]] ServeReporter::Choices choices(const platform::Path& folder) const {
-        return {.writesClipboard = !leavesClipboard_,
+    [[nodiscard]] ServeReporter::Choices choices(const host::LiveSettings& live) const {
+        return {.writesClipboard = [&live] { return live.writesClipboard(); },
+                .downloads = [&live] { return live.downloads(); },
                 .port = portOption_->count() > 0 ? std::optional(port_) : std::nullopt,
-                .choosesPlaces = !places_.empty(),
-                .downloads = folder};
+                .choosesPlaces = !places_.empty()};
     }
 
-    [[nodiscard]] host::ServiceSettings settingsFor(const platform::Path& folder) const {
-        using Accept = host::ServiceSettings::Accept;
-        return {.downloads = folder,
-                .downloadLimits = {.keepFreeBytes = parseSize(keepFree_).value_or(0),
-                                   .maxFileBytes = parseSize(maxFile_).value_or(0)},
-                .accept = accept_ == "never" ? Accept::never
-                          : accept_ == "ask" ? Accept::ask
-                                             : Accept::always,
-                .port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
-                .keepsHistory = keepsHistory_,
+    [[nodiscard]] host::ServiceSettings settingsForService() const {
+        return {.port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
                 .find = find_,
                 .watchdogInterval = platform::serviceWatchdogInterval(),
                 .watchdog = watchdogCallbacks()};
@@ -179,12 +198,14 @@ private:
     CLI::Option* portOption_ = nullptr; ///< the parser's
     std::vector<std::string> places_;
     bool listensPublicly_ = false;
+    // what LiveSettings has; the parser needs them to check, and to show, what is given
     std::string directory_;
     std::string keepFree_;
     std::string maxFile_;
     std::string accept_ = "always";
     bool leavesClipboard_ = false;
     bool keepsHistory_ = true;
+    bool showsNotifications_ = true;
     host::FindSetting find_ = host::FindSetting::known;
 };
 

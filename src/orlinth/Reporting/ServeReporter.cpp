@@ -147,6 +147,10 @@ void ServeReporter::phonesKnown(std::size_t pairedPhones) {
     }
 }
 
+void ServeReporter::folderUnusable(const std::string& problem) {
+    host_.output.failure(problem, "Until that is mended, or another folder is chosen, files that go there fail.");
+}
+
 void ServeReporter::listening(std::uint16_t port, std::size_t pairedPhones) {
     platform::tellServiceReady();
     platform::tellServiceStatus(pairedPhones);
@@ -190,8 +194,9 @@ void ServeReporter::textReceived(const Receiver::Clipboard& clipboard) {
     // A line may end up in a log, where a text, which may be a password, has no business.
     const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
                              host::phoneForDisplay(host_, clipboard.from, clipboard.peerKey);
+    const bool writesClipboard = this->writesClipboard();
     if (admitsLine(clipboard.peerKey, clipboard.from)) {
-        if (!choices_.writesClipboard && isTerminal(STDOUT_FILENO)) {
+        if (!writesClipboard && isTerminal(STDOUT_FILENO)) {
             host_.output.page(line + ": " + madeVisible(clipboard.text));
         } else {
             host_.output.result(line);
@@ -233,7 +238,7 @@ void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
 
 void ServeReporter::connectionFailed(const Receiver::Failure& failure) {
     if (isOfTheDisk(failure.error)) {
-        notices_.cannotSave(choices_.downloads);
+        notices_.cannotSave(choices_.downloads ? choices_.downloads() : platform::Path());
     }
     const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerKey, failure.from);
     if (!isTold) {
@@ -311,7 +316,7 @@ void ServeReporter::notifyOfText(const Receiver::Clipboard& clipboard) {
     host::notices::TextNotice text{.characters = charactersOf(clipboard.text),
                                    .isKept = bytes > 0 && bytes <= host::LastText::maxBytes,
                                    .linkHost = host::hostOfLink(clipboard.text)};
-    if (!choices_.writesClipboard) {
+    if (!writesClipboard()) {
         notices_.textReceived(clipboard.peerKey, clipboard.from, std::move(text));
         return;
     }

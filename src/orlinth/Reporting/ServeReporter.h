@@ -8,6 +8,7 @@
 #include "orlinth/Program/Host.h"
 
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -19,12 +20,12 @@ namespace orlinth::cli {
 /// wants to hear, and tells the notifications of the desktop. On the thread of `main`.
 class ServeReporter final : public host::ServiceEvents {
 public:
-    /// What the person has chosen.
+    /// What the person has chosen. What may change is asked each time; empty: yes, and no folder.
     struct Choices {
-        bool writesClipboard = true;
-        std::optional<std::uint16_t> port = {}; ///< on the command line or in the settings
+        std::function<bool()> writesClipboard = {};
+        std::function<platform::Path()> downloads = {}; ///< where files go
+        std::optional<std::uint16_t> port = {};         ///< on the command line or in the settings
         bool choosesPlaces = false;
-        platform::Path downloads = {};
     };
 
     /// What is referred to outlives this.
@@ -34,6 +35,7 @@ public:
 
     void portInherited(std::uint16_t port) override;
     void phonesKnown(std::size_t pairedPhones) override;
+    void folderUnusable(const std::string& problem) override;
     void listening(std::uint16_t port, std::size_t pairedPhones) override;
     void stopping() override;
     [[nodiscard]] Task<> finish() override;
@@ -51,6 +53,7 @@ public:
     void portMissing(const std::string& problem) override;
 
 private:
+    [[nodiscard]] bool writesClipboard() const { return !choices_.writesClipboard || choices_.writesClipboard(); }
     /// Once it is known whether it is on the clipboard.
     void notifyOfText(const Receiver::Clipboard& clipboard);
     /// Whether one more line about this phone is to be written.

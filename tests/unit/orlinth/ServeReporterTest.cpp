@@ -34,8 +34,8 @@ protected:
     Output output_;
     Host host_{world_.system, tasks_, output_};
     ServiceDesktop desktop_{host_};
-    host::DesktopNotices notices_{host_, desktop_};
-    ServeReporter reporter_{host_, desktop_, notices_, {.writesClipboard = true}};
+    host::DesktopNotices notices_{host::NoticeBoard(host_, nullptr, {}), desktop_};
+    ServeReporter reporter_{host_, desktop_, notices_, {}};
 };
 
 /// What is written to standard error meanwhile, as lines.
@@ -177,11 +177,29 @@ TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
     EXPECT_EQ("orlinth: 995 more connections came from outside your networks", lines.back());
 }
 
+TEST_F(ServeReporterTest, ShowsNothingOnTheDesktopWhileThatIsSwitchedOff) {
+    bool isOn = false;
+    ServeReporter reporter(host_,
+                           {.writesClipboard = [] { return false; }, .showsNotifications = [&] { return isOn; }});
+    static_cast<void>(linesOf([&] {
+        reporter.fileReceived(file("/home/ann/a.jpg"));
+        reporter.textReceived({.text = "a text", .mime = "text/plain", .from = "Pixel 8"});
+    }));
+    EXPECT_TRUE(shown().empty());
+    isOn = true;
+    static_cast<void>(linesOf([&] {
+        reporter.fileReceived(file("/home/ann/b.jpg"));
+        reporter.textReceived({.text = "a text", .mime = "text/plain", .from = "Pixel 8"});
+    }));
+    EXPECT_EQ(2U, shown().size());
+    world_.run(reporter.finish());
+}
+
 TEST_F(ServeReporterTest, SaysWhichChoicesAnInheritedPortMakesVain) {
     const std::string port = "the service manager has opened port 7100; --port is not used";
     const std::string places = "the service manager has opened the port; --listen is not used";
     using Lines = std::vector<std::string>;
-    const auto said = [this](ServeReporter::Choices choices) {
+    const auto said = [this](const ServeReporter::Choices& choices) {
         ServiceDesktop desktop(host_);
         ServeReporter reporter(host_, desktop, notices_, choices);
         Lines lines = linesOf([&] { reporter.portInherited(7100); });

@@ -44,6 +44,10 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"before_epoch_ms":1731686400000,"count":1,"request":"history"})",
      PhoneRequest(HistoryRequest{.before = fromEpochMilliseconds(1'731'686'400'000), .count = 1})},
     {R"({"request":"clear_history"})", PhoneRequest(ClearHistoryRequest{})},
+    {R"({"request":"settings"})", SettingsRequest{}},
+    {R"({"request":"set","setting":"accept","value":"ask"})", SetRequest{"accept", "ask"}},
+    {R"({"request":"set","setting":"history","value":false})", SetRequest{"history", false}},
+    {R"({"request":"set","setting":"max-file","value":7})", SetRequest{"max-file", std::int64_t{7}}},
 };
 
 const std::vector<std::pair<std::string, ControlReply>> replies{

@@ -58,7 +58,7 @@ protected:
     }
 
     RecordingDesktop desktop_;
-    DesktopNotices notices_{home_, desktop_};
+    DesktopNotices notices_{NoticeBoard(home_, nullptr, {}), desktop_};
     std::size_t files_ = 0; ///< that were forwarded
 };
 

@@ -319,7 +319,8 @@ TEST_F(ServiceControlTest, TellsWhatThereIs) {
     std::vector<ServiceNews> news;
     EXPECT_TRUE(world_.run(readServiceStatus(home_, [&news](const ServiceNews& one) { news.push_back(one); })));
     ASSERT_EQ(3U, news.size());
-    EXPECT_EQ(ServiceNews(ServiceView{.state = ServiceView::State::listening, .port = port, .downloads = downloads}),
+    EXPECT_EQ(ServiceNews(ServiceView{
+                  .state = ServiceView::State::listening, .port = port, .name = "workshop", .downloads = downloads}),
               news[0]);
     EXPECT_EQ("Pixel-8", std::get<PhoneView>(news[1]).name);
     EXPECT_EQ(ServiceNews(CurrentLine{}), news[2]);

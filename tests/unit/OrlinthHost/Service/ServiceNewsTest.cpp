@@ -20,6 +20,11 @@ const std::vector<std::pair<std::string, ServiceNews>> news{
     {R"({"downloads":"/d","event":"service","message":"Address in use","port":28471,"state":"not-listening"})",
      ServiceView{
          .state = ServiceView::State::notListening, .port = 28471, .problem = "Address in use", .downloads = "/d"}},
+    {R"({"downloads":"/d","event":"service","name":"ann-laptop","port":0,"state":"starting"})",
+     ServiceView{.name = "ann-laptop", .downloads = "/d"}},
+    {R"({"event":"setting","name":"history","value":true})", SettingView{.name = "history", .value = true}},
+    {R"({"event":"setting","fixed_by":"config.toml, line 3","name":"accept","value":"ask"})",
+     SettingView{.name = "accept", .value = "ask", .fixedBy = "config.toml, line 3"}},
     {R"({"downloads":"/d","event":"service","port":0,"state":"starting"})", ServiceView{.downloads = "/d"}},
     {R"({"downloads":"/d","event":"service","port":1,"state":"lent"})",
      ServiceView{.state = ServiceView::State::lent, .port = 1, .downloads = "/d"}},
