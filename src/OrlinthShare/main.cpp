@@ -132,7 +132,8 @@ std::vector<SharePresence> askService(platform::System& system) {
 
 /// Outlive the task.
 Task<> lookForService(platform::System& system, bool& isThere) {
-    isThere = co_await ServiceActivation::isRunning(system.unixSockets, ServicePresence::socketOf(system.directories));
+    isThere = co_await ServiceActivation::isRunning(system.unixSockets, ServicePresence::socketOf(system.directories),
+                                                    ORLINTH_VERSION);
 }
 
 /// On a thread of its own; waits until the service runs, or it is certain that it does not.

@@ -26,11 +26,16 @@ protected:
     fakes::World world_;
 };
 
-TEST_F(ServiceActivationTest, AServiceRunsIfItTakesConnections) {
+TEST_F(ServiceActivationTest, AServiceRunsIfItTakesConnectionsAndIsToldTheVersion) {
     const platform::Path socket = ServicePresence::socketOf(world_.system.directories);
-    EXPECT_FALSE(world_.run(ServiceActivation::isRunning(world_.unixSockets, socket)));
+    EXPECT_FALSE(world_.run(ServiceActivation::isRunning(world_.unixSockets, socket, "1.2")));
     const auto service = world_.unixSockets.listen(socket, world_.context.get_executor());
-    EXPECT_TRUE(world_.run(ServiceActivation::isRunning(world_.unixSockets, socket)));
+    EXPECT_TRUE(world_.run(ServiceActivation::isRunning(world_.unixSockets, socket, "1.2")));
+    const std::unique_ptr<platform::Stream> stream = world_.run(service->accept(world_.context.get_executor()));
+    const std::string expected = "{\"request\":\"port\",\"version\":\"1.2\"}\n";
+    Bytes told(expected.size() + 1);
+    told.resize(world_.run(stream->readExact(told)));
+    EXPECT_EQ(toText(told), expected);
 }
 
 TEST_F(ServiceActivationTest, AServiceThatStartsIsNothingToTell) {

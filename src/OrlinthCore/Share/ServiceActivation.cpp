@@ -1,5 +1,6 @@
 #include "OrlinthCore/Share/ServiceActivation.h"
 
+#include "base/Json.h"
 #include "platform/SystemError.h"
 
 #include <asio/this_coro.hpp>
@@ -13,14 +14,18 @@ platform::UserService ServiceActivation::service() {
     return {.busName = "com.tarvinex.orlinth1", .unit = "orlinth.service"};
 }
 
-Task<bool> ServiceActivation::isRunning(platform::UnixSockets& sockets, platform::Path socket) {
+Task<bool> ServiceActivation::isRunning(platform::UnixSockets& sockets, platform::Path socket, std::string version) {
     const Executor executor = co_await asio::this_coro::executor;
+    bool isThere = false;
     try {
         const std::unique_ptr<platform::Stream> stream = co_await sockets.connect(std::move(socket), executor);
-        co_return true;
+        isThere = true;
+        const std::string line = compactJson({{"request", "port"}, {"version", version}}) + "\n";
+        co_await stream->writeAll(asBytes(line)); // nobody waits for the answer
     } catch (const platform::SystemError&) {
-        co_return false; // mostly, nobody listens
+        co_return isThere; // mostly, nobody listens
     }
+    co_return isThere;
 }
 
 std::string ServiceActivation::startForOutbox(platform::UserServices& services,

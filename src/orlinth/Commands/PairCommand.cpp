@@ -174,7 +174,8 @@ private:
                                 ". To use the service, pair without `--port`.");
         } else if (!service && port != defaultPort) {
             host.output.message("The phone will send files to port " + number +
-                                ". To receive them, run `orlinth serve --port " + number + "`.");
+                                ". To receive them, write `port = " + number +
+                                "` into `[serve]` of config.toml, or run `orlinth serve --port " + number + "`.");
         }
     }
 

@@ -442,7 +442,8 @@ TEST_F(PairCommandTest, SaysThatThereIsNoNetwork) {
 TEST_F(PairCommandTest, SaysIfNobodyReceivesAtThePort) {
     const Ended none = pairing({"--timeout", "1", "--port", "7400"});
     EXPECT_EQ(none.errors.at(0),
-              "The phone will send files to port 7400. To receive them, run `orlinth serve --port 7400`.");
+              "The phone will send files to port 7400. To receive them, write `port = 7400` into `[serve]` of "
+              "config.toml, or run `orlinth serve --port 7400`.");
     world.alongside(serveOthers({R"({"lent":false,"port":7100})", R"({"port":7100})"}));
     const Ended other = pairing({"--timeout", "1", "--port", "7400"});
     EXPECT_EQ(other.errors.at(0), "The phone will send files to port 7400, but the Orlinth service receives on port "
