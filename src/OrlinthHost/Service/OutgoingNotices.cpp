@@ -101,7 +101,6 @@ void OutgoingNotices::lookAtBatch(const Key& key, Batch& batch, const OutboxView
     if (isPhoneBusy) {
         batch.lastSending = now;
     }
-    const std::string phone = phoneForDisplay(home_, view.phone, view.peerKey);
     if (batch.isFailureNew && mayShow(batch, What::failed, next)) {
         showFailure(key, batch);
     }
@@ -112,10 +111,14 @@ void OutgoingNotices::lookAtBatch(const Key& key, Batch& batch, const OutboxView
     if (view.state != State::sending && (view.state == State::paused || rest > shortRest)) {
         batch.sendingSince.reset();
         batch.job.end();
+        if (batch.what == What::sending) {
+            batch.slot.close();
+            batch.what = What::nothing;
+        }
         if (rest < longWait) {
             bringForward(next, longWait - rest);
         } else if (batch.what != What::waiting) {
-            show(key, batch, What::waiting, notices::waiting(view, phone));
+            show(key, batch, What::waiting, notices::waiting(view, phoneForDisplay(home_, view.phone, view.peerKey)));
         }
     } else if (batch.sendingSince) {
         if (const Seconds age = now - *batch.sendingSince; age < longTransfer) {

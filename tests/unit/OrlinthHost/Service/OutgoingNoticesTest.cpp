@@ -126,6 +126,20 @@ TEST_F(OutgoingNoticesTest, ABatchThatTakesLongSaysHowFarItIsAndThenThatItIsSent
     EXPECT_THAT(screen(), ElementsAre("Sent 2 files to Pixel / "));
 }
 
+TEST_F(OutgoingNoticesTest, ABatchThatComesToRestIsNotOnItsWay) {
+    batches_ = {batch(State::sending, 1)};
+    transfers_ = {transfer("film.mov", 380)};
+    look();
+    pass(6s);
+    EXPECT_EQ(1U, screen().size());
+    batches_[0].state = State::paused;
+    transfers_.clear();
+    pass(5s);
+    EXPECT_THAT(screen(), IsEmpty());
+    pass(60s);
+    EXPECT_THAT(screen(), ElementsAre("Waiting for Pixel / It gets 1 file as soon as it is here."));
+}
+
 TEST_F(OutgoingNoticesTest, OfASingleFileItSaysItsNameAndTheTimeLeft) {
     batches_ = {batch(State::sending, 1)};
     transfers_ = {transfer("film.mov", 380, 62)};
