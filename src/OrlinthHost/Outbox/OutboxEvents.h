@@ -25,6 +25,19 @@ public:
         PeerKey peerKey; ///< the phone's
     };
 
+    /// Why something is not sent, whatever happens.
+    struct Failure {
+        enum class Why {
+            declined,   ///< the phone does not want the file
+            unreadable, ///< the file is not there any more, or cannot be read
+            inDoubt,    ///< it may have arrived or not, each time that it was offered
+            removed,    ///< the phone has removed this computer
+            notPaired   ///< this computer does not know the phone any more
+        };
+        Why why{};
+        std::string message; ///< for a log; parts of it may come from the system
+    };
+
     /// At most twice a second.
     virtual void progress(const Transfer& transfer, const Progress& progress) = 0;
     virtual void sent(const Transfer& transfer, const Delivered& delivered) = 0;
@@ -38,9 +51,10 @@ public:
     /// The same, only when the reason is another one than before, for the log.
     virtual void waitingLine(const OutboxState::Phone& to, const std::string& message) = 0;
     /// A file is not sent to a phone, whatever happens.
-    virtual void failed(const Transfer& transfer, const std::string& message) = 0;
-    /// Nothing more of a batch is sent to a phone.
-    virtual void failed(const BatchId& batch, const OutboxState::Phone& to, const std::string& message) = 0;
+    virtual void failed(const Transfer& transfer, const Failure& failure) = 0;
+    /// Nothing more of a batch is sent to a phone, which lacks these files.
+    virtual void failed(const BatchId& batch, const OutboxState::Phone& to, const std::vector<std::string>& files,
+                        const Failure& failure) = 0;
     /// A batch was moved to `where`.
     virtual void setAside(const BatchId& batch, const std::string& message, const platform::Path& where) = 0;
     /// The same, but for `problem`, because of which it was left where it is.

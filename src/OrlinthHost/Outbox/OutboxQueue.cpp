@@ -293,11 +293,12 @@ void OutboxQueue::setDone(Job& job, const PeerKey& peerKey, const OutboxEvents::
     endIfThrough(job.id());
 }
 
-void OutboxQueue::setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const std::string& message) {
+void OutboxQueue::setFailed(Job& job, const PeerKey& peerKey, const std::string& file,
+                            const OutboxEvents::Failure& failure) {
     OutboxState::Phone& phone = *job.state.find(peerKey);
-    phone.failed[file] = message;
+    phone.failed[file] = failure.message;
     saveFile(job, phone, file);
-    events_.failed({.batch = job.id(), .file = file, .to = phone.displayName(), .peerKey = peerKey}, message);
+    events_.failed({.batch = job.id(), .file = file, .to = phone.displayName(), .peerKey = peerKey}, failure);
     settlePhone(job, peerKey);
     endIfThrough(job.id());
 }
@@ -322,14 +323,16 @@ void OutboxQueue::setAllCancelled(Job& job, const PeerKey& peerKey) {
     endIfThrough(job.id());
 }
 
-void OutboxQueue::setAllFailed(const PeerKey& peerKey, const std::string& message) {
+void OutboxQueue::setAllFailed(const PeerKey& peerKey, const OutboxEvents::Failure& failure) {
     while (Job* const job = nextFor(peerKey)) {
         OutboxState::Phone& phone = *job->state.find(peerKey);
+        std::vector<std::string> files;
         while (const std::optional<std::string> file = job->nextFor(peerKey)) {
-            phone.failed[*file] = message;
+            phone.failed[*file] = failure.message;
+            files.push_back(*file);
         }
         save(*job);
-        events_.failed(job->id(), phone, message);
+        events_.failed(job->id(), phone, files, failure);
         settlePhone(*job, peerKey);
         endIfThrough(job->id());
     }

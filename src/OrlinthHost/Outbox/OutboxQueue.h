@@ -100,7 +100,7 @@ public:
     /// The phone has the file. What may be ended by these is: no job is to be used afterwards without looking for it
     /// again.
     void setDone(Job& job, const PeerKey& peerKey, const OutboxEvents::Transfer& transfer, const Delivered& delivered);
-    void setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const std::string& message);
+    void setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const OutboxEvents::Failure& failure);
     /// Somebody does not want it to be sent any more. No event tells of it.
     void setCancelled(Job& job, const PeerKey& peerKey, const std::string& file);
     /// The same of everything that the phone has not got and that is not under way.
@@ -108,7 +108,7 @@ public:
     /// The phone was there, and took nothing of this file: others go first.
     void putBehind(Job& job, const PeerKey& peerKey, const std::string& file) { ++job.inVain[{peerKey, file}]; }
     /// Everything that is left for this phone, in any batch, and not under way.
-    void setAllFailed(const PeerKey& peerKey, const std::string& message);
+    void setAllFailed(const PeerKey& peerKey, const OutboxEvents::Failure& failure);
     /// An attempt for this phone has failed, and the next is made after `pause`. `isNews` if it is for another reason
     /// than was told before.
     void setWaiting(const PeerKey& peerKey, const std::string& message, Seconds pause, bool isNews);

@@ -21,6 +21,8 @@ namespace orlinth::host {
 
 namespace {
 
+using Why = OutboxEvents::Failure::Why;
+
 /// Also if the second has just got the address at which the phone was found.
 bool isReachedTheSameWay(const PeerRecord& one, const PeerRecord& other, const std::string& foundAt) {
     return (one.peer_ip == other.peer_ip || other.peer_ip == foundAt) && one.peer_port == other.peer_port &&
@@ -51,6 +53,16 @@ bool isOfThePhone(const std::exception_ptr& failure) {
         return error.which() == SendError::Case::declined || error.which() == SendError::Case::peerRemoved;
     } catch (const WireConnection::Error& error) {
         return error.which() == WireConnection::Error::Case::eof;
+    } catch (...) {
+        return false;
+    }
+}
+
+bool isDeclined(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const SendError& error) {
+        return error.which() == SendError::Case::declined;
     } catch (...) {
         return false;
     }
@@ -261,7 +273,9 @@ void OutboxSender::begin(Phone& phone, Job& job) {
         const PeerBook book = home_.peers().loadBook();
         const PeerRecord* const record = book.find(phone.peerKey);
         if (record == nullptr) {
-            queue_.setAllFailed(phone.peerKey, forDisplay(state.displayName()) + " is not paired any more");
+            queue_.setAllFailed(
+                phone.peerKey,
+                {.why = Why::notPaired, .message = forDisplay(state.displayName()) + " is not paired any more"});
             return;
         }
         if (phone.record && phone.record->peer_ip != record->peer_ip) {
@@ -276,7 +290,7 @@ void OutboxSender::begin(Phone& phone, Job& job) {
             return;
         }
     } catch (const OutboxError& error) {
-        queue_.setFailed(job, phone.peerKey, file, error.description());
+        queue_.setFailed(job, phone.peerKey, file, {.why = Why::unreadable, .message = error.description()});
         return;
     } catch (const Error& error) {
         pause(phone, error.description());
@@ -405,11 +419,13 @@ void OutboxSender::settle(Phone& phone, Job& job, const Running& running, const 
         break;
     case SendVerdict::fileLost:
         end(phone, Outcome::answered);
-        queue_.setFailed(job, phone.peerKey, running.transfer.file, failureText(ended));
+        queue_.setFailed(
+            job, phone.peerKey, running.transfer.file,
+            {.why = isDeclined(ended.error) ? Why::declined : Why::unreadable, .message = failureText(ended)});
         break;
     case SendVerdict::phoneLost:
         end(phone, Outcome::answered);
-        queue_.setAllFailed(phone.peerKey, failureText(ended));
+        queue_.setAllFailed(phone.peerKey, {.why = Why::removed, .message = failureText(ended)});
         break;
     case SendVerdict::inDoubt:
         settleDoubt(phone, job, running);
@@ -450,7 +466,8 @@ void OutboxSender::settleDoubt(Phone& phone, Job& job, const Running& running) {
         return;
     }
     phone.inDoubt.erase(running.place()); // a retry begins anew
-    queue_.setFailed(job, phone.peerKey, running.transfer.file, DeliveryInDoubt::text);
+    queue_.setFailed(job, phone.peerKey, running.transfer.file,
+                     {.why = Why::inDoubt, .message = DeliveryInDoubt::text});
 }
 
 /// The next attempt, which is alone, shows whether the phone is there.

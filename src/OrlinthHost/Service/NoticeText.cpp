@@ -1,8 +1,6 @@
 #include "OrlinthHost/Service/NoticeText.h"
 
-#include "OrlinthCore/Sending/SendError.h"
 #include "OrlinthHost/HumanText.h"
-#include "OrlinthHost/Sending/Delivery.h"
 #include "base/Text.h"
 
 #include <algorithm>
@@ -41,21 +39,22 @@ std::string timeText(double seconds) {
     return whole < 60 ? std::to_string(static_cast<int>(whole)) + " s" : humanDuration(Seconds(whole));
 }
 
-/// What the outbox says of a failure for good, for somebody who knows nothing of connections.
-std::string plainReason(const std::string& reason) {
-    if (reason == SendError::declined().description()) {
+/// For somebody who knows nothing of connections; with what to do about it.
+const char* plainReason(OutboxEvents::Failure::Why why) {
+    using Why = OutboxEvents::Failure::Why;
+    switch (why) {
+    case Why::declined:
         return "The phone declined it. Try again, and accept it on the phone.";
-    }
-    if (reason == SendError::peerRemoved().description()) {
-        return "The phone has removed this computer. Pair it again, then try again.";
-    }
-    if (reason == DeliveryInDoubt::text) {
+    case Why::unreadable:
+        return "It cannot be read any more. Share it again.";
+    case Why::inDoubt:
         return "The connection broke at the very end. Check on the phone whether it is there.";
-    }
-    if (reason.ends_with(" is not paired any more")) {
+    case Why::removed:
+        return "The phone has removed this computer. Pair it again, then try again.";
+    case Why::notPaired:
         return "The phone is not paired any more. Pair it again, then try again.";
     }
-    return "It cannot be read any more. Share it again.";
+    return "";
 }
 
 } // namespace
@@ -153,12 +152,10 @@ Notification waiting(const OutboxView& batch, const std::string& phone) {
                        .isQuiet = true});
 }
 
-Notification notSent(const std::vector<std::string>& files, const std::string& phone, const std::string& reason) {
-    const std::string what = files.empty()       ? "the files"
-                             : files.size() == 1 ? shortName(files.front())
-                                                 : countOfFiles(files.size());
+Notification notSent(const std::vector<std::string>& files, const std::string& phone, OutboxEvents::Failure::Why why) {
+    const std::string what = files.size() == 1 ? shortName(files.front()) : countOfFiles(files.size());
     return withWindow({.title = "Could not send " + what + " to " + shortName(phone),
-                       .body = plainReason(reason),
+                       .body = plainReason(why),
                        .actions = {{retryKey, "Try again"}, {dropKey, "Drop"}},
                        .category = "transfer.error"});
 }

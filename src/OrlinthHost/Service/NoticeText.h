@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthHost/Outbox/OutboxEvents.h"
 #include "OrlinthHost/Outbox/OutboxView.h"
 #include "OrlinthHost/Service/TransferList.h"
 #include "platform/Notifications.h"
@@ -41,9 +42,9 @@ inline constexpr const char* openLinkKey = "open-link";
                                              const std::string& phone);
 [[nodiscard]] platform::Notification sent(const std::vector<std::string>& files, const std::string& phone);
 [[nodiscard]] platform::Notification waiting(const OutboxView& batch, const std::string& phone);
-/// `files` did not get there, which may be empty if nobody knows which; for `reason`, as the outbox tells it.
+/// These files did not get there.
 [[nodiscard]] platform::Notification notSent(const std::vector<std::string>& files, const std::string& phone,
-                                             const std::string& reason);
+                                             OutboxEvents::Failure::Why why);
 
 /// A text that has come. What it says is not part of it.
 struct TextNotice {

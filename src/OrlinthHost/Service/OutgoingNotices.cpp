@@ -22,9 +22,8 @@ void OutgoingNotices::through(const BatchId& id, const PeerKey& peerKey, const s
     }
     const Key key(id, peerKey);
     Batch& batch = batchOf(key);
-    const bool isLeft = batch.isRestFailed || std::ranges::any_of(batch.failed, [&files](const std::string& file) {
-                            return std::ranges::find(files, file) == files.end();
-                        });
+    const bool isLeft = std::ranges::any_of(
+        batch.failed, [&files](const std::string& file) { return std::ranges::find(files, file) == files.end(); });
     if (isLeft) {
         return; // that something is missing is more important
     }
@@ -34,18 +33,14 @@ void OutgoingNotices::through(const BatchId& id, const PeerKey& peerKey, const s
 }
 
 void OutgoingNotices::failed(const BatchId& id, const PeerKey& peerKey, const std::string& phone,
-                             const std::string& file, const std::string& reason) {
+                             const std::vector<std::string>& files, OutboxEvents::Failure::Why why) {
     if (isStopped_) {
         return;
     }
     Batch& batch = batchOf(Key(id, peerKey));
-    if (file.empty()) {
-        batch.isRestFailed = true;
-    } else {
-        batch.failed.insert(file);
-    }
+    batch.failed.insert(files.begin(), files.end());
     batch.phone = phone;
-    batch.reason = reason;
+    batch.why = why;
     batch.isFailureNew = true;
     onNews_();
 }
@@ -75,11 +70,7 @@ std::optional<Seconds> OutgoingNotices::look(const std::vector<OutboxView>& view
             continue;
         }
         if (batch.isFailureNew && mayShow(batch, What::failed, next)) {
-            const std::vector<std::string> files(batch.failed.begin(), batch.failed.end());
-            batch.isFailureNew = false;
-            show(key, batch, What::failed,
-                 notices::notSent(batch.isRestFailed ? std::vector<std::string>() : files,
-                                  phoneForDisplay(home_, batch.phone, key.second), batch.reason));
+            showFailure(key, batch);
         }
         const bool isAwaited = batch.what == What::failed && batch.slot.isShown();
         if (isAwaited) {
@@ -101,7 +92,7 @@ void OutgoingNotices::lookAtBatch(const Key& key, Batch& batch, const OutboxView
     const bool isFailed = view.state == State::failed;
     if (batch.wasFailed && !isFailed) { // somebody tries it again
         batch.failed.clear();
-        batch.isRestFailed = batch.isFailureNew = false;
+        batch.isFailureNew = false;
     }
     batch.wasFailed = isFailed;
     if (view.state == State::sending) {
@@ -110,25 +101,24 @@ void OutgoingNotices::lookAtBatch(const Key& key, Batch& batch, const OutboxView
     if (isPhoneBusy) {
         batch.lastSending = now;
     }
-    const std::string phone = phoneForDisplay(home_, view.phone, view.peerKey);
     if (batch.isFailureNew && mayShow(batch, What::failed, next)) {
-        batch.isFailureNew = false;
-        show(key, batch, What::failed,
-             notices::notSent(batch.isRestFailed ? std::vector<std::string>()
-                                                 : std::vector<std::string>(batch.failed.begin(), batch.failed.end()),
-                              phone, batch.reason));
+        showFailure(key, batch);
     }
-    if (batch.hasFailed() || isFailed) {
+    if (!batch.failed.empty() || isFailed) {
         return;
     }
     const Seconds rest = now - batch.lastSending;
     if (view.state != State::sending && (view.state == State::paused || rest > shortRest)) {
         batch.sendingSince.reset();
         batch.job.end();
+        if (batch.what == What::sending) {
+            batch.slot.close();
+            batch.what = What::nothing;
+        }
         if (rest < longWait) {
             bringForward(next, longWait - rest);
         } else if (batch.what != What::waiting) {
-            show(key, batch, What::waiting, notices::waiting(view, phone));
+            show(key, batch, What::waiting, notices::waiting(view, phoneForDisplay(home_, view.phone, view.peerKey)));
         }
     } else if (batch.sendingSince) {
         if (const Seconds age = now - *batch.sendingSince; age < longTransfer) {
@@ -175,6 +165,13 @@ void OutgoingNotices::showProgress(const Key& key, Batch& batch, const OutboxVie
         batch.shownAt = home_.system.clock.now();
         bringForward(next, changeInterval);
     }
+}
+
+void OutgoingNotices::showFailure(const Key& key, Batch& batch) {
+    batch.isFailureNew = false;
+    show(key, batch, What::failed,
+         notices::notSent({batch.failed.begin(), batch.failed.end()}, phoneForDisplay(home_, batch.phone, key.second),
+                          batch.why));
 }
 
 /// Not what somebody has closed, and not too often.

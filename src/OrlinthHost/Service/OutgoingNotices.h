@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthHost/Home.h"
+#include "OrlinthHost/Outbox/OutboxEvents.h"
 #include "OrlinthHost/Outbox/OutboxView.h"
 #include "OrlinthHost/Service/DesktopActions.h"
 #include "OrlinthHost/Service/NoticeJob.h"
@@ -51,9 +52,9 @@ public:
     /// The phone has these files, and gets no more of the batch for now.
     void through(const BatchId& batch, const PeerKey& peerKey, const std::string& phone,
                  const std::vector<std::string>& files);
-    /// A file, or with "" the rest of a batch, is not sent to a phone, for `reason`.
-    void failed(const BatchId& batch, const PeerKey& peerKey, const std::string& phone, const std::string& file,
-                const std::string& reason);
+    /// These files of a batch are not sent to a phone.
+    void failed(const BatchId& batch, const PeerKey& peerKey, const std::string& phone,
+                const std::vector<std::string>& files, OutboxEvents::Failure::Why why);
     /// Shows what there is to show. Returns when another look is due, if nothing happens before.
     [[nodiscard]] std::optional<Seconds> look(const std::vector<OutboxView>& batches,
                                               const std::vector<TransferView>& transfers);
@@ -75,12 +76,9 @@ private:
         std::optional<Instant> sendingSince = {};
         bool wasFailed = false;            ///< at the last look
         std::set<std::string> failed = {}; ///< files
-        bool isRestFailed = false;
         std::string phone = {};
-        std::string reason = {}; ///< of the last failure
+        OutboxEvents::Failure::Why why{}; ///< of the last failure
         bool isFailureNew = false;
-
-        [[nodiscard]] bool hasFailed() const noexcept { return isRestFailed || !failed.empty(); }
     };
 
     [[nodiscard]] Batch& batchOf(const Key& key);
@@ -89,6 +87,7 @@ private:
     [[nodiscard]] bool mayShow(const Batch& batch, What what, std::optional<Seconds>& next) const;
     void showProgress(const Key& key, Batch& batch, const OutboxView& view, const std::vector<TransferView>& transfers,
                       std::optional<Seconds>& next);
+    void showFailure(const Key& key, Batch& batch);
     void show(const Key& key, Batch& batch, What what, platform::Notification notification);
 
     const NoticeBoard board_;

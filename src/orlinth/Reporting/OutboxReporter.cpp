@@ -65,18 +65,19 @@ void OutboxReporter::waitingLine(const host::OutboxState::Phone& to, const std::
     host_.output.message("waiting for " + shown(to) + ": " + forDisplay(message));
 }
 
-void OutboxReporter::failed(const Transfer& transfer, const std::string& message) {
+void OutboxReporter::failed(const Transfer& transfer, const Failure& failure) {
     Json fields = contextOf(transfer);
-    fields["message"] = message;
+    fields["message"] = failure.message;
     const std::string to = host::phoneForDisplay(host_, transfer.to, transfer.peerKey);
-    tellFailure(std::move(fields), message, forDisplay(transfer.file) + " is not sent to " + to + ".");
-    notices_.failed(transfer.batch, transfer.peerKey, transfer.to, transfer.file, message);
+    tellFailure(std::move(fields), failure.message, forDisplay(transfer.file) + " is not sent to " + to + ".");
+    notices_.failed(transfer.batch, transfer.peerKey, transfer.to, {transfer.file}, failure.why);
 }
 
-void OutboxReporter::failed(const BatchId& batch, const host::OutboxState::Phone& to, const std::string& message) {
-    tellFailure({{"batch", batch}, {"to", to.displayName()}, {"message", message}}, message,
+void OutboxReporter::failed(const BatchId& batch, const host::OutboxState::Phone& to,
+                            const std::vector<std::string>& files, const Failure& failure) {
+    tellFailure({{"batch", batch}, {"to", to.displayName()}, {"message", failure.message}}, failure.message,
                 "Nothing more of batch " + shortId(batch) + " is sent to " + shown(to) + ".");
-    notices_.failed(batch, to.peerKey, to.displayName(), "", message);
+    notices_.failed(batch, to.peerKey, to.displayName(), files, failure.why);
 }
 
 void OutboxReporter::setAside(const BatchId& batch, const std::string& message, const platform::Path& where) {

@@ -24,8 +24,9 @@ public:
     void done(const BatchId& batch) override;
     void waiting(const BatchId& batch, const std::string& to, const std::string& message, Seconds pause) override;
     void waitingLine(const host::OutboxState::Phone& to, const std::string& message) override;
-    void failed(const Transfer& transfer, const std::string& message) override;
-    void failed(const BatchId& batch, const host::OutboxState::Phone& to, const std::string& message) override;
+    void failed(const Transfer& transfer, const Failure& failure) override;
+    void failed(const BatchId& batch, const host::OutboxState::Phone& to, const std::vector<std::string>& files,
+                const Failure& failure) override;
     void setAside(const BatchId& batch, const std::string& message, const platform::Path& where) override;
     void notSetAside(const BatchId& batch, const std::string& message, const std::string& problem) override;
     void noOutbox(const std::string& problem) override;

@@ -56,6 +56,10 @@ protected:
 
     const host::OutboxEvents::Transfer transfer_{
         .batch = BatchId(batch), .file = "a.txt", .to = "Pixel", .peerKey = PeerKey("AAAA")};
+    const host::OutboxEvents::Failure declined_{.why = host::OutboxEvents::Failure::Why::declined,
+                                                .message = "declined"};
+    const host::OutboxEvents::Failure forgotten_{.why = host::OutboxEvents::Failure::Why::removed,
+                                                 .message = "forgotten"};
     fakes::World world_;
     TaskRunner tasks_{world_.context};
     Output output_;
@@ -81,8 +85,8 @@ TEST_F(OutboxReporterTest, OneObjectAHappeningForScripts) {
                                   reporter_.progress(transfer_, {.done = 5, .total = 10});
                                   reporter_.sent(transfer_, delivered(0, true));
                                   reporter_.waiting(BatchId(batch), "Pixel", "why", 15s);
-                                  reporter_.failed(transfer_, "declined");
-                                  reporter_.failed(BatchId(batch), pixel(), "forgotten");
+                                  reporter_.failed(transfer_, declined_);
+                                  reporter_.failed(BatchId(batch), pixel(), {"a.txt", "b.txt"}, forgotten_);
                                   reporter_.setAside(BatchId(batch), "no sense", "/away");
                                   reporter_.done(BatchId(batch));
                               }).output;
@@ -110,10 +114,10 @@ TEST_F(OutboxReporterTest, ANoticeForAPhoneAndNotForAFile) {
 
 TEST_F(OutboxReporterTest, WhatIsNotSentIsSaidWithWhatToDo) {
     EXPECT_EQ("orlinth: declined\na.txt is not sent to Pixel.\n",
-              said([this] { reporter_.failed(transfer_, "declined"); }).errors);
+              said([this] { reporter_.failed(transfer_, declined_); }).errors);
     EXPECT_EQ("orlinth: forgotten\nNothing more of batch 0A1B2C3D is sent to Pixel.\n",
-              said([this] { reporter_.failed(BatchId(batch), pixel(), "forgotten"); }).errors);
-    EXPECT_THAT(shown(), testing::ElementsAre("Could not send the files to Pixel"));
+              said([this] { reporter_.failed(BatchId(batch), pixel(), {"a.txt", "b.txt"}, forgotten_); }).errors);
+    EXPECT_THAT(shown(), testing::ElementsAre("Could not send 2 files to Pixel"));
     EXPECT_EQ("orlinth: batch 0A1B2C3D was set aside: why\nIt is in /away/" + std::string(batch) +
                   "; `orlinth outbox retry 0A1B2C3D` tries it again.\n",
               said([this] { reporter_.setAside(BatchId(batch), "why", platform::Path("/away") / batch); }).errors);

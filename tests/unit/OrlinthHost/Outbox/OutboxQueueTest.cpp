@@ -45,11 +45,13 @@ public:
     void waitingLine(const OutboxState::Phone& to, const std::string& message) override {
         lines.push_back("line: " + to.displayName() + ": " + message);
     }
-    void failed(const Transfer& transfer, const std::string& message) override {
-        lines.push_back("failed " + transfer.file + " to " + transfer.to + ": " + message);
+    void failed(const Transfer& transfer, const Failure& failure) override {
+        lines.push_back("failed " + transfer.file + " to " + transfer.to + ": " + failure.message);
     }
-    void failed(const BatchId& batch, const OutboxState::Phone& to, const std::string& message) override {
-        lines.push_back("failed all of " + batch.text().substr(0, 2) + " to " + to.displayName() + ": " + message);
+    void failed(const BatchId& batch, const OutboxState::Phone& to, const std::vector<std::string>& files,
+                const Failure& failure) override {
+        lines.push_back("failed " + std::to_string(files.size()) + " of " + batch.text().substr(0, 2) + " to " +
+                        to.displayName() + ": " + failure.message);
     }
     void setAside(const BatchId& batch, const std::string& message, const platform::Path&) override {
         lines.push_back("set aside " + batch.text().substr(0, 2) + ": " + message);
@@ -123,7 +125,7 @@ protected:
     }
     void fail(const std::string& id, const PeerKey& key, const std::string& file, const std::string& why) {
         end(id, key, file);
-        queue->setFailed(job(id), key, file, why);
+        queue->setFailed(job(id), key, file, {.why = OutboxEvents::Failure::Why::declined, .message = why});
     }
     void takeInVain(const std::string& id, const PeerKey& key, const std::string& file) {
         end(id, key, file);
@@ -274,10 +276,10 @@ TEST_F(OutboxQueueTest, GivesUpEverythingForOnePhoneAndNothingForTheOther) {
     put(second, {"c.txt"}, {phone});
     static_cast<void>(look());
     static_cast<void>(begin(tablet));
-    queue->setAllFailed(phone, "removed");
-    EXPECT_THAT(events.take(), ElementsAre("failed all of 0A to Pixel-8: removed", "Pixel-8 has",
-                                           "failed all of 1A to Pixel-8: removed", "Pixel-8 has",
-                                           "set aside 1A: c.txt not sent to Pixel-8 (removed)"));
+    queue->setAllFailed(phone, {.why = OutboxEvents::Failure::Why::removed, .message = "removed"});
+    EXPECT_THAT(events.take(),
+                ElementsAre("failed 2 of 0A to Pixel-8: removed", "Pixel-8 has", "failed 1 of 1A to Pixel-8: removed",
+                            "Pixel-8 has", "set aside 1A: c.txt not sent to Pixel-8 (removed)"));
     EXPECT_EQ(begin(phone), "");
     EXPECT_EQ(begin(tablet), "0A b.txt");
 }

@@ -357,6 +357,7 @@ TEST_F(OutboxSenderTest, GivesUpWhatThePhoneDeclinesAndGoesOn) {
     ASSERT_EQ(2U, failed.size());
     EXPECT_EQ("a.txt", failed[0].file);
     EXPECT_EQ("the phone declined the file.", failed[0].message);
+    EXPECT_EQ(OutboxEvents::Failure::Why::declined, failed[0].why);
     EXPECT_EQ(What::setAside, failed[1].what);
     EXPECT_THAT(failed[1].message, HasSubstr("a.txt not sent to Pixel-8"));
     EXPECT_FALSE(isThere(outbox / first));
@@ -370,7 +371,10 @@ TEST_F(OutboxSenderTest, GivesUpEverythingForAPhoneThatHasForgottenThisComputer)
     start();
     pass(60s);
     EXPECT_EQ(1U, attempts());
-    EXPECT_EQ(4U, failures().size()) << "of each batch: for the phone, and that it is set aside";
+    const std::vector<Told> failed = failures();
+    ASSERT_EQ(4U, failed.size()) << "of each batch: for the phone, and that it is set aside";
+    EXPECT_EQ(OutboxEvents::Failure::Why::removed, failed[0].why);
+    EXPECT_EQ(2U, failed[0].files);
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / second));
 }
@@ -383,6 +387,7 @@ TEST_F(OutboxSenderTest, ServesTheOtherPhonesOfABatchOneOfWhichWasRemoved) {
     EXPECT_THAT(taken_, ElementsAre("a.txt"));
     EXPECT_TRUE(isThere(container / "OutboxSetAside" / first));
     EXPECT_THAT(failures().at(0).message, HasSubstr("not paired any more"));
+    EXPECT_EQ(OutboxEvents::Failure::Why::notPaired, failures().at(0).why);
 }
 
 TEST_F(OutboxSenderTest, GivesUpWhatIsForAPhoneThatIsRemovedMeanwhile) {

@@ -42,6 +42,7 @@ public:
         bool isConfirmed = true;
         Seconds pause{0};
         platform::Path where = {};
+        std::optional<Failure::Why> why = {};
     };
 
     std::vector<Told> all;
@@ -71,11 +72,17 @@ public:
     void waitingLine(const OutboxState::Phone& to, const std::string& message) override {
         all.push_back({.what = What::waitingLine, .to = to.displayName(), .message = message});
     }
-    void failed(const Transfer& transfer, const std::string& message) override {
-        add(transfer, {.what = What::fileFailed, .message = message});
+    void failed(const Transfer& transfer, const Failure& failure) override {
+        add(transfer, {.what = What::fileFailed, .message = failure.message, .why = failure.why});
     }
-    void failed(const BatchId& batch, const OutboxState::Phone& to, const std::string& message) override {
-        all.push_back({.what = What::phoneFailed, .batch = batch.text(), .to = to.displayName(), .message = message});
+    void failed(const BatchId& batch, const OutboxState::Phone& to, const std::vector<std::string>& files,
+                const Failure& failure) override {
+        all.push_back({.what = What::phoneFailed,
+                       .batch = batch.text(),
+                       .to = to.displayName(),
+                       .message = failure.message,
+                       .files = files.size(),
+                       .why = failure.why});
     }
     void setAside(const BatchId& batch, const std::string& message, const platform::Path& where) override {
         all.push_back({.what = What::setAside, .batch = batch.text(), .message = message, .where = where});

@@ -1,7 +1,5 @@
 #include "OrlinthHost/Service/OutgoingNotices.h"
 
-#include "OrlinthCore/Sending/SendError.h"
-#include "OrlinthHost/Sending/Delivery.h"
 #include "RecordingDesktop.h"
 #include "fakes/FakeJobViews.h"
 #include "fakes/World.h"
@@ -19,6 +17,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using State = OutboxView::State;
+using Why = OutboxEvents::Failure::Why;
 using Actions = std::vector<std::pair<std::string, std::string>>;
 
 /// What a desktop is told of what is sent, and what its buttons do.
@@ -51,8 +50,8 @@ protected:
     void through(const std::vector<std::string>& files) {
         notices_.through(BatchId("0A"), PeerKey("AAAA"), "Pixel", files);
     }
-    void fail(const std::string& file, const std::string& reason) {
-        notices_.failed(BatchId("0A"), PeerKey("AAAA"), "Pixel", file, reason);
+    void fail(const std::string& file, Why why) {
+        notices_.failed(BatchId("0A"), PeerKey("AAAA"), "Pixel", {file}, why);
     }
     [[nodiscard]] std::vector<fakes::FakeNotifications::Shown>& shown() { return world_.notifications.shown; }
     [[nodiscard]] const platform::Notification& last() { return shown().back().notification; }
@@ -127,6 +126,20 @@ TEST_F(OutgoingNoticesTest, ABatchThatTakesLongSaysHowFarItIsAndThenThatItIsSent
     EXPECT_THAT(screen(), ElementsAre("Sent 2 files to Pixel / "));
 }
 
+TEST_F(OutgoingNoticesTest, ABatchThatComesToRestIsNotOnItsWay) {
+    batches_ = {batch(State::sending, 1)};
+    transfers_ = {transfer("film.mov", 380)};
+    look();
+    pass(6s);
+    EXPECT_EQ(1U, screen().size());
+    batches_[0].state = State::paused;
+    transfers_.clear();
+    pass(5s);
+    EXPECT_THAT(screen(), IsEmpty());
+    pass(60s);
+    EXPECT_THAT(screen(), ElementsAre("Waiting for Pixel / It gets 1 file as soon as it is here."));
+}
+
 TEST_F(OutgoingNoticesTest, OfASingleFileItSaysItsNameAndTheTimeLeft) {
     batches_ = {batch(State::sending, 1)};
     transfers_ = {transfer("film.mov", 380, 62)};
@@ -185,14 +198,14 @@ TEST_F(OutgoingNoticesTest, WhatWaitsForItsTurnDoesNotWaitForThePhone) {
 }
 
 TEST_F(OutgoingNoticesTest, WhatIsNotSentIsToldInPlainWords) {
-    const std::vector<std::pair<std::string, std::string>> reasons{
-        {SendError::declined().description(), "The phone declined it. Try again, and accept it on the phone."},
-        {SendError::peerRemoved().description(), "The phone has removed this computer. Pair it again, then try again."},
-        {DeliveryInDoubt::text, "The connection broke at the very end. Check on the phone whether it is there."},
-        {"Pixel is not paired any more", "The phone is not paired any more. Pair it again, then try again."},
-        {SendError::fileRead("Input/output error").description(), "It cannot be read any more. Share it again."}};
-    for (const auto& [reason, text] : reasons) {
-        fail("b.iso", reason);
+    const std::vector<std::pair<Why, std::string>> reasons{
+        {Why::declined, "The phone declined it. Try again, and accept it on the phone."},
+        {Why::removed, "The phone has removed this computer. Pair it again, then try again."},
+        {Why::inDoubt, "The connection broke at the very end. Check on the phone whether it is there."},
+        {Why::notPaired, "The phone is not paired any more. Pair it again, then try again."},
+        {Why::unreadable, "It cannot be read any more. Share it again."}};
+    for (const auto& [why, text] : reasons) {
+        fail("b.iso", why);
         pass(1s);
         EXPECT_EQ(last().title, "Could not send b.iso to Pixel");
         EXPECT_EQ(last().body, text);
@@ -207,10 +220,10 @@ TEST_F(OutgoingNoticesTest, WhatIsNotSentIsToldInPlainWords) {
 TEST_F(OutgoingNoticesTest, SeveralFailuresOfABatchAreOneNotificationAndTheRestIsNotToldOver) {
     batches_ = {batch(State::sending)};
     look();
-    fail("a.jpg", SendError::declined().description());
+    fail("a.jpg", Why::declined);
     look();
-    fail("b.jpg", SendError::declined().description());
-    fail("b.jpg", SendError::declined().description());
+    fail("b.jpg", Why::declined);
+    fail("b.jpg", Why::declined);
     look();
     EXPECT_EQ(1U, shown().size());
     pass(1s);
@@ -258,7 +271,7 @@ TEST_F(OutgoingNoticesTest, AtTheEndNothingStaysThatIsNotTrueAnyMore) {
     notices_.stop();
     EXPECT_THAT(screen(), IsEmpty());
     through({"a.jpg"});
-    fail("a.jpg", "why");
+    fail("a.jpg", Why::declined);
     look();
     EXPECT_THAT(screen(), IsEmpty());
 }
