@@ -59,6 +59,9 @@ class JailedCallers(BusTestMixin, OutboxTest):
         yield ROOT, SERVICE, "GetLastText"
         yield ROOT, SERVICE, "GetHistory", "tu", "0", "10"
         yield ROOT, SERVICE, "ClearHistory"
+        yield ROOT, SERVICE, "Pair", "a{sv}", "0"
+        yield ROOT, SERVICE, "SetSetting", "sv", "accept", "s", "never"
+        yield ROOT, SERVICE, "Restart"
         yield phone, f"{NAME}.Phone", "Remove"
 
     def test_a_sandboxed_program_sends_files_and_steers_that_and_does_nothing_else(self):
