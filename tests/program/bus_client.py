@@ -141,13 +141,18 @@ class Message:
         return self.fields.get(MEMBER)
 
 
+def path_of(address):
+    return dict(part.split("=", 1) for part in address.split(":", 1)[1].split(","))["path"]
+
+
 class BusClient:
     """Calls methods, and keeps the signals that it has asked for, or, as a monitor, everything: `messages`."""
 
-    def __init__(self, address):
-        path = dict(part.split("=", 1) for part in address.split(":", 1)[1].split(","))["path"]
-        self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.connect(path)
+    def __init__(self, address, connection=None):
+        """At this address of a bus, or on a connection to it that has said nothing yet."""
+        self.socket = connection or socket.socket(socket.AF_UNIX)
+        if not connection:
+            self.socket.connect(path_of(address))
         self.socket.sendall(b"\0AUTH EXTERNAL " + binascii.hexlify(str(os.getuid()).encode()) + b"\r\n")
         self._expect_line(b"OK")
         self.socket.sendall(b"NEGOTIATE_UNIX_FD\r\n")

@@ -6,6 +6,8 @@ What there is, as both tell it:
     transfer  id direction name batch state done total rate path problem
     batch     id phone files files_done state problem
     history   direction phone name state size problem path time; nothing of that: the history is to be read anew
+    offer     id name size
+    setting   name value
 """
 
 import base64
@@ -170,6 +172,22 @@ class SocketFace:
     def drop(self, batch, phone):
         self.ask("outbox_drop", batch=batch)
 
+    def accept(self, offer):
+        self.ask("accept", offer=offer)
+
+    def decline(self, offer):
+        self.ask("decline", offer=offer)
+
+    def settings(self):
+        connection = self.connect({"request": "settings"})
+        found = {}
+        while (line := self.line(connection))["event"] == "setting":
+            found[line["name"]] = line["value"]
+        return found
+
+    def set(self, name, value):
+        self.ask("set", setting=name, value=value)
+
     @staticmethod
     def entry(line):
         return {"direction": line["direction"], "phone": line["phone"], "name": line["file"], "state": line["outcome"],
@@ -204,6 +222,10 @@ class SocketFace:
                                                "state": line["state"], "problem": line.get("message", "")})
                     elif event == "history_added":
                         watcher.tell("history", self.entry(line) if line else {})
+                    elif event == "offer" and "expires_epoch_ms" in line:
+                        watcher.tell("offer", {"id": line["offer"], "name": line["name"], "size": line["size"]})
+                    elif event == "offer_gone":
+                        watcher.tell("offer gone", {"id": line["offer"]})
                     elif event == "batch_gone":
                         watcher.tell("batch gone", {"id": line["batch"]})
                     elif event == "phone_gone":
@@ -292,6 +314,21 @@ class BusFace:
     def drop(self, batch, phone):
         self.call(self.batch_path(batch, phone), "Batch", "Cancel")
 
+    def accept(self, offer):
+        self.call(f"{ROOT}/offers/{offer}", "Offer", "Accept")
+
+    def decline(self, offer):
+        self.call(f"{ROOT}/offers/{offer}", "Offer", "Decline")
+
+    def settings(self):
+        [settings] = self.call(ROOT, "org.freedesktop.DBus.Properties", "Get", "ss", f"{NAME}.Service",
+                               "Settings").values
+        return settings
+
+    def set(self, name, value):
+        kind = "b" if isinstance(value, bool) else "t" if isinstance(value, int) else "s"
+        self.call(ROOT, "Service", "SetSetting", "sv", name, (kind, value))
+
     def objects(self, kind):
         [managed] = self.call(ROOT, OBJECTS, "GetManagedObjects").values
         return {path: interfaces[f"{NAME}.{kind}"] for path, interfaces in managed.items()
@@ -367,6 +404,8 @@ class BusWatcher(Watcher):
             return {"key": properties["PublicKey"]}
         if kind == "Batch":
             return {"id": path.rsplit("/", 1)[1].rsplit("_", 1)[0].replace("_", "-")}
+        if kind == "Offer":
+            return {"id": int(path.rsplit("/", 1)[1])}
         return {}
 
     def show(self, path):
@@ -379,6 +418,8 @@ class BusWatcher(Watcher):
                                    "batch": of["Batch"], "state": of["State"], "done": of["BytesDone"],
                                    "total": of["BytesTotal"], "rate": of["BytesPerSecond"], "path": of["Path"],
                                    "problem": of["Problem"][0]})
+        elif kind == "Offer" and of["Expires"]:
+            self.tell("offer", {**self.names_of(path, kind, of), "name": of["Name"], "size": of["Size"]})
         elif kind == "Batch":
             self.tell("batch", {**self.names_of(path, kind, of), "phone": of["Phone"], "files": of["FilesTotal"],
                                 "files_done": of["FilesDone"], "state": of["State"], "problem": of["Problem"][0]})

@@ -8,8 +8,8 @@ import os
 
 import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
-from bus_client import BUS, BusClient
-from faces import FACES, BusFace, Refused
+from bus_client import BUS, BusClient, BusError
+from faces import FACES, NAME, ROOT, BusFace, Refused, sealed_memory
 from harness import MIB, PATIENCE, random_key, unused_port
 from https_server import PushServer
 from outbox_world import OutboxTest
@@ -357,11 +357,44 @@ def a_batch_is_taken_back(test, face):
     test.end(service)
 
 
+# Questions and settings
+
+@row
+def a_file_is_accepted_and_another_declined(test, face):
+    service = test.serve(test.mac, "--accept", "ask")
+    test.phone.record(test.mac, service.port)
+    watcher = face.watch()
+    for name, answer, status in (("taken.txt", "accept", 0), ("left.txt", "decline", 1)):
+        sending = test.running(test.phone, "send", "--json", str(test.file(name, CONTENT)))
+        offer = watcher.wait("offer", name=name)
+        test.assertEqual(len(CONTENT), offer["size"])
+        getattr(face, answer)(offer["id"])
+        watcher.wait("offer gone", id=offer["id"])
+        test.assertEqual(status, sending.wait(), sending.stderr)
+        test.assert_missing(getattr(face, answer), offer["id"])
+    test.assertEqual(["taken.txt"], [path.name for path in test.mac.downloads.iterdir()])
+    test.end(service)
+
+
+@row
+def settings_are_read_and_changed(test, face):
+    service = test.serve(test.mac)
+    test.assertTrue(face.settings()["history"])
+    for name, value in (("history", False), ("max-file", 1000), ("name", "Büro"), ("accept", "never")):
+        face.set(name, value)
+        test.assertEqual(value, face.settings()[name])
+    for name, value in (("history", "perhaps"), ("nonsense", True), ("accept", "sometimes"), ("dir", "/nowhere")):
+        before = face.settings()
+        test.refusal(face.set, name, value)
+        test.assertEqual(before, face.settings())
+    test.end(service)
+
+
 def with_face(case, kind):
     @functools.wraps(case)
     def test(self):
         monitor = self.eavesdrop()
-        public = case(self, LateFace(self, kind)) or "com.tarvinex.orlinth1"
+        public = case(self, LateFace(self, kind)) or NAME
         self.assertIn(public.encode(), self.assert_nothing_secret(monitor), "what is public the monitor has heard")
     return test
 
@@ -381,8 +414,54 @@ for each in TABLE:
         setattr(BothFaces, f"test_{each.__name__}_by_the_{of.name}", with_face(each, of))
 
 
-class TextsOnTheBus(BothFaces):
-    """What only descriptors of the bus can be."""
+class OnTheBusAlone(BothFaces):
+    """What the socket has no counterpart of: names of errors, other descriptors than sealed memory, and that signals are
+    few."""
+
+    def test_errors_have_names_and_hints(self):
+        service = self.serve(self.mac)
+        face = BusFace(self)
+        tablet = self.another_phone("tablet")
+        face.watch().wait("phone", key=tablet.key)
+        phone, away = face.phone_path(tablet.key), face.phone_path(random_key())
+        memory = sealed_memory(b"text")
+        self.addCleanup(os.close, memory)
+        service_interface = f"{NAME}.Service"
+        for expected, text, *call in (
+                ("InvalidArgument", "'' cannot be the name", phone, f"{NAME}.Phone", "Rename", "s", ""),
+                ("InvalidArgument", "another phone is called", phone, f"{NAME}.Phone", "Rename", "s", "Phone"),
+                ("Failed", "no push token is recorded for 'tablet'\nWithout one", phone, f"{NAME}.Phone", "Wake"),
+                ("InvalidArgument", "1 to 500 entries", ROOT, service_interface, "GetHistory", "tu", 0, 0),
+                ("NotFound", "there is no text", ROOT, service_interface, "GetLastText"),
+                ("NoSuchPhone", "there is no such phone", ROOT, service_interface, "SendText", "haoa{sv}", 0, [away], {}),
+                ("Failed", "network: ", ROOT, service_interface, "SendText", "haoa{sv}", 0, [phone], {})):
+            with self.subTest(call), self.assertRaises(BusError) as caught:
+                face.client.call(NAME, *call, descriptors=[memory] if "SendText" in call else [])
+            self.assertEqual(f"{NAME}.Error.{expected}", caught.exception.name)
+            self.assertIn(text, caught.exception.text)
+        self.end(service)
+
+    def test_many_small_files_are_few_signals_and_nobody_misses_that_there_are_more(self):
+        receiving = self.phone_listens()
+        service = self.serve(self.mac)
+        face = BusFace(self)
+        watcher = face.watch()
+        files = [self.file(f"{number}.txt", CONTENT) for number in range(100)]
+        batch = face.send_files(files)
+        watcher.wait("batch gone", id=batch)
+        names = {file.name for file in files}
+        self.assertEqual(names, {entry["name"] for entry in face.history()})
+
+        def is_known():
+            told = watcher.all("history")
+            last_anew = max((i for i, entry in enumerate(told) if not entry), default=None)
+            return last_anew is not None or names == {entry["name"] for entry in told}
+        with watcher.changed:
+            self.assertTrue(watcher.changed.wait_for(is_known, PATIENCE), watcher.told)
+        self.assertLess(len(watcher.all("history")), len(files))
+        self.assertEqual([], watcher.all("transfer"))
+        self.end(service)
+        self.end(receiving)
 
     def test_a_text_may_come_in_any_file_or_by_a_pipe(self):
         receiving = self.phone_listens()
@@ -407,18 +486,18 @@ class TextsOnTheBus(BothFaces):
         face = BusFace(self)
         reader, writer = os.pipe()
         self.addCleanup(os.close, writer)
-        serial = face.client.send("com.tarvinex.orlinth1", "/com/tarvinex/orlinth1", "com.tarvinex.orlinth1.Service",
-                                  "SendText", "haoa{sv}", 0, [], {}, descriptors=[reader])
+        serial = face.client.send(NAME, ROOT, f"{NAME}.Service", "SendText", "haoa{sv}", 0, [], {}, descriptors=[reader])
         os.close(reader)
         self.assertEqual([], face.history())
-        with self.assertRaises(Exception) as caught:
+        with self.assertRaises(BusError) as caught:
             face.client.answer(serial)
-        self.assertIn("the text cannot be read: Connection timed out", str(caught.exception))
+        self.assertEqual(f"{NAME}.Error.InvalidArgument", caught.exception.name)
+        self.assertEqual("the text cannot be read: Connection timed out", caught.exception.text)
         self.end(service)
 
 
 for name in [name for name in dir(BothFaces) if name.startswith("test_")]:
-    setattr(TextsOnTheBus, name, None)  # each once
+    setattr(OnTheBusAlone, name, None)  # each once
 
 
 if __name__ == "__main__":

@@ -3,10 +3,13 @@
 import json
 import os
 import pathlib
+import socket
 import subprocess
+import sys
 
 import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
+from bus_client import BusClient, BusError, path_of
 from faces import NAME, ROOT, BusFace
 from harness import MIB, PATIENCE
 from outbox_world import OutboxTest
@@ -56,6 +59,9 @@ class JailedCallers(BusTestMixin, OutboxTest):
         yield ROOT, SERVICE, "GetLastText"
         yield ROOT, SERVICE, "GetHistory", "tu", "0", "10"
         yield ROOT, SERVICE, "ClearHistory"
+        yield ROOT, SERVICE, "Pair", "a{sv}", "0"
+        yield ROOT, SERVICE, "SetSetting", "sv", "accept", "s", "never"
+        yield ROOT, SERVICE, "Restart"
         yield phone, f"{NAME}.Phone", "Remove"
 
     def test_a_sandboxed_program_sends_files_and_steers_that_and_does_nothing_else(self):
@@ -91,6 +97,32 @@ class JailedCallers(BusTestMixin, OutboxTest):
         jail = self.jail("flatpak-info")
         self.assertEqual("", self.call(jail, ROOT, SERVICE, "GetHistory", "tu", "0", "10"))
         self.assertEqual("", self.call(jail, face.phone_path(self.phone.key), f"{NAME}.Phone", "Rename", "s", "Mine"))
+        self.end(service)
+
+    def connection_of_a_process_that_has_gone(self):
+        """To the bus, which knows who has opened it."""
+        ours, theirs = socket.socketpair()
+        program = ("import socket, sys\n"
+                   "bus, way = socket.socket(socket.AF_UNIX), socket.socket(fileno=int(sys.argv[2]))\n"
+                   "bus.connect(sys.argv[1])\n"
+                   "socket.send_fds(way, [b'x'], [bus.fileno()])\n")
+        subprocess.run([sys.executable, "-c", program, path_of(self.address), str(theirs.fileno())],
+                       pass_fds=[theirs.fileno()], check=True, timeout=PATIENCE)
+        _, [number], _, _ = socket.recv_fds(ours, 1, 1)
+        ours.close()
+        theirs.close()
+        return socket.socket(fileno=number)
+
+    def test_a_program_that_cannot_be_looked_at_counts_as_one_in_a_sandbox(self):
+        service = self.serve(self.mac)
+        client = BusClient(self.address, self.connection_of_a_process_that_has_gone())
+        self.addCleanup(client.close)
+        with self.assertRaises(BusError) as caught:
+            client.call(NAME, ROOT, SERVICE, "GetHistory", "tu", 0, 10)
+        self.assertEqual(f"{NAME}.Error.NotAllowed", caught.exception.name)
+        self.assertEqual("it cannot be seen whether the program that calls is in a sandbox", caught.exception.text)
+        [state] = client.call(NAME, ROOT, PROPERTIES, "Get", "ss", SERVICE, "State").values
+        self.assertEqual("listening", state)
         self.end(service)
 
     def test_what_is_no_method_is_nobodys(self):

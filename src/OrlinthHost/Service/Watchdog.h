@@ -22,7 +22,7 @@ namespace orlinth::host {
 ///     resting ───────────────────────────────────▶ watching ──┐ a look each lookInterval
 ///        ▲ └─┐ a look each restInterval             │  ▲──────┘
 ///        │   └─ a thread has not answered ─────────▶│
-///        └──── restAfter without stir(), and every thread has answered
+///        └──── restAfter without stir(), and no thread is late
 ///
 /// Each look wakes every thread that it asks, so a service with nothing to do is looked at seldom: a thread that begins
 /// to hang then is reported at the second look from there, if it has not recovered by then.

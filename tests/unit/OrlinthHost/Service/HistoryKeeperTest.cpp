@@ -60,7 +60,7 @@ protected:
 };
 
 TEST_F(HistoryKeeperTest, TellsWhatWasAddedSince) {
-    HistoryKeeper keeper(home_, true);
+    HistoryKeeper keeper(home_);
     int changes = 0;
     keeper.onChanged = [&changes] { ++changes; };
     end(keeper, "a");
@@ -78,7 +78,7 @@ TEST_F(HistoryKeeperTest, TellsWhatWasAddedSince) {
 }
 
 TEST_F(HistoryKeeperTest, IsToBeReadAnewWhenItWasCleared) {
-    HistoryKeeper keeper(home_, true);
+    HistoryKeeper keeper(home_);
     end(keeper, "a");
     const std::uint64_t seen = keeper.version();
     end(keeper, "b");
@@ -93,20 +93,13 @@ TEST_F(HistoryKeeperTest, IsToBeReadAnewWhenItWasCleared) {
 }
 
 TEST_F(HistoryKeeperTest, IsToBeReadAnewByWhoHasMissedMoreThanIsKept) {
-    HistoryKeeper keeper(home_, true);
+    HistoryKeeper keeper(home_);
     for (std::size_t i = 0; i < HistoryKeeper::maxRecent; ++i) {
         keeper.ended({.name = "a"});
     }
     EXPECT_TRUE(keeper.since(0).isWhole);
     keeper.ended({.name = "a"});
     EXPECT_FALSE(keeper.since(0).isWhole);
-    world_.run(keeper.finish());
-}
-
-TEST_F(HistoryKeeperTest, ThatIsOffTellsNothing) {
-    HistoryKeeper keeper(home_, false);
-    end(keeper, "a");
-    EXPECT_EQ(0U, keeper.version());
     world_.run(keeper.finish());
 }
 

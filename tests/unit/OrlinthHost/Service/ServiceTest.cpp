@@ -112,6 +112,20 @@ TEST_F(ServiceTest, APhoneDeliversAFile) {
     EXPECT_THAT(events_.failures, IsEmpty());
 }
 
+TEST_F(ServiceTest, LooksForThreadsThatHangSeldomWhileItIsIdleAndOftenWhileAFileComes) {
+    start();
+    pass(200s);
+    std::size_t before = world_.queues.looks;
+    pass(600s);
+    EXPECT_EQ(10U, world_.queues.looks - before);
+    const auto from = phone();
+    world_.run(from->send(Row::fileOffer("film", 8, "text/plain", "ID")));
+    static_cast<void>(world_.run(from->expect<Row::Resume>()));
+    before = world_.queues.looks;
+    pass(10s);
+    EXPECT_GE(world_.queues.looks - before, 19U);
+}
+
 TEST_F(ServiceTest, WritesDownWhatCameWhatWentAndWhatDidNot) {
     start();
     deliver("a.txt");
