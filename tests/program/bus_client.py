@@ -148,6 +148,18 @@ class BusClient:
 
     def call(self, path, interface, member, signature="", *arguments, destination="com.tarvinex.orlinth1"):
         """What it returns, as a list; a descriptor as its number, which is the caller's to close."""
+        self.send(path, interface, member, signature, *arguments, destination=destination)
+        while True:
+            kind, fields, values = self.message()
+            if fields.get(REPLY_SERIAL) == self.serial:
+                if kind == ERROR:
+                    raise BusError(fields[ERROR_NAME], values[0] if values else "")
+                return values
+            if kind == SIGNAL:
+                self.signals.append((fields[MEMBER], values))
+
+    def send(self, path, interface, member, signature="", *arguments, destination="com.tarvinex.orlinth1"):
+        """The call alone, whose answer nobody waits for."""
         self.serial += 1
         body = Writer()
         for kind, value in zip(types_of(signature), arguments):
@@ -162,14 +174,6 @@ class BusClient:
             head.put(kind, value)
         head.align(8)
         self.socket.sendall(head.data + body.data)
-        while True:
-            kind, fields, values = self.message()
-            if fields.get(REPLY_SERIAL) == self.serial:
-                if kind == ERROR:
-                    raise BusError(fields[ERROR_NAME], values[0] if values else "")
-                return values
-            if kind == SIGNAL:
-                self.signals.append((fields[MEMBER], values))
 
     def wait_for_signal(self, member, condition=lambda values: True):
         """The values of the next signal of this name for which that holds."""

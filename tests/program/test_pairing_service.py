@@ -7,6 +7,7 @@ import os
 import socket
 import struct
 import subprocess
+import time
 import zlib
 
 import own_root  # noqa: F401 (it is entered by the import)
@@ -240,6 +241,26 @@ class PairingService(OutboxTest):
         other.wait_for_signal("InterfacesRemoved", lambda values: values[0] == PAIRING)
         self.end(service)
 
+    def test_it_does_not_stay_for_somebody_who_has_left_meanwhile(self):
+        service = self.serve(self.mac)
+        other = self.client()
+        for _ in range(5):
+            owner = self.client()
+            owner.send(ROOT, f"{NAME}.Service", "Pair", "a{sv}", {"interface": ("s", "lo")})
+            owner.close()
+            ends = time.monotonic() + PATIENCE
+            while True:  # each turn waits for an answer
+                try:
+                    self.pair(other)
+                    break
+                except BusError as error:
+                    self.assertEqual(f"{NAME}.Error.Busy", error.name)
+                    self.assertLess(time.monotonic(), ends, "it waits for the phone of nobody")
+            other.close()
+            other = self.client()
+        self.assertEqual([], self.records())
+        self.end(service)
+
     def test_one_at_a_time_with_the_command_line(self):
         service = self.serve(self.mac)
         client = self.client()
@@ -259,6 +280,8 @@ class PairingService(OutboxTest):
 
     def test_a_program_at_the_socket_pairs_too(self):
         service = self.serve(self.mac)
+        other = self.client()
+        self.follow(other)
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
             connection.settimeout(PATIENCE)
             folder = os.open(self.mac.data / "Orlinth", os.O_PATH)  # the path may be too long for a socket
@@ -268,6 +291,8 @@ class PairingService(OutboxTest):
                 os.close(folder)
             connection.sendall(b'{"request":"pair","interface":"lo"}\n')
             waiting = line_from(connection)
+            other.wait_for_signal("InterfacesAdded", lambda values: values[0] == PAIRING)
+            self.assertEqual("NotAllowed", self.failure(other, PAIRING, "Pairing", "GetCode")[0])
             self.assertEqual(["event", "expires_epoch_ms", "state"], sorted(waiting))
             [descriptor] = socket.recv_fds(connection, 1, 1)[1]
             try:
