@@ -39,9 +39,14 @@ install(CODE "
   cmake_path(APPEND orlinthPrefix \"${CMAKE_INSTALL_DOCDIR}\" README.md OUTPUT_VARIABLE ORLINTH_README)
   configure_file(\"${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth.service.in\"
                  \"${PROJECT_BINARY_DIR}/orlinth.service\" @ONLY)
+  configure_file(\"${PROJECT_SOURCE_DIR}/packaging/dbus/com.tarvinex.orlinth1.service.in\"
+                 \"${PROJECT_BINARY_DIR}/com.tarvinex.orlinth1.service\" @ONLY)
 ")
 install(FILES "${PROJECT_BINARY_DIR}/orlinth.service" "${PROJECT_SOURCE_DIR}/packaging/systemd/orlinth.socket"
         DESTINATION lib/systemd/user)
+
+# How the session's bus starts the service for whoever asks for it: by systemd, or by itself where there is none.
+install(FILES "${PROJECT_BINARY_DIR}/com.tarvinex.orlinth1.service" DESTINATION share/dbus-1/services)
 
 # What the service shows on the session's bus, for those who write programs against it.
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/dbus/com.tarvinex.orlinth1.xml" DESTINATION share/dbus-1/interfaces)

@@ -6,6 +6,7 @@
 #include "OrlinthBus/PairingObject.h"
 #include "OrlinthHost/HostError.h"
 #include "platform/Cancelled.h"
+#include "platform/SystemError.h"
 #include "platform/linux/SystemdLibrary.h"
 
 #include <asio/this_coro.hpp>
@@ -29,6 +30,23 @@ std::vector<BusInterface> allInterfaces() {
     return interfaces;
 }
 
+/// Of the error on the bus.
+const char* nameOf(host::SettingError::Case which) noexcept {
+    using Case = host::SettingError::Case;
+    switch (which) {
+    case Case::unknownSetting:
+    case Case::invalidValue:
+        return "InvalidArgument";
+    case Case::noSuchPhone:
+        return "NoSuchPhone";
+    case Case::fixed:
+        return "NotAllowed";
+    case Case::notSaved:
+        break;
+    }
+    return "Failed";
+}
+
 } // namespace
 
 BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, ServiceIdentity identity)
@@ -41,8 +59,16 @@ BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, Service
                 connectLater();
             }),
       pairingCalls_(home, loop_, [this] { tellEverything(); }),
+      gate_(home, loop_, [this](BusCall call) { onCall(std::move(call)); }),
+      phoneCalls_(home, loop_),
       tree_(allInterfaces(), {phonesPath, batchesPath, transfersPath, offersPath},
-            [this](BusCall call) { onCall(std::move(call)); }),
+            [this](BusCall call) {
+                if (isStopping_) {
+                    call.fail("Busy", "the service is ending");
+                } else {
+                    gate_.take(std::move(call));
+                }
+            }),
       clients_([this](const std::string& /*name*/) { clientsChanged(); }),
       reconnecting_(home.system.clock.makeTimer(home.executor)),
       tasks_(home.executor),
@@ -55,6 +81,7 @@ BusFace::~BusFace() {
 Task<> BusFace::start(host::ServiceApi& api) {
     api_ = &api;
     pairingCalls_.start(api);
+    phoneCalls_.start(api);
     tasks_.add(tellNews(), [this](const std::exception_ptr& error) {
         try {
             if (error) {
@@ -73,6 +100,7 @@ Task<> BusFace::start(host::ServiceApi& api) {
 
 void BusFace::stop() {
     isStopping_ = true;
+    news_.changed();
     if (api_ == nullptr) {
         return;
     }
@@ -80,12 +108,15 @@ void BusFace::stop() {
     tasks_.cancelAll();
     pairingCalls_.stop();
     onlooker_.reset();
+    phoneCalls_.stop();
     static_cast<void>(tree_.update(look(false), tree_.objects().size() + phoneViews_.size() + signalsAtOnce));
 }
 
 Task<> BusFace::finish() {
     co_await tasks_.join();
     co_await pairingCalls_.finish();
+    co_await gate_.finish();
+    co_await phoneCalls_.finish();
     co_await sendings_.join();
     const auto isOut = [this] {
         std::uint64_t queued = 0;
@@ -104,6 +135,7 @@ void BusFace::connect() {
         return;
     }
     name_ = Name::unknown;
+    historySignals_.start(api_->history());
     static_cast<void>(tree_.update(look(true), signalsAtOnce)); // not attached: told to nobody
     if (!loop_.open() || !tree_.attach(loop_)) {
         disconnect();
@@ -137,6 +169,7 @@ void BusFace::disconnect() noexcept {
     clients_.detach();
     pairingCalls_.detach();
     onlooker_.reset();
+    gate_.forget();
     tree_.detach();
     name_ = Name::unknown;
 }
@@ -216,8 +249,8 @@ BusObjects BusFace::look(bool alsoPhones) {
     for (const host::OfferView& offer : offers) {
         offers_.emplace(pathOfOffer(offer.number), offer.number);
     }
-    BusObjects objects =
-        objectsOf(api_->service(), identity_, phoneViews_, transfers, batches, home_.system.clock.now());
+    BusObjects objects = objectsOf(api_->service(), identity_, api_->settings(), phoneViews_, transfers, batches,
+                                   home_.system.clock.now());
     addOffers(objects, offers);
     addPairing(objects, api_->pairing());
     return objects;
@@ -253,14 +286,31 @@ Task<> BusFace::tellNews() {
             co_await api_->news().until(isNew);
         }
         seen = api_->version();
-        BusTree::Told told = tree_.update(look(!hasCome), signalsAtOnce);
+        BusTree::Told told = tell(!hasCome);
+        keepTold(told, seen);
         while (told.signals > 0) {
             co_await home_.system.clock.sleep(newsInterval);
             if (told.isEverything) {
                 break;
             }
-            told = tree_.update(look(false), signalsAtOnce);
+            told = tell(false);
+            keepTold(told, seen);
         }
+    }
+}
+
+BusTree::Told BusFace::tell(bool alsoPhones) {
+    const HistorySignals::Told history = historySignals_.tell(loop_, api_->history());
+    BusTree::Told told = tree_.update(look(alsoPhones), signalsAtOnce - history.signals);
+    told.signals += history.signals;
+    told.isEverything = told.isEverything && history.isEverything;
+    return told;
+}
+
+void BusFace::keepTold(const BusTree::Told& told, std::uint64_t version) {
+    if (told.isEverything) {
+        toldVersion_ = version;
+        news_.changed();
     }
 }
 
@@ -270,10 +320,21 @@ void BusFace::onCall(BusCall call) {
     if (pairingCalls_.take(call)) {
         return;
     }
+    if (phoneCalls_.take(call, phones_)) {
+        return;
+    }
     const std::string path = call.path();
     const std::string member = call.member();
     if (member == "SendFiles") {
         sendFiles(std::move(call));
+        return;
+    }
+    if (member == "Restart") {
+        restart(std::move(call));
+        return;
+    }
+    if (member == "SetSetting") {
+        setSetting(std::move(call));
         return;
     }
     if (const auto transfer = transfers_.find(path); transfer != transfers_.end() && member == "Cancel") {
@@ -301,6 +362,16 @@ void BusFace::onCall(BusCall call) {
     call.fail("NotFound", "there is no such object any more");
 }
 
+void BusFace::restart(BusCall call) {
+    try {
+        api_->restart();
+    } catch (const host::HostError& error) {
+        call.fail("Failed", error.description() + "\n" + error.hint());
+        return;
+    }
+    call.reply();
+}
+
 void BusFace::answerOffer(BusCall call, host::OfferNumber number) {
     if (api_->answerOffer(number, call.member() == "Accept")) {
         call.reply();
@@ -310,8 +381,8 @@ void BusFace::answerOffer(BusCall call, host::OfferNumber number) {
 }
 
 void BusFace::sendFiles(BusCall call) {
-    if (isStopping_ || sendings_.size() >= maxSendings) {
-        call.fail("Busy", isStopping_ ? "the service is ending" : "too many files are being shared at once");
+    if (sendings_.size() >= maxSendings) {
+        call.fail("Busy", "too many files are being shared at once");
         return;
     }
     std::vector<platform::Path> files;
@@ -356,6 +427,52 @@ Task<> BusFace::share(std::shared_ptr<BusCall> call, std::vector<platform::Path>
         problem = describe(error);
     }
     call->fail("Failed", problem);
+    loop_.wake();
+}
+
+void BusFace::setSetting(BusCall call) {
+    if (isStopping_ || sendings_.size() >= maxSendings) {
+        call.fail("Busy", isStopping_ ? "the service is ending" : "too much is being done at once");
+        return;
+    }
+    std::string name;
+    host::SettingValue value;
+    try {
+        name = call.readText();
+        value = call.readValue();
+    } catch (const platform::SystemError& error) {
+        call.fail("InvalidArgument", error.description());
+        return;
+    }
+    const auto shared = std::make_shared<BusCall>(std::move(call));
+    sendings_.add(set(shared, std::move(name), std::move(value)), [](const std::exception_ptr&) {
+        // likewise
+    });
+}
+
+Task<> BusFace::set(std::shared_ptr<BusCall> call, std::string name, host::SettingValue value) {
+    const char* kind = "Failed";
+    std::string problem;
+    try {
+        co_await api_->setSetting(std::move(name), std::move(value));
+    } catch (const host::SettingError& error) {
+        kind = nameOf(error.which());
+        problem = error.description() + (error.hint().empty() ? "" : "\n" + error.hint());
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    if (problem.empty()) {
+        const auto isTold = [this, version = api_->version()] {
+            return toldVersion_ >= version || name_ != Name::ours || isStopping_;
+        };
+        static_cast<void>(co_await news_.until(isTold, home_.system.clock, tellingLimit));
+        call->reply();
+    } else {
+        call->fail(kind, problem);
+    }
     loop_.wake();
 }
 

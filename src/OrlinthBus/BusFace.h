@@ -2,7 +2,10 @@
 
 #include "OrlinthBus/BusPeers.h"
 #include "OrlinthBus/BusTree.h"
+#include "OrlinthBus/CallerGate.h"
+#include "OrlinthBus/HistoryMessages.h"
 #include "OrlinthBus/PairingCalls.h"
+#include "OrlinthBus/PhoneCalls.h"
 #include "OrlinthBus/ServiceObjects.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ServiceApi.h"
@@ -37,7 +40,7 @@ public:
     static constexpr Seconds phonesInterval = 15s;
     /// The same if one is only asleep.
     static constexpr Seconds sleepersInterval = 300s;
-    /// Calls of SendFiles at once; more are refused.
+    /// Calls of SendFiles and SetSetting at once; more are refused.
     static constexpr std::size_t maxSendings = 4;
     /// For the last signals to get out.
     static constexpr std::chrono::milliseconds lastWordsLimit{100};
@@ -45,6 +48,8 @@ public:
     static constexpr std::size_t signalsAtOnce = 5;
     /// Before a bus that is lost, or that there is none, is looked for again.
     static constexpr Seconds reconnectInterval = 60s;
+    /// For a change of a setting to be told, before its call is answered: whoever looks then sees it.
+    static constexpr Seconds tellingLimit = 1s;
     /// Files of one call of SendFiles.
     static constexpr std::size_t maxFiles = 10'000;
 
@@ -66,6 +71,9 @@ private:
     void connectLater();
     static int onName(sd_bus_message* message, void* self, sd_bus_error* error);
     [[nodiscard]] Task<> tellNews();
+    /// Tells what is new, as far as may be told at once.
+    BusTree::Told tell(bool alsoPhones);
+    void keepTold(const BusTree::Told& told, std::uint64_t version);
     /// What there is; the phones anew if they are asked for, or if something was heard of one.
     [[nodiscard]] BusObjects look(bool alsoPhones);
     /// How long nothing may change by time alone; nothing: for ever.
@@ -76,20 +84,27 @@ private:
     /// For somebody who is told at once where to find something new.
     void tellEverything();
     void onCall(BusCall call);
+    void restart(BusCall call);
     void answerOffer(BusCall call, host::OfferNumber number);
     void sendFiles(BusCall call);
     [[nodiscard]] Task<> share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files,
                                std::vector<PeerKey> phones);
+    void setSetting(BusCall call);
+    [[nodiscard]] Task<> set(std::shared_ptr<BusCall> call, std::string name, host::SettingValue value);
     void log(platform::LogLevel level, const std::string& text) const noexcept;
 
     host::Home& home_;
     const ServiceIdentity identity_;
     host::ServiceApi* api_ = nullptr; ///< once it is started
     Name name_ = Name::unknown;
-    platform::Condition news_; ///< of `name_`
+    std::uint64_t toldVersion_ = 0; ///< of the service, of which everything was told
+    platform::Condition news_;      ///< of the two before
     platform::BusLoop loop_;
     PairingCalls pairingCalls_;
+    CallerGate gate_;
+    PhoneCalls phoneCalls_;
     BusTree tree_;
+    HistorySignals historySignals_;
     platform::BusSlotRef request_; ///< of the name
     platform::BusSlotRef filter_;  ///< onMessage()
     BusPeers clients_;
@@ -103,7 +118,7 @@ private:
     std::uint64_t phonesSeen_ = 0; ///< their version
     bool isStopping_ = false;
     platform::TaskGroup tasks_;    ///< tellNews()
-    platform::TaskGroup sendings_; ///< calls of SendFiles
+    platform::TaskGroup sendings_; ///< calls of SendFiles and SetSetting
 };
 
 } // namespace orlinth::bus

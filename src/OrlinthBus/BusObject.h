@@ -22,8 +22,12 @@ struct ProblemText {
     friend bool operator==(const ProblemText&, const ProblemText&) = default;
 };
 
-/// The value of a property: "s", "b", "q", "u", "t", "o", "(ss)".
-using BusValue = std::variant<std::string, bool, std::uint16_t, std::uint32_t, std::uint64_t, ObjectPath, ProblemText>;
+/// Values by their names, "a{sv}", each "s", "b" or "t".
+using BusDictionary = std::map<std::string, std::variant<std::string, bool, std::uint64_t>>;
+
+/// The value of a property: "s", "b", "q", "u", "t", "o", "(ss)", "as", "a{sv}".
+using BusValue = std::variant<std::string, bool, std::uint16_t, std::uint32_t, std::uint64_t, ObjectPath, ProblemText,
+                              std::vector<std::string>, BusDictionary>;
 
 /// What D-Bus calls the value's type.
 [[nodiscard]] const char* signatureOf(const BusValue& value) noexcept;
@@ -55,9 +59,15 @@ struct BusInterface {
         std::vector<Argument> out = {};
     };
 
+    struct Signal {
+        std::string name;
+        std::vector<Argument> arguments = {};
+    };
+
     std::string name;
     std::vector<Method> methods;
     std::vector<Property> properties;
+    std::vector<Signal> signals = {};
 };
 
 } // namespace orlinth::bus

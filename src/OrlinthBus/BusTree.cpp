@@ -3,6 +3,7 @@
 #include "OrlinthBus/ObjectPath.h"
 #include "base/Overloaded.h"
 #include "platform/SystemError.h"
+#include "platform/linux/PassedFile.h"
 #include "platform/linux/SystemdLibrary.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 namespace orlinth::bus {
@@ -18,20 +20,75 @@ namespace {
 
 using platform::systemd;
 
+int appendBasic(sd_bus_message* message, const std::string& text) {
+    return systemd().sd_bus_message_append_basic(message, 's', text.c_str());
+}
+int appendBasic(sd_bus_message* message, bool flag) {
+    const int wide = flag ? 1 : 0;
+    return systemd().sd_bus_message_append_basic(message, 'b', &wide);
+}
+int appendBasic(sd_bus_message* message, std::uint64_t number) {
+    return systemd().sd_bus_message_append_basic(message, 't', &number);
+}
+
+const char* signatureOf(const std::string&) noexcept {
+    return "s";
+}
+const char* signatureOf(bool) noexcept {
+    return "b";
+}
+const char* signatureOf(std::uint64_t) noexcept {
+    return "t";
+}
+
+/// Opens a container, appends what is in it, and closes it. Negative if the library refuses.
+template <typename Content>
+int appendIn(sd_bus_message* message, char type, const char* signature, Content content) {
+    int result = systemd().sd_bus_message_open_container(message, type, signature);
+    if (result >= 0) {
+        result = content();
+    }
+    return result < 0 ? result : systemd().sd_bus_message_close_container(message);
+}
+
+int appendTexts(sd_bus_message* message, const std::vector<std::string>& texts) {
+    return appendIn(message, 'a', "s", [&] {
+        int result = 0;
+        for (auto text = texts.begin(); text != texts.end() && result >= 0; ++text) {
+            result = appendBasic(message, *text);
+        }
+        return result;
+    });
+}
+
+int appendDictionary(sd_bus_message* message, const BusDictionary& dictionary) {
+    const auto appendEntry = [message](const BusDictionary::value_type& entry) {
+        const int named = appendBasic(message, entry.first);
+        const auto appendValue = [message](const auto& value) {
+            return appendIn(message, 'v', signatureOf(value), [&] { return appendBasic(message, value); });
+        };
+        return named < 0 ? named : std::visit(appendValue, entry.second);
+    };
+    return appendIn(message, 'a', "{sv}", [&] {
+        int result = 0;
+        for (auto entry = dictionary.begin(); entry != dictionary.end() && result >= 0; ++entry) {
+            result = appendIn(message, 'e', "sv", [&] { return appendEntry(*entry); });
+        }
+        return result;
+    });
+}
+
 /// Appends a value; negative if the library refuses.
 int append(sd_bus_message* message, const BusValue& value) {
     return std::visit(
         Overloaded{
-            [message](const std::string& text) {
-                return systemd().sd_bus_message_append_basic(message, 's', text.c_str());
-            },
-            [message](bool flag) {
-                const int wide = flag ? 1 : 0;
-                return systemd().sd_bus_message_append_basic(message, 'b', &wide);
-            },
+            [message](const std::string& text) { return appendBasic(message, text); },
+            [message](bool flag) { return appendBasic(message, flag); },
             [message](std::uint16_t number) { return systemd().sd_bus_message_append_basic(message, 'q', &number); },
             [message](std::uint32_t number) { return systemd().sd_bus_message_append_basic(message, 'u', &number); },
-            [message](std::uint64_t number) { return systemd().sd_bus_message_append_basic(message, 't', &number); },
+            [message](std::uint64_t number) { return appendBasic(message, number); },
+            [message](const std::vector<std::string>& texts) { return appendTexts(message, texts); },
+            [message](const BusDictionary& dictionary) { return appendDictionary(message, dictionary); },
             [message](const ObjectPath& path) {
                 return systemd().sd_bus_message_append_basic(message, 'o', path.text.c_str());
             },
@@ -109,11 +166,12 @@ bool isBelow(const std::string& path, const std::string& parent) {
 } // namespace
 
 const char* signatureOf(const BusValue& value) noexcept {
-    return std::visit(Overloaded{[](const std::string&) { return "s"; }, [](bool) { return "b"; },
-                                 [](std::uint16_t) { return "q"; }, [](std::uint32_t) { return "u"; },
-                                 [](std::uint64_t) { return "t"; }, [](const ObjectPath&) { return "o"; },
-                                 [](const ProblemText&) { return "(ss)"; }},
-                      value);
+    return std::visit(
+        Overloaded{[](const std::string&) { return "s"; }, [](bool) { return "b"; }, [](std::uint16_t) { return "q"; },
+                   [](std::uint32_t) { return "u"; }, [](std::uint64_t) { return "t"; },
+                   [](const ObjectPath&) { return "o"; }, [](const ProblemText&) { return "(ss)"; },
+                   [](const std::vector<std::string>&) { return "as"; }, [](const BusDictionary&) { return "a{sv}"; }},
+        value);
 }
 
 // A call
@@ -182,6 +240,48 @@ BusOptions BusCall::readOptions() {
     return options;
 }
 
+std::string BusCall::interface() const {
+    const char* const interface = systemd().sd_bus_message_get_interface(message_.get());
+    return interface != nullptr ? interface : "";
+}
+
+std::string BusCall::sender() const {
+    const char* const sender = systemd().sd_bus_message_get_sender(message_.get());
+    return sender != nullptr ? sender : "";
+}
+
+std::string BusCall::readText() {
+    const char* text = nullptr;
+    readBasic('s', &text);
+    return text;
+}
+
+template <>
+std::uint64_t BusCall::readNumber<std::uint64_t>() {
+    std::uint64_t number = 0;
+    readBasic('t', &number);
+    return number;
+}
+
+template <>
+std::uint32_t BusCall::readNumber<std::uint32_t>() {
+    std::uint32_t number = 0;
+    readBasic('u', &number);
+    return number;
+}
+
+platform::detail::Descriptor BusCall::readDescriptor() {
+    int number = -1; // the message's
+    readBasic('h', &number);
+    return platform::sameFile(number);
+}
+
+void BusCall::readBasic(char type, void* value) {
+    if (systemd().sd_bus_message_read_basic(message_.get(), type, value) <= 0) {
+        throw platform::SystemError("an argument is missing");
+    }
+}
+
 std::vector<std::string> BusCall::readTexts(char type, std::size_t most) {
     const char content[] = {type, '\0'};
     std::vector<std::string> texts;
@@ -197,6 +297,63 @@ std::vector<std::string> BusCall::readTexts(char type, std::size_t most) {
     }
     systemd().sd_bus_message_exit_container(message_.get());
     return texts;
+}
+
+std::string BusCall::readText() {
+    const char* text = nullptr;
+    if (systemd().sd_bus_message_read_basic(message_.get(), 's', static_cast<void*>(&text)) <= 0) {
+        throw platform::SystemError("not a text");
+    }
+    return text;
+}
+
+namespace {
+
+/// The next value, of a type that is a whole number on the bus. @throws platform::SystemError
+template <typename Number>
+std::int64_t readNumber(sd_bus_message* message, char type) {
+    Number number = 0;
+    if (systemd().sd_bus_message_read_basic(message, type, static_cast<void*>(&number)) <= 0 ||
+        !std::in_range<std::int64_t>(number)) {
+        throw platform::SystemError("not a number that can be used");
+    }
+    return static_cast<std::int64_t>(number);
+}
+
+} // namespace
+
+std::variant<std::string, bool, std::int64_t> BusCall::readValue() {
+    sd_bus_message* const message = message_.get();
+    const char* content = nullptr;
+    char type = 0;
+    if (systemd().sd_bus_message_peek_type(message, &type, &content) <= 0 || type != 'v' ||
+        systemd().sd_bus_message_enter_container(message, 'v', content) < 0) {
+        throw platform::SystemError("not a value");
+    }
+    const std::string_view kind = content;
+    if (kind == "s") {
+        return readText();
+    }
+    if (kind == "b") {
+        int flag = 0;
+        if (systemd().sd_bus_message_read_basic(message, 'b', static_cast<void*>(&flag)) <= 0) {
+            throw platform::SystemError("not a value");
+        }
+        return flag != 0;
+    }
+    if (kind == "t") {
+        return readNumber<std::uint64_t>(message, 't');
+    }
+    if (kind == "x") {
+        return readNumber<std::int64_t>(message, 'x');
+    }
+    if (kind == "u") {
+        return readNumber<std::uint32_t>(message, 'u');
+    }
+    if (kind == "i") {
+        return readNumber<std::int32_t>(message, 'i');
+    }
+    throw platform::SystemError("neither a text nor a flag nor a whole number");
 }
 
 void BusCall::reply() {

@@ -19,6 +19,9 @@ BusVtable::BusVtable(const BusInterface& interface, sd_bus_message_handler_t onC
     for (const BusInterface::Property& property : interface.properties) {
         addProperty(property, onGet);
     }
+    for (const BusInterface::Signal& signal : interface.signals) {
+        addSignal(signal);
+    }
     sd_bus_vtable end{};
     end.type = _SD_BUS_VTABLE_END;
     entries_.push_back(end);
@@ -48,6 +51,21 @@ void BusVtable::addMethod(const BusInterface::Method& method, sd_bus_message_han
     entry.x.method.result = keep(std::move(out));
     entry.x.method.handler = onCall;
     entry.x.method.names = keep(std::move(names));
+    entries_.push_back(entry);
+}
+
+void BusVtable::addSignal(const BusInterface::Signal& signal) {
+    std::string arguments;
+    std::string names; // each with a zero behind it
+    for (const BusInterface::Argument& argument : signal.arguments) {
+        arguments += argument.signature;
+        names += argument.name + '\0';
+    }
+    sd_bus_vtable entry{};
+    entry.type = _SD_BUS_VTABLE_SIGNAL;
+    entry.x.signal.member = keep(signal.name);
+    entry.x.signal.signature = keep(std::move(arguments));
+    entry.x.signal.names = keep(std::move(names));
     entries_.push_back(entry);
 }
 

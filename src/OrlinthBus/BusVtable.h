@@ -25,6 +25,7 @@ public:
 private:
     [[nodiscard]] const char* keep(std::string text);
     void addMethod(const BusInterface::Method& method, sd_bus_message_handler_t onCall);
+    void addSignal(const BusInterface::Signal& signal);
     void addProperty(const BusInterface::Property& property, sd_bus_property_get_t onGet);
 
     std::deque<std::string> texts_; ///< to which the entries point

@@ -3,6 +3,7 @@
 #include "OrlinthBus/ObjectPath.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/ServiceNews.h"
+#include "base/Overloaded.h"
 #include "base/Text.h"
 
 #include <algorithm>
@@ -40,14 +41,41 @@ std::string textOf(const std::string& text) {
     return whole;
 }
 
-BusObject objectOf(const host::ServiceView& service, const ServiceIdentity& identity) {
+BusDictionary dictionaryOf(const std::vector<host::SettingView>& settings) {
+    BusDictionary dictionary;
+    for (const host::SettingView& setting : settings) {
+        BusDictionary::mapped_type value = false;
+        std::visit(Overloaded{[&value](const std::string& text) { value = textOf(text); },
+                              [&value](bool flag) { value = flag; },
+                              [&value](std::int64_t number) { value = countOf(number); }},
+                   setting.value);
+        dictionary.emplace(textOf(setting.name), std::move(value));
+    }
+    return dictionary;
+}
+
+std::vector<std::string> fixedAmong(const std::vector<host::SettingView>& settings) {
+    std::vector<std::string> fixed;
+    for (const host::SettingView& setting : settings) {
+        if (!setting.fixedBy.empty()) {
+            fixed.push_back(textOf(setting.name));
+        }
+    }
+    return fixed;
+}
+
+BusObject objectOf(const host::ServiceView& service, const ServiceIdentity& identity,
+                   const std::vector<host::SettingView>& settings) {
     return {.interface = serviceInterface,
             .properties = {{"Version", identity.version},
                            {"DataDirectory", textOf(identity.dataDirectory)},
                            {"PublicKey", identity.publicKey},
                            {"State", std::string(host::textOf(service.state))},
                            {"Port", service.port},
-                           {"Problem", textOf(service.problem)}}};
+                           {"Problem", textOf(service.problem)},
+                           {"Name", textOf(service.name)},
+                           {"Settings", dictionaryOf(settings)},
+                           {"FixedSettings", fixedAmong(settings)}}};
 }
 
 BusObject objectOf(const host::PhoneView& phone, std::size_t waitingFiles) {
@@ -96,55 +124,67 @@ bool isShown(const host::TransferView& transfer, platform::Clock::Instant now) {
 } // namespace
 
 std::vector<BusInterface> serviceInterfaces() {
-    return {{.name = serviceInterface,
-             .methods = {{.name = "Pair", .in = {{"options", "a{sv}"}}, .out = {{"pairing", "o"}}},
-                         {.name = "SendFiles",
-                          .in = {{"uris", "as"}, {"phones", "ao"}, {"options", "a{sv}"}},
-                          .out = {{"batch", "s"}}}},
-             .properties = {{"Version", "s", true},
-                            {"DataDirectory", "s", true},
-                            {"PublicKey", "s", true},
-                            {"State", "s"},
-                            {"Port", "q"},
-                            {"Problem", "s"}}},
-            {.name = phoneInterface,
-             .methods = {},
-             .properties = {{"Name", "s"},
-                            {"PublicKey", "s"},
-                            {"PairedAt", "t"},
-                            {"LastSeen", "t"},
-                            {"Presence", "s"},
-                            {"CanWake", "b"},
-                            {"Address", "s"},
-                            {"WaitingFiles", "u"}}},
-            {.name = batchInterface,
-             .methods = {{.name = "Cancel"}, {.name = "RetryNow"}},
-             .properties = {{"Phone", "o"},
-                            {"CreatedAt", "t"},
-                            {"FilesTotal", "u"},
-                            {"FilesDone", "u"},
-                            {"State", "s"},
-                            {"NextAttempt", "t"},
-                            {"Problem", "(ss)"}}},
-            {.name = transferInterface,
-             .methods = {{.name = "Cancel"}},
-             .properties = {{"Phone", "o"},
-                            {"Direction", "s"},
-                            {"Name", "s"},
-                            {"Batch", "s"},
-                            {"State", "s"},
-                            {"BytesTotal", "t"},
-                            {"BytesDone", "t"},
-                            {"BytesPerSecond", "t"},
-                            {"Problem", "(ss)"},
-                            {"Path", "s"}}}};
+    return {
+        {.name = serviceInterface,
+         .methods = {{.name = "Pair", .in = {{"options", "a{sv}"}}, .out = {{"pairing", "o"}}},
+                     {.name = "SendFiles",
+                      .in = {{"uris", "as"}, {"phones", "ao"}, {"options", "a{sv}"}},
+                      .out = {{"batch", "s"}}},
+                     {.name = "SendText", .in = {{"text", "h"}, {"phones", "ao"}, {"options", "a{sv}"}}},
+                     {.name = "GetLastText", .out = {{"text", "h"}}},
+                     {.name = "GetHistory", .in = {{"before", "t"}, {"count", "u"}}, .out = {{"entries", "aa{sv}"}}},
+                     {.name = "ClearHistory"},
+                     {.name = "SetSetting", .in = {{"name", "s"}, {"value", "v"}}},
+                     {.name = "Restart"}},
+         .properties = {{"Version", "s", true},
+                        {"DataDirectory", "s", true},
+                        {"PublicKey", "s", true},
+                        {"State", "s"},
+                        {"Port", "q"},
+                        {"Problem", "s"},
+                        {"Name", "s"},
+                        {"Settings", "a{sv}"},
+                        {"FixedSettings", "as"}},
+         .signals = {{.name = "HistoryAdded", .arguments = {{"entry", "a{sv}"}}}}},
+        {.name = phoneInterface,
+         .methods = {{.name = "Rename", .in = {{"name", "s"}}}, {.name = "Remove"}, {.name = "Wake"}},
+         .properties = {{"Name", "s"},
+                        {"PublicKey", "s"},
+                        {"PairedAt", "t"},
+                        {"LastSeen", "t"},
+                        {"Presence", "s"},
+                        {"CanWake", "b"},
+                        {"Address", "s"},
+                        {"WaitingFiles", "u"}}},
+        {.name = batchInterface,
+         .methods = {{.name = "Cancel"}, {.name = "RetryNow"}},
+         .properties = {{"Phone", "o"},
+                        {"CreatedAt", "t"},
+                        {"FilesTotal", "u"},
+                        {"FilesDone", "u"},
+                        {"State", "s"},
+                        {"NextAttempt", "t"},
+                        {"Problem", "(ss)"}}},
+        {.name = transferInterface,
+         .methods = {{.name = "Cancel"}},
+         .properties = {{"Phone", "o"},
+                        {"Direction", "s"},
+                        {"Name", "s"},
+                        {"Batch", "s"},
+                        {"State", "s"},
+                        {"BytesTotal", "t"},
+                        {"BytesDone", "t"},
+                        {"BytesPerSecond", "t"},
+                        {"Problem", "(ss)"},
+                        {"Path", "s"}}}};
 }
 
 BusObjects objectsOf(const host::ServiceView& service, const ServiceIdentity& identity,
-                     const std::vector<host::PhoneView>& phones, const std::vector<host::TransferView>& transfers,
-                     const std::vector<host::OutboxView>& batches, platform::Clock::Instant now) {
+                     const std::vector<host::SettingView>& settings, const std::vector<host::PhoneView>& phones,
+                     const std::vector<host::TransferView>& transfers, const std::vector<host::OutboxView>& batches,
+                     platform::Clock::Instant now) {
     BusObjects objects;
-    objects[rootPath] = objectOf(service, identity);
+    objects[rootPath] = objectOf(service, identity, settings);
     std::map<PeerKey, std::size_t> waitingFiles;
     for (const host::OutboxView& batch : batches) {
         if (batch.state != host::OutboxView::State::failed) {

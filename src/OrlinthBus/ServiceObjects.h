@@ -24,6 +24,7 @@ inline constexpr Seconds tellingAge = 1s;
 /// The service as objects. A transfer is one when it is as old as that, or has not ended well: thousands of small files
 /// are none.
 [[nodiscard]] BusObjects objectsOf(const host::ServiceView& service, const ServiceIdentity& identity,
+                                   const std::vector<host::SettingView>& settings,
                                    const std::vector<host::PhoneView>& phones,
                                    const std::vector<host::TransferView>& transfers,
                                    const std::vector<host::OutboxView>& batches, platform::Clock::Instant now);

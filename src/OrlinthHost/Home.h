@@ -2,9 +2,8 @@
 
 #include "OrlinthCore/Peers/PeerRecord.h"
 #include "OrlinthCore/SecureChannel/KeyVault.h"
+#include "base/SharedText.h"
 #include "platform/System.h"
-
-#include <string>
 
 namespace orlinth::host {
 
@@ -17,9 +16,11 @@ struct Home {
     /// What peers() are copies of.
     PeerStore store = PeerStore::keepingBook(system.files, system.directories, system.clock);
     /// Selector of the phone that the person has chosen for whatever names none; "" if none was chosen.
-    std::string defaultPhone = {};
+    SharedText defaultPhone = {};
     /// What this computer calls itself when it is paired; "": its host name.
-    std::string computerName = {};
+    SharedText computerName = {};
+    /// Of this program; "" if that is nobody's business.
+    std::string version = {};
 
     /// The folder of the core's files.
     [[nodiscard]] platform::Path dataDirectory() const {

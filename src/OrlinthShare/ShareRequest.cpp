@@ -95,7 +95,8 @@ ShareRequest::FileItems ShareRequest::fileItems(const platform::FileSystem& file
     return found;
 }
 
-void ShareRequest::completeRequest() {
+void ShareRequest::completeRequest(std::string notice) {
+    notice_ = std::move(notice);
     end(std::nullopt);
 }
 

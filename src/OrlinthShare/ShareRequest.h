@@ -34,7 +34,8 @@ public:
     /// looked at, but to tell the relative name of a file from a text. Any thread.
     [[nodiscard]] FileItems fileItems(const platform::FileSystem& files) const;
 
-    void completeRequest();
+    /// `notice` is what the user should know all the same; "" for nothing.
+    void completeRequest(std::string notice = {});
     void cancelRequest(Error error);
 
     /// Called when the request has ended, while its window may still say why.
@@ -43,6 +44,8 @@ public:
     [[nodiscard]] bool hasEnded() const noexcept { return hasEnded_; }
     /// Why it ended, if it was not completed.
     [[nodiscard]] const std::optional<Error>& error() const noexcept { return error_; }
+    /// What the user should know of a request that was completed; "" for nothing.
+    [[nodiscard]] const std::string& notice() const noexcept { return notice_; }
     /// What the program ends with: 0 if the request was completed, else 1.
     [[nodiscard]] int exitStatus() const noexcept { return hasEnded_ && !error_ ? 0 : 1; }
 
@@ -53,6 +56,7 @@ private:
     platform::Path folder_;
     bool hasEnded_ = false;
     std::optional<Error> error_;
+    std::string notice_;
 };
 
 /// The path of a "file:" URI (RFC 8089): no host or "localhost", percent-encoding undone. Nothing for everything else,

@@ -192,15 +192,19 @@ void ShareViewController::closeBatch() noexcept {
         return; // cancelled; the batch goes with the controller
     }
     std::optional<std::string> failure;
+    std::string notice;
     try {
         staging_->finish(targets_);
     } catch (const Error& error) {
         failure = error.description();
     }
-    QMetaObject::invokeMethod(this, [this, failure] { endStaging(failure); }, Qt::QueuedConnection);
+    if (!failure && settings_.startService) {
+        notice = settings_.startService();
+    }
+    QMetaObject::invokeMethod(this, [this, failure, notice] { endStaging(failure, notice); }, Qt::QueuedConnection);
 }
 
-void ShareViewController::endStaging(const std::optional<std::string>& failure) {
+void ShareViewController::endStaging(const std::optional<std::string>& failure, const std::string& notice) {
     if (request_.hasEnded()) {
         return; // cancelled before there was a batch
     }
@@ -208,7 +212,12 @@ void ShareViewController::endStaging(const std::optional<std::string>& failure) 
         fail(*failure);
         return;
     }
-    request_.completeRequest();
+    request_.completeRequest(notice);
+    if (!notice.empty()) {
+        logLine(platform::LogLevel::notice, notice);
+        showUntilClosed(notice);
+        return;
+    }
     const auto seen = std::chrono::milliseconds(statusShown_.isValid() ? statusShown_.elapsed() : 0);
     const auto rest = std::max(settings_.statusSeen - seen, std::chrono::milliseconds(0));
     QTimer::singleShot(rest, this, [this] { finish(); });
@@ -230,6 +239,10 @@ void ShareViewController::loadFileIcon(SharePickerView& picker) {
 void ShareViewController::fail(const std::string& message) {
     logLine(platform::LogLevel::error, message);
     request_.cancelRequest({ShareRequest::ErrorCode::failed, message});
+    showUntilClosed(message);
+}
+
+void ShareViewController::showUntilClosed(const std::string& message) {
     if (!settings_.showsFailures) {
         QTimer::singleShot(0, this, [this] { finish(); });
         return;

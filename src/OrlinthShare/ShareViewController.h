@@ -27,8 +27,8 @@ namespace orlinth::share {
 ///
 ///     viewDidAppear ─┬─ no file ─────────────────────────────────▶ fail
 ///                    ├─ one phone ──────────┐
-///                    └─ picker ── Send ─────┴▶ stage ─ copies ─ manifest ─┬─▶ request completed
-///                         └─ Cancel, Escape ▶ cancel ◀──┘                 └─▶ fail
+///                    └─ picker ── Send ─────┴▶ stage ─ copies ─ manifest ─┬─ service ─┬─▶ request completed
+///                         └─ Cancel, Escape ▶ cancel ◀──┘                 └─▶ fail    └─▶ the same, with a notice
 ///
 /// Threading: on the main thread, with a QApplication. Everything that may have to wait for a disk or a network is done
 /// on threads of its own, so that the window stays alive.
@@ -45,6 +45,10 @@ public:
         /// Says what the service knows of whether the phones are there. Called on a thread of the pool, for a choice of
         /// several phones, and may block for a blink of an eye. Empty: the list has to do.
         std::function<std::vector<SharePresence>()> askPresence = {};
+        /// Has the service run that sends the batch; "" if it does, else what to tell the user. Called on a thread of
+        /// the pool, once the batch is complete, and may block for seconds, but not throw. Empty: somebody else sees to
+        /// that.
+        std::function<std::string()> startService = {};
     };
 
     /// `request` outlives the controller.
@@ -95,7 +99,7 @@ private:
     /// How far a batch is. Whoever leaves `open` decides what becomes of it.
     enum class Progress {
         open,    ///< files are looked at and copied, or will be
-        closing, ///< the manifest is being written: the host may have the batch at any moment
+        closing, ///< the manifest is being written, then the service started: the host may have the batch
         stopped, ///< cancelled: nothing more is done
     };
 
@@ -110,7 +114,9 @@ private:
     void goOn(ShareRequest::FileItems found, const std::vector<SharePresence>& presence);
     void presentPicker();
     void presentStatus(const QString& text);
-    void endStaging(const std::optional<std::string>& failure);
+    void endStaging(const std::optional<std::string>& failure, const std::string& notice = {});
+    /// Shows the text until it is closed, or does without where nobody can see it.
+    void showUntilClosed(const std::string& message);
     /// Returns whether nothing becomes of the batch any more.
     bool stop() noexcept;
     void dismiss();

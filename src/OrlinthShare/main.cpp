@@ -1,3 +1,4 @@
+#include "OrlinthCore/Share/ServiceActivation.h"
 #include "OrlinthShare/ComputerName.h"
 #include "OrlinthShare/DesktopLook.h"
 #include "OrlinthShare/ShareViewController.h"
@@ -27,7 +28,8 @@ constexpr const char* help =
     "Usage: orlinth-share [--color-scheme light|dark] [--] [FILE...]\n"
     "\n"
     "The share sheet: asks which of your paired phones the files go to and puts them into the outbox, from which\n"
-    "`orlinth serve` sends them. With one paired phone it does not ask. A FILE is a path or a file: URI.\n"
+    "`orlinth serve` sends them; that is started if it does not run. With one paired phone it does not ask. A FILE is\n"
+    "a path or a file: URI.\n"
     "\n"
     "  --color-scheme light|dark   instead of the desktop's\n"
     "  --help, --version           say so and end\n"
@@ -128,6 +130,23 @@ std::vector<SharePresence> askService(platform::System& system) {
     return phones;
 }
 
+/// Outlive the task.
+Task<> lookForService(platform::System& system, bool& isThere) {
+    isThere = co_await ServiceActivation::isRunning(system.unixSockets, ServicePresence::socketOf(system.directories),
+                                                    ORLINTH_VERSION);
+}
+
+/// On a thread of its own; waits until the service runs, or it is certain that it does not.
+std::string startService(platform::System& system) {
+    asio::io_context context(1);
+    bool isThere = false;
+    platform::spawn(context.get_executor(), lookForService(system, isThere), [](const std::exception_ptr&) {
+        // then it is started, which does nothing to one that runs
+    });
+    context.run();
+    return isThere ? "" : ServiceActivation::startForOutbox(system.userServices, system.directories);
+}
+
 /// Shows the sheet until the request has ended and the window is closed.
 int runSheet(QApplication& application, CommandLine line) {
     using namespace std::chrono_literals;
@@ -142,6 +161,8 @@ int runSheet(QApplication& application, CommandLine line) {
     request.onEnd = [&request] {
         if (request.error()) {
             tell(request.error()->description, request.exitStatus());
+        } else if (!request.notice().empty()) {
+            tell(request.notice(), request.exitStatus());
         }
     };
     ShareViewController controller(
@@ -150,7 +171,8 @@ int runSheet(QApplication& application, CommandLine line) {
          .computerName = computerName(system.files),
          .statusSeen = isWindowSeen() ? statusSeen : 0ms,
          .showsFailures = isWindowSeen(),
-         .askPresence = [&system] { return askService(system); }},
+         .askPresence = [&system] { return askService(system); },
+         .startService = [&system] { return startService(system); }},
         request);
     controller.onFinished = [&application] { application.exit(); };
     controller.loadView();

@@ -1,5 +1,6 @@
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Program/Settings.h"
+#include "platform/SystemError.h"
 #include "platform/linux/LinuxSystem.h"
 
 #include <algorithm>
@@ -74,6 +75,7 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     platform::LinuxSystem linux(context);
     platform::System system = linux.system();
     Host host{system, tasks, output};
+    host.version = ORLINTH_VERSION;
 
     CLI::App program(
         "Moves files and short texts between this computer and your phones, encrypted, over the local network.",
@@ -102,12 +104,19 @@ int runProgram(const std::vector<std::string>& arguments, Output& output) {
     commands.push_back(makeDoctorCommand(program));
 
     try {
-        SettingsBesideFlags settings = applySettings(program, system.files, system.directories);
-        host.computerName = std::move(settings.computerName);
-        host.defaultPhone = std::move(settings.defaultPhone);
+        host.settings = applySettings(program, system.files, system.directories);
         program.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend())); // it wants the last one first
+        host.settings.file = host::SettingsFile(system.files, system.directories).load();
+        host.computerName = host.settings.text(host::SettingId::computerName);
+        host.defaultPhone = host.settings.text(host::SettingId::defaultPhone);
     } catch (const SettingsError& error) {
         output.failure(error.description(), "Correct the file, or move it away.");
+        return wrongCommandLine;
+    } catch (const host::SettingsFileError& error) {
+        output.failure(error.description(), host::SettingsFileError::hint);
+        return wrongCommandLine;
+    } catch (const platform::SystemError& error) {
+        output.failure("settings file: " + error.description());
         return wrongCommandLine;
     } catch (const CLI::CallForHelp&) {
         return show(output, program.help());

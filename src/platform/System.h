@@ -22,6 +22,7 @@
 #include "platform/SleepNews.h"
 #include "platform/Storage.h"
 #include "platform/UnixSockets.h"
+#include "platform/UserServices.h"
 #include "platform/WorkQueues.h"
 
 namespace orlinth::platform {
@@ -51,6 +52,7 @@ struct System {
     Notifications& notifications;
     BusSignals& busSignals;
     SleepNews& sleepNews;
+    UserServices& userServices;
     FolderWatcher& folders;
     UserDirectories directories;
 

@@ -2,6 +2,7 @@
 
 #include "base/Hex.h"
 #include "platform/Crypto.h"
+#include "platform/SystemError.h"
 
 #include <algorithm>
 #include <array>
@@ -39,10 +40,18 @@ private:
     bool renamed_ = false;
 };
 
-std::string freshName() {
-    std::array<std::byte, 8> random{};
-    randomBytes(random);
-    return "." + hexEncode(random) + ".tmp";
+constexpr std::string_view temporaryPrefix = ".orlinth-";
+constexpr std::string_view temporarySuffix = ".tmp";
+constexpr std::size_t temporaryRandomBytes = 8;
+
+bool isTemporaryName(std::string_view name) {
+    constexpr std::string_view hexDigits = "0123456789abcdef";
+    if (!name.starts_with(temporaryPrefix) || !name.ends_with(temporarySuffix) ||
+        name.size() != temporaryPrefix.size() + 2 * temporaryRandomBytes + temporarySuffix.size()) {
+        return false;
+    }
+    return name.substr(temporaryPrefix.size(), 2 * temporaryRandomBytes).find_first_not_of(hexDigits) ==
+           std::string_view::npos;
 }
 
 /// Fills a new file, closes it and gives it the name of what it replaces.
@@ -80,7 +89,7 @@ Bytes readWholeFile(FileSystem& files, const Path& path) {
 void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::uint32_t permissions, Flush flush,
                     Links links) {
     const Path target = links == Links::follow ? files.resolveLinks(path) : path;
-    const Path temporaryPath = target.parent_path() / freshName();
+    const Path temporaryPath = target.parent_path() / temporaryName().text();
     std::unique_ptr<File> file = files.open(temporaryPath, OpenMode::createNew, Links::refuse, permissions);
     TemporaryFile temporary(files, temporaryPath);
     replaceBy(std::move(file), content, flush, temporary, target);
@@ -90,12 +99,38 @@ void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::
 }
 
 void writeWholeFile(Folder& folder, const FileName& name, ByteView content, std::uint32_t permissions, Flush flush) {
-    const FileName temporaryName(freshName());
-    std::unique_ptr<File> file = folder.open(temporaryName, OpenMode::createNew, permissions);
-    TemporaryFile temporary(folder, temporaryName);
+    const FileName fresh = temporaryName();
+    std::unique_ptr<File> file = folder.open(fresh, OpenMode::createNew, permissions);
+    TemporaryFile temporary(folder, fresh);
     replaceBy(std::move(file), content, flush, temporary, name);
     if (flush == Flush::now) {
         folder.flush();
+    }
+}
+
+FileName temporaryName() {
+    std::array<std::byte, temporaryRandomBytes> random{};
+    randomBytes(random);
+    std::string name(temporaryPrefix);
+    name += hexEncode(random);
+    name += temporarySuffix;
+    return FileName(std::move(name));
+}
+
+void removeTemporaryFiles(Folder& folder, EpochNanoseconds limit) {
+    for (const std::string& text : folder.list()) {
+        if (!isTemporaryName(text)) {
+            continue;
+        }
+        const FileName name(text);
+        try {
+            const std::optional<FileStatus> status = folder.status(name);
+            if (status && status->kind == FileKind::regular && folder.isOwn(*status) && status->modifiedAt <= limit) {
+                folder.remove(name);
+            }
+        } catch (const SystemError&) {
+            continue; // it is in nobody's way
+        }
     }
 }
 

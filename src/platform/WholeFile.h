@@ -32,6 +32,13 @@ void writeWholeFile(FileSystem& files, const Path& path, ByteView content, std::
 void writeWholeFile(Folder& folder, const FileName& name, ByteView content, std::uint32_t permissions = 0644,
                     Flush flush = Flush::now);
 
+/// The name of a file that is replaced or removed in a moment: a fresh one each time, hidden, and no one else's.
+[[nodiscard]] FileName temporaryName();
+
+/// Removes what writers have left behind that were killed: files of this user's with such a name that nothing was
+/// written to after `limit`. What cannot be removed stays. @throws SystemError if the folder cannot be listed
+void removeTemporaryFiles(Folder& folder, EpochNanoseconds limit);
+
 /// Keeps a read-change-write of `path` to one process, and one thread, at a time, for as long as the object lives.
 ///
 /// The lock is taken on an empty file beside it (`path` + ".lock"), which stays: the file itself is replaced by every

@@ -112,6 +112,85 @@ TEST_F(ShareViewControllerTest, AsksNobodyAboutTheOnlyPhone) {
     EXPECT_EQ(asked, 0);
 }
 
+TEST_F(ShareViewControllerTest, HasTheServiceStartedOnceTheBatchIsThere) {
+    pair(1);
+    world_.files.put("/home/ann/a.txt", "a");
+    std::vector<std::string> there;
+    startService_ = [this, &there] {
+        there = onlyManifest().files;
+        return std::string();
+    };
+    share({"/home/ann/a.txt"});
+    ASSERT_TRUE(finishes());
+    EXPECT_THAT(there, ElementsAre("a.txt"));
+    EXPECT_EQ(request_->exitStatus(), 0);
+    EXPECT_EQ(request_->notice(), "");
+    EXPECT_EQ(shown<ShareFailureView>(), nullptr);
+}
+
+TEST_F(ShareViewControllerTest, SaysWhatToDoIfTheServiceCannotBeStarted) {
+    pair(1);
+    world_.files.put("/home/ann/a.txt", "a");
+    startService_ = [] { return std::string("No service. Start it."); };
+    share({"/home/ann/a.txt"});
+    ASSERT_TRUE(QTest::qWaitFor([this] { return shown<ShareFailureView>() != nullptr; }, 20000));
+    EXPECT_EQ(shown<ShareFailureView>()->message().toStdString(), "No service. Start it.");
+    keepPicture("controller-no-service");
+    EXPECT_TRUE(request_->hasEnded());
+    EXPECT_EQ(request_->exitStatus(), 0) << "the files are in the outbox";
+    EXPECT_EQ(request_->notice(), "No service. Start it.");
+    EXPECT_FALSE(isFinished_) << "nobody would have read it";
+    click(shown<ShareFailureView>()->closeButton());
+    ASSERT_TRUE(finishes());
+    EXPECT_THAT(onlyManifest().files, ElementsAre("a.txt"));
+}
+
+TEST_F(ShareViewControllerTest, ShowsANoticeAlsoIfTheWindowWasClosedMeanwhile) {
+    pair(1);
+    world_.files.put("/home/ann/a.txt", "a");
+    std::atomic<bool> isAsked = false;
+    std::atomic<bool> mayAnswer = false;
+    startService_ = [&isAsked, &mayAnswer] {
+        isAsked = true;
+        isAsked.notify_all();
+        mayAnswer.wait(false);
+        return std::string("No service. Start it.");
+    };
+    share({"/home/ann/a.txt"});
+    isAsked.wait(false);
+    key(Qt::Key_Escape);
+    ASSERT_TRUE(QTest::qWaitFor([this] { return !controller_->view().isVisible(); }, 20000));
+    mayAnswer = true;
+    mayAnswer.notify_all();
+    ASSERT_TRUE(QTest::qWaitFor([this] { return shown<ShareFailureView>() != nullptr; }, 20000));
+    EXPECT_TRUE(controller_->view().isVisible());
+    EXPECT_EQ(request_->exitStatus(), 0);
+    key(Qt::Key_Escape);
+    ASSERT_TRUE(finishes());
+}
+
+TEST_F(ShareViewControllerTest, DoesNotWaitWithANoticeWhereNobodySeesIt) {
+    pair(1);
+    world_.files.put("/home/ann/a.txt", "a");
+    startService_ = [] { return std::string("No service. Start it."); };
+    share({"/home/ann/a.txt"}, false);
+    ASSERT_TRUE(finishes());
+    EXPECT_EQ(request_->notice(), "No service. Start it.");
+}
+
+TEST_F(ShareViewControllerTest, StartsNoServiceForABatchThatFails) {
+    pair(1);
+    bool isStarted = false;
+    startService_ = [&isStarted] {
+        isStarted = true;
+        return std::string();
+    };
+    share({"/home/ann/none.txt"});
+    ASSERT_TRUE(QTest::qWaitFor([this] { return request_->hasEnded(); }, 20000));
+    EXPECT_EQ(request_->exitStatus(), 1);
+    EXPECT_FALSE(isStarted);
+}
+
 TEST_F(ShareViewControllerTest, ShowsTheFirstFileOfThemAndItsPicture) {
     pair(2);
     world_.files.putFolder("/home/ann/folder");

@@ -50,7 +50,8 @@ protected:
                 .directories = world_.system.directories,
                 .computerName = QStringLiteral("ann-laptop"),
                 .showsFailures = showsFailures,
-                .askPresence = askPresence_},
+                .askPresence = askPresence_,
+                .startService = startService_},
             *request_);
         controller_->onFinished = [this] { isFinished_ = true; };
         controller_->loadView();
@@ -117,6 +118,7 @@ protected:
     std::unique_ptr<ShareViewController> controller_;
     bool isFinished_ = false;
     std::function<std::vector<SharePresence>()> askPresence_; ///< of the sheets that are shown from now on
+    std::function<std::string()> startService_;               ///< likewise
 };
 
 } // namespace orlinth::share

@@ -4,7 +4,11 @@
 
 #include <asio/post.hpp>
 
+#include <algorithm>
+#include <cstddef>
+#include <optional>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -16,13 +20,19 @@ public:
     struct Shown {
         platform::Notification notification;
         Executor executor;
-        std::function<void(const std::string&)> onAnswer;
+        OnAnswer onAnswer;
+        bool isThere = true; ///< neither closed nor replaced, nor answered for good
     };
 
     [[nodiscard]] bool isAvailable() override { return available; }
 
-    void show(platform::Notification notification, Executor executor,
-              std::function<void(const std::string&)> onAnswer) override {
+    void show(platform::Notification notification, Executor executor, OnAnswer onAnswer) override {
+        for (Shown& before : shown) {
+            if (notification.tag != 0 && before.isThere && before.notification.tag == notification.tag) {
+                before.isThere = false;
+                before.onAnswer = nullptr;
+            }
+        }
         shown.push_back({std::move(notification), std::move(executor), std::move(onAnswer)});
         if (!available) {
             answer(shown.size() - 1, "");
@@ -38,12 +48,29 @@ public:
         }
     }
 
-    /// The user presses a button of one of `shown`, or closes it (""). Once each.
-    void answer(std::size_t index, const std::string& key) {
-        auto onAnswer = std::exchange(shown.at(index).onAnswer, nullptr);
-        if (onAnswer) {
-            asio::post(shown.at(index).executor, [onAnswer = std::move(onAnswer), key] { onAnswer(key); });
+    /// The user presses a button of one of `shown`, or closes it (""). Of one that is gone nothing comes.
+    void answer(std::size_t index, const std::string& key, const std::string& token = "") {
+        Shown& one = shown.at(index);
+        OnAnswer onAnswer = one.onAnswer;
+        if (key.empty() || !one.notification.isResident) {
+            one.onAnswer = nullptr;
+            one.isThere = false;
         }
+        if (onAnswer) {
+            asio::post(one.executor, [onAnswer = std::move(onAnswer),
+                                      answer = platform::NotificationAnswer{key, token}] { onAnswer(answer); });
+        }
+    }
+
+    /// What is on the screen: the places in `shown`.
+    [[nodiscard]] std::vector<std::size_t> there() const {
+        std::vector<std::size_t> found;
+        for (std::size_t i = 0; i < shown.size(); ++i) {
+            if (shown[i].isThere) {
+                found.push_back(i);
+            }
+        }
+        return found;
     }
 
     bool available = true;

@@ -26,7 +26,10 @@ public:
     [[nodiscard]] Executor makeThreadQueue(const char* label) override {
         return threadQueue ? *threadQueue : makeWorkerQueue(label);
     }
-    [[nodiscard]] std::vector<platform::LateQueue> lateQueues(Seconds /*limit*/) override { return late; }
+    [[nodiscard]] std::vector<platform::LateQueue> lateQueues(Seconds /*limit*/) override {
+        ++looks;
+        return late;
+    }
 
     /// Whether this is being called from a blocking queue.
     [[nodiscard]] bool isOnBlockingQueue() const noexcept { return blocking_.running_in_this_thread(); }
@@ -41,6 +44,8 @@ public:
     std::optional<Executor> blockingQueue;
     /// What lateQueues() returns.
     std::vector<platform::LateQueue> late;
+    /// How often it was asked.
+    std::size_t looks = 0;
 
 private:
     asio::io_context& context_;

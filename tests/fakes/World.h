@@ -13,6 +13,7 @@
 #include "fakes/FakeNotifications.h"
 #include "fakes/FakeServiceDiscovery.h"
 #include "fakes/FakeSleepNews.h"
+#include "fakes/FakeUserServices.h"
 #include "fakes/MemoryFileSystem.h"
 #include "fakes/MemoryNeighbours.h"
 #include "fakes/MemoryNetwork.h"
@@ -66,6 +67,7 @@ struct World {
     FakeNotifications notifications;
     FakeBusSignals busSignals;
     FakeSleepNews sleepNews;
+    FakeUserServices userServices;
     FakeFolderWatcher folders;
     /// This computer, with another disk in it, which outlives what is given it.
     [[nodiscard]] platform::System systemOn(platform::FileSystem& disk) {
@@ -89,6 +91,7 @@ struct World {
                 .notifications = notifications,
                 .busSignals = busSignals,
                 .sleepNews = sleepNews,
+                .userServices = userServices,
                 .folders = folders,
                 .directories = {.data = "/home/ann/.local/share",
                                 .config = "/home/ann/.config",

@@ -2,6 +2,7 @@
 machine, nor lists one."""
 
 import pathlib
+import subprocess
 import xml.sax.saxutils
 
 CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
@@ -9,7 +10,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Con
 <busconfig>
   <type>{kind}</type>
   <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
+  <auth>EXTERNAL</auth>{services}
   <policy context="default">
     <allow user="*"/>
     <allow own="*"/>
@@ -24,10 +25,32 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Con
 """
 
 
-def command(folder, kind="session"):
-    """The command line of a bus at the socket `bus` in this folder; it says its address once it can be reached."""
+def command(folder, kind="session", services=None):
+    """The command line of a bus at the socket `bus` in this folder; it says its address once it can be reached. It
+    starts the services that are described in the folder `services`."""
     folder = pathlib.Path(folder)
-    (folder / "bus.conf").write_text(CONFIGURATION.format(kind=kind,
+    described = f"\n  <servicedir>{xml.sax.saxutils.escape(str(services))}</servicedir>" if services else ""
+    (folder / "bus.conf").write_text(CONFIGURATION.format(kind=kind, services=described,
                                                           socket=xml.sax.saxutils.escape(str(folder / "bus"))))
     return ["dbus-daemon", f"--config-file={folder}/bus.conf", "--nofork", "--nopidfile", "--nosyslog",
             "--print-address=1"]
+
+
+class BusTestMixin:
+    """For a test with a bus of its own at `address`."""
+
+    def setUp(self):
+        super().setUp()
+        folder = self.folder / "bus"
+        folder.mkdir()
+        daemon = subprocess.Popen(command(folder), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.addCleanup(daemon.stdout.close)
+        self.addCleanup(daemon.wait)
+        self.addCleanup(daemon.kill)
+        self.address = daemon.stdout.readline().decode().strip()
+
+    def on_usual_folder(self, identity):
+        """Only the service of the usual folder has a name on the bus."""
+        identity.environment.pop("XDG_DATA_HOME")
+        identity.data = identity.root / ".local" / "share"
+        identity.environment["DBUS_SESSION_BUS_ADDRESS"] = self.address

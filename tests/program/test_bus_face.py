@@ -1,4 +1,5 @@
-"""What others find on the session's bus: the service as objects, as its description has them."""
+"""What others find on the session's bus: the service as objects, as its description has them. What can be asked of it
+there and by the control socket alike is in test_both_faces.py."""
 
 import json
 import os
@@ -9,11 +10,11 @@ import urllib.parse
 import xml.etree.ElementTree
 
 import own_root  # noqa: F401 (it is entered by the import)
-import private_bus
 import side_by_side
-from bus_client import BusClient
-from harness import MIB, PATIENCE, Identity, unused_port
+from service_client import BusClient
+from harness import MIB, PATIENCE, Identity
 from outbox_world import OutboxTest
+from private_bus import BusTestMixin
 
 NAME = "com.tarvinex.orlinth1"
 ROOT = "/com/tarvinex/orlinth1"
@@ -23,7 +24,7 @@ SLOWLY = 4 * MIB
 
 
 def interfaces_in(text):
-    """By name: methods with their arguments, properties with their types, as sets."""
+    """By name: methods and signals with their arguments, properties with their types, as sets."""
     found = {}
     for interface in xml.etree.ElementTree.fromstring(text).iter("interface"):
         methods = {(method.get("name"), tuple((arg.get("name"), arg.get("type"), arg.get("direction"))
@@ -31,7 +32,9 @@ def interfaces_in(text):
         properties = {(prop.get("name"), prop.get("type"), prop.get("access"),
                        next((note.get("value") for note in prop.iter("annotation") if note.get("name") == EMITS),
                             "true")) for prop in interface.iter("property")}
-        found[interface.get("name")] = (methods, properties)
+        signals = {(signal.get("name"), tuple((arg.get("name"), arg.get("type")) for arg in signal.iter("arg")))
+                   for signal in interface.iter("signal")}
+        found[interface.get("name")] = (methods, properties, signals)
     return found
 
 
@@ -58,25 +61,12 @@ class Messages(threading.Thread):
                 raise AssertionError(f"no {what}, only {self.all}")
 
 
-class BusFace(OutboxTest):
+class BusFace(BusTestMixin, OutboxTest):
     def setUp(self):
         super().setUp()
-        self.address = self.bus()
-        # the usual folder: only the service of that one has a name on the bus
-        self.mac.environment.pop("XDG_DATA_HOME")
-        self.mac.data = self.mac.root / ".local" / "share"
-        self.mac.environment["DBUS_SESSION_BUS_ADDRESS"] = self.address
+        self.on_usual_folder(self.mac)
         self.mac.record(self.phone)
         self.phone.record(self.mac)
-
-    def bus(self):
-        folder = self.folder / "bus"
-        folder.mkdir()
-        daemon = subprocess.Popen(private_bus.command(folder), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(daemon.stdout.close)
-        self.addCleanup(daemon.wait)
-        self.addCleanup(daemon.kill)
-        return daemon.stdout.readline().decode().strip()
 
     def busctl(self, *arguments, status=0):
         result = subprocess.run(["busctl", f"--address={self.address}", "--json=short", *arguments],
@@ -206,59 +196,6 @@ class BusFace(OutboxTest):
         self.assertEqual([path], list(self.objects("Phone")))
         self.end(service)
 
-    def test_a_batch_is_sent_and_watched_to_its_end(self):
-        self.slow_phone()
-        service = self.serve(self.mac)
-        monitor = self.monitor()
-        file = self.file("a film, \u00e4.bin", os.urandom(12 * MIB))
-        batch = self.send(file, phones=list(self.objects("Phone")))
-        monitor.wait_until(lambda: any(values.get("State") == "done" for _, values in self.changes(monitor, "Transfer")),
-                  "the end of the transfer")
-        steps = [values["BytesDone"] for _, values in self.changes(monitor, "Transfer") if "BytesDone" in values]
-        self.assertEqual(sorted(steps), steps)
-        self.assertEqual(12 * MIB, steps[-1])
-        self.assertLessEqual(len(steps), 4 * 4 + 2, "four a second")
-        path, first = self.changes(monitor, "Transfer")[0]
-        self.assertEqual(("out", file.name, batch), tuple(first[name] for name in ("Direction", "Name", "Batch")))
-        self.assertIn("sending", [values.get("State") for _, values in self.changes(monitor, "Batch")])
-        monitor.wait_until(lambda: any("/batches/" in path for path in self.removed(monitor)), "that the batch is done")
-        self.assert_arrived([file])
-        self.assert_nothing_left()
-        error = self.call(path, "Transfer", "Cancel", status=1)
-        self.assertIn("the transfer has ended", error)
-        self.end(service)
-
-    def test_what_is_sent_is_cancelled(self):
-        receiving = self.slow_phone()
-        service = self.serve(self.mac)
-        monitor = self.monitor()
-        self.send(self.file("film.bin", bytes(64 * MIB)))
-        monitor.wait_until(lambda: self.changes(monitor, "Transfer"), "a transfer")
-        self.call(self.changes(monitor, "Transfer")[0][0], "Transfer", "Cancel")
-        monitor.wait_until(lambda: ("cancelled" in [values.get("State")
-                                                    for _, values in self.changes(monitor, "Transfer")]), "its end")
-        self.wait_for(receiving, "error")
-        monitor.wait_until(lambda: any("/batches/" in path for path in self.removed(monitor)), "that the batch is gone")
-        self.assert_nothing_left()
-        self.assertEqual([], [event for event in service.events.all if event["event"] == "outbox_done"])
-        self.end(service)
-
-    def test_what_comes_in_is_cancelled(self):
-        service = self.serve(self.mac)
-        gate = self.gate(service.port, bytes_per_second=SLOWLY)
-        self.phone.record(self.mac, gate.port)
-        sending = self.serve(self.phone)
-        monitor = self.monitor()
-        self.share(self.file("film.bin", bytes(64 * MIB)), identity=self.phone)
-        monitor.wait_until(lambda: self.changes(monitor, "Transfer"), "a transfer")
-        path, first = self.changes(monitor, "Transfer")[0]
-        self.assertEqual(("in", "film.bin"), (first["Direction"], first["Name"]))
-        self.call(path, "Transfer", "Cancel")
-        self.wait_for(service, "declined", name="film.bin")
-        self.wait_for(sending, "outbox_failed")
-        self.end(sending)
-        self.end(service)
-
     def test_a_batch_is_cancelled_for_one_phone(self):
         tablet = self.another_phone("tablet")
         service = self.serve(self.mac)
@@ -278,23 +215,6 @@ class BusFace(OutboxTest):
         self.assertNotIn(batch, self.batches())
         self.end(service)
 
-    def test_a_batch_is_tried_again_at_once(self):
-        port = unused_port()
-        self.mac.record(self.phone, port)
-        service = self.serve(self.mac)
-        monitor = self.monitor()
-        self.send(self.file("a.txt", b"a"))
-        monitor.wait_until(lambda: "paused" in [values.get("State") for _, values in self.changes(monitor, "Batch")],
-                           "a pause")
-        [(path, batch)] = self.objects("Batch").items()
-        self.assertGreater(batch["NextAttempt"], batch["CreatedAt"])
-        self.assertIn("refused", batch["Problem"][0])
-        self.serve(self.phone, port=port)
-        self.call(path, "Batch", "RetryNow")
-        monitor.wait_until(lambda: path in self.removed(monitor), "the end of the batch")
-        self.assertEqual(["a.txt"], [path.name for path in self.phone.downloads.iterdir()])
-        self.end(service)
-
     def test_what_cannot_be_sent_is_said(self):
         service = self.serve(self.mac)
         for uris, expected in ((["file:///nowhere"], "'/nowhere' cannot be shared"),
@@ -310,16 +230,14 @@ class BusFace(OutboxTest):
         self.assert_nothing_left()
         self.end(service)
 
-    def test_nothing_secret_is_shown(self):
-        self.mac.record(self.phone, token="a-push-token-nobody-sees")
+    def test_a_setting_that_is_changed_is_told(self):
         service = self.serve(self.mac)
         monitor = self.monitor()
-        self.objects("Phone")
-        self.send(self.file("a.txt", b"the content of a file"))
-        monitor.wait_until(lambda: self.changes(monitor, "Batch"), "a batch")
-        everything = json.dumps(monitor.all)
-        self.assertNotIn("nobody-sees", everything)
-        self.assertNotIn("the content", everything)
+        self.call(ROOT, "Service", "SetSetting", "sv", "accept", "s", "ask")
+        self.assertEqual("ask", self.get(ROOT, "Service", "Settings")["accept"]["data"])
+        monitor.wait_until(lambda: any(values.get("Settings", {}).get("accept", {}).get("data") == "ask"
+                                       for _, values in self.changes(monitor, "Service")), "the change")
+        self.assertEqual(["clipboard", "dir"], sorted(self.get(ROOT, "Service", "FixedSettings")))
         self.end(service)
 
     def test_a_second_service_and_one_of_another_folder_do_their_work_without_the_name(self):

@@ -129,6 +129,30 @@ class InstalledPackage(unittest.TestCase):
         self.assertEqual(["orlinth.service", "orlinth.socket"], sorted(path.name for path in units.iterdir()))
         self.assertNotIn("Also=", (units / "orlinth.service").read_text(encoding="utf-8"))
 
+    def settings_of(self, path):
+        """The sections of a file of systemd or of D-Bus."""
+        parser = configparser.ConfigParser(interpolation=None, strict=False)
+        parser.optionxform = str
+        parser.read_string((self.prefix / path).read_text(encoding="utf-8"))
+        return parser
+
+    def test_the_bus_starts_the_service_by_its_unit_or_by_its_program(self):
+        described = self.settings_of("share/dbus-1/services/com.tarvinex.orlinth1.service")
+        self.assertEqual({"Name": "com.tarvinex.orlinth1", "SystemdService": "orlinth.service",
+                          "Exec": f'"{self.prefix}/bin/orlinth" serve'}, dict(described["D-BUS Service"]))
+        unit = self.settings_of("lib/systemd/user/orlinth.service")
+        self.assertEqual(described["D-BUS Service"]["Exec"], unit["Service"]["ExecStart"])
+
+    def test_the_unit_starts_the_service_anew_when_that_asks_for_it_and_not_for_accounts_of_the_system(self):
+        unit = self.settings_of("lib/systemd/user/orlinth.service")
+        status = unit["Service"]["RestartForceExitStatus"]
+        self.assertEqual(f"ORLINTH_RESTART_STATUS={status}", unit["Service"]["Environment"])
+        source = pathlib.Path(os.environ["ORLINTH_SOURCE"]) / "src/orlinth/Commands/ServeCommand.cpp"
+        self.assertIn(f" restartStatus = {status};", source.read_text(encoding="utf-8"))
+        self.assertEqual("notify", unit["Service"]["Type"])
+        self.assertEqual("process", unit["Service"]["KillMode"])
+        self.assertEqual("!@system", unit["Unit"]["ConditionUser"])
+
     def assert_firewalls_find(self, settings, programs):
         """The port under its name, in these folders of settings and programs."""
         source = pathlib.Path(os.environ["ORLINTH_SOURCE"])

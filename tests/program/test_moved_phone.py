@@ -297,6 +297,47 @@ class Search(MovedPhoneTest):
         self.assertIn(("192.168.7.57", port), wire.connected)
         self.assertEqual([], wire.elsewhere)
 
+    def go(self, address):
+        """This computer is in the network of this address now, and in no other."""
+        run(f"""
+            ip link set near down
+            ip address flush dev near
+            ip address add {address}/24 dev near
+            ip link set near up""")
+
+    def share_elsewhere_and_come_home(self, port):
+        """The phone moves while this computer is away. Whom it connects to from coming home to the arrival."""
+        phone = self.serve_there(port)
+        self.go("192.168.8.10")
+        service = self.serve()
+        file = self.file("a.txt", os.urandom(1000))
+        result = self.mac.run("share", "--to", "phone", str(file))
+        self.assertEqual(0, result.returncode, result.stderr)
+        service.events.wait_for("outbox_waiting")
+        self.assertIsNone(phone.events.find("received"))
+        self.move("192.168.7.57")
+        self.go("192.168.7.10")
+        wire = self.wire()  # the service waits for the network to settle
+        run("ip route add default via 192.168.7.1")
+        service.events.wait_for("outbox_done")
+        self.assertEqual(sha256(file), sha256(phone.events.wait_for("received")["saved_at"]))
+        self.assertEqual("192.168.7.57", self.recorded())
+        wire.read()
+        self.assertEqual([], wire.elsewhere)
+        return set(wire.asked), set(wire.connected)
+
+    def test_what_was_shared_elsewhere_finds_it_on_coming_home(self):
+        asked, connected = self.share_elsewhere_and_come_home(self.make_known("192.168.7.30"))
+        self.assertGreater(len(asked), 20, "by a sweep")
+        self.assertEqual({"192.168.7"}, {address.rsplit(".", 1)[0] for address in asked})
+
+    def test_what_was_shared_elsewhere_finds_it_where_it_was_before(self):
+        port = self.make_known("192.168.7.57", "192.168.7.30")
+        asked, connected = self.share_elsewhere_and_come_home(port)
+        self.assertLessEqual(asked, {"192.168.7.1", "192.168.7.30", "192.168.7.57"})
+        self.assertIn(("192.168.7.57", port), connected)
+        self.assertLessEqual(connected, {("192.168.7.1", port), ("192.168.7.30", port), ("192.168.7.57", port)})
+
     def test_nothing_that_was_shared_leaves_the_network_while_the_phone_is_away(self):
         self.make_known("192.168.7.30")
         self.there.run("ip link set wlan down")

@@ -8,7 +8,7 @@ import subprocess
 import own_root  # noqa: F401 (it is entered by the import)
 import private_bus
 import side_by_side
-from bus_client import BusClient, BusError
+from service_client import BusClient, BusError
 from harness import ORLINTH, PATIENCE, Events
 from outbox_world import OutboxTest
 from terminal import Terminal

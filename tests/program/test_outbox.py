@@ -18,8 +18,7 @@ SECONDS_TO_NOTICE = 10 if SANITIZED else 1
 LEEWAY = 4
 
 
-NOT_RUNNING = ("The Orlinth service is not running. Files will be sent once it starts: "
-               "`systemctl --user start orlinth`\n")
+NOT_RUNNING = "The Orlinth service is not running. Files will be sent once it starts: `orlinth serve`\n"
 
 
 class Sharing(OutboxTest):

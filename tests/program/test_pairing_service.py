@@ -13,7 +13,7 @@ import zlib
 import own_root  # noqa: F401 (it is entered by the import)
 import private_bus
 import side_by_side
-from bus_client import BusClient, BusError
+from service_client import BusClient, BusError
 from harness import PATIENCE, Events, Identity, unused_port
 from outbox_world import OutboxTest
 

@@ -20,7 +20,7 @@ UUID = re.compile(r"[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A
 
 
 class ShareSheetTest(ProgramTest):
-    """`mac` has no phone yet."""
+    """`mac` has no phone yet, and a service seems to run."""
 
     def setUp(self):
         super().setUp()
@@ -29,6 +29,11 @@ class ShareSheetTest(ProgramTest):
         self.container = self.mac.data / "group.com.tarvinex.orlinth"
         self.outbox = self.container / "Outbox"
         self.keys = []
+        # so that the sheet starts none; test_activation.py has what it does then
+        service = socket.socket(socket.AF_UNIX)
+        self.addCleanup(service.close)
+        service.bind(str(self.mac.data / "Orlinth" / "service.sock"))
+        service.listen()
         # what Qt keeps until it ends is not ours
         suppressions = pathlib.Path(os.environ["ORLINTH_SOURCE"]) / "tests" / "OrlinthShare" / "lsan.supp"
         self.environment = {**self.mac.environment,

@@ -5,25 +5,36 @@
 #include "platform/Storage.h"
 #include "platform/WorkQueues.h"
 
+#include <cstdint>
 #include <map>
 #include <optional>
+#include <utility>
 
 namespace orlinth {
 
-/// The downloads folder as the receiving paths use it: what they do in it goes through here.
+/// Where the files of an offer go, and what is let into that folder.
+struct DownloadPlace {
+    platform::Path folder;
+    DownloadLimits limits = {};
+};
+
+/// The downloads folders as the receiving paths use them: what they do in one goes through here. Mostly it is the usual
+/// one, and a call may name another place.
 ///
-/// The path is looked up at each offer, as its owner may have removed the folder, or put another one there; from then
+/// A path is looked up at each offer, as its owner may have removed the folder, or put another one there; from then
 /// on the file goes into the folder that was found (platform::Folder).
 ///
 /// Threading: any thread. Tasks wait for the disk and for other programs where that holds nobody up
 /// (platform::blocking()); data is handed to the system in place. Outlives its files.
 class Downloads {
 public:
-    /// `queues` outlives this.
+    /// `folder` is the usual one. `queues` outlives this.
     Downloads(platform::Storage storage, platform::WorkQueues& queues, platform::Path folder);
 
-    /// Before the first file.
-    void setLimits(const DownloadLimits& limits) noexcept { limits_ = limits; }
+    /// Of the usual folder. Before the first file.
+    void setLimits(const DownloadLimits& limits) noexcept { usual_.limits = limits; }
+    /// Where files go if nothing else is said.
+    [[nodiscard]] const DownloadPlace& usualPlace() const noexcept { return usual_; }
 
     /// What begin() would come to.
     struct Prospect {
@@ -36,17 +47,20 @@ public:
     /// Transfers under way count with what is still to come, and this one with what is not here yet. Makes no folder:
     /// of one that is not there nothing can be said.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed
-    [[nodiscard]] Task<Prospect> prospectOf(PeerKey peerKey, TransportMessage::FileOffer offer);
+    [[nodiscard]] Task<Prospect> prospectOf(PeerKey peerKey, TransportMessage::FileOffer offer,
+                                            std::optional<DownloadPlace> place = std::nullopt);
     /// What has come of an offer: one of the two.
     struct Beginning {
         std::optional<IncomingFile> file;
         std::optional<DownloadRefusal> refusal;
     };
-    /// Begins a file in its turn (IncomingFile::begin()), in a folder that is made if it is missing.
+    /// Begins a file in its turn (IncomingFile::begin()), in a folder that is made if it is missing. What an earlier
+    /// attempt has left in another folder is not looked for: it stays there.
     /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed;
     /// Cancelled
     [[nodiscard]] Task<Beginning> beginUnlessRefused(PeerKey peerKey, TransportMessage::FileOffer offer,
-                                                     platform::Clock::Instant offeredAt);
+                                                     platform::Clock::Instant offeredAt,
+                                                     std::optional<DownloadPlace> place = std::nullopt);
     /// The same; a refusal is thrown too, as ReceiveError::fileWriteFailed.
     [[nodiscard]] Task<IncomingFile> begin(PeerKey peerKey, TransportMessage::FileOffer offer,
                                            platform::Clock::Instant offeredAt);
@@ -62,35 +76,39 @@ public:
 private:
     /// How many partial files each phone has in a folder; more than there are, if some were removed since.
     struct Census {
-        platform::FileStatus folder;
         platform::Clock::Instant takenAt;
         std::map<PeerKey, std::size_t> partials;
     };
 
+    /// Device and inode.
+    using FolderId = std::pair<std::uint64_t, std::uint64_t>;
+    [[nodiscard]] static FolderId idOf(const platform::Folder& folder);
+    [[nodiscard]] DownloadRoom roomOn(const platform::Folder& folder);
     [[nodiscard]] Task<Beginning> beginHere(PeerKey peerKey, TransportMessage::FileOffer offer,
-                                            platform::Clock::Instant offeredAt);
+                                            platform::Clock::Instant offeredAt, DownloadPlace place);
     [[nodiscard]] Task<std::optional<ReceivedFile>> finishHere(IncomingFile& file, std::string remoteEndpoint);
     [[nodiscard]] bool isDelivered(const PeerKey& peerKey, const TransportMessage::FileOffer& offer);
-    [[nodiscard]] std::unique_ptr<platform::Folder> open() const;
-    [[nodiscard]] std::optional<DownloadRefusal> refusalOf(const PeerKey& peerKey,
-                                                           const TransportMessage::FileOffer& offer);
-    [[nodiscard]] std::optional<DownloadRefusal> refusalIn(platform::Folder& folder,
+    [[nodiscard]] std::unique_ptr<platform::Folder> open(const platform::Path& path) const;
+    [[nodiscard]] std::optional<DownloadRefusal>
+    refusalOf(const PeerKey& peerKey, const TransportMessage::FileOffer& offer, const DownloadPlace& place);
+    [[nodiscard]] std::optional<DownloadRefusal> refusalIn(platform::Folder& folder, const DownloadLimits& limits,
                                                            const CollisionResolver::Transfer& transfer,
                                                            const TransportMessage::FileOffer& offer);
     [[nodiscard]] bool hasTooManyPartials(platform::Folder& folder, const PeerKey& peerKey);
     void requireInPlace(const platform::Folder& folder) const;
-    void takeCensus(platform::Folder& folder) ORLINTH_REQUIRES(censusLock_);
-    void countPartial(const PeerKey& peerKey, bool isNew);
+    Census& takeCensus(platform::Folder& folder) ORLINTH_REQUIRES(lock_);
+    void countPartial(const platform::Folder& folder, const PeerKey& peerKey, bool isNew);
 
     platform::Storage storage_;
     platform::WorkQueues& queues_;
-    platform::Path path_;
-    DownloadLimits limits_;
+    DownloadPlace usual_;
     DeliveredTransfers delivered_;
     FolderTurns turns_;
-    DownloadRoom room_;
-    Mutex censusLock_;
-    std::optional<Census> census_ ORLINTH_GUARDED_BY(censusLock_);
+    Mutex lock_;
+    /// By device: what is promised to one disk takes nothing from another.
+    std::map<std::uint64_t, DownloadRoom> rooms_ ORLINTH_GUARDED_BY(lock_);
+    /// Of the folders that were used last.
+    std::map<FolderId, Census> censuses_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth

@@ -47,13 +47,18 @@ bool mayBeMarked(platform::Clipboard& clipboard) {
 } // namespace
 
 void PasteboardWriter::write(platform::Clipboard& clipboard, platform::Log& log, const Executor& queue,
-                             std::string text) {
-    asio::post(queue, [&clipboard, &log, text = std::move(text)] {
+                             std::string text, std::function<void(bool isThere)> onDone) {
+    asio::post(queue, [&clipboard, &log, text = std::move(text), onDone = std::move(onDone)] {
+        bool isThere = false;
         try {
             clipboard.setText(text);
+            isThere = true;
         } catch (const std::exception& error) {
             log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "pasteboard",
                       "cannot write the clipboard: " + describe(error));
+        }
+        if (onDone) {
+            onDone(isThere);
         }
     });
 }

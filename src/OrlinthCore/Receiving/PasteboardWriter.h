@@ -4,6 +4,7 @@
 #include "platform/Log.h"
 #include "platform/Task.h"
 
+#include <functional>
 #include <string>
 #include <variant>
 
@@ -35,7 +36,9 @@ struct PasteboardWriter {
 
     /// Puts the text on the clipboard, without any mark. Any thread; returns at once, the work is done on `queue`,
     /// which it may block. A failure there is logged, without the text. `clipboard` and `log` outlive the work.
-    static void write(platform::Clipboard& clipboard, platform::Log& log, const Executor& queue, std::string text);
+    /// `onDone` is told on `queue` whether the text got there; it may be empty, and does not throw.
+    static void write(platform::Clipboard& clipboard, platform::Log& log, const Executor& queue, std::string text,
+                      std::function<void(bool isThere)> onDone = {});
     /// The clipboard's plain text; "" if there is none.
     /// @throws platform::ClipboardUnavailable without a desktop session; platform::SystemError if it cannot be read
     [[nodiscard]] static std::string read(platform::Clipboard& clipboard);

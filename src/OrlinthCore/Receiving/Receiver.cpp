@@ -127,6 +127,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
     Callbacks callbacks;
     std::function<Task<bool>(Offer)> approve;
     std::function<void()> refreshKeys;
+    std::function<Reception(const PeerKey&)> receive;
     std::function<std::unique_ptr<platform::Listener>(const platform::ListenOptions&, Executor)> openListener;
     ReceiverLimits limits;
 
@@ -161,6 +162,7 @@ struct Receiver::Service : std::enable_shared_from_this<Receiver::Service> {
                                         std::unique_ptr<platform::Stream> stream);
     [[nodiscard]] ReceiverConnectionContext contextFor(const SessionRef& session);
     [[nodiscard]] ReceiverConnectionContext::Standing standingOf(const platform::PublicKey& key) const;
+    [[nodiscard]] Reception receptionOf(const PeerKey& peerKey) const;
     [[nodiscard]] static Task<bool> ask(std::shared_ptr<Service> self, Offer offer);
     void stay(const SessionRef& session);
     void finish(const SessionRef& session, std::optional<ProcessOutcome> outcome, std::exception_ptr error);
@@ -378,6 +380,17 @@ Task<> Receiver::Service::process(std::shared_ptr<Service> self, SessionRef sess
     });
 }
 
+Receiver::Reception Receiver::Service::receptionOf(const PeerKey& peerKey) const {
+    using Approval = Reception::Approval;
+    Reception reception =
+        receive ? receive(peerKey)
+                : Reception{.place = downloads.usualPlace(), .approval = approve ? Approval::asked : Approval::given};
+    if (reception.approval == Approval::asked && !approve) {
+        reception.approval = Approval::refused; // there is nobody who could say yes
+    }
+    return reception;
+}
+
 /// So that the host's function itself runs on our queue too, not only the task that it makes.
 Task<bool> Receiver::Service::ask(std::shared_ptr<Service> self, Offer offer) {
     Task<bool> asking = self->approve(std::move(offer));
@@ -417,6 +430,7 @@ ReceiverConnectionContext Receiver::Service::contextFor(const SessionRef& sessio
                     }
                     return standing;
                 },
+            .receptionOf = [self](const PeerKey& peerKey) { return self->receptionOf(peerKey); },
             .approveOffer = approve ? std::function([self](Offer offer) {
                 return platform::runOn(self->queue, ask(self, std::move(offer)));
             })
@@ -606,6 +620,7 @@ Task<> Receiver::run(Callbacks callbacks) {
     service_->callbacks = std::move(callbacks);
     service_->approve = approveOffer;
     service_->refreshKeys = beforeAuthorising;
+    service_->receive = receptionOf;
     service_->downloads.setLimits(downloadLimits);
     service_->openListener = openListener;
     service_->limits = limits;

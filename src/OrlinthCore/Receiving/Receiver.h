@@ -115,6 +115,17 @@ public:
         std::string remoteEndpoint; ///< where it has connected from, which may be a router's address
     };
 
+    /// What becomes of the files that a phone offers.
+    struct Reception {
+        enum class Approval {
+            given,   ///< every file is taken
+            refused, ///< none is
+            asked    ///< as approveOffer says
+        };
+        DownloadPlace place;
+        Approval approval = Approval::given;
+    };
+
     /// Names a file that comes in. No two of a receiver have the same.
     enum class TransferNumber : std::uint64_t {};
 
@@ -204,6 +215,11 @@ public:
 
     /// Offers beyond these are refused without asking approveOffer. Set before run().
     DownloadLimits downloadLimits;
+    /// Asked for each offer of this phone, on the connection's queue; what it says may be another thing at the next
+    /// one. A file that is under way stays in its folder and under its limits. Must be safe to call from several
+    /// threads at once. Absent: the folder of the constructor and `downloadLimits`; approveOffer is asked if there is
+    /// one. Set before run().
+    std::function<Reception(const PeerKey& peerKey)> receptionOf;
 
     /// From the next connection on.
     void setExpectedPeerPubkeys(std::vector<platform::PublicKey> keys);

@@ -275,11 +275,17 @@ private:
         if (context_.cancelled.contains(self_->peerKey(), TransferId(offer.transfer_id), offerTime)) {
             co_return co_await decline(offer, std::nullopt);
         }
+        using Approval = Receiver::Reception::Approval;
+        const Receiver::Reception reception = context_.receptionOf(self_->peerKey());
         bool mustBeHere = false;
-        if (context_.approveOffer) {
-            const Downloads::Prospect prospect = co_await context_.downloads.prospectOf(self_->peerKey(), offer);
+        if (reception.approval != Approval::given) {
+            const Downloads::Prospect prospect =
+                co_await context_.downloads.prospectOf(self_->peerKey(), offer, reception.place);
             mustBeHere = prospect.isDelivered; // nobody is asked twice about the same file
-            const bool isWanted = mustBeHere || (!prospect.refusal && co_await isApproved(offer));
+            bool isWanted = mustBeHere;
+            if (!mustBeHere && !prospect.refusal && reception.approval == Approval::asked) {
+                isWanted = co_await isApproved(offer);
+            }
             if (!isWanted) {
                 co_return co_await decline(offer, prospect.refusal);
             }
@@ -287,7 +293,7 @@ private:
         claim_.emplace(ActiveTransfers::shared(), TransferId(offer.transfer_id), self_);
         co_await claim_->take(offeredAt);
         Downloads::Beginning beginning =
-            co_await context_.downloads.beginUnlessRefused(self_->peerKey(), offer, offerTime);
+            co_await context_.downloads.beginUnlessRefused(self_->peerKey(), offer, offerTime, reception.place);
         if (beginning.refusal) {
             co_return co_await decline(offer, beginning.refusal);
         }

@@ -31,7 +31,9 @@ struct ReceiverConnectionContext {
     enum class Standing { unknown, expected, removed };
     /// May be called on several threads at once, like all that follow.
     std::function<Standing(const platform::PublicKey&)> standingOf;
-    /// Empty: every offer is taken.
+    /// What becomes of the next offer of this phone.
+    std::function<Receiver::Reception(const PeerKey&)> receptionOf;
+    /// Asked if that says so; it is there then.
     std::function<Task<bool>(Receiver::Offer)> approveOffer;
     /// Ends this connection soon after; the text says why. Any thread, also when it has ended.
     std::function<void(const char* because)> dismiss;

@@ -29,15 +29,14 @@ public:
     virtual void progress(const Transfer& transfer, const Progress& progress) = 0;
     virtual void sent(const Transfer& transfer, const Delivered& delivered) = 0;
     /// A phone has everything of a batch, but for what has failed.
-    virtual void through(const OutboxState::Phone& to, const std::vector<std::string>& files) = 0;
+    virtual void through(const BatchId& batch, const OutboxState::Phone& to, const std::vector<std::string>& files) = 0;
     /// Nothing of the batch is left to do.
     virtual void done(const BatchId& batch) = 0;
     /// An attempt has failed that is made again after `pause`: each time. `to` is empty where it is not about a
     /// phone.
     virtual void waiting(const BatchId& batch, const std::string& to, const std::string& message, Seconds pause) = 0;
-    /// The same, only when the reason is another one than before: in the log, and on the desktop.
+    /// The same, only when the reason is another one than before, for the log.
     virtual void waitingLine(const OutboxState::Phone& to, const std::string& message) = 0;
-    virtual void waitingNotification(const OutboxState::Phone& to, const std::string& message) = 0;
     /// A file is not sent to a phone, whatever happens.
     virtual void failed(const Transfer& transfer, const std::string& message) = 0;
     /// Nothing more of a batch is sent to a phone.

@@ -355,9 +355,6 @@ void OutboxQueue::setWaiting(const PeerKey& peerKey, const std::string& message,
     if (isNews || isFirst) {
         events_.waitingLine(waiting, message);
     }
-    if (isFirst) {
-        events_.waitingNotification(waiting, message);
-    }
 }
 
 void OutboxQueue::settlePhone(Job& job, const PeerKey& peerKey) {
@@ -371,7 +368,7 @@ void OutboxQueue::settlePhone(Job& job, const PeerKey& peerKey) {
     if (!done.empty() && LastPhone(home_).remember(peerKey) && onLastPhone) {
         onLastPhone();
     }
-    events_.through(phone, done);
+    events_.through(job.id(), phone, done);
 }
 
 void OutboxQueue::endIfThrough(const BatchId& id) {

@@ -85,11 +85,12 @@ void refuseNameLikeKey(const PeerBook& book, const PeerRecord& record, const std
 
 /// That of the settings; nothing if they have none. @throws HostError, PeerStoreError
 std::optional<PeerRecord> chosenPeer(const Home& home) {
-    if (home.defaultPhone.empty()) {
+    const std::string selector = home.defaultPhone.get();
+    if (selector.empty()) {
         return std::nullopt;
     }
     try {
-        return resolvePeer(home, home.defaultPhone);
+        return resolvePeer(home, selector);
     } catch (const HostError& error) {
         throw HostError(error.description(),
                         "The settings have it as the default phone (`to` in [send]). " + error.hint());

@@ -168,7 +168,7 @@ Task<> Finder::look(std::shared_ptr<State> state) {
 Task<> Finder::lookOnce(std::shared_ptr<State> state) {
     platform::Clock& clock = home_.system.clock;
     const platform::Clock::Instant end = clock.now() + limit;
-    std::optional<FinderPlan::Sweep> network;
+    bool mayComeToSweep = false;
     std::vector<Meeting> tried;
     {
         const Whereabouts here = Whereabouts::look(home_.system);
@@ -185,22 +185,16 @@ Task<> Finder::lookOnce(std::shared_ptr<State> state) {
                 tried.push_back({.host = candidate.host, .network = here.networkOf(candidate.host)});
             }
         }
-        network = state->maySweep ? plan.sweep(phone) : std::nullopt;
-        if (network && !areOnLink(here, *network)) {
-            network.reset();
-        }
-        state->sweepable = network ? std::optional(network->claim) : std::nullopt;
+        const bool isSweepable = state->maySweep && networkToSweep(*state, here, plan, phone);
+        mayComeToSweep = isSweepable || (state->maySweep && plan.waitsForRouter());
     }
     const auto isOver = [this, state] { return !state->isWanted() || probes_.isEmpty(); };
-    if (network) {
+    if (mayComeToSweep) {
         const auto isUnwanted = [state] { return !state->isWanted(); };
         const Seconds left = state->begun + sweepDelay - clock.now();
         const bool isEarly = co_await news_.until(isUnwanted, clock, left);
-        if (!isEarly && claimSweep(network->claim)) {
-            probes_.add(sweep(*std::move(network)), [this](const std::exception_ptr& error) {
-                report(error);
-                news_.changed();
-            });
+        if (!isEarly) {
+            beginSweep(*state);
         }
     }
     const bool isThrough = co_await news_.until(isOver, clock, end - clock.now());
@@ -208,6 +202,31 @@ Task<> Finder::lookOnce(std::shared_ptr<State> state) {
         for (const Meeting& meeting : tried) {
             memory_.failed(state->phone.peer_pubkey, meeting.host, meeting.network);
         }
+    }
+}
+
+/// Nothing if there is none. Keeps which it is, for the sweeps that others make.
+std::optional<FinderPlan::Sweep> Finder::networkToSweep(State& state, const Whereabouts& here, const FinderPlan& plan,
+                                                        const SoughtPhone& phone) {
+    std::optional<FinderPlan::Sweep> network = plan.sweep(phone);
+    if (network && !areOnLink(here, *network)) {
+        network.reset();
+    }
+    state.sweepable = network ? std::optional(network->claim) : std::nullopt;
+    return network;
+}
+
+/// In the network as it is now: a router that has answered in the meantime says which network that is.
+void Finder::beginSweep(State& state) {
+    const Whereabouts here = Whereabouts::look(home_.system);
+    const SoughtPhone phone = soughtFor(state.phone, here.surroundings());
+    const FinderPlan plan(find_, here.networks(), here.neighbours());
+    std::optional<FinderPlan::Sweep> network = networkToSweep(state, here, plan, phone);
+    if (network && claimSweep(network->claim)) {
+        probes_.add(sweep(*std::move(network)), [this](const std::exception_ptr& error) {
+            report(error);
+            news_.changed();
+        });
     }
 }
 

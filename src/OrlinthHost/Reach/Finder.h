@@ -88,6 +88,9 @@ private:
     [[nodiscard]] Task<> probe(FinderTarget target);
     [[nodiscard]] Task<std::optional<platform::PublicKey>> provedKeyOf(std::unique_ptr<platform::Stream> stream);
     [[nodiscard]] bool claimSweep(const NetworkId& network);
+    [[nodiscard]] static std::optional<FinderPlan::Sweep>
+    networkToSweep(State& state, const Whereabouts& here, const FinderPlan& plan, const SoughtPhone& phone);
+    void beginSweep(State& state);
     [[nodiscard]] Task<> sweep(FinderPlan::Sweep sweep);
     void heard(const FinderTarget& target, const PeerKey& key);
     void found(State& state, const HostAddress& host);

@@ -148,6 +148,13 @@ std::vector<FinderTarget> FinderPlan::nearby(const SoughtPhone& phone) const {
     return targets.take();
 }
 
+bool FinderPlan::waitsForRouter() const {
+    return find_ != FindSetting::never && std::ranges::any_of(networks_, [](const OwnNetwork& network) {
+               return network.gateway && !network.id && network.kind == InterfaceKind::real &&
+                      isPrivate(network.address);
+           });
+}
+
 /// That of the recorded address, else the first in which the phone may be searched.
 const OwnNetwork* FinderPlan::networkToSweep(const SoughtPhone& phone) const {
     constexpr int longestPrefix = 30; // a longer one has no room for others

@@ -76,6 +76,9 @@ public:
     [[nodiscard]] std::vector<FinderTarget> nearby(const SoughtPhone& phone) const;
     /// Nothing if there is no network to sweep for this phone.
     [[nodiscard]] std::optional<Sweep> sweep(const SoughtPhone& phone) const;
+    /// Whether there may be one as soon as a router has answered. This computer has just come into its network and
+    /// does not know which it is; nearby() asks the router.
+    [[nodiscard]] bool waitsForRouter() const;
 
 private:
     [[nodiscard]] const OwnNetwork* networkToSweep(const SoughtPhone& phone) const;

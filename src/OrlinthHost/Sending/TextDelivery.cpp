@@ -1,11 +1,16 @@
 #include "OrlinthHost/Sending/TextDelivery.h"
 
+#include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/LastPhone.h"
 #include "OrlinthHost/Phones/SharedPeers.h"
 #include "OrlinthHost/Reach/Approach.h"
+#include "OrlinthHost/Sending/PhoneTimeouts.h"
+#include "OrlinthHost/Sending/PushService.h"
+#include "base/Text.h"
 
 #include <asio/this_coro.hpp>
 
+#include <cmath>
 #include <functional>
 #include <utility>
 
@@ -31,7 +36,40 @@ OneOffRequest watchedBy(Approach& approach, OneOffRequest request) {
     return request;
 }
 
+/// How long a phone may take for the text, in seconds that read well; 0: as long as it likes.
+Seconds timeToSend(Seconds answerLimit, std::size_t textBytes) {
+    constexpr double slowestBytesPerSecond = 250'000; // a phone that takes less does not take anything
+    constexpr double tenths = 10;
+    const double forBytes = std::ceil(static_cast<double>(textBytes) / slowestBytesPerSecond * tenths) / tenths;
+    return answerLimit <= 0s ? 0s : answerLimit + Seconds(forBytes);
+}
+
 } // namespace
+
+void requireText(std::string_view text) {
+    if (text.empty()) {
+        throw HostError("there is no text to send");
+    }
+    if (!isUtf8(text)) {
+        throw HostError("the text is not UTF-8", "`orlinth send` takes files of any kind.");
+    }
+}
+
+OneOffRequest textRequest(PeerRecord peer, const platform::PrivateKey& ownKey, const TextTimes& times,
+                          std::size_t textBytes) {
+    OneOffRequest request{.peer = std::move(peer),
+                          .staticKey = ownKey,
+                          .warmConnectTimeout = times.warm,
+                          .postWakeConnectTimeout = times.wake,
+                          .fcmBaseURL = pushServiceURL(),
+                          .handshakeLimit = handshakeLimit,
+                          .sendLimit = timeToSend(times.answer, textBytes),
+                          .answerLimit = times.answer};
+    if (times.answer <= 0s) { // else the limits of the steps are stricter, and say more
+        request.keepAlive = phoneKeepAlive;
+    }
+    return request;
+}
 
 Task<OneOffEnd> deliverText(Home& home, FindSetting find, std::string text, std::string mime, OneOffRequest request) {
     Finder finder(home, find);

@@ -23,9 +23,15 @@ constexpr const char* statusRequest = "status";
 constexpr const char* watchRequest = "watch";
 constexpr const char* lastTextRequest = "last_text";
 constexpr const char* forgetTextRequest = "forget_text";
+constexpr const char* restartRequest = "restart";
+constexpr const char* versionKey = "version";
 constexpr const char* acceptRequest = "accept";
 constexpr const char* declineRequest = "decline";
 constexpr const char* pairRequest = "pair";
+constexpr const char* settingsRequest = "settings";
+constexpr const char* setRequest = "set";
+constexpr const char* settingKey = "setting";
+constexpr const char* valueKey = "value";
 constexpr const char* transferKey = "transfer";
 constexpr const char* interfaceKey = "interface";
 constexpr const char* timeoutKey = "timeout_seconds";
@@ -47,6 +53,7 @@ constexpr const char* sinceKey = "since_epoch_ms";
 constexpr const char* fromKey = "from";
 constexpr const char* receivedKey = "received_epoch_ms";
 constexpr const char* textBytesKey = "text_bytes";
+constexpr const char* entriesKey = "entries";
 
 std::optional<std::uint16_t> portIn(const Json& object) {
     if (!object.is_object() || !object.contains(portKey)) {
@@ -158,23 +165,7 @@ TextReply textIn(const Json& object) {
             .bytes = static_cast<std::uint64_t>(bytes)};
 }
 
-} // namespace
-
-const char* textOf(PresenceState state) noexcept {
-    switch (state) {
-    case PresenceState::here:
-        return "here";
-    case PresenceState::asleep:
-        return "asleep";
-    case PresenceState::away:
-        return "away";
-    case PresenceState::unknown:
-        break;
-    }
-    return "unknown";
-}
-
-std::string encodeControlRequest(const ControlRequest& request) {
+Json jsonOf(const ControlRequest& request) {
     Json object;
     std::visit(Overloaded{[&object](const PortRequest&) { object[requestKey] = portRequest; },
                           [&object](const LendPortRequest& lend) {
@@ -206,8 +197,44 @@ std::string encodeControlRequest(const ControlRequest& request) {
                           [&object](const StatusRequest&) { object[requestKey] = statusRequest; },
                           [&object](const WatchRequest&) { object[requestKey] = watchRequest; },
                           [&object](const LastTextRequest&) { object[requestKey] = lastTextRequest; },
-                          [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; }},
+                          [&object](const ForgetTextRequest&) { object[requestKey] = forgetTextRequest; },
+                          [&object](const RestartRequest&) { object[requestKey] = restartRequest; },
+                          [&object](const SettingsRequest&) { object[requestKey] = settingsRequest; },
+                          [&object](const SetRequest& set) {
+                              object[requestKey] = setRequest;
+                              object[settingKey] = set.setting;
+                              object[valueKey] = toJson(set.value);
+                          },
+                          [&object](const PhoneRequest& phone) { object = encodePhoneRequest(phone); }},
                request);
+    return object;
+}
+
+} // namespace
+
+const char* textOf(PresenceState state) noexcept {
+    switch (state) {
+    case PresenceState::here:
+        return "here";
+    case PresenceState::asleep:
+        return "asleep";
+    case PresenceState::away:
+        return "away";
+    case PresenceState::unknown:
+        break;
+    }
+    return "unknown";
+}
+
+std::string encodeControlRequest(const ControlRequest& request) {
+    return compactJson(jsonOf(request));
+}
+
+std::string encodeControlRequestFrom(const std::string& version, const ControlRequest& request) {
+    Json object = jsonOf(request);
+    if (!version.empty()) {
+        object[versionKey] = version;
+    }
     return compactJson(object);
 }
 
@@ -225,6 +252,7 @@ std::string encodeControlReply(const ControlReply& reply) {
                               object[receivedKey] = toNumber(text.received);
                               object[textBytesKey] = text.bytes;
                           },
+                          [&object](const HistoryReply& history) { object[entriesKey] = history.entries; },
                           [&object](const ErrorReply& error) { object[errorKey] = error.problem; }},
                reply);
     return compactJson(object);
@@ -278,7 +306,28 @@ ControlRequest decodeControlRequest(std::string_view line) {
     if (what == forgetTextRequest) {
         return ForgetTextRequest{};
     }
+    if (what == restartRequest) {
+        return RestartRequest{};
+    }
+    if (std::optional<PhoneRequest> phone = decodePhoneRequest(what, object)) {
+        return *std::move(phone);
+    }
+    if (what == settingsRequest) {
+        return SettingsRequest{};
+    }
+    if (what == setRequest) {
+        const auto value = object.find(valueKey);
+        const std::optional<SettingValue> known = value != object.end() ? settingValueFrom(*value) : std::nullopt;
+        if (!known) {
+            throw HostError("a setting needs a text, true, false, or a whole number");
+        }
+        return SetRequest{.setting = requireString(object, settingKey), .value = *known};
+    }
     throw HostError("unknown request");
+}
+
+std::string decodeClientVersion(std::string_view line) {
+    return optionalString(parseJson(line), versionKey).value_or("");
 }
 
 ControlReply decodeControlReply(std::string_view line) {
@@ -300,6 +349,12 @@ ControlReply decodeControlReply(std::string_view line) {
     }
     if (object.contains(textBytesKey)) {
         return textIn(object);
+    }
+    if (object.contains(entriesKey)) {
+        const std::int64_t entries = requireInt64(object, entriesKey);
+        if (entries >= 0) {
+            return HistoryReply{static_cast<std::size_t>(entries)};
+        }
     }
     throw HostError("its answer makes no sense");
 }

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "OrlinthHost/Service/PairingView.h"
+#include "OrlinthHost/Service/PhoneMessages.h"
 #include "OrlinthHost/Service/PhonePresence.h"
+#include "OrlinthHost/Settings/SettingRules.h"
 #include "base/StrongText.h"
 #include "base/Time.h"
 
@@ -90,9 +92,29 @@ struct ForgetTextRequest {
     friend bool operator==(const ForgetTextRequest&, const ForgetTextRequest&) = default;
 };
 
+/// `{"request":"restart"}`: ends the service so that its manager starts it anew. Answered by FoundReply before that, or
+/// by ErrorReply if nobody would start it.
+struct RestartRequest {
+    friend bool operator==(const RestartRequest&, const RestartRequest&) = default;
+};
+
+/// `{"request":"settings"}`: what is set. Answered by SettingLines of ServiceNews.h, and CurrentLine.
+struct SettingsRequest {
+    friend bool operator==(const SettingsRequest&, const SettingsRequest&) = default;
+};
+
+/// `{"request":"set","setting":"accept","value":"ask"}`: from now on; "" is "as usual again". Answered by FoundReply
+/// that it is so, or ErrorReply.
+struct SetRequest {
+    std::string setting;
+    SettingValue value;
+    friend bool operator==(const SetRequest&, const SetRequest&) = default;
+};
+
 using ControlRequest =
     std::variant<PortRequest, LendPortRequest, OutboxRetryRequest, OutboxDropRequest, PresenceRequest, CancelRequest,
-                 AnswerOfferRequest, PairRequest, StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest>;
+                 AnswerOfferRequest, PairRequest, StatusRequest, WatchRequest, LastTextRequest, ForgetTextRequest,
+                 RestartRequest, SettingsRequest, SetRequest, PhoneRequest>;
 
 /// `{"downloads":"/home/ada/Downloads","port":28471,"since_epoch_ms":1731686400000}`. To a request for a loan only the
 /// port is said.
@@ -111,7 +133,7 @@ struct NotLentReply {
     friend bool operator==(const NotLentReply&, const NotLentReply&) = default;
 };
 
-/// `{"found":true}`, or false if there is no such batch, transfer, offer or text.
+/// `{"found":true}`, or false if there is no such batch, transfer, offer, text or phone.
 struct FoundReply {
     bool isFound = false;
     friend bool operator==(const FoundReply&, const FoundReply&) = default;
@@ -141,10 +163,13 @@ struct ErrorReply {
     friend bool operator==(const ErrorReply&, const ErrorReply&) = default;
 };
 
-using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, TextReply, ErrorReply>;
+using ControlReply =
+    std::variant<PortReply, NotLentReply, FoundReply, PresenceReply, TextReply, HistoryReply, ErrorReply>;
 
 /// As one line, without its end.
 [[nodiscard]] std::string encodeControlRequest(const ControlRequest& request);
+/// The same with the version of the client's program in it, `"version":"0.1.0"`, unless that is "".
+[[nodiscard]] std::string encodeControlRequestFrom(const std::string& version, const ControlRequest& request);
 [[nodiscard]] std::string encodeControlReply(const ControlReply& reply);
 
 /// The state's text, as above and in the events of commands.
@@ -152,8 +177,10 @@ using ControlReply = std::variant<PortReply, NotLentReply, FoundReply, PresenceR
 
 /// `line` is without its end. @throws JsonError or HostError, whose text the one who asked may read
 [[nodiscard]] ControlRequest decodeControlRequest(std::string_view line);
+/// The client's version as a request says it; "" if it does not. @throws JsonError
+[[nodiscard]] std::string decodeClientVersion(std::string_view line);
 /// An object that has several of the members counts as the first of: error, port, found, phones,
-/// text_bytes. @throws likewise
+/// text_bytes, entries. @throws likewise
 [[nodiscard]] ControlReply decodeControlReply(std::string_view line);
 
 } // namespace orlinth::host

@@ -2,13 +2,11 @@
 
 #include "OrlinthCore/Share/ShareOutbox.h"
 #include "OrlinthHost/HostError.h"
-#include "base/Hex.h"
-#include "platform/Crypto.h"
 #include "platform/Folder.h"
 #include "platform/SystemError.h"
+#include "platform/WholeFile.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 namespace orlinth::host {
@@ -33,10 +31,8 @@ void tryToWrite(platform::FileSystem& files, const platform::Path& folder) {
     if (status && status->kind != platform::FileKind::directory) {
         throw platform::SystemError(std::make_error_code(std::errc::not_a_directory));
     }
-    std::array<std::byte, 8> random{};
-    platform::randomBytes(random);
     const std::unique_ptr<platform::Folder> opened = files.openFolder(folder);
-    const platform::FileName probe("." + hexEncode(random) + ".tmp");
+    const platform::FileName probe = platform::temporaryName();
     static_cast<void>(opened->open(probe, platform::OpenMode::createNew, 0600));
     opened->remove(probe);
 }

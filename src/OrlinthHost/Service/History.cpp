@@ -55,6 +55,10 @@ std::string cut(const std::string& text, std::size_t bytes) {
     return firstCharactersWithin(toUtf8(text), bytes);
 }
 
+platform::SystemError notOurs() {
+    return platform::SystemError(std::string(History::fileName) + " is not a file of this user alone");
+}
+
 bool counts(const HistoryEntry& entry, EpochMilliseconds now) {
     return entry.time >= now - History::maxAge;
 }
@@ -169,13 +173,34 @@ void History::add(const HistoryEntry& entry) noexcept {
     }
 }
 
+void History::clear() {
+    lines_.reset();
+    try {
+        const std::unique_ptr<platform::Folder> folder = files_.openFolder(directory_);
+        const platform::FileName name(fileName);
+        const std::optional<platform::FileStatus> status = folder->status(name);
+        if (!status) {
+            return;
+        }
+        if (status->kind != platform::FileKind::regular || !folder->isOwn(*status)) {
+            throw notOurs();
+        }
+        folder->remove(name);
+        folder->flush(); // else a power cut brings it back
+    } catch (const platform::SystemError& error) {
+        if (error.code() != std::errc::no_such_file_or_directory) {
+            throw;
+        }
+    }
+}
+
 void History::append(const HistoryEntry& entry) {
     files_.createDirectories(directory_, ownerOnlyFolder);
     const std::unique_ptr<platform::File> file =
         files_.open(directory_ / fileName, platform::OpenMode::openOrCreate, platform::Links::refuse, ownerOnly);
     const platform::FileStatus status = file->status();
     if (status.kind != platform::FileKind::regular || !files_.openFolder(directory_)->isOwn(status)) {
-        throw platform::SystemError(std::string(fileName) + " is not a file of this user alone");
+        throw notOurs();
     }
     std::string text = encode(entry) + "\n";
     if (status.size > 0) {

@@ -39,6 +39,7 @@ std::vector<ServiceNews> NewsReader::next(bool isTimeToLook) {
     addTransfers(news);
     addBatches(news);
     addOffers(news);
+    addHistory(news);
     if (isFirst) {
         news.emplace_back(CurrentLine{});
     }
@@ -89,6 +90,17 @@ void NewsReader::addOffers(std::vector<ServiceNews>& news) {
     }
     addChanges(offers_, std::move(current), news,
                [](OfferNumber number) -> ServiceNews { return OfferGoneLine{number}; });
+}
+
+void NewsReader::addHistory(std::vector<ServiceNews>& news) {
+    HistoryKeeper::News added = api_.history().since(seenHistory_);
+    seenHistory_ = added.version;
+    if (!added.isWhole) {
+        news.emplace_back(HistoryLine{});
+    }
+    for (HistoryEntry& entry : added.added) {
+        news.emplace_back(HistoryLine{std::move(entry)});
+    }
 }
 
 } // namespace orlinth::host

@@ -15,10 +15,10 @@ namespace orlinth::host {
 class NewsReader {
 public:
     /// `api` outlives this.
-    explicit NewsReader(const ServiceApi& api) noexcept : api_(api) {}
+    explicit NewsReader(const ServiceApi& api) noexcept : api_(api), seenHistory_(api.history().version()) {}
 
-    /// What has changed since the last call; everything at the first. Phones are looked at again only if `isTimeToLook`
-    /// or if something was heard of one.
+    /// What has changed since the last call; everything at the first, but for the history. Phones are looked at again
+    /// only if `isTimeToLook` or if something was heard of one.
     [[nodiscard]] std::vector<ServiceNews> next(bool isTimeToLook);
     /// Whether there may be news.
     [[nodiscard]] bool isBehind() const noexcept { return seenVersion_ != api_.version(); }
@@ -29,10 +29,12 @@ private:
     void addTransfers(std::vector<ServiceNews>& news);
     void addBatches(std::vector<ServiceNews>& news);
     void addOffers(std::vector<ServiceNews>& news);
+    void addHistory(std::vector<ServiceNews>& news);
 
     const ServiceApi& api_;
     std::uint64_t seenVersion_ = 0;
     std::uint64_t seenPhonesVersion_ = 0;
+    std::uint64_t seenHistory_ = 0;
     std::optional<ServiceView> service_;
     std::map<PeerKey, PhoneView> phones_;
     std::map<TransferNumber, TransferView> transfers_;

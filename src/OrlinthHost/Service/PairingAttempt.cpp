@@ -65,7 +65,7 @@ DeviceInfo deviceAt(const Home& home, const std::string& place, const std::strin
 PairingPayload payloadFor(const Home& home, const PairingAttempt::Settings& settings, std::uint16_t port) {
     DeviceInfo device = deviceAt(home, settings.place, settings.interface);
     if (!home.computerName.empty()) {
-        device.hostname = home.computerName;
+        device.hostname = home.computerName.get();
     }
     return PairingPayload::mint(settings.ownKey, device, port);
 }

@@ -16,9 +16,10 @@ constexpr std::uint32_t reminderPermissions = 0600;
 
 } // namespace
 
-PartialsReminder::PartialsReminder(Home& home, platform::Path folder, std::function<void(const Reminder&)> onReminder)
+PartialsReminder::PartialsReminder(Home& home, std::function<std::vector<platform::Path>()> folders,
+                                   std::function<void(const Reminder&, const platform::Path&)> onReminder)
     : home_(home),
-      folder_(std::move(folder)),
+      folders_(std::move(folders)),
       onReminder_(std::move(onReminder)),
       timer_(home.system.clock.makeTimer(home.executor)),
       looks_(home.system.queues, "orlinth.serve.partials") {}
@@ -44,19 +45,46 @@ void PartialsReminder::lookIn(Seconds delay) {
 }
 
 void PartialsReminder::look() {
+    tidy(folder_);
+    tidy(home_.dataDirectory());
     try {
-        const Reminder reminder = isDue() ? count() : Reminder{};
-        if (reminder.count == 0) {
+        std::vector<std::pair<platform::Path, Reminder>> reminders;
+        if (isDue()) {
+            for (const platform::Path& folder : folders_()) {
+                if (const std::optional<Reminder> reminder = count(folder)) {
+                    reminders.emplace_back(folder, *reminder);
+                }
+            }
+        }
+        if (reminders.empty()) {
             return;
         }
         const Json state = {{timeKey, toNumber(home_.system.clock.epochMilliseconds())}};
         platform::writeWholeFile(home_.system.files, home_.dataDirectory() / fileName, asBytes(prettyJson(state)),
                                  reminderPermissions, platform::Flush::now, platform::Links::follow);
-        asio::post(home_.executor, [this, reminder] { onReminder_(reminder); });
+        asio::post(home_.executor, [this, reminders = std::move(reminders)] {
+            for (const auto& [folder, reminder] : reminders) {
+                onReminder_(reminder, folder);
+            }
+        });
+    } catch (const std::exception& error) {
+        log(error);
+    }
+}
+
+void PartialsReminder::tidy(const platform::Path& folder) const {
+    try {
+        const std::unique_ptr<platform::Folder> opened = home_.system.files.openFolder(folder);
+        platform::removeTemporaryFiles(*opened, home_.system.clock.epochMilliseconds() - temporaryFileAge);
     } catch (const std::exception& error) {
         home_.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "serve",
-                               "cannot look for unfinished downloads: " + describe(error));
+                               "cannot look for temporary files: " + describe(error));
     }
+}
+
+void PartialsReminder::log(const std::exception& error) const {
+    home_.system.log.write(platform::LogLevel::debug, "com.tarvinex.orlinth", "serve",
+                           "cannot look for unfinished downloads: " + describe(error));
 }
 
 bool PartialsReminder::isDue() const {
@@ -70,16 +98,21 @@ bool PartialsReminder::isDue() const {
     }
 }
 
-PartialsReminder::Reminder PartialsReminder::count() const {
+/// Nothing if there are none, or the folder cannot be read.
+std::optional<PartialsReminder::Reminder> PartialsReminder::count(const platform::Path& path) const {
     Reminder reminder;
     const EpochMilliseconds limit = home_.system.clock.epochMilliseconds() - week;
-    for (const PartialDownload& download : Partials::in(*home_.system.files.openFolder(folder_))) {
-        if (inMilliseconds(download.changedAt) <= limit) {
-            ++reminder.count;
-            reminder.bytes += download.size;
+    try {
+        for (const PartialDownload& download : Partials::in(*home_.system.files.openFolder(path))) {
+            if (inMilliseconds(download.changedAt) <= limit) {
+                ++reminder.count;
+                reminder.bytes += download.size;
+            }
         }
+    } catch (const platform::SystemError& error) {
+        log(error);
     }
-    return reminder;
+    return reminder.count > 0 ? std::optional(reminder) : std::nullopt;
 }
 
 } // namespace orlinth::host

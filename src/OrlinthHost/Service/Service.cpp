@@ -11,12 +11,14 @@
 #include "OrlinthHost/Service/OfferQueue.h"
 #include "OrlinthHost/Service/PartialsReminder.h"
 #include "OrlinthHost/Service/PhoneArrivals.h"
+#include "OrlinthHost/Service/PhoneRequests.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "OrlinthHost/Service/ServiceLock.h"
 #include "OrlinthHost/Service/ServicePairing.h"
 #include "OrlinthHost/Service/SocketFace.h"
+#include "OrlinthHost/Service/UpgradeWatch.h"
 
 #include <asio/this_coro.hpp>
 
@@ -24,14 +26,6 @@
 #include <vector>
 
 namespace orlinth::host {
-
-namespace {
-
-Task<bool> declineEverything(Receiver::Offer /*offer*/) {
-    co_return false;
-}
-
-} // namespace
 
 /// What runs while the service does.
 struct Service::Parts {
@@ -43,6 +37,7 @@ struct Service::Parts {
     void start(std::uint16_t port);
     [[nodiscard]] Task<> finish();
 
+    LiveSettings& live;
     ServiceEvents& events;
     const std::vector<ServiceFace*> faces;
     PresenceKeeper presence;
@@ -58,17 +53,20 @@ struct Service::Parts {
     PortLoan loan;
     ServicePairing pairing;
     HistoryKeeper history;
+    PhoneRequests phoneRequests;
     ServiceApi api;
     SocketFace control;
+    UpgradeWatch upgrade;
     Watchdog watchdog;
 };
 
 Service::Parts::Parts(const Service& service, const ServicePort& port, std::unique_ptr<platform::Listener> listener)
-    : events(service.events_),
+    : live(service.live_),
+      events(service.events_),
       faces(service.settings_.faces),
       presence(service.home_),
       offers(service.home_, service.settings_.asker),
-      receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.settings_.downloads,
+      receiver(service.home_.system, service.ownKey_, std::vector<platform::PublicKey>(), service.live_.downloads(),
                port.number()),
       keys(service.home_, receiver, service.ownKey_.publicKey(),
            [&told = service.events_](const std::exception_ptr& error) { told.phonesUnreadable(error); }),
@@ -95,15 +93,19 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
                               .onPhone = [this](const PeerKey& phone) { outbox.isBack(phone); },
                               .onConfirmed = [this](const PeerKey& phone) { presence.confirmed(phone); },
                               .onPhoneGone = [this](const PeerKey& phone) { presence.disappeared(phone); }}),
-      partials(service.home_, service.settings_.downloads,
-               [&told = service.events_, folder = service.settings_.downloads](
-                   const PartialsReminder::Reminder& reminder) { told.unfinishedDownloads(reminder, folder); }),
+      partials(
+          service.home_, [this] { return live.folders(); },
+          [&told = service.events_](const PartialsReminder::Reminder& reminder, const platform::Path& folder) {
+              told.unfinishedDownloads(reminder, folder);
+          }),
       loan(service.home_, receiver, port, service.events_),
       pairing(service.home_, service.ownKey_.publicKey(), loan,
               [&told = service.events_](const std::string& endpoint) { told.turnedAway(endpoint); }),
-      history(service.home_, service.settings_.keepsHistory),
-      api(service.home_, receiver, outbox, loan, presence, offers, pairing, service.settings_.downloads),
+      history(service.home_),
+      phoneRequests(service.home_, service.ownKey_, service.settings_.find),
+      api(service.home_, receiver, outbox, loan, presence, offers, pairing, history, phoneRequests, service.live_),
       control(service.home_, api, loan, service.events_),
+      upgrade(service.home_, api, service.settings_.program),
       watchdog(service.home_, service.settings_.watchdogInterval, service.settings_.watchdog) {
     outbox.onContact = [this](const PeerRecord& phone, OutboxSender::Contact contact, platform::Clock::Instant at) {
         presence.learn(phone, contact, at);
@@ -112,20 +114,22 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
         }
     };
     outbox.onLastPhone = [this] { sharedPeers.update(); };
-    api.onTransferEnded = [this](const TransferView& transfer) { history.ended(transfer); };
+    api.onTransferEnded = [this](const TransferView& transfer) {
+        if (live.keepsHistory()) {
+            history.ended(transfer);
+        }
+    };
+    api.onSettings = [this] { sharedPeers.update(); }; // the default phone comes first there
+    api.onRestart = service.settings_.restart;
+    api.onOtherVersion = [this] { upgrade.lookNow(); };
     receiver.limits = ReceiverLimits::strict();
-    receiver.downloadLimits = service.settings_.downloadLimits;
-    receiver.beforeAuthorising = [this] { keys.refresh(); };
-    switch (service.settings_.accept) {
-    case ServiceSettings::Accept::always:
-        break;
-    case ServiceSettings::Accept::never:
-        receiver.approveOffer = declineEverything;
-        break;
-    case ServiceSettings::Accept::ask:
-        receiver.approveOffer = [this](Receiver::Offer offer) { return offers.wants(std::move(offer)); };
-        break;
-    }
+    api.onTransfers = [this] { watchdog.stir(); };
+    receiver.beforeAuthorising = [this] {
+        watchdog.stir();
+        keys.refresh();
+    };
+    receiver.receptionOf = [this](const PeerKey& peerKey) { return live.receptionOf(peerKey); };
+    receiver.approveOffer = [this](Receiver::Offer offer) { return offers.wants(std::move(offer)); };
     receiver.openListener = [&port](const platform::ListenOptions& options, Executor executor) {
         return port.listen(options, std::move(executor));
     };
@@ -135,7 +139,11 @@ Service::Parts::Parts(const Service& service, const ServicePort& port, std::uniq
 Receiver::Callbacks Service::Parts::callbacks() {
     Receiver::Callbacks told{
         .onListening = [this](std::uint16_t port) { start(port); },
-        .onTransfer = [this](const Receiver::File& file) { events.fileReceived(file); },
+        .onTransfer =
+            [this](const Receiver::File& file) {
+                live.forgetProblem(file.file.savedAt.parent_path());
+                events.fileReceived(file);
+            },
         .onClipboard =
             [this](const Receiver::Clipboard& text) {
                 api.lastText().keep(text.text, text.from);
@@ -167,6 +175,7 @@ void Service::Parts::start(std::uint16_t port) {
     outbox.start();
     peers.start();
     partials.start();
+    upgrade.start();
     watchdog.start();
     api.listening(port);
     events.listening(port, keys.pairedCount());
@@ -201,6 +210,7 @@ Task<> Service::Parts::finish() {
         face->stop();
     }
     co_await control.finish();
+    co_await upgrade.finish();
     co_await pairing.finish();
     co_await outbox.finish();
     co_await events.finish();
@@ -208,19 +218,25 @@ Task<> Service::Parts::finish() {
     for (ServiceFace* const face : faces) {
         co_await face->finish(); // behind what must not be lost: somebody's files may be large
     }
+    co_await phoneRequests.finish(); // behind those who ask it
     co_await arrivals.finish();
     co_await sharedPeers.finish(); // behind those who have news for it
     co_await partials.finish();    // behind the others: its folder may take its time
     co_await watchdog.finish();
 }
 
-Service::Service(Home& home, const platform::PrivateKey& ownKey, ServiceSettings settings, ServiceEvents& events,
-                 OutboxEvents& outboxEvents)
-    : home_(home), ownKey_(ownKey), settings_(std::move(settings)), events_(events), outboxEvents_(outboxEvents) {}
+Service::Service(Home& home, const platform::PrivateKey& ownKey, LiveSettings& live, ServiceSettings settings,
+                 ServiceEvents& events, OutboxEvents& outboxEvents)
+    : home_(home),
+      ownKey_(ownKey),
+      live_(live),
+      settings_(std::move(settings)),
+      events_(events),
+      outboxEvents_(outboxEvents) {}
 
 Task<> Service::run() {
     const ServiceLock lock = co_await ServiceLock::take(home_);
-    checkFolder();
+    checkFolders();
     ServicePort port(home_, settings_.port,
                      [&told = events_](const std::string& endpoint) { told.turnedAway(endpoint); });
     if (const std::optional<std::uint16_t> inherited = port.adoptInherited()) {
@@ -231,12 +247,28 @@ Task<> Service::run() {
     co_await parts.serve();
 }
 
-void Service::checkFolder() const {
-    if (const std::optional<std::string> reason = objectionToDownloads(home_, settings_.downloads)) {
-        throw HostError("received files cannot go to " + settings_.downloads.string() + ": " + *reason);
+void Service::checkFolders() const {
+    const bool takesFiles = live_.takesFiles();
+    for (const platform::Path& folder : live_.folders()) {
+        if (const std::optional<std::string> reason = objectionToDownloads(home_, folder)) {
+            throw HostError("received files cannot go to " + folder.string() + ": " + *reason);
+        }
+        if (takesFiles) {
+            requireWritable(folder);
+        }
     }
-    if (settings_.accept != ServiceSettings::Accept::never) {
-        requireWritableFolder(home_, settings_.downloads);
+}
+
+/// Who has chosen a folder while a service ran can only choose another one if it runs.
+void Service::requireWritable(const platform::Path& folder) const {
+    try {
+        requireWritableFolder(home_, folder);
+    } catch (const HostError& error) {
+        if (!live_.canWaitFor(folder)) {
+            throw;
+        }
+        live_.keepProblem(folder, error.description());
+        events_.folderUnusable(error.description());
     }
 }
 

@@ -4,6 +4,7 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxEvents.h"
 #include "OrlinthHost/Reach/FinderPlan.h"
+#include "OrlinthHost/Service/LiveSettings.h"
 #include "OrlinthHost/Service/OfferAsker.h"
 #include "OrlinthHost/Service/ServiceEvents.h"
 #include "OrlinthHost/Service/ServiceFace.h"
@@ -15,33 +16,30 @@
 
 namespace orlinth::host {
 
-/// What a service is to do.
+/// What a service is to do for as long as it runs; what may change meanwhile is in LiveSettings.
 struct ServiceSettings {
-    enum class Accept {
-        always,
-        never,
-        ask, ///< what somebody accepts: see OfferQueue
-    };
+    using Accept = AcceptSetting;
 
-    platform::Path downloads; ///< the folder for received files; made when it is needed
-    DownloadLimits downloadLimits;
-    Accept accept = Accept::always;
     OfferAsker* asker = nullptr; ///< for Accept::ask; outlives the service. Null: only faces show what is offered
     ServicePort::Settings port;
-    bool keepsHistory = true;              ///< whether it is written what came and went: see History
     FindSetting find = FindSetting::known; ///< where phones are looked for that what was shared goes to
     /// How often whoever manages the service wants to hear that it is alive; nothing: never.
     std::optional<Seconds> watchdogInterval;
     /// By which the service can be seen and asked besides the control socket; all of them outlive the service.
     std::vector<ServiceFace*> faces = {};
     Watchdog::Callbacks watchdog;
+    /// The file of the program, to notice that it was replaced; nothing: that is not noticed.
+    std::optional<platform::Path> program = {};
+    /// Cancels the service, so that the program ends in the way after which whoever manages it starts it anew. On the
+    /// home's executor. Empty: nobody would.
+    std::function<void()> restart = {};
 };
 
 /// The receive service of one data folder: receives from every paired phone, and sends what lies in the outbox, until
 /// it is cancelled. Builds its parts, lets them know of each other, and ends them in order:
 ///
 ///     lock ─▶ folder ─▶ port ─▶ listening: Receiver, SocketFace, OutboxSender, PeerStoreWatch,
-///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, Watchdog
+///                                  │        PhoneArrivals, NetworkLookout, PartialsReminder, UpgradeWatch, Watchdog
 ///                               stopping ─▶ control socket ─▶ outbox ─▶ events ─▶ history ─▶ addresses ─▶ shared list
 ///                                                                               ─▶ downloads ─▶ watchdog
 ///
@@ -53,8 +51,8 @@ struct ServiceSettings {
 class Service {
 public:
     /// What is referred to outlives this, and stays until the executor has had its turn.
-    Service(Home& home, const platform::PrivateKey& ownKey, ServiceSettings settings, ServiceEvents& events,
-            OutboxEvents& outboxEvents);
+    Service(Home& home, const platform::PrivateKey& ownKey, LiveSettings& live, ServiceSettings settings,
+            ServiceEvents& events, OutboxEvents& outboxEvents);
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
@@ -67,10 +65,12 @@ public:
 private:
     struct Parts;
 
-    void checkFolder() const;
+    void checkFolders() const;
+    void requireWritable(const platform::Path& folder) const;
 
     Home& home_;
     const platform::PrivateKey& ownKey_;
+    LiveSettings& live_;
     const ServiceSettings settings_;
     ServiceEvents& events_;
     OutboxEvents& outboxEvents_;

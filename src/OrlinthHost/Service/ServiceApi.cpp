@@ -3,14 +3,17 @@
 #include "OrlinthCore/Share/ShareStaging.h"
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "base/Counted.h"
 #include "platform/Blocking.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace orlinth::host {
 
 ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-                       OfferQueue& offers, ServicePairing& pairing, platform::Path downloads)
+                       OfferQueue& offers, ServicePairing& pairing, HistoryKeeper& history,
+                       PhoneRequests& phoneRequests, LiveSettings& settings)
     : home_(home),
       receiver_(receiver),
       outbox_(outbox),
@@ -18,14 +21,33 @@ ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, Por
       presence_(presence),
       offers_(offers),
       pairing_(pairing),
-      downloads_(std::filesystem::absolute(downloads)),
+      history_(history),
+      phoneRequests_(phoneRequests),
+      settings_(settings),
+      restarting_(home.system.clock.makeTimer(home.executor)),
       news_(home.executor),
-      transfers_(home, [this] { changed(); }),
+      transfers_(home,
+                 [this] {
+                     changed();
+                     if (onTransfers) {
+                         onTransfers();
+                     }
+                 }),
       lastText_(home.system.clock, home.executor) {
-    loan_.onChanged = [this] { changed(); };
+    loan_.onChanged = [this] {
+        workBegins();
+        changed();
+    };
     presence_.onChanged = [this] { phonesChanged(); };
     offers_.onChanged = [this] { changed(); };
     pairing_.onChanged = [this] { changed(); };
+    history_.onChanged = [this] { changed(); };
+    settings_.onChanged = [this] {
+        changed();
+        if (onSettings) {
+            onSettings();
+        }
+    };
     transfers_.onEnded = [this](const TransferView& transfer) {
         if (onTransferEnded) {
             onTransferEnded(transfer);
@@ -40,6 +62,7 @@ void ServiceApi::watchOutbox() {
         .onStarted =
             [this](OutboxSender::AttemptNumber attempt, const OutboxEvents::Transfer& transfer,
                    const Progress& progress) {
+                workBegins();
                 transfers_.began(attempt, {.direction = TransferView::Direction::out,
                                            .peerKey = transfer.peerKey,
                                            .phone = transfer.to,
@@ -63,6 +86,7 @@ void ServiceApi::watchOutbox() {
 
 void ServiceApi::watch(Receiver::Callbacks& callbacks) {
     callbacks.onTransferStarted = [this](const Receiver::Transfer& transfer) {
+        workBegins();
         transfers_.began(transfer.number, {.direction = TransferView::Direction::in,
                                            .peerKey = transfer.peerKey,
                                            .phone = transfer.from,
@@ -84,10 +108,16 @@ void ServiceApi::watch(Receiver::Callbacks& callbacks) {
 }
 
 ServiceView ServiceApi::service() const {
-    ServiceView view{.state = state_, .port = port_, .downloads = downloads_};
+    ServiceView view{.state = state_,
+                     .port = port_,
+                     .name = settings_.computerName(),
+                     .downloads = std::filesystem::absolute(settings_.downloads())};
     if (state_ == ServiceView::State::listening && loan_.isLent()) {
         view.problem = loan_.problem();
         view.state = view.problem.empty() ? ServiceView::State::lent : ServiceView::State::notListening;
+    }
+    if (view.problem.empty()) {
+        view.problem = settings_.problem();
     }
     return view;
 }
@@ -120,7 +150,13 @@ std::vector<TransferView> ServiceApi::transfers() const {
 }
 
 Task<BatchId> ServiceApi::share(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones) {
-    const auto stage = [this, &files, &phones, isEnding = isEnding_] {
+    const Counted counted(sharesUnderWay_);
+    workBegins();
+    co_return co_await stage(std::move(files), std::move(phones));
+}
+
+Task<BatchId> ServiceApi::stage(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones) {
+    const auto step = [this, &files, &phones, isEnding = isEnding_] {
         if (!phones && home_.peers().loadBook().peers.size() > 1) {
             if (const std::optional<PeerRecord> phone = likelyPeer(home_)) {
                 phones.emplace({phone->peer_pubkey});
@@ -142,7 +178,7 @@ Task<BatchId> ServiceApi::share(std::vector<platform::Path> files, std::optional
         }
         return BatchId(staging.finish(phones).id);
     };
-    co_return co_await platform::blocking(home_.system.queues, stage);
+    co_return co_await platform::blocking(home_.system.queues, step);
 }
 
 bool ServiceApi::cancelTransfer(TransferNumber number) {
@@ -156,6 +192,27 @@ bool ServiceApi::cancelTransfer(TransferNumber number) {
         outbox_.cancel(std::get<OutboxSender::AttemptNumber>(*carrier));
     }
     return true;
+}
+
+void ServiceApi::restart() {
+    if (!canRestart()) {
+        throw HostError("no service manager would start the service again",
+                        "End the service yourself, and start it again: `orlinth serve`");
+    }
+    restarting_->arm(restartDelay, onRestart);
+}
+
+bool ServiceApi::isBusy() const {
+    const auto isUnderWay = [](const auto& transfer) { return !transfer.second.endedAt; };
+    const auto isSending = [](const OutboxView& batch) { return batch.state == OutboxView::State::sending; };
+    return sharesUnderWay_ > 0 || loan_.isLent() || !offers_.open().empty() ||
+           std::ranges::any_of(transfers_.all(), isUnderWay) || std::ranges::any_of(outbox_.batches(), isSending);
+}
+
+void ServiceApi::metOtherVersion() {
+    if (onOtherVersion) {
+        onOtherVersion();
+    }
 }
 
 Task<ServicePairing::Ticket> ServiceApi::pair(PairingOptions options) {
@@ -173,6 +230,7 @@ void ServiceApi::listening(std::uint16_t port) {
 
 void ServiceApi::stopping() {
     *isEnding_ = true;
+    restarting_->disarm();
     state_ = ServiceView::State::stopping;
     lastText_.forget();
     changed();

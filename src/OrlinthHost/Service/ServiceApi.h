@@ -3,8 +3,11 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Outbox/OutboxSender.h"
+#include "OrlinthHost/Service/HistoryKeeper.h"
 #include "OrlinthHost/Service/LastText.h"
+#include "OrlinthHost/Service/LiveSettings.h"
 #include "OrlinthHost/Service/OfferQueue.h"
+#include "OrlinthHost/Service/PhoneRequests.h"
 #include "OrlinthHost/Service/PortLoan.h"
 #include "OrlinthHost/Service/PresenceKeeper.h"
 #include "OrlinthHost/Service/ServicePairing.h"
@@ -17,6 +20,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace orlinth::host {
@@ -32,10 +37,11 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class ServiceApi {
 public:
-    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence`, `offers` and
-    /// `pairing`.
+    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence`, `offers`, `pairing`,
+    /// `history` and `settings`.
     ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-               OfferQueue& offers, ServicePairing& pairing, platform::Path downloads);
+               OfferQueue& offers, ServicePairing& pairing, HistoryKeeper& history, PhoneRequests& phoneRequests,
+               LiveSettings& settings);
     ServiceApi(const ServiceApi&) = delete;
     ServiceApi& operator=(const ServiceApi&) = delete;
 
@@ -54,6 +60,9 @@ public:
     [[nodiscard]] std::optional<PairingView> pairing() const { return pairing_.view(); }
     /// Whether a pairing keeps others from beginning, `orlinth pair` included.
     [[nodiscard]] bool isPairing() const noexcept { return pairing_.isBusy(); }
+
+    /// LiveSettings::all().
+    [[nodiscard]] std::vector<SettingView> settings() const { return settings_.all(); }
 
     // ---- that it has changed
 
@@ -91,13 +100,43 @@ public:
     /// answer also where nobody else can be asked.
     [[nodiscard]] std::shared_ptr<const void> onlooker() const { return offers_.onlooker(); }
 
+    /// LiveSettings::set(). @throws SettingError
+    [[nodiscard]] Task<> setSetting(std::string name, SettingValue value) {
+        return settings_.set(std::move(name), std::move(value));
+    }
+
     /// The last text that came, which can also be forgotten.
     [[nodiscard]] LastText& lastText() noexcept { return lastText_; }
+    /// What came and went, which can also be cleared.
+    [[nodiscard]] HistoryKeeper& history() noexcept { return history_; }
+    [[nodiscard]] const HistoryKeeper& history() const noexcept { return history_; }
+    /// What can be asked about a phone.
+    [[nodiscard]] PhoneRequests& phoneRequests() noexcept { return phoneRequests_; }
+
+    /// Ends the service, which whoever manages it then starts anew. Returns before that, so that there is a moment for
+    /// an answer. What is under way is broken off, and goes on with the next service; texts in memory are lost.
+    /// @throws HostError if nobody would start it again
+    void restart();
+    [[nodiscard]] bool canRestart() const noexcept { return onRestart != nullptr; }
+    /// Whether a file is on its way, is being shared or waited for, or a pairing has the port.
+    [[nodiscard]] bool isBusy() const;
+    /// A number that grows whenever any of that begins.
+    [[nodiscard]] std::uint64_t workBegun() const noexcept { return workBegun_; }
+    /// A client of another version of the program has asked for something.
+    void metOtherVersion();
 
     // ---- for the service
 
     /// Told of each transfer that ends. May be empty.
     std::function<void(const TransferView&)> onTransferEnded;
+    /// Ends the service so that whoever manages it starts it anew. Empty: nobody would.
+    std::function<void()> onRestart;
+    /// Told of a client of another version. May be empty.
+    std::function<void()> onOtherVersion;
+    /// Told whenever a transfer begins, goes on or ends; throws nothing. May be empty.
+    std::function<void()> onTransfers;
+    /// Told when a setting has changed. May be empty.
+    std::function<void()> onSettings;
 
     /// Lets `callbacks` tell of transfers too.
     void watch(Receiver::Callbacks& callbacks);
@@ -109,7 +148,12 @@ public:
     void phonesChanged() noexcept;
 
 private:
+    /// Between restart() and the end, for the answer to whoever has asked for it.
+    static constexpr Seconds restartDelay = 100ms;
+
     void watchOutbox();
+    void workBegins() noexcept { ++workBegun_; }
+    [[nodiscard]] Task<BatchId> stage(std::vector<platform::Path> files, std::optional<std::vector<PeerKey>> phones);
 
     Home& home_;
     Receiver& receiver_;
@@ -118,13 +162,18 @@ private:
     PresenceKeeper& presence_;
     OfferQueue& offers_;
     ServicePairing& pairing_;
-    const platform::Path downloads_;
+    HistoryKeeper& history_;
+    PhoneRequests& phoneRequests_;
+    LiveSettings& settings_;
     ServiceView::State state_ = ServiceView::State::starting;
     std::uint16_t port_ = 0;
     /// Shared with those who copy files on other threads.
     std::shared_ptr<std::atomic<bool>> isEnding_ = std::make_shared<std::atomic<bool>>(false);
     std::uint64_t version_ = 1;
     std::uint64_t phonesVersion_ = 1;
+    std::uint64_t workBegun_ = 0;
+    std::size_t sharesUnderWay_ = 0;
+    std::unique_ptr<platform::Timer> restarting_;
     platform::Condition news_;
     TransferList transfers_;
     LastText lastText_;

@@ -47,7 +47,7 @@ Task<Conversation> converse(Home& home, ControlRequest request) {
     platform::Clock& clock = home.system.clock;
     Conversation conversation{.stream = co_await connectToService(home)};
     if (conversation.stream) {
-        co_await sendControlLine(*conversation.stream, clock, encodeControlRequest(request));
+        co_await sendControlLine(*conversation.stream, clock, encodeControlRequestFrom(home.version, request));
         const std::string line = co_await readControlLine(*conversation.stream, clock, replyLimit);
         conversation.reply = decodeControlReply(line);
         if (const auto* error = std::get_if<ErrorReply>(&conversation.reply)) {
@@ -101,7 +101,7 @@ Task<bool> follow(Home& home, ControlRequest request, std::function<void(const S
     }
     platform::Clock& clock = home.system.clock;
     const bool goesOn = std::holds_alternative<WatchRequest>(request);
-    co_await sendControlLine(*stream, clock, encodeControlRequest(request));
+    co_await sendControlLine(*stream, clock, encodeControlRequestFrom(home.version, request));
     bool isCurrent = false;
     while (goesOn || !isCurrent) {
         std::string line;

@@ -37,6 +37,8 @@ constexpr const char* pathKey = "path";
 constexpr const char* createdKey = "created_at_epoch_ms";
 constexpr const char* filesKey = "files";
 constexpr const char* filesDoneKey = "files_done";
+constexpr const char* valueKey = "value";
+constexpr const char* fixedKey = "fixed_by";
 constexpr const char* nextKey = "next_attempt_epoch_ms";
 
 constexpr const char* offerKey = "offer";
@@ -52,6 +54,8 @@ constexpr const char* offerGoneEvent = "offer_gone";
 constexpr const char* transferGoneEvent = "transfer_gone";
 constexpr const char* batchGoneEvent = "batch_gone";
 constexpr const char* phoneGoneEvent = "phone_gone";
+constexpr const char* historyEvent = "history_added";
+constexpr const char* settingEvent = "setting";
 constexpr const char* currentEvent = "current";
 
 void addText(Json& object, const char* key, const std::string& text) {
@@ -65,6 +69,7 @@ Json fieldsOf(const ServiceView& service) {
                 {stateKey, textOf(service.state)},
                 {portKey, service.port},
                 {downloadsKey, service.downloads.string()}};
+    addText(object, nameKey, service.name);
     addText(object, messageKey, service.problem);
     return object;
 }
@@ -122,6 +127,18 @@ Json fieldsOf(const OfferView& offer) {
     return object;
 }
 
+Json fieldsOf(const HistoryLine& line) {
+    Json object = line.entry ? parseJson(History::encode(*line.entry)) : Json::object();
+    object[eventKey] = historyEvent;
+    return object;
+}
+
+Json fieldsOf(const SettingView& setting) {
+    Json object{{eventKey, settingEvent}, {nameKey, setting.name}, {valueKey, toJson(setting.value)}};
+    addText(object, fixedKey, setting.fixedBy);
+    return object;
+}
+
 std::string textIn(const Json& object, const char* key) {
     return optionalString(object, key).value_or("");
 }
@@ -161,6 +178,7 @@ ServiceView serviceIn(const Json& object) {
     return {.state = stateIn(object, stateKey, std::array{starting, listening, lent, notListening, stopping}),
             .port = static_cast<std::uint16_t>(port),
             .problem = textIn(object, messageKey),
+            .name = textIn(object, nameKey),
             .downloads = requireString(object, downloadsKey)};
 }
 
@@ -199,6 +217,15 @@ OfferView offerIn(const Json& object) {
             .name = requireString(object, nameKey),
             .size = requireInt64(object, sizeKey),
             .expires = momentIn(object, expiresKey)};
+}
+
+SettingView settingIn(const Json& object) {
+    const auto value = object.find(valueKey);
+    const std::optional<SettingValue> known = value != object.end() ? settingValueFrom(*value) : std::nullopt;
+    if (!known) {
+        throw HostError("a setting without a value");
+    }
+    return {.name = requireString(object, nameKey), .value = *known, .fixedBy = textIn(object, fixedKey)};
 }
 
 OutboxView batchIn(const Json& object) {
@@ -319,6 +346,14 @@ ServiceNews decodeServiceNews(std::string_view line) {
     }
     if (event == phoneGoneEvent) {
         return PhoneGoneLine{PeerKey(requireString(object, pubkeyKey))};
+    }
+    if (event == historyEvent) {
+        std::optional<HistoryEntry> entry = History::decode(line);
+        return HistoryLine{entry ? History::decode(History::encode(*entry))
+                                 : std::nullopt}; // with texts as long as ours
+    }
+    if (event == settingEvent) {
+        return settingIn(object);
     }
     if (event == currentEvent) {
         return CurrentLine{};

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "OrlinthHost/Service/History.h"
 #include "OrlinthHost/Service/OfferView.h"
 #include "OrlinthHost/Service/ServiceView.h"
+#include "OrlinthHost/Settings/SettingView.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -12,8 +15,9 @@ namespace orlinth::host {
 /// What the control socket says to those who watch, one object of JSON a line. First everything that there is, then
 /// CurrentLine, then whatever changes, each thing as a whole. Members that are not named here are nobody's business.
 
-/// `{"event":"service","state":"listening","port":28471,"downloads":"…"}`, and "message" if the port cannot be opened.
-/// The states are "starting", "listening", "lent", "not-listening" and "stopping".
+/// `{"event":"service","state":"listening","port":28471,"downloads":"…","name":"ann-laptop"}`, and "message" if the
+/// port cannot be opened, or a folder cannot be written. The states are "starting", "listening", "lent",
+/// "not-listening" and "stopping".
 using ServiceLine = ServiceView;
 
 /// `{"event":"phone","peer_pubkey":"…","name":"Pixel 8","state":"here","seen_epoch_ms":1731686400000,"can_wake":true,
@@ -33,6 +37,10 @@ using BatchLine = OutboxView;
 /// `{"event":"offer","offer":3,"peer_pubkey":"…","phone":"Pixel 8","name":"film.mov","size":4100000,
 /// "expires_epoch_ms":1731686400000}`: a file that waits for a yes or a no; the last once its time runs.
 using OfferLine = OfferView;
+
+/// `{"event":"setting","name":"accept","value":"ask","fixed_by":"config.toml, line 3"}`: only to those who ask for the
+/// settings. The value is a text, true or false, or a number of bytes; "fixed_by" where the service cannot change it.
+using SettingLine = SettingView;
 
 /// `{"event":"transfer_gone","transfer":7}`: it is listed no more.
 struct TransferGoneLine {
@@ -55,13 +63,19 @@ struct OfferGoneLine {
     OfferNumber number{};
     friend bool operator==(const OfferGoneLine&, const OfferGoneLine&) = default;
 };
+/// `{"event":"history_added", …}` with what History::encode() has of an entry; without those members the history is to
+/// be read anew, as it was cleared, or more was added at once than is told.
+struct HistoryLine {
+    std::optional<HistoryEntry> entry = {};
+    friend bool operator==(const HistoryLine&, const HistoryLine&) = default;
+};
 /// `{"event":"current"}`: what came before is everything that there is.
 struct CurrentLine {
     friend bool operator==(const CurrentLine&, const CurrentLine&) = default;
 };
 
 using ServiceNews = std::variant<ServiceLine, PhoneLine, TransferLine, BatchLine, OfferLine, TransferGoneLine,
-                                 BatchGoneLine, PhoneGoneLine, OfferGoneLine, CurrentLine>;
+                                 BatchGoneLine, PhoneGoneLine, OfferGoneLine, HistoryLine, SettingLine, CurrentLine>;
 
 /// Bytes of a line, without its end: more than the longest path and the longest name take.
 inline constexpr std::size_t maxNewsLine = 32 << 10;

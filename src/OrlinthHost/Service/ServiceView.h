@@ -21,9 +21,10 @@ struct ServiceView {
     };
 
     State state = State::starting;
-    std::uint16_t port = 0; ///< 0 before it is known
-    std::string problem = {};
-    platform::Path downloads = {}; ///< where files go
+    std::uint16_t port = 0;        ///< 0 before it is known
+    std::string problem = {};      ///< of the port, or of a folder that cannot be written
+    std::string name = {};         ///< what this computer calls itself
+    platform::Path downloads = {}; ///< where files go, unless their phone has a folder of its own
 
     friend bool operator==(const ServiceView&, const ServiceView&) = default;
 };

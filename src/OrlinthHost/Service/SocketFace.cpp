@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/ControlLine.h"
+#include "OrlinthHost/Service/PhoneAnswers.h"
 #include "OrlinthHost/Service/SocketPairing.h"
 #include "base/Counted.h"
 #include "platform/Cancelled.h"
@@ -11,6 +12,7 @@
 #include <asio/this_coro.hpp>
 
 #include <algorithm>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -33,8 +35,7 @@ Task<bool> sendSecret(platform::UnixSockets& sockets, platform::Stream& stream, 
 } // namespace
 
 void SocketFace::start(std::uint16_t port) {
-    aboutPort_ = {
-        .port = port, .downloads = api_.service().downloads.string(), .since = home_.system.clock.epochMilliseconds()};
+    aboutPort_ = {.port = port, .since = home_.system.clock.epochMilliseconds()};
     accepting_.add(run(), [this](const std::exception_ptr& error) {
         try {
             std::rethrow_exception(error);
@@ -104,12 +105,15 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
     bool isStatus = false;
     bool isForText = false;
     std::optional<ServicePairing::Ticket> pairing;
+    std::optional<PhoneRequest> aboutPhones;
+    bool isForSettings = false;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
         isForLoan = isToBeLent(request);
         isStatus = std::holds_alternative<StatusRequest>(request);
         isToWatch = std::holds_alternative<WatchRequest>(request);
         isForText = std::holds_alternative<LastTextRequest>(request);
+        isForSettings = std::holds_alternative<SettingsRequest>(request);
         if (isToWatch && watchers_ == maxWatchers) {
             isToWatch = false;
             throw HostError("too many programs are watching");
@@ -117,7 +121,9 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
         if (auto* const pair = std::get_if<PairRequest>(&request)) {
             ServicePairing::Ticket ticket = co_await api_.pair(std::move(pair->options));
             pairing.emplace(std::move(ticket));
-        } else if (!isForLoan && !isStatus && !isToWatch && !isForText) {
+        } else if (auto* const phones = std::get_if<PhoneRequest>(&request)) {
+            aboutPhones = std::move(*phones);
+        } else if (!isForLoan && !isStatus && !isToWatch && !isForText && !isForSettings) {
             reply = co_await replyTo(std::move(request));
         }
     } catch (const std::exception& error) {
@@ -138,6 +144,10 @@ Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
         co_await conversation.run();
     } else if (isForText) {
         co_await sendLastText(*stream);
+    } else if (aboutPhones) {
+        co_await answerPhoneRequest(home_, api_, *stream, std::move(*aboutPhones));
+    } else if (isForSettings) {
+        co_await sendSettings(*stream);
     } else {
         co_await sendControlLine(*stream, home_.system.clock, encodeControlReply(reply));
     }
@@ -157,7 +167,12 @@ Task<> SocketFace::sendLastText(platform::Stream& stream) {
 
 Task<ControlRequest> SocketFace::receiveRequest(platform::Stream& stream) {
     const std::string line = co_await readControlLine(stream, home_.system.clock, controlLineLimit);
-    co_return decodeControlRequest(line);
+    const ControlRequest request = decodeControlRequest(line);
+    const std::string version = decodeClientVersion(line);
+    if (!version.empty() && version != home_.version) {
+        api_.metOtherVersion();
+    }
+    co_return request;
 }
 
 bool SocketFace::isToBeLent(const ControlRequest& request) const {
@@ -185,13 +200,34 @@ Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
     if (const auto* const cancel = std::get_if<CancelRequest>(&request)) {
         co_return FoundReply{api_.cancelTransfer(TransferNumber{cancel->transfer})};
     }
+    if (std::holds_alternative<RestartRequest>(request)) {
+        api_.restart();
+        co_return FoundReply{true};
+    }
     if (const auto* const answer = std::get_if<AnswerOfferRequest>(&request)) {
         co_return FoundReply{api_.answerOffer(OfferNumber{answer->offer}, answer->isAccepted)};
     }
     if (std::holds_alternative<ForgetTextRequest>(request)) {
         co_return FoundReply{api_.lastText().forget()};
     }
-    co_return aboutPort_;
+    if (auto* const set = std::get_if<SetRequest>(&request)) {
+        co_await api_.setSetting(std::move(set->setting), std::move(set->value));
+        co_return FoundReply{true};
+    }
+    co_return aboutPort();
+}
+
+PortReply SocketFace::aboutPort() const {
+    PortReply reply = aboutPort_;
+    reply.downloads = api_.service().downloads.string();
+    return reply;
+}
+
+Task<> SocketFace::sendSettings(platform::Stream& stream) {
+    for (const SettingView& setting : api_.settings()) {
+        co_await sendControlLine(stream, home_.system.clock, encodeServiceNews(setting));
+    }
+    co_await sendControlLine(stream, home_.system.clock, encodeServiceNews(CurrentLine{}));
 }
 
 /// Those that were paired last: the reply is one line.

@@ -55,6 +55,9 @@ private:
     [[nodiscard]] Task<ControlReply> replyTo(ControlRequest request);
     [[nodiscard]] bool isToBeLent(const ControlRequest& request) const;
     [[nodiscard]] PresenceReply presence() const;
+    [[nodiscard]] PortReply aboutPort() const;
+    /// Sends what is set, a line each.
+    [[nodiscard]] Task<> sendSettings(platform::Stream& stream);
     /// Sends the text, if there is one, behind the line that says so.
     [[nodiscard]] Task<> sendLastText(platform::Stream& stream);
     /// Tells what there is, and what changes until the other end closes. `stream` outlives the call.

@@ -5,6 +5,7 @@
 #include <asio/post.hpp>
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 namespace orlinth::host {
@@ -18,10 +19,27 @@ Watchdog::Watchdog(Home& home, std::optional<Seconds> interval, Callbacks callba
       lines_(std::in_place, home.system.clock, queue_, limits::linesOfStrangers, callbacks_.onMoreLate) {}
 
 void Watchdog::start() {
+    isAtWork_ = true;
+    isStirred_ = true;
+    lookIsDue_ = home_.system.clock.now();
     asio::post(queue_, [this] { look(); }); // finish() comes behind it
 }
 
+void Watchdog::stir() noexcept {
+    // While it watches, the mark is all; it is set before isResting_ is read, and a look reads them the other way
+    // round.
+    if (isStirred_.exchange(true) || !isAtWork_ || !isResting_.exchange(false)) {
+        return;
+    }
+    try {
+        asio::post(queue_, [this] { look(); }); // finish() comes behind it
+    } catch (const std::exception&) {
+        return; // no memory: it looks when it would have
+    }
+}
+
 Task<> Watchdog::finish() {
+    isAtWork_ = false;
     return platform::runOn(queue_, end(*this));
 }
 
@@ -33,9 +51,10 @@ Task<> Watchdog::end(Watchdog& self) {
 }
 
 void Watchdog::look() {
+    isResting_ = false;
     const platform::Clock::Instant now = home_.system.clock.now();
-    const bool wasAway = now - lookedAt_ > limits::lateAfter; // the whole process was stopped: who was not?
-    lookedAt_ = now;
+    // The whole process was stopped: who was not? A rest that was cut short is no sign of that.
+    const bool wasAway = now - lookIsDue_ > limits::lateAfter;
     std::vector<platform::LateQueue> late = lateThreads();
     if (wasAway) {
         late.clear();
@@ -56,7 +75,25 @@ void Watchdog::look() {
         toldAliveAt_ = now;
         callbacks_.onAlive();
     }
-    timer_->arm(lookInterval, [this] { look(); });
+    lookAgain(now, !told_.empty());
+}
+
+void Watchdog::lookAgain(platform::Clock::Instant now, bool isLate) {
+    if (isStirred_.exchange(false)) {
+        stirredAt_ = now;
+    }
+    const bool mayRest = !isLate && now - stirredAt_ >= restAfter;
+    Seconds pause = lookInterval;
+    if (mayRest) {
+        constexpr double timesAsOften = 4;
+        pause = interval_ ? std::clamp(*interval_ / timesAsOften, lookInterval, restInterval) : restInterval;
+        isResting_ = true;
+        if (isStirred_ && isResting_.exchange(false)) { // in between; else a look is on its way
+            pause = lookInterval;
+        }
+    }
+    lookIsDue_ = now + std::chrono::duration_cast<platform::Clock::Instant::duration>(pause);
+    timer_->arm(pause, [this] { look(); });
 }
 
 /// Who has been late for longest first.

@@ -17,10 +17,23 @@ namespace orlinth::host {
 /// Notices threads that hang: a worker thread, or that of `main`, that has done one thing for limits::lateAfter is
 /// reported, once. While one has done so for half of the interval of the service manager, that does not hear that the
 /// service is alive. Works on a thread of its own.
+///
+///                  stir(): something is going on
+///     resting ───────────────────────────────────▶ watching ──┐ a look each lookInterval
+///        ▲ └─┐ a look each restInterval             │  ▲──────┘
+///        │   └─ a thread has not answered ─────────▶│
+///        └──── restAfter without stir(), and every thread has answered
+///
+/// Each look wakes every thread that it asks, so a service with nothing to do is looked at seldom: a thread that begins
+/// to hang then is reported at the second look from there, if it has not recovered by then.
 class Watchdog {
 public:
-    /// Between two looks.
+    /// Between two looks while something is going on.
     static constexpr Seconds lookInterval = 500ms;
+    /// The same while nothing is; less if the service manager wants to hear from us more often.
+    static constexpr Seconds restInterval = 60s;
+    /// How long nothing has gone on when it rests.
+    static constexpr Seconds restAfter = 20s;
 
     /// Whom it calls, on its own thread: that of `main` may be the one that hangs.
     struct Callbacks {
@@ -38,6 +51,9 @@ public:
 
     /// Once, on any thread.
     void start();
+    /// Something is going on: it looks more often for a while. Cheap, on any thread; before start() and behind finish()
+    /// it does nothing. Whoever calls it on another thread than the home's executor has ended when finish() is called.
+    void stir() noexcept;
     /// Returns when it does nothing any more. The last call.
     [[nodiscard]] Task<> finish();
 
@@ -48,19 +64,25 @@ private:
     };
 
     void look();
+    void lookAgain(platform::Clock::Instant now, bool isLate);
     [[nodiscard]] std::vector<platform::LateQueue> lateThreads();
     [[nodiscard]] static Task<> end(Watchdog& self);
 
     Home& home_;
     const std::optional<Seconds> interval_;
     const Callbacks callbacks_;
-    const Executor queue_; ///< all that follows is touched there
+    std::atomic<bool> isStirred_ = false; ///< since the last look
+    std::atomic<bool> isResting_ = false; ///< and nobody has stirred it
+    std::atomic<bool> isAtWork_ = false;  ///< between start() and finish()
+    const Executor queue_;                ///< all that follows is touched there
     std::unique_ptr<platform::Timer> timer_;
     std::optional<LineLimit> lines_; ///< until the end
     std::shared_ptr<MainThread> main_ = std::make_shared<MainThread>();
     platform::Clock::Instant mainAskedAt_{};
     platform::Clock::Instant lookedAt_{};
-    std::set<std::size_t> told_; ///< the threads that were late at the last look; `main` is 0
+    platform::Clock::Instant lookIsDue_{};
+    platform::Clock::Instant stirredAt_{}; ///< at the last look that found it so
+    std::set<std::size_t> told_;           ///< the threads that were late at the last look; `main` is 0
     std::optional<platform::Clock::Instant> toldAliveAt_;
 };
 

@@ -1,7 +1,5 @@
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Sending/PhoneTimeouts.h"
-#include "OrlinthHost/Sending/PushService.h"
 #include "OrlinthHost/Sending/TextDelivery.h"
 #include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
@@ -11,19 +9,11 @@
 #include "orlinth/Reporting/Terminal.h"
 
 #include <algorithm>
-#include <cmath>
 #include <unistd.h>
 
 namespace orlinth::cli {
 
 namespace {
-
-/// The times of a one-off message.
-struct ClipTimes {
-    Seconds warm = 5s;
-    Seconds wake = 10s;
-    Seconds answer = 10s;
-};
 
 /// Tells people and scripts what became of the text.
 class ClipReporter {
@@ -69,14 +59,6 @@ private:
     std::size_t textBytes_;
     bool sent_ = false;
 };
-
-/// How long a phone may take for the text, in seconds that read well; 0: as long as it likes.
-Seconds timeToSend(Seconds answerLimit, std::size_t textBytes) {
-    constexpr double slowestBytesPerSecond = 250'000; // a phone that takes less does not take anything
-    constexpr double tenths = 10;
-    const double forBytes = std::ceil(static_cast<double>(textBytes) / slowestBytesPerSecond * tenths) / tenths;
-    return answerLimit <= 0s ? 0s : answerLimit + Seconds(forBytes);
-}
 
 /// What stands there may be a secret; the error does not repeat it.
 CLI::Validator onlyDash() {
@@ -214,17 +196,7 @@ public:
                 .record;
         const std::string text = chooseText(host);
         ClipReporter reporter(host.output, peer.peer_hostname, text.size());
-        OneOffRequest request{.peer = peer,
-                              .staticKey = ownKey,
-                              .warmConnectTimeout = times_.warm,
-                              .postWakeConnectTimeout = times_.wake,
-                              .fcmBaseURL = host::pushServiceURL(),
-                              .handshakeLimit = host::handshakeLimit,
-                              .sendLimit = timeToSend(times_.answer, text.size()),
-                              .answerLimit = times_.answer};
-        if (times_.answer <= 0s) { // else the limits of the steps are stricter, and say more
-            request.keepAlive = host::phoneKeepAlive;
-        }
+        OneOffRequest request = host::textRequest(peer, ownKey, times_, text.size());
         reporter.watch(request);
         try {
             reporter.tellComplete(host.tasks.run(deliverText(host, find_, text, mime_, std::move(request))));
@@ -246,7 +218,7 @@ private:
         } else if (text_.empty()) {
             text = textFromClipboard(host);
         }
-        requireText(text);
+        host::requireText(text);
         return text;
     }
 
@@ -256,7 +228,7 @@ private:
     std::string mime_ = "text/plain";
     bool isForLast_ = false;
     bool isToForget_ = false;
-    ClipTimes times_;
+    host::TextTimes times_;
     host::FindSetting find_ = host::FindSetting::known;
 };
 

@@ -1,6 +1,6 @@
 #include "orlinth/Commands/Command.h"
 
-#include "orlinth/Commands/SizeText.h"
+#include "OrlinthHost/SizeText.h"
 #include "orlinth/Reporting/Hints.h"
 
 #include <charconv>
@@ -87,7 +87,7 @@ void Command::addPhones(std::vector<std::string>& selectors) {
 
 CLI::Option* Command::addSize(const char* flag, std::string& size, const char* standard, const char* what) {
     const auto check = [](std::string& text) -> std::string {
-        return parseSize(text) ? "" : "'" + text + "' is not a size, such as 512M or 1.5G";
+        return host::parseSize(text) ? "" : "'" + text + "' is not a size, such as 512M or 1.5G";
     };
     size = standard;
     return parser_->add_option(flag, size, what)

@@ -58,7 +58,7 @@ public:
     int run(Host& host) override {
         host::DoctorRequest request{.phones = choosePhones(host),
                                     .isAboutPhones = !selectors_.empty(),
-                                    .downloads = settingOfService("--dir"),
+                                    .downloads = host.settings.text(host::SettingId::downloads),
                                     .asksPushProject = asksPushProject_,
                                     .find = find_,
                                     .listens = listens_ ? listeningTime : 0s};
@@ -86,14 +86,6 @@ private:
             }
         }
         return phones;
-    }
-
-    /// What the settings file says of `orlinth serve`; "" if it does not.
-    [[nodiscard]] std::string settingOfService(const char* flag) {
-        const auto isServe = [](const CLI::App* command) { return command->get_name() == "serve"; };
-        const std::vector<CLI::App*> found = parser().get_parent()->get_subcommands(isServe);
-        const CLI::Option* const option = found.empty() ? nullptr : found.front()->get_option_no_throw(flag);
-        return option != nullptr ? option->get_default_str() : "";
     }
 
     std::vector<std::string> selectors_;

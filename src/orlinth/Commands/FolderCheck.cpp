@@ -12,12 +12,16 @@ platform::Path downloadsFolder(Host& host, const std::string& chosen) {
         host.output.message("The desktop's downloads folder is your home folder. Received files go to " +
                             folder.path.string() + " instead.");
     }
-    if (const std::optional<std::string> reason = host::objectionToDownloads(host, folder.path)) {
-        throw UsageError("received files cannot go to " + folder.path.string() + ": " + *reason,
+    requireGoodDownloads(host, folder.path);
+    return folder.path;
+}
+
+void requireGoodDownloads(const Host& host, const platform::Path& folder) {
+    if (const std::optional<std::string> reason = host::objectionToDownloads(host, folder)) {
+        throw UsageError("received files cannot go to " + folder.string() + ": " + *reason,
                          "A phone could put files there that programs run or read, such as .bash_profile. Choose "
                          "another folder with `--dir`.");
     }
-    return folder.path;
 }
 
 } // namespace orlinth::cli

@@ -9,4 +9,7 @@ namespace orlinth::cli {
 /// @throws UsageError if files of phones must not go there; host::objectionToDownloads() has the reasons
 [[nodiscard]] platform::Path downloadsFolder(Host& host, const std::string& chosen);
 
+/// Whether this folder, in which received files go, is one for them. @throws UsageError likewise
+void requireGoodDownloads(const Host& host, const platform::Path& folder);
+
 } // namespace orlinth::cli

@@ -22,13 +22,13 @@ public:
         fields["hostname"] = hostName;
         fields["data_dir"] = directory;
         if (!host.computerName.empty()) {
-            fields["name"] = host.computerName;
+            fields["name"] = host.computerName.get();
         }
         host.output.event("id", std::move(fields));
         host.output.result("public key   " + publicKey);
         host.output.result("host name    " + forDisplay(hostName));
         if (!host.computerName.empty()) {
-            host.output.result("name         " + forDisplay(host.computerName));
+            host.output.result("name         " + forDisplay(host.computerName.get()));
         }
         host.output.result("data folder  " + directory);
         return 0;

@@ -7,6 +7,7 @@
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/PairingRecord.h"
 #include "orlinth/Commands/PayloadSource.h"
+#include "orlinth/Commands/ServiceConsent.h"
 #include "orlinth/Reporting/Hints.h"
 
 #include <algorithm>
@@ -69,13 +70,15 @@ public:
             ->check(
                 [](const std::string& text) { return std::string(std::stod(text) > 0 ? "" : "must be more than 0"); });
         parser().add_flag("--yes", yes_, "Do not ask whether the computer shows the same confirmation code.");
+        parser().add_flag("--no-enable", leavesService_,
+                          "Do not have systemd run `orlinth serve` from now on, as it otherwise does after a pairing.");
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
     }
 
     int run(Host& host) override {
         try {
-            return join(host);
+            join(host);
         } catch (const Interrupted& interrupted) {
             host.output.failure(interrupted.description(), "Nothing was recorded.");
             throw;
@@ -83,10 +86,14 @@ public:
             host.output.failure(describe(error), hintForJoining(host, error));
             return 1;
         }
+        if (!leavesService_) {
+            enableService(host);
+        }
+        return 0;
     }
 
 private:
-    int join(Host& host) {
+    void join(Host& host) {
         requirePeerStore(host);
         Confirmation confirmation(host, yes_, payloadFile_ == "-");
         const platform::PrivateKey ownKey = host.staticKey();
@@ -94,7 +101,7 @@ private:
                                 .ownKey = ownKey.publicKey(),
                                 .receivePort = listenPort_,
                                 .timeout = timeout_,
-                                .ownName = host.computerName};
+                                .ownName = host.computerName.get()};
         static_cast<void>(checkPayload(request.payload, request.ownKey)); // before anything of it is shown
         host.output.message("pairing with " + forDisplay(request.payload.peer_hostname) + " at " +
                             forDisplay(request.payload.peer_ip));
@@ -104,7 +111,6 @@ private:
         host.output.result("Confirmation code: " + joined.confirmationCode);
         confirmation.require(joined.computer.peer_hostname);
         recordPaired(host, std::move(joined.computer), met);
-        return 0;
     }
 
     PairingPayload takePayload(Host& host) {
@@ -124,6 +130,7 @@ private:
     std::uint16_t listenPort_ = defaultPort;
     Seconds timeout_ = 30s;
     bool yes_ = false;
+    bool leavesService_ = false;
 };
 
 } // namespace

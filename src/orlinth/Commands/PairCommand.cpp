@@ -9,6 +9,7 @@
 #include "orlinth/Commands/NearbyOnly.h"
 #include "orlinth/Commands/PairingRecord.h"
 #include "orlinth/Commands/PortTrouble.h"
+#include "orlinth/Commands/ServiceConsent.h"
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/Terminal.h"
 #include "orlinth/Reporting/TerminalQr.h"
@@ -79,13 +80,15 @@ public:
                           "Do not announce the pairing on the network; the phone must then scan the code.");
         addListenPublic(listensPublicly_);
         parser().add_flag("--yes", yes_, "Do not ask whether the phone shows the same confirmation code.");
+        parser().add_flag("--no-enable", leavesService_,
+                          "Do not have systemd run `orlinth serve` from now on, as it otherwise does after a pairing.");
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No countdown and no messages but failures.");
     }
 
     int run(Host& host) override {
         try {
-            return pair(host);
+            pair(host);
         } catch (const Interrupted& interrupted) {
             host.output.failure(interrupted.description(), "Nothing was recorded.");
             throw;
@@ -93,10 +96,14 @@ public:
             host.output.failure(describe(error), hintFor(host, error));
             return 1;
         }
+        if (!leavesService_) {
+            enableService(host);
+        }
+        return 0;
     }
 
 private:
-    int pair(Host& host) {
+    void pair(Host& host) {
         requirePeerStore(host);
         Confirmation confirmation(host, yes_, false);
         const platform::PrivateKey ownKey = host.staticKey();
@@ -115,7 +122,6 @@ private:
             host::AddressMemory(host.system.files, host.system.clock, host.system.log, host.dataDirectory())
                 .tell(*introduced.told);
         }
-        return 0;
     }
 
     /// Pair mode. When it ends, by whatever way, the port is closed, the announcement withdrawn and the secret wiped.
@@ -168,7 +174,8 @@ private:
                                 ". To use the service, pair without `--port`.");
         } else if (!service && port != defaultPort) {
             host.output.message("The phone will send files to port " + number +
-                                ". To receive them, run `orlinth serve --port " + number + "`.");
+                                ". To receive them, write `port = " + number +
+                                "` into `[serve]` of config.toml, or run `orlinth serve --port " + number + "`.");
         }
     }
 
@@ -250,6 +257,7 @@ private:
     bool quietly_ = false;
     bool listensPublicly_ = false;
     bool yes_ = false;
+    bool leavesService_ = false;
 };
 
 } // namespace

@@ -52,7 +52,8 @@ public:
     explicit PartialsCommand(CLI::App& program)
         : Command(program.add_subcommand("partials", "List unfinished downloads, and remove old ones.")) {
         addText("--dir", directory_, "DIR",
-                "The folder to look in, whatever it is. Default: the user's downloads folder.");
+                "The folder to look in, whatever it is. Default: that of settings.json, else "
+                "the user's downloads folder.");
         age_ = parser()
                    .add_option("--remove-older-than", days_,
                                "Remove those of which nothing has come for so many days. A phone that sends such a "
@@ -67,7 +68,8 @@ public:
 
     int run(Host& host) override {
         // a folder that somebody names may be any: nothing is received, and only what has a sidecar of ours is removed
-        const platform::Path path = directory_.empty() ? downloadsFolder(host, directory_) : platform::Path(directory_);
+        const platform::Path path =
+            directory_.empty() ? downloadsFolder(host, folderInSettingsFile(host)) : platform::Path(directory_);
         try {
             if (!host.system.files.status(path)) {
                 host.output.message("There are no unfinished downloads: " + path.string() + " does not exist.");
@@ -85,6 +87,12 @@ public:
     }
 
 private:
+    /// config.toml has a folder for this command alone.
+    [[nodiscard]] static std::string folderInSettingsFile(const Host& host) {
+        const host::SettingValue* const value = host.settings.file.find({.id = host::SettingId::downloads});
+        return value != nullptr ? std::get<std::string>(*value) : "";
+    }
+
     void list(Host& host, platform::Folder& folder) const {
         const std::vector<PartialDownload> downloads = Partials::in(folder);
         for (const PartialDownload& download : downloads) {

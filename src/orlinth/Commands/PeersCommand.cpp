@@ -1,15 +1,14 @@
-#include "OrlinthCore/Sending/ClipboardSender.h"
 #include "OrlinthCore/Sending/FcmWake.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
 #include "OrlinthHost/Phones/PairedPhones.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Sending/Farewell.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/PairingRecord.h"
-#include "platform/Deadline.h"
 
 #include <algorithm>
 #include <array>
@@ -19,14 +18,6 @@
 namespace orlinth::cli {
 
 namespace {
-
-/// How long a phone that is removed gets to hear of it.
-constexpr Seconds timeToTell = 5s;
-
-/// `system` outlives the task, which is run where it is made.
-Task<> sendUnpair(platform::System& system, OneOffRequest request) {
-    static_cast<void>(co_await sendOneOff(system, TransportMessage::unpair(), std::move(request)));
-}
 
 /// What `peers add` was told.
 struct NewPeer {
@@ -269,27 +260,12 @@ private:
     /// Best effort: if it cannot be told now, the service tells it when it comes.
     static void tellPhone(Host& host, const platform::PrivateKey& ownKey, const PeerRecord& record) {
         const std::string name = forDisplay(record.peer_hostname);
-        bool wasTold = false;
-        std::string reason;
-        try {
-            OneOffRequest request{.peer = host::checkPeer(record, ownKey.publicKey(), host::PeerUse::connection).record,
-                                  .staticKey = ownKey,
-                                  .warmConnectTimeout = timeToTell,
-                                  .postWakeConnectTimeout = timeToTell,
-                                  .mayWake = false, // nobody is woken for this
-                                  .onSent = [&wasTold] { wasTold = true; }};
-            const bool hasEnded = host.tasks.run(
-                platform::endsWithin(host.system.clock, timeToTell, sendUnpair(host.system, std::move(request))));
-            reason = hasEnded ? "" : "it did not answer";
-        } catch (const Interrupted&) {
-            throw;
-        } catch (const std::exception& error) {
-            reason = describe(error);
-        }
-        if (wasTold) {
+        const host::Farewell farewell = host.tasks.run(host::notifyRemoved(host, ownKey, record));
+        if (farewell.wasSent) {
             host.output.message(name + " was told.");
         } else {
-            host.output.message(name + " could not be told now" + (reason.empty() ? "" : " (" + reason + ")") +
+            host.output.message(name + " could not be told now" +
+                                (farewell.problem.empty() ? "" : " (" + farewell.problem + ")") +
                                 "; it is told when it connects to `orlinth serve`.");
         }
     }

@@ -1,14 +1,18 @@
 #include "OrlinthBus/BusFace.h"
+#include "OrlinthHost/Service/DesktopNotices.h"
+#include "OrlinthHost/Service/DownloadsFolder.h"
 #include "OrlinthHost/Service/Service.h"
 #include "orlinth/Asking/OfferQuestions.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Commands/FolderCheck.h"
-#include "orlinth/Commands/SizeText.h"
+#include "orlinth/Program/ServiceDesktop.h"
+#include "orlinth/Program/Settings.h"
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/OutboxReporter.h"
 #include "orlinth/Reporting/ServeReporter.h"
 #include "platform/ProcessMemory.h"
 #include "platform/ServiceManager.h"
+#include "platform/linux/LinuxJobViews.h"
 
 #include <algorithm>
 #include <chrono>
@@ -25,6 +29,8 @@ namespace {
 
 /// Of the two seconds in which a signal ends the service in any case; the rest is for leaving.
 constexpr std::chrono::milliseconds graceAfterSignal = 1800ms;
+/// With which the service ends to be started anew (EX_TEMPFAIL); the unit knows it.
+constexpr int restartStatus = 75;
 
 /// Many phones at once need more descriptors than a login session is usually given. More than this nobody needs.
 void raiseDescriptorLimit() {
@@ -53,11 +59,6 @@ host::Watchdog::Callbacks watchdogCallbacks() {
 
 const char* environmentVariable(const char* name) {
     return std::getenv(name);
-}
-
-/// Whether this is the service of the user's own data, and not of a folder that somebody has named besides.
-bool isUsualDataFolder(const Host& host) {
-    return host.system.directories.data == host.system.directories.home / ".local" / "share";
 }
 
 Task<bool> serveUntilCancelled(host::Service& service) {
@@ -96,6 +97,9 @@ public:
         parser().add_flag("--no-clipboard", leavesClipboard_, "Leave the desktop's clipboard alone when a text comes.");
         parser().add_flag("--history", keepsHistory_,
                           "Write down what came and went, for `orlinth history`; on unless --history=false is given.");
+        parser().add_flag("--notifications", showsNotifications_,
+                          "Show on the desktop what has come; on unless --notifications=false is given. Questions of "
+                          "--accept=ask are shown in any case.");
         addFind(find_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
@@ -107,53 +111,84 @@ public:
         raiseDescriptorLimit();
         platform::returnFreedMemory();
         host.tasks.treatSignalsAsUsualEnd(graceAfterSignal);
-        const platform::Path folder = downloadsFolder(host, directory_);
+        host.settings.flags = settingsFromFlags(parser());
+        host::LiveSettings live(host, host.settings);
+        requireGoodFolders(host, live);
+        tellOfSettings(host, live);
         const platform::PrivateKey ownKey = host.staticKey();
+        bool isRestarting = false;
         try {
-            serve(host, ownKey, folder);
+            serve(host, ownKey, live, isRestarting);
             return 0;
         } catch (const Interrupted&) {
             return 0;
         } catch (const std::exception& error) {
+            if (isRestarting && platform::isCancellation(error)) {
+                return restartStatus;
+            }
             host.output.failure(describe(error), hintForServing(host, error));
             return 1;
         }
     }
 
 private:
-    void serve(Host& host, const platform::PrivateKey& ownKey, const platform::Path& folder) const {
+    /// @throws UsageError
+    static void requireGoodFolders(Host& host, const host::LiveSettings& live) {
+        static_cast<void>(downloadsFolder(host, host.settings.text(host::SettingId::downloads)));
+        for (const platform::Path& folder : live.folders()) {
+            requireGoodDownloads(host, folder);
+        }
+    }
+
+    static void tellOfSettings(Host& host, const host::LiveSettings& live) {
+        for (const std::string& warning : live.warnings()) {
+            host.output.message(warning);
+        }
+        if (!live.isChangeable()) {
+            host.output.message((host.dataDirectory() / host::SettingsFile::fileName).string() +
+                                " was written by a later version of Orlinth. What this version knows of it holds; "
+                                "it is not changed.");
+        }
+    }
+
+    void serve(Host& host, const platform::PrivateKey& ownKey, host::LiveSettings& live, bool& isRestarting) const {
         OfferQuestions questions(host);
-        ServeReporter reporter(host, choices());
-        OutboxReporter outboxReporter(host);
-        host::ServiceSettings settings = settingsFor(folder);
+        ServiceDesktop desktop(host);
+        platform::LinuxJobViews jobs(host.tasks.executor(), environmentVariable);
+        host::DesktopNotices notices(host::NoticeBoard(host, &jobs, [&live] { return live.showsNotifications(); }),
+                                     desktop);
+        ServeReporter reporter(host, desktop, notices, choices(live));
+        OutboxReporter outboxReporter(host, notices.outgoing());
+        host::ServiceSettings settings = settingsForService();
         settings.asker = &questions;
+        settings.program = platform::programFile();
+        if (platform::isRestartedAfter(restartStatus)) {
+            settings.restart = [&host, &isRestarting] {
+                isRestarting = true;
+                host.tasks.cancel();
+            };
+        }
         bus::BusFace face(host, environmentVariable,
                           {.version = ORLINTH_VERSION,
                            .dataDirectory = host.dataDirectory().string(),
                            .publicKey = ownKey.publicKey().base64()});
-        if (isUsualDataFolder(host)) { // the name on the bus is that of the user's own service
+        if (host.system.directories.areUsual()) { // the name on the bus is that of the user's own service
             settings.faces.push_back(&face);
         }
-        host::Service service(host, ownKey, std::move(settings), reporter, outboxReporter);
+        settings.faces.push_back(&notices);
+        host::Service service(host, ownKey, live, std::move(settings), reporter, outboxReporter);
         static_cast<void>(host.tasks.run(serveUntilCancelled(service)));
     }
 
-    [[nodiscard]] ServeReporter::Choices choices() const {
-        return {.writesClipboard = !leavesClipboard_,
+    [[nodiscard]] ServeReporter::Choices choices(const host::LiveSettings& live) const {
+        return {.writesClipboard = [&live] { return live.writesClipboard(); },
+                .downloads = [&live] { return live.downloads(); },
                 .port = portOption_->count() > 0 ? std::optional(port_) : std::nullopt,
                 .choosesPlaces = !places_.empty()};
     }
 
-    [[nodiscard]] host::ServiceSettings settingsFor(const platform::Path& folder) const {
-        using Accept = host::ServiceSettings::Accept;
-        return {.downloads = folder,
-                .downloadLimits = {.keepFreeBytes = parseSize(keepFree_).value_or(0),
-                                   .maxFileBytes = parseSize(maxFile_).value_or(0)},
-                .accept = accept_ == "never" ? Accept::never
-                          : accept_ == "ask" ? Accept::ask
-                                             : Accept::always,
-                .port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
-                .keepsHistory = keepsHistory_,
+    [[nodiscard]] host::ServiceSettings settingsForService() const {
+        return {.port = {.number = port_, .places = places_, .isPublic = listensPublicly_},
                 .find = find_,
                 .watchdogInterval = platform::serviceWatchdogInterval(),
                 .watchdog = watchdogCallbacks()};
@@ -163,12 +198,14 @@ private:
     CLI::Option* portOption_ = nullptr; ///< the parser's
     std::vector<std::string> places_;
     bool listensPublicly_ = false;
+    // what LiveSettings has; the parser needs them to check, and to show, what is given
     std::string directory_;
     std::string keepFree_;
     std::string maxFile_;
     std::string accept_ = "always";
     bool leavesClipboard_ = false;
     bool keepsHistory_ = true;
+    bool showsNotifications_ = true;
     host::FindSetting find_ = host::FindSetting::known;
 };
 

@@ -1,3 +1,4 @@
+#include "OrlinthCore/Share/ServiceActivation.h"
 #include "OrlinthCore/Share/ShareStaging.h"
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
@@ -16,7 +17,8 @@ public:
     explicit ShareCommand(CLI::App& program)
         : Command(program.add_subcommand(
               "share",
-              "Leave files for `orlinth serve` to send, also if the phone is away now, as the desktop does.")) {
+              "Queue files for delivery by the service, even if the phone is unreachable now. Starts the service if "
+              "it does not run.")) {
         addPhones(selectors_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
@@ -120,18 +122,21 @@ private:
     }
 
     static void tell(Host& host, const ShareOutbox::Manifest& manifest, const Choice& choice) {
-        const bool isRunning = host.tasks.run(host::isServiceRunning(host));
-        host.output.event(
-            "shared",
-            {{"batch", manifest.id}, {"files", manifest.files}, {"to", choice.names}, {"service_running", isRunning}});
+        const bool ranBefore = host.tasks.run(host::isServiceRunning(host));
+        const std::string advice =
+            ranBefore ? "" : ServiceActivation::startForOutbox(host.system.userServices, host.system.directories);
+        host.output.event("shared", {{"batch", manifest.id},
+                                     {"files", manifest.files},
+                                     {"to", choice.names},
+                                     {"service_running", advice.empty()}});
         std::string names;
         for (const std::string& name : choice.names) {
             names += (names.empty() ? "" : ", ") + forDisplay(name);
         }
         host.output.result("shared " + host::countOfFiles(manifest.files.size()) + " with " + names + ", batch " +
                            shortId(BatchId(manifest.id)));
-        host.output.message(isRunning ? "The service sends it now, or as soon as the phone can be reached."
-                                      : serviceIsNotRunning);
+        host.output.message(advice.empty() ? "The service sends it now, or as soon as the phone can be reached."
+                                           : advice);
     }
 
     std::vector<std::string> selectors_;

@@ -2,7 +2,6 @@
 
 #include "OrlinthCore/Receiving/PasteboardWriter.h"
 #include "OrlinthCore/SecureChannel/TransportFrame.h"
-#include "base/Text.h"
 #include "platform/SystemError.h"
 
 #include <array>
@@ -62,15 +61,6 @@ std::string textFromClipboard(Host& host) {
         throw host::HostError("there is no text on the clipboard", otherWays);
     }
     return std::get<PasteboardWriter::Text>(std::move(content)).text;
-}
-
-void requireText(const std::string& text) {
-    if (text.empty()) {
-        throw host::HostError("there is no text to send");
-    }
-    if (!isUtf8(text)) {
-        throw host::HostError("the text is not UTF-8", "`orlinth send` takes files of any kind.");
-    }
 }
 
 } // namespace orlinth::cli

@@ -14,7 +14,4 @@ namespace orlinth::cli {
 /// @throws host::HostError that says what to do
 [[nodiscard]] std::string textFromClipboard(Host& host);
 
-/// @throws host::HostError unless the text is UTF-8 with at least one character
-void requireText(const std::string& text);
-
 } // namespace orlinth::cli

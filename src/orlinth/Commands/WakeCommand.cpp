@@ -1,17 +1,18 @@
-#include "OrlinthCore/Sending/FcmWake.h"
+#include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Sending/PushService.h"
-#include "base/Text.h"
+#include "OrlinthHost/Sending/PhoneWake.h"
 #include "orlinth/Commands/Command.h"
 #include "orlinth/Reporting/Hints.h"
+
+#include <utility>
 
 namespace orlinth::cli {
 
 namespace {
 
-/// `wake` outlives the task, which is run where it is made.
-Task<bool> push(FcmWake& wake, std::string token) {
-    co_await wake.sendWake(std::move(token));
+/// `host` outlives the task.
+Task<bool> push(Host& host, PeerRecord peer) {
+    co_await host::wakePhone(host, std::move(peer));
     co_return true;
 }
 
@@ -33,22 +34,14 @@ public:
     int run(Host& host) override {
         const PeerRecord peer = host::resolvePeer(host, selector_);
         const Json context{{"to", peer.peer_hostname}};
-        if (peer.peer_fcm_token.empty()) {
-            host.output.failure("no push token is recorded for '" + forDisplay(peer.peer_hostname) + "'",
-                                "Without one a phone cannot be woken. `orlinth peers add --fcm-token` records it.",
-                                context);
-            return 1;
-        }
         try {
-            FcmWake wake({.files = host.system.files,
-                          .clock = host.system.clock,
-                          .https = host.system.https,
-                          .queues = host.system.queues},
-                         FcmWake::defaultServiceAccountURL(host.system.directories), host::pushServiceURL());
-            static_cast<void>(host.tasks.run(push(wake, peer.peer_fcm_token)));
+            static_cast<void>(host.tasks.run(push(host, peer)));
         } catch (const Interrupted& interrupted) {
             host.output.failure(interrupted.description(), {}, context);
             throw;
+        } catch (const host::HostError& error) {
+            host.output.failure(error.description(), error.hint(), context);
+            return 1;
         } catch (const std::exception& error) {
             host.output.failure(describe(error), hintForPush(std::current_exception()), context);
             return 1;

@@ -26,23 +26,30 @@ std::string hintFor(std::size_t bytes) {
 ClipboardWriter::ClipboardWriter(Host& host)
     : host_(host), chores_(host.system.queues, "orlinth.serve.clipboard"), log_(host) {}
 
-void ClipboardWriter::write(std::string text) {
+void ClipboardWriter::write(std::string text, OnWritten onWritten) {
     log_.setLastSize(text.size());
     const MutexLock guard(lock_);
     const bool isAwaited = newest_.has_value();
-    newest_ = std::move(text);
+    newest_ = Text{.text = std::move(text), .onWritten = std::move(onWritten)};
     if (!isAwaited) {
         chores_.add([this] { writeNewest(); });
     }
 }
 
 void ClipboardWriter::writeNewest() {
-    std::optional<std::string> text;
+    std::optional<Text> newest;
     {
         const MutexLock guard(lock_);
-        text = std::exchange(newest_, std::nullopt);
+        newest = std::exchange(newest_, std::nullopt);
     }
-    PasteboardWriter::write(host_.system.clipboard, log_, chores_.queue(), std::move(*text)); // next on this queue
+    std::function<void(bool)> onDone;
+    if (newest->onWritten) {
+        onDone = [executor = host_.tasks.executor(), onWritten = std::move(newest->onWritten)](bool isThere) {
+            asio::post(executor, [onWritten, isThere] { onWritten(isThere); });
+        };
+    }
+    PasteboardWriter::write(host_.system.clipboard, log_, chores_.queue(), std::move(newest->text),
+                            std::move(onDone)); // next on this queue
 }
 
 Task<> ClipboardWriter::finish() {

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,8 +24,12 @@ public:
     ClipboardWriter(const ClipboardWriter&) = delete;
     ClipboardWriter& operator=(const ClipboardWriter&) = delete;
 
-    /// Returns at once. Any thread.
-    void write(std::string text);
+    /// Told on the executor of the tasks whether a text got onto the clipboard.
+    using OnWritten = std::function<void(bool isThere)>;
+
+    /// Returns at once. Any thread. `onWritten` may be empty; it is not called for a text that a newer one has replaced
+    /// before its turn.
+    void write(std::string text, OnWritten onWritten = {});
     /// Waits until the newest text is written. Nothing is added meanwhile.
     [[nodiscard]] Task<> finish();
 
@@ -48,13 +53,18 @@ private:
         std::atomic<std::size_t> lastSize_ = 0;
     };
 
+    struct Text {
+        std::string text;
+        OnWritten onWritten;
+    };
+
     void writeNewest();
 
     Host& host_;
     host::Chores chores_;
     ClipboardLog log_;
     Mutex lock_;
-    std::optional<std::string> newest_ ORLINTH_GUARDED_BY(lock_);
+    std::optional<Text> newest_ ORLINTH_GUARDED_BY(lock_);
 };
 
 } // namespace orlinth::cli

@@ -18,29 +18,39 @@ std::string escapedForServiceManager(const std::string& word) {
     return escaped;
 }
 
-} // namespace
+constexpr const char* tokenVariable = "XDG_ACTIVATION_TOKEN";
 
-platform::ChildProgram openerFor(const platform::Path& path, bool isManaged) {
-    const std::string target = absolute(path).string();
+platform::ChildProgram openerOf(const std::string& target, bool isManaged, const std::string& token) {
     if (isManaged) {
-        return {.name = "systemd-run",
-                .package = "systemd",
-                .arguments = {"--user", "--collect", "--quiet", "--", "xdg-open", escapedForServiceManager(target)},
-                .input = {}};
+        platform::ChildProgram opener{
+            .name = "systemd-run", .package = "systemd", .arguments = {"--user", "--collect", "--quiet"}, .input = {}};
+        if (!token.empty()) {
+            opener.arguments.push_back("--setenv=" + std::string(tokenVariable) + "=" + token);
+        }
+        opener.arguments.insert(opener.arguments.end(), {"--", "xdg-open", escapedForServiceManager(target)});
+        return opener;
     }
-    return {.name = "setsid", .package = "util-linux", .arguments = {"--fork", "xdg-open", target}, .input = {}};
+    platform::ChildProgram opener{
+        .name = "setsid", .package = "util-linux", .arguments = {"--fork", "xdg-open", target}, .input = {}};
+    if (!token.empty()) {
+        opener.environment.emplace_back(tokenVariable, token);
+    }
+    return opener;
 }
 
-void openOnDesktop(const platform::Path& path, platform::Log& log) {
+bool isManaged() {
+    return std::getenv("INVOCATION_ID") != nullptr;
+}
+
+void runOpener(platform::ChildProgram opener, bool isManaged, platform::Log& log) {
     const auto tell = [&log](const std::string& problem) {
         log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "serve", "cannot open: " + problem);
     };
     try {
-        const bool isManaged = std::getenv("INVOCATION_ID") != nullptr;
-        platform::ChildProgram opener = openerFor(path, isManaged);
         if (!isManaged) { // else it is the manager's environment in any case
-            opener.environment = variablesOf(
+            const auto session = variablesOf(
                 platform::currentDesktopSession([](const char* name) -> const char* { return std::getenv(name); }));
+            opener.environment.insert(opener.environment.end(), session.begin(), session.end());
         }
         const platform::ChildResult result = runChild(opener);
         if (result.status != 0) {
@@ -49,6 +59,24 @@ void openOnDesktop(const platform::Path& path, platform::Log& log) {
     } catch (const std::exception& error) {
         tell(describe(error));
     }
+}
+
+} // namespace
+
+platform::ChildProgram openerFor(const platform::Path& path, bool isManaged, const std::string& token) {
+    return openerOf(absolute(path).string(), isManaged, token);
+}
+
+platform::ChildProgram linkOpenerFor(const std::string& address, bool isManaged, const std::string& token) {
+    return openerOf(address, isManaged, token);
+}
+
+void openOnDesktop(const platform::Path& path, platform::Log& log, const std::string& token) {
+    runOpener(openerFor(path, isManaged(), token), isManaged(), log);
+}
+
+void openLinkOnDesktop(const std::string& address, platform::Log& log, const std::string& token) {
+    runOpener(linkOpenerFor(address, isManaged(), token), isManaged(), log);
 }
 
 } // namespace orlinth::cli

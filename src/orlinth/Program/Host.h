@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OrlinthHost/Home.h"
+#include "OrlinthHost/Settings/SettingSources.h"
 #include "orlinth/Program/TaskRunner.h"
 #include "orlinth/Reporting/Output.h"
 
@@ -12,6 +13,8 @@ struct Host : host::Home {
     Host(platform::System& systemOf, TaskRunner& tasksOf, Output& outputOf)
         : Home{systemOf, tasksOf.executor()}, tasks(tasksOf), output(outputOf) {}
 
+    /// What was said of the settings in config.toml and settings.json.
+    host::SettingSources settings = {};
     TaskRunner& tasks;
     Output& output;
 };

@@ -1,6 +1,6 @@
 #include "orlinth/Program/Settings.h"
 
-#include "OrlinthCore/Peers/PeerNames.h"
+#include "OrlinthHost/SizeText.h"
 #include "base/Text.h"
 #include "platform/SystemError.h"
 
@@ -83,34 +83,82 @@ void apply(CLI::App& program, const Setting& setting, const Path& home) {
     option.required(false); // it has a value now
 }
 
-/// The one value of a setting that is a text for people.
-std::string textOf(const Setting& setting) {
-    std::string text = setting.isList ? "" : trimmed(setting.values.front().text);
-    if (text.empty()) {
-        throw SettingsError("'" + setting.fullName() + "' must be one text, not empty");
+/// The value of a flag of `serve`, as it was given or else as the settings file has it.
+host::SettingValue valueOf(const CLI::Option& option, const host::SettingRule& rule) {
+    switch (rule.kind) {
+    case host::SettingKind::truth:
+        return option.as<bool>() != rule.isReversed;
+    case host::SettingKind::size:
+        return host::parseSize(option.as<std::string>()).value_or(0); // which the option has checked
+    case host::SettingKind::text:
+    case host::SettingKind::folder:
+    case host::SettingKind::choice:
+        break;
     }
-    return text;
+    return option.as<std::string>();
 }
 
-/// Whether it is one of those that are no flag's; takes it then.
-bool takeBesideFlags(SettingsBesideFlags& beside, const Setting& setting) {
-    if (setting.fullName() == "send.to") {
-        beside.defaultPhone = textOf(setting);
-        return true;
+host::SettingValue valueFrom(const Setting& setting) {
+    if (setting.isList) {
+        return false; // which is none of the texts that are asked for
     }
-    if (setting.fullName() == "id.name") {
-        beside.computerName = textOf(setting);
-        if (!isUsableName(beside.computerName)) {
-            throw SettingsError("'id.name' must be at most " + std::to_string(maxPeerNameBytes) +
-                                " bytes, without control characters");
-        }
-        return true;
+    return setting.values.front().text;
+}
+
+host::SettingValue checkedValue(const host::SettingRule& rule, const Setting& setting, const Path& home) {
+    try {
+        return host::checkedSetting(rule, valueFrom(setting), home);
+    } catch (const host::SettingError& error) {
+        throw SettingsError("'" + setting.fullName() + "' " + error.description());
+    }
+}
+
+std::string whereIs(const SettingsPlace& place) {
+    return "config.toml, line " + std::to_string(place.line);
+}
+
+constexpr const char* phonesTable = "phones";
+
+/// A value of [phones."Pixel 8"].
+void takeOfPhone(host::SettingSources& sources, const Setting& setting, const Path& home) {
+    const bool isInTable = setting.tables.size() == 2;
+    const host::SettingRule* const rule = isInTable ? host::findSettingRule(setting.name) : nullptr;
+    if (rule == nullptr || !rule->isForPhones) {
+        throw SettingsError("unknown setting '" + setting.fullName() +
+                            "': a phone has 'dir' and 'accept', in a table such as [phones.\"Pixel 8\"]");
+    }
+    const std::string& selector = setting.tables.back();
+    if (trimmed(selector).empty()) {
+        throw SettingsError("'" + setting.fullName() + "': the phone needs a name");
+    }
+    auto phone = std::ranges::find(sources.phonesInConfig, selector, &host::PhoneInConfig::selector);
+    if (phone == sources.phonesInConfig.end()) {
+        sources.phonesInConfig.push_back({.selector = selector, .where = whereIs(setting.place), .settings = {}});
+        phone = std::prev(sources.phonesInConfig.end());
+    }
+    phone->settings[rule->id] = {.value = checkedValue(*rule, setting, home), .where = whereIs(setting.place)};
+}
+
+void take(CLI::App& program, host::SettingSources& sources, const Setting& setting, const Path& home) {
+    if (!setting.tables.empty() && setting.tables.front() == phonesTable) {
+        takeOfPhone(sources, setting, home);
+        return;
+    }
+    const host::SettingRule* const rule =
+        setting.tables.size() == 1 ? host::findSettingRule(setting.tables.front(), setting.name) : nullptr;
+    if (rule != nullptr && !rule->hasFlag()) {
+        sources.config[rule->id] = {.value = checkedValue(*rule, setting, home), .where = whereIs(setting.place)};
+        return;
     }
     if (setting.name == "to") {
         throw SettingsError("unknown setting '" + setting.fullName() +
                             "': the default phone of every command is 'to' in [send]");
     }
-    return false;
+    apply(program, setting, home);
+    if (rule != nullptr) {
+        sources.config[rule->id] = {.value = valueOf(optionFor(program, setting), *rule),
+                                    .where = whereIs(setting.place)};
+    }
 }
 
 /// Nothing if there is no file. One byte more than may be is enough to know that it is too large.
@@ -129,21 +177,19 @@ std::optional<Bytes> contentOf(platform::FileSystem& files, const Path& file) {
 
 } // namespace
 
-SettingsBesideFlags applySettings(CLI::App& program, platform::FileSystem& files,
-                                  const platform::UserDirectories& directories) {
-    SettingsBesideFlags beside;
+host::SettingSources applySettings(CLI::App& program, platform::FileSystem& files,
+                                   const platform::UserDirectories& directories) {
+    host::SettingSources sources;
     const Path file = directories.config / "orlinth" / "config.toml";
     const std::string which = "settings file " + file.string();
     try {
         const std::optional<Bytes> content = contentOf(files, file);
         if (!content) {
-            return beside;
+            return sources;
         }
         for (const Setting& setting : readSettings(*content)) {
             try {
-                if (!takeBesideFlags(beside, setting)) {
-                    apply(program, setting, directories.home);
-                }
+                take(program, sources, setting, directories.home);
             } catch (const SettingsError& error) {
                 throw SettingsError(setting.place.prefix() + error.description());
             }
@@ -153,7 +199,19 @@ SettingsBesideFlags applySettings(CLI::App& program, platform::FileSystem& files
     } catch (const platform::SystemError& error) {
         throw SettingsError(which + ": " + error.description());
     }
-    return beside;
+    return sources;
+}
+
+host::GivenSettings settingsFromFlags(const CLI::App& serve) {
+    host::GivenSettings given;
+    for (const host::SettingRule& rule : host::settingRules()) {
+        const CLI::Option* const option =
+            rule.hasFlag() ? serve.get_option_no_throw("--" + std::string(rule.key)) : nullptr;
+        if (option != nullptr && option->count() > 0) {
+            given[rule.id] = {.value = valueOf(*option, rule), .where = "`--" + std::string(rule.key) + "`"};
+        }
+    }
+    return given;
 }
 
 } // namespace orlinth::cli

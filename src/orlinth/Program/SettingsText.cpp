@@ -1,10 +1,12 @@
 #include "orlinth/Program/SettingsText.h"
 
 #include "base/Text.h"
+#include "orlinth/Program/TomlScan.h"
 
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -38,6 +40,13 @@ constexpr std::ptrdiff_t maxDotsInLine = 240;
 
 std::string describePlace(const toml::source_position& at, const std::string& what) {
     return SettingsPlace{.line = std::max(at.line, 1U), .column = std::max(at.column, 1U)}.prefix() + what;
+}
+
+/// The parser takes some of them for impossible, and goes on as if they could not come (U+025E, for one).
+void refuseForeignCharacters(std::string_view text) {
+    if (const std::optional<SettingsPlace> place = findForeignCharacter(text)) {
+        throw SettingsError(place->prefix() + "a character that may only stand in quotes or in a comment");
+    }
 }
 
 void refuseLongNames(std::string_view text) {
@@ -175,6 +184,7 @@ std::vector<Setting> readSettings(ByteView content) {
         throw SettingsError(": larger than " + std::to_string(maxSettingsBytes / 1024) + " KiB");
     }
     const std::string text = toText(content);
+    refuseForeignCharacters(text);
     refuseLongNames(text);
     toml::table whole;
     try {

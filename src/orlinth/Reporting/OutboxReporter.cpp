@@ -47,15 +47,9 @@ void OutboxReporter::sent(const Transfer& transfer, const host::Delivered& deliv
     }
 }
 
-void OutboxReporter::through(const host::OutboxState::Phone& to, const std::vector<std::string>& files) {
-    if (files.empty()) {
-        return;
-    }
-    std::string body = forDisplay(files.front());
-    if (files.size() > 1) {
-        body += " and " + std::to_string(files.size() - 1) + " more";
-    }
-    notify("Sent " + host::countOfFiles(files.size()) + " to " + shown(to), body);
+void OutboxReporter::through(const BatchId& batch, const host::OutboxState::Phone& to,
+                             const std::vector<std::string>& files) {
+    notices_.through(batch, to.peerKey, to.displayName(), files);
 }
 
 void OutboxReporter::done(const BatchId& batch) {
@@ -71,22 +65,18 @@ void OutboxReporter::waitingLine(const host::OutboxState::Phone& to, const std::
     host_.output.message("waiting for " + shown(to) + ": " + forDisplay(message));
 }
 
-void OutboxReporter::waitingNotification(const host::OutboxState::Phone& to, const std::string& message) {
-    notify("Waiting for " + shown(to), forDisplay(message) + ". It is sent as soon as the phone can be reached.");
-}
-
 void OutboxReporter::failed(const Transfer& transfer, const std::string& message) {
     Json fields = contextOf(transfer);
     fields["message"] = message;
     const std::string to = host::phoneForDisplay(host_, transfer.to, transfer.peerKey);
     tellFailure(std::move(fields), message, forDisplay(transfer.file) + " is not sent to " + to + ".");
-    notify("Not sent to " + to, forDisplay(transfer.file) + ": " + forDisplay(message));
+    notices_.failed(transfer.batch, transfer.peerKey, transfer.to, transfer.file, message);
 }
 
 void OutboxReporter::failed(const BatchId& batch, const host::OutboxState::Phone& to, const std::string& message) {
     tellFailure({{"batch", batch}, {"to", to.displayName()}, {"message", message}}, message,
                 "Nothing more of batch " + shortId(batch) + " is sent to " + shown(to) + ".");
-    notify("Not sent to " + shown(to), forDisplay(message));
+    notices_.failed(batch, to.peerKey, to.displayName(), "", message);
 }
 
 void OutboxReporter::setAside(const BatchId& batch, const std::string& message, const platform::Path& where) {
@@ -123,12 +113,6 @@ void OutboxReporter::tellFailure(Json fields, const std::string& line, const std
 
 std::string OutboxReporter::shown(const host::OutboxState::Phone& phone) const {
     return host::phoneForDisplay(host_, phone.displayName(), phone.peerKey);
-}
-
-void OutboxReporter::notify(const std::string& title, const std::string& body) {
-    if (host_.system.notifications.isAvailable()) {
-        host_.system.notifications.show({.title = title, .body = body}, host_.tasks.executor(), {});
-    }
 }
 
 } // namespace orlinth::cli

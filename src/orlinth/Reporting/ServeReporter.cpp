@@ -2,13 +2,16 @@
 
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Service/LastText.h"
+#include "OrlinthHost/Service/LinkText.h"
 #include "base/Text.h"
-#include "orlinth/Program/DesktopOpener.h"
 #include "orlinth/Reporting/Hints.h"
 #include "orlinth/Reporting/ReceivedFields.h"
 #include "orlinth/Reporting/Terminal.h"
 #include "platform/ServiceManager.h"
 
+#include <algorithm>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -91,16 +94,30 @@ void tellDeclined(Output& output, const Receiver::Declined& declined) {
                       : "declined " + forDisplay(declined.name) + " from " + from + becauseOf(declined.refusal));
 }
 
+/// Whether what was received could not be written.
+bool isOfTheDisk(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const ReceiveError& failure) {
+        return failure.which() == ReceiveError::Case::fileWriteFailed;
+    } catch (...) {
+        return false;
+    }
+}
+
+/// As a reader counts them, about.
+std::size_t charactersOf(std::string_view text) {
+    return static_cast<std::size_t>(std::ranges::count_if(
+        text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U; })); // UTF-8, no continuation
+}
+
 } // namespace
 
-ServeReporter::ServeReporter(Host& host, Choices choices)
+ServeReporter::ServeReporter(Host& host, host::DesktopActions& desktop, host::DesktopNotices& notices, Choices choices)
     : host_(host),
-      choices_(choices),
-      clipboard_(host),
-      textBurstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
-      burstTimer_(host.system.clock.makeTimer(host.tasks.executor())),
-      opening_(std::make_shared<Opening>(
-          Opening{.chores = host::Chores(host.system.queues, "orlinth.serve.opening"), .log = host.system.log})),
+      desktop_(desktop),
+      notices_(notices),
+      choices_(std::move(choices)),
       strangers_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
                  [&output = host.output](std::int64_t untold) {
                      output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");
@@ -130,6 +147,10 @@ void ServeReporter::phonesKnown(std::size_t pairedPhones) {
     }
 }
 
+void ServeReporter::folderUnusable(const std::string& problem) {
+    host_.output.failure(problem, "Until that is mended, or another folder is chosen, files that go there fail.");
+}
+
 void ServeReporter::listening(std::uint16_t port, std::size_t pairedPhones) {
     platform::tellServiceReady();
     platform::tellServiceStatus(pairedPhones);
@@ -152,10 +173,7 @@ Task<> ServeReporter::finish() {
     for (auto& [key, phone] : phones_) {
         phone.limit.finish();
     }
-    burstTimer_->disarm();
-    textBurstTimer_->disarm();
-    co_await clipboard_.finish();
-    co_await opening_->chores.finish();
+    co_await desktop_.finish();
 }
 
 void ServeReporter::fileReceived(const Receiver::File& file) {
@@ -168,7 +186,7 @@ void ServeReporter::fileReceived(const Receiver::File& file) {
     if (const std::string remark = remarkOnSize(file.file); !remark.empty()) {
         host_.output.message(remark);
     }
-    notifyOfFile(file);
+    notices_.fileReceived(file);
 }
 
 void ServeReporter::textReceived(const Receiver::Clipboard& clipboard) {
@@ -176,17 +194,15 @@ void ServeReporter::textReceived(const Receiver::Clipboard& clipboard) {
     // A line may end up in a log, where a text, which may be a password, has no business.
     const std::string line = "received " + sizeOfText(clipboard.text) + " from " +
                              host::phoneForDisplay(host_, clipboard.from, clipboard.peerKey);
+    const bool writesClipboard = this->writesClipboard();
     if (admitsLine(clipboard.peerKey, clipboard.from)) {
-        if (!choices_.writesClipboard && isTerminal(STDOUT_FILENO)) {
+        if (!writesClipboard && isTerminal(STDOUT_FILENO)) {
             host_.output.page(line + ": " + madeVisible(clipboard.text));
         } else {
             host_.output.result(line);
         }
     }
-    if (choices_.writesClipboard) {
-        clipboard_.write(clipboard.text);
-    }
-    notifyOfClipboard(clipboard);
+    notifyOfText(clipboard);
 }
 
 void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
@@ -203,6 +219,7 @@ void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
         // a phone is forgotten once; one that is still recorded can say so again and again
         if (unpair->isForgotten || admitsLine(unpair->peerKey, unpair->from)) {
             tellUnpair(output, *unpair);
+            notices_.unpaired(*unpair);
         }
     } else if (const auto* replied = std::get_if<Receiver::UnpairReplied>(&outcome)) {
         if (!removed_.admits()) {
@@ -220,6 +237,9 @@ void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
 }
 
 void ServeReporter::connectionFailed(const Receiver::Failure& failure) {
+    if (isOfTheDisk(failure.error)) {
+        notices_.cannotSave(choices_.downloads ? choices_.downloads() : platform::Path());
+    }
     const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerKey, failure.from);
     if (!isTold) {
         return;
@@ -291,70 +311,20 @@ bool ServeReporter::admitsLine(const PeerKey& peerKey, const std::string& name) 
     return known->second.limit.admits();
 }
 
-void ServeReporter::notifyOfFile(const Receiver::File& file) {
-    if (isBurst_) {
-        ++moreFiles_;
-        lastFile_ = absolute(file.file.savedAt);
+void ServeReporter::notifyOfText(const Receiver::Clipboard& clipboard) {
+    const std::size_t bytes = clipboard.text.size();
+    host::notices::TextNotice text{.characters = charactersOf(clipboard.text),
+                                   .isKept = bytes > 0 && bytes <= host::LastText::maxBytes,
+                                   .linkHost = host::hostOfLink(clipboard.text)};
+    if (!writesClipboard()) {
+        notices_.textReceived(clipboard.peerKey, clipboard.from, std::move(text));
         return;
     }
-    const platform::Path path = absolute(file.file.savedAt);
-    showFile({.title = "File from " + host::phoneForDisplay(host_, file.from, file.peerKey),
-              .body = forDisplay(path.filename().string()),
-              .actions = {{"open", "Open"}, {"show", "Show in folder"}}},
-             path);
-    isBurst_ = true;
-    burstTimer_->arm(burstTime, [this] { tellMoreFiles(); });
-}
-
-void ServeReporter::tellMoreFiles() {
-    isBurst_ = moreFiles_ > 0;
-    if (!isBurst_) {
-        return;
-    }
-    const std::string more = std::to_string(moreFiles_) + (moreFiles_ == 1 ? " more file" : " more files");
-    showFile({.title = "Files from your phones",
-              .body = more + ", the last one " + forDisplay(lastFile_.filename().string()),
-              .actions = {{"show", "Show in folder"}}},
-             lastFile_);
-    moreFiles_ = 0;
-    burstTimer_->arm(burstTime, [this] { tellMoreFiles(); });
-}
-
-void ServeReporter::showFile(platform::Notification notification, const platform::Path& path) {
-    // holds nothing that may be gone by then: the desktop may answer at any time
-    auto onAnswer = [opening = std::weak_ptr(opening_), path](const std::string& key) {
-        const std::shared_ptr<Opening> open = opening.lock();
-        if (open && (key == "open" || key == "show")) {
-            open->chores.add(
-                [path = key == "open" ? path : path.parent_path(), &log = open->log] { openOnDesktop(path, log); });
-        }
-    };
-    host_.system.notifications.show(std::move(notification), host_.tasks.executor(), std::move(onAnswer));
-}
-
-void ServeReporter::notifyOfClipboard(const Receiver::Clipboard& clipboard) {
-    if (isTextBurst_) {
-        ++moreTexts_;
-        return;
-    }
-    host_.system.notifications.show(
-        {.title = "Text from " + host::phoneForDisplay(host_, clipboard.from, clipboard.peerKey),
-         .body = sizeOfText(clipboard.text), // whether it reaches the clipboard is not known yet
-         .actions = {}},
-        host_.tasks.executor(), {});
-    isTextBurst_ = true;
-    textBurstTimer_->arm(burstTime, [this] { tellMoreTexts(); });
-}
-
-void ServeReporter::tellMoreTexts() {
-    isTextBurst_ = moreTexts_ > 0;
-    if (!isTextBurst_) {
-        return;
-    }
-    const std::string more = std::to_string(moreTexts_) + (moreTexts_ == 1 ? " more text" : " more texts");
-    host_.system.notifications.show({.title = "Texts from your phones", .body = more}, host_.tasks.executor(), {});
-    moreTexts_ = 0;
-    textBurstTimer_->arm(burstTime, [this] { tellMoreTexts(); });
+    desktop_.copy(clipboard.text, [&notices = notices_, peerKey = clipboard.peerKey, from = clipboard.from,
+                                   text = std::move(text)](bool isThere) mutable {
+        text.isOnClipboard = isThere;
+        notices.textReceived(peerKey, from, std::move(text));
+    });
 }
 
 } // namespace orlinth::cli

@@ -1,13 +1,14 @@
 #pragma once
 
 #include "OrlinthCore/Receiving/Receiver.h"
-#include "OrlinthHost/Chores.h"
 #include "OrlinthHost/LineLimit.h"
+#include "OrlinthHost/Service/DesktopActions.h"
+#include "OrlinthHost/Service/DesktopNotices.h"
 #include "OrlinthHost/Service/ServiceEvents.h"
-#include "orlinth/Program/ClipboardWriter.h"
 #include "orlinth/Program/Host.h"
 
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -15,27 +16,26 @@
 
 namespace orlinth::cli {
 
-/// Turns what happens in the receive service into events, lines, notifications of the desktop, the clipboard's content
-/// and what a service manager wants to hear. On the thread of `main`, but for what blocks.
+/// Turns what happens in the receive service into events, lines, the clipboard's content and what a service manager
+/// wants to hear, and tells the notifications of the desktop. On the thread of `main`.
 class ServeReporter final : public host::ServiceEvents {
 public:
-    /// Between two notifications of files.
-    static constexpr Seconds burstTime = 5s;
-
-    /// What the person has chosen.
+    /// What the person has chosen. What may change is asked each time; empty: yes, and no folder.
     struct Choices {
-        bool writesClipboard = true;
-        std::optional<std::uint16_t> port = {}; ///< on the command line or in the settings
+        std::function<bool()> writesClipboard = {};
+        std::function<platform::Path()> downloads = {}; ///< where files go
+        std::optional<std::uint16_t> port = {};         ///< on the command line or in the settings
         bool choosesPlaces = false;
     };
 
-    /// `host` outlives this.
-    ServeReporter(Host& host, Choices choices);
+    /// What is referred to outlives this.
+    ServeReporter(Host& host, host::DesktopActions& desktop, host::DesktopNotices& notices, Choices choices);
     ServeReporter(const ServeReporter&) = delete;
     ServeReporter& operator=(const ServeReporter&) = delete;
 
     void portInherited(std::uint16_t port) override;
     void phonesKnown(std::size_t pairedPhones) override;
+    void folderUnusable(const std::string& problem) override;
     void listening(std::uint16_t port, std::size_t pairedPhones) override;
     void stopping() override;
     [[nodiscard]] Task<> finish() override;
@@ -53,33 +53,16 @@ public:
     void portMissing(const std::string& problem) override;
 
 private:
-    /// What a button of a notification needs, as long as the service is there to be asked.
-    struct Opening {
-        host::Chores chores;
-        platform::Log& log;
-    };
-
-    /// Of the first at once, of those that follow within a few seconds together: a hundred photos are one event.
-    void notifyOfFile(const Receiver::File& file);
-    void tellMoreFiles();
-    void showFile(platform::Notification notification, const platform::Path& path);
-    /// Likewise.
-    void notifyOfClipboard(const Receiver::Clipboard& clipboard);
-    void tellMoreTexts();
+    [[nodiscard]] bool writesClipboard() const { return !choices_.writesClipboard || choices_.writesClipboard(); }
+    /// Once it is known whether it is on the clipboard.
+    void notifyOfText(const Receiver::Clipboard& clipboard);
     /// Whether one more line about this phone is to be written.
     [[nodiscard]] bool admitsLine(const PeerKey& peerKey, const std::string& name);
 
     Host& host_;
+    host::DesktopActions& desktop_;
+    host::DesktopNotices& notices_;
     const Choices choices_;
-    ClipboardWriter clipboard_;
-    std::unique_ptr<platform::Timer> textBurstTimer_;
-    bool isTextBurst_ = false; ///< a text was told of less than `burstTime` ago
-    std::int64_t moreTexts_ = 0;
-    std::unique_ptr<platform::Timer> burstTimer_;
-    bool isBurst_ = false; ///< a file was told of less than `burstTime` ago
-    std::int64_t moreFiles_ = 0;
-    platform::Path lastFile_;
-    std::shared_ptr<Opening> opening_;
     host::LineLimit strangers_;
     host::LineLimit farAway_;
     host::LineLimit removed_;

@@ -44,6 +44,7 @@ void StatusText::take(const host::ServiceNews& news) {
                               std::erase_if(phones_,
                                             [&gone](const auto& one) { return one.presence.peerKey == gone.peerKey; });
                           },
+                          [](const host::HistoryLine&) {}, [](const host::SettingLine&) {}, // of which nobody has asked
                           [](const host::CurrentLine&) {}},
                news);
 }
@@ -93,7 +94,8 @@ std::string StatusText::serviceLine() const {
     const std::string port = std::to_string(service.port);
     switch (service.state) {
     case State::listening:
-        return "Receives at port " + port + ", into " + forDisplay(service.downloads.string()) + ".";
+        return "Receives at port " + port + ", into " + forDisplay(service.downloads.string()) + "." +
+               (service.problem.empty() ? "" : " But: " + forDisplay(service.problem) + ".");
     case State::lent:
         return "A pairing uses port " + port + " just now.";
     case State::notListening:

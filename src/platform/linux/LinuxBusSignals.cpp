@@ -26,8 +26,9 @@ using namespace std::chrono_literals;
 constexpr auto postLimit = 250ms;
 /// How long the bus may take for an answer to somebody who listens, its hello included.
 constexpr auto answerLimit = 10s;
-/// How often a bus is looked for that is not there.
-constexpr auto lookEvery = 2s;
+/// Before a bus that is not there is looked for again: the first time, and, doubled each time, the last.
+constexpr std::chrono::seconds firstPause = 2s;
+constexpr std::chrono::seconds longestPause = 60s;
 
 bool isLetter(char character) noexcept {
     return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
@@ -184,7 +185,8 @@ private:
                 lookLater();
                 return;
             }
-            nextLook_ = now + lookEvery;
+            nextLook_ = now + pause_;
+            pause_ = std::min(2 * pause_, longestPause);
         }
         if (loop_.open() && listenFor(names)) {
             loop_.wake();
@@ -229,6 +231,9 @@ private:
     }
 
     void onLost() {
+        if (SteadyClock::now() > nextLook_) {
+            pause_ = firstPause; // it was a connection for a while
+        }
         disconnect();
         tend();
     }
@@ -258,6 +263,7 @@ private:
     std::optional<asio::steady_timer> look_;                ///< for a bus
     std::map<std::string, std::unique_ptr<Match>> matches_; ///< on this connection; null for a name that D-Bus has not
     SteadyClock::time_point nextLook_{};
+    std::chrono::seconds pause_ = firstPause; ///< behind the next look for a bus that is not there
 };
 
 LinuxBusSignals::LinuxBusSignals(asio::io_context& context, Environment environment)

@@ -35,6 +35,13 @@ constexpr auto closingGrace = 1s;
 constexpr Seconds longestShown = 24h;
 /// Notifications whose answer is waited for; of more the oldest counts as closed. Some daemons never say so.
 constexpr std::size_t maxWaiting = 256;
+/// The desktop file of the application, by which a desktop knows whose notification it is.
+constexpr const char* desktopEntry = "com.tarvinex.orlinth";
+/// The server that brings the application of `desktopEntry` to the front itself if a notification without an action for
+/// a click is clicked. With one it would leave that to us, and gives us no token for it.
+constexpr const char* raisingServer = "gnome-shell";
+/// A longer token is none.
+constexpr std::size_t maxTokenBytes = 1024;
 
 /// Fit for the bus, which takes UTF-8 without NUL, and for people.
 std::string plainText(const std::string& text) {
@@ -107,11 +114,20 @@ public:
         return isThere;
     }
 
-    void show(Notification notification, Executor executor, std::function<void(const std::string&)> onAnswer) {
-        begin({.owner = this,
-               .notification = std::move(notification),
-               .executor = std::move(executor),
-               .onAnswer = std::move(onAnswer)});
+    void show(Notification notification, Executor executor, OnAnswer onAnswer) {
+        if (Waiting* const before = shownAs(notification.tag)) {
+            before->notification = std::move(notification);
+            before->executor = std::move(executor);
+            before->onAnswer = std::move(onAnswer);
+            before->token.clear();
+            before->end.reset();
+            showAgain(*before);
+        } else {
+            begin({.owner = this,
+                   .notification = std::move(notification),
+                   .executor = std::move(executor),
+                   .onAnswer = std::move(onAnswer)});
+        }
         loop_.wake();
         leaveIfClosed();
     }
@@ -135,19 +151,30 @@ private:
         Worker* owner;
         Notification notification;
         Executor executor;
-        std::function<void(const std::string&)> onAnswer;
+        OnAnswer onAnswer;
         std::uint32_t id = 0;    ///< the daemon's; 0 while it has none
         std::string daemon = {}; ///< the unique name of the connection that shows it
+        std::string server = {}; ///< what that calls itself
+        std::string token = {};  ///< that has come for the press which comes next
         std::optional<SteadyClock::time_point> end = {};
         bool hasMarkup = false;
-        bool isWithdrawn = false;
+        bool isWithdrawn = false;    ///< closed as soon as it has a number
+        bool isOutdated = false;     ///< something else took its place while it was on its way
         sd_bus_slot* call = nullptr; ///< of the call under way; released with the notification
     };
     using Place = std::list<Waiting>::iterator;
 
     static void answer(Waiting& waiting, const std::string& key) {
-        if (auto onAnswer = std::exchange(waiting.onAnswer, nullptr)) {
-            asio::post(waiting.executor, [onAnswer = std::move(onAnswer), key] { onAnswer(key); });
+        tell(waiting, std::exchange(waiting.onAnswer, nullptr), key);
+    }
+
+    static void tell(Waiting& waiting, OnAnswer onAnswer, const std::string& key) {
+        if (onAnswer) {
+            asio::post(waiting.executor,
+                       [onAnswer = std::move(onAnswer),
+                        answer = NotificationAnswer{.key = key, .token = std::exchange(waiting.token, {})}] {
+                           onAnswer(answer);
+                       });
         }
     }
 
@@ -159,7 +186,7 @@ private:
         }
         const bool isOpen =
             loop_.open() && listenFor("ActionInvoked", onActionInvoked) &&
-            listenFor("NotificationClosed", onNotificationClosed) &&
+            listenFor("NotificationClosed", onNotificationClosed) && listenFor("ActivationToken", onActivationToken) &&
             systemd().sd_bus_match_signal_async(loop_.get(), nullptr, busName, busPath, busName, "NameOwnerChanged",
                                                 onOwnerChanged, ignoreBusAnswer, this) >= 0;
         if (!isOpen) {
@@ -194,7 +221,8 @@ private:
     }
 
     [[nodiscard]] bool isAllShown() const {
-        return std::ranges::all_of(waiting_, [](const Waiting& waiting) { return waiting.id != 0; });
+        return std::ranges::all_of(waiting_,
+                                   [](const Waiting& waiting) { return waiting.id != 0 && waiting.call == nullptr; });
     }
 
     // ---- whether somebody is there
@@ -247,6 +275,23 @@ private:
         }
     }
 
+    /// The one of this tag that is shown, or on its way; null if there is none that anything could take the place of.
+    [[nodiscard]] Waiting* shownAs(std::uint64_t tag) {
+        const Place place = std::ranges::find_if(waiting_, [tag](const Waiting& waiting) {
+            return tag != 0 && waiting.notification.tag == tag && !waiting.isWithdrawn;
+        });
+        return place == waiting_.end() ? nullptr : &*place;
+    }
+
+    /// What it says now. One that is on its way is shown again once it has its number.
+    void showAgain(Waiting& waiting) {
+        if (waiting.call != nullptr) {
+            waiting.isOutdated = true;
+        } else if (!notify(waiting)) {
+            finish(placeOf(waiting), "");
+        }
+    }
+
     [[nodiscard]] Place placeOf(const Waiting& waiting) {
         return std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& other) { return &other == &waiting; });
     }
@@ -259,11 +304,23 @@ private:
 
     /// Only who shows a notification says what became of it. A match of the bus is no guard: it holds for signals to
     /// everybody, and any program can send one to us alone.
-    void finishById(const std::string& sender, std::uint32_t id, const std::string& key) {
-        const Place place = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& one) {
+    [[nodiscard]] Place placeOf(const std::string& sender, std::uint32_t id) {
+        return std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& one) {
             return id != 0 && one.id == id && !sender.empty() && one.daemon == sender;
         });
-        if (place != waiting_.end()) {
+    }
+
+    void take(const std::string& sender, std::uint32_t id, const std::string& key) {
+        const Place place = placeOf(sender, id);
+        if (place == waiting_.end()) {
+            return;
+        }
+        if (!key.empty() && place->notification.isResident) {
+            tell(*place, place->onAnswer, key);
+        } else if (place->call != nullptr) { // what is on its way in its place would bring it back
+            answer(*place, key);
+            place->isWithdrawn = true;
+        } else {
             finish(place, key);
         }
     }
@@ -278,6 +335,23 @@ private:
         }
         waiting.hasMarkup = contains(capabilities, "body-markup");
         waiting.daemon = senderOf(message);
+        waiting.call = systemd().sd_bus_slot_unref(waiting.call);
+        if (systemd().sd_bus_call_method_async(self.loop_.get(), &waiting.call, waiting.daemon.c_str(), daemonPath,
+                                               daemonName, "GetServerInformation", onServer, &waiting, nullptr) < 0) {
+            self.finish(self.placeOf(waiting), "");
+        }
+        return 0;
+    }
+
+    /// Only what it is called matters. One that does not say so is none that needs a special treatment.
+    static int onServer(sd_bus_message* message, void* data, sd_bus_error*) {
+        auto& waiting = *static_cast<Waiting*>(data);
+        Worker& self = *waiting.owner;
+        const char* name = nullptr;
+        if (senderOf(message) == waiting.daemon && systemd().sd_bus_message_is_method_error(message, nullptr) == 0 &&
+            systemd().sd_bus_message_read(message, "s", &name) > 0) {
+            waiting.server = name;
+        }
         waiting.call = systemd().sd_bus_slot_unref(waiting.call);
         if (systemd().sd_bus_call_method_async(self.loop_.get(), &waiting.call, busName, busPath, busName,
                                                "GetNameOwner", onOwner, &waiting, "s", daemonName) < 0) {
@@ -303,6 +377,7 @@ private:
 
     bool notify(Waiting& waiting) {
         const Notification& what = waiting.notification;
+        waiting.isOutdated = false;
         const std::string title = plainText(what.title);
         const std::string body = waiting.hasMarkup ? escapedForMarkup(plainText(what.body)) : plainText(what.body);
         constexpr int asTheDesktopLikes = -1;
@@ -310,25 +385,48 @@ private:
             std::chrono::duration_cast<std::chrono::milliseconds>(std::min(what.shownFor, longestShown));
         const auto milliseconds =
             what.shownFor > 0s ? static_cast<std::int32_t>(shownFor.count()) : std::int32_t{asTheDesktopLikes};
-        constexpr std::uint8_t normal = 1;
-        constexpr std::uint8_t critical = 2;
         sd_bus_message* made = nullptr;
         if (systemd().sd_bus_message_new_method_call(loop_.get(), &made, waiting.daemon.c_str(), daemonPath, daemonName,
                                                      "Notify") < 0) {
             return false;
         }
         const BusMessageRef call(made);
-        bool isGood = systemd().sd_bus_message_append(made, "susss", "Orlinth", std::uint32_t{0}, "", title.c_str(),
-                                                      body.c_str()) >= 0 &&
-                      systemd().sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s") >= 0;
-        for (const auto& [key, label] : what.actions) {
-            isGood = isGood &&
-                     systemd().sd_bus_message_append(made, "ss", plainText(key).c_str(), plainText(label).c_str()) >= 0;
-        }
-        isGood = isGood && systemd().sd_bus_message_close_container(made) >= 0 &&
-                 systemd().sd_bus_message_append(made, "a{sv}i", 1, "urgency", "y", what.isUrgent ? critical : normal,
-                                                 milliseconds) >= 0;
+        const bool isGood = systemd().sd_bus_message_append(made, "susss", "Orlinth", waiting.id, "", title.c_str(),
+                                                            body.c_str()) >= 0 &&
+                            appendActions(made, waiting) && appendHints(made, what) &&
+                            systemd().sd_bus_message_append(made, "i", milliseconds) >= 0;
         return isGood && systemd().sd_bus_call_async(loop_.get(), &waiting.call, made, onNotified, &waiting, 0) >= 0;
+    }
+
+    static bool appendActions(sd_bus_message* call, const Waiting& waiting) {
+        const Notification& what = waiting.notification;
+        const auto append = [call](const std::string& key, const std::string& label) {
+            return systemd().sd_bus_message_append(call, "ss", plainText(key).c_str(), plainText(label).c_str()) >= 0;
+        };
+        bool isGood = systemd().sd_bus_message_open_container(call, SD_BUS_TYPE_ARRAY, "s") >= 0;
+        if (!what.clickLabel.empty() && !(what.isClickForWindow && waiting.server == raisingServer)) {
+            isGood = isGood && append(Notification::clickKey, what.clickLabel);
+        }
+        for (const auto& [key, label] : what.actions) {
+            isGood = isGood && append(key, label);
+        }
+        return isGood && systemd().sd_bus_message_close_container(call) >= 0;
+    }
+
+    static bool appendHints(sd_bus_message* call, const Notification& what) {
+        constexpr std::uint8_t low = 0;
+        constexpr std::uint8_t normal = 1;
+        constexpr std::uint8_t critical = 2;
+        const int urgency = what.isUrgent ? critical : what.isQuiet ? low : normal;
+        const auto append = [call](const char* hint, const char* type, auto value) {
+            return systemd().sd_bus_message_append(call, "{sv}", hint, type, value) >= 0;
+        };
+        return systemd().sd_bus_message_open_container(call, SD_BUS_TYPE_ARRAY, "{sv}") >= 0 &&
+               append("desktop-entry", "s", desktopEntry) && append("urgency", "y", urgency) &&
+               (what.category.empty() || append("category", "s", what.category.c_str())) &&
+               (!what.percent || append("value", "i", std::int32_t{std::clamp(*what.percent, 0, 100)})) &&
+               (!what.isResident || append("resident", "b", 1)) && (!what.isTransient || append("transient", "b", 1)) &&
+               systemd().sd_bus_message_close_container(call) >= 0;
     }
 
     static int onNotified(sd_bus_message* message, void* data, sd_bus_error*) {
@@ -339,11 +437,16 @@ private:
         const bool isShown = senderOf(message) == waiting.daemon &&
                              systemd().sd_bus_message_is_method_error(message, nullptr) == 0 &&
                              systemd().sd_bus_message_read(message, "u", &id) > 0 && id != 0;
-        if (!isShown || !waiting.onAnswer) {
+        const bool isAwaited = waiting.onAnswer || waiting.notification.tag != 0;
+        if (!isShown || !isAwaited) {
             self.finish(self.placeOf(waiting), "");
             return 0;
         }
         waiting.id = id;
+        if (waiting.isOutdated && !waiting.isWithdrawn) {
+            self.showAgain(waiting);
+            return 0;
+        }
         if (waiting.notification.shownFor > 0s) {
             const auto shownFor = std::chrono::duration_cast<SteadyClock::duration>(
                 std::min(waiting.notification.shownFor, longestShown));
@@ -361,7 +464,7 @@ private:
         for (Waiting& waiting : waiting_) {
             if (tag != 0 && waiting.notification.tag == tag) {
                 waiting.isWithdrawn = true;
-                if (waiting.id != 0) {
+                if (waiting.id != 0 && waiting.call == nullptr) {
                     waiting.end = SteadyClock::now();
                 }
             }
@@ -415,7 +518,7 @@ private:
         std::uint32_t id = 0;
         const char* key = nullptr;
         if (systemd().sd_bus_message_read(message, "us", &id, &key) > 0) {
-            static_cast<Worker*>(data)->finishById(senderOf(message), id, key);
+            static_cast<Worker*>(data)->take(senderOf(message), id, key);
         }
         return 0;
     }
@@ -424,7 +527,21 @@ private:
         std::uint32_t id = 0;
         std::uint32_t reason = 0;
         if (systemd().sd_bus_message_read(message, "uu", &id, &reason) > 0) {
-            static_cast<Worker*>(data)->finishById(senderOf(message), id, "");
+            static_cast<Worker*>(data)->take(senderOf(message), id, "");
+        }
+        return 0;
+    }
+
+    /// Comes before the press that it is for.
+    static int onActivationToken(sd_bus_message* message, void* data, sd_bus_error*) {
+        auto* self = static_cast<Worker*>(data);
+        std::uint32_t id = 0;
+        const char* token = nullptr;
+        if (systemd().sd_bus_message_read(message, "us", &id, &token) > 0 &&
+            std::string_view(token).size() <= maxTokenBytes) {
+            if (const Place place = self->placeOf(senderOf(message), id); place != self->waiting_.end()) {
+                place->token = token;
+            }
         }
         return 0;
     }
@@ -477,8 +594,7 @@ bool LinuxNotifications::isAvailable() {
     return worker_->probe();
 }
 
-void LinuxNotifications::show(Notification notification, Executor executor,
-                              std::function<void(const std::string&)> onAnswer) {
+void LinuxNotifications::show(Notification notification, Executor executor, OnAnswer onAnswer) {
     worker_->show(std::move(notification), std::move(executor), std::move(onAnswer));
 }
 

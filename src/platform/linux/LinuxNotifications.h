@@ -12,7 +12,8 @@ namespace orlinth::platform {
 /// the bus gives to it. Whoever owns the daemon's name on the bus is the daemon: what the bus lets any program do there
 /// is not for us to judge.
 ///
-/// Texts are made fit for people here (forDisplay()), whoever has chosen them.
+/// Texts are made fit for people here (forDisplay()), whoever has chosen them. What takes the place of something that
+/// is still on its way to the daemon waits for that, so that nothing is shown twice.
 ///
 /// Threading: the one thread that runs the executor's context, or any single one while nobody runs that. The executor
 /// looks after the connection to the bus, which begins with the first call and keeps the context running until close().
@@ -30,7 +31,7 @@ public:
     LinuxNotifications& operator=(const LinuxNotifications&) = delete;
 
     [[nodiscard]] bool isAvailable() override;
-    void show(Notification notification, Executor executor, std::function<void(const std::string&)> onAnswer) override;
+    void show(Notification notification, Executor executor, OnAnswer onAnswer) override;
     void withdraw(std::uint64_t tag) override;
 
     /// Nobody waits for an answer any more: what has none is answered "". What is shown later reaches the daemon as

@@ -1,10 +1,15 @@
 #include "platform/ServiceManager.h"
 #include "platform/SystemError.h"
 #include "platform/linux/ChildProcess.h"
+#include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/SystemdLibrary.h"
 
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <system_error>
 
 namespace orlinth::platform {
 namespace {
@@ -60,6 +65,36 @@ std::optional<Seconds> serviceWatchdogInterval() noexcept {
 
 void tellServiceAlive() noexcept {
     tellManager("WATCHDOG=1");
+}
+
+bool isRestartedAfter(int status) noexcept {
+    const char* const promised = std::getenv("ORLINTH_RESTART_STATUS");
+    int number = -1;
+    if (promised == nullptr) {
+        return false;
+    }
+    const char* const end = promised + std::strlen(promised);
+    const std::from_chars_result read = std::from_chars(promised, end, number);
+    return read.ec == std::errc() && read.ptr == end && number == status;
+}
+
+std::optional<Path> programFile() {
+    const Path own = "/proc/self/exe";
+    try {
+        const LinuxFileSystem files;
+        const std::optional<FileStatus> running = files.status(own);
+        std::string words; // with a zero behind each
+        std::getline(std::ifstream("/proc/self/cmdline"), words, '\0');
+        for (const Path& candidate : {Path(words), files.resolveLinks(own)}) { // a link may lead to the next version
+            const std::optional<FileStatus> found = candidate.is_absolute() ? files.status(candidate) : std::nullopt;
+            if (running && found && isSameFile(*running, *found)) {
+                return candidate;
+            }
+        }
+    } catch (const SystemError&) {
+        return std::nullopt;
+    }
+    return std::nullopt;
 }
 
 bool startSleepingService(const std::string& socketUnit, const std::string& serviceUnit, std::chrono::seconds limit) {

@@ -21,6 +21,7 @@
 #include "platform/linux/LinuxServiceDiscovery.h"
 #include "platform/linux/LinuxSleepNews.h"
 #include "platform/linux/LinuxUnixSockets.h"
+#include "platform/linux/LinuxUserServices.h"
 #include "platform/linux/LinuxWorkQueues.h"
 
 #include <cstdlib>
@@ -62,6 +63,7 @@ struct LinuxSystem::Parts {
     LinuxNotifications notifications;
     LinuxBusSignals busSignals;
     LinuxSleepNews sleepNews{systemBusEnvironment};
+    LinuxUserServices userServices{processEnvironment};
     LinuxFolderWatcher folders;
     UserDirectories directories = linuxUserDirectories(processEnvironment);
 };
@@ -91,6 +93,7 @@ System LinuxSystem::system() {
             .notifications = parts_->notifications,
             .busSignals = parts_->busSignals,
             .sleepNews = parts_->sleepNews,
+            .userServices = parts_->userServices,
             .folders = parts_->folders,
             .directories = parts_->directories};
 }

@@ -40,6 +40,8 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_close_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_enter_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_exit_container);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_error);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_interface);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_member);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_path);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_get_sender);
@@ -47,6 +49,8 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_return);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_return);
+    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_signal);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_peek_type);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_read);

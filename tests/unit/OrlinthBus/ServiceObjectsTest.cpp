@@ -16,7 +16,11 @@ constexpr platform::Clock::Instant noon{};
 BusObjects show(const std::vector<host::PhoneView>& phones, const std::vector<TransferView>& transfers,
                 const std::vector<host::OutboxView>& batches, platform::Clock::Instant now = noon) {
     return objectsOf({.state = host::ServiceView::State::listening, .port = 28471},
-                     {.version = "1", .dataDirectory = "/d", .publicKey = "k"}, phones, transfers, batches, now);
+                     {.version = "1", .dataDirectory = "/d", .publicKey = "k"},
+                     {{.name = "accept", .value = "ask", .fixedBy = "`--accept`"},
+                      {.name = "history", .value = true},
+                      {.name = "max-file", .value = std::int64_t{7}}},
+                     phones, transfers, batches, now);
 }
 
 TransferView transfer(State state, std::optional<platform::Clock::Instant> endedAt = {}) {

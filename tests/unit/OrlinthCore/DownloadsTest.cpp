@@ -195,6 +195,38 @@ TEST_F(DownloadsTest, LookAgainAfterAWhileWhetherSomebodyHasTidiedUp) {
     EXPECT_EQ(refusal(offerOf(1, "new")), std::nullopt);
 }
 
+TEST_F(DownloadsTest, GoWhereACallSaysUnderTheLimitsThatItNames) {
+    const DownloadPlace pictures{.folder = "/pictures", .limits = {.maxFileBytes = 10}};
+    EXPECT_EQ(refusal(offerOf(11)), std::nullopt);
+    EXPECT_EQ(world.run(downloads.beginUnlessRefused(phone, offerOf(11), world.clock.now(), pictures)).refusal->reason,
+              Reason::tooLarge);
+    Downloads::Beginning beginning =
+        world.run(downloads.beginUnlessRefused(phone, offerOf(4), world.clock.now(), pictures));
+    EXPECT_TRUE(world.files.exists("/pictures/a.txt.partial"));
+    EXPECT_FALSE(world.files.exists(folder / "a.txt.partial"));
+    world.run(downloads.append(*beginning.file, asBytes("here")));
+    static_cast<void>(world.run(downloads.finish(*beginning.file, "192.168.1.7:1")));
+    EXPECT_EQ(world.files.content("/pictures/a.txt"), "here");
+    EXPECT_TRUE(world.run(downloads.prospectOf(phone, offerOf(4))).isDelivered) << "wherever it was put";
+}
+
+TEST_F(DownloadsTest, CountUnfinishedOnesOfEachFolderForItself) {
+    for (std::size_t number = 0; number < DownloadLimits::maxPartials; ++number) {
+        putPartial(std::to_string(number), "", "ID-" + std::to_string(number));
+    }
+    const DownloadPlace pictures{.folder = "/pictures"};
+    world.files.putFolder(pictures.folder);
+    const auto refusalThere = [&] {
+        return world.run(downloads.prospectOf(phone, offerOf(1, "new"), pictures)).refusal;
+    };
+    EXPECT_EQ(refusal(offerOf(1, "new")), Reason::tooManyPartials);
+    EXPECT_EQ(refusalThere(), std::nullopt);
+    const std::size_t lists = world.files.count(Operation::list);
+    EXPECT_EQ(refusal(offerOf(1, "new")), Reason::tooManyPartials);
+    EXPECT_EQ(refusalThere(), std::nullopt);
+    EXPECT_EQ(world.files.count(Operation::list), lists) << "neither folder is read again";
+}
+
 // ---- unfinished downloads
 
 class PartialsTest : public DownloadsTest {

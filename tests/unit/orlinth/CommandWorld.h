@@ -153,6 +153,7 @@ protected:
 
     const platform::Path dataFolder = "/home/ann/.local/share/Orlinth";
     std::string computerName; ///< of the settings
+    host::SettingSources settings;
     std::vector<std::string> asked;
     fakes::World world;
     TaskRunner tasks{world.context};
@@ -167,6 +168,7 @@ protected:
         }
         Host host(world.system, tasks, output);
         host.computerName = computerName;
+        host.settings = settings;
         const auto isRunning = std::make_shared<bool>(true);
         asio::post(world.context, [this, isRunning] { moveTime(isRunning); });
         const int status = runCommand(command, host);

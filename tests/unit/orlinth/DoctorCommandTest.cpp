@@ -462,7 +462,7 @@ TEST_F(DoctorCommandTest, LooksAtTheFolderInTheSettingsIfNoServiceSaysWhichItUse
     const std::unique_ptr<Command> service = makeServeCommand(program);
     const std::unique_ptr<Command> command = makeDoctorCommand(program);
     world.files.put("/home/ann/.config/orlinth/config.toml", "[serve]\ndir = \"/data/from phones\"\n");
-    static_cast<void>(applySettings(program, world.files, world.system.directories));
+    settings = applySettings(program, world.files, world.system.directories);
     std::vector<std::string> words{"--json", "doctor"}; // the last one first
     program.parse(words);
     Output output;

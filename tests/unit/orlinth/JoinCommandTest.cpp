@@ -24,7 +24,7 @@ protected:
     JoinCommandTest() { put(payload()); }
 
     Ended join(std::vector<std::string> words) {
-        words.insert(words.begin(), "join");
+        words.insert(words.begin(), {"join", "--no-enable"}); // which starts no service
         return run(makeJoinCommand, words);
     }
     /// By the payload in the file.
@@ -135,6 +135,22 @@ TEST_F(JoinCommandTest, ShowsTheSameToScripts) {
     EXPECT_EQ(ended.events()[1].at("peer").at("self_pubkey"), ownKey().base64());
     EXPECT_EQ(ended.events()[1].at("peer").at("paired_at_epoch_ms"), toNumber(world.clock.epochMilliseconds()));
     EXPECT_EQ(parseJson(introduction).at("peer_port"), 7401);
+}
+
+TEST_F(JoinCommandTest, HasTheServiceRunFromNowOnAsPairDoes) {
+    startServices({.outcome = platform::ServiceStart::Outcome::running});
+    world.alongside(waitForPhone());
+    const Ended ended = run(makeJoinCommand, {"join", "--yes", "--payload", file});
+    expectPaired(ended);
+    EXPECT_THAT(ended.errors, ElementsAre("pairing with workshop at 192.168.1.23", startedLine));
+    EXPECT_THAT(world.userServices.asked(), ElementsAre("enable orlinth.service"));
+}
+
+TEST_F(JoinCommandTest, LeavesTheServiceAloneIfItIsAskedTo) {
+    startServices({.outcome = platform::ServiceStart::Outcome::running});
+    world.alongside(waitForPhone());
+    expectPaired(joinByFile());
+    EXPECT_THAT(world.userServices.asked(), IsEmpty());
 }
 
 TEST_F(JoinCommandTest, IsSilentWhenAskedToBe) {

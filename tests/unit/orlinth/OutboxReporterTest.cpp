@@ -1,6 +1,8 @@
 #include "orlinth/Reporting/OutboxReporter.h"
 
+#include "OrlinthHost/Service/DesktopNotices.h"
 #include "fakes/World.h"
+#include "orlinth/Program/ServiceDesktop.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,11 +44,12 @@ protected:
         delivered.sent.resumedFromOffset = ByteOffset(from);
         return delivered;
     }
-    /// Title and text of the notifications.
-    [[nodiscard]] std::vector<std::string> shown() const {
+    /// Titles of the notifications.
+    [[nodiscard]] std::vector<std::string> shown() {
+        static_cast<void>(notices_.outgoing().look({}, {}));
         std::vector<std::string> texts;
         for (const auto& shown : world_.notifications.shown) {
-            texts.push_back(shown.notification.title + ": " + shown.notification.body);
+            texts.push_back(shown.notification.title);
         }
         return texts;
     }
@@ -57,7 +60,9 @@ protected:
     TaskRunner tasks_{world_.context};
     Output output_;
     Host host_{world_.system, tasks_, output_};
-    OutboxReporter reporter_{host_};
+    ServiceDesktop desktop_{host_};
+    host::DesktopNotices notices_{host::NoticeBoard(host_, nullptr, {}), desktop_};
+    OutboxReporter reporter_{host_, notices_.outgoing()};
 };
 
 TEST_F(OutboxReporterTest, OneLineAFileThatWasSent) {
@@ -97,13 +102,9 @@ TEST_F(OutboxReporterTest, OneObjectAHappeningForScripts) {
 }
 
 TEST_F(OutboxReporterTest, ANoticeForAPhoneAndNotForAFile) {
-    reporter_.through(pixel(), {"a.txt", "b.txt", "c.txt"});
-    reporter_.through(pixel(), {"a.txt"});
-    reporter_.through(pixel(), {});
-    reporter_.waitingNotification(pixel(), "network: Connection refused");
-    EXPECT_THAT(shown(), testing::ElementsAre("Sent 3 files to Pixel: a.txt and 2 more", "Sent 1 file to Pixel: a.txt",
-                                              "Waiting for Pixel: network: Connection refused. It is sent as soon as "
-                                              "the phone can be reached."));
+    reporter_.through(BatchId(batch), pixel(), {"a.txt", "b.txt", "c.txt"});
+    reporter_.through(BatchId(batch), pixel(), {});
+    EXPECT_THAT(shown(), testing::ElementsAre("Sent 3 files to Pixel"));
     EXPECT_EQ("waiting for Pixel: away\n", said([this] { reporter_.waitingLine(pixel(), "away"); }).errors);
 }
 
@@ -112,7 +113,7 @@ TEST_F(OutboxReporterTest, WhatIsNotSentIsSaidWithWhatToDo) {
               said([this] { reporter_.failed(transfer_, "declined"); }).errors);
     EXPECT_EQ("orlinth: forgotten\nNothing more of batch 0A1B2C3D is sent to Pixel.\n",
               said([this] { reporter_.failed(BatchId(batch), pixel(), "forgotten"); }).errors);
-    EXPECT_THAT(shown(), testing::ElementsAre("Not sent to Pixel: a.txt: declined", "Not sent to Pixel: forgotten"));
+    EXPECT_THAT(shown(), testing::ElementsAre("Could not send the files to Pixel"));
     EXPECT_EQ("orlinth: batch 0A1B2C3D was set aside: why\nIt is in /away/" + std::string(batch) +
                   "; `orlinth outbox retry 0A1B2C3D` tries it again.\n",
               said([this] { reporter_.setAside(BatchId(batch), "why", platform::Path("/away") / batch); }).errors);

@@ -25,15 +25,22 @@ const std::string notThisPhone =
 
 class PairCommandTest : public PairingCommandTest {
 protected:
-    /// `pair`, whose code a phone can read from the picture.
+    /// `pair`, whose code a phone can read from the picture, and which starts no service.
     Ended pairing(std::vector<std::string> words = {"--yes"}) {
-        words.insert(words.begin(), {"pair", "--png", picture});
+        words.insert(words.begin(), {"pair", "--no-enable", "--png", picture});
         return run(makePairCommand, words);
     }
     /// The same, with a phone that scans the code after a second and says this.
     Ended pairingWith(Json said, std::vector<std::string> words = {"--yes"}) {
         world.alongside(introduce(compactJson(said), 1s));
         return pairing(std::move(words));
+    }
+    /// The same as it usually is: with the service that comes of it.
+    Ended pairingForGood(const std::vector<std::string>& words = {}) {
+        world.alongside(introduce(compactJson(saying()), 1s));
+        std::vector<std::string> all{"pair", "--png", picture, "--yes"};
+        all.insert(all.end(), words.begin(), words.end());
+        return run(makePairCommand, all);
     }
     [[nodiscard]] Json saying(const Json& changes = Json::object()) const {
         Json said{{"peer_pubkey", world.phoneKey.publicKey().base64()},
@@ -348,6 +355,70 @@ TEST_F(PairCommandTest, LetsTheSecretOutNowhereButInTheCode) {
     EXPECT_NE((static_cast<void>(pairing({"--timeout", "1"})), shown().pairing_secret), payload.pairing_secret);
 }
 
+// The consent to a service
+
+using Outcome = platform::ServiceStart::Outcome;
+
+TEST_F(PairCommandTest, HasTheServiceRunFromNowOn) {
+    startServices({.outcome = Outcome::running});
+    const Ended ended = pairingForGood();
+    expectPaired(ended);
+    EXPECT_THAT(ended.errors, ElementsAre(startedLine));
+    EXPECT_THAT(world.userServices.asked(), ElementsAre("enable orlinth.service"));
+}
+
+TEST_F(PairCommandTest, LeavesTheServiceAloneIfItIsAskedTo) {
+    startServices({.outcome = Outcome::running});
+    const Ended ended = pairingForGood({"--no-enable"});
+    expectPaired(ended);
+    EXPECT_THAT(ended.errors, IsEmpty());
+    EXPECT_THAT(world.userServices.asked(), IsEmpty());
+}
+
+TEST_F(PairCommandTest, SaysWhatToDoWhereNobodyStartsServices) {
+    startServices({});
+    const Ended ended = pairingForGood();
+    expectPaired(ended);
+    EXPECT_THAT(ended.errors, ElementsAre(byHandLine));
+}
+
+TEST_F(PairCommandTest, SaysWhatToDoIfTheServiceIsStartedAndDoesNotRunAllTheSame) {
+    startServices({.outcome = Outcome::running}, false);
+    EXPECT_THAT(pairingForGood().errors, ElementsAre(byHandLine));
+}
+
+TEST_F(PairCommandTest, IsAPairingAlsoIfTheServiceCannotBeStarted) {
+    startServices({.outcome = Outcome::failed, .problem = "it is masked"});
+    const Ended ended = pairingForGood();
+    expectPaired(ended);
+    EXPECT_THAT(ended.errors, ElementsAre("The Orlinth service cannot be started: it is masked. To see what is wrong: "
+                                          "`systemctl --user status orlinth`"));
+}
+
+TEST_F(PairCommandTest, EnablesNothingForAnotherDataFolder) {
+    startServices({.outcome = Outcome::running});
+    world.system.directories.home = "/home/bob";
+    EXPECT_THAT(pairingForGood().errors, ElementsAre(byHandLine));
+    EXPECT_THAT(world.userServices.asked(), IsEmpty());
+}
+
+TEST_F(PairCommandTest, EnablesNothingIfAServiceRuns) {
+    startServices({.outcome = Outcome::running});
+    world.files.put(dataFolder / "service.lock", "");
+    const auto lock = world.files.open(dataFolder / "service.lock", platform::OpenMode::openOrCreate);
+    ASSERT_TRUE(lock->tryLock());
+    const Ended ended = pairingForGood({"--port", "7400"});
+    expectPaired(ended);
+    EXPECT_THAT(world.userServices.asked(), IsEmpty());
+    EXPECT_THAT(ended.errors, testing::Each(Not(HasSubstr("service is not running"))));
+}
+
+TEST_F(PairCommandTest, EnablesNothingIfThePairingFails) {
+    startServices({.outcome = Outcome::running});
+    EXPECT_EQ(run(makePairCommand, {"pair", "--png", picture, "--yes", "--timeout", "1"}).status, 1);
+    EXPECT_THAT(world.userServices.asked(), IsEmpty());
+}
+
 // Where the phone is to send
 
 TEST_F(PairCommandTest, NamesTheInterfaceThatIsAskedFor) {
@@ -371,7 +442,8 @@ TEST_F(PairCommandTest, SaysThatThereIsNoNetwork) {
 TEST_F(PairCommandTest, SaysIfNobodyReceivesAtThePort) {
     const Ended none = pairing({"--timeout", "1", "--port", "7400"});
     EXPECT_EQ(none.errors.at(0),
-              "The phone will send files to port 7400. To receive them, run `orlinth serve --port 7400`.");
+              "The phone will send files to port 7400. To receive them, write `port = 7400` into `[serve]` of "
+              "config.toml, or run `orlinth serve --port 7400`.");
     world.alongside(serveOthers({R"({"lent":false,"port":7100})", R"({"port":7100})"}));
     const Ended other = pairing({"--timeout", "1", "--port", "7400"});
     EXPECT_EQ(other.errors.at(0), "The phone will send files to port 7400, but the Orlinth service receives on port "

@@ -30,6 +30,25 @@ protected:
         return at == std::string::npos ? "" : ended.output.substr(at + before.size(), 4);
     }
 
+    /// Lets somebody start services, with this outcome; one that runs can be reached then.
+    void startServices(platform::ServiceStart outcome, bool canBeReached = true) {
+        world.system.directories.home = "/home/ann";
+        world.userServices.outcome = std::move(outcome);
+        if (world.userServices.outcome.outcome == platform::ServiceStart::Outcome::running && canBeReached) {
+            world.userServices.onAsked = [this] {
+                service = world.unixSockets.listen(dataFolder / "service.sock", world.context.get_executor());
+            };
+        }
+    }
+
+    std::unique_ptr<platform::Listener> service; ///< that was started
+
+    inline static const std::string startedLine =
+        "The Orlinth service is running now, and starts whenever you log in. To switch it off: "
+        "`systemctl --user disable --now orlinth`";
+    inline static const std::string byHandLine =
+        "The Orlinth service is not running. To receive files, and to send what you share, run `orlinth serve`.";
+
     inline static const std::string notConfirmedHint =
         "If they differed, somebody else may have answered: pair again with `--no-advertise`. If the other side has "
         "recorded this machine, remove it there (`orlinth peers remove`).";

@@ -1,27 +1,21 @@
 #include "orlinth/Reporting/ServeReporter.h"
 
 #include "OrlinthHost/Service/LastText.h"
-#include "fakes/TemporaryFolder.h"
 #include "fakes/World.h"
+#include "orlinth/Program/ServiceDesktop.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <sstream>
 #include <string>
-#include <sys/stat.h>
-#include <thread>
+#include <vector>
 
 namespace orlinth::cli {
 namespace {
 
-using fakes::TemporaryFolder;
-
-/// What a desktop is told, and what its buttons do.
+/// What people and scripts read of the service.
 class ServeReporterTest : public testing::Test {
 protected:
     ~ServeReporterTest() override {
@@ -29,56 +23,19 @@ protected:
         fakes::runUntilIdle(world_.context, world_.clock);
     }
 
-    [[nodiscard]] static Receiver::File file(const std::filesystem::path& savedAt) {
-        Receiver::File received{.file = {}, .from = "Pixel <8>"};
-        received.file.savedAt = savedAt;
-        received.file.bytesWritten = received.file.advertisedSize = 3;
-        return received;
-    }
-
-    void letBurstPass() {
+    void letAlarmRing() {
         ASSERT_TRUE(world_.clock.advanceToNextAlarm());
         world_.context.restart();
         world_.context.poll();
     }
 
-    [[nodiscard]] std::vector<fakes::FakeNotifications::Shown>& shown() { return world_.notifications.shown; }
-
     fakes::World world_;
     TaskRunner tasks_{world_.context};
     Output output_;
     Host host_{world_.system, tasks_, output_};
-    ServeReporter reporter_{host_, {.writesClipboard = true}};
-};
-
-/// While it lives, the program of the desktop that opens files writes down what it was asked to open.
-class FakeOpener {
-public:
-    FakeOpener() {
-        fakes::writeText(folder_ / "xdg-open", "#!/bin/sh\nprintf %s \"$1\" >\"" + log().string() + ".new\" && mv \"" +
-                                                   log().string() + ".new\" \"" + log().string() + "\"\n");
-        ::chmod((folder_ / "xdg-open").c_str(), 0755);
-        ::setenv("PATH", (folder_.path().string() + ":" + before_).c_str(), 1);
-    }
-    ~FakeOpener() { ::setenv("PATH", before_.c_str(), 1); }
-    FakeOpener(const FakeOpener&) = delete;
-    FakeOpener& operator=(const FakeOpener&) = delete;
-
-    /// What was opened; waits for it. It is started in the background, so nothing else tells.
-    [[nodiscard]] std::string opened() const {
-        for (int i = 0; i < 3000 && !std::filesystem::exists(log()); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return fakes::readText(log());
-    }
-
-    [[nodiscard]] bool hasOpened() const { return std::filesystem::exists(log()); }
-
-private:
-    [[nodiscard]] std::filesystem::path log() const { return folder_ / "opened"; }
-
-    TemporaryFolder folder_;
-    std::string before_ = std::getenv("PATH");
+    ServiceDesktop desktop_{host_};
+    host::DesktopNotices notices_{host::NoticeBoard(host_, nullptr, {}), desktop_};
+    ServeReporter reporter_{host_, desktop_, notices_, {}};
 };
 
 /// What is written to standard error meanwhile, as lines.
@@ -91,52 +48,6 @@ std::vector<std::string> linesOf(const std::function<void()>& action) {
         lines.push_back(line);
     }
     return lines;
-}
-
-TEST_F(ServeReporterTest, ShowsAFileThatHasCome) {
-    reporter_.fileReceived(file("/home/ann/Downloads/a & b.txt"));
-    ASSERT_EQ(1U, shown().size());
-    EXPECT_EQ("File from Pixel <8>", shown()[0].notification.title);
-    EXPECT_EQ("a & b.txt", shown()[0].notification.body);
-    EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{{"open", "Open"}, {"show", "Show in folder"}}),
-              shown()[0].notification.actions);
-}
-
-TEST_F(ServeReporterTest, OpensTheFileOrItsFolderWithTheDesktopsOwnProgram) {
-    const std::vector<std::pair<std::string, std::string>> answers{{"open", "/home/ann/Downloads/a b.txt"},
-                                                                   {"show", "/home/ann/Downloads"}};
-    for (const auto& [key, path] : answers) {
-        const FakeOpener opener;
-        reporter_.fileReceived(file("/home/ann/Downloads/a b.txt"));
-        world_.notifications.answer(shown().size() - 1, key);
-        fakes::runUntilIdle(world_.context, world_.clock); // and lets the burst pass
-        EXPECT_EQ(path, opener.opened());
-    }
-}
-
-TEST_F(ServeReporterTest, TellsTwoPhonesApartWhoseNamesLookAlike) {
-    PeerBook book;
-    for (const auto& [key, name] :
-         {std::pair("AAAAAAAAAAAAAAAA", "Pixel <8>"), std::pair("BBBBBBBBBBBBBBBB", "pixel <8> ")}) {
-        PeerRecord record = world_.phoneRecord();
-        record.peer_pubkey = PeerKey(key);
-        record.peer_hostname = name;
-        book.peers.push_back(record);
-    }
-    host_.peers().writeBook(book);
-    Receiver::File received = file("/home/ann/Downloads/a.txt");
-    received.peerKey = PeerKey("BBBBBBBBBBBBBBBB");
-    reporter_.fileReceived(received);
-    reporter_.textReceived(
-        {.text = "correct horse", .mime = "text/plain", .from = "Pixel <8>", .peerKey = PeerKey("AAAAAAAAAAAAAAAA")});
-    letBurstPass(); // of the file
-    letBurstPass(); // of the text
-    reporter_.textReceived(
-        {.text = "correct horse", .mime = "text/plain", .from = "Tablet", .peerKey = PeerKey("CCCC")});
-    ASSERT_EQ(3U, shown().size());
-    EXPECT_EQ("File from Pixel <8> (key BBBBBBBBBBBB)", shown()[0].notification.title);
-    EXPECT_EQ("Text from Pixel <8> (key AAAAAAAAAAAA)", shown()[1].notification.title);
-    EXPECT_EQ("Text from Tablet", shown()[2].notification.title);
 }
 
 TEST_F(ServeReporterTest, TellsOnceThatANameIsKeptApart) {
@@ -153,52 +64,6 @@ TEST_F(ServeReporterTest, TellsOnceThatANameIsKeptApart) {
     reporter_.settled(kept);
     EXPECT_EQ("{\"called\":\"Pixel (2)\",\"event\":\"set_name\",\"from\":\"Tablet\",\"name\":\"Pixel\"}\n",
               testing::internal::GetCapturedStdout());
-}
-
-TEST_F(ServeReporterTest, SaysOfATextHowLongItIsAndNotWhatItSays) {
-    reporter_.textReceived({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
-    ASSERT_EQ(1U, shown().size());
-    EXPECT_EQ("Text from Pixel", shown()[0].notification.title);
-    EXPECT_EQ("13 bytes of text", shown()[0].notification.body);
-    EXPECT_TRUE(shown()[0].notification.actions.empty());
-}
-
-TEST_F(ServeReporterTest, DoesWithoutADesktop) {
-    world_.notifications.available = false;
-    reporter_.fileReceived(file("/home/ann/Downloads/a.txt"));
-    reporter_.textReceived({.text = "correct horse", .mime = "text/plain", .from = "Pixel"});
-    EXPECT_EQ(2U, shown().size()); // and nothing has come of it
-}
-
-TEST_F(ServeReporterTest, ShowsManyFilesAsOne) {
-    for (const char* name : {"a.jpg", "b.jpg", "c.jpg"}) {
-        reporter_.fileReceived(file(std::filesystem::path("/home/ann/Downloads") / name));
-    }
-    EXPECT_EQ(1U, shown().size());
-    letBurstPass();
-    ASSERT_EQ(2U, shown().size());
-    EXPECT_EQ(ServeReporter::burstTime.count(), world_.clock.elapsed());
-    EXPECT_EQ("2 more files, the last one c.jpg", shown()[1].notification.body);
-    reporter_.fileReceived(file("/home/ann/Downloads/d.jpg"));
-    letBurstPass();
-    EXPECT_EQ(3U, shown().size());
-    letBurstPass();
-    EXPECT_EQ(0U, world_.clock.pendingAlarms());
-    reporter_.fileReceived(file("/home/ann/Downloads/e.jpg"));
-    ASSERT_EQ(4U, shown().size());
-    EXPECT_EQ("e.jpg", shown()[3].notification.body);
-}
-
-TEST_F(ServeReporterTest, IsNotAskedToOpenAnythingOnceItIsGone) {
-    {
-        ServeReporter other(host_, {.writesClipboard = false});
-        other.fileReceived(file("/home/ann/Downloads/a.txt"));
-        world_.run(other.finish());
-    }
-    const FakeOpener opener;
-    world_.notifications.answer(0, "open");
-    fakes::runUntilIdle(world_.context, world_.clock);
-    EXPECT_FALSE(opener.hasOpened());
 }
 
 // ---- texts
@@ -237,20 +102,6 @@ TEST_F(ServeReporterTest, SaysWhereATextIsThatDidNotReachTheClipboard) {
     EXPECT_EQ(linesFor(""), std::vector<std::string>{problem});
 }
 
-TEST_F(ServeReporterTest, ShowsManyTextsAsOne) {
-    for (const char* text : {"one", "two", "three"}) {
-        reporter_.textReceived(textOf(text));
-    }
-    ASSERT_EQ(1U, shown().size());
-    letBurstPass();
-    ASSERT_EQ(2U, shown().size());
-    EXPECT_EQ(ServeReporter::burstTime.count(), world_.clock.elapsed());
-    EXPECT_EQ("Texts from your phones", shown()[1].notification.title);
-    EXPECT_EQ("2 more texts", shown()[1].notification.body);
-    reporter_.fileReceived(file("/home/ann/Downloads/a.txt"));
-    EXPECT_EQ(3U, shown().size()) << "a file is told of all the same";
-}
-
 // ---- lines
 
 Receiver::Failure failureOf(const std::string& phone) {
@@ -275,7 +126,7 @@ TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {
                     reporter_.settled(Receiver::SetName{
                         .name = "x", .from = "Pixel", .isTakenOver = true, .peerKey = PeerKey("key 1")});
                 }).empty());
-    const std::vector<std::string> minute = linesOf([&] { letBurstPass(); });
+    const std::vector<std::string> minute = linesOf([&] { letAlarmRing(); });
     EXPECT_EQ((std::vector<std::string>{"Pixel: 981 more lines were left out"}), minute);
 }
 
@@ -326,12 +177,31 @@ TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
     EXPECT_EQ("orlinth: 995 more connections came from outside your networks", lines.back());
 }
 
+TEST_F(ServeReporterTest, ShowsNothingOnTheDesktopWhileThatIsSwitchedOff) {
+    bool isOn = false;
+    ServeReporter reporter(host_,
+                           {.writesClipboard = [] { return false; }, .showsNotifications = [&] { return isOn; }});
+    static_cast<void>(linesOf([&] {
+        reporter.fileReceived(file("/home/ann/a.jpg"));
+        reporter.textReceived({.text = "a text", .mime = "text/plain", .from = "Pixel 8"});
+    }));
+    EXPECT_TRUE(shown().empty());
+    isOn = true;
+    static_cast<void>(linesOf([&] {
+        reporter.fileReceived(file("/home/ann/b.jpg"));
+        reporter.textReceived({.text = "a text", .mime = "text/plain", .from = "Pixel 8"});
+    }));
+    EXPECT_EQ(2U, shown().size());
+    world_.run(reporter.finish());
+}
+
 TEST_F(ServeReporterTest, SaysWhichChoicesAnInheritedPortMakesVain) {
     const std::string port = "the service manager has opened port 7100; --port is not used";
     const std::string places = "the service manager has opened the port; --listen is not used";
     using Lines = std::vector<std::string>;
-    const auto said = [this](ServeReporter::Choices choices) {
-        ServeReporter reporter(host_, choices);
+    const auto said = [this](const ServeReporter::Choices& choices) {
+        ServiceDesktop desktop(host_);
+        ServeReporter reporter(host_, desktop, notices_, choices);
         Lines lines = linesOf([&] { reporter.portInherited(7100); });
         world_.run(reporter.finish());
         return lines;

@@ -1,6 +1,7 @@
 #include "orlinth/Program/Settings.h"
 
 #include "fakes/MemoryFileSystem.h"
+#include "orlinth/Commands/Command.h"
 #include "platform/WholeFile.h"
 
 #include <gmock/gmock.h>
@@ -65,6 +66,13 @@ TEST(SettingsText, ThatTheParserDoesNotExpectIsAnErrorToo) {
     EXPECT_EQ(errorOf("[a]\nb = 1\n[`end]\nb = 2\n[c]\n"), ", line 3, column 1: this line is no TOML");
 }
 
+TEST(SettingsText, LettersBeyondAsciiStandInQuotesOrComments) {
+    constexpr const char* refusal = "a character that may only stand in quotes or in a comment";
+    EXPECT_EQ(errorOf("[a]\nb = \xC9\x9E\n"), std::string(", line 2, column 5: ") + refusal);
+    EXPECT_EQ(errorOf("\xC3\xA9 = 1\n"), std::string(", line 1, column 1: ") + refusal);
+    EXPECT_EQ(errorOf("\"\xC3\xA9\" = '\xC9\x9E' # \xC9\x9E\n"), "no error");
+}
+
 TEST(SettingsText, IsBounded) {
     EXPECT_EQ(errorOf(std::string(maxSettingsBytes + 1, '\n')), ": larger than 64 KiB");
     EXPECT_EQ(errorOf(std::string(maxSettingsBytes, '\n')), "no error");
@@ -94,6 +102,20 @@ TEST(SettingsText, NestedEndlesslyIsAnError) {
     }
 }
 
+TEST(SettingsFlags, OfServeAreThoseOfTheTable) {
+    CLI::App program("test", "orlinth");
+    const std::unique_ptr<Command> command = makeServeCommand(program);
+    for (const host::SettingRule& rule : host::settingRules()) {
+        const CLI::Option* const option =
+            program.get_subcommand("serve")->get_option_no_throw("--" + std::string(rule.key));
+        ASSERT_EQ(option != nullptr, rule.hasFlag()) << rule.name;
+        if (rule.kind == host::SettingKind::size || rule.kind == host::SettingKind::choice) {
+            EXPECT_EQ(rule.otherwise, option->get_default_str()) << "what --help shows";
+        }
+    }
+    EXPECT_TRUE(settingsFromFlags(*program.get_subcommand("serve")).empty());
+}
+
 /// A program with two commands and the settings file in a home of its own.
 class SettingsFile : public testing::Test {
 protected:
@@ -108,7 +130,7 @@ protected:
     }
     void apply(std::string_view text) {
         platform::writeWholeFile(files, "/home/ann/.config/orlinth/config.toml", asBytes(text));
-        beside = applySettings(program, files, directories);
+        sources = applySettings(program, files, directories);
     }
     std::string errorOf(std::string_view text) {
         try {
@@ -127,7 +149,7 @@ protected:
     const platform::UserDirectories directories{
         .home = "/home/ann", .data = "/home/ann/data", .config = "/home/ann/.config", .downloads = "/home/ann/d"};
     CLI::App program{"test", "orlinth"};
-    SettingsBesideFlags beside;
+    host::SettingSources sources;
     std::string directory = "none";
     int port = 1;
     std::vector<std::string> places;
@@ -185,7 +207,7 @@ TEST_F(SettingsFile, ErrorsNameTheFileThePlaceAndTheSetting) {
 
 TEST_F(SettingsFile, HasTheDefaultPhoneOfAllCommandsInOnePlace) {
     apply("[send]\nto = ' Pixel 8 '\n");
-    EXPECT_EQ(beside.defaultPhone, "Pixel 8");
+    EXPECT_EQ(sources.text(host::SettingId::defaultPhone), "Pixel 8");
     EXPECT_THAT(errorOf("[send]\nto = ['a', 'b']\n"), HasSubstr("'send.to' must be one text"));
     EXPECT_THAT(errorOf("[send]\nto = ' '\n"), HasSubstr("'send.to' must be one text"));
     EXPECT_THAT(errorOf("[serve]\nto = 'Pixel 8'\n"), HasSubstr("is 'to' in [send]"));
@@ -193,14 +215,48 @@ TEST_F(SettingsFile, HasTheDefaultPhoneOfAllCommandsInOnePlace) {
 
 TEST_F(SettingsFile, HasTheNameOfThisComputer) {
     apply("[id]\nname = \" Ann's laptop \"\n");
-    EXPECT_EQ(beside.computerName, "Ann's laptop");
+    EXPECT_EQ(sources.text(host::SettingId::computerName), "Ann's laptop");
     for (const std::string& name : {std::string(), std::string(256, 'x'), std::string("a\\nb")}) {
         EXPECT_THAT(errorOf("[id]\nname = \"" + name + "\"\n"), HasSubstr("line 2, column 1: 'id.name' must be "));
     }
 }
 
+TEST_F(SettingsFile, HasAFolderAndAnAnswerForSinglePhones) {
+    apply("[phones.\"Pixel 8\"]\ndir = '~/Pixel'\naccept = \"always\"\n[phones.Tablet]\naccept = 'ask'\n");
+    ASSERT_EQ(sources.phonesInConfig.size(), 2U);
+    const host::PhoneInConfig& pixel = sources.phonesInConfig[0];
+    EXPECT_EQ(pixel.selector, "Pixel 8");
+    EXPECT_EQ(pixel.settings.at(host::SettingId::downloads).value, host::SettingValue("/home/ann/Pixel"));
+    EXPECT_EQ(pixel.settings.at(host::SettingId::downloads).where, "config.toml, line 2");
+    EXPECT_EQ(pixel.settings.at(host::SettingId::accept).value, host::SettingValue("always"));
+    EXPECT_EQ(sources.phonesInConfig[1].selector, "Tablet");
+    EXPECT_THAT(errorOf("[phones.x]\ndir = 'in'\n"),
+                HasSubstr("line 2, column 1: 'phones.x.dir' must be a path that begins with / or ~/"));
+    EXPECT_THAT(errorOf("[phones.x]\n\naccept = 'perhaps'\n"),
+                HasSubstr("line 3, column 1: 'phones.x.accept' must be always, never or ask"));
+    EXPECT_THAT(errorOf("[phones.x]\naccept = ['ask', 'ask']\n"), HasSubstr("must be always, never or ask"));
+    for (const char* text : {"[phones.x]\nhistory = false\n", "[phones]\ndir = '/x'\n", "[phones.x.y]\ndir = '/x'\n"}) {
+        EXPECT_THAT(errorOf(text), HasSubstr("line 2, column 1: unknown setting 'phones.")) << text;
+    }
+    EXPECT_THAT(errorOf("[phones.\"\"]\ndir = '/x'\n"), HasSubstr("the phone needs a name"));
+}
+
+TEST_F(SettingsFile, WhatItSaysOfServeIsKnownWithItsPlaceAndFlagsAreToo) {
+    apply("[serve]\n\ndir = '~/in'\n");
+    EXPECT_EQ(sources.config.at(host::SettingId::downloads).value, host::SettingValue("/home/ann/in"));
+    EXPECT_EQ(sources.config.at(host::SettingId::downloads).where, "config.toml, line 3");
+    CLI::App* const serve = program.get_subcommand("serve");
+    bool leavesClipboard = false;
+    serve->add_flag("--no-clipboard", leavesClipboard);
+    parse({"serve", "--no-clipboard"});
+    const host::GivenSettings flags = settingsFromFlags(*serve);
+    ASSERT_EQ(flags.size(), 1U) << "the folder is not on the command line";
+    EXPECT_EQ(flags.at(host::SettingId::clipboard).value, host::SettingValue(false));
+    EXPECT_EQ(flags.at(host::SettingId::clipboard).where, "`--no-clipboard`");
+}
+
 TEST_F(SettingsFile, ThatIsNotThereSettlesNothing) {
-    EXPECT_EQ(applySettings(program, files, directories).defaultPhone, "");
+    EXPECT_EQ(applySettings(program, files, directories).text(host::SettingId::defaultPhone), "");
     EXPECT_EQ(port, 1);
 }
 

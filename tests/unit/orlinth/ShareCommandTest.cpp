@@ -12,8 +12,7 @@ using testing::MatchesRegex;
 using testing::StartsWith;
 
 const platform::Path container = "/home/ann/.local/share/group.com.tarvinex.orlinth";
-const std::string notRunning =
-    "The Orlinth service is not running. Files will be sent once it starts: `systemctl --user start orlinth`";
+const std::string notRunning = "The Orlinth service is not running. Files will be sent once it starts: `orlinth serve`";
 
 class ShareCommandTest : public CommandWorldTest {
 protected:
@@ -79,6 +78,33 @@ TEST_F(ShareCommandTest, SaysThatARunningServiceSendsIt) {
     EXPECT_EQ(ended.events().back().at("service_running"), true);
     EXPECT_THAT(ended.errors, ElementsAre("The service sends it now, or as soon as the phone can be reached."));
     EXPECT_THAT(asked, IsEmpty()) << "it finds the batch by itself";
+}
+
+TEST_F(ShareCommandTest, StartsTheServiceIfNoneRuns) {
+    world.system.directories.home = "/home/ann";
+    world.userServices.outcome = {.outcome = platform::ServiceStart::Outcome::running};
+    const Ended ended = share({"--json", "/home/ann/a.txt"});
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(ended.events().back().at("service_running"), true);
+    EXPECT_THAT(ended.errors, ElementsAre("The service sends it now, or as soon as the phone can be reached."));
+    EXPECT_THAT(world.userServices.asked(), ElementsAre("start com.tarvinex.orlinth1 orlinth.service"));
+}
+
+TEST_F(ShareCommandTest, SaysWhyTheServiceCannotBeStarted) {
+    world.system.directories.home = "/home/ann";
+    world.userServices.outcome = {.outcome = platform::ServiceStart::Outcome::failed, .problem = "it is masked"};
+    const Ended ended = share({"--json", "/home/ann/a.txt"});
+    EXPECT_EQ(ended.status, 0) << "the files are in the outbox";
+    EXPECT_EQ(ended.events().back().at("service_running"), false);
+    EXPECT_THAT(ended.errors, ElementsAre(HasSubstr("cannot be started: it is masked.")));
+}
+
+TEST_F(ShareCommandTest, StartsNoServiceIfNothingIsShared) {
+    world.system.directories.home = "/home/ann";
+    EXPECT_EQ(share({"/home/ann/none"}).status, 1);
+    pair({});
+    EXPECT_EQ(share({"/home/ann/a.txt"}).status, 1);
+    EXPECT_THAT(world.userServices.asked(), IsEmpty());
 }
 
 TEST_F(ShareCommandTest, IsSilentWhenAskedToBe) {

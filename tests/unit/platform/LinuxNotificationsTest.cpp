@@ -10,8 +10,11 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <map>
 #include <poll.h>
+#include <string>
 #include <thread>
+#include <utility>
 
 using namespace orlinth;
 using namespace orlinth::platform;
@@ -71,8 +74,13 @@ public:
         std::string title;
         std::string body;
         std::vector<std::string> actions;
+        std::map<std::string, std::string> hints; ///< numbers as texts
+        std::string application;
+        std::string icon;
         int urgency = -1;
         std::int32_t milliseconds = 0;
+        std::uint32_t replaces = 0;
+        std::uint32_t id = 0;
     };
 
     explicit Daemon(std::vector<std::string> capabilities = {"actions", "body", "body-markup"})
@@ -80,6 +88,7 @@ public:
         static const sd_bus_vtable methods[] = {
             SD_BUS_VTABLE_START(0),
             SD_BUS_METHOD("GetCapabilities", "", "as", onGetCapabilities, 0),
+            SD_BUS_METHOD("GetServerInformation", "", "ssss", onGetServerInformation, 0),
             SD_BUS_METHOD("Notify", "susssasa{sv}i", "u", onNotify, 0),
             SD_BUS_METHOD("CloseNotification", "u", "", onClose, 0),
             SD_BUS_VTABLE_END,
@@ -107,9 +116,22 @@ public:
                                         std::uint32_t{2}));
     }
 
+    void tellToken(std::uint32_t id, const char* token) {
+        requireBus(::sd_bus_emit_signal(program_.get(), daemonPath, daemonName, "ActivationToken", "us", id, token));
+    }
+    /// Answers what it has not answered, in its order.
+    void answerLate() {
+        for (const auto& [call, id] : std::exchange(late_, {})) {
+            requireBus(::sd_bus_reply_method_return(call, "u", id));
+            ::sd_bus_message_unref(call);
+        }
+    }
+
     bool answers = true;
+    bool answersLate = false; ///< by answerLate()
     bool refuses = false;
-    std::vector<Shown> shown;         ///< the first has the number 1
+    std::string server = "daemon";
+    std::vector<Shown> shown;         ///< of those that take no other's place the first has the number 1
     std::vector<std::uint32_t> taken; ///< away, by CloseNotification
     std::string caller;               ///< who has shown the last one
     Stranger* quicker = nullptr;      ///< answers Notify in place of this one
@@ -135,6 +157,9 @@ private:
         std::uint32_t replaces = 0;
         Shown one;
         requireBus(::sd_bus_message_read(call, "susss", &application, &replaces, &icon, &title, &body));
+        one.application = application;
+        one.icon = icon;
+        one.replaces = replaces;
         one.title = title;
         one.body = body;
         requireBus(::sd_bus_message_enter_container(call, 'a', "s"));
@@ -146,28 +171,55 @@ private:
         while (::sd_bus_message_enter_container(call, 'e', "sv") > 0) {
             const char* hint = nullptr;
             requireBus(::sd_bus_message_read(call, "s", &hint));
-            if (std::string_view(hint) == "urgency") {
-                std::uint8_t urgency = 0;
-                requireBus(::sd_bus_message_read(call, "v", "y", &urgency));
-                one.urgency = urgency;
-            } else {
-                requireBus(::sd_bus_message_skip(call, "v"));
-            }
+            one.hints[hint] = readHint(call);
             requireBus(::sd_bus_message_exit_container(call));
         }
         requireBus(::sd_bus_message_exit_container(call));
         requireBus(::sd_bus_message_read(call, "i", &one.milliseconds));
+        one.urgency = std::stoi(one.hints.at("urgency"));
+        one.id = replaces != 0 ? replaces : ++self.last_;
         self.shown.push_back(one);
         self.caller = ::sd_bus_message_get_sender(call);
         if (self.quicker != nullptr) {
-            self.quicker->answer(call, static_cast<std::uint32_t>(self.shown.size()));
+            self.quicker->answer(call, one.id);
             return 1;
         }
         if (self.refuses) {
             return ::sd_bus_error_set(error, "org.example.Refused", "no");
         }
-        return self.answers ? ::sd_bus_reply_method_return(call, "u", static_cast<std::uint32_t>(self.shown.size()))
-                            : 1;
+        if (self.answersLate) {
+            self.late_.emplace_back(::sd_bus_message_ref(call), one.id);
+            return 1;
+        }
+        return self.answers ? ::sd_bus_reply_method_return(call, "u", one.id) : 1;
+    }
+
+    static std::string readHint(sd_bus_message* call) {
+        const char* type = nullptr;
+        requireBus(::sd_bus_message_peek_type(call, nullptr, &type));
+        std::uint8_t byte = 0;
+        std::int32_t number = 0;
+        int flag = 0;
+        const char* text = nullptr;
+        switch (*type) {
+        case 'y':
+            requireBus(::sd_bus_message_read(call, "v", "y", &byte));
+            return std::to_string(byte);
+        case 'i':
+            requireBus(::sd_bus_message_read(call, "v", "i", &number));
+            return std::to_string(number);
+        case 'b':
+            requireBus(::sd_bus_message_read(call, "v", "b", &flag));
+            return flag != 0 ? "true" : "false";
+        default:
+            requireBus(::sd_bus_message_read(call, "v", "s", &text));
+            return text;
+        }
+    }
+
+    static int onGetServerInformation(sd_bus_message* call, void* data, sd_bus_error*) {
+        return ::sd_bus_reply_method_return(call, "ssss", static_cast<Daemon*>(data)->server.c_str(), "vendor", "1",
+                                            "1.2");
     }
 
     static int onClose(sd_bus_message* call, void* data, sd_bus_error*) {
@@ -178,6 +230,8 @@ private:
     }
 
     std::vector<std::string> capabilities_;
+    std::uint32_t last_ = 0;
+    std::vector<std::pair<sd_bus_message*, std::uint32_t>> late_;
     fakes::BusProgram program_;
 };
 
@@ -213,8 +267,10 @@ protected:
     }
 
     void show(Notification notification) {
-        notifications.show(std::move(notification), context.get_executor(),
-                           [this](const std::string& key) { answers.push_back(key); });
+        notifications.show(std::move(notification), context.get_executor(), [this](const NotificationAnswer& answer) {
+            answers.push_back(answer.key);
+            tokens.push_back(answer.token);
+        });
     }
 
     /// Shows one and waits until it has a number.
@@ -232,6 +288,7 @@ protected:
     asio::io_context context;
     std::optional<Daemon> daemon;
     std::vector<std::string> answers;
+    std::vector<std::string> tokens; ///< with those
     LinuxNotifications notifications{context.get_executor(), fakes::busEnvironment};
 };
 
@@ -540,6 +597,123 @@ TEST_F(LinuxNotificationsTest, OneThatIsWithdrawnIsTakenAwayAndAnsweredEmpty) {
     notifications.withdraw(3); // before it has a number
     expectAnswers({"", ""});
     runUntil([&] { return daemon->taken.size() == 2; });
+}
+
+TEST_F(LinuxNotificationsTest, SaysWhoseItIsAndWhatKindItIsOf) {
+    const PrivateBus bus;
+    daemon.emplace();
+    show({.title = "t",
+          .body = "b",
+          .category = "transfer",
+          .isQuiet = true,
+          .percent = 38,
+          .isResident = true,
+          .isTransient = true});
+    show({.title = "t", .body = "b"});
+    runUntil([&] { return daemon->shown.size() == 2; });
+    EXPECT_EQ(daemon->shown[0].application, "Orlinth");
+    EXPECT_EQ(daemon->shown[0].icon, "");
+    EXPECT_EQ(daemon->shown[0].hints, (std::map<std::string, std::string>{{"desktop-entry", "com.tarvinex.orlinth"},
+                                                                          {"urgency", "0"},
+                                                                          {"category", "transfer"},
+                                                                          {"value", "38"},
+                                                                          {"resident", "true"},
+                                                                          {"transient", "true"}}));
+    EXPECT_EQ(daemon->shown[1].hints,
+              (std::map<std::string, std::string>{{"desktop-entry", "com.tarvinex.orlinth"}, {"urgency", "1"}}));
+}
+
+TEST_F(LinuxNotificationsTest, AClickIsAnActionOfItsOwn) {
+    const PrivateBus bus;
+    daemon.emplace();
+    show({.title = "t", .body = "b", .actions = {{"open", "Open"}}, .clickLabel = "Show"});
+    runUntil([&] { return !daemon->shown.empty(); });
+    EXPECT_EQ(daemon->shown[0].actions, (std::vector<std::string>{"default", "Show", "open", "Open"}));
+    daemon->press(1, "default");
+    daemon->press(1, "default"); // as GNOME does for what was replaced
+    expectAnswers({"default"});
+    showOne();
+    daemon->press(2, "open");
+    expectAnswers({"default", "open"});
+}
+
+TEST_F(LinuxNotificationsTest, GnomeIsLeftToBringTheWindowToTheFrontItself) {
+    const PrivateBus bus;
+    daemon.emplace();
+    for (const char* name : {"gnome-shell", "dunst"}) {
+        daemon->server = name;
+        show({.title = "t", .body = "b", .clickLabel = "Open Orlinth", .isClickForWindow = true});
+        show({.title = "t", .body = "b", .clickLabel = "Show"});
+        runUntil([&] { return daemon->shown.size() % 2 == 0 && !daemon->shown.empty(); });
+    }
+    runUntil([&] { return daemon->shown.size() == 4; });
+    EXPECT_EQ(daemon->shown[0].actions, std::vector<std::string>());
+    EXPECT_EQ(daemon->shown[1].actions, (std::vector<std::string>{"default", "Show"}));
+    EXPECT_EQ(daemon->shown[2].actions, (std::vector<std::string>{"default", "Open Orlinth"}));
+}
+
+TEST_F(LinuxNotificationsTest, TheTokenOfThePressComesWithTheAnswer) {
+    const PrivateBus bus;
+    daemon.emplace();
+    showOne();
+    showOne();
+    Stranger stranger;
+    daemon->tellToken(1, "token-1");
+    stranger.tell(daemon->caller, daemonPath, daemonName, "ActivationToken", "us", std::uint32_t{1}, "theirs");
+    daemon->press(1, "open");
+    daemon->press(2, "open");
+    expectAnswers({"open", "open"});
+    EXPECT_EQ(tokens, (std::vector<std::string>{"token-1", ""}));
+}
+
+TEST_F(LinuxNotificationsTest, AResidentOneIsAnsweredAgainUntilItIsClosed) {
+    const PrivateBus bus;
+    daemon.emplace();
+    show({.title = "t", .body = "b", .actions = {{"cancel", "Cancel"}}, .isResident = true});
+    runUntil([&] { return !daemon->shown.empty(); });
+    daemon->press(1, "cancel");
+    daemon->press(1, "default");
+    daemon->tellClosed(1);
+    expectAnswers({"cancel", "default", ""});
+}
+
+TEST_F(LinuxNotificationsTest, WhatIsShownNextTakesThePlaceOfTheSameTag) {
+    const PrivateBus bus;
+    daemon.emplace();
+    daemon->answersLate = true;
+    show({.title = "one", .body = "b", .tag = 7});
+    runUntil([&] { return daemon->shown.size() == 1; });
+    show({.title = "other", .body = "b", .tag = 8});
+    for (const char* title : {"two", "three", "four"}) {
+        show({.title = title, .body = "b", .tag = 7});
+    }
+    runUntil([&] { return daemon->shown.size() == 2; });
+    EXPECT_EQ(daemon->shown[1].replaces, 0U) << "it has another tag";
+    daemon->answersLate = false;
+    daemon->answerLate();
+    runUntil([&] { return daemon->shown.size() == 3; });
+    EXPECT_EQ(daemon->shown[2].title, "four") << "what came meanwhile is shown once, with what came last";
+    EXPECT_EQ(daemon->shown[2].replaces, 1U);
+    daemon->press(1, "open");
+    expectAnswers({"open"}); // once: of the last
+    show({.title = "five", .body = "b", .tag = 7});
+    runUntil([&] { return daemon->shown.size() == 4; });
+    EXPECT_EQ(daemon->shown[3].replaces, 0U) << "that one is gone";
+}
+
+TEST_F(LinuxNotificationsTest, OneThatIsClosedWhileAnotherTakesItsPlaceStaysAway) {
+    const PrivateBus bus;
+    daemon.emplace();
+    show({.title = "one", .body = "b", .tag = 7});
+    runUntil([&] { return !daemon->shown.empty(); });
+    daemon->answersLate = true;
+    show({.title = "two", .body = "b", .tag = 7});
+    runUntil([&] { return daemon->shown.size() == 2; });
+    daemon->tellClosed(1);
+    expectAnswers({""});
+    daemon->answerLate();
+    runUntil([&] { return !daemon->taken.empty(); });
+    EXPECT_EQ(daemon->taken, std::vector<std::uint32_t>{1});
 }
 
 } // namespace

@@ -111,6 +111,37 @@ TEST(WholeFile, TakesAFreshTemporaryNameEachTime) {
     EXPECT_NE(files.nameOfNewFile, first);
 }
 
+TEST(TemporaryFiles, OfKilledWritersAreRemovedAndNothingElse) {
+    const fakes::TemporaryFolder folder;
+    LinuxFileSystem files;
+    const std::string left = temporaryName().text();
+    const std::string linked = temporaryName().text();
+    const std::string twice = temporaryName().text();
+    const std::string folderName = temporaryName().text();
+    const std::vector<std::string> others = {".orlinth-0123456789abcdef.tm",  ".orlinth-0123456789abcde.tmp",
+                                             ".orlinth-0123456789abcdeF.tmp", "orlinth-0123456789abcdef.tmp",
+                                             ".0123456789abcdef.tmp",         ".orlinth-.tmp"};
+    for (const std::string& name : others) {
+        writeText(folder / name, "a person's");
+    }
+    writeText(folder / left, "half a side");
+    std::filesystem::create_symlink(folder / others.front(), folder / linked);
+    writeText(folder / twice, "kept under a second name");
+    std::filesystem::create_hard_link(folder / twice, folder / "second");
+    std::filesystem::create_directory(folder / folderName);
+    const std::unique_ptr<Folder> opened = files.openFolder(folder.path());
+    const EpochNanoseconds writtenAt = opened->status(FileName(left)).value().modifiedAt;
+
+    const std::size_t count = namesIn(folder).size();
+    removeTemporaryFiles(*opened, writtenAt - std::chrono::nanoseconds(1));
+    EXPECT_EQ(namesIn(folder).size(), count) << "somebody may still write to it";
+
+    removeTemporaryFiles(*opened, writtenAt + std::chrono::hours(1));
+    std::vector<std::string> kept = others;
+    kept.insert(kept.end(), {linked, twice, folderName, "second"});
+    EXPECT_THAT(namesIn(folder), testing::UnorderedElementsAreArray(kept));
+}
+
 TEST(WholeFile, LeavesTheOldContentAndNoTemporaryFileWhenTheDiskIsFull) {
     const fakes::TemporaryFolder folder;
     LinuxFileSystem files;

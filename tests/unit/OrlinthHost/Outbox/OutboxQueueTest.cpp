@@ -30,7 +30,7 @@ public:
     void sent(const Transfer& transfer, const Delivered&) override {
         lines.push_back("sent " + transfer.file + " to " + transfer.to);
     }
-    void through(const OutboxState::Phone& to, const std::vector<std::string>& files) override {
+    void through(const BatchId&, const OutboxState::Phone& to, const std::vector<std::string>& files) override {
         std::string line = to.displayName() + " has";
         for (const std::string& file : files) {
             line += " " + file;
@@ -44,9 +44,6 @@ public:
     }
     void waitingLine(const OutboxState::Phone& to, const std::string& message) override {
         lines.push_back("line: " + to.displayName() + ": " + message);
-    }
-    void waitingNotification(const OutboxState::Phone& to, const std::string& message) override {
-        lines.push_back("shown: " + to.displayName() + ": " + message);
     }
     void failed(const Transfer& transfer, const std::string& message) override {
         lines.push_back("failed " + transfer.file + " to " + transfer.to + ": " + message);
@@ -290,9 +287,8 @@ TEST_F(OutboxQueueTest, TellsOfEachBatchThatItsPhoneIsAwayAndPeopleOnce) {
     put(second, {"b.txt"}, {phone, tablet});
     static_cast<void>(look());
     queue->setWaiting(phone, "no answer", 5s, true);
-    EXPECT_THAT(events.take(),
-                ElementsAre("waiting 0A for Pixel-8 5 s: no answer", "waiting 1A for Pixel-8 5 s: no answer",
-                            "line: Pixel-8: no answer", "shown: Pixel-8: no answer"));
+    EXPECT_THAT(events.take(), ElementsAre("waiting 0A for Pixel-8 5 s: no answer",
+                                           "waiting 1A for Pixel-8 5 s: no answer", "line: Pixel-8: no answer"));
     queue->setWaiting(phone, "no answer", 10s, false);
     EXPECT_THAT(events.take(), ElementsAre(StartsWith("waiting 0A"), StartsWith("waiting 1A")));
     queue->setWaiting(phone, "refused", 20s, true);
@@ -301,7 +297,7 @@ TEST_F(OutboxQueueTest, TellsOfEachBatchThatItsPhoneIsAwayAndPeopleOnce) {
     put(third, {"c.txt"}, {phone});
     static_cast<void>(look());
     queue->setWaiting(phone, "refused", 40s, false);
-    EXPECT_EQ(events.take().size(), 5U) << "a batch that nobody knows to wait yet";
+    EXPECT_EQ(events.take().size(), 4U) << "a batch that nobody knows to wait yet";
 }
 
 TEST_F(OutboxQueueTest, SetsAsideWhatMakesNoSense) {

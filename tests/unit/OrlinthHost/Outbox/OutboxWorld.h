@@ -213,7 +213,7 @@ protected:
     [[nodiscard]] std::vector<std::string> notices() const {
         std::vector<std::string> notices;
         for (const Told& told : events_.all) {
-            if (told.what == What::waitingNotification) {
+            if (told.what == What::waitingLine) {
                 notices.push_back("waiting for " + told.to);
             } else if (told.what == What::through && told.files > 0) {
                 notices.push_back("sent " + std::to_string(told.files) + " to " + told.to);

@@ -22,7 +22,6 @@ public:
         done,
         waiting,
         waitingLine,
-        waitingNotification,
         fileFailed,
         phoneFailed,
         setAside,
@@ -62,8 +61,8 @@ public:
                        .resumedFromOffset = delivered.sent.resumedFromOffset,
                        .isConfirmed = delivered.isConfirmed});
     }
-    void through(const OutboxState::Phone& to, const std::vector<std::string>& files) override {
-        all.push_back({.what = What::through, .to = to.displayName(), .files = files.size()});
+    void through(const BatchId& batch, const OutboxState::Phone& to, const std::vector<std::string>& files) override {
+        all.push_back({.what = What::through, .batch = batch.text(), .to = to.displayName(), .files = files.size()});
     }
     void done(const BatchId& batch) override { all.push_back({.what = What::done, .batch = batch.text()}); }
     void waiting(const BatchId& batch, const std::string& to, const std::string& message, Seconds pause) override {
@@ -71,9 +70,6 @@ public:
     }
     void waitingLine(const OutboxState::Phone& to, const std::string& message) override {
         all.push_back({.what = What::waitingLine, .to = to.displayName(), .message = message});
-    }
-    void waitingNotification(const OutboxState::Phone& to, const std::string& message) override {
-        all.push_back({.what = What::waitingNotification, .to = to.displayName(), .message = message});
     }
     void failed(const Transfer& transfer, const std::string& message) override {
         add(transfer, {.what = What::fileFailed, .message = message});

@@ -188,6 +188,22 @@ TEST_F(FinderTest, SweepsNoNetworkInWhichThePhoneWasNotMet) {
     EXPECT_THAT(asked(), ElementsAre(ip("192.168.7.1"))) << "the router may be the phone";
 }
 
+TEST_F(FinderTest, SweepsANetworkWhoseRouterAnswersMeanwhile) {
+    meetAt("192.168.7.30");
+    const platform::Neighbour router = neighbour("192.168.7.1", NeighbourState::reachable, routerMac);
+    world.neighbours.remove(router);
+    EXPECT_EQ(search(), "") << "a network of which nobody knows which it is";
+    EXPECT_THAT(asked(), ElementsAre(ip("192.168.7.1")));
+
+    world.probe.attempts.clear();
+    answer("192.168.7.57", world.phoneKey);
+    world.probe.accept(ip("192.168.7.1"), fakes::World::phonePort, [this, router](std::unique_ptr<platform::Stream>) {
+        world.neighbours.put(router); // as soon as it is asked anything
+    });
+    EXPECT_EQ(search(), "192.168.7.57");
+    EXPECT_GT(asked().size(), 20U);
+}
+
 TEST_F(FinderTest, SweepsNoNetworkThatATunnelHasTakenAPartOf) {
     meetAt("192.168.7.30");
     world.interfaces.addresses.push_back(FakeNetworkInterfaces::ipv4("tun0", {10, 8, 0, 2}));

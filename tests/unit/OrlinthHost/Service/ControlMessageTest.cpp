@@ -32,6 +32,22 @@ const std::vector<std::pair<std::string, ControlRequest>> requests{
     {R"({"request":"watch"})", WatchRequest{}},
     {R"({"request":"last_text"})", LastTextRequest{}},
     {R"({"request":"forget_text"})", ForgetTextRequest{}},
+    {R"({"request":"restart"})", RestartRequest{}},
+    {R"({"name":"Tablet","peer_pubkey":"a=","request":"rename_phone"})",
+     PhoneRequest(RenamePhoneRequest{.phone = PeerKey("a="), .name = "Tablet"})},
+    {R"({"peer_pubkey":"a=","request":"remove_phone"})", PhoneRequest(RemovePhoneRequest{PeerKey("a=")})},
+    {R"({"peer_pubkey":"a=","request":"wake_phone"})", PhoneRequest(WakePhoneRequest{PeerKey("a=")})},
+    {R"({"peer_pubkeys":[],"request":"send_text"})", PhoneRequest(SendTextRequest{})},
+    {R"({"peer_pubkeys":["a=","b="],"request":"send_text"})",
+     PhoneRequest(SendTextRequest{{PeerKey("a="), PeerKey("b=")}})},
+    {R"({"before_epoch_ms":0,"count":500,"request":"history"})", PhoneRequest(HistoryRequest{})},
+    {R"({"before_epoch_ms":1731686400000,"count":1,"request":"history"})",
+     PhoneRequest(HistoryRequest{.before = fromEpochMilliseconds(1'731'686'400'000), .count = 1})},
+    {R"({"request":"clear_history"})", PhoneRequest(ClearHistoryRequest{})},
+    {R"({"request":"settings"})", SettingsRequest{}},
+    {R"({"request":"set","setting":"accept","value":"ask"})", SetRequest{"accept", "ask"}},
+    {R"({"request":"set","setting":"history","value":false})", SetRequest{"history", false}},
+    {R"({"request":"set","setting":"max-file","value":7})", SetRequest{"max-file", std::int64_t{7}}},
 };
 
 const std::vector<std::pair<std::string, ControlReply>> replies{
@@ -52,6 +68,7 @@ const std::vector<std::pair<std::string, ControlReply>> replies{
                     {PeerKey("d="), PresenceState::unknown}}}},
     {R"({"from":"Pixel \"8\"","received_epoch_ms":1731686400000,"text_bytes":42})",
      TextReply{.from = "Pixel \"8\"", .received = fromEpochMilliseconds(1'731'686'400'000), .bytes = 42}},
+    {R"({"entries":3})", HistoryReply{3}},
     {R"({"error":"the port is lent already"})", ErrorReply{"the port is lent already"}},
 };
 
@@ -71,6 +88,18 @@ TEST(ControlMessage, EachRequestIsOneLineThatDoesNotChange) {
         EXPECT_EQ(line, encodeControlRequest(request));
         EXPECT_EQ(request, decodeControlRequest(line)) << line;
     }
+}
+
+TEST(ControlMessage, ARequestOfAnyKindMayNameTheClientsVersion) {
+    for (const auto& [line, request] : requests) {
+        EXPECT_EQ("", decodeClientVersion(line));
+        EXPECT_EQ(line, encodeControlRequestFrom("", request));
+        const std::string named = encodeControlRequestFrom("1.2 \"b\"", request);
+        EXPECT_EQ(request, decodeControlRequest(named)) << named;
+        EXPECT_EQ("1.2 \"b\"", decodeClientVersion(named)) << named;
+    }
+    EXPECT_EQ(R"({"request":"port","version":"0.1.0"})", encodeControlRequestFrom("0.1.0", PortRequest{}));
+    EXPECT_NE("", troubleWith(R"({"request":"port","version":5})", decodeClientVersion));
 }
 
 TEST(ControlMessage, EachReplyIsOneLineThatDoesNotChange) {

@@ -74,6 +74,22 @@ TEST_F(HistoryTest, HasWhatCameAndWentWithTheNewestLast) {
     EXPECT_EQ(content(), History::encode(first) + "\n" + History::encode(second) + "\n");
 }
 
+TEST_F(HistoryTest, IsClearedAndGoesOn) {
+    history.clear(); // nothing, not even the folder
+    history.add(entry("a"));
+    history.clear();
+    EXPECT_EQ(files.status(file), std::nullopt);
+    EXPECT_THAT(history.load(), IsEmpty());
+    history.add(entry("b"));
+    EXPECT_THAT(names(), ElementsAre("b"));
+}
+
+TEST_F(HistoryTest, OfSomebodyElseIsNotCleared) {
+    files.putFolder(file);
+    EXPECT_THROW(history.clear(), platform::SystemError);
+    EXPECT_TRUE(files.status(file).has_value());
+}
+
 TEST_F(HistoryTest, SkipsWhatMakesNoSense) {
     const std::string good = History::encode(entry("good"));
     const auto with = [&good](const std::string& from, const std::string& to) {

@@ -2,6 +2,7 @@
 
 #include "OrlinthCore/Receiving/PartialMeta.h"
 #include "fakes/World.h"
+#include "platform/WholeFile.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@ namespace orlinth::host {
 namespace {
 
 const platform::Path folder = "/home/ann/Downloads";
+const std::vector<platform::Path> folders{"/home/ann/None", folder};
 const platform::Path state = "/home/ann/.local/share/Orlinth/partials-reminder.json";
 constexpr Seconds day = 24h;
 
@@ -27,10 +29,13 @@ protected:
             compactJson(PartialMeta{TransferId(name), 10, fromEpochMilliseconds(1), PeerKey("a phone")}.toJson()));
     }
     void run(Seconds time) {
-        PartialsReminder reminder(home_, folder, [this](const PartialsReminder::Reminder& told) {
-            counts_.push_back(told.count);
-            bytes_ = told.bytes;
-        });
+        PartialsReminder reminder(
+            home_, [] { return folders; },
+            [this](const PartialsReminder::Reminder& told, const platform::Path& where) {
+                counts_.push_back(told.count);
+                bytes_ = told.bytes;
+                where_.push_back(where);
+            });
         reminder.start();
         world_.run(world_.clock.sleep(time));
         world_.run(reminder.finish());
@@ -40,6 +45,7 @@ protected:
     Home home_{world_.system, world_.context.get_executor()};
     std::vector<std::int64_t> counts_;
     std::int64_t bytes_ = 0;
+    std::vector<platform::Path> where_;
 };
 
 TEST_F(PartialsReminderTest, RemindsOnceAWeekAlsoAcrossRestarts) {
@@ -50,6 +56,7 @@ TEST_F(PartialsReminderTest, RemindsOnceAWeekAlsoAcrossRestarts) {
     run(3 * day);
     EXPECT_EQ(counts_, std::vector<std::int64_t>{2});
     EXPECT_EQ(bytes_, 8);
+    EXPECT_EQ(where_, std::vector{folder}) << "and nothing of the folder that is not there";
     EXPECT_EQ(world_.files.status(state).value().permissions, 0600U);
     run(3 * day);
     EXPECT_EQ(counts_.size(), 1U);
@@ -70,6 +77,16 @@ TEST_F(PartialsReminderTest, SaysNothingIfThereIsNothing) {
     EXPECT_TRUE(counts_.empty());
 }
 
+TEST_F(PartialsReminderTest, RemovesWhatKilledProgramsHaveLeftInBothFolders) {
+    const platform::Path inDownloads = folder / platform::temporaryName().text();
+    const platform::Path inData = state.parent_path() / platform::temporaryName().text();
+    world_.files.put(inDownloads, "half");
+    world_.files.put(inData, "half");
+    run(120s);
+    EXPECT_FALSE(world_.files.exists(inDownloads));
+    EXPECT_FALSE(world_.files.exists(inData));
+}
+
 TEST_F(PartialsReminderTest, RemindsAllTheSameIfItsMemoryIsRuined) {
     putPartial("a", "12345");
     for (const char* text :
@@ -86,8 +103,9 @@ TEST_F(PartialsReminderTest, HoldsNobodyUpBehindAFolderThatDoesNotAnswer) {
     asio::io_context others;
     world_.queues.threadQueue = others.get_executor(); // these run when the test says so
     Home home{world_.system, world_.context.get_executor()};
-    PartialsReminder reminder(home, folder,
-                              [this](const PartialsReminder::Reminder& told) { counts_.push_back(told.count); });
+    PartialsReminder reminder(
+        home, [] { return folders; },
+        [this](const PartialsReminder::Reminder& told, const platform::Path&) { counts_.push_back(told.count); });
     reminder.start();
     world_.run(world_.clock.sleep(2 * day)); // the first look waits for the folder
     world_.alongside(reminder.finish());

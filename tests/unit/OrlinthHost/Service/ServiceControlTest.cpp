@@ -319,7 +319,8 @@ TEST_F(ServiceControlTest, TellsWhatThereIs) {
     std::vector<ServiceNews> news;
     EXPECT_TRUE(world_.run(readServiceStatus(home_, [&news](const ServiceNews& one) { news.push_back(one); })));
     ASSERT_EQ(3U, news.size());
-    EXPECT_EQ(ServiceNews(ServiceView{.state = ServiceView::State::listening, .port = port, .downloads = downloads}),
+    EXPECT_EQ(ServiceNews(ServiceView{
+                  .state = ServiceView::State::listening, .port = port, .name = "workshop", .downloads = downloads}),
               news[0]);
     EXPECT_EQ("Pixel-8", std::get<PhoneView>(news[1]).name);
     EXPECT_EQ(ServiceNews(CurrentLine{}), news[2]);
@@ -349,11 +350,17 @@ TEST_F(ServiceControlTest, WhoWatchesSeesATransferUntilItIsForgotten) {
     EXPECT_TRUE(world_.run(from->seesTheEnd()));
     EXPECT_EQ(TransferView::State::cancelled, nextTransfer(*watcher).state);
     EXPECT_FALSE(world_.run(askServiceToCancel(home_, view.number)).value());
-    ServiceNews news = next(*watcher);
-    while (std::holds_alternative<PhoneView>(news)) {
-        news = next(*watcher);
-    }
-    EXPECT_EQ(ServiceNews(TransferGoneLine{view.number}), news);
+    const auto nextButPhones = [this, &watcher] {
+        ServiceNews news = next(*watcher);
+        while (std::holds_alternative<PhoneView>(news)) {
+            news = next(*watcher);
+        }
+        return news;
+    };
+    const std::optional<HistoryEntry> entry = std::get<HistoryLine>(nextButPhones()).entry;
+    EXPECT_EQ("film", entry.value().file);
+    EXPECT_EQ(HistoryEntry::Outcome::cancelled, entry->outcome);
+    EXPECT_EQ(ServiceNews(TransferGoneLine{view.number}), nextButPhones());
 }
 
 TEST_F(ServiceControlTest, AFileWithANameWithoutEndIsShownToo) {

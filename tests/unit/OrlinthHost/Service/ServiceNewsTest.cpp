@@ -20,6 +20,11 @@ const std::vector<std::pair<std::string, ServiceNews>> news{
     {R"({"downloads":"/d","event":"service","message":"Address in use","port":28471,"state":"not-listening"})",
      ServiceView{
          .state = ServiceView::State::notListening, .port = 28471, .problem = "Address in use", .downloads = "/d"}},
+    {R"({"downloads":"/d","event":"service","name":"ann-laptop","port":0,"state":"starting"})",
+     ServiceView{.name = "ann-laptop", .downloads = "/d"}},
+    {R"({"event":"setting","name":"history","value":true})", SettingView{.name = "history", .value = true}},
+    {R"({"event":"setting","fixed_by":"config.toml, line 3","name":"accept","value":"ask"})",
+     SettingView{.name = "accept", .value = "ask", .fixedBy = "config.toml, line 3"}},
     {R"({"downloads":"/d","event":"service","port":0,"state":"starting"})", ServiceView{.downloads = "/d"}},
     {R"({"downloads":"/d","event":"service","port":1,"state":"lent"})",
      ServiceView{.state = ServiceView::State::lent, .port = 1, .downloads = "/d"}},
@@ -54,6 +59,16 @@ const std::vector<std::pair<std::string, ServiceNews>> news{
                   .bytes = {.done = 1, .total = 2},
                   .problem = "declined",
                   .path = "/p"}},
+    {R"({"direction":"in","event":"history_added","file":"a.jpg","outcome":"done","path":"/d/a.jpg",)"
+     R"("peer_pubkey":"a=","phone":"Pixel 8","size":41,"time":1731686400000})",
+     HistoryLine{HistoryEntry{.time = moment,
+                              .direction = HistoryEntry::Direction::in,
+                              .phone = "Pixel 8",
+                              .peerKey = PeerKey("a="),
+                              .file = "a.jpg",
+                              .size = 41,
+                              .path = "/d/a.jpg"}}},
+    {R"({"event":"history_added"})", HistoryLine{}},
     {R"({"batch":"B","created_at_epoch_ms":1731686400000,"event":"batch","files":400,"files_done":38,)"
      R"("message":"no answer","next_attempt_epoch_ms":1731686400000,"peer_pubkey":"a=","phone":"P","state":"paused"})",
      OutboxView{.batch = BatchId("B"),

@@ -586,7 +586,7 @@ TEST_F(ServiceTest, ReportsUnfinishedDownloadsOfItsFolder) {
 TEST_F(ServiceTest, ASecondOneOfTheSameDataFolderIsRefusedAndTheFirstGoesOn) {
     start();
     RecordingServiceEvents others;
-    Service second(home_, world_.computerKey, settings_, others, outboxEvents_);
+    Service second(home_, world_.computerKey, *live_, settings_, others, outboxEvents_);
     const HostError error = world_.failure<HostError>([](Service& service) -> Task<bool> {
         co_await service.run();
         co_return true;
@@ -705,7 +705,7 @@ TEST_F(ServiceTest, EndsInTheSameOrderWhenItsPortFails) {
 }
 
 TEST_F(ServiceTest, OpensNothingIfItIsCancelledBeforeItHasBegun) {
-    service_.emplace(home_, world_.computerKey, settings_, events_, outboxEvents_);
+    make();
     hasEnded_ = false;
     platform::spawn(world_.context.get_executor(), service_->run(), stop_.slot(),
                     [this](const std::exception_ptr& /*error*/) { hasEnded_ = true; });

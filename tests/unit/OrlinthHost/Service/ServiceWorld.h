@@ -32,6 +32,7 @@ public:
 
     void portInherited(std::uint16_t port) override { tell("inherited " + std::to_string(port)); }
     void phonesKnown(std::size_t phones) override { tell("known " + std::to_string(phones)); }
+    void folderUnusable(const std::string& problem) override { tell("unusable: " + problem); }
     void listening(std::uint16_t port, std::size_t phones) override {
         tell("listening " + std::to_string(port) + ", phones " + std::to_string(phones));
     }
@@ -77,6 +78,33 @@ private:
     void tell(std::string text) { all.push_back(std::move(text)); }
 };
 
+/// What a service is to do, and what is set for it on the command line where it is not as usual.
+struct WorldSettings : ServiceSettings {
+    platform::Path downloads;
+    DownloadLimits downloadLimits;
+    Accept accept = Accept::always;
+    bool keepsHistory = true;
+
+    [[nodiscard]] SettingSources sources(const platform::Path& usualDownloads) const {
+        SettingSources sources;
+        const auto give = [&sources](SettingId id, SettingValue value) {
+            sources.flags[id] = {.value = std::move(value), .where = "`--" + std::string(ruleOf(id).key) + "`"};
+        };
+        give(SettingId::keepFree, downloadLimits.keepFreeBytes);
+        give(SettingId::maxFile, downloadLimits.maxFileBytes);
+        if (downloads != usualDownloads) {
+            give(SettingId::downloads, downloads.string());
+        }
+        if (accept != Accept::always) {
+            give(SettingId::accept, accept == Accept::ask ? "ask" : "never");
+        }
+        if (!keepsHistory) {
+            give(SettingId::history, false);
+        }
+        return sources;
+    }
+};
+
 /// A computer with a whole service on it, in virtual time: its phones, its outbox, and other programs of its user.
 class ServiceWorldTest : public testing::Test {
 protected:
@@ -112,9 +140,15 @@ protected:
         return names;
     }
 
+    void make() {
+        SettingSources sources = settings_.sources(world_.system.directories.downloads);
+        sources.file = SettingsFile(world_.files, world_.system.directories).load();
+        live_.emplace(home_, std::move(sources));
+        service_.emplace(home_, world_.computerKey, *live_, settings_, events_, outboxEvents_);
+    }
     /// Begins to run the service, until it waits for somebody.
     void start() {
-        service_.emplace(home_, world_.computerKey, settings_, events_, outboxEvents_);
+        make();
         hasEnded_ = false;
         platform::spawn(world_.context.get_executor(), service_->run(), stop_.slot(), [this](std::exception_ptr error) {
             hasEnded_ = true;
@@ -231,7 +265,8 @@ protected:
 
     fakes::World world_;
     Home home_{.system = world_.system, .executor = world_.context.get_executor()};
-    ServiceSettings settings_;
+    WorldSettings settings_;
+    std::optional<LiveSettings> live_;
     RecordingServiceEvents events_;
     RecordingOutboxEvents outboxEvents_;
     std::optional<Service> service_;

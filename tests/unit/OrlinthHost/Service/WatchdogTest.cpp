@@ -83,6 +83,55 @@ TEST_F(WatchdogTest, TellsTheServiceManagerOnlyWhileAllThreadsAnswer) {
     world_.run(watchdog.finish());
 }
 
+TEST_F(WatchdogTest, LooksSeldomWhileNothingGoesOn) {
+    Watchdog watchdog(home_, std::nullopt, callbacks_);
+    watchdog.start();
+    pass(100s);
+    const std::size_t before = world_.queues.looks;
+    pass(600s);
+    EXPECT_EQ(10U, world_.queues.looks - before);
+    watchdog.stir();
+    pass(10200ms);
+    EXPECT_EQ(10U + 1 + 20, world_.queues.looks - before) << "at once, and twice a second";
+    world_.run(watchdog.finish());
+}
+
+TEST_F(WatchdogTest, ReportsAThreadThatBeginsToHangWhileItRests) {
+    Watchdog watchdog(home_, std::nullopt, callbacks_);
+    watchdog.start();
+    pass(200s);
+    world_.queues.late = {{.label = "x", .silence = 60s, .thread = 1}};
+    EXPECT_THAT(lateWhile(60s), ElementsAre("x 60"));
+    const std::size_t before = world_.queues.looks;
+    pass(10s);
+    EXPECT_EQ(20U, world_.queues.looks - before) << "it watches until that is over";
+    world_.run(watchdog.finish());
+}
+
+TEST_F(WatchdogTest, LooksAtOnceWhenSomethingBeginsSoThatAHangFromThereIsReported) {
+    Watchdog watchdog(home_, std::nullopt, callbacks_);
+    watchdog.start();
+    pass(200s);
+    watchdog.stir();
+    world_.queues.late = {{.label = "x", .silence = 2s, .thread = 1}};
+    EXPECT_THAT(lateWhile(1s), ElementsAre("x 2"));
+    world_.run(watchdog.finish());
+    watchdog.stir(); // too late, and without effect
+    pass(1s);
+}
+
+TEST_F(WatchdogTest, TellsTheServiceManagerOftenEnoughWhileItRests) {
+    Watchdog watchdog(home_, 180s, callbacks_);
+    watchdog.start();
+    pass(100s);
+    alive_ = 0;
+    const std::size_t before = world_.queues.looks;
+    pass(450s);
+    EXPECT_EQ(10, alive_);
+    EXPECT_EQ(10U, world_.queues.looks - before);
+    world_.run(watchdog.finish());
+}
+
 TEST_F(WatchdogTest, ReportsAFewThreadsAMinuteAndCountsTheOthers) {
     Watchdog watchdog(home_, std::nullopt, callbacks_);
     watchdog.start();

@@ -1,8 +1,8 @@
-#include "orlinth/Commands/SizeText.h"
+#include "OrlinthHost/SizeText.h"
 
 #include <gtest/gtest.h>
 
-namespace orlinth::cli {
+namespace orlinth::host {
 namespace {
 
 constexpr std::int64_t kibi = 1024;
@@ -29,4 +29,4 @@ TEST(SizeText, IsNothingElse) {
 }
 
 } // namespace
-} // namespace orlinth::cli
+} // namespace orlinth::host

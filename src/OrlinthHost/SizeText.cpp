@@ -1,4 +1,4 @@
-#include "orlinth/Commands/SizeText.h"
+#include "OrlinthHost/SizeText.h"
 
 #include "base/Text.h"
 
@@ -6,7 +6,7 @@
 #include <cmath>
 #include <string>
 
-namespace orlinth::cli {
+namespace orlinth::host {
 namespace {
 
 /// Bytes in a unit, in lower case; 0 for none that there is.
@@ -41,4 +41,4 @@ std::optional<std::int64_t> parseSize(std::string_view text) {
     return static_cast<std::int64_t>(number * factor);
 }
 
-} // namespace orlinth::cli
+} // namespace orlinth::host

@@ -1,0 +1,264 @@
+#include "OrlinthHost/Service/DesktopNotices.h"
+
+#include "OrlinthHost/Outbox/OutboxStore.h"
+#include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Service/LinkText.h"
+#include "OrlinthHost/Service/ServiceApi.h"
+#include "platform/Cancelled.h"
+
+#include <utility>
+
+namespace orlinth::host {
+
+using platform::NotificationAnswer;
+
+DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop)
+    : board_(std::move(board)),
+      home_(board_.home()),
+      desktop_(desktop),
+      incoming_(board_, desktop, *this, [this] { wantLook(); }),
+      outgoing_(board_, desktop, *this, [this] { wantLook(); }),
+      port_(board_),
+      folder_(board_),
+      textSlot_(board_),
+      tasks_(home_.executor) {}
+
+// What has happened
+
+void DesktopNotices::fileReceived(const Receiver::File& file) {
+    folder_.close();
+    incoming_.fileReceived(file);
+}
+
+void DesktopNotices::textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text) {
+    if (isStopped_ || api_ == nullptr) {
+        return;
+    }
+    newText_ = Text{.peerKey = peerKey, .phone = phone, .what = std::move(text)};
+    wantLook();
+}
+
+void DesktopNotices::unpaired(const Receiver::Unpair& unpair) {
+    NoticeSlot slot(board_);
+    showPlain(slot, notices::unpaired(phoneForDisplay(home_, unpair.from, unpair.peerKey), unpair.isForgotten));
+}
+
+void DesktopNotices::cannotSave(const platform::Path& folder) {
+    if (!isStopped_ && !folder_.isShown() && !folder_.isDismissed()) {
+        showPlain(folder_, notices::folderTrouble(folder));
+    }
+}
+
+void DesktopNotices::wantLook() {
+    hasNews_ = true;
+    if (api_ != nullptr) {
+        api_->news().changed();
+    }
+}
+
+// As a face
+
+Task<> DesktopNotices::start(ServiceApi& api) {
+    api_ = &api;
+    phonesSeen_ = api.phonesVersion();
+    for (const PhoneView& phone : api.phones()) {
+        paired_.emplace(phone.presence.peerKey, phone.pairedAt);
+    }
+    tasks_.add(watch(), [this](const std::exception_ptr& error) {
+        try {
+            if (error) {
+                std::rethrow_exception(error);
+            }
+        } catch (const std::exception& failure) {
+            if (!platform::isCancellation(failure)) {
+                log("no more notifications: " + describe(failure));
+            }
+        }
+    });
+    co_return;
+}
+
+void DesktopNotices::stop() {
+    isStopped_ = true;
+    tasks_.cancelAll();
+    incoming_.stop();
+    outgoing_.stop();
+    port_.close();
+    folder_.close();
+    textSlot_.close(); // its buttons would do nothing
+    api_ = nullptr;
+}
+
+Task<> DesktopNotices::finish() {
+    co_await tasks_.join();
+    co_await incoming_.finish();
+}
+
+Task<> DesktopNotices::watch() {
+    std::uint64_t seen = 0;
+    std::optional<Seconds> next;
+    for (;;) {
+        const auto isNew = [this, &seen] { return hasNews_ || api_->version() != seen; };
+        if (next) {
+            static_cast<void>(co_await api_->news().until(isNew, home_.system.clock, *next));
+        } else {
+            co_await api_->news().until(isNew);
+        }
+        seen = api_->version();
+        hasNews_ = false;
+        next = look();
+        co_await home_.system.clock.sleep(lookInterval);
+    }
+}
+
+std::optional<Seconds> DesktopNotices::look() {
+    const std::vector<TransferView> transfers = api_->transfers();
+    std::optional<Seconds> next = incoming_.look(transfers);
+    if (const std::optional<Seconds> outgoing = outgoing_.look(api_->batches(), transfers)) {
+        bringForward(next, *outgoing);
+    }
+    lookAtPhones();
+    lookAtPort(next);
+    lookAtText(next);
+    return next;
+}
+
+void DesktopNotices::lookAtPhones() {
+    if (std::exchange(phonesSeen_, api_->phonesVersion()) == phonesSeen_) {
+        return;
+    }
+    const std::vector<PhoneView> phones = api_->phones();
+    if (phones.empty()) {
+        return; // they may be unreadable just now
+    }
+    const std::map<PeerKey, EpochMilliseconds> before = std::exchange(paired_, {});
+    for (const PhoneView& phone : phones) {
+        const PeerKey& peerKey = phone.presence.peerKey;
+        paired_.emplace(peerKey, phone.pairedAt);
+        if (const auto known = before.find(peerKey); known == before.end() || known->second != phone.pairedAt) {
+            NoticeSlot slot(board_);
+            showPlain(slot, notices::paired(phoneForDisplay(home_, phone.name, peerKey)));
+        }
+    }
+}
+
+void DesktopNotices::lookAtPort(std::optional<Seconds>& next) {
+    const ServiceView view = api_->service();
+    if (view.state != ServiceView::State::notListening) {
+        portMissingSince_.reset();
+        port_.close();
+        return;
+    }
+    const Instant now = home_.system.clock.now();
+    portMissingSince_ = portMissingSince_.value_or(now);
+    if (const Seconds since = now - *portMissingSince_; since < troubleDelay) {
+        bringForward(next, troubleDelay - since);
+    } else if (!port_.isShown() && !port_.isDismissed()) {
+        showPlain(port_, notices::portTrouble(view.port));
+    }
+}
+
+void DesktopNotices::lookAtText(std::optional<Seconds>& next) {
+    if (!newText_) {
+        return;
+    }
+    const Instant now = home_.system.clock.now();
+    if (const auto last = textAt_.find(newText_->peerKey); last != textAt_.end()) {
+        if (const Seconds since = now - last->second; since < textInterval) {
+            bringForward(next, textInterval - since);
+            return;
+        }
+    }
+    textAt_[newText_->peerKey] = now;
+    ++lastTextNumber_;
+    showText(*newText_, false);
+    newText_.reset();
+}
+
+void DesktopNotices::showText(const Text& text, bool isQuiet) {
+    platform::Notification notification = notices::text(text.what, phoneForDisplay(home_, text.phone, text.peerKey));
+    notification.isQuiet = isQuiet;
+    textSlot_.show(std::move(notification), [this, weak = std::weak_ptr(life_), text,
+                                             number = lastTextNumber_](const NotificationAnswer& answer) {
+        if (weak.lock()) {
+            onTextKey(text, number, answer);
+        }
+    });
+}
+
+/// The text itself is not kept here, and by now another one may have come.
+void DesktopNotices::onTextKey(const Text& text, std::uint64_t number, const NotificationAnswer& answer) {
+    if (answer.key == platform::Notification::clickKey) {
+        desktop_.raiseWindow(answer.token);
+        return;
+    }
+    std::optional<std::string> last = lastText();
+    if (!last) {
+        return;
+    }
+    if (answer.key == notices::openLinkKey && hostOfLink(*last) == text.what.linkHost) {
+        desktop_.openLink(addressOfLink(*last), answer.token);
+    } else if (answer.key == notices::copyKey) {
+        desktop_.copy(std::move(*last), [this, weak = std::weak_ptr(life_), text, number](bool isThere) {
+            if (weak.lock() && !isStopped_ && number == lastTextNumber_) {
+                Text now = text;
+                now.what.isOnClipboard = isThere;
+                showText(now, isThere);
+            }
+        });
+    }
+}
+
+void DesktopNotices::showPlain(NoticeSlot& slot, platform::Notification notification) {
+    slot.show(std::move(notification),
+              [&desktop = desktop_, weak = std::weak_ptr(life_)](const NotificationAnswer& answer) {
+                  if (weak.lock()) {
+                      desktop.raiseWindow(answer.token);
+                  }
+              });
+}
+
+// What is asked
+
+void DesktopNotices::cancelTransfer(TransferNumber number) {
+    if (api_ != nullptr) {
+        static_cast<void>(api_->cancelTransfer(number)); // else it has just ended
+    }
+}
+
+void DesktopNotices::retryBatch(const BatchId& batch, const PeerKey& peerKey) {
+    try {
+        if (api_ != nullptr && !api_->retry(batch, peerKey)) {
+            static_cast<void>(api_->retry(batch)); // it may have been set aside
+        }
+    } catch (const Error& error) {
+        log("cannot try again: " + describe(error));
+    }
+}
+
+void DesktopNotices::dropBatch(const BatchId& batch, const PeerKey& peerKey) {
+    if (api_ == nullptr || api_->cancelBatch(batch, peerKey)) {
+        return;
+    }
+    try {
+        OutboxStore store(home_);
+        for (const OutboxStore::Entry& entry : store.all()) {
+            if (entry.id == batch && entry.isSetAside) { // else the service has it, and it is through
+                store.drop(entry);
+            }
+        }
+    } catch (const Error& error) {
+        log("cannot drop what was not sent: " + describe(error));
+    }
+}
+
+std::optional<std::string> DesktopNotices::lastText() {
+    const std::shared_ptr<const LastText::Text> text = api_ != nullptr ? api_->lastText().get() : nullptr;
+    return text ? std::optional(toText(text->bytes.reveal())) : std::nullopt;
+}
+
+void DesktopNotices::log(const std::string& text) const noexcept {
+    home_.system.log.write(platform::LogLevel::error, "com.tarvinex.orlinth", "notifications", text);
+}
+
+} // namespace orlinth::host

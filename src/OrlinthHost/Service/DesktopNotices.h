@@ -1,0 +1,115 @@
+#pragma once
+
+#include "OrlinthCore/Receiving/Receiver.h"
+#include "OrlinthHost/Home.h"
+#include "OrlinthHost/Service/DesktopActions.h"
+#include "OrlinthHost/Service/IncomingNotices.h"
+#include "OrlinthHost/Service/NoticeBoard.h"
+#include "OrlinthHost/Service/NoticeRequests.h"
+#include "OrlinthHost/Service/NoticeSlot.h"
+#include "OrlinthHost/Service/NoticeText.h"
+#include "OrlinthHost/Service/OutgoingNotices.h"
+#include "OrlinthHost/Service/ServiceFace.h"
+#include "OrlinthHost/Service/ServiceView.h"
+#include "platform/TaskGroup.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orlinth::host {
+
+class ServiceApi;
+
+/// The service's notifications on the desktop: what is shown when, and what becomes of a click.
+///
+///     ServiceEvents, OutboxEvents ── what has come or failed ──┐
+///     ServiceApi ── what there is ──────── look() ─────────────┴─▶ IncomingNotices, OutgoingNotices ─▶ Notifications
+///                                                                         click ─▶ ServiceApi, DesktopActions
+///
+/// Looks at most four times a second, and not at all while nothing happens. What it shows of offers is up to whoever
+/// asks about them.
+///
+/// Threading: on the home's executor.
+class DesktopNotices final : public ServiceFace, private NoticeRequests {
+public:
+    /// Between two looks.
+    static constexpr Seconds lookInterval = 250ms;
+    /// Between two texts of one phone.
+    static constexpr Seconds textInterval = 1s;
+    /// A port that comes back sooner was no trouble.
+    static constexpr Seconds troubleDelay = 3s;
+
+    /// What is referred to outlives this.
+    DesktopNotices(NoticeBoard board, DesktopActions& desktop);
+    DesktopNotices(const DesktopNotices&) = delete;
+    DesktopNotices& operator=(const DesktopNotices&) = delete;
+
+    // ---- what has happened
+
+    void fileReceived(const Receiver::File& file);
+    /// To be told once it is known whether the text got onto the clipboard.
+    void textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text);
+    /// A phone says that it has removed this computer.
+    void unpaired(const Receiver::Unpair& unpair);
+    /// A file that came could not be saved in this folder.
+    void cannotSave(const platform::Path& folder);
+    [[nodiscard]] OutgoingNotices& outgoing() noexcept { return outgoing_; }
+
+    // ---- as a face
+
+    [[nodiscard]] Task<> start(ServiceApi& api) override;
+    void stop() override;
+    [[nodiscard]] Task<> finish() override;
+
+private:
+    using Instant = platform::Clock::Instant;
+
+    struct Text {
+        PeerKey peerKey = {};
+        std::string phone = {};
+        notices::TextNotice what = {};
+    };
+
+    void wantLook();
+    void cancelTransfer(TransferNumber number) override;
+    void retryBatch(const BatchId& batch, const PeerKey& peerKey) override;
+    void dropBatch(const BatchId& batch, const PeerKey& peerKey) override;
+    [[nodiscard]] std::optional<std::string> lastText() override;
+
+    [[nodiscard]] Task<> watch();
+    [[nodiscard]] std::optional<Seconds> look();
+    void lookAtPhones();
+    void lookAtPort(std::optional<Seconds>& next);
+    void lookAtText(std::optional<Seconds>& next);
+    void showText(const Text& text, bool isQuiet);
+    void onTextKey(const Text& text, std::uint64_t number, const platform::NotificationAnswer& answer);
+    /// Something that a click does nothing with but to bring the application to the front.
+    void showPlain(NoticeSlot& slot, platform::Notification notification);
+    void log(const std::string& text) const noexcept;
+
+    const NoticeBoard board_;
+    Home& home_;
+    DesktopActions& desktop_;
+    ServiceApi* api_ = nullptr; ///< between start() and stop()
+    bool hasNews_ = false;
+    IncomingNotices incoming_;
+    OutgoingNotices outgoing_;
+    std::map<PeerKey, EpochMilliseconds> paired_; ///< the phones, and since when
+    std::uint64_t phonesSeen_ = 0;                ///< their version
+    NoticeSlot port_;
+    std::optional<Instant> portMissingSince_;
+    NoticeSlot folder_;
+    NoticeSlot textSlot_;
+    std::optional<Text> newText_;
+    std::map<PeerKey, Instant> textAt_; ///< when the last one of a phone was shown
+    std::uint64_t lastTextNumber_ = 0;
+    bool isStopped_ = false;
+    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< the desktop may answer when this is gone
+    platform::TaskGroup tasks_;
+};
+
+} // namespace orlinth::host

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "OrlinthHost/Service/TransferList.h"
+#include "base/StrongText.h"
+
+#include <optional>
+#include <string>
+
+namespace orlinth::host {
+
+/// What the buttons of notifications ask of the service. Each may be asked for what is not there any more, and again.
+/// On the home's executor; no call throws.
+class NoticeRequests {
+public:
+    virtual ~NoticeRequests() = default;
+    virtual void cancelTransfer(TransferNumber number) = 0;
+    /// Tries now what this phone has not got of a batch, also what has failed.
+    virtual void retryBatch(const BatchId& batch, const PeerKey& peerKey) = 0;
+    /// Takes back what this phone has not got of a batch.
+    virtual void dropBatch(const BatchId& batch, const PeerKey& peerKey) = 0;
+    /// The text that came last; nothing if it was not kept, or is forgotten.
+    [[nodiscard]] virtual std::optional<std::string> lastText() = 0;
+};
+
+} // namespace orlinth::host

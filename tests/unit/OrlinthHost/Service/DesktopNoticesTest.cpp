@@ -1,0 +1,215 @@
+#include "OrlinthHost/Service/DesktopNotices.h"
+
+#include "RecordingDesktop.h"
+#include "ServiceWorld.h"
+
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+namespace orlinth::host {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Actions = std::vector<std::pair<std::string, std::string>>;
+
+/// What a desktop is told of a whole service, in virtual time.
+class DesktopNoticesTest : public ServiceWorldTest {
+protected:
+    DesktopNoticesTest() { settings_.faces.push_back(&notices_); }
+    ~DesktopNoticesTest() override { stop(); }
+
+    /// As the program does: what the service tells is told to the notices.
+    void forward() {
+        for (; files_ < events_.files.size(); ++files_) {
+            notices_.fileReceived(events_.files[files_]);
+        }
+    }
+    void passAndForward(Seconds time) {
+        forward();
+        pass(time);
+    }
+    /// A text has come from the phone, and got onto the clipboard or not.
+    void come(const std::string& text, bool isOnClipboard, std::optional<std::string> linkHost = std::nullopt) {
+        const auto from = phone();
+        world_.run(from->send(Row::clipboard(text, "text/plain")));
+        settle();
+        notices_.textReceived(world_.phoneRecord().peer_pubkey, "Pixel-8",
+                              {.characters = text.size(),
+                               .isOnClipboard = isOnClipboard,
+                               .isKept = true,
+                               .linkHost = std::move(linkHost)});
+        pass(300ms);
+    }
+    void press(const std::string& key, const std::string& token = "") {
+        world_.notifications.answer(shown().size() - 1, key, token);
+        settle();
+    }
+    [[nodiscard]] std::vector<fakes::FakeNotifications::Shown>& shown() { return world_.notifications.shown; }
+    [[nodiscard]] const platform::Notification& last() { return shown().back().notification; }
+    [[nodiscard]] std::vector<std::string> screen() {
+        std::vector<std::string> texts;
+        for (const std::size_t i : world_.notifications.there()) {
+            texts.push_back(shown()[i].notification.title + " / " + shown()[i].notification.body);
+        }
+        return texts;
+    }
+
+    RecordingDesktop desktop_;
+    DesktopNotices notices_{NoticeBoard(home_, nullptr, {}), desktop_};
+    std::size_t files_ = 0; ///< that were forwarded
+};
+
+TEST_F(DesktopNoticesTest, AFileThatHasCome) {
+    start();
+    pass(1s);
+    EXPECT_THAT(shown(), IsEmpty()) << "phones that were there before are not told of";
+    deliver("a.jpg");
+    passAndForward(1s);
+    EXPECT_THAT(screen(), ElementsAre("a.jpg from Pixel-8 / 16 bytes in Downloads"));
+    press("open");
+    EXPECT_THAT(desktop_.take(), ElementsAre("open /home/ann/Downloads/a.jpg"));
+}
+
+TEST_F(DesktopNoticesTest, AFileThatTakesLongCanBeCancelled) {
+    start();
+    const auto from = phone();
+    world_.run(from->send(Row::fileOffer("film.mov", 1000, "video/quicktime", "ID film")));
+    static_cast<void>(world_.run(from->expect<Row::Resume>()));
+    world_.run(from->sendBinary(Bytes(100)));
+    pass(1s);
+    world_.run(from->sendBinary(Bytes(280)));
+    pass(3s);
+    EXPECT_THAT(shown(), IsEmpty());
+    pass(2s);
+    ASSERT_EQ(1U, screen().size());
+    EXPECT_TRUE(screen().front().starts_with("Receiving film.mov from Pixel-8 / 38 %"));
+    press("cancel");
+    pass(1s);
+    EXPECT_THAT(screen(), IsEmpty());
+    EXPECT_TRUE(world_.run(from->seesTheEnd()));
+}
+
+TEST_F(DesktopNoticesTest, ABatchThatIsShared) {
+    start();
+    share("a.txt");
+    ring();
+    pass(62s); // nobody is at the phone's port
+    EXPECT_THAT(screen(), ElementsAre("Waiting for Pixel-8 / It gets 1 file as soon as it is here."));
+    press("drop");
+    pass(1s);
+    EXPECT_THAT(screen(), IsEmpty());
+    EXPECT_FALSE(world_.files.exists(outbox / batch));
+}
+
+TEST_F(DesktopNoticesTest, ATextIsToldOfWithWhereItIsAndWithoutWhatItSays) {
+    start();
+    come("correct horse", true);
+    EXPECT_THAT(screen(), ElementsAre("Text from Pixel-8 / 13 characters, on the clipboard"));
+    EXPECT_THAT(last().actions, IsEmpty());
+    EXPECT_EQ(last().category, "im.received");
+    EXPECT_TRUE(last().isTransient);
+    const std::uint64_t tag = last().tag;
+    come("x", false);
+    EXPECT_THAT(screen(), ElementsAre("Text from Pixel-8 / 13 characters, on the clipboard")) << "one a second";
+    pass(1s);
+    EXPECT_THAT(screen(), ElementsAre("Text from Pixel-8 / 1 character, not on the clipboard"));
+    EXPECT_EQ(last().tag, tag);
+    EXPECT_EQ(last().actions, (Actions{{"copy", "Copy"}}));
+    press("copy");
+    EXPECT_THAT(desktop_.take(), ElementsAre("copy x"));
+    desktop_.copying.front()(true);
+    EXPECT_THAT(screen(), ElementsAre("Text from Pixel-8 / 1 character, on the clipboard"));
+}
+
+TEST_F(DesktopNoticesTest, ALinkIsOpenedOnlyWhileItIsTheLastText) {
+    start();
+    come("https://example.org/a?token=b", true, "example.org");
+    EXPECT_EQ(last().actions, (Actions{{"open-link", "Open example.org"}}));
+    EXPECT_EQ(screen().front().find("token"), std::string::npos);
+    press("open-link", "token-1");
+    EXPECT_THAT(desktop_.take(), ElementsAre("link https://example.org/a?token=b with token-1"));
+    pass(2s);
+    come("https://example.org/a", true, "example.org");
+    const auto from = phone(); // another text, of which the desktop does not know yet
+    world_.run(from->send(Row::clipboard("https://other.example/", "text/plain")));
+    settle();
+    press("open-link");
+    EXPECT_THAT(desktop_.take(), IsEmpty());
+}
+
+TEST_F(DesktopNoticesTest, PhonesThatComeAndGo) {
+    start();
+    PeerRecord tablet = world_.phoneRecord();
+    tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    tablet.peer_hostname = "Tablet";
+    pair({world_.phoneRecord(), tablet});
+    pass(5s);
+    EXPECT_THAT(screen(), ElementsAre("Tablet is paired / "));
+    EXPECT_EQ(last().category, "device.added");
+    pair({world_.phoneRecord()});
+    pass(5s);
+    EXPECT_EQ(1U, shown().size()) << "whoever has removed it knows";
+    notices_.unpaired({.from = "Pixel-8", .peerKey = world_.phoneRecord().peer_pubkey, .isForgotten = true});
+    EXPECT_EQ(last().title, "Pixel-8 has removed this computer");
+    EXPECT_EQ(last().category, "device.removed");
+    press("default", "token-1");
+    EXPECT_THAT(desktop_.take(), ElementsAre("raise with token-1"));
+}
+
+TEST_F(DesktopNoticesTest, AFolderThatCannotBeWrittenToIsToldOfOnceUntilAFileCame) {
+    start();
+    notices_.cannotSave(downloads);
+    notices_.cannotSave(downloads);
+    EXPECT_THAT(screen(),
+                ElementsAre("Orlinth cannot receive / Files cannot be saved in /home/ann/Downloads. Check that "
+                            "it can be written to, and that the disk is not full."));
+    EXPECT_TRUE(last().isUrgent);
+    EXPECT_EQ(last().category, "device.error");
+    press("");
+    notices_.cannotSave(downloads);
+    EXPECT_THAT(screen(), IsEmpty());
+    deliver("a.jpg");
+    passAndForward(1s);
+    EXPECT_EQ(1U, screen().size());
+    notices_.cannotSave(downloads);
+    EXPECT_EQ(2U, screen().size());
+}
+
+TEST_F(DesktopNoticesTest, APortThatIsGoneIsToldOfUntilItIsBack) {
+    start();
+    std::optional<BorrowedPort> borrowed = world_.run(BorrowedPort::borrow(home_, std::nullopt));
+    ASSERT_TRUE(borrowed);
+    settle();
+    borrowed->takeListener()->close();
+    settle();
+    std::unique_ptr<platform::Listener> other = // the moment in which nobody has it
+        world_.network.listen({.port = port, .keepAlive = std::nullopt}, world_.context.get_executor());
+    borrowed.reset();
+    pass(2s);
+    EXPECT_THAT(screen(), IsEmpty());
+    pass(60s);
+    EXPECT_THAT(screen(),
+                ElementsAre("Orlinth cannot receive / Port 7100 cannot be opened. Another program may have it. "
+                            "Orlinth tries again every second."));
+    EXPECT_EQ(1U, shown().size());
+    EXPECT_TRUE(last().isUrgent);
+    other.reset();
+    pass(2s);
+    EXPECT_THAT(screen(), IsEmpty());
+}
+
+TEST_F(DesktopNoticesTest, NothingIsDoneForAClickOnceTheServiceHasEnded) {
+    start();
+    deliver("a.jpg");
+    passAndForward(1s);
+    come("x", false);
+    stop();
+    EXPECT_THAT(screen(), ElementsAre("a.jpg from Pixel-8 / 16 bytes in Downloads")) << "the text is forgotten";
+    EXPECT_EQ(0U, world_.clock.pendingAlarms());
+}
+
+} // namespace
+} // namespace orlinth::host
