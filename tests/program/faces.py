@@ -170,6 +170,12 @@ class SocketFace:
     def drop(self, batch, phone):
         self.ask("outbox_drop", batch=batch)
 
+    def answer_offer(self, offer, accepts):
+        self.ask("accept" if accepts else "decline", offer=offer)
+
+    def pair(self):
+        return SocketPairing(self)
+
     @staticmethod
     def entry(line):
         return {"direction": line["direction"], "phone": line["phone"], "name": line["file"], "state": line["outcome"],
@@ -204,6 +210,11 @@ class SocketFace:
                                                "state": line["state"], "problem": line.get("message", "")})
                     elif event == "history_added":
                         watcher.tell("history", self.entry(line) if line else {})
+                    elif event == "offer":
+                        watcher.tell("offer", {"id": line["offer"], "name": line["name"], "size": line["size"],
+                                               "is_asked": "expires_epoch_ms" in line})
+                    elif event == "offer_gone":
+                        watcher.tell("offer gone", {"id": line["offer"]})
                     elif event == "batch_gone":
                         watcher.tell("batch gone", {"id": line["batch"]})
                     elif event == "phone_gone":
@@ -215,6 +226,34 @@ class SocketFace:
         if not current.wait(PATIENCE):
             raise AssertionError("it does not say what there is")
         return watcher
+
+
+class SocketPairing:
+    """A pairing of whoever has the connection."""
+
+    def __init__(self, face):
+        self.face = face
+        self.connection = face.connect({"request": "pair", "interface": "lo"})
+        waiting = face.line(self.connection)
+        if "error" in waiting:
+            raise Refused(waiting["error"])
+        [number] = socket.recv_fds(self.connection, 1, 1)[1]
+        self.code = content_of(number)
+
+    def code_for_join(self, folder):
+        """What a phone is given in place of a look at the screen."""
+        file = folder / "payload.json"
+        file.write_bytes(self.code)
+        return ["--payload", str(file)]
+
+    def wait(self, state):
+        line = self.face.line(self.connection)
+        while line["state"] != state:
+            line = self.face.line(self.connection)
+        return {"phone": line["phone"], "code": line["confirmation_code"]}
+
+    def confirm(self, is_same):
+        self.connection.sendall(json.dumps({"confirm": is_same}).encode() + b"\n")
 
 
 class BusFace:
@@ -292,6 +331,12 @@ class BusFace:
     def drop(self, batch, phone):
         self.call(self.batch_path(batch, phone), "Batch", "Cancel")
 
+    def answer_offer(self, offer, accepts):
+        self.call(f"{ROOT}/offers/{offer}", "Offer", "Accept" if accepts else "Decline")
+
+    def pair(self):
+        return BusPairing(self)
+
     def objects(self, kind):
         [managed] = self.call(ROOT, OBJECTS, "GetManagedObjects").values
         return {path: interfaces[f"{NAME}.{kind}"] for path, interfaces in managed.items()
@@ -310,6 +355,33 @@ class BusFace:
         [managed] = client.call(NAME, ROOT, OBJECTS, "GetManagedObjects").values
         watcher.begin(managed)
         return watcher
+
+
+class BusPairing:
+    """A pairing of the connection that has asked for it."""
+
+    def __init__(self, face):
+        self.face = face
+        face.client.listen(f"type='signal',path='{ROOT}/pairing'")
+        [self.path] = face.call(ROOT, "Service", "Pair", "a{sv}", {"interface": ("s", "lo")}).values
+        [number] = face.call(self.path, "Pairing", "GetCode").descriptors
+        self.code = content_of(number)
+
+    def code_for_join(self, folder):
+        """What a phone is given in place of a look at the screen."""
+        file = folder / "code.png"
+        file.write_bytes(self.code)
+        return ["--qr", str(file)]
+
+    def wait(self, state):
+        self.face.client.wait_until(
+            lambda: any(message.type == SIGNAL and message.member == "PropertiesChanged"
+                        and message.values[1].get("State") == state for message in self.face.client.messages), state)
+        [of] = self.face.call(self.path, "org.freedesktop.DBus.Properties", "GetAll", "s", f"{NAME}.Pairing").values
+        return {"phone": of["PhoneName"], "code": of["ConfirmationCode"]}
+
+    def confirm(self, is_same):
+        self.face.call(self.path, "Pairing", "Confirm", "b", is_same)
 
 
 class BusWatcher(Watcher):
@@ -365,6 +437,8 @@ class BusWatcher(Watcher):
     def names_of(path, kind, properties):
         if kind == "Phone":
             return {"key": properties["PublicKey"]}
+        if kind == "Offer":
+            return {"id": int(path.rsplit("/", 1)[1])}
         if kind == "Batch":
             return {"id": path.rsplit("/", 1)[1].rsplit("_", 1)[0].replace("_", "-")}
         return {}
@@ -379,6 +453,9 @@ class BusWatcher(Watcher):
                                    "batch": of["Batch"], "state": of["State"], "done": of["BytesDone"],
                                    "total": of["BytesTotal"], "rate": of["BytesPerSecond"], "path": of["Path"],
                                    "problem": of["Problem"][0]})
+        elif kind == "Offer":
+            self.tell("offer", {**self.names_of(path, kind, of), "name": of["Name"], "size": of["Size"],
+                                "is_asked": of["Expires"] > 0})
         elif kind == "Batch":
             self.tell("batch", {**self.names_of(path, kind, of), "phone": of["Phone"], "files": of["FilesTotal"],
                                 "files_done": of["FilesDone"], "state": of["State"], "problem": of["Problem"][0]})
