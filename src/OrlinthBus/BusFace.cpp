@@ -439,7 +439,8 @@ void BusFace::setSetting(BusCall call) {
     host::SettingValue value;
     try {
         name = call.readText();
-        value = call.readValue();
+        value = std::visit([](auto&& read) { return host::SettingValue(std::forward<decltype(read)>(read)); },
+                           call.readValue());
     } catch (const platform::SystemError& error) {
         call.fail("InvalidArgument", error.description());
         return;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "OrlinthBus/BusTree.h"
+#include "OrlinthBus/BusCall.h"
 #include "OrlinthHost/Home.h"
 #include "platform/TaskGroup.h"
 #include "platform/linux/BusLoop.h"

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "OrlinthBus/BusCall.h"
 #include "OrlinthBus/BusPeers.h"
-#include "OrlinthBus/BusTree.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "platform/TaskGroup.h"

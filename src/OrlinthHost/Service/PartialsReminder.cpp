@@ -45,7 +45,9 @@ void PartialsReminder::lookIn(Seconds delay) {
 }
 
 void PartialsReminder::look() {
-    tidy(folder_);
+    for (const platform::Path& folder : folders_()) {
+        tidy(folder);
+    }
     tidy(home_.dataDirectory());
     try {
         std::vector<std::pair<platform::Path, Reminder>> reminders;

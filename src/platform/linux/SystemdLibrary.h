@@ -49,7 +49,6 @@ struct SystemdLibrary {
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_is_method_error);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_call);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_return);
-    ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_method_return);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_new_signal);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_open_container);
     ORLINTH_LIBRARY_FUNCTION(library, sd_bus_message_peek_type);

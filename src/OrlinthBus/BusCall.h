@@ -1,0 +1,74 @@
+#pragma once
+
+#include "platform/linux/Descriptor.h"
+#include "platform/linux/SessionBus.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace orlinth::bus {
+
+/// What callers may give for an option: a flag, a whole number of any type that fits, or a text.
+using BusOption = std::variant<bool, std::int64_t, std::string>;
+using BusOptions = std::map<std::string, BusOption>;
+
+/// A method call that waits for its answer. Exactly one of the last two is called, once; a call that is let go of
+/// without is answered by an error.
+class BusCall {
+public:
+    /// Keeps the message.
+    explicit BusCall(sd_bus_message* message) noexcept;
+    BusCall(BusCall&&) noexcept = default;
+    BusCall& operator=(BusCall&&) noexcept = default;
+    BusCall(const BusCall&) = delete;
+    BusCall& operator=(const BusCall&) = delete;
+    ~BusCall();
+
+    [[nodiscard]] std::string path() const;
+    [[nodiscard]] std::string member() const;
+    /// The name that the bus itself has given the caller.
+    [[nodiscard]] std::string sender() const;
+    /// "" if the caller has named none.
+    [[nodiscard]] std::string interface() const;
+    /// The next argument, a list of texts or of paths. @throws std::exception if it is none, or longer than `most`
+    [[nodiscard]] std::vector<std::string> readTexts(char type, std::size_t most);
+    /// The next argument, "v". @throws std::exception if it is none, or holds something else than a BusOption
+    [[nodiscard]] BusOption readValue();
+    /// The next argument, a{sv}; values that are no BusOption are left out. @throws std::exception if it is none, or
+    /// has too many
+    [[nodiscard]] BusOptions readOptions();
+    /// The next argument, "b". @throws std::exception
+    [[nodiscard]] bool readFlag();
+    /// The same, "s".
+    [[nodiscard]] std::string readText();
+    /// The same, "t" or "u".
+    template <typename Number>
+    [[nodiscard]] Number readNumber();
+    /// The same, "h", under a number of our own.
+    [[nodiscard]] platform::detail::Descriptor readDescriptor();
+
+    void reply();
+    void reply(const std::string& text);
+    /// With what `append` appends; negative: the library has refused.
+    void reply(const std::function<int(sd_bus_message*)>& append);
+    /// `name` is the last part of the error's name; `message` for people, with a hint in a line of its own.
+    void fail(const char* name, const std::string& message);
+
+private:
+    void readBasic(char type, void* value);
+
+    std::unique_ptr<sd_bus_message, platform::detail::Freer<platform::detail::freeBusMessage>> message_;
+};
+
+template <>
+std::uint32_t BusCall::readNumber<std::uint32_t>();
+template <>
+std::uint64_t BusCall::readNumber<std::uint64_t>();
+
+} // namespace orlinth::bus
