@@ -188,6 +188,12 @@ class SocketFace:
     def set(self, name, value):
         self.ask("set", setting=name, value=value)
 
+    def answer_offer(self, offer, accepts):
+        self.ask("accept" if accepts else "decline", offer=offer)
+
+    def pair(self):
+        return SocketPairing(self)
+
     @staticmethod
     def entry(line):
         return {"direction": line["direction"], "phone": line["phone"], "name": line["file"], "state": line["outcome"],
@@ -226,6 +232,11 @@ class SocketFace:
                         watcher.tell("offer", {"id": line["offer"], "name": line["name"], "size": line["size"]})
                     elif event == "offer_gone":
                         watcher.tell("offer gone", {"id": line["offer"]})
+                    elif event == "offer":
+                        watcher.tell("offer", {"id": line["offer"], "name": line["name"], "size": line["size"],
+                                               "is_asked": "expires_epoch_ms" in line})
+                    elif event == "offer_gone":
+                        watcher.tell("offer gone", {"id": line["offer"]})
                     elif event == "batch_gone":
                         watcher.tell("batch gone", {"id": line["batch"]})
                     elif event == "phone_gone":
@@ -237,6 +248,34 @@ class SocketFace:
         if not current.wait(PATIENCE):
             raise AssertionError("it does not say what there is")
         return watcher
+
+
+class SocketPairing:
+    """A pairing of whoever has the connection."""
+
+    def __init__(self, face):
+        self.face = face
+        self.connection = face.connect({"request": "pair", "interface": "lo"})
+        waiting = face.line(self.connection)
+        if "error" in waiting:
+            raise Refused(waiting["error"])
+        [number] = socket.recv_fds(self.connection, 1, 1)[1]
+        self.code = content_of(number)
+
+    def code_for_join(self, folder):
+        """What a phone is given in place of a look at the screen."""
+        file = folder / "payload.json"
+        file.write_bytes(self.code)
+        return ["--payload", str(file)]
+
+    def wait(self, state):
+        line = self.face.line(self.connection)
+        while line["state"] != state:
+            line = self.face.line(self.connection)
+        return {"phone": line["phone"], "code": line["confirmation_code"]}
+
+    def confirm(self, is_same):
+        self.connection.sendall(json.dumps({"confirm": is_same}).encode() + b"\n")
 
 
 class BusFace:
@@ -329,6 +368,12 @@ class BusFace:
         kind = "b" if isinstance(value, bool) else "t" if isinstance(value, int) else "s"
         self.call(ROOT, "Service", "SetSetting", "sv", name, (kind, value))
 
+    def answer_offer(self, offer, accepts):
+        self.call(f"{ROOT}/offers/{offer}", "Offer", "Accept" if accepts else "Decline")
+
+    def pair(self):
+        return BusPairing(self)
+
     def objects(self, kind):
         [managed] = self.call(ROOT, OBJECTS, "GetManagedObjects").values
         return {path: interfaces[f"{NAME}.{kind}"] for path, interfaces in managed.items()
@@ -347,6 +392,33 @@ class BusFace:
         [managed] = client.call(NAME, ROOT, OBJECTS, "GetManagedObjects").values
         watcher.begin(managed)
         return watcher
+
+
+class BusPairing:
+    """A pairing of the connection that has asked for it."""
+
+    def __init__(self, face):
+        self.face = face
+        face.client.listen(f"type='signal',path='{ROOT}/pairing'")
+        [self.path] = face.call(ROOT, "Service", "Pair", "a{sv}", {"interface": ("s", "lo")}).values
+        [number] = face.call(self.path, "Pairing", "GetCode").descriptors
+        self.code = content_of(number)
+
+    def code_for_join(self, folder):
+        """What a phone is given in place of a look at the screen."""
+        file = folder / "code.png"
+        file.write_bytes(self.code)
+        return ["--qr", str(file)]
+
+    def wait(self, state):
+        self.face.client.wait_until(
+            lambda: any(message.type == SIGNAL and message.member == "PropertiesChanged"
+                        and message.values[1].get("State") == state for message in self.face.client.messages), state)
+        [of] = self.face.call(self.path, "org.freedesktop.DBus.Properties", "GetAll", "s", f"{NAME}.Pairing").values
+        return {"phone": of["PhoneName"], "code": of["ConfirmationCode"]}
+
+    def confirm(self, is_same):
+        self.face.call(self.path, "Pairing", "Confirm", "b", is_same)
 
 
 class BusWatcher(Watcher):
@@ -402,6 +474,8 @@ class BusWatcher(Watcher):
     def names_of(path, kind, properties):
         if kind == "Phone":
             return {"key": properties["PublicKey"]}
+        if kind == "Offer":
+            return {"id": int(path.rsplit("/", 1)[1])}
         if kind == "Batch":
             return {"id": path.rsplit("/", 1)[1].rsplit("_", 1)[0].replace("_", "-")}
         if kind == "Offer":
@@ -420,6 +494,9 @@ class BusWatcher(Watcher):
                                    "problem": of["Problem"][0]})
         elif kind == "Offer" and of["Expires"]:
             self.tell("offer", {**self.names_of(path, kind, of), "name": of["Name"], "size": of["Size"]})
+        elif kind == "Offer":
+            self.tell("offer", {**self.names_of(path, kind, of), "name": of["Name"], "size": of["Size"],
+                                "is_asked": of["Expires"] > 0})
         elif kind == "Batch":
             self.tell("batch", {**self.names_of(path, kind, of), "phone": of["Phone"], "files": of["FilesTotal"],
                                 "files_done": of["FilesDone"], "state": of["State"], "problem": of["Problem"][0]})

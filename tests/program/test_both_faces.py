@@ -10,7 +10,7 @@ import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
 from bus_client import BUS, BusClient, BusError
 from faces import FACES, NAME, ROOT, BusFace, Refused, sealed_memory
-from harness import MIB, PATIENCE, random_key, unused_port
+from harness import MIB, PATIENCE, Identity, random_key, unused_port
 from https_server import PushServer
 from outbox_world import OutboxTest
 from private_bus import BusTestMixin
@@ -241,6 +241,46 @@ def the_history_is_followed_read_and_cleared(test, face):
         test.assertIn(("history", {}), watcher.told)
     test.end(service)
     test.end(receiving)
+
+
+# Questions and pairings
+
+@row
+def an_offered_file_is_taken_or_declined(test, face):
+    service = test.serve(test.mac, "--accept", "ask")
+    test.phone.record(test.mac, service.port)
+    watcher = face.watch()
+    for name, accepts in (("yes.txt", True), ("no.txt", False)):
+        sending = test.running(test.phone, "send", "--to", "mac", "--json", str(test.file(name, CONTENT)))
+        offer = watcher.wait("offer", name=name, is_asked=True)
+        test.assertEqual(len(CONTENT), offer["size"])
+        face.answer_offer(offer["id"], accepts)
+        test.assertEqual(0 if accepts else 1, sending.wait(), sending.stderr)
+        watcher.wait("offer gone", id=offer["id"])
+        test.assert_missing(face.answer_offer, offer["id"], True)
+    test.assertEqual(CONTENT, (test.mac.downloads / "yes.txt").read_bytes())
+    test.assertFalse((test.mac.downloads / "no.txt").exists())
+    test.end(service)
+
+
+@row
+def a_phone_is_paired(test, face):
+    tablet = Identity(test.folder, "tablet")
+    service = test.serve(test.mac)
+    watcher = face.watch()
+    pairing = face.pair()
+    test.assertEqual("another pairing is under way", test.refusal(face.pair).text)
+    joined = test.running(tablet, "join", "--listen-port", str(unused_port()), "--json", "--yes",
+                          *pairing.code_for_join(test.folder))
+    test.assertEqual(0, joined.wait(), joined.stderr)
+    confirming = pairing.wait("confirming")
+    test.assertEqual(joined.events.find("introduction")["confirmation_code"], confirming["code"])
+    test.assertEqual({"phone"}, test.peers(test.mac), "nobody has confirmed")
+    pairing.confirm(True)
+    test.assertEqual(confirming, pairing.wait("done"))
+    watcher.wait("phone", key=tablet.key, name=confirming["phone"])
+    test.end(service)
+    return None if face.name == "socket" else confirming["code"]
 
 
 # Files

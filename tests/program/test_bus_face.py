@@ -11,10 +11,10 @@ import xml.etree.ElementTree
 
 import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
-from service_client import BusClient
 from harness import MIB, PATIENCE, Identity
 from outbox_world import OutboxTest
 from private_bus import BusTestMixin
+from service_client import ServiceClient
 
 NAME = "com.tarvinex.orlinth1"
 ROOT = "/com/tarvinex/orlinth1"
@@ -160,7 +160,7 @@ class BusFace(BusTestMixin, OutboxTest):
 
     def be_asked(self, service):
         """Until the phone has offered a file, somebody is to say whether to take it, and a pairing runs."""
-        client = BusClient(self.address)
+        client = ServiceClient(self.address)
         self.addCleanup(client.close)
         client.call(ROOT, "org.freedesktop.DBus.Peer", "Ping")
         monitor = self.monitor()

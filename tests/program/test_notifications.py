@@ -243,6 +243,7 @@ class Notifications(NotificationTest):
         sending = self.running(self.phone, "send", str(self.file("a.txt", b"a")))
         self.daemon.wait_until(lambda: any("accept" in one["actions"] for one in self.daemon.all), "question")
         [question] = [one for one in self.daemon.all if "accept" in one["actions"]]
+        self.assertEqual(("phone wants to send a.txt", "1 byte"), (question["title"], question["body"]))
         self.assertNotIn("default", question["actions"], "a click must not be an answer")
         self.assertEqual(2, question["hints"]["urgency"])
         self.daemon.press(question, "accept")

@@ -6,32 +6,20 @@ import socket
 import subprocess
 
 import own_root  # noqa: F401 (it is entered by the import)
-import private_bus
 import side_by_side
-from service_client import BusClient, BusError
 from harness import ORLINTH, PATIENCE, Events
 from outbox_world import OutboxTest
+from private_bus import BusTestMixin
+from service_client import NAME, ROOT, BusError, ServiceClient
 from terminal import Terminal
 
-NAME = "com.tarvinex.orlinth1"
-ROOT = "/com/tarvinex/orlinth1"
 NOBODY = "there is nobody to ask whether to take files, so they are declined"
 
 
-class Offers(OutboxTest):
+class Offers(BusTestMixin, OutboxTest):
     def setUp(self):
         super().setUp()
-        folder = self.folder / "bus"
-        folder.mkdir()
-        daemon = subprocess.Popen(private_bus.command(folder), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(daemon.stdout.close)
-        self.addCleanup(daemon.wait)
-        self.addCleanup(daemon.kill)
-        self.address = daemon.stdout.readline().decode().strip()
-        # the usual folder: only the service of that one has a name on the bus
-        self.mac.environment.pop("XDG_DATA_HOME")
-        self.mac.data = self.mac.root / ".local" / "share"
-        self.mac.environment["DBUS_SESSION_BUS_ADDRESS"] = self.address
+        self.on_usual_folder(self.mac)
         self.mac.record(self.phone)
         self.phone.record(self.mac)
 
@@ -45,7 +33,7 @@ class Offers(OutboxTest):
         return self.running(self.phone, "send", "--to", "mac", "--json", str(self.file(name, content)))
 
     def client(self):
-        client = BusClient(self.address)
+        client = ServiceClient(self.address)
         self.addCleanup(client.close)
         return client
 
@@ -143,8 +131,7 @@ class Offers(OutboxTest):
             return [path for path in managed if path.startswith(f"{ROOT}/offers/")]
 
         self.assertEqual([], offers())
-        client.call("/org/freedesktop/DBus", "org.freedesktop.DBus", "AddMatch", "s",
-                    f"type='signal',sender='{NAME}',member='InterfacesAdded'", destination="org.freedesktop.DBus")
+        client.follow()
         sending = self.offer()
         path = client.wait_for_signal("InterfacesAdded", lambda values: values[0].startswith(f"{ROOT}/offers/"))[0]
         client.call(path, f"{NAME}.Offer", "Accept")

@@ -1,32 +1,29 @@
 """A pairing that the service itself runs for a program on the session's bus, or at its socket: only that program gets the
 code and confirms, and the secret is in no message."""
 
+import base64
 import fcntl
 import json
 import os
 import socket
 import struct
 import subprocess
+import time
 import zlib
 
 import own_root  # noqa: F401 (it is entered by the import)
-import private_bus
 import side_by_side
-from service_client import BusClient, BusError
-from harness import PATIENCE, Events, Identity, unused_port
+from bus_client import BusClient
+from harness import PATIENCE, Identity, unused_port
 from outbox_world import OutboxTest
+from private_bus import BusTestMixin
+from service_client import NAME, ROOT, BusError, ServiceClient
 
-NAME = "com.tarvinex.orlinth1"
-ROOT = "/com/tarvinex/orlinth1"
 PAIRING = f"{ROOT}/pairing"
 PROPERTIES = "org.freedesktop.DBus.Properties"
 ZBARIMG = ["zbarimg", "-q", "--raw", "-Sdisable", "-Sqrcode.enable"]
 ALL_SEALS = 0xF  # seal, shrink, grow, write: linux/fcntl.h
 F_GET_SEALS = 1034
-
-
-def said(monitored):
-    return b"".join(monitored.not_json).decode()
 
 
 def line_from(connection):
@@ -74,41 +71,25 @@ def enlarged(png, scale):
             chunk(b"IDAT", zlib.compress(large)) + chunk(b"IEND", b""))
 
 
-class PairingService(OutboxTest):
+class PairingService(BusTestMixin, OutboxTest):
     def setUp(self):
         super().setUp()
-        folder = self.folder / "bus"
-        folder.mkdir()
-        daemon = subprocess.Popen(private_bus.command(folder), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(daemon.stdout.close)
-        self.addCleanup(daemon.wait)
-        self.addCleanup(daemon.kill)
-        self.address = daemon.stdout.readline().decode().strip()
         # neither knows the other
         self.mac = Identity(self.folder, "desk")
         self.phone = Identity(self.folder, "handset")
-        # the usual folder: only the service of that one has a name on the bus
-        self.mac.environment.pop("XDG_DATA_HOME")
-        self.mac.data = self.mac.root / ".local" / "share"
-        self.mac.environment["DBUS_SESSION_BUS_ADDRESS"] = self.address
+        self.on_usual_folder(self.mac)
 
     def client(self):
-        client = BusClient(self.address)
+        client = ServiceClient(self.address)
         self.addCleanup(client.close)
         return client
 
     def monitor(self):
-        """What a monitor of the bus writes; said() of it grows."""
-        process = subprocess.Popen(["busctl", f"--address={self.address}", "--json=short", "monitor"],
-                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
-        monitored = Events(process.stdout)
-        while not said(monitored):  # it says nothing when it begins
-            subprocess.run(["busctl", f"--address={self.address}", "status"], stdout=subprocess.DEVNULL,
-                           stderr=subprocess.DEVNULL, timeout=PATIENCE)
-        return monitored
+        """Hears everything that comes over the bus from now on."""
+        monitor = BusClient(self.address)
+        self.addCleanup(monitor.close)
+        monitor.become_monitor()
+        return monitor
 
     def pair(self, client, **options):
         options = {"interface": ("s", "lo"), **options}
@@ -118,10 +99,6 @@ class PairingService(OutboxTest):
     def state(self, client):
         [values] = client.call(PAIRING, PROPERTIES, "GetAll", "s", f"{NAME}.Pairing")
         return values
-
-    def follow(self, client):
-        client.call("/org/freedesktop/DBus", "org.freedesktop.DBus", "AddMatch", "s",
-                    f"type='signal',sender='{NAME}'", destination="org.freedesktop.DBus")
 
     def await_state(self, client, state):
         client.wait_for_signal("PropertiesChanged", lambda values: values[0] == f"{NAME}.Pairing"
@@ -166,9 +143,9 @@ class PairingService(OutboxTest):
 
     def test_a_phone_is_paired_and_no_message_has_the_secret(self):
         service = self.serve(self.mac)
-        monitored = self.monitor()
+        monitor = self.monitor()
         client = self.client()
-        self.follow(client)
+        client.follow()
         self.pair(client)
         before = self.state(client)
         self.assertEqual(("waiting", "", "", "", ("", "")),
@@ -190,17 +167,19 @@ class PairingService(OutboxTest):
         sending = self.running(self.phone, "send", "--json", str(self.file("a.txt", b"a")))
         self.assertEqual(0, sending.wait(), sending.stderr)
         self.assertEqual(b"a", (self.mac.downloads / "a.txt").read_bytes())
-        monitored.wait_until(lambda: '"done"' in said(monitored), "that it is done")
-        self.assertIn(f'"{digits}"', said(monitored), "the monitor has seen the pairing")
-        self.assertNotIn(payload["pairing_secret"], said(monitored))
-        self.assertNotIn("pairing_secret", said(monitored))
+        monitor.wait_until(lambda: any(b"done\0" in message.raw for message in monitor.messages), "that it is done")
+        everything = b"".join(message.raw for message in monitor.messages)
+        self.assertIn(digits.encode() + b"\0", everything, "the monitor has seen the pairing")
+        secret = payload["pairing_secret"]
+        for what in (secret.encode(), base64.b64decode(secret), b"pairing_secret", b"PNG"):
+            self.assertNotIn(what, everything)
         self.end(service)
         self.assertNotIn(payload["pairing_secret"], service.stderr + json.dumps(service.events.all))
 
     def test_nobody_else_sees_the_code_confirms_or_cancels(self):
         service = self.serve(self.mac)
         owner, other = self.client(), self.client()
-        self.follow(owner)
+        owner.follow()
         self.assertIn("Unknown object", self.failure(other, PAIRING, "Pairing", "GetCode")[1])
         self.pair(owner)
         payload = self.scanned(self.picture(owner))
@@ -220,10 +199,10 @@ class PairingService(OutboxTest):
     def test_it_ends_with_the_connection_of_whoever_has_begun_it(self):
         service = self.serve(self.mac)
         other = self.client()
-        self.follow(other)
+        other.follow()
         for happens_while_confirming in (False, True):
             owner = self.client()
-            self.follow(owner)
+            owner.follow()
             self.pair(owner)
             if happens_while_confirming:
                 self.joined(self.scanned(self.picture(owner)))
@@ -240,10 +219,30 @@ class PairingService(OutboxTest):
         other.wait_for_signal("InterfacesRemoved", lambda values: values[0] == PAIRING)
         self.end(service)
 
+    def test_it_does_not_stay_for_somebody_who_has_left_meanwhile(self):
+        service = self.serve(self.mac)
+        other = self.client()
+        for _ in range(5):
+            owner = self.client()
+            owner.send(ROOT, f"{NAME}.Service", "Pair", "a{sv}", {"interface": ("s", "lo")})
+            owner.close()
+            ends = time.monotonic() + PATIENCE
+            while True:  # each turn waits for an answer
+                try:
+                    self.pair(other)
+                    break
+                except BusError as error:
+                    self.assertEqual(f"{NAME}.Error.Busy", error.name)
+                    self.assertLess(time.monotonic(), ends, "it waits for the phone of nobody")
+            other.close()
+            other = self.client()
+        self.assertEqual([], self.records())
+        self.end(service)
+
     def test_one_at_a_time_with_the_command_line(self):
         service = self.serve(self.mac)
         client = self.client()
-        self.follow(client)
+        client.follow()
         self.pair(client)
         result = self.mac.run("pair", "--yes", "--no-advertise", "--interface", "lo")
         self.assertEqual(1, result.returncode)
@@ -259,6 +258,8 @@ class PairingService(OutboxTest):
 
     def test_a_program_at_the_socket_pairs_too(self):
         service = self.serve(self.mac)
+        other = self.client()
+        other.follow()
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
             connection.settimeout(PATIENCE)
             folder = os.open(self.mac.data / "Orlinth", os.O_PATH)  # the path may be too long for a socket
@@ -268,6 +269,8 @@ class PairingService(OutboxTest):
                 os.close(folder)
             connection.sendall(b'{"request":"pair","interface":"lo"}\n')
             waiting = line_from(connection)
+            other.wait_for_signal("InterfacesAdded", lambda values: values[0] == PAIRING)
+            self.assertEqual("NotAllowed", self.failure(other, PAIRING, "Pairing", "GetCode")[0])
             self.assertEqual(["event", "expires_epoch_ms", "state"], sorted(waiting))
             [descriptor] = socket.recv_fds(connection, 1, 1)[1]
             try:
@@ -297,7 +300,7 @@ class PairingService(OutboxTest):
         self.assertEqual("Failed", kind)
         self.assertEqual("there is no interface 'nowhere0' that is up and has an IPv4 address\n"
                          "`ip -brief address` lists the interfaces.", text)
-        self.follow(client)
+        client.follow()
         self.port_is_back(client)
         self.pair(client, timeout=("u", 1), unknown=("a{sv}", {"x": ("u", 1)}))
         failed = self.await_state(client, "failed")

@@ -2,6 +2,7 @@
 
 #include "OrlinthHost/HumanText.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Service/NoticeText.h"
 #include "OrlinthHost/Service/OfferQueue.h"
 #include "base/Text.h"
 #include "orlinth/Asking/Answer.h"
@@ -51,14 +52,19 @@ std::uint64_t tagOf(host::OfferNumber number) {
 } // namespace
 
 bool OfferQuestions::ask(const host::OfferView& offer, Answer answer) {
-    const std::string text = host::phoneForDisplay(host_, offer.phone, offer.peerKey) + " wants to send " +
-                             forDisplay(offer.name) + " (" + host::humanSize(offer.size) + "). Take it?";
+    const std::string phone = host::phoneForDisplay(host_, offer.phone, offer.peerKey);
+    const std::string size = host::humanSize(offer.size);
     if (isTerminalOurs()) {
-        askOnTerminal(offer.number, text, answer);
+        askOnTerminal(offer.number, phone + " wants to send " + forDisplay(offer.name) + " (" + size + "). Take it?",
+                      answer);
         return true;
     }
     if (host_.system.notifications.isAvailable()) {
-        askOnDesktop(offer.number, text, std::move(answer));
+        askOnDesktop(
+            offer.number,
+            {.title = host::notices::shortName(phone) + " wants to send " + host::notices::shortName(offer.name),
+             .body = size},
+            std::move(answer));
         return true;
     }
     return false;
@@ -106,15 +112,15 @@ void OfferQuestions::declineWithoutTerminal(Host& host, const Answer& answer, co
     answer(false);
 }
 
-void OfferQuestions::askOnDesktop(host::OfferNumber number, const std::string& text, Answer answer) {
-    platform::Notification notification{.title = "Orlinth",
-                                        .body = text,
-                                        .actions = {{acceptKey, "Accept"}, {declineKey, "Decline"}},
-                                        .isUrgent = true,
-                                        .shownFor = host::OfferQueue::patience,
-                                        .tag = tagOf(number)};
+/// Without anything that a click on the notification itself would do, which might be taken for an answer.
+void OfferQuestions::askOnDesktop(host::OfferNumber number, platform::Notification question, Answer answer) {
+    question.actions = {{acceptKey, "Accept"}, {declineKey, "Decline"}};
+    question.isUrgent = true;
+    question.shownFor = host::OfferQueue::patience;
+    question.tag = tagOf(number);
+    question.category = "transfer";
     auto onPressed = [answer = std::move(answer)](const std::string& key) { answer(key == acceptKey); };
-    host_.system.notifications.show(std::move(notification), host_.tasks.executor(), std::move(onPressed));
+    host_.system.notifications.show(std::move(question), host_.tasks.executor(), std::move(onPressed));
     asked_ = {.number = number};
 }
 

@@ -35,7 +35,7 @@ private:
     };
 
     void askOnTerminal(host::OfferNumber number, const std::string& text, const Answer& answer);
-    void askOnDesktop(host::OfferNumber number, const std::string& text, Answer answer);
+    void askOnDesktop(host::OfferNumber number, platform::Notification question, Answer answer);
     /// Refers to nothing of this object: it may end a little later.
     [[nodiscard]] static Task<> awaitLine(Host& host, std::unique_ptr<platform::DescriptorWatch> typing, Answer answer);
     static void declineWithoutTerminal(Host& host, const Answer& answer, const std::string& trouble);

@@ -40,9 +40,8 @@ protected:
     [[nodiscard]] std::vector<std::string> filesAsked() {
         std::vector<std::string> names;
         for (const auto& one : shown()) {
-            const std::string& body = one.notification.body;
-            const std::size_t begin = body.find("send ") + 5;
-            names.push_back(body.substr(begin, body.find(" (") - begin));
+            const std::string& title = one.notification.title;
+            names.push_back(title.substr(title.find("send ") + 5));
         }
         return names;
     }
@@ -72,7 +71,10 @@ TEST_F(OfferQuestionsTest, TakesTheFileThatIsAcceptedOnTheDesktop) {
     world_.alongside(ask("a.txt", first_));
     settle();
     ASSERT_EQ(1U, shown().size());
-    EXPECT_EQ("Pixel-8 wants to send a.txt (1.0 kB). Take it?", shown()[0].notification.body);
+    EXPECT_EQ("Pixel-8 wants to send a.txt", shown()[0].notification.title);
+    EXPECT_EQ("1.0 kB", shown()[0].notification.body);
+    EXPECT_EQ("", shown()[0].notification.clickLabel) << "a click must not be an answer";
+    EXPECT_TRUE(shown()[0].notification.isUrgent);
     EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{{"accept", "Accept"}, {"decline", "Decline"}}),
               shown()[0].notification.actions);
     EXPECT_FALSE(first_);
@@ -94,7 +96,7 @@ TEST_F(OfferQuestionsTest, SaysWhichOfTwoPhonesItIsWhoseNamesLookAlike) {
     world_.alongside(askOf("BBBBBBBBBBBBBBBB"));
     settle();
     ASSERT_EQ(1U, shown().size());
-    EXPECT_EQ("Pixel-8 (key BBBBBBBBBBBB) wants to send a.txt (1.0 kB). Take it?", shown()[0].notification.body);
+    EXPECT_EQ("Pixel-8 (key BBBBBBBBBBBB) wants to send a.txt", shown()[0].notification.title);
     world_.notifications.answer(0, "decline");
     fakes::runUntilIdle(world_.context, world_.clock);
 }
@@ -108,10 +110,10 @@ TEST_F(OfferQuestionsTest, AsksInOneLineThatNothingHidesIn) {
     world_.alongside(ask(name, first_));
     settle();
     ASSERT_EQ(1U, shown().size());
-    const std::string& body = shown()[0].notification.body;
-    EXPECT_TRUE(body.starts_with("Pixel-8 wants to send invoice.pdf\\u{202E}")) << body;
-    EXPECT_TRUE(body.ends_with(".exe (1.0 kB). Take it?")) << body;
-    EXPECT_LT(body.size(), 300U);
+    const std::string& title = shown()[0].notification.title;
+    EXPECT_TRUE(title.starts_with("Pixel-8 wants to send invoice.pdf\\u{202E}")) << title;
+    EXPECT_TRUE(title.ends_with(".exe")) << title;
+    EXPECT_LT(title.size(), 150U);
     world_.notifications.answer(0, "decline");
     fakes::runUntilIdle(world_.context, world_.clock);
 }
@@ -150,7 +152,7 @@ TEST_F(OfferQuestionsTest, AsksOneAfterTheOther) {
     world_.notifications.answer(0, "decline");
     settle();
     ASSERT_EQ(2U, shown().size());
-    EXPECT_NE(std::string::npos, shown()[1].notification.body.find("b.txt"));
+    EXPECT_NE(std::string::npos, shown()[1].notification.title.find("b.txt"));
     world_.notifications.answer(1, "accept");
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_EQ(false, first_);

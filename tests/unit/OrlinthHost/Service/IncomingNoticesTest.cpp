@@ -87,7 +87,7 @@ protected:
     RecordingRequests requests_;
     bool isAsked_ = false;
     fakes::FakeJobViews jobs_;
-    IncomingNotices notices_{home_, desktop_, requests_, [this] { isAsked_ = true; }, &jobs_};
+    IncomingNotices notices_{NoticeBoard(home_, &jobs_, {}), desktop_, requests_, [this] { isAsked_ = true; }};
     std::vector<TransferView> transfers_;
     std::optional<Seconds> next_;
 };

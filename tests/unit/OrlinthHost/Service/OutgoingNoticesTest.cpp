@@ -73,7 +73,7 @@ protected:
     RecordingDesktop desktop_;
     RecordingRequests requests_;
     fakes::FakeJobViews jobs_;
-    OutgoingNotices notices_{home_, desktop_, requests_, [] {}, &jobs_};
+    OutgoingNotices notices_{NoticeBoard(home_, &jobs_, {}), desktop_, requests_, [] {}};
     std::vector<OutboxView> batches_;
     std::vector<TransferView> transfers_;
     std::optional<Seconds> next_;
