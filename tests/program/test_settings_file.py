@@ -156,10 +156,24 @@ class SettingsFile(OutboxTest):
             result = self.mac.run(*command)
             self.assertEqual(2, result.returncode, command)
             self.assertEqual([f"orlinth: settings file {self.file_}: 'accept' must be always, never or ask",
-                              "Move the file away: everything that it sets is then as usual again."],
+                              "Correct the file, or move it away to return to the usual settings."],
                              result.stderr.splitlines())
         self.assertEqual(0, self.mac.run("serve", "--help").returncode)
         self.assertEqual('{"accept":"sometimes","format":1}', self.file_.read_text())
+
+    def test_a_folder_that_is_gone_is_shown_and_can_be_replaced(self):
+        self.file_.write_text('{"dir":"/proc/usb","format":1}')
+        service = self.desk()
+        problem = "cannot write to the folder for received files, /proc/usb: "
+        self.assertIn(f"into /proc/usb. Problem: {problem}", self.mac.run("status").stdout)
+        self.assertFalse(self.send("a.txt"))
+        self.assertEqual([{"found": True}], self.ask(request="set", setting="dir", value=str(self.mac.downloads)))
+        self.assertNotIn("Problem", self.mac.run("status").stdout)
+        self.assertTrue(self.send("b.txt"))
+        self.end(service)
+        self.assertIn(f"orlinth: {problem}", service.stderr)
+        self.file_.unlink()
+        self.assertEqual(1, self.mac.run("serve", "--port", "0", "--dir", "/proc/usb").returncode)
 
     def test_a_file_of_a_later_version_counts_and_is_never_written(self):
         later = '{"accept":"never","format":2,"new":{}}'

@@ -177,7 +177,7 @@ std::vector<std::string> LiveSettings::warnings() const {
         try {
             const PeerKey key = resolvePeer(home_, phone.selector).peer_pubkey;
             if (const auto [known, isNew] = first.emplace(key, phone.where); !isNew) {
-                warnings.push_back(phone.where + ": '" + phone.selector + "' is the same phone as in " + known->second +
+                warnings.push_back(phone.where + ": '" + phone.selector + "' means the same phone as " + known->second +
                                    "; these settings have no effect");
             }
         } catch (const HostError& error) {

@@ -16,7 +16,7 @@ class SettingsFileError : public Error {
 public:
     explicit SettingsFileError(std::string text) : Error(std::move(text)) {}
     /// What a person can do about it.
-    static constexpr const char* hint = "Move the file away: everything that it sets is then as usual again.";
+    static constexpr const char* hint = "Correct the file, or move it away to return to the usual settings.";
 };
 
 /// The settings that the service owns: a file beside the peer store, "settings.json", for the owner alone (0600),

@@ -52,7 +52,7 @@ public:
     explicit PartialsCommand(CLI::App& program)
         : Command(program.add_subcommand("partials", "List unfinished downloads, and remove old ones.")) {
         addText("--dir", directory_, "DIR",
-                "The folder to look in, whatever it is. Default: that of settings.json, else "
+                "The folder to look in, whatever it is. Default: the folder set in settings.json, else "
                 "the user's downloads folder.");
         age_ = parser()
                    .add_option("--remove-older-than", days_,

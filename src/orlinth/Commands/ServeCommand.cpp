@@ -98,8 +98,8 @@ public:
         parser().add_flag("--history", keepsHistory_,
                           "Write down what came and went, for `orlinth history`; on unless --history=false is given.");
         parser().add_flag("--notifications", showsNotifications_,
-                          "Show on the desktop what has come; on unless --notifications=false is given. Questions of "
-                          "--accept=ask are shown in any case.");
+                          "Show notifications on the desktop; on unless --notifications=false is given. Questions of "
+                          "--accept=ask are always shown.");
         addFind(find_);
         addJsonFlag("Print events as JSON, one object a line.");
         addQuietFlag("No messages but failures.");
@@ -146,8 +146,8 @@ private:
         }
         if (!live.isChangeable()) {
             host.output.message((host.dataDirectory() / host::SettingsFile::fileName).string() +
-                                " was written by a later version of Orlinth. What this version knows of it holds; "
-                                "it is not changed.");
+                                " was written by a later version of Orlinth. This version uses the settings that it "
+                                "knows, and does not change the file.");
         }
     }
 

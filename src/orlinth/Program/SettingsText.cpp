@@ -45,7 +45,7 @@ std::string describePlace(const toml::source_position& at, const std::string& wh
 /// The parser takes some of them for impossible, and goes on as if they could not come (U+025E, for one).
 void refuseForeignCharacters(std::string_view text) {
     if (const std::optional<SettingsPlace> place = findForeignCharacter(text)) {
-        throw SettingsError(place->prefix() + "a character that may only stand in quotes or in a comment");
+        throw SettingsError(place->prefix() + "this character is allowed only in quotes or in a comment");
     }
 }
 

@@ -148,7 +148,8 @@ void ServeReporter::phonesKnown(std::size_t pairedPhones) {
 }
 
 void ServeReporter::folderUnusable(const std::string& problem) {
-    host_.output.failure(problem, "Until that is mended, or another folder is chosen, files that go there fail.");
+    host_.output.failure(problem,
+                         "Files that go there fail until the folder is writable, or until you choose another one.");
 }
 
 void ServeReporter::listening(std::uint16_t port, std::size_t pairedPhones) {

@@ -95,7 +95,7 @@ std::string StatusText::serviceLine() const {
     switch (service.state) {
     case State::listening:
         return "Receives at port " + port + ", into " + forDisplay(service.downloads.string()) + "." +
-               (service.problem.empty() ? "" : " But: " + forDisplay(service.problem) + ".");
+               (service.problem.empty() ? "" : " Problem: " + forDisplay(service.problem) + ".");
     case State::lent:
         return "A pairing uses port " + port + " just now.";
     case State::notListening:

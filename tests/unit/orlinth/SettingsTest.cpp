@@ -67,7 +67,7 @@ TEST(SettingsText, ThatTheParserDoesNotExpectIsAnErrorToo) {
 }
 
 TEST(SettingsText, LettersBeyondAsciiStandInQuotesOrComments) {
-    constexpr const char* refusal = "a character that may only stand in quotes or in a comment";
+    constexpr const char* refusal = "this character is allowed only in quotes or in a comment";
     EXPECT_EQ(errorOf("[a]\nb = \xC9\x9E\n"), std::string(", line 2, column 5: ") + refusal);
     EXPECT_EQ(errorOf("\xC3\xA9 = 1\n"), std::string(", line 1, column 1: ") + refusal);
     EXPECT_EQ(errorOf("\"\xC3\xA9\" = '\xC9\x9E' # \xC9\x9E\n"), "no error");

@@ -286,7 +286,7 @@ TEST_F(LiveSettingsTest, TablesOfPhonesInConfigTomlAreForThePhoneThatIsCalledSo)
     EXPECT_EQ(Approval::given, settings.receptionOf(PeerKey("another")).approval);
     EXPECT_THAT(settings.warnings(), ElementsAre("config.toml, line of Tablet: no paired phone matches 'Tablet'; these "
                                                  "settings have no effect",
-                                                 "config.toml, line of pix: 'pix' is the same phone as in config.toml, "
+                                                 "config.toml, line of pix: 'pix' means the same phone as config.toml, "
                                                  "line of pixel-8; these settings have no effect"));
     PeerRecord renamed = world_.phoneRecord();
     renamed.peer_hostname = "Tablet";
