@@ -80,17 +80,28 @@ TEST_F(LiveSettingsTest, WhatWasSetHoldsAfterARestart) {
     EXPECT_FALSE(isTaken("a.txt"));
 }
 
-TEST_F(LiveSettingsTest, SomebodyIsAskedOnceThatIsSet) {
-    int asked = 0;
-    settings_.approveOffer = [&asked](const Receiver::Offer&) -> Task<bool> {
+/// Somebody who wants none of what is offered.
+class DecliningAsker final : public OfferAsker {
+public:
+    bool ask(const OfferView& /*offer*/, Answer answer) override {
         ++asked;
-        co_return false;
-    };
+        answer(false);
+        return true;
+    }
+    void over(OfferNumber /*number*/, End /*end*/) override {}
+    void nobodyIsThere() override {}
+
+    int asked = 0;
+};
+
+TEST_F(LiveSettingsTest, SomebodyIsAskedOnceThatIsSet) {
+    DecliningAsker asker;
+    settings_.asker = &asker;
     start();
     EXPECT_TRUE(isTaken("a.txt"));
     EXPECT_EQ(found, set("accept", "ask"));
     EXPECT_FALSE(isTaken("b.txt"));
-    EXPECT_EQ(1, asked);
+    EXPECT_EQ(1, asker.asked);
 }
 
 TEST_F(LiveSettingsTest, NobodyIsTakenForAYesIfNobodyCanBeAsked) {
