@@ -169,6 +169,7 @@ Task<> Finder::lookOnce(std::shared_ptr<State> state) {
     platform::Clock& clock = home_.system.clock;
     const platform::Clock::Instant end = clock.now() + limit;
     bool mayComeToSweep = false;
+    state->sweepable.reset(); // was true of the network as it was at the look before
     std::vector<Meeting> tried;
     {
         const Whereabouts here = Whereabouts::look(home_.system);

@@ -177,24 +177,6 @@ TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
     EXPECT_EQ("orlinth: 995 more connections came from outside your networks", lines.back());
 }
 
-TEST_F(ServeReporterTest, ShowsNothingOnTheDesktopWhileThatIsSwitchedOff) {
-    bool isOn = false;
-    ServeReporter reporter(host_,
-                           {.writesClipboard = [] { return false; }, .showsNotifications = [&] { return isOn; }});
-    static_cast<void>(linesOf([&] {
-        reporter.fileReceived(file("/home/ann/a.jpg"));
-        reporter.textReceived({.text = "a text", .mime = "text/plain", .from = "Pixel 8"});
-    }));
-    EXPECT_TRUE(shown().empty());
-    isOn = true;
-    static_cast<void>(linesOf([&] {
-        reporter.fileReceived(file("/home/ann/b.jpg"));
-        reporter.textReceived({.text = "a text", .mime = "text/plain", .from = "Pixel 8"});
-    }));
-    EXPECT_EQ(2U, shown().size());
-    world_.run(reporter.finish());
-}
-
 TEST_F(ServeReporterTest, SaysWhichChoicesAnInheritedPortMakesVain) {
     const std::string port = "the service manager has opened port 7100; --port is not used";
     const std::string places = "the service manager has opened the port; --listen is not used";

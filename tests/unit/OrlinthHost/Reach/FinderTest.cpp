@@ -249,6 +249,35 @@ TEST_F(FinderTest, SweepsForNoPhoneThatWasNotMetInTheNetworkBesideOneThatWas) {
     EXPECT_LE(ofTablet, 1) << "the router, which may be the phone";
 }
 
+TEST_F(FinderTest, SweepsOnceForAPhoneThatWakesUpHoweverOftenOthersSweep) {
+    meetAt("192.168.7.30");
+    PeerRecord tablet = record;
+    tablet.peer_pubkey = otherKey.publicKey().peerKey();
+    tablet.peer_ip = "192.168.7.31";
+    tablet.peer_port = 7001;
+    memory.reached(tablet.peer_pubkey, {.host = host("192.168.7.31"), .network = homeNetwork});
+    Finder finder(homeOf, find);
+    std::unique_ptr<Finder::Search> one = finder.begin(record);
+    world.run(one->untilOver());
+    const auto askedForPhone = [this] {
+        return std::ranges::count_if(world.probe.attempts, [](const auto& attempt) {
+            return attempt.port == fakes::World::phonePort && attempt.address != ip("192.168.7.30");
+        });
+    };
+    EXPECT_GT(askedForPhone(), 200);
+    one->wokenUp();
+    const auto pass = [](platform::Clock& clock) -> Task<> { co_await clock.sleep(AddressBook::sweepInterval); };
+    world.run(pass(world.clock));
+    world.probe.attempts.clear();
+    std::unique_ptr<Finder::Search> two = finder.begin(tablet);
+    world.run(two->untilOver());
+    EXPECT_GT(world.probe.attempts.size(), 200U) << "the network is swept for the tablet";
+    EXPECT_LE(askedForPhone(), 3) << "the router, which may be the phone";
+    one.reset();
+    two.reset();
+    world.run(finder.finish());
+}
+
 TEST_F(FinderTest, SendsNothingByAVpnThatHasTakenTheWay) {
     meetAt("192.168.7.57");
     world.interfaces.addresses.push_back(fakes::FakeNetworkInterfaces::ipv4("tun0", {10, 8, 0, 2}));

@@ -13,6 +13,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 using Actions = std::vector<std::pair<std::string, std::string>>;
 
 /// What a desktop is told of a whole service, in virtual time.
@@ -58,7 +59,8 @@ protected:
     }
 
     RecordingDesktop desktop_;
-    DesktopNotices notices_{NoticeBoard(home_, nullptr, {}), desktop_};
+    bool isOn_ = true;
+    DesktopNotices notices_{NoticeBoard(home_, nullptr, [this] { return isOn_; }), desktop_};
     std::size_t files_ = 0; ///< that were forwarded
 };
 
@@ -102,6 +104,20 @@ TEST_F(DesktopNoticesTest, ABatchThatIsShared) {
     pass(1s);
     EXPECT_THAT(screen(), IsEmpty());
     EXPECT_FALSE(world_.files.exists(outbox / batch));
+}
+
+TEST_F(DesktopNoticesTest, NothingWhileThatIsSwitchedOff) {
+    start();
+    isOn_ = false;
+    deliver("a.jpg");
+    passAndForward(1s);
+    come("correct horse", true);
+    EXPECT_THAT(shown(), IsEmpty());
+    isOn_ = true;
+    deliver("b.jpg");
+    passAndForward(1s);
+    come("correct horse", true);
+    EXPECT_THAT(shown(), SizeIs(2));
 }
 
 TEST_F(DesktopNoticesTest, ATextIsToldOfWithWhereItIsAndWithoutWhatItSays) {
