@@ -172,12 +172,6 @@ class SocketFace:
     def drop(self, batch, phone):
         self.ask("outbox_drop", batch=batch)
 
-    def accept(self, offer):
-        self.ask("accept", offer=offer)
-
-    def decline(self, offer):
-        self.ask("decline", offer=offer)
-
     def settings(self):
         connection = self.connect({"request": "settings"})
         found = {}
@@ -228,10 +222,6 @@ class SocketFace:
                                                "state": line["state"], "problem": line.get("message", "")})
                     elif event == "history_added":
                         watcher.tell("history", self.entry(line) if line else {})
-                    elif event == "offer" and "expires_epoch_ms" in line:
-                        watcher.tell("offer", {"id": line["offer"], "name": line["name"], "size": line["size"]})
-                    elif event == "offer_gone":
-                        watcher.tell("offer gone", {"id": line["offer"]})
                     elif event == "offer":
                         watcher.tell("offer", {"id": line["offer"], "name": line["name"], "size": line["size"],
                                                "is_asked": "expires_epoch_ms" in line})
@@ -353,12 +343,6 @@ class BusFace:
     def drop(self, batch, phone):
         self.call(self.batch_path(batch, phone), "Batch", "Cancel")
 
-    def accept(self, offer):
-        self.call(f"{ROOT}/offers/{offer}", "Offer", "Accept")
-
-    def decline(self, offer):
-        self.call(f"{ROOT}/offers/{offer}", "Offer", "Decline")
-
     def settings(self):
         [settings] = self.call(ROOT, "org.freedesktop.DBus.Properties", "Get", "ss", f"{NAME}.Service",
                                "Settings").values
@@ -474,8 +458,6 @@ class BusWatcher(Watcher):
     def names_of(path, kind, properties):
         if kind == "Phone":
             return {"key": properties["PublicKey"]}
-        if kind == "Offer":
-            return {"id": int(path.rsplit("/", 1)[1])}
         if kind == "Batch":
             return {"id": path.rsplit("/", 1)[1].rsplit("_", 1)[0].replace("_", "-")}
         if kind == "Offer":
@@ -492,8 +474,6 @@ class BusWatcher(Watcher):
                                    "batch": of["Batch"], "state": of["State"], "done": of["BytesDone"],
                                    "total": of["BytesTotal"], "rate": of["BytesPerSecond"], "path": of["Path"],
                                    "problem": of["Problem"][0]})
-        elif kind == "Offer" and of["Expires"]:
-            self.tell("offer", {**self.names_of(path, kind, of), "name": of["Name"], "size": of["Size"]})
         elif kind == "Offer":
             self.tell("offer", {**self.names_of(path, kind, of), "name": of["Name"], "size": of["Size"],
                                 "is_asked": of["Expires"] > 0})

@@ -397,24 +397,7 @@ def a_batch_is_taken_back(test, face):
     test.end(service)
 
 
-# Questions and settings
-
-@row
-def a_file_is_accepted_and_another_declined(test, face):
-    service = test.serve(test.mac, "--accept", "ask")
-    test.phone.record(test.mac, service.port)
-    watcher = face.watch()
-    for name, answer, status in (("taken.txt", "accept", 0), ("left.txt", "decline", 1)):
-        sending = test.running(test.phone, "send", "--json", str(test.file(name, CONTENT)))
-        offer = watcher.wait("offer", name=name)
-        test.assertEqual(len(CONTENT), offer["size"])
-        getattr(face, answer)(offer["id"])
-        watcher.wait("offer gone", id=offer["id"])
-        test.assertEqual(status, sending.wait(), sending.stderr)
-        test.assert_missing(getattr(face, answer), offer["id"])
-    test.assertEqual(["taken.txt"], [path.name for path in test.mac.downloads.iterdir()])
-    test.end(service)
-
+# Settings
 
 @row
 def settings_are_read_and_changed(test, face):
