@@ -1,6 +1,7 @@
 #include "OrlinthHost/Service/PartialsReminder.h"
 
 #include "OrlinthCore/Receiving/Partials.h"
+#include "OrlinthCore/Share/ShareOutbox.h"
 #include "platform/SystemError.h"
 
 #include <asio/post.hpp>
@@ -49,6 +50,7 @@ void PartialsReminder::look() {
         tidy(folder);
     }
     tidy(home_.dataDirectory());
+    tidy(ShareOutbox(home_.system.files, home_.system.directories).container());
     try {
         std::vector<std::pair<platform::Path, Reminder>> reminders;
         if (isDue()) {

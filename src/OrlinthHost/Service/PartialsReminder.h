@@ -13,8 +13,8 @@
 namespace orlinth::host {
 
 /// Reminds of unfinished downloads that nothing has come of for a week: once a week, also across restarts. When it was
-/// is kept in a file of the data folder. At each look it also removes the temporary files, there and in the data
-/// folder, that a program has left behind which was killed while it wrote.
+/// is kept in a file of the data folder. At each look it also removes the temporary files, there, in the data folder
+/// and beside the outbox, that a program has left behind which was killed while it wrote.
 ///
 /// Threading: called, and calling, on the home's executor. Folders and files are looked at on a thread of its own:
 /// a network's folder may not answer for hours.

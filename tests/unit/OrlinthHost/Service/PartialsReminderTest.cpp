@@ -1,6 +1,7 @@
 #include "OrlinthHost/Service/PartialsReminder.h"
 
 #include "OrlinthCore/Receiving/PartialMeta.h"
+#include "OrlinthCore/Share/ShareOutbox.h"
 #include "fakes/World.h"
 #include "platform/WholeFile.h"
 
@@ -77,14 +78,18 @@ TEST_F(PartialsReminderTest, SaysNothingIfThereIsNothing) {
     EXPECT_TRUE(counts_.empty());
 }
 
-TEST_F(PartialsReminderTest, RemovesWhatKilledProgramsHaveLeftInBothFolders) {
+TEST_F(PartialsReminderTest, RemovesWhatKilledProgramsHaveLeft) {
     const platform::Path inDownloads = folder / platform::temporaryName().text();
     const platform::Path inData = state.parent_path() / platform::temporaryName().text();
+    const platform::Path besideOutbox =
+        ShareOutbox(world_.files, world_.system.directories).container() / platform::temporaryName().text();
     world_.files.put(inDownloads, "half");
+    world_.files.put(besideOutbox, "half");
     world_.files.put(inData, "half");
     run(120s);
     EXPECT_FALSE(world_.files.exists(inDownloads));
     EXPECT_FALSE(world_.files.exists(inData));
+    EXPECT_FALSE(world_.files.exists(besideOutbox));
 }
 
 TEST_F(PartialsReminderTest, RemindsAllTheSameIfItsMemoryIsRuined) {
