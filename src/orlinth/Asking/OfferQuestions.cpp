@@ -119,7 +119,14 @@ void OfferQuestions::askOnDesktop(host::OfferNumber number, platform::Notificati
     question.shownFor = host::OfferQueue::patience;
     question.tag = tagOf(number);
     question.category = "transfer";
-    auto onPressed = [answer = std::move(answer)](const std::string& key) { answer(key == acceptKey); };
+    question.isResident = true; // a click beside the buttons does not close it, which would be an answer
+    auto onPressed = [&desktop = host_.system.notifications, number,
+                      answer = std::move(answer)](const std::string& key) {
+        if (!key.empty()) {
+            desktop.withdraw(tagOf(number));
+        }
+        answer(key == acceptKey);
+    };
     host_.system.notifications.show(std::move(question), host_.tasks.executor(), std::move(onPressed));
     asked_ = {.number = number};
 }

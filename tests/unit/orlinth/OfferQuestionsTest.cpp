@@ -3,6 +3,7 @@
 #include "OrlinthHost/Service/OfferQueue.h"
 #include "fakes/Event.h"
 #include "fakes/World.h"
+#include "platform/Spawn.h"
 
 #include <asio/cancellation_signal.hpp>
 #include <gtest/gtest.h>
@@ -79,8 +80,10 @@ TEST_F(OfferQuestionsTest, TakesTheFileThatIsAcceptedOnTheDesktop) {
               shown()[0].notification.actions);
     EXPECT_FALSE(first_);
     world_.notifications.answer(0, "accept");
+    EXPECT_EQ(1U, world_.notifications.there().size()) << "a click beside the buttons must not close it";
     fakes::runUntilIdle(world_.context, world_.clock);
     EXPECT_EQ(true, first_);
+    EXPECT_TRUE(world_.notifications.there().empty()) << "it was answered";
 }
 
 TEST_F(OfferQuestionsTest, SaysWhichOfTwoPhonesItIsWhoseNamesLookAlike) {
