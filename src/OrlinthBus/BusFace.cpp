@@ -201,7 +201,8 @@ int BusFace::onMessage(sd_bus_message* message, void* self, sd_bus_error* /*erro
     try {
         auto* const face = static_cast<BusFace*>(self);
         const char* const sender = systemd().sd_bus_message_get_sender(message);
-        if (sender != nullptr && systemd().sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
+        if (sender != nullptr && systemd().sd_bus_message_is_method_call(message, "org.freedesktop.DBus.ObjectManager",
+                                                                         "GetManagedObjects") > 0) {
             face->clients_.add(sender);
             face->clientsChanged();
         }
