@@ -11,19 +11,17 @@
 
 namespace orlinth::host {
 
-ServiceApi::ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-                       OfferQueue& offers, ServicePairing& pairing, HistoryKeeper& history,
-                       PhoneRequests& phoneRequests, LiveSettings& settings)
+ServiceApi::ServiceApi(Home& home, const Parts& parts)
     : home_(home),
-      receiver_(receiver),
-      outbox_(outbox),
-      loan_(loan),
-      presence_(presence),
-      offers_(offers),
-      pairing_(pairing),
-      history_(history),
-      phoneRequests_(phoneRequests),
-      settings_(settings),
+      receiver_(parts.receiver),
+      outbox_(parts.outbox),
+      loan_(parts.loan),
+      presence_(parts.presence),
+      offers_(parts.offers),
+      pairing_(parts.pairing),
+      history_(parts.history),
+      phoneRequests_(parts.phoneRequests),
+      settings_(parts.settings),
       restarting_(home.system.clock.makeTimer(home.executor)),
       news_(home.executor),
       transfers_(home,

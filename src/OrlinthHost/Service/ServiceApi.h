@@ -37,11 +37,21 @@ namespace orlinth::host {
 /// Threading: everything on the home's executor.
 class ServiceApi {
 public:
-    /// What is referred to outlives this. Takes over the watchers of `outbox`, `loan`, `presence`, `offers`, `pairing`,
-    /// `history` and `settings`.
-    ServiceApi(Home& home, Receiver& receiver, OutboxSender& outbox, PortLoan& loan, PresenceKeeper& presence,
-               OfferQueue& offers, ServicePairing& pairing, HistoryKeeper& history, PhoneRequests& phoneRequests,
-               LiveSettings& settings);
+    /// What of the service does the work. All of it outlives the ServiceApi.
+    struct Parts {
+        Receiver& receiver;
+        OutboxSender& outbox;
+        PortLoan& loan;
+        PresenceKeeper& presence;
+        OfferQueue& offers;
+        ServicePairing& pairing;
+        HistoryKeeper& history;
+        PhoneRequests& phoneRequests;
+        LiveSettings& settings;
+    };
+
+    /// `home` outlives this. Takes over the watchers of the parts.
+    ServiceApi(Home& home, const Parts& parts);
     ServiceApi(const ServiceApi&) = delete;
     ServiceApi& operator=(const ServiceApi&) = delete;
 

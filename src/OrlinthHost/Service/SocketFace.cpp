@@ -99,70 +99,24 @@ void SocketFace::begin(std::unique_ptr<platform::Stream> stream) {
 }
 
 Task<> SocketFace::answer(std::unique_ptr<platform::Stream> stream) {
-    ControlReply reply;
-    bool isForLoan = false;
-    bool isToWatch = false;
-    bool isStatus = false;
-    bool isForText = false;
-    std::optional<ServicePairing::Ticket> pairing;
-    std::optional<PhoneRequest> aboutPhones;
-    bool isForSettings = false;
+    Conversation conversation;
     try {
         ControlRequest request = co_await receiveRequest(*stream);
-        isForLoan = isToBeLent(request);
-        isStatus = std::holds_alternative<StatusRequest>(request);
-        isToWatch = std::holds_alternative<WatchRequest>(request);
-        isForText = std::holds_alternative<LastTextRequest>(request);
-        isForSettings = std::holds_alternative<SettingsRequest>(request);
-        if (isToWatch && watchers_ == maxWatchers) {
-            isToWatch = false;
-            throw HostError("too many programs are watching");
-        }
-        if (auto* const pair = std::get_if<PairRequest>(&request)) {
-            ServicePairing::Ticket ticket = co_await api_.pair(std::move(pair->options));
-            pairing.emplace(std::move(ticket));
-        } else if (auto* const phones = std::get_if<PhoneRequest>(&request)) {
-            aboutPhones = std::move(*phones);
-        } else if (!isForLoan && !isStatus && !isToWatch && !isForText && !isForSettings) {
-            reply = co_await replyTo(std::move(request));
-        }
+        const auto begins = [this](auto&& one) { return on(std::forward<decltype(one)>(one)); };
+        conversation = co_await std::visit(begins, std::move(request));
     } catch (const std::exception& error) {
         if (platform::isCancellation(error)) {
             throw;
         }
-        reply = ErrorReply{describe(error)};
+        conversation = replying(ErrorReply{describe(error)});
     }
-    if (isForLoan) {
-        co_await loan_.lend(*stream, aboutPort_.port);
-    } else if (isToWatch) {
-        co_await watch(*stream);
-    } else if (isStatus) {
-        NewsReader reader(api_);
-        co_await sendNews(*stream, reader, true);
-    } else if (pairing) {
-        SocketPairing conversation(home_, api_, *stream, *std::move(pairing));
-        co_await conversation.run();
-    } else if (isForText) {
-        co_await sendLastText(*stream);
-    } else if (aboutPhones) {
-        co_await answerPhoneRequest(home_, api_, *stream, std::move(*aboutPhones));
-    } else if (isForSettings) {
-        co_await sendSettings(*stream);
-    } else {
-        co_await sendControlLine(*stream, home_.system.clock, encodeControlReply(reply));
-    }
+    co_await conversation(*stream);
 }
 
-Task<> SocketFace::sendLastText(platform::Stream& stream) {
-    const std::shared_ptr<const LastText::Text> text = api_.lastText().get(); // also if it is forgotten meanwhile
-    const ControlReply reply =
-        text ? ControlReply(TextReply{.from = text->from, .received = text->received, .bytes = text->bytes.size()})
-             : ControlReply(FoundReply{false});
-    co_await sendControlLine(stream, home_.system.clock, encodeControlReply(reply));
-    if (text) {
-        co_await withinLimit(home_.system.clock, controlLineLimit,
-                             sendSecret(home_.system.unixSockets, stream, text->bytes.reveal()));
-    }
+SocketFace::Conversation SocketFace::replying(ControlReply reply) {
+    return [this, line = encodeControlReply(reply)](platform::Stream& stream) {
+        return sendControlLine(stream, home_.system.clock, line);
+    };
 }
 
 Task<ControlRequest> SocketFace::receiveRequest(platform::Stream& stream) {
@@ -175,52 +129,117 @@ Task<ControlRequest> SocketFace::receiveRequest(platform::Stream& stream) {
     co_return request;
 }
 
-bool SocketFace::isToBeLent(const ControlRequest& request) const {
-    const auto* const lend = std::get_if<LendPortRequest>(&request);
-    return lend != nullptr && lend->port.value_or(aboutPort_.port) == aboutPort_.port && !api_.isPairing();
+// What a request gets
+
+Task<SocketFace::Conversation> SocketFace::on(PortRequest /*request*/) {
+    co_return replying(aboutPort());
 }
 
-Task<ControlReply> SocketFace::replyTo(ControlRequest request) {
-    if (const auto* const lend = std::get_if<LendPortRequest>(&request)) {
-        if (lend->port.value_or(aboutPort_.port) != aboutPort_.port) {
-            co_return NotLentReply{aboutPort_.port};
-        }
+Task<SocketFace::Conversation> SocketFace::on(LendPortRequest request) {
+    if (request.port.value_or(aboutPort_.port) != aboutPort_.port) {
+        co_return replying(NotLentReply{aboutPort_.port});
+    }
+    if (api_.isPairing()) {
         throw HostError(loan_.isLent() ? "the port is lent already" : "another pairing is under way");
     }
-    if (const auto* const retry = std::get_if<OutboxRetryRequest>(&request)) {
-        co_return FoundReply{api_.retry(retry->batch)};
-    }
-    if (auto* const drop = std::get_if<OutboxDropRequest>(&request)) {
-        const bool isFound = co_await api_.cancelBatch(std::move(drop->batch));
-        co_return FoundReply{isFound};
-    }
-    if (std::holds_alternative<PresenceRequest>(request)) {
-        co_return presence();
-    }
-    if (const auto* const cancel = std::get_if<CancelRequest>(&request)) {
-        co_return FoundReply{api_.cancelTransfer(TransferNumber{cancel->transfer})};
-    }
-    if (std::holds_alternative<RestartRequest>(request)) {
-        api_.restart();
-        co_return FoundReply{true};
-    }
-    if (const auto* const answer = std::get_if<AnswerOfferRequest>(&request)) {
-        co_return FoundReply{api_.answerOffer(OfferNumber{answer->offer}, answer->isAccepted)};
-    }
-    if (std::holds_alternative<ForgetTextRequest>(request)) {
-        co_return FoundReply{api_.lastText().forget()};
-    }
-    if (auto* const set = std::get_if<SetRequest>(&request)) {
-        co_await api_.setSetting(std::move(set->setting), std::move(set->value));
-        co_return FoundReply{true};
-    }
-    co_return aboutPort();
+    co_return [this](platform::Stream& stream) { return loan_.lend(stream, aboutPort_.port); };
 }
+
+Task<SocketFace::Conversation> SocketFace::on(OutboxRetryRequest request) {
+    co_return replying(FoundReply{api_.retry(request.batch)});
+}
+
+Task<SocketFace::Conversation> SocketFace::on(OutboxDropRequest request) {
+    const bool isFound = co_await api_.cancelBatch(std::move(request.batch));
+    co_return replying(FoundReply{isFound});
+}
+
+Task<SocketFace::Conversation> SocketFace::on(PresenceRequest /*request*/) {
+    co_return replying(presence());
+}
+
+Task<SocketFace::Conversation> SocketFace::on(CancelRequest request) {
+    co_return replying(FoundReply{api_.cancelTransfer(TransferNumber{request.transfer})});
+}
+
+Task<SocketFace::Conversation> SocketFace::on(AnswerOfferRequest request) {
+    co_return replying(FoundReply{api_.answerOffer(OfferNumber{request.offer}, request.isAccepted)});
+}
+
+Task<SocketFace::Conversation> SocketFace::on(PairRequest request) {
+    ServicePairing::Ticket begun = co_await api_.pair(std::move(request.options));
+    // shared, as a conversation can be copied
+    const auto ticket = std::make_shared<ServicePairing::Ticket>(std::move(begun));
+    co_return [this, ticket](platform::Stream& stream) { return pair(stream, std::move(*ticket)); };
+}
+
+Task<SocketFace::Conversation> SocketFace::on(StatusRequest /*request*/) {
+    co_return [this](platform::Stream& stream) { return sendStatus(stream); };
+}
+
+Task<SocketFace::Conversation> SocketFace::on(WatchRequest /*request*/) {
+    if (watchers_ == maxWatchers) {
+        throw HostError("too many programs are watching");
+    }
+    co_return [this](platform::Stream& stream) { return watch(stream); };
+}
+
+Task<SocketFace::Conversation> SocketFace::on(LastTextRequest /*request*/) {
+    co_return [this](platform::Stream& stream) { return sendLastText(stream); };
+}
+
+Task<SocketFace::Conversation> SocketFace::on(ForgetTextRequest /*request*/) {
+    co_return replying(FoundReply{api_.lastText().forget()});
+}
+
+Task<SocketFace::Conversation> SocketFace::on(RestartRequest /*request*/) {
+    api_.restart();
+    co_return replying(FoundReply{true});
+}
+
+Task<SocketFace::Conversation> SocketFace::on(SettingsRequest /*request*/) {
+    co_return [this](platform::Stream& stream) { return sendSettings(stream); };
+}
+
+Task<SocketFace::Conversation> SocketFace::on(SetRequest request) {
+    co_await api_.setSetting(std::move(request.setting), std::move(request.value));
+    co_return replying(FoundReply{true});
+}
+
+Task<SocketFace::Conversation> SocketFace::on(PhoneRequest request) {
+    co_return [this, request = std::move(request)](platform::Stream& stream) {
+        return answerPhoneRequest(home_, api_, stream, request);
+    };
+}
+
+// What is said then
 
 PortReply SocketFace::aboutPort() const {
     PortReply reply = aboutPort_;
     reply.downloads = api_.service().downloads.string();
     return reply;
+}
+
+Task<> SocketFace::sendStatus(platform::Stream& stream) {
+    NewsReader reader(api_);
+    co_await sendNews(stream, reader, true);
+}
+
+Task<> SocketFace::pair(platform::Stream& stream, ServicePairing::Ticket ticket) {
+    SocketPairing conversation(home_, api_, stream, std::move(ticket));
+    co_await conversation.run();
+}
+
+Task<> SocketFace::sendLastText(platform::Stream& stream) {
+    const std::shared_ptr<const LastText::Text> text = api_.lastText().get(); // also if it is forgotten meanwhile
+    const ControlReply reply =
+        text ? ControlReply(TextReply{.from = text->from, .received = text->received, .bytes = text->bytes.size()})
+             : ControlReply(FoundReply{false});
+    co_await sendControlLine(stream, home_.system.clock, encodeControlReply(reply));
+    if (text) {
+        co_await withinLimit(home_.system.clock, controlLineLimit,
+                             sendSecret(home_.system.unixSockets, stream, text->bytes.reveal()));
+    }
 }
 
 Task<> SocketFace::sendSettings(platform::Stream& stream) {

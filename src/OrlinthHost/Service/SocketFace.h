@@ -9,6 +9,7 @@
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 namespace orlinth::host {
@@ -46,16 +47,39 @@ public:
     [[nodiscard]] Task<> finish();
 
 private:
+    /// What is said to the one who asked, once it is clear that it can be done. The stream outlives it.
+    using Conversation = std::function<Task<>(platform::Stream&)>;
+
     [[nodiscard]] Task<> run();
     [[nodiscard]] Task<> acceptAll(platform::Listener& listener);
     void begin(std::unique_ptr<platform::Stream> stream);
     [[nodiscard]] Task<> answer(std::unique_ptr<platform::Stream> stream);
     [[nodiscard]] Task<ControlRequest> receiveRequest(platform::Stream& stream);
-    /// What the request gets, unless it is answered by a loan.
-    [[nodiscard]] Task<ControlReply> replyTo(ControlRequest request);
-    [[nodiscard]] bool isToBeLent(const ControlRequest& request) const;
+    [[nodiscard]] Conversation replying(ControlReply reply);
     [[nodiscard]] PresenceReply presence() const;
     [[nodiscard]] PortReply aboutPort() const;
+
+    /// Does what is asked for. @throws what the one who asked is to be told
+    [[nodiscard]] Task<Conversation> on(PortRequest request);
+    [[nodiscard]] Task<Conversation> on(LendPortRequest request);
+    [[nodiscard]] Task<Conversation> on(OutboxRetryRequest request);
+    [[nodiscard]] Task<Conversation> on(OutboxDropRequest request);
+    [[nodiscard]] Task<Conversation> on(PresenceRequest request);
+    [[nodiscard]] Task<Conversation> on(CancelRequest request);
+    [[nodiscard]] Task<Conversation> on(AnswerOfferRequest request);
+    [[nodiscard]] Task<Conversation> on(PairRequest request);
+    [[nodiscard]] Task<Conversation> on(StatusRequest request);
+    [[nodiscard]] Task<Conversation> on(WatchRequest request);
+    [[nodiscard]] Task<Conversation> on(LastTextRequest request);
+    [[nodiscard]] Task<Conversation> on(ForgetTextRequest request);
+    [[nodiscard]] Task<Conversation> on(RestartRequest request);
+    [[nodiscard]] Task<Conversation> on(SettingsRequest request);
+    [[nodiscard]] Task<Conversation> on(SetRequest request);
+    [[nodiscard]] Task<Conversation> on(PhoneRequest request);
+
+    [[nodiscard]] Task<> pair(platform::Stream& stream, ServicePairing::Ticket ticket);
+    /// Tells what there is.
+    [[nodiscard]] Task<> sendStatus(platform::Stream& stream);
     /// Sends what is set, a line each.
     [[nodiscard]] Task<> sendSettings(platform::Stream& stream);
     /// Sends the text, if there is one, behind the line that says so.
