@@ -15,6 +15,7 @@ namespace orlinth::fakes {
 /// A session's bus within one process. One call at a time, from any thread. Outlives its subscriptions.
 class FakeBusSignals final : public platform::BusSignals {
 public:
+    ~FakeBusSignals() override;
     void post(const std::string& name) noexcept override {
         posted.push_back(name);
         if (!hasBus) {

@@ -11,6 +11,7 @@ namespace orlinth::fakes {
 /// A clipboard of items, each a map from types to contents.
 class FakeClipboard : public platform::Clipboard {
 public:
+    ~FakeClipboard() override;
     std::vector<std::map<std::string, std::string>> items;
     bool hasSession = true;
     bool typesAreReadable = true;

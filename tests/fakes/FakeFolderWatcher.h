@@ -16,6 +16,7 @@ namespace orlinth::fakes {
 /// Tells of a change when a test says that there was one. One thread. Outlives its watches.
 class FakeFolderWatcher final : public platform::FolderWatcher {
 public:
+    ~FakeFolderWatcher() override;
     [[nodiscard]] std::unique_ptr<platform::FolderWatch> watch(const platform::Path& folder, Executor executor,
                                                                std::function<void()> onChange) override {
         if (errorNumber) {

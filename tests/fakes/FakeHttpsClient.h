@@ -13,6 +13,7 @@ namespace orlinth::fakes {
 /// Answers requests from a script and keeps what was asked.
 class FakeHttpsClient : public platform::HttpsClient {
 public:
+    ~FakeHttpsClient() override;
     struct Seen {
         std::string url;
         std::vector<std::pair<std::string, std::string>> headers;

@@ -13,6 +13,7 @@ namespace orlinth::fakes {
 /// A desktop that shows jobs, or not, as a test says.
 class FakeJobViews final : public platform::JobViews {
 public:
+    ~FakeJobViews() override;
     struct Shown {
         platform::JobView::State state;
         std::vector<platform::Job> jobs; ///< one after the other

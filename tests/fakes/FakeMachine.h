@@ -14,6 +14,7 @@ namespace orlinth::fakes {
 /// beginning of the test.
 class FakeMachine final : public platform::Machine {
 public:
+    ~FakeMachine() override;
     [[nodiscard]] std::optional<platform::PortHolder> holderOf(std::uint16_t port) const override {
         const auto place = holders.find(port);
         return place != holders.end() ? std::optional(place->second) : std::nullopt;
@@ -31,6 +32,7 @@ class FakeFirewall final : public platform::Firewall {
 public:
     /// `clock` outlives every answer.
     explicit FakeFirewall(platform::Clock& clock) : clock_(clock) {}
+    ~FakeFirewall() override;
 
     [[nodiscard]] Task<platform::FirewallReport> incoming(std::string interface, std::uint16_t port,
                                                           Executor /*executor*/) override {

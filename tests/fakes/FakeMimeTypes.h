@@ -15,6 +15,7 @@ public:
     FakeMimeTypes()
         : types_{{"jpg", "image/jpeg"}, {"pdf", "application/pdf"}, {"png", "image/png"}, {"txt", "text/plain"}} {}
     explicit FakeMimeTypes(std::map<std::string, std::string> types) : types_(std::move(types)) {}
+    ~FakeMimeTypes() override;
 
     [[nodiscard]] std::optional<std::string> typeForExtension(std::string_view extension) const override {
         const auto found = types_.find(lowerCased(extension));

@@ -8,6 +8,7 @@ namespace orlinth::fakes {
 /// A list of interfaces as a test makes it up; by default one wired interface, 192.168.1.23/24.
 class FakeNetworkInterfaces : public platform::NetworkInterfaces {
 public:
+    ~FakeNetworkInterfaces() override;
     [[nodiscard]] std::vector<platform::InterfaceAddress> list() const override {
         if (listErrno) {
             throw platform::SystemError::fromErrno(*listErrno);

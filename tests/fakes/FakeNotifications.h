@@ -17,6 +17,7 @@ namespace orlinth::fakes {
 /// A desktop that keeps what it is asked to show, and answers as a test says.
 class FakeNotifications final : public platform::Notifications {
 public:
+    ~FakeNotifications() override;
     struct Shown {
         platform::Notification notification;
         Executor executor;

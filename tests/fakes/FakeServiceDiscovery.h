@@ -15,6 +15,7 @@ namespace orlinth::fakes {
 class FakeServiceDiscovery : public platform::ServiceDiscovery {
 public:
     explicit FakeServiceDiscovery(platform::Clock& clock) : clock_(clock) {}
+    ~FakeServiceDiscovery() override;
 
     [[nodiscard]] std::unique_ptr<platform::ServicePublication>
     publish(platform::ServiceRecord service, Executor executor, PublicationEvents events) override {

@@ -14,6 +14,7 @@ namespace orlinth::fakes {
 /// thread. Outlives its watches.
 class FakeSleepNews final : public platform::SleepNews {
 public:
+    ~FakeSleepNews() override;
     [[nodiscard]] std::unique_ptr<platform::SleepWatch> watch(Executor executor,
                                                               std::function<void()> onWake) override {
         auto watch = std::make_unique<Watch>(*this, std::move(executor), std::move(onWake));

@@ -13,6 +13,7 @@ namespace orlinth::fakes {
 /// Starts services in memory: nobody knows any, until a test says what comes of it. Any thread.
 class FakeUserServices final : public platform::UserServices {
 public:
+    ~FakeUserServices() override;
     [[nodiscard]] platform::ServiceStart start(const platform::UserService& service) override {
         return answer("start " + service.busName + " " + service.unit);
     }

@@ -17,6 +17,7 @@ namespace orlinth::fakes {
 /// that makes it. One thread. Outlives its watches.
 class MemoryNeighbours final : public platform::Neighbours {
 public:
+    ~MemoryNeighbours() override;
     [[nodiscard]] std::vector<platform::Neighbour> list() const override {
         throwIfBroken(listErrno);
         return entries_;

@@ -16,6 +16,7 @@ namespace orlinth::fakes {
 /// thread. Outlives its watches.
 class MemoryNetworkNews final : public platform::NetworkNews {
 public:
+    ~MemoryNetworkNews() override;
     [[nodiscard]] std::unique_ptr<platform::NetworkWatch> watch(Executor executor,
                                                                 std::function<void()> onChange) override {
         if (watchErrno) {

@@ -21,6 +21,7 @@ class MemoryProbe final : public platform::Probe {
 public:
     /// `clock` outlives every probe.
     explicit MemoryProbe(platform::Clock& clock) : clock_(clock) {}
+    ~MemoryProbe() override;
 
     [[nodiscard]] Task<platform::ProbeResult> connect(platform::IpAddress address, std::uint16_t port, Seconds limit,
                                                       Executor executor) override {

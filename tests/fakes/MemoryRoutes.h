@@ -15,6 +15,7 @@ namespace orlinth::fakes {
 /// A routing table of single addresses. What a test has not named has no route (ENETUNREACH). One thread.
 class MemoryRoutes final : public platform::Routes {
 public:
+    ~MemoryRoutes() override;
     [[nodiscard]] std::variant<platform::Route, platform::NoRoute>
     to(const platform::IpAddress& address) const override {
         if (errorNumber) {

@@ -15,6 +15,7 @@ namespace orlinth::fakes {
 class MemoryUnixSockets final : public platform::UnixSockets {
 public:
     explicit MemoryUnixSockets(asio::io_context& context) : network_(context) {}
+    ~MemoryUnixSockets() override;
 
     [[nodiscard]] std::unique_ptr<platform::Listener> listen(const platform::Path& path, Executor executor) override {
         if (listenErrno) {

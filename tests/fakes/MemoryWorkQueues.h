@@ -13,6 +13,7 @@ namespace orlinth::fakes {
 class MemoryWorkQueues final : public platform::WorkQueues {
 public:
     explicit MemoryWorkQueues(asio::io_context& context) : context_(context) {}
+    ~MemoryWorkQueues() override;
 
     [[nodiscard]] Executor makeSerialQueue(const char* label) override {
         labels.emplace_back(label);

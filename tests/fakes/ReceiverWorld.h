@@ -3,6 +3,7 @@
 #include "OrlinthCore/Receiving/Receiver.h"
 #include "fakes/World.h"
 #include "platform/Cancelled.h"
+#include "platform/Spawn.h"
 #include "platform/SystemError.h"
 
 #include <asio/cancellation_signal.hpp>

@@ -11,6 +11,7 @@ namespace orlinth::fakes {
 /// A log that keeps what is written to it. Any thread.
 class RecordingLog : public platform::Log {
 public:
+    ~RecordingLog() override;
     struct Line {
         platform::LogLevel level;
         std::string subsystem;

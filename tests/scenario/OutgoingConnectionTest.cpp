@@ -3,6 +3,7 @@
 #include "OrlinthCore/Sending/SendError.h"
 #include "fakes/CancelMidway.h"
 #include "fakes/World.h"
+#include "platform/Spawn.h"
 
 #include <asio/bind_cancellation_slot.hpp>
 #include <asio/cancellation_signal.hpp>

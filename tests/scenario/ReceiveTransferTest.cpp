@@ -3,6 +3,7 @@
 #include "fakes/CancelMidway.h"
 #include "fakes/Sidecar.h"
 #include "fakes/World.h"
+#include "platform/Spawn.h"
 #include "platform/SystemError.h"
 
 #include <gmock/gmock.h>

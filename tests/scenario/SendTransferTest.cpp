@@ -3,6 +3,7 @@
 #include "OrlinthCore/Sending/OutgoingFile.h"
 #include "fakes/CancelMidway.h"
 #include "fakes/World.h"
+#include "platform/Spawn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

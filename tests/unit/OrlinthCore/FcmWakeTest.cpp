@@ -5,6 +5,7 @@
 #include "fakes/CancelMidway.h"
 #include "fakes/TestRsaKey.h"
 #include "fakes/World.h"
+#include "platform/Spawn.h"
 
 #include <asio/experimental/awaitable_operators.hpp>
 #include <gmock/gmock.h>

@@ -2,6 +2,7 @@
 #include "OrlinthCore/Receiving/ReceiveError.h"
 #include "fakes/Sidecar.h"
 #include "fakes/World.h"
+#include "platform/Spawn.h"
 
 #include <asio/cancellation_signal.hpp>
 #include <gmock/gmock.h>

@@ -1,6 +1,7 @@
 #include "OrlinthHost/Service/OfferQueue.h"
 
 #include "fakes/World.h"
+#include "platform/Spawn.h"
 
 #include <asio/cancellation_signal.hpp>
 #include <gmock/gmock.h>

@@ -3,6 +3,7 @@
 #include "OrlinthCore/Pairing/PairWire.h"
 #include "OrlinthHost/Service/PairingDoor.h"
 #include "ServiceWorld.h"
+#include "platform/Spawn.h"
 
 #include <gmock/gmock.h>
 

@@ -5,6 +5,7 @@
 #include "OrlinthHost/Service/History.h"
 #include "OrlinthHost/Service/Presence.h"
 #include "ServiceWorld.h"
+#include "platform/Spawn.h"
 
 #include <gmock/gmock.h>
 

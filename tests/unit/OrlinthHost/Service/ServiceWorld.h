@@ -5,6 +5,7 @@
 #include "OrlinthHost/Service/ServiceControlClient.h"
 #include "fakes/World.h"
 #include "platform/Cancelled.h"
+#include "platform/Spawn.h"
 #include "unit/OrlinthHost/Outbox/RecordingOutboxEvents.h"
 
 #include <asio/cancellation_signal.hpp>

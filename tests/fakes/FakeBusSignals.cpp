@@ -1,0 +1,7 @@
+#include "fakes/FakeBusSignals.h"
+
+namespace orlinth::fakes {
+
+FakeBusSignals::~FakeBusSignals() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/FakeClipboard.h"
+
+namespace orlinth::fakes {
+
+FakeClipboard::~FakeClipboard() = default;
+
+} // namespace orlinth::fakes

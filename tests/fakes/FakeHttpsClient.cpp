@@ -1,0 +1,7 @@
+#include "fakes/FakeHttpsClient.h"
+
+namespace orlinth::fakes {
+
+FakeHttpsClient::~FakeHttpsClient() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/FakeJobViews.h"
+
+namespace orlinth::fakes {
+
+FakeJobViews::~FakeJobViews() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/FakeMimeTypes.h"
+
+namespace orlinth::fakes {
+
+FakeMimeTypes::~FakeMimeTypes() = default;
+
+} // namespace orlinth::fakes

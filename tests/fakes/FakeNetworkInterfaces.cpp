@@ -1,0 +1,7 @@
+#include "fakes/FakeNetworkInterfaces.h"
+
+namespace orlinth::fakes {
+
+FakeNetworkInterfaces::~FakeNetworkInterfaces() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/FakeNotifications.h"
+
+namespace orlinth::fakes {
+
+FakeNotifications::~FakeNotifications() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/FakeSleepNews.h"
+
+namespace orlinth::fakes {
+
+FakeSleepNews::~FakeSleepNews() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/FakeUserServices.h"
+
+namespace orlinth::fakes {
+
+FakeUserServices::~FakeUserServices() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/MemoryNeighbours.h"
+
+namespace orlinth::fakes {
+
+MemoryNeighbours::~MemoryNeighbours() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/MemoryNetworkNews.h"
+
+namespace orlinth::fakes {
+
+MemoryNetworkNews::~MemoryNetworkNews() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/MemoryUnixSockets.h"
+
+namespace orlinth::fakes {
+
+MemoryUnixSockets::~MemoryUnixSockets() = default;
+
+} // namespace orlinth::fakes

@@ -1,0 +1,7 @@
+#include "fakes/RecordingLog.h"
+
+namespace orlinth::fakes {
+
+RecordingLog::~RecordingLog() = default;
+
+} // namespace orlinth::fakes
