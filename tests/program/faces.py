@@ -227,6 +227,10 @@ class SocketFace:
                                                "is_asked": "expires_epoch_ms" in line})
                     elif event == "offer_gone":
                         watcher.tell("offer gone", {"id": line["offer"]})
+                    elif event == "setting":
+                        watcher.tell("setting", {"name": line["name"], "value": line["value"]})
+                    elif event == "setting_gone":
+                        watcher.tell("setting gone", {"name": line["name"]})
                     elif event == "batch_gone":
                         watcher.tell("batch gone", {"id": line["batch"]})
                     elif event == "phone_gone":
@@ -374,7 +378,9 @@ class BusFace:
         watcher = BusWatcher(client)
         client.listen(f"type='signal',path_namespace='{ROOT}'")
         [managed] = client.call(NAME, ROOT, OBJECTS, "GetManagedObjects").values
-        watcher.begin(managed)
+        [settings] = client.call(NAME, ROOT, "org.freedesktop.DBus.Properties", "Get", "ss", f"{NAME}.Service",
+                                 "Settings").values
+        watcher.begin(managed, settings)
         return watcher
 
 
@@ -412,8 +418,10 @@ class BusWatcher(Watcher):
         super().__init__()
         self.client = client
         self.objects = {}  # by path: the kind, and the properties
+        self.settings = {}
 
-    def begin(self, managed):
+    def begin(self, managed, settings):
+        self.settings = settings
         for path, interfaces in managed.items():
             self.add(path, interfaces)
         threading.Thread(target=self.follow, daemon=True).start()
@@ -447,12 +455,22 @@ class BusWatcher(Watcher):
             self.tell(f"{kind.lower()} gone", self.names_of(path, kind, properties))
         elif message.member == "PropertiesChanged":
             path, changed = message.fields[1], message.values[1]
+            if path == ROOT and "Settings" in changed:
+                self.compare(changed["Settings"])
             if path in self.objects:
                 self.objects[path][1].update(changed)
                 self.show(path)
         elif message.member == "HistoryAdded":
             [entry] = message.values
             self.tell("history", BusFace.entry(entry) if entry else {})
+
+    def compare(self, settings):
+        before, self.settings = self.settings, settings
+        for name, value in settings.items():
+            if before.get(name) != value:
+                self.tell("setting", {"name": name, "value": value})
+        for name in before.keys() - settings.keys():
+            self.tell("setting gone", {"name": name})
 
     @staticmethod
     def names_of(path, kind, properties):

@@ -403,9 +403,15 @@ def a_batch_is_taken_back(test, face):
 def settings_are_read_and_changed(test, face):
     service = test.serve(test.mac)
     test.assertTrue(face.settings()["history"])
-    for name, value in (("history", False), ("max-file", 1000), ("name", "Büro"), ("accept", "never")):
+    watcher = face.watch()
+    of_phone = f"phones.{test.phone.key}.accept"
+    for name, value in (("history", False), ("max-file", 1000), ("name", "Büro"), ("accept", "never"),
+                        (of_phone, "always")):
         face.set(name, value)
         test.assertEqual(value, face.settings()[name])
+        watcher.wait("setting", name=name, value=value)
+    face.set(of_phone, "")
+    watcher.wait("setting gone", name=of_phone)
     for name, value in (("history", "perhaps"), ("nonsense", True), ("accept", "sometimes"), ("dir", "/nowhere")):
         before = face.settings()
         test.refusal(face.set, name, value)

@@ -24,7 +24,19 @@ void addChanges(std::map<Key, View>& told, std::map<Key, View> current, std::vec
     told = std::move(current);
 }
 
+std::map<std::string, SettingView> byName(std::vector<SettingView> settings) {
+    std::map<std::string, SettingView> named;
+    for (SettingView& setting : settings) {
+        std::string name = setting.name;
+        named.emplace(std::move(name), std::move(setting));
+    }
+    return named;
+}
+
 } // namespace
+
+NewsReader::NewsReader(const ServiceApi& api)
+    : api_(api), seenHistory_(api.history().version()), settings_(byName(api.settings())) {}
 
 std::vector<ServiceNews> NewsReader::next(bool isTimeToLook) {
     std::vector<ServiceNews> news;
@@ -39,6 +51,7 @@ std::vector<ServiceNews> NewsReader::next(bool isTimeToLook) {
     addTransfers(news);
     addBatches(news);
     addOffers(news);
+    addSettings(news);
     addHistory(news);
     if (isFirst) {
         news.emplace_back(CurrentLine{});
@@ -90,6 +103,11 @@ void NewsReader::addOffers(std::vector<ServiceNews>& news) {
     }
     addChanges(offers_, std::move(current), news,
                [](OfferNumber number) -> ServiceNews { return OfferGoneLine{number}; });
+}
+
+void NewsReader::addSettings(std::vector<ServiceNews>& news) {
+    addChanges(settings_, byName(api_.settings()), news,
+               [](const std::string& name) -> ServiceNews { return SettingGoneLine{name}; });
 }
 
 void NewsReader::addHistory(std::vector<ServiceNews>& news) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -15,10 +16,10 @@ namespace orlinth::host {
 class NewsReader {
 public:
     /// `api` outlives this.
-    explicit NewsReader(const ServiceApi& api) noexcept : api_(api), seenHistory_(api.history().version()) {}
+    explicit NewsReader(const ServiceApi& api);
 
-    /// What has changed since the last call; everything at the first, but for the history. Phones are looked at again
-    /// only if `isTimeToLook` or if something was heard of one.
+    /// What has changed since the last call; everything at the first, but for settings and the history. Phones are
+    /// looked at again only if `isTimeToLook` or if something was heard of one.
     [[nodiscard]] std::vector<ServiceNews> next(bool isTimeToLook);
     /// Whether there may be news.
     [[nodiscard]] bool isBehind() const noexcept { return seenVersion_ != api_.version(); }
@@ -29,6 +30,7 @@ private:
     void addTransfers(std::vector<ServiceNews>& news);
     void addBatches(std::vector<ServiceNews>& news);
     void addOffers(std::vector<ServiceNews>& news);
+    void addSettings(std::vector<ServiceNews>& news);
     void addHistory(std::vector<ServiceNews>& news);
 
     const ServiceApi& api_;
@@ -40,6 +42,7 @@ private:
     std::map<TransferNumber, TransferView> transfers_;
     std::map<std::pair<BatchId, PeerKey>, OutboxView> batches_;
     std::map<OfferNumber, OfferView> offers_;
+    std::map<std::string, SettingView> settings_;
 };
 
 } // namespace orlinth::host

@@ -56,6 +56,7 @@ constexpr const char* batchGoneEvent = "batch_gone";
 constexpr const char* phoneGoneEvent = "phone_gone";
 constexpr const char* historyEvent = "history_added";
 constexpr const char* settingEvent = "setting";
+constexpr const char* settingGoneEvent = "setting_gone";
 constexpr const char* currentEvent = "current";
 
 void addText(Json& object, const char* key, const std::string& text) {
@@ -295,21 +296,22 @@ const char* textOf(OutboxView::State state) noexcept {
 
 std::string encodeServiceNews(const ServiceNews& news) {
     return compactJson(std::visit(
-        Overloaded{[](const TransferGoneLine& gone) -> Json {
-                       return {{eventKey, transferGoneEvent}, {transferKey, static_cast<std::uint64_t>(gone.number)}};
-                   },
-                   [](const BatchGoneLine& gone) -> Json {
-                       return {
-                           {eventKey, batchGoneEvent}, {batchKey, gone.batch.text()}, {pubkeyKey, gone.peerKey.text()}};
-                   },
-                   [](const PhoneGoneLine& gone) -> Json {
-                       return {{eventKey, phoneGoneEvent}, {pubkeyKey, gone.peerKey.text()}};
-                   },
-                   [](const OfferGoneLine& gone) -> Json {
-                       return {{eventKey, offerGoneEvent}, {offerKey, static_cast<std::uint64_t>(gone.number)}};
-                   },
-                   [](const CurrentLine&) -> Json { return {{eventKey, currentEvent}}; },
-                   [](const auto& view) -> Json { return fieldsOf(view); }},
+        Overloaded{
+            [](const TransferGoneLine& gone) -> Json {
+                return {{eventKey, transferGoneEvent}, {transferKey, static_cast<std::uint64_t>(gone.number)}};
+            },
+            [](const BatchGoneLine& gone) -> Json {
+                return {{eventKey, batchGoneEvent}, {batchKey, gone.batch.text()}, {pubkeyKey, gone.peerKey.text()}};
+            },
+            [](const PhoneGoneLine& gone) -> Json {
+                return {{eventKey, phoneGoneEvent}, {pubkeyKey, gone.peerKey.text()}};
+            },
+            [](const OfferGoneLine& gone) -> Json {
+                return {{eventKey, offerGoneEvent}, {offerKey, static_cast<std::uint64_t>(gone.number)}};
+            },
+            [](const SettingGoneLine& gone) -> Json { return {{eventKey, settingGoneEvent}, {nameKey, gone.name}}; },
+            [](const CurrentLine&) -> Json { return {{eventKey, currentEvent}}; },
+            [](const auto& view) -> Json { return fieldsOf(view); }},
         news));
 }
 
@@ -354,6 +356,9 @@ ServiceNews decodeServiceNews(std::string_view line) {
     }
     if (event == settingEvent) {
         return settingIn(object);
+    }
+    if (event == settingGoneEvent) {
+        return SettingGoneLine{requireString(object, nameKey)};
     }
     if (event == currentEvent) {
         return CurrentLine{};

@@ -38,8 +38,9 @@ using BatchLine = OutboxView;
 /// "expires_epoch_ms":1731686400000}`: a file that waits for a yes or a no; the last once its time runs.
 using OfferLine = OfferView;
 
-/// `{"event":"setting","name":"accept","value":"ask","fixed_by":"config.toml, line 3"}`: only to those who ask for the
-/// settings. The value is a text, true or false, or a number of bytes; "fixed_by" where the service cannot change it.
+/// `{"event":"setting","name":"accept","value":"ask","fixed_by":"config.toml, line 3"}`: to those who ask for the
+/// settings, and to those who watch when it has changed. The value is a text, true or false, or a number of bytes;
+/// "fixed_by" where the service cannot change it.
 using SettingLine = SettingView;
 
 /// `{"event":"transfer_gone","transfer":7}`: it is listed no more.
@@ -63,6 +64,11 @@ struct OfferGoneLine {
     OfferNumber number{};
     friend bool operator==(const OfferGoneLine&, const OfferGoneLine&) = default;
 };
+/// `{"event":"setting_gone","name":"phones.KEY.dir"}`: it is not set any more.
+struct SettingGoneLine {
+    std::string name;
+    friend bool operator==(const SettingGoneLine&, const SettingGoneLine&) = default;
+};
 /// `{"event":"history_added", …}` with what History::encode() has of an entry; without those members the history is to
 /// be read anew, as it was cleared, or more was added at once than is told.
 struct HistoryLine {
@@ -74,8 +80,9 @@ struct CurrentLine {
     friend bool operator==(const CurrentLine&, const CurrentLine&) = default;
 };
 
-using ServiceNews = std::variant<ServiceLine, PhoneLine, TransferLine, BatchLine, OfferLine, TransferGoneLine,
-                                 BatchGoneLine, PhoneGoneLine, OfferGoneLine, HistoryLine, SettingLine, CurrentLine>;
+using ServiceNews =
+    std::variant<ServiceLine, PhoneLine, TransferLine, BatchLine, OfferLine, TransferGoneLine, BatchGoneLine,
+                 PhoneGoneLine, OfferGoneLine, SettingGoneLine, HistoryLine, SettingLine, CurrentLine>;
 
 /// Bytes of a line, without its end: more than the longest path and the longest name take.
 inline constexpr std::size_t maxNewsLine = 32 << 10;

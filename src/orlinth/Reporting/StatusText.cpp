@@ -44,8 +44,9 @@ void StatusText::take(const host::ServiceNews& news) {
                               std::erase_if(phones_,
                                             [&gone](const auto& one) { return one.presence.peerKey == gone.peerKey; });
                           },
-                          [](const host::HistoryLine&) {}, [](const host::SettingLine&) {}, // of which nobody has asked
-                          [](const host::CurrentLine&) {}},
+                          // what is not shown
+                          [](const host::HistoryLine&) {}, [](const host::SettingLine&) {},
+                          [](const host::SettingGoneLine&) {}, [](const host::CurrentLine&) {}},
                news);
 }
 

@@ -22,6 +22,7 @@ const std::vector<std::pair<std::string, ServiceNews>> news{
          .state = ServiceView::State::notListening, .port = 28471, .problem = "Address in use", .downloads = "/d"}},
     {R"({"downloads":"/d","event":"service","name":"ann-laptop","port":0,"state":"starting"})",
      ServiceView{.name = "ann-laptop", .downloads = "/d"}},
+    {R"({"event":"setting_gone","name":"phones.key.dir"})", SettingGoneLine{.name = "phones.key.dir"}},
     {R"({"event":"setting","name":"history","value":true})", SettingView{.name = "history", .value = true}},
     {R"({"event":"setting","fixed_by":"config.toml, line 3","name":"accept","value":"ask"})",
      SettingView{.name = "accept", .value = "ask", .fixedBy = "config.toml, line 3"}},
