@@ -1,6 +1,7 @@
 #include "OrlinthBus/BusCall.h"
 
 #include "OrlinthBus/ObjectPath.h"
+#include "base/Text.h"
 #include "platform/SystemError.h"
 #include "platform/linux/PassedFile.h"
 #include "platform/linux/SystemdLibrary.h"
@@ -38,6 +39,9 @@ std::optional<BusOption> readOption(sd_bus_message* message, const std::string& 
                    ? std::optional<BusOption>(std::string(text))
                    : std::nullopt;
     }
+    if (type == "y") {
+        return readNumber<std::uint8_t>(message, 'y');
+    }
     if (type == "n") {
         return readNumber<std::int16_t>(message, 'n');
     }
@@ -67,7 +71,7 @@ BusCall::BusCall(sd_bus_message* message) noexcept : message_(systemd().sd_bus_m
 BusCall::~BusCall() {
     try {
         if (message_) {
-            fail("Failed", "it was not done");
+            fail({.text = "it was not done"});
         }
     } catch (const std::exception&) {
         return; // no memory to say so: the caller waits until its own limit
@@ -91,9 +95,7 @@ std::string BusCall::sender() const {
 
 bool BusCall::readFlag() {
     int flag = 0;
-    if (systemd().sd_bus_message_read_basic(message_.get(), 'b', &flag) <= 0) {
-        throw platform::SystemError("an argument is missing");
-    }
+    readBasic('b', &flag);
     return flag != 0;
 }
 
@@ -113,9 +115,7 @@ BusOptions BusCall::readOptions() {
         require(systemd().sd_bus_message_read_basic(message, 's', static_cast<void*>(&name)));
         require(systemd().sd_bus_message_peek_type(message, nullptr, &type));
         require(systemd().sd_bus_message_enter_container(message, 'v', type));
-        if (std::optional<BusOption> value = readOption(message, type)) {
-            options.insert_or_assign(name, *std::move(value));
-        }
+        options.insert_or_assign(name, readOption(message, type));
         if (options.size() > most) {
             throw platform::SystemError("more than " + std::to_string(most) + " options");
         }
@@ -213,16 +213,17 @@ void BusCall::reply(const std::function<int(sd_bus_message*)>& append) {
     }
     const platform::BusMessageRef answer(made);
     if (append(answer.get()) < 0) {
-        fail("Failed", "the answer cannot be put into a message");
+        fail({.text = "the answer cannot be put into a message"});
         return;
     }
     static_cast<void>(systemd().sd_bus_send(nullptr, answer.get(), nullptr)); // a caller who is gone needs none
     message_.reset();
 }
 
-void BusCall::fail(const char* name, const std::string& message) {
-    const std::string full = std::string(serviceName) + ".Error." + name;
-    static_cast<void>(systemd().sd_bus_reply_method_errorf(message_.get(), full.c_str(), "%s", message.c_str()));
+void BusCall::fail(const BusError& error) {
+    const std::string name = std::string(serviceName) + ".Error." + error.name;
+    const std::string text = toUtf8(error.text); // else the library sends nothing at all
+    static_cast<void>(systemd().sd_bus_reply_method_errorf(message_.get(), name.c_str(), "%s", text.c_str()));
     message_.reset();
 }
 

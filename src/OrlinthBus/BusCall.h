@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OrlinthBus/BusError.h"
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/SessionBus.h"
 
@@ -8,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -16,7 +18,8 @@ namespace orlinth::bus {
 
 /// What callers may give for an option: a flag, a whole number of any type that fits, or a text.
 using BusOption = std::variant<bool, std::int64_t, std::string>;
-using BusOptions = std::map<std::string, BusOption>;
+/// By name; nothing for a value of another type.
+using BusOptions = std::map<std::string, std::optional<BusOption>>;
 
 /// A method call that waits for its answer. Exactly one of the last two is called, once; a call that is let go of
 /// without is answered by an error.
@@ -40,8 +43,7 @@ public:
     [[nodiscard]] std::vector<std::string> readTexts(char type, std::size_t most);
     /// The next argument, "v". @throws std::exception if it is none, or holds something else than a BusOption
     [[nodiscard]] BusOption readValue();
-    /// The next argument, a{sv}; values that are no BusOption are left out. @throws std::exception if it is none, or
-    /// has too many
+    /// The next argument, a{sv}. @throws std::exception if it is none, or has too many
     [[nodiscard]] BusOptions readOptions();
     /// The next argument, "b". @throws std::exception
     [[nodiscard]] bool readFlag();
@@ -57,8 +59,7 @@ public:
     void reply(const std::string& text);
     /// With what `append` appends; negative: the library has refused.
     void reply(const std::function<int(sd_bus_message*)>& append);
-    /// `name` is the last part of the error's name; `message` for people, with a hint in a line of its own.
-    void fail(const char* name, const std::string& message);
+    void fail(const BusError& error);
 
 private:
     void readBasic(char type, void* value);

@@ -1,10 +1,8 @@
 #include "OrlinthBus/BusFace.h"
 
-#include "OrlinthBus/FileUri.h"
 #include "OrlinthBus/ObjectPath.h"
 #include "OrlinthBus/OfferObjects.h"
 #include "OrlinthBus/PairingObject.h"
-#include "OrlinthHost/HostError.h"
 #include "platform/Cancelled.h"
 #include "platform/SystemError.h"
 #include "platform/linux/SystemdLibrary.h"
@@ -30,23 +28,6 @@ std::vector<BusInterface> allInterfaces() {
     return interfaces;
 }
 
-/// Of the error on the bus.
-const char* nameOf(host::SettingError::Case which) noexcept {
-    using Case = host::SettingError::Case;
-    switch (which) {
-    case Case::unknownSetting:
-    case Case::invalidValue:
-        return "InvalidArgument";
-    case Case::noSuchPhone:
-        return "NoSuchPhone";
-    case Case::fixed:
-        return "NotAllowed";
-    case Case::notSaved:
-        break;
-    }
-    return "Failed";
-}
-
 } // namespace
 
 BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, ServiceIdentity identity)
@@ -61,18 +42,12 @@ BusFace::BusFace(host::Home& home, platform::BusEnvironment environment, Service
       pairingCalls_(home, loop_, [this] { tellEverything(); }),
       gate_(home, loop_, [this](BusCall call) { onCall(std::move(call)); }),
       phoneCalls_(home, loop_),
+      serviceCalls_(home, loop_, [this](std::uint64_t version) { return untilTold(version); }),
       tree_(allInterfaces(), {phonesPath, batchesPath, transfersPath, offersPath},
-            [this](BusCall call) {
-                if (isStopping_) {
-                    call.fail("Busy", "the service is ending");
-                } else {
-                    gate_.take(std::move(call));
-                }
-            }),
+            [this](BusCall call) { gate_.take(std::move(call)); }),
       clients_([this](const std::string& /*name*/) { clientsChanged(); }),
       reconnecting_(home.system.clock.makeTimer(home.executor)),
-      tasks_(home.executor),
-      sendings_(home.executor) {}
+      tasks_(home.executor) {}
 
 BusFace::~BusFace() {
     disconnect();
@@ -82,6 +57,7 @@ Task<> BusFace::start(host::ServiceApi& api) {
     api_ = &api;
     pairingCalls_.start(api);
     phoneCalls_.start(api);
+    serviceCalls_.start(api);
     tasks_.add(tellNews(), [this](const std::exception_ptr& error) {
         try {
             if (error) {
@@ -117,7 +93,7 @@ Task<> BusFace::finish() {
     co_await pairingCalls_.finish();
     co_await gate_.finish();
     co_await phoneCalls_.finish();
-    co_await sendings_.join();
+    co_await serviceCalls_.finish();
     const auto isOut = [this] {
         std::uint64_t queued = 0;
         return loop_.get() == nullptr || systemd().sd_bus_get_n_queued_write(loop_.get(), &queued) < 0 || queued == 0;
@@ -172,6 +148,7 @@ void BusFace::disconnect() noexcept {
     gate_.forget();
     tree_.detach();
     name_ = Name::unknown;
+    news_.changed();
 }
 
 void BusFace::connectLater() {
@@ -191,7 +168,12 @@ int BusFace::onName(sd_bus_message* message, void* self, sd_bus_error* /*error*/
                                                        : "the session's bus does not give us our name");
         face->disconnect(); // nobody would look for us under a number
         face->name_ = Name::anothers;
-        face->reconnecting_->arm(Seconds(0), [face] { face->loop_.close(); }); // not in the library's call
+        face->reconnecting_->arm(Seconds(0), [face, isAnswered] { // not in the library's call
+            face->loop_.close();
+            if (!isAnswered) {
+                face->connectLater();
+            }
+        });
     }
     face->news_.changed();
     return 1;
@@ -277,24 +259,30 @@ std::optional<Seconds> BusFace::timeToLook() const {
 
 Task<> BusFace::tellNews() {
     std::uint64_t seen = 0;
+    platform::Clock::Instant lookedAt = home_.system.clock.now(); // at the phones
+    const auto isTimeToLookAtPhones = [this, &lookedAt] {
+        const platform::Clock::Instant now = home_.system.clock.now();
+        const bool isTime = now - lookedAt >= phonesInterval;
+        lookedAt = isTime ? now : lookedAt;
+        return isTime;
+    };
     for (;;) {
         co_await news_.until([this] { return name_ == Name::ours; });
         const auto isNew = [this, &seen] { return api_->version() != seen; };
-        bool hasCome = true;
         if (const std::optional<Seconds> limit = timeToLook()) {
-            hasCome = co_await api_->news().until(isNew, home_.system.clock, *limit);
+            static_cast<void>(co_await api_->news().until(isNew, home_.system.clock, *limit));
         } else {
             co_await api_->news().until(isNew);
         }
         seen = api_->version();
-        BusTree::Told told = tell(!hasCome);
+        BusTree::Told told = tell(isTimeToLookAtPhones());
         keepTold(told, seen);
         while (told.signals > 0) {
             co_await home_.system.clock.sleep(newsInterval);
             if (told.isEverything) {
                 break;
             }
-            told = tell(false);
+            told = tell(isTimeToLookAtPhones());
             keepTold(told, seen);
         }
     }
@@ -318,31 +306,26 @@ void BusFace::keepTold(const BusTree::Told& told, std::uint64_t version) {
 // What is asked
 
 void BusFace::onCall(BusCall call) {
+    if (isStopping_) { // now, or since it has come to the gate
+        call.fail({.name = "Busy", .text = "the service is ending"});
+        return;
+    }
     if (pairingCalls_.take(call)) {
         return;
     }
     if (phoneCalls_.take(call, phones_)) {
         return;
     }
+    if (serviceCalls_.take(call, phones_)) {
+        return;
+    }
     const std::string path = call.path();
     const std::string member = call.member();
-    if (member == "SendFiles") {
-        sendFiles(std::move(call));
-        return;
-    }
-    if (member == "Restart") {
-        restart(std::move(call));
-        return;
-    }
-    if (member == "SetSetting") {
-        setSetting(std::move(call));
-        return;
-    }
     if (const auto transfer = transfers_.find(path); transfer != transfers_.end() && member == "Cancel") {
         if (api_->cancelTransfer(transfer->second)) {
             call.reply();
         } else {
-            call.fail("NotFound", "the transfer has ended");
+            call.fail({.name = "NotFound", .text = "the transfer has ended"});
         }
         return;
     }
@@ -352,7 +335,7 @@ void BusFace::onCall(BusCall call) {
         if (isFound) {
             call.reply();
         } else {
-            call.fail("NotFound", "the batch is not there any more");
+            call.fail({.name = "NotFound", .text = "the batch is not there any more"});
         }
         return;
     }
@@ -360,122 +343,20 @@ void BusFace::onCall(BusCall call) {
         answerOffer(std::move(call), offer->second);
         return;
     }
-    call.fail("NotFound", "there is no such object any more");
-}
-
-void BusFace::restart(BusCall call) {
-    try {
-        api_->restart();
-    } catch (const host::HostError& error) {
-        call.fail("Failed", error.description() + "\n" + error.hint());
-        return;
-    }
-    call.reply();
+    call.fail({.name = "NotFound", .text = "there is no such object any more"});
 }
 
 void BusFace::answerOffer(BusCall call, host::OfferNumber number) {
     if (api_->answerOffer(number, call.member() == "Accept")) {
         call.reply();
     } else {
-        call.fail("NotFound", "the file waits for no answer any more");
+        call.fail({.name = "NotFound", .text = "the file waits for no answer any more"});
     }
 }
 
-void BusFace::sendFiles(BusCall call) {
-    if (sendings_.size() >= maxSendings) {
-        call.fail("Busy", "too many files are being shared at once");
-        return;
-    }
-    std::vector<platform::Path> files;
-    std::vector<PeerKey> phones;
-    try {
-        for (const std::string& uri : call.readTexts('s', maxFiles)) {
-            files.push_back(pathOfFileUri(uri));
-        }
-        for (const std::string& path : call.readTexts('o', maxFiles)) {
-            const auto phone = phones_.find(path);
-            if (phone == phones_.end()) {
-                call.fail("NoSuchPhone", "there is no phone " + path);
-                return;
-            }
-            phones.push_back(phone->second);
-        }
-    } catch (const std::exception& error) {
-        call.fail("InvalidArgument", describe(error));
-        return;
-    }
-    const auto shared = std::make_shared<BusCall>(std::move(call));
-    sendings_.add(share(shared, std::move(files), std::move(phones)), [](const std::exception_ptr&) {
-        // it has answered; a call that was cut short is answered when it goes
-    });
-}
-
-Task<> BusFace::share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files, std::vector<PeerKey> phones) {
-    std::string problem;
-    try {
-        std::optional<std::vector<PeerKey>> targets;
-        if (!phones.empty()) {
-            targets = std::move(phones);
-        }
-        const BatchId batch = co_await api_->share(std::move(files), std::move(targets));
-        call->reply(batch.text());
-        loop_.wake();
-        co_return;
-    } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        problem = describe(error);
-    }
-    call->fail("Failed", problem);
-    loop_.wake();
-}
-
-void BusFace::setSetting(BusCall call) {
-    if (isStopping_ || sendings_.size() >= maxSendings) {
-        call.fail("Busy", isStopping_ ? "the service is ending" : "too much is being done at once");
-        return;
-    }
-    std::string name;
-    host::SettingValue value;
-    try {
-        name = call.readText();
-        value = std::visit([](auto&& read) { return host::SettingValue(std::forward<decltype(read)>(read)); },
-                           call.readValue());
-    } catch (const platform::SystemError& error) {
-        call.fail("InvalidArgument", error.description());
-        return;
-    }
-    const auto shared = std::make_shared<BusCall>(std::move(call));
-    sendings_.add(set(shared, std::move(name), std::move(value)), [](const std::exception_ptr&) {
-        // likewise
-    });
-}
-
-Task<> BusFace::set(std::shared_ptr<BusCall> call, std::string name, host::SettingValue value) {
-    const char* kind = "Failed";
-    std::string problem;
-    try {
-        co_await api_->setSetting(std::move(name), std::move(value));
-    } catch (const host::SettingError& error) {
-        kind = nameOf(error.which());
-        problem = error.description() + (error.hint().empty() ? "" : "\n" + error.hint());
-    } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        problem = describe(error);
-    }
-    if (problem.empty()) {
-        const auto isTold = [this, version = api_->version()] {
-            return toldVersion_ >= version || name_ != Name::ours || isStopping_;
-        };
-        static_cast<void>(co_await news_.until(isTold, home_.system.clock, tellingLimit));
-        call->reply();
-    } else {
-        call->fail(kind, problem);
-    }
-    loop_.wake();
+Task<> BusFace::untilTold(std::uint64_t version) {
+    const auto isTold = [this, version] { return toldVersion_ >= version || name_ != Name::ours || isStopping_; };
+    static_cast<void>(co_await news_.until(isTold, home_.system.clock, tellingLimit));
 }
 
 void BusFace::log(platform::LogLevel level, const std::string& text) const noexcept {

@@ -6,6 +6,7 @@
 #include "OrlinthBus/HistoryMessages.h"
 #include "OrlinthBus/PairingCalls.h"
 #include "OrlinthBus/PhoneCalls.h"
+#include "OrlinthBus/ServiceCalls.h"
 #include "OrlinthBus/ServiceObjects.h"
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/ServiceApi.h"
@@ -40,18 +41,14 @@ public:
     static constexpr Seconds phonesInterval = 15s;
     /// The same if one is only asleep.
     static constexpr Seconds sleepersInterval = 300s;
-    /// Calls of SendFiles and SetSetting at once; more are refused.
-    static constexpr std::size_t maxSendings = 4;
     /// For the last signals to get out.
     static constexpr std::chrono::milliseconds lastWordsLimit{100};
-    /// Twenty a second, whatever happens.
+    /// In one interval of news, so that changes are told by twenty signals a second at most.
     static constexpr std::size_t signalsAtOnce = 5;
     /// Before a bus that is lost, or that there is none, is looked for again.
     static constexpr Seconds reconnectInterval = 60s;
     /// For a change of a setting to be told, before its call is answered: whoever looks then sees it.
     static constexpr Seconds tellingLimit = 1s;
-    /// Files of one call of SendFiles.
-    static constexpr std::size_t maxFiles = 10'000;
 
     /// `home` outlives this.
     BusFace(host::Home& home, platform::BusEnvironment environment, ServiceIdentity identity);
@@ -78,19 +75,15 @@ private:
     [[nodiscard]] BusObjects look(bool alsoPhones);
     /// How long nothing may change by time alone; nothing: for ever.
     [[nodiscard]] std::optional<Seconds> timeToLook() const;
-    /// Whoever calls is somebody who may answer questions, until it leaves the bus.
+    /// Whoever asks for all objects is somebody who may answer questions, until it leaves the bus.
     static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
     void clientsChanged();
     /// For somebody who is told at once where to find something new.
     void tellEverything();
     void onCall(BusCall call);
-    void restart(BusCall call);
     void answerOffer(BusCall call, host::OfferNumber number);
-    void sendFiles(BusCall call);
-    [[nodiscard]] Task<> share(std::shared_ptr<BusCall> call, std::vector<platform::Path> files,
-                               std::vector<PeerKey> phones);
-    void setSetting(BusCall call);
-    [[nodiscard]] Task<> set(std::shared_ptr<BusCall> call, std::string name, host::SettingValue value);
+    /// Until what there was at this version of the service was told, but not for long.
+    [[nodiscard]] Task<> untilTold(std::uint64_t version);
     void log(platform::LogLevel level, const std::string& text) const noexcept;
 
     host::Home& home_;
@@ -103,6 +96,7 @@ private:
     PairingCalls pairingCalls_;
     CallerGate gate_;
     PhoneCalls phoneCalls_;
+    ServiceCalls serviceCalls_;
     BusTree tree_;
     HistorySignals historySignals_;
     platform::BusSlotRef request_; ///< of the name
@@ -117,8 +111,7 @@ private:
     std::vector<host::PhoneView> phoneViews_;
     std::uint64_t phonesSeen_ = 0; ///< their version
     bool isStopping_ = false;
-    platform::TaskGroup tasks_;    ///< tellNews()
-    platform::TaskGroup sendings_; ///< calls of SendFiles and SetSetting
+    platform::TaskGroup tasks_; ///< tellNews()
 };
 
 } // namespace orlinth::bus

@@ -63,7 +63,8 @@ int BusPeers::onOwnerChanged(sd_bus_message* message, void* peer, sd_bus_error* 
     const char* name = nullptr;
     const char* before = nullptr;
     const char* after = nullptr;
-    if (systemd().sd_bus_message_read(message, "sss", &name, &before, &after) < 0 || *after != '\0') {
+    if (!platform::isFromBus(message) || systemd().sd_bus_message_read(message, "sss", &name, &before, &after) <= 0 ||
+        *after != '\0') {
         return 0;
     }
     try {
@@ -76,7 +77,7 @@ int BusPeers::onOwnerChanged(sd_bus_message* message, void* peer, sd_bus_error* 
 
 int BusPeers::onLookedUp(sd_bus_message* message, void* peer, sd_bus_error* /*error*/) {
     auto* const self = static_cast<Peer*>(peer);
-    if (systemd().sd_bus_message_is_method_error(message, nullptr) == 0) {
+    if (platform::isFromBus(message) && systemd().sd_bus_message_is_method_error(message, nullptr) == 0) {
         self->lookup.reset();
         return 1;
     }

@@ -32,6 +32,8 @@ public:
 
     /// Whether it is one of them now: not if there are too many, or the library refuses.
     bool add(const std::string& name);
+    /// Looks after it no more. Not from within its onGone.
+    void forget(const std::string& name) { peers_.erase(name); }
     [[nodiscard]] bool contains(const std::string& name) const { return peers_.contains(name); }
     [[nodiscard]] bool isEmpty() const noexcept { return peers_.empty(); }
 

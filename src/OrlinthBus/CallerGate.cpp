@@ -21,6 +21,19 @@ using platform::systemd;
 
 constexpr const char* notAllowed = "NotAllowed";
 
+/// A caller is among those who are being looked at, as long as this lives.
+class Looking {
+public:
+    Looking(std::multiset<std::string>& all, std::string caller) : all_(all), place_(all.insert(std::move(caller))) {}
+    ~Looking() { all_.erase(place_); }
+    Looking(const Looking&) = delete;
+    Looking& operator=(const Looking&) = delete;
+
+private:
+    std::multiset<std::string>& all_;
+    std::multiset<std::string>::iterator place_;
+};
+
 } // namespace
 
 CallerGate::CallerGate(host::Home& home, platform::BusLoop& loop, std::function<void(BusCall)> onAdmitted)
@@ -29,14 +42,20 @@ CallerGate::CallerGate(host::Home& home, platform::BusLoop& loop, std::function<
 void CallerGate::take(BusCall call) {
     const std::optional<MethodRight> right = rightOf(call.interface(), call.member());
     if (!right) {
-        call.fail(notAllowed, "nobody may call this method");
+        call.fail({.name = notAllowed, .text = "nobody may call this method"});
     } else if (*right == MethodRight::everybody) {
         onAdmitted_(std::move(call));
-    } else if (questions_.size() + looks_.size() >= maxLooks) {
-        call.fail("Busy", "too many calls at once");
+    } else if (questions_.size() + looks_.size() >= maxLooks || waitingOf(call.sender()) >= maxLooksAtOne) {
+        call.fail({.name = "Busy", .text = "too many calls at once"});
     } else {
         ask(std::move(call));
     }
+}
+
+std::size_t CallerGate::waitingOf(const std::string& sender) const {
+    const auto asked =
+        std::ranges::count_if(questions_, [&](const Question& one) { return one.call.sender() == sender; });
+    return static_cast<std::size_t>(asked) + lookedAt_.count(sender);
 }
 
 void CallerGate::ask(BusCall call) {
@@ -59,9 +78,9 @@ int CallerGate::onProcess(sd_bus_message* answer, void* question, sd_bus_error* 
         BusCall call = std::move(at->call);
         gate.questions_.erase(at);
         std::uint32_t process = 0;
-        if (systemd().sd_bus_message_is_method_error(answer, nullptr) != 0 ||
+        if (!platform::isFromBus(answer) || systemd().sd_bus_message_is_method_error(answer, nullptr) != 0 ||
             systemd().sd_bus_message_read(answer, "u", &process) <= 0) {
-            call.fail(notAllowed, "the bus does not say which program calls");
+            call.fail({.name = notAllowed, .text = "the bus does not say which program calls"});
             return 1;
         }
         gate.looks_.add(gate.look(std::make_shared<BusCall>(std::move(call)), process), [](const std::exception_ptr&) {
@@ -74,6 +93,7 @@ int CallerGate::onProcess(sd_bus_message* answer, void* question, sd_bus_error* 
 }
 
 Task<> CallerGate::look(std::shared_ptr<BusCall> call, std::uint32_t process) {
+    const Looking looking(lookedAt_, call->sender());
     const auto step = [process] { return platform::confinementOf(static_cast<pid_t>(process)); };
     const Confinement confinement = co_await platform::blocking(home_.system.queues, step);
     switch (confinement) {
@@ -81,10 +101,10 @@ Task<> CallerGate::look(std::shared_ptr<BusCall> call, std::uint32_t process) {
         onAdmitted_(std::move(*call));
         break;
     case Confinement::sandboxed:
-        call->fail(notAllowed, "programs in a sandbox may not do this");
+        call->fail({.name = notAllowed, .text = "programs in a sandbox may not do this"});
         break;
     case Confinement::unknown:
-        call->fail(notAllowed, "it cannot be seen whether the program that calls is in a sandbox");
+        call->fail({.name = notAllowed, .text = "it cannot be seen whether the program that calls is in a sandbox"});
         break;
     }
     loop_.wake();

@@ -10,6 +10,8 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <set>
+#include <string>
 #include <utility>
 
 namespace orlinth::bus {
@@ -24,8 +26,10 @@ namespace orlinth::bus {
 /// Threading: on the home's executor, or from within the calls of the library.
 class CallerGate {
 public:
-    /// Callers that are being looked at; more are refused for now.
+    /// Calls whose callers are being looked at; more are refused for now.
     static constexpr std::size_t maxLooks = 32;
+    /// Those of one caller, so that it leaves some for the others.
+    static constexpr std::size_t maxLooksAtOne = 4;
 
     /// What is referred to outlives this. `onAdmitted` gets the calls that may be made; it throws nothing.
     CallerGate(host::Home& home, platform::BusLoop& loop, std::function<void(BusCall)> onAdmitted);
@@ -50,11 +54,14 @@ private:
     void ask(BusCall call);
     static int onProcess(sd_bus_message* answer, void* question, sd_bus_error* error);
     [[nodiscard]] Task<> look(std::shared_ptr<BusCall> call, std::uint32_t process);
+    /// Calls of this one that wait.
+    [[nodiscard]] std::size_t waitingOf(const std::string& sender) const;
 
     host::Home& home_;
     platform::BusLoop& loop_;
     const std::function<void(BusCall)> onAdmitted_;
     std::list<Question> questions_;
+    std::multiset<std::string> lookedAt_; ///< the callers on whom look() is at work
     platform::TaskGroup looks_;
 };
 

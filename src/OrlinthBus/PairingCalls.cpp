@@ -67,14 +67,14 @@ bool PairingCalls::take(BusCall& call) {
 
 void PairingCalls::begin(BusCall call) {
     if (!tasks_.isEmpty()) {
-        call.fail("Busy", "another pairing is under way");
+        call.fail({.name = "Busy", .text = "another pairing is under way"});
         return;
     }
     host::PairingOptions options;
     try {
         options = pairingOptionsIn(call.readOptions());
     } catch (const std::exception& error) {
-        call.fail("InvalidArgument", describe(error));
+        call.fail({.name = "InvalidArgument", .text = describe(error)});
         return;
     }
     const auto shared = std::make_shared<BusCall>(std::move(call));
@@ -85,38 +85,39 @@ void PairingCalls::begin(BusCall call) {
 
 Task<> PairingCalls::begin(std::shared_ptr<BusCall> call, host::PairingOptions options) {
     const std::string caller = call->sender();
-    const char* kind = "Failed";
-    std::string problem;
+    std::optional<BusError> problem;
     try {
         host::ServicePairing::Ticket ticket = co_await api_->pair(std::move(options));
+        if (owner_ != caller) {
+            owners_.forget(owner_); // its ticket is another's now
+        }
         if (owners_.add(caller)) {
             ticket_ = std::move(ticket);
             owner_ = caller;
         } else {
-            problem = "the bus does not say when the caller leaves it";
+            problem = {.text = "the bus does not say when the caller leaves it"};
         }
     } catch (const host::PairingBusyError& error) {
-        kind = "Busy";
-        problem = describe(error);
+        problem = busErrorOf(error);
     } catch (const std::exception& error) {
         if (platform::isCancellation(error)) {
             throw;
         }
-        problem = textWithHint(error);
+        problem = {.text = textWithHint(error)};
     }
-    if (problem.empty()) {
+    if (!problem) {
         onBegun_();
         call->reply(
             [](sd_bus_message* answer) { return systemd().sd_bus_message_append_basic(answer, 'o', pairingPath); });
     } else {
-        call->fail(kind, problem);
+        call->fail(*problem);
     }
     loop_.wake();
 }
 
 void PairingCalls::goOn(BusCall call) {
     if (!ticket_ || call.sender() != owner_) {
-        call.fail("NotAllowed", "another program has begun this pairing");
+        call.fail({.name = "NotAllowed", .text = "another program has begun this pairing"});
         return;
     }
     const std::string member = call.member();
@@ -128,7 +129,7 @@ void PairingCalls::goOn(BusCall call) {
     } else if (ticket_->confirm(call.readFlag())) {
         call.reply();
     } else {
-        call.fail("NotFound", "there is nothing to confirm");
+        call.fail({.name = "NotFound", .text = "there is nothing to confirm"});
     }
 }
 
@@ -141,9 +142,9 @@ void PairingCalls::sendCode(BusCall call) {
             return systemd().sd_bus_message_append_basic(answer, 'h', &number); // which copies it
         });
     } catch (const host::HostError& error) {
-        call.fail("NotFound", describe(error));
+        call.fail({.name = "NotFound", .text = describe(error)});
     } catch (const std::exception& error) {
-        call.fail("Failed", textWithHint(error));
+        call.fail({.name = "Failed", .text = textWithHint(error)});
     }
 }
 

@@ -19,7 +19,7 @@ std::optional<Value> optionIn(const BusOptions& options, const char* name) {
     if (option == options.end()) {
         return std::nullopt;
     }
-    if (const auto* const value = std::get_if<Value>(&option->second)) {
+    if (const auto* const value = option->second ? std::get_if<Value>(&*option->second) : nullptr) {
         return *value;
     }
     throw host::HostError(std::string("\"") + name + "\" is of another type");

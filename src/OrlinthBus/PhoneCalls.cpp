@@ -30,33 +30,6 @@ constexpr std::array members{std::string_view("Rename"),      std::string_view("
                              std::string_view("GetLastText"), std::string_view("GetHistory"),
                              std::string_view("ClearHistory")};
 
-/// An argument that makes no sense. The text is for people.
-class BadArgument : public Error {
-public:
-    explicit BadArgument(std::string text) : Error(std::move(text)) {}
-};
-
-/// The error's name and its text, with the hint on a line of its own.
-struct Failure {
-    const char* name = "Failed";
-    std::string text = {};
-};
-
-/// Of what is being handled.
-Failure currentFailure() {
-    try {
-        throw;
-    } catch (const host::NoSuchPhone& error) {
-        return {.name = "NoSuchPhone", .text = error.description()};
-    } catch (const BadArgument& error) {
-        return {.name = "InvalidArgument", .text = error.description()};
-    } catch (const host::HostError& error) {
-        return {.text = error.description() + (error.hint().empty() ? "" : "\n" + error.hint())};
-    } catch (const std::exception& error) {
-        return {.text = describe(error)};
-    }
-}
-
 std::vector<PeerKey> keysOf(const std::vector<std::string>& paths, const PhoneCalls::Phones& phones) {
     std::vector<PeerKey> keys;
     for (const std::string& path : paths) {
@@ -79,7 +52,7 @@ bool PhoneCalls::take(BusCall& call, const Phones& phones) {
     if (member == "GetLastText") {
         getLastText(call);
     } else if (calls_.size() >= maxCalls) {
-        call.fail("Busy", "too many calls at once");
+        call.fail({.name = "Busy", .text = "too many calls at once"});
     } else {
         run(std::move(call), phones);
     }
@@ -93,9 +66,8 @@ void PhoneCalls::run(BusCall call, const Phones& phones) {
         calls_.add(answer(shared, std::move(work)), [](const std::exception_ptr&) {
             // it has answered; a call that was cut short is answered when it goes
         });
-    } catch (const std::exception&) {
-        const Failure failure = currentFailure();
-        shared->fail(failure.name, failure.text);
+    } catch (const std::exception& error) {
+        shared->fail(busErrorOf(error));
     }
 }
 
@@ -122,17 +94,17 @@ Task<> PhoneCalls::workOn(Call call, const Phones& phones) {
 }
 
 Task<> PhoneCalls::answer(Call call, Task<> work) {
-    std::optional<Failure> failure;
+    std::optional<BusError> failure;
     try {
         co_await std::move(work);
     } catch (const std::exception& error) {
         if (platform::isCancellation(error)) {
             throw;
         }
-        failure = currentFailure();
+        failure = busErrorOf(error);
     }
     if (failure) {
-        call->fail(failure->name, failure->text);
+        call->fail(*failure);
     }
     loop_.wake();
 }
@@ -143,8 +115,8 @@ Task<> PhoneCalls::rename(Call call, PeerKey phone, std::string name) {
         co_await api_->phoneRequests().rename(std::move(phone), std::move(name));
     } catch (const host::NoSuchPhone&) {
         throw;
-    } catch (const host::HostError&) {
-        refusal = currentFailure().text; // it cannot have this name
+    } catch (const host::HostError& error) {
+        refusal = busErrorOf(error).text; // it cannot have this name
     }
     if (!refusal.empty()) {
         throw BadArgument(refusal);
@@ -184,7 +156,7 @@ Task<> PhoneCalls::sendText(Call call, std::shared_ptr<const Descriptor> file, s
 void PhoneCalls::getLastText(BusCall& call) {
     const std::shared_ptr<const host::LastText::Text> text = api_->lastText().get();
     if (!text) {
-        call.fail("NotFound", "there is no text");
+        call.fail({.name = "NotFound", .text = "there is no text"});
         return;
     }
     try {
@@ -193,7 +165,7 @@ void PhoneCalls::getLastText(BusCall& call) {
         call.reply(
             [number](sd_bus_message* reply) { return systemd().sd_bus_message_append_basic(reply, 'h', &number); });
     } catch (const platform::SystemError& error) {
-        call.fail("Failed", error.description());
+        call.fail({.name = "Failed", .text = error.description()});
     }
 }
 

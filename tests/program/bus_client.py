@@ -232,6 +232,13 @@ class BusClient:
 
     def send(self, destination, path, interface, member, signature="", *arguments, descriptors=()):
         """The number of the call, for answer()."""
+        return self._write(CALL, destination, path, interface, member, signature, arguments, descriptors)
+
+    def signal(self, destination, path, interface, member, signature="", *arguments):
+        """To this program alone."""
+        self._write(SIGNAL, destination, path, interface, member, signature, arguments, ())
+
+    def _write(self, message_type, destination, path, interface, member, signature, arguments, descriptors):
         body = Writer()
         for kind, value in zip(types(signature), arguments):
             body.put(kind, value)
@@ -243,9 +250,10 @@ class BusClient:
         with self.changed:
             self.serial += 1
             serial = self.serial
-            self.answers[serial] = None
+            if message_type == CALL:
+                self.answers[serial] = None
         header = Writer()
-        header.data += b"l" + bytes([CALL, 0, 1]) + struct.pack("<II", len(body.data), serial)
+        header.data += b"l" + bytes([message_type, 0, 1]) + struct.pack("<II", len(body.data), serial)
         header.put("a(yv)", [(number, (HEADER_TYPES[number], value)) for number, value in fields])
         header.align(8)
         data = bytes(header.data + body.data)

@@ -162,7 +162,7 @@ class BusFace(BusTestMixin, OutboxTest):
         """Until the phone has offered a file, somebody is to say whether to take it, and a pairing runs."""
         client = ServiceClient(self.address)
         self.addCleanup(client.close)
-        client.call(ROOT, "org.freedesktop.DBus.Peer", "Ping")
+        client.call(ROOT, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")
         monitor = self.monitor()
         self.phone.record(self.mac, service.port)
         self.running(self.phone, "send", "--to", "mac", str(self.file("b.txt", b"b")))
@@ -218,6 +218,7 @@ class BusFace(BusTestMixin, OutboxTest):
     def test_what_cannot_be_sent_is_said(self):
         service = self.serve(self.mac)
         for uris, expected in ((["file:///nowhere"], "'/nowhere' cannot be shared"),
+                               (["file:///nowhere/%FF%0A"], "cannot be shared"),
                                (["https://example.org/"], "is not the URI of a file"),
                                (["file://server/a"], "is on another computer"),
                                (["file:///a%zz"], "stands for nothing"),
@@ -225,7 +226,7 @@ class BusFace(BusTestMixin, OutboxTest):
             error = self.call(ROOT, "Service", "SendFiles", "asaoa{sv}", str(len(uris)), *uris, "0", "0", status=1)
             self.assertIn(expected, error)
         error = self.call(ROOT, "Service", "SendFiles", "asaoa{sv}", "0", "1", ROOT + "/phones/0", "0", status=1)
-        self.assertIn("there is no phone", error)
+        self.assertIn("there is no such phone", error)
         self.assertIn("Unknown object", self.call(ROOT + "/transfers/7", "Transfer", "Cancel", status=1))
         self.assert_nothing_left()
         self.end(service)

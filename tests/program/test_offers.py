@@ -120,11 +120,13 @@ class Offers(BusTestMixin, OutboxTest):
         self.assert_one_line_error(self.mac.run("accept", "1").stderr,
                                    "the service does not run, so that no phone offers anything")
 
-    def test_without_anybody_it_is_declined_at_once_and_a_program_that_stays_on_the_bus_is_somebody(self):
+    def test_without_anybody_it_is_declined_at_once_and_a_program_that_shows_all_objects_is_somebody(self):
         service = self.asking()
         self.assert_declined(self.offer())
         self.assertIn(NOBODY, service.stderr)
         client = self.client()
+        client.call(ROOT, "org.freedesktop.DBus.Properties", "GetAll", "s", f"{NAME}.Service")
+        self.assert_declined(self.offer("other.bin"), "other.bin")
 
         def offers():
             [managed] = client.call(ROOT, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")

@@ -13,7 +13,7 @@ import zlib
 
 import own_root  # noqa: F401 (it is entered by the import)
 import side_by_side
-from bus_client import BusClient
+from bus_client import BUS, BusClient
 from harness import PATIENCE, Identity, unused_port
 from outbox_world import OutboxTest
 from private_bus import BusTestMixin
@@ -288,11 +288,22 @@ class PairingService(BusTestMixin, OutboxTest):
         self.assertEqual([self.phone.key], [record["peer_pubkey"] for record in self.records()])
         self.end(service)
 
+    def test_a_forged_word_of_the_bus_ends_no_pairing(self):
+        service = self.serve(self.mac)
+        client, forger = self.client(), self.client()
+        self.pair(client)
+        forger.bus.signal(NAME, *BUS[1:], "NameOwnerChanged", "sss", client.bus.name, client.bus.name, "")
+        self.assertEqual("waiting", self.state(forger)["State"])
+        client.call(PAIRING, f"{NAME}.Pairing", "Cancel")
+        self.end(service)
+
     def test_what_makes_no_sense_is_said(self):
         service = self.serve(self.mac)
         client = self.client()
         for options, text in (({"timeout": ("u", 0)}, "a pairing waits 1 to 3600 seconds for its phone"),
                               ({"timeout": ("s", "1")}, '"timeout" is of another type'),
+                              ({"timeout": ("d", 1.0)}, '"timeout" is of another type'),
+                              ({"timeout": ("y", 0)}, "a pairing waits 1 to 3600 seconds for its phone"),
                               ({"announce": ("u", 1)}, '"announce" is of another type')):
             self.assertEqual(("InvalidArgument", text),
                              self.failure(client, ROOT, "Service", "Pair", "a{sv}", options))

@@ -4,6 +4,7 @@
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "base/Counted.h"
+#include "base/Text.h"
 #include "platform/Blocking.h"
 
 #include <algorithm>
@@ -171,7 +172,7 @@ Task<BatchId> ServiceApi::stage(std::vector<platform::Path> files, std::optional
                 throw HostError("the service is ending");
             }
             if (!staging.add(file)) {
-                throw HostError("'" + file.string() + "' cannot be shared: " + staging.lastProblem());
+                throw HostError("'" + forDisplay(file.native()) + "' cannot be shared: " + staging.lastProblem());
             }
         }
         return BatchId(staging.finish(phones).id);

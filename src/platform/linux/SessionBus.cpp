@@ -75,6 +75,11 @@ void waitForSessionBus(sd_bus* bus, SteadyClock::time_point until) {
     static_cast<void>(::poll(&event, 1, static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000))));
 }
 
+bool isFromBus(sd_bus_message* message) noexcept {
+    const char* const sender = systemd().sd_bus_message_get_sender(message);
+    return sender != nullptr && std::string_view(sender) == "org.freedesktop.DBus";
+}
+
 int ignoreBusAnswer(sd_bus_message*, void*, sd_bus_error*) {
     return 0;
 }

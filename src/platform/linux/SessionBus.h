@@ -50,6 +50,10 @@ using BusMessageRef = std::unique_ptr<sd_bus_message, detail::Freer<detail::free
 /// Waits on the caller's thread until there is something to do on the bus, or until `until`. May return early.
 void waitForSessionBus(sd_bus* bus, std::chrono::steady_clock::time_point until);
 
+/// Whether the bus itself has sent it. A rule for messages of the bus is no guard: any program can send to us alone,
+/// signals always, and answers on many buses.
+[[nodiscard]] bool isFromBus(sd_bus_message* message) noexcept;
+
 /// For calls whose answer does not matter.
 int ignoreBusAnswer(sd_bus_message* message, void* data, sd_bus_error* error);
 
