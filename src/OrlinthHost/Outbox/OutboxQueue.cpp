@@ -318,6 +318,7 @@ void OutboxQueue::setAllCancelled(Job& job, const PeerKey& peerKey) {
             phone.failed[file] = OutboxState::cancelled;
         }
     }
+    phone.cancelFailures();
     save(job);
     settlePhone(job, peerKey);
     endIfThrough(job.id());

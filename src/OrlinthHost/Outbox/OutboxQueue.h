@@ -103,7 +103,7 @@ public:
     void setFailed(Job& job, const PeerKey& peerKey, const std::string& file, const OutboxEvents::Failure& failure);
     /// Somebody does not want it to be sent any more. No event tells of it.
     void setCancelled(Job& job, const PeerKey& peerKey, const std::string& file);
-    /// The same of everything that the phone has not got and that is not under way.
+    /// The same of everything that the phone has not got and that is not under way, also of what has failed.
     void setAllCancelled(Job& job, const PeerKey& peerKey);
     /// The phone was there, and took nothing of this file: others go first.
     void putBehind(Job& job, const PeerKey& peerKey, const std::string& file) { ++job.inVain[{peerKey, file}]; }

@@ -633,7 +633,8 @@ void OutboxSender::cancel(AttemptNumber number) {
 
 bool OutboxSender::cancel(const BatchId& id, const PeerKey& peerKey) {
     Job* const job = queue_.find(id);
-    if (job == nullptr || !job->isOpenFor(peerKey)) {
+    const OutboxState::Phone* const to = job != nullptr && !job->isDropped ? job->state.find(peerKey) : nullptr;
+    if (to == nullptr || !(job->isOpenFor(peerKey) || to->hasFailures())) {
         return false;
     }
     for (const std::unique_ptr<Running>& attempt : phoneOf(peerKey).attempts) {

@@ -104,7 +104,8 @@ public:
     /// Ends this attempt, if it is under way: its file is not sent to its phone any more. What the phone has of it
     /// stays there. A batch of which nothing else is left is removed. One that is delivered first stays delivered.
     void cancel(AttemptNumber attempt);
-    /// The same for everything of a batch that a phone has not got yet. Returns whether there is anything.
+    /// The same for everything of a batch that a phone has not got, also what has failed. Returns whether there is
+    /// anything. Of a batch that was set aside there is nothing here.
     bool cancel(const BatchId& id, const PeerKey& peerKey);
     /// The batches that wait or are under way, one for each phone that has not got all of it.
     [[nodiscard]] std::vector<OutboxView> batches() const;

@@ -138,6 +138,16 @@ bool OutboxState::Phone::isOpen(const std::string& file) const {
     return !done.contains(file) && !failed.contains(file);
 }
 
+bool OutboxState::Phone::hasFailures() const {
+    return std::ranges::any_of(failed, [](const auto& entry) { return entry.second != cancelled; });
+}
+
+void OutboxState::Phone::cancelFailures() {
+    for (auto& [file, reason] : failed) {
+        reason = cancelled;
+    }
+}
+
 std::string OutboxState::Phone::displayName() const {
     return hostname.empty() ? "the phone with the key " + firstCharacters(peerKey.text(), shortKeyCharacters)
                             : hostname;

@@ -46,6 +46,10 @@ public:
         void forgetFailures();
         /// Whether it is neither done nor failed.
         [[nodiscard]] bool isOpen(const std::string& file) const;
+        /// Whether anything has failed otherwise than by being cancelled.
+        [[nodiscard]] bool hasFailures() const;
+        /// What has failed counts as cancelled from now on.
+        void cancelFailures();
         /// What to call it: its name, or the beginning of its key.
         [[nodiscard]] std::string displayName() const;
 

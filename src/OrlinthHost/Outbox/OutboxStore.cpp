@@ -115,20 +115,50 @@ void OutboxStore::drop(const Entry& entry) {
     OutboxState(home_.system.files, memoryOf(entry.id)).remove();
 }
 
+void OutboxStore::drop(Entry entry, const PeerKey& peerKey) {
+    const bool isKeptForAnother = std::ranges::any_of(entry.state.phones, [&peerKey](const OutboxState::Phone& phone) {
+        return phone.peerKey != peerKey && phone.hasFailures();
+    });
+    if (!isKeptForAnother) {
+        drop(entry);
+    } else if (OutboxState::Phone* const phone = entry.state.find(peerKey)) {
+        phone->cancelFailures();
+        entry.state.save();
+    }
+}
+
 void OutboxStore::bringBack(const BatchId& id) {
+    bringBack(id, OutboxState::load(home_.system.files, memoryOf(id)), std::nullopt);
+}
+
+bool OutboxStore::bringBack(const BatchId& id, const PeerKey& peerKey) {
+    const std::vector<BatchId> setAside = batches_.setAsideIds();
+    std::optional<OutboxState> state = OutboxState::load(home_.system.files, memoryOf(id));
+    if (std::ranges::find(setAside, id) == setAside.end() || !state || state->find(peerKey) == nullptr) {
+        return false;
+    }
+    bringBack(id, std::move(state), peerKey);
+    return true;
+}
+
+void OutboxStore::bringBack(const BatchId& id, std::optional<OutboxState> state,
+                            const std::optional<PeerKey>& onlyFor) {
     std::optional<ShareOutbox::Manifest> manifest;
     try {
         manifest = batches_.readSetAside(id).manifest;
     } catch (const OutboxError&) {
         manifest.reset(); // it makes no sense, and will be set aside again
     }
-    std::optional<OutboxState> state = OutboxState::load(home_.system.files, memoryOf(id));
     const PeerBook paired = home_.peers().loadBook();
     const bool isPaired = state && paired.find(state->phones.front().peerKey) != nullptr;
     if (manifest && !manifest->targetPubkeys && !isPaired) {
         chooseAgain(*manifest);
     } else if (state) {
-        state->forgetFailures();
+        if (onlyFor) {
+            state->find(*onlyFor)->forgetFailures();
+        } else {
+            state->forgetFailures();
+        }
         state->save();
     }
     batches_.bringBack(id);

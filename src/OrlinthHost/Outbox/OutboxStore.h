@@ -4,6 +4,7 @@
 #include "OrlinthHost/Outbox/OutboxBatches.h"
 #include "OrlinthHost/Outbox/OutboxState.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,12 +42,18 @@ public:
     void retry(const Entry& entry);
     /// Removes the batch and what is remembered of it.
     void drop(const Entry& entry);
+    /// Takes back what one phone has not got of a batch that was set aside: all of the batch, unless it is kept for
+    /// another phone.
+    void drop(Entry entry, const PeerKey& peerKey);
 
     /// Moves a batch that was set aside back into the outbox, to be tried as a whole: but for what its phones have. One
     /// for which no phone was chosen, and whose phone is not paired any more, goes to the default phone.
     /// @throws HostError if the settings mean none or several, and then it stays where it is; OutboxError,
     ///         PeerStoreError
     void bringBack(const BatchId& id);
+    /// Likewise, to be tried for one of its phones, and for no other that lacks something. Returns false, and changes
+    /// nothing, if it was not set aside or that phone is none of its own. @throws as bringBack() of a batch
+    [[nodiscard]] bool bringBack(const BatchId& id, const PeerKey& peerKey);
 
     /// The phones that a batch is for, as phonesFor(manifest, book, …) says. @throws HostError, PeerStoreError,
     /// OutboxError
@@ -57,6 +64,7 @@ public:
 
 private:
     [[nodiscard]] Entry look(const BatchId& id, bool isSetAside) const;
+    void bringBack(const BatchId& id, std::optional<OutboxState> state, const std::optional<PeerKey>& onlyFor);
     void chooseAgain(const ShareOutbox::Manifest& manifest) const;
 
     const Home& home_;

@@ -227,9 +227,14 @@ void DesktopNotices::cancelTransfer(TransferNumber number) {
 }
 
 void DesktopNotices::retryBatch(const BatchId& batch, const PeerKey& peerKey) {
+    if (api_ == nullptr || api_->retry(batch, peerKey)) {
+        return;
+    }
     try {
-        if (api_ != nullptr && !api_->retry(batch, peerKey)) {
-            static_cast<void>(api_->retry(batch)); // it may have been set aside
+        if (OutboxStore(home_).bringBack(batch, peerKey)) { // else the service has it, or nothing is remembered of it
+            static_cast<void>(api_->retry(std::nullopt));   // which looks for it
+        } else {
+            static_cast<void>(api_->retry(batch));
         }
     } catch (const Error& error) {
         log("cannot try again: " + describe(error));
@@ -244,7 +249,7 @@ void DesktopNotices::dropBatch(const BatchId& batch, const PeerKey& peerKey) {
         OutboxStore store(home_);
         for (const OutboxStore::Entry& entry : store.all()) {
             if (entry.id == batch && entry.isSetAside) { // else the service has it, and it is through
-                store.drop(entry);
+                store.drop(entry, peerKey);
             }
         }
     } catch (const Error& error) {

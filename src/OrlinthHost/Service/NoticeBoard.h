@@ -16,9 +16,10 @@ public:
         : home_(&home), jobs_(jobs), isOn_(std::move(isOn)) {}
 
     [[nodiscard]] Home& home() const noexcept { return *home_; }
-    /// Whether notifications are shown; what is on the desktop already stays.
+    /// Whether notifications are shown. What is on the desktop already stays until something else would be said in its
+    /// place.
     [[nodiscard]] bool isOn() const { return !isOn_ || isOn_(); }
-    /// Null if there are none, or nothing is to be shown.
+    /// Null if there are none, or nothing is to be shown just now.
     [[nodiscard]] platform::JobViews* jobs() const { return isOn() ? jobs_ : nullptr; }
 
 private:

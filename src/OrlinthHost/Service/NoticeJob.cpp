@@ -7,6 +7,7 @@ namespace orlinth::host {
 bool NoticeJob::show(platform::JobViews* jobs, const platform::Notification& progress, const Figures& figures,
                      std::function<void()> onCancel) {
     if (jobs == nullptr) {
+        view_.reset(); // there may have been some before
         return false;
     }
     platform::Job job{.title = progress.title,

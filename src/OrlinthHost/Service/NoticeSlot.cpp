@@ -5,12 +5,13 @@
 namespace orlinth::host {
 
 void NoticeSlot::show(platform::Notification notification, OnKey onKey) {
+    if (!board_.isOn()) {
+        close(); // it is not true any more
+        state_ = std::make_shared<State>(State{.isThere = false});
+        return;
+    }
     if (!isShown()) {
         state_ = std::make_shared<State>(State{.tag = platform::Notifications::newTag()});
-    }
-    if (!board_.isOn()) {
-        state_->isThere = false;
-        return;
     }
     notification.tag = state_->tag;
     const bool isResident = notification.isResident;

@@ -23,7 +23,7 @@ public:
     explicit NoticeSlot(NoticeBoard board) : board_(std::move(board)) {}
 
     /// Says this from now on; anew if somebody has closed what it said. The tag is set here. If nobody wants
-    /// notifications just now, that is as if somebody had closed it.
+    /// notifications just now, what it said is taken away, and that is as if somebody had closed it.
     void show(platform::Notification notification, OnKey onKey);
     /// Takes it away.
     void close();

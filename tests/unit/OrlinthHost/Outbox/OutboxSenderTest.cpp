@@ -770,6 +770,48 @@ TEST_F(OutboxSenderTest, WhatWasCancelledIsNotTriedAgainWithTheRest) {
     EXPECT_THAT(told(What::done), IsEmpty()) << "not everything was sent";
 }
 
+TEST_F(OutboxSenderTest, TakesBackWhatHasFailedForOnePhoneWhileAnotherStillWaits) {
+    const PeerKey gone("GONE");
+    put(first, {"a.txt"}, 1000, std::vector{gone, world_.phoneRecord().peer_pubkey});
+    start();
+    pass(1s);
+    ASSERT_EQ(2U, sender_->batches().size());
+    EXPECT_EQ(OutboxView::State::failed, sender_->batches()[0].state);
+    EXPECT_TRUE(sender_->cancel(BatchId(first), gone));
+    EXPECT_FALSE(sender_->cancel(BatchId(first), gone)) << "nothing is left of it";
+    ASSERT_EQ(1U, sender_->batches().size());
+    EXPECT_EQ("Pixel-8", sender_->batches()[0].phone);
+    world_.alongside(take(1));
+    EXPECT_TRUE(sender_->retry(std::nullopt));
+    pass(1s);
+    EXPECT_THAT(taken_, ElementsAre("a.txt"));
+    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_THAT(told(What::setAside), IsEmpty());
+}
+
+TEST_F(OutboxSenderTest, TakesBackWhatHasFailedTogetherWithWhatIsUnderWay) {
+    put(first, {"a.txt", "b.txt"});
+    world_.alongside(answer(Row::decline(), 1));
+    start();
+    pass(51ms);
+    world_.alongside(beginOneAndTakeOne(60s));
+    pass(30s);
+    ASSERT_EQ(1U, failures().size()) << "a.txt was declined";
+    ASSERT_EQ(1U, sender_->batches().size());
+    ASSERT_EQ(OutboxView::State::sending, sender_->batches()[0].state);
+    EXPECT_TRUE(sender_->cancel(BatchId(first), world_.phoneRecord().peer_pubkey));
+    pass(1s);
+    EXPECT_FALSE(isThere(outbox / first));
+    EXPECT_FALSE(isThere(container / "OutboxSetAside" / first));
+    EXPECT_THAT(told(What::setAside), IsEmpty());
+    EXPECT_TRUE(sender_->batches().empty());
+    pass(60s);
+    put(second, {"c.txt"});
+    ring();
+    pass(10s);
+    EXPECT_THAT(taken_, ElementsAre("c.txt"));
+}
+
 TEST_F(OutboxSenderTest, AnAttemptThatTheEndOfTheServiceCutsWasNotCancelledByAnybody) {
     put(first, {"a.txt"});
     std::vector<std::string> ends;

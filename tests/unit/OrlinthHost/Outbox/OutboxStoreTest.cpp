@@ -34,10 +34,13 @@ protected:
         world.files.put(folder / "manifest.json", compactJson(manifest.toJson()));
     }
     /// As after an attempt in which the phone did not take the file.
-    void putFailure(const std::string& id, const PeerKey& peerKey) {
+    void putFailure(const std::string& id, const PeerKey& peerKey) { putFailures(id, {peerKey}); }
+    void putFailures(const std::string& id, const std::vector<PeerKey>& peerKeys) {
         OutboxState state(world.files, store.memoryOf(BatchId(id)));
-        state.phones.push_back(freshPhone(peerKey, nullptr));
-        state.phones.front().failed["a.txt"] = "declined";
+        for (const PeerKey& peerKey : peerKeys) {
+            state.phones.push_back(freshPhone(peerKey, nullptr));
+            state.phones.back().failed["a.txt"] = "declined";
+        }
         state.save();
     }
     [[nodiscard]] std::vector<std::string> ids(const std::vector<std::string>& selectors) const {
@@ -156,6 +159,35 @@ TEST_F(OutboxStoreTest, DropsABatchWithWhatIsRememberedOfIt) {
     EXPECT_FALSE(world.files.exists(store.memoryOf(BatchId(first))));
     EXPECT_FALSE(world.files.exists(container / "Outbox" / first));
     EXPECT_FALSE(world.files.exists(container / "OutboxSetAside" / second));
+}
+
+TEST_F(OutboxStoreTest, DropsForOnePhoneWhatIsKeptForAnother) {
+    const PeerKey other("another phone");
+    put(first, 1, true, std::vector{phone, other});
+    putFailures(first, {phone, other});
+    store.drop(entryOf(first), phone);
+    EXPECT_EQ(world.files.content(container / "OutboxSetAside" / first / "a.txt"), "12345");
+    EXPECT_FALSE(entryOf(first).state.phones.at(0).hasFailures());
+    EXPECT_TRUE(entryOf(first).state.phones.at(1).hasFailures());
+    store.drop(entryOf(first), PeerKey("none of them"));
+    EXPECT_THAT(ids({first}), ElementsAre(first));
+    store.drop(entryOf(first), other);
+    EXPECT_THAT(store.all(), IsEmpty());
+    EXPECT_FALSE(world.files.exists(store.memoryOf(BatchId(first))));
+}
+
+TEST_F(OutboxStoreTest, BringsABatchBackForOneOfItsPhonesAlone) {
+    const PeerKey other("another phone");
+    put(first, 1, true, std::vector{phone, other});
+    putFailures(first, {phone, other});
+    EXPECT_FALSE(store.bringBack(BatchId(first), PeerKey("none of them")));
+    EXPECT_TRUE(entryOf(first).isSetAside);
+    EXPECT_TRUE(store.bringBack(BatchId(first), phone));
+    EXPECT_FALSE(entryOf(first).isSetAside);
+    EXPECT_THAT(entryOf(first).state.phones.at(0).failed, IsEmpty());
+    EXPECT_TRUE(entryOf(first).state.phones.at(1).hasFailures());
+    EXPECT_FALSE(store.bringBack(BatchId(first), other)) << "it is not set aside any more";
+    EXPECT_TRUE(entryOf(first).state.phones.at(1).hasFailures());
 }
 
 TEST_F(OutboxStoreTest, DropsNothingThatCannotBeRemoved) {

@@ -106,6 +106,49 @@ TEST_F(DesktopNoticesTest, ABatchThatIsShared) {
     EXPECT_FALSE(world_.files.exists(outbox / batch));
 }
 
+TEST_F(DesktopNoticesTest, TheButtonsOfABatchThatWasSetAsideAreForOnePhone) {
+    const PeerKey pixel("A phone that is gone");
+    const PeerKey tablet("Another phone that is gone");
+    const platform::Path setAside = container / "OutboxSetAside" / batch;
+    share("a.txt", {{pixel, tablet}});
+    start();
+    pass(1s);
+    ASSERT_TRUE(world_.files.exists(setAside));
+    const auto fail = [this](const PeerKey& peerKey, const std::string& name) {
+        notices_.outgoing().failed(BatchId(batch), peerKey, name, {"a.txt"}, OutboxEvents::Failure::Why::notPaired);
+        pass(2s);
+        EXPECT_EQ(last().title, "Could not send a.txt to " + name);
+    };
+    fail(pixel, "Pixel");
+    press("drop");
+    EXPECT_TRUE(world_.files.exists(setAside / "a.txt")) << "the tablet has not got it";
+    fail(tablet, "Tablet");
+    outboxEvents_.all.clear();
+    press("retry");
+    pass(2s);
+    const auto tried = outboxEvents_.of(What::phoneFailed);
+    ASSERT_THAT(tried, SizeIs(1)) << "the pixel's copy was dropped";
+    EXPECT_THAT(tried[0].message, testing::HasSubstr("not paired any more"));
+    fail(tablet, "Tablet");
+    press("drop");
+    EXPECT_FALSE(world_.files.exists(setAside));
+}
+
+TEST_F(DesktopNoticesTest, TryAgainOffersNothingToAPhoneThatDidNotAskForIt) {
+    const PeerKey pixel("A phone that is gone");
+    const PeerKey tablet("Another phone that is gone");
+    share("a.txt", {{pixel, tablet}});
+    start();
+    pass(1s);
+    notices_.outgoing().failed(BatchId(batch), pixel, "Pixel", {"a.txt"}, OutboxEvents::Failure::Why::declined);
+    pass(2s);
+    outboxEvents_.all.clear();
+    press("retry");
+    pass(2s);
+    EXPECT_THAT(outboxEvents_.of(What::phoneFailed), SizeIs(1));
+    EXPECT_THAT(outboxEvents_.of(What::setAside), SizeIs(1));
+}
+
 TEST_F(DesktopNoticesTest, NothingWhileThatIsSwitchedOff) {
     start();
     isOn_ = false;

@@ -87,7 +87,9 @@ protected:
     RecordingRequests requests_;
     bool isAsked_ = false;
     fakes::FakeJobViews jobs_;
-    IncomingNotices notices_{NoticeBoard(home_, &jobs_, {}), desktop_, requests_, [this] { isAsked_ = true; }};
+    bool isOn_ = true;
+    IncomingNotices notices_{NoticeBoard(home_, &jobs_, [this] { return isOn_; }), desktop_, requests_,
+                             [this] { isAsked_ = true; }};
     std::vector<TransferView> transfers_;
     std::optional<Seconds> next_;
 };
@@ -218,6 +220,36 @@ TEST_F(IncomingNoticesTest, ProgressThatSomebodyHasClosedStaysAwayAndTheEndIsTol
     transfers_[0].endedAt = world_.clock.now();
     arrive("/home/ann/Downloads/film.mov");
     EXPECT_THAT(screen(), ElementsAre("film.mov from Pixel / 4.1 MB in Downloads"));
+}
+
+TEST_F(IncomingNoticesTest, ProgressGoesWhenNotificationsAreSwitchedOff) {
+    transfers_ = {transfer(7, "film.mov")};
+    look();
+    pass(6s);
+    ASSERT_EQ(1U, screen().size());
+    isOn_ = false;
+    pass(2s);
+    EXPECT_THAT(screen(), IsEmpty());
+    isOn_ = true;
+    pass(5s);
+    EXPECT_THAT(screen(), IsEmpty()) << "as if somebody had closed it";
+    transfers_[0].path = "/home/ann/Downloads/film.mov";
+    transfers_[0].endedAt = world_.clock.now();
+    arrive("/home/ann/Downloads/film.mov");
+    EXPECT_THAT(screen(), ElementsAre("film.mov from Pixel / 4.1 MB in Downloads"));
+}
+
+TEST_F(IncomingNoticesTest, AJobGoesWhenNotificationsAreSwitchedOff) {
+    jobs_.first = platform::JobView::State::shown;
+    transfers_ = {transfer(7, "film.mov")};
+    look();
+    pass(6s);
+    ASSERT_EQ(1U, jobs_.all.size());
+    isOn_ = false;
+    pass(2s);
+    EXPECT_TRUE(jobs_.all[0]->isEnded);
+    EXPECT_EQ(jobs_.all[0]->failure, "");
+    EXPECT_THAT(shown(), IsEmpty());
 }
 
 TEST_F(IncomingNoticesTest, WhereJobsAreShownProgressIsAJobAndTheEndANotification) {
