@@ -39,6 +39,10 @@ ServiceApi::ServiceApi(Home& home, const Parts& parts)
     presence_.onChanged = [this] { phonesChanged(); };
     offers_.onChanged = [this] { changed(); };
     pairing_.onChanged = [this] { changed(); };
+    phoneRequests_.onChanged = [this] {
+        workBegins();
+        changed();
+    };
     history_.onChanged = [this] { changed(); };
     settings_.onChanged = [this] {
         changed();
@@ -203,7 +207,7 @@ void ServiceApi::restart() {
 bool ServiceApi::isBusy() const {
     const auto isUnderWay = [](const auto& transfer) { return !transfer.second.endedAt; };
     const auto isSending = [](const OutboxView& batch) { return batch.state == OutboxView::State::sending; };
-    return sharesUnderWay_ > 0 || loan_.isLent() || !offers_.open().empty() ||
+    return sharesUnderWay_ > 0 || pairing_.isBusy() || phoneRequests_.isBusy() || !offers_.open().empty() ||
            std::ranges::any_of(transfers_.all(), isUnderWay) || std::ranges::any_of(outbox_.batches(), isSending);
 }
 
