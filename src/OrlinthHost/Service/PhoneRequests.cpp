@@ -12,22 +12,26 @@
 
 #include <asio/this_coro.hpp>
 
+#include <set>
 #include <utility>
 
 namespace orlinth::host {
 
 namespace {
 
-/// The record of each of these, in their order. @throws NoSuchPhone, PeerStoreError
+/// The record of each of these, once, in their order. @throws NoSuchPhone, PeerStoreError
 std::vector<PeerRecord> recordsOf(const Home& home, const std::vector<PeerKey>& phones) {
     const PeerBook book = home.peers().loadBook();
     std::vector<PeerRecord> records;
+    std::set<PeerKey> taken;
     for (const PeerKey& phone : phones) {
         const PeerRecord* const record = book.find(phone);
         if (record == nullptr) {
             throw NoSuchPhone();
         }
-        records.push_back(*record);
+        if (taken.insert(phone).second) {
+            records.push_back(*record);
+        }
     }
     return records;
 }
