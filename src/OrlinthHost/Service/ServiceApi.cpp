@@ -125,20 +125,19 @@ ServiceView ServiceApi::service() const {
 }
 
 std::vector<PhoneView> ServiceApi::phones() const {
-    PeerBook book;
     try {
-        book = home_.peers().loadBook();
+        lastBook_ = home_.peers().loadBook();
     } catch (const PeerStoreError&) {
-        return {}; // the service has told of that
+        // the service has told of that, and goes on serving those whom it knows: they are not gone
     }
     std::vector<PhoneView> views;
-    for (PhonePresence& phone : presence_.all()) {
-        if (const PeerRecord* const record = book.find(phone.peerKey)) { // it may have gone just now
-            views.push_back({.name = record->peer_hostname,
-                             .presence = std::move(phone),
-                             .pairedAt = record->paired_at_epoch_ms,
-                             .address = record->peer_ip});
-        }
+    std::vector<PhonePresence> presences = presence_.all(lastBook_);
+    for (std::size_t i = 0; i < presences.size(); ++i) {
+        const PeerRecord& record = lastBook_.peers.at(i);
+        views.push_back({.name = record.peer_hostname,
+                         .presence = std::move(presences.at(i)),
+                         .pairedAt = record.paired_at_epoch_ms,
+                         .address = record.peer_ip});
     }
     return views;
 }

@@ -58,7 +58,8 @@ public:
     // ---- what there is
 
     [[nodiscard]] ServiceView service() const;
-    /// The paired phones in the order of the peer store. None if that cannot be read. Reads a file or two.
+    /// The paired phones in the order of the peer store. If that cannot be read, those that it had when it last could.
+    /// Reads a file or two.
     [[nodiscard]] std::vector<PhoneView> phones() const;
     /// In the order in which they began.
     [[nodiscard]] std::vector<TransferView> transfers() const;
@@ -184,6 +185,7 @@ private:
     std::uint64_t phonesVersion_ = 1;
     std::uint64_t workBegun_ = 0;
     std::size_t sharesUnderWay_ = 0;
+    mutable PeerBook lastBook_; ///< as it was last read
     std::unique_ptr<platform::Timer> restarting_;
     platform::Condition news_;
     TransferList transfers_;

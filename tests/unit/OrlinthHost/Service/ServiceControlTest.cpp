@@ -396,6 +396,28 @@ TEST_F(ServiceControlTest, WhoWatchesSeesThePortLentAndAPhoneThatIsRemoved) {
     EXPECT_EQ(ServiceNews(PhoneGoneLine{world_.phoneRecord().peer_pubkey}), next(*watcher));
 }
 
+TEST_F(ServiceControlTest, PhonesStayWhileTheirFileCannotBeRead) {
+    start();
+    const std::unique_ptr<platform::Stream> watcher = connectToControl();
+    world_.run(write(*watcher, "{\"request\":\"watch\"}\n"));
+    for (int i = 0; i < 3; ++i) {
+        static_cast<void>(next(*watcher));
+    }
+    const std::unique_ptr<ScriptedPeer> from = phone();
+    EXPECT_EQ(PresenceState::here, std::get<PhoneView>(next(*watcher)).presence.state);
+    const std::string good = world_.files.content(dataFolder / "peer.json").value();
+    world_.files.put(dataFolder / "peer.json", "{nonsense");
+    world_.folders.change(dataFolder);
+    pass(SocketFace::phonesInterval);
+    from->close();
+    EXPECT_EQ("Pixel-8", std::get<PhoneView>(next(*watcher)).name) << "it has left the port, and is still paired";
+    EXPECT_THAT(ask("{\"request\":\"presence\"}\n"), HasSubstr(world_.phoneRecord().peer_pubkey.text()));
+    world_.files.put(dataFolder / "peer.json", good);
+    pair({});
+    world_.folders.change(dataFolder);
+    EXPECT_EQ(ServiceNews(PhoneGoneLine{world_.phoneRecord().peer_pubkey}), next(*watcher));
+}
+
 TEST_F(ServiceControlTest, AWatchEndsWithTheServiceAndWithTheOneWhoWatches) {
     start();
     bool hasEnded = false;
