@@ -240,6 +240,7 @@ TEST_F(ServiceControlTest, ABorrowerThatVanishesGivesThePortBack) {
         stream->abort();
         listener.reset();
         pass(2s);
+        EXPECT_EQ("returned", events_.loans().back());
         expectBackAtWork();
     }
     {
@@ -247,6 +248,7 @@ TEST_F(ServiceControlTest, ABorrowerThatVanishesGivesThePortBack) {
         world_.run(write(*stream, lendPort)); // and is gone before it is answered
     }
     pass(2s);
+    EXPECT_THAT(events_.loans(), ElementsAre("lent", "returned", "lent", "returned", "lent", "returned"));
     expectBackAtWork();
 }
 
