@@ -69,6 +69,8 @@ public:
     [[nodiscard]] bool isOpen(const platform::Path& path) const { return ports_.contains(path); }
     /// listen() fails with this error, if set.
     std::optional<int> listenErrno;
+    /// Whoever accepts a connection from now on gets this error instead.
+    void failAccepting(int number) { network_.acceptErrno = number; }
 
 private:
     class Named final : public platform::Listener {

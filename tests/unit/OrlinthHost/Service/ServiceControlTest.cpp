@@ -301,6 +301,30 @@ TEST_F(ServiceControlTest, APortThatSomebodyElseHasMeanwhileIsTakenAsSoonAsItIsF
     expectBackAtWork();
 }
 
+TEST_F(ServiceControlTest, ALoanAndAWatchOutliveTheSocket) {
+    start();
+    const std::unique_ptr<platform::Stream> watcher = connectToControl();
+    world_.run(write(*watcher, "{\"request\":\"watch\"}\n"));
+    for (int i = 0; i < 3; ++i) {
+        static_cast<void>(next(*watcher));
+    }
+    std::optional<BorrowedPort> borrowed = borrow();
+    ASSERT_TRUE(borrowed);
+    EXPECT_EQ(ServiceView::State::lent, std::get<ServiceView>(next(*watcher)).state);
+    world_.unixSockets.failAccepting(EIO);
+    const std::unique_ptr<platform::Stream> last = connectToControl();
+    settle();
+    EXPECT_EQ(1, events_.count("no control: Input/output error"));
+    EXPECT_FALSE(world_.unixSockets.isOpen(controlPath));
+    EXPECT_THAT(events_.loans(), ElementsAre("lent"));
+    borrowed.reset();
+    EXPECT_EQ(ServiceView::State::listening, std::get<ServiceView>(next(*watcher)).state);
+    EXPECT_THAT(events_.loans(), ElementsAre("lent", "returned"));
+    expectBackAtWork();
+    stop();
+    EXPECT_EQ("", world_.run(readLine(*watcher))) << "but not the service";
+}
+
 TEST_F(ServiceControlTest, ALoanDoesNotKeepTheServiceFromEnding) {
     start();
     std::optional<BorrowedPort> borrowed = borrow();
