@@ -462,6 +462,43 @@ TEST_F(ServiceControlTest, AWatchEndsWithTheServiceAndWithTheOneWhoWatches) {
     EXPECT_TRUE(hasEnded);
 }
 
+TEST_F(ServiceControlTest, AServiceThatCannotBeWatchedIsAFailureAndNotItsEnd) {
+    const auto failure = [this] {
+        return world_.failure<HostError>(watchService(home_, [](const ServiceNews&) {})).description();
+    };
+    const std::string before = "the running service did not do it: ";
+    world_.unixSockets.connectErrno = EACCES;
+    EXPECT_EQ(before + "Permission denied", failure());
+    world_.unixSockets.connectErrno.reset();
+    answerWith("{\"event\":\"current\"}\n" + std::string(maxNewsLine + 1, 'x') + "\n");
+    EXPECT_EQ(before + "a line is too long", failure());
+    answerWith("{\"event\":\"current\"}\nnonsense\n");
+    EXPECT_THAT(failure(), testing::StartsWith(before));
+    answerWith("{\"error\":\"not today\"}\n");
+    EXPECT_EQ(before + "not today", failure());
+}
+
+TEST_F(ServiceControlTest, AServiceThatIsKilledHasEndedForThoseWhoWatchIt) {
+    for (const bool isReset : {false, true}) {
+        std::unique_ptr<platform::Listener> listener =
+            world_.unixSockets.listen(controlPath, world_.context.get_executor());
+        bool hasEnded = false;
+        world_.alongside(watchUntilItEnds(hasEnded));
+        const std::unique_ptr<platform::Stream> stream =
+            world_.run(listener->accept(world_.context.get_executor()));
+        world_.run(write(*stream, "{\"event\":\"current\"}\n{\"event\":\"phone_"));
+        settle();
+        EXPECT_FALSE(hasEnded);
+        if (isReset) {
+            stream->abort();
+        } else {
+            stream->finishWriting();
+        }
+        settle();
+        EXPECT_TRUE(hasEnded);
+    }
+}
+
 TEST_F(ServiceControlTest, NobodyWatchesAndNothingRings) {
     start();
     pass(10min);
