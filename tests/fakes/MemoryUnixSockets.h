@@ -30,6 +30,9 @@ public:
     }
 
     [[nodiscard]] Task<std::unique_ptr<platform::Stream>> connect(platform::Path path, Executor executor) override {
+        if (connectErrno) {
+            throw platform::SystemError::fromErrno(*connectErrno);
+        }
         const auto found = ports_.find(path);
         if (found == ports_.end()) {
             throw platform::SystemError::fromErrno(ENOENT);
@@ -67,8 +70,11 @@ public:
 
     /// Whether somebody listens there.
     [[nodiscard]] bool isOpen(const platform::Path& path) const { return ports_.contains(path); }
-    /// listen() fails with this error, if set.
+    /// listen() and connect() fail with these errors, if set.
     std::optional<int> listenErrno;
+    std::optional<int> connectErrno;
+    /// Whoever accepts a connection from now on gets this error instead.
+    void failAccepting(int number) { network_.acceptErrno = number; }
 
 private:
     class Named final : public platform::Listener {

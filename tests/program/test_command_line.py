@@ -95,7 +95,7 @@ class Help(ProgramTest):
             ("id",): ["--json"],
             ("pair",): ["--port PORT=28471", "--timeout SECONDS=120", "--interface NAME", "--png FILE", "--no-advertise",
                         "--yes", "--json", "--quiet"],
-            ("join",): ["--payload FILE", "--qr PNG", "--code NNNN", "--listen-port PORT=28471", "--timeout SECONDS=30",
+            ("join",): ["--payload FILE", "--qr PNG", "--code NNNN", "--listen-port PORT", "--timeout SECONDS=30",
                         "--yes", "--json", "--quiet"],
             ("peers",): ["--json", "add", "remove", "rename"],
             ("peers", "add"): ["--pubkey KEY REQUIRED", "--ip", "--port", "--name", "--fcm-token", "1 to 65535"],

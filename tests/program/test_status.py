@@ -84,6 +84,25 @@ class Status(OutboxTest):
         terminal.text()
         self.end(receiving)
 
+    def test_what_the_service_has_said_last_is_shown_though_it_ends_at_once(self):
+        folder = self.mac.data / "Orlinth"
+        folder.mkdir(mode=0o700, exist_ok=True)
+        with socket.socket(socket.AF_UNIX) as listener:  # a service that ends as soon as it has said everything
+            listener.bind(str(folder / "service.sock"))
+            listener.listen()
+            listener.settimeout(PATIENCE)
+            terminal = Terminal(80)
+            watcher = subprocess.Popen([ORLINTH, "status", "--watch"], stdout=terminal.end,
+                                       env={**self.mac.environment, "TERM": "xterm"})
+            self.addCleanup(watcher.kill)
+            connection, _ = listener.accept()
+            with connection:
+                connection.makefile().readline()
+                connection.sendall(b'{"downloads":"/srv/in","event":"service","port":28471,"state":"listening"}\n'
+                                   b'{"event":"current"}\n')
+        self.assertEqual(0, watcher.wait(PATIENCE))
+        self.assertIn("Receives at port 28471, into /srv/in.", terminal.text())
+
     def test_into_a_pipe_only_scripts_watch(self):
         result = self.mac.run("status", "--watch")
         self.assertEqual(2, result.returncode)

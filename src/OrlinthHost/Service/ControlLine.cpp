@@ -12,7 +12,7 @@ Task<std::string> readLine(platform::Stream& stream, std::size_t most) {
         std::byte next{};
         const std::size_t count = co_await stream.readExact(MutableBytes(&next, 1));
         if (count == 0) {
-            throw HostError("the connection has ended");
+            throw ConnectionEnded();
         }
         if (next == std::byte{'\n'}) {
             co_return line;

@@ -17,6 +17,12 @@ inline constexpr std::size_t maxControlLine = 4096;
 /// The time for a whole request to come, and for a whole line to be taken by the other end.
 inline constexpr Seconds controlLineLimit = 5s;
 
+/// The other end of the control socket has gone.
+class ConnectionEnded : public HostError {
+public:
+    ConnectionEnded() : HostError("the connection has ended") {}
+};
+
 /// Where the running service of this data folder listens.
 [[nodiscard]] platform::Path controlSocket(const Home& home);
 
@@ -31,7 +37,8 @@ template <typename T>
 }
 
 /// The next line, without its end, and not a byte further: a socket may follow. What is referred to outlives the call.
-/// @throws HostError if it is longer than `most` bytes, comes too late, or the connection ends; SystemError
+/// @throws HostError if it is longer than `most` bytes, or comes too late; ConnectionEnded, also in the middle of a line;
+///         SystemError
 [[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit,
                                                 std::size_t most = maxControlLine);
 /// The same, however long it takes to come.

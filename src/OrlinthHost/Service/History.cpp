@@ -186,7 +186,11 @@ void History::clear() {
             throw notOurs();
         }
         folder->remove(name);
-        folder->flush(); // else a power cut brings it back
+        try {
+            folder->flush(); // else a power cut brings it back
+        } catch (const platform::SystemError&) {
+            // it is gone all the same, and whoever shows it must know
+        }
     } catch (const platform::SystemError& error) {
         if (error.code() != std::errc::no_such_file_or_directory) {
             throw;

@@ -67,7 +67,7 @@ public:
 
     /// Puts it behind the others. What cannot be written is logged, once until it can be again.
     void add(const HistoryEntry& entry) noexcept;
-    /// Removes the file. @throws platform::SystemError, also if it is not a file of this user alone
+    /// Removes the file. @throws platform::SystemError, and then it is there; also if it is not one of this user alone
     void clear();
     /// What counts, the newest last. @throws platform::SystemError; no file is an empty history
     [[nodiscard]] std::vector<HistoryEntry> load() const;

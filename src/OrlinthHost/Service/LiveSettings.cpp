@@ -267,6 +267,9 @@ Task<> LiveSettings::set(std::string text, SettingValue value) {
     }
     const auto step = [this, &name, &wanted] { use(save(name, wanted)); };
     co_await platform::blocking(home_.system.queues, step);
+    if (name.id == SettingId::downloads && wanted) {
+        forgetProblem(folderFrom(*wanted)); // it was found writable just now
+    }
     if (onChanged) {
         onChanged();
     }

@@ -12,34 +12,63 @@
 
 #include <asio/this_coro.hpp>
 
+#include <set>
 #include <utility>
 
 namespace orlinth::host {
 
 namespace {
 
-/// The record of each of these, in their order. @throws NoSuchPhone, PeerStoreError
+/// The record of each of these, once, in their order. @throws NoSuchPhone, PeerStoreError
 std::vector<PeerRecord> recordsOf(const Home& home, const std::vector<PeerKey>& phones) {
     const PeerBook book = home.peers().loadBook();
     std::vector<PeerRecord> records;
+    std::set<PeerKey> taken;
     for (const PeerKey& phone : phones) {
         const PeerRecord* const record = book.find(phone);
         if (record == nullptr) {
             throw NoSuchPhone();
         }
-        records.push_back(*record);
+        if (taken.insert(phone).second) {
+            records.push_back(*record);
+        }
     }
     return records;
 }
 
 } // namespace
 
+/// A request, for as long as this lives.
+class PhoneRequests::UnderWay {
+public:
+    explicit UnderWay(PhoneRequests& owner) : owner_(owner) {
+        ++owner_.underWay_;
+        owner_.tellChange();
+    }
+    ~UnderWay() {
+        --owner_.underWay_;
+        owner_.tellChange();
+    }
+    UnderWay(const UnderWay&) = delete;
+    UnderWay& operator=(const UnderWay&) = delete;
+
+private:
+    PhoneRequests& owner_;
+};
+
 const std::size_t PhoneRequests::maxTextBytes = TransportFramer::maxPlaintextBytes;
 
 PhoneRequests::PhoneRequests(Home& home, const platform::PrivateKey& ownKey, FindSetting find)
     : home_(home), ownKey_(ownKey), find_(find), farewells_(home.executor) {}
 
+void PhoneRequests::tellChange() {
+    if (onChanged) {
+        onChanged();
+    }
+}
+
 Task<> PhoneRequests::rename(PeerKey phone, std::string name) {
+    const UnderWay underWay(*this);
     const auto step = [this, &phone, &name] { return PairedPhones(home_).rename(phone, name).has_value(); };
     const bool isThere = co_await platform::blocking(home_.system.queues, step);
     if (!isThere) {
@@ -48,6 +77,7 @@ Task<> PhoneRequests::rename(PeerKey phone, std::string name) {
 }
 
 Task<> PhoneRequests::remove(PeerKey phone) {
+    const UnderWay underWay(*this);
     const auto step = [this, &phone] {
         return PairedPhones(home_).remove(recordsOf(home_, {phone}).front(), ownKey_.publicKey());
     };
@@ -75,11 +105,13 @@ Task<PeerRecord> PhoneRequests::find(PeerKey phone) {
 }
 
 Task<> PhoneRequests::wake(PeerKey phone) {
+    const UnderWay underWay(*this);
     PeerRecord record = co_await find(std::move(phone));
     co_await wakePhone(home_, std::move(record));
 }
 
 Task<> PhoneRequests::sendText(SecretBytes text, std::vector<PeerKey> phones) {
+    const UnderWay underWay(*this);
     const auto content = std::make_shared<const std::string>(toText(text.reveal()));
     requireText(*content);
     const auto choose = [this, &phones] {

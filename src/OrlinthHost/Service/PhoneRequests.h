@@ -7,6 +7,7 @@
 #include "platform/TaskGroup.h"
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,15 +44,23 @@ public:
     /// @throws NoSuchPhone; HostError if it has no push token; FcmWake::Error; platform::HttpError; PeerStoreError
     [[nodiscard]] Task<> wake(PeerKey phone);
     /// Sends the text to the clipboards of these phones, side by side, or to that of the default phone; returns when
-    /// each of them has had it. @throws NoSuchPhone before anything is sent; HostError for what is no text, or, with
+    /// each of them has had it. A phone that is named several times gets it once. @throws NoSuchPhone before anything is sent; HostError for what is no text, or, with
     /// their names, if some phones have not got it; SendError and others if the only one has not; PeerStoreError
     [[nodiscard]] Task<> sendText(SecretBytes text, std::vector<PeerKey> phones);
+
+    /// Whether one of these is under way. A removed phone that is still to be notified does not count.
+    [[nodiscard]] bool isBusy() const noexcept { return underWay_ > 0; }
+    /// Called when one begins, and when it has ended. May be empty. Must not throw.
+    std::function<void()> onChanged;
 
     /// The service ends: phones are not notified any more. The last call but those of the requests that are under way,
     /// which are cancelled by whoever has made them.
     [[nodiscard]] Task<> finish();
 
 private:
+    class UnderWay;
+
+    void tellChange();
     [[nodiscard]] Task<PeerRecord> find(PeerKey phone);
     [[nodiscard]] Task<> deliver(std::shared_ptr<const std::string> text, PeerRecord phone);
     [[nodiscard]] Task<> deliverToAll(std::shared_ptr<const std::string> text, std::vector<PeerRecord> phones);
@@ -60,6 +69,7 @@ private:
     Home& home_;
     const platform::PrivateKey& ownKey_;
     const FindSetting find_;
+    std::size_t underWay_ = 0;
     platform::TaskGroup farewells_;
 };
 

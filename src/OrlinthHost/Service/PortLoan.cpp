@@ -33,7 +33,6 @@ Task<> PortLoan::lend(platform::Stream& stream, std::uint16_t number) {
     std::optional<std::string> problem;
     try {
         co_await handOver(stream, number);
-        events_.portLent();
         co_await untilItEnds(stream);
     } catch (const std::exception& error) {
         if (platform::isCancellation(error)) {
@@ -50,20 +49,24 @@ Task<> PortLoan::lend(platform::Stream& stream, std::uint16_t number) {
             // or does not read
         }
     }
-    co_await giveBack(!problem);
+    co_await giveBack();
 }
 
 Task<std::unique_ptr<platform::Listener>> PortLoan::take(std::uint16_t number) {
     set(true);
     co_await receiver_.stepAside();
     const Executor executor = co_await asio::this_coro::executor;
-    co_return port_.listenForPairing({.port = number, .keepAlive = std::nullopt}, executor);
+    std::unique_ptr<platform::Listener> port =
+        port_.listenForPairing({.port = number, .keepAlive = std::nullopt}, executor);
+    isLentReported_ = true;
+    events_.portLent();
+    co_return port;
 }
 
-Task<> PortLoan::giveBack(bool hadPort) {
+Task<> PortLoan::giveBack() {
     co_await takeBack();
     set(false);
-    if (hadPort) {
+    if (std::exchange(isLentReported_, false)) {
         events_.portReturned();
     }
 }
@@ -84,7 +87,7 @@ Task<> PortLoan::handOver(platform::Stream& stream, std::uint16_t number) {
 
 /// Until it has worked. The port may be in use for a moment, by whoever has borrowed it.
 Task<> PortLoan::takeBack() {
-    bool isTold = false;
+    bool isReported = false;
     for (;;) {
         std::string problem;
         try {
@@ -93,8 +96,8 @@ Task<> PortLoan::takeBack() {
         } catch (const Receiver::Error& error) {
             problem = error.description();
         }
-        if (!isTold) {
-            isTold = true;
+        if (!isReported) {
+            isReported = true;
             set(true, problem);
             events_.portMissing(problem);
         }

@@ -42,12 +42,12 @@ public:
     /// @throws platform::Cancelled
     [[nodiscard]] Task<> lend(platform::Stream& stream, std::uint16_t number);
 
-    /// Takes the port away from the receiver, for a pairing in this process. Not while it is lent. However it ends,
-    /// giveBack() follows. @throws platform::Cancelled, platform::SystemError, Receiver::Error
+    /// Takes the port away from the receiver, for a pairing in this process, and reports that it is lent. Not while it is
+    /// lent. However it ends, giveBack() follows. @throws platform::Cancelled, platform::SystemError, Receiver::Error
     [[nodiscard]] Task<std::unique_ptr<platform::Listener>> take(std::uint16_t number);
-    /// Lets the receiver have the port again, and returns when it has. `hadPort`: take() has returned it; the pairing
-    /// has closed it by now. @throws platform::Cancelled
-    [[nodiscard]] Task<> giveBack(bool hadPort);
+    /// Lets the receiver have the port again, which the pairing has closed by now, and returns when it has. Reports that
+    /// it is back if take() has reported that it is lent. @throws platform::Cancelled
+    [[nodiscard]] Task<> giveBack();
 
 private:
     [[nodiscard]] Task<> handOver(platform::Stream& stream, std::uint16_t number);
@@ -59,6 +59,7 @@ private:
     const ServicePort& port_;
     ServiceEvents& events_;
     bool lent_ = false;
+    bool isLentReported_ = false; ///< and not yet that it is back
     std::string problem_;
 };
 

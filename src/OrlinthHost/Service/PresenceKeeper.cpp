@@ -67,17 +67,11 @@ Presence::Moment PresenceKeeper::momentOf(platform::Clock::Instant instant) cons
             .epoch = home_.system.clock.epochMilliseconds() - std::chrono::round<std::chrono::milliseconds>(since)};
 }
 
-std::vector<PhonePresence> PresenceKeeper::all() const {
-    std::vector<PeerRecord> records;
-    try {
-        records = home_.peers().loadBook().peers;
-    } catch (const PeerStoreError&) {
-        return {}; // whoever asks will have met the same
-    }
+std::vector<PhonePresence> PresenceKeeper::all(const PeerBook& book) const {
     const std::map<PeerKey, EpochMilliseconds> meetings = knownAddresses(home_).lastMeetings();
     const bool hasPushKey = home_.system.files.exists(FcmWake::defaultServiceAccountURL(home_.system.directories));
     std::vector<PhonePresence> phones;
-    for (const PeerRecord& record : records) {
+    for (const PeerRecord& record : book.peers) {
         PhonePresence phone = presence_.of(record.peer_pubkey, home_.system.clock.now());
         if (const auto met = meetings.find(record.peer_pubkey); met != meetings.end()) {
             phone.seen = std::max(phone.seen.value_or(met->second), met->second);

@@ -32,8 +32,8 @@ public:
     void disappeared(const PeerKey& phone);
     void networkChanged();
 
-    /// Of the paired phones, in the order of the peer store. None if that cannot be read.
-    [[nodiscard]] std::vector<PhonePresence> all() const;
+    /// Of the phones in the book, in its order. Reads a file.
+    [[nodiscard]] std::vector<PhonePresence> all(const PeerBook& book) const;
 
 private:
     [[nodiscard]] Presence::Moment now() const { return momentOf(home_.system.clock.now()); }

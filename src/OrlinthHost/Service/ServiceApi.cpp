@@ -40,6 +40,10 @@ ServiceApi::ServiceApi(Home& home, const Parts& parts)
     presence_.onChanged = [this] { phonesChanged(); };
     offers_.onChanged = [this] { changed(); };
     pairing_.onChanged = [this] { changed(); };
+    phoneRequests_.onChanged = [this] {
+        workBegins();
+        changed();
+    };
     history_.onChanged = [this] { changed(); };
     settings_.onChanged = [this] {
         changed();
@@ -122,20 +126,19 @@ ServiceView ServiceApi::service() const {
 }
 
 std::vector<PhoneView> ServiceApi::phones() const {
-    PeerBook book;
     try {
-        book = home_.peers().loadBook();
+        lastBook_ = home_.peers().loadBook();
     } catch (const PeerStoreError&) {
-        return {}; // the service has told of that
+        // the service has told of that, and goes on serving those whom it knows: they are not gone
     }
     std::vector<PhoneView> views;
-    for (PhonePresence& phone : presence_.all()) {
-        if (const PeerRecord* const record = book.find(phone.peerKey)) { // it may have gone just now
-            views.push_back({.name = record->peer_hostname,
-                             .presence = std::move(phone),
-                             .pairedAt = record->paired_at_epoch_ms,
-                             .address = record->peer_ip});
-        }
+    std::vector<PhonePresence> presences = presence_.all(lastBook_);
+    for (std::size_t i = 0; i < presences.size(); ++i) {
+        const PeerRecord& record = lastBook_.peers.at(i);
+        views.push_back({.name = record.peer_hostname,
+                         .presence = std::move(presences.at(i)),
+                         .pairedAt = record.paired_at_epoch_ms,
+                         .address = record.peer_ip});
     }
     return views;
 }
@@ -204,7 +207,7 @@ void ServiceApi::restart() {
 bool ServiceApi::isBusy() const {
     const auto isUnderWay = [](const auto& transfer) { return !transfer.second.endedAt; };
     const auto isSending = [](const OutboxView& batch) { return batch.state == OutboxView::State::sending; };
-    return sharesUnderWay_ > 0 || loan_.isLent() || !offers_.open().empty() ||
+    return sharesUnderWay_ > 0 || pairing_.isBusy() || phoneRequests_.isBusy() || !offers_.open().empty() ||
            std::ranges::any_of(transfers_.all(), isUnderWay) || std::ranges::any_of(outbox_.batches(), isSending);
 }
 

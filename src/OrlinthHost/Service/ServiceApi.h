@@ -58,7 +58,8 @@ public:
     // ---- what there is
 
     [[nodiscard]] ServiceView service() const;
-    /// The paired phones in the order of the peer store. None if that cannot be read. Reads a file or two.
+    /// The paired phones in the order of the peer store. If that cannot be read, those that it had when it last could.
+    /// Reads a file or two.
     [[nodiscard]] std::vector<PhoneView> phones() const;
     /// In the order in which they began.
     [[nodiscard]] std::vector<TransferView> transfers() const;
@@ -128,7 +129,8 @@ public:
     /// @throws HostError if nobody would start it again
     void restart();
     [[nodiscard]] bool canRestart() const noexcept { return onRestart != nullptr; }
-    /// Whether a file is on its way, is being shared or waited for, or a pairing has the port.
+    /// Whether a file is on its way, is being shared or waited for, a phone gets what somebody has asked for, or a pairing
+    /// is under way, up to the answer whether the codes are the same.
     [[nodiscard]] bool isBusy() const;
     /// A number that grows whenever any of that begins.
     [[nodiscard]] std::uint64_t workBegun() const noexcept { return workBegun_; }
@@ -183,6 +185,7 @@ private:
     std::uint64_t phonesVersion_ = 1;
     std::uint64_t workBegun_ = 0;
     std::size_t sharesUnderWay_ = 0;
+    mutable PeerBook lastBook_; ///< as it was last read
     std::unique_ptr<platform::Timer> restarting_;
     platform::Condition news_;
     TransferList transfers_;

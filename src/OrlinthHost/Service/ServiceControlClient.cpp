@@ -5,12 +5,14 @@
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "OrlinthHost/Service/LastText.h"
 #include "OrlinthHost/Service/ServiceLock.h"
+#include "base/Json.h"
 #include "platform/Cancelled.h"
 #include "platform/ServiceManager.h"
 #include "platform/SystemError.h"
 
 #include <asio/this_coro.hpp>
 
+#include <system_error>
 #include <utility>
 
 namespace orlinth::host {
@@ -93,35 +95,77 @@ Task<std::unique_ptr<platform::Listener>> receivePort(Home& home, platform::Stre
     co_return co_await home.system.unixSockets.receivePort(stream, executor);
 }
 
+/// Null where nobody listens; else the request was sent.
+Task<std::unique_ptr<platform::Stream>> sendRequest(Home& home, ControlRequest request) {
+    std::string problem;
+    try {
+        std::unique_ptr<platform::Stream> stream = co_await connectToService(home);
+        if (stream) {
+            co_await sendControlLine(*stream, home.system.clock, encodeControlRequestFrom(home.version, request));
+        }
+        co_return stream;
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = describe(error);
+    }
+    throw notDone(problem);
+}
+
+/// Whether the service has closed the connection, with or without reading everything.
+bool isEndOfService(const std::exception& error) {
+    const auto* const system = dynamic_cast<const platform::SystemError*>(&error);
+    return dynamic_cast<const ConnectionEnded*>(&error) != nullptr ||
+           (system != nullptr && system->code() == std::errc::connection_reset);
+}
+
+/// The next line of one who tells; nothing if its end came instead, which is none before everything `isCurrent`.
+/// What is referred to outlives the call.
+Task<std::optional<std::string>> nextLine(platform::Clock& clock, platform::Stream& stream, bool isCurrent) {
+    std::string problem;
+    try {
+        std::string line;
+        if (isCurrent) {
+            line = co_await readControlLine(stream, maxNewsLine);
+        } else {
+            line = co_await readControlLine(stream, clock, replyLimit, maxNewsLine);
+        }
+        co_return line;
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        if (isCurrent && isEndOfService(error)) {
+            co_return std::nullopt;
+        }
+        problem = describe(error);
+    }
+    throw notDone(problem);
+}
+
+ServiceNews newsIn(const std::string& line) {
+    try {
+        return decodeServiceNews(line);
+    } catch (const JsonError& error) {
+        throw notDone(error.description());
+    }
+}
+
 /// False if no service runs; true when everything was told, and, of a request to watch, when the service has ended.
 Task<bool> follow(Home& home, ControlRequest request, std::function<void(const ServiceNews&)> onNews) {
-    const std::unique_ptr<platform::Stream> stream = co_await connectToService(home);
+    const bool goesOn = std::holds_alternative<WatchRequest>(request);
+    const std::unique_ptr<platform::Stream> stream = co_await sendRequest(home, std::move(request));
     if (!stream) {
         co_return false;
     }
-    platform::Clock& clock = home.system.clock;
-    const bool goesOn = std::holds_alternative<WatchRequest>(request);
-    co_await sendControlLine(*stream, clock, encodeControlRequestFrom(home.version, request));
     bool isCurrent = false;
     while (goesOn || !isCurrent) {
-        std::string line;
-        std::string problem;
-        try {
-            line = isCurrent ? co_await readControlLine(*stream, maxNewsLine)
-                             : co_await readControlLine(*stream, clock, replyLimit, maxNewsLine);
-        } catch (const std::exception& error) {
-            if (platform::isCancellation(error)) {
-                throw;
-            }
-            problem = describe(error);
+        const std::optional<std::string> line = co_await nextLine(home.system.clock, *stream, isCurrent);
+        if (!line) {
+            break;
         }
-        if (!problem.empty()) {
-            if (isCurrent) {
-                break;
-            }
-            throw notDone(problem);
-        }
-        const ServiceNews news = decodeServiceNews(line);
+        const ServiceNews news = newsIn(*line);
         isCurrent = isCurrent || std::holds_alternative<CurrentLine>(news);
         onNews(news);
     }

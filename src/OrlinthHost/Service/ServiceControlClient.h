@@ -73,7 +73,8 @@ struct LastTextAnswer {
 /// runs. @throws HostError if it does not answer; what `onNews` throws
 [[nodiscard]] Task<bool> readServiceStatus(Home& home, std::function<void(const ServiceNews&)> onNews);
 
-/// The same, and then what changes, until the service ends: returns true then.
+/// The same, and then what changes, until the service ends: returns true then. @throws HostError also if what comes
+/// makes no sense, or cannot be read
 [[nodiscard]] Task<bool> watchService(Home& home, std::function<void(const ServiceNews&)> onNews);
 
 /// The running service's port, for as long as this lives.

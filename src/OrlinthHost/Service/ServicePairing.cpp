@@ -76,7 +76,7 @@ Task<ServicePairing::Ticket> ServicePairing::begin(std::uint16_t port, PairingOp
     if (failure) {
         run_.reset();
         changed();
-        returnPort(false);
+        returnPort();
         std::rethrow_exception(failure);
     }
     run->hasBegun = true;
@@ -131,7 +131,7 @@ Task<> ServicePairing::pair(RunRef run) {
     }
     run->attempt.reset();
     run->view.digits.clear();
-    returnPort(true);
+    returnPort();
     if (phone) {
         co_await confirm(run, *std::move(phone));
         co_return;
@@ -193,9 +193,9 @@ void ServicePairing::record(const IntroducedPhone& phone) {
 }
 
 /// Not waited for: the port may be in use for a moment.
-void ServicePairing::returnPort(bool hadPort) {
+void ServicePairing::returnPort() {
     if (!isEnding_) {
-        tasks_.add(loan_.giveBack(hadPort), [this](const std::exception_ptr&) { changed(); });
+        tasks_.add(loan_.giveBack(), [this](const std::exception_ptr&) { changed(); });
     }
 }
 

@@ -76,7 +76,7 @@ private:
     [[nodiscard]] Task<> pair(RunRef run);
     [[nodiscard]] Task<> confirm(RunRef run, IntroducedPhone phone);
     void record(const IntroducedPhone& phone);
-    void returnPort(bool hadPort);
+    void returnPort();
     void cancel(Run& run);
     void forsake(Run& run);
     void fail(Run& run, const std::exception& error);

@@ -36,14 +36,8 @@ Task<bool> sendSecret(platform::UnixSockets& sockets, platform::Stream& stream, 
 
 void SocketFace::start(std::uint16_t port) {
     aboutPort_ = {.port = port, .since = home_.system.clock.epochMilliseconds()};
-    accepting_.add(run(), [this](const std::exception_ptr& error) {
-        try {
-            std::rethrow_exception(error);
-        } catch (const std::exception& failure) {
-            if (!platform::isCancellation(failure)) {
-                events_.controlFailed(describe(failure));
-            }
-        }
+    accepting_.add(run(), [](const std::exception_ptr&) {
+        // a failure was reported when it happened; else it was cancelled
     });
 }
 
@@ -52,29 +46,41 @@ Task<> SocketFace::finish() {
     co_await accepting_.join();
 }
 
-/// Ends by an exception only.
 Task<> SocketFace::run() {
-    const Executor executor = co_await asio::this_coro::executor;
-    std::unique_ptr<platform::Listener> listener = home_.system.unixSockets.listen(controlSocket(home_), executor);
-    std::exception_ptr failure;
+    std::exception_ptr cancelled;
     try {
-        co_await acceptAll(*listener);
-    } catch (...) {
-        failure = std::current_exception();
+        co_await acceptAll();
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            cancelled = std::current_exception();
+        } else {
+            events_.controlFailed(describe(error));
+        }
     }
-    listener.reset();
-    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
-    conversations_.cancelAll();
-    co_await conversations_.join(); // they refer to this object
-    std::rethrow_exception(failure);
+    if (!cancelled) { // the service goes on, and those who are connected with it: one of them may have its port
+        try {
+            co_await conversations_.join();
+        } catch (...) {
+            cancelled = std::current_exception();
+        }
+    }
+    if (cancelled) {
+        co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+        conversations_.cancelAll();
+        co_await conversations_.join(); // they refer to this object
+        std::rethrow_exception(cancelled);
+    }
 }
 
-Task<> SocketFace::acceptAll(platform::Listener& listener) {
+/// Ends by an exception only, and nobody listens then.
+Task<> SocketFace::acceptAll() {
     const Executor executor = co_await asio::this_coro::executor;
+    const std::unique_ptr<platform::Listener> listener =
+        home_.system.unixSockets.listen(controlSocket(home_), executor);
     for (;;) {
         Seconds rest{0};
         try {
-            std::unique_ptr<platform::Stream> stream = co_await listener.accept(executor);
+            std::unique_ptr<platform::Stream> stream = co_await listener->accept(executor);
             begin(std::move(stream));
         } catch (const platform::SystemError& error) {
             if (!platform::isShortage(error.code())) {

@@ -51,7 +51,7 @@ private:
     using Conversation = std::function<Task<>(platform::Stream&)>;
 
     [[nodiscard]] Task<> run();
-    [[nodiscard]] Task<> acceptAll(platform::Listener& listener);
+    [[nodiscard]] Task<> acceptAll();
     void begin(std::unique_ptr<platform::Stream> stream);
     [[nodiscard]] Task<> answer(std::unique_ptr<platform::Stream> stream);
     [[nodiscard]] Task<ControlRequest> receiveRequest(platform::Stream& stream);

@@ -102,18 +102,26 @@ std::string checkedName(const SettingValue& value) {
     return name;
 }
 
+/// One way to write each folder: those that are written differently count as different.
+std::string withoutEndingSlash(std::string path) {
+    while (path.size() > 1 && path.ends_with('/')) {
+        path.pop_back();
+    }
+    return path;
+}
+
 std::string checkedFolder(const SettingValue& value, const platform::Path& home) {
     const std::string& text = checkedText(value);
     if (text.find('\0') != std::string::npos) {
         refuse("may not contain a null character");
     }
     if (!home.empty() && (text == "~" || text.starts_with("~/"))) {
-        return text == "~" ? home.string() : (home / platform::Path(text.substr(2)).relative_path()).string();
+        return withoutEndingSlash((home / platform::Path(text.substr(1)).relative_path()).string());
     }
     if (!text.starts_with('/')) {
         refuse("must be a path that begins with / or ~/");
     }
-    return text;
+    return withoutEndingSlash(text);
 }
 
 std::string checkedChoice(const SettingValue& value) {

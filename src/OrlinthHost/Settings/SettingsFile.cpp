@@ -112,7 +112,13 @@ void SettingsFile::save(const Content& content) const {
                                 std::to_string(maxBytes >> 10) + " KiB");
     }
     files_.createDirectories(path_.parent_path(), ownerOnlyFolder);
-    platform::writeWholeFile(files_, path_, asBytes(text), ownerOnly, platform::Flush::now, platform::Links::follow);
+    const platform::Path target = files_.resolveLinks(path_);
+    platform::writeWholeFile(files_, target, asBytes(text), ownerOnly, platform::Flush::content);
+    try {
+        files_.flushDirectory(target.parent_path());
+    } catch (const platform::SystemError&) {
+        // the new file is there all the same: whoever was told otherwise would go on with what it no longer says
+    }
 }
 
 SettingsFile::Content SettingsFile::decode(ByteView text, const platform::Path& home) {

@@ -63,6 +63,7 @@ public:
     [[nodiscard]] const platform::Path& path() const noexcept { return path_; }
     /// No file: nothing is set. @throws SettingsFileError; platform::SystemError
     [[nodiscard]] Content load() const;
+    /// Survives a power cut unless the disk fails at the last step, which is no error here.
     /// @throws platform::SystemError, and then the file is as before; SettingsFileError if it would be too large
     void save(const Content& content) const;
 

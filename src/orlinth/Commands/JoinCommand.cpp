@@ -2,6 +2,7 @@
 #include "OrlinthCore/Pairing/PairSearch.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
 #include "OrlinthHost/Phones/PairedPhones.h"
+#include "OrlinthHost/Service/ServiceControlClient.h"
 #include "base/Text.h"
 #include "orlinth/Asking/Confirmation.h"
 #include "orlinth/Commands/Command.h"
@@ -64,8 +65,10 @@ public:
             ->type_name("NNNN")
             ->check(fourDigits());
         source->require_option(1);
-        addPort("--listen-port", listenPort_, 1, "The TCP port on which this machine receives, 1 to 65535.")
-            ->capture_default_str();
+        const std::string port = "The TCP port on which this machine receives, 1 to 65535. Default: that of the "
+                                 "running service, or else " +
+                                 std::to_string(defaultPort) + ".";
+        portOption_ = addPort("--listen-port", listenPort_, 1, port.c_str());
         addSeconds("--timeout", timeout_, "How long finding the computer, and then pairing, may take each; not 0.")
             ->check(
                 [](const std::string& text) { return std::string(std::stod(text) > 0 ? "" : "must be more than 0"); });
@@ -99,7 +102,7 @@ private:
         const platform::PrivateKey ownKey = host.staticKey();
         PairJoinRequest request{.payload = takePayload(host),
                                 .ownKey = ownKey.publicKey(),
-                                .receivePort = listenPort_,
+                                .receivePort = receivePort(host),
                                 .timeout = timeout_,
                                 .ownName = host.computerName.get()};
         static_cast<void>(checkPayload(request.payload, request.ownKey)); // before anything of it is shown
@@ -111,6 +114,14 @@ private:
         host.output.result("Confirmation code: " + joined.confirmationCode);
         confirmation.require(joined.computer.peer_hostname);
         recordPaired(host, std::move(joined.computer), met);
+    }
+
+    /// Where the other computer will send its files.
+    [[nodiscard]] std::uint16_t receivePort(Host& host) const {
+        if (portOption_->count() > 0 || listenPort_ != defaultPort) {
+            return listenPort_;
+        }
+        return host.tasks.run(host::findServicePort(host)).value_or(listenPort_);
     }
 
     PairingPayload takePayload(Host& host) {
@@ -128,6 +139,7 @@ private:
     std::string picture_;
     std::string code_;
     std::uint16_t listenPort_ = defaultPort;
+    CLI::Option* portOption_ = nullptr; ///< the parser's
     Seconds timeout_ = 30s;
     bool yes_ = false;
     bool leavesService_ = false;

@@ -26,6 +26,14 @@ public:
         }
     }
 
+    /// Nothing more comes: shows what is not shown yet.
+    void finish() {
+        if (isDue_) {
+            timer_->disarm();
+            draw();
+        }
+    }
+
 private:
     static constexpr Seconds drawingDelay = 50ms;
 
@@ -107,7 +115,9 @@ private:
                     live.take(news);
                 }
             };
-            return host.tasks.run(host::watchService(host, onNews));
+            const bool isRunning = host.tasks.run(host::watchService(host, onNews));
+            live.finish();
+            return isRunning;
         }
         throw UsageError("`orlinth status --watch` redraws a terminal", "Into a file or a pipe: with `--json`.");
     }

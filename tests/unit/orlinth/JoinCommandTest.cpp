@@ -88,6 +88,22 @@ TEST_F(JoinCommandTest, PairsByAPayloadInAFile) {
     EXPECT_EQ(said.at("peer_pubkey"), ownKey().base64());
 }
 
+TEST_F(JoinCommandTest, SaysThePortOfTheRunningServiceUnlessAnotherIsGiven) {
+    world.alongside(serveOthers({"{\"port\":7450}"}));
+    world.alongside(waitForPhone());
+    expectPaired(joinByFile());
+    EXPECT_EQ(parseJson(introduction).at("peer_port"), 7450);
+    service = world.unixSockets.listen(dataFolder / "service.sock", world.context.get_executor());
+    for (const std::uint16_t given : {std::uint16_t{7401}, defaultPort}) {
+        pair({});
+        world.alongside(waitForPhone());
+        const Ended ended = joinByFile({"--yes", "--listen-port", std::to_string(given)});
+        expectPaired(ended);
+        EXPECT_EQ(ended.after, 0) << "the service, which would not answer, is not asked";
+        EXPECT_EQ(parseJson(introduction).at("peer_port"), given);
+    }
+}
+
 TEST_F(JoinCommandTest, SaysTheNameOfTheSettingsElseItsHostName) {
     world.alongside(waitForPhone());
     expectPaired(joinByFile());

@@ -84,6 +84,13 @@ TEST_F(HistoryTest, IsClearedAndGoesOn) {
     EXPECT_THAT(names(), ElementsAre("b"));
 }
 
+TEST_F(HistoryTest, IsClearedThoughItsFolderCannotBeFlushed) {
+    history.add(entry("a"));
+    files.addFault({.operation = fakes::Operation::flushDirectory, .errorNumber = EIO});
+    EXPECT_NO_THROW(history.clear());
+    EXPECT_EQ(files.status(file), std::nullopt);
+}
+
 TEST_F(HistoryTest, OfSomebodyElseIsNotCleared) {
     files.putFolder(file);
     EXPECT_THROW(history.clear(), platform::SystemError);

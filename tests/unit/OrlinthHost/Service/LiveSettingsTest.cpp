@@ -259,8 +259,26 @@ TEST_F(LiveSettingsTest, AFolderThatWasChosenAndIsGoneKeepsNoServiceFromStarting
     EXPECT_EQ("", shown()) << "it is there again";
     live_->keepProblem("/media/usb", why);
     EXPECT_EQ(why, shown());
+    EXPECT_EQ(found, set("dir", "/media/usb/"));
+    EXPECT_EQ("", shown()) << "it was chosen again, and can be written";
+    EXPECT_EQ(found, set(ofPhone("dir"), "/media/usb"));
+    EXPECT_THAT(live_->folders(), ElementsAre("/media/usb"));
+    EXPECT_EQ(found, set(ofPhone("dir"), ""));
+    live_->keepProblem("/media/usb", why);
+    EXPECT_EQ(why, shown());
     EXPECT_EQ(found, set("dir", ""));
     EXPECT_EQ("", shown()) << "it is used no more";
+}
+
+/// As somebody may write it into the file.
+TEST_F(LiveSettingsTest, AFolderWithASlashAtItsEndIsTheSameFolder) {
+    world_.files.put(settingsPath, R"({"dir":"/media/usb/","format":1})");
+    world_.files.putFolder("/media", 0500);
+    start();
+    EXPECT_THAT(live_->problem(), HasSubstr("Permission denied"));
+    world_.files.setPermissions("/media", 0755);
+    deliver("a.txt");
+    EXPECT_EQ("", live_->problem());
 }
 
 TEST_F(LiveSettingsTest, IfItCannotBeSavedNothingHasChanged) {

@@ -240,6 +240,7 @@ TEST_F(ServiceControlTest, ABorrowerThatVanishesGivesThePortBack) {
         stream->abort();
         listener.reset();
         pass(2s);
+        EXPECT_EQ("returned", events_.loans().back());
         expectBackAtWork();
     }
     {
@@ -247,6 +248,7 @@ TEST_F(ServiceControlTest, ABorrowerThatVanishesGivesThePortBack) {
         world_.run(write(*stream, lendPort)); // and is gone before it is answered
     }
     pass(2s);
+    EXPECT_THAT(events_.loans(), ElementsAre("lent", "returned", "lent", "returned", "lent", "returned"));
     expectBackAtWork();
 }
 
@@ -297,6 +299,30 @@ TEST_F(ServiceControlTest, APortThatSomebodyElseHasMeanwhileIsTakenAsSoonAsItIsF
     pass(1s);
     EXPECT_EQ(1, events_.count("returned"));
     expectBackAtWork();
+}
+
+TEST_F(ServiceControlTest, ALoanAndAWatchOutliveTheSocket) {
+    start();
+    const std::unique_ptr<platform::Stream> watcher = connectToControl();
+    world_.run(write(*watcher, "{\"request\":\"watch\"}\n"));
+    for (int i = 0; i < 3; ++i) {
+        static_cast<void>(next(*watcher));
+    }
+    std::optional<BorrowedPort> borrowed = borrow();
+    ASSERT_TRUE(borrowed);
+    EXPECT_EQ(ServiceView::State::lent, std::get<ServiceView>(next(*watcher)).state);
+    world_.unixSockets.failAccepting(EIO);
+    const std::unique_ptr<platform::Stream> last = connectToControl();
+    settle();
+    EXPECT_EQ(1, events_.count("no control: Input/output error"));
+    EXPECT_FALSE(world_.unixSockets.isOpen(controlPath));
+    EXPECT_THAT(events_.loans(), ElementsAre("lent"));
+    borrowed.reset();
+    EXPECT_EQ(ServiceView::State::listening, std::get<ServiceView>(next(*watcher)).state);
+    EXPECT_THAT(events_.loans(), ElementsAre("lent", "returned"));
+    expectBackAtWork();
+    stop();
+    EXPECT_EQ("", world_.run(readLine(*watcher))) << "but not the service";
 }
 
 TEST_F(ServiceControlTest, ALoanDoesNotKeepTheServiceFromEnding) {
@@ -396,6 +422,28 @@ TEST_F(ServiceControlTest, WhoWatchesSeesThePortLentAndAPhoneThatIsRemoved) {
     EXPECT_EQ(ServiceNews(PhoneGoneLine{world_.phoneRecord().peer_pubkey}), next(*watcher));
 }
 
+TEST_F(ServiceControlTest, PhonesStayWhileTheirFileCannotBeRead) {
+    start();
+    const std::unique_ptr<platform::Stream> watcher = connectToControl();
+    world_.run(write(*watcher, "{\"request\":\"watch\"}\n"));
+    for (int i = 0; i < 3; ++i) {
+        static_cast<void>(next(*watcher));
+    }
+    const std::unique_ptr<ScriptedPeer> from = phone();
+    EXPECT_EQ(PresenceState::here, std::get<PhoneView>(next(*watcher)).presence.state);
+    const std::string good = world_.files.content(dataFolder / "peer.json").value();
+    world_.files.put(dataFolder / "peer.json", "{nonsense");
+    world_.folders.change(dataFolder);
+    pass(SocketFace::phonesInterval);
+    from->close();
+    EXPECT_EQ("Pixel-8", std::get<PhoneView>(next(*watcher)).name) << "it has left the port, and is still paired";
+    EXPECT_THAT(ask("{\"request\":\"presence\"}\n"), HasSubstr(world_.phoneRecord().peer_pubkey.text()));
+    world_.files.put(dataFolder / "peer.json", good);
+    pair({});
+    world_.folders.change(dataFolder);
+    EXPECT_EQ(ServiceNews(PhoneGoneLine{world_.phoneRecord().peer_pubkey}), next(*watcher));
+}
+
 TEST_F(ServiceControlTest, AWatchEndsWithTheServiceAndWithTheOneWhoWatches) {
     start();
     bool hasEnded = false;
@@ -412,6 +460,43 @@ TEST_F(ServiceControlTest, AWatchEndsWithTheServiceAndWithTheOneWhoWatches) {
     EXPECT_THAT(ask("{\"request\":\"watch\"}\n"), HasSubstr("listening"));
     stop();
     EXPECT_TRUE(hasEnded);
+}
+
+TEST_F(ServiceControlTest, AServiceThatCannotBeWatchedIsAFailureAndNotItsEnd) {
+    const auto failure = [this] {
+        return world_.failure<HostError>(watchService(home_, [](const ServiceNews&) {})).description();
+    };
+    const std::string before = "the running service did not do it: ";
+    world_.unixSockets.connectErrno = EACCES;
+    EXPECT_EQ(before + "Permission denied", failure());
+    world_.unixSockets.connectErrno.reset();
+    answerWith("{\"event\":\"current\"}\n" + std::string(maxNewsLine + 1, 'x') + "\n");
+    EXPECT_EQ(before + "a line is too long", failure());
+    answerWith("{\"event\":\"current\"}\nnonsense\n");
+    EXPECT_THAT(failure(), testing::StartsWith(before));
+    answerWith("{\"error\":\"not today\"}\n");
+    EXPECT_EQ(before + "not today", failure());
+}
+
+TEST_F(ServiceControlTest, AServiceThatIsKilledHasEndedForThoseWhoWatchIt) {
+    for (const bool isReset : {false, true}) {
+        std::unique_ptr<platform::Listener> listener =
+            world_.unixSockets.listen(controlPath, world_.context.get_executor());
+        bool hasEnded = false;
+        world_.alongside(watchUntilItEnds(hasEnded));
+        const std::unique_ptr<platform::Stream> stream =
+            world_.run(listener->accept(world_.context.get_executor()));
+        world_.run(write(*stream, "{\"event\":\"current\"}\n{\"event\":\"phone_"));
+        settle();
+        EXPECT_FALSE(hasEnded);
+        if (isReset) {
+            stream->abort();
+        } else {
+            stream->finishWriting();
+        }
+        settle();
+        EXPECT_TRUE(hasEnded);
+    }
 }
 
 TEST_F(ServiceControlTest, NobodyWatchesAndNothingRings) {

@@ -100,6 +100,7 @@ TEST_F(ServicePairingTest, PairsThePhoneThatSomebodyHasConfirmed) {
     EXPECT_EQ("", view().digits) << "it is not announced";
     EXPECT_THAT(world_.services.services, IsEmpty());
     EXPECT_EQ(ServiceView::State::lent, face_.api->service().state);
+    EXPECT_THAT(events_.loans(), ElementsAre("lent"));
     EXPECT_EQ(port, payload_.peer_port);
     EXPECT_EQ("192.168.1.23", payload_.peer_ip);
     introduce();
@@ -110,6 +111,7 @@ TEST_F(ServicePairingTest, PairsThePhoneThatSomebodyHasConfirmed) {
               view().confirmationCode);
     EXPECT_THAT(paired(), ElementsAre("Pixel-8"));
     EXPECT_EQ(ServiceView::State::listening, face_.api->service().state) << "the port is back";
+    EXPECT_THAT(events_.loans(), ElementsAre("lent", "returned"));
     EXPECT_TRUE(ticket_->confirm(true));
     EXPECT_FALSE(ticket_->confirm(false));
     pass(1s);
@@ -254,6 +256,14 @@ TEST_F(ServicePairingTest, ThePortIsBackIfItCannotBegin) {
     start();
     EXPECT_THAT(refusal({.interface = "nowhere0"}), HasSubstr("there is no interface 'nowhere0'"));
     EXPECT_EQ(std::nullopt, face_.api->pairing());
+    expectBackAtWork();
+    EXPECT_THAT(events_.loans(), ElementsAre("lent", "returned"));
+    world_.network.listenErrno = EMFILE;
+    EXPECT_THROW(world_.run(beginAndForget({})), platform::SystemError);
+    pass(2s);
+    world_.network.listenErrno.reset();
+    pass(2s);
+    EXPECT_EQ(2U, events_.loans().size()) << "nobody has had it";
     expectBackAtWork();
     world_.files.put(dataFolder / "peer.json", "{nonsense");
     EXPECT_THROW(world_.run(beginAndForget({})), PeerStoreError);

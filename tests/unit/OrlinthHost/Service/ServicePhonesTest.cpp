@@ -88,6 +88,13 @@ TEST_F(ServicePhonesTest, SendsATextToAPhoneOrToTheDefaultOne) {
     EXPECT_EQ(R"({"error":"network: Connection refused"})", send("Grüße", {key()}));
 }
 
+TEST_F(ServicePhonesTest, SendsATextOnceToAPhoneThatIsNamedTwice) {
+    start();
+    world_.alongside(takeText());
+    EXPECT_EQ(found, send("Grüße", {key(), key(), key()}));
+    EXPECT_THAT(taken_, ElementsAre("Grüße"));
+}
+
 TEST_F(ServicePhonesTest, SendsNothingThatIsNoText) {
     start();
     EXPECT_EQ(R"({"error":"there is no text to send"})", send("", {key()}));
@@ -101,10 +108,15 @@ TEST_F(ServicePhonesTest, WaitsForATextThatIsAnnouncedFiveSeconds) {
 }
 
 TEST_F(ServicePhonesTest, EndsWhileATextIsOnItsWay) {
+    PeerRecord tablet = world_.phoneRecord();
+    tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    tablet.peer_hostname = "Tablet";
+    pair({world_.phoneRecord(), tablet});
     world_.network.makeSilent(world_.phoneRecord().peer_ip);
     start();
     const std::unique_ptr<platform::Stream> stream = connectToControl();
-    world_.run(write(*stream, encodeControlRequest(PhoneRequest(SendTextRequest{{key(), key()}})) + "\n"));
+    const SendTextRequest toBoth{{key(), tablet.peer_pubkey}};
+    world_.run(write(*stream, encodeControlRequest(PhoneRequest(toBoth)) + "\n"));
     world_.run(world_.unixSockets.sendSecret(*stream, asBytes("text")));
     pass(1s);
     const double before = world_.clock.elapsed();

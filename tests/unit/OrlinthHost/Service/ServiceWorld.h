@@ -11,7 +11,9 @@
 #include <asio/cancellation_signal.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,6 +76,14 @@ public:
 
     /// How often exactly this was told.
     [[nodiscard]] std::ptrdiff_t count(const std::string& text) const { return std::ranges::count(all, text); }
+
+    /// Of the port: what was told of loans, in its order.
+    [[nodiscard]] std::vector<std::string> loans() const {
+        std::vector<std::string> loans;
+        std::ranges::copy_if(all, std::back_inserter(loans),
+                             [](const std::string& text) { return text == "lent" || text == "returned"; });
+        return loans;
+    }
 
 private:
     void tell(std::string text) { all.push_back(std::move(text)); }

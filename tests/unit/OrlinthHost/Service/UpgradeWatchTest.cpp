@@ -1,5 +1,8 @@
 #include "OrlinthHost/Service/UpgradeWatch.h"
 
+#include "OrlinthCore/Pairing/PairCrypto.h"
+#include "OrlinthCore/Pairing/PairWire.h"
+#include "OrlinthCore/Pairing/PairingPayload.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "ServiceWorld.h"
 
@@ -49,7 +52,35 @@ protected:
         EXPECT_EQ(restarts_, 0);
     }
 
+    /// Somebody begins a pairing, and a tablet scans the code.
+    void beginPairing() {
+        owner_ = connectToControl();
+        EXPECT_THAT(ask(*owner_, "{\"request\":\"pair\"}\n"), HasSubstr("waiting"));
+        const SecretBytes code = world_.run(world_.unixSockets.receiveSecret(*owner_, 4096));
+        const SecretBytes secret = PairingPayload::decode(code.reveal()).secret();
+        const platform::PrivateKey tabletKey = platform::PrivateKey::generate();
+        const std::string introduction = compactJson({{"peer_pubkey", tabletKey.publicKey().base64()},
+                                                      {"peer_ip", "192.168.1.50"},
+                                                      {"peer_port", 7002},
+                                                      {"peer_hostname", "Tablet"}});
+        const SecretBytes key = PairCrypto::deriveAEADKey(secret.reveal());
+        const Bytes frame = PairWire::encodeFrame(PairCrypto::sealIntroduction(asBytes(introduction), key));
+        world_.network.sources.emplace_back("192.168.1.50:40112");
+        tablet_ = world_.run(world_.network.connect("192.168.1.23", port, world_.context.get_executor()));
+        world_.run(write(*tablet_, std::string(toText(frame))));
+        EXPECT_THAT(world_.run(readLine(*owner_)), HasSubstr("confirming"));
+    }
+    /// A phone that takes a text, and its time.
+    [[nodiscard]] Task<> takeTextWithin(Seconds time) {
+        const auto at = co_await ScriptedPeer::accept(world_, world_.phoneKey);
+        static_cast<void>(co_await at->expect<Row::Clipboard>());
+        co_await world_.clock.sleep(time);
+        at->close();
+    }
+
     int restarts_ = 0;
+    std::unique_ptr<platform::Stream> owner_; ///< of the pairing
+    std::unique_ptr<platform::Stream> tablet_;
 };
 
 // Looking
@@ -180,6 +211,31 @@ TEST_F(UpgradeWatchTest, ALentPortIsWaitedFor) {
     expectNoRestartWithin(10min);
     port.reset();
     settle();
+    expectRestartAfter(60s);
+}
+
+TEST_F(UpgradeWatchTest, APairingIsWaitedForUntilSomebodyHasConfirmedIt) {
+    start();
+    beginPairing();
+    upgrade();
+    askAs("2");
+    expectNoRestartWithin(4min); // the port is back long since
+    world_.run(write(*owner_, "{\"confirm\":true}\n"));
+    EXPECT_THAT(world_.run(readLine(*owner_)), HasSubstr("done"));
+    EXPECT_THAT(paired(), testing::ElementsAre("Pixel-8", "Tablet"));
+    expectRestartAfter(60s);
+}
+
+TEST_F(UpgradeWatchTest, ATextOnItsWayIsWaitedForAndAMinuteMore) {
+    start();
+    world_.alongside(takeTextWithin(4s));
+    const std::unique_ptr<platform::Stream> sender = connectToControl();
+    world_.run(write(*sender, encodeControlRequest(PhoneRequest(SendTextRequest{})) + "\n"));
+    world_.run(world_.unixSockets.sendSecret(*sender, asBytes("text")));
+    upgrade();
+    askAs("2");
+    EXPECT_EQ("{\"found\":true}", world_.run(readLine(*sender)));
+    EXPECT_EQ(4, world_.clock.elapsed());
     expectRestartAfter(60s);
 }
 

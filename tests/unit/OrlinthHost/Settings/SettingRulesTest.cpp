@@ -51,6 +51,11 @@ TEST(SettingRules, TakeValuesOfTheirKind) {
     EXPECT_EQ(SettingValue("Ann's laptop"), checked(SettingId::computerName, " Ann's laptop "));
     EXPECT_EQ(SettingValue("/home/ann/in"), checked(SettingId::downloads, "~/in"));
     EXPECT_EQ(SettingValue("/home/ann"), checked(SettingId::downloads, "~"));
+    for (const char* path : {"/home/ann/in/", "~/in/", "~//in//"}) {
+        EXPECT_EQ(SettingValue("/home/ann/in"), checked(SettingId::downloads, path)) << path;
+    }
+    EXPECT_EQ(SettingValue("/home/ann"), checked(SettingId::downloads, "~/"));
+    EXPECT_EQ(SettingValue("/"), checked(SettingId::downloads, "//"));
     EXPECT_EQ(SettingValue("/srv/in "), checked(SettingId::downloads, "/srv/in ")) << "a folder may be called so";
     EXPECT_EQ(SettingValue(std::int64_t{1536}), checked(SettingId::maxFile, "1.5K"));
     EXPECT_EQ(SettingValue(std::int64_t{0}), checked(SettingId::maxFile, std::int64_t{0}));

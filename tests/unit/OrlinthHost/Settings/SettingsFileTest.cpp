@@ -138,6 +138,16 @@ TEST_F(SettingsFileTest, ThatCannotBeWrittenStaysAsItWas) {
     EXPECT_EQ(example, files.content(path));
 }
 
+TEST_F(SettingsFileTest, ThatWasWrittenIsWrittenThoughItsFolderCannotBeFlushed) {
+    files.put(path, example);
+    SettingsFile::Content content = file.load();
+    content.set({.id = SettingId::accept}, "never");
+    files.addFault({.operation = fakes::Operation::flushDirectory, .errorNumber = EIO});
+    EXPECT_NO_THROW(file.save(content));
+    files.clearFaults();
+    EXPECT_EQ(SettingValue("never"), *file.load().find({.id = SettingId::accept}));
+}
+
 TEST_F(SettingsFileTest, AfterACrashIsTheOldOneOrTheNewOne) {
     const auto acceptIn = [this](fakes::MemoryFileSystem& disk) {
         return std::get<std::string>(*SettingsFile(disk, directories).load().find({.id = SettingId::accept}));
