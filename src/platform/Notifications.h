@@ -43,6 +43,7 @@ struct Notification {
 struct NotificationAnswer {
     std::string key = {};   ///< of the button, or Notification::clickKey; "" when it is gone
     std::string token = {}; ///< by which a window may come to the front (XDG activation); "" if the desktop has none
+    bool wasShown = true;   ///< false if it is gone without ever having been on the desktop, as far as that tells
 
     /// For those to whom the key is all there is.
     operator const std::string&() const noexcept { return key; } // NOLINT(google-explicit-constructor): as it says

@@ -35,8 +35,8 @@ public:
             }
         }
         shown.push_back({std::move(notification), std::move(executor), std::move(onAnswer)});
-        if (!available) {
-            answer(shown.size() - 1, "");
+        if (!available || failsToShow) {
+            refuse(shown.size() - 1);
         }
     }
 
@@ -63,6 +63,15 @@ public:
         }
     }
 
+    /// What is said of one of `shown` that never got onto the screen.
+    void refuse(std::size_t index) {
+        Shown& one = shown.at(index);
+        one.isThere = false;
+        if (OnAnswer onAnswer = std::exchange(one.onAnswer, nullptr)) {
+            asio::post(one.executor, [onAnswer = std::move(onAnswer)] { onAnswer({.wasShown = false}); });
+        }
+    }
+
     /// What is on the screen: the places in `shown`.
     [[nodiscard]] std::vector<std::size_t> there() const {
         std::vector<std::size_t> found;
@@ -75,6 +84,7 @@ public:
     }
 
     bool available = true;
+    bool failsToShow = false; ///< though it seems to be available
     std::vector<Shown> shown;
     std::vector<std::uint64_t> withdrawn; ///< tags
 };

@@ -132,20 +132,35 @@ void OfferQueue::goOn() {
     question->view.expires =
         home_.system.clock.epochMilliseconds() + std::chrono::duration_cast<std::chrono::milliseconds>(patience);
     timer_->arm(patience, [this, question] { endWithoutAsker(*question, OfferAsker::End::expired, false); });
-    auto onAnswer = [this, alive = std::weak_ptr(alive_), weak = std::weak_ptr(question)](bool isAccepted) {
+    auto onAnswer = [this, alive = std::weak_ptr(alive_),
+                     weak = std::weak_ptr(question)](std::optional<bool> isAccepted) {
         const QuestionRef answered = weak.lock();
-        if (!alive.expired() && answered && !answered->answer) {
-            settle(*answered, isAccepted);
+        if (alive.expired() || !answered || answered->answer) {
+            return;
+        }
+        if (isAccepted) {
+            settle(*answered, *isAccepted);
+        } else {
+            answered->isAsked = false;
+            declineIfNobodySees(*answered);
         }
     };
     question->isAsked = asker_ != nullptr && asker_->ask(question->view, std::move(onAnswer));
-    if (!question->answer && !question->isAsked && onlookers_.use_count() == 1) {
-        if (asker_ != nullptr) {
-            asker_->nobodyIsThere();
-        }
-        settle(*question, false);
+    if (!question->answer && !question->isAsked) {
+        declineIfNobodySees(*question);
     }
     changed();
+}
+
+/// One that the asker cannot ask.
+void OfferQueue::declineIfNobodySees(Question& question) {
+    if (onlookers_.use_count() > 1) {
+        return;
+    }
+    if (asker_ != nullptr) {
+        asker_->nobodyIsThere();
+    }
+    settle(question, false);
 }
 
 void OfferQueue::endWithoutAsker(Question& question, OfferAsker::End end, bool isAccepted) {

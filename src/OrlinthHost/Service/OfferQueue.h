@@ -23,7 +23,8 @@ namespace orlinth::host {
 ///     waits its turn ──▶ is asked ──▶ over: answered, expired, or its phone has hung up
 ///
 /// The OfferAsker asks one question at a time. Faces of the service show all of them and may answer any; the first
-/// answer counts. If its turn comes and there is neither somebody to ask nor a face that shows it, the answer is no.
+/// answer counts. If its turn comes and there is neither somebody to ask nor a face that shows it, the answer is no;
+/// and so if the asker finds out later that it cannot ask.
 ///
 /// Each phone, which is a key and not a name, has one question that is next and limits::questionsWaiting behind it;
 /// more of its offers are declined. The phones take turns. An offer whose task is cancelled, because its phone has hung
@@ -73,6 +74,7 @@ private:
     [[nodiscard]] QuestionRef find(OfferNumber number) const;
     void goOnSoon();
     void goOn();
+    void declineIfNobodySees(Question& question);
     void settle(Question& question, bool isAccepted);
     void endWithoutAsker(Question& question, OfferAsker::End end, bool isAccepted);
     void leaveLine(const Question& question);

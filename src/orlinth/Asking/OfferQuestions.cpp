@@ -121,11 +121,14 @@ void OfferQuestions::askOnDesktop(host::OfferNumber number, platform::Notificati
     question.category = "transfer";
     question.isResident = true; // a click beside the buttons does not close it, which would be an answer
     auto onPressed = [&desktop = host_.system.notifications, number,
-                      answer = std::move(answer)](const std::string& key) {
-        if (!key.empty()) {
+                      answer = std::move(answer)](const platform::NotificationAnswer& pressed) {
+        const std::string& key = pressed.key;
+        if (key.empty()) {
+            answer(pressed.wasShown ? std::optional(false) : std::nullopt);
+        } else if (key == acceptKey || key == declineKey) { // else it is a click beside the buttons
             desktop.withdraw(tagOf(number));
+            answer(key == acceptKey);
         }
-        answer(key == acceptKey);
     };
     host_.system.notifications.show(std::move(question), host_.tasks.executor(), std::move(onPressed));
     asked_ = {.number = number};

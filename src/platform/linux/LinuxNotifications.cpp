@@ -172,9 +172,9 @@ private:
         if (onAnswer) {
             asio::post(waiting.executor,
                        [onAnswer = std::move(onAnswer),
-                        answer = NotificationAnswer{.key = key, .token = std::exchange(waiting.token, {})}] {
-                           onAnswer(answer);
-                       });
+                        answer = NotificationAnswer{.key = key,
+                                                    .token = std::exchange(waiting.token, {}),
+                                                    .wasShown = waiting.id != 0}] { onAnswer(answer); });
         }
     }
 

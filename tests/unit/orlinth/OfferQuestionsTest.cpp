@@ -217,7 +217,7 @@ TEST_F(OfferQuestionsTest, ForgetsAWaitingQuestionWhosePhoneHangsUp) {
     world_.notifications.answer(0, "decline");
     pass(200ms);
     EXPECT_EQ((std::vector<std::string>{"a.txt", "c.txt"}), filesAsked());
-    EXPECT_EQ(std::vector<std::uint64_t>{1}, world_.notifications.withdrawn) << "the one that was answered";
+    EXPECT_EQ((std::vector{shown()[0].notification.tag}), world_.notifications.withdrawn) << "which was answered";
     world_.notifications.answer(1, "accept");
     pass(200ms);
     EXPECT_EQ(false, first->answer);
@@ -309,6 +309,44 @@ TEST_F(OfferQuestionsTest, DeclinesAtOnceWhereThereIsNobodyToAsk) {
     EXPECT_TRUE(shown().empty());
     EXPECT_EQ(told.find("nobody to ask"), told.rfind("nobody to ask")) << "told more than once: " << told;
     EXPECT_NE(std::string::npos, told.find("nobody to ask"));
+}
+
+TEST_F(OfferQuestionsTest, DeclinesAtOnceIfTheDesktopCannotShowTheQuestion) {
+    world_.notifications.failsToShow = true;
+    world_.alongside(ask("a.txt", first_));
+    testing::internal::CaptureStderr();
+    settle();
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(1U, shown().size());
+    EXPECT_EQ(false, first_);
+    EXPECT_EQ(0, world_.clock.elapsed());
+    EXPECT_NE(std::string::npos, told.find("nobody to ask")) << told;
+}
+
+TEST_F(OfferQuestionsTest, LeavesAQuestionThatTheDesktopCannotShowToWhoeverElseSeesIt) {
+    world_.notifications.failsToShow = true;
+    const std::shared_ptr<const void> onlooker = queue_.onlooker();
+    world_.alongside(ask("a.txt", first_));
+    settle();
+    EXPECT_EQ(1U, shown().size());
+    EXPECT_FALSE(first_);
+    EXPECT_TRUE(queue_.answer(queue_.open().at(0).number, true));
+    settle();
+    EXPECT_EQ(true, first_);
+}
+
+TEST_F(OfferQuestionsTest, TakesNothingButItsButtonsForAnAnswer) {
+    world_.alongside(ask("a.txt", first_));
+    settle();
+    for (const char* key : {"default", "Accept", "something else"}) {
+        world_.notifications.answer(0, key);
+        settle();
+        EXPECT_FALSE(first_) << key;
+        EXPECT_EQ(1U, world_.notifications.there().size()) << key;
+    }
+    world_.notifications.answer(0, "accept");
+    fakes::runUntilIdle(world_.context, world_.clock);
+    EXPECT_EQ(true, first_);
 }
 
 TEST_F(OfferQuestionsTest, TakesTheNotificationAwayIfTheQuestionIsAnsweredElsewhere) {

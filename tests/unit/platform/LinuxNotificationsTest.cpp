@@ -270,6 +270,7 @@ protected:
         notifications.show(std::move(notification), context.get_executor(), [this](const NotificationAnswer& answer) {
             answers.push_back(answer.key);
             tokens.push_back(answer.token);
+            wereShown.push_back(answer.wasShown);
         });
     }
 
@@ -289,6 +290,7 @@ protected:
     std::optional<Daemon> daemon;
     std::vector<std::string> answers;
     std::vector<std::string> tokens; ///< with those
+    std::vector<bool> wereShown;     ///< likewise
     LinuxNotifications notifications{context.get_executor(), fakes::busEnvironment};
 };
 
@@ -452,6 +454,7 @@ TEST_F(LinuxNotificationsTest, ADaemonThatRefusesIsAnEmptyAnswer) {
     daemon->refuses = true;
     showOne();
     expectAnswers({""});
+    EXPECT_EQ(wereShown, std::vector<bool>{false});
 }
 
 TEST_F(LinuxNotificationsTest, ADaemonThatNeverAnswersIsAnEmptyAnswerInTheEnd) {
@@ -472,6 +475,14 @@ TEST_F(LinuxNotificationsTest, ADaemonThatGoesAwayIsAnEmptyAnswerAndTheNextOneIs
     showOne();
     daemon->press(1, "open");
     expectAnswers({"", "open"});
+    EXPECT_EQ(wereShown, (std::vector<bool>{true, true}));
+}
+
+TEST_F(LinuxNotificationsTest, OneThatNoDaemonTakesWasNeverShown) {
+    const PrivateBus bus;
+    show({.title = "A file", .body = "came"});
+    expectAnswers({""});
+    EXPECT_EQ(wereShown, std::vector<bool>{false});
 }
 
 TEST_F(LinuxNotificationsTest, ABusThatGoesAwayIsAnEmptyAnswerAndTheNextOneIsUsed) {

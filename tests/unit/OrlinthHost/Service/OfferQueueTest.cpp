@@ -236,6 +236,33 @@ TEST_F(OfferQueueTest, WaitsIfAFaceShowsItThoughNobodyElseCanBeAsked) {
     EXPECT_EQ(1, asker_.declined);
 }
 
+TEST_F(OfferQueueTest, IsDeclinedIfItTurnsOutThatNobodyCouldBeAsked) {
+    const auto one = offer("a.txt");
+    EXPECT_FALSE(one->answer);
+    asker_.answers.at(0)(std::nullopt);
+    settle();
+    EXPECT_EQ(false, one->answer);
+    EXPECT_EQ(1, asker_.declined);
+    EXPECT_THAT(asker_.ended, IsEmpty());
+}
+
+TEST_F(OfferQueueTest, WaitsForAFaceIfItTurnsOutThatNobodyElseCouldBeAsked) {
+    const std::shared_ptr<const void> onlooker = queue_.onlooker();
+    const auto one = offer("a.txt");
+    asker_.answers.at(0)(std::nullopt);
+    settle();
+    EXPECT_FALSE(one->answer);
+    pass(1min);
+    EXPECT_TRUE(answer(1, true));
+    EXPECT_EQ(true, one->answer);
+    EXPECT_THAT(asker_.ended, IsEmpty()) << "it has nothing to take back";
+    const auto other = offer("b.txt");
+    asker_.answers.at(1)(std::nullopt);
+    pass(2min + 1ms);
+    EXPECT_EQ(false, other->answer);
+    EXPECT_EQ(0, asker_.declined);
+}
+
 TEST_F(OfferQueueTest, AServiceThatAsksNobodyHasItsFaces) {
     OfferQueue queue(home_, nullptr);
     const std::shared_ptr<const void> onlooker = queue.onlooker();
