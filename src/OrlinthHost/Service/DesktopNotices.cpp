@@ -6,16 +6,28 @@
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "platform/Cancelled.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <utility>
 
 namespace orlinth::host {
 
 using platform::NotificationAnswer;
 
-DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop)
+namespace {
+
+/// By which folders can be compared.
+platform::Path plainPath(const platform::Path& path) {
+    return std::filesystem::absolute(path).lexically_normal();
+}
+
+} // namespace
+
+DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop, Folders folders)
     : board_(std::move(board)),
       home_(board_.home()),
       desktop_(desktop),
+      folders_(std::move(folders)),
       incoming_(board_, desktop, *this, [this] { wantLook(); }),
       outgoing_(board_, desktop, *this, [this] { wantLook(); }),
       port_(board_),
@@ -26,7 +38,9 @@ DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop)
 // What has happened
 
 void DesktopNotices::fileReceived(const Receiver::File& file) {
-    folder_.close();
+    if (plainPath(file.file.savedAt).parent_path() == troubledFolder_) {
+        endFolderTrouble();
+    }
     incoming_.fileReceived(file);
 }
 
@@ -43,8 +57,17 @@ void DesktopNotices::unpaired(const Receiver::Unpair& unpair) {
     showPlain(slot, notices::unpaired(phoneForDisplay(home_, unpair.from, unpair.peerKey), unpair.isForgotten));
 }
 
-void DesktopNotices::cannotSave(const platform::Path& folder) {
-    if (!isStopped_ && !folder_.isShown() && !folder_.isDismissed()) {
+void DesktopNotices::cannotSave(const PeerKey& from) {
+    if (folders_.of) {
+        cannotSaveIn(folders_.of(from));
+    }
+}
+
+void DesktopNotices::cannotSaveIn(const platform::Path& folder) {
+    const platform::Path troubled = plainPath(folder);
+    const bool isDismissed = folder_.isDismissed() && troubled == troubledFolder_;
+    if (!isStopped_ && !folder_.isShown() && !isDismissed) {
+        troubledFolder_ = troubled;
         showPlain(folder_, notices::folderTrouble(folder));
     }
 }
@@ -118,6 +141,7 @@ std::optional<Seconds> DesktopNotices::look() {
         bringForward(next, *outgoing);
     }
     lookAtPhones();
+    lookAtFolder();
     lookAtPort(next);
     lookAtText(next);
     return next;
@@ -140,6 +164,22 @@ void DesktopNotices::lookAtPhones() {
             showPlain(slot, notices::paired(phoneForDisplay(home_, phone.name, peerKey)));
         }
     }
+}
+
+/// Somebody may have chosen another one.
+void DesktopNotices::lookAtFolder() {
+    if (troubledFolder_.empty() || !folders_.chosen) {
+        return;
+    }
+    const std::vector<platform::Path> chosen = folders_.chosen();
+    if (std::ranges::find(chosen, troubledFolder_, plainPath) == chosen.end()) {
+        endFolderTrouble();
+    }
+}
+
+void DesktopNotices::endFolderTrouble() {
+    folder_.close();
+    troubledFolder_.clear();
 }
 
 void DesktopNotices::lookAtPort(std::optional<Seconds>& next) {

@@ -14,6 +14,7 @@
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -43,8 +44,14 @@ public:
     /// A port that comes back sooner was no trouble.
     static constexpr Seconds troubleDelay = 3s;
 
+    /// Where received files go just now; asked each time.
+    struct Folders {
+        std::function<platform::Path(const PeerKey&)> of = {};    ///< for the files of this phone; empty: nobody knows
+        std::function<std::vector<platform::Path>()> chosen = {}; ///< for any phone; empty: nobody knows
+    };
+
     /// What is referred to outlives this.
-    DesktopNotices(NoticeBoard board, DesktopActions& desktop);
+    DesktopNotices(NoticeBoard board, DesktopActions& desktop, Folders folders);
     DesktopNotices(const DesktopNotices&) = delete;
     DesktopNotices& operator=(const DesktopNotices&) = delete;
 
@@ -55,8 +62,11 @@ public:
     void textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text);
     /// A phone says that it has removed this computer.
     void unpaired(const Receiver::Unpair& unpair);
-    /// A file that came could not be saved in this folder.
-    void cannotSave(const platform::Path& folder);
+    /// A file that came from this phone could not be saved in the folder for it. Told until a file is saved there, or
+    /// nobody's files go there any more.
+    void cannotSave(const PeerKey& from);
+    /// The same of a folder that no file has come for yet.
+    void cannotSaveIn(const platform::Path& folder);
     [[nodiscard]] OutgoingNotices& outgoing() noexcept { return outgoing_; }
 
     // ---- as a face
@@ -83,6 +93,8 @@ private:
     [[nodiscard]] Task<> watch();
     [[nodiscard]] std::optional<Seconds> look();
     void lookAtPhones();
+    void lookAtFolder();
+    void endFolderTrouble();
     void lookAtPort(std::optional<Seconds>& next);
     void lookAtText(std::optional<Seconds>& next);
     void showText(const Text& text, bool isQuiet);
@@ -94,6 +106,7 @@ private:
     const NoticeBoard board_;
     Home& home_;
     DesktopActions& desktop_;
+    const Folders folders_;
     ServiceApi* api_ = nullptr; ///< between start() and stop()
     bool hasNews_ = false;
     IncomingNotices incoming_;
@@ -103,6 +116,7 @@ private:
     NoticeSlot port_;
     std::optional<Instant> portMissingSince_;
     NoticeSlot folder_;
+    platform::Path troubledFolder_; ///< that `folder_` is about, absolute; "" if there is no trouble
     NoticeSlot textSlot_;
     std::optional<Text> newText_;
     std::map<PeerKey, Instant> textAt_; ///< when the last one of a phone was shown

@@ -94,8 +94,8 @@ void tellDeclined(Output& output, const Receiver::Declined& declined) {
                       : "declined " + forDisplay(declined.name) + " from " + from + becauseOf(declined.refusal));
 }
 
-/// Whether what was received could not be written.
-bool isOfTheDisk(const std::exception_ptr& error) {
+/// Whether what was received could not be written, whatever file it was.
+bool isOfTheFolder(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
     } catch (const ReceiveError& failure) {
@@ -147,9 +147,10 @@ void ServeReporter::phonesKnown(std::size_t pairedPhones) {
     }
 }
 
-void ServeReporter::folderUnusable(const std::string& problem) {
+void ServeReporter::folderUnusable(const platform::Path& folder, const std::string& problem) {
     host_.output.failure(problem,
                          "Files that go there fail until the folder is writable, or until you choose another one.");
+    notices_.cannotSaveIn(folder);
 }
 
 void ServeReporter::listening(std::uint16_t port, std::size_t pairedPhones) {
@@ -238,8 +239,8 @@ void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
 }
 
 void ServeReporter::connectionFailed(const Receiver::Failure& failure) {
-    if (isOfTheDisk(failure.error)) {
-        notices_.cannotSave(choices_.downloads ? choices_.downloads() : platform::Path());
+    if (isOfTheFolder(failure.error)) {
+        notices_.cannotSave(failure.peerKey);
     }
     const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerKey, failure.from);
     if (!isTold) {

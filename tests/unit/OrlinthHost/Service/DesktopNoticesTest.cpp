@@ -60,7 +60,11 @@ protected:
 
     RecordingDesktop desktop_;
     bool isOn_ = true;
-    DesktopNotices notices_{NoticeBoard(home_, nullptr, [this] { return isOn_; }), desktop_};
+    std::vector<platform::Path> folders_{downloads};
+    DesktopNotices notices_{
+        NoticeBoard(home_, nullptr, [this] { return isOn_; }),
+        desktop_,
+        {.of = [this](const PeerKey&) { return folders_.front(); }, .chosen = [this] { return folders_; }}};
     std::size_t files_ = 0; ///< that were forwarded
 };
 
@@ -220,21 +224,49 @@ TEST_F(DesktopNoticesTest, PhonesThatComeAndGo) {
 
 TEST_F(DesktopNoticesTest, AFolderThatCannotBeWrittenToIsToldOfOnceUntilAFileCame) {
     start();
-    notices_.cannotSave(downloads);
-    notices_.cannotSave(downloads);
+    notices_.cannotSave(world_.phoneRecord().peer_pubkey);
+    notices_.cannotSave(world_.phoneRecord().peer_pubkey);
     EXPECT_THAT(screen(),
                 ElementsAre("Orlinth cannot receive / Files cannot be saved in /home/ann/Downloads. Check that "
                             "it can be written to, and that the disk is not full."));
     EXPECT_TRUE(last().isUrgent);
     EXPECT_EQ(last().category, "device.error");
     press("");
-    notices_.cannotSave(downloads);
+    notices_.cannotSave(world_.phoneRecord().peer_pubkey);
     EXPECT_THAT(screen(), IsEmpty());
     deliver("a.jpg");
     passAndForward(1s);
     EXPECT_EQ(1U, screen().size());
-    notices_.cannotSave(downloads);
+    notices_.cannotSave(world_.phoneRecord().peer_pubkey);
     EXPECT_EQ(2U, screen().size());
+}
+
+TEST_F(DesktopNoticesTest, TroubleWithAFolderIsNotOverBecauseAFileCameIntoAnotherOne) {
+    start();
+    folders_ = {"/mnt/disk", downloads};
+    notices_.cannotSave(PeerKey("a phone with a folder of its own"));
+    const std::vector<std::string> trouble{"Orlinth cannot receive / Files cannot be saved in /mnt/disk. Check that it "
+                                           "can be written to, and that the disk is not full."};
+    EXPECT_EQ(screen(), trouble);
+    deliver("a.jpg");
+    passAndForward(1s);
+    EXPECT_EQ(screen().front(), trouble.front());
+    EXPECT_THAT(screen(), SizeIs(2));
+}
+
+TEST_F(DesktopNoticesTest, TroubleWithAFolderIsOverOnceNobodysFilesGoThere) {
+    start();
+    folders_ = {"/mnt/disk", downloads};
+    notices_.cannotSaveIn("/mnt/disk");
+    world_.run(live_->set("clipboard", false));
+    pass(1s);
+    EXPECT_THAT(screen(), SizeIs(1)) << "some other setting";
+    folders_ = {downloads};
+    world_.run(live_->set("clipboard", true));
+    pass(1s);
+    EXPECT_THAT(screen(), IsEmpty());
+    notices_.cannotSaveIn(downloads);
+    EXPECT_THAT(screen(), SizeIs(1));
 }
 
 TEST_F(DesktopNoticesTest, APortThatIsGoneIsToldOfUntilItIsBack) {
