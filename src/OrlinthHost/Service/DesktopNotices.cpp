@@ -44,11 +44,16 @@ void DesktopNotices::fileReceived(const Receiver::File& file) {
     incoming_.fileReceived(file);
 }
 
-void DesktopNotices::textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text) {
+DesktopNotices::KeptText DesktopNotices::keptText() const {
+    return api_ != nullptr ? api_->lastText().get() : nullptr;
+}
+
+void DesktopNotices::textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text,
+                                  KeptText kept) {
     if (isStopped_ || api_ == nullptr) {
         return;
     }
-    newText_ = Text{.peerKey = peerKey, .phone = phone, .what = std::move(text)};
+    newText_ = Text{.peerKey = peerKey, .phone = phone, .what = std::move(text), .kept = std::move(kept)};
     wantLook();
 }
 
@@ -226,20 +231,21 @@ void DesktopNotices::showText(const Text& text, bool isQuiet) {
     });
 }
 
-/// The text itself is not kept here, and by now another one may have come.
+/// The text itself is not kept here. If another one has come by now, a click that was meant for this one does nothing.
 void DesktopNotices::onTextKey(const Text& text, std::uint64_t number, const NotificationAnswer& answer) {
     if (answer.key == platform::Notification::clickKey) {
         desktop_.raiseWindow(answer.token);
         return;
     }
-    std::optional<std::string> last = lastText();
-    if (!last) {
+    const std::shared_ptr<const LastText::Text> kept = text.kept.lock();
+    if (kept == nullptr || kept != keptText().lock()) {
         return;
     }
-    if (answer.key == notices::openLinkKey && hostOfLink(*last) == text.what.linkHost) {
-        desktop_.openLink(addressOfLink(*last), answer.token);
+    std::string content = toText(kept->bytes.reveal());
+    if (answer.key == notices::openLinkKey && text.what.linkHost) {
+        desktop_.openLink(addressOfLink(content), answer.token);
     } else if (answer.key == notices::copyKey) {
-        desktop_.copy(std::move(*last), [this, weak = std::weak_ptr(life_), text, number](bool isThere) {
+        desktop_.copy(std::move(content), [this, weak = std::weak_ptr(life_), text, number](bool isThere) {
             if (weak.lock() && !isStopped_ && number == lastTextNumber_) {
                 Text now = text;
                 now.what.isOnClipboard = isThere;
@@ -295,11 +301,6 @@ void DesktopNotices::dropBatch(const BatchId& batch, const PeerKey& peerKey) {
     } catch (const Error& error) {
         log("cannot drop what was not sent: " + describe(error));
     }
-}
-
-std::optional<std::string> DesktopNotices::lastText() {
-    const std::shared_ptr<const LastText::Text> text = api_ != nullptr ? api_->lastText().get() : nullptr;
-    return text ? std::optional(toText(text->bytes.reveal())) : std::nullopt;
 }
 
 void DesktopNotices::log(const std::string& text) const noexcept {

@@ -4,6 +4,7 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/DesktopActions.h"
 #include "OrlinthHost/Service/IncomingNotices.h"
+#include "OrlinthHost/Service/LastText.h"
 #include "OrlinthHost/Service/NoticeBoard.h"
 #include "OrlinthHost/Service/NoticeRequests.h"
 #include "OrlinthHost/Service/NoticeSlot.h"
@@ -58,8 +59,13 @@ public:
     // ---- what has happened
 
     void fileReceived(const Receiver::File& file);
-    /// To be told once it is known whether the text got onto the clipboard.
-    void textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text);
+    /// A text, which may be gone some time; null if it is not kept.
+    using KeptText = std::weak_ptr<const LastText::Text>;
+    /// The text that has come last.
+    [[nodiscard]] KeptText keptText() const;
+    /// Call this once it is known whether the text is on the clipboard. `kept` is what keptText() was when it came: by
+    /// now another one may have come.
+    void textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text, KeptText kept);
     /// A phone says that it has removed this computer.
     void unpaired(const Receiver::Unpair& unpair);
     /// A file that came from this phone could not be saved in the folder for it. Told until a file is saved there, or
@@ -82,13 +88,13 @@ private:
         PeerKey peerKey = {};
         std::string phone = {};
         notices::TextNotice what = {};
+        KeptText kept = {};
     };
 
     void wantLook();
     void cancelTransfer(TransferNumber number) override;
     void retryBatch(const BatchId& batch, const PeerKey& peerKey) override;
     void dropBatch(const BatchId& batch, const PeerKey& peerKey) override;
-    [[nodiscard]] std::optional<std::string> lastText() override;
 
     [[nodiscard]] Task<> watch();
     [[nodiscard]] std::optional<Seconds> look();

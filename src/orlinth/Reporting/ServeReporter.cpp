@@ -318,14 +318,15 @@ void ServeReporter::notifyOfText(const Receiver::Clipboard& clipboard) {
     host::notices::TextNotice text{.characters = charactersOf(clipboard.text),
                                    .isKept = bytes > 0 && bytes <= host::LastText::maxBytes,
                                    .linkHost = host::hostOfLink(clipboard.text)};
+    const host::DesktopNotices::KeptText kept = notices_.keptText();
     if (!writesClipboard()) {
-        notices_.textReceived(clipboard.peerKey, clipboard.from, std::move(text));
+        notices_.textReceived(clipboard.peerKey, clipboard.from, std::move(text), kept);
         return;
     }
     desktop_.copy(clipboard.text, [&notices = notices_, peerKey = clipboard.peerKey, from = clipboard.from,
-                                   text = std::move(text)](bool isThere) mutable {
+                                   text = std::move(text), kept](bool isThere) mutable {
         text.isOnClipboard = isThere;
-        notices.textReceived(peerKey, from, std::move(text));
+        notices.textReceived(peerKey, from, std::move(text), kept);
     });
 }
 

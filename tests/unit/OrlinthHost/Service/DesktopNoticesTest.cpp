@@ -41,8 +41,15 @@ protected:
                               {.characters = text.size(),
                                .isOnClipboard = isOnClipboard,
                                .isKept = true,
-                               .linkHost = std::move(linkHost)});
+                               .linkHost = std::move(linkHost)},
+                              notices_.keptText());
         pass(300ms);
+    }
+    /// Another text has come, of which the desktop does not know yet.
+    void comeUnseen(const std::string& text) {
+        const auto from = phone();
+        world_.run(from->send(Row::clipboard(text, "text/plain")));
+        settle();
     }
     void press(const std::string& key, const std::string& token = "") {
         world_.notifications.answer(shown().size() - 1, key, token);
@@ -187,6 +194,21 @@ TEST_F(DesktopNoticesTest, ATextIsToldOfWithWhereItIsAndWithoutWhatItSays) {
     EXPECT_THAT(screen(), ElementsAre("Text from Pixel-8 / 1 character, on the clipboard"));
 }
 
+TEST_F(DesktopNoticesTest, ATextIsCopiedOnlyWhileItIsTheLastOne) {
+    start();
+    come("correct horse", false);
+    comeUnseen("battery staple");
+    press("copy");
+    EXPECT_THAT(desktop_.take(), IsEmpty()) << "it would be another text";
+    come("one", false);
+    const auto kept = notices_.keptText();
+    comeUnseen("two");
+    notices_.textReceived(world_.phoneRecord().peer_pubkey, "Pixel-8", {.characters = 3, .isKept = true}, kept);
+    pass(2s);
+    press("copy");
+    EXPECT_THAT(desktop_.take(), IsEmpty()) << "the other one came before the first was announced";
+}
+
 TEST_F(DesktopNoticesTest, ALinkIsOpenedOnlyWhileItIsTheLastText) {
     start();
     come("https://example.org/a?token=b", true, "example.org");
@@ -196,9 +218,7 @@ TEST_F(DesktopNoticesTest, ALinkIsOpenedOnlyWhileItIsTheLastText) {
     EXPECT_THAT(desktop_.take(), ElementsAre("link https://example.org/a?token=b with token-1"));
     pass(2s);
     come("https://example.org/a", true, "example.org");
-    const auto from = phone(); // another text, of which the desktop does not know yet
-    world_.run(from->send(Row::clipboard("https://other.example/", "text/plain")));
-    settle();
+    comeUnseen("https://example.org/another");
     press("open-link");
     EXPECT_THAT(desktop_.take(), IsEmpty());
 }
