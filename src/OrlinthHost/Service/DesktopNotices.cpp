@@ -125,12 +125,15 @@ Task<> DesktopNotices::finish() {
 Task<> DesktopNotices::watch() {
     std::uint64_t seen = 0;
     std::optional<Seconds> next;
-    for (;;) {
-        const auto isNew = [this, &seen] { return hasNews_ || api_->version() != seen; };
+    while (!isStopped_) { // which may be while this is about to go on, and then there is no service to look at
+        const auto isNew = [this, &seen] { return isStopped_ || hasNews_ || api_->version() != seen; };
         if (next) {
             static_cast<void>(co_await api_->news().until(isNew, home_.system.clock, *next));
         } else {
             co_await api_->news().until(isNew);
+        }
+        if (isStopped_) {
+            co_return;
         }
         seen = api_->version();
         hasNews_ = false;

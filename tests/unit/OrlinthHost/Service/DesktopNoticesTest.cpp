@@ -322,5 +322,30 @@ TEST_F(DesktopNoticesTest, NothingIsDoneForAClickOnceTheServiceHasEnded) {
     EXPECT_EQ(0U, world_.clock.pendingAlarms());
 }
 
+TEST_F(DesktopNoticesTest, TheEndMayComeAtAnyStepOfALook) {
+    constexpr int manyAlarms = 6;
+    constexpr int manySteps = 8;
+    for (int trial = 0; trial < manyAlarms * manySteps; ++trial) {
+        DesktopNotices notices(NoticeBoard(home_, nullptr, {}), desktop_, {});
+        settings_.faces = {&notices};
+        start();
+        Receiver::File file{.file = {}, .from = "Pixel-8", .peerKey = world_.phoneRecord().peer_pubkey};
+        file.file.savedAt = downloads / "a.jpg";
+        notices.fileReceived(file);
+        pass(IncomingNotices::burstTime + 900ms); // soon there is another look, as no more files can join it
+        for (int alarm = 0; alarm < trial / manySteps; ++alarm) {
+            ASSERT_TRUE(world_.clock.advanceToNextAlarm());
+            settle();
+        }
+        ASSERT_TRUE(world_.clock.advanceToNextAlarm());
+        world_.context.restart();
+        for (int step = 0; step < trial % manySteps; ++step) {
+            world_.context.poll_one();
+        }
+        notices.stop();
+        stop();
+    }
+}
+
 } // namespace
 } // namespace orlinth::host
