@@ -89,9 +89,7 @@ void DesktopNotices::wantLook() {
 Task<> DesktopNotices::start(ServiceApi& api) {
     api_ = &api;
     phonesSeen_ = api.phonesVersion();
-    for (const PhoneView& phone : api.phones()) {
-        paired_.emplace(phone.presence.peerKey, phone.pairedAt);
-    }
+    learnPhones();
     tasks_.add(watch(), [this](const std::exception_ptr& error) {
         try {
             if (error) {
@@ -156,21 +154,36 @@ std::optional<Seconds> DesktopNotices::look() {
 }
 
 void DesktopNotices::lookAtPhones() {
-    if (std::exchange(phonesSeen_, api_->phonesVersion()) == phonesSeen_) {
-        return;
+    if (std::exchange(phonesSeen_, api_->phonesVersion()) != phonesSeen_) {
+        learnPhones();
     }
+}
+
+/// Those that were there before are not told of.
+void DesktopNotices::learnPhones() {
     const std::vector<PhoneView> phones = api_->phones();
-    if (phones.empty()) {
+    if (phones.empty() && (paired_ || !isNobodyPaired())) {
         return; // they may be unreadable just now
     }
-    const std::map<PeerKey, EpochMilliseconds> before = std::exchange(paired_, {});
+    const auto before = std::exchange(paired_, std::map<PeerKey, EpochMilliseconds>());
     for (const PhoneView& phone : phones) {
         const PeerKey& peerKey = phone.presence.peerKey;
-        paired_.emplace(peerKey, phone.pairedAt);
-        if (const auto known = before.find(peerKey); known == before.end() || known->second != phone.pairedAt) {
+        paired_->emplace(peerKey, phone.pairedAt);
+        if (!before) {
+            continue;
+        }
+        if (const auto known = before->find(peerKey); known == before->end() || known->second != phone.pairedAt) {
             NoticeSlot slot(board_);
             showPlain(slot, notices::paired(phoneForDisplay(home_, phone.name, peerKey)));
         }
+    }
+}
+
+bool DesktopNotices::isNobodyPaired() const {
+    try {
+        return home_.peers().loadBook().peers.empty();
+    } catch (const PeerStoreError&) {
+        return false; // nobody knows
     }
 }
 

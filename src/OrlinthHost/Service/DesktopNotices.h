@@ -99,6 +99,8 @@ private:
     [[nodiscard]] Task<> watch();
     [[nodiscard]] std::optional<Seconds> look();
     void lookAtPhones();
+    void learnPhones();
+    [[nodiscard]] bool isNobodyPaired() const;
     void lookAtFolder();
     void endFolderTrouble();
     void lookAtPort(std::optional<Seconds>& next);
@@ -117,8 +119,9 @@ private:
     bool hasNews_ = false;
     IncomingNotices incoming_;
     OutgoingNotices outgoing_;
-    std::map<PeerKey, EpochMilliseconds> paired_; ///< the phones, and since when
-    std::uint64_t phonesSeen_ = 0;                ///< their version
+    /// The phones, and since when; nothing before it could be found out which there were before.
+    std::optional<std::map<PeerKey, EpochMilliseconds>> paired_;
+    std::uint64_t phonesSeen_ = 0; ///< their version
     NoticeSlot port_;
     std::optional<Instant> portMissingSince_;
     NoticeSlot folder_;

@@ -242,6 +242,32 @@ TEST_F(DesktopNoticesTest, PhonesThatComeAndGo) {
     EXPECT_THAT(desktop_.take(), ElementsAre("raise with token-1"));
 }
 
+TEST_F(DesktopNoticesTest, TheFirstPhoneIsNewsAndThoseThatCouldNotBeReadAtTheStartAreNot) {
+    pair({});
+    start();
+    pair({world_.phoneRecord()});
+    pass(5s);
+    EXPECT_THAT(screen(), ElementsAre("Pixel-8 is paired / "));
+    stop();
+    world_.files.put(container / "peers.json", "{");
+    DesktopNotices notices(NoticeBoard(home_, nullptr, {}), desktop_, {});
+    settings_.faces = {&notices};
+    start();
+    pass(5s);
+    PeerRecord tablet = world_.phoneRecord();
+    tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    tablet.peer_hostname = "Tablet";
+    world_.files.remove(container / "peers.json");
+    pair({world_.phoneRecord()});
+    pass(120s);
+    EXPECT_THAT(shown(), SizeIs(1)) << "it was there before";
+    pair({world_.phoneRecord(), tablet});
+    pass(120s);
+    EXPECT_EQ(last().title, "Tablet is paired");
+    EXPECT_THAT(shown(), SizeIs(2));
+    stop();
+}
+
 TEST_F(DesktopNoticesTest, AFolderThatCannotBeWrittenToIsToldOfOnceUntilAFileCame) {
     start();
     notices_.cannotSave(world_.phoneRecord().peer_pubkey);
