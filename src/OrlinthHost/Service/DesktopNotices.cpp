@@ -113,6 +113,7 @@ void DesktopNotices::stop() {
     folder_.close();
     textSlot_.close(); // its buttons would do nothing
     api_ = nullptr;
+    life_.reset(); // what stays on the desktop does nothing any more
 }
 
 Task<> DesktopNotices::finish() {

@@ -131,7 +131,7 @@ private:
     std::map<PeerKey, Instant> textAt_; ///< when the last one of a phone was shown
     std::uint64_t lastTextNumber_ = 0;
     bool isStopped_ = false;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< the desktop may answer when this is gone
+    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< until stop(); the desktop may answer later
     platform::TaskGroup tasks_;
 };
 

@@ -342,9 +342,17 @@ TEST_F(DesktopNoticesTest, NothingIsDoneForAClickOnceTheServiceHasEnded) {
     start();
     deliver("a.jpg");
     passAndForward(1s);
+    notices_.unpaired({.from = "Pixel-8", .peerKey = world_.phoneRecord().peer_pubkey, .isForgotten = true});
     come("x", false);
     stop();
-    EXPECT_THAT(screen(), ElementsAre("a.jpg from Pixel-8 / 16 bytes in Downloads")) << "the text is forgotten";
+    EXPECT_THAT(screen(),
+                ElementsAre("a.jpg from Pixel-8 / 16 bytes in Downloads", "Pixel-8 has removed this computer / "))
+        << "the text is forgotten";
+    for (const std::size_t i : world_.notifications.there()) {
+        world_.notifications.answer(i, "default");
+    }
+    settle();
+    EXPECT_THAT(desktop_.take(), IsEmpty());
     EXPECT_EQ(0U, world_.clock.pendingAlarms());
 }
 
