@@ -434,8 +434,9 @@ TEST_F(ReceiveTransfer, RefusesAPartialThatAnotherReceiverIsWriting) {
         co_await phone->send(offer("a.txt"));
         EXPECT_TRUE(co_await phone->seesTheEnd());
     }(world));
-    EXPECT_EQ(world.failure<ReceiveError>(receive()).description(),
-              "file write failed: another receiver is writing a.txt.partial");
+    const ReceiveError error = world.failure<ReceiveError>(receive());
+    EXPECT_EQ(error.description(), "file write failed: another receiver is writing a.txt.partial");
+    EXPECT_EQ(error.which(), ReceiveError::Case::fileNotTaken);
 }
 
 TEST_F(ReceiveTransfer, DoesNotWriteThroughALinkInThePartialsPlace) {
@@ -598,6 +599,7 @@ TEST(ReceiveErrorTexts, AreTheFixedOnes) {
     EXPECT_EQ(ReceiveError::noiseHandshakeFailed("x").description(), "noise handshake failed: x");
     EXPECT_EQ(ReceiveError::protocolViolation("x").description(), "protocol violation: x");
     EXPECT_EQ(ReceiveError::fileWriteFailed("x").description(), "file write failed: x");
+    EXPECT_EQ(ReceiveError::fileNotTaken("x").description(), "file write failed: x");
     EXPECT_EQ(ReceiveError::timedOut().description(), "timed out");
     EXPECT_EQ(ReceiveError::noConnection().description(), "no connection arrived");
     EXPECT_EQ(ReceiveError::unauthorizedPeer().description(), "remote pubkey \u2260 paired peer");

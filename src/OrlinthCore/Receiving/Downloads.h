@@ -56,8 +56,8 @@ public:
     };
     /// Begins a file in its turn (IncomingFile::begin()), in a folder that is made if it is missing. What an earlier
     /// attempt has left in another folder is not looked for: it stays there.
-    /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed;
-    /// Cancelled
+    /// @throws ReceiveError::protocolViolation for an offer that makes no sense; ReceiveError::fileWriteFailed,
+    /// ReceiveError::fileNotTaken; Cancelled
     [[nodiscard]] Task<Beginning> beginUnlessRefused(PeerKey peerKey, TransportMessage::FileOffer offer,
                                                      platform::Clock::Instant offeredAt,
                                                      std::optional<DownloadPlace> place = std::nullopt);
@@ -65,12 +65,13 @@ public:
     [[nodiscard]] Task<IncomingFile> begin(PeerKey peerKey, TransportMessage::FileOffer offer,
                                            platform::Clock::Instant offeredAt);
     /// What has come of it (IncomingFile::append()). `file` and `data` outlive the task.
-    /// @throws ReceiveError::fileWriteFailed, ReceiveError::protocolViolation; Cancelled
+    /// @throws ReceiveError::fileWriteFailed, ReceiveError::fileNotTaken, ReceiveError::protocolViolation; Cancelled
     [[nodiscard]] Task<> append(IncomingFile& file, ByteView data);
     /// Leaves what has come for a resume (IncomingFile::close()). `file` outlives the task.
     [[nodiscard]] Task<> close(IncomingFile& file);
     /// Ends a file in its turn (IncomingFile::finish()), if its folder is still where it was. `file` outlives the task.
-    /// @throws ReceiveError::fileWriteFailed; Cancelled, and then partial file and sidecar stay
+    /// @throws ReceiveError::fileWriteFailed, ReceiveError::fileNotTaken; Cancelled, and then partial file and sidecar
+    /// stay
     [[nodiscard]] Task<ReceivedFile> finish(IncomingFile& file, std::string remoteEndpoint);
 
 private:

@@ -128,7 +128,7 @@ Task<FolderTurn> FolderTurns::take(platform::FileStatus folder) {
         }
     }
     if (!isLocked) {
-        throw ReceiveError::fileWriteFailed("another program holds the lock " + lockFile(folder).native());
+        throw ReceiveError::fileNotTaken("another program holds the lock " + lockFile(folder).native());
     }
     co_return FolderTurn(std::move(pass), std::move(lock));
 }

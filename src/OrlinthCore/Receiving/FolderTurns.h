@@ -39,7 +39,8 @@ public:
     ~FolderTurns();
 
     /// Waits for its turn in the folder that this is a look at.
-    /// @throws ReceiveError::fileWriteFailed if it does not come in time, or the lock cannot be used; Cancelled
+    /// @throws ReceiveError::fileNotTaken if it does not come in time; ReceiveError::fileWriteFailed if the lock cannot
+    /// be used; Cancelled
     [[nodiscard]] Task<FolderTurn> take(platform::FileStatus folder);
     /// The lock's file.
     [[nodiscard]] platform::Path lockFile(const platform::FileStatus& folder) const;

@@ -66,7 +66,7 @@ std::unique_ptr<platform::File> openPartial(platform::Folder& folder, CollisionR
         throw;
     }
     if (!file->tryLock()) {
-        throw ReceiveError::fileWriteFailed("another receiver is writing " + target.partial.text());
+        throw ReceiveError::fileNotTaken("another receiver is writing " + target.partial.text());
     }
     // Until the lock was ours, its holder may have added to the file, or finished it and moved it away; and whoever
     // else may write in the folder may have put another one there.
@@ -246,7 +246,7 @@ void IncomingFile::requireRoomFor(std::int64_t bytes) {
     using Reason = DownloadRefusal::Reason;
     const std::int64_t size = bytesWritten_ + bytes;
     if (limits_.maxFileBytes > 0 && size > limits_.maxFileBytes) {
-        throw ReceiveError::fileWriteFailed(DownloadRefusal{Reason::tooLarge, limits_.maxFileBytes}.description());
+        throw ReceiveError::fileNotTaken(DownloadRefusal{Reason::tooLarge, limits_.maxFileBytes}.description());
     }
     if (bytes == 0 || !isTimeToLook(size)) {
         return;

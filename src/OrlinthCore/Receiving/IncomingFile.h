@@ -52,7 +52,7 @@ public:
 
     /// Chooses the target, opens or makes the partial file and writes its sidecar, in one turn. `peerKey` is that of
     /// who offers; `offeredAt` is when the offer came, which may be long ago if a person was asked.
-    /// @throws ReceiveError::fileWriteFailed
+    /// @throws ReceiveError::fileWriteFailed; ReceiveError::fileNotTaken if somebody else writes the partial file
     [[nodiscard]] static IncomingFile begin(const Place& place, std::unique_ptr<platform::Folder> folder,
                                             const FolderTurn& turn, PeerKey peerKey,
                                             const TransportMessage::FileOffer& offer,
@@ -79,7 +79,8 @@ public:
     /// The file that an earlier connection has delivered under this offer's id; null if there is none.
     [[nodiscard]] const DeliveredTransfers::Delivery* delivered() const noexcept;
 
-    /// @throws ReceiveError::fileWriteFailed; ReceiveError::protocolViolation for data of a file that is here already
+    /// @throws ReceiveError::fileWriteFailed; ReceiveError::fileNotTaken for more data than may come;
+    /// ReceiveError::protocolViolation for data of a file that is here already
     void append(ByteView data);
     /// Whether append() of so many bytes would do more than hand them to the system: ask for the disk's room, start
     /// write-back, flush the sidecar.

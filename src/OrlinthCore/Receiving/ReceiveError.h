@@ -12,7 +12,8 @@ public:
         wire,
         noiseHandshakeFailed,
         protocolViolation,
-        fileWriteFailed,
+        fileWriteFailed, ///< the disk or the folder does not take the file
+        fileNotTaken,    ///< the folder is as it should be, and this file still cannot be written there; told the same
         timedOut,
         noConnection,
         unauthorizedPeer
@@ -30,6 +31,9 @@ public:
     }
     [[nodiscard]] static ReceiveError fileWriteFailed(const std::string& text) {
         return {Case::fileWriteFailed, "file write failed: ", text};
+    }
+    [[nodiscard]] static ReceiveError fileNotTaken(const std::string& text) {
+        return {Case::fileNotTaken, "file write failed: ", text};
     }
     [[nodiscard]] static ReceiveError timedOut() { return {Case::timedOut, "timed out"}; }
     [[nodiscard]] static ReceiveError noConnection() { return {Case::noConnection, "no connection arrived"}; }

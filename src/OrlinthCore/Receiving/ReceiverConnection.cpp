@@ -299,7 +299,7 @@ private:
         }
         file_.emplace(std::move(*beginning.file));
         if (mustBeHere && file_->delivered() == nullptr) {
-            throw ReceiveError::fileWriteFailed("the file that was delivered has changed just now");
+            throw ReceiveError::fileNotTaken("the file that was delivered has changed just now");
         }
         transfer_.accept(file_->resumeOffset(), approvedSize_); // what is here may be of a larger offer
         place_->beginTransfer();

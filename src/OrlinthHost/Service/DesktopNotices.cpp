@@ -6,16 +6,28 @@
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "platform/Cancelled.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <utility>
 
 namespace orlinth::host {
 
 using platform::NotificationAnswer;
 
-DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop)
+namespace {
+
+/// By which folders can be compared.
+platform::Path plainPath(const platform::Path& path) {
+    return std::filesystem::absolute(path).lexically_normal();
+}
+
+} // namespace
+
+DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop, Folders folders)
     : board_(std::move(board)),
       home_(board_.home()),
       desktop_(desktop),
+      folders_(std::move(folders)),
       incoming_(board_, desktop, *this, [this] { wantLook(); }),
       outgoing_(board_, desktop, *this, [this] { wantLook(); }),
       port_(board_),
@@ -26,15 +38,22 @@ DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop)
 // What has happened
 
 void DesktopNotices::fileReceived(const Receiver::File& file) {
-    folder_.close();
+    if (plainPath(file.file.savedAt).parent_path() == troubledFolder_) {
+        endFolderTrouble();
+    }
     incoming_.fileReceived(file);
 }
 
-void DesktopNotices::textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text) {
+DesktopNotices::KeptText DesktopNotices::keptText() const {
+    return api_ != nullptr ? api_->lastText().get() : nullptr;
+}
+
+void DesktopNotices::textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text,
+                                  KeptText kept) {
     if (isStopped_ || api_ == nullptr) {
         return;
     }
-    newText_ = Text{.peerKey = peerKey, .phone = phone, .what = std::move(text)};
+    newText_ = Text{.peerKey = peerKey, .phone = phone, .what = std::move(text), .kept = std::move(kept)};
     wantLook();
 }
 
@@ -43,8 +62,17 @@ void DesktopNotices::unpaired(const Receiver::Unpair& unpair) {
     showPlain(slot, notices::unpaired(phoneForDisplay(home_, unpair.from, unpair.peerKey), unpair.isForgotten));
 }
 
-void DesktopNotices::cannotSave(const platform::Path& folder) {
-    if (!isStopped_ && !folder_.isShown() && !folder_.isDismissed()) {
+void DesktopNotices::cannotSave(const PeerKey& from) {
+    if (folders_.of) {
+        cannotSaveIn(folders_.of(from));
+    }
+}
+
+void DesktopNotices::cannotSaveIn(const platform::Path& folder) {
+    const platform::Path troubled = plainPath(folder);
+    const bool isDismissed = folder_.isDismissed() && troubled == troubledFolder_;
+    if (!isStopped_ && !folder_.isShown() && !isDismissed) {
+        troubledFolder_ = troubled;
         showPlain(folder_, notices::folderTrouble(folder));
     }
 }
@@ -61,9 +89,7 @@ void DesktopNotices::wantLook() {
 Task<> DesktopNotices::start(ServiceApi& api) {
     api_ = &api;
     phonesSeen_ = api.phonesVersion();
-    for (const PhoneView& phone : api.phones()) {
-        paired_.emplace(phone.presence.peerKey, phone.pairedAt);
-    }
+    learnPhones();
     tasks_.add(watch(), [this](const std::exception_ptr& error) {
         try {
             if (error) {
@@ -87,6 +113,7 @@ void DesktopNotices::stop() {
     folder_.close();
     textSlot_.close(); // its buttons would do nothing
     api_ = nullptr;
+    life_.reset(); // what stays on the desktop does nothing any more
 }
 
 Task<> DesktopNotices::finish() {
@@ -97,12 +124,15 @@ Task<> DesktopNotices::finish() {
 Task<> DesktopNotices::watch() {
     std::uint64_t seen = 0;
     std::optional<Seconds> next;
-    for (;;) {
-        const auto isNew = [this, &seen] { return hasNews_ || api_->version() != seen; };
+    while (!isStopped_) { // which may be while this is about to go on, and then there is no service to look at
+        const auto isNew = [this, &seen] { return isStopped_ || hasNews_ || api_->version() != seen; };
         if (next) {
             static_cast<void>(co_await api_->news().until(isNew, home_.system.clock, *next));
         } else {
             co_await api_->news().until(isNew);
+        }
+        if (isStopped_) {
+            co_return;
         }
         seen = api_->version();
         hasNews_ = false;
@@ -118,28 +148,60 @@ std::optional<Seconds> DesktopNotices::look() {
         bringForward(next, *outgoing);
     }
     lookAtPhones();
+    lookAtFolder();
     lookAtPort(next);
     lookAtText(next);
     return next;
 }
 
 void DesktopNotices::lookAtPhones() {
-    if (std::exchange(phonesSeen_, api_->phonesVersion()) == phonesSeen_) {
-        return;
+    if (std::exchange(phonesSeen_, api_->phonesVersion()) != phonesSeen_) {
+        learnPhones();
     }
+}
+
+/// Those that were there before are not told of.
+void DesktopNotices::learnPhones() {
     const std::vector<PhoneView> phones = api_->phones();
-    if (phones.empty()) {
+    if (phones.empty() && (paired_ || !isNobodyPaired())) {
         return; // they may be unreadable just now
     }
-    const std::map<PeerKey, EpochMilliseconds> before = std::exchange(paired_, {});
+    const auto before = std::exchange(paired_, std::map<PeerKey, EpochMilliseconds>());
     for (const PhoneView& phone : phones) {
         const PeerKey& peerKey = phone.presence.peerKey;
-        paired_.emplace(peerKey, phone.pairedAt);
-        if (const auto known = before.find(peerKey); known == before.end() || known->second != phone.pairedAt) {
+        paired_->emplace(peerKey, phone.pairedAt);
+        if (!before) {
+            continue;
+        }
+        if (const auto known = before->find(peerKey); known == before->end() || known->second != phone.pairedAt) {
             NoticeSlot slot(board_);
             showPlain(slot, notices::paired(phoneForDisplay(home_, phone.name, peerKey)));
         }
     }
+}
+
+bool DesktopNotices::isNobodyPaired() const {
+    try {
+        return home_.peers().loadBook().peers.empty();
+    } catch (const PeerStoreError&) {
+        return false; // nobody knows
+    }
+}
+
+/// Somebody may have chosen another one.
+void DesktopNotices::lookAtFolder() {
+    if (troubledFolder_.empty() || !folders_.chosen) {
+        return;
+    }
+    const std::vector<platform::Path> chosen = folders_.chosen();
+    if (std::ranges::find(chosen, troubledFolder_, plainPath) == chosen.end()) {
+        endFolderTrouble();
+    }
+}
+
+void DesktopNotices::endFolderTrouble() {
+    folder_.close();
+    troubledFolder_.clear();
 }
 
 void DesktopNotices::lookAtPort(std::optional<Seconds>& next) {
@@ -186,20 +248,21 @@ void DesktopNotices::showText(const Text& text, bool isQuiet) {
     });
 }
 
-/// The text itself is not kept here, and by now another one may have come.
+/// The text itself is not kept here. If another one has come by now, a click that was meant for this one does nothing.
 void DesktopNotices::onTextKey(const Text& text, std::uint64_t number, const NotificationAnswer& answer) {
     if (answer.key == platform::Notification::clickKey) {
         desktop_.raiseWindow(answer.token);
         return;
     }
-    std::optional<std::string> last = lastText();
-    if (!last) {
+    const std::shared_ptr<const LastText::Text> kept = text.kept.lock();
+    if (kept == nullptr || kept != keptText().lock()) {
         return;
     }
-    if (answer.key == notices::openLinkKey && hostOfLink(*last) == text.what.linkHost) {
-        desktop_.openLink(addressOfLink(*last), answer.token);
+    std::string content = toText(kept->bytes.reveal());
+    if (answer.key == notices::openLinkKey && text.what.linkHost) {
+        desktop_.openLink(addressOfLink(content), answer.token);
     } else if (answer.key == notices::copyKey) {
-        desktop_.copy(std::move(*last), [this, weak = std::weak_ptr(life_), text, number](bool isThere) {
+        desktop_.copy(std::move(content), [this, weak = std::weak_ptr(life_), text, number](bool isThere) {
             if (weak.lock() && !isStopped_ && number == lastTextNumber_) {
                 Text now = text;
                 now.what.isOnClipboard = isThere;
@@ -255,11 +318,6 @@ void DesktopNotices::dropBatch(const BatchId& batch, const PeerKey& peerKey) {
     } catch (const Error& error) {
         log("cannot drop what was not sent: " + describe(error));
     }
-}
-
-std::optional<std::string> DesktopNotices::lastText() {
-    const std::shared_ptr<const LastText::Text> text = api_ != nullptr ? api_->lastText().get() : nullptr;
-    return text ? std::optional(toText(text->bytes.reveal())) : std::nullopt;
 }
 
 void DesktopNotices::log(const std::string& text) const noexcept {

@@ -4,6 +4,7 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/DesktopActions.h"
 #include "OrlinthHost/Service/IncomingNotices.h"
+#include "OrlinthHost/Service/LastText.h"
 #include "OrlinthHost/Service/NoticeBoard.h"
 #include "OrlinthHost/Service/NoticeRequests.h"
 #include "OrlinthHost/Service/NoticeSlot.h"
@@ -14,6 +15,7 @@
 #include "platform/TaskGroup.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -43,20 +45,34 @@ public:
     /// A port that comes back sooner was no trouble.
     static constexpr Seconds troubleDelay = 3s;
 
+    /// Where received files go just now; asked each time.
+    struct Folders {
+        std::function<platform::Path(const PeerKey&)> of = {};    ///< for the files of this phone; empty: nobody knows
+        std::function<std::vector<platform::Path>()> chosen = {}; ///< for any phone; empty: nobody knows
+    };
+
     /// What is referred to outlives this.
-    DesktopNotices(NoticeBoard board, DesktopActions& desktop);
+    DesktopNotices(NoticeBoard board, DesktopActions& desktop, Folders folders);
     DesktopNotices(const DesktopNotices&) = delete;
     DesktopNotices& operator=(const DesktopNotices&) = delete;
 
     // ---- what has happened
 
     void fileReceived(const Receiver::File& file);
-    /// To be told once it is known whether the text got onto the clipboard.
-    void textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text);
+    /// A text, which may be gone some time; null if it is not kept.
+    using KeptText = std::weak_ptr<const LastText::Text>;
+    /// The text that has come last.
+    [[nodiscard]] KeptText keptText() const;
+    /// Call this once it is known whether the text is on the clipboard. `kept` is what keptText() was when it came: by
+    /// now another one may have come.
+    void textReceived(const PeerKey& peerKey, const std::string& phone, notices::TextNotice text, KeptText kept);
     /// A phone says that it has removed this computer.
     void unpaired(const Receiver::Unpair& unpair);
-    /// A file that came could not be saved in this folder.
-    void cannotSave(const platform::Path& folder);
+    /// A file that came from this phone could not be saved in the folder for it. Told until a file is saved there, or
+    /// nobody's files go there any more.
+    void cannotSave(const PeerKey& from);
+    /// The same of a folder that no file has come for yet.
+    void cannotSaveIn(const platform::Path& folder);
     [[nodiscard]] OutgoingNotices& outgoing() noexcept { return outgoing_; }
 
     // ---- as a face
@@ -72,17 +88,21 @@ private:
         PeerKey peerKey = {};
         std::string phone = {};
         notices::TextNotice what = {};
+        KeptText kept = {};
     };
 
     void wantLook();
     void cancelTransfer(TransferNumber number) override;
     void retryBatch(const BatchId& batch, const PeerKey& peerKey) override;
     void dropBatch(const BatchId& batch, const PeerKey& peerKey) override;
-    [[nodiscard]] std::optional<std::string> lastText() override;
 
     [[nodiscard]] Task<> watch();
     [[nodiscard]] std::optional<Seconds> look();
     void lookAtPhones();
+    void learnPhones();
+    [[nodiscard]] bool isNobodyPaired() const;
+    void lookAtFolder();
+    void endFolderTrouble();
     void lookAtPort(std::optional<Seconds>& next);
     void lookAtText(std::optional<Seconds>& next);
     void showText(const Text& text, bool isQuiet);
@@ -94,21 +114,24 @@ private:
     const NoticeBoard board_;
     Home& home_;
     DesktopActions& desktop_;
+    const Folders folders_;
     ServiceApi* api_ = nullptr; ///< between start() and stop()
     bool hasNews_ = false;
     IncomingNotices incoming_;
     OutgoingNotices outgoing_;
-    std::map<PeerKey, EpochMilliseconds> paired_; ///< the phones, and since when
-    std::uint64_t phonesSeen_ = 0;                ///< their version
+    /// The phones, and since when; nothing before it could be found out which there were before.
+    std::optional<std::map<PeerKey, EpochMilliseconds>> paired_;
+    std::uint64_t phonesSeen_ = 0; ///< their version
     NoticeSlot port_;
     std::optional<Instant> portMissingSince_;
     NoticeSlot folder_;
+    platform::Path troubledFolder_; ///< that `folder_` is about, absolute; "" if there is no trouble
     NoticeSlot textSlot_;
     std::optional<Text> newText_;
     std::map<PeerKey, Instant> textAt_; ///< when the last one of a phone was shown
     std::uint64_t lastTextNumber_ = 0;
     bool isStopped_ = false;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< the desktop may answer when this is gone
+    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< until stop(); the desktop may answer later
     platform::TaskGroup tasks_;
 };
 

@@ -60,6 +60,7 @@ void IncomingNotices::stop() {
     underWay_.clear();
     isStopped_ = true;
     tasks_.cancelAll();
+    life_.reset(); // what stays on the desktop does nothing any more
 }
 
 /// A file takes the place of the notification of its own progress, unless it joins others.

@@ -101,7 +101,7 @@ private:
     std::map<TransferNumber, UnderWay> underWay_;
     std::map<PeerKey, Burst> bursts_;
     platform::TaskGroup tasks_;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< the desktop may answer when this is gone
+    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< until stop(); the desktop may answer later
     bool isStopped_ = false;
 };
 

@@ -3,9 +3,6 @@
 #include "OrlinthHost/Service/TransferList.h"
 #include "base/StrongText.h"
 
-#include <optional>
-#include <string>
-
 namespace orlinth::host {
 
 /// What the buttons of notifications ask of the service. Each may be asked for what is not there any more, and again.
@@ -18,8 +15,6 @@ public:
     virtual void retryBatch(const BatchId& batch, const PeerKey& peerKey) = 0;
     /// Takes back what this phone has not got of a batch.
     virtual void dropBatch(const BatchId& batch, const PeerKey& peerKey) = 0;
-    /// The text that came last; nothing if it was not kept, or is forgotten.
-    [[nodiscard]] virtual std::optional<std::string> lastText() = 0;
 };
 
 } // namespace orlinth::host

@@ -15,9 +15,11 @@ void NoticeSlot::show(platform::Notification notification, OnKey onKey) {
     }
     notification.tag = state_->tag;
     const bool isResident = notification.isResident;
-    auto onAnswer = [weak = std::weak_ptr(state_), isResident,
+    auto onAnswer = [weak = std::weak_ptr(state_), show = ++state_->shows, isResident,
                      onKey = std::move(onKey)](const platform::NotificationAnswer& answer) {
-        if (const std::shared_ptr<State> state = weak.lock(); state && (answer.key.empty() || !isResident)) {
+        const std::shared_ptr<State> state = weak.lock();
+        const bool isLast = state && state->shows == show; // else it was on its way when something else was shown
+        if (isLast && (answer.key.empty() || !isResident)) {
             state->isThere = false;
         }
         if (!answer.key.empty() && onKey) {

@@ -36,6 +36,7 @@ private:
     struct State {
         std::uint64_t tag = 0;
         bool isThere = true;
+        std::uint64_t shows = 0; ///< how often something was shown
     };
 
     NoticeBoard board_;

@@ -224,6 +224,7 @@ void OutgoingNotices::stop() {
         }
     }
     batches_.clear();
+    life_.reset(); // what stays on the desktop does nothing any more
 }
 
 } // namespace orlinth::host

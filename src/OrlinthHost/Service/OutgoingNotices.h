@@ -96,7 +96,7 @@ private:
     NoticeRequests& requests_;
     const std::function<void()> onNews_;
     std::map<Key, Batch> batches_;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< the desktop may answer when this is gone
+    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< until stop(); the desktop may answer later
     bool isStopped_ = false;
 };
 

@@ -276,7 +276,7 @@ void Service::requireWritable(const platform::Path& folder) const {
             throw;
         }
         live_.keepProblem(folder, error.description());
-        events_.folderUnusable(error.description());
+        events_.folderUnusable(folder, error.description());
     }
 }
 

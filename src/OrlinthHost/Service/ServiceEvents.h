@@ -31,9 +31,9 @@ public:
     /// neither.
     [[nodiscard]] virtual Task<> finish() = 0;
 
-    /// A folder for received files that was chosen while the service ran cannot be written: it does its work without,
-    /// and whatever is to go there fails.
-    virtual void folderUnusable(const std::string& problem) = 0;
+    /// This folder for received files, which was chosen while the service ran, cannot be written: it does its work
+    /// without, and whatever is to go there fails.
+    virtual void folderUnusable(const platform::Path& folder, const std::string& problem) = 0;
 
     // ---- those who connect
 

@@ -156,7 +156,7 @@ private:
         ServiceDesktop desktop(host);
         platform::LinuxJobViews jobs(host.tasks.executor(), environmentVariable);
         host::DesktopNotices notices(host::NoticeBoard(host, &jobs, [&live] { return live.showsNotifications(); }),
-                                     desktop);
+                                     desktop, foldersOf(live));
         ServeReporter reporter(host, desktop, notices, choices(live));
         OutboxReporter outboxReporter(host, notices.outgoing());
         host::ServiceSettings settings = settingsForService();
@@ -180,9 +180,13 @@ private:
         static_cast<void>(host.tasks.run(serveUntilCancelled(service)));
     }
 
+    [[nodiscard]] static host::DesktopNotices::Folders foldersOf(const host::LiveSettings& live) {
+        return {.of = [&live](const PeerKey& peerKey) { return live.receptionOf(peerKey).place.folder; },
+                .chosen = [&live] { return live.folders(); }};
+    }
+
     [[nodiscard]] ServeReporter::Choices choices(const host::LiveSettings& live) const {
         return {.writesClipboard = [&live] { return live.writesClipboard(); },
-                .downloads = [&live] { return live.downloads(); },
                 .port = portOption_->count() > 0 ? std::optional(port_) : std::nullopt,
                 .choosesPlaces = !places_.empty()};
     }

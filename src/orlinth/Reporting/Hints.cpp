@@ -237,6 +237,7 @@ std::string hintForReceiving(const std::exception& error, const std::string& fro
     case ReceiveError::Case::noiseHandshakeFailed:
         return "Whoever connected did not complete the greeting. Nothing was received.";
     case ReceiveError::Case::fileWriteFailed:
+    case ReceiveError::Case::fileNotTaken:
         return "What has arrived is kept. Free some space in " + folder.string() +
                ", or make it writable for this account; then receive again.";
     default:
@@ -301,7 +302,7 @@ std::string hintForConnection(const Host& host, const Receiver::Failure& failure
     } catch (const PeerStoreError& error) {
         return who + " " + hintForPeerStore(error, host.peers());
     } catch (const ReceiveError& error) {
-        if (error.which() == ReceiveError::Case::fileWriteFailed) {
+        if (error.which() == ReceiveError::Case::fileWriteFailed || error.which() == ReceiveError::Case::fileNotTaken) {
             return who + " With room and permission in the folder it can send the file again.";
         }
         return who;

@@ -94,8 +94,8 @@ void tellDeclined(Output& output, const Receiver::Declined& declined) {
                       : "declined " + forDisplay(declined.name) + " from " + from + becauseOf(declined.refusal));
 }
 
-/// Whether what was received could not be written.
-bool isOfTheDisk(const std::exception_ptr& error) {
+/// Whether what was received could not be written, whatever file it was.
+bool isOfTheFolder(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
     } catch (const ReceiveError& failure) {
@@ -147,9 +147,10 @@ void ServeReporter::phonesKnown(std::size_t pairedPhones) {
     }
 }
 
-void ServeReporter::folderUnusable(const std::string& problem) {
+void ServeReporter::folderUnusable(const platform::Path& folder, const std::string& problem) {
     host_.output.failure(problem,
                          "Files that go there fail until the folder is writable, or until you choose another one.");
+    notices_.cannotSaveIn(folder);
 }
 
 void ServeReporter::listening(std::uint16_t port, std::size_t pairedPhones) {
@@ -238,8 +239,8 @@ void ServeReporter::settled(const Receiver::ProcessOutcome& outcome) {
 }
 
 void ServeReporter::connectionFailed(const Receiver::Failure& failure) {
-    if (isOfTheDisk(failure.error)) {
-        notices_.cannotSave(choices_.downloads ? choices_.downloads() : platform::Path());
+    if (isOfTheFolder(failure.error)) {
+        notices_.cannotSave(failure.peerKey);
     }
     const bool isTold = failure.from.empty() ? strangers_.admits() : admitsLine(failure.peerKey, failure.from);
     if (!isTold) {
@@ -317,14 +318,15 @@ void ServeReporter::notifyOfText(const Receiver::Clipboard& clipboard) {
     host::notices::TextNotice text{.characters = charactersOf(clipboard.text),
                                    .isKept = bytes > 0 && bytes <= host::LastText::maxBytes,
                                    .linkHost = host::hostOfLink(clipboard.text)};
+    const host::DesktopNotices::KeptText kept = notices_.keptText();
     if (!writesClipboard()) {
-        notices_.textReceived(clipboard.peerKey, clipboard.from, std::move(text));
+        notices_.textReceived(clipboard.peerKey, clipboard.from, std::move(text), kept);
         return;
     }
     desktop_.copy(clipboard.text, [&notices = notices_, peerKey = clipboard.peerKey, from = clipboard.from,
-                                   text = std::move(text)](bool isThere) mutable {
+                                   text = std::move(text), kept](bool isThere) mutable {
         text.isOnClipboard = isThere;
-        notices.textReceived(peerKey, from, std::move(text));
+        notices.textReceived(peerKey, from, std::move(text), kept);
     });
 }
 

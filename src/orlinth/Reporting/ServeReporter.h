@@ -20,11 +20,10 @@ namespace orlinth::cli {
 /// wants to hear, and tells the notifications of the desktop. On the thread of `main`.
 class ServeReporter final : public host::ServiceEvents {
 public:
-    /// What the person has chosen. What may change is asked each time; empty: yes, and no folder.
+    /// What the person has chosen.
     struct Choices {
-        std::function<bool()> writesClipboard = {};
-        std::function<platform::Path()> downloads = {}; ///< where files go
-        std::optional<std::uint16_t> port = {};         ///< on the command line or in the settings
+        std::function<bool()> writesClipboard = {}; ///< asked each time; empty: yes
+        std::optional<std::uint16_t> port = {};     ///< on the command line or in the settings
         bool choosesPlaces = false;
     };
 
@@ -35,7 +34,7 @@ public:
 
     void portInherited(std::uint16_t port) override;
     void phonesKnown(std::size_t pairedPhones) override;
-    void folderUnusable(const std::string& problem) override;
+    void folderUnusable(const platform::Path& folder, const std::string& problem) override;
     void listening(std::uint16_t port, std::size_t pairedPhones) override;
     void stopping() override;
     [[nodiscard]] Task<> finish() override;

@@ -82,6 +82,7 @@ TEST_F(DownloadsTest, TakeNoFileThatIsTooLarge) {
         ADD_FAILURE() << "an offer that lied";
     } catch (const ReceiveError& error) {
         EXPECT_EQ(error.description(), "file write failed: the file is larger than 10 bytes");
+        EXPECT_EQ(error.which(), ReceiveError::Case::fileNotTaken);
     }
     EXPECT_EQ(world.files.content(folder / "a.txt.partial"), "0123456789");
 }

@@ -377,6 +377,7 @@ TEST_F(IncomingFiles, WaitForAnotherProcessAsLongAsIsReasonable) {
         ADD_FAILURE() << "no error";
     } catch (const ReceiveError& error) {
         EXPECT_EQ(error.description(), "file write failed: another program holds the lock " + lock.native());
+        EXPECT_EQ(error.which(), ReceiveError::Case::fileNotTaken) << "nothing is wrong with the folder";
     }
     EXPECT_NEAR(world.clock.elapsed() - start, FolderTurns::patience.count(), 0.1);
 }

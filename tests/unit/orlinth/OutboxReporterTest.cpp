@@ -65,7 +65,7 @@ protected:
     Output output_;
     Host host_{world_.system, tasks_, output_};
     ServiceDesktop desktop_{host_};
-    host::DesktopNotices notices_{host::NoticeBoard(host_, nullptr, {}), desktop_};
+    host::DesktopNotices notices_{host::NoticeBoard(host_, nullptr, {}), desktop_, {}};
     OutboxReporter reporter_{host_, notices_.outgoing()};
 };
 

@@ -34,7 +34,10 @@ protected:
     Output output_;
     Host host_{world_.system, tasks_, output_};
     ServiceDesktop desktop_{host_};
-    host::DesktopNotices notices_{host::NoticeBoard(host_, nullptr, {}), desktop_};
+    const PeerKey tablet_{"tablet"};
+    host::DesktopNotices notices_{host::NoticeBoard(host_, nullptr, {}), desktop_, {.of = [this](const PeerKey& phone) {
+                                      return platform::Path(phone == tablet_ ? "/srv/tablet" : "/srv/rest");
+                                  }}};
     ServeReporter reporter_{host_, desktop_, notices_, {}};
 };
 
@@ -109,6 +112,30 @@ Receiver::Failure failureOf(const std::string& phone) {
             .remoteEndpoint = "192.168.1.7:1",
             .from = "Pixel",
             .peerKey = PeerKey(phone)};
+}
+
+TEST_F(ServeReporterTest, ShowsTheFolderOfThePhoneWhoseFileCannotBeSaved) {
+    const auto shownAfter = [this](ReceiveError error, const PeerKey& phone) {
+        world_.notifications.shown.clear();
+        Receiver::Failure failure = failureOf(phone.text());
+        failure.error = std::make_exception_ptr(std::move(error));
+        static_cast<void>(linesOf([&] { reporter_.connectionFailed(failure); }));
+        return world_.notifications.shown.empty() ? "" : world_.notifications.shown.front().notification.body;
+    };
+    EXPECT_EQ("", shownAfter(ReceiveError::wire("broken"), tablet_));
+    EXPECT_EQ("", shownAfter(ReceiveError::fileNotTaken("another receiver is writing a.txt.partial"), tablet_))
+        << "nothing is wrong with the folder";
+    EXPECT_EQ("Files cannot be saved in /srv/tablet. Check that it can be written to, and that the disk is not full.",
+              shownAfter(ReceiveError::fileWriteFailed("No space left on device"), tablet_));
+}
+
+TEST_F(ServeReporterTest, ShowsAFolderThatCannotBeWrittenAtTheStart) {
+    EXPECT_EQ((std::vector<std::string>{
+                  "orlinth: cannot write to /srv/old",
+                  "Files that go there fail until the folder is writable, or until you choose another one."}),
+              linesOf([this] { reporter_.folderUnusable("/srv/old", "cannot write to /srv/old"); }));
+    ASSERT_EQ(1U, world_.notifications.shown.size());
+    EXPECT_TRUE(world_.notifications.shown[0].notification.body.starts_with("Files cannot be saved in /srv/old."));
 }
 
 TEST_F(ServeReporterTest, OnePhoneGetsSomeLinesAMinuteAndThenTheirNumber) {

@@ -41,8 +41,15 @@ protected:
                               {.characters = text.size(),
                                .isOnClipboard = isOnClipboard,
                                .isKept = true,
-                               .linkHost = std::move(linkHost)});
+                               .linkHost = std::move(linkHost)},
+                              notices_.keptText());
         pass(300ms);
+    }
+    /// Another text has come, of which the desktop does not know yet.
+    void comeUnseen(const std::string& text) {
+        const auto from = phone();
+        world_.run(from->send(Row::clipboard(text, "text/plain")));
+        settle();
     }
     void press(const std::string& key, const std::string& token = "") {
         world_.notifications.answer(shown().size() - 1, key, token);
@@ -60,7 +67,11 @@ protected:
 
     RecordingDesktop desktop_;
     bool isOn_ = true;
-    DesktopNotices notices_{NoticeBoard(home_, nullptr, [this] { return isOn_; }), desktop_};
+    std::vector<platform::Path> folders_{downloads};
+    DesktopNotices notices_{
+        NoticeBoard(home_, nullptr, [this] { return isOn_; }),
+        desktop_,
+        {.of = [this](const PeerKey&) { return folders_.front(); }, .chosen = [this] { return folders_; }}};
     std::size_t files_ = 0; ///< that were forwarded
 };
 
@@ -183,6 +194,21 @@ TEST_F(DesktopNoticesTest, ATextIsToldOfWithWhereItIsAndWithoutWhatItSays) {
     EXPECT_THAT(screen(), ElementsAre("Text from Pixel-8 / 1 character, on the clipboard"));
 }
 
+TEST_F(DesktopNoticesTest, ATextIsCopiedOnlyWhileItIsTheLastOne) {
+    start();
+    come("correct horse", false);
+    comeUnseen("battery staple");
+    press("copy");
+    EXPECT_THAT(desktop_.take(), IsEmpty()) << "it would be another text";
+    come("one", false);
+    const auto kept = notices_.keptText();
+    comeUnseen("two");
+    notices_.textReceived(world_.phoneRecord().peer_pubkey, "Pixel-8", {.characters = 3, .isKept = true}, kept);
+    pass(2s);
+    press("copy");
+    EXPECT_THAT(desktop_.take(), IsEmpty()) << "the other one came before the first was announced";
+}
+
 TEST_F(DesktopNoticesTest, ALinkIsOpenedOnlyWhileItIsTheLastText) {
     start();
     come("https://example.org/a?token=b", true, "example.org");
@@ -192,9 +218,7 @@ TEST_F(DesktopNoticesTest, ALinkIsOpenedOnlyWhileItIsTheLastText) {
     EXPECT_THAT(desktop_.take(), ElementsAre("link https://example.org/a?token=b with token-1"));
     pass(2s);
     come("https://example.org/a", true, "example.org");
-    const auto from = phone(); // another text, of which the desktop does not know yet
-    world_.run(from->send(Row::clipboard("https://other.example/", "text/plain")));
-    settle();
+    comeUnseen("https://example.org/another");
     press("open-link");
     EXPECT_THAT(desktop_.take(), IsEmpty());
 }
@@ -218,23 +242,77 @@ TEST_F(DesktopNoticesTest, PhonesThatComeAndGo) {
     EXPECT_THAT(desktop_.take(), ElementsAre("raise with token-1"));
 }
 
+TEST_F(DesktopNoticesTest, TheFirstPhoneIsNewsAndThoseThatCouldNotBeReadAtTheStartAreNot) {
+    pair({});
+    start();
+    pair({world_.phoneRecord()});
+    pass(5s);
+    EXPECT_THAT(screen(), ElementsAre("Pixel-8 is paired / "));
+    stop();
+    world_.files.put(container / "peers.json", "{");
+    DesktopNotices notices(NoticeBoard(home_, nullptr, {}), desktop_, {});
+    settings_.faces = {&notices};
+    start();
+    pass(5s);
+    PeerRecord tablet = world_.phoneRecord();
+    tablet.peer_pubkey = platform::PrivateKey::generate().publicKey().peerKey();
+    tablet.peer_hostname = "Tablet";
+    world_.files.remove(container / "peers.json");
+    pair({world_.phoneRecord()});
+    pass(120s);
+    EXPECT_THAT(shown(), SizeIs(1)) << "it was there before";
+    pair({world_.phoneRecord(), tablet});
+    pass(120s);
+    EXPECT_EQ(last().title, "Tablet is paired");
+    EXPECT_THAT(shown(), SizeIs(2));
+    stop();
+}
+
 TEST_F(DesktopNoticesTest, AFolderThatCannotBeWrittenToIsToldOfOnceUntilAFileCame) {
     start();
-    notices_.cannotSave(downloads);
-    notices_.cannotSave(downloads);
+    notices_.cannotSave(world_.phoneRecord().peer_pubkey);
+    notices_.cannotSave(world_.phoneRecord().peer_pubkey);
     EXPECT_THAT(screen(),
                 ElementsAre("Orlinth cannot receive / Files cannot be saved in /home/ann/Downloads. Check that "
                             "it can be written to, and that the disk is not full."));
     EXPECT_TRUE(last().isUrgent);
     EXPECT_EQ(last().category, "device.error");
     press("");
-    notices_.cannotSave(downloads);
+    notices_.cannotSave(world_.phoneRecord().peer_pubkey);
     EXPECT_THAT(screen(), IsEmpty());
     deliver("a.jpg");
     passAndForward(1s);
     EXPECT_EQ(1U, screen().size());
-    notices_.cannotSave(downloads);
+    notices_.cannotSave(world_.phoneRecord().peer_pubkey);
     EXPECT_EQ(2U, screen().size());
+}
+
+TEST_F(DesktopNoticesTest, TroubleWithAFolderIsNotOverBecauseAFileCameIntoAnotherOne) {
+    start();
+    folders_ = {"/mnt/disk", downloads};
+    notices_.cannotSave(PeerKey("a phone with a folder of its own"));
+    const std::vector<std::string> trouble{"Orlinth cannot receive / Files cannot be saved in /mnt/disk. Check that it "
+                                           "can be written to, and that the disk is not full."};
+    EXPECT_EQ(screen(), trouble);
+    deliver("a.jpg");
+    passAndForward(1s);
+    EXPECT_EQ(screen().front(), trouble.front());
+    EXPECT_THAT(screen(), SizeIs(2));
+}
+
+TEST_F(DesktopNoticesTest, TroubleWithAFolderIsOverOnceNobodysFilesGoThere) {
+    start();
+    folders_ = {"/mnt/disk", downloads};
+    notices_.cannotSaveIn("/mnt/disk");
+    world_.run(live_->set("clipboard", false));
+    pass(1s);
+    EXPECT_THAT(screen(), SizeIs(1)) << "some other setting";
+    folders_ = {downloads};
+    world_.run(live_->set("clipboard", true));
+    pass(1s);
+    EXPECT_THAT(screen(), IsEmpty());
+    notices_.cannotSaveIn(downloads);
+    EXPECT_THAT(screen(), SizeIs(1));
 }
 
 TEST_F(DesktopNoticesTest, APortThatIsGoneIsToldOfUntilItIsBack) {
@@ -264,10 +342,43 @@ TEST_F(DesktopNoticesTest, NothingIsDoneForAClickOnceTheServiceHasEnded) {
     start();
     deliver("a.jpg");
     passAndForward(1s);
+    notices_.unpaired({.from = "Pixel-8", .peerKey = world_.phoneRecord().peer_pubkey, .isForgotten = true});
     come("x", false);
     stop();
-    EXPECT_THAT(screen(), ElementsAre("a.jpg from Pixel-8 / 16 bytes in Downloads")) << "the text is forgotten";
+    EXPECT_THAT(screen(),
+                ElementsAre("a.jpg from Pixel-8 / 16 bytes in Downloads", "Pixel-8 has removed this computer / "))
+        << "the text is forgotten";
+    for (const std::size_t i : world_.notifications.there()) {
+        world_.notifications.answer(i, "default");
+    }
+    settle();
+    EXPECT_THAT(desktop_.take(), IsEmpty());
     EXPECT_EQ(0U, world_.clock.pendingAlarms());
+}
+
+TEST_F(DesktopNoticesTest, TheEndMayComeAtAnyStepOfALook) {
+    constexpr int manyAlarms = 6;
+    constexpr int manySteps = 8;
+    for (int trial = 0; trial < manyAlarms * manySteps; ++trial) {
+        DesktopNotices notices(NoticeBoard(home_, nullptr, {}), desktop_, {});
+        settings_.faces = {&notices};
+        start();
+        Receiver::File file{.file = {}, .from = "Pixel-8", .peerKey = world_.phoneRecord().peer_pubkey};
+        file.file.savedAt = downloads / "a.jpg";
+        notices.fileReceived(file);
+        pass(IncomingNotices::burstTime + 900ms); // soon there is another look, as no more files can join it
+        for (int alarm = 0; alarm < trial / manySteps; ++alarm) {
+            ASSERT_TRUE(world_.clock.advanceToNextAlarm());
+            settle();
+        }
+        ASSERT_TRUE(world_.clock.advanceToNextAlarm());
+        world_.context.restart();
+        for (int step = 0; step < trial % manySteps; ++step) {
+            world_.context.poll_one();
+        }
+        notices.stop();
+        stop();
+    }
 }
 
 } // namespace

@@ -317,6 +317,8 @@ TEST_F(IncomingNoticesTest, AtTheEndProgressGoesAndWhatHasComeIsToldAtOnce) {
     notices_.stop();
     EXPECT_THAT(screen(), ElementsAre("a.jpg from Pixel / 1 byte in Downloads"));
     EXPECT_EQ(last().actions, (Actions{{"show", "Show in folder"}})) << "nobody has looked what it is";
+    press("show");
+    EXPECT_THAT(desktop_.take(), IsEmpty()) << "nobody is there to do it";
 }
 
 TEST_F(IncomingNoticesTest, WithoutADesktopNothingComesOfIt) {

@@ -69,5 +69,16 @@ TEST_F(NoticeSlotTest, TakesAwayWhatIsThereIfNobodyWantsNotificationsAnyMore) {
     EXPECT_THAT(screen(), ElementsAre("c"));
 }
 
+TEST_F(NoticeSlotTest, TheAnswerToWhatWasThereBeforeIsNoneToWhatIsThereNow) {
+    show("a");
+    world_.notifications.answer(0, "key");
+    show("b"); // before the answer has come
+    settle();
+    EXPECT_THAT(pressed_, ElementsAre("key"));
+    EXPECT_TRUE(slot_.isShown());
+    slot_.close();
+    EXPECT_THAT(screen(), IsEmpty());
+}
+
 } // namespace
 } // namespace orlinth::host

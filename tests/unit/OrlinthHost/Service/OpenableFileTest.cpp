@@ -18,8 +18,9 @@ TEST(OpenableFile, APictureMayBeOpenedAndAProgramMayNot) {
         files.put(folder / name, "content");
         EXPECT_TRUE(mayBeOpened(files, folder / name)) << name;
     }
-    for (const char* name : {"a.desktop", "A.DESKTOP", "game.jar", "run.sh", "x.py", "setup.exe", "x.AppImage", "a.deb",
-                             "link.url", "b.desktop ", "macro.js", "x.service"}) {
+    for (const char* name :
+         {"a.desktop", "A.DESKTOP", "game.jar", "run.sh", "x.py", "setup.exe", "x.AppImage", "a.deb", "link.url",
+          "b.desktop ", "macro.js", "x.service", "x.kdelnk", "a.udeb", "x.perl", "x.jsm"}) {
         files.put(folder / name, "content");
         EXPECT_FALSE(mayBeOpened(files, folder / name)) << name;
     }
@@ -32,7 +33,9 @@ TEST(OpenableFile, NoNameHidesWhatAFileBeginsWith) {
           std::string("\x7F"
                       "ELF\x02\x01"),
           std::string("MZ\x90"), std::string("[Desktop Entry]\nExec=sh"), std::string("\n# a\n[Desktop Entry]\n"),
-          std::string("\xEF\xBB\xBF#!/bin/sh")}) {
+          std::string("\xEF\xBB\xBF#!/bin/sh"), std::string("!<arch>\ndebian-binary"),
+          std::string("\xED\xAB\xEE\xDB\x03"), std::string("[KDE Desktop Entry]\nExec=sh"),
+          std::string("[Desktop Action New]\nExec=sh")}) {
         files.put(folder / "a.jpg", beginning);
         EXPECT_FALSE(mayBeOpened(files, folder / "a.jpg")) << beginning;
     }

@@ -276,5 +276,16 @@ TEST_F(OutgoingNoticesTest, AtTheEndNothingStaysThatIsNotTrueAnyMore) {
     EXPECT_THAT(screen(), IsEmpty());
 }
 
+TEST_F(OutgoingNoticesTest, NothingIsDoneForAClickOnceItHasStopped) {
+    batches_ = {batch(State::sending)};
+    look();
+    fail("b.iso", Why::declined);
+    pass(1s);
+    notices_.stop();
+    EXPECT_EQ(1U, screen().size());
+    press("retry");
+    EXPECT_THAT(requests_.all, IsEmpty());
+}
+
 } // namespace
 } // namespace orlinth::host

@@ -4,7 +4,6 @@
 #include "OrlinthHost/Service/NoticeRequests.h"
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -45,7 +44,6 @@ private:
 class RecordingRequests final : public NoticeRequests {
 public:
     std::vector<std::string> all;
-    std::optional<std::string> text;
 
     void cancelTransfer(TransferNumber number) override {
         all.push_back("cancel " + std::to_string(static_cast<std::uint64_t>(number)));
@@ -56,7 +54,6 @@ public:
     void dropBatch(const BatchId& batch, const PeerKey& peerKey) override {
         all.push_back("drop " + batch.text() + " for " + peerKey.text());
     }
-    [[nodiscard]] std::optional<std::string> lastText() override { return text; }
 };
 
 } // namespace orlinth::host

@@ -35,7 +35,9 @@ public:
 
     void portInherited(std::uint16_t port) override { tell("inherited " + std::to_string(port)); }
     void phonesKnown(std::size_t phones) override { tell("known " + std::to_string(phones)); }
-    void folderUnusable(const std::string& problem) override { tell("unusable: " + problem); }
+    void folderUnusable(const platform::Path& /*folder*/, const std::string& problem) override {
+        tell("unusable: " + problem);
+    }
     void listening(std::uint16_t port, std::size_t phones) override {
         tell("listening " + std::to_string(port) + ", phones " + std::to_string(phones));
     }
