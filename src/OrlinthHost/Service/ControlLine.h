@@ -37,7 +37,8 @@ template <typename T>
 }
 
 /// The next line, without its end, and not a byte further: a socket may follow. What is referred to outlives the call.
-/// @throws HostError if it is longer than `most` bytes, or comes too late; ConnectionEnded, also in the middle of a line;
+/// @throws HostError if it is longer than `most` bytes, or comes too late; ConnectionEnded, also in the middle of a
+/// line;
 ///         SystemError
 [[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit,
                                                 std::size_t most = maxControlLine);

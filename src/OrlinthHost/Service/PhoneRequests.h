@@ -44,8 +44,9 @@ public:
     /// @throws NoSuchPhone; HostError if it has no push token; FcmWake::Error; platform::HttpError; PeerStoreError
     [[nodiscard]] Task<> wake(PeerKey phone);
     /// Sends the text to the clipboards of these phones, side by side, or to that of the default phone; returns when
-    /// each of them has had it. A phone that is named several times gets it once. @throws NoSuchPhone before anything is sent; HostError for what is no text, or, with
-    /// their names, if some phones have not got it; SendError and others if the only one has not; PeerStoreError
+    /// each of them has had it. A phone that is named several times gets it once. @throws NoSuchPhone before anything
+    /// is sent; HostError for what is no text, or, with their names, if some phones have not got it; SendError and
+    /// others if the only one has not; PeerStoreError
     [[nodiscard]] Task<> sendText(SecretBytes text, std::vector<PeerKey> phones);
 
     /// Whether one of these is under way. A removed phone that is still to be notified does not count.

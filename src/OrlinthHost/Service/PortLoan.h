@@ -42,11 +42,12 @@ public:
     /// @throws platform::Cancelled
     [[nodiscard]] Task<> lend(platform::Stream& stream, std::uint16_t number);
 
-    /// Takes the port away from the receiver, for a pairing in this process, and reports that it is lent. Not while it is
-    /// lent. However it ends, giveBack() follows. @throws platform::Cancelled, platform::SystemError, Receiver::Error
+    /// Takes the port away from the receiver, for a pairing in this process, and reports that it is lent. Not while it
+    /// is lent. However it ends, giveBack() follows. @throws platform::Cancelled, platform::SystemError,
+    /// Receiver::Error
     [[nodiscard]] Task<std::unique_ptr<platform::Listener>> take(std::uint16_t number);
-    /// Lets the receiver have the port again, which the pairing has closed by now, and returns when it has. Reports that
-    /// it is back if take() has reported that it is lent. @throws platform::Cancelled
+    /// Lets the receiver have the port again, which the pairing has closed by now, and returns when it has. Reports
+    /// that it is back if take() has reported that it is lent. @throws platform::Cancelled
     [[nodiscard]] Task<> giveBack();
 
 private:

@@ -129,8 +129,8 @@ public:
     /// @throws HostError if nobody would start it again
     void restart();
     [[nodiscard]] bool canRestart() const noexcept { return onRestart != nullptr; }
-    /// Whether a file is on its way, is being shared or waited for, a phone gets what somebody has asked for, or a pairing
-    /// is under way, up to the answer whether the codes are the same.
+    /// Whether a file is on its way, is being shared or waited for, a phone gets what somebody has asked for, or a
+    /// pairing is under way, up to the answer whether the codes are the same.
     [[nodiscard]] bool isBusy() const;
     /// A number that grows whenever any of that begins.
     [[nodiscard]] std::uint64_t workBegun() const noexcept { return workBegun_; }

@@ -484,8 +484,7 @@ TEST_F(ServiceControlTest, AServiceThatIsKilledHasEndedForThoseWhoWatchIt) {
             world_.unixSockets.listen(controlPath, world_.context.get_executor());
         bool hasEnded = false;
         world_.alongside(watchUntilItEnds(hasEnded));
-        const std::unique_ptr<platform::Stream> stream =
-            world_.run(listener->accept(world_.context.get_executor()));
+        const std::unique_ptr<platform::Stream> stream = world_.run(listener->accept(world_.context.get_executor()));
         world_.run(write(*stream, "{\"event\":\"current\"}\n{\"event\":\"phone_"));
         settle();
         EXPECT_FALSE(hasEnded);
