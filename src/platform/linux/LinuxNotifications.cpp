@@ -187,12 +187,18 @@ private:
         const bool isOpen =
             loop_.open() && listenFor("ActionInvoked", onActionInvoked) &&
             listenFor("NotificationClosed", onNotificationClosed) && listenFor("ActivationToken", onActivationToken) &&
-            systemd().sd_bus_match_signal_async(loop_.get(), nullptr, busName, busPath, busName, "NameOwnerChanged",
-                                                onOwnerChanged, ignoreBusAnswer, this) >= 0;
+            systemd().sd_bus_add_match_async(loop_.get(), nullptr, daemonsOwnerRule().c_str(), onOwnerChanged,
+                                             ignoreBusAnswer, this) >= 0;
         if (!isOpen) {
             disconnect();
         }
         return isOpen;
+    }
+
+    /// Not for every program that comes to the bus or leaves it: each would wake us up.
+    static std::string daemonsOwnerRule() {
+        return std::string("type='signal',sender='") + busName + "',path='" + busPath + "',interface='" + busName +
+               "',member='NameOwnerChanged',arg0='" + daemonName + "'";
     }
 
     bool listenFor(const char* signal, sd_bus_message_handler_t handler) {
@@ -558,7 +564,7 @@ private:
             return 0;
         }
         const std::string daemon = before;
-        if (name == std::string_view(daemonName) || name == daemon) {
+        if (name == std::string_view(daemonName)) {
             for (Place place = self->waiting_.begin(); place != self->waiting_.end();) {
                 const Place current = place++;
                 if (current->id != 0 && current->daemon == daemon) {
