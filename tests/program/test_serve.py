@@ -343,7 +343,7 @@ class Texts(ServeTest):
             result = self.desk.run("clip", flag)
             self.assertEqual((1, ""), (result.returncode, result.stdout))
             self.assert_one_line_error(result.stderr, "the service does not run, so no text is kept")
-            self.assertEqual("To start it: `systemctl --user enable --now orlinth`", result.stderr.splitlines()[1])
+            self.assertEqual("To start it: `orlinth serve`", result.stderr.splitlines()[1])
         service = self.serve()
         none = self.desk.run("clip", "--last")
         self.assertEqual((1, ""), (none.returncode, none.stdout))

@@ -41,8 +41,7 @@ class Status(OutboxTest):
         result = self.mac.run("status")
         self.assertEqual(1, result.returncode)
         self.assertEqual("", result.stdout)
-        self.assertEqual("orlinth: the service does not run\nTo start it: `systemctl --user enable --now orlinth`\n",
-                         result.stderr)
+        self.assertEqual("orlinth: the service does not run\nTo start it: `orlinth serve`\n", result.stderr)
         self.assertEqual(1, self.mac.run("status", "--watch", "--json").returncode)
         for odd in ("x", "0", "1.5", "9" * 19, ""):
             result = self.mac.run("cancel", odd)
@@ -50,6 +49,9 @@ class Status(OutboxTest):
             self.assertIn(f"'{odd}' is no number of a transfer", result.stderr)
         self.assert_one_line_error(self.mac.run("cancel", "1").stderr,
                                    "the service does not run, so that nothing of it is under way")
+        self.mac.environment.pop("XDG_DATA_HOME")  # the usual folder: its service is known to a service manager
+        self.assertEqual("To start it: `systemctl --user enable --now orlinth`",
+                         self.mac.run("status").stderr.splitlines()[1])
 
     def test_an_idle_service(self):
         service = self.serve(self.mac)

@@ -30,6 +30,11 @@ Task<bool> writeLine(platform::Stream& stream, std::string line) {
     co_return true;
 }
 
+Task<bool> passSecret(platform::UnixSockets& sockets, platform::Stream& stream, ByteView bytes) {
+    co_await sockets.sendSecret(stream, bytes);
+    co_return true;
+}
+
 } // namespace
 
 platform::Path controlSocket(const Home& home) {
@@ -46,6 +51,21 @@ Task<std::string> readControlLine(platform::Stream& stream, std::size_t most) {
 
 Task<> sendControlLine(platform::Stream& stream, platform::Clock& clock, std::string line) {
     co_await withinLimit(clock, controlLineLimit, writeLine(stream, std::move(line)));
+}
+
+Task<> sendControlSecret(platform::Stream& stream, Home& home, ByteView bytes) {
+    co_await withinLimit(home.system.clock, controlLineLimit, passSecret(home.system.unixSockets, stream, bytes));
+}
+
+HostError notDone(const std::string& problem) {
+    return HostError("the running service did not do it: " + problem);
+}
+
+void throwIfRefused(const Json& line) {
+    constexpr const char* refusalKey = "error";
+    if (line.is_object() && line.contains(refusalKey)) {
+        throw notDone(requireString(line, refusalKey));
+    }
 }
 
 } // namespace orlinth::host

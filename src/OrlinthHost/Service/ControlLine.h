@@ -2,6 +2,8 @@
 
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/HostError.h"
+#include "base/Bytes.h"
+#include "base/Json.h"
 #include "base/OneShot.h"
 #include "platform/Deadline.h"
 #include "platform/Network.h"
@@ -48,5 +50,15 @@ template <typename T>
 /// Sends a line, and its end. What is referred to outlives the call.
 /// @throws HostError if the other end does not take it in time; SystemError
 [[nodiscard]] Task<> sendControlLine(platform::Stream& stream, platform::Clock& clock, std::string line);
+
+/// Passes bytes that may be secret, in memory of their own (UnixSockets::sendSecret()), behind a line that says so. What
+/// is referred to outlives the call.
+/// @throws HostError if the other end does not take them in time; SystemError
+[[nodiscard]] Task<> sendControlSecret(platform::Stream& stream, Home& home, ByteView bytes);
+
+/// A request that was not done, as whoever made it reads it.
+[[nodiscard]] HostError notDone(const std::string& problem);
+/// @throws notDone() if this is `{"error":"…"}`; JsonError if that is no text
+void throwIfRefused(const Json& line);
 
 } // namespace orlinth::host

@@ -59,7 +59,7 @@ DeviceInfo deviceAt(const Home& home, const std::string& place, const std::strin
                         "`ip -brief address` lists the interfaces.");
     }
     throw HostError(text + ", not on the interface '" + interface + "'",
-                    "Pair without `--interface`, or let `orlinth serve --listen` name that interface.");
+                    "Pair without choosing an interface, or let `orlinth serve --listen` name that interface.");
 }
 
 PairingPayload payloadFor(const Home& home, const PairingAttempt::Settings& settings, std::uint16_t port) {
@@ -100,9 +100,9 @@ std::string hintForDevice(const DeviceInfoError& error) {
         return "The system cannot list the network interfaces: " +
                describe(platform::SystemError::fromErrno(error.number())) + ". Try again later.";
     case DeviceInfoError::Case::noActiveInterface:
-        return "Is this computer connected? `--interface NAME` takes a certain interface.";
+        return "Is this computer connected?";
     case DeviceInfoError::Case::macNotFound:
-        return "`--interface NAME` takes another interface.";
+        return "Pair on another interface.";
     }
     return {};
 }
@@ -110,7 +110,7 @@ std::string hintForDevice(const DeviceInfoError& error) {
 std::string hintForListener(const PairListener::Error& error) {
     switch (error.which()) {
     case PairListener::Error::Case::listenerStartFailed:
-        return "`--port 0` takes a port that is free.";
+        return "Another program may be using the port. Try again later.";
     case PairListener::Error::Case::timedOut:
         return "No phone has answered. Phone and computer must be in the same network; then pair again.";
     case PairListener::Error::Case::readFailed:

@@ -76,7 +76,8 @@ private:
     PairAdvertiser advertiser_;
 };
 
-/// What a person can do about an error of a pairing; nothing where that is not about the pairing.
+/// What a person can do about an error of a pairing, whatever program shows it: it names no flags of a command. Nothing
+/// where that is not about the pairing.
 [[nodiscard]] std::optional<std::string> hintForPairing(const std::exception& error);
 
 } // namespace orlinth::host

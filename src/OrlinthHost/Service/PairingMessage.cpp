@@ -1,6 +1,7 @@
 #include "OrlinthHost/Service/PairingMessage.h"
 
 #include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Service/ControlLine.h"
 #include "base/Json.h"
 
 #include <array>
@@ -18,7 +19,6 @@ constexpr const char* pairedPhoneKey = "phone";
 constexpr const char* endKey = "expires_epoch_ms";
 constexpr const char* failureKey = "message";
 constexpr const char* hintKey = "hint";
-constexpr const char* refusalKey = "error";
 constexpr const char* confirmKey = "confirm";
 
 PairingView::State pairingStateOf(const std::string& text) {
@@ -67,9 +67,7 @@ std::string encodePairing(const PairingView& pairing) {
 
 PairingView decodePairing(std::string_view line) {
     const Json object = parseJson(line);
-    if (object.is_object() && object.contains(refusalKey)) {
-        throw HostError("the running service did not do it: " + requireString(object, refusalKey));
-    }
+    throwIfRefused(object);
     if (requireString(object, pairingEventKey) != pairingEvent) {
         throw HostError("unknown event");
     }

@@ -9,6 +9,9 @@ namespace orlinth::host {
 
 /// What is said over the control socket while the service pairs for whoever is at its other end: one object of JSON a
 /// line, in both directions. Members that are not named here are nobody's business.
+///
+/// The service encodes pairings and decodes confirmations; decodePairing() and encodeConfirmation() are the other half,
+/// for programs that pair by the socket.
 
 /// `{"event":"pairing","state":"confirming","confirmation_code":"4183","phone":"Pixel 8",
 /// "expires_epoch_ms":1731686400000}`; "digits" while it is announced, "message" and "hint" if it failed. As one line,

@@ -59,10 +59,6 @@ Task<Conversation> converse(Home& home, ControlRequest request) {
     co_return conversation;
 }
 
-HostError notDone(const std::string& problem) {
-    return HostError("the running service did not do it: " + problem);
-}
-
 /// The reply, which must be of this kind; nothing if no service runs.
 template <typename Reply>
 Task<std::optional<Reply>> ask(Home& home, ControlRequest request) {

@@ -1,6 +1,7 @@
 #include "OrlinthHost/Service/ServiceNews.h"
 
 #include "OrlinthHost/HostError.h"
+#include "OrlinthHost/Service/ControlLine.h"
 #include "OrlinthHost/Service/ControlMessage.h"
 #include "base/Json.h"
 #include "base/Overloaded.h"
@@ -15,7 +16,6 @@ namespace orlinth::host {
 namespace {
 
 constexpr const char* eventKey = "event";
-constexpr const char* errorKey = "error";
 constexpr const char* stateKey = "state";
 constexpr const char* portKey = "port";
 constexpr const char* downloadsKey = "downloads";
@@ -317,9 +317,7 @@ std::string encodeServiceNews(const ServiceNews& news) {
 
 ServiceNews decodeServiceNews(std::string_view line) {
     const Json object = parseJson(line);
-    if (object.is_object() && object.contains(errorKey)) {
-        throw HostError("the running service did not do it: " + requireString(object, errorKey));
-    }
+    throwIfRefused(object);
     const std::string event = requireString(object, eventKey);
     if (event == serviceEvent) {
         return serviceIn(object);

@@ -26,12 +26,6 @@ constexpr std::size_t maxConversations = 16;
 /// After the system was short of something.
 constexpr Seconds restInShortage = 100ms;
 
-/// What is referred to outlives the call.
-Task<bool> sendSecret(platform::UnixSockets& sockets, platform::Stream& stream, ByteView bytes) {
-    co_await sockets.sendSecret(stream, bytes);
-    co_return true;
-}
-
 } // namespace
 
 void SocketFace::start(std::uint16_t port) {
@@ -243,8 +237,7 @@ Task<> SocketFace::sendLastText(platform::Stream& stream) {
              : ControlReply(FoundReply{false});
     co_await sendControlLine(stream, home_.system.clock, encodeControlReply(reply));
     if (text) {
-        co_await withinLimit(home_.system.clock, controlLineLimit,
-                             sendSecret(home_.system.unixSockets, stream, text->bytes.reveal()));
+        co_await sendControlSecret(stream, home_, text->bytes.reveal());
     }
 }
 

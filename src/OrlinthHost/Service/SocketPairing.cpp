@@ -8,16 +8,6 @@
 
 namespace orlinth::host {
 
-namespace {
-
-/// What is referred to outlives the call.
-Task<bool> passSecret(platform::UnixSockets& sockets, platform::Stream& stream, ByteView bytes) {
-    co_await sockets.sendSecret(stream, bytes);
-    co_return true;
-}
-
-} // namespace
-
 Task<> SocketPairing::run() {
     using namespace asio::experimental::awaitable_operators;
     const PairingView first = ticket_.view().value_or(PairingView{});
@@ -30,8 +20,7 @@ Task<> SocketPairing::run() {
 
 Task<> SocketPairing::sendCode() {
     const SecretBytes payload = ticket_.payload();
-    co_await withinLimit(home_.system.clock, controlLineLimit,
-                         passSecret(home_.system.unixSockets, stream_, payload.reveal()));
+    co_await sendControlSecret(stream_, home_, payload.reveal());
 }
 
 Task<> SocketPairing::tellChanges(PairingView told) {

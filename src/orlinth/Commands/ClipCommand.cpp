@@ -78,7 +78,6 @@ CLI::Validator mimeValidator() {
 }
 
 constexpr const char* noService = "the service does not run, so no text is kept";
-constexpr const char* serviceHint = "To start it: `systemctl --user enable --now orlinth`";
 
 /// The lines of a text, made fit for a terminal one by one.
 std::string linesForTerminal(std::string_view text) {
@@ -99,7 +98,7 @@ std::string linesForTerminal(std::string_view text) {
 void printLastText(Host& host) {
     const host::LastTextAnswer answer = host.tasks.run(host::askServiceForLastText(host));
     if (!answer.isServiceThere) {
-        throw host::HostError(noService, serviceHint);
+        throw host::HostError(noService, hintToStartService(host));
     }
     if (!answer.text) {
         throw host::HostError("the service has no text",
@@ -121,7 +120,7 @@ void printLastText(Host& host) {
 void forgetLastText(Host& host) {
     const std::optional<bool> isForgotten = host.tasks.run(host::askServiceToForgetText(host));
     if (!isForgotten) {
-        throw host::HostError(noService, serviceHint);
+        throw host::HostError(noService, hintToStartService(host));
     }
     host.output.event("forgotten", {{"found", *isForgotten}});
     host.output.result(*isForgotten ? "forgot the last text" : "there was no text to forget");

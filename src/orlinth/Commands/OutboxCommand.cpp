@@ -190,7 +190,7 @@ private:
         if (meant.empty() && !isAnythingWaiting(store)) {
             host.output.message("Nothing is waiting to be sent.");
         } else {
-            host.output.message(isServiceRunning ? "The service is trying again now." : serviceIsNotRunning);
+            host.output.message(isServiceRunning ? "The service is trying again now." : serviceIsNotRunning(host));
         }
         return 0;
     }

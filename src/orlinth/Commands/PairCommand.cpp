@@ -1,3 +1,4 @@
+#include "OrlinthCore/Pairing/DeviceInfo.h"
 #include "OrlinthCore/Pairing/PairListener.h"
 #include "OrlinthCore/Pairing/QRRenderer.h"
 #include "OrlinthHost/Phones/AddressMemory.h"
@@ -55,9 +56,31 @@ private:
     std::unique_ptr<platform::Timer> timer_;
 };
 
+/// The flag that may help; "" if none does.
+std::string flagFor(const std::exception& error) {
+    if (const auto* device = dynamic_cast<const DeviceInfoError*>(&error)) {
+        switch (device->which()) {
+        case DeviceInfoError::Case::noActiveInterface:
+            return "`--interface NAME` takes a certain interface.";
+        case DeviceInfoError::Case::macNotFound:
+            return "`--interface NAME` takes another interface.";
+        case DeviceInfoError::Case::getifaddrsFailed:
+            return {};
+        }
+    }
+    const auto* listener = dynamic_cast<const PairListener::Error*>(&error);
+    const bool isPortTaken =
+        listener != nullptr && listener->which() == PairListener::Error::Case::listenerStartFailed;
+    return isPortTaken ? "`--port 0` takes a port that is free." : "";
+}
+
 std::string hintFor(const Host& host, const std::exception& error) {
     const std::optional<std::string> hint = host::hintForPairing(error);
-    return hint ? *hint : hintForOwnFiles(host, error);
+    if (!hint) {
+        return hintForOwnFiles(host, error);
+    }
+    const std::string flag = flagFor(error);
+    return flag.empty() ? *hint : *hint + " " + flag;
 }
 
 class PairCommand final : public Command {

@@ -83,7 +83,7 @@ public:
     int run(Host& host) override {
         const bool isRunning = watches_ ? watch(host) : show(host);
         if (!isRunning) {
-            host.output.failure("the service does not run", "To start it: `systemctl --user enable --now orlinth`");
+            host.output.failure("the service does not run", hintToStartService(host));
         }
         return isRunning ? 0 : 1;
     }

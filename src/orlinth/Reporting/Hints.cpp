@@ -282,6 +282,17 @@ std::string hintForServing(const Host& host, const std::exception& error) {
     return hintForOwnFiles(host, error);
 }
 
+std::string hintToStartService(const Host& host) {
+    return host.system.directories.areUsual() ? "To start it: `systemctl --user enable --now orlinth`"
+                                              : "To start it: `orlinth serve`";
+}
+
+std::string serviceIsNotRunning(const Host& host) {
+    const char* const start =
+        host.system.directories.areUsual() ? "systemctl --user start orlinth" : "orlinth serve";
+    return std::string("The Orlinth service is not running. Files will be sent once it starts: `") + start + "`";
+}
+
 std::string hintForOwnFiles(const Host& host, const std::exception& error) {
     if (const auto* store = dynamic_cast<const PeerStoreError*>(&error)) {
         return hintForPeerStore(*store, host.peers());

@@ -28,9 +28,10 @@ namespace orlinth::cli {
 [[nodiscard]] std::string hintForServing(const Host& host, const std::exception& error);
 [[nodiscard]] std::string hintForConnection(const Host& host, const Receiver::Failure& failure);
 
+/// How to start the service of this data folder. A service manager only knows that of the usual one.
+[[nodiscard]] std::string hintToStartService(const Host& host);
 /// Of what waits for a service that does not run.
-inline constexpr const char* serviceIsNotRunning =
-    "The Orlinth service is not running. Files will be sent once it starts: `systemctl --user start orlinth`";
+[[nodiscard]] std::string serviceIsNotRunning(const Host& host);
 
 /// Of the files that every command needs, the store of phones and this computer's key: which file it is, and what to do
 /// about it. "" for any other failure.

@@ -13,8 +13,7 @@ const platform::Path container = "/home/ann/.local/share/group.com.tarvinex.orli
 const std::string first = "0A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9";
 const std::string second = "0B1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9";
 const std::string third = "1A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9";
-const std::string notRunning =
-    "The Orlinth service is not running. Files will be sent once it starts: `systemctl --user start orlinth`";
+const std::string notRunning = "The Orlinth service is not running. Files will be sent once it starts: `orlinth serve`";
 const std::string found = R"({"found":true})";
 const std::string notFound = R"({"found":false})";
 
@@ -144,6 +143,9 @@ TEST_F(OutboxCommandTest, RetriesWithoutAServiceOnceOneRuns) {
 TEST_F(OutboxCommandTest, SaysOfAllThatWaitsThatNoServiceRuns) {
     put(first);
     EXPECT_THAT(outbox({"retry"}).errors, ElementsAre(notRunning));
+    world.system.directories.home = "/home/ann"; // of which the data folder is the usual one
+    EXPECT_THAT(outbox({"retry"}).errors, ElementsAre("The Orlinth service is not running. Files will be sent once it "
+                                                      "starts: `systemctl --user start orlinth`"));
 }
 
 TEST_F(OutboxCommandTest, BringsBackWhatWasSetAside) {

@@ -494,7 +494,7 @@ TEST_F(PairCommandTest, SaysWhereTheServiceCannotBeReached) {
     };
     const std::string needsIpv4 = "Give the service an IPv4 address or an interface with `orlinth serve --listen`.";
     const std::string otherInterface =
-        "Pair without `--interface`, or let `orlinth serve --listen` name that interface.";
+        "Pair without choosing an interface, or let `orlinth serve --listen` name that interface.";
     const std::vector<Case> cases{
         {"wlan0", {"--interface", "enp3s0"}, "wlan0, not on the interface 'enp3s0'", otherInterface},
         {"203.0.113.1", {"--interface", "enp3s0"}, "203.0.113.1, not on the interface 'enp3s0'", otherInterface},

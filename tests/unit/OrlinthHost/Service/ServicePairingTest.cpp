@@ -269,6 +269,18 @@ TEST_F(ServicePairingTest, ThePortIsBackIfItCannotBegin) {
     EXPECT_THROW(world_.run(beginAndForget({})), PeerStoreError);
 }
 
+TEST_F(ServicePairingTest, HintsNameNoFlagsOfACommand) {
+    const DeviceInfoError noInterface = DeviceInfoError::noActiveInterface();
+    EXPECT_EQ("Is this computer connected?", hintForPairing(noInterface));
+    EXPECT_EQ("Pair on another interface.", hintForPairing(DeviceInfoError::macNotFound("enp3s0")));
+    EXPECT_EQ("Another program may be using the port. Try again later.",
+              hintForPairing(PairListener::Error::listenerStartFailed("Address already in use")));
+    settings_.port.places = {"enp3s0"};
+    start();
+    const HostError elsewhere = world_.failure<HostError>(beginAndForget({.interface = "wlan0"}));
+    EXPECT_THAT(elsewhere.hint(), HasSubstr("Pair without choosing an interface"));
+}
+
 TEST_F(ServicePairingTest, EndsWithTheService) {
     for (const bool hasPhone : {false, true}) {
         begin();
