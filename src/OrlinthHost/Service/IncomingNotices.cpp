@@ -137,7 +137,7 @@ void IncomingNotices::endProgress(UnderWay& underWay, TransferNumber number,
     underWay.slot.close();
     const auto transfer = std::ranges::find(transfers, number, &TransferView::number);
     if (transfer != transfers.end() && transfer->state == TransferView::State::failed) {
-        underWay.job.fail("The connection broke. The phone can go on with the file.");
+        underWay.job.fail("The file did not arrive completely.");
     }
     underWay.job.end();
 }

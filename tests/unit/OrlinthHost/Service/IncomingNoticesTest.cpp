@@ -296,7 +296,7 @@ TEST_F(IncomingNoticesTest, AJobThatFailsSaysSoAndOneThatNobodyShowsAnyMoreIsANo
     transfers_[0].endedAt = world_.clock.now();
     jobs_.all[1]->state = platform::JobView::State::refused;
     pass(2s);
-    EXPECT_EQ(jobs_.all[0]->failure, "The connection broke. The phone can go on with the file.");
+    EXPECT_EQ(jobs_.all[0]->failure, "The file did not arrive completely.");
     EXPECT_THAT(screen(), ElementsAre("Receiving other.mov from Pixel / 0 %"));
 }
 
