@@ -3,6 +3,7 @@
 #include "OrlinthHost/Outbox/OutboxStore.h"
 #include "OrlinthHost/Phones/PeerSelection.h"
 #include "OrlinthHost/Service/LinkText.h"
+#include "OrlinthHost/Service/NoticePace.h"
 #include "OrlinthHost/Service/ServiceApi.h"
 #include "platform/Cancelled.h"
 
@@ -28,7 +29,8 @@ DesktopNotices::DesktopNotices(NoticeBoard board, DesktopActions& desktop, Folde
       home_(board_.home()),
       desktop_(desktop),
       folders_(std::move(folders)),
-      incoming_(board_, desktop, *this, [this] { wantLook(); }),
+      incoming_(
+          board_, desktop, *this, [this] { wantLook(); }, folders_.of),
       outgoing_(board_, desktop, *this, [this] { wantLook(); }),
       port_(board_),
       folder_(board_),
@@ -113,7 +115,7 @@ void DesktopNotices::stop() {
     folder_.close();
     textSlot_.close(); // its buttons would do nothing
     api_ = nullptr;
-    life_.reset(); // what stays on the desktop does nothing any more
+    life_.end(); // what stays on the desktop does nothing any more
 }
 
 Task<> DesktopNotices::finish() {
@@ -240,12 +242,10 @@ void DesktopNotices::lookAtText(std::optional<Seconds>& next) {
 void DesktopNotices::showText(const Text& text, bool isQuiet) {
     platform::Notification notification = notices::text(text.what, phoneForDisplay(home_, text.phone, text.peerKey));
     notification.isQuiet = isQuiet;
-    textSlot_.show(std::move(notification), [this, weak = std::weak_ptr(life_), text,
-                                             number = lastTextNumber_](const NotificationAnswer& answer) {
-        if (weak.lock()) {
-            onTextKey(text, number, answer);
-        }
-    });
+    textSlot_.show(std::move(notification),
+                   life_.guarding([this, text, number = lastTextNumber_](const NotificationAnswer& answer) {
+                       onTextKey(text, number, answer);
+                   }));
 }
 
 /// The text itself is not kept here. If another one has come by now, a click that was meant for this one does nothing.
@@ -262,23 +262,20 @@ void DesktopNotices::onTextKey(const Text& text, std::uint64_t number, const Not
     if (answer.key == notices::openLinkKey && text.what.linkHost) {
         desktop_.openLink(addressOfLink(content), answer.token);
     } else if (answer.key == notices::copyKey) {
-        desktop_.copy(std::move(content), [this, weak = std::weak_ptr(life_), text, number](bool isThere) {
-            if (weak.lock() && !isStopped_ && number == lastTextNumber_) {
+        desktop_.copy(std::move(content), life_.guarding([this, text, number](bool isThere) {
+            if (number == lastTextNumber_) {
                 Text now = text;
                 now.what.isOnClipboard = isThere;
                 showText(now, isThere);
             }
-        });
+        }));
     }
 }
 
 void DesktopNotices::showPlain(NoticeSlot& slot, platform::Notification notification) {
-    slot.show(std::move(notification),
-              [&desktop = desktop_, weak = std::weak_ptr(life_)](const NotificationAnswer& answer) {
-                  if (weak.lock()) {
-                      desktop.raiseWindow(answer.token);
-                  }
-              });
+    slot.show(std::move(notification), life_.guarding([&desktop = desktop_](const NotificationAnswer& answer) {
+        desktop.raiseWindow(answer.token);
+    }));
 }
 
 // What is asked

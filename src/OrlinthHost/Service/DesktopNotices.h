@@ -6,6 +6,7 @@
 #include "OrlinthHost/Service/IncomingNotices.h"
 #include "OrlinthHost/Service/LastText.h"
 #include "OrlinthHost/Service/NoticeBoard.h"
+#include "OrlinthHost/Service/NoticeLife.h"
 #include "OrlinthHost/Service/NoticeRequests.h"
 #include "OrlinthHost/Service/NoticeSlot.h"
 #include "OrlinthHost/Service/NoticeText.h"
@@ -47,7 +48,7 @@ public:
 
     /// Where received files go just now; asked each time.
     struct Folders {
-        std::function<platform::Path(const PeerKey&)> of = {};    ///< for the files of this phone; empty: nobody knows
+        IncomingNotices::FolderOf of = {};                        ///< for the files of this phone; empty: nobody knows
         std::function<std::vector<platform::Path>()> chosen = {}; ///< for any phone; empty: nobody knows
     };
 
@@ -131,7 +132,7 @@ private:
     std::map<PeerKey, Instant> textAt_; ///< when the last one of a phone was shown
     std::uint64_t lastTextNumber_ = 0;
     bool isStopped_ = false;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< until stop(); the desktop may answer later
+    NoticeLife life_; ///< until stop()
     platform::TaskGroup tasks_;
 };
 

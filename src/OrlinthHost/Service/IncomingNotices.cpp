@@ -1,6 +1,7 @@
 #include "OrlinthHost/Service/IncomingNotices.h"
 
 #include "OrlinthHost/Phones/PeerSelection.h"
+#include "OrlinthHost/Service/NoticePace.h"
 #include "OrlinthHost/Service/NoticeText.h"
 #include "OrlinthHost/Service/OpenableFile.h"
 #include "platform/Blocking.h"
@@ -12,17 +13,14 @@ namespace orlinth::host {
 
 using platform::NotificationAnswer;
 
-void bringForward(std::optional<Seconds>& next, Seconds time) {
-    next = std::max(Seconds(0), next ? std::min(*next, time) : time);
-}
-
 IncomingNotices::IncomingNotices(NoticeBoard board, DesktopActions& desktop, NoticeRequests& requests,
-                                 std::function<void()> onNews)
+                                 std::function<void()> onNews, FolderOf folderOf)
     : board_(std::move(board)),
       home_(board_.home()),
       desktop_(desktop),
       requests_(requests),
       onNews_(std::move(onNews)),
+      folderOf_(std::move(folderOf)),
       tasks_(home_.executor) {}
 
 void IncomingNotices::fileReceived(const Receiver::File& file) {
@@ -60,7 +58,7 @@ void IncomingNotices::stop() {
     underWay_.clear();
     isStopped_ = true;
     tasks_.cancelAll();
-    life_.reset(); // what stays on the desktop does nothing any more
+    life_.end(); // what stays on the desktop does nothing any more
 }
 
 /// A file takes the place of the notification of its own progress, unless it joins others.
@@ -106,8 +104,8 @@ void IncomingNotices::lookAtTransfers(const std::vector<TransferView>& transfers
         if (transfer.direction != TransferView::Direction::in || transfer.endedAt) {
             continue;
         }
-        if (const Seconds age = now - transfer.beganAt; age < longTransfer) {
-            bringForward(next, longTransfer - age);
+        if (const Seconds age = now - transfer.beganAt; age < NoticePace::longTransfer) {
+            bringForward(next, NoticePace::longTransfer - age);
             continue;
         }
         const auto before = left.find(transfer.number);
@@ -120,8 +118,8 @@ void IncomingNotices::lookAtTransfers(const std::vector<TransferView>& transfers
             if (underWay.slot.isDismissed()) {
                 continue; // whoever has closed it does not want to see it again
             }
-            if (const Seconds since = now - underWay.shownAt; since < changeInterval) {
-                bringForward(next, changeInterval - since);
+            if (const Seconds since = now - underWay.shownAt; since < NoticePace::changeInterval) {
+                bringForward(next, NoticePace::changeInterval - since);
                 continue;
             }
         }
@@ -137,7 +135,7 @@ void IncomingNotices::endProgress(UnderWay& underWay, TransferNumber number,
     underWay.slot.close();
     const auto transfer = std::ranges::find(transfers, number, &TransferView::number);
     if (transfer != transfers.end() && transfer->state == TransferView::State::failed) {
-        underWay.job.fail("The connection broke. The phone can go on with the file.");
+        underWay.job.fail("The file did not arrive completely.");
     }
     underWay.job.end();
 }
@@ -145,15 +143,14 @@ void IncomingNotices::endProgress(UnderWay& underWay, TransferNumber number,
 void IncomingNotices::showProgress(UnderWay& underWay, const TransferView& transfer, std::optional<Seconds>& next) {
     platform::Notification notification =
         notices::receiving(transfer, phoneForDisplay(home_, transfer.phone, transfer.peerKey));
-    const auto cancel = [this, weak = std::weak_ptr(life_), number = transfer.number] {
-        if (weak.lock()) {
-            requests_.cancelTransfer(number);
-        }
-    };
+    const auto cancel = life_.guarding([this, number = transfer.number] { requests_.cancelTransfer(number); });
     if (underWay.job.show(board_.jobs(), notification,
-                          {.bytes = transfer.bytes, .bytesPerSecond = transfer.bytesPerSecond}, cancel)) {
+                          {.bytes = transfer.bytes,
+                           .bytesPerSecond = transfer.bytesPerSecond,
+                           .folder = folderOf_ ? folderOf_(transfer.peerKey) : platform::Path()},
+                          cancel)) {
         if (underWay.job.isAsked()) {
-            bringForward(next, jobInterval);
+            bringForward(next, NoticePace::jobInterval);
         } else {
             underWay.shownAt = home_.system.clock.now();
         }
@@ -161,16 +158,13 @@ void IncomingNotices::showProgress(UnderWay& underWay, const TransferView& trans
     }
     notification.isQuiet = underWay.slot.isShown();
     underWay.slot.show(std::move(notification),
-                       [this, weak = std::weak_ptr(life_), number = transfer.number](const NotificationAnswer& answer) {
-                           if (!weak.lock()) {
-                               return;
-                           }
+                       life_.guarding([this, number = transfer.number](const NotificationAnswer& answer) {
                            if (answer.key == notices::cancelKey) {
                                requests_.cancelTransfer(number);
                            } else if (answer.key == platform::Notification::clickKey) {
                                desktop_.raiseWindow(answer.token);
                            }
-                       });
+                       }));
     underWay.shownAt = home_.system.clock.now();
 }
 
@@ -185,8 +179,8 @@ void IncomingNotices::lookAtBursts(std::optional<Seconds>& next) {
         }
         if (burst.isChanged) {
             const Seconds since = now - burst.shownAt;
-            if (burst.slot.isShown() && burst.count > 1 && since < changeInterval) {
-                bringForward(next, changeInterval - since);
+            if (burst.slot.isShown() && burst.count > 1 && since < NoticePace::changeInterval) {
+                bringForward(next, NoticePace::changeInterval - since);
                 continue;
             }
             showBurst(burst);
@@ -194,7 +188,7 @@ void IncomingNotices::lookAtBursts(std::optional<Seconds>& next) {
         if (const Seconds age = now - burst.lastAt; age > burstTime) {
             bursts_.erase(current);
         } else {
-            bringForward(next, burstTime - age + changeInterval);
+            bringForward(next, burstTime - age + NoticePace::changeInterval);
         }
     }
 }
@@ -220,17 +214,14 @@ void IncomingNotices::showBurst(Burst& burst) {
         isOne ? notices::received(burst.files->front(), burst.bytes, burst.phone, burst.mayOpen->value_or(false))
               : notices::receivedMany(burst.count, burst.bytes, burst.folder, burst.phone);
     notification.isQuiet = !isOne && burst.slot.isShown();
-    burst.slot.show(std::move(notification), [&desktop = desktop_, weak = std::weak_ptr(life_),
-                                              files = burst.files](const NotificationAnswer& answer) {
-        if (!weak.lock()) {
-            return;
-        }
-        if (answer.key == notices::openKey) {
-            desktop.open(files->front(), answer.token);
-        } else {
-            desktop.show(*files, answer.token);
-        }
-    });
+    burst.slot.show(std::move(notification),
+                    life_.guarding([this, files = burst.files](const NotificationAnswer& answer) {
+                        if (answer.key == notices::openKey) {
+                            desktop_.open(files->front(), answer.token);
+                        } else {
+                            desktop_.show(*files, answer.token);
+                        }
+                    }));
     burst.shownAt = home_.system.clock.now();
     burst.isChanged = false;
 }

@@ -4,6 +4,7 @@
 #include "OrlinthHost/Home.h"
 #include "OrlinthHost/Service/DesktopActions.h"
 #include "OrlinthHost/Service/NoticeJob.h"
+#include "OrlinthHost/Service/NoticeLife.h"
 #include "OrlinthHost/Service/NoticeRequests.h"
 #include "OrlinthHost/Service/NoticeSlot.h"
 #include "OrlinthHost/Service/TransferList.h"
@@ -26,21 +27,18 @@ namespace orlinth::host {
 /// Threading: on the home's executor.
 class IncomingNotices {
 public:
-    /// A file that takes less is not told of before it is there.
-    static constexpr Seconds longTransfer = 5s;
     /// Files of a phone that come within this time of each other are told of as one.
     static constexpr Seconds burstTime = 5s;
-    /// Between two changes of one notification.
-    static constexpr Seconds changeInterval = 1s;
     /// Of more files that came together the first so many are shown in their folders.
     static constexpr std::size_t maxShownFiles = 500;
 
-    /// Between two looks at a view of a job that nobody has answered for.
-    static constexpr Seconds jobInterval = 250ms;
+    /// Where the files of a phone go just now.
+    using FolderOf = std::function<platform::Path(const PeerKey&)>;
 
-    /// `onNews` is called when look() is wanted. What is referred to outlives this. Without views of jobs progress is
-    /// always a notification.
-    IncomingNotices(NoticeBoard board, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews);
+    /// `onNews` is called when look() is wanted; `folderOf` may be empty: nobody knows. What is referred to outlives
+    /// this. Without views of jobs progress is always a notification.
+    IncomingNotices(NoticeBoard board, DesktopActions& desktop, NoticeRequests& requests, std::function<void()> onNews,
+                    FolderOf folderOf);
     IncomingNotices(const IncomingNotices&) = delete;
     IncomingNotices& operator=(const IncomingNotices&) = delete;
 
@@ -97,15 +95,13 @@ private:
     DesktopActions& desktop_;
     NoticeRequests& requests_;
     const std::function<void()> onNews_;
+    const FolderOf folderOf_;
     std::vector<Arrival> arrivals_; ///< since the last look
     std::map<TransferNumber, UnderWay> underWay_;
     std::map<PeerKey, Burst> bursts_;
     platform::TaskGroup tasks_;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< until stop(); the desktop may answer later
+    NoticeLife life_; ///< until stop()
     bool isStopped_ = false;
 };
-
-/// The sooner of the two.
-void bringForward(std::optional<Seconds>& next, Seconds time);
 
 } // namespace orlinth::host

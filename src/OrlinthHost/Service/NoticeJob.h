@@ -19,11 +19,12 @@ public:
     struct Figures {
         Progress bytes = {}; ///< nothing of 0 if that is not known
         std::int64_t bytesPerSecond = 0;
-        platform::Path folder = {};
+        platform::Path folder = {}; ///< where it goes; "" if it goes to a phone, or that is not known
     };
 
     /// Shows what the notification would. Returns whether the desktop does so, or may yet: then there is no need for
-    /// the notification. `jobs` may be null, and then a view that is there is taken away; it outlives this. `onCancel` outlives what it refers to.
+    /// the notification. `jobs` may be null, and then a view that is there is taken away; it outlives this. `onCancel`
+    /// outlives what it refers to.
     [[nodiscard]] bool show(platform::JobViews* jobs, const platform::Notification& progress, const Figures& figures,
                             std::function<void()> onCancel);
     /// Whether nobody knows yet: show() is to be called again soon.

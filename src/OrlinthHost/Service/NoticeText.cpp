@@ -181,9 +181,10 @@ Notification paired(const std::string& phone) {
 }
 
 Notification unpaired(const std::string& phone, bool isForgotten) {
-    return withWindow({.title = shortName(phone) + " has removed this computer",
-                       .body = isForgotten ? "" : "It is still in the list here, and can be removed there.",
-                       .category = "device.removed"});
+    return withWindow(
+        {.title = shortName(phone) + " has removed this computer",
+         .body = isForgotten ? "" : "It is still listed on this computer. Remove it there if you no longer need it.",
+         .category = "device.removed"});
 }
 
 Notification portTrouble(std::uint16_t port) {

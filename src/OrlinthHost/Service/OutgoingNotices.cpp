@@ -1,7 +1,7 @@
 #include "OrlinthHost/Service/OutgoingNotices.h"
 
 #include "OrlinthHost/Phones/PeerSelection.h"
-#include "OrlinthHost/Service/IncomingNotices.h"
+#include "OrlinthHost/Service/NoticePace.h"
 #include "OrlinthHost/Service/NoticeText.h"
 
 #include <algorithm>
@@ -121,12 +121,12 @@ void OutgoingNotices::lookAtBatch(const Key& key, Batch& batch, const OutboxView
             show(key, batch, What::waiting, notices::waiting(view, phoneForDisplay(home_, view.phone, view.peerKey)));
         }
     } else if (batch.sendingSince) {
-        if (const Seconds age = now - *batch.sendingSince; age < longTransfer) {
-            bringForward(next, longTransfer - age);
+        if (const Seconds age = now - *batch.sendingSince; age < NoticePace::longTransfer) {
+            bringForward(next, NoticePace::longTransfer - age);
         } else if (mayShow(batch, What::sending, next)) {
             showProgress(key, batch, view, transfers, next);
         }
-        bringForward(next, shortRest + changeInterval); // it may come to rest without a word
+        bringForward(next, shortRest + NoticePace::changeInterval); // it may come to rest without a word
     } else {
         bringForward(next, shortRest);
     }
@@ -148,22 +148,18 @@ void OutgoingNotices::showProgress(const Key& key, Batch& batch, const OutboxVie
     if (view.files == 1 && underWay.size() == 1) { // of several, nobody knows how large the others are
         figures.bytes = underWay.front().bytes;
     }
-    const auto cancel = [this, weak = std::weak_ptr(life_), key] {
-        if (weak.lock()) {
-            requests_.dropBatch(key.first, key.second);
-        }
-    };
+    const auto cancel = life_.guarding([this, key] { requests_.dropBatch(key.first, key.second); });
     if (!batch.job.show(board_.jobs(), notification, figures, cancel)) {
         show(key, batch, What::sending, std::move(notification));
     } else if (batch.job.isAsked()) {
-        bringForward(next, jobInterval);
+        bringForward(next, NoticePace::jobInterval);
     } else {
         if (batch.what != What::sending) {
             batch.slot.close(); // the view says it
         }
         batch.what = What::sending;
         batch.shownAt = home_.system.clock.now();
-        bringForward(next, changeInterval);
+        bringForward(next, NoticePace::changeInterval);
     }
 }
 
@@ -183,8 +179,8 @@ bool OutgoingNotices::mayShow(const Batch& batch, What what, std::optional<Secon
         return false;
     }
     const Seconds since = home_.system.clock.now() - batch.shownAt;
-    if (since < changeInterval) {
-        bringForward(next, changeInterval - since);
+    if (since < NoticePace::changeInterval) {
+        bringForward(next, NoticePace::changeInterval - since);
         return false;
     }
     return true;
@@ -193,20 +189,16 @@ bool OutgoingNotices::mayShow(const Batch& batch, What what, std::optional<Secon
 void OutgoingNotices::show(const Key& key, Batch& batch, What what, platform::Notification notification) {
     const bool isChange = batch.slot.isShown() && batch.what == what && what != What::nothing;
     notification.isQuiet = notification.isQuiet || isChange;
-    batch.slot.show(std::move(notification),
-                    [this, weak = std::weak_ptr(life_), key](const NotificationAnswer& answer) {
-                        if (!weak.lock()) {
-                            return;
-                        }
-                        const auto& [id, peerKey] = key;
-                        if (answer.key == notices::cancelKey || answer.key == notices::dropKey) {
-                            requests_.dropBatch(id, peerKey);
-                        } else if (answer.key == notices::retryKey) {
-                            requests_.retryBatch(id, peerKey);
-                        } else if (answer.key == platform::Notification::clickKey) {
-                            desktop_.raiseWindow(answer.token);
-                        }
-                    });
+    batch.slot.show(std::move(notification), life_.guarding([this, key](const NotificationAnswer& answer) {
+        const auto& [id, peerKey] = key;
+        if (answer.key == notices::cancelKey || answer.key == notices::dropKey) {
+            requests_.dropBatch(id, peerKey);
+        } else if (answer.key == notices::retryKey) {
+            requests_.retryBatch(id, peerKey);
+        } else if (answer.key == platform::Notification::clickKey) {
+            desktop_.raiseWindow(answer.token);
+        }
+    }));
     if (what == What::failed) {
         batch.job.fail("The phone did not get everything."); // the notification says why
     } else {
@@ -224,7 +216,7 @@ void OutgoingNotices::stop() {
         }
     }
     batches_.clear();
-    life_.reset(); // what stays on the desktop does nothing any more
+    life_.end(); // what stays on the desktop does nothing any more
 }
 
 } // namespace orlinth::host

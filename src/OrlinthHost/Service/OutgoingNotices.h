@@ -5,6 +5,7 @@
 #include "OrlinthHost/Outbox/OutboxView.h"
 #include "OrlinthHost/Service/DesktopActions.h"
 #include "OrlinthHost/Service/NoticeJob.h"
+#include "OrlinthHost/Service/NoticeLife.h"
 #include "OrlinthHost/Service/NoticeRequests.h"
 #include "OrlinthHost/Service/NoticeSlot.h"
 #include "OrlinthHost/Service/TransferList.h"
@@ -26,17 +27,10 @@ namespace orlinth::host {
 /// Threading: on the home's executor.
 class OutgoingNotices {
 public:
-    /// A batch that takes less is not told of before it is sent.
-    static constexpr Seconds longTransfer = 5s;
     /// For so long nobody is told that a phone is not there.
     static constexpr Seconds longWait = 60s;
     /// Between two files of a batch there may be none under way for so long.
     static constexpr Seconds shortRest = 3s;
-    /// Between two changes of one notification.
-    static constexpr Seconds changeInterval = 1s;
-
-    /// Between two looks at a view of a job that nobody has answered for.
-    static constexpr Seconds jobInterval = 250ms;
 
     /// `onNews` is called when look() is wanted. What is referred to outlives this. Without views of jobs progress is
     /// always a notification.
@@ -96,7 +90,7 @@ private:
     NoticeRequests& requests_;
     const std::function<void()> onNews_;
     std::map<Key, Batch> batches_;
-    std::shared_ptr<bool> life_ = std::make_shared<bool>(true); ///< until stop(); the desktop may answer later
+    NoticeLife life_; ///< until stop()
     bool isStopped_ = false;
 };
 

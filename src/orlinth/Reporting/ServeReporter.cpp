@@ -120,11 +120,14 @@ ServeReporter::ServeReporter(Host& host, host::DesktopActions& desktop, host::De
       choices_(std::move(choices)),
       strangers_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
                  [&output = host.output](std::int64_t untold) {
-                     output.failure(std::to_string(untold) + " more connections failed that were of no paired phone");
+                     output.failure(std::to_string(untold) +
+                                    (untold == 1 ? " more connection failed that was of no paired phone"
+                                                 : " more connections failed that were of no paired phone"));
                  }),
       farAway_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
                [&output = host.output](std::int64_t untold) {
-                   output.failure(std::to_string(untold) + " more connections came from outside your networks");
+                   output.failure(std::to_string(untold) + (untold == 1 ? " more connection" : " more connections") +
+                                  " came from outside your networks");
                }),
       removed_(host.system.clock, host.tasks.executor(), limits::linesOfStrangers,
                [&output = host.output](std::int64_t untold) {

@@ -204,6 +204,24 @@ TEST_F(ServeReporterTest, OfThoseWhoComeFromAfarAFewLinesAreWritten) {
     EXPECT_EQ("orlinth: 995 more connections came from outside your networks", lines.back());
 }
 
+TEST_F(ServeReporterTest, CountsASingleConnectionAsOne) {
+    const auto lastOf = [this](const std::function<void()>& happen) {
+        const std::vector<std::string> lines = linesOf([&] {
+            for (int i = 0; i <= limits::linesOfStrangers; ++i) {
+                happen();
+            }
+            letAlarmRing();
+        });
+        return lines.back();
+    };
+    EXPECT_EQ("orlinth: 1 more connection came from outside your networks",
+              lastOf([this] { reporter_.turnedAway("203.0.113.9:1"); }));
+    Receiver::Failure stranger = failureOf("");
+    stranger.from.clear();
+    EXPECT_EQ("orlinth: 1 more connection failed that was of no paired phone",
+              lastOf([&] { reporter_.connectionFailed(stranger); }));
+}
+
 TEST_F(ServeReporterTest, SaysWhichChoicesAnInheritedPortMakesVain) {
     const std::string port = "the service manager has opened port 7100; --port is not used";
     const std::string places = "the service manager has opened the port; --listen is not used";

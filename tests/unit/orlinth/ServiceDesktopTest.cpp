@@ -6,12 +6,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <sys/stat.h>
-#include <thread>
 #include <vector>
 
 namespace orlinth::cli {
@@ -27,20 +25,19 @@ public:
         fakes::writeText(folder_ / "xdg-open", "#!/bin/sh\nprintf '%s|%s' \"$1\" \"$XDG_ACTIVATION_TOKEN\" >\"" +
                                                    log().string() + ".new\" && mv \"" + log().string() + ".new\" \"" +
                                                    log().string() + "\"\n");
-        ::chmod((folder_ / "xdg-open").c_str(), 0755);
+        // which does not wait for what it starts, so that nobody could tell when that has done nothing
+        fakes::writeText(folder_ / "setsid", "#!/bin/sh\nshift\nexec \"$@\"\n");
+        for (const char* program : {"xdg-open", "setsid"}) {
+            ::chmod((folder_ / program).c_str(), 0755);
+        }
         ::setenv("PATH", (folder_.path().string() + ":" + before_).c_str(), 1);
     }
     ~FakeOpener() { ::setenv("PATH", before_.c_str(), 1); }
     FakeOpener(const FakeOpener&) = delete;
     FakeOpener& operator=(const FakeOpener&) = delete;
 
-    /// What was opened, and with which token; waits for it. It is started in the background, so nothing else tells.
-    [[nodiscard]] std::string opened() const {
-        for (int i = 0; i < 3000 && !std::filesystem::exists(log()); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return fakes::readText(log());
-    }
+    /// What was opened, and with which token.
+    [[nodiscard]] std::string opened() const { return fakes::readText(log()); }
     [[nodiscard]] bool hasOpened() const { return std::filesystem::exists(log()); }
 
 private:
@@ -116,8 +113,10 @@ TEST_F(ServiceDesktopTest, OnceItIsFinishedNothingIsDone) {
     world_.run(desktop_.finish());
     desktop_.show({"/home/ann/Downloads/a.txt"}, "");
     desktop_.openLink("https://example.org", "");
+    desktop_.copy("correct horse", {});
     settle();
     EXPECT_FALSE(opener.hasOpened());
+    EXPECT_EQ(0, world_.clipboard.textWrites);
 }
 
 } // namespace

@@ -240,6 +240,8 @@ TEST_F(DesktopNoticesTest, PhonesThatComeAndGo) {
     EXPECT_EQ(last().category, "device.removed");
     press("default", "token-1");
     EXPECT_THAT(desktop_.take(), ElementsAre("raise with token-1"));
+    notices_.unpaired({.from = "Pixel-8", .peerKey = world_.phoneRecord().peer_pubkey, .isForgotten = false});
+    EXPECT_EQ(last().body, "It is still listed on this computer. Remove it there if you no longer need it.");
 }
 
 TEST_F(DesktopNoticesTest, TheFirstPhoneIsNewsAndThoseThatCouldNotBeReadAtTheStartAreNot) {

@@ -89,7 +89,8 @@ protected:
     fakes::FakeJobViews jobs_;
     bool isOn_ = true;
     IncomingNotices notices_{NoticeBoard(home_, &jobs_, [this] { return isOn_; }), desktop_, requests_,
-                             [this] { isAsked_ = true; }};
+                             [this] { isAsked_ = true; },
+                             [](const PeerKey& phone) { return platform::Path("/srv") / phone.text(); }};
     std::vector<TransferView> transfers_;
     std::optional<Seconds> next_;
 };
@@ -272,6 +273,7 @@ TEST_F(IncomingNoticesTest, WhereJobsAreShownProgressIsAJobAndTheEndANotificatio
     EXPECT_EQ(job.title, "Receiving film.mov from Pixel");
     EXPECT_EQ(job.bytes.total, 1000);
     EXPECT_EQ(job.bytesPerSecond, 8);
+    EXPECT_EQ(job.folder, "/srv/AAAA");
     EXPECT_GE(job.percent, 74);
     EXPECT_LE(jobs_.all[0]->jobs.size(), 15U) << "once a second, but for those that nobody had answered for";
     jobs_.all[0]->onCancel();
@@ -296,7 +298,7 @@ TEST_F(IncomingNoticesTest, AJobThatFailsSaysSoAndOneThatNobodyShowsAnyMoreIsANo
     transfers_[0].endedAt = world_.clock.now();
     jobs_.all[1]->state = platform::JobView::State::refused;
     pass(2s);
-    EXPECT_EQ(jobs_.all[0]->failure, "The connection broke. The phone can go on with the file.");
+    EXPECT_EQ(jobs_.all[0]->failure, "The file did not arrive completely.");
     EXPECT_THAT(screen(), ElementsAre("Receiving other.mov from Pixel / 0 %"));
 }
 
