@@ -184,11 +184,11 @@ private:
         if (loop_.get() != nullptr) {
             return true;
         }
-        const bool isOpen =
-            loop_.open() && listenFor("ActionInvoked", onActionInvoked) &&
-            listenFor("NotificationClosed", onNotificationClosed) && listenFor("ActivationToken", onActivationToken) &&
-            systemd().sd_bus_add_match_async(loop_.get(), nullptr, daemonsOwnerRule().c_str(), onOwnerChanged,
-                                             ignoreBusAnswer, this) >= 0;
+        const bool isOpen = loop_.open() && listenFor("ActionInvoked", onActionInvoked) &&
+                            listenFor("NotificationClosed", onNotificationClosed) &&
+                            listenFor("ActivationToken", onActivationToken) &&
+                            systemd().sd_bus_add_match_async(loop_.get(), nullptr, daemonsOwnerRule().c_str(),
+                                                             onOwnerChanged, ignoreBusAnswer, this) >= 0;
         if (!isOpen) {
             disconnect();
         }
