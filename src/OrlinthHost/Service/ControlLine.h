@@ -39,8 +39,7 @@ template <typename T>
 }
 
 /// The next line, without its end, and not a byte further: a socket may follow. What is referred to outlives the call.
-/// @throws HostError if it is longer than `most` bytes, or comes too late; ConnectionEnded, also in the middle of a
-/// line;
+/// @throws HostError if it is longer than `most` bytes, or comes too late; ConnectionEnded, also within a line;
 ///         SystemError
 [[nodiscard]] Task<std::string> readControlLine(platform::Stream& stream, platform::Clock& clock, Seconds limit,
                                                 std::size_t most = maxControlLine);
@@ -51,8 +50,8 @@ template <typename T>
 /// @throws HostError if the other end does not take it in time; SystemError
 [[nodiscard]] Task<> sendControlLine(platform::Stream& stream, platform::Clock& clock, std::string line);
 
-/// Passes bytes that may be secret, in memory of their own (UnixSockets::sendSecret()), behind a line that says so. What
-/// is referred to outlives the call.
+/// Passes bytes that may be secret, in memory of their own (UnixSockets::sendSecret()), behind a line that says so.
+/// What is referred to outlives the call.
 /// @throws HostError if the other end does not take them in time; SystemError
 [[nodiscard]] Task<> sendControlSecret(platform::Stream& stream, Home& home, ByteView bytes);
 

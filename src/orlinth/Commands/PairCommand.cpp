@@ -69,8 +69,7 @@ std::string flagFor(const std::exception& error) {
         }
     }
     const auto* listener = dynamic_cast<const PairListener::Error*>(&error);
-    const bool isPortTaken =
-        listener != nullptr && listener->which() == PairListener::Error::Case::listenerStartFailed;
+    const bool isPortTaken = listener != nullptr && listener->which() == PairListener::Error::Case::listenerStartFailed;
     return isPortTaken ? "`--port 0` takes a port that is free." : "";
 }
 

@@ -288,8 +288,7 @@ std::string hintToStartService(const Host& host) {
 }
 
 std::string serviceIsNotRunning(const Host& host) {
-    const char* const start =
-        host.system.directories.areUsual() ? "systemctl --user start orlinth" : "orlinth serve";
+    const char* const start = host.system.directories.areUsual() ? "systemctl --user start orlinth" : "orlinth serve";
     return std::string("The Orlinth service is not running. Files will be sent once it starts: `") + start + "`";
 }
 

@@ -25,7 +25,7 @@ public:
         fakes::writeText(folder_ / "xdg-open", "#!/bin/sh\nprintf '%s|%s' \"$1\" \"$XDG_ACTIVATION_TOKEN\" >\"" +
                                                    log().string() + ".new\" && mv \"" + log().string() + ".new\" \"" +
                                                    log().string() + "\"\n");
-        // which does not wait for what it starts, so that nobody could tell when that has done nothing
+        // the real one returns before xdg-open has done anything, so that a look would come too early
         fakes::writeText(folder_ / "setsid", "#!/bin/sh\nshift\nexec \"$@\"\n");
         for (const char* program : {"xdg-open", "setsid"}) {
             ::chmod((folder_ / program).c_str(), 0755);
