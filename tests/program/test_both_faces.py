@@ -67,6 +67,11 @@ class BothFaces(BusTestMixin, OutboxTest):
         self.mac.record(self.phone, gate.port, token=TOKEN)
         return service
 
+    def texts_come(self, service, count):
+        """Until the service has taken so many: a text that was delivered is on its way through it."""
+        service.events.wait_until(
+            lambda: [event["event"] for event in service.events.all].count("clipboard") == count, "the text")
+
     def refusal(self, call, *arguments):
         with self.assertRaises(Refused) as caught:
             call(*arguments)
@@ -197,8 +202,9 @@ def the_last_text_is_handed_over(test, face):
     service = test.serve(test.mac)
     test.assert_missing(face.last_text)
     test.phone.record(test.mac, service.port)
-    for text in (TEXT, "x" * MIB, TEXT):
+    for number, text in enumerate((TEXT, "x" * MIB, TEXT), 1):
         test.assertEqual(0, test.phone.run("clip", "-", input=text).returncode)
+        test.texts_come(service, number)
         test.assertEqual(text.encode(), face.last_text())
     test.assertEqual(0, test.mac.run("clip", "--forget").returncode)
     test.assert_missing(face.last_text)
