@@ -156,6 +156,9 @@ class SocketFace:
             raise Refused(reply["error"])
         return [self.entry(self.line(connection)) for _ in range(reply["entries"])]
 
+    def restart(self):
+        self.ask("restart")
+
     def clear_history(self):
         self.ask("clear_history")
 
@@ -327,6 +330,9 @@ class BusFace:
     def history(self, before=0, count=500):
         [entries] = self.call(ROOT, "Service", "GetHistory", "tu", before, count).values
         return [self.entry(entry) for entry in entries]
+
+    def restart(self):
+        self.call(ROOT, "Service", "Restart")
 
     def clear_history(self):
         self.call(ROOT, "Service", "ClearHistory")

@@ -427,6 +427,15 @@ def settings_are_read_and_changed(test, face):
     test.end(service)
 
 
+# The service itself
+
+@row
+def nobody_would_start_it_again(test, face):
+    service = test.serve(test.mac)
+    test.assertIn("no service manager would start the service again", test.refusal(face.restart).text)
+    test.end(service)
+
+
 def with_face(case, kind):
     @functools.wraps(case)
     def test(self):
