@@ -2,6 +2,7 @@
 
 #include "OrlinthBus/ObjectPath.h"
 #include "base/Text.h"
+#include "platform/Cancelled.h"
 #include "platform/SystemError.h"
 #include "platform/linux/PassedFile.h"
 #include "platform/linux/SystemdLibrary.h"
@@ -225,6 +226,22 @@ void BusCall::fail(const BusError& error) {
     const std::string text = toUtf8(error.text); // else the library sends nothing at all
     static_cast<void>(systemd().sd_bus_reply_method_errorf(message_.get(), name.c_str(), "%s", text.c_str()));
     message_.reset();
+}
+
+Task<> answerBy(Task<> work, std::shared_ptr<BusCall> call, platform::BusLoop& loop) {
+    std::optional<BusError> problem;
+    try {
+        co_await std::move(work);
+    } catch (const std::exception& error) {
+        if (platform::isCancellation(error)) {
+            throw;
+        }
+        problem = busErrorOf(error);
+    }
+    if (problem) {
+        call->fail(*problem);
+    }
+    loop.wake();
 }
 
 } // namespace orlinth::bus

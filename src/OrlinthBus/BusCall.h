@@ -1,6 +1,8 @@
 #pragma once
 
 #include "OrlinthBus/BusError.h"
+#include "platform/Task.h"
+#include "platform/linux/BusLoop.h"
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/SessionBus.h"
 
@@ -66,6 +68,10 @@ private:
 
     std::unique_ptr<sd_bus_message, platform::detail::Freer<platform::detail::freeBusMessage>> message_;
 };
+
+/// Awaits the work, which replies to the call; if it fails, the call gets that error. `loop` outlives this.
+/// @throws platform::Cancelled
+[[nodiscard]] Task<> answerBy(Task<> work, std::shared_ptr<BusCall> call, platform::BusLoop& loop);
 
 template <>
 std::uint32_t BusCall::readNumber<std::uint32_t>();

@@ -4,7 +4,6 @@
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/PhoneMessages.h"
 #include "platform/Blocking.h"
-#include "platform/Cancelled.h"
 #include "platform/linux/PassedFile.h"
 #include "platform/linux/SealedMemory.h"
 #include "platform/linux/SystemdLibrary.h"
@@ -63,7 +62,7 @@ void PhoneCalls::run(BusCall call, const Phones& phones) {
     const auto shared = std::make_shared<BusCall>(std::move(call));
     try {
         Task<> work = workOn(shared, phones);
-        calls_.add(answer(shared, std::move(work)), [](const std::exception_ptr&) {
+        calls_.add(answerBy(std::move(work), shared, loop_), [](const std::exception_ptr&) {
             // it has answered; a call that was cut short is answered when it goes
         });
     } catch (const std::exception& error) {
@@ -91,22 +90,6 @@ Task<> PhoneCalls::workOn(Call call, const Phones& phones) {
         return rename(call, phone, call->readText());
     }
     return member == "Remove" ? remove(call, phone) : wake(call, phone);
-}
-
-Task<> PhoneCalls::answer(Call call, Task<> work) {
-    std::optional<BusError> failure;
-    try {
-        co_await std::move(work);
-    } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        failure = busErrorOf(error);
-    }
-    if (failure) {
-        call->fail(*failure);
-    }
-    loop_.wake();
 }
 
 Task<> PhoneCalls::rename(Call call, PeerKey phone, std::string name) {

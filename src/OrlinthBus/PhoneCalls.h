@@ -51,7 +51,6 @@ private:
 
     /// One call that takes its time: what it comes to, or why it fails.
     void run(BusCall call, const Phones& phones);
-    [[nodiscard]] Task<> answer(Call call, Task<> work);
     [[nodiscard]] Task<> workOn(Call call, const Phones& phones);
     [[nodiscard]] Task<> rename(Call call, PeerKey phone, std::string name);
     [[nodiscard]] Task<> remove(Call call, PeerKey phone);

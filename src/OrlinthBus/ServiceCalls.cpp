@@ -4,7 +4,6 @@
 #include "OrlinthBus/FileUri.h"
 #include "OrlinthHost/HostError.h"
 #include "OrlinthHost/Service/PhoneRequests.h"
-#include "platform/Cancelled.h"
 
 #include <exception>
 #include <optional>
@@ -72,7 +71,7 @@ void ServiceCalls::run(platform::TaskGroup& tasks, BusCall call, const std::func
     const auto shared = std::make_shared<BusCall>(std::move(call));
     try {
         Task<> work = begin(shared);
-        tasks.add(answer(shared, std::move(work)), [](const std::exception_ptr&) {
+        tasks.add(answerBy(std::move(work), shared, loop_), [](const std::exception_ptr&) {
             // it has answered; a call that was cut short is answered when it goes
         });
     } catch (const host::NoSuchPhone& error) {
@@ -80,22 +79,6 @@ void ServiceCalls::run(platform::TaskGroup& tasks, BusCall call, const std::func
     } catch (const std::exception& error) {
         shared->fail({.name = "InvalidArgument", .text = describe(error)});
     }
-}
-
-Task<> ServiceCalls::answer(Call call, Task<> work) {
-    std::optional<BusError> problem;
-    try {
-        co_await std::move(work);
-    } catch (const std::exception& error) {
-        if (platform::isCancellation(error)) {
-            throw;
-        }
-        problem = busErrorOf(error);
-    }
-    if (problem) {
-        call->fail(*problem);
-    }
-    loop_.wake();
 }
 
 Task<> ServiceCalls::sendFiles(Call call, std::vector<platform::Path> files, std::vector<PeerKey> phones) {

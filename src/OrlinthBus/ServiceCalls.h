@@ -46,7 +46,6 @@ private:
     using Call = std::shared_ptr<BusCall>;
 
     void run(platform::TaskGroup& tasks, BusCall call, const std::function<Task<>(const Call&)>& begin);
-    [[nodiscard]] Task<> answer(Call call, Task<> work);
     [[nodiscard]] Task<> sendFiles(Call call, std::vector<platform::Path> files, std::vector<PeerKey> phones);
     [[nodiscard]] Task<> setSetting(Call call, std::string name, host::SettingValue value);
     void restart(BusCall call);
